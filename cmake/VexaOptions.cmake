@@ -1,0 +1,56 @@
+# Compiler settings shared by every target, the external libraries, and the helpers that declare targets.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+set(VEXA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+
+find_program(VEXA_CCACHE ccache)
+if(VEXA_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${VEXA_CCACHE})
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2 -Wundef -Werror)
+if(VEXA_SANITIZE)
+  # -O1 keeps the sanitizer builds quick enough to run on every change; -g1 keeps line numbers in reports.
+  set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1")
+  add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VEXA_SANITIZE})
+  if(VEXA_SANITIZE MATCHES "thread")
+    # gcc warns that it does not model atomic_thread_fence; Asio uses it in its own headers only.
+    add_compile_options(-Wno-tsan)
+  endif()
+else()
+  add_link_options(-Wl,-z,relro,-z,now)
+  if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+  endif()
+endif()
+
+include_directories(${CMAKE_SOURCE_DIR})
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
+
+# vexa_library(NAME SOURCES... LINK ...): one folder of the host as a static library.
+function(vexa_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC ${arg_LINK})
+endfunction()
+
+# vexa_test(NAME SOURCES... LINK ... [LABELS ...] [TIMEOUT s]): one GoogleTest program, run by CTest as one test.
+function(vexa_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 300)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()

@@ -1,0 +1,114 @@
+#include "host/base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
+
+namespace vexa {
+namespace {
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+ErrorCode CodeOf(int error_number) {
+  switch (error_number) {
+    case ENOENT:
+      return ErrorCode::kNotFound;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return ErrorCode::kDenied;
+    case ENOSPC:
+    case EDQUOT:
+      return ErrorCode::kNoSpace;
+    default:
+      return ErrorCode::kInternal;
+  }
+}
+
+Error Failed(const std::string& what, const std::string& path, int error_number) {
+  return SystemError(CodeOf(error_number), "Cannot " + what + " '" + path + "'", error_number);
+}
+
+bool WriteAll(int fd, std::string_view content) {
+  while (!content.empty()) {
+    const ssize_t written = ::write(fd, content.data(), content.size());
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    content.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+}  // namespace
+
+Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes) {
+  // O_NONBLOCK: a FIFO in the place of the file must not hold the caller.
+  const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (fd.get() < 0) return Failed("open", path, errno);
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) return Failed("read", path, errno);
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, "'" + path + "' is not a regular file");
+  std::string content;
+  std::vector<char> buffer(64 * 1024);
+  while (true) {
+    const ssize_t count = ::read(fd.get(), buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return Failed("read", path, errno);
+    if (count == 0) return content;
+    content.append(buffer.data(), static_cast<std::size_t>(count));
+    if (content.size() > max_bytes) {
+      return Error(ErrorCode::kInvalid, "'" + path + "' is larger than " + std::to_string(max_bytes) + " bytes");
+    }
+  }
+}
+
+Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode) {
+  const std::string folder = std::filesystem::path(path).parent_path().string();
+  std::string temporary = path + ".XXXXXX";
+  const FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (fd.get() < 0) return Failed("create a file beside", path, errno);
+  const bool written = WriteAll(fd.get(), content) && ::fchmod(fd.get(), mode) == 0 && ::fsync(fd.get()) == 0 &&
+                       ::rename(temporary.c_str(), path.c_str()) == 0;
+  if (!written) {
+    const int error_number = errno;
+    ::unlink(temporary.c_str());
+    return Failed("write", path, error_number);
+  }
+  const FileDescriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() < 0 || ::fsync(directory.get()) != 0) return Failed("sync the folder of", path, errno);
+  return {};
+}
+
+Status CreateDirectories(const std::string& path, mode_t mode) {
+  std::filesystem::path so_far;
+  for (const auto& part : std::filesystem::path(path)) {
+    so_far /= part;
+    if (::mkdir(so_far.c_str(), mode) == 0 || errno == EEXIST) continue;
+    return Failed("create the folder", so_far.string(), errno);
+  }
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return Failed("create the folder", path, errno);
+  if (!S_ISDIR(info.st_mode)) return Error(ErrorCode::kConflict, "'" + path + "' exists and is not a folder");
+  return {};
+}
+
+}  // namespace vexa

@@ -1,0 +1,132 @@
+// The HTTP/1.1 server: sockets, framing, limits, deadlines. What a request means is decided elsewhere.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/base/result.h"
+
+namespace vexa::daemon {
+
+// Who is at the other end of a connection.
+struct Peer {
+  enum class Kind { kTcp, kUnix };
+  Kind kind = Kind::kTcp;
+  std::string address;              // numeric IP address; empty for a Unix socket
+  uid_t uid = 0;                    // Unix socket only: the peer's user id, from the kernel (SO_PEERCRED, unix(7))
+  bool tls = false;
+  std::string certificate_name;     // TLS only: the common name of a client certificate that the listener's authority signed
+};
+
+struct HttpRequest {
+  std::string id;      // 16 hex digits, new for every request
+  std::string method;  // "GET", "POST", …
+  std::string target;  // as received: starts with "/", no control characters, no fragment
+  // Header fields, "" when absent. Taken before the body is read, so that trailers cannot change them.
+  std::string content_type;
+  std::string authorization;
+  std::string cookie;
+  std::string csrf_token;  // X-Vexa-CSRF
+  std::string origin;
+  std::string body;
+  Peer peer;
+};
+
+struct HttpResponse {
+  int status = 200;
+  std::string content_type = "application/json";
+  std::string body;
+  std::vector<std::pair<std::string, std::string>> headers;  // further fields; no CR or LF in either part
+};
+
+// Sends the one response of a request. Copyable; every copy stands for the same request.
+// Threads: any. Calls after the first do nothing. When the last copy goes without a call, the client gets a 500.
+// Sending after the client has left, or after the server has gone, is harmless.
+class Responder {
+ public:
+  class Impl;
+  explicit Responder(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+  void Send(HttpResponse response) const;
+
+ private:
+  std::shared_ptr<Impl> impl_;
+};
+
+struct ListenerOptions {
+  enum class Kind { kTcp, kUnix };
+  Kind kind = Kind::kTcp;
+  std::string address = "127.0.0.1";  // numeric IPv4 or IPv6
+  std::uint16_t port = 0;             // 0: any free one, see HttpServer::port
+  std::string path;                   // Unix socket; a stale one is replaced, a live one is kBusy, anything else kConflict
+  mode_t mode = 0666;                 // of the Unix socket: who may connect at all; the daemon decides who may do what
+  // TLS when the first two are set. Private keys that others may read are refused.
+  std::string certificate_file;
+  std::string key_file;
+  std::string client_authority_file;  // set: a client may show a certificate signed by it; one that it did not sign ends the handshake
+};
+
+struct ServerLimits {
+  std::size_t header_bytes = 16 * 1024;
+  std::size_t body_bytes = 1024 * 1024;
+  std::size_t connections = 10'000;
+  std::size_t connections_per_peer = 6'000;
+  std::chrono::milliseconds handshake{5'000};
+  std::chrono::milliseconds header{10'000};
+  std::chrono::milliseconds body{30'000};
+  std::chrono::milliseconds write{30'000};
+  std::chrono::milliseconds idle{300'000};
+};
+
+struct ServerOptions {
+  std::vector<ListenerOptions> listeners;
+  ServerLimits limits;
+  int io_threads = 2;
+
+  // Called on an I/O thread after the header, before the body: a response refuses the request. Must not block. Optional.
+  std::function<std::optional<HttpResponse>(const HttpRequest&)> on_header;
+  // Called on an I/O thread with the whole request. Must not block: hand longer work to a lane.
+  std::function<void(HttpRequest&&, Responder)> on_request;
+  // The reply for what the server refuses by itself: 400, 408, 413, 414, 417, 431, 500, 501, 503, 505.
+  std::function<HttpResponse(int status, const std::string& request_id)> make_error;
+};
+
+struct ServerStats {
+  std::size_t connections = 0;            // open now
+  std::uint64_t connections_accepted = 0;
+  std::uint64_t connections_refused = 0;  // over a limit
+  std::uint64_t requests = 0;
+  std::uint64_t refused_by_server = 0;    // answered with make_error
+};
+
+// Threads: construct and destroy on one; the rest any.
+class HttpServer {
+ public:
+  // Binds and listens. Errors name the address and the reason.
+  static Result<std::unique_ptr<HttpServer>> Start(ServerOptions options);
+  // Stops as Stop(0 s) does.
+  ~HttpServer();
+
+  // The port that listener `index` got.
+  std::uint16_t port(std::size_t index) const;
+
+  // Closes the listeners and idle connections, lets requests that have begun finish (their responses say
+  // "Connection: close"), at most `deadline`; then closes what is left. True when nothing had to be cut. Removes Unix sockets.
+  bool Stop(std::chrono::milliseconds deadline);
+
+  ServerStats stats() const;
+
+ private:
+  class Impl;
+  explicit HttpServer(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vexa::daemon

@@ -1,0 +1,99 @@
+// The key-value store that holds the cluster's records.
+//
+// Keys are paths such as "/dash/guest/<id>/object" (host/store/key.h builds them). A value is JSON text and carries the
+// revision that wrote it. Revisions count commits of the whole store, from 1; 0 means "absent" or "before everything".
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
+
+namespace vexa::store {
+
+using Revision = std::uint64_t;
+
+// A value inside a snapshot. The text is valid until the snapshot is destroyed.
+struct ValueView {
+  Revision revision = 0;
+  std::string_view text;
+};
+
+// One consistent state of the whole store. Keep it short: while it lives, the store cannot reuse space.
+// Threads: one at a time.
+class Snapshot {
+ public:
+  virtual ~Snapshot() = default;
+
+  // The revision of the last commit this snapshot contains.
+  virtual Revision revision() const = 0;
+
+  // The value of `key`; an empty optional when there is none, also for a key that can never exist (empty, too long).
+  virtual Result<std::optional<ValueView>> Get(std::string_view key) const = 0;
+
+  // The distinct next path segments below `prefix`, decoded, in byte order of their encoded form. `prefix` is a path
+  // without a trailing slash. Nothing below it is an empty list. Cost grows with the children, not with what is below them.
+  virtual Result<std::vector<std::string>> Children(std::string_view prefix) const = 0;
+
+  // Calls `visit` with every key at or below `prefix`, in byte order, until it returns false.
+  virtual Status Scan(std::string_view prefix,
+                      const std::function<bool(std::string_view key, const ValueView& value)>& visit) const = 0;
+};
+
+// The commit happens only when `key` still has this revision; 0: only when it is absent.
+struct Compare {
+  std::string key;
+  Revision revision = 0;
+};
+
+// Puts `text` (JSON), or deletes the key when `text` is empty. Deleting an absent key is not an error.
+struct Operation {
+  std::string key;
+  std::optional<std::string> text;
+};
+
+struct Transaction {
+  std::vector<Compare> compares;
+  std::vector<Operation> operations;
+};
+
+struct Change {
+  Revision revision = 0;
+  std::string key;
+  bool deleted = false;
+};
+
+struct ChangeBatch {
+  std::vector<Change> changes;  // in commit order; only keys at or below the watched prefix
+  Revision revision = 0;        // watch again from this revision
+  bool lost = false;            // the change log no longer reaches back: read everything anew, then watch from `revision`
+};
+
+enum class Health { kReady, kReadOnly, kInaccessible };
+
+// Threads: any, at the same time. Processes: any number on one machine may open the same embedded store.
+class Store {
+ public:
+  virtual ~Store() = default;
+
+  virtual Result<std::unique_ptr<Snapshot>> Read() const = 0;
+
+  // Commits all operations or none, durably, and returns the revision that wrote them.
+  // Errors: kConflict (a compare failed; nothing changed), kInvalid (a bad key), kNoSpace (the disk is full; nothing
+  // changed), kUnavailable, kInternal. A transaction without operations checks its compares and returns the current revision.
+  virtual Result<Revision> Commit(const Transaction& transaction) = 0;
+
+  // The changes after `from` at or below `prefix`. Waits up to `timeout` when there are none; an empty batch then.
+  // Commits of other processes are seen as well, within 100 ms.
+  virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
+
+  virtual Health health() const = 0;
+};
+
+}  // namespace vexa::store
