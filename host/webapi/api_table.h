@@ -1,0 +1,95 @@
+// The one table of what this host answers. The dispatcher, the API description, the command line's help and the tests'
+// permission matrix are all made from it.
+#pragma once
+
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/base/accounts.h"
+#include "webapi/platform/webapi.h"
+
+namespace vexa::webapi {
+
+// Who may call a method.
+enum class Access {
+  kAnyone,         // also without a login
+  kUser,           // any login; the handler decides what the user may do
+  kAdministrator,  // administrators only
+  kHost,           // other hosts of the cluster only, known by their certificate
+};
+
+enum class LaneKind {
+  kQuick,  // answers from memory and the store
+  kLong,   // may wait: for other hosts, the hypervisor, a password check
+};
+
+// A value that must be written down: a row that leaves it out does not compile.
+template <class T>
+struct Declared {
+  constexpr Declared(T given) : value(given) {}  // NOLINT(google-explicit-constructor): reads as the value in a row
+  Declared() = delete;
+  T value;
+};
+
+enum class ParameterType { kString, kInteger, kBoolean, kArray, kObject };
+enum class Necessity { kRequired, kOptional };
+
+struct Parameter {
+  std::string_view name;
+  ParameterType type;
+  Necessity necessity;
+  std::string_view description;
+};
+
+// Who calls, as the dispatcher found out.
+struct Caller {
+  enum class Kind { kNobody, kUser, kHost };
+  Kind kind = Kind::kNobody;
+  base::User user;            // kUser only
+  std::string session_token;  // kUser by a session only
+  std::string peer;           // the address the login limiter counts, "unix:<uid>" for a Unix socket
+};
+
+struct Call {
+  VEXA::APIRequest* request;
+  VEXA::APIResponse* response;
+  const Caller& caller;
+};
+
+using Handler = std::function<void(const Call&)>;
+
+struct ApiRow {
+  std::string_view api;
+  std::string_view method;
+  int version;
+  Declared<Access> access;
+  Declared<LaneKind> lane;
+  Handler handler;
+  std::string_view summary;
+  std::vector<Parameter> parameters;
+  std::vector<int> errors;  // codes of its own, beside those that every method can answer
+};
+
+class ApiTable {
+ public:
+  // Two rows with the same API, method and version are a programming error: std::logic_error.
+  explicit ApiTable(std::vector<ApiRow> rows);
+
+  // Null when there is no such API, method or version.
+  const ApiRow* Find(std::string_view api, std::string_view method, int version) const;
+  std::span<const ApiRow> rows() const { return rows_; }
+
+ private:
+  std::vector<ApiRow> rows_;  // sorted by API, method, version
+};
+
+// The handler of a method that needs nothing but request and response.
+Handler Plain(void (*handler)(VEXA::APIRequest*, VEXA::APIResponse*));
+
+std::string_view AccessName(Access access);
+std::string_view LaneName(LaneKind lane);
+
+}  // namespace vexa::webapi

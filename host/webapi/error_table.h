@@ -1,0 +1,47 @@
+// The numeric codes that a caller meets in "error.code", each with its HTTP status and an English sentence.
+#pragma once
+
+#include <span>
+#include <string_view>
+
+namespace vexa::webapi {
+
+// Codes of the daemon itself. The handlers' own codes are only in the table.
+inline constexpr int kErrorInternal = 100;
+inline constexpr int kErrorMalformed = 101;
+inline constexpr int kErrorUnreachable = 102;
+inline constexpr int kErrorNotLoggedIn = 103;
+inline constexpr int kErrorDenied = 104;
+inline constexpr int kErrorCsrf = 105;
+inline constexpr int kErrorWrongPassword = 106;
+inline constexpr int kErrorTooManyLogins = 107;
+inline constexpr int kErrorBusy = 108;
+inline constexpr int kErrorNotFound = 109;
+inline constexpr int kErrorMethodNotAllowed = 110;
+inline constexpr int kErrorNotJson = 111;
+inline constexpr int kErrorTooLarge = 112;
+inline constexpr int kErrorHeaderTooLarge = 113;
+inline constexpr int kErrorTimeout = 114;
+inline constexpr int kErrorNotImplemented = 115;
+inline constexpr int kErrorVersionNotSupported = 116;
+inline constexpr int kErrorExpectation = 117;
+inline constexpr int kErrorTargetTooLong = 118;
+inline constexpr int kErrorBadParameter = 401;
+inline constexpr int kErrorUnknownApi = 507;
+
+struct ErrorRow {
+  int code;
+  int http_status;
+  std::string_view sentence;
+};
+
+// All codes, in rising order.
+std::span<const ErrorRow> ErrorTable();
+
+// Null for a code that is not in the table.
+const ErrorRow* FindError(int code);
+
+// The row of a failure that the HTTP server found by itself; the row of 100 for a status that has none.
+const ErrorRow& ErrorOfHttpStatus(int http_status);
+
+}  // namespace vexa::webapi

@@ -1,0 +1,20 @@
+// VEXA.Virtualization.Guest: one guest's configuration.
+#pragma once
+
+#include "webapi/platform/webapi.h"
+#include "webapi/utils/export.h"
+
+namespace VexaVirtualization {
+
+// The handlers set exactly one result on the response and return; they keep nothing between calls.
+// Threads: any number of requests at once.
+class VEXA_EXPORT Guest {
+ public:
+  // "get": the stored configuration of the guest "guest_id" (a UUID) as the edit dialog needs it: general settings,
+  // "vdisks" and "vnics". "vram_size" is in KiB, each disk's "size" is the text of the stored size in MiB.
+  // Errors: 401 "guest_id" missing or no UUID; 409 the caller may not act on the guest; 403 the record of the guest, of
+  // a disk or of a network interface cannot be read; 413 a disk's type is unknown. Nothing partial is sent.
+  static void Get(VEXA::APIRequest* request, VEXA::APIResponse* response);
+};
+
+}  // namespace VexaVirtualization

@@ -1,0 +1,175 @@
+#include <string>
+#include <utility>
+
+#include "webapi/guest/guest.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
+#include "webapi/utils/log.h"
+#include "webapi/utils/utils.h"
+
+namespace VexaVirtualization {
+namespace {
+
+namespace key = VexaCCC::DB::_k;
+using VexaCCC::DB::Dashboard;
+using VexaCCC::DB::DashCate;
+
+constexpr int kBadParameter = 401;
+constexpr int kUnreadable = 403;
+constexpr int kNotAllowed = 409;
+constexpr int kUnknownDiskType = 413;
+
+constexpr Json::ArrayIndex kUsbPorts = 4;
+constexpr int kShownDiskFormat = 2;
+
+// Only disks of the shown format have their type looked at, so each word stands for the type's number in the record.
+constexpr std::pair<int, const char*> kDiskTypes[] = {
+    {1, "alun"}, {2, "blun"}, {4, "blun_sink"}, {8, "blun_cow"}, {16, "blun_compress"},
+};
+
+const char* DiskTypeWord(int type) {
+  for (const auto& [number, word] : kDiskTypes) {
+    if (number == type) return word;
+  }
+  return nullptr;
+}
+
+bool ReadObject(const DashCate& category, const std::string& id, Json::Value& record) {
+  return Dashboard(category, id).Get(record, key::object) == 0;
+}
+
+// Absent keys take the default; a present null converts.
+std::string StringOr(const Json::Value& record, const char* name, const char* fallback) {
+  const Json::Value* value = json::FindMember(record, name);
+  return value ? json::String(*value) : fallback;
+}
+
+int IntOr(const Json::Value& record, const char* name, int fallback) {
+  const Json::Value* value = json::FindMember(record, name);
+  return value ? json::Int(*value) : fallback;
+}
+
+Json::Value UsbPorts(const Json::Value& record) {
+  Json::Value ports(Json::arrayValue);
+  for (Json::ArrayIndex port = 0; port < kUsbPorts; ++port) ports.append("unmounted");
+  const Json::Value& stored = json::Member(record, key::usbs);
+  if (stored.isArray()) {
+    // All four, whatever the stored length: a shorter array leaves null behind.
+    for (Json::ArrayIndex port = 0; port < kUsbPorts; ++port) ports[port] = json::Element(stored, port);
+  }
+  return ports;
+}
+
+Json::Value GeneralSettings(const Json::Value& record) {
+  Json::Value reply(Json::objectValue);
+  reply["name"] = json::Member(record, key::name);
+  reply["repo_id"] = json::Member(record, key::repository_id);
+  reply["vcpu_num"] = json::Int(json::Member(record, key::vcpu_num));
+  // MiB to KiB in 64 bits; unsigned, so that no stored number makes the shift undefined.
+  const auto vram_mib = static_cast<Json::UInt64>(json::Int64(json::Member(record, key::vram_size)));
+  reply["vram_size"] = static_cast<Json::Int64>(vram_mib << 10);
+  reply["video_card"] = StringOr(record, key::video_card, "cirrus");
+  reply["cpu_passthru"] = json::Bool(json::Member(record, key::cpu_passthru));
+  reply["vdisks"] = Json::Value(Json::arrayValue);
+  reply["vnics"] = Json::Value(Json::arrayValue);
+  reply["autorun"] = IntOr(record, key::autorun, 0);
+  reply["is_ha_enabled"] = !StringOr(record, key::ha_group_id, "").empty();
+  reply["desc"] = StringOr(record, key::desc, "");
+  reply["boot_from"] = StringOr(record, key::boot_from, "disk");
+  reply["use_ovmf"] = json::Bool(json::Member(record, key::use_ovmf));
+  reply["usb_version"] = IntOr(record, key::usb_version, 2);
+  reply["usbs"] = UsbPorts(record);
+  reply["kb_layout"] = StringOr(record, key::kb_layout, "Default");
+  reply["cpu_pin_num"] = IntOr(record, key::cpu_pin_num, 0);
+  reply["cpu_weight"] = IntOr(record, key::cpu_weight, 256);
+  if (const Json::Value* value = json::FindMember(record, key::hyperv_enlighten))
+    reply["hyperv_enlighten"] = json::Bool(*value);
+  if (const Json::Value* value = json::FindMember(record, key::iso_images)) reply["iso_images"] = *value;
+  if (const Json::Value* value = json::FindMember(record, key::is_general_vm)) reply["is_general_vm"] = *value;
+  return reply;
+}
+
+Json::Value Disk(const std::string& id, const Json::Value& record, const char* type_word) {
+  Json::Value disk(Json::objectValue);
+  disk["vdisk_id"] = id;
+  disk["size"] = json::String(json::Member(record, key::size));
+  disk["lun_type"] = type_word;
+  disk["vdisk_mode"] = IntOr(record, key::vdisk_mode, 1);
+  disk["is_dummy"] = json::Bool(json::Member(record, key::is_dummy));
+  disk["unmap"] = json::Bool(json::Member(record, key::unmap));
+  disk["is_meta_disk"] = json::Bool(json::Member(record, key::is_meta_disk));
+  return disk;
+}
+
+Json::Value Nic(const std::string& id, const Json::Value& record) {
+  Json::Value nic(Json::objectValue);
+  nic["vnic_id"] = id;
+  nic["network_id"] = json::Member(record, key::network_group_id);
+  nic["prefer_sriov"] = json::Member(record, key::prefer_sriov);
+  nic["mac"] = json::Member(record, key::mac_address);
+  nic["vnic_type"] = json::Member(record, key::vnic_type);
+  return nic;
+}
+
+// Appends the guest's disks, in the record's order. 0, or the error code to answer; the line is written then.
+int AppendDisks(const Json::Value& ids, Json::Value& disks) {
+  for (const Json::Value& element : json::Elements(ids)) {
+    const std::string id = json::String(element);
+    Json::Value record;
+    if (!ReadObject(DashCate::vDisk, id, record)) {
+      VEXA_LOG("guest", "Failed to get info of vdisk[%s] from dashboard.", id.c_str());
+      return kUnreadable;
+    }
+    if (json::Int(json::Member(record, key::format)) != kShownDiskFormat) continue;
+    const int type = json::Int(json::Member(record, key::type));
+    const char* type_word = DiskTypeWord(type);
+    if (!type_word) {
+      VEXA_LOG("guest", "Unknown vdisk type[%d].", type);
+      return kUnknownDiskType;
+    }
+    disks.append(Disk(id, record, type_word));
+  }
+  return 0;
+}
+
+int AppendNics(const Json::Value& ids, Json::Value& nics) {
+  for (const Json::Value& element : json::Elements(ids)) {
+    const std::string id = json::String(element);
+    Json::Value record;
+    if (!ReadObject(DashCate::vNic, id, record)) {
+      VEXA_LOG("guest", "Failed to get info of vnic[%s] from dashboard.", id.c_str());
+      return kUnreadable;
+    }
+    nics.append(Nic(id, record));
+  }
+  return 0;
+}
+
+}  // namespace
+
+void Guest::Get(VEXA::APIRequest* request, VEXA::APIResponse* response) {
+  const auto guest_id = request->GetAndCheckString("guest_id", 0, VexaCCC::Utils::isUUID);
+  if (guest_id.IsInvalid()) {
+    const std::string parameters = json::ToText(request->GetParam("", Json::Value()));
+    VEXA_LOG("guest", "Bad parameters, request: %s", parameters.c_str());
+    return response->SetError(kBadParameter, Json::Value());
+  }
+  const std::string& id = guest_id.Get();
+  if (!IsGuestPermitted(request, id)) {
+    const std::string user = request->GetLoginUserName();
+    VEXA_LOG("guest", "Action on guest[%s] is not allowed from user[%s]", id.c_str(), user.c_str());
+    return response->SetError(kNotAllowed, Json::Value());
+  }
+  Json::Value record;
+  if (!ReadObject(DashCate::Guest, id, record)) {
+    VEXA_LOG("guest", "Failed to get info of guest[%s] from dashboard.", id.c_str());
+    return response->SetError(kUnreadable, Json::Value());
+  }
+  Json::Value reply = GeneralSettings(record);
+  int failure = AppendDisks(json::Member(record, key::vdisks), reply["vdisks"]);
+  if (failure == 0) failure = AppendNics(json::Member(record, key::vnics), reply["vnics"]);
+  if (failure != 0) return response->SetError(failure, Json::Value());
+  response->SetSuccess(reply);
+}
+
+}  // namespace VexaVirtualization

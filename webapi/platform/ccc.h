@@ -1,0 +1,75 @@
+// Cluster control: the dashboard database and the guest-admin rights.
+#pragma once
+
+#include <json/value.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "webapi/platform/ccc_constants.h"
+
+#pragma GCC visibility push(default)
+
+namespace VexaCCC {
+
+namespace DB {
+
+// A category of the dashboard database.
+class DashCate {
+ public:
+  static const DashCate Host, Guest, Repository, vDisk, vNic, GuestAdmin;
+
+  // The ids of the category. 0: listed, also when there is none. 2: accepted by some callers as "never created"; this
+  // platform does not give it. Anything else: failure, `ids` untouched.
+  int List(std::vector<std::string>& ids) const;
+
+  const char* name() const { return name_; }
+  explicit constexpr DashCate(const char* name) : name_(name) {}
+
+ private:
+  const char* name_;
+};
+
+// One object of a category. All reads of one request see the same state of the database.
+// Threads: one at a time.
+class Dashboard {
+ public:
+  Dashboard(const DashCate& category, const std::string& id);
+
+  // 0: found. 2: not found. Negative: failure. `out` is untouched unless found. `key` is one of the key constants or
+  // the text of a VexaETCD::Path; a value that was not stored under its own key is looked for among the object's
+  // members.
+  int Get(Json::Value& out, const std::string& key);
+  // As above; a value that is no string is not found.
+  int Get(std::string& out, const std::string& key);
+  // The children of a key; none is not an error. 0 or negative, `ids` untouched then.
+  int Ls(std::vector<std::string>& ids, const std::string& key);
+
+ private:
+  DashCate category_;
+  std::string id_;
+};
+
+// This host's id. Never empty once the host serves requests.
+std::string DBLocalhostID();
+
+}  // namespace DB
+
+namespace Utils {
+
+// The 8-4-4-4-12 hexadecimal form of RFC 4122, either case, nothing around it.
+bool isUUID(const std::string& text);
+bool IsNotEmpty(const std::string& text);
+
+}  // namespace Utils
+
+// Exactly 1: `user`, or a group of theirs, is advanced. 0: no. Negative: it cannot be told.
+int gaIsAdvancedUser(const std::string& user);
+
+// Adds to `ids` what objects of `category` the user may use, by grants of their own and of their groups. 0 on success.
+int gaUserListAvail(const std::string& user, const std::string& category, std::set<std::string>& ids);
+
+}  // namespace VexaCCC
+
+#pragma GCC visibility pop

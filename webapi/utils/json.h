@@ -1,0 +1,43 @@
+// Total readers of JSON values: whatever the value is, they answer and never throw, and reading never inserts.
+//
+// A value that jsoncpp converts is converted as jsoncpp does it (2.5 is the integer 2, true the integer 1, 7 the text
+// "7"). A value whose conversion would throw reads as null does: 0, "", false, no members, no elements.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+namespace VexaVirtualization::json {
+
+// The member of an object; null when there is none, and for anything but an object.
+// The reference lives as long as `value`.
+const Json::Value& Member(const Json::Value& value, const char* name);
+const Json::Value& Member(const Json::Value& value, const std::string& name);
+
+// The same, told apart from a member that is null: a null pointer when there is none.
+const Json::Value* FindMember(const Json::Value& value, const char* name);
+const Json::Value* FindMember(const Json::Value& value, const std::string& name);
+
+// The element of an array; null beyond its end, and for anything but an array.
+const Json::Value& Element(const Json::Value& value, Json::ArrayIndex index);
+
+std::string String(const Json::Value& value);
+int Int(const Json::Value& value);
+unsigned int UInt(const Json::Value& value);
+Json::Int64 Int64(const Json::Value& value);
+Json::UInt64 UInt64(const Json::Value& value);
+double Double(const Json::Value& value);
+bool Bool(const Json::Value& value);
+
+// The names of an object's members in byte order; none for anything but an object.
+std::vector<std::string> MemberNames(const Json::Value& value);
+
+// `value` when it is an array, else an empty one: for range loops over elements.
+const Json::Value& Elements(const Json::Value& value);
+
+// The JSON text: compact, one line, no trailing newline, UTF-8 as it is.
+std::string ToText(const Json::Value& value);
+
+}  // namespace VexaVirtualization::json
