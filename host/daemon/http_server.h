@@ -38,6 +38,7 @@ struct HttpRequest {
   std::string origin;
   std::string body;
   Peer peer;
+  std::shared_ptr<void> context;  // what on_header leaves for on_request
 };
 
 struct HttpResponse {
@@ -91,7 +92,7 @@ struct ServerOptions {
   int io_threads = 2;
 
   // Called on an I/O thread after the header, before the body: a response refuses the request. Must not block. Optional.
-  std::function<std::optional<HttpResponse>(const HttpRequest&)> on_header;
+  std::function<std::optional<HttpResponse>(HttpRequest&)> on_header;
   // Called on an I/O thread with the whole request. Must not block: hand longer work to a lane.
   std::function<void(HttpRequest&&, Responder)> on_request;
   // The reply for what the server refuses by itself: 400, 408, 413, 414, 417, 431, 500, 501, 503, 505.

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/base/accounts.h"
@@ -50,13 +51,16 @@ struct Caller {
   Kind kind = Kind::kNobody;
   base::User user;            // kUser only
   std::string session_token;  // kUser by a session only
-  std::string peer;           // the address the login limiter counts, "unix:<uid>" for a Unix socket
+  std::string host_id;        // kHost only
+  std::string peer;           // where the call comes from: an IP address, or "unix:<uid>"
+  bool tls = false;
 };
 
 struct Call {
   VEXA::APIRequest* request;
   VEXA::APIResponse* response;
   const Caller& caller;
+  std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot say
 };
 
 using Handler = std::function<void(const Call&)>;

@@ -1,0 +1,101 @@
+// The dashboard: "/dash/<category>/<id>/<key…>". A record stands under the key "object"; a key of its own is only used
+// where something is written on its own.
+#include <algorithm>
+#include <string_view>
+
+#include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
+
+namespace VexaCCC::DB {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using vexa::cluster::ReadChildren;
+using vexa::cluster::ReadRecord;
+using vexa::cluster::Record;
+
+constexpr int kFound = 0;
+constexpr int kNotFound = 2;
+constexpr int kFailed = -1;
+
+std::string FolderOf(const DashCate& category, const std::string& id) {
+  return vexa::store::MakeKey({"dash", category.name(), id});
+}
+
+// Finds the value of `key`: stored on its own, else among the members of the record. `use` gets it when found.
+template <class Use>
+int Find(const std::string& folder, const std::string& key, Use use) {
+  const vexa::Result<Record> own = ReadRecord(folder + "/" + key);
+  if (!own) return kFailed;
+  if (*own) return use(**own);
+  if (key == _k::object) return kNotFound;
+  const vexa::Result<Record> record = ReadRecord(folder + "/" + _k::object);
+  if (!record) return kFailed;
+  const Json::Value* member = *record ? json::FindMember(**record, key) : nullptr;
+  return member ? use(*member) : kNotFound;
+}
+
+}  // namespace
+
+constinit const DashCate DashCate::Host("host");
+constinit const DashCate DashCate::Guest("guest");
+constinit const DashCate DashCate::Repository("repository");
+constinit const DashCate DashCate::vDisk("vdisk");
+constinit const DashCate DashCate::vNic("vnic");
+constinit const DashCate DashCate::GuestAdmin("guest_admin");
+
+int DashCate::List(std::vector<std::string>& ids) const {
+  vexa::Result<std::vector<std::string>> children = ReadChildren(vexa::store::MakeKey({"dash", name_}));
+  if (!children) return kFailed;
+  ids = std::move(*children);
+  return kFound;
+}
+
+Dashboard::Dashboard(const DashCate& category, const std::string& id) : category_(category), id_(id) {}
+
+int Dashboard::Get(Json::Value& out, const std::string& key) {
+  return Find(FolderOf(category_, id_), key, [&out](const Json::Value& value) {
+    out = value;
+    return kFound;
+  });
+}
+
+int Dashboard::Get(std::string& out, const std::string& key) {
+  return Find(FolderOf(category_, id_), key, [&out](const Json::Value& value) {
+    if (!value.isString()) return kNotFound;
+    out = value.asString();
+    return kFound;
+  });
+}
+
+int Dashboard::Ls(std::vector<std::string>& ids, const std::string& key) {
+  vexa::Result<std::vector<std::string>> children = ReadChildren(FolderOf(category_, id_) + "/" + key);
+  if (!children) return kFailed;
+  ids = std::move(*children);
+  return kFound;
+}
+
+std::string DBLocalhostID() {
+  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
+  return environment ? environment->host_id : std::string();
+}
+
+}  // namespace VexaCCC::DB
+
+namespace VexaCCC::Utils {
+
+bool isUUID(const std::string& text) {
+  constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+  const auto fits = [](char c, char form) {
+    if (form == '-') return c == '-';
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+  };
+  return text.size() == kForm.size() && std::equal(text.begin(), text.end(), kForm.begin(), fits);
+}
+
+bool IsNotEmpty(const std::string& text) { return !text.empty(); }
+
+}  // namespace VexaCCC::Utils

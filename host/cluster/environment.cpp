@@ -1,0 +1,29 @@
+#include "host/cluster/environment.h"
+
+#include <optional>
+#include <utility>
+
+#include "host/cluster/environment_internal.h"
+
+namespace vexa::cluster {
+namespace {
+
+struct Installed {
+  explicit Installed(Environment given) : environment(std::move(given)), records(environment.record_cache_bytes) {}
+  Environment environment;
+  RecordCache records;
+};
+
+std::optional<Installed> installed;
+
+}  // namespace
+
+void InstallEnvironment(Environment environment) { installed.emplace(std::move(environment)); }
+
+void RemoveEnvironment() { installed.reset(); }
+
+const Environment* CurrentEnvironment() { return installed ? &installed->environment : nullptr; }
+
+RecordCache& CurrentRecordCache() { return installed->records; }
+
+}  // namespace vexa::cluster

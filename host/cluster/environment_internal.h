@@ -1,0 +1,12 @@
+// What only host/cluster sees of the installed environment.
+#pragma once
+
+#include "host/cluster/environment.h"
+#include "host/cluster/record_cache.h"
+
+namespace vexa::cluster {
+
+// Only while an environment is installed.
+RecordCache& CurrentRecordCache();
+
+}  // namespace vexa::cluster

@@ -1,0 +1,75 @@
+#include "host/cluster/guest_admin.h"
+
+#include <vector>
+
+#include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+// The guest-admin records that speak for `user`: their own first, then those of their groups. Missing ones are left
+// out.
+Result<std::vector<Record>> RecordsOf(const std::string& user) {
+  const Environment* environment = CurrentEnvironment();
+  if (!environment) return Error(ErrorCode::kUnavailable, "The cluster database is not open");
+  const Result<base::User> found = environment->accounts->FindUser(user);
+  if (!found) return found.error();
+  std::vector<std::string> identifiers{GuestAdminIdentifier(kUsersKind, found->uid)};
+  for (const base::Group& group : found->groups) {
+    identifiers.push_back(GuestAdminIdentifier(kGroupsKind, group.gid));
+  }
+  std::vector<Record> records;
+  for (const std::string& identifier : identifiers) {
+    Result<Record> record = ReadRecord(GuestAdminKey(identifier));
+    if (!record) return record.error();
+    if (*record) records.push_back(std::move(*record));
+  }
+  return records;
+}
+
+}  // namespace
+
+std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id) {
+  return std::string(kind) + "-" + std::to_string(numeric_id);
+}
+
+std::string GuestAdminKey(std::string_view identifier) {
+  return store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name(), identifier, VexaCCC::DB::_k::object});
+}
+
+}  // namespace vexa::cluster
+
+namespace VexaCCC {
+
+int gaIsAdvancedUser(const std::string& user) {
+  const auto records = vexa::cluster::RecordsOf(user);
+  if (!records) return -1;
+  for (const auto& record : *records) {
+    if (vexa::cluster::json::String(vexa::cluster::json::Member(*record, DB::_k::authlevel)) ==
+        vexa::cluster::kAdvancedLevel) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int gaUserListAvail(const std::string& user, const std::string& category, std::set<std::string>& ids) {
+  // Grants on other kinds of object do not exist.
+  if (category != DB::_k::guest) return -1;
+  const auto records = vexa::cluster::RecordsOf(user);
+  if (!records) return -1;
+  for (const auto& record : *records) {
+    for (std::string& id : vexa::cluster::json::MemberNames(vexa::cluster::json::Member(*record, DB::_k::guests))) {
+      ids.insert(std::move(id));
+    }
+  }
+  return 0;
+}
+
+}  // namespace VexaCCC

@@ -1,0 +1,185 @@
+#include "host/daemon/config.h"
+
+#include <arpa/inet.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <map>
+
+namespace vexa::daemon {
+namespace {
+
+constexpr const char* kDefaultFile = "/etc/vexa/vexad.conf";
+
+constexpr const char* kFooter = R"(
+The configuration file holds the same settings without the dashes, one "name = value" a line, for example:
+  data = "/var/lib/vexa"
+  listen = "127.0.0.1:8642"
+  socket = "/run/vexad/vexad.sock"
+Flags go before the file.
+
+SIGTERM and SIGINT stop the daemon: requests that have begun finish, for at most stop-timeout seconds; a second signal
+ends it at once.)";
+
+struct Address {
+  std::string host;
+  std::uint16_t port = 0;
+};
+
+Result<Address> ParseAddress(const std::string& text) {
+  const Error refused(ErrorCode::kInvalid,
+                      "'" + text +
+                          "' is no address to listen on: write a numeric address and a port, such as "
+                          "127.0.0.1:8642 or [::1]:8642");
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos) return refused;
+  std::string host = text.substr(0, colon);
+  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+  if (bracketed) host = host.substr(1, host.size() - 2);
+  unsigned char buffer[sizeof(in6_addr)];
+  if (::inet_pton(bracketed ? AF_INET6 : AF_INET, host.c_str(), buffer) != 1) return refused;
+  Address address{host, 0};
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, address.port);
+  if (error != std::errc() || stop != end) return refused;
+  return address;
+}
+
+bool IsLoopback(const std::string& host) { return host == "::1" || host.starts_with("127."); }
+
+void AddOptions(CLI::App& app, Config& config, bool& check_config) {
+  app.set_config("--config", kDefaultFile, "The configuration file")->check([](const std::string& path) {
+    return path == kDefaultFile ? std::string() : CLI::ExistingFile(path);
+  });
+  app.allow_config_extras(CLI::config_extras_mode::error);
+  app.add_flag("--check-config", check_config, "Check the configuration, say what is wrong, and exit")
+      ->configurable(false);
+
+  app.add_option("--data", config.data_directory, "The folder of the database, accounts and sessions")->group("Data");
+  app.add_option("--accounts", config.accounts, "Who knows users and passwords: a file of ours, or PAM and NSS")
+      ->check(CLI::IsMember({"file", "pam"}))
+      ->group("Accounts");
+  app.add_option("--account-file", config.account_file, "The account file (default: accounts.json in the data folder)")
+      ->group("Accounts");
+  app.add_option("--pam-service", config.pam_service, "The PAM service's name")->group("Accounts");
+  app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)")
+      ->group("Accounts");
+
+  app.add_option("--listen", config.listen,
+                 "Addresses to listen on, \"address:port\"; \"none\" for no network listener")
+      ->group("Network");
+  app.add_option("--socket", config.socket, "The Unix socket; an empty text for none")->group("Network");
+  app.add_option("--tls-certificate", config.tls_certificate, "The certificate chain (PEM) of the network listeners")
+      ->group("Network");
+  app.add_option("--tls-key", config.tls_key, "Its private key (PEM), readable by the daemon's user only")
+      ->group("Network");
+  app.add_option("--client-authority", config.client_authority,
+                 "The authority (PEM) that signs other hosts' certificates")
+      ->group("Network");
+  app.add_option("--max-connections", config.max_connections, "Open connections in total")
+      ->check(CLI::Range(1, 1'000'000))
+      ->group("Network");
+  app.add_option("--max-connections-per-peer", config.max_connections_per_peer,
+                 "Open connections of one address or user")
+      ->check(CLI::Range(1, 1'000'000))
+      ->group("Network");
+
+  app.add_option("--io-threads", config.io_threads, "Threads for sockets")->check(CLI::Range(1, 64))->group("Work");
+  app.add_option("--long-threads", config.long_threads, "Threads for calls that may wait long, at most")
+      ->check(CLI::Range(1, 16'384))
+      ->group("Work");
+  app.add_option("--calls-per-user", config.calls_per_user, "Calls of one user that may wait long, at a time")
+      ->check(CLI::Range(1, 16'384))
+      ->group("Work");
+  static const std::map<std::string, LogTarget> targets{
+      {"syslog", LogTarget::kSyslog}, {"stderr", LogTarget::kStderr}, {"both", LogTarget::kBoth}};
+  app.add_option("--log", config.log, "Where log lines go")
+      ->transform(CLI::CheckedTransformer(targets).description("{syslog,stderr,both}"))
+      ->group("Work");
+}
+
+// CLI11 knows no durations; these are read as whole seconds.
+void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& value, const char* help, const char* group) {
+  app.add_option_function<int>(
+         name, [&value](int seconds) { value = std::chrono::seconds(seconds); }, help)
+      ->check(CLI::Range(1, 31'536'000))
+      ->default_str(std::to_string(value.count()))
+      ->group(group);
+}
+
+}  // namespace
+
+CommandLine ParseCommandLine(int argc, const char* const* argv) {
+  CommandLine result;
+  Config& config = result.config;
+  bool check_config = false;
+  CLI::App app("vexad: makes this machine a host of a virtualization cluster.", "vexad");
+  app.footer(kFooter);
+  app.option_defaults()->always_capture_default();
+  app.set_version_flag("--version", VEXA_VERSION);
+  AddOptions(app, config, check_config);
+  AddSeconds(app, "--session-idle", config.sessions.idle, "Seconds without a request after which a login ends",
+             "Accounts");
+  AddSeconds(app, "--session-lifetime", config.sessions.absolute, "Seconds after which a login ends in any case",
+             "Accounts");
+  AddSeconds(app, "--stop-timeout", config.stop_timeout, "Seconds that requests have to finish when the daemon stops",
+             "Work");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    result.action = CommandLine::Action::kExit;
+    const int status = app.exit(error);
+    result.exit_status = status == 0 ? 0 : 2;
+    return result;
+  }
+  if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
+  if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
+  if (check_config) result.action = CommandLine::Action::kCheckConfig;
+  return result;
+}
+
+Result<std::vector<ListenerOptions>> ListenersOf(const Config& config) {
+  std::vector<ListenerOptions> listeners;
+  if (!config.socket.empty()) {
+    ListenerOptions listener;
+    listener.kind = ListenerOptions::Kind::kUnix;
+    listener.path = config.socket;
+    listeners.push_back(std::move(listener));
+  }
+  for (const std::string& text : config.listen) {
+    const Result<Address> address = ParseAddress(text);
+    if (!address) return address.error();
+    ListenerOptions listener;
+    listener.address = address->host;
+    listener.port = address->port;
+    listener.certificate_file = config.tls_certificate;
+    listener.key_file = config.tls_key;
+    listener.client_authority_file = config.client_authority;
+    listeners.push_back(std::move(listener));
+  }
+  return listeners;
+}
+
+Status CheckConfig(const Config& config) {
+  if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' names no folder");
+  if (config.tls_certificate.empty() != config.tls_key.empty()) {
+    return Error(ErrorCode::kInvalid, "'tls-certificate' and 'tls-key' go together: set both or none");
+  }
+  if (!config.client_authority.empty() && config.tls_certificate.empty()) {
+    return Error(ErrorCode::kInvalid, "'client-authority' needs 'tls-certificate' and 'tls-key'");
+  }
+  const Result<std::vector<ListenerOptions>> listeners = ListenersOf(config);
+  if (!listeners) return listeners.error();
+  if (listeners->empty()) return Error(ErrorCode::kInvalid, "There is nothing to listen on: set 'socket' or 'listen'");
+  for (const ListenerOptions& listener : *listeners) {
+    if (listener.kind == ListenerOptions::Kind::kTcp && !IsLoopback(listener.address) &&
+        config.tls_certificate.empty()) {
+      return Error(ErrorCode::kInvalid, "'" + listener.address +
+                                            "' can be reached by other machines: set 'tls-certificate' and 'tls-key', "
+                                            "so that passwords are not sent in the clear");
+    }
+  }
+  return {};
+}
+
+}  // namespace vexa::daemon

@@ -1,0 +1,55 @@
+// The daemon's configuration: a file, and flags that go before it.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/daemon/http_server.h"
+#include "host/daemon/log_line.h"
+#include "host/daemon/sessions.h"
+
+namespace vexa::daemon {
+
+struct Config {
+  std::string data_directory = "/var/lib/vexa";
+  std::vector<std::string> listen{"127.0.0.1:8642"};  // "address:port"; IPv6 as "[address]:port"
+  std::string socket = "/run/vexad/vexad.sock";       // empty: none
+  std::string tls_certificate;                        // for every network listener
+  std::string tls_key;
+  std::string client_authority;
+  std::string accounts = "file";  // "file" or "pam"
+  std::string account_file;       // empty: accounts.json in the data folder
+  std::string pam_service = "vexad";
+  std::string administrators_group = "administrators";  // "pam" only
+  int io_threads = 2;
+  std::size_t max_connections = 10'000;
+  std::size_t max_connections_per_peer = 6'000;
+  int long_threads = 1024;
+  int calls_per_user = 64;  // long calls of one user, waiting and running
+  SessionOptions sessions;
+  std::chrono::seconds stop_timeout{30};
+  LogTarget log = LogTarget::kSyslog;
+};
+
+// What the command line asks for.
+struct CommandLine {
+  enum class Action { kRun, kCheckConfig, kExit };
+  Action action = Action::kRun;
+  int exit_status = 0;  // kExit only: help, version, or a usage error that has been printed
+  Config config;
+};
+
+// Reads flags and the configuration file that they name. An unknown setting or a value out of range is a usage error.
+CommandLine ParseCommandLine(int argc, const char* const* argv);
+
+// What the flags alone cannot tell: addresses that do not parse, TLS settings that do not go together, a network
+// listener beyond loopback without TLS.
+Status CheckConfig(const Config& config);
+
+// The listeners that a checked configuration asks for, the Unix socket first.
+Result<std::vector<ListenerOptions>> ListenersOf(const Config& config);
+
+}  // namespace vexa::daemon

@@ -1,0 +1,216 @@
+#include "host/daemon/daemon.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <thread>
+#include <utility>
+
+#include "host/base/account_file.h"
+#include "host/base/account_pam.h"
+#include "host/base/files.h"
+#include "host/cluster/environment.h"
+#include "host/daemon/dispatcher.h"
+#include "host/daemon/guest_api.h"
+#include "host/daemon/host_id.h"
+#include "host/daemon/http_server.h"
+#include "host/daemon/identity.h"
+#include "host/daemon/lane.h"
+#include "host/daemon/login_limiter.h"
+#include "host/daemon/metrics.h"
+#include "host/daemon/session_api.h"
+#include "host/daemon/sessions.h"
+#include "host/store/lmdb_store.h"
+#include "host/webapi/error_table.h"
+
+namespace vexa::daemon {
+namespace {
+
+LaneOptions QuickLane() {
+  LaneOptions options;
+  options.name = "quick";
+  options.min_threads = 2 * static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  options.max_threads = std::max(64, options.min_threads);
+  return options;
+}
+
+LaneOptions LongLane(const Config& config) {
+  LaneOptions options;
+  options.name = "long";
+  options.min_threads = 0;
+  options.max_threads = config.long_threads;
+  options.max_per_user = static_cast<std::size_t>(config.calls_per_user);
+  options.grow_after = std::chrono::milliseconds(0);
+  options.stack_bytes = std::size_t{256} << 10;
+  return options;
+}
+
+Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config) {
+  if (config.accounts == "pam") {
+    base::PamOptions options;
+    options.service = config.pam_service;
+    options.administrators_group = config.administrators_group;
+    return std::shared_ptr<base::AccountProvider>(base::MakePamAccounts(options));
+  }
+  auto file = base::AccountFile::Open(config.account_file);
+  if (!file) return file.error();
+  return std::shared_ptr<base::AccountProvider>(std::move(*file));
+}
+
+std::string DescribeHealth(store::Health health) {
+  switch (health) {
+    case store::Health::kReady:
+      return "";
+    case store::Health::kReadOnly:
+      return "the database cannot be written";
+    case store::Health::kInaccessible:
+      return "the database cannot be read";
+  }
+  return "";
+}
+
+}  // namespace
+
+// Members are destroyed in reverse order: the server first, then the lanes, then what the handlers use.
+class Daemon::Impl {
+ public:
+  explicit Impl(const Config& config)
+      : limiter_(LoginLimiterOptions{}), quick_(QuickLane()), long_running_(LongLane(config)) {}
+
+  ~Impl() {
+    Stop(std::chrono::milliseconds(0));
+    server_.reset();
+    cluster::RemoveEnvironment();
+  }
+
+  Status Start(const Config& config, std::vector<webapi::ApiRow> further_rows) {
+    if (Status opened = OpenData(config); !opened) return opened;
+    MakeTable(config, std::move(further_rows));
+    return StartServer(config);
+  }
+
+  std::uint16_t port(std::size_t index) const { return server_->port(index + first_network_listener_); }
+
+  void Sweep() {
+    const Status swept = sessions_->Sweep();
+    if (!swept) ::syslog(LOG_ERR, "The sessions cannot be written: %s", swept.error().ToString().c_str());
+  }
+
+  bool Stop(std::chrono::milliseconds deadline) {
+    if (stopped_ || !server_) return true;
+    stopped_ = true;
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    const auto left = [end] {
+      const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      return std::max(rest, std::chrono::milliseconds(0));
+    };
+    const bool served = server_->Stop(deadline);
+    // Requests whose clients have left may still run.
+    const bool quick_done = quick_.Stop(left());
+    const bool long_done = long_running_.Stop(left());
+    Sweep();
+    return served && quick_done && long_done;
+  }
+
+ private:
+  Status OpenData(const Config& config) {
+    if (Status made = CreateDirectories(config.data_directory, 0700); !made) return made;
+    Result<std::string> host_id = LoadHostId(config.data_directory);
+    if (!host_id) return host_id.error();
+    store::LmdbOptions store_options;
+    store_options.directory = config.data_directory + "/store";
+    auto store = store::OpenLmdbStore(store_options);
+    if (!store) return store.error();
+    store_ = std::move(*store);
+    auto accounts = OpenAccounts(config);
+    if (!accounts) return accounts.error();
+    accounts_ = std::move(*accounts);
+    auto sessions = SessionTable::Open(config.data_directory + "/sessions.json", config.sessions);
+    if (!sessions) return sessions.error();
+    sessions_ = std::move(*sessions);
+    identity_ = std::make_unique<Identity>(*sessions_, *accounts_);
+    cluster::Environment environment;
+    environment.store = store_;
+    environment.accounts = accounts_;
+    environment.host_id = std::move(*host_id);
+    cluster::InstallEnvironment(std::move(environment));
+    return {};
+  }
+
+  void MakeTable(const Config& config, std::vector<webapi::ApiRow> further_rows) {
+    std::vector<webapi::ApiRow> rows = std::move(further_rows);
+    for (auto&& part :
+         {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute})}) {
+      rows.insert(rows.end(), part.begin(), part.end());
+    }
+    table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
+    metrics_ = std::make_unique<Metrics>(*table_);
+    Dispatcher::Parts parts;
+    parts.table = table_.get();
+    parts.identity = identity_.get();
+    parts.metrics = metrics_.get();
+    parts.quick = &quick_;
+    parts.long_running = &long_running_;
+    parts.metrics_text = [this] {
+      return metrics_->ToText(
+          {server_->stats(), {{"quick", quick_.stats()}, {"long", long_running_.stats()}}, sessions_->size()});
+    };
+    parts.health = [this] { return DescribeHealth(store_->health()); };
+    dispatcher_ = std::make_unique<Dispatcher>(std::move(parts));
+  }
+
+  Status StartServer(const Config& config) {
+    auto listeners = ListenersOf(config);
+    if (!listeners) return listeners.error();
+    first_network_listener_ = config.socket.empty() ? 0 : 1;
+    ServerOptions options;
+    options.listeners = std::move(*listeners);
+    options.limits.connections = config.max_connections;
+    options.limits.connections_per_peer = config.max_connections_per_peer;
+    options.io_threads = config.io_threads;
+    options.on_header = [this](HttpRequest& request) { return dispatcher_->OnHeader(request); };
+    options.on_request = [this](HttpRequest&& request, Responder responder) {
+      dispatcher_->OnRequest(std::move(request), std::move(responder));
+    };
+    options.make_error = [](int status, const std::string& request_id) {
+      HttpResponse response = MakeErrorReply(webapi::ErrorOfHttpStatus(status).code, Json::Value(), request_id);
+      response.status = status;
+      return response;
+    };
+    auto server = HttpServer::Start(std::move(options));
+    if (!server) return server.error();
+    server_ = std::move(*server);
+    return {};
+  }
+
+  std::shared_ptr<store::Store> store_;
+  std::shared_ptr<base::AccountProvider> accounts_;
+  std::unique_ptr<SessionTable> sessions_;
+  std::unique_ptr<Identity> identity_;
+  LoginLimiter limiter_;
+  std::unique_ptr<webapi::ApiTable> table_;
+  std::unique_ptr<Metrics> metrics_;
+  std::unique_ptr<Dispatcher> dispatcher_;
+  Lane quick_;
+  Lane long_running_;
+  std::unique_ptr<HttpServer> server_;
+  std::size_t first_network_listener_ = 0;
+  bool stopped_ = false;
+};
+
+Daemon::Daemon(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Daemon::~Daemon() = default;
+
+Result<std::unique_ptr<Daemon>> Daemon::Start(const Config& config, std::vector<webapi::ApiRow> further_rows) {
+  auto impl = std::make_unique<Impl>(config);
+  if (Status started = impl->Start(config, std::move(further_rows)); !started) return started.error();
+  return std::unique_ptr<Daemon>(new Daemon(std::move(impl)));
+}
+
+std::uint16_t Daemon::port(std::size_t index) const { return impl_->port(index); }
+void Daemon::Sweep() { impl_->Sweep(); }
+bool Daemon::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(deadline); }
+
+}  // namespace vexa::daemon

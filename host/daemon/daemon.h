@@ -1,0 +1,37 @@
+// A running host: everything that vexad is, put together.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/daemon/config.h"
+#include "host/webapi/api_table.h"
+
+namespace vexa::daemon {
+
+// One per process.
+class Daemon {
+ public:
+  // Opens the data folder, starts the lanes and the server. `further_rows` join the API table (tests and benchmarks).
+  static Result<std::unique_ptr<Daemon>> Start(const Config& config, std::vector<webapi::ApiRow> further_rows = {});
+  // Stops as Stop does with no time for requests, unless it has been stopped.
+  ~Daemon();
+
+  // The port of the network listener `index`, in the order of the configuration.
+  std::uint16_t port(std::size_t index) const;
+
+  // What is due about once a minute: ended sessions are dropped.
+  void Sweep();
+
+  // Lets requests that have begun finish, at most `deadline`. False when some had to be left.
+  bool Stop(std::chrono::milliseconds deadline);
+
+ private:
+  class Impl;
+  explicit Daemon(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vexa::daemon

@@ -1,0 +1,271 @@
+#include "host/daemon/dispatcher.h"
+
+#include <strings.h>
+#include <syslog.h>
+
+#include <charconv>
+#include <exception>
+#include <utility>
+
+#include "host/base/json_parse.h"
+#include "host/cluster/reading.h"
+#include "host/daemon/openapi.h"
+#include "host/daemon/request_id.h"
+#include "host/webapi/error_table.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::daemon {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using webapi::Access;
+using webapi::Caller;
+
+constexpr std::string_view kApiPrefix = "/webapi/";
+constexpr std::string_view kVersionQuery = "version=";
+
+using Clock = std::chrono::steady_clock;
+
+HttpResponse MakeErrorReply(int code, const std::string& request_id) {
+  return daemon::MakeErrorReply(code, Json::Value(), request_id);
+}
+
+HttpResponse MakeSuccessReply(const Json::Value& data, const std::string& request_id) {
+  HttpResponse response;
+  response.body = "{\"success\":true,\"data\":" + json::ToText(data) + ",\"request_id\":\"" + request_id + "\"}";
+  return response;
+}
+
+// "application/json", with or without parameters (RFC 9110, section 8.3.1).
+bool IsJsonContentType(std::string_view value) {
+  constexpr std::string_view kJson = "application/json";
+  if (value.size() < kJson.size() || ::strncasecmp(value.data(), kJson.data(), kJson.size()) != 0) return false;
+  return value.size() == kJson.size() || value[kJson.size()] == ';' || value[kJson.size()] == ' ';
+}
+
+// The version that the query names, 1 without a query, 0 when it cannot be read.
+int VersionOf(std::string_view query) {
+  if (query.empty()) return 1;
+  if (!query.starts_with(kVersionQuery)) return 0;
+  int version = 0;
+  const char* const end = query.data() + query.size();
+  const auto [stop, error] = std::from_chars(query.data() + kVersionQuery.size(), end, version);
+  return error == std::errc() && stop == end && version > 0 ? version : 0;
+}
+
+// 0 when callers of this kind may call a method of this access, else the error code.
+int CheckKind(Access access, Caller::Kind kind) {
+  if (access == Access::kAnyone) return 0;
+  if (kind == Caller::Kind::kNobody) return webapi::kErrorNotLoggedIn;
+  return (access == Access::kHost) == (kind == Caller::Kind::kHost) ? 0 : webapi::kErrorDenied;
+}
+
+// The rest of the check, once the user is known.
+int CheckUser(Access access, const Caller& caller) {
+  return access == Access::kAdministrator && !caller.user.is_administrator ? webapi::kErrorDenied : 0;
+}
+
+// Whom a lane's quota counts the call for.
+std::string QuotaName(const Caller& caller) {
+  switch (caller.kind) {
+    case Caller::Kind::kUser:
+      return caller.user.name.empty() ? caller.peer : "user:" + caller.user.name;
+    case Caller::Kind::kHost:
+      return "host:" + caller.host_id;
+    case Caller::Kind::kNobody:
+      return "peer:" + caller.peer;
+  }
+  return {};
+}
+
+}  // namespace
+
+HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id) {
+  const webapi::ErrorRow* row = webapi::FindError(code);
+  if (!row) row = webapi::FindError(webapi::kErrorInternal);
+  Json::Value reply(Json::objectValue);
+  reply["success"] = false;
+  reply["error"]["code"] = code;
+  reply["error"]["message"] = std::string(row->sentence);
+  if (!details.isNull()) reply["error"]["details"] = details;
+  reply["request_id"] = request_id;
+  HttpResponse response;
+  response.status = row->http_status;
+  response.body = json::ToText(reply);
+  if (code == webapi::kErrorBusy) response.headers.emplace_back("Retry-After", "1");
+  if (row->http_status == 401) response.headers.emplace_back("WWW-Authenticate", "Bearer");
+  return response;
+}
+
+// What OnHeader found out about a request.
+struct Dispatcher::Plan {
+  enum class Page { kApi, kHealth, kMetrics, kDescription };
+  Page page = Page::kApi;
+  const webapi::ApiRow* row = nullptr;
+  Caller caller;
+  Clock::time_point begun = Clock::now();
+};
+
+struct Dispatcher::Work {
+  HttpRequest request;
+  std::shared_ptr<Plan> plan;
+  Responder responder;
+};
+
+Dispatcher::Dispatcher(Parts parts) : parts_(std::move(parts)), description_(MakeOpenApi(*parts_.table)) {}
+
+std::optional<HttpResponse> Dispatcher::OnHeader(HttpRequest& request) {
+  const std::string_view target = request.target;
+  const std::size_t question = target.find('?');
+  const std::string_view path = target.substr(0, question);
+  const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
+  const auto refuse = [&](int code) { return MakeErrorReply(code, request.id); };
+
+  if (path.starts_with(kApiPrefix)) return PlanApi(path, query, request);
+  auto plan = std::make_shared<Plan>();
+  if (path == "/healthz") {
+    plan->page = Plan::Page::kHealth;
+  } else if (path == "/metrics") {
+    plan->page = Plan::Page::kMetrics;
+  } else if (path == "/openapi.json") {
+    plan->page = Plan::Page::kDescription;
+  } else {
+    return refuse(webapi::kErrorNotFound);
+  }
+  if (request.method != "GET" && request.method != "HEAD") {
+    HttpResponse response = refuse(webapi::kErrorMethodNotAllowed);
+    response.headers.emplace_back("Allow", "GET, HEAD");
+    return response;
+  }
+  request.context = std::move(plan);
+  return std::nullopt;
+}
+
+std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::string_view query, HttpRequest& request) {
+  const std::string_view rest = path.substr(kApiPrefix.size());
+  const std::size_t slash = rest.find('/');
+  const int version = VersionOf(query);
+  const webapi::ApiRow* row = slash == std::string_view::npos || version == 0
+                                  ? nullptr
+                                  : parts_.table->Find(rest.substr(0, slash), rest.substr(slash + 1), version);
+  const auto refuse = [&](int code) {
+    if (row) parts_.metrics->Count(*row, code, {});
+    return MakeErrorReply(code, request.id);
+  };
+  if (!row) return refuse(webapi::kErrorUnknownApi);
+  if (request.method != "POST") {
+    HttpResponse response = refuse(webapi::kErrorMethodNotAllowed);
+    response.headers.emplace_back("Allow", "POST");
+    return response;
+  }
+  if (!IsJsonContentType(request.content_type)) return refuse(webapi::kErrorNotJson);
+  auto plan = std::make_shared<Plan>();
+  plan->row = row;
+  Identified identified = parts_.identity->Begin(request);
+  if (const int* code = std::get_if<int>(&identified)) {
+    // A stale cookie must not keep anybody from logging in.
+    if (row->access.value != Access::kAnyone) return refuse(*code);
+    plan->caller = Nobody(request.peer);
+  } else {
+    plan->caller = std::move(std::get<Caller>(identified));
+  }
+  if (const int code = CheckKind(row->access.value, plan->caller.kind)) return refuse(code);
+  request.context = std::move(plan);
+  return std::nullopt;
+}
+
+void Dispatcher::OnRequest(HttpRequest&& request, Responder responder) {
+  auto plan = std::static_pointer_cast<Plan>(std::move(request.context));
+  const webapi::ApiRow* row = plan->row;
+  auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder)});
+  if (!row && !NeedsUser(*work)) return work->responder.Send(AnswerPage(*work));
+  Lane& lane = row && row->lane.value == webapi::LaneKind::kLong ? *parts_.long_running : *parts_.quick;
+  const Lane::Submitted submitted = lane.Submit(QuotaName(work->plan->caller), [this, work] {
+    const RequestIdScope id_scope(work->request.id);
+    if (work->plan->row) return RunMethod(*work);
+    const int code = CheckAdministrator(work->request);
+    work->responder.Send(code == 0 ? AnswerPage(*work) : MakeErrorReply(code, work->request.id));
+  });
+  if (submitted == Lane::Submitted::kAccepted) return;
+  if (row) parts_.metrics->Count(*row, webapi::kErrorBusy, Clock::now() - work->plan->begun);
+  work->responder.Send(MakeErrorReply(webapi::kErrorBusy, work->request.id));
+}
+
+// How much is called tells an outsider something: other machines must show that they are an administrator.
+bool Dispatcher::NeedsUser(const Work& work) {
+  const Peer& peer = work.request.peer;
+  return work.plan->page == Plan::Page::kMetrics && peer.kind == Peer::Kind::kTcp &&
+         !peer.address.starts_with("127.") && peer.address != "::1";
+}
+
+int Dispatcher::CheckAdministrator(const HttpRequest& request) const {
+  Identified identified = parts_.identity->Begin(request);
+  if (const int* code = std::get_if<int>(&identified)) return *code;
+  Caller& caller = std::get<Caller>(identified);
+  if (const int code = CheckKind(Access::kAdministrator, caller.kind)) return code;
+  if (const int code = parts_.identity->Complete(caller)) return code;
+  return CheckUser(Access::kAdministrator, caller);
+}
+
+HttpResponse Dispatcher::AnswerPage(const Work& work) const {
+  HttpResponse response;
+  switch (work.plan->page) {
+    case Plan::Page::kHealth: {
+      const std::string fault = parts_.health();
+      Json::Value body(Json::objectValue);
+      body["status"] = fault.empty() ? "ok" : fault;
+      response.status = fault.empty() ? 200 : 503;
+      response.body = json::ToText(body);
+      break;
+    }
+    case Plan::Page::kMetrics:
+      response.content_type = "text/plain; version=0.0.4; charset=utf-8";
+      response.body = parts_.metrics_text();
+      break;
+    case Plan::Page::kDescription:
+      response.body = description_;
+      break;
+    case Plan::Page::kApi:
+      break;
+  }
+  return response;
+}
+
+void Dispatcher::RunMethod(Work& work) const {
+  std::vector<std::pair<std::string, std::string>> headers;
+  VEXA::APIResponse response;
+  CallHandler(work, response, headers);
+  if (!response.IsSet()) response.SetError(webapi::kErrorInternal, Json::Value());
+  HttpResponse reply = response.IsSuccess()
+                           ? MakeSuccessReply(response.Data(), work.request.id)
+                           : daemon::MakeErrorReply(response.ErrorCode(), response.Data(), work.request.id);
+  for (auto& header : headers) reply.headers.push_back(std::move(header));
+  parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->begun);
+  work.responder.Send(std::move(reply));
+}
+
+void Dispatcher::CallHandler(Work& work, VEXA::APIResponse& response,
+                             std::vector<std::pair<std::string, std::string>>& headers) const {
+  Caller& caller = work.plan->caller;
+  const webapi::ApiRow& row = *work.plan->row;
+  int refusal = parts_.identity->Complete(caller);
+  if (refusal == 0) refusal = CheckUser(row.access.value, caller);
+  if (refusal != 0) return response.SetError(refusal, Json::Value());
+  Result<Json::Value> parameters =
+      work.request.body.empty() ? Result<Json::Value>(Json::Value(Json::objectValue)) : ParseJson(work.request.body);
+  if (!parameters) return response.SetError(webapi::kErrorMalformed, parameters.error().ToString());
+  if (!parameters->isObject()) return response.SetError(webapi::kErrorMalformed, "The body is not a JSON object");
+  using Privilege = VEXA::APIRequest::Privilege;
+  VEXA::APIRequest request(std::move(*parameters), caller.user.name,
+                           caller.user.is_administrator ? Privilege::kAdministrator : Privilege::kOrdinary);
+  try {
+    const cluster::RequestScope scope;
+    row.handler({&request, &response, caller, &headers});
+  } catch (const std::exception& exception) {
+    // Handlers report by the response; whatever comes here is a fault of ours and must not take the host down.
+    ::syslog(LOG_ERR, "%s %s failed: %s", row.api.data(), row.method.data(), exception.what());
+    response = VEXA::APIResponse();
+  }
+}
+
+}  // namespace vexa::daemon

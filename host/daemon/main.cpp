@@ -1,0 +1,85 @@
+// vexad: makes this machine a host of the cluster.
+#include <signal.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "host/daemon/config.h"
+#include "host/daemon/daemon.h"
+#include "host/daemon/notify.h"
+
+namespace {
+
+using namespace vexa::daemon;
+
+constexpr int kExitUsage = 2;
+constexpr int kExitFailed = 1;
+constexpr int kSweepSeconds = 60;
+
+sigset_t StopSignals() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGTERM);
+  ::sigaddset(&signals, SIGINT);
+  return signals;
+}
+
+int Complain(const vexa::Error& error, int status) {
+  std::fprintf(stderr, "vexad: %s\n", error.ToString().c_str());
+  return status;
+}
+
+// Waits for the signal to stop, and does what is due every minute.
+void RunUntilStopped(Daemon& daemon, const sigset_t& signals) {
+  const timespec interval{.tv_sec = kSweepSeconds, .tv_nsec = 0};
+  while (::sigtimedwait(&signals, nullptr, &interval) < 0) daemon.Sweep();
+}
+
+// A second signal ends the process at once, whatever still runs.
+void EndAtNextSignal(const sigset_t& signals) {
+  std::thread([signals] {
+    int number = 0;
+    ::sigwait(&signals, &number);
+    ::_exit(128 + number);
+  }).detach();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const CommandLine command = ParseCommandLine(argc, argv);
+  if (command.action == CommandLine::Action::kExit) return command.exit_status;
+  if (const vexa::Status checked = CheckConfig(command.config); !checked) return Complain(checked.error(), kExitUsage);
+  if (command.action == CommandLine::Action::kCheckConfig) {
+    std::puts("The configuration is valid.");
+    return 0;
+  }
+  ::openlog("vexad", LOG_PID, LOG_DAEMON);
+  SetLogTarget(command.config.log);
+  ::signal(SIGPIPE, SIG_IGN);
+  // Blocked before the first thread starts, so that every thread leaves them to this one.
+  const sigset_t signals = StopSignals();
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  auto daemon = Daemon::Start(command.config);
+  if (!daemon) {
+    ::syslog(LOG_ERR, "The start failed: %s", daemon.error().ToString().c_str());
+    return command.config.log == LogTarget::kSyslog ? Complain(daemon.error(), kExitFailed) : kExitFailed;
+  }
+  ::syslog(LOG_INFO, "Ready.");
+  NotifyServiceManager("READY=1");
+  RunUntilStopped(**daemon, signals);
+
+  ::syslog(LOG_INFO, "Stopping.");
+  NotifyServiceManager("STOPPING=1");
+  EndAtNextSignal(signals);
+  if (!(*daemon)->Stop(command.config.stop_timeout)) {
+    ::syslog(LOG_WARNING, "Some requests did not finish in time.");
+    // Their threads still use the daemon's parts, so nothing is taken down around them.
+    ::_exit(0);
+  }
+  return 0;
+}

@@ -1,0 +1,24 @@
+// VEXA.Core.Session: log in, log out, and who the caller is.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "host/base/accounts.h"
+#include "host/daemon/login_limiter.h"
+#include "host/daemon/sessions.h"
+#include "host/webapi/api_table.h"
+
+namespace vexa::daemon {
+
+// All must outlive the rows' handlers.
+struct SessionServices {
+  SessionTable* sessions;
+  const base::AccountProvider* accounts;
+  LoginLimiter* limiter;
+  std::chrono::seconds lifetime;
+};
+
+std::vector<webapi::ApiRow> SessionRows(const SessionServices& services);
+
+}  // namespace vexa::daemon
