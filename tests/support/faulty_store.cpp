@@ -1,0 +1,93 @@
+#include "tests/support/faulty_store.h"
+
+#include <utility>
+
+namespace vexa::test {
+
+struct FaultyStore::Faults {
+  mutable std::mutex mutex;
+  std::set<std::string, std::less<>> failing;
+  bool no_snapshots = false;
+  int reads = 0;
+
+  bool CountAndCheck(std::string_view key) {
+    const std::lock_guard lock(mutex);
+    ++reads;
+    return failing.contains(key);
+  }
+};
+
+class FaultyStore::FaultySnapshot : public store::Snapshot {
+ public:
+  FaultySnapshot(std::unique_ptr<store::Snapshot> real, std::shared_ptr<Faults> faults)
+      : real_(std::move(real)), faults_(std::move(faults)) {}
+
+  store::Revision revision() const override { return real_->revision(); }
+
+  Result<std::optional<store::ValueView>> Get(std::string_view key) const override {
+    if (faults_->CountAndCheck(key)) return Error(ErrorCode::kInternal, "The read was made to fail");
+    return real_->Get(key);
+  }
+
+  Result<std::vector<std::string>> Children(std::string_view prefix) const override {
+    if (faults_->CountAndCheck(prefix)) return Error(ErrorCode::kInternal, "The read was made to fail");
+    return real_->Children(prefix);
+  }
+
+  Status Scan(std::string_view prefix,
+              const std::function<bool(std::string_view, const store::ValueView&)>& visit) const override {
+    return real_->Scan(prefix, visit);
+  }
+
+ private:
+  const std::unique_ptr<store::Snapshot> real_;
+  const std::shared_ptr<Faults> faults_;
+};
+
+FaultyStore::FaultyStore(std::shared_ptr<store::Store> real)
+    : real_(std::move(real)), faults_(std::make_shared<Faults>()) {}
+FaultyStore::~FaultyStore() = default;
+
+void FaultyStore::FailReadsOf(const std::string& key) {
+  const std::lock_guard lock(faults_->mutex);
+  faults_->failing.insert(key);
+}
+
+void FaultyStore::FailSnapshots() {
+  const std::lock_guard lock(faults_->mutex);
+  faults_->no_snapshots = true;
+}
+
+void FaultyStore::Heal() {
+  const std::lock_guard lock(faults_->mutex);
+  faults_->failing.clear();
+  faults_->no_snapshots = false;
+}
+
+int FaultyStore::reads() const {
+  const std::lock_guard lock(faults_->mutex);
+  return faults_->reads;
+}
+
+Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
+  {
+    const std::lock_guard lock(faults_->mutex);
+    if (faults_->no_snapshots) return Error(ErrorCode::kUnavailable, "The snapshot was made to fail");
+  }
+  auto real = real_->Read();
+  if (!real) return real.error();
+  return std::unique_ptr<store::Snapshot>(std::make_unique<FaultySnapshot>(std::move(*real), faults_));
+}
+
+Result<store::Revision> FaultyStore::Commit(const store::Transaction& transaction) {
+  return real_->Commit(transaction);
+}
+
+Result<store::ChangeBatch> FaultyStore::Watch(std::string_view prefix, store::Revision from,
+                                              std::chrono::milliseconds timeout) {
+  return real_->Watch(prefix, from, timeout);
+}
+
+store::Health FaultyStore::health() const { return real_->health(); }
+
+}  // namespace vexa::test

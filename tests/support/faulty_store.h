@@ -1,0 +1,41 @@
+// A store whose reads of named keys fail, around a real one.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "host/store/store.h"
+
+namespace vexa::test {
+
+// Threads: any, at the same time.
+class FaultyStore : public store::Store {
+ public:
+  explicit FaultyStore(std::shared_ptr<store::Store> real);
+  ~FaultyStore() override;
+
+  // From now on reads of `key` fail.
+  void FailReadsOf(const std::string& key);
+  // From now on no snapshot can be taken.
+  void FailSnapshots();
+  void Heal();
+
+  // How many reads of keys and children reached the store.
+  int reads() const;
+
+  Result<std::unique_ptr<store::Snapshot>> Read() const override;
+  Result<store::Revision> Commit(const store::Transaction& transaction) override;
+  Result<store::ChangeBatch> Watch(std::string_view prefix, store::Revision from,
+                                   std::chrono::milliseconds timeout) override;
+  store::Health health() const override;
+
+ private:
+  class FaultySnapshot;
+  struct Faults;
+  const std::shared_ptr<store::Store> real_;
+  const std::shared_ptr<Faults> faults_;
+};
+
+}  // namespace vexa::test

@@ -1,0 +1,100 @@
+#include "tests/support/test_host.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "host/base/json_parse.h"
+#include "host/cluster/environment.h"
+#include "host/cluster/guest_admin.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+// The tests stand on it, so there is nothing to go on with.
+template <class T>
+T Require(Result<T> result) {
+  if (!result) {
+    std::fprintf(stderr, "test set-up failed: %s\n", result.error().ToString().c_str());
+    std::abort();
+  }
+  return std::move(result).value();
+}
+
+void Require(const Status& status) {
+  if (status) return;
+  std::fprintf(stderr, "test set-up failed: %s\n", status.error().ToString().c_str());
+  std::abort();
+}
+
+}  // namespace
+
+TestHost::TestHost() {
+  store::LmdbOptions options;
+  options.directory = folder_.File("store");
+  store_ = std::make_shared<FaultyStore>(Require(store::OpenLmdbStore(options)));
+  accounts_ = Require(base::AccountFile::Open(folder_.File("accounts.json")));
+  cluster::Environment environment;
+  environment.store = store_;
+  environment.accounts = accounts_;
+  environment.host_id = "11111111-2222-4333-8444-555555555555";
+  cluster::InstallEnvironment(std::move(environment));
+}
+
+TestHost::~TestHost() { cluster::RemoveEnvironment(); }
+
+std::uint32_t TestHost::AddUser(const std::string& name, const std::vector<std::string>& groups) {
+  base::AccountFile::NewUser user;
+  user.name = name;
+  user.password = "correct horse";
+  user.groups = groups;
+  Require(accounts_->AddUser(user));
+  return Require(accounts_->FindUser(name)).uid;
+}
+
+std::uint32_t TestHost::GroupId(const std::string& user, const std::string& group) {
+  for (const base::Group& candidate : Require(accounts_->FindUser(user)).groups) {
+    if (candidate.name == group) return candidate.gid;
+  }
+  std::abort();
+}
+
+void TestHost::Put(const std::string& category, const std::string& id, const Json::Value& record) {
+  PutText(category, id, VexaVirtualization::json::ToText(record));
+}
+
+void TestHost::PutText(const std::string& category, const std::string& id, const std::string& text) {
+  (void)Require(store_->Commit({{}, {{ObjectKey(category, id), text}}}));
+}
+
+void TestHost::Remove(const std::string& category, const std::string& id) {
+  (void)Require(store_->Commit({{}, {{ObjectKey(category, id), std::nullopt}}}));
+}
+
+void TestHost::PutGuestAdmin(const std::string& kind, std::uint32_t id, const std::string& level,
+                             const std::vector<std::string>& guests) {
+  Json::Value record(Json::objectValue);
+  record["authlevel"] = level;
+  record["guests"] = Json::Value(Json::objectValue);
+  for (const std::string& guest : guests) record["guests"][guest] = true;
+  Put("guest_admin", cluster::GuestAdminIdentifier(kind, id), record);
+}
+
+std::string TestHost::ObjectKey(const std::string& category, const std::string& id) {
+  return store::MakeKey({"dash", category, id, "object"});
+}
+
+VEXA::APIRequest UserRequest(const Json::Value& parameters, const std::string& user) {
+  return VEXA::APIRequest(parameters, user, VEXA::APIRequest::Privilege::kOrdinary);
+}
+
+VEXA::APIRequest AdministratorRequest(const Json::Value& parameters) {
+  return VEXA::APIRequest(parameters, "root", VEXA::APIRequest::Privilege::kAdministrator);
+}
+
+Json::Value Parsed(const std::string& text) { return Require(ParseJson(text)); }
+
+}  // namespace vexa::test

@@ -1,0 +1,56 @@
+// A host's ground for tests of the library: a real store and account file in a folder of their own.
+#pragma once
+
+#include <json/value.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/base/account_file.h"
+#include "tests/support/faulty_store.h"
+#include "tests/support/temp_dir.h"
+#include "webapi/platform/webapi.h"
+
+namespace vexa::test {
+
+// Installed while it lives. Users: "root-like" administrators and others are added by AddUser.
+class TestHost {
+ public:
+  TestHost();
+  ~TestHost();
+
+  // With a password that nobody needs; returns the user's id.
+  std::uint32_t AddUser(const std::string& name, const std::vector<std::string>& groups = {});
+  std::uint32_t GroupId(const std::string& user, const std::string& group);
+
+  // Stores `record` as the object of `category` and `id`.
+  void Put(const std::string& category, const std::string& id, const Json::Value& record);
+  // Stores the text as it is, also when it is no JSON.
+  void PutText(const std::string& category, const std::string& id, const std::string& text);
+  void Remove(const std::string& category, const std::string& id);
+
+  // The guest-admin record of a user or group; `kind` is "users" or "groups".
+  void PutGuestAdmin(const std::string& kind, std::uint32_t id, const std::string& level,
+                     const std::vector<std::string>& guests);
+
+  static std::string ObjectKey(const std::string& category, const std::string& id);
+
+  FaultyStore& store() { return *store_; }
+  base::AccountFile& accounts() { return *accounts_; }
+  const TempDir& folder() const { return folder_; }
+
+ private:
+  TempDir folder_;
+  std::shared_ptr<FaultyStore> store_;
+  std::shared_ptr<base::AccountFile> accounts_;
+};
+
+// A request as an ordinary user or administrator would send it.
+VEXA::APIRequest UserRequest(const Json::Value& parameters, const std::string& user);
+VEXA::APIRequest AdministratorRequest(const Json::Value& parameters);
+
+// The JSON value of `text`; the test program ends when it is none.
+Json::Value Parsed(const std::string& text);
+
+}  // namespace vexa::test

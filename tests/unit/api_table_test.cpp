@@ -1,0 +1,97 @@
+#include "host/webapi/api_table.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <type_traits>
+
+#include "host/daemon/openapi.h"
+#include "host/webapi/error_table.h"
+#include "tests/support/test_host.h"
+
+namespace {
+
+using namespace vexa::webapi;
+
+// A row that leaves out access or lane does not compile: the two members cannot be made from nothing.
+static_assert(!std::is_default_constructible_v<Declared<Access>>);
+static_assert(!std::is_default_constructible_v<Declared<LaneKind>>);
+static_assert(!std::is_default_constructible_v<ApiRow>);
+
+ApiRow Row(std::string_view api, std::string_view method, int version) {
+  return {.api = api,
+          .method = method,
+          .version = version,
+          .access = Access::kUser,
+          .lane = LaneKind::kQuick,
+          .handler = {},
+          .summary = "A method.",
+          .parameters = {{"guest_id", ParameterType::kString, Necessity::kRequired, "An id."},
+                         {"list", ParameterType::kArray, Necessity::kOptional, "A list."}},
+          .errors = {401, 409}};
+}
+
+TEST(ApiTable, Find_MatchesApiMethodAndVersionExactly) {
+  const ApiTable table({Row("B", "get", 2), Row("A", "set", 1), Row("B", "get", 1), Row("A", "get", 1)});
+  ASSERT_NE(table.Find("B", "get", 2), nullptr);
+  EXPECT_EQ(table.Find("B", "get", 2)->version, 2);
+  EXPECT_EQ(table.Find("B", "get", 1)->version, 1);
+  EXPECT_EQ(table.Find("B", "get", 3), nullptr);
+  EXPECT_EQ(table.Find("B", "set", 1), nullptr);
+  EXPECT_EQ(table.Find("b", "get", 1), nullptr);
+  EXPECT_EQ(table.Find("", "", 1), nullptr);
+  EXPECT_EQ(table.rows().size(), 4u);
+}
+
+TEST(ApiTable, SameRowTwice_IsAProgrammingError) {
+  EXPECT_THROW(ApiTable({Row("A", "get", 1), Row("A", "get", 1)}), std::logic_error);
+}
+
+TEST(ErrorTable, EveryRow_IsFoundAndHasAStatusAndASentence) {
+  for (const ErrorRow& row : ErrorTable()) {
+    EXPECT_EQ(FindError(row.code), &row);
+    EXPECT_GE(row.http_status, 400) << row.code;
+    EXPECT_LT(row.http_status, 600) << row.code;
+    EXPECT_TRUE(row.sentence.ends_with('.')) << row.code;
+  }
+  EXPECT_EQ(FindError(0), nullptr);
+  EXPECT_EQ(FindError(-1), nullptr);
+  EXPECT_EQ(FindError(99999), nullptr);
+}
+
+TEST(ErrorTable, HandlerCodes_HaveTheirStatus) {
+  const std::pair<int, int> rows[] = {{401, 400}, {403, 404}, {406, 409}, {407, 409},
+                                      {409, 403}, {413, 500}, {507, 404}};
+  for (const auto& [code, status] : rows) {
+    ASSERT_NE(FindError(code), nullptr) << code;
+    EXPECT_EQ(FindError(code)->http_status, status) << code;
+  }
+}
+
+TEST(ErrorTable, WhatTheServerRefuses_HasARowOfTheSameStatus) {
+  for (const int status : {400, 408, 413, 414, 417, 431, 500, 501, 503, 505}) {
+    EXPECT_EQ(ErrorOfHttpStatus(status).http_status, status);
+  }
+  EXPECT_EQ(ErrorOfHttpStatus(418).code, kErrorInternal);
+}
+
+TEST(OpenApi, EveryRow_IsDescribedWithAccessParametersAndErrors) {
+  const ApiTable table({Row("VEXA.A", "get", 1)});
+  const Json::Value document = vexa::test::Parsed(vexa::daemon::MakeOpenApi(table));
+  EXPECT_EQ(document["openapi"], "3.0.3");
+  const Json::Value& operation = document["paths"]["/webapi/VEXA.A/get"]["post"];
+  EXPECT_EQ(operation["x-vexa-access"], "user");
+  EXPECT_EQ(operation["x-vexa-lane"], "quick");
+  EXPECT_EQ(operation["summary"], "A method.");
+  const Json::Value& schema = operation["requestBody"]["content"]["application/json"]["schema"];
+  EXPECT_EQ(schema["properties"]["guest_id"]["type"], "string");
+  EXPECT_EQ(schema["properties"]["list"]["type"], "array");
+  EXPECT_EQ(schema["required"], vexa::test::Parsed(R"(["guest_id"])"));
+  EXPECT_NE(operation["responses"]["403"]["description"].asString().find("409: You may not act on this guest."),
+            std::string::npos);
+  for (const char* status : {"200", "400", "401", "403", "405", "415", "500", "503"}) {
+    EXPECT_TRUE(operation["responses"].isMember(status)) << status;
+  }
+}
+
+}  // namespace
