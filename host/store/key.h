@@ -21,4 +21,11 @@ std::optional<std::string> DecodeSegment(std::string_view encoded);
 // "/a/b/c" for {"a", "b", "c"}, each encoded.
 std::string MakeKey(std::initializer_list<std::string_view> segments);
 
+// Whether `key` can be stored: what MakeKey gives for at least one segment, and not longer than kMaxKeyBytes.
+bool IsKey(std::string_view key);
+
+// Whether `key` is `prefix` or lies below it: "/a/b" holds "/a/b" and "/a/b/c", not "/a/bc". The empty prefix holds
+// all.
+bool IsAtOrBelow(std::string_view key, std::string_view prefix);
+
 }  // namespace vexa::store

@@ -38,7 +38,8 @@ class Snapshot {
   virtual Result<std::optional<ValueView>> Get(std::string_view key) const = 0;
 
   // The distinct next path segments below `prefix`, decoded, in byte order of their encoded form. `prefix` is a path
-  // without a trailing slash. Nothing below it is an empty list. Cost grows with the children, not with what is below them.
+  // without a trailing slash. Nothing below it is an empty list. Cost grows with the children, not with what is below
+  // them.
   virtual Result<std::vector<std::string>> Children(std::string_view prefix) const = 0;
 
   // Calls `visit` with every key at or below `prefix`, in byte order, until it returns false.
@@ -72,7 +73,7 @@ struct Change {
 struct ChangeBatch {
   std::vector<Change> changes;  // in commit order; only keys at or below the watched prefix
   Revision revision = 0;        // watch again from this revision
-  bool lost = false;            // the change log no longer reaches back: read everything anew, then watch from `revision`
+  bool lost = false;  // the change log no longer reaches back: read everything anew, then watch from `revision`
 };
 
 enum class Health { kReady, kReadOnly, kInaccessible };
@@ -86,7 +87,8 @@ class Store {
 
   // Commits all operations or none, durably, and returns the revision that wrote them.
   // Errors: kConflict (a compare failed; nothing changed), kInvalid (a bad key), kNoSpace (the disk is full; nothing
-  // changed), kUnavailable, kInternal. A transaction without operations checks its compares and returns the current revision.
+  // changed), kUnavailable, kInternal. A transaction without operations checks its compares and returns the current
+  // revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
   // The changes after `from` at or below `prefix`. Waits up to `timeout` when there are none; an empty batch then.

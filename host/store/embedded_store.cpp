@@ -1,0 +1,134 @@
+#include "host/store/embedded_store.h"
+
+#include <utility>
+
+#include "host/store/key.h"
+
+namespace vexa::store {
+namespace {
+
+constexpr std::size_t kMaxBatch = 256;
+constexpr std::size_t kMaxBatchBytes = std::size_t{16} << 20;
+constexpr std::size_t kMaxTextBytes = std::size_t{256} << 20;
+
+std::size_t BytesOf(const Transaction& transaction) {
+  std::size_t bytes = 0;
+  for (const Operation& operation : transaction.operations) {
+    bytes += operation.key.size() + (operation.text ? operation.text->size() : 0);
+  }
+  return bytes;
+}
+
+Status Validate(const Transaction& transaction) {
+  for (const Compare& compare : transaction.compares) {
+    if (!IsKey(compare.key)) return Error(ErrorCode::kInvalid, "A compare names a key that cannot be stored");
+  }
+  for (const Operation& operation : transaction.operations) {
+    if (!IsKey(operation.key)) return Error(ErrorCode::kInvalid, "An operation names a key that cannot be stored");
+    if (operation.text && operation.text->size() > kMaxTextBytes) {
+      return Error(ErrorCode::kInvalid, "The value of '" + operation.key + "' is too large");
+    }
+  }
+  return {};
+}
+
+Error Conflict(const Compare& compare, Revision found) {
+  return Error(ErrorCode::kConflict, "'" + compare.key + "' has revision " + std::to_string(found) + ", not " +
+                                         std::to_string(compare.revision));
+}
+
+// One transaction of a batch, inside its LMDB transaction.
+Result<Revision> RunOne(KeyspaceWriter& writer, const Transaction& transaction) {
+  for (const Compare& compare : transaction.compares) {
+    const Result<Revision> found = writer.RevisionOf(compare.key);
+    if (!found.ok()) return found.error();
+    if (*found != compare.revision) return Conflict(compare, *found);
+  }
+  const Revision next = writer.revision() + 1;
+  if (Status applied = writer.Apply(next, transaction.operations); !applied.ok()) return applied.error();
+  return next;
+}
+
+}  // namespace
+
+Result<Revision> EmbeddedStore::Commit(const Transaction& transaction) {
+  if (Status valid = Validate(transaction); !valid.ok()) return valid.error();
+  if (transaction.operations.empty()) return CheckOnly(transaction);
+  Waiting own;
+  own.transaction = &transaction;
+  std::unique_lock lock(mutex_);
+  queue_.push_back(&own);
+  own.turn.wait(lock, [&] { return own.outcome || (!leading_ && queue_.front() == &own); });
+  if (own.outcome) return *std::move(own.outcome);
+  leading_ = true;
+  const std::vector<Waiting*> batch = TakeBatch();
+  lock.unlock();
+  std::vector<Result<Revision>> outcomes = RunBatch(batch);
+  lock.lock();
+  leading_ = false;
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    batch[i]->outcome = std::move(outcomes[i]);
+    batch[i]->turn.notify_one();
+  }
+  if (!queue_.empty()) queue_.front()->turn.notify_one();
+  return *std::move(own.outcome);
+}
+
+Result<Revision> EmbeddedStore::CheckOnly(const Transaction& transaction) const {
+  const Result<std::unique_ptr<Snapshot>> snapshot = Read();
+  if (!snapshot.ok()) return snapshot.error();
+  for (const Compare& compare : transaction.compares) {
+    const Result<std::optional<ValueView>> value = snapshot.value()->Get(compare.key);
+    if (!value.ok()) return value.error();
+    const Revision found = value->has_value() ? (*value)->revision : 0;
+    if (found != compare.revision) return Conflict(compare, found);
+  }
+  return snapshot.value()->revision();
+}
+
+std::vector<EmbeddedStore::Waiting*> EmbeddedStore::TakeBatch() {
+  std::vector<Waiting*> batch;
+  std::size_t bytes = 0;
+  while (!queue_.empty() && batch.size() < kMaxBatch) {
+    bytes += BytesOf(*queue_.front()->transaction);
+    if (!batch.empty() && bytes > kMaxBatchBytes) break;
+    batch.push_back(queue_.front());
+    queue_.pop_front();
+  }
+  return batch;
+}
+
+// An exception here would leave every waiting thread without an outcome, so it ends the process instead.
+std::vector<Result<Revision>> EmbeddedStore::RunBatch(std::span<Waiting* const> batch) noexcept {
+  std::vector<Result<Revision>> outcomes;
+  const Status together = RunTogether(batch, outcomes);
+  if (together.ok()) return outcomes;
+  if (together.error().code() != ErrorCode::kNoSpace || batch.size() == 1) {
+    return std::vector<Result<Revision>>(batch.size(), together.error());
+  }
+  // Perhaps only one of them is too large.
+  outcomes.clear();
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    std::vector<Result<Revision>> single;
+    const Status alone = RunTogether(batch.subspan(i, 1), single);
+    outcomes.push_back(alone.ok() ? std::move(single.front()) : Result<Revision>(alone.error()));
+  }
+  return outcomes;
+}
+
+Status EmbeddedStore::RunTogether(std::span<Waiting* const> batch, std::vector<Result<Revision>>& outcomes) {
+  std::size_t bytes = 0;
+  for (const Waiting* waiting : batch) bytes += BytesOf(*waiting->transaction);
+  return keyspace_->Update(bytes, [&](KeyspaceWriter& writer) -> Status {
+    outcomes.clear();
+    for (const Waiting* waiting : batch) {
+      outcomes.push_back(RunOne(writer, *waiting->transaction));
+      const Result<Revision>& last = outcomes.back();
+      // Nothing of a transaction that failed half-way may stay, so the whole batch is given up.
+      if (!last.ok() && last.error().code() != ErrorCode::kConflict) return last.error();
+    }
+    return {};
+  });
+}
+
+}  // namespace vexa::store

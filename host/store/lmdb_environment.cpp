@@ -1,0 +1,337 @@
+#include "host/store/lmdb_environment.h"
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+#include "host/store/lmdb_error.h"
+#include "host/store/lmdb_files.h"
+#include "host/store/lmdb_format.h"
+#include "host/store/open_once.h"
+
+namespace vexa::store {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr unsigned kMaxReaders = 1024;
+constexpr std::size_t kMaxIdleReaders = 64;
+constexpr std::size_t kLargestStepBytes = std::size_t{1} << 30;
+constexpr milliseconds kPatience{2000};  // with snapshots that stand in the way of a new map
+constexpr milliseconds kSlotPause{10};
+constexpr int kMaxAttempts = 100;
+
+std::size_t RoundUpToPage(std::size_t bytes) {
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  return (bytes + page - 1) / page * page;
+}
+
+// LMDB unmaps before it maps, so a map that does not fit must be refused before it is asked for.
+bool AddressSpaceHolds(std::size_t bytes) {
+  void* const probe = ::mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (probe == MAP_FAILED) return false;
+  ::munmap(probe, bytes);
+  return true;
+}
+
+}  // namespace
+
+ReadTransaction::ReadTransaction(LmdbEnvironment* environment, MDB_txn* transaction, MapGate::Pass pass)
+    : environment_(environment), transaction_(transaction), pass_(std::move(pass)) {}
+
+ReadTransaction::ReadTransaction(ReadTransaction&& other) noexcept
+    : environment_(other.environment_),
+      transaction_(std::exchange(other.transaction_, nullptr)),
+      pass_(std::move(other.pass_)) {}
+
+ReadTransaction::~ReadTransaction() {
+  if (transaction_ == nullptr) return;
+  if (environment_->IsForked()) {
+    pass_.Forget();
+    return;
+  }
+  const bool grow = environment_->IsHalfFull();
+  environment_->GiveBack(transaction_);
+  pass_.Leave();
+  if (grow) environment_->GrowAhead();
+}
+
+WriteTransaction::WriteTransaction(MDB_txn* transaction, std::size_t map_bytes, MapGate::Pass pass)
+    : transaction_(transaction), map_bytes_(map_bytes), pass_(std::move(pass)) {}
+
+WriteTransaction::WriteTransaction(WriteTransaction&& other) noexcept
+    : transaction_(std::exchange(other.transaction_, nullptr)),
+      map_bytes_(other.map_bytes_),
+      pass_(std::move(other.pass_)) {}
+
+WriteTransaction::~WriteTransaction() { Abort(); }
+
+int WriteTransaction::Commit() {
+  const int code = mdb_txn_commit(std::exchange(transaction_, nullptr));
+  pass_.Leave();
+  return code;
+}
+
+void WriteTransaction::Abort() {
+  if (transaction_ != nullptr) mdb_txn_abort(std::exchange(transaction_, nullptr));
+  pass_.Leave();
+}
+
+LmdbEnvironment::LmdbEnvironment(std::string directory, std::size_t map_bytes)
+    : directory_(std::move(directory)), generation_(ForkGeneration()), map_bytes_(RoundUpToPage(map_bytes)) {}
+
+LmdbEnvironment::~LmdbEnvironment() {
+  if (!IsForked()) CloseFiles();
+}
+
+bool LmdbEnvironment::IsForked() const { return generation_ != ForkGeneration(); }
+
+Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const std::string& directory, std::size_t map_bytes) {
+  const Result<FolderId> folder = IdOfFolder(directory);
+  if (!folder.ok()) return folder.error();
+  return OpenOnce<LmdbEnvironment>(*folder, [&]() -> Result<std::unique_ptr<LmdbEnvironment>> {
+    std::unique_ptr<LmdbEnvironment> environment(new LmdbEnvironment(directory, map_bytes));
+    if (Status opened = environment->OpenFiles(); !opened.ok()) return opened.error();
+    return environment;
+  });
+}
+
+Status LmdbEnvironment::OpenFiles() {
+  const FolderLock lock(directory_);
+  if (lock.code() != 0) return LmdbError("Cannot lock the folder '" + directory_ + "'", lock.code());
+  if (Status sound = CheckStoreFiles(directory_); !sound.ok()) return sound;
+  int code = mdb_env_create(&environment_);
+  if (code != 0) return LmdbError("Cannot prepare the store in '" + directory_ + "'", code);
+  code = mdb_env_set_maxdbs(environment_, 3);
+  if (code == 0) code = mdb_env_set_maxreaders(environment_, kMaxReaders);
+  if (code == 0) code = mdb_env_set_mapsize(environment_, map_bytes_);
+  // Without MDB_WRITEMAP pages are written by calls: a full disk is an error then, and no signal.
+  if (code == 0) code = mdb_env_open(environment_, directory_.c_str(), MDB_NOTLS, S_IRUSR | S_IWUSR);
+  if (code != 0) {
+    CloseFiles();
+    return LmdbError("Cannot open the store in '" + directory_ + "'", code);
+  }
+  TightenStoreFiles(directory_);
+  int dead_readers = 0;
+  mdb_reader_check(environment_, &dead_readers);
+  if (Status opened = OpenDatabases(); !opened.ok()) {
+    CloseFiles();
+    return opened;
+  }
+  map_bytes_ = MapBytes();
+  return {};
+}
+
+void LmdbEnvironment::CloseFiles() {
+  DropIdleReaders();
+  if (environment_ != nullptr) mdb_env_close(std::exchange(environment_, nullptr));
+}
+
+Status LmdbEnvironment::OpenDatabases() {
+  int code = MDB_SUCCESS;
+  // The map may be too small even for an empty store, or for one that another process has grown.
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    code = OpenDatabasesIn(MDB_RDONLY);
+    if (code == MDB_NOTFOUND) code = OpenDatabasesIn(0);
+    if (code == MDB_SUCCESS) return {};
+    if (code != MDB_MAP_FULL && code != MDB_MAP_RESIZED) break;
+    const std::size_t bytes = code == MDB_MAP_FULL ? MapBytes() * 2 : 0;
+    code = mdb_env_set_mapsize(environment_, bytes);
+    if (code != 0) break;
+  }
+  if (code == MDB_NOTFOUND) code = MDB_INVALID;
+  return LmdbError("'" + directory_ + "' holds no store that this version can use", code);
+}
+
+// In a transaction with these flags; only a writing one creates the databases. MDB_NOTFOUND when one is missing.
+int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
+  MDB_txn* transaction = nullptr;
+  int code = mdb_txn_begin(environment_, nullptr, transaction_flags, &transaction);
+  if (code != 0) return code;
+  MDB_dbi main = 0;
+  MDB_stat content{};
+  code = mdb_dbi_open(transaction, nullptr, 0, &main);
+  if (code == 0) code = mdb_stat(transaction, main, &content);
+  // Databases are added to an empty file only: a file with others in it is somebody else's.
+  const unsigned create = transaction_flags == 0 && content.ms_entries == 0 ? static_cast<unsigned>(MDB_CREATE) : 0U;
+  if (code == 0) code = mdb_dbi_open(transaction, kDataName, create, &data_);
+  if (code == 0) code = mdb_dbi_open(transaction, kChangesName, create, &changes_);
+  if (code == 0) code = mdb_dbi_open(transaction, kMetaName, create, &meta_);
+  if (code == 0 && create != 0) code = PutNumber(transaction, meta_, kFormatName, kFormatVersion);
+  std::uint64_t format = 0;
+  if (code == 0) code = GetNumber(transaction, meta_, kFormatName, format);
+  if (code == 0 && format != kFormatVersion) code = MDB_VERSION_MISMATCH;
+  if (code == 0) return mdb_txn_commit(transaction);
+  mdb_txn_abort(transaction);
+  return code;
+}
+
+Result<ReadTransaction> LmdbEnvironment::BeginRead() {
+  for (int attempt = 0;; ++attempt) {
+    if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
+    int code = MDB_PANIC;
+    {
+      MapGate::Pass pass = gate_.Enter();
+      MDB_txn* transaction = nullptr;
+      {
+        const std::lock_guard lock(idle_mutex_);
+        if (!idle_readers_.empty()) {
+          transaction = idle_readers_.back();
+          idle_readers_.pop_back();
+        }
+      }
+      if (transaction != nullptr) {
+        code = mdb_txn_renew(transaction);
+        if (code != 0) mdb_txn_abort(transaction);
+      } else if (environment_ != nullptr) {
+        code = mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &transaction);
+      }
+      if (code == 0) return ReadTransaction(this, transaction, std::move(pass));
+    }
+    if (Status recovered = Recover(code, attempt); !recovered.ok()) return recovered.error();
+  }
+}
+
+Result<WriteTransaction> LmdbEnvironment::BeginWrite() {
+  for (int attempt = 0;; ++attempt) {
+    if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
+    int code = MDB_PANIC;
+    {
+      MapGate::Pass pass = gate_.Enter();
+      MDB_txn* transaction = nullptr;
+      if (environment_ != nullptr) code = mdb_txn_begin(environment_, nullptr, 0, &transaction);
+      if (code == 0) return WriteTransaction(transaction, map_bytes_, std::move(pass));
+    }
+    if (Status recovered = Recover(code, attempt); !recovered.ok()) return recovered.error();
+  }
+}
+
+// Does what lets the transaction be begun again, or says why it cannot.
+Status LmdbEnvironment::Recover(int code, int attempt) {
+  if (attempt < kMaxAttempts) {
+    if (code == MDB_MAP_RESIZED) return AdoptMap();
+    if (code == MDB_PANIC) return OpenAnew();
+    if (code == MDB_READERS_FULL) {
+      DropIdleReaders();
+      int dead_readers = 0;
+      const MapGate::Pass pass = gate_.Enter();
+      if (environment_ != nullptr) mdb_reader_check(environment_, &dead_readers);
+      if (dead_readers == 0) std::this_thread::sleep_for(kSlotPause);
+      return {};
+    }
+  }
+  return LmdbError("Cannot begin a transaction in '" + directory_ + "'", code);
+}
+
+Status LmdbEnvironment::AdoptMap() {
+  if (!gate_.Close(kPatience)) {
+    return Error(ErrorCode::kBusy,
+                 "The store was grown by another process, and open snapshots keep the old map in use");
+  }
+  Status adopted = environment_ == nullptr ? Status() : SetMap(0);
+  gate_.OpenAgain();
+  return adopted;
+}
+
+// After a failed write of its head LMDB refuses everything until the environment is opened again.
+Status LmdbEnvironment::OpenAnew() {
+  if (!gate_.Close(kPatience)) {
+    return Error(ErrorCode::kUnavailable, "The store must be opened again, and open snapshots keep it in use");
+  }
+  MDB_txn* probe = nullptr;
+  const bool works = environment_ != nullptr && mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &probe) == 0;
+  if (works) mdb_txn_abort(probe);
+  Status opened;
+  if (!works) {
+    CloseFiles();
+    opened = OpenFiles();
+  }
+  gate_.OpenAgain();
+  if (opened.ok()) return {};
+  return Error(ErrorCode::kUnavailable, "Cannot open the store again", opened.error().ToString());
+}
+
+Status LmdbEnvironment::Grow(std::size_t seen_bytes, std::size_t extra_bytes) {
+  if (!gate_.Close(kPatience)) {
+    return Error(ErrorCode::kBusy, "The store must grow, and open snapshots keep its present map in use; try again");
+  }
+  Status grown;
+  if (environment_ != nullptr && map_bytes_ <= seen_bytes) {
+    const std::size_t step = std::min(seen_bytes, kLargestStepBytes);
+    grown = SetMap(RoundUpToPage(seen_bytes + std::max(step, extra_bytes)));
+  }
+  gate_.OpenAgain();
+  return grown;
+}
+
+void LmdbEnvironment::GrowAhead() {
+  if (IsForked() || !gate_.Close(milliseconds(0))) return;
+  if (environment_ != nullptr && IsHalfFull()) {
+    // A failure costs nothing here: the commit that really needs the room meets it again and reports it.
+    static_cast<void>(SetMap(RoundUpToPage(map_bytes_ + std::min(map_bytes_, kLargestStepBytes))));
+  }
+  gate_.OpenAgain();
+}
+
+// With the gate closed. 0 bytes: what the file says.
+Status LmdbEnvironment::SetMap(std::size_t bytes) {
+  if (bytes > 0 && !AddressSpaceHolds(bytes)) {
+    return Error(ErrorCode::kNoSpace, "No address space for a store of " + std::to_string(bytes) + " bytes");
+  }
+  int code = mdb_env_set_mapsize(environment_, bytes);
+  if (code == 0 && MapBytes() < map_bytes_) code = mdb_env_set_mapsize(environment_, map_bytes_);
+  if (code == 0) {
+    map_bytes_ = MapBytes();
+    return {};
+  }
+  // The old map is gone and there is no new one: only opening again helps, now or at the next call.
+  CloseFiles();
+  return OpenFiles();
+}
+
+std::size_t LmdbEnvironment::MapBytes() const {
+  MDB_envinfo info{};
+  mdb_env_info(environment_, &info);
+  return info.me_mapsize;
+}
+
+bool LmdbEnvironment::IsHalfFull() const {
+  MDB_envinfo info{};
+  MDB_stat stat{};
+  if (IsForked() || environment_ == nullptr || mdb_env_info(environment_, &info) != 0) return false;
+  if (mdb_env_stat(environment_, &stat) != 0) return false;
+  return (info.me_last_pgno + 1) * stat.ms_psize > info.me_mapsize / 2;
+}
+
+std::uint64_t LmdbEnvironment::LastTransaction() {
+  if (IsForked()) return 0;
+  const MapGate::Pass pass = gate_.Enter();
+  MDB_envinfo info{};
+  if (environment_ == nullptr || mdb_env_info(environment_, &info) != 0) return 0;
+  return info.me_last_txnid;
+}
+
+void LmdbEnvironment::GiveBack(MDB_txn* transaction) {
+  mdb_txn_reset(transaction);
+  {
+    const std::lock_guard lock(idle_mutex_);
+    if (idle_readers_.size() < kMaxIdleReaders) {
+      idle_readers_.push_back(transaction);
+      return;
+    }
+  }
+  mdb_txn_abort(transaction);
+}
+
+void LmdbEnvironment::DropIdleReaders() {
+  const std::lock_guard lock(idle_mutex_);
+  for (MDB_txn* const transaction : idle_readers_) mdb_txn_abort(transaction);
+  idle_readers_.clear();
+}
+
+}  // namespace vexa::store

@@ -1,0 +1,123 @@
+// One open LMDB environment: its databases, its transactions, and the growth of its memory map.
+#pragma once
+
+#include <lmdb.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/store/map_gate.h"
+
+namespace vexa::store {
+
+class LmdbEnvironment;
+
+// A read transaction: one consistent state of all databases. Moves; gives its reader slot back when destroyed.
+class ReadTransaction {
+ public:
+  ReadTransaction(ReadTransaction&& other) noexcept;
+  ReadTransaction& operator=(ReadTransaction&&) = delete;
+  ~ReadTransaction();
+  MDB_txn* get() const { return transaction_; }
+
+ private:
+  friend class LmdbEnvironment;
+  ReadTransaction(LmdbEnvironment* environment, MDB_txn* transaction, MapGate::Pass pass);
+  LmdbEnvironment* environment_;
+  MDB_txn* transaction_;
+  MapGate::Pass pass_;
+};
+
+// The write transaction; aborted unless committed. Must end on the thread that began it.
+class WriteTransaction {
+ public:
+  WriteTransaction(WriteTransaction&& other) noexcept;
+  WriteTransaction& operator=(WriteTransaction&&) = delete;
+  ~WriteTransaction();
+  MDB_txn* get() const { return transaction_; }
+  // The size of the map it runs in.
+  std::size_t map_bytes() const { return map_bytes_; }
+  // 0, or LMDB's code; ended in either case.
+  int Commit();
+  // Ended without a trace.
+  void Abort();
+
+ private:
+  friend class LmdbEnvironment;
+  WriteTransaction(MDB_txn* transaction, std::size_t map_bytes, MapGate::Pass pass);
+  MDB_txn* transaction_;
+  std::size_t map_bytes_;
+  MapGate::Pass pass_;
+};
+
+// After a fork the child must not use its parent's environment: every call answers kUnavailable there, and nothing of
+// the parent's is given back. The child opens the folder for itself.
+// Threads: any, at the same time.
+class LmdbEnvironment {
+ public:
+  // `directory` exists. One per folder and process, because two would break each other's locks: while there is one,
+  // opening the folder again gives the same.
+  static Result<std::shared_ptr<LmdbEnvironment>> Open(const std::string& directory, std::size_t map_bytes);
+  ~LmdbEnvironment();
+  LmdbEnvironment(const LmdbEnvironment&) = delete;
+  LmdbEnvironment& operator=(const LmdbEnvironment&) = delete;
+
+  MDB_dbi data() const { return data_; }
+  MDB_dbi changes() const { return changes_; }
+  MDB_dbi meta() const { return meta_; }
+  const std::string& directory() const { return directory_; }
+
+  // Errors: kBusy (no reader slot, or the map was grown elsewhere and a snapshot of this process stays open),
+  // kUnavailable (after a fork, or the folder cannot be opened again), and as LmdbError says.
+  Result<ReadTransaction> BeginRead();
+  // Waits for the writers of all processes. Errors: as BeginRead.
+  Result<WriteTransaction> BeginWrite();
+
+  // Makes the map at least twice `seen_bytes` and room for `extra_bytes`, unless another thread already did.
+  // Errors: kBusy (snapshots of this process stay open), kNoSpace (no address space), kUnavailable.
+  Status Grow(std::size_t seen_bytes, std::size_t extra_bytes);
+
+  // Grows the map once it is half full, provided that nobody is inside; so that hardly ever somebody has to wait for
+  // it.
+  void GrowAhead();
+
+  // A number that changes with every commit of any process; 0 when it cannot be told.
+  std::uint64_t LastTransaction();
+
+ private:
+  friend class ReadTransaction;
+
+  LmdbEnvironment(std::string directory, std::size_t map_bytes);
+  bool IsForked() const;
+  Status OpenFiles();
+  Status OpenDatabases();
+  int OpenDatabasesIn(unsigned transaction_flags);
+  void CloseFiles();
+  Status Recover(int code, int attempt);
+  Status AdoptMap();
+  Status OpenAnew();
+  Status SetMap(std::size_t bytes);
+  std::size_t MapBytes() const;
+  bool IsHalfFull() const;
+  void GiveBack(MDB_txn* transaction);
+  void DropIdleReaders();
+
+  const std::string directory_;
+  const std::uint64_t generation_;
+  std::size_t map_bytes_;  // changed only while the gate is closed
+  MapGate gate_;
+  MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when opening anew failed
+  MDB_dbi data_ = 0;
+  MDB_dbi changes_ = 0;
+  MDB_dbi meta_ = 0;
+  std::mutex idle_mutex_;
+  std::vector<MDB_txn*> idle_readers_;  // reset: they hold a reader slot and no pages
+};
+
+}  // namespace vexa::store

@@ -1,0 +1,50 @@
+#include "host/store/lmdb_error.h"
+
+#include <lmdb.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace vexa::store {
+namespace {
+
+struct CodeRow {
+  int lmdb_code;
+  ErrorCode code;
+};
+
+constexpr CodeRow kCodes[] = {
+    {MDB_INVALID, ErrorCode::kCorrupt},
+    {MDB_VERSION_MISMATCH, ErrorCode::kCorrupt},
+    {MDB_CORRUPTED, ErrorCode::kCorrupt},
+    {MDB_PAGE_NOTFOUND, ErrorCode::kCorrupt},
+    {MDB_INCOMPATIBLE, ErrorCode::kCorrupt},
+    {MDB_CURSOR_FULL, ErrorCode::kCorrupt},
+    {MDB_READERS_FULL, ErrorCode::kBusy},
+    {MDB_MAP_FULL, ErrorCode::kNoSpace},
+    {MDB_TXN_FULL, ErrorCode::kNoSpace},
+    {MDB_BAD_VALSIZE, ErrorCode::kInvalid},
+    {ENOSPC, ErrorCode::kNoSpace},
+    {EDQUOT, ErrorCode::kNoSpace},
+    {EFBIG, ErrorCode::kNoSpace},
+    {EACCES, ErrorCode::kDenied},
+    {EPERM, ErrorCode::kDenied},
+    {EROFS, ErrorCode::kDenied},
+};
+
+ErrorCode CodeOf(int lmdb_code) {
+  for (const CodeRow& row : kCodes) {
+    if (row.lmdb_code == lmdb_code) return row.code;
+  }
+  return ErrorCode::kInternal;
+}
+
+}  // namespace
+
+Error LmdbError(std::string message, int code) {
+  if (code > 0)
+    return SystemError(CodeOf(code), std::move(message), code);  // mdb_strerror is not made for threads here
+  return Error(CodeOf(code), std::move(message), mdb_strerror(code));
+}
+
+}  // namespace vexa::store

@@ -1,0 +1,14 @@
+// LMDB's return codes as errors of this host.
+#pragma once
+
+#include <string>
+
+#include "host/base/result.h"
+
+namespace vexa::store {
+
+// `code` is an LMDB or errno(3) value, not 0. Damage is kCorrupt, a full disk or limit kNoSpace, missing rights or a
+// read-only disk kDenied, a full reader table kBusy, the rest kInternal.
+Error LmdbError(std::string message, int code);
+
+}  // namespace vexa::store

@@ -1,0 +1,163 @@
+#include "host/store/lmdb_keyspace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "host/store/lmdb_error.h"
+#include "host/store/lmdb_files.h"
+#include "host/store/lmdb_format.h"
+#include "host/store/lmdb_snapshot.h"
+
+namespace vexa::store {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds kLookInterval{50};  // for commits of other processes, which are promised within 100 ms
+constexpr milliseconds kProbeInterval{1000};
+constexpr milliseconds kLongestWait = std::chrono::hours(24);
+constexpr std::size_t kMaxChangesPerBatch = 10'000;
+constexpr int kMaxGrowths = 64;
+
+std::size_t BytesOf(std::span<const RevisionedOperations> commits) {
+  std::size_t bytes = 0;
+  for (const RevisionedOperations& commit : commits) {
+    for (const Operation& operation : commit.operations) {
+      bytes += operation.key.size() + (operation.text ? operation.text->size() : 0);
+    }
+  }
+  return bytes;
+}
+
+}  // namespace
+
+Result<std::unique_ptr<LmdbKeyspace>> LmdbKeyspace::Open(const LmdbOptions& options) {
+  auto environment = LmdbEnvironment::Open(options.directory, options.initial_map_bytes);
+  if (!environment.ok()) return environment.error();
+  return std::unique_ptr<LmdbKeyspace>(
+      new LmdbKeyspace(std::move(environment).value(), std::max<std::size_t>(options.change_log_length, 1)));
+}
+
+Result<std::unique_ptr<Snapshot>> LmdbKeyspace::Read() const {
+  Result<std::unique_ptr<LmdbSnapshot>> snapshot = LmdbSnapshot::Take(environment_);
+  if (snapshot.ok()) return std::unique_ptr<Snapshot>(std::move(snapshot).value());
+  NoteFailure(snapshot.error(), Health::kInaccessible);
+  return snapshot.error();
+}
+
+Status LmdbKeyspace::Apply(std::span<const RevisionedOperations> commits) {
+  if (commits.empty()) return {};
+  return Update(BytesOf(commits), [&](KeyspaceWriter& writer) -> Status {
+    for (const RevisionedOperations& commit : commits) {
+      if (Status applied = writer.Apply(commit.revision, commit.operations); !applied.ok()) return applied;
+    }
+    return {};
+  });
+}
+
+Status LmdbKeyspace::Update(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body) {
+  Status updated = TryUpdate(expected_bytes, body);
+  if (!updated.ok()) NoteFailure(updated.error(), Health::kReadOnly);
+  return updated;
+}
+
+Status LmdbKeyspace::TryUpdate(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body) {
+  for (int growths = 0;; ++growths) {
+    Result<WriteTransaction> transaction = environment_->BeginWrite();
+    if (!transaction.ok()) return transaction.error();
+    KeyspaceWriter writer(*environment_, transaction->get(), change_log_length_);
+    int code = writer.Load();
+    const Status done = code == 0 ? body(writer) : Status();
+    if (code == 0) code = writer.code_;
+    if (code == 0 && (!done.ok() || !writer.wrote_)) return done;
+    const std::size_t map_bytes = transaction->map_bytes();
+    if (code == 0) code = transaction->Commit();
+    transaction->Abort();
+    if (code == 0) {
+      NoteCommit();
+      return {};
+    }
+    if (code != MDB_MAP_FULL || growths >= kMaxGrowths) return CommitFailed(code);
+    if (Status grown = environment_->Grow(map_bytes, expected_bytes); !grown.ok()) return grown;
+  }
+}
+
+Error LmdbKeyspace::CommitFailed(int code) const {
+  // LMDB calls a write that the disk cut short an I/O error.
+  if (code == EIO && DiskIsFull(environment_->directory())) code = ENOSPC;
+  return LmdbError("Cannot commit to the store in '" + environment_->directory() + "'", code);
+}
+
+void LmdbKeyspace::NoteCommit() {
+  health_ = Health::kReady;
+  {
+    const std::lock_guard lock(mutex_);
+    ++commits_;
+    committed_.notify_all();
+  }
+  environment_->GrowAhead();
+}
+
+// A refusal of the caller's input or of the moment says nothing about the store.
+void LmdbKeyspace::NoteFailure(const Error& error, Health consequence) const {
+  if (error.code() == ErrorCode::kInvalid || error.code() == ErrorCode::kBusy) return;
+  const bool unreadable = error.code() == ErrorCode::kUnavailable || error.code() == ErrorCode::kCorrupt;
+  health_ = unreadable ? Health::kInaccessible : consequence;
+  const std::lock_guard lock(mutex_);
+  next_probe_ = steady_clock::now() + kProbeInterval;
+}
+
+Health LmdbKeyspace::health() const {
+  const Health known = health_;
+  if (known == Health::kReady) return known;
+  {
+    const std::lock_guard lock(mutex_);
+    if (steady_clock::now() < next_probe_) return known;
+    next_probe_ = steady_clock::now() + kProbeInterval;
+  }
+  // Writes the revision over itself: a commit like any other for the disk, and none for anybody who reads.
+  auto* const self = const_cast<LmdbKeyspace*>(this);
+  static_cast<void>(self->Update(0, [](KeyspaceWriter& writer) -> Status {
+    const int code = writer.StoreRevision(writer.revision());
+    return code == 0 ? Status() : writer.Fail("Cannot write to the store", code);
+  }));
+  return health_;
+}
+
+Result<ChangeBatch> LmdbKeyspace::Watch(std::string_view prefix, Revision from, milliseconds timeout) const {
+  const auto deadline = steady_clock::now() + std::clamp(timeout, milliseconds(0), kLongestWait);
+  while (true) {
+    std::uint64_t seen = 0;
+    {
+      const std::lock_guard lock(mutex_);
+      seen = commits_;
+    }
+    const std::uint64_t seen_transaction = environment_->LastTransaction();
+    Result<ChangeBatch> batch = [&]() -> Result<ChangeBatch> {
+      const Result<std::unique_ptr<LmdbSnapshot>> snapshot = LmdbSnapshot::Take(environment_);
+      if (!snapshot.ok()) return snapshot.error();
+      return snapshot.value()->ChangesAfter(from, prefix, kMaxChangesPerBatch);
+    }();
+    if (!batch.ok() || batch->lost || !batch->changes.empty()) return batch;
+    from = batch->revision;
+    if (steady_clock::now() >= deadline) return batch;
+    WaitForCommit(seen, seen_transaction, deadline);
+  }
+}
+
+// Until a commit after those that were seen, of this process or another, or until `deadline`.
+void LmdbKeyspace::WaitForCommit(std::uint64_t seen, std::uint64_t seen_transaction,
+                                 steady_clock::time_point deadline) const {
+  std::unique_lock lock(mutex_);
+  while (commits_ == seen && steady_clock::now() < deadline) {
+    committed_.wait_until(lock, std::min(deadline, steady_clock::now() + kLookInterval));
+    lock.unlock();
+    const bool elsewhere = environment_->LastTransaction() != seen_transaction;
+    lock.lock();
+    if (elsewhere) return;
+  }
+}
+
+}  // namespace vexa::store

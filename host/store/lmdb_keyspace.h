@@ -1,0 +1,102 @@
+// The keyspace in LMDB, whoever decides what is written: the embedded store counts its own revisions, a mirror of a
+// cluster database applies the revisions it is given.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+
+#include "host/store/lmdb_environment.h"
+#include "host/store/lmdb_store.h"
+#include "host/store/store.h"
+
+namespace vexa::store {
+
+// What one commit changes. A key that occurs twice keeps what the last operation says.
+struct RevisionedOperations {
+  Revision revision = 0;
+  std::vector<Operation> operations;
+};
+
+// The inside of one write transaction. Valid only within LmdbKeyspace::Update.
+class KeyspaceWriter {
+ public:
+  // The last revision, this transaction's own included.
+  Revision revision() const { return revision_; }
+
+  // The revision that wrote `key`; 0 when it is absent.
+  Result<Revision> RevisionOf(std::string_view key);
+
+  // Applies `operations` as commit `revision` and logs their changes. Deleting an absent key changes nothing, but the
+  // commit counts. Errors: kInvalid (`revision` is not greater than the last, or a key or text has no possible size;
+  // the transaction must then be given up), and what LMDB reports.
+  Status Apply(Revision revision, std::span<const Operation> operations);
+
+ private:
+  friend class LmdbKeyspace;
+  KeyspaceWriter(const LmdbEnvironment& environment, MDB_txn* transaction, std::size_t change_log_length)
+      : environment_(environment), transaction_(transaction), change_log_length_(change_log_length) {}
+  int Load();
+  int ApplyOne(Revision revision, const Operation& operation, std::string& record);
+  int LogChanges(Revision revision, const std::string& record);
+  int PruneLog();
+  int StoreRevision(Revision revision);
+  Status Fail(std::string message, int code);
+
+  const LmdbEnvironment& environment_;
+  MDB_txn* const transaction_;
+  const std::size_t change_log_length_;
+  Revision revision_ = 0;
+  int code_ = 0;  // the first failure of LMDB
+  bool wrote_ = false;
+};
+
+// Threads: any, at the same time. Processes: any number on one machine.
+class LmdbKeyspace {
+ public:
+  // Options and errors as OpenLmdbStore, but the folder exists.
+  static Result<std::unique_ptr<LmdbKeyspace>> Open(const LmdbOptions& options);
+
+  Result<std::unique_ptr<Snapshot>> Read() const;
+
+  // Applies whole commits in order, all of them or none, durably. Their revisions increase strictly, from above the
+  // last. Errors: kInvalid, and those of Update.
+  Status Apply(std::span<const RevisionedOperations> commits);
+
+  // Runs `body` in a write transaction and commits what it wrote, durably, if it returns success. The map may have to
+  // grow, so `body` may be run more than once and must start anew each time. `expected_bytes` is how much it writes,
+  // roughly. Errors: that of `body`; kNoSpace, kBusy (the map must grow, and snapshots of this process stay open),
+  // kUnavailable, kDenied, kCorrupt, kInternal. Nothing changed then.
+  Status Update(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body);
+
+  // As Store::Watch.
+  Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) const;
+
+  // How the last accesses went. While they failed, the disk is asked again with a small commit, at most once a second.
+  Health health() const;
+
+ private:
+  LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, std::size_t change_log_length)
+      : environment_(std::move(environment)), change_log_length_(change_log_length) {}
+  Status TryUpdate(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body);
+  Error CommitFailed(int code) const;
+  void NoteCommit();
+  void NoteFailure(const Error& error, Health consequence) const;
+  void WaitForCommit(std::uint64_t seen, std::uint64_t seen_transaction,
+                     std::chrono::steady_clock::time_point deadline) const;
+
+  const std::shared_ptr<LmdbEnvironment> environment_;
+  const std::size_t change_log_length_;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable committed_;
+  std::uint64_t commits_ = 0;                                 // of this process, under mutex_
+  mutable std::chrono::steady_clock::time_point next_probe_;  // under mutex_
+  mutable std::atomic<Health> health_{Health::kReady};
+};
+
+}  // namespace vexa::store

@@ -1,0 +1,127 @@
+// KeyspaceWriter: what happens inside one write transaction.
+#include <cstring>
+#include <limits>
+#include <unordered_map>
+
+#include "host/store/key.h"
+#include "host/store/lmdb_cursor.h"
+#include "host/store/lmdb_error.h"
+#include "host/store/lmdb_format.h"
+#include "host/store/lmdb_keyspace.h"
+
+namespace vexa::store {
+namespace {
+
+bool HasPossibleSize(const Operation& operation) {
+  constexpr std::size_t kMaxTextBytes = std::numeric_limits<std::uint32_t>::max() - kNumberBytes;
+  return !operation.key.empty() && operation.key.size() <= kMaxKeyBytes &&
+         (!operation.text || operation.text->size() <= kMaxTextBytes);
+}
+
+// For each key the place of its last operation.
+std::unordered_map<std::string_view, std::size_t> LastPlaces(std::span<const Operation> operations) {
+  std::unordered_map<std::string_view, std::size_t> places;
+  places.reserve(operations.size());
+  for (std::size_t i = 0; i < operations.size(); ++i) places[operations[i].key] = i;
+  return places;
+}
+
+}  // namespace
+
+int KeyspaceWriter::Load() {
+  const int code = GetNumber(transaction_, environment_.meta(), kRevisionName, revision_);
+  return code == MDB_NOTFOUND ? 0 : code;
+}
+
+Status KeyspaceWriter::Fail(std::string message, int code) {
+  if (code_ == 0) code_ = code;
+  return LmdbError(std::move(message), code);
+}
+
+Result<Revision> KeyspaceWriter::RevisionOf(std::string_view key) {
+  if (key.empty() || key.size() > kMaxKeyBytes) return Revision{0};
+  MDB_val name = ToVal(key);
+  MDB_val value{};
+  int code = mdb_get(transaction_, environment_.data(), &name, &value);
+  if (code == MDB_NOTFOUND) return Revision{0};
+  const std::optional<ValueView> parsed = code == 0 ? ParseValue(ToView(value)) : std::nullopt;
+  if (parsed) return parsed->revision;
+  if (code == 0) code = MDB_CORRUPTED;
+  return Fail("Cannot read '" + std::string(key) + "'", code).error();
+}
+
+Status KeyspaceWriter::Apply(Revision revision, std::span<const Operation> operations) {
+  if (revision <= revision_) {
+    return Error(ErrorCode::kInvalid,
+                 "Revision " + std::to_string(revision) + " does not follow revision " + std::to_string(revision_));
+  }
+  for (const Operation& operation : operations) {
+    if (!HasPossibleSize(operation))
+      return Error(ErrorCode::kInvalid, "A key or value has a size that cannot be stored");
+  }
+  const auto last_places = LastPlaces(operations);
+  std::string record;
+  int code = 0;
+  for (std::size_t i = 0; code == 0 && i < operations.size(); ++i) {
+    if (last_places.at(operations[i].key) == i) code = ApplyOne(revision, operations[i], record);
+  }
+  if (code == 0) code = LogChanges(revision, record);
+  if (code == 0) code = StoreRevision(revision);
+  if (code != 0) return Fail("Cannot write to the store", code);
+  return {};
+}
+
+int KeyspaceWriter::ApplyOne(Revision revision, const Operation& operation, std::string& record) {
+  MDB_val name = ToVal(operation.key);
+  if (!operation.text) {
+    const int code = mdb_del(transaction_, environment_.data(), &name, nullptr);
+    if (code == MDB_NOTFOUND) return 0;
+    if (code == 0) EncodeChange(record, operation.key, ChangeKind::kDelete);
+    return code;
+  }
+  MDB_val place{kNumberBytes + operation.text->size(), nullptr};
+  const int code = mdb_put(transaction_, environment_.data(), &name, &place, MDB_RESERVE);
+  if (code != 0) return code;
+  char* const out = static_cast<char*>(place.mv_data);
+  StoreNumber(out, revision);
+  if (!operation.text->empty()) std::memcpy(out + kNumberBytes, operation.text->data(), operation.text->size());
+  EncodeChange(record, operation.key, ChangeKind::kPut);
+  return 0;
+}
+
+int KeyspaceWriter::LogChanges(Revision revision, const std::string& record) {
+  char number[kNumberBytes];
+  StoreNumber(number, revision);
+  MDB_val key{sizeof number, number};
+  MDB_val value = ToVal(record);
+  const int code = mdb_put(transaction_, environment_.changes(), &key, &value, MDB_APPEND);
+  return code != 0 ? code : PruneLog();
+}
+
+int KeyspaceWriter::PruneLog() {
+  MDB_stat stat{};
+  int code = mdb_stat(transaction_, environment_.changes(), &stat);
+  if (code != 0 || stat.ms_entries <= change_log_length_) return code;
+  Revision pruned = 0;
+  LmdbCursor cursor(transaction_, environment_.changes());
+  for (std::size_t excess = stat.ms_entries - change_log_length_; excess > 0; --excess) {
+    code = cursor.First();
+    if (code == 0 && cursor.key().size() != kNumberBytes) code = MDB_CORRUPTED;
+    if (code != 0) return code;
+    pruned = LoadNumber(cursor.key().data());
+    code = cursor.Delete();
+    if (code != 0) return code;
+  }
+  return PutNumber(transaction_, environment_.meta(), kLogStartName, pruned);
+}
+
+int KeyspaceWriter::StoreRevision(Revision revision) {
+  const int code = PutNumber(transaction_, environment_.meta(), kRevisionName, revision);
+  if (code == 0) {
+    revision_ = revision;
+    wrote_ = true;
+  }
+  return code;
+}
+
+}  // namespace vexa::store
