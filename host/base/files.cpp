@@ -46,11 +46,17 @@ Error Failed(const std::string& what, const std::string& path, int error_number)
   return SystemError(CodeOf(error_number), "Cannot " + what + " '" + path + "'", error_number);
 }
 
+// The system would take the part before the NUL for the name of another file.
+bool HasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
+
+Error NulInPath() { return Error(ErrorCode::kInvalid, "The path of a file contains a NUL"); }
+
 bool WriteAll(int fd, std::string_view content) {
   while (!content.empty()) {
     const ssize_t written = ::write(fd, content.data(), content.size());
-    if (written < 0) {
-      if (errno == EINTR) continue;
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      if (written == 0) errno = EIO;
       return false;
     }
     content.remove_prefix(static_cast<std::size_t>(written));
@@ -62,6 +68,7 @@ bool WriteAll(int fd, std::string_view content) {
 
 Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes) {
   // O_NONBLOCK: a FIFO in the place of the file must not hold the caller.
+  if (HasNul(path)) return NulInPath();
   const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (fd.get() < 0) return Failed("open", path, errno);
   struct stat info {};
@@ -82,7 +89,11 @@ Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes) {
 }
 
 Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode) {
+  if (HasNul(path)) return NulInPath();
   const std::string folder = std::filesystem::path(path).parent_path().string();
+  // Opened first: once the file is renamed, only the sync itself can still fail.
+  const FileDescriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() < 0) return Failed("open the folder of", path, errno);
   std::string temporary = path + ".XXXXXX";
   const FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
   if (fd.get() < 0) return Failed("create a file beside", path, errno);
@@ -93,16 +104,19 @@ Status WriteFileAtomically(const std::string& path, std::string_view content, mo
     ::unlink(temporary.c_str());
     return Failed("write", path, error_number);
   }
-  const FileDescriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory.get() < 0 || ::fsync(directory.get()) != 0) return Failed("sync the folder of", path, errno);
+  if (::fsync(directory.get()) != 0) return Failed("sync the folder of", path, errno);
   return {};
 }
 
 Status CreateDirectories(const std::string& path, mode_t mode) {
+  if (HasNul(path)) return NulInPath();
   std::filesystem::path so_far;
   for (const auto& part : std::filesystem::path(path)) {
     so_far /= part;
     if (::mkdir(so_far.c_str(), mode) == 0 || errno == EEXIST) continue;
+    if (errno == ENOTDIR) {
+      return Error(ErrorCode::kConflict, "'" + so_far.parent_path().string() + "' exists and is not a folder");
+    }
     return Failed("create the folder", so_far.string(), errno);
   }
   struct stat info {};

@@ -2,8 +2,10 @@
 
 #include <json/reader.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace vexa {
 namespace {
@@ -14,51 +16,144 @@ std::unique_ptr<Json::CharReader> NewReader() {
   // Strict mode refuses comments, single quotes, special floats, duplicate names and trailing text. Roots other than
   // objects and arrays are left to the callers, who all look at the type anyway.
   builder.settings_["strictRoot"] = false;
-  builder.settings_["stackLimit"] = kMaxJsonDepth;
+  builder.settings_["skipBom"] = false;
+  // The parser counts the document itself, and a value inside the innermost container, as levels.
+  builder.settings_["stackLimit"] = kMaxJsonDepth + 2;
   return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 
-// The parser throws beyond its stack limit, so the depth is looked at first; it also reads forms that JSON does not
-// have: raw control characters in strings, and numbers such as "01", "+1", "1." and ".5".
-std::optional<std::string> FindLexicalFault(std::string_view text) {
-  int depth = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '"') {
-      for (++i; i < text.size() && text[i] != '"'; ++i) {
-        if (static_cast<unsigned char>(text[i]) < 0x20) return "a control character in a string";
-        if (text[i] == '\\') ++i;
-      }
-    } else if (c == '[' || c == '{') {
-      if (++depth > kMaxJsonDepth) return "more than " + std::to_string(kMaxJsonDepth) + " levels of nesting";
-    } else if (c == ']' || c == '}') {
-      --depth;
-    } else if (c == '-' || c == '+' || c == '.' || (c >= '0' && c <= '9')) {
-      // RFC 8259, section 6: -? (0 | [1-9][0-9]*) (. [0-9]+)? ([eE] [+-]? [0-9]+)?
-      const auto digits = [&] {
-        const std::size_t start = i;
-        while (i < text.size() && text[i] >= '0' && text[i] <= '9') ++i;
-        return i - start;
-      };
-      if (text[i] == '-') ++i;
-      const std::size_t first = i;
-      const std::size_t whole = digits();
-      if (whole == 0 || (whole > 1 && text[first] == '0')) return "a malformed number";
-      if (i < text.size() && text[i] == '.') {
-        ++i;
-        if (digits() == 0) return "a malformed number";
-      }
-      if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
-        ++i;
-        if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
-        if (digits() == 0) return "a malformed number";
-      }
-      --i;
-    } else if (c == '\0' || c == '/' || c == '\'') {
-      return "an unexpected character";
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// The parser accepts more than JSON has: raw control characters in strings, halves of surrogate pairs, numbers such as
+// "01", "1." and ".5", NUL as the end of the text; and it recurses as deeply as its stack limit. This looks at the
+// tokens for all that first; grammar is left to the parser. Every fault found is a fault wherever the token stands.
+class LexicalCheck {
+ public:
+  explicit LexicalCheck(std::string_view text) : text_(text) {}
+
+  // The first fault, or null.
+  const char* Run() {
+    while (at_ < text_.size()) {
+      if (const char* fault = Token()) return fault;
+    }
+    return nullptr;
+  }
+
+ private:
+  // The character `ahead` of the current one, NUL beyond the end: no token contains NUL.
+  char Peek(std::size_t ahead = 0) const { return at_ + ahead < text_.size() ? text_[at_ + ahead] : '\0'; }
+
+  const char* Token() {
+    const char c = Peek();
+    if (c == '"') return String();
+    if (c == '-' || c == '+' || c == '.' || IsDigit(c)) return Number();
+    ++at_;
+    switch (c) {
+      case '[':
+      case '{':
+        return ++depth_ > kMaxJsonDepth ? "more levels of nesting than are allowed" : nullptr;
+      case ']':
+      case '}':
+        return --depth_ < 0 ? "a closing bracket without an opening one" : nullptr;
+      case '\0':
+      case '/':
+      case '\'':
+        return "an unexpected character";
+      default:
+        return nullptr;
     }
   }
-  return std::nullopt;
+
+  const char* String() {
+    ++at_;
+    while (at_ < text_.size()) {
+      const char c = text_[at_];
+      if (static_cast<unsigned char>(c) < 0x20) return "a control character in a string";
+      ++at_;
+      if (c == '"') return nullptr;
+      if (c != '\\') continue;
+      if (const char* fault = Escape()) return fault;
+    }
+    return "a string without its end";
+  }
+
+  // Behind a backslash.
+  const char* Escape() {
+    const char c = Peek();
+    ++at_;
+    if (c != 'u') return c != '\0' && std::strchr("\"\\/bfnrt", c) != nullptr ? nullptr : "an unknown escape";
+    const int unit = HexUnit();
+    if (unit < 0) return "a malformed escape";
+    if (unit < 0xD800 || unit > 0xDFFF) return nullptr;
+    if (unit > 0xDBFF || Peek() != '\\' || Peek(1) != 'u') return "half of a surrogate pair";
+    at_ += 2;
+    const int low = HexUnit();
+    return low >= 0xDC00 && low <= 0xDFFF ? nullptr : "half of a surrogate pair";
+  }
+
+  // Takes four hexadecimal digits; -1 when they are not there.
+  int HexUnit() {
+    int unit = 0;
+    for (int i = 0; i < 4; ++i) {
+      const char c = Peek();
+      int digit = 0;
+      if (IsDigit(c)) {
+        digit = c - '0';
+      } else if (c >= 'a' && c <= 'f') {
+        digit = c - 'a' + 10;
+      } else if (c >= 'A' && c <= 'F') {
+        digit = c - 'A' + 10;
+      } else {
+        return -1;
+      }
+      unit = unit * 16 + digit;
+      ++at_;
+    }
+    return unit;
+  }
+
+  // RFC 8259, section 6: -? (0 | [1-9][0-9]*) (. [0-9]+)? ([eE] [+-]? [0-9]+)?
+  const char* Number() {
+    static constexpr const char* kFault = "a malformed number";
+    if (Peek() == '-') ++at_;
+    const bool zero = Peek() == '0';
+    const std::size_t whole = Digits();
+    if (whole == 0 || (zero && whole > 1)) return kFault;
+    if (Peek() == '.') {
+      ++at_;
+      if (Digits() == 0) return kFault;
+    }
+    if (Peek() == 'e' || Peek() == 'E') {
+      ++at_;
+      if (Peek() == '+' || Peek() == '-') ++at_;
+      if (Digits() == 0) return kFault;
+    }
+    return nullptr;
+  }
+
+  std::size_t Digits() {
+    const std::size_t start = at_;
+    while (IsDigit(Peek())) ++at_;
+    return at_ - start;
+  }
+
+  const std::string_view text_;
+  std::size_t at_ = 0;
+  int depth_ = 0;
+};
+
+// The parser's messages quote names and numbers, which may be as long as the text.
+Error Refusal(std::string reason) {
+  if (reason.size() > kMaxJsonReason) {
+    std::size_t end = kMaxJsonReason;
+    while (end > 0 && (static_cast<unsigned char>(reason[end]) & 0xC0) == 0x80) --end;
+    reason.resize(end);
+  }
+  for (char& c : reason) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
+  }
+  while (!reason.empty() && reason.back() == ' ') reason.pop_back();
+  return Error(ErrorCode::kInvalid, "The text is not valid JSON", std::move(reason));
 }
 
 }  // namespace
@@ -89,10 +184,8 @@ bool IsValidUtf8(std::string_view text) {
 }
 
 Result<Json::Value> ParseJson(std::string_view text) {
-  if (!IsValidUtf8(text)) return Error(ErrorCode::kInvalid, "The text is not valid JSON", "it is not valid UTF-8");
-  if (auto fault = FindLexicalFault(text)) {
-    return Error(ErrorCode::kInvalid, "The text is not valid JSON", std::move(*fault));
-  }
+  if (!IsValidUtf8(text)) return Refusal("it is not valid UTF-8");
+  if (const char* fault = LexicalCheck(text).Run()) return Refusal(fault);
   thread_local const std::unique_ptr<Json::CharReader> reader = NewReader();
   Json::Value value;
   std::string errors;
@@ -101,7 +194,7 @@ Result<Json::Value> ParseJson(std::string_view text) {
   } catch (const Json::Exception& exception) {
     errors = exception.what();
   }
-  return Error(ErrorCode::kInvalid, "The text is not valid JSON", std::move(errors));
+  return Refusal(std::move(errors));
 }
 
 }  // namespace vexa

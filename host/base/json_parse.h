@@ -11,10 +11,15 @@
 namespace vexa {
 
 inline constexpr int kMaxJsonDepth = 64;
+inline constexpr std::size_t kMaxJsonReason = 200;
 
 // Parses one JSON value.
-// Refused (kInvalid, with the reason): anything that RFC 8259 does not allow, invalid UTF-8, duplicate member names,
-// text after the value, more than kMaxJsonDepth levels of nesting. The result never holds part of a refused text.
+// Refused (kInvalid, with the reason): anything that RFC 8259 does not allow, invalid UTF-8, a byte order mark,
+// duplicate member names (compared after escapes), text after the value, more than kMaxJsonDepth levels of nesting, an
+// escaped surrogate without its other half ("\ud800"), a number too large for a double (1e999). The reason quotes at
+// most kMaxJsonReason bytes of the text, and the result never holds part of a refused one.
+// Not refused: any root, "\u0000" in strings and names, integers outside 64 bits (read as doubles), numbers too small
+// for a double (read as 0), -0 (read as the integer 0).
 // Any thread; each keeps its own reader.
 Result<Json::Value> ParseJson(std::string_view text);
 

@@ -1,0 +1,147 @@
+#include "host/base/account_password.h"
+
+#include <crypt.h>
+#include <string.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <semaphore>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "host/base/json_parse.h"
+
+namespace vexa::base {
+namespace {
+
+constexpr const char* kMethod = "$y$";
+constexpr int kMaxParallelHashes = 1024;
+
+// A hash takes 16 MiB and all of a processor: logins must not take the machine.
+class HashSlot {
+ public:
+  HashSlot() { Slots().acquire(); }
+  ~HashSlot() { Slots().release(); }
+  HashSlot(const HashSlot&) = delete;
+  HashSlot& operator=(const HashSlot&) = delete;
+
+ private:
+  static std::counting_semaphore<kMaxParallelHashes>& Slots() {
+    static std::counting_semaphore<kMaxParallelHashes> slots(
+        std::clamp(2 * static_cast<int>(std::thread::hardware_concurrency()), 2, kMaxParallelHashes));
+    return slots;
+  }
+};
+
+// A copy of a secret that is wiped when it goes.
+class Secret {
+ public:
+  explicit Secret(std::string text) : text_(std::move(text)) {}
+  ~Secret() { ::explicit_bzero(text_.data(), text_.size()); }
+  Secret(const Secret&) = delete;
+  Secret& operator=(const Secret&) = delete;
+  const char* c_str() const { return text_.c_str(); }
+
+ private:
+  std::string text_;
+};
+
+struct WipingDelete {
+  void operator()(crypt_data* data) const {
+    ::explicit_bzero(data, sizeof(*data));
+    delete data;
+  }
+};
+
+// "" when the system cannot: an unknown method, no memory.
+std::string CryptOnce(const char* password, const char* setting) {
+  const std::unique_ptr<crypt_data, WipingDelete> data(new crypt_data{});
+  const char* hash = ::crypt_rn(password, setting, data.get(), sizeof(crypt_data));
+  return hash == nullptr || hash[0] == '*' ? std::string() : std::string(hash);
+}
+
+std::string Crypt(const std::string& password, const char* setting) {
+  const HashSlot slot;
+  if (password.size() < CRYPT_MAX_PASSPHRASE_SIZE) return CryptOnce(password.c_str(), setting);
+  // crypt(3) takes one byte less than we allow. Such a password is hashed in two steps, so that every byte counts; how
+  // long that takes depends on the password alone, not on the user.
+  const std::size_t half = password.size() / 2;
+  const std::string first_hash = CryptOnce(Secret(password.substr(0, half)).c_str(), setting);
+  if (first_hash.empty()) return {};
+  return CryptOnce(Secret(first_hash + password.substr(half)).c_str(), setting);
+}
+
+bool EqualInConstantTime(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;  // of hashes: what their lengths tell is public
+  volatile unsigned char difference = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    difference = static_cast<unsigned char>(difference | (static_cast<unsigned char>(a[i] ^ b[i])));
+  }
+  return difference == 0;
+}
+
+// What unknown users are checked against: made on first use, and tried again when the system could not. "" then.
+std::string DummyHash() {
+  static std::mutex mutex;
+  static std::string hash;
+  const std::lock_guard lock(mutex);
+  if (hash.empty()) {
+    auto made = HashPassword("a password that nobody has");
+    if (made.ok()) hash = std::move(made).value();
+  }
+  return hash;
+}
+
+}  // namespace
+
+Status CheckNewPassword(const std::string& password) {
+  if (password.size() < kMinPasswordBytes || password.size() > kMaxPasswordBytes) {
+    return Error(ErrorCode::kInvalid, "A password must have 8 to 512 bytes");
+  }
+  if (password.find('\0') != std::string::npos) {
+    return Error(ErrorCode::kInvalid, "A password must not contain a NUL character");
+  }
+  if (!IsValidUtf8(password)) return Error(ErrorCode::kInvalid, "A password must be valid UTF-8");
+  return {};
+}
+
+Result<std::string> HashPassword(const std::string& password) {
+  char setting[CRYPT_GENSALT_OUTPUT_SIZE] = {};
+  // 0 and nullptr: the default cost, and random bytes from the system.
+  if (::crypt_gensalt_rn(kMethod, 0, nullptr, 0, setting, sizeof(setting)) == nullptr) {
+    return SystemError(ErrorCode::kInternal, "Cannot make a salt for a password", errno);
+  }
+  std::string hash = Crypt(password, setting);
+  if (!IsStoredHashValid(hash) || IsLoginDisabled(hash)) {
+    return Error(ErrorCode::kInternal, "Cannot hash a password");
+  }
+  return hash;
+}
+
+bool IsLoginDisabled(const std::string& stored) { return stored.empty() || stored.front() == '!'; }
+
+bool IsStoredHashValid(const std::string& stored) {
+  if (stored.size() >= CRYPT_OUTPUT_SIZE) return false;
+  if (stored.find_first_of(std::string_view("\0\n\r", 3)) != std::string::npos) return false;
+  if (IsLoginDisabled(stored)) return true;
+  return stored.rfind(kMethod, 0) == 0 && ::crypt_checksalt(stored.c_str()) == CRYPT_SALT_OK;
+}
+
+PasswordCheck CheckPassword(const std::string* stored, const std::string& password) {
+  // Taken in every case, so that the first caller's extra wait says nothing about the user either.
+  const std::string dummy = DummyHash();
+  if (dummy.empty()) return PasswordCheck::kCannotTell;
+  // crypt(3) ends a password at a NUL, and would take what stands before it for the whole.
+  const bool can_match = stored != nullptr && !IsLoginDisabled(*stored) && password.size() <= kMaxPasswordBytes &&
+                         password.find('\0') == std::string::npos;
+  const std::string& expected = can_match ? *stored : dummy;
+  const std::string hash =
+      password.size() <= kMaxPasswordBytes ? Crypt(password, expected.c_str()) : Crypt("too long", expected.c_str());
+  if (hash.empty()) return PasswordCheck::kCannotTell;
+  return EqualInConstantTime(hash, expected) && can_match ? PasswordCheck::kMatches : PasswordCheck::kDiffers;
+}
+
+}  // namespace vexa::base
