@@ -3,6 +3,7 @@
 #include <json/writer.h>
 
 #include <cstdlib>
+#include <map>
 
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
@@ -20,14 +21,21 @@ std::string Print(const Json::Value& value) {
   return Json::writeString(builder, value) + "\n";
 }
 
-class Example : public ::testing::TestWithParam<const char*> {};
+struct ExampleFile {
+  const char* name;
+  std::map<std::string, std::uint64_t> disk_sizes_mib;
+};
+
+void PrintTo(const ExampleFile& example, std::ostream* out) { *out << example.name; }
+
+class Example : public ::testing::TestWithParam<ExampleFile> {};
 
 TEST_P(Example, Imported_GivesTheGoldenRecords) {
-  const std::string name = GetParam();
+  const std::string name = GetParam().name;
   const Result<std::string> xml = ReadFile(kSource + "/examples/" + name + ".xml", kMaxDomainXmlBytes);
   ASSERT_TRUE(xml.ok()) << xml.error().ToString();
   ImportOptions options;
-  options.disk_sizes_mib = {{"vda", 20 * 1024}, {"sda", 64 * 1024}, {"sdb", 500 * 1024}, {"hda", 8 * 1024}};
+  options.disk_sizes_mib = GetParam().disk_sizes_mib;
   const std::string actual = Print(ToJson(MustParse(*xml, options)));
 
   const std::string path = kSource + "/tests/unit/golden/" + name + ".json";
@@ -42,8 +50,14 @@ TEST_P(Example, Imported_GivesTheGoldenRecords) {
   EXPECT_EQ(actual, Print(*golden));
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, Example, ::testing::Values("web-1", "desktop-7", "gateway"), [](const auto& parameter) {
-  std::string name = parameter.param;
+const ExampleFile kExamples[] = {
+    {"web-1", {{"vda", 20 * 1024}}},
+    {"desktop-7", {{"sda", 64 * 1024}, {"sdb", 500 * 1024}}},
+    {"gateway", {{"hda", 8 * 1024}}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Files, Example, ::testing::ValuesIn(kExamples), [](const auto& parameter) {
+  std::string name = parameter.param.name;
   for (char& c : name) c = c == '-' ? '_' : c;
   return name;
 });

@@ -218,6 +218,8 @@ std::vector<Refusal> Refusals() {
   };
 }
 
+void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.test; }
+
 class RefusedDomain : public ::testing::TestWithParam<Refusal> {};
 
 TEST_P(RefusedDomain, Domain_SaysWhyAndWhatToDo) { EXPECT_EQ(RefusalOf(GetParam().xml), GetParam().sentence); }

@@ -23,6 +23,8 @@ struct Row {
 
 std::string Print(const Json::Value& value) { return value.toStyledString(); }
 
+void PrintTo(const Row& row, std::ostream* out) { *out << row.test; }
+
 class GuestMember : public ::testing::TestWithParam<Row> {};
 
 TEST_P(GuestMember, FromElement_HasTheDocumentedValue) {
