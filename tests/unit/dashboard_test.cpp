@@ -84,7 +84,7 @@ TEST_F(DashboardTest, List_TellsEveryIdOfItsCategoryOnly) {
 
 TEST_F(DashboardTest, HostileIds_DoNotLeaveTheirPlace) {
   host_.PutText("guest", "g", R"({"name":"secret"})");
-  for (const std::string id : {"../guest/g", "g/object", "g/", "/g", "%67", std::string("g\0", 2)}) {
+  for (const std::string& id : std::vector<std::string>{"../guest/g", "g/object", "g/", "/g", "%67", {"g\0", 2}}) {
     Json::Value object;
     EXPECT_EQ(Dashboard(DashCate::vDisk, id).Get(object, "object"), 2);
     EXPECT_EQ(Dashboard(DashCate::Guest, id).Get(object, "object"), 2);

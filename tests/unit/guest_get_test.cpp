@@ -175,7 +175,7 @@ TEST_P(GuestGetConversion, StoredValue_RepliesConverted) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, GuestGetConversion, testing::ValuesIn(kConversions),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(GuestGet, RecordThatIsNoObject_RepliesTheDefaults) {
   host_.PutText("guest", kGuest, "[1,2]");
@@ -206,7 +206,7 @@ TEST_P(GuestGetDiskType, KnownType_RepliesItsWord) {
 INSTANTIATE_TEST_SUITE_P(Rows, GuestGetDiskType,
                          testing::Values(DiskType{1, "alun"}, DiskType{2, "blun"}, DiskType{4, "blun_sink"},
                                          DiskType{8, "blun_cow"}, DiskType{16, "blun_compress"}),
-                         [](const auto& info) { return std::string(info.param.word); });
+                         [](const auto& test) { return std::string(test.param.word); });
 
 class GuestGetUnknownDiskType : public GuestGet, public testing::WithParamInterface<int> {};
 
@@ -333,7 +333,7 @@ INSTANTIATE_TEST_SUITE_P(
                     BadId{"TrailingNul", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01\u0000"})"},
                     BadId{"NoHex", R"({"guest_id":"8f14e45g-ceea-467f-a9d1-0f2b6c1e4a01"})"},
                     BadId{"MisplacedDash", R"({"guest_id":"8f14e45fc-eea-467f-a9d1-0f2b6c1e4a01"})"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(GuestGet, StrangerAsks_IsRefusedWith409AndNamed) {
   PutGuest();

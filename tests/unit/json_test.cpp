@@ -100,7 +100,7 @@ TEST_P(TotalReaders, AnyValue_HasMembersOnlyAsAnObjectAndElementsOnlyAsAnArray) 
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, TotalReaders, testing::ValuesIn(kRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 TEST(TotalReaders, NotANumber_IsFalseAndZero) {
   const Value nan(std::nan(""));

@@ -1,0 +1,74 @@
+// `vexa import`: guests described by libvirt's domain XML become records of the store.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/hypervisor/domain_xml.h"
+#include "host/store/store.h"
+
+namespace vexa::cli {
+
+enum class OnExisting { kRefuse, kReplace };
+enum class ImportMode { kWrite, kDryRun };
+
+// Exactly one of `files`, `uri` and `manifest` is set.
+struct ImportArguments {
+  std::vector<std::string> files;
+  std::string uri;       // import every domain of this libvirt connection
+  std::string manifest;  // a JSON file that lists the files and their options; docs/import.md has its members
+  std::optional<std::string> repository_id;
+  std::optional<std::string> host_id;
+  std::map<std::string, std::uint64_t> disk_sizes_mib;
+  std::map<std::string, std::string> networks;
+  OnExisting on_existing = OnExisting::kRefuse;
+  ImportMode mode = ImportMode::kWrite;
+};
+
+// What `vexa import --help` prints.
+extern const std::string_view kImportUsage;
+
+// The arguments behind the word "import". kInvalid, with a sentence about the first one that cannot be.
+Result<ImportArguments> ParseImportArguments(const std::vector<std::string>& words);
+
+// Imports one guest after the other. Each is written whole or not at all; a guest that cannot be imported does not keep
+// the others from it. `out` gets a line for each guest and its notes, or with ImportMode::kDryRun one JSON array of all
+// records and nothing is written; `err` gets a line for each guest that failed.
+// An error when any guest failed (kInvalid), or when nothing could be begun.
+Status RunImport(const ImportArguments& arguments, store::Store& store, std::ostream& out, std::ostream& err);
+
+// A guest to import: where its XML is and what it is imported with.
+struct ImportSource {
+  std::string label;  // names it in result lines
+  std::string file;   // read when `xml` is not set
+  std::optional<std::string> xml;
+  std::string expected_id;  // refused when the XML has another one; "" for any
+  hypervisor::ImportOptions options;
+};
+
+// `text` with control characters as '?': names of files and stored ids may hold anything, and a terminal obeys them.
+std::string Printable(std::string text);
+
+// The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the member that cannot be.
+Result<std::vector<ImportSource>> ReadManifest(const std::string& path);
+
+// A guest's record as the store has it; revision 0 when there is none.
+struct StoredGuest {
+  store::Revision revision = 0;
+  Json::Value record;
+};
+
+// Writes the records of `guest`, provided that the stored guest is still as `replaced` says. What domain XML does not
+// say ("autorun", "ha_group_id") is kept from the replaced record; records of its disks and network interfaces that the
+// new one does not use are deleted.
+store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const StoredGuest& replaced);
+
+}  // namespace vexa::cli

@@ -1,0 +1,95 @@
+#include "host/hypervisor/domain_list.h"
+
+#include <libvirt/libvirt.h>
+#include <libvirt/virterror.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+namespace vexa::hypervisor {
+namespace {
+
+struct CloseConnection {
+  void operator()(virConnectPtr connection) const { virConnectClose(connection); }
+};
+struct FreeDomain {
+  void operator()(virDomainPtr domain) const { virDomainFree(domain); }
+};
+struct FreeText {
+  void operator()(char* text) const { std::free(text); }
+};
+using Connection = std::unique_ptr<virConnect, CloseConnection>;
+using Domain = std::unique_ptr<virDomain, FreeDomain>;
+using Text = std::unique_ptr<char, FreeText>;
+
+Error Failed(std::string message) {
+  const char* const cause = virGetLastErrorMessage();
+  return Error(ErrorCode::kUnavailable, std::move(message), cause != nullptr ? cause : "");
+}
+
+Result<DomainText> Describe(virDomainPtr domain) {
+  DomainText result;
+  if (const char* const name = virDomainGetName(domain)) result.name = name;
+  std::array<char, VIR_UUID_STRING_BUFLEN> id{};
+  const Text xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
+  if (!xml || virDomainGetUUIDString(domain, id.data()) != 0) {
+    return Failed("Cannot read the XML of the domain '" + result.name + "'");
+  }
+  result.id = id.data();
+  result.xml = xml.get();
+  return result;
+}
+
+}  // namespace
+
+class DomainConnection::Impl {
+ public:
+  explicit Impl(Connection opened) : connection(std::move(opened)) {}
+  Connection connection;
+};
+
+DomainConnection::DomainConnection(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+DomainConnection::~DomainConnection() = default;
+
+Result<std::unique_ptr<DomainConnection>> DomainConnection::Open(const std::string& uri) {
+  if (uri.empty()) return Error(ErrorCode::kInvalid, "The libvirt URI is empty: give one such as 'qemu:///system'");
+  // Errors come back as results; libvirt would print them to stderr as well.
+  virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
+  if (virInitialize() != 0) return Failed("Cannot use libvirt");
+  Connection connection(virConnectOpenReadOnly(uri.c_str()));
+  if (!connection) return Failed("Cannot connect to libvirt at '" + uri + "'");
+  return std::unique_ptr<DomainConnection>(new DomainConnection(std::make_unique<Impl>(std::move(connection))));
+}
+
+Result<std::vector<DomainText>> DomainConnection::List() const {
+  virDomainPtr* raw = nullptr;
+  const int count = virConnectListAllDomains(impl_->connection.get(), &raw, 0);
+  if (count < 0) return Failed("Cannot list the domains");
+  std::vector<Domain> domains(raw, raw + count);
+  std::free(raw);
+
+  std::vector<DomainText> result;
+  for (const Domain& domain : domains) {
+    Result<DomainText> described = Describe(domain.get());
+    if (described) {
+      result.push_back(std::move(*described));
+    } else if (virGetLastErrorCode() != VIR_ERR_NO_DOMAIN) {
+      return described.error();
+    }
+  }
+  std::sort(result.begin(), result.end(),
+            [](const DomainText& left, const DomainText& right) { return left.name < right.name; });
+  return result;
+}
+
+Result<std::uint64_t> DomainConnection::DiskSize(const std::string& id, const std::string& path) const {
+  const Domain domain(virDomainLookupByUUIDString(impl_->connection.get(), id.c_str()));
+  virDomainBlockInfo info{};
+  if (!domain || virDomainGetBlockInfo(domain.get(), path.c_str(), &info, 0) != 0) {
+    return Failed("libvirt does not tell the size of '" + path + "'");
+  }
+  return info.capacity;
+}
+
+}  // namespace vexa::hypervisor

@@ -1,0 +1,266 @@
+// `vexa import` on a real store.
+#include <gmock/gmock.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "cli/import_command.h"
+#include "host/base/json_parse.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+
+namespace vexa::cli {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+constexpr const char* kFirst = "11111111-2222-4333-8444-555555555551";
+constexpr const char* kSecond = "11111111-2222-4333-8444-555555555552";
+
+std::string Domain(const std::string& id, const std::string& name, const std::string& disks = "") {
+  return "<domain><name>" + name + "</name><uuid>" + id + "</uuid><memory unit='MiB'>64</memory><devices>" + disks +
+         "</devices></domain>";
+}
+
+std::string Disk(const std::string& target) {
+  return "<disk><source file='/no/such/image'/><target dev='" + target + "' bus='virtio'/></disk>";
+}
+
+class ImportOnStore : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = ::testing::TempDir() + "vexa-import-XXXXXX";
+    folder_ = ::mkdtemp(pattern.data());
+    store::LmdbOptions options;
+    options.directory = folder_ + "/store";
+    auto opened = store::OpenLmdbStore(options);
+    ASSERT_TRUE(opened.ok()) << opened.error().ToString();
+    store_ = std::move(*opened);
+  }
+  void TearDown() override {
+    store_.reset();
+    std::filesystem::remove_all(folder_);
+  }
+
+  std::string File(const std::string& name, const std::string& content) {
+    std::ofstream(folder_ + "/" + name) << content;
+    return folder_ + "/" + name;
+  }
+
+  Status Run(const std::vector<std::string>& words) {
+    const Result<ImportArguments> arguments = ParseImportArguments(words);
+    EXPECT_TRUE(arguments.ok()) << arguments.error().ToString();
+    std::ostringstream out;
+    std::ostringstream err;
+    const Status status = RunImport(*arguments, *store_, out, err);
+    out_ = out.str();
+    err_ = err.str();
+    return status;
+  }
+
+  Json::Value Record(const std::string& category, const std::string& id) {
+    const auto snapshot = store_->Read();
+    EXPECT_TRUE(snapshot.ok());
+    const auto value = (*snapshot)->Get(store::MakeKey({"dash", category, id, "object"}));
+    EXPECT_TRUE(value.ok());
+    if (!value->has_value()) return Json::Value();
+    const auto record = ParseJson((*value)->text);
+    EXPECT_TRUE(record.ok());
+    return *record;
+  }
+
+  std::vector<std::string> Ids(const std::string& category) {
+    const auto snapshot = store_->Read();
+    EXPECT_TRUE(snapshot.ok());
+    return *(*snapshot)->Children("/dash/" + category);
+  }
+
+  store::Revision Revision() {
+    const auto snapshot = store_->Read();
+    EXPECT_TRUE(snapshot.ok());
+    return (*snapshot)->revision();
+  }
+
+  void Put(const std::string& category, const std::string& id, const std::string& text) {
+    ASSERT_TRUE(store_->Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}).ok());
+  }
+
+  std::string folder_;
+  std::shared_ptr<store::Store> store_;
+  std::string out_;
+  std::string err_;
+};
+
+TEST_F(ImportOnStore, Files_AreWrittenAndReported) {
+  const std::string first = File("a.xml", Domain(kFirst, "one", Disk("vda")));
+  const std::string second = File("b.xml", Domain(kSecond, "two"));
+  ASSERT_TRUE(Run({first, second, "--disk-size", "vda=20"}).ok()) << err_;
+  EXPECT_THAT(out_, StartsWith(first + ": imported 'one' (" + kFirst + "): 1 disk, 0 network interfaces\n"));
+  EXPECT_THAT(out_, HasSubstr(second + ": imported 'two' (" + kSecond + "): 0 disks, 0 network interfaces\n"));
+  EXPECT_THAT(out_, HasSubstr("  The guest has no video card: it gets the default one.\n"));
+  EXPECT_EQ(err_, "");
+  const Json::Value guest = Record("guest", kFirst);
+  EXPECT_EQ(guest["name"], "one");
+  ASSERT_EQ(guest["vdisks"].size(), 1u);
+  EXPECT_EQ(Record("vdisk", guest["vdisks"][0].asString())["size"], 20480);
+}
+
+TEST_F(ImportOnStore, OneBadFile_DoesNotKeepTheOthersBack) {
+  const std::string good = File("a.xml", Domain(kFirst, "one"));
+  const std::string bad = File("b.xml", Domain(kSecond, "two", Disk("vda")));
+  const Status status = Run({bad, folder_ + "/none.xml", good});
+  ASSERT_FALSE(status.ok());
+  EXPECT_EQ(status.error().ToString(), "2 of 3 guests could not be imported");
+  EXPECT_THAT(err_, HasSubstr(bad + ": The size of the disk 'vda' is not known"));
+  EXPECT_THAT(err_, HasSubstr("none.xml: Cannot open"));
+  EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+  EXPECT_THAT(Ids("guest"), SizeIs(1));
+  EXPECT_THAT(Ids("vdisk"), IsEmpty());
+}
+
+TEST_F(ImportOnStore, GuestThatExists_IsRefusedAndLeftAsItIs) {
+  const std::string file = File("a.xml", Domain(kFirst, "one"));
+  ASSERT_TRUE(Run({file}).ok());
+  const store::Revision before = Revision();
+  ASSERT_FALSE(Run({file}).ok());
+  EXPECT_EQ(err_, file + ": The guest '" + kFirst + "' exists already: use --replace to replace it\n");
+  EXPECT_EQ(Revision(), before);
+}
+
+TEST_F(ImportOnStore, Replace_DropsDisksThatAreNoLongerUsed) {
+  ASSERT_TRUE(
+      Run({File("a.xml", Domain(kFirst, "one", Disk("vda") + Disk("vdb"))), "--disk-size=vda=1", "--disk-size=vdb=1"})
+          .ok());
+  ASSERT_THAT(Ids("vdisk"), SizeIs(2));
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "renamed", Disk("vda"))), "--disk-size=vda=2", "--replace"}).ok());
+  EXPECT_THAT(out_, HasSubstr(": replaced 'renamed'"));
+  ASSERT_THAT(Ids("vdisk"), SizeIs(1));
+  EXPECT_EQ(Record("vdisk", Ids("vdisk")[0])["size"], 2048);
+  EXPECT_EQ(Record("guest", kFirst)["name"], "renamed");
+}
+
+TEST_F(ImportOnStore, ReplaceOfARunningGuest_IsRefused) {
+  Put("guest", kFirst, R"({"name":"one","state":"guest_running"})");
+  ASSERT_FALSE(Run({File("a.xml", Domain(kFirst, "one")), "--replace"}).ok());
+  EXPECT_THAT(err_, HasSubstr("is in the state 'guest_running': shut it down before it is replaced"));
+  EXPECT_EQ(Record("guest", kFirst)["state"], "guest_running");
+}
+
+TEST_F(ImportOnStore, NameOfAnotherGuest_IsRefused) {
+  Put("guest", kSecond, R"({"name":"one"})");
+  const std::string file = File("a.xml", Domain(kFirst, "one"));
+  for (const char* option : {"--dry-run", "--replace"}) {
+    ASSERT_FALSE(Run({file, option}).ok());
+    EXPECT_EQ(err_, file + ": The name 'one' belongs to the guest '" + kSecond + "': rename one of the two\n");
+  }
+  EXPECT_THAT(Ids("guest"), SizeIs(1));
+}
+
+TEST_F(ImportOnStore, SameNameInTwoFiles_RefusesTheSecond) {
+  const std::string first = File("a.xml", Domain(kFirst, "one"));
+  const std::string second = File("b.xml", Domain(kSecond, "one"));
+  for (const char* option : {"--dry-run", "--replace"}) {
+    ASSERT_FALSE(Run({first, second, option}).ok());
+    EXPECT_EQ(err_, second + ": The name 'one' belongs to the guest '" + kFirst + "': rename one of the two\n");
+  }
+}
+
+TEST_F(ImportOnStore, NameThatWasGivenUp_IsFreeAgain) {
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "one"))}).ok());
+  const std::string renamed = File("a.xml", Domain(kFirst, "two"));
+  const std::string heir = File("b.xml", Domain(kSecond, "one"));
+  ASSERT_TRUE(Run({renamed, heir, "--replace", "--dry-run"}).ok()) << err_;
+  ASSERT_TRUE(Run({renamed, heir, "--replace"}).ok()) << err_;
+}
+
+TEST_F(ImportOnStore, DryRun_PrintsTheRecordsAndWritesNothing) {
+  const store::Revision before = Revision();
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "one", Disk("vda"))), "--disk-size=vda=1", "--dry-run"}).ok());
+  EXPECT_EQ(Revision(), before);
+  const auto printed = ParseJson(out_);
+  ASSERT_TRUE(printed.ok()) << out_;
+  ASSERT_EQ(printed->size(), 1u);
+  EXPECT_EQ((*printed)[0]["id"], kFirst);
+  EXPECT_EQ((*printed)[0]["source"], folder_ + "/a.xml");
+  EXPECT_EQ((*printed)[0]["guest"]["name"], "one");
+  EXPECT_EQ((*printed)[0]["disks"][0]["object"]["size"], 1024);
+}
+
+TEST_F(ImportOnStore, DryRunWithTheSameGuestTwice_RefusesTheSecond) {
+  const std::string file = File("a.xml", Domain(kFirst, "one"));
+  ASSERT_FALSE(Run({file, file, "--dry-run"}).ok());
+  EXPECT_THAT(err_, HasSubstr("exists already"));
+}
+
+TEST_F(ImportOnStore, ExamplesManifest_ImportsAllOfIt) {
+  ASSERT_TRUE(Run({"--manifest", std::string(VEXA_SOURCE_DIR) + "/examples/cluster.json"}).ok()) << err_;
+  EXPECT_THAT(Ids("guest"), SizeIs(3));
+  EXPECT_THAT(Ids("vdisk"), SizeIs(4));
+  EXPECT_THAT(Ids("vnic"), SizeIs(5));
+  const Json::Value gateway = Record("guest", "7f20d8a4-e1b6-4905-9c3f-d24b86a05e17");
+  EXPECT_EQ(gateway["host_id"], "e5c8107d-93af-4b26-8d41-7a60f2b9c358");
+  EXPECT_EQ(Record("vnic", gateway["vnics"][1].asString())["network_group_id"], "a6d03c91-4be2-4f70-8c15-62d9e08f7b34");
+  EXPECT_EQ(Record("vdisk", gateway["vdisks"][0].asString())["size"], 8192);
+}
+
+TEST_F(ImportOnStore, ManifestWithAnotherId_IsRefused) {
+  File("a.xml", Domain(kFirst, "one"));
+  const std::string manifest =
+      File("m.json", R"({"guests": [{"file": "a.xml", "id": ")" + std::string(kSecond) + R"("}]})");
+  ASSERT_FALSE(Run({"--manifest", manifest}).ok());
+  EXPECT_THAT(err_, HasSubstr("the manifest says '" + std::string(kSecond) + "'; correct one of them"));
+}
+
+TEST_F(ImportOnStore, EveryDomainOfALibvirtConnection_IsImported) {
+  ASSERT_TRUE(Run({"--all", "test:///default"}).ok()) << err_;
+  EXPECT_THAT(
+      out_, StartsWith("test: imported 'test' (6695eb01-f6a4-8304-79aa-97f2502e193f): 1 disk, 1 network interface\n"));
+  EXPECT_EQ(Record("guest", "6695eb01-f6a4-8304-79aa-97f2502e193f")["vcpu_num"], 2);
+}
+
+TEST_F(ImportOnStore, ConnectionThatCannotBeOpened_IsAnError) {
+  const Status status = Run({"--all", "qemu+unix:///system?socket=/no/such/socket"});
+  ASSERT_FALSE(status.ok());
+  EXPECT_EQ(status.error().code(), ErrorCode::kUnavailable);
+}
+
+// Between the look at the store and the commit somebody else writes the same guest.
+class RacingStore : public store::Store {
+ public:
+  RacingStore(store::Store& base, std::string key) : base_(base), key_(std::move(key)) {}
+  Result<std::unique_ptr<store::Snapshot>> Read() const override { return base_.Read(); }
+  Result<store::Revision> Commit(const store::Transaction& transaction) override {
+    EXPECT_TRUE(base_.Commit({{}, {{key_, R"({"name":"theirs"})"}}}).ok());
+    return base_.Commit(transaction);
+  }
+  Result<store::ChangeBatch> Watch(std::string_view prefix, store::Revision from,
+                                   std::chrono::milliseconds timeout) override {
+    return base_.Watch(prefix, from, timeout);
+  }
+  store::Health health() const override { return base_.health(); }
+
+ private:
+  store::Store& base_;
+  std::string key_;
+};
+
+TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {
+  RacingStore racing(*store_, store::MakeKey({"dash", "guest", kFirst, "object"}));
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "one", Disk("vda")))};
+  arguments.disk_sizes_mib["vda"] = 1024;
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+  EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+  EXPECT_EQ(Record("guest", kFirst)["name"], "theirs");
+  EXPECT_THAT(Ids("vdisk"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace vexa::cli
