@@ -99,14 +99,13 @@ class Daemon::Impl {
   }
 
   bool Stop(std::chrono::milliseconds deadline) {
-    if (stopped_ || !server_) return true;
-    stopped_ = true;
+    if (!server_) return true;
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
       const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
       return std::max(rest, std::chrono::milliseconds(0));
     };
-    const bool served = server_->Stop(deadline);
+    const bool served = std::exchange(stopped_, true) || server_->Stop(deadline);
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
@@ -182,7 +181,17 @@ class Daemon::Impl {
     auto server = HttpServer::Start(std::move(options));
     if (!server) return server.error();
     server_ = std::move(*server);
+    LogListeners(config);
     return {};
+  }
+
+  void LogListeners(const Config& config) const {
+    if (!config.socket.empty()) ::syslog(LOG_INFO, "Listening on unix:%s.", config.socket.c_str());
+    for (std::size_t i = 0; i < config.listen.size(); ++i) {
+      const std::string& address = config.listen[i];
+      ::syslog(LOG_INFO, "Listening on %s://%s:%d.", config.tls_certificate.empty() ? "http" : "https",
+               address.substr(0, address.rfind(':')).c_str(), port(i));
+    }
   }
 
   std::shared_ptr<store::Store> store_;

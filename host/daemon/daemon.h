@@ -25,7 +25,8 @@ class Daemon {
   // What is due about once a minute: ended sessions are dropped.
   void Sweep();
 
-  // Lets requests that have begun finish, at most `deadline`. False when some had to be left.
+  // Lets requests that have begun finish, at most `deadline`. False when some had to be left: their threads still use
+  // this object. Calling it again waits for them again.
   bool Stop(std::chrono::milliseconds deadline);
 
  private:

@@ -1,0 +1,62 @@
+// A daemon inside the test program, with a few users, a guest and some methods of the test's own.
+#pragma once
+
+#include <json/value.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "host/daemon/daemon.h"
+#include "tests/support/http_client.h"
+#include "tests/support/temp_dir.h"
+
+namespace vexa::test {
+
+inline constexpr const char* kTestGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
+inline constexpr const char* kTestPassword = "correct horse";
+
+// Users: admin (administrator), adam (advanced), grace (granted kTestGuest), carol (granted by her group), mallory.
+// All have kTestPassword. Methods of VEXA.Test: anyone, user, admin, host, throws, silent, stall.
+class TestDaemon {
+ public:
+  // `adjust` may change the configuration before the start.
+  explicit TestDaemon(void (*adjust)(daemon::Config&) = nullptr);
+  ~TestDaemon();
+
+  daemon::Daemon& daemon() { return *daemon_; }
+  const daemon::Config& config() const { return config_; }
+  const TempDir& folder() const { return folder_; }
+
+  // A client of the network listener or the Unix socket, not logged in.
+  HttpClient Tcp() const;
+  HttpClient Unix() const;
+  // The token of a new session; the test program ends when the login fails.
+  std::string Login(const std::string& user) const;
+  HttpClient TcpAs(const std::string& user) const;
+
+  // Makes `name` the account of this process's user id, so that the Unix socket's peer is that user, with the grants
+  // that the user of the role has: "admin", "adam", "grace", "carol" or "mallory".
+  void BeOnUnixSocket(const std::string& role);
+
+  // Lets the calls of "stall" return; how many wait now.
+  void ReleaseStalled();
+  int stalled() const;
+
+ private:
+  void PutRecords();
+  std::vector<webapi::ApiRow> Rows();
+
+  TempDir folder_;
+  daemon::Config config_;
+  struct Stall;
+  std::shared_ptr<Stall> stall_;
+  std::unique_ptr<daemon::Daemon> daemon_;
+};
+
+// The body as JSON; an HTTP failure or a body that is no JSON fails the test and gives null.
+Json::Value JsonBody(const HttpReply& reply);
+// The reply's error code; 0 for a success, -1 for anything that is neither.
+int ErrorCode(const HttpReply& reply);
+
+}  // namespace vexa::test

@@ -1,0 +1,232 @@
+// The daemon's parts that need no socket: configuration, log lines, cookies, metrics, the service manager, the host's
+// id.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "host/base/files.h"
+#include "host/daemon/config.h"
+#include "host/daemon/host_id.h"
+#include "host/daemon/identity.h"
+#include "host/daemon/log_line.h"
+#include "host/daemon/metrics.h"
+#include "host/daemon/notify.h"
+#include "tests/support/temp_dir.h"
+#include "webapi/platform/ccc.h"
+
+namespace {
+
+using namespace vexa::daemon;
+
+CommandLine Parse(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "vexad");
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  CommandLine result = ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+  (void)testing::internal::GetCapturedStdout();
+  (void)testing::internal::GetCapturedStderr();
+  return result;
+}
+
+TEST(Config, NoFlags_ListensOnLoopbackOnly) {
+  const CommandLine command = Parse({});
+  ASSERT_EQ(command.action, CommandLine::Action::kRun);
+  EXPECT_TRUE(CheckConfig(command.config).ok());
+  const auto listeners = ListenersOf(command.config);
+  ASSERT_TRUE(listeners.ok());
+  ASSERT_EQ(listeners->size(), 2u);
+  EXPECT_EQ((*listeners)[0].path, "/run/vexad/vexad.sock");
+  EXPECT_EQ((*listeners)[1].address, "127.0.0.1");
+  EXPECT_EQ((*listeners)[1].port, 8642);
+  EXPECT_EQ(command.config.account_file, "/var/lib/vexa/accounts.json");
+}
+
+TEST(Config, Flags_AreRead) {
+  const CommandLine command = Parse({"--data", "/d", "--listen", "127.0.0.1:1", "[::1]:2", "--socket", "/s",
+                                     "--accounts", "pam", "--session-idle", "60", "--session-lifetime", "3600",
+                                     "--stop-timeout", "5", "--log", "stderr", "--io-threads", "3"});
+  ASSERT_EQ(command.action, CommandLine::Action::kRun);
+  EXPECT_EQ(command.config.data_directory, "/d");
+  EXPECT_EQ(command.config.listen, (std::vector<std::string>{"127.0.0.1:1", "[::1]:2"}));
+  EXPECT_EQ(command.config.socket, "/s");
+  EXPECT_EQ(command.config.accounts, "pam");
+  EXPECT_EQ(command.config.sessions.idle.count(), 60);
+  EXPECT_EQ(command.config.sessions.absolute.count(), 3600);
+  EXPECT_EQ(command.config.stop_timeout.count(), 5);
+  EXPECT_EQ(command.config.log, LogTarget::kStderr);
+  EXPECT_EQ(command.config.io_threads, 3);
+  EXPECT_TRUE(CheckConfig(command.config).ok());
+}
+
+TEST(Config, File_IsReadAndFlagsGoBeforeIt) {
+  const vexa::test::TempDir folder;
+  const std::string path = folder.File("vexad.conf");
+  std::ofstream(path) << "data = \"/from/file\"\nlisten = \"127.0.0.1:7\"\nstop-timeout = 9\nlog = \"both\"\n";
+  const CommandLine command = Parse({"--config", path.c_str(), "--data", "/from/flag", "--check-config"});
+  ASSERT_EQ(command.action, CommandLine::Action::kCheckConfig);
+  EXPECT_EQ(command.config.data_directory, "/from/flag");
+  EXPECT_EQ(command.config.listen, std::vector<std::string>{"127.0.0.1:7"});
+  EXPECT_EQ(command.config.stop_timeout.count(), 9);
+  EXPECT_EQ(command.config.log, LogTarget::kBoth);
+}
+
+TEST(Config, WrongUsage_EndsWithTwo) {
+  const vexa::test::TempDir folder;
+  const std::string path = folder.File("vexad.conf");
+  std::ofstream(path) << "no-such-setting = 5\n";
+  const std::vector<std::vector<const char*>> rows = {
+      {"--no-such-flag"},        {"--config", path.c_str()}, {"--config", "/no/such/file"},
+      {"--io-threads", "0"},     {"--io-threads", "x"},      {"--accounts", "ldap"},
+      {"--log", "file"},         {"--stop-timeout", "0"},    {"--session-idle", "-1"},
+      {"--max-connections", "0"}};
+  for (const auto& row : rows) {
+    const CommandLine command = Parse(row);
+    EXPECT_EQ(command.action, CommandLine::Action::kExit) << row[0];
+    EXPECT_EQ(command.exit_status, 2) << row[0];
+  }
+  EXPECT_EQ(Parse({"--help"}).exit_status, 0);
+  EXPECT_EQ(Parse({"--version"}).exit_status, 0);
+}
+
+struct BadConfig {
+  std::vector<std::string> listen;
+  std::string certificate, key, authority;
+  std::string message;
+};
+
+TEST(Config, WhatCannotWork_IsRefusedWithTheReason) {
+  const BadConfig rows[] = {
+      {{"8642"}, "", "", "", "'8642' is no address to listen on"},
+      {{"localhost:80"}, "", "", "", "'localhost:80' is no address"},
+      {{"127.0.0.1:"}, "", "", "", "is no address"},
+      {{"127.0.0.1:65536"}, "", "", "", "is no address"},
+      {{"127.0.0.1:-1"}, "", "", "", "is no address"},
+      {{"127.0.0.1:80x"}, "", "", "", "is no address"},
+      {{"::1:80"}, "", "", "", "is no address"},
+      {{"0.0.0.0:80"}, "", "", "", "'0.0.0.0' can be reached by other machines"},
+      {{"[::]:80"}, "", "", "", "'::' can be reached by other machines"},
+      {{"127.0.0.1:80"}, "c", "", "", "go together"},
+      {{"127.0.0.1:80"}, "", "k", "", "go together"},
+      {{"127.0.0.1:80"}, "", "", "a", "'client-authority' needs"},
+  };
+  for (const BadConfig& row : rows) {
+    Config config;
+    config.listen = row.listen;
+    config.tls_certificate = row.certificate;
+    config.tls_key = row.key;
+    config.client_authority = row.authority;
+    const vexa::Status checked = CheckConfig(config);
+    ASSERT_FALSE(checked.ok()) << row.message;
+    EXPECT_NE(checked.error().message().find(row.message), std::string::npos) << checked.error().message();
+  }
+}
+
+TEST(Config, NothingToListenOn_IsRefused) {
+  CommandLine command = Parse({"--listen", "none", "--socket", ""});
+  EXPECT_TRUE(command.config.listen.empty());
+  EXPECT_FALSE(CheckConfig(command.config).ok());
+  command = Parse({"--listen", "none"});
+  EXPECT_TRUE(CheckConfig(command.config).ok());
+}
+
+TEST(LogLine, ControlCharacters_AreEscapedAndTheIdStandsBehind) {
+  EXPECT_EQ(MakeLogLine("guest:5 a\nb\tc\x1b[31m\x7f", "00ff"), "guest:5 a\\nb\\tc\\x1B[31m\\x7F [request 00ff]");
+  EXPECT_EQ(MakeLogLine("plain ü", ""), "plain ü");
+}
+
+TEST(LogLine, LongText_IsCutBetweenCharacters) {
+  std::string text;
+  while (text.size() < 3 * kMaxLogLine) text += "ü";
+  const std::string line = MakeLogLine(text, "1");
+  EXPECT_LT(line.size(), kMaxLogLine + 64);
+  EXPECT_TRUE(line.ends_with("ü… [request 1]")) << line.substr(line.size() - 24);
+}
+
+TEST(FindCookie, Headers_AreSearchedByWholeName) {
+  EXPECT_EQ(FindCookie("a=1; vexa_session=tok; b=2", "vexa_session"), "tok");
+  EXPECT_EQ(FindCookie("vexa_session=tok", "vexa_session"), "tok");
+  EXPECT_EQ(FindCookie("a=1;vexa_session=tok ", "vexa_session"), "tok");
+  EXPECT_EQ(FindCookie("xvexa_session=tok", "vexa_session"), "");
+  EXPECT_EQ(FindCookie("vexa_sessions=tok", "vexa_session"), "");
+  EXPECT_EQ(FindCookie("vexa_session", "vexa_session"), "");
+  EXPECT_EQ(FindCookie("", "vexa_session"), "");
+  EXPECT_EQ(FindCookie(";;;", "vexa_session"), "");
+}
+
+TEST(Metrics, Counts_AppearByMethodCodeAndBucket) {
+  using namespace vexa::webapi;
+  const ApiTable table({{.api = "VEXA.A",
+                         .method = "get",
+                         .version = 1,
+                         .access = Access::kUser,
+                         .lane = LaneKind::kQuick,
+                         .handler = {},
+                         .summary = "",
+                         .parameters = {},
+                         .errors = {}}});
+  Metrics metrics(table);
+  metrics.Count(table.rows()[0], 0, std::chrono::microseconds(90));
+  metrics.Count(table.rows()[0], 0, std::chrono::milliseconds(3));
+  metrics.Count(table.rows()[0], 403, std::chrono::hours(1));
+  Metrics::Gauges gauges;
+  gauges.lanes = {{"quick", {.threads = 4, .busy = 1, .queued = 2, .done = 3, .refused = 5}}};
+  gauges.server.connections = 7;
+  gauges.sessions = 9;
+  const std::string text = metrics.ToText(gauges);
+  for (const char* line : {"vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"0\"} 2\n",
+                           "vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"403\"} 1\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.000100\"} 1\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.002500\"} 1\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.005000\"} 2\n",
+                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"+Inf\"} 3\n",
+                           "vexa_request_duration_seconds_count{api=\"VEXA.A\",method=\"get\"} 3\n",
+                           "vexa_request_duration_seconds_sum{api=\"VEXA.A\",method=\"get\"} 3600.003090\n",
+                           "vexa_lane_threads{lane=\"quick\"} 4\n", "vexa_lane_busy{lane=\"quick\"} 1\n",
+                           "vexa_lane_queued{lane=\"quick\"} 2\n", "vexa_lane_refused_total{lane=\"quick\"} 5\n",
+                           "vexa_connections 7\n", "vexa_sessions 9\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << text;
+  }
+}
+
+TEST(NotifyServiceManager, Socket_GetsTheState) {
+  const vexa::test::TempDir folder;
+  const std::string path = folder.File("notify");
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(fd, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  NotifyServiceManager("READY=1");
+  char buffer[32] = {};
+  EXPECT_EQ(::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT), 7);
+  EXPECT_STREQ(buffer, "READY=1");
+  for (const char* nowhere : {"", "relative", "/no/such/socket"}) {
+    ::setenv("NOTIFY_SOCKET", nowhere, 1);
+    NotifyServiceManager("READY=1");
+  }
+  ::unsetenv("NOTIFY_SOCKET");
+  NotifyServiceManager("READY=1");
+  EXPECT_LT(::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT), 0);
+  ::close(fd);
+}
+
+TEST(HostId, FirstStart_WritesAUuidThatStays) {
+  const vexa::test::TempDir folder;
+  const auto first = LoadHostId(folder.path());
+  ASSERT_TRUE(first.ok());
+  EXPECT_TRUE(VexaCCC::Utils::isUUID(*first));
+  EXPECT_EQ(*LoadHostId(folder.path()), *first);
+  ASSERT_TRUE(vexa::WriteFileAtomically(folder.File("host-id"), "not an id\n", 0600));
+  const auto damaged = LoadHostId(folder.path());
+  ASSERT_FALSE(damaged.ok());
+  EXPECT_EQ(damaged.error().code(), vexa::ErrorCode::kCorrupt);
+  EXPECT_FALSE(LoadHostId(folder.File("missing")).ok());
+}
+
+}  // namespace
