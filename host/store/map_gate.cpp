@@ -38,7 +38,8 @@ void MapGate::Leave(std::thread::id holder) {
 bool MapGate::Close(std::chrono::milliseconds patience) {
   const auto alone = [&] { return !closed_ && inside_.empty(); };
   std::unique_lock lock(mutex_);
-  if (!alone() && patience.count() > 0) {
+  const bool waits_for_itself = inside_.contains(std::this_thread::get_id());
+  if (!alone() && !waits_for_itself && patience.count() > 0) {
     ++closing_;
     changed_.wait_for(lock, patience, alone);
     --closing_;

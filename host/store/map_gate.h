@@ -35,7 +35,8 @@ class MapGate {
 
   Pass Enter();
 
-  // Whether nobody was inside within `patience`, so that the caller now has the map alone, until OpenAgain().
+  // Whether nobody was inside within `patience`, so that the caller now has the map alone, until OpenAgain(). Does not
+  // wait when the calling thread itself is inside.
   bool Close(std::chrono::milliseconds patience);
   void OpenAgain();
 

@@ -1,0 +1,169 @@
+// The embedded store on a disk that fails. The calls that LMDB makes to write are replaced in this program.
+#include <errno.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "host/store/lmdb_store.h"
+#include "tests/contract/store_contract.h"
+
+namespace {
+
+// errno(3) to fail with; 0: the call works.
+std::atomic<int> page_write_error{0};
+std::atomic<int> head_write_error{0};
+std::atomic<int> sync_error{0};
+
+// The head of the file is written alone and is smaller than a page.
+bool IsHead(std::size_t bytes) { return bytes < 512; }
+
+}  // namespace
+
+extern "C" ssize_t pwrite(int fd, const void* bytes, size_t count, off_t offset) {
+  const int error_number = IsHead(count) ? head_write_error : page_write_error;
+  if (error_number == 0) return ::syscall(SYS_pwrite64, fd, bytes, count, offset);
+  errno = error_number;
+  return -1;
+}
+
+extern "C" ssize_t writev(int fd, const struct iovec* parts, int count) {
+  if (page_write_error == 0) return ::syscall(SYS_writev, fd, parts, count);
+  errno = page_write_error;
+  return -1;
+}
+
+extern "C" int fdatasync(int fd) {
+  if (sync_error == 0) return static_cast<int>(::syscall(SYS_fdatasync, fd));
+  errno = sync_error;
+  return -1;
+}
+
+namespace vexa::store {
+namespace {
+
+class StoreOnAFailingDisk : public testing::Test {
+ protected:
+  void SetUp() override {
+    Reopen();
+    before_ = Put(*store_, "/a", "1");
+  }
+  void TearDown() override { Heal(); }
+  void Reopen() {
+    store_.reset();
+    auto store = OpenLmdbStore({folder_.path(), std::size_t{1} << 20, 1000});
+    ASSERT_TRUE(store.ok()) << store.error().ToString();
+    store_ = *store;
+  }
+  static void Heal() {
+    page_write_error = 0;
+    head_write_error = 0;
+    sync_error = 0;
+  }
+  // A commit that must fail with `code` and leave no trace.
+  void ExpectRefused(ErrorCode code) {
+    const Result<Revision> done = store_->Commit({{}, {{"/a", "2"}, {"/b", std::string(20'000, 'b')}}});
+    ASSERT_FALSE(done.ok());
+    EXPECT_EQ(done.error().code(), code) << done.error().ToString();
+    EXPECT_EQ(store_->health(), Health::kReadOnly);
+  }
+  void ExpectUnchanged() {
+    EXPECT_EQ(TextOf(*store_, "/a"), "1");
+    EXPECT_EQ(TextOf(*store_, "/b"), "(absent)");
+    EXPECT_EQ(ReadOf(*store_)->revision(), before_);
+  }
+  void ExpectWorksAgain() {
+    EXPECT_EQ(Put(*store_, "/a", "3"), before_ + 1);
+    EXPECT_EQ(store_->health(), Health::kReady);
+    EXPECT_EQ(TextOf(*store_, "/a"), "3");
+    Reopen();
+    EXPECT_EQ(TextOf(*store_, "/a"), "3");
+  }
+
+  TemporaryFolder folder_;
+  std::shared_ptr<Store> store_;
+  Revision before_ = 0;
+};
+
+TEST_F(StoreOnAFailingDisk, Pages_NoSpace_RefusesAndRecovers) {
+  page_write_error = ENOSPC;
+  ExpectRefused(ErrorCode::kNoSpace);
+  ExpectUnchanged();
+  Heal();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Pages_InputOutputError_RefusesAndRecovers) {
+  page_write_error = EIO;
+  ExpectRefused(ErrorCode::kInternal);
+  ExpectUnchanged();
+  Heal();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Sync_Fails_RefusesAndRecovers) {
+  sync_error = EIO;
+  ExpectRefused(ErrorCode::kInternal);
+  ExpectUnchanged();
+  Heal();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Head_CannotBeWritten_IsOpenedAgainAndRecovers) {
+  head_write_error = EIO;
+  ExpectRefused(ErrorCode::kInternal);
+  ExpectUnchanged();
+  ExpectRefused(ErrorCode::kInternal);
+  Heal();
+  ExpectUnchanged();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Head_CannotBeWrittenWhileASnapshotIsOpen_WaitsForItsEnd) {
+  auto snapshot = ReadOf(*store_);
+  head_write_error = EIO;
+  const Result<Revision> failed = store_->Commit({{}, {{"/a", "2"}}});
+  EXPECT_FALSE(failed.ok());
+  Heal();
+  EXPECT_EQ(snapshot->Get("/a").value()->text, "1");
+  const auto refused = store_->Read();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable);
+  EXPECT_EQ(store_->health(), Health::kInaccessible);
+  snapshot.reset();
+  ExpectUnchanged();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Health_WithoutFurtherCommits_RecoversByItself) {
+  sync_error = EIO;
+  ExpectRefused(ErrorCode::kInternal);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  EXPECT_EQ(store_->health(), Health::kReadOnly);
+  Heal();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (store_->health() != Health::kReady && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_EQ(store_->health(), Health::kReady);
+  ExpectUnchanged();
+}
+
+TEST_F(StoreOnAFailingDisk, Commits_OfManyThreads_AllGetAnAnswer) {
+  sync_error = EIO;
+  std::atomic<int> refused{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] { refused += store_->Commit({{}, {{"/b", "1"}}}).ok() ? 0 : 1; });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(refused, 8);
+  ExpectUnchanged();
+  Heal();
+  ExpectWorksAgain();
+}
+
+}  // namespace
+}  // namespace vexa::store
