@@ -15,6 +15,9 @@ namespace http = boost::beast::http;
 
 // What is set aside for a body at once. A client that only announces a large body gets no more than this.
 constexpr std::uint64_t kFirstBodyBytes = 16 * 1024;
+// "0", two line ends: between chunks at least this much must still come. The parser takes for granted that it sees so
+// much of a last chunk at once, and a client that sends single bytes would end the process.
+constexpr std::size_t kShortestChunkEnd = 5;
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
 
@@ -34,6 +37,8 @@ class RequestParser::Impl : public http::basic_parser<true> {
   bool http_1_0_ = false;
   bool expects_continue_ = false;
   bool unknown_expectation_ = false;
+  bool chunked_ = false;
+  std::uint64_t chunk_left_ = 0;
 
  private:
   void on_request_impl(http::verb /*method*/, beast::string_view method, beast::string_view target, int version,
@@ -81,9 +86,12 @@ class RequestParser::Impl : public http::basic_parser<true> {
     return body.size();
   }
 
-  void on_chunk_header_impl(std::uint64_t /*size*/, beast::string_view, beast::error_code& /*error*/) override {}
+  void on_chunk_header_impl(std::uint64_t size, beast::string_view /*extensions*/, beast::error_code&) override {
+    chunk_left_ = size;
+  }
 
   std::size_t on_chunk_body_impl(std::uint64_t /*remain*/, beast::string_view body, beast::error_code& error) override {
+    chunk_left_ -= body.size();
     return on_body_impl(body, error);
   }
 
@@ -105,6 +113,7 @@ int RequestParser::ParseHead(std::string_view head) {
   if (error) return StatusOf(error);
   if (consumed != head.size() || !impl_->is_header_done()) return 400;
   impl_->keep_alive_ = impl_->keep_alive();
+  impl_->chunked_ = impl_->chunked();
   impl_->eager(true);
   return impl_->unknown_expectation_ ? 417 : 0;
 }
@@ -117,7 +126,8 @@ bool RequestParser::is_http_1_0() const { return impl_->http_1_0_; }
 
 RequestParser::Progress RequestParser::ParseBody(std::string_view bytes) {
   Progress progress;
-  if (!bytes.empty() && !impl_->is_done()) {
+  const bool between_chunks = impl_->chunked_ && impl_->chunk_left_ == 0;
+  if (bytes.size() >= (between_chunks ? kShortestChunkEnd : 1) && !impl_->is_done()) {
     beast::error_code error;
     progress.consumed = impl_->put({bytes.data(), bytes.size()}, error);
     if (error && error != http::error::need_more) progress.status = StatusOf(error);

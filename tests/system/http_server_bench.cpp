@@ -1,6 +1,6 @@
 // A small server to measure with wrk(1): every request is handed to a lane and answered from there with 2 KiB.
-// Usage: http_server_bench PORT [direct] [idle]; "direct" answers on the I/O thread, "idle" keeps silent connections for an
-// hour. Ends at the end of its standard input and prints its statistics.
+// Usage: http_server_bench PORT [direct] [idle]; "direct" answers on the I/O thread, "idle" keeps silent connections
+// for an hour. Ends at the end of its standard input and prints its statistics.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
