@@ -1,0 +1,36 @@
+// Takes connections from one listening socket and gives them to I/O threads in turn.
+#pragma once
+
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+
+#include "host/daemon/http_listen.h"
+#include "host/daemon/http_shared.h"
+
+namespace vexa::daemon {
+
+// Threads: that of `context` only, except for the constructor.
+class Acceptor : public std::enable_shared_from_this<Acceptor> {
+ public:
+  Acceptor(boost::asio::io_context& context, ServerShared& server, ListeningSocket listening, TlsContext tls,
+           std::function<void(Accepted&&)> hand_over);
+
+  void Start();
+  // Frees the address and removes a Unix socket's file.
+  void Close();
+
+ private:
+  void Arm();
+  void Pause();
+  void AcceptSome();
+  void Introduce(int fd);
+
+  ServerShared& server_;
+  std::unique_ptr<ListeningSocket> listening_;
+  TlsContext tls_;
+  std::function<void(Accepted&&)> hand_over_;
+  StreamSocket socket_;
+  boost::asio::steady_timer pause_;
+};
+
+}  // namespace vexa::daemon

@@ -1,0 +1,428 @@
+#include "host/daemon/http_connection.h"
+
+#include <algorithm>
+
+#include "host/daemon/http_io_thread.h"
+#include "host/daemon/http_reply.h"
+#include "host/daemon/http_rules.h"
+
+namespace vexa::daemon {
+namespace {
+
+using boost::system::error_code;
+
+// How much a client may send on, and for how long, after its last response.
+constexpr std::size_t kDrainBytes = std::size_t{8} * 1024 * 1024;
+constexpr std::chrono::milliseconds kDrainTime{2'000};
+// The share of one connection in one event; the others wait meanwhile.
+constexpr int kReadsPerEvent = 16;
+
+}  // namespace
+
+Connection::Connection(IoThread& io, std::size_t slot, Accepted&& accepted)
+    : io_(io),
+      slot_(slot),
+      place_(std::move(accepted.place)),
+      peer_(std::move(accepted.peer)),
+      socket_(io.context().get_executor()),
+      transport_(accepted.fd, accepted.tls.get()) {
+  socket_.assign(boost::asio::generic::stream_protocol(accepted.family, 0), accepted.fd);
+  accepted.Release();
+}
+
+Connection::~Connection() = default;
+
+void Connection::Start() {
+  const ServerLimits& limits = io_.server().options.limits;
+  if (place_ == nullptr) {
+    NewRequest();
+    close_after_ = true;
+    HttpResponse response = io_.server().MakeError(503, request_id());
+    response.headers.emplace_back("Retry-After", "1");
+    Respond(std::move(response));
+  } else if (transport_.tls()) {
+    phase_ = Phase::kHandshake;
+    SetDeadline(limits.handshake);
+    ArmRead();
+  } else {
+    EnterHead(limits.header);
+    ArmRead();
+  }
+}
+
+void Connection::EnterHead(std::chrono::milliseconds patience) {
+  phase_ = Phase::kHead;
+  head_begun_ = false;
+  head_scan_ = 0;
+  parser_.reset();
+  SetDeadline(patience);
+}
+
+void Connection::OnDeadline() {
+  switch (phase_) {
+    case Phase::kHead:
+      if (head_begun_) return Refuse(408);
+      if (transport_.tls()) transport_.ShutdownWrite();
+      return Close();
+    case Phase::kBody:
+      return Refuse(408);
+    default:
+      return Close();
+  }
+}
+
+void Connection::BeginStop() {
+  // What the client has sent already counts as begun.
+  if (phase_ == Phase::kHead && !head_begun_) ReadInput();
+  if (phase_ == Phase::kHandshake) Close();
+  if (phase_ == Phase::kHead && !head_begun_) {
+    transport_.ShutdownWrite();
+    Close();
+  }
+}
+
+void Connection::Settle() {
+  if (!std::exchange(settled_, true)) io_.Settled();
+}
+
+void Connection::Close() {
+  if (phase_ == Phase::kClosed) return;
+  const std::shared_ptr<Connection> self = shared_from_this();
+  Settle();
+  io_.Forget(slot_);
+  phase_ = Phase::kClosed;
+  deadline_ = Clock::time_point::max();
+  error_code ignored;
+  socket_.close(ignored);
+  place_.reset();
+  parser_.reset();
+}
+
+void Connection::StartDrain() {
+  phase_ = Phase::kDrain;
+  Settle();
+  transport_.ShutdownWrite();
+  if (peer_ended_) return Close();
+  SetDeadline(kDrainTime);
+  ArmRead();
+}
+
+void Connection::Drain() {
+  auto& scratch = io_.read_scratch();
+  for (int i = 0; i < kReadsPerEvent; ++i) {
+    const IoResult result = transport_.Discard(scratch.data(), scratch.size());
+    drained_ += result.bytes;
+    if (result.state == IoState::kWantRead) break;
+    if (result.state != IoState::kDone || drained_ > kDrainBytes) return Close();
+  }
+  ArmRead();
+}
+
+// ---- Input
+
+void Connection::ArmRead() {
+  if (read_armed_) return;
+  read_armed_ = true;
+  socket_.async_wait(StreamSocket::wait_read, [self = shared_from_this()](const error_code& error) {
+    self->read_armed_ = false;
+    if (!error) self->OnReadable();
+  });
+}
+
+void Connection::ArmWrite() {
+  if (write_armed_) return;
+  write_armed_ = true;
+  socket_.async_wait(StreamSocket::wait_write, [self = shared_from_this()](const error_code& error) {
+    self->write_armed_ = false;
+    if (!error) self->OnWritable();
+  });
+}
+
+void Connection::OnReadable() {
+  if (phase_ == Phase::kHandshake) return Handshake();
+  if (write_wants_read_ && HasOutput() && Flush()) Continue();
+  if (phase_ == Phase::kDrain) return Drain();
+  if (phase_ != Phase::kClosed) ReadInput();
+}
+
+void Connection::OnWritable() {
+  if (phase_ == Phase::kHandshake) return Handshake();
+  if (HasOutput() && Flush()) Continue();
+  if (std::exchange(read_wants_write_, false) && phase_ != Phase::kDrain && phase_ != Phase::kClosed) ReadInput();
+}
+
+void Connection::Handshake() {
+  switch (transport_.Handshake().state) {
+    case IoState::kWantRead:
+      return ArmRead();
+    case IoState::kWantWrite:
+      return ArmWrite();
+    case IoState::kDone:
+      peer_.tls = true;
+      peer_.certificate_name = VerifiedCommonName(transport_.ssl());
+      EnterHead(io_.server().options.limits.header);
+      return ReadInput();  // the request may have come together with the end of the handshake
+    default:
+      return Close();
+  }
+}
+
+// Reads what has come and uses it. While a request is being answered this keeps what a client sends ahead, up to a
+// bound, and notices that it left.
+void Connection::ReadInput() {
+  auto& scratch = io_.read_scratch();
+  for (int i = 0; i < kReadsPerEvent; ++i) {
+    std::size_t room = scratch.size();
+    if (!AwaitsInput()) {
+      const std::size_t bound = io_.server().options.limits.header_bytes;
+      room = std::min(room, bound - std::min(bound, buffer_.size()));
+      paused_ = room == 0;
+      if (paused_) return;
+    }
+    const IoResult result = transport_.Read(scratch.data(), room);
+    if (result.state == IoState::kWantRead) break;
+    if (result.state == IoState::kWantWrite) {
+      read_wants_write_ = true;
+      return ArmWrite();
+    }
+    if (result.state == IoState::kEnd) return OnEnd();
+    if (result.state == IoState::kFailed) return Close();
+    Take(std::string_view(scratch.data(), result.bytes));
+    if (phase_ == Phase::kDrain || phase_ == Phase::kClosed) return;
+    if (result.bytes < room && !transport_.HasPending()) break;
+    if (i + 1 == kReadsPerEvent && transport_.HasPending()) --i;  // no readiness would tell of it
+  }
+  ArmRead();
+}
+
+void Connection::OnEnd() {
+  const bool being_answered = phase_ == Phase::kHandler || phase_ == Phase::kWrite;
+  // The end of TLS is the end of both directions in practice; the end of a plain stream may be half a close.
+  if (!being_answered || transport_.tls()) return Close();
+  peer_ended_ = true;
+}
+
+void Connection::Take(std::string_view fresh) {
+  if (!AwaitsInput()) {
+    buffer_.append(fresh);
+    return;
+  }
+  if (buffer_.empty()) {
+    const std::size_t used = Process(fresh);
+    buffer_.assign(fresh.substr(used));
+  } else {
+    buffer_.append(fresh);
+    buffer_.erase(0, Process(buffer_));
+  }
+  const bool over = phase_ == Phase::kDrain || phase_ == Phase::kClosed;
+  if (over || buffer_.empty()) std::string().swap(buffer_);  // an idle connection keeps no memory
+}
+
+std::size_t Connection::Process(std::string_view bytes) {
+  std::size_t used = 0;
+  while (AwaitsInput()) {
+    const std::string_view rest = bytes.substr(used);
+    const std::size_t step = phase_ == Phase::kHead ? ProcessHead(rest) : ProcessBody(rest);
+    if (step == 0) break;
+    used += step;
+  }
+  return used;
+}
+
+std::size_t Connection::ProcessHead(std::string_view bytes) {
+  const ServerLimits& limits = io_.server().options.limits;
+  std::size_t blank = 0;
+  // Some clients end a body with an empty line that is not part of it.
+  while (!head_begun_ && bytes.substr(blank, 2) == "\r\n") blank += 2;
+  bytes.remove_prefix(blank);
+  if (bytes.empty() || (!head_begun_ && bytes == "\r")) return blank;
+  if (!head_begun_) {
+    head_begun_ = true;
+    SetDeadline(limits.header);
+  }
+  const std::size_t end = bytes.find("\r\n\r\n", head_scan_);
+  if (end != std::string_view::npos && end + 4 <= limits.header_bytes) {
+    BeginRequest(bytes.substr(0, end + 4));
+    return blank + end + 4;
+  }
+  int status = 0;
+  for (std::size_t i = bytes.find('\n', head_scan_); i < std::min(bytes.size(), end); i = bytes.find('\n', i + 1)) {
+    if (i == 0 || bytes[i - 1] != '\r') status = 400;  // would never end
+  }
+  if (bytes.size() >= limits.header_bytes) status = bytes.find('\n') < limits.header_bytes ? 431 : 414;
+  if (!IsToken(bytes.substr(0, 1))) status = 400;  // TLS on a plain port, for one
+  head_scan_ = bytes.size() - std::min<std::size_t>(bytes.size(), 3);
+  if (status == 0) return blank;
+  NewRequest();
+  Refuse(status);
+  return blank + bytes.size();
+}
+
+void Connection::NewRequest() {
+  const std::string id = NewRequestId();
+  std::copy(id.begin(), id.end(), request_id_.begin());
+  http_1_0_ = false;
+  head_only_ = false;
+  close_after_ = false;
+  io_.server().requests.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Connection::BeginRequest(std::string_view head) {
+  const ServerOptions& options = io_.server().options;
+  NewRequest();
+  head_only_ = head.substr(0, 5) == "HEAD ";
+  parser_ = std::make_unique<RequestParser>(options.limits.body_bytes);
+  if (const int status = parser_->ParseHead(head); status != 0) return Refuse(status);
+  close_after_ = !parser_->keep_alive();
+  http_1_0_ = parser_->is_http_1_0();
+  HttpRequest& request = parser_->request();
+  request.id = request_id();
+  request.peer = peer_;
+  std::optional<HttpResponse> refusal;
+  try {
+    if (options.on_header) refusal = options.on_header(request);
+  } catch (...) {
+    refusal = io_.server().MakeError(500, request_id());
+  }
+  if (refusal) {
+    if (parser_->expects_body()) close_after_ = true;  // rather than read what nobody wants
+    return Respond(std::move(*refusal));
+  }
+  if (!parser_->expects_body()) return Dispatch();
+  phase_ = Phase::kBody;
+  SetDeadline(options.limits.body);
+  owes_continue_ = parser_->expects_continue();
+}
+
+std::size_t Connection::ProcessBody(std::string_view bytes) {
+  if (std::exchange(owes_continue_, false) && bytes.empty()) Send("HTTP/1.1 100 Continue\r\n\r\n", std::string());
+  if (bytes.empty()) return 0;
+  const RequestParser::Progress progress = parser_->ParseBody(bytes);
+  const std::size_t left = bytes.size() - progress.consumed;
+  if (progress.status != 0) {
+    Refuse(progress.status);
+  } else if (progress.done) {
+    Dispatch();
+  } else if (left > io_.server().options.limits.header_bytes) {
+    Refuse(431);  // the only thing that must be seen as a whole is a chunk's head or the trailers
+  }
+  return progress.consumed;
+}
+
+void Connection::Dispatch() {
+  phase_ = Phase::kHandler;
+  deadline_ = Clock::time_point::max();
+  request_ = io_.NextRequest();
+  HttpRequest request = std::move(parser_->request());
+  parser_.reset();
+  const Responder responder(std::make_shared<Responder::Impl>(io_.mailbox(), slot_, request_));
+  try {
+    io_.server().options.on_request(std::move(request), responder);
+  } catch (...) {
+    responder.Send(io_.server().MakeError(500, request_id()));
+  }
+}
+
+// ---- Output
+
+void Connection::Deliver(Answer&& answer) {
+  if (phase_ != Phase::kHandler || answer.request != request_) return;
+  Respond(answer.response ? std::move(*answer.response) : io_.server().MakeError(500, request_id()));
+  Continue();
+}
+
+void Connection::Refuse(int status) {
+  close_after_ = true;
+  Respond(io_.server().MakeError(status, request_id()));
+}
+
+void Connection::Respond(HttpResponse&& response) {
+  if (response.status < 200 || response.status > 599) response = io_.server().MakeError(500, request_id());
+  if (io_.stopping() || (peer_ended_ && buffer_.empty())) close_after_ = true;
+  const AfterReply keep = http_1_0_ ? AfterReply::kKeepAliveForHttp10 : AfterReply::kKeepAlive;
+  std::string& head = io_.head_scratch();
+  head.clear();
+  AppendReplyHead(head, response, std::string_view(request_id_.data(), request_id_.size()), io_.Date(),
+                  close_after_ ? AfterReply::kClose : keep);
+  if (head_only_ || !StatusHasBody(response.status)) response.body.clear();
+  if (transport_.tls()) {  // one record, not two
+    head.append(response.body);
+    response.body.clear();
+  }
+  phase_ = Phase::kWrite;
+  SetDeadline(io_.server().options.limits.write);
+  Send(head, std::move(response.body));
+  if (head.capacity() > 64 * 1024) std::string().swap(head);
+}
+
+IoState Connection::WriteAll(std::string_view& head, std::string_view& body) {
+  while (!head.empty() || !body.empty()) {
+    const IoResult result = transport_.Write(head, body);
+    if (result.state != IoState::kDone) return result.state;
+    const std::size_t of_head = std::min(result.bytes, head.size());
+    head.remove_prefix(of_head);
+    body.remove_prefix(result.bytes - of_head);
+  }
+  return IoState::kDone;
+}
+
+void Connection::Send(std::string_view head, std::string&& body) {
+  if (HasOutput()) {  // only a "100 Continue" that is stuck; what is underway will see this, too
+    out_head_.append(head);
+    out_body_ = std::move(body);
+    return;
+  }
+  std::string_view body_rest = body;
+  const IoState state = WriteAll(head, body_rest);
+  if (state == IoState::kDone) {
+    if (phase_ == Phase::kWrite) FinishResponse();
+    return;
+  }
+  out_head_ = head;
+  out_body_sent_ = body.size() - body_rest.size();
+  out_body_ = std::move(body);
+  write_wants_read_ = state == IoState::kWantRead;
+  if (state == IoState::kWantWrite) return ArmWrite();
+  if (state == IoState::kWantRead) return ArmRead();
+  Close();
+}
+
+// True when a response is complete and the connection lives on.
+bool Connection::Flush() {
+  std::string_view head = out_head_;
+  std::string_view body = std::string_view(out_body_).substr(out_body_sent_);
+  const IoState state = WriteAll(head, body);
+  out_body_sent_ = out_body_.size() - body.size();
+  out_head_.erase(0, out_head_.size() - head.size());
+  write_wants_read_ = state == IoState::kWantRead;
+  if (state == IoState::kWantWrite) {
+    ArmWrite();
+  } else if (state == IoState::kWantRead) {
+    ArmRead();
+  } else if (state != IoState::kDone) {
+    Close();
+  } else {
+    std::string().swap(out_head_);
+    std::string().swap(out_body_);
+    out_body_sent_ = 0;
+    if (phase_ == Phase::kWrite) FinishResponse();
+    return phase_ == Phase::kHead;
+  }
+  return false;
+}
+
+void Connection::FinishResponse() {
+  if (close_after_ || io_.stopping()) return StartDrain();
+  EnterHead(io_.server().options.limits.idle);
+}
+
+// After a response that did not come from Process(): uses what came meanwhile.
+void Connection::Continue() {
+  if (phase_ != Phase::kHead) return;
+  if (!buffer_.empty()) Take({});
+  if (!AwaitsInput()) return;
+  if (peer_ended_) return Close();
+  if (std::exchange(paused_, false)) ReadInput();
+}
+
+}  // namespace vexa::daemon

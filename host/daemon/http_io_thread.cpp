@@ -1,0 +1,174 @@
+#include "host/daemon/http_io_thread.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <syslog.h>
+
+#include <boost/asio/post.hpp>
+#include <exception>
+
+#include "host/daemon/http_connection.h"
+#include "host/daemon/http_reply.h"
+
+namespace vexa::daemon {
+namespace {
+
+constexpr std::chrono::milliseconds kSweepInterval{500};
+// Beyond this many at once, refused connections are just closed.
+constexpr std::size_t kMaxRefusals = 64;
+
+}  // namespace
+
+IoThread::IoThread(ServerShared& server, int number, std::function<void()> on_settled)
+    : server_(server),
+      number_(number),
+      on_settled_(std::move(on_settled)),
+      work_(context_.get_executor()),
+      sweep_timer_(context_.get_executor()),
+      mailbox_(std::make_shared<Mailbox>(context_, [this](Answer&& answer) { Deliver(std::move(answer)); })),
+      read_scratch_(std::make_unique<std::array<char, 64 * 1024>>()) {}
+
+IoThread::~IoThread() {
+  if (thread_.joinable()) {
+    Post([this] { Abort(); });
+    Join();
+  }
+  mailbox_->Close();
+}
+
+void IoThread::Start() {
+  // Signals are for the daemon's own threads. SIGPIPE in particular: TLS writes with write(2).
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  try {
+    thread_ = std::thread([this] { Run(); });
+  } catch (...) {
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    throw;
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void IoThread::Join() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void IoThread::Post(std::function<void()> work) { boost::asio::post(context_, std::move(work)); }
+
+void IoThread::Run() {
+  pthread_setname_np(pthread_self(), ("http-" + std::to_string(number_)).c_str());
+  for (;;) {
+    try {
+      context_.run();
+      return;
+    } catch (const std::exception& failure) {
+      // Out of memory, most likely. The connection concerned ends at its deadline; the others go on.
+      syslog(LOG_ERR, "HTTP server: an event failed: %s", failure.what());
+    }
+  }
+}
+
+void IoThread::Adopt(Accepted&& accepted) {
+  const bool refusal = accepted.place == nullptr;
+  if (stopping_ || (refusal && (accepted.tls || refusals_ >= kMaxRefusals))) return;
+  std::size_t slot = slots_.size();
+  if (free_slots_.empty()) {
+    slots_.emplace_back();
+    free_slots_.reserve(slots_.capacity());  // so that Forget() cannot fail
+  } else {
+    slot = free_slots_.back();
+    free_slots_.pop_back();
+  }
+  ++connections_;
+  ++unsettled_;
+  try {
+    slots_[slot] = std::make_shared<Connection>(*this, slot, std::move(accepted));
+  } catch (...) {
+    Settled();
+    Forget(slot);
+    throw;
+  }
+  if (refusal) ++refusals_;
+  const std::shared_ptr<Connection> connection = slots_[slot];
+  connection->Start();
+  ArmSweep();
+}
+
+void IoThread::BeginStop() {
+  stopping_ = true;
+  for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
+    if (const std::shared_ptr<Connection> connection = slots_[slot]) connection->BeginStop();
+  }
+  if (unsettled_ == 0 && on_settled_) std::exchange(on_settled_, nullptr)();
+}
+
+std::size_t IoThread::Abort() {
+  stopping_ = true;
+  on_settled_ = nullptr;
+  mailbox_->Close();
+  const std::size_t cut = unsettled_;
+  for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
+    if (const std::shared_ptr<Connection> connection = slots_[slot]) connection->Close();
+  }
+  sweep_timer_.cancel();
+  work_.reset();
+  return cut;
+}
+
+std::string_view IoThread::Date() {
+  const std::time_t now = std::time(nullptr);
+  if (now != date_time_) {
+    date_ = HttpDate(now);
+    date_time_ = now;
+  }
+  return date_;
+}
+
+void IoThread::Settled() {
+  --unsettled_;
+  if (stopping_ && unsettled_ == 0 && on_settled_) std::exchange(on_settled_, nullptr)();
+}
+
+void IoThread::Forget(std::size_t slot) {
+  if (slots_[slot] && slots_[slot]->is_refusal()) --refusals_;
+  slots_[slot] = nullptr;
+  free_slots_.push_back(slot);
+  --connections_;
+}
+
+void IoThread::Deliver(Answer&& answer) {
+  if (answer.slot >= slots_.size()) return;
+  const std::shared_ptr<Connection> connection = slots_[answer.slot];
+  if (!connection) return;
+  try {
+    connection->Deliver(std::move(answer));
+  } catch (const std::exception&) {
+    connection->Close();  // out of memory; the answers behind this one must still be delivered
+  }
+}
+
+// One timer for all deadlines; it rests while there is no connection.
+void IoThread::ArmSweep() {
+  if (sweeping_ || connections_ == 0) return;
+  sweeping_ = true;
+  sweep_timer_.expires_after(kSweepInterval);
+  sweep_timer_.async_wait([this](const boost::system::error_code& error) {
+    sweeping_ = false;
+    if (error) return;
+    Sweep();
+    ArmSweep();
+  });
+}
+
+void IoThread::Sweep() {
+  const auto now = std::chrono::steady_clock::now();
+  for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
+    if (!slots_[slot] || now < slots_[slot]->deadline()) continue;
+    const std::shared_ptr<Connection> connection = slots_[slot];
+    connection->OnDeadline();
+  }
+}
+
+}  // namespace vexa::daemon

@@ -1,0 +1,141 @@
+#include "host/daemon/http_parser.h"
+
+#include <algorithm>
+#include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/error.hpp>
+#include <limits>
+
+#include "host/daemon/http_rules.h"
+
+namespace vexa::daemon {
+namespace {
+
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+
+// What is set aside for a body at once. A client that only announces a large body gets no more than this.
+constexpr std::uint64_t kFirstBodyBytes = 16 * 1024;
+// "0", two line ends: between chunks at least this much must still come. The parser takes for granted that it sees so
+// much of a last chunk at once, and a client that sends single bytes would end the process.
+constexpr std::size_t kShortestChunkEnd = 5;
+
+std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
+
+int StatusOf(const beast::error_code& error) {
+  if (error == http::error::body_limit) return 413;
+  if (error == http::error::bad_version) return 505;
+  return 400;
+}
+
+}  // namespace
+
+class RequestParser::Impl : public http::basic_parser<true> {
+ public:
+  HttpRequest request_;
+  bool head_done_ = false;
+  bool keep_alive_ = false;
+  bool http_1_0_ = false;
+  bool expects_continue_ = false;
+  bool unknown_expectation_ = false;
+  bool chunked_ = false;
+  std::uint64_t chunk_left_ = 0;
+
+ private:
+  void on_request_impl(http::verb /*method*/, beast::string_view method, beast::string_view target, int version,
+                       beast::error_code& /*error*/) override {
+    request_.method = View(method);
+    request_.target = View(target);
+    http_1_0_ = version == 10;
+  }
+
+  void on_response_impl(int /*code*/, beast::string_view /*reason*/, int /*version*/, beast::error_code&) override {}
+
+  void on_field_impl(http::field field, beast::string_view name, beast::string_view value,
+                     beast::error_code& /*error*/) override {
+    if (head_done_) return;  // a trailer: it must not change who calls
+    switch (field) {
+      case http::field::content_type:
+        request_.content_type = View(value);
+        break;
+      case http::field::authorization:
+        request_.authorization = View(value);
+        break;
+      case http::field::cookie:
+        request_.cookie = View(value);
+        break;
+      case http::field::origin:
+        request_.origin = View(value);
+        break;
+      case http::field::expect:
+        expects_continue_ = EqualsIgnoringCase(View(value), "100-continue");
+        unknown_expectation_ = !expects_continue_;
+        break;
+      default:
+        if (EqualsIgnoringCase(View(name), "X-Vexa-CSRF")) request_.csrf_token = View(value);
+    }
+  }
+
+  void on_header_impl(beast::error_code& /*error*/) override { head_done_ = true; }
+
+  void on_body_init_impl(const boost::optional<std::uint64_t>& length, beast::error_code& /*error*/) override {
+    if (length) request_.body.reserve(static_cast<std::size_t>(std::min(*length, kFirstBodyBytes)));
+  }
+
+  std::size_t on_body_impl(beast::string_view body, beast::error_code& /*error*/) override {
+    request_.body.append(body.data(), body.size());
+    return body.size();
+  }
+
+  void on_chunk_header_impl(std::uint64_t size, beast::string_view /*extensions*/, beast::error_code&) override {
+    chunk_left_ = size;
+  }
+
+  std::size_t on_chunk_body_impl(std::uint64_t /*remain*/, beast::string_view body, beast::error_code& error) override {
+    chunk_left_ -= body.size();
+    return on_body_impl(body, error);
+  }
+
+  void on_finish_impl(beast::error_code& /*error*/) override {}
+};
+
+RequestParser::RequestParser(std::size_t body_limit) : impl_(std::make_unique<Impl>()) {
+  // The caller bounds the head, as it must find its end anyway.
+  impl_->header_limit(std::numeric_limits<std::uint32_t>::max());
+  impl_->body_limit(body_limit);
+}
+
+RequestParser::~RequestParser() = default;
+
+int RequestParser::ParseHead(std::string_view head) {
+  if (const int status = CheckRequestHead(head); status != 0) return status;
+  beast::error_code error;
+  const std::size_t consumed = impl_->put({head.data(), head.size()}, error);
+  if (error) return StatusOf(error);
+  if (consumed != head.size() || !impl_->is_header_done()) return 400;
+  impl_->keep_alive_ = impl_->keep_alive();
+  impl_->chunked_ = impl_->chunked();
+  impl_->eager(true);
+  return impl_->unknown_expectation_ ? 417 : 0;
+}
+
+bool RequestParser::expects_body() const { return !impl_->is_done(); }
+// HTTP/1.0 knows no interim responses.
+bool RequestParser::expects_continue() const { return impl_->expects_continue_ && !impl_->http_1_0_; }
+bool RequestParser::keep_alive() const { return impl_->keep_alive_; }
+bool RequestParser::is_http_1_0() const { return impl_->http_1_0_; }
+
+RequestParser::Progress RequestParser::ParseBody(std::string_view bytes) {
+  Progress progress;
+  const bool between_chunks = impl_->chunked_ && impl_->chunk_left_ == 0;
+  if (bytes.size() >= (between_chunks ? kShortestChunkEnd : 1) && !impl_->is_done()) {
+    beast::error_code error;
+    progress.consumed = impl_->put({bytes.data(), bytes.size()}, error);
+    if (error && error != http::error::need_more) progress.status = StatusOf(error);
+  }
+  progress.done = progress.status == 0 && impl_->is_done();
+  return progress;
+}
+
+HttpRequest& RequestParser::request() { return impl_->request_; }
+
+}  // namespace vexa::daemon

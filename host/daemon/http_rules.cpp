@@ -1,0 +1,150 @@
+#include "host/daemon/http_rules.h"
+
+#include <algorithm>
+#include <array>
+
+namespace vexa::daemon {
+namespace {
+
+constexpr int kAcceptable = 0;
+
+constexpr std::array<std::string_view, 8> kMethods = {"GET",    "POST",    "HEAD",  "PUT",
+                                                      "DELETE", "OPTIONS", "PATCH", "TRACE"};
+
+// Fields that decide who calls and what the body is. Two of one kind would leave the choice to chance.
+enum Single {
+  kHost,
+  kContentLength,
+  kTransferEncoding,
+  kAuthorization,
+  kCookie,
+  kContentType,
+  kCsrf,
+  kOrigin,
+  kExpect
+};
+constexpr std::array<std::string_view, 9> kSingleFields = {"Host",          "Content-Length", "Transfer-Encoding",
+                                                           "Authorization", "Cookie",         "Content-Type",
+                                                           "X-Vexa-CSRF",   "Origin",         "Expect"};
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool IsTokenCharacter(char c) {
+  return IsDigit(c) || (Lower(c) >= 'a' && Lower(c) <= 'z') ||
+         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+std::string_view Trimmed(std::string_view text) {
+  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  while (!text.empty() && blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && blank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// Takes the next line, without its CRLF. False when a line end is not exactly CRLF.
+bool TakeLine(std::string_view& rest, std::string_view& line) {
+  const std::size_t end = rest.find_first_of("\r\n");
+  if (end == std::string_view::npos || rest.substr(end, 2) != "\r\n") return false;
+  line = rest.substr(0, end);
+  rest.remove_prefix(end + 2);
+  return true;
+}
+
+int CheckTarget(std::string_view target) {
+  if (target.size() > kMaxTargetBytes) return 414;
+  if (target.empty() || target.front() != '/') return 400;
+  const auto visible = [](char c) { return c > 0x20 && c < 0x7f && c != '#'; };
+  return std::all_of(target.begin(), target.end(), visible) ? kAcceptable : 400;
+}
+
+int CheckRequestLine(std::string_view line, int& minor_version) {
+  const std::size_t first = line.find(' ');
+  const std::size_t second = first == std::string_view::npos ? first : line.find(' ', first + 1);
+  if (second == std::string_view::npos) return 400;
+  const std::string_view method = line.substr(0, first);
+  const std::string_view version = line.substr(second + 1);
+  if (!IsToken(method)) return 400;
+  if (version.size() != 8 || version.substr(0, 5) != "HTTP/" || !IsDigit(version[5]) || version[6] != '.' ||
+      !IsDigit(version[7])) {
+    return 400;
+  }
+  if (version != "HTTP/1.1" && version != "HTTP/1.0") return 505;
+  minor_version = version[7] - '0';
+  if (const int status = CheckTarget(line.substr(first + 1, second - first - 1)); status != kAcceptable) return status;
+  return std::find(kMethods.begin(), kMethods.end(), method) == kMethods.end() ? 501 : kAcceptable;
+}
+
+bool IsHost(std::string_view value) {
+  const auto plain = [](char c) {
+    return IsTokenCharacter(c) || c == ':' || c == '[' || c == ']' || c == '(' || c == ')' || c == ';' || c == '=';
+  };
+  return std::all_of(value.begin(), value.end(), plain);
+}
+
+bool IsContentLength(std::string_view value) {
+  return !value.empty() && value.size() <= 18 && std::all_of(value.begin(), value.end(), IsDigit);
+}
+
+class FieldChecker {
+ public:
+  bool Take(std::string_view line) {
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return false;
+    // A blank before the colon, or at the start of the line (a continued field), is no token character.
+    const std::string_view name = line.substr(0, colon);
+    const std::string_view value = Trimmed(line.substr(colon + 1));
+    if (!IsToken(name) || !IsFieldValue(value)) return false;
+    for (std::size_t i = 0; i < kSingleFields.size(); ++i) {
+      if (!EqualsIgnoringCase(name, kSingleFields[i])) continue;
+      if (seen_[i]) return false;
+      seen_[i] = true;
+      if (i == kHost) return IsHost(value);
+      if (i == kContentLength) return IsContentLength(value);
+      if (i == kTransferEncoding) return EqualsIgnoringCase(value, "chunked");
+      break;
+    }
+    return true;
+  }
+
+  bool Complete(int minor_version) const {
+    if (minor_version == 0) return !seen_[kTransferEncoding];
+    return seen_[kHost] && !(seen_[kTransferEncoding] && seen_[kContentLength]);
+  }
+
+ private:
+  std::array<bool, kSingleFields.size()> seen_{};
+};
+
+}  // namespace
+
+bool IsToken(std::string_view text) { return !text.empty() && std::all_of(text.begin(), text.end(), IsTokenCharacter); }
+
+bool IsFieldValue(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte >= 0x20 && byte != 0x7f) || byte == '\t';
+  });
+}
+
+bool EqualsIgnoringCase(std::string_view left, std::string_view right) {
+  return left.size() == right.size() &&
+         std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) { return Lower(a) == Lower(b); });
+}
+
+int CheckRequestHead(std::string_view head) {
+  std::string_view line;
+  if (!TakeLine(head, line)) return 400;
+  int minor_version = 1;
+  if (const int status = CheckRequestLine(line, minor_version); status != kAcceptable) return status;
+  FieldChecker fields;
+  for (std::size_t count = 0; TakeLine(head, line); ++count) {
+    if (line.empty()) return head.empty() && fields.Complete(minor_version) ? kAcceptable : 400;
+    if (count == kMaxFields) return 431;
+    if (!fields.Take(line)) return 400;
+  }
+  return 400;
+}
+
+}  // namespace vexa::daemon

@@ -1,0 +1,159 @@
+#include "host/daemon/http_server.h"
+
+#include <boost/asio/post.hpp>
+#include <condition_variable>
+#include <exception>
+#include <future>
+#include <mutex>
+
+#include "host/daemon/http_acceptor.h"
+#include "host/daemon/http_io_thread.h"
+#include "host/daemon/http_listen.h"
+#include "host/daemon/http_shared.h"
+
+namespace vexa::daemon {
+namespace {
+
+// Longer deadlines would overflow the clock.
+constexpr std::chrono::hours kLongestStop{24 * 365};
+
+}  // namespace
+
+class HttpServer::Impl {
+ public:
+  explicit Impl(ServerOptions options);
+  ~Impl() { Stop(std::chrono::milliseconds(0)); }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  Status Listen();
+  void Run();
+  bool Stop(std::chrono::milliseconds deadline);
+  std::uint16_t port(std::size_t index) const { return ports_.at(index); }
+  ServerStats Stats() const;
+
+ private:
+  void HandOver(Accepted&& accepted);
+  void CloseListeners();
+  std::size_t Abort();
+
+  ServerShared shared_;
+  std::vector<std::uint16_t> ports_;
+  std::vector<std::unique_ptr<IoThread>> threads_;
+  std::vector<std::shared_ptr<Acceptor>> acceptors_;  // on the first I/O thread
+  std::size_t next_thread_ = 0;                       // of the first I/O thread
+  bool running_ = false;
+
+  std::mutex stop_mutex_;
+  bool stopped_ = false;
+  bool all_finished_ = true;
+
+  std::mutex settled_mutex_;
+  std::condition_variable settled_changed_;
+  std::size_t settled_threads_ = 0;
+};
+
+HttpServer::Impl::Impl(ServerOptions options) : shared_(std::move(options)) {
+  const int count = std::max(shared_.options.io_threads, 1);
+  for (int i = 0; i < count; ++i) {
+    threads_.push_back(std::make_unique<IoThread>(shared_, i, [this] {
+      const std::lock_guard lock(settled_mutex_);
+      ++settled_threads_;
+      settled_changed_.notify_all();
+    }));
+  }
+}
+
+Status HttpServer::Impl::Listen() {
+  for (const ListenerOptions& options : shared_.options.listeners) {
+    Result<TlsContext> tls = MakeTlsContext(options);
+    if (!tls) return tls.error();
+    Result<ListeningSocket> listening = ListeningSocket::Open(options);
+    if (!listening) return listening.error();
+    ports_.push_back(listening->port());
+    acceptors_.push_back(std::make_shared<Acceptor>(threads_.front()->context(), shared_, std::move(*listening), *tls,
+                                                    [this](Accepted&& accepted) { HandOver(std::move(accepted)); }));
+  }
+  return {};
+}
+
+void HttpServer::Impl::Run() {
+  for (const auto& thread : threads_) {
+    thread->Start();
+    running_ = true;  // the first one runs; should another not start, Stop() has something to stop
+  }
+  for (const auto& acceptor : acceptors_) threads_.front()->Post([acceptor] { acceptor->Start(); });
+}
+
+void HttpServer::Impl::HandOver(Accepted&& accepted) {
+  IoThread& thread = *threads_[next_thread_++ % threads_.size()];
+  if (&thread == threads_.front().get()) {
+    thread.Adopt(std::move(accepted));
+  } else {
+    boost::asio::post(thread.context(),
+                      [&thread, taken = std::move(accepted)]() mutable { thread.Adopt(std::move(taken)); });
+  }
+}
+
+void HttpServer::Impl::CloseListeners() {
+  std::promise<void> closed;
+  threads_.front()->Post([&] {
+    for (const auto& acceptor : acceptors_) acceptor->Close();
+    acceptors_.clear();
+    closed.set_value();
+  });
+  closed.get_future().wait();
+}
+
+std::size_t HttpServer::Impl::Abort() {
+  std::atomic<std::size_t> cut = 0;
+  for (const auto& thread : threads_) thread->Post([&cut, io = thread.get()] { cut += io->Abort(); });
+  for (const auto& thread : threads_) thread->Join();
+  return cut;
+}
+
+bool HttpServer::Impl::Stop(std::chrono::milliseconds deadline) {
+  const auto until = std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(deadline, kLongestStop);
+  const std::lock_guard stop_lock(stop_mutex_);
+  if (std::exchange(stopped_, true)) return all_finished_;
+  if (!running_) {
+    for (const auto& acceptor : acceptors_) acceptor->Close();
+    return true;
+  }
+  CloseListeners();
+  for (const auto& thread : threads_) thread->Post([io = thread.get()] { io->BeginStop(); });
+  {
+    std::unique_lock lock(settled_mutex_);
+    settled_changed_.wait_until(lock, until, [this] { return settled_threads_ == threads_.size(); });
+  }
+  all_finished_ = Abort() == 0;
+  return all_finished_;
+}
+
+ServerStats HttpServer::Impl::Stats() const {
+  return ServerStats{shared_.peers->total(), shared_.accepted, shared_.refused_connections, shared_.requests,
+                     shared_.refused_by_server};
+}
+
+Result<std::unique_ptr<HttpServer>> HttpServer::Start(ServerOptions options) {
+  try {
+    auto impl = std::make_unique<Impl>(std::move(options));
+    if (Status listening = impl->Listen(); !listening) return listening.error();
+    impl->Run();
+    return std::unique_ptr<HttpServer>(new HttpServer(std::move(impl)));
+  } catch (const std::exception& failure) {
+    return Error(ErrorCode::kInternal, "Cannot start the HTTP server", failure.what());
+  }
+}
+
+HttpServer::HttpServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+HttpServer::~HttpServer() = default;
+
+std::uint16_t HttpServer::port(std::size_t index) const { return impl_->port(index); }
+
+bool HttpServer::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(deadline); }
+
+ServerStats HttpServer::stats() const { return impl_->Stats(); }
+
+}  // namespace vexa::daemon

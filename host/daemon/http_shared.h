@@ -1,0 +1,52 @@
+// What all I/O threads of a server have in common.
+#pragma once
+
+#include <atomic>
+#include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/io_context.hpp>
+#include <cstdint>
+#include <memory>
+
+#include "host/daemon/http_peers.h"
+#include "host/daemon/http_server.h"
+#include "host/daemon/http_tls.h"
+
+namespace vexa::daemon {
+
+// One type for TCP and Unix sockets, bound to a context's executor directly: each context has one thread, so there is
+// nothing to serialise and nothing to look up at run time.
+using StreamSocket =
+    boost::asio::basic_stream_socket<boost::asio::generic::stream_protocol, boost::asio::io_context::executor_type>;
+
+// Threads: any; `options` does not change once the server runs.
+struct ServerShared {
+  explicit ServerShared(ServerOptions server_options);
+
+  ServerOptions options;
+  std::shared_ptr<PeerCounter> peers;
+  std::atomic<std::uint64_t> accepted = 0;
+  std::atomic<std::uint64_t> refused_connections = 0;
+  std::atomic<std::uint64_t> requests = 0;
+  std::atomic<std::uint64_t> refused_by_server = 0;
+
+  // options.make_error, or a plain response where that is missing, throws or answers with no error.
+  HttpResponse MakeError(int status, const std::string& request_id);
+};
+
+// A connection on its way to an I/O thread.
+struct Accepted {
+  Accepted() = default;
+  Accepted(Accepted&& other) noexcept;
+  Accepted& operator=(Accepted&&) = delete;
+  ~Accepted();  // closes what nobody released
+  int Release();
+
+  int fd = -1;
+  int family = 0;
+  Peer peer;
+  TlsContext tls;
+  std::unique_ptr<PeerCounter::Place> place;  // null: over a limit, to be refused
+};
+
+}  // namespace vexa::daemon

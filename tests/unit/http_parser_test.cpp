@@ -1,0 +1,142 @@
+#include "host/daemon/http_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace vexa::daemon {
+namespace {
+
+constexpr std::size_t kBodyLimit = 1000;
+const std::string kChunkedHead = "POST / HTTP/1.1\r\nHost: nas\r\nCookie: id=1\r\nTransfer-Encoding: chunked\r\n\r\n";
+
+struct Outcome {
+  int status = 0;
+  bool done = false;
+  std::string rest;
+};
+
+// Gives `bytes` in pieces of `piece`, as a network might.
+Outcome Feed(RequestParser& parser, const std::string& bytes, std::size_t piece) {
+  Outcome outcome;
+  for (std::size_t at = 0; at < bytes.size() && outcome.status == 0;) {
+    const std::size_t size = std::min(piece, bytes.size() - at);
+    outcome.rest += bytes.substr(at, size);
+    at += size;
+    if (outcome.done) continue;
+    const RequestParser::Progress progress = parser.ParseBody(outcome.rest);
+    outcome.rest.erase(0, progress.consumed);
+    outcome.status = progress.status;
+    outcome.done = progress.done;
+  }
+  return outcome;
+}
+
+class Chunks : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(Chunks, WithExtensionsAndTrailers_GiveTheBodyOnly) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+  ASSERT_TRUE(parser.expects_body());
+  const Outcome outcome = Feed(
+      parser, "5;a=b\r\nhello\r\n6\r\n world\r\n0\r\nAuthorization: stolen\r\nCookie: id=2\r\n\r\nGET ", GetParam());
+  EXPECT_TRUE(outcome.done);
+  EXPECT_EQ(outcome.rest, "GET ");
+  EXPECT_EQ(parser.request().body, "hello world");
+  EXPECT_EQ(parser.request().authorization, "");
+  EXPECT_EQ(parser.request().cookie, "id=1");
+}
+
+TEST_P(Chunks, TrailerThatAsksToClose_ChangesNothing) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+  EXPECT_TRUE(Feed(parser, "0\r\nConnection: close\r\n\r\n", GetParam()).done);
+  EXPECT_TRUE(parser.keep_alive());
+}
+
+TEST_P(Chunks, AboveTheLimitInSum_AreRefused) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+  std::string bytes;
+  for (int i = 0; i < 101; ++i) bytes += "a\r\n0123456789\r\n";
+  EXPECT_EQ(Feed(parser, bytes, GetParam()).status, 413);
+  EXPECT_LE(parser.request().body.size(), kBodyLimit);
+}
+
+TEST_P(Chunks, BadSyntax_IsRefused) {
+  for (const char* bad : {"x\r\n", "-1\r\n\r\n", "0x5\r\nhello\r\n", "5\r\nhelloX\r\n0\r\n\r\n",
+                          "5\nhello\r\n0\r\n\r\n", "5 5\r\nhello\r\n", ";a\r\n", "fffffffffffffffff\r\n",
+                          "5;\x01=a\r\nhello\r\n", "0\r\nContent-Length: 3\r\n\r\n", "0\r\nno colon\r\n\r\n"}) {
+    RequestParser parser(kBodyLimit);
+    ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+    const Outcome outcome = Feed(parser, std::string(bad) + "\r\n\r\n", GetParam());
+    EXPECT_TRUE(outcome.status == 400 || outcome.status == 413) << bad << " gave " << outcome.status;
+    EXPECT_FALSE(outcome.done) << bad;
+  }
+}
+
+TEST_P(Chunks, BodyWithLength_EndsAtItsLength) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 5\r\n\r\n"), 0);
+  const Outcome outcome = Feed(parser, "helloGET /", GetParam());
+  EXPECT_TRUE(outcome.done);
+  EXPECT_EQ(outcome.rest, "GET /");
+  EXPECT_EQ(parser.request().body, "hello");
+}
+
+INSTANTIATE_TEST_SUITE_P(PieceSizes, Chunks, testing::Values(1, 2, 3, 7, 100'000));
+
+TEST(RequestParser, Head_FillsTheRequest) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHead(
+                "PUT /a?b HTTP/1.1\r\nHost: nas\r\ncontent-type:  application/json \r\nAuthorization: Bearer t\r\n"
+                "Cookie: id=1\r\nX-VEXA-csrf: c\r\nOrigin: https://nas\r\nContent-Length: 0\r\n\r\n"),
+            0);
+  const HttpRequest& request = parser.request();
+  EXPECT_EQ(request.method, "PUT");
+  EXPECT_EQ(request.target, "/a?b");
+  EXPECT_EQ(request.content_type, "application/json");
+  EXPECT_EQ(request.authorization, "Bearer t");
+  EXPECT_EQ(request.cookie, "id=1");
+  EXPECT_EQ(request.csrf_token, "c");
+  EXPECT_EQ(request.origin, "https://nas");
+  EXPECT_FALSE(parser.expects_body());
+  EXPECT_TRUE(parser.keep_alive());
+}
+
+TEST(RequestParser, LengthAboveTheLimit_IsRefusedBeforeTheBody) {
+  RequestParser parser(kBodyLimit);
+  EXPECT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 1001\r\n\r\n"), 413);
+}
+
+TEST(RequestParser, Expectations_OnlyContinueIsKnown) {
+  RequestParser known(kBodyLimit);
+  EXPECT_EQ(known.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nExpect: 100-Continue\r\nContent-Length: 1\r\n\r\n"), 0);
+  EXPECT_TRUE(known.expects_continue());
+  RequestParser old(kBodyLimit);
+  EXPECT_EQ(old.ParseHead("POST / HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 1\r\n\r\n"), 0);
+  EXPECT_FALSE(old.expects_continue());
+  RequestParser unknown(kBodyLimit);
+  EXPECT_EQ(unknown.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nExpect: tea\r\nContent-Length: 1\r\n\r\n"), 417);
+}
+
+TEST(RequestParser, KeepAlive_FollowsVersionAndConnection) {
+  const struct {
+    const char* head;
+    bool keep;
+  } rows[] = {
+      {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", true},
+      {"GET / HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n", false},
+      {"GET / HTTP/1.1\r\nHost: a\r\nConnection: te, Close\r\n\r\n", false},
+      {"GET / HTTP/1.0\r\n\r\n", false},
+      {"GET / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n", true},
+  };
+  for (const auto& row : rows) {
+    RequestParser parser(kBodyLimit);
+    ASSERT_EQ(parser.ParseHead(row.head), 0);
+    EXPECT_EQ(parser.keep_alive(), row.keep) << row.head;
+  }
+}
+
+}  // namespace
+}  // namespace vexa::daemon

@@ -1,0 +1,110 @@
+#include "host/daemon/http_reply.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace vexa::daemon {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+std::string Head(const HttpResponse& response, AfterReply after = AfterReply::kKeepAlive) {
+  std::string out;
+  AppendReplyHead(out, response, "0123456789abcdef", "Sun, 06 Nov 1994 08:49:37 GMT", after);
+  return out;
+}
+
+TEST(ReplyHead, PlainResponse_HasExactlyTheServersFields) {
+  HttpResponse response;
+  response.body = "hello";
+  EXPECT_EQ(Head(response),
+            "HTTP/1.1 200 OK\r\n"
+            "Date: Sun, 06 Nov 1994 08:49:37 GMT\r\n"
+            "X-Request-Id: 0123456789abcdef\r\n"
+            "X-Content-Type-Options: nosniff\r\n"
+            "Content-Type: application/json\r\n"
+            "Content-Length: 5\r\n"
+            "Cache-Control: no-store\r\n"
+            "\r\n");
+}
+
+TEST(ReplyHead, Closing_SaysSo) {
+  EXPECT_THAT(Head({}, AfterReply::kClose), HasSubstr("\r\nConnection: close\r\n"));
+  EXPECT_THAT(Head({}, AfterReply::kKeepAliveForHttp10), HasSubstr("\r\nConnection: keep-alive\r\n"));
+}
+
+TEST(ReplyHead, FieldsThatEndTheirLine_AreLeftOut) {
+  HttpResponse response;
+  response.headers = {{"X-A", "a\r\nSet-Cookie: stolen=1"},
+                      {"X-B\r\nX-C", "b"},
+                      {"X-D", std::string("d\0d", 3)},
+                      {"X-E", "e\nf"},
+                      {"", "g"},
+                      {"X-F", "fine"}};
+  const std::string head = Head(response);
+  EXPECT_THAT(head, Not(HasSubstr("stolen")));
+  EXPECT_THAT(head, Not(HasSubstr("X-B")));
+  EXPECT_THAT(head, Not(HasSubstr("X-D")));
+  EXPECT_THAT(head, Not(HasSubstr("X-E")));
+  EXPECT_THAT(head, Not(HasSubstr("\r\n: g")));
+  EXPECT_THAT(head, HasSubstr("\r\nX-F: fine\r\n"));
+}
+
+TEST(ReplyHead, ContentTypeThatEndsItsLine_IsReplaced) {
+  HttpResponse response;
+  response.content_type = "text/html\r\nX-A: a";
+  EXPECT_THAT(Head(response), HasSubstr("\r\nContent-Type: application/octet-stream\r\n"));
+}
+
+TEST(ReplyHead, FieldsOfTheServer_CannotBeReplaced) {
+  HttpResponse response;
+  response.headers = {
+      {"content-length", "777777"}, {"Transfer-Encoding", "chunked"}, {"Connection", "x"}, {"Server", "s"}};
+  const std::string head = Head(response);
+  EXPECT_THAT(head, Not(HasSubstr("777777")));
+  EXPECT_THAT(head, Not(HasSubstr("chunked")));
+  EXPECT_THAT(head, Not(HasSubstr("Connection")));
+  EXPECT_THAT(head, Not(HasSubstr("Server")));
+}
+
+TEST(ReplyHead, CacheControlOfTheHandler_ReplacesTheDefault) {
+  HttpResponse response;
+  response.headers = {{"cache-control", "max-age=60"}};
+  EXPECT_THAT(Head(response), HasSubstr("cache-control: max-age=60\r\n"));
+  EXPECT_THAT(Head(response), Not(HasSubstr("no-store")));
+}
+
+TEST(ReplyHead, NoContent_HasNoLength) {
+  HttpResponse response;
+  response.status = 204;
+  EXPECT_THAT(Head(response), Not(HasSubstr("\r\nContent-Length")));
+}
+
+TEST(HttpDate, KnownTime_IsTheProtocolsForm) { EXPECT_EQ(HttpDate(784111777), "Sun, 06 Nov 1994 08:49:37 GMT"); }
+
+TEST(RequestId, FromManyThreads_IsUniqueAndSixteenHexDigits) {
+  std::vector<std::vector<std::string>> made(4);
+  std::vector<std::thread> threads;
+  for (auto& list : made) {
+    threads.emplace_back([&list] {
+      for (int i = 0; i < 5000; ++i) list.push_back(NewRequestId());
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::set<std::string> all;
+  for (const auto& list : made) {
+    for (const std::string& id : list) {
+      EXPECT_EQ(id.size(), 16U);
+      EXPECT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos);
+      EXPECT_TRUE(all.insert(id).second) << id;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace vexa::daemon
