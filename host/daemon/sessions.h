@@ -2,6 +2,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +19,8 @@ struct SessionOptions {
   std::chrono::seconds absolute{12 * 60 * 60};
   std::size_t max_sessions = 100'000;
   std::size_t max_sessions_per_user = 100;  // a further login ends the user's oldest one
+  // Unix seconds; time(2) when empty. Any thread; must not call the table.
+  std::function<std::int64_t()> now;
 };
 
 struct NewSession {
@@ -24,15 +29,24 @@ struct NewSession {
 };
 
 // Sessions survive a restart: they are kept in a file (0600, replaced atomically) that holds SHA-256 hashes of the
-// tokens, never the tokens. Last use is written at most once a minute.
-// Threads: any, at the same time; Find takes no lock that a file write holds.
+// tokens, never the tokens:
+//   {"version": 1, "sessions": [{"hash": "…", "csrf_hash": "…", "user": "alice", "created": 1, "last_used": 1}]}
+// with hashes as base64url without padding and times in Unix seconds. Last use is written by Sweep alone.
+//
+// A clock that jumps: an elapsed time below zero counts as zero, a creation in the future as now, a last use never
+// moves backwards, and what was once seen expired stays so.
+//
+// Threads: any, at the same time; Find and CheckCsrf take no lock that a file write holds.
 class SessionTable {
  public:
-  // An unreadable or damaged file is an error (kCorrupt, kDenied); a missing one starts an empty table.
+  // An unreadable or damaged file is an error: kCorrupt; kDenied when it is not private (others may use it, it is a
+  // symbolic link, it belongs to neither this process's user nor root). A missing one starts an empty table.
   static Result<std::unique_ptr<SessionTable>> Open(const std::string& path, const SessionOptions& options);
   ~SessionTable();
 
-  // kBusy when max_sessions are in use.
+  // The session is in the file before this returns.
+  // kInvalid when `user` cannot be a user's name; kBusy when max_sessions are in use; the file's error when it cannot
+  // be written. After an error there is no new session, and no older one has been ended.
   Result<NewSession> Create(const std::string& user);
 
   // The user of a live session, and counts as a use of it. Empty for an unknown, expired or malformed token.
@@ -41,14 +55,18 @@ class SessionTable {
   // Whether `csrf_token` belongs to the session of `token`, compared in constant time.
   bool CheckCsrf(std::string_view token, std::string_view csrf_token) const;
 
-  // Ends the session; true when there was one.
+  // Ends the session; true when there was one. It is gone from the file as well before this returns; when the file
+  // cannot be written, the session is over all the same, and the next Create, End or Sweep that can write takes it out
+  // of the file. Until then only a restart would bring it back.
   bool End(std::string_view token);
-  // Ends all sessions of a user and returns how many there were.
+  // Ends all sessions of a user, as End does, and returns how many there were.
   std::size_t EndAllOf(const std::string& user);
 
   // Drops what has expired and writes last uses; call it about once a minute, and before the process ends.
+  // An error when the file cannot be written; what was to be written then stays to be.
   Status Sweep();
 
+  // With those that have expired since the last Sweep.
   std::size_t size() const;
 
  private:

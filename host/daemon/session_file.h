@@ -1,0 +1,26 @@
+// The sessions' file: its text as values, checked wholly.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/daemon/session_token.h"
+
+namespace vexa::daemon {
+
+struct SessionRecord {
+  Hash hash;
+  Hash csrf_hash;
+  std::string user;
+  std::int64_t created = 0;    // Unix seconds
+  std::int64_t last_used = 0;  // Unix seconds
+};
+
+// kCorrupt, with a sentence that says what is wrong.
+Result<std::vector<SessionRecord>> ParseSessions(std::string_view text);
+std::string RenderSessions(const std::vector<SessionRecord>& sessions);
+
+}  // namespace vexa::daemon
