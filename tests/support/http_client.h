@@ -1,0 +1,53 @@
+// A small HTTP client for tests of servers.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vexa::test {
+
+struct HttpTarget {
+  std::string url;               // "http://127.0.0.1:8080"; for a Unix socket the part that the Host field shows
+  std::string unix_socket;       // used instead of TCP when set
+  std::string ca_file;           // https: trusted authorities
+  std::string certificate_file;  // https: the client's own
+  std::string key_file;
+};
+
+struct HttpReply {
+  // Why there is no reply at all (refused, hung up, timed out); empty when there is one.
+  std::string transport_error;
+  int status = 0;
+  std::map<std::string, std::string> headers;  // names in lower case; the last of several
+  std::string body;
+
+  bool arrived() const { return transport_error.empty(); }
+};
+
+// One kept-alive connection to one server. Follows no redirects.
+// Threads: one at a time.
+class HttpClient {
+ public:
+  explicit HttpClient(HttpTarget target);
+  ~HttpClient();
+
+  // Sent with every following request, such as "Authorization: Bearer …".
+  void SetHeader(const std::string& name, const std::string& value);
+  void SetTimeout(std::chrono::milliseconds timeout);
+
+  HttpReply Get(const std::string& path);
+  // Content-Type: application/json.
+  HttpReply PostJson(const std::string& path, const std::string& body);
+  // Any method; `headers` are whole lines, on top of those set before and in place of curl's own.
+  HttpReply Send(const std::string& method, const std::string& path, const std::vector<std::string>& headers,
+                 const std::string& body);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vexa::test
