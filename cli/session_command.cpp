@@ -61,7 +61,8 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
       CallApi(client, kLogin, RenderJson(body, JsonLayout::kOneLine), Secrecy::kSecret, LoginHint::kOmit);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
 
-  const std::string token = Text(Member(outcome.data, "token"));
+  const Json::Value& token_value = Member(outcome.data, "token");
+  const std::string token = token_value.isString() ? token_value.asString() : "";
   const std::string name = Text(Member(outcome.data, "user"));
   if (!IsValidToken(token)) return Report(Error(ErrorCode::kCorrupt, "The server's reply holds no usable token"));
   if (const Status saved = SaveLogin({endpoint->url, name.empty() ? user : name, token}); !saved) {
