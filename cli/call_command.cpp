@@ -1,0 +1,85 @@
+#include "cli/call_command.h"
+
+#include <array>
+#include <iostream>
+#include <string_view>
+
+#include "cli/printable.h"
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+// Both become part of the request's path.
+bool IsValidName(std::string_view name) {
+  if (name.empty() || name.size() > 128) return false;
+  if (name.find_first_not_of('.') == std::string_view::npos) return false;
+  return name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
+         std::string_view::npos;
+}
+
+Result<std::string> ReadStandardInput() {
+  std::string text;
+  std::array<char, 65536> buffer;
+  while (std::cin.read(buffer.data(), buffer.size()) || std::cin.gcount() > 0) {
+    text.append(buffer.data(), static_cast<std::size_t>(std::cin.gcount()));
+    if (text.size() > kMaxReplyBytes) return Error(ErrorCode::kInvalid, "Standard input holds more than 16 MiB");
+  }
+  return text;
+}
+
+}  // namespace
+
+ExitCode RunCall(const GlobalOptions& global, const CallOptions& options) {
+  if (!IsValidName(options.api) || !IsValidName(options.method)) {
+    return Report(Error(ErrorCode::kInvalid, "The name of an API or method consists of letters, digits and . _ -"));
+  }
+  const Result<std::string> body =
+      options.parameters == "-" ? ReadStandardInput() : Result<std::string>(options.parameters);
+  if (!body) return Report(body.error());
+  const Result<Json::Value> parsed = ParseJson(*body);
+  if (!parsed) return Report(Error(ErrorCode::kInvalid, "The parameters are not valid JSON", parsed.error().cause()));
+  if (!parsed->isObject()) {
+    return Report(Error(ErrorCode::kInvalid, "The parameters are no JSON object, such as '{\"guest_id\": \"…\"}'"));
+  }
+
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  std::string path = "/webapi/" + options.api + "/" + options.method;
+  if (options.version) path += "?version=" + std::to_string(*options.version);
+  // Parameters may hold a password, and nothing tells which do.
+  const CallOutcome outcome = CallApi(client, path, *body, Secrecy::kSecret);
+  return outcome.exit_code == ExitCode::kOk ? PrintJson(outcome.data) : outcome.exit_code;
+}
+
+ExitCode RunHealth(const GlobalOptions& global) {
+  // Health is anybody's to ask: no token is sent.
+  const Result<std::optional<SavedLogin>> saved = LoadLogin();
+  const Result<Endpoint> endpoint = ChooseEndpoint(global, saved ? *saved : std::nullopt);
+  if (!endpoint) return Report(endpoint.error());
+  HttpClient client(MakeClientOptions(global, *endpoint));
+  const Result<HttpReply> reply = client.Get("/healthz");
+  if (!reply) return ReportTransport(reply.error());
+  const bool healthy = reply->status == 200;
+  const Result<Json::Value> body = ParseJson(reply->body);
+  if (global.json) {
+    if (!body) return Report(Error(ErrorCode::kCorrupt, "The server's health report is not JSON"));
+    PrintJson(*body);
+  } else if (!global.quiet) {
+    Fields fields{
+        {"Server", endpoint->Name()},
+        {"Health", (healthy ? "good" : "bad") + std::string(" (HTTP ") + std::to_string(reply->status) + ")"}};
+    if (body && body->isObject()) {
+      for (const std::string& name : body->getMemberNames()) {
+        const Json::Value& value = Member(*body, name.c_str());
+        const std::string text = Text(value);
+        fields.emplace_back(Printable(name), text.empty() ? RenderJson(value, JsonLayout::kOneLine) : text);
+      }
+    }
+    PrintFields(std::cout, fields);
+  }
+  return healthy ? ExitCode::kOk : ExitCode::kFailed;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,109 @@
+#include "cli/client_options.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+
+#include "cli/printable.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr int kUnauthorized = 401;
+
+std::string Variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+void PrintFailure(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
+  const std::string message = reply.message.empty() ? "The server refused without a reason" : reply.message;
+  std::string about = "HTTP " + std::to_string(reply.http_status);
+  if (reply.code) about = "error " + std::to_string(*reply.code) + ", " + about;
+  if (!reply.request_id.empty()) about += ", request " + reply.request_id;
+  std::cerr << "vexa: " << Printable(client.WithoutToken(message)) << " (" << Printable(client.WithoutToken(about))
+            << ")\n";
+  if (!reply.details.isNull()) {
+    std::cerr << "Details: " << client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine)) << '\n';
+  }
+  if (reply.http_status == kUnauthorized && hint == LoginHint::kGive) std::cerr << "Run 'vexa login'.\n";
+}
+
+}  // namespace
+
+Result<Endpoint> ChooseEndpoint(const GlobalOptions& options, const std::optional<SavedLogin>& saved) {
+  if (!options.server.empty()) return ParseServerUrl(options.server);
+  if (!options.socket.empty()) return Endpoint{"", options.socket};
+  if (const std::string server = Variable("VEXA_SERVER"); !server.empty()) return ParseServerUrl(server);
+  if (saved) return Endpoint{saved->server, ""};
+  const std::string socket = Variable("VEXA_SOCKET");
+  return Endpoint{"", socket.empty() ? std::string(kDefaultSocket) : socket};
+}
+
+HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint& endpoint) {
+  HttpClientOptions result;
+  result.endpoint = endpoint;
+  result.ca_file = options.ca_file;
+  result.timeout = std::chrono::seconds(options.timeout_s);
+  result.insecure_http = options.insecure_http ? InsecureHttp::kAllow : InsecureHttp::kRefuse;
+  result.trace = options.verbose ? Trace::kOn : Trace::kOff;
+  return result;
+}
+
+Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options) {
+  std::optional<SavedLogin> saved;
+  // With --socket or --token-file a damaged login file is nobody's business.
+  if (options.socket.empty() && options.token_file.empty()) {
+    Result<std::optional<SavedLogin>> loaded = LoadLogin();
+    if (!loaded) return loaded.error();
+    saved = std::move(*loaded);
+  } else if (const auto loaded = LoadLogin(); loaded) {
+    saved = *loaded;
+  }
+  const Result<Endpoint> endpoint = ChooseEndpoint(options, saved);
+  if (!endpoint) return endpoint.error();
+  HttpClientOptions result = MakeClientOptions(options, *endpoint);
+  if (!options.token_file.empty()) {
+    const Result<std::string> token = ReadTokenFile(options.token_file);
+    if (!token) return token.error();
+    result.token = *token;
+  } else if (saved && endpoint->unix_socket.empty() && endpoint->url == saved->server) {
+    result.token = saved->token;
+  }
+  return result;
+}
+
+ExitCode Report(const Error& error) {
+  std::cerr << "vexa: " << Printable(error.ToString()) << '\n';
+  return error.code() == ErrorCode::kInvalid ? ExitCode::kUsage : ExitCode::kFailed;
+}
+
+ExitCode ReportTransport(const Error& error) {
+  const ExitCode code = Report(error);
+  return error.code() == ErrorCode::kUnavailable ? ExitCode::kUnreachable : code;
+}
+
+CallOutcome CallApi(HttpClient& client, const std::string& path, const std::string& body, Secrecy secrecy,
+                    LoginHint hint) {
+  const Result<HttpReply> reply = client.PostJson(path, body, secrecy);
+  if (!reply) return {ReportTransport(reply.error()), {}};
+  Result<ApiReply> understood = ReadApiReply(*reply);
+  if (!understood) {
+    const ExitCode code = Report(understood.error());
+    // A proxy in front of the server answers in its own words.
+    if (reply->status == kUnauthorized && hint == LoginHint::kGive) std::cerr << "Run 'vexa login'.\n";
+    return {code, {}};
+  }
+  if (!understood->success) {
+    PrintFailure(client, *understood, hint);
+    return {ExitCode::kFailed, {}};
+  }
+  return {ExitCode::kOk, std::move(understood->data)};
+}
+
+ExitCode PrintJson(const Json::Value& data) {
+  std::cout << RenderJson(data, JsonLayout::kIndented) << '\n';
+  return ExitCode::kOk;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,73 @@
+#include "cli/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <string>
+
+#include "cli/commands.h"
+#include "cli/printable.h"
+
+#ifndef VEXA_VERSION
+#error "The build defines VEXA_VERSION"
+#endif
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kFooter = R"(
+The server is --server or --socket, else $VEXA_SERVER, else the one you are logged in to, else the Unix socket
+$VEXA_SOCKET or /run/vexad/vexad.sock, where the system vouches for who you are.
+
+Examples:
+  vexa login --server https://nas:8443 alice
+  vexa guest get 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55
+  vexa guest get 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55 --json | jq .vdisks
+  vexa call VEXA.Virtualization.Guest get '{"guest_id": "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"}'
+  vexa health
+
+Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 the server cannot be reached.)";
+
+void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
+  auto* server = app.add_option("--server", options.server, "The server, such as https://nas:8443")->type_name("URL");
+  app.add_option("--socket", options.socket, "The Unix socket of a server on this host")
+      ->type_name("PATH")
+      ->excludes(server);
+  app.add_option("--token-file", options.token_file, "A file with the token to show, instead of the saved login")
+      ->type_name("PATH");
+  app.add_option("--ca-file", options.ca_file, "The authorities to trust instead of the system's (PEM)")
+      ->type_name("PATH");
+  app.add_option("--timeout", options.timeout_s, "How long to wait for a reply, 1 to 86400 s (default 60)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1, 86'400));
+  app.add_flag("--json", options.json, "Print the data as JSON");
+  app.add_flag("-q,--quiet", options.quiet, "Print no confirmations");
+  app.add_flag("-v,--verbose", options.verbose, "Tell each request and reply on standard error, without secrets");
+  app.add_flag("--insecure-http", options.insecure_http, "Send passwords and tokens unencrypted if need be");
+}
+
+}  // namespace
+
+int RunCommandLine(int argc, char** argv) {
+  Invocation invocation;
+  CLI::App app("The command line client of the virtualization server.", "vexa");
+  app.set_version_flag("--version", "vexa " VEXA_VERSION, "Print the version and exit");
+  app.set_help_flag("-h,--help", "Print this help and exit");
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  app.fallthrough();  // global options may follow the command
+  AddGlobalOptions(app, invocation.global);
+  AddClientCommands(app, invocation);
+  AddErrorCommand(app, invocation);
+  AddAccountCommands(app, invocation);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& asked) {  // --help, --version
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    std::cerr << "vexa: " << Printable(error.what()) << "\nTry 'vexa --help'.\n";
+    return static_cast<int>(ExitCode::kUsage);
+  }
+  return static_cast<int>(invocation.run());
+}
+
+}  // namespace vexa::cli

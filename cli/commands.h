@@ -1,0 +1,26 @@
+// How commands put themselves on the command line. Only command_line*.cpp sees the parser's own header: it is large.
+#pragma once
+
+#include <functional>
+
+#include "cli/client_options.h"
+
+namespace CLI {
+class App;
+}
+
+namespace vexa::cli {
+
+// What the parsed command line asks for.
+struct Invocation {
+  GlobalOptions global;
+  std::function<ExitCode()> run;
+};
+
+// Each adds its commands; when one of them is on the command line, it sets `invocation.run`. Both arguments outlive the
+// parse and the run.
+void AddClientCommands(CLI::App& app, Invocation& invocation);
+void AddErrorCommand(CLI::App& app, Invocation& invocation);
+void AddAccountCommands(CLI::App& app, Invocation& invocation);
+
+}  // namespace vexa::cli

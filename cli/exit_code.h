@@ -1,0 +1,13 @@
+// How the command line client ends.
+#pragma once
+
+namespace vexa::cli {
+
+enum class ExitCode : int {
+  kOk = 0,
+  kFailed = 1,       // the server, or this host's files, refused or failed
+  kUsage = 2,        // the command line cannot be understood or is refused as it stands
+  kUnreachable = 3,  // no whole reply came from the server
+};
+
+}  // namespace vexa::cli

@@ -1,0 +1,156 @@
+#include "cli/guest_command.h"
+
+#include <array>
+#include <iostream>
+#include <limits>
+
+#include "cli/printable.h"
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
+constexpr std::int64_t kUnit = 1024;
+
+enum class Kind { kText, kYesNo, kKib, kMib, kList };
+
+struct Field {
+  const char* label;
+  const char* member;
+  Kind kind;
+};
+
+// In the order of the table on the screen. A setting that the reply does not have is left out.
+constexpr std::array kGeneral = {
+    Field{"Name", "name", Kind::kText},
+    Field{"Description", "desc", Kind::kText},
+    Field{"Repository", "repo_id", Kind::kText},
+    Field{"Virtual CPUs", "vcpu_num", Kind::kText},
+    Field{"Pinned CPUs", "cpu_pin_num", Kind::kText},
+    Field{"CPU weight", "cpu_weight", Kind::kText},
+    Field{"CPU passthrough", "cpu_passthru", Kind::kYesNo},
+    Field{"Hyper-V features", "hyperv_enlighten", Kind::kYesNo},
+    Field{"Memory", "vram_size", Kind::kKib},
+    Field{"Video card", "video_card", Kind::kText},
+    Field{"Keyboard", "kb_layout", Kind::kText},
+    Field{"Boots from", "boot_from", Kind::kText},
+    Field{"UEFI firmware", "use_ovmf", Kind::kYesNo},
+    Field{"Autorun", "autorun", Kind::kText},
+    Field{"High availability", "is_ha_enabled", Kind::kYesNo},
+    Field{"USB version", "usb_version", Kind::kText},
+    Field{"USB devices", "usbs", Kind::kList},
+    Field{"ISO images", "iso_images", Kind::kList},
+    Field{"General guest", "is_general_vm", Kind::kYesNo},
+};
+
+constexpr std::array kDiskColumns = {
+    Field{"DISK", "vdisk_id", Kind::kText},      Field{"SIZE", "size", Kind::kMib},
+    Field{"TYPE", "lun_type", Kind::kText},      Field{"MODE", "vdisk_mode", Kind::kText},
+    Field{"DUMMY", "is_dummy", Kind::kYesNo},    Field{"UNMAP", "unmap", Kind::kYesNo},
+    Field{"META", "is_meta_disk", Kind::kYesNo},
+};
+
+constexpr std::array kNicColumns = {
+    Field{"INTERFACE", "vnic_id", Kind::kText},
+    Field{"NETWORK", "network_id", Kind::kText},
+    Field{"MAC", "mac", Kind::kText},
+    Field{"TYPE", "vnic_type", Kind::kText},
+    Field{"SR-IOV", "prefer_sriov", Kind::kYesNo},
+};
+
+// "4 GiB" for a number of KiB that is a whole number of GiB; the largest unit without a fraction.
+std::string FormatSize(std::int64_t kib) {
+  constexpr std::array units = {"KiB", "MiB", "GiB", "TiB"};
+  std::size_t unit = 0;
+  while (kib != 0 && kib % kUnit == 0 && unit + 1 < units.size()) {
+    kib /= kUnit;
+    ++unit;
+  }
+  return std::to_string(kib) + " " + units[unit];
+}
+
+// Sizes come as numbers or as text.
+std::string FormatSizeOf(const Json::Value& value, std::int64_t kib_per_unit) {
+  const std::string text = Text(value);
+  std::int64_t number = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return text;
+    if (number > std::numeric_limits<std::int64_t>::max() / kUnit / 16) return text;
+    number = number * 10 + (c - '0');
+  }
+  return text.empty() ? text : FormatSize(number * kib_per_unit);
+}
+
+std::string FormatList(const Json::Value& value) {
+  if (!value.isArray()) return Text(value);
+  std::string result;
+  for (const Json::Value& element : value) {
+    const std::string text = Text(element);
+    result += (result.empty() ? "" : ", ") + (text.empty() ? "-" : text);
+  }
+  return result;
+}
+
+std::string Format(const Json::Value& value, Kind kind) {
+  switch (kind) {
+    case Kind::kText:
+      return Text(value);
+    case Kind::kYesNo:
+      return value.isBool() ? (value.asBool() ? "yes" : "no") : Text(value);
+    case Kind::kKib:
+      return FormatSizeOf(value, 1);
+    case Kind::kMib:
+      return FormatSizeOf(value, kUnit);
+    case Kind::kList:
+      return FormatList(value);
+  }
+  return "";
+}
+
+template <std::size_t n>
+void PrintList(const char* title, const Json::Value& list, const std::array<Field, n>& columns) {
+  std::cout << '\n' << title << '\n';
+  if (!list.isArray() || list.empty()) {
+    std::cout << "none\n";
+    return;
+  }
+  Table table;
+  for (const Field& column : columns) table.head.emplace_back(column.label);
+  for (const Json::Value& element : list) {
+    auto& row = table.rows.emplace_back();
+    for (const Field& column : columns) row.push_back(Format(Member(element, column.member), column.kind));
+  }
+  PrintTable(std::cout, table);
+}
+
+}  // namespace
+
+ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
+  if (guest_id.empty() || !IsValidUtf8(guest_id)) {
+    return Report(Error(ErrorCode::kInvalid, "The guest's id is empty or not valid UTF-8"));
+  }
+  const Result<HttpClientOptions> options = ConnectOptions(global);
+  if (!options) return Report(options.error());
+  HttpClient client(*options);
+  Json::Value parameters;
+  parameters["guest_id"] = guest_id;
+  const CallOutcome outcome = CallApi(client, kGet, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  if (!outcome.data.isObject()) {
+    return Report(Error(ErrorCode::kCorrupt, "The server's reply holds no guest"));
+  }
+  Fields fields{{"Guest", guest_id}};
+  for (const Field& field : kGeneral) {
+    if (outcome.data.isMember(field.member)) {
+      fields.emplace_back(field.label, Format(Member(outcome.data, field.member), field.kind));
+    }
+  }
+  PrintFields(std::cout, fields);
+  PrintList("Virtual disks", Member(outcome.data, "vdisks"), kDiskColumns);
+  PrintList("Network interfaces", Member(outcome.data, "vnics"), kNicColumns);
+  return ExitCode::kOk;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,165 @@
+#include "cli/http_client.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <utility>
+
+#include "cli/printable.h"
+
+namespace vexa::cli {
+namespace {
+
+struct Received {
+  std::string body;
+  bool too_large = false;
+};
+
+std::size_t Collect(char* data, std::size_t, std::size_t count, void* context) {
+  auto* received = static_cast<Received*>(context);
+  if (count > kMaxReplyBytes - received->body.size()) {
+    received->too_large = true;
+    return 0;  // ends the transfer
+  }
+  received->body.append(data, count);
+  return count;
+}
+
+}  // namespace
+
+class HttpClient::Impl {
+ public:
+  explicit Impl(HttpClientOptions options) : options_(std::move(options)) {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    handle_ = curl_easy_init();
+  }
+  ~Impl() {
+    curl_easy_cleanup(handle_);
+    curl_global_cleanup();
+  }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  Result<HttpReply> Send(const std::string& path, const std::string* body, Secrecy secrecy) {
+    if (!handle_) return Error(ErrorCode::kInternal, "The HTTP library cannot be started");
+    const bool secret = secrecy == Secrecy::kSecret || !options_.token.empty();
+    if (secret && options_.insecure_http == InsecureHttp::kRefuse && IsExposed(options_.endpoint)) {
+      return Error(ErrorCode::kInvalid, "Refused to send a password or token unencrypted to '" + options_.endpoint.url +
+                                            "'; use https, or --insecure-http if you accept that others can read it");
+    }
+    if (!options_.token.empty() && !IsValidToken(options_.token)) {
+      return Error(ErrorCode::kInvalid, "The token holds characters that no token has");
+    }
+    return Perform(path, body);
+  }
+
+  const HttpClientOptions& options() const { return options_; }
+
+ private:
+  Result<HttpReply> Perform(const std::string& path, const std::string* body) {
+    const bool over_unix_socket = !options_.endpoint.unix_socket.empty();
+    const std::string url = (over_unix_socket ? "http://localhost" : options_.endpoint.url) + path;
+    Received received;
+    std::array<char, CURL_ERROR_SIZE> reason{};
+    curl_slist* headers = MakeHeaders(body != nullptr);
+
+    curl_easy_reset(handle_);
+    Set(CURLOPT_URL, url.c_str());
+    Set(CURLOPT_PATH_AS_IS, 1L);
+    Set(CURLOPT_PROTOCOLS_STR, "http,https");
+    Set(CURLOPT_FOLLOWLOCATION, 0L);
+    Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    Set(CURLOPT_HTTP09_ALLOWED, 0L);
+    Set(CURLOPT_SSL_VERIFYPEER, 1L);
+    Set(CURLOPT_SSL_VERIFYHOST, 2L);
+    Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    Set(CURLOPT_NOSIGNAL, 1L);
+    Set(CURLOPT_USERAGENT, "vexa");
+    Set(CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
+    Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<std::int64_t>(options_.timeout.count(), 10'000)));
+    if (!options_.ca_file.empty()) Set(CURLOPT_CAINFO, options_.ca_file.c_str());
+    if (over_unix_socket) Set(CURLOPT_UNIX_SOCKET_PATH, options_.endpoint.unix_socket.c_str());
+    // A proxy would read plain http, also that which is meant for this host only.
+    if (!url.starts_with("https:")) Set(CURLOPT_PROXY, "");
+    if (body != nullptr) {
+      Set(CURLOPT_POST, 1L);
+      Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
+      Set(CURLOPT_POSTFIELDS, body->data());
+    }
+    Set(CURLOPT_HTTPHEADER, headers);
+    Set(CURLOPT_WRITEFUNCTION, Collect);
+    Set(CURLOPT_WRITEDATA, &received);
+    Set(CURLOPT_ERRORBUFFER, reason.data());
+    if (options_.trace == Trace::kOn) std::cerr << (body ? "> POST " : "> GET ") << Printable(url) << '\n';
+
+    const CURLcode code = curl_easy_perform(handle_);
+    curl_slist_free_all(headers);
+    return Outcome(code, reason.data(), std::move(received));
+  }
+
+  Result<HttpReply> Outcome(CURLcode code, const char* reason, Received received) {
+    if (received.too_large) {
+      return Error(ErrorCode::kCorrupt, "The server's reply is larger than 16 MiB and was not read");
+    }
+    if (code != CURLE_OK) {
+      const std::string why = *reason != '\0' ? reason : curl_easy_strerror(code);
+      return Error(ErrorCode::kUnavailable, "No reply from " + options_.endpoint.Name(), WithoutToken(why));
+    }
+    long status = 0;
+    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+    const char* content_type = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_CONTENT_TYPE, &content_type);
+    if (options_.trace == Trace::kOn) {
+      double seconds = 0;
+      curl_easy_getinfo(handle_, CURLINFO_TOTAL_TIME, &seconds);
+      std::cerr << "< HTTP " << status << ", " << received.body.size() << " bytes, "
+                << static_cast<long>(seconds * 1000) << " ms\n";
+    }
+    return HttpReply{static_cast<int>(status), content_type ? content_type : "", std::move(received.body)};
+  }
+
+ public:
+  std::string WithoutToken(std::string text) const {
+    if (options_.token.empty()) return text;
+    for (std::size_t at = 0; (at = text.find(options_.token, at)) != std::string::npos;) {
+      text.replace(at, options_.token.size(), "***");
+      at += 3;
+    }
+    return text;
+  }
+
+ private:
+  curl_slist* MakeHeaders(bool has_body) const {
+    curl_slist* headers = curl_slist_append(nullptr, "Accept: application/json");
+    headers = curl_slist_append(headers, "Expect:");
+    if (has_body) headers = curl_slist_append(headers, "Content-Type: application/json");
+    if (!options_.token.empty()) {
+      headers = curl_slist_append(headers, ("Authorization: Bearer " + options_.token).c_str());
+    }
+    return headers;
+  }
+
+  template <class Value>
+  void Set(CURLoption option, Value value) {
+    curl_easy_setopt(handle_, option, value);
+  }
+
+  HttpClientOptions options_;
+  CURL* handle_ = nullptr;
+};
+
+HttpClient::HttpClient(HttpClientOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+HttpClient::~HttpClient() = default;
+
+Result<HttpReply> HttpClient::Get(const std::string& path) { return impl_->Send(path, nullptr, Secrecy::kPlain); }
+
+Result<HttpReply> HttpClient::PostJson(const std::string& path, const std::string& body, Secrecy secrecy) {
+  return impl_->Send(path, &body, secrecy);
+}
+
+std::string HttpClient::WithoutToken(std::string text) const { return impl_->WithoutToken(std::move(text)); }
+const Endpoint& HttpClient::endpoint() const { return impl_->options().endpoint; }
+
+}  // namespace vexa::cli

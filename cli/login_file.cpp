@@ -1,0 +1,97 @@
+#include "cli/login_file.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+#include "cli/http_client.h"
+#include "cli/reply.h"
+#include "host/base/files.h"
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr std::size_t kMaxFileBytes = 64 * 1024;
+
+std::string HomeFolder() {
+  if (const char* home = std::getenv("HOME"); home && *home == '/') return home;
+  const passwd* entry = ::getpwuid(::geteuid());
+  return entry && entry->pw_dir ? entry->pw_dir : "";
+}
+
+Result<std::string> ReadPrivateFile(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & 077) != 0) {
+    return Error(ErrorCode::kDenied,
+                 "Others may use '" + path + "', which holds a token; run: chmod 600 '" + path + "'");
+  }
+  return ReadFile(path, kMaxFileBytes);
+}
+
+}  // namespace
+
+Result<std::string> LoginFilePath() {
+  if (const char* config = std::getenv("XDG_CONFIG_HOME"); config && *config == '/') {
+    return std::string(config) + "/vexa/login.json";
+  }
+  const std::string home = HomeFolder();
+  if (home.empty()) return Error(ErrorCode::kNotFound, "Neither XDG_CONFIG_HOME nor HOME names a folder");
+  return home + "/.config/vexa/login.json";
+}
+
+Result<std::optional<SavedLogin>> LoadLogin() {
+  const Result<std::string> path = LoginFilePath();
+  if (!path) return std::optional<SavedLogin>();
+  const Result<std::string> content = ReadPrivateFile(*path);
+  if (!content && content.error().code() == ErrorCode::kNotFound) return std::optional<SavedLogin>();
+  if (!content) return content.error();
+  const Result<Json::Value> parsed = ParseJson(*content);
+  SavedLogin login;
+  if (parsed) {
+    const Result<Endpoint> server = ParseServerUrl(Text(Member(*parsed, "server")));
+    if (server) login.server = server->url;
+    login.user = Text(Member(*parsed, "user"));
+    login.token = Text(Member(*parsed, "token"));
+  }
+  if (login.server.empty() || !IsValidToken(login.token)) {
+    return Error(ErrorCode::kCorrupt, "The saved login '" + *path + "' is damaged; remove it and run 'vexa login'");
+  }
+  return std::optional<SavedLogin>(std::move(login));
+}
+
+Status SaveLogin(const SavedLogin& login) {
+  const Result<std::string> path = LoginFilePath();
+  if (!path) return path.error();
+  const std::string folder = std::filesystem::path(*path).parent_path();
+  if (const Status created = CreateDirectories(folder, 0700); !created) return created;
+  if (::chmod(folder.c_str(), 0700) != 0) {
+    return SystemError(ErrorCode::kDenied, "Cannot keep others out of '" + folder + "'", errno);
+  }
+  Json::Value content;
+  content["server"] = login.server;
+  content["user"] = login.user;
+  content["token"] = login.token;
+  return WriteFileAtomically(*path, RenderJson(content, JsonLayout::kIndented) + "\n", 0600);
+}
+
+Status RemoveLogin() {
+  const Result<std::string> path = LoginFilePath();
+  if (!path || ::unlink(path->c_str()) == 0 || errno == ENOENT || errno == ENOTDIR) return {};
+  return SystemError(ErrorCode::kDenied, "Cannot remove '" + *path + "'", errno);
+}
+
+Result<std::string> ReadTokenFile(const std::string& path) {
+  Result<std::string> content = ReadPrivateFile(path);
+  if (!content) return content;
+  if (content->ends_with('\n')) content->pop_back();
+  if (content->ends_with('\r')) content->pop_back();
+  if (!IsValidToken(*content)) return Error(ErrorCode::kInvalid, "'" + path + "' does not hold a token on one line");
+  return content;
+}
+
+}  // namespace vexa::cli

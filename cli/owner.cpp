@@ -1,0 +1,38 @@
+#include "cli/owner.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+namespace vexa::cli {
+namespace {
+
+std::string AccountName(uid_t uid) {
+  const passwd* entry = ::getpwuid(uid);
+  return entry && entry->pw_name ? entry->pw_name : "#" + std::to_string(uid);
+}
+
+}  // namespace
+
+Status CheckOwner(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    return SystemError(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied, "Cannot use '" + path + "'", errno);
+  }
+  if (info.st_uid == ::geteuid()) return {};
+  const std::string name = AccountName(info.st_uid);
+  return Error(ErrorCode::kDenied, "'" + path + "' belongs to '" + name +
+                                       "'; run the command as that account: sudo -u '" + name + "' vexa …");
+}
+
+Status CheckOwnerOrFolder(const std::string& path) {
+  const Status owner = CheckOwner(path);
+  if (owner.ok() || owner.error().code() != ErrorCode::kNotFound) return owner;
+  const std::string folder = std::filesystem::path(path).parent_path();
+  return CheckOwner(folder.empty() ? "." : folder);
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,119 @@
+#include "cli/password.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <string_view>
+
+namespace vexa::cli {
+namespace {
+
+// One line of `fd`, byte by byte, so that what follows it is left for others.
+Result<std::string> ReadLine(int fd, int interrupt_fd) {
+  std::string line;
+  while (true) {
+    if (interrupt_fd >= 0) {
+      std::array<pollfd, 2> polled{{{fd, POLLIN, 0}, {interrupt_fd, POLLIN, 0}}};
+      if (::poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR) {
+        return SystemError(ErrorCode::kUnavailable, "Cannot read the password", errno);
+      }
+      if (polled[1].revents != 0) return Error(ErrorCode::kUnavailable, "Interrupted");
+      if (polled[0].revents == 0) continue;
+    }
+    char c = 0;
+    const ssize_t count = ::read(fd, &c, 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return SystemError(ErrorCode::kUnavailable, "Cannot read the password", errno);
+    if (count == 0 || c == '\n') break;
+    if (line.size() == kMaxPasswordBytes) {
+      return Error(ErrorCode::kInvalid, "The password is longer than " + std::to_string(kMaxPasswordBytes) + " bytes");
+    }
+    line += c;
+  }
+  if (line.empty()) return Error(ErrorCode::kInvalid, "The password is empty");
+  if (line.find('\0') != std::string::npos) return Error(ErrorCode::kInvalid, "The password holds a NUL character");
+  return line;
+}
+
+// While it lives, the terminal does not echo, and signals that would end or stop the program wait: they are delivered
+// when the terminal is as before.
+class SilentTerminal {
+ public:
+  SilentTerminal() : fd_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)) {
+    if (fd_ < 0 || ::tcgetattr(fd_, &before_) != 0) return;
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) sigaddset(&held, signal);
+    ::sigprocmask(SIG_BLOCK, &held, &mask_before_);
+    signals_ = ::signalfd(-1, &held, SFD_CLOEXEC);
+    termios silent = before_;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    ready_ = ::tcsetattr(fd_, TCSAFLUSH, &silent) == 0;
+    masked_ = true;
+  }
+  ~SilentTerminal() {
+    if (ready_) ::tcsetattr(fd_, TCSAFLUSH, &before_);
+    if (ready_) Show("\n");
+    if (masked_) ::sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
+    for (const int fd : {signals_, fd_}) {
+      if (fd >= 0) ::close(fd);
+    }
+  }
+  SilentTerminal(const SilentTerminal&) = delete;
+  SilentTerminal& operator=(const SilentTerminal&) = delete;
+
+  bool ready() const { return ready_; }
+  int fd() const { return fd_; }
+  int signals() const { return signals_; }
+
+  void Show(std::string_view text) const {
+    while (!text.empty()) {
+      const ssize_t count = ::write(fd_, text.data(), text.size());
+      if (count <= 0) return;  // a prompt that cannot be shown is not worth failing for
+      text.remove_prefix(static_cast<std::size_t>(count));
+    }
+  }
+
+ private:
+  int fd_;
+  int signals_ = -1;
+  bool ready_ = false;
+  bool masked_ = false;
+  termios before_{};
+  sigset_t mask_before_{};
+};
+
+}  // namespace
+
+Result<std::string> AskPassword(const std::string& prompt) {
+  const SilentTerminal terminal;
+  if (!terminal.ready()) {
+    return Error(ErrorCode::kUnavailable, "There is no terminal to ask for a password on; use --password-stdin");
+  }
+  terminal.Show(prompt);
+  return ReadLine(terminal.fd(), terminal.signals());
+}
+
+Result<std::string> ReadPasswordLine() { return ReadLine(STDIN_FILENO, -1); }
+
+Result<std::string> GetPassword(PasswordSource source, const std::string& prompt) {
+  return source == PasswordSource::kStandardInput ? ReadPasswordLine() : AskPassword(prompt + ": ");
+}
+
+Result<std::string> GetNewPassword(PasswordSource source, const std::string& prompt) {
+  if (source == PasswordSource::kStandardInput) return ReadPasswordLine();
+  Result<std::string> first = AskPassword(prompt + ": ");
+  if (!first) return first;
+  const Result<std::string> second = AskPassword(prompt + " again: ");
+  if (!second) return second;
+  if (*first != *second) return Error(ErrorCode::kInvalid, "The two passwords are not the same");
+  return first;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,76 @@
+#include "cli/reply.h"
+
+#include <json/writer.h>
+
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+Error NotUnderstood(const HttpReply& reply, std::string why) {
+  return Error(ErrorCode::kCorrupt, "The server's reply (HTTP " + std::to_string(reply.status) + ") is not understood",
+               std::move(why));
+}
+
+}  // namespace
+
+const Json::Value& Member(const Json::Value& object, const char* name) {
+  static const Json::Value null;
+  return object.isObject() ? object[name] : null;  // the const operator[] inserts nothing
+}
+
+std::string Text(const Json::Value& value) {
+  if (value.isString()) return value.asString();
+  if (value.isBool() || value.isNumeric()) return RenderJson(value, JsonLayout::kOneLine);
+  return "";
+}
+
+std::optional<std::int64_t> Integer(const Json::Value& value) {
+  // isInt64 holds for doubles without a fraction as well.
+  if (value.isInt64()) return value.asInt64();
+  return std::nullopt;
+}
+
+bool IsTrue(const Json::Value& value) { return value.isBool() && value.asBool(); }
+
+std::string RenderJson(const Json::Value& value, JsonLayout layout) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = layout == JsonLayout::kIndented ? "  " : "";
+  builder["emitUTF8"] = false;
+  const std::string text = Json::writeString(builder, value);
+  // The one control character that the writer leaves as it is; it can only be inside a string.
+  std::string result;
+  for (const char c : text) {
+    if (c == '\x7f') {
+      result += "\\u007f";
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
+Result<ApiReply> ReadApiReply(const HttpReply& reply) {
+  const Result<Json::Value> parsed = ParseJson(reply.body);
+  if (!parsed) return NotUnderstood(reply, reply.body.empty() ? "it is empty" : "it is not JSON");
+  const Json::Value& success = Member(*parsed, "success");
+  if (!success.isBool()) return NotUnderstood(reply, "it does not say whether the request succeeded");
+
+  ApiReply result;
+  result.http_status = reply.status;
+  result.success = success.asBool();
+  result.request_id = Text(Member(*parsed, "request_id"));
+  if (result.success) {
+    if (reply.status < 200 || reply.status > 299) return NotUnderstood(reply, "it claims success all the same");
+    result.data = Member(*parsed, "data");
+    return result;
+  }
+  if (reply.status < 400) return NotUnderstood(reply, "it claims failure all the same");
+  const Json::Value& error = Member(*parsed, "error");
+  result.code = Integer(Member(error, "code"));
+  result.message = Text(Member(error, "message"));
+  result.details = Member(error, "details");
+  return result;
+}
+
+}  // namespace vexa::cli

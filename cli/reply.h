@@ -1,0 +1,51 @@
+// What the server answered. Every byte of it is the server's choice: nothing here throws or trusts a type.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "host/base/result.h"
+
+namespace vexa::cli {
+
+struct HttpReply {
+  int status = 0;
+  std::string content_type;
+  std::string body;
+};
+
+// A reply of the API, taken apart.
+struct ApiReply {
+  int http_status = 0;
+  bool success = false;
+  Json::Value data;  // when success
+  // When not:
+  std::optional<std::int64_t> code;
+  std::string message;
+  Json::Value details;
+  std::string request_id;
+};
+
+// kCorrupt when the body is not a reply of the API; the error tells the HTTP status and what is wrong, not the body.
+// A reply whose HTTP status and "success" contradict each other is not one.
+Result<ApiReply> ReadApiReply(const HttpReply& reply);
+
+// Total readers.
+
+// The member; the null value when there is none or `object` is not an object.
+const Json::Value& Member(const Json::Value& object, const char* name);
+// Strings as they are, numbers and booleans as JSON writes them, everything else "".
+std::string Text(const Json::Value& value);
+// Empty for everything that is not an integer that fits.
+std::optional<std::int64_t> Integer(const Json::Value& value);
+// True only for the boolean true.
+bool IsTrue(const Json::Value& value);
+
+// JSON text in ASCII only, so that it is safe on a terminal; on one line, or with indentation.
+enum class JsonLayout { kOneLine, kIndented };
+std::string RenderJson(const Json::Value& value, JsonLayout layout);
+
+}  // namespace vexa::cli

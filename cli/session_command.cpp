@@ -1,0 +1,141 @@
+#include "cli/session_command.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "cli/printable.h"
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kLogin = "/webapi/VEXA.Core.Session/login";
+constexpr const char* kLogout = "/webapi/VEXA.Core.Session/logout";
+constexpr const char* kInfo = "/webapi/VEXA.Core.Session/info";
+
+std::string OwnName() {
+  const passwd* entry = ::getpwuid(::geteuid());
+  return entry && entry->pw_name ? entry->pw_name : "";
+}
+
+// Where to log in. The saved login names the server only; a damaged one is about to be replaced.
+Result<Endpoint> ChooseLoginEndpoint(const GlobalOptions& global) {
+  const Result<std::optional<SavedLogin>> saved = LoadLogin();
+  Result<Endpoint> endpoint = ChooseEndpoint(global, saved ? *saved : std::nullopt);
+  if (endpoint && !endpoint->unix_socket.empty()) {
+    return Error(ErrorCode::kInvalid, "Name the server with --server URL; over the Unix socket '" +
+                                          endpoint->unix_socket +
+                                          "' the system vouches for you and there is nothing to log in to");
+  }
+  return endpoint;
+}
+
+}  // namespace
+
+ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
+  const Result<Endpoint> endpoint = ChooseLoginEndpoint(global);
+  if (!endpoint) return Report(endpoint.error());
+  if (IsExposed(*endpoint) && !global.insecure_http) {
+    // Before a password is asked for in vain.
+    return Report(
+        Error(ErrorCode::kInvalid, "Refused to send a password unencrypted to '" + endpoint->url +
+                                       "'; use https, or --insecure-http if you accept that others can read it"));
+  }
+  const std::string user = options.user.empty() ? OwnName() : options.user;
+  if (!IsValidUtf8(user)) return Report(Error(ErrorCode::kInvalid, "The user's name is not valid UTF-8"));
+  const Result<std::string> password =
+      GetPassword(options.password, "Password of " + Printable(user) + " at " + Printable(endpoint->url));
+  if (!password) {
+    Report(password.error());
+    return ExitCode::kUsage;
+  }
+  if (!IsValidUtf8(*password)) return Report(Error(ErrorCode::kInvalid, "The password is not valid UTF-8"));
+
+  Json::Value body;
+  body["user"] = user;
+  body["password"] = *password;
+  HttpClient client(MakeClientOptions(global, *endpoint));
+  const CallOutcome outcome =
+      CallApi(client, kLogin, RenderJson(body, JsonLayout::kOneLine), Secrecy::kSecret, LoginHint::kOmit);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+
+  const Json::Value& token_value = Member(outcome.data, "token");
+  const std::string token = token_value.isString() ? token_value.asString() : "";
+  const std::string name = Text(Member(outcome.data, "user"));
+  if (!IsValidToken(token)) return Report(Error(ErrorCode::kCorrupt, "The server's reply holds no usable token"));
+  if (const Status saved = SaveLogin({endpoint->url, name.empty() ? user : name, token}); !saved) {
+    return Report(saved.error());
+  }
+  if (!global.quiet) {
+    std::cout << "Logged in to " << Printable(endpoint->url) << " as " << Printable(name.empty() ? user : name);
+    if (const auto seconds = Integer(Member(outcome.data, "expires_in")); seconds && *seconds >= 0) {
+      std::cout << ", for " << *seconds / 60 << " minutes";
+    }
+    std::cout << ".\n";
+  }
+  return ExitCode::kOk;
+}
+
+ExitCode RunLogout(const GlobalOptions& global) {
+  GlobalOptions where = global;
+  if (global.token_file.empty()) {
+    // The session that is ended is the saved one, so the server is its server, whatever the environment says.
+    const Result<std::optional<SavedLogin>> saved = LoadLogin();
+    if (!saved || !*saved) {
+      const ExitCode code = saved ? ExitCode::kOk : Report(saved.error());
+      const Status removed = RemoveLogin();
+      if (!removed) return Report(removed.error());
+      if (saved && !global.quiet) std::cout << "You are not logged in.\n";
+      return code;
+    }
+    const Result<Endpoint> named =
+        global.server.empty() ? Endpoint{(*saved)->server, ""} : ParseServerUrl(global.server);
+    if (!named) return Report(named.error());
+    if (named->url != (*saved)->server || !global.socket.empty()) {
+      return Report(Error(ErrorCode::kInvalid, "The saved login is for '" + (*saved)->server + "'"));
+    }
+    where.server = named->url;
+  }
+  const Result<HttpClientOptions> options = ConnectOptions(where);
+  if (!options) return Report(options.error());
+  HttpClient client(*options);
+  const Result<HttpReply> reply = client.PostJson(kLogout, "{}");
+  if (global.token_file.empty()) {
+    if (const Status removed = RemoveLogin(); !removed) return Report(removed.error());
+  }
+  if (!reply) {
+    const ExitCode code = ReportTransport(reply.error());
+    if (global.token_file.empty()) std::cerr << "The login is forgotten here, but the session may live on there.\n";
+    return code;
+  }
+  const Result<ApiReply> understood = ReadApiReply(*reply);
+  // 401: the session had ended already.
+  if (reply->status != 401 && !understood) return Report(understood.error());
+  if (reply->status != 401 && !understood->success) {
+    return Report(
+        Error(ErrorCode::kInternal, "The server did not end the session", client.WithoutToken(understood->message)));
+  }
+  if (!global.quiet) std::cout << "Logged out.\n";
+  return ExitCode::kOk;
+}
+
+ExitCode RunWhoami(const GlobalOptions& global) {
+  const Result<HttpClientOptions> options = ConnectOptions(global);
+  if (!options) return Report(options.error());
+  HttpClient client(*options);
+  const CallOutcome outcome = CallApi(client, kInfo, "{}");
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  const std::string level = IsTrue(Member(outcome.data, "administrator")) ? "administrator"
+                            : IsTrue(Member(outcome.data, "advanced"))    ? "advanced user"
+                                                                          : "user";
+  PrintFields(std::cout, {{"User", Text(Member(outcome.data, "user"))},
+                          {"Id", Text(Member(outcome.data, "uid"))},
+                          {"Level", level},
+                          {"Server", client.endpoint().Name()}});
+  return ExitCode::kOk;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,63 @@
+// Runs the real client in an environment of its own.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/temp_dir.h"
+
+namespace vexa::test {
+
+inline constexpr const char* kToken = "T0kenT0kenT0kenT0kenT0kenT0kenT0kenT0kenT0k";
+
+class CliTest : public ::testing::Test {
+ protected:
+  // A client that knows no server, no login, no proxy.
+  ProcessOptions Program(std::vector<std::string> arguments) const {
+    ProcessOptions options;
+    options.argv = {VEXA_PROGRAM};
+    options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+    options.environment["XDG_CONFIG_HOME"] = folder_.File("config");
+    options.environment["HOME"] = folder_.path();
+    for (const char* name : {"VEXA_SERVER", "http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+      options.environment[name] = std::nullopt;
+    }
+    options.environment["VEXA_SOCKET"] = folder_.File("vexad.sock");
+    return options;
+  }
+
+  ProcessResult Run(std::vector<std::string> arguments, const std::string& input = "") const {
+    ProcessOptions options = Program(std::move(arguments));
+    options.input = input;
+    const ProcessResult result = RunProcess(options);
+    EXPECT_FALSE(result.timed_out);
+    // Whatever happens, the token is nobody's to read.
+    EXPECT_THAT(result.output + result.errors, ::testing::Not(::testing::HasSubstr(kToken)));
+    return result;
+  }
+
+  // As `vexa login` leaves it.
+  void SaveLogin(const std::string& server, mode_t mode = 0600) const {
+    std::filesystem::create_directories(folder_.File("config/vexa"));
+    WriteFile(LoginFile(), "{\"server\": \"" + server + "\", \"user\": \"alice\", \"token\": \"" + kToken + "\"}",
+              mode);
+  }
+
+  void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0600) const {
+    std::ofstream(path) << content;
+    std::filesystem::permissions(path, static_cast<std::filesystem::perms>(mode));
+  }
+
+  std::string LoginFile() const { return folder_.File("config/vexa/login.json"); }
+
+  TempDir folder_;
+};
+
+}  // namespace vexa::test

@@ -1,0 +1,241 @@
+// The client against servers that answer well, badly, or not at all.
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+using Then = ScriptedReply::Then;
+
+constexpr const char* kGuest = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
+
+const std::string kGuestReply = R"({"success":true,"data":{
+  "name":"web \u001b[31mred\u0007\u009b2J\u202e\n","repo_id":"r-1","vcpu_num":4,"vram_size":4194304,"video_card":"vga",
+  "cpu_passthru":false,"vdisks":[
+    {"vdisk_id":"d-1","size":"10240","lun_type":"blun","vdisk_mode":1,"is_dummy":false,"unmap":true,"is_meta_disk":false},
+    {"vdisk_id":"d-2-long","size":"100","lun_type":"alun","vdisk_mode":2,"is_dummy":true,"unmap":false,"is_meta_disk":true}],
+  "vnics":[{"vnic_id":"n-1","network_id":"net","prefer_sriov":false,"mac":"02:11:32:00:00:01","vnic_type":1}],
+  "autorun":0,"is_ha_enabled":false,"desc":"日本","boot_from":"disk","use_ovmf":true,"usb_version":2,
+  "usbs":["unmounted","unmounted",null,"1-2"],"kb_layout":"Default","cpu_pin_num":0,"cpu_weight":256}})";
+
+class Reply : public CliTest {
+ protected:
+  ProcessResult GetGuest(const ScriptedReply& reply, std::vector<std::string> more = {}) {
+    const ScriptedServer server({reply});
+    SaveLogin(server.url());
+    std::vector<std::string> arguments{"guest", "get", kGuest};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return Run(arguments);
+  }
+};
+
+TEST_F(Reply, Guest_IsShownAlignedAndCannotDriveTheTerminal) {
+  const auto result = GetGuest(HttpReplyOf(200, kGuestReply));
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, R"(Guest              6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55
+Name               web \x1b[31mred\x07\u{9b}2J\u{202e}\n
+Description        日本
+Repository         r-1
+Virtual CPUs       4
+Pinned CPUs        0
+CPU weight         256
+CPU passthrough    no
+Memory             4 GiB
+Video card         vga
+Keyboard           Default
+Boots from         disk
+UEFI firmware      yes
+Autorun            0
+High availability  no
+USB version        2
+USB devices        unmounted, unmounted, -, 1-2
+
+Virtual disks
+DISK      SIZE     TYPE  MODE  DUMMY  UNMAP  META
+d-1       10 GiB   blun  1     no     yes    no
+d-2-long  100 MiB  alun  2     yes    no     yes
+
+Network interfaces
+INTERFACE  NETWORK  MAC                TYPE  SR-IOV
+n-1        net      02:11:32:00:00:01  1     no
+)");
+}
+
+TEST_F(Reply, GuestAsJson_IsTheDataInAscii) {
+  const auto result = GetGuest(HttpReplyOf(200, kGuestReply), {"--json"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.output, AllOf(StartsWith("{\n"), HasSubstr(R"("web \u001b[31mred\u0007\u009b2J\u202e\n")"),
+                                   HasSubstr("\"vcpu_num\" : 4")));
+  for (const char c : result.output) ASSERT_TRUE((c >= ' ' && c <= '~') || c == '\n');
+}
+
+TEST_F(Reply, GuestIdWithOddCharacters_IsSentAsOneText) {
+  const ScriptedServer server({HttpReplyOf(400, R"({"success":false,"error":{"code":401,"message":"Bad"}})")});
+  SaveLogin(server.url());
+  EXPECT_EQ(Run({"guest", "get", "../\"x\",\"y\":1"}).exit_code, 1);
+  ASSERT_THAT(server.requests(), SizeIs(1));
+  EXPECT_THAT(server.requests()[0], AllOf(StartsWith("POST /webapi/VEXA.Virtualization.Guest/get HTTP/1.1\r\n"),
+                                          HasSubstr("\r\n\r\n{\"guest_id\":\"../\\\"x\\\",\\\"y\\\":1\"}")));
+  EXPECT_EQ(Run({"guest", "get", ""}).exit_code, 2);
+  EXPECT_EQ(Run({"guest", "get", "\xff"}).exit_code, 2);
+}
+
+TEST_F(Reply, WrongTypesEverywhere_AreShownAsNothing) {
+  for (const char* wrong :
+       {"null", "[]", "{}", "-1", "1e300", "18446744073709551615", "\"\"", "[[{}]]", "true", "{\"a\":[]}"}) {
+    std::string data = "{";
+    for (const char* name :
+         {"name",  "repo_id",   "vcpu_num",      "vram_size",  "video_card",       "cpu_passthru", "vdisks",
+          "vnics", "autorun",   "is_ha_enabled", "desc",       "boot_from",        "use_ovmf",     "usb_version",
+          "usbs",  "kb_layout", "cpu_pin_num",   "cpu_weight", "hyperv_enlighten", "iso_images"}) {
+      data += std::string("\"") + name + "\":" + wrong + ",";
+    }
+    data += std::string("\"is_general_vm\":") + wrong + "}";
+    const auto whole = GetGuest(HttpReplyOf(200, R"({"success":true,"data":)" + data + "}"));
+    EXPECT_EQ(whole.exit_code, 0) << wrong << whole.errors;
+    const std::string lists = R"({"success":true,"data":{"vdisks":[)" + std::string(wrong) + ",{\"size\":" + wrong +
+                              R"(}],"vnics":[)" + wrong + ",{\"mac\":" + wrong + "}]}}";
+    EXPECT_EQ(GetGuest(HttpReplyOf(200, lists)).exit_code, 0) << wrong;
+    const std::string no_guest = R"({"success":true,"data":)" + std::string(wrong) + "}";
+    EXPECT_EQ(GetGuest(HttpReplyOf(200, no_guest)).exit_code, *wrong == '{' ? 0 : 1) << wrong;
+    const std::string error = R"({"success":false,"request_id":)" + std::string(wrong) + R"(,"error":{"code":)" +
+                              wrong + R"(,"message":)" + wrong + R"(,"details":)" + wrong + "}}";
+    const auto failed = GetGuest(HttpReplyOf(500, error));
+    EXPECT_EQ(failed.exit_code, 1) << wrong;
+    EXPECT_THAT(failed.errors, HasSubstr("HTTP 500")) << wrong;
+    EXPECT_EQ(GetGuest(HttpReplyOf(500, R"({"success":false,"error":)" + std::string(wrong) + "}")).exit_code, 1)
+        << wrong;
+  }
+}
+
+TEST_F(Reply, ThousandsOfDisksWithLongNames_StayReadable) {
+  std::string disks;
+  for (int i = 0; i < 5000; ++i) {
+    disks += (i ? ",{" : "{") + std::string("\"vdisk_id\":\"") + std::string(i == 0 ? 100'000 : 10, 'x') + "\"}";
+  }
+  const auto result = GetGuest(HttpReplyOf(200, R"({"success":true,"data":{"vdisks":[)" + disks + "]}}"));
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.output, HasSubstr("… and 4000 more (see --json)"));
+  EXPECT_LT(result.output.size(), 1'000'000U);
+}
+
+TEST_F(Reply, ServerRefuses_SaysWhyWithCodeAndRequest) {
+  const auto result = GetGuest(HttpReplyOf(
+      404, R"({"success":false,"error":{"code":403,"message":"No\u001b]0;x\u0007 such guest","details":{"a":"\u001b"}},
+               "request_id":"0123456789abcdef"})"));
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.output, IsEmpty());
+  EXPECT_EQ(result.errors,
+            "vexa: No\\x1b]0;x\\x07 such guest (error 403, HTTP 404, request 0123456789abcdef)\n"
+            "Details: {\"a\":\"\\u001b\"}\n");
+}
+
+TEST_F(Reply, SessionExpired_SaysToLogInAgain) {
+  const auto result =
+      GetGuest(HttpReplyOf(401, R"({"success":false,"error":{"code":103,"message":"You are not logged in"}})"));
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("Run 'vexa login'."));
+  const auto by_proxy = GetGuest(HttpReplyOf(401, "<html>Unauthorized</html>", "text/html"));
+  EXPECT_EQ(by_proxy.exit_code, 1);
+  EXPECT_THAT(by_proxy.errors, HasSubstr("Run 'vexa login'."));
+}
+
+TEST_F(Reply, ServerEchoesTheToken_ItIsNotShown) {
+  const std::string echo = std::string("Authorization: Bearer ") + kToken;
+  const auto result = GetGuest(HttpReplyOf(
+      400, R"({"success":false,"error":{"code":101,"message":")" + echo + R"(","details":[")" + echo + "\"]}}"));
+  EXPECT_THAT(result.errors, HasSubstr("Bearer ***"));  // CliTest::Run looks for the token itself
+}
+
+TEST_F(Reply, Verbose_TellsRequestAndStatusWithoutSecrets) {
+  const auto result = GetGuest(HttpReplyOf(200, kGuestReply), {"-v"});
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("/webapi/VEXA.Virtualization.Guest/get"), HasSubstr("HTTP 200"),
+                                   Not(HasSubstr("Bearer"))));
+}
+
+struct BadReply {
+  const char* name;
+  ScriptedReply reply;
+  int exit_code;
+  const char* error;
+};
+
+void PrintTo(const BadReply& row, std::ostream* out) { *out << row.name; }
+
+class BadReplies : public Reply, public ::testing::WithParamInterface<BadReply> {};
+
+TEST_P(BadReplies, Guest_FailsWithOneLineAndNoOutput) {
+  const auto result = GetGuest(GetParam().reply, {"--timeout", "2"});
+  EXPECT_EQ(result.exit_code, GetParam().exit_code) << result.errors;
+  EXPECT_THAT(result.output, IsEmpty());
+  EXPECT_THAT(result.errors, AllOf(StartsWith("vexa: "), HasSubstr(GetParam().error)));
+  EXPECT_LT(result.errors.size(), 500U);
+}
+
+const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    All, BadReplies,
+    ::testing::Values(
+        BadReply{"Garbage", {"\x01\x02\xff garbage\r\n\r\n"}, 3, "No reply from"},
+        BadReply{"OlderHttp", {"just text"}, 3, "No reply from"}, BadReply{"Nothing", {""}, 3, "No reply from"},
+        BadReply{"Reset", {"", Then::kReset}, 3, "No reply from"},
+        // Until the first empty line libcurl takes the end of the connection for the end of an empty reply.
+        BadReply{"HangsUpInTheHeader", {"HTTP/1.1 200 OK\r\nConte"}, 1, "it is empty"},
+        BadReply{"HangsUpInTheBody", {kOk + R"({"success":true,)"}, 3, "No reply from"},
+        BadReply{"ResetsInTheBody", {kOk + R"({"success":true,)", Then::kReset}, 3, "No reply from"},
+        BadReply{"StallsAtOnce", {"", Then::kStall}, 3, "No reply from"},
+        BadReply{"StallsInTheBody", {kOk + R"({"success":true,)", Then::kStall}, 3, "No reply from"},
+        BadReply{"Html", HttpReplyOf(502, "<html>Bad gateway</html>", "text/html"), 1, "(HTTP 502) is not understood"},
+        BadReply{"Empty", HttpReplyOf(200, ""), 1, "it is empty"},
+        BadReply{"NotUtf8", HttpReplyOf(200, "{\"success\":true,\"data\":\"\xff\"}"), 1, "it is not JSON"},
+        BadReply{"TooDeep", HttpReplyOf(200, std::string(100'000, '[')), 1, "it is not JSON"},
+        BadReply{"TrailingText", HttpReplyOf(200, R"({"success":true,"data":{}} x)"), 1, "it is not JSON"},
+        BadReply{"Array", HttpReplyOf(200, "[]"), 1, "whether the request succeeded"},
+        BadReply{"SuccessIsText", HttpReplyOf(200, R"({"success":"true","data":{}})"), 1,
+                 "whether the request succeeded"},
+        BadReply{"SuccessWithFailure", HttpReplyOf(500, R"({"success":true,"data":{}})"), 1, "claims success"},
+        BadReply{"FailureWithSuccess", HttpReplyOf(200, R"({"success":false,"error":{}})"), 1, "claims failure"},
+        BadReply{"NoReason", HttpReplyOf(500, R"({"success":false})"), 1, "refused without a reason"},
+        BadReply{"NoData", HttpReplyOf(200, R"({"success":true})"), 1, "holds no guest"},
+        BadReply{"TooLarge", HttpReplyOf(200, std::string(20 << 20, ' ')), 1, "larger than 16 MiB"},
+        BadReply{
+            "Endless", {"HTTP/1.1 200 OK\r\n\r\n" + std::string(20 << 20, ' '), Then::kStall}, 1, "larger than 16 MiB"},
+        BadReply{
+            "LongHeader", {"HTTP/1.1 200 OK\r\nX: " + std::string(2 << 20, 'x') + "\r\n\r\n"}, 3, "No reply from"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(Reply, Redirect_IsNotFollowed) {
+  const ScriptedServer elsewhere({HttpReplyOf(200, kGuestReply)});
+  const auto result =
+      GetGuest({"HTTP/1.1 307 Elsewhere\r\nLocation: " + elsewhere.url() + "/\r\nContent-Length: 0\r\n\r\n"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("HTTP 307"));
+  EXPECT_THAT(elsewhere.requests(), IsEmpty());
+}
+
+TEST_F(Reply, NobodyListens_IsUnreachable) {
+  SaveLogin("http://127.0.0.1:1");
+  const auto result = Run({"guest", "get", kGuest});
+  EXPECT_EQ(result.exit_code, 3);
+  EXPECT_THAT(result.errors, HasSubstr("No reply from http://127.0.0.1:1"));
+  EXPECT_EQ(Run({"guest", "get", kGuest, "--socket", folder_.File("none.sock")}).exit_code, 3);
+}
+
+TEST_F(Reply, OutputCannotBeWritten_Fails) {
+  const ScriptedServer server({HttpReplyOf(200, kGuestReply)});
+  SaveLogin(server.url());
+  ProcessOptions program = Program({});
+  program.argv = {"sh", "-c", std::string("exec \"$0\" guest get x >/dev/full"), VEXA_PROGRAM};
+  const auto result = RunProcess(program);
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("Cannot write"));
+}
+
+}  // namespace
+}  // namespace vexa::test
