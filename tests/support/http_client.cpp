@@ -98,6 +98,7 @@ class HttpClient::Impl {
 
 HttpClient::HttpClient(HttpTarget target) : impl_(std::make_unique<Impl>(std::move(target))) {}
 HttpClient::~HttpClient() = default;
+HttpClient::HttpClient(HttpClient&&) noexcept = default;
 
 void HttpClient::SetHeader(const std::string& name, const std::string& value) { impl_->headers_[name] = value; }
 void HttpClient::SetTimeout(std::chrono::milliseconds timeout) { impl_->timeout_ms_ = timeout.count(); }

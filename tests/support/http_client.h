@@ -33,6 +33,7 @@ class HttpClient {
  public:
   explicit HttpClient(HttpTarget target);
   ~HttpClient();
+  HttpClient(HttpClient&&) noexcept;
 
   // Sent with every following request, such as "Authorization: Bearer …".
   void SetHeader(const std::string& name, const std::string& value);
