@@ -14,8 +14,27 @@
 #include "host/base/files.h"
 #include "tests/unit/temporary_folder.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
+#ifdef __SANITIZE_THREAD__
+// The loader frees what another thread's dlopen(3) allocated, under a lock of its own that the sanitizer cannot see.
+extern "C" const char* __tsan_default_suppressions();
+extern "C" const char* __tsan_default_suppressions() { return "race:_dl_close_worker\n"; }
+#endif
+
 namespace vexa::base {
 namespace {
+
+// pam_start(3) of Linux-PAM 1.5.2 loses 96 bytes when there is no service file, and gives no handle to end.
+#ifdef __SANITIZE_ADDRESS__
+using LeakOfPamStart = __lsan::ScopedDisabler;
+#else
+struct LeakOfPamStart {
+  LeakOfPamStart() {}
+};
+#endif
 
 class PamAccountsTest : public testing::Test {
  protected:
@@ -155,7 +174,10 @@ TEST_F(PamAccountsTest, VerifyPassword_EveryAnswerOfPam_IsDeniedOrUnavailable) {
 }
 
 TEST_F(PamAccountsTest, VerifyPassword_ServiceCannotWork_IsUnavailable) {
-  EXPECT_EQ(CodeOf(Accounts()->VerifyPassword("daemon", "x")), ErrorCode::kUnavailable) << "no service file";
+  {
+    const LeakOfPamStart known;
+    EXPECT_EQ(CodeOf(Accounts()->VerifyPassword("daemon", "x")), ErrorCode::kUnavailable) << "no service file";
+  }
   Service("auth required pam_that_is_not_there.so\naccount required pam_permit.so\n");
   EXPECT_EQ(CodeOf(Accounts()->VerifyPassword("daemon", "x")), ErrorCode::kUnavailable) << "no such module";
 }
