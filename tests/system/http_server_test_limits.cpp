@@ -1,0 +1,466 @@
+// Deadlines, limits, Unix sockets and the end of a server.
+#include <arpa/inet.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tests/system/http_server_test_support.h"
+
+namespace vexa::daemon {
+namespace {
+
+using namespace testing_support;  // NOLINT(google-build-using-namespace)
+using Clock = std::chrono::steady_clock;
+
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    char name[] = "/tmp/vexa-http-XXXXXX";
+    path_ = mkdtemp(name);
+  }
+  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::function<void(ServerOptions&)> OnUnix(const std::string& path, mode_t mode = 0666) {
+  return [=](ServerOptions& options) {
+    options.listeners[0].kind = ListenerOptions::Kind::kUnix;
+    options.listeners[0].path = path;
+    options.listeners[0].mode = mode;
+  };
+}
+
+Result<std::unique_ptr<HttpServer>> StartOn(const std::string& path) {
+  ServerOptions options;
+  options.listeners.emplace_back();
+  OnUnix(path)(options);
+  return HttpServer::Start(std::move(options));
+}
+
+// ---- Deadlines
+
+TEST(HttpDeadlines, HeaderThatDrips_IsCutWith408) {
+  TestServer server([](ServerOptions& options) { options.limits.header = milliseconds(600); });
+  Client client = server.Connect();
+  const auto start = Clock::now();
+  std::atomic<bool> answered = false;
+  ASSERT_TRUE(client.Send("GET / HTTP/1.1\r\n"));
+  std::thread drip([&] {
+    while (!answered && client.Send("X")) std::this_thread::sleep_for(milliseconds(50));
+  });
+  const Reply reply = client.Receive();
+  answered = true;
+  drip.join();
+  EXPECT_EQ(reply.status, 408);
+  EXPECT_GE(Clock::now() - start, milliseconds(600));
+}
+
+TEST(HttpDeadlines, BodyThatDrips_IsCutWith408) {
+  TestServer server([](ServerOptions& options) { options.limits.body = milliseconds(600); });
+  Client client = server.Connect();
+  std::atomic<bool> answered = false;
+  ASSERT_TRUE(client.Send("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 100000\r\n\r\n"));
+  std::thread drip([&] {
+    while (!answered && client.Send("X")) std::this_thread::sleep_for(milliseconds(50));
+  });
+  EXPECT_EQ(client.Receive().status, 408);
+  answered = true;
+  drip.join();
+}
+
+TEST(HttpDeadlines, SilentConnections_AreClosedWithoutAWord) {
+  TestServer server([](ServerOptions& options) {
+    options.limits.header = milliseconds(300);
+    options.limits.idle = milliseconds(300);
+  });
+  Client fresh = server.Connect();
+  Client kept = server.Connect();
+  ASSERT_TRUE(kept.Send(Get("/")));
+  EXPECT_EQ(kept.Receive().status, 200);
+  EXPECT_TRUE(fresh.SilentlyClosed());
+  EXPECT_TRUE(kept.SilentlyClosed());
+  EXPECT_TRUE(Eventually([&] { return server->stats().connections == 0; }));
+}
+
+TEST(HttpDeadlines, RunningHandler_HasNone) {
+  TestServer server([](ServerOptions& options) {
+    options.limits.header = milliseconds(100);
+    options.limits.body = milliseconds(100);
+    options.limits.idle = milliseconds(100);
+    options.limits.write = milliseconds(100);
+  });
+  Client client = server.Connect();
+  ASSERT_TRUE(client.Send(Get("/wait")));
+  EXPECT_TRUE(client.QuietFor(milliseconds(1500)));
+  server.Release();
+  EXPECT_EQ(client.Receive().body, "released");
+}
+
+TEST(HttpDeadlines, ReaderThatIsTooSlow_IsCut) {
+  const std::string large(64 * 1024 * 1024, 'y');
+  TestServer server([&](ServerOptions& options) {
+    options.limits.write = milliseconds(600);
+    options.on_request = [&](HttpRequest&&, const Responder& responder) {
+      HttpResponse response;
+      response.body = large;
+      responder.Send(std::move(response));
+    };
+  });
+  Client client = server.Connect();
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_TRUE(Eventually([&] { return server->stats().connections == 1; }));
+  EXPECT_TRUE(Eventually([&] { return server->stats().connections == 0; }));
+  EXPECT_LT(client.ReceiveAll().size(), large.size());
+}
+
+// ---- Limits
+
+TEST(HttpLimits, ConnectionsInTotal_FurtherOnesGet503UntilOneLeaves) {
+  TestServer server([](ServerOptions& options) { options.limits.connections = 3; });
+  std::vector<Client> clients;
+  for (int i = 0; i < 3; ++i) {
+    clients.push_back(server.Connect());
+    ASSERT_TRUE(clients.back().Send(Get("/")));
+    ASSERT_EQ(clients.back().Receive().status, 200);
+  }
+  for (int i = 0; i < 3; ++i) {
+    Client refused = server.Connect();
+    refused.Send(Get("/"));
+    const Reply reply = refused.Receive();
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_EQ(reply.field("retry-after"), "1");
+    EXPECT_EQ(reply.field("connection"), "close");
+    EXPECT_EQ(refused.ReceiveAll(), "");
+  }
+  EXPECT_EQ(server->stats().connections_refused, 3U);
+  EXPECT_EQ(server->stats().connections, 3U);
+  clients.pop_back();
+  ASSERT_TRUE(Eventually([&] { return server->stats().connections == 2; }));
+  Client next = server.Connect();
+  ASSERT_TRUE(next.Send(Get("/")));
+  EXPECT_EQ(next.Receive().status, 200);
+}
+
+TEST(HttpLimits, ConnectionsPerPeer_OtherAddressesAreStillServed) {
+  TestServer server([](ServerOptions& options) { options.limits.connections_per_peer = 1; });
+  Client first = server.Connect();
+  ASSERT_TRUE(first.Send(Get("/")));
+  ASSERT_EQ(first.Receive().status, 200);
+  EXPECT_EQ(server.Connect().Receive().status, 503);
+  Client other = Client::Tcp(server.port(), "127.0.0.2");
+  ASSERT_TRUE(other.Send(Get("/")));
+  EXPECT_EQ(other.Receive().status, 200);
+  EXPECT_EQ(server.last_request()->peer.address, "127.0.0.2");
+}
+
+TEST(HttpLimits, ClientThatSendsAheadForever_IsNotRead) {
+  TestServer server;
+  Client client = server.Connect();
+  ASSERT_TRUE(client.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
+  // Only the kernel's buffers and the bound on what is kept are between the two.
+  const std::string block(64 * 1024, 'x');
+  std::size_t sent = 0;
+  for (int quiet = 0; quiet < 20 && sent < 64 * block.size() * 16;) {
+    const ssize_t step = ::send(client.fd(), block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (step > 0) {
+      sent += static_cast<std::size_t>(step);
+      quiet = 0;
+    } else {
+      ++quiet;
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+  }
+  EXPECT_LT(sent, 64 * block.size() * 16);
+}
+
+TEST(HttpLimits, ThousandIdleConnections_NeedNoThread) {
+  TestServer server;
+  const int threads = ProcessThreads();
+  std::vector<Client> clients;
+  for (int i = 0; i < 1000; ++i) {
+    clients.push_back(server.Connect());
+    ASSERT_TRUE(clients.back().connected()) << i;
+    if (i % 2 == 0) {
+      ASSERT_TRUE(clients.back().Send(Get("/")));
+      ASSERT_EQ(clients.back().Receive().status, 200);
+    }
+  }
+  EXPECT_TRUE(Eventually([&] { return server->stats().connections == 1000; }));
+  EXPECT_EQ(ProcessThreads(), threads);
+  clients.clear();
+  EXPECT_TRUE(Eventually([&] { return server->stats().connections == 0; }));
+}
+
+double ProcessorSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+TEST(HttpLimits, OutOfDescriptors_PausesAndGoesOnLater) {
+  TestServer server;
+  std::vector<Client> clients;
+  for (int i = 0; i < 3; ++i) clients.push_back(server.Connect());
+  ASSERT_TRUE(Eventually([&] { return server->stats().connections == 3; }));
+  // Made before, as after this nobody gets a descriptor: the limit is below those in use. (poll(2) needs it above
+  // zero.)
+  const int unconnected = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit tight = before;
+  tight.rlim_cur = 3;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(server.port());
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int connected = ::connect(unconnected, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  Client waiting(unconnected);
+  const double processor = ProcessorSeconds();
+  const bool sent = waiting.Send(Get("/late"));
+  const bool quiet = waiting.QuietFor(milliseconds(700));
+  const double used = ProcessorSeconds() - processor;
+  const bool others_served = clients[0].Send(Get("/")) && clients[0].Receive().status == 200;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(connected, 0);
+  EXPECT_TRUE(sent);
+  EXPECT_TRUE(quiet);
+  EXPECT_LT(used, 0.35) << "busy while waiting for a descriptor";
+  EXPECT_TRUE(others_served);
+  EXPECT_EQ(waiting.Receive().body, "GET /late ");
+}
+
+// ---- Unix sockets
+
+TEST(HttpUnixSocket, Peer_IsTheUserFromTheKernel) {
+  const TemporaryFolder folder;
+  TestServer server(OnUnix(folder / "s", 0640));
+  Client client = Client::Unix(folder / "s");
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_EQ(client.Receive().status, 200);
+  EXPECT_EQ(server.last_request()->peer.kind, Peer::Kind::kUnix);
+  EXPECT_EQ(server.last_request()->peer.uid, getuid());
+  EXPECT_EQ(server.last_request()->peer.address, "");
+  struct stat file {};
+  ASSERT_EQ(stat((folder / "s").c_str(), &file), 0);
+  EXPECT_EQ(file.st_mode & 0777, 0640U);
+}
+
+TEST(HttpUnixSocket, ConnectionsPerUser_AreLimited) {
+  const TemporaryFolder folder;
+  TestServer server([&](ServerOptions& options) {
+    OnUnix(folder / "s")(options);
+    options.limits.connections_per_peer = 1;
+  });
+  Client first = Client::Unix(folder / "s");
+  ASSERT_TRUE(first.Send(Get("/")));
+  ASSERT_EQ(first.Receive().status, 200);
+  EXPECT_EQ(Client::Unix(folder / "s").Receive().status, 503);
+}
+
+TEST(HttpUnixSocket, StaleFile_IsReplaced) {
+  const TemporaryFolder folder;
+  const int left = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (folder / "s").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(left, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ::close(left);
+  TestServer server(OnUnix(folder / "s"));
+  Client client = Client::Unix(folder / "s");
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_EQ(client.Receive().status, 200);
+}
+
+TEST(HttpUnixSocket, LiveListener_IsLeftAloneAndBusy) {
+  const TemporaryFolder folder;
+  TestServer server(OnUnix(folder / "s"));
+  auto second = StartOn(folder / "s");
+  ASSERT_FALSE(second);
+  EXPECT_EQ(second.error().code(), ErrorCode::kBusy);
+  EXPECT_NE(second.error().message().find(folder / "s"), std::string::npos);
+  Client client = Client::Unix(folder / "s");
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_EQ(client.Receive().status, 200);
+}
+
+TEST(HttpUnixSocket, OtherFileOrLink_IsLeftAloneAndAConflict) {
+  const TemporaryFolder folder;
+  std::ofstream(folder / "file") << "precious";
+  std::filesystem::create_symlink(folder / "nowhere", folder / "link");
+  for (const char* name : {"file", "link"}) {
+    auto server = StartOn(folder / name);
+    ASSERT_FALSE(server);
+    EXPECT_EQ(server.error().code(), ErrorCode::kConflict);
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::symlink_status(folder / name)));
+  }
+}
+
+TEST(HttpUnixSocket, ImpossiblePaths_AreInvalid) {
+  for (const std::string& path : {std::string(), std::string(200, 'a'), std::string("/tmp/a\0b", 8)}) {
+    auto server = StartOn(path);
+    ASSERT_FALSE(server);
+    EXPECT_EQ(server.error().code(), ErrorCode::kInvalid);
+  }
+}
+
+TEST(HttpUnixSocket, Stop_RemovesTheFileUnlessItIsAnothers) {
+  const TemporaryFolder folder;
+  TestServer first(OnUnix(folder / "s"));
+  EXPECT_TRUE(first->Stop(milliseconds(0)));
+  EXPECT_FALSE(std::filesystem::exists(folder / "s"));
+  TestServer second(OnUnix(folder / "s"));
+  std::filesystem::rename(folder / "s", folder / "moved");
+  TestServer third(OnUnix(folder / "s"));
+  EXPECT_TRUE(second->Stop(milliseconds(0)));
+  EXPECT_TRUE(std::filesystem::exists(folder / "s"));
+}
+
+// ---- Listening
+
+TEST(HttpListening, PortInUse_IsBusy) {
+  TestServer server;
+  ServerOptions options;
+  options.listeners.emplace_back();
+  options.listeners[0].port = server.port();
+  auto second = HttpServer::Start(std::move(options));
+  ASSERT_FALSE(second);
+  EXPECT_EQ(second.error().code(), ErrorCode::kBusy);
+  EXPECT_NE(second.error().message().find(std::to_string(server.port())), std::string::npos);
+}
+
+TEST(HttpListening, NamesInsteadOfAddresses_AreInvalid) {
+  ServerOptions options;
+  options.listeners.emplace_back();
+  options.listeners[0].address = "localhost";
+  auto server = HttpServer::Start(std::move(options));
+  ASSERT_FALSE(server);
+  EXPECT_EQ(server.error().code(), ErrorCode::kInvalid);
+}
+
+TEST(HttpListening, SeveralListeners_AllServe) {
+  const TemporaryFolder folder;
+  TestServer server([&](ServerOptions& options) {
+    options.listeners.emplace_back();
+    options.listeners.emplace_back();
+    options.listeners[2].kind = ListenerOptions::Kind::kUnix;
+    options.listeners[2].path = folder / "s";
+  });
+  EXPECT_NE(server.port(0), server.port(1));
+  Client clients[] = {server.Connect(0), server.Connect(1), Client::Unix(folder / "s")};
+  for (Client& client : clients) {
+    ASSERT_TRUE(client.Send(Get("/")));
+    EXPECT_EQ(client.Receive().status, 200);
+  }
+}
+
+TEST(HttpListening, PortOfAServerThatJustStopped_CanBeTakenAgain) {
+  TestServer first;
+  const std::uint16_t port = first.port();
+  Client client = first.Connect();
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_EQ(client.Receive().status, 200);
+  first->Stop(milliseconds(0));
+  TestServer second([&](ServerOptions& options) { options.listeners[0].port = port; });
+  EXPECT_EQ(second.port(), port);
+}
+
+// ---- The end
+
+TEST(HttpStop, RequestsThatHaveBegun_AreFinishedAndIdleConnectionsClosed) {
+  TestServer server;
+  Client idle = server.Connect();
+  Client running = server.Connect();
+  Client sending = server.Connect();
+  ASSERT_TRUE(running.Send(Get("/wait")));
+  ASSERT_TRUE(sending.Send("POST /p HTTP/1.1\r\nHost: nas\r\nContent-Length: 3\r\n\r\na"));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1 && server->stats().requests == 2; }));
+  bool clean = false;
+  std::thread stopper([&] { clean = server->Stop(kPatience); });
+  EXPECT_TRUE(idle.SilentlyClosed());
+  EXPECT_FALSE(server.Connect().connected());
+  ASSERT_TRUE(sending.Send("bc"));
+  const Reply last = sending.Receive();
+  EXPECT_EQ(last.body, "POST /p abc");
+  EXPECT_EQ(last.field("connection"), "close");
+  server.Release();
+  const Reply released = running.Receive();
+  EXPECT_EQ(released.body, "released");
+  EXPECT_EQ(released.field("connection"), "close");
+  stopper.join();
+  EXPECT_TRUE(clean);
+  EXPECT_EQ(running.ReceiveAll(), "");
+}
+
+TEST(HttpStop, RequestSentJustBefore_IsStillAnswered) {
+  for (int i = 0; i < 20; ++i) {
+    TestServer server;
+    Client client = server.Connect();
+    ASSERT_TRUE(client.Send(Get("/1")));
+    ASSERT_EQ(client.Receive().status, 200);
+    ASSERT_TRUE(client.Send(Get("/2")));
+    EXPECT_TRUE(server->Stop(kPatience));
+    EXPECT_EQ(client.Receive().body, "GET /2 ");
+  }
+}
+
+TEST(HttpStop, StuckHandler_IsCutAtTheDeadlineAndItsResponderIsHarmless) {
+  TestServer server;
+  Client client = server.Connect();
+  ASSERT_TRUE(client.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
+  const auto start = Clock::now();
+  EXPECT_FALSE(server->Stop(milliseconds(200)));
+  EXPECT_GE(Clock::now() - start, milliseconds(200));
+  EXPECT_FALSE(server->Stop(milliseconds(200)));
+  EXPECT_EQ(client.ReceiveAll(), "");
+  EXPECT_EQ(server->stats().connections, 0U);
+  server.Release();  // the responders are used after Stop()
+}
+
+TEST(HttpStop, RespondersThatOutliveTheServer_AreHarmless) {
+  TestServer server;
+  Client client = server.Connect();
+  ASSERT_TRUE(client.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
+  server.TakeServer().reset();
+  server.Release();
+}
+
+TEST(HttpStop, WhileAnswersComeFromOtherThreads_NothingBreaks) {
+  for (int round = 0; round < 20; ++round) {
+    TestServer server;
+    std::vector<Client> clients;
+    for (int i = 0; i < 10; ++i) {
+      clients.push_back(server.Connect());
+      ASSERT_TRUE(clients.back().Send(Get("/wait")));
+    }
+    ASSERT_TRUE(Eventually([&] { return server.held() == 10; }));
+    std::thread releaser([&] { server.Release(); });
+    server->Stop(milliseconds(round % 3));
+    releaser.join();
+  }
+}
+
+TEST(HttpStop, ManyServers_LeaveNoThread) {
+  const int before = ProcessThreads();
+  for (int i = 0; i < 20; ++i) TestServer server;
+  EXPECT_TRUE(Eventually([&] { return ProcessThreads() <= before; }));
+}
+
+}  // namespace
+}  // namespace vexa::daemon
