@@ -52,13 +52,14 @@ int RunCommandLine(int argc, char** argv) {
   CLI::App app("The command line client of the virtualization server.", "vexa");
   app.set_version_flag("--version", "vexa " VEXA_VERSION, "Print the version and exit");
   app.set_help_flag("-h,--help", "Print this help and exit");
-  app.footer(kFooter);
+  app.footer("\n'vexa --help' shows the options that all commands take.");  // of the commands below
   app.require_subcommand(1);
   app.fallthrough();  // global options may follow the command
   AddGlobalOptions(app, invocation.global);
   AddClientCommands(app, invocation);
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
+  app.footer(kFooter);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& asked) {  // --help, --version

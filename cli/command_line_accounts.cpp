@@ -20,10 +20,11 @@ struct State {
 using Shared = std::shared_ptr<State>;
 
 void AddPlaces(CLI::App& command, const Shared& state) {
-  command.add_option("--accounts", state->places.accounts_path, "The account file")
-      ->type_name("PATH")
-      ->capture_default_str();
-  command.add_option("--data", state->places.data_directory, "The folder of the store")
+  command
+      .add_option("--accounts", state->places.other_accounts_path,
+                  "The account file, when it is not accounts.json in the data folder")
+      ->type_name("PATH");
+  command.add_option("--data", state->places.data_directory, "The daemon's data folder")
       ->type_name("DIR")
       ->capture_default_str();
 }
@@ -47,7 +48,9 @@ void OnRun(CLI::App* command, Invocation& invocation, std::function<ExitCode()> 
 void AddUserCommands(CLI::App& user, Invocation& invocation, const Shared& state) {
   const GlobalOptions& global = invocation.global;
   CLI::App* add = AddNamed(user, state, "add", "Add a user");
-  add->add_option("--group", state->user.groups, "A group to be in; may be repeated")->type_name("G")->expected(1);
+  add->add_option("--group", state->user.groups, "A group to be in; may be repeated")
+      ->type_name("G")
+      ->allow_extra_args(false);
   add->add_option("--uid", state->user.uid, "The numeric id")->type_name("N");
   add->add_flag("--advanced", state->user.advanced, "Make the user an advanced one");
   AddPasswordFlag(*add, state);
@@ -72,7 +75,7 @@ void AddUserCommands(CLI::App& user, Invocation& invocation, const Shared& state
 
 GrantTarget TargetOf(const State& state, AccountKind kind) {
   return {kind, state.user.name, state.from_system ? AccountSource::kSystem : AccountSource::kAccountFile,
-          state.places.accounts_path, state.places.data_directory};
+          state.places.accounts_path(), state.places.data_directory};
 }
 
 void AddGrantCommands(CLI::App& parent, Invocation& invocation, const Shared& state, AccountKind kind) {

@@ -27,10 +27,12 @@ std::string KeyOf(AccountKind kind, std::uint32_t id) {
   return store::MakeKey({"dash", "guest_admin", identifier, "object"});
 }
 
+std::string StoreFolder(const std::string& data_directory) { return data_directory + "/store"; }
+
 Result<std::shared_ptr<store::Store>> OpenStore(const std::string& directory) {
-  if (const Status owner = CheckOwner(directory); !owner) return owner.error();
+  if (const Status owner = CheckOwnerOrFolder(StoreFolder(directory)); !owner) return owner.error();
   store::LmdbOptions options;
-  options.directory = directory;
+  options.directory = StoreFolder(directory);
   return store::OpenLmdbStore(options);
 }
 
@@ -165,7 +167,7 @@ Status SetAuthLevel(const std::string& data_directory, AccountKind kind, std::ui
 
 Status DropGrants(const std::string& data_directory, AccountKind kind, std::uint32_t id) {
   // A folder without a store is left without one.
-  const Status exists = CheckOwner(data_directory + "/data.mdb");
+  const Status exists = CheckOwner(StoreFolder(data_directory) + "/data.mdb");
   if (!exists) return exists.error().code() == ErrorCode::kNotFound ? Status() : exists;
   const auto store = OpenStore(data_directory);
   if (!store) return store.error();

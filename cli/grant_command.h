@@ -21,7 +21,7 @@ struct GrantTarget {
   std::string name;
   AccountSource source = AccountSource::kAccountFile;
   std::string accounts_path;
-  std::string data_directory;
+  std::string data_directory;  // the daemon's; the store is in "store" there
 };
 
 enum class AuthLevel { kUser, kAdvanced };

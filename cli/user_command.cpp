@@ -13,11 +13,11 @@ namespace {
 using Accounts = std::unique_ptr<base::AccountFile>;
 
 Result<Accounts> OpenExisting(const AccountPlaces& places) {
-  const Status owner = CheckOwner(places.accounts_path);
-  if (owner.ok()) return base::AccountFile::Open(places.accounts_path);
+  const Status owner = CheckOwner(places.accounts_path());
+  if (owner.ok()) return base::AccountFile::Open(places.accounts_path());
   if (owner.error().code() != ErrorCode::kNotFound) return owner.error();
   return Error(ErrorCode::kNotFound,
-               "There is no account file '" + places.accounts_path + "'; 'vexa user add' creates one");
+               "There is no account file '" + places.accounts_path() + "'; 'vexa user add' creates one");
 }
 
 ExitCode Finish(const GlobalOptions& global, const Status& status, const std::string& done) {
@@ -62,8 +62,8 @@ Status MakeAdvanced(base::AccountFile& accounts, const AccountPlaces& places, co
 }  // namespace
 
 ExitCode RunUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options) {
-  if (const Status owner = CheckOwnerOrFolder(places.accounts_path); !owner) return Report(owner.error());
-  const Result<Accounts> accounts = base::AccountFile::Open(places.accounts_path);
+  if (const Status owner = CheckOwnerOrFolder(places.accounts_path()); !owner) return Report(owner.error());
+  const Result<Accounts> accounts = base::AccountFile::Open(places.accounts_path());
   if (!accounts) return Report(accounts.error());
   if ((*accounts)->FindUser(options.name).ok()) {
     // Before a password is asked for in vain.

@@ -11,9 +11,14 @@
 
 namespace vexa::cli {
 
+// The daemon's data folder, and the account file when it is not the one in there.
 struct AccountPlaces {
-  std::string accounts_path = "/var/lib/vexa/accounts.json";
   std::string data_directory = "/var/lib/vexa";
+  std::string other_accounts_path;
+
+  std::string accounts_path() const {
+    return other_accounts_path.empty() ? data_directory + "/accounts.json" : other_accounts_path;
+  }
 };
 
 struct NewUserOptions {

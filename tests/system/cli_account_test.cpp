@@ -1,0 +1,237 @@
+// vexa user and vexa group on real account files and a real store.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "host/base/account_file.h"
+#include "host/base/json_parse.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+constexpr const char* kFirst = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
+constexpr const char* kSecond = "00000000-0000-4000-8000-00000000000a";
+
+class Accounts : public CliTest {
+ protected:
+  void SetUp() override { std::filesystem::create_directories(folder_.File("data")); }
+
+  ProcessResult RunHere(std::vector<std::string> arguments, const std::string& input = "") {
+    arguments.insert(arguments.end(), {"--data", folder_.File("data")});
+    return Run(arguments, input);
+  }
+
+  void AddAlice(std::vector<std::string> more = {}) {
+    std::vector<std::string> arguments{"user", "add", "alice", "--password-stdin", "--group", "staff"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const auto result = RunHere(arguments, "first password\n");
+    ASSERT_EQ(result.exit_code, 0) << result.errors;
+  }
+
+  std::unique_ptr<base::AccountFile> Open() const {
+    auto accounts = base::AccountFile::Open(folder_.File("data/accounts.json"));
+    EXPECT_TRUE(accounts.ok());
+    return std::move(accounts).value();
+  }
+
+  base::User Alice() const {
+    const auto user = Open()->FindUser("alice");
+    EXPECT_TRUE(user.ok());
+    return user ? *user : base::User();
+  }
+
+  std::shared_ptr<store::Store> OpenStore() const {
+    store::LmdbOptions options;
+    options.directory = folder_.File("data/store");
+    const auto store = store::OpenLmdbStore(options);
+    EXPECT_TRUE(store.ok());
+    return *store;
+  }
+
+  static std::string KeyOf(const std::string& identifier) {
+    return store::MakeKey({"dash", "guest_admin", identifier, "object"});
+  }
+
+  // The record's text, "" when there is none.
+  std::string RecordOf(const std::string& identifier) const {
+    const auto store = OpenStore();
+    const auto snapshot = store->Read();
+    EXPECT_TRUE(snapshot.ok());
+    const auto value = (*snapshot)->Get(KeyOf(identifier));
+    EXPECT_TRUE(value.ok());
+    return *value ? std::string((*value)->text) : "";
+  }
+};
+
+TEST_F(Accounts, UserAdded_CanLogIn) {
+  AddAlice();
+  EXPECT_TRUE(Open()->VerifyPassword("alice", "first password").ok());
+  EXPECT_FALSE(Open()->VerifyPassword("alice", "first password\n").ok());
+  const auto list = RunHere({"user", "list"});
+  EXPECT_EQ(list.exit_code, 0);
+  EXPECT_THAT(list.output, AllOf(HasSubstr("USER"), HasSubstr("alice"), HasSubstr("staff"), HasSubstr(" no ")));
+  const auto json = ParseJson(RunHere({"user", "list", "--json"}).output);
+  ASSERT_TRUE(json.ok());
+  ASSERT_TRUE(json->isArray() && json->size() == 1);
+  EXPECT_EQ((*json)[0]["name"], "alice");
+  EXPECT_FALSE((*json)[0].isMember("password"));
+}
+
+TEST_F(Accounts, SeveralGroupsNamed_UserIsInAll) {
+  const auto result =
+      RunHere({"user", "add", "--group", "staff", "--group", "crew", "bob", "--password-stdin"}, "good password\n");
+  ASSERT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(RunHere({"user", "list"}).output, AllOf(HasSubstr("staff"), HasSubstr("crew"), HasSubstr("bob")));
+}
+
+TEST_F(Accounts, UserAddedTwice_IsRefusedAndStays) {
+  AddAlice();
+  const auto result = RunHere({"user", "add", "alice", "--password-stdin"}, "other password\n");
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_TRUE(Open()->VerifyPassword("alice", "first password").ok());
+}
+
+TEST_F(Accounts, BadNameUidOrPassword_IsUsageErrorAndAddsNobody) {
+  EXPECT_EQ(RunHere({"user", "add", "../x", "--password-stdin"}, "good password\n").exit_code, 2);
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "short\n").exit_code, 2);
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "").exit_code, 2);
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--uid", "x", "--password-stdin"}, "good password\n").exit_code, 2);
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--uid", "-1", "--password-stdin"}, "good password\n").exit_code, 2);
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--uid", "4294967296", "--password-stdin"}, "good password\n").exit_code, 2);
+  EXPECT_FALSE(Open()->FindUser("bob").ok());
+}
+
+TEST_F(Accounts, PasswordAndGroupsChanged_AreTheNewOnes) {
+  AddAlice();
+  EXPECT_EQ(RunHere({"user", "passwd", "alice", "--password-stdin"}, "second password\n").exit_code, 0);
+  EXPECT_TRUE(Open()->VerifyPassword("alice", "second password").ok());
+  EXPECT_FALSE(Open()->VerifyPassword("alice", "first password").ok());
+  EXPECT_EQ(RunHere({"user", "group", "alice", "administrators", "crew"}).exit_code, 0);
+  EXPECT_TRUE(Alice().is_administrator);
+  EXPECT_EQ(RunHere({"user", "passwd", "nobody-here", "--password-stdin"}, "second password\n").exit_code, 1);
+  EXPECT_EQ(RunHere({"user", "group", "nobody-here", "crew"}).exit_code, 1);
+}
+
+TEST_F(Accounts, NoAccountFile_OnlyAddCreatesOne) {
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {"user", "list"}, {"user", "del", "alice"}, {"user", "grant", "alice", kFirst}}) {
+    EXPECT_EQ(RunHere(arguments).exit_code, 1);
+    EXPECT_FALSE(std::filesystem::exists(folder_.File("data/accounts.json")));
+  }
+}
+
+TEST_F(Accounts, FilesOfAnotherAccount_AreLeftAlone) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
+  AddAlice();
+  const std::string identifier = "users-" + std::to_string(Alice().uid);
+  ASSERT_EQ(::chown(folder_.File("data/accounts.json").c_str(), 1, 1), 0);
+  const auto result = RunHere({"user", "del", "alice"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("run the command as that account"));
+  ASSERT_EQ(::chown(folder_.File("data/accounts.json").c_str(), 0, 0), 0);
+  ASSERT_EQ(::chown(folder_.File("data").c_str(), 1, 1), 0);
+  EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 1);
+  EXPECT_FALSE(std::filesystem::exists(folder_.File("data/store")));
+}
+
+TEST_F(Accounts, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
+  AddAlice();
+  const std::string identifier = "users-" + std::to_string(Alice().uid);
+  EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst, kSecond}).exit_code, 0);
+  EXPECT_EQ(RecordOf(identifier),
+            std::string(R"({"authlevel":"user","guests":{")") + kSecond + R"(":true,")" + kFirst + R"(":true}})");
+  ASSERT_TRUE(OpenStore()
+                  ->Commit({{},
+                            {{KeyOf(identifier),
+                              std::string(R"({"authlevel":"user","more":[1],"guests":{")") + kFirst + R"(":false}})"}}})
+                  .ok());
+  EXPECT_EQ(RunHere({"user", "advanced", "alice"}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "revoke", "alice", kFirst, kSecond}).exit_code, 0);
+  EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"advanced","guests":{},"more":[1]})");
+  EXPECT_EQ(RunHere({"user", "advanced", "--off", "alice"}).exit_code, 0);
+  EXPECT_THAT(RecordOf(identifier), HasSubstr(R"("authlevel":"user")"));
+}
+
+TEST_F(Accounts, GroupGrant_IsUnderTheGroupsId) {
+  AddAlice();
+  std::uint32_t gid = 0;
+  for (const auto& group : Alice().groups) {
+    if (group.name == "staff") gid = group.gid;
+  }
+  EXPECT_EQ(RunHere({"group", "grant", "staff", kFirst}).exit_code, 0);
+  EXPECT_THAT(RecordOf("groups-" + std::to_string(gid)), HasSubstr(kFirst));
+  EXPECT_EQ(RunHere({"group", "advanced", "staff"}).exit_code, 0);
+  EXPECT_THAT(RecordOf("groups-" + std::to_string(gid)), HasSubstr("advanced"));
+  EXPECT_EQ(RunHere({"group", "grant", "nobody-here", kFirst}).exit_code, 1);
+  EXPECT_EQ(RunHere({"group", "grant", "--system", "root", kFirst}).exit_code, 0);
+  EXPECT_THAT(RecordOf("groups-0"), HasSubstr(kFirst));
+}
+
+TEST_F(Accounts, AddedAsAdvanced_HasTheLevel) {
+  AddAlice({"--advanced", "--uid", "1026"});
+  EXPECT_EQ(Alice().uid, 1026U);
+  EXPECT_EQ(RecordOf("users-1026"), R"({"authlevel":"advanced","guests":{}})");
+}
+
+TEST_F(Accounts, LevelCannotBeStored_UserIsNotAddedEither) {
+  std::filesystem::create_directories(folder_.File("data/store"));
+  WriteFile(folder_.File("data/store/data.mdb"), "this is no store");
+  const auto result = RunHere({"user", "add", "bob", "--advanced", "--password-stdin"}, "good password\n");
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_FALSE(Open()->FindUser("bob").ok());
+}
+
+TEST_F(Accounts, UserDeleted_NextOneWithTheIdInheritsNothing) {
+  AddAlice({"--uid", "1026"});
+  EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0);
+  EXPECT_FALSE(Open()->FindUser("alice").ok());
+  EXPECT_EQ(RecordOf("users-1026"), "");
+  EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 1);
+}
+
+TEST_F(Accounts, NotAGuestsId_IsUsageErrorAndChangesNothing) {
+  AddAlice();
+  for (const char* id : {"", "x", "../../../dash/guest", "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c5", "\x1b[31m"}) {
+    const auto result = RunHere({"user", "grant", "alice", kFirst, id});
+    EXPECT_EQ(result.exit_code, 2) << id;
+    EXPECT_THAT(result.errors, Not(HasSubstr("\x1b")));
+  }
+  EXPECT_EQ(RecordOf("users-" + std::to_string(Alice().uid)), "");
+}
+
+TEST_F(Accounts, DamagedRecord_IsReportedAndNotOverwritten) {
+  AddAlice({"--uid", "1026"});
+  for (const char* text : {"[]", "\"x\"", R"({"guests":[]})", R"({"guests":"x"})"}) {
+    ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("users-1026"), text}}}).ok());
+    EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 1) << text;
+    EXPECT_EQ(RecordOf("users-1026"), text);
+  }
+}
+
+TEST_F(Accounts, ManyGrantAtOnce_NoneIsLost) {
+  AddAlice({"--uid", "1026"});
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([this, i] {
+      const std::string id = "00000000-0000-4000-8000-00000000000" + std::to_string(i);
+      const auto result = RunHere({"user", "grant", "alice", id});
+      EXPECT_EQ(result.exit_code, 0) << result.errors;
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  const std::string record = RecordOf("users-1026");
+  for (int i = 0; i < 8; ++i) EXPECT_THAT(record, HasSubstr("-00000000000" + std::to_string(i)));
+}
+
+}  // namespace
+}  // namespace vexa::test
