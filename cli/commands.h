@@ -22,5 +22,10 @@ struct Invocation {
 void AddClientCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);
+void AddImportCommand(CLI::App& app, Invocation& invocation);
+
+// The options of `vexa import` alone, which fill `words`.
+struct ImportWords;
+void AddImportOptions(CLI::App& import, ImportWords& words);
 
 }  // namespace vexa::cli

@@ -6,6 +6,7 @@
 #include <ostream>
 #include <set>
 
+#include "cli/printable.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "host/hypervisor/domain_list.h"
@@ -261,16 +262,6 @@ class Import {
 };
 
 }  // namespace
-
-std::string Printable(std::string text) {
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x20 || byte == 0x7F) text[i] = '?';
-    const bool c1 = byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-    if (c1) text.replace(i, 2, "?");
-  }
-  return text;
-}
 
 Status RunImport(const ImportArguments& arguments, store::Store& store, std::ostream& out, std::ostream& err) {
   return Import(arguments, store, out, err).Run();

@@ -33,11 +33,21 @@ struct ImportArguments {
   ImportMode mode = ImportMode::kWrite;
 };
 
-// What `vexa import --help` prints.
-extern const std::string_view kImportUsage;
+// What the command line says, before it is looked at.
+struct ImportWords {
+  std::vector<std::string> files;
+  std::string uri;
+  std::string manifest;
+  bool replace = false;
+  bool dry_run = false;
+  std::vector<std::string> disk_sizes;  // NAME=GiB
+  std::vector<std::string> networks;    // NAME=UUID
+  std::string repository_id;
+  std::string host_id;
+};
 
-// The arguments behind the word "import". kInvalid, with a sentence about the first one that cannot be.
-Result<ImportArguments> ParseImportArguments(const std::vector<std::string>& words);
+// kInvalid, with a sentence about the first of the words that cannot be.
+Result<ImportArguments> ResolveImportArguments(const ImportWords& words);
 
 // Imports one guest after the other. Each is written whole or not at all; a guest that cannot be imported does not keep
 // the others from it. `out` gets a line for each guest and its notes, or with ImportMode::kDryRun one JSON array of all
@@ -53,9 +63,6 @@ struct ImportSource {
   std::string expected_id;  // refused when the XML has another one; "" for any
   hypervisor::ImportOptions options;
 };
-
-// `text` with control characters as '?': names of files and stored ids may hold anything, and a terminal obeys them.
-std::string Printable(std::string text);
 
 // The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the member that cannot be.
 Result<std::vector<ImportSource>> ReadManifest(const std::string& path);

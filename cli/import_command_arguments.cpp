@@ -1,4 +1,5 @@
 // The arguments of `vexa import`.
+#include <algorithm>
 #include <charconv>
 
 #include "cli/import_command.h"
@@ -42,26 +43,14 @@ Status TakeNetwork(const std::string& value, ImportArguments& arguments) {
   return {};
 }
 
+// The empty text is an option that was not given.
 Status TakeUuid(const std::string& option, const std::string& value, std::optional<std::string>& member) {
+  if (value.empty()) return {};
   if (hypervisor::NormalizeUuid(value).empty()) {
     return Refused(option + " says '" + value + "': give a UUID of the form 8-4-4-4-12");
   }
   member = value;
   return {};
-}
-
-Status TakeOption(const std::string& option, const std::string& value, ImportArguments& arguments) {
-  if (option == "--disk-size") return TakeDiskSize(value, arguments);
-  if (option == "--network") return TakeNetwork(value, arguments);
-  if (option == "--repository-id") return TakeUuid(option, value, arguments.repository_id);
-  if (option == "--host-id") return TakeUuid(option, value, arguments.host_id);
-  (option == "--all" ? arguments.uri : arguments.manifest) = value;
-  return {};
-}
-
-bool TakesValue(std::string_view option) {
-  return option == "--all" || option == "--manifest" || option == "--repository-id" || option == "--host-id" ||
-         option == "--disk-size" || option == "--network";
 }
 
 Status CheckTogether(const ImportArguments& arguments) {
@@ -78,52 +67,26 @@ Status CheckTogether(const ImportArguments& arguments) {
 
 }  // namespace
 
-const std::string_view kImportUsage =
-    "Usage: vexa import [OPTIONS] FILE.xml…\n"
-    "       vexa import [OPTIONS] --all URI\n"
-    "       vexa import [--replace] [--dry-run] --manifest FILE.json\n"
-    "\n"
-    "Imports guests from libvirt's domain XML, as 'virsh dumpxml' prints it.\n"
-    "\n"
-    "  --all URI             every domain that the libvirt connection URI knows\n"
-    "  --manifest FILE       the guests that a JSON file lists\n"
-    "  --replace             replace guests that exist already\n"
-    "  --dry-run             print the records as JSON and write nothing\n"
-    "  --disk-size NAME=GiB  the size of a disk whose image cannot be read; may be repeated\n"
-    "  --network NAME=UUID   the id of a network or bridge; may be repeated\n"
-    "  --repository-id UUID  the repository that the guests belong to\n"
-    "  --host-id UUID        the host that the guests run on\n";
-
-Result<ImportArguments> ParseImportArguments(const std::vector<std::string>& words) {
-  ImportArguments arguments;
-  bool only_files = false;
-  for (std::size_t i = 0; i < words.size(); ++i) {
-    std::string word = words[i];
-    if (only_files || !word.starts_with("-")) {
-      if (word.empty()) return Refused("A file name is empty: give the path of a domain XML file");
-      arguments.files.push_back(std::move(word));
-      continue;
-    }
-    if (word == "--") {
-      only_files = true;
-    } else if (word == "--replace") {
-      arguments.on_existing = OnExisting::kReplace;
-    } else if (word == "--dry-run") {
-      arguments.mode = ImportMode::kDryRun;
-    } else {
-      std::string value;
-      const std::size_t equals = word.find('=');
-      const std::string option = word.substr(0, equals);
-      if (!TakesValue(option)) return Refused("'" + option + "' is no option of import: see 'vexa import --help'");
-      if (equals != std::string::npos) {
-        value = word.substr(equals + 1);
-      } else if (i + 1 < words.size()) {
-        value = words[++i];
-      }
-      if (value.empty()) return Refused(option + " needs a value: see 'vexa import --help'");
-      if (Status taken = TakeOption(option, value, arguments); !taken) return taken.error();
-    }
+Result<ImportArguments> ResolveImportArguments(const ImportWords& words) {
+  if (std::ranges::find(words.files, "") != words.files.end()) {
+    return Refused("A file name is empty: give the path of a domain XML file");
   }
+  ImportArguments arguments;
+  arguments.files = words.files;
+  arguments.uri = words.uri;
+  arguments.manifest = words.manifest;
+  if (words.replace) arguments.on_existing = OnExisting::kReplace;
+  if (words.dry_run) arguments.mode = ImportMode::kDryRun;
+  for (const std::string& size : words.disk_sizes) {
+    if (Status taken = TakeDiskSize(size, arguments); !taken) return taken.error();
+  }
+  for (const std::string& network : words.networks) {
+    if (Status taken = TakeNetwork(network, arguments); !taken) return taken.error();
+  }
+  if (Status taken = TakeUuid("--repository-id", words.repository_id, arguments.repository_id); !taken) {
+    return taken.error();
+  }
+  if (Status taken = TakeUuid("--host-id", words.host_id, arguments.host_id); !taken) return taken.error();
   if (Status together = CheckTogether(arguments); !together) return together.error();
   return arguments;
 }

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "cli/import_command.h"
+#include "cli/printable.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 

@@ -10,6 +10,7 @@
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "tests/unit/import_words.h"
 
 namespace vexa::cli {
 namespace {
