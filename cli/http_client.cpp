@@ -55,6 +55,15 @@ class HttpClient::Impl {
     return Perform(path, body);
   }
 
+  std::string WithoutToken(std::string text) const {
+    if (options_.token.empty()) return text;
+    for (std::size_t at = 0; (at = text.find(options_.token, at)) != std::string::npos;) {
+      text.replace(at, options_.token.size(), "***");
+      at += 3;
+    }
+    return text;
+  }
+
   const HttpClientOptions& options() const { return options_; }
 
  private:
@@ -109,28 +118,15 @@ class HttpClient::Impl {
     }
     long status = 0;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
-    const char* content_type = nullptr;
-    curl_easy_getinfo(handle_, CURLINFO_CONTENT_TYPE, &content_type);
     if (options_.trace == Trace::kOn) {
       double seconds = 0;
       curl_easy_getinfo(handle_, CURLINFO_TOTAL_TIME, &seconds);
       std::cerr << "< HTTP " << status << ", " << received.body.size() << " bytes, "
                 << static_cast<long>(seconds * 1000) << " ms\n";
     }
-    return HttpReply{static_cast<int>(status), content_type ? content_type : "", std::move(received.body)};
+    return HttpReply{static_cast<int>(status), std::move(received.body)};
   }
 
- public:
-  std::string WithoutToken(std::string text) const {
-    if (options_.token.empty()) return text;
-    for (std::size_t at = 0; (at = text.find(options_.token, at)) != std::string::npos;) {
-      text.replace(at, options_.token.size(), "***");
-      at += 3;
-    }
-    return text;
-  }
-
- private:
   curl_slist* MakeHeaders(bool has_body) const {
     curl_slist* headers = curl_slist_append(nullptr, "Accept: application/json");
     headers = curl_slist_append(headers, "Expect:");

@@ -13,7 +13,6 @@ namespace vexa::cli {
 
 struct HttpReply {
   int status = 0;
-  std::string content_type;
   std::string body;
 };
 
