@@ -56,6 +56,10 @@ Result<Revision> EmbeddedStore::Commit(const Transaction& transaction) {
   if (transaction.operations.empty()) return CheckOnly(transaction);
   Waiting own;
   own.transaction = &transaction;
+  if (keyspace_->ThisThreadHoldsSnapshot()) {
+    Waiting* const alone = &own;
+    return RunBatch({&alone, 1}).front();
+  }
   std::unique_lock lock(mutex_);
   queue_.push_back(&own);
   own.turn.wait(lock, [&] { return own.outcome || (!leading_ && queue_.front() == &own); });

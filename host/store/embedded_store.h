@@ -16,7 +16,8 @@ namespace vexa::store {
 
 // Commits that wait at the same time share one sync of the disk: the first in the queue takes all of them, runs each
 // with its own compares and its own revision in one LMDB transaction, and wakes the others. A failed compare fails its
-// own transaction only; so does a transaction that is too large for the disk.
+// own transaction only; so does a transaction that is too large for the disk. A thread that holds a snapshot commits
+// alone: if the map had to grow, the others would wait for its snapshot while it waited for them.
 // Threads: any, at the same time.
 class EmbeddedStore final : public Store {
  public:

@@ -123,6 +123,11 @@ Status LmdbEnvironment::OpenFiles() {
     CloseFiles();
     return opened;
   }
+  // LMDB syncs what it writes and not the name of a new file.
+  if (const int synced = lock.SyncNames(); synced != 0) {
+    CloseFiles();
+    return LmdbError("Cannot sync the folder '" + directory_ + "'", synced);
+  }
   map_bytes_ = MapBytes();
   return {};
 }

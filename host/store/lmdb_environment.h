@@ -79,6 +79,9 @@ class LmdbEnvironment {
   // Waits for the writers of all processes. Errors: as BeginRead.
   Result<WriteTransaction> BeginWrite();
 
+  // Whether a transaction that this thread began is still open.
+  bool ThisThreadIsInside() { return !IsForked() && gate_.ThisThreadIsInside(); }
+
   // Makes the map at least twice `seen_bytes` and room for `extra_bytes`, unless another thread already did.
   // Errors: kBusy (snapshots of this process stay open), kNoSpace (no address space), kUnavailable.
   Status Grow(std::size_t seen_bytes, std::size_t extra_bytes);

@@ -165,6 +165,14 @@ FolderLock::~FolderLock() {
   if (fd_ >= 0) ::close(fd_);
 }
 
+int FolderLock::SyncNames() const {
+  const int parent = ::openat(fd_, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  // A parent that we may enter and not read was not made by us.
+  const int code = ::fsync(fd_) != 0 || (parent >= 0 && ::fsync(parent) != 0) ? errno : 0;
+  if (parent >= 0) ::close(parent);
+  return code;
+}
+
 void TightenStoreFiles(const std::string& directory) {
   // A file of another owner that lets us write keeps its mode: not ours to change, and no reason to fail.
   for (const std::string_view name : {kDataFile, kLockFile}) {

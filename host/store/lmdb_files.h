@@ -23,6 +23,8 @@ class FolderLock {
   FolderLock& operator=(const FolderLock&) = delete;
   // 0 when locked, otherwise errno(3).
   int code() const { return code_; }
+  // Makes the names of the folder's files, and its own in its parent, survive a loss of power. 0 or errno(3).
+  int SyncNames() const;
 
  private:
   int fd_;

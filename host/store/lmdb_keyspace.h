@@ -63,6 +63,8 @@ class LmdbKeyspace {
 
   Result<std::unique_ptr<Snapshot>> Read() const;
 
+  bool ThisThreadHoldsSnapshot() const { return environment_->ThisThreadIsInside(); }
+
   // Applies whole commits in order, all of them or none, durably. Their revisions increase strictly, from above the
   // last. Errors: kInvalid, and those of Update.
   Status Apply(std::span<const RevisionedOperations> commits);

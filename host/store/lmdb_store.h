@@ -15,8 +15,11 @@ struct LmdbOptions {
 };
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind.
-// One environment per folder and process: opening a folder that this process has open returns the same store.
-// Errors: kCorrupt (no store of ours, or damaged), kDenied, kNoSpace, kInternal.
+// One environment per folder and process: opening a folder that this process has open returns the same store, with the
+// options it was opened with. After fork(2) the child must not use a store of its parent, whose calls answer
+// kUnavailable there; it opens the folder for itself.
+// Errors: kCorrupt (no store of ours, or a damaged head; damage further inside is met when it is read), kDenied,
+// kNoSpace, kInvalid (no folder named), kConflict (a file is in the folder's place), kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 
 }  // namespace vexa::store

@@ -27,6 +27,11 @@ MapGate::Pass MapGate::Enter() {
   return Pass(this, self);
 }
 
+bool MapGate::ThisThreadIsInside() {
+  const std::lock_guard lock(mutex_);
+  return inside_.contains(std::this_thread::get_id());
+}
+
 void MapGate::Leave(std::thread::id holder) {
   const std::lock_guard lock(mutex_);
   const auto found = inside_.find(holder);

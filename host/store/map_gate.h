@@ -35,6 +35,9 @@ class MapGate {
 
   Pass Enter();
 
+  // Whether a pass that this thread was given is still in use, wherever it is now.
+  bool ThisThreadIsInside();
+
   // Whether nobody was inside within `patience`, so that the caller now has the map alone, until OpenAgain(). Does not
   // wait when the calling thread itself is inside.
   bool Close(std::chrono::milliseconds patience);

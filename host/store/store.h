@@ -25,8 +25,9 @@ struct ValueView {
   std::string_view text;
 };
 
-// One consistent state of the whole store. Keep it short: while it lives, the store cannot reuse space.
-// Threads: one at a time.
+// One consistent state of the whole store. Keep it short: while it lives, the store cannot reuse space, nor move to a
+// larger map. So let go of it before a commit: one that holds a snapshot cannot share the disk's sync with others, and
+// answers kBusy when it needs the larger map. Threads: one at a time.
 class Snapshot {
  public:
   virtual ~Snapshot() = default;
@@ -53,7 +54,8 @@ struct Compare {
   Revision revision = 0;
 };
 
-// Puts `text` (JSON), or deletes the key when `text` is empty. Deleting an absent key is not an error.
+// Puts `text` (JSON; the store does not look into it, and an empty text is a value), or deletes the key when there is
+// no `text`. Deleting an absent key is not an error. Of several operations on one key the last one counts.
 struct Operation {
   std::string key;
   std::optional<std::string> text;
@@ -83,18 +85,22 @@ class Store {
  public:
   virtual ~Store() = default;
 
+  // Errors: kBusy (too many snapshots are open), kUnavailable, kCorrupt, kInternal.
   virtual Result<std::unique_ptr<Snapshot>> Read() const = 0;
 
-  // Commits all operations or none, durably, and returns the revision that wrote them.
-  // Errors: kConflict (a compare failed; nothing changed), kInvalid (a bad key), kNoSpace (the disk is full; nothing
-  // changed), kUnavailable, kInternal. A transaction without operations checks its compares and returns the current
-  // revision.
+  // Commits all operations or none, durably, and returns the revision that wrote all of them.
+  // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsKey(), or a text above 256
+  // MiB), kNoSpace (the disk is full; nothing changed), kBusy (open snapshots keep the store from growing; nothing
+  // changed; try again without one), kDenied, kUnavailable, kCorrupt, kInternal. A transaction without operations
+  // checks its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
   // The changes after `from` at or below `prefix`. Waits up to `timeout` when there are none; an empty batch then.
-  // Commits of other processes are seen as well, within 100 ms.
+  // Commits of other processes are seen as well, within 100 ms. Very many changes come in several batches.
   virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
 
+  // How the last accesses went: kReadOnly after a commit failed, kInaccessible after a read failed; kReady again once a
+  // commit works. While it is not kReady, asking may write a little to see, at most once a second.
   virtual Health health() const = 0;
 };
 

@@ -132,6 +132,33 @@ TEST(LmdbStore, Map_OutgrownWhileTheWriterHoldsASnapshot_IsBusyAndThenWorks) {
   EXPECT_EQ(TextOf(*store, "/a"), "2");
 }
 
+TEST(LmdbStore, Map_OutgrownByAWriterWithASnapshot_FailsNobodyElse) {
+  const TemporaryFolder folder;
+  const auto store = Open(Small(folder.path()));
+  std::atomic<bool> stop{false};
+  std::atomic<int> failures{0};
+  std::vector<std::thread> others;
+  for (int t = 0; t < 3; ++t) {
+    others.emplace_back([&] {
+      while (!stop) failures += Increment(*store, "/shared") < 0 ? 1 : 0;
+    });
+  }
+  int busy = 0;
+  for (int i = 0; i < 30; ++i) {
+    const auto snapshot = ReadOf(*store);
+    // Larger each time, so that it always outgrows the map that was enough before.
+    const std::string text(std::size_t{50'000} << std::min(i / 3, 8), 'x');
+    const Result<Revision> done = store->Commit({{}, {{MakeKey({"large", std::to_string(i)}), text}}});
+    if (done.ok()) continue;
+    EXPECT_EQ(done.error().code(), ErrorCode::kBusy) << done.error().ToString();
+    ++busy;
+  }
+  stop = true;
+  for (std::thread& other : others) other.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_GT(busy, 0);
+}
+
 TEST(LmdbStore, Snapshots_MoreThanReaderSlots_AreBusyAndThenWork) {
   const TemporaryFolder folder;
   const auto store = Open(Small(folder.path()));

@@ -173,15 +173,18 @@ TEST(StoreProcesses, Fork_ChildOpensForItself_AndParentGoesOn) {
   auto store = Open(folder.path());
   Put(*store, "/a", "1");
   auto snapshot = ReadOf(*store);
+  const Transaction from_parent = {{}, {{"/b", "1"}}};
+  const Transaction from_child = {{}, {{"/child", "1"}}};
   const pid_t child = ::fork();
   if (child == 0) {
     // The parent's store answers that it is not ours, and letting go of it takes nothing from the parent.
-    const bool refused = !store->Read().ok() && !store->Commit({{}, {{"/b", "1"}}}).ok();
+    const bool read_refused = !store->Read().ok();
+    const bool commit_refused = !store->Commit(from_parent).ok();
     snapshot.reset();
     store.reset();
     auto own = OpenLmdbStore({folder.path(), std::size_t{64} << 10, 1000});
-    const bool wrote = own.ok() && own.value()->Commit({{}, {{"/child", "1"}}}).ok();
-    ::_exit(refused && wrote ? 0 : 1);
+    const bool wrote = own.ok() && own.value()->Commit(from_child).ok();
+    ::_exit(read_refused && commit_refused && wrote ? 0 : 1);
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
