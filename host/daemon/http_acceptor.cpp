@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <exception>
 
 namespace vexa::daemon {
 namespace {
@@ -61,7 +62,7 @@ Acceptor::Acceptor(boost::asio::io_context& context, ServerShared& server, Liste
       tls_(std::move(tls)),
       hand_over_(std::move(hand_over)),
       socket_(context.get_executor()),
-      pause_(context) {
+      pause_(context.get_executor()) {
   socket_.assign(boost::asio::generic::stream_protocol(Family(listening_->fd()), 0), listening_->fd());
   listening_->Release();
 }
@@ -77,7 +78,12 @@ void Acceptor::Close() {
 
 void Acceptor::Arm() {
   socket_.async_wait(StreamSocket::wait_read, [self = shared_from_this()](const boost::system::error_code& error) {
-    if (!error && self->listening_) self->AcceptSome();
+    if (error || !self->listening_) return;
+    try {
+      self->AcceptSome();
+    } catch (const std::exception&) {
+      self->Pause();  // out of memory: this connection is lost, the listener must not be
+    }
   });
 }
 

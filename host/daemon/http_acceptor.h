@@ -1,7 +1,6 @@
 // Takes connections from one listening socket and gives them to I/O threads in turn.
 #pragma once
 
-#include <boost/asio/steady_timer.hpp>
 #include <functional>
 
 #include "host/daemon/http_listen.h"
@@ -23,14 +22,13 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
   void Arm();
   void Pause();
   void AcceptSome();
-  void Introduce(int fd);
 
   ServerShared& server_;
   std::unique_ptr<ListeningSocket> listening_;
   TlsContext tls_;
   std::function<void(Accepted&&)> hand_over_;
   StreamSocket socket_;
-  boost::asio::steady_timer pause_;
+  Timer pause_;
 };
 
 }  // namespace vexa::daemon

@@ -6,6 +6,7 @@
 
 #include <boost/asio/post.hpp>
 #include <exception>
+#include <utility>
 
 #include "host/daemon/http_connection.h"
 #include "host/daemon/http_reply.h"
@@ -167,7 +168,11 @@ void IoThread::Sweep() {
   for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
     if (!slots_[slot] || now < slots_[slot]->deadline()) continue;
     const std::shared_ptr<Connection> connection = slots_[slot];
-    connection->OnDeadline();
+    try {
+      connection->OnDeadline();
+    } catch (const std::exception&) {
+      connection->Close();  // the sweep must go on
+    }
   }
 }
 

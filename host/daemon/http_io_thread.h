@@ -4,8 +4,6 @@
 #include <array>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <chrono>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -63,10 +61,8 @@ class IoThread {
   const int number_;
   std::function<void()> on_settled_;
   boost::asio::io_context context_{1};
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
-  boost::asio::basic_waitable_timer<std::chrono::steady_clock, boost::asio::wait_traits<std::chrono::steady_clock>,
-                                    boost::asio::io_context::executor_type>
-      sweep_timer_;
+  boost::asio::executor_work_guard<Executor> work_;
+  Timer sweep_timer_;
   bool sweeping_ = false;
   std::shared_ptr<Mailbox> mailbox_;
   std::vector<std::shared_ptr<Connection>> slots_;

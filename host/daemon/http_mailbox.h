@@ -1,6 +1,7 @@
 // The way back for answers: from any thread to the I/O thread that owns the connection.
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <cstddef>
 #include <cstdint>

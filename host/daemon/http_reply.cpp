@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <charconv>
+#include <cstdio>
 #include <ctime>
 
 #include "host/daemon/http_rules.h"
@@ -128,12 +129,18 @@ void AppendReplyHead(std::string& out, const HttpResponse& response, std::string
   out.append("\r\n");
 }
 
+// By hand, as strftime() would speak the locale's language.
 std::string HttpDate(std::time_t time) {
+  static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   std::tm parts{};
   gmtime_r(&time, &parts);
   std::array<char, 64> text;
-  // The program never leaves the C locale, so the names are the protocol's.
-  return std::string(text.data(), std::strftime(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts));
+  const int size = std::snprintf(text.data(), text.size(), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[parts.tm_wday],
+                                 parts.tm_mday, kMonths[parts.tm_mon], parts.tm_year + 1900, parts.tm_hour,
+                                 parts.tm_min, parts.tm_sec);
+  return std::string(text.data(), static_cast<std::size_t>(size));
 }
 
 std::string NewRequestId() {

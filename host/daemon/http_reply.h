@@ -1,6 +1,7 @@
 // A response as bytes.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 

@@ -1,10 +1,14 @@
 #include "host/daemon/http_server.h"
 
+#include <algorithm>
+#include <atomic>
 #include <boost/asio/post.hpp>
 #include <condition_variable>
 #include <exception>
 #include <future>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "host/daemon/http_acceptor.h"
 #include "host/daemon/http_io_thread.h"

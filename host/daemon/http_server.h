@@ -64,7 +64,7 @@ class Responder {
 struct ListenerOptions {
   enum class Kind { kTcp, kUnix };
   Kind kind = Kind::kTcp;
-  std::string address = "127.0.0.1";  // numeric IPv4 or IPv6
+  std::string address = "127.0.0.1";  // numeric IPv4 or IPv6; an IPv6 listener takes IPv6 only
   std::uint16_t port = 0;             // 0: any free one, see HttpServer::port
   std::string path;                   // Unix socket; a stale one is replaced, a live one is kBusy, anything else kConflict
   mode_t mode = 0666;                 // of the Unix socket: who may connect at all; the daemon decides who may do what
@@ -120,6 +120,7 @@ class HttpServer {
 
   // Closes the listeners and idle connections, lets requests that have begun finish (their responses say
   // "Connection: close"), at most `deadline`; then closes what is left. True when nothing had to be cut. Removes Unix sockets.
+  // Not from the callbacks in ServerOptions: it waits for the threads that run them.
   bool Stop(std::chrono::milliseconds deadline);
 
   ServerStats stats() const;

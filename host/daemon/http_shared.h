@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/io_context.hpp>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -14,10 +16,12 @@
 
 namespace vexa::daemon {
 
-// One type for TCP and Unix sockets, bound to a context's executor directly: each context has one thread, so there is
-// nothing to serialise and nothing to look up at run time.
-using StreamSocket =
-    boost::asio::basic_stream_socket<boost::asio::generic::stream_protocol, boost::asio::io_context::executor_type>;
+// Bound to a context's executor directly: each context has one thread, so there is nothing to serialise and nothing to
+// look up at run time. One type of socket for TCP and Unix.
+using Executor = boost::asio::io_context::executor_type;
+using StreamSocket = boost::asio::basic_stream_socket<boost::asio::generic::stream_protocol, Executor>;
+using Timer = boost::asio::basic_waitable_timer<std::chrono::steady_clock,
+                                                boost::asio::wait_traits<std::chrono::steady_clock>, Executor>;
 
 // Threads: any; `options` does not change once the server runs.
 struct ServerShared {

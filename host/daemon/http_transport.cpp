@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <limits>
+#include <new>
 
 namespace vexa::daemon {
 namespace {

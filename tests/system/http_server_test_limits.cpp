@@ -56,6 +56,9 @@ TEST(HttpDeadlines, HeaderThatDrips_IsCutWith408) {
   Client client = server.Connect();
   const auto start = Clock::now();
   std::atomic<bool> answered = false;
+  // An earlier request on the connection must not colour the answer: neither its id nor its missing body.
+  ASSERT_TRUE(client.Send("HEAD / HTTP/1.1\r\nHost: nas\r\n\r\n"));
+  const std::string earlier_id = client.Receive(Client::Expect::kHead).field("x-request-id");
   ASSERT_TRUE(client.Send("GET / HTTP/1.1\r\n"));
   std::thread drip([&] {
     while (!answered && client.Send("X")) std::this_thread::sleep_for(milliseconds(50));
@@ -64,6 +67,9 @@ TEST(HttpDeadlines, HeaderThatDrips_IsCutWith408) {
   answered = true;
   drip.join();
   EXPECT_EQ(reply.status, 408);
+  EXPECT_EQ(reply.field("x-request-id").size(), 16U);
+  EXPECT_NE(reply.field("x-request-id"), earlier_id);
+  EXPECT_EQ(reply.body, "error 408 " + reply.field("x-request-id"));
   EXPECT_GE(Clock::now() - start, milliseconds(600));
 }
 
