@@ -20,7 +20,8 @@ struct LoginLimiterOptions {
 
 // Token buckets per peer address and per user name. Only failures use tokens up.
 // The IPv6 addresses of one /64 are one peer: whoever has one of them has all. Names that no user can have are one
-// name. Threads: any, at the same time.
+// name.
+// Threads: any, at the same time.
 class LoginLimiter {
  public:
   explicit LoginLimiter(const LoginLimiterOptions& options);

@@ -31,7 +31,8 @@ struct NewSession {
 // Sessions survive a restart: they are kept in a file (0600, replaced atomically) that holds SHA-256 hashes of the
 // tokens, never the tokens:
 //   {"version": 1, "sessions": [{"hash": "…", "csrf_hash": "…", "user": "alice", "created": 1, "last_used": 1}]}
-// with hashes as base64url without padding and times in Unix seconds. Last use is written by Sweep alone.
+// with hashes as base64url without padding and times in Unix seconds. Last uses go
+// along with every write, and cause one in Sweep alone.
 //
 // A clock that jumps: an elapsed time below zero counts as zero, a creation in the future as now, a last use never
 // moves backwards, and what was once seen expired stays so.

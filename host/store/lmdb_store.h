@@ -9,9 +9,9 @@
 namespace vexa::store {
 
 struct LmdbOptions {
-  std::string directory;                                  // created (0700) when missing; its files are 0600
-  std::size_t initial_map_bytes = std::size_t{64} << 20;  // grows by itself
-  std::size_t change_log_length = 100'000;                // commits that a watch can look back on
+  std::string directory;                                 // created (0700) when missing; its files are 0600
+  std::size_t initial_map_bytes = std::size_t{1} << 30;  // address space, not memory or disk; grows by itself
+  std::size_t change_log_length = 100'000;               // commits that a watch can look back on
 };
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind.

@@ -138,7 +138,7 @@ TEST_F(Manifest, WrongMembers_AreRefusedWithASentence) {
       {"{}", "The manifest's root has no 'guests': give an array of objects with a 'file' each"},
       {R"({"guests": {}})", "The manifest's root has no 'guests': give an array of objects with a 'file' each"},
       {R"({"guest": []})", "The manifest's root has the unknown member 'guest': remove it"},
-      {R"({"guests": [], "a\nb": 1})", "The manifest's root has the unknown member 'a?b': remove it"},
+      {R"({"guests": [], "a\nb": 1})", "The manifest's root has the unknown member 'a\\nb': remove it"},
       {R"({"guests": [], "host_id": 1})", "The manifest's root has a 'host_id' that is no UUID"},
       {R"({"guests": [], "repository_id": ""})", "The manifest's root has a 'repository_id' that is no UUID"},
       {R"({"guests": [], "networks": []})", "The manifest's 'networks' is no object of names and UUIDs"},
