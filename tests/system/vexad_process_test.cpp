@@ -1,0 +1,237 @@
+// The daemon as a program: flags, start, log lines, signals, restarts.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <thread>
+
+#include "host/base/account_file.h"
+#include "host/daemon/host_id.h"
+#include "tests/support/http_client.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using vexa::test::HttpClient;
+using vexa::test::HttpReply;
+using vexa::test::Process;
+using vexa::test::RunProcess;
+
+constexpr std::chrono::seconds kPatience{60};
+const std::string kGetPath = "/webapi/VEXA.Virtualization.Guest/get";
+
+class Vexad : public testing::Test {
+ protected:
+  void SetUp() override {
+    const auto accounts = vexa::base::AccountFile::Open(folder_.File("accounts.json"));
+    ASSERT_TRUE(accounts.ok());
+    vexa::base::AccountFile::NewUser admin;
+    admin.name = "admin";
+    admin.password = "correct horse";
+    admin.groups = {"administrators"};
+    ASSERT_TRUE((*accounts)->AddUser(admin).ok());
+  }
+
+  std::vector<std::string> Arguments(const std::vector<std::string>& further = {}) const {
+    std::vector<std::string> arguments{
+        VEXAD_PROGRAM, "--data",          folder_.File("data"), "--account-file", folder_.File("accounts.json"),
+        "--socket",    folder_.File("s"), "--listen",           "127.0.0.1:0",    "--log",
+        "stderr"};
+    arguments.insert(arguments.end(), further.begin(), further.end());
+    return arguments;
+  }
+
+  std::unique_ptr<Process> Start(const std::vector<std::string>& further = {},
+                                 const std::map<std::string, std::optional<std::string>>& environment = {}) const {
+    auto process =
+        std::make_unique<Process>(vexa::test::ProcessOptions{.argv = Arguments(further), .environment = environment});
+    EXPECT_TRUE(process->WaitForText("Ready.", kPatience)) << process->errors();
+    return process;
+  }
+
+  static HttpClient Tcp(const Process& process) {
+    std::smatch match;
+    const std::string log = process.errors();
+    EXPECT_TRUE(std::regex_search(log, match, std::regex(R"(Listening on (http://127\.0\.0\.1:[0-9]+)\.)"))) << log;
+    vexa::test::HttpTarget target;
+    target.url = match[1];
+    return HttpClient(target);
+  }
+
+  HttpClient Unix() const {
+    vexa::test::HttpTarget target;
+    target.url = "http://localhost";
+    target.unix_socket = folder_.File("s");
+    return HttpClient(target);
+  }
+
+  static void ExpectCode(const std::optional<vexa::test::ExitStatus>& status, int code) {
+    ASSERT_TRUE(status.has_value()) << "it still runs";
+    EXPECT_EQ(status->code, code);
+  }
+
+  vexa::test::TempDir folder_;
+};
+
+TEST_F(Vexad, LogLinesOfARequest_CarryTheIdOfItsReply) {
+  const auto process = Start();
+  HttpClient client = Unix();
+  const HttpReply reply = client.PostJson(kGetPath, "{\"guest_id\":\"a\\nb\"}");
+  EXPECT_EQ(reply.status, 400);
+  const std::string line =
+      "Bad parameters, request: {\"guest_id\":\"a\\nb\"} [request " + reply.headers.at("x-request-id") + "]\n";
+  EXPECT_TRUE(process->WaitForText(line, kPatience)) << process->errors();
+  EXPECT_TRUE(std::regex_search(process->errors(), std::regex("vexad: guest:[0-9]+ Bad parameters")))
+      << process->errors();
+}
+
+TEST_F(Vexad, Terminate_EndsWithZeroAndRemovesTheSocket) {
+  const auto process = Start();
+  EXPECT_EQ(Unix().Get("/healthz").status, 200);
+  process->Signal(SIGTERM);
+  ExpectCode(process->Wait(kPatience), 0);
+  EXPECT_FALSE(std::ifstream(folder_.File("s")).good());
+  struct stat info {};
+  EXPECT_NE(::stat(folder_.File("s").c_str(), &info), 0);
+}
+
+TEST_F(Vexad, SecondSignal_EndsItAtOnce) {
+  const auto process = Start();
+  // A request that has begun and does not end: its body does not come.
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  folder_.File("s").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const std::string head = "POST " + kGetPath +
+                           " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: 9\r\n"
+                           "Expect: 100-continue\r\n\r\n";
+  ASSERT_EQ(::send(fd, head.data(), head.size(), MSG_NOSIGNAL), static_cast<ssize_t>(head.size()));
+  char buffer[64];
+  ASSERT_GT(::recv(fd, buffer, sizeof buffer, 0), 0) << "100 Continue: the request has begun";
+  process->Signal(SIGTERM);
+  EXPECT_TRUE(process->WaitForText("Stopping.", kPatience));
+  EXPECT_FALSE(process->Wait(std::chrono::milliseconds(500)).has_value()) << "it waits for the request";
+  process->Signal(SIGTERM);
+  ExpectCode(process->Wait(std::chrono::seconds(10)), 128 + SIGTERM);
+  ::close(fd);
+}
+
+TEST_F(Vexad, Restart_KeepsSessionsAndTheHostId) {
+  std::string token;
+  {
+    const auto process = Start();
+    HttpClient client = Tcp(*process);
+    const HttpReply reply =
+        client.PostJson("/webapi/VEXA.Core.Session/login", R"({"user":"admin","password":"correct horse"})");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(reply.body, match, std::regex(R"re("token":"([^"]+)")re"))) << reply.body;
+    token = match[1];
+    // No chance to write anything.
+    process->Signal(SIGKILL);
+    ASSERT_TRUE(process->Wait(kPatience).has_value());
+  }
+  const auto host_id = vexa::daemon::LoadHostId(folder_.File("data"));
+  ASSERT_TRUE(host_id.ok());
+  const auto process = Start();  // over the stale Unix socket as well
+  HttpClient client = Tcp(*process);
+  client.SetHeader("Authorization", "Bearer " + token);
+  EXPECT_EQ(client.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200);
+  EXPECT_EQ(*vexa::daemon::LoadHostId(folder_.File("data")), *host_id);
+}
+
+TEST_F(Vexad, DataFiles_AreReadableByTheirOwnerOnly) {
+  const auto process = Start();
+  HttpClient client = Tcp(*process);
+  (void)client.PostJson("/webapi/VEXA.Core.Session/login", R"({"user":"admin","password":"correct horse"})");
+  for (const char* name : {"data/host-id", "data/sessions.json", "data/store", "data", "accounts.json"}) {
+    struct stat info {};
+    ASSERT_EQ(::stat(folder_.File(name).c_str(), &info), 0) << name;
+    EXPECT_EQ(info.st_mode & 077, 0u) << name;
+  }
+}
+
+TEST_F(Vexad, SecondDaemonOnTheSameSocket_SaysSoAndEndsWithOne) {
+  const auto process = Start();
+  const auto second = RunProcess({.argv = Arguments({"--data", folder_.File("other")})});
+  EXPECT_EQ(second.exit_code, 2) << "a flag given twice";
+  std::vector<std::string> arguments = Arguments();
+  arguments[2] = folder_.File("other");
+  const auto other = RunProcess({.argv = arguments});
+  EXPECT_EQ(other.exit_code, 1);
+  EXPECT_NE(other.errors.find(folder_.File("s")), std::string::npos) << other.errors;
+}
+
+TEST_F(Vexad, DamagedSessions_AreRefusedWithTheFilesName) {
+  Start()->Signal(SIGTERM);
+  std::ofstream(folder_.File("data/sessions.json"), std::ios::trunc) << "{";
+  const auto result = RunProcess({.argv = Arguments()});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_NE(result.errors.find("sessions.json"), std::string::npos) << result.errors;
+}
+
+TEST_F(Vexad, ServiceManager_IsToldReadyAndStopping) {
+  const std::string path = folder_.File("notify");
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const timeval patience{.tv_sec = 60, .tv_usec = 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const auto process = Start({}, {{"NOTIFY_SOCKET", path}});
+  char buffer[32] = {};
+  ASSERT_GT(::recv(fd, buffer, sizeof buffer - 1, 0), 0);
+  EXPECT_STREQ(buffer, "READY=1");
+  process->Signal(SIGINT);
+  char stopping[32] = {};
+  ASSERT_GT(::recv(fd, stopping, sizeof stopping - 1, 0), 0);
+  EXPECT_STREQ(stopping, "STOPPING=1");
+  ExpectCode(process->Wait(kPatience), 0);
+  ::close(fd);
+}
+
+TEST_F(Vexad, CheckConfig_TellsWithoutStarting) {
+  const auto good = RunProcess({.argv = Arguments({"--check-config"})});
+  EXPECT_EQ(good.exit_code, 0);
+  EXPECT_EQ(good.output, "The configuration is valid.\n");
+  struct stat info {};
+  EXPECT_NE(::stat(folder_.File("data").c_str(), &info), 0) << "nothing may be made";
+  const auto bad = RunProcess({.argv = {VEXAD_PROGRAM, "--listen", "0.0.0.0:1", "--check-config"}});
+  EXPECT_EQ(bad.exit_code, 2);
+  EXPECT_NE(bad.errors.find("can be reached by other machines"), std::string::npos) << bad.errors;
+}
+
+TEST_F(Vexad, HelpAndVersion_ArePrinted) {
+  const auto help = RunProcess({.argv = {VEXAD_PROGRAM, "--help"}});
+  EXPECT_EQ(help.exit_code, 0);
+  for (const char* text : {"--listen", "--check-config", "a second signal"}) {
+    EXPECT_NE(help.output.find(text), std::string::npos) << text;
+  }
+  EXPECT_EQ(RunProcess({.argv = {VEXAD_PROGRAM, "--version"}}).exit_code, 0);
+}
+
+TEST_F(Vexad, TheCommandLine_ReadsAGuestOverTheUnixSocket) {
+  const std::string manifest = std::string(VEXA_SOURCE_DIR) + "/examples/cluster.json";
+  const auto import =
+      RunProcess({.argv = {VEXA_PROGRAM, "import", "--data", folder_.File("data"), "--manifest", manifest}});
+  ASSERT_EQ(import.exit_code, 0) << import.errors;
+  const auto process = Start();
+  const auto get = RunProcess({.argv = {VEXA_PROGRAM, "--socket", folder_.File("s"), "--json", "guest", "get",
+                                        "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211"}});
+  EXPECT_EQ(get.exit_code, 0) << get.errors;
+  EXPECT_NE(get.output.find("\"web-1\""), std::string::npos) << get.output;
+  // A change of the store by another process is seen by the next request.
+  const auto again = RunProcess(
+      {.argv = {VEXA_PROGRAM, "import", "--replace", "--data", folder_.File("data"), "--manifest", manifest}});
+  EXPECT_EQ(again.exit_code, 0) << again.errors;
+  EXPECT_EQ(RunProcess({.argv = {VEXA_PROGRAM, "--socket", folder_.File("s"), "health"}}).exit_code, 0);
+}
+
+}  // namespace
