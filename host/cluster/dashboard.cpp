@@ -25,14 +25,17 @@ std::string FolderOf(const DashCate& category, const std::string& id) {
   return vexa::store::MakeKey({"dash", category.name(), id});
 }
 
-// Finds the value of `key`: stored on its own, else among the members of the record. `use` gets it when found.
+// Finds the value of `key` in the folder `path`: stored on its own, else among the members of the record. `use` gets it
+// when found.
 template <class Use>
-int Find(const std::string& folder, const std::string& key, Use use) {
-  const vexa::Result<Record> own = ReadRecord(folder + "/" + key);
+int Find(std::string path, const std::string& key, Use use) {
+  path += '/';
+  const std::size_t folder_size = path.size();
+  const vexa::Result<Record> own = ReadRecord(path.append(key));
   if (!own) return kFailed;
   if (*own) return use(**own);
   if (key == _k::object) return kNotFound;
-  const vexa::Result<Record> record = ReadRecord(folder + "/" + _k::object);
+  const vexa::Result<Record> record = ReadRecord(path.replace(folder_size, std::string::npos, _k::object));
   if (!record) return kFailed;
   const Json::Value* member = *record ? json::FindMember(**record, key) : nullptr;
   return member ? use(*member) : kNotFound;

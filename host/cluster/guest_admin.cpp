@@ -65,9 +65,10 @@ int gaUserListAvail(const std::string& user, const std::string& category, std::s
   const auto records = vexa::cluster::RecordsOf(user);
   if (!records) return -1;
   for (const auto& record : *records) {
-    for (std::string& id : vexa::cluster::json::MemberNames(vexa::cluster::json::Member(*record, DB::_k::guests))) {
-      ids.insert(std::move(id));
-    }
+    const Json::Value& guests = vexa::cluster::json::Member(*record, DB::_k::guests);
+    if (!guests.isObject()) continue;
+    // The names come in byte order, so the last place is mostly the right one.
+    for (auto grant = guests.begin(); grant != guests.end(); ++grant) ids.insert(ids.end(), grant.name());
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/cluster/record_names.h"
 
 namespace vexa::cluster {
 namespace {
@@ -23,7 +24,7 @@ Result<Record> RecordCache::Parse(std::string_view key, const store::ValueView& 
     return Error(ErrorCode::kCorrupt, "The record '" + std::string(key) + "' cannot be read",
                  parsed.error().ToString());
   }
-  Record record = std::make_shared<const Json::Value>(std::move(*parsed));
+  Record record = std::make_shared<const Json::Value>(WithSharedNames(std::move(*parsed)));
   Insert(shard, {std::string(key), value.revision, record, kEntryBytes + kParsedFactor * value.text.size()});
   return record;
 }

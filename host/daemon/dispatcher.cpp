@@ -23,6 +23,8 @@ using webapi::Caller;
 
 constexpr std::string_view kApiPrefix = "/webapi/";
 constexpr std::string_view kVersionQuery = "version=";
+// Set aside for a reply before its size is known.
+constexpr std::size_t kUsualReplyBytes = 2048;
 
 using Clock = std::chrono::steady_clock;
 
@@ -32,7 +34,10 @@ HttpResponse MakeErrorReply(int code, const std::string& request_id) {
 
 HttpResponse MakeSuccessReply(const Json::Value& data, const std::string& request_id) {
   HttpResponse response;
-  response.body = "{\"success\":true,\"data\":" + json::ToText(data) + ",\"request_id\":\"" + request_id + "\"}";
+  response.body.reserve(kUsualReplyBytes);
+  response.body += "{\"success\":true,\"data\":";
+  json::AppendText(response.body, data);
+  response.body.append(",\"request_id\":\"").append(request_id).append("\"}");
   return response;
 }
 

@@ -1,6 +1,7 @@
 #include "host/store/key.h"
 
 #include <algorithm>
+#include <array>
 
 namespace vexa::store {
 namespace {
@@ -8,10 +9,16 @@ namespace {
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 constexpr std::string_view kEmptySegment = "%";
 
-bool IsPlain(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-         std::string_view("-_.~:@+").find(c) != std::string_view::npos;
-}
+// By byte. A table, as every byte of every key that is read or written is looked up.
+constexpr std::array<bool, 256> kPlain = [] {
+  std::array<bool, 256> plain{};
+  for (const char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~:@+")) {
+    plain[static_cast<unsigned char>(c)] = true;
+  }
+  return plain;
+}();
+
+bool IsPlain(char c) { return kPlain[static_cast<unsigned char>(c)]; }
 
 void AppendEscaped(std::string& out, char c) {
   const auto byte = static_cast<unsigned char>(c);
@@ -20,13 +27,13 @@ void AppendEscaped(std::string& out, char c) {
   out += kHexDigits[byte & 0x0F];
 }
 
-}  // namespace
-
-std::string EncodeSegment(std::string_view segment) {
-  if (segment.empty()) return std::string(kEmptySegment);
+void AppendSegment(std::string& out, std::string_view segment) {
+  if (segment.empty()) out += kEmptySegment;
   const bool only_dots = segment.find_first_not_of('.') == std::string_view::npos;
-  std::string out;
-  out.reserve(segment.size());
+  if (!only_dots && std::all_of(segment.begin(), segment.end(), IsPlain)) {
+    out += segment;
+    return;
+  }
   for (std::size_t i = 0; i < segment.size(); ++i) {
     if (IsPlain(segment[i]) && !(only_dots && i == 0)) {
       out += segment[i];
@@ -34,6 +41,14 @@ std::string EncodeSegment(std::string_view segment) {
       AppendEscaped(out, segment[i]);
     }
   }
+}
+
+}  // namespace
+
+std::string EncodeSegment(std::string_view segment) {
+  std::string out;
+  out.reserve(segment.size());
+  AppendSegment(out, segment);
   return out;
 }
 
@@ -59,10 +74,12 @@ std::optional<std::string> DecodeSegment(std::string_view encoded) {
 }
 
 std::string MakeKey(std::initializer_list<std::string_view> segments) {
+  constexpr std::size_t kUsualKeyBytes = 72;
   std::string key;
+  key.reserve(kUsualKeyBytes);
   for (const std::string_view segment : segments) {
     key += '/';
-    key += EncodeSegment(segment);
+    AppendSegment(key, segment);
   }
   return key;
 }

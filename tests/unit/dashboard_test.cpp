@@ -6,6 +6,7 @@
 
 #include "host/cluster/environment.h"
 #include "host/cluster/record_cache.h"
+#include "host/cluster/record_names.h"
 #include "host/store/key.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
@@ -130,6 +131,17 @@ TEST(Constants, StateTexts_AreDistinctAcrossAllKinds) {
 // The cache.
 
 using vexa::cluster::RecordCache;
+
+TEST(WithSharedNames, AnyRecord_IsEqualToWhatItWas) {
+  for (const char* text : {R"({"name":"web","vdisks":["d"],"usual":{"name":1},"unusual \u0000":null,"":2,"nam":3})",
+                           "{}", "[1]", "null", R"("name")"}) {
+    Json::Value shared = vexa::cluster::WithSharedNames(Parsed(text));
+    EXPECT_EQ(shared, Parsed(text));
+    const Json::Value copy = shared;
+    shared = Json::Value();
+    EXPECT_EQ(copy, Parsed(text)) << "copies stand alone";
+  }
+}
 
 TEST(RecordCache, SameRevision_IsParsedOnce) {
   RecordCache cache(1 << 20);

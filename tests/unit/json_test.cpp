@@ -2,6 +2,7 @@
 #include "webapi/utils/json.h"
 
 #include <gtest/gtest.h>
+#include <json/writer.h>
 
 #include <cmath>
 #include <limits>
@@ -128,6 +129,45 @@ TEST(ToText, AnyTree_IsCompactOnOneLine) {
   EXPECT_EQ(json::ToText(Value(Json::arrayValue)), "[]");
   EXPECT_EQ(json::ToText(Value(Json::objectValue)), "{}");
   EXPECT_EQ(json::ToText(Value("%s%n")), "\"%s%n\"");
+}
+
+std::string WrittenByJsoncpp(const Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["commentStyle"] = "None";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, value);
+}
+
+TEST(ToText, EveryKindOfValue_IsWrittenAsJsoncppDoes) {
+  Value all(Json::arrayValue);
+  for (const Row& row : kRows) all.append(row.value);
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string text = std::string("a") + static_cast<char>(byte) + "b" + static_cast<char>(byte);
+    all.append(text);
+    Value named(Json::objectValue);
+    named[text] = byte;
+    all.append(named);
+  }
+  for (const double number : {0.0, -0.0, 0.1, 1.0, -1.5, 1e-300, 1e300, 123456789.0, 1.0 / 3, kInfinity, -kInfinity}) {
+    all.append(number);
+  }
+  all.append(std::nan(""));
+  all.append(Value::minLargestInt);
+  all.append(Value::maxLargestUInt);
+  all.append(Json::stringValue);
+  Value with_holes(Json::arrayValue);
+  with_holes[3] = "the only one that was set";
+  all.append(with_holes);
+  EXPECT_EQ(json::ToText(all), WrittenByJsoncpp(all));
+  for (const Value& value : all) EXPECT_EQ(json::ToText(value), WrittenByJsoncpp(value));
+}
+
+TEST(AppendText, WhatIsThere_Stays) {
+  std::string text = "data:";
+  json::AppendText(text, Value(7));
+  json::AppendText(text, Value(true));
+  EXPECT_EQ(text, "data:7true");
 }
 
 }  // namespace

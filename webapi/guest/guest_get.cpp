@@ -1,3 +1,4 @@
+#include <cstddef>
 #include <string>
 #include <utility>
 
@@ -18,6 +19,9 @@ constexpr int kBadParameter = 401;
 constexpr int kUnreadable = 403;
 constexpr int kNotAllowed = 409;
 constexpr int kUnknownDiskType = 413;
+
+// Members of replies. jsoncpp neither copies nor frees a name that lives for ever.
+Json::StaticString operator""_name(const char* text, std::size_t /*size*/) { return Json::StaticString(text); }
 
 constexpr Json::ArrayIndex kUsbPorts = 4;
 constexpr int kShownDiskFormat = 2;
@@ -62,52 +66,52 @@ Json::Value UsbPorts(const Json::Value& record) {
 
 Json::Value GeneralSettings(const Json::Value& record) {
   Json::Value reply(Json::objectValue);
-  reply["name"] = json::Member(record, key::name);
-  reply["repo_id"] = json::Member(record, key::repository_id);
-  reply["vcpu_num"] = json::Int(json::Member(record, key::vcpu_num));
+  reply["name"_name] = json::Member(record, key::name);
+  reply["repo_id"_name] = json::Member(record, key::repository_id);
+  reply["vcpu_num"_name] = json::Int(json::Member(record, key::vcpu_num));
   // MiB to KiB in 64 bits; unsigned, so that no stored number makes the shift undefined.
   const auto vram_mib = static_cast<Json::UInt64>(json::Int64(json::Member(record, key::vram_size)));
-  reply["vram_size"] = static_cast<Json::Int64>(vram_mib << 10);
-  reply["video_card"] = StringOr(record, key::video_card, "cirrus");
-  reply["cpu_passthru"] = json::Bool(json::Member(record, key::cpu_passthru));
-  reply["vdisks"] = Json::Value(Json::arrayValue);
-  reply["vnics"] = Json::Value(Json::arrayValue);
-  reply["autorun"] = IntOr(record, key::autorun, 0);
-  reply["is_ha_enabled"] = !StringOr(record, key::ha_group_id, "").empty();
-  reply["desc"] = StringOr(record, key::desc, "");
-  reply["boot_from"] = StringOr(record, key::boot_from, "disk");
-  reply["use_ovmf"] = json::Bool(json::Member(record, key::use_ovmf));
-  reply["usb_version"] = IntOr(record, key::usb_version, 2);
-  reply["usbs"] = UsbPorts(record);
-  reply["kb_layout"] = StringOr(record, key::kb_layout, "Default");
-  reply["cpu_pin_num"] = IntOr(record, key::cpu_pin_num, 0);
-  reply["cpu_weight"] = IntOr(record, key::cpu_weight, 256);
+  reply["vram_size"_name] = static_cast<Json::Int64>(vram_mib << 10);
+  reply["video_card"_name] = StringOr(record, key::video_card, "cirrus");
+  reply["cpu_passthru"_name] = json::Bool(json::Member(record, key::cpu_passthru));
+  reply["vdisks"_name] = Json::Value(Json::arrayValue);
+  reply["vnics"_name] = Json::Value(Json::arrayValue);
+  reply["autorun"_name] = IntOr(record, key::autorun, 0);
+  reply["is_ha_enabled"_name] = !StringOr(record, key::ha_group_id, "").empty();
+  reply["desc"_name] = StringOr(record, key::desc, "");
+  reply["boot_from"_name] = StringOr(record, key::boot_from, "disk");
+  reply["use_ovmf"_name] = json::Bool(json::Member(record, key::use_ovmf));
+  reply["usb_version"_name] = IntOr(record, key::usb_version, 2);
+  reply["usbs"_name] = UsbPorts(record);
+  reply["kb_layout"_name] = StringOr(record, key::kb_layout, "Default");
+  reply["cpu_pin_num"_name] = IntOr(record, key::cpu_pin_num, 0);
+  reply["cpu_weight"_name] = IntOr(record, key::cpu_weight, 256);
   if (const Json::Value* value = json::FindMember(record, key::hyperv_enlighten))
-    reply["hyperv_enlighten"] = json::Bool(*value);
-  if (const Json::Value* value = json::FindMember(record, key::iso_images)) reply["iso_images"] = *value;
-  if (const Json::Value* value = json::FindMember(record, key::is_general_vm)) reply["is_general_vm"] = *value;
+    reply["hyperv_enlighten"_name] = json::Bool(*value);
+  if (const Json::Value* value = json::FindMember(record, key::iso_images)) reply["iso_images"_name] = *value;
+  if (const Json::Value* value = json::FindMember(record, key::is_general_vm)) reply["is_general_vm"_name] = *value;
   return reply;
 }
 
 Json::Value Disk(const std::string& id, const Json::Value& record, const char* type_word) {
   Json::Value disk(Json::objectValue);
-  disk["vdisk_id"] = id;
-  disk["size"] = json::String(json::Member(record, key::size));
-  disk["lun_type"] = type_word;
-  disk["vdisk_mode"] = IntOr(record, key::vdisk_mode, 1);
-  disk["is_dummy"] = json::Bool(json::Member(record, key::is_dummy));
-  disk["unmap"] = json::Bool(json::Member(record, key::unmap));
-  disk["is_meta_disk"] = json::Bool(json::Member(record, key::is_meta_disk));
+  disk["vdisk_id"_name] = id;
+  disk["size"_name] = json::String(json::Member(record, key::size));
+  disk["lun_type"_name] = type_word;
+  disk["vdisk_mode"_name] = IntOr(record, key::vdisk_mode, 1);
+  disk["is_dummy"_name] = json::Bool(json::Member(record, key::is_dummy));
+  disk["unmap"_name] = json::Bool(json::Member(record, key::unmap));
+  disk["is_meta_disk"_name] = json::Bool(json::Member(record, key::is_meta_disk));
   return disk;
 }
 
 Json::Value Nic(const std::string& id, const Json::Value& record) {
   Json::Value nic(Json::objectValue);
-  nic["vnic_id"] = id;
-  nic["network_id"] = json::Member(record, key::network_group_id);
-  nic["prefer_sriov"] = json::Member(record, key::prefer_sriov);
-  nic["mac"] = json::Member(record, key::mac_address);
-  nic["vnic_type"] = json::Member(record, key::vnic_type);
+  nic["vnic_id"_name] = id;
+  nic["network_id"_name] = json::Member(record, key::network_group_id);
+  nic["prefer_sriov"_name] = json::Member(record, key::prefer_sriov);
+  nic["mac"_name] = json::Member(record, key::mac_address);
+  nic["vnic_type"_name] = json::Member(record, key::vnic_type);
   return nic;
 }
 
@@ -166,8 +170,8 @@ void Guest::Get(VEXA::APIRequest* request, VEXA::APIResponse* response) {
     return response->SetError(kUnreadable, Json::Value());
   }
   Json::Value reply = GeneralSettings(record);
-  int failure = AppendDisks(json::Member(record, key::vdisks), reply["vdisks"]);
-  if (failure == 0) failure = AppendNics(json::Member(record, key::vnics), reply["vnics"]);
+  int failure = AppendDisks(json::Member(record, key::vdisks), reply["vdisks"_name]);
+  if (failure == 0) failure = AppendNics(json::Member(record, key::vnics), reply["vnics"_name]);
   if (failure != 0) return response->SetError(failure, Json::Value());
   response->SetSuccess(reply);
 }

@@ -1,12 +1,7 @@
 #include "webapi/utils/json.h"
 
-#include <json/writer.h>
-
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <ostream>
-#include <streambuf>
 
 namespace VexaVirtualization::json {
 namespace {
@@ -38,30 +33,6 @@ bool ConvertsToInteger(const Json::Value& value) {
     default:
       return false;
   }
-}
-
-// Appends to a string. An ostringstream would copy the whole text once more to hand it out.
-class StringSink : public std::streambuf {
- public:
-  std::string text;
-
- protected:
-  std::streamsize xsputn(const char* data, std::streamsize size) override {
-    text.append(data, static_cast<std::size_t>(size));
-    return size;
-  }
-  int_type overflow(int_type c) override {
-    if (c != traits_type::eof()) text.push_back(traits_type::to_char_type(c));
-    return c;
-  }
-};
-
-std::unique_ptr<Json::StreamWriter> NewWriter() {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["commentStyle"] = "None";
-  builder["emitUTF8"] = true;
-  return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
 }
 
 const Json::Value* Find(const Json::Value& value, const char* begin, const char* end) {
@@ -115,14 +86,6 @@ std::vector<std::string> MemberNames(const Json::Value& value) {
 const Json::Value& Elements(const Json::Value& value) {
   static const Json::Value empty(Json::arrayValue);
   return value.isArray() ? value : empty;
-}
-
-std::string ToText(const Json::Value& value) {
-  thread_local const std::unique_ptr<Json::StreamWriter> writer = NewWriter();
-  StringSink sink;
-  std::ostream stream(&sink);
-  writer->write(value, &stream);
-  return std::move(sink.text);
 }
 
 }  // namespace VexaVirtualization::json

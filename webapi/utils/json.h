@@ -39,5 +39,7 @@ const Json::Value& Elements(const Json::Value& value);
 
 // The JSON text: compact, one line, no trailing newline, UTF-8 as it is.
 std::string ToText(const Json::Value& value);
+// The same, behind what `out` holds already.
+void AppendText(std::string& out, const Json::Value& value);
 
 }  // namespace VexaVirtualization::json
