@@ -1,5 +1,7 @@
 // Requests from a network: how the bytes were cut into packets changes neither what a request is nor where it ends.
+#include <algorithm>
 #include <string>
+#include <string_view>
 
 #include "fuzz/check.h"
 #include "host/daemon/http_parser.h"
@@ -11,15 +13,21 @@ using vexa::daemon::RequestParser;
 using vexa::fuzz::Check;
 
 constexpr std::size_t kBodyLimit = 300;
+// Between chunks, fewer bytes than this are not looked at yet.
+constexpr std::size_t kShortestChunkEnd = 5;
 
 struct Outcome {
   int status = 0;
   bool done = false;
   std::size_t consumed = 0;
+  std::size_t waiting = 0;  // given, and looked at again when more comes
   std::string body;
-
-  bool operator==(const Outcome&) const = default;
 };
+
+// The refusal of the last bytes may still be to come.
+bool IsUndecided(const Outcome& outcome) {
+  return outcome.status == 0 && !outcome.done && outcome.waiting < kShortestChunkEnd;
+}
 
 // Gives `bytes` in pieces of `piece`, as a network might.
 Outcome ReadBody(RequestParser& parser, std::string_view bytes, std::size_t piece) {
@@ -38,6 +46,7 @@ Outcome ReadBody(RequestParser& parser, std::string_view bytes, std::size_t piec
     outcome.status = progress.status;
   }
   Check(outcome.status == 0 || outcome.status == 400 || outcome.status == 413, "a body is refused in one of two ways");
+  outcome.waiting = waiting.size();
   outcome.body = parser.request().body;
   Check(outcome.body.size() <= kBodyLimit, "no body exceeds the limit");
   return outcome;
@@ -68,8 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Outcome whole = ReadRequest(head, body, std::string_view::npos);
   for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{7}}) {
     const Outcome cut = ReadRequest(head, body, piece);
+    if (whole.status != 0 && IsUndecided(cut)) continue;
     Check(cut.status == whole.status && cut.done == whole.done, "packets do not change the outcome");
-    if (whole.done) Check(cut == whole, "packets do not change the request");
+    if (!whole.done) continue;
+    Check(cut.consumed == whole.consumed && cut.body == whole.body, "packets do not change the request");
   }
   return 0;
 }
