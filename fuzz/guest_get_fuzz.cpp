@@ -23,8 +23,7 @@ constexpr const char* kUser = "alice";
 
 struct Ground {
   vexa::test::TestHost host;
-  const std::string admin_record =
-      vexa::cluster::GuestAdminIdentifier(vexa::cluster::kUsersKind, host.AddUser(kUser));
+  const std::string admin_record = vexa::cluster::GuestAdminIdentifier(vexa::cluster::kUsersKind, host.AddUser(kUser));
 };
 
 vexa::store::Operation Stored(const char* category, const std::string& id, std::string_view text) {

@@ -29,8 +29,9 @@ void CheckAccepted(std::string_view head) {
   }
 
   std::string lower(head);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c); });
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c);
+  });
   const std::size_t lengths = CountFields(lower, "content-length");
   const std::size_t encodings = CountFields(lower, "transfer-encoding");
   Check(lengths + encodings <= 1, "one framing");
