@@ -28,11 +28,11 @@ Status CheckMembers(const Json::Value& object, const std::string& where, std::in
 }
 
 // Leaves `id` alone when there is no such member.
-Status TakeUuid(const Json::Value& object, const char* member, const std::string& where, std::string& id) {
+Status TakeUuid(const Json::Value& object, const std::string& member, const std::string& where, std::string& id) {
   if (!object.isMember(member)) return {};
   const Json::Value& value = object[member];
   const std::string uuid = value.isString() ? hypervisor::NormalizeUuid(value.asString()) : "";
-  if (uuid.empty()) return Refused(where, "has a '" + std::string(member) + "' that is no UUID");
+  if (uuid.empty()) return Refused(where, "has a '" + member + "' that is no UUID");
   id = uuid;
   return {};
 }
@@ -41,7 +41,7 @@ Status TakeNetworks(const Json::Value& networks, hypervisor::ImportOptions& opti
   if (networks.isNull()) return {};
   if (!networks.isObject()) return Refused("'networks'", "is no object of names and UUIDs");
   for (const std::string& name : networks.getMemberNames()) {
-    if (Status taken = TakeUuid(networks, name.c_str(), "'networks'", options.networks[name]); !taken) return taken;
+    if (Status taken = TakeUuid(networks, name, "'networks'", options.networks[name]); !taken) return taken;
   }
   return {};
 }

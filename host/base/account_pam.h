@@ -1,4 +1,5 @@
-// The account provider of a managed machine: PAM checks passwords (pam(3)), NSS knows users and groups (nsswitch.conf(5)).
+// The account provider of a managed machine: PAM checks passwords (pam(3)), NSS knows users and groups
+// (nsswitch.conf(5)).
 #pragma once
 
 #include <memory>

@@ -41,8 +41,8 @@ class AccountProvider {
   virtual Result<User> VerifyPassword(const std::string& name, const std::string& password) const = 0;
 };
 
-// Whether `name` may be a user's or group's name: 1 to 64 bytes of letters, digits and . _ - @ \ , starting with a letter,
-// a digit or an underscore.
+// Whether `name` may be a user's or group's name: 1 to 64 bytes of letters, digits and . _ - @ \ , starting with a
+// letter, a digit or an underscore.
 bool IsValidAccountName(std::string_view name);
 
 }  // namespace vexa::base

@@ -49,7 +49,7 @@ Error SystemError(ErrorCode code, std::string message, int error_number);
 template <class T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : state_(std::move(value)) {}      // NOLINT(google-explicit-constructor): `return value;` is the point
+  Result(T value) : state_(std::move(value)) {}  // NOLINT(google-explicit-constructor): `return value;` is the point
   Result(Error error) : state_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
   bool ok() const { return std::holds_alternative<T>(state_); }

@@ -7,8 +7,8 @@
 
 namespace vexa::daemon {
 
-// The UUID in the file "host-id" of the data folder; a new random one (RFC 4122, version 4) is written at the first start.
-// kCorrupt when the file holds something else.
+// The UUID in the file "host-id" of the data folder; a new random one (RFC 4122, version 4) is written at the first
+// start. kCorrupt when the file holds something else.
 Result<std::string> LoadHostId(const std::string& data_directory);
 
 }  // namespace vexa::daemon

@@ -21,6 +21,15 @@ constexpr std::size_t kShortestChunkEnd = 5;
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
 
+// Whether `bytes`, from the end of one chunk, hold the whole line that begins the next, which is not the last one.
+bool HasChunkHead(std::string_view bytes) {
+  if (bytes.starts_with("\r\n")) bytes.remove_prefix(2);
+  const std::size_t digit = bytes.find_first_not_of('0');
+  return digit != std::string_view::npos &&
+         std::string_view("123456789abcdefABCDEF").find(bytes[digit]) != std::string_view::npos &&
+         bytes.find("\r\n") != std::string_view::npos;
+}
+
 int StatusOf(const beast::error_code& error) {
   if (error == http::error::body_limit) return 413;
   if (error == http::error::bad_version) return 505;
@@ -131,6 +140,12 @@ RequestParser::Progress RequestParser::ParseBody(std::string_view bytes) {
     beast::error_code error;
     progress.consumed = impl_->put({bytes.data(), bytes.size()}, error);
     if (error && error != http::error::need_more) progress.status = StatusOf(error);
+    // An extension with an open quote: the parser would wait for the rest of a line that has ended, and take the
+    // chunk's size off the body's limit each time that it looks.
+    if (error == http::error::need_more && impl_->chunked_ && impl_->chunk_left_ == 0 &&
+        HasChunkHead(bytes.substr(progress.consumed))) {
+      progress.status = 400;
+    }
   }
   progress.done = progress.status == 0 && impl_->is_done();
   return progress;

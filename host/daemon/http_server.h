@@ -20,10 +20,11 @@ namespace vexa::daemon {
 struct Peer {
   enum class Kind { kTcp, kUnix };
   Kind kind = Kind::kTcp;
-  std::string address;              // numeric IP address; empty for a Unix socket
-  uid_t uid = 0;                    // Unix socket only: the peer's user id, from the kernel (SO_PEERCRED, unix(7))
+  std::string address;  // numeric IP address; empty for a Unix socket
+  uid_t uid = 0;        // Unix socket only: the peer's user id, from the kernel (SO_PEERCRED, unix(7))
   bool tls = false;
-  std::string certificate_name;     // TLS only: the common name of a client certificate that the listener's authority signed
+  // TLS only: the common name of a client certificate that the listener's authority signed.
+  std::string certificate_name;
 };
 
 struct HttpRequest {
@@ -66,12 +67,13 @@ struct ListenerOptions {
   Kind kind = Kind::kTcp;
   std::string address = "127.0.0.1";  // numeric IPv4 or IPv6; an IPv6 listener takes IPv6 only
   std::uint16_t port = 0;             // 0: any free one, see HttpServer::port
-  std::string path;                   // Unix socket; a stale one is replaced, a live one is kBusy, anything else kConflict
-  mode_t mode = 0666;                 // of the Unix socket: who may connect at all; the daemon decides who may do what
+  std::string path;    // Unix socket; a stale one is replaced, a live one is kBusy, anything else kConflict
+  mode_t mode = 0666;  // of the Unix socket: who may connect at all; the daemon decides who may do what
   // TLS when the first two are set. Private keys that others may read are refused.
   std::string certificate_file;
   std::string key_file;
-  std::string client_authority_file;  // set: a client may show a certificate signed by it; one that it did not sign ends the handshake
+  std::string client_authority_file;  // set: a client may show a certificate signed by it; one that it did not sign
+                                      // ends the handshake
 };
 
 struct ServerLimits {
@@ -91,7 +93,8 @@ struct ServerOptions {
   ServerLimits limits;
   int io_threads = 2;
 
-  // Called on an I/O thread after the header, before the body: a response refuses the request. Must not block. Optional.
+  // Called on an I/O thread after the header, before the body: a response refuses the request. Must not block.
+  // Optional.
   std::function<std::optional<HttpResponse>(HttpRequest&)> on_header;
   // Called on an I/O thread with the whole request. Must not block: hand longer work to a lane.
   std::function<void(HttpRequest&&, Responder)> on_request;
@@ -100,11 +103,11 @@ struct ServerOptions {
 };
 
 struct ServerStats {
-  std::size_t connections = 0;            // open now
+  std::size_t connections = 0;  // open now
   std::uint64_t connections_accepted = 0;
   std::uint64_t connections_refused = 0;  // over a limit
   std::uint64_t requests = 0;
-  std::uint64_t refused_by_server = 0;    // answered with make_error
+  std::uint64_t refused_by_server = 0;  // answered with make_error
 };
 
 // Threads: construct and destroy on one; the rest any.
@@ -119,8 +122,8 @@ class HttpServer {
   std::uint16_t port(std::size_t index) const;
 
   // Closes the listeners and idle connections, lets requests that have begun finish (their responses say
-  // "Connection: close"), at most `deadline`; then closes what is left. True when nothing had to be cut. Removes Unix sockets.
-  // Not from the callbacks in ServerOptions: it waits for the threads that run them.
+  // "Connection: close"), at most `deadline`; then closes what is left. True when nothing had to be cut. Removes Unix
+  // sockets. Not from the callbacks in ServerOptions: it waits for the threads that run them.
   bool Stop(std::chrono::milliseconds deadline);
 
   ServerStats stats() const;

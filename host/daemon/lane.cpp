@@ -53,7 +53,7 @@ bool StartThread(std::size_t stack_bytes, std::string name, std::function<void()
   });
   pthread_t thread;
   const bool started = pthread_create(&thread, &attributes, &RunThread, named.get()) == 0;
-  if (started) named.release();
+  if (started) (void)named.release();  // RunThread owns it now
   pthread_attr_destroy(&attributes);
   return started;
 }

@@ -10,13 +10,13 @@
 namespace vexa::daemon {
 
 struct LaneOptions {
-  std::string name;                              // for thread names and metrics; at most 8 characters
-  int min_threads = 1;                           // kept alive from the start; 0 is allowed
+  std::string name;     // for thread names and metrics; at most 8 characters
+  int min_threads = 1;  // kept alive from the start; 0 is allowed
   int max_threads = 64;
-  std::size_t max_queued = 4096;                 // jobs that wait for a thread
-  std::size_t max_per_user = 0;                  // jobs of one user, waiting and running; 0: no quota
-  std::chrono::milliseconds grow_after{20};      // the head of the queue waits this long before a thread is added
-  std::chrono::seconds idle_exit{10};            // a thread above min_threads ends after so long without a job
+  std::size_t max_queued = 4096;             // jobs that wait for a thread
+  std::size_t max_per_user = 0;              // jobs of one user, waiting and running; 0: no quota
+  std::chrono::milliseconds grow_after{20};  // the head of the queue waits this long before a thread is added
+  std::chrono::seconds idle_exit{10};        // a thread above min_threads ends after so long without a job
   std::size_t stack_bytes = std::size_t{1} << 20;
 };
 

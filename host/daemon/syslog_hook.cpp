@@ -26,7 +26,7 @@ void ToSystemLog(int priority, const char* format, ...) {
   va_end(arguments);
 }
 
-std::string Format(const char* format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
   const int size = std::vsnprintf(nullptr, 0, format, arguments);
@@ -39,7 +39,7 @@ std::string Format(const char* format, va_list arguments) {
   return text;
 }
 
-void Log(int priority, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void Log(int priority, const char* format, va_list arguments) {
   using namespace vexa::daemon;
   const std::string line = MakeLogLine(Format(format, arguments), CurrentRequestId());
   const LogTarget target = CurrentLogTarget();

@@ -1,0 +1,74 @@
+// Domain XML from outside: what is accepted becomes consistent records whose text is JSON, and every other text is
+// refused with a sentence.
+#include <set>
+#include <string>
+
+#include "fuzz/check.h"
+#include "host/base/json_parse.h"
+#include "host/hypervisor/domain_xml.h"
+#include "webapi/utils/json.h"
+
+namespace {
+
+namespace json = VexaVirtualization::json;
+using vexa::fuzz::Check;
+using namespace vexa::hypervisor;
+
+constexpr std::size_t kMaxNotes = 101;  // the last one says that there were others
+
+// As text, and no other guest's.
+void CheckDevices(const std::vector<std::pair<std::string, Json::Value>>& devices, const Json::Value& listed,
+                  const std::string& guest_id) {
+  Check(listed.isArray() && listed.size() == devices.size(), "the guest lists its devices");
+  std::set<std::string> ids;
+  Json::ArrayIndex index = 0;
+  for (const auto& [id, record] : devices) {
+    Check(NormalizeUuid(id) == id, "a device's id is a UUID");
+    Check(ids.insert(id).second, "no two devices have one id");
+    Check(listed[index++] == id, "devices are listed in order");
+    Check(record["guest_id"] == guest_id, "a device belongs to its guest");
+  }
+}
+
+void CheckAccepted(const ImportedGuest& guest) {
+  Check(!guest.id.empty() && NormalizeUuid(guest.id) == guest.id, "a guest's id is a UUID");
+  Check(guest.disks.size() <= kMaxDisks && guest.nics.size() <= kMaxNics, "there are no more devices than allowed");
+  Check(guest.notes.size() <= kMaxNotes, "there are no more notes than allowed");
+  CheckDevices(guest.disks, guest.guest["vdisks"], guest.id);
+  CheckDevices(guest.nics, guest.guest["vnics"], guest.id);
+  const int vcpus = json::Int(guest.guest["vcpu_num"]);
+  Check(vcpus >= 1 && vcpus <= 512, "a guest has 1 to 512 virtual CPUs");
+  const int memory_mib = json::Int(guest.guest["vram_size"]);
+  Check(memory_mib >= 1 && memory_mib <= 2'097'151, "a guest has 1 to 2097151 MiB");
+  for (const auto& [id, disk] : guest.disks) {
+    const std::string path = json::String(disk["path"]);
+    Check(path.starts_with('/') && path.find("/../") == std::string::npos, "an image's path is absolute");
+  }
+
+  const Json::Value value = ToJson(guest);
+  const auto again = vexa::ParseJson(json::ToText(value));
+  Check(again.ok() && *again == value, "records have a text that means them");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view xml = vexa::fuzz::Text(data, size);
+  ImportOptions options;
+  options.disk_sizes_mib["vdb"] = 1024;
+  options.networks["office"] = "a6d03c91-4be2-4f70-8c15-62d9e08f7b34";
+  options.size_of = [](const std::string& path, ImageFormat) -> vexa::Result<std::uint64_t> {
+    if (path.ends_with("missing")) return vexa::Error(vexa::ErrorCode::kNotFound, "There is no such image");
+    return std::uint64_t{path.size()} << 20;
+  };
+  const auto guest = ParseDomainXml(xml, options);
+  if (!guest.ok()) {
+    Check(guest.error().code() == vexa::ErrorCode::kInvalid, "a refusal is kInvalid");
+    Check(!guest.error().message().empty(), "a refusal is a sentence");
+    Check(vexa::IsValidUtf8(guest.error().ToString()), "a refusal is text");
+    return 0;
+  }
+  CheckAccepted(*guest);
+  Check(ToJson(*ParseDomainXml(xml, options)) == ToJson(*guest), "the same XML gives the same records");
+  return 0;
+}
