@@ -12,7 +12,9 @@
 #include "host/base/account_pam.h"
 #include "host/base/files.h"
 #include "host/cluster/environment.h"
+#include "host/daemon/data_lock.h"
 #include "host/daemon/dispatcher.h"
+#include "host/daemon/file_limit.h"
 #include "host/daemon/guest_api.h"
 #include "host/daemon/host_id.h"
 #include "host/daemon/http_server.h"
@@ -116,6 +118,9 @@ class Daemon::Impl {
  private:
   Status OpenData(const Config& config) {
     if (Status made = CreateDirectories(config.data_directory, 0700); !made) return made;
+    Result<DataLock> lock = DataLock::Take(config.data_directory);
+    if (!lock) return lock.error();
+    data_lock_ = std::move(*lock);
     Result<std::string> host_id = LoadHostId(config.data_directory);
     if (!host_id) return host_id.error();
     store::LmdbOptions store_options;
@@ -166,7 +171,11 @@ class Daemon::Impl {
     first_network_listener_ = config.socket.empty() ? 0 : 1;
     ServerOptions options;
     options.listeners = std::move(*listeners);
-    options.limits.connections = config.max_connections;
+    options.limits.connections = ConnectionsThatFit(config.max_connections);
+    if (options.limits.connections < config.max_connections) {
+      ::syslog(LOG_WARNING, "The limit of open files leaves room for %zu connections, not %zu.",
+               options.limits.connections, config.max_connections);
+    }
     options.limits.connections_per_peer = config.max_connections_per_peer;
     options.io_threads = config.io_threads;
     options.on_header = [this](HttpRequest& request) { return dispatcher_->OnHeader(request); };
@@ -194,6 +203,7 @@ class Daemon::Impl {
     }
   }
 
+  DataLock data_lock_;
   std::shared_ptr<store::Store> store_;
   std::shared_ptr<base::AccountProvider> accounts_;
   std::unique_ptr<SessionTable> sessions_;

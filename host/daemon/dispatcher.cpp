@@ -25,6 +25,8 @@ constexpr std::string_view kApiPrefix = "/webapi/";
 constexpr std::string_view kVersionQuery = "version=";
 // Set aside for a reply before its size is known.
 constexpr std::size_t kUsualReplyBytes = 2048;
+// What a stranger may send: a parsed body takes up to forty times its length, and nobody has shown a password yet.
+constexpr std::size_t kStrangersBodyBytes = std::size_t{16} * 1024;
 
 using Clock = std::chrono::steady_clock;
 
@@ -175,6 +177,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
     plan->caller = std::move(std::get<Caller>(identified));
   }
   if (const int code = CheckKind(row->access.value, plan->caller.kind)) return refuse(code);
+  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kStrangersBodyBytes;
   request.context = std::move(plan);
   return std::nullopt;
 }
@@ -187,13 +190,22 @@ void Dispatcher::OnRequest(HttpRequest&& request, Responder responder) {
   Lane& lane = row && row->lane.value == webapi::LaneKind::kLong ? *parts_.long_running : *parts_.quick;
   const Lane::Submitted submitted = lane.Submit(QuotaName(work->plan->caller), [this, work] {
     const RequestIdScope id_scope(work->request.id);
-    if (work->plan->row) return RunMethod(*work);
-    const int code = CheckAdministrator(work->request);
-    work->responder.Send(code == 0 ? AnswerPage(*work) : MakeErrorReply(code, work->request.id));
+    try {
+      Run(*work);
+    } catch (const std::exception& exception) {
+      // No memory, mostly. The responder answers 500 by itself, and the host serves on.
+      ::syslog(LOG_ERR, "The request failed: %s", exception.what());
+    }
   });
   if (submitted == Lane::Submitted::kAccepted) return;
   if (row) parts_.metrics->Count(*row, webapi::kErrorBusy, Clock::now() - work->plan->begun);
   work->responder.Send(MakeErrorReply(webapi::kErrorBusy, work->request.id));
+}
+
+void Dispatcher::Run(Work& work) const {
+  if (work.plan->row) return RunMethod(work);
+  const int code = CheckAdministrator(work.request);
+  work.responder.Send(code == 0 ? AnswerPage(work) : MakeErrorReply(code, work.request.id));
 }
 
 // How much is called tells an outsider something: other machines must show that they are an administrator.

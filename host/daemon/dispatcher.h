@@ -44,6 +44,7 @@ class Dispatcher {
   static bool NeedsUser(const Work& work);
   int CheckAdministrator(const HttpRequest& request) const;
   HttpResponse AnswerPage(const Work& work) const;
+  void Run(Work& work) const;
   void RunMethod(Work& work) const;
   void CallHandler(Work& work, VEXA::APIResponse& response,
                    std::vector<std::pair<std::string, std::string>>& headers) const;

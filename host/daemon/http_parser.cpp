@@ -86,11 +86,19 @@ class RequestParser::Impl : public http::basic_parser<true> {
 
   void on_header_impl(beast::error_code& /*error*/) override { head_done_ = true; }
 
-  void on_body_init_impl(const boost::optional<std::uint64_t>& length, beast::error_code& /*error*/) override {
+  void on_body_init_impl(const boost::optional<std::uint64_t>& length, beast::error_code& error) override {
+    if (length && *length > request_.body_limit) {
+      error = http::error::body_limit;
+      return;
+    }
     if (length) request_.body.reserve(static_cast<std::size_t>(std::min(*length, kFirstBodyBytes)));
   }
 
-  std::size_t on_body_impl(beast::string_view body, beast::error_code& /*error*/) override {
+  std::size_t on_body_impl(beast::string_view body, beast::error_code& error) override {
+    if (body.size() > request_.body_limit - std::min(request_.body_limit, request_.body.size())) {
+      error = http::error::body_limit;
+      return 0;
+    }
     request_.body.append(body.data(), body.size());
     return body.size();
   }

@@ -34,7 +34,8 @@ class RequestParser {
   };
   Progress ParseBody(std::string_view bytes);
 
-  // Filled by ParseHead, but for the body, which grows in ParseBody; id and peer are the caller's.
+  // Filled by ParseHead, but for the body, which grows in ParseBody; id and peer are the caller's. A body_limit that is
+  // lowered before the first ParseBody holds beside the one of the constructor.
   HttpRequest& request();
 
  private:

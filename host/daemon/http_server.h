@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,8 @@ struct HttpRequest {
   std::string csrf_token;  // X-Vexa-CSRF
   std::string origin;
   std::string body;
+  // on_header may lower this: a longer body is refused with 413 before it is in memory.
+  std::size_t body_limit = std::numeric_limits<std::size_t>::max();
   Peer peer;
   std::shared_ptr<void> context;  // what on_header leaves for on_request
 };

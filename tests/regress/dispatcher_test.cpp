@@ -1,0 +1,138 @@
+// What no test over loopback can see: callers from other machines and by certificate, and a failure beside the handler.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <new>
+
+#include "host/base/account_file.h"
+#include "host/daemon/dispatcher.h"
+#include "host/daemon/http_mailbox.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using namespace vexa::daemon;
+using vexa::webapi::Access;
+using vexa::webapi::LaneKind;
+
+constexpr const char* kPassword = "correct horse";
+
+void Succeed(const vexa::webapi::Call& call) { call.response->SetSuccess(Json::Value()); }
+
+vexa::webapi::ApiRow Row(std::string_view method, Access access) {
+  return {.api = "T",
+          .method = method,
+          .version = 1,
+          .access = access,
+          .lane = LaneKind::kQuick,
+          .handler = Succeed,
+          .summary = "",
+          .parameters = {},
+          .errors = {}};
+}
+
+class DispatcherAlone : public testing::Test {
+ protected:
+  DispatcherAlone() {
+    accounts_ = vexa::base::AccountFile::Open(folder_.File("accounts.json")).value();
+    sessions_ = SessionTable::Open(folder_.File("sessions.json"), {}).value();
+    identity_ = std::make_unique<Identity>(*sessions_, *accounts_);
+    Dispatcher::Parts parts;
+    parts.table = &table_;
+    parts.identity = identity_.get();
+    parts.metrics = &metrics_;
+    parts.quick = &lane_;
+    parts.long_running = &lane_;
+    parts.metrics_text = [this] { return metrics_text_(); };
+    parts.health = [] { return std::string(); };
+    dispatcher_ = std::make_unique<Dispatcher>(std::move(parts));
+  }
+
+  std::string TokenOf(const char* name, std::vector<std::string> groups) {
+    vexa::base::AccountFile::NewUser user;
+    user.name = name;
+    user.password = kPassword;
+    user.groups = std::move(groups);
+    EXPECT_TRUE(accounts_->AddUser(user).ok());
+    return sessions_->Create(name)->token;
+  }
+
+  HttpRequest Request(const std::string& method, const std::string& target, const std::string& token) const {
+    HttpRequest request;
+    request.method = method;
+    request.target = target;
+    request.content_type = "application/json";
+    if (!token.empty()) request.authorization = "Bearer " + token;
+    request.peer.address = address_;
+    return request;
+  }
+
+  // The status of the answer; 0 when every responder was dropped, which the server answers with 500.
+  int Send(HttpRequest request) {
+    if (const auto refusal = dispatcher_->OnHeader(request)) return refusal->status;
+    int status = -1;
+    boost::asio::io_context context;
+    const auto mailbox = std::make_shared<Mailbox>(
+        context, [&](Answer&& answer) { status = answer.response ? answer.response->status : 0; });
+    const auto busy = boost::asio::make_work_guard(context);
+    dispatcher_->OnRequest(std::move(request), Responder(std::make_shared<Responder::Impl>(mailbox, 0, 0)));
+    while (status == -1 && context.run_one_for(std::chrono::seconds(30)) > 0) {
+    }
+    mailbox->Close();
+    return status;
+  }
+
+  vexa::test::TempDir folder_;
+  std::unique_ptr<vexa::base::AccountFile> accounts_;
+  std::unique_ptr<SessionTable> sessions_;
+  std::unique_ptr<Identity> identity_;
+  vexa::webapi::ApiTable table_{{Row("user", Access::kUser), Row("host", Access::kHost)}};
+  Metrics metrics_{table_};
+  Lane lane_{LaneOptions{.name = "t"}};
+  std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
+  std::string address_ = "192.0.2.1";
+  std::unique_ptr<Dispatcher> dispatcher_;
+};
+
+TEST_F(DispatcherAlone, MetricsFromAnotherMachine_NeedAnAdministrator) {
+  EXPECT_EQ(Send(Request("GET", "/metrics", "")), 401);
+  EXPECT_EQ(Send(Request("GET", "/metrics", TokenOf("mallory", {}))), 403);
+  EXPECT_EQ(Send(Request("GET", "/metrics", TokenOf("admin", {"administrators"}))), 200);
+  for (const char* loopback : {"127.0.0.1", "127.8.9.10", "::1"}) {
+    address_ = loopback;
+    EXPECT_EQ(Send(Request("GET", "/metrics", "")), 200) << loopback;
+  }
+}
+
+TEST_F(DispatcherAlone, OtherHost_MayCallTheMethodsOfHostsOnly) {
+  HttpRequest request = Request("POST", "/webapi/T/user", "");
+  request.peer.certificate_name = "host-2";
+  EXPECT_EQ(Send(std::move(request)), 403);
+  request = Request("POST", "/webapi/T/host", "");
+  request.peer.certificate_name = "host-2";
+  EXPECT_EQ(Send(std::move(request)), 200);
+}
+
+TEST_F(DispatcherAlone, TokenThatIsNotValid_IsNoFallBackToTheCertificate) {
+  HttpRequest request = Request("POST", "/webapi/T/host", "x");
+  request.peer.certificate_name = "host-2";
+  EXPECT_EQ(Send(std::move(request)), 401);
+}
+
+// An exception beside the handler, such as for want of memory, ended the process.
+TEST_F(DispatcherAlone, ExceptionOnALane_AnswersAndTheHostServesOn) {
+  const std::string token = TokenOf("admin", {"administrators"});
+  metrics_text_ = []() -> std::string { throw std::bad_alloc(); };
+  EXPECT_EQ(Send(Request("GET", "/metrics", token)), 0);
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 200);
+}
+
+TEST_F(DispatcherAlone, AccountsCannotBeRead_IsAFailureAndNotALogout) {
+  const std::string token = TokenOf("grace", {});
+  ASSERT_EQ(::truncate(folder_.File("accounts.json").c_str(), 5), 0);
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 500);
+}
+
+}  // namespace

@@ -1,0 +1,213 @@
+// The daemon as a program, and the script that shows it: signals, the limit of open files, log lines.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <thread>
+
+#include "host/base/files.h"
+#include "tests/support/http_client.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using vexa::test::HttpClient;
+using vexa::test::Process;
+using vexa::test::TempDir;
+
+constexpr std::chrono::seconds kPatience{60};
+
+int PortIn(const std::string& log) {
+  std::smatch match;
+  return std::regex_search(log, match, std::regex("http://127.0.0.1:([0-9]+)")) ? std::stoi(match[1]) : 0;
+}
+
+HttpClient OnSocket(const std::string& path) {
+  vexa::test::HttpTarget target;
+  target.url = "http://localhost";
+  target.unix_socket = path;
+  return HttpClient(target);
+}
+
+class Connection {
+ public:
+  explicit Connection(int port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
+  Connection(Connection&& other) noexcept : fd_(std::exchange(other.fd_, -1)), connected_(other.connected_) {}
+  ~Connection() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool connected() const { return connected_; }
+  bool Send(const std::string& text) const {
+    return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+  }
+  std::string ReadAll() const {
+    std::string all;
+    char buffer[4096];
+    for (ssize_t size = 0; (size = ::recv(fd_, buffer, sizeof buffer, 0)) > 0;) {
+      all.append(buffer, static_cast<std::size_t>(size));
+    }
+    return all;
+  }
+
+ private:
+  int fd_;
+  bool connected_ = false;
+};
+
+// The first half of a request, which then counts as begun.
+std::string HalfARequest() {
+  return "POST /webapi/VEXA.Core.Session/login HTTP/1.1\r\nHost: a\r\nContent-Type: application/json\r\n"
+         "Content-Length: 2\r\n\r\n{";
+}
+
+TEST(DaemonProgram, FewOpenFiles_ConnectionsOfAStrangerLeaveRoomForTheRest) {
+  const TempDir folder;
+  // `ulimit` sets the hard limit as well: the daemon cannot raise it.
+  Process daemon(
+      {.argv = {"sh", "-c", "ulimit -n 512; exec \"$0\" \"$@\"", VEXAD_PROGRAM, "--data", folder.File("data"),
+                "--socket", folder.File("s"), "--listen", "127.0.0.1:0", "--log", "stderr"}});
+  ASSERT_TRUE(daemon.WaitForText("Ready.", kPatience)) << daemon.errors();
+  HttpClient local = OnSocket(folder.File("s"));
+  EXPECT_EQ(local.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200);
+  std::vector<Connection> idle;
+  for (int i = 0; i < 700; ++i) idle.emplace_back(PortIn(daemon.errors()));
+  // The account file has changed, so that it must be opened again.
+  std::ofstream(folder.File("data/accounts.json"), std::ios::app) << "\n";
+  EXPECT_EQ(local.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200) << daemon.errors();
+  daemon.Signal(SIGTERM);
+  const auto status = daemon.Wait(kPatience);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(status->code, 0);
+}
+
+TEST(DaemonProgram, LogLines_EndInTheRequestsId) {
+  const TempDir folder;
+  Process daemon({.argv = {VEXAD_PROGRAM, "--data", folder.File("data"), "--socket", folder.File("s"), "--listen",
+                           "none", "--log", "stderr"}});
+  ASSERT_TRUE(daemon.WaitForText("Ready.", kPatience)) << daemon.errors();
+  const auto reply =
+      OnSocket(folder.File("s")).PostJson("/webapi/VEXA.Virtualization.Guest/get", R"({"guest_id":"\n%s"})");
+  ASSERT_TRUE(reply.headers.contains("x-request-id"));
+  EXPECT_TRUE(daemon.WaitForText(
+      R"( Bad parameters, request: {"guest_id":"\n%s"} [request )" + reply.headers.at("x-request-id") + "]\n",
+      kPatience))
+      << daemon.errors();
+}
+
+TEST(DaemonProgram, StopSignal_FinishesWhatHasBegunAndASecondEndsAtOnce) {
+  const TempDir folder;
+  for (const bool is_twice : {false, true}) {
+    Process daemon({.argv = {VEXAD_PROGRAM, "--data", folder.File("data"), "--socket", folder.File("s"), "--listen",
+                             "127.0.0.1:0", "--log", "stderr"}});
+    ASSERT_TRUE(daemon.WaitForText("Ready.", kPatience)) << daemon.errors();
+    const Connection client(PortIn(daemon.errors()));
+    ASSERT_TRUE(client.Send(HalfARequest()));
+    EXPECT_EQ(OnSocket(folder.File("s")).Get("/healthz").status, 200);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until the half has arrived
+    daemon.Signal(SIGTERM);
+    ASSERT_TRUE(daemon.WaitForText("Stopping.", kPatience));
+    if (is_twice) {
+      daemon.Signal(SIGTERM);
+    } else {
+      ASSERT_TRUE(client.Send("}"));
+      EXPECT_TRUE(client.ReadAll().starts_with("HTTP/1.1 400 "));
+    }
+    const auto status = daemon.Wait(kPatience);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->code, is_twice ? 128 + SIGTERM : 0);
+  }
+}
+
+// The script's own tree: its tools and examples, and the programs of this build where it looks for them.
+void MakeTree(const TempDir& folder) {
+  const std::string script = std::string("set -e; cd '") + folder.path() + "'; mkdir -p 't r/build/release/cli' " +
+                             "'t r/build/release/host/daemon'; cp -r '" VEXA_SOURCE_DIR "/tools' '" VEXA_SOURCE_DIR
+                             "/examples' 't r'; ln -s '" VEXA_PROGRAM
+                             "' 't r/build/release/cli/vexa'; ln -s '" VEXAD_PROGRAM
+                             "' 't r/build/release/host/daemon/vexad'";
+  const auto made = vexa::test::RunProcess({.argv = {"sh", "-c", script}});
+  ASSERT_EQ(made.exit_code, 0) << made.errors;
+}
+
+vexa::test::ProcessOptions Script(const TempDir& folder, const char* once) {
+  return {.argv = {folder.File("t r/tools/run-sample-host"), once},
+          .environment = {{"VEXA_RUN_DIR", once == std::string("no") ? std::optional(folder.File("r")) : std::nullopt},
+                          {"VEXA_PORT", once == std::string("no") ? std::optional("0") : std::nullopt}}};
+}
+
+// Ctrl-C reached the daemon and the script, which sent it a second signal.
+TEST(SampleHost, CtrlC_FinishesWhatHasBegun) {
+  const TempDir folder;
+  MakeTree(folder);
+  Process script(Script(folder, "no"));
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kPatience)) << script.errors();
+  const Connection client(PortIn(script.output()));
+  ASSERT_TRUE(client.Send(HalfARequest()));
+  EXPECT_EQ(OnSocket(folder.File("r/vexad.sock")).Get("/healthz").status, 200);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  ::kill(-script.pid(), SIGINT);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_TRUE(client.Send("}"));
+  EXPECT_TRUE(client.ReadAll().starts_with("HTTP/1.1 400 "));
+  EXPECT_TRUE(script.Wait(kPatience).has_value());
+}
+
+// A single request, or a second host, replaced the records of the running one and its log.
+TEST(SampleHost, BesideARunningOne_OneRequestWorksAndASecondHostIsRefused) {
+  const TempDir folder;
+  MakeTree(folder);
+  Process script(Script(folder, "no"));
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kPatience)) << script.errors();
+  const auto log = vexa::ReadFile(folder.File("r/vexad.log"), 1 << 20);
+  const auto once = vexa::test::RunProcess(Script(folder, "yes"));
+  EXPECT_EQ(once.exit_code, 0) << once.errors;
+  const auto second = vexa::test::RunProcess(Script(folder, "no"));
+  EXPECT_EQ(second.exit_code, 1);
+  EXPECT_NE(second.errors.find("Another host runs in"), std::string::npos) << second.errors;
+  EXPECT_EQ(second.output, "") << "nothing was imported";
+  EXPECT_EQ(*vexa::ReadFile(folder.File("r/vexad.log"), 1 << 20), *log);
+  ::kill(-script.pid(), SIGINT);
+  EXPECT_TRUE(script.Wait(kPatience).has_value());
+}
+
+// The script made up a new password and went on to show it, while the account kept the old one.
+TEST(SampleHost, KeptPasswordIsLost_TheShownOneWorks) {
+  const TempDir folder;
+  MakeTree(folder);
+  vexa::test::ProcessOptions options = Script(folder, "yes");
+  options.environment["VEXA_RUN_DIR"] = folder.File("r");
+  ASSERT_EQ(vexa::test::RunProcess(options).exit_code, 0);
+  ASSERT_EQ(::unlink(folder.File("r/admin-password").c_str()), 0);
+  const auto again = vexa::test::RunProcess(options);
+  EXPECT_EQ(again.exit_code, 0) << again.errors;
+}
+
+// A tab before an include, or a pointer before an accessor, got past the check.
+TEST(CheckBorders, UnusualSpelling_IsRefused) {
+  for (const char* line : {"\t#include <thread>", "#\tinclude <fstream>", "int n = value->asInt();"}) {
+    const TempDir root;
+    for (const char* name : {"guest", "utils", "platform"}) {
+      ASSERT_TRUE(vexa::CreateDirectories(root.File("webapi/" + std::string(name)), 0700).ok());
+    }
+    const std::vector<std::string> command{VEXA_SOURCE_DIR "/tools/check-borders", root.path()};
+    std::ofstream(root.File("webapi/utils/a.cpp")) << "#include <string>\n";
+    EXPECT_EQ(vexa::test::RunProcess({.argv = command}).exit_code, 0);
+    std::ofstream(root.File("webapi/guest/b.cpp")) << line << "\n";
+    EXPECT_EQ(vexa::test::RunProcess({.argv = command}).exit_code, 1) << line;
+  }
+}
+
+}  // namespace
