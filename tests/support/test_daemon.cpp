@@ -15,6 +15,7 @@
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "tests/support/require.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::test {
@@ -24,21 +25,6 @@ namespace json = VexaVirtualization::json;
 using webapi::Access;
 using webapi::Call;
 using webapi::LaneKind;
-
-template <class T>
-T Require(Result<T> result) {
-  if (!result) {
-    std::fprintf(stderr, "test set-up failed: %s\n", result.error().ToString().c_str());
-    std::abort();
-  }
-  return std::move(result).value();
-}
-
-void Require(const Status& status) {
-  if (status) return;
-  std::fprintf(stderr, "test set-up failed: %s\n", status.error().ToString().c_str());
-  std::abort();
-}
 
 void Succeed(const Call& call) { call.response->SetSuccess(Json::Value("done")); }
 

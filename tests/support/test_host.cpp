@@ -1,6 +1,5 @@
 #include "tests/support/test_host.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -9,28 +8,10 @@
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "tests/support/require.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::test {
-namespace {
-
-// The tests stand on it, so there is nothing to go on with.
-template <class T>
-T Require(Result<T> result) {
-  if (!result) {
-    std::fprintf(stderr, "test set-up failed: %s\n", result.error().ToString().c_str());
-    std::abort();
-  }
-  return std::move(result).value();
-}
-
-void Require(const Status& status) {
-  if (status) return;
-  std::fprintf(stderr, "test set-up failed: %s\n", status.error().ToString().c_str());
-  std::abort();
-}
-
-}  // namespace
 
 TestHost::TestHost() {
   store::LmdbOptions options;
