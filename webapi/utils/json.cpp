@@ -117,6 +117,16 @@ const Json::Value& Elements(const Json::Value& value) {
   return value.isArray() ? value : empty;
 }
 
+Json::Value& MakeObject(Json::Value& value) {
+  if (!value.isObject()) value = Json::Value(Json::objectValue);
+  return value;
+}
+
+Json::Value& MakeArray(Json::Value& value) {
+  if (!value.isArray()) value = Json::Value(Json::arrayValue);
+  return value;
+}
+
 std::string ToText(const Json::Value& value) {
   thread_local const std::unique_ptr<Json::StreamWriter> writer = NewWriter();
   StringSink sink;
