@@ -108,15 +108,6 @@ bool Bool(const Json::Value& value) {
   return (value.isNumeric() || value.isBool() || value.isNull()) && value.asBool();
 }
 
-std::vector<std::string> MemberNames(const Json::Value& value) {
-  return value.isObject() ? value.getMemberNames() : std::vector<std::string>();
-}
-
-const Json::Value& Elements(const Json::Value& value) {
-  static const Json::Value empty(Json::arrayValue);
-  return value.isArray() ? value : empty;
-}
-
 Json::Value& MakeObject(Json::Value& value) {
   if (!value.isObject()) value = Json::Value(Json::objectValue);
   return value;
@@ -125,6 +116,15 @@ Json::Value& MakeObject(Json::Value& value) {
 Json::Value& MakeArray(Json::Value& value) {
   if (!value.isArray()) value = Json::Value(Json::arrayValue);
   return value;
+}
+
+std::vector<std::string> MemberNames(const Json::Value& value) {
+  return value.isObject() ? value.getMemberNames() : std::vector<std::string>();
+}
+
+const Json::Value& Elements(const Json::Value& value) {
+  static const Json::Value empty(Json::arrayValue);
+  return value.isArray() ? value : empty;
 }
 
 std::string ToText(const Json::Value& value) {
