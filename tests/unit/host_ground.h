@@ -37,7 +37,8 @@ inline Json::Value Failure(int code) {
   return reply;
 }
 
-// "1" and the number 1 are told apart, and an unsigned 1 from a signed one where it matters by the type.
+// Values are compared by their text: jsoncpp holds a signed and an unsigned 1 to be different. Where the type matters,
+// tests look at it.
 inline std::string Text(const Json::Value& value) { return VexaVirtualization::json::ToText(value); }
 
 class HostLibrary : public testing::Test {
