@@ -56,8 +56,10 @@ TEST_F(HostNetwork, NameOfSeveralInterfaces_YieldsThemAll) {
 }
 
 TEST_F(HostNetwork, NameWithASwitchsPrefix_IsNotTrimmed) {
-  AddHost("h", R"([{"ifname":"eth0"}])");
+  AddHost("h", R"([{"ifname":"eth0"},{"ifname":"ovs_eth1"},{"ifname":"eth2 "}])");
   AddNic("h", "n0", R"({"name":"ovs_eth0"})");
+  AddNic("h", "n1", R"({"name":"eth1"})");
+  AddNic("h", "n2", R"({"name":"eth2"})");
   GetAllInterfaceInfo(out_);
   EXPECT_TRUE(out_.isNull());
 }
