@@ -1,6 +1,10 @@
 // VEXA.Virtualization.Guest: one guest's configuration.
 #pragma once
 
+#include <json/value.h>
+
+#include <string>
+
 #include "webapi/platform/webapi.h"
 #include "webapi/utils/export.h"
 
@@ -15,6 +19,11 @@ class VEXA_EXPORT Guest {
   // Errors: 401 "guest_id" missing or no UUID; 409 the caller may not act on the guest; 403 the record of the guest, of
   // a disk or of a network interface cannot be read; 413 a disk's type is unknown. Nothing partial is sent.
   static void Get(VEXA::APIRequest* request, VEXA::APIResponse* response);
+
+  // Adds to `info` what only the host that runs the guest knows: "ip" (array), "uptime" (text) and "has_agent".
+  // `record` is the guest's stored record. False, with "ip" [], "uptime" "0" and "has_agent" false: the guest does not
+  // run, or its host did not answer. Logs nothing.
+  static bool GetInformation(const std::string& guest_id, const Json::Value& record, Json::Value& info);
 };
 
 }  // namespace VexaVirtualization

@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <initializer_list>
 #include <set>
 #include <string>
 #include <vector>
@@ -61,6 +62,15 @@ namespace Utils {
 // The 8-4-4-4-12 hexadecimal form of RFC 4122, either case, nothing around it.
 bool isUUID(const std::string& text);
 bool IsNotEmpty(const std::string& text);
+
+// 0: found. Anything else: no such object, or it cannot be told; `name` is untouched then.
+int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name);
+
+// Whether every step of `path` is a member of an object; false, never an error, for any non-object on the way.
+bool jsChkMemberInDepth(const Json::Value& value, std::initializer_list<const char*> path);
+
+// `name` without a leading "ovs_".
+std::string TrimOVSPrefix(const std::string& name);
 
 }  // namespace Utils
 

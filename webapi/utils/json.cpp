@@ -79,6 +79,16 @@ bool Bool(const Json::Value& value) {
   return (value.isNumeric() || value.isBool() || value.isNull()) && value.asBool();
 }
 
+Json::Value& MakeObject(Json::Value& value) {
+  if (!value.isObject()) value = Json::Value(Json::objectValue);
+  return value;
+}
+
+Json::Value& MakeArray(Json::Value& value) {
+  if (!value.isArray()) value = Json::Value(Json::arrayValue);
+  return value;
+}
+
 std::vector<std::string> MemberNames(const Json::Value& value) {
   return value.isObject() ? value.getMemberNames() : std::vector<std::string>();
 }

@@ -37,6 +37,11 @@ std::vector<std::string> MemberNames(const Json::Value& value);
 // `value` when it is an array, else an empty one: for range loops over elements.
 const Json::Value& Elements(const Json::Value& value);
 
+// `value` itself, made an empty object or array unless it is one: for writing into what a caller handed in, where
+// jsoncpp would throw.
+Json::Value& MakeObject(Json::Value& value);
+Json::Value& MakeArray(Json::Value& value);
+
 // The JSON text: compact, one line, no trailing newline, UTF-8 as it is.
 std::string ToText(const Json::Value& value);
 // The same, behind what `out` holds already.

@@ -1,0 +1,125 @@
+// Arbitrary JSON as every host's reply, and as every record that is read beside one: nothing throws, and what is told
+// has its form.
+//
+// The input's lines: the reply; the record of the host, of its network interface and of the guest; what is asked for.
+// A line that is no JSON, or none at all, is null.
+#include <json/reader.h>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "fuzz/check.h"
+#include "tests/support/scripted_platform.h"
+#include "tests/support/syslog_capture.h"
+#include "webapi/guest/guest.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/utils/json.h"
+#include "webapi/utils/utils.h"
+
+namespace {
+
+namespace json = VexaVirtualization::json;
+using vexa::fuzz::Check;
+
+constexpr const char* kHost = "h";
+
+// As strict as what reads replies from the network is, so that what comes here could come from there.
+Json::Value TakeJson(std::string_view& rest) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["strictRoot"] = false;
+  builder["stackLimit"] = 64;
+  const std::string_view text = vexa::fuzz::TakeUntil(rest, "\n");
+  Json::Value value;
+  try {
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return Json::Value();
+  } catch (const Json::Exception&) {  // too deep
+    return Json::Value();
+  }
+  return value;
+}
+
+void CheckQueries(const Json::Value& asked, const VexaDRCore::Response& response) {
+  const bool has_data = response.isSuccess() && response.hasData();
+  Json::Value out = asked;
+  const bool has_utilization = VexaVirtualization::GetSysUtilization(kHost, asked, out);
+  Check(has_utilization == has_data, "utilization is told when there is data");
+  Check(has_utilization ? out.isObject() && out.isMember("memory") : out == asked, "it has memory, or is untouched");
+  (void)VexaVirtualization::GetCpuUsage(out);
+  (void)VexaVirtualization::GetFreeRamSize(out);
+  out = asked;
+  Check(VexaVirtualization::GetSysInfo(kHost, out) == has_data, "the system is told when there is data");
+  out = asked;
+  Check(VexaVirtualization::GetVolumeInfo(kHost, asked, out) == has_data, "the volume is told when there is data");
+  out = asked;
+  VexaVirtualization::GetVdiskUsage("g", kHost, out);
+  Check(out["total_size"].type() == Json::uintValue && out["total_used"].type() == Json::uintValue,
+        "totals are unsigned");
+  out = asked;
+  Check(VexaVirtualization::GetNetStat(kHost, json::String(asked), out) ? out.isObject() : out == asked,
+        "a link is told as an object, or the output is untouched");
+}
+
+void CheckClusterWide(const Json::Value& asked) {
+  Json::Value out = asked;
+  Check(VexaVirtualization::GetHostResourceInfo(true, out) == 0, "readable records are no error");
+  Check(out == asked || out[kHost]["free_cpu_ghz"].type() == Json::realValue, "a host is told whole or not at all");
+  out = asked;
+  Check(VexaVirtualization::GetHostResourceInfo(false, out) == 0, "readable records are no error");
+  (void)VexaVirtualization::GetHostTotalMemory(kHost);
+  out = asked;
+  VexaVirtualization::GetAllInterfaceInfo(out);
+  Check(out == asked || (out.isArray() && out[out.size() - 1]["host_id"] == kHost), "an interface has its host");
+  std::string name;
+  Check(VexaVirtualization::GetInterfaceNameById(kHost, "nic", name), "a readable record has a name");
+  out = asked;
+  Check(VexaVirtualization::GetDefaultVnic(out) == 0 && out.isArray(), "a new interface is appended");
+  out = asked;
+  Check(VexaVirtualization::MacAddrCheck(json::String(asked), out) == -1 && out.isObject(), "a conflict is told");
+}
+
+void CheckGuest(const Json::Value& guest, const Json::Value& asked, const VexaDRCore::Response& response) {
+  constexpr auto kUntouched = static_cast<VexaVirtualization::VMCHECK>(std::numeric_limits<int>::min());
+  auto check = kUntouched;
+  const int result = VexaVirtualization::CheckGuestRepoCap("g", check);
+  Check(result == 0 || ((result == 404 || result == 407) && check == kUntouched), "a check is told or untouched");
+  const int cleared = VexaVirtualization::ClearPollTaskOnHost(kHost, json::String(asked));
+  Check(cleared == (response.isSuccess() ? 0 : -1), "a task is gone when the host says so");
+  Json::Value info = asked;
+  (void)VexaVirtualization::Guest::GetInformation("g", guest, info);
+  Check(info["uptime"].isString() && info.isMember("ip") && info.isMember("has_agent"), "three members are always set");
+  info = guest;
+  (void)VexaVirtualization::Guest::GetInformation("g", info, info);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string_view rest = vexa::fuzz::Text(data, size);
+  vexa::test::ResetPlatform();
+  vexa::test::ClearCapturedSyslog();
+  vexa::test::ScriptedPlatform& platform = vexa::test::Platform();
+  const Json::Value reply = TakeJson(rest);
+  platform.local_host_id = kHost;
+  platform.all_hosts = {kHost};
+  platform.replies[kHost] = reply;
+  platform.records["host/h/object"] = TakeJson(rest);
+  platform.records["host/h/nics/nic"] = TakeJson(rest);
+  platform.children["host/h/nics"] = {"nic"};
+  platform.address_check_result = 1;
+  Json::Value guest = TakeJson(rest);
+  if (guest.isObject()) {
+    guest[VexaCCC::DB::_k::state] = VexaCCC::State::Guest::running;
+    guest[VexaCCC::DB::_k::host_id] = kHost;
+  }
+  const Json::Value asked = TakeJson(rest);
+  const VexaDRCore::Response response(reply);
+  CheckQueries(asked, response);
+  CheckClusterWide(asked);
+  CheckGuest(guest, asked, response);
+  return 0;
+}

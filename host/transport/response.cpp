@@ -1,0 +1,52 @@
+#include <utility>
+
+#include "webapi/platform/dr.h"
+#include "webapi/utils/json.h"
+
+namespace VexaDRCore {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr int kUnreadableFailure = 100;
+
+}  // namespace
+
+Response::Response() = default;
+Response::Response(Json::Value reply) : reply_(std::move(reply)) {}
+
+bool Response::isSuccess() const {
+  // Nothing but true: a host that answers 1 or "true" speaks another language, and the rest of its reply may as well.
+  const Json::Value& success = json::Member(reply_, "success");
+  return success.isBool() && json::Bool(success);
+}
+
+bool Response::hasData() const { return !json::Member(reply_, "data").isNull(); }
+Json::Value Response::getData() const { return json::Member(reply_, "data"); }
+
+bool Response::hasDataField(const char* name) const {
+  return json::FindMember(json::Member(reply_, "data"), name) != nullptr;
+}
+Json::Value Response::getDataField(const char* name) const { return json::Member(json::Member(reply_, "data"), name); }
+
+bool Response::hasField(const char* name) const { return json::FindMember(reply_, name) != nullptr; }
+Json::Value Response::getField(const char* name) const { return json::Member(reply_, name); }
+
+int Response::getErrCode() const {
+  if (isSuccess()) return 0;
+  // A failure whose code is 0, or none that fits, would read as a success.
+  const Json::Value& code = json::Member(json::Member(reply_, "error"), "code");
+  const int number = code.isInt() ? json::Int(code) : 0;
+  return number != 0 ? number : kUnreadableFailure;
+}
+
+Json::Value Response::getErrMsg() const {
+  const Json::Value& error = json::Member(reply_, "error");
+  const Json::Value& details = json::Member(error, "details");
+  return details.isNull() ? json::Member(error, "message") : details;
+}
+
+Json::Value Response::toJson() const { return reply_; }
+void Response::clear() { reply_ = Json::Value(); }
+
+}  // namespace VexaDRCore

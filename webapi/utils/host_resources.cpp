@@ -1,0 +1,116 @@
+#include <string>
+
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_senders.h"
+#include "webapi/utils/json.h"
+#include "webapi/utils/transport.h"
+#include "webapi/utils/utils.h"
+
+namespace VexaVirtualization {
+namespace {
+
+namespace key = VexaCCC::DB::_k;
+using VexaCCC::DB::Dashboard;
+using VexaCCC::DB::DashCate;
+
+constexpr int kUnreadable = 403;
+
+// The order of the items of the compound request, and so of the entries of its replies.
+enum Item : Json::ArrayIndex { kWeb, kInterfaces, kLoad, kMemory };
+
+enum class Usage { kNotAsked, kAsked };
+
+// Sums and differences of what hosts report are kept in 32 bits and wrap around; signed arithmetic must not overflow.
+int WrappingSum(int a, int b) { return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b)); }
+int WrappingDifference(int a, int b) {
+  return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
+}
+
+VexaDRCore::Request ResourceRequest(Usage usage) {
+  Json::Value items(Json::arrayValue);
+  items.append(transport::NewItem("VEXA.Core.Web.Orla", "get"));
+  items.append(transport::NewItem("VEXA.Core.Network.Interface", "list"));
+  if (usage == Usage::kAsked) {
+    items.append(transport::NewItem("VEXA.Core.System.Utilization", "get", {"cpu"}));
+    items.append(transport::NewItem("VEXA.CCC.Cluster.Member", "utilization_get", {"memory"}));
+  }
+  return transport::NewCompoundRequest(items);
+}
+
+void AddWebService(const Json::Value& web, const Json::Value& record, Json::Value& host) {
+  host["http_port"] = json::Member(web, "http_port");
+  host["https_port"] = json::Member(web, "https_port");
+  host["https_enable"] = json::Member(web, "enable_https");
+  host["https_redirect"] = json::Member(web, "enable_https_redirect");
+  if (const Json::Value* ip = json::FindMember(record, key::prefer_connect_ip)) host["prefer_connect_ip"] = *ip;
+}
+
+bool IsUsable(const Json::Value& interface) {
+  return json::String(json::Member(interface, "status")) != "disconnected" &&
+         json::String(json::Member(interface, "type")) != "wificlient";
+}
+
+void AddAddresses(const Json::Value& interfaces, Json::Value& host) {
+  for (const Json::Value& interface : json::Elements(interfaces)) {
+    if (!IsUsable(interface)) continue;
+    const Json::Value& ip = json::Member(interface, "ip");
+    if (!json::String(ip).empty()) json::MakeArray(host["ipList"]).append(ip);
+  }
+}
+
+void AddUsage(const Json::Value& load, const Json::Value& memory, const Json::Value& record, Json::Value& host) {
+  const int usage = GetCpuUsage(load);
+  const int cores = json::Int(json::Member(record, key::cpu_cores));
+  const double clock_mhz = json::Double(json::Member(record, key::cpu_clock_speed));
+  host["cpu_usage"] = usage;
+  // Without figures the usage is -1 and 101 percent are free; that is meant to stay.
+  host["free_cpu_ghz"] = WrappingDifference(100, usage) * (cores * (clock_mhz / 1000.0)) / 100.0;
+  host["free_ram_size"] = GetFreeRamSize(memory);
+  host["total_ram_size"] = json::Member(json::Member(memory, "memory"), "memory_size");
+}
+
+}  // namespace
+
+int GetHostResourceInfo(bool with_usage, Json::Value& out) {
+  const Usage usage = with_usage ? Usage::kAsked : Usage::kNotAsked;
+  const VexaCCC::MultiResponse responses = VexaCCC::MultiSender::allHosts().process(ResourceRequest(usage));
+  for (const std::string& host_id : responses.getHostList()) {
+    const VexaDRCore::Response response = responses.getResponse(host_id);
+    if (!transport::IsWholeReply(response)) continue;
+    Json::Value record;
+    if (Dashboard(DashCate::Host, host_id).Get(record, key::object) != 0) return kUnreadable;
+    const Json::Value data = response.getData();
+    Json::Value& host = json::MakeObject(json::MakeObject(out)[host_id]);
+    AddWebService(transport::ItemData(data, kWeb), record, host);
+    AddAddresses(transport::ItemData(data, kInterfaces), host);
+    if (usage == Usage::kAsked) {
+      AddUsage(transport::ItemData(data, kLoad), transport::ItemData(data, kMemory), record, host);
+    }
+  }
+  return 0;
+}
+
+int GetCpuUsage(const Json::Value& utilization) {
+  if (!VexaCCC::Utils::jsChkMemberInDepth(utilization, {"cpu", "system_load"}) ||
+      !VexaCCC::Utils::jsChkMemberInDepth(utilization, {"cpu", "user_load"})) {
+    return -1;
+  }
+  const Json::Value& cpu = json::Member(utilization, "cpu");
+  return WrappingSum(json::Int(json::Member(cpu, "system_load")), json::Int(json::Member(cpu, "user_load")));
+}
+
+int GetFreeRamSize(const Json::Value& utilization) {
+  const Json::Value& memory = json::Member(utilization, "memory");
+  int sum = json::Int(json::Member(memory, "avail_real"));
+  sum = WrappingSum(sum, json::Int(json::Member(memory, "buffer")));
+  return WrappingSum(sum, json::Int(json::Member(memory, "cached")));
+}
+
+int GetHostTotalMemory(const std::string& host_id) {
+  Json::Value record;
+  // A host without a record has no memory; that is no failure, and the answer is the same.
+  if (Dashboard(DashCate::Host, host_id).Get(record, key::object) < 0) return 0;
+  return json::Int(json::Member(record, "ram_size"));
+}
+
+}  // namespace VexaVirtualization
