@@ -11,6 +11,8 @@
 #include <memory>
 #include <string_view>
 
+#include "host/base/json_parse.h"
+
 namespace vexa::services {
 namespace {
 
@@ -96,7 +98,9 @@ std::vector<InterfaceAddress> SystemAddresses() {
 }
 
 bool IsInterfaceName(const std::string& name) {
-  if (name.empty() || name.size() >= IFNAMSIZ || name == "." || name == "..") return false;
+  if (name.empty() || name.size() >= IFNAMSIZ || name == "." || name == ".." || !IsValidUtf8(name)) {
+    return false;
+  }
   return std::ranges::none_of(name, [](char c) {
     const auto byte = static_cast<unsigned char>(c);
     return c == '/' || c == ':' || byte <= ' ' || byte == 0x7F;

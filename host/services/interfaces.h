@@ -33,8 +33,8 @@ using AddressReader = std::function<std::vector<InterfaceAddress>()>;
 // The addresses of this machine, link-local IPv6 ones left out. None when they cannot be read.
 std::vector<InterfaceAddress> SystemAddresses();
 
-// 1 to 15 bytes without '/', ':', blanks and control characters, and neither "." nor "..": what the kernel takes, so
-// that no name leads out of its folder.
+// 1 to 15 bytes of UTF-8 without '/', ':', blanks and control characters, and neither "." nor "..": what the kernel
+// takes, so that no name leads out of its folder.
 bool IsInterfaceName(const std::string& name);
 
 // Not set: there is no such interface, or the name is none.
