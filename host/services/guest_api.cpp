@@ -58,8 +58,8 @@ void GuestInfo(const std::function<std::optional<LiveGuest>(const std::string&)>
   const bool runs_here = ReadText(DashCate::Guest, guest->id, keys::state) == states::Guest::running &&
                          ReadText(DashCate::Guest, guest->id, keys::host_id) == VexaCCC::DB::DBLocalhostID();
   if (!runs_here) return Fail(call, kErrorUnreadable);
-  std::optional<LiveGuest> live = LiveGuest();
-  if (live_guest) live = live_guest(guest->id);
+  cluster::RequestScope::ReleaseSnapshot();  // the hypervisor may let the call wait
+  const std::optional<LiveGuest> live = live_guest ? live_guest(guest->id) : LiveGuest();
   if (!live) return Fail(call, kErrorUnreadable);
   Json::Value data(Json::objectValue);
   data["ip"] = Json::Value(Json::arrayValue);

@@ -1,7 +1,6 @@
 // The parts of ServiceRows, and what their handlers share. For host/services only.
 #pragma once
 
-#include <initializer_list>
 #include <string_view>
 #include <vector>
 
@@ -16,7 +15,7 @@ inline constexpr int kErrorUnreadable = 403;  // a record, interface or volume t
 
 inline void Fail(const webapi::Call& call, int code) { call.response->SetError(code, Json::Value()); }
 
-// A row for other hosts, version 1. Errors without parameters: none of its own.
+// A row for other hosts, version 1; `errors` are its own, beside those that every method can answer.
 webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::LaneKind lane, webapi::Handler handler,
                        std::string_view summary, std::vector<webapi::Parameter> parameters = {},
                        std::vector<int> errors = {});
