@@ -57,6 +57,7 @@ int RunCommandLine(int argc, char** argv) {
   app.fallthrough();  // global options may follow the command
   AddGlobalOptions(app, invocation.global);
   AddClientCommands(app, invocation);
+  AddHostCommands(app, invocation);
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
   AddImportCommand(app, invocation);

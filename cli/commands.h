@@ -20,6 +20,8 @@ struct Invocation {
 // Each adds its commands; when one of them is on the command line, it sets `invocation.run`. Both arguments outlive the
 // parse and the run.
 void AddClientCommands(CLI::App& app, Invocation& invocation);
+// After AddClientCommands, whose "guest" it adds to.
+void AddHostCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);
 void AddImportCommand(CLI::App& app, Invocation& invocation);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <thread>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "host/base/account_pam.h"
 #include "host/base/files.h"
 #include "host/cluster/environment.h"
+#include "host/cluster/host_record.h"
 #include "host/daemon/data_lock.h"
 #include "host/daemon/dispatcher.h"
 #include "host/daemon/file_limit.h"
@@ -24,6 +26,9 @@
 #include "host/daemon/metrics.h"
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
+#include "host/services/host_facts.h"
+#include "host/services/host_list_api.h"
+#include "host/services/services.h"
 #include "host/store/lmdb_store.h"
 #include "host/webapi/error_table.h"
 
@@ -73,6 +78,14 @@ std::string DescribeHealth(store::Health health) {
   return "";
 }
 
+// "address:port" where other hosts reach a listener; "" when it listens on every address and none is known.
+std::string ClusterAddress(std::string host, std::uint16_t port, const std::vector<std::string>& addresses) {
+  if (host == "0.0.0.0" || host == "::") host = addresses.empty() ? "" : addresses.front();
+  if (host.empty()) return "";
+  const bool is_ipv6 = host.find(':') != std::string::npos;
+  return (is_ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 }  // namespace
 
 // Members are destroyed in reverse order: the server first, then the lanes, then what the handlers use.
@@ -90,7 +103,9 @@ class Daemon::Impl {
   Status Start(const Config& config, std::vector<webapi::ApiRow> further_rows) {
     if (Status opened = OpenData(config); !opened) return opened;
     MakeTable(config, std::move(further_rows));
-    return StartServer(config);
+    if (Status started = StartServer(config); !started) return started;
+    JoinCluster(config);
+    return {};
   }
 
   std::uint16_t port(std::size_t index) const { return server_->port(index + first_network_listener_); }
@@ -102,6 +117,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
+    presence_.reset();  // first, so that others stop asking
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
       const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
@@ -123,6 +139,7 @@ class Daemon::Impl {
     data_lock_ = std::move(*lock);
     Result<std::string> host_id = LoadHostId(config.data_directory);
     if (!host_id) return host_id.error();
+    host_id_ = *host_id;
     store::LmdbOptions store_options;
     store_options.directory = config.data_directory + "/store";
     auto store = store::OpenLmdbStore(store_options);
@@ -146,7 +163,8 @@ class Daemon::Impl {
   void MakeTable(const Config& config, std::vector<webapi::ApiRow> further_rows) {
     std::vector<webapi::ApiRow> rows = std::move(further_rows);
     for (auto&& part :
-         {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute})}) {
+         {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
+          services::ServiceRows(PartsOfServices(config)), services::HostListRows()}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
@@ -194,6 +212,29 @@ class Daemon::Impl {
     return {};
   }
 
+  services::ServiceParts PartsOfServices(const Config& config) const {
+    services::ServiceParts parts;
+    parts.store = store_;
+    parts.web_ports = [this, is_https = !config.tls_certificate.empty()] {
+      services::WebPorts ports;
+      (is_https ? ports.https_port : ports.http_port) = web_port_;
+      ports.enable_https = is_https;
+      return ports;
+    };
+    return parts;
+  }
+
+  // Once requests are answered: from now on others may count on this host.
+  void JoinCluster(const Config& config) {
+    cluster::HostFacts facts = services::GatherHostFacts(host_id_, VEXA_VERSION, services::Machine());
+    const auto listeners = ListenersOf(config);
+    if (listeners && listeners->size() > first_network_listener_) {
+      web_port_ = port(0);
+      facts.cluster_address = ClusterAddress((*listeners)[first_network_listener_].address, port(0), facts.addresses);
+    }
+    presence_ = std::make_unique<cluster::HostPresence>(store_, std::move(facts));
+  }
+
   void LogListeners(const Config& config) const {
     if (!config.socket.empty()) ::syslog(LOG_INFO, "Listening on unix:%s.", config.socket.c_str());
     for (std::size_t i = 0; i < config.listen.size(); ++i) {
@@ -216,6 +257,9 @@ class Daemon::Impl {
   Lane long_running_;
   std::unique_ptr<HttpServer> server_;
   std::size_t first_network_listener_ = 0;
+  std::atomic<int> web_port_ = 0;  // of the first network listener, once it is open
+  std::string host_id_;
+  std::unique_ptr<cluster::HostPresence> presence_;
   bool stopped_ = false;
 };
 

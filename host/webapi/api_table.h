@@ -61,6 +61,7 @@ struct Call {
   VEXA::APIResponse* response;
   const Caller& caller;
   std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot say
+  Json::Value* further = nullptr;  // an object: top-level members of the reply beside "success" and "data"
 };
 
 using Handler = std::function<void(const Call&)>;

@@ -1,0 +1,24 @@
+// VEXA.Entry.Request: several methods of this host in one request.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "host/transport/local_call.h"
+#include "host/webapi/api_table.h"
+
+namespace vexa::services {
+
+inline constexpr Json::ArrayIndex kMaxCompoundItems = 64;
+
+struct CompoundOptions {
+  // For all items together; less than the 30 s that a caller waits, so that an item that hangs does not cost it the
+  // others.
+  std::chrono::milliseconds timeout = std::chrono::seconds(25);
+  int threads = 16;  // that one request may use, its own included
+};
+
+// `local_call` is called by several threads at once.
+std::vector<webapi::ApiRow> CompoundRows(transport::LocalCall local_call, CompoundOptions options = {});
+
+}  // namespace vexa::services

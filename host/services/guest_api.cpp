@@ -1,0 +1,145 @@
+// Guests that run here, their disks, and whether their repository can be used.
+#include <sys/stat.h>
+
+#include <limits>
+#include <utility>
+
+#include "host/cluster/reading.h"
+#include "host/services/rows.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::services {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+namespace states = VexaCCC::State;
+using VexaCCC::DB::Dashboard;
+using VexaCCC::DB::DashCate;
+using webapi::Call;
+using webapi::LaneKind;
+
+constexpr Json::UInt64 kMib = Json::UInt64{1} << 20;
+constexpr std::uint64_t kBlockBytes = 512;  // of st_blocks, whatever the file system's own are
+
+// Codes of "failed_check". Callers show those that they do not know as numbers.
+constexpr int kCheckPassed = 100;
+constexpr int kRepositoryOffline = 303;
+constexpr int kRepositoryElsewhere = 304;
+
+std::string ReadText(const DashCate& category, const std::string& id, const char* key) {
+  std::string text;
+  return Dashboard(category, id).Get(text, key) == 0 ? text : std::string();
+}
+
+// The guest that the call names, and its record; an answer has been set when it is not set.
+struct NamedGuest {
+  std::string id;
+  Json::Value record;
+};
+std::optional<NamedGuest> ReadGuest(const Call& call) {
+  const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
+  if (id.IsInvalid()) {
+    Fail(call, webapi::kErrorBadParameter);
+    return std::nullopt;
+  }
+  NamedGuest guest{id.Get(), {}};
+  if (Dashboard(DashCate::Guest, guest.id).Get(guest.record, keys::object) != 0) {
+    Fail(call, kErrorUnreadable);
+    return std::nullopt;
+  }
+  return guest;
+}
+
+void GuestInfo(const std::function<std::optional<LiveGuest>(const std::string&)>& live_guest, const Call& call) {
+  const auto guest = ReadGuest(call);
+  if (!guest) return;
+  const bool runs_here = ReadText(DashCate::Guest, guest->id, keys::state) == states::Guest::running &&
+                         ReadText(DashCate::Guest, guest->id, keys::host_id) == VexaCCC::DB::DBLocalhostID();
+  if (!runs_here) return Fail(call, kErrorUnreadable);
+  cluster::RequestScope::ReleaseSnapshot();  // the hypervisor may let the call wait
+  const std::optional<LiveGuest> live = live_guest ? live_guest(guest->id) : LiveGuest();
+  if (!live) return Fail(call, kErrorUnreadable);
+  Json::Value data(Json::objectValue);
+  data["ip"] = Json::Value(Json::arrayValue);
+  for (const std::string& address : live->addresses) data["ip"].append(address);
+  data["uptime"] = static_cast<Json::UInt64>(live->uptime_s);
+  data["has_agent"] = live->has_agent;
+  call.response->SetSuccess(data);
+}
+
+int CheckRepository(const Json::Value& guest) {
+  const std::string id = json::String(json::Member(guest, keys::repository_id));
+  if (ReadText(DashCate::Repository, id, keys::host_id) != VexaCCC::DB::DBLocalhostID()) return kRepositoryElsewhere;
+  const std::string state = ReadText(DashCate::Repository, id, keys::state);
+  return state == states::Repo::online || state == states::Repo::degraded ? kCheckPassed : kRepositoryOffline;
+}
+
+void CheckRepoCap(const Call& call) {
+  const auto guest = ReadGuest(call);
+  if (!guest) return;
+  const int check = CheckRepository(guest->record);
+  Json::Value data(Json::objectValue);
+  data["repo_usable"] = check == kCheckPassed;
+  data["failed_check"] = check == kCheckPassed ? 0 : check;
+  call.response->SetSuccess(data);
+}
+
+bool IsPlainPath(const std::string& path) {
+  return path.starts_with('/') && path.find('\0') == std::string::npos &&
+         (path + "/").find("/../") == std::string::npos;
+}
+
+// What the disk's file takes on its file system; a block device is taken as a whole. 0: it cannot be told.
+Json::UInt64 UsedBytes(const std::string& path, Json::UInt64 total) {
+  struct stat info {};
+  if (!IsPlainPath(path) || ::stat(path.c_str(), &info) != 0) return 0;
+  if (S_ISBLK(info.st_mode)) return total;
+  return S_ISREG(info.st_mode) ? static_cast<Json::UInt64>(info.st_blocks) * kBlockBytes : 0;
+}
+
+void DiskList(const Call& call) {
+  const auto guest = ReadGuest(call);
+  if (!guest) return;
+  std::vector<std::pair<std::string, Json::Value>> disks;
+  for (const Json::Value& element : json::Elements(json::Member(guest->record, keys::vdisks))) {
+    Json::Value record;
+    std::string id = json::String(element);
+    if (Dashboard(DashCate::vDisk, id).Get(record, keys::object) != 0) return Fail(call, kErrorUnreadable);
+    disks.emplace_back(std::move(id), std::move(record));
+  }
+  // What follows waits for file systems, which may be slow.
+  cluster::RequestScope::ReleaseSnapshot();
+  Json::Value data(Json::objectValue);
+  data["vdisks"] = Json::Value(Json::arrayValue);
+  for (const auto& [id, record] : disks) {
+    const Json::UInt64 size_mib = json::UInt64(json::Member(record, keys::size));
+    const Json::UInt64 most = std::numeric_limits<Json::UInt64>::max();
+    const Json::UInt64 total = size_mib > most / kMib ? most : size_mib * kMib;
+    Json::Value disk(Json::objectValue);
+    disk["vdisk_id"] = id;
+    disk["total_size"] = total;
+    disk["used_size"] = UsedBytes(json::String(json::Member(record, "path")), total);
+    data["vdisks"].append(std::move(disk));
+  }
+  call.response->SetSuccess(data);
+}
+
+}  // namespace
+
+std::vector<webapi::ApiRow> GuestRows(const ServiceParts& parts) {
+  const webapi::Parameter guest = Text("guest_id", "The guest's id, a UUID.");
+  const std::vector<int> errors{webapi::kErrorBadParameter, kErrorUnreadable};
+  return {
+      HostRow(
+          "VEXA.CCC.Guest", "get_info", LaneKind::kLong,
+          [live_guest = parts.live_guest](const Call& call) { GuestInfo(live_guest, call); },
+          "A guest that runs here: its addresses, uptime (seconds), and whether its agent answers.", {guest}, errors),
+      HostRow("VEXA.CCC.Guest", "check_repo_cap", LaneKind::kQuick, CheckRepoCap,
+              "Whether this host can run a guest from its repository; if not, why.", {guest}, errors),
+      HostRow("VEXA.CCC.VDisk", "list", LaneKind::kLong, DiskList,
+              "A guest's disks, with their sizes and what they take, in bytes.", {guest}, errors)};
+}
+
+}  // namespace vexa::services

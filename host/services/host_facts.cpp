@@ -1,0 +1,110 @@
+#include "host/services/host_facts.h"
+
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <openssl/evp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string_view>
+
+#include "host/services/figures.h"
+
+namespace vexa::services {
+namespace {
+
+constexpr std::size_t kMacBytes = 6;
+
+std::string HostName() {
+  std::array<char, 257> name{};
+  if (::gethostname(name.data(), name.size() - 1) != 0) return "";
+  return CleanText(name.data());
+}
+
+std::string Hex(const unsigned char* bytes, std::size_t size) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < size; ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 0x0F];
+  }
+  return text;
+}
+
+// Room for one address behind ethtool's own structure, which ends in an array without a size.
+struct PermanentAddress {
+  std::uint32_t command = ETHTOOL_GPERMADDR;
+  std::uint32_t size = 32;
+  std::array<unsigned char, 32> bytes{};
+};
+static_assert(offsetof(PermanentAddress, bytes) == sizeof(ethtool_perm_addr));
+
+bool HasDevice(const Interface& found) { return found.type == "ethernet" || found.type == "wificlient"; }
+
+}  // namespace
+
+std::string SystemPermanentMac(const std::string& interface) {
+  if (interface.size() >= IFNAMSIZ) return "";
+  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return "";
+  PermanentAddress address;
+  ifreq request{};
+  std::memcpy(request.ifr_name, interface.data(), interface.size());
+  request.ifr_data = reinterpret_cast<char*>(&address);
+  const bool answered = ::ioctl(fd, SIOCETHTOOL, &request) == 0;
+  ::close(fd);
+  const auto is_zero = [](unsigned char byte) { return byte == 0; };
+  if (!answered || address.size != kMacBytes || std::all_of(address.bytes.begin(), address.bytes.end(), is_zero)) {
+    return "";
+  }
+  return Hex(address.bytes.data(), kMacBytes);
+}
+
+// Version 5 of RFC 4122, section 4.3; the host's id, in text, is the namespace.
+std::string NicId(const std::string& host_id, const std::string& mac_or_name) {
+  const std::string input = host_id + "/nic/" + mac_or_name;
+  std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
+  unsigned int length = 0;
+  EVP_Digest(input.data(), input.size(), hash.data(), &length, EVP_sha1(), nullptr);
+  hash[6] = static_cast<unsigned char>((hash[6] & 0x0F) | 0x50);
+  hash[8] = static_cast<unsigned char>((hash[8] & 0x3F) | 0x80);
+  std::string uuid = Hex(hash.data(), 16);
+  for (const std::size_t at : {8U, 13U, 18U, 23U}) uuid.insert(at, 1, '-');
+  return uuid;
+}
+
+cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string& version, const Machine& machine,
+                                   const AddressReader& addresses, const PermanentMac& permanent_mac) {
+  cluster::HostFacts facts;
+  facts.host_id = host_id;
+  facts.name = HostName();
+  facts.version = version;
+  const ProcessorFigures processor = ReadProcessor(machine);
+  facts.cpu_cores = processor.cores;
+  facts.cpu_clock_mhz = processor.clock_mhz;
+  facts.ram_kib = ReadMemory(machine).value_or(MemoryFigures()).total;
+  const std::vector<Interface> interfaces = HostInterfaces(machine);
+  std::set<std::string> ids;
+  for (const Interface& found : interfaces) {
+    // A bond's ports all use the bond's address, so only the permanent one tells them apart.
+    const std::string mac = HasDevice(found) ? permanent_mac(found.name) : "";
+    std::string id = NicId(host_id, mac.empty() ? found.name : mac);
+    // Cards whose ports share one address exist.
+    if (!ids.insert(id).second) ids.insert(id = NicId(host_id, mac + "/" + found.name));
+    facts.nics.push_back({std::move(id), found.name, found.mac});
+  }
+  for (const InterfaceAddress& address : addresses()) {
+    const auto is_its = [&](const Interface& found) { return found.name == address.interface; };
+    if (std::ranges::any_of(interfaces, is_its)) facts.addresses.push_back(address.ip);
+  }
+  return facts;
+}
+
+}  // namespace vexa::services

@@ -1,0 +1,25 @@
+// What this host tells the cluster about itself when it starts.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/cluster/host_record.h"
+#include "host/services/interfaces.h"
+#include "host/services/machine.h"
+
+namespace vexa::services {
+
+// The address that an interface was made with, whatever it uses now; "" when it has none, which is so for virtual ones.
+using PermanentMac = std::function<std::string(const std::string& interface)>;
+std::string SystemPermanentMac(const std::string& interface);
+
+// The id of a host's interface: made of its permanent address, so that a new name does not change it, else of its name.
+std::string NicId(const std::string& host_id, const std::string& mac_or_name);
+
+// Everything but "cluster_address". `host_id` as given; the name is this machine's.
+cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string& version, const Machine& machine,
+                                   const AddressReader& addresses = SystemAddresses,
+                                   const PermanentMac& permanent_mac = SystemPermanentMac);
+
+}  // namespace vexa::services

@@ -1,0 +1,48 @@
+// The machine's network interfaces, from sysfs, and their addresses.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/services/machine.h"
+
+namespace vexa::services {
+
+struct Interface {
+  std::string name;
+  std::string type;    // "ethernet", "wificlient", "bond", "bridge", "vlan", "loopback", "virtual"
+  std::string mac;     // "" when it has none
+  std::string duplex;  // "full", "half" or "unknown"
+  int speed = 0;       // Mb/s; 0 when it is not told
+  int mtu = 0;
+  bool connected = false;
+  std::vector<std::string> slaves;  // of a bond
+};
+
+struct InterfaceAddress {
+  std::string interface;
+  std::string ip;
+  std::string mask;
+  bool is_ipv6 = false;
+};
+
+using AddressReader = std::function<std::vector<InterfaceAddress>()>;
+
+// The addresses of this machine, link-local IPv6 ones left out. None when they cannot be read.
+std::vector<InterfaceAddress> SystemAddresses();
+
+// 1 to 15 bytes of UTF-8 without '/', ':', blanks and control characters, and neither "." nor "..": what the kernel
+// takes, so that no name leads out of its folder.
+bool IsInterfaceName(const std::string& name);
+
+// Not set: there is no such interface, or the name is none.
+std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name);
+
+// What connects the machine to others, by name: interfaces with a device behind them, bonds, and bridges and VLANs on
+// top of such; the virtual switch's own ("ovs_…"). Not the ends of guests and containers, nor bridges that only they
+// use. Loopback when there is nothing else.
+std::vector<Interface> HostInterfaces(const Machine& machine);
+
+}  // namespace vexa::services

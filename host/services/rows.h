@@ -1,0 +1,34 @@
+// The parts of ServiceRows, and what their handlers share. For host/services only.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "host/services/services.h"
+#include "host/webapi/error_table.h"
+
+namespace vexa::services {
+
+inline constexpr int kRequired = 0;
+inline constexpr int kOptional = 1;
+inline constexpr int kErrorUnreadable = 403;  // a record, interface or volume that does not exist or cannot be read
+
+inline void Fail(const webapi::Call& call, int code) { call.response->SetError(code, Json::Value()); }
+
+// A row for other hosts, version 1; `errors` are its own, beside those that every method can answer.
+webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::LaneKind lane, webapi::Handler handler,
+                       std::string_view summary, std::vector<webapi::Parameter> parameters = {},
+                       std::vector<int> errors = {});
+
+inline webapi::Parameter Text(std::string_view name, std::string_view description) {
+  return {name, webapi::ParameterType::kString, webapi::Necessity::kRequired, description};
+}
+
+std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts);  // utilization_api.cpp
+std::vector<webapi::ApiRow> SystemRows(const ServiceParts& parts);       // system_api.cpp
+std::vector<webapi::ApiRow> VolumeRows(const ServiceParts& parts);       // volume_api.cpp
+std::vector<webapi::ApiRow> NetworkRows(const ServiceParts& parts);      // network_api.cpp
+std::vector<webapi::ApiRow> GuestRows(const ServiceParts& parts);        // guest_api.cpp
+std::vector<webapi::ApiRow> PollTaskRows(const ServiceParts& parts);     // poll_task_api.cpp
+
+}  // namespace vexa::services

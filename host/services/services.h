@@ -1,0 +1,46 @@
+// What this host answers to other hosts about itself and the guests it runs. docs/services.md describes each answer.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/services/interfaces.h"
+#include "host/services/machine.h"
+#include "host/store/store.h"
+#include "host/webapi/api_table.h"
+
+namespace vexa::services {
+
+// How browsers and clients reach this host; a port is 0 when nothing listens that way.
+struct WebPorts {
+  int http_port = 0;
+  int https_port = 0;
+  bool enable_https = false;
+  bool enable_https_redirect = false;
+};
+
+// What only the hypervisor knows of a running guest.
+struct LiveGuest {
+  std::vector<std::string> addresses;
+  std::uint64_t uptime_s = 0;
+  bool has_agent = false;
+};
+
+struct ServiceParts {
+  std::shared_ptr<store::Store> store;
+  Machine machine{};
+  AddressReader addresses = SystemAddresses;
+  std::vector<std::string> volume_roots{"/"};  // folders below which volumes may be asked about
+  std::function<WebPorts()> web_ports;
+  // Not set when the guest does not run. Without the function nothing is known of guests but their records.
+  std::function<std::optional<LiveGuest>(const std::string& guest_id)> live_guest;
+};
+
+// The rows, all for hosts only. Their handlers may be called at the same time.
+std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts);
+
+}  // namespace vexa::services

@@ -1,0 +1,103 @@
+// How busy this host is.
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "host/services/cpu_load.h"
+#include "host/services/figures.h"
+#include "host/services/rows.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::services {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using webapi::Call;
+using webapi::LaneKind;
+
+constexpr Json::ArrayIndex kMaxResources = 64;
+
+bool IsListOfNames(const Json::Value& list) {
+  return list.size() <= kMaxResources &&
+         std::ranges::all_of(list, [](const Json::Value& element) { return element.isString(); });
+}
+
+// Which of the resources are asked for.
+class Wanted {
+ public:
+  explicit Wanted(const VEXA::APIParameter<Json::Value>& resource) : all_(!resource.IsSet()) {
+    for (const Json::Value& name : json::Elements(resource.Get())) names_.insert(json::String(name));
+  }
+  bool Has(const char* name) const { return all_ || names_.contains(name); }
+
+ private:
+  bool all_;
+  std::set<std::string> names_;
+};
+
+Json::Value MemoryOf(const MemoryFigures& memory) {
+  Json::Value value(Json::objectValue);
+  value["memory_size"] = static_cast<Json::UInt64>(memory.total);
+  value["avail_real"] = static_cast<Json::UInt64>(memory.free);
+  value["buffer"] = static_cast<Json::UInt64>(memory.buffers);
+  value["cached"] = static_cast<Json::UInt64>(memory.cached);
+  return value;
+}
+
+// Puts what can be told; a resource whose figures cannot be read is left out, so that no figure is a guess.
+void PutMemory(const Machine& machine, Json::Value& data) {
+  if (const auto memory = ReadMemory(machine)) data["memory"] = MemoryOf(*memory);
+}
+
+void PutCpu(CpuSampler& sampler, Json::Value& data) {
+  const std::optional<CpuLoad> load = sampler.Read();
+  if (!load) return;
+  data["cpu"]["user_load"] = load->user;
+  data["cpu"]["system_load"] = load->system;
+  data["cpu"]["other_load"] = load->other;
+}
+
+void PutCounters(const char* name, Json::Value counters, Json::Value& data) {
+  if (!counters.isNull()) data[name] = std::move(counters);
+}
+
+void SystemUtilization(const Machine& machine, CpuSampler& sampler, const Call& call) {
+  const auto resource = call.request->GetAndCheckArray("resource", kOptional, IsListOfNames);
+  if (resource.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  const Wanted wanted(resource);
+  Json::Value data(Json::objectValue);
+  if (wanted.Has("cpu")) PutCpu(sampler, data);
+  if (wanted.Has("memory")) PutMemory(machine, data);
+  if (wanted.Has("disk")) PutCounters("disk", DiskCounters(machine), data);
+  if (wanted.Has("network")) PutCounters("network", NetworkCounters(machine), data);
+  call.response->SetSuccess(data);
+}
+
+void MemberUtilization(const Machine& machine, const Call& call) {
+  const auto resource = call.request->GetAndCheckArray("resource", kOptional, IsListOfNames);
+  if (resource.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  Json::Value data(Json::objectValue);
+  if (Wanted(resource).Has("memory")) PutMemory(machine, data);
+  call.response->SetSuccess(data);
+}
+
+}  // namespace
+
+std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts) {
+  const Machine machine = parts.machine;
+  const auto sampler = std::make_shared<CpuSampler>(machine);
+  const webapi::Parameter resource{"resource", webapi::ParameterType::kArray, webapi::Necessity::kOptional,
+                                   "The names of what is wanted; everything without it. Unknown names are ignored."};
+  // The long lane: without a recent reading the processors are watched for 0.2 s.
+  return {
+      HostRow("VEXA.Core.System.Utilization", "get", LaneKind::kLong,
+              [machine, sampler](const Call& call) { SystemUtilization(machine, *sampler, call); },
+              "How busy the host is: \"cpu\" (percent), \"memory\" (KiB), counters of each \"disk\" and \"network\".",
+              {resource}, {webapi::kErrorBadParameter}),
+      HostRow("VEXA.CCC.Cluster.Member", "utilization_get", LaneKind::kQuick,
+              [machine](const Call& call) { MemberUtilization(machine, call); },
+              "The host's \"memory\" in KiB, as the cluster counts it.", {resource}, {webapi::kErrorBadParameter})};
+}
+
+}  // namespace vexa::services

@@ -1,0 +1,118 @@
+// vexa host and vexa guest info against servers that answer well and badly.
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+constexpr const char* kHost = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
+
+const std::string kHosts = R"({"success":true,"data":{"hosts":[
+  {"host_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","name":"one","state":"running"},
+  {"host_id":"h2","name":"tw\u001b[31mo","state":"inaccessible"},
+  {"host_id":"h3","name":"twin","state":"running"},{"host_id":"h4","name":"twin","state":"running"}, 7, null]}})";
+
+const std::string kOne = R"({"success":true,"data":{"host_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","name":"one",
+  "state":"running","version":"1.0","addresses":["192.0.2.1","2001:db8::1"],"cpu_cores":4,"cpu_clock_speed":2400.5,
+  "ram_size":16000000,"system":{"version":"A system","model":"","cpu":{"model":"A processor"},"uptime":273906},
+  "utilization":{"cpu":{"user_load":3,"system_load":2}},
+  "interfaces":[{"ifname":"eth0","type":"ethernet","ip":"192.0.2.1","mac":"02:00:00:00:00:01","speed":10000,
+  "status":"connected"}]}})";
+
+class Host : public CliTest {
+ protected:
+  ProcessResult RunOn(const ScriptedServer& server, std::vector<std::string> arguments) {
+    SaveLogin(server.url());
+    return Run(std::move(arguments));
+  }
+};
+
+TEST_F(Host, List_IsATableThatCannotDriveTheTerminal) {
+  const ScriptedServer server({HttpReplyOf(200, kHosts)});
+  const auto result = RunOn(server, {"host", "list"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, AllOf(StartsWith("HOST "), HasSubstr("  one          running\n"),
+                                   HasSubstr("  tw\\x1b[31mo  inaccessible\n"), Not(HasSubstr("\x1b"))));
+}
+
+TEST_F(Host, ShowByName_AsksForTheIdOfThatHost) {
+  const ScriptedServer server({HttpReplyOf(200, kHosts), HttpReplyOf(200, kOne)});
+  const auto result = RunOn(server, {"host", "show", "one"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, R"(Host            8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8
+Name            one
+State           running
+Version         1.0
+Addresses       192.0.2.1, 2001:db8::1
+System          A system
+Processor       A processor
+Cores           4
+Clock           2400.5 MHz
+Memory          16000000 KiB
+Uptime          3 d 04:05:06
+Load, programs  3 %
+Load, system    2 %
+
+Network interfaces
+INTERFACE  TYPE      ADDRESS    MAC                SPEED  STATUS
+eth0       ethernet  192.0.2.1  02:00:00:00:00:01  10000  connected
+)");
+  ASSERT_THAT(server.requests(), SizeIs(2));
+  EXPECT_THAT(server.requests()[1], AllOf(StartsWith("POST /webapi/VEXA.Virtualization.Host/get "),
+                                          HasSubstr(std::string("{\"host_id\":\"") + kHost + "\"}")));
+}
+
+TEST_F(Host, ShowById_AsksOnce) {
+  const ScriptedServer server({HttpReplyOf(200, kOne)});
+  const auto result = RunOn(server, {"host", "show", kHost, "--json"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("\"cpu_clock_speed\" : 2400.5"));
+  EXPECT_THAT(server.requests(), SizeIs(1));
+}
+
+TEST_F(Host, NamesOfNoneAndOfSeveral_AreTold) {
+  for (const auto& [name, sentence] : {std::pair("nobody", "There is no host called 'nobody'"),
+                                       std::pair("twin", "Several hosts are called 'twin'")}) {
+    const ScriptedServer server({HttpReplyOf(200, kHosts)});
+    const auto result = RunOn(server, {"host", "show", name});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr(sentence));
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+}
+
+TEST_F(Host, OddData_IsAnErrorOrEmptyNeverACrash) {
+  for (const char* data : {"null", "7", "[]", R"({"hosts":7})"}) {
+    const ScriptedServer server({HttpReplyOf(200, std::string(R"({"success":true,"data":)") + data + "}")});
+    const auto result = RunOn(server, {"host", "list"});
+    EXPECT_EQ(result.exit_code, 1) << data;
+    EXPECT_THAT(result.errors, HasSubstr("holds no hosts"));
+  }
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"addresses":{},"system":7,"utilization":[],
+      "interfaces":"x","ram_size":[]}})")});
+  const auto result = RunOn(server, {"host", "show"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.output, "\nNetwork interfaces\nnone\n");
+}
+
+TEST_F(Host, GuestInfo_IsShownWhenTheHostAnswered) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"answered":true,"ip":["192.0.2.7"],
+      "uptime":"77","has_agent":false}})")});
+  const auto result = RunOn(server, {"guest", "info", kHost});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output,
+            std::string("Guest          ") + kHost +
+                "\nHost answered  yes\nAddresses      192.0.2.7\nUptime         00:01:17\nAgent          no\n");
+  const ScriptedServer silent({HttpReplyOf(200, R"({"success":true,"data":{"answered":false,"uptime":"0"}})")});
+  EXPECT_THAT(RunOn(silent, {"guest", "info", kHost}).output, Not(HasSubstr("Uptime")));
+  EXPECT_EQ(RunOn(silent, {"guest", "info", ""}).exit_code, 2);
+}
+
+}  // namespace
+}  // namespace vexa::test
