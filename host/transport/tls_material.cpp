@@ -7,6 +7,7 @@
 #include <openssl/x509.h>
 
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "host/base/files.h"
@@ -103,6 +104,11 @@ Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files) {
   material.key = std::move(key->content);
   if (Status checked = Check(material, files); !checked) return checked.error();
   return material;
+}
+
+bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id) {
+  const Certificate certificate = ParseCertificate(material.certificate);
+  return certificate && HasCommonName(certificate.get(), host_id);
 }
 
 bool RequireCommonName(void* ssl_context, const std::string& host_id) {

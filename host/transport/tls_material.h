@@ -29,6 +29,9 @@ struct TlsMaterial {
 // do not belong together.
 Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files);
 
+// Whether the certificate's one common name is `host_id`.
+bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id);
+
 // Makes every handshake of `ssl_context` (an SSL_CTX*) accept only a certificate that was verified and whose one common
 // name is `host_id`, on top of what is checked already. False: out of memory.
 bool RequireCommonName(void* ssl_context, const std::string& host_id);

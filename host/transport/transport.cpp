@@ -164,6 +164,10 @@ Result<std::shared_ptr<Transport>> Transport::Make(TransportOptions options) {
   if (options.remote == TransportOptions::Remote::kTls) {
     Result<TlsMaterial> loaded = LoadTlsMaterial(options.tls);
     if (!loaded) return loaded.error();
+    if (!IsCertificateOf(*loaded, options.host_id)) {
+      return Error(ErrorCode::kInvalid, "'" + options.tls.certificate + "' is not the certificate of this host, '" +
+                                            options.host_id + "': 'vexa cluster certificate' makes one");
+    }
     tls.emplace(std::move(*loaded));
   }
   return std::shared_ptr<Transport>(new Transport(std::make_unique<Impl>(std::move(options), std::move(tls))));

@@ -41,7 +41,7 @@ struct TransportOptions {
 // Threads: any, at the same time.
 class Transport {
  public:
-  // Errors: those of LoadTlsMaterial.
+  // Errors: those of LoadTlsMaterial; kInvalid when the certificate is not this host's.
   static Result<std::shared_ptr<Transport>> Make(TransportOptions options);
   ~Transport();
 
