@@ -59,6 +59,7 @@ int RunCommandLine(int argc, char** argv) {
   AddClientCommands(app, invocation);
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
+  AddClusterCommands(app, invocation);
   AddImportCommand(app, invocation);
   app.footer(kFooter);
   try {
