@@ -60,6 +60,7 @@ int RunCommandLine(int argc, char** argv) {
   AddHostCommands(app, invocation);
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
+  AddClusterCommands(app, invocation);
   AddImportCommand(app, invocation);
   app.footer(kFooter);
   try {

@@ -24,6 +24,7 @@ void AddClientCommands(CLI::App& app, Invocation& invocation);
 void AddHostCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);
+void AddClusterCommands(CLI::App& app, Invocation& invocation);
 void AddImportCommand(CLI::App& app, Invocation& invocation);
 
 // The options of `vexa import` alone, which fill `words`.

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <map>
 
@@ -45,6 +46,13 @@ Result<Address> ParseAddress(const std::string& text) {
   return address;
 }
 
+bool IsWildcard(const std::string& host) {
+  unsigned char buffer[sizeof(in6_addr)]{};
+  const std::size_t size = host.find(':') == std::string::npos ? sizeof(in_addr) : sizeof(in6_addr);
+  if (::inet_pton(size == sizeof(in_addr) ? AF_INET : AF_INET6, host.c_str(), buffer) != 1) return false;
+  return std::all_of(buffer, buffer + size, [](unsigned char byte) { return byte == 0; });
+}
+
 bool IsLoopback(const std::string& host) { return host == "::1" || host.starts_with("127."); }
 
 void AddOptions(CLI::App& app, Config& config, bool& check_config) {
@@ -56,6 +64,9 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
       ->configurable(false);
 
   app.add_option("--data", config.data_directory, "The folder of the database, accounts and sessions")->group("Data");
+  app.add_option("--store", config.store_directory,
+                 "The folder of the database, when it is not in the data folder; hosts of one machine may share one")
+      ->group("Data");
   app.add_option("--accounts", config.accounts, "Who knows users and passwords: a file of ours, or PAM and NSS")
       ->check(CLI::IsMember({"file", "pam"}))
       ->group("Accounts");
@@ -75,6 +86,12 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
       ->group("Network");
   app.add_option("--client-authority", config.client_authority,
                  "The authority (PEM) that signs other hosts' certificates")
+      ->group("Network");
+  app.add_option("--cluster-listen", config.cluster_listen,
+                 "Where other hosts of the cluster call this one, \"address:port\"; needs the three settings above")
+      ->group("Network");
+  app.add_option("--cluster-address", config.cluster_address,
+                 "Where they find it, \"address:port\", when it is not what cluster-listen says")
       ->group("Network");
   app.add_option("--max-connections", config.max_connections, "Open connections in total")
       ->check(CLI::Range(1, 1'000'000))
@@ -134,6 +151,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   }
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
   if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
+  if (config.store_directory.empty()) config.store_directory = config.data_directory + "/store";
   if (check_config) result.action = CommandLine::Action::kCheckConfig;
   return result;
 }
@@ -146,7 +164,9 @@ Result<std::vector<ListenerOptions>> ListenersOf(const Config& config) {
     listener.path = config.socket;
     listeners.push_back(std::move(listener));
   }
-  for (const std::string& text : config.listen) {
+  std::vector<std::string> addresses = config.listen;
+  if (!config.cluster_listen.empty()) addresses.push_back(config.cluster_listen);
+  for (const std::string& text : addresses) {
     const Result<Address> address = ParseAddress(text);
     if (!address) return address.error();
     ListenerOptions listener;
@@ -160,6 +180,31 @@ Result<std::vector<ListenerOptions>> ListenersOf(const Config& config) {
   return listeners;
 }
 
+namespace {
+
+Status CheckCluster(const Config& config) {
+  if (config.cluster_listen.empty()) {
+    if (config.cluster_address.empty()) return {};
+    return Error(ErrorCode::kInvalid, "'cluster-address' needs 'cluster-listen'");
+  }
+  if (config.client_authority.empty()) {
+    return Error(ErrorCode::kInvalid,
+                 "'cluster-listen' needs 'tls-certificate', 'tls-key' and 'client-authority': hosts know each other by "
+                 "their certificates; see 'vexa cluster --help'");
+  }
+  const bool own = !config.cluster_address.empty();
+  const Result<Address> address = ParseAddress(own ? config.cluster_address : config.cluster_listen);
+  if (!address) return address.error();
+  if (IsWildcard(address->host) || (own && address->port == 0)) {
+    return Error(ErrorCode::kInvalid, "Other hosts cannot connect to '" +
+                                          (own ? config.cluster_address : config.cluster_listen) +
+                                          "': set 'cluster-address' to an address and a port of this host");
+  }
+  return {};
+}
+
+}  // namespace
+
 Status CheckConfig(const Config& config) {
   if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' names no folder");
   if (config.tls_certificate.empty() != config.tls_key.empty()) {
@@ -168,6 +213,7 @@ Status CheckConfig(const Config& config) {
   if (!config.client_authority.empty() && config.tls_certificate.empty()) {
     return Error(ErrorCode::kInvalid, "'client-authority' needs 'tls-certificate' and 'tls-key'");
   }
+  if (Status cluster = CheckCluster(config); !cluster) return cluster;
   const Result<std::vector<ListenerOptions>> listeners = ListenersOf(config);
   if (!listeners) return listeners.error();
   if (listeners->empty()) return Error(ErrorCode::kInvalid, "There is nothing to listen on: set 'socket' or 'listen'");

@@ -15,11 +15,14 @@ namespace vexa::daemon {
 
 struct Config {
   std::string data_directory = "/var/lib/vexa";
+  std::string store_directory;  // empty: "store" in the data folder; hosts of one machine share one
   std::vector<std::string> listen{"127.0.0.1:8642"};  // "address:port"; IPv6 as "[address]:port"
   std::string socket = "/run/vexad/vexad.sock";       // empty: none
   std::string tls_certificate;                        // for every network listener
   std::string tls_key;
   std::string client_authority;
+  std::string cluster_listen;     // "address:port" for other hosts; empty: no cluster
+  std::string cluster_address;    // where other hosts find it, numeric; empty: cluster_listen
   std::string accounts = "file";  // "file" or "pam"
   std::string account_file;       // empty: accounts.json in the data folder
   std::string pam_service = "vexad";
@@ -49,7 +52,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv);
 // listener beyond loopback without TLS.
 Status CheckConfig(const Config& config);
 
-// The listeners that a checked configuration asks for, the Unix socket first.
+// The listeners that a checked configuration asks for: the Unix socket, those of `listen`, that of `cluster_listen`.
 Result<std::vector<ListenerOptions>> ListenersOf(const Config& config);
 
 }  // namespace vexa::daemon

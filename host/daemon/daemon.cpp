@@ -22,15 +22,20 @@
 #include "host/daemon/http_server.h"
 #include "host/daemon/identity.h"
 #include "host/daemon/lane.h"
+#include "host/daemon/local_caller.h"
 #include "host/daemon/login_limiter.h"
 #include "host/daemon/metrics.h"
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
+#include "host/services/compound_api.h"
+#include "host/services/host_api.h"
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
 #include "host/services/services.h"
 #include "host/store/lmdb_store.h"
+#include "host/transport/transport.h"
 #include "host/webapi/error_table.h"
+#include "webapi/platform/ccc.h"
 
 namespace vexa::daemon {
 namespace {
@@ -54,6 +59,14 @@ LaneOptions LongLane(const Config& config) {
   return options;
 }
 
+// Calls of this host to itself. Their callers wait, each on a thread of another lane, and bound their number.
+LaneOptions LocalLane(const Config& config) {
+  LaneOptions options = LongLane(config);
+  options.name = "local";
+  options.max_per_user = 0;
+  return options;
+}
+
 Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config) {
   if (config.accounts == "pam") {
     base::PamOptions options;
@@ -64,6 +77,12 @@ Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config
   auto file = base::AccountFile::Open(config.account_file);
   if (!file) return file.error();
   return std::shared_ptr<base::AccountProvider>(std::move(*file));
+}
+
+std::optional<std::string> FindClusterAddress(const std::string& host_id) {
+  std::string address;
+  VexaCCC::DB::Dashboard record(VexaCCC::DB::DashCate::Host, host_id);
+  return record.Get(address, transport::kClusterAddress) == 0 ? std::optional(std::move(address)) : std::nullopt;
 }
 
 std::string DescribeHealth(store::Health health) {
@@ -78,37 +97,41 @@ std::string DescribeHealth(store::Health health) {
   return "";
 }
 
-// "address:port" where other hosts reach a listener; "" when it listens on every address and none is known.
-std::string ClusterAddress(std::string host, std::uint16_t port, const std::vector<std::string>& addresses) {
-  if (host == "0.0.0.0" || host == "::") host = addresses.empty() ? "" : addresses.front();
-  if (host.empty()) return "";
-  const bool is_ipv6 = host.find(':') != std::string::npos;
-  return (is_ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
-}
-
 }  // namespace
 
 // Members are destroyed in reverse order: the server first, then the lanes, then what the handlers use.
 class Daemon::Impl {
  public:
   explicit Impl(const Config& config)
-      : limiter_(LoginLimiterOptions{}), quick_(QuickLane()), long_running_(LongLane(config)) {}
+      : config_(config),
+        limiter_(LoginLimiterOptions{}),
+        quick_(QuickLane()),
+        long_running_(LongLane(config)),
+        local_(LocalLane(config)) {}
 
   ~Impl() {
     Stop(std::chrono::milliseconds(0));
     server_.reset();
+    transport::RemoveTransport();
     cluster::RemoveEnvironment();
   }
 
   Status Start(const Config& config, std::vector<webapi::ApiRow> further_rows) {
     if (Status opened = OpenData(config); !opened) return opened;
     MakeTable(config, std::move(further_rows));
+    if (Status made = MakeTransport(config); !made) return made;
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
   }
 
   std::uint16_t port(std::size_t index) const { return server_->port(index + first_network_listener_); }
+
+  std::string cluster_address() const {
+    const std::string& set = config_.cluster_address.empty() ? config_.cluster_listen : config_.cluster_address;
+    if (!set.ends_with(":0")) return set;
+    return set.substr(0, set.size() - 1) + std::to_string(port(config_.listen.size()));
+  }
 
   void Sweep() {
     const Status swept = sessions_->Sweep();
@@ -127,8 +150,9 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
+    const bool local_done = local_.Stop(left());  // last: the others wait for it
     Sweep();
-    return served && quick_done && long_done;
+    return served && quick_done && long_done && local_done;
   }
 
  private:
@@ -141,7 +165,8 @@ class Daemon::Impl {
     if (!host_id) return host_id.error();
     host_id_ = *host_id;
     store::LmdbOptions store_options;
-    store_options.directory = config.data_directory + "/store";
+    store_options.directory =
+        config.store_directory.empty() ? config.data_directory + "/store" : config.store_directory;
     auto store = store::OpenLmdbStore(store_options);
     if (!store) return store.error();
     store_ = std::move(*store);
@@ -164,7 +189,10 @@ class Daemon::Impl {
     std::vector<webapi::ApiRow> rows = std::move(further_rows);
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
-          services::ServiceRows(PartsOfServices(config)), services::HostListRows()}) {
+          services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
+          services::CompoundRows([this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
+            return local_caller_->Call(request, timeout);
+          })}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
@@ -176,11 +204,32 @@ class Daemon::Impl {
     parts.quick = &quick_;
     parts.long_running = &long_running_;
     parts.metrics_text = [this] {
-      return metrics_->ToText(
-          {server_->stats(), {{"quick", quick_.stats()}, {"long", long_running_.stats()}}, sessions_->size()});
+      return metrics_->ToText({server_->stats(),
+                               {{"quick", quick_.stats()}, {"long", long_running_.stats()}, {"local", local_.stats()}},
+                               sessions_->size()});
     };
     parts.health = [this] { return DescribeHealth(store_->health()); };
     dispatcher_ = std::make_unique<Dispatcher>(std::move(parts));
+  }
+
+  // Before the server starts, so that no handler runs without it.
+  Status MakeTransport(const Config& config) {
+    const std::string host_id = VexaCCC::DB::DBLocalhostID();
+    local_caller_ = std::make_unique<LocalCaller>(LocalCaller::Parts{table_.get(), metrics_.get(), &local_, host_id});
+    transport::TransportOptions options;
+    options.host_id = host_id;
+    options.local_call = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
+      return local_caller_->Call(request, timeout);
+    };
+    options.find_address = FindClusterAddress;
+    if (!config.cluster_listen.empty()) {
+      options.remote = transport::TransportOptions::Remote::kTls;
+      options.tls = {config.tls_certificate, config.tls_key, config.client_authority};
+    }
+    auto made = transport::Transport::Make(std::move(options));
+    if (!made) return made.error();
+    transport::InstallTransport(std::move(*made));
+    return {};
   }
 
   Status StartServer(const Config& config) {
@@ -227,11 +276,9 @@ class Daemon::Impl {
   // Once requests are answered: from now on others may count on this host.
   void JoinCluster(const Config& config) {
     cluster::HostFacts facts = services::GatherHostFacts(host_id_, VEXA_VERSION, services::Machine());
-    const auto listeners = ListenersOf(config);
-    if (listeners && listeners->size() > first_network_listener_) {
-      web_port_ = port(0);
-      facts.cluster_address = ClusterAddress((*listeners)[first_network_listener_].address, port(0), facts.addresses);
-    }
+    if (!config.listen.empty()) web_port_ = port(0);
+    // Without a listener for other hosts nobody can reach this one.
+    if (!config.cluster_listen.empty()) facts.cluster_address = cluster_address();
     presence_ = std::make_unique<cluster::HostPresence>(store_, std::move(facts));
   }
 
@@ -242,8 +289,12 @@ class Daemon::Impl {
       ::syslog(LOG_INFO, "Listening on %s://%s:%d.", config.tls_certificate.empty() ? "http" : "https",
                address.substr(0, address.rfind(':')).c_str(), port(i));
     }
+    if (!config.cluster_listen.empty()) {
+      ::syslog(LOG_INFO, "Listening for other hosts on %s.", cluster_address().c_str());
+    }
   }
 
+  const Config config_;
   DataLock data_lock_;
   std::shared_ptr<store::Store> store_;
   std::shared_ptr<base::AccountProvider> accounts_;
@@ -253,8 +304,10 @@ class Daemon::Impl {
   std::unique_ptr<webapi::ApiTable> table_;
   std::unique_ptr<Metrics> metrics_;
   std::unique_ptr<Dispatcher> dispatcher_;
+  std::unique_ptr<LocalCaller> local_caller_;
   Lane quick_;
   Lane long_running_;
+  Lane local_;
   std::unique_ptr<HttpServer> server_;
   std::size_t first_network_listener_ = 0;
   std::atomic<int> web_port_ = 0;  // of the first network listener, once it is open
@@ -273,6 +326,7 @@ Result<std::unique_ptr<Daemon>> Daemon::Start(const Config& config, std::vector<
 }
 
 std::uint16_t Daemon::port(std::size_t index) const { return impl_->port(index); }
+std::string Daemon::cluster_address() const { return impl_->cluster_address(); }
 void Daemon::Sweep() { impl_->Sweep(); }
 bool Daemon::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(deadline); }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/base/result.h"
@@ -21,6 +22,9 @@ class Daemon {
 
   // The port of the network listener `index`, in the order of the configuration.
   std::uint16_t port(std::size_t index) const;
+
+  // Where other hosts find this one, "address:port" for its record in the database; empty without a cluster.
+  std::string cluster_address() const;
 
   // What is due about once a minute: ended sessions are dropped.
   void Sweep();

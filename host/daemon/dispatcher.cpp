@@ -1,14 +1,12 @@
 #include "host/daemon/dispatcher.h"
 
 #include <strings.h>
-#include <syslog.h>
 
 #include <charconv>
-#include <exception>
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/reading.h"
+#include "host/daemon/handler_call.h"
 #include "host/daemon/openapi.h"
 #include "host/daemon/request_id.h"
 #include "host/webapi/error_table.h"
@@ -34,13 +32,25 @@ HttpResponse MakeErrorReply(int code, const std::string& request_id) {
   return daemon::MakeErrorReply(code, Json::Value(), request_id);
 }
 
-HttpResponse MakeSuccessReply(const Json::Value& data, const std::string& request_id) {
-  HttpResponse response;
-  response.body.reserve(kUsualReplyBytes);
-  response.body += "{\"success\":true,\"data\":";
-  json::AppendText(response.body, data);
-  response.body.append(",\"request_id\":\"").append(request_id).append("\"}");
-  return response;
+HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& further, const std::string& request_id) {
+  HttpResponse reply;
+  if (response.IsSuccess() && further.empty()) {  // without a copy of the data
+    reply.body.reserve(kUsualReplyBytes);
+    reply.body += "{\"success\":true,\"data\":";
+    json::AppendText(reply.body, response.Data());
+    reply.body.append(",\"request_id\":\"").append(request_id).append("\"}");
+    return reply;
+  }
+  Json::Value body = MakeEnvelope(response, further);
+  body["request_id"] = request_id;
+  reply.body = json::ToText(body);
+  if (response.IsSuccess()) return reply;
+  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode());
+  if (!row) row = webapi::FindError(webapi::kErrorInternal);
+  reply.status = row->http_status;
+  if (response.ErrorCode() == webapi::kErrorBusy) reply.headers.emplace_back("Retry-After", "1");
+  if (row->http_status == 401) reply.headers.emplace_back("WWW-Authenticate", "Bearer");
+  return reply;
 }
 
 // "application/json", with or without parameters (RFC 9110, section 8.3.1).
@@ -60,18 +70,6 @@ int VersionOf(std::string_view query) {
   return error == std::errc() && stop == end && version > 0 ? version : 0;
 }
 
-// 0 when callers of this kind may call a method of this access, else the error code.
-int CheckKind(Access access, Caller::Kind kind) {
-  if (access == Access::kAnyone) return 0;
-  if (kind == Caller::Kind::kNobody) return webapi::kErrorNotLoggedIn;
-  return (access == Access::kHost) == (kind == Caller::Kind::kHost) ? 0 : webapi::kErrorDenied;
-}
-
-// The rest of the check, once the user is known.
-int CheckUser(Access access, const Caller& caller) {
-  return access == Access::kAdministrator && !caller.user.is_administrator ? webapi::kErrorDenied : 0;
-}
-
 // Whom a lane's quota counts the call for.
 std::string QuotaName(const Caller& caller) {
   switch (caller.kind) {
@@ -88,20 +86,9 @@ std::string QuotaName(const Caller& caller) {
 }  // namespace
 
 HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id) {
-  const webapi::ErrorRow* row = webapi::FindError(code);
-  if (!row) row = webapi::FindError(webapi::kErrorInternal);
-  Json::Value reply(Json::objectValue);
-  reply["success"] = false;
-  reply["error"]["code"] = code;
-  reply["error"]["message"] = std::string(row->sentence);
-  if (!details.isNull()) reply["error"]["details"] = details;
-  reply["request_id"] = request_id;
-  HttpResponse response;
-  response.status = row->http_status;
-  response.body = json::ToText(reply);
-  if (code == webapi::kErrorBusy) response.headers.emplace_back("Retry-After", "1");
-  if (row->http_status == 401) response.headers.emplace_back("WWW-Authenticate", "Bearer");
-  return response;
+  VEXA::APIResponse response;
+  response.SetError(code, details);
+  return MakeReply(response, Json::Value(), request_id);
 }
 
 // What OnHeader found out about a request.
@@ -176,7 +163,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   } else {
     plan->caller = std::move(std::get<Caller>(identified));
   }
-  if (const int code = CheckKind(row->access.value, plan->caller.kind)) return refuse(code);
+  if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
   if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kStrangersBodyBytes;
   request.context = std::move(plan);
   return std::nullopt;
@@ -219,7 +206,7 @@ int Dispatcher::CheckAdministrator(const HttpRequest& request) const {
   Identified identified = parts_.identity->Begin(request);
   if (const int* code = std::get_if<int>(&identified)) return *code;
   Caller& caller = std::get<Caller>(identified);
-  if (const int code = CheckKind(Access::kAdministrator, caller.kind)) return code;
+  if (const int code = CheckCaller(Access::kAdministrator, caller)) return code;
   if (const int code = parts_.identity->Complete(caller)) return code;
   return CheckUser(Access::kAdministrator, caller);
 }
@@ -251,18 +238,16 @@ HttpResponse Dispatcher::AnswerPage(const Work& work) const {
 void Dispatcher::RunMethod(Work& work) const {
   std::vector<std::pair<std::string, std::string>> headers;
   VEXA::APIResponse response;
-  CallHandler(work, response, headers);
-  if (!response.IsSet()) response.SetError(webapi::kErrorInternal, Json::Value());
-  HttpResponse reply = response.IsSuccess()
-                           ? MakeSuccessReply(response.Data(), work.request.id)
-                           : daemon::MakeErrorReply(response.ErrorCode(), response.Data(), work.request.id);
+  Json::Value further(Json::objectValue);
+  AnswerMethod(work, response, headers, further);
+  HttpResponse reply = MakeReply(response, further, work.request.id);
   for (auto& header : headers) reply.headers.push_back(std::move(header));
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->begun);
   work.responder.Send(std::move(reply));
 }
 
-void Dispatcher::CallHandler(Work& work, VEXA::APIResponse& response,
-                             std::vector<std::pair<std::string, std::string>>& headers) const {
+void Dispatcher::AnswerMethod(Work& work, VEXA::APIResponse& response,
+                              std::vector<std::pair<std::string, std::string>>& headers, Json::Value& further) const {
   Caller& caller = work.plan->caller;
   const webapi::ApiRow& row = *work.plan->row;
   int refusal = parts_.identity->Complete(caller);
@@ -272,17 +257,7 @@ void Dispatcher::CallHandler(Work& work, VEXA::APIResponse& response,
       work.request.body.empty() ? Result<Json::Value>(Json::Value(Json::objectValue)) : ParseJson(work.request.body);
   if (!parameters) return response.SetError(webapi::kErrorMalformed, parameters.error().ToString());
   if (!parameters->isObject()) return response.SetError(webapi::kErrorMalformed, "The body is not a JSON object");
-  using Privilege = VEXA::APIRequest::Privilege;
-  VEXA::APIRequest request(std::move(*parameters), caller.user.name,
-                           caller.user.is_administrator ? Privilege::kAdministrator : Privilege::kOrdinary);
-  try {
-    const cluster::RequestScope scope;
-    row.handler({&request, &response, caller, &headers});
-  } catch (const std::exception& exception) {
-    // Handlers report by the response; whatever comes here is a fault of ours and must not take the host down.
-    ::syslog(LOG_ERR, "%s %s failed: %s", row.api.data(), row.method.data(), exception.what());
-    response = VEXA::APIResponse();
-  }
+  CallHandler({row, caller, std::move(*parameters)}, response, headers, further);
 }
 
 }  // namespace vexa::daemon

@@ -46,8 +46,8 @@ class Dispatcher {
   HttpResponse AnswerPage(const Work& work) const;
   void Run(Work& work) const;
   void RunMethod(Work& work) const;
-  void CallHandler(Work& work, VEXA::APIResponse& response,
-                   std::vector<std::pair<std::string, std::string>>& headers) const;
+  void AnswerMethod(Work& work, VEXA::APIResponse& response, std::vector<std::pair<std::string, std::string>>& headers,
+                    Json::Value& further) const;
 
   Parts parts_;
   std::string description_;  // GET /openapi.json

@@ -61,7 +61,8 @@ struct Call {
   VEXA::APIResponse* response;
   const Caller& caller;
   std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot say
-  Json::Value* further = nullptr;  // an object: top-level members of the reply beside "success" and "data"
+  // Members of the reply beside "success", "data", "error" and "request_id", which it cannot change: an object.
+  Json::Value* further = nullptr;
 };
 
 using Handler = std::function<void(const Call&)>;

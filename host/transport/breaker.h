@@ -1,0 +1,55 @@
+// Keeps callers from waiting for a host that is known to be gone.
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <random>
+#include <string>
+#include <unordered_map>
+
+namespace vexa::transport {
+
+// A host that could not be connected to twice in a row is left alone for a pause. After it one call is let through;
+// when that one fails to connect, too, the next pause is twice as long. A call that connects ends all that. Pauses are
+// spread, so that the hosts of a cluster do not come back all at the same moment. Threads: any, at the same time.
+class Breaker {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr int kFailuresToOpen = 2;
+  static constexpr std::chrono::milliseconds kFirstPause{750};
+  static constexpr std::chrono::milliseconds kLongestPause{5'000};
+  static constexpr double kSpread = 0.25;  // of the pause, either way
+
+  enum class Permit {
+    kGo,
+    kProbe,    // the one call that finds out whether the host is back
+    kRefused,  // do not try
+  };
+  enum class Outcome {
+    kConnected,     // whatever came of the call then
+    kNotConnected,  // refused, unreachable, or no connection in time
+    kUnknown,       // the call ended before that could be told
+  };
+
+  Breaker();
+
+  Permit Enter(const std::string& host_id, Clock::time_point now);
+  // Every permit but kRefused is reported once.
+  void Report(const std::string& host_id, Permit permit, Outcome outcome, Clock::time_point now);
+
+ private:
+  struct State {
+    int failures = 0;  // in a row
+    bool probing = false;
+    std::chrono::milliseconds pause{0};  // before it is spread; 0: closed
+    Clock::time_point open_until;
+  };
+
+  void Open(State& state, Clock::time_point now);
+
+  std::mutex mutex_;
+  std::mt19937 random_;                           // under mutex_
+  std::unordered_map<std::string, State> hosts_;  // under mutex_; those that failed last
+};
+
+}  // namespace vexa::transport

@@ -1,0 +1,48 @@
+// The transport of this process.
+#include <mutex>
+#include <utility>
+
+#include "host/transport/transport.h"
+
+namespace vexa::transport {
+namespace {
+
+// Never destroyed: threads may still ask while the process ends.
+struct Holder {
+  std::mutex mutex;
+  std::shared_ptr<Transport> transport;
+};
+
+Holder& Current() {
+  static auto* const holder = new Holder;
+  return *holder;
+}
+
+// Ends the transport's thread before the libraries that it uses are taken down.
+struct AtExit {
+  ~AtExit() { RemoveTransport(); }
+};
+
+std::shared_ptr<Transport> Exchange(std::shared_ptr<Transport> transport) {
+  Holder& holder = Current();
+  const std::lock_guard lock(holder.mutex);
+  return std::exchange(holder.transport, std::move(transport));
+}
+
+}  // namespace
+
+void InstallTransport(std::shared_ptr<Transport> transport) {
+  static const AtExit at_exit;
+  // The old one goes without the lock: that ends a thread.
+  const std::shared_ptr<Transport> old = Exchange(std::move(transport));
+}
+
+void RemoveTransport() { const std::shared_ptr<Transport> old = Exchange(nullptr); }
+
+std::shared_ptr<Transport> CurrentTransport() {
+  Holder& holder = Current();
+  const std::lock_guard lock(holder.mutex);
+  return holder.transport;
+}
+
+}  // namespace vexa::transport

@@ -1,0 +1,14 @@
+// The base of the senders. A sender keeps no error: whatever fails is in the reply.
+#include "webapi/platform/dr.h"
+
+namespace VexaDRCore {
+
+int ErrRecorder::GetErr() const { return 0; }
+
+}  // namespace VexaDRCore
+
+namespace VexaDRNode {
+
+BaseSender::~BaseSender() = default;
+
+}  // namespace VexaDRNode

@@ -1,0 +1,160 @@
+#include "host/transport/http_pool.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "host/transport/http_transfer.h"
+
+namespace vexa::transport {
+namespace {
+
+// Connections that wait for the next call to their host. libcurl's own measure is the number of calls under way, which
+// would close most of them at the end of every call to many hosts.
+constexpr long kMaxIdleConnections = 4096;
+constexpr int kPollMs = 60'000;  // a wake-up or a socket ends it earlier
+constexpr std::chrono::milliseconds kAfterFault{50};
+
+using Transfers = std::vector<std::unique_ptr<HttpTransfer>>;
+
+// The thread leaves all signals to the others. SIGPIPE among them, which OpenSSL's writes would raise.
+std::thread StartWithoutSignals(const std::function<void()>& body) {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  std::thread thread;
+  try {
+    thread = std::thread(body);
+  } catch (const std::system_error&) {
+    // Not joinable, which tells.
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return thread;
+}
+
+}  // namespace
+
+class HttpPool::Impl {
+ public:
+  explicit Impl(std::optional<TlsMaterial> tls) : owner_(::getpid()), tls_(std::move(tls)) {
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (initialised != CURLE_OK) return;
+    multi_ = curl_multi_init();
+    if (multi_ != nullptr) curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
+  }
+
+  ~Impl() {
+    {
+      const std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    if (thread_.joinable()) {
+      curl_multi_wakeup(multi_);
+      thread_.join();
+    }
+    if (multi_ != nullptr) curl_multi_cleanup(multi_);
+  }
+
+  // Whether this process made it. Another has neither the thread nor, perhaps, the mutex.
+  bool IsOurs() const { return ::getpid() == owner_; }
+
+  void Start(HttpCall call, Done done) {
+    auto transfer = std::make_unique<HttpTransfer>(std::move(call), std::move(done));
+    if (!IsOurs()) return transfer->Fail("this process was forked from the one that talks to hosts");
+    std::unique_lock lock(mutex_);
+    if (multi_ != nullptr && !stopping_ && !thread_.joinable()) {
+      thread_ = StartWithoutSignals([this] { Run(); });
+    }
+    if (!thread_.joinable() || stopping_) {
+      lock.unlock();
+      return transfer->Fail(stopping_ ? "this host is stopping" : "this host cannot start a thread");
+    }
+    const bool first = queue_.empty();
+    queue_.push_back(std::move(transfer));
+    lock.unlock();
+    if (first) curl_multi_wakeup(multi_);
+  }
+
+ private:
+  void Run() {
+    pthread_setname_np(pthread_self(), "transport");
+    while (TakeQueued()) {
+      int running = 0;
+      const CURLMcode performed = curl_multi_perform(multi_, &running);
+      FinishDone();
+      const CURLMcode polled = curl_multi_poll(multi_, nullptr, 0, kPollMs, nullptr);
+      if (performed != CURLM_OK || polled != CURLM_OK) std::this_thread::sleep_for(kAfterFault);
+    }
+    for (auto& [handle, transfer] : active_) {
+      curl_multi_remove_handle(multi_, handle);
+      transfer->Fail("this host is stopping");
+    }
+    active_.clear();
+  }
+
+  // Begins what callers have handed over. False: stop.
+  bool TakeQueued() {
+    Transfers taken;
+    bool stopping = false;
+    {
+      const std::lock_guard lock(mutex_);
+      taken.swap(queue_);
+      stopping = stopping_;
+    }
+    for (auto& transfer : taken) {
+      if (stopping) {
+        transfer->Fail("this host is stopping");
+      } else {
+        Begin(std::move(transfer));
+      }
+    }
+    return !stopping;
+  }
+
+  void Begin(std::unique_ptr<HttpTransfer> transfer) {
+    if (!transfer->Prepare(tls_ ? &*tls_ : nullptr)) return transfer->Fail("it cannot be called");
+    CURL* const handle = transfer->handle();
+    if (curl_multi_add_handle(multi_, handle) != CURLM_OK) return transfer->Fail("no memory for a connection");
+    active_.emplace(handle, std::move(transfer));
+  }
+
+  void FinishDone() {
+    int left = 0;
+    while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      CURL* const handle = message->easy_handle;
+      const CURLcode code = message->data.result;  // the message goes with the handle
+      curl_multi_remove_handle(multi_, handle);
+      auto node = active_.extract(handle);
+      node.mapped()->Finish(code);
+    }
+  }
+
+  const pid_t owner_;
+  const std::optional<TlsMaterial> tls_;
+  CURLM* multi_ = nullptr;
+  std::mutex mutex_;
+  std::thread thread_;                                               // under mutex_
+  Transfers queue_;                                                  // under mutex_
+  bool stopping_ = false;                                            // under mutex_
+  std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // the thread's own
+};
+
+HttpPool::HttpPool(std::optional<TlsMaterial> tls) : impl_(new Impl(std::move(tls))) {}
+
+HttpPool::~HttpPool() {
+  if (impl_->IsOurs()) delete impl_;
+}
+
+void HttpPool::Start(HttpCall call, Done done) { impl_->Start(std::move(call), std::move(done)); }
+
+}  // namespace vexa::transport

@@ -1,0 +1,191 @@
+#include "host/transport/http_transfer.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "host/transport/messages.h"
+
+namespace vexa::transport {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr long kMaxAgeOfIdleS = 120;  // hosts close idle connections after 300 s; one must not close just as we send
+constexpr milliseconds kLongest = std::chrono::hours(24 * 7);
+
+// A numeric address only: a name would have to be looked up, which takes time and a thread.
+bool IsNumericAddress(const std::string& text) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos) return false;
+  std::string host = text.substr(0, colon);
+  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+  if (bracketed) host = host.substr(1, host.size() - 2);
+  unsigned char buffer[sizeof(in6_addr)];
+  if (host.find('\0') != std::string::npos) return false;
+  if (::inet_pton(bracketed ? AF_INET6 : AF_INET, host.c_str(), buffer) != 1) return false;
+  std::uint16_t port = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, port);
+  return error == std::errc() && stop == end && port != 0;
+}
+
+curl_blob BlobOf(const std::string& text) {
+  return curl_blob{const_cast<char*>(text.data()), text.size(), CURL_BLOB_NOCOPY};
+}
+
+bool Append(curl_slist*& list, const char* text) {
+  curl_slist* const longer = curl_slist_append(list, text);
+  if (longer != nullptr) list = longer;
+  return longer != nullptr;
+}
+
+}  // namespace
+
+HttpTransfer::~HttpTransfer() {
+  curl_easy_cleanup(handle_);
+  curl_slist_free_all(fields_);
+  curl_slist_free_all(connect_to_);
+}
+
+bool HttpTransfer::Prepare(const TlsMaterial* tls) {
+  const auto left = std::chrono::duration_cast<milliseconds>(call_.deadline - std::chrono::steady_clock::now());
+  const auto refuse = [this](const char* why) {
+    refusal_ = why;
+    return false;
+  };
+  if (left.count() <= 0) return refuse("no reply in time");
+  if (!IsNumericAddress(call_.address)) return refuse("its address is not a numeric address and a port");
+  handle_ = curl_easy_init();
+  const bool made = handle_ != nullptr && Append(fields_, "Content-Type: application/json") &&
+                    Append(fields_, "Accept: application/json") && Append(fields_, "Expect:") &&
+                    Append(connect_to_, ("::" + call_.address).c_str());
+  if (!made) return refuse("no memory for a connection");
+  const std::string port = call_.address.substr(call_.address.rfind(':'));
+  Set(CURLOPT_URL, ((tls ? "https://" : "http://") + call_.host_id + port + call_.path).c_str());
+  Set(CURLOPT_CONNECT_TO, connect_to_);
+  Set(CURLOPT_PROTOCOLS_STR, tls ? "https" : "http");
+  Set(CURLOPT_PATH_AS_IS, 1L);
+  Set(CURLOPT_FOLLOWLOCATION, 0L);
+  Set(CURLOPT_PROXY, "");
+  Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  Set(CURLOPT_HTTP09_ALLOWED, 0L);
+  Set(CURLOPT_NOSIGNAL, 1L);
+  Set(CURLOPT_USERAGENT, "vexad");
+  Set(CURLOPT_ERRORBUFFER, reason_.data());
+  SetTimes(left);
+  SetBody();
+  if (tls) SetTls(*tls);
+  return true;
+}
+
+void HttpTransfer::SetTimes(milliseconds left) {
+  Set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min(left, kLongest).count()));
+  Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(left, HttpPool::kConnectTimeout).count()));
+  Set(CURLOPT_MAXAGE_CONN, kMaxAgeOfIdleS);
+  // A call may wait an hour for its reply; a host that has lost its power meanwhile says nothing.
+  Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  Set(CURLOPT_TCP_KEEPIDLE, 30L);
+  Set(CURLOPT_TCP_KEEPINTVL, 10L);
+}
+
+void HttpTransfer::SetBody() {
+  Set(CURLOPT_HTTPHEADER, fields_);
+  Set(CURLOPT_POST, 1L);
+  Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(call_.body->size()));
+  // Not CURLOPT_POSTFIELDS, which libcurl would send again by itself when a kept connection breaks: the host may have
+  // begun to do what it was asked. With a Seek that refuses, only a request whose body has not left is sent again.
+  Set(CURLOPT_READFUNCTION, &HttpTransfer::Read);
+  Set(CURLOPT_READDATA, this);
+  Set(CURLOPT_SEEKFUNCTION, &HttpTransfer::Seek);
+  Set(CURLOPT_SEEKDATA, this);
+  Set(CURLOPT_UPLOAD_BUFFERSIZE, 16L * 1024);
+  Set(CURLOPT_WRITEFUNCTION, &HttpTransfer::Write);
+  Set(CURLOPT_WRITEDATA, this);
+  Set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxReplyBytes));
+}
+
+void HttpTransfer::SetTls(const TlsMaterial& tls) {
+  curl_blob certificate = BlobOf(tls.certificate);
+  curl_blob key = BlobOf(tls.key);
+  curl_blob authority = BlobOf(tls.authority);
+  Set(CURLOPT_SSLCERT_BLOB, &certificate);
+  Set(CURLOPT_SSLKEY_BLOB, &key);
+  Set(CURLOPT_CAINFO_BLOB, &authority);
+  Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's authorities would do as well
+  Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_3));
+  Set(CURLOPT_SSL_VERIFYPEER, 1L);
+  Set(CURLOPT_SSL_VERIFYHOST, 2L);
+  Set(CURLOPT_SSL_ENABLE_ALPN, 0L);
+  Set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  Set(CURLOPT_SSL_CTX_FUNCTION, &HttpTransfer::SetUpContext);
+  Set(CURLOPT_SSL_CTX_DATA, this);
+}
+
+void HttpTransfer::Finish(CURLcode code) {
+  using Connection = HttpOutcome::Connection;
+  outcome_.connection = sent_ > 0 ? Connection::kMade : Connection::kFailed;
+  if (code != CURLE_OK) {
+    outcome_.failure = ReasonOf(code);
+    outcome_.body.clear();
+  }
+  done_(std::move(outcome_));
+}
+
+void HttpTransfer::Fail(std::string reason) {
+  outcome_.failure = refusal_.empty() ? std::move(reason) : std::move(refusal_);
+  outcome_.body.clear();
+  done_(std::move(outcome_));
+}
+
+std::string HttpTransfer::ReasonOf(CURLcode code) const {
+  if (too_large_ || code == CURLE_FILESIZE_EXCEEDED) return "its reply is larger than 16 MiB";
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      return sent_ > 0 ? "no reply in time" : "no connection in time";
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_FAIL_REWIND:
+      return "it hung up";
+    case CURLE_PARTIAL_FILE:
+      return "it hung up in the middle of its reply";
+    default:
+      return reason_[0] != '\0' ? reason_.data() : curl_easy_strerror(code);
+  }
+}
+
+std::size_t HttpTransfer::Read(char* buffer, std::size_t size, std::size_t count, void* self) {
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  const std::size_t part = std::min(size * count, transfer.call_.body->size() - transfer.sent_);
+  std::memcpy(buffer, transfer.call_.body->data() + transfer.sent_, part);
+  transfer.sent_ += part;
+  return part;
+}
+
+int HttpTransfer::Seek(void* /*self*/, curl_off_t /*offset*/, int /*origin*/) { return CURL_SEEKFUNC_FAIL; }
+
+std::size_t HttpTransfer::Write(char* data, std::size_t size, std::size_t count, void* self) {
+  auto& transfer = *static_cast<HttpTransfer*>(self);
+  std::string& body = transfer.outcome_.body;
+  const std::size_t bytes = size * count;
+  transfer.too_large_ = bytes > kMaxReplyBytes - body.size();
+  if (transfer.too_large_) return 0;  // ends the transfer
+  try {
+    body.append(data, bytes);
+  } catch (const std::exception&) {
+    return 0;
+  }
+  return bytes;
+}
+
+CURLcode HttpTransfer::SetUpContext(CURL* /*handle*/, void* context, void* self) {
+  const auto& transfer = *static_cast<const HttpTransfer*>(self);
+  return RequireCommonName(context, transfer.call_.host_id) ? CURLE_OK : CURLE_OUT_OF_MEMORY;
+}
+
+}  // namespace vexa::transport

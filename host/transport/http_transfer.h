@@ -1,0 +1,58 @@
+// One request on its way, as libcurl sees it.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <memory>
+#include <string>
+
+#include "host/transport/http_pool.h"
+
+namespace vexa::transport {
+
+// Threads: one at a time.
+class HttpTransfer {
+ public:
+  HttpTransfer(HttpCall call, HttpPool::Done done) : call_(std::move(call)), done_(std::move(done)) {}
+  ~HttpTransfer();
+  HttpTransfer(const HttpTransfer&) = delete;
+  HttpTransfer& operator=(const HttpTransfer&) = delete;
+
+  // Sets everything up for curl_multi_add_handle. False: no memory, no time left, or an address that is none; Fail()
+  // then. `tls` is null for plain HTTP and outlives the transfer otherwise.
+  bool Prepare(const TlsMaterial* tls);
+  CURL* handle() const { return handle_; }
+
+  // Each ends the transfer with its one call of `done`.
+  void Finish(CURLcode code);
+  void Fail(std::string reason);
+
+ private:
+  template <class Value>
+  void Set(CURLoption option, Value value) {
+    curl_easy_setopt(handle_, option, value);
+  }
+  void SetTimes(std::chrono::milliseconds left);
+  void SetTls(const TlsMaterial& tls);
+  void SetBody();
+  std::string ReasonOf(CURLcode code) const;
+
+  static std::size_t Read(char* buffer, std::size_t size, std::size_t count, void* self);
+  static int Seek(void* self, curl_off_t offset, int origin);
+  static std::size_t Write(char* data, std::size_t size, std::size_t count, void* self);
+  static CURLcode SetUpContext(CURL* handle, void* context, void* self);
+
+  HttpCall call_;
+  HttpPool::Done done_;
+  CURL* handle_ = nullptr;
+  curl_slist* fields_ = nullptr;
+  curl_slist* connect_to_ = nullptr;
+  std::size_t sent_ = 0;
+  HttpOutcome outcome_;
+  bool too_large_ = false;
+  std::string refusal_;  // why Prepare gave up
+  std::array<char, CURL_ERROR_SIZE> reason_{};
+};
+
+}  // namespace vexa::transport

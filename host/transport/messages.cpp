@@ -1,0 +1,58 @@
+#include "host/transport/messages.h"
+
+#include <algorithm>
+
+#include "host/base/json_parse.h"
+#include "host/webapi/error_table.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::transport {
+namespace {
+
+constexpr std::size_t kMaxQuoted = 200;
+
+bool IsLetterOrDigit(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); }
+
+bool IsName(const std::string& name) {
+  const auto fits = [](char c) { return IsLetterOrDigit(c) || c == '_' || c == '.'; };
+  // "." and ".." would be steps of the path.
+  return std::ranges::all_of(name, fits) && name.find_first_not_of('.') != std::string::npos;
+}
+
+// Fit for a log line and a terminal: short, printable ASCII.
+std::string Quotable(std::string_view text) {
+  std::string result(text.substr(0, kMaxQuoted));
+  for (char& c : result) {
+    if (c < ' ' || c > '~') c = '?';
+  }
+  return result;
+}
+
+}  // namespace
+
+std::string PathOf(const VexaDRCore::Request& request) {
+  if (!IsName(request.api()) || !IsName(request.method())) return {};
+  return "/webapi/" + request.api() + "/" + request.method() + "?version=" + std::to_string(request.version());
+}
+
+std::string BodyOf(const VexaDRCore::Request& request) {
+  return request.parameters().isObject() ? VexaVirtualization::json::ToText(request.parameters()) : "{}";
+}
+
+Json::Value FailedReply(std::string_view host_id, std::string_view reason) {
+  Json::Value reply(Json::objectValue);
+  reply["success"] = false;
+  reply["error"]["code"] = webapi::kErrorUnreachable;
+  reply["error"]["message"] = "No reply from host '" + Quotable(host_id) + "': " + Quotable(reason);
+  return reply;
+}
+
+Json::Value ParseReply(std::string_view host_id, std::string_view body) {
+  Result<Json::Value> parsed = ParseJson(body);
+  // The parser's reason quotes the text, which is the other host's and none of our caller's business.
+  if (!parsed) return FailedReply(host_id, "it answered with something that is no JSON, or is nested too deeply");
+  if (!parsed->isObject()) return FailedReply(host_id, "it answered with JSON that is no object");
+  return std::move(parsed).value();
+}
+
+}  // namespace vexa::transport

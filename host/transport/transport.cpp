@@ -1,0 +1,188 @@
+#include "host/transport/transport.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+#include "host/cluster/reading.h"
+#include "host/transport/breaker.h"
+#include "host/transport/host_name.h"
+#include "host/transport/http_pool.h"
+#include "host/transport/messages.h"
+
+namespace vexa::transport {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The longest that a caller may ask for; more would overflow clocks.
+constexpr int kLongestTimeoutS = 7 * 24 * 3600;
+
+std::chrono::milliseconds TimeoutOf(const VexaDRCore::Request& request) {
+  if (request.timeout_s() <= 0) return kDefaultTimeout;
+  return std::chrono::seconds(std::min(request.timeout_s(), kLongestTimeoutS));
+}
+
+Breaker::Outcome ForBreaker(HttpOutcome::Connection connection) {
+  switch (connection) {
+    case HttpOutcome::Connection::kMade:
+      return Breaker::Outcome::kConnected;
+    case HttpOutcome::Connection::kFailed:
+      return Breaker::Outcome::kNotConnected;
+    case HttpOutcome::Connection::kNotTried:
+      break;
+  }
+  return Breaker::Outcome::kUnknown;
+}
+
+// Where the pool leaves outcomes for the one caller that waits for them. Shared with the pool's callbacks.
+class Outcomes {
+ public:
+  struct Entry {
+    std::size_t index;
+    HttpOutcome outcome;
+  };
+
+  void Put(std::size_t index, HttpOutcome outcome) {
+    const std::lock_guard lock(mutex_);
+    entries_.push_back({index, std::move(outcome)});
+    if (entries_.size() == 1) changed_.notify_one();
+  }
+
+  // Waits until there is one at least.
+  std::vector<Entry> Take() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return !entries_.empty(); });
+    return std::exchange(entries_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Entry> entries_;
+};
+
+}  // namespace
+
+class Transport::Impl {
+ public:
+  Impl(TransportOptions options, std::optional<TlsMaterial> tls)
+      : options_(std::move(options)), breaker_(std::make_shared<Breaker>()), pool_(std::move(tls)) {}
+
+  void Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request,
+           std::vector<Json::Value>& replies) {
+    const Clock::time_point deadline = Clock::now() + TimeoutOf(request);
+    const std::string path = PathOf(request);
+    std::vector<std::size_t> remote;
+    std::optional<std::size_t> local;
+    std::vector<std::string> addresses(host_ids.size());
+    for (std::size_t i = 0; i < host_ids.size(); ++i) {
+      if (path.empty()) {
+        replies[i] = FailedReply(host_ids[i], "the request names no API and method");
+      } else if (!options_.host_id.empty() && host_ids[i] == options_.host_id) {
+        local = i;
+      } else if (std::string why = FindAddress(host_ids[i], addresses[i]); !why.empty()) {
+        replies[i] = FailedReply(host_ids[i], why);
+      } else {
+        remote.push_back(i);
+      }
+    }
+    // Others write while this thread waits, and a snapshot would keep every page that they replace.
+    cluster::RequestScope::ReleaseSnapshot();
+    const auto outcomes = std::make_shared<Outcomes>();
+    std::size_t waiting = 0;
+    const auto body = remote.empty() ? nullptr : std::make_shared<const std::string>(BodyOf(request));
+    for (const std::size_t i : remote) {
+      const HttpCall call{host_ids[i], addresses[i], path, body, deadline};
+      if (Start(call, i, outcomes)) {
+        ++waiting;
+      } else {
+        replies[i] = FailedReply(host_ids[i], "it could not be connected to, and is left alone for a moment");
+      }
+    }
+    // On this thread, which would only wait otherwise.
+    if (local) replies[*local] = AskLocal(request, deadline);
+    Collect(host_ids, *outcomes, waiting, replies);
+  }
+
+ private:
+  // Why the host cannot be asked; empty when it can.
+  std::string FindAddress(const std::string& host_id, std::string& address) const {
+    if (host_id.empty()) return "no host is named";
+    if (!IsHostId(host_id)) return "no host can have this id";
+    if (options_.remote == TransportOptions::Remote::kNone) return "this host is not set up to call others";
+    std::optional<std::string> found = options_.find_address ? options_.find_address(host_id) : std::nullopt;
+    if (!found || found->empty()) return "its address is not known";
+    address = std::move(*found);
+    return {};
+  }
+
+  // False: the breaker refuses.
+  bool Start(HttpCall call, std::size_t index, const std::shared_ptr<Outcomes>& outcomes) {
+    const Breaker::Permit permit = breaker_->Enter(call.host_id, Clock::now());
+    if (permit == Breaker::Permit::kRefused) return false;
+    const std::string host_id = call.host_id;
+    pool_.Start(std::move(call), [breaker = breaker_, permit, host_id, index, outcomes](HttpOutcome outcome) {
+      breaker->Report(host_id, permit, ForBreaker(outcome.connection), Clock::now());
+      outcomes->Put(index, std::move(outcome));
+    });
+    return true;
+  }
+
+  Json::Value AskLocal(const VexaDRCore::Request& request, Clock::time_point deadline) const {
+    if (!options_.local_call) return FailedReply(options_.host_id, "this host answers no calls of its own");
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return options_.local_call(request, std::max(left, std::chrono::milliseconds(0)));
+  }
+
+  // Replies are parsed here, as they come: the pool's thread has other hosts to look after.
+  static void Collect(const std::vector<std::string>& host_ids, Outcomes& outcomes, std::size_t waiting,
+                      std::vector<Json::Value>& replies) {
+    while (waiting > 0) {
+      for (Outcomes::Entry& entry : outcomes.Take()) {
+        const std::string& host_id = host_ids[entry.index];
+        replies[entry.index] = entry.outcome.failure.empty() ? ParseReply(host_id, entry.outcome.body)
+                                                             : FailedReply(host_id, entry.outcome.failure);
+        entry.outcome = HttpOutcome();  // its text is not needed while the others come
+        --waiting;
+      }
+    }
+  }
+
+  const TransportOptions options_;
+  const std::shared_ptr<Breaker> breaker_;
+  HttpPool pool_;
+};
+
+Transport::Transport(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Transport::~Transport() = default;
+
+Result<std::shared_ptr<Transport>> Transport::Make(TransportOptions options) {
+  std::optional<TlsMaterial> tls;
+  if (options.remote == TransportOptions::Remote::kTls) {
+    Result<TlsMaterial> loaded = LoadTlsMaterial(options.tls);
+    if (!loaded) return loaded.error();
+    if (!IsCertificateOf(*loaded, options.host_id)) {
+      return Error(ErrorCode::kInvalid, "'" + options.tls.certificate + "' is not the certificate of this host, '" +
+                                            options.host_id + "': 'vexa cluster certificate' makes one");
+    }
+    tls.emplace(std::move(*loaded));
+  }
+  return std::shared_ptr<Transport>(new Transport(std::make_unique<Impl>(std::move(options), std::move(tls))));
+}
+
+std::vector<Json::Value> Transport::Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request) {
+  std::vector<Json::Value> replies(host_ids.size());
+  try {
+    impl_->Ask(host_ids, request, replies);
+  } catch (const std::exception&) {  // out of memory; a reply that is there stays
+    for (std::size_t i = 0; i < host_ids.size(); ++i) {
+      if (replies[i].isNull()) replies[i] = FailedReply(host_ids[i], "this host has a fault");
+    }
+  }
+  return replies;
+}
+
+}  // namespace vexa::transport

@@ -1,0 +1,65 @@
+// What the senders stand on: who this host is, where the others are, and how to reach them.
+#pragma once
+
+#include <json/value.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/transport/local_call.h"
+#include "host/transport/tls_material.h"
+#include "webapi/platform/dr.h"
+
+namespace vexa::transport {
+
+// For a request that sets no time-out.
+inline constexpr std::chrono::milliseconds kDefaultTimeout{30'000};
+
+// The host records' member with the address of a host.
+inline constexpr const char* kClusterAddress = "cluster_address";
+
+struct TransportOptions {
+  enum class Remote {
+    kTls,    // with `tls`
+    kPlain,  // unencrypted, and nobody shows who they are: for tests
+    kNone,   // other hosts cannot be called
+  };
+  std::string host_id;  // this host's, which is called by `local_call`
+  LocalCall local_call;
+  // "address:port" of another host, numeric; nothing for a host that is not known. Runs on the caller's thread.
+  std::function<std::optional<std::string>(const std::string& host_id)> find_address;
+  Remote remote = Remote::kNone;
+  TlsFiles tls;
+};
+
+// Sends requests and waits for the replies. Never throws; every failure is a failed reply with the code 102.
+// Threads: any, at the same time.
+class Transport {
+ public:
+  // Errors: those of LoadTlsMaterial; kInvalid when the certificate is not this host's.
+  static Result<std::shared_ptr<Transport>> Make(TransportOptions options);
+  ~Transport();
+
+  // Asks all hosts at once, and returns when each has answered, failed or timed out; the replies are in the order of
+  // `host_ids`, in which no id occurs twice. No snapshot of the store is held while waiting.
+  std::vector<Json::Value> Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
+
+ private:
+  class Impl;
+  explicit Transport(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+// The transport that VexaCCC::Sender and MultiSender use; without one every request fails. Removing it, or installing
+// another, leaves calls under way with the one they began with. The end of the process removes it.
+// Threads: any.
+void InstallTransport(std::shared_ptr<Transport> transport);
+void RemoveTransport();
+std::shared_ptr<Transport> CurrentTransport();
+
+}  // namespace vexa::transport

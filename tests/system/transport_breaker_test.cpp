@@ -1,0 +1,130 @@
+// Hosts that cannot be connected to.
+#include "host/transport/breaker.h"
+
+#include <set>
+
+#include "tests/system/transport_test_support.h"
+
+namespace vexa::test {
+namespace {
+
+using std::chrono::milliseconds;
+using transport::Breaker;
+using Permit = Breaker::Permit;
+using Outcome = Breaker::Outcome;
+using VexaCCC::Sender;
+
+constexpr const char* kHost = "other-host";
+
+// One call that fails to connect at `now`.
+void FailOnce(Breaker& breaker, Breaker::Clock::time_point now) {
+  const Permit permit = breaker.Enter(kHost, now);
+  ASSERT_NE(permit, Permit::kRefused);
+  breaker.Report(kHost, permit, Outcome::kNotConnected, now);
+}
+
+// How long the host is left alone from `now` on, to 1 ms.
+milliseconds PauseFrom(Breaker& breaker, Breaker::Clock::time_point now) {
+  milliseconds pause{0};
+  while (breaker.Enter(kHost, now + pause) == Permit::kRefused && pause < milliseconds(10'000)) ++pause;
+  return pause;  // the probe has begun
+}
+
+TEST(Breaker, SecondFailureInARow_OpensForAShortPause) {
+  Breaker breaker;
+  const auto now = Breaker::Clock::now();
+  FailOnce(breaker, now);
+  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo) << "once is no reason";
+  breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now);
+  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kRefused);
+  EXPECT_EQ(breaker.Enter("third-host", now), Permit::kGo);
+  const milliseconds pause = PauseFrom(breaker, now);
+  EXPECT_GE(pause, milliseconds(500));
+  EXPECT_LE(pause, milliseconds(1'000));
+}
+
+TEST(Breaker, Pauses_DoubleUpToTheLongestAndAreSpread) {
+  std::set<milliseconds::rep> firsts;
+  for (int round = 0; round < 20; ++round) {
+    Breaker breaker;
+    auto now = Breaker::Clock::now();
+    FailOnce(breaker, now);
+    FailOnce(breaker, now);
+    for (int i = 0; i < 6; ++i) {
+      const milliseconds pause = PauseFrom(breaker, now);
+      if (i == 0) firsts.insert(pause.count());
+      const double middle = std::min(750.0 * (1 << i), 5'000.0);
+      EXPECT_GE(static_cast<double>(pause.count()), 0.75 * middle - 1) << i;
+      EXPECT_LE(static_cast<double>(pause.count()), std::min(1.25 * middle + 1, 5'001.0)) << i;
+      now += pause;
+      breaker.Report(kHost, Permit::kProbe, Outcome::kNotConnected, now);
+    }
+  }
+  EXPECT_GT(firsts.size(), 3u);
+}
+
+TEST(Breaker, AfterThePause_OneProbeAtATime) {
+  Breaker breaker;
+  const auto now = Breaker::Clock::now();
+  FailOnce(breaker, now);
+  FailOnce(breaker, now);
+  const auto later = now + milliseconds(6'000);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused);
+  breaker.Report(kHost, Permit::kProbe, Outcome::kUnknown, later);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe) << "the first told nothing";
+  breaker.Report(kHost, Permit::kProbe, Outcome::kConnected, later);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
+}
+
+TEST(Breaker, FailuresOfCallsAlreadyUnderWay_DoNotLengthenThePause) {
+  Breaker breaker;
+  const auto now = Breaker::Clock::now();
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(breaker.Enter(kHost, now), Permit::kGo);
+  for (int i = 0; i < 50; ++i) breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now);
+  EXPECT_LE(PauseFrom(breaker, now), milliseconds(1'000));
+}
+
+TEST(Breaker, SuccessBetweenFailures_KeepsItClosed) {
+  Breaker breaker;
+  const auto now = Breaker::Clock::now();
+  for (int i = 0; i < 10; ++i) {
+    FailOnce(breaker, now);
+    EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo);
+    breaker.Report(kHost, Permit::kGo, Outcome::kConnected, now);
+  }
+}
+
+TEST(TransportBreaker, DeadHost_IsLeftAloneAndFoundAgain) {
+  const std::uint16_t port = UnusedPort();
+  const InstalledTransport transport({{kHost, AddressOf(port)}});
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest(5))).find("left alone"), std::string::npos);
+  }
+  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(5))).find("left alone"), std::string::npos);
+  daemon::ListenerOptions listener;
+  listener.port = port;
+  const JsonHost host(
+      [](daemon::HttpRequest&&, const daemon::Responder& responder) {
+        daemon::HttpResponse response;
+        response.body = R"({"success":true})";
+        responder.Send(std::move(response));
+      },
+      listener);
+  EXPECT_TRUE(Eventually([] { return Sender(kHost).process(MakeRequest(5)).isSuccess(); }));
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(Sender(kHost).process(MakeRequest(5)).isSuccess());
+}
+
+TEST(TransportBreaker, TimeoutsOfTheHandler_DoNotOpenIt) {
+  std::vector<daemon::Responder> held;  // on the one I/O thread
+  const JsonHost host(
+      [&held](daemon::HttpRequest&&, const daemon::Responder& responder) { held.push_back(responder); });
+  const InstalledTransport transport({{kHost, host.address()}});
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(1))).find("no reply in time"), std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace vexa::test

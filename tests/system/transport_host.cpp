@@ -1,0 +1,98 @@
+// A daemon as a program of its own, with methods for tests of a cluster. Takes vexad's flags; says "READY <address>"
+// when it serves, and stops on SIGTERM.
+#include <signal.h>
+
+#include <cstdio>
+#include <thread>
+
+#include "host/daemon/daemon.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_senders.h"
+#include "webapi/utils/json.h"
+
+namespace {
+
+namespace json = VexaVirtualization::json;
+using vexa::webapi::Access;
+using vexa::webapi::ApiRow;
+using vexa::webapi::Call;
+using vexa::webapi::LaneKind;
+
+Json::Value Parameter(const Call& call, const char* name) { return call.request->GetParam(name, Json::Value()); }
+
+void WhoAmI(const Call& call) {
+  Json::Value data;
+  data["host"] = VexaCCC::DB::DBLocalhostID();
+  data["caller"] = call.caller.host_id;
+  call.response->SetSuccess(data);
+  (*call.further)["has_fail"] = true;
+  (*call.further)["success"] = "cannot be changed";
+  (*call.further)["data"] = "cannot be changed";
+}
+
+void Slow(const Call& call) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(json::Int(Parameter(call, "milliseconds"))));
+  call.response->SetSuccess("done");
+}
+
+VexaDRCore::Request RequestOf(const Call& call) {
+  VexaDRCore::Request request;
+  request.setAPI("VEXA.Test.Host");
+  request.setMethod(json::String(Parameter(call, "method")));
+  request.setTimeout(json::Int(Parameter(call, "timeout")));
+  request.addParam(Parameter(call, "parameters"));
+  return request;
+}
+
+void Relay(const Call& call) {
+  VexaCCC::Sender sender(json::String(Parameter(call, "host_id")));
+  call.response->SetSuccess(sender.process(RequestOf(call)).toJson());
+}
+
+void RelayToAll(const Call& call) {
+  const VexaCCC::MultiResponse responses = VexaCCC::MultiSender::allHosts().process(RequestOf(call));
+  Json::Value data(Json::objectValue);
+  for (const std::string& id : responses.getHostList()) data[id] = responses.getResponse(id).toJson();
+  call.response->SetSuccess(data);
+}
+
+ApiRow Row(const char* method, Access access, LaneKind lane, vexa::webapi::Handler handler) {
+  return {.api = "VEXA.Test.Host",
+          .method = method,
+          .version = 1,
+          .access = access,
+          .lane = lane,
+          .handler = std::move(handler),
+          .summary = "A method of the tests.",
+          .parameters = {},
+          .errors = {}};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using vexa::daemon::CommandLine;
+  const CommandLine command = vexa::daemon::ParseCommandLine(argc, argv);
+  if (command.action != CommandLine::Action::kRun) return command.exit_status;
+  const auto fail = [](const vexa::Error& error) {
+    std::fprintf(stderr, "%s\n", error.ToString().c_str());
+    return 1;
+  };
+  if (const vexa::Status checked = vexa::daemon::CheckConfig(command.config); !checked) return fail(checked.error());
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  auto daemon = vexa::daemon::Daemon::Start(
+      command.config,
+      {Row("whoami", Access::kHost, LaneKind::kQuick, WhoAmI), Row("slow", Access::kHost, LaneKind::kLong, Slow),
+       Row("throws", Access::kHost, LaneKind::kQuick, [](const Call&) { throw std::runtime_error("x"); }),
+       Row("user", Access::kUser, LaneKind::kQuick, WhoAmI), Row("relay", Access::kUser, LaneKind::kLong, Relay),
+       Row("relay_to_all", Access::kUser, LaneKind::kLong, RelayToAll)});
+  if (!daemon) return fail(daemon.error());
+  std::printf("READY %s\n", (*daemon)->cluster_address().c_str());
+  std::fflush(stdout);
+  int signal = 0;
+  sigwait(&signals, &signal);
+  return (*daemon)->Stop(std::chrono::seconds(30)) ? 0 : 3;
+}

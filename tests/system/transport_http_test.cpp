@@ -1,0 +1,281 @@
+// What a host may do to a caller, over plain HTTP.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "tests/support/scripted_server.h"
+#include "tests/system/transport_test_support.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using VexaCCC::Sender;
+using VexaDRCore::Response;
+
+constexpr const char* kHost = "other-host";
+constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+std::string AddressOfUrl(const ScriptedServer& server) { return server.url().substr(7); }
+
+std::string Reply(const std::string& body) { return HttpReplyOf(200, body).bytes; }
+
+std::string ObjectOfSize(std::size_t bytes) {
+  const std::string head = R"({"success":true,"data":{"text":")";
+  const std::string tail = "\"}}";
+  return head + std::string(bytes - head.size() - tail.size(), 'x') + tail;
+}
+
+std::string Nested(std::size_t levels) {
+  return "{\"success\":true,\"data\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
+}
+
+struct Misbehaviour {
+  const char* name;
+  ScriptedReply reply;
+  const char* reason;  // in the message
+};
+
+const Misbehaviour kMisbehaviours[] = {
+    {"HangsUp", {"", ScriptedReply::Then::kClose}, "hung up"},
+    {"Resets", {"", ScriptedReply::Then::kReset}, "reset"},
+    {"HangsUpMidHeader", {"HTTP/1.1 200 OK\r\nContent-Le", ScriptedReply::Then::kClose}, "'other-host'"},
+    {"HangsUpMidBody",
+     {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", ScriptedReply::Then::kClose},
+     "middle of its reply"},
+    {"StallsAtOnce", {"", ScriptedReply::Then::kStall}, "in time"},
+    {"StallsMidBody",
+     {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", ScriptedReply::Then::kStall},
+     "in time"},
+    {"SaysGarbage", {"\x01\x02garbage\r\n\r\n\xff\xfe", ScriptedReply::Then::kClose}, "'other-host'"},
+    {"SpeaksHttp09", {R"({"success":true})", ScriptedReply::Then::kClose}, "'other-host'"},
+    {"AnswersNoJson", {Reply("<html>"), ScriptedReply::Then::kClose}, "no JSON"},
+    {"AnswersHalfJson", {Reply(R"({"success":true)"), ScriptedReply::Then::kClose}, "no JSON"},
+    {"AnswersNothing", {Reply(""), ScriptedReply::Then::kClose}, "no JSON"},
+    {"AnswersInvalidUtf8", {Reply("{\"a\":\"\xff\"}"), ScriptedReply::Then::kClose}, "no JSON"},
+    {"AnswersAnArray", {Reply("[1,2]"), ScriptedReply::Then::kClose}, "no object"},
+    {"AnswersText", {Reply("\"x\""), ScriptedReply::Then::kClose}, "no object"},
+    {"AnswersNull", {Reply("null"), ScriptedReply::Then::kClose}, "no object"},
+    {"NestsTooDeeply", {Reply(Nested(65)), ScriptedReply::Then::kClose}, "too deeply"},
+    {"NestsVeryDeeply", {Reply(Nested(1'000'000)), ScriptedReply::Then::kClose}, "too deeply"},
+    {"AnswersTooMuch", {Reply(ObjectOfSize(17 * kMiB)), ScriptedReply::Then::kClose}, "larger than 16 MiB"},
+    {"AnswersTooMuchUnannounced",
+     {"HTTP/1.1 200 OK\r\n\r\n" + ObjectOfSize(17 * kMiB), ScriptedReply::Then::kClose},
+     "larger than 16 MiB"},
+    {"Redirects",
+     {"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n", ScriptedReply::Then::kClose},
+     "no JSON"},
+};
+
+class TransportMisbehaviour : public testing::TestWithParam<Misbehaviour> {};
+
+TEST_P(TransportMisbehaviour, Host_IsAFailedReplyWithHostAndReason) {
+  const ScriptedServer server({GetParam().reply});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  Response response;
+  const double seconds = SecondsOf([&] { response = Sender(kHost).process(MakeRequest(2)); });
+  const std::string failure = FailureOf(response);
+  EXPECT_NE(failure.find(kHost), std::string::npos) << failure;
+  EXPECT_NE(failure.find(GetParam().reason), std::string::npos) << failure;
+  EXPECT_EQ(failure.find("g1"), std::string::npos) << failure;
+  EXPECT_LT(seconds, 20);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, TransportMisbehaviour, testing::ValuesIn(kMisbehaviours),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(TransportReply, OfTheHostItself_IsKeptAsItIs) {
+  for (const char* text : {R"({"success":true,"data":{"a":[1,2]},"has_fail":true})",
+                           R"({"success":false,"error":{"code":1503,"details":{"h":true}}})", R"({"odd":1})", "{}"}) {
+    const JsonHost host{std::string(text)};
+    const InstalledTransport transport({{kHost, host.address()}});
+    EXPECT_EQ(Sender(kHost).process(MakeRequest()).toJson(), Parse(text)) << text;
+  }
+}
+
+TEST(TransportReply, OfAnHttpFailure_IsKeptAsItIs) {
+  const ScriptedServer server({HttpReplyOf(404, R"({"success":false,"error":{"code":507}})")});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  EXPECT_EQ(Sender(kHost).process(MakeRequest()).getErrCode(), 507);
+}
+
+TEST(TransportReply, BelowTheLimits_IsAccepted) {
+  for (const std::string& text : {ObjectOfSize(10 * kMiB), ObjectOfSize(16 * kMiB), Nested(64)}) {
+    const JsonHost host{std::string(text)};
+    const InstalledTransport transport({{kHost, host.address()}});
+    EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()) << text.size();
+  }
+}
+
+TEST(TransportRequest, OnTheWire_CarriesParametersInTheBodyOnly) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  VexaDRCore::Request request = MakeRequest();
+  request.setVersion(3);
+  request.addParam("odd", Json::Value("\n%2f../"));
+  EXPECT_TRUE(Sender(kHost).process(request).isSuccess());
+  ASSERT_EQ(server.requests().size(), 1u);
+  const std::string sent = server.requests()[0];
+  EXPECT_TRUE(sent.starts_with("POST /webapi/VEXA.Test/ask?version=3 HTTP/1.1\r\n")) << sent;
+  EXPECT_NE(sent.find("\r\nContent-Type: application/json\r\n"), std::string::npos) << sent;
+  EXPECT_EQ(sent.find("Expect:"), std::string::npos) << sent;
+  EXPECT_EQ(Parse(sent.substr(sent.find("\r\n\r\n") + 4)), request.parameters());
+}
+
+TEST(TransportRequest, NamesThatCouldEscape_AreNotSent) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  const InstalledTransport transport({{kHost, host.address()}});
+  for (const std::string& name : {std::string(""), std::string("a/b"), std::string(".."), std::string("."),
+                                  std::string("a?b"), std::string("a%2fb"), std::string("a b"), std::string("a\r\nb"),
+                                  std::string("a\0b", 3), std::string("a#b"), std::string("\xc3\xa4")}) {
+    VexaDRCore::Request api = MakeRequest();
+    api.setAPI(name);
+    EXPECT_NE(FailureOf(Sender(kHost).process(api)), "");
+    VexaDRCore::Request method = MakeRequest();
+    method.setMethod(name);
+    EXPECT_NE(FailureOf(Sender(kHost).process(method)), "");
+  }
+  EXPECT_EQ(host.requests(), 0);
+}
+
+TEST(TransportRequest, EmptyUnknownOrOddHost_FailsAtOnceWithoutASocket) {
+  const int threads = ProcessThreads();
+  const InstalledTransport transport(InstalledTransport::Addresses{
+      {"named-by-record", "localhost:1"}, {"no-port", "127.0.0.1"}, {"../x", "127.0.0.1:1"}});
+  for (const std::string& host : {std::string(""), std::string("nobody"), std::string("../x"), std::string("a\r\nb"),
+                                  std::string("a\0b", 3), std::string("-a"), std::string(64, 'a')}) {
+    const double seconds = SecondsOf([&] { EXPECT_NE(FailureOf(Sender(host).process(MakeRequest())), ""); });
+    EXPECT_LT(seconds, 1);
+  }
+  EXPECT_EQ(ProcessThreads(), threads) << "nothing was handed to the thread that talks to hosts";
+  for (const char* host : {"named-by-record", "no-port"}) {
+    EXPECT_NE(FailureOf(Sender(host).process(MakeRequest())).find("address"), std::string::npos);
+  }
+  EXPECT_NE(FailureOf(Sender().process(MakeRequest())), "");
+}
+
+TEST(TransportRequest, WithoutATransport_Fails) {
+  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest())), "");
+  EXPECT_NE(FailureOf(VexaCCC::MultiSender({kHost}).process(MakeRequest()).getResponse(kHost)), "");
+}
+
+TEST(TransportRequest, Proxy_IsNotUsed) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  ::setenv("http_proxy", "http://127.0.0.1:1", 1);
+  ::setenv("ALL_PROXY", "http://127.0.0.1:1", 1);
+  {
+    const InstalledTransport transport({{kHost, host.address()}});
+    EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess());
+  }
+  ::unsetenv("http_proxy");
+  ::unsetenv("ALL_PROXY");
+}
+
+TEST(TransportConnection, SecondRequest_UsesTheSameOne) {
+  std::atomic<int> connections{0};
+  const RawHost host([&](int fd) {
+    ++connections;
+    while (!ReceiveRequest(fd).empty()) SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n{\"success\":true}");
+  });
+  const InstalledTransport transport({{kHost, host.address()}});
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess());
+  EXPECT_EQ(connections, 1);
+}
+
+TEST(TransportConnection, BreaksAfterTheRequestOnAKeptOne_RequestIsNotSentAgain) {
+  std::atomic<int> requests{0};
+  const RawHost host([&](int fd) {
+    for (int here = 0; !ReceiveRequest(fd).empty(); ++here) {
+      ++requests;
+      if (here == 1) return;
+      SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n{\"success\":true}");
+    }
+  });
+  const InstalledTransport transport({{kHost, host.address()}});
+  EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess());
+  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest())), "");
+  EXPECT_EQ(requests, 2);
+  EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()) << "with a connection of its own";
+}
+
+TEST(TransportConnection, ClosedByARestart_IsReplaced) {
+  auto host = std::make_unique<JsonHost>(std::string(R"({"success":true})"));
+  const std::uint16_t port = host->port();
+  const InstalledTransport transport({{kHost, AddressOf(port)}});
+  EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess());
+  host.reset();
+  daemon::ListenerOptions listener;
+  listener.port = port;
+  const JsonHost again(
+      [](daemon::HttpRequest&&, const daemon::Responder& responder) {
+        daemon::HttpResponse response;
+        response.body = R"({"success":true,"data":"again"})";
+        responder.Send(std::move(response));
+      },
+      listener);
+  EXPECT_EQ(Sender(kHost).process(MakeRequest()).getData(), Json::Value("again"));
+}
+
+// The kernel drops what does not fit into a full queue of connections: connecting takes for ever.
+class FullQueue {
+ public:
+  FullQueue() : port_(UnusedPort()) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port_);
+    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::listen(listener_, 0), 0);
+    for (int& fd : fillers_) {
+      fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+      (void)::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+  }
+  ~FullQueue() {
+    for (const int fd : fillers_) ::close(fd);
+    ::close(listener_);
+  }
+  std::string address() const { return AddressOf(port_); }
+
+ private:
+  std::uint16_t port_;
+  int listener_ = -1;
+  int fillers_[8] = {};
+};
+
+TEST(TransportTimeout, ShorterThanConnecting_CountsFromTheCall) {
+  const FullQueue queue;
+  const InstalledTransport transport({{kHost, queue.address()}});
+  std::string failure;
+  const double seconds = SecondsOf([&] { failure = FailureOf(Sender(kHost).process(MakeRequest(1))); });
+  EXPECT_NE(failure.find("no connection in time"), std::string::npos) << failure;
+  EXPECT_GE(seconds, 0.9);
+  EXPECT_LT(seconds, 4);
+}
+
+TEST(TransportTimeout, Connecting_TakesFiveSecondsAtMost) {
+  const FullQueue queue;
+  const InstalledTransport transport({{kHost, queue.address()}});
+  std::string failure;
+  const double seconds = SecondsOf([&] { failure = FailureOf(Sender(kHost).process(MakeRequest())); });
+  EXPECT_NE(failure.find("no connection in time"), std::string::npos) << failure;
+  EXPECT_GE(seconds, 4.5);
+  EXPECT_LT(seconds, 15);
+}
+
+TEST(TransportTimeout, OfAStallingHost_IsTheRequests) {
+  const ScriptedServer server({{"", ScriptedReply::Then::kStall}});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  std::string failure;
+  const double seconds = SecondsOf([&] { failure = FailureOf(Sender(kHost).process(MakeRequest(1))); });
+  EXPECT_NE(failure.find("no reply in time"), std::string::npos) << failure;
+  EXPECT_GE(seconds, 0.9);
+  EXPECT_LT(seconds, 10);
+}
+
+}  // namespace
+}  // namespace vexa::test

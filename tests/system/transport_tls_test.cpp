@@ -1,0 +1,147 @@
+// Who is believed to be a host.
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/stat.h>
+
+#include "host/base/files.h"
+#include "tests/system/transport_test_support.h"
+
+namespace vexa::test {
+namespace {
+
+using VexaCCC::Sender;
+
+constexpr const char* kHost = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
+constexpr const char* kOther = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a02";
+
+daemon::ListenerOptions ListenerWith(const transport::TlsFiles& files) {
+  daemon::ListenerOptions listener;
+  listener.certificate_file = files.certificate;
+  listener.key_file = files.key;
+  listener.client_authority_file = files.authority;
+  return listener;
+}
+
+// Tells who called.
+JsonHost MakeHost(const transport::TlsFiles& files) {
+  return JsonHost(
+      [](const daemon::HttpRequest& request, const daemon::Responder& responder) {
+        daemon::HttpResponse response;
+        response.body = R"({"success":true,"data":")" + request.peer.certificate_name + "\"}";
+        responder.Send(std::move(response));
+      },
+      ListenerWith(files));
+}
+
+class TransportTls : public testing::Test {
+ protected:
+  TransportTls()
+      : authority_(folder_.File("ours")), foreign_(folder_.File("theirs")), own_(authority_.FilesOf(kLocalHost)) {}
+
+  VexaDRCore::Response Ask(const std::string& address) {
+    const InstalledTransport transport({{kHost, address}}, own_, kLocalHost);
+    return Sender(kHost).process(MakeRequest(10));
+  }
+
+  TempDir folder_;
+  TestAuthority authority_;
+  TestAuthority foreign_;
+  transport::TlsFiles own_;
+};
+
+TEST_F(TransportTls, HostsOfOneAuthority_KnowEachOther) {
+  const JsonHost host = MakeHost(authority_.FilesOf(kHost));
+  EXPECT_EQ(Ask(host.address()).getData(), Json::Value(kLocalHost));
+}
+
+TEST_F(TransportTls, HostWithAnotherHostsCertificate_IsRefused) {
+  const JsonHost host = MakeHost(authority_.FilesOf(kOther));
+  EXPECT_NE(FailureOf(Ask(host.address())), "");
+  EXPECT_EQ(host.requests(), 0);
+}
+
+TEST_F(TransportTls, HostOfAForeignAuthority_IsRefused) {
+  transport::TlsFiles files = foreign_.FilesOf(kHost);
+  const JsonHost host = MakeHost(files);
+  EXPECT_NE(FailureOf(Ask(host.address())), "");
+  EXPECT_EQ(host.requests(), 0);
+}
+
+TEST_F(TransportTls, CallerOfAForeignAuthority_IsRefused) {
+  const JsonHost host = MakeHost(authority_.FilesOf(kHost));
+  own_ = foreign_.FilesOf(kLocalHost);
+  own_.authority = folder_.File("ours/authority.pem");  // believes the host, which does not believe it
+  EXPECT_NE(FailureOf(Ask(host.address())), "");
+  EXPECT_EQ(host.requests(), 0);
+}
+
+TEST_F(TransportTls, HostWithTls12Only_IsRefused) {
+  const transport::TlsFiles files = authority_.FilesOf(kHost);
+  std::atomic<bool> finished{false};
+  const RawHost host([&](int fd) {
+    SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
+    SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+    SSL_CTX_use_certificate_chain_file(context, files.certificate.c_str());
+    SSL_CTX_use_PrivateKey_file(context, files.key.c_str(), SSL_FILETYPE_PEM);
+    SSL* const ssl = SSL_new(context);
+    SSL_set_fd(ssl, fd);
+    if (SSL_accept(ssl) == 1) finished = true;
+    ERR_clear_error();
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+  });
+  EXPECT_NE(FailureOf(Ask(host.address())), "");
+  EXPECT_FALSE(finished);
+}
+
+TEST_F(TransportTls, HostWithoutTls_IsRefused) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  EXPECT_NE(FailureOf(Ask(host.address())), "");
+  EXPECT_EQ(host.requests(), 0);
+}
+
+TEST_F(TransportTls, UnusableFiles_AreRefusedAtTheStart) {
+  const auto code_of = [](transport::TlsFiles files, const std::string& host_id) {
+    transport::TransportOptions options;
+    options.host_id = host_id;
+    options.remote = transport::TransportOptions::Remote::kTls;
+    options.tls = std::move(files);
+    const auto made = transport::Transport::Make(std::move(options));
+    return made.ok() ? std::string("none") : std::string(ErrorCodeName(made.error().code()));
+  };
+  EXPECT_EQ(code_of(own_, kLocalHost), "none");
+  EXPECT_EQ(code_of(own_, kOther), "invalid") << "the certificate of another host";
+  transport::TlsFiles files = own_;
+  files.key = authority_.FilesOf(kOther).key;
+  EXPECT_EQ(code_of(files, kLocalHost), "invalid") << "the key of another certificate";
+  files.key = folder_.File("missing");
+  EXPECT_EQ(code_of(files, kLocalHost), "not_found");
+  files = own_;
+  files.authority = folder_.File("junk");
+  ASSERT_TRUE(WriteFileAtomically(files.authority, "junk", 0644).ok());
+  EXPECT_EQ(code_of(files, kLocalHost), "invalid");
+  ASSERT_EQ(::chmod(own_.key.c_str(), 0640), 0);
+  EXPECT_EQ(code_of(own_, kLocalHost), "denied") << "a key that others can read";
+}
+
+TEST(Certificates, HostIdThatCouldSayMore_IsRefused) {
+  const auto authority = transport::MakeAuthority();
+  ASSERT_TRUE(authority.ok());
+  for (const std::string& id : {std::string(""), std::string("a,DNS:b"), std::string("*"), std::string("a.b"),
+                                std::string("a\0b", 3), std::string("a\nb"), std::string(64, 'a'), std::string("-a")}) {
+    EXPECT_FALSE(transport::MakeHostCredentials(*authority, id).ok()) << id;
+  }
+}
+
+TEST(Certificates, HostsCertificate_CannotSignOthers) {
+  const auto authority = transport::MakeAuthority();
+  ASSERT_TRUE(authority.ok());
+  const auto host = transport::MakeHostCredentials(*authority, kHost);
+  ASSERT_TRUE(host.ok());
+  EXPECT_FALSE(transport::MakeHostCredentials(*host, kOther).ok());
+  EXPECT_FALSE(transport::MakeHostCredentials({authority->certificate, host->key}, kOther).ok());
+  EXPECT_FALSE(transport::MakeHostCredentials({"junk", authority->key}, kOther).ok());
+}
+
+}  // namespace
+}  // namespace vexa::test
