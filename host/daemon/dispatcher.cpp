@@ -1,8 +1,10 @@
 #include "host/daemon/dispatcher.h"
 
 #include <strings.h>
+#include <syslog.h>
 
 #include <charconv>
+#include <exception>
 #include <utility>
 
 #include "host/base/json_parse.h"
