@@ -64,6 +64,7 @@ LaneOptions LocalLane(const Config& config) {
   LaneOptions options = LongLane(config);
   options.name = "local";
   options.max_per_user = 0;
+  options.stack_bytes = LaneOptions().stack_bytes;  // quick methods, too
   return options;
 }
 

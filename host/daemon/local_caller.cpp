@@ -1,6 +1,5 @@
 #include "host/daemon/local_caller.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <memory>
@@ -16,13 +15,6 @@ namespace vexa::daemon {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// A lane counts calls by name and lets no name have too many. The callers' own calls have been counted already, so each
-// of theirs gets a name that nobody else has.
-std::string NextQuotaName() {
-  static std::atomic<std::uint64_t> next{0};
-  return "call:" + std::to_string(++next);
-}
 
 Json::Value ErrorReply(int code) {
   VEXA::APIResponse response;
@@ -60,7 +52,7 @@ Json::Value LocalCaller::Call(const VexaDRCore::Request& request, std::chrono::m
     if (const int refusal = CheckCaller(row->access.value, job->caller)) return ErrorReply(refusal);
     job->request_id = CurrentRequestId();
     job->parameters = request.parameters();
-    const Lane::Submitted submitted = parts_.lane->Submit(NextQuotaName(), [this, job] { Run(*job); });
+    const Lane::Submitted submitted = parts_.lane->Submit("", [this, job] { Run(*job); });
     if (submitted == Lane::Submitted::kStopped) return transport::FailedReply(parts_.host_id, "this host is stopping");
     if (submitted != Lane::Submitted::kAccepted) return ErrorReply(webapi::kErrorBusy);
     std::unique_lock lock(job->mutex);

@@ -18,8 +18,8 @@ class LocalCaller {
   struct Parts {
     const webapi::ApiTable* table = nullptr;
     Metrics* metrics = nullptr;
-    Lane* lane = nullptr;
-    std::string host_id;  // this host's
+    Lane* lane = nullptr;  // without a quota: the callers have been counted where they came in
+    std::string host_id;   // this host's
   };
   // What `parts` points to must outlive it, and the lane's threads.
   explicit LocalCaller(Parts parts) : parts_(std::move(parts)) {}

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -74,9 +75,10 @@ class HttpPool::Impl {
     if (multi_ != nullptr && !stopping_ && !thread_.joinable()) {
       thread_ = StartWithoutSignals([this] { Run(); });
     }
-    if (!thread_.joinable() || stopping_) {
+    const bool stopping = stopping_;
+    if (stopping || !thread_.joinable()) {
       lock.unlock();
-      return transfer->Fail(stopping_ ? "this host is stopping" : "this host cannot start a thread");
+      return transfer->Fail(stopping ? "this host is stopping" : "this host cannot start a thread");
     }
     const bool first = queue_.empty();
     queue_.push_back(std::move(transfer));
@@ -121,10 +123,17 @@ class HttpPool::Impl {
   }
 
   void Begin(std::unique_ptr<HttpTransfer> transfer) {
-    if (!transfer->Prepare(tls_ ? &*tls_ : nullptr)) return transfer->Fail("it cannot be called");
-    CURL* const handle = transfer->handle();
-    if (curl_multi_add_handle(multi_, handle) != CURLM_OK) return transfer->Fail("no memory for a connection");
-    active_.emplace(handle, std::move(transfer));
+    HttpTransfer& begun = *transfer;
+    try {
+      if (!begun.Prepare(tls_ ? &*tls_ : nullptr)) return begun.Fail("it cannot be called");
+      active_.try_emplace(begun.handle());
+    } catch (const std::bad_alloc&) {
+      return begun.Fail("no memory for a connection");
+    }
+    active_[begun.handle()] = std::move(transfer);
+    if (curl_multi_add_handle(multi_, begun.handle()) == CURLM_OK) return;
+    begun.Fail("no memory for a connection");
+    active_.erase(begun.handle());
   }
 
   void FinishDone() {

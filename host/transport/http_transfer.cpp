@@ -6,7 +6,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
-#include <exception>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -131,16 +131,22 @@ void HttpTransfer::SetTls(const TlsMaterial& tls) {
 void HttpTransfer::Finish(CURLcode code) {
   using Connection = HttpOutcome::Connection;
   outcome_.connection = sent_ > 0 ? Connection::kMade : Connection::kFailed;
-  if (code != CURLE_OK) {
-    outcome_.failure = ReasonOf(code);
-    outcome_.body.clear();
+  if (code != CURLE_OK) outcome_.body.clear();
+  try {
+    if (code != CURLE_OK) outcome_.failure = ReasonOf(code);
+  } catch (const std::bad_alloc&) {
+    // No body and no reason: that is no reply, either.
   }
   done_(std::move(outcome_));
 }
 
-void HttpTransfer::Fail(std::string reason) {
-  outcome_.failure = refusal_.empty() ? std::move(reason) : std::move(refusal_);
+void HttpTransfer::Fail(const char* reason) {
   outcome_.body.clear();
+  try {
+    outcome_.failure = refusal_ != nullptr ? refusal_ : reason;
+  } catch (const std::bad_alloc&) {
+    // As above.
+  }
   done_(std::move(outcome_));
 }
 
@@ -177,7 +183,7 @@ std::size_t HttpTransfer::Write(char* data, std::size_t size, std::size_t count,
   if (transfer.too_large_) return 0;  // ends the transfer
   try {
     body.append(data, bytes);
-  } catch (const std::exception&) {
+  } catch (const std::bad_alloc&) {
     return 0;
   }
   return bytes;

@@ -24,9 +24,10 @@ class HttpTransfer {
   bool Prepare(const TlsMaterial* tls);
   CURL* handle() const { return handle_; }
 
-  // Each ends the transfer with its one call of `done`.
+  // Each ends the transfer with its one call of `done`, also when memory runs out. Prepare's own reason goes before
+  // `reason`.
   void Finish(CURLcode code);
-  void Fail(std::string reason);
+  void Fail(const char* reason);
 
  private:
   template <class Value>
@@ -51,7 +52,7 @@ class HttpTransfer {
   std::size_t sent_ = 0;
   HttpOutcome outcome_;
   bool too_large_ = false;
-  std::string refusal_;  // why Prepare gave up
+  const char* refusal_ = nullptr;  // why Prepare gave up
   std::array<char, CURL_ERROR_SIZE> reason_{};
 };
 

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "host/cluster/reading.h"
@@ -37,7 +38,8 @@ Breaker::Outcome ForBreaker(HttpOutcome::Connection connection) {
   return Breaker::Outcome::kUnknown;
 }
 
-// Where the pool leaves outcomes for the one caller that waits for them. Shared with the pool's callbacks.
+// Where the pool leaves outcomes for the one caller that waits for them. Shared with the pool's callbacks, which need
+// no memory: a call whose outcome was lost would wait for ever.
 class Outcomes {
  public:
   struct Entry {
@@ -45,23 +47,32 @@ class Outcomes {
     HttpOutcome outcome;
   };
 
+  // For at most `calls` outcomes.
+  explicit Outcomes(std::size_t calls) {
+    entries_.reserve(calls);
+    taken_.reserve(calls);
+  }
+
   void Put(std::size_t index, HttpOutcome outcome) {
     const std::lock_guard lock(mutex_);
     entries_.push_back({index, std::move(outcome)});
     if (entries_.size() == 1) changed_.notify_one();
   }
 
-  // Waits until there is one at least.
-  std::vector<Entry> Take() {
+  // Waits until there is one at least. What it gives is good until the next call.
+  std::vector<Entry>& Take() {
+    taken_.clear();
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return !entries_.empty(); });
-    return std::exchange(entries_, {});
+    taken_.swap(entries_);
+    return taken_;
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<Entry> entries_;
+  std::vector<Entry> entries_;  // under mutex_
+  std::vector<Entry> taken_;    // the caller's
 };
 
 }  // namespace
@@ -91,7 +102,7 @@ class Transport::Impl {
     }
     // Others write while this thread waits, and a snapshot would keep every page that they replace.
     cluster::RequestScope::ReleaseSnapshot();
-    const auto outcomes = std::make_shared<Outcomes>();
+    const auto outcomes = std::make_shared<Outcomes>(remote.size());
     std::size_t waiting = 0;
     const auto body = remote.empty() ? nullptr : std::make_shared<const std::string>(BodyOf(request));
     for (const std::size_t i : remote) {
@@ -124,10 +135,22 @@ class Transport::Impl {
     const Breaker::Permit permit = breaker_->Enter(call.host_id, Clock::now());
     if (permit == Breaker::Permit::kRefused) return false;
     const std::string host_id = call.host_id;
-    pool_.Start(std::move(call), [breaker = breaker_, permit, host_id, index, outcomes](HttpOutcome outcome) {
-      breaker->Report(host_id, permit, ForBreaker(outcome.connection), Clock::now());
-      outcomes->Put(index, std::move(outcome));
-    });
+    const auto report = [breaker = breaker_, permit, host_id](Breaker::Outcome outcome) noexcept {
+      try {
+        breaker->Report(host_id, permit, outcome, Clock::now());
+      } catch (const std::bad_alloc&) {
+        // A failure that is not remembered: the host is tried once more.
+      }
+    };
+    try {
+      pool_.Start(std::move(call), [report, index, outcomes](HttpOutcome outcome) {
+        report(ForBreaker(outcome.connection));
+        outcomes->Put(index, std::move(outcome));
+      });
+    } catch (const std::bad_alloc&) {
+      report(Breaker::Outcome::kUnknown);  // else a probe would never end
+      throw;
+    }
     return true;
   }
 

@@ -61,7 +61,8 @@ struct Call {
   VEXA::APIResponse* response;
   const Caller& caller;
   std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot say
-  // Members of the reply beside "success", "data", "error" and "request_id", which it cannot change: an object.
+  // Members of the reply beside "success", "data", "error" and "request_id", which it cannot change: an object. Never
+  // null in a call by the daemon.
   Json::Value* further = nullptr;
 };
 
