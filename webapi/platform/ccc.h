@@ -63,6 +63,21 @@ namespace Utils {
 bool isUUID(const std::string& text);
 bool IsNotEmpty(const std::string& text);
 
+// Whether an object of the category is called `name`: 0 no, positive yes, negative it cannot be told.
+int CheckNameConflict(const std::string& name, const DB::DashCate& category);
+
+// True: found. Otherwise `name` is untouched.
+bool GetHostNameById(const std::string& id, std::string& name);
+
+// The names of the objects, in the order of `ids`. 0, or negative when one cannot be read: `names` is untouched then.
+int GetNameList(const DB::DashCate& category, const std::vector<std::string>& ids, std::vector<std::string>& names);
+
+// Whether a guest in this state is live on a host: running, booting, shutting down, moving, or its storage migrating.
+bool IsGuestStateOnline(const std::string& state);
+
+// Whether `array` holds the string; false for anything but an array.
+bool IsFindInSTLContainer(const Json::Value& array, const std::string& text);
+
 // 0: found. Anything else: no such object, or it cannot be told; `name` is untouched then.
 int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name);
 

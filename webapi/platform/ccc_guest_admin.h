@@ -1,0 +1,30 @@
+// Cluster control: who may use which guest. The records are in the dashboard category GuestAdmin, one per user or
+// group.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#pragma GCC visibility push(default)
+
+namespace VexaCCC {
+
+// One grant in a record.
+struct Rule {
+  std::string category;  // the kind of object, the text of DB::_k::guest
+  std::string id;
+  bool allow = false;
+};
+
+// The identifier of the record of a user (kind "users") or group ("groups") with this numeric id; "" when there is no
+// such user or group. `auth_type`: 1 a local account, 2 one of a domain ("DOMAIN\name"), 8 one of a directory
+// ("name@directory").
+std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numeric_id);
+
+// Adds the rules to a record, which is made when there is none: grants those that allow, takes back the others. 0 on
+// success; nothing is changed otherwise. The second argument is empty.
+int gaUserSet(const std::string& identifier, const std::string& empty, const std::vector<Rule>& rules);
+
+}  // namespace VexaCCC
+
+#pragma GCC visibility pop
