@@ -1,6 +1,8 @@
 // Reads of records, all of one request from the same state of the store.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +24,10 @@ class RequestScope {
   // Gives the snapshot back, so that a request that now waits for something else holds no space in the store; the next
   // read takes a new one. Nothing happens outside of a scope.
   static void ReleaseSnapshot();
+
+  // A number of the thread's scope that no other scope of this process has; 0 outside of a scope. It stays when the
+  // snapshot is given back.
+  static std::uint64_t Serial();
 };
 
 // The parsed record under `key`; null when there is none. Errors: what the store says, kCorrupt, and kUnavailable
@@ -30,5 +36,9 @@ Result<Record> ReadRecord(std::string_view key);
 
 // The children of `prefix`; see store::Snapshot::Children.
 Result<std::vector<std::string>> ReadChildren(std::string_view prefix);
+
+// Shows every value at or below `prefix` as it is stored, without the cache; see store::Snapshot::Scan.
+Status ScanValues(std::string_view prefix,
+                  const std::function<bool(std::string_view key, const store::ValueView& value)>& visit);
 
 }  // namespace vexa::cluster
