@@ -1,8 +1,8 @@
 #include "host/cluster/ha_group.h"
 
 #include <array>
-#include <utility>
 
+#include "host/cluster/reading.h"
 #include "webapi/platform/ccc_ha.h"
 #include "webapi/utils/json.h"
 
@@ -48,13 +48,7 @@ Json::Value WarningsOf(const Json::Value& group) {
   return result;
 }
 
-// 0 and the group's record, which is an object.
-int ReadGroup(const std::string& id, Json::Value& group) {
-  Json::Value found;
-  if (VexaCCC::DB::Dashboard(kHaGroup, id).Get(found, VexaCCC::DB::_k::object) != 0 || !found.isObject()) return -1;
-  group = std::move(found);
-  return 0;
-}
+Result<Record> ReadGroup(const std::string& id) { return ReadObject(kHaGroup.name(), id); }
 
 }  // namespace
 
@@ -76,16 +70,16 @@ int haStateGet(const std::string& group_id, std::string& state) {
 }
 
 int haWarnGet(const std::string& group_id, Json::Value& warn) {
-  Json::Value group;
-  if (vexa::cluster::ReadGroup(group_id, group) != 0) return -1;
-  warn = vexa::cluster::WarningsOf(group);
+  const auto group = vexa::cluster::ReadGroup(group_id);
+  if (!group) return -1;
+  warn = vexa::cluster::WarningsOf(**group);
   return 0;
 }
 
 int haErrorGet(const std::string& group_id, HA_FAIL_REASON& code) {
-  Json::Value group;
-  if (vexa::cluster::ReadGroup(group_id, group) != 0) return -1;
-  const Json::Value& reason = VexaVirtualization::json::Member(group, "fail_reason");
+  const auto group = vexa::cluster::ReadGroup(group_id);
+  if (!group) return -1;
+  const Json::Value& reason = VexaVirtualization::json::Member(**group, "fail_reason");
   code = reason.isInt() ? static_cast<HA_FAIL_REASON>(VexaVirtualization::json::Int(reason)) : HA_FAIL_NONE;
   return 0;
 }

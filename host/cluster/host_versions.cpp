@@ -48,6 +48,7 @@ struct Hosts {
 };
 
 Result<Hosts> ReadHosts() {
+  const CallScope scope;
   const auto ids = ReadChildren(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
   if (!ids) return ids.error();
   const auto now = std::chrono::system_clock::now();

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/cluster/reading.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
 
@@ -18,6 +19,7 @@ bool GetHostNameById(const std::string& id, std::string& name) {
 }
 
 int GetNameList(const DB::DashCate& category, const std::vector<std::string>& ids, std::vector<std::string>& names) {
+  const vexa::cluster::CallScope scope;
   std::vector<std::string> found(ids.size());
   for (std::size_t i = 0; i < ids.size(); ++i) {
     if (GetNameById(category, ids[i], found[i]) != 0) return -1;

@@ -4,6 +4,8 @@
 #include <memory>
 
 #include "host/cluster/environment_internal.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::cluster {
 namespace {
@@ -45,6 +47,14 @@ Result<Record> ReadRecord(std::string_view key) {
     if (!value->has_value()) return Record();
     return CurrentRecordCache().Parse(key, **value, RequestScope::Serial());
   });
+}
+
+Result<Record> ReadObject(std::string_view category, std::string_view id) {
+  Result<Record> record = ReadRecord(store::MakeKey({"dash", category, id, VexaCCC::DB::_k::object}));
+  if (!record) return record;
+  if (!*record) return Error(ErrorCode::kNotFound, "There is no such record");
+  if (!(*record)->isObject()) return Error(ErrorCode::kCorrupt, "The record is no object");
+  return record;
 }
 
 Result<std::vector<std::string>> ReadChildren(std::string_view prefix) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,9 +31,24 @@ class RequestScope {
   static std::uint64_t Serial();
 };
 
+// A scope for one call that reads several times: the request's, or one of its own outside of a request.
+class CallScope {
+ public:
+  CallScope() {
+    if (RequestScope::Serial() == 0) own_.emplace();
+  }
+
+ private:
+  std::optional<RequestScope> own_;
+};
+
 // The parsed record under `key`; null when there is none. Errors: what the store says, kCorrupt, and kUnavailable
 // without an environment.
 Result<Record> ReadRecord(std::string_view key);
+
+// The object of the dashboard's `category` and `id`: never null, and a JSON object. Errors: as ReadRecord, kNotFound,
+// and kCorrupt for anything but an object.
+Result<Record> ReadObject(std::string_view category, std::string_view id);
 
 // The children of `prefix`; see store::Snapshot::Children.
 Result<std::vector<std::string>> ReadChildren(std::string_view prefix);

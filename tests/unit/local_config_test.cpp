@@ -183,6 +183,16 @@ TEST_F(LocalConfig, OneRequest_SeesOneStateOfAllGuests) {
   EXPECT_EQ(conf["state"], "guest_shutdown");
 }
 
+TEST_F(LocalConfig, CallOutsideOfARequest_HasASnapshotOfItsOwnEachTime) {
+  host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
+  std::string state;
+  ASSERT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(RequestScope::Serial(), 0u);
+  PutState("g", R"("guest_running")");
+  ASSERT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(state, "guest_running");
+}
+
 TEST(LocalConfigWithoutHost, Everything_Fails) {
   Json::Value conf("before");
   std::string text = "before";
