@@ -12,6 +12,7 @@ struct Installed {
   explicit Installed(Environment given) : environment(std::move(given)), records(environment.record_cache_bytes) {}
   Environment environment;
   RecordCache records;
+  ClusterStatus status;
 };
 
 std::optional<Installed> installed;
@@ -25,5 +26,7 @@ void RemoveEnvironment() { installed.reset(); }
 const Environment* CurrentEnvironment() { return installed ? &installed->environment : nullptr; }
 
 RecordCache& CurrentRecordCache() { return installed->records; }
+
+ClusterStatus& CurrentClusterStatus() { return installed->status; }
 
 }  // namespace vexa::cluster
