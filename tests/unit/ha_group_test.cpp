@@ -1,127 +1,169 @@
-// High-availability groups.
-#include "host/cluster/ha_group.h"
+// What is shown for a guest's high-availability group.
+#include <string>
 
-#include <gtest/gtest.h>
+#include "tests/unit/spoiled_json.h"
+#include "tests/unit/state_ground.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/utils/utils.h"
 
-#include <set>
-
-#include "tests/support/test_host.h"
-#include "webapi/platform/ccc_ha.h"
-
-namespace vexa::cluster {
 namespace {
 
-using test::Parsed;
-using test::TestHost;
-using VexaCCC::HA_FAIL_REASON;
-using VexaCCC::haErrorGet;
-using VexaCCC::haStateGet;
-using VexaCCC::haWarnGet;
+namespace HAGroup = VexaCCC::State::HAGroup;
+using vexa::test::ForEachSpoiled;
+using vexa::test::Parsed;
+using vexa::test::Platform;
+using vexa::test::Text;
+using VexaVirtualization::GetGuestHAStateType;
 
-class HaGroup : public testing::Test {
+class HaGroup : public vexa::test::StateLibrary {
  protected:
-  void PutGroup(const std::string& text) { host_.PutText("ha_group", "h", text); }
-  int Reason() {
-    HA_FAIL_REASON reason = static_cast<HA_FAIL_REASON>(77);
-    EXPECT_EQ(haErrorGet("h", reason), 0);
-    return reason;
+  void SetUp() override {
+    StateLibrary::SetUp();
+    guest_ = Parsed(R"({"ha_group_id":"g"})");
+    Platform().ha_states["g"] = HAGroup::normal;
+    Platform().ha_warnings["g"] = Json::Value(Json::objectValue);
+    Platform().ha_errors["g"] = 0;
   }
-  Json::Value Warnings() {
-    Json::Value warn("before");
-    EXPECT_EQ(haWarnGet("h", warn), 0);
-    return warn;
+  void TearDown() override { ExpectNoLine(); }
+
+  static void Warn() { Platform().ha_warnings["g"] = Parsed(R"({"ha_warn_host_short_cpu":{"elsewhere":1}})"); }
+  void Show() {
+    info_ = Parsed(R"({"ha":{"hosts":[]},"kept":1})");
+    ui_state_ = "old state";
+    type_ = "old type";
+    reason_ = "old reason";
+    GetGuestHAStateType(guest_, info_, ui_state_, type_, reason_);
+    EXPECT_EQ(Text(info_), R"({"kept":1})");
   }
-  void ExpectNothing(const std::string& id) {
-    std::string state = "before";
-    Json::Value warn("before");
-    HA_FAIL_REASON reason = static_cast<HA_FAIL_REASON>(77);
-    EXPECT_NE(haStateGet(id, state), 0);
-    EXPECT_NE(haWarnGet(id, warn), 0);
-    EXPECT_NE(haErrorGet(id, reason), 0);
-    EXPECT_EQ(state, "before");
-    EXPECT_EQ(warn, "before");
-    EXPECT_EQ(reason, 77);
+  std::string Shown() {
+    Show();
+    return ui_state_ + ", " + type_ + ", " + reason_;
   }
 
-  TestHost host_;
+  Json::Value guest_;
+  Json::Value info_;
+  std::string ui_state_, type_, reason_;
 };
 
-TEST_F(HaGroup, WholeRecord_IsRead) {
-  PutGroup(R"({"name":"group","state":"hagroup_normal","fail_reason":202,
-               "warn":{"ha_warn_host_short_ram":{"h1":true},"ha_warn_host_short_cpu":{},"other":{"h2":1}}})");
-  std::string state;
-  EXPECT_EQ(haStateGet("h", state), 0);
-  EXPECT_EQ(state, VexaCCC::State::HAGroup::normal);
-  EXPECT_EQ(Reason(), 202);
-  EXPECT_EQ(Warnings(), Parsed(R"({"ha_warn_host_short_ram":{"h1":true}})")) << "only what some host lacks";
-}
+constexpr const char* kUntouched = "old state, old type, old reason";
 
-TEST_F(HaGroup, MissingOrOddMembers_AreNoReasonAndNoWarning) {
-  for (const char* record :
-       {"{}", R"({"fail_reason":null,"warn":null,"state":7})", R"({"fail_reason":"202","warn":[1]})",
-        R"({"fail_reason":2.5,"warn":"x"})", R"({"fail_reason":99999999999,"warn":{"a":1}})",
-        R"({"fail_reason":[],"warn":{"ha_warn_host_short_ram":["h1"]}})",
-        R"({"fail_reason":true,"warn":{"ha_warn_host_short_cpu_pin":7}})"}) {
-    PutGroup(record);
-    EXPECT_EQ(Reason(), 0) << record;
-    EXPECT_EQ(Warnings(), Json::Value(Json::objectValue)) << record;
-    std::string state = "before";
-    EXPECT_NE(haStateGet("h", state), 0) << record;
-    EXPECT_EQ(state, "before");
+TEST_F(HaGroup, GuestWithoutAGroup_LosesTheMemberOnly) {
+  for (const char* guest :
+       {"{}", R"({"ha_group_id":""})", R"({"ha_group_id":null})", R"({"ha_group_id":["g"]})", "null", "[]", R"("g")"}) {
+    guest_ = Parsed(guest);
+    EXPECT_EQ(Shown(), kUntouched) << guest;
   }
-  PutGroup(R"({"fail_reason":-5})");
-  EXPECT_EQ(Reason(), -5) << "it may hold any value";
 }
 
-TEST_F(HaGroup, WhatIsNotThereOrDamaged_Fails) {
-  for (const std::string& id : std::vector<std::string>{
-           "none", "", "..", "../ha_group/h", {"h\0", 2}, "h\n", "%68", std::string(1 << 20, 'h')}) {
-    ExpectNothing(id);
+TEST_F(HaGroup, UnreadableGroup_LosesTheMemberOnly) {
+  for (const int result : {-1, 1, 2}) {
+    Platform().ha_results["state"] = result;
+    EXPECT_EQ(Shown(), kUntouched);
   }
-  for (const char* text : {"{", "[]", "null", "7", ""}) {
-    PutGroup(text);
-    ExpectNothing("h");
+  Platform().ha_results.clear();
+  guest_["ha_group_id"] = "other";
+  EXPECT_EQ(Shown(), kUntouched);
+}
+
+struct GroupRow {
+  const char* state;
+  bool is_warned;
+  int failure;
+  const char* shown;
+};
+
+void PrintTo(const GroupRow& row, std::ostream* out) {
+  *out << row.state << (row.is_warned ? " warned " : " ") << row.failure;
+}
+
+class HaGroupRows : public HaGroup, public testing::WithParamInterface<GroupRow> {};
+
+TEST_P(HaGroupRows, Group_IsShownAsTheRulesSay) {
+  Platform().ha_states["g"] = GetParam().state;
+  Platform().ha_errors["g"] = GetParam().failure;
+  if (GetParam().is_warned) Warn();
+  EXPECT_EQ(Shown(), GetParam().shown);
+}
+
+const GroupRow kGroupRows[] = {
+    // Each state alone.
+    {HAGroup::normal, false, 0, "enabled, healthy, old reason"},
+    {HAGroup::error, false, 0, "error, error, old reason"},
+    {HAGroup::failover, false, 0, "failovering, healthy, old reason"},
+    {HAGroup::switchover, false, 0, "switchovering, healthy, old reason"},
+    {HAGroup::warning, false, 0, "warning, warning, old reason"},
+    {HAGroup::pause, false, 0, "pause, warning, old reason"},
+    {HAGroup::switchover_waiting, false, 0, "switchover_waiting, healthy, old reason"},
+    {"odd", false, 0, "odd, error, old reason"},
+    // A pause never changes.
+    {HAGroup::pause, true, 100, "pause, warning, old reason"},
+    {HAGroup::pause, false, 202, "pause, warning, old reason"},
+    // A warning shows on a normal group alone, and before its failure.
+    {HAGroup::normal, true, 0, "warning, warning, ha_warn_host_short_cpu"},
+    {HAGroup::normal, true, 100, "warning, warning, ha_warn_host_short_cpu"},
+    {HAGroup::normal, true, 202, "warning, warning, ha_warn_host_short_cpu"},
+    {HAGroup::warning, true, 0, "warning, warning, old reason"},
+    {HAGroup::error, true, 0, "error, error, old reason"},
+    {HAGroup::failover, true, 0, "failovering, healthy, old reason"},
+    {HAGroup::error, true, 103, "error, error, ha_fail_storage_inaccessible"},
+    // A switchover that waits shows on a failed group alone.
+    {HAGroup::error, false, 202, "switchover_waiting, healthy, old reason"},
+    {HAGroup::error, true, 202, "switchover_waiting, healthy, old reason"},
+    {HAGroup::warning, false, 202, "warning, warning, old reason"},
+    {HAGroup::normal, false, 202, "enabled, healthy, old reason"},
+    {HAGroup::switchover, false, 202, "switchovering, healthy, old reason"},
+    // Failures.
+    {HAGroup::normal, false, 100, "error, error, ha_fail_no_avail_fo_host"},
+    {HAGroup::normal, false, 101, "error, error, ha_fail_poweron_guest"},
+    {HAGroup::normal, false, 102, "error, error, ha_fail_poweron_guest"},
+    {HAGroup::normal, false, 103, "error, error, ha_fail_storage_inaccessible"},
+    {HAGroup::normal, false, 200, "error, error, ha_fail_move_guest"},
+    {HAGroup::normal, false, 201, "error, error, ha_fail_move_guest"},
+    {HAGroup::failover, false, 100, "error, error, ha_fail_no_avail_fo_host"},
+    {HAGroup::switchover_waiting, true, 200, "error, error, ha_fail_move_guest"},
+    // Failures that have no keyword.
+    {HAGroup::normal, false, 104, "error, error, unknown"},
+    {HAGroup::normal, false, 203, "error, error, unknown"},
+    {HAGroup::normal, false, 1, "error, error, unknown"},
+    {HAGroup::normal, false, 99, "error, error, unknown"},
+    {HAGroup::normal, false, 199, "error, error, unknown"},
+    {HAGroup::normal, false, -1, "error, error, unknown"},
+    {HAGroup::normal, false, -202, "error, error, unknown"},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, HaGroupRows, testing::ValuesIn(kGroupRows));
+
+TEST_F(HaGroup, UnreadableWarningsOrFailure_CountAsNone) {
+  Warn();
+  Platform().ha_errors["g"] = 100;
+  for (const int result : {-1, 1}) {
+    Platform().ha_results = {{"warn", result}};
+    EXPECT_EQ(Shown(), "error, error, ha_fail_no_avail_fo_host");
+    Platform().ha_results = {{"warn", result}, {"error", result}};
+    EXPECT_EQ(Shown(), "enabled, healthy, old reason");
+    Platform().ha_results = {{"error", result}};
+    EXPECT_EQ(Shown(), "warning, warning, ha_warn_host_short_cpu");
   }
-  PutGroup(R"({"state":"hagroup_normal","fail_reason":1})");
-  host_.store().FailReadsOf(TestHost::ObjectKey("ha_group", "h"));
-  ExpectNothing("h");
-  host_.store().Heal();
-  host_.store().FailSnapshots();
-  ExpectNothing("h");
 }
 
-TEST(HaInfo, Hosts_AreAsTheLibraryTakesThem) {
-  const Json::Value group = Parsed(R"({"name":"x","hosts":[
-    {"host_id":"a","ha_host_role":["repo_host","running_host"],"ha_warn_host_rocky":-1,
-     "ha_warn_host_not_compatible":[401,402],"other":1},
-    {"host_id":"b","ha_host_role":["recovery_host",7,null]}]})");
-  EXPECT_EQ(HaInfoOf(group), Parsed(R"({"hosts":[
-    {"host_id":"a","ha_host_role":["repo_host","running_host"],"ha_warn_host_rocky":-1,
-     "ha_warn_host_not_compatible":[401,402]},
-    {"host_id":"b","ha_host_role":["recovery_host"]}]})"));
+TEST_F(HaGroup, HostsOfTheInformation_AreJudged) {
+  info_ = Parsed(R"({"ha":{"hosts":[{"host_id":"h","ha_warn_host_rocky":-1}]}})");
+  GetGuestHAStateType(guest_, info_, ui_state_, type_, reason_);
+  EXPECT_EQ(reason_, "ha_warn_host_inaccessible");
+  EXPECT_EQ(Text(info_), "{}");
 }
 
-TEST(HaInfo, OddHosts_AreMadeHarmless) {
-  const Json::Value none = Parsed(R"({"hosts":[]})");
-  for (const char* group : {"{}", "null", "[]", "7", R"("x")", R"({"hosts":null})", R"({"hosts":{"a":{}}})",
-                            R"({"hosts":[1,"a",null,[]]})"}) {
-    EXPECT_EQ(HaInfoOf(Parsed(group)), none) << group;
-  }
-  EXPECT_EQ(HaInfoOf(Parsed(R"({"hosts":[{"host_id":7,"ha_host_role":"repo_host","ha_warn_host_rocky":"1",
-                                "ha_warn_host_not_compatible":{"401":1}}]})")),
-            Parsed(R"({"hosts":[{"host_id":"","ha_host_role":[]}]})"));
-  EXPECT_EQ(HaInfoOf(Parsed(R"({"hosts":[{"ha_warn_host_rocky":4294967296,
-                                "ha_warn_host_not_compatible":["401",401,9999999999,true]}]})")),
-            Parsed(R"({"hosts":[{"host_id":"","ha_host_role":[],"ha_warn_host_not_compatible":[401]}]})"));
-}
-
-TEST(HostStateBits, FirstFive_HaveNamesOfTheirOwn) {
-  std::set<std::string> names;
-  for (int bit = 0; bit < 5; ++bit) names.insert(VexaCCC::DB::HostState::toString(bit));
-  EXPECT_EQ(names.size(), 5u);
-  EXPECT_FALSE(names.contains(""));
-  for (const int bit : {-1, 5, 31, 1 << 30, -2147483647}) EXPECT_EQ(VexaCCC::DB::HostState::toString(bit), "");
+TEST_F(HaGroup, InformationOfAnyType_NeverThrows) {
+  Json::Value good = Parsed(R"({"ha":{"hosts":[{"host_id":"h"}]},"kept":1})");
+  ForEachSpoiled(good, [&] {
+    info_ = good;
+    GetGuestHAStateType(guest_, info_, ui_state_, type_, reason_);
+    EXPECT_FALSE(info_.isObject() && info_.isMember("ha"));
+    EXPECT_TRUE(good.isObject() || Text(info_) == Text(good));
+  });
+  ForEachSpoiled(guest_, [&] { Show(); });
+  Warn();
+  ForEachSpoiled(Platform().ha_warnings["g"], [&] { Show(); });
 }
 
 }  // namespace
-}  // namespace vexa::cluster
