@@ -3,6 +3,7 @@
 #include <optional>
 #include <utility>
 
+#include "host/base/current_accounts.h"
 #include "host/cluster/environment_internal.h"
 
 namespace vexa::cluster {
@@ -19,9 +20,15 @@ std::optional<Installed> installed;
 
 }  // namespace
 
-void InstallEnvironment(Environment environment) { installed.emplace(std::move(environment)); }
+void InstallEnvironment(Environment environment) {
+  base::InstallAccounts(environment.accounts);
+  installed.emplace(std::move(environment));
+}
 
-void RemoveEnvironment() { installed.reset(); }
+void RemoveEnvironment() {
+  base::InstallAccounts(nullptr);
+  installed.reset();
+}
 
 const Environment* CurrentEnvironment() { return installed ? &installed->environment : nullptr; }
 

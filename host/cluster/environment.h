@@ -16,8 +16,8 @@ struct Environment {
   std::size_t record_cache_bytes = std::size_t{16} << 20;
 };
 
-// Makes the operations of webapi/platform/ccc.h work on `environment`; without one every operation fails.
-// Threads: call it while no request runs.
+// Makes the operations of webapi/platform/ccc.h, dr_cache.h and base.h work on `environment`; without one every
+// operation fails. Threads: call it while no request runs.
 void InstallEnvironment(Environment environment);
 void RemoveEnvironment();
 

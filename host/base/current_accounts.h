@@ -1,0 +1,16 @@
+// The account provider that this process answers with.
+#pragma once
+
+#include <memory>
+
+#include "host/base/accounts.h"
+
+namespace vexa::base {
+
+// Null takes it away. Threads: call it while no request runs.
+void InstallAccounts(std::shared_ptr<const AccountProvider> accounts);
+
+// Null when none is installed. Valid until the next InstallAccounts.
+const AccountProvider* CurrentAccounts();
+
+}  // namespace vexa::base
