@@ -28,6 +28,7 @@
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
 #include "host/services/compound_api.h"
+#include "host/services/guest_state_api.h"
 #include "host/services/host_api.h"
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
@@ -191,7 +192,8 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::CompoundRows([this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
+          services::GuestStateRows(),
+          services::CompoundRows([this](const VexaDRCore::Request&request, std::chrono::milliseconds timeout) {
             return local_caller_->Call(request, timeout);
           })}) {
       rows.insert(rows.end(), part.begin(), part.end());
