@@ -13,6 +13,7 @@ struct Installed {
   explicit Installed(Environment given) : environment(std::move(given)), records(environment.record_cache_bytes) {}
   Environment environment;
   RecordCache records;
+  CacheMemory caches;
 };
 
 std::optional<Installed> installed;
@@ -32,5 +33,7 @@ void RemoveEnvironment() {
 const Environment* CurrentEnvironment() { return installed ? &installed->environment : nullptr; }
 
 RecordCache& CurrentRecordCache() { return installed->records; }
+
+CacheMemory& CurrentCacheMemory() { return installed->caches; }
 
 }  // namespace vexa::cluster

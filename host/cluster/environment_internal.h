@@ -1,6 +1,7 @@
 // What only host/cluster sees of the installed environment.
 #pragma once
 
+#include "host/cluster/cache_memory.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/record_cache.h"
 
@@ -8,5 +9,6 @@ namespace vexa::cluster {
 
 // Only while an environment is installed.
 RecordCache& CurrentRecordCache();
+CacheMemory& CurrentCacheMemory();
 
 }  // namespace vexa::cluster
