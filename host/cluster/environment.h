@@ -1,6 +1,7 @@
 // What the cluster-control operations stand on: the store, the accounts, and this host's id.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -14,6 +15,11 @@ struct Environment {
   std::shared_ptr<const base::AccountProvider> accounts;
   std::string host_id;
   std::size_t record_cache_bytes = std::size_t{16} << 20;
+  // Where the values of caches lie; made when missing. Empty: none is stored, non-blocking reads give the default
+  // value, and blocking ones find the value out each time.
+  std::string cache_directory{};
+  // How long a blocking read of a cache waits while somebody else refreshes it.
+  std::chrono::milliseconds cache_wait = std::chrono::seconds(60);
 };
 
 // Makes the operations of webapi/platform/ccc.h, dr_cache.h and base.h work on `environment`; without one every

@@ -183,6 +183,7 @@ class Daemon::Impl {
     environment.store = store_;
     environment.accounts = accounts_;
     environment.host_id = std::move(*host_id);
+    environment.cache_directory = config.data_directory + "/cache";
     cluster::InstallEnvironment(std::move(environment));
     return {};
   }

@@ -22,6 +22,7 @@ TestHost::TestHost() {
   environment.store = store_;
   environment.accounts = accounts_;
   environment.host_id = "11111111-2222-4333-8444-555555555555";
+  environment.cache_directory = folder_.File("cache");
   cluster::InstallEnvironment(std::move(environment));
 }
 

@@ -19,6 +19,8 @@ class DRErrRecorder : public VexaDRCore::ErrRecorder {
 
 namespace Cache {
 
+struct DRCacheNames;
+
 // One cached value, named by its group and name. Derived classes say what it is by default, how it is found out anew,
 // and whether a value is one. The order of the virtual operations is fixed: other modules were built against it.
 //
@@ -50,6 +52,8 @@ class DRCache : public DRErrRecorder {
   virtual bool IsDataTimeout(const Json::Value& info) const;
 
  private:
+  friend struct DRCacheNames;  // for the provider alone
+
   const std::string group_;
   const std::string name_;
   const int valid_s_;

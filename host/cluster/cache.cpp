@@ -1,0 +1,122 @@
+// The caches of webapi/platform/dr_cache.h.
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "host/cluster/cache_entry.h"
+#include "host/cluster/cache_refresher.h"
+#include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
+#include "webapi/platform/dr_cache.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// Who waits for a refresh looks again after a little while, later and later.
+constexpr milliseconds kFirstPause{1};
+constexpr milliseconds kLastPause{50};
+
+// The value of this cache once it is refreshed; nothing when that fails or takes too long.
+std::optional<Json::Value> WaitForRefresh(const CacheEntry& entry, const LoadedCache& before) {
+  const auto deadline = steady_clock::now() + CurrentEnvironment()->cache_wait;
+  for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLastPause)) {
+    const Result<CacheLock> lock = entry.TryLock();
+    if (!lock && lock.error().code() != ErrorCode::kBusy) {
+      entry.NoteFailure(lock.error());
+      return entry.RefreshUnstored();
+    }
+    const LoadedCache now = entry.Load();
+    if (entry.IsFresh(now, before)) return now.record->data;
+    if (lock) return entry.Refresh(*lock).value;
+    if (steady_clock::now() >= deadline) return std::nullopt;
+    RequestScope::ReleaseSnapshot();
+    std::this_thread::sleep_for(pause);
+  }
+}
+
+}  // namespace
+}  // namespace vexa::cluster
+
+namespace VexaDR {
+
+// No code has a text of its own.
+std::string DRErrRecorder::GetErrCodeStr(int code) const { return std::to_string(code); }
+
+DRErrRecorder::~DRErrRecorder() = default;
+
+namespace Cache {
+
+using vexa::cluster::CacheEntry;
+using vexa::cluster::LoadedCache;
+
+DRCache::DRCache(const std::string& group, const std::string& name, int valid_s, int)
+    : group_(group), name_(name), valid_s_(valid_s) {}
+
+DRCache::~DRCache() = default;
+
+Json::Value DRCache::BlockedRead() const {
+  const CacheEntry entry(*this);
+  std::optional<Json::Value> value;
+  if (entry.is_stored()) {
+    const LoadedCache loaded = entry.Load();
+    if (entry.IsFresh(loaded, loaded)) return loaded.record->data;
+    value = vexa::cluster::WaitForRefresh(entry, loaded);
+  } else {
+    value = entry.RefreshUnstored();
+  }
+  return value ? std::move(*value) : NonBlockedRead();
+}
+
+Json::Value DRCache::NonBlockedRead() const {
+  const CacheEntry entry(*this);
+  const LoadedCache loaded = entry.Load();
+  const bool is_valid = loaded.record && IsValid(loaded.record->data);
+  if (entry.is_stored() && (!is_valid || IsDataTimeout(loaded.record->info))) {
+    vexa::cluster::RequestCacheRefresh(group_, name_);
+  }
+  return is_valid ? loaded.record->data : GetDefaultValue();
+}
+
+Json::Value DRCache::ReadCachedData() const {
+  const LoadedCache loaded = CacheEntry(*this).Load();
+  return loaded.record ? loaded.record->data : Json::Value();
+}
+
+Json::Value DRCache::GetInfo() const {
+  const LoadedCache loaded = CacheEntry(*this).Load();
+  return loaded.record ? loaded.record->info : Json::Value();
+}
+
+Json::Value DRCache::GetDefaultValue() const { return {}; }
+
+bool DRCache::GetUpdatedData(Json::Value&) const { return false; }
+
+bool DRCache::IsValid(const Json::Value& value) const { return !value.isNull(); }
+
+bool DRCache::IsDataTimeout(const Json::Value& info) const { return vexa::cluster::IsOutdated(info, valid_s_); }
+
+}  // namespace Cache
+
+namespace Utils {
+
+namespace json = VexaVirtualization::json;
+
+bool ParseJsonValueFromField(const Json::Value& object, const std::string& field, std::string& out) {
+  const Json::Value& value = json::Member(object, field);
+  if (!value.isString()) return false;
+  out = json::String(value);
+  return true;
+}
+
+bool JsonFieldIsArray(const Json::Value& object, const std::string& field) {
+  return json::Member(object, field).isArray();
+}
+
+}  // namespace Utils
+
+}  // namespace VexaDR

@@ -1,0 +1,105 @@
+#include "host/cluster/cache_entry.h"
+
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "host/cluster/environment_internal.h"
+
+namespace vexa::cluster {
+
+CacheEntry::CacheEntry(const VexaDR::Cache::DRCache& cache) : cache_(cache), names_(cache) {
+  if (const Environment* environment = CurrentEnvironment()) {
+    paths_ = PathsOfCache(environment->cache_directory, names_.group, names_.name);
+  }
+}
+
+LoadedCache CacheEntry::Load() const {
+  return is_stored() ? CurrentCacheMemory().Load(*paths_, names_.group, names_.name) : LoadedCache();
+}
+
+Result<CacheLock> CacheEntry::TryLock() const { return CacheLock::Try(*paths_); }
+
+bool CacheEntry::IsFresh(const LoadedCache& loaded, const LoadedCache& before) const {
+  if (!loaded.record || !cache_.IsValid(loaded.record->data)) return false;
+  if (!cache_.IsDataTimeout(loaded.record->info)) return true;
+  return loaded.record != before.record && !(loaded.stamp == before.stamp);
+}
+
+CacheEntry::Refreshed CacheEntry::Refresh(const CacheLock&) const {
+  Refreshed refreshed;
+  Result<Json::Value> found = FindOut();
+  if (!found) {
+    NoteFailure(found.error());
+    return refreshed;
+  }
+  const Status stored = Store(*found);
+  if (stored) {
+    CurrentCacheMemory().NoteSuccess(*paths_);
+  } else {
+    NoteFailure(stored.error());
+  }
+  refreshed.value = std::move(*found);
+  refreshed.was_stored = stored.ok();
+  return refreshed;
+}
+
+std::optional<Json::Value> CacheEntry::RefreshUnstored() const {
+  Result<Json::Value> found = FindOut();
+  return found ? std::optional(std::move(*found)) : std::nullopt;
+}
+
+void CacheEntry::NoteFailure(const Error& error) const { CurrentCacheMemory().NoteFailure(*paths_, error); }
+
+// What derived classes do is code of others: whatever it throws must end neither a thread nor a request.
+Result<Json::Value> CacheEntry::FindOut() const {
+  try {
+    Json::Value data;
+    if (!cache_.GetUpdatedData(data)) return Error(ErrorCode::kUnavailable, "The value could not be found out");
+    if (!cache_.IsValid(data)) return Error(ErrorCode::kInvalid, "What was found out is no value of this cache");
+    return data;
+  } catch (const std::exception& exception) {
+    return Error(ErrorCode::kInternal, "Finding the value out failed", exception.what());
+  }
+}
+
+// Parsed before it is stored: what readers could not read must not take the place of what they can, and they find it
+// parsed.
+Status CacheEntry::Store(const Json::Value& data) const {
+  std::string text = MakeCacheRecordText(names_.group, names_.name, names_.valid_s, data);
+  if (text.size() > kMaxCacheBytes) return Error(ErrorCode::kNoSpace, "The value is too large to be stored");
+  Result<CacheRecord> record = ParseCacheRecord(text, names_.group, names_.name);
+  if (!record) return Error(ErrorCode::kInvalid, "The value cannot be stored", record.error().ToString());
+  if (Status written = ReplaceCacheFile(*paths_, text); !written) return written;
+  CurrentCacheMemory().Expect(*paths_, std::move(text), std::make_shared<const CacheRecord>(std::move(*record)));
+  return {};
+}
+
+namespace {
+
+RefreshOutcome TryRefresh(const CacheEntry& entry) {
+  const LoadedCache before = entry.Load();
+  const Result<CacheLock> lock = entry.TryLock();
+  if (!lock && lock.error().code() == ErrorCode::kBusy) return RefreshOutcome::kBusy;
+  if (!lock) {
+    entry.NoteFailure(lock.error());
+    return RefreshOutcome::kFailed;
+  }
+  if (entry.IsFresh(entry.Load(), before)) return RefreshOutcome::kCurrent;
+  return entry.Refresh(*lock).was_stored ? RefreshOutcome::kCurrent : RefreshOutcome::kFailed;
+}
+
+}  // namespace
+
+RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache) {
+  const CacheEntry entry(cache);
+  if (!entry.is_stored()) return RefreshOutcome::kCurrent;
+  try {
+    return TryRefresh(entry);
+  } catch (const std::exception& exception) {
+    entry.NoteFailure(Error(ErrorCode::kInternal, "Looking at the value failed", exception.what()));
+    return RefreshOutcome::kFailed;
+  }
+}
+
+}  // namespace vexa::cluster

@@ -1,0 +1,48 @@
+#include "host/cluster/cache_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "host/base/files.h"
+
+namespace vexa::cluster {
+namespace {
+
+// Whether the open file is still the one that has this name.
+bool HasName(int fd, const std::string& path) {
+  struct stat open_file {};
+  struct stat named {};
+  return ::fstat(fd, &open_file) == 0 && ::lstat(path.c_str(), &named) == 0 && open_file.st_dev == named.st_dev &&
+         open_file.st_ino == named.st_ino;
+}
+
+}  // namespace
+
+Result<CacheLock> CacheLock::Try(const CachePaths& paths) {
+  if (Status made = CreateDirectories(paths.folder, 0700); !made) return made.error();
+  // Closed on exec, or a program started by a refresh would keep the lock. A second attempt when somebody removed the
+  // file between its opening and its locking: then others lock another file.
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    CacheLock lock(::open(paths.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    if (lock.fd_ < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + paths.lock + "'", errno);
+    if (::flock(lock.fd_, LOCK_EX | LOCK_NB) != 0) {
+      if (errno == EWOULDBLOCK || errno == EINTR) break;
+      return SystemError(ErrorCode::kInternal, "Cannot lock '" + paths.lock + "'", errno);
+    }
+    if (HasName(lock.fd_, paths.lock)) return lock;
+  }
+  return Error(ErrorCode::kBusy, "Somebody else holds '" + paths.lock + "'");
+}
+
+CacheLock::CacheLock(CacheLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+CacheLock::~CacheLock() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+}  // namespace vexa::cluster

@@ -1,0 +1,84 @@
+// Refreshes of caches in the background, for processes that want them.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "webapi/platform/dr_cache.h"
+
+namespace vexa::cluster {
+
+struct CacheRefresherOptions {
+  // A refresh that failed is not tried again for so long; twice as long after each further failure, up to the last.
+  std::chrono::milliseconds first_pause{1000};
+  std::chrono::milliseconds last_pause{300'000};
+};
+
+// Refreshes caches of the installed environment's folder on a thread of its own, which is started at the first request.
+// One cache is refreshed at a time; a refresh is a cluster::RequestScope. Failures are logged once until a refresh
+// succeeds.
+// Threads: any, at the same time. The environment must outlive it.
+class CacheRefresher {
+ public:
+  // Makes the object whose GetUpdatedData finds the value out. Called on the refresher's thread.
+  using Factory = std::function<std::unique_ptr<VexaDR::Cache::DRCache>()>;
+
+  explicit CacheRefresher(CacheRefresherOptions options = {});
+  // As Stop.
+  ~CacheRefresher();
+  CacheRefresher(const CacheRefresher&) = delete;
+  CacheRefresher& operator=(const CacheRefresher&) = delete;
+
+  // The factory's objects must be of this group and name.
+  void Add(const std::string& group, const std::string& name, Factory factory);
+
+  // Refreshes the cache soon, unless its value has become current by then. Never waits. Nothing happens when there is
+  // no factory for it, it waits its turn or runs already, or it has failed a short while ago.
+  void Request(const std::string& group, const std::string& name);
+
+  // Waits for the refresh that runs; those that wait their turn are dropped. Requests do nothing from then on.
+  void Stop();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  enum class State { kIdle, kWaiting, kRunning };
+  struct Job {
+    Factory factory;
+    State state = State::kIdle;
+    Clock::time_point not_before{};
+    std::chrono::milliseconds pause{0};  // 0: it did not fail last time
+    bool has_no_object = false;          // the factory failed, which has been logged
+  };
+  using Key = std::pair<std::string, std::string>;
+  using Entry = std::map<Key, Job>::value_type;
+
+  void StartThread();
+  void Run();
+  void RunOne(Entry& entry, std::unique_lock<std::mutex>& lock);
+
+  const CacheRefresherOptions options_;
+  std::mutex mutex_;  // never held while something is refreshed
+  std::condition_variable wake_;
+  std::map<Key, Job> jobs_;
+  std::deque<Entry*> waiting_;
+  bool is_stopped_ = false;
+  std::thread thread_;
+};
+
+// Makes non-blocking reads of this process ask `refresher` for refreshes. One at a time.
+void InstallCacheRefresher(std::unique_ptr<CacheRefresher> refresher);
+// Stops it, which waits for the refresh that runs. Before RemoveEnvironment; nothing happens when none is installed.
+void RemoveCacheRefresher();
+
+// Asks the installed refresher; without one nothing happens. Never waits.
+void RequestCacheRefresh(const std::string& group, const std::string& name);
+
+}  // namespace vexa::cluster

@@ -1,0 +1,264 @@
+// Refreshes of caches in the background.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "host/base/files.h"
+#include "host/cluster/cache_refresher.h"
+#include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
+#include "tests/support/counting_cache.h"
+#include "tests/support/require.h"
+#include "tests/support/syslog_capture.h"
+#include "tests/support/test_host.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using std::chrono::milliseconds;
+
+class Refresher : public ::testing::Test {
+ protected:
+  Refresher() {
+    ClearCapturedSyslog();
+    Require(CreateDirectories(host_.folder().File("cache/test"), 0700));
+  }
+  ~Refresher() override {
+    release_ = true;
+    cluster::RemoveCacheRefresher();
+  }
+
+  void Install(cluster::CacheRefresherOptions options = {}, cluster::CacheRefresher::Factory factory = nullptr) {
+    auto refresher = std::make_unique<cluster::CacheRefresher>(options);
+    if (!factory) factory = [this] { return std::make_unique<CountingCache>(refreshes_, valid_s_); };
+    refresher->Add("test", "counting", std::move(factory));
+    cluster::InstallCacheRefresher(std::move(refresher));
+  }
+
+  // As callers read: by an object of their own, which is gone when the refresh begins.
+  int Read(const std::string& name = "counting") {
+    return json::Int(json::Member(CountingCache(refreshes_, valid_s_, "test", name).NonBlockedRead(), "number"));
+  }
+
+  static bool Within(milliseconds limit, const std::function<bool()>& holds) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!holds()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(milliseconds(2));
+    }
+    return true;
+  }
+  static bool Soon(const std::function<bool()>& holds) { return Within(std::chrono::seconds(30), holds); }
+
+  // Makes refreshes last until release_.
+  void HoldRefreshes() {
+    refreshes_.during = [this](int, Json::Value&) {
+      while (!release_) std::this_thread::yield();
+      return true;
+    };
+  }
+
+  TestHost host_;
+  CountedRefreshes refreshes_;
+  std::atomic<bool> release_ = false;
+  int valid_s_ = 3600;
+};
+
+TEST_F(Refresher, StaleRead_IsAnsweredAtOnceAndRefreshed) {
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  EXPECT_EQ(refreshes_.begun, 1);
+  EXPECT_EQ(Read(), 1);
+  EXPECT_EQ(refreshes_.begun, 1) << "it is current";
+}
+
+TEST_F(Refresher, NotInstalledOrAnotherCache_RefreshesNothing) {
+  EXPECT_EQ(Read(), 0);
+  Install();
+  EXPECT_EQ(Read("other"), 0);
+  cluster::RemoveCacheRefresher();
+  EXPECT_EQ(Read(), 0);
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(refreshes_.begun, 0);
+}
+
+TEST_F(Refresher, RequestsWhileOneRuns_AreMergedAndHeldByNothing) {
+  HoldRefreshes();
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.running == 1; }));
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(Read(), 0);
+  release_ = true;
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(refreshes_.begun, 1);
+}
+
+TEST_F(Refresher, Removal_WaitsForTheRunningRefresh) {
+  refreshes_.during = [this](int, Json::Value&) {
+    std::this_thread::sleep_for(milliseconds(100));
+    release_ = true;
+    return true;
+  };
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.begun == 1; }));
+  cluster::RemoveCacheRefresher();
+  EXPECT_TRUE(release_);
+  EXPECT_EQ(refreshes_.running, 0);
+  EXPECT_EQ(Read(), 1) << "its result is stored";
+}
+
+TEST_F(Refresher, Removal_DropsWhatWaits) {
+  HoldRefreshes();
+  auto refresher = std::make_unique<cluster::CacheRefresher>();
+  std::atomic<int> others = 0;
+  refresher->Add("test", "counting", [this] { return std::make_unique<CountingCache>(refreshes_); });
+  refresher->Add("test", "other", [&] {
+    ++others;
+    return std::make_unique<CountingCache>(refreshes_, 3600, "test", "other");
+  });
+  cluster::InstallCacheRefresher(std::move(refresher));
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.running == 1; }));
+  EXPECT_EQ(Read("other"), 0);
+  std::thread remover([] { cluster::RemoveCacheRefresher(); });
+  // The refresh is let go once the removal has surely begun.
+  std::this_thread::sleep_for(milliseconds(100));
+  release_ = true;
+  remover.join();
+  EXPECT_EQ(others, 0);
+}
+
+TEST_F(Refresher, FailingRefresh_BacksOffAndIsLoggedUntilItSucceeds) {
+  std::atomic<bool> works = false;
+  refreshes_.during = [&](int, Json::Value&) { return works.load(); };
+  cluster::CacheRefresherOptions options;
+  options.first_pause = milliseconds(20);
+  options.last_pause = milliseconds(200);
+  Install(options);
+  const auto end = std::chrono::steady_clock::now() + milliseconds(500);
+  while (std::chrono::steady_clock::now() < end) EXPECT_EQ(Read(), 0);
+  // 20 + 40 + 80 + 160 + 200 ms; without a pause there would be thousands.
+  EXPECT_GE(refreshes_.begun, 1);
+  EXPECT_LE(refreshes_.begun, 6);
+  EXPECT_EQ(CapturedSyslog().size(), 1u);
+  works = true;
+  EXPECT_TRUE(Soon([&] { return Read() > 0; }));
+  EXPECT_TRUE(Soon([&] { return CapturedSyslog().size() == 2; }));
+  EXPECT_TRUE(SyslogContains("can be refreshed again"));
+}
+
+TEST_F(Refresher, RefreshThatThrows_IsAFailure) {
+  refreshes_.during = [](int number, Json::Value&) {
+    if (number == 1) throw std::runtime_error("out of order");
+    return true;
+  };
+  cluster::CacheRefresherOptions options;
+  options.first_pause = milliseconds(1);
+  Install(options);
+  EXPECT_TRUE(Soon([&] { return Read() == 2; }));
+  EXPECT_TRUE(SyslogContains("out of order"));
+}
+
+TEST_F(Refresher, FactoryThatMakesNothing_IsAFailure) {
+  const std::pair<const char*, cluster::CacheRefresher::Factory> factories[] = {
+      {"null", [] { return nullptr; }},
+      {"another cache", [this] { return std::make_unique<CountingCache>(refreshes_, 5, "test", "other"); }},
+      {"throws", []() -> std::unique_ptr<VexaDR::Cache::DRCache> { throw std::runtime_error("no"); }},
+  };
+  for (const auto& [what, factory] : factories) {
+    ClearCapturedSyslog();
+    Install({milliseconds(1), milliseconds(1)}, factory);
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(Read(), 0) << what;
+      std::this_thread::sleep_for(milliseconds(2));
+    }
+    EXPECT_TRUE(Soon([] { return SyslogContains("no object for it"); })) << what;
+    cluster::RemoveCacheRefresher();
+    EXPECT_EQ(CapturedSyslog().size(), 1u) << what;
+  }
+  EXPECT_EQ(refreshes_.begun, 0);
+}
+
+TEST_F(Refresher, LockOfAnotherProcess_IsNotWaitedFor) {
+  const std::string path = host_.folder().File("cache/test/counting.lock");
+  const int lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  Install();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(Read(), 0);
+    std::this_thread::sleep_for(milliseconds(2));
+  }
+  EXPECT_EQ(refreshes_.begun, 0);
+  ::close(lock);
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  EXPECT_TRUE(CapturedSyslog().empty()) << "that is no failure";
+}
+
+TEST_F(Refresher, Refresh_ReadsTheDatabaseAsARequestDoes) {
+  Json::Value record;
+  record["name"] = "before";
+  host_.Put("guest", "g", record);
+  std::atomic<bool> is_same = false;
+  refreshes_.during = [&](int, Json::Value&) {
+    const std::string key = TestHost::ObjectKey("guest", "g");
+    const std::string first = json::String((*Require(cluster::ReadRecord(key)))["name"]);
+    Json::Value changed;
+    changed["name"] = "after";
+    host_.Put("guest", "g", changed);
+    is_same = first == json::String((*Require(cluster::ReadRecord(key)))["name"]);
+    return true;
+  };
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  EXPECT_TRUE(is_same) << "one state of the database per refresh";
+}
+
+TEST_F(Refresher, ValueThatIsNeverCurrent_IsRefreshedAgainAndAgain) {
+  valid_s_ = 0;
+  Install();
+  EXPECT_TRUE(Soon([&] { return Read() >= 3; }));
+}
+
+TEST_F(Refresher, ManyThreads_ReadWhileItComesAndGoes) {
+  valid_s_ = 0;
+  std::atomic<bool> is_done = false;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      int last = 0;
+      while (!is_done) {
+        const int number = Read();
+        EXPECT_GE(number, last);
+        last = number;
+      }
+    });
+  }
+  for (int round = 0; round < 20; ++round) {
+    Install();
+    std::this_thread::sleep_for(milliseconds(10));
+    cluster::RemoveCacheRefresher();
+  }
+  is_done = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(refreshes_.most_at_once, 1);
+}
+
+}  // namespace
+}  // namespace vexa::test
