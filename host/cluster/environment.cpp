@@ -13,11 +13,8 @@ struct Installed {
   explicit Installed(Environment given) : environment(std::move(given)), records(environment.record_cache_bytes) {}
   Environment environment;
   RecordCache records;
-<<<<<<< HEAD
   ClusterStatus status;
-=======
   CacheMemory caches;
->>>>>>> cachebase
 };
 
 std::optional<Installed> installed;
@@ -38,10 +35,7 @@ const Environment* CurrentEnvironment() { return installed ? &installed->environ
 
 RecordCache& CurrentRecordCache() { return installed->records; }
 
-<<<<<<< HEAD
 ClusterStatus& CurrentClusterStatus() { return installed->status; }
-=======
 CacheMemory& CurrentCacheMemory() { return installed->caches; }
->>>>>>> cachebase
 
 }  // namespace vexa::cluster
