@@ -2,8 +2,12 @@
 // state in place of the record's. Nothing here asks how the cluster database is: the copy is read as it is.
 #include <json/value.h>
 
+#include <optional>
+#include <utility>
+
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
+#include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 #include "webapi/utils/json.h"
@@ -13,18 +17,28 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using vexa::cluster::CallScope;
-using vexa::cluster::Record;
 using VexaCCC::DB::DashCate;
 
 constexpr int kFailed = -1;
 constexpr int kNoHost = -2;
 
-vexa::Result<Record> ReadGuest(const std::string& id) { return vexa::cluster::ReadObject(DashCate::Guest.name(), id); }
+std::string GuestKey(const std::string& id) {
+  return vexa::store::MakeKey({"dash", DashCate::Guest.name(), id, keys::object});
+}
 
-// A string; null when the guest has no live state. One that cannot be understood is an error: the record's state may be
-// long outdated.
-vexa::Result<Record> ReadLiveState(const std::string& guest_id) {
-  vexa::Result<Record> state = vexa::cluster::ReadRecord(vexa::cluster::LiveStateKey(guest_id));
+// A value of the caller's own, and an object: these are asked for every guest of a list.
+vexa::Result<Json::Value> ReadGuest(const std::string& id) {
+  auto record = vexa::cluster::ReadOnce(GuestKey(id));
+  if (!record) return record.error();
+  if (!*record) return vexa::Error(vexa::ErrorCode::kNotFound, "There is no such guest");
+  if (!(*record)->isObject()) return vexa::Error(vexa::ErrorCode::kCorrupt, "The guest's record is no object");
+  return *std::move(*record);
+}
+
+// A string; not set when the guest has no live state. One that cannot be understood is an error: the record's state may
+// be long outdated.
+vexa::Result<std::optional<Json::Value>> ReadLiveState(const std::string& guest_id) {
+  auto state = vexa::cluster::ReadOnce(vexa::cluster::LiveStateKey(guest_id));
   if (!state || !*state || (*state)->isString()) return state;
   return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is no text");
 }
@@ -33,22 +47,28 @@ vexa::Result<Record> ReadLiveState(const std::string& guest_id) {
 
 int vgConfGet(const std::string& guest_id, Json::Value& conf) {
   const CallScope scope;
-  const auto record = ReadGuest(guest_id);
+  auto record = ReadGuest(guest_id);
   if (!record) return kFailed;
-  const auto state = ReadLiveState(guest_id);
+  auto state = ReadLiveState(guest_id);
   if (!state) return kFailed;
-  conf = **record;
-  if (*state) conf[Json::StaticString(keys::state)] = **state;
+  conf = std::move(*record);
+  if (*state) conf[Json::StaticString(keys::state)] = *std::move(*state);
   return 0;
 }
 
 int vgConfStateGet(const std::string& guest_id, std::string& state) {
   const CallScope scope;
-  const auto record = ReadGuest(guest_id);
-  if (!record) return kFailed;
   const auto live = ReadLiveState(guest_id);
   if (!live) return kFailed;
-  const Json::Value& found = *live ? **live : json::Member(**record, keys::state);
+  if (*live) {
+    const auto exists = vexa::cluster::Exists(GuestKey(guest_id));
+    if (!exists || !*exists) return kFailed;
+    state = json::String(**live);
+    return 0;
+  }
+  const auto record = ReadGuest(guest_id);
+  if (!record) return kFailed;
+  const Json::Value& found = json::Member(*record, keys::state);
   if (!found.isString()) return kFailed;
   state = json::String(found);
   return 0;
@@ -57,7 +77,7 @@ int vgConfStateGet(const std::string& guest_id, std::string& state) {
 int vgConfHostGet(const std::string& guest_id, std::string& host) {
   const auto record = ReadGuest(guest_id);
   if (!record) return kFailed;
-  const Json::Value& found = json::Member(**record, keys::host_id);
+  const Json::Value& found = json::Member(*record, keys::host_id);
   if (found.isNull() || found == "") return kNoHost;
   if (!found.isString()) return kFailed;
   host = json::String(found);
@@ -68,7 +88,7 @@ int vgConfRepoHostIdGet(const std::string& guest_id, std::string& host) {
   const CallScope scope;
   const auto guest = ReadGuest(guest_id);
   if (!guest) return kFailed;
-  const Json::Value& repository = json::Member(**guest, keys::repository_id);
+  const Json::Value& repository = json::Member(*guest, keys::repository_id);
   if (!repository.isString()) return kFailed;
   const auto record = vexa::cluster::ReadObject(DashCate::Repository.name(), json::String(repository));
   if (!record) return kFailed;

@@ -5,10 +5,27 @@
 #include <utility>
 
 #include "host/cluster/reading.h"
+#include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
 
 namespace VexaCCC::Utils {
+namespace {
+
+// As GetNameById, for passes over many objects.
+bool ReadNameOnce(const DB::DashCate& category, const std::string& id, std::string& name) {
+  const auto key = [&](const char* last) { return vexa::store::MakeKey({"dash", category.name(), id, last}); };
+  auto value = vexa::cluster::ReadOnce(key(DB::_k::name));
+  const bool is_apart = value && *value;
+  if (value && !*value) value = vexa::cluster::ReadOnce(key(DB::_k::object));
+  if (!value || !*value) return false;
+  const Json::Value& found = is_apart ? **value : VexaVirtualization::json::Member(**value, DB::_k::name);
+  if (!found.isString()) return false;
+  name = VexaVirtualization::json::String(found);
+  return true;
+}
+
+}  // namespace
 
 int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name) {
   return DB::Dashboard(category, id).Get(name, DB::_k::name);
@@ -22,7 +39,7 @@ int GetNameList(const DB::DashCate& category, const std::vector<std::string>& id
   const vexa::cluster::CallScope scope;
   std::vector<std::string> found(ids.size());
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (GetNameById(category, ids[i], found[i]) != 0) return -1;
+    if (!ReadNameOnce(category, ids[i], found[i])) return -1;
   }
   names = std::move(found);
   return 0;

@@ -26,4 +26,9 @@ void PutObject(store::Transaction& transaction, const std::string& key, const St
   transaction.operations.push_back({key, VexaVirtualization::json::ToText(stored.record)});
 }
 
+std::mutex& RetryMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 }  // namespace vexa::cluster

@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
+#include "host/base/json_parse.h"
 #include "host/cluster/environment_internal.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc_constants.h"
@@ -46,6 +48,30 @@ Result<Record> ReadRecord(std::string_view key) {
     if (!value) return value.error();
     if (!value->has_value()) return Record();
     return CurrentRecordCache().Parse(key, **value, RequestScope::Serial());
+  });
+}
+
+Result<std::optional<Json::Value>> ReadOnce(std::string_view key) {
+  using Once = std::optional<Json::Value>;
+  return WithSnapshot<Once>([key](const store::Snapshot& snapshot) -> Result<Once> {
+    const Result<std::optional<store::ValueView>> value = snapshot.Get(key);
+    if (!value) return value.error();
+    if (!value->has_value()) return Once();
+    if (const Record cached = CurrentRecordCache().Find(key, (*value)->revision, RequestScope::Serial())) {
+      return Once(*cached);
+    }
+    Result<Json::Value> parsed = ParseJson((*value)->text);
+    if (parsed) return Once(std::move(*parsed));
+    return Error(ErrorCode::kCorrupt, "The record '" + std::string(key) + "' cannot be read",
+                 parsed.error().ToString());
+  });
+}
+
+Result<bool> Exists(std::string_view key) {
+  return WithSnapshot<bool>([key](const store::Snapshot& snapshot) -> Result<bool> {
+    const Result<std::optional<store::ValueView>> value = snapshot.Get(key);
+    if (!value) return value.error();
+    return value->has_value();
   });
 }
 

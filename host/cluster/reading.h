@@ -46,6 +46,13 @@ class CallScope {
 // without an environment.
 Result<Record> ReadRecord(std::string_view key);
 
+// The same as a value of the caller's own, which is not put into the cache: for passes over many records, where nobody
+// would find it again. Not set: there is none.
+Result<std::optional<Json::Value>> ReadOnce(std::string_view key);
+
+// Whether there is a value under `key`, whatever it is.
+Result<bool> Exists(std::string_view key);
+
 // The object of the dashboard's `category` and `id`: never null, and a JSON object. Errors: as ReadRecord, kNotFound,
 // and kCorrupt for anything but an object.
 Result<Record> ReadObject(std::string_view category, std::string_view id);

@@ -21,7 +21,7 @@ constexpr std::size_t KeptShare(std::size_t bytes) { return bytes / 4 * 3; }
 RecordCache::RecordCache(std::size_t max_bytes) : max_shard_bytes_(max_bytes / kShards) {}
 
 Result<Record> RecordCache::Parse(std::string_view key, const store::ValueView& value, std::uint64_t reader) {
-  Shard& shard = shards_[std::hash<std::string_view>{}(key) % kShards];
+  Shard& shard = ShardOf(key);
   if (Record cached = Lookup(shard, key, value.revision, reader)) return cached;
   Result<Json::Value> parsed = ParseJson(value.text);
   if (!parsed) {
@@ -31,6 +31,10 @@ Result<Record> RecordCache::Parse(std::string_view key, const store::ValueView& 
   Record record = std::make_shared<const Json::Value>(WithSharedNames(std::move(*parsed)));
   Insert(shard, {std::string(key), value.revision, record, kEntryBytes + kParsedFactor * value.text.size(), reader});
   return record;
+}
+
+Record RecordCache::Find(std::string_view key, store::Revision revision, std::uint64_t reader) {
+  return Lookup(ShardOf(key), key, revision, reader);
 }
 
 Record RecordCache::Lookup(Shard& shard, std::string_view key, store::Revision revision, std::uint64_t reader) {

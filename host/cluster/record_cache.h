@@ -31,6 +31,9 @@ class RecordCache {
   // `reader` count as one; each with 0 is a reader of its own.
   Result<Record> Parse(std::string_view key, const store::ValueView& value, std::uint64_t reader = 0);
 
+  // The cached record of this key and revision; null when there is none. Counts as a read, as above.
+  Record Find(std::string_view key, store::Revision revision, std::uint64_t reader = 0);
+
   // What the cached records are estimated to take.
   std::size_t bytes() const;
 
@@ -53,6 +56,7 @@ class RecordCache {
   };
   static constexpr std::size_t kShards = 8;
 
+  Shard& ShardOf(std::string_view key) { return shards_[std::hash<std::string_view>{}(key) % kShards]; }
   Record Lookup(Shard& shard, std::string_view key, store::Revision revision, std::uint64_t reader);
   void Insert(Shard& shard, Entry entry);
   void Keep(Shard& shard, std::list<Entry>::iterator entry);

@@ -123,7 +123,14 @@ TEST_F(ClusterNames, NameList_HasTheOrderOfTheIdsOrFailsAsAWhole) {
   std::vector<std::string> names{"before"};
   EXPECT_EQ(utils::GetNameList(DashCate::Guest, {"b", "a", "b"}, names), 0);
   EXPECT_EQ(names, (std::vector<std::string>{"two", "one", "two"}));
-  for (const char* id : {"none", "bad", "damaged"}) {
+  host_.PutText("guest", "apart", R"({"name":"old"})");
+  PutKey({"dash", "guest", "apart", "name"}, R"("new")");
+  PutKey({"dash", "guest", "odd", "name"}, "7");
+  host_.PutText("guest", "odd", R"({"name":"old"})");
+  std::vector<std::string> apart;
+  EXPECT_EQ(utils::GetNameList(DashCate::Guest, {"apart"}, apart), 0);
+  EXPECT_EQ(apart, std::vector<std::string>{"new"});
+  for (const char* id : {"none", "bad", "damaged", "odd"}) {
     EXPECT_LT(utils::GetNameList(DashCate::Guest, {"a", id}, names), 0) << id;
   }
   host_.store().FailReadsOf(TestHost::ObjectKey("guest", "b"));

@@ -1,7 +1,7 @@
 // The local guest configuration, and what a pass over all guests does to the cache of records.
 #include <gtest/gtest.h>
 
-#include "host/cluster/environment.h"
+#include "host/cluster/environment_internal.h"
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
 #include "host/cluster/record_cache.h"
@@ -181,6 +181,21 @@ TEST_F(LocalConfig, OneRequest_SeesOneStateOfAllGuests) {
   host_.Remove("guest", "g");
   ASSERT_EQ(vgConfGet("g", conf), 0);
   EXPECT_EQ(conf["state"], "guest_shutdown");
+}
+
+TEST_F(LocalConfig, PassOverAllGuests_PutsNothingIntoTheCache) {
+  host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown"})");
+  const std::size_t before = CurrentRecordCache().bytes();
+  const RequestScope scope;
+  Json::Value conf;
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  std::vector<std::string> names;
+  ASSERT_EQ(VexaCCC::Utils::GetNameList(VexaCCC::DB::DashCate::Guest, {"g"}, names), 0);
+  EXPECT_EQ(CurrentRecordCache().bytes(), before);
+  ASSERT_TRUE(ReadObject("guest", "g").ok());
+  EXPECT_GT(CurrentRecordCache().bytes(), before);
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  EXPECT_EQ(conf, Parsed(R"({"name":"web","state":"guest_shutdown"})")) << "from the cache";
 }
 
 TEST_F(LocalConfig, CallOutsideOfARequest_HasASnapshotOfItsOwnEachTime) {
