@@ -6,6 +6,7 @@
 
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
+#include "host/base/json_readers.h"
 #include "webapi/utils/json.h"
 
 namespace {
@@ -68,6 +69,10 @@ void CheckAccepted(const Json::Value& value) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text = vexa::fuzz::Text(data, size);
   const auto value = vexa::ParseJson(text);
+  if (const auto quick = vexa::ReadWithSimdjson(text, nullptr)) {
+    const auto thorough = vexa::ReadWithJsoncpp(text);
+    Check(thorough.ok() && *thorough == *quick, "both readers agree on what the quick one accepts");
+  }
   if (value.ok()) {
     Check(vexa::IsValidUtf8(text), "what is accepted is UTF-8");
     CheckAccepted(*value);

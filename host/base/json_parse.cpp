@@ -4,8 +4,11 @@
 
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+
+#include "host/base/json_readers.h"
 
 namespace vexa {
 namespace {
@@ -183,7 +186,7 @@ bool IsValidUtf8(std::string_view text) {
   return true;
 }
 
-Result<Json::Value> ParseJson(std::string_view text) {
+Result<Json::Value> ReadWithJsoncpp(std::string_view text) {
   if (!IsValidUtf8(text)) return Refusal("it is not valid UTF-8");
   if (const char* fault = LexicalCheck(text).Run()) return Refusal(fault);
   thread_local const std::unique_ptr<Json::CharReader> reader = NewReader();
@@ -195,6 +198,11 @@ Result<Json::Value> ParseJson(std::string_view text) {
     errors = exception.what();
   }
   return Refusal(std::move(errors));
+}
+
+Result<Json::Value> ParseJson(std::string_view text, LastingName lasting_name) {
+  if (std::optional<Json::Value> value = ReadWithSimdjson(text, lasting_name)) return std::move(*value);
+  return ReadWithJsoncpp(text);
 }
 
 }  // namespace vexa

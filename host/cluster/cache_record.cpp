@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/cluster/record_names.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::cluster {
@@ -33,7 +34,7 @@ bool IsText(const Json::Value& value, const std::string& text) {
 }  // namespace
 
 Result<CacheRecord> ParseCacheRecord(std::string_view text, const std::string& group, const std::string& name) {
-  Result<Json::Value> parsed = ParseJson(text);
+  Result<Json::Value> parsed = ParseJson(text, SharedName);
   if (!parsed) return parsed.error();
   const Json::Value& record = *parsed;
   const Json::Value& time = json::Member(record, "time");

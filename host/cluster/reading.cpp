@@ -6,6 +6,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/cluster/environment_internal.h"
+#include "host/cluster/record_names.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc_constants.h"
 
@@ -60,7 +61,7 @@ Result<std::optional<Json::Value>> ReadOnce(std::string_view key) {
     if (const Record cached = CurrentRecordCache().Find(key, (*value)->revision, RequestScope::Serial())) {
       return Once(*cached);
     }
-    Result<Json::Value> parsed = ParseJson((*value)->text);
+    Result<Json::Value> parsed = ParseJson((*value)->text, SharedName);
     if (parsed) return Once(std::move(*parsed));
     return Error(ErrorCode::kCorrupt, "The record '" + std::string(key) + "' cannot be read",
                  parsed.error().ToString());

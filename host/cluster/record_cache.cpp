@@ -23,12 +23,12 @@ RecordCache::RecordCache(std::size_t max_bytes) : max_shard_bytes_(max_bytes / k
 Result<Record> RecordCache::Parse(std::string_view key, const store::ValueView& value, std::uint64_t reader) {
   Shard& shard = ShardOf(key);
   if (Record cached = Lookup(shard, key, value.revision, reader)) return cached;
-  Result<Json::Value> parsed = ParseJson(value.text);
+  Result<Json::Value> parsed = ParseJson(value.text, SharedName);
   if (!parsed) {
     return Error(ErrorCode::kCorrupt, "The record '" + std::string(key) + "' cannot be read",
                  parsed.error().ToString());
   }
-  Record record = std::make_shared<const Json::Value>(WithSharedNames(std::move(*parsed)));
+  Record record = std::make_shared<const Json::Value>(std::move(*parsed));
   Insert(shard, {std::string(key), value.revision, record, kEntryBytes + kParsedFactor * value.text.size(), reader});
   return record;
 }

@@ -2,7 +2,6 @@
 
 #include <string_view>
 #include <unordered_set>
-#include <utility>
 
 #include "webapi/platform/ccc_constants.h"
 
@@ -11,7 +10,7 @@ namespace {
 
 namespace k = VexaCCC::DB::_k;
 
-// The keys of the cluster's records, and what an import adds.
+// The keys of the cluster's records, what an import adds, and what is kept of guests' states.
 const std::unordered_set<std::string_view>& SharedNames() {
   static const std::unordered_set<std::string_view> names{
       k::object,
@@ -65,24 +64,17 @@ const std::unordered_set<std::string_view>& SharedNames() {
       "driver",
       "network_name",
       "path",
+      "status",
+      "status_type",
   };
   return names;
 }
 
 }  // namespace
 
-Json::Value WithSharedNames(Json::Value&& record) {
-  if (!record.isObject()) return std::move(record);
-  Json::Value shared(Json::objectValue);
-  for (auto member = record.begin(); member != record.end(); ++member) {
-    const char* end = nullptr;
-    const char* const begin = member.memberName(&end);
-    const auto found = SharedNames().find(std::string_view(begin, end));
-    Json::Value& place =
-        found != SharedNames().end() ? shared[Json::StaticString(found->data())] : *shared.demand(begin, end);
-    place.swap(*member);
-  }
-  return shared;
+const char* SharedName(std::string_view name) {
+  const auto found = SharedNames().find(name);
+  return found == SharedNames().end() ? nullptr : found->data();
 }
 
 }  // namespace vexa::cluster

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <set>
 
+#include "host/base/json_parse.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/record_cache.h"
 #include "host/cluster/record_names.h"
@@ -132,15 +133,18 @@ TEST(Constants, StateTexts_AreDistinctAcrossAllKinds) {
 
 using vexa::cluster::RecordCache;
 
-TEST(WithSharedNames, AnyRecord_IsEqualToWhatItWas) {
+TEST(SharedNames, AnyRecord_IsEqualToWhatItIsWithout) {
   for (const char* text : {R"({"name":"web","vdisks":["d"],"usual":{"name":1},"unusual \u0000":null,"":2,"nam":3})",
                            "{}", "[1]", "null", R"("name")"}) {
-    Json::Value shared = vexa::cluster::WithSharedNames(Parsed(text));
-    EXPECT_EQ(shared, Parsed(text));
-    const Json::Value copy = shared;
-    shared = Json::Value();
+    auto shared = vexa::ParseJson(text, vexa::cluster::SharedName);
+    ASSERT_TRUE(shared.ok());
+    EXPECT_EQ(*shared, Parsed(text));
+    const Json::Value copy = *shared;
+    *shared = Json::Value();
     EXPECT_EQ(copy, Parsed(text)) << "copies stand alone";
   }
+  EXPECT_EQ(vexa::cluster::SharedName("name"), vexa::cluster::SharedName(std::string("name")));
+  EXPECT_EQ(vexa::cluster::SharedName("no usual name"), nullptr);
 }
 
 TEST(RecordCache, SameRevision_IsParsedOnce) {

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "host/base/json_readers.h"
+
 namespace vexa {
 namespace {
 
@@ -25,9 +27,16 @@ Result<Json::Value> ParseExact(const std::string& text) {
   return ParseJson(std::string_view(copy.get(), text.size()));
 }
 
+// By both readers: whatever the quick one accepts, the thorough one reads as the same.
 Json::Value Parsed(const std::string& text) {
   auto result = ParseExact(text);
   EXPECT_TRUE(result.ok()) << text << ": " << result.error().ToString();
+  const auto thorough = ReadWithJsoncpp(text);
+  EXPECT_TRUE(thorough.ok()) << text;
+  if (result.ok() && thorough.ok()) {
+    EXPECT_EQ(*result, *thorough) << text;
+    EXPECT_EQ(result->type(), thorough->type()) << text;
+  }
   return result.ok() ? *result : Json::Value();
 }
 
@@ -169,6 +178,33 @@ TEST(ParseJson, IntegersOutside64Bits_AreDoubles) {
   EXPECT_DOUBLE_EQ(Parsed("18446744073709551616").asDouble(), 18446744073709551616.0);
   EXPECT_EQ(Parsed("-9223372036854775809").type(), Json::realValue);
   EXPECT_DOUBLE_EQ(Parsed("1" + std::string(300, '0')).asDouble(), 1e300);
+}
+
+TEST(ReadWithSimdjson, UsualTexts_AreRead) {
+  const std::string text = R"({"a":[1,-1,2.5,true,false,null,"b\u0000\ud83d\ude00"],"c":18446744073709551615,"":{}})";
+  const auto value = ReadWithSimdjson(text, nullptr);
+  ASSERT_TRUE(value);
+  EXPECT_EQ(*value, Parsed(text));
+  EXPECT_TRUE(ReadWithSimdjson(Nested(kMaxJsonDepth, ""), nullptr));
+  EXPECT_FALSE(ReadWithSimdjson(Nested(kMaxJsonDepth + 1, ""), nullptr));
+  EXPECT_FALSE(ReadWithSimdjson(R"({"a":1,"\u0061":2})", nullptr)) << "one name twice";
+}
+
+TEST(ReadWithSimdjson, LargeTexts_AreReadAsWell) {
+  const std::string text = "[\"" + std::string(1 << 20, 'x') + "\"]";
+  const auto value = ReadWithSimdjson(text, nullptr);
+  ASSERT_TRUE(value);
+  EXPECT_EQ((*value)[0].asString().size(), std::size_t{1} << 20);
+}
+
+TEST(ParseJson, LastingNames_AreNotCopied) {
+  static const char kName[] = "known";
+  const auto lasting = [](std::string_view name) -> const char* { return name == "known" ? kName : nullptr; };
+  const auto value = ParseJson(R"({"known":1,"other":{"known":2}})", lasting);
+  ASSERT_TRUE(value.ok());
+  EXPECT_EQ(*value, Parsed(R"({"known":1,"other":{"known":2}})"));
+  const char* end = nullptr;
+  EXPECT_EQ(value->begin().memberName(&end), kName);
 }
 
 TEST(ParseJson, Fractions_AreDoubles) {

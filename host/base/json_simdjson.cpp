@@ -1,0 +1,101 @@
+#include <simdjson.h>
+
+#include <string>
+#include <utility>
+
+#include "host/base/json_readers.h"
+
+namespace vexa {
+namespace {
+
+namespace dom = simdjson::dom;
+
+// Readers that have read more keep no memory of it.
+constexpr std::size_t kKeptBytes = std::size_t{64} << 10;
+
+class Builder {
+ public:
+  explicit Builder(LastingName lasting_name) : lasting_name_(lasting_name) {}
+
+  // False: duplicate names, or too many levels.
+  bool Build(const dom::element& element, int level, Json::Value& out) const {
+    switch (element.type()) {
+      case dom::element_type::OBJECT:
+        return BuildObject(dom::object(element), level + 1, out);
+      case dom::element_type::ARRAY:
+        return BuildArray(dom::array(element), level + 1, out);
+      case dom::element_type::STRING: {
+        const auto text = std::string_view(element);
+        out = Json::Value(text.data(), text.data() + text.size());
+        return true;
+      }
+      case dom::element_type::INT64:
+        out = Json::Value(Json::Int64{std::int64_t(element)});
+        return true;
+      case dom::element_type::UINT64:
+        out = Json::Value(Json::UInt64{std::uint64_t(element)});
+        return true;
+      case dom::element_type::DOUBLE:
+        out = Json::Value(double(element));
+        return true;
+      case dom::element_type::BOOL:
+        out = Json::Value(bool(element));
+        return true;
+      case dom::element_type::NULL_VALUE:
+        out = Json::Value();
+        return true;
+    }
+    return false;
+  }
+
+ private:
+  bool BuildObject(const dom::object& object, int level, Json::Value& out) const {
+    if (level > kMaxJsonDepth) return false;
+    out = Json::Value(Json::objectValue);
+    Json::ArrayIndex members = 0;
+    for (const dom::key_value_pair& member : object) {
+      const char* const lasting = lasting_name_ ? lasting_name_(member.key) : nullptr;
+      Json::Value& place = lasting ? out[Json::StaticString(lasting)]
+                                   : *out.demand(member.key.data(), member.key.data() + member.key.size());
+      if (out.size() != ++members || !Build(member.value, level, place)) return false;
+    }
+    return true;
+  }
+
+  bool BuildArray(const dom::array& array, int level, Json::Value& out) const {
+    if (level > kMaxJsonDepth) return false;
+    out = Json::Value(Json::arrayValue);
+    for (const dom::element element : array) {
+      if (!Build(element, level, out.append(Json::Value()))) return false;
+    }
+    return true;
+  }
+
+  const LastingName lasting_name_;
+};
+
+struct Reader {
+  dom::parser parser;
+  std::string padded;  // the parser looks a little beyond the end
+
+  std::optional<Json::Value> Read(std::string_view text, LastingName lasting_name) {
+    padded.reserve(text.size() + simdjson::SIMDJSON_PADDING);
+    padded.assign(text);
+    dom::element root;
+    if (parser.parse(padded.data(), text.size(), false).get(root) != simdjson::SUCCESS) return std::nullopt;
+    std::optional<Json::Value> value(std::in_place);
+    if (!Builder(lasting_name).Build(root, 0, *value)) return std::nullopt;
+    return value;
+  }
+};
+
+}  // namespace
+
+std::optional<Json::Value> ReadWithSimdjson(std::string_view text, LastingName lasting_name) {
+  if (text.starts_with("\xEF\xBB\xBF")) return std::nullopt;  // a byte order mark
+  if (text.size() > kKeptBytes) return Reader().Read(text, lasting_name);
+  thread_local Reader reader;
+  return reader.Read(text, lasting_name);
+}
+
+}  // namespace vexa
