@@ -168,7 +168,7 @@ int GetNameList(const DB::DashCate& category, const std::vector<std::string>& id
 bool IsGuestStateOnline(const std::string& state) {
   namespace Guest = State::Guest;
   return state == Guest::running || state == Guest::booting || state == Guest::shutting_down ||
-         state == Guest::moving || state == Guest::stor_migrating;
+         state == Guest::moving || state == Guest::stor_migrating || Platform().more_online_states.contains(state);
 }
 
 bool IsFindInSTLContainer(const Json::Value& array, const std::string& text) {

@@ -24,8 +24,7 @@ struct SentRequest {
   Json::Value json;
 };
 
-// Threads: one, but that reads which leave no trace here may come from many. Places in the dashboard are
-// "<category>/<id>/<key>"; a key below another one is "<key>/<part>".
+// Threads: one. Places in the dashboard are "<category>/<id>/<key>"; a key below another one is "<key>/<part>".
 struct ScriptedPlatform {
   // Hosts. One without a reply fails with code 102.
   std::string local_host_id = "local";
@@ -58,6 +57,7 @@ struct ScriptedPlatform {
   Json::Value cluster_status = Json::Value(Json::objectValue);
   int load_result = 0;
   std::vector<std::pair<int, int>> loads;  // type and age
+  std::set<std::string> more_online_states;
   int upgrading = 0;
   int upgrade_calls = 0;
   std::map<std::string, std::string> versions_of_all;

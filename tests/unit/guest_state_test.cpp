@@ -205,6 +205,20 @@ TEST_F(GuestState, UnreadableRepository_CountsAsOneInNoState) {
   }
 }
 
+TEST_F(GuestState, LostGuest_IsDoneWithOnlyWhereTheRepositoryCanBeRead) {
+  connected_["g"] = 0;
+  // A platform that holds lost guests to be live tells whether they are looked at any further.
+  Platform().more_online_states = {Guest::crashed, Guest::inaccessible};
+  for (const char* lost : {Guest::crashed, Guest::inaccessible}) {
+    SetRepository(Repo::online);
+    Derive(Record(lost));
+    EXPECT_EQ(type_ + ", " + reason_, "error, ");
+    Platform().records.erase("repository/r/state");
+    Derive(Record(lost));
+    EXPECT_EQ(type_ + ", " + reason_, "warning, network_unconnectable");
+  }
+}
+
 TEST_F(GuestState, RepositoryFull_TypeIsTheRepositorysButNeverHealthy) {
   const std::pair<const char*, const char*> kTypes[] = {
       {Repo::online, "warning"},
