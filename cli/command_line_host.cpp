@@ -1,9 +1,10 @@
-// The commands about hosts, and what a guest's host knows of it.
+// The commands about hosts, and about how guests are.
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/guest_state_command.h"
 #include "cli/host_command.h"
 
 namespace vexa::cli {
@@ -21,7 +22,17 @@ void AddHostCommands(CLI::App& app, Invocation& invocation) {
     invocation.run = [&invocation, which] { return RunHostShow(invocation.global, *which); };
   });
 
-  auto* info = app.get_subcommand("guest")->add_subcommand("info", "Show a running guest's addresses and uptime");
+  auto* guest = app.get_subcommand("guest");
+  guest->add_subcommand("list", "List your guests and their states")->callback([&invocation] {
+    invocation.run = [&invocation] { return RunGuestList(invocation.global); };
+  });
+  auto* status = guest->add_subcommand("status", "Show a guest's state, the reason, and its high availability");
+  auto guest_name = std::make_shared<std::string>();
+  status->add_option("GUEST", *guest_name, "The guest's id or name")->required();
+  status->callback([&invocation, guest_name] {
+    invocation.run = [&invocation, guest_name] { return RunGuestStatus(invocation.global, *guest_name); };
+  });
+  auto* info = guest->add_subcommand("info", "Show a running guest's addresses and uptime");
   auto id = std::make_shared<std::string>();
   info->add_option("ID", *id, "The guest's id")->required();
   info->callback(

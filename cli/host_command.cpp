@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
-#include <optional>
 #include <utility>
 #include <vector>
 
+#include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
@@ -20,34 +20,12 @@ constexpr const char* kList = "/webapi/VEXA.Virtualization.Host/list";
 constexpr const char* kGet = "/webapi/VEXA.Virtualization.Host/get";
 constexpr const char* kInfo = "/webapi/VEXA.Virtualization.Guest/info";
 
-struct Column {
-  const char* label;
-  const char* member;
-};
+constexpr Naming kNaming{"host", "host_id", "name"};
 
 constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"}};
 constexpr std::array kInterfaceColumns = {Column{"INTERFACE", "ifname"}, Column{"TYPE", "type"},
                                           Column{"ADDRESS", "ip"},       Column{"MAC", "mac"},
                                           Column{"SPEED", "speed"},      Column{"STATUS", "status"}};
-
-template <std::size_t n>
-void PrintRows(const Json::Value& list, const std::array<Column, n>& columns) {
-  Table table;
-  for (const Column& column : columns) table.head.emplace_back(column.label);
-  for (const Json::Value& element : list) {
-    auto& row = table.rows.emplace_back();
-    for (const Column& column : columns) row.push_back(Text(Member(element, column.member)));
-  }
-  PrintTable(std::cout, table);
-}
-
-Error NotUnderstood(const char* what) {
-  return Error(ErrorCode::kCorrupt, std::string("The server's reply holds no ") + what);
-}
-
-Error NotText(const char* what) {
-  return Error(ErrorCode::kInvalid, std::string("The ") + what + " is empty or not valid UTF-8");
-}
 
 std::string JoinTexts(const Json::Value& list) {
   std::string result;
@@ -114,29 +92,6 @@ void PrintHost(const Json::Value& host) {
   }
 }
 
-bool IsUuidForm(const std::string& text) {
-  constexpr std::size_t kLength = 36;
-  if (text.size() != kLength) return false;
-  for (std::size_t i = 0; i < kLength; ++i) {
-    const char c = text[i];
-    const bool is_hex = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-    if (i == 8 || i == 13 || i == 18 || i == 23 ? c != '-' : !is_hex) return false;
-  }
-  return true;
-}
-
-// The id of the one host of this name.
-Result<std::string> FindByName(const Json::Value& hosts, const std::string& name) {
-  std::optional<std::string> id;
-  for (const Json::Value& host : hosts) {
-    if (Text(Member(host, "name")) != name) continue;
-    if (id) return Error(ErrorCode::kConflict, "Several hosts are called '" + name + "': give the id");
-    id = Text(Member(host, "host_id"));
-  }
-  if (!id) return Error(ErrorCode::kNotFound, "There is no host called '" + name + "'; see 'vexa host list'");
-  return *id;
-}
-
 // The data of "list", checked.
 CallOutcome ListHosts(HttpClient& client) {
   CallOutcome outcome = CallApi(client, kList, "{}");
@@ -144,12 +99,6 @@ CallOutcome ListHosts(HttpClient& client) {
     outcome.exit_code = Report(NotUnderstood("hosts"));
   }
   return outcome;
-}
-
-std::string OneParameter(const char* name, const std::string& value) {
-  Json::Value parameters(Json::objectValue);
-  parameters[name] = value;
-  return RenderJson(parameters, JsonLayout::kOneLine);
 }
 
 }  // namespace
@@ -174,7 +123,7 @@ ExitCode RunHostShow(const GlobalOptions& global, const std::string& host) {
   if (!host.empty() && !IsUuidForm(host)) {
     const CallOutcome listed = ListHosts(client);
     if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-    const Result<std::string> found = FindByName(Member(listed.data, "hosts"), host);
+    const Result<std::string> found = FindByName(Member(listed.data, "hosts"), kNaming, host);
     if (!found) return Report(found.error());
     id = *found;
   }

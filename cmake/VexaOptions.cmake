@@ -44,6 +44,13 @@ find_package(Threads REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
 
+# For code that runs once, such as tests and option parsers: optimising it takes the compiler more time than it saves.
+# Fortified builds need some optimisation.
+set(VEXA_RUNS_ONCE -O1)
+if(VEXA_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "Debug")
+  set(VEXA_RUNS_ONCE -O0)
+endif()
+
 # vexa_library(NAME SOURCES... LINK ...): one folder of the host as a static library.
 function(vexa_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
@@ -58,6 +65,7 @@ function(vexa_test name)
     set(arg_TIMEOUT 300)
   endif()
   add_executable(${name} ${arg_SOURCES})
+  target_compile_options(${name} PRIVATE ${VEXA_RUNS_ONCE})
   target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")

@@ -104,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   vexa::test::ClearCapturedSyslog();
   vexa::test::ScriptedPlatform& platform = vexa::test::Platform();
   const Json::Value reply = TakeJson(rest);
-  platform.local_host_id = kHost;
+  platform.local_host_id = std::string(kHost);
   platform.all_hosts = {kHost};
   platform.replies[kHost] = reply;
   platform.records["host/h/object"] = TakeJson(rest);

@@ -13,6 +13,7 @@ struct Installed {
   explicit Installed(Environment given) : environment(std::move(given)), records(environment.record_cache_bytes) {}
   Environment environment;
   RecordCache records;
+  ClusterStatus status;
   CacheMemory caches;
 };
 
@@ -34,6 +35,7 @@ const Environment* CurrentEnvironment() { return installed ? &installed->environ
 
 RecordCache& CurrentRecordCache() { return installed->records; }
 
+ClusterStatus& CurrentClusterStatus() { return installed->status; }
 CacheMemory& CurrentCacheMemory() { return installed->caches; }
 
 }  // namespace vexa::cluster

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/cluster/cache_memory.h"
+#include "host/cluster/cluster_status.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/record_cache.h"
 
@@ -9,6 +10,7 @@ namespace vexa::cluster {
 
 // Only while an environment is installed.
 RecordCache& CurrentRecordCache();
+ClusterStatus& CurrentClusterStatus();
 CacheMemory& CurrentCacheMemory();
 
 }  // namespace vexa::cluster

@@ -2,10 +2,9 @@
 
 #include <syslog.h>
 
-#include <optional>
 #include <utility>
 
-#include "host/base/json_parse.h"
+#include "host/cluster/object_edit.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -17,34 +16,12 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using std::chrono::system_clock;
 
-constexpr int kTries = 32;
-
-struct Stored {
-  store::Revision revision = 0;  // 0: there is none
-  Json::Value record{Json::objectValue};
-};
-
 std::string KeyOf(const std::string& host_id, std::string_view key) {
   return store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key});
 }
 
 std::string NicKey(const std::string& host_id, const std::string& nic_id) {
   return KeyOf(host_id, keys::nics) + "/" + store::EncodeSegment(nic_id);
-}
-
-Result<Stored> Load(const store::Snapshot& snapshot, const std::string& key) {
-  const auto value = snapshot.Get(key);
-  if (!value) return value.error();
-  Stored stored;
-  if (!value->has_value()) return stored;
-  Result<Json::Value> parsed = ParseJson((*value)->text);
-  // Others' members may be in it: it is not overwritten with a guess.
-  if (!parsed || !parsed->isObject()) {
-    return Error(ErrorCode::kCorrupt, "The record '" + key + "' is no JSON object: repair or delete it");
-  }
-  stored.revision = (*value)->revision;
-  stored.record = std::move(*parsed);
-  return stored;
 }
 
 Json::Int64 SecondsOf(system_clock::time_point time) {
@@ -64,11 +41,6 @@ void Fill(Json::Value& record, const HostFacts& facts, system_clock::time_point 
   record["version"] = facts.version;
 }
 
-void Put(store::Transaction& transaction, const std::string& key, const Stored& stored) {
-  transaction.compares.push_back({key, stored.revision});
-  transaction.operations.push_back({key, json::ToText(stored.record)});
-}
-
 void PutSeen(store::Transaction& transaction, const std::string& host_id, system_clock::time_point now) {
   Json::Value seen(Json::objectValue);
   seen["time"] = SecondsOf(now);
@@ -81,43 +53,27 @@ Result<store::Transaction> PlanRegistration(const store::Store& store, const Hos
   if (!snapshot) return snapshot.error();
   store::Transaction transaction;
   const std::string object = KeyOf(facts.host_id, keys::object);
-  Result<Stored> host = Load(**snapshot, object);
+  Result<StoredObject> host = LoadObject(**snapshot, object);
   if (!host) return host.error();
   Fill(host->record, facts, now);
-  Put(transaction, object, *host);
+  PutObject(transaction, object, *host);
   for (const HostNic& nic : facts.nics) {
     const std::string key = NicKey(facts.host_id, nic.id);
-    Result<Stored> stored = Load(**snapshot, key);
+    Result<StoredObject> stored = LoadObject(**snapshot, key);
     if (!stored) return stored.error();
     const Json::Value before = stored->record;
     stored->record[keys::name] = nic.name;
     stored->record[keys::mac_address] = nic.mac_address;
-    if (stored->revision == 0 || stored->record != before) Put(transaction, key, *stored);
+    if (stored->revision == 0 || stored->record != before) PutObject(transaction, key, *stored);
   }
   PutSeen(transaction, facts.host_id, now);
   return transaction;
 }
 
-// Commits what `plan` makes of the current state; makes it again when somebody else was first.
-template <class Plan>
-Status CommitPlanned(store::Store& store, const Plan& plan) {
-  std::optional<Error> conflict;
-  for (int i = 0; i < kTries; ++i) {
-    const Result<store::Transaction> transaction = plan();
-    if (!transaction) return transaction.error();
-    if (transaction->operations.empty()) return {};
-    const Result<store::Revision> committed = store.Commit(*transaction);
-    if (committed) return {};
-    if (committed.error().code() != ErrorCode::kConflict) return committed.error();
-    conflict = committed.error();
-  }
-  return *conflict;
-}
-
-Result<Stored> LoadHost(const store::Store& store, const std::string& host_id) {
+Result<StoredObject> LoadHost(const store::Store& store, const std::string& host_id) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  return Load(**snapshot, KeyOf(host_id, keys::object));
+  return LoadObject(**snapshot, KeyOf(host_id, keys::object));
 }
 
 bool IsInaccessible(const Json::Value& record) {
@@ -132,13 +88,13 @@ Status RegisterHost(store::Store& store, const HostFacts& facts, system_clock::t
 
 Status TouchHost(store::Store& store, const std::string& host_id, system_clock::time_point now) {
   return CommitPlanned(store, [&]() -> Result<store::Transaction> {
-    Result<Stored> host = LoadHost(store, host_id);
+    Result<StoredObject> host = LoadHost(store, host_id);
     if (!host) return host.error();
     if (host->revision == 0) return Error(ErrorCode::kNotFound, "This host has no record in the cluster database");
     store::Transaction transaction;
     if (IsInaccessible(host->record)) {
       host->record[keys::state] = VexaCCC::State::Host::running;
-      Put(transaction, KeyOf(host_id, keys::object), *host);
+      PutObject(transaction, KeyOf(host_id, keys::object), *host);
     }
     PutSeen(transaction, host_id, now);
     return transaction;
@@ -147,12 +103,12 @@ Status TouchHost(store::Store& store, const std::string& host_id, system_clock::
 
 Status LeaveHost(store::Store& store, const std::string& host_id) {
   return CommitPlanned(store, [&]() -> Result<store::Transaction> {
-    Result<Stored> host = LoadHost(store, host_id);
+    Result<StoredObject> host = LoadHost(store, host_id);
     if (!host) return host.error();
     store::Transaction transaction;
     if (host->revision == 0 || IsInaccessible(host->record)) return transaction;
     host->record[keys::state] = VexaCCC::State::Host::inaccessible;
-    Put(transaction, KeyOf(host_id, keys::object), *host);
+    PutObject(transaction, KeyOf(host_id, keys::object), *host);
     return transaction;
   });
 }

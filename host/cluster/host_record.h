@@ -1,7 +1,8 @@
 // This host's own record in the cluster database, and its network interfaces'.
 //
 //   /dash/host/<host id>/object          {"name", "addresses", "cluster_address", "cpu_cores", "cpu_clock_speed" (MHz),
-//                                         "ram_size" (KiB), "state", "started" (Unix seconds), "version"}
+//                                         "ram_size" (KiB), "state", "started" (Unix seconds), "version"}; others may
+//                                         add "package_version"
 //   /dash/host/<host id>/nics/<nic id>   {"name", "mac_address"}
 //   /dash/host/<host id>/seen            {"time" (Unix seconds)}
 //
@@ -22,6 +23,9 @@
 #include "host/store/store.h"
 
 namespace vexa::cluster {
+
+// How often a host tells that it lives.
+inline constexpr std::chrono::seconds kPresenceInterval{10};
 
 struct HostNic {
   std::string id;  // stable across restarts
@@ -59,7 +63,7 @@ Status LeaveHost(store::Store& store, const std::string& host_id);
 class HostPresence {
  public:
   HostPresence(std::shared_ptr<store::Store> store, HostFacts facts,
-               std::chrono::milliseconds interval = std::chrono::seconds(10));
+               std::chrono::milliseconds interval = kPresenceInterval);
   ~HostPresence();
   HostPresence(const HostPresence&) = delete;
   HostPresence& operator=(const HostPresence&) = delete;

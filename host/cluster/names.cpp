@@ -1,6 +1,10 @@
 // Small helpers of the cluster-control library that other code calls by name.
+#include <algorithm>
+#include <array>
 #include <string_view>
+#include <utility>
 
+#include "host/cluster/reading.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
 
@@ -8,6 +12,34 @@ namespace VexaCCC::Utils {
 
 int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name) {
   return DB::Dashboard(category, id).Get(name, DB::_k::name);
+}
+
+bool GetHostNameById(const std::string& id, std::string& name) {
+  return GetNameById(DB::DashCate::Host, id, name) == 0;
+}
+
+int GetNameList(const DB::DashCate& category, const std::vector<std::string>& ids, std::vector<std::string>& names) {
+  const vexa::cluster::CallScope scope;
+  std::vector<std::string> found(ids.size());
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    if (GetNameById(category, ids[i], found[i]) != 0) return -1;
+  }
+  names = std::move(found);
+  return 0;
+}
+
+bool IsGuestStateOnline(const std::string& state) {
+  const std::array<std::string_view, 5> online{State::Guest::running, State::Guest::booting,
+                                               State::Guest::shutting_down, State::Guest::moving,
+                                               State::Guest::stor_migrating};
+  return std::ranges::find(online, state) != online.end();
+}
+
+bool IsFindInSTLContainer(const Json::Value& array, const std::string& text) {
+  for (const Json::Value& element : VexaVirtualization::json::Elements(array)) {
+    if (element.isString() && VexaVirtualization::json::String(element) == text) return true;
+  }
+  return false;
 }
 
 bool jsChkMemberInDepth(const Json::Value& value, std::initializer_list<const char*> path) {

@@ -1,14 +1,17 @@
 #include "host/cluster/reading.h"
 
-#include <functional>
+#include <atomic>
 #include <memory>
 
 #include "host/cluster/environment_internal.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::cluster {
 namespace {
 
-thread_local bool in_scope = false;
+std::atomic<std::uint64_t> last_serial{0};
+thread_local std::uint64_t scope_serial = 0;  // 0: not in a scope
 thread_local std::unique_ptr<store::Snapshot> scope_snapshot;
 
 // Calls `read` with the scope's snapshot, or with one of its own outside of a scope.
@@ -16,37 +19,59 @@ template <class T>
 Result<T> WithSnapshot(const std::function<Result<T>(const store::Snapshot&)>& read) {
   const Environment* environment = CurrentEnvironment();
   if (!environment) return Error(ErrorCode::kUnavailable, "The cluster database is not open");
-  if (in_scope && scope_snapshot) return read(*scope_snapshot);
+  if (scope_serial != 0 && scope_snapshot) return read(*scope_snapshot);
   Result<std::unique_ptr<store::Snapshot>> snapshot = environment->store->Read();
   if (!snapshot) return snapshot.error();
-  if (!in_scope) return read(**snapshot);
+  if (scope_serial == 0) return read(**snapshot);
   scope_snapshot = std::move(*snapshot);
   return read(*scope_snapshot);
 }
 
 }  // namespace
 
-RequestScope::RequestScope() { in_scope = true; }
+RequestScope::RequestScope() { scope_serial = ++last_serial; }
 
 RequestScope::~RequestScope() {
   scope_snapshot.reset();
-  in_scope = false;
+  scope_serial = 0;
 }
 
 void RequestScope::ReleaseSnapshot() { scope_snapshot.reset(); }
+
+std::uint64_t RequestScope::Serial() { return scope_serial; }
 
 Result<Record> ReadRecord(std::string_view key) {
   return WithSnapshot<Record>([key](const store::Snapshot& snapshot) -> Result<Record> {
     Result<std::optional<store::ValueView>> value = snapshot.Get(key);
     if (!value) return value.error();
     if (!value->has_value()) return Record();
-    return CurrentRecordCache().Parse(key, **value);
+    return CurrentRecordCache().Parse(key, **value, RequestScope::Serial());
   });
+}
+
+Result<Record> ReadObject(std::string_view category, std::string_view id) {
+  Result<Record> record = ReadRecord(store::MakeKey({"dash", category, id, VexaCCC::DB::_k::object}));
+  if (!record) return record;
+  if (!*record) return Error(ErrorCode::kNotFound, "There is no such record");
+  if (!(*record)->isObject()) return Error(ErrorCode::kCorrupt, "The record is no object");
+  return record;
 }
 
 Result<std::vector<std::string>> ReadChildren(std::string_view prefix) {
   return WithSnapshot<std::vector<std::string>>(
       [prefix](const store::Snapshot& snapshot) { return snapshot.Children(prefix); });
+}
+
+Status ScanValues(std::string_view prefix,
+                  const std::function<bool(std::string_view key, const store::ValueView& value)>& visit) {
+  struct Done {};
+  const Result<Done> done = WithSnapshot<Done>([&](const store::Snapshot& snapshot) -> Result<Done> {
+    const Status scanned = snapshot.Scan(prefix, visit);
+    if (!scanned) return scanned.error();
+    return Done();
+  });
+  if (!done) return done.error();
+  return {};
 }
 
 }  // namespace vexa::cluster

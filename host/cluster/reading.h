@@ -1,6 +1,9 @@
 // Reads of records, all of one request from the same state of the store.
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,13 +25,36 @@ class RequestScope {
   // Gives the snapshot back, so that a request that now waits for something else holds no space in the store; the next
   // read takes a new one. Nothing happens outside of a scope.
   static void ReleaseSnapshot();
+
+  // A number of the thread's scope that no other scope of this process has; 0 outside of a scope. It stays when the
+  // snapshot is given back.
+  static std::uint64_t Serial();
+};
+
+// A scope for one call that reads several times: the request's, or one of its own outside of a request.
+class CallScope {
+ public:
+  CallScope() {
+    if (RequestScope::Serial() == 0) own_.emplace();
+  }
+
+ private:
+  std::optional<RequestScope> own_;
 };
 
 // The parsed record under `key`; null when there is none. Errors: what the store says, kCorrupt, and kUnavailable
 // without an environment.
 Result<Record> ReadRecord(std::string_view key);
 
+// The object of the dashboard's `category` and `id`: never null, and a JSON object. Errors: as ReadRecord, kNotFound,
+// and kCorrupt for anything but an object.
+Result<Record> ReadObject(std::string_view category, std::string_view id);
+
 // The children of `prefix`; see store::Snapshot::Children.
 Result<std::vector<std::string>> ReadChildren(std::string_view prefix);
+
+// Shows every value at or below `prefix` as it is stored, without the cache; see store::Snapshot::Scan.
+Status ScanValues(std::string_view prefix,
+                  const std::function<bool(std::string_view key, const store::ValueView& value)>& visit);
 
 }  // namespace vexa::cluster

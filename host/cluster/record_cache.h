@@ -4,6 +4,7 @@
 #include <json/value.h>
 
 #include <array>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -18,14 +19,17 @@ namespace vexa::cluster {
 
 using Record = std::shared_ptr<const Json::Value>;
 
-// Bounded by an estimate of what the parsed records take; the least recently used go first.
+// Bounded by an estimate of what the parsed records take. Records that several readers have asked for are kept before
+// those that only one has: a pass over every guest of a large cluster pushes out what it brought itself, and not the
+// hosts and repositories that every request needs. Among equals the least recently used go first.
 // Threads: any, at the same time.
 class RecordCache {
  public:
   explicit RecordCache(std::size_t max_bytes);
 
-  // The record parsed from `value`, which stands under `key`. kCorrupt when its text is no JSON.
-  Result<Record> Parse(std::string_view key, const store::ValueView& value);
+  // The record parsed from `value`, which stands under `key`. kCorrupt when its text is no JSON. Calls with the same
+  // `reader` count as one; each with 0 is a reader of its own.
+  Result<Record> Parse(std::string_view key, const store::ValueView& value, std::uint64_t reader = 0);
 
   // What the cached records are estimated to take.
   std::size_t bytes() const;
@@ -36,17 +40,23 @@ class RecordCache {
     store::Revision revision;
     Record record;
     std::size_t bytes;
+    std::uint64_t reader;  // the first
+    bool kept = false;     // a second one came
   };
   struct Shard {
     mutable std::mutex mutex;
-    std::list<Entry> entries;  // most recently used first
+    std::list<Entry> fresh;  // most recently used first, as the next
+    std::list<Entry> kept;
     std::unordered_map<std::string_view, std::list<Entry>::iterator> by_key;
     std::size_t bytes = 0;
+    std::size_t kept_bytes = 0;
   };
   static constexpr std::size_t kShards = 8;
 
-  Record Lookup(Shard& shard, std::string_view key, store::Revision revision);
+  Record Lookup(Shard& shard, std::string_view key, store::Revision revision, std::uint64_t reader);
   void Insert(Shard& shard, Entry entry);
+  void Keep(Shard& shard, std::list<Entry>::iterator entry);
+  static void Drop(Shard& shard, std::list<Entry>::iterator entry);
 
   const std::size_t max_shard_bytes_;
   std::array<Shard, kShards> shards_;

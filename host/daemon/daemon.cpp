@@ -12,8 +12,10 @@
 #include "host/base/account_file.h"
 #include "host/base/account_pam.h"
 #include "host/base/files.h"
+#include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/host_record.h"
+#include "host/daemon/cache_refresh.h"
 #include "host/daemon/data_lock.h"
 #include "host/daemon/dispatcher.h"
 #include "host/daemon/file_limit.h"
@@ -28,6 +30,7 @@
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
 #include "host/services/compound_api.h"
+#include "host/services/guest_state_api.h"
 #include "host/services/host_api.h"
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
@@ -113,6 +116,7 @@ class Daemon::Impl {
   ~Impl() {
     Stop(std::chrono::milliseconds(0));
     server_.reset();
+    cluster::RemoveCacheRefresher();  // when the start failed
     transport::RemoveTransport();
     cluster::RemoveEnvironment();
   }
@@ -121,6 +125,7 @@ class Daemon::Impl {
     if (Status opened = OpenData(config); !opened) return opened;
     MakeTable(config, std::move(further_rows));
     if (Status made = MakeTransport(config); !made) return made;
+    InstallCacheRefresh();
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -151,6 +156,7 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
+    cluster::RemoveCacheRefresher();
     const bool local_done = local_.Stop(left());  // last: the others wait for it
     Sweep();
     return served && quick_done && long_done && local_done;
@@ -192,7 +198,8 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::CompoundRows([this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
+          services::GuestStateRows(),
+          services::CompoundRows([this](const VexaDRCore::Request&request, std::chrono::milliseconds timeout) {
             return local_caller_->Call(request, timeout);
           })}) {
       rows.insert(rows.end(), part.begin(), part.end());

@@ -21,8 +21,8 @@ using Clock = std::chrono::steady_clock;
 // The longest that a caller may ask for; more would overflow clocks.
 constexpr int kLongestTimeoutS = 7 * 24 * 3600;
 
-std::chrono::milliseconds TimeoutOf(const VexaDRCore::Request& request) {
-  if (request.timeout_s() <= 0) return kDefaultTimeout;
+std::chrono::milliseconds TimeoutOf(const VexaDRCore::Request& request, std::chrono::milliseconds default_timeout) {
+  if (request.timeout_s() <= 0) return default_timeout;
   return std::chrono::seconds(std::min(request.timeout_s(), kLongestTimeoutS));
 }
 
@@ -84,7 +84,7 @@ class Transport::Impl {
 
   void Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request,
            std::vector<Json::Value>& replies) {
-    const Clock::time_point deadline = Clock::now() + TimeoutOf(request);
+    const Clock::time_point deadline = Clock::now() + TimeoutOf(request, options_.default_timeout);
     const std::string path = PathOf(request);
     std::vector<std::size_t> remote;
     std::optional<std::size_t> local;

@@ -17,7 +17,6 @@
 
 namespace vexa::transport {
 
-// For a request that sets no time-out.
 inline constexpr std::chrono::milliseconds kDefaultTimeout{30'000};
 
 // The host records' member with the address of a host.
@@ -35,6 +34,7 @@ struct TransportOptions {
   std::function<std::optional<std::string>(const std::string& host_id)> find_address;
   Remote remote = Remote::kNone;
   TlsFiles tls;
+  std::chrono::milliseconds default_timeout = kDefaultTimeout;  // for a request that sets none
 };
 
 // Sends requests and waits for the replies. Never throws; every failure is a failed reply with the code 102.

@@ -1,5 +1,6 @@
 #include "tests/support/faulty_store.h"
 
+#include <optional>
 #include <utility>
 
 namespace vexa::test {
@@ -8,7 +9,11 @@ struct FaultyStore::Faults {
   mutable std::mutex mutex;
   std::set<std::string, std::less<>> failing;
   bool no_snapshots = false;
+  bool no_commits = false;
+  int conflicts = 0;
+  std::optional<store::Health> health;
   int reads = 0;
+  int health_questions = 0;
 
   bool CountAndCheck(std::string_view key) {
     const std::lock_guard lock(mutex);
@@ -36,6 +41,7 @@ class FaultyStore::FaultySnapshot : public store::Snapshot {
 
   Status Scan(std::string_view prefix,
               const std::function<bool(std::string_view, const store::ValueView&)>& visit) const override {
+    if (faults_->CountAndCheck(prefix)) return Error(ErrorCode::kInternal, "The scan was made to fail");
     return real_->Scan(prefix, visit);
   }
 
@@ -58,15 +64,38 @@ void FaultyStore::FailSnapshots() {
   faults_->no_snapshots = true;
 }
 
+void FaultyStore::FailCommits() {
+  const std::lock_guard lock(faults_->mutex);
+  faults_->no_commits = true;
+}
+
+void FaultyStore::ConflictCommits(int times) {
+  const std::lock_guard lock(faults_->mutex);
+  faults_->conflicts = times;
+}
+
+void FaultyStore::ReportHealth(store::Health health) {
+  const std::lock_guard lock(faults_->mutex);
+  faults_->health = health;
+}
+
 void FaultyStore::Heal() {
   const std::lock_guard lock(faults_->mutex);
   faults_->failing.clear();
   faults_->no_snapshots = false;
+  faults_->no_commits = false;
+  faults_->conflicts = 0;
+  faults_->health.reset();
 }
 
 int FaultyStore::reads() const {
   const std::lock_guard lock(faults_->mutex);
   return faults_->reads;
+}
+
+int FaultyStore::health_questions() const {
+  const std::lock_guard lock(faults_->mutex);
+  return faults_->health_questions;
 }
 
 Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
@@ -80,6 +109,14 @@ Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
 }
 
 Result<store::Revision> FaultyStore::Commit(const store::Transaction& transaction) {
+  {
+    const std::lock_guard lock(faults_->mutex);
+    if (faults_->no_commits) return Error(ErrorCode::kNoSpace, "The commit was made to fail");
+    if (faults_->conflicts > 0) {
+      --faults_->conflicts;
+      return Error(ErrorCode::kConflict, "The commit was made to come second");
+    }
+  }
   return real_->Commit(transaction);
 }
 
@@ -88,6 +125,13 @@ Result<store::ChangeBatch> FaultyStore::Watch(std::string_view prefix, store::Re
   return real_->Watch(prefix, from, timeout);
 }
 
-store::Health FaultyStore::health() const { return real_->health(); }
+store::Health FaultyStore::health() const {
+  {
+    const std::lock_guard lock(faults_->mutex);
+    ++faults_->health_questions;
+    if (faults_->health) return *faults_->health;
+  }
+  return real_->health();
+}
 
 }  // namespace vexa::test

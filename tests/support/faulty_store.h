@@ -1,4 +1,4 @@
-// A store whose reads of named keys fail, around a real one.
+// A store whose reads of named keys, or commits, fail, around a real one.
 #pragma once
 
 #include <memory>
@@ -16,14 +16,21 @@ class FaultyStore : public store::Store {
   explicit FaultyStore(std::shared_ptr<store::Store> real);
   ~FaultyStore() override;
 
-  // From now on reads of `key` fail.
+  // From now on reads of `key` fail, and scans that begin there.
   void FailReadsOf(const std::string& key);
   // From now on no snapshot can be taken.
   void FailSnapshots();
+  // From now on no commit works, or the next `times` fail because somebody else was first.
+  void FailCommits();
+  void ConflictCommits(int times);
+  // From now on this is how the store says it is.
+  void ReportHealth(store::Health health);
   void Heal();
 
-  // How many reads of keys and children reached the store.
+  // How many reads of keys and children, and scans, reached the store.
   int reads() const;
+  // How often it was asked how it is.
+  int health_questions() const;
 
   Result<std::unique_ptr<store::Snapshot>> Read() const override;
   Result<store::Revision> Commit(const store::Transaction& transaction) override;

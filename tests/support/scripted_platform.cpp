@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "tests/support/scripted_results.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_network.h"
 #include "webapi/platform/ccc_senders.h"
@@ -24,12 +25,12 @@ VexaDRCore::Response Answer(const std::string& host_id, SentRequest::By by, cons
   return VexaDRCore::Response(failure);
 }
 
+}  // namespace
+
 int ResultFor(const std::map<std::string, int>& results, const std::string& place, int otherwise) {
   const auto result = results.find(place);
   return result == results.end() ? otherwise : result->second;
 }
-
-}  // namespace
 
 ScriptedPlatform& Platform() {
   static ScriptedPlatform platform;
@@ -106,6 +107,15 @@ constinit const DashCate DashCate::vDisk("vdisk");
 constinit const DashCate DashCate::vNic("vnic");
 constinit const DashCate DashCate::GuestAdmin("guest_admin");
 
+int DashCate::List(std::vector<std::string>& ids) const {
+  const auto listings = std::count(Platform().reads.begin(), Platform().reads.end(), name());
+  Platform().reads.emplace_back(name());
+  const std::vector<int>& results = Platform().category_results[name()];
+  const int result = results.empty() ? 0 : results[std::min<std::size_t>(listings, results.size() - 1)];
+  if (result == 0 || result == 2) ids = Platform().ids[name()];
+  return result;
+}
+
 Dashboard::Dashboard(const DashCate& category, const std::string& id) : category_(category), id_(id) {}
 
 int Dashboard::Get(Json::Value& out, const std::string& key) {
@@ -114,6 +124,14 @@ int Dashboard::Get(Json::Value& out, const std::string& key) {
   const auto record = Platform().records.find(place);
   const int result = vexa::test::ResultFor(Platform().read_results, place, record == Platform().records.end() ? 2 : 0);
   if (result == 0) out = record->second;
+  return result;
+}
+
+int Dashboard::Get(std::string& out, const std::string& key) {
+  Json::Value value;
+  const int result = Get(value, key);
+  if (result == 0 && !value.isString()) return 2;
+  if (result == 0) out = value.asString();
   return result;
 }
 
@@ -130,6 +148,32 @@ int Dashboard::Ls(std::vector<std::string>& ids, const std::string& key) {
 namespace Utils {
 
 bool isUUID(const std::string& text) { return text.size() == 36; }
+
+int CheckNameConflict(const std::string& name, const DB::DashCate& category) {
+  Platform().asked_names.push_back(std::string(category.name()) + "/" + name);
+  return Platform().conflict_result;
+}
+
+bool GetHostNameById(const std::string& id, std::string& name) {
+  return GetNameById(DB::DashCate::Host, id, name) == 0;
+}
+
+int GetNameList(const DB::DashCate& category, const std::vector<std::string>& ids, std::vector<std::string>& names) {
+  names.clear();
+  for (const std::string& id : ids) names.push_back(Platform().names[std::string(category.name()) + "/" + id]);
+  names.resize(names.size() - std::min(Platform().names_dropped, names.size()));
+  return Platform().name_list_result;
+}
+
+bool IsGuestStateOnline(const std::string& state) {
+  namespace Guest = State::Guest;
+  return state == Guest::running || state == Guest::booting || state == Guest::shutting_down ||
+         state == Guest::moving || state == Guest::stor_migrating;
+}
+
+bool IsFindInSTLContainer(const Json::Value& array, const std::string& text) {
+  return array.isArray() && std::find(array.begin(), array.end(), Json::Value(text)) != array.end();
+}
 
 int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name) {
   const auto found = Platform().names.find(std::string(category.name()) + "/" + id);

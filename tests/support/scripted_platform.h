@@ -6,9 +6,13 @@
 #include <json/value.h>
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "webapi/platform/ccc_guest_admin.h"
 
 namespace vexa::test {
 
@@ -20,7 +24,8 @@ struct SentRequest {
   Json::Value json;
 };
 
-// Threads: one. Places in the dashboard are "<category>/<id>/<key>"; a key below another one is "<key>/<part>".
+// Threads: one, but that reads which leave no trace here may come from many. Places in the dashboard are
+// "<category>/<id>/<key>"; a key below another one is "<key>/<part>".
 struct ScriptedPlatform {
   // Hosts. One without a reply fails with code 102.
   std::string local_host_id = "local";
@@ -36,8 +41,46 @@ struct ScriptedPlatform {
   std::map<std::string, int> list_results;
   std::vector<std::string> reads;
 
-  // Names, under "<category>/<id>".
+  // The ids by category. The listings of a category give `category_results` in turn, the last one for good; 0 without
+  // any. A listing that gives 0 or 2 hands out the ids. `reads` has listings as "<category>".
+  std::map<std::string, std::vector<std::string>> ids;
+  std::map<std::string, std::vector<int>> category_results;
+
+  // Names, under "<category>/<id>"; so are the objects whose name was looked for in `asked_names`. A list of names has
+  // "" for an object without one, and lacks the last `names_dropped`; it is handed out whatever its result.
   std::map<std::string, std::string> names;
+  int name_list_result = 0;
+  std::size_t names_dropped = 0;
+  int conflict_result = 0;
+  std::vector<std::string> asked_names;
+
+  // The cluster's condition. A status is added whatever the result of loading it.
+  Json::Value cluster_status = Json::Value(Json::objectValue);
+  int load_result = 0;
+  std::vector<std::pair<int, int>> loads;  // type and age
+  int upgrading = 0;
+  int upgrade_calls = 0;
+  std::map<std::string, std::string> versions_of_all;
+  std::map<std::string, std::string> versions_of_reachable;
+  int versions_result = 0;
+
+  // The local guest configuration, by guest. What is not there fails with -1 unless a result says otherwise; a value
+  // is handed out whatever its result. `conf_reads` has every read, as "conf/<id>", "state/<id>" or "repo_host/<id>".
+  std::map<std::string, Json::Value> confs;
+  std::map<std::string, std::string> conf_states;
+  std::map<std::string, std::string> repo_hosts;
+  std::map<std::string, int> conf_results;
+  std::vector<std::string> conf_reads;
+
+  // High availability, by group; as the local configuration. Results are by "state", "warn" and "error".
+  std::map<std::string, std::string> ha_states;
+  std::map<std::string, Json::Value> ha_warnings;
+  std::map<std::string, int> ha_errors;
+  std::map<std::string, int> ha_results;
+
+  // The cached value; without one, reading gives the default. `caches` has the arguments of every cache made.
+  std::optional<Json::Value> cached;
+  std::vector<Json::Value> caches;
 
   // Addresses of network interfaces.
   int address_check_result = 0;
@@ -53,6 +96,24 @@ struct ScriptedPlatform {
   int rights_calls = 0;
   std::string asked_user;
   std::string asked_category;
+
+  // Users by name, and their groups as the base library's keys. Identifiers are under "<type>/<kind>/<number>".
+  std::map<std::string, std::pair<unsigned int, unsigned int>> users;
+  std::map<std::string, std::vector<std::string>> groups;
+  std::map<std::string, std::string> identifiers;
+  std::vector<std::string> asked_identifiers;
+  struct Grant {
+    std::string identifier, empty;
+    std::vector<VexaCCC::Rule> rules;
+  };
+  std::vector<Grant> grants;
+  int grant_result = 0;
+
+  // The base library's lists and hashes: how to fail, and how many were made and given back.
+  enum class Base { kFine, kNoList, kNoHash, kNoKeys } base = Base::kFine;
+  int list_capacity = 0;
+  int lists_made = 0, lists_freed = 0;
+  int hashes_made = 0, hashes_freed = 0;
 };
 
 // The one in force.

@@ -24,7 +24,7 @@ TEST(ServicesDaemon, HostsOwnRecord_IsThereWithTheFirstAnswer) {
   EXPECT_EQ(hosts[0]["state"], "running");
   Json::Value record;
   ASSERT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, VexaCCC::DB::DBLocalhostID()).Get(record, "object"), 0);
-  EXPECT_EQ(record["cluster_address"], "127.0.0.1:" + std::to_string(daemon.daemon().port(0)));
+  EXPECT_FALSE(record.isMember("cluster_address")) << "nobody can reach it without a listener for other hosts";
   EXPECT_GT(record["cpu_cores"].asInt(), 0);
 }
 

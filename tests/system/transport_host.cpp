@@ -3,12 +3,17 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <functional>
+#include <map>
 #include <thread>
 
 #include "host/daemon/daemon.h"
+#include "host/webapi/error_table.h"
+#include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
 #include "webapi/utils/json.h"
+#include "webapi/utils/utils.h"
 
 namespace {
 
@@ -56,6 +61,67 @@ void RelayToAll(const Call& call) {
   call.response->SetSuccess(data);
 }
 
+// Calls one function of the library with the arguments that the caller names.
+void Library(const Call& call) {
+  using namespace VexaVirtualization;  // NOLINT: nearly all of it is called
+  const auto text = [&](const char* name) { return json::String(Parameter(call, name)); };
+  const std::string host = text("host_id");
+  const std::string guest = text("guest_id");
+  Json::Value out;
+  const std::map<std::string, std::function<Json::Value()>> functions{
+      {"GetSysUtilization", [&] { return GetSysUtilization(host, call.request->GetParam("", {}), out); }},
+      {"GetSysInfo", [&] { return GetSysInfo(host, out); }},
+      {"GetVolumeInfo",
+       [&] {
+         Json::Value parameters(Json::objectValue);
+         parameters["volume_path"] = text("volume_path");
+         return GetVolumeInfo(host, parameters, out);
+       }},
+      {"GetVdiskUsage",
+       [&] {
+         GetVdiskUsage(guest, host, out);
+         return Json::Value();
+       }},
+      {"GetNetStat", [&] { return GetNetStat(host, text("ifname"), out); }},
+      {"GetHostResourceInfo", [&] { return GetHostResourceInfo(true, out); }},
+      {"GetHostTotalMemory", [&] { return GetHostTotalMemory(host); }},
+      {"GetAllInterfaceInfo",
+       [&] {
+         GetAllInterfaceInfo(out);
+         return Json::Value();
+       }},
+      {"GetInterfaceNameById",
+       [&] {
+         std::string name;
+         const bool found = GetInterfaceNameById(host, text("interface_id"), name);
+         out = name;
+         return found;
+       }},
+      {"MacAddrCheck", [&] { return MacAddrCheck(text("mac"), out); }},
+      {"GetDefaultVnic", [&] { return GetDefaultVnic(out); }},
+      {"CheckGuestRepoCap",
+       [&] {
+         VMCHECK check{};
+         const int result = CheckGuestRepoCap(guest, check);
+         out = static_cast<int>(check);
+         return result;
+       }},
+      {"ClearPollTaskOnHost", [&] { return ClearPollTaskOnHost(host, text("task_id")); }},
+      {"GetInformation",
+       [&] {
+         Json::Value record;
+         VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Guest, guest).Get(record, VexaCCC::DB::_k::object);
+         return Guest::GetInformation(guest, record, out);
+       }},
+  };
+  const auto function = functions.find(text("function"));
+  if (function == functions.end()) return call.response->SetError(vexa::webapi::kErrorBadParameter, Json::Value());
+  Json::Value data(Json::objectValue);
+  data["result"] = function->second();
+  data["out"] = std::move(out);
+  call.response->SetSuccess(data);
+}
+
 ApiRow Row(const char* method, Access access, LaneKind lane, vexa::webapi::Handler handler) {
   return {.api = "VEXA.Test.Host",
           .method = method,
@@ -88,7 +154,8 @@ int main(int argc, char** argv) {
       {Row("whoami", Access::kHost, LaneKind::kQuick, WhoAmI), Row("slow", Access::kHost, LaneKind::kLong, Slow),
        Row("throws", Access::kHost, LaneKind::kQuick, [](const Call&) { throw std::runtime_error("x"); }),
        Row("user", Access::kUser, LaneKind::kQuick, WhoAmI), Row("relay", Access::kUser, LaneKind::kLong, Relay),
-       Row("relay_to_all", Access::kUser, LaneKind::kLong, RelayToAll)});
+       Row("relay_to_all", Access::kUser, LaneKind::kLong, RelayToAll),
+       Row("library", Access::kUser, LaneKind::kLong, Library)});
   if (!daemon) return fail(daemon.error());
   std::printf("READY %s\n", (*daemon)->cluster_address().c_str());
   std::fflush(stdout);

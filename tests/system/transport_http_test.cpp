@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "tests/support/scripted_server.h"
+#include "tests/system/transport_misbehaviours.h"
 #include "tests/system/transport_test_support.h"
 #include "webapi/utils/json.h"
 
@@ -17,59 +18,6 @@ using VexaCCC::Sender;
 using VexaDRCore::Response;
 
 constexpr const char* kHost = "other-host";
-constexpr std::size_t kMiB = std::size_t{1} << 20;
-
-std::string AddressOfUrl(const ScriptedServer& server) { return server.url().substr(7); }
-
-std::string Reply(const std::string& body) { return HttpReplyOf(200, body).bytes; }
-
-std::string ObjectOfSize(std::size_t bytes) {
-  const std::string head = R"({"success":true,"data":{"text":")";
-  const std::string tail = "\"}}";
-  return head + std::string(bytes - head.size() - tail.size(), 'x') + tail;
-}
-
-std::string Nested(std::size_t levels) {
-  return "{\"success\":true,\"data\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
-}
-
-struct Misbehaviour {
-  const char* name;
-  ScriptedReply reply;
-  const char* reason;  // in the message
-};
-
-const Misbehaviour kMisbehaviours[] = {
-    {"HangsUp", {"", ScriptedReply::Then::kClose}, "hung up"},
-    {"Resets", {"", ScriptedReply::Then::kReset}, "reset"},
-    {"HangsUpMidHeader", {"HTTP/1.1 200 OK\r\nContent-Le", ScriptedReply::Then::kClose}, "'other-host'"},
-    {"HangsUpMidBody",
-     {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", ScriptedReply::Then::kClose},
-     "middle of its reply"},
-    {"StallsAtOnce", {"", ScriptedReply::Then::kStall}, "in time"},
-    {"StallsMidBody",
-     {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", ScriptedReply::Then::kStall},
-     "in time"},
-    {"SaysGarbage", {"\x01\x02garbage\r\n\r\n\xff\xfe", ScriptedReply::Then::kClose}, "'other-host'"},
-    {"SpeaksHttp09", {R"({"success":true})", ScriptedReply::Then::kClose}, "'other-host'"},
-    {"AnswersNoJson", {Reply("<html>"), ScriptedReply::Then::kClose}, "no JSON"},
-    {"AnswersHalfJson", {Reply(R"({"success":true)"), ScriptedReply::Then::kClose}, "no JSON"},
-    {"AnswersNothing", {Reply(""), ScriptedReply::Then::kClose}, "no JSON"},
-    {"AnswersInvalidUtf8", {Reply("{\"a\":\"\xff\"}"), ScriptedReply::Then::kClose}, "no JSON"},
-    {"AnswersAnArray", {Reply("[1,2]"), ScriptedReply::Then::kClose}, "no object"},
-    {"AnswersText", {Reply("\"x\""), ScriptedReply::Then::kClose}, "no object"},
-    {"AnswersNull", {Reply("null"), ScriptedReply::Then::kClose}, "no object"},
-    {"NestsTooDeeply", {Reply(Nested(65)), ScriptedReply::Then::kClose}, "too deeply"},
-    {"NestsVeryDeeply", {Reply(Nested(1'000'000)), ScriptedReply::Then::kClose}, "too deeply"},
-    {"AnswersTooMuch", {Reply(ObjectOfSize(17 * kMiB)), ScriptedReply::Then::kClose}, "larger than 16 MiB"},
-    {"AnswersTooMuchUnannounced",
-     {"HTTP/1.1 200 OK\r\n\r\n" + ObjectOfSize(17 * kMiB), ScriptedReply::Then::kClose},
-     "larger than 16 MiB"},
-    {"Redirects",
-     {"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n", ScriptedReply::Then::kClose},
-     "no JSON"},
-};
-
 class TransportMisbehaviour : public testing::TestWithParam<Misbehaviour> {};
 
 TEST_P(TransportMisbehaviour, Host_IsAFailedReplyWithHostAndReason) {
@@ -84,7 +32,7 @@ TEST_P(TransportMisbehaviour, Host_IsAFailedReplyWithHostAndReason) {
   EXPECT_LT(seconds, 20);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, TransportMisbehaviour, testing::ValuesIn(kMisbehaviours),
+INSTANTIATE_TEST_SUITE_P(Rows, TransportMisbehaviour, testing::ValuesIn(Misbehaviours()),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(TransportReply, OfTheHostItself_IsKeptAsItIs) {

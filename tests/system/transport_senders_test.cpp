@@ -226,10 +226,9 @@ TEST(TransportDeathTest, ProcessThatExitsWithATransport_Ends) {
       {
         ::alarm(60);
         const JsonHost host{std::string(R"({"success":true})")};
-        auto* const left = new InstalledTransport({{"host-a", host.address()}});
+        const InstalledTransport transport({{"host-a", host.address()}});
         const bool good = Sender("host-a").process(MakeRequest()).isSuccess();
-        (void)left;
-        std::exit(good ? 0 : 1);
+        std::exit(good ? 0 : 1);  // leaves the transport as it is
       },
       testing::ExitedWithCode(0), "");
 }

@@ -114,9 +114,11 @@ double SecondsOf(const std::function<void()>& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-InstalledTransport::InstalledTransport(Addresses addresses, transport::LocalCall local_call) {
+InstalledTransport::InstalledTransport(Addresses addresses, transport::LocalCall local_call,
+                                       std::chrono::milliseconds default_timeout) {
   transport::TransportOptions options = OptionsFor(std::move(addresses));
   options.local_call = std::move(local_call);
+  options.default_timeout = default_timeout;
   options.remote = transport::TransportOptions::Remote::kPlain;
   Install(std::move(options));
 }

@@ -41,7 +41,8 @@ class InstalledTransport {
  public:
   using Addresses = std::map<std::string, std::string>;
   // Plain HTTP.
-  explicit InstalledTransport(Addresses addresses, transport::LocalCall local_call = {});
+  explicit InstalledTransport(Addresses addresses, transport::LocalCall local_call = {},
+                              std::chrono::milliseconds default_timeout = transport::kDefaultTimeout);
   InstalledTransport(Addresses addresses, transport::TlsFiles tls, std::string host_id);
   ~InstalledTransport();
 };

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tests/unit/host_ground.h"
+#include "tests/unit/spoiled_json.h"
 #include "webapi/guest/guest.h"
 #include "webapi/utils/utils.h"
 
@@ -12,48 +13,10 @@ namespace {
 namespace json = VexaVirtualization::json;
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
 using vexa::test::CapturedSyslog;
+using vexa::test::ForEachSpoiled;
 using vexa::test::Parsed;
 using vexa::test::Platform;
 using vexa::test::Text;
-
-const Json::Value& BadValues() {
-  static const Json::Value values =
-      Parsed(R"([null,true,false,5,-1,2.5,1e300,18446744073709551615,"x",[],{},[[]],{"a":{}}])");
-  return values;
-}
-
-// Calls `visit` with `tree` once per node and bad value, that node being the value; then without each member.
-void ForEachSpoiled(Json::Value& tree, Json::Value& node, const std::function<void()>& visit) {
-  const Json::Value good = node;
-  for (const Json::Value& bad : BadValues()) {
-    node = bad;
-    SCOPED_TRACE(Text(tree));
-    visit();
-  }
-  node = good;
-  if (good.isObject()) {
-    for (const std::string& name : good.getMemberNames()) {
-      node.removeMember(name);
-      {
-        SCOPED_TRACE(Text(tree));
-        visit();
-      }
-      node = good;
-      ForEachSpoiled(tree, node[name], visit);
-    }
-  } else if (good.isArray()) {
-    for (Json::ArrayIndex i = 0; i < good.size(); ++i) ForEachSpoiled(tree, node[i], visit);
-  }
-}
-
-void ForEachSpoiled(Json::Value& tree, const std::function<void()>& visit) {
-  int visits = 0;
-  ForEachSpoiled(tree, tree, [&] {
-    ++visits;
-    EXPECT_NO_THROW(visit());
-  });
-  EXPECT_GT(visits, static_cast<int>(BadValues().size()));
-}
 
 // As they stand in the reply, without the reader under test.
 bool Succeeds(const Json::Value& reply) {

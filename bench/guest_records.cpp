@@ -1,0 +1,80 @@
+#include "bench/guest_records.h"
+
+#include <cstdio>
+
+#include "host/store/key.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::bench {
+namespace {
+
+constexpr const char* kRepository = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+constexpr const char* kHost = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
+constexpr const char* kNetwork = "03422cd0-4a23-57c4-b939-511a0a1aedce";
+
+}  // namespace
+
+std::string Id(unsigned kind, int number) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%08x-2a7d-4c39-8e14-%012x", 0x0b6c1f5eU + kind, static_cast<unsigned>(number));
+  return text;
+}
+
+Json::Value GuestRecord(int number) {
+  Json::Value guest(Json::objectValue);
+  guest["name"] = "guest-" + std::to_string(number);
+  guest["desc"] = "Web server of the staff pages";
+  guest["host_id"] = kHost;
+  guest["repository_id"] = kRepository;
+  guest["state"] = "guest_shutdown";
+  guest["autorun"] = 0;
+  guest["boot_from"] = "disk";
+  guest["cpu_passthru"] = false;
+  guest["cpu_pin_num"] = 0;
+  guest["cpu_weight"] = 256;
+  guest["is_general_vm"] = true;
+  guest["kb_layout"] = "Default";
+  guest["usb_version"] = 3;
+  for (int port = 0; port < 4; ++port) guest["usbs"].append("unmounted");
+  for (int drive = 0; drive < 2; ++drive) guest["iso_images"].append("unmounted");
+  guest["use_ovmf"] = false;
+  guest["vcpu_num"] = 2;
+  guest["video_card"] = "virtio";
+  guest["vram_size"] = 2048;
+  return guest;
+}
+
+Json::Value DiskRecord(const std::string& guest_id, int number) {
+  Json::Value disk(Json::objectValue);
+  disk["driver"] = "qcow2";
+  disk["format"] = 2;
+  disk["guest_id"] = guest_id;
+  disk["is_dummy"] = false;
+  disk["is_meta_disk"] = false;
+  disk["name"] = "vda";
+  disk["path"] = "/var/lib/libvirt/images/guest-" + std::to_string(number) + ".qcow2";
+  disk["repository_id"] = kRepository;
+  disk["size"] = 20480;
+  disk["type"] = 2;
+  disk["unmap"] = true;
+  disk["vdisk_mode"] = 1;
+  return disk;
+}
+
+Json::Value NicRecord(const std::string& guest_id) {
+  Json::Value nic(Json::objectValue);
+  nic["guest_id"] = guest_id;
+  nic["mac_address"] = "52:54:00:6b:3c:58";
+  nic["network_group_id"] = kNetwork;
+  nic["network_name"] = "default";
+  nic["prefer_connect_ip"] = "";
+  nic["prefer_sriov"] = false;
+  nic["vnic_type"] = 1;
+  return nic;
+}
+
+store::Operation Put(std::string_view category, const std::string& id, const Json::Value& record) {
+  return {store::MakeKey({"dash", category, id, "object"}), VexaVirtualization::json::ToText(record)};
+}
+
+}  // namespace vexa::bench

@@ -1,0 +1,210 @@
+// What finding out every guest's state costs, and reading what is kept: for growing numbers of guests on 100 hosts,
+// with two network interfaces each. The hosts are simulated by one server in this process.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/guest_records.h"
+#include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
+#include "host/daemon/http_server.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "host/transport/transport.h"
+#include "tests/support/temp_dir.h"
+#include "webapi/guest/guest_uistate_cache.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/utils/json.h"
+
+namespace {
+
+using namespace vexa;
+using std::chrono::steady_clock;
+namespace states = VexaCCC::State;
+
+constexpr int kHosts = 100;
+constexpr int kRepositories = 20;
+constexpr int kGuestsPerCommit = 500;
+constexpr const char* kInterfaces =
+    R"({"success":true,"data":[{"ifname":"lo","status":"connected"},{"ifname":"ovs_eth0","ip":"192.0.2.1",)"
+    R"("status":"connected","type":"ethernet"}]})";
+
+void Check(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "state_bench: %s failed\n", what);
+  std::exit(1);
+}
+
+double MillisecondsOf(const auto& work) {
+  const auto start = steady_clock::now();
+  work();
+  return std::chrono::duration<double, std::milli>(steady_clock::now() - start).count();
+}
+
+double Median(std::vector<double> samples) {
+  std::sort(samples.begin(), samples.end());
+  return samples[samples.size() / 2];
+}
+
+std::string HostId(int number) { return bench::Id(3, number); }
+std::string RepositoryId(int number) { return bench::Id(4, number); }
+
+// The hosts' ends of the connections.
+std::unique_ptr<daemon::HttpServer> MakeHosts() {
+  daemon::ServerOptions options;
+  options.listeners = {daemon::ListenerOptions()};
+  options.io_threads = 1;
+  options.on_request = [](daemon::HttpRequest&&, const daemon::Responder& responder) {
+    daemon::HttpResponse response;
+    response.body = kInterfaces;
+    responder.Send(std::move(response));
+  };
+  options.make_error = [](int, const std::string&) { return daemon::HttpResponse(); };
+  auto server = daemon::HttpServer::Start(std::move(options));
+  Check(server.ok(), "server");
+  return std::move(*server);
+}
+
+void Commit(store::Store& store, store::Transaction& transaction) {
+  Check(store.Commit(transaction).ok(), "commit");
+  transaction = {};
+}
+
+void SeedHosts(store::Store& store) {
+  store::Transaction transaction;
+  for (int i = 0; i < kHosts; ++i) {
+    Json::Value host(Json::objectValue);
+    host["name"] = "host-" + std::to_string(i);
+    host["state"] = states::Host::running;
+    transaction.operations.push_back(bench::Put("host", HostId(i), host));
+    transaction.operations.push_back(
+        {store::MakeKey({"dash", "host", HostId(i), "nics", "n0"}), R"({"name":"ovs_eth0"})"});
+  }
+  for (int i = 0; i < kRepositories; ++i) {
+    Json::Value repository(Json::objectValue);
+    repository["host_id"] = HostId(i);
+    repository["state"] = i % 5 == 4 ? states::Repo::degraded : states::Repo::online;
+    transaction.operations.push_back(bench::Put("repository", RepositoryId(i), repository));
+  }
+  Commit(store, transaction);
+}
+
+// Two of three run.
+void AddGuest(int number, store::Transaction& transaction) {
+  const std::string id = bench::Id(0, number);
+  const bool runs = number % 3 != 0;
+  Json::Value guest = bench::GuestRecord(number);
+  guest["host_id"] = HostId(number % kHosts);
+  guest["repository_id"] = RepositoryId(number % kRepositories);
+  guest["state"] = runs ? states::Guest::running : states::Guest::shutdown;
+  guest["shutdownreasonvalue"] = number % 17;
+  for (int part = 2 * number; part < 2 * number + 2; ++part) {
+    guest["vdisks"].append(bench::Id(1, part));
+    guest["vnics"].append(bench::Id(2, part));
+    Json::Value nic = bench::NicRecord(id);
+    if (runs) {
+      Json::Value& place = nic["running"][HostId(number % kHosts)];
+      place["bridge_name"] = "ovs_br0";
+      place["nic_id"] = "n0";
+    }
+    transaction.operations.push_back(bench::Put("vnic", bench::Id(2, part), nic));
+  }
+  transaction.operations.push_back(bench::Put("guest", id, guest));
+}
+
+struct Figures {
+  double refresh_ms = 0;
+  double first_read_ms = 0;
+  double read_ms = 0;
+};
+
+// As the daemon does it: one state of the store for the whole refresh.
+void Refresh(int guests) {
+  const cluster::RequestScope scope;
+  Json::Value data;
+  Check(VexaVirtualization::GuestUIStatusCache().GetUpdatedData(data), "refresh");
+  Check(data["guests"].size() == static_cast<Json::ArrayIndex>(guests), "every guest");
+  int warned = 0;
+  for (const Json::Value& guest : data["guests"]) warned += guest["status_type"] == "warning" ? 1 : 0;
+  Check(warned > 0 && warned < guests / 2, "links and shut-down guests");
+}
+
+void Read(int guests) {
+  std::map<std::string, VexaVirtualization::UIState> states;
+  Check(VexaVirtualization::GetCachedGuestUIStateDict(states), "read");
+  Check(states.size() == static_cast<std::size_t>(guests), "every guest's state");
+}
+
+Figures Measure(int guests) {
+  const test::TempDir folder;
+  store::LmdbOptions store_options;
+  store_options.directory = folder.File("store");
+  auto opened = store::OpenLmdbStore(store_options);
+  Check(opened.ok(), "store");
+  const std::shared_ptr<store::Store> store = std::move(*opened);
+  SeedHosts(*store);
+  store::Transaction transaction;
+  for (int number = 0; number < guests; ++number) {
+    AddGuest(number, transaction);
+    if ((number + 1) % kGuestsPerCommit == 0 || number + 1 == guests) Commit(*store, transaction);
+  }
+  cluster::Environment environment;
+  environment.store = store;
+  environment.host_id = HostId(0);
+  environment.cache_directory = folder.File("cache");
+  cluster::InstallEnvironment(std::move(environment));
+
+  Figures figures;
+  std::vector<double> samples;
+  const int rounds = guests > 10'000 ? 3 : 7;
+  Refresh(guests);
+  for (int i = 0; i < rounds; ++i) samples.push_back(MillisecondsOf([&] { Refresh(guests); }));
+  figures.refresh_ms = Median(samples);
+  {
+    const cluster::RequestScope scope;
+    (void)VexaVirtualization::GuestUIStatusCache().BlockedRead();
+  }
+  figures.first_read_ms = MillisecondsOf([&] { Read(guests); });
+  samples.clear();
+  for (int i = 0; i < rounds; ++i) samples.push_back(MillisecondsOf([&] { Read(guests); }));
+  figures.read_ms = Median(samples);
+  cluster::RemoveEnvironment();
+  return figures;
+}
+
+}  // namespace
+
+int main() {
+  const auto hosts = MakeHosts();
+  const std::string address = "127.0.0.1:" + std::to_string(hosts->port(0));
+  transport::TransportOptions options;
+  options.host_id = "none";  // so that all of them are asked over sockets
+  options.remote = transport::TransportOptions::Remote::kPlain;
+  options.find_address = [address](const std::string&) { return std::optional(address); };
+  auto made = transport::Transport::Make(std::move(options));
+  Check(made.ok(), "transport");
+  transport::InstallTransport(std::move(*made));
+
+  std::printf("%8s %14s %12s %10s %16s %12s\n", "guests", "refresh ms", "us a guest", "of 1000's", "first read ms",
+              "read ms");
+  double reference = 0;
+  for (const int guests : {100, 1'000, 10'000, 100'000}) {
+    const Figures figures = Measure(guests);
+    const double each = 1000 * figures.refresh_ms / guests;
+    if (guests == 1'000) reference = each;
+    char ratio[16] = "";
+    if (reference > 0) std::snprintf(ratio, sizeof ratio, "%.2f", each / reference);
+    std::printf("%8d %14.1f %12.1f %10s %16.2f %12.2f\n", guests, figures.refresh_ms, each, ratio,
+                figures.first_read_ms, figures.read_ms);
+    std::fflush(stdout);
+  }
+  transport::RemoveTransport();
+  return 0;
+}

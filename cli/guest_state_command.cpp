@@ -1,0 +1,91 @@
+#include "cli/guest_state_command.h"
+
+#include <array>
+#include <iostream>
+
+#include "cli/listing.h"
+#include "cli/printable.h"
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
+constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
+
+constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
+
+constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id"}, Column{"NAME", "guest_name"},
+                                      Column{"STATE", "status"}, Column{"SEVERITY", "status_type"},
+                                      Column{"HOST", "host_id"}};
+constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "host_name"},
+                                     Column{"STATE", "ha_host_status_type"}};
+
+// The data of "list", checked.
+CallOutcome ListGuests(HttpClient& client) {
+  CallOutcome outcome = CallApi(client, kList, "{}");
+  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "guests").isArray()) {
+    outcome.exit_code = Report(NotUnderstood("guests"));
+  }
+  return outcome;
+}
+
+// "warning (ha_warn_host_short_ram)"
+std::string WithReason(const Json::Value& shown) {
+  const std::string reason = Text(Member(shown, "status_reason"));
+  return Text(Member(shown, "status_type")) + (reason.empty() ? "" : " (" + reason + ")");
+}
+
+void PrintStatus(const Json::Value& guest) {
+  Fields fields{{"Guest", Text(Member(guest, "guest_id"))},
+                {"Name", Text(Member(guest, "guest_name"))},
+                {"Host", Text(Member(guest, "host_id"))},
+                {"State", Text(Member(guest, "status"))},
+                {"Severity", WithReason(guest)}};
+  const Json::Value& ha = Member(guest, "ha");
+  if (ha.isObject()) {
+    fields.emplace_back("High availability", Text(Member(ha, "status")));
+    fields.emplace_back("Severity of it", WithReason(ha));
+  }
+  PrintFields(std::cout, fields);
+  const Json::Value& hosts = Member(ha, "hosts");
+  if (!hosts.isArray() || hosts.empty()) return;
+  std::cout << "\nHosts of its group\n";
+  PrintRows(hosts, kHostColumns);
+}
+
+}  // namespace
+
+ExitCode RunGuestList(const GlobalOptions& global) {
+  const Result<HttpClientOptions> options = ConnectOptions(global);
+  if (!options) return Report(options.error());
+  HttpClient client(*options);
+  const CallOutcome outcome = ListGuests(client);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  PrintRows(Member(outcome.data, "guests"), kGuestColumns);
+  return ExitCode::kOk;
+}
+
+ExitCode RunGuestStatus(const GlobalOptions& global, const std::string& guest) {
+  if (guest.empty() || !IsValidUtf8(guest)) return Report(NotText("guest's id or name"));
+  const Result<HttpClientOptions> options = ConnectOptions(global);
+  if (!options) return Report(options.error());
+  HttpClient client(*options);
+  std::string id = guest;
+  if (!IsUuidForm(guest)) {
+    const CallOutcome listed = ListGuests(client);
+    if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+    const Result<std::string> found = FindByName(Member(listed.data, "guests"), kNaming, guest);
+    if (!found) return Report(found.error());
+    id = *found;
+  }
+  const CallOutcome outcome = CallApi(client, kStatus, OneParameter("guest_id", id));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  if (!outcome.data.isObject()) return Report(NotUnderstood("guest"));
+  PrintStatus(outcome.data);
+  return ExitCode::kOk;
+}
+
+}  // namespace vexa::cli

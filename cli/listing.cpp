@@ -1,0 +1,60 @@
+#include "cli/listing.h"
+
+#include <iostream>
+#include <optional>
+
+#include "cli/printable.h"
+#include "cli/reply.h"
+
+namespace vexa::cli {
+
+void PrintRows(const Json::Value& list, std::span<const Column> columns) {
+  Table table;
+  for (const Column& column : columns) table.head.emplace_back(column.label);
+  for (const Json::Value& element : list) {
+    auto& row = table.rows.emplace_back();
+    for (const Column& column : columns) row.push_back(Text(Member(element, column.member)));
+  }
+  PrintTable(std::cout, table);
+}
+
+Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name) {
+  const std::string kind = naming.kind;
+  std::optional<std::string> id;
+  for (const Json::Value& element : list) {
+    if (Text(Member(element, naming.name)) != name) continue;
+    if (id) return Error(ErrorCode::kConflict, "Several " + kind + "s are called '" + name + "': give the id");
+    id = Text(Member(element, naming.id));
+  }
+  if (!id) {
+    return Error(ErrorCode::kNotFound, "There is no " + kind + " called '" + name + "'; see 'vexa " + kind + " list'");
+  }
+  return *id;
+}
+
+bool IsUuidForm(const std::string& text) {
+  constexpr std::size_t kLength = 36;
+  if (text.size() != kLength) return false;
+  for (std::size_t i = 0; i < kLength; ++i) {
+    const char c = text[i];
+    const bool is_hex = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    if (i == 8 || i == 13 || i == 18 || i == 23 ? c != '-' : !is_hex) return false;
+  }
+  return true;
+}
+
+std::string OneParameter(const char* name, const std::string& value) {
+  Json::Value parameters(Json::objectValue);
+  parameters[name] = value;
+  return RenderJson(parameters, JsonLayout::kOneLine);
+}
+
+Error NotUnderstood(const char* what) {
+  return Error(ErrorCode::kCorrupt, std::string("The server's reply holds no ") + what);
+}
+
+Error NotText(const char* what) {
+  return Error(ErrorCode::kInvalid, std::string("The ") + what + " is empty or not valid UTF-8");
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,40 @@
+// Lists that a server answers with: tables of them, and the one object that a user means.
+#pragma once
+
+#include <json/value.h>
+
+#include <span>
+#include <string>
+
+#include "host/base/result.h"
+
+namespace vexa::cli {
+
+struct Column {
+  const char* label;
+  const char* member;
+};
+
+// A table on standard output; elements that are no object are empty rows.
+void PrintRows(const Json::Value& list, std::span<const Column> columns);
+
+// What a user calls an object of a list.
+struct Naming {
+  const char* kind;  // "host"
+  const char* id;    // the members with the id
+  const char* name;  // and the name
+};
+
+// The id of the one object of this name. kNotFound, kConflict when several have it.
+Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name);
+
+// 8-4-4-4-12 hexadecimal digits.
+bool IsUuidForm(const std::string& text);
+
+// {"<name>": "<value>"}
+std::string OneParameter(const char* name, const std::string& value);
+
+Error NotUnderstood(const char* what);
+Error NotText(const char* what);
+
+}  // namespace vexa::cli

@@ -1,0 +1,37 @@
+#include "host/cluster/cluster_status.h"
+
+#include <algorithm>
+
+#include "host/cluster/environment_internal.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/platform/ccc_state.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+
+store::Health ClusterStatus::HealthOf(const store::Store& store, std::chrono::seconds max_age) {
+  const std::lock_guard lock(mutex_);
+  const auto now = std::chrono::steady_clock::now();
+  if (!health_ || now - found_ >= std::min(max_age, kStatusAge)) {
+    health_ = store.health();
+    found_ = now;
+  }
+  return *health_;
+}
+
+}  // namespace vexa::cluster
+
+namespace VexaCCC {
+
+int LoadCache(Json::Value& cache, CACHE_LOAD_TYPE type, int max_age_s) {
+  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
+  if (!environment || type != CACHE_LOAD_CLUSTER) return -1;
+  const vexa::store::Health health =
+      vexa::cluster::CurrentClusterStatus().HealthOf(*environment->store, std::chrono::seconds(max_age_s));
+  // A database that can only be read is not inaccessible: the guests' states are in it.
+  VexaVirtualization::json::MakeObject(cache)[DB::_k::state] =
+      health == vexa::store::Health::kInaccessible ? State::Etcd::inaccessible : vexa::cluster::kDatabaseAccessible;
+  return 0;
+}
+
+}  // namespace VexaCCC

@@ -1,0 +1,29 @@
+// The cluster's status, found out at most once in a while: it is asked for every guest of a list.
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <optional>
+
+#include "host/store/store.h"
+
+namespace vexa::cluster {
+
+// What "state" says while the cluster database can be read. Its counterpart is VexaCCC::State::Etcd::inaccessible.
+inline constexpr char kDatabaseAccessible[] = "etcd_accessible";
+
+inline constexpr std::chrono::seconds kStatusAge{1};
+
+// Threads: any, at the same time.
+class ClusterStatus {
+ public:
+  // How the store is: as it was found at most kStatusAge ago, or `max_age` when that is less.
+  store::Health HealthOf(const store::Store& store, std::chrono::seconds max_age);
+
+ private:
+  std::mutex mutex_;
+  std::optional<store::Health> health_;
+  std::chrono::steady_clock::time_point found_;
+};
+
+}  // namespace vexa::cluster

@@ -1,0 +1,84 @@
+// The version states of the cluster's hosts, from their records.
+#include <chrono>
+#include <utility>
+
+#include "host/cluster/host_record.h"
+#include "host/cluster/reading.h"
+#include "host/cluster/versions.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+
+// The object of a host under `key`; null when there is none. A damaged one reads as empty: it says nothing about its
+// host, and must not keep the others' states from being known.
+Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view key) {
+  const Result<Record> record = ReadRecord(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key}));
+  if (record) return *record ? **record : Json::Value();
+  if (record.error().code() == ErrorCode::kCorrupt) return Json::Value();
+  return record.error();
+}
+
+// What is there but is no text cannot be understood either.
+std::optional<std::string> Published(const Json::Value& record, const char* name) {
+  const Json::Value* member = json::FindMember(record, name);
+  if (!member) return std::nullopt;
+  return member->isString() ? json::String(*member) : std::string();
+}
+
+// Clocks differ: a time ahead is judged as one behind.
+bool IsFresh(const Json::Value& seen, std::chrono::system_clock::time_point now) {
+  const Json::Value& time = json::Member(seen, "time");
+  if (!time.isInt64()) return false;
+  const std::int64_t now_s = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
+  const std::int64_t window_s = 3 * std::chrono::seconds(kPresenceInterval).count();
+  const std::int64_t seen_s = json::Int64(time);
+  return seen_s >= now_s - window_s && seen_s <= now_s + window_s;
+}
+
+struct Hosts {
+  std::map<std::string, HostVersions> all;
+  std::vector<std::string> reachable;
+};
+
+Result<Hosts> ReadHosts() {
+  const CallScope scope;
+  const auto ids = ReadChildren(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
+  if (!ids) return ids.error();
+  const auto now = std::chrono::system_clock::now();
+  Hosts hosts;
+  for (const std::string& id : *ids) {
+    const Result<Json::Value> record = ReadHostObject(id, keys::object);
+    if (!record) return record.error();
+    const Result<Json::Value> seen = ReadHostObject(id, "seen");
+    if (!seen) return seen.error();
+    hosts.all[id] = {Published(*record, "version"), Published(*record, "package_version")};
+    const Json::Value& state = json::Member(*record, keys::state);
+    const bool up = state.isString() && json::String(state) != VexaCCC::State::Host::inaccessible;
+    if (up && IsFresh(*seen, now)) hosts.reachable.push_back(id);
+  }
+  return hosts;
+}
+
+}  // namespace
+}  // namespace vexa::cluster
+
+namespace VexaCCC {
+
+int CCCVersionStateGetAllHosts(std::map<std::string, std::string>& all, std::map<std::string, std::string>& reachable) {
+  all.clear();
+  reachable.clear();
+  const auto hosts = vexa::cluster::ReadHosts();
+  if (!hosts) return -1;
+  all = vexa::cluster::VersionStates(hosts->all);
+  for (const std::string& id : hosts->reachable) reachable[id] = all[id];
+  return 0;
+}
+
+}  // namespace VexaCCC

@@ -1,0 +1,41 @@
+// How the versions of the cluster's hosts stand to each other.
+//
+// A host publishes "version" in its record, and may publish "package_version", the version of the packages that it
+// installed beside the host itself. Both are three numbers, "2.10.3". Each is compared with the highest of its kind in
+// the cluster:
+//
+//   version            another major number                upgrade_required
+//   version            another minor number                upgrade_suggested
+//   version            an older patch number               package_upgrade_suggested
+//   package_version    another major number                package_upgrade_required
+//   package_version    otherwise older                     package_upgrade_suggested
+//
+// The most urgent of what applies holds, in the order upgrade_required, package_upgrade_required, upgrade_suggested,
+// package_upgrade_suggested, version_matched. A host without a "version", or with one of the two that is not three
+// numbers, is unknown; a missing "package_version" says nothing.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vexa::cluster {
+
+using Version = std::array<std::uint32_t, 3>;
+
+// Empty unless `text` is three numbers of up to nine digits with points between them.
+std::optional<Version> ParseVersion(std::string_view text);
+
+// What a host publishes; empty: nothing.
+struct HostVersions {
+  std::optional<std::string> version;
+  std::optional<std::string> package_version;
+};
+
+// The version state (VexaCCC::State::Version) of each host, by host id.
+std::map<std::string, std::string> VersionStates(const std::map<std::string, HostVersions>& hosts);
+
+}  // namespace vexa::cluster

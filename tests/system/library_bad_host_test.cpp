@@ -1,0 +1,227 @@
+// The library's questions to hosts, over real sockets to a host that misbehaves.
+#include <syslog.h>
+
+#include "host/store/key.h"
+#include "tests/support/syslog_capture.h"
+#include "tests/support/test_host.h"
+#include "tests/system/transport_misbehaviours.h"
+#include "tests/system/transport_test_support.h"
+#include "webapi/guest/guest.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
+#include "webapi/utils/utils.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
+
+constexpr const char* kBad = "other-host";
+constexpr const char* kUntouched = "untouched";
+
+// How a host is asked, and what is told when it does not answer.
+struct Question {
+  const char* name;
+  void (*ask_in_vain)();
+  int lines;     // in the system log
+  int priority;  // of the line
+};
+
+void ExpectUntouched(bool told, const Json::Value& out) {
+  EXPECT_FALSE(told);
+  EXPECT_EQ(out, Json::Value(kUntouched));
+}
+
+const Question kQuestions[] = {
+    {"Utilization",
+     [] {
+       Json::Value out = kUntouched;
+       const bool told = GetSysUtilization(kBad, Parsed(R"({"resource":["cpu"]})"), out);
+       ExpectUntouched(told, out);
+     },
+     1, LOG_ERR},
+    {"System",
+     [] {
+       Json::Value out = kUntouched;
+       const bool told = GetSysInfo(kBad, out);
+       ExpectUntouched(told, out);
+     },
+     1, LOG_ERR},
+    {"Volume",
+     [] {
+       Json::Value out = kUntouched;
+       const bool told = GetVolumeInfo(kBad, Parsed(R"({"volume_path":"/"})"), out);
+       ExpectUntouched(told, out);
+     },
+     1, LOG_ERR},
+    {"DiskUsage",
+     [] {
+       Json::Value out(Json::objectValue);
+       GetVdiskUsage("g", kBad, out);
+       EXPECT_EQ(json::ToText(out), R"({"total_size":0,"total_used":0})");
+     },
+     1, LOG_DEBUG},
+    {"NetworkInterface",
+     [] {
+       Json::Value out = kUntouched;
+       const bool told = GetNetStat(kBad, "eth0", out);
+       ExpectUntouched(told, out);
+     },
+     0, 0},
+    {"HostResources",
+     [] {
+       Json::Value out(Json::objectValue);
+       EXPECT_EQ(GetHostResourceInfo(true, out), 0);
+       EXPECT_EQ(json::ToText(out), "{}");
+     },
+     0, 0},
+    {"Interfaces",
+     [] {
+       Json::Value out(Json::arrayValue);
+       GetAllInterfaceInfo(out);
+       EXPECT_EQ(json::ToText(out), "[]");
+     },
+     0, 0},
+    {"GuestInformation",
+     [] {
+       Json::Value record(Json::objectValue);
+       record[VexaCCC::DB::_k::host_id] = kBad;
+       record[VexaCCC::DB::_k::state] = VexaCCC::State::Guest::running;
+       Json::Value info(Json::objectValue);
+       EXPECT_FALSE(Guest::GetInformation("g", record, info));
+       EXPECT_EQ(json::ToText(info), R"({"has_agent":false,"ip":[],"uptime":"0"})");
+     },
+     0, 0},
+    {"PollTask", [] { EXPECT_EQ(ClearPollTaskOnHost(kBad, "task"), -1); }, 1, LOG_ERR},
+};
+
+void ExpectLinesOf(const Question& question) {
+  const auto lines = CapturedSyslog();
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(question.lines)) << question.name;
+  for (const SyslogLine& line : lines) {
+    EXPECT_EQ(line.level(), question.priority) << question.name;
+    EXPECT_TRUE(line.text.starts_with("utils:")) << line.text;
+    EXPECT_NE(line.text.find(" Bad response [{\"error\":{\"code\":102"), std::string::npos) << line.text;
+    EXPECT_NE(line.text.find("]/ request [{\"api\":\"VEXA."), std::string::npos) << line.text;
+  }
+}
+
+// A database in which the bad host is the only one, with an interface.
+class LibraryGround {
+ public:
+  LibraryGround() {
+    host_.Put("host", kBad, Parsed(R"({"name":"bad"})"));
+    const store::Transaction nic{{}, {{store::MakeKey({"dash", "host", kBad, "nics", "n1"}), R"({"name":"eth0"})"}}};
+    EXPECT_TRUE(host_.store().Commit(nic).ok());
+  }
+
+ private:
+  TestHost host_;
+};
+
+class LibraryBadHost : public testing::TestWithParam<Misbehaviour> {};
+
+TEST_P(LibraryBadHost, EveryQuestion_FailsInItsForm) {
+  const LibraryGround ground;
+  for (const Question& question : kQuestions) {
+    SCOPED_TRACE(question.name);
+    const ScriptedServer server({GetParam().reply});
+    const InstalledTransport transport({{kBad, AddressOfUrl(server)}}, {}, std::chrono::milliseconds(400));
+    ClearCapturedSyslog();
+    question.ask_in_vain();
+    ExpectLinesOf(question);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, LibraryBadHost, testing::ValuesIn(Misbehaviours()),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(LibraryHost, ThatRefusesConnections_FailsEveryQuestionInItsForm) {
+  const LibraryGround ground;
+  for (const Question& question : kQuestions) {
+    SCOPED_TRACE(question.name);
+    const InstalledTransport transport({{kBad, AddressOf(UnusedPort())}});
+    ClearCapturedSyslog();
+    question.ask_in_vain();
+    ExpectLinesOf(question);
+  }
+}
+
+TEST(LibraryHost, WithAnotherHostsCertificate_FailsEveryQuestionInItsForm) {
+  const LibraryGround ground;
+  const TempDir folder;
+  const TestAuthority authority(folder.File("authority"));
+  const transport::TlsFiles files = authority.FilesOf("third-host");
+  daemon::ListenerOptions listener;
+  listener.certificate_file = files.certificate;
+  listener.key_file = files.key;
+  listener.client_authority_file = files.authority;
+  const JsonHost host(
+      [](const daemon::HttpRequest&, const daemon::Responder& responder) {
+        daemon::HttpResponse response;
+        response.body = R"({"success":true,"data":{}})";
+        responder.Send(std::move(response));
+      },
+      listener);
+  for (const Question& question : kQuestions) {
+    SCOPED_TRACE(question.name);
+    const InstalledTransport transport({{kBad, host.address()}}, authority.FilesOf(kLocalHost), kLocalHost);
+    ClearCapturedSyslog();
+    question.ask_in_vain();
+    ExpectLinesOf(question);
+  }
+  EXPECT_EQ(host.requests(), 0);
+}
+
+// Replies that succeed, with data that no question expects.
+constexpr const char* kOddData[] = {
+    R"({"success":true,"data":[]})",
+    R"({"success":true,"data":"text"})",
+    R"({"success":true,"data":{"result":{"0":1},"vdisks":{"a":1},"speed":1,"ip":{}}})",
+    R"({"success":true,"data":{"result":[1,"x",null,[]],"vdisks":[1,"x",null,[]],"status":[]}})",
+    R"({"success":true,"data":[{"ifname":1},{"ifname":["eth0"]},7,null,{"ifname":{"eth0":1}}]})",
+};
+
+void ExpectTotalAnswers() {
+  Json::Value out;
+  EXPECT_TRUE(GetSysUtilization(kBad, Json::Value(), out));
+  EXPECT_EQ(json::ToText(out), R"({"memory":null})");
+  out = Json::Value();
+  EXPECT_TRUE(GetSysInfo(kBad, out));
+  EXPECT_TRUE(GetVolumeInfo(kBad, Json::Value(), out));
+  out = Json::Value(Json::objectValue);
+  GetVdiskUsage("g", kBad, out);
+  EXPECT_EQ(out["total_size"], Json::Value(Json::UInt64{0}));
+  EXPECT_EQ(out["total_used"], Json::Value(Json::UInt64{0}));
+  out = kUntouched;
+  EXPECT_FALSE(GetNetStat(kBad, "eth0", out));
+  EXPECT_EQ(out, Json::Value(kUntouched));
+  out = Json::Value(Json::objectValue);
+  EXPECT_EQ(GetHostResourceInfo(true, out), 0);
+  EXPECT_EQ(out[kBad]["cpu_usage"], Json::Value(-1));
+  EXPECT_EQ(out[kBad]["free_ram_size"], Json::Value(0));
+  EXPECT_TRUE(out[kBad]["http_port"].isNull());
+  EXPECT_FALSE(out[kBad].isMember("ipList"));
+  EXPECT_EQ(ClearPollTaskOnHost(kBad, "task"), 0);
+}
+
+TEST(LibraryHost, ThatAnswersWrongTypes_IsReadWithoutFault) {
+  const LibraryGround ground;
+  for (const char* reply : kOddData) {
+    SCOPED_TRACE(reply);
+    const JsonHost host{std::string(reply)};
+    const InstalledTransport transport({{kBad, host.address()}});
+    ExpectTotalAnswers();
+  }
+}
+
+TEST(LibraryHost, ThatAnswersTenMegabytes_IsReadWithoutFault) {
+  const LibraryGround ground;
+  const JsonHost host{ObjectOfSize(10'000'000)};
+  const InstalledTransport transport({{kBad, host.address()}});
+  ExpectTotalAnswers();
+}
+
+}  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,100 @@
+#include "tests/system/transport_cluster.h"
+
+#include "host/base/files.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "tests/support/http_client.h"
+#include "tests/system/transport_test_support.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+
+namespace json = VexaVirtualization::json;
+using std::chrono::seconds;
+
+std::string TransportCluster::IdOf(int host) { return "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a0" + std::to_string(host); }
+
+std::string TransportCluster::Folder(int host) const { return folder_.File("host" + std::to_string(host)); }
+
+void TransportCluster::SetUp() {
+  const TestAuthority authority(folder_.File("authority"));
+  for (int i = 0; i < kHosts; ++i) ASSERT_NO_FATAL_FAILURE(StartHost(authority.FilesOf(IdOf(i)), i));
+  store::LmdbOptions options;
+  options.directory = folder_.File("store");
+  auto store = store::OpenLmdbStore(options);
+  ASSERT_TRUE(store.ok()) << store.error().ToString();
+  database_ = std::move(*store);
+  for (int i = 0; i < kHosts; ++i) {
+    const auto snapshot = database_->Read();
+    ASSERT_TRUE(snapshot.ok());
+    const auto record = (*snapshot)->Get(store::MakeKey({"dash", "host", IdOf(i), "object"}));
+    ASSERT_TRUE(record.ok() && *record) << "a host that serves has registered itself";
+    EXPECT_EQ(json::Member(Parse(std::string((*record)->text)), "cluster_address"), Json::Value(AddressOfHost(i)));
+  }
+}
+
+void TransportCluster::StartHost(const transport::TlsFiles& tls, int host) {
+  const std::string data = Folder(host);
+  ASSERT_TRUE(CreateDirectories(data, 0700).ok());
+  ASSERT_TRUE(WriteFileAtomically(data + "/host-id", IdOf(host) + "\n", 0600).ok());
+  ProcessOptions options;
+  options.argv = {TRANSPORT_HOST,
+                  "--data",
+                  data,
+                  "--store",
+                  folder_.File("store"),
+                  "--socket",
+                  data + "/s",
+                  "--listen",
+                  "none",
+                  "--cluster-listen",
+                  "127.0.0.1:0",
+                  "--tls-certificate",
+                  tls.certificate,
+                  "--tls-key",
+                  tls.key,
+                  "--client-authority",
+                  tls.authority,
+                  "--log",
+                  "stderr"};
+  hosts_.push_back(std::make_unique<Process>(options));
+  ASSERT_TRUE(hosts_.back()->WaitForText("READY ", seconds(60))) << hosts_.back()->errors();
+  ASSERT_TRUE(hosts_.back()->WaitForText("\n", seconds(60)));
+}
+
+std::string TransportCluster::AddressOfHost(int host) const {
+  const std::string output = hosts_[static_cast<std::size_t>(host)]->output();
+  return output.substr(6, output.find('\n') - 6);
+}
+
+Json::Value TransportCluster::Ask(int host, const std::string& method, const std::string& body) {
+  HttpTarget target;
+  target.url = "http://localhost";
+  target.unix_socket = Folder(host) + "/s";
+  HttpClient client(target);
+  client.SetTimeout(seconds(60));
+  const HttpReply reply = client.PostJson("/webapi/VEXA.Test.Host/" + method, body);
+  EXPECT_TRUE(reply.arrived()) << reply.transport_error;
+  return Parse(reply.body);
+}
+
+Json::Value TransportCluster::Relay(int from, int to, const std::string& method, int timeout_s,
+                                    const std::string& parameters) {
+  return json::Member(Ask(from, "relay",
+                          "{\"host_id\":\"" + IdOf(to) + "\",\"method\":\"" + method +
+                              "\",\"timeout\":" + std::to_string(timeout_s) + ",\"parameters\":" + parameters + "}"),
+                      "data");
+}
+
+Json::Value TransportCluster::Library(int host, const std::string& function, Json::Value arguments) {
+  json::MakeObject(arguments)["function"] = function;
+  const Json::Value reply = Ask(host, "library", json::ToText(arguments));
+  EXPECT_EQ(CodeOf(reply), 0) << json::ToText(reply);
+  return json::Member(reply, "data");
+}
+
+int TransportCluster::CodeOf(const Json::Value& reply) {
+  return json::Int(json::Member(json::Member(reply, "error"), "code"));
+}
+
+}  // namespace vexa::test

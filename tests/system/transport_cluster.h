@@ -1,0 +1,51 @@
+// Three hosts as three processes with one database, over TLS.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/store/store.h"
+#include "host/transport/tls_material.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace vexa::test {
+
+class TransportCluster : public testing::Test {
+ protected:
+  static constexpr int kHosts = 3;
+  static std::string IdOf(int host);
+
+  // Returns when every host serves and the database tells where.
+  void SetUp() override;
+
+  // The folder of a host's data.
+  std::string Folder(int host) const;
+  // Where other hosts reach it.
+  std::string AddressOfHost(int host) const;
+  store::Store& database() { return *database_; }
+
+  // The reply to a method of VEXA.Test.Host, asked as an administrator.
+  Json::Value Ask(int host, const std::string& method, const std::string& body);
+  // The reply that `from` gets from `to`.
+  Json::Value Relay(int from, int to, const std::string& method, int timeout_s = 0,
+                    const std::string& parameters = "{}");
+  // What a function of the library gives in the process of `host`: {"result", "out"}. `arguments` are its own, by name.
+  Json::Value Library(int host, const std::string& function, Json::Value arguments = Json::Value());
+
+  static int CodeOf(const Json::Value& reply);
+
+  TempDir folder_;
+  std::vector<std::unique_ptr<Process>> hosts_;
+
+ private:
+  void StartHost(const transport::TlsFiles& tls, int host);
+
+  std::shared_ptr<store::Store> database_;
+};
+
+}  // namespace vexa::test

@@ -1,0 +1,56 @@
+#include "tests/system/transport_misbehaviours.h"
+
+namespace vexa::test {
+namespace {
+
+using Then = ScriptedReply::Then;
+
+std::string Reply(const std::string& body) { return HttpReplyOf(200, body).bytes; }
+
+}  // namespace
+
+std::string AddressOfUrl(const ScriptedServer& server) { return server.url().substr(7); }
+
+std::string ObjectOfSize(std::size_t bytes) {
+  const std::string head = R"({"success":true,"data":{"text":")";
+  const std::string tail = "\"}}";
+  return head + std::string(bytes - head.size() - tail.size(), 'x') + tail;
+}
+
+std::string Nested(std::size_t levels) {
+  return "{\"success\":true,\"data\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
+}
+
+const std::vector<Misbehaviour>& Misbehaviours() {
+  static const std::vector<Misbehaviour> rows{
+      {"HangsUp", {"", Then::kClose}, "hung up"},
+      {"Resets", {"", Then::kReset}, "reset"},
+      {"HangsUpMidHeader", {"HTTP/1.1 200 OK\r\nContent-Le", Then::kClose}, "'other-host'"},
+      {"HangsUpMidBody",
+       {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", Then::kClose},
+       "middle of its reply"},
+      {"StallsAtOnce", {"", Then::kStall}, "in time"},
+      {"StallsMidBody", {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", Then::kStall}, "in time"},
+      {"SaysGarbage", {"\x01\x02garbage\r\n\r\n\xff\xfe", Then::kClose}, "'other-host'"},
+      {"SpeaksHttp09", {R"({"success":true})", Then::kClose}, "'other-host'"},
+      {"AnswersNoJson", {Reply("<html>"), Then::kClose}, "no JSON"},
+      {"AnswersHalfJson", {Reply(R"({"success":true)"), Then::kClose}, "no JSON"},
+      {"AnswersNothing", {Reply(""), Then::kClose}, "no JSON"},
+      {"AnswersInvalidUtf8", {Reply("{\"a\":\"\xff\"}"), Then::kClose}, "no JSON"},
+      {"AnswersAnArray", {Reply("[1,2]"), Then::kClose}, "no object"},
+      {"AnswersText", {Reply("\"x\""), Then::kClose}, "no object"},
+      {"AnswersNull", {Reply("null"), Then::kClose}, "no object"},
+      {"NestsTooDeeply", {Reply(Nested(65)), Then::kClose}, "too deeply"},
+      {"NestsVeryDeeply", {Reply(Nested(1'000'000)), Then::kClose}, "too deeply"},
+      {"AnswersTooMuch", {Reply(ObjectOfSize(17 * kMiB)), Then::kClose}, "larger than 16 MiB"},
+      {"AnswersTooMuchUnannounced",
+       {"HTTP/1.1 200 OK\r\n\r\n" + ObjectOfSize(17 * kMiB), Then::kClose},
+       "larger than 16 MiB"},
+      {"Redirects",
+       {"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n", Then::kClose},
+       "no JSON"},
+  };
+  return rows;
+}
+
+}  // namespace vexa::test

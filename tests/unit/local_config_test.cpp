@@ -1,0 +1,278 @@
+// The local guest configuration, and what a pass over all guests does to the cache of records.
+#include <gtest/gtest.h>
+
+#include "host/cluster/environment.h"
+#include "host/cluster/live_state.h"
+#include "host/cluster/reading.h"
+#include "host/cluster/record_cache.h"
+#include "tests/support/test_host.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
+
+namespace vexa::cluster {
+namespace {
+
+using test::Parsed;
+using test::TestHost;
+
+class LocalConfig : public testing::Test {
+ protected:
+  void PutState(const std::string& guest, const std::string& text) {
+    ASSERT_TRUE(host_.store().Commit({{}, {{LiveStateKey(guest), text}}}).ok());
+  }
+  // All four fail and leave their outputs alone.
+  void ExpectNothing(const std::string& guest) {
+    Json::Value conf("before");
+    EXPECT_EQ(vgConfGet(guest, conf), -1);
+    EXPECT_EQ(conf, "before");
+    std::string text = "before";
+    EXPECT_EQ(vgConfStateGet(guest, text), -1);
+    EXPECT_EQ(vgConfHostGet(guest, text), -1);
+    EXPECT_EQ(vgConfRepoHostIdGet(guest, text), -1);
+    EXPECT_EQ(text, "before");
+  }
+
+  TestHost host_;
+};
+
+TEST_F(LocalConfig, Guest_IsItsRecordWithTheLiveState) {
+  host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown","n":[1]})");
+  Json::Value conf("before");
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  EXPECT_EQ(conf, Parsed(R"({"name":"web","state":"guest_shutdown","n":[1]})")) << "no live state yet";
+  PutState("g", R"("guest_running")");
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  EXPECT_EQ(conf, Parsed(R"({"name":"web","state":"guest_running","n":[1]})"));
+  std::string state;
+  EXPECT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(state, "guest_running");
+  host_.PutText("guest", "h", R"({"name":"db"})");
+  ASSERT_EQ(vgConfGet("h", conf), 0);
+  EXPECT_FALSE(conf.isMember("state"));
+  state = "before";
+  EXPECT_EQ(vgConfStateGet("h", state), -1) << "it has none";
+  EXPECT_EQ(state, "before");
+  PutState("h", R"("guest_saved")");
+  ASSERT_EQ(vgConfGet("h", conf), 0);
+  EXPECT_EQ(conf["state"], "guest_saved");
+}
+
+TEST_F(LocalConfig, WrittenConfiguration_DoesNotReachTheCache) {
+  host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown"})");
+  PutState("g", R"("guest_running")");
+  Json::Value conf;
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  conf["state"] = "mine";
+  conf["name"] = "mine";
+  Json::Value again;
+  ASSERT_EQ(vgConfGet("g", again), 0);
+  EXPECT_EQ(again, Parsed(R"({"name":"web","state":"guest_running"})"));
+  Json::Value record;
+  ASSERT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Guest, "g").Get(record, "object"), 0);
+  EXPECT_EQ(record["state"], "guest_shutdown") << "the record itself stays";
+}
+
+TEST_F(LocalConfig, WhatIsNotThereOrDamaged_Fails) {
+  for (const std::string& id : std::vector<std::string>{
+           "none", "", "..", "../guest/g", "g/object", {"g\0", 2}, "%67", "g\n", std::string(1 << 20, 'g')}) {
+    ExpectNothing(id);
+  }
+  for (const char* text : {"{", "", "[]", "null", "7", R"("text")"}) {
+    host_.PutText("guest", "g", text);
+    ExpectNothing("g");
+  }
+  PutState("ghost", R"("guest_running")");
+  ExpectNothing("ghost");
+}
+
+TEST_F(LocalConfig, StateThatCannotBeUnderstood_IsNotReplacedWithAnOldOne) {
+  host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
+  for (const char* text : {"{", "7", "null", R"(["guest_running"])"}) {
+    PutState("g", text);
+    Json::Value conf("before");
+    std::string state = "before";
+    EXPECT_EQ(vgConfGet("g", conf), -1) << text;
+    EXPECT_EQ(vgConfStateGet("g", state), -1) << text;
+    EXPECT_EQ(conf, "before");
+    EXPECT_EQ(state, "before");
+  }
+  host_.PutText("guest", "h", R"({"state":["guest_shutdown"]})");
+  std::string state = "before";
+  EXPECT_EQ(vgConfStateGet("h", state), -1);
+  EXPECT_EQ(state, "before");
+}
+
+TEST_F(LocalConfig, Host_IsToldApartFromNone) {
+  const auto host_of = [this](const char* record, std::string& out) {
+    host_.PutText("guest", "g", record);
+    return vgConfHostGet("g", out);
+  };
+  std::string host = "before";
+  for (const char* record : {"{}", R"({"host_id":""})", R"({"host_id":null})"}) {
+    EXPECT_EQ(host_of(record, host), -2) << record;
+  }
+  for (const char* record : {R"({"host_id":7})", R"({"host_id":["h"]})", R"({"host_id":false})", "[]", "{"}) {
+    EXPECT_EQ(host_of(record, host), -1) << record;
+  }
+  EXPECT_EQ(host, "before");
+  EXPECT_EQ(host_of(R"({"host_id":"../h"})", host), 0);
+  EXPECT_EQ(host, "../h");
+}
+
+TEST_F(LocalConfig, RepositorysHost_IsInItsRecord) {
+  std::string host = "before";
+  host_.PutText("repository", "r", R"({"host_id":"h"})");
+  host_.PutText("repository", "hostless", "{}");
+  host_.PutText("repository", "empty", R"({"host_id":""})");
+  host_.PutText("repository", "odd", R"({"host_id":7})");
+  host_.PutText("repository", "list", "[]");
+  host_.PutText("repository", "damaged", "{");
+  for (const char* record :
+       {"{}", R"({"repository_id":7})", R"({"repository_id":""})", R"({"repository_id":"none"})",
+        R"({"repository_id":"hostless"})", R"({"repository_id":"empty"})", R"({"repository_id":"odd"})",
+        R"({"repository_id":"list"})", R"({"repository_id":"damaged"})", R"({"repository_id":"../repository/r"})"}) {
+    host_.PutText("guest", "g", record);
+    EXPECT_EQ(vgConfRepoHostIdGet("g", host), -1) << record;
+  }
+  EXPECT_EQ(host, "before");
+  host_.PutText("guest", "g", R"({"repository_id":"r","host_id":"other"})");
+  EXPECT_EQ(vgConfRepoHostIdGet("g", host), 0);
+  EXPECT_EQ(host, "h");
+  host_.store().FailReadsOf(TestHost::ObjectKey("repository", "r"));
+  EXPECT_EQ(vgConfRepoHostIdGet("g", host), -1);
+}
+
+TEST_F(LocalConfig, DatabaseReportedInaccessible_CanStillBeRead) {
+  host_.PutText("guest", "g", R"({"host_id":"h","repository_id":"r","state":"guest_running"})");
+  host_.PutText("repository", "r", R"({"host_id":"h"})");
+  host_.store().ReportHealth(store::Health::kInaccessible);
+  Json::Value conf;
+  std::string text;
+  EXPECT_EQ(vgConfGet("g", conf), 0);
+  EXPECT_EQ(vgConfStateGet("g", text), 0);
+  EXPECT_EQ(vgConfHostGet("g", text), 0);
+  EXPECT_EQ(vgConfRepoHostIdGet("g", text), 0);
+}
+
+TEST_F(LocalConfig, FailedRead_Fails) {
+  host_.PutText("guest", "g", R"({"host_id":"h","repository_id":"r","state":"guest_running"})");
+  host_.PutText("repository", "r", R"({"host_id":"h"})");
+  host_.store().FailReadsOf(LiveStateKey("g"));
+  Json::Value conf("before");
+  std::string text = "before";
+  EXPECT_EQ(vgConfGet("g", conf), -1);
+  EXPECT_EQ(vgConfStateGet("g", text), -1);
+  EXPECT_EQ(conf, "before");
+  EXPECT_EQ(text, "before");
+  host_.store().Heal();
+  host_.store().FailReadsOf(TestHost::ObjectKey("guest", "g"));
+  ExpectNothing("g");
+  host_.store().Heal();
+  host_.store().FailSnapshots();
+  ExpectNothing("g");
+}
+
+TEST_F(LocalConfig, OneRequest_SeesOneStateOfAllGuests) {
+  host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
+  const RequestScope scope;
+  Json::Value conf;
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  PutState("g", R"("guest_running")");
+  host_.Remove("guest", "g");
+  ASSERT_EQ(vgConfGet("g", conf), 0);
+  EXPECT_EQ(conf["state"], "guest_shutdown");
+}
+
+TEST_F(LocalConfig, CallOutsideOfARequest_HasASnapshotOfItsOwnEachTime) {
+  host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
+  std::string state;
+  ASSERT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(RequestScope::Serial(), 0u);
+  PutState("g", R"("guest_running")");
+  ASSERT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(state, "guest_running");
+}
+
+TEST(LocalConfigWithoutHost, Everything_Fails) {
+  Json::Value conf("before");
+  std::string text = "before";
+  EXPECT_EQ(vgConfGet("g", conf), -1);
+  EXPECT_EQ(vgConfStateGet("g", text), -1);
+  EXPECT_EQ(vgConfHostGet("g", text), -1);
+  EXPECT_EQ(vgConfRepoHostIdGet("g", text), -1);
+  EXPECT_EQ(conf, "before");
+  EXPECT_EQ(text, "before");
+}
+
+// The cache.
+
+constexpr std::size_t kBound = 256 << 10;
+const std::string& RecordText() {
+  static const std::string text = "\"" + std::string(500, 'x') + "\"";
+  return text;
+}
+
+bool IsCached(RecordCache& cache, const std::string& key) {
+  const auto first = cache.Parse(key, {1, RecordText()});
+  const auto second = cache.Parse(key, {1, RecordText()});
+  return first->get() == second->get();
+}
+
+TEST(RecordCacheScan, PassOverManyRecords_LeavesWhatOthersRead) {
+  RecordCache cache(kBound);
+  std::vector<Record> useful;
+  for (const std::uint64_t reader : {1, 2}) {
+    for (int i = 0; i < 10; ++i) {
+      auto record = cache.Parse("useful" + std::to_string(i), {1, RecordText()}, reader);
+      if (reader == 2) useful.push_back(*record);
+    }
+  }
+  for (int pass = 3; pass < 6; ++pass) {
+    for (int i = 0; i < 2000; ++i) {
+      const std::string key = "guest" + std::to_string(i);
+      ASSERT_TRUE(cache.Parse(key, {1, RecordText()}, static_cast<std::uint64_t>(pass)));
+      // Several reads of one record by the same reader are one.
+      ASSERT_TRUE(cache.Parse(key, {1, RecordText()}, static_cast<std::uint64_t>(pass)));
+      ASSERT_LE(cache.bytes(), kBound);
+    }
+  }
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(cache.Parse("useful" + std::to_string(i), {1, RecordText()}, 9)->get(),
+              useful[static_cast<std::size_t>(i)].get());
+  }
+}
+
+TEST(RecordCacheScan, KeptRecordThatChanges_StaysKept) {
+  RecordCache cache(kBound);
+  ASSERT_TRUE(cache.Parse("repository", {1, RecordText()}, 1));
+  ASSERT_TRUE(cache.Parse("repository", {1, RecordText()}, 2));
+  const auto changed = cache.Parse("repository", {2, RecordText()}, 3);
+  for (int i = 0; i < 2000; ++i) ASSERT_TRUE(cache.Parse("guest" + std::to_string(i), {1, RecordText()}, 4));
+  EXPECT_EQ(cache.Parse("repository", {2, RecordText()}, 5)->get(), changed->get());
+}
+
+TEST(RecordCacheScan, OnlyOftenReadRecords_MakeRoomForNewOnes) {
+  RecordCache cache(kBound);
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 500; ++i) {
+      const std::string key = "often" + std::to_string(i);
+      EXPECT_TRUE(IsCached(cache, key)) << key;
+      ASSERT_LE(cache.bytes(), kBound);
+    }
+  }
+  EXPECT_TRUE(IsCached(cache, "new"));
+  EXPECT_GT(cache.bytes(), kBound / 2);
+}
+
+TEST(RecordCacheScan, LargeRecord_FindsItsPlaceAmongKeptOnes) {
+  RecordCache cache(kBound);
+  for (int i = 0; i < 500; ++i) IsCached(cache, "often" + std::to_string(i));
+  // Nearly all that one shard may hold.
+  const std::string large = "\"" + std::string(5000, 'x') + "\"";
+  const auto first = cache.Parse("large", {1, large});
+  EXPECT_EQ(cache.Parse("large", {1, large})->get(), first->get());
+  EXPECT_LE(cache.bytes(), kBound);
+}
+
+}  // namespace
+}  // namespace vexa::cluster

@@ -1,0 +1,155 @@
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "webapi/platform/base.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_guest_admin.h"
+#include "webapi/utils/json.h"
+#include "webapi/utils/log.h"
+#include "webapi/utils/utils.h"
+
+namespace VexaVirtualization {
+namespace {
+
+namespace key = VexaCCC::DB::_k;
+using VexaCCC::DB::Dashboard;
+using VexaCCC::DB::DashCate;
+
+constexpr int kFailed = -1;
+
+// What reading gives for a record that is not there, and listing for a category that was never created.
+constexpr int kNone = 2;
+
+constexpr int kGroupsAtFirst = 1024;
+
+// What no group is called.
+constexpr unsigned int kNoGroup = 0xFFFFFFFF;
+
+struct ListFree {
+  void operator()(PSZLIST list) const { HLIBCSzListFree(list); }
+};
+struct HashFree {
+  void operator()(PSZHASH hash) const { HLIBCSzHashFree(hash); }
+};
+using List = std::unique_ptr<HLIBCSzList, ListFree>;
+using Hash = std::unique_ptr<HLIBCSzHash, HashFree>;
+
+enum class Record { kAdvanced, kOtherOrNone, kUnreadable };
+
+// A domain's account may have an at sign behind the backslash.
+int AuthTypeOf(const std::string& user) {
+  if (user.find('\\') != std::string::npos) return 2;
+  return user.find('@') != std::string::npos ? 8 : 1;
+}
+
+bool IsAdvanced(const Json::Value& record) { return json::String(json::Member(record, key::authlevel)) == "advanced"; }
+
+Record ReadRecord(const std::string& identifier) {
+  Json::Value record;
+  const int result = Dashboard(DashCate::GuestAdmin, identifier).Get(record, key::object);
+  if (result == 0) return IsAdvanced(record) ? Record::kAdvanced : Record::kOtherOrNone;
+  if (result == kNone) return Record::kOtherOrNone;
+  VEXA_LOG("utils", "Failed to get guest admin object of [%s]", identifier.c_str());
+  return Record::kUnreadable;
+}
+
+// "" with a line in the system log: there is no such user or group.
+std::string IdentifierOf(const std::string& user, const std::string& kind, unsigned int number) {
+  std::string identifier = VexaCCC::gaUUIDGet(AuthTypeOf(user), kind, number);
+  if (identifier.empty()) VEXA_LOG("utils", "Failed to get user id [%s], [%u]", user.c_str(), number);
+  return identifier;
+}
+
+int Grant(const std::string& identifier, const std::string& guest_id) {
+  const std::vector<VexaCCC::Rule> rules = {{key::guest, guest_id, true}};
+  const int result = VexaCCC::gaUserSet(identifier, "", rules);
+  if (result == 0) return 0;
+  VEXA_LOG("utils", "gaUserSet failed [%d]", result);
+  return kFailed;
+}
+
+// What is no decimal number of a group becomes no group, never group 0.
+unsigned int GroupNumber(const char* text) {
+  if (!text || *text == '\0') return kNoGroup;
+  unsigned long long number = 0;
+  for (; *text != '\0'; ++text) {
+    if (*text < '0' || *text > '9') return kNoGroup;
+    number = number * 10 + static_cast<unsigned int>(*text - '0');
+    if (number >= kNoGroup) return kNoGroup;
+  }
+  return static_cast<unsigned int>(number);
+}
+
+bool ListGroups(const std::string& user, PSZLIST groups) {
+  const Hash hash(HLIBGroupInfoHashGet(user.c_str(), 0, 0));
+  if (!hash) {
+    VEXA_LOG("utils", "HLIBGroupInfoHashGet failed [0x%04X %s:%d]", HLIBCErrGet(), HLIBCErrorGetFile(),
+             HLIBCErrorGetLine());
+    return false;
+  }
+  if (HLIBCSzHashEnumKey(hash.get(), groups) < 0) {
+    VEXA_LOG("utils", "HLIBCSzHashEnumKey failed [0x%04X %s:%d]", HLIBCErrGet(), HLIBCErrorGetFile(),
+             HLIBCErrorGetLine());
+    return false;
+  }
+  return true;
+}
+
+int GrantToFirstAdvancedGroup(const std::string& user, PSZLIST groups, const std::string& guest_id) {
+  const int count = HLIBCSzListCount(groups);
+  for (int i = 0; i < count; ++i) {
+    const std::string identifier = IdentifierOf(user, "groups", GroupNumber(HLIBCSzListGet(groups, i)));
+    if (identifier.empty()) return kFailed;
+    const Record record = ReadRecord(identifier);
+    if (record == Record::kUnreadable) return kFailed;
+    if (record == Record::kAdvanced) return Grant(identifier, guest_id);
+  }
+  VEXA_LOG("utils", "Cannot find valid user/group for guest [%s]", guest_id.c_str());
+  return kFailed;
+}
+
+}  // namespace
+
+int AdvancedUserAddGuest(const std::string& user, const std::string& guest_id) {
+  const List groups(HLIBCSzListAlloc(kGroupsAtFirst));
+  if (!groups) {
+    VEXA_LOG("utils", "Failed to alloc list");
+    return kFailed;
+  }
+  uid_t uid = 0;
+  gid_t gid = 0;
+  if (VEXAUserGetUGID(user.c_str(), &uid, &gid) < 0) {
+    VEXA_LOG("utils", "Failed to get System ugid of user[%s]", user.c_str());
+    return kFailed;
+  }
+  const std::string identifier = IdentifierOf(user, "users", uid);
+  if (identifier.empty()) return kFailed;
+  const Record record = ReadRecord(identifier);
+  if (record == Record::kUnreadable) return kFailed;
+  if (record == Record::kAdvanced) return Grant(identifier, guest_id);
+  if (!ListGroups(user, groups.get())) return kFailed;
+  return GrantToFirstAdvancedGroup(user, groups.get(), guest_id);
+}
+
+int GetGuestAdvUserCount(const std::string& guest_id) {
+  std::vector<std::string> identifiers;
+  const int listed = DashCate::GuestAdmin.List(identifiers);
+  if (listed != 0 && listed != kNone) {
+    VEXA_LOG("utils", "List GuestAdmin failed [%d]", listed);
+    return kFailed;
+  }
+  int count = 0;
+  for (const std::string& identifier : identifiers) {
+    Json::Value record;
+    // Unlike above, a record that is not there is a failure: it has just been listed.
+    if (Dashboard(DashCate::GuestAdmin, identifier).Get(record, key::object) != 0) {
+      VEXA_LOG("utils", "Failed to get object of GuestAdmin[%s]", identifier.c_str());
+      return kFailed;
+    }
+    if (IsAdvanced(record) && json::FindMember(json::Member(record, key::guests), guest_id)) ++count;
+  }
+  return count;
+}
+
+}  // namespace VexaVirtualization

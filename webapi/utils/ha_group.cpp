@@ -1,0 +1,75 @@
+#include <string>
+
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_ha.h"
+#include "webapi/utils/json.h"
+#include "webapi/utils/utils.h"
+
+namespace VexaVirtualization {
+namespace {
+
+namespace HAGroup = VexaCCC::State::HAGroup;
+
+// A switchover that waits is a failure to the platform but is shown as a state of its own.
+constexpr int kSwitchoverWaits = 202;
+
+struct FailText {
+  int code;
+  const char* text;
+};
+
+constexpr FailText kFailTexts[] = {
+    {100, "ha_fail_no_avail_fo_host"},     {101, "ha_fail_poweron_guest"}, {102, "ha_fail_poweron_guest"},
+    {103, "ha_fail_storage_inaccessible"}, {200, "ha_fail_move_guest"},    {201, "ha_fail_move_guest"},
+};
+
+const char* TextOf(int code) {
+  for (const FailText& row : kFailTexts) {
+    if (row.code == code) return row.text;
+  }
+  return "unknown";
+}
+
+Json::Value ReadWarnings(const std::string& group_id) {
+  Json::Value warn(Json::objectValue);
+  return VexaCCC::haWarnGet(group_id, warn) == 0 ? warn : Json::Value(Json::objectValue);
+}
+
+int ReadFailure(const std::string& group_id) {
+  VexaCCC::HA_FAIL_REASON code = VexaCCC::HA_FAIL_NONE;
+  return VexaCCC::haErrorGet(group_id, code) == 0 ? code : VexaCCC::HA_FAIL_NONE;
+}
+
+// What the group's state is shown as; `reason` is set only where there is one.
+void Decide(const std::string& warn_reason, int failure, std::string& state, std::string& reason) {
+  if (state == HAGroup::pause) return;
+  if (state == HAGroup::normal && !warn_reason.empty()) {
+    state = HAGroup::warning;
+    reason = warn_reason;
+  } else if (failure == kSwitchoverWaits) {
+    if (state == HAGroup::error) state = HAGroup::switchover_waiting;
+  } else if (failure != VexaCCC::HA_FAIL_NONE) {
+    state = HAGroup::error;
+    reason = TextOf(failure);
+  }
+}
+
+}  // namespace
+
+void GetGuestHAStateType(const Json::Value& guest, Json::Value& info, std::string& ui_state, std::string& type,
+                         std::string& reason) {
+  const std::string group_id = json::String(json::Member(guest, VexaCCC::DB::_k::ha_group_id));
+  std::string state;
+  if (!group_id.empty() && VexaCCC::haStateGet(group_id, state) == 0) {
+    const Json::Value warn = ReadWarnings(group_id);
+    const int failure = ReadFailure(group_id);
+    std::string warn_reason;
+    Json::Value hosts(Json::arrayValue);
+    GetHAWarnReason(json::Member(info, "ha"), warn, warn_reason, hosts);
+    Decide(warn_reason, failure, state, reason);
+    GetStateType(STATE_CATE_HA_GROUP, state, ui_state, type);
+  }
+  if (info.isObject()) info.removeMember("ha");
+}
+
+}  // namespace VexaVirtualization
