@@ -12,8 +12,10 @@
 #include "host/base/account_file.h"
 #include "host/base/account_pam.h"
 #include "host/base/files.h"
+#include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/host_record.h"
+#include "host/daemon/cache_refresh.h"
 #include "host/daemon/data_lock.h"
 #include "host/daemon/dispatcher.h"
 #include "host/daemon/file_limit.h"
@@ -114,6 +116,7 @@ class Daemon::Impl {
   ~Impl() {
     Stop(std::chrono::milliseconds(0));
     server_.reset();
+    cluster::RemoveCacheRefresher();  // when the start failed
     transport::RemoveTransport();
     cluster::RemoveEnvironment();
   }
@@ -122,6 +125,7 @@ class Daemon::Impl {
     if (Status opened = OpenData(config); !opened) return opened;
     MakeTable(config, std::move(further_rows));
     if (Status made = MakeTransport(config); !made) return made;
+    InstallCacheRefresh();
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -152,6 +156,7 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
+    cluster::RemoveCacheRefresher();
     const bool local_done = local_.Stop(left());  // last: the others wait for it
     Sweep();
     return served && quick_done && long_done && local_done;
