@@ -25,6 +25,7 @@
 #include "host/daemon/local_caller.h"
 #include "host/daemon/login_limiter.h"
 #include "host/daemon/metrics.h"
+#include "host/daemon/request_id.h"
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
 #include "host/services/compound_api.h"
@@ -73,6 +74,18 @@ LaneOptions LocalLane(const Config& config) {
 LaneOptions ItemLane(const Config& config) {
   LaneOptions options = LocalLane(config);
   options.name = "items";
+  return options;
+}
+
+// The threads that help with a compound request log in its name.
+services::CompoundOptions OptionsOfCompound() {
+  services::CompoundOptions options;
+  options.carry = [](std::function<void()> run) -> std::function<void()> {
+    return [id = std::string(CurrentRequestId()), run = std::move(run)] {
+      const RequestIdScope scope(id);
+      run();
+    };
+  };
   return options;
 }
 
@@ -204,7 +217,7 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::CompoundRows(call_item)}) {
+          services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
