@@ -73,6 +73,17 @@ TEST(TransportRequest, OnTheWire_CarriesParametersInTheBodyOnly) {
   EXPECT_EQ(Parse(sent.substr(sent.find("\r\n\r\n") + 4)), request.parameters());
 }
 
+TEST(TransportRequest, LongBody_IsSentAtOnce) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  VexaDRCore::Request request = MakeRequest();
+  request.addParam("long", Json::Value(std::string(2 * kMiB, 'x')));
+  EXPECT_TRUE(Sender(kHost).process(request).isSuccess());
+  ASSERT_EQ(server.requests().size(), 1u);
+  const std::string sent = server.requests()[0];
+  EXPECT_EQ(sent.substr(0, sent.find("\r\n\r\n")).find("Expect"), std::string::npos) << "nobody answers with 100";
+}
+
 TEST(TransportRequest, NamesThatCouldEscape_AreNotSent) {
   const JsonHost host{std::string(R"({"success":true})")};
   const InstalledTransport transport({{kHost, host.address()}});
@@ -131,6 +142,30 @@ TEST(TransportConnection, SecondRequest_UsesTheSameOne) {
   const InstalledTransport transport({{kHost, host.address()}});
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess());
   EXPECT_EQ(connections, 1);
+}
+
+TEST(TransportConnection, OfEveryHostAskedAtOnce_IsKept) {
+  constexpr int kHosts = 16;
+  std::atomic<int> connections{0};
+  std::vector<std::unique_ptr<RawHost>> hosts;
+  InstalledTransport::Addresses addresses;
+  std::vector<std::string> ids;
+  for (int i = 0; i < kHosts; ++i) {
+    hosts.push_back(std::make_unique<RawHost>([&](int fd) {
+      ++connections;
+      while (!ReceiveRequest(fd).empty()) {
+        SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n{\"success\":true}");
+      }
+    }));
+    ids.push_back("host-" + std::to_string(i));
+    addresses[ids.back()] = hosts.back()->address();
+  }
+  const InstalledTransport transport(addresses);
+  for (int round = 0; round < 3; ++round) {
+    const VexaCCC::MultiResponse responses = VexaCCC::MultiSender(ids).process(MakeRequest());
+    for (const std::string& id : ids) EXPECT_TRUE(responses.getResponse(id).isSuccess()) << id;
+  }
+  EXPECT_EQ(connections, kHosts);
 }
 
 TEST(TransportConnection, BreaksAfterTheRequestOnAKeptOne_RequestIsNotSentAgain) {

@@ -7,9 +7,12 @@
 #include <mutex>
 
 #include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "host/transport/http_pool.h"
 #include "tests/system/transport_test_support.h"
+#include "webapi/platform/ccc.h"
 
 namespace vexa::test {
 namespace {
@@ -171,6 +174,63 @@ TEST(MultiSender, AllHosts_AreThoseOfTheDatabase) {
   }
   cluster::RemoveEnvironment();
   EXPECT_TRUE(MultiSender::allHosts().process(MakeRequest()).getHostList().empty());
+}
+
+TEST(Transport, WaitingCaller_HoldsNoSnapshot) {
+  const TempDir folder;
+  store::LmdbOptions options;
+  options.directory = folder.File("store");
+  const auto store = store::OpenLmdbStore(options);
+  ASSERT_TRUE(store.ok());
+  const auto put = [&](const char* text) {
+    EXPECT_TRUE((*store)->Commit({{}, {{store::MakeKey({"dash", "host", "host-a", "object"}), text}}}).ok());
+  };
+  put(R"({"name":"before"})");
+  cluster::Environment environment;
+  environment.store = *store;
+  environment.host_id = kLocalHost;
+  cluster::InstallEnvironment(std::move(environment));
+  const JsonHost host([&](daemon::HttpRequest&&, const daemon::Responder& responder) {
+    put(R"({"name":"after"})");
+    daemon::HttpResponse response;
+    response.body = R"({"success":true})";
+    responder.Send(std::move(response));
+  });
+  {
+    const InstalledTransport transport({{"host-a", host.address()}});
+    const cluster::RequestScope scope;
+    std::string name;
+    EXPECT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, "host-a").Get(name, "name"), 0);
+    EXPECT_EQ(name, "before");
+    EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
+    EXPECT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, "host-a").Get(name, "name"), 0);
+    EXPECT_EQ(name, "after") << "the next read takes a snapshot of its own";
+  }
+  cluster::RemoveEnvironment();
+}
+
+TEST(HttpPool, DestroyedWithCallsWaiting_EndsEachOfThem) {
+  constexpr int kCalls = 500;
+  std::atomic<int> ended{0};
+  std::atomic<int> failed{0};
+  const SlowHost slow(milliseconds(20'000));
+  {
+    transport::HttpPool pool(std::nullopt);
+    for (int i = 0; i < kCalls; ++i) {
+      transport::HttpCall call;
+      call.host_id = "host-a";
+      call.address = slow.address();
+      call.path = "/webapi/VEXA.Test/ask?version=1";
+      call.body = std::make_shared<const std::string>("{}");
+      call.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+      pool.Start(std::move(call), [&](const transport::HttpOutcome& outcome) {
+        ++ended;
+        if (!outcome.failure.empty()) ++failed;
+      });
+    }
+  }
+  EXPECT_EQ(ended, kCalls);
+  EXPECT_EQ(failed, kCalls);
 }
 
 TEST(Transport, ManyCallersAtOnce_EachGetsItsReply) {
