@@ -1,9 +1,13 @@
 // One request to many hosts.
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <mutex>
 
 #include "host/cluster/environment.h"
@@ -231,6 +235,47 @@ TEST(HttpPool, DestroyedWithCallsWaiting_EndsEachOfThem) {
   }
   EXPECT_EQ(ended, kCalls);
   EXPECT_EQ(failed, kCalls);
+}
+
+TEST(HttpPool, CallWhoseTimeIsUp_FailsWithoutBeingTried) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  std::promise<transport::HttpOutcome> ended;
+  transport::HttpPool pool(std::nullopt);
+  transport::HttpCall call;
+  call.host_id = "host-a";
+  call.address = host.address();
+  call.path = "/webapi/VEXA.Test/ask?version=1";
+  call.body = std::make_shared<const std::string>("{}");
+  call.deadline = std::chrono::steady_clock::now() - milliseconds(1);
+  pool.Start(std::move(call), [&](transport::HttpOutcome outcome) { ended.set_value(std::move(outcome)); });
+  const transport::HttpOutcome outcome = ended.get_future().get();
+  EXPECT_EQ(outcome.failure, "no reply in time");
+  EXPECT_EQ(outcome.connection, transport::HttpOutcome::Connection::kNotTried);
+  EXPECT_EQ(host.requests(), 0);
+}
+
+// The lines "SigBlk:" of this process's threads of this name.
+std::vector<std::string> BlockedSignals(const std::string& thread) {
+  std::vector<std::string> masks;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(task.path() / "status");
+    std::string name;
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("Name:\t")) name = line.substr(6);
+      if (line.starts_with("SigBlk:\t") && name == thread) masks.push_back(line.substr(8));
+    }
+  }
+  return masks;
+}
+
+TEST(HttpPool, Thread_TakesNoSignals) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  const InstalledTransport transport({{"host-a", host.address()}});
+  EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
+  const std::vector<std::string> masks = BlockedSignals("transport");
+  ASSERT_EQ(masks.size(), 1u);
+  const unsigned long long blocked = std::stoull(masks[0], nullptr, 16);
+  for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) EXPECT_NE(blocked >> (number - 1) & 1, 0u) << number;
 }
 
 TEST(Transport, ManyCallersAtOnce_EachGetsItsReply) {
