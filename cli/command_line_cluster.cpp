@@ -9,14 +9,13 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kClusterFooter = R"(
-Examples:
-  vexa cluster init --dir /root/cluster
-  vexa cluster certificate --dir /root/cluster --host-id 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55 --out /etc/vexa/cluster
-
-A host's id is in the file host-id of its data folder. Its daemon then takes tls-certificate = host.pem,
-tls-key = host.key and client-authority = authority.pem of the --out folder, and cluster-listen = "address:port".
-The files belong to the account that runs the command; the daemon's account must be able to read them.)";
+constexpr const char* kClusterFooter =
+    "\nExamples:\n  vexa cluster init --dir /root/cluster\n"
+    "  vexa cluster certificate --dir /root/cluster --host-id 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55 --out host1\n\n"
+    "A host's id is in the file host-id of its data folder. Its daemon then takes tls-certificate = host.pem,\n"
+    "tls-key = host.key and client-authority = authority.pem of the --out folder, and cluster-listen =\n"
+    "\"address:port\". The files belong to the account that runs the command; the daemon's account must be able to\n"
+    "read them.";
 
 struct State {
   std::string directory;

@@ -27,6 +27,7 @@
 #include "host/daemon/local_caller.h"
 #include "host/daemon/login_limiter.h"
 #include "host/daemon/metrics.h"
+#include "host/daemon/request_id.h"
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
 #include "host/services/compound_api.h"
@@ -71,6 +72,26 @@ LaneOptions LocalLane(const Config& config) {
   return options;
 }
 
+// The items of compound requests, which wait for them on threads of the lanes "long" and "local". In one of these, as
+// many compound requests as it has threads would wait for threads that only they could free.
+LaneOptions ItemLane(const Config& config) {
+  LaneOptions options = LocalLane(config);
+  options.name = "items";
+  return options;
+}
+
+// The threads that help with a compound request log in its name.
+services::CompoundOptions OptionsOfCompound() {
+  services::CompoundOptions options;
+  options.carry = [](std::function<void()> run) -> std::function<void()> {
+    return [id = std::string(CurrentRequestId()), run = std::move(run)] {
+      const RequestIdScope scope(id);
+      run();
+    };
+  };
+  return options;
+}
+
 Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config) {
   if (config.accounts == "pam") {
     base::PamOptions options;
@@ -111,7 +132,8 @@ class Daemon::Impl {
         limiter_(LoginLimiterOptions{}),
         quick_(QuickLane()),
         long_running_(LongLane(config)),
-        local_(LocalLane(config)) {}
+        local_(LocalLane(config)),
+        items_(ItemLane(config)) {}
 
   ~Impl() {
     Stop(std::chrono::milliseconds(0));
@@ -157,9 +179,10 @@ class Daemon::Impl {
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
     cluster::RemoveCacheRefresher();
-    const bool local_done = local_.Stop(left());  // last: the others wait for it
+    const bool local_done = local_.Stop(left());  // after those that wait for it
+    const bool items_done = items_.Stop(left());
     Sweep();
-    return served && quick_done && long_done && local_done;
+    return served && quick_done && long_done && local_done && items_done;
   }
 
  private:
@@ -195,13 +218,13 @@ class Daemon::Impl {
 
   void MakeTable(const Config& config, std::vector<webapi::ApiRow> further_rows) {
     std::vector<webapi::ApiRow> rows = std::move(further_rows);
+    const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
+      return item_caller_->Call(request, timeout);
+    };
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(),
-          services::CompoundRows([this](const VexaDRCore::Request&request, std::chrono::milliseconds timeout) {
-            return local_caller_->Call(request, timeout);
-          })}) {
+          services::GuestStateRows(), services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
@@ -214,7 +237,10 @@ class Daemon::Impl {
     parts.long_running = &long_running_;
     parts.metrics_text = [this] {
       return metrics_->ToText({server_->stats(),
-                               {{"quick", quick_.stats()}, {"long", long_running_.stats()}, {"local", local_.stats()}},
+                               {{"quick", quick_.stats()},
+                                {"long", long_running_.stats()},
+                                {"local", local_.stats()},
+                                {"items", items_.stats()}},
                                sessions_->size()});
     };
     parts.health = [this] { return DescribeHealth(store_->health()); };
@@ -225,6 +251,7 @@ class Daemon::Impl {
   Status MakeTransport(const Config& config) {
     const std::string host_id = VexaCCC::DB::DBLocalhostID();
     local_caller_ = std::make_unique<LocalCaller>(LocalCaller::Parts{table_.get(), metrics_.get(), &local_, host_id});
+    item_caller_ = std::make_unique<LocalCaller>(LocalCaller::Parts{table_.get(), metrics_.get(), &items_, host_id});
     transport::TransportOptions options;
     options.host_id = host_id;
     options.local_call = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
@@ -314,9 +341,11 @@ class Daemon::Impl {
   std::unique_ptr<Metrics> metrics_;
   std::unique_ptr<Dispatcher> dispatcher_;
   std::unique_ptr<LocalCaller> local_caller_;
+  std::unique_ptr<LocalCaller> item_caller_;
   Lane quick_;
   Lane long_running_;
   Lane local_;
+  Lane items_;
   std::unique_ptr<HttpServer> server_;
   std::size_t first_network_listener_ = 0;
   std::atomic<int> web_port_ = 0;  // of the first network listener, once it is open

@@ -87,17 +87,18 @@ Json::Value RunItemSafely(const transport::LocalCall& local_call, const Json::Va
   }
 }
 
-// Calls `run` with 0 to `count` - 1, on up to `max_threads` threads, this one included.
-void InParallel(std::size_t count, int max_threads, const std::function<void(std::size_t)>& run) {
+// Calls `run` with 0 to `count` - 1, on up to `options.threads` threads, this one included.
+void InParallel(std::size_t count, const CompoundOptions& options, const std::function<void(std::size_t)>& run) {
   std::atomic<std::size_t> next = 0;
   const auto work = [&] {
     for (std::size_t i = next++; i < count; i = next++) run(i);
   };
+  const std::function<void()> help = options.carry ? options.carry(work) : work;
   std::vector<std::jthread> helpers;
-  const std::size_t wanted = std::min(count, static_cast<std::size_t>(std::max(max_threads, 1)));
+  const std::size_t wanted = std::min(count, static_cast<std::size_t>(std::max(options.threads, 1)));
   helpers.reserve(wanted);
   try {
-    while (helpers.size() + 1 < wanted) helpers.emplace_back(work);
+    while (helpers.size() + 1 < wanted) helpers.emplace_back(help);
   } catch (const std::system_error&) {
     // No more threads are to be had: those that there are do all the work.
   }
@@ -113,7 +114,7 @@ void Request(const transport::LocalCall& local_call, const CompoundOptions& opti
   const Json::Value& items = compound.Get();
   const steady_clock::time_point end = steady_clock::now() + options.timeout;
   std::vector<Json::Value> results(items.size());
-  InParallel(results.size(), options.threads, [&](std::size_t i) {
+  InParallel(results.size(), options, [&](std::size_t i) {
     results[i] = RunItemSafely(local_call, items[static_cast<Json::ArrayIndex>(i)], end);
   });
   bool has_fail = false;

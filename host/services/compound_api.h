@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <vector>
 
 #include "host/transport/local_call.h"
@@ -16,6 +17,9 @@ struct CompoundOptions {
   // others.
   std::chrono::milliseconds timeout = std::chrono::seconds(25);
   int threads = 16;  // that one request may use, its own included
+  // Called on the request's own thread with what each of the others is to do; gives what they do instead, so that they
+  // can take along what threads know of their request. Nothing of the kind without it.
+  std::function<std::function<void()>(std::function<void()> run)> carry;
 };
 
 // `local_call` is called by several threads at once.

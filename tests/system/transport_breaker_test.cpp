@@ -126,5 +126,21 @@ TEST(TransportBreaker, TimeoutsOfTheHandler_DoNotOpenIt) {
   }
 }
 
+TEST(Breaker, LongGoneHost_HasPausesThatStillDiffer) {
+  std::set<milliseconds> pauses;
+  for (int i = 0; i < 20; ++i) {
+    Breaker breaker;
+    auto now = Breaker::Clock::now();
+    for (int failures = 0; failures < 40; ++failures) {
+      FailOnce(breaker, now);
+      now += std::chrono::seconds(10);
+    }
+    FailOnce(breaker, now);
+    pauses.insert(PauseFrom(breaker, now));
+  }
+  EXPECT_GT(pauses.size(), 2u);
+  EXPECT_LE(*pauses.rbegin(), Breaker::kLongestPause);
+}
+
 }  // namespace
 }  // namespace vexa::test

@@ -42,6 +42,15 @@ class ClusterCommand : public testing::Test {
   std::string out_ = folder_.File("new/host");
 };
 
+TEST_F(ClusterCommand, Help_NamesCommandsAndSettingsAsTheyAreTyped) {
+  const ProcessResult help = Run({"--help"});
+  ASSERT_EQ(help.exit_code, 0);
+  for (const char* text : {"vexa cluster init --dir /root/cluster\n", " --out host1\n", "tls-certificate", "tls-key",
+                           "client-authority", "cluster-listen", "\"address:port\". The files"}) {
+    EXPECT_NE(help.output.find(text), std::string::npos) << text << " in " << help.output;
+  }
+}
+
 TEST_F(ClusterCommand, InitAndCertificate_MakeWhatAHostTakes) {
   ASSERT_EQ(Run({"init", "--dir", authority_}).exit_code, 0);
   EXPECT_EQ(ModeOf(authority_), 0700u);

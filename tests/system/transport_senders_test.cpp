@@ -1,15 +1,23 @@
 // One request to many hosts.
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <mutex>
+#include <new>
 
 #include "host/cluster/environment.h"
+#include "host/cluster/reading.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "host/transport/http_pool.h"
 #include "tests/system/transport_test_support.h"
+#include "webapi/platform/ccc.h"
 
 namespace vexa::test {
 namespace {
@@ -171,6 +179,104 @@ TEST(MultiSender, AllHosts_AreThoseOfTheDatabase) {
   }
   cluster::RemoveEnvironment();
   EXPECT_TRUE(MultiSender::allHosts().process(MakeRequest()).getHostList().empty());
+}
+
+TEST(Transport, WaitingCaller_HoldsNoSnapshot) {
+  const TempDir folder;
+  store::LmdbOptions options;
+  options.directory = folder.File("store");
+  const auto store = store::OpenLmdbStore(options);
+  ASSERT_TRUE(store.ok());
+  const auto put = [&](const char* text) {
+    EXPECT_TRUE((*store)->Commit({{}, {{store::MakeKey({"dash", "host", "host-a", "object"}), text}}}).ok());
+  };
+  put(R"({"name":"before"})");
+  cluster::Environment environment;
+  environment.store = *store;
+  environment.host_id = kLocalHost;
+  cluster::InstallEnvironment(std::move(environment));
+  const JsonHost host([&](daemon::HttpRequest&&, const daemon::Responder& responder) {
+    put(R"({"name":"after"})");
+    daemon::HttpResponse response;
+    response.body = R"({"success":true})";
+    responder.Send(std::move(response));
+  });
+  {
+    const InstalledTransport transport({{"host-a", host.address()}});
+    const cluster::RequestScope scope;
+    std::string name;
+    EXPECT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, "host-a").Get(name, "name"), 0);
+    EXPECT_EQ(name, "before");
+    EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
+    EXPECT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, "host-a").Get(name, "name"), 0);
+    EXPECT_EQ(name, "after") << "the next read takes a snapshot of its own";
+  }
+  cluster::RemoveEnvironment();
+}
+
+TEST(HttpPool, DestroyedWithCallsWaiting_EndsEachOfThem) {
+  constexpr int kCalls = 500;
+  std::atomic<int> ended{0};
+  std::atomic<int> failed{0};
+  const SlowHost slow(milliseconds(20'000));
+  {
+    transport::HttpPool pool(std::nullopt);
+    for (int i = 0; i < kCalls; ++i) {
+      transport::HttpCall call;
+      call.host_id = "host-a";
+      call.address = slow.address();
+      call.path = "/webapi/VEXA.Test/ask?version=1";
+      call.body = std::make_shared<const std::string>("{}");
+      call.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+      pool.Start(std::move(call), [&](const transport::HttpOutcome& outcome) {
+        ++ended;
+        if (!outcome.failure.empty()) ++failed;
+      });
+    }
+  }
+  EXPECT_EQ(ended, kCalls);
+  EXPECT_EQ(failed, kCalls);
+}
+
+TEST(HttpPool, CallWhoseTimeIsUp_FailsWithoutBeingTried) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  std::promise<transport::HttpOutcome> ended;
+  transport::HttpPool pool(std::nullopt);
+  transport::HttpCall call;
+  call.host_id = "host-a";
+  call.address = host.address();
+  call.path = "/webapi/VEXA.Test/ask?version=1";
+  call.body = std::make_shared<const std::string>("{}");
+  call.deadline = std::chrono::steady_clock::now() - milliseconds(1);
+  pool.Start(std::move(call), [&](transport::HttpOutcome outcome) { ended.set_value(std::move(outcome)); });
+  const transport::HttpOutcome outcome = ended.get_future().get();
+  EXPECT_EQ(outcome.failure, "no reply in time");
+  EXPECT_EQ(outcome.connection, transport::HttpOutcome::Connection::kNotTried);
+  EXPECT_EQ(host.requests(), 0);
+}
+
+// The lines "SigBlk:" of this process's threads of this name.
+std::vector<std::string> BlockedSignals(const std::string& thread) {
+  std::vector<std::string> masks;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(task.path() / "status");
+    std::string name;
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("Name:\t")) name = line.substr(6);
+      if (line.starts_with("SigBlk:\t") && name == thread) masks.push_back(line.substr(8));
+    }
+  }
+  return masks;
+}
+
+TEST(HttpPool, Thread_TakesNoSignals) {
+  const JsonHost host{std::string(R"({"success":true})")};
+  const InstalledTransport transport({{"host-a", host.address()}});
+  EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
+  const std::vector<std::string> masks = BlockedSignals("transport");
+  ASSERT_EQ(masks.size(), 1u);
+  const unsigned long long blocked = std::stoull(masks[0], nullptr, 16);
+  for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) EXPECT_NE(blocked >> (number - 1) & 1, 0u) << number;
 }
 
 TEST(Transport, ManyCallersAtOnce_EachGetsItsReply) {

@@ -1,6 +1,8 @@
 // Who is believed to be a host.
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 
 #include "host/base/files.h"
@@ -33,6 +35,34 @@ JsonHost MakeHost(const transport::TlsFiles& files) {
       ListenerWith(files));
 }
 
+using Bio = std::unique_ptr<BIO, int (*)(BIO*)>;
+
+// A host's files whose certificate has one id as its DNS name and another one as its common name.
+transport::TlsFiles FilesOfTwoNames(const TempDir& folder, const transport::Credentials& authority,
+                                    const std::string& dns_name, const std::string& common_name) {
+  const auto host = transport::MakeHostCredentials(authority, dns_name);
+  EXPECT_TRUE(host.ok());
+  const auto read = [](const std::string& text) { return Bio(BIO_new_mem_buf(text.data(), -1), BIO_free); };
+  const std::unique_ptr<X509, void (*)(X509*)> certificate(
+      PEM_read_bio_X509(read(host->certificate).get(), nullptr, nullptr, nullptr), X509_free);
+  const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> signer(
+      PEM_read_bio_PrivateKey(read(authority.key).get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+  const std::unique_ptr<X509_NAME, void (*)(X509_NAME*)> name(X509_NAME_new(), X509_NAME_free);
+  X509_NAME_add_entry_by_txt(name.get(), "CN", MBSTRING_UTF8,
+                             reinterpret_cast<const unsigned char*>(common_name.c_str()), -1, -1, 0);
+  EXPECT_EQ(X509_set_subject_name(certificate.get(), name.get()), 1);
+  EXPECT_GT(X509_sign(certificate.get(), signer.get(), EVP_sha256()), 0);
+  const Bio text(BIO_new(BIO_s_mem()), BIO_free);
+  EXPECT_EQ(PEM_write_bio_X509(text.get(), certificate.get()), 1);
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(text.get(), &data);
+  const transport::TlsFiles files{folder.File("two.pem"), folder.File("two.key"), folder.File("two-authority.pem")};
+  EXPECT_TRUE(WriteFileAtomically(files.certificate, std::string(data, static_cast<std::size_t>(size)), 0644).ok());
+  EXPECT_TRUE(WriteFileAtomically(files.key, host->key, 0600).ok());
+  EXPECT_TRUE(WriteFileAtomically(files.authority, authority.certificate, 0644).ok());
+  return files;
+}
+
 class TransportTls : public testing::Test {
  protected:
   TransportTls()
@@ -58,6 +88,24 @@ TEST_F(TransportTls, HostWithAnotherHostsCertificate_IsRefused) {
   const JsonHost host = MakeHost(authority_.FilesOf(kOther));
   EXPECT_NE(FailureOf(Ask(host.address())), "");
   EXPECT_EQ(host.requests(), 0);
+}
+
+TEST_F(TransportTls, HostWithOneOfTwoNamesOnly_IsRefused) {
+  const auto authority = transport::MakeAuthority();
+  ASSERT_TRUE(authority.ok());
+  const auto own = transport::MakeHostCredentials(*authority, kLocalHost);
+  ASSERT_TRUE(own.ok());
+  own_ = {folder_.File("own.pem"), folder_.File("own.key"), folder_.File("own-authority.pem")};
+  ASSERT_TRUE(WriteFileAtomically(own_.certificate, own->certificate, 0644).ok());
+  ASSERT_TRUE(WriteFileAtomically(own_.key, own->key, 0600).ok());
+  ASSERT_TRUE(WriteFileAtomically(own_.authority, authority->certificate, 0644).ok());
+  const auto ask = [&](const char* dns_name, const char* common_name) {
+    const JsonHost host = MakeHost(FilesOfTwoNames(folder_, *authority, dns_name, common_name));
+    return Ask(host.address());
+  };
+  EXPECT_EQ(ask(kHost, kHost).getData(), Json::Value(kLocalHost));
+  EXPECT_NE(FailureOf(ask(kHost, kOther)), "");
+  EXPECT_NE(FailureOf(ask(kOther, kHost)), "");
 }
 
 TEST_F(TransportTls, HostOfAForeignAuthority_IsRefused) {

@@ -173,6 +173,7 @@ TEST_F(HostQueries, NetStat_NamesThatContainBondAreAskedForAsBonds) {
       {"bond0", "VEXA.Core.Network.Bond", "ovs_bond0"},
       {"ovs_bond0", "VEXA.Core.Network.Bond", "ovs_bond0"},
       {"xbondy", "VEXA.Core.Network.Bond", "ovs_xbondy"},
+      {"trunk.7.bond", "VEXA.Core.Network.Bond", "ovs_trunk.7.bond"},
       {"bond_ovs_", "VEXA.Core.Network.Bond", "bond_ovs_"},
       {"Bond0", "VEXA.Core.Network.Ethernet", "Bond0"},
   };

@@ -234,6 +234,8 @@ TEST_F(HostResources, TotalMemory_FailsOnANegativeResultOnly) {
   EXPECT_EQ(GetHostTotalMemory("absent"), 0);
   Platform().read_results["host/h1/object"] = -1;
   EXPECT_EQ(GetHostTotalMemory("h1"), 0);
+  Platform().read_results["host/h1/object"] = 2;
+  EXPECT_EQ(GetHostTotalMemory("h1"), 4096);
   Platform().read_results.clear();
   for (const char* record : {"null", "5", "[]", "{}", R"({"ram_size":"4096"})", R"({"ram_size":[1]})"}) {
     Platform().records["host/h1/object"] = Parsed(record);

@@ -1,0 +1,94 @@
+// Calls of a host to itself.
+#include "host/daemon/local_caller.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "webapi/utils/json.h"
+
+namespace vexa::daemon {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using std::chrono::milliseconds;
+using webapi::Call;
+
+webapi::ApiRow Row(std::string_view method, webapi::Access access, webapi::Handler handler) {
+  return {.api = "VEXA.Test",
+          .method = method,
+          .version = 1,
+          .access = access,
+          .lane = webapi::LaneKind::kQuick,
+          .handler = std::move(handler),
+          .summary = "A method of the tests.",
+          .parameters = {},
+          .errors = {}};
+}
+
+LaneOptions OneThread() {
+  LaneOptions options;
+  options.name = "test";
+  options.max_threads = 1;
+  return options;
+}
+
+class LocalCallerTest : public testing::Test {
+ protected:
+  // The code of the reply's error; 0 for a success.
+  int Ask(const char* method, milliseconds timeout) {
+    VexaDRCore::Request request;
+    request.setAPI("VEXA.Test");
+    request.setMethod(method);
+    const Json::Value reply = caller_.Call(request, timeout);
+    if (json::Bool(json::Member(reply, "success"))) return 0;
+    return json::Int(json::Member(json::Member(reply, "error"), "code"));
+  }
+
+  std::promise<void> held_;
+  std::promise<void> release_;
+  std::atomic<int> counted_ = 0;
+  webapi::ApiTable table_{{Row("hold", webapi::Access::kHost,
+                               [this](const Call& call) {
+                                 held_.set_value();
+                                 release_.get_future().wait();
+                                 call.response->SetSuccess(Json::Value());
+                               }),
+                           Row("count", webapi::Access::kHost,
+                               [this](const Call& call) {
+                                 ++counted_;
+                                 call.response->SetSuccess(Json::Value());
+                               }),
+                           Row("user", webapi::Access::kUser, [this](const Call&) { ++counted_; })}};
+  Metrics metrics_{table_};
+  Lane lane_{OneThread()};
+  LocalCaller caller_{{&table_, &metrics_, &lane_, "this-host"}};
+};
+
+TEST_F(LocalCallerTest, CallThatHasNotBegunInTime_NeverBegins) {
+  std::thread holder([this] { EXPECT_EQ(Ask("hold", std::chrono::seconds(60)), 0); });
+  held_.get_future().wait();
+  EXPECT_EQ(Ask("count", milliseconds(50)), 102);
+  release_.set_value();
+  holder.join();
+  EXPECT_TRUE(lane_.Stop(std::chrono::seconds(30)));
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(LocalCallerTest, CallAfterTheLaneHasStopped_FailsAtOnce) {
+  EXPECT_EQ(Ask("count", std::chrono::seconds(60)), 0);
+  EXPECT_TRUE(lane_.Stop(std::chrono::seconds(30)));
+  EXPECT_EQ(Ask("count", std::chrono::seconds(60)), 102);
+  EXPECT_EQ(counted_, 1);
+}
+
+TEST_F(LocalCallerTest, UsersMethodsAndUnknownOnes_AreRefused) {
+  EXPECT_EQ(Ask("user", std::chrono::seconds(60)), 104);
+  EXPECT_EQ(Ask("nothing", std::chrono::seconds(60)), 507);
+  EXPECT_EQ(counted_, 0);
+}
+
+}  // namespace
+}  // namespace vexa::daemon
