@@ -10,7 +10,9 @@ option(VEXA_FUZZ "Build the fuzz targets with libFuzzer (clang only) in place of
 
 find_program(VEXA_CCACHE ccache)
 if(VEXA_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${VEXA_CCACHE})
+  # ccache(1), "Precompiled headers".
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${VEXA_CCACHE})
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2 -Wundef -Werror)
@@ -58,6 +60,16 @@ function(vexa_library name)
   target_link_libraries(${name} PUBLIC ${arg_LINK})
 endfunction()
 
+# What all tests include takes the compiler longer to read than most tests themselves. A program, since its flags must be
+# those of the tests.
+function(vexa_test_headers)
+  add_executable(vexa_test_headers ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
+  target_compile_options(vexa_test_headers PRIVATE ${VEXA_RUNS_ONCE})
+  target_precompile_headers(vexa_test_headers PRIVATE
+    <gmock/gmock.h> <gtest/gtest.h> <json/value.h> <chrono> <functional> <map> <memory> <set> <string> <thread> <vector>)
+  target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
+endfunction()
+
 # vexa_test(NAME SOURCES... LINK ... [LABELS ...] [TIMEOUT s]): one GoogleTest program, run by CTest as one test.
 function(vexa_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
@@ -66,6 +78,7 @@ function(vexa_test name)
   endif()
   add_executable(${name} ${arg_SOURCES})
   target_compile_options(${name} PRIVATE ${VEXA_RUNS_ONCE})
+  target_precompile_headers(${name} REUSE_FROM vexa_test_headers)
   target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")

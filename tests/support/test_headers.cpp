@@ -1,0 +1,2 @@
+// Nothing but its precompiled headers is of use.
+int main() {}

@@ -1,0 +1,101 @@
+// vexa guest list and vexa guest status against servers that answer well and badly.
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const std::string kGuests = R"({"success":true,"data":{"guests":[
+  {"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","guest_name":"web","host_id":"h1","status":"running",
+   "status_type":"healthy"},
+  {"guest_id":"g2","guest_name":"tw\u001b[31min","host_id":"","status":"shutdown","status_type":"error"},
+  {"guest_id":"g3","guest_name":"twin"},{"guest_id":"g4","guest_name":"twin"}, 7, null]}})";
+
+const std::string kOne = R"({"success":true,"data":{"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8",
+  "guest_name":"web","host_id":"h1","status":"shutdown","status_type":"warning","status_reason":"shutdown_repo_full",
+  "ha":{"status":"warning","status_type":"warning","status_reason":"ha_warn_host_short_ram","hosts":[
+    {"host_id":"h1","host_name":"one","ha_host_status_type":"warning"}]}}})";
+
+class GuestState : public CliTest {
+ protected:
+  ProcessResult RunOn(const ScriptedServer& server, std::vector<std::string> arguments) {
+    SaveLogin(server.url());
+    return Run(std::move(arguments));
+  }
+};
+
+TEST_F(GuestState, List_IsATableThatCannotDriveTheTerminal) {
+  const ScriptedServer server({HttpReplyOf(200, kGuests)});
+  const auto result = RunOn(server, {"guest", "list"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, AllOf(StartsWith("GUEST "), HasSubstr("  web           running   healthy   h1\n"),
+                                   HasSubstr("  tw\\x1b[31min  shutdown  error"), Not(HasSubstr("\x1b"))));
+}
+
+TEST_F(GuestState, StatusByName_AsksForTheIdOfThatGuest) {
+  const ScriptedServer server({HttpReplyOf(200, kGuests), HttpReplyOf(200, kOne)});
+  const auto result = RunOn(server, {"guest", "status", "web"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, R"(Guest              8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8
+Name               web
+Host               h1
+State              shutdown
+Severity           warning (shutdown_repo_full)
+High availability  warning
+Severity of it     warning (ha_warn_host_short_ram)
+
+Hosts of its group
+HOST  NAME  STATE
+h1    one   warning
+)");
+  ASSERT_EQ(server.requests().size(), 2u);
+  EXPECT_THAT(server.requests()[1], HasSubstr(R"({"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"})"));
+}
+
+TEST_F(GuestState, StatusById_AsksOnce) {
+  const ScriptedServer server({HttpReplyOf(200, kOne)});
+  const auto result = RunOn(server, {"guest", "status", "8D24e9b0-17f5-4c6a-b3de-0f9a6c5271e8", "--json"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("\"shutdown_repo_full\""));
+  EXPECT_EQ(server.requests().size(), 1u);
+}
+
+TEST_F(GuestState, NameThatIsNobodysOrSeverals_IsRefused) {
+  for (const auto& [name, message] : {std::pair("nobody", "There is no guest called 'nobody'; see 'vexa guest list'"),
+                                      std::pair("twin", "Several guests are called 'twin': give the id")}) {
+    const ScriptedServer server({HttpReplyOf(200, kGuests)});
+    const auto result = RunOn(server, {"guest", "status", name});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr(message));
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+}
+
+TEST_F(GuestState, RepliesOfAnotherForm_AreErrors) {
+  for (const char* reply : {R"({"success":true,"data":{}})", R"({"success":true,"data":{"guests":{}}})",
+                            R"({"success":true,"data":[]})", R"({"success":true,"data":null})"}) {
+    const ScriptedServer server({HttpReplyOf(200, reply)});
+    const auto result = RunOn(server, {"guest", "list"});
+    EXPECT_EQ(result.exit_code, 1) << reply;
+    EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guests"));
+  }
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":7})")});
+  const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guest"));
+}
+
+TEST_F(GuestState, Refusals_AreToldWithTheirCode) {
+  const ScriptedServer server({HttpReplyOf(403, R"({"success":false,"error":{"code":409}})")});
+  const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("409"));
+}
+
+}  // namespace
+}  // namespace vexa::test
