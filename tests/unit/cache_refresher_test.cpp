@@ -144,6 +144,41 @@ TEST_F(Refresher, Removal_DropsWhatWaits) {
   EXPECT_EQ(others, 0);
 }
 
+TEST_F(Refresher, RemovalWithADeadline_DoesNotWaitForARefreshThatHangs) {
+  HoldRefreshes();
+  Install();
+  EXPECT_TRUE(cluster::RemoveCacheRefresher(milliseconds(0))) << "nothing runs";
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.running == 1; }));
+  const auto begun = std::chrono::steady_clock::now();
+  EXPECT_FALSE(cluster::RemoveCacheRefresher(milliseconds(50)));
+  const auto waited = std::chrono::steady_clock::now() - begun;
+  EXPECT_GE(waited, milliseconds(50));
+  EXPECT_LT(waited, std::chrono::seconds(30));
+  EXPECT_EQ(refreshes_.running, 1);
+  release_ = true;
+  EXPECT_TRUE(cluster::RemoveCacheRefresher(std::chrono::seconds(30)));
+  EXPECT_EQ(refreshes_.running, 0);
+  EXPECT_EQ(Read(), 1);
+  EXPECT_EQ(refreshes_.begun, 1);
+}
+
+TEST_F(Refresher, RemovalWithADeadline_LetsNoOtherRefreshBegin) {
+  HoldRefreshes();
+  valid_s_ = 0;
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.running == 1; }));
+  EXPECT_FALSE(cluster::RemoveCacheRefresher(milliseconds(0)));
+  release_ = true;
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(Read(), 1) << "it would have become another one";
+  cluster::RemoveCacheRefresher();
+  EXPECT_EQ(refreshes_.begun, 1);
+}
+
 TEST_F(Refresher, FailingRefresh_BacksOffAndIsLoggedUntilItSucceeds) {
   std::atomic<bool> works = false;
   refreshes_.during = [&](int, Json::Value&) { return works.load(); };
