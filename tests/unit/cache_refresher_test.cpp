@@ -265,6 +265,22 @@ TEST_F(Refresher, Refresh_ReadsTheDatabaseAsARequestDoes) {
   EXPECT_TRUE(is_same) << "one state of the database per refresh";
 }
 
+TEST_F(Refresher, BlockedReadWithinARequest_FindsOutFromTheNewestState) {
+  const std::string key = TestHost::ObjectKey("guest", "g");
+  Json::Value record;
+  record["name"] = "before";
+  host_.Put("guest", "g", record);
+  refreshes_.during = [&](int, Json::Value& data) {
+    data["name"] = (*Require(cluster::ReadRecord(key)))["name"];
+    return true;
+  };
+  const cluster::RequestScope scope;
+  Require(cluster::ReadRecord(key));
+  record["name"] = "after";
+  host_.Put("guest", "g", record);
+  EXPECT_EQ(json::String(CountingCache(refreshes_).BlockedRead()["name"]), "after");
+}
+
 TEST_F(Refresher, ValueThatIsNeverCurrent_IsRefreshedAgainAndAgain) {
   valid_s_ = 0;
   Install();
