@@ -245,6 +245,21 @@ TEST_F(Refresher, LockOfAnotherProcess_IsNotWaitedFor) {
   EXPECT_TRUE(CapturedSyslog().empty()) << "that is no failure";
 }
 
+TEST_F(Refresher, LockOfAnotherProcess_IsTriedNowAndThenOnly) {
+  const std::string path = host_.folder().File("cache/test/counting.lock");
+  const int lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  std::atomic<int> tries = 0;
+  Install({}, [&] {
+    ++tries;
+    return std::make_unique<CountingCache>(refreshes_);
+  });
+  const auto begun = std::chrono::steady_clock::now();
+  while (tries < 3) EXPECT_EQ(Read(), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, milliseconds(190)) << "two pauses of a tenth of a second";
+  ::close(lock);
+}
+
 TEST_F(Refresher, Refresh_ReadsTheDatabaseAsARequestDoes) {
   Json::Value record;
   record["name"] = "before";
