@@ -23,6 +23,8 @@ constexpr milliseconds kLastPause{50};
 
 // The value of this cache once it is refreshed; nothing when that fails or takes too long.
 std::optional<Json::Value> WaitForRefresh(const CacheEntry& entry, const LoadedCache& before) {
+  // What is found out is kept for others as the newest, and this request's snapshot may be older than what they found.
+  RequestScope::ReleaseSnapshot();
   const auto deadline = steady_clock::now() + CurrentEnvironment()->cache_wait;
   for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLastPause)) {
     const Result<CacheLock> lock = entry.TryLock();

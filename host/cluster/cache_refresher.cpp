@@ -71,6 +71,13 @@ void CacheRefresher::Request(const std::string& group, const std::string& name) 
   wake_.notify_one();
 }
 
+bool CacheRefresher::Stop(std::chrono::milliseconds deadline) {
+  std::unique_lock lock(mutex_);
+  is_stopped_ = true;
+  wake_.notify_all();
+  return idle_.wait_for(lock, deadline, [this] { return !is_running_; });
+}
+
 void CacheRefresher::Stop() {
   std::thread thread;
   {
@@ -104,7 +111,10 @@ void CacheRefresher::Run() {
     if (is_stopped_) return;
     Entry& entry = *waiting_.front();
     waiting_.pop_front();
+    is_running_ = true;
     RunOne(entry, lock);
+    is_running_ = false;
+    idle_.notify_all();
   }
 }
 
@@ -148,6 +158,18 @@ void RemoveCacheRefresher() {
   }
   // Here and not where the last reader lets go of it: readers never wait.
   if (refresher) refresher->Stop();
+}
+
+bool RemoveCacheRefresher(std::chrono::milliseconds deadline) {
+  std::shared_ptr<CacheRefresher> refresher;
+  {
+    const std::lock_guard lock(Current().mutex);
+    refresher = Current().refresher;
+  }
+  // It stays installed while a refresh runs, so that a removal without a deadline still finds it.
+  if (refresher && !refresher->Stop(deadline)) return false;
+  RemoveCacheRefresher();
+  return true;
 }
 
 void RequestCacheRefresh(const std::string& group, const std::string& name) {

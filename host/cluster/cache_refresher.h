@@ -46,6 +46,8 @@ class CacheRefresher {
 
   // Waits for the refresh that runs; those that wait their turn are dropped. Requests do nothing from then on.
   void Stop();
+  // The same, but waits at most so long. False: it still runs, and the environment must stay until Stop.
+  bool Stop(std::chrono::milliseconds deadline);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -67,9 +69,11 @@ class CacheRefresher {
   const CacheRefresherOptions options_;
   std::mutex mutex_;  // never held while something is refreshed
   std::condition_variable wake_;
+  std::condition_variable idle_;
   std::map<Key, Job> jobs_;
   std::deque<Entry*> waiting_;
   bool is_stopped_ = false;
+  bool is_running_ = false;  // something is refreshed
   std::thread thread_;
 };
 
@@ -77,6 +81,9 @@ class CacheRefresher {
 void InstallCacheRefresher(std::unique_ptr<CacheRefresher> refresher);
 // Stops it, which waits for the refresh that runs. Before RemoveEnvironment; nothing happens when none is installed.
 void RemoveCacheRefresher();
+// The same, but waits at most so long. False: the refresh still runs, and the environment must stay. No further one
+// begins, and a later removal waits for it.
+bool RemoveCacheRefresher(std::chrono::milliseconds deadline);
 
 // Asks the installed refresher; without one nothing happens. Never waits.
 void RequestCacheRefresh(const std::string& group, const std::string& name);

@@ -136,9 +136,10 @@ class Daemon::Impl {
         items_(ItemLane(config)) {}
 
   ~Impl() {
+    // Without a deadline, and while the lane that it asks still runs: it uses what is taken down next.
+    cluster::RemoveCacheRefresher();
     Stop(std::chrono::milliseconds(0));
     server_.reset();
-    cluster::RemoveCacheRefresher();  // when the start failed
     transport::RemoveTransport();
     cluster::RemoveEnvironment();
   }
@@ -178,11 +179,11 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
-    cluster::RemoveCacheRefresher();
+    const bool caches_done = cluster::RemoveCacheRefresher(left());
     const bool local_done = local_.Stop(left());  // after those that wait for it
     const bool items_done = items_.Stop(left());
     Sweep();
-    return served && quick_done && long_done && local_done && items_done;
+    return served && quick_done && long_done && caches_done && local_done && items_done;
   }
 
  private:

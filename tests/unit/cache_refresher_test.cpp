@@ -144,6 +144,41 @@ TEST_F(Refresher, Removal_DropsWhatWaits) {
   EXPECT_EQ(others, 0);
 }
 
+TEST_F(Refresher, RemovalWithADeadline_DoesNotWaitForARefreshThatHangs) {
+  HoldRefreshes();
+  Install();
+  EXPECT_TRUE(cluster::RemoveCacheRefresher(milliseconds(0))) << "nothing runs";
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.running == 1; }));
+  const auto begun = std::chrono::steady_clock::now();
+  EXPECT_FALSE(cluster::RemoveCacheRefresher(milliseconds(50)));
+  const auto waited = std::chrono::steady_clock::now() - begun;
+  EXPECT_GE(waited, milliseconds(50));
+  EXPECT_LT(waited, std::chrono::seconds(30));
+  EXPECT_EQ(refreshes_.running, 1);
+  release_ = true;
+  EXPECT_TRUE(cluster::RemoveCacheRefresher(std::chrono::seconds(30)));
+  EXPECT_EQ(refreshes_.running, 0);
+  EXPECT_EQ(Read(), 1);
+  EXPECT_EQ(refreshes_.begun, 1);
+}
+
+TEST_F(Refresher, RemovalWithADeadline_LetsNoOtherRefreshBegin) {
+  HoldRefreshes();
+  valid_s_ = 0;
+  Install();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return refreshes_.running == 1; }));
+  EXPECT_FALSE(cluster::RemoveCacheRefresher(milliseconds(0)));
+  release_ = true;
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(Read(), 1) << "it would have become another one";
+  cluster::RemoveCacheRefresher();
+  EXPECT_EQ(refreshes_.begun, 1);
+}
+
 TEST_F(Refresher, FailingRefresh_BacksOffAndIsLoggedUntilItSucceeds) {
   std::atomic<bool> works = false;
   refreshes_.during = [&](int, Json::Value&) { return works.load(); };
@@ -210,6 +245,21 @@ TEST_F(Refresher, LockOfAnotherProcess_IsNotWaitedFor) {
   EXPECT_TRUE(CapturedSyslog().empty()) << "that is no failure";
 }
 
+TEST_F(Refresher, LockOfAnotherProcess_IsTriedNowAndThenOnly) {
+  const std::string path = host_.folder().File("cache/test/counting.lock");
+  const int lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  std::atomic<int> tries = 0;
+  Install({}, [&] {
+    ++tries;
+    return std::make_unique<CountingCache>(refreshes_);
+  });
+  const auto begun = std::chrono::steady_clock::now();
+  while (tries < 3) EXPECT_EQ(Read(), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, milliseconds(190)) << "two pauses of a tenth of a second";
+  ::close(lock);
+}
+
 TEST_F(Refresher, Refresh_ReadsTheDatabaseAsARequestDoes) {
   Json::Value record;
   record["name"] = "before";
@@ -228,6 +278,22 @@ TEST_F(Refresher, Refresh_ReadsTheDatabaseAsARequestDoes) {
   EXPECT_EQ(Read(), 0);
   EXPECT_TRUE(Soon([&] { return Read() == 1; }));
   EXPECT_TRUE(is_same) << "one state of the database per refresh";
+}
+
+TEST_F(Refresher, BlockedReadWithinARequest_FindsOutFromTheNewestState) {
+  const std::string key = TestHost::ObjectKey("guest", "g");
+  Json::Value record;
+  record["name"] = "before";
+  host_.Put("guest", "g", record);
+  refreshes_.during = [&](int, Json::Value& data) {
+    data["name"] = (*Require(cluster::ReadRecord(key)))["name"];
+    return true;
+  };
+  const cluster::RequestScope scope;
+  Require(cluster::ReadRecord(key));
+  record["name"] = "after";
+  host_.Put("guest", "g", record);
+  EXPECT_EQ(json::String(CountingCache(refreshes_).BlockedRead()["name"]), "after");
 }
 
 TEST_F(Refresher, ValueThatIsNeverCurrent_IsRefreshedAgainAndAgain) {

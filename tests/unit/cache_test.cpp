@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "host/base/files.h"
+#include "host/cluster/cache_entry.h"
 #include "host/cluster/cache_paths.h"
 #include "host/cluster/environment.h"
 #include "tests/support/counting_cache.h"
@@ -172,6 +173,43 @@ TEST_F(Cache, Timeout_ByTimeAndLifetime) {
     EXPECT_TRUE(CountingCache(refreshes_, never).IsDataTimeout(info(now))) << never;
   }
   EXPECT_FALSE(CountingCache(refreshes_, std::numeric_limits<int>::max()).IsDataTimeout(info(now)));
+}
+
+TEST_F(Cache, LastSecondOfTheLifetime_IsCurrent) {
+  const CountingCache cache(refreshes_, 100);
+  Json::Value info;
+  std::time_t before = 0;
+  bool is_current = false;
+  do {  // until the clock's second is the same throughout
+    before = std::time(nullptr);
+    info["time"] = static_cast<Json::Int64>(before - 100);
+    is_current = !cache.IsDataTimeout(info);
+  } while (std::time(nullptr) != before);
+  EXPECT_TRUE(is_current);
+}
+
+TEST_F(Cache, FileThatBecameEmpty_CountsAsNothing) {
+  const CountingCache cache(refreshes_);
+  EXPECT_EQ(Number(cache.BlockedRead()), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until its times alone tell that it is the same
+  EXPECT_EQ(Number(cache.ReadCachedData()), 1);
+  fs::resize_file(File(), 0);
+  EXPECT_TRUE(cache.ReadCachedData().isNull());
+}
+
+TEST_F(Cache, RefreshInTheBackground_IsMadeWhenDueOnly) {
+  const CountingCache cache(refreshes_);
+  EXPECT_EQ(cluster::RefreshWhenDue(cache), cluster::RefreshOutcome::kCurrent);
+  EXPECT_EQ(cluster::RefreshWhenDue(cache), cluster::RefreshOutcome::kCurrent);
+  EXPECT_EQ(refreshes_.begun, 1);
+}
+
+TEST_F(Cache, SymbolicLinkInThePlaceOfTheLock_LeadsNowhere) {
+  Require(CreateDirectories(folder_.File("cache/test"), 0700));
+  fs::create_symlink(folder_.File("elsewhere"), File("counting.lock"));
+  EXPECT_EQ(Number(CountingCache(refreshes_).BlockedRead()), 1) << "for this call alone";
+  EXPECT_FALSE(fs::exists(folder_.File("elsewhere")));
+  EXPECT_FALSE(fs::exists(File()));
 }
 
 TEST_F(Cache, FilesThatAreNoRecord_CountAsNothing) {

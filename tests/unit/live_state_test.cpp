@@ -4,8 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <set>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "host/cluster/reading.h"
@@ -36,6 +41,26 @@ constexpr std::uint64_t kPerWorker = 60;
 Observation Seen(const std::string& state, Sequence sequence, const std::string& host = "a") {
   return {state, sequence, host, system_clock::time_point(seconds(1'700'000'000))};
 }
+
+// Calls what a test says once, just before the next commit.
+class RacedStore : public store::Store {
+ public:
+  RacedStore(store::Store& real, std::function<void()> race) : real_(real), race_(std::move(race)) {}
+
+  Result<std::unique_ptr<store::Snapshot>> Read() const override { return real_.Read(); }
+  Result<store::Revision> Commit(const store::Transaction& transaction) override {
+    if (const auto race = std::exchange(race_, nullptr)) race();
+    return real_.Commit(transaction);
+  }
+  Result<store::ChangeBatch> Watch(std::string_view prefix, store::Revision from, milliseconds timeout) override {
+    return real_.Watch(prefix, from, timeout);
+  }
+  store::Health health() const override { return real_.health(); }
+
+ private:
+  store::Store& real_;
+  std::function<void()> race_;
+};
 
 class LiveState : public testing::Test {
  protected:
@@ -123,6 +148,15 @@ TEST_F(LiveState, HostThatLostTheGuest_ChangesNothing) {
   EXPECT_EQ(Tell(Seen(states::shutdown, {1, 1}, "a")), Observed::kOlder) << "late, from its first time with the guest";
   EXPECT_EQ(State(), states::running);
   EXPECT_EQ(Tell(Seen(states::shutdown, {1, 2}, "a")), Observed::kStored);
+}
+
+TEST_F(LiveState, GuestThatIsLostJustBeforeTheCommit_IsNotChanged) {
+  RacedStore moved(host_.store(), [&] { host_.PutText("guest", "g", R"({"host_id":"b","state":"guest_moving"})"); });
+  EXPECT_EQ(test::Require(Observe(moved, "g", Seen(states::shutdown, {1, 1}))), Observed::kNotOurs);
+  EXPECT_EQ(State(), states::moving);
+  RacedStore deleted(host_.store(), [&] { host_.Remove("guest", "g"); });
+  EXPECT_FALSE(Observe(deleted, "g", Seen(states::shutdown, {1, 1}, "b")).ok());
+  EXPECT_EQ(Text(LiveStateKey("g")), "absent") << "no state of a guest that is not there";
 }
 
 TEST_F(LiveState, GuestWithoutHost_StaysWithWhoSpokeLast) {

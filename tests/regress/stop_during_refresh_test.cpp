@@ -1,0 +1,50 @@
+// A daemon that was told to stop while it found out a cached value waited for that without a limit.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "host/cluster/cache_refresher.h"
+#include "tests/support/counting_cache.h"
+#include "tests/support/test_daemon.h"
+
+namespace vexa::test {
+namespace {
+
+using std::chrono::seconds;
+
+TEST(StopDuringRefresh, RefreshThatHangs_IsWaitedForNoLongerThanRequests) {
+  CountedRefreshes refreshes;
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool is_released = false;
+  // By itself in the end, so that a failure of this test is no hang.
+  refreshes.during = [&](int, Json::Value&) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, seconds(60), [&] { return is_released; });
+  };
+  TestDaemon daemon;
+  auto refresher = std::make_unique<cluster::CacheRefresher>();
+  refresher->Add("test", "counting", [&] { return std::make_unique<CountingCache>(refreshes); });
+  cluster::InstallCacheRefresher(std::move(refresher));
+  CountingCache(refreshes).NonBlockedRead();
+  const auto end = std::chrono::steady_clock::now() + seconds(30);
+  while (refreshes.running == 0 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+  ASSERT_EQ(refreshes.running, 1);
+
+  const auto begun = std::chrono::steady_clock::now();
+  EXPECT_FALSE(daemon.daemon().Stop(std::chrono::milliseconds(200))) << "it still runs";
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, seconds(30));
+  {
+    const std::lock_guard lock(mutex);
+    is_released = true;
+  }
+  changed.notify_all();
+}
+
+}  // namespace
+}  // namespace vexa::test
