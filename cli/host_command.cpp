@@ -50,7 +50,7 @@ std::string FormatUptime(const Json::Value& value) {
 
 // `value` with a unit behind it; nothing for a value that is not there.
 std::string WithUnit(const Json::Value& value, const char* unit) {
-  const std::string text = Text(value);
+  const std::string text = Shown(value);
   return text.empty() ? text : text + " " + unit;
 }
 
@@ -74,7 +74,7 @@ void PrintHost(const Json::Value& host) {
   AddField(fields, "Model", Text(Member(system, "model")));
   AddField(fields, "Serial number", Text(Member(system, "serial")));
   AddField(fields, "Processor", Text(Member(cpu, "model")));
-  AddField(fields, "Cores", Text(Member(host, "cpu_cores")));
+  AddField(fields, "Cores", Shown(Member(host, "cpu_cores")));
   AddField(fields, "Clock", WithUnit(Member(host, "cpu_clock_speed"), "MHz"));
   AddField(fields, "Memory", WithUnit(Member(host, "ram_size"), "KiB"));
   AddField(fields, "Uptime", FormatUptime(Member(system, "uptime")));

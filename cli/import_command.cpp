@@ -9,6 +9,7 @@
 #include "cli/printable.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
+#include "host/cluster/live_state.h"
 #include "host/hypervisor/domain_list.h"
 #include "host/store/key.h"
 
@@ -37,6 +38,18 @@ Result<StoredGuest> ReadStored(const store::Snapshot& snapshot, const std::strin
 std::string TextMember(const Json::Value& record, const char* member) {
   const Json::Value& value = record.isObject() ? record[member] : Json::Value::nullSingleton();
   return value.isString() ? value.asString() : "";
+}
+
+// The state as every reader of the guest sees it: the live one, else the record's. "" when there is none. What cannot
+// be understood is an error: the record's may be long outdated.
+Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string& id, StoredGuest& stored) {
+  const auto value = snapshot.Get(cluster::LiveStateKey(id));
+  if (!value) return value.error();
+  if (!value->has_value()) return TextMember(stored.record, "state");
+  stored.live_revision = (*value)->revision;
+  const Result<Json::Value> live = ParseJson((*value)->text);
+  if (live && live->isString() && *live != "") return live->asString();
+  return Error(ErrorCode::kCorrupt, "The live state of the guest '" + id + "' cannot be read");
 }
 
 // Which guest has which name. Read anew only when somebody else has written to the store.
@@ -187,6 +200,7 @@ class Import {
 
   Status Store(const ImportSource& source, const ImportedGuest& guest) {
     StoredGuest stored;
+    std::string state;
     {
       const auto snapshot = store_.Read();
       if (!snapshot) return snapshot.error();
@@ -194,8 +208,12 @@ class Import {
       Result<StoredGuest> found = ReadStored(**snapshot, guest.id);
       if (!found) return found.error();
       stored = std::move(*found);
+      Result<std::string> now = ReadState(**snapshot, guest.id, stored);
+      // What a guest left behind that is gone is no state of the new one.
+      if (stored.revision != 0 && !now) return now.error();
+      if (stored.revision != 0) state = std::move(*now);
     }
-    if (Status allowed = CheckConflicts(guest, stored); !allowed) return allowed;
+    if (Status allowed = CheckConflicts(guest, stored, state); !allowed) return allowed;
     if (dry()) {
       Plan(source, guest);
       return {};
@@ -210,13 +228,12 @@ class Import {
     return {};
   }
 
-  Status CheckConflicts(const ImportedGuest& guest, const StoredGuest& stored) {
+  Status CheckConflicts(const ImportedGuest& guest, const StoredGuest& stored, const std::string& state) {
     const std::string name = guest.guest["name"].asString();
     const bool exists = stored.revision != 0 || planned_ids_.contains(guest.id);
     if (exists && arguments_.on_existing == OnExisting::kRefuse) {
       return Error(ErrorCode::kConflict, "The guest '" + guest.id + "' exists already: use --replace to replace it");
     }
-    const std::string state = TextMember(stored.record, "state");
     if (!state.empty() && state != kShutdownState) {
       return Error(ErrorCode::kConflict,
                    "The guest '" + guest.id + "' is in the state '" + state + "': shut it down before it is replaced");

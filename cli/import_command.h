@@ -67,15 +67,17 @@ struct ImportSource {
 // The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the member that cannot be.
 Result<std::vector<ImportSource>> ReadManifest(const std::string& path);
 
-// A guest's record as the store has it; revision 0 when there is none.
+// A guest's record and live state as the store has them; revision 0 when there is none.
 struct StoredGuest {
   store::Revision revision = 0;
   Json::Value record;
+  store::Revision live_revision = 0;
 };
 
 // Writes the records of `guest`, provided that the stored guest is still as `replaced` says. What domain XML does not
 // say ("autorun", "ha_group_id") is kept from the replaced record; records of its disks and network interfaces that the
-// new one does not use are deleted.
+// new one does not use are deleted. The live state stays with what is known about its order while the guest stays on
+// the same host, and goes otherwise: what one host told says nothing about another.
 store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const StoredGuest& replaced);
 
 }  // namespace vexa::cli

@@ -1,23 +1,18 @@
 // The store's side of an import: what one commit writes.
-#include <json/writer.h>
-
 #include <set>
 
 #include "cli/import_command.h"
+#include "host/cluster/live_state.h"
 #include "host/store/key.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::cli {
 namespace {
 
+namespace json = VexaVirtualization::json;
+
 std::string RecordKey(std::string_view category, std::string_view id) {
   return store::MakeKey({"dash", category, id, "object"});
-}
-
-std::string Render(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
 }
 
 using Records = std::vector<std::pair<std::string, Json::Value>>;
@@ -27,7 +22,7 @@ void AddRecords(std::string_view category, const Records& records, const Json::V
                 store::Transaction& transaction) {
   std::set<std::string> kept;
   for (const auto& [id, record] : records) {
-    transaction.operations.push_back({RecordKey(category, id), Render(record)});
+    transaction.operations.push_back({RecordKey(category, id), json::ToText(record)});
     kept.insert(id);
   }
   if (!replaced.isArray()) return;
@@ -49,7 +44,10 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   store::Transaction transaction;
   const std::string key = RecordKey("guest", guest.id);
   transaction.compares.push_back({key, replaced.revision});
-  transaction.operations.push_back({key, Render(record)});
+  transaction.operations.push_back({key, json::ToText(record)});
+  transaction.compares.push_back({cluster::LiveStateKey(guest.id), replaced.live_revision});
+  const bool stays = replaced.revision != 0 && json::Member(before, "host_id") == json::Member(record, "host_id");
+  if (!stays) cluster::ForgetLiveState(transaction, guest.id);
   AddRecords("vdisk", guest.disks, before["vdisks"], transaction);
   AddRecords("vnic", guest.nics, before["vnics"], transaction);
   return transaction;

@@ -1,5 +1,8 @@
 #include "cli/listing.h"
 
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <iostream>
 #include <optional>
 
@@ -8,12 +11,25 @@
 
 namespace vexa::cli {
 
+std::string Shown(const Json::Value& value) {
+  if (value.type() != Json::realValue) return Text(value);
+  // Beyond it there are no decimals, but digits that mean nothing.
+  constexpr double kMax = 1e15;
+  const double number = value.asDouble();
+  std::array<char, 32> room{};
+  if (!(std::abs(number) < kMax)) return {room.begin(), std::to_chars(room.begin(), room.end(), number).ptr};
+  std::string text(room.begin(), std::to_chars(room.begin(), room.end(), number, std::chars_format::fixed, 3).ptr);
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.back() == '.') text.pop_back();
+  return text == "-0" ? "0" : text;
+}
+
 void PrintRows(const Json::Value& list, std::span<const Column> columns) {
   Table table;
   for (const Column& column : columns) table.head.emplace_back(column.label);
   for (const Json::Value& element : list) {
     auto& row = table.rows.emplace_back();
-    for (const Column& column : columns) row.push_back(Text(Member(element, column.member)));
+    for (const Column& column : columns) row.push_back(Shown(Member(element, column.member)));
   }
   PrintTable(std::cout, table);
 }

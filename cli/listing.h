@@ -10,6 +10,9 @@
 
 namespace vexa::cli {
 
+// As Text (cli/reply.h), but a number as people write it: with 3 decimals at most and without zeros behind them.
+std::string Shown(const Json::Value& value);
+
 struct Column {
   const char* label;
   const char* member;

@@ -14,11 +14,6 @@ Error NotUnderstood(const HttpReply& reply, std::string why) {
 
 }  // namespace
 
-const Json::Value& Member(const Json::Value& object, const char* name) {
-  static const Json::Value null;
-  return object.isObject() ? object[name] : null;  // the const operator[] inserts nothing
-}
-
 std::string Text(const Json::Value& value) {
   if (value.isString()) return value.asString();
   if (value.isBool() || value.isNumeric()) return RenderJson(value, JsonLayout::kOneLine);

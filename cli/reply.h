@@ -8,6 +8,7 @@
 #include <string>
 
 #include "host/base/result.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::cli {
 
@@ -34,8 +35,7 @@ Result<ApiReply> ReadApiReply(const HttpReply& reply);
 
 // Total readers.
 
-// The member; the null value when there is none or `object` is not an object.
-const Json::Value& Member(const Json::Value& object, const char* name);
+using VexaVirtualization::json::Member;
 // Strings as they are, numbers and booleans as JSON writes them, everything else "".
 std::string Text(const Json::Value& value);
 // Empty for everything that is not an integer that fits.

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,24 +32,35 @@ struct HostNic {
   std::string id;  // stable across restarts
   std::string name;
   std::string mac_address;
+  bool operator==(const HostNic&) const = default;
 };
 
 struct HostFacts {
   std::string host_id;
   std::string name;
   std::vector<std::string> addresses;
-  std::string cluster_address;  // "address:port" where other hosts reach this one; empty: not known, and not written
+  std::string
+      cluster_address;  // "address:port" where other hosts reach this one; empty: nobody can reach it, and removed
   int cpu_cores = 0;
   double cpu_clock_mhz = 0;
   std::uint64_t ram_kib = 0;
   std::string version;
   std::vector<HostNic> nics;
+  bool operator==(const HostFacts&) const = default;
 };
 
-// Writes the records in one commit, with the state "running".
+// Writes the records of a host that has just started in one commit, with the state "running".
 // Errors: what the store says; kCorrupt when a stored record is no object; kConflict when others change it all the
 // time.
 Status RegisterHost(store::Store& store, const HostFacts& facts, std::chrono::system_clock::time_point now);
+
+struct HostTimes {
+  std::chrono::system_clock::time_point started;
+  std::chrono::system_clock::time_point now;
+};
+
+// The same for a host that has run for a while: a state that others gave it stays, unless it is "inaccessible".
+Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& times);
 
 // Tells that the host lives. Only the key "seen" changes, but for a record that says "inaccessible": it gets the state
 // "running" back. kNotFound, and nothing is written, when the host has no record.
@@ -57,12 +69,17 @@ Status TouchHost(store::Store& store, const std::string& host_id, std::chrono::s
 // Sets the state to "inaccessible"; nothing to do when the host has no record.
 Status LeaveHost(store::Store& store, const std::string& host_id);
 
-// Keeps the record current while it lives: registers, touches at every interval, and leaves at the end. What fails is
-// logged, and tried again at the next interval: a full disk keeps no host from serving.
-// Threads: has one of its own; constructed and destroyed by one.
+// What a host can tell of itself now. What cannot be read is 0 or empty.
+using GatherFacts = std::function<HostFacts()>;
+
+// Keeps the record current while it lives: registers, and leaves at the end. At every interval it gathers the facts and
+// writes them when they have changed or the record has gone; otherwise it touches. A new clock speed alone is no
+// change: many machines tell the present one, which is never the same. What cannot be read keeps the value that it had.
+// What fails is logged, and tried again at the next interval: a full disk keeps no host from serving.
+// Threads: has one of its own; constructed and destroyed by one. `gather` runs in the constructor, then on that thread.
 class HostPresence {
  public:
-  HostPresence(std::shared_ptr<store::Store> store, HostFacts facts,
+  HostPresence(std::shared_ptr<store::Store> store, GatherFacts gather,
                std::chrono::milliseconds interval = kPresenceInterval);
   ~HostPresence();
   HostPresence(const HostPresence&) = delete;
@@ -70,12 +87,16 @@ class HostPresence {
 
  private:
   void Announce();
+  Status Write(const HostFacts& facts, std::chrono::system_clock::time_point now) const;
   void Run();
 
   const std::shared_ptr<store::Store> store_;
-  const HostFacts facts_;
+  const GatherFacts gather_;
   const std::chrono::milliseconds interval_;
-  bool registered_ = false;  // of the constructor, then of the thread
+  // Of the constructor, then of the thread:
+  HostFacts facts_;  // as they were written last
+  std::chrono::system_clock::time_point started_;
+  bool registered_ = false;  // whether they ever were
   bool failing_ = false;     // so that a lasting failure is logged once
   std::mutex mutex_;
   std::condition_variable wake_;

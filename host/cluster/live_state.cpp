@@ -106,10 +106,6 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
 
 }  // namespace
 
-std::string LiveStateKey(const std::string& guest_id) { return GuestKey(guest_id, keys::state); }
-
-std::string LiveRecordKey(const std::string& guest_id) { return store::MakeKey({"live", guest_id}); }
-
 Result<Observed> Observe(store::Store& store, const std::string& guest_id, const Observation& observation) {
   if (!IsGuestState(observation.state)) return Error(ErrorCode::kInvalid, "What was observed is no state of a guest");
   if (observation.host_id.empty() || !IsValidUtf8(observation.host_id)) {
@@ -139,11 +135,6 @@ Result<std::uint64_t> StartEpoch(store::Store& store, const std::string& host_id
   });
   if (!committed) return committed.error();
   return epoch;
-}
-
-void ForgetLiveState(store::Transaction& transaction, const std::string& guest_id) {
-  transaction.operations.push_back({LiveStateKey(guest_id), std::nullopt});
-  transaction.operations.push_back({LiveRecordKey(guest_id), std::nullopt});
 }
 
 }  // namespace vexa::cluster

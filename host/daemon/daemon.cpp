@@ -312,11 +312,14 @@ class Daemon::Impl {
 
   // Once requests are answered: from now on others may count on this host.
   void JoinCluster(const Config& config) {
-    cluster::HostFacts facts = services::GatherHostFacts(host_id_, VEXA_VERSION, services::Machine());
     if (!config.listen.empty()) web_port_ = port(0);
     // Without a listener for other hosts nobody can reach this one.
-    if (!config.cluster_listen.empty()) facts.cluster_address = cluster_address();
-    presence_ = std::make_unique<cluster::HostPresence>(store_, std::move(facts));
+    const std::string address = config.cluster_listen.empty() ? "" : cluster_address();
+    presence_ = std::make_unique<cluster::HostPresence>(store_, [host_id = host_id_, address] {
+      cluster::HostFacts facts = services::GatherHostFacts(host_id, VEXA_VERSION, services::Machine());
+      facts.cluster_address = address;
+      return facts;
+    });
   }
 
   void LogListeners(const Config& config) const {

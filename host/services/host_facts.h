@@ -1,4 +1,4 @@
-// What this host tells the cluster about itself when it starts.
+// What this host tells the cluster about itself.
 #pragma once
 
 #include <functional>

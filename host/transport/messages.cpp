@@ -28,6 +28,25 @@ std::string Quotable(std::string_view text) {
   return result;
 }
 
+// Every value but the first of its container follows a comma, and the first one an opening bracket. Strings end here
+// where they end for the parser, in every text that is JSON.
+bool HasTooManyValues(std::string_view text) {
+  if (text.size() <= kMaxReplyValues) return false;
+  std::size_t values = 1;
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"') {
+      in_string = !in_string;
+    } else if (in_string) {
+      if (c == '\\') ++i;
+    } else if (c == ',' || c == '[' || c == '{') {
+      ++values;
+    }
+  }
+  return values > kMaxReplyValues;
+}
+
 }  // namespace
 
 std::string PathOf(const VexaDRCore::Request& request) {
@@ -48,6 +67,9 @@ Json::Value FailedReply(std::string_view host_id, std::string_view reason) {
 }
 
 Json::Value ParseReply(std::string_view host_id, std::string_view body) {
+  if (HasTooManyValues(body)) {
+    return FailedReply(host_id, "it answered with more than " + std::to_string(kMaxReplyValues) + " values");
+  }
   Result<Json::Value> parsed = ParseJson(body);
   // The parser's reason quotes the text, which is the other host's and none of our caller's business.
   if (!parsed) return FailedReply(host_id, "it answered with something that is no JSON, or is nested too deeply");

@@ -12,6 +12,8 @@
 namespace vexa::transport {
 
 inline constexpr std::size_t kMaxReplyBytes = std::size_t{16} << 20;
+// A value takes 2 bytes as text, and a hundred once it is parsed.
+inline constexpr std::size_t kMaxReplyValues = 2'000'000;
 
 // "/webapi/<API>/<method>?version=<n>"; empty when the API's or the method's name is none: letters, digits, "_" and
 // ".", at least one of them no ".".
@@ -24,7 +26,8 @@ std::string BodyOf(const VexaDRCore::Request& request);
 // from outside.
 Json::Value FailedReply(std::string_view host_id, std::string_view reason);
 
-// The reply in `body`; a failed one when it is no JSON object, or too deep.
+// The reply in `body`; a failed one when it is no JSON object, too deep, or more than kMaxReplyValues values, of which
+// an empty array or object counts as two.
 Json::Value ParseReply(std::string_view host_id, std::string_view body);
 
 }  // namespace vexa::transport

@@ -68,6 +68,25 @@ eth0       ethernet  192.0.2.1  02:00:00:00:00:01  10000  connected
                                           HasSubstr(std::string("{\"host_id\":\"") + kHost + "\"}")));
 }
 
+TEST_F(Host, Numbers_AreShownAsPeopleWriteThem) {
+  for (const auto& [number, shown] :
+       {std::pair("2596.1239999999998", "2596.124"), std::pair("2400.0", "2400"), std::pair("2400", "2400"),
+        std::pair("100.0", "100"), std::pair("0.5", "0.5"), std::pair("1.9996", "2"), std::pair("0.0004", "0"),
+        std::pair("-0.0004", "0"), std::pair("-12.50", "-12.5"), std::pair("1e300", "1e+300"),
+        std::pair("18446744073709551615", "18446744073709551615"), std::pair("\"7.2500\"", "7.2500")}) {
+    const ScriptedServer server({HttpReplyOf(
+        200, std::string(R"({"success":true,"data":{"cpu_cores":)") + number + R"(,"cpu_clock_speed":)" + number +
+                 R"(,"resources":{"free_cpu_ghz":)" + number + R"(},"interfaces":[{"speed":)" + number + "}]}}")});
+    const auto result = RunOn(server, {"host", "show"});
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    const std::string text = shown;
+    EXPECT_THAT(result.output, AllOf(HasSubstr("Cores     " + text + "\n"), HasSubstr("Clock     " + text + " MHz\n"),
+                                     HasSubstr("Free CPU  " + text + " GHz\n"), HasSubstr(" " + text + " ")));
+  }
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"cpu_clock_speed":2596.1239999999998}})")});
+  EXPECT_THAT(RunOn(server, {"host", "show", "--json"}).output, HasSubstr("2596.1239999999998"));
+}
+
 TEST_F(Host, ShowById_AsksOnce) {
   const ScriptedServer server({HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"host", "show", kHost, "--json"});

@@ -51,10 +51,21 @@ TEST(TransportReply, OfAnHttpFailure_IsKeptAsItIs) {
 }
 
 TEST(TransportReply, BelowTheLimits_IsAccepted) {
-  for (const std::string& text : {ObjectOfSize(10 * kMiB), ObjectOfSize(16 * kMiB), Nested(64)}) {
+  for (const std::string& text : {ObjectOfSize(10 * kMiB), ObjectOfSize(16 * kMiB), Nested(64),
+                                  ObjectOfValues(2'000'000, "0"), ObjectOfValues(1'000'000, "[]")}) {
     const JsonHost host{std::string(text)};
     const InstalledTransport transport({{kHost, host.address()}});
     EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()) << text.size();
+  }
+}
+
+TEST(TransportReply, CommasAndBracketsInTexts_AreNoValues) {
+  for (const std::string& part : {std::string(",[{"), std::string("\\\","), std::string(R"(\\\",[)")}) {
+    std::string text = R"({"success":true,"data":")";
+    for (int i = 0; i < 2'500'000; ++i) text += part;
+    const JsonHost host{text + "\"}"};
+    const InstalledTransport transport({{kHost, host.address()}});
+    EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()) << part;
   }
 }
 

@@ -21,6 +21,13 @@ std::string Nested(std::size_t levels) {
   return "{\"success\":true,\"data\":" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
 }
 
+std::string ObjectOfValues(std::size_t values, const std::string& element) {
+  constexpr std::size_t kOthers = 3;  // the reply, true and the array
+  std::string text = R"({"success":true,"data":[)" + element;
+  for (std::size_t i = kOthers + 1; i < values; ++i) text += "," + element;
+  return text + "]}";
+}
+
 const std::vector<Misbehaviour>& Misbehaviours() {
   static const std::vector<Misbehaviour> rows{
       {"HangsUp", {"", Then::kClose}, "hung up"},
@@ -50,6 +57,12 @@ const std::vector<Misbehaviour>& Misbehaviours() {
       {"AnswersOneByteTooMuchUnannounced",
        {"HTTP/1.1 200 OK\r\n\r\n" + ObjectOfSize(16 * kMiB + 1), Then::kClose},
        "larger than 16 MiB"},
+      {"AnswersTooManyValues", {Reply(ObjectOfValues(2'000'001, "0")), Then::kClose}, "more than 2000000 values"},
+      {"AnswersTooManyTexts", {Reply(ObjectOfValues(2'000'001, "\"\\\"\"")), Then::kClose}, "more than 2000000 values"},
+      {"AnswersTooManyEmptyArrays", {Reply(ObjectOfValues(2'000'001, "[]")), Then::kClose}, "more than 2000000 values"},
+      {"AnswersAsManyValuesAsFit",
+       {Reply(ObjectOfValues(8 * kMiB - 20, "0")), Then::kClose},
+       "more than 2000000 values"},
       {"Redirects",
        {"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n", Then::kClose},
        "no JSON"},

@@ -25,6 +25,9 @@ std::string ObjectOfSize(std::size_t bytes);
 // A successful reply that is an object with arrays within arrays.
 std::string Nested(std::size_t levels);
 
+// A successful reply of so many values, itself among them; most are `element`, which counts as one.
+std::string ObjectOfValues(std::size_t values, const std::string& element);
+
 // "127.0.0.1:<port>"
 std::string AddressOfUrl(const ScriptedServer& server);
 

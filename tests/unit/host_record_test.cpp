@@ -4,6 +4,10 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <utility>
 
 #include "host/cluster/environment.h"
 #include "host/services/host_facts.h"
@@ -68,21 +72,47 @@ TEST(HostRecord, Registration_WritesWhatOthersRead) {
 
 TEST(HostRecord, Registration_KeepsWhatOthersWrote) {
   TestHost host;
-  host.PutText("host", kHost, R"({"prefer_connect_ip":"192.0.2.9","name":"old","cluster_address":"kept:1"})");
+  host.PutText("host", kHost, R"({"prefer_connect_ip":"192.0.2.9","name":"old","state":"network_warn"})");
   ASSERT_TRUE(host.store()
                   .Commit({{},
                            {{std::string("/dash/host/") + kHost + "/nics/nic-1", R"({"bridge_name":"br0"})"},
                             {std::string("/dash/host/") + kHost + "/nics/gone", R"({"name":"eth9"})"}}})
                   .ok());
-  HostFacts facts = Facts();
-  facts.cluster_address.clear();
-  ASSERT_TRUE(RegisterHost(host.store(), facts, kNow).ok());
+  ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
   EXPECT_EQ(Read("object")["prefer_connect_ip"], "192.0.2.9");
   EXPECT_EQ(Read("object")["name"], "one");
-  EXPECT_EQ(Read("object")["cluster_address"], "kept:1");
+  EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running) << "of an earlier life";
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"})["bridge_name"], "br0");
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"})["name"], "eth0");
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "gone"})["name"], "eth9");
+}
+
+// The address of an earlier start would send other hosts to a port that nobody, or somebody else, listens on.
+TEST(HostRecord, StartWithoutAClusterAddress_RemovesTheOldOne) {
+  TestHost host;
+  ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
+  HostFacts facts = Facts();
+  facts.cluster_address.clear();
+  ASSERT_TRUE(RegisterHost(host.store(), facts, kNow).ok());
+  EXPECT_FALSE(Read("object").isMember("cluster_address"));
+}
+
+TEST(HostRecord, Update_KeepsTheStartAndStatesOfOthers) {
+  TestHost host;
+  ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
+  for (const auto& [before, after] : {std::pair(VexaCCC::State::Host::network_warn, VexaCCC::State::Host::network_warn),
+                                      std::pair(VexaCCC::State::Host::inaccessible, VexaCCC::State::Host::running)}) {
+    Json::Value record = Read("object");
+    record["state"] = before;
+    host.Put("host", kHost, record);
+    HostFacts facts = Facts();
+    facts.addresses = {"192.0.2.7"};
+    ASSERT_TRUE(UpdateHost(host.store(), facts, {kNow, kNow + seconds(60)}).ok());
+    EXPECT_EQ(Read("object")["addresses"], Parsed(R"(["192.0.2.7"])"));
+    EXPECT_EQ(Read("object")["state"], after);
+    EXPECT_EQ(Read("object")["started"], 1'800'000'000);
+    EXPECT_EQ(Read("seen")["time"], 1'800'000'060);
+  }
 }
 
 TEST(HostRecord, DamagedRecord_IsNotOverwritten) {
@@ -159,7 +189,7 @@ TEST(HostRecord, OtherStates_AreLeftToWhoeverSetThem) {
 TEST(HostPresence, Life_IsSeenAndItsEndToo) {
   TestHost host;
   {
-    const HostPresence presence(CurrentEnvironment()->store, Facts(), milliseconds(5));
+    const HostPresence presence(CurrentEnvironment()->store, Facts, milliseconds(5));
     EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running) << "at once";
     ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());  // somebody thought that it was gone
     for (int i = 0; i < 4000 && Read("object")["state"] != VexaCCC::State::Host::running; ++i) {
@@ -173,13 +203,125 @@ TEST(HostPresence, Life_IsSeenAndItsEndToo) {
 TEST(HostPresence, UnreadableStoreAtTheStart_IsTriedAgain) {
   TestHost host;
   host.store().FailSnapshots();
-  const HostPresence presence(CurrentEnvironment()->store, Facts(), milliseconds(5));
+  const HostPresence presence(CurrentEnvironment()->store, Facts, milliseconds(5));
   host.store().Heal();
   Json::Value record;
   for (int i = 0; i < 4000 && Dashboard(DashCate::Host, kHost).Get(record, "object") != 0; ++i) {
     std::this_thread::sleep_for(milliseconds(5));
   }
   EXPECT_EQ(record["name"], "one");
+}
+
+// Facts that a test changes while the host runs.
+class ChangingFacts {
+ public:
+  GatherFacts gather() {
+    return [this] {
+      const std::lock_guard lock(mutex_);
+      ++gathered_;
+      return facts_;
+    };
+  }
+  void Change(const std::function<void(HostFacts&)>& change) {
+    const std::lock_guard lock(mutex_);
+    change(facts_);
+  }
+  // Until those that are there now were gathered and dealt with.
+  void Await() {
+    const int until = gathered() + 2;
+    while (gathered() < until) std::this_thread::sleep_for(milliseconds(1));
+  }
+  int gathered() {
+    const std::lock_guard lock(mutex_);
+    return gathered_;
+  }
+
+ private:
+  std::mutex mutex_;
+  HostFacts facts_ = Facts();
+  int gathered_ = 0;
+};
+
+TEST(HostPresence, ChangedFacts_AreWritten) {
+  TestHost host;
+  ChangingFacts facts;
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const Json::Value started = Read("object")["started"];
+  facts.Change([](HostFacts& all) {
+    all.name = "two";
+    all.addresses = {"192.0.2.7", "2001:db8::7"};
+    all.cluster_address = "192.0.2.7:8643";
+    all.cpu_cores = 8;
+    all.ram_kib = 32'000'000;
+    all.nics.push_back({"nic-2", "eth1", "02:00:00:00:00:02"});
+  });
+  facts.Await();
+  const Json::Value record = Read("object");
+  EXPECT_EQ(record["name"], "two");
+  EXPECT_EQ(record["addresses"], Parsed(R"(["192.0.2.7","2001:db8::7"])"));
+  EXPECT_EQ(record["cluster_address"], "192.0.2.7:8643");
+  EXPECT_EQ(record["cpu_cores"], 8);
+  EXPECT_EQ(record["ram_size"], 32'000'000);
+  EXPECT_EQ(record["started"], started);
+  EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-2"})["name"], "eth1");
+  facts.Change([](HostFacts& all) { all.nics[1].name = "lan1"; });
+  facts.Await();
+  EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-2"})["name"], "lan1");
+}
+
+TEST(HostPresence, NothingNew_LeavesTheRecordAlone) {
+  TestHost host;
+  ChangingFacts facts;
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const store::Revision before = RevisionOf(host, TestHost::ObjectKey("host", kHost));
+  const store::Revision seen = RevisionOf(host, std::string("/dash/host/") + kHost + "/seen");
+  facts.Await();
+  facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 2596.124; });  // as it flickers on many machines
+  facts.Await();
+  facts.Change([](HostFacts& all) {
+    const HostFacts full = std::exchange(all, HostFacts());  // nothing could be read
+    all.host_id = full.host_id;
+    all.cluster_address = full.cluster_address;
+    all.version = full.version;
+  });
+  facts.Await();
+  EXPECT_EQ(RevisionOf(host, TestHost::ObjectKey("host", kHost)), before);
+  EXPECT_GT(RevisionOf(host, std::string("/dash/host/") + kHost + "/seen"), seen);
+}
+
+TEST(HostPresence, ClockThatBecomesKnown_IsWritten) {
+  TestHost host;
+  ChangingFacts facts;
+  facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 0; });
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 2400; });
+  facts.Await();
+  EXPECT_EQ(Read("object")["cpu_clock_speed"], 2400.0);
+}
+
+TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
+  TestHost host;
+  ChangingFacts facts;
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const Json::Value before = Read("object");
+  const std::string nic = std::string("/dash/host/") + kHost + "/nics/nic-1";
+  ASSERT_TRUE(
+      host.store().Commit({{}, {{TestHost::ObjectKey("host", kHost), std::nullopt}, {nic, std::nullopt}}}).ok());
+  facts.Await();
+  EXPECT_EQ(Read("object"), before);
+  EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"})["name"], "eth0");
+}
+
+TEST(HostPresence, ChangeThatCannotBeWritten_IsTriedAgain) {
+  TestHost host;
+  ChangingFacts facts;
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  host.store().FailCommits();
+  facts.Change([](HostFacts& all) { all.addresses.clear(); });
+  facts.Await();
+  host.store().Heal();
+  facts.Await();
+  EXPECT_EQ(Read("object")["addresses"], Json::Value(Json::arrayValue));
 }
 
 std::string MacOf(const std::string& name) { return name == "eth0" || name == "renamed0" ? "020000000001" : ""; }

@@ -2,12 +2,15 @@
 #include <gmock/gmock.h>
 #include <stdlib.h>
 
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "cli/import_command.h"
 #include "host/base/json_parse.h"
+#include "host/cluster/live_state.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/unit/import_words.h"
@@ -91,6 +94,26 @@ class ImportOnStore : public ::testing::Test {
     ASSERT_TRUE(store_->Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}).ok());
   }
 
+  // "" when there is none.
+  std::string Text(const std::string& key) {
+    const auto snapshot = store_->Read();
+    EXPECT_TRUE(snapshot.ok());
+    const auto value = (*snapshot)->Get(key);
+    EXPECT_TRUE(value.ok());
+    return value->has_value() ? std::string((*value)->text) : "";
+  }
+
+  static cluster::Observation Observed(const std::string& state, std::uint64_t counter, const std::string& host = "a") {
+    return {state, {1, counter}, host, std::chrono::system_clock::time_point(std::chrono::seconds(1'800'000'000))};
+  }
+
+  // The host tells the state of the first guest.
+  void Tell(const std::string& state, std::uint64_t counter, const std::string& host = "a") {
+    const auto told = cluster::Observe(*store_, kFirst, Observed(state, counter, host));
+    ASSERT_TRUE(told.ok()) << told.error().ToString();
+    ASSERT_EQ(*told, cluster::Observed::kStored);
+  }
+
   std::string folder_;
   std::shared_ptr<store::Store> store_;
   std::string out_;
@@ -150,6 +173,68 @@ TEST_F(ImportOnStore, ReplaceOfARunningGuest_IsRefused) {
   ASSERT_FALSE(Run({File("a.xml", Domain(kFirst, "one")), "--replace"}).ok());
   EXPECT_THAT(err_, HasSubstr("is in the state 'guest_running': shut it down before it is replaced"));
   EXPECT_EQ(Record("guest", kFirst)["state"], "guest_running");
+}
+
+TEST_F(ImportOnStore, ReplaceOfAGuestThatRunsByItsLiveState_IsRefused) {
+  Put("guest", kFirst, R"({"name":"one","state":"guest_shutdown","host_id":"a"})");
+  const std::string file = File("a.xml", Domain(kFirst, "one"));
+  Tell("guest_running", 1);
+  const store::Revision before = Revision();
+  for (const char* option : {"--replace", "--dry-run"}) {
+    ASSERT_FALSE(Run({file, "--replace", option}).ok());
+    EXPECT_THAT(err_, HasSubstr("is in the state 'guest_running': shut it down before it is replaced"));
+  }
+  EXPECT_EQ(Revision(), before);
+  Tell("guest_shutdown", 2);
+  EXPECT_TRUE(Run({file, "--replace"}).ok()) << err_;
+}
+
+TEST_F(ImportOnStore, LiveStateOfAShutDownGuest_GoesBeforeItsRecords) {
+  Put("guest", kFirst, R"({"name":"one","state":"guest_running","host_id":"a"})");
+  Tell("guest_shutdown", 1);
+  EXPECT_TRUE(Run({File("a.xml", Domain(kFirst, "one")), "--replace"}).ok()) << err_;
+}
+
+TEST_F(ImportOnStore, LiveStateThatCannotBeUnderstood_RefusesTheReplacement) {
+  Put("guest", kFirst, R"({"name":"one","state":"guest_shutdown"})");
+  for (const char* text : {"{", "7", "null", "{}", "\"\""}) {
+    ASSERT_TRUE(store_->Commit({{}, {{cluster::LiveStateKey(kFirst), text}}}).ok());
+    ASSERT_FALSE(Run({File("a.xml", Domain(kFirst, "two")), "--replace"}).ok()) << text;
+    EXPECT_THAT(err_, HasSubstr("live state")) << text;
+  }
+  EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+}
+
+TEST_F(ImportOnStore, ReplacedOnTheSameHost_OlderObservationsStayOlder) {
+  constexpr const char* kHost = "11111111-2222-4333-8444-55555555555a";
+  const std::string file = File("a.xml", Domain(kFirst, "one"));
+  ASSERT_TRUE(Run({file, "--host-id", kHost}).ok()) << err_;
+  Tell("guest_shutdown", 5, kHost);
+  ASSERT_TRUE(Run({file, "--host-id", kHost, "--replace"}).ok()) << err_;
+  EXPECT_EQ(Text(cluster::LiveStateKey(kFirst)), "\"guest_shutdown\"");
+  EXPECT_EQ(*cluster::Observe(*store_, kFirst, Observed("guest_running", 4, kHost)), cluster::Observed::kOlder);
+  EXPECT_EQ(*cluster::Observe(*store_, kFirst, Observed("guest_running", 6, kHost)), cluster::Observed::kStored);
+}
+
+TEST_F(ImportOnStore, ReplacedForAnotherHost_BeginsWithoutALiveState) {
+  constexpr const char* kHost = "11111111-2222-4333-8444-55555555555a";
+  Put("guest", kFirst, R"({"name":"one","host_id":"a"})");
+  Tell("guest_shutdown", 5);
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "one")), "--host-id", kHost, "--replace"}).ok()) << err_;
+  EXPECT_EQ(Text(cluster::LiveStateKey(kFirst)), "");
+  EXPECT_EQ(Text(cluster::LiveRecordKey(kFirst)), "");
+  EXPECT_EQ(*cluster::Observe(*store_, kFirst, Observed("guest_running", 6)), cluster::Observed::kNotOurs);
+}
+
+TEST_F(ImportOnStore, StateThatAGoneGuestLeftBehind_IsNotTheNewOnes) {
+  ASSERT_TRUE(store_
+                  ->Commit({{},
+                            {{cluster::LiveStateKey(kFirst), "\"guest_running\""},
+                             {cluster::LiveRecordKey(kFirst), R"({"host_id":"gone"})"}}})
+                  .ok());
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "one"))}).ok()) << err_;
+  EXPECT_EQ(Text(cluster::LiveStateKey(kFirst)), "");
+  EXPECT_EQ(Text(cluster::LiveRecordKey(kFirst)), "");
 }
 
 TEST_F(ImportOnStore, NameOfAnotherGuest_IsRefused) {
@@ -233,10 +318,11 @@ TEST_F(ImportOnStore, ConnectionThatCannotBeOpened_IsAnError) {
 // Between the look at the store and the commit somebody else writes the same guest.
 class RacingStore : public store::Store {
  public:
-  RacingStore(store::Store& base, std::string key) : base_(base), key_(std::move(key)) {}
+  RacingStore(store::Store& base, std::string key, std::string text = R"({"name":"theirs"})")
+      : base_(base), key_(std::move(key)), text_(std::move(text)) {}
   Result<std::unique_ptr<store::Snapshot>> Read() const override { return base_.Read(); }
   Result<store::Revision> Commit(const store::Transaction& transaction) override {
-    EXPECT_TRUE(base_.Commit({{}, {{key_, R"({"name":"theirs"})"}}}).ok());
+    EXPECT_TRUE(base_.Commit({{}, {{key_, text_}}}).ok());
     return base_.Commit(transaction);
   }
   Result<store::ChangeBatch> Watch(std::string_view prefix, store::Revision from,
@@ -248,7 +334,21 @@ class RacingStore : public store::Store {
  private:
   store::Store& base_;
   std::string key_;
+  std::string text_;
 };
+
+TEST_F(ImportOnStore, GuestThatStartsMeanwhile_IsNotReplaced) {
+  Put("guest", kFirst, R"({"name":"one"})");
+  RacingStore racing(*store_, cluster::LiveStateKey(kFirst), "\"guest_running\"");
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "two"))};
+  arguments.on_existing = OnExisting::kReplace;
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+  EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+  EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+}
 
 TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {
   RacingStore racing(*store_, store::MakeKey({"dash", "guest", kFirst, "object"}));

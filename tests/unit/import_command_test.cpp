@@ -237,12 +237,15 @@ std::vector<std::pair<std::string, std::string>> Operations(const store::Transac
 
 TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {});
-  ASSERT_THAT(transaction.compares, SizeIs(1));
+  ASSERT_THAT(transaction.compares, SizeIs(2));
   EXPECT_EQ(transaction.compares[0].key, "/dash/guest/g/object");
   EXPECT_EQ(transaction.compares[0].revision, 0u);
+  EXPECT_EQ(transaction.compares[1].key, "/dash/guest/g/state");
+  EXPECT_EQ(transaction.compares[1].revision, 0u);
   EXPECT_THAT(
       Operations(transaction),
       ElementsAre(Pair("/dash/guest/g/object", R"({"autorun":0,"name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
+                  Pair("/dash/guest/g/state", "-"), Pair("/live/g", "-"),
                   Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"), Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"),
                   Pair("/dash/vnic/n1/object", "{}")));
 }
@@ -250,11 +253,13 @@ TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
 TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoesNotSay) {
   StoredGuest stored;
   stored.revision = 7;
+  stored.live_revision = 9;
   stored.record = *ParseJson(R"({"name":"old","autorun":1,"ha_group_id":"h","desc":"gone",
                                  "vdisks":["d2","d3","d3",5],"vnics":["n1","n2"]})");
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), stored);
-  ASSERT_THAT(transaction.compares, SizeIs(1));
+  ASSERT_THAT(transaction.compares, SizeIs(2));
   EXPECT_EQ(transaction.compares[0].revision, 7u);
+  EXPECT_EQ(transaction.compares[1].revision, 9u);
   EXPECT_THAT(
       Operations(transaction),
       UnorderedElementsAre(

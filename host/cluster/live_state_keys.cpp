@@ -1,0 +1,19 @@
+// Where live states are: all that a program needs of them that observes nothing.
+#include "host/cluster/live_state.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
+
+namespace vexa::cluster {
+
+std::string LiveStateKey(const std::string& guest_id) {
+  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, VexaCCC::DB::_k::state});
+}
+
+std::string LiveRecordKey(const std::string& guest_id) { return store::MakeKey({"live", guest_id}); }
+
+void ForgetLiveState(store::Transaction& transaction, const std::string& guest_id) {
+  transaction.operations.push_back({LiveStateKey(guest_id), std::nullopt});
+  transaction.operations.push_back({LiveRecordKey(guest_id), std::nullopt});
+}
+
+}  // namespace vexa::cluster
