@@ -47,11 +47,8 @@ pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
 
 # For code that runs once, such as tests and option parsers: optimising it takes the compiler more time than it saves.
-# Fortified builds need some optimisation.
-set(VEXA_RUNS_ONCE -O1)
-if(VEXA_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "Debug")
-  set(VEXA_RUNS_ONCE -O0)
-endif()
+# Fortified functions need optimisation.
+set(VEXA_RUNS_ONCE -O0 -U_FORTIFY_SOURCE)
 
 # vexa_library(NAME SOURCES... LINK ...): one folder of the host as a static library.
 function(vexa_library name)

@@ -7,14 +7,17 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "fuzz/check.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/syslog_capture.h"
 #include "webapi/guest/guest.h"
+#include "webapi/guest/guest_uistate_cache.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
@@ -96,6 +99,33 @@ void CheckGuest(const Json::Value& guest, const Json::Value& asked, const VexaDR
   (void)VexaVirtualization::Guest::GetInformation("g", info, info);
 }
 
+// The guest's interface "v" is live on the host, and its record is the interface's.
+void CheckStates(const Json::Value& guest, const Json::Value& asked) {
+  std::map<std::string, int> connected;
+  Check(VexaVirtualization::GetGuestsConnectedMap(connected), "links are told when everything can be listed");
+  Check(connected.contains("g"), "every guest has its links");
+  std::string state = json::String(json::Member(guest, VexaCCC::DB::_k::state));
+  std::string shown;
+  std::string type;
+  std::string reason;
+  VexaVirtualization::GetGuestStateType(guest, connected, "g", state, shown, type, reason);
+  Check(type == "healthy" || type == "warning" || type == "error", "a guest has a severity");
+  Json::Value hosts(Json::arrayValue);
+  std::string warning;
+  VexaVirtualization::GetHAWarnReason(guest, asked, warning, hosts);
+  Check(hosts.size() == json::Elements(json::Member(guest, "hosts")).size(), "every host of a group is told");
+  Json::Value info = asked;
+  VexaVirtualization::GetGuestHAStateType(guest, info, shown, type, reason);
+  Json::Value errors = asked;
+  VexaVirtualization::AppendError("a", 5, errors);
+  VexaVirtualization::AppendError("a", "b", 5, errors);
+  std::vector<VexaVirtualization::GuestUIStatus> statuses;
+  const bool is_cache = VexaVirtualization::ParseGuestUIStatusCache(asked, statuses);
+  Check(is_cache == json::Member(asked, "guests").isArray(), "a cached value has guests");
+  (void)VexaVirtualization::JoinJsArray(asked, ",");
+  (void)VexaVirtualization::IsContain(asked, "a");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -121,5 +151,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckQueries(asked, response);
   CheckClusterWide(asked);
   CheckGuest(guest, asked, response);
+  platform.ids = {{"host", {kHost}}, {"guest", {"g"}}, {"vnic", {"v"}}};
+  platform.records["guest/g/object"] = guest;
+  platform.records["vnic/v/object"] = asked;
+  platform.records["repository//state"] = VexaCCC::State::Repo::online;
+  CheckStates(guest, asked);
   return 0;
 }

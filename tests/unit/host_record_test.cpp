@@ -150,6 +150,8 @@ TEST(HostRecord, OthersWriteAtTheSameTime_NothingIsLost) {
       record["count"] = written + 1;
       snapshot->reset();
       if (host.store().Commit({{{key, revision}}, {{key, record.toStyledString()}}}).ok()) ++written;
+      // One that never pauses could be first for ever.
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   });
   for (int i = 0; i < 20; ++i) {
