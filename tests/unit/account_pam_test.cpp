@@ -24,6 +24,11 @@ extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() { return "race:_dl_close_worker\n"; }
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+// libpam loads and unloads its modules under the loader's own lock, which the sanitizer does not see.
+extern "C" const char* __tsan_default_suppressions() { return "race:ld-linux-x86-64.so\n"; }
+#endif
+
 namespace vexa::base {
 namespace {
 
