@@ -3,7 +3,8 @@
 //   /log/<microseconds since 1970, 20 digits>   {"host_id", "priority", "request_id", "text", "time_us", "user"}
 //
 // An entry is at most 4 KiB. The log keeps the newest 10,000 entries of the last year; what is more goes when an entry
-// is added. Two entries never share a key, whichever hosts write them: the later one takes the next microsecond.
+// is added, by that entry's time. Two entries never share a key, whichever hosts write them: the later one takes the
+// next microsecond.
 //
 // Threads: any, at the same time.
 #pragma once

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "host/cluster/cluster_log.h"
 #include "host/cluster/environment.h"
