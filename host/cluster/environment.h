@@ -4,6 +4,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "host/base/accounts.h"
 #include "host/store/store.h"
@@ -20,6 +21,9 @@ struct Environment {
   std::string cache_directory{};
   // How long a blocking read of a cache waits while somebody else refreshes it.
   std::chrono::milliseconds cache_wait = std::chrono::seconds(60);
+  // The id of the request that the calling thread works for, empty without one; for entries of the cluster log. Null:
+  // they name none.
+  std::string_view (*request_id)() = nullptr;
 };
 
 // Makes the operations of webapi/platform/ccc.h, dr_cache.h and base.h work on `environment`; without one every

@@ -213,6 +213,7 @@ class Daemon::Impl {
     environment.accounts = accounts_;
     environment.host_id = std::move(*host_id);
     environment.cache_directory = config.data_directory + "/cache";
+    environment.request_id = CurrentRequestId;
     cluster::InstallEnvironment(std::move(environment));
     return {};
   }

@@ -16,7 +16,11 @@ namespace {
 constexpr int kUnreachable = 102;
 
 VexaDRCore::Response Answer(const std::string& host_id, SentRequest::By by, const VexaDRCore::Request& request) {
+  const std::string place = host_id + "/" + request.method();
   Platform().sent.push_back({host_id, by, request.timeout_s(), request.toJson()});
+  Platform().calls.push_back("send " + place);
+  const auto method_reply = Platform().method_replies.find(place);
+  if (method_reply != Platform().method_replies.end()) return VexaDRCore::Response(method_reply->second);
   const auto reply = Platform().replies.find(host_id);
   if (reply != Platform().replies.end()) return VexaDRCore::Response(reply->second);
   Json::Value failure(Json::objectValue);
@@ -177,7 +181,9 @@ bool IsFindInSTLContainer(const Json::Value& array, const std::string& text) {
 }
 
 int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name) {
-  const auto found = Platform().names.find(std::string(category.name()) + "/" + id);
+  const std::string place = std::string(category.name()) + "/" + id;
+  Platform().calls.push_back("name " + place);
+  const auto found = Platform().names.find(place);
   if (found == Platform().names.end()) return 2;
   name = found->second;
   return 0;
@@ -198,12 +204,14 @@ std::string TrimOVSPrefix(const std::string& name) { return name.starts_with("ov
 
 int gaIsAdvancedUser(const std::string& user) {
   ++Platform().rights_calls;
+  Platform().calls.emplace_back("rights");
   Platform().asked_user = user;
   return Platform().advanced_result;
 }
 
 int gaUserListAvail(const std::string& user, const std::string& category, std::set<std::string>& ids) {
   ++Platform().rights_calls;
+  Platform().calls.emplace_back("rights");
   Platform().asked_user = user;
   Platform().asked_category = category;
   ids = Platform().available;

@@ -30,6 +30,7 @@ struct ScriptedPlatform {
   std::string local_host_id = "local";
   std::vector<std::string> all_hosts;
   std::map<std::string, Json::Value> replies;
+  std::map<std::string, Json::Value> method_replies;  // under "<host>/<method>"; they go before `replies`
   std::vector<SentRequest> sent;
 
   // The dashboard. What is not there is not found, or has no children; `read_results` and `list_results` say
@@ -71,6 +72,25 @@ struct ScriptedPlatform {
   std::map<std::string, std::string> repo_hosts;
   std::map<std::string, int> conf_results;
   std::vector<std::string> conf_reads;
+
+  // The answers to who runs a guest, result and host, in turn, the last one for good; -1 without any. A host is handed
+  // out whatever the result.
+  std::vector<std::pair<int, std::string>> guest_hosts;
+  bool auto_select = false;
+
+  // The cluster log, and the guests that were taken out of the guest-admin records.
+  struct ClusterLine {
+    std::string user;
+    int priority = 0;
+    std::string text;
+  };
+  std::vector<ClusterLine> cluster_log;
+  std::vector<std::string> deleted_guests;
+  int guest_delete_result = 0;
+
+  // What was called in which order: "send <host>/<method>", "guest_host <guest>", "auto_select", "upgrading",
+  // "name <category>/<id>", "log <priority>", "guest_delete <guest>", "rights".
+  std::vector<std::string> calls;
 
   // High availability, by group; as the local configuration. Results are by "state", "warn" and "error".
   std::map<std::string, std::string> ha_states;

@@ -53,6 +53,7 @@ std::string toString(int bit) { return "problem" + std::to_string(bit); }
 
 int CCCIsIncompatibleUpgrading() {
   ++Platform().upgrade_calls;
+  Platform().calls.emplace_back("upgrading");
   return Platform().upgrading;
 }
 

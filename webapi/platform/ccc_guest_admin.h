@@ -25,6 +25,10 @@ std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numer
 // success; nothing is changed otherwise. The second argument is empty.
 int gaUserSet(const std::string& identifier, const std::string& empty, const std::vector<Rule>& rules);
 
+// Takes a guest out of every record. 0, also when no record has it. Negative when one could not be read or changed: it
+// is taken out of the others where possible.
+int gaGuestDelete(const std::string& guest_id);
+
 }  // namespace VexaCCC
 
 #pragma GCC visibility pop

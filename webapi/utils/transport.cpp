@@ -58,10 +58,10 @@ bool IsWholeReply(const VexaDRCore::Response& response) {
 }
 
 void LogBadResponse(int priority, int position, const VexaDRCore::Response& response,
-                    const VexaDRCore::Request& request) {
+                    const VexaDRCore::Request& request, const char* unit) {
   const std::string reply_text = json::ToText(response.toJson());
   const std::string request_text = json::ToText(request.toJson());
-  VEXA_LOG_AT(priority, "utils", position, "Bad response [%s]/ request [%s]", reply_text.c_str(), request_text.c_str());
+  VEXA_LOG_AT(priority, unit, position, "Bad response [%s]/ request [%s]", reply_text.c_str(), request_text.c_str());
 }
 
 }  // namespace transport

@@ -29,8 +29,8 @@ const Json::Value& ItemData(const Json::Value& data, Json::ArrayIndex index);
 bool IsWholeReply(const VexaDRCore::Response& response);
 
 // Writes "Bad response" with the reply and the request to the system log. `position` is the caller's __LINE__, or what
-// log watchers know the line by.
+// log watchers know the line by; `unit` is the caller's source unit.
 void LogBadResponse(int priority, int position, const VexaDRCore::Response& response,
-                    const VexaDRCore::Request& request);
+                    const VexaDRCore::Request& request, const char* unit = "utils");
 
 }  // namespace VexaVirtualization::transport

@@ -1,0 +1,169 @@
+#include "host/cluster/cluster_log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "host/base/json_parse.h"
+#include "host/cluster/log_text.h"
+#include "host/cluster/object_edit.h"
+#include "host/cluster/reading.h"
+#include "host/store/key.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr std::string_view kPrefix = "/log";
+constexpr std::size_t kDigits = 20;
+// The longest that names get; what is left of an entry is the text's.
+constexpr std::size_t kMaxNameBytes = 256;
+// A commit must not grow with what is too much, so one that adds an entry takes away this many at most.
+constexpr std::size_t kMostTrimmed = 500;
+
+constexpr char kTime[] = "time_us";
+constexpr char kHost[] = "host_id";
+constexpr char kUser[] = "user";
+constexpr char kPriority[] = "priority";
+constexpr char kText[] = "text";
+constexpr char kRequest[] = "request_id";
+
+std::string Position(std::int64_t time_us) {
+  char digits[kDigits + 1];
+  std::snprintf(digits, sizeof digits, "%020lld", static_cast<long long>(time_us));
+  return digits;
+}
+
+bool IsPosition(std::string_view text) {
+  return text.size() == kDigits && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::string EntryKey(std::string_view position) { return store::MakeKey({"log", position}); }
+
+// The position of the entry with this key; empty for a key of something else.
+std::string_view PositionOf(std::string_view key) {
+  if (key.size() != kPrefix.size() + 1 + kDigits) return {};
+  const std::string_view position = key.substr(kPrefix.size() + 1);
+  return IsPosition(position) ? position : std::string_view();
+}
+
+std::string TextOf(const LogEntry& entry) {
+  Json::Value value(Json::objectValue);
+  value[kTime] = Json::Int64{entry.time_us};
+  value[kHost] = entry.host_id;
+  value[kUser] = entry.user;
+  value[kPriority] = entry.priority;
+  value[kText] = entry.text;
+  value[kRequest] = entry.request_id;
+  return json::ToText(value);
+}
+
+// Makes the texts fit, so that the stored entry is within its bounds also where JSON escapes some of them.
+void MakeFit(LogEntry& entry) {
+  for (std::string* name : {&entry.host_id, &entry.user, &entry.request_id}) *name = LogText(*name, kMaxNameBytes);
+  entry.text = LogText(entry.text, kMaxLogEntryBytes);
+  while (true) {
+    const std::size_t size = TextOf(entry).size() + kDigits;  // the time may yet get longer
+    if (size <= kMaxLogEntryBytes) return;
+    // A byte of the text takes two at most, so this is not too much; names leave room for most of the text.
+    const std::size_t surplus = (size - kMaxLogEntryBytes + 1) / 2;
+    entry.text = LogText(entry.text, entry.text.size() - surplus);
+  }
+}
+
+std::optional<LogEntry> Parse(std::string_view text) {
+  const Result<Json::Value> value = ParseJson(text);
+  if (!value || !value->isObject()) return std::nullopt;
+  LogEntry entry;
+  entry.time_us = json::Int64(json::Member(*value, kTime));
+  entry.host_id = json::String(json::Member(*value, kHost));
+  entry.user = json::String(json::Member(*value, kUser));
+  entry.priority = json::Int(json::Member(*value, kPriority));
+  entry.text = json::String(json::Member(*value, kText));
+  entry.request_id = json::String(json::Member(*value, kRequest));
+  return entry;
+}
+
+// Has the oldest entries deleted that are too many once one more is there, or too old at `now_us`.
+Status AddTrimming(const store::Snapshot& snapshot, std::int64_t now_us, store::Transaction& transaction) {
+  const std::int64_t age_us = std::chrono::duration_cast<std::chrono::microseconds>(kMaxLogAge).count();
+  const std::string oldest = Position(std::max<std::int64_t>(now_us - age_us, 0));
+  std::size_t count = 1;
+  std::size_t aged = 0;
+  const auto look = [&](std::string_view key, const store::ValueView&) {
+    const std::string_view position = PositionOf(key);
+    if (position.empty()) return true;
+    ++count;
+    if (position < oldest) ++aged;
+    return true;
+  };
+  if (const Status scanned = snapshot.Scan(kPrefix, look); !scanned) return scanned;
+  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), aged), kMostTrimmed);
+  if (surplus == 0) return {};
+  return snapshot.Scan(kPrefix, [&](std::string_view key, const store::ValueView&) {
+    if (PositionOf(key).empty()) return true;
+    transaction.operations.push_back({std::string(key), std::nullopt});
+    return --surplus > 0;
+  });
+}
+
+}  // namespace
+
+Status AddLogEntry(store::Store& store, LogEntry entry) {
+  if (entry.time_us < 0) return Error(ErrorCode::kInvalid, "An entry of the cluster log cannot be older than 1970");
+  MakeFit(entry);
+  return CommitPlanned(store, [&]() -> Result<store::Transaction> {
+    const auto snapshot = store.Read();
+    if (!snapshot) return snapshot.error();
+    std::string key = EntryKey(Position(entry.time_us));
+    while (true) {
+      const auto taken = (*snapshot)->Get(key);
+      if (!taken) return taken.error();
+      if (!taken->has_value()) break;
+      key = EntryKey(Position(++entry.time_us));
+    }
+    store::Transaction transaction;
+    if (const Status trimmed = AddTrimming(**snapshot, entry.time_us, transaction); !trimmed) return trimmed.error();
+    transaction.compares.push_back({key, 0});
+    transaction.operations.push_back({key, TextOf(entry)});
+    return transaction;
+  });
+}
+
+Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
+  if (!cursor.empty() && !IsPosition(cursor)) {
+    return Error(ErrorCode::kInvalid, "This is no cursor of the cluster log");
+  }
+  limit = std::clamp<std::size_t>(limit, 1, kMaxLogPage);
+  struct Found {
+    std::string position;
+    std::string_view text;
+  };
+  std::deque<Found> found;  // the newest of what has been seen, and one more
+  const CallScope scope;    // the texts live as long as its snapshot
+  const Status scanned = ScanValues(kPrefix, [&](std::string_view key, const store::ValueView& value) {
+    const std::string_view position = PositionOf(key);
+    if (position.empty()) return true;
+    if (!cursor.empty() && position >= cursor) return false;
+    found.push_back({std::string(position), value.text});
+    if (found.size() > limit + 1) found.pop_front();
+    return true;
+  });
+  if (!scanned) return scanned.error();
+  LogPage page;
+  if (found.size() > limit) {
+    found.pop_front();
+    if (!found.empty()) page.next = found.front().position;
+  }
+  for (auto entry = found.rbegin(); entry != found.rend(); ++entry) {
+    if (std::optional<LogEntry> parsed = Parse(entry->text)) page.entries.push_back(*std::move(parsed));
+  }
+  return page;
+}
+
+}  // namespace vexa::cluster

@@ -1,0 +1,52 @@
+// The cluster log: what happened to the cluster's guests, in the users' words. VexaCCC::ClusterLogAdd writes it.
+//
+//   /log/<microseconds since 1970, 20 digits>   {"host_id", "priority", "request_id", "text", "time_us", "user"}
+//
+// An entry is at most 4 KiB. The log keeps the newest 10,000 entries of the last year; what is more goes when an entry
+// is added, by that entry's time. Two entries never share a key, whichever hosts write them: the later one takes the
+// next microsecond.
+//
+// Threads: any, at the same time.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/store/store.h"
+
+namespace vexa::cluster {
+
+inline constexpr std::size_t kMaxLogEntries = 10'000;
+inline constexpr std::chrono::hours kMaxLogAge{365 * 24};
+inline constexpr std::size_t kMaxLogEntryBytes = 4096;
+inline constexpr std::size_t kMaxLogPage = 1000;
+
+struct LogEntry {
+  std::int64_t time_us = 0;  // since 1970
+  std::string host_id;       // the host that wrote it
+  std::string user;
+  int priority = 0;  // of VexaCCC::CLOG_PRIORITY
+  std::string text;
+  std::string request_id;  // empty: no request
+};
+
+// Adds an entry for the time it names, or the first free microsecond behind. Texts are made fit: one line, valid UTF-8,
+// cut where they are too long.
+// Errors: what the store says; kConflict when others write all the time; kInvalid for a time before 1970.
+Status AddLogEntry(store::Store& store, LogEntry entry);
+
+struct LogPage {
+  std::vector<LogEntry> entries;  // newest first
+  std::string next;               // the cursor of the page of the entries before these; empty: there are none
+};
+
+// The newest entries before `cursor`, of all when it is empty, at most `limit` (1 to kMaxLogPage) of them. What is no
+// entry is left out. A cursor stays good whatever is added or trimmed.
+// Errors: kInvalid for a cursor that no page gave; what the store says.
+Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit);
+
+}  // namespace vexa::cluster

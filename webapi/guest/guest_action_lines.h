@@ -1,0 +1,59 @@
+// What power control can be asked for, and what it answers and tells users. For this library only.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "webapi/platform/ccc_log.h"
+
+namespace VexaVirtualization::power {
+
+// What fills the placeholders of a line, in order.
+enum class Fill { kNoLine, kGuest, kGuestAndHost, kOperation };
+
+// A line of the cluster log.
+struct Line {
+  const char* format = nullptr;
+  Fill fill = Fill::kNoLine;
+};
+
+struct Action {
+  enum class Target { kGuestsHost, kListedHosts };
+  // Whether a guest of another host is left alone while the cluster is in an incompatible upgrade.
+  enum class InUpgrade { kAsUsual, kRefused };
+
+  std::string_view name;
+  const char* method;  // of the hosts
+  Target target;
+  InUpgrade in_upgrade;
+  Line success;
+  // For host codes that have no row of their own.
+  int other_answer;
+  Line other_failure;
+};
+
+// Null for anything but the exact name of one.
+const Action* FindAction(std::string_view name);
+
+struct Failure {
+  int answer;
+  Line line;
+};
+
+// What is answered and told when the host failed with this code.
+Failure FailureOf(const Action& action, int host_code);
+
+// The refusal of an operation that the versions of the cluster do not allow.
+Line IncompatibleLine();
+
+// The values of a line's placeholders.
+struct Values {
+  std::string guest;
+  std::string host;
+  std::string operation;
+};
+
+// Writes the line, if it is one, to the cluster log.
+void Tell(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line, const Values& values);
+
+}  // namespace VexaVirtualization::power
