@@ -11,7 +11,6 @@ namespace {
 constexpr std::size_t kUsbPorts = 4;
 constexpr int kDefaultUsbVersion = 2;
 constexpr std::uint64_t kMaxUsbNumber = 255;
-constexpr std::size_t kMaxLayoutBytes = 32;
 
 constexpr std::array<std::string_view, 5> kVideoCards = {"cirrus", "vga", "vmvga", "qxl", "virtio"};
 
@@ -23,13 +22,6 @@ constexpr UsbController kUsbControllers[] = {
     {"none", 0},     {"piix3-uhci", 1},     {"piix4-uhci", 1}, {"ich9-uhci1", 1}, {"ich9-uhci2", 1}, {"ich9-uhci3", 1},
     {"pci-ohci", 1}, {"vt82c686b-uhci", 1}, {"ehci", 2},       {"ich9-ehci1", 2}, {"nec-xhci", 3},   {"qemu-xhci", 3},
 };
-
-// Only the letters, digits and hyphens that layout names have ("en-us").
-bool IsLayoutName(std::string_view text) {
-  return !text.empty() && text.size() <= kMaxLayoutBytes && std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
-  });
-}
 
 void ReadKeyboard(pugi::xml_node devices, Context& context) {
   Json::Value& layout = context.guest()["kb_layout"] = "Default";

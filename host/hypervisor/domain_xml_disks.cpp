@@ -9,7 +9,6 @@ namespace {
 
 constexpr std::uint64_t kMib = std::uint64_t{1} << 20;
 constexpr std::size_t kMaxIsoImages = 2;
-constexpr std::size_t kMaxPathBytes = 4095;
 constexpr std::size_t kMaxTargetBytes = 32;
 
 constexpr int kRecordFormat = 2;
@@ -32,12 +31,6 @@ bool IsTargetName(std::string_view text) {
   return !text.empty() && text.size() <= kMaxTargetBytes && std::all_of(text.begin(), text.end(), [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
   });
-}
-
-// Absolute, without "..", and fit for a line of a log.
-bool IsPlainPath(std::string_view path) {
-  if (path.empty() || path.size() > kMaxPathBytes || path[0] != '/' || HasControlCharacters(path)) return false;
-  return (std::string(path) + "/").find("/../") == std::string::npos;
 }
 
 int ModeOf(pugi::xml_node target, const std::string& name, Context& context) {

@@ -1,4 +1,4 @@
-// What the parts of the domain XML reader share. For host/hypervisor/domain_xml*.cpp only.
+// What the parts of the domain XML reader share, and the writer with them. For host/hypervisor/domain_*.cpp only.
 #pragma once
 
 #include <cstdint>
@@ -43,6 +43,12 @@ std::string NormalizeMac(std::string_view text);
 
 // Whether `text` has control characters (C0, DEL, C1). `text` is valid UTF-8.
 bool HasControlCharacters(std::string_view text);
+
+// Absolute, without "..", and fit for a line of a log.
+bool IsPlainPath(std::string_view path);
+
+// Only the letters, digits and hyphens that names of keyboard layouts have ("en-us").
+bool IsLayoutName(std::string_view text);
 
 Error Refused(std::string message);
 

@@ -1,6 +1,7 @@
 // The small values inside domain XML: numbers, units, identifiers, addresses.
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 
@@ -152,6 +153,19 @@ bool HasControlCharacters(std::string_view text) {
     if (byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0) return true;
   }
   return false;
+}
+
+bool IsPlainPath(std::string_view path) {
+  constexpr std::size_t kMaxPathBytes = 4095;
+  if (path.empty() || path.size() > kMaxPathBytes || path[0] != '/' || HasControlCharacters(path)) return false;
+  return (std::string(path) + "/").find("/../") == std::string::npos;
+}
+
+bool IsLayoutName(std::string_view text) {
+  constexpr std::size_t kMaxLayoutBytes = 32;
+  return !text.empty() && text.size() <= kMaxLayoutBytes && std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+  });
 }
 
 }  // namespace domain_xml

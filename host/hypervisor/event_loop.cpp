@@ -1,0 +1,45 @@
+#include "host/hypervisor/event_loop.h"
+
+#include <pthread.h>
+#include <csignal>
+#include <thread>
+
+#include "host/hypervisor/handles.h"
+#include "host/hypervisor/translate.h"
+
+namespace vexa::hypervisor {
+namespace {
+
+void Run() {
+  // One failed round, out of descriptors perhaps, must not end the events of a host, and many must not eat a processor.
+  constexpr std::chrono::milliseconds kAfterFailure{100};
+  for (;;) {
+    if (virEventRunDefaultImpl() < 0) std::this_thread::sleep_for(kAfterFailure);
+  }
+}
+
+Outcome<void> Start() {
+  // Errors come back as results; libvirt would print them to stderr as well.
+  virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
+  if (virInitialize() != 0 || virEventRegisterDefaultImpl() != 0) {
+    return LastFailure(Operation::kOpen, "Cannot use libvirt");
+  }
+  // Signals are for the threads of the program that wait for them.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  // It ends with the process: connections of other parts may still need it when main has returned.
+  std::thread(Run).detach();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return {};
+}
+
+}  // namespace
+
+Outcome<void> StartEventLoop() {
+  static const Outcome<void> started = Start();
+  return started;
+}
+
+}  // namespace vexa::hypervisor

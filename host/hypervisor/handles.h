@@ -1,0 +1,25 @@
+// Owners of libvirt's objects. For host/hypervisor/*.cpp only.
+#pragma once
+
+#include <libvirt/libvirt.h>
+#include <libvirt/virterror.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace vexa::hypervisor {
+
+struct CloseConnect {
+  void operator()(virConnectPtr connection) const { virConnectClose(connection); }
+};
+struct FreeDomain {
+  void operator()(virDomainPtr domain) const { virDomainFree(domain); }
+};
+struct FreeText {
+  void operator()(char* text) const { std::free(text); }
+};
+using ConnectHandle = std::unique_ptr<virConnect, CloseConnect>;
+using DomainHandle = std::unique_ptr<virDomain, FreeDomain>;
+using TextHandle = std::unique_ptr<char, FreeText>;
+
+}  // namespace vexa::hypervisor

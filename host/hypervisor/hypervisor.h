@@ -1,0 +1,130 @@
+// Runs guests, on libvirt.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/hypervisor/outcome.h"
+
+namespace vexa::hypervisor {
+
+enum class GuestState {
+  kOff,
+  kRunning,
+  kPaused,
+  kShuttingDown,  // its system has ended, its machine not yet
+  kCrashed,       // ended by no will of its own; it can be started as one that is off
+  kGone,          // undefined
+};
+
+// As a word for logs: "off", "running", …
+std::string_view GuestStateName(GuestState state);
+
+struct GuestEvent {
+  std::string id;  // UUID
+  GuestState state = GuestState::kOff;
+};
+
+struct KnownGuest {
+  std::string id;  // UUID
+  std::string name;
+  GuestState state = GuestState::kOff;
+};
+
+struct Node {
+  std::string cpu_model;
+  unsigned cpus = 0;  // logical ones, as the scheduler counts
+  unsigned cores = 0;
+  unsigned threads_per_core = 0;
+  unsigned mhz = 0;  // 0 when libvirt does not know
+  std::uint64_t memory_mib = 0;
+};
+
+// How long to wait for a guest that was asked to shut down. A press of the power button that comes before the guest's
+// system listens is lost, so it is pressed again and again.
+struct ShutDownPatience {
+  std::chrono::milliseconds wait{0};  // 0: press once, wait for nothing
+  std::chrono::milliseconds press_again{5000};
+};
+
+enum class MemoryCheck {
+  kByMode,  // not in test mode, whose guests take no memory
+  kAlways,
+};
+
+struct HypervisorOptions {
+  // "test": libvirt's in-process test driver. It needs no rights and runs nothing: guests start with any memory, disks
+  // and networks. What it knows ends with its connection, so defined and running guests are to be restored.
+  // "embed": the QEMU driver in this process, with its state below `root`. Guests outlive the process; the next one
+  // that opens the same root adopts them. One root a process; not for root itself unless there is a user libvirt-qemu.
+  // Anything else: a libvirt URI.
+  std::string mode = "test";
+  std::string root;  // an absolute path; of embed only
+
+  // Called on a thread of the hypervisor's own, one at a time and in order: may take long, may call the hypervisor, may
+  // not destroy it.
+  std::function<void(const GuestEvent&)> on_event;
+  // The connection was lost and is there again: events may be missing, and in test mode all guests are.
+  std::function<void()> on_reopened;
+
+  // The wait before the first try to open a lost connection again; it doubles up to the last.
+  std::chrono::milliseconds first_retry{200};
+  std::chrono::milliseconds last_retry{30'000};
+  MemoryCheck memory_check = MemoryCheck::kByMode;
+};
+
+// Ids are UUIDs of the form 8-4-4-4-12. All calls block for as long as libvirt does, seconds sometimes: make them on
+// worker threads. Besides the failures named: kInvalid (no UUID), kNoSuchGuest, kBusy, kDenied, kDisconnected, kFailed.
+// A failed call leaves the guest as it was.
+// Threads: any, at the same time, on the same guest too.
+class Hypervisor {
+ public:
+  // Opens the connection; a lost one is opened again in the background for as long as the object lives. Starts
+  // libvirt's event loop, once in a process, and silences libvirt's own printing of errors: nothing else in the process
+  // may have opened a connection before. Failures: kInvalid (options), kDenied (embed as root), kUnsupported (no such
+  // driver).
+  static Outcome<std::unique_ptr<Hypervisor>> Open(HypervisorOptions options);
+
+  // No callback runs afterwards.
+  virtual ~Hypervisor() = default;
+
+  // What <domain type='…'> is to say here: "test", "kvm", or "qemu" where KVM does not work.
+  virtual std::string DomainType() const = 0;
+
+  // Adds the guest, or replaces what it will be at its next start. Gives its UUID. Failures: kInvalid, kExists.
+  virtual Outcome<std::string> Define(const std::string& xml) = 0;
+  // Failures: kAlreadyRunning.
+  virtual Outcome<void> Undefine(const std::string& id) = 0;
+
+  // Failures: kAlreadyRunning, kNoMemory, kNetworkMissing, kBridgeMissing, kDiskMissing.
+  virtual Outcome<void> Start(const std::string& id) = 0;
+  // Asks the guest's agent where there is one, else presses the power button. Failures: kNotRunning, kStillRunning.
+  virtual Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) = 0;
+  // Failures: kNotRunning.
+  virtual Outcome<void> PowerOff(const std::string& id) = 0;
+  virtual Outcome<void> Reboot(const std::string& id) = 0;
+
+  virtual Outcome<GuestState> StateOf(const std::string& id) = 0;
+  // All guests, by id.
+  virtual Outcome<std::vector<KnownGuest>> List() = 0;
+
+  // The addresses of a running guest: as its agent tells, else those that libvirt's networks gave it; without those of
+  // loopback devices and without link-local ones. Empty when nobody knows. Failures: kNotRunning.
+  virtual Outcome<std::vector<std::string>> AddressesOf(const std::string& id) = 0;
+  // Whether the agent of a running guest is connected. Failures: kNotRunning.
+  virtual Outcome<bool> HasAgent(const std::string& id) = 0;
+
+  // The bytes that guests could get: free ones, buffers and caches.
+  virtual Outcome<std::uint64_t> FreeMemory() = 0;
+  virtual Outcome<Node> NodeFigures() = 0;
+
+  virtual bool IsConnected() const = 0;
+  // Closes the connection and has it opened again, as when it was lost. Returns at once.
+  virtual void Reconnect() = 0;
+};
+
+}  // namespace vexa::hypervisor

@@ -1,0 +1,65 @@
+// The hypervisor over a connection to libvirt. For host/hypervisor/*.cpp only.
+#pragma once
+
+#include <optional>
+
+#include "host/hypervisor/link.h"
+#include "host/hypervisor/target.h"
+#include "host/hypervisor/translate.h"
+
+namespace vexa::hypervisor {
+
+class LibvirtHypervisor final : public Hypervisor {
+ public:
+  LibvirtHypervisor(Target target, MemoryCheck memory_check, std::unique_ptr<Link> link);
+
+  std::string DomainType() const override { return domain_type_; }
+  Outcome<std::string> Define(const std::string& xml) override;
+  Outcome<void> Undefine(const std::string& id) override;
+  Outcome<void> Start(const std::string& id) override;
+  Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) override;
+  Outcome<void> PowerOff(const std::string& id) override;
+  Outcome<void> Reboot(const std::string& id) override;
+  Outcome<GuestState> StateOf(const std::string& id) override;
+  Outcome<std::vector<KnownGuest>> List() override;
+  Outcome<std::vector<std::string>> AddressesOf(const std::string& id) override;
+  Outcome<bool> HasAgent(const std::string& id) override;
+  Outcome<std::uint64_t> FreeMemory() override;
+  Outcome<Node> NodeFigures() override;
+  bool IsConnected() const override { return link_->IsConnected(); }
+  void Reconnect() override { link_->Lose(); }
+
+ private:
+  // A guest and the connection it was looked up on.
+  struct Found {
+    std::shared_ptr<virConnect> connection;
+    DomainHandle domain;
+  };
+
+  Outcome<std::shared_ptr<virConnect>> Connection() const;
+  Outcome<Found> Find(const std::string& id) const;
+
+  // The failure of the libvirt call that this thread made last on `connection`; a connection that has ended is given
+  // up.
+  Failure Failed(const std::shared_ptr<virConnect>& connection, Operation operation, std::string message) const;
+  // The same of a call on a guest. Where libvirt's words do not tell whether the guest runs, it is asked.
+  Failure FailedOn(const Found& guest, Operation operation, std::string message) const;
+
+  Outcome<void> CheckMemory(const Found& guest) const;
+  Outcome<std::uint64_t> FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const;
+  Outcome<void> WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const;
+
+  const Target target_;
+  const MemoryCheck memory_check_;
+  std::string domain_type_;
+  // Destroyed first: a callback that runs meanwhile may still call.
+  const std::unique_ptr<Link> link_;
+};
+
+// What libvirt tells of a domain at this moment. Empty: it does not, see its last error.
+std::optional<GuestState> StateOfDomain(virDomainPtr domain);
+
+// Whether the machine of the guest is there: it runs, or is paused or on its way down.
+bool IsActive(GuestState state);
+
+}  // namespace vexa::hypervisor

@@ -1,0 +1,95 @@
+// Starting and stopping guests.
+#include <algorithm>
+
+#include "host/hypervisor/libvirt_hypervisor.h"
+
+namespace vexa::hypervisor {
+namespace {
+
+constexpr std::uint64_t kKib = 1024;
+
+std::string InMib(std::uint64_t bytes) { return std::to_string(bytes >> 20) + " MiB"; }
+
+}  // namespace
+
+// What QEMU says when it gets no memory has no code of its own, and by then the host may have pushed others out.
+Outcome<void> LibvirtHypervisor::CheckMemory(const Found& guest) const {
+  const bool check = memory_check_ == MemoryCheck::kAlways || domain_type_ != "test";
+  if (!check) return {};
+  const std::uint64_t needed = std::uint64_t{virDomainGetMaxMemory(guest.domain.get())} * kKib;
+  const Outcome<std::uint64_t> free = FreeMemoryOf(guest.connection);
+  // A host that does not tell its memory is no reason to refuse guests.
+  if (!free || needed <= *free) return {};
+  return Failure(Problem::kNoMemory, "The host has not enough memory for the guest",
+                 "It needs " + InMib(needed) + ", and " + InMib(*free) + " are free");
+}
+
+Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
+  const Outcome<Found> guest = Find(id);
+  if (!guest) return guest.failure();
+  const std::string failed = "Cannot start the guest " + id;
+  // First, so that a guest that runs is not said to lack the memory that it has.
+  const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
+  if (state && IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs already");
+  if (Outcome<void> memory = CheckMemory(*guest); !memory) return memory;
+  if (virDomainCreate(guest->domain.get()) != 0) return FailedOn(*guest, Operation::kStart, failed);
+  return {};
+}
+
+Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownPatience& patience) {
+  const Outcome<Found> guest = Find(id);
+  if (!guest) return guest.failure();
+  // Without flags libvirt asks the agent where one is connected, else it presses the power button.
+  if (virDomainShutdown(guest->domain.get()) != 0) {
+    return FailedOn(*guest, Operation::kStop, "Cannot shut down the guest " + id);
+  }
+  if (patience.wait.count() <= 0) return {};
+  return WaitUntilOff(*guest, patience);
+}
+
+Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const {
+  using Clock = std::chrono::steady_clock;
+  // An event that gets lost costs no more than this.
+  constexpr std::chrono::milliseconds kLook{500};
+  const Clock::time_point end = Clock::now() + patience.wait;
+  Clock::time_point press = Clock::now() + patience.press_again;
+  for (;;) {
+    const std::uint64_t seen = link_->EventCount();
+    const std::optional<GuestState> state = StateOfDomain(guest.domain.get());
+    if (!state) {
+      Failure failure = Failed(guest.connection, Operation::kRead, "Cannot read the state of the guest");
+      // Without a definition it is off as well.
+      if (failure.problem() == Problem::kNoSuchGuest) return {};
+      return failure;
+    }
+    if (!IsActive(*state)) return {};
+    const Clock::time_point now = Clock::now();
+    if (now >= end) return Failure(Problem::kStillRunning, "The guest was asked to shut down and still runs");
+    if (now >= press) {
+      // Whatever it says: the next look tells whether the guest is off.
+      virDomainShutdown(guest.domain.get());
+      press = now + patience.press_again;
+    }
+    link_->WaitForEvent(seen, std::min({end, press, now + kLook}));
+  }
+}
+
+Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {
+  const Outcome<Found> guest = Find(id);
+  if (!guest) return guest.failure();
+  if (virDomainDestroy(guest->domain.get()) != 0) {
+    return FailedOn(*guest, Operation::kStop, "Cannot power off the guest " + id);
+  }
+  return {};
+}
+
+Outcome<void> LibvirtHypervisor::Reboot(const std::string& id) {
+  const Outcome<Found> guest = Find(id);
+  if (!guest) return guest.failure();
+  if (virDomainReboot(guest->domain.get(), 0) != 0) {
+    return FailedOn(*guest, Operation::kStop, "Cannot reboot the guest " + id);
+  }
+  return {};
+}
+
+}  // namespace vexa::hypervisor

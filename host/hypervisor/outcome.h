@@ -1,0 +1,101 @@
+// What a call to the hypervisor gives: a value, or a failure whose meaning a caller can act on.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+
+#include "host/base/result.h"
+
+namespace vexa::hypervisor {
+
+enum class Problem {
+  kAlreadyRunning,  // the guest runs, and the call needs one that does not
+  kNotRunning,      // the guest does not run, and the call needs one that does
+  kNoSuchGuest,
+  kExists,          // another guest has the name or the UUID
+  kNetworkMissing,  // a network of the guest is not known to libvirt
+  kBridgeMissing,
+  kDiskMissing,   // the file of a disk, an ISO image or the firmware
+  kNoMemory,      // the host has not enough memory
+  kBusy,          // another call holds the guest; try again
+  kStillRunning,  // the guest was asked to shut down and has not within the time given
+  kAgentAbsent,   // the guest's agent does not answer
+  kInvalid,       // an id, XML or option that cannot be accepted
+  kDenied,
+  kUnsupported,   // this hypervisor cannot do it
+  kDisconnected,  // there is no connection to libvirt at present; it is being opened again
+  kFailed,        // anything else; see the cause
+};
+
+// As a word for logs: "already_running", "not_running", …
+std::string_view ProblemName(Problem problem);
+
+// The nearest general code.
+ErrorCode CodeOf(Problem problem);
+
+class Failure {
+ public:
+  Failure(Problem problem, std::string message, std::string cause = "")
+      : problem_(problem), error_(CodeOf(problem), std::move(message), std::move(cause)) {}
+
+  Problem problem() const { return problem_; }
+  const Error& error() const { return error_; }
+  std::string ToString() const { return error_.ToString(); }
+
+ private:
+  Problem problem_;
+  Error error_;
+};
+
+// As Result<T>, with a Failure in place of the Error; it converts to one.
+template <class T>
+class [[nodiscard]] Outcome {
+ public:
+  Outcome(T value) : state_(std::move(value)) {}            // NOLINT(google-explicit-constructor): as Result
+  Outcome(Failure failure) : state_(std::move(failure)) {}  // NOLINT(google-explicit-constructor)
+
+  bool ok() const { return std::holds_alternative<T>(state_); }
+  explicit operator bool() const { return ok(); }
+
+  // Only when ok().
+  T& operator*() & { return std::get<T>(state_); }
+  const T& operator*() const& { return std::get<T>(state_); }
+  T&& operator*() && { return std::get<T>(std::move(state_)); }
+  T* operator->() { return &std::get<T>(state_); }
+  const T* operator->() const { return &std::get<T>(state_); }
+
+  // Only when not ok().
+  const Failure& failure() const { return std::get<Failure>(state_); }
+
+  operator Result<T>() && {  // NOLINT(google-explicit-constructor): for callers that need no meaning
+    if (ok()) return std::get<T>(std::move(state_));
+    return failure().error();
+  }
+
+ private:
+  std::variant<T, Failure> state_;
+};
+
+template <>
+class [[nodiscard]] Outcome<void> {
+ public:
+  Outcome() = default;
+  Outcome(Failure failure) : failure_(std::move(failure)) {}  // NOLINT(google-explicit-constructor)
+
+  bool ok() const { return !failure_.has_value(); }
+  explicit operator bool() const { return ok(); }
+  const Failure& failure() const { return *failure_; }
+
+  operator Status() const {  // NOLINT(google-explicit-constructor)
+    if (ok()) return {};
+    return failure_->error();
+  }
+
+ private:
+  std::optional<Failure> failure_;
+};
+
+}  // namespace vexa::hypervisor

@@ -1,0 +1,124 @@
+#include "host/hypervisor/translate.h"
+
+#include <cerrno>
+
+namespace vexa::hypervisor {
+namespace {
+
+struct Row {
+  int code;
+  Problem problem;
+};
+// Codes that mean the same wherever they come from.
+constexpr Row kAnywhere[] = {
+    {VIR_ERR_NO_DOMAIN, Problem::kNoSuchGuest},
+    {VIR_ERR_DOM_EXIST, Problem::kExists},
+    {VIR_ERR_NO_NETWORK, Problem::kNetworkMissing},
+    {VIR_ERR_NO_MEMORY, Problem::kNoMemory},
+    {VIR_ERR_OPERATION_TIMEOUT, Problem::kBusy},
+    {VIR_ERR_RESOURCE_BUSY, Problem::kBusy},
+    {VIR_ERR_AGENT_UNRESPONSIVE, Problem::kAgentAbsent},
+    {VIR_ERR_AGENT_UNSYNCED, Problem::kAgentAbsent},
+    {VIR_ERR_XML_ERROR, Problem::kInvalid},
+    {VIR_ERR_XML_DETAIL, Problem::kInvalid},
+    {VIR_ERR_XML_INVALID_SCHEMA, Problem::kInvalid},
+    {VIR_ERR_NO_SOURCE, Problem::kInvalid},
+    {VIR_ERR_NO_TARGET, Problem::kInvalid},
+    {VIR_ERR_NO_NAME, Problem::kInvalid},
+    {VIR_ERR_NO_OS, Problem::kInvalid},
+    {VIR_ERR_NO_DEVICE, Problem::kInvalid},
+    {VIR_ERR_INVALID_ARG, Problem::kInvalid},
+    {VIR_ERR_OS_TYPE, Problem::kInvalid},
+    {VIR_ERR_CONFIG_UNSUPPORTED, Problem::kInvalid},
+    {VIR_ERR_NO_SUPPORT, Problem::kUnsupported},
+    {VIR_ERR_ARGUMENT_UNSUPPORTED, Problem::kUnsupported},
+    {VIR_ERR_OPERATION_UNSUPPORTED, Problem::kUnsupported},
+    {VIR_ERR_NO_CONNECT, Problem::kUnsupported},
+    {VIR_ERR_OPERATION_DENIED, Problem::kDenied},
+    {VIR_ERR_ACCESS_DENIED, Problem::kDenied},
+    {VIR_ERR_AUTH_FAILED, Problem::kDenied},
+    {VIR_ERR_AUTH_CANCELLED, Problem::kDenied},
+    {VIR_ERR_AUTH_UNAVAILABLE, Problem::kDenied},
+    {VIR_ERR_INVALID_CONN, Problem::kDisconnected},
+};
+
+bool Says(const virError& error, std::string_view words) {
+  return error.message != nullptr && std::string_view(error.message).find(words) != std::string_view::npos;
+}
+
+// The system's errno is the first number of such an error. The texts are those of libvirt and QEMU.
+Problem OfSystem(Operation operation, const virError& error) {
+  if (operation == Operation::kOpen) return error.int1 == EACCES ? Problem::kDenied : Problem::kDisconnected;
+  switch (error.int1) {
+    case ENODEV:
+      return operation == Operation::kStart ? Problem::kBridgeMissing : Problem::kFailed;
+    case ENOENT:
+      return operation == Operation::kStart ? Problem::kDiskMissing : Problem::kFailed;
+    case ENOMEM:
+      return Problem::kNoMemory;
+    case EACCES:
+    case EPERM:
+      return Problem::kDenied;
+    default:
+      return Problem::kFailed;
+  }
+}
+
+// Errors that only their sentence tells apart: the test driver says so of guests that run or do not, QEMU that it got
+// no memory.
+Problem OfText(const virError& error) {
+  if (Says(error, "already running")) return Problem::kAlreadyRunning;
+  if (Says(error, "not running")) return Problem::kNotRunning;
+  if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
+  return Problem::kFailed;
+}
+
+Problem OfInvalidOperation(Operation operation, const virError& error) {
+  const Problem said = OfText(error);
+  if (said != Problem::kFailed) return said;
+  if (operation == Operation::kStart && Says(error, "is not active")) return Problem::kNetworkMissing;
+  switch (operation) {
+    case Operation::kStart:
+    case Operation::kUndefine:
+      return Problem::kAlreadyRunning;
+    case Operation::kStop:
+    case Operation::kRead:
+      return Problem::kNotRunning;
+    default:
+      return Problem::kFailed;
+  }
+}
+
+}  // namespace
+
+Problem Translate(Operation operation, const virError& error) {
+  // However the connection ends, the next call tells of it in the name of the code that speaks over it.
+  if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) return Problem::kDisconnected;
+  for (const Row& row : kAnywhere) {
+    if (row.code == error.code) return row.problem;
+  }
+  switch (error.code) {
+    case VIR_ERR_SYSTEM_ERROR:
+      return OfSystem(operation, error);
+    case VIR_ERR_OPERATION_INVALID:
+      return OfInvalidOperation(operation, error);
+    case VIR_ERR_OPERATION_FAILED:
+      // Another guest has the name and another UUID, or the other way round.
+      return operation == Operation::kDefine ? Problem::kExists : OfText(error);
+    case VIR_ERR_INTERNAL_ERROR:
+      return OfText(error);
+    default:
+      return Problem::kFailed;
+  }
+}
+
+Failure LastFailure(Operation operation, std::string message) {
+  const virErrorPtr error = virGetLastError();
+  if (error == nullptr || error->code == VIR_ERR_OK) {
+    return {Problem::kFailed, std::move(message), "libvirt does not say why"};
+  }
+  const Problem problem = Translate(operation, *error);
+  return {problem, std::move(message), error->message != nullptr ? error->message : ""};
+}
+
+}  // namespace vexa::hypervisor

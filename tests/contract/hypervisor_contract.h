@@ -1,0 +1,37 @@
+// What every mode of the hypervisor promises. A mode joins the suite by instantiating HypervisorContract with a
+// factory.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tests/support/guest_events.h"
+
+namespace vexa::hypervisor {
+
+struct HypervisorFactory {
+  std::string name;
+  std::function<HypervisorOptions()> options;  // of a machine without guests
+};
+
+inline void PrintTo(const HypervisorFactory& factory, std::ostream* out) { *out << factory.name; }
+
+class HypervisorContract : public testing::TestWithParam<HypervisorFactory> {
+ protected:
+  void SetUp() override;
+  void TearDown() override;  // leaves no guest behind
+
+  // XML of the guest with this number, which a machine of this mode can start.
+  std::string Xml(int number, const std::string& name = "") const;
+  static std::string Id(int number);
+  // Defines it and waits for the event.
+  std::string Define(int number);
+
+  test::GuestEvents events_;
+  std::unique_ptr<Hypervisor> hypervisor_;
+};
+
+}  // namespace vexa::hypervisor

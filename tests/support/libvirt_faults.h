@@ -1,0 +1,48 @@
+// Faults of libvirt, where the host calls it. These definitions take the place of the library's in a test program that
+// links vexa_libvirt_faults, and lead to it unless a test has asked for a fault.
+#pragma once
+
+#include <libvirt/libvirt.h>
+#include <libvirt/virterror.h>
+
+#include <string>
+
+namespace vexa::test {
+
+struct LibvirtError {
+  int code = VIR_ERR_INTERNAL_ERROR;
+  std::string message;
+  int system_error = 0;  // errno, of VIR_ERR_SYSTEM_ERROR
+  int domain = VIR_FROM_QEMU;
+};
+
+// While it lives, this thread's attempts to start a guest fail with the error and do nothing.
+class FailingStarts {
+ public:
+  explicit FailingStarts(const LibvirtError& error);
+  ~FailingStarts();
+  FailingStarts(const FailingStarts&) = delete;
+  FailingStarts& operator=(const FailingStarts&) = delete;
+};
+
+// While it lives, this thread's connections are said to be dead.
+class DeadConnections {
+ public:
+  DeadConnections();
+  ~DeadConnections();
+  DeadConnections(const DeadConnections&) = delete;
+  DeadConnections& operator=(const DeadConnections&) = delete;
+};
+
+// The next `count` presses of power buttons, in all threads, succeed and are lost.
+void LosePresses(int count);
+// How often a power button was pressed since the last LosePresses.
+int Presses();
+
+// What libvirt tells this thread as the XML of guests; empty: what it is.
+void PretendXml(const std::string& xml);
+
+// Tells the owner of the last connection that was opened that it is closed, as libvirt does when a daemon goes.
+void CloseLastConnection();
+
+}  // namespace vexa::test
