@@ -52,6 +52,7 @@ struct Caller {
   base::User user;            // kUser only
   std::string session_token;  // kUser by a session only
   std::string host_id;        // kHost only
+  std::string acts_for;       // kHost only: the user in whose name the host says it asks; empty: it does not say
   std::string peer;           // where the call comes from: an IP address, or "unix:<uid>"
   bool tls = false;
 };

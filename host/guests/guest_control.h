@@ -1,0 +1,85 @@
+// What this host does with the guests it runs: power, and keeping records and hypervisor in agreement.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/guests/deletion.h"
+#include "host/guests/refusal.h"
+#include "host/guests/resources.h"
+#include "host/hypervisor/hypervisor.h"
+#include "host/store/store.h"
+
+namespace vexa::guests {
+
+struct GuestControlOptions {
+  std::shared_ptr<store::Store> store;
+  std::string host_id;
+  hypervisor::HypervisorOptions hypervisor;  // its callbacks are set by GuestControl
+  std::vector<std::string> image_roots;      // see deletion.h
+  unsigned vcpus_per_cpu = 8;
+  // How long a guest is asked to shut down, and how often, after the call that asked has been answered.
+  std::chrono::milliseconds shut_down_wait = std::chrono::minutes(5);
+  std::chrono::milliseconds press_again = std::chrono::seconds(5);
+  // Whether the host has a network or bridge; not set: in test mode all, else what libvirt and the kernel tell.
+  std::function<bool(const std::string& name)> has_network;
+  std::function<void(std::string_view step)> before_step;  // for tests that stop there
+};
+
+// What is told of a running guest beside its records.
+struct RunningGuest {
+  std::vector<std::string> addresses;
+  std::uint64_t uptime_s = 0;
+  bool has_agent = false;
+};
+
+// One thing at a time is done with a guest: what comes meanwhile is refused as busy, with who and since when.
+// Calls block for as long as the hypervisor does. Threads: any, at the same time.
+class GuestControl {
+ public:
+  // Opens the hypervisor, and then makes records and hypervisor agree: what runs by the records is started again where
+  // the hypervisor forgets (test mode), and what it tells is stored; deletions are finished. A hypervisor that cannot
+  // be reached is no error: it is tried again, and calls are refused with 949 meanwhile.
+  // Errors: kInvalid, kDenied and kUnsupported of the hypervisor's options; what the store says.
+  static Result<std::unique_ptr<GuestControl>> Start(GuestControlOptions options);
+  // Guests run on. No call may be under way.
+  virtual ~GuestControl() = default;
+
+  // The guest's record must name this host (912). Answers when the guest runs. Refusals: those of Rate, 910, 915, 912,
+  // 403, 901.
+  virtual Refused PowerOn(const std::string& guest_id, const Requester& requester) = 0;
+  // Answers when the guest has been asked; it is asked again and again until it is off, or shut_down_wait is over.
+  // Refusals: 911, 915, 403, 901, 949; the same for the next two.
+  virtual Refused ShutDown(const std::string& guest_id, const Requester& requester) = 0;
+  // Ends a shut-down that is under way.
+  virtual Refused PowerOff(const std::string& guest_id, const Requester& requester) = 0;
+  virtual Refused Reboot(const std::string& guest_id, const Requester& requester) = 0;
+  // For high availability, which must know that the guest does not run here: goes past whatever is being done with it,
+  // whoever the record names, and does nothing when it does not run. Refusals: 901, 949.
+  virtual Refused Fence(const std::string& guest_id) = 0;
+
+  // See Deletion::Delete.
+  virtual Refused Delete(const std::string& guest_id, const Requester& requester) = 0;
+  // Makes `host_id` the guest's host. Refusals: 403 (no such guest or host), 910 (a host has it), 915, 901.
+  virtual Refused SetHost(const std::string& guest_id, const std::string& host_id) = 0;
+
+  // Whether PowerOn would be refused now; a guest of another host is rated as if it were this one's. Errors: those of
+  // ReadGuest.
+  virtual Result<Rating> RateGuest(const std::string& guest_id) = 0;
+  // Not set: the guest does not run here, or the hypervisor cannot be asked.
+  virtual std::optional<RunningGuest> Running(const std::string& guest_id) = 0;
+
+  // No further events are taken, and nothing is begun: calls are refused with 949. Guests run on. Calls under way end
+  // as they may.
+  virtual void BeginStop() = 0;
+};
+
+}  // namespace vexa::guests

@@ -1,0 +1,62 @@
+#include "host/guests/guest_records.h"
+
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "host/cluster/reading.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+using VexaCCC::DB::DashCate;
+
+std::string TextMember(const Json::Value& record, const char* name) {
+  const Json::Value& member = json::Member(record, name);
+  return member.isString() ? json::String(member) : std::string();
+}
+
+// The records that the guest lists under `name`, with their ids.
+Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::Value& guest, const char* name,
+                                                                    const DashCate& category) {
+  std::vector<std::pair<std::string, Json::Value>> listed;
+  for (const Json::Value& element : json::Elements(json::Member(guest, name))) {
+    std::string id = json::String(element);
+    const Result<cluster::Record> record = cluster::ReadObject(category.name(), id);
+    if (!record) return record.error();
+    listed.emplace_back(std::move(id), **record);
+  }
+  return listed;
+}
+
+}  // namespace
+
+Result<Guest> ReadGuest(const std::string& guest_id) {
+  const cluster::CallScope scope;
+  const Result<cluster::Record> record = cluster::ReadObject(DashCate::Guest.name(), guest_id);
+  if (!record) return record.error();
+  Guest guest;
+  guest.records.id = guest_id;
+  guest.records.guest = **record;
+  auto disks = ReadListed(**record, keys::vdisks, DashCate::vDisk);
+  if (!disks) return disks.error();
+  guest.records.disks = std::move(*disks);
+  auto nics = ReadListed(**record, keys::vnics, DashCate::vNic);
+  if (!nics) return nics.error();
+  guest.records.nics = std::move(*nics);
+  guest.name = TextMember(**record, keys::name);
+  guest.host_id = TextMember(**record, keys::host_id);
+  guest.repository_id = TextMember(**record, keys::repository_id);
+  if (guest.repository_id.empty()) return guest;
+  VexaCCC::DB::Dashboard repository(DashCate::Repository, guest.repository_id);
+  // Untouched unless they are found.
+  repository.Get(guest.repository_host_id, keys::host_id);
+  repository.Get(guest.repository_state, keys::state);
+  return guest;
+}
+
+}  // namespace vexa::guests

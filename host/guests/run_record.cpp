@@ -1,0 +1,80 @@
+#include "host/guests/run_record.h"
+
+#include <limits>
+
+#include "host/base/json_parse.h"
+#include "host/store/key.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr char kHostId[] = "host_id";
+constexpr char kSince[] = "since";
+constexpr char kStarting[] = "starting";
+constexpr char kVcpus[] = "vcpus";
+constexpr char kMemory[] = "memory_mib";
+constexpr char kPinned[] = "pinned_cpus";
+
+Run ParseRun(std::string_view text) {
+  Run run;
+  const Result<Json::Value> parsed = ParseJson(text);
+  if (!parsed) return run;
+  const Json::Value& host_id = json::Member(*parsed, kHostId);
+  if (host_id.isString()) run.host_id = json::String(host_id);
+  run.since = std::chrono::system_clock::time_point(std::chrono::seconds(json::Int64(json::Member(*parsed, kSince))));
+  run.starting = json::Bool(json::Member(*parsed, kStarting));
+  run.vcpus = json::UInt64(json::Member(*parsed, kVcpus));
+  run.memory_mib = json::UInt64(json::Member(*parsed, kMemory));
+  for (const Json::Value& cpu : json::Elements(json::Member(*parsed, kPinned))) {
+    run.pinned_cpus.push_back(json::UInt(cpu));
+  }
+  return run;
+}
+
+}  // namespace
+
+std::string RunKey(const std::string& guest_id) { return store::MakeKey({"run", guest_id}); }
+std::string DeletionKey(const std::string& guest_id) { return store::MakeKey({"deletion", guest_id}); }
+
+Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return snapshot.error();
+  const auto value = (*snapshot)->Get(RunKey(guest_id));
+  if (!value) return value.error();
+  if (!value->has_value()) return std::optional<StoredRun>();
+  return std::optional(StoredRun{ParseRun((*value)->text), (*value)->revision});
+}
+
+Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store& store, const std::string& host_id) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return snapshot.error();
+  const auto ids = (*snapshot)->Children(store::MakeKey({"run"}));
+  if (!ids) return ids.error();
+  std::vector<std::pair<std::string, StoredRun>> runs;
+  for (const std::string& id : *ids) {
+    const auto value = (*snapshot)->Get(RunKey(id));
+    if (!value) return value.error();
+    if (!value->has_value()) continue;
+    Run run = ParseRun((*value)->text);
+    if (run.host_id == host_id) runs.emplace_back(id, StoredRun{std::move(run), (*value)->revision});
+  }
+  return runs;
+}
+
+std::string RunText(const Run& run) {
+  Json::Value record(Json::objectValue);
+  record[kHostId] = run.host_id;
+  record[kSince] =
+      static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(run.since.time_since_epoch()).count());
+  record[kStarting] = run.starting;
+  record[kVcpus] = static_cast<Json::UInt64>(run.vcpus);
+  record[kMemory] = static_cast<Json::UInt64>(run.memory_mib);
+  record[kPinned] = Json::Value(Json::arrayValue);
+  for (const unsigned cpu : run.pinned_cpus) record[kPinned].append(cpu);
+  return json::ToText(record);
+}
+
+}  // namespace vexa::guests

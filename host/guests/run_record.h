@@ -1,0 +1,50 @@
+// Which host has which guest, and which guest is being deleted.
+//
+//   /run/<guest id>       {"host_id", "since" (Unix seconds), "starting", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
+//                         from before the guest is defined for the hypervisor of its host until it is off and undefined
+//   /deletion/<guest id>  see deletion.h; from before a file is touched until none is left
+//
+// Neither is begun while the other is there, whichever hosts want it: the commit that writes one compares that both are
+// absent. So a guest that runs somewhere is not deleted, and one that is being deleted is not started.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/store/store.h"
+
+namespace vexa::guests {
+
+struct Run {
+  std::string host_id;
+  std::chrono::system_clock::time_point since;  // whole seconds
+  bool starting = false;                        // what the hypervisor says then decides whether it ever ran
+  std::uint64_t vcpus = 0;
+  std::uint64_t memory_mib = 0;
+  std::vector<unsigned> pinned_cpus;  // the host's processors that are set apart for it
+};
+
+std::string RunKey(const std::string& guest_id);
+std::string DeletionKey(const std::string& guest_id);
+
+struct StoredRun {
+  Run run;
+  store::Revision revision = 0;
+};
+
+// Not set: no host has the guest. A damaged record counts as one of no host ("" as host_id), so that nothing is deleted
+// or started by mistake. Errors: what the store says.
+Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id);
+
+// The guests that `host_id` has, by id.
+Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store& store, const std::string& host_id);
+
+// JSON text of the record.
+std::string RunText(const Run& run);
+
+}  // namespace vexa::guests
