@@ -101,6 +101,23 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
       ->check(CLI::Range(1, 1'000'000))
       ->group("Network");
 
+  app.add_option(
+         "--hypervisor", config.hypervisor,
+         "What runs guests: \"test\" (libvirt's test driver: nothing runs), \"embed\" (QEMU below this process), a "
+         "libvirt URI such as qemu:///system, or \"none\"")
+      ->group("Guests");
+  app.add_option("--hypervisor-root", config.hypervisor_root,
+                 "The folder of embedded guests' state, an absolute path (default: embed in the data folder)")
+      ->group("Guests");
+  app.add_option("--image-roots", config.image_roots,
+                 "Folders, absolute paths, with guests' disks: a guest's deletion removes no file elsewhere (default: "
+                 "images in the data folder)")
+      ->group("Guests");
+  app.add_option("--vcpus-per-cpu", config.vcpus_per_cpu,
+                 "How many virtual CPUs of running guests a logical processor may serve")
+      ->check(CLI::Range(1, 64))
+      ->group("Guests");
+
   app.add_option("--io-threads", config.io_threads, "Threads for sockets")->check(CLI::Range(1, 64))->group("Work");
   app.add_option("--long-threads", config.long_threads, "Threads for calls that may wait long, at most")
       ->check(CLI::Range(1, 16'384))
@@ -152,6 +169,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
   if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
   if (config.store_directory.empty()) config.store_directory = config.data_directory + "/store";
+  if (config.hypervisor_root.empty()) config.hypervisor_root = config.data_directory + "/embed";
+  if (config.image_roots.empty()) config.image_roots = {config.data_directory + "/images"};
   if (check_config) result.action = CommandLine::Action::kCheckConfig;
   return result;
 }

@@ -27,6 +27,10 @@ struct Config {
   std::string account_file;       // empty: accounts.json in the data folder
   std::string pam_service = "vexad";
   std::string administrators_group = "administrators";  // "pam" only
+  std::string hypervisor = "test";       // "test", "embed", a libvirt URI, or "none": this host runs no guests
+  std::string hypervisor_root;           // of embed; empty: "embed" in the data folder
+  std::vector<std::string> image_roots;  // folders with guests' disks; empty: "images" in the data folder
+  unsigned vcpus_per_cpu = 8;            // virtual CPUs of guests that a logical one of the host may serve
   int io_threads = 2;
   std::size_t max_connections = 10'000;
   std::size_t max_connections_per_peer = 6'000;

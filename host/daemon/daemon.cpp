@@ -30,6 +30,7 @@
 #include "host/daemon/request_id.h"
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
+#include "host/guests/guest_control.h"
 #include "host/services/compound_api.h"
 #include "host/services/guest_state_api.h"
 #include "host/services/host_api.h"
@@ -141,11 +142,13 @@ class Daemon::Impl {
     Stop(std::chrono::milliseconds(0));
     server_.reset();
     transport::RemoveTransport();
+    guests_.reset();
     cluster::RemoveEnvironment();
   }
 
   Status Start(const Config& config, std::vector<webapi::ApiRow> further_rows) {
     if (Status opened = OpenData(config); !opened) return opened;
+    if (Status started = StartGuests(config); !started) return started;
     MakeTable(config, std::move(further_rows));
     if (Status made = MakeTransport(config); !made) return made;
     InstallCacheRefresh();
@@ -182,6 +185,7 @@ class Daemon::Impl {
     const bool caches_done = cluster::RemoveCacheRefresher(left());
     const bool local_done = local_.Stop(left());  // after those that wait for it
     const bool items_done = items_.Stop(left());
+    if (guests_) guests_->BeginStop();  // they run on, and what they do from now on is found by the next start
     Sweep();
     return served && quick_done && long_done && caches_done && local_done && items_done;
   }
@@ -215,6 +219,22 @@ class Daemon::Impl {
     environment.cache_directory = config.data_directory + "/cache";
     environment.request_id = CurrentRequestId;
     cluster::InstallEnvironment(std::move(environment));
+    return {};
+  }
+
+  // Before anybody can ask: what runs and what is stored agree from the first answer on.
+  Status StartGuests(const Config& config) {
+    if (config.hypervisor == "none") return {};
+    guests::GuestControlOptions options;
+    options.store = store_;
+    options.host_id = host_id_;
+    options.hypervisor.mode = config.hypervisor;
+    options.hypervisor.root = config.hypervisor_root;
+    options.image_roots = config.image_roots;
+    options.vcpus_per_cpu = config.vcpus_per_cpu;
+    auto guests = guests::GuestControl::Start(std::move(options));
+    if (!guests) return guests.error();
+    guests_ = std::move(*guests);
     return {};
   }
 
@@ -302,6 +322,7 @@ class Daemon::Impl {
   services::ServiceParts PartsOfServices(const Config& config) const {
     services::ServiceParts parts;
     parts.store = store_;
+    parts.guests = guests_.get();
     parts.web_ports = [this, is_https = !config.tls_certificate.empty()] {
       services::WebPorts ports;
       (is_https ? ports.https_port : ports.http_port) = web_port_;
@@ -342,6 +363,7 @@ class Daemon::Impl {
   std::unique_ptr<SessionTable> sessions_;
   std::unique_ptr<Identity> identity_;
   LoginLimiter limiter_;
+  std::unique_ptr<guests::GuestControl> guests_;
   std::unique_ptr<webapi::ApiTable> table_;
   std::unique_ptr<Metrics> metrics_;
   std::unique_ptr<Dispatcher> dispatcher_;

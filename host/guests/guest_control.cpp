@@ -1,1 +1,176 @@
-// Being written.
+#include "host/guests/guest_control.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/cluster/reading.h"
+#include "host/guests/guest_control_impl.h"
+
+namespace vexa::guests {
+namespace {
+
+constexpr std::chrono::seconds kMaintenanceInterval{10};
+
+DeletionOptions OptionsOfDeletion(const GuestControlOptions& options) {
+  DeletionOptions deletion;
+  deletion.store = options.store;
+  deletion.host_id = options.host_id;
+  deletion.image_roots = options.image_roots;
+  deletion.before_step = options.before_step;
+  return deletion;
+}
+
+}  // namespace
+
+Result<std::unique_ptr<GuestControl>> GuestControl::Start(GuestControlOptions options) {
+  const auto epoch = cluster::StartEpoch(*options.store, options.host_id, std::chrono::system_clock::now());
+  if (!epoch) return epoch.error();
+  auto control = std::make_unique<LibvirtGuestControl>(std::move(options), *epoch);
+  if (Status begun = control->Begin(); !begun) return begun.error();
+  return std::unique_ptr<GuestControl>(std::move(control));
+}
+
+LibvirtGuestControl::LibvirtGuestControl(GuestControlOptions options, std::uint64_t epoch)
+    : options_(std::move(options)), deletion_(OptionsOfDeletion(options_)), sequencer_(epoch) {}
+
+LibvirtGuestControl::~LibvirtGuestControl() {
+  BeginStop();
+  {
+    const std::lock_guard lock(maintenance_mutex_);
+    ends_ = true;
+  }
+  maintenance_wake_.notify_all();
+  if (maintenance_.joinable()) maintenance_.join();
+  shut_downs_.reset();
+  hypervisor_.reset();
+}
+
+Status LibvirtGuestControl::Begin() {
+  shut_downs_ = std::make_unique<ShutDowns>(ShutDownsOptions{
+      .wait = options_.shut_down_wait,
+      .press_again = options_.press_again,
+      .press = [this](const std::string& guest_id) { return PressAgain(guest_id); },
+      .on_given_up = [this](const std::string& guest_id) { LookWhenFree(guest_id, Attention::kLook); }});
+  hypervisor::HypervisorOptions opening = options_.hypervisor;
+  // Until everything has been looked at, events tell nothing new.
+  opening.on_event = [this](const hypervisor::GuestEvent& event) {
+    if (is_open_) LookWhenFree(event.id, Attention::kLook);
+  };
+  opening.on_reopened = [this] {
+    {
+      const std::lock_guard lock(node_mutex_);
+      node_.reset();
+    }
+    if (is_open_) Reconcile();
+  };
+  auto opened = hypervisor::Hypervisor::Open(std::move(opening));
+  if (!opened) return opened.failure().error();
+  hypervisor_ = std::move(*opened);
+  is_open_ = true;
+  deletion_.FinishAll();
+  Reconcile();
+  maintenance_ = std::thread([this] { Maintain(); });
+  return {};
+}
+
+void LibvirtGuestControl::BeginStop() { stopping_ = true; }
+
+// What failed is tried again, and what other hosts have left for this one is done.
+void LibvirtGuestControl::Maintain() {
+  std::unique_lock lock(maintenance_mutex_);
+  while (!maintenance_wake_.wait_for(lock, kMaintenanceInterval, [this] { return ends_; })) {
+    const std::set<std::string> unsettled = unsettled_;
+    lock.unlock();
+    for (const std::string& guest_id : unsettled) LookWhenFree(guest_id, Attention::kRestore);
+    deletion_.RemoveLeftovers();
+    lock.lock();
+  }
+}
+
+Result<hypervisor::Node> LibvirtGuestControl::NodeFigures() {
+  {
+    const std::lock_guard lock(node_mutex_);
+    if (node_) return *node_;
+  }
+  auto node = hypervisor_->NodeFigures();
+  if (!node) return node.failure().error();
+  const std::lock_guard lock(node_mutex_);
+  node_ = *node;
+  return *node;
+}
+
+// What the guests of this host have taken, but for one that is about to be rated.
+Result<HostResources> LibvirtGuestControl::Resources(const std::string& but_guest_id) {
+  HostResources resources;
+  resources.host_id = options_.host_id;
+  resources.vcpus_per_cpu = options_.vcpus_per_cpu;
+  resources.is_connected = hypervisor_->IsConnected();
+  resources.has_network = options_.has_network;
+  if (!ForgetsGuests()) {
+    resources.has_file = [](const std::string& path) { return ::access(path.c_str(), F_OK) == 0; };
+  }
+  const auto runs = RunsOf(*options_.store, options_.host_id);
+  if (!runs) return runs.error();
+  std::uint64_t memory_mib = 0;
+  for (const auto& [id, stored] : *runs) {
+    if (id == but_guest_id) continue;
+    resources.vcpus_taken += stored.run.vcpus;
+    resources.pinned_cpus.insert(resources.pinned_cpus.end(), stored.run.pinned_cpus.begin(),
+                                 stored.run.pinned_cpus.end());
+    // The memory of those that run has been taken already, where guests take any.
+    if (ForgetsGuests() || stored.run.starting) memory_mib += stored.run.memory_mib;
+  }
+  const auto node = NodeFigures();
+  if (!node) {
+    resources.is_connected = false;
+    return resources;
+  }
+  resources.cpus = node->cpus;
+  std::uint64_t free_mib = node->memory_mib;
+  if (!ForgetsGuests()) {
+    const auto free = hypervisor_->FreeMemory();
+    if (free) free_mib = *free >> 20;
+  }
+  resources.free_memory_mib = free_mib - std::min(free_mib, memory_mib);
+  return resources;
+}
+
+Result<Rating> LibvirtGuestControl::RateGuest(const std::string& guest_id) {
+  const Result<Guest> guest = ReadGuest(guest_id);
+  if (!guest) return guest.error();
+  cluster::RequestScope::ReleaseSnapshot();
+  const Result<HostResources> resources = Resources(guest_id);
+  if (!resources) return resources.error();
+  return Rate(*guest, *resources);
+}
+
+Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const Run& run) {
+  hypervisor::BuildOptions build;
+  build.domain_type = hypervisor_->DomainType();
+  // The embedded driver has no cgroups of its own.
+  if (options_.hypervisor.mode == "embed") build.cpu_shares = hypervisor::CpuShares::kLeftOut;
+  build.pinned_cpus = run.pinned_cpus;
+  for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
+  return hypervisor::BuildDomainXml(guest.records, build);
+}
+
+std::vector<std::string> LibvirtGuestControl::LibvirtNetworks() { return {"default"}; }
+
+std::optional<RunningGuest> LibvirtGuestControl::Running(const std::string& guest_id) {
+  const auto stored = ReadRun(*options_.store, guest_id);
+  if (!stored || !*stored || (*stored)->run.host_id != options_.host_id || (*stored)->run.starting) return std::nullopt;
+  const auto agent = hypervisor_->HasAgent(guest_id);
+  if (!agent) return std::nullopt;
+  RunningGuest running;
+  running.has_agent = *agent;
+  if (auto addresses = hypervisor_->AddressesOf(guest_id)) running.addresses = std::move(*addresses);
+  const auto since = std::chrono::system_clock::now() - (*stored)->run.since;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since).count();
+  running.uptime_s = seconds > 0 ? static_cast<std::uint64_t>(seconds) : 0;  // the clock may have been set back
+  return running;
+}
+
+}  // namespace vexa::guests

@@ -52,14 +52,14 @@ std::optional<NamedGuest> ReadGuest(const Call& call) {
   return guest;
 }
 
-void GuestInfo(const std::function<std::optional<LiveGuest>(const std::string&)>& live_guest, const Call& call) {
+void GuestInfo(guests::GuestControl* guests, const Call& call) {
   const auto guest = ReadGuest(call);
   if (!guest) return;
   const bool runs_here = ReadText(DashCate::Guest, guest->id, keys::state) == states::Guest::running &&
                          ReadText(DashCate::Guest, guest->id, keys::host_id) == VexaCCC::DB::DBLocalhostID();
   if (!runs_here) return Fail(call, kErrorUnreadable);
   cluster::RequestScope::ReleaseSnapshot();  // the hypervisor may let the call wait
-  const std::optional<LiveGuest> live = live_guest ? live_guest(guest->id) : LiveGuest();
+  const std::optional<guests::RunningGuest> live = guests ? guests->Running(guest->id) : guests::RunningGuest();
   if (!live) return Fail(call, kErrorUnreadable);
   Json::Value data(Json::objectValue);
   data["ip"] = Json::Value(Json::arrayValue);
@@ -134,7 +134,7 @@ std::vector<webapi::ApiRow> GuestRows(const ServiceParts& parts) {
   return {
       HostRow(
           "VEXA.CCC.Guest", "get_info", LaneKind::kLong,
-          [live_guest = parts.live_guest](const Call& call) { GuestInfo(live_guest, call); },
+          [guests = parts.guests](const Call& call) { GuestInfo(guests, call); },
           "A guest that runs here: its addresses, uptime (seconds), and whether its agent answers.", {guest}, errors),
       HostRow("VEXA.CCC.Guest", "check_repo_cap", LaneKind::kQuick, CheckRepoCap,
               "Whether this host can run a guest from its repository; if not, why.", {guest}, errors),

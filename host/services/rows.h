@@ -29,6 +29,7 @@ std::vector<webapi::ApiRow> SystemRows(const ServiceParts& parts);       // syst
 std::vector<webapi::ApiRow> VolumeRows(const ServiceParts& parts);       // volume_api.cpp
 std::vector<webapi::ApiRow> NetworkRows(const ServiceParts& parts);      // network_api.cpp
 std::vector<webapi::ApiRow> GuestRows(const ServiceParts& parts);        // guest_api.cpp
+std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts);   // guest_power_api.cpp
 std::vector<webapi::ApiRow> PollTaskRows(const ServiceParts& parts);     // poll_task_api.cpp
 
 }  // namespace vexa::services

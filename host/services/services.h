@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "host/guests/guest_control.h"
 #include "host/services/interfaces.h"
 #include "host/services/machine.h"
 #include "host/store/store.h"
@@ -23,21 +24,14 @@ struct WebPorts {
   bool enable_https_redirect = false;
 };
 
-// What only the hypervisor knows of a running guest.
-struct LiveGuest {
-  std::vector<std::string> addresses;
-  std::uint64_t uptime_s = 0;
-  bool has_agent = false;
-};
-
 struct ServiceParts {
   std::shared_ptr<store::Store> store;
   Machine machine{};
   AddressReader addresses = SystemAddresses;
   std::vector<std::string> volume_roots{"/"};  // folders below which volumes may be asked about
   std::function<WebPorts()> web_ports;
-  // Not set when the guest does not run. Without the function nothing is known of guests but their records.
-  std::function<std::optional<LiveGuest>(const std::string& guest_id)> live_guest;
+  // Outlives the rows. Null: this host runs no guests, and knows of them what their records tell.
+  guests::GuestControl* guests = nullptr;
 };
 
 // The rows, all for hosts only. Their handlers may be called at the same time.

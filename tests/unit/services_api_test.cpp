@@ -10,6 +10,7 @@
 #include "host/base/files.h"
 #include "host/services/host_list_api.h"
 #include "host/store/key.h"
+#include "tests/support/scripted_guests.h"
 #include "tests/unit/services_fixture.h"
 #include "webapi/platform/ccc.h"
 
@@ -41,7 +42,7 @@ class Services : public ::testing::Test {
     parts.machine = files_.machine();
     parts.addresses = [this] { return addresses_; };
     parts.volume_roots = {host_.folder().path()};
-    parts.live_guest = [this](const std::string&) { return live_; };
+    parts.guests = &guests_;
     return parts;
   }
 
@@ -62,7 +63,7 @@ class Services : public ::testing::Test {
   test::TestHost host_;
   test::ScriptedMachine files_;
   std::vector<InterfaceAddress> addresses_;
-  std::optional<LiveGuest> live_ = LiveGuest{{"192.0.2.7"}, 77, true};
+  test::ScriptedGuests guests_;
   webapi::ApiTable scripted_;
   webapi::ApiTable real_;
 };
@@ -75,7 +76,9 @@ TEST_F(Services, EveryRow_IsForHostsAndVersionOne) {
     names.insert(std::string(row.api) + " " + std::string(row.method));
   }
   EXPECT_THAT(names, UnorderedElementsAre("VEXA.CCC.Cluster.Member utilization_get", "VEXA.CCC.Guest check_repo_cap",
-                                          "VEXA.CCC.Guest get_info", "VEXA.CCC.VDisk list",
+                                          "VEXA.CCC.Guest delete", "VEXA.CCC.Guest get_info", "VEXA.CCC.Guest hostset",
+                                          "VEXA.CCC.Guest poweroff", "VEXA.CCC.Guest poweron", "VEXA.CCC.Guest reboot",
+                                          "VEXA.CCC.Guest shutdown", "VEXA.CCC.VDisk list",
                                           "VEXA.Core.Network.Bond get", "VEXA.Core.Network.Ethernet get",
                                           "VEXA.Core.Network.Interface list", "VEXA.Core.Storage.Volume get",
                                           "VEXA.Core.System info", "VEXA.Core.System.Utilization get",
@@ -314,7 +317,7 @@ TEST_F(Services, GuestInfo_OnlyOfGuestsThatRunHere) {
   EXPECT_EQ(Real("VEXA.CCC.Guest", "get_info", kGuestParameters).data,
             Parsed(R"({"ip":[],"uptime":0,"has_agent":false})"))
       << "nothing tells more";
-  live_.reset();
+  guests_.running.reset();
   EXPECT_EQ(Scripted("VEXA.CCC.Guest", "get_info", kGuestParameters).code, 403);
   for (const char* changes : {R"({"state":"guest_shutdown"})", R"({"host_id":"other"})", R"({"state":7})",
                               R"({"host_id":null})", R"({"host_id":["x"]})"}) {

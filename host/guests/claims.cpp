@@ -1,0 +1,70 @@
+#include "host/guests/claims.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <utility>
+
+namespace vexa::guests {
+
+std::string TimeText(std::chrono::system_clock::time_point time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm fields{};
+  if (::gmtime_r(&seconds, &fields) == nullptr) return "an unknown time";
+  std::array<char, 64> text{};
+  const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &fields);
+  return {text.data(), size};
+}
+
+std::string Describe(const Activity& activity) {
+  const Requester& by = activity.requester;
+  const std::string who = !by.user.empty() ? by.user : !by.host_id.empty() ? "the host " + by.host_id : "this host";
+  return "It is busy with '" + activity.action + "' for " + who + " since " + TimeText(activity.since);
+}
+
+Claims::Claim::~Claim() {
+  if (claims_) claims_->Release(guest_id_);
+}
+
+Attention Claims::Claim::TakeOrRelease() {
+  const std::lock_guard lock(claims_->mutex_);
+  const auto held = claims_->held_.find(guest_id_);
+  const Attention left = std::exchange(held->second.left, Attention::kNone);
+  if (left != Attention::kNone) return left;
+  claims_->held_.erase(held);
+  claims_->released_.notify_all();
+  claims_ = nullptr;
+  return left;
+}
+
+std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, Activity activity) {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    const auto [held, is_new] = held_.try_emplace(guest_id);
+    if (is_new) {
+      held->second.activity = std::move(activity);
+      return Claim(*this, guest_id);
+    }
+    if (!held->second.is_look) return held->second.activity;
+    released_.wait(lock);
+  }
+}
+
+std::optional<Claims::Claim> Claims::TakeToLook(const std::string& guest_id, Attention attention) {
+  const std::lock_guard lock(mutex_);
+  const auto [held, is_new] = held_.try_emplace(guest_id);
+  if (is_new) {
+    held->second.is_look = true;
+    return Claim(*this, guest_id);
+  }
+  held->second.left = std::max(held->second.left, attention);
+  return std::nullopt;
+}
+
+void Claims::Release(const std::string& guest_id) {
+  const std::lock_guard lock(mutex_);
+  held_.erase(guest_id);
+  released_.notify_all();
+}
+
+}  // namespace vexa::guests

@@ -1,0 +1,197 @@
+// Looking at guests: what the hypervisor tells is stored, and what an ended run has left is cleaned up.
+#include <syslog.h>
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "host/cluster/reading.h"
+#include "host/guests/guest_control_impl.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+namespace states = VexaCCC::State::Guest;
+using hypervisor::GuestState;
+using hypervisor::Problem;
+
+// Whether the state is one of a guest that the hypervisor has.
+bool IsLive(const std::string& state) { return VexaCCC::Utils::IsGuestStateOnline(state) || state == states::freeze; }
+
+void Complain(const std::string& guest_id, const char* what, const std::string& why) {
+  ::syslog(LOG_ERR, "The guest %s %s: %s", guest_id.c_str(), what, why.c_str());
+}
+
+std::string StoredState(const std::string& guest_id) {
+  std::string state;
+  return vgConfStateGet(guest_id, state) == 0 ? state : std::string();
+}
+
+}  // namespace
+
+void LibvirtGuestControl::LookAndRelease(Claims::Claim claim, const std::string& guest_id) {
+  Attention attention = Attention::kLook;
+  do {
+    Look(guest_id, attention);
+    attention = claim.TakeOrRelease();
+  } while (attention != Attention::kNone);
+}
+
+void LibvirtGuestControl::LookWhenFree(const std::string& guest_id, Attention attention) {
+  if (auto claim = claims_.TakeToLook(guest_id, attention)) {
+    Attention left = attention;
+    do {
+      Look(guest_id, left);
+      left = claim->TakeOrRelease();
+    } while (left != Attention::kNone);
+  }
+}
+
+void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention) {
+  // By a stop everything is left as it is: what runs is found again by the next start.
+  if (stopping_) return;
+  const Status looked = [&]() -> Status {
+    const auto stored = ReadRun(*options_.store, guest_id);
+    if (!stored) return stored.error();
+    if (*stored && attention == Attention::kRestore && ForgetsGuests()) {
+      if (Status restored = Restore(guest_id, **stored); !restored) {
+        Complain(guest_id, "ran here and cannot be started again", restored.error().ToString());
+      }
+    }
+    // The sequence first, so that of two looks that overlap the later one counts.
+    const cluster::Sequence sequence = sequencer_.Next();
+    const auto state = hypervisor_->StateOf(guest_id);
+    const bool is_gone = !state && state.failure().problem() == Problem::kNoSuchGuest;
+    if (!state && !is_gone) return state.failure().error();
+    if (state && IsActive(*state)) {
+      const bool is_asked = shut_downs_->IsUnderWay(guest_id);
+      if (Status noted = NoteRunning(guest_id, *stored); !noted) return noted;
+      const char* const word = *state == GuestState::kPaused                     ? states::freeze
+                               : is_asked || *state == GuestState::kShuttingDown ? states::shutting_down
+                                                                                 : states::running;
+      return Observe(guest_id, word, sequence);
+    }
+    shut_downs_->End(guest_id);
+    const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
+    const bool has_crashed = state && *state == GuestState::kCrashed;
+    // Without a run only a state that cannot be true is put right: a crash is told until the next start.
+    if (is_ours || IsLive(StoredState(guest_id))) {
+      const bool never_ran = is_ours && (*stored)->run.starting;
+      const bool is_told = never_ran && !IsLive(StoredState(guest_id));
+      if (!is_told) {
+        Status told = Observe(guest_id, has_crashed ? states::crashed : states::shutdown, sequence);
+        if (!told) return told;
+      }
+    }
+    if (!is_ours) return {};
+    return NoteOff(guest_id, *stored, !is_gone);
+  }();
+  const std::lock_guard lock(maintenance_mutex_);
+  if (looked || looked.error().code() == ErrorCode::kNotFound) {
+    unsettled_.erase(guest_id);
+  } else if (unsettled_.insert(guest_id).second) {
+    Complain(guest_id, "could not be looked at, or what was seen not be stored; it is tried again",
+             looked.error().ToString());
+  }
+}
+
+// Starts a guest again that ran when the hypervisor forgot it.
+Status LibvirtGuestControl::Restore(const std::string& guest_id, const StoredRun& stored) {
+  if (stored.run.host_id != options_.host_id || stored.run.starting) return {};
+  const auto state = hypervisor_->StateOf(guest_id);
+  if (state && IsActive(*state)) return {};
+  const cluster::CallScope scope;
+  const Result<Guest> guest = ReadGuest(guest_id);
+  if (!guest) return guest.error();
+  cluster::RequestScope::ReleaseSnapshot();
+  const Result<std::string> xml = DomainXml(*guest, stored.run);
+  if (!xml) return xml.error();
+  if (const auto defined = hypervisor_->Define(*xml); !defined) return defined.failure().error();
+  return hypervisor_->Start(guest_id);
+}
+
+Status LibvirtGuestControl::NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored) {
+  Run run;
+  if (stored) {
+    run = stored->run;
+    if (run.host_id != options_.host_id) {
+      return Error(ErrorCode::kConflict, "It runs here, and by its record on the host '" + run.host_id + "'");
+    }
+    if (!run.starting) return {};
+  } else {
+    const cluster::CallScope scope;
+    const auto record = cluster::ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
+    if (!record) return record.error();  // kNotFound: a machine that is none of ours
+    const Json::Value& host_id = json::Member(**record, keys::host_id);
+    if (!host_id.isString() || json::String(host_id) != options_.host_id) {
+      return Error(ErrorCode::kNotFound, "It is not a guest of this host");
+    }
+    run.host_id = options_.host_id;
+    run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
+    run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
+  }
+  run.since = std::chrono::system_clock::now();
+  run.starting = false;
+  store::Transaction transaction;
+  transaction.compares = {{RunKey(guest_id), stored ? stored->revision : 0}};
+  if (!stored) transaction.compares.push_back({DeletionKey(guest_id), 0});
+  transaction.operations = {{RunKey(guest_id), RunText(run)}};
+  cluster::RequestScope::ReleaseSnapshot();
+  const auto committed = options_.store->Commit(transaction);
+  Step("look: running noted");
+  if (!committed) return committed.error();
+  return {};
+}
+
+Status LibvirtGuestControl::NoteOff(const std::string& guest_id, const std::optional<StoredRun>& stored,
+                                    bool is_defined) {
+  if (is_defined) {
+    const auto undefined = hypervisor_->Undefine(guest_id);
+    if (!undefined && undefined.failure().problem() != Problem::kNoSuchGuest) return undefined.failure().error();
+    Step("look: undefined");
+  }
+  store::Transaction transaction;
+  transaction.compares = {{RunKey(guest_id), stored->revision}};
+  transaction.operations = {{RunKey(guest_id), std::nullopt}};
+  cluster::RequestScope::ReleaseSnapshot();
+  const auto committed = options_.store->Commit(transaction);
+  Step("look: off noted");
+  if (!committed) return committed.error();
+  return {};
+}
+
+Status LibvirtGuestControl::Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence) {
+  if (StoredState(guest_id) == state) return {};
+  cluster::RequestScope::ReleaseSnapshot();
+  const auto observed = cluster::Observe(*options_.store, guest_id,
+                                         {state, sequence, options_.host_id, std::chrono::system_clock::now()});
+  Step("look: state stored");
+  if (observed) return {};
+  // Its record has gone: so has its state.
+  if (observed.error().code() == ErrorCode::kNotFound) return {};
+  return observed.error();
+}
+
+void LibvirtGuestControl::Reconcile() {
+  std::set<std::string> ids;
+  const auto runs = RunsOf(*options_.store, options_.host_id);
+  if (!runs) {
+    ::syslog(LOG_ERR, "What runs here by the records cannot be read: %s", runs.error().ToString().c_str());
+  } else {
+    for (const auto& [id, run] : *runs) ids.insert(id);
+  }
+  const auto known = hypervisor_->List();
+  if (!known) {
+    ::syslog(LOG_ERR, "The hypervisor does not tell its guests: %s", known.failure().ToString().c_str());
+  } else {
+    for (const hypervisor::KnownGuest& guest : *known) ids.insert(guest.id);
+  }
+  for (const std::string& id : ids) LookWhenFree(id, Attention::kRestore);
+}
+
+}  // namespace vexa::guests

@@ -1,0 +1,51 @@
+// A host's guests whose answers a test scripts, and which note what they were asked.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/guests/guest_control.h"
+
+namespace vexa::test {
+
+class ScriptedGuests final : public guests::GuestControl {
+ public:
+  using Refused = guests::Refused;
+  using Requester = guests::Requester;
+
+  Refused PowerOn(const std::string& id, const Requester& by) override { return Note("poweron", id, by); }
+  Refused ShutDown(const std::string& id, const Requester& by) override { return Note("shutdown", id, by); }
+  Refused PowerOff(const std::string& id, const Requester& by) override { return Note("poweroff", id, by); }
+  Refused Reboot(const std::string& id, const Requester& by) override { return Note("reboot", id, by); }
+  Refused Fence(const std::string& id) override { return Note("fence", id, {}); }
+  Refused Delete(const std::string& id, const Requester& by) override { return Note("delete", id, by); }
+  Refused SetHost(const std::string& id, const std::string& host_id) override {
+    return Note("hostset " + host_id, id, {});
+  }
+  Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
+  std::optional<guests::RunningGuest> Running(const std::string&) override { return running; }
+  void BeginStop() override {}
+
+  // "<action> <guest id> <user>/<host>/<request>"
+  std::vector<std::string> asked() const {
+    const std::lock_guard lock(mutex_);
+    return asked_;
+  }
+
+  Refused refused;  // what every action answers
+  guests::Rating rating;
+  std::optional<guests::RunningGuest> running = guests::RunningGuest{{"192.0.2.7"}, 77, true};
+
+ private:
+  Refused Note(const std::string& action, const std::string& id, const Requester& by) {
+    const std::lock_guard lock(mutex_);
+    asked_.push_back(action + " " + id + " " + by.user + "/" + by.host_id + "/" + by.request_id);
+    return refused;
+  }
+
+  mutable std::mutex mutex_;
+  std::vector<std::string> asked_;
+};
+
+}  // namespace vexa::test
