@@ -27,6 +27,7 @@ using namespace std::chrono_literals;
 using test::Parsed;
 using ::testing::HasSubstr;
 namespace states = VexaCCC::State::Guest;
+using RunRecord = Run;  // a test has a member of that name
 
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr char kOther[] = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c";
@@ -73,17 +74,17 @@ class GuestControlTest : public ::testing::Test {
     std::string state;
     return vgConfStateGet(id, state) == 0 ? state : "";
   }
-  std::optional<Run> RunOf(const std::string& id = kGuest) {
+  std::optional<RunRecord> RunOf(const std::string& id = kGuest) {
     const auto run = ReadRun(host_.store(), id);
     EXPECT_TRUE(run);
     if (!run || !*run) return std::nullopt;
     return (*run)->run;
   }
-  void PutRun(const Run& run, const std::string& id = kGuest) {
+  void PutRun(const RunRecord& run, const std::string& id = kGuest) {
     ASSERT_TRUE(host_.store().Commit({{}, {{RunKey(id), RunText(run)}}}));
   }
-  Run RunHere() {
-    Run run;
+  RunRecord RunHere() {
+    RunRecord run;
     run.host_id = HostId();
     run.since = std::chrono::system_clock::now() - 100s;
     return run;
@@ -154,7 +155,7 @@ TEST_F(GuestControlTest, PowerOn_OfAnotherHostsGuest_Is912) {
 }
 
 TEST_F(GuestControlTest, PowerOn_OfAGuestThatAnotherHostHas_Is910) {
-  Run run;
+  RunRecord run;
   run.host_id = "host-2";
   PutRun(run);
   Start();
@@ -332,13 +333,13 @@ TEST_F(GuestControlTest, ManyAtOnce_EndAsOneByOne) {
         const Refused refused = (i + round) % 3 == 0   ? control_->PowerOn(kGuest, kAlice)
                                 : (i + round) % 3 == 1 ? control_->PowerOff(kGuest, kAlice)
                                                        : control_->ShutDown(kGuest, kAlice);
-        if (refused) EXPECT_THAT(refused->code, ::testing::AnyOf(910, 911, 915)) << refused->reason;
+        EXPECT_THAT(refused ? refused->code : 0, ::testing::AnyOf(0, 910, 911, 915));
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  const bool is_running = !control_->PowerOff(kGuest, kAlice);
-  (void)is_running;
+  const Refused ended = control_->PowerOff(kGuest, kAlice);
+  EXPECT_THAT(ended ? ended->code : 0, ::testing::AnyOf(0, 911));
   ExpectState(states::shutdown);
   EXPECT_EQ(RunOf(), std::nullopt);
 }
@@ -354,7 +355,7 @@ TEST_F(GuestControlTest, AStart_StartsAgainWhatRan) {
 }
 
 TEST_F(GuestControlTest, AStart_UndoesAPowerOnThatWasNotFinished) {
-  Run run = RunHere();
+  RunRecord run = RunHere();
   run.starting = true;
   PutRun(run);
   Start();
@@ -371,7 +372,7 @@ TEST_F(GuestControlTest, AStart_ShutsDownByItsRecordWhatCannotRunAgain) {
 }
 
 TEST_F(GuestControlTest, AStart_LeavesOtherHostsGuestsAlone) {
-  Run run = RunHere();
+  RunRecord run = RunHere();
   run.host_id = "host-2";
   PutRun(run);
   Start();
