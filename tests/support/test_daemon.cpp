@@ -63,6 +63,7 @@ TestDaemon::TestDaemon(void (*adjust)(daemon::Config&)) : stall_(std::make_share
   config_.account_file = folder_.File("data/accounts.json");
   config_.socket = folder_.File("s");
   config_.listen = {"127.0.0.1:0"};
+  config_.hypervisor = "none";
   if (adjust) adjust(config_);
   PutRecords();
   daemon_ = Require(daemon::Daemon::Start(config_, Rows()));

@@ -17,7 +17,7 @@ inline constexpr const char* kTestGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01"
 inline constexpr const char* kTestPassword = "correct horse";
 
 // Users: admin (administrator), adam (advanced), grace (granted kTestGuest), carol (granted by her group), mallory.
-// All have kTestPassword. Methods of VEXA.Test: anyone, user, admin, host, throws, silent, stall.
+// All have kTestPassword. No hypervisor. Methods of VEXA.Test: anyone, user, admin, host, throws, silent, stall.
 class TestDaemon {
  public:
   // `adjust` may change the configuration before the start.

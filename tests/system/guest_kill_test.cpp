@@ -1,0 +1,250 @@
+// A daemon that is killed while guests are started, stopped and deleted: afterwards records, hypervisor and disks
+// agree.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "host/base/json_parse.h"
+#include "host/daemon/host_id.h"
+#include "host/guests/run_record.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "tests/support/http_client.h"
+#include "tests/support/process.h"
+#include "tests/support/require.h"
+#include "tests/support/temp_dir.h"
+#include "webapi/platform/ccc_state.h"
+#include "webapi/utils/json.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace json = VexaVirtualization::json;
+namespace states = VexaCCC::State::Guest;
+using vexa::test::HttpClient;
+using vexa::test::Process;
+using vexa::test::Require;
+
+constexpr int kGuests = 4;
+constexpr int kDisks = 2;
+constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+constexpr int kRunsAlready = 939;
+
+std::string GuestId(int i) { return "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c21" + std::to_string(i); }
+std::string DiskId(int i, int disk) { return "disk-" + std::to_string(i) + "-" + std::to_string(disk); }
+std::string Content(int i, int disk) { return "what is on " + DiskId(i, disk); }
+
+class KilledDaemon : public testing::Test {
+ protected:
+  KilledDaemon() {
+    ::mkdir(Data().c_str(), 0700);
+    ::mkdir(Images().c_str(), 0700);
+    host_id_ = Require(vexa::daemon::LoadHostId(Data()));
+    vexa::store::LmdbOptions options;
+    options.directory = Data() + "/store";
+    store_ = Require(vexa::store::OpenLmdbStore(options));
+    Json::Value repository(Json::objectValue);
+    repository["host_id"] = host_id_;
+    repository["state"] = VexaCCC::State::Repo::online;
+    (void)Require(store_->Commit({{}, {{Key("repository", kRepository), json::ToText(repository)}}}));
+    for (int i = 0; i < kGuests; ++i) PutGuest(i);
+  }
+
+  std::string Data() const { return folder_.File("data"); }
+  std::string Images() const { return folder_.File("data/images"); }
+  std::string Image(int i, int disk) const { return Images() + "/" + DiskId(i, disk) + ".img"; }
+  static std::string Key(const char* category, const std::string& id) {
+    return vexa::store::MakeKey({"dash", category, id, "object"});
+  }
+
+  void PutGuest(int i) {
+    vexa::store::Transaction transaction;
+    Json::Value guest(Json::objectValue);
+    guest["name"] = "guest-" + std::to_string(i);
+    guest["vcpu_num"] = 1;
+    guest["vram_size"] = 16;
+    guest["host_id"] = host_id_;
+    guest["repository_id"] = kRepository;
+    guest["state"] = states::shutdown;
+    guest["vnics"] = Json::Value(Json::arrayValue);
+    guest["vdisks"] = Json::Value(Json::arrayValue);
+    for (int disk = 0; disk < kDisks; ++disk) {
+      std::ofstream(Image(i, disk)) << Content(i, disk);
+      Json::Value record(Json::objectValue);
+      record["guest_id"] = GuestId(i);
+      record["name"] = disk == 0 ? "vda" : "vdb";
+      record["path"] = Image(i, disk);
+      record["driver"] = "raw";
+      record["vdisk_mode"] = 1;
+      record["size"] = 1;
+      transaction.operations.push_back({Key("vdisk", DiskId(i, disk)), json::ToText(record)});
+      guest["vdisks"].append(DiskId(i, disk));
+    }
+    transaction.operations.push_back({Key("guest", GuestId(i)), json::ToText(guest)});
+    (void)Require(store_->Commit(transaction));
+  }
+
+  std::unique_ptr<Process> Start() const {
+    auto process = std::make_unique<Process>(
+        vexa::test::ProcessOptions{.argv = {VEXAD_PROGRAM, "--data", Data(), "--socket", folder_.File("s"), "--listen",
+                                            "none", "--log", "stderr"}});
+    EXPECT_TRUE(process->WaitForText("Ready.", 60s)) << process->errors();
+    return process;
+  }
+
+  HttpClient Client() const {
+    vexa::test::HttpTarget target;
+    target.url = "http://localhost";
+    target.unix_socket = folder_.File("s");
+    return HttpClient(target);
+  }
+
+  // The error code, 0 for a success, -1 for no reply.
+  static int Ask(HttpClient& client, int guest, const std::string& action) {
+    const std::string id = "{\"guest_id\":\"" + GuestId(guest) + "\"";
+    const vexa::test::HttpReply reply = action == "delete"
+                                            ? client.PostJson("/webapi/VEXA.Virtualization.Guest/delete", id + "}")
+                                            : client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl",
+                                                              id + ",\"action\":\"" + action + "\"}");
+    if (!reply.arrived()) return -1;
+    const auto parsed = vexa::ParseJson(reply.body);
+    if (!parsed) return -1;
+    return json::Int(json::Member(json::Member(*parsed, "error"), "code"));
+  }
+
+  std::map<std::string, std::string> Keys() const {
+    std::map<std::string, std::string> keys;
+    const auto snapshot = Require(store_->Read());
+    for (const char* prefix : {"dash", "run", "deletion", "leftover", "live"}) {
+      EXPECT_TRUE(snapshot->Scan(vexa::store::MakeKey({prefix}), [&](std::string_view key, const auto& value) {
+        keys.emplace(key, value.text);
+        return true;
+      }));
+    }
+    return keys;
+  }
+
+  bool IsThere(int i) const {
+    const auto snapshot = Require(store_->Read());
+    return Require(snapshot->Get(Key("guest", GuestId(i)))).has_value();
+  }
+
+  // Whether everything says the same of the guest, when nothing is under way.
+  void ExpectAgreement(int i, HttpClient& client) {
+    const std::map<std::string, std::string> keys = Keys();
+    const std::string id = GuestId(i);
+    for (const auto& [key, text] : keys) {
+      EXPECT_EQ(key.find("/deletion/"), std::string::npos) << key << ": " << text;
+      EXPECT_EQ(key.find("/leftover/"), std::string::npos) << key << ": " << text;
+    }
+    const bool is_there = keys.contains(Key("guest", id));
+    for (int disk = 0; disk < kDisks; ++disk) {
+      EXPECT_EQ(keys.contains(Key("vdisk", DiskId(i, disk))), is_there);
+      std::ifstream file(Image(i, disk));
+      const std::string content(std::istreambuf_iterator<char>(file), {});
+      EXPECT_EQ(content, is_there ? Content(i, disk) : "");
+      EXPECT_EQ(std::filesystem::exists(Image(i, disk)), is_there);
+    }
+    if (!is_there) {
+      for (const auto& [key, text] : keys) EXPECT_EQ(key.find(id), std::string::npos) << key;
+      return;
+    }
+    const auto state = keys.find(vexa::store::MakeKey({"dash", "guest", id, "state"}));
+    const bool is_running = state != keys.end() && state->second == json::ToText(states::running);
+    if (state != keys.end() && !is_running) EXPECT_EQ(state->second, json::ToText(states::shutdown));
+    const auto run = keys.find(vexa::guests::RunKey(id));
+    EXPECT_EQ(run != keys.end(), is_running);
+    if (run != keys.end()) EXPECT_EQ(run->second.find("\"starting\":true"), std::string::npos) << run->second;
+    // The hypervisor knows best what it runs.
+    EXPECT_EQ(Ask(client, i, "poweron"), is_running ? kRunsAlready : 0);
+    if (!is_running) EXPECT_EQ(Ask(client, i, "poweroff"), 0);
+  }
+
+  void ExpectNoStrayFiles() const {
+    for (const auto& entry : std::filesystem::directory_iterator(Images())) {
+      EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
+    }
+  }
+
+  vexa::test::TempDir folder_;
+  std::string host_id_;
+  std::shared_ptr<vexa::store::Store> store_;
+};
+
+TEST_F(KilledDaemon, AtAnyMoment_LeavesNothingHalfMade) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  int interrupted = 0;
+  for (int round = 0; round < VEXA_KILL_ROUNDS && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    {
+      const auto daemon = Start();
+      HttpClient client = Client();
+      for (int i = 0; i < kGuests; ++i) ExpectAgreement(i, client);
+      ExpectNoStrayFiles();
+      std::atomic<int> unanswered = 0;
+      std::vector<std::thread> askers;
+      for (int i = 0; i < kGuests; ++i) {
+        askers.emplace_back([&, i, choice = random()] {
+          HttpClient own = Client();
+          std::mt19937 choices(choice);
+          for (int step = 0; step < 100; ++step) {
+            static const std::vector<std::string> actions{"poweron",  "poweroff", "poweron",
+                                                          "shutdown", "reboot",   "delete"};
+            const int code = Ask(own, i, actions[choices() % actions.size()]);
+            if (code == -1) {
+              ++unanswered;
+              return;
+            }
+          }
+        });
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 60'000));
+      daemon->Signal(SIGKILL);
+      EXPECT_TRUE(daemon->Wait(30s));
+      for (std::thread& asker : askers) asker.join();
+      if (unanswered > 0) ++interrupted;
+    }
+    if (round % 4 != 3) continue;
+    // The daemon finishes what was begun before guests are made anew.
+    {
+      const auto daemon = Start();
+      daemon->Signal(SIGTERM);
+      EXPECT_TRUE(daemon->Wait(60s));
+    }
+    for (int i = 0; i < kGuests; ++i) {
+      if (!IsThere(i)) PutGuest(i);
+    }
+  }
+  const auto daemon = Start();
+  HttpClient client = Client();
+  for (int i = 0; i < kGuests; ++i) ExpectAgreement(i, client);
+  ExpectNoStrayFiles();
+  // Else nothing was killed in the middle.
+  EXPECT_GE(interrupted, VEXA_KILL_ROUNDS / 2);
+}
+
+TEST_F(KilledDaemon, ByAGracefulStop_LosesNoRunningGuest) {
+  {
+    const auto daemon = Start();
+    HttpClient client = Client();
+    for (int i = 0; i < kGuests; ++i) EXPECT_EQ(Ask(client, i, "poweron"), 0);
+    daemon->Signal(SIGTERM);
+    const auto status = daemon->Wait(60s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->code, 0);
+  }
+  const auto daemon = Start();
+  HttpClient client = Client();
+  for (int i = 0; i < kGuests; ++i) EXPECT_EQ(Ask(client, i, "poweron"), kRunsAlready);
+}
+
+}  // namespace
