@@ -49,4 +49,9 @@ struct LogPage {
 // Errors: kInvalid for a cursor that no page gave; what the store says.
 Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit);
 
+// For following the log: the entries later than `after_us`, oldest first, at most `limit` (1 to kMaxLogPage) of them.
+// What is no entry is left out. A host whose clock is behind may add an entry before one that has been read.
+// Errors: kInvalid for a time before 1970; what the store says.
+Result<std::vector<LogEntry>> ReadLogAfter(std::int64_t after_us, std::size_t limit);
+
 }  // namespace vexa::cluster

@@ -36,6 +36,7 @@
 #include "host/services/host_api.h"
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
+#include "host/services/log_api.h"
 #include "host/services/services.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
@@ -246,7 +247,7 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(), services::CompoundRows(call_item, OptionsOfCompound())}) {
+          services::GuestStateRows(), services::LogRows(), services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));

@@ -1,6 +1,7 @@
 #include "host/daemon/guest_api.h"
 
 #include "webapi/guest/guest.h"
+#include "webapi/guest/guest_action.h"
 
 namespace vexa::daemon {
 
@@ -20,6 +21,32 @@ std::vector<webapi::ApiRow> GuestRows() {
        .summary = "The stored configuration of one guest: general settings, disks and network interfaces.",
        .parameters = {{"guest_id", ParameterType::kString, Necessity::kRequired, "The guest's id, a UUID."}},
        .errors = {401, 403, 409, 413}},
+      {.api = "VEXA.Virtualization.Guest",
+       .method = "delete",
+       .version = 1,
+       .access = Access::kUser,
+       .lane = LaneKind::kLong,
+       .handler = webapi::Plain(VexaVirtualization::Guest::Delete),
+       .summary = "Delete a guest with its disks. It must not run. For administrators, and for advanced users who were "
+                  "granted the guest.",
+       .parameters = {{"guest_id", ParameterType::kString, Necessity::kRequired, "The guest's id, a UUID."}},
+       .errors = {401, 403, 407, 409, 901}},
+      {.api = "VEXA.Virtualization.Guest.Action",
+       .method = "pwr_ctl",
+       .version = 1,
+       .access = Access::kUser,
+       .lane = LaneKind::kLong,
+       .handler = webapi::Plain(VexaVirtualization::GuestAction::PwrCtl),
+       .summary =
+           "Power a guest on or off, shut it down or reboot it. \"poweroff_by_ha\" powers it off on several hosts "
+           "and answers for each of them.",
+       .parameters = {{"guest_id", ParameterType::kString, Necessity::kRequired, "The guest's id."},
+                      {"action", ParameterType::kString, Necessity::kRequired,
+                       "\"poweron\", \"shutdown\", \"poweroff\", \"reboot\" or \"poweroff_by_ha\"."},
+                      {"host_ids", ParameterType::kArray, Necessity::kOptional,
+                       "For \"poweroff_by_ha\", which needs it: the ids of the hosts to ask."}},
+       .errors = {401, 403, 407, 409, 415, 620, 902, 903, 904, 905, 912, 914,
+                  915, 927, 928, 932, 933, 939, 944, 947, 954, 959, 965}},
   };
 }
 

@@ -25,6 +25,9 @@ using vexa::test::kTestPassword;
 using vexa::test::TestDaemon;
 
 const std::string kGetPath = "/webapi/VEXA.Virtualization.Guest/get";
+const std::string kDeletePath = "/webapi/VEXA.Virtualization.Guest/delete";
+const std::string kPowerPath = "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl";
+const std::string kLogPath = "/webapi/VEXA.Virtualization.Log/list";
 const std::string kLoginPath = "/webapi/VEXA.Core.Session/login";
 const std::string kGetBody = std::string("{\"guest_id\":\"") + kTestGuest + "\"}";
 
@@ -95,9 +98,32 @@ void CheckRole(HttpClient client, const Role& role, const std::map<std::string, 
 TEST_F(DaemonApi, PermissionMatrix_OverHttp) {
   const auto access_by_path = AccessByPath(daemon_->Tcp());
   ASSERT_GE(access_by_path.size(), 11u);
+  for (const std::string& path : {kGetPath, kDeletePath, kPowerPath, kLogPath}) {
+    EXPECT_TRUE(access_by_path.contains(path)) << path;
+  }
   for (const Role& role : kRoles) {
     SCOPED_TRACE(role.name);
     CheckRole(role.name == std::string("nobody") ? daemon_->Tcp() : daemon_->TcpAs(role.name), role, access_by_path);
+  }
+}
+
+// Of the methods that decide themselves. The guest has neither a repository that is known nor a host, so that nobody
+// gets further than 403 and 932: no host could be chosen.
+TEST_F(DaemonApi, PermissionMatrix_OfPowerDeletionAndLog) {
+  struct Row {
+    const char* role;
+    int power;
+    int deletion;
+    int log;
+  };
+  constexpr Row kRows[] = {{"admin", 932, 403, 0},   {"adam", 409, 409, 0},      {"grace", 932, 409, 409},
+                           {"carol", 932, 409, 409}, {"mallory", 409, 409, 409}, {"nobody", 103, 103, 103}};
+  const std::string power = std::string("{\"action\":\"shutdown\",\"guest_id\":\"") + kTestGuest + "\"}";
+  for (const Row& row : kRows) {
+    HttpClient client = row.role == std::string("nobody") ? daemon_->Tcp() : daemon_->TcpAs(row.role);
+    EXPECT_EQ(ErrorCode(client.PostJson(kPowerPath, power)), row.power) << row.role;
+    EXPECT_EQ(ErrorCode(client.PostJson(kDeletePath, kGetBody)), row.deletion) << row.role;
+    EXPECT_EQ(ErrorCode(client.PostJson(kLogPath, "{}")), row.log) << row.role;
   }
 }
 

@@ -5,7 +5,10 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "host/daemon/guest_api.h"
 #include "host/daemon/openapi.h"
+#include "host/guests/refusal.h"
+#include "host/services/log_api.h"
 #include "host/webapi/error_table.h"
 #include "tests/support/test_host.h"
 
@@ -60,12 +63,46 @@ TEST(ErrorTable, EveryRow_IsFoundAndHasAStatusAndASentence) {
 }
 
 TEST(ErrorTable, HandlerCodes_HaveTheirStatus) {
-  const std::pair<int, int> rows[] = {{401, 400}, {403, 404}, {406, 409}, {407, 409},
-                                      {409, 403}, {413, 500}, {507, 404}};
+  const std::pair<int, int> rows[] = {{401, 400}, {403, 404}, {406, 409}, {407, 409}, {409, 403}, {413, 500},
+                                      {415, 409}, {507, 404}, {901, 500}, {902, 500}, {912, 409}, {959, 503}};
   for (const auto& [code, status] : rows) {
     ASSERT_NE(FindError(code), nullptr) << code;
     EXPECT_EQ(FindError(code)->http_status, status) << code;
   }
+}
+
+TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
+  std::vector<ApiRow> rows = vexa::daemon::GuestRows();
+  for (const ApiRow& row : vexa::services::LogRows()) rows.push_back(row);
+  for (const ApiRow& row : rows) {
+    for (const int code : row.errors)
+      EXPECT_NE(FindError(code), nullptr) << row.api << " " << row.method << " " << code;
+  }
+}
+
+TEST(ErrorTable, RefusalsOfHosts_AreAllThere) {
+  using namespace vexa::guests;  // NOLINT: all of its codes
+  for (const int code : {kUnreadable, kFailed, kRunsAlready, kNotRunning, kElsewhere, kBusy, kNoNetwork, kNoVcpu,
+                         kNoMemory, kRemoteNotVirtio, kNoCpuThreads, kRemoteEfi, kUnavailable, kIncompatibleCpu}) {
+    EXPECT_NE(FindError(code), nullptr) << code;
+  }
+}
+
+TEST(GuestRows, PowerAndDeletion_WaitOnTheLongLaneAndAreForUsers) {
+  const ApiTable table(vexa::daemon::GuestRows());
+  const std::pair<const char*, const char*> rows[] = {{"VEXA.Virtualization.Guest", "delete"},
+                                                      {"VEXA.Virtualization.Guest.Action", "pwr_ctl"}};
+  for (const auto& [api, method] : rows) {
+    const ApiRow* row = table.Find(api, method, 1);
+    ASSERT_NE(row, nullptr) << api;
+    EXPECT_EQ(row->access.value, Access::kUser);
+    EXPECT_EQ(row->lane.value, LaneKind::kLong);
+    EXPECT_EQ(row->parameters.at(0).name, "guest_id");
+  }
+  EXPECT_EQ(table.Find("VEXA.Virtualization.Guest", "delete", 1)->errors, (std::vector<int>{401, 403, 407, 409, 901}));
+  EXPECT_EQ(table.Find("VEXA.Virtualization.Guest.Action", "pwr_ctl", 1)->errors,
+            (std::vector<int>{401, 403, 407, 409, 415, 620, 902, 903, 904, 905, 912, 914,
+                              915, 927, 928, 932, 933, 939, 944, 947, 954, 959, 965}));
 }
 
 TEST(ErrorTable, WhatTheServerRefuses_HasARowOfTheSameStatus) {

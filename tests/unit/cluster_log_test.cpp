@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <set>
 #include <string>
 #include <thread>
@@ -317,6 +318,41 @@ TEST_F(ClusterLog, DamagedEntries_AreLeftOut) {
   EXPECT_EQ(page.entries[0].text, "good");
 }
 
+// Following.
+
+TEST_F(ClusterLog, After_GoesFromOldToNew) {
+  const auto times = [](std::int64_t after, std::size_t limit) {
+    return Times({Require(ReadLogAfter(after, limit)), ""});
+  };
+  for (const int time : {30, 10, 50, 20, 40}) Add(time);
+  EXPECT_EQ(times(20, 10), (Timestamps{30, 40, 50})) << "without the entry of that very time";
+  EXPECT_EQ(times(0, 2), (Timestamps{10, 20}));
+  EXPECT_EQ(times(0, 0), (Timestamps{10})) << "a page has one entry at least";
+  EXPECT_EQ(times(50, 10), Timestamps());
+  EXPECT_EQ(times(std::numeric_limits<std::int64_t>::max(), 10), Timestamps());
+  ASSERT_FALSE(ReadLogAfter(-1, 10).ok());
+  EXPECT_EQ(ReadLogAfter(-1, 10).error().code(), ErrorCode::kInvalid);
+}
+
+TEST_F(ClusterLog, AfterALargeLog_IsCut) {
+  Fill(kNow, 1500);
+  const auto first = Require(ReadLogAfter(0, 100'000));
+  ASSERT_EQ(first.size(), kMaxLogPage);
+  EXPECT_EQ(Require(ReadLogAfter(first.back().time_us, 100'000)).size(), 500u);
+}
+
+TEST_F(ClusterLog, AfterDamagedEntries_GoesOnBehindThem) {
+  PutRaw(KeyAt(20), "nonsense");
+  PutRaw(KeyAt(30), R"({"time_us":5,"text":"liar"})");
+  PutRaw("/log/99999999999999999999", R"({"text":"beyond all time"})");
+  Add(40, "good");
+  const auto entries = Require(ReadLogAfter(0, 2));
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].time_us, 30) << "the key's time, not what the entry says";
+  EXPECT_EQ(entries[1].text, "good");
+  EXPECT_TRUE(Require(ReadLogAfter(40, 2)).empty());
+}
+
 // Failures.
 
 TEST_F(ClusterLog, CommitFails_IsALineInTheSystemLog) {
@@ -336,6 +372,7 @@ TEST_F(ClusterLog, StoreCannotBeRead_IsALineAndAnError) {
   EXPECT_NO_THROW(ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed."));
   EXPECT_TRUE(test::SyslogContains("The cluster log cannot be written: "));
   EXPECT_FALSE(ReadLog("", 10).ok());
+  EXPECT_FALSE(ReadLogAfter(0, 10).ok());
 }
 
 TEST_F(ClusterLog, OthersWriteAllTheTime_IsALineInTheEnd) {
@@ -349,6 +386,7 @@ TEST_F(ClusterLog, NoEnvironment_IsALineAndAnError) {
   EXPECT_NO_THROW(ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed."));
   EXPECT_TRUE(test::SyslogContains("The cluster log cannot be written: The cluster database is not open"));
   EXPECT_FALSE(ReadLog("", 10).ok());
+  EXPECT_FALSE(ReadLogAfter(0, 10).ok());
 }
 
 }  // namespace
