@@ -15,11 +15,15 @@ struct CloseConnect {
 struct FreeDomain {
   void operator()(virDomainPtr domain) const { virDomainFree(domain); }
 };
+struct FreeNetwork {
+  void operator()(virNetworkPtr network) const { virNetworkFree(network); }
+};
 struct FreeText {
   void operator()(char* text) const { std::free(text); }
 };
 using ConnectHandle = std::unique_ptr<virConnect, CloseConnect>;
 using DomainHandle = std::unique_ptr<virDomain, FreeDomain>;
+using NetworkHandle = std::unique_ptr<virNetwork, FreeNetwork>;
 using TextHandle = std::unique_ptr<char, FreeText>;
 
 }  // namespace vexa::hypervisor

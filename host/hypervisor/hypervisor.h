@@ -56,6 +56,12 @@ enum class MemoryCheck {
   kAlways,
 };
 
+// What Open does when libvirt cannot be reached at present: its socket is not there, or nobody answers.
+enum class OpenLater {
+  kNever,            // it fails
+  kWhenUnreachable,  // it succeeds without a connection, which is opened in the background as one that was lost
+};
+
 struct HypervisorOptions {
   // "test": libvirt's in-process test driver. It needs no rights and runs nothing: guests start with any memory, disks
   // and networks. What it knows ends with its connection, so defined and running guests are to be restored.
@@ -65,15 +71,17 @@ struct HypervisorOptions {
   std::string mode = "test";
   std::string root;  // an absolute path; of embed only
 
-  // Called on a thread of the hypervisor's own, one at a time and in order: may take long, may call the hypervisor, may
-  // not destroy it.
+  // Called on a thread of the hypervisor's own, one at a time and in order, from before Open returns: may take long,
+  // may call the hypervisor, may not destroy it.
   std::function<void(const GuestEvent&)> on_event;
-  // The connection was lost and is there again: events may be missing, and in test mode all guests are.
+  // The connection was lost and is there again: events may be missing, and in test mode all guests are. Also called
+  // when the first one comes later than Open.
   std::function<void()> on_reopened;
 
   // The wait before the first try to open a lost connection again; it doubles up to the last.
   std::chrono::milliseconds first_retry{200};
   std::chrono::milliseconds last_retry{30'000};
+  OpenLater open_later = OpenLater::kNever;
   MemoryCheck memory_check = MemoryCheck::kByMode;
 };
 
@@ -86,13 +94,15 @@ class Hypervisor {
   // Opens the connection; a lost one is opened again in the background for as long as the object lives. Starts
   // libvirt's event loop, once in a process, and silences libvirt's own printing of errors: nothing else in the process
   // may have opened a connection before. Failures: kInvalid (options), kDenied (embed as root), kUnsupported (no such
-  // driver).
+  // driver), kDisconnected (not with OpenLater::kWhenUnreachable).
   static Outcome<std::unique_ptr<Hypervisor>> Open(HypervisorOptions options);
 
   // No callback runs afterwards.
   virtual ~Hypervisor() = default;
 
-  // What <domain type='…'> is to say here: "test", "kvm", or "qemu" where KVM does not work.
+  // What <domain type='…'> is to say here: "test", "kvm", or "qemu" where KVM does not work. A libvirt elsewhere is
+  // asked once it is connected; before the first connection the answer is what works everywhere, "qemu", so that who
+  // has asked by then asks again in on_reopened.
   virtual std::string DomainType() const = 0;
 
   // Adds the guest, or replaces what it will be at its next start. Gives its UUID. Failures: kInvalid, kExists.
@@ -100,7 +110,7 @@ class Hypervisor {
   // Failures: kAlreadyRunning.
   virtual Outcome<void> Undefine(const std::string& id) = 0;
 
-  // Failures: kAlreadyRunning, kNoMemory, kNetworkMissing, kBridgeMissing, kDiskMissing.
+  // Failures: kAlreadyRunning, kNoMemory, kCpuIncompatible, kNetworkMissing, kBridgeMissing, kDiskMissing.
   virtual Outcome<void> Start(const std::string& id) = 0;
   // Asks the guest's agent where there is one, else presses the power button. Failures: kNotRunning, kStillRunning.
   virtual Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) = 0;
@@ -117,6 +127,9 @@ class Hypervisor {
   virtual Outcome<std::vector<std::string>> AddressesOf(const std::string& id) = 0;
   // Whether the agent of a running guest is connected. Failures: kNotRunning.
   virtual Outcome<bool> HasAgent(const std::string& id) = 0;
+
+  // The names of the active networks that libvirt runs, in order; none where the driver has no networks.
+  virtual Outcome<std::vector<std::string>> Networks() = 0;
 
   // The bytes that guests could get: free ones, buffers and caches.
   virtual Outcome<std::uint64_t> FreeMemory() = 0;

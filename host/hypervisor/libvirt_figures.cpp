@@ -108,6 +108,27 @@ Outcome<bool> LibvirtHypervisor::HasAgent(const std::string& id) {
   return SaysAgentConnected(xml.get());
 }
 
+Outcome<std::vector<std::string>> LibvirtHypervisor::Networks() {
+  Outcome<std::shared_ptr<virConnect>> connection = Connection();
+  if (!connection) return connection.failure();
+  virNetworkPtr* raw = nullptr;
+  const int count = virConnectListAllNetworks(connection->get(), &raw, VIR_CONNECT_LIST_NETWORKS_ACTIVE);
+  std::vector<std::string> names;
+  if (count < 0) {
+    Failure failure = Failed(*connection, Operation::kRead, "Cannot list the networks");
+    if (failure.problem() == Problem::kUnsupported) return names;
+    return failure;
+  }
+  const std::vector<NetworkHandle> networks(raw, raw + count);
+  std::free(raw);
+  for (const NetworkHandle& network : networks) {
+    const char* const name = virNetworkGetName(network.get());
+    if (name != nullptr) names.emplace_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 Outcome<std::uint64_t> LibvirtHypervisor::FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const {
   // Free memory alone is little on a host that has read many files: caches make room for guests.
   int count = 0;

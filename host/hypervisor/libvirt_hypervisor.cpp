@@ -15,16 +15,16 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// A connection elsewhere knows its own kernel.
+// Empty when it cannot be told: a connection elsewhere knows its own kernel, and this one is lost again already.
 std::string TypeFor(const Target& target, virConnectPtr connection) {
   if (target.kind == TargetKind::kTest) return "test";
   if (target.kind == TargetKind::kEmbed) return KvmWorks("/dev/kvm") ? "kvm" : "qemu";
   const char* const driver = virConnectGetType(connection);
   const std::string type = Lower(driver != nullptr ? driver : "");
-  if (type.empty()) return "qemu";  // lost again already; emulation works everywhere
   if (type != "qemu") return type;
   const TextHandle capabilities(virConnectGetDomainCapabilities(connection, nullptr, "x86_64", nullptr, "kvm", 0));
-  return capabilities ? "kvm" : "qemu";
+  if (capabilities) return "kvm";
+  return virConnectIsAlive(connection) == 1 ? "qemu" : "";
 }
 
 std::string IdOf(virDomainPtr domain) {
@@ -86,16 +86,21 @@ Outcome<std::unique_ptr<Hypervisor>> Hypervisor::Open(HypervisorOptions options)
   if (!target) return target.failure();
   Outcome<std::unique_ptr<Link>> link =
       Link::Open({target->uri, std::move(options.on_event), std::move(options.on_reopened), options.first_retry,
-                  options.last_retry});
+                  options.last_retry, options.open_later});
   if (!link) return link.failure();
   return std::unique_ptr<Hypervisor>(
       std::make_unique<LibvirtHypervisor>(std::move(*target), options.memory_check, std::move(*link)));
 }
 
 LibvirtHypervisor::LibvirtHypervisor(Target target, MemoryCheck memory_check, std::unique_ptr<Link> link)
-    : target_(std::move(target)), memory_check_(memory_check), link_(std::move(link)) {
+    : target_(std::move(target)), memory_check_(memory_check), link_(std::move(link)) {}
+
+std::string LibvirtHypervisor::DomainType() const {
+  const std::lock_guard lock(type_mutex_);
+  if (!domain_type_.empty()) return domain_type_;
   const std::shared_ptr<virConnect> connection = link_->Current();
-  domain_type_ = TypeFor(target_, connection.get());
+  if (connection) domain_type_ = TypeFor(target_, connection.get());
+  return domain_type_.empty() ? "qemu" : domain_type_;
 }
 
 Outcome<std::shared_ptr<virConnect>> LibvirtHypervisor::Connection() const {

@@ -13,7 +13,7 @@ class LibvirtHypervisor final : public Hypervisor {
  public:
   LibvirtHypervisor(Target target, MemoryCheck memory_check, std::unique_ptr<Link> link);
 
-  std::string DomainType() const override { return domain_type_; }
+  std::string DomainType() const override;
   Outcome<std::string> Define(const std::string& xml) override;
   Outcome<void> Undefine(const std::string& id) override;
   Outcome<void> Start(const std::string& id) override;
@@ -24,6 +24,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Outcome<std::vector<KnownGuest>> List() override;
   Outcome<std::vector<std::string>> AddressesOf(const std::string& id) override;
   Outcome<bool> HasAgent(const std::string& id) override;
+  Outcome<std::vector<std::string>> Networks() override;
   Outcome<std::uint64_t> FreeMemory() override;
   Outcome<Node> NodeFigures() override;
   bool IsConnected() const override { return link_->IsConnected(); }
@@ -51,7 +52,8 @@ class LibvirtHypervisor final : public Hypervisor {
 
   const Target target_;
   const MemoryCheck memory_check_;
-  std::string domain_type_;
+  mutable std::mutex type_mutex_;
+  mutable std::string domain_type_;  // empty until a connection has told
   // Destroyed first: a callback that runs meanwhile may still call.
   const std::unique_ptr<Link> link_;
 };

@@ -14,7 +14,7 @@ std::string InMib(std::uint64_t bytes) { return std::to_string(bytes >> 20) + " 
 
 // What QEMU says when it gets no memory has no code of its own, and by then the host may have pushed others out.
 Outcome<void> LibvirtHypervisor::CheckMemory(const Found& guest) const {
-  const bool check = memory_check_ == MemoryCheck::kAlways || domain_type_ != "test";
+  const bool check = memory_check_ == MemoryCheck::kAlways || DomainType() != "test";
   if (!check) return {};
   const std::uint64_t needed = std::uint64_t{virDomainGetMaxMemory(guest.domain.get())} * kKib;
   const Outcome<std::uint64_t> free = FreeMemoryOf(guest.connection);

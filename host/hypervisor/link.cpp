@@ -135,8 +135,12 @@ Link::Link(LinkOptions options) : options_(std::move(options)) {}
 Outcome<std::unique_ptr<Link>> Link::Open(LinkOptions options) {
   std::unique_ptr<Link> link(new Link(std::move(options)));
   Outcome<std::unique_ptr<Attachment>> attachment = Attachment::Open(*link);
-  if (!attachment) return attachment.failure();
-  link->Adopt(std::move(*attachment));
+  if (attachment) {
+    link->Adopt(std::move(*attachment));
+  } else if (link->options_.open_later == OpenLater::kNever ||
+             attachment.failure().problem() != Problem::kDisconnected) {
+    return attachment.failure();
+  }
   link->thread_ = std::thread([raw = link.get()] { raw->Run(); });
   return link;
 }

@@ -21,12 +21,13 @@ struct LinkOptions {
   std::function<void()> on_reopened;
   std::chrono::milliseconds first_retry{};
   std::chrono::milliseconds last_retry{};
+  OpenLater open_later = OpenLater::kNever;
 };
 
 // Threads: any, at the same time. The callbacks run on the link's own thread, one at a time.
 class Link {
  public:
-  // The event loop must run. Failures: what libvirt says.
+  // The event loop must run. Failures: what libvirt says, but for kDisconnected when it may be opened later.
   static Outcome<std::unique_ptr<Link>> Open(LinkOptions options);
   ~Link();
 

@@ -17,6 +17,7 @@ constexpr Row kProblems[] = {
     {Problem::kBridgeMissing, "bridge_missing", ErrorCode::kNotFound},
     {Problem::kDiskMissing, "disk_missing", ErrorCode::kNotFound},
     {Problem::kNoMemory, "no_memory", ErrorCode::kNoSpace},
+    {Problem::kCpuIncompatible, "cpu_incompatible", ErrorCode::kConflict},
     {Problem::kBusy, "busy", ErrorCode::kBusy},
     {Problem::kStillRunning, "still_running", ErrorCode::kBusy},
     {Problem::kAgentAbsent, "agent_absent", ErrorCode::kUnavailable},

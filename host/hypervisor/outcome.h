@@ -18,12 +18,13 @@ enum class Problem {
   kExists,          // another guest has the name or the UUID
   kNetworkMissing,  // a network of the guest is not known to libvirt
   kBridgeMissing,
-  kDiskMissing,   // the file of a disk, an ISO image or the firmware
-  kNoMemory,      // the host has not enough memory
-  kBusy,          // another call holds the guest; try again
-  kStillRunning,  // the guest was asked to shut down and has not within the time given
-  kAgentAbsent,   // the guest's agent does not answer
-  kInvalid,       // an id, XML or option that cannot be accepted
+  kDiskMissing,      // the file of a disk, an ISO image or the firmware
+  kNoMemory,         // the host has not enough memory
+  kCpuIncompatible,  // the host's processor lacks what the guest's has
+  kBusy,             // another call holds the guest; try again
+  kStillRunning,     // the guest was asked to shut down and has not within the time given
+  kAgentAbsent,      // the guest's agent does not answer
+  kInvalid,          // an id, XML or option that cannot be accepted
   kDenied,
   kUnsupported,   // this hypervisor cannot do it
   kDisconnected,  // there is no connection to libvirt at present; it is being opened again

@@ -1,6 +1,8 @@
 #include "host/hypervisor/translate.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 namespace vexa::hypervisor {
 namespace {
@@ -15,6 +17,7 @@ constexpr Row kAnywhere[] = {
     {VIR_ERR_DOM_EXIST, Problem::kExists},
     {VIR_ERR_NO_NETWORK, Problem::kNetworkMissing},
     {VIR_ERR_NO_MEMORY, Problem::kNoMemory},
+    {VIR_ERR_CPU_INCOMPATIBLE, Problem::kCpuIncompatible},
     {VIR_ERR_OPERATION_TIMEOUT, Problem::kBusy},
     {VIR_ERR_RESOURCE_BUSY, Problem::kBusy},
     {VIR_ERR_AGENT_UNRESPONSIVE, Problem::kAgentAbsent},
@@ -46,6 +49,17 @@ bool Says(const virError& error, std::string_view words) {
   return error.message != nullptr && std::string_view(error.message).find(words) != std::string_view::npos;
 }
 
+bool SaysProcessorLacks(const virError& error) {
+  constexpr std::string_view kSentences[] = {
+      "guest CPU doesn't match specification",
+      "Host CPU does not provide required features",
+      "Host CPU model does not match required CPU",
+      "incompatible with host CPU",
+  };
+  return std::any_of(std::begin(kSentences), std::end(kSentences),
+                     [&](std::string_view sentence) { return Says(error, sentence); });
+}
+
 // The system's errno is the first number of such an error. The texts are those of libvirt and QEMU.
 Problem OfSystem(Operation operation, const virError& error) {
   if (operation == Operation::kOpen) return error.int1 == EACCES ? Problem::kDenied : Problem::kDisconnected;
@@ -65,10 +79,11 @@ Problem OfSystem(Operation operation, const virError& error) {
 }
 
 // Errors that only their sentence tells apart: the test driver says so of guests that run or do not, QEMU that it got
-// no memory.
+// no memory. Of processors some have the code that they should have, and some have a general one.
 Problem OfText(const virError& error) {
   if (Says(error, "already running")) return Problem::kAlreadyRunning;
   if (Says(error, "not running")) return Problem::kNotRunning;
+  if (SaysProcessorLacks(error)) return Problem::kCpuIncompatible;
   if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
   return Problem::kFailed;
 }
@@ -106,6 +121,8 @@ Problem Translate(Operation operation, const virError& error) {
       // Another guest has the name and another UUID, or the other way round.
       return operation == Operation::kDefine ? Problem::kExists : OfText(error);
     case VIR_ERR_INTERNAL_ERROR:
+      // A daemon that ends, or falls silent, while a connection to it is being made.
+      if (error.domain == VIR_FROM_RPC) return Problem::kDisconnected;
       return OfText(error);
     default:
       return Problem::kFailed;

@@ -18,7 +18,12 @@ Function* Real(const char* name) {
 }
 
 thread_local std::optional<vexa::test::LibvirtError> start_error;
-thread_local bool start_failed = false;
+thread_local std::optional<vexa::test::LibvirtError> networks_error;
+// The fault that this thread met last; it stays the last error until the fault ends.
+thread_local std::optional<vexa::test::LibvirtError> met;
+std::mutex openings_mutex;
+std::optional<vexa::test::LibvirtError> opening_error;
+std::atomic<int> openings{0};
 thread_local bool connections_dead = false;
 thread_local std::string pretended_xml;
 std::atomic<int> presses_to_lose{0};
@@ -42,7 +47,25 @@ namespace vexa::test {
 FailingStarts::FailingStarts(const LibvirtError& error) { start_error = error; }
 FailingStarts::~FailingStarts() {
   start_error.reset();
-  start_failed = false;
+  met.reset();
+}
+
+FailingOpenings::FailingOpenings(const LibvirtError& error) {
+  const std::lock_guard lock(openings_mutex);
+  opening_error = error;
+  openings = 0;
+}
+FailingOpenings::~FailingOpenings() {
+  const std::lock_guard lock(openings_mutex);
+  opening_error.reset();
+  met.reset();
+}
+int Openings() { return openings; }
+
+FailingNetworks::FailingNetworks(const LibvirtError& error) { networks_error = error; }
+FailingNetworks::~FailingNetworks() {
+  networks_error.reset();
+  met.reset();
 }
 
 DeadConnections::DeadConnections() { connections_dead = true; }
@@ -69,19 +92,36 @@ extern "C" {
 int virDomainCreate(virDomainPtr domain) {
   static auto* const real = Real<int(virDomainPtr)>("virDomainCreate");
   if (!start_error) return real(domain);
-  start_failed = true;
+  met = start_error;
+  return -1;
+}
+
+virConnectPtr virConnectOpen(const char* uri) {
+  static auto* const real = Real<virConnectPtr(const char*)>("virConnectOpen");
+  ++openings;
+  {
+    const std::lock_guard lock(openings_mutex);
+    met = opening_error;
+  }
+  return met ? nullptr : real(uri);
+}
+
+int virConnectListAllNetworks(virConnectPtr connection, virNetworkPtr** networks, unsigned int flags) {
+  static auto* const real = Real<int(virConnectPtr, virNetworkPtr**, unsigned int)>("virConnectListAllNetworks");
+  if (!networks_error) return real(connection, networks, flags);
+  met = networks_error;
   return -1;
 }
 
 virErrorPtr virGetLastError() {
   static auto* const real = Real<virErrorPtr()>("virGetLastError");
-  if (!start_failed) return real();
+  if (!met) return real();
   thread_local virError error;
   error = {};
-  error.code = start_error->code;
-  error.domain = start_error->domain;
-  error.message = start_error->message.data();
-  error.int1 = start_error->system_error;
+  error.code = met->code;
+  error.domain = met->domain;
+  error.message = met->message.data();
+  error.int1 = met->system_error;
   return &error;
 }
 

@@ -25,6 +25,26 @@ class FailingStarts {
   FailingStarts& operator=(const FailingStarts&) = delete;
 };
 
+// While it lives, no connection can be opened, in any thread: attempts fail with the error.
+class FailingOpenings {
+ public:
+  explicit FailingOpenings(const LibvirtError& error);
+  ~FailingOpenings();
+  FailingOpenings(const FailingOpenings&) = delete;
+  FailingOpenings& operator=(const FailingOpenings&) = delete;
+};
+// How many connections somebody has tried to open since the last FailingOpenings began.
+int Openings();
+
+// While it lives, this thread's lists of networks fail with the error.
+class FailingNetworks {
+ public:
+  explicit FailingNetworks(const LibvirtError& error);
+  ~FailingNetworks();
+  FailingNetworks(const FailingNetworks&) = delete;
+  FailingNetworks& operator=(const FailingNetworks&) = delete;
+};
+
 // While it lives, this thread's connections are said to be dead.
 class DeadConnections {
  public:

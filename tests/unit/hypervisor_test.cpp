@@ -109,6 +109,57 @@ TEST(HypervisorOpen, DaemonThatIsNotThere_IsAFailure) {
   EXPECT_EQ(OpenWord("test://" + folder.Path("no.xml")), "invalid");
 }
 
+HypervisorOptions Later(const std::string& mode) {
+  HypervisorOptions options;
+  options.mode = mode;
+  options.open_later = OpenLater::kWhenUnreachable;
+  options.first_retry = milliseconds(5);
+  options.last_retry = milliseconds(20);
+  return options;
+}
+
+TEST(HypervisorOpen, LaterWhenTheDaemonIsNotThere_IsDisconnected) {
+  const TemporaryFolder folder;
+  for (const char* driver : {"test+unix:///default", "qemu+unix:///system"}) {
+    const auto hypervisor = MustOpen(Later(driver + ("?socket=" + folder.Path("no.sock"))));
+    ASSERT_TRUE(hypervisor);
+    EXPECT_FALSE(hypervisor->IsConnected());
+    EXPECT_EQ(Word(hypervisor->List()), "disconnected");
+    EXPECT_EQ(hypervisor->DomainType(), "qemu");
+  }
+}
+
+TEST(HypervisorOpen, LaterWithWhatNeverWorks_IsAFailure) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(Word(Hypervisor::Open(Later("test://" + folder.Path("no.xml")))), "invalid");
+  {
+    const test::FailingOpenings unknown({VIR_ERR_NO_CONNECT, "no connection driver available"});
+    EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "unsupported");
+  }
+  const test::FailingOpenings denied({VIR_ERR_AUTH_FAILED, "authentication failed"});
+  EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "denied");
+}
+
+TEST(HypervisorOpen, Later_IsOpenedInTheBackgroundAndTold) {
+  test::GuestEvents events;
+  HypervisorOptions options = Later("test:///default");
+  events.Listen(options);
+  std::unique_ptr<Hypervisor> hypervisor;
+  {
+    const test::FailingOpenings unreachable({VIR_ERR_SYSTEM_ERROR, "Failed to connect socket", ENOENT, VIR_FROM_RPC});
+    hypervisor = MustOpen(options);
+    ASSERT_TRUE(hypervisor);
+    while (test::Openings() < 3) std::this_thread::sleep_for(milliseconds(5));
+    EXPECT_FALSE(hypervisor->IsConnected());
+    EXPECT_EQ(events.reopenings(), 0);
+    EXPECT_EQ(hypervisor->DomainType(), "qemu");
+  }
+  ASSERT_TRUE(events.AwaitReopenings(1));
+  EXPECT_TRUE(hypervisor->IsConnected());
+  EXPECT_EQ(hypervisor->DomainType(), "test");
+  EXPECT_EQ(hypervisor->List()->size(), 1u);
+}
+
 TEST(HypervisorOpen, TestMode_IsAMachineOfItsOwnWithoutGuests) {
   const auto first = MustOpen();
   const auto second = MustOpen();
@@ -143,6 +194,24 @@ TEST(KvmProbe, DeviceThatIsNone_DoesNotWork) {
   EXPECT_FALSE(KvmWorks("/dev/null"));
   EXPECT_FALSE(KvmWorks("/nowhere"));
   EXPECT_FALSE(KvmWorks(""));
+}
+
+TEST_F(TestMode, Networks_OfTheTestDriver_AreNamed) {
+  const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
+  ASSERT_TRUE(networks.ok());
+  EXPECT_THAT(*networks, ElementsAre("default"));
+}
+
+TEST_F(TestMode, Networks_OfADriverWithoutThem_AreNone) {
+  const test::FailingNetworks none({VIR_ERR_NO_SUPPORT, "this function is not supported"});
+  const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
+  ASSERT_TRUE(networks.ok());
+  EXPECT_THAT(*networks, IsEmpty());
+}
+
+TEST_F(TestMode, Networks_ThatCannotBeListed_AreAFailure) {
+  const test::FailingNetworks fault({VIR_ERR_INTERNAL_ERROR, "something"});
+  EXPECT_EQ(Word(hypervisor_->Networks()), "failed");
 }
 
 // --- power
@@ -285,6 +354,13 @@ INSTANTIATE_TEST_SUITE_P(
         StartRow{"DiskDenied", {38, "Cannot access storage file '/x.qcow2'", EACCES}, Problem::kDenied},
         StartRow{"SystemError", {38, "Cannot do it", EIO}, Problem::kFailed},
         StartRow{"NoMemory", {1, "qemu: cannot set up guest memory: Cannot allocate memory"}, Problem::kNoMemory},
+        StartRow{"CpuIncompatible", {91, "the CPU is incompatible with host CPU"}, Problem::kCpuIncompatible},
+        StartRow{"CpuFeaturesMissing",
+                 {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match specification: missing features: vmx"},
+                 Problem::kCpuIncompatible},
+        StartRow{"CpuNotProvided",
+                 {1, "unsupported: Host CPU does not provide required features: avx2"},
+                 Problem::kCpuIncompatible},
         StartRow{"Busy", {VIR_ERR_OPERATION_TIMEOUT, "cannot acquire state change lock"}, Problem::kBusy},
         StartRow{"AgentAbsent", {VIR_ERR_AGENT_UNRESPONSIVE, "agent is not connected"}, Problem::kAgentAbsent},
         StartRow{"Denied", {VIR_ERR_OPERATION_DENIED, "read only"}, Problem::kDenied},
@@ -311,6 +387,11 @@ TEST(Translate, SameCode_MeansOneThingHereAndAnotherThere) {
   EXPECT_EQ(Translate(Operation::kStart, error), Problem::kDiskMissing);
   EXPECT_EQ(Translate(Operation::kStop, error), Problem::kFailed);
   EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDisconnected);
+  error.code = VIR_ERR_INTERNAL_ERROR;
+  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kFailed);
+  error.domain = VIR_FROM_RPC;
+  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDisconnected);
+  error.code = VIR_ERR_SYSTEM_ERROR;
   error.int1 = EACCES;
   EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDenied);
 }
@@ -372,6 +453,7 @@ TEST_F(TestMode, Calls_WhileDisconnected_FailAtOnce) {
   EXPECT_EQ(Word(hypervisor_->List()), "disconnected");
   EXPECT_EQ(Word(hypervisor_->AddressesOf(kGuest)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->HasAgent(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->Networks()), "disconnected");
   EXPECT_EQ(Word(hypervisor_->FreeMemory()), "disconnected");
   EXPECT_EQ(Word(hypervisor_->NodeFigures()), "disconnected");
   // Its end does not wait for the hour.
