@@ -35,13 +35,26 @@ struct Rating {
   std::vector<unsigned> pinned_cpus;  // the processors to set apart for it, when it can run here
 };
 
-// Pure but for has_network and has_file.
+// The refusals, each with the values that decided, in this order; the first is what a power-on answers.
+//   945, 935  the repository is another host's, and the firmware is EFI, or a disk (the first is named) not VirtIO. A
+//             guest whose repository names no host is on no other host's.
+//   942       the record asks for more processors of its own than it has virtual CPUs, or for all of the host's
+//   927       too many virtual CPUs; also a record whose number of them is none from 1 to 512
+//   917       one for each network that is missing
+//   928       too little memory; also a record that does not say how much
+//   949       the hypervisor is not connected; the repository is neither online nor degraded; one for each disk whose
+//             file is missing
+//   942       too many processors are set apart for other guests
+// Of a host that is not connected nothing is known but its id: 942, 927 and 928 are of what records say wrongly then,
+// and nothing is asked of has_network. Processors to set apart are the highest-numbered free ones, in rising order.
+// Pure but for has_network and has_file, which are asked about 64 interfaces and disks at most.
 Rating Rate(const Guest& guest, const HostResources& host);
 
 // The word for a refusal in the "status" of a rating: "no_memory", "no_network", …; "failed" for any other code.
+// docs/services.md lists them.
 std::string_view RefusalWord(int code);
 
-// {"available", "status": [the refusals' words, "best_io"], "reasons": [sentences]}
+// {"available", "status": [the refusals' words, each once, "best_io"], "reasons": [sentences]}
 Json::Value RatingData(const Rating& rating);
 
 }  // namespace vexa::guests
