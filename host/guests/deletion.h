@@ -17,8 +17,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "host/guests/disk_files.h"
 #include "host/guests/refusal.h"
 #include "host/store/store.h"
 
@@ -44,6 +46,7 @@ struct DeletionOptions {
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
   // Called before each step; for tests that stop there.
   std::function<void(std::string_view step)> before_step;
+  FileCalls file_calls;  // tests put others in the place of the system's
 };
 
 // Threads: any, at the same time; of two deletions of one guest the second is refused as busy.
