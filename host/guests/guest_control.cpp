@@ -8,6 +8,7 @@
 
 #include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/guests/host_networks.h"
 
 namespace vexa::guests {
 namespace {
@@ -55,6 +56,7 @@ Status LibvirtGuestControl::Begin() {
       .press = [this](const std::string& guest_id) { return PressAgain(guest_id); },
       .on_given_up = [this](const std::string& guest_id) { LookWhenFree(guest_id, Attention::kLook); }});
   hypervisor::HypervisorOptions opening = options_.hypervisor;
+  opening.open_later = hypervisor::OpenLater::kWhenUnreachable;
   // Until everything has been looked at, events tell nothing new.
   opening.on_event = [this](const hypervisor::GuestEvent& event) {
     if (is_open_) LookWhenFree(event.id, Attention::kLook);
@@ -71,7 +73,11 @@ Status LibvirtGuestControl::Begin() {
   hypervisor_ = std::move(*opened);
   is_open_ = true;
   deletion_.FinishAll();
-  Reconcile();
+  if (hypervisor_->IsConnected()) {
+    Reconcile();
+  } else {
+    ::syslog(LOG_ERR, "The hypervisor cannot be reached. It is tried again; guests cannot be started meanwhile.");
+  }
   maintenance_ = std::thread([this] { Maintain(); });
   return {};
 }
@@ -110,6 +116,7 @@ Result<HostResources> LibvirtGuestControl::Resources(const std::string& but_gues
   resources.is_connected = hypervisor_->IsConnected();
   resources.has_network = options_.has_network;
   if (!ForgetsGuests()) {
+    if (!resources.has_network) resources.has_network = HostNetworks([this] { return LibvirtNetworks(); });
     resources.has_file = [](const std::string& path) { return ::access(path.c_str(), F_OK) == 0; };
   }
   const auto runs = RunsOf(*options_.store, options_.host_id);
@@ -157,7 +164,10 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const Run
   return hypervisor::BuildDomainXml(guest.records, build);
 }
 
-std::vector<std::string> LibvirtGuestControl::LibvirtNetworks() { return {"default"}; }
+std::vector<std::string> LibvirtGuestControl::LibvirtNetworks() {
+  auto networks = hypervisor_->Networks();
+  return networks ? std::move(*networks) : std::vector<std::string>();
+}
 
 std::optional<RunningGuest> LibvirtGuestControl::Running(const std::string& guest_id) {
   const auto stored = ReadRun(*options_.store, guest_id);

@@ -34,6 +34,8 @@ int CodeFor(Problem problem) {
       return kNoMemory;
     case Problem::kBusy:
       return kBusy;
+    case Problem::kCpuIncompatible:
+      return kIncompatibleCpu;
     default:
       return kFailed;
   }

@@ -20,7 +20,7 @@
 #include "tests/support/process.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
-#include "webapi/platform/ccc_state.h"
+#include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/json.h"
 
 namespace {
@@ -158,13 +158,17 @@ class KilledDaemon : public testing::Test {
     }
     const auto state = keys.find(vexa::store::MakeKey({"dash", "guest", id, "state"}));
     const bool is_running = state != keys.end() && state->second == json::ToText(states::running);
-    if (state != keys.end() && !is_running) EXPECT_EQ(state->second, json::ToText(states::shutdown));
+    if (state != keys.end() && !is_running) {
+      EXPECT_EQ(state->second, json::ToText(states::shutdown));
+    }
     const auto run = keys.find(vexa::guests::RunKey(id));
     EXPECT_EQ(run != keys.end(), is_running);
-    if (run != keys.end()) EXPECT_EQ(run->second.find("\"starting\":true"), std::string::npos) << run->second;
+    EXPECT_TRUE(run == keys.end() || run->second.find("\"starting\":true") == std::string::npos) << run->second;
     // The hypervisor knows best what it runs.
     EXPECT_EQ(Ask(client, i, "poweron"), is_running ? kRunsAlready : 0);
-    if (!is_running) EXPECT_EQ(Ask(client, i, "poweroff"), 0);
+    if (!is_running) {
+      EXPECT_EQ(Ask(client, i, "poweroff"), 0);
+    }
   }
 
   void ExpectNoStrayFiles() const {
