@@ -82,12 +82,12 @@ LaneOptions ItemLane(const Config& config) {
   return options;
 }
 
-// The threads that help with a compound request log in its name.
+// The threads that help with a compound request log and ask in its name.
 services::CompoundOptions OptionsOfCompound() {
   services::CompoundOptions options;
   options.carry = [](std::function<void()> run) -> std::function<void()> {
-    return [id = std::string(CurrentRequestId()), run = std::move(run)] {
-      const RequestIdScope scope(id);
+    return [id = std::string(CurrentRequestId()), user = std::string(CurrentActingUser()), run = std::move(run)] {
+      const RequestIdScope scope(id, user);
       run();
     };
   };

@@ -11,6 +11,7 @@
 #include "host/daemon/handler_call.h"
 #include "host/daemon/openapi.h"
 #include "host/daemon/request_id.h"
+#include "host/transport/origin.h"
 #include "host/webapi/error_table.h"
 #include "webapi/utils/json.h"
 
@@ -70,6 +71,12 @@ int VersionOf(std::string_view query) {
   const char* const end = query.data() + query.size();
   const auto [stop, error] = std::from_chars(query.data() + kVersionQuery.size(), end, version);
   return error == std::errc() && stop == end && version > 0 ? version : 0;
+}
+
+// What another host says about the request that its own is part of. Only hosts may: a user could pose as another.
+void TakeOrigin(HttpRequest& request, Caller& caller) {
+  caller.acts_for = transport::ActingUserOf(request.acts_for);
+  if (transport::IsRequestId(request.caller_request_id)) request.id = request.caller_request_id;
 }
 
 // Whom a lane's quota counts the call for.
@@ -165,6 +172,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   } else {
     plan->caller = std::move(std::get<Caller>(identified));
   }
+  if (plan->caller.kind == Caller::Kind::kHost) TakeOrigin(request, plan->caller);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
   if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kStrangersBodyBytes;
   request.context = std::move(plan);
@@ -255,6 +263,7 @@ void Dispatcher::AnswerMethod(Work& work, VEXA::APIResponse& response,
   int refusal = parts_.identity->Complete(caller);
   if (refusal == 0) refusal = CheckUser(row.access.value, caller);
   if (refusal != 0) return response.SetError(refusal, Json::Value());
+  SetActingUser(caller.kind == Caller::Kind::kHost ? caller.acts_for : caller.user.name);
   Result<Json::Value> parameters =
       work.request.body.empty() ? Result<Json::Value>(Json::Value(Json::objectValue)) : ParseJson(work.request.body);
   if (!parameters) return response.SetError(webapi::kErrorMalformed, parameters.error().ToString());

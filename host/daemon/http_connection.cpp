@@ -286,6 +286,7 @@ void Connection::BeginRequest(std::string_view head) {
   } catch (...) {
     refusal = io_.server().MakeError(500, request_id());
   }
+  if (request.id.size() == request_id_.size()) std::copy(request.id.begin(), request.id.end(), request_id_.begin());
   if (refusal) {
     if (parser_->expects_body()) close_after_ = true;  // rather than read what nobody wants
     return Respond(std::move(*refusal));

@@ -80,8 +80,15 @@ class RequestParser::Impl : public http::basic_parser<true> {
         unknown_expectation_ = !expects_continue_;
         break;
       default:
-        if (EqualsIgnoringCase(View(name), "X-Vexa-CSRF")) request_.csrf_token = View(value);
+        SetOwnField(View(name), View(value));
     }
+  }
+
+  // Fields that the parser does not know.
+  void SetOwnField(std::string_view name, std::string_view value) {
+    if (EqualsIgnoringCase(name, "X-Vexa-CSRF")) request_.csrf_token = value;
+    if (EqualsIgnoringCase(name, "X-Vexa-Acts-For")) request_.acts_for = value;
+    if (EqualsIgnoringCase(name, "X-Vexa-Request-Id")) request_.caller_request_id = value;
   }
 
   void on_header_impl(beast::error_code& /*error*/) override { head_done_ = true; }

@@ -21,11 +21,13 @@ enum Single {
   kContentType,
   kCsrf,
   kOrigin,
-  kExpect
+  kExpect,
+  kActsFor,
+  kRequestId
 };
-constexpr std::array<std::string_view, 9> kSingleFields = {"Host",          "Content-Length", "Transfer-Encoding",
-                                                           "Authorization", "Cookie",         "Content-Type",
-                                                           "X-Vexa-CSRF",   "Origin",         "Expect"};
+constexpr std::array<std::string_view, 11> kSingleFields = {
+    "Host",   "Content-Length", "Transfer-Encoding", "Authorization",    "Cookie", "Content-Type", "X-Vexa-CSRF",
+    "Origin", "Expect",         "X-Vexa-Acts-For",   "X-Vexa-Request-Id"};
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 

@@ -29,7 +29,7 @@ struct Peer {
 };
 
 struct HttpRequest {
-  std::string id;      // 16 hex digits, new for every request
+  std::string id;      // 16 hex digits, new for every request; on_header may put another one of this form in its place
   std::string method;  // "GET", "POST", …
   std::string target;  // as received: starts with "/", no control characters, no fragment
   // Header fields, "" when absent. Taken before the body is read, so that trailers cannot change them.
@@ -38,6 +38,9 @@ struct HttpRequest {
   std::string cookie;
   std::string csrf_token;  // X-Vexa-CSRF
   std::string origin;
+  // Of requests between hosts; anybody can send them.
+  std::string acts_for;           // X-Vexa-Acts-For
+  std::string caller_request_id;  // X-Vexa-Request-Id
   std::string body;
   // on_header may lower this: a longer body is refused with 413 before it is in memory.
   std::size_t body_limit = std::numeric_limits<std::size_t>::max();

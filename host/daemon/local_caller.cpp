@@ -48,6 +48,7 @@ Json::Value LocalCaller::Call(const VexaDRCore::Request& request, std::chrono::m
     job->row = row;
     job->caller.kind = webapi::Caller::Kind::kHost;
     job->caller.host_id = parts_.host_id;
+    job->caller.acts_for = CurrentActingUser();
     job->caller.peer = "local";
     if (const int refusal = CheckCaller(row->access.value, job->caller)) return ErrorReply(refusal);
     job->request_id = CurrentRequestId();
@@ -69,7 +70,7 @@ void LocalCaller::Run(Job& job) const {
     const std::lock_guard lock(job.mutex);
     if (job.abandoned) return;
   }
-  const RequestIdScope id_scope(job.request_id);
+  const RequestIdScope id_scope(job.request_id, job.caller.acts_for);
   VEXA::APIResponse response;
   Json::Value further(Json::objectValue);
   std::vector<std::pair<std::string, std::string>> headers;  // of an HTTP response that there is not

@@ -1,16 +1,18 @@
 #include "host/daemon/request_id.h"
 
+#include "host/transport/origin.h"
+
 namespace vexa::daemon {
-namespace {
 
-thread_local std::string_view current;
+// Kept where requests to other hosts are made, which carry both.
+RequestIdScope::RequestIdScope(std::string_view id, std::string_view user) { transport::SetOrigin({id, user}); }
 
-}  // namespace
+RequestIdScope::~RequestIdScope() { transport::SetOrigin({}); }
 
-RequestIdScope::RequestIdScope(std::string_view id) { current = id; }
+void SetActingUser(std::string_view user) { transport::SetOrigin({CurrentRequestId(), user}); }
 
-RequestIdScope::~RequestIdScope() { current = {}; }
+std::string_view CurrentRequestId() { return transport::CurrentOrigin().request_id; }
 
-std::string_view CurrentRequestId() { return current; }
+std::string_view CurrentActingUser() { return transport::CurrentOrigin().user; }
 
 }  // namespace vexa::daemon

@@ -6,15 +6,17 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/transport/tls_material.h"
 
 namespace vexa::transport {
 
 struct HttpCall {
-  std::string host_id;  // what IsHostId accepts; the name in the host's certificate
-  std::string address;  // where it listens: a numeric address and a port, "127.0.0.1:8643" or "[::1]:8643"
-  std::string path;     // with the query
+  std::string host_id;              // what IsHostId accepts; the name in the host's certificate
+  std::string address;              // where it listens: a numeric address and a port, "127.0.0.1:8643" or "[::1]:8643"
+  std::string path;                 // with the query
+  std::vector<std::string> fields;  // further lines of the header, without line ends
   std::shared_ptr<const std::string> body;  // JSON text, not empty
   std::chrono::steady_clock::time_point deadline;
 };

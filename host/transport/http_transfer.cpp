@@ -63,9 +63,11 @@ bool HttpTransfer::Prepare(const TlsMaterial* tls) {
   if (left.count() <= 0) return refuse("no reply in time");
   if (!IsNumericAddress(call_.address)) return refuse("its address is not a numeric address and a port");
   handle_ = curl_easy_init();
-  const bool made = handle_ != nullptr && Append(fields_, "Content-Type: application/json") &&
-                    Append(fields_, "Accept: application/json") && Append(fields_, "Expect:") &&
-                    Append(connect_to_, ("::" + call_.address).c_str());
+  const bool made =
+      handle_ != nullptr && Append(fields_, "Content-Type: application/json") &&
+      Append(fields_, "Accept: application/json") && Append(fields_, "Expect:") &&
+      std::ranges::all_of(call_.fields, [this](const std::string& line) { return Append(fields_, line.c_str()); }) &&
+      Append(connect_to_, ("::" + call_.address).c_str());
   if (!made) return refuse("no memory for a connection");
   const std::string port = call_.address.substr(call_.address.rfind(':'));
   Set(CURLOPT_URL, ((tls ? "https://" : "http://") + call_.host_id + port + call_.path).c_str());

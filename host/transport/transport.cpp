@@ -12,6 +12,7 @@
 #include "host/transport/host_name.h"
 #include "host/transport/http_pool.h"
 #include "host/transport/messages.h"
+#include "host/transport/origin.h"
 
 namespace vexa::transport {
 namespace {
@@ -105,8 +106,9 @@ class Transport::Impl {
     const auto outcomes = std::make_shared<Outcomes>(remote.size());
     std::size_t waiting = 0;
     const auto body = remote.empty() ? nullptr : std::make_shared<const std::string>(BodyOf(request));
+    const std::vector<std::string> fields = OriginFields(CurrentOrigin());
     for (const std::size_t i : remote) {
-      const HttpCall call{host_ids[i], addresses[i], path, body, deadline};
+      const HttpCall call{host_ids[i], addresses[i], path, fields, body, deadline};
       if (Start(call, i, outcomes)) {
         ++waiting;
       } else {

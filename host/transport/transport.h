@@ -45,8 +45,9 @@ class Transport {
   static Result<std::shared_ptr<Transport>> Make(TransportOptions options);
   ~Transport();
 
-  // Asks all hosts at once, and returns when each has answered, failed or timed out; the replies are in the order of
-  // `host_ids`, in which no id occurs twice. No snapshot of the store is held while waiting.
+  // Asks all hosts at once, in the name of the calling thread's Origin (origin.h), and returns when each has answered,
+  // failed or timed out; the replies are in the order of `host_ids`, in which no id occurs twice. No snapshot of the
+  // store is held while waiting.
   std::vector<Json::Value> Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
 
  private:

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "host/daemon/daemon.h"
+#include "host/daemon/request_id.h"
 #include "host/webapi/error_table.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
@@ -29,6 +30,8 @@ void WhoAmI(const Call& call) {
   Json::Value data;
   data["host"] = VexaCCC::DB::DBLocalhostID();
   data["caller"] = call.caller.host_id;
+  data["acts_for"] = call.caller.acts_for;
+  data["request_id"] = std::string(vexa::daemon::CurrentRequestId());
   call.response->SetSuccess(data);
   (*call.further)["has_fail"] = true;
   (*call.further)["success"] = "cannot be changed";
@@ -42,7 +45,8 @@ void Slow(const Call& call) {
 
 VexaDRCore::Request RequestOf(const Call& call) {
   VexaDRCore::Request request;
-  request.setAPI("VEXA.Test.Host");
+  const std::string api = json::String(Parameter(call, "api"));
+  request.setAPI(api.empty() ? "VEXA.Test.Host" : api);
   request.setMethod(json::String(Parameter(call, "method")));
   request.setTimeout(json::Int(Parameter(call, "timeout")));
   request.addParam(Parameter(call, "parameters"));

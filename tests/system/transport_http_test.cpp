@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 
+#include "host/transport/origin.h"
 #include "tests/support/scripted_server.h"
 #include "tests/system/transport_misbehaviours.h"
 #include "tests/system/transport_test_support.h"
@@ -82,6 +83,41 @@ TEST(TransportRequest, OnTheWire_CarriesParametersInTheBodyOnly) {
   EXPECT_NE(sent.find("\r\nContent-Type: application/json\r\n"), std::string::npos) << sent;
   EXPECT_EQ(sent.find("Expect:"), std::string::npos) << sent;
   EXPECT_EQ(Parse(sent.substr(sent.find("\r\n\r\n") + 4)), request.parameters());
+}
+
+// The header of what `send` has the host receive.
+std::string HeaderOf(const std::function<void()>& send, const ScriptedServer& server) {
+  send();
+  const auto requests = server.requests();
+  if (requests.empty()) return "";
+  return requests.back().substr(0, requests.back().find("\r\n\r\n") + 2);
+}
+
+TEST(TransportRequest, OnTheWire_TellsForWhomTheCallersThreadWorks) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  const auto one = [] { EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()); };
+  const auto many = [] {
+    EXPECT_TRUE(VexaCCC::MultiSender({kHost}).process(MakeRequest()).getResponse(kHost).isSuccess());
+  };
+  transport::SetOrigin({.request_id = "0123456789abcdef", .user = "J\xc3\xbcrgen"});
+  for (const auto& send : {std::function<void()>(one), std::function<void()>(many)}) {
+    const std::string header = HeaderOf(send, server);
+    EXPECT_NE(header.find("\r\nX-Vexa-Acts-For: J%C3%BCrgen\r\n"), std::string::npos) << header;
+    EXPECT_NE(header.find("\r\nX-Vexa-Request-Id: 0123456789abcdef\r\n"), std::string::npos) << header;
+  }
+  transport::SetOrigin({});
+  EXPECT_EQ(HeaderOf(one, server).find("X-Vexa"), std::string::npos) << "nobody to be told";
+}
+
+TEST(TransportRequest, UserWhoIsALineEnd_InjectsNoField) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
+  const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
+  transport::SetOrigin({.request_id = "1\r\nX-Evil: 1\r\nX:", .user = "eve\r\nX-Evil: 1"});
+  const std::string header = HeaderOf([] { EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()); }, server);
+  transport::SetOrigin({});
+  EXPECT_NE(header, "");
+  EXPECT_EQ(header.find("Evil"), std::string::npos) << header;
 }
 
 TEST(TransportRequest, LongBody_IsSentAtOnce) {

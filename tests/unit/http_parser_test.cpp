@@ -38,13 +38,26 @@ TEST_P(Chunks, WithExtensionsAndTrailers_GiveTheBodyOnly) {
   RequestParser parser(kBodyLimit);
   ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
   ASSERT_TRUE(parser.expects_body());
-  const Outcome outcome = Feed(
-      parser, "5;a=b\r\nhello\r\n6\r\n world\r\n0\r\nAuthorization: stolen\r\nCookie: id=2\r\n\r\nGET ", GetParam());
+  const Outcome outcome = Feed(parser,
+                               "5;a=b\r\nhello\r\n6\r\n world\r\n0\r\nAuthorization: stolen\r\nCookie: id=2\r\n"
+                               "X-Vexa-Acts-For: eve\r\nX-Vexa-Request-Id: 1\r\n\r\nGET ",
+                               GetParam());
   EXPECT_TRUE(outcome.done);
   EXPECT_EQ(outcome.rest, "GET ");
   EXPECT_EQ(parser.request().body, "hello world");
   EXPECT_EQ(parser.request().authorization, "");
   EXPECT_EQ(parser.request().cookie, "id=1");
+  EXPECT_EQ(parser.request().acts_for, "");
+  EXPECT_EQ(parser.request().caller_request_id, "");
+}
+
+TEST(RequestParser, FieldsOfRequestsBetweenHosts_AreKeptAsTheyAre) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nx-vexa-ACTS-for:  a%20b \r\n"
+                             "X-Vexa-Request-Id: 0123\r\nContent-Length: 0\r\n\r\n"),
+            0);
+  EXPECT_EQ(parser.request().acts_for, "a%20b");
+  EXPECT_EQ(parser.request().caller_request_id, "0123");
 }
 
 TEST_P(Chunks, TrailerThatAsksToClose_ChangesNothing) {

@@ -105,6 +105,8 @@ const Head kHeads[] = {
     {"TwoCookies", With("Cookie: a=1\r\nCookie: b=2\r\n"), 400},
     {"TwoContentTypes", With("Content-Type: a\r\nContent-Type: a\r\n"), 400},
     {"TwoCsrfTokens", With("X-Vexa-CSRF: a\r\nX-VEXA-CSRF: a\r\n"), 400},
+    {"TwoActingUsers", With("X-Vexa-Acts-For: a\r\nx-vexa-acts-for: b\r\n"), 400},
+    {"TwoRequestIds", With("X-Vexa-Request-Id: a\r\nX-Vexa-Request-ID: a\r\n"), 400},
     {"TwoOrigins", With("Origin: a\r\nOrigin: a\r\n"), 400},
     {"TwoExpectations", With("Expect: 100-continue\r\nExpect: 100-continue\r\n"), 400},
 

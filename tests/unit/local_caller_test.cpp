@@ -7,6 +7,7 @@
 #include <future>
 #include <thread>
 
+#include "host/daemon/request_id.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::daemon {
@@ -61,6 +62,14 @@ class LocalCallerTest : public testing::Test {
                                  ++counted_;
                                  call.response->SetSuccess(Json::Value());
                                }),
+                           Row("origin", webapi::Access::kHost,
+                               [](const Call& call) {
+                                 Json::Value data;
+                                 data["acts_for"] = call.caller.acts_for;
+                                 data["user"] = std::string(CurrentActingUser());
+                                 data["id"] = std::string(CurrentRequestId());
+                                 call.response->SetSuccess(data);
+                               }),
                            Row("user", webapi::Access::kUser, [this](const Call&) { ++counted_; })}};
   Metrics metrics_{table_};
   Lane lane_{OneThread()};
@@ -88,6 +97,36 @@ TEST_F(LocalCallerTest, UsersMethodsAndUnknownOnes_AreRefused) {
   EXPECT_EQ(Ask("user", std::chrono::seconds(60)), 104);
   EXPECT_EQ(Ask("nothing", std::chrono::seconds(60)), 507);
   EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(LocalCallerTest, Call_IsForTheUserOfTheCallersThread) {
+  VexaDRCore::Request request;
+  request.setAPI("VEXA.Test");
+  request.setMethod("origin");
+  const auto ask = [&] { return caller_.Call(request, std::chrono::seconds(60))["data"]; };
+  for (const char* user : {"eve", "adam"}) {  // on the same thread of the lane
+    const RequestIdScope scope("an-id", user);
+    const Json::Value data = ask();
+    EXPECT_EQ(data["acts_for"], user);
+    EXPECT_EQ(data["user"], user) << "what the method asks in turn is for the same user";
+    EXPECT_EQ(data["id"], "an-id");
+  }
+  const Json::Value data = ask();
+  EXPECT_EQ(data["acts_for"], "");
+  EXPECT_EQ(data["user"], "");
+  EXPECT_EQ(data["id"], "");
+}
+
+TEST_F(LocalCallerTest, ScopeThatEnds_LeavesNoUserBehind) {
+  {
+    const RequestIdScope scope("an-id");
+    EXPECT_EQ(CurrentActingUser(), "");
+    SetActingUser("eve");
+    EXPECT_EQ(CurrentActingUser(), "eve");
+    EXPECT_EQ(CurrentRequestId(), "an-id");
+  }
+  EXPECT_EQ(CurrentActingUser(), "");
+  EXPECT_EQ(CurrentRequestId(), "");
 }
 
 }  // namespace
