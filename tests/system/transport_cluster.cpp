@@ -68,12 +68,16 @@ std::string TransportCluster::AddressOfHost(int host) const {
 }
 
 Json::Value TransportCluster::Ask(int host, const std::string& method, const std::string& body) {
+  return Call(host, "VEXA.Test.Host/" + method, body);
+}
+
+Json::Value TransportCluster::Call(int host, const std::string& api_and_method, const std::string& body) {
   HttpTarget target;
   target.url = "http://localhost";
   target.unix_socket = Folder(host) + "/s";
   HttpClient client(target);
   client.SetTimeout(seconds(60));
-  const HttpReply reply = client.PostJson("/webapi/VEXA.Test.Host/" + method, body);
+  const HttpReply reply = client.PostJson("/webapi/" + api_and_method, body);
   EXPECT_TRUE(reply.arrived()) << reply.transport_error;
   return Parse(reply.body);
 }

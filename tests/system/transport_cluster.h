@@ -31,6 +31,8 @@ class TransportCluster : public testing::Test {
 
   // The reply to a method of VEXA.Test.Host, asked as an administrator.
   Json::Value Ask(int host, const std::string& method, const std::string& body);
+  // The same of any API: "VEXA.Virtualization.Guest/get".
+  Json::Value Call(int host, const std::string& api_and_method, const std::string& body);
   // The reply that `from` gets from `to`.
   Json::Value Relay(int from, int to, const std::string& method, int timeout_s = 0,
                     const std::string& parameters = "{}");

@@ -1,0 +1,218 @@
+// Guests are started, stopped and deleted in a cluster of three hosts that are three processes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "host/store/key.h"
+#include "tests/support/http_client.h"
+#include "tests/support/require.h"
+#include "tests/system/transport_cluster.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace states = VexaCCC::State::Guest;
+using namespace std::chrono_literals;
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+
+constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
+constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+
+class GuestPowerCluster : public TransportCluster {
+ protected:
+  void SetUp() override {
+    TransportCluster::SetUp();
+    if (HasFatalFailure()) return;
+    Put("repository", kRepository,
+        R"({"name":"pool","state":")" + std::string(VexaCCC::State::Repo::online) + R"(","host_id":")" + IdOf(1) +
+            "\"}");
+    PutGuest(IdOf(1));
+  }
+
+  void Put(const char* category, const std::string& id, const std::string& text) {
+    (void)Require(database().Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
+  }
+  // One that has a disk with the host of its repository.
+  void PutGuest(const std::string& host_id) {
+    std::filesystem::create_directories(Folder(1) + "/images");
+    std::ofstream(Image()) << "a disk";
+    Put("vdisk", "disk-1",
+        R"({"guest_id":")" + std::string(kGuest) + R"(","name":"vda","driver":"raw","vdisk_mode":1,"size":1,"path":")" +
+            Image() + "\"}");
+    Put("guest", kGuest,
+        R"({"name":"web-1","vcpu_num":1,"vram_size":16,"vdisks":["disk-1"],"vnics":[],"state":")" +
+            std::string(states::shutdown) + R"(","repository_id":")" + kRepository + R"(","host_id":")" + host_id +
+            "\"}");
+  }
+  std::string Image() const { return Folder(1) + "/images/disk-1.img"; }
+
+  // The error code of the answer, 0 for a success.
+  int Power(int host, const std::string& action) {
+    return CodeOf(Call(host, "VEXA.Virtualization.Guest.Action/pwr_ctl",
+                       R"({"guest_id":")" + std::string(kGuest) + R"(","action":")" + action + "\"}"));
+  }
+  int Delete(int host) {
+    return CodeOf(Call(host, "VEXA.Virtualization.Guest/delete", R"({"guest_id":")" + std::string(kGuest) + "\"}"));
+  }
+
+  std::string Stored(std::initializer_list<std::string_view> key) {
+    const auto snapshot = Require(database().Read());
+    const auto value = Require(snapshot->Get(store::MakeKey(key)));
+    return value ? std::string(value->text) : "";
+  }
+  std::string State() { return Stored({"dash", "guest", kGuest, "state"}); }
+  void ExpectState(const char* state) {
+    const std::string text = json::ToText(state);
+    const auto end = std::chrono::steady_clock::now() + 30s;
+    while (State() != text && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(State(), text);
+  }
+  // The newest line of the cluster log, with who caused it.
+  Json::Value NewestEntry(int host) {
+    const Json::Value reply = Call(host, "VEXA.Virtualization.Log/list", R"({"limit":1})");
+    return json::Element(json::Member(json::Member(reply, "data"), "entries"), 0);
+  }
+  std::string HostName(int host) {
+    const Json::Value reply = Call(0, "VEXA.Virtualization.Host/list", "{}");
+    for (const Json::Value& entry : json::Elements(json::Member(json::Member(reply, "data"), "hosts"))) {
+      if (json::String(json::Member(entry, "host_id")) == IdOf(host)) return json::String(json::Member(entry, "name"));
+    }
+    return "?";
+  }
+};
+
+TEST_F(GuestPowerCluster, AGuestOfAnotherHost_GoesThroughItsLife) {
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  ExpectState(states::running);
+  EXPECT_THAT(Stored({"run", kGuest}), HasSubstr(IdOf(1)));
+  const Json::Value entry = NewestEntry(2);
+  EXPECT_EQ(entry["text"], Json::Value("Powering on the virtual machine [web-1] on the host [" + HostName(1) + "]."));
+  EXPECT_EQ(entry["priority"], Json::Value(3));
+  EXPECT_EQ(entry["user"], Json::Value("root"));
+  EXPECT_EQ(entry["host_id"], Json::Value(IdOf(0)));
+  EXPECT_EQ(Power(2, "poweron"), 939);
+  EXPECT_EQ(NewestEntry(0)["text"], Json::Value("Failed to power on the virtual machine [web-1] on the host [" +
+                                                HostName(1) + "] since VM is already running."));
+  EXPECT_EQ(Power(2, "reboot"), 0);
+  EXPECT_EQ(NewestEntry(0)["text"], Json::Value("Rebooting the virtual machine [web-1]."));
+  // A running guest is deleted by nobody: not by its repository's host, nor by the one that was asked.
+  EXPECT_EQ(Delete(0), 901);
+  EXPECT_TRUE(std::filesystem::exists(Image()));
+  EXPECT_EQ(Power(0, "shutdown"), 0);
+  EXPECT_EQ(NewestEntry(0)["text"], Json::Value("Shutting down the virtual machine [web-1]."));
+  ExpectState(states::shutdown);
+  EXPECT_EQ(Power(0, "poweroff"), 904);
+  EXPECT_EQ(Delete(0), 0);
+  EXPECT_EQ(NewestEntry(0)["text"], Json::Value("The virtual machine [web-1] has been successfully deleted."));
+  EXPECT_FALSE(std::filesystem::exists(Image()));
+  EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), "");
+  EXPECT_EQ(State(), "");
+}
+
+TEST_F(GuestPowerCluster, InformationOfARunningGuest_ComesFromItsHost) {
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  const Json::Value told = Library(2, "GetInformation", [] {
+    Json::Value arguments;
+    arguments["guest_id"] = kGuest;
+    return arguments;
+  }());
+  EXPECT_TRUE(told["out"].isMember("uptime") || told["out"].isMember("has_agent")) << json::ToText(told);
+}
+
+TEST_F(GuestPowerCluster, AGuestWithoutAHost_GoesToTheHostOfItsRepository) {
+  PutGuest("");
+  EXPECT_EQ(Power(2, "poweron"), 0);
+  EXPECT_THAT(Stored({"run", kGuest}), HasSubstr(IdOf(1)));
+  EXPECT_THAT(Stored({"dash", "guest", kGuest, "object"}), HasSubstr("\"host_id\":\"" + IdOf(1)));
+}
+
+TEST_F(GuestPowerCluster, AGuestThatFitsNowhere_IsGivenNoHost) {
+  PutGuest("");
+  std::string record = Stored({"dash", "guest", kGuest, "object"});
+  record.replace(record.find("\"vram_size\":16"), 14, "\"vram_size\":2000000");
+  Put("guest", kGuest, record);
+  EXPECT_EQ(Power(2, "poweron"), 932);
+  EXPECT_THAT(Stored({"dash", "guest", kGuest, "object"}), HasSubstr("\"host_id\":\"\""));
+}
+
+TEST_F(GuestPowerCluster, HighAvailability_FencesOnAllHosts) {
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  const Json::Value reply = Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl",
+                                 R"({"action":"poweroff_by_ha","guest_id":")" + std::string(kGuest) +
+                                     R"(","host_ids":[")" + IdOf(2) + "\",\"" + IdOf(1) + R"(","no-such-host"]})");
+  const Json::Value& results = json::Member(reply, "data");
+  ASSERT_EQ(results.size(), 3u) << json::ToText(reply);
+  EXPECT_EQ(results[0]["host_id"], Json::Value(IdOf(2)));
+  EXPECT_EQ(results[0]["success"], Json::Value(true));
+  EXPECT_EQ(results[1]["success"], Json::Value(true));
+  EXPECT_EQ(results[2]["success"], Json::Value(false));
+  EXPECT_EQ(results[2]["errcode"], Json::Value(102));
+  ExpectState(states::shutdown);
+}
+
+TEST_F(GuestPowerCluster, AHostThatDied_KeepsItsGuestFromOthersUntilItIsBack) {
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  hosts_[1]->Signal(SIGKILL);
+  EXPECT_TRUE(hosts_[1]->Wait(30s));
+  EXPECT_EQ(Power(0, "poweroff"), 904);
+  // The repository's host is away, so the local one is asked to delete: the guest is still another's.
+  EXPECT_EQ(Delete(0), 901);
+  EXPECT_THAT(Stored({"run", kGuest}), HasSubstr(IdOf(1)));
+  EXPECT_TRUE(std::filesystem::exists(Image()));
+}
+
+TEST_F(GuestPowerCluster, AGuestDeletedWithoutItsRepositorysHost_LeavesItTheFiles) {
+  hosts_[1]->Signal(SIGKILL);
+  EXPECT_TRUE(hosts_[1]->Wait(30s));
+  EXPECT_EQ(Delete(0), 0);
+  EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), "");
+  EXPECT_TRUE(std::filesystem::exists(Image()));
+  EXPECT_THAT(Stored({"leftover", IdOf(1), kGuest}), HasSubstr("disk-1.img"));
+}
+
+TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {
+  PutGuest(IdOf(2));
+  hosts_[1]->Signal(SIGSTOP);
+  Put("guest", "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c",
+      R"({"name":"stuck","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"host_id":")" + IdOf(1) + "\"}");
+  std::thread stuck([&] {
+    Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl",
+         R"({"guest_id":"c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c","action":"poweron"})");
+  });
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  ExpectState(states::running);
+  hosts_[1]->Signal(SIGCONT);
+  stuck.join();
+}
+
+TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
+  hosts_[1]->Signal(SIGSTOP);
+  std::thread stuck([&] {
+    HttpTarget target;
+    target.url = "http://localhost";
+    target.unix_socket = Folder(0) + "/s";
+    HttpClient client(target);
+    client.SetTimeout(90s);
+    client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl",
+                    R"({"guest_id":")" + std::string(kGuest) + R"(","action":"poweron"})");
+  });
+  // The call has left when the host that is asked knows of it; nobody tells, so some time must do.
+  std::this_thread::sleep_for(500ms);
+  hosts_[0]->Signal(SIGTERM);
+  const auto status = hosts_[0]->Wait(60s);
+  ASSERT_TRUE(status) << "an hour is the call's own time-out";
+  EXPECT_EQ(status->code, 0) << hosts_[0]->errors();
+  hosts_[1]->Signal(SIGCONT);
+  stuck.join();
+}
+
+}  // namespace
+}  // namespace vexa::test
