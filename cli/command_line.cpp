@@ -61,6 +61,7 @@ int RunCommandLine(int argc, char** argv) {
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
   AddClusterCommands(app, invocation);
+  AddRepositoryCommands(app, invocation);
   AddImportCommand(app, invocation);
   app.footer(kFooter);
   try {

@@ -25,6 +25,7 @@ void AddHostCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);
 void AddClusterCommands(CLI::App& app, Invocation& invocation);
+void AddRepositoryCommands(CLI::App& app, Invocation& invocation);
 void AddImportCommand(CLI::App& app, Invocation& invocation);
 
 // The options of `vexa import` alone, which fill `words`.

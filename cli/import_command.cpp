@@ -10,6 +10,7 @@
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "host/cluster/live_state.h"
+#include "host/guests/run_record.h"
 #include "host/hypervisor/domain_list.h"
 #include "host/store/key.h"
 
@@ -214,6 +215,7 @@ class Import {
       if (stored.revision != 0) state = std::move(*now);
     }
     if (Status allowed = CheckConflicts(guest, stored, state); !allowed) return allowed;
+    if (Status free = CheckNobodyHas(guest.id); !free) return free;
     if (dry()) {
       Plan(source, guest);
       return {};
@@ -242,6 +244,18 @@ class Import {
     if (!other.empty()) {
       return Error(ErrorCode::kConflict,
                    "The name '" + name + "' belongs to the guest '" + other + "': rename one of the two");
+    }
+    return {};
+  }
+
+  Status CheckNobodyHas(const std::string& id) const {
+    const auto snapshot = store_.Read();
+    if (!snapshot) return snapshot.error();
+    for (const auto& [key, what] : {std::pair{guests::RunKey(id), "runs on a host: power it off"},
+                                    std::pair{guests::DeletionKey(id), "is being deleted: wait until it is gone"}}) {
+      const auto held = (*snapshot)->Get(key);
+      if (!held) return held.error();
+      if (held->has_value()) return Error(ErrorCode::kConflict, "The guest '" + id + "' " + what);
     }
     return {};
   }

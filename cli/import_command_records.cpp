@@ -3,6 +3,7 @@
 
 #include "cli/import_command.h"
 #include "host/cluster/live_state.h"
+#include "host/guests/run_record.h"
 #include "host/store/key.h"
 #include "webapi/utils/json.h"
 
@@ -46,6 +47,9 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   transaction.compares.push_back({key, replaced.revision});
   transaction.operations.push_back({key, json::ToText(record)});
   transaction.compares.push_back({cluster::LiveStateKey(guest.id), replaced.live_revision});
+  // A host that has the guest, or deletes it, is not to find another one in its place.
+  transaction.compares.push_back({guests::RunKey(guest.id), 0});
+  transaction.compares.push_back({guests::DeletionKey(guest.id), 0});
   const bool stays = replaced.revision != 0 && json::Member(before, "host_id") == json::Member(record, "host_id");
   if (!stays) cluster::ForgetLiveState(transaction, guest.id);
   AddRecords("vdisk", guest.disks, before["vdisks"], transaction);

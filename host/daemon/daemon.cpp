@@ -17,6 +17,7 @@
 #include "host/cluster/host_record.h"
 #include "host/daemon/cache_refresh.h"
 #include "host/daemon/data_lock.h"
+#include "host/daemon/delayed_call.h"
 #include "host/daemon/dispatcher.h"
 #include "host/daemon/file_limit.h"
 #include "host/daemon/guest_api.h"
@@ -93,6 +94,10 @@ services::CompoundOptions OptionsOfCompound() {
   };
   return options;
 }
+
+// Calls to other hosts may take an hour. At a stop they end so long before the deadline, so that those who wait for
+// them learn it.
+constexpr std::chrono::milliseconds kTimeToAnswer{2000};
 
 Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config) {
   if (config.accounts == "pam") {
@@ -179,6 +184,9 @@ class Daemon::Impl {
       const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
       return std::max(rest, std::chrono::milliseconds(0));
     };
+    const DelayedCall end_remote(deadline - std::min(kTimeToAnswer, deadline / 2), [] {
+      if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
+    });
     const bool served = std::exchange(stopped_, true) || server_->Stop(deadline);
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());

@@ -54,15 +54,15 @@ class HttpPool::Impl {
   }
 
   ~Impl() {
-    {
-      const std::lock_guard lock(mutex_);
-      stopping_ = true;
-    }
-    if (thread_.joinable()) {
-      curl_multi_wakeup(multi_);
-      thread_.join();
-    }
+    Stop();
+    if (thread_.joinable()) thread_.join();
     if (multi_ != nullptr) curl_multi_cleanup(multi_);
+  }
+
+  void Stop() {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    if (thread_.joinable()) curl_multi_wakeup(multi_);
   }
 
   // Whether this process made it. Another has neither the thread nor, perhaps, the mutex.
@@ -162,6 +162,10 @@ HttpPool::HttpPool(std::optional<TlsMaterial> tls) : impl_(new Impl(std::move(tl
 
 HttpPool::~HttpPool() {
   if (impl_->IsOurs()) delete impl_;
+}
+
+void HttpPool::Stop() {
+  if (impl_->IsOurs()) impl_->Stop();
 }
 
 void HttpPool::Start(HttpCall call, Done done) { impl_->Start(std::move(call), std::move(done)); }

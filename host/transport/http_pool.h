@@ -53,6 +53,9 @@ class HttpPool {
 
   void Start(HttpCall call, Done done);
 
+  // Calls under way end as failures, and further ones fail at once. Does not wait.
+  void Stop();
+
  private:
   class Impl;
   Impl* impl_;

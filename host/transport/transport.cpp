@@ -120,6 +120,8 @@ class Transport::Impl {
     Collect(host_ids, *outcomes, waiting, replies);
   }
 
+  void StopRemote() { pool_.Stop(); }
+
  private:
   // Why the host cannot be asked; empty when it can.
   std::string FindAddress(const std::string& host_id, std::string& address) const {
@@ -209,5 +211,7 @@ std::vector<Json::Value> Transport::Ask(const std::vector<std::string>& host_ids
   }
   return replies;
 }
+
+void Transport::StopRemote() { impl_->StopRemote(); }
 
 }  // namespace vexa::transport

@@ -50,6 +50,9 @@ class Transport {
   // store is held while waiting.
   std::vector<Json::Value> Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
 
+  // Requests to other hosts that are under way end as failures, and further ones fail at once. Does not wait.
+  void StopRemote();
+
  private:
   class Impl;
   explicit Transport(std::unique_ptr<Impl> impl);

@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "host/store/key.h"
-#include "tests/support/http_client.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
 #include "webapi/platform/ccc_constants.h"
@@ -24,6 +24,7 @@ using ::testing::AnyOf;
 using ::testing::HasSubstr;
 
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
+constexpr char kOther[] = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c";
 constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
 
 class GuestPowerCluster : public TransportCluster {
@@ -179,39 +180,35 @@ TEST_F(GuestPowerCluster, AGuestDeletedWithoutItsRepositorysHost_LeavesItTheFile
 }
 
 TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {
-  PutGuest(IdOf(2));
+  EXPECT_EQ(Power(0, "reboot"), 905) << "now there is a connection, over which a call can hang";
   hosts_[1]->Signal(SIGSTOP);
-  Put("guest", "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c",
-      R"({"name":"stuck","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"host_id":")" + IdOf(1) + "\"}");
-  std::thread stuck([&] {
-    Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl",
-         R"({"guest_id":"c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c","action":"poweron"})");
-  });
-  EXPECT_EQ(Power(0, "poweron"), 0);
-  ExpectState(states::running);
+  std::thread stuck([&] { EXPECT_EQ(Power(0, "poweron"), 0) << "when it goes on, so does the call"; });
+  Put("guest", kOther,
+      R"({"name":"free","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"host_id":")" + IdOf(2) + "\"}");
+  EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl",
+                        R"({"guest_id":")" + std::string(kOther) + R"(","action":"poweron"})")),
+            0);
+  EXPECT_EQ(Stored({"dash", "guest", kOther, "state"}), json::ToText(states::running));
+  EXPECT_EQ(State(), "");
   hosts_[1]->Signal(SIGCONT);
   stuck.join();
+  ExpectState(states::running);
 }
 
 TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
+  EXPECT_EQ(Power(0, "reboot"), 905);
   hosts_[1]->Signal(SIGSTOP);
-  std::thread stuck([&] {
-    HttpTarget target;
-    target.url = "http://localhost";
-    target.unix_socket = Folder(0) + "/s";
-    HttpClient client(target);
-    client.SetTimeout(90s);
-    client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl",
-                    R"({"guest_id":")" + std::string(kGuest) + R"(","action":"poweron"})");
-  });
-  // The call has left when the host that is asked knows of it; nobody tells, so some time must do.
+  std::atomic<int> code = 0;
+  std::thread stuck([&] { code = Power(0, "poweron"); });
+  // Until the call has left; nobody tells.
   std::this_thread::sleep_for(500ms);
   hosts_[0]->Signal(SIGTERM);
   const auto status = hosts_[0]->Wait(60s);
   ASSERT_TRUE(status) << "an hour is the call's own time-out";
   EXPECT_EQ(status->code, 0) << hosts_[0]->errors();
-  hosts_[1]->Signal(SIGCONT);
   stuck.join();
+  EXPECT_EQ(code, 902) << "who asked is told";
+  hosts_[1]->Signal(SIGCONT);
 }
 
 }  // namespace

@@ -55,6 +55,8 @@ void TransportCluster::StartHost(const transport::TlsFiles& tls, int host) {
                   tls.key,
                   "--client-authority",
                   tls.authority,
+                  "--stop-timeout",
+                  "6",
                   "--log",
                   "stderr"};
   hosts_.push_back(std::make_unique<Process>(options));

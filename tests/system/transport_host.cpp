@@ -165,5 +165,5 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   int signal = 0;
   sigwait(&signals, &signal);
-  return (*daemon)->Stop(std::chrono::seconds(30)) ? 0 : 3;
+  return (*daemon)->Stop(command.config.stop_timeout) ? 0 : 3;
 }
