@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/base/result.h"
+#include "host/guests/resources.h"
 #include "host/services/interfaces.h"
 #include "host/services/machine.h"
 #include "host/store/store.h"
@@ -38,6 +40,9 @@ struct ServiceParts {
   std::function<WebPorts()> web_ports;
   // Not set when the guest does not run. Without the function nothing is known of guests but their records.
   std::function<std::optional<LiveGuest>(const std::string& guest_id)> live_guest;
+  // Whether this host can run a guest now. Errors: kNotFound and kCorrupt when the guest's records cannot be read.
+  // Without the function it can run none.
+  std::function<Result<guests::Rating>(const std::string& guest_id)> rate_guest;
 };
 
 // The rows, all for hosts only. Their handlers may be called at the same time.

@@ -41,7 +41,7 @@ inline Answer CallRow(const webapi::ApiRow& row, const Json::Value& parameters) 
   VEXA::APIRequest request(parameters, "", VEXA::APIRequest::Privilege::kOrdinary);
   VEXA::APIResponse response;
   const webapi::Caller caller{
-      .kind = webapi::Caller::Kind::kHost, .user = {}, .session_token = {}, .host_id = "h", .peer = {}};
+      .kind = webapi::Caller::Kind::kHost, .user = {}, .session_token = {}, .host_id = "h", .acts_for = {}, .peer = {}};
   std::vector<std::pair<std::string, std::string>> headers;
   Answer answer;
   row.handler({&request, &response, caller, &headers, &answer.further});
