@@ -332,6 +332,7 @@ class Daemon::Impl {
     services::ServiceParts parts;
     parts.store = store_;
     parts.guests = guests_.get();
+    if (guests_) parts.rate_guest = [this](const std::string& guest_id) { return guests_->RateGuest(guest_id); };
     parts.web_ports = [this, is_https = !config.tls_certificate.empty()] {
       services::WebPorts ports;
       (is_https ? ports.https_port : ports.http_port) = web_port_;

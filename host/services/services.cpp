@@ -3,6 +3,7 @@
 #include <iterator>
 #include <utility>
 
+#include "host/services/guest_rating_api.h"
 #include "host/services/rows.h"
 
 namespace vexa::services {
@@ -27,6 +28,8 @@ std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts) {
     auto part = make(parts);
     rows.insert(rows.end(), std::make_move_iterator(part.begin()), std::make_move_iterator(part.end()));
   }
+  auto ratings = GuestRatingRows(parts);
+  rows.insert(rows.end(), std::make_move_iterator(ratings.begin()), std::make_move_iterator(ratings.end()));
   return rows;
 }
 

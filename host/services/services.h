@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "host/base/result.h"
 #include "host/guests/guest_control.h"
 #include "host/services/interfaces.h"
 #include "host/services/machine.h"
@@ -32,6 +33,8 @@ struct ServiceParts {
   std::function<WebPorts()> web_ports;
   // Outlives the rows. Null: this host runs no guests, and knows of them what their records tell.
   guests::GuestControl* guests = nullptr;
+  // Whether this host can run a guest now: its GuestControl::RateGuest. Without the function it can run none.
+  std::function<Result<guests::Rating>(const std::string& guest_id)> rate_guest;
 };
 
 // The rows, all for hosts only. Their handlers may be called at the same time.
