@@ -1,0 +1,333 @@
+#include "host/guests/deletion_job.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "host/cluster/log_text.h"
+#include "host/cluster/object_edit.h"
+#include "host/guests/run_record.h"
+#include "host/store/key.h"
+
+namespace vexa::guests {
+namespace {
+
+// How often a deletion begins again because the guest's disks were changed under it.
+constexpr int kTurns = 8;
+constexpr std::size_t kMaxNotes = 256;
+constexpr std::size_t kShownNote = 1024;
+constexpr std::size_t kShownId = 64;
+
+bool IsCode(const Status& status, ErrorCode code) { return !status && status.error().code() == code; }
+
+}  // namespace
+
+Refusal FailedBecause(const Error& error) { return {kFailed, error.ToString()}; }
+
+DeletionJob::DeletionJob(const DeletionOptions& options, std::string guest_id)
+    : options_(options), guest_id_(std::move(guest_id)), disk_files_(options.image_roots, options.file_calls) {}
+
+Refused DeletionJob::Start(const Requester& requester) {
+  // Files can take long.
+  cluster::RequestScope::ReleaseSnapshot();
+  for (int turn = 0; turn < kTurns; ++turn) {
+    if (Begin(requester) == Outcome::kRefused) return refusal_;
+    const Outcome outcome = GoOn();
+    if (outcome == Outcome::kDeleted) return std::nullopt;
+    if (outcome == Outcome::kRefused) return refusal_;
+  }
+  return refusal_;
+}
+
+Refused DeletionJob::Resume(const StoredDeletion& begun) {
+  if (begun.record->stage == DeletionStage::kPurging) {
+    record_ = *begun.record;
+    Purge();
+    return std::nullopt;
+  }
+  Outcome outcome = TakeUp(begun);
+  if (outcome == Outcome::kDeleted) outcome = GoOn();
+  if (outcome == Outcome::kDeleted) return std::nullopt;
+  if (outcome == Outcome::kRefused) return refusal_;
+  return Start({begun.record->user, begun.record->host_id, begun.record->request_id});
+}
+
+DeletionJob::Outcome DeletionJob::GoOn() {
+  const Status hidden = HideAll();
+  if (!hidden) return Undo(FailedBecause(hidden.error()), Outcome::kRefused);
+  return CommitRecords();
+}
+
+Status DeletionJob::HideAll() {
+  later_notes_.clear();
+  for (std::size_t i = 0; i < selection_.files.size(); ++i) {
+    const auto& [path, hidden] = selection_.files[i];
+    Step("hide", i);
+    const Status done = disk_files_.Hide(path, hidden);
+    if (done) continue;
+    if (IsCode(done, ErrorCode::kConflict)) {
+      return Error(ErrorCode::kConflict, "Cannot rename '" + ShownPath(path) + "', since there is a file '" + hidden +
+                                             "' beside it: look what it is and move it away");
+    }
+    if (IsCode(done, ErrorCode::kNotFound)) {
+      later_notes_.push_back("there is no file [" + ShownPath(path) + "] any more");
+    } else if (IsCode(done, ErrorCode::kInvalid)) {
+      later_notes_.push_back("the file [" + ShownPath(path) + "] is left: " + done.error().message());
+    } else {
+      return done;
+    }
+  }
+  return SyncAll("sync hidden");
+}
+
+// The point of no return, or back to where it began.
+DeletionJob::Outcome DeletionJob::CommitRecords() {
+  std::optional<Outcome> instead;
+  const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
+  if (!committed) return SettleFailedCommit(committed.error());
+  if (instead == Outcome::kChanged) {
+    return Undo({kBusy, "The guest's record is changed all the time"}, is_gone_ ? Outcome::kRefused : *instead);
+  }
+  if (instead) return Lost();
+  LogNotes();
+  Purge();
+  return Outcome::kDeleted;
+}
+
+// `instead`: kChanged when the guest's record now names other files, kRefused when the deletion is not ours any more.
+Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& instead) {
+  instead.reset();
+  store::Transaction transaction;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    const auto now = ReadDeletion(**snapshot, guest_id_);
+    if (!now) return now.error();
+    Result<DeletionPlan> plan = PlanAgain(**snapshot);
+    if (!plan) return plan.error();
+    // One that comes back under the id of a guest that had gone is another guest.
+    const bool is_same = is_gone_
+                             ? plan->compares.front().revision == 0
+                             : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
+    const bool is_ours = *now && (*now)->revision == revision_;
+    if (!is_ours || !is_same) {
+      instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
+      return store::Transaction();
+    }
+    transaction.compares = std::move(plan->compares);
+    transaction.operations = std::move(plan->removals);
+    plan_->notes = std::move(plan->notes);
+    const Status left_over = AddLeftover(**snapshot, transaction);
+    if (!left_over) return left_over.error();
+  }
+  DeletionRecord purging = record_;
+  purging.stage = DeletionStage::kPurging;
+  transaction.compares.push_back({DeletionKey(guest_id_), revision_});
+  transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(purging)});
+  Step("commit records");
+  return transaction;
+}
+
+// Of a guest whose records somebody else has deleted meanwhile, the files go all the same.
+Result<DeletionPlan> DeletionJob::PlanAgain(const store::Snapshot& snapshot) const {
+  Result<DeletionPlan> plan = PlanDeletion(snapshot, guest_id_);
+  if (plan || plan.error().code() != ErrorCode::kNotFound) return plan;
+  plan = PlanGoneGuest(snapshot, guest_id_);
+  if (!plan) return plan;
+  plan->files = plan_->files;
+  plan->repository_host_id = plan_->repository_host_id;
+  return plan;
+}
+
+// The files of a repository of another host are left for that host.
+Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction) {
+  if (!IsRemote() || plan_->files.empty()) return {};
+  const std::string& host_id = plan_->repository_host_id;
+  const std::string key = LeftoverKey(host_id, guest_id_);
+  later_notes_.clear();
+  if (!store::IsKey(key)) {
+    later_notes_.emplace_back("its files are left, since the repository's record names no host");
+    return {};
+  }
+  Result<StoredLeftover> stored = ReadLeftover(snapshot, host_id, guest_id_);
+  if (!stored) return stored.error();
+  std::vector<std::string> paths = std::move(stored->paths).value_or(std::vector<std::string>());
+  std::set<std::string> known(paths.begin(), paths.end());
+  for (const NamedFile& file : plan_->files) {
+    const std::optional<std::string> path = NormalPath(file.path);
+    if (!path) {
+      later_notes_.push_back("the file [" + ShownPath(file.path) + "] is left: it is no absolute path of a file");
+    } else if (plan_->images.contains(*path)) {
+      later_notes_.push_back("the file [" + ShownPath(*path) + "] is left: it is an image in a drive of the guest");
+    } else if (known.insert(*path).second) {
+      paths.push_back(*path);
+    }
+  }
+  if (paths.empty()) return {};
+  transaction.compares.push_back({key, stored->revision});
+  transaction.operations.push_back({key, LeftoverText(paths)});
+  return {};
+}
+
+// Somebody else has changed the record of the deletion.
+DeletionJob::Outcome DeletionJob::Lost() {
+  const auto now = ReadNow();
+  if (!now) return Refuse(FailedBecause(now.error()));
+  if (!*now) {
+    const auto guest = GuestExists();
+    if (!guest) return Refuse(FailedBecause(guest.error()));
+    if (!*guest) return Outcome::kDeleted;
+    return Undo({kFailed, "Somebody has removed the record of the guest's deletion"}, Outcome::kRefused);
+  }
+  const std::optional<DeletionRecord>& record = (*now)->record;
+  const bool is_of_this_host = record && record->host_id == options_.host_id;
+  if (record && record->stage == DeletionStage::kPurging) {
+    if (is_of_this_host) Purge();
+    return Outcome::kDeleted;
+  }
+  // One of this host hides the same files under the same names; no other can show them again.
+  if (!is_of_this_host) {
+    const Status shown = ShowAll();
+    if (!shown) LogFailure("Files stay hidden: " + shown.error().ToString());
+  }
+  return Refuse(DeletedByOther(**now));
+}
+
+// A commit whose failure was reported may have been made all the same, and then there is no way back.
+DeletionJob::Outcome DeletionJob::SettleFailedCommit(const Error& error) {
+  const auto now = ReadNow();
+  if (!now) {
+    LogFailure("It cannot be told whether its records are deleted, so its files stay hidden until this host starts: " +
+               now.error().ToString());
+    return Refuse(FailedBecause(error));
+  }
+  if (*now && (*now)->record && (*now)->record->stage == DeletionStage::kPurging) return Lost();
+  if (error.code() == ErrorCode::kConflict) {
+    return Undo({kBusy, "The guest's record is changed all the time"}, Outcome::kRefused);
+  }
+  return Undo(FailedBecause(error), Outcome::kRefused);
+}
+
+// What fails stays for the next start: the guest is deleted all the same.
+void DeletionJob::Purge() {
+  bool is_all = true;
+  for (std::size_t i = 0; i < record_.files.size(); ++i) {
+    const auto& [path, hidden] = record_.files[i];
+    Step("remove", i);
+    const Status removed = disk_files_.RemoveHidden(path, hidden);
+    if (removed || IsCode(removed, ErrorCode::kNotFound)) continue;
+    is_all = false;
+    LogFailure("The file [" + ShownPath(path) + "], which now is named [" + hidden +
+               "], could not be removed; this is tried again at the next start: " + removed.error().ToString());
+  }
+  const Status synced = SyncAll("sync removed");
+  if (!synced) LogFailure("It is not finished before the next start: " + synced.error().ToString());
+  if (!is_all || !synced) return;
+  const Status ended = RemoveRecord("commit end");
+  if (!ended) LogFailure("The record of its deletion could not be removed: " + ended.error().ToString());
+}
+
+DeletionJob::Outcome DeletionJob::Undo(const Refusal& refusal, Outcome outcome) {
+  refusal_ = refusal;
+  Status undone = ShowAll();
+  if (undone) undone = RemoveRecord("commit undo");
+  if (undone) return outcome;
+  const std::string more =
+      "What was done could not be undone, and is taken up when this host starts again: " + undone.error().ToString();
+  LogFailure(more);
+  refusal_.reason += ". " + more;
+  return Outcome::kRefused;
+}
+
+Status DeletionJob::ShowAll() {
+  for (std::size_t i = 0; i < record_.files.size(); ++i) {
+    const auto& [path, hidden] = record_.files[i];
+    Step("show", i);
+    const Status shown = disk_files_.Show(path, hidden);
+    if (shown || IsCode(shown, ErrorCode::kNotFound)) continue;
+    if (!IsCode(shown, ErrorCode::kConflict)) return shown;
+    LogFailure("There are both [" + ShownPath(path) + "] and [" + hidden + "] beside it; both are left");
+  }
+  return SyncAll("sync shown");
+}
+
+Status DeletionJob::SyncAll(std::string_view step) const {
+  std::set<std::string_view> folders;
+  for (const HiddenFile& file : record_.files) {
+    if (!folders.insert(std::string_view(file.path).substr(0, file.path.rfind('/'))).second) continue;
+    Step(step, folders.size() - 1);
+    const Status synced = disk_files_.Sync(file.path);
+    if (!synced) return synced;
+  }
+  return {};
+}
+
+// Unless somebody else has done so.
+Status DeletionJob::RemoveRecord(std::string_view step) {
+  return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
+    const auto now = ReadNow();
+    if (!now) return now.error();
+    store::Transaction transaction;
+    const bool is_ours = *now && (*now)->record && (*now)->record->host_id == options_.host_id &&
+                         ((*now)->record->stage == DeletionStage::kPurging || (*now)->revision == revision_);
+    if (!is_ours) return transaction;
+    transaction.compares.push_back({DeletionKey(guest_id_), (*now)->revision});
+    transaction.operations.push_back({DeletionKey(guest_id_), std::nullopt});
+    Step(step);
+    return transaction;
+  });
+}
+
+DeletionJob::Outcome DeletionJob::Refuse(Refusal refusal) {
+  refusal_ = std::move(refusal);
+  return Outcome::kRefused;
+}
+
+Result<std::optional<StoredDeletion>> DeletionJob::ReadNow() const {
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return snapshot.error();
+  return ReadDeletion(**snapshot, guest_id_);
+}
+
+Result<bool> DeletionJob::GuestExists() const {
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return snapshot.error();
+  const auto value = (*snapshot)->Get(GuestObjectKey(guest_id_));
+  if (!value) return value.error();
+  return value->has_value();
+}
+
+bool DeletionJob::IsRemote() const {
+  return !plan_->repository_host_id.empty() && plan_->repository_host_id != options_.host_id;
+}
+
+void DeletionJob::Step(std::string_view step) const {
+  if (options_.before_step) options_.before_step(step);
+}
+
+void DeletionJob::Step(std::string_view step, std::size_t index) const {
+  if (options_.before_step) options_.before_step(std::string(step) + " " + std::to_string(index));
+}
+
+void DeletionJob::LogNotes() const {
+  const std::string id = cluster::LogText(guest_id_, kShownId);
+  std::size_t count = 0;
+  for (const Notes* notes : {&plan_->notes, &selection_.notes, &later_notes_}) {
+    for (const std::string& note : *notes) {
+      if (++count > kMaxNotes) continue;
+      ::syslog(LOG_WARNING, "Deleted guest[%s]: %s.", id.c_str(), cluster::LogText(note, kShownNote).c_str());
+    }
+  }
+  if (count > kMaxNotes) {
+    ::syslog(LOG_WARNING, "Deleted guest[%s]: there are %zu lines more of this kind.", id.c_str(), count - kMaxNotes);
+  }
+}
+
+void DeletionJob::LogFailure(const std::string& sentence) const {
+  ::syslog(LOG_ERR, "Deletion of guest[%s]: %s.", cluster::LogText(guest_id_, kShownId).c_str(),
+           cluster::LogText(sentence, kShownNote).c_str());
+}
+
+}  // namespace vexa::guests

@@ -1,0 +1,78 @@
+// The files behind the paths in disks' records, reached without trust in those paths.
+//
+// A path leads to a file only when it lies strictly below one of the roots, and no folder below the root, nor the file,
+// is a symbolic link. Whatever is changed is changed inside the folder that was opened in this way.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
+
+namespace vexa::guests {
+
+// The system's calls that change a folder; tests put others in their place. Each answers 0 or an errno(3) value.
+int RenameInFolder(int folder, const char* from, const char* to);  // EEXIST when there is a `to`
+int UnlinkInFolder(int folder, const char* name);
+int SyncFolder(int folder);
+
+struct FileCalls {
+  std::function<int(int folder, const char* from, const char* to)> rename = RenameInFolder;
+  std::function<int(int folder, const char* name)> unlink = UnlinkInFolder;
+  std::function<int(int folder)> sync = SyncFolder;
+  enum class Resolve { kBySystem, kByWalking };  // walking is what a system without openat2(2) does in any case
+  Resolve resolve = Resolve::kBySystem;
+};
+
+// What two names of one file have in common.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+// `path` without empty segments and ".". Not set for what can be no file's place: no absolute path, "..", NUL, a slash
+// at the end, longer than the system takes.
+std::optional<std::string> NormalPath(std::string_view path);
+
+// Threads: any, at the same time.
+class DiskFiles {
+ public:
+  DiskFiles(const std::vector<std::string>& roots, FileCalls calls);
+
+  enum class Kind { kRegular, kMissing, kLeft };
+  struct Look {
+    Kind kind = Kind::kMissing;
+    FileIdentity identity;  // of a regular file
+    std::string why;        // for kLeft: what it is instead, as the end of a sentence
+  };
+  // Errors: with the path and the system's reason when it cannot be told.
+  Result<Look> Examine(const std::string& path) const;
+
+  // `path` is NormalPath()'s. Only regular files are renamed and removed. Errors, for all but Sync: kNotFound (no such
+  // file, or no such folder), kInvalid (it is no file of ours, see Look::why), and what the system says, with the path.
+  // Gives the file the name `hidden` in its folder; kConflict when there is one of this name.
+  Status Hide(const std::string& path, const std::string& hidden) const;
+  // Gives it back its name; kConflict when there is a file of that name.
+  Status Show(const std::string& path, const std::string& hidden) const;
+  Status Remove(const std::string& path) const;
+  Status RemoveHidden(const std::string& path, const std::string& hidden) const;
+  // Makes what was done in the folder of `path` last. Not an error: there is no such folder.
+  Status Sync(const std::string& path) const;
+
+ private:
+  struct Place;
+  Result<Place> Open(const std::string& path) const;
+  Status Rename(const std::string& path, const std::string& from, const std::string& to) const;
+  Status Unlink(const std::string& path, const std::string& name) const;
+
+  std::vector<std::string> roots_;  // normal, "" for the root of the file system, longest first
+  const FileCalls calls_;
+};
+
+}  // namespace vexa::guests

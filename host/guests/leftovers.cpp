@@ -1,0 +1,108 @@
+#include "host/guests/leftovers.h"
+
+#include <syslog.h>
+
+#include <set>
+
+#include "host/cluster/log_text.h"
+#include "host/cluster/object_edit.h"
+#include "host/guests/deletion_plan.h"
+#include "host/guests/deletion_record.h"
+#include "host/store/key.h"
+
+namespace vexa::guests {
+namespace {
+
+constexpr std::size_t kShownId = 64;
+constexpr std::size_t kShownReason = 1024;
+
+void LogNote(const std::string& guest_id, const std::string& sentence) {
+  ::syslog(LOG_WARNING, "Deleted guest[%s]: %s.", cluster::LogText(guest_id, kShownId).c_str(),
+           cluster::LogText(sentence, kShownReason).c_str());
+}
+
+// The leftovers of one guest.
+class Leftover {
+ public:
+  Leftover(const DeletionOptions& options, std::string guest_id)
+      : options_(options), guest_id_(std::move(guest_id)), disk_files_(options.image_roots, options.file_calls) {}
+
+  Status Remove() {
+    const Result<StoredLeftover> stored = ReadStored();
+    if (!stored) return stored.error();
+    if (stored->revision == 0) return {};
+    if (!stored->paths) return Error(ErrorCode::kCorrupt, "the record of them is damaged and is left as it is");
+    DeletionPlan plan;
+    for (const std::string& path : *stored->paths) plan.files.push_back({plan.files.size(), path});
+    const Result<Selection> selection = SelectFiles(guest_id_, plan, disk_files_, *options_.store);
+    if (!selection) return selection.error();
+    const Status removed = RemoveFiles(selection->files);
+    if (!removed) return removed;
+    const Status ended = RemoveKey(stored->revision);
+    if (!ended) return ended;
+    for (const std::string& note : selection->notes) LogNote(guest_id_, note);
+    return {};
+  }
+
+ private:
+  void Step(const std::string& step) const {
+    if (options_.before_step) options_.before_step("leftover " + step);
+  }
+
+  Result<StoredLeftover> ReadStored() const {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    return ReadLeftover(**snapshot, options_.host_id, guest_id_);
+  }
+
+  Status RemoveFiles(const std::vector<HiddenFile>& files) const {
+    std::set<std::string> folders;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      Step("remove " + std::to_string(i));
+      const Status removed = disk_files_.Remove(files[i].path);
+      if (!removed && removed.error().code() != ErrorCode::kNotFound) return removed;
+    }
+    for (const HiddenFile& file : files) {
+      if (!folders.insert(file.path.substr(0, file.path.rfind('/'))).second) continue;
+      Step("sync " + std::to_string(folders.size() - 1));
+      const Status synced = disk_files_.Sync(file.path);
+      if (!synced) return synced;
+    }
+    return {};
+  }
+
+  // One that was written anew meanwhile stays for the next time.
+  Status RemoveKey(store::Revision revision) const {
+    const std::string key = LeftoverKey(options_.host_id, guest_id_);
+    Step("commit end");
+    cluster::RequestScope::ReleaseSnapshot();
+    const auto committed = options_.store->Commit({{{key, revision}}, {{key, std::nullopt}}});
+    if (!committed && committed.error().code() != ErrorCode::kConflict) return committed.error();
+    return {};
+  }
+
+  const DeletionOptions& options_;
+  const std::string guest_id_;
+  const DiskFiles disk_files_;
+};
+
+Result<std::vector<std::string>> ReadGuestIds(const DeletionOptions& options) {
+  const auto snapshot = options.store->Read();
+  if (!snapshot) return snapshot.error();
+  return (*snapshot)->Children(store::MakeKey({"leftover", options.host_id}));
+}
+
+}  // namespace
+
+std::map<std::string, std::string> RemoveLeftovers(const DeletionOptions& options) {
+  std::map<std::string, std::string> in_the_way;
+  const auto ids = ReadGuestIds(options);
+  if (!ids) return {{"", ids.error().ToString()}};
+  for (const std::string& id : *ids) {
+    const Status removed = Leftover(options, id).Remove();
+    if (!removed) in_the_way.emplace(id, removed.error().ToString());
+  }
+  return in_the_way;
+}
+
+}  // namespace vexa::guests
