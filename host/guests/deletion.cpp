@@ -2,6 +2,8 @@
 
 #include <syslog.h>
 
+#include <utility>
+
 #include "host/cluster/log_text.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/deletion_record.h"
@@ -65,6 +67,17 @@ void Deletion::FinishAll() {
   RemoveLeftovers();
 }
 
-void Deletion::RemoveLeftovers() { guests::RemoveLeftovers(options_); }
+// It is asked for again and again, so the same is not told each time.
+void Deletion::RemoveLeftovers() {
+  std::map<std::string, std::string> in_the_way = guests::RemoveLeftovers(options_);
+  const std::lock_guard lock(told_mutex_);
+  for (const auto& [guest_id, reason] : in_the_way) {
+    const auto told = told_.find(guest_id);
+    if (told != told_.end() && told->second == reason) continue;
+    ::syslog(LOG_ERR, "Files that are left of the deleted guest[%s] could not be removed: %s",
+             cluster::LogText(guest_id, kShownId).c_str(), cluster::LogText(reason, kShownReason).c_str());
+  }
+  told_ = std::move(in_the_way);
+}
 
 }  // namespace vexa::guests

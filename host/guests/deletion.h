@@ -1,21 +1,28 @@
 // Deletes guests: their disks' files and their records, all or nothing, whatever stops the host meanwhile.
 //
 //   /deletion/<guest id>   {"host_id", "user", "request_id", "since" (Unix seconds), "stage": "hiding" | "purging",
-//                           "files": [{"path", "hidden"}]}
+//                           "files": [{"path", "hidden" (a name in the same folder)}]}
 //   /leftover/<host id>/<guest id>   {"files": [path, …]}: files of a guest that was deleted while this host, whose
 //                           repository it was, could not be asked
 //
 // 1. "hiding" is committed with compares: nobody has the guest (run_record.h), nobody deletes it, its record is as
-// read.
+//    read.
 // 2. Each file gets a hidden name in its folder. What fails is undone: the names come back, the record goes.
-// 3. One commit deletes all records of the guest, and changes the stage to "purging". This is the point of no return.
-// 4. The hidden files are removed, then the "/deletion" record.
-// A host that starts finishes what it left: "hiding" is done again from 2, or undone; "purging" from 4.
+// 3. One commit deletes all records of the guest, and changes the stage to "purging", with compares that all of them
+//    are as read and that the deletion is still this one. This is the point of no return. An edit of the guest after 1
+//    that leaves its files what they are is deleted with it; after any other, it is undone and begun again.
+// 4. The hidden files are removed, then the "/deletion" record. What fails stays for the next start.
+// A host that starts finishes what it left: "hiding" is done again from 2, or undone; "purging" from 4. What cannot
+// even be undone keeps its record, and the guest is busy until then.
+//
+// A guest's disks and interfaces are those that its record lists and whose own records name it.
 #pragma once
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +44,10 @@ struct Requester {
 // cannot be read. Nothing: it is not being deleted.
 Refused DeletionUnderWay(const store::Store& store, const std::string& guest_id);
 
+// Why nothing can be begun with a guest that is being deleted: 915, with who deletes it and since when; 901 when that
+// cannot be read. Nothing: it is not being deleted.
+Refused DeletionUnderWay(const store::Store& store, const std::string& guest_id);
+
 struct DeletionOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;  // this host's
@@ -44,7 +55,8 @@ struct DeletionOptions {
   // disk names; all others are left where they are, with a line in the system log.
   std::vector<std::string> image_roots;
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
-  // Called before each step; for tests that stop there.
+  // Called before each step: every commit, rename, sync of a folder and removal, by names that are distinct within one
+  // deletion; for tests that stop there.
   std::function<void(std::string_view step)> before_step;
   FileCalls file_calls;  // tests put others in the place of the system's
 };
@@ -55,18 +67,22 @@ class Deletion {
   explicit Deletion(DeletionOptions options) : options_(std::move(options)) {}
 
   // On the host of the guest's repository, or on any other when that cannot be asked; then the files are left to it.
-  // Refusals: 403 no readable record, 910 a host has the guest, 915 it is being deleted (the reason says by whom and
-  // since when), 901 with what failed.
+  // Nothing is refused after the point of no return. Refusals: 403 no readable record, 910 a host has the guest, 915 it
+  // is being deleted (the reason says by whom and since when) or its record is changed all the time, 901 with what
+  // failed.
   Refused Delete(const std::string& guest_id, const Requester& requester);
 
   // What this host had begun when it ended, and leftovers of others' deletions. Whatever fails is logged and stays for
-  // the next time.
+  // the next time. For the start, before any Delete: it takes a deletion of this host that is under way for one that
+  // was left.
   void FinishAll();
-  // Leftovers alone; cheap when there are none.
+  // Leftovers alone; cheap when there are none. What is in the way is logged when it is new.
   void RemoveLeftovers();
 
  private:
-  DeletionOptions options_;
+  const DeletionOptions options_;
+  std::mutex told_mutex_;
+  std::map<std::string, std::string> told_;  // by guest: what was in the way of removing its leftovers
 };
 
 }  // namespace vexa::guests

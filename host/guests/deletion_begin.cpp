@@ -26,6 +26,9 @@ bool IsAmong(const std::vector<HiddenFile>& files, const std::string& path) {
 }  // namespace
 
 DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
+  // What was found out before may have been undone.
+  plan_.reset();
+  is_gone_ = false;
   Refused refused;
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester, refused); });
   if (!committed && committed.error().code() == ErrorCode::kConflict) {

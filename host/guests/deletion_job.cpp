@@ -30,6 +30,8 @@ DeletionJob::DeletionJob(const DeletionOptions& options, std::string guest_id)
     : options_(options), guest_id_(std::move(guest_id)), disk_files_(options.image_roots, options.file_calls) {}
 
 Refused DeletionJob::Start(const Requester& requester) {
+  // Files can take long.
+  cluster::RequestScope::ReleaseSnapshot();
   for (int turn = 0; turn < kTurns; ++turn) {
     if (Begin(requester) == Outcome::kRefused) return refusal_;
     const Outcome outcome = GoOn();
@@ -105,8 +107,10 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
     if (!now) return now.error();
     Result<DeletionPlan> plan = PlanAgain(**snapshot);
     if (!plan) return plan.error();
-    const bool is_same = (is_gone_ && plan->compares.front().revision == 0) ||
-                         (plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id);
+    // One that comes back under the id of a guest that had gone is another guest.
+    const bool is_same = is_gone_
+                             ? plan->compares.front().revision == 0
+                             : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
     const bool is_ours = *now && (*now)->revision == revision_;
     if (!is_ours || !is_same) {
       instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
@@ -171,11 +175,24 @@ Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transact
 DeletionJob::Outcome DeletionJob::Lost() {
   const auto now = ReadNow();
   if (!now) return Refuse(FailedBecause(now.error()));
-  if (!*now) return Undo({kFailed, "Somebody has removed the record of the guest's deletion"}, Outcome::kRefused);
-  const bool is_past = (*now)->record && (*now)->record->stage == DeletionStage::kPurging;
-  if (!is_past) return Refuse(DeletedByOther(**now));
-  if ((*now)->record->host_id == options_.host_id) Purge();
-  return Outcome::kDeleted;
+  if (!*now) {
+    const auto guest = GuestExists();
+    if (!guest) return Refuse(FailedBecause(guest.error()));
+    if (!*guest) return Outcome::kDeleted;
+    return Undo({kFailed, "Somebody has removed the record of the guest's deletion"}, Outcome::kRefused);
+  }
+  const std::optional<DeletionRecord>& record = (*now)->record;
+  const bool is_of_this_host = record && record->host_id == options_.host_id;
+  if (record && record->stage == DeletionStage::kPurging) {
+    if (is_of_this_host) Purge();
+    return Outcome::kDeleted;
+  }
+  // One of this host hides the same files under the same names; no other can show them again.
+  if (!is_of_this_host) {
+    const Status shown = ShowAll();
+    if (!shown) LogFailure("Files stay hidden: " + shown.error().ToString());
+  }
+  return Refuse(DeletedByOther(**now));
 }
 
 // A commit whose failure was reported may have been made all the same, and then there is no way back.
@@ -272,6 +289,14 @@ Result<std::optional<StoredDeletion>> DeletionJob::ReadNow() const {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
   return ReadDeletion(**snapshot, guest_id_);
+}
+
+Result<bool> DeletionJob::GuestExists() const {
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return snapshot.error();
+  const auto value = (*snapshot)->Get(GuestObjectKey(guest_id_));
+  if (!value) return value.error();
+  return value->has_value();
 }
 
 bool DeletionJob::IsRemote() const {

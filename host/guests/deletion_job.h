@@ -56,6 +56,7 @@ class DeletionJob {
 
   Outcome Refuse(Refusal refusal);
   Result<std::optional<StoredDeletion>> ReadNow() const;
+  Result<bool> GuestExists() const;
   bool IsRemote() const;
   void Step(std::string_view step) const;
   void Step(std::string_view step, std::size_t index) const;

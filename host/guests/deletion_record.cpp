@@ -30,7 +30,6 @@ constexpr char kHiding[] = "hiding";
 constexpr char kPurging[] = "purging";
 
 constexpr std::size_t kShownName = 256;
-constexpr Json::Int64 kLastSecond = 253'402'300'799;  // of the year 9999
 
 std::string Text(const Json::Value& value) { return value.isString() ? json::String(value) : std::string(); }
 
@@ -56,8 +55,7 @@ std::optional<DeletionRecord> ParseDeletion(std::string_view text, const std::st
   record.host_id = Text(json::Member(*parsed, kHostId));
   record.user = Text(json::Member(*parsed, kUser));
   record.request_id = Text(json::Member(*parsed, kRequestId));
-  record.since = system_clock::time_point(
-      seconds(std::clamp<Json::Int64>(json::Int64(json::Member(*parsed, kSince)), 0, kLastSecond)));
+  record.since = StoredTime(json::Member(*parsed, kSince));
   const std::string stage = Text(json::Member(*parsed, kStage));
   if (record.host_id.empty() || (stage != kHiding && stage != kPurging)) return std::nullopt;
   record.stage = stage == kHiding ? DeletionStage::kHiding : DeletionStage::kPurging;

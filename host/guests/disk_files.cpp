@@ -138,13 +138,11 @@ struct DiskFiles::Place {
 };
 
 DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileCalls calls) : calls_(std::move(calls)) {
-  for (std::string root : roots) {
-    while (root.size() > 1 && root.back() == '/') root.pop_back();
-    if (root == "/") {
-      roots_.emplace_back();
-    } else if (std::optional<std::string> normal = NormalPath(root)) {
-      roots_.push_back(std::move(*normal));
-    }
+  constexpr std::string_view kBelow = "/x";
+  for (const std::string& root : roots) {
+    // A folder's path may be written in ways that a file's may not.
+    std::optional<std::string> below = root.starts_with('/') ? NormalPath(root + std::string(kBelow)) : std::nullopt;
+    if (below) roots_.push_back(below->substr(0, below->size() - kBelow.size()));
   }
   std::ranges::sort(roots_, std::ranges::greater(), &std::string::size);
 }

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/cluster/log_text.h"
 #include "host/cluster/reading.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -20,14 +21,31 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
-// The records that the guest lists under `name`, with their ids.
+constexpr std::size_t kShownId = 64;
+
+// What is the matter with the record of `what`, as a sentence about it.
+Error About(const std::string& what, const Error& error) {
+  if (error.code() == ErrorCode::kNotFound) return Error(error.code(), "There is no record of " + what);
+  return Error(error.code(), "The record of " + what + " cannot be read", error.ToString());
+}
+
+// The records that the guest lists under `name`, with their ids; `kind` is what one of them is called.
 Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::Value& guest, const char* name,
-                                                                    const DashCate& category) {
+                                                                    const DashCate& category, const std::string& kind) {
   std::vector<std::pair<std::string, Json::Value>> listed;
-  for (const Json::Value& element : json::Elements(json::Member(guest, name))) {
+  const Json::Value& elements = json::Elements(json::Member(guest, name));
+  if (elements.size() > kMaxGuestParts) {
+    return Error(ErrorCode::kCorrupt, "The guest's record names more than " + std::to_string(kMaxGuestParts) +
+                                          " of the kind '" + kind + "': repair it");
+  }
+  for (const Json::Value& element : elements) {
+    if (!element.isString()) {
+      return Error(ErrorCode::kCorrupt,
+                   "The guest's record names a " + kind + " by something that is no id: repair it");
+    }
     std::string id = json::String(element);
     const Result<cluster::Record> record = cluster::ReadObject(category.name(), id);
-    if (!record) return record.error();
+    if (!record) return About("the guest's " + kind + " '" + cluster::LogText(id, kShownId) + "'", record.error());
     listed.emplace_back(std::move(id), **record);
   }
   return listed;
@@ -38,14 +56,14 @@ Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::
 Result<Guest> ReadGuest(const std::string& guest_id) {
   const cluster::CallScope scope;
   const Result<cluster::Record> record = cluster::ReadObject(DashCate::Guest.name(), guest_id);
-  if (!record) return record.error();
+  if (!record) return About("the guest", record.error());
   Guest guest;
   guest.records.id = guest_id;
   guest.records.guest = **record;
-  auto disks = ReadListed(**record, keys::vdisks, DashCate::vDisk);
+  auto disks = ReadListed(**record, keys::vdisks, DashCate::vDisk, "disk");
   if (!disks) return disks.error();
   guest.records.disks = std::move(*disks);
-  auto nics = ReadListed(**record, keys::vnics, DashCate::vNic);
+  auto nics = ReadListed(**record, keys::vnics, DashCate::vNic, "network interface");
   if (!nics) return nics.error();
   guest.records.nics = std::move(*nics);
   guest.name = TextMember(**record, keys::name);

@@ -18,8 +18,12 @@ struct Guest {
   std::string repository_state;    // a text of VexaCCC::State::Repo; "" likewise
 };
 
+// No guest is read that names more disks or interfaces than this.
+inline constexpr unsigned kMaxGuestParts = 1024;
+
 // In the calling thread's RequestScope, or in one of its own. Errors: kNotFound (the guest, or a disk or interface that
-// it names, has no record), kCorrupt, and what the store says.
+// it names, has no record), kCorrupt (one of them is no object, or the guest names something that is no id, or too
+// much), each with what it is about; and what the store says. Of the repository, what cannot be read is as if absent.
 Result<Guest> ReadGuest(const std::string& guest_id);
 
 }  // namespace vexa::guests

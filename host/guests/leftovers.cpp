@@ -16,8 +16,8 @@ namespace {
 constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
 
-void Log(int priority, const std::string& guest_id, const std::string& sentence) {
-  ::syslog(priority, "Files left of the deleted guest[%s]: %s.", cluster::LogText(guest_id, kShownId).c_str(),
+void LogNote(const std::string& guest_id, const std::string& sentence) {
+  ::syslog(LOG_WARNING, "Deleted guest[%s]: %s.", cluster::LogText(guest_id, kShownId).c_str(),
            cluster::LogText(sentence, kShownReason).c_str());
 }
 
@@ -40,7 +40,7 @@ class Leftover {
     if (!removed) return removed;
     const Status ended = RemoveKey(stored->revision);
     if (!ended) return ended;
-    for (const std::string& note : selection->notes) Log(LOG_WARNING, guest_id_, note);
+    for (const std::string& note : selection->notes) LogNote(guest_id_, note);
     return {};
   }
 
@@ -94,16 +94,15 @@ Result<std::vector<std::string>> ReadGuestIds(const DeletionOptions& options) {
 
 }  // namespace
 
-void RemoveLeftovers(const DeletionOptions& options) {
+std::map<std::string, std::string> RemoveLeftovers(const DeletionOptions& options) {
+  std::map<std::string, std::string> in_the_way;
   const auto ids = ReadGuestIds(options);
-  if (!ids) {
-    ::syslog(LOG_ERR, "Files left of deleted guests cannot be removed: %s", ids.error().ToString().c_str());
-    return;
-  }
+  if (!ids) return {{"", ids.error().ToString()}};
   for (const std::string& id : *ids) {
     const Status removed = Leftover(options, id).Remove();
-    if (!removed) Log(LOG_ERR, id, removed.error().ToString());
+    if (!removed) in_the_way.emplace(id, removed.error().ToString());
   }
+  return in_the_way;
 }
 
 }  // namespace vexa::guests

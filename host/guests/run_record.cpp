@@ -1,6 +1,9 @@
 #include "host/guests/run_record.h"
 
+#include <algorithm>
 #include <limits>
+#include <ratio>
+#include <type_traits>
 
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
@@ -18,23 +21,32 @@ constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
 
+// The last second that the clock, which counts nanoseconds, has a number for.
+constexpr Json::Int64 kLastSecond = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
+static_assert(std::is_same_v<std::chrono::system_clock::period, std::nano>);
+
 Run ParseRun(std::string_view text) {
   Run run;
   const Result<Json::Value> parsed = ParseJson(text);
   if (!parsed) return run;
   const Json::Value& host_id = json::Member(*parsed, kHostId);
   if (host_id.isString()) run.host_id = json::String(host_id);
-  run.since = std::chrono::system_clock::time_point(std::chrono::seconds(json::Int64(json::Member(*parsed, kSince))));
+  run.since = StoredTime(json::Member(*parsed, kSince));
   run.starting = json::Bool(json::Member(*parsed, kStarting));
   run.vcpus = json::UInt64(json::Member(*parsed, kVcpus));
   run.memory_mib = json::UInt64(json::Member(*parsed, kMemory));
   for (const Json::Value& cpu : json::Elements(json::Member(*parsed, kPinned))) {
-    run.pinned_cpus.push_back(json::UInt(cpu));
+    if (cpu.isUInt()) run.pinned_cpus.push_back(json::UInt(cpu));
   }
   return run;
 }
 
 }  // namespace
+
+std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds) {
+  const Json::Int64 count = std::clamp<Json::Int64>(json::Int64(seconds), 0, kLastSecond);
+  return std::chrono::system_clock::time_point(std::chrono::seconds(count));
+}
 
 std::string RunKey(const std::string& guest_id) { return store::MakeKey({"run", guest_id}); }
 std::string DeletionKey(const std::string& guest_id) { return store::MakeKey({"deletion", guest_id}); }

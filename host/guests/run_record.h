@@ -8,6 +8,8 @@
 // absent. So a guest that runs somewhere is not deleted, and one that is being deleted is not started.
 #pragma once
 
+#include <json/value.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -29,6 +31,9 @@ struct Run {
   std::vector<unsigned> pinned_cpus;  // the host's processors that are set apart for it
 };
 
+// A time in a record, in Unix seconds, within what the clock can tell; whatever is no number is 1970.
+std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds);
+
 std::string RunKey(const std::string& guest_id);
 std::string DeletionKey(const std::string& guest_id);
 
@@ -38,10 +43,11 @@ struct StoredRun {
 };
 
 // Not set: no host has the guest. A damaged record counts as one of no host ("" as host_id), so that nothing is deleted
-// or started by mistake. Errors: what the store says.
+// or started by mistake; of one that names a host, members of a wrong type are as if absent. Errors: what the store
+// says.
 Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id);
 
-// The guests that `host_id` has, by id.
+// The guests that `host_id` has, by id. Damaged records are those of "".
 Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store& store, const std::string& host_id);
 
 // JSON text of the record.

@@ -115,16 +115,21 @@ inline std::string DiskId(const std::string& guest_id, std::size_t index) {
   return "disk-" + guest_id + "-" + std::to_string(index);
 }
 
-inline void PutDisk(store::Store& store, const std::string& id, const std::string& guest_id, const Json::Value& path) {
+inline Json::Value DiskRecord(const std::string& guest_id, const Json::Value& path) {
   Json::Value disk(Json::objectValue);
   disk["guest_id"] = guest_id;
   disk["name"] = "vda";
   disk["path"] = path;
-  PutRecord(store, KeyOf("vdisk", id), disk);
+  return disk;
+}
+inline void PutDisk(store::Store& store, const std::string& id, const std::string& guest_id, const Json::Value& path) {
+  PutRecord(store, KeyOf("vdisk", id), DiskRecord(guest_id, path));
 }
 
 // A guest with one interface, a live state, and disks at `paths`, whose files are not made.
 inline void PutGuest(store::Store& store, const std::string& id, const std::vector<std::string>& paths) {
+  using VexaVirtualization::json::ToText;
+  store::Transaction all;
   Json::Value guest(Json::objectValue);
   guest["name"] = "guest " + id;
   guest["host_id"] = kThisHost;
@@ -132,17 +137,18 @@ inline void PutGuest(store::Store& store, const std::string& id, const std::vect
   guest["vdisks"] = Json::Value(Json::arrayValue);
   for (std::size_t i = 0; i < paths.size(); ++i) {
     guest["vdisks"].append(DiskId(id, i));
-    PutDisk(store, DiskId(id, i), id, paths[i]);
+    all.operations.push_back({KeyOf("vdisk", DiskId(id, i)), ToText(DiskRecord(id, paths[i]))});
+    all.operations.push_back({KeyOf("vdisk", DiskId(id, i), "state"), "\"vdisk_online\""});
   }
   guest["vnics"].append("nic-" + id);
   Json::Value nic(Json::objectValue);
   nic["guest_id"] = id;
-  PutRecord(store, KeyOf("vnic", "nic-" + id), nic);
-  PutRecord(store, KeyOf("guest", id), guest);
-  PutText(store, KeyOf("guest", id, "state"), "\"guest_shutdown\"");
-  PutText(store, KeyOf("guest", id, "remark"), "1");
-  PutText(store, KeyOf("vdisk", DiskId(id, 0), "state"), "\"vdisk_online\"");
-  PutText(store, store::MakeKey({"live", id}), "{}");
+  all.operations.push_back({KeyOf("vnic", "nic-" + id), ToText(nic)});
+  all.operations.push_back({KeyOf("guest", id), ToText(guest)});
+  all.operations.push_back({KeyOf("guest", id, "state"), "\"guest_shutdown\""});
+  all.operations.push_back({KeyOf("guest", id, "remark"), "1"});
+  all.operations.push_back({store::MakeKey({"live", id}), "{}"});
+  (void)Require(store.Commit(all));
 }
 
 inline void PutRepository(store::Store& store, const std::string& host_id) {
