@@ -1,0 +1,26 @@
+// The commands that change whether guests run, and that delete them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/client_options.h"
+
+namespace vexa::cli {
+
+enum class GuestAction { kStart, kStop, kKill, kRestart, kDelete };
+enum class Waiting { kNo, kUntilSo };
+enum class Confirmation { kAsk, kGiven };
+
+struct GuestActionOptions {
+  GuestAction action = GuestAction::kStart;
+  std::vector<std::string> guests;  // names or ids
+  Waiting waiting = Waiting::kNo;   // kStart, kStop and kKill: until the guest's state is what was asked for
+  int wait_timeout_s = 300;
+  Confirmation confirmation = Confirmation::kAsk;  // kDelete
+};
+
+// `vexa guest start`, `stop`, `kill`, `restart` and `delete`. Nothing is sent unless every name is one guest's.
+ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options);
+
+}  // namespace vexa::cli
