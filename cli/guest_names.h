@@ -17,9 +17,9 @@ struct NamedGuest {
 // The data of Guest "list", checked; failures are printed.
 CallOutcome ListGuests(HttpClient& client);
 
-// Finds the guests called `words`, ids or names in UTF-8, in the data of ListGuests; each once, in the order of the words. An id
-// that is not in the list stays what it is: the server knows why. Words that are nobody's or several guests' are all
-// printed, and then the exit code is not kOk.
+// Finds the guests called `words`, ids or names in UTF-8, in the list of ListGuests; each once, in the order of the
+// words. An id that is not in the list stays what it is: the server knows why. Words that are nobody's or several
+// guests' are all printed, and then the exit code is not kOk.
 ExitCode FindGuests(const Json::Value& list, const std::vector<std::string>& words, std::vector<NamedGuest>& guests);
 
 // The guest with this id.

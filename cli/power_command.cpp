@@ -20,7 +20,6 @@ namespace {
 
 constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr const char* kHosts = "/webapi/VEXA.Virtualization.Host/list";
-// As long as a host may take.
 constexpr int kActionTimeoutS = 3600;
 
 // The names of the hosts, by id; none when they cannot be had, as they are only told along.
@@ -55,6 +54,10 @@ ExitCode Confirm(HttpClient& client, const std::vector<NamedGuest>& guests) {
 
 }  // namespace
 
+std::chrono::seconds ActionTimeout(const GlobalOptions& global) {
+  return std::chrono::seconds(global.timeout_s.value_or(kActionTimeoutS));
+}
+
 ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options) {
   const bool must_ask = options.action == GuestAction::kDelete && options.confirmation == Confirmation::kAsk;
   if (must_ask && ::isatty(STDIN_FILENO) == 0) {
@@ -69,7 +72,7 @@ ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& o
   GuestRun::Parts parts;
   parts.queries = *connect;
   parts.calls = *connect;
-  parts.calls.timeout = std::chrono::seconds(global.timeout_s.value_or(kActionTimeoutS));
+  parts.calls.timeout = ActionTimeout(global);
   parts.options = options;
   parts.quiet = global.quiet;
   parts.json = global.json;

@@ -1,6 +1,7 @@
 // The commands that change whether guests run, and that delete them.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,9 @@ struct GuestActionOptions {
   int wait_timeout_s = 300;
   Confirmation confirmation = Confirmation::kAsk;  // kDelete
 };
+
+// How long one of them may take: what --timeout says, else an hour, as long as a host may take.
+std::chrono::seconds ActionTimeout(const GlobalOptions& global);
 
 // `vexa guest start`, `stop`, `kill`, `restart` and `delete`. Nothing is sent unless every name is one guest's.
 ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options);

@@ -160,7 +160,6 @@ TEST_F(Power, ManyGuests_AreAskedEightAtATimeAndToldInOrder) {
   EXPECT_EQ(program.output(), expected);
 }
 
-// A moment longer than a request of an ordinary command would take is too long to wait for here.
 TEST_F(Power, Timeout_IsTheOneThatIsGiven) {
   ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   const auto result = RunOn(host, {"--timeout", "1", "guest", "stop", "web-1"});
