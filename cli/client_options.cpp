@@ -11,22 +11,35 @@ namespace {
 
 constexpr int kUnauthorized = 401;
 
+ExitCode ExitCodeOf(const Error& error) {
+  return error.code() == ErrorCode::kInvalid ? ExitCode::kUsage : ExitCode::kFailed;
+}
+
 std::string Variable(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
 }
 
-void PrintFailure(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
+constexpr const char* kLoginHint = "\nRun 'vexa login'.";
+
+std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
   const std::string message = reply.message.empty() ? "The server refused without a reason" : reply.message;
   std::string about = "HTTP " + std::to_string(reply.http_status);
   if (reply.code) about = "error " + std::to_string(*reply.code) + ", " + about;
   if (!reply.request_id.empty()) about += ", request " + reply.request_id;
-  std::cerr << "vexa: " << Printable(client.WithoutToken(message)) << " (" << Printable(client.WithoutToken(about))
-            << ")\n";
+  std::string text = Printable(client.WithoutToken(message)) + " (" + Printable(client.WithoutToken(about)) + ")";
   if (!reply.details.isNull()) {
-    std::cerr << "Details: " << client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine)) << '\n';
+    text += "\nDetails: " + client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine));
   }
-  if (reply.http_status == kUnauthorized && hint == LoginHint::kGive) std::cerr << "Run 'vexa login'.\n";
+  if (reply.http_status == kUnauthorized && hint == LoginHint::kGive) text += kLoginHint;
+  return text;
+}
+
+CallOutcome FailureOf(const Error& error) {
+  CallOutcome outcome;
+  outcome.exit_code = error.code() == ErrorCode::kUnavailable ? ExitCode::kUnreachable : ExitCodeOf(error);
+  outcome.failure = Printable(error.ToString());
+  return outcome;
 }
 
 }  // namespace
@@ -44,7 +57,7 @@ HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint
   HttpClientOptions result;
   result.endpoint = endpoint;
   result.ca_file = options.ca_file;
-  result.timeout = std::chrono::seconds(options.timeout_s);
+  result.timeout = std::chrono::seconds(options.timeout_s.value_or(kDefaultTimeoutS));
   result.insecure_http = options.insecure_http ? InsecureHttp::kAllow : InsecureHttp::kRefuse;
   result.trace = options.verbose ? Trace::kOn : Trace::kOff;
   return result;
@@ -75,7 +88,7 @@ Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options) {
 
 ExitCode Report(const Error& error) {
   std::cerr << "vexa: " << Printable(error.ToString()) << '\n';
-  return error.code() == ErrorCode::kInvalid ? ExitCode::kUsage : ExitCode::kFailed;
+  return ExitCodeOf(error);
 }
 
 ExitCode ReportTransport(const Error& error) {
@@ -83,22 +96,36 @@ ExitCode ReportTransport(const Error& error) {
   return error.code() == ErrorCode::kUnavailable ? ExitCode::kUnreachable : code;
 }
 
-CallOutcome CallApi(HttpClient& client, const std::string& path, const std::string& body, Secrecy secrecy,
-                    LoginHint hint) {
+CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body, Secrecy secrecy,
+                   LoginHint hint) {
   const Result<HttpReply> reply = client.PostJson(path, body, secrecy);
-  if (!reply) return {ReportTransport(reply.error()), {}};
+  if (!reply) return FailureOf(reply.error());
+  CallOutcome outcome;
   Result<ApiReply> understood = ReadApiReply(*reply);
   if (!understood) {
-    const ExitCode code = Report(understood.error());
+    outcome = FailureOf(understood.error());
     // A proxy in front of the server answers in its own words.
-    if (reply->status == kUnauthorized && hint == LoginHint::kGive) std::cerr << "Run 'vexa login'.\n";
-    return {code, {}};
+    if (reply->status == kUnauthorized && hint == LoginHint::kGive) outcome.failure += kLoginHint;
+  } else if (!understood->success) {
+    outcome.exit_code = ExitCode::kFailed;
+    outcome.failure = FailureText(client, *understood, hint);
+    outcome.code = understood->code;
+  } else {
+    outcome.data = std::move(understood->data);
   }
-  if (!understood->success) {
-    PrintFailure(client, *understood, hint);
-    return {ExitCode::kFailed, {}};
-  }
-  return {ExitCode::kOk, std::move(understood->data)};
+  outcome.http_status = reply->status;
+  return outcome;
+}
+
+bool IsTemporary(const CallOutcome& outcome) {
+  return outcome.exit_code == ExitCode::kUnreachable || (outcome.http_status >= 502 && outcome.http_status <= 504);
+}
+
+CallOutcome CallApi(HttpClient& client, const std::string& path, const std::string& body, Secrecy secrecy,
+                    LoginHint hint) {
+  CallOutcome outcome = TryApi(client, path, body, secrecy, hint);
+  if (outcome.exit_code != ExitCode::kOk) std::cerr << "vexa: " << outcome.failure << '\n';
+  return outcome;
 }
 
 ExitCode PrintJson(const Json::Value& data) {

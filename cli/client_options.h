@@ -1,6 +1,8 @@
 // The options that every command takes, and what follows from them: which server, with which token.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,12 +15,14 @@ namespace vexa::cli {
 
 inline constexpr std::string_view kDefaultSocket = "/run/vexad/vexad.sock";
 
+inline constexpr int kDefaultTimeoutS = 60;
+
 struct GlobalOptions {
   std::string server;
   std::string socket;
   std::string token_file;
   std::string ca_file;
-  int timeout_s = 60;
+  std::optional<int> timeout_s;  // kDefaultTimeoutS, where the command has none of its own
   bool json = false;
   bool quiet = false;
   bool verbose = false;
@@ -42,13 +46,26 @@ ExitCode Report(const Error& error);
 // The same for errors on the way to a server, where kUnavailable means that it cannot be reached.
 ExitCode ReportTransport(const Error& error);
 
-// Calls one method of the API and reads the reply. An outcome without success is printed on standard error, with
-// "Run 'vexa login'." where that helps.
+// What came of calling one method of the API.
 struct CallOutcome {
   ExitCode exit_code = ExitCode::kOk;
   Json::Value data;
+  // Without success:
+  std::string failure;               // printable lines without "vexa: " and the last line end
+  std::optional<std::int64_t> code;  // the server's
+  int http_status = 0;               // 0: no reply came
 };
 enum class LoginHint { kGive, kOmit };
+
+// Calls a method and reads the reply; prints nothing. `failure` ends with "Run 'vexa login'." where that helps.
+CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body,
+                   Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kGive);
+
+// Whether it may be well a little later: no whole reply, or one that the server, or a proxy in front of it, gives while
+// it restarts or has too much to do.
+bool IsTemporary(const CallOutcome& outcome);
+
+// As TryApi, and an outcome without success is printed on standard error.
 CallOutcome CallApi(HttpClient& client, const std::string& path, const std::string& body,
                     Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kGive);
 

@@ -23,9 +23,11 @@ Examples:
   vexa guest get 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55
   vexa guest get 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55 --json | jq .vdisks
   vexa call VEXA.Virtualization.Guest get '{"guest_id": "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"}'
+  vexa guest start web-1 web-2 --wait
+  vexa log -f
   vexa health
 
-Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 the server cannot be reached.)";
+Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 the server cannot be reached; 130 interrupted.)";
 
 void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
   auto* server = app.add_option("--server", options.server, "The server, such as https://nas:8443")->type_name("URL");
@@ -58,6 +60,7 @@ int RunCommandLine(int argc, char** argv) {
   AddGlobalOptions(app, invocation.global);
   AddClientCommands(app, invocation);
   AddHostCommands(app, invocation);
+  AddActionCommands(app, invocation);
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
   AddClusterCommands(app, invocation);

@@ -3,6 +3,7 @@
 #include <array>
 #include <iostream>
 
+#include "cli/guest_names.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "host/base/json_parse.h"
@@ -10,7 +11,6 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
 constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
 
 constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
@@ -20,15 +20,6 @@ constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id"}, Column{"NAME"
                                       Column{"HOST", "host_id"}};
 constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "host_name"},
                                      Column{"STATE", "ha_host_status_type"}};
-
-// The data of "list", checked.
-CallOutcome ListGuests(HttpClient& client) {
-  CallOutcome outcome = CallApi(client, kList, "{}");
-  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "guests").isArray()) {
-    outcome.exit_code = Report(NotUnderstood("guests"));
-  }
-  return outcome;
-}
 
 // "warning (ha_warn_host_short_ram)"
 std::string WithReason(const Json::Value& shown) {

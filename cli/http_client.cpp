@@ -86,6 +86,8 @@ class HttpClient::Impl {
     Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     Set(CURLOPT_NOSIGNAL, 1L);
     Set(CURLOPT_USERAGENT, "vexa");
+    // Some replies take an hour; a server that has lost its power meanwhile says nothing.
+    Set(CURLOPT_TCP_KEEPALIVE, 1L);
     Set(CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
     Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<std::int64_t>(options_.timeout.count(), 10'000)));
     if (!options_.ca_file.empty()) Set(CURLOPT_CAINFO, options_.ca_file.c_str());

@@ -4,12 +4,19 @@
 #include <charconv>
 #include <cmath>
 #include <iostream>
-#include <optional>
+#include <string>
+#include <vector>
 
 #include "cli/printable.h"
 #include "cli/reply.h"
 
 namespace vexa::cli {
+namespace {
+
+// Of ids in a message.
+constexpr std::size_t kMostShown = 20;
+
+}  // namespace
 
 std::string Shown(const Json::Value& value) {
   if (value.type() != Json::realValue) return Text(value);
@@ -36,16 +43,20 @@ void PrintRows(const Json::Value& list, std::span<const Column> columns) {
 
 Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name) {
   const std::string kind = naming.kind;
-  std::optional<std::string> id;
+  std::vector<std::string> ids;
   for (const Json::Value& element : list) {
-    if (Text(Member(element, naming.name)) != name) continue;
-    if (id) return Error(ErrorCode::kConflict, "Several " + kind + "s are called '" + name + "': give the id");
-    id = Text(Member(element, naming.id));
+    if (Text(Member(element, naming.name)) == name) ids.push_back(Text(Member(element, naming.id)));
   }
-  if (!id) {
+  if (ids.size() > 1) {
+    std::string shown;
+    for (std::size_t i = 0; i < ids.size() && i < kMostShown; ++i) shown += (i == 0 ? "" : ", ") + ids[i];
+    if (ids.size() > kMostShown) shown += ", …";
+    return Error(ErrorCode::kConflict, "Several " + kind + "s are called '" + name + "': give the id, one of " + shown);
+  }
+  if (ids.empty()) {
     return Error(ErrorCode::kNotFound, "There is no " + kind + " called '" + name + "'; see 'vexa " + kind + " list'");
   }
-  return *id;
+  return ids.front();
 }
 
 bool IsUuidForm(const std::string& text) {

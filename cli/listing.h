@@ -28,7 +28,7 @@ struct Naming {
   const char* name;  // and the name
 };
 
-// The id of the one object of this name. kNotFound, kConflict when several have it.
+// The id of the one object of this name. kNotFound; kConflict, with their ids, when several have it.
 Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name);
 
 // 8-4-4-4-12 hexadecimal digits.

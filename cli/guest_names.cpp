@@ -1,0 +1,61 @@
+#include "cli/guest_names.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "cli/listing.h"
+#include "cli/reply.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
+constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
+
+bool IsListed(const Json::Value& list, const std::string& id) {
+  return std::any_of(list.begin(), list.end(),
+                     [&](const Json::Value& guest) { return Text(Member(guest, kNaming.id)) == id; });
+}
+
+Result<std::string> IdOf(const Json::Value& list, const std::string& word) {
+  if (IsListed(list, word)) return word;
+  Result<std::string> found = FindByName(list, kNaming, word);
+  if (!found && found.error().code() == ErrorCode::kNotFound && IsUuidForm(word)) return word;
+  return found;
+}
+
+}  // namespace
+
+CallOutcome ListGuests(HttpClient& client) {
+  CallOutcome outcome = CallApi(client, kList, "{}");
+  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "guests").isArray()) {
+    outcome.exit_code = Report(NotUnderstood("guests"));
+  }
+  return outcome;
+}
+
+NamedGuest GuestOf(const Json::Value& list, const std::string& id) {
+  NamedGuest guest{id, id, ""};
+  for (const Json::Value& element : list) {
+    if (Text(Member(element, kNaming.id)) != id) continue;
+    if (const std::string name = Text(Member(element, kNaming.name)); !name.empty()) guest.name = name;
+    guest.host_id = Text(Member(element, "host_id"));
+    break;
+  }
+  return guest;
+}
+
+ExitCode FindGuests(const Json::Value& list, const std::vector<std::string>& words, std::vector<NamedGuest>& guests) {
+  ExitCode exit_code = ExitCode::kOk;
+  for (const std::string& word : words) {
+    const Result<std::string> id = IdOf(list, word);
+    if (!id) {
+      exit_code = Report(id.error());
+    } else if (std::ranges::find(guests, *id, &NamedGuest::id) == guests.end()) {
+      guests.push_back(GuestOf(list, *id));
+    }
+  }
+  return exit_code;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,201 @@
+#include "cli/log_command.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <iostream>
+#include <limits>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "cli/listing.h"
+#include "cli/printable.h"
+#include "cli/reply.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kList = "/webapi/VEXA.Virtualization.Log/list";
+constexpr std::size_t kPage = 1000;
+// The log keeps a tenth of that; a server that goes on for ever is not followed.
+constexpr std::size_t kMostPages = 100;
+constexpr auto kPollEvery = std::chrono::seconds(1);
+constexpr std::int64_t kMicroseconds = 1'000'000;
+
+struct Page {
+  CallOutcome outcome;
+  std::vector<Json::Value> entries;  // the oldest first
+  std::string next;
+};
+
+enum class Order { kNewestFirst, kOldestFirst };
+
+Page ReadPage(HttpClient& client, const Json::Value& parameters, Order order) {
+  Page page;
+  page.outcome = TryApi(client, kList, RenderJson(parameters, JsonLayout::kOneLine));
+  if (page.outcome.exit_code != ExitCode::kOk) return page;
+  const Json::Value& entries = Member(page.outcome.data, "entries");
+  if (!entries.isArray()) {
+    page.outcome.exit_code = ExitCode::kFailed;
+    page.outcome.failure = NotUnderstood("entries of the log").ToString();
+    return page;
+  }
+  page.entries.assign(entries.begin(), entries.end());
+  if (order == Order::kNewestFirst) std::ranges::reverse(page.entries);
+  page.next = Text(Member(page.outcome.data, "next"));
+  return page;
+}
+
+ExitCode Tell(const CallOutcome& outcome) {
+  std::cerr << "vexa: " << outcome.failure << '\n';
+  return outcome.exit_code;
+}
+
+// The newest `count` entries, the oldest first, page by page.
+CallOutcome ReadNewest(HttpClient& client, std::size_t count, std::vector<Json::Value>& entries) {
+  std::vector<std::vector<Json::Value>> pages;
+  std::string cursor;
+  CallOutcome outcome;
+  while (count > 0) {
+    Json::Value parameters(Json::objectValue);
+    parameters["limit"] = static_cast<Json::UInt>(std::min(count, kPage));
+    if (!cursor.empty()) parameters["cursor"] = cursor;
+    Page page = ReadPage(client, parameters, Order::kNewestFirst);
+    outcome = std::move(page.outcome);
+    if (outcome.exit_code != ExitCode::kOk) return outcome;
+    count -= std::min(count, page.entries.size());
+    pages.push_back(std::move(page.entries));
+    if (page.next.empty()) break;
+    if (page.next == cursor || pages.size() == kMostPages) {
+      outcome.exit_code = ExitCode::kFailed;
+      outcome.failure = "The server's log does not come to an end";
+      return outcome;
+    }
+    cursor = page.next;
+  }
+  for (auto page = pages.rbegin(); page != pages.rend(); ++page) {
+    for (Json::Value& entry : *page) entries.push_back(std::move(entry));
+  }
+  return outcome;
+}
+
+// "2026-03-01 12:00:00" in local time; "-" for a time that is none.
+std::string LocalTime(const Json::Value& time_us) {
+  const std::optional<std::int64_t> time = Integer(time_us);
+  std::tm local{};
+  const std::time_t seconds = time.value_or(0) / kMicroseconds;
+  if (!time || ::localtime_r(&seconds, &local) == nullptr) return "-";
+  char text[64];
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)};
+}
+
+std::string PriorityWord(const Json::Value& priority) {
+  const std::string text = Text(priority);
+  return text == "1" ? "failure" : text == "3" ? "success" : text.empty() ? "-" : text;
+}
+
+std::string OrDash(std::string text) { return text.empty() ? "-" : text; }
+
+void PrintEntry(const GlobalOptions& global, const Json::Value& entry) {
+  if (global.json) {
+    std::cout << RenderJson(entry, JsonLayout::kOneLine) << '\n';
+    return;
+  }
+  const std::string host = Text(Member(entry, "host"));
+  std::cout << LocalTime(Member(entry, "time_us")) << ' ' << Printable(PriorityWord(Member(entry, "priority"))) << ' '
+            << Printable(OrDash(host.empty() ? Text(Member(entry, "host_id")) : host)) << ' '
+            << Printable(OrDash(Text(Member(entry, "user")))) << ": " << Printable(Text(Member(entry, "text"))) << '\n';
+}
+
+std::int64_t NewestTime(const std::vector<Json::Value>& entries, std::int64_t newest) {
+  for (const Json::Value& entry : entries) {
+    newest = std::max(newest, Integer(Member(entry, "time_us")).value_or(newest));
+  }
+  return newest;
+}
+
+// While it lives, Ctrl-C ends the process with 0, and not in the middle of a line.
+class QuietEnd {
+ public:
+  QuietEnd() {
+    sigemptyset(&interrupt_);
+    sigaddset(&interrupt_, SIGINT);
+    struct sigaction action {};
+    if (::sigaction(SIGINT, nullptr, &before_) != 0 || before_.sa_handler == SIG_IGN) return;
+    action.sa_handler = [](int) { ::_exit(static_cast<int>(ExitCode::kOk)); };
+    ::sigaction(SIGINT, &action, nullptr);
+  }
+  ~QuietEnd() { ::sigaction(SIGINT, &before_, nullptr); }
+  QuietEnd(const QuietEnd&) = delete;
+  QuietEnd& operator=(const QuietEnd&) = delete;
+
+  void Print(const GlobalOptions& global, const std::vector<Json::Value>& entries) const {
+    ::pthread_sigmask(SIG_BLOCK, &interrupt_, nullptr);
+    for (const Json::Value& entry : entries) PrintEntry(global, entry);
+    std::cout.flush();
+    ::pthread_sigmask(SIG_UNBLOCK, &interrupt_, nullptr);
+  }
+
+ private:
+  sigset_t interrupt_{};
+  struct sigaction before_ {};
+};
+
+ExitCode Follow(HttpClient& client, const GlobalOptions& global, std::int64_t after, const QuietEnd& end) {
+  bool is_away = false;
+  while (std::cout) {
+    Json::Value parameters(Json::objectValue);
+    parameters["after"] = Json::Int64{after};
+    parameters["limit"] = static_cast<Json::UInt>(kPage);
+    const Page page = ReadPage(client, parameters, Order::kOldestFirst);
+    const bool is_temporary = IsTemporary(page.outcome);
+    if (page.outcome.exit_code != ExitCode::kOk && !is_temporary) return Tell(page.outcome);
+    if (is_temporary && !is_away) {
+      Tell(page.outcome);
+      std::cerr << "vexa: Still trying\n";
+    }
+    if (!is_temporary && is_away) std::cerr << "vexa: The server answers again\n";
+    is_away = is_temporary;
+    end.Print(global, page.entries);
+    const std::int64_t newest = NewestTime(page.entries, after);
+    // A full page has more behind it.
+    const bool is_more = page.entries.size() >= kPage && newest > after;
+    after = newest;
+    if (!is_more) std::this_thread::sleep_for(kPollEvery);
+  }
+  return ExitCode::kFailed;
+}
+
+}  // namespace
+
+ExitCode RunLog(const GlobalOptions& global, const LogOptions& options) {
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  const bool is_following = options.following == LogOptions::Following::kYes;
+  std::size_t count = options.count;
+  if (options.range == LogOptions::Range::kAll) count = std::numeric_limits<std::size_t>::max();
+  std::vector<Json::Value> entries;
+  std::optional<QuietEnd> end;
+  if (is_following) end.emplace();
+  // One at least tells where to follow from.
+  const CallOutcome outcome = ReadNewest(client, is_following ? std::max<std::size_t>(count, 1) : count, entries);
+  if (outcome.exit_code != ExitCode::kOk) return Tell(outcome);
+  const std::int64_t newest = NewestTime(entries, 0);
+  if (entries.size() > count) {
+    entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(count));
+  }
+  if (!is_following) {
+    for (const Json::Value& entry : entries) PrintEntry(global, entry);
+    return ExitCode::kOk;
+  }
+  end->Print(global, entries);
+  return Follow(client, global, newest, *end);
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,97 @@
+#include "cli/power_command.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <utility>
+
+#include "cli/guest_names.h"
+#include "cli/guest_run.h"
+#include "cli/listing.h"
+#include "cli/parallel.h"
+#include "cli/printable.h"
+#include "cli/reply.h"
+#include "host/base/json_parse.h"
+
+namespace vexa::cli {
+namespace {
+
+constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
+constexpr const char* kHosts = "/webapi/VEXA.Virtualization.Host/list";
+constexpr int kActionTimeoutS = 3600;
+
+// The names of the hosts, by id; none when they cannot be had, as they are only told along.
+std::map<std::string, std::string> HostNames(HttpClient& client) {
+  std::map<std::string, std::string> names;
+  const CallOutcome outcome = TryApi(client, kHosts, "{}");
+  const Json::Value& hosts = Member(outcome.data, "hosts");
+  if (!hosts.isArray()) return names;
+  for (const Json::Value& host : hosts) names[Text(Member(host, "host_id"))] = Text(Member(host, "name"));
+  return names;
+}
+
+// Shows what would be lost, and has "yes" typed.
+ExitCode Confirm(HttpClient& client, const std::vector<NamedGuest>& guests) {
+  Table table{{"NAME", "GUEST", "DISKS"}, {}};
+  for (const NamedGuest& guest : guests) {
+    const CallOutcome outcome = CallApi(client, kGet, OneParameter("guest_id", guest.id));
+    if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+    const Json::Value& disks = Member(outcome.data, "vdisks");
+    if (!disks.isArray()) return Report(NotUnderstood("disks"));
+    table.rows.push_back({guest.name, guest.id, std::to_string(disks.size())});
+  }
+  std::cerr << "To be deleted, with all their disks:\n";
+  PrintTable(std::cerr, table);
+  std::cerr << "This cannot be undone. Type 'yes' to delete: " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer == "yes") return ExitCode::kOk;
+  std::cerr << "vexa: Nothing was deleted\n";
+  return ExitCode::kFailed;
+}
+
+}  // namespace
+
+std::chrono::seconds ActionTimeout(const GlobalOptions& global) {
+  return std::chrono::seconds(global.timeout_s.value_or(kActionTimeoutS));
+}
+
+ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options) {
+  const bool must_ask = options.action == GuestAction::kDelete && options.confirmation == Confirmation::kAsk;
+  if (must_ask && ::isatty(STDIN_FILENO) == 0) {
+    return Report(Error(ErrorCode::kInvalid,
+                        "Nobody can be asked whether to delete, as standard input is no terminal; "
+                        "--yes deletes without asking"));
+  }
+  const auto is_text = [](const std::string& word) { return !word.empty() && IsValidUtf8(word); };
+  if (!std::ranges::all_of(options.guests, is_text)) return Report(NotText("guest's id or name"));
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  GuestRun::Parts parts;
+  parts.queries = *connect;
+  parts.calls = *connect;
+  parts.calls.timeout = ActionTimeout(global);
+  parts.options = options;
+  parts.quiet = global.quiet;
+  parts.json = global.json;
+  HttpClient client(*connect);
+  const CallOutcome listed = ListGuests(client);
+  if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+  const ExitCode found = FindGuests(Member(listed.data, "guests"), options.guests, parts.guests);
+  if (found != ExitCode::kOk) return found;
+  if (must_ask) {
+    if (const ExitCode confirmed = Confirm(client, parts.guests); confirmed != ExitCode::kOk) return confirmed;
+  }
+  if (options.action == GuestAction::kStart) parts.host_names = HostNames(client);
+  const std::size_t count = parts.guests.size();
+  GuestRun run(std::move(parts));
+  ParallelOptions parallel;
+  parallel.on_change = [&run] { run.Show(); };
+  parallel.on_interrupt = [&run] { run.ShowInterrupted(); };
+  RunInParallel(count, parallel, [&run](std::size_t index) { run.Work(index); });
+  return run.Finish();
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,30 @@
+// The commands that change whether guests run, and that delete them.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "cli/client_options.h"
+
+namespace vexa::cli {
+
+enum class GuestAction { kStart, kStop, kKill, kRestart, kDelete };
+enum class Waiting { kNo, kUntilSo };
+enum class Confirmation { kAsk, kGiven };
+
+struct GuestActionOptions {
+  GuestAction action = GuestAction::kStart;
+  std::vector<std::string> guests;  // names or ids
+  Waiting waiting = Waiting::kNo;   // kStart, kStop and kKill: until the guest's state is what was asked for
+  int wait_timeout_s = 300;
+  Confirmation confirmation = Confirmation::kAsk;  // kDelete
+};
+
+// How long one of them may take: what --timeout says, else an hour, as long as a host may take.
+std::chrono::seconds ActionTimeout(const GlobalOptions& global);
+
+// `vexa guest start`, `stop`, `kill`, `restart` and `delete`. Nothing is sent unless every name is one guest's.
+ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options);
+
+}  // namespace vexa::cli
