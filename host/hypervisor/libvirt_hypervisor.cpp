@@ -68,8 +68,8 @@ std::optional<GuestState> StateOfDomain(virDomainPtr domain) {
     case VIR_DOMAIN_SHUTDOWN:
       return GuestState::kShuttingDown;
     case VIR_DOMAIN_SHUTOFF:
-      return reason == VIR_DOMAIN_SHUTOFF_CRASHED || reason == VIR_DOMAIN_SHUTOFF_FAILED ? GuestState::kCrashed
-                                                                                         : GuestState::kOff;
+      // One that could not be started has not run.
+      return reason == VIR_DOMAIN_SHUTOFF_CRASHED ? GuestState::kCrashed : GuestState::kOff;
     case VIR_DOMAIN_CRASHED:
       return GuestState::kCrashed;
     default:
@@ -130,6 +130,10 @@ Failure LibvirtHypervisor::Failed(const std::shared_ptr<virConnect>& connection,
   if (virConnectIsAlive(connection.get()) == 0) {
     if (link_->Current() == connection) link_->Lose();
     return {Problem::kDisconnected, failure.error().message(), failure.error().cause()};
+  }
+  // A driver in this process has no connection to lose, but to daemons that it asks itself.
+  if (target_.kind == TargetKind::kEmbed && failure.problem() == Problem::kDisconnected) {
+    return {Problem::kFailed, failure.error().message(), failure.error().cause()};
   }
   return failure;
 }

@@ -1,5 +1,9 @@
 // Starting and stopping guests.
+#include <net/if.h>
+
 #include <algorithm>
+#include <pugixml.hpp>
+#include <string_view>
 
 #include "host/hypervisor/libvirt_hypervisor.h"
 
@@ -7,6 +11,19 @@ namespace vexa::hypervisor {
 namespace {
 
 constexpr std::uint64_t kKib = 1024;
+
+// The name of a bridge that the guest is to be on and that this machine has not; empty when there is none.
+std::string MissingBridge(virDomainPtr domain) {
+  const TextHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
+  pugi::xml_document document;
+  if (!xml || !document.load_string(xml.get())) return "";
+  for (const pugi::xml_node& interface : document.document_element().child("devices").children("interface")) {
+    if (std::string_view(interface.attribute("type").value()) != "bridge") continue;
+    const char* const bridge = interface.child("source").attribute("bridge").value();
+    if (if_nametoindex(bridge) == 0) return bridge;
+  }
+  return "";
+}
 
 std::string InMib(std::uint64_t bytes) { return std::to_string(bytes >> 20) + " MiB"; }
 
@@ -32,8 +49,14 @@ Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
   if (state && IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs already");
   if (Outcome<void> memory = CheckMemory(*guest); !memory) return memory;
-  if (virDomainCreate(guest->domain.get()) != 0) return FailedOn(*guest, Operation::kStart, failed);
-  return {};
+  if (virDomainCreate(guest->domain.get()) == 0) return {};
+  Failure failure = FailedOn(*guest, Operation::kStart, failed);
+  // Those that add guests of other users than root to bridges look at their own rights first.
+  const bool unclear = failure.problem() == Problem::kFailed || failure.problem() == Problem::kDenied;
+  if (!unclear || target_.kind == TargetKind::kUri) return failure;
+  const std::string bridge = MissingBridge(guest->domain.get());
+  if (bridge.empty()) return failure;
+  return Failure(Problem::kBridgeMissing, failed, "There is no bridge '" + bridge + "'");
 }
 
 Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownPatience& patience) {

@@ -178,6 +178,11 @@ void Link::WaitForEvent(std::uint64_t seen, std::chrono::steady_clock::time_poin
 
 void Link::Push(GuestEvent event) {
   const std::lock_guard lock(mutex_);
+  // QEMU's driver says of one start that the guest was started, and that it was resumed.
+  const auto [known, added] = told_.emplace(event.id, event.state);
+  if (!added && known->second == event.state) return;
+  known->second = event.state;
+  if (event.state == GuestState::kGone) told_.erase(known);
   events_.push_back(std::move(event));
   ++event_count_;
   woken_.notify_all();
@@ -187,6 +192,7 @@ void Link::Adopt(std::unique_ptr<Attachment> attachment) {
   const std::lock_guard lock(mutex_);
   attachment_ = std::move(attachment);
   current_ = attachment_->connection();
+  told_.clear();
 }
 
 void Link::Run() {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -58,6 +59,7 @@ class Link {
   mutable std::mutex mutex_;
   mutable std::condition_variable woken_;
   std::deque<GuestEvent> events_;
+  std::map<std::string, GuestState> told_;  // of each guest the last event, on this connection
   std::uint64_t event_count_ = 0;
   std::shared_ptr<virConnect> current_;
   bool stopping_ = false;

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "host/base/files.h"
 #include "host/base/result.h"
 
 namespace vexa::hypervisor {
@@ -79,6 +80,21 @@ bool IsOnlyRoot(const std::string& root) {
   return first == root;
 }
 
+// The driver would have what QEMU prints kept by a daemon of libvirt's, and not start without it.
+Outcome<void> WriteConfiguration(const std::string& root) {
+  const std::string folder = root + "/etc";
+  const std::string file = folder + "/qemu.conf";
+  if (access(file.c_str(), F_OK) == 0) return {};
+  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    const Error error = SystemError(ErrorCode::kInternal, "", errno);
+    return Failure(Problem::kFailed, "Cannot make the folder '" + folder + "'", error.cause());
+  }
+  if (Status written = WriteFileAtomically(file, "stdio_handler = \"file\"\n", 0600); !written) {
+    return Failure(Problem::kFailed, "Cannot write the configuration of embedded guests", written.error().ToString());
+  }
+  return {};
+}
+
 Outcome<Target> EmbedTarget(const std::string& root) {
   if (root.empty() || root[0] != '/' || root.find('\0') != std::string::npos) {
     return Failure(Problem::kInvalid, "The folder of embedded guests is '" + root + "': give an absolute path");
@@ -94,6 +110,7 @@ Outcome<Target> EmbedTarget(const std::string& root) {
   if (!IsOnlyRoot(root)) {
     return Failure(Problem::kInvalid, "Guests are embedded below another folder already: a process has only one");
   }
+  if (Outcome<void> configured = WriteConfiguration(root); !configured) return configured.failure();
   return Target{TargetKind::kEmbed, "qemu:///embed?root=" + PercentEncode(root), nullptr};
 }
 

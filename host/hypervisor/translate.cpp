@@ -85,6 +85,10 @@ Problem OfText(const virError& error) {
   if (Says(error, "not running")) return Problem::kNotRunning;
   if (SaysProcessorLacks(error)) return Problem::kCpuIncompatible;
   if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
+  // The helper that adds the guests of other users than root to bridges.
+  if (Says(error, "access denied by acl file") || Says(error, "failed to parse default acl file")) {
+    return Problem::kDenied;
+  }
   return Problem::kFailed;
 }
 
@@ -108,7 +112,11 @@ Problem OfInvalidOperation(Operation operation, const virError& error) {
 
 Problem Translate(Operation operation, const virError& error) {
   // However the connection ends, the next call tells of it in the name of the code that speaks over it.
-  if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) return Problem::kDisconnected;
+  if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) {
+    // But this one is between libvirt's own daemons: the one that has the networks is not there.
+    if (operation == Operation::kStart && Says(error, "virtnetworkd-sock")) return Problem::kNetworkMissing;
+    return Problem::kDisconnected;
+  }
   for (const Row& row : kAnywhere) {
     if (row.code == error.code) return row.problem;
   }

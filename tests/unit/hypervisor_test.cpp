@@ -349,6 +349,9 @@ INSTANTIATE_TEST_SUITE_P(
         StartRow{"NetworkMissing", {VIR_ERR_NO_NETWORK, "no network with matching name"}, Problem::kNetworkMissing},
         StartRow{
             "NetworkInactive", {VIR_ERR_OPERATION_INVALID, "network 'lab' is not active"}, Problem::kNetworkMissing},
+        StartRow{"NetworkDaemonMissing",
+                 {38, "Failed to connect socket to '/run/libvirt/virtnetworkd-sock'", ENOENT, VIR_FROM_RPC},
+                 Problem::kNetworkMissing},
         StartRow{"BridgeMissing", {38, "Cannot get interface MTU on 'br7'", ENODEV}, Problem::kBridgeMissing},
         StartRow{"DiskMissing", {38, "Cannot access storage file '/x.qcow2'", ENOENT}, Problem::kDiskMissing},
         StartRow{"DiskDenied", {38, "Cannot access storage file '/x.qcow2'", EACCES}, Problem::kDenied},
@@ -370,6 +373,22 @@ INSTANTIATE_TEST_SUITE_P(
         StartRow{"Rpc", {38, "Cannot write data", EPIPE, VIR_FROM_RPC}, Problem::kDisconnected},
         StartRow{"Other", {1, "something else"}, Problem::kFailed}),
     [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(TestMode, Start_OnABridgeThatIsNotThere_SaysSoWhateverLibvirtSays) {
+  const std::string xml = Xml();
+  const auto on = [&](const std::string& bridge) {
+    std::string text = xml;
+    const std::string network = "<interface type='network'>";
+    text.replace(text.find(network), network.size(), "<interface type='bridge'>");
+    const std::string source = "<source network='default'/>";
+    return text.replace(text.find(source), source.size(), "<source bridge='" + bridge + "'/>");
+  };
+  const test::FailingStarts fault({1, "failed to parse default acl file `/etc/qemu/bridge.conf'"});
+  ASSERT_EQ(Word(hypervisor_->Define(on("vexa-none0"))), "ok");
+  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "bridge_missing");
+  ASSERT_EQ(Word(hypervisor_->Define(on("lo"))), "ok");
+  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "denied");
+}
 
 TEST(Translate, SameCode_MeansOneThingHereAndAnotherThere) {
   virError error{};

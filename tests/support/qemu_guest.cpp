@@ -1,0 +1,232 @@
+#include "tests/support/qemu_guest.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace vexa::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uid_t kNobody = 65534;
+constexpr std::array<const char*, 2> kImageNames = {"guest.iso", "guest-no-agent.iso"};
+
+[[noreturn]] void Die(const std::string& what) {
+  std::fprintf(stderr, "%s: %s\n", what.c_str(), std::strerror(errno));
+  std::abort();
+}
+
+std::string ImageSource(const char* name) { return std::string(VEXA_TEST_GUEST_FOLDER) + "/" + name; }
+
+// Opened while the process may still read them, and kept: "nobody" may not get into the folder of the build.
+const std::array<int, 2>& ImageDescriptors() {
+  static const std::array<int, 2> descriptors = [] {
+    std::array<int, 2> opened{};
+    for (std::size_t i = 0; i < opened.size(); ++i) {
+      opened[i] = ::open(ImageSource(kImageNames[i]).c_str(), O_RDONLY | O_CLOEXEC);
+      if (opened[i] < 0) Die("Cannot open the image " + ImageSource(kImageNames[i]));
+    }
+    return opened;
+  }();
+  return descriptors;
+}
+
+bool IsInPath(const std::string& program) {
+  const char* const path = std::getenv("PATH");
+  std::string rest = path != nullptr ? path : "";
+  while (!rest.empty()) {
+    const std::size_t colon = rest.find(':');
+    if (::access((rest.substr(0, colon) + "/" + program).c_str(), X_OK) == 0) return true;
+    rest = colon == std::string::npos ? "" : rest.substr(colon + 1);
+  }
+  return false;
+}
+
+bool IsQemuBelow(const std::string& pid, const std::string& folder) {
+  std::ifstream file("/proc/" + pid + "/cmdline", std::ios::binary);
+  const std::string line{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::string program = line.substr(0, line.find('\0'));
+  return fs::path(program).filename().string().starts_with("qemu-system-") &&
+         line.find(folder + "/") != std::string::npos;
+}
+
+std::vector<pid_t> QemusBelow(const std::string& folder) {
+  std::vector<pid_t> found;
+  DIR* const processes = ::opendir("/proc");
+  if (processes == nullptr) return found;
+  while (const dirent* const entry = ::readdir(processes)) {
+    const std::string pid = entry->d_name;
+    const bool number = pid.find_first_not_of("0123456789") == std::string::npos;
+    if (number && IsQemuBelow(pid, folder)) found.push_back(static_cast<pid_t>(std::stol(pid)));
+  }
+  ::closedir(processes);
+  return found;
+}
+
+// The guard of a ground: it outlives the test program, and clears up after it.
+[[noreturn]] void Guard(int news, const std::string& folder) {
+  char word = 0;
+  ssize_t got = 0;
+  do {
+    got = ::read(news, &word, 1);
+  } while (got < 0 && errno == EINTR);
+  KillQemus(folder);
+  // Without a word the program was killed or crashed, and nobody else removes the folder.
+  if (got == 0) {
+    std::error_code ignored;
+    fs::remove_all(folder, ignored);
+  }
+  ::_exit(0);
+}
+
+}  // namespace
+
+std::string WhyNoQemuGuests() {
+  for (const char* const image : kImageNames) {
+    if (::access(ImageSource(image).c_str(), R_OK) != 0) {
+      return "there is no " + ImageSource(image) + ", which tools/make-test-guest makes";
+    }
+  }
+  if (!IsInPath("qemu-system-x86_64")) return "there is no qemu-system-x86_64: install qemu-system-x86";
+  return "";
+}
+
+std::string SkipNotice(const std::string& why) { return "Guests on QEMU are not tested: " + why; }
+
+int KillQemus(const std::string& folder) {
+  int count = 0;
+  // One that is just being started may come to light late, and one that is killed takes a while to go.
+  for (int round = 0; round < 200; ++round) {
+    const std::vector<pid_t> running = QemusBelow(folder);
+    if (running.empty()) return count;
+    if (round == 0) count = static_cast<int>(running.size());
+    for (const pid_t pid : running) ::kill(pid, SIGKILL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  std::fprintf(stderr, "QEMUs below '%s' do not end\n", folder.c_str());
+  return count;
+}
+
+QemuGround::Dropped::Dropped() {
+  ImageDescriptors();
+  BecomeNobody();
+}
+
+QemuGround::QemuGround() {
+  // libvirt keeps a little outside of its root: "nobody" has no home, and that of others is none of a test's business.
+  for (const char* const name : {"HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
+    ::setenv(name, folder().c_str(), 1);
+  }
+  // It would try for many seconds to start daemons that are not installed.
+  ::setenv("LIBVIRT_AUTOSTART", "0", 1);
+  CopyImages();
+  StartGuard();
+}
+
+QemuGround::~QemuGround() {
+  KillQemus(folder());
+  // Kept folders are for people who look for a mistake, which is not in the images.
+  for (const char* const name : kImageNames) ::unlink(folder_.File(name).c_str());
+  if (guard_ >= 0 && ::write(guard_, "k", 1) != 1) std::fprintf(stderr, "The guard of the ground is gone\n");
+  LetGo();
+}
+
+void QemuGround::LetGo() {
+  if (guard_ >= 0) ::close(guard_);
+  guard_ = -1;
+}
+
+std::string QemuGround::Image(GuestImage image) const {
+  return folder_.File(kImageNames[image == GuestImage::kWithAgent ? 0 : 1]);
+}
+
+void QemuGround::BecomeNobody() {
+  if (::geteuid() != 0) return;
+  if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
+      ::setresuid(kNobody, kNobody, kNobody) != 0) {
+    Die("Cannot become the user 65534");
+  }
+  // It was root's: then /proc/self is closed to the user that is left, and sanitizers look into it.
+  ::prctl(PR_SET_DUMPABLE, 1);
+}
+
+void QemuGround::CopyImages() const {
+  for (std::size_t i = 0; i < kImageNames.size(); ++i) {
+    const int source = ImageDescriptors()[i];
+    struct stat status {};
+    const int copy = ::open(folder_.File(kImageNames[i]).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (copy < 0 || ::fstat(source, &status) != 0) Die("Cannot copy an image");
+    off_t offset = 0;
+    while (offset < status.st_size) {
+      const ssize_t count = ::sendfile(copy, source, &offset, static_cast<std::size_t>(status.st_size - offset));
+      if (count <= 0) Die("Cannot copy an image");
+    }
+    ::close(copy);
+  }
+}
+
+void QemuGround::StartGuard() {
+  std::array<int, 2> pipe{};
+  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) Die("Cannot make a pipe");
+  const pid_t child = ::fork();
+  if (child < 0) Die("Cannot fork");
+  if (child == 0) {
+    // A child of nobody, in a group of its own: what ends the test program and all below it does not end the guard.
+    ::setsid();
+    if (::fork() != 0) ::_exit(0);
+    ::close(pipe[1]);
+    const int null = ::open("/dev/null", O_RDWR);
+    for (int fd = 0; fd < 3; ++fd) ::dup2(null, fd);
+    Guard(pipe[0], folder());
+  }
+  ::close(pipe[0]);
+  ::waitpid(child, nullptr, 0);
+  guard_ = pipe[1];
+}
+
+hypervisor::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,
+                                          StartsFrom from) {
+  hypervisor::GuestRecords records;
+  records.id = id;
+  records.guest["name"] = name;
+  records.guest["vram_size"] = 192;
+  records.guest["vcpu_num"] = 1;
+  Json::Value nic;
+  nic["mac_address"] = "52:54:00:00:00:" + id.substr(id.size() - 2);
+  nic["network_name"] = "";
+  records.nics.emplace_back("nic-" + id, nic);
+  if (from == StartsFrom::kIso) {
+    records.guest["iso_images"].append(image);
+    records.guest["boot_from"] = "iso";
+    return records;
+  }
+  Json::Value disk;
+  disk["path"] = image;
+  disk["driver"] = "raw";
+  disk["vdisk_mode"] = 1;
+  records.disks.emplace_back("disk-" + id, disk);
+  return records;
+}
+
+}  // namespace vexa::test

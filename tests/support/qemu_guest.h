@@ -1,0 +1,68 @@
+// A small real guest on QEMU, for tests: its images, its records, and an end to all that runs of it.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "host/hypervisor/domain_build.h"
+#include "tests/support/temp_dir.h"
+
+namespace vexa::test {
+
+// What tools/make-test-guest makes. It runs with 192 MiB and has its system in memory: no image is written to.
+enum class GuestImage {
+  kWithAgent,     // shuts down when its agent is asked to, and by the power button
+  kWithoutAgent,  // by the power button only
+};
+
+// An address of each guest that has a network interface. A second one, below 10.0.0.0/8, is another at each start.
+inline constexpr std::string_view kGuestAddress = "192.0.2.10";
+
+// Why no guest can run on QEMU here: a sentence that names what is missing. Empty: nothing is. Whoever skips tests for
+// it prints SkipNotice, which ./dev looks for.
+std::string WhyNoQemuGuests();
+std::string SkipNotice(const std::string& why);
+
+// A folder below which guests can be embedded, with the images in it. When it is root, the process becomes "nobody" for
+// good: QEMU's driver wants no root without a user of its own. Programs to be run afterwards must be reachable for
+// everybody. All QEMUs with files below the folder end with this object, and also when the process ends in any other
+// way. Make it before there are threads.
+class QemuGround {
+ public:
+  // Aborts the test program when the folder cannot be made.
+  QemuGround();
+  ~QemuGround();
+  QemuGround(const QemuGround&) = delete;
+  QemuGround& operator=(const QemuGround&) = delete;
+
+  const std::string& folder() const { return folder_.path(); }
+  // For HypervisorOptions::root.
+  std::string root() const { return folder_.File("qemu"); }
+  std::string Image(GuestImage image) const;
+
+  // A child that was forked must call this: the QEMUs end when nobody holds the ground any more.
+  void LetGo();
+
+ private:
+  static void BecomeNobody();
+  void CopyImages() const;
+  void StartGuard();
+
+  struct Dropped {
+    Dropped();
+  };
+  Dropped dropped_;  // before the folder, which then belongs to the user that is left
+  TempDir folder_;
+  int guard_ = -1;  // its end tells the guard
+};
+
+// Ends the QEMUs whose command lines name a file below `folder`, and waits for their ends. How many there were.
+int KillQemus(const std::string& folder);
+
+// The records of a guest with one interface in no network, which starts from `image`: as a CD-ROM, or as a disk on
+// VirtIO.
+enum class StartsFrom { kIso, kDisk };
+hypervisor::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,
+                                          StartsFrom from = StartsFrom::kIso);
+
+}  // namespace vexa::test
