@@ -1,5 +1,6 @@
 #include "bench/http_bench_data.h"
 
+#include <errno.h>
 #include <json/value.h>
 
 #include "bench/guest_records.h"
@@ -46,7 +47,7 @@ store::Operation Grant(std::uint32_t uid, int guests) {
 }  // namespace
 
 void Fail(const std::string& message) {
-  std::fprintf(stderr, "http_bench_host: %s\n", message.c_str());
+  std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
   std::exit(1);
 }
 
