@@ -27,7 +27,7 @@ constexpr std::size_t kMaxQuoted = 300;
 
 std::string Quoted(const std::string& text) { return "'" + cluster::LogText(text, kMaxQuoted) + "'"; }
 
-// "1 guest CPU is", "2 guest CPUs are"
+// "1 processor", "2 processors"
 std::string Counted(std::uint64_t count, const std::string& one, const std::string& several) {
   return std::to_string(count) + " " + (count == 1 ? one : several);
 }
