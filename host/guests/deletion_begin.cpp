@@ -37,12 +37,15 @@ DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
   if (!committed) return Refuse(FailedBecause(committed.error()));
   if (refused) return Refuse(std::move(*refused));
   const auto now = ReadNow();
-  if (!now) return Refuse(FailedBecause(now.error()));
+  if (!now) {
+    LogFailure("It is taken up when this host starts again: " + now.error().ToString());
+    return Refuse(FailedBecause(now.error()));
+  }
   if (!*now || (*now)->text != DeletionText(record_)) {
     return Refuse({kBusy, "Somebody else has changed the record of the guest's deletion"});
   }
   revision_ = (*now)->revision;
-  return Outcome::kDeleted;
+  return Outcome::kReady;
 }
 
 // Nothing to commit when it is refused.
@@ -134,7 +137,7 @@ DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   for (HiddenFile& file : selection_.files) {
     file.hidden = std::ranges::find(record_.files, file.path, &HiddenFile::path)->hidden;
   }
-  return Outcome::kDeleted;
+  return Outcome::kReady;
 }
 
 // Whether what was written down is what the guest's record names now.

@@ -48,7 +48,7 @@ Refused DeletionJob::Resume(const StoredDeletion& begun) {
     return std::nullopt;
   }
   Outcome outcome = TakeUp(begun);
-  if (outcome == Outcome::kDeleted) outcome = GoOn();
+  if (outcome == Outcome::kReady) outcome = GoOn();
   if (outcome == Outcome::kDeleted) return std::nullopt;
   if (outcome == Outcome::kRefused) return refusal_;
   return Start({begun.record->user, begun.record->host_id, begun.record->request_id});

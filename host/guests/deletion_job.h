@@ -26,6 +26,7 @@ class DeletionJob {
 
  private:
   enum class Outcome {
+    kReady,  // it is written down: GoOn() comes next
     kDeleted,
     kChanged,  // undone, since the guest's record now says something that matters: to be begun again
     kRefused,  // refusal_ says why
