@@ -41,6 +41,19 @@ int Find(std::string path, const std::string& key, Use use) {
   return member ? use(*member) : kNotFound;
 }
 
+// The state is a key of its own, and who reads the whole record is to see it as well; `record` is a copy.
+int PutLiveState(const std::string& folder, Json::Value& record) {
+  const vexa::Result<Record> state = ReadRecord(folder + '/' + _k::state);
+  if (!state && state.error().code() != vexa::ErrorCode::kCorrupt) return kFailed;
+  if (state && !*state) return kFound;
+  // What the record says may be long outdated.
+  const bool is_readable = state && (*state)->isString();
+  if (record.isObject()) {
+    record[Json::StaticString(_k::state)] = is_readable ? **state : Json::Value(VexaCCC::State::Guest::unknown);
+  }
+  return kFound;
+}
+
 }  // namespace
 
 constinit const DashCate DashCate::Host("host");
@@ -60,9 +73,17 @@ int DashCate::List(std::vector<std::string>& ids) const {
 Dashboard::Dashboard(const DashCate& category, const std::string& id) : category_(category), id_(id) {}
 
 int Dashboard::Get(Json::Value& out, const std::string& key) {
-  return Find(FolderOf(category_, id_), key, [&out](const Json::Value& value) {
-    out = value;
-    return kFound;
+  const std::string folder = FolderOf(category_, id_);
+  const bool has_state = key == _k::object && category_.name() == std::string_view(DashCate::Guest.name());
+  return Find(folder, key, [&](const Json::Value& value) {
+    if (!has_state) {
+      out = value;
+      return kFound;
+    }
+    Json::Value record = value;
+    const int found = PutLiveState(folder, record);
+    if (found == kFound) out = std::move(record);
+    return found;
   });
 }
 

@@ -30,6 +30,38 @@ TEST_F(DashboardTest, StoredObject_IsFound) {
   EXPECT_EQ(object["name"], "web");
 }
 
+TEST_F(DashboardTest, GuestsRecord_TellsItsLiveState) {
+  const auto put_state = [&](const char* category, const std::string& text) {
+    const std::string key = vexa::store::MakeKey({"dash", category, "g", "state"});
+    ASSERT_TRUE(host_.store().Commit({{}, {{key, text}}}));
+  };
+  host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown"})");
+  put_state("guest", R"("guest_running")");
+  for (int reading = 0; reading < 3; ++reading) {
+    Json::Value object;
+    EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(object, VexaCCC::DB::_k::object), 0);
+    EXPECT_EQ(object, Parsed(R"({"name":"web","state":"guest_running"})"));
+    object["name"] = "mine";  // what a reader does with its copy is not seen by the next one
+  }
+  for (const char* damaged : {"7", "{", "null", "[]"}) {
+    put_state("guest", damaged);
+    Json::Value object;
+    EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(object, VexaCCC::DB::_k::object), 0);
+    EXPECT_EQ(object["state"], "guest_unknown") << damaged;
+  }
+  host_.PutText("repository", "g", R"({"state":"repo_online"})");
+  put_state("repository", R"("repo_full")");
+  Json::Value other;
+  EXPECT_EQ(Dashboard(DashCate::Repository, "g").Get(other, VexaCCC::DB::_k::object), 0);
+  EXPECT_EQ(other["state"], "repo_online") << "of guests alone";
+  host_.PutText("guest", "g", "[]");
+  EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(other, VexaCCC::DB::_k::object), 0);
+  EXPECT_EQ(other, Parsed("[]"));
+  host_.store().FailReadsOf(vexa::store::MakeKey({"dash", "guest", "g", "state"}));
+  EXPECT_LT(Dashboard(DashCate::Guest, "g").Get(other, VexaCCC::DB::_k::object), 0);
+  EXPECT_EQ(other, Parsed("[]")) << "untouched";
+}
+
 TEST_F(DashboardTest, MissingObject_IsTwoAndLeavesTheOutputAlone) {
   Json::Value object("before");
   EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(object, VexaCCC::DB::_k::object), 2);
