@@ -232,6 +232,14 @@ TEST_F(TestMode, ShutDown_PressesThatAreLost_AreRepeated) {
   EXPECT_EQ(State(), GuestState::kOff);
 }
 
+TEST_F(TestMode, ShutDown_GuestThatIsOffBeforeTheAnswer_Succeeds) {
+  Start();
+  const test::QuickPresses quick;
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
+  EXPECT_EQ(State(), GuestState::kOff);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "not_running");
+}
+
 TEST_F(TestMode, ShutDown_GuestThatNeverListens_IsStillRunning) {
   Start();
   test::LosePresses(1000);
