@@ -367,7 +367,7 @@ INSTANTIATE_TEST_SUITE_P(
         StartRow{"NoMemory", {1, "qemu: cannot set up guest memory: Cannot allocate memory"}, Problem::kNoMemory},
         StartRow{"CpuIncompatible", {91, "the CPU is incompatible with host CPU"}, Problem::kCpuIncompatible},
         StartRow{"CpuFeaturesMissing",
-                 {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match specification: missing features: vmx"},
+                 {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match its definition: missing features: vmx"},
                  Problem::kCpuIncompatible},
         StartRow{"CpuNotProvided",
                  {1, "unsupported: Host CPU does not provide required features: avx2"},
