@@ -57,6 +57,12 @@ std::uint64_t FreeHere() {
   return (std::uint64_t{memory.freeram} + memory.bufferram) * memory.mem_unit;
 }
 
+std::uint64_t TotalHere() {
+  struct sysinfo memory {};
+  sysinfo(&memory);
+  return std::uint64_t{memory.totalram} * memory.mem_unit;
+}
+
 bool SaysAgentConnected(const char* xml) {
   pugi::xml_document document;
   if (!document.load_string(xml)) return false;
@@ -170,7 +176,8 @@ Outcome<Node> LibvirtHypervisor::NodeFigures() {
   node.cores = info.nodes * info.sockets * info.cores;
   node.threads_per_core = info.threads;
   node.mhz = info.mhz;
-  node.memory_mib = info.memory / kKib;
+  // libvirt adds up what NUMA nodes say, which on virtual machines can be less than there is.
+  node.memory_mib = target_.kind == TargetKind::kEmbed ? TotalHere() >> 20 : info.memory / kKib;
   return node;
 }
 

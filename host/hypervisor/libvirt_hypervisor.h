@@ -1,13 +1,39 @@
 // The hypervisor over a connection to libvirt. For host/hypervisor/*.cpp only.
 #pragma once
 
+#include <condition_variable>
+#include <mutex>
 #include <optional>
+#include <set>
 
 #include "host/hypervisor/link.h"
 #include "host/hypervisor/target.h"
 #include "host/hypervisor/translate.h"
 
 namespace vexa::hypervisor {
+
+// One guest's starts and stops, one after the other: libvirt's monitors misuse memory when a guest is powered off while
+// it is being started.
+// Threads: any, at the same time.
+class Turns {
+ public:
+  class Turn {
+   public:
+    Turn(Turns& turns, std::string id);
+    ~Turn();
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+   private:
+    Turns& turns_;
+    const std::string id_;
+  };
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::set<std::string> taken_;
+};
 
 class LibvirtHypervisor final : public Hypervisor {
  public:
@@ -52,6 +78,7 @@ class LibvirtHypervisor final : public Hypervisor {
 
   const Target target_;
   const MemoryCheck memory_check_;
+  Turns turns_;
   mutable std::mutex type_mutex_;
   mutable std::string domain_type_;  // empty until a connection has told
   // Destroyed first: a callback that runs meanwhile may still call.

@@ -5,6 +5,7 @@
 #include <pugixml.hpp>
 #include <string_view>
 
+#include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 
 namespace vexa::hypervisor {
@@ -29,6 +30,17 @@ std::string InMib(std::uint64_t bytes) { return std::to_string(bytes >> 20) + " 
 
 }  // namespace
 
+Turns::Turn::Turn(Turns& turns, std::string id) : turns_(turns), id_(std::move(id)) {
+  std::unique_lock lock(turns_.mutex_);
+  turns_.ended_.wait(lock, [this] { return turns_.taken_.insert(id_).second; });
+}
+
+Turns::Turn::~Turn() {
+  const std::lock_guard lock(turns_.mutex_);
+  turns_.taken_.erase(id_);
+  turns_.ended_.notify_all();
+}
+
 // What QEMU says when it gets no memory has no code of its own, and by then the host may have pushed others out.
 Outcome<void> LibvirtHypervisor::CheckMemory(const Found& guest) const {
   const bool check = memory_check_ == MemoryCheck::kAlways || DomainType() != "test";
@@ -45,6 +57,7 @@ Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
   const std::string failed = "Cannot start the guest " + id;
+  const Turns::Turn turn(turns_, NormalizeUuid(id));
   // First, so that a guest that runs is not said to lack the memory that it has.
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
   if (state && IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs already");
@@ -62,9 +75,15 @@ Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
 Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownPatience& patience) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
+  const std::string failed = "Cannot shut down the guest " + id;
+  const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
+  if (state && !IsActive(*state)) return Failure(Problem::kNotRunning, failed, "It does not run");
   // Without flags libvirt asks the agent where one is connected, else it presses the power button.
   if (virDomainShutdown(guest->domain.get()) != 0) {
-    return FailedOn(*guest, Operation::kStop, "Cannot shut down the guest " + id);
+    Failure failure = FailedOn(*guest, Operation::kStop, failed);
+    // A guest that goes off quickly takes its agent with it before libvirt has the answer.
+    if (state && failure.problem() == Problem::kNotRunning) return {};
+    return failure;
   }
   if (patience.wait.count() <= 0) return {};
   return WaitUntilOff(*guest, patience);
@@ -100,6 +119,7 @@ Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDown
 Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
+  const Turns::Turn turn(turns_, NormalizeUuid(id));
   if (virDomainDestroy(guest->domain.get()) != 0) {
     return FailedOn(*guest, Operation::kStop, "Cannot power off the guest " + id);
   }

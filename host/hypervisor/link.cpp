@@ -41,6 +41,25 @@ Registry& Links() {
   return registry;
 }
 
+bool IsEmbedded(const std::string& uri) { return uri.find(":///embed?") != std::string::npos; }
+
+// With each connection the embedded driver registers itself anew, in a table of libvirt's that has few places. So a
+// process has one connection to it, which is never closed: there is nothing to lose it to.
+std::shared_ptr<virConnect> OpenEmbedded(const std::string& uri) {
+  static std::mutex mutex;
+  static auto& opened = *new std::map<std::string, std::shared_ptr<virConnect>>;
+  const std::lock_guard lock(mutex);
+  const auto found = opened.find(uri);
+  if (found != opened.end()) return found->second;
+  ConnectHandle connection(virConnectOpen(uri.c_str()));
+  if (!connection) return nullptr;
+  return opened.emplace(uri, std::move(connection)).first->second;
+}
+
+std::shared_ptr<virConnect> OpenConnection(const std::string& uri) {
+  return IsEmbedded(uri) ? OpenEmbedded(uri) : std::shared_ptr<virConnect>(ConnectHandle(virConnectOpen(uri.c_str())));
+}
+
 enum class Activity { kOff, kActive };
 
 std::optional<GuestState> StateAfter(int event, int detail, Activity activity) {
@@ -95,7 +114,7 @@ class Link::Attachment {
   static Outcome<std::unique_ptr<Attachment>> Open(Link& link) {
     const std::string& uri = link.options_.uri;
     const std::string failed = "Cannot connect to libvirt at '" + uri + "'";
-    ConnectHandle opened(virConnectOpen(uri.c_str()));
+    std::shared_ptr<virConnect> opened = OpenConnection(uri);
     if (!opened) return LastFailure(Operation::kOpen, failed);
     std::unique_ptr<Attachment> attachment(new Attachment(link, std::move(opened)));
     if (!attachment->Register()) return LastFailure(Operation::kOpen, failed);
@@ -105,13 +124,14 @@ class Link::Attachment {
   ~Attachment() {
     Links().Remove(id_);
     if (callback_ >= 0) virConnectDomainEventDeregisterAny(connection_.get(), callback_);
-    virConnectUnregisterCloseCallback(connection_.get(), OnClose);
+    if (!IsEmbedded(link_.options_.uri)) virConnectUnregisterCloseCallback(connection_.get(), OnClose);
   }
 
   const std::shared_ptr<virConnect>& connection() const { return connection_; }
 
  private:
-  Attachment(Link& link, ConnectHandle opened) : id_(Links().Add(link)), connection_(std::move(opened)) {}
+  Attachment(Link& link, std::shared_ptr<virConnect> opened)
+      : link_(link), id_(Links().Add(link)), connection_(std::move(opened)) {}
 
   bool Register() {
     constexpr int kInterval_s = 5;
@@ -119,12 +139,16 @@ class Link::Attachment {
     // Drivers in this process have no peer that could go silent, and say so.
     virConnectSetKeepAlive(connection_.get(), kInterval_s, kMissing);
     void* const opaque = reinterpret_cast<void*>(id_);
-    if (virConnectRegisterCloseCallback(connection_.get(), OnClose, opaque, nullptr) != 0) return false;
+    // A connection has room for one such callback, and several links may share an embedded one.
+    if (!IsEmbedded(link_.options_.uri)) {
+      if (virConnectRegisterCloseCallback(connection_.get(), OnClose, opaque, nullptr) != 0) return false;
+    }
     callback_ = virConnectDomainEventRegisterAny(connection_.get(), nullptr, VIR_DOMAIN_EVENT_ID_LIFECYCLE,
                                                  VIR_DOMAIN_EVENT_CALLBACK(OnLifecycle), opaque, nullptr);
     return callback_ >= 0;
   }
 
+  const Link& link_;
   const std::uintptr_t id_;
   const std::shared_ptr<virConnect> connection_;
   int callback_ = -1;

@@ -51,7 +51,7 @@ bool Says(const virError& error, std::string_view words) {
 
 bool SaysProcessorLacks(const virError& error) {
   constexpr std::string_view kSentences[] = {
-      "guest CPU doesn't match specification",
+      "guest CPU doesn't match",
       "Host CPU does not provide required features",
       "Host CPU model does not match required CPU",
       "incompatible with host CPU",
@@ -85,7 +85,7 @@ Problem OfText(const virError& error) {
   if (Says(error, "not running")) return Problem::kNotRunning;
   if (SaysProcessorLacks(error)) return Problem::kCpuIncompatible;
   if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
-  // The helper that adds the guests of other users than root to bridges.
+  // QEMU's program that adds the guests of other users than root to bridges.
   if (Says(error, "access denied by acl file") || Says(error, "failed to parse default acl file")) {
     return Problem::kDenied;
   }

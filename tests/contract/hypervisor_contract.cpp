@@ -75,6 +75,15 @@ std::string HypervisorContract::Define(int number) {
   return id.ok() ? *id : "";
 }
 
+std::vector<GuestState> HypervisorContract::AwaitStates(const std::string& id, std::size_t count) const {
+  for (std::size_t told = count;; ++told) {
+    std::vector<GuestState> states = events_.Await(id, told);
+    const bool late = states.size() < told;
+    std::erase(states, GuestState::kShuttingDown);
+    if (late || states.size() >= count) return states;
+  }
+}
+
 TEST_P(HypervisorContract, Define_NewGuest_IsOffAndListed) {
   const std::string second = Define(2);
   const std::string first = Define(1);
@@ -121,8 +130,8 @@ TEST_P(HypervisorContract, Guest_FromDefinitionToItsEnd_TellsEachStateInOrder) {
   ASSERT_TRUE(hypervisor_->PowerOff(id).ok());
   ASSERT_TRUE(hypervisor_->Undefine(id).ok());
   EXPECT_EQ(ProblemOf(hypervisor_->StateOf(id)), Problem::kNoSuchGuest);
-  EXPECT_THAT(events_.Await(id, 6), ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff,
-                                                GuestState::kRunning, GuestState::kOff, GuestState::kGone));
+  EXPECT_THAT(AwaitStates(id, 6), ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff,
+                                              GuestState::kRunning, GuestState::kOff, GuestState::kGone));
 }
 
 TEST_P(HypervisorContract, Calls_OnAGuestThatIsOff_AreRefused) {
@@ -196,7 +205,7 @@ TEST_P(HypervisorContract, Machine_HasFigures) {
 // Of two that start or stop a guest at the same time, one does it and the other is told that it is done.
 TEST_P(HypervisorContract, TwoThreads_OnOneGuest_OneOfThemDoesIt) {
   const std::string id = Define(1);
-  constexpr int kRounds = 5;
+  constexpr int kRounds = 3;
   for (int round = 0; round < kRounds; ++round) {
     std::array<std::string, 2> words;
     const auto both = [&](auto call) {
@@ -210,7 +219,7 @@ TEST_P(HypervisorContract, TwoThreads_OnOneGuest_OneOfThemDoesIt) {
     EXPECT_THAT(words, testing::UnorderedElementsAre("ok", "not_running"));
   }
   // One event for each change and none for what was refused.
-  const std::vector<GuestState> states = events_.Await(id, 1 + 2 * kRounds);
+  const std::vector<GuestState> states = AwaitStates(id, 1 + 2 * kRounds);
   ASSERT_EQ(states.size(), 1u + 2 * kRounds);
   for (std::size_t i = 1; i < states.size(); ++i) {
     EXPECT_EQ(states[i], i % 2 == 1 ? GuestState::kRunning : GuestState::kOff);
@@ -223,7 +232,7 @@ TEST_P(HypervisorContract, ManyThreads_OnOneGuest_NeverFailOtherwise) {
   std::array<std::vector<std::string>, 4> words;
   for (std::size_t i = 0; i < words.size(); ++i) {
     threads.emplace_back([&, i] {
-      for (int round = 0; round < 5; ++round) {
+      for (int round = 0; round < 3; ++round) {
         words[i].push_back(Word(hypervisor_->Start(id)));
         words[i].push_back(Word(hypervisor_->StateOf(id)));
         words[i].push_back(Word(hypervisor_->AddressesOf(id)));

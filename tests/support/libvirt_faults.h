@@ -59,6 +59,15 @@ void LosePresses(int count);
 // How often a power button was pressed since the last LosePresses.
 int Presses();
 
+// While it lives, guests are off before libvirt has the answer to a press, which then fails.
+class QuickPresses {
+ public:
+  QuickPresses();
+  ~QuickPresses();
+  QuickPresses(const QuickPresses&) = delete;
+  QuickPresses& operator=(const QuickPresses&) = delete;
+};
+
 // What libvirt tells this thread as the XML of guests; empty: what it is.
 void PretendXml(const std::string& xml);
 

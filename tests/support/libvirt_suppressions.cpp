@@ -11,5 +11,10 @@ extern "C" const char* __tsan_default_suppressions() {
       // An object is freed with its mutex by who drops the last reference, after another thread has unlocked it.
       "race:libvirt.so.0\n"
       // A connection that cannot be opened is freed while it is locked.
-      "mutex:libvirt.so.0\n";
+      "mutex:libvirt.so.0\n"
+      // QEMU's driver, the same; it takes the locks of guests and of their list in two orders, all of them
+      // locks of its own.
+      "race:libvirt_driver_qemu.so\n"
+      "mutex:libvirt_driver_qemu.so\n"
+      "deadlock:virDomainObj\n";
 }

@@ -63,6 +63,16 @@ bool IsInPath(const std::string& program) {
   return false;
 }
 
+// One folder of libraries for each architecture.
+bool HasQemuDriver() {
+  std::error_code error;
+  for (fs::directory_iterator folder("/usr/lib", error), end; !error && folder != end; folder.increment(error)) {
+    const fs::path driver = folder->path() / "libvirt/connection-driver/libvirt_driver_qemu.so";
+    if (::access(driver.c_str(), R_OK) == 0) return true;
+  }
+  return false;
+}
+
 bool IsQemuBelow(const std::string& pid, const std::string& folder) {
   std::ifstream file("/proc/" + pid + "/cmdline", std::ios::binary);
   const std::string line{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
@@ -109,6 +119,7 @@ std::string WhyNoQemuGuests() {
     }
   }
   if (!IsInPath("qemu-system-x86_64")) return "there is no qemu-system-x86_64: install qemu-system-x86";
+  if (!HasQemuDriver()) return "libvirt has no driver of QEMU: install libvirt-daemon-driver-qemu";
   return "";
 }
 

@@ -232,6 +232,14 @@ TEST_F(TestMode, ShutDown_PressesThatAreLost_AreRepeated) {
   EXPECT_EQ(State(), GuestState::kOff);
 }
 
+TEST_F(TestMode, ShutDown_GuestThatIsOffBeforeTheAnswer_Succeeds) {
+  Start();
+  const test::QuickPresses quick;
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
+  EXPECT_EQ(State(), GuestState::kOff);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "not_running");
+}
+
 TEST_F(TestMode, ShutDown_GuestThatNeverListens_IsStillRunning) {
   Start();
   test::LosePresses(1000);
@@ -359,7 +367,7 @@ INSTANTIATE_TEST_SUITE_P(
         StartRow{"NoMemory", {1, "qemu: cannot set up guest memory: Cannot allocate memory"}, Problem::kNoMemory},
         StartRow{"CpuIncompatible", {91, "the CPU is incompatible with host CPU"}, Problem::kCpuIncompatible},
         StartRow{"CpuFeaturesMissing",
-                 {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match specification: missing features: vmx"},
+                 {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match its definition: missing features: vmx"},
                  Problem::kCpuIncompatible},
         StartRow{"CpuNotProvided",
                  {1, "unsupported: Host CPU does not provide required features: avx2"},
