@@ -5,7 +5,9 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <map>
+#include <system_error>
 
 namespace vexa::daemon {
 namespace {
@@ -169,8 +171,10 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
   if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
   if (config.store_directory.empty()) config.store_directory = config.data_directory + "/store";
-  if (config.hypervisor_root.empty()) config.hypervisor_root = config.data_directory + "/embed";
-  if (config.image_roots.empty()) config.image_roots = {config.data_directory + "/images"};
+  std::error_code no_path;  // an empty one is refused later
+  const std::string data = std::filesystem::absolute(config.data_directory, no_path).lexically_normal();
+  if (config.hypervisor_root.empty()) config.hypervisor_root = data + "/embed";
+  if (config.image_roots.empty()) config.image_roots = {data + "/images"};
   if (check_config) result.action = CommandLine::Action::kCheckConfig;
   return result;
 }
@@ -224,8 +228,27 @@ Status CheckCluster(const Config& config) {
 
 }  // namespace
 
+namespace {
+
+Status CheckGuests(const Config& config) {
+  if (config.hypervisor.empty()) {
+    return Error(ErrorCode::kInvalid, "'hypervisor' is empty: set \"test\", \"embed\", \"none\" or a libvirt URI");
+  }
+  std::vector<std::string> folders = config.image_roots;
+  if (config.hypervisor == "embed") folders.push_back(config.hypervisor_root);
+  for (const std::string& folder : folders) {
+    if (folder.starts_with('/') && folder.find('\0') == std::string::npos) continue;
+    return Error(ErrorCode::kInvalid,
+                 "'" + folder + "' is no absolute path, as 'image-roots' and 'hypervisor-root' need it");
+  }
+  return {};
+}
+
+}  // namespace
+
 Status CheckConfig(const Config& config) {
   if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' names no folder");
+  if (Status guests = CheckGuests(config); !guests) return guests;
   if (config.tls_certificate.empty() != config.tls_key.empty()) {
     return Error(ErrorCode::kInvalid, "'tls-certificate' and 'tls-key' go together: set both or none");
   }

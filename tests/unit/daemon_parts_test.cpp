@@ -1,11 +1,13 @@
 // The daemon's parts that need no socket: configuration, log lines, cookies, metrics, the service manager, the host's
 // id.
 #include <gtest/gtest.h>
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include "host/base/files.h"
@@ -123,6 +125,24 @@ TEST(Config, WhatCannotWork_IsRefusedWithTheReason) {
     ASSERT_FALSE(checked.ok()) << row.message;
     EXPECT_NE(checked.error().message().find(row.message), std::string::npos) << checked.error().message();
   }
+}
+
+TEST(Config, GuestsFolders_AreAbsolute) {
+  const Config from_data = Parse({"--data", "some/data"}).config;
+  EXPECT_EQ(from_data.image_roots, (std::vector<std::string>{std::filesystem::current_path() / "some/data/images"}));
+  EXPECT_EQ(from_data.hypervisor_root, std::filesystem::current_path() / "some/data/embed");
+  EXPECT_EQ(from_data.hypervisor, "test");
+  const Config named = Parse({"--image-roots", "/a", "--image-roots", "/b", "--vcpus-per-cpu", "2"}).config;
+  EXPECT_EQ(named.image_roots, (std::vector<std::string>{"/a", "/b"}));
+  EXPECT_EQ(named.vcpus_per_cpu, 2u);
+  EXPECT_TRUE(CheckConfig(named).ok());
+  for (const std::vector<const char*>& flags : {std::vector<const char*>{"--image-roots", "a"},
+                                                {"--hypervisor", "embed", "--hypervisor-root", "a"},
+                                                {"--hypervisor", ""},
+                                                {"--data", ""}}) {
+    EXPECT_FALSE(CheckConfig(Parse(flags).config).ok()) << flags[0];
+  }
+  EXPECT_EQ(Parse({"--vcpus-per-cpu", "0"}).action, CommandLine::Action::kExit);
 }
 
 TEST(Config, NothingToListenOn_IsRefused) {
