@@ -55,6 +55,8 @@ void LibvirtGuestControl::LookWhenFree(const std::string& guest_id, Attention at
 void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention) {
   // By a stop everything is left as it is: what runs is found again by the next start.
   if (stopping_) return;
+  // What is stored now counts, not what a request has begun with.
+  cluster::RequestScope::ReleaseSnapshot();
   const Status looked = [&]() -> Status {
     const auto stored = ReadRun(*options_.store, guest_id);
     if (!stored) return stored.error();

@@ -100,6 +100,7 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
   if (auto* refusal = std::get_if<Refusal>(&reserved)) return std::move(*refusal);
   Step("poweron: reserved");
   // From now on nobody gives the guest to another host; what was changed before counts.
+  cluster::RequestScope::ReleaseSnapshot();
   const Result<Guest> current = ReadGuest(guest_id);
   if (!current) return RefusalOf(current.error());
   cluster::RequestScope::ReleaseSnapshot();
@@ -125,6 +126,7 @@ std::variant<Run, Refusal> LibvirtGuestControl::Reserve(const Guest& guest) {
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest.records.id), 0}, {DeletionKey(guest.records.id), 0}};
   transaction.operations = {{RunKey(guest.records.id), RunText(run)}};
+  cluster::RequestScope::ReleaseSnapshot();
   const auto committed = options_.store->Commit(transaction);
   if (committed) return run;
   if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());

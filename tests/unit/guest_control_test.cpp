@@ -13,6 +13,7 @@
 
 #include "host/cluster/environment.h"
 #include "host/cluster/live_state.h"
+#include "host/cluster/reading.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/require.h"
@@ -95,6 +96,13 @@ class GuestControlTest : public ::testing::Test {
     const auto end = std::chrono::steady_clock::now() + 20s;
     while (State(id) != expected && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
     EXPECT_EQ(State(id), expected);
+  }
+
+  // The same for what an event cleans up.
+  void ExpectNoRun() {
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (RunOf() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+    EXPECT_EQ(RunOf(), std::nullopt);
   }
 
   test::TestHost host_;
@@ -192,6 +200,34 @@ TEST_F(GuestControlTest, PowerOn_OfARecordThatCannotRun_LeavesNothing) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 
+// As in a request, whose reads come from one state of the store.
+TEST_F(GuestControlTest, PowerOn_OfAGuestThatIsChangedMeanwhile_IsRefused) {
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "poweron: reserved") PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
+  };
+  Start(std::move(options));
+  const cluster::RequestScope scope;
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "changed");
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+}
+
+TEST_F(GuestControlTest, InARequest_WhatIsStoredNowCounts) {
+  Start();
+  const cluster::RequestScope scope;
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+    cluster::RequestScope::ReleaseSnapshot();
+    EXPECT_EQ(State(), states::running);
+    EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+    cluster::RequestScope::ReleaseSnapshot();
+    EXPECT_EQ(State(), states::shutdown);
+    EXPECT_EQ(RunOf(), std::nullopt);
+  }
+}
+
 TEST_F(GuestControlTest, PowerOn_CountsWhatOthersHaveTaken) {
   const auto cpus = std::thread::hardware_concurrency();
   GuestControlOptions options = Options();
@@ -262,7 +298,7 @@ TEST_F(GuestControlTest, Fence_EndsARunningGuestAndAcceptsOneThatIsOff) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
   EXPECT_DONE(control_->Fence(kGuest));
-  EXPECT_EQ(RunOf(), std::nullopt);
+  ExpectNoRun();
 }
 
 TEST_F(GuestControlTest, SetHost_ChangesTheRecordAlone) {
@@ -341,7 +377,7 @@ TEST_F(GuestControlTest, ManyAtOnce_EndAsOneByOne) {
   const Refused ended = control_->PowerOff(kGuest, kAlice);
   EXPECT_THAT(ended ? ended->code : 0, ::testing::AnyOf(0, 911));
   ExpectState(states::shutdown);
-  EXPECT_EQ(RunOf(), std::nullopt);
+  ExpectNoRun();
 }
 
 TEST_F(GuestControlTest, AStart_StartsAgainWhatRan) {
