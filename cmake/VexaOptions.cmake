@@ -67,6 +67,9 @@ function(vexa_test_headers)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
 endfunction()
 
+# Of binutils, as ld is, and three times as quick with many static libraries and their debug information.
+find_program(VEXA_GOLD ld.gold)
+
 # vexa_test(NAME SOURCES... LINK ... [LABELS ...] [TIMEOUT s]): one GoogleTest program, run by CTest as one test.
 function(vexa_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
@@ -76,6 +79,9 @@ function(vexa_test name)
   add_executable(${name} ${arg_SOURCES})
   target_compile_options(${name} PRIVATE ${VEXA_RUNS_ONCE})
   target_precompile_headers(${name} REUSE_FROM vexa_test_headers)
+  if(VEXA_GOLD)
+    target_link_options(${name} PRIVATE -fuse-ld=gold)
+  endif()
   target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
