@@ -54,7 +54,7 @@ class GuestControlTest : public ::testing::Test {
 
   GuestControlOptions Options() {
     GuestControlOptions options;
-    options.store = cluster::CurrentEnvironment()->store;
+    options.store = cluster::CurrentEnvironment()->store;  // host_.store()
     options.host_id = HostId();
     options.image_roots = {host_.folder().path()};
     options.press_again = 20ms;
@@ -427,6 +427,51 @@ TEST_F(GuestControlTest, AStop_BeginsNothingAndLeavesWhatRuns) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   control_->BeginStop();
   EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 949, "stopping");
+  EXPECT_EQ(State(), states::running);
+}
+
+// Every commit of an action fails in turn, as on a full disk; the next start finds out what holds.
+TEST_F(GuestControlTest, AFullDiskAtEachStep_LeavesNothingHalfMade) {
+  const std::vector<std::string> steps{"poweron: reserved",   "poweron: defined",   "poweron: started",
+                                       "look: running noted", "poweroff: asked",    "poweroff: done",
+                                       "look: undefined",     "look: state stored", "look: off noted"};
+  for (const std::string& full_at : steps) {
+    SCOPED_TRACE(full_at);
+    bool is_full = false;
+    GuestControlOptions options = Options();
+    options.before_step = [&](std::string_view step) {
+      if (step != full_at || is_full) return;
+      is_full = true;
+      host_.store().FailCommits();
+    };
+    Start(std::move(options));
+    (void)control_->PowerOn(kGuest, kAlice);
+    (void)control_->PowerOff(kGuest, kAlice);
+    EXPECT_TRUE(is_full) << "the step was never made";
+    host_.store().Heal();
+    Kill();
+    Start();
+    const bool is_running = State() == states::running;
+    EXPECT_EQ(RunOf().has_value(), is_running);
+    const Refused again = control_->PowerOn(kGuest, kAlice);
+    EXPECT_EQ(again ? again->code : 0, is_running ? 910 : 0);
+    EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+    EXPECT_EQ(State(), states::shutdown);
+    ExpectNoRun();
+    Kill();
+  }
+}
+
+TEST_F(GuestControlTest, AStoreThatCannotBeWritten_StartsNothing) {
+  Start();
+  host_.store().FailCommits();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 901, "");
+  host_.store().Heal();
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  host_.store().FailSnapshots();
+  EXPECT_TRUE(control_->PowerOff(kGuest, kAlice));
+  host_.store().Heal();
   EXPECT_EQ(State(), states::running);
 }
 
