@@ -59,7 +59,8 @@ class LibvirtGuestControl final : public GuestControl {
   void LookAndRelease(Claims::Claim claim, const std::string& guest_id);
   void LookWhenFree(const std::string& guest_id, Attention attention);
   Status Restore(const std::string& guest_id, const StoredRun& stored);
-  Status NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored);
+  // False: a machine of the hypervisor's that is none of this host's guests.
+  Result<bool> NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored);
   Status NoteOff(const std::string& guest_id, const std::optional<StoredRun>& stored, bool is_defined);
   Status Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence);
   // Everything, after a start or a lost connection.

@@ -72,7 +72,9 @@ void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention)
     if (!state && !is_gone) return state.failure().error();
     if (state && IsActive(*state)) {
       const bool is_asked = shut_downs_->IsUnderWay(guest_id);
-      if (Status noted = NoteRunning(guest_id, *stored); !noted) return noted;
+      const Result<bool> is_ours = NoteRunning(guest_id, *stored);
+      if (!is_ours) return is_ours.error();
+      if (!*is_ours) return {};
       const char* const word = *state == GuestState::kPaused                     ? states::freeze
                                : is_asked || *state == GuestState::kShuttingDown ? states::shutting_down
                                                                                  : states::running;
@@ -94,7 +96,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention)
     return NoteOff(guest_id, *stored, !is_gone);
   }();
   const std::lock_guard lock(maintenance_mutex_);
-  if (looked || looked.error().code() == ErrorCode::kNotFound) {
+  if (looked) {
     unsettled_.erase(guest_id);
   } else if (unsettled_.insert(guest_id).second) {
     Complain(guest_id, "could not be looked at, or what was seen not be stored; it is tried again",
@@ -117,22 +119,21 @@ Status LibvirtGuestControl::Restore(const std::string& guest_id, const StoredRun
   return hypervisor_->Start(guest_id);
 }
 
-Status LibvirtGuestControl::NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored) {
+Result<bool> LibvirtGuestControl::NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored) {
   Run run;
   if (stored) {
     run = stored->run;
     if (run.host_id != options_.host_id) {
       return Error(ErrorCode::kConflict, "It runs here, and by its record on the host '" + run.host_id + "'");
     }
-    if (!run.starting) return {};
+    if (!run.starting) return true;
   } else {
     const cluster::CallScope scope;
     const auto record = cluster::ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
-    if (!record) return record.error();  // kNotFound: a machine that is none of ours
+    if (!record && record.error().code() == ErrorCode::kNotFound) return false;
+    if (!record) return record.error();
     const Json::Value& host_id = json::Member(**record, keys::host_id);
-    if (!host_id.isString() || json::String(host_id) != options_.host_id) {
-      return Error(ErrorCode::kNotFound, "It is not a guest of this host");
-    }
+    if (!host_id.isString() || json::String(host_id) != options_.host_id) return false;
     run.host_id = options_.host_id;
     run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
     run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
@@ -147,7 +148,7 @@ Status LibvirtGuestControl::NoteRunning(const std::string& guest_id, const std::
   const auto committed = options_.store->Commit(transaction);
   Step("look: running noted");
   if (!committed) return committed.error();
-  return {};
+  return true;
 }
 
 Status LibvirtGuestControl::NoteOff(const std::string& guest_id, const std::optional<StoredRun>& stored,

@@ -11,118 +11,16 @@
 #include <thread>
 #include <vector>
 
-#include "host/cluster/environment.h"
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
-#include "tests/support/require.h"
-#include "tests/support/test_host.h"
+#include "tests/unit/guest_control_ground.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
 namespace vexa::guests {
 namespace {
-
-using namespace std::chrono_literals;
-using test::Parsed;
-using ::testing::HasSubstr;
-namespace states = VexaCCC::State::Guest;
-using RunRecord = Run;  // a test has a member of that name
-
-constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
-constexpr char kOther[] = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c";
-const Requester kAlice{"alice", "nas-1", "request-1"};
-
-class GuestControlTest : public ::testing::Test {
- protected:
-  GuestControlTest() {
-    PutGuest(kGuest, "web-1");
-    host_.Put("host", HostId(), Parsed(R"({"name":"nas-1"})"));
-    host_.Put("host", "host-2", Parsed(R"({"name":"nas-2"})"));
-  }
-
-  static std::string HostId() { return cluster::CurrentEnvironment()->host_id; }
-
-  void PutGuest(const std::string& id, const std::string& name, const Json::Value& changes = {}) {
-    Json::Value guest = Parsed(R"({"vcpu_num":1,"vram_size":64,"vdisks":[],"vnics":[],"state":"guest_shutdown"})");
-    guest["name"] = name;
-    guest["host_id"] = HostId();
-    for (const std::string& member : changes.getMemberNames()) guest[member] = changes[member];
-    host_.Put("guest", id, guest);
-  }
-
-  GuestControlOptions Options() {
-    GuestControlOptions options;
-    options.store = cluster::CurrentEnvironment()->store;  // host_.store()
-    options.host_id = HostId();
-    options.image_roots = {host_.folder().path()};
-    options.press_again = 20ms;
-    options.shut_down_wait = 10s;
-    return options;
-  }
-
-  void Start() { Start(Options()); }
-  void Start(GuestControlOptions options) {
-    auto started = GuestControl::Start(std::move(options));
-    ASSERT_TRUE(started) << started.error().ToString();
-    control_ = std::move(*started);
-  }
-  // What a kill leaves: nothing is told to anybody.
-  void Kill() { control_.reset(); }
-
-  static std::string State(const std::string& id = kGuest) {
-    std::string state;
-    return vgConfStateGet(id, state) == 0 ? state : "";
-  }
-  std::optional<RunRecord> RunOf(const std::string& id = kGuest) {
-    const auto run = ReadRun(host_.store(), id);
-    EXPECT_TRUE(run);
-    if (!run || !*run) return std::nullopt;
-    return (*run)->run;
-  }
-  void PutRun(const RunRecord& run, const std::string& id = kGuest) {
-    ASSERT_TRUE(host_.store().Commit({{}, {{RunKey(id), RunText(run)}}}));
-  }
-  RunRecord RunHere() {
-    RunRecord run;
-    run.host_id = HostId();
-    run.since = std::chrono::system_clock::now() - 100s;
-    return run;
-  }
-
-  // A state that comes with an event.
-  static void ExpectState(const std::string& expected, const std::string& id = kGuest) {
-    const auto end = std::chrono::steady_clock::now() + 20s;
-    while (State(id) != expected && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
-    EXPECT_EQ(State(id), expected);
-  }
-
-  // The same for what an event cleans up.
-  void ExpectNoRun() {
-    const auto end = std::chrono::steady_clock::now() + 20s;
-    while (RunOf() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
-    EXPECT_EQ(RunOf(), std::nullopt);
-  }
-
-  test::TestHost host_;
-  std::unique_ptr<GuestControl> control_;
-};
-
-#define EXPECT_DONE(expression)                                                    \
-  do {                                                                             \
-    const Refused expect_done = (expression);                                      \
-    EXPECT_FALSE(expect_done) << expect_done->code << ": " << expect_done->reason; \
-  } while (false)
-
-#define EXPECT_REFUSED(expression, expected_code, words)   \
-  do {                                                     \
-    const Refused expect_refused = (expression);           \
-    EXPECT_TRUE(expect_refused);                           \
-    if (!expect_refused) break;                            \
-    EXPECT_EQ(expect_refused->code, expected_code);        \
-    EXPECT_THAT(expect_refused->reason, HasSubstr(words)); \
-  } while (false)
 
 TEST_F(GuestControlTest, PowerOn_StartsAndStoresIt) {
   Start();
