@@ -25,6 +25,7 @@ TEST(CompoundRequest, EveryItem_HasTheIdOfItsRequest) {
   config.account_file = folder.File("data/accounts.json");
   config.socket = folder.File("s");
   config.listen.clear();
+  config.hypervisor = "none";
   const auto daemon = vexa::test::Require(
       vexa::daemon::Daemon::Start(config, {{.api = "VEXA.Test",
                                             .method = "id",
