@@ -15,6 +15,7 @@
 #include "host/cluster/live_state.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
+#include "tests/support/libvirt_faults.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
@@ -408,6 +409,38 @@ TEST_F(GuestControlTest, Delete_RemovesGuestAndState) {
   EXPECT_DONE(control_->Delete(kGuest, kAlice));
   EXPECT_EQ(State(), "");
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 403, "");
+}
+
+// The look that an event has begun goes on to use the hypervisor.
+TEST_F(GuestControlTest, TheEnd_WaitsForALookThatIsUnderWay) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool is_armed = false;
+  bool reached = false;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "look: state stored") return;
+    {
+      const std::lock_guard lock(mutex);
+      if (!is_armed) return;
+      reached = true;
+    }
+    changed.notify_all();
+    std::this_thread::sleep_for(300ms);  // the end begins meanwhile
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  // The second press ends it, with nobody but the event's thread to look.
+  test::LosePresses(1);
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  {
+    std::unique_lock lock(mutex);
+    is_armed = true;
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return reached; }));
+  }
+  control_.reset();
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_EQ(RunOf(), std::nullopt);
 }
 
 TEST_F(GuestControlTest, OptionsThatCannotBe_AreErrors) {
