@@ -45,6 +45,11 @@ LibvirtGuestControl::~LibvirtGuestControl() {
   }
   maintenance_wake_.notify_all();
   if (maintenance_.joinable()) maintenance_.join();
+  {
+    const std::lock_guard lock(callback_mutex_);
+    is_open_ = false;
+  }
+  // In this order: its thread uses the hypervisor.
   shut_downs_.reset();
   hypervisor_.reset();
 }
@@ -59,6 +64,7 @@ Status LibvirtGuestControl::Begin() {
   opening.open_later = hypervisor::OpenLater::kWhenUnreachable;
   // Until everything has been looked at, events tell nothing new.
   opening.on_event = [this](const hypervisor::GuestEvent& event) {
+    const std::lock_guard lock(callback_mutex_);
     if (is_open_) LookWhenFree(event.id, Attention::kLook);
   };
   opening.on_reopened = [this] {
@@ -66,12 +72,16 @@ Status LibvirtGuestControl::Begin() {
       const std::lock_guard lock(node_mutex_);
       node_.reset();
     }
+    const std::lock_guard lock(callback_mutex_);
     if (is_open_) Reconcile();
   };
   auto opened = hypervisor::Hypervisor::Open(std::move(opening));
   if (!opened) return opened.failure().error();
   hypervisor_ = std::move(*opened);
-  is_open_ = true;
+  {
+    const std::lock_guard lock(callback_mutex_);
+    is_open_ = true;
+  }
   deletion_.FinishAll();
   if (hypervisor_->IsConnected()) {
     Reconcile();

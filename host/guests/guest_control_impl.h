@@ -92,7 +92,8 @@ class LibvirtGuestControl final : public GuestControl {
   std::set<std::string> unsettled_;  // guests whose last look failed
   bool ends_ = false;
   std::thread maintenance_;
-  std::atomic<bool> is_open_ = false;
+  std::mutex callback_mutex_;  // held by the hypervisor's callbacks, so that none uses one that is being destroyed
+  bool is_open_ = false;
   // Destroyed first: its callbacks use everything above.
   std::unique_ptr<hypervisor::Hypervisor> hypervisor_;
 };

@@ -1,4 +1,7 @@
 // What a host does with its guests when libvirt fails it.
+#include <condition_variable>
+#include <mutex>
+
 #include "tests/support/libvirt_faults.h"
 #include "tests/unit/guest_control_ground.h"
 
@@ -130,6 +133,38 @@ TEST_F(GuestControlFaults, AHypervisorThatCannotBeReached_RefusesUntilItIsThere)
   failing.reset();
   Await([&] { return control_->Running(kGuest).has_value(); });
   ExpectState(states::running);
+}
+
+// The look that an event has begun goes on to use the hypervisor.
+TEST_F(GuestControlFaults, TheEnd_WaitsForALookThatIsUnderWay) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool is_armed = false;
+  bool reached = false;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "look: state stored") return;
+    {
+      const std::lock_guard lock(mutex);
+      if (!is_armed) return;
+      reached = true;
+    }
+    changed.notify_all();
+    std::this_thread::sleep_for(300ms);  // the end begins meanwhile
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  // The second press ends it, with nobody but the event's thread to look.
+  test::LosePresses(1);
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  {
+    std::unique_lock lock(mutex);
+    is_armed = true;
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return reached; }));
+  }
+  control_.reset();
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_EQ(RunOf(), std::nullopt);
 }
 
 }  // namespace
