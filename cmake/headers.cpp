@@ -1,0 +1,1 @@
+// Nothing: the library exists for the headers that are precompiled with it.
