@@ -1,6 +1,5 @@
 #include "host/guests/claims.h"
 
-#include <algorithm>
 #include <array>
 #include <ctime>
 #include <utility>
@@ -26,15 +25,14 @@ Claims::Claim::~Claim() {
   if (claims_) claims_->Release(guest_id_);
 }
 
-Attention Claims::Claim::TakeOrRelease() {
+bool Claims::Claim::ReleaseUnlessAsked() {
   const std::lock_guard lock(claims_->mutex_);
   const auto held = claims_->held_.find(guest_id_);
-  const Attention left = std::exchange(held->second.left, Attention::kNone);
-  if (left != Attention::kNone) return left;
+  if (std::exchange(held->second.is_look_left, false)) return false;
   claims_->held_.erase(held);
   claims_->released_.notify_all();
   claims_ = nullptr;
-  return left;
+  return true;
 }
 
 std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, Activity activity) {
@@ -50,14 +48,14 @@ std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, 
   }
 }
 
-std::optional<Claims::Claim> Claims::TakeToLook(const std::string& guest_id, Attention attention) {
+std::optional<Claims::Claim> Claims::TakeToLook(const std::string& guest_id) {
   const std::lock_guard lock(mutex_);
   const auto [held, is_new] = held_.try_emplace(guest_id);
   if (is_new) {
     held->second.is_look = true;
     return Claim(*this, guest_id);
   }
-  held->second.left = std::max(held->second.left, attention);
+  held->second.is_look_left = true;
   return std::nullopt;
 }
 

@@ -24,9 +24,6 @@ std::string Describe(const Activity& activity);
 // RFC 3339, UTC, whole seconds.
 std::string TimeText(std::chrono::system_clock::time_point time);
 
-// What is still to be done when a guest is looked at. The higher one includes the lower.
-enum class Attention { kNone, kLook, kRestore };
-
 // Who holds a guest is its activity, or somebody who looks at it for a moment ("looking"). Looks asked for meanwhile
 // are left to the holder, so that they never wait.
 // Threads: any, at the same time.
@@ -41,9 +38,9 @@ class Claims {
     Claim& operator=(Claim&&) = delete;
     ~Claim();
 
-    // The looks that were left to this claim since the last call. kNone gives the guest back in the same moment, so
-    // that none is lost.
-    Attention TakeOrRelease();
+    // Gives the guest back, unless looks were left to this claim since the last call: then it is to be looked at once
+    // more. None is lost in between.
+    bool ReleaseUnlessAsked();
 
    private:
     Claims* claims_;  // null: given back
@@ -53,13 +50,13 @@ class Claims {
   // Waits while the guest is only looked at. Not a claim: what is being done with it.
   std::variant<Claim, Activity> Take(const std::string& guest_id, Activity activity);
   // For a look. Not set: it was left to the holder.
-  std::optional<Claim> TakeToLook(const std::string& guest_id, Attention attention);
+  std::optional<Claim> TakeToLook(const std::string& guest_id);
 
  private:
   struct Held {
     bool is_look = false;
     Activity activity;
-    Attention left = Attention::kNone;
+    bool is_look_left = false;
   };
   void Release(const std::string& guest_id);
 

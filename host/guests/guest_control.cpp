@@ -13,8 +13,6 @@
 namespace vexa::guests {
 namespace {
 
-constexpr std::chrono::seconds kMaintenanceInterval{10};
-
 DeletionOptions OptionsOfDeletion(const GuestControlOptions& options) {
   DeletionOptions deletion;
   deletion.store = options.store;
@@ -55,17 +53,17 @@ LibvirtGuestControl::~LibvirtGuestControl() {
 }
 
 Status LibvirtGuestControl::Begin() {
-  shut_downs_ = std::make_unique<ShutDowns>(ShutDownsOptions{
-      .wait = options_.shut_down_wait,
-      .press_again = options_.press_again,
-      .press = [this](const std::string& guest_id) { return PressAgain(guest_id); },
-      .on_given_up = [this](const std::string& guest_id) { LookWhenFree(guest_id, Attention::kLook); }});
+  shut_downs_ = std::make_unique<ShutDowns>(
+      ShutDownsOptions{.wait = options_.shut_down_wait,
+                       .press_again = options_.press_again,
+                       .press = [this](const std::string& guest_id) { return PressAgain(guest_id); },
+                       .on_given_up = [this](const std::string& guest_id) { LookWhenFree(guest_id); }});
   hypervisor::HypervisorOptions opening = options_.hypervisor;
   opening.open_later = hypervisor::OpenLater::kWhenUnreachable;
   // Until everything has been looked at, events tell nothing new.
   opening.on_event = [this](const hypervisor::GuestEvent& event) {
     const std::lock_guard lock(callback_mutex_);
-    if (is_open_) LookWhenFree(event.id, Attention::kLook);
+    if (is_open_) LookWhenFree(event.id);
   };
   opening.on_reopened = [this] {
     {
@@ -97,10 +95,10 @@ void LibvirtGuestControl::BeginStop() { stopping_ = true; }
 // What failed is tried again, and what other hosts have left for this one is done.
 void LibvirtGuestControl::Maintain() {
   std::unique_lock lock(maintenance_mutex_);
-  while (!maintenance_wake_.wait_for(lock, kMaintenanceInterval, [this] { return ends_; })) {
+  while (!maintenance_wake_.wait_for(lock, options_.maintenance_interval, [this] { return ends_; })) {
     const std::set<std::string> unsettled = unsettled_;
     lock.unlock();
-    for (const std::string& guest_id : unsettled) LookWhenFree(guest_id, Attention::kRestore);
+    for (const std::string& guest_id : unsettled) LookWhenFree(guest_id);
     deletion_.RemoveLeftovers();
     lock.lock();
   }

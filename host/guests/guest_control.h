@@ -29,6 +29,10 @@ struct GuestControlOptions {
   // How long a guest is asked to shut down, and how often, after the call that asked has been answered.
   std::chrono::milliseconds shut_down_wait = std::chrono::minutes(5);
   std::chrono::milliseconds press_again = std::chrono::seconds(5);
+  // How often what failed is tried again.
+  std::chrono::milliseconds maintenance_interval = std::chrono::seconds(10);
+  // How long a fence waits for the end of a start that it has called off; who asks waits for 30 seconds.
+  std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
   // Whether the host has a network or bridge; not set: in test mode all, else what libvirt and the kernel tell.
   std::function<bool(const std::string& name)> has_network;
   std::function<void(std::string_view step)> before_step;  // for tests that stop there
@@ -63,7 +67,8 @@ class GuestControl {
   virtual Refused PowerOff(const std::string& guest_id, const Requester& requester) = 0;
   virtual Refused Reboot(const std::string& guest_id, const Requester& requester) = 0;
   // For high availability, which must know that the guest does not run here: goes past whatever is being done with it,
-  // whoever the record names, and does nothing when it does not run. Refusals: 901, 949.
+  // whoever the record names, and does nothing when it does not run. A start that is under way is called off, which
+  // has come true when this answers. Refusals: 901, 949.
   virtual Refused Fence(const std::string& guest_id) = 0;
 
   // See Deletion::Delete.

@@ -16,6 +16,7 @@
 #include "host/guests/guest_control.h"
 #include "host/guests/run_record.h"
 #include "host/guests/shut_downs.h"
+#include "host/guests/starts.h"
 
 namespace vexa::guests {
 
@@ -47,17 +48,17 @@ class LibvirtGuestControl final : public GuestControl {
   Refused StartGuest(const std::string& guest_id);
   // Commits that this host has the guest, after all checks; the processors to set apart for it.
   std::variant<Run, Refusal> Reserve(const Guest& guest);
-  Refused StartReserved(const Guest& guest, const Run& run);
+  Refused StartReserved(const Guest& guest, const Run& run, const Starts::Start& start);
   Refused RefuseTaken(const std::string& guest_id) const;
   Refused Ask(const std::string& guest_id, const std::function<Done()>& ask);
   bool PressAgain(const std::string& guest_id);
 
   // guest_look.cpp
   // Makes the records of a guest that is held say what the hypervisor tells, and cleans up behind one that is off.
-  void Look(const std::string& guest_id, Attention attention);
+  void Look(const std::string& guest_id);
   // Looks, and gives the guest back when nothing is left to look at.
   void LookAndRelease(Claims::Claim claim, const std::string& guest_id);
-  void LookWhenFree(const std::string& guest_id, Attention attention);
+  void LookWhenFree(const std::string& guest_id);
   Status Restore(const std::string& guest_id, const StoredRun& stored);
   // False: a machine of the hypervisor's that is none of this host's guests.
   Result<bool> NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored);
@@ -81,6 +82,7 @@ class LibvirtGuestControl final : public GuestControl {
   Deletion deletion_;
   cluster::Sequencer sequencer_;
   Claims claims_;
+  Starts starts_;
   std::mutex placing_;  // from counting what is taken until what is to be taken is committed
   std::mutex node_mutex_;
   std::optional<hypervisor::Node> node_;

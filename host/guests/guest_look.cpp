@@ -35,24 +35,16 @@ std::string StoredState(const std::string& guest_id) {
 }  // namespace
 
 void LibvirtGuestControl::LookAndRelease(Claims::Claim claim, const std::string& guest_id) {
-  Attention attention = Attention::kLook;
   do {
-    Look(guest_id, attention);
-    attention = claim.TakeOrRelease();
-  } while (attention != Attention::kNone);
+    Look(guest_id);
+  } while (!claim.ReleaseUnlessAsked());
 }
 
-void LibvirtGuestControl::LookWhenFree(const std::string& guest_id, Attention attention) {
-  if (auto claim = claims_.TakeToLook(guest_id, attention)) {
-    Attention left = attention;
-    do {
-      Look(guest_id, left);
-      left = claim->TakeOrRelease();
-    } while (left != Attention::kNone);
-  }
+void LibvirtGuestControl::LookWhenFree(const std::string& guest_id) {
+  if (auto claim = claims_.TakeToLook(guest_id)) LookAndRelease(*std::move(claim), guest_id);
 }
 
-void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention) {
+void LibvirtGuestControl::Look(const std::string& guest_id) {
   // By a stop everything is left as it is: what runs is found again by the next start.
   if (stopping_) return;
   // What is stored now counts, not what a request has begun with.
@@ -60,7 +52,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention)
   const Status looked = [&]() -> Status {
     const auto stored = ReadRun(*options_.store, guest_id);
     if (!stored) return stored.error();
-    if (*stored && attention == Attention::kRestore && ForgetsGuests()) {
+    if (*stored && ForgetsGuests()) {
       if (Status restored = Restore(guest_id, **stored); !restored) {
         Complain(guest_id, "ran here and cannot be started again", restored.error().ToString());
       }
@@ -104,11 +96,13 @@ void LibvirtGuestControl::Look(const std::string& guest_id, Attention attention)
   }
 }
 
-// Starts a guest again that ran when the hypervisor forgot it.
+// Starts a guest again that ran when the hypervisor forgot it. One that was stopped is still known to the hypervisor,
+// or has the state of one that is off.
 Status LibvirtGuestControl::Restore(const std::string& guest_id, const StoredRun& stored) {
   if (stored.run.host_id != options_.host_id || stored.run.starting) return {};
   const auto state = hypervisor_->StateOf(guest_id);
-  if (state && IsActive(*state)) return {};
+  const bool is_forgotten = !state && state.failure().problem() == Problem::kNoSuchGuest;
+  if (!is_forgotten || !IsLive(StoredState(guest_id))) return {};
   const cluster::CallScope scope;
   const Result<Guest> guest = ReadGuest(guest_id);
   if (!guest) return guest.error();
@@ -194,7 +188,7 @@ void LibvirtGuestControl::Reconcile() {
   } else {
     for (const hypervisor::KnownGuest& guest : *known) ids.insert(guest.id);
   }
-  for (const std::string& id : ids) LookWhenFree(id, Attention::kRestore);
+  for (const std::string& id : ids) LookWhenFree(id);
 }
 
 }  // namespace vexa::guests

@@ -85,6 +85,7 @@ Refused LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requeste
 }
 
 Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
+  const Starts::Start start(starts_, guest_id);
   const Result<Guest> guest = ReadGuest(guest_id);
   if (!guest) return RefusalOf(guest.error());
   cluster::RequestScope::ReleaseSnapshot();
@@ -95,7 +96,7 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
   if (!state && state.failure().problem() != Problem::kNoSuchGuest) return RefusalOf(state.failure());
   if (state && IsActive(*state)) return Refusal{kRunsAlready, "The guest runs"};
   // What an earlier run has left goes first.
-  Look(guest_id, Attention::kLook);
+  Look(guest_id);
   auto reserved = Reserve(*guest);
   if (auto* refusal = std::get_if<Refusal>(&reserved)) return std::move(*refusal);
   Step("poweron: reserved");
@@ -107,7 +108,7 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
   if (current->records.guest != guest->records.guest) {
     return Refusal{kBusy, "The guest was changed in this moment; try again"};
   }
-  return StartReserved(*current, std::get<Run>(reserved));
+  return StartReserved(*current, std::get<Run>(reserved), start);
 }
 
 std::variant<Run, Refusal> LibvirtGuestControl::Reserve(const Guest& guest) {
@@ -134,13 +135,14 @@ std::variant<Run, Refusal> LibvirtGuestControl::Reserve(const Guest& guest) {
   return Refusal{kBusy, "Another host has just let go of the guest; try again"};
 }
 
-Refused LibvirtGuestControl::StartReserved(const Guest& guest, const Run& run) {
+Refused LibvirtGuestControl::StartReserved(const Guest& guest, const Run& run, const Starts::Start& start) {
   const Result<std::string> xml = DomainXml(guest, run);
   // The look that follows gives back what was reserved.
   if (!xml) return Refusal{kFailed, xml.error().ToString()};
   const auto defined = hypervisor_->Define(*xml);
   if (!defined) return RefusalOf(defined.failure());
   Step("poweron: defined");
+  if (start.IsCalledOff()) return Refusal{kBusy, "The guest was powered off meanwhile, for high availability"};
   const auto started = hypervisor_->Start(guest.records.id);
   Step("poweron: started");
   if (!started) return RefusalOf(started.failure());
@@ -193,10 +195,19 @@ Refused LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester
 
 Refused LibvirtGuestControl::Fence(const std::string& guest_id) {
   shut_downs_->End(guest_id);
-  const Done done = hypervisor_->PowerOff(guest_id);
+  const bool was_starting = starts_.CallOff(guest_id);
+  Step("fence: called off");
+  Done done = hypervisor_->PowerOff(guest_id);
+  if (was_starting) {
+    // It may have been past the point where it notices.
+    if (!starts_.AwaitEnd(guest_id, options_.fence_wait)) {
+      return Refusal{kUnavailable, "The guest is being started, and that does not come to an end"};
+    }
+    done = hypervisor_->PowerOff(guest_id);
+  }
   const bool is_off =
       done || done.failure().problem() == Problem::kNotRunning || done.failure().problem() == Problem::kNoSuchGuest;
-  LookWhenFree(guest_id, Attention::kLook);
+  LookWhenFree(guest_id);
   if (is_off) return {};
   return RefusalOf(done.failure());
 }
@@ -204,7 +215,7 @@ Refused LibvirtGuestControl::Fence(const std::string& guest_id) {
 Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "delete", requester, [&] {
     // A guest that has gone off just now may not have been cleaned up behind.
-    Look(guest_id, Attention::kLook);
+    Look(guest_id);
     return deletion_.Delete(guest_id, requester);
   });
 }

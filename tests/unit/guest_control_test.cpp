@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -197,6 +198,88 @@ TEST_F(GuestControlTest, Fence_EndsARunningGuestAndAcceptsOneThatIsOff) {
   PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
   EXPECT_DONE(control_->Fence(kGuest));
   ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, Fence_CallsAStartOff) {
+  std::promise<void> defined;
+  std::promise<void> fenced;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "fence: called off") fenced.set_value();
+    if (step != "poweron: defined") return;
+    defined.set_value();
+    EXPECT_EQ(fenced.get_future().wait_for(20s), std::future_status::ready);
+  };
+  Start(std::move(options));
+  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "high availability"); });
+  defined.get_future().wait();
+  EXPECT_DONE(control_->Fence(kGuest));
+  EXPECT_FALSE(control_->Running(kGuest));
+  start.join();
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+}
+
+TEST_F(GuestControlTest, Fence_WhileAStartDoesNotEnd_Is949) {
+  std::promise<void> defined;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.fence_wait = 20ms;
+  options.before_step = [&](std::string_view step) {
+    if (step != "poweron: defined") return;
+    defined.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "high availability"); });
+  defined.get_future().wait();
+  EXPECT_REFUSED(control_->Fence(kGuest), 949, "being started");
+  go_on.set_value();
+  start.join();
+}
+
+// What the hypervisor forgets comes back, also when somebody is at work on the guest then.
+TEST_F(GuestControlTest, AForgottenGuest_OfAnActionUnderWay_RunsOn) {
+  bool is_armed = true;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "shutdown: asked" || !std::exchange(is_armed, false)) return;
+    test::CloseLastConnection();
+    const auto is_lost = [&] {
+      const Result<Rating> rating = control_->RateGuest(kOther);
+      return !rating || !rating->refusals.empty();
+    };
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (is_lost() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+  };
+  PutGuest(kOther, "web-2");
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 911, "");
+  EXPECT_FALSE(is_armed);
+  ExpectState(states::running);
+  EXPECT_TRUE(RunOf());
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+}
+
+TEST_F(GuestControlTest, AGuestThatIsOff_WhenThatCouldNotBeStored_StaysOff) {
+  std::atomic<bool> is_off = false;
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 20ms;
+  options.before_step = [&](std::string_view step) {
+    if (step != "poweroff: done") return;
+    is_off = true;
+    host_.store().FailCommits();
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_TRUE(is_off);
+  EXPECT_EQ(State(), states::running);
+  host_.store().Heal();
+  ExpectState(states::shutdown);
+  control_.reset();
+  EXPECT_EQ(RunOf(), std::nullopt);
 }
 
 TEST_F(GuestControlTest, SetHost_ChangesTheRecordAlone) {
