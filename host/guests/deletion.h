@@ -44,10 +44,6 @@ struct Requester {
 // cannot be read. Nothing: it is not being deleted.
 Refused DeletionUnderWay(const store::Store& store, const std::string& guest_id);
 
-// Why nothing can be begun with a guest that is being deleted: 915, with who deletes it and since when; 901 when that
-// cannot be read. Nothing: it is not being deleted.
-Refused DeletionUnderWay(const store::Store& store, const std::string& guest_id);
-
 struct DeletionOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;  // this host's

@@ -18,7 +18,7 @@ ShutDowns::~ShutDowns() {
 void ShutDowns::Begin(const std::string& guest_id) {
   const Clock::time_point now = Clock::now();
   const std::lock_guard lock(mutex_);
-  pending_[guest_id] = {now + options_.press_again, now + options_.wait};
+  pending_[guest_id] = {now + options_.press_again, now + options_.wait, ++begun_};
   wake_.notify_all();
 }
 
@@ -46,6 +46,7 @@ void ShutDowns::Run() {
       continue;
     }
     const std::string guest_id = due->first;
+    const std::uint64_t number = due->second.number;
     const bool is_over = Clock::now() >= due->second.end;
     due->second.next = std::min(Clock::now() + options_.press_again, std::max(due->second.end, Clock::now()));
     if (is_over) pending_.erase(due);
@@ -53,7 +54,9 @@ void ShutDowns::Run() {
     const bool goes_on = !is_over && options_.press(guest_id);
     if (is_over) options_.on_given_up(guest_id);
     lock.lock();
-    if (!is_over && !goes_on) pending_.erase(guest_id);
+    if (is_over || goes_on) continue;
+    const auto pressed = pending_.find(guest_id);
+    if (pressed != pending_.end() && pressed->second.number == number) pending_.erase(pressed);
   }
 }
 

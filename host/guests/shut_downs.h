@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -36,6 +37,7 @@ class ShutDowns {
   struct Pending {
     Clock::time_point next;
     Clock::time_point end;
+    std::uint64_t number = 0;  // one begun anew has another
   };
   void Run();
 
@@ -43,6 +45,7 @@ class ShutDowns {
   mutable std::mutex mutex_;
   std::condition_variable wake_;
   std::map<std::string, Pending> pending_;
+  std::uint64_t begun_ = 0;
   bool stop_ = false;
   std::thread thread_;
 };

@@ -115,6 +115,7 @@ TEST_F(GuestControlFaults, ALostConnection_BringsBackWhatRan) {
 
 TEST_F(GuestControlFaults, AHypervisorThatCannotBeReached_RefusesUntilItIsThere) {
   PutRun(RunHere());
+  PutGuest(kGuest, "web-1", Parsed(R"({"state":"guest_running"})"));
   GuestControlOptions options = Options();
   options.hypervisor.first_retry = 20ms;
   std::optional<test::FailingOpenings> failing;

@@ -16,6 +16,7 @@
 #include "host/cluster/reading.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
+#include "tests/support/libvirt_faults.h"
 #include "tests/unit/guest_control_ground.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
