@@ -22,7 +22,9 @@ if(VEXA_SANITIZE)
   add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VEXA_SANITIZE})
   # gcc(1) says of sanitizers that they bring false positives of this warning; the other builds keep it.
-  add_compile_options(-Wno-maybe-uninitialized)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wno-maybe-uninitialized)
+  endif()
   if(VEXA_FUZZ)
     # Coverage everywhere; the engine, with its main function, is linked to the fuzz targets alone.
     add_compile_options(-fsanitize=fuzzer-no-link)

@@ -14,8 +14,7 @@ using vexa::base::SetHlibError;
 namespace {
 
 // Nothing, with the last error set to `place`: there is no such user, or it cannot be told.
-std::optional<vexa::base::User> FindUser(const char* name,
-                                         std::source_location place = std::source_location::current()) {
+std::optional<vexa::base::User> FindUser(const char* name, vexa::base::Place place = vexa::base::Place::Here()) {
   if (!name) {
     SetHlibError(HlibError::kBadArgument, place);
     return std::nullopt;

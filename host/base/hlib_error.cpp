@@ -17,10 +17,10 @@ thread_local LastError last_error;
 
 }  // namespace
 
-void SetHlibError(HlibError code, std::source_location place) {
-  const char* const path = place.file_name();
+void SetHlibError(HlibError code, Place place) {
+  const char* const path = place.file;
   const char* const slash = std::strrchr(path, '/');
-  last_error = {code, slash ? slash + 1 : path, static_cast<int>(place.line())};
+  last_error = {code, slash ? slash + 1 : path, place.line};
 }
 
 HlibError HlibErrorOf(const Error& error) {

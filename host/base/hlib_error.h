@@ -1,8 +1,6 @@
 // The codes of the base library's last error (HLIBCErrGet of webapi/platform/base.h), and how its functions set it.
 #pragma once
 
-#include <source_location>
-
 #include "host/base/result.h"
 
 namespace vexa::base {
@@ -17,8 +15,15 @@ enum class HlibError : unsigned int {
   kInternal = 0x0500,     // the provider failed for a reason of its own
 };
 
+// A line of a source. (std::source_location is not known to the compiler of the fuzz targets.)
+struct Place {
+  const char* file;
+  int line;
+  static constexpr Place Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) { return {file, line}; }
+};
+
 // Sets the calling thread's last error; the place is the caller's.
-void SetHlibError(HlibError code, std::source_location place = std::source_location::current());
+void SetHlibError(HlibError code, Place place = Place::Here());
 
 // The code for what an account provider answered.
 HlibError HlibErrorOf(const Error& error);
