@@ -3,11 +3,13 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <utility>
 
 #include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
+#include "host/guests/disk_users.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
 
@@ -100,6 +102,7 @@ DeletionJob::Outcome DeletionJob::CommitRecords() {
 Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& instead) {
   instead.reset();
   store::Transaction transaction;
+  std::set<std::string> disks;
   {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
@@ -116,11 +119,21 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
       instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
       return store::Transaction();
     }
+    disks = std::move(plan->disks);
     transaction.compares = std::move(plan->compares);
     transaction.operations = std::move(plan->removals);
     plan_->notes = std::move(plan->notes);
     const Status left_over = AddLeftover(**snapshot, transaction);
     if (!left_over) return left_over.error();
+  }
+  // A record that came since the files were selected may name one of them.
+  std::map<std::string, FileIdentity> files;
+  for (const HiddenFile& file : record_.files) files.emplace(file.path, FileIdentity());
+  const Result<std::set<std::string>> wanted = NamedByOthers(*options_.store, disks, files);
+  if (!wanted) return wanted.error();
+  if (!wanted->empty()) {
+    instead = Outcome::kChanged;
+    return store::Transaction();
   }
   DeletionRecord purging = record_;
   purging.stage = DeletionStage::kPurging;

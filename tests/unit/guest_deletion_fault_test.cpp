@@ -275,6 +275,14 @@ TEST_F(FaultyDeletion, DiskThatBecomesAnothers_BetweenHidingAndCommit_IsLeft) {
   EXPECT_EQ(ground_.Files().size(), Without(files_, kGuest).size() + 1);
 }
 
+TEST_F(FaultyDeletion, FileThatAnotherDiskGets_WhileItIsHidden_IsLeft) {
+  At("hide 1", [&] { PutDisk(*store_, "new-disk", kBystander, ground_.Image("a/" + std::string(kGuest) + "-0.img")); });
+  EXPECT_FALSE(Delete());
+  EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_TRUE(TextOf(*store_, KeyOf("vdisk", "new-disk")));
+  EXPECT_TRUE(ground_.Files().contains(ground_.Image("a/" + std::string(kGuest) + "-0.img")));
+}
+
 TEST_F(FaultyDeletion, RecordDamagedBetweenHidingAndCommit_IsUndone) {
   At("commit records", [&] {
     PutText(*store_, KeyOf("guest", kGuest), "[");
