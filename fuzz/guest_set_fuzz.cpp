@@ -165,7 +165,8 @@ void CheckSent(const Json::Value& parameters, const Mood& mood) {
   Check(!sent.json.isMember("repo_id") && !sent.json.isMember("guest_privilege"), "some stay here");
   bool changes_disks = false;
   for (const char* name : kDiskLists) changes_disks = changes_disks || !parameters[name].empty();
-  const char* const disk_host = mood.has_no_repository_host() ? "" : "north";
+  const bool is_known_guest = parameters["guest_id"] == kGuest;
+  const char* const disk_host = mood.has_no_repository_host() || !is_known_guest ? "" : "north";
   Check(sent.host_id == (changes_disks ? disk_host : "local"), "the right host is asked");
   for (const std::string& name : json::MemberNames(sent.json)) {
     if (name == "api" || name == "method" || name == "version") continue;
@@ -176,7 +177,7 @@ void CheckSent(const Json::Value& parameters, const Mood& mood) {
   for (const char* name : kSentNames) {
     Check(sent.json.isMember(name) == parameters.isMember(name), "what was set is sent, and nothing else");
   }
-  const Json::Value previous = mood.is_unnamed() ? "-" : "web";
+  const Json::Value previous = mood.is_unnamed() || !is_known_guest ? "-" : "web";
   Check(sent.json.isMember("name") == (parameters.isMember("name") && parameters["name"] != previous),
         "a new name is sent");
 }
