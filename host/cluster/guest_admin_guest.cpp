@@ -1,5 +1,5 @@
 // Changes of who may use one guest, in the records of many users and groups at once.
-#include <algorithm>
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
