@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/base/accounts.h"
 #include "host/store/store.h"
@@ -24,6 +25,8 @@ struct Environment {
   // The id of the request that the calling thread works for, empty without one; for entries of the cluster log. Null:
   // they name none.
   std::string_view (*request_id)() = nullptr;
+  // The folders below which a guest's drive may find an image that a user names by its path. Empty: no path is valid.
+  std::vector<std::string> image_roots{};
 };
 
 // Makes the operations of webapi/platform/ccc.h, dr_cache.h and base.h work on `environment`; without one every

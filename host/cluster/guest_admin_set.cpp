@@ -1,25 +1,18 @@
 // Changes of guest-admin records, and the identifiers that lead to them.
 #include <charconv>
-#include <utility>
 
-#include "host/base/json_parse.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/guest_admin.h"
+#include "host/cluster/guest_admin_record.h"
 #include "host/cluster/object_edit.h"
-#include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::Rule;
-
-// As the command line makes them.
-constexpr char kOrdinaryLevel[] = "user";
 
 // Exactly what GuestAdminIdentifier gives for some number.
 bool IsIdentifier(std::string_view text) {
@@ -33,20 +26,7 @@ bool IsIdentifier(std::string_view text) {
   return false;
 }
 
-// An id that no guest can have is no guest's; one that is no UTF-8 would also make the record unreadable.
-bool IsGuestRule(const Rule& rule) {
-  if (rule.category != keys::guest || rule.id.empty() || !IsValidUtf8(rule.id)) return false;
-  return store::IsKey(store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), rule.id, keys::object}));
-}
-
-void Apply(Json::Value& guests, const Rule& rule) {
-  if (rule.allow) {
-    guests[rule.id] = true;
-  } else {
-    // Its form for texts stops at a NUL.
-    guests.removeMember(rule.id.data(), rule.id.data() + rule.id.size(), nullptr);
-  }
-}
+bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
 
 // What to commit; nothing when the record is as the rules want it.
 Result<store::Transaction> PlanRules(const store::Store& store, const std::string& key,
@@ -55,23 +35,14 @@ Result<store::Transaction> PlanRules(const store::Store& store, const std::strin
   if (!snapshot) return snapshot.error();
   Result<StoredObject> stored = LoadObject(**snapshot, key);
   if (!stored) return stored.error();
-  const Json::Value before = json::Member(stored->record, keys::guests);
-  // Not overwritten: it may be all that is left of somebody's grants.
-  if (!before.isNull() && !before.isObject()) {
-    return Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are no object: repair or delete the record");
-  }
-  Json::Value guests = before.isNull() ? Json::Value(Json::objectValue) : before;
-  for (const Rule& rule : rules) Apply(guests, rule);
+  const Result<bool> differs = ApplyRules(*stored, key, rules);
+  if (!differs) return differs.error();
   store::Transaction transaction;
-  const bool is_same = before.isNull() ? guests.empty() : guests == before;
-  if (is_same) return transaction;
-  if (stored->revision == 0) stored->record[keys::authlevel] = kOrdinaryLevel;
-  stored->record[keys::guests] = std::move(guests);
-  PutObject(transaction, key, *stored);
+  if (*differs) PutObject(transaction, key, *stored);
   return transaction;
 }
 
-Status ApplyRules(store::Store& store, const std::string& identifier, const std::vector<Rule>& rules) {
+Status SetRules(store::Store& store, const std::string& identifier, const std::vector<Rule>& rules) {
   if (!IsIdentifier(identifier)) {
     return Error(ErrorCode::kInvalid, "This is the identifier of no user and no group");
   }
@@ -105,7 +76,7 @@ std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numer
 int gaUserSet(const std::string& identifier, const std::string& empty, const std::vector<Rule>& rules) {
   const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
   if (!environment || !empty.empty()) return -1;
-  return vexa::cluster::ApplyRules(*environment->store, identifier, rules) ? 0 : -1;
+  return vexa::cluster::SetRules(*environment->store, identifier, rules) ? 0 : -1;
 }
 
 }  // namespace VexaCCC

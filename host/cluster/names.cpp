@@ -68,6 +68,22 @@ bool jsChkMemberInDepth(const Json::Value& value, std::initializer_list<const ch
   return true;
 }
 
+std::string join(const Json::Value& array, const std::string& separator) {
+  namespace json = VexaVirtualization::json;
+  std::string joined;
+  for (Json::ArrayIndex i = 0; i < json::Elements(array).size(); ++i) {
+    if (i > 0) joined += separator;
+    joined += json::String(json::Element(array, i));
+  }
+  return joined;
+}
+
+Json::Value makeJsonObject(const std::map<std::string, std::string>& members) {
+  Json::Value object(Json::objectValue);
+  for (const auto& [name, text] : members) object[name] = text;
+  return object;
+}
+
 std::string TrimOVSPrefix(const std::string& name) {
   constexpr std::string_view kPrefix = "ovs_";
   return name.starts_with(kPrefix) ? name.substr(kPrefix.size()) : name;

@@ -156,6 +156,7 @@ bool isUUID(const std::string& text) { return text.size() == 36; }
 
 int CheckNameConflict(const std::string& name, const DB::DashCate& category) {
   Platform().asked_names.push_back(std::string(category.name()) + "/" + name);
+  Platform().calls.push_back("conflict " + Platform().asked_names.back());
   return Platform().conflict_result;
 }
 

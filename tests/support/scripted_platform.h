@@ -88,8 +88,21 @@ struct ScriptedPlatform {
   std::vector<std::string> deleted_guests;
   int guest_delete_result = 0;
 
+  // The rights on guests that were set, and what that gives.
+  std::vector<std::pair<std::string, std::vector<VexaCCC::tagGuestAdminRule>>> guest_sets;
+  int guest_set_result = 0;
+  std::vector<std::string> guest_set_failures;
+
+  // The ids and paths of images that can be used, and the paths that only look like one. `asked_images` has what was
+  // asked, as "id <text>", "path <text>" and "form <text>".
+  std::set<std::string> image_ids;
+  std::set<std::string> image_paths;
+  std::set<std::string> image_forms;
+  std::vector<std::string> asked_images;
+
   // What was called in which order: "send <host>/<method>", "guest_host <guest>", "auto_select", "upgrading",
-  // "name <category>/<id>", "log <priority>", "guest_delete <guest>", "rights".
+  // "name <category>/<id>", "conflict <category>/<name>", "log <priority>", "guest_delete <guest>",
+  // "guest_set <guest>", "rights".
   std::vector<std::string> calls;
 
   // High availability, by group; as the local configuration. Results are by "state", "warn" and "error".

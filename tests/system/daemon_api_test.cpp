@@ -25,6 +25,7 @@ using vexa::test::kTestPassword;
 using vexa::test::TestDaemon;
 
 const std::string kGetPath = "/webapi/VEXA.Virtualization.Guest/get";
+const std::string kSetPath = "/webapi/VEXA.Virtualization.Guest/set";
 const std::string kDeletePath = "/webapi/VEXA.Virtualization.Guest/delete";
 const std::string kPowerPath = "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl";
 const std::string kLogPath = "/webapi/VEXA.Virtualization.Log/list";
@@ -98,7 +99,7 @@ void CheckRole(HttpClient client, const Role& role, const std::map<std::string, 
 TEST_F(DaemonApi, PermissionMatrix_OverHttp) {
   const auto access_by_path = AccessByPath(daemon_->Tcp());
   ASSERT_GE(access_by_path.size(), 11u);
-  for (const std::string& path : {kGetPath, kDeletePath, kPowerPath, kLogPath}) {
+  for (const std::string& path : {kGetPath, kSetPath, kDeletePath, kPowerPath, kLogPath}) {
     EXPECT_TRUE(access_by_path.contains(path)) << path;
   }
   for (const Role& role : kRoles) {
@@ -124,6 +125,34 @@ TEST_F(DaemonApi, PermissionMatrix_OfPowerDeletionAndLog) {
     EXPECT_EQ(ErrorCode(client.PostJson(kPowerPath, power)), row.power) << row.role;
     EXPECT_EQ(ErrorCode(client.PostJson(kDeletePath, kGetBody)), row.deletion) << row.role;
     EXPECT_EQ(ErrorCode(client.PostJson(kLogPath, "{}")), row.log) << row.role;
+  }
+}
+
+// What the host answers to those who may is not looked at here: anything but a refusal of the caller or of the form.
+TEST_F(DaemonApi, PermissionMatrix_OfEditing) {
+  constexpr int kDone = -1;
+  struct Row {
+    const char* role;
+    int everything;
+    int firmware;
+  };
+  constexpr Row kRows[] = {{"admin", kDone, kDone}, {"adam", kDone, kDone}, {"grace", 409, kDone},
+                           {"carol", 409, kDone},   {"mallory", 409, 409},  {"nobody", 103, 103}};
+  const std::string with_id = std::string("{\"guest_id\":\"") + kTestGuest + "\",";
+  const auto expect = [](int code, int expected, const std::string& what) {
+    if (expected == kDone) {
+      EXPECT_TRUE(code != 401 && code != 409 && code >= 0 && (code == 0 || code > 118)) << what << " " << code;
+    } else {
+      EXPECT_EQ(code, expected) << what;
+    }
+  };
+  for (const Row& row : kRows) {
+    HttpClient client = row.role == std::string("nobody") ? daemon_->Tcp() : daemon_->TcpAs(row.role);
+    expect(ErrorCode(client.PostJson(kSetPath, with_id + "\"desc\":\"\"}")), row.everything, row.role);
+    expect(ErrorCode(client.PostJson(kSetPath, with_id + "\"use_ovmf\":false}")), row.firmware, row.role);
+    expect(ErrorCode(client.PostJson(kSetPath, with_id + "\"use_ovmf\":null}")), row.everything == 103 ? 103 : 401,
+           row.role);
+    expect(ErrorCode(client.PostJson(kSetPath, with_id + "\"guest_privilege\":[]}")), row.everything, row.role);
   }
 }
 

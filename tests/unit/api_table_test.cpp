@@ -105,6 +105,27 @@ TEST(GuestRows, PowerAndDeletion_WaitOnTheLongLaneAndAreForUsers) {
                               915, 927, 928, 932, 933, 939, 944, 947, 954, 959, 965}));
 }
 
+TEST(GuestRows, Editing_WaitsOnTheLongLaneAndTakes26Parameters) {
+  const ApiTable table(vexa::daemon::GuestRows());
+  const ApiRow* row = table.Find("VEXA.Virtualization.Guest", "set", 1);
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(row->access.value, Access::kUser);
+  EXPECT_EQ(row->lane.value, LaneKind::kLong);
+  std::string parameters;
+  for (const auto& parameter : row->parameters) {
+    EXPECT_EQ(parameter.necessity == Necessity::kRequired, parameter.name == "guest_id") << parameter.name;
+    EXPECT_FALSE(parameter.description.empty());
+    parameters += std::string(parameter.name) + ":" + std::to_string(static_cast<int>(parameter.type)) + " ";
+  }
+  EXPECT_EQ(parameters,
+            "guest_id:0 name:0 vcpu_num:1 vram_size:1 video_card:0 repo_id:0 desc:0 cpu_passthru:2 autorun:1 "
+            "boot_from:0 use_ovmf:2 vnics_add:3 vnics_del:3 vnics_edit:3 vdisks_add:3 vdisks_del:3 vdisks_edit:3 "
+            "vdisks_order:3 guest_privilege:3 iso_images:3 usb_version:1 usbs:3 hyperv_enlighten:2 kb_layout:0 "
+            "cpu_pin_num:1 cpu_weight:1 ");
+  EXPECT_EQ(row->errors, (std::vector<int>{401, 403, 406, 407, 409, 411, 413, 909, 910,  919,
+                                           920, 926, 930, 934, 935, 937, 943, 946, 1001, 1600}));
+}
+
 TEST(ErrorTable, WhatTheServerRefuses_HasARowOfTheSameStatus) {
   for (const int status : {400, 408, 413, 414, 417, 431, 500, 501, 503, 505}) {
     EXPECT_EQ(ErrorOfHttpStatus(status).http_status, status);

@@ -69,18 +69,6 @@ constexpr FailureRow kFailures[] = {
 
 // clang-format on
 
-// A format may ask for the texts that Tell hands it and for nothing else.
-constexpr bool IsSound(const Line& line) {
-  if (line.fill == Fill::kNoLine) return line.format == nullptr;
-  int placeholders = 0;
-  for (const char* c = line.format; *c; ++c) {
-    if (*c != '%') continue;
-    if (*++c != 's') return false;
-    ++placeholders;
-  }
-  return placeholders == (line.fill == Fill::kGuestAndHost ? 2 : 1);
-}
-
 constexpr bool AreSound() {
   for (const Action& action : kActions) {
     if (!IsSound(action.success) || !IsSound(action.other_failure)) return false;
@@ -110,15 +98,5 @@ Failure FailureOf(const Action& action, int host_code) {
 }
 
 Line IncompatibleLine() { return {kIncompatibleLine, Fill::kOperation}; }
-
-void Tell(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line, const Values& values) {
-  if (line.fill == Fill::kNoLine) return;
-  const std::string& first = line.fill == Fill::kOperation ? values.operation : values.guest;
-  // The formats are the rows above, which have been checked; a value that a line has no place for is ignored.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  VexaCCC::ClusterLogAdd(user, priority, line.format, first.c_str(), values.host.c_str());
-#pragma GCC diagnostic pop
-}
 
 }  // namespace VexaVirtualization::power

@@ -1,21 +1,11 @@
 // What power control can be asked for, and what it answers and tells users. For this library only.
 #pragma once
 
-#include <string>
 #include <string_view>
 
-#include "webapi/platform/ccc_log.h"
+#include "webapi/guest/cluster_line.h"
 
 namespace VexaVirtualization::power {
-
-// What fills the placeholders of a line, in order.
-enum class Fill { kNoLine, kGuest, kGuestAndHost, kOperation };
-
-// A line of the cluster log.
-struct Line {
-  const char* format = nullptr;
-  Fill fill = Fill::kNoLine;
-};
 
 struct Action {
   enum class Target { kGuestsHost, kListedHosts };
@@ -45,15 +35,5 @@ Failure FailureOf(const Action& action, int host_code);
 
 // The refusal of an operation that the versions of the cluster do not allow.
 Line IncompatibleLine();
-
-// The values of a line's placeholders.
-struct Values {
-  std::string guest;
-  std::string host;
-  std::string operation;
-};
-
-// Writes the line, if it is one, to the cluster log.
-void Tell(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line, const Values& values);
 
 }  // namespace VexaVirtualization::power

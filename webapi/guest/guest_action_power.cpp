@@ -51,10 +51,10 @@ int ControlOnItsHost(const std::string& user, const Action& action, const std::s
                      const VexaDRCore::Request& request) {
   std::string host_id;
   if (const int failure = FindHost(guest_id, host_id)) return failure;
-  power::Values values;
+  LineValues values;
   values.operation = std::string(action.name) + " virtual machine";
   if (IsRefusedInUpgrade(action, host_id)) {
-    power::Tell(user, VexaCCC::CLOG_PRIORITY_FAILURE, power::IncompatibleLine(), values);
+    Tell(user, VexaCCC::CLOG_PRIORITY_FAILURE, power::IncompatibleLine(), values);
     return kInUpgrade;
   }
   // A name that is not known stays empty.
@@ -64,12 +64,12 @@ int ControlOnItsHost(const std::string& user, const Action& action, const std::s
   sender.setHost(host_id);
   const VexaDRCore::Response reply = sender.process(request);
   if (reply.isSuccess()) {
-    power::Tell(user, VexaCCC::CLOG_PRIORITY_SUCCESS, action.success, values);
+    Tell(user, VexaCCC::CLOG_PRIORITY_SUCCESS, action.success, values);
     return 0;
   }
   transport::LogBadResponse(LOG_ERR, __LINE__, reply, request, "guest_action");
   const power::Failure failure = power::FailureOf(action, reply.getErrCode());
-  power::Tell(user, VexaCCC::CLOG_PRIORITY_FAILURE, failure.line, values);
+  Tell(user, VexaCCC::CLOG_PRIORITY_FAILURE, failure.line, values);
   return failure.answer;
 }
 

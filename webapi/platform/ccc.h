@@ -4,6 +4,7 @@
 #include <json/value.h>
 
 #include <initializer_list>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -83,6 +84,12 @@ int GetNameById(const DB::DashCate& category, const std::string& id, std::string
 
 // Whether every step of `path` is a member of an object; false, never an error, for any non-object on the way.
 bool jsChkMemberInDepth(const Json::Value& value, std::initializer_list<const char*> path);
+
+// The texts of `array`, with the separator between two of them; "" for anything but an array.
+std::string join(const Json::Value& array, const std::string& separator);
+
+// An object with these members, all strings.
+Json::Value makeJsonObject(const std::map<std::string, std::string>& members);
 
 // `name` without a leading "ovs_".
 std::string TrimOVSPrefix(const std::string& name);

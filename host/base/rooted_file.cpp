@@ -1,0 +1,89 @@
+#include "host/base/rooted_file.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+namespace vexa {
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Whether `path` is a slash and names with one slash between two of them.
+bool IsPlain(std::string_view path) {
+  if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) return false;
+  while (!path.empty()) {
+    path.remove_prefix(1);
+    const std::string_view segment = path.substr(0, path.find('/'));
+    if (segment.empty() || segment == "." || segment == "..") return false;
+    path.remove_prefix(segment.size());
+  }
+  return true;
+}
+
+// One segment after the other; O_PATH, so that nothing is opened that would wait or do something.
+Descriptor OpenByWalking(int root, const std::string& below) {
+  Descriptor at(::openat(root, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  for (std::size_t begin = 0; at.get() >= 0 && begin < below.size();) {
+    const std::size_t end = std::min(below.find('/', begin), below.size());
+    const int folder = end == below.size() ? 0 : O_DIRECTORY;
+    const std::string name = below.substr(begin, end - begin);
+    at = Descriptor(::openat(at.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | folder));
+    begin = end + 1;
+  }
+  return at;
+}
+
+Descriptor Open(int root, const std::string& below, ResolvePath resolve) {
+  if (resolve == ResolvePath::kByWalking) return OpenByWalking(root, below);
+  open_how how{};
+  how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  const long fd = ::syscall(SYS_openat2, root, below.c_str(), &how, sizeof how);
+  // EPERM: what filters of system calls answer that do not know this one. EAGAIN: something was renamed meanwhile.
+  if (fd < 0 && (errno == ENOSYS || errno == EPERM || errno == EAGAIN)) return OpenByWalking(root, below);
+  return Descriptor(static_cast<int>(fd));
+}
+
+bool IsRegularFile(const std::string& root, const std::string& below, ResolvePath resolve) {
+  const Descriptor top(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (top.get() < 0) return false;
+  const Descriptor file = Open(top.get(), below, resolve);
+  struct stat info {};
+  return file.get() >= 0 && ::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+}  // namespace
+
+bool IsRegularFileBelow(const std::vector<std::string>& roots, const std::string& path, ResolvePath resolve) {
+  if (!IsPlain(path)) return false;
+  return std::ranges::any_of(roots, [&](std::string root) {
+    if (!root.starts_with('/') || root.find('\0') != std::string::npos) return false;
+    if (!root.ends_with('/')) root += '/';
+    return path.starts_with(root) && IsRegularFile(root, path.substr(root.size()), resolve);
+  });
+}
+
+}  // namespace vexa
