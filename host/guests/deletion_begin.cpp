@@ -6,6 +6,7 @@
 #include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
+#include "host/guests/edit.h"
 #include "host/guests/run_record.h"
 
 namespace vexa::guests {
@@ -76,7 +77,7 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
   record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
   record_.files = selection_.files;
   store::Transaction transaction;
-  transaction.compares = {{RunKey(guest_id_), 0}, {DeletionKey(guest_id_), 0}, plan_->compares.front()};
+  transaction.compares = {{RunKey(guest_id_), 0}, {DeletionKey(guest_id_), 0}, {EditKey(guest_id_), 0}, plan_->compares.front()};
   transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(record_)});
   Step("commit hiding");
   return transaction;
@@ -86,6 +87,7 @@ Result<Refused> DeletionJob::RefuseTaken() {
   const auto deletion = ReadNow();
   if (!deletion) return deletion.error();
   if (*deletion) return Refused(DeletedByOther(**deletion));
+  if (Refused edited = EditUnderWay(*options_.store, guest_id_)) return edited;
   const auto run = ReadRun(*options_.store, guest_id_);
   if (!run) return run.error();
   if (!*run) return Refused();
