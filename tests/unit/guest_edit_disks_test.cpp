@@ -19,9 +19,9 @@ using guests::EditOptions;
 using guests::Edits;
 using guests::Refused;
 using testing::HasSubstr;
-using Images = std::map<std::string, long long>;
+using Images = std::map<std::string, std::int64_t>;
 
-constexpr long long kMib = 1024 * 1024;
+constexpr std::int64_t kMib = 1024 * 1024;
 
 std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
 

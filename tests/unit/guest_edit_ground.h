@@ -55,13 +55,13 @@ class EditGround {
   std::string File(const std::string& name) const { return folder_.File(name); }
 
   // The size that a guest sees of each image, by its file's name; of anything else -1.
-  std::map<std::string, long long> Images() const {
-    std::map<std::string, long long> images;
+  std::map<std::string, std::int64_t> Images() const {
+    std::map<std::string, std::int64_t> images;
     if (!std::filesystem::exists(Folder())) return images;
     for (const auto& entry : std::filesystem::directory_iterator(Folder())) {
       auto size = hypervisor::ReadImageSize(entry.path(), hypervisor::ImageFormat::kQcow2);
       if (!size) size = hypervisor::ReadImageSize(entry.path(), hypervisor::ImageFormat::kRaw);
-      images[entry.path().filename()] = size ? static_cast<long long>(*size) : -1;
+      images[entry.path().filename()] = size ? static_cast<std::int64_t>(*size) : -1;
     }
     return images;
   }

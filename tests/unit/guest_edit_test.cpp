@@ -45,7 +45,7 @@ class GuestEdit : public testing::Test {
   const std::shared_ptr<store::Store> store_;
   guests::EditOptions options_;
   Texts before_;
-  std::map<std::string, long long> images_;
+  std::map<std::string, std::int64_t> images_;
 };
 
 struct Row {
