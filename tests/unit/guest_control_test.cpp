@@ -70,6 +70,12 @@ class GuestControlTest : public ::testing::Test {
   // What a kill leaves: nothing is told to anybody.
   void Kill() { control_.reset(); }
 
+  std::optional<std::string> StoredGuest() {
+    const auto snapshot = test::Require(host_.store().Read());
+    const auto value = test::Require(snapshot->Get(test::TestHost::ObjectKey("guest", kGuest)));
+    if (!value) return std::nullopt;
+    return std::string(value->text);
+  }
   static std::string State(const std::string& id = kGuest) {
     std::string state;
     return vgConfStateGet(id, state) == 0 ? state : "";
@@ -414,6 +420,35 @@ TEST_F(GuestControlTest, OptionsThatCannotBe_AreErrors) {
   GuestControlOptions options = Options();
   options.hypervisor.mode = "no such thing";
   EXPECT_FALSE(GuestControl::Start(std::move(options)));
+}
+
+TEST_F(GuestControlTest, EditOfARunningGuest_IsPendingUntilTheNextPowerOn) {
+  Start();
+  ASSERT_FALSE(control_->PowerOn(kGuest, kAlice));
+  ASSERT_FALSE(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), kAlice));
+  const auto record = [&] { return Parsed(*StoredGuest()); };
+  EXPECT_EQ(record()["pending"], Parsed(R"(["vram_size"])"));
+  ASSERT_FALSE(control_->PowerOff(kGuest, kAlice));
+  ASSERT_FALSE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_FALSE(record().isMember("pending"));
+  ASSERT_TRUE(RunOf());
+  EXPECT_EQ(RunOf()->memory_mib, 96u);
+  // More processors than the host has cannot be set apart.
+  const Refused refused = control_->Edit(kGuest, Parsed(R"({"vcpu_num":512,"cpu_pin_num":512})"), kAlice);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, kNotPinned);
+}
+
+TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestIsNotStartedOrMoved) {
+  Start();
+  const std::string edit =
+      R"({"host_id":"nas-2","user":"bob","since":0,"stage":"doing","made":[],"hidden":[],"grown":[]})";
+  ASSERT_TRUE(host_.store().Commit({{}, {{EditKey(kGuest), edit}}}));
+  for (const Refused& refused : {control_->PowerOn(kGuest, kAlice), control_->SetHost(kGuest, "host-2")}) {
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, kBusy);
+    EXPECT_THAT(refused->reason, HasSubstr("edited by 'bob'"));
+  }
 }
 
 }  // namespace
