@@ -43,7 +43,8 @@ std::string PartKey(const DashCate& category, const std::string& id) {
 // Reads the records that the guest lists under `name`. A guest that is not whole is refused.
 Status LoadParts(EditedGuest& edited, const char* name, const DashCate& category, std::vector<EditedPart>& parts) {
   const Json::Value& list = json::Elements(json::Member(edited.before, name));
-  if (list.size() > kMaxParts) edited.Refuse(kUnreadable, "The guest's record names too many '" + std::string(name));
+  if (list.size() > kMaxParts)
+    edited.Refuse(kUnreadable, "The guest's record names too many '" + std::string(name) + "'");
   for (Json::ArrayIndex i = 0; i < list.size() && !edited.plan.refused; ++i) {
     const Json::Value& id = json::Element(list, i);
     if (!id.isString()) {

@@ -84,8 +84,8 @@ struct EditedGuest {
   }
 };
 
-// `nothing` is refused that can be told by other guests' records only when it is committed: the transaction compares
-// all that was looked at. Errors: what the store says.
+// The transaction compares all that was looked at, so that who changes any of it meanwhile makes it a conflict. Errors:
+// what the store says.
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
                           const NewIds& ids, const store::Snapshot& snapshot);
 

@@ -21,7 +21,7 @@ class Model {
 
   Json::Value members{Json::objectValue};
   std::vector<std::pair<std::string, std::int64_t>> disks;  // "" for an id that is not known yet; MiB
-  std::vector<std::string> nics;                         // the same
+  std::vector<std::string> nics;                            // the same
 
   // An edit that is in order, and the model after it.
   Json::Value Next() {
