@@ -6,6 +6,7 @@
 #include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
+#include "host/guests/edit_record.h"
 #include "host/guests/run_record.h"
 
 namespace vexa::guests {
@@ -76,16 +77,28 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
   record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
   record_.files = selection_.files;
   store::Transaction transaction;
-  transaction.compares = {{RunKey(guest_id_), 0}, {DeletionKey(guest_id_), 0}, plan_->compares.front()};
+  transaction.compares = {
+      {RunKey(guest_id_), 0}, {DeletionKey(guest_id_), 0}, {EditKey(guest_id_), 0}, plan_->compares.front()};
   transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(record_)});
   Step("commit hiding");
   return transaction;
 }
 
+// One look for all that is usually not there: the longer it takes, the more often others change the guest meanwhile.
 Result<Refused> DeletionJob::RefuseTaken() {
-  const auto deletion = ReadNow();
-  if (!deletion) return deletion.error();
-  if (*deletion) return Refused(DeletedByOther(**deletion));
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    const auto deletion = ReadDeletion(**snapshot, guest_id_);
+    if (!deletion) return deletion.error();
+    if (*deletion) return Refused(DeletedByOther(**deletion));
+    const auto edit = ReadEdit(**snapshot, guest_id_);
+    if (!edit) return edit.error();
+    if (*edit) return Refused(EditedByOther(**edit));
+    const auto run = (*snapshot)->Get(RunKey(guest_id_));
+    if (!run) return run.error();
+    if (!*run) return Refused();
+  }
   const auto run = ReadRun(*options_.store, guest_id_);
   if (!run) return run.error();
   if (!*run) return Refused();

@@ -88,22 +88,6 @@ Status TakeAllListed(const store::Snapshot& snapshot, const std::string& guest_i
   return {};
 }
 
-// A key of its own goes before the record's member.
-Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::Value& guest) {
-  const Json::Value& id = json::Member(guest, keys::repository_id);
-  if (!id.isString()) return std::string();
-  for (const char* name : {keys::host_id, keys::object}) {
-    const auto value = snapshot.Get(store::MakeKey({"dash", DashCate::Repository.name(), json::String(id), name}));
-    if (!value) return value.error();
-    if (!value->has_value()) continue;
-    const Result<Json::Value> parsed = ParseJson((*value)->text);
-    if (!parsed) continue;
-    const Json::Value& host_id = name == keys::object ? json::Member(*parsed, keys::host_id) : *parsed;
-    if (host_id.isString()) return json::String(host_id);
-  }
-  return std::string();
-}
-
 std::set<std::string> ImagesOf(const Json::Value& guest) {
   std::set<std::string> images;
   for (const Json::Value& image : json::Elements(json::Member(guest, keys::iso_images))) {
@@ -128,6 +112,21 @@ std::optional<std::string> WhyLeft(const std::optional<std::string>& normal, con
 }
 
 }  // namespace
+
+Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::Value& guest) {
+  const Json::Value& id = json::Member(guest, keys::repository_id);
+  if (!id.isString()) return std::string();
+  for (const char* name : {keys::host_id, keys::object}) {
+    const auto value = snapshot.Get(store::MakeKey({"dash", DashCate::Repository.name(), json::String(id), name}));
+    if (!value) return value.error();
+    if (!value->has_value()) continue;
+    const Result<Json::Value> parsed = ParseJson((*value)->text);
+    if (!parsed) continue;
+    const Json::Value& host_id = name == keys::object ? json::Member(*parsed, keys::host_id) : *parsed;
+    if (host_id.isString()) return json::String(host_id);
+  }
+  return std::string();
+}
 
 std::string GuestObjectKey(const std::string& guest_id) {
   return store::MakeKey({"dash", DashCate::Guest.name(), guest_id, keys::object});

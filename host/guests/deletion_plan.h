@@ -1,6 +1,8 @@
 // What goes with a guest when it is deleted: its records, and the files that they name.
 #pragma once
 
+#include <json/value.h>
+
 #include <optional>
 #include <set>
 #include <string>
@@ -44,6 +46,10 @@ Result<DeletionPlan> PlanDeletion(const store::Snapshot& snapshot, const std::st
 
 // The same for a guest that has no record: that there is none, and what may be left beside it.
 Result<DeletionPlan> PlanGoneGuest(const store::Snapshot& snapshot, const std::string& guest_id);
+
+// Of the repository that the guest's record names; "" when it is not known. A key of its own goes before the record's
+// member.
+Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::Value& guest);
 
 std::string GuestObjectKey(const std::string& guest_id);
 

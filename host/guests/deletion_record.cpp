@@ -85,6 +85,10 @@ std::string HiddenName(const std::string& guest_id, std::size_t index) {
   return PrefixOf(guest_id) + std::to_string(index);
 }
 
+std::optional<HiddenFile> ParseHiddenFile(const Json::Value& value, const std::string& guest_id) {
+  return ParseFile(value, PrefixOf(guest_id));
+}
+
 std::string DeletionText(const DeletionRecord& record) {
   Json::Value text(Json::objectValue);
   text[kHostId] = record.host_id;

@@ -1,6 +1,8 @@
 // The records of deletions that are not finished; deletion.h says what they mean.
 #pragma once
 
+#include <json/value.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -39,6 +41,9 @@ struct StoredDeletion {
 inline constexpr std::string_view kHiddenPrefix = ".vexa-deleted-";
 // The hidden name of the guest's disk `index`.
 std::string HiddenName(const std::string& guest_id, std::size_t index);
+
+// The file that DeletionText wrote as {"path", "hidden"}. Not set: it is none of this guest's.
+std::optional<HiddenFile> ParseHiddenFile(const Json::Value& value, const std::string& guest_id);
 
 std::string DeletionText(const DeletionRecord& record);
 

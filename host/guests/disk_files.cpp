@@ -115,6 +115,28 @@ int UnlinkInFolder(int folder, const char* name) { return ::unlinkat(folder, nam
 
 int SyncFolder(int folder) { return ::fsync(folder) == 0 ? 0 : errno; }
 
+int CreateInFolder(int folder, const char* name, int* file) {
+  *file = ::openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  return *file >= 0 ? 0 : errno;
+}
+
+int SetFileLength(int file, std::uint64_t length) {
+  return ::ftruncate(file, static_cast<off_t>(length)) == 0 ? 0 : errno;
+}
+
+int WriteToFile(int file, std::string_view bytes, std::uint64_t offset) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return count < 0 ? errno : EIO;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+    offset += static_cast<std::uint64_t>(count);
+  }
+  return 0;
+}
+
+int SyncFile(int file) { return ::fsync(file) == 0 ? 0 : errno; }
+
 std::optional<std::string> NormalPath(std::string_view path) {
   const bool can_be_one = !path.empty() && path.size() < PATH_MAX && path.front() == '/' && path.back() != '/' &&
                           path.find('\0') == std::string_view::npos;
@@ -217,6 +239,84 @@ Status DiskFiles::Remove(const std::string& path) const { return Unlink(path, pa
 
 Status DiskFiles::RemoveHidden(const std::string& path, const std::string& hidden) const {
   return Unlink(path, hidden);
+}
+
+Status DiskFiles::Create(const std::string& path, std::uint64_t length, const std::vector<FilePiece>& pieces) const {
+  const Result<Place> place = Open(path);
+  if (!place) return place.error();
+  int created = -1;
+  if (const int error_number = calls_.create(place->folder.get(), place->name.c_str(), &created)) {
+    return Failed("create", path, error_number);
+  }
+  const Descriptor file(created);
+  int error_number = calls_.set_length(file.get(), length);
+  for (const FilePiece& piece : pieces) {
+    if (error_number == 0) error_number = calls_.write(file.get(), piece.bytes, piece.offset);
+  }
+  if (error_number == 0) error_number = calls_.sync_file(file.get());
+  if (error_number == 0) return {};
+  (void)calls_.unlink(place->folder.get(), place->name.c_str());
+  return Failed("create", path, error_number);
+}
+
+Status DiskFiles::WithFile(const std::string& path, int access, const std::function<Status(int file)>& act) const {
+  const Result<Place> place = Open(path);
+  if (!place) return place.error();
+  // Not blocking: opening a FIFO would wait for somebody at its other end.
+  const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const Descriptor file(::openat(place->folder.get(), place->name.c_str(), flags));
+  if (file.get() < 0 && errno == ELOOP) return Error(ErrorCode::kInvalid, "it is a symbolic link");
+  if (file.get() < 0) return Failed("open", path, errno);
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0) return Failed("look at", path, errno);
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  return act(file.get());
+}
+
+Result<std::uint64_t> DiskFiles::Length(const std::string& path) const {
+  std::uint64_t length = 0;
+  const Status done = WithFile(path, O_RDONLY, [&](int file) -> Status {
+    struct stat info {};
+    if (::fstat(file, &info) != 0) return Failed("look at", path, errno);
+    length = static_cast<std::uint64_t>(info.st_size);
+    return {};
+  });
+  if (!done) return done.error();
+  return length;
+}
+
+Result<std::string> DiskFiles::ReadAt(const std::string& path, std::uint64_t offset, std::size_t count) const {
+  std::string bytes(count, '\0');
+  const Status done = WithFile(path, O_RDONLY, [&](int file) -> Status {
+    std::size_t have = 0;
+    while (have < count) {
+      const ssize_t more = ::pread(file, bytes.data() + have, count - have, static_cast<off_t>(offset + have));
+      if (more < 0 && errno == EINTR) continue;
+      if (more < 0) return Failed("read", path, errno);
+      if (more == 0) break;
+      have += static_cast<std::size_t>(more);
+    }
+    bytes.resize(have);
+    return {};
+  });
+  if (!done) return done.error();
+  return bytes;
+}
+
+Status DiskFiles::SetLength(const std::string& path, std::uint64_t length) const {
+  return WithFile(path, O_RDWR, [&](int file) -> Status {
+    int error_number = calls_.set_length(file, length);
+    if (error_number == 0) error_number = calls_.sync_file(file);
+    return error_number == 0 ? Status() : Failed("resize", path, error_number);
+  });
+}
+
+Status DiskFiles::WriteAt(const std::string& path, const FilePiece& piece) const {
+  return WithFile(path, O_RDWR, [&](int file) -> Status {
+    int error_number = calls_.write(file, piece.bytes, piece.offset);
+    if (error_number == 0) error_number = calls_.sync_file(file);
+    return error_number == 0 ? Status() : Failed("write", path, error_number);
+  });
 }
 
 Status DiskFiles::Sync(const std::string& path) const {

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -20,13 +21,27 @@ namespace vexa::guests {
 int RenameInFolder(int folder, const char* from, const char* to);  // EEXIST when there is a `to`
 int UnlinkInFolder(int folder, const char* name);
 int SyncFolder(int folder);
+// The same for those that change a file.
+int CreateInFolder(int folder, const char* name, int* file);  // mode 0600; EEXIST when there is one
+int SetFileLength(int file, std::uint64_t length);
+int WriteToFile(int file, std::string_view bytes, std::uint64_t offset);  // all of them
+int SyncFile(int file);
 
 struct FileCalls {
   std::function<int(int folder, const char* from, const char* to)> rename = RenameInFolder;
   std::function<int(int folder, const char* name)> unlink = UnlinkInFolder;
   std::function<int(int folder)> sync = SyncFolder;
+  std::function<int(int folder, const char* name, int* file)> create = CreateInFolder;
+  std::function<int(int file, std::uint64_t length)> set_length = SetFileLength;
+  std::function<int(int file, std::string_view bytes, std::uint64_t offset)> write = WriteToFile;
+  std::function<int(int file)> sync_file = SyncFile;
   enum class Resolve { kBySystem, kByWalking };  // walking is what a system without openat2(2) does in any case
   Resolve resolve = Resolve::kBySystem;
+};
+
+struct FilePiece {
+  std::uint64_t offset = 0;
+  std::string bytes;
 };
 
 // What two names of one file have in common.
@@ -62,6 +77,15 @@ class DiskFiles {
   Status Show(const std::string& path, const std::string& hidden) const;
   Status Remove(const std::string& path) const;
   Status RemoveHidden(const std::string& path, const std::string& hidden) const;
+  // A new file that only its owner can read, `length` bytes long, sparse but for `pieces`, on the disk. kConflict when
+  // there is one; of what fails otherwise no file is left, as far as it can be removed.
+  Status Create(const std::string& path, std::uint64_t length, const std::vector<FilePiece>& pieces) const;
+  Result<std::uint64_t> Length(const std::string& path) const;
+  // As many of the bytes as there are.
+  Result<std::string> ReadAt(const std::string& path, std::uint64_t offset, std::size_t count) const;
+  // Both are on the disk when they return.
+  Status SetLength(const std::string& path, std::uint64_t length) const;
+  Status WriteAt(const std::string& path, const FilePiece& piece) const;
   // Makes what was done in the folder of `path` last. Not an error: there is no such folder.
   Status Sync(const std::string& path) const;
 
@@ -70,6 +94,8 @@ class DiskFiles {
   Result<Place> Open(const std::string& path) const;
   Status Rename(const std::string& path, const std::string& from, const std::string& to) const;
   Status Unlink(const std::string& path, const std::string& name) const;
+  // Of a regular file.
+  Status WithFile(const std::string& path, int access, const std::function<Status(int file)>& act) const;
 
   std::vector<std::string> roots_;  // normal, "" for the root of the file system, longest first
   const FileCalls calls_;

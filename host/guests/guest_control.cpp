@@ -1,5 +1,6 @@
 #include "host/guests/guest_control.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -9,9 +10,12 @@
 #include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {
+
+namespace json = VexaVirtualization::json;
 
 DeletionOptions OptionsOfDeletion(const GuestControlOptions& options) {
   DeletionOptions deletion;
@@ -20,6 +24,21 @@ DeletionOptions OptionsOfDeletion(const GuestControlOptions& options) {
   deletion.image_roots = options.image_roots;
   deletion.before_step = options.before_step;
   return deletion;
+}
+
+// The path of an image in a drive, which a record names by the path or by the image's id.
+Result<std::string> ImagePath(const std::string& image) {
+  if (image.starts_with('/')) return image;
+  const Result<cluster::Record> record = cluster::ReadObject("image", image);
+  if (!record) return record.error();
+  const Json::Value& path = json::Member(**record, "path");
+  if (path.isString()) return json::String(path);
+  return Error(ErrorCode::kCorrupt, "The record of the image '" + image + "' says no path");
+}
+
+bool IsFile(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 }  // namespace
@@ -33,7 +52,21 @@ Result<std::unique_ptr<GuestControl>> GuestControl::Start(GuestControlOptions op
 }
 
 LibvirtGuestControl::LibvirtGuestControl(GuestControlOptions options, std::uint64_t epoch)
-    : options_(std::move(options)), deletion_(OptionsOfDeletion(options_)), sequencer_(epoch) {}
+    : options_(std::move(options)),
+      deletion_(OptionsOfDeletion(options_)),
+      edits_(OptionsOfEdits()),
+      sequencer_(epoch) {}
+
+EditOptions LibvirtGuestControl::OptionsOfEdits() {
+  EditOptions edits;
+  edits.store = options_.store;
+  edits.host_id = options_.host_id;
+  edits.image_roots = options_.image_roots;
+  edits.before_step = options_.before_step;
+  edits.rate_pins = [this](const Guest& edited) { return RatePins(edited); };
+  if (!ForgetsGuests()) edits.has_file = IsFile;
+  return edits;
+}
 
 LibvirtGuestControl::~LibvirtGuestControl() {
   BeginStop();
@@ -80,6 +113,7 @@ Status LibvirtGuestControl::Begin() {
     const std::lock_guard lock(callback_mutex_);
     is_open_ = true;
   }
+  edits_.FinishAll();
   deletion_.FinishAll();
   if (hypervisor_->IsConnected()) {
     Reconcile();
@@ -168,6 +202,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const Run
   // The embedded driver has no cgroups of its own.
   if (options_.hypervisor.mode == "embed") build.cpu_shares = hypervisor::CpuShares::kLeftOut;
   build.pinned_cpus = run.pinned_cpus;
+  build.image_path = ImagePath;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
   return hypervisor::BuildDomainXml(guest.records, build);
 }

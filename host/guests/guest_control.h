@@ -1,6 +1,8 @@
 // What this host does with the guests it runs: power, and keeping records and hypervisor in agreement.
 #pragma once
 
+#include <json/value.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -73,6 +75,9 @@ class GuestControl {
 
   // See Deletion::Delete.
   virtual Refused Delete(const std::string& guest_id, const Requester& requester) = 0;
+  // See Edits::Edit. What a guest that runs cannot take at once counts from its next start, and is in the record's
+  // "pending" until then.
+  virtual Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) = 0;
   // Makes `host_id` the guest's host. Refusals: 403 (no such guest or host), 910 (a host has it), 915, 901.
   virtual Refused SetHost(const std::string& guest_id, const std::string& host_id) = 0;
 

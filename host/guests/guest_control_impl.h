@@ -13,6 +13,7 @@
 
 #include "host/cluster/live_state.h"
 #include "host/guests/claims.h"
+#include "host/guests/edit.h"
 #include "host/guests/guest_control.h"
 #include "host/guests/run_record.h"
 #include "host/guests/shut_downs.h"
@@ -34,6 +35,7 @@ class LibvirtGuestControl final : public GuestControl {
   Refused Reboot(const std::string& guest_id, const Requester& requester) override;
   Refused Fence(const std::string& guest_id) override;
   Refused Delete(const std::string& guest_id, const Requester& requester) override;
+  Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Refused SetHost(const std::string& guest_id, const std::string& host_id) override;
   Result<Rating> RateGuest(const std::string& guest_id) override;
   std::optional<RunningGuest> Running(const std::string& guest_id) override;
@@ -49,8 +51,12 @@ class LibvirtGuestControl final : public GuestControl {
   // Commits that this host has the guest, after all checks; the processors to set apart for it.
   std::variant<Run, Refusal> Reserve(const Guest& guest);
   Refused StartReserved(const Guest& guest, const Run& run, const Starts::Start& start);
+  // Takes "pending" off the guest's record: it is about to start as that says.
+  Status ClearPending(const std::string& guest_id);
   Refused RefuseTaken(const std::string& guest_id) const;
   Refused Ask(const std::string& guest_id, const std::function<Done()>& ask);
+  // Whether a guest that runs could have the processors of its own that its edited record asks for.
+  Refused RatePins(const Guest& edited);
   bool PressAgain(const std::string& guest_id);
 
   // guest_look.cpp
@@ -70,6 +76,7 @@ class LibvirtGuestControl final : public GuestControl {
   // guest_control.cpp
   Result<HostResources> Resources(const std::string& but_guest_id);
   Result<hypervisor::Node> NodeFigures();
+  EditOptions OptionsOfEdits();
   Result<std::string> DomainXml(const Guest& guest, const Run& run);
   std::vector<std::string> LibvirtNetworks();
   bool ForgetsGuests() const { return options_.hypervisor.mode == "test"; }
@@ -80,6 +87,7 @@ class LibvirtGuestControl final : public GuestControl {
 
   const GuestControlOptions options_;
   Deletion deletion_;
+  Edits edits_;
   cluster::Sequencer sequencer_;
   Claims claims_;
   Starts starts_;

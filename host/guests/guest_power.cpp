@@ -1,6 +1,7 @@
 // Starting and stopping the guests of this host.
 #include <syslog.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "host/cluster/object_edit.h"
@@ -50,6 +51,11 @@ void LogDone(const std::string& guest_id, std::string_view action, const Refused
   }
 }
 
+Json::Value WithoutPending(Json::Value guest) {
+  guest.removeMember(kPending);
+  return guest;
+}
+
 }  // namespace
 
 Refusal RefusalOf(const hypervisor::Failure& failure) { return {CodeFor(failure.problem()), failure.ToString()}; }
@@ -77,7 +83,8 @@ Refused LibvirtGuestControl::RefuseTaken(const std::string& guest_id) const {
   const auto run = ReadRun(*options_.store, guest_id);
   if (!run) return RefusalOf(run.error());
   if (*run) return Refusal{kRunsAlready, "The host " + (*run)->run.host_id + " has the guest"};
-  return DeletionUnderWay(*options_.store, guest_id);
+  if (Refused deleted = DeletionUnderWay(*options_.store, guest_id)) return deleted;
+  return EditUnderWay(*options_.store, guest_id);
 }
 
 Refused LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requester& requester) {
@@ -100,12 +107,13 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
   auto reserved = Reserve(*guest);
   if (auto* refusal = std::get_if<Refusal>(&reserved)) return std::move(*refusal);
   Step("poweron: reserved");
+  if (const Status cleared = ClearPending(guest_id); !cleared) return RefusalOf(cleared.error());
   // From now on nobody gives the guest to another host; what was changed before counts.
   cluster::RequestScope::ReleaseSnapshot();
   const Result<Guest> current = ReadGuest(guest_id);
   if (!current) return RefusalOf(current.error());
   cluster::RequestScope::ReleaseSnapshot();
-  if (current->records.guest != guest->records.guest) {
+  if (WithoutPending(current->records.guest) != WithoutPending(guest->records.guest)) {
     return Refusal{kBusy, "The guest was changed in this moment; try again"};
   }
   return StartReserved(*current, std::get<Run>(reserved), start);
@@ -125,7 +133,9 @@ std::variant<Run, Refusal> LibvirtGuestControl::Reserve(const Guest& guest) {
   run.memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
   run.pinned_cpus = std::move(rating.pinned_cpus);
   store::Transaction transaction;
-  transaction.compares = {{RunKey(guest.records.id), 0}, {DeletionKey(guest.records.id), 0}};
+  for (const std::string& key : {RunKey(guest.records.id), DeletionKey(guest.records.id), EditKey(guest.records.id)}) {
+    transaction.compares.push_back({key, 0});
+  }
   transaction.operations = {{RunKey(guest.records.id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();
   const auto committed = options_.store->Commit(transaction);
@@ -133,6 +143,22 @@ std::variant<Run, Refusal> LibvirtGuestControl::Reserve(const Guest& guest) {
   if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());
   if (Refused taken = RefuseTaken(guest.records.id)) return std::move(*taken);
   return Refusal{kBusy, "Another host has just let go of the guest; try again"};
+}
+
+// What somebody adds behind this may count already from this start, and is shown as pending all the same.
+Status LibvirtGuestControl::ClearPending(const std::string& guest_id) {
+  return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    const std::string key = store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, keys::object});
+    auto guest = cluster::LoadObject(**snapshot, key);
+    if (!guest) return guest.error();
+    store::Transaction transaction;
+    if (!json::FindMember(guest->record, kPending)) return transaction;
+    guest->record.removeMember(kPending);
+    cluster::PutObject(transaction, key, *guest);
+    return transaction;
+  });
 }
 
 Refused LibvirtGuestControl::StartReserved(const Guest& guest, const Run& run, const Starts::Start& start) {
@@ -220,6 +246,20 @@ Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester
   });
 }
 
+Refused LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) {
+  return Perform(guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); });
+}
+
+Refused LibvirtGuestControl::RatePins(const Guest& edited) {
+  if (edited.host_id != options_.host_id) return {};
+  const Result<HostResources> resources = Resources(edited.records.id);
+  if (!resources) return RefusalOf(resources.error());
+  const Rating rating = Rate(edited, *resources);
+  const auto found = std::ranges::find(rating.refusals, kNoCpuThreads, &Refusal::code);
+  if (found == rating.refusals.end()) return {};
+  return Refusal{kNotPinned, found->reason};
+}
+
 Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::string& host_id) {
   Refused taken;
   const Status committed = cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
@@ -236,7 +276,7 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
     if (!guest) return guest.error();
     if (guest->revision == 0) return Error(ErrorCode::kNotFound, "There is no such guest");
     store::Transaction transaction;
-    for (const std::string& lock : {RunKey(guest_id), DeletionKey(guest_id)}) {
+    for (const std::string& lock : {RunKey(guest_id), DeletionKey(guest_id), EditKey(guest_id)}) {
       const auto held = (*snapshot)->Get(lock);
       if (!held) return held.error();
       if (held->has_value()) {

@@ -22,6 +22,18 @@ inline constexpr int kRemoteEfi = 945;        // the repository is another host'
 inline constexpr int kUnavailable = 949;      // the repository, a disk or the hypervisor cannot be used now
 inline constexpr int kIncompatibleCpu = 955;  // this host's processor is not what the guest needs
 
+// Of an edit of a guest; its callers understand these.
+inline constexpr int kBadEdit = 401;       // a parameter that no guest can have
+inline constexpr int kTooManyDisks = 410;  // more disks than a guest may have
+inline constexpr int kNameTaken = 902;     // another guest has the name
+inline constexpr int kBadNic = 903;        // a network, an interface or a MAC address that cannot be had
+inline constexpr int kBadDisk = 904;       // a disk that is not the guest's, or cannot be changed so, or not now
+inline constexpr int kNoImage = 932;       // an ISO image that is not there
+inline constexpr int kBadUsb = 936;        // a USB device that is none
+inline constexpr int kNoUsbPort = 938;     // a USB device and nothing to plug it into
+inline constexpr int kSuspended = 944;     // the guest is suspended
+inline constexpr int kNotPinned = 2101;    // a running guest's processors of its own cannot be set apart
+
 struct Refusal {
   int code = kFailed;
   std::string reason;  // a sentence for the administrator, with the values that decided

@@ -3,9 +3,11 @@
 //   /run/<guest id>       {"host_id", "since" (Unix seconds), "starting", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
 //                         from before the guest is defined for the hypervisor of its host until it is off and undefined
 //   /deletion/<guest id>  see deletion.h; from before a file is touched until none is left
+//   /edit/<guest id>      see edit.h; the same
 //
-// Neither is begun while the other is there, whichever hosts want it: the commit that writes one compares that both are
-// absent. So a guest that runs somewhere is not deleted, and one that is being deleted is not started.
+// None is begun while another is there, whichever hosts want it: the commit that writes one compares that the others
+// are absent. So a guest that runs somewhere is not deleted, and one that is being deleted is not started. Only disks
+// are also added to a guest that runs.
 #pragma once
 
 #include <json/value.h>
@@ -36,6 +38,7 @@ std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds);
 
 std::string RunKey(const std::string& guest_id);
 std::string DeletionKey(const std::string& guest_id);
+std::string EditKey(const std::string& guest_id);
 
 struct StoredRun {
   Run run;

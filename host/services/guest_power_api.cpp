@@ -25,15 +25,6 @@ void Answer(const Call& call, const Refused& refused) {
   call.response->SetSuccess(Json::Value());
 }
 
-Requester RequesterOf(const Call& call) {
-  Requester requester;
-  requester.user = call.caller.acts_for;
-  requester.host_id = call.caller.host_id;
-  const cluster::Environment* const environment = cluster::CurrentEnvironment();
-  if (environment && environment->request_id) requester.request_id = environment->request_id();
-  return requester;
-}
-
 void Do(GuestControl* guests, const Call& call, const Act& act) {
   const auto guest_id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
@@ -62,6 +53,15 @@ void SetHost(GuestControl* guests, const Call& call) {
 }
 
 }  // namespace
+
+Requester RequesterOf(const Call& call) {
+  Requester requester;
+  requester.user = call.caller.acts_for;
+  requester.host_id = call.caller.host_id;
+  const cluster::Environment* const environment = cluster::CurrentEnvironment();
+  if (environment && environment->request_id) requester.request_id = environment->request_id();
+  return requester;
+}
 
 std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
   using enum webapi::LaneKind;

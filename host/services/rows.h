@@ -20,6 +20,9 @@ webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::La
                        std::string_view summary, std::vector<webapi::Parameter> parameters = {},
                        std::vector<int> errors = {});
 
+// Who asks, of a call by another host. guest_power_api.cpp
+guests::Requester RequesterOf(const webapi::Call& call);
+
 inline webapi::Parameter Text(std::string_view name, std::string_view description) {
   return {name, webapi::ParameterType::kString, webapi::Necessity::kRequired, description};
 }
@@ -30,6 +33,7 @@ std::vector<webapi::ApiRow> VolumeRows(const ServiceParts& parts);       // volu
 std::vector<webapi::ApiRow> NetworkRows(const ServiceParts& parts);      // network_api.cpp
 std::vector<webapi::ApiRow> GuestRows(const ServiceParts& parts);        // guest_api.cpp
 std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts);   // guest_power_api.cpp
+std::vector<webapi::ApiRow> GuestSetRows(const ServiceParts& parts);     // guest_set_api.cpp
 std::vector<webapi::ApiRow> PollTaskRows(const ServiceParts& parts);     // poll_task_api.cpp
 
 }  // namespace vexa::services

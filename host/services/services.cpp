@@ -24,7 +24,7 @@ webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::La
 std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts) {
   std::vector<webapi::ApiRow> rows;
   for (const auto make :
-       {UtilizationRows, SystemRows, VolumeRows, NetworkRows, GuestRows, GuestPowerRows, PollTaskRows}) {
+       {UtilizationRows, SystemRows, VolumeRows, NetworkRows, GuestRows, GuestPowerRows, GuestSetRows, PollTaskRows}) {
     auto part = make(parts);
     rows.insert(rows.end(), std::make_move_iterator(part.begin()), std::make_move_iterator(part.end()));
   }

@@ -20,6 +20,10 @@ class ScriptedGuests final : public guests::GuestControl {
   Refused Reboot(const std::string& id, const Requester& by) override { return Note("reboot", id, by); }
   Refused Fence(const std::string& id) override { return Note("fence", id, {}); }
   Refused Delete(const std::string& id, const Requester& by) override { return Note("delete", id, by); }
+  Refused Edit(const std::string& id, const Json::Value& edit, const Requester& by) override {
+    last_edit = edit;
+    return Note("edit", id, by);
+  }
   Refused SetHost(const std::string& id, const std::string& host_id) override {
     return Note("hostset " + host_id, id, {});
   }
@@ -35,6 +39,7 @@ class ScriptedGuests final : public guests::GuestControl {
 
   Refused refused;  // what every action answers
   guests::Rating rating;
+  Json::Value last_edit;
   std::optional<guests::RunningGuest> running = guests::RunningGuest{{"192.0.2.7"}, 77, true};
 
  private:

@@ -14,6 +14,7 @@
 #include "host/cluster/environment.h"
 #include "host/guests/guest_control.h"
 #include "host/guests/run_record.h"
+#include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -84,6 +85,13 @@ class GuestControlTest : public ::testing::Test {
     run.host_id = HostId();
     run.since = std::chrono::system_clock::now() - 100s;
     return run;
+  }
+
+  std::optional<std::string> StoredGuest() {
+    const auto snapshot = test::Require(host_.store().Read());
+    const auto value = test::Require(snapshot->Get(test::TestHost::ObjectKey("guest", kGuest)));
+    if (!value) return std::nullopt;
+    return std::string(value->text);
   }
 
   // A state that comes with an event.

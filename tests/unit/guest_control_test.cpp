@@ -479,5 +479,34 @@ TEST_F(GuestControlTest, OptionsThatCannotBe_AreErrors) {
   EXPECT_FALSE(GuestControl::Start(std::move(options)));
 }
 
+TEST_F(GuestControlTest, EditOfARunningGuest_IsPendingUntilTheNextPowerOn) {
+  Start();
+  ASSERT_FALSE(control_->PowerOn(kGuest, kAlice));
+  ASSERT_FALSE(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), kAlice));
+  const auto record = [&] { return Parsed(*StoredGuest()); };
+  EXPECT_EQ(record()["pending"], Parsed(R"(["vram_size"])"));
+  ASSERT_FALSE(control_->PowerOff(kGuest, kAlice));
+  ASSERT_FALSE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_FALSE(record().isMember("pending"));
+  ASSERT_TRUE(RunOf());
+  EXPECT_EQ(RunOf()->memory_mib, 96u);
+  // More processors than the host has cannot be set apart.
+  const Refused refused = control_->Edit(kGuest, Parsed(R"({"vcpu_num":512,"cpu_pin_num":512})"), kAlice);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, kNotPinned);
+}
+
+TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestIsNotStartedOrMoved) {
+  Start();
+  const std::string edit =
+      R"({"host_id":"nas-2","user":"bob","since":0,"stage":"doing","made":[],"hidden":[],"grown":[]})";
+  ASSERT_TRUE(host_.store().Commit({{}, {{EditKey(kGuest), edit}}}));
+  for (const Refused& refused : {control_->PowerOn(kGuest, kAlice), control_->SetHost(kGuest, "host-2")}) {
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, kBusy);
+    EXPECT_THAT(refused->reason, HasSubstr("edited by 'bob'"));
+  }
+}
+
 }  // namespace
 }  // namespace vexa::guests
