@@ -119,16 +119,20 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
       instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
       return store::Transaction();
     }
-    disks = std::move(plan->disks);
+    disks = plan_->disks;
+    disks.merge(plan->disks);
     transaction.compares = std::move(plan->compares);
     transaction.operations = std::move(plan->removals);
     plan_->notes = std::move(plan->notes);
     const Status left_over = AddLeftover(**snapshot, transaction);
     if (!left_over) return left_over.error();
   }
-  // A record that came since the files were selected may name one of them.
+  // A record that came since the files were selected may name one of them. (Of a guest that has gone nobody knows which
+  // records were its own.)
   std::map<std::string, FileIdentity> files;
-  for (const HiddenFile& file : record_.files) files.emplace(file.path, FileIdentity());
+  for (const HiddenFile& file : record_.files) {
+    if (!is_gone_) files.emplace(file.path, FileIdentity());
+  }
   const Result<std::set<std::string>> wanted = NamedByOthers(*options_.store, disks, files);
   if (!wanted) return wanted.error();
   if (!wanted->empty()) {
