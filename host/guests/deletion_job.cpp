@@ -86,6 +86,9 @@ Status DeletionJob::HideAll() {
 
 // The point of no return, or back to where it began.
 DeletionJob::Outcome DeletionJob::CommitRecords() {
+  const Result<bool> wanted = AreFilesNamedByOthers();
+  if (!wanted) return SettleFailedCommit(wanted.error());
+  if (*wanted) return Undo({kBusy, "Other disks get the guest's files all the time"}, Outcome::kChanged);
   std::optional<Outcome> instead;
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
   if (!committed) return SettleFailedCommit(committed.error());
@@ -98,11 +101,21 @@ DeletionJob::Outcome DeletionJob::CommitRecords() {
   return Outcome::kDeleted;
 }
 
+// Whether a record that came since the files were selected names one of them. Asked once before the commit, which is to
+// be quick. Of a guest that has gone nobody knows which records were its own.
+Result<bool> DeletionJob::AreFilesNamedByOthers() const {
+  if (is_gone_) return false;
+  std::map<std::string, FileIdentity> files;
+  for (const HiddenFile& file : record_.files) files.emplace(file.path, FileIdentity());
+  const Result<std::set<std::string>> named = NamedByOthers(*options_.store, plan_->disks, files);
+  if (!named) return named.error();
+  return !named->empty();
+}
+
 // `instead`: kChanged when the guest's record now names other files, kRefused when the deletion is not ours any more.
 Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& instead) {
   instead.reset();
   store::Transaction transaction;
-  std::set<std::string> disks;
   {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
@@ -119,21 +132,11 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
       instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
       return store::Transaction();
     }
-    disks = std::move(plan->disks);
     transaction.compares = std::move(plan->compares);
     transaction.operations = std::move(plan->removals);
     plan_->notes = std::move(plan->notes);
     const Status left_over = AddLeftover(**snapshot, transaction);
     if (!left_over) return left_over.error();
-  }
-  // A record that came since the files were selected may name one of them.
-  std::map<std::string, FileIdentity> files;
-  for (const HiddenFile& file : record_.files) files.emplace(file.path, FileIdentity());
-  const Result<std::set<std::string>> wanted = NamedByOthers(*options_.store, disks, files);
-  if (!wanted) return wanted.error();
-  if (!wanted->empty()) {
-    instead = Outcome::kChanged;
-    return store::Transaction();
   }
   DeletionRecord purging = record_;
   purging.stage = DeletionStage::kPurging;

@@ -44,6 +44,7 @@ class DeletionJob {
   Outcome GoOn();
   Status HideAll();
   Outcome CommitRecords();
+  Result<bool> AreFilesNamedByOthers() const;
   Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
   Result<DeletionPlan> PlanAgain(const store::Snapshot& snapshot) const;
   Status AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction);

@@ -41,8 +41,10 @@ void ShutDowns::Run() {
       wake_.wait(lock);
       continue;
     }
-    if (Clock::now() < due->second.next) {
-      wake_.wait_until(lock, due->second.next);
+    // A copy: it may end while this waits.
+    const Clock::time_point next = due->second.next;
+    if (Clock::now() < next) {
+      wake_.wait_until(lock, next);
       continue;
     }
     const std::string guest_id = due->first;

@@ -47,10 +47,11 @@ bool IsRequestId(std::string_view text) {
 
 std::vector<std::string> OriginFields(const Origin& origin) {
   std::vector<std::string> fields;
-  if (IsName(origin.user)) fields.push_back(std::string(kActsForField) + ": " + Encoded(origin.user));
-  if (IsRequestId(origin.request_id)) {
-    fields.push_back(std::string(kRequestIdField) + ": " + std::string(origin.request_id));
-  }
+  const auto add = [&fields](std::string_view name, std::string_view value) {
+    fields.emplace_back(name).append(": ").append(value);
+  };
+  if (IsName(origin.user)) add(kActsForField, Encoded(origin.user));
+  if (IsRequestId(origin.request_id)) add(kRequestIdField, origin.request_id);
   return fields;
 }
 
