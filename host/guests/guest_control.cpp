@@ -126,13 +126,17 @@ Status LibvirtGuestControl::Begin() {
 
 void LibvirtGuestControl::BeginStop() { stopping_ = true; }
 
-// What failed is tried again, and what other hosts have left for this one is done.
+// What failed is tried again, and what other hosts have left for this one is done. Guests that run are looked at too: a
+// libvirt that starts anew ends those that were half started, and tells of that with no event.
 void LibvirtGuestControl::Maintain() {
   std::unique_lock lock(maintenance_mutex_);
   while (!maintenance_wake_.wait_for(lock, options_.maintenance_interval, [this] { return ends_; })) {
-    const std::set<std::string> unsettled = unsettled_;
+    std::set<std::string> guest_ids = unsettled_;
     lock.unlock();
-    for (const std::string& guest_id : unsettled) LookWhenFree(guest_id);
+    if (const auto runs = RunsOf(*options_.store, options_.host_id); runs && hypervisor_->IsConnected()) {
+      for (const auto& [guest_id, run] : *runs) guest_ids.insert(guest_id);
+    }
+    for (const std::string& guest_id : guest_ids) LookWhenFree(guest_id);
     deletion_.RemoveLeftovers();
     lock.lock();
   }

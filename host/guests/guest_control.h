@@ -31,8 +31,8 @@ struct GuestControlOptions {
   // How long a guest is asked to shut down, and how often, after the call that asked has been answered.
   std::chrono::milliseconds shut_down_wait = std::chrono::minutes(5);
   std::chrono::milliseconds press_again = std::chrono::seconds(5);
-  // How often what failed is tried again.
-  std::chrono::milliseconds maintenance_interval = std::chrono::seconds(10);
+  // How often what failed is tried again, and what runs is looked at.
+  std::chrono::milliseconds maintenance_interval = std::chrono::seconds(5);
   // How long a fence waits for the end of a start that it has called off; who asks waits for 30 seconds.
   std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
   // Whether the host has a network or bridge; not set: in test mode all, else what libvirt and the kernel tell.

@@ -179,13 +179,17 @@ class QemuDaemon : public testing::Test {
     return true;
   }
 
-  // QEMUs of this test that run now.
+  // QEMUs of this test that run the guest now. libvirt has others, for a moment, to ask what QEMU can do; those of a
+  // host that was killed meanwhile stay.
   int Qemus() const {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
       std::ifstream file(entry.path() / "cmdline");
       const std::string line(std::istreambuf_iterator<char>(file), {});
-      if (line.find("qemu-system") != std::string::npos && line.find(ground_->folder()) != std::string::npos) ++count;
+      if (line.find("qemu-system") != std::string::npos && line.find(kGuest) != std::string::npos &&
+          line.find(ground_->folder()) != std::string::npos) {
+        ++count;
+      }
     }
     return count;
   }
@@ -194,6 +198,11 @@ class QemuDaemon : public testing::Test {
     const auto snapshot = Require(store->Read());
     const auto value = Require(snapshot->Get(key));
     return value ? std::string(value->text) : "";
+  }
+
+  std::string Seen() const {
+    return std::to_string(Qemus()) + " QEMUs run, the state is " +
+           Stored(store::MakeKey({"dash", "guest", kGuest, "state"})) + ", the run " + Stored(guests::RunKey(kGuest));
   }
 
   std::unique_ptr<QemuGround> ground_;
@@ -251,20 +260,21 @@ TEST_F(QemuDaemon, KilledWhileItStartsAndStopsAGuest_AgreesWithQemuAfterwards) {
     KillHost();
     ::waitpid(asker, nullptr, 0);
     StartHost();
-    // A QEMU that was about to start or to end when its host was killed is ended by libvirt a little later.
+    // A QEMU that was about to start or to end when its host was killed is ended by libvirt a little later, and the host
+    // sees that when it looks again.
     const auto agrees = [&] {
       const bool runs = Qemus() == 1;
       const std::string state = Stored(store::MakeKey({"dash", "guest", kGuest, "state"}));
       return Qemus() <= 1 && (state == json::ToText(states::running)) == runs &&
              Stored(guests::RunKey(kGuest)).empty() != runs;
     };
-    EXPECT_TRUE(Await(agrees));
+    EXPECT_TRUE(Await(agrees)) << Seen();
     const bool runs = Qemus() == 1;
     EXPECT_EQ(Power("poweron"), runs ? 939 : 0);
     if (!runs) {
       EXPECT_EQ(Power("poweroff"), 0);
     }
-    EXPECT_TRUE(Await(agrees));
+    EXPECT_TRUE(Await(agrees)) << Seen();
     KillHost();
     StartHost();
   }

@@ -283,6 +283,14 @@ TEST_F(GuestControlTest, AGuestThatIsOff_WhenThatCouldNotBeStored_StaysOff) {
   EXPECT_EQ(RunOf(), std::nullopt);
 }
 
+TEST_F(GuestControlTest, ARunThatEndedWithoutAnEvent_IsSeenAfterAWhile) {
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 20ms;
+  Start(std::move(options));
+  PutRun(RunHere());
+  ExpectNoRun();
+}
+
 TEST_F(GuestControlTest, SetHost_ChangesTheRecordAlone) {
   Start();
   EXPECT_DONE(control_->SetHost(kGuest, "host-2"));
