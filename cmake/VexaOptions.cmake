@@ -51,6 +51,11 @@ pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
 # For code that runs once, such as tests and option parsers: optimising it takes the compiler more time than it saves.
 # Fortified functions need optimisation.
 set(VEXA_RUNS_ONCE -O0 -U_FORTIFY_SOURCE)
+# The same of tests. What they test is watched for undefined behaviour; watching them too would double their compilation.
+set(VEXA_TESTS_ONLY ${VEXA_RUNS_ONCE})
+if(VEXA_SANITIZE MATCHES "undefined")
+  list(APPEND VEXA_TESTS_ONLY -fno-sanitize=undefined)
+endif()
 
 # What most sources include, read once. For one build alone: in the others a source that lacks an include must not
 # compile. (With the thread sanitizer g++ warns of what is not there in precompiled headers.)
@@ -76,7 +81,7 @@ endfunction()
 # those of the tests.
 function(vexa_test_headers)
   add_executable(vexa_test_headers ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
-  target_compile_options(vexa_test_headers PRIVATE ${VEXA_RUNS_ONCE})
+  target_compile_options(vexa_test_headers PRIVATE ${VEXA_TESTS_ONLY})
   target_precompile_headers(vexa_test_headers PRIVATE
     <gmock/gmock.h> <gtest/gtest.h> <json/value.h> <chrono> <functional> <map> <memory> <set> <string> <thread> <vector>)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
@@ -92,7 +97,7 @@ function(vexa_test name)
     set(arg_TIMEOUT 300)
   endif()
   add_executable(${name} ${arg_SOURCES})
-  target_compile_options(${name} PRIVATE ${VEXA_RUNS_ONCE})
+  target_compile_options(${name} PRIVATE ${VEXA_TESTS_ONLY})
   target_precompile_headers(${name} REUSE_FROM vexa_test_headers)
   if(VEXA_GOLD)
     target_link_options(${name} PRIVATE -fuse-ld=gold)

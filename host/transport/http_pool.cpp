@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/transport/curl_loop.h"
 #include "host/transport/http_transfer.h"
 
 namespace vexa::transport {
@@ -21,7 +22,6 @@ namespace {
 // Connections that wait for the next call to their host. libcurl's own measure is the number of calls under way, which
 // would close most of them at the end of every call to many hosts.
 constexpr long kMaxIdleConnections = 4096;
-constexpr int kPollMs = 60'000;  // a wake-up or a socket ends it earlier
 constexpr std::chrono::milliseconds kAfterFault{50};
 
 using Transfers = std::vector<std::unique_ptr<HttpTransfer>>;
@@ -49,20 +49,23 @@ class HttpPool::Impl {
   explicit Impl(std::optional<TlsMaterial> tls) : owner_(::getpid()), tls_(std::move(tls)) {
     static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (initialised != CURLE_OK) return;
-    multi_ = curl_multi_init();
-    if (multi_ != nullptr) curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
+    loop_.emplace();
+    if (!loop_->IsWhole()) {
+      loop_.reset();
+      return;
+    }
+    curl_multi_setopt(loop_->multi(), CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
   }
 
   ~Impl() {
     Stop();
     if (thread_.joinable()) thread_.join();
-    if (multi_ != nullptr) curl_multi_cleanup(multi_);
   }
 
   void Stop() {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
-    if (thread_.joinable()) curl_multi_wakeup(multi_);
+    if (thread_.joinable()) loop_->Wake();
   }
 
   // Whether this process made it. Another has neither the thread nor, perhaps, the mutex.
@@ -72,7 +75,7 @@ class HttpPool::Impl {
     auto transfer = std::make_unique<HttpTransfer>(std::move(call), std::move(done));
     if (!IsOurs()) return transfer->Fail("this process was forked from the one that talks to hosts");
     std::unique_lock lock(mutex_);
-    if (multi_ != nullptr && !stopping_ && !thread_.joinable()) {
+    if (loop_ && !stopping_ && !thread_.joinable()) {
       thread_ = StartWithoutSignals([this] { Run(); });
     }
     const bool stopping = stopping_;
@@ -83,21 +86,19 @@ class HttpPool::Impl {
     const bool first = queue_.empty();
     queue_.push_back(std::move(transfer));
     lock.unlock();
-    if (first) curl_multi_wakeup(multi_);
+    if (first) loop_->Wake();
   }
 
  private:
   void Run() {
     pthread_setname_np(pthread_self(), "transport");
     while (TakeQueued()) {
-      int running = 0;
-      const CURLMcode performed = curl_multi_perform(multi_, &running);
+      const bool is_well = loop_->Turn();
       FinishDone();
-      const CURLMcode polled = curl_multi_poll(multi_, nullptr, 0, kPollMs, nullptr);
-      if (performed != CURLM_OK || polled != CURLM_OK) std::this_thread::sleep_for(kAfterFault);
+      if (!is_well) std::this_thread::sleep_for(kAfterFault);
     }
     for (auto& [handle, transfer] : active_) {
-      curl_multi_remove_handle(multi_, handle);
+      curl_multi_remove_handle(loop_->multi(), handle);
       transfer->Fail("this host is stopping");
     }
     active_.clear();
@@ -131,18 +132,18 @@ class HttpPool::Impl {
       return begun.Fail("no memory for a connection");
     }
     active_[begun.handle()] = std::move(transfer);
-    if (curl_multi_add_handle(multi_, begun.handle()) == CURLM_OK) return;
+    if (curl_multi_add_handle(loop_->multi(), begun.handle()) == CURLM_OK) return;
     begun.Fail("no memory for a connection");
     active_.erase(begun.handle());
   }
 
   void FinishDone() {
     int left = 0;
-    while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    while (const CURLMsg* message = curl_multi_info_read(loop_->multi(), &left)) {
       if (message->msg != CURLMSG_DONE) continue;
       CURL* const handle = message->easy_handle;
       const CURLcode code = message->data.result;  // the message goes with the handle
-      curl_multi_remove_handle(multi_, handle);
+      curl_multi_remove_handle(loop_->multi(), handle);
       auto node = active_.extract(handle);
       node.mapped()->Finish(code);
     }
@@ -150,7 +151,7 @@ class HttpPool::Impl {
 
   const pid_t owner_;
   const std::optional<TlsMaterial> tls_;
-  CURLM* multi_ = nullptr;
+  std::optional<CurlLoop> loop_;  // not set: it cannot be had
   std::mutex mutex_;
   std::thread thread_;                                               // under mutex_
   Transfers queue_;                                                  // under mutex_

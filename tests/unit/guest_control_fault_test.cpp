@@ -140,14 +140,12 @@ TEST_F(GuestControlFaults, AHypervisorThatCannotBeReached_RefusesUntilItIsThere)
 TEST_F(GuestControlFaults, TheEnd_WaitsForALookThatIsUnderWay) {
   std::mutex mutex;
   std::condition_variable changed;
-  bool is_armed = false;
   bool reached = false;
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
-    if (step != "look: state stored") return;
+    if (step != "look: state stored" || State() != states::shutdown) return;
     {
       const std::lock_guard lock(mutex);
-      if (!is_armed) return;
       reached = true;
     }
     changed.notify_all();
@@ -160,7 +158,6 @@ TEST_F(GuestControlFaults, TheEnd_WaitsForALookThatIsUnderWay) {
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   {
     std::unique_lock lock(mutex);
-    is_armed = true;
     ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return reached; }));
   }
   control_.reset();

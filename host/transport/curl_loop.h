@@ -1,0 +1,48 @@
+// libcurl's transfers on epoll(7). Unlike curl_multi_poll(3), a wake-up costs what has happened, however many transfers
+// wait.
+#pragma once
+
+#include <curl/curl.h>
+#include <sys/epoll.h>
+
+#include <array>
+#include <chrono>
+#include <optional>
+
+namespace vexa::transport {
+
+// Threads: one, save for Wake().
+class CurlLoop {
+ public:
+  CurlLoop();
+  ~CurlLoop();
+  CurlLoop(const CurlLoop&) = delete;
+  CurlLoop& operator=(const CurlLoop&) = delete;
+
+  // False: there was no memory or no descriptor for it, and nothing else may be called.
+  bool IsWhole() const { return multi_ != nullptr && epoll_ >= 0 && wake_ >= 0; }
+  CURLM* multi() const { return multi_; }
+
+  // Waits until a socket is ready, time has run out or somebody has called Wake(), and lets libcurl act. False: it
+  // could not wait or act.
+  bool Turn();
+  // Ends the wait that is under way, or the next one. Any thread.
+  void Wake();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static int OnSocket(CURL* handle, curl_socket_t socket, int wanted, void* self, void* known);
+  static int OnTimer(CURLM* multi, long timeout_ms, void* self);
+  int Watch(curl_socket_t socket, int wanted, bool is_known);
+  int TimeoutMs() const;
+  bool Act(const epoll_event& event);
+
+  CURLM* multi_ = nullptr;
+  int epoll_ = -1;
+  int wake_ = -1;
+  std::optional<Clock::time_point> due_;  // when libcurl wants to act whatever the sockets do
+  std::array<epoll_event, 64> events_{};
+};
+
+}  // namespace vexa::transport
