@@ -40,12 +40,27 @@ TEST(ServicesDaemon, GracefulStop_IsSeenInTheRecord) {
 TEST(ServicesDaemon, Users_ReachNoServiceOfHosts) {
   TestDaemon daemon;
   vexa::test::HttpClient admin = daemon.TcpAs("admin");
-  for (const char* path :
-       {"VEXA.Core.System.Utilization/get", "VEXA.CCC.Cluster.Member/utilization_get", "VEXA.Core.System/info",
-        "VEXA.Core.Storage.Volume/get", "VEXA.CCC.VDisk/list", "VEXA.Core.Network.Ethernet/get",
-        "VEXA.Core.Network.Bond/get", "VEXA.Core.Network.Interface/list", "VEXA.Core.Web.Orla/get",
-        "VEXA.CCC.Guest/get_info", "VEXA.CCC.Guest/check_repo_cap", "VEXA.CCC.Guest/check_resource",
-        "VEXA.Virtualization.Guest.Action/check_host_resource", "VEXA.Virtualization.Cluster/clear_poll_task"}) {
+  for (const char* path : {"VEXA.Core.System.Utilization/get",
+                           "VEXA.CCC.Cluster.Member/utilization_get",
+                           "VEXA.Core.System/info",
+                           "VEXA.Core.Storage.Volume/get",
+                           "VEXA.CCC.VDisk/list",
+                           "VEXA.Core.Network.Ethernet/get",
+                           "VEXA.Core.Network.Bond/get",
+                           "VEXA.Core.Network.Interface/list",
+                           "VEXA.Core.Web.Orla/get",
+                           "VEXA.CCC.Guest/get_info",
+                           "VEXA.CCC.Guest/check_repo_cap",
+                           "VEXA.CCC.Guest/check_resource",
+                           "VEXA.CCC.Guest/set",
+                           "VEXA.CCC.Guest/poweron",
+                           "VEXA.CCC.Guest/shutdown",
+                           "VEXA.CCC.Guest/reboot",
+                           "VEXA.CCC.Guest/poweroff",
+                           "VEXA.CCC.Guest/delete",
+                           "VEXA.CCC.Guest/hostset",
+                           "VEXA.Virtualization.Guest.Action/check_host_resource",
+                           "VEXA.Virtualization.Cluster/clear_poll_task"}) {
     EXPECT_EQ(ErrorCode(admin.PostJson(std::string("/webapi/") + path, "{}")), 104) << path;
     EXPECT_EQ(ErrorCode(daemon.Tcp().PostJson(std::string("/webapi/") + path, "{}")), 103) << path;
   }

@@ -1,0 +1,238 @@
+// How many edits a second a host makes durable through its API, beside what the disk below it does: writing a page in
+// place and waiting until it is there (fdatasync), in a file of the same folder. Each client, over the Unix socket with
+// one kept connection, gives guests new descriptions one after the other; the answer comes when record and cluster log
+// are durable. Disk and edits take turns, so that what else the machine does meets both; what counts are the ratios of
+// a round. Daemon and clients are in this process and share its processors.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/guest_records.h"
+#include "bench/http_bench_data.h"
+#include "host/base/json_parse.h"
+#include "host/daemon/daemon.h"
+#include "tests/support/http_client.h"
+#include "tests/support/temp_dir.h"
+#include "webapi/utils/json.h"
+
+namespace {
+
+namespace json = VexaVirtualization::json;
+using namespace vexa;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr int kRounds = 9;
+constexpr seconds kSpan{1};
+constexpr int kMany = 8;
+constexpr std::size_t kPage = 4096;
+constexpr std::size_t kPages = 256;  // of a file
+constexpr double kAim = 4;           // times the disk's wait, an edit of one client
+
+double Median(std::vector<double> samples) {
+  std::sort(samples.begin(), samples.end());
+  return samples[samples.size() / 2];
+}
+
+// How often a second `act` was done by `count` threads together. It is given the thread's and the turn's number, and
+// is made by `make` on the thread itself.
+using Act = std::function<void(int turn)>;
+double RateOf(int count, const std::function<Act(int thread)>& make) {
+  std::atomic<std::uint64_t> done = 0;
+  std::atomic<int> ready = 0;
+  const auto start_of = [&] {
+    ++ready;
+    while (ready < count) std::this_thread::yield();
+    return steady_clock::now();
+  };
+  std::vector<double> took(static_cast<std::size_t>(count));
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < count; ++thread) {
+    threads.emplace_back([&, thread] {
+      const Act act = make(thread);
+      act(0);  // everything has been used once
+      const auto start = start_of();
+      std::uint64_t mine = 0;
+      while (steady_clock::now() - start < kSpan) act(static_cast<int>(++mine));
+      done += mine;
+      took[static_cast<std::size_t>(thread)] = std::chrono::duration<double>(steady_clock::now() - start).count();
+    });
+  }
+  threads.clear();
+  return static_cast<double>(done) / *std::max_element(took.begin(), took.end());
+}
+
+// A file whose pages are written in turn, each with a wait until it is on the disk.
+class SyncedFile {
+ public:
+  explicit SyncedFile(const std::string& path)
+      : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
+    for (std::size_t page = 0; page < kPages; ++page) Write(page);
+    if (fd_ < 0 || ::fsync(fd_) != 0) bench::Fail("cannot make " + path);
+  }
+  ~SyncedFile() { ::close(fd_); }
+  SyncedFile(const SyncedFile&) = delete;
+  SyncedFile& operator=(const SyncedFile&) = delete;
+
+  void WriteAndWait(int turn) {
+    Write(static_cast<std::size_t>(turn) % kPages);
+    if (::fdatasync(fd_) != 0) bench::Fail("fdatasync failed");
+  }
+
+ private:
+  void Write(std::size_t page) {
+    ++bytes_[0];
+    if (::pwrite(fd_, bytes_.data(), kPage, static_cast<off_t>(page * kPage)) != static_cast<ssize_t>(kPage)) {
+      bench::Fail("cannot write");
+    }
+  }
+  const int fd_;
+  std::vector<char> bytes_ = std::vector<char>(kPage, 'x');
+};
+
+double SyncRate(const std::string& folder, int threads) {
+  return RateOf(threads, [&](int thread) -> Act {
+    const auto file = std::make_shared<SyncedFile>(folder + "/synced-" + std::to_string(thread));
+    return [file](int turn) { file->WriteAndWait(turn); };
+  });
+}
+
+class Client {
+ public:
+  explicit Client(const std::string& socket) : client_(TargetOf(socket)) { client_.SetTimeout(seconds(60)); }
+
+  void Login() {
+    const test::HttpReply reply =
+        client_.PostJson("/webapi/VEXA.Core.Session/login", "{\"user\":\"" + std::string(bench::kAdministrator) +
+                                                                "\",\"password\":\"" + bench::kPassword + "\"}");
+    const std::string token =
+        json::String(json::Member(json::Member(bench::Require(ParseJson(reply.body)), "data"), "token"));
+    client_.SetHeader("Authorization", "Bearer " + token);
+    token_ = token;
+  }
+  void Use(const std::string& token) { client_.SetHeader("Authorization", "Bearer " + token); }
+  const std::string& token() const { return token_; }
+  void Edit(const std::string& guest_id, const std::string& members) {
+    const auto reply =
+        client_.PostJson("/webapi/VEXA.Virtualization.Guest/set", "{\"guest_id\":\"" + guest_id + "\"" + members + "}");
+    if (reply.status != 200) bench::Fail("a guest cannot be edited: " + reply.transport_error + reply.body);
+  }
+
+ private:
+  static test::HttpTarget TargetOf(const std::string& socket) {
+    test::HttpTarget target;
+    target.url = "http://localhost";
+    target.unix_socket = socket;
+    return target;
+  }
+  test::HttpClient client_;
+  std::string token_;
+};
+
+enum class Guests { kOwn, kShared };
+enum class What { kDescription, kNothing };
+
+class Edits {
+ public:
+  Edits(std::string socket, std::string token) : socket_(std::move(socket)), token_(std::move(token)) {}
+
+  double Rate(int clients, Guests guests, What what) const {
+    return RateOf(clients, [&, guests, what](int thread) -> Act {
+      const auto client = std::make_shared<Client>(socket_);
+      client->Use(token_);
+      return [this, client, thread, guests, what](int turn) {
+        // Clients with guests of their own have every eighth; the others all have the same eight.
+        const int number = guests == Guests::kOwn ? thread + kMany * turn : turn % kMany;
+        client->Edit(ids_[static_cast<std::size_t>(number) % ids_.size()],
+                     what == What::kNothing
+                         ? ""
+                         : ",\"desc\":\"edit " + std::to_string(turn) + " of client " + std::to_string(thread) +
+                               " in round " + std::to_string(steady_clock::now().time_since_epoch().count()) + '"');
+      };
+    });
+  }
+
+ private:
+  const std::string socket_;
+  const std::string token_;
+  const std::vector<std::string> ids_ = bench::GuestIds();
+};
+
+struct Row {
+  const char* what;
+  std::function<double()> rate;
+  const std::vector<double>* disk;  // what it is compared with
+  std::vector<double> rates;
+  std::vector<double> waits;  // of the disk that one edit takes as long as
+};
+
+void Print(const Row& row) {
+  std::printf("%-52s %7.0f/s   one takes as long as %5.2f waits (%.2f to %.2f)\n", row.what, Median(row.rates),
+              Median(row.waits), *std::min_element(row.waits.begin(), row.waits.end()),
+              *std::max_element(row.waits.begin(), row.waits.end()));
+}
+
+daemon::Config ConfigFor(const std::string& folder) {
+  daemon::Config config;
+  config.data_directory = folder;
+  config.account_file = bench::AccountFileIn(folder);
+  config.socket = folder + "/socket";
+  config.listen.clear();
+  config.hypervisor = "test";
+  config.image_roots = {folder + "/images"};
+  return config;
+}
+
+}  // namespace
+
+int main() {
+  const test::TempDir folder;
+  const std::string data = folder.File("data");
+  bench::Seed(data);
+  const daemon::Config config = ConfigFor(data);
+  const auto running = bench::Require(daemon::Daemon::Start(config, {}));
+  Client first(config.socket);
+  first.Login();
+  const Edits edits(config.socket, first.token());
+
+  std::vector<double> one_thread;
+  std::vector<double> many_threads;
+  std::vector<Row> rows = {
+      {"1 client", [&] { return edits.Rate(1, Guests::kOwn, What::kDescription); }, &one_thread, {}, {}},
+      {"8 clients, guests of their own",
+       [&] { return edits.Rate(kMany, Guests::kOwn, What::kDescription); },
+       &one_thread,
+       {},
+       {}},
+      {"8 clients, the same 8 guests",
+       [&] { return edits.Rate(kMany, Guests::kShared, What::kDescription); },
+       &one_thread,
+       {},
+       {}},
+      {"1 client, nothing to change", [&] { return edits.Rate(1, Guests::kOwn, What::kNothing); }, &one_thread, {}, {}},
+  };
+  (void)rows[0].rate();
+  for (int round = 0; round < kRounds; ++round) {
+    one_thread.push_back(SyncRate(data, 1));
+    many_threads.push_back(SyncRate(data, kMany));
+    for (Row& row : rows) {
+      row.rates.push_back(row.rate());
+      row.waits.push_back(row.disk->back() / row.rates.back());
+    }
+  }
+  std::printf("fdatasync of a page in place: %.0f/s by 1 thread, %.0f/s by %d (medians of %d rounds)\n",
+              Median(one_thread), Median(many_threads), kMany, kRounds);
+  std::printf("Edits, and how many waits of 1 thread for the disk one takes as long as (least to greatest):\n");
+  for (const Row& row : rows) Print(row);
+  const double waits = Median(rows[0].waits);
+  std::printf("aim for 1 client: at most %.0f waits, %s\n", kAim, waits <= kAim ? "met" : "MISSED");
+  return running->Stop(seconds(10)) ? 0 : 1;
+}
