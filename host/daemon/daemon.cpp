@@ -227,6 +227,7 @@ class Daemon::Impl {
     environment.host_id = std::move(*host_id);
     environment.cache_directory = config.data_directory + "/cache";
     environment.request_id = CurrentRequestId;
+    environment.image_roots = config.image_roots;
     cluster::InstallEnvironment(std::move(environment));
     return {};
   }
