@@ -43,7 +43,7 @@ std::string SettingsHelp() {
 
 void AddRepeated(CLI::App& command, const std::string& option, std::vector<std::string>& words, const char* type,
                  const char* help) {
-  command.add_option(option, words, std::string(help) + "; may be repeated")->type_name(type)->expected(1)->take_all();
+  command.add_option(option, words, std::string(help) + "; may be repeated")->type_name(type)->allow_extra_args(false);
 }
 
 void AddSetOptions(CLI::App& set, GuestSetOptions& options) {

@@ -70,8 +70,7 @@ void AddImageCommands(CLI::App& app, Invocation& invocation) {
   add->add_option("--image-root", state->image.roots,
                   "A folder with images (default: 'images' in the data folder); may be repeated")
       ->type_name("DIR")
-      ->expected(1)
-      ->take_all();
+      ->allow_extra_args(false);
   add_data(add);
   add->callback([&invocation, state] { invocation.run = [state] { return RunAdd(*state); }; });
 

@@ -181,7 +181,8 @@ Result<Edited> RunEditor(const std::string& text) {
   const Status written = WriteAll(fd, text);
   ::close(fd);
   if (!written) return written.error();
-  const std::string command = editor + " \"$1\"";  // users put options into $EDITOR
+  // Users put options and variables into $EDITOR. The shell makes room, so that signals reach the editor.
+  const std::string command = "exec /usr/bin/env " + editor + " \"$1\"";
   std::cout.flush();
   std::cerr.flush();
   const pid_t pid = ::fork();

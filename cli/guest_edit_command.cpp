@@ -37,9 +37,9 @@ struct Wanted {
 
 Wanted End(ExitCode exit_code) { return {Json::Value(), "", exit_code}; }
 
-Wanted EndInterrupted(const std::string& text, int signal) {
+Wanted EndInterrupted(const std::string& shown, const std::string& text, int signal) {
   std::cerr << "vexa: Interrupted, and nothing was changed\n";
-  Keep(text);
+  if (text != shown) Keep(text);
   return End(static_cast<ExitCode>(kSignalBase + signal));
 }
 
@@ -61,7 +61,7 @@ Wanted AskEditor(const NamedGuest& guest, const Json::Value& before) {
       if (text != shown) Keep(text);
       return End(ExitCode::kFailed);
     }
-    if (edited->end == Edited::End::kInterrupted) return EndInterrupted(edited->text, edited->signal);
+    if (edited->end == Edited::End::kInterrupted) return EndInterrupted(shown, edited->text, edited->signal);
     if (edited->end == Edited::End::kGivenUp) {
       std::cerr << "vexa: The editor " << edited->why << ", so nothing was changed\n";
       return End(ExitCode::kFailed);
@@ -71,7 +71,7 @@ Wanted AskEditor(const NamedGuest& guest, const Json::Value& before) {
     if (changes) return {std::move(*changes), std::move(text), std::nullopt};
     std::cerr << "vexa: " << Printable(changes.error().message()) << '\n';
     const AgainAnswer answer = AskAgain();
-    if (answer.again == Again::kInterrupted) return EndInterrupted(text, answer.signal);
+    if (answer.again == Again::kInterrupted) return EndInterrupted(shown, text, answer.signal);
     if (answer.again == Again::kYes) continue;
     std::cerr << "vexa: Nothing was changed\n";
     Keep(text);
