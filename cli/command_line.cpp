@@ -24,6 +24,7 @@ Examples:
   vexa guest get 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55 --json | jq .vdisks
   vexa call VEXA.Virtualization.Guest get '{"guest_id": "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"}'
   vexa guest start web-1 web-2 --wait
+  vexa guest set web-1 vcpu_num=4 --add-disk 100
   vexa log -f
   vexa health
 
@@ -61,10 +62,12 @@ int RunCommandLine(int argc, char** argv) {
   AddClientCommands(app, invocation);
   AddHostCommands(app, invocation);
   AddActionCommands(app, invocation);
+  AddEditCommands(app, invocation);
   AddErrorCommand(app, invocation);
   AddAccountCommands(app, invocation);
   AddClusterCommands(app, invocation);
   AddRepositoryCommands(app, invocation);
+  AddImageCommands(app, invocation);
   AddImportCommand(app, invocation);
   app.footer(kFooter);
   try {

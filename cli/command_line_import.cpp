@@ -57,12 +57,10 @@ void AddImportOptions(CLI::App& import, ImportWords& words) {
   import.add_flag("--dry-run", words.dry_run, "Print the records as JSON and write nothing");
   import.add_option("--disk-size", words.disk_sizes, "The size of a disk whose image cannot be read; may be repeated")
       ->type_name("NAME=GiB")
-      ->expected(1)
-      ->take_all();
+      ->allow_extra_args(false);
   import.add_option("--network", words.networks, "The id of a network or bridge; may be repeated")
       ->type_name("NAME=UUID")
-      ->expected(1)
-      ->take_all();
+      ->allow_extra_args(false);
   import.add_option("--repository-id", words.repository_id, "The repository that the guests belong to")
       ->type_name("UUID");
   import.add_option("--host-id", words.host_id, "The host that the guests run on")->type_name("UUID");

@@ -24,10 +24,12 @@ void AddClientCommands(CLI::App& app, Invocation& invocation);
 void AddHostCommands(CLI::App& app, Invocation& invocation);
 // After AddClientCommands as well: the rest of "guest", and "log".
 void AddActionCommands(CLI::App& app, Invocation& invocation);
+void AddEditCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);
 void AddClusterCommands(CLI::App& app, Invocation& invocation);
 void AddRepositoryCommands(CLI::App& app, Invocation& invocation);
+void AddImageCommands(CLI::App& app, Invocation& invocation);
 void AddImportCommand(CLI::App& app, Invocation& invocation);
 
 // The options of `vexa import` alone, which fill `words`.

@@ -85,26 +85,6 @@ Result<std::uint32_t> FindInSystem(const GrantTarget& target) {
   return Error(ErrorCode::kNotFound, "The system does not know '" + target.name + "'");
 }
 
-Result<std::uint32_t> FindId(const GrantTarget& target) {
-  if (target.source == AccountSource::kSystem) return FindInSystem(target);
-  if (const Status owner = CheckOwner(target.accounts_path); !owner) return owner.error();
-  const auto accounts = base::AccountFile::Open(target.accounts_path);
-  if (!accounts) return accounts.error();
-  if (target.kind == AccountKind::kUser) {
-    const auto user = (*accounts)->FindUser(target.name);
-    if (!user) return user.error();
-    return user->uid;
-  }
-  const auto users = (*accounts)->ListUsers();
-  if (!users) return users.error();
-  for (const base::User& user : *users) {
-    for (const base::Group& group : user.groups) {
-      if (group.name == target.name) return group.gid;
-    }
-  }
-  return Error(ErrorCode::kNotFound, "No user is in a group '" + target.name + "'");
-}
-
 bool IsUuid(std::string_view id) {
   if (id.size() != 36) return false;
   for (std::size_t i = 0; i < id.size(); ++i) {
@@ -117,7 +97,7 @@ bool IsUuid(std::string_view id) {
 }
 
 ExitCode RunEdit(const GlobalOptions& global, const GrantTarget& target, const Edit& edit, const std::string& done) {
-  const Result<std::uint32_t> id = FindId(target);
+  const Result<std::uint32_t> id = FindAccountId(target);
   if (!id) return Report(id.error());
   const Status status = EditRecord(target.data_directory, KeyOf(target.kind, *id), edit);
   if (!status) return Report(status.error());
@@ -139,6 +119,26 @@ ExitCode RunEditGuests(const GlobalOptions& global, const GrantTarget& target,
 }
 
 }  // namespace
+
+Result<std::uint32_t> FindAccountId(const GrantTarget& target) {
+  if (target.source == AccountSource::kSystem) return FindInSystem(target);
+  if (const Status owner = CheckOwner(target.accounts_path); !owner) return owner.error();
+  const auto accounts = base::AccountFile::Open(target.accounts_path);
+  if (!accounts) return accounts.error();
+  if (target.kind == AccountKind::kUser) {
+    const auto user = (*accounts)->FindUser(target.name);
+    if (!user) return user.error();
+    return user->uid;
+  }
+  const auto users = (*accounts)->ListUsers();
+  if (!users) return users.error();
+  for (const base::User& user : *users) {
+    for (const base::Group& group : user.groups) {
+      if (group.name == target.name) return group.gid;
+    }
+  }
+  return Error(ErrorCode::kNotFound, "No user is in a group '" + target.name + "'");
+}
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
   return RunEditGuests(

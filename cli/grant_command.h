@@ -30,7 +30,10 @@ ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const 
 ExitCode RunRevoke(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids);
 ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, AuthLevel level);
 
-// The same by numeric id. Editing is by compare and retry, so other writers lose nothing.
+// The numeric id of the user or group. kNotFound when nobody is called that; kDenied as for the commands.
+Result<std::uint32_t> FindAccountId(const GrantTarget& target);
+
+// The level by numeric id. Editing is by compare and retry, so other writers lose nothing.
 Status SetAuthLevel(const std::string& data_directory, AccountKind kind, std::uint32_t id, AuthLevel level);
 // Removes the record, so that a later account with the same id inherits nothing. Not an error: no store, no record.
 Status DropGrants(const std::string& data_directory, AccountKind kind, std::uint32_t id);

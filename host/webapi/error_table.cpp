@@ -30,6 +30,7 @@ constexpr ErrorRow kErrors[] = {
     {406, 409, "The name is already in use."},
     {407, 409, "A host runs an incompatible version."},
     {409, 403, "You may not act on this guest."},
+    {410, 409, "The disks could not be added: the guest would have more than a guest may have."},
     {411, 409, "The disks could not be added: the limit of iSCSI LUNs has been reached."},
     {413, 500, "A virtual disk has an unknown type, or the host could not reserve what the edited guest needs."},
     {415, 409, "The cluster is being upgraded: guests of other hosts cannot be shut down or powered off meanwhile."},
@@ -42,7 +43,9 @@ constexpr ErrorRow kErrors[] = {
     {903, 500, "The guest could not be shut down."},
     {904, 500, "The guest could not be powered off."},
     {905, 500, "The guest could not be rebooted."},
-    {909, 500, "The guest could not be edited: its host could not read or write what it needed."},
+    {909, 500,
+     "The guest could not be edited: its host refused, or could not read or write what it needed. The system log has "
+     "the reason."},
     {910, 409, "The MAC address is in use, or the guest runs."},
     {911, 409, "The guest does not run."},
     {912, 409, "The guest is busy: something else is being done with it. Try again later."},
@@ -51,6 +54,7 @@ constexpr ErrorRow kErrors[] = {
     {917, 409, "A network of the guest is not on this host."},
     {919, 409, "The guest could not be edited because of its network configuration."},
     {920, 409, "The guest could not be edited because a virtual disk of it cannot be edited."},
+    {924, 409, "A virtual disk cannot be removed while the guest runs: the host says its version is too old."},
     {926, 409, "A virtual disk cannot be removed while the guest runs: the guest's version is too old."},
     {927, 409, "The host has not enough virtual CPUs left for the guest."},
     {928, 409, "The host has not enough memory left for the guest."},
@@ -62,7 +66,9 @@ constexpr ErrorRow kErrors[] = {
     {935, 409,
      "A USB device could not be passed through, or the repository is another host's and a disk of the guest is not "
      "VirtIO."},
+    {936, 400, "A USB device is none that can be passed through: give vendor and product, or bus and device."},
     {937, 409, "A USB device could not be passed through to the guest."},
+    {938, 409, "The guest has no USB port left, or no USB controller, for a device."},
     {939, 409, "The guest is running already."},
     {942, 409, "This host has not enough processors left to set apart for the guest."},
     {943, 409, "The guest could not be edited: the host could not set CPU threads apart for it."},
@@ -76,7 +82,10 @@ constexpr ErrorRow kErrors[] = {
     {959, 503, "What the guest needs is temporarily unavailable. Try again later."},
     {965, 409, "The host's processor is not compatible with the guest."},
     {1001, 500, "The guest was edited, but the rights of some users or groups on it could not be set."},
+    {1503, 409, "The guest was edited, but some hosts could not reserve memory or processors for it."},
     {1600, 409, "The guest was edited, but some hosts could not reserve memory or processors for it."},
+    {2101, 409,
+     "The guest was not edited: the host could not reserve what it would need. The details say which parts."},
 };
 
 static_assert(std::ranges::is_sorted(kErrors, std::ranges::less_equal{}, &ErrorRow::code), "one row a code, rising");

@@ -83,7 +83,9 @@ TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
 TEST(ErrorTable, RefusalsOfHosts_AreAllThere) {
   using namespace vexa::guests;  // NOLINT: all of its codes
   for (const int code : {kUnreadable, kFailed, kRunsAlready, kNotRunning, kElsewhere, kBusy, kNoNetwork, kNoVcpu,
-                         kNoMemory, kRemoteNotVirtio, kNoCpuThreads, kRemoteEfi, kUnavailable, kIncompatibleCpu}) {
+                         kNoMemory, kRemoteNotVirtio, kNoCpuThreads, kRemoteEfi, kUnavailable, kIncompatibleCpu,
+                         kBadEdit, kTooManyDisks, kNameTaken, kBadNic, kBadDisk, kNoImage, kBadUsb, kNoUsbPort,
+                         kSuspended, kNotPinned}) {
     EXPECT_NE(FindError(code), nullptr) << code;
   }
 }

@@ -41,6 +41,13 @@ TEST(ImportArguments, FilesAndEveryOption_AreTaken) {
   EXPECT_EQ(arguments->host_id, kUuid);
 }
 
+TEST(ImportArguments, OptionBeforeAFile_TakesOneValue) {
+  const Result<ImportArguments> arguments =
+      ParseImportArguments({"--disk-size", "vda=20", "a.xml", "--network", std::string("lan=") + kUuid, "b.xml"});
+  ASSERT_TRUE(arguments.ok()) << arguments.error().ToString();
+  EXPECT_THAT(arguments->files, ElementsAre("a.xml", "b.xml"));
+}
+
 TEST(ImportArguments, NothingSaid_RefusesExistingGuestsAndWrites) {
   const Result<ImportArguments> arguments = ParseImportArguments({"a.xml"});
   ASSERT_TRUE(arguments.ok());

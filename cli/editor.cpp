@@ -1,0 +1,250 @@
+#include "cli/editor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <initializer_list>
+#include <iostream>
+#include <string_view>
+#include <system_error>
+
+#include "host/base/files.h"
+
+namespace vexa::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Variable(const char* name) {
+  const char* const value = std::getenv(name);
+  return value ? value : "";
+}
+
+bool IsInPath(const std::string& program) {
+  const std::string path = Variable("PATH");
+  for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
+    end = path.find(':', begin);
+    const std::string folder = path.substr(begin, end == std::string::npos ? end : end - begin);
+    if (!folder.empty() && ::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
+// A command for the shell; "" when there is none.
+std::string EditorCommand() {
+  for (const char* variable : {"VISUAL", "EDITOR"}) {
+    if (std::string command = Variable(variable); !command.empty()) return command;
+  }
+  for (const char* program : {"sensible-editor", "editor", "vi"}) {
+    if (IsInPath(program)) return program;
+  }
+  return "";
+}
+
+std::string TemporaryFolder() {
+  for (const char* variable : {"XDG_RUNTIME_DIR", "TMPDIR"}) {
+    const std::string folder = Variable(variable);
+    if (folder.starts_with('/') && ::access(folder.c_str(), W_OK | X_OK) == 0) return folder;
+  }
+  return "/tmp";
+}
+
+// A folder that only this user can enter, removed with all that is in it.
+class PrivateFolder {
+ public:
+  PrivateFolder() : path_(TemporaryFolder() + "/vexa-edit-XXXXXX") {
+    if (!::mkdtemp(path_.data())) error_ = errno;
+  }
+  ~PrivateFolder() {
+    std::error_code ignored;
+    if (error_ == 0) fs::remove_all(path_, ignored);
+  }
+  PrivateFolder(const PrivateFolder&) = delete;
+  PrivateFolder& operator=(const PrivateFolder&) = delete;
+
+  const std::string& path() const { return path_; }
+  int error() const { return error_; }
+
+ private:
+  std::string path_;
+  int error_ = 0;
+};
+
+Status WriteAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t count = ::write(fd, text.data(), text.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return SystemError(ErrorCode::kUnavailable, "The text to edit cannot be written", errno);
+    text.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return {};
+}
+
+// While it lives, signals that would end or stop this process wait.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    sigemptyset(&held_);
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&held_, signal);
+    ::sigprocmask(SIG_BLOCK, &held_, &before_);
+  }
+  ~HeldSignals() {
+    Drop(SIGINT);
+    Drop(SIGQUIT);
+    ::sigprocmask(SIG_SETMASK, &before_, nullptr);
+  }
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+  const sigset_t& before() const { return before_; }
+  const sigset_t& held() const { return held_; }
+
+ private:
+  // What Ctrl-C in the editor has sent to this process as well.
+  static void Drop(int signal) {
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, signal);
+    const timespec no_time{};
+    while (::sigtimedwait(&one, nullptr, &no_time) == signal) {
+    }
+  }
+
+  sigset_t held_{};
+  sigset_t before_{};
+};
+
+// What follows fork in the child.
+[[noreturn]] void BeEditor(const HeldSignals& signals, const char* command, const char* file) {
+  ::sigprocmask(SIG_SETMASK, &signals.before(), nullptr);
+  ::execl("/bin/sh", "sh", "-c", command, "sh", file, static_cast<char*>(nullptr));
+  ::_exit(127);
+}
+
+// Waits for the editor. The signal that told this process to end meanwhile; 0 when none did.
+int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
+  constexpr timespec kLook{0, 200'000'000};
+  int told = 0;
+  while (::waitpid(pid, &status, WNOHANG) == 0) {
+    const int signal = ::sigtimedwait(&signals.held(), nullptr, &kLook);
+    if (signal != SIGTERM && signal != SIGHUP) continue;
+    told = signal;
+    ::kill(pid, signal);
+  }
+  return told;
+}
+
+std::string KeptName() { return TemporaryFolder() + "/vexa-edit-XXXXXX.txt"; }
+constexpr int kKeptEnding = 4;  // ".txt"
+
+// Saves a file that is no text to go on with from the folder that is about to go. Where it is now, for a message.
+std::string MoveOut(const std::string& file) {
+  struct stat info {};
+  if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return "";
+  std::string kept = KeptName();
+  const int fd = ::mkostemps(kept.data(), kKeptEnding, O_CLOEXEC);
+  if (fd < 0) return "";
+  ::close(fd);
+  if (::rename(file.c_str(), kept.c_str()) != 0) return "";
+  return "; it is kept in '" + kept + "'";
+}
+
+std::string HowItEnded(int status) {
+  if (WIFSIGNALED(status)) return "was ended by signal " + std::to_string(WTERMSIG(status));
+  return "ended with exit code " + std::to_string(WEXITSTATUS(status));
+}
+
+}  // namespace
+
+Result<Edited> RunEditor(const std::string& text) {
+  const std::string editor = EditorCommand();
+  if (editor.empty()) return Error(ErrorCode::kNotFound, "There is no editor: set $VISUAL or $EDITOR");
+  const HeldSignals signals;
+  const PrivateFolder folder;
+  if (folder.error() != 0) {
+    return SystemError(ErrorCode::kUnavailable, "No folder can be made for the text to edit", folder.error());
+  }
+  const std::string file = folder.path() + "/guest.txt";
+  const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) return SystemError(ErrorCode::kUnavailable, "The text to edit cannot be written", errno);
+  const Status written = WriteAll(fd, text);
+  ::close(fd);
+  if (!written) return written.error();
+  // Users put options and variables into $EDITOR. The shell makes room, so that signals reach the editor.
+  const std::string command = "exec /usr/bin/env " + editor + " \"$1\"";
+  std::cout.flush();
+  std::cerr.flush();
+  const pid_t pid = ::fork();
+  if (pid == 0) BeEditor(signals, command.c_str(), file.c_str());
+  if (pid < 0) return SystemError(ErrorCode::kUnavailable, "The editor cannot be started", errno);
+  int status = 0;
+  Edited edited;
+  edited.signal = WaitForEditor(pid, signals, status);
+  const bool is_well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  Result<std::string> content = ReadFile(file, kMaxEditedBytes);
+  if (edited.signal != 0) {
+    edited.end = Edited::End::kInterrupted;
+    edited.text = content ? std::move(*content) : text;
+  } else if (!is_well) {
+    edited.end = Edited::End::kGivenUp;
+    edited.why = HowItEnded(status);
+  } else if (!content) {
+    return Error(ErrorCode::kUnavailable, "What the editor left cannot be read" + MoveOut(file),
+                 content.error().ToString());
+  } else {
+    edited.text = std::move(*content);
+  }
+  return edited;
+}
+
+Result<std::string> KeepText(const std::string& text) {
+  std::string path = KeptName();
+  const int fd = ::mkostemps(path.data(), kKeptEnding, O_CLOEXEC);  // of mode 0600
+  if (fd < 0) return SystemError(ErrorCode::kUnavailable, "Your text cannot be kept", errno);
+  const Status written = WriteAll(fd, text);
+  ::close(fd);
+  if (written) return path;
+  ::unlink(path.c_str());
+  return written.error();
+}
+
+AgainAnswer AskAgain() {
+  if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDERR_FILENO) == 0) return {};
+  sigset_t held;
+  sigset_t before;
+  sigemptyset(&held);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&held, signal);
+  ::sigprocmask(SIG_BLOCK, &held, &before);
+  const int signals = ::signalfd(-1, &held, SFD_CLOEXEC);
+  std::cerr << "Edit again? [Y/n] " << std::flush;
+  AgainAnswer answer;
+  std::array<pollfd, 2> polled{{{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}}};
+  while (::poll(polled.data(), polled.size(), -1) < 0 && errno == EINTR) {
+  }
+  signalfd_siginfo information{};
+  if (polled[1].revents != 0 && ::read(signals, &information, sizeof information) == sizeof information) {
+    answer = {Again::kInterrupted, static_cast<int>(information.ssi_signo)};
+    std::cerr << '\n';
+  } else {
+    std::array<char, 256> line{};  // a terminal gives whole lines
+    const ssize_t count = ::read(STDIN_FILENO, line.data(), line.size());
+    const bool is_yes = count > 0 && (line[0] == '\n' || line[0] == 'y' || line[0] == 'Y');
+    answer.again = is_yes ? Again::kYes : Again::kNo;
+  }
+  ::close(signals);
+  ::sigprocmask(SIG_SETMASK, &before, nullptr);
+  return answer;
+}
+
+}  // namespace vexa::cli

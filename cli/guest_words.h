@@ -1,0 +1,50 @@
+// What is to change of a guest, as words of a command line.
+#pragma once
+
+#include <json/value.h>
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+
+namespace vexa::cli {
+
+enum class SettingKind { kText, kNumber, kYesNo };
+
+struct Setting {
+  const char* name;  // of the parameter of "set", and of the member of the reply of "get"
+  SettingKind kind;
+  const char* help;
+};
+
+// The settings that are one value, in the order in which they are shown.
+std::span<const Setting> Settings();
+// Null when there is none of this name.
+const Setting* FindSetting(const std::string& name);
+// "There is no setting 'vcpus'; did you mean 'vcpu_num'? The settings are …".
+Error UnknownSetting(const std::string& name);
+
+struct GuestWords {
+  std::vector<std::string> settings;    // "vcpu_num=4"
+  std::vector<std::string> add_disks;   // GiB
+  std::vector<std::string> del_disks;   // ids
+  std::vector<std::string> grow_disks;  // "ID=GIB"
+  std::string order_disks;              // "ID,ID"; "" for none
+  std::vector<std::string> add_nics;    // "net=ID,type=1,mac=02:00:5e:10:00:01,sriov=true"
+  std::vector<std::string> del_nics;    // ids
+  std::vector<std::string> edit_nics;   // "ID,net=…"
+  std::vector<std::string> isos;        // ids of images, absolute paths, "none"
+  std::vector<std::string> usbs;        // "1234:00ab", "3.14", "none"
+};
+
+// The parameters of "set" for these words, without "guest_id"; no parameter for what is not named. kInvalid: words that
+// cannot be understood, or what no guest can have.
+Result<Json::Value> ParametersOf(const GuestWords& words);
+
+// Whether a host could take these parameters of "set" for some guest. The API answers most of what a host would not
+// with one code and no reason, so it is found out here.
+Status CheckParameters(const Json::Value& parameters);
+
+}  // namespace vexa::cli

@@ -1,0 +1,355 @@
+// vexa guest set against servers that answer by what they are asked: what is sent, and what is refused before.
+#include <signal.h>
+
+#include "tests/system/cli_api_host.h"
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+using std::chrono::seconds;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+const std::string kA = "0a000000-0000-4000-8000-00000000000a";
+const std::string kB = "0b000000-0000-4000-8000-00000000000b";
+
+const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},{"guest_id":"g2","guest_name":"twin"},
+  {"guest_id":"g3","guest_name":"twin"},{"guest_id":"g4","guest_name":"b\u001b[31md\n"}]})";
+constexpr const char* kSettings =
+    "The settings are name, desc, vcpu_num, cpu_pin_num, cpu_weight, cpu_passthru, hyperv_enlighten, vram_size, "
+    "video_card, kb_layout, boot_from, use_ovmf, autorun, usb_version";
+
+class GuestSet : public CliTest {
+ protected:
+  static ApiHost::Answer With(ApiHost::Answer set) {
+    return [set = std::move(set)](const std::string& method,
+                                  const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
+      if (method == "list") return ApiHost::Success(kGuests);
+      if (method == "get") return ApiHost::Success(R"({"name":"web-1"})");
+      return set(method, parameters);
+    };
+  }
+  static ApiHost::Answer AllWell() {
+    return With([](const auto&, const auto&) { return ApiHost::Success(); });
+  }
+  static ApiHost::Answer Refuses(int code, const std::string& details = "") {
+    return With([=](const auto&, const auto&) { return ApiHost::Failure(code, "No.", details); });
+  }
+  ProcessResult RunOn(const ApiHost& host, std::vector<std::string> arguments) {
+    SaveLogin(host.url());
+    arguments.insert(arguments.begin(), {"guest", "set"});
+    return Run(std::move(arguments));
+  }
+  // What is sent for these words after the guest's id.
+  std::string Sent(std::vector<std::string> words) {
+    const ApiHost host(AllWell());
+    words.insert(words.begin(), "web-1");
+    const auto result = RunOn(host, std::move(words));
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    EXPECT_EQ(host.Count("set"), 1);
+    if (host.Count("set") != 1) return "";
+    Json::Value parameters = Parse(host.calls().back().substr(std::string("set ").size()));
+    EXPECT_EQ(parameters["guest_id"], Json::Value("g1"));
+    parameters.removeMember("guest_id");
+    return VexaVirtualization::json::ToText(parameters);
+  }
+  // How words are refused; nobody is asked anything.
+  std::string Refusal(std::vector<std::string> words) {
+    const ApiHost host(AllWell());
+    words.insert(words.begin(), "web-1");
+    const auto result = RunOn(host, std::move(words));
+    EXPECT_EQ(result.exit_code, 2) << result.output;
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(host.calls(), IsEmpty());
+    return result.errors;
+  }
+};
+
+TEST_F(GuestSet, Settings_AreSentWithTheirTypes) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"name=web-2", R"({"name":"web-2"})"},
+      {"name=1", R"({"name":"1"})"},
+      {"desc=", R"({"desc":""})"},
+      {"desc=a=b\\nc", R"({"desc":"a=b\\nc"})"},
+      {"desc=Caf\xc3\xa9 \"q\"", "{\"desc\":\"Caf\xc3\xa9 \\\"q\\\"\"}"},
+      {"vcpu_num=4", R"({"vcpu_num":4})"},
+      {"vram_size=8192", R"({"vram_size":8192})"},
+      {"video_card=qxl", R"({"video_card":"qxl"})"},
+      {"cpu_passthru=true", R"({"cpu_passthru":true})"},
+      {"cpu_passthru=no", R"({"cpu_passthru":false})"},
+      {"hyperv_enlighten=yes", R"({"hyperv_enlighten":true})"},
+      {"use_ovmf=false", R"({"use_ovmf":false})"},
+      {"autorun=2", R"({"autorun":2})"},
+      {"boot_from=iso", R"({"boot_from":"iso"})"},
+      {"usb_version=0", R"({"usb_version":0})"},
+      {"kb_layout=en-us", R"({"kb_layout":"en-us"})"},
+      {"cpu_pin_num=0", R"({"cpu_pin_num":0})"},
+      {"cpu_weight=262144", R"({"cpu_weight":262144})"},
+  };
+  for (const auto& [word, sent] : rows) EXPECT_EQ(Sent({word}), sent);
+}
+
+TEST_F(GuestSet, Options_AreSentAsTheApiNamesThem) {
+  EXPECT_EQ(Sent({"--add-disk", "20", "--add-disk", "1"}), R"({"vdisks_add":[{"vdisk_size":20},{"vdisk_size":1}]})");
+  EXPECT_EQ(Sent({"--del-disk", kA, "--del-disk", kB}),
+            R"({"vdisks_del":[{"vdisk_id":")" + kA + R"("},{"vdisk_id":")" + kB + "\"}]}");
+  EXPECT_EQ(Sent({"--grow-disk", kA + "=30"}), R"({"vdisks_edit":[{"vdisk_id":")" + kA + R"(","vdisk_size":30}]})");
+  EXPECT_EQ(Sent({"--order-disks", kB + "," + kA}),
+            R"({"vdisks_order":[{"vdisk_id":")" + kB + R"("},{"vdisk_id":")" + kA + "\"}]}");
+  EXPECT_EQ(Sent({"--add-nic", "net=" + kA}),
+            R"({"vnics_add":[{"network_id":")" + kA + R"(","prefer_sriov":false,"vnic_type":1}]})");
+  EXPECT_EQ(Sent({"--add-nic", "net=none,type=3,mac=02:00:5e:10:00:01,sriov=true", "--add-nic", "net=,type=2"}),
+            R"({"vnics_add":[{"mac":"02:00:5e:10:00:01","network_id":"","prefer_sriov":true,"vnic_type":3},)"
+            R"({"network_id":"","prefer_sriov":false,"vnic_type":2}]})");
+  EXPECT_EQ(Sent({"--del-nic", kA}), R"({"vnics_del":[{"vnic_id":")" + kA + "\"}]}");
+  EXPECT_EQ(Sent({"--edit-nic", kA + ",type=2", "--edit-nic", kB + ",net=" + kA + ",sriov=no"}),
+            R"({"vnics_edit":[{"vnic_id":")" + kA + R"(","vnic_type":2},{"network_id":")" + kA +
+                R"(","prefer_sriov":false,"vnic_id":")" + kB + "\"}]}");
+  EXPECT_EQ(Sent({"--iso", kA, "--iso", "/srv/a b.iso"}), R"({"iso_images":[")" + kA + R"(","/srv/a b.iso"]})");
+  EXPECT_EQ(Sent({"--iso", "none"}), R"({"iso_images":["unmounted"]})");
+  EXPECT_EQ(Sent({"--iso", ""}), R"({"iso_images":["unmounted"]})");
+  EXPECT_EQ(Sent({"--iso", "unmounted"}), R"({"iso_images":["unmounted"]})");
+  EXPECT_EQ(Sent({"--usb", "1234:00ab", "--usb", "none", "--usb", "3.14"}),
+            R"({"usbs":["1234:00ab","unmounted","3.14"]})");
+  EXPECT_EQ(Sent({"--allow", "uid:1026", "--allow", "gid:100", "--revoke", "uid:7"}),
+            R"({"guest_privilege":[{"allow":true,"name":"","type":"use","uid":1026},)"
+            R"({"allow":true,"gid":100,"name":"","type":"use"},{"allow":false,"name":"","type":"use","uid":7}]})");
+}
+
+TEST_F(GuestSet, SeveralChanges_AreOneRequest) {
+  EXPECT_EQ(Sent({"vcpu_num=2", "--add-disk", "5", "desc=x", "--iso", "none"}),
+            R"({"desc":"x","iso_images":["unmounted"],"vcpu_num":2,"vdisks_add":[{"vdisk_size":5}]})");
+}
+
+TEST_F(GuestSet, WrongSettings_AreToldAndNothingIsSent) {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"vcpus=4"}, std::string("There is no setting 'vcpus'; did you mean 'vcpu_num'? ") + kSettings},
+      {{"=4"}, std::string("There is no setting ''. ") + kSettings},
+      {{"repo_id=x"}, std::string("There is no setting 'repo_id'. ") + kSettings},
+      {{"somethingelse=1"}, std::string("There is no setting 'somethingelse'. ") + kSettings},
+      {{"guest_id=x"}, std::string("There is no setting 'guest_id'. ") + kSettings},
+      {{"vcpu_num"}, "'vcpu_num' is no setting: give NAME=VALUE"},
+      {{"vcpu_num=2", "vcpu_num=2"}, "The setting 'vcpu_num' is given twice"},
+      {{"vcpu_num="}, "'' is no number, as 'vcpu_num' needs it"},
+      {{"vcpu_num=2.0"}, "'2.0' is no number, as 'vcpu_num' needs it"},
+      {{"vcpu_num=99999999999999999999"}, "'99999999999999999999' is no number, as 'vcpu_num' needs it"},
+      {{"vcpu_num=0"}, "The parameter 'vcpu_num' is not a number from 1 to 512"},
+      {{"vcpu_num=4294967297"}, "The parameter 'vcpu_num' is not a number from 1 to 512"},
+      {{"vram_size=0"}, "The parameter 'vram_size' is not a number from 1 to 2097151"},
+      {{"autorun=3"}, "The parameter 'autorun' is not a number from 0 to 2"},
+      {{"cpu_pin_num=-1"}, "The parameter 'cpu_pin_num' is not a number from 0 to 512"},
+      {{"cpu_weight=1"}, "The parameter 'cpu_weight' is not a number from 2 to 262144"},
+      {{"usb_version=-1"}, "The parameter 'usb_version' is not a number from 0 to 3"},
+      {{"use_ovmf=1"}, "'1' is neither true nor false, as 'use_ovmf' needs it"},
+      {{"name="}, "The parameter 'name' is not a text of 1 to 128 bytes without control characters"},
+      {{"name=\xff"}, "The value of 'name' is not valid UTF-8"},
+      {{"boot_from=ISO"}, "The parameter 'boot_from' is not 'disk' or 'iso'"},
+      {{"video_card=s3"}, "The parameter 'video_card' is not cirrus, vga, vmvga, qxl or virtio"},
+      {{"kb_layout=a b"}, "The parameter 'kb_layout' is not the name of a keyboard layout such as 'en-us'"},
+      {{"hyperv_enlighten=true", "cpu_passthru=false"}, "The parameter 'hyperv_enlighten' needs 'cpu_passthru'"},
+      {{}, "Nothing to change is named; see 'vexa guest set --help'"},
+  };
+  for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
+}
+
+TEST_F(GuestSet, WrongOptions_AreToldAndNothingIsSent) {
+  const std::string no_size = "' is no size of a disk: give GiB, 1 to 2097151";
+  const std::string no_disk = "' is no id of a disk (a UUID); 'vexa guest get' shows them";
+  const std::string no_nic = "' is no id of a network interface (a UUID); 'vexa guest get' shows them";
+  const std::string no_member = "' is nothing of an interface: give net=ID, type=N, mac=ADDRESS or sriov=true";
+  const std::string nobody = "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"--add-disk", "0"}, "'0" + no_size},
+      {{"--add-disk", "1.5"}, "'1.5" + no_size},
+      {{"--add-disk", "20G"}, "'20G" + no_size},
+      {{"--add-disk", "2097152"}, "'2097152" + no_size},
+      {{"--del-disk", "vda"}, "'vda" + no_disk},
+      {{"--del-disk", kA, "--del-disk", kA}, "The disk '" + kA + "' is named twice"},
+      {{"--grow-disk", kA}, "'" + kA + "' is no new size of a disk: give ID=GIB"},
+      {{"--grow-disk", "vda=20"}, "'vda" + no_disk},
+      {{"--grow-disk", kA + "=x"}, "'x" + no_size},
+      {{"--grow-disk", kA + "=2", "--grow-disk", kA + "=3"}, "The disk '" + kA + "' is named twice"},
+      {{"--order-disks", kA + ","}, "'" + no_disk},
+      {{"--order-disks", kA + "," + kA}, "The disk '" + kA + "' is named twice"},
+      {{"--add-nic", "type=1"}, "'type=1' names no network: give net=ID, or net=none"},
+      {{"--add-nic", "net=office"}, "'office' is no id of a network (a UUID), nor 'none'"},
+      {{"--add-nic", "net=none,speed=1"}, "'speed=1" + no_member},
+      {{"--add-nic", "net=none,sriov"}, "'sriov" + no_member},
+      {{"--add-nic", "net=none,net=none"}, "'net' is given twice for one interface"},
+      {{"--add-nic", "net=none,type=x"}, "'x' is no number, as 'type' needs it"},
+      {{"--add-nic", "net=none,type=4"}, "The parameter 'vnics_add[0].vnic_type' is not a number from 1 to 3"},
+      {{"--add-nic", "net=none,sriov=1"}, "'1' is neither true nor false, as 'sriov' needs it"},
+      {{"--add-nic", "net=none,mac=01:00:5e:10:00:01"},
+       "The parameter 'vnics_add[0].mac' is not a MAC address of one interface, such as 02:00:5e:10:00:01"},
+      {{"--del-nic", "eth0"}, "'eth0" + no_nic},
+      {{"--edit-nic", "net=none"}, "'net=none" + no_nic},
+      {{"--edit-nic", kA}, "Nothing is to change of the network interface '" + kA + "'"},
+      {{"--edit-nic", kA + ",type=1", "--edit-nic", kA + ",type=2"},
+       "The network interface '" + kA + "' is named twice"},
+      {{"--iso", "debian.iso"},
+       "The parameter 'iso_images[0]' is no image: give the id of one, an absolute path, or 'unmounted'"},
+      {{"--iso", "none", "--iso", "none", "--iso", "none"}, "The parameter 'iso_images' has more than two images"},
+      {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x': give '1234:00ab', '3.14' or 'unmounted'"},
+      {{"--usb", "1.1", "--usb", "1.2", "--usb", "1.3", "--usb", "1.4", "--usb", "1.5"},
+       "The parameter 'usbs' has more than four devices"},
+      {{"--allow", "alice"}, "'alice" + nobody},
+      {{"--allow", "user:"}, "'user:" + nobody},
+      {{"--allow", "users:alice"}, "'users:alice" + nobody},
+      {{"--allow", "uid:-1"}, "'uid:-1" + nobody},
+      {{"--allow", "uid:4294967295"}, "'uid:4294967295" + nobody},
+      {{"--allow", "uid:12x"}, "'uid:12x" + nobody},
+      {{"--allow", "uid:7", "--revoke", "uid:7"}, "The rights of 'uid:7' are named twice"},
+  };
+  for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
+}
+
+TEST_F(GuestSet, UnknownOptionsAndMissingValues_AreWrongUsage) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"--add-disk"}, {"--del-disks", kA}, {"--wait", "vcpu_num=1"}, {"--dry-run=maybe"}}) {
+    EXPECT_THAT(Refusal(words), HasSubstr("Try 'vexa --help'."));
+  }
+  EXPECT_EQ(Run({"guest", "set"}).exit_code, 2);
+  EXPECT_EQ(Run({"guest", "set", "", "vcpu_num=1"}).errors,
+            "vexa: The guest's id or name is empty or not valid UTF-8\n");
+}
+
+TEST_F(GuestSet, NamesThatAreNobodysOrSeverals_SendNothing) {
+  const ApiHost host(AllWell());
+  const auto several = RunOn(host, {"twin", "vcpu_num=1"});
+  EXPECT_EQ(several.exit_code, 1);
+  EXPECT_EQ(several.errors, "vexa: Several guests are called 'twin': give the id, one of g2, g3\n");
+  const auto nobody = RunOn(host, {"web-9", "vcpu_num=1"});
+  EXPECT_EQ(nobody.exit_code, 1);
+  EXPECT_EQ(nobody.errors, "vexa: There is no guest called 'web-9'; see 'vexa guest list'\n");
+  EXPECT_EQ(host.Count("set"), 0);
+}
+
+TEST_F(GuestSet, UnknownUsersAndGroups_SendNothing) {
+  WriteFile(folder_.File("accounts.json"), R"({"version":1,"groups":[],"users":[]})");
+  const ApiHost host(AllWell());
+  for (const char* who : {"user:nobody-of-this-name", "group:nobody-of-this-name"}) {
+    for (const std::vector<std::string>& where :
+         {std::vector<std::string>{"--accounts", folder_.File("accounts.json")}, {"--system"}}) {
+      std::vector<std::string> words{"web-1", "vcpu_num=1", "--allow", who};
+      words.insert(words.end(), where.begin(), where.end());
+      const auto result = RunOn(host, words);
+      EXPECT_EQ(result.exit_code, 1) << who;
+      EXPECT_THAT(result.errors, StartsWith("vexa: "));
+      EXPECT_THAT(result.errors, HasSubstr("nobody-of-this-name"));
+    }
+  }
+  EXPECT_THAT(host.calls(), IsEmpty());
+}
+
+TEST_F(GuestSet, UsersOfTheSystem_AreFoundWithSystem) {
+  EXPECT_EQ(Sent({"--system", "--allow", "user:root", "--revoke", "group:root"}),
+            R"({"guest_privilege":[{"allow":true,"name":"root","type":"use","uid":0},)"
+            R"({"allow":false,"gid":0,"name":"root","type":"use"}]})");
+}
+
+// What comes of it.
+
+TEST_F(GuestSet, Success_IsALine) {
+  const ApiHost host(AllWell());
+  EXPECT_EQ(RunOn(host, {"web-1", "vcpu_num=1"}).output, "web-1: edited\n");
+  EXPECT_EQ(RunOn(host, {"g1", "name=web-1"}).output, "web-1: edited\n");
+  EXPECT_EQ(RunOn(host, {"g1", "name=web\xe2\x80\xae"}).output, "web-1: edited and renamed to web\\u{202e}\n");
+  EXPECT_EQ(RunOn(host, {"g4", "vcpu_num=1"}).output, "b\\x1b[31md\\n: edited\n");
+  EXPECT_EQ(RunOn(host, {"-q", "web-1", "vcpu_num=1"}).output, "");
+}
+
+TEST_F(GuestSet, Json_HasTheOutcome) {
+  const ApiHost well(AllWell());
+  EXPECT_EQ(Parse(RunOn(well, {"--json", "web-1", "vcpu_num=1"}).output),
+            Parse(R"({"guest_id":"g1","guest_name":"web-1","success":true,"message":"edited"})"));
+  const ApiHost badly(Refuses(920));
+  const auto result = RunOn(badly, {"--json", "web-1", "vcpu_num=1"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(Parse(result.output), Parse(R"-({"guest_id":"g1","guest_name":"web-1","success":false,"code":920,
+      "message":"No. (error 920, HTTP 409, request 0123456789abcdef)"})-"));
+}
+
+TEST_F(GuestSet, Refusals_AreToldWithCodeAndDetails) {
+  for (const int code : {401, 403, 406, 407, 409, 411, 413, 909, 919, 920, 926, 930, 934, 935, 937, 943, 946, 1001}) {
+    const ApiHost host(Refuses(code));
+    const auto result = RunOn(host, {"web-1", "vcpu_num=1"});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.errors,
+              "vexa: web-1: No. (error " + std::to_string(code) + ", HTTP 409, request 0123456789abcdef)\n");
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  const ApiHost hosts(Refuses(1600, R"(,"details":{"host_names":"nas-1, na\u001bs-2"})"));
+  EXPECT_EQ(RunOn(hosts, {"web-1", "vcpu_num=1"}).errors,
+            "vexa: web-1: No. (error 1600, HTTP 409, request 0123456789abcdef)\n"
+            "Details: {\"host_names\":\"nas-1, na\\u001bs-2\"}\n");
+  const ApiHost address(Refuses(910, R"(,"details":{"guest":"db"})"));
+  EXPECT_EQ(RunOn(address, {"web-1", "vcpu_num=1"}).errors,
+            "vexa: web-1: No. (error 910, HTTP 409, request 0123456789abcdef)\nDetails: {\"guest\":\"db\"}\n");
+}
+
+TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
+  const ApiHost host(AllWell());
+  const auto result = RunOn(host, {"web-1", "vcpu_num=4", "--add-disk", "2", "--dry-run"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(Parse(result.output), Parse(R"({"guest_id":"g1","vcpu_num":4,"vdisks_add":[{"vdisk_size":2}]})"));
+  EXPECT_EQ(result.errors,
+            "vexa: web-1: Nothing was changed, as this is a dry run. What only the guest's host can check was not "
+            "checked.\n");
+  EXPECT_EQ(host.Count("get"), 1);
+  EXPECT_EQ(host.Count("set"), 0);
+  EXPECT_EQ(RunOn(host, {"web-1", "vcpu_num=0", "--dry-run"}).exit_code, 2);
+  EXPECT_EQ(RunOn(host, {"web-9", "vcpu_num=1", "--dry-run"}).exit_code, 1);
+  EXPECT_EQ(host.Count("set"), 0);
+}
+
+TEST_F(GuestSet, DryRunOfAGuestThatCannotBeRead_Fails) {
+  for (const char* data : {"", "7"}) {
+    const std::string text = data;
+    const ApiHost host([&](const std::string& method, const Json::Value&) {
+      if (method == "list") return ApiHost::Success(kGuests);
+      return text.empty() ? ApiHost::Failure(409, "You may not.") : ApiHost::Success(text);
+    });
+    const auto result = RunOn(host, {"web-1", "vcpu_num=4", "--dry-run"});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors,
+                StartsWith(text.empty() ? "vexa: You may not." : "vexa: The server's reply holds no guest"));
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_EQ(host.Count("set"), 0);
+  }
+}
+
+TEST_F(GuestSet, Timeout_IsTheOneThatIsGiven) {
+  ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
+  const auto result = RunOn(host, {"--timeout", "1", "web-1", "vcpu_num=1"});
+  EXPECT_EQ(result.exit_code, 3);
+  EXPECT_THAT(result.errors, StartsWith("vexa: web-1: No reply from "));
+}
+
+TEST_F(GuestSet, Interrupt_EndsAtOnceAndTellsSo) {
+  ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
+  SaveLogin(host.url());
+  Process program(Program({"guest", "set", "web-1", "vcpu_num=1"}));
+  ASSERT_TRUE(Eventually([&] { return host.held() == 1; }));
+  program.Signal(SIGINT);
+  const auto ended = program.Wait(seconds(30));
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(ended->code, 130);
+  EXPECT_EQ(program.errors(), "vexa: web-1: Interrupted before it was answered, and not taken back.\n");
+}
+
+TEST_F(GuestSet, NoServer_IsUnreachable) {
+  const auto result = Run({"guest", "set", "web-1", "vcpu_num=1"});
+  EXPECT_EQ(result.exit_code, 3);
+}
+
+TEST_F(GuestSet, Help_TellsUnitsAndAllSettings) {
+  EXPECT_THAT(Run({"guest", "set", "--help"}).output,
+              AllOf(HasSubstr("Sizes of disks are in GiB"), HasSubstr("memory in MiB"), HasSubstr("hyperv_enlighten="),
+                    HasSubstr("--dry-run"), HasSubstr("There is nothing to wait for")));
+}
+
+}  // namespace
+}  // namespace vexa::test
