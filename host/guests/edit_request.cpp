@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <set>
 #include <string_view>
 
 #include "host/base/json_parse.h"
@@ -77,15 +78,19 @@ std::optional<std::uint32_t> Number(std::string_view text, int base, std::uint32
   return number;
 }
 
-// "1234:00ab" is a vendor and a product, "3.14" a bus and a device.
-bool IsUsbDevice(std::string_view text) {
+// "1234:00ab" is a vendor and a product, "3.14" a bus and a device. The same text for all ways to write a device; ""
+// for what is none.
+std::string UsbDevice(std::string_view text) {
   const std::size_t at = text.find_first_of(":.");
-  if (at == std::string_view::npos || at == 0 || at > 4 || text.size() - at > 5) return false;
+  if (at == std::string_view::npos || at == 0 || at > 4 || text.size() - at > 5) return "";
   const bool is_product = text[at] == ':';
+  std::string device;
   for (const std::string_view part : {text.substr(0, at), text.substr(at + 1)}) {
-    if (is_product ? !Number(part, 16, 0, 0xFFFF) : !Number(part, 10, 1, 255)) return false;
+    const auto number = is_product ? Number(part, 16, 0, 0xFFFF) : Number(part, 10, 1, 255);
+    if (!number) return "";
+    device += text[at] + std::to_string(*number);
   }
-  return true;
+  return device;
 }
 
 // "aa:bb:cc:dd:ee:ff" in lower case; "" for what is no address of one interface.
@@ -227,12 +232,18 @@ class Reader {
   void ReadDevices() {
     if (!json::FindMember(edit_, keys::usbs)) return;
     Json::Value devices(Json::arrayValue);
+    std::set<std::string> named;
     ForEach(keys::usbs, [&](const Json::Value& element, const std::string& where) {
       if (!element.isString()) return RefuseType(where, "a text");
       const std::string device = json::String(element);
-      if (device != kUnmounted && !IsUsbDevice(device)) {
-        const std::string shown = cluster::LogText(device, kShown);
+      const std::string plain = UsbDevice(device);
+      const std::string shown = cluster::LogText(device, kShown);
+      if (device != kUnmounted && plain.empty()) {
         return Refuse(kBadUsb, where, "is '" + shown + "': give '1234:00ab', '3.14' or 'unmounted'");
+      }
+      // No machine has it in two ports.
+      if (device != kUnmounted && !named.insert(plain).second) {
+        return Refuse(kBadUsb, where, "names the device '" + shown + "' once more");
       }
       devices.append(element);
     });

@@ -10,6 +10,7 @@
 #include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
+#include "host/hypervisor/domain_xml.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::guests {
@@ -208,7 +209,18 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const Run
   build.pinned_cpus = run.pinned_cpus;
   build.image_path = ImagePath;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
-  return hypervisor::BuildDomainXml(guest.records, build);
+  hypervisor::GuestRecords records = guest.records;
+  if (IsMachineOfOther(guest)) records.guest.removeMember("name");
+  return hypervisor::BuildDomainXml(records, build);
+}
+
+// Whether another machine has the guest's name: one keeps its name while it runs, when its guest is called otherwise.
+bool LibvirtGuestControl::IsMachineOfOther(const Guest& guest) {
+  const auto known = hypervisor_->List();
+  if (!known) return false;
+  return std::ranges::any_of(*known, [&](const hypervisor::KnownGuest& other) {
+    return other.name == guest.name && other.id != hypervisor::NormalizeUuid(guest.records.id);
+  });
 }
 
 std::vector<std::string> LibvirtGuestControl::LibvirtNetworks() {

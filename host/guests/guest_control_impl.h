@@ -78,6 +78,7 @@ class LibvirtGuestControl final : public GuestControl {
   Result<hypervisor::Node> NodeFigures();
   EditOptions OptionsOfEdits();
   Result<std::string> DomainXml(const Guest& guest, const Run& run);
+  bool IsMachineOfOther(const Guest& guest);
   std::vector<std::string> LibvirtNetworks();
   bool ForgetsGuests() const { return options_.hypervisor.mode == "test"; }
   void Step(std::string_view step) const {

@@ -504,6 +504,20 @@ TEST_F(GuestControlTest, EditOfARunningGuest_IsPendingUntilTheNextPowerOn) {
   EXPECT_EQ(refused->code, kNotPinned);
 }
 
+TEST_F(GuestControlTest, NameThatARunningGuestHadWhenItStarted_IsFreeForAnother) {
+  PutGuest(kOther, "db-1");
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"name":"web-2"})"), kAlice));
+  EXPECT_DONE(control_->Edit(kOther, Parsed(R"({"name":"web-1"})"), kAlice));
+  // The first machine goes on as "web-1".
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
 TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestIsNotStartedOrMoved) {
   Start();
   const std::string edit =

@@ -108,26 +108,26 @@ TEST_F(GuestEdit, Lists_AreCheckedElementByElement) {
     }
   }
   for (const char* edit : {R"({"vnics_add":[{}]})",
-                                  R"({"vnics_add":[{"network_id":7}]})",
-                                  R"({"vnics_add":[{"network_id":"x"}]})",
-                                  R"({"vnics_add":[{"network_id":"","vnic_type":0}]})",
-                                  R"({"vnics_add":[{"network_id":"","vnic_type":4}]})",
-                                  R"({"vnics_add":[{"network_id":"","vnic_type":"1"}]})",
-                                  R"({"vnics_add":[{"network_id":"","prefer_sriov":1}]})",
-                                  R"({"vnics_add":[{"network_id":"","mac":7}]})",
-                                  R"({"vnics_add":[{"network_id":"","mac":"02:00:00:00:00"}]})",
-                                  R"({"vnics_add":[{"network_id":"","mac":"01:00:00:00:00:01"}]})",
-                                  R"({"vnics_add":[{"network_id":"","mac":"00:00:00:00:00:00"}]})",
-                                  R"({"vnics_add":[{"network_id":"","mac":"02-00-00-00-00-09"}]})",
-                                  R"({"vnics_del":[{"vnic_id":"x"}]})",
-                                  R"({"vdisks_add":[{}]})",
-                                  R"({"vdisks_add":[{"vdisk_size":0}]})",
-                                  R"({"vdisks_add":[{"vdisk_size":"9"}]})",
-                                  R"({"vdisks_add":[{"vdisk_size":2147483648}]})",
-                                  R"({"vdisks_add":[{"vdisk_size":9,"vdisk_mode":5}]})",
-                                  R"({"vdisks_add":[{"vdisk_size":9,"unmap":1}]})",
-                                  R"({"vdisks_add":[{"vdisk_size":9,"format":"vmdk"}]})",
-                                  R"({"vdisks_order":[{"vdisk_id":7}]})"}) {
+                           R"({"vnics_add":[{"network_id":7}]})",
+                           R"({"vnics_add":[{"network_id":"x"}]})",
+                           R"({"vnics_add":[{"network_id":"","vnic_type":0}]})",
+                           R"({"vnics_add":[{"network_id":"","vnic_type":4}]})",
+                           R"({"vnics_add":[{"network_id":"","vnic_type":"1"}]})",
+                           R"({"vnics_add":[{"network_id":"","prefer_sriov":1}]})",
+                           R"({"vnics_add":[{"network_id":"","mac":7}]})",
+                           R"({"vnics_add":[{"network_id":"","mac":"02:00:00:00:00"}]})",
+                           R"({"vnics_add":[{"network_id":"","mac":"01:00:00:00:00:01"}]})",
+                           R"({"vnics_add":[{"network_id":"","mac":"00:00:00:00:00:00"}]})",
+                           R"({"vnics_add":[{"network_id":"","mac":"02-00-00-00-00-09"}]})",
+                           R"({"vnics_del":[{"vnic_id":"x"}]})",
+                           R"({"vdisks_add":[{}]})",
+                           R"({"vdisks_add":[{"vdisk_size":0}]})",
+                           R"({"vdisks_add":[{"vdisk_size":"9"}]})",
+                           R"({"vdisks_add":[{"vdisk_size":2147483648}]})",
+                           R"({"vdisks_add":[{"vdisk_size":9,"vdisk_mode":5}]})",
+                           R"({"vdisks_add":[{"vdisk_size":9,"unmap":1}]})",
+                           R"({"vdisks_add":[{"vdisk_size":9,"format":"vmdk"}]})",
+                           R"({"vdisks_order":[{"vdisk_id":7}]})"}) {
     ExpectRefused(edit, 401);
   }
   ExpectRefused("{\"vnics_edit\":[{" + nic0 + ",\"mac\":\"\"}]}", 401);
@@ -164,6 +164,11 @@ TEST_F(GuestEdit, UsbDevices) {
   ExpectRefused(R"({"usbs":["unmounted","unmounted","unmounted","unmounted","unmounted"]})", 938);
   for (const char* bad : {"", "1234", "12345:1", "x:1", "0.1", "1.256", "1.2.3", "1:2:3", " 1:2", "-1.2"}) {
     ExpectRefused(std::string("{\"usbs\":[\"") + bad + "\"]}", 936);
+  }
+  // With one device in two ports it could not be started.
+  for (const char* same :
+       {R"("1234:00ab","1234:00AB")", R"("1234:ab","unmounted","1234:00ab")", R"("3.14","03.014")"}) {
+    ExpectRefused(std::string(R"({"usb_version":2,"usbs":[)") + same + "]}", 936);
   }
 }
 

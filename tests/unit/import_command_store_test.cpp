@@ -11,6 +11,7 @@
 #include "cli/import_command.h"
 #include "host/base/json_parse.h"
 #include "host/cluster/live_state.h"
+#include "host/guests/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/unit/import_words.h"
@@ -348,6 +349,39 @@ TEST_F(ImportOnStore, GuestThatStartsMeanwhile_IsNotReplaced) {
   EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
   EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
   EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+}
+
+TEST_F(ImportOnStore, GuestThatSomebodyHas_IsNotReplaced) {
+  Put("guest", kFirst, R"({"name":"one"})");
+  const std::string file = File("a.xml", Domain(kFirst, "two"));
+  for (const auto& [key, words] : {std::pair{guests::RunKey(kFirst), "runs on a host: power it off"},
+                                   std::pair{guests::DeletionKey(kFirst), "is being deleted: wait until it is gone"},
+                                   std::pair{guests::EditKey(kFirst), "is being edited: wait until that is done"}}) {
+    SCOPED_TRACE(key);
+    ASSERT_TRUE(store_->Commit({{}, {{key, "{}"}}}).ok());
+    EXPECT_FALSE(Run({file, "--replace"}).ok());
+    EXPECT_THAT(err_, HasSubstr(words));
+    EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+    ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
+  }
+  EXPECT_TRUE(Run({file, "--replace"}).ok()) << err_;
+}
+
+TEST_F(ImportOnStore, GuestThatSomebodyTakesMeanwhile_IsNotReplaced) {
+  Put("guest", kFirst, R"({"name":"one"})");
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "two"))};
+  arguments.on_existing = OnExisting::kReplace;
+  for (const std::string& key : {guests::RunKey(kFirst), guests::DeletionKey(kFirst), guests::EditKey(kFirst)}) {
+    SCOPED_TRACE(key);
+    RacingStore racing(*store_, key, "{}");
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+    EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+    EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+    ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
+  }
 }
 
 TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {

@@ -244,13 +244,14 @@ std::vector<std::pair<std::string, std::string>> Operations(const store::Transac
 
 TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {});
-  ASSERT_THAT(transaction.compares, SizeIs(4));
+  ASSERT_THAT(transaction.compares, SizeIs(5));
   EXPECT_EQ(transaction.compares[0].key, "/dash/guest/g/object");
   EXPECT_EQ(transaction.compares[0].revision, 0u);
   EXPECT_EQ(transaction.compares[1].key, "/dash/guest/g/state");
   EXPECT_EQ(transaction.compares[1].revision, 0u);
   EXPECT_EQ(transaction.compares[2].key, "/run/g");
   EXPECT_EQ(transaction.compares[3].key, "/deletion/g");
+  EXPECT_EQ(transaction.compares[4].key, "/edit/g");
   EXPECT_THAT(
       Operations(transaction),
       ElementsAre(Pair("/dash/guest/g/object", R"({"autorun":0,"name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
@@ -266,7 +267,7 @@ TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoes
   stored.record = *ParseJson(R"({"name":"old","autorun":1,"ha_group_id":"h","desc":"gone",
                                  "vdisks":["d2","d3","d3",5],"vnics":["n1","n2"]})");
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), stored);
-  ASSERT_THAT(transaction.compares, SizeIs(4));
+  ASSERT_THAT(transaction.compares, SizeIs(5));
   EXPECT_EQ(transaction.compares[0].revision, 7u);
   EXPECT_EQ(transaction.compares[1].revision, 9u);
   EXPECT_THAT(
