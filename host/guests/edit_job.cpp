@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "host/cluster/mac_address.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
+#include "host/guests/disk_users.h"
 #include "host/guests/run_record.h"
 
 namespace vexa::guests {
@@ -165,33 +167,45 @@ Result<store::Transaction> EditJob::PlanIntent(const Requester& requester, store
 // Looks at the files, unless it was done for the same ones.
 Status EditJob::SelectFor(const FileChanges& files) {
   if (files_ == files) return {};
-  files_ = files;
+  files_.reset();
   record_ = EditRecord();
   notes_.clear();
   for (const NewFile& file : files.made) record_.made.push_back(file.path);
-  std::set<std::string> grown;
+  if (Status selected = SelectGrown(files); !selected) return selected;
+  if (Status selected = SelectRemoved(files); !selected) return selected;
+  files_ = files;
+  return {};
+}
+
+// A file that another disk has as well stays as it is: whoever uses that disk may be running.
+Status EditJob::SelectGrown(const FileChanges& files) {
+  std::set<std::string> disks = files.removed_disks;
+  std::map<std::string, FileIdentity> found;
   for (const GrownFile& file : files.grown) {
     Result<Growth> growth = PlanGrowth(disk_files_, file.path, file.format, file.size_mib << 20);
-    if (!growth) {
-      files_.reset();
-      return growth.error();
-    }
-    if (!grown.insert(file.path).second) {
-      files_.reset();
-      return Error(ErrorCode::kInvalid, "Two disks have the same file");
-    }
+    if (!growth) return growth.error();
+    const Result<DiskFiles::Look> look = disk_files_.Examine(file.path);
+    if (!look) return look.error();
+    const bool is_twice = std::ranges::any_of(found, [&](const auto& other) { return other.second == look->identity; });
+    if (is_twice) return Error(ErrorCode::kInvalid, "Two disks have the same file");
+    found.emplace(file.path, look->identity);
+    disks.insert(file.disk_id);
     record_.grown.push_back(std::move(*growth));
   }
+  const Result<std::set<std::string>> others = NamedByOthers(*options_.store, disks, found);
+  if (!others) return others.error();
+  if (others->empty()) return {};
+  return Error(ErrorCode::kInvalid, "The file '" + ShownPath(*others->begin()) + "' belongs to another disk as well");
+}
+
+Status EditJob::SelectRemoved(const FileChanges& files) {
   if (files.removed.empty()) return {};
   DeletionPlan removal;
   removal.files = files.removed;
   removal.disks = files.removed_disks;
   removal.images = files.images;
   Result<Selection> selection = SelectFiles(guest_id_, removal, disk_files_, *options_.store);
-  if (!selection) {
-    files_.reset();
-    return selection.error();
-  }
+  if (!selection) return selection.error();
   record_.hidden = std::move(selection->files);
   notes_ = std::move(selection->notes);
   return {};

@@ -39,6 +39,8 @@ class EditJob {
   Result<store::Transaction> PlanBegin(const Requester& requester);
   Result<store::Transaction> PlanIntent(const Requester& requester, store::Transaction transaction);
   Status SelectFor(const FileChanges& files);
+  Status SelectGrown(const FileChanges& files);
+  Status SelectRemoved(const FileChanges& files);
   Status DoFiles();
   Status MakeFile(const NewFile& file);
   Outcome CommitRecords();
