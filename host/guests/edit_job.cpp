@@ -244,6 +244,9 @@ Status EditJob::DoFiles() {
 
 // The point of no return, or back to where it began.
 EditJob::Outcome EditJob::CommitRecords() {
+  const Result<bool> wanted = AreFilesNamedByOthers();
+  if (!wanted) return SettleFailedCommit(wanted.error());
+  if (*wanted) return Undo({kBusy, "Other disks get the guest's files all the time"}, Outcome::kChanged);
   std::optional<Outcome> instead;
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
   if (!committed) return SettleFailedCommit(committed.error());
@@ -257,6 +260,16 @@ EditJob::Outcome EditJob::CommitRecords() {
   }
   Purge();
   return Outcome::kDone;
+}
+
+// Whether a record that came since the files were selected names one that is to go. As for deletions, asked once
+// before the commit, which is to be quick.
+Result<bool> EditJob::AreFilesNamedByOthers() const {
+  std::map<std::string, FileIdentity> files;
+  for (const HiddenFile& file : record_.hidden) files.emplace(file.path, FileIdentity());
+  const Result<std::set<std::string>> named = NamedByOthers(*options_.store, files_->removed_disks, files);
+  if (!named) return named.error();
+  return !named->empty();
 }
 
 // `instead`: kChanged when the records now mean other files, kRefused when they do not allow the edit any more.

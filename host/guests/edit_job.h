@@ -44,6 +44,7 @@ class EditJob {
   Status DoFiles();
   Status MakeFile(const NewFile& file);
   Outcome CommitRecords();
+  Result<bool> AreFilesNamedByOthers() const;
   Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
   Outcome SettleFailedCommit(const Error& error);
   void Purge();

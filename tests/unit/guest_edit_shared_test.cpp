@@ -88,5 +88,14 @@ TEST_F(SharedEdit, FileOfTwoDisksOfTheGuest_GrowsOnceTheOtherDiskGoes) {
   EXPECT_EQ(ground_.Images().at(std::string(kDisk0) + ".qcow2"), 48 << 20);
 }
 
+// An import, say, of a guest that is to have the file.
+TEST_F(SharedEdit, FileThatAnotherDiskGets_WhileItIsHidden_IsLeft) {
+  At("sync done 0", [&] { PutDisk(*store_, "new-disk", kNeighbour, ground_.PathOf(kDisk1)); });
+  EXPECT_EQ(Code(R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 0);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  EXPECT_FALSE(RecordOf(*store_, "vdisk", "new-disk").isNull());
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
 }  // namespace
 }  // namespace vexa::test
