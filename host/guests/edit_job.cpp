@@ -217,6 +217,8 @@ Status EditJob::MakeFile(const NewFile& file) {
   if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
     return SystemError(ErrorCode::kInternal, "Cannot make the folder '" + folder + "'", errno);
   }
+  // Also of one that was there: whoever made it may have ended before this.
+  if (Status synced = disk_files_.Sync(folder); !synced) return synced;
   const EmptyImage image = MakeEmptyImage(file.format, file.size_mib << 20);
   return disk_files_.Create(file.path, image.length, image.pieces);
 }

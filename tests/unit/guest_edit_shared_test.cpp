@@ -97,5 +97,26 @@ TEST_F(SharedEdit, FileThatAnotherDiskGets_WhileItIsHidden_IsLeft) {
   EXPECT_EQ(ground_.Images(), images_);
 }
 
+// Else the folder may be gone after a power failure, and the disk with it, while the records name it.
+TEST_F(SharedEdit, NewFolderOfARepository_IsOnTheDiskBeforeTheRecordsAre) {
+  for (const bool is_there : {false, true}) {
+    if (!is_there) std::filesystem::remove_all(ground_.Folder());
+    struct stat root {};
+    ASSERT_EQ(::stat(ground_.File("images").c_str(), &root), 0);
+    std::vector<bool> are_root;
+    options_.file_calls.sync = [&](int folder) {
+      struct stat info {};
+      EXPECT_EQ(::fstat(folder, &info), 0);
+      are_root.push_back(info.st_ino == root.st_ino);
+      return guests::SyncFolder(folder);
+    };
+    bool is_synced = false;
+    At("commit records", [&] { is_synced = are_root == std::vector<bool>{true, false}; });
+    EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
+    EXPECT_TRUE(is_synced);
+    EXPECT_EQ(ground_.Images().size(), is_there ? 2u : 1u);
+  }
+}
+
 }  // namespace
 }  // namespace vexa::test
