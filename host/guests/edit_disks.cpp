@@ -83,7 +83,7 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
     return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(disk.id) + " keeps its size");
   const std::optional<std::string> path = NormalPath(TextMember(disk.before, kPath));
   if (!path) return edited.Refuse(kBadDisk, where + " has no file that could grow");
-  edited.plan.files.grown.push_back({*path, FormatOf(disk.before), size_mib});
+  edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
 }
 

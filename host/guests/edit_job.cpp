@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "host/cluster/mac_address.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
+#include "host/guests/disk_users.h"
 #include "host/guests/run_record.h"
 
 namespace vexa::guests {
@@ -165,33 +167,45 @@ Result<store::Transaction> EditJob::PlanIntent(const Requester& requester, store
 // Looks at the files, unless it was done for the same ones.
 Status EditJob::SelectFor(const FileChanges& files) {
   if (files_ == files) return {};
-  files_ = files;
+  files_.reset();
   record_ = EditRecord();
   notes_.clear();
   for (const NewFile& file : files.made) record_.made.push_back(file.path);
-  std::set<std::string> grown;
+  if (Status selected = SelectGrown(files); !selected) return selected;
+  if (Status selected = SelectRemoved(files); !selected) return selected;
+  files_ = files;
+  return {};
+}
+
+// A file that another disk has as well stays as it is: whoever uses that disk may be running.
+Status EditJob::SelectGrown(const FileChanges& files) {
+  std::set<std::string> disks = files.removed_disks;
+  std::map<std::string, FileIdentity> found;
   for (const GrownFile& file : files.grown) {
     Result<Growth> growth = PlanGrowth(disk_files_, file.path, file.format, file.size_mib << 20);
-    if (!growth) {
-      files_.reset();
-      return growth.error();
-    }
-    if (!grown.insert(file.path).second) {
-      files_.reset();
-      return Error(ErrorCode::kInvalid, "Two disks have the same file");
-    }
+    if (!growth) return growth.error();
+    const Result<DiskFiles::Look> look = disk_files_.Examine(file.path);
+    if (!look) return look.error();
+    const bool is_twice = std::ranges::any_of(found, [&](const auto& other) { return other.second == look->identity; });
+    if (is_twice) return Error(ErrorCode::kInvalid, "Two disks have the same file");
+    found.emplace(file.path, look->identity);
+    disks.insert(file.disk_id);
     record_.grown.push_back(std::move(*growth));
   }
+  const Result<std::set<std::string>> others = NamedByOthers(*options_.store, disks, found);
+  if (!others) return others.error();
+  if (others->empty()) return {};
+  return Error(ErrorCode::kInvalid, "The file '" + ShownPath(*others->begin()) + "' belongs to another disk as well");
+}
+
+Status EditJob::SelectRemoved(const FileChanges& files) {
   if (files.removed.empty()) return {};
   DeletionPlan removal;
   removal.files = files.removed;
   removal.disks = files.removed_disks;
   removal.images = files.images;
   Result<Selection> selection = SelectFiles(guest_id_, removal, disk_files_, *options_.store);
-  if (!selection) {
-    files_.reset();
-    return selection.error();
-  }
+  if (!selection) return selection.error();
   record_.hidden = std::move(selection->files);
   notes_ = std::move(selection->notes);
   return {};
@@ -203,6 +217,8 @@ Status EditJob::MakeFile(const NewFile& file) {
   if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
     return SystemError(ErrorCode::kInternal, "Cannot make the folder '" + folder + "'", errno);
   }
+  // Also of one that was there: whoever made it may have ended before this.
+  if (Status synced = disk_files_.Sync(folder); !synced) return synced;
   const EmptyImage image = MakeEmptyImage(file.format, file.size_mib << 20);
   return disk_files_.Create(file.path, image.length, image.pieces);
 }
@@ -230,6 +246,9 @@ Status EditJob::DoFiles() {
 
 // The point of no return, or back to where it began.
 EditJob::Outcome EditJob::CommitRecords() {
+  const Result<bool> wanted = AreFilesNamedByOthers();
+  if (!wanted) return SettleFailedCommit(wanted.error());
+  if (*wanted) return Undo({kBusy, "Other disks get the guest's files all the time"}, Outcome::kChanged);
   std::optional<Outcome> instead;
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
   if (!committed) return SettleFailedCommit(committed.error());
@@ -243,6 +262,16 @@ EditJob::Outcome EditJob::CommitRecords() {
   }
   Purge();
   return Outcome::kDone;
+}
+
+// Whether a record that came since the files were selected names one that is to go. As for deletions, asked once
+// before the commit, which is to be quick.
+Result<bool> EditJob::AreFilesNamedByOthers() const {
+  std::map<std::string, FileIdentity> files;
+  for (const HiddenFile& file : record_.hidden) files.emplace(file.path, FileIdentity());
+  const Result<std::set<std::string>> named = NamedByOthers(*options_.store, files_->removed_disks, files);
+  if (!named) return named.error();
+  return !named->empty();
 }
 
 // `instead`: kChanged when the records now mean other files, kRefused when they do not allow the edit any more.

@@ -39,9 +39,12 @@ class EditJob {
   Result<store::Transaction> PlanBegin(const Requester& requester);
   Result<store::Transaction> PlanIntent(const Requester& requester, store::Transaction transaction);
   Status SelectFor(const FileChanges& files);
+  Status SelectGrown(const FileChanges& files);
+  Status SelectRemoved(const FileChanges& files);
   Status DoFiles();
   Status MakeFile(const NewFile& file);
   Outcome CommitRecords();
+  Result<bool> AreFilesNamedByOthers() const;
   Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
   Outcome SettleFailedCommit(const Error& error);
   void Purge();

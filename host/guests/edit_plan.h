@@ -29,6 +29,7 @@ struct NewFile {
   bool operator==(const NewFile&) const = default;
 };
 struct GrownFile {
+  std::string disk_id;
   std::string path;
   hypervisor::ImageFormat format = hypervisor::ImageFormat::kQcow2;
   std::uint64_t size_mib = 0;
