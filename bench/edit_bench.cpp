@@ -186,16 +186,17 @@ struct Row {
   const char* what;
   std::function<Rate()> rate;
   std::vector<double> rates{};
-  std::vector<double> waits{};  // of the disk that one edit takes as long as
+  std::vector<double> waits{};    // of the disk that one edit takes as long as
+  std::vector<double> of_many{};  // its rate as a ratio to that of many threads that wait for the disk
   std::vector<double> refused{};
 };
 
 void Print(const Row& row) {
   const int percent = static_cast<int>(100 * Median(row.refused));
   const std::string refused = percent == 0 ? "" : "; " + std::to_string(percent) + "% were refused beside these";
-  std::printf("%-34s %7.0f/s   one takes as long as %5.2f waits (%.2f to %.2f)%s\n", row.what, Median(row.rates),
-              Median(row.waits), *std::min_element(row.waits.begin(), row.waits.end()),
-              *std::max_element(row.waits.begin(), row.waits.end()), refused.c_str());
+  std::printf("%-34s %7.0f/s   one takes as long as %5.2f waits (%.2f to %.2f); to %d threads: %.3f%s\n", row.what,
+              Median(row.rates), Median(row.waits), *std::min_element(row.waits.begin(), row.waits.end()),
+              *std::max_element(row.waits.begin(), row.waits.end()), kMany, Median(row.of_many), refused.c_str());
 }
 
 daemon::Config ConfigFor(const std::string& folder) {
@@ -243,12 +244,17 @@ int main() {
       const Rate rate = row.rate();
       row.rates.push_back(rate.a_second);
       row.waits.push_back(one_thread.back() / rate.a_second);
+      row.of_many.push_back(rate.a_second / many_threads.back());
       row.refused.push_back(rate.refused);
     }
   }
   std::printf("fdatasync of a page in place: %.0f/s by 1 thread, %.0f/s by %d (medians of %d rounds)\n",
               Median(one_thread), Median(many_threads), kMany, kRounds);
-  std::printf("Edits, and how many waits of 1 thread for the disk one takes as long as (least to greatest):\n");
+  std::printf(
+      "Edits, and how many waits of 1 thread for the disk one takes as long as (least to greatest); and their rate as "
+      "a ratio to "
+      "that of %d threads that wait:\n",
+      kMany);
   for (const Row& row : rows) Print(row);
   const double waits = Median(rows[0].waits);
   std::printf("aim for 1 client: at most %.0f waits, %s\n", kAim, waits <= kAim ? "met" : "MISSED");
