@@ -1,0 +1,161 @@
+// Edits in a cluster of three hosts that are three processes: who carries one out, for whom, and what others see of it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "host/base/json_parse.h"
+#include "host/store/key.h"
+#include "tests/support/require.h"
+#include "tests/system/transport_cluster.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
+constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+
+class GuestSetCluster : public TransportCluster {
+ protected:
+  void SetUp() override {
+    TransportCluster::SetUp();
+    if (HasFatalFailure()) return;
+    for (int host = 0; host < kHosts; ++host) std::filesystem::create_directories(Folder(host) + "/images");
+    Put("repository", kRepository,
+        R"({"name":"pool","state":")" + std::string(VexaCCC::State::Repo::online) + R"(","host_id":")" + IdOf(1) +
+            "\"}");
+    Put("guest", kGuest,
+        R"({"name":"web-1","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"repository_id":")" +
+            std::string(kRepository) + R"(","host_id":")" + IdOf(1) + "\"}");
+  }
+
+  void Put(const char* category, const std::string& id, const std::string& text) {
+    (void)Require(database().Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
+  }
+  std::string Stored(std::initializer_list<std::string_view> key) {
+    const auto snapshot = Require(database().Read());
+    const auto value = Require(snapshot->Get(store::MakeKey(key)));
+    return value ? std::string(value->text) : "";
+  }
+  Json::Value Record(const char* category, const std::string& id) {
+    const std::string text = Stored({"dash", category, id, "object"});
+    return text.empty() ? Json::Value() : Require(ParseJson(text));
+  }
+  Json::Value Set(int host, const std::string& members) {
+    return Call(host, "VEXA.Virtualization.Guest/set",
+                R"({"guest_id":")" + std::string(kGuest) + "\"," + members + "}");
+  }
+  std::size_t Files(int host) const {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(Folder(host) + "/images")) {
+      if (entry.is_regular_file()) ++count;
+    }
+    return count;
+  }
+  Json::Value NewestEntry(int host) {
+    const Json::Value reply = Call(host, "VEXA.Virtualization.Log/list", R"({"limit":1})");
+    return json::Element(json::Member(json::Member(reply, "data"), "entries"), 0);
+  }
+  static std::string Disks(int count) {
+    std::string text = R"("vdisks_add":[{"vdisk_size":1})";
+    for (int i = 1; i < count; ++i) text += R"(,{"vdisk_size":1})";
+    return text + "]";
+  }
+};
+
+TEST_F(GuestSetCluster, AnEditOfDisks_IsMadeByTheHostOfTheRepository) {
+  const Json::Value reply = Set(0, Disks(1) + R"(,"name":"web-2","boot_from":"iso")");
+  ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);
+  const Json::Value guest = Record("guest", kGuest);
+  ASSERT_EQ(guest["vdisks"].size(), 1u);
+  EXPECT_EQ(guest["name"], "web-2");
+  const Json::Value disk = Record("vdisk", json::String(guest["vdisks"][0]));
+  EXPECT_EQ(disk["size"], 1024);
+  EXPECT_THAT(json::String(disk["path"]), HasSubstr(Folder(1) + "/images/"));
+  EXPECT_TRUE(std::filesystem::exists(json::String(disk["path"])));
+  EXPECT_EQ(Files(0), 0u);
+  EXPECT_EQ(Files(2), 0u);
+  // The entry is written by the host that the user called.
+  const Json::Value entry = NewestEntry(2);
+  EXPECT_EQ(entry["text"], "The virtual machine [web-1] has been successfully edited and renamed to [web-2].");
+  EXPECT_EQ(entry["host_id"], IdOf(0));
+  EXPECT_EQ(entry["user"], "root");
+  EXPECT_EQ(entry["request_id"], reply["request_id"]);
+  // And away again, by yet another.
+  EXPECT_EQ(CodeOf(Set(2, R"("vdisks_del":[{"vdisk_id":)" + json::ToText(guest["vdisks"][0]) + "}]")), 0);
+  EXPECT_EQ(Files(1), 0u);
+}
+
+TEST_F(GuestSetCluster, TheRecordOfAnEdit_NamesTheUserAndTheRequest) {
+  // The record is there while files are made, so there must be time to see it.
+  Json::Value seen;
+  Json::Value reply;
+  for (int attempt = 0; attempt < 20 && seen.isNull(); ++attempt) {
+    std::atomic<bool> is_done = false;
+    std::jthread edit([&] {
+      reply = Set(0, Disks(60));
+      is_done = true;
+    });
+    while (!is_done && seen.isNull()) {
+      const std::string text = Stored({"edit", kGuest});
+      if (!text.empty()) seen = Require(ParseJson(text));
+    }
+    edit.join();
+    ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);
+    if (!seen.isNull()) break;
+    std::string gone;
+    for (const Json::Value& id : Record("guest", kGuest)["vdisks"]) {
+      gone += (gone.empty() ? "" : ",") + std::string(R"({"vdisk_id":)") + json::ToText(id) + "}";
+    }
+    ASSERT_EQ(CodeOf(Set(0, R"("vdisks_del":[)" + gone + "]")), 0);
+  }
+  ASSERT_FALSE(seen.isNull()) << "no edit was seen under way";
+  EXPECT_EQ(seen["host_id"], IdOf(1));
+  EXPECT_EQ(seen["user"], "root");
+  EXPECT_EQ(seen["request_id"], reply["request_id"]);
+  EXPECT_EQ(Stored({"edit", kGuest}), "");
+  EXPECT_EQ(Files(1), 60u);
+}
+
+TEST_F(GuestSetCluster, WithoutTheRepositorysHost_DisksStayAndTheRestIsEdited) {
+  EXPECT_EQ(CodeOf(Set(0, Disks(1) + R"(,"name":"other")")), 0);
+  const std::string before = Stored({"dash", "guest", kGuest, "object"});
+  hosts_[1]->Signal(SIGKILL);
+  EXPECT_TRUE(hosts_[1]->Wait(30s));
+  EXPECT_EQ(CodeOf(Set(0, Disks(1) + R"(,"name":"changed")")), 909);
+  EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), before) << "all or nothing";
+  EXPECT_EQ(NewestEntry(0)["text"], "Failed to edit the virtual machine [other] due to internal read/write error.");
+  EXPECT_EQ(NewestEntry(0)["priority"], 1);
+  EXPECT_EQ(CodeOf(Set(0, R"("desc":"without it","vdisks_add":[])")), 0);
+  EXPECT_EQ(Record("guest", kGuest)["desc"], "without it");
+}
+
+// Each host is asked at the same time for what no other changes.
+TEST_F(GuestSetCluster, EditsByAllHostsAtOnce_LoseNothing) {
+  constexpr int kTurns = 10;
+  std::vector<std::jthread> threads;
+  for (int host = 0; host < kHosts; ++host) {
+    threads.emplace_back([this, host] {
+      const char* const names[] = {"vcpu_num", "cpu_weight", "vram_size"};
+      for (int turn = 1; turn <= kTurns; ++turn) {
+        const std::string number = std::to_string(100 + turn);
+        EXPECT_EQ(CodeOf(Set(host, '"' + std::string(names[host]) + "\":" + number)), 0);
+      }
+    });
+  }
+  threads.clear();
+  const Json::Value guest = Record("guest", kGuest);
+  for (const char* name : {"vcpu_num", "cpu_weight", "vram_size"}) EXPECT_EQ(guest[name], 100 + kTurns) << name;
+}
+
+}  // namespace
+}  // namespace vexa::test
