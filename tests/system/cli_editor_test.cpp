@@ -23,8 +23,8 @@ using ::testing::StartsWith;
 const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},
     {"guest_id":"g2","guest_name":"b\u001b[31md\n\"x"}]})";
 const std::string kGuest = R"({"name":"web-1","desc":"Caf\u00e9\nline \u202e2","vcpu_num":2,"cpu_pin_num":0,
-    "cpu_weight":256,"cpu_passthru":true,"vram_size":4194304,"video_card":"vga","kb_layout":"Default","boot_from":"disk",
-    "use_ovmf":false,"autorun":0,"usb_version":"2","vdisks":[],"vnics":[]})";
+    "cpu_weight":256,"cpu_passthru":true,"vram_size":4194304,"video_card":"vga","kb_layout":"Default",
+    "boot_from":"disk","use_ovmf":false,"autorun":0,"usb_version":"2","vdisks":[],"vnics":[]})";
 
 constexpr const char* kShown = R"(# The settings of the guest 'web-1' (g1)
 #

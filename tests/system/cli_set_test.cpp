@@ -305,6 +305,39 @@ TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
   EXPECT_EQ(host.Count("set"), 0);
 }
 
+TEST_F(GuestSet, DryRun_ChecksWhatTheGuestTells) {
+  const std::string data =
+      R"({"vdisks":[7,{"vdisk_id":")" + kA + R"(","size":"3072"}],"vnics":[{"vnic_id":")" + kB + "\"}]}";
+  const ApiHost host([&](const std::string& method, const Json::Value&) {
+    return ApiHost::Success(method == "list" ? kGuests : data);
+  });
+  const auto dry = [&](const std::string& option, const std::string& value) {
+    return RunOn(host, {"web-1", "--dry-run", option, value});
+  };
+  for (const auto& [option, value] : {std::pair<std::string, std::string>("--del-disk", kA),
+                                      {"--grow-disk", kA + "=3"},
+                                      {"--order-disks", kA},
+                                      {"--del-nic", kB},
+                                      {"--edit-nic", kB + ",type=2"}}) {
+    EXPECT_EQ(dry(option, value).exit_code, 0) << option;
+  }
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"--del-disk", kB, "The guest has no disk '" + kB + "'"},
+      {"--grow-disk", kB + "=4", "The guest has no disk '" + kB + "'"},
+      {"--grow-disk", kA + "=2", "The disk '" + kA + "' has 3072 MiB, and disks do not shrink"},
+      {"--order-disks", kA + "," + kB, "The guest has no disk '" + kB + "'"},
+      {"--del-nic", kA, "The guest has no network interface '" + kA + "'"},
+      {"--edit-nic", kA + ",type=2", "The guest has no network interface '" + kA + "'"},
+  };
+  for (const auto& [option, value, told] : rows) {
+    const auto result = dry(option, value);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.errors, "vexa: " + told + "\n");
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  EXPECT_EQ(host.Count("set"), 0);
+}
+
 TEST_F(GuestSet, DryRunOfAGuestThatCannotBeRead_Fails) {
   for (const char* data : {"", "7"}) {
     const std::string text = data;
