@@ -20,8 +20,11 @@ namespace {
 
 constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr const char* kSet = "/webapi/VEXA.Virtualization.Guest/set";
+constexpr int kBadParameter = 401;
 constexpr int kRightsNotSet = 1001;
 constexpr int kNotReserved = 1600;
+
+constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' on a host shows them.";
 
 // The word that rights on guests have in this system; no other is known.
 constexpr char kRight[] = "use";
@@ -193,10 +196,9 @@ bool WasEdited(const CallOutcome& outcome) {
   return outcome.exit_code == ExitCode::kOk || outcome.code == kRightsNotSet || outcome.code == kNotReserved;
 }
 
-ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
-                  const CallOutcome& outcome) {
+ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const CallOutcome& outcome,
+                     const std::string& text) {
   const bool is_well = outcome.exit_code == ExitCode::kOk;
-  const std::string text = is_well ? SuccessText(guest, parameters) : outcome.failure;
   if (!is_well) std::cerr << "vexa: " << Printable(guest.name) << ": " << text << '\n';
   if (is_well && !global.quiet && !global.json) {
     std::cout << Printable(guest.name) << ": " << Printable(text) << '\n';
@@ -210,6 +212,14 @@ ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Js
   if (outcome.code) result["code"] = Json::Int64{*outcome.code};
   PrintJson(result);
   return outcome.exit_code;
+}
+
+ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
+                  const CallOutcome& outcome) {
+  if (outcome.exit_code == ExitCode::kOk) return ShowOutcome(global, guest, outcome, SuccessText(guest, parameters));
+  // All else that is answered so has been found out before.
+  const bool is_unknown_image = outcome.code == kBadParameter && parameters.isMember("iso_images");
+  return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
 }
 
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options) {

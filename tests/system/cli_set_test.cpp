@@ -281,6 +281,10 @@ TEST_F(GuestSet, Refusals_AreToldWithCodeAndDetails) {
               "vexa: web-1: No. (error " + std::to_string(code) + ", HTTP 409, request 0123456789abcdef)\n");
     EXPECT_THAT(result.output, IsEmpty());
   }
+  const ApiHost image(Refuses(401));
+  EXPECT_EQ(RunOn(image, {"web-1", "--iso", kA}).errors,
+            "vexa: web-1: No. (error 401, HTTP 409, request 0123456789abcdef)\n"
+            "Is there an image with this id? 'vexa image list' on a host shows them.\n");
   const ApiHost hosts(Refuses(1600, R"(,"details":{"host_names":"nas-1, na\u001bs-2"})"));
   EXPECT_EQ(RunOn(hosts, {"web-1", "vcpu_num=1"}).errors,
             "vexa: web-1: No. (error 1600, HTTP 409, request 0123456789abcdef)\n"
