@@ -24,6 +24,7 @@ void AddClientCommands(CLI::App& app, Invocation& invocation);
 void AddHostCommands(CLI::App& app, Invocation& invocation);
 // After AddClientCommands as well: the rest of "guest", and "log".
 void AddActionCommands(CLI::App& app, Invocation& invocation);
+// As well: "guest set" and "guest edit".
 void AddEditCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);

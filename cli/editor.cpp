@@ -98,6 +98,8 @@ class HeldSignals {
     sigemptyset(&held_);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&held_, signal);
     ::sigprocmask(SIG_BLOCK, &held_, &before_);
+    // Whoever started this process may have had it ignored, and then nobody could tell how the editor ended.
+    ::signal(SIGCHLD, SIG_DFL);
   }
   ~HeldSignals() {
     Drop(SIGINT);
@@ -136,6 +138,7 @@ class HeldSignals {
 int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
   constexpr timespec kLook{0, 200'000'000};
   int told = 0;
+  status = 255 << 8;  // when how it ended cannot be told, it did not end well
   while (::waitpid(pid, &status, WNOHANG) == 0) {
     const int signal = ::sigtimedwait(&signals.held(), nullptr, &kLook);
     if (signal != SIGTERM && signal != SIGHUP) continue;

@@ -93,10 +93,7 @@ ExitCode RunGuestEdit(const GlobalOptions& global, const std::string& word) {
   if (!got.data.isObject()) return Report(NotUnderstood("guest"));
   const Wanted wanted = AskEditor(guest, SettingsOf(got.data));
   if (wanted.exit_code) return *wanted.exit_code;
-  if (wanted.parameters.empty()) {
-    if (!global.quiet) std::cout << "Nothing was changed\n";
-    return ExitCode::kOk;
-  }
+  if (wanted.parameters.empty()) return ShowOutcome(global, guest, CallOutcome(), "Nothing was changed");
   const auto keep = [&] { Keep(wanted.text); };
   const CallOutcome outcome = SendEdit(global, *connect, guest, wanted.parameters, keep);
   const ExitCode exit_code = ShowEdit(global, guest, wanted.parameters, outcome);

@@ -13,14 +13,18 @@
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::cli {
 namespace {
 
 constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr const char* kSet = "/webapi/VEXA.Virtualization.Guest/set";
+constexpr int kBadParameter = 401;
 constexpr int kRightsNotSet = 1001;
 constexpr int kNotReserved = 1600;
+
+constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' on a host shows them.";
 
 // The word that rights on guests have in this system; no other is known.
 constexpr char kRight[] = "use";
@@ -96,12 +100,59 @@ Json::Value WithGuest(Json::Value parameters, const NamedGuest& guest) {
   return parameters;
 }
 
+// The element of a list in the reply of "get" with this id; null when there is none.
+const Json::Value& PartOf(const Json::Value& guest, const char* list, const char* id_member, const std::string& id) {
+  const Json::Value& parts = VexaVirtualization::json::Elements(Member(guest, list));
+  for (Json::ArrayIndex i = 0; i < parts.size(); ++i) {
+    const Json::Value& part = VexaVirtualization::json::Element(parts, i);
+    if (Text(Member(part, id_member)) == id) return part;
+  }
+  return Json::Value::nullSingleton();
+}
+
+struct PartRow {
+  const char* parameter;
+  const char* list;  // of the reply of "get"
+  const char* id;
+  const char* what;
+};
+constexpr PartRow kParts[] = {
+    {"vdisks_del", "vdisks", "vdisk_id", "disk"},
+    {"vdisks_edit", "vdisks", "vdisk_id", "disk"},
+    {"vdisks_order", "vdisks", "vdisk_id", "disk"},
+    {"vnics_del", "vnics", "vnic_id", "network interface"},
+    {"vnics_edit", "vnics", "vnic_id", "network interface"},
+};
+
+// What the guest's host would refuse that the guest itself tells: parts that it does not have, disks that would shrink.
+Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
+  constexpr std::uint64_t kMibPerGib = 1024;
+  for (const PartRow& row : kParts) {
+    for (const Json::Value& element : Member(parameters, row.parameter)) {
+      const std::string id = Text(Member(element, row.id));
+      const Json::Value& part = PartOf(guest, row.list, row.id, id);
+      if (part.isNull()) {
+        return Error(ErrorCode::kNotFound, std::string("The guest has no ") + row.what + " '" + id + "'");
+      }
+      const std::string size = Text(Member(part, "size"));
+      const auto wanted = Integer(Member(element, "vdisk_size"));
+      std::uint64_t mib = 0;
+      const auto [end, error] = std::from_chars(size.data(), size.data() + size.size(), mib);
+      if (!wanted || error != std::errc() || end != size.data() + size.size()) continue;
+      if (static_cast<std::uint64_t>(*wanted) * kMibPerGib >= mib) continue;
+      return Error(ErrorCode::kConflict, "The disk '" + id + "' has " + size + " MiB, and disks do not shrink");
+    }
+  }
+  return {};
+}
+
 // The parameters on standard output, once it is known that the guest can be read.
 ExitCode ShowDryRun(const GlobalOptions& global, HttpClient& client, const NamedGuest& guest,
                     const Json::Value& parameters) {
   const CallOutcome got = CallApi(client, kGet, OneParameter("guest_id", guest.id));
   if (got.exit_code != ExitCode::kOk) return got.exit_code;
   if (!got.data.isObject()) return Report(NotUnderstood("guest"));
+  if (const Status checked = CheckParts(got.data, parameters); !checked) return Report(checked.error());
   PrintJson(WithGuest(parameters, guest));
   if (!global.quiet) {
     std::cerr << "vexa: " << Printable(guest.name)
@@ -145,10 +196,9 @@ bool WasEdited(const CallOutcome& outcome) {
   return outcome.exit_code == ExitCode::kOk || outcome.code == kRightsNotSet || outcome.code == kNotReserved;
 }
 
-ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
-                  const CallOutcome& outcome) {
+ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const CallOutcome& outcome,
+                     const std::string& text) {
   const bool is_well = outcome.exit_code == ExitCode::kOk;
-  const std::string text = is_well ? SuccessText(guest, parameters) : outcome.failure;
   if (!is_well) std::cerr << "vexa: " << Printable(guest.name) << ": " << text << '\n';
   if (is_well && !global.quiet && !global.json) {
     std::cout << Printable(guest.name) << ": " << Printable(text) << '\n';
@@ -162,6 +212,14 @@ ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Js
   if (outcome.code) result["code"] = Json::Int64{*outcome.code};
   PrintJson(result);
   return outcome.exit_code;
+}
+
+ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
+                  const CallOutcome& outcome) {
+  if (outcome.exit_code == ExitCode::kOk) return ShowOutcome(global, guest, outcome, SuccessText(guest, parameters));
+  // All else that is answered so has been found out before.
+  const bool is_unknown_image = outcome.code == kBadParameter && parameters.isMember("iso_images");
+  return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
 }
 
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options) {

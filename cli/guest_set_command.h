@@ -40,6 +40,9 @@ CallOutcome SendEdit(
 // Whether the guest was edited although the call failed: only what comes after the edit did not succeed.
 bool WasEdited(const CallOutcome& outcome);
 
+// Tells `text`, as what came of `outcome`, in the form that is asked for; the exit code.
+ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const CallOutcome& outcome,
+                     const std::string& text);
 // Tells what came of SendEdit.
 ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
                   const CallOutcome& outcome);

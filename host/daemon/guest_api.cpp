@@ -23,7 +23,7 @@ std::vector<webapi::Parameter> SetParameters() {
       {"guest_id", kString, Necessity::kRequired, "The guest's id, a UUID."},
       Optional("name", kString, "The new name, not empty."),
       Optional("vcpu_num", kInteger, "The number of virtual CPUs."),
-      Optional("vram_size", kInteger, "The memory."),
+      Optional("vram_size", kInteger, "The memory in MiB."),
       Optional("video_card", kString, "The model of the video card."),
       Optional("repo_id", kString, "The storage repository, a UUID. It is checked and changes nothing."),
       Optional("desc", kString, "The description."),

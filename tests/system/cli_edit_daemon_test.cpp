@@ -291,7 +291,7 @@ TEST_F(EditOnDaemon, Editor_ChangesWhatIsEdited) {
   EXPECT_EQ(guest["name"], Json::Value("shop"));
   EXPECT_EQ(guest["hyperv_enlighten"], Json::Value(false));
   const std::string before = Everything();
-  EXPECT_EQ(RunProcess(program).output, "Nothing was changed\n");
+  EXPECT_EQ(RunProcess(program).output, "shop: Nothing was changed\n");
   EXPECT_EQ(Everything(), before);
 }
 

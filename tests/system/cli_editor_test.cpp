@@ -23,8 +23,8 @@ using ::testing::StartsWith;
 const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},
     {"guest_id":"g2","guest_name":"b\u001b[31md\n\"x"}]})";
 const std::string kGuest = R"({"name":"web-1","desc":"Caf\u00e9\nline \u202e2","vcpu_num":2,"cpu_pin_num":0,
-    "cpu_weight":256,"cpu_passthru":true,"vram_size":4194304,"video_card":"vga","kb_layout":"Default","boot_from":"disk",
-    "use_ovmf":false,"autorun":0,"usb_version":"2","vdisks":[],"vnics":[]})";
+    "cpu_weight":256,"cpu_passthru":true,"vram_size":4194304,"video_card":"vga","kb_layout":"Default",
+    "boot_from":"disk","use_ovmf":false,"autorun":0,"usb_version":"2","vdisks":[],"vnics":[]})";
 
 constexpr const char* kShown = R"(# The settings of the guest 'web-1' (g1)
 #
@@ -143,9 +143,22 @@ TEST_F(GuestEdit, NothingChanged_SendsNothing) {
     const ApiHost host(AllWell());
     const auto result = Edit(host, script);
     EXPECT_EQ(result.exit_code, 0) << result.errors;
-    EXPECT_EQ(result.output, "Nothing was changed\n");
+    EXPECT_EQ(result.output, "web-1: Nothing was changed\n");
     EXPECT_EQ(host.Count("set"), 0);
     EXPECT_THAT(Left(), IsEmpty());
+  }
+}
+
+TEST_F(GuestEdit, Outcome_IsTheJsonThatIsAskedFor) {
+  const ApiHost host(AllWell());
+  for (const auto& [script, told] :
+       {std::pair("true", "Nothing was changed"), std::pair("echo 'autorun = 1' > \"$1\"", "edited")}) {
+    ProcessOptions program = ProgramOn(host, Script(script));
+    program.argv.push_back("--json");
+    EXPECT_EQ(Parse(RunProcess(program).output),
+              Parse(std::string(R"({"guest_id":"g1","guest_name":"web-1","success":true,"message":")") + told + "\"}"));
+    program.argv.back() = "-q";
+    EXPECT_EQ(RunProcess(program).output, "");
   }
 }
 
@@ -246,6 +259,17 @@ TEST_F(GuestEdit, EditorThatFails_SendsNothing) {
   EXPECT_THAT(missing.errors, HasSubstr("vexa: The editor ended with exit code 127, so nothing was changed\n"));
   EXPECT_EQ(host.Count("set"), 0);
   EXPECT_THAT(Left(), IsEmpty());
+}
+
+TEST_F(GuestEdit, EditorThatFailsUnderAParentWithoutChildren_SendsNothing) {
+  // As those leave it who do not want to hear of theirs.
+  const ApiHost host(AllWell());
+  ProcessOptions program = ProgramOn(host, Script("echo 'autorun = 1' > \"$1\"; exit 3"));
+  program.argv.insert(program.argv.begin(), {"/bin/sh", "-c", "trap '' CHLD; exec \"$@\"", "sh"});
+  const auto result = RunProcess(program);
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, "vexa: The editor ended with exit code 3, so nothing was changed\n");
+  EXPECT_EQ(host.Count("set"), 0);
 }
 
 TEST_F(GuestEdit, WhatTheEditorLeaves_MustBeAFile) {

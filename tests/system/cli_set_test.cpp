@@ -281,6 +281,10 @@ TEST_F(GuestSet, Refusals_AreToldWithCodeAndDetails) {
               "vexa: web-1: No. (error " + std::to_string(code) + ", HTTP 409, request 0123456789abcdef)\n");
     EXPECT_THAT(result.output, IsEmpty());
   }
+  const ApiHost image(Refuses(401));
+  EXPECT_EQ(RunOn(image, {"web-1", "--iso", kA}).errors,
+            "vexa: web-1: No. (error 401, HTTP 409, request 0123456789abcdef)\n"
+            "Is there an image with this id? 'vexa image list' on a host shows them.\n");
   const ApiHost hosts(Refuses(1600, R"(,"details":{"host_names":"nas-1, na\u001bs-2"})"));
   EXPECT_EQ(RunOn(hosts, {"web-1", "vcpu_num=1"}).errors,
             "vexa: web-1: No. (error 1600, HTTP 409, request 0123456789abcdef)\n"
@@ -302,6 +306,39 @@ TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
   EXPECT_EQ(host.Count("set"), 0);
   EXPECT_EQ(RunOn(host, {"web-1", "vcpu_num=0", "--dry-run"}).exit_code, 2);
   EXPECT_EQ(RunOn(host, {"web-9", "vcpu_num=1", "--dry-run"}).exit_code, 1);
+  EXPECT_EQ(host.Count("set"), 0);
+}
+
+TEST_F(GuestSet, DryRun_ChecksWhatTheGuestTells) {
+  const std::string data =
+      R"({"vdisks":[7,{"vdisk_id":")" + kA + R"(","size":"3072"}],"vnics":[{"vnic_id":")" + kB + "\"}]}";
+  const ApiHost host([&](const std::string& method, const Json::Value&) {
+    return ApiHost::Success(method == "list" ? kGuests : data);
+  });
+  const auto dry = [&](const std::string& option, const std::string& value) {
+    return RunOn(host, {"web-1", "--dry-run", option, value});
+  };
+  for (const auto& [option, value] : {std::pair<std::string, std::string>("--del-disk", kA),
+                                      {"--grow-disk", kA + "=3"},
+                                      {"--order-disks", kA},
+                                      {"--del-nic", kB},
+                                      {"--edit-nic", kB + ",type=2"}}) {
+    EXPECT_EQ(dry(option, value).exit_code, 0) << option;
+  }
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"--del-disk", kB, "The guest has no disk '" + kB + "'"},
+      {"--grow-disk", kB + "=4", "The guest has no disk '" + kB + "'"},
+      {"--grow-disk", kA + "=2", "The disk '" + kA + "' has 3072 MiB, and disks do not shrink"},
+      {"--order-disks", kA + "," + kB, "The guest has no disk '" + kB + "'"},
+      {"--del-nic", kA, "The guest has no network interface '" + kA + "'"},
+      {"--edit-nic", kA + ",type=2", "The guest has no network interface '" + kA + "'"},
+  };
+  for (const auto& [option, value, told] : rows) {
+    const auto result = dry(option, value);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.errors, "vexa: " + told + "\n");
+    EXPECT_THAT(result.output, IsEmpty());
+  }
   EXPECT_EQ(host.Count("set"), 0);
 }
 
