@@ -161,8 +161,10 @@ class Prediction {
   // The first name on the bus that no disk has.
   std::string FreeName(int mode) {
     static const std::string prefixes[] = {"vd", "hd", "sd", "sd"};
-    for (char letter = 'a';; ++letter) {
-      const std::string name = prefixes[mode - 1] + letter;
+    for (int i = 0;; ++i) {
+      std::string name = prefixes[mode - 1];
+      if (i >= 26) name += static_cast<char>('a' + i / 26 - 1);
+      name += static_cast<char>('a' + i % 26);
       if (std::ranges::none_of(after().disks, [&](const ModelPart& d) { return d.record["name"] == name; }))
         return name;
     }
