@@ -252,7 +252,8 @@ class Import {
     const auto snapshot = store_.Read();
     if (!snapshot) return snapshot.error();
     for (const auto& [key, what] : {std::pair{guests::RunKey(id), "runs on a host: power it off"},
-                                    std::pair{guests::DeletionKey(id), "is being deleted: wait until it is gone"}}) {
+                                    std::pair{guests::DeletionKey(id), "is being deleted: wait until it is gone"},
+                                    std::pair{guests::EditKey(id), "is being edited: wait until that is done"}}) {
       const auto held = (*snapshot)->Get(key);
       if (!held) return held.error();
       if (held->has_value()) return Error(ErrorCode::kConflict, "The guest '" + id + "' " + what);

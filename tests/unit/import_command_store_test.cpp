@@ -11,6 +11,7 @@
 #include "cli/import_command.h"
 #include "host/base/json_parse.h"
 #include "host/cluster/live_state.h"
+#include "host/guests/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/unit/import_words.h"
@@ -361,6 +362,28 @@ TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {
   EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
   EXPECT_EQ(Record("guest", kFirst)["name"], "theirs");
   EXPECT_THAT(Ids("vdisk"), IsEmpty());
+}
+
+TEST_F(ImportOnStore, GuestThatAHostHasDeletesOrEdits_IsNotReplaced) {
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "two"))};
+  arguments.on_existing = OnExisting::kReplace;
+  for (const auto& [key, said] :
+       {std::pair{guests::RunKey(kFirst), "runs on a host"}, std::pair{guests::DeletionKey(kFirst), "is being deleted"},
+        std::pair{guests::EditKey(kFirst), "is being edited"}}) {
+    Put("guest", kFirst, R"({"name":"one"})");
+    ASSERT_TRUE(store_->Commit({{}, {{key, "{}"}}}).ok());
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_FALSE(RunImport(arguments, *store_, out, err).ok());
+    EXPECT_THAT(err.str(), HasSubstr(said));
+    ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
+    RacingStore racing(*store_, key, "{}");
+    EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+    EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+    EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+    ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
+  }
 }
 
 }  // namespace
