@@ -51,6 +51,9 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   transaction.compares.push_back({guests::RunKey(guest.id), 0});
   transaction.compares.push_back({guests::DeletionKey(guest.id), 0});
   transaction.compares.push_back({guests::EditKey(guest.id), 0});
+  // Two who give the same name at the same time are not both to find it free.
+  transaction.compares.push_back({guests::RenamesKey(), replaced.renames_revision});
+  transaction.operations.push_back({guests::RenamesKey(), json::ToText(Json::Value(guest.id))});
   const bool stays = replaced.revision != 0 && json::Member(before, "host_id") == json::Member(record, "host_id");
   if (!stays) cluster::ForgetLiveState(transaction, guest.id);
   AddRecords("vdisk", guest.disks, before["vdisks"], transaction);

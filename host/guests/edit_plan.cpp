@@ -106,10 +106,6 @@ Status Load(EditedGuest& edited) {
   return LoadCondition(edited);
 }
 
-// The key that everybody commits who gives a name to a guest, so that of two who give the same at the same time one
-// looks again.
-std::string RenamesKey() { return store::MakeKey({"renames"}); }
-
 Status EditName(EditedGuest& edited) {
   const std::string name = TextMember(edited.request.members, keys::name);
   if (name.empty() || name == TextMember(edited.before, keys::name)) return {};

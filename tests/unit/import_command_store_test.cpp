@@ -386,5 +386,18 @@ TEST_F(ImportOnStore, GuestThatAHostHasDeletesOrEdits_IsNotReplaced) {
   }
 }
 
+// Somebody renames another guest to the name that is imported, at the same time.
+TEST_F(ImportOnStore, NameThatIsGivenMeanwhile_RefusesTheImport_AndTheOtherWayRound) {
+  RacingStore racing(*store_, guests::RenamesKey(), "\"x\"");
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "one"))};
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+  EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+  EXPECT_TRUE(RunImport(arguments, *store_, out, err).ok());
+  EXPECT_EQ(Text(guests::RenamesKey()), "\"" + std::string(kFirst) + "\"");
+}
+
 }  // namespace
 }  // namespace vexa::cli
