@@ -1,5 +1,7 @@
 #include "host/guests/edit_plan.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <map>
 
@@ -131,6 +133,13 @@ Result<std::string> ImagePath(EditedGuest& edited, const std::string& image) {
   return NormalPath(TextMember(record->record, "path")).value_or("");
 }
 
+// What a path leads to, also by links; none when there is nothing.
+FileIdentity IdentityOf(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return {};
+  return {info.st_dev, info.st_ino};
+}
+
 // What stays in a drive is not looked at: it may be known to be gone.
 Status CheckImages(EditedGuest& edited) {
   const Json::Value& images = json::Member(edited.request.members, keys::iso_images);
@@ -145,7 +154,7 @@ Status CheckImages(EditedGuest& edited) {
       edited.Refuse(kNoImage, "There is no image " + Shown(name));
       return {};
     }
-    files.emplace(*path, FileIdentity());
+    files.emplace(*path, IdentityOf(*path));
   }
   if (files.empty()) return {};
   // Else whoever may put images into drives could look into all disks.

@@ -118,5 +118,20 @@ TEST_F(SharedEdit, NewFolderOfARepository_IsOnTheDiskBeforeTheRecordsAre) {
   }
 }
 
+// Else whoever may put images into drives could look into a disk by another way to it.
+TEST_F(SharedEdit, DiskThatIsNamedByAnotherWay_IsNoImage) {
+  std::filesystem::create_directory_symlink(ground_.File("images"), ground_.File("alias"));
+  const std::string file = std::string("/") + kRepository + "/data.iso";
+  WriteFile(ground_.File("images") + file);
+  PutDisk(*store_, "disk-of-neighbour", kNeighbour, ground_.File("alias") + file);
+  Remember();
+  for (const char* folder : {"images", "alias"}) {
+    const Refused refused = Edit("{\"iso_images\":[\"" + ground_.File(folder) + file + "\"]}");
+    ASSERT_TRUE(refused) << folder;
+    EXPECT_EQ(refused->code, 932);
+    EXPECT_EQ(Everything(*store_), records_);
+  }
+}
+
 }  // namespace
 }  // namespace vexa::test
