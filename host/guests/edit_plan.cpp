@@ -269,6 +269,9 @@ void WriteParts(EditedGuest& edited, const DashCate& category, const std::vector
   for (const EditedPart& part : parts) {
     if (part.stored.revision == 0 || part.stored.record != part.before) {
       cluster::PutObject(edited.plan.transaction, PartKey(category, part.id), part.stored);
+    } else {
+      // What changes beside it was chosen by it.
+      edited.plan.transaction.compares.push_back({PartKey(category, part.id), part.stored.revision});
     }
   }
 }

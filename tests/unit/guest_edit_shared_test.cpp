@@ -133,5 +133,21 @@ TEST_F(SharedEdit, DiskThatIsNamedByAnotherWay_IsNoImage) {
   }
 }
 
+// The guest's record stays as it is, so what chose the name is what must be compared.
+TEST_F(SharedEdit, TwoDisksThatGoToOneBusOnTwoHosts_GetTwoNames) {
+  RemoveKey(*store_, KeyOf("repository", kRepository));  // so that any host may
+  const auto to_scsi = [](const char* disk, int mib) {
+    return R"({"vdisks_edit":[{"vdisk_mode":3,"vdisk_size":)" + std::to_string(mib) + "," + Id(disk) + "}]}";
+  };
+  At("commit", [&] {
+    EditOptions other = ground_.Options(store_);
+    other.host_id = kOtherHost;
+    EXPECT_FALSE(Edits(other).Edit(kEdited, Parsed(to_scsi(kDisk1, 16)), Alice()));
+  });
+  EXPECT_EQ(Code(to_scsi(kDisk0, 8)), 0);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk1)["name"], "sda");
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["name"], "sdb");
+}
+
 }  // namespace
 }  // namespace vexa::test
