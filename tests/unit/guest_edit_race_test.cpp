@@ -219,6 +219,14 @@ TEST_F(RacedEdit, CommitThatIsMadeAndReportedAsFailed_IsNotUndone) {
   EXPECT_FALSE(TextOf(*store_, guests::EditKey(kEdited)));
 }
 
+// Else nobody could do anything with the guest until this host starts again.
+TEST_F(RacedEdit, BeginningThatIsMadeAndReportedAsFailed_IsTakenBack) {
+  options_.store = std::make_shared<ForgetfulStore>(store_, "\"doing\"");
+  EXPECT_EQ(Code(Everyone()), 901);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
 // What was changed and not synced since.
 class Unsynced {
  public:
