@@ -28,7 +28,10 @@ std::string Count(std::size_t count, const std::string& noun) {
 Result<StoredGuest> ReadStored(const store::Snapshot& snapshot, const std::string& id) {
   const auto value = snapshot.Get(store::MakeKey({"dash", "guest", id, "object"}));
   if (!value) return value.error();
+  const auto renames = snapshot.Get(guests::RenamesKey());
+  if (!renames) return renames.error();
   StoredGuest stored;
+  stored.renames_revision = *renames ? (*renames)->revision : 0;
   if (!value->has_value()) return stored;
   stored.revision = (*value)->revision;
   Result<Json::Value> record = ParseJson((*value)->text);

@@ -72,6 +72,7 @@ struct StoredGuest {
   store::Revision revision = 0;
   Json::Value record;
   store::Revision live_revision = 0;
+  store::Revision renames_revision = 0;  // of guests::RenamesKey()
 };
 
 // Writes the records of `guest`, provided that the stored guest is still as `replaced` says. What domain XML does not

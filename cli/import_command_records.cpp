@@ -47,10 +47,13 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   transaction.compares.push_back({key, replaced.revision});
   transaction.operations.push_back({key, json::ToText(record)});
   transaction.compares.push_back({cluster::LiveStateKey(guest.id), replaced.live_revision});
-  // A host that has the guest, deletes it or edits its disks is not to find another one in its place.
-  for (const std::string& held : {guests::RunKey(guest.id), guests::DeletionKey(guest.id), guests::EditKey(guest.id)}) {
-    transaction.compares.push_back({held, 0});
-  }
+  // A host that has the guest, deletes it, or edits its disks, is not to find another one in its place.
+  transaction.compares.push_back({guests::RunKey(guest.id), 0});
+  transaction.compares.push_back({guests::DeletionKey(guest.id), 0});
+  transaction.compares.push_back({guests::EditKey(guest.id), 0});
+  // Two who give the same name at the same time are not both to find it free.
+  transaction.compares.push_back({guests::RenamesKey(), replaced.renames_revision});
+  transaction.operations.push_back({guests::RenamesKey(), json::ToText(Json::Value(guest.id))});
   const bool stays = replaced.revision != 0 && json::Member(before, "host_id") == json::Member(record, "host_id");
   if (!stays) cluster::ForgetLiveState(transaction, guest.id);
   AddRecords("vdisk", guest.disks, before["vdisks"], transaction);

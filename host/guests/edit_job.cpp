@@ -104,7 +104,7 @@ EditJob::Outcome EditJob::Begin(const Requester& requester) {
   if (const Status made = MakeIds(); !made) return Refuse(FailedBecause(made.error()));
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester); });
   if (!committed && committed.error().code() == ErrorCode::kConflict) return Refuse(ChangedAllTheTime());
-  if (!committed) return Refuse(FailedBecause(committed.error()));
+  if (!committed) return SettleFailedBegin(committed.error());
   if (refusal_.code != 0) return Outcome::kRefused;
   if (files_->empty()) return Outcome::kDone;
   const auto now = ReadNow();
@@ -117,6 +117,14 @@ EditJob::Outcome EditJob::Begin(const Requester& requester) {
   }
   revision_ = (*now)->revision;
   return Outcome::kBegun;
+}
+
+// A commit whose failure was reported may have been made all the same, and would keep everybody from the guest.
+EditJob::Outcome EditJob::SettleFailedBegin(const Error& error) {
+  const auto now = ReadNow();
+  if (!now || !*now || (*now)->text != EditText(record_)) return Refuse(FailedBecause(error));
+  revision_ = (*now)->revision;
+  return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
 // Nothing to commit when it is refused.

@@ -36,6 +36,7 @@ class EditJob {
 
   Status MakeIds();
   Outcome Begin(const Requester& requester);
+  Outcome SettleFailedBegin(const Error& error);
   Result<store::Transaction> PlanBegin(const Requester& requester);
   Result<store::Transaction> PlanIntent(const Requester& requester, store::Transaction transaction);
   Status SelectFor(const FileChanges& files);

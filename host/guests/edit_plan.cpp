@@ -1,5 +1,7 @@
 #include "host/guests/edit_plan.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <map>
 
@@ -106,10 +108,6 @@ Status Load(EditedGuest& edited) {
   return LoadCondition(edited);
 }
 
-// The key that everybody commits who gives a name to a guest, so that of two who give the same at the same time one
-// looks again.
-std::string RenamesKey() { return store::MakeKey({"renames"}); }
-
 Status EditName(EditedGuest& edited) {
   const std::string name = TextMember(edited.request.members, keys::name);
   if (name.empty() || name == TextMember(edited.before, keys::name)) return {};
@@ -135,6 +133,13 @@ Result<std::string> ImagePath(EditedGuest& edited, const std::string& image) {
   return NormalPath(TextMember(record->record, "path")).value_or("");
 }
 
+// What a path leads to, also by links; none when there is nothing.
+FileIdentity IdentityOf(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return {};
+  return {info.st_dev, info.st_ino};
+}
+
 // What stays in a drive is not looked at: it may be known to be gone.
 Status CheckImages(EditedGuest& edited) {
   const Json::Value& images = json::Member(edited.request.members, keys::iso_images);
@@ -149,7 +154,7 @@ Status CheckImages(EditedGuest& edited) {
       edited.Refuse(kNoImage, "There is no image " + Shown(name));
       return {};
     }
-    files.emplace(*path, FileIdentity());
+    files.emplace(*path, IdentityOf(*path));
   }
   if (files.empty()) return {};
   // Else whoever may put images into drives could look into all disks.
@@ -264,6 +269,9 @@ void WriteParts(EditedGuest& edited, const DashCate& category, const std::vector
   for (const EditedPart& part : parts) {
     if (part.stored.revision == 0 || part.stored.record != part.before) {
       cluster::PutObject(edited.plan.transaction, PartKey(category, part.id), part.stored);
+    } else {
+      // What changes beside it was chosen by it.
+      edited.plan.transaction.compares.push_back({PartKey(category, part.id), part.stored.revision});
     }
   }
 }

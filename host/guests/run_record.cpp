@@ -51,6 +51,8 @@ std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds) {
 std::string RunKey(const std::string& guest_id) { return store::MakeKey({"run", guest_id}); }
 std::string DeletionKey(const std::string& guest_id) { return store::MakeKey({"deletion", guest_id}); }
 
+std::string RenamesKey() { return store::MakeKey({"renames"}); }
+
 std::string EditKey(const std::string& guest_id) { return store::MakeKey({"edit", guest_id}); }
 
 Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id) {

@@ -40,6 +40,10 @@ std::string RunKey(const std::string& guest_id);
 std::string DeletionKey(const std::string& guest_id);
 std::string EditKey(const std::string& guest_id);
 
+// The key that everybody compares and commits who gives a name to a guest, so that of two who give the same at the same
+// time one looks again.
+std::string RenamesKey();
+
 struct StoredRun {
   Run run;
   store::Revision revision = 0;

@@ -78,8 +78,18 @@ class Prediction {
     }
   }
 
+  // Whether something still tells the name of the network.
+  bool IsTold(const std::string& network_id) const {
+    if (model_.networks_with_record.contains(network_id)) return true;
+    for (const auto& [id, guest] : model_.guests) {
+      for (const ModelPart& nic : guest.nics) {
+        if (nic.record["network_group_id"] == network_id) return true;
+      }
+    }
+    return false;
+  }
   void Network(Json::Value& nic, const std::string& id) {
-    const auto known = model_.networks.find(id);
+    const auto known = IsTold(id) ? model_.networks.find(id) : model_.networks.end();
     if (!id.empty() && known == model_.networks.end()) Refuse(903);
     nic["network_group_id"] = id;
     nic["network_name"] = known == model_.networks.end() ? "" : known->second;

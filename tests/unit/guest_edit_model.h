@@ -51,6 +51,7 @@ class EditModel {
   std::map<std::string, std::string> repository_folders;
   std::set<std::string> blocked_repositories;   // where no file can be made
   std::map<std::string, std::string> networks;  // names by id
+  std::set<std::string> networks_with_record;   // of the others the interfaces in them tell
   std::map<std::string, std::string> images;    // paths by id
   std::map<std::string, ModelGuest> guests;
   std::int64_t cpus = 0;  // of the host

@@ -103,6 +103,7 @@ class RandomEdits : public GuestControlTest {
       host_.Put("repository", id, repository);
     }
     model_.networks = {{kNetworkOfRecord, "br0"}, {kNetworkOfNic, "br1"}};
+    model_.networks_with_record = {kNetworkOfRecord};
     host_.Put("network", kNetworkOfRecord, Parsed(R"({"name":"office","bridge_name":"br0"})"));
     model_.images = {{kImage, "/isos/debian.iso"}};
     host_.Put("image", kImage, Parsed(R"({"path":"/isos/debian.iso"})"));

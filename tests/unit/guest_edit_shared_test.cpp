@@ -118,5 +118,36 @@ TEST_F(SharedEdit, NewFolderOfARepository_IsOnTheDiskBeforeTheRecordsAre) {
   }
 }
 
+// Else whoever may put images into drives could look into a disk by another way to it.
+TEST_F(SharedEdit, DiskThatIsNamedByAnotherWay_IsNoImage) {
+  std::filesystem::create_directory_symlink(ground_.File("images"), ground_.File("alias"));
+  const std::string file = std::string("/") + kRepository + "/data.iso";
+  WriteFile(ground_.File("images") + file);
+  PutDisk(*store_, "disk-of-neighbour", kNeighbour, ground_.File("alias") + file);
+  Remember();
+  for (const char* folder : {"images", "alias"}) {
+    const Refused refused = Edit("{\"iso_images\":[\"" + ground_.File(folder) + file + "\"]}");
+    ASSERT_TRUE(refused) << folder;
+    EXPECT_EQ(refused->code, 932);
+    EXPECT_EQ(Everything(*store_), records_);
+  }
+}
+
+// The guest's record stays as it is, so what chose the name is what must be compared.
+TEST_F(SharedEdit, TwoDisksThatGoToOneBusOnTwoHosts_GetTwoNames) {
+  RemoveKey(*store_, KeyOf("repository", kRepository));  // so that any host may
+  const auto to_scsi = [](const char* disk, int mib) {
+    return R"({"vdisks_edit":[{"vdisk_mode":3,"vdisk_size":)" + std::to_string(mib) + "," + Id(disk) + "}]}";
+  };
+  At("commit", [&] {
+    EditOptions other = ground_.Options(store_);
+    other.host_id = kOtherHost;
+    EXPECT_FALSE(Edits(other).Edit(kEdited, Parsed(to_scsi(kDisk1, 16)), Alice()));
+  });
+  EXPECT_EQ(Code(to_scsi(kDisk0, 8)), 0);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk1)["name"], "sda");
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["name"], "sdb");
+}
+
 }  // namespace
 }  // namespace vexa::test

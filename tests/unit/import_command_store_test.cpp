@@ -397,5 +397,40 @@ TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {
   EXPECT_THAT(Ids("vdisk"), IsEmpty());
 }
 
+TEST_F(ImportOnStore, GuestThatAHostHasDeletesOrEdits_IsNotReplaced) {
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "two"))};
+  arguments.on_existing = OnExisting::kReplace;
+  for (const auto& [key, said] :
+       {std::pair{guests::RunKey(kFirst), "runs on a host"}, std::pair{guests::DeletionKey(kFirst), "is being deleted"},
+        std::pair{guests::EditKey(kFirst), "is being edited"}}) {
+    Put("guest", kFirst, R"({"name":"one"})");
+    ASSERT_TRUE(store_->Commit({{}, {{key, "{}"}}}).ok());
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_FALSE(RunImport(arguments, *store_, out, err).ok());
+    EXPECT_THAT(err.str(), HasSubstr(said));
+    ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
+    RacingStore racing(*store_, key, "{}");
+    EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+    EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+    EXPECT_EQ(Record("guest", kFirst)["name"], "one");
+    ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
+  }
+}
+
+// Somebody renames another guest to the name that is imported, at the same time.
+TEST_F(ImportOnStore, NameThatIsGivenMeanwhile_RefusesTheImport_AndTheOtherWayRound) {
+  RacingStore racing(*store_, guests::RenamesKey(), "\"x\"");
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "one"))};
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+  EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+  EXPECT_TRUE(RunImport(arguments, *store_, out, err).ok());
+  EXPECT_EQ(Text(guests::RenamesKey()), "\"" + std::string(kFirst) + "\"");
+}
+
 }  // namespace
 }  // namespace vexa::cli

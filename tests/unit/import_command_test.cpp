@@ -244,7 +244,7 @@ std::vector<std::pair<std::string, std::string>> Operations(const store::Transac
 
 TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {});
-  ASSERT_THAT(transaction.compares, SizeIs(5));
+  ASSERT_THAT(transaction.compares, SizeIs(6));
   EXPECT_EQ(transaction.compares[0].key, "/dash/guest/g/object");
   EXPECT_EQ(transaction.compares[0].revision, 0u);
   EXPECT_EQ(transaction.compares[1].key, "/dash/guest/g/state");
@@ -252,10 +252,11 @@ TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
   EXPECT_EQ(transaction.compares[2].key, "/run/g");
   EXPECT_EQ(transaction.compares[3].key, "/deletion/g");
   EXPECT_EQ(transaction.compares[4].key, "/edit/g");
+  EXPECT_EQ(transaction.compares[5].key, "/renames");
   EXPECT_THAT(
       Operations(transaction),
       ElementsAre(Pair("/dash/guest/g/object", R"({"autorun":0,"name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
-                  Pair("/dash/guest/g/state", "-"), Pair("/live/g", "-"),
+                  Pair("/renames", R"("g")"), Pair("/dash/guest/g/state", "-"), Pair("/live/g", "-"),
                   Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"), Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"),
                   Pair("/dash/vnic/n1/object", "{}")));
 }
@@ -264,15 +265,18 @@ TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoes
   StoredGuest stored;
   stored.revision = 7;
   stored.live_revision = 9;
+  stored.renames_revision = 11;
   stored.record = *ParseJson(R"({"name":"old","autorun":1,"ha_group_id":"h","desc":"gone",
                                  "vdisks":["d2","d3","d3",5],"vnics":["n1","n2"]})");
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), stored);
-  ASSERT_THAT(transaction.compares, SizeIs(5));
+  ASSERT_THAT(transaction.compares, SizeIs(6));
   EXPECT_EQ(transaction.compares[0].revision, 7u);
   EXPECT_EQ(transaction.compares[1].revision, 9u);
+  EXPECT_EQ(transaction.compares[5].revision, 11u);
   EXPECT_THAT(
       Operations(transaction),
       UnorderedElementsAre(
+          Pair("/renames", R"("g")"),
           Pair("/dash/guest/g/object",
                R"({"autorun":1,"ha_group_id":"h","name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
           Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"), Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"),
@@ -284,7 +288,7 @@ TEST(ImportTransaction, StoredRecordOfOddTypes_DeletesNothing) {
     StoredGuest stored;
     stored.revision = 3;
     stored.record = *ParseJson(text);
-    EXPECT_THAT(MakeImportTransaction(TwoDisksOneNic(), stored).operations, SizeIs(4)) << text;
+    EXPECT_THAT(MakeImportTransaction(TwoDisksOneNic(), stored).operations, SizeIs(5)) << text;
   }
 }
 
