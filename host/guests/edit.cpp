@@ -64,4 +64,18 @@ void Edits::FinishAll() {
   for (const std::string& id : *ids) FinishOne(options_, id);
 }
 
+void Edits::Finish(const std::string& guest_id) { FinishOne(options_, guest_id); }
+
+std::vector<std::string> Edits::Begun() const {
+  std::vector<std::string> begun;
+  const auto ids = ReadGuestIds(*options_.store);
+  if (!ids) return begun;
+  for (const std::string& id : *ids) {
+    const auto stored = ReadOne(*options_.store, id);
+    const bool is_ours = stored && *stored && (*stored)->record && (*stored)->record->host_id == options_.host_id;
+    if (is_ours) begun.push_back(id);
+  }
+  return begun;
+}
+
 }  // namespace vexa::guests

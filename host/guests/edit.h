@@ -64,6 +64,11 @@ class Edits {
   // What this host had begun when it ended. For the start, before any Edit. Whatever fails is logged and stays for the
   // next time.
   void FinishAll();
+  // The same of one guest, which nobody edits meanwhile.
+  void Finish(const std::string& guest_id);
+  // The guests with edits that this host has begun, and has under way or could not finish. What cannot be read has
+  // none.
+  std::vector<std::string> Begun() const;
 
  private:
   const EditOptions options_;

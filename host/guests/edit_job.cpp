@@ -340,10 +340,10 @@ void EditJob::Purge() {
     if (removed || IsCode(removed, ErrorCode::kNotFound)) continue;
     is_all = false;
     LogFailure("The file [" + ShownPath(path) + "], which now is named [" + hidden +
-               "], could not be removed; this is tried again at the next start: " + removed.error().ToString());
+               "], could not be removed; this is tried again: " + removed.error().ToString());
   }
   const Status synced = record_.hidden.empty() ? Status() : SyncAll("sync removed");
-  if (!synced) LogFailure("It is not finished before the next start: " + synced.error().ToString());
+  if (!synced) LogFailure("It is not finished, and tried again: " + synced.error().ToString());
   if (!is_all || !synced) return;
   const Status ended = RemoveRecord("commit end");
   if (!ended) LogFailure("The record of it could not be removed: " + ended.error().ToString());
@@ -354,8 +354,7 @@ EditJob::Outcome EditJob::Undo(const Refusal& refusal, Outcome outcome) {
   Status undone = UndoFiles();
   if (undone) undone = RemoveRecord("commit undo");
   if (undone) return outcome;
-  const std::string more =
-      "What was done could not be undone, and is taken up when this host starts again: " + undone.error().ToString();
+  const std::string more = "What was done could not be undone, which is tried again: " + undone.error().ToString();
   LogFailure(more);
   refusal_.reason += ". " + more;
   return Outcome::kRefused;

@@ -18,6 +18,8 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
+constexpr std::chrono::minutes kLongestRetry{10};
+
 DeletionOptions OptionsOfDeletion(const GuestControlOptions& options) {
   DeletionOptions deletion;
   deletion.store = options.store;
@@ -139,8 +141,28 @@ void LibvirtGuestControl::Maintain() {
     }
     for (const std::string& guest_id : guest_ids) LookWhenFree(guest_id);
     deletion_.RemoveLeftovers();
+    FinishEdits();
     lock.lock();
   }
+}
+
+void LibvirtGuestControl::FinishEdits() {
+  const auto now = std::chrono::steady_clock::now();
+  std::map<std::string, Retry> unfinished;
+  for (const std::string& guest_id : edits_.Begun()) {
+    const auto known = unfinished_.find(guest_id);
+    Retry retry = known == unfinished_.end() ? Retry{now, options_.maintenance_interval} : known->second;
+    if (retry.next <= now && !stopping_) {
+      // Whoever edits it now has the guest.
+      if (auto claim = claims_.TakeToLook(guest_id)) {
+        edits_.Finish(guest_id);
+        LookAndRelease(*std::move(claim), guest_id);
+        retry = {now + retry.delay, std::min<std::chrono::milliseconds>(2 * retry.delay, kLongestRetry)};
+      }
+    }
+    unfinished.emplace(guest_id, retry);
+  }
+  unfinished_ = std::move(unfinished);
 }
 
 Result<hypervisor::Node> LibvirtGuestControl::NodeFigures() {

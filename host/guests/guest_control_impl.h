@@ -2,7 +2,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -85,6 +87,8 @@ class LibvirtGuestControl final : public GuestControl {
     if (options_.before_step) options_.before_step(step);
   }
   void Maintain();
+  // Goes on with edits that could not be finished, each less and less often.
+  void FinishEdits();
 
   const GuestControlOptions options_;
   Deletion deletion_;
@@ -101,6 +105,11 @@ class LibvirtGuestControl final : public GuestControl {
   std::mutex maintenance_mutex_;
   std::condition_variable maintenance_wake_;
   std::set<std::string> unsettled_;  // guests whose last look failed
+  struct Retry {
+    std::chrono::steady_clock::time_point next;
+    std::chrono::milliseconds delay;
+  };
+  std::map<std::string, Retry> unfinished_;  // edits, by guest; only maintenance_ uses it
   bool ends_ = false;
   std::thread maintenance_;
   std::mutex callback_mutex_;  // held by the hypervisor's callbacks, so that none uses one that is being destroyed

@@ -14,6 +14,7 @@
 
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
+#include "host/guests/edit.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
@@ -515,6 +516,28 @@ TEST_F(GuestControlTest, NameThatARunningGuestHadWhenItStarted_IsFreeForAnother)
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
   EXPECT_DONE(control_->PowerOff(kOther, kAlice));
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
+// The store is full for a moment, right when an edit has done all but take back its record.
+TEST_F(GuestControlTest, EditThatCouldNotBeFinished_IsFinishedInTime) {
+  Json::Value changes(Json::objectValue);
+  changes["repository_id"] = "repository";
+  PutGuest(kGuest, "web-1", changes);
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 5ms;
+  std::atomic<bool> fails = true;
+  options.before_step = [&](std::string_view step) {
+    if (step == "commit end" && fails.exchange(false)) host_.store().FailCommits();
+  };
+  Start(options);
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vdisks_add":[{"vdisk_size":1}]})"), kAlice));
+  EXPECT_FALSE(fails);
+  host_.store().Heal();
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  const auto is_free = [&] { return !EditUnderWay(host_.store(), kGuest).has_value(); };
+  while (!is_free() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+  EXPECT_TRUE(is_free());
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 

@@ -154,7 +154,7 @@ TEST_F(FailingEdit, WhoseUndoCannotBeCommitted_SaysSo_AndKeepsOthersAway) {
   const Refused refused = Edit();
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->code, 901);
-  EXPECT_THAT(refused->reason, HasSubstr("could not be undone, and is taken up when this host starts again"));
+  EXPECT_THAT(refused->reason, HasSubstr("could not be undone, which is tried again"));
   store_->Heal();
   options_.before_step = nullptr;
   EXPECT_EQ(ground_->Images(), images_);
