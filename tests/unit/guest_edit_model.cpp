@@ -82,6 +82,7 @@ class Prediction {
   bool IsTold(const std::string& network_id) const {
     if (model_.networks_with_record.contains(network_id)) return true;
     for (const auto& [id, guest] : model_.guests) {
+      if (!guest.is_whole) continue;  // its interface is not stored
       for (const ModelPart& nic : guest.nics) {
         if (nic.record["network_group_id"] == network_id) return true;
       }
