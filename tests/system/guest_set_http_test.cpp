@@ -35,7 +35,7 @@ class GuestSetHttp : public GuestSetGround {
 
 struct BadMember {
   const char* list;
-  const char* good;  // an element, with text for another member behind it
+  const char* good;  // an element without fault
   const char* bad;   // one whose only fault is the one that is told
   const char* line;  // with "%u" for the index
 };
