@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <set>
 #include <thread>
 
 #include "host/base/json_parse.h"

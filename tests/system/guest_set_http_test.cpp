@@ -35,7 +35,7 @@ class GuestSetHttp : public GuestSetGround {
 
 struct BadMember {
   const char* list;
-  const char* good;  // an element, with text for another member behind it
+  const char* good;  // an element without fault
   const char* bad;   // one whose only fault is the one that is told
   const char* line;  // with "%u" for the index
 };
@@ -267,29 +267,39 @@ TEST_F(GuestSetHttp, BodiesThatAreTooLargeOrTooDeep_ReachNoHandler) {
   EXPECT_TRUE(GuestLines().empty());
 }
 
-TEST_F(GuestSetHttp, IdsThatAreNamedTwice_AreRefusedOrCountOnce) {
-  const std::string disk = kGoodDiskId;
-  const std::string nic = kGoodNicId;
+TEST_F(GuestSetHttp, IdsThatAreNamedTwice_AreRefusedWhereTheyWouldCountTwice) {
   const auto twice = [](const char* list, const std::string& element) {
     return '"' + std::string(list) + "\":[" + element + "," + element + "]";
   };
-  for (const std::string& members :
-       {twice("vdisks_del", disk), twice("vdisks_edit", kGoodDiskEdit), twice("vdisks_order", disk),
-        twice("vnics_del", nic), twice("vnics_edit", kGoodNicEdit)}) {
-    const Answer answer = Set("admin", Body(members));
-    if (answer.code != 0) {
-      EXPECT_EQ(Stored(), AtTheStart()) << members;
-    } else {
-      // Whatever it is taken for, no disk and no interface is listed twice.
-      for (const char* list : {"vdisks", "vnics"}) {
-        std::vector<std::string> ids;
-        for (const Json::Value& id : GuestRecord()[list]) ids.push_back(json::String(id));
-        std::ranges::sort(ids);
-        EXPECT_EQ(std::ranges::adjacent_find(ids), ids.end()) << members;
-      }
-    }
-    Restore();
+  ExpectRefused(twice("vdisks_del", kGoodDiskId), 920);
+  ExpectRefused(twice("vdisks_order", kGoodDiskId), 920);
+  ExpectRefused(twice("vnics_del", kGoodNicId), 919);
+  EXPECT_EQ(Code(twice("vnics_edit", kGoodNicEdit)), 0);
+  EXPECT_EQ(Code(twice("vdisks_edit", kGoodDiskEdit)), 0);
+  EXPECT_EQ(GuestRecord()["vdisks"].size(), 2u);
+  EXPECT_EQ(GuestRecord()["vnics"].size(), 2u);
+  Restore();
+  // One file does not grow twice.
+  for (const auto& [first, second] : {std::pair("2", "3"), std::pair("3", "2")}) {
+    const auto sized = [](const char* gib) {
+      return R"({"vdisk_id":")" + std::string(kDisk0) + R"(","vdisk_size":)" + gib + "}";
+    };
+    ExpectRefused("\"vdisks_edit\":[" + sized(first) + "," + sized(second) + "]", 920);
+    EXPECT_EQ(std::filesystem::file_size(DiskPath(kDisk0)), std::uintmax_t{1} << 30);
   }
+}
+
+TEST_F(GuestSetHttp, NamesOfManyNobodies_AreOneBoundedEntry) {
+  std::string rules;
+  for (int i = 0; i < 15'000; ++i) {
+    rules += (i == 0 ? "" : ",") + std::string(R"({"uid":4294967295,"name":"no%n\nbody)") + std::to_string(i) + "\"}";
+  }
+  EXPECT_EQ(Code("\"guest_privilege\":[" + rules + "]"), 1001);
+  const std::string text = NewestText();
+  EXPECT_THAT(text, ::testing::StartsWith("Failed to configure permission settings for the user [no%n"));
+  EXPECT_THAT(text, Not(HasSubstr("\n")));
+  EXPECT_LE(text.size(), 4096u);
+  EXPECT_EQ(Stored(), AtTheStart());
 }
 
 // Hosts
