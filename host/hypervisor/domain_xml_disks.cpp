@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::uint64_t kMib = std::uint64_t{1} << 20;
 constexpr std::size_t kMaxIsoImages = 2;
+constexpr std::size_t kMaxDrives = 8;
 constexpr std::size_t kMaxTargetBytes = 32;
 
 constexpr int kRecordFormat = 2;
@@ -176,10 +177,11 @@ Status ReadDisks(pugi::xml_node devices, Context& context) {
     if (!names.insert(name).second) {
       return Refused("Two disks have the target " + Quote(name) + ": give each a name of its own");
     }
-    if (names.size() > kMaxDisks) {
+    if (Status one = ReadOne(disk, name, context); !one) return one;
+    // Drives are no disks, but none of either kind without end.
+    if (context.result.disks.size() > kMaxDisks || names.size() > kMaxDisks + kMaxDrives) {
       return Refused("The guest has more than " + std::to_string(kMaxDisks) + " disks: remove some");
     }
-    if (Status one = ReadOne(disk, name, context); !one) return one;
   }
   for (const auto& [name, size] : context.options.disk_sizes_mib) {
     const auto& disks = context.result.disks;

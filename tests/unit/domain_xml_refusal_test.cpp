@@ -336,5 +336,21 @@ TEST(Options, SizeOutOfRange_IsRefused) {
   }
 }
 
+TEST(Disks, SixtyFour_BesideTwoDrives_AreTaken) {
+  std::string devices;
+  for (int i = 0; i < 64; ++i) {
+    devices += "<disk><source file='/d" + std::to_string(i) + "'/><target dev='vd" + std::to_string(i) + "'/></disk>";
+  }
+  for (const char* drive : {"sda", "sdb"}) {
+    devices += "<disk device='cdrom'><target dev='" + std::string(drive) + "' bus='sata'/><readonly/></disk>";
+  }
+  ImportOptions options;
+  options.size_of = [](const std::string&, ImageFormat) -> Result<std::uint64_t> { return 1 << 20; };
+  const auto parsed = ParseDomainXml(DomainWith("", devices), options);
+  ASSERT_TRUE(parsed) << parsed.error().ToString();
+  EXPECT_EQ(parsed->disks.size(), 64u);
+  EXPECT_EQ(parsed->guest["iso_images"].size(), 2u);
+}
+
 }  // namespace
 }  // namespace vexa::hypervisor
