@@ -35,7 +35,9 @@ bool Claims::Claim::ReleaseUnlessAsked() {
   return true;
 }
 
-std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, Activity activity) {
+std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, Activity activity,
+                                                   std::chrono::milliseconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
   std::unique_lock lock(mutex_);
   for (;;) {
     const auto [held, is_new] = held_.try_emplace(guest_id);
@@ -43,8 +45,13 @@ std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, 
       held->second.activity = std::move(activity);
       return Claim(*this, guest_id);
     }
-    if (!held->second.is_look) return held->second.activity;
-    released_.wait(lock);
+    if (held->second.is_look) {
+      released_.wait(lock);
+      continue;
+    }
+    const bool is_same = held->second.activity.action == activity.action;
+    if (!is_same || std::chrono::steady_clock::now() >= end) return held->second.activity;
+    released_.wait_until(lock, end);
   }
 }
 

@@ -47,8 +47,10 @@ class Claims {
     std::string guest_id_;
   };
 
-  // Waits while the guest is only looked at. Not a claim: what is being done with it.
-  std::variant<Claim, Activity> Take(const std::string& guest_id, Activity activity);
+  // Waits while the guest is only looked at, and for `patience` while somebody has it for the same action. Not a claim:
+  // what is being done with it.
+  std::variant<Claim, Activity> Take(const std::string& guest_id, Activity activity,
+                                     std::chrono::milliseconds patience = std::chrono::milliseconds(0));
   // For a look. Not set: it was left to the holder.
   std::optional<Claim> TakeToLook(const std::string& guest_id);
 

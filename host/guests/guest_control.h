@@ -35,6 +35,8 @@ struct GuestControlOptions {
   std::chrono::milliseconds maintenance_interval = std::chrono::seconds(5);
   // How long a fence waits for the end of a start that it has called off; who asks waits for 30 seconds.
   std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
+  // How long an edit waits for another one of the same guest; who asked waits for 30 seconds or more.
+  std::chrono::milliseconds edit_patience = std::chrono::seconds(10);
   // Whether the host has a network or bridge; not set: in test mode all, else what libvirt and the kernel tell.
   std::function<bool(const std::string& name)> has_network;
   std::function<void(std::string_view step)> before_step;  // for tests that stop there

@@ -47,8 +47,10 @@ class LibvirtGuestControl final : public GuestControl {
   using Done = hypervisor::Outcome<void>;
 
   // guest_power.cpp
+  // `patience` is for others who do the same.
   Refused Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
-                  const std::function<Refused()>& act);
+                  const std::function<Refused()>& act,
+                  std::chrono::milliseconds patience = std::chrono::milliseconds(0));
   Refused StartGuest(const std::string& guest_id);
   // Commits that this host has the guest, after all checks; the processors to set apart for it.
   std::variant<Run, Refusal> Reserve(const Guest& guest);

@@ -66,12 +66,13 @@ Refusal RefusalOf(const Error& error) {
 }
 
 Refused LibvirtGuestControl::Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
-                                     const std::function<Refused()>& act) {
+                                     const std::function<Refused()>& act, std::chrono::milliseconds patience) {
   if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
   // Waits for other hosts' records and the hypervisor follow.
   cluster::RequestScope::ReleaseSnapshot();
-  auto taken = claims_.Take(guest_id, {std::string(action), requester, std::chrono::system_clock::now()});
+  auto taken = claims_.Take(guest_id, {std::string(action), requester, std::chrono::system_clock::now()}, patience);
   if (const auto* other = std::get_if<Activity>(&taken)) return Refusal{kBusy, Describe(*other)};
+  if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
   Refused refused = act();
   LogDone(guest_id, action, refused);
   LookAndRelease(std::get<Claims::Claim>(std::move(taken)), guest_id);
@@ -247,7 +248,8 @@ Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester
 }
 
 Refused LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) {
-  return Perform(guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); });
+  return Perform(
+      guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); }, options_.edit_patience);
 }
 
 Refused LibvirtGuestControl::RatePins(const Guest& edited) {

@@ -351,6 +351,57 @@ TEST_F(GuestControlTest, ASecondActionMeanwhile_IsBusyWithWhoAndSince) {
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
 }
 
+// The first edit stops before its commit until the second has been answered or has had time to begin to wait.
+TEST_F(GuestControlTest, ASecondEditMeanwhile_WaitsAndBothAreMade) {
+  std::promise<void> reached;
+  std::promise<void> go_on;
+  std::atomic<bool> is_first = true;
+  GuestControlOptions options = Options();
+  options.edit_patience = 20s;
+  options.before_step = [&](std::string_view step) {
+    if (step != "commit" || !is_first.exchange(false)) return;
+    reached.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread first([&] { EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vcpu_num":3})"), kAlice)); });
+  reached.get_future().wait();
+  std::atomic<bool> is_answered = false;
+  std::thread second([&] {
+    EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), {"bob", "nas-2", ""}));
+    is_answered = true;
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(is_answered) << "it waits";
+  // Others have no such patience.
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "'edit' for alice");
+  go_on.set_value();
+  first.join();
+  second.join();
+  Json::Value conf;
+  EXPECT_EQ(vgConfGet(kGuest, conf), 0);
+  EXPECT_EQ(conf["vcpu_num"], 3);
+  EXPECT_EQ(conf["vram_size"], 96);
+}
+
+TEST_F(GuestControlTest, ASecondEditMeanwhile_IsBusyInTheEnd) {
+  std::promise<void> reached;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.edit_patience = 20ms;
+  options.before_step = [&](std::string_view step) {
+    if (step != "commit") return;
+    reached.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread first([&] { EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vcpu_num":3})"), kAlice)); });
+  reached.get_future().wait();
+  EXPECT_REFUSED(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), {"bob", "nas-2", ""}), 915, "'edit' for alice");
+  go_on.set_value();
+  first.join();
+}
+
 TEST_F(GuestControlTest, ManyAtOnce_EndAsOneByOne) {
   Start();
   std::vector<std::thread> threads;
