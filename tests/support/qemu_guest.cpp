@@ -19,7 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -73,22 +73,31 @@ bool HasQemuDriver() {
   return false;
 }
 
-bool IsQemuBelow(const std::string& pid, const std::string& folder) {
+// Empty when the process has ended, also when it does so while this is read.
+std::string CommandLine(const std::string& pid) {
   std::ifstream file("/proc/" + pid + "/cmdline", std::ios::binary);
-  const std::string line{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::ostringstream line;
+  line << file.rdbuf();
+  return line.str();
+}
+
+bool IsQemuBelow(const std::string& line, const std::string& folder) {
   const std::string program = line.substr(0, line.find('\0'));
   return fs::path(program).filename().string().starts_with("qemu-system-") &&
          line.find(folder + "/") != std::string::npos;
 }
 
-std::vector<pid_t> QemusBelow(const std::string& folder) {
+std::vector<pid_t> QemusBelow(const std::string& folder, const std::string& word = "") {
   std::vector<pid_t> found;
   DIR* const processes = ::opendir("/proc");
   if (processes == nullptr) return found;
   while (const dirent* const entry = ::readdir(processes)) {
     const std::string pid = entry->d_name;
     const bool number = pid.find_first_not_of("0123456789") == std::string::npos;
-    if (number && IsQemuBelow(pid, folder)) found.push_back(static_cast<pid_t>(std::stol(pid)));
+    if (!number) continue;
+    const std::string line = CommandLine(pid);
+    const bool is_wanted = IsQemuBelow(line, folder) && line.find(word) != std::string::npos;
+    if (is_wanted) found.push_back(static_cast<pid_t>(std::stol(pid)));
   }
   ::closedir(processes);
   return found;
@@ -124,6 +133,10 @@ std::string WhyNoQemuGuests() {
 }
 
 std::string SkipNotice(const std::string& why) { return "Guests on QEMU are not tested: " + why; }
+
+int CountQemus(const std::string& folder, const std::string& word) {
+  return static_cast<int>(QemusBelow(folder, word).size());
+}
 
 int KillQemus(const std::string& folder) {
   int count = 0;

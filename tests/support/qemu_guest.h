@@ -56,6 +56,9 @@ class QemuGround {
   int guard_ = -1;  // its end tells the guard
 };
 
+// How many QEMUs have command lines that name a file below `folder`, and `word`.
+int CountQemus(const std::string& folder, const std::string& word);
+
 // Ends the QEMUs whose command lines name a file below `folder`, and waits for their ends. How many there were.
 int KillQemus(const std::string& folder);
 

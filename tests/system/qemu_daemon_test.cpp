@@ -181,18 +181,7 @@ class QemuDaemon : public testing::Test {
 
   // QEMUs of this test that run the guest now. libvirt has others, for a moment, to ask what QEMU can do; those of a
   // host that was killed meanwhile stay.
-  int Qemus() const {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      std::ifstream file(entry.path() / "cmdline");
-      const std::string line(std::istreambuf_iterator<char>(file), {});
-      if (line.find("qemu-system") != std::string::npos && line.find(kGuest) != std::string::npos &&
-          line.find(ground_->folder()) != std::string::npos) {
-        ++count;
-      }
-    }
-    return count;
-  }
+  int Qemus() const { return CountQemus(ground_->folder(), kGuest); }
   std::string Stored(const std::string& key) const {
     const auto store = Store();
     const auto snapshot = Require(store->Read());
@@ -260,8 +249,8 @@ TEST_F(QemuDaemon, KilledWhileItStartsAndStopsAGuest_AgreesWithQemuAfterwards) {
     KillHost();
     ::waitpid(asker, nullptr, 0);
     StartHost();
-    // A QEMU that was about to start or to end when its host was killed is ended by libvirt a little later, and the host
-    // sees that when it looks again.
+    // A QEMU that was about to start or to end when its host was killed is ended by libvirt a little later, and the
+    // host sees that when it looks again.
     const auto agrees = [&] {
       const bool runs = Qemus() == 1;
       const std::string state = Stored(store::MakeKey({"dash", "guest", kGuest, "state"}));
