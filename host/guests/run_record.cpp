@@ -53,6 +53,8 @@ std::string DeletionKey(const std::string& guest_id) { return store::MakeKey({"d
 
 std::string RenamesKey() { return store::MakeKey({"renames"}); }
 
+std::string FilesKey() { return store::MakeKey({"files"}); }
+
 std::string EditKey(const std::string& guest_id) { return store::MakeKey({"edit", guest_id}); }
 
 Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id) {

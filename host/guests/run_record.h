@@ -44,6 +44,11 @@ std::string EditKey(const std::string& guest_id);
 // time one looks again.
 std::string RenamesKey();
 
+// The key that everybody commits who makes a record name a file (a disk's, a drive's, an image's, UEFI variables).
+// Whoever removes or changes a file compares it with its revision from before it searched for other users of the file,
+// so that a record which comes in between makes the commit a conflict.
+std::string FilesKey();
+
 struct StoredRun {
   Run run;
   store::Revision revision = 0;

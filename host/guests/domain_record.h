@@ -1,0 +1,34 @@
+// The definition that a guest's owner had before the guest was imported.
+//
+//   /dash/guest/<guest id>/domain   {"xml": libvirt's XML of the inactive domain, "autostart"}
+//
+// Whoever imports a guest hands its definition over: from the first start on, this host defines the guest for libvirt
+// from this XML and the records, and keeps in it everything that the records do not manage. A guest without this key
+// was never defined by anybody else. The key goes with the guest's record.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/base/result.h"
+#include "host/store/store.h"
+
+namespace vexa::guests {
+
+struct DomainRecord {
+  std::string xml;
+  bool autostart = false;  // whether libvirt was to start it by itself
+};
+
+std::string DomainKey(const std::string& guest_id);
+std::string DomainText(const DomainRecord& domain);
+
+struct StoredDomain {
+  DomainRecord domain;
+  store::Revision revision = 0;
+};
+
+// Not set: there is none. Errors: kCorrupt (the value has no XML), and what the store says.
+Result<std::optional<StoredDomain>> ReadDomain(const store::Snapshot& snapshot, const std::string& guest_id);
+
+}  // namespace vexa::guests
