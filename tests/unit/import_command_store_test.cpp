@@ -127,7 +127,7 @@ TEST_F(ImportOnStore, Files_AreWrittenAndReported) {
   ASSERT_TRUE(Run({first, second, "--disk-size", "vda=20"}).ok()) << err_;
   EXPECT_THAT(out_, StartsWith(first + ": imported 'one' (" + kFirst + "): 1 disk, 0 network interfaces\n"));
   EXPECT_THAT(out_, HasSubstr(second + ": imported 'two' (" + kSecond + "): 0 disks, 0 network interfaces\n"));
-  EXPECT_THAT(out_, HasSubstr("  The guest has no video card: it gets the default one.\n"));
+  EXPECT_THAT(out_, HasSubstr("  The guest has no video card: it gets one when a card is set.\n"));
   EXPECT_EQ(err_, "");
   const Json::Value guest = Record("guest", kFirst);
   EXPECT_EQ(guest["name"], "one");
