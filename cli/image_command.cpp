@@ -15,6 +15,7 @@
 #include "host/base/rooted_file.h"
 #include "host/base/uuid.h"
 #include "host/cluster/guest_image.h"
+#include "host/guests/run_record.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
 #include "webapi/utils/json.h"
@@ -112,7 +113,12 @@ Status AddImage(const NewImage& image, store::Store& store, std::ostream& out) {
   Json::Value record(Json::objectValue);
   record["name"] = image.name;
   record[cluster::kImagePath] = *path;
-  const auto committed = store.Commit({{{ImageKey(id), 0}}, {{ImageKey(id), json::ToText(record)}}});
+  store::Transaction transaction;
+  transaction.compares.push_back({ImageKey(id), 0});
+  transaction.operations.push_back({ImageKey(id), json::ToText(record)});
+  // Who removes or changes a file is to see that it is an image now.
+  transaction.operations.push_back({guests::FilesKey(), json::ToText(Json::Value(id))});
+  const auto committed = store.Commit(transaction);
   if (!committed) return committed.error();
   out << id << '\n';
   return {};

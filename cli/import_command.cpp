@@ -13,10 +13,12 @@
 #include "host/guests/run_record.h"
 #include "host/hypervisor/domain_list.h"
 #include "host/store/key.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::cli {
 namespace {
 
+namespace json = VexaVirtualization::json;
 using hypervisor::ImportedGuest;
 
 constexpr std::string_view kShutdownState = "guest_shutdown";
@@ -40,8 +42,26 @@ Result<StoredGuest> ReadStored(const store::Snapshot& snapshot, const std::strin
 }
 
 std::string TextMember(const Json::Value& record, const char* member) {
-  const Json::Value& value = record.isObject() ? record[member] : Json::Value::nullSingleton();
-  return value.isString() ? value.asString() : "";
+  const Json::Value& value = json::Member(record, member);
+  return value.isString() ? json::String(value) : "";
+}
+
+// The disks and network interfaces that are the guest's own. A list can name those of another guest, whose they stay.
+Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const std::string& id,
+                                          const Json::Value& record) {
+  std::vector<StoredPart> parts;
+  for (const auto& [list, category] : {std::pair{"vdisks", "vdisk"}, std::pair{"vnics", "vnic"}}) {
+    for (const Json::Value& entry : json::Elements(json::Member(record, list))) {
+      if (!entry.isString() || json::String(entry).empty()) continue;
+      std::string key = store::MakeKey({"dash", category, json::String(entry), "object"});
+      const auto value = snapshot.Get(key);
+      if (!value) return value.error();
+      if (!value->has_value()) continue;
+      const Result<Json::Value> part = ParseJson((*value)->text);
+      if (part && TextMember(*part, "guest_id") == id) parts.push_back({std::move(key), (*value)->revision});
+    }
+  }
+  return parts;
 }
 
 // The state as every reader of the guest sees it: the live one, else the record's. "" when there is none. What cannot
@@ -171,6 +191,7 @@ class Import {
       ImportSource source;
       source.label = domain.name;
       source.xml = std::move(domain.xml);
+      source.autostart = domain.autostart;
       source.options = Options();
       // libvirt knows the images of its own machine, which need not be this one.
       source.options.size_of = [connection = connection_.get(), id = domain.id, local = IsLocal(arguments_.uri)](
@@ -212,6 +233,9 @@ class Import {
       Result<StoredGuest> found = ReadStored(**snapshot, guest.id);
       if (!found) return found.error();
       stored = std::move(*found);
+      Result<std::vector<StoredPart>> parts = ReadParts(**snapshot, guest.id, stored.record);
+      if (!parts) return parts.error();
+      stored.parts = std::move(*parts);
       Result<std::string> now = ReadState(**snapshot, guest.id, stored);
       // What a guest left behind that is gone is no state of the new one.
       if (stored.revision != 0 && !now) return now.error();
@@ -223,7 +247,8 @@ class Import {
       Plan(source, guest);
       return {};
     }
-    const Result<store::Revision> revision = store_.Commit(MakeImportTransaction(guest, stored));
+    const Result<store::Revision> revision =
+        store_.Commit(MakeImportTransaction(guest, {guest.xml, source.autostart}, stored));
     if (!revision && revision.error().code() == ErrorCode::kConflict) {
       return Error(ErrorCode::kConflict, "The guest '" + guest.id + "' was changed meanwhile: import it again");
     }

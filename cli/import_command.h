@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/guests/domain_record.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/store.h"
 
@@ -60,6 +61,7 @@ struct ImportSource {
   std::string label;  // names it in result lines
   std::string file;   // read when `xml` is not set
   std::optional<std::string> xml;
+  bool autostart = false;   // whether libvirt was to start it by itself
   std::string expected_id;  // refused when the XML has another one; "" for any
   hypervisor::ImportOptions options;
 };
@@ -67,18 +69,28 @@ struct ImportSource {
 // The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the member that cannot be.
 Result<std::vector<ImportSource>> ReadManifest(const std::string& path);
 
+// A record of a disk or a network interface.
+struct StoredPart {
+  std::string key;
+  store::Revision revision = 0;
+};
+
 // A guest's record and live state as the store has them; revision 0 when there is none.
 struct StoredGuest {
   store::Revision revision = 0;
   Json::Value record;
   store::Revision live_revision = 0;
   store::Revision renames_revision = 0;  // of guests::RenamesKey()
+  // The records of disks and network interfaces that the guest's record lists and that name the guest as theirs.
+  std::vector<StoredPart> parts;
 };
 
-// Writes the records of `guest`, provided that the stored guest is still as `replaced` says. What domain XML does not
-// say ("autorun", "ha_group_id") is kept from the replaced record; records of its disks and network interfaces that the
-// new one does not use are deleted. The live state stays with what is known about its order while the guest stays on
+// Writes the records of `guest` and the definition that it had, provided that the stored guest is still as `replaced`
+// says. What domain XML does not say ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept from the
+// replaced record; records of disks and network interfaces that are the replaced guest's own and that the new one does
+// not use are deleted. The live state stays with what is known about its order while the guest stays on
 // the same host, and goes otherwise: what one host told says nothing about another.
-store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const StoredGuest& replaced);
+store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const guests::DomainRecord& domain,
+                                         const StoredGuest& replaced);
 
 }  // namespace vexa::cli

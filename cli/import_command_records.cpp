@@ -18,34 +18,44 @@ std::string RecordKey(std::string_view category, std::string_view id) {
 
 using Records = std::vector<std::pair<std::string, Json::Value>>;
 
-// Puts `records`, and deletes those that `replaced` lists and `records` has not.
-void AddRecords(std::string_view category, const Records& records, const Json::Value& replaced,
+void AddRecords(std::string_view category, const Records& records, std::set<std::string>& written,
                 store::Transaction& transaction) {
-  std::set<std::string> kept;
   for (const auto& [id, record] : records) {
-    transaction.operations.push_back({RecordKey(category, id), json::ToText(record)});
-    kept.insert(id);
+    std::string key = RecordKey(category, id);
+    transaction.operations.push_back({key, json::ToText(record)});
+    written.insert(std::move(key));
   }
-  if (!replaced.isArray()) return;
-  for (const Json::Value& id : replaced) {
-    // Inserting keeps an id that is listed twice from being deleted twice.
-    if (!id.isString() || !kept.insert(id.asString()).second) continue;
-    transaction.operations.push_back({RecordKey(category, id.asString()), std::nullopt});
+}
+
+// Deletes what the replaced guest had and the new one has not, while it is still the guest's.
+void RemoveParts(const std::vector<StoredPart>& parts, std::set<std::string>& written,
+                 store::Transaction& transaction) {
+  for (const StoredPart& part : parts) {
+    // Inserting keeps one that is listed twice from being deleted twice.
+    if (!written.insert(part.key).second) continue;
+    transaction.compares.push_back({part.key, part.revision});
+    transaction.operations.push_back({part.key, std::nullopt});
   }
 }
 
 }  // namespace
 
-store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const StoredGuest& replaced) {
+store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const guests::DomainRecord& domain,
+                                         const StoredGuest& replaced) {
   const Json::Value before = replaced.record.isObject() ? replaced.record : Json::Value(Json::objectValue);
   Json::Value record = guest.guest;
   for (const char* member : {"autorun", "ha_group_id"}) {
     if (before.isMember(member)) record[member] = before[member];
   }
+  const bool names_variables = record.isMember("nvram") || !before.isMember("nvram");
+  if (!names_variables) record["nvram"] = before["nvram"];
   store::Transaction transaction;
   const std::string key = RecordKey("guest", guest.id);
   transaction.compares.push_back({key, replaced.revision});
   transaction.operations.push_back({key, json::ToText(record)});
+  transaction.operations.push_back({guests::DomainKey(guest.id), guests::DomainText(domain)});
+  // Who removes or changes a file is to see that this guest has it.
+  transaction.operations.push_back({guests::FilesKey(), json::ToText(Json::Value(guest.id))});
   transaction.compares.push_back({cluster::LiveStateKey(guest.id), replaced.live_revision});
   // A host that has the guest, deletes it, or edits its disks, is not to find another one in its place.
   transaction.compares.push_back({guests::RunKey(guest.id), 0});
@@ -56,8 +66,10 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   transaction.operations.push_back({guests::RenamesKey(), json::ToText(Json::Value(guest.id))});
   const bool stays = replaced.revision != 0 && json::Member(before, "host_id") == json::Member(record, "host_id");
   if (!stays) cluster::ForgetLiveState(transaction, guest.id);
-  AddRecords("vdisk", guest.disks, before["vdisks"], transaction);
-  AddRecords("vnic", guest.nics, before["vnics"], transaction);
+  std::set<std::string> written;
+  AddRecords("vdisk", guest.disks, written, transaction);
+  AddRecords("vnic", guest.nics, written, transaction);
+  RemoveParts(replaced.parts, written, transaction);
   return transaction;
 }
 

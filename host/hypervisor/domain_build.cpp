@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "host/hypervisor/domain_build_internal.h"
+#include "host/hypervisor/domain_overlay.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/domain_xml_internal.h"
 
@@ -23,7 +24,9 @@ Status Check(const GuestRecords& records, const BuildOptions& options) {
   return {};
 }
 
-Status WriteAll(Context& context) {
+}  // namespace
+
+Status WriteGuest(Context& context) {
   Set(context.domain, "type", context.options.domain_type);
   context.legacy_machine = NeedsLegacyMachine(context.records);
   for (const auto write : {WriteIdentity, WriteProcessor, WriteSystem}) {
@@ -36,18 +39,29 @@ Status WriteAll(Context& context) {
   return {};
 }
 
-}  // namespace
 }  // namespace domain_build
+
+namespace {
+
+std::string Print(const pugi::xml_document& document) {
+  std::ostringstream text;
+  document.save(text, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
+  return text.str();
+}
+
+}  // namespace
 
 Result<std::string> BuildDomainXml(const GuestRecords& records, const BuildOptions& options) {
   if (Status valid = domain_build::Check(records, options); !valid) return valid.error();
   pugi::xml_document document;
+  if (!options.base_xml.empty()) {
+    if (Status laid = domain_overlay::Apply(records, options, document); !laid) return laid.error();
+    return Print(document);
+  }
   domain_build::Context context{records, options};
   context.domain = document.append_child("domain");
-  if (Status written = domain_build::WriteAll(context); !written) return written.error();
-  std::ostringstream text;
-  document.save(text, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
-  return text.str();
+  if (Status written = domain_build::WriteGuest(context); !written) return written.error();
+  return Print(document);
 }
 
 }  // namespace vexa::hypervisor

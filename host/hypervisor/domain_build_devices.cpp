@@ -88,6 +88,7 @@ Status WriteHostDevices(Context& context, std::int64_t version) {
   if (!usbs.isNull() && (!usbs.isArray() || usbs.size() > kUsbPorts)) {
     return Refused("The member 'usbs' of the guest is no list of at most four devices");
   }
+  if (context.options.usb_bus == UsbBus::kAbsent) return {};
   for (const Json::Value& entry : json::Elements(usbs)) {
     if (!entry.isString()) return Refused("An entry of 'usbs' of the guest is no text");
     const std::string name = json::String(entry);

@@ -15,61 +15,12 @@ namespace json = VexaVirtualization::json;
 using domain_xml::Quote;
 using domain_xml::Refused;
 
-constexpr Json::ArrayIndex kMaxIsoImages = 2;
-constexpr std::size_t kMaxIdeDrives = 4;
-
-struct Bus {
-  int mode;  // as "vdisk_mode" says it
-  const char* name;
-  const char* target_prefix;
-};
-constexpr Bus kBuses[] = {{1, "virtio", "vd"}, {2, "ide", "hd"}, {3, "sata", "sd"}, {4, "scsi", "sd"}};
-constexpr int kVirtio = 1;
-constexpr int kIde = 2;
-constexpr int kSata = 3;
-constexpr int kScsi = 4;
-
-const Bus& BusOf(int mode) {
-  return *std::find_if(std::begin(kBuses), std::end(kBuses), [&](const Bus& bus) { return bus.mode == mode; });
-}
-
-Result<std::int64_t> ModeOf(const Json::Value& disk) { return NumberOf(disk, "vdisk_mode", kVirtio, kVirtio, kScsi); }
-
 std::size_t CountIde(const GuestRecords& records) {
   const auto count = std::count_if(records.disks.begin(), records.disks.end(), [](const auto& disk) {
     const Result<std::int64_t> mode = ModeOf(disk.second);
     return mode && *mode == kIde;
   });
   return static_cast<std::size_t>(count);
-}
-
-// "a", …, "z", "aa", …
-std::string Letters(std::size_t index) {
-  std::string letters;
-  for (std::size_t rest = index + 1; rest > 0; rest = (rest - 1) / 26) {
-    letters.insert(letters.begin(), static_cast<char>('a' + (rest - 1) % 26));
-  }
-  return letters;
-}
-
-// The other way round; empty when `letters` are none, or those of a place that is never given out.
-std::optional<std::size_t> IndexOf(std::string_view letters) {
-  if (letters.empty() || letters.size() > 2) return std::nullopt;
-  std::size_t index = 0;
-  for (const char c : letters) {
-    if (c < 'a' || c > 'z') return std::nullopt;
-    index = index * 26 + static_cast<std::size_t>(c - 'a') + 1;
-  }
-  if (index > kMaxDisks) return std::nullopt;
-  return index - 1;
-}
-
-// libvirt takes the place on the bus from the name.
-bool FitsBus(const std::string& name, const Bus& bus) {
-  const std::string_view prefix = bus.target_prefix;
-  if (!name.starts_with(prefix)) return false;
-  const std::optional<std::size_t> index = IndexOf(std::string_view(name).substr(prefix.size()));
-  return index && (bus.mode != kIde || *index < kMaxIdeDrives);
 }
 
 // The names of targets. A disk keeps the one in its record where it can, so that guests find their disks in place.
@@ -79,14 +30,14 @@ class Targets {
     for (const auto& [id, disk] : records.disks) {
       const Result<std::int64_t> mode = ModeOf(disk);
       const Result<std::string> name = TextOf(disk, "name", "");
-      if (mode && name && FitsBus(*name, BusOf(static_cast<int>(*mode)))) wanted_.insert(*name);
+      if (mode && name && TargetIndex(*name, BusOf(static_cast<int>(*mode)))) wanted_.insert(*name);
     }
   }
 
   std::string Take(const std::string& name, const Bus& bus) {
-    if (FitsBus(name, bus) && taken_.insert(name).second) return name;
+    if (TargetIndex(name, bus) && taken_.insert(name).second) return name;
     for (std::size_t index = 0;; ++index) {
-      const std::string free = bus.target_prefix + Letters(index);
+      const std::string free = TargetName(bus, index);
       if (wanted_.count(free) == 0 && taken_.insert(free).second) return free;
     }
   }
@@ -96,22 +47,10 @@ class Targets {
   std::set<std::string> taken_;
 };
 
-Result<std::string> FormatOf(const Json::Value& disk) {
-  constexpr int kTypeRaw = 1;
-  constexpr int kTypeQcow2 = 2;
-  const Result<std::string> driver = TextOf(disk, "driver", "");
-  if (!driver) return driver.error();
-  if (*driver == "raw" || *driver == "qcow2") return *driver;
-  const Result<std::int64_t> type = NumberOf(disk, "type", kTypeRaw, kTypeRaw, kTypeQcow2);
-  if (!driver->empty()) return Refused("The driver of a disk is " + Quote(*driver) + ": a disk is 'raw' or 'qcow2'");
-  if (!type) return type.error();
-  return std::string(*type == kTypeQcow2 ? "qcow2" : "raw");
-}
-
 // libvirt would add those that are missing, of a model of old.
-void AddScsiControllers(Context& context, std::string_view letters) {
+void AddScsiControllers(Context& context, std::size_t index) {
   constexpr std::size_t kUnits = 7;  // of one controller, as libvirt numbers disks that say no more than a name
-  const std::size_t needed = IndexOf(letters).value_or(0) / kUnits + 1;
+  const std::size_t needed = index / kUnits + 1;
   for (; context.scsi_controllers < needed; ++context.scsi_controllers) {
     pugi::xml_node controller = Add(context.devices, "controller");
     Set(controller, "type", "scsi");
@@ -148,7 +87,7 @@ Status WriteDisk(Context& context, const std::string& id, const Json::Value& dis
   Set(target, "dev", taken);
   Set(target, "bus", bus.name);
   Set(Add(element, "boot"), "order", std::to_string(++context.boot_order));
-  if (bus.mode == kScsi) AddScsiControllers(context, taken.substr(std::string_view(bus.target_prefix).size()));
+  if (bus.mode == kScsi) AddScsiControllers(context, TargetIndex(taken, bus).value_or(0));
   return {};
 }
 

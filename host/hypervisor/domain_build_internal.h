@@ -1,7 +1,8 @@
-// What the parts of the domain XML writer share. For host/hypervisor/domain_build*.cpp only.
+// What the parts of the domain XML writer share. For host/hypervisor/domain_build*.cpp and domain_overlay*.cpp only.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <pugixml.hpp>
 #include <string>
 #include <string_view>
@@ -28,6 +29,36 @@ pugi::xml_node Add(pugi::xml_node parent, const char* name);
 pugi::xml_node AddText(pugi::xml_node parent, const char* name, const std::string& text);
 void Set(pugi::xml_node element, const char* attribute, const std::string& value);
 
+// Says who made the definition, as the last child of <metadata>, which is made when there is none.
+enum class Kept { kNo, kYes };  // whether the definition stays defined while the guest is off
+void WriteMark(pugi::xml_node domain, const std::string& host_id, Kept kept);
+
+// The member "nvram", "" when there is none. Errors: kInvalid when it is not a plain absolute path.
+Result<std::string> NvramOf(const Json::Value& guest);
+
+// domain_build_targets.cpp
+
+struct Bus {
+  int mode;  // as "vdisk_mode" says it
+  const char* name;
+  const char* target_prefix;
+};
+inline constexpr int kIde = 2;
+inline constexpr int kSata = 3;
+inline constexpr int kScsi = 4;
+inline constexpr std::size_t kMaxIdeDrives = 4;
+inline constexpr Json::ArrayIndex kMaxIsoImages = 2;
+
+const Bus& BusOf(int mode);  // of a known mode
+Result<std::int64_t> ModeOf(const Json::Value& disk);
+Result<std::string> FormatOf(const Json::Value& disk);  // "raw" or "qcow2"
+
+// The name of the place `index` on a bus: "vda", …, "vdz", "vdaa", …
+std::string TargetName(const Bus& bus, std::size_t index);
+
+// The place on `bus` that `name` names; not set when it names none. libvirt takes the place from the name.
+std::optional<std::size_t> TargetIndex(const std::string& name, const Bus& bus);
+
 // Writers of one part of the XML each. They add to `context.domain` or `context.devices`.
 
 struct Context {
@@ -46,6 +77,9 @@ struct Context {
 
 // Whether any disk is on IDE, which new machines do not have. domain_build_disks.cpp
 bool NeedsLegacyMachine(const GuestRecords& records);
+
+// All parts.
+Status WriteGuest(Context& context);  // domain_build.cpp
 
 Status WriteIdentity(Context& context);   // domain_build_machine.cpp
 Status WriteProcessor(Context& context);  // <vcpu>, <cputune>, <cpu>

@@ -99,7 +99,9 @@ void WriteClock(Context& context) {
   }
 }
 
-void WriteFirmware(Context& context) {
+Status WriteFirmware(Context& context) {
+  const Result<std::string> nvram = NvramOf(context.guest());
+  if (!nvram) return nvram.error();
   pugi::xml_node os = Add(context.domain, "os");
   const bool uefi = FlagOf(context.guest(), "use_ovmf");
   if (uefi) Set(os, "firmware", "efi");
@@ -109,10 +111,13 @@ void WriteFirmware(Context& context) {
     Set(type, "arch", "x86_64");
     Set(type, "machine", context.legacy_machine ? "pc" : "q35");
   }
-  if (!uefi) return;
+  if (!uefi) return {};
   pugi::xml_node feature = Add(Add(os, "firmware"), "feature");
   Set(feature, "enabled", "no");
   Set(feature, "name", "secure-boot");
+  // libvirt fills a file that is not there yet from the firmware's template.
+  if (!nvram->empty()) AddText(os, "nvram", *nvram);
+  return {};
 }
 
 }  // namespace
@@ -126,6 +131,7 @@ Status WriteIdentity(Context& context) {
   AddText(context.domain, "name", IsDomainName(*name) ? *name : id);
   AddText(context.domain, "uuid", id);
   if (json::FindMember(context.guest(), "desc") != nullptr) AddText(context.domain, "description", *description);
+  if (!context.options.host_id.empty()) WriteMark(context.domain, context.options.host_id, Kept::kNo);
 
   const Result<std::int64_t> memory = NumberOf(context.guest(), "vram_size", 0, 1, kMaxMemoryMib);
   if (!memory) return memory.error();
@@ -145,7 +151,7 @@ Status WriteProcessor(Context& context) {
 }
 
 Status WriteSystem(Context& context) {
-  WriteFirmware(context);
+  if (Status firmware = WriteFirmware(context); !firmware) return firmware;
   WriteFeatures(context);
   WriteClock(context);
   AddText(context.domain, "on_poweroff", "destroy");

@@ -64,6 +64,18 @@ Result<std::string> TextOf(const Json::Value& record, const char* member, const 
   return json::String(value);
 }
 
+Result<std::string> NvramOf(const Json::Value& guest) {
+  if (json::Member(guest, "nvram").isNull()) return std::string();
+  const Result<std::string> path = TextOf(guest, "nvram", "");
+  if (!path) return path.error();
+  if (!domain_xml::IsPlainPath(*path) || XmlText(*path) != *path) {
+    return domain_xml::Refused("The member 'nvram' of the guest is " + domain_xml::Quote(*path) +
+                               ": UEFI variables are in a file with an absolute path without '..' and control "
+                               "characters");
+  }
+  return *path;
+}
+
 bool FlagOf(const Json::Value& record, const char* member) { return json::Bool(json::Member(record, member)); }
 
 pugi::xml_node Add(pugi::xml_node parent, const char* name) { return parent.append_child(name); }
@@ -76,6 +88,15 @@ pugi::xml_node AddText(pugi::xml_node parent, const char* name, const std::strin
 
 void Set(pugi::xml_node element, const char* attribute, const std::string& value) {
   element.append_attribute(attribute).set_value(XmlText(value).c_str());
+}
+
+void WriteMark(pugi::xml_node domain, const std::string& host_id, Kept kept) {
+  pugi::xml_node metadata = domain.child("metadata");
+  if (!metadata) metadata = Add(domain, "metadata");
+  pugi::xml_node mark = Add(metadata, "vexa:guest");
+  Set(mark, "xmlns:vexa", kMarkNamespace);
+  Set(mark, "host", host_id);
+  if (kept == Kept::kYes) Set(mark, "kept", "yes");
 }
 
 }  // namespace vexa::hypervisor::domain_build

@@ -28,14 +28,24 @@ Error Failed(std::string message) {
   return Error(ErrorCode::kUnavailable, std::move(message), cause != nullptr ? cause : "");
 }
 
-Result<DomainText> Describe(virDomainPtr domain) {
+Result<DomainText> Describe(virDomainPtr domain, unsigned int flags) {
   DomainText result;
   if (const char* const name = virDomainGetName(domain)) result.name = name;
   std::array<char, VIR_UUID_STRING_BUFLEN> id{};
-  const Text xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
+  const Text xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE | flags));
   if (!xml || virDomainGetUUIDString(domain, id.data()) != 0) {
     return Failed("Cannot read the XML of the domain '" + result.name + "'");
   }
+  int autostart = 0;
+  // Transient domains and drivers that start nothing by themselves have no such flag.
+  if (virDomainGetAutostart(domain, &autostart) != 0) {
+    const int code = virGetLastErrorCode();
+    if (code != VIR_ERR_OPERATION_INVALID && code != VIR_ERR_NO_SUPPORT) {
+      return Failed("Cannot read whether the domain '" + result.name + "' is started automatically");
+    }
+    autostart = 0;
+  }
+  result.autostart = autostart != 0;
   result.id = id.data();
   result.xml = xml.get();
   return result;
@@ -45,8 +55,9 @@ Result<DomainText> Describe(virDomainPtr domain) {
 
 class DomainConnection::Impl {
  public:
-  explicit Impl(Connection opened) : connection(std::move(opened)) {}
+  Impl(Connection opened, unsigned int flags) : connection(std::move(opened)), xml_flags(flags) {}
   Connection connection;
+  unsigned int xml_flags;
 };
 
 DomainConnection::DomainConnection(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -57,9 +68,15 @@ Result<std::unique_ptr<DomainConnection>> DomainConnection::Open(const std::stri
   // Errors come back as results; libvirt would print them to stderr as well.
   virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
   if (virInitialize() != 0) return Failed("Cannot use libvirt");
-  Connection connection(virConnectOpenReadOnly(uri.c_str()));
+  // Passwords of screens are a part of the definition, which libvirt shows to those who may change it.
+  unsigned int flags = VIR_DOMAIN_XML_SECURE;
+  Connection connection(virConnectOpen(uri.c_str()));
+  if (!connection) {
+    flags = 0;
+    connection.reset(virConnectOpenReadOnly(uri.c_str()));
+  }
   if (!connection) return Failed("Cannot connect to libvirt at '" + uri + "'");
-  return std::unique_ptr<DomainConnection>(new DomainConnection(std::make_unique<Impl>(std::move(connection))));
+  return std::unique_ptr<DomainConnection>(new DomainConnection(std::make_unique<Impl>(std::move(connection), flags)));
 }
 
 Result<std::vector<DomainText>> DomainConnection::List() const {
@@ -71,7 +88,7 @@ Result<std::vector<DomainText>> DomainConnection::List() const {
 
   std::vector<DomainText> result;
   for (const Domain& domain : domains) {
-    Result<DomainText> described = Describe(domain.get());
+    Result<DomainText> described = Describe(domain.get(), impl_->xml_flags);
     if (described) {
       result.push_back(std::move(*described));
     } else if (virGetLastErrorCode() != VIR_ERR_NO_DOMAIN) {

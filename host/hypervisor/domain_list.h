@@ -14,9 +14,11 @@ struct DomainText {
   std::string name;
   std::string id;   // UUID
   std::string xml;  // of the inactive domain: what it will be at its next start
+  bool autostart = false;
 };
 
-// A read-only connection to libvirt. It changes nothing and reads no secrets. Calls block for as long as libvirt does.
+// A connection to libvirt that changes nothing. The XML has the passwords of screens where the caller has the right to
+// change domains, and lacks them where libvirt only lets it read. Calls block for as long as libvirt does.
 // Threads: one at a time.
 class DomainConnection {
  public:

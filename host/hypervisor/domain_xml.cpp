@@ -51,7 +51,6 @@ Status ReadAll(pugi::xml_node domain, Context& context) {
   for (const auto read : {ReadVideo, ReadUsb, ReadDisks, ReadNics}) {
     if (Status part = read(domain.child("devices"), context); !part) return part;
   }
-  NoteLeftOut(domain, context);
   return {};
 }
 
@@ -63,6 +62,7 @@ Result<ImportedGuest> ParseDomainXml(std::string_view xml, const ImportOptions& 
   pugi::xml_document document;
   if (Status loaded = domain_xml::Load(xml, document); !loaded) return loaded.error();
   ImportedGuest imported;
+  imported.xml = xml;
   domain_xml::Context context{options, imported};
   if (Status read = domain_xml::ReadAll(document.document_element(), context); !read) return read.error();
   return imported;

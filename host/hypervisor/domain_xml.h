@@ -46,7 +46,8 @@ struct ImportedGuest {
   Json::Value guest;
   std::vector<std::pair<std::string, Json::Value>> disks;  // id and record, in the order of the XML
   std::vector<std::pair<std::string, Json::Value>> nics;
-  std::vector<std::string> notes;  // one sentence for each thing that was left out or approximated
+  std::string xml;                 // what was read, to the letter: whatever no record has a place for is kept in it
+  std::vector<std::string> notes;  // one sentence for each thing that the records only approximate
 };
 
 // The records of one <domain>. The same XML and options always give the same ids and records.

@@ -47,6 +47,21 @@ bool HasEnlightenments(pugi::xml_node hyperv) {
   });
 }
 
+// Where the guest's UEFI variables are. The file is a file of the guest from now on, as its disks are.
+void ReadNvram(pugi::xml_node nvram, Context& context) {
+  if (!nvram) return;
+  const std::string_view type = nvram.attribute("type").as_string("file");
+  const std::string path = NvramPath(nvram);
+  if (type != "file") {
+    context.Note("The UEFI variables are of the type " + Quote(type) +
+                 ": they were not recorded, and are not managed with the guest's files.");
+  } else if (!path.empty() && !IsPlainPath(path)) {
+    context.Note("The UEFI variables are at " + Quote(path) + ", which is no absolute path: they were not recorded.");
+  } else if (!path.empty()) {
+    context.guest()["nvram"] = path;
+  }
+}
+
 }  // namespace
 
 Status ReadFirmware(pugi::xml_node domain, Context& context) {
@@ -60,13 +75,12 @@ Status ReadFirmware(pugi::xml_node domain, Context& context) {
   }
   const std::string_view architecture = os.child("type").attribute("arch").value();
   if (!architecture.empty() && architecture != "x86_64") {
-    context.Note("The architecture " + Quote(architecture) + " was left out: guests here are x86_64.");
+    context.Note("The guest is of the architecture " + Quote(architecture) +
+                 ": a host needs an emulator of it, and new guests here are x86_64.");
   }
   context.guest()["use_ovmf"] = std::string_view(os.attribute("firmware").value()) == "efi" ||
                                 std::string_view(os.child("loader").attribute("type").value()) == "pflash";
-  for (const char* name : {"kernel", "initrd", "cmdline", "dtb", "bootmenu"}) {
-    if (os.child(name)) context.Note("The element <" + std::string(name) + "> of <os> was left out.");
-  }
+  ReadNvram(os.child("nvram"), context);
   const pugi::xml_node hyperv = domain.child("features").child("hyperv");
   if (hyperv) context.guest()["hyperv_enlighten"] = HasEnlightenments(hyperv);
   return {};
@@ -85,7 +99,8 @@ Status ReadBootOrder(pugi::xml_node domain, Context& context) {
   for (const BootDevice& device : *ordered) {
     if (device.kind == "cdrom") context.guest()["boot_from"] = "iso";
     if (device.kind == "cdrom" || device.kind == "hd") break;
-    context.Note("Booting from " + Quote(device.kind) + " was left out: a guest boots from a disk or an ISO image.");
+    context.Note("The guest boots from " + Quote(device.kind) +
+                 " first, which no record says: this stays until its disks, drives or 'boot_from' are edited.");
   }
   return {};
 }

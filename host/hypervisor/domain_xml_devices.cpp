@@ -31,7 +31,7 @@ void ReadKeyboard(pugi::xml_node devices, Context& context) {
     if (IsLayoutName(keymap.value())) {
       layout = keymap.value();
     } else {
-      context.Note("The keyboard layout " + Quote(keymap.value()) + " was left out: it is no name of a layout.");
+      context.Note("The keyboard layout " + Quote(keymap.value()) + " was not recorded: it is no name of a layout.");
     }
     return;
   }
@@ -111,15 +111,15 @@ Status ReadVideo(pugi::xml_node devices, Context& context) {
     if (std::string_view(card.child("model").attribute("primary").value()) == "yes") video = card;
   }
   if (count > 1) {
-    context.Note("The guest has " + std::to_string(count) + " video cards: only the primary one was kept.");
+    context.Note("The guest has " + std::to_string(count) + " video cards: only the primary one was recorded.");
   }
   const std::string_view model = video.child("model").attribute("type").value();
   if (std::find(kVideoCards.begin(), kVideoCards.end(), model) != kVideoCards.end()) {
     context.guest()["video_card"] = std::string(model);
   } else if (model.empty()) {
-    context.Note("The guest has no video card: it gets the default one.");
+    context.Note("The guest has no video card: it gets one when a card is set.");
   } else {
-    context.Note("The video card " + Quote(model) + " is not known: the guest gets the default one.");
+    context.Note("The video card " + Quote(model) + " is not known: it stays until another card is set.");
   }
   return {};
 }

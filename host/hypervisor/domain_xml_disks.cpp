@@ -1,4 +1,4 @@
-// <disk>: disks become records, CD-ROM drives become the guest's ISO images, floppies are left out.
+// <disk>: disks become records, CD-ROM drives become the guest's ISO images, floppies have no record.
 #include <algorithm>
 #include <set>
 
@@ -40,7 +40,8 @@ int ModeOf(pugi::xml_node target, const std::string& name, Context& context) {
     if (bus == known.name) return known.mode;
     if (bus.empty() && !known.target_prefix.empty() && name.starts_with(known.target_prefix)) return known.mode;
   }
-  context.Note("The disk " + Quote(name) + " is on the bus " + Quote(bus) + ": SATA was recorded.");
+  context.Note("The disk " + Quote(name) + " is on the bus " + Quote(bus) +
+               ": SATA was recorded, and the disk stays where it is until its bus is edited.");
   return kSubstituteMode;
 }
 
@@ -77,11 +78,11 @@ void ReadCdrom(pugi::xml_node disk, const std::string& name, Context& context) {
   std::string image = ValueOf(disk.child("source"), "file");
   if (type != "file" && disk.child("source")) {
     context.Note("The medium of the CD-ROM drive " + Quote(name) + " is of the type " + Quote(type) +
-                 ": it was left out.");
+                 ": the record shows an empty drive.");
     image.clear();
   } else if (!image.empty() && !IsPlainPath(image)) {
     context.Note("The medium of the CD-ROM drive " + Quote(name) + " is " + Quote(image) +
-                 ", which is no absolute path: it was left out.");
+                 ", which is no absolute path: the record shows an empty drive.");
     image.clear();
   }
   context.guest()["iso_images"].append(image.empty() ? "unmounted" : image);
@@ -132,20 +133,12 @@ Status ReadDisk(pugi::xml_node disk, const std::string& name, Context& context) 
   if (disk.child("backingStore").attribute("type")) {
     context.Note("The disk " + Quote(name) + " has a backing image: only the image on top was recorded.");
   }
-  for (const char* element : {"readonly", "shareable", "transient", "encryption", "iotune"}) {
-    if (disk.child(element)) {
-      context.Note("The element <" + std::string(element) + "> of the disk " + Quote(name) + " was left out.");
-    }
-  }
   return {};
 }
 
 Status ReadOne(pugi::xml_node disk, const std::string& name, Context& context) {
   const std::string device = ValueOf(disk, "device", "disk");
-  if (device == "floppy") {
-    context.Note("The floppy drive " + Quote(name) + " was left out.");
-    return {};
-  }
+  if (device == "floppy") return {};
   if (device == "cdrom") {
     if (context.guest()["iso_images"].size() == kMaxIsoImages) {
       return Refused("The guest has more than two CD-ROM drives: remove a <disk> with device='cdrom'");

@@ -38,6 +38,13 @@ std::optional<std::uint32_t> ParseHex16(std::string_view text);
 // The bytes in one `unit` of memory ("" is KiB); empty for an unknown unit.
 std::optional<std::uint64_t> BytesPerUnit(std::string_view unit);
 
+// The bytes that an element such as <memory unit='MiB'> says; empty when they are no number of a known unit or more
+// than 64 bits hold.
+std::optional<std::uint64_t> MemoryBytes(pugi::xml_node element);
+
+// The path that an <nvram> of <os> says, "" when it says none or is not in a file.
+std::string NvramPath(pugi::xml_node nvram);
+
 // "aa:bb:cc:dd:ee:ff" in lower case; empty when `text` is no unicast address.
 std::string NormalizeMac(std::string_view text);
 
@@ -65,7 +72,8 @@ struct Context {
   // Hostile XML could fill a terminal: after kMaxNotes one last sentence says that there was more.
   void Note(std::string sentence) {
     if (result.notes.size() > kMaxNotes) return;
-    if (result.notes.size() == kMaxNotes) sentence = "More was left out than is listed here.";
+    if (result.notes.size() == kMaxNotes)
+      sentence = "There is more that the records only approximate than is listed here.";
     result.notes.push_back(std::move(sentence));
   }
 };
@@ -79,6 +87,5 @@ Status ReadVideo(pugi::xml_node devices, Context& context);  // domain_xml_devic
 Status ReadUsb(pugi::xml_node devices, Context& context);
 Status ReadDisks(pugi::xml_node devices, Context& context);  // domain_xml_disks.cpp
 Status ReadNics(pugi::xml_node devices, Context& context);   // domain_xml_nics.cpp
-void NoteLeftOut(pugi::xml_node domain, Context& context);   // domain_xml_left_out.cpp
 
 }  // namespace vexa::hypervisor::domain_xml

@@ -18,27 +18,6 @@ constexpr std::uint64_t kMaxMemoryMib = std::numeric_limits<std::int32_t>::max()
 
 Json::Int Int(std::uint64_t value) { return static_cast<Json::Int>(value); }
 
-// The bytes that a <memory> element says; empty when they are no number of a known unit or more than 64 bits hold.
-std::optional<std::uint64_t> MemoryBytes(pugi::xml_node element) {
-  const auto number = ParseUnsigned(TextOf(element));
-  const auto unit = BytesPerUnit(element.attribute("unit").value());
-  std::uint64_t bytes = 0;
-  if (!number || !unit || __builtin_mul_overflow(*number, *unit, &bytes)) return std::nullopt;
-  return bytes;
-}
-
-void ReadCpuModel(pugi::xml_node cpu, Context& context) {
-  const std::string_view mode = cpu.attribute("mode").value();
-  context.guest()["cpu_passthru"] = mode == "host-passthrough";
-  if (mode == "host-passthrough" || !cpu) return;
-  const pugi::xml_node model = cpu.child("model");
-  if (model) {
-    context.Note("The CPU model " + Quote(TextOf(model)) + " was left out: the guest gets the compatible one.");
-  } else if (!mode.empty()) {
-    context.Note("The CPU mode " + Quote(mode) + " was left out: the guest gets the compatible model.");
-  }
-}
-
 Status ReadPinning(pugi::xml_node cputune, std::uint64_t vcpus, Context& context) {
   std::set<std::uint64_t> pinned;
   for (const pugi::xml_node pin : cputune.children("vcpupin")) {
@@ -52,7 +31,10 @@ Status ReadPinning(pugi::xml_node cputune, std::uint64_t vcpus, Context& context
   }
   context.guest()["cpu_pin_num"] = Int(pinned.size());
   if (!pinned.empty()) {
-    context.Note("The CPU sets of <vcpupin> were left out: only the number of pinned virtual CPUs was kept.");
+    context.Note(
+        "The CPU sets of <vcpupin> give way to processors that the host sets apart: only the number of pinned virtual "
+        "CPUs "
+        "was recorded.");
   }
   return {};
 }
@@ -87,9 +69,10 @@ Status ReadProcessor(pugi::xml_node domain, Context& context) {
   const std::string_view current = vcpu.attribute("current").value();
   if (!current.empty() && ParseUnsigned(current) != vcpus) {
     context.Note("The guest starts with " + Quote(current) + " of its " + std::to_string(*vcpus) +
-                 " virtual CPUs: all of them were recorded.");
+                 " virtual CPUs: the record counts all of them.");
   }
-  ReadCpuModel(domain.child("cpu"), context);
+  context.guest()["cpu_passthru"] =
+      std::string_view(domain.child("cpu").attribute("mode").value()) == "host-passthrough";
 
   const pugi::xml_node cputune = domain.child("cputune");
   const pugi::xml_node shares = cputune.child("shares");
@@ -117,8 +100,8 @@ Status ReadMemory(pugi::xml_node domain, Context& context) {
   context.guest()["vram_size"] = Int(mib);
   const pugi::xml_node current = domain.child("currentMemory");
   if (current && MemoryBytes(current) != bytes) {
-    context.Note("<currentMemory> differs from <memory>: the guest gets all of its memory, " + std::to_string(mib) +
-                 " MiB.");
+    context.Note("<currentMemory> differs from <memory>: the record says " + std::to_string(mib) +
+                 " MiB, and the balloon stays until the memory is edited.");
   }
   return {};
 }

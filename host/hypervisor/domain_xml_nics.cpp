@@ -26,7 +26,7 @@ int TypeOf(pugi::xml_node nic, const std::string& mac, Context& context) {
   // A device of the host has no model; everything else has one in what libvirt prints.
   if (std::string_view(nic.attribute("type").value()) != "hostdev") {
     context.Note("The model " + Quote(model) + " of the network interface " + mac +
-                 " is not known: virtio was recorded.");
+                 " is not known: virtio was recorded, and the model stays until it is edited.");
   }
   return kDefaultType;
 }
@@ -43,7 +43,8 @@ std::string NetworkNameOf(pugi::xml_node nic, const std::string& mac, Context& c
   const pugi::xml_node source = nic.child("source");
   if (type == "network") return source.attribute("network").value();
   if (type == "bridge") return source.attribute("bridge").value();
-  context.Note("The network interface " + mac + " is of the type " + Quote(type) + ": it is in no network.");
+  context.Note("The network interface " + mac + " is of the type " + Quote(type) +
+               ": it was recorded as one without a network, and stays as it is until it gets one.");
   return "";
 }
 
@@ -69,13 +70,8 @@ Status ReadNic(pugi::xml_node nic, const std::string& mac, Context& context) {
   context.result.nics.emplace_back(NameBasedUuid(context.result.id + "/nic/" + mac), std::move(record));
   context.guest()["vnics"].append(context.result.nics.back().first);
 
-  for (const char* element : {"bandwidth", "vlan", "filterref", "virtualport", "mtu"}) {
-    if (nic.child(element)) {
-      context.Note("The element <" + std::string(element) + "> of the network interface " + mac + " was left out.");
-    }
-  }
   if (std::string_view(nic.child("link").attribute("state").value()) == "down") {
-    context.Note("The link of the network interface " + mac + " is down: it was recorded as any other.");
+    context.Note("The link of the network interface " + mac + " is down, which no record says.");
   }
   return {};
 }

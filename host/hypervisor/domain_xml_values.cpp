@@ -139,6 +139,21 @@ std::optional<std::uint64_t> BytesPerUnit(std::string_view unit) {
   return std::nullopt;
 }
 
+std::optional<std::uint64_t> MemoryBytes(pugi::xml_node element) {
+  const auto number = ParseUnsigned(TextOf(element));
+  const auto unit = BytesPerUnit(element.attribute("unit").value());
+  std::uint64_t bytes = 0;
+  if (!number || !unit || __builtin_mul_overflow(*number, *unit, &bytes)) return std::nullopt;
+  return bytes;
+}
+
+std::string NvramPath(pugi::xml_node nvram) {
+  const std::string_view type = nvram.attribute("type").as_string("file");
+  if (type != "file") return "";
+  const pugi::xml_node source = nvram.child("source");
+  return source ? source.attribute("file").value() : std::string(Trim(TextOf(nvram)));
+}
+
 std::string NormalizeMac(std::string_view text) {
   std::string mac = MatchShape(text, "xx:xx:xx:xx:xx:xx");
   // The lowest bit of the first byte marks a group address.

@@ -78,7 +78,11 @@ TEST_P(BuiltExample, ImportedAgain_GivesTheSameRecords) {
 
 TEST_P(BuiltExample, OfEveryType_PleasesLibvirtsSchema) {
   for (const char* type : {"kvm", "qemu", "test"}) {
-    const std::string xml = MustBuild(RecordsOf(ImportExample(GetParam())), ExampleOptions(type));
+    GuestRecords records = RecordsOf(ImportExample(GetParam()));
+    records.guest["nvram"] = "/vars/guest.fd";
+    BuildOptions options = ExampleOptions(type);
+    options.host_id = "99999999-2222-4333-8444-555555555555";
+    const std::string xml = MustBuild(records, options);
     EXPECT_EQ(SchemaComplaint(xml), "") << xml;
   }
 }

@@ -88,6 +88,28 @@ TEST(DomainBuild, Ovmf_IsFirmwareEfiWithoutSecureBoot) {
   EXPECT_EQ(At(xml, "/domain/os/firmware/feature[@name='secure-boot']/@enabled"), "no");
 }
 
+TEST(DomainBuild, Variables_AreInTheFileOfTheRecord) {
+  GuestRecords records = SmallGuest();
+  records.guest["nvram"] = "/vars/guest.fd";
+  EXPECT_EQ(CountAt(MustBuild(records), "//nvram"), 0u);
+  records.guest["use_ovmf"] = true;
+  for (const char* type : {"kvm", "qemu", "test"}) {
+    BuildOptions options;
+    options.domain_type = type;
+    EXPECT_EQ(At(MustBuild(records, options), "/domain/os/nvram"), "/vars/guest.fd");
+  }
+}
+
+TEST(DomainBuild, Mark_SaysWhoseTheDefinitionIs) {
+  EXPECT_EQ(CountAt(MustBuild(SmallGuest()), "/domain/metadata"), 0u);
+  BuildOptions options;
+  options.host_id = "a'<b";
+  const std::string xml = MustBuild(SmallGuest(), options);
+  EXPECT_EQ(At(xml, "/domain/metadata/*[local-name()='guest']/@host"), "a'<b");
+  EXPECT_THAT(xml, HasSubstr("<vexa:guest xmlns:vexa=\"urn:vexa:guest:1\" host=\""));
+  EXPECT_EQ(CountAt(xml, "/domain/metadata/*/@kept"), 0u);
+}
+
 TEST(DomainBuild, TestType_NamesNoMachine) {
   BuildOptions options;
   options.domain_type = "test";
@@ -301,6 +323,16 @@ TEST(DomainBuildUsb, Devices_AreThoseOfTheHost) {
   }
 }
 
+TEST(DomainBuildUsb, DevicesWithoutABus_AreLeftOut) {
+  GuestRecords records = SmallGuest();
+  records.guest["usbs"] = List({"1234:00ab", "unmounted"});
+  BuildOptions options;
+  options.usb_bus = UsbBus::kAbsent;
+  const std::string xml = MustBuild(records, options);
+  EXPECT_EQ(CountAt(xml, "//hostdev"), 0u);
+  EXPECT_EQ(CountAt(xml, "//controller[@type='usb']"), 4u);
+}
+
 // What a refusal says of a member of the guest's record.
 struct GuestRow {
   const char* member;
@@ -327,7 +359,10 @@ INSTANTIATE_TEST_SUITE_P(
                       GuestRow{"usb_version", 4, "from 0 to 3"}, GuestRow{"video_card", "vga'/><evil/>", "not known"},
                       GuestRow{"kb_layout", "de'/><evil/>", "no name of a layout"}, GuestRow{"name", 5, "is no text"},
                       GuestRow{"usbs", "3.14", "no list"}, GuestRow{"iso_images", "x", "no list"},
-                      GuestRow{"boot_from", 1, "is no text"}, GuestRow{"desc", Json::arrayValue, "is no text"}));
+                      GuestRow{"nvram", "", "absolute path"}, GuestRow{"nvram", "vars.fd", "absolute path"},
+                      GuestRow{"nvram", "/a/../b", "absolute path"}, GuestRow{"nvram", "/a\nb", "absolute path"},
+                      GuestRow{"nvram", Json::arrayValue, "is no text"}, GuestRow{"boot_from", 1, "is no text"},
+                      GuestRow{"desc", Json::arrayValue, "is no text"}));
 
 // Nothing that a record holds can end an attribute or an element.
 TEST(DomainBuildHostile, Texts_StayTexts) {

@@ -12,6 +12,7 @@
 #include "host/base/json_parse.h"
 #include "host/cluster/live_state.h"
 #include "host/guests/run_record.h"
+#include "host/hypervisor/handles.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/unit/import_words.h"
@@ -19,6 +20,7 @@
 namespace vexa::cli {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -127,7 +129,7 @@ TEST_F(ImportOnStore, Files_AreWrittenAndReported) {
   ASSERT_TRUE(Run({first, second, "--disk-size", "vda=20"}).ok()) << err_;
   EXPECT_THAT(out_, StartsWith(first + ": imported 'one' (" + kFirst + "): 1 disk, 0 network interfaces\n"));
   EXPECT_THAT(out_, HasSubstr(second + ": imported 'two' (" + kSecond + "): 0 disks, 0 network interfaces\n"));
-  EXPECT_THAT(out_, HasSubstr("  The guest has no video card: it gets the default one.\n"));
+  EXPECT_THAT(out_, HasSubstr("  The guest has no video card: it gets one when a card is set.\n"));
   EXPECT_EQ(err_, "");
   const Json::Value guest = Record("guest", kFirst);
   EXPECT_EQ(guest["name"], "one");
@@ -167,6 +169,40 @@ TEST_F(ImportOnStore, Replace_DropsDisksThatAreNoLongerUsed) {
   ASSERT_THAT(Ids("vdisk"), SizeIs(1));
   EXPECT_EQ(Record("vdisk", Ids("vdisk")[0])["size"], 2048);
   EXPECT_EQ(Record("guest", kFirst)["name"], "renamed");
+}
+
+TEST_F(ImportOnStore, DefinitionAndFiles_AreHandedOver) {
+  const std::string xml = Domain(kFirst, "one") + "<!-- mine -->";
+  ASSERT_TRUE(Run({File("a.xml", xml)}).ok()) << err_;
+  const auto snapshot = store_->Read();
+  ASSERT_TRUE(snapshot.ok());
+  const auto domain = guests::ReadDomain(**snapshot, kFirst);
+  ASSERT_TRUE(domain.ok());
+  ASSERT_TRUE(domain->has_value());
+  EXPECT_EQ((*domain)->domain.xml, xml);
+  EXPECT_FALSE((*domain)->domain.autostart);
+  EXPECT_EQ(Text(guests::FilesKey()), "\"" + std::string(kFirst) + "\"");
+}
+
+TEST_F(ImportOnStore, Replace_TakesTheNewDefinitionAndKeepsTheVariables) {
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "one"))}).ok()) << err_;
+  Put("guest", kFirst, R"({"name":"one","nvram":"/vars/old.fd","pending":["vram_size"]})");
+  const std::string xml = Domain(kFirst, "two");
+  ASSERT_TRUE(Run({File("a.xml", xml), "--replace"}).ok()) << err_;
+  EXPECT_EQ(Record("guest", kFirst)["nvram"], "/vars/old.fd");
+  EXPECT_FALSE(Record("guest", kFirst).isMember("pending"));
+  const auto snapshot = store_->Read();
+  EXPECT_EQ((**guests::ReadDomain(**snapshot, kFirst)).domain.xml, xml);
+}
+
+TEST_F(ImportOnStore, Replace_LeavesDisksOfOthersAlone) {
+  Put("guest", kFirst, R"({"name":"one","vdisks":["theirs","lost","mine"],"vnics":["n"]})");
+  Put("vdisk", "theirs", R"({"guest_id":"somebody"})");
+  Put("vdisk", "mine", R"({"guest_id":")" + std::string(kFirst) + R"("})");
+  Put("vnic", "n", R"({"guest_id":5})");
+  ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "two")), "--replace"}).ok()) << err_;
+  EXPECT_THAT(Ids("vdisk"), ElementsAre("theirs"));
+  EXPECT_THAT(Ids("vnic"), ElementsAre("n"));
 }
 
 TEST_F(ImportOnStore, ReplaceOfARunningGuest_IsRefused) {
@@ -308,6 +344,42 @@ TEST_F(ImportOnStore, EveryDomainOfALibvirtConnection_IsImported) {
   EXPECT_THAT(
       out_, StartsWith("test: imported 'test' (6695eb01-f6a4-8304-79aa-97f2502e193f): 1 disk, 1 network interface\n"));
   EXPECT_EQ(Record("guest", "6695eb01-f6a4-8304-79aa-97f2502e193f")["vcpu_num"], 2);
+  const auto snapshot = store_->Read();
+  const auto domain = guests::ReadDomain(**snapshot, "6695eb01-f6a4-8304-79aa-97f2502e193f");
+  ASSERT_TRUE(domain.ok() && domain->has_value());
+  EXPECT_THAT((*domain)->domain.xml, StartsWith("<domain type='test'"));
+}
+
+// All connections to the driver's default machine in one process see the same one.
+TEST_F(ImportOnStore, DomainThatLibvirtStartsByItself_IsRemembered) {
+  const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
+  ASSERT_TRUE(connection);
+  const hypervisor::DomainHandle domain(virDomainLookupByName(connection.get(), "test"));
+  ASSERT_TRUE(domain);
+  ASSERT_EQ(virDomainSetAutostart(domain.get(), 1), 0);
+  ASSERT_TRUE(Run({"--all", "test:///default"}).ok()) << err_;
+  const auto snapshot = store_->Read();
+  const auto stored = guests::ReadDomain(**snapshot, "6695eb01-f6a4-8304-79aa-97f2502e193f");
+  ASSERT_TRUE(stored.ok() && stored->has_value());
+  EXPECT_TRUE((*stored)->domain.autostart);
+  ASSERT_EQ(virDomainSetAutostart(domain.get(), 0), 0);
+}
+
+TEST_F(ImportOnStore, PasswordOfAScreen_IsAPartOfTheDefinition) {
+  const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
+  ASSERT_TRUE(connection);
+  const std::string xml =
+      "<domain type='test'><name>screen</name><uuid>" + std::string(kFirst) +
+      "</uuid><memory unit='MiB'>64</memory><os><type>hvm</type></os><devices><graphics type='vnc' port='5999' "
+      "passwd='hush'/></devices></domain>";
+  const hypervisor::DomainHandle domain(virDomainDefineXML(connection.get(), xml.c_str()));
+  ASSERT_TRUE(domain);
+  EXPECT_TRUE(Run({"--all", "test:///default"}).ok()) << err_;
+  EXPECT_EQ(virDomainUndefine(domain.get()), 0);
+  const auto snapshot = store_->Read();
+  const auto stored = guests::ReadDomain(**snapshot, kFirst);
+  ASSERT_TRUE(stored.ok() && stored->has_value());
+  EXPECT_THAT((*stored)->domain.xml, HasSubstr("passwd='hush'"));
 }
 
 TEST_F(ImportOnStore, ConnectionThatCannotBeOpened_IsAnError) {
@@ -417,6 +489,20 @@ TEST_F(ImportOnStore, GuestThatAHostHasDeletesOrEdits_IsNotReplaced) {
     EXPECT_EQ(Record("guest", kFirst)["name"], "one");
     ASSERT_TRUE(store_->Commit({{}, {{key, std::nullopt}}}).ok());
   }
+}
+
+TEST_F(ImportOnStore, DiskThatGoesToAnotherGuestMeanwhile_IsNotDeleted) {
+  Put("guest", kFirst, R"({"name":"one","vdisks":["d"]})");
+  Put("vdisk", "d", R"({"guest_id":")" + std::string(kFirst) + R"("})");
+  RacingStore racing(*store_, store::MakeKey({"dash", "vdisk", "d", "object"}), R"({"guest_id":"somebody"})");
+  ImportArguments arguments;
+  arguments.files = {File("a.xml", Domain(kFirst, "two"))};
+  arguments.on_existing = OnExisting::kReplace;
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_FALSE(RunImport(arguments, racing, out, err).ok());
+  EXPECT_THAT(err.str(), HasSubstr("was changed meanwhile: import it again"));
+  EXPECT_THAT(Ids("vdisk"), ElementsAre("d"));
 }
 
 // Somebody renames another guest to the name that is imported, at the same time.

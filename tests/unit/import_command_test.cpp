@@ -243,7 +243,7 @@ std::vector<std::pair<std::string, std::string>> Operations(const store::Transac
 }
 
 TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
-  const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {});
+  const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", true}, {});
   ASSERT_THAT(transaction.compares, SizeIs(6));
   EXPECT_EQ(transaction.compares[0].key, "/dash/guest/g/object");
   EXPECT_EQ(transaction.compares[0].revision, 0u);
@@ -256,6 +256,7 @@ TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
   EXPECT_THAT(
       Operations(transaction),
       ElementsAre(Pair("/dash/guest/g/object", R"({"autorun":0,"name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
+                  Pair("/dash/guest/g/domain", R"({"autostart":true,"xml":"<domain/>"})"), Pair("/files", R"("g")"),
                   Pair("/renames", R"("g")"), Pair("/dash/guest/g/state", "-"), Pair("/live/g", "-"),
                   Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"), Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"),
                   Pair("/dash/vnic/n1/object", "{}")));
@@ -267,16 +268,26 @@ TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoes
   stored.live_revision = 9;
   stored.renames_revision = 11;
   stored.record = *ParseJson(R"({"name":"old","autorun":1,"ha_group_id":"h","desc":"gone",
-                                 "vdisks":["d2","d3","d3",5],"vnics":["n1","n2"]})");
-  const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), stored);
-  ASSERT_THAT(transaction.compares, SizeIs(6));
+                                 "vdisks":["d2","d3","d3",5,"theirs"],"vnics":["n1","n2"]})");
+  stored.parts = {{"/dash/vdisk/d2/object", 20},
+                  {"/dash/vdisk/d3/object", 21},
+                  {"/dash/vdisk/d3/object", 21},
+                  {"/dash/vnic/n1/object", 22},
+                  {"/dash/vnic/n2/object", 23}};
+  const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", false}, stored);
+  ASSERT_THAT(transaction.compares, SizeIs(8));
+  EXPECT_EQ(transaction.compares[6].key, "/dash/vdisk/d3/object");
+  EXPECT_EQ(transaction.compares[6].revision, 21u);
+  EXPECT_EQ(transaction.compares[7].key, "/dash/vnic/n2/object");
+  EXPECT_EQ(transaction.compares[7].revision, 23u);
   EXPECT_EQ(transaction.compares[0].revision, 7u);
   EXPECT_EQ(transaction.compares[1].revision, 9u);
   EXPECT_EQ(transaction.compares[5].revision, 11u);
   EXPECT_THAT(
       Operations(transaction),
       UnorderedElementsAre(
-          Pair("/renames", R"("g")"),
+          Pair("/renames", R"("g")"), Pair("/files", R"("g")"),
+          Pair("/dash/guest/g/domain", R"({"autostart":false,"xml":"<domain/>"})"),
           Pair("/dash/guest/g/object",
                R"({"autorun":1,"ha_group_id":"h","name":"web ü","vdisks":["d1","d2"],"vnics":["n1"]})"),
           Pair("/dash/vdisk/d1/object", R"({"name":"d1"})"), Pair("/dash/vdisk/d2/object", R"({"name":"d2"})"),
@@ -288,7 +299,7 @@ TEST(ImportTransaction, StoredRecordOfOddTypes_DeletesNothing) {
     StoredGuest stored;
     stored.revision = 3;
     stored.record = *ParseJson(text);
-    EXPECT_THAT(MakeImportTransaction(TwoDisksOneNic(), stored).operations, SizeIs(5)) << text;
+    EXPECT_THAT(MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", false}, stored).operations, SizeIs(7)) << text;
   }
 }
 
