@@ -61,7 +61,13 @@ class StorageLook {
 
   bool HasRoom() const { return question_.known.size() + learned_.size() < kMaxStorageFolders; }
 
+  // Nothing when what is above has changed since it was checked.
   void Learn(const Trail& folders) {
+    const bool has_changed = std::ranges::any_of(folders, [&](const auto& each) {
+      const auto known = question_.known.find(each.first);
+      return known != question_.known.end() && !IsSameFolder(known->second, each.second);
+    });
+    if (has_changed) return;
     for (const auto& [folder, identity] : folders) {
       if (!IsKnown(folder) && HasRoom()) learned_.emplace(folder, identity);
     }

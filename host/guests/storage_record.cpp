@@ -53,16 +53,9 @@ Storage FromRecord(const cluster::StoredObject& stored) {
 }
 
 Json::Value ToRecord(const Storage& storage) {
-  Json::Value record(Json::objectValue);
+  Json::Value record = StorageJson(storage);
   record[keys::host_id] = storage.host_id;
-  record[kFolders] = TrailJson(storage.folders);
-  if (!storage.trouble) return record;
-  record[kNotMounted] = Json::Value(Json::arrayValue);
-  for (const std::string& folder : storage.trouble->folders) record[kNotMounted].append(folder);
-  record[kReason] = storage.trouble->reason;
-  const auto since = storage.trouble->since.time_since_epoch();
-  record[kSince] = static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
-  if (storage.state_before) record[kStateBefore] = *storage.state_before;
+  if (storage.trouble && storage.state_before) record[kStateBefore] = *storage.state_before;
   return record;
 }
 
@@ -154,6 +147,18 @@ Result<store::Transaction> PlanUpdate(const store::Store& store, const std::stri
 std::string StorageKey(const std::string& repository_id) { return RepositoryKey(repository_id, kStorage); }
 
 std::string RepositoryStateKey(const std::string& repository_id) { return RepositoryKey(repository_id, keys::state); }
+
+Json::Value StorageJson(const Storage& storage) {
+  Json::Value record(Json::objectValue);
+  record[kFolders] = TrailJson(storage.folders);
+  if (!storage.trouble) return record;
+  record[kNotMounted] = Json::Value(Json::arrayValue);
+  for (const std::string& folder : storage.trouble->folders) record[kNotMounted].append(folder);
+  record[kReason] = storage.trouble->reason;
+  const auto since = storage.trouble->since.time_since_epoch();
+  record[kSince] = static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
+  return record;
+}
 
 Result<Storage> ReadStorage(const store::Snapshot& snapshot, const std::string& repository_id) {
   const Result<cluster::StoredObject> stored = cluster::LoadObject(snapshot, StorageKey(repository_id));

@@ -40,6 +40,9 @@ struct Storage {
   std::optional<std::string> state_before;  // the text of RepositoryStateKey() when the trouble began
 };
 
+// The record without the host and the earlier state, for people.
+Json::Value StorageJson(const Storage& storage);
+
 // Errors: kCorrupt (the record is not an object; `vexa repository accept` removes it), and what the store says.
 Result<Storage> ReadStorage(const store::Snapshot& snapshot, const std::string& repository_id);
 // The folders of the repository as `host_id` knows them. Errors: as ReadStorage.

@@ -40,13 +40,6 @@ Refused RefuseDamaged(const std::string& repository_id, const Error& error) {
 
 }  // namespace
 
-Refused RefuseStorage(const std::string& repository_id, const Trail& known, const std::vector<std::string>& roots,
-                      const std::vector<std::string>& paths, StorageUse use) {
-  Trail part;
-  for (const std::string& path : paths) part.merge(PartOf(known, roots, path));
-  return Unavailable(repository_id, CheckTrail(part), use);
-}
-
 // A question under way, with a place for its answer that outlives the watch.
 struct StorageWatch::Asked {
   std::string repository_id;

@@ -47,11 +47,6 @@ enum class StorageUse {
   kExisting,  // looks for files, renames or removes them: of a folder that is gone they are gone as well
   kNew,       // makes files: a folder that is gone is not made again in the place of the one that was known
 };
-// Why the job cannot be done: 949, when a folder of one of `paths` is not the one that `known` has. Nothing: it can, as
-// far as is known. May wait for ever; StorageWatch::Refuse does not.
-Refused RefuseStorage(const std::string& repository_id, const Trail& known, const std::vector<std::string>& roots,
-                      const std::vector<std::string>& paths, StorageUse use);
-
 struct StorageOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;                                           // this host's
@@ -74,11 +69,12 @@ class StorageWatch {
   // by the next call. All repositories together take one deadline.
   void Refresh();
 
-  // As RefuseStorage, with what is stored, and 949 when the storage does not answer or its record is damaged. Of a
-  // repository without an id nothing is known. For jobs, before each step that believes what it finds; they hold
-  // neither a lock nor a snapshot.
+  // Why a job cannot touch files of the repository now: 949, when a folder of one of `paths` is known and not the same,
+  // the storage does not answer, or what is known cannot be read. Nothing: it can, as far as is known; of a repository
+  // without an id nothing is. For jobs, before each step that believes what it finds; they hold neither a lock nor a
+  // snapshot.
   Refused Refuse(const std::string& repository_id, const std::vector<std::string>& paths, StorageUse use);
-  // The same for what a journal remembers of its files.
+  // The same by the trail that a journal has of its files.
   Refused RefuseTrail(const std::string& repository_id, const Trail& remembered, StorageUse use);
 
   // Lets those who wait go. The watch is of no use afterwards: every storage counts as one that does not answer, and
