@@ -31,7 +31,7 @@ class StorageLook {
       // Whether the repository's own folder is in use cannot be known now.
       for (const auto& [folder, identity] : question_.known) used_.insert(folder);
     }
-    answer.used.assign(used_.begin(), used_.end());
+    answer.used = std::move(used_);
     return answer;
   }
 
@@ -109,7 +109,7 @@ class StorageLook {
   }
 
   const StorageQuestion& question_;
-  std::set<std::string> used_;
+  std::set<std::string, std::less<>> used_;
   std::map<std::string, std::vector<std::string>> paths_by_folder_;
   Trail learned_;
 };

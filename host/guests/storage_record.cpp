@@ -1,6 +1,5 @@
 #include "host/guests/storage_record.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "host/base/json_parse.h"
@@ -90,8 +89,7 @@ Storage OwnPart(const Storage& before, const std::string& host_id) {
 
 Storage Apply(const Storage& before, const std::string& host_id, const StorageNews& news, const StoredText& state) {
   Storage after = OwnPart(before, host_id);
-  std::erase_if(after.folders,
-                [&](const auto& known) { return std::ranges::find(news.used, known.first) == news.used.end(); });
+  std::erase_if(after.folders, [&](const auto& known) { return !news.used.contains(known.first); });
   after.folders.insert(news.learned.begin(), news.learned.end());
   const bool was_written = before.trouble && state.text == UnavailableText();
   if (!news.trouble) {

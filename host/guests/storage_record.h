@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,10 +51,10 @@ Result<Trail> KnownFolders(const store::Store& store, const std::string& reposit
 
 // What a look at a repository's storage has brought.
 struct StorageNews {
-  store::Revision seen = 0;               // Storage::revision that it is about
-  Trail learned;                          // folders that files are in and that were not known
-  std::vector<std::string> used;          // of what is known, what disks and guests still use; all else is forgotten
-  std::optional<StorageTrouble> trouble;  // `since` counts when it is new
+  store::Revision seen = 0;                 // Storage::revision that it is about
+  Trail learned;                            // folders that files are in and that were not known
+  std::set<std::string, std::less<>> used;  // of what is known, what disks and guests still use; all else is forgotten
+  std::optional<StorageTrouble> trouble;    // `since` counts when it is new
 };
 
 // Writes what has changed, and nothing when somebody else has written meanwhile, or the repository is no longer this

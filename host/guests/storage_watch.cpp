@@ -74,7 +74,7 @@ void StorageWatch::Take(Asked& asked) {
   if (is_stopped_) return;
   if (!has_answered) {
     news.trouble = StorageTrouble{{}, kNoAnswer, options_.now()};
-    for (const auto& [folder, identity] : asked.storage.folders) news.used.push_back(folder);
+    for (const auto& [folder, identity] : asked.storage.folders) news.used.insert(folder);
   } else {
     const TrailCheck& check = asked.answer->check;
     news.learned = asked.answer->learned;

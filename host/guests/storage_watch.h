@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,9 @@ struct StorageQuestion {
   std::string repository_id;
 };
 struct StorageAnswer {
-  TrailCheck check;               // of what is known and used
-  Trail learned;                  // not known yet; none while the check is kNotMounted
-  std::vector<std::string> used;  // see StorageNews
+  TrailCheck check;                         // of what is known and used
+  Trail learned;                            // not known yet; none while the check is kNotMounted
+  std::set<std::string, std::less<>> used;  // see StorageNews
 };
 // May wait for ever. Folders are learned of files that are there, and the repository's own folder below a root while no
 // record names a file in it; one look for each folder as long as it is known.
