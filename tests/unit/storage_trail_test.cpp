@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "host/base/json_parse.h"
 #include "tests/support/require.h"
 #include "tests/unit/storage_ground.h"
@@ -138,7 +141,8 @@ TEST_F(TrailTest, Check_FolderMadeAgain_IsNotTheSame) {
   test::WriteImage(ground_.File("pool/disk"));
   const Trail trail = TrailAt(ground_.File("pool/disk"));
   EXPECT_EQ(CheckTrail(trail).outcome, Outcome::kSame);
-  // Many a file system gives the inode's number out again immediately.
+  // Many a file system gives the inode's number out again immediately; its clock ticks every 10 ms at most.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
   fs::remove_all(ground_.File("pool"));
   test::WriteImage(ground_.File("pool/disk"));
   EXPECT_NE(TrailAt(ground_.File("pool/disk")), trail);
