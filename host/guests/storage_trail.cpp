@@ -31,7 +31,7 @@ std::string Quoted(const std::string& path) { return "'" + cluster::LogText(path
 
 bool IsRoot(std::string_view folder) { return folder.ends_with('/'); }
 
-// Closes what was opened for as long as a look takes.
+// Closes what was opened for as long as a look takes, and leaves errno as it is.
 class Opened {
  public:
   explicit Opened(int fd) : fd_(fd) {}
@@ -41,7 +41,9 @@ class Opened {
     return *this;
   }
   ~Opened() {
+    const int error_number = errno;
     if (fd_ >= 0) ::close(fd_);
+    errno = error_number;
   }
   int get() const { return fd_; }
 
@@ -142,8 +144,8 @@ struct FolderLook {
 };
 
 FolderLook NotThere(const std::string& folder, int error_number) {
-  // ELOOP is not among them: a link instead of a folder is not the folder.
   if (error_number == ENOENT) return {FolderLook::Is::kMissing, "", "there is no folder " + Quoted(folder)};
+  // A symbolic link in the place of a folder is one of these.
   if (error_number == ENOTDIR || error_number == ELOOP) {
     return {FolderLook::Is::kUnknown, "", Quoted(folder) + " is not a folder"};
   }

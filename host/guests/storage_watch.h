@@ -36,8 +36,9 @@ struct StorageAnswer {
   Trail learned;                            // not known yet; none while the check is kNotMounted
   std::set<std::string, std::less<>> used;  // see StorageNews
 };
-// May wait for ever. Folders are learned of files that are there, and the repository's own folder below a root while no
-// record names a file in it; one look for each folder as long as it is known.
+
+// May wait for ever. A folder is learned of a file in it that is there, and the repository's own folder below a root
+// when it is there and no record names a file in it. Files in folders that are known are not looked at.
 StorageAnswer AskStorage(const StorageQuestion& question);
 
 // A repository learns no more folders than this; one that is not learned is not checked.
@@ -48,6 +49,7 @@ enum class StorageUse {
   kExisting,  // looks for files, renames or removes them: of a folder that is gone they are gone as well
   kNew,       // makes files: a folder that is gone is not made again in the place of the one that was known
 };
+
 struct StorageOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;                                           // this host's
