@@ -14,13 +14,19 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kFooter =
-    "\nExamples:\n  vexa repository add pool-1\n  vexa repository list\n\n"
+    "\nExamples:\n  vexa repository add pool-1\n  vexa repository list\n  vexa repository accept pool-1\n\n"
     "A guest belongs to a repository (vexa import --repository-id): its host is preferred when the guest is started,\n"
-    "and deletes the guest's disks.";
+    "and deletes the guest's disks.\n\n"
+    "A repository becomes unavailable while a folder with its disks is not the one that it was: when nothing is "
+    "mounted\n"
+    "there, for instance. Its guests are neither started, deleted nor given disks until the folder is back. 'list "
+    "--json'\n"
+    "shows what is not mounted. When the storage was replaced for good, 'accept' takes it as it is now.";
 
 struct State {
   std::string data_directory = "/var/lib/vexa";
   NewRepository repository;
+  std::string accepted;
 };
 
 ExitCode Fail(const Error& error) {
@@ -81,7 +87,19 @@ void AddRepositoryCommands(CLI::App& app, Invocation& invocation) {
   add_data(add);
   add->callback([&invocation, state] { invocation.run = [state] { return RunAdd(*state); }; });
 
-  auto* list = repository->add_subcommand("list", "Id, host, state and name of each");
+  auto* accept = repository->add_subcommand("accept", "Take the storage of a repository as it is now");
+  accept->footer(
+      "\nFor storage that was replaced for good, such as disks restored to a new file system. Mount it before.");
+  accept->add_option("REPOSITORY", state->accepted, "Its id or name")->required();
+  add_data(accept);
+  accept->callback([&invocation, state] {
+    invocation.run = [state] {
+      return WithStore(*state, [&](store::Store& store) { return AcceptStorage(state->accepted, store, std::cout); });
+    };
+  });
+
+  auto* list =
+      repository->add_subcommand("list", "Id, host, state and name of each; --json: with the folders of its disks");
   add_data(list);
   list->callback([&invocation, &global, state] {
     invocation.run = [&global, state] {

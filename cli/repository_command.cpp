@@ -10,6 +10,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/json_readers.h"
 #include "host/base/uuid.h"
+#include "host/guests/storage_record.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc_constants.h"
@@ -37,6 +38,23 @@ Result<std::vector<std::pair<std::string, Json::Value>>> ReadAll(const store::Sn
     all.emplace_back(id, record && record->isObject() ? std::move(*record) : Json::Value(Json::objectValue));
   }
   return all;
+}
+
+// What goes before the record: the state, and what is known of the storage.
+Status PutLive(const store::Snapshot& snapshot, const std::string& id, Json::Value& record) {
+  const auto state = snapshot.Get(guests::RepositoryStateKey(id));
+  if (!state) return state.error();
+  if (state->has_value()) {
+    Result<Json::Value> text = ParseJson((*state)->text);
+    if (text) record["state"] = std::move(*text);
+  }
+  const Result<guests::Storage> storage = guests::ReadStorage(snapshot, id);
+  if (!storage) {
+    record["storage"]["reason"] = storage.error().ToString();
+  } else if (storage->revision != 0) {
+    record["storage"] = guests::StorageJson(*storage);
+  }
+  return {};
 }
 
 Status CheckWords(const NewRepository& repository) {
@@ -83,6 +101,28 @@ Status AddRepository(const NewRepository& repository, store::Store& store, std::
   return {};
 }
 
+Status AcceptStorage(const std::string& repository, store::Store& store, std::ostream& out) {
+  std::vector<std::string> found;
+  {
+    const auto snapshot = store.Read();
+    if (!snapshot) return snapshot.error();
+    const auto all = ReadAll(**snapshot);
+    if (!all) return all.error();
+    for (const auto& [id, record] : *all) {
+      if (id == repository) found.assign(1, id);
+      if (id == repository) break;
+      if (json::Member(record, "name") == Json::Value(repository)) found.push_back(id);
+    }
+  }
+  if (found.empty()) return Error(ErrorCode::kNotFound, "There is no repository '" + repository + "'");
+  if (found.size() > 1) {
+    return Error(ErrorCode::kConflict, "Several repositories have the name '" + repository + "': give an id");
+  }
+  if (Status forgotten = guests::ForgetStorage(store, found.front()); !forgotten) return forgotten;
+  out << Printable(found.front()) << ": its host takes the storage as it is now\n";
+  return {};
+}
+
 Status ListRepositories(store::Store& store, RepositoryForm form, std::ostream& out) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
@@ -90,6 +130,7 @@ Status ListRepositories(store::Store& store, RepositoryForm form, std::ostream& 
   if (!all) return all.error();
   Json::Value list(Json::arrayValue);
   for (auto& [id, record] : *all) {
+    if (Status put = PutLive(**snapshot, id, record); !put) return put;
     if (form == RepositoryForm::kLines) {
       const auto text = [&](const char* name) { return Printable(json::String(json::Member(record, name))); };
       out << Printable(id) << "  " << text("host_id") << "  " << text("state") << "  " << text("name") << '\n';

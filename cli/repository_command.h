@@ -19,7 +19,14 @@ struct NewRepository {
 // kConflict when a repository has the id or the name already.
 Status AddRepository(const NewRepository& repository, store::Store& store, std::ostream& out);
 
-// A line each: id, host's id, state, name; or with `as_json` an array of the records with their ids.
+// Has the host of the repository with this id, else of this name, take the storage as it is now: what was known of its
+// folders is forgotten, and learned again from the files that are there. kNotFound when there is no such repository,
+// kConflict when several have the name.
+Status AcceptStorage(const std::string& repository, store::Store& store, std::ostream& out);
+
+// A line each: id, host's id, state, name; or an array of the records with their ids, and with what is known of the
+// storage: {"folders": {folder: identity}} and, while it cannot be used, "not_mounted": [folder, …], "reason", "since"
+// (Unix seconds). The state is the one that the repository is in now, not what its record says.
 enum class RepositoryForm { kLines, kJson };
 Status ListRepositories(store::Store& store, RepositoryForm form, std::ostream& out);
 

@@ -74,6 +74,67 @@ TEST_F(RepositoryCommandTest, Add_OfWordsThatCannotBe_IsInvalid) {
   EXPECT_EQ(out_.str(), "");
 }
 
+constexpr char kStorage[] = "/dash/repository/3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6/storage";
+constexpr char kState[] = "/dash/repository/3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6/state";
+
+class UnavailableRepositoryTest : public RepositoryCommandTest {
+ protected:
+  UnavailableRepositoryTest() {
+    test::Require(AddRepository({"pool", kId, kHost}, *store_, out_));
+    (void)test::Require(
+        store_->Commit({{},
+                        {{kStorage, R"({"host_id":"h","folders":{"/srv/":"ino=2 fsid=1"},"not_mounted":["/srv/"],)"
+                                    R"("reason":"why","since":1700000000})"},
+                         {kState, "\"repo_unavailable\""}}}));
+    out_.str("");
+  }
+  bool Has(const char* key) { return test::Require(test::Require(store_->Read())->Get(key)).has_value(); }
+};
+
+TEST_F(UnavailableRepositoryTest, List_ShowsTheLiveStateAndWhatIsNotMounted) {
+  std::ostringstream lines;
+  ASSERT_TRUE(ListRepositories(*store_, RepositoryForm::kLines, lines));
+  EXPECT_EQ(lines.str(), std::string(kId) + "  " + kHost + "  repo_unavailable  pool\n");
+  std::ostringstream text;
+  ASSERT_TRUE(ListRepositories(*store_, RepositoryForm::kJson, text));
+  const auto list = ParseJson(text.str());
+  ASSERT_TRUE(list && list->size() == 1);
+  EXPECT_EQ((*list)[0]["state"], Json::Value("repo_unavailable"));
+  EXPECT_EQ(VexaVirtualization::json::ToText((*list)[0]["storage"]),
+            R"({"folders":{"/srv/":"ino=2 fsid=1"},"not_mounted":["/srv/"],"reason":"why","since":1700000000})");
+}
+
+TEST_F(UnavailableRepositoryTest, Accept_ForgetsTheStorageAndItsState) {
+  for (const char* word : {kId, "pool"}) {
+    (void)test::Require(store_->Commit({{}, {{kState, "\"repo_unavailable\""}}}));
+    ASSERT_TRUE(AcceptStorage(word, *store_, out_));
+  }
+  EXPECT_FALSE(Has(kStorage));
+  EXPECT_TRUE(Has(kState)) << "written by somebody else the second time";
+  EXPECT_THAT(out_.str(), HasSubstr(kId));
+}
+
+TEST_F(UnavailableRepositoryTest, Accept_OfADamagedRecord_RemovesIt) {
+  (void)test::Require(store_->Commit({{}, {{kStorage, "[]"}}}));
+  std::ostringstream text;
+  ASSERT_TRUE(ListRepositories(*store_, RepositoryForm::kJson, text));
+  EXPECT_THAT(text.str(), HasSubstr("reason"));
+  ASSERT_TRUE(AcceptStorage(kId, *store_, out_));
+  EXPECT_FALSE(Has(kStorage));
+}
+
+TEST_F(UnavailableRepositoryTest, Accept_OfAnUnknownOrAmbiguousName_ChangesNothing) {
+  const Status unknown = AcceptStorage("poo", *store_, out_);
+  ASSERT_FALSE(unknown);
+  EXPECT_EQ(unknown.error().code(), ErrorCode::kNotFound);
+  (void)test::Require(store_->Commit({{}, {{"/dash/repository/x/object", R"({"name":"pool"})"}}}));
+  const Status ambiguous = AcceptStorage("pool", *store_, out_);
+  ASSERT_FALSE(ambiguous);
+  EXPECT_EQ(ambiguous.error().code(), ErrorCode::kConflict);
+  EXPECT_TRUE(Has(kStorage));
+  EXPECT_TRUE(Has(kState));
+}
+
 TEST_F(RepositoryCommandTest, List_ShowsNothingThatDrivesATerminal) {
   (void)test::Require(store_->Commit({{}, {{"/dash/repository/x/object", R"({"name":"\u001b[2J"})"}}}));
   (void)test::Require(store_->Commit({{}, {{"/dash/repository/y/object", "[]"}}}));
