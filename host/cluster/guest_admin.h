@@ -8,6 +8,10 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/store/store.h"
 
 namespace vexa::cluster {
 
@@ -20,5 +24,10 @@ std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id
 
 // The store's key of that record.
 std::string GuestAdminKey(std::string_view identifier);
+
+// Adds to `transaction` that the guest is taken out of every guest-admin record, with a compare for each record that
+// changes. Records that cannot be understood are left; `damage` gets an error for each. Errors: what the store says.
+Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction,
+                        std::vector<Error>& damage);
 
 }  // namespace vexa::cluster

@@ -1,5 +1,5 @@
 // Taking a guest out of all guest-admin records.
-#include <optional>
+#include <vector>
 
 #include "host/cluster/environment.h"
 #include "host/cluster/guest_admin.h"
@@ -22,43 +22,48 @@ bool TakeOut(Json::Value& record, const std::string& guest_id) {
   return record[keys::guests].removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr);
 }
 
-// What to commit. A record that cannot be understood is left alone and told in `damage`: the others are not to wait for
-// its repair.
-Result<store::Transaction> PlanRemoval(const store::Store& store, const std::string& guest_id,
-                                       std::optional<Error>& damage) {
-  damage.reset();
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  const auto identifiers = (*snapshot)->Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name()}));
-  if (!identifiers) return identifiers.error();
-  store::Transaction transaction;
-  for (const std::string& identifier : *identifiers) {
-    const std::string key = GuestAdminKey(identifier);
-    Result<StoredObject> stored = LoadObject(**snapshot, key);
-    if (!stored && stored.error().code() != ErrorCode::kCorrupt) return stored.error();
-    if (!stored) {
-      damage = stored.error();
-      continue;
-    }
-    const Json::Value& guests = json::Member(stored->record, keys::guests);
-    if (!guests.isNull() && !guests.isObject()) {
-      damage = Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are no object: repair or delete the record");
-    } else if (TakeOut(stored->record, guest_id)) {
-      PutObject(transaction, key, *stored);
-    }
-  }
-  return transaction;
-}
-
 Status RemoveGuest(store::Store& store, const std::string& guest_id) {
-  std::optional<Error> damage;
-  const Status done = CommitPlanned(store, [&] { return PlanRemoval(store, guest_id, damage); });
+  std::vector<Error> damage;
+  const Status done = CommitPlanned(store, [&]() -> Result<store::Transaction> {
+    damage.clear();
+    const auto snapshot = store.Read();
+    if (!snapshot) return snapshot.error();
+    store::Transaction transaction;
+    const Status added = AddGrantRemovals(**snapshot, guest_id, transaction, damage);
+    if (!added) return added.error();
+    return transaction;
+  });
   if (!done) return done;
-  if (damage) return *damage;
+  if (!damage.empty()) return damage.back();
   return {};
 }
 
 }  // namespace
+
+// The other records do not wait for the repair of a damaged one.
+Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction,
+                        std::vector<Error>& damage) {
+  const auto identifiers = snapshot.Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name()}));
+  if (!identifiers) return identifiers.error();
+  for (const std::string& identifier : *identifiers) {
+    const std::string key = GuestAdminKey(identifier);
+    Result<StoredObject> stored = LoadObject(snapshot, key);
+    if (!stored && stored.error().code() != ErrorCode::kCorrupt) return stored.error();
+    if (!stored) {
+      damage.push_back(stored.error());
+      continue;
+    }
+    const Json::Value& guests = json::Member(stored->record, keys::guests);
+    if (!guests.isNull() && !guests.isObject()) {
+      damage.emplace_back(ErrorCode::kCorrupt,
+                          "The grants in '" + key + "' are no object: repair or delete the record");
+    } else if (TakeOut(stored->record, guest_id)) {
+      PutObject(transaction, key, *stored);
+    }
+  }
+  return {};
+}
+
 }  // namespace vexa::cluster
 
 namespace VexaCCC {

@@ -67,7 +67,21 @@ void Deletion::FinishAll() {
   RemoveLeftovers();
 }
 
-// It is asked for again and again, so the same is not told each time.
+void Deletion::Finish(const std::string& guest_id) { FinishOne(options_, guest_id); }
+
+std::vector<std::string> Deletion::Begun() const {
+  std::vector<std::string> begun;
+  const auto ids = ReadGuestIds(*options_.store);
+  if (!ids) return begun;
+  for (const std::string& id : *ids) {
+    const auto stored = ReadOne(*options_.store, id);
+    const bool is_ours = stored && *stored && (*stored)->record && (*stored)->record->host_id == options_.host_id;
+    if (is_ours) begun.push_back(id);
+  }
+  return begun;
+}
+
+// It is asked for again and again, so the same is not logged each time.
 void Deletion::RemoveLeftovers() {
   std::map<std::string, std::string> in_the_way = guests::RemoveLeftovers(options_);
   const std::lock_guard lock(told_mutex_);

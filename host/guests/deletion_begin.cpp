@@ -13,6 +13,8 @@ namespace vexa::guests {
 namespace {
 
 constexpr std::size_t kStoredName = 256;
+// How often what is planned is looked into while the guest's disks change.
+constexpr int kLooks = 16;
 
 // Errors that say something about the guest's record rather than about the store.
 bool IsAboutRecord(const Error& error) {
@@ -26,20 +28,30 @@ bool IsAmong(const std::vector<HiddenFile>& files, const std::string& path) {
 
 }  // namespace
 
+// Between commits, what the plan needs to know of files and hypervisor is found out: both take time that no commit
+// waits for.
 DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
   // What was found out before may have been undone.
   plan_.reset();
   is_gone_ = false;
-  Refused refused;
-  const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester, refused); });
-  if (!committed && committed.error().code() == ErrorCode::kConflict) {
-    return Refuse({kBusy, "The guest's record is changed all the time"});
+  for (int look = 0; look < kLooks; ++look) {
+    Refused refused;
+    std::optional<DeletionPlan> unseen;
+    const Status committed =
+        cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester, refused, unseen); });
+    if (!committed && committed.error().code() == ErrorCode::kConflict) break;
+    if (!committed) return Refuse(FailedBecause(committed.error()));
+    if (refused) return Refuse(std::move(*refused));
+    if (!unseen) return TakeBegun();
+    if (Refused not_now = LookInto(std::move(*unseen))) return Refuse(std::move(*not_now));
   }
-  if (!committed) return Refuse(FailedBecause(committed.error()));
-  if (refused) return Refuse(std::move(*refused));
+  return Refuse({kBusy, "The guest's record keeps changing"});
+}
+
+DeletionJob::Outcome DeletionJob::TakeBegun() {
   const auto now = ReadNow();
   if (!now) {
-    LogFailure("It is taken up when this host starts again: " + now.error().ToString());
+    LogFailure("It is taken up again later: " + now.error().ToString());
     return Refuse(FailedBecause(now.error()));
   }
   if (!*now || (*now)->text != DeletionText(record_)) {
@@ -49,9 +61,11 @@ DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
   return Outcome::kReady;
 }
 
-// Nothing to commit when it is refused.
-Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Refused& refused) {
+// Nothing to commit when it is refused, or when the files of what is planned were not looked at yet (`unseen`).
+Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Refused& refused,
+                                                  std::optional<DeletionPlan>& unseen) {
   refused.reset();
+  unseen.reset();
   std::optional<DeletionPlan> plan;
   {
     const auto snapshot = options_.store->Read();
@@ -68,8 +82,11 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
   if (!taken) return taken.error();
   refused = std::move(*taken);
   if (refused) return store::Transaction();
-  const Status selected = SelectFor(std::move(*plan));
-  if (!selected) return selected.error();
+  if (!IsSeen(*plan)) {
+    unseen = std::move(plan);
+    return store::Transaction();
+  }
+  plan_ = std::move(plan);
   record_ = DeletionRecord();
   record_.host_id = options_.host_id;
   record_.user = cluster::LogText(requester.user, kStoredName);
@@ -107,16 +124,25 @@ Result<Refused> DeletionJob::RefuseTaken() {
   return Refused({kRunsAlready, "The host '" + cluster::LogText(host_id, kStoredName) + "' has the guest"});
 }
 
-// Looks at the files, unless it was done for the same ones: asking the file system takes time, in which the record can
-// change again.
+bool DeletionJob::IsSeen(const DeletionPlan& plan) const {
+  return plan_ && plan_->files == plan.files && plan_->disks == plan.disks && plan_->images == plan.images &&
+         plan_->repository_host_id == plan.repository_host_id;
+}
+
+// Whether it may go on, and which files there are.
+Refused DeletionJob::LookInto(DeletionPlan plan) {
+  cluster::RequestScope::ReleaseSnapshot();
+  if (Refused active = RefuseActive()) return active;
+  const Status selected = SelectFor(std::move(plan));
+  if (!selected) return FailedBecause(selected.error());
+  return RefuseAlive();
+}
+
 Status DeletionJob::SelectFor(DeletionPlan plan) {
-  const bool is_done = plan_ && plan_->files == plan.files && plan_->disks == plan.disks &&
-                       plan_->images == plan.images && plan_->repository_host_id == plan.repository_host_id;
   plan_ = std::move(plan);
-  if (is_done) return {};
   selection_ = Selection();
   if (IsRemote()) return {};
-  Result<Selection> selection = SelectFiles(guest_id_, *plan_, disk_files_, *options_.store);
+  Result<Selection> selection = SelectFiles(guest_id_, *plan_, Question(), disk_files_, *options_.store);
   if (!selection) {
     plan_.reset();
     return selection.error();

@@ -3,7 +3,6 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <map>
 #include <set>
 #include <utility>
 
@@ -28,6 +27,10 @@ bool IsCode(const Status& status, ErrorCode code) { return !status && status.err
 
 Refusal FailedBecause(const Error& error) { return {kFailed, error.ToString()}; }
 
+Refusal FileFailedBecause(const Error& error) {
+  return {error.code() == ErrorCode::kBusy ? kRunsAlready : kFailed, error.ToString()};
+}
+
 DeletionJob::DeletionJob(const DeletionOptions& options, std::string guest_id)
     : options_(options), guest_id_(std::move(guest_id)), disk_files_(options.image_roots, options.file_calls) {}
 
@@ -36,7 +39,7 @@ Refused DeletionJob::Start(const Requester& requester) {
   cluster::RequestScope::ReleaseSnapshot();
   for (int turn = 0; turn < kTurns; ++turn) {
     if (Begin(requester) == Outcome::kRefused) return refusal_;
-    const Outcome outcome = GoOn();
+    const Outcome outcome = GoOn(Begun::kNow);
     if (outcome == Outcome::kDeleted) return std::nullopt;
     if (outcome == Outcome::kRefused) return refusal_;
   }
@@ -49,17 +52,37 @@ Refused DeletionJob::Resume(const StoredDeletion& begun) {
     Purge();
     return std::nullopt;
   }
+  cluster::RequestScope::ReleaseSnapshot();
+  if (Refused active = RefuseActive(); active && active->code == kUnavailable) return active;
   Outcome outcome = TakeUp(begun);
-  if (outcome == Outcome::kReady) outcome = GoOn();
+  if (outcome == Outcome::kReady) outcome = GoOn(Begun::kBefore);
   if (outcome == Outcome::kDeleted) return std::nullopt;
   if (outcome == Outcome::kRefused) return refusal_;
   return Start({begun.record->user, begun.record->host_id, begun.record->request_id});
 }
 
-DeletionJob::Outcome DeletionJob::GoOn() {
+// What was begun before and cannot be decided now waits: its files are hidden already, and undoing it would bring back
+// a guest that somebody wanted to be gone.
+DeletionJob::Outcome DeletionJob::GoOn(Begun begun) {
+  if (Refused active = RefuseActive()) {
+    if (begun == Begun::kBefore && active->code == kUnavailable) return Refuse(std::move(*active));
+    return Undo(*active, Outcome::kRefused);
+  }
   const Status hidden = HideAll();
-  if (!hidden) return Undo(FailedBecause(hidden.error()), Outcome::kRefused);
+  if (!hidden) return Undo(FileFailedBecause(hidden.error()), Outcome::kRefused);
   return CommitRecords();
+}
+
+Refused DeletionJob::RefuseActive() const {
+  return options_.refuse_active ? options_.refuse_active(guest_id_) : std::nullopt;
+}
+
+// The files are that host's to remove, and it may be deciding about the guest at this moment.
+Refused DeletionJob::RefuseAlive() const {
+  if (!IsRemote() || !options_.is_alive || !options_.is_alive(plan_->repository_host_id)) return std::nullopt;
+  return Refusal{kFailed, "The guest's repository belongs to the host '" +
+                              cluster::LogText(plan_->repository_host_id, kShownId) +
+                              "', which is alive: delete the guest there"};
 }
 
 Status DeletionJob::HideAll() {
@@ -82,109 +105,6 @@ Status DeletionJob::HideAll() {
     }
   }
   return SyncAll("sync hidden");
-}
-
-// The point of no return, or back to where it began.
-DeletionJob::Outcome DeletionJob::CommitRecords() {
-  const Result<bool> wanted = AreFilesNamedByOthers();
-  if (!wanted) return SettleFailedCommit(wanted.error());
-  if (*wanted) return Undo({kBusy, "Other disks get the guest's files all the time"}, Outcome::kChanged);
-  std::optional<Outcome> instead;
-  const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
-  if (!committed) return SettleFailedCommit(committed.error());
-  if (instead == Outcome::kChanged) {
-    return Undo({kBusy, "The guest's record is changed all the time"}, is_gone_ ? Outcome::kRefused : *instead);
-  }
-  if (instead) return Lost();
-  LogNotes();
-  Purge();
-  return Outcome::kDeleted;
-}
-
-// Whether a record that came since the files were selected names one of them. Asked once before the commit, which is to
-// be quick. Of a guest that has gone nobody knows which records were its own.
-Result<bool> DeletionJob::AreFilesNamedByOthers() const {
-  if (is_gone_) return false;
-  std::map<std::string, FileIdentity> files;
-  for (const HiddenFile& file : record_.files) files.emplace(file.path, FileIdentity());
-  const Result<std::set<std::string>> named = NamedByOthers(*options_.store, plan_->disks, files);
-  if (!named) return named.error();
-  return !named->empty();
-}
-
-// `instead`: kChanged when the guest's record now names other files, kRefused when the deletion is not ours any more.
-Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& instead) {
-  instead.reset();
-  store::Transaction transaction;
-  {
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    const auto now = ReadDeletion(**snapshot, guest_id_);
-    if (!now) return now.error();
-    Result<DeletionPlan> plan = PlanAgain(**snapshot);
-    if (!plan) return plan.error();
-    // One that comes back under the id of a guest that had gone is another guest.
-    const bool is_same = is_gone_
-                             ? plan->compares.front().revision == 0
-                             : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
-    const bool is_ours = *now && (*now)->revision == revision_;
-    if (!is_ours || !is_same) {
-      instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
-      return store::Transaction();
-    }
-    transaction.compares = std::move(plan->compares);
-    transaction.operations = std::move(plan->removals);
-    plan_->notes = std::move(plan->notes);
-    const Status left_over = AddLeftover(**snapshot, transaction);
-    if (!left_over) return left_over.error();
-  }
-  DeletionRecord purging = record_;
-  purging.stage = DeletionStage::kPurging;
-  transaction.compares.push_back({DeletionKey(guest_id_), revision_});
-  transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(purging)});
-  Step("commit records");
-  return transaction;
-}
-
-// Of a guest whose records somebody else has deleted meanwhile, the files go all the same.
-Result<DeletionPlan> DeletionJob::PlanAgain(const store::Snapshot& snapshot) const {
-  Result<DeletionPlan> plan = PlanDeletion(snapshot, guest_id_);
-  if (plan || plan.error().code() != ErrorCode::kNotFound) return plan;
-  plan = PlanGoneGuest(snapshot, guest_id_);
-  if (!plan) return plan;
-  plan->files = plan_->files;
-  plan->repository_host_id = plan_->repository_host_id;
-  return plan;
-}
-
-// The files of a repository of another host are left for that host.
-Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction) {
-  if (!IsRemote() || plan_->files.empty()) return {};
-  const std::string& host_id = plan_->repository_host_id;
-  const std::string key = LeftoverKey(host_id, guest_id_);
-  later_notes_.clear();
-  if (!store::IsKey(key)) {
-    later_notes_.emplace_back("its files are left, since the repository's record names no host");
-    return {};
-  }
-  Result<StoredLeftover> stored = ReadLeftover(snapshot, host_id, guest_id_);
-  if (!stored) return stored.error();
-  std::vector<std::string> paths = std::move(stored->paths).value_or(std::vector<std::string>());
-  std::set<std::string> known(paths.begin(), paths.end());
-  for (const NamedFile& file : plan_->files) {
-    const std::optional<std::string> path = NormalPath(file.path);
-    if (!path) {
-      later_notes_.push_back("the file [" + ShownPath(file.path) + "] is left: it is no absolute path of a file");
-    } else if (plan_->images.contains(*path)) {
-      later_notes_.push_back("the file [" + ShownPath(*path) + "] is left: it is an image in a drive of the guest");
-    } else if (known.insert(*path).second) {
-      paths.push_back(*path);
-    }
-  }
-  if (paths.empty()) return {};
-  transaction.compares.push_back({key, stored->revision});
-  transaction.operations.push_back({key, LeftoverText(paths)});
-  return {};
 }
 
 // Somebody else has changed the record of the deletion.
@@ -215,18 +135,18 @@ DeletionJob::Outcome DeletionJob::Lost() {
 DeletionJob::Outcome DeletionJob::SettleFailedCommit(const Error& error) {
   const auto now = ReadNow();
   if (!now) {
-    LogFailure("It cannot be told whether its records are deleted, so its files stay hidden until this host starts: " +
+    LogFailure("Whether its records are deleted is unknown, so its files stay hidden until it is taken up again: " +
                now.error().ToString());
     return Refuse(FailedBecause(error));
   }
   if (*now && (*now)->record && (*now)->record->stage == DeletionStage::kPurging) return Lost();
   if (error.code() == ErrorCode::kConflict) {
-    return Undo({kBusy, "The guest's record is changed all the time"}, Outcome::kRefused);
+    return Undo({kBusy, "The guest's record keeps changing"}, Outcome::kRefused);
   }
   return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
-// What fails stays for the next start: the guest is deleted all the same.
+// What fails is tried again: the guest is deleted all the same.
 void DeletionJob::Purge() {
   bool is_all = true;
   for (std::size_t i = 0; i < record_.files.size(); ++i) {
@@ -236,10 +156,10 @@ void DeletionJob::Purge() {
     if (removed || IsCode(removed, ErrorCode::kNotFound)) continue;
     is_all = false;
     LogFailure("The file [" + ShownPath(path) + "], which now is named [" + hidden +
-               "], could not be removed; this is tried again at the next start: " + removed.error().ToString());
+               "], could not be removed; this is tried again: " + removed.error().ToString());
   }
   const Status synced = SyncAll("sync removed");
-  if (!synced) LogFailure("It is not finished before the next start: " + synced.error().ToString());
+  if (!synced) LogFailure("It is not finished, and tried again: " + synced.error().ToString());
   if (!is_all || !synced) return;
   const Status ended = RemoveRecord("commit end");
   if (!ended) LogFailure("The record of its deletion could not be removed: " + ended.error().ToString());
@@ -250,8 +170,7 @@ DeletionJob::Outcome DeletionJob::Undo(const Refusal& refusal, Outcome outcome) 
   Status undone = ShowAll();
   if (undone) undone = RemoveRecord("commit undo");
   if (undone) return outcome;
-  const std::string more =
-      "What was done could not be undone, and is taken up when this host starts again: " + undone.error().ToString();
+  const std::string more = "What was done could not be undone, and is taken up again: " + undone.error().ToString();
   LogFailure(more);
   refusal_.reason += ". " + more;
   return Outcome::kRefused;

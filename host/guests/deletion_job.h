@@ -28,25 +28,36 @@ class DeletionJob {
   enum class Outcome {
     kReady,  // it is written down: GoOn() comes next
     kDeleted,
-    kChanged,  // undone, since the guest's record now says something that matters: to be begun again
-    kRefused,  // refusal_ says why
+    kChanged,   // undone, since the guest's record now says something that matters: to be begun again
+    kOutdated,  // records name files since it was searched who else names the guest's: to be searched again
+    kRefused,   // refusal_ says why
   };
 
   // deletion_begin.cpp: what is deleted, and that it is.
   Outcome Begin(const Requester& requester);
-  Result<store::Transaction> PlanBegin(const Requester& requester, Refused& refused);
+  Result<store::Transaction> PlanBegin(const Requester& requester, Refused& refused,
+                                       std::optional<DeletionPlan>& unseen);
+  Outcome TakeBegun();
   Result<Refused> RefuseTaken();
+  bool IsSeen(const DeletionPlan& plan) const;
+  Refused LookInto(DeletionPlan plan);
   Status SelectFor(DeletionPlan plan);
   Outcome TakeUp(const StoredDeletion& begun);
   bool FitsRecord() const;
 
-  // deletion_job.cpp: from there to the end.
-  Outcome GoOn();
+  // deletion_job.cpp: from there to the end. deletion_commit.cpp: the commit in the middle of it.
+  enum class Begun { kNow, kBefore };
+  Outcome GoOn(Begun begun);
+  Refused RefuseActive() const;
+  Refused RefuseAlive() const;
   Status HideAll();
   Outcome CommitRecords();
-  Result<bool> AreFilesNamedByOthers() const;
+  Outcome CommitOnce();
+  Result<bool> AreFilesNamedByOthers();
+  FileQuestion Question() const;
   Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
   Result<DeletionPlan> PlanAgain(const store::Snapshot& snapshot) const;
+  Status RemoveGrants(const store::Snapshot& snapshot, store::Transaction& transaction);
   Status AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction);
   Outcome Lost();
   Outcome SettleFailedCommit(const Error& error);
@@ -69,16 +80,19 @@ class DeletionJob {
   const std::string guest_id_;
   const DiskFiles disk_files_;
 
-  std::optional<DeletionPlan> plan_;  // what the files were selected by; not set: not yet
-  bool is_gone_ = false;              // the guest has no record any more
-  Selection selection_;               // the files that still have their names
-  Notes later_notes_;                 // of what went otherwise than selected
-  DeletionRecord record_;             // as it is stored
-  store::Revision revision_ = 0;      // of the stored record
+  std::optional<DeletionPlan> plan_;    // what the files were selected by; not set: not yet
+  bool is_gone_ = false;                // the guest has no record any more
+  Selection selection_;                 // the files that still have their names
+  Notes later_notes_;                   // of what went otherwise than selected
+  DeletionRecord record_;               // as it is stored
+  store::Revision revision_ = 0;        // of the stored record
+  store::Revision files_revision_ = 0;  // of FilesKey(), from before the last search
   Refusal refusal_;
 };
 
 // For reasons that have no code of their own.
 Refusal FailedBecause(const Error& error);
+// The same for what DiskFiles answers: 910 when a machine has a file open.
+Refusal FileFailedBecause(const Error& error);
 
 }  // namespace vexa::guests

@@ -70,6 +70,15 @@ Status TakeListed(const store::Snapshot& snapshot, const std::string& guest_id, 
   return RemoveAllOf(snapshot, category, id, plan);
 }
 
+void TakeNvram(const Json::Value& guest, DeletionPlan& plan) {
+  const Json::Value& path = json::Member(guest, kNvramMember);
+  if (path.isString() && !json::String(path).empty()) {
+    plan.files.push_back({kNvramIndex, json::String(path)});
+  } else if (!path.isNull() && !path.isString()) {
+    plan.notes.emplace_back("the path of its UEFI variables is not a text; no file of them is removed");
+  }
+}
+
 Status TakeAllListed(const store::Snapshot& snapshot, const std::string& guest_id, const Json::Value& list,
                      const DashCate& category, DeletionPlan& plan) {
   const Json::Value& elements = json::Elements(list);
@@ -146,6 +155,7 @@ Result<DeletionPlan> PlanDeletion(const store::Snapshot& snapshot, const std::st
   if (!taken) return taken.error();
   taken = TakeAllListed(snapshot, guest_id, json::Member(guest->record, keys::vnics), DashCate::vNic, plan);
   if (!taken) return taken.error();
+  TakeNvram(guest->record, plan);
   ForgetLive(guest_id, plan);
   Result<std::string> repository_host = RepositoryHost(snapshot, guest->record);
   if (!repository_host) return repository_host.error();
@@ -163,10 +173,10 @@ Result<DeletionPlan> PlanGoneGuest(const store::Snapshot& snapshot, const std::s
   return plan;
 }
 
-Result<Selection> SelectFiles(const std::string& guest_id, const DeletionPlan& plan, const DiskFiles& disk_files,
-                              const store::Store& store) {
+Result<Selection> SelectFiles(const std::string& guest_id, const DeletionPlan& plan, const FileQuestion& question,
+                              const DiskFiles& disk_files, const store::Store& store) {
   Selection selection;
-  std::map<std::string, FileIdentity> found;
+  std::map<std::string, SoughtFile> found;
   for (const NamedFile& named : plan.files) {
     const std::optional<std::string> path = NormalPath(named.path);
     if (const std::optional<std::string> why = WhyLeft(path, plan)) {
@@ -181,13 +191,13 @@ Result<Selection> SelectFiles(const std::string& guest_id, const DeletionPlan& p
       selection.notes.push_back("there is no file [" + ShownPath(*path) + "]");
     }
     if (look->kind != DiskFiles::Kind::kRegular) continue;
-    found.emplace(*path, look->identity);
+    found.emplace(*path, SoughtFile{look->identity, ""});
     selection.files.push_back({*path, HiddenName(guest_id, named.index)});
   }
-  const Result<std::set<std::string>> others = NamedByOthers(store, plan.disks, found);
+  const auto others = FindFileUsers(store, question, found);
   if (!others) return others.error();
   std::erase_if(selection.files, [&](const HiddenFile& file) { return others->contains(file.path); });
-  for (const std::string& path : *others) selection.notes.push_back(Left(path, "another disk's record names it"));
+  for (const auto& [path, user] : *others) selection.notes.push_back(Left(path, Describe(user)));
   return selection;
 }
 

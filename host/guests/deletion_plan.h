@@ -12,6 +12,7 @@
 #include "host/base/result.h"
 #include "host/guests/deletion_record.h"
 #include "host/guests/disk_files.h"
+#include "host/guests/disk_users.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {
@@ -19,11 +20,16 @@ namespace vexa::guests {
 // A guest that names more of one kind is not deleted: somebody has to look at its record first.
 inline constexpr std::size_t kMaxListed = 16'384;
 
+// The member of a guest's record with the path of the file that holds its UEFI variables.
+inline constexpr char kNvramMember[] = "nvram";
+// The number of that file among the guest's, behind all disks.
+inline constexpr std::size_t kNvramIndex = kMaxListed;
+
 // What is told once the guest is gone: a sentence each.
 using Notes = std::vector<std::string>;
 
 struct NamedFile {
-  std::size_t index = 0;  // of the disk, in the guest's order
+  std::size_t index = 0;  // of the disk, in the guest's order, or kNvramIndex
   std::string path;       // as the record has it
   bool operator==(const NamedFile&) const = default;
 };
@@ -32,7 +38,7 @@ struct NamedFile {
 // names the guest.
 struct DeletionPlan {
   std::string repository_host_id;        // "" when it is not known
-  std::vector<NamedFile> files;          // of the guest's disks
+  std::vector<NamedFile> files;          // of the guest's disks, and of its UEFI variables
   std::set<std::string> disks;           // their ids
   std::set<std::string> images;          // normal paths of its ISO images
   std::vector<store::Compare> compares;  // that all these records are still as they were read; the guest's first
@@ -59,9 +65,10 @@ struct Selection {
   Notes notes;  // why others are not
 };
 
-// Looks at each file. Errors: what is the matter with the first that could not be looked at; what the store says.
-Result<Selection> SelectFiles(const std::string& guest_id, const DeletionPlan& plan, const DiskFiles& disk_files,
-                              const store::Store& store);
+// Looks at each file, and asks `question` about those that are there. No snapshot may be held: this takes time. Errors:
+// what is the matter with the first that could not be looked at; what the store says.
+Result<Selection> SelectFiles(const std::string& guest_id, const DeletionPlan& plan, const FileQuestion& question,
+                              const DiskFiles& disk_files, const store::Store& store);
 
 // The path for the note of a log line.
 std::string ShownPath(const std::string& path);

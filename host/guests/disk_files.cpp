@@ -170,6 +170,7 @@ DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileCalls calls) : c
 }
 
 Result<DiskFiles::Place> DiskFiles::Open(const std::string& path) const {
+  if (calls_.before_lookup) calls_.before_lookup();
   const auto root = std::ranges::find_if(roots_, [&](const std::string& candidate) {
     return path.size() > candidate.size() + 1 && path.starts_with(candidate) && path[candidate.size()] == '/';
   });
@@ -199,7 +200,17 @@ Result<DiskFiles::Look> DiskFiles::Examine(const std::string& path) const {
   return Look{Kind::kRegular, {info.st_dev, info.st_ino}, {}};
 }
 
-Status DiskFiles::Rename(const std::string& path, const std::string& from, const std::string& to) const {
+// Renaming, shrinking or removing an image under a machine takes its disk from it.
+Status DiskFiles::RefuseOpen(const Place& place, const std::string& path, const std::string& name) const {
+  bool has_open = false;
+  if (const int error_number = calls_.has_open(place.folder.get(), name.c_str(), &has_open)) {
+    return Failed("look for locks on", path, error_number);
+  }
+  if (!has_open) return {};
+  return Error(ErrorCode::kBusy, "A machine has the file '" + cluster::LogText(path, kShownPath) + "' open");
+}
+
+Status DiskFiles::Rename(const std::string& path, const std::string& from, const std::string& to, Probe probe) const {
   const Result<Place> place = Open(path);
   if (!place) return place.error();
   struct stat info {};
@@ -207,6 +218,9 @@ Status DiskFiles::Rename(const std::string& path, const std::string& from, const
     return Failed("look at", path, errno);
   }
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (probe == Probe::kNeeded) {
+    if (Status refused = RefuseOpen(*place, path, from); !refused) return refused;
+  }
   if (const int error_number = calls_.rename(place->folder.get(), from.c_str(), to.c_str())) {
     return Failed("rename", path, error_number);
   }
@@ -221,6 +235,7 @@ Status DiskFiles::Unlink(const std::string& path, const std::string& name) const
     return Failed("look at", path, errno);
   }
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (Status refused = RefuseOpen(*place, path, name); !refused) return refused;
   if (const int error_number = calls_.unlink(place->folder.get(), name.c_str())) {
     return Failed("remove", path, error_number);
   }
@@ -228,11 +243,11 @@ Status DiskFiles::Unlink(const std::string& path, const std::string& name) const
 }
 
 Status DiskFiles::Hide(const std::string& path, const std::string& hidden) const {
-  return Rename(path, path.substr(path.rfind('/') + 1), hidden);
+  return Rename(path, path.substr(path.rfind('/') + 1), hidden, Probe::kNeeded);
 }
 
 Status DiskFiles::Show(const std::string& path, const std::string& hidden) const {
-  return Rename(path, hidden, path.substr(path.rfind('/') + 1));
+  return Rename(path, hidden, path.substr(path.rfind('/') + 1), Probe::kNotNeeded);
 }
 
 Status DiskFiles::Remove(const std::string& path) const { return Unlink(path, path.substr(path.rfind('/') + 1)); }
@@ -259,23 +274,34 @@ Status DiskFiles::Create(const std::string& path, std::uint64_t length, const st
   return Failed("create", path, error_number);
 }
 
-Status DiskFiles::WithFile(const std::string& path, int access, const std::function<Status(int file)>& act) const {
+Status DiskFiles::WithFile(const std::string& path, int access, Probe probe,
+                           const std::function<Status(int file)>& act) const {
   const Result<Place> place = Open(path);
   if (!place) return place.error();
   // Not blocking: opening a FIFO would wait for somebody at its other end.
   const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   const Descriptor file(::openat(place->folder.get(), place->name.c_str(), flags));
   if (file.get() < 0 && errno == ELOOP) return Error(ErrorCode::kInvalid, "it is a symbolic link");
-  if (file.get() < 0) return Failed("open", path, errno);
+  if (file.get() < 0) {
+    const int error_number = errno;
+    // A machine's files can belong to another account for as long as it runs, which is then the better answer.
+    if (probe == Probe::kNeeded && (error_number == EACCES || error_number == EPERM)) {
+      if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
+    }
+    return Failed("open", path, error_number);
+  }
   struct stat info {};
   if (::fstat(file.get(), &info) != 0) return Failed("look at", path, errno);
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (probe == Probe::kNeeded) {
+    if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
+  }
   return act(file.get());
 }
 
 Result<std::uint64_t> DiskFiles::Length(const std::string& path) const {
   std::uint64_t length = 0;
-  const Status done = WithFile(path, O_RDONLY, [&](int file) -> Status {
+  const Status done = WithFile(path, O_RDONLY, Probe::kNotNeeded, [&](int file) -> Status {
     struct stat info {};
     if (::fstat(file, &info) != 0) return Failed("look at", path, errno);
     length = static_cast<std::uint64_t>(info.st_size);
@@ -287,7 +313,7 @@ Result<std::uint64_t> DiskFiles::Length(const std::string& path) const {
 
 Result<std::string> DiskFiles::ReadAt(const std::string& path, std::uint64_t offset, std::size_t count) const {
   std::string bytes(count, '\0');
-  const Status done = WithFile(path, O_RDONLY, [&](int file) -> Status {
+  const Status done = WithFile(path, O_RDONLY, Probe::kNotNeeded, [&](int file) -> Status {
     std::size_t have = 0;
     while (have < count) {
       const ssize_t more = ::pread(file, bytes.data() + have, count - have, static_cast<off_t>(offset + have));
@@ -304,7 +330,7 @@ Result<std::string> DiskFiles::ReadAt(const std::string& path, std::uint64_t off
 }
 
 Status DiskFiles::SetLength(const std::string& path, std::uint64_t length) const {
-  return WithFile(path, O_RDWR, [&](int file) -> Status {
+  return WithFile(path, O_RDWR, Probe::kNeeded, [&](int file) -> Status {
     int error_number = calls_.set_length(file, length);
     if (error_number == 0) error_number = calls_.sync_file(file);
     return error_number == 0 ? Status() : Failed("resize", path, error_number);
@@ -312,7 +338,7 @@ Status DiskFiles::SetLength(const std::string& path, std::uint64_t length) const
 }
 
 Status DiskFiles::WriteAt(const std::string& path, const FilePiece& piece) const {
-  return WithFile(path, O_RDWR, [&](int file) -> Status {
+  return WithFile(path, O_RDWR, Probe::kNeeded, [&](int file) -> Status {
     int error_number = calls_.write(file, piece.bytes, piece.offset);
     if (error_number == 0) error_number = calls_.sync_file(file);
     return error_number == 0 ? Status() : Failed("write", path, error_number);

@@ -1,7 +1,8 @@
 // The files behind the paths in disks' records, reached without trust in those paths.
 //
 // A path leads to a file only when it lies strictly below one of the roots, and no folder below the root, nor the file,
-// is a symbolic link. Whatever is changed is changed inside the folder that was opened in this way.
+// is a symbolic link. Whatever is changed is changed inside the folder that was opened in this way, and never while a
+// machine has the file open.
 #pragma once
 
 #include <sys/types.h>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/guests/disk_locks.h"
 
 namespace vexa::guests {
 
@@ -35,6 +37,10 @@ struct FileCalls {
   std::function<int(int file, std::uint64_t length)> set_length = SetFileLength;
   std::function<int(int file, std::string_view bytes, std::uint64_t offset)> write = WriteToFile;
   std::function<int(int file)> sync_file = SyncFile;
+  // Whether a machine has the file open, see disk_locks.h.
+  std::function<int(int folder, const char* name, bool* has_open)> has_open = MachineHasOpen;
+  // Called before each way into the file system; for tests of what is held then. Not set: nothing is called.
+  std::function<void()> before_lookup;
   enum class Resolve { kBySystem, kByWalking };  // walking is what a system without openat2(2) does in any case
   Resolve resolve = Resolve::kBySystem;
 };
@@ -70,7 +76,8 @@ class DiskFiles {
   Result<Look> Examine(const std::string& path) const;
 
   // `path` is NormalPath()'s. Only regular files are renamed and removed. Errors, for all but Sync: kNotFound (no such
-  // file, or no such folder), kInvalid (it is no file of ours, see Look::why), and what the system says, with the path.
+  // file, or no such folder), kInvalid (it is no file of ours, see Look::why), and what the system says, with the path;
+  // for Hide, Remove, RemoveHidden, SetLength and WriteAt also kBusy (a machine has the file open).
   // Gives the file the name `hidden` in its folder; kConflict when there is one of this name.
   Status Hide(const std::string& path, const std::string& hidden) const;
   // Gives it back its name; kConflict when there is a file of that name.
@@ -92,10 +99,12 @@ class DiskFiles {
  private:
   struct Place;
   Result<Place> Open(const std::string& path) const;
-  Status Rename(const std::string& path, const std::string& from, const std::string& to) const;
+  enum class Probe { kNeeded, kNotNeeded };
+  Status RefuseOpen(const Place& place, const std::string& path, const std::string& name) const;
+  Status Rename(const std::string& path, const std::string& from, const std::string& to, Probe probe) const;
   Status Unlink(const std::string& path, const std::string& name) const;
   // Of a regular file.
-  Status WithFile(const std::string& path, int access, const std::function<Status(int file)>& act) const;
+  Status WithFile(const std::string& path, int access, Probe probe, const std::function<Status(int file)>& act) const;
 
   std::vector<std::string> roots_;  // normal, "" for the root of the file system, longest first
   const FileCalls calls_;

@@ -11,8 +11,10 @@
 // 3. One commit writes all records and changes the stage to "purging". This is the point of no return. Records that
 //    others have changed since 1 are read again and the edit is made of those.
 // 4. The hidden files are removed, then the "/edit" record.
-// What fails before the point of no return is undone in the opposite order. A host that starts undoes what it left as
-// "doing", whose caller was never told that it was done, and finishes "purging".
+// The commit of 3 compares that no record names a file since it was searched who else names those that go or grow
+// (FilesKey()). What fails before the point of no return is undone in the opposite order. An image that another record
+// names by then, or that a machine has open, stays grown; while the guest runs, undoing waits. A host that starts
+// undoes what it left as "doing", whose caller was never told that it was done, and finishes "purging".
 #pragma once
 
 #include <json/value.h>
@@ -42,6 +44,10 @@ struct EditOptions {
   // As for deletions. New files are made in "<root>/<repository's id>" of the first root that has such a folder, or
   // else in a new one below the first root.
   std::vector<std::string> image_roots;
+  // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that cannot be found out. Not set: no guest
+  // can run here.
+  std::function<Refused(const std::string& guest_id)> refuse_active;
+  // None of these three is called inside a commit, nor while a snapshot of the store is held.
   // Whether a guest that runs on this host could have what its edited records say set apart. Not set: it could.
   std::function<Refused(const Guest& edited)> rate_pins;
   // Whether there is a file at a path. Not set: there are all, as for guests that are only pretended to run.
@@ -57,8 +63,8 @@ class Edits {
  public:
   explicit Edits(EditOptions options) : options_(std::move(options)) {}
 
-  // `edit` has the parameters that docs/guests.md lists. Refusals: 401, 403, 410, 901, 902, 903, 904, 912, 915, 932,
-  // 936, 938, 944, 2101; after one, everything is as it was.
+  // `edit` has the parameters that docs/guests.md lists. Refusals: 401, 403, 410, 901, 902, 903, 904, 910, 912, 915,
+  // 932, 936, 938, 944, 949, 2101; after one, everything is as it was.
   Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester);
 
   // What this host had begun when it ended. For the start, before any Edit. Whatever fails is logged and stays for the

@@ -1,7 +1,6 @@
 // The disks of a guest that is edited.
-#include <sys/stat.h>
-
 #include <algorithm>
+#include <optional>
 #include <set>
 
 #include "host/cluster/log_text.h"
@@ -22,7 +21,6 @@ constexpr char kDriver[] = "driver";
 constexpr int kTypeRaw = 1;
 constexpr int kTypeQcow2 = 2;
 constexpr int kShownFormat = 2;  // of all disks that users see
-constexpr std::size_t kMaxFolderBytes = 128;
 constexpr std::size_t kShown = 128;
 
 std::string TextMember(const Json::Value& record, const char* name) {
@@ -119,34 +117,15 @@ void Order(EditedGuest& edited) {
   edited.disks = std::move(ordered);
 }
 
-bool IsFolderName(const std::string& name) {
-  return !name.empty() && name.size() <= kMaxFolderBytes && std::ranges::all_of(name, [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
-  });
-}
-
-// Where the repository's files are; "" when that cannot be told.
-std::string FolderOf(const EditedGuest& edited) {
-  if (!IsFolderName(edited.repository_id)) return "";
-  std::string first;
-  for (const std::string& root : edited.options.image_roots) {
-    const std::string folder = root + "/" + edited.repository_id;
-    if (!NormalPath(folder + "/x")) continue;
-    struct stat info {};
-    if (::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return folder;
-    if (first.empty()) first = folder;
-  }
-  return first;
-}
-
 void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
-  const std::string folder = FolderOf(edited);
-  if (folder.empty()) {
+  const std::optional<std::string> folder = edited.facts.FolderOf(edited.repository_id);
+  if (!folder) return;
+  if (folder->empty()) {
     return edited.Refuse(kUnavailable, "The guest's repository " + Shown(edited.repository_id) + " has no folder here");
   }
   EditedPart disk;
   disk.id = edited.ids.disks[index];
-  const std::string path = *NormalPath(folder + "/" + ImageName(disk.id));
+  const std::string path = *NormalPath(*folder + "/" + ImageName(disk.id, addition.format));
   const bool is_raw = addition.format == ImageFormat::kRaw;
   Json::Value& record = disk.stored.record;
   record[keys::guest_id] = edited.id;

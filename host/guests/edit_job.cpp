@@ -9,12 +9,9 @@
 #include <set>
 #include <utility>
 
-#include "host/base/uuid.h"
 #include "host/cluster/log_text.h"
-#include "host/cluster/mac_address.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
-#include "host/guests/disk_users.h"
 #include "host/guests/run_record.h"
 
 namespace vexa::guests {
@@ -22,14 +19,15 @@ namespace {
 
 // How often an edit begins again because the guest's disks were changed under it.
 constexpr int kTurns = 8;
-constexpr std::size_t kStoredName = 256;
+// How often it is searched who else names the files, while other records come to name files.
+constexpr int kSearches = 8;
 constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownNote = 1024;
 constexpr std::size_t kMaxNotes = 64;
 
 bool IsCode(const Status& status, ErrorCode code) { return !status && status.error().code() == code; }
 
-Refusal ChangedAllTheTime() { return {kBusy, "The guest's record is changed all the time"}; }
+Refusal KeepsChanging() { return {kBusy, "The guest's record keeps changing"}; }
 
 std::string_view FolderOf(const std::string& path) { return std::string_view(path).substr(0, path.rfind('/')); }
 
@@ -47,8 +45,8 @@ Refused EditJob::Start(const Json::Value& edit, const Requester& requester) {
   for (int turn = 0; turn < kTurns; ++turn) {
     Outcome outcome = Begin(requester);
     if (outcome == Outcome::kBegun) {
-      const Status done = DoFiles();
-      outcome = done ? CommitRecords() : Undo(FailedBecause(done.error()), Outcome::kRefused);
+      const Refused failed = DoFiles();
+      outcome = failed ? Undo(*failed, Outcome::kRefused) : CommitRecords();
     }
     if (outcome == Outcome::kDone) return std::nullopt;
     if (outcome == Outcome::kRefused) return refusal_;
@@ -69,156 +67,6 @@ Refused EditJob::Resume(const StoredEdit& begun) {
   return refusal_;
 }
 
-// Only once it is known that they are needed: addresses are reserved for a day.
-Status EditJob::MakeIds() {
-  while (ids_.nics.size() < request_.nics_add.size()) {
-    Result<std::string> id = RandomUuid();
-    if (!id) return id.error();
-    std::string mac;
-    if (request_.nics_add[ids_.nics.size()].mac.empty()) {
-      Result<std::string> reserved = cluster::ReserveMacAddress(*options_.store, cluster::SystemMacSource());
-      if (!reserved) return reserved.error();
-      mac = std::move(*reserved);
-    }
-    ids_.nics.push_back(std::move(*id));
-    ids_.macs.push_back(std::move(mac));
-  }
-  while (ids_.disks.size() < request_.disks_add.size()) {
-    Result<std::string> id = RandomUuid();
-    if (!id) return id.error();
-    ids_.disks.push_back(std::move(*id));
-  }
-  return {};
-}
-
-EditJob::Outcome EditJob::Begin(const Requester& requester) {
-  files_.reset();
-  revision_ = 0;
-  refusal_ = Refusal{0, ""};
-  if (request_.nics_add.size() > hypervisor::kMaxNics) {
-    return Refuse({kBadNic, "A guest has at most " + std::to_string(hypervisor::kMaxNics) + " network interfaces"});
-  }
-  if (request_.disks_add.size() > hypervisor::kMaxDisks) {
-    return Refuse({kTooManyDisks, "A guest has at most " + std::to_string(hypervisor::kMaxDisks) + " disks"});
-  }
-  if (const Status made = MakeIds(); !made) return Refuse(FailedBecause(made.error()));
-  const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester); });
-  if (!committed && committed.error().code() == ErrorCode::kConflict) return Refuse(ChangedAllTheTime());
-  if (!committed) return SettleFailedBegin(committed.error());
-  if (refusal_.code != 0) return Outcome::kRefused;
-  if (files_->empty()) return Outcome::kDone;
-  const auto now = ReadNow();
-  if (!now) {
-    LogFailure("It is undone when this host starts again: " + now.error().ToString());
-    return Refuse(FailedBecause(now.error()));
-  }
-  if (!*now || (*now)->text != EditText(record_)) {
-    return Refuse({kBusy, "Somebody else has changed the record of the guest's edit"});
-  }
-  revision_ = (*now)->revision;
-  return Outcome::kBegun;
-}
-
-// A commit whose failure was reported may have been made all the same, and would keep everybody from the guest.
-EditJob::Outcome EditJob::SettleFailedBegin(const Error& error) {
-  const auto now = ReadNow();
-  if (!now || !*now || (*now)->text != EditText(record_)) return Refuse(FailedBecause(error));
-  revision_ = (*now)->revision;
-  return Undo(FailedBecause(error), Outcome::kRefused);
-}
-
-// Nothing to commit when it is refused.
-Result<store::Transaction> EditJob::PlanBegin(const Requester& requester) {
-  refusal_ = Refusal{0, ""};
-  Result<EditPlan> plan = [&]() -> Result<EditPlan> {
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    return PlanEdit(options_, guest_id_, request_, ids_, **snapshot);
-  }();
-  if (!plan) return plan.error();
-  if (plan->refused) {
-    refusal_ = std::move(*plan->refused);
-    return store::Transaction();
-  }
-  if (plan->files.empty()) {
-    files_ = FileChanges();
-    if (!plan->transaction.operations.empty()) Step("commit");
-    return std::move(plan->transaction);
-  }
-  const auto other = ReadNow();
-  if (!other) return other.error();
-  if (*other) {
-    refusal_ = EditedByOther(**other);
-    return store::Transaction();
-  }
-  const Status selected = SelectFor(plan->files);
-  if (!selected) {
-    const bool is_about_disk = selected.error().code() != ErrorCode::kInternal;
-    refusal_ = Refusal{is_about_disk ? kBadDisk : kFailed, selected.error().ToString()};
-    return store::Transaction();
-  }
-  return PlanIntent(requester, std::move(plan->transaction));
-}
-
-Result<store::Transaction> EditJob::PlanIntent(const Requester& requester, store::Transaction transaction) {
-  record_.host_id = options_.host_id;
-  record_.user = cluster::LogText(requester.user, kStoredName);
-  record_.request_id = cluster::LogText(requester.request_id, kStoredName);
-  record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
-  record_.stage = EditStage::kDoing;
-  transaction.compares.push_back({EditKey(guest_id_), 0});
-  transaction.operations = {{EditKey(guest_id_), EditText(record_)}};
-  Step("commit doing");
-  return transaction;
-}
-
-// Looks at the files, unless it was done for the same ones.
-Status EditJob::SelectFor(const FileChanges& files) {
-  if (files_ == files) return {};
-  files_.reset();
-  record_ = EditRecord();
-  notes_.clear();
-  for (const NewFile& file : files.made) record_.made.push_back(file.path);
-  if (Status selected = SelectGrown(files); !selected) return selected;
-  if (Status selected = SelectRemoved(files); !selected) return selected;
-  files_ = files;
-  return {};
-}
-
-// A file that another disk has as well stays as it is: whoever uses that disk may be running.
-Status EditJob::SelectGrown(const FileChanges& files) {
-  std::set<std::string> disks = files.removed_disks;
-  std::map<std::string, FileIdentity> found;
-  for (const GrownFile& file : files.grown) {
-    Result<Growth> growth = PlanGrowth(disk_files_, file.path, file.format, file.size_mib << 20);
-    if (!growth) return growth.error();
-    const Result<DiskFiles::Look> look = disk_files_.Examine(file.path);
-    if (!look) return look.error();
-    const bool is_twice = std::ranges::any_of(found, [&](const auto& other) { return other.second == look->identity; });
-    if (is_twice) return Error(ErrorCode::kInvalid, "Two disks have the same file");
-    found.emplace(file.path, look->identity);
-    disks.insert(file.disk_id);
-    record_.grown.push_back(std::move(*growth));
-  }
-  const Result<std::set<std::string>> others = NamedByOthers(*options_.store, disks, found);
-  if (!others) return others.error();
-  if (others->empty()) return {};
-  return Error(ErrorCode::kInvalid, "The file '" + ShownPath(*others->begin()) + "' belongs to another disk as well");
-}
-
-Status EditJob::SelectRemoved(const FileChanges& files) {
-  if (files.removed.empty()) return {};
-  DeletionPlan removal;
-  removal.files = files.removed;
-  removal.disks = files.removed_disks;
-  removal.images = files.images;
-  Result<Selection> selection = SelectFiles(guest_id_, removal, disk_files_, *options_.store);
-  if (!selection) return selection.error();
-  record_.hidden = std::move(selection->files);
-  notes_ = std::move(selection->notes);
-  return {};
-}
-
 Status EditJob::MakeFile(const NewFile& file) {
   // Only the repository's own folder: its root is made by the administrator.
   const std::string folder(FolderOf(file.path));
@@ -231,36 +79,61 @@ Status EditJob::MakeFile(const NewFile& file) {
   return disk_files_.Create(file.path, image.length, image.pieces);
 }
 
-Status EditJob::DoFiles() {
+Refused EditJob::DoFiles() {
   for (std::size_t i = 0; i < files_->made.size(); ++i) {
     Step("make", i);
     const Status made = MakeFile(files_->made[i]);
-    // What was there before is nobody's to remove.
+    // What was there before is not ours to remove.
     if (IsCode(made, ErrorCode::kConflict)) std::erase(record_.made, files_->made[i].path);
-    if (!made) return made;
+    if (!made) return FileFailedBecause(made.error());
+  }
+  if (Refused failed = DoActiveFiles()) return failed;
+  if (const Status synced = SyncAll("sync done"); !synced) return FailedBecause(synced.error());
+  return std::nullopt;
+}
+
+// Those that a machine could have.
+Refused EditJob::DoActiveFiles() {
+  if (record_.hidden.empty() && record_.grown.empty()) return std::nullopt;
+  if (options_.refuse_active) {
+    if (Refused active = options_.refuse_active(guest_id_)) return active;
   }
   for (std::size_t i = 0; i < record_.hidden.size(); ++i) {
     Step("hide", i);
     const Status hidden = disk_files_.Hide(record_.hidden[i].path, record_.hidden[i].hidden);
-    if (!hidden && !IsCode(hidden, ErrorCode::kNotFound)) return hidden;
+    if (!hidden && !IsCode(hidden, ErrorCode::kNotFound)) return FileFailedBecause(hidden.error());
   }
   for (std::size_t i = 0; i < record_.grown.size(); ++i) {
     Step("grow", i);
     const Status grown = Grow(disk_files_, record_.grown[i]);
-    if (!grown) return grown;
+    if (!grown) return FileFailedBecause(grown.error());
   }
-  return SyncAll("sync done");
+  return std::nullopt;
 }
 
 // The point of no return, or back to where it began.
 EditJob::Outcome EditJob::CommitRecords() {
+  facts_.ForgetImages();
+  for (int search = 0; search < kSearches; ++search) {
+    const Outcome outcome = CommitOnce();
+    if (outcome != Outcome::kOutdated) return outcome;
+  }
+  return Undo({kBusy, "Other records keep naming files, so that nobody knows which are the guest's own: try again"},
+              Outcome::kRefused);
+}
+
+EditJob::Outcome EditJob::CommitOnce() {
+  cluster::RequestScope::ReleaseSnapshot();
+  if (const Status gathered = facts_.Gather(options_, guest_id_); !gathered)
+    return SettleFailedCommit(gathered.error());
   const Result<bool> wanted = AreFilesNamedByOthers();
   if (!wanted) return SettleFailedCommit(wanted.error());
-  if (*wanted) return Undo({kBusy, "Other disks get the guest's files all the time"}, Outcome::kChanged);
+  if (*wanted) return Undo({kBusy, "Other records keep naming the guest's files"}, Outcome::kChanged);
   std::optional<Outcome> instead;
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
   if (!committed) return SettleFailedCommit(committed.error());
-  if (instead == Outcome::kChanged) return Undo(ChangedAllTheTime(), Outcome::kChanged);
+  if (instead == Outcome::kOutdated) return *instead;
+  if (instead == Outcome::kChanged) return Undo(KeepsChanging(), Outcome::kChanged);
   if (instead) return Undo(Refusal(refusal_), Outcome::kRefused);
   std::size_t count = 0;
   for (const std::string& note : notes_) {
@@ -272,31 +145,71 @@ EditJob::Outcome EditJob::CommitRecords() {
   return Outcome::kDone;
 }
 
-// Whether a record that came since the files were selected names one that is to go. As for deletions, asked once
-// before the commit, which is to be quick.
-Result<bool> EditJob::AreFilesNamedByOthers() const {
-  std::map<std::string, FileIdentity> files;
-  for (const HiddenFile& file : record_.hidden) files.emplace(file.path, FileIdentity());
-  const Result<std::set<std::string>> named = NamedByOthers(*options_.store, files_->removed_disks, files);
+// Whether a record that came since the files were selected names one that is to go, or that has grown. As for
+// deletions, asked before the commit, which is to be quick and compares that no other record has come since.
+Result<bool> EditJob::AreFilesNamedByOthers() {
+  if (record_.hidden.empty() && record_.grown.empty()) return false;
+  const Result<store::Revision> revision = FilesRevision(*options_.store);
+  if (!revision) return revision.error();
+  files_revision_ = *revision;
+  std::map<std::string, SoughtFile> hidden;
+  for (const HiddenFile& file : record_.hidden) {
+    const auto look = disk_files_.Examine(file.path.substr(0, file.path.rfind('/') + 1) + file.hidden);
+    if (!look) return look.error();
+    hidden.emplace(file.path, SoughtFile{look->identity, file.hidden});
+  }
+  std::map<std::string, SoughtFile> grown;
+  for (const Growth& growth : record_.grown) {
+    const auto look = disk_files_.Examine(growth.path);
+    if (!look) return look.error();
+    grown.emplace(growth.path, SoughtFile{look->identity, ""});
+  }
+  const Result<bool> is_hidden_named = IsNamedByOthers(hidden, files_->removed_disks);
+  if (!is_hidden_named || *is_hidden_named) return is_hidden_named;
+  std::set<std::string> own = files_->removed_disks;
+  for (const GrownFile& file : files_->grown) own.insert(file.disk_id);
+  return IsNamedByOthers(grown, std::move(own));
+}
+
+Result<bool> EditJob::IsNamedByOthers(const std::map<std::string, SoughtFile>& files,
+                                      std::set<std::string> except_disks) const {
+  FileQuestion question;
+  question.host_id = options_.host_id;
+  question.except_disks = std::move(except_disks);
+  const auto named = FindFileUsers(*options_.store, question, files);
   if (!named) return named.error();
   return !named->empty();
 }
 
-// `instead`: kChanged when the records now mean other files, kRefused when they do not allow the edit any more.
+// `instead`: kChanged when the records now mean other files, kOutdated when facts are lacking or another record has
+// come to name files, kRefused when the records do not allow the edit any more.
 Result<store::Transaction> EditJob::PlanCommit(std::optional<Outcome>& instead) {
   instead.reset();
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
-  Result<EditPlan> plan = PlanEdit(options_, guest_id_, request_, ids_, **snapshot);
+  Result<EditPlan> plan = PlanEdit(options_, guest_id_, request_, ids_, **snapshot, facts_);
   if (!plan) return plan.error();
   if (plan->refused) {
     refusal_ = std::move(*plan->refused);
     instead = Outcome::kRefused;
     return store::Transaction();
   }
+  if (facts_.IsLacking()) {
+    instead = Outcome::kOutdated;
+    return store::Transaction();
+  }
   if (plan->files != *files_) {
     instead = Outcome::kChanged;
     return store::Transaction();
+  }
+  if (!record_.hidden.empty() || !record_.grown.empty()) {
+    const Result<store::Revision> files_revision = FilesRevision(**snapshot);
+    if (!files_revision) return files_revision.error();
+    if (*files_revision != files_revision_) {
+      instead = Outcome::kOutdated;
+      return store::Transaction();
+    }
+    plan->transaction.compares.push_back({FilesKey(), *files_revision});
   }
   EditRecord purging = record_;
   purging.stage = EditStage::kPurging;
@@ -317,7 +230,7 @@ Result<store::Transaction> EditJob::PlanCommit(std::optional<Outcome>& instead) 
 EditJob::Outcome EditJob::SettleFailedCommit(const Error& error) {
   const auto now = ReadNow();
   if (!now) {
-    LogFailure("It cannot be told whether it is done, so its files stay until this host starts: " +
+    LogFailure("Whether it is done is unknown, so its files stay until it is taken up again: " +
                now.error().ToString());
     return Refuse(FailedBecause(error));
   }
@@ -326,11 +239,11 @@ EditJob::Outcome EditJob::SettleFailedCommit(const Error& error) {
     Purge();
     return Outcome::kDone;
   }
-  if (error.code() == ErrorCode::kConflict) return Undo(ChangedAllTheTime(), Outcome::kRefused);
+  if (error.code() == ErrorCode::kConflict) return Undo(KeepsChanging(), Outcome::kRefused);
   return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
-// What fails stays for the next start: the disks are removed all the same.
+// What fails is tried again: the disks are removed all the same.
 void EditJob::Purge() {
   bool is_all = true;
   for (std::size_t i = 0; i < record_.hidden.size(); ++i) {
@@ -347,44 +260,6 @@ void EditJob::Purge() {
   if (!is_all || !synced) return;
   const Status ended = RemoveRecord("commit end");
   if (!ended) LogFailure("The record of it could not be removed: " + ended.error().ToString());
-}
-
-EditJob::Outcome EditJob::Undo(const Refusal& refusal, Outcome outcome) {
-  refusal_ = refusal;
-  Status undone = UndoFiles();
-  if (undone) undone = RemoveRecord("commit undo");
-  if (undone) return outcome;
-  const std::string more = "What was done could not be undone, which is tried again: " + undone.error().ToString();
-  LogFailure(more);
-  refusal_.reason += ". " + more;
-  return Outcome::kRefused;
-}
-
-Status EditJob::UndoFiles() {
-  for (std::size_t i = record_.grown.size(); i-- > 0;) {
-    Step("shrink", i);
-    const Status shrunk = UndoGrowth(disk_files_, record_.grown[i]);
-    // Somebody else has done something with it, or has removed it: it is not ours to change.
-    if (IsCode(shrunk, ErrorCode::kConflict) || IsCode(shrunk, ErrorCode::kNotFound)) {
-      LogFailure("A file is left as it is: " + shrunk.error().ToString());
-    } else if (!shrunk) {
-      return shrunk;
-    }
-  }
-  for (std::size_t i = record_.hidden.size(); i-- > 0;) {
-    const auto& [path, hidden] = record_.hidden[i];
-    Step("show", i);
-    const Status shown = disk_files_.Show(path, hidden);
-    if (shown || IsCode(shown, ErrorCode::kNotFound)) continue;
-    if (!IsCode(shown, ErrorCode::kConflict)) return shown;
-    LogFailure("There are both [" + ShownPath(path) + "] and [" + hidden + "] beside it; both are left");
-  }
-  for (std::size_t i = record_.made.size(); i-- > 0;) {
-    Step("unmake", i);
-    const Status removed = disk_files_.Remove(record_.made[i]);
-    if (!removed && !IsCode(removed, ErrorCode::kNotFound)) return removed;
-  }
-  return SyncAll("sync undone");
 }
 
 Status EditJob::SyncAll(std::string_view step) const {

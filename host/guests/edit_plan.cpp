@@ -1,11 +1,9 @@
 #include "host/guests/edit_plan.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <map>
 
 #include "host/base/json_parse.h"
+#include "host/cluster/guest_image.h"
 #include "host/cluster/log_text.h"
 #include "host/cluster/reading.h"
 #include "host/guests/disk_users.h"
@@ -27,7 +25,6 @@ using VexaCCC::DB::DashCate;
 constexpr std::size_t kMaxParts = 1024;
 constexpr std::size_t kShown = 256;
 constexpr char kUnmounted[] = "unmounted";
-constexpr char kImageCategory[] = "image";
 // Members that count at once, also of a guest that runs.
 constexpr const char* kAtOnce[] = {"name", "desc", "autorun"};
 
@@ -126,41 +123,29 @@ Status EditName(EditedGuest& edited) {
 // The path of an image that is to be put into a drive; "" when it is not there.
 Result<std::string> ImagePath(EditedGuest& edited, const std::string& image) {
   if (image.starts_with('/')) return NormalPath(image).value_or("");
-  const auto record =
-      cluster::LoadObject(edited.snapshot, store::MakeKey({"dash", kImageCategory, image, keys::object}));
+  const std::string key = store::MakeKey({"dash", cluster::kImageCategory, image, keys::object});
+  const auto record = cluster::LoadObject(edited.snapshot, key);
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
   if (!record) return std::string();
+  // A key that cannot be is none that anybody could compare.
+  if (record->revision != 0) edited.plan.transaction.compares.push_back({key, record->revision});
   return NormalPath(TextMember(record->record, "path")).value_or("");
-}
-
-// What a path leads to, also by links; none when there is nothing.
-FileIdentity IdentityOf(const std::string& path) {
-  struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return {};
-  return {info.st_dev, info.st_ino};
 }
 
 // What stays in a drive is not looked at: it may be known to be gone.
 Status CheckImages(EditedGuest& edited) {
   const Json::Value& images = json::Member(edited.request.members, keys::iso_images);
   const Json::Value& before = json::Elements(json::Member(edited.before, keys::iso_images));
-  std::map<std::string, FileIdentity> files;
   for (const Json::Value& image : json::Elements(images)) {
     const std::string name = json::String(image);
     if (name == kUnmounted || std::find(before.begin(), before.end(), image) != before.end()) continue;
     const Result<std::string> path = ImagePath(edited, name);
     if (!path) return path.error();
-    if (path->empty() || (edited.options.has_file && !edited.options.has_file(*path))) {
-      edited.Refuse(kNoImage, "There is no image " + Shown(name));
-      return {};
-    }
-    files.emplace(*path, IdentityOf(*path));
+    const auto fact = path->empty() ? FileFacts::Image::kMissing : edited.facts.ImageAt(*path);
+    if (!fact) continue;
+    if (*fact == FileFacts::Image::kMissing) edited.Refuse(kNoImage, "There is no image " + Shown(name));
+    if (*fact == FileFacts::Image::kDisk) edited.Refuse(kNoImage, Shown(*path) + " is a disk of a guest");
   }
-  if (files.empty()) return {};
-  // Else whoever may put images into drives could look into all disks.
-  const auto disks = NamedByOthers(*edited.options.store, {}, files);
-  if (!disks) return disks.error();
-  if (!disks->empty()) edited.Refuse(kNoImage, Shown(*disks->begin()) + " is a disk of a guest");
   return {};
 }
 
@@ -227,7 +212,8 @@ void CheckPins(EditedGuest& edited) {
   guest.host_id = TextMember(record, keys::host_id);
   guest.repository_id = edited.repository_id;
   guest.repository_host_id = edited.repository_host_id;
-  if (Refused refused = edited.options.rate_pins(guest)) edited.Refuse(refused->code, std::move(refused->reason));
+  const std::optional<Refused> rated = edited.facts.Pins(guest);
+  if (rated && *rated) edited.Refuse((*rated)->code, (*rated)->reason);
 }
 
 void WriteList(EditedGuest& edited, const char* name, const std::vector<EditedPart>& parts) {
@@ -306,6 +292,14 @@ Status WriteMacs(EditedGuest& edited) {
   return {};
 }
 
+// Whoever makes a record name a file commits this key, so that those who are about to remove the file look again.
+void WriteFilesKey(EditedGuest& edited) {
+  const bool changes_drives =
+      json::Member(edited.guest.record, keys::iso_images) != json::Member(edited.before, keys::iso_images);
+  if (edited.plan.files.made.empty() && !changes_drives) return;
+  edited.plan.transaction.operations.push_back({FilesKey(), json::ToText(Json::Value(edited.id))});
+}
+
 Status Write(EditedGuest& edited) {
   WriteList(edited, keys::vdisks, edited.disks);
   WriteList(edited, keys::vnics, edited.nics);
@@ -320,6 +314,7 @@ Status Write(EditedGuest& edited) {
   WriteParts(edited, DashCate::vNic, edited.nics);
   if (Status removed = RemoveParts(edited, DashCate::vDisk, edited.removed_disks); !removed) return removed;
   if (Status removed = RemoveParts(edited, DashCate::vNic, edited.removed_nics); !removed) return removed;
+  WriteFilesKey(edited);
   return WriteMacs(edited);
 }
 
@@ -335,8 +330,9 @@ void NoteImages(EditedGuest& edited) {
 }  // namespace
 
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
-                          const NewIds& ids, const store::Snapshot& snapshot) {
-  EditedGuest edited{options, request, ids, snapshot, guest_id, {}, {}, {}, {}, {}, {}, {}, {}, {}, false, false, {}};
+                          const NewIds& ids, const store::Snapshot& snapshot, FileFacts& facts) {
+  EditedGuest edited{options, request, ids, snapshot, facts, guest_id, {},    {},    {},
+                     {},      {},      {},  {},       {},    {},       false, false, {}};
   Status done = Load(edited);
   if (!done) return done.error();
   if (edited.plan.refused) return std::move(edited.plan);
@@ -348,9 +344,10 @@ Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_i
   for (const Part part : {Part(EditName), Part(EditNics), Part(CheckImages)}) {
     done = part(edited);
     if (!done) return done.error();
-    if (edited.plan.refused) return std::move(edited.plan);
+    if (edited.IsOver()) return std::move(edited.plan);
   }
   for (const auto part : {EditDisks, CheckTogether, CheckPins}) part(edited);
+  if (edited.IsOver()) return std::move(edited.plan);
   CheckMachine(edited, before);
   if (edited.plan.refused) return std::move(edited.plan);
   NoteImages(edited);

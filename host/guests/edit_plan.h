@@ -10,6 +10,7 @@
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/edit.h"
+#include "host/guests/edit_facts.h"
 #include "host/guests/edit_request.h"
 #include "host/store/store.h"
 
@@ -47,7 +48,7 @@ struct FileChanges {
 };
 
 struct EditPlan {
-  Refused refused;                 // set: the rest means nothing
+  Refused refused;                 // set: the rest means nothing; the same when facts are lacking
   store::Transaction transaction;  // without operations: nothing changes
   FileChanges files;
 };
@@ -66,6 +67,7 @@ struct EditedGuest {
   const EditRequest& request;
   const NewIds& ids;
   const store::Snapshot& snapshot;
+  FileFacts& facts;
   std::string id;
   cluster::StoredObject guest;
   Json::Value before;
@@ -83,12 +85,14 @@ struct EditedGuest {
   void Refuse(int code, std::string reason) {
     if (!plan.refused) plan.refused = Refusal{code, std::move(reason)};
   }
+  bool IsOver() const { return plan.refused || facts.IsLacking(); }
 };
 
-// The transaction compares all that was looked at, so that who changes any of it meanwhile makes it a conflict. Errors:
-// what the store says.
+// The transaction compares all that was looked at, so that who changes any of it meanwhile makes it a conflict. Looks
+// at nothing but the store and `facts`; when one of these is lacking, the plan ends there and is to be made again.
+// Errors: what the store says.
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
-                          const NewIds& ids, const store::Snapshot& snapshot);
+                          const NewIds& ids, const store::Snapshot& snapshot, FileFacts& facts);
 
 // edit_nics.cpp
 Status EditNics(EditedGuest& edited);

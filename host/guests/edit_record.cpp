@@ -29,7 +29,8 @@ constexpr char kFrom[] = "from";
 constexpr char kTo[] = "to";
 constexpr char kDoing[] = "doing";
 constexpr char kPurging[] = "purging";
-constexpr std::string_view kSuffix = ".qcow2";
+constexpr std::string_view kSuffixQcow2 = ".qcow2";
+constexpr std::string_view kSuffixRaw = ".raw";
 constexpr std::string_view kDigits = "0123456789abcdef";
 constexpr std::size_t kHeadBytes = 16;
 constexpr std::size_t kShownName = 256;
@@ -67,11 +68,14 @@ std::optional<std::string> ParsePath(const Json::Value& value) {
 // A file that is removed again must be one that was made here, by its name.
 std::optional<std::string> ParseMade(const Json::Value& value) {
   std::optional<std::string> path = ParsePath(value);
-  if (!path || !path->ends_with(kSuffix)) return std::nullopt;
-  std::string name = path->substr(path->rfind('/') + 1);
-  name.resize(name.size() - kSuffix.size());
-  if (!VexaCCC::Utils::isUUID(name)) return std::nullopt;
-  return path;
+  if (!path) return std::nullopt;
+  const std::string_view name = std::string_view(*path).substr(path->rfind('/') + 1);
+  for (const std::string_view suffix : {kSuffixQcow2, kSuffixRaw}) {
+    const bool is_made =
+        name.ends_with(suffix) && VexaCCC::Utils::isUUID(std::string(name.substr(0, name.size() - suffix.size())));
+    if (is_made) return path;
+  }
+  return std::nullopt;
 }
 
 std::optional<Growth> ParseGrowth(const Json::Value& value) {
@@ -132,7 +136,9 @@ std::optional<EditRecord> ParseRecord(std::string_view text, const std::string& 
 
 }  // namespace
 
-std::string ImageName(const std::string& disk_id) { return disk_id + std::string(kSuffix); }
+std::string ImageName(const std::string& disk_id, hypervisor::ImageFormat format) {
+  return disk_id + std::string(format == hypervisor::ImageFormat::kRaw ? kSuffixRaw : kSuffixQcow2);
+}
 
 std::string EditText(const EditRecord& record) {
   Json::Value text(Json::objectValue);

@@ -34,7 +34,7 @@ struct StoredEdit {
 };
 
 // The name of the file of a disk that was made here.
-std::string ImageName(const std::string& disk_id);
+std::string ImageName(const std::string& disk_id, hypervisor::ImageFormat format);
 
 std::string EditText(const EditRecord& record);
 

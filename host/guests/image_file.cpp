@@ -142,6 +142,21 @@ Result<Growth> PlanGrowth(const DiskFiles& files, const std::string& path, Image
   return Growth{path, *length, size, {}, {}};
 }
 
+Result<GrowthState> StateOf(const DiskFiles& files, const Growth& growth) {
+  const auto state = [](const auto& now, const auto& from, const auto& to) {
+    if (now == from) return GrowthState::kBefore;
+    return now == to ? GrowthState::kAfter : GrowthState::kOther;
+  };
+  if (growth.to_head.empty()) {
+    const auto length = files.Length(growth.path);
+    if (!length) return length.error();
+    return state(*length, growth.from_length, growth.to_length);
+  }
+  const auto head = files.ReadAt(growth.path, kSizeOffset, kHeadLength);
+  if (!head) return head.error();
+  return state(*head, growth.from_head, growth.to_head);
+}
+
 Status Grow(const DiskFiles& files, const Growth& growth) {
   if (growth.to_head.empty()) return Change(files, growth.path, growth.from_length, growth.to_length);
   return Change(files, growth.path, growth.from_head, growth.to_head);

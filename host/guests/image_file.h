@@ -38,7 +38,12 @@ struct Growth {
 Result<Growth> PlanGrowth(const DiskFiles& files, const std::string& path, hypervisor::ImageFormat format,
                           std::uint64_t size);
 
-// Each does nothing when it was done already. Errors: kConflict when the image is neither as before nor as after.
+// What an image is now: as before the growth, as after it, or changed by somebody else. Errors: what the system says.
+enum class GrowthState { kBefore, kAfter, kOther };
+Result<GrowthState> StateOf(const DiskFiles& files, const Growth& growth);
+
+// Each does nothing when it was done already. Errors: kConflict when the image is neither as before nor as after, kBusy
+// when a machine has it open.
 Status Grow(const DiskFiles& files, const Growth& growth);
 Status UndoGrowth(const DiskFiles& files, const Growth& growth);
 

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
+constexpr int kSearches = 8;
 
 void LogNote(const std::string& guest_id, const std::string& sentence) {
   ::syslog(LOG_WARNING, "Deleted guest[%s]: %s.", cluster::LogText(guest_id, kShownId).c_str(),
@@ -34,7 +35,7 @@ class Leftover {
     if (!stored->paths) return Error(ErrorCode::kCorrupt, "the record of them is damaged and is left as it is");
     DeletionPlan plan;
     for (const std::string& path : *stored->paths) plan.files.push_back({plan.files.size(), path});
-    const Result<Selection> selection = SelectFiles(guest_id_, plan, disk_files_, *options_.store);
+    const Result<Selection> selection = Select(plan);
     if (!selection) return selection.error();
     const Status removed = RemoveFiles(selection->files);
     if (!removed) return removed;
@@ -49,6 +50,24 @@ class Leftover {
     if (options_.before_step) options_.before_step("leftover " + step);
   }
 
+  // Whoever names one of the files by now is another guest, also under the same id. Searched again when a record has
+  // come to name a file meanwhile.
+  Result<Selection> Select(const DeletionPlan& plan) const {
+    FileQuestion question;
+    question.host_id = options_.host_id;
+    cluster::RequestScope::ReleaseSnapshot();
+    for (int search = 0; search < kSearches; ++search) {
+      const Result<store::Revision> before = FilesRevision(*options_.store);
+      if (!before) return before.error();
+      Result<Selection> selection = SelectFiles(guest_id_, plan, question, disk_files_, *options_.store);
+      if (!selection) return selection;
+      const Result<store::Revision> after = FilesRevision(*options_.store);
+      if (!after) return after.error();
+      if (*after == *before) return selection;
+    }
+    return Error(ErrorCode::kBusy, "other records keep naming files");
+  }
+
   Result<StoredLeftover> ReadStored() const {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
@@ -57,10 +76,11 @@ class Leftover {
 
   Status RemoveFiles(const std::vector<HiddenFile>& files) const {
     std::set<std::string> folders;
+    Status first_failure;
     for (std::size_t i = 0; i < files.size(); ++i) {
       Step("remove " + std::to_string(i));
       const Status removed = disk_files_.Remove(files[i].path);
-      if (!removed && removed.error().code() != ErrorCode::kNotFound) return removed;
+      if (!removed && removed.error().code() != ErrorCode::kNotFound && first_failure) first_failure = removed;
     }
     for (const HiddenFile& file : files) {
       if (!folders.insert(file.path.substr(0, file.path.rfind('/'))).second) continue;
@@ -68,10 +88,10 @@ class Leftover {
       const Status synced = disk_files_.Sync(file.path);
       if (!synced) return synced;
     }
-    return {};
+    return first_failure;
   }
 
-  // One that was written anew meanwhile stays for the next time.
+  // One that was written again meanwhile stays for the next time.
   Status RemoveKey(store::Revision revision) const {
     const std::string key = LeftoverKey(options_.host_id, guest_id_);
     Step("commit end");

@@ -87,6 +87,31 @@ TEST_F(GuestAdminDelete, DamagedRecords_AreToldAndKeepTheOthersFromNothing) {
   }
 }
 
+// A deletion commits the removal with the guest's records.
+TEST_F(GuestAdminDelete, Removals_ArePartOfAnotherTransaction_AndCompareWhatTheyChange) {
+  Put("users-1", R"({"guests":{"a":true,"g":true}})");
+  Put("users-2", "damaged");
+  Put("users-3", R"({"guests":["g"]})");
+  Put("users-4", R"({"guests":{"a":true}})");
+  store::Transaction transaction;
+  transaction.operations.push_back({"/mine", "1"});
+  std::vector<Error> damage;
+  const auto add = [&] { return AddGrantRemovals(*Require(host_.store().Read()), "g", transaction, damage); };
+  ASSERT_TRUE(add());
+  EXPECT_EQ(transaction.operations.size(), 2u);
+  ASSERT_EQ(transaction.compares.size(), 1u);
+  EXPECT_EQ(transaction.compares[0].key, GuestAdminKey("users-1"));
+  EXPECT_EQ(damage.size(), 2u);
+  Put("users-1", R"({"guests":{"b":true,"g":true}})");
+  EXPECT_EQ(host_.store().Commit(transaction).error().code(), ErrorCode::kConflict);
+  transaction = {};
+  ASSERT_TRUE(add());
+  EXPECT_TRUE(host_.store().Commit(transaction));
+  EXPECT_EQ(Parsed(Text("users-1")), Parsed(R"({"guests":{"b":true}})"));
+  host_.store().FailReadsOf(GuestAdminKey("users-4"));
+  EXPECT_FALSE(add());
+}
+
 TEST_F(GuestAdminDelete, OthersWereFirst_IsTriedAgain) {
   Put("users-1", R"({"guests":{"g":true}})");
   host_.store().ConflictCommits(3);

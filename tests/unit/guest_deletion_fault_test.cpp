@@ -114,7 +114,7 @@ TEST_F(FaultyDeletion, UndoFails_IsTakenUpAtTheNextStart) {
   const Refused refused = Delete();
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->code, guests::kFailed);
-  EXPECT_THAT(refused->reason, HasSubstr("is taken up when this host starts again"));
+  EXPECT_THAT(refused->reason, HasSubstr("is taken up again"));
   EXPECT_TRUE(SyslogContains("could not be undone"));
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
   EXPECT_EQ(Delete()->code, guests::kBusy);
@@ -130,7 +130,7 @@ TEST_F(FaultyDeletion, RemovalFails_GuestIsDeleted_AndTheNextStartTriesAgain) {
   EXPECT_FALSE(Delete());
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
-  EXPECT_TRUE(SyslogContains("could not be removed; this is tried again at the next start"));
+  EXPECT_TRUE(SyslogContains("could not be removed; this is tried again"));
   const std::string hidden = ground_.More(".vexa-deleted-" + std::string(kGuest) + "-1");
   EXPECT_TRUE(ground_.Files().contains(hidden));
   Deletion(options_).FinishAll();
@@ -201,7 +201,7 @@ TEST_F(FaultyDeletion, StoreThatCannotBeRead_AfterAFailedCommit_LeavesItToTheNex
   });
   EXPECT_EQ(Delete()->code, guests::kFailed);
   store_->Heal();
-  EXPECT_TRUE(SyslogContains("It cannot be told whether its records are deleted"));
+  EXPECT_TRUE(SyslogContains("Whether its records are deleted is unknown"));
   Deletion(options_).FinishAll();
   ExpectGone();
 }

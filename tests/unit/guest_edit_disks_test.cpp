@@ -64,7 +64,7 @@ class DiskEdit : public testing::Test {
   void ExpectWhole() {
     const auto records = RecordsOf(*store_);
     Images expected;
-    for (const auto& [id, disk] : records.disks) expected[id + ".qcow2"] = disk["size"].asInt64() * kMib;
+    for (const auto& [id, disk] : records.disks) expected[FileOf(disk)] = disk["size"].asInt64() * kMib;
     EXPECT_EQ(ground_->Images(), expected);
     for (const auto& [key, text] : Everything(*store_)) EXPECT_FALSE(key.starts_with("/edit/")) << text;
   }

@@ -74,7 +74,7 @@ class FailingEdit : public testing::Test {
     const std::int64_t sizes[] = {24, 32, 64};
     for (std::size_t i = 0; i < 3; ++i) {
       EXPECT_EQ(records.disks[i].second["size"].asInt64(), sizes[i]);
-      images[records.disks[i].first + ".qcow2"] = sizes[i] << 20;
+      images[FileOf(records.disks[i].second)] = sizes[i] << 20;
     }
     EXPECT_EQ(ground_->Images(), images);
     EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());

@@ -135,6 +135,9 @@ inline hypervisor::GuestRecords RecordsOf(const store::Store& store) {
   return records;
 }
 
+// The name of the disk's file.
+inline std::string FileOf(const Json::Value& disk) { return std::filesystem::path(disk["path"].asString()).filename(); }
+
 inline void PutRun(store::Store& store) {
   guests::Run run;
   run.host_id = kThisHost;

@@ -395,7 +395,9 @@ void EditModel::Learn(ModelGuest& guest, const Json::Value& stored) {
       ModelPart& part = (*parts)[i];
       if (!part.id.empty()) continue;
       part.id = stored[name][i].asString();
-      if (part.record.isMember("path")) part.record["path"] = part.record["path"].asString() + part.id + ".qcow2";
+      if (part.record.isMember("path"))
+        part.record["path"] =
+            part.record["path"].asString() + part.id + (part.record["driver"] == "raw" ? ".raw" : ".qcow2");
     }
   }
 }

@@ -163,7 +163,7 @@ TEST(GuestEditModel, RandomEdits_AgreeWithTheModel_TheFilesAndTheDomainXml) {
       if (id.empty()) id = records.disks[d].first;
       ASSERT_EQ(id, records.disks[d].first);
       ASSERT_EQ(size, records.disks[d].second["size"].asInt64());
-      images[id + ".qcow2"] = size << 20;
+      images[FileOf(records.disks[d].second)] = size << 20;
     }
     ASSERT_EQ(ground.Images(), images);
     ASSERT_EQ(records.nics.size(), model.nics.size());
