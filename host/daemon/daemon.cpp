@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <iterator>
+#include <map>
 #include <thread>
 #include <utility>
 
@@ -15,6 +16,7 @@
 #include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/host_record.h"
+#include "host/cluster/reading.h"
 #include "host/daemon/cache_refresh.h"
 #include "host/daemon/data_lock.h"
 #include "host/daemon/delayed_call.h"
@@ -33,6 +35,7 @@
 #include "host/daemon/sessions.h"
 #include "host/guests/guest_control.h"
 #include "host/services/compound_api.h"
+#include "host/services/guest_keeping_api.h"
 #include "host/services/guest_state_api.h"
 #include "host/services/host_api.h"
 #include "host/services/host_facts.h"
@@ -43,6 +46,7 @@
 #include "host/transport/transport.h"
 #include "host/webapi/error_table.h"
 #include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
 
 namespace vexa::daemon {
 namespace {
@@ -115,6 +119,15 @@ std::optional<std::string> FindClusterAddress(const std::string& host_id) {
   std::string address;
   VexaCCC::DB::Dashboard record(VexaCCC::DB::DashCate::Host, host_id);
   return record.Get(address, transport::kClusterAddress) == 0 ? std::optional(std::move(address)) : std::nullopt;
+}
+
+// By its sign of life. A host of which that is not known may be alive.
+bool IsAlive(const std::string& host_id) {
+  std::map<std::string, std::string> all;
+  std::map<std::string, std::string> reachable;
+  const bool is_known = VexaCCC::CCCVersionStateGetAllHosts(all, reachable) == 0;
+  cluster::RequestScope::ReleaseSnapshot();
+  return !is_known || reachable.contains(host_id);
 }
 
 std::string DescribeHealth(store::Health health) {
@@ -194,9 +207,10 @@ class Daemon::Impl {
     const bool caches_done = cluster::RemoveCacheRefresher(left());
     const bool local_done = local_.Stop(left());  // after those that wait for it
     const bool items_done = items_.Stop(left());
-    if (guests_) guests_->BeginStop();  // they run on, and what they do from now on is found by the next start
+    // They run on, and what they do from now on is found by the next start.
+    const bool guests_done = !guests_ || guests_->Stop(left());
     Sweep();
-    return served && quick_done && long_done && caches_done && local_done && items_done;
+    return guests_done && served && quick_done && long_done && caches_done && local_done && items_done;
   }
 
  private:
@@ -242,6 +256,7 @@ class Daemon::Impl {
     options.hypervisor.root = config.hypervisor_root;
     options.image_roots = config.image_roots;
     options.vcpus_per_cpu = config.vcpus_per_cpu;
+    options.is_alive = IsAlive;
     auto guests = guests::GuestControl::Start(std::move(options));
     if (!guests) return guests.error();
     guests_ = std::move(*guests);
@@ -256,7 +271,8 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(), services::LogRows(), services::CompoundRows(call_item, OptionsOfCompound())}) {
+          services::GuestStateRows(), services::GuestKeepingRows(), services::LogRows(),
+          services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));

@@ -6,6 +6,15 @@
 
 namespace vexa::guests {
 
+namespace {
+
+// A look takes milliseconds, unless libvirt or the store hangs.
+constexpr std::chrono::seconds kLookPatience{10};
+
+Activity LookThatHangs() { return {"looking", {}, std::chrono::system_clock::now() - kLookPatience}; }
+
+}  // namespace
+
 std::string TimeText(std::chrono::system_clock::time_point time) {
   const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
   std::tm fields{};
@@ -38,6 +47,7 @@ bool Claims::Claim::ReleaseUnlessAsked() {
 std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, Activity activity,
                                                    std::chrono::milliseconds patience) {
   const auto end = std::chrono::steady_clock::now() + patience;
+  const auto look_end = std::chrono::steady_clock::now() + kLookPatience;
   std::unique_lock lock(mutex_);
   for (;;) {
     const auto [held, is_new] = held_.try_emplace(guest_id);
@@ -46,7 +56,7 @@ std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, 
       return Claim(*this, guest_id);
     }
     if (held->second.is_look) {
-      released_.wait(lock);
+      if (released_.wait_until(lock, look_end) == std::cv_status::timeout) return LookThatHangs();
       continue;
     }
     const bool is_same = held->second.activity.action == activity.action;
@@ -64,6 +74,11 @@ std::optional<Claims::Claim> Claims::TakeToLook(const std::string& guest_id) {
   }
   held->second.is_look_left = true;
   return std::nullopt;
+}
+
+bool Claims::AwaitFree(const std::string& guest_id, std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  return released_.wait_for(lock, patience, [&] { return !held_.contains(guest_id); });
 }
 
 void Claims::Release(const std::string& guest_id) {

@@ -47,12 +47,14 @@ class Claims {
     std::string guest_id_;
   };
 
-  // Waits while the guest is only looked at, and for `patience` while somebody has it for the same action. Not a claim:
-  // what is being done with it.
+  // Waits while the guest is only looked at, for 10 s at most, and for `patience` while somebody has it for the same
+  // action. Not a claim: what is being done with it.
   std::variant<Claim, Activity> Take(const std::string& guest_id, Activity activity,
                                      std::chrono::milliseconds patience = std::chrono::milliseconds(0));
   // For a look. Not set: it was left to the holder.
   std::optional<Claim> TakeToLook(const std::string& guest_id);
+  // False: somebody still has the guest by then.
+  bool AwaitFree(const std::string& guest_id, std::chrono::milliseconds patience);
 
  private:
   struct Held {

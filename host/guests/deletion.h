@@ -31,6 +31,7 @@
 
 #include "host/guests/disk_files.h"
 #include "host/guests/refusal.h"
+#include "host/guests/storage_watch.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {
@@ -52,6 +53,8 @@ struct DeletionOptions {
   // Folders whose files are guests' disks. Only regular files below them are removed, and none that another record
   // names (disk_users.h); all others are left where they are, with a line in the system log.
   std::vector<std::string> image_roots;
+  // Knows whether the folders of files are those that they are in. Null: all are.
+  std::shared_ptr<StorageWatch> storage;
   // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that cannot be found out. Not set: no guest
   // can run here.
   std::function<Refused(const std::string& guest_id)> refuse_active;

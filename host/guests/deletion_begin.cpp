@@ -93,9 +93,13 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
   record_.request_id = cluster::LogText(requester.request_id, kStoredName);
   record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
   record_.files = selection_.files;
+  record_.repository_id = plan_->repository_id;
+  record_.storage = storage_;
   store::Transaction transaction;
-  transaction.compares = {
-      {RunKey(guest_id_), 0}, {DeletionKey(guest_id_), 0}, {EditKey(guest_id_), 0}, plan_->compares.front()};
+  transaction.compares = {{RunKey(guest_id_), run_revision_},
+                          {DeletionKey(guest_id_), 0},
+                          {EditKey(guest_id_), 0},
+                          plan_->compares.front()};
   transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(record_)});
   Step("commit hiding");
   return transaction;
@@ -103,6 +107,7 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
 
 // One look for all that is usually not there: the longer it takes, the more often others change the guest meanwhile.
 Result<Refused> DeletionJob::RefuseTaken() {
+  run_revision_ = 0;
   {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
@@ -119,6 +124,11 @@ Result<Refused> DeletionJob::RefuseTaken() {
   const auto run = ReadRun(*options_.store, guest_id_);
   if (!run) return run.error();
   if (!*run) return Refused();
+  // Saved memory goes with the guest; its host removes it.
+  if ((*run)->run.saved) {
+    run_revision_ = (*run)->revision;
+    return Refused();
+  }
   const std::string& host_id = (*run)->run.host_id;
   if (host_id.empty()) return Refused({kRunsAlready, "A host has the guest, and the record of it is damaged"});
   return Refused({kRunsAlready, "The host '" + cluster::LogText(host_id, kStoredName) + "' has the guest"});
@@ -133,8 +143,16 @@ bool DeletionJob::IsSeen(const DeletionPlan& plan) const {
 Refused DeletionJob::LookInto(DeletionPlan plan) {
   cluster::RequestScope::ReleaseSnapshot();
   if (Refused active = RefuseActive()) return active;
+  const bool is_remote = !plan.repository_host_id.empty() && plan.repository_host_id != options_.host_id;
+  if (options_.storage && !is_remote) {
+    std::vector<std::string> paths;
+    for (const NamedFile& file : plan.files) paths.push_back(file.path);
+    if (Refused storage = options_.storage->Refuse(plan.repository_id, paths, StorageUse::kExisting)) return storage;
+  }
   const Status selected = SelectFor(std::move(plan));
   if (!selected) return FailedBecause(selected.error());
+  // What was missing may have gone with its storage in between.
+  if (Refused storage = RefuseStorage()) return storage;
   return RefuseAlive();
 }
 
@@ -148,6 +166,11 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
     return selection.error();
   }
   selection_ = std::move(*selection);
+  std::vector<std::string> paths;
+  for (const HiddenFile& file : selection_.files) paths.push_back(file.path);
+  Result<Trail> storage = TrailOfAll(options_.image_roots, paths);
+  if (!storage) return storage.error();
+  storage_ = std::move(*storage);
   return {};
 }
 

@@ -8,6 +8,7 @@
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/disk_users.h"
+#include "host/guests/domain_record.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
 
@@ -31,6 +32,8 @@ DeletionJob::Outcome DeletionJob::CommitRecords() {
 
 DeletionJob::Outcome DeletionJob::CommitOnce() {
   if (const Refused alive = RefuseAlive()) return Undo(*alive, Outcome::kRefused);
+  // What was not found to be hidden may be there, on storage that has gone meanwhile.
+  if (const Refused storage = RefuseStorage()) return Undo(*storage, Outcome::kRefused);
   const Result<bool> wanted = AreFilesNamedByOthers();
   if (!wanted) return SettleFailedCommit(wanted.error());
   const Outcome again = is_gone_ ? Outcome::kRefused : Outcome::kChanged;
@@ -108,6 +111,12 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
     }
     const Status left_over = AddLeftover(**snapshot, transaction);
     if (!left_over) return left_over.error();
+    const Result<bool> is_off = AddRun(**snapshot, transaction);
+    if (!is_off) return is_off.error();
+    if (!*is_off) {
+      instead = Outcome::kChanged;
+      return store::Transaction();
+    }
     const Status grants = RemoveGrants(**snapshot, transaction);
     if (!grants) return grants.error();
   }
@@ -117,6 +126,28 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
   transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(purging)});
   Step("commit records");
   return transaction;
+}
+
+// What hosts have of the guest beside its files: saved memory, and libvirt's definition. False: it runs by now.
+Result<bool> DeletionJob::AddRun(const store::Snapshot& snapshot, store::Transaction& transaction) {
+  std::set<std::string> hosts;
+  if (!plan_->host_id.empty()) hosts.insert(plan_->host_id);
+  const auto stored = snapshot.Get(RunKey(guest_id_));
+  if (!stored) return stored.error();
+  transaction.compares.push_back({RunKey(guest_id_), *stored ? (*stored)->revision : 0});
+  if (*stored) {
+    const Run run = ParseRun((*stored)->text);
+    if (!run.saved) return false;
+    hosts.insert(run.host_id);
+    transaction.operations.push_back({RunKey(guest_id_), std::nullopt});
+  }
+  for (const std::string& host_id : hosts) {
+    const bool has_hypervisor = host_id != options_.host_id || options_.refuse_active;
+    if (!has_hypervisor) continue;
+    const std::string key = UndefineKey(host_id, guest_id_);
+    if (store::IsKey(key)) transaction.operations.push_back({key, "true"});
+  }
+  return true;
 }
 
 // Grants that stayed would be those of the next guest with this id.
@@ -164,7 +195,7 @@ Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transact
   }
   if (paths.empty()) return {};
   transaction.compares.push_back({key, stored->revision});
-  transaction.operations.push_back({key, LeftoverText(paths)});
+  transaction.operations.push_back({key, LeftoverText(paths, plan_->repository_id)});
   return {};
 }
 

@@ -9,6 +9,7 @@
 #include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/disk_users.h"
+#include "host/guests/domain_record.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
 
@@ -47,8 +48,9 @@ Refused DeletionJob::Start(const Requester& requester) {
 }
 
 Refused DeletionJob::Resume(const StoredDeletion& begun) {
-  if (begun.record->stage == DeletionStage::kPurging) {
-    record_ = *begun.record;
+  record_ = *begun.record;
+  if (Refused storage = RefuseStorage()) return storage;
+  if (record_.stage == DeletionStage::kPurging) {
     Purge();
     return std::nullopt;
   }
@@ -75,6 +77,17 @@ DeletionJob::Outcome DeletionJob::GoOn(Begun begun) {
 
 Refused DeletionJob::RefuseActive() const {
   return options_.refuse_active ? options_.refuse_active(guest_id_) : std::nullopt;
+}
+
+Refused DeletionJob::RefuseStorage() const {
+  if (!options_.storage) return std::nullopt;
+  if (plan_ && !IsRemote()) {
+    // Also of files that were not there when they were looked for.
+    std::vector<std::string> paths;
+    for (const NamedFile& file : plan_->files) paths.push_back(file.path);
+    if (Refused storage = options_.storage->Refuse(plan_->repository_id, paths, StorageUse::kExisting)) return storage;
+  }
+  return options_.storage->RefuseTrail(record_.repository_id, record_.storage, StorageUse::kExisting);
 }
 
 // The files are that host's to remove, and it may be deciding about the guest at this moment.
@@ -148,6 +161,9 @@ DeletionJob::Outcome DeletionJob::SettleFailedCommit(const Error& error) {
 
 // What fails is tried again: the guest is deleted all the same.
 void DeletionJob::Purge() {
+  if (const Refused storage = RefuseStorage()) {
+    return LogFailure("It is not finished, and tried again: " + storage->reason);
+  }
   bool is_all = true;
   for (std::size_t i = 0; i < record_.files.size(); ++i) {
     const auto& [path, hidden] = record_.files[i];
@@ -167,7 +183,8 @@ void DeletionJob::Purge() {
 
 DeletionJob::Outcome DeletionJob::Undo(const Refusal& refusal, Outcome outcome) {
   refusal_ = refusal;
-  Status undone = ShowAll();
+  const Refused storage = RefuseStorage();
+  Status undone = storage ? Status(Error(ErrorCode::kUnavailable, storage->reason)) : ShowAll();
   if (undone) undone = RemoveRecord("commit undo");
   if (undone) return outcome;
   const std::string more = "What was done could not be undone, and is taken up again: " + undone.error().ToString();

@@ -49,6 +49,8 @@ class DeletionJob {
   enum class Begun { kNow, kBefore };
   Outcome GoOn(Begun begun);
   Refused RefuseActive() const;
+  // 949 while the folders of the files are not those that the deletion began with: nothing is known about them.
+  Refused RefuseStorage() const;
   Refused RefuseAlive() const;
   Status HideAll();
   Outcome CommitRecords();
@@ -59,6 +61,7 @@ class DeletionJob {
   Result<DeletionPlan> PlanAgain(const store::Snapshot& snapshot) const;
   Status RemoveGrants(const store::Snapshot& snapshot, store::Transaction& transaction);
   Status AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction);
+  Result<bool> AddRun(const store::Snapshot& snapshot, store::Transaction& transaction);
   Outcome Lost();
   Outcome SettleFailedCommit(const Error& error);
   void Purge();
@@ -83,9 +86,11 @@ class DeletionJob {
   std::optional<DeletionPlan> plan_;    // what the files were selected by; not set: not yet
   bool is_gone_ = false;                // the guest has no record any more
   Selection selection_;                 // the files that still have their names
+  Trail storage_;                       // the folders that they are in
   Notes later_notes_;                   // of what went otherwise than selected
   DeletionRecord record_;               // as it is stored
   store::Revision revision_ = 0;        // of the stored record
+  store::Revision run_revision_ = 0;    // of the record of a host that has the guest's saved memory
   store::Revision files_revision_ = 0;  // of FilesKey(), from before the last search
   Refusal refusal_;
 };

@@ -160,6 +160,10 @@ Result<DeletionPlan> PlanDeletion(const store::Snapshot& snapshot, const std::st
   Result<std::string> repository_host = RepositoryHost(snapshot, guest->record);
   if (!repository_host) return repository_host.error();
   plan.repository_host_id = std::move(*repository_host);
+  const Json::Value& host_id = json::Member(guest->record, keys::host_id);
+  const Json::Value& repository_id = json::Member(guest->record, keys::repository_id);
+  if (host_id.isString()) plan.host_id = json::String(host_id);
+  if (repository_id.isString()) plan.repository_id = json::String(repository_id);
   plan.images = ImagesOf(guest->record);
   return plan;
 }

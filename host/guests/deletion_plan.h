@@ -37,6 +37,8 @@ struct NamedFile {
 // The records of one state of the store. A disk or interface is the guest's when the guest lists it and its own record
 // names the guest.
 struct DeletionPlan {
+  std::string host_id;                   // "" when the record names none
+  std::string repository_id;             // the same
   std::string repository_host_id;        // "" when it is not known
   std::vector<NamedFile> files;          // of the guest's disks, and of its UEFI variables
   std::set<std::string> disks;           // their ids

@@ -26,6 +26,8 @@ constexpr char kStage[] = "stage";
 constexpr char kFiles[] = "files";
 constexpr char kPath[] = "path";
 constexpr char kHidden[] = "hidden";
+constexpr char kRepositoryId[] = "repository_id";
+constexpr char kStorage[] = "storage";
 constexpr char kHiding[] = "hiding";
 constexpr char kPurging[] = "purging";
 
@@ -67,6 +69,8 @@ std::optional<DeletionRecord> ParseDeletion(std::string_view text, const std::st
     if (!file) return std::nullopt;
     record.files.push_back(std::move(*file));
   }
+  record.repository_id = Text(json::Member(*parsed, kRepositoryId));
+  record.storage = TrailFromJson(json::Member(*parsed, kStorage));
   return record;
 }
 
@@ -102,6 +106,8 @@ std::string DeletionText(const DeletionRecord& record) {
     element[kPath] = file.path;
     element[kHidden] = file.hidden;
   }
+  if (!record.repository_id.empty()) text[kRepositoryId] = record.repository_id;
+  if (!record.storage.empty()) text[kStorage] = TrailJson(record.storage);
   return json::ToText(text);
 }
 
@@ -129,8 +135,8 @@ Result<StoredLeftover> ReadLeftover(const store::Snapshot& snapshot, const std::
                                     const std::string& guest_id) {
   const auto value = snapshot.Get(LeftoverKey(host_id, guest_id));
   if (!value) return value.error();
-  if (!value->has_value()) return StoredLeftover{0, std::vector<std::string>()};
-  StoredLeftover stored{(*value)->revision, std::nullopt};
+  if (!value->has_value()) return StoredLeftover{0, "", std::vector<std::string>()};
+  StoredLeftover stored{(*value)->revision, "", std::nullopt};
   const Result<Json::Value> parsed = ParseJson((*value)->text);
   if (!parsed || !json::Member(*parsed, kFiles).isArray()) return stored;
   std::vector<std::string> paths;
@@ -139,13 +145,15 @@ Result<StoredLeftover> ReadLeftover(const store::Snapshot& snapshot, const std::
     paths.push_back(json::String(element));
   }
   stored.paths = std::move(paths);
+  stored.repository_id = Text(json::Member(*parsed, kRepositoryId));
   return stored;
 }
 
-std::string LeftoverText(const std::vector<std::string>& paths) {
+std::string LeftoverText(const std::vector<std::string>& paths, const std::string& repository_id) {
   Json::Value text(Json::objectValue);
   Json::Value& files = json::MakeArray(text[kFiles]);
   for (const std::string& path : paths) files.append(path);
+  if (!repository_id.empty()) text[kRepositoryId] = repository_id;
   return json::ToText(text);
 }
 

@@ -11,6 +11,7 @@
 
 #include "host/base/result.h"
 #include "host/guests/refusal.h"
+#include "host/guests/storage_trail.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {
@@ -29,6 +30,8 @@ struct DeletionRecord {
   std::chrono::system_clock::time_point since;  // whole seconds
   DeletionStage stage = DeletionStage::kHiding;
   std::vector<HiddenFile> files;
+  std::string repository_id;  // the guest's
+  Trail storage;              // the folders that the files are in
 };
 
 struct StoredDeletion {
@@ -57,10 +60,11 @@ Refusal DeletedByOther(const StoredDeletion& deletion);
 std::string LeftoverKey(const std::string& host_id, const std::string& guest_id);
 struct StoredLeftover {
   store::Revision revision = 0;                   // 0: there is none
+  std::string repository_id;                      // "" when it is not known
   std::optional<std::vector<std::string>> paths;  // not set: it is damaged
 };
 Result<StoredLeftover> ReadLeftover(const store::Snapshot& snapshot, const std::string& host_id,
                                     const std::string& guest_id);
-std::string LeftoverText(const std::vector<std::string>& paths);
+std::string LeftoverText(const std::vector<std::string>& paths, const std::string& repository_id);
 
 }  // namespace vexa::guests

@@ -20,6 +20,10 @@ std::string DomainKey(const std::string& guest_id) {
   return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, kDomain});
 }
 
+std::string UndefineKey(const std::string& host_id, const std::string& guest_id) {
+  return store::MakeKey({"undefine", host_id, guest_id});
+}
+
 std::string DomainText(const DomainRecord& domain) {
   Json::Value record(Json::objectValue);
   record[kXml] = domain.xml;

@@ -1,6 +1,10 @@
-// The definition that a guest's owner had before the guest was imported.
+// The definitions that libvirt has of guests, as far as the store knows of them.
 //
-//   /dash/guest/<guest id>/domain   {"xml": libvirt's XML of the inactive domain, "autostart"}
+//   /dash/guest/<guest id>/domain      {"xml": libvirt's XML of the inactive domain, "autostart"}: the definition that
+//                                      the guest's owner had before the guest was imported
+//   /undefine/<host id>/<guest id>     true: the guest was deleted, or given to another host, and what the host has
+//   made
+//                                      of it in its libvirt is to go
 //
 // Whoever imports a guest hands its definition over: from the first start on, this host defines the guest for libvirt
 // from this XML and the records, and keeps in it everything that the records do not manage. A guest without this key
@@ -22,6 +26,8 @@ struct DomainRecord {
 
 std::string DomainKey(const std::string& guest_id);
 std::string DomainText(const DomainRecord& domain);
+
+std::string UndefineKey(const std::string& host_id, const std::string& guest_id);
 
 struct StoredDomain {
   DomainRecord domain;

@@ -44,6 +44,8 @@ struct EditOptions {
   // As for deletions. New files are made in "<root>/<repository's id>" of the first root that has such a folder, or
   // else in a new one below the first root.
   std::vector<std::string> image_roots;
+  // Knows whether the folders of files are those that they are in. Null: all are.
+  std::shared_ptr<StorageWatch> storage;
   // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that cannot be found out. Not set: no guest
   // can run here.
   std::function<Refused(const std::string& guest_id)> refuse_active;

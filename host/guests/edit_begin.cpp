@@ -90,10 +90,24 @@ Refused EditJob::LookInto() {
   if (const Status gathered = facts_.Gather(options_, guest_id_); !gathered) return FailedBecause(gathered.error());
   const std::optional<FileChanges> unseen = std::exchange(unseen_, std::nullopt);
   if (!unseen) return std::nullopt;
+  if (Refused storage = RefuseStorage(*unseen)) return storage;
   const Status selected = SelectFor(*unseen);
-  if (selected) return std::nullopt;
+  // What was missing may have gone with its storage in between.
+  if (selected) return RefuseStorage(*unseen);
   const bool is_about_disk = selected.error().code() != ErrorCode::kInternal;
   return Refusal{is_about_disk ? kBadDisk : kFailed, selected.error().ToString()};
+}
+
+Refused EditJob::RefuseStorage(const FileChanges& files) const {
+  if (!options_.storage) return std::nullopt;
+  std::vector<std::string> paths;
+  for (const GrownFile& file : files.grown) paths.push_back(file.path);
+  for (const NamedFile& file : files.removed) paths.push_back(file.path);
+  Refused refused = options_.storage->Refuse(files.repository_id, paths, StorageUse::kExisting);
+  if (refused || files.made.empty()) return refused;
+  paths.clear();
+  for (const NewFile& file : files.made) paths.push_back(file.path);
+  return options_.storage->Refuse(files.repository_id, paths, StorageUse::kNew);
 }
 
 // A commit whose failure was reported may have been made all the same, and would keep everybody from the guest.
@@ -171,6 +185,13 @@ Status EditJob::SelectFor(const FileChanges& files) {
   for (const NewFile& file : files.made) record_.made.push_back(file.path);
   if (Status selected = SelectGrown(files); !selected) return selected;
   if (Status selected = SelectRemoved(files); !selected) return selected;
+  std::vector<std::string> paths = record_.made;
+  for (const HiddenFile& file : record_.hidden) paths.push_back(file.path);
+  for (const Growth& growth : record_.grown) paths.push_back(growth.path);
+  Result<Trail> storage = TrailOfAll(options_.image_roots, paths);
+  if (!storage) return Error(ErrorCode::kInternal, storage.error().ToString());
+  record_.storage = std::move(*storage);
+  record_.repository_id = files.repository_id;
   files_ = files;
   return {};
 }

@@ -57,6 +57,7 @@ Refused EditJob::Start(const Json::Value& edit, const Requester& requester) {
 Refused EditJob::Resume(const StoredEdit& begun) {
   record_ = *begun.record;
   revision_ = begun.revision;
+  if (Refused storage = RefuseStorage()) return storage;
   if (record_.stage == EditStage::kPurging) {
     Purge();
     return std::nullopt;
@@ -124,6 +125,7 @@ EditJob::Outcome EditJob::CommitRecords() {
 
 EditJob::Outcome EditJob::CommitOnce() {
   cluster::RequestScope::ReleaseSnapshot();
+  if (const Refused storage = RefuseStorage()) return Undo(*storage, Outcome::kRefused);
   if (const Status gathered = facts_.Gather(options_, guest_id_); !gathered)
     return SettleFailedCommit(gathered.error());
   const Result<bool> wanted = AreFilesNamedByOthers();
@@ -245,6 +247,9 @@ EditJob::Outcome EditJob::SettleFailedCommit(const Error& error) {
 
 // What fails is tried again: the disks are removed all the same.
 void EditJob::Purge() {
+  if (const Refused storage = RefuseStorage()) {
+    return LogFailure("It is not finished, and tried again: " + storage->reason);
+  }
   bool is_all = true;
   for (std::size_t i = 0; i < record_.hidden.size(); ++i) {
     const auto& [path, hidden] = record_.hidden[i];

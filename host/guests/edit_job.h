@@ -45,6 +45,10 @@ class EditJob {
   Outcome Begin(const Requester& requester);
   Outcome TakeBegun();
   Refused LookInto();
+  // 949 while the folders of the files are not those that they are in, or that the edit began with: nothing is known
+  // about the files.
+  Refused RefuseStorage(const FileChanges& files) const;
+  Refused RefuseStorage() const;
   Outcome SettleFailedBegin(const Error& error);
   Result<store::Transaction> PlanBegin(const Requester& requester);
   Result<store::Transaction> PlanIntent(const Requester& requester, store::Transaction transaction);

@@ -351,6 +351,7 @@ Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_i
   CheckMachine(edited, before);
   if (edited.plan.refused) return std::move(edited.plan);
   NoteImages(edited);
+  edited.plan.files.repository_id = edited.repository_id;
   done = Write(edited);
   if (!done) return done.error();
   return std::move(edited.plan);

@@ -43,6 +43,7 @@ struct FileChanges {
   std::vector<NamedFile> removed;
   std::set<std::string> removed_disks;  // their ids
   std::set<std::string> images;         // normal paths of the guest's ISO images
+  std::string repository_id;            // the guest's
   bool operator==(const FileChanges&) const = default;
   bool empty() const { return made.empty() && grown.empty() && removed.empty(); }
 };

@@ -27,6 +27,8 @@ constexpr char kPath[] = "path";
 constexpr char kHidden[] = "hidden";
 constexpr char kFrom[] = "from";
 constexpr char kTo[] = "to";
+constexpr char kRepositoryId[] = "repository_id";
+constexpr char kStorage[] = "storage";
 constexpr char kDoing[] = "doing";
 constexpr char kPurging[] = "purging";
 constexpr std::string_view kSuffixQcow2 = ".qcow2";
@@ -131,6 +133,8 @@ std::optional<EditRecord> ParseRecord(std::string_view text, const std::string& 
                         ParseList(json::Member(*parsed, kHiddenFiles), parse_hidden, record.hidden) &&
                         ParseList(json::Member(*parsed, kGrown), ParseGrowth, record.grown);
   if (!is_whole) return std::nullopt;
+  record.repository_id = Text(json::Member(*parsed, kRepositoryId));
+  record.storage = TrailFromJson(json::Member(*parsed, kStorage));
   return record;
 }
 
@@ -158,6 +162,8 @@ std::string EditText(const EditRecord& record) {
   }
   Json::Value& grown = json::MakeArray(text[kGrown]);
   for (const Growth& growth : record.grown) grown.append(GrowthJson(growth));
+  if (!record.repository_id.empty()) text[kRepositoryId] = record.repository_id;
+  if (!record.storage.empty()) text[kStorage] = TrailJson(record.storage);
   return json::ToText(text);
 }
 

@@ -25,6 +25,8 @@ struct EditRecord {
   std::vector<std::string> made;  // normal paths
   std::vector<HiddenFile> hidden;
   std::vector<Growth> grown;
+  std::string repository_id;  // the guest's
+  Trail storage;              // the folders that all these files are in
 };
 
 struct StoredEdit {

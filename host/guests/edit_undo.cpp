@@ -22,10 +22,21 @@ bool IsCode(const Status& status, ErrorCode code) { return !status && status.err
 
 }  // namespace
 
+Refused EditJob::RefuseStorage() const {
+  if (!options_.storage) return std::nullopt;
+  if (files_ && !files_->removed.empty()) {
+    std::vector<std::string> paths;
+    for (const NamedFile& file : files_->removed) paths.push_back(file.path);
+    if (Refused storage = options_.storage->Refuse(files_->repository_id, paths, StorageUse::kExisting)) return storage;
+  }
+  return options_.storage->RefuseTrail(record_.repository_id, record_.storage, StorageUse::kExisting);
+}
+
 EditJob::Outcome EditJob::Undo(const Refusal& refusal, Outcome outcome) {
   refusal_ = refusal;
   cluster::RequestScope::ReleaseSnapshot();
-  Status undone = UndoFiles();
+  const Refused storage = RefuseStorage();
+  Status undone = storage ? Status(Error(ErrorCode::kUnavailable, storage->reason)) : UndoFiles();
   if (undone) undone = RemoveRecord("commit undo");
   if (undone) return outcome;
   const std::string more = "What was done could not be undone, which is tried again: " + undone.error().ToString();

@@ -7,36 +7,35 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/guarded.h"
 #include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
-#include "host/guests/host_networks.h"
-#include "host/hypervisor/domain_xml.h"
-#include "webapi/utils/json.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
 
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::chrono::minutes kLongestRetry{10};
+constexpr std::chrono::milliseconds kWatchInterval{100};
+constexpr std::chrono::milliseconds kWatchRetry{1000};
+constexpr std::chrono::seconds kStorageInterval{10};
 
-DeletionOptions OptionsOfDeletion(const GuestControlOptions& options) {
-  DeletionOptions deletion;
-  deletion.store = options.store;
-  deletion.host_id = options.host_id;
-  deletion.image_roots = options.image_roots;
-  deletion.before_step = options.before_step;
-  return deletion;
+// Adds the guest whose record, and nothing beside it, has the key.
+void InsertGuestOf(std::string_view key, const std::string& prefix, std::set<std::string>& guest_ids) {
+  if (key.size() <= prefix.size() + 1) return;
+  const std::string_view rest = key.substr(prefix.size() + 1);
+  const std::size_t slash = rest.find('/');
+  if (slash == std::string_view::npos || rest.substr(slash + 1) != VexaCCC::DB::_k::object) return;
+  if (auto guest_id = store::DecodeSegment(rest.substr(0, slash))) guest_ids.insert(std::move(*guest_id));
 }
 
-// The path of an image in a drive, which a record names by the path or by the image's id.
-Result<std::string> ImagePath(const std::string& image) {
-  if (image.starts_with('/')) return image;
-  const Result<cluster::Record> record = cluster::ReadObject("image", image);
-  if (!record) return record.error();
-  const Json::Value& path = json::Member(**record, "path");
-  if (path.isString()) return json::String(path);
-  return Error(ErrorCode::kCorrupt, "The record of the image '" + image + "' says no path");
+std::shared_ptr<StorageWatch> MakeStorageWatch(const GuestControlOptions& options) {
+  StorageOptions storage;
+  storage.store = options.store;
+  storage.host_id = options.host_id;
+  storage.roots = options.image_roots;
+  return std::make_shared<StorageWatch>(std::move(storage));
 }
 
 bool IsFile(const std::string& path) {
@@ -56,9 +55,22 @@ Result<std::unique_ptr<GuestControl>> GuestControl::Start(GuestControlOptions op
 
 LibvirtGuestControl::LibvirtGuestControl(GuestControlOptions options, std::uint64_t epoch)
     : options_(std::move(options)),
-      deletion_(OptionsOfDeletion(options_)),
+      storage_(MakeStorageWatch(options_)),
+      deletion_(OptionsOfDeletion()),
       edits_(OptionsOfEdits()),
       sequencer_(epoch) {}
+
+DeletionOptions LibvirtGuestControl::OptionsOfDeletion() {
+  DeletionOptions deletion;
+  deletion.store = options_.store;
+  deletion.host_id = options_.host_id;
+  deletion.image_roots = options_.image_roots;
+  deletion.before_step = options_.before_step;
+  deletion.storage = storage_;
+  deletion.refuse_active = [this](const std::string& guest_id) { return RefuseActive(guest_id); };
+  deletion.is_alive = options_.is_alive;
+  return deletion;
+}
 
 EditOptions LibvirtGuestControl::OptionsOfEdits() {
   EditOptions edits;
@@ -66,24 +78,23 @@ EditOptions LibvirtGuestControl::OptionsOfEdits() {
   edits.host_id = options_.host_id;
   edits.image_roots = options_.image_roots;
   edits.before_step = options_.before_step;
+  edits.storage = storage_;
+  edits.refuse_active = [this](const std::string& guest_id) { return RefuseActive(guest_id); };
   edits.rate_pins = [this](const Guest& edited) { return RatePins(edited); };
   if (!ForgetsGuests()) edits.has_file = IsFile;
   return edits;
 }
 
 LibvirtGuestControl::~LibvirtGuestControl() {
-  BeginStop();
-  {
-    const std::lock_guard lock(maintenance_mutex_);
-    ends_ = true;
+  Stop(std::chrono::milliseconds(0));
+  for (std::thread* thread : {&maintenance_, &watching_}) {
+    if (thread->joinable()) thread->join();
   }
-  maintenance_wake_.notify_all();
-  if (maintenance_.joinable()) maintenance_.join();
   {
     const std::lock_guard lock(callback_mutex_);
     is_open_ = false;
   }
-  // In this order: its thread uses the hypervisor.
+  // In this order: its threads use the hypervisor.
   shut_downs_.reset();
   hypervisor_.reset();
 }
@@ -116,6 +127,9 @@ Status LibvirtGuestControl::Begin() {
     const std::lock_guard lock(callback_mutex_);
     is_open_ = true;
   }
+  // What is imported from now on is seen by the watch.
+  if (const auto snapshot = options_.store->Read()) watched_ = (*snapshot)->revision();
+  storage_->Refresh();
   edits_.FinishAll();
   deletion_.FinishAll();
   if (hypervisor_->IsConnected()) {
@@ -123,39 +137,79 @@ Status LibvirtGuestControl::Begin() {
   } else {
     ::syslog(LOG_ERR, "The hypervisor cannot be reached. It is tried again; guests cannot be started meanwhile.");
   }
-  maintenance_ = std::thread([this] { Maintain(); });
+  threads_ = 2;
+  const auto run = [this](void (LibvirtGuestControl::*work)()) {
+    (this->*work)();
+    const std::lock_guard lock(maintenance_mutex_);
+    --threads_;
+    maintenance_wake_.notify_all();
+  };
+  maintenance_ = std::thread(run, &LibvirtGuestControl::Maintain);
+  watching_ = std::thread(run, &LibvirtGuestControl::WatchRecords);
   return {};
 }
 
-void LibvirtGuestControl::BeginStop() { stopping_ = true; }
+bool LibvirtGuestControl::Stop(std::chrono::milliseconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  stopping_ = true;
+  storage_->Stop();
+  bool is_done = !shut_downs_ || shut_downs_->Stop(patience);
+  // The answer to an event may hang in libvirt.
+  if (callback_mutex_.try_lock_until(end)) {
+    callback_mutex_.unlock();
+  } else {
+    is_done = false;
+  }
+  std::unique_lock lock(maintenance_mutex_);
+  ends_ = true;
+  maintenance_wake_.notify_all();
+  return maintenance_wake_.wait_until(lock, end, [this] { return threads_ == 0; }) && is_done;
+}
 
 // What failed is tried again, and what other hosts have left for this one is done. Guests that run are looked at too: a
 // libvirt that starts anew ends those that were half started, and tells of that with no event.
 void LibvirtGuestControl::Maintain() {
   std::unique_lock lock(maintenance_mutex_);
   while (!maintenance_wake_.wait_for(lock, options_.maintenance_interval, [this] { return ends_; })) {
-    std::set<std::string> guest_ids = unsettled_;
     lock.unlock();
-    if (const auto runs = RunsOf(*options_.store, options_.host_id); runs && hypervisor_->IsConnected()) {
-      for (const auto& [guest_id, run] : *runs) guest_ids.insert(guest_id);
-    }
-    for (const std::string& guest_id : guest_ids) LookWhenFree(guest_id);
-    deletion_.RemoveLeftovers();
-    FinishEdits();
+    Guarded("The maintenance of guests", [this] { MaintainOnce(); });
     lock.lock();
   }
 }
 
-void LibvirtGuestControl::FinishEdits() {
+void LibvirtGuestControl::MaintainOnce() {
+  std::set<std::string> guest_ids;
+  {
+    const std::lock_guard lock(maintenance_mutex_);
+    guest_ids = unsettled_;
+  }
+  if (const auto runs = RunsOf(*options_.store, options_.host_id); runs && hypervisor_->IsConnected()) {
+    for (const auto& [guest_id, run] : *runs) guest_ids.insert(guest_id);
+  }
+  for (const std::string& guest_id : guest_ids) LookWhenFree(guest_id);
+  if (const auto now = std::chrono::steady_clock::now(); now >= next_refresh_) {
+    storage_->Refresh();
+    next_refresh_ = now + kStorageInterval;
+  }
+  deletion_.RemoveLeftovers();
+  RemoveDefinitions();
+  FinishBegun();
+}
+
+void LibvirtGuestControl::FinishBegun() {
   const auto now = std::chrono::steady_clock::now();
   std::map<std::string, Retry> unfinished;
-  for (const std::string& guest_id : edits_.Begun()) {
+  std::set<std::string> begun;
+  for (std::string& guest_id : deletion_.Begun()) begun.insert(std::move(guest_id));
+  for (std::string& guest_id : edits_.Begun()) begun.insert(std::move(guest_id));
+  for (const std::string& guest_id : begun) {
     const auto known = unfinished_.find(guest_id);
     Retry retry = known == unfinished_.end() ? Retry{now, options_.maintenance_interval} : known->second;
     if (retry.next <= now && !stopping_) {
-      // Whoever edits it now has the guest.
+      // Whoever works on it now has the guest.
       if (auto claim = claims_.TakeToLook(guest_id)) {
         edits_.Finish(guest_id);
+        deletion_.Finish(guest_id);
         LookAndRelease(*std::move(claim), guest_id);
         retry = {now + retry.delay, std::min<std::chrono::milliseconds>(2 * retry.delay, kLongestRetry)};
       }
@@ -165,94 +219,44 @@ void LibvirtGuestControl::FinishEdits() {
   unfinished_ = std::move(unfinished);
 }
 
-Result<hypervisor::Node> LibvirtGuestControl::NodeFigures() {
-  {
-    const std::lock_guard lock(node_mutex_);
-    if (node_) return *node_;
+void LibvirtGuestControl::WatchRecords() {
+  const std::string prefix = store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name()});
+  const auto ends = [this] {
+    const std::lock_guard lock(maintenance_mutex_);
+    return ends_;
+  };
+  while (!ends()) {
+    bool has_failed = true;
+    Guarded("The watch of guests' records", [&] {
+      const auto batch = options_.store->Watch(prefix, watched_, kWatchInterval);
+      if (!batch) return;
+      watched_ = batch->revision;
+      if (batch->lost) Reconcile();
+      std::set<std::string> written;
+      for (const store::Change& change : batch->changes) {
+        if (!change.deleted) InsertGuestOf(change.key, prefix, written);
+      }
+      for (const std::string& guest_id : written) LookAtImported(guest_id);
+      has_failed = false;
+    });
+    if (!has_failed) continue;
+    std::unique_lock lock(maintenance_mutex_);
+    maintenance_wake_.wait_for(lock, kWatchRetry, [this] { return ends_; });
   }
-  auto node = hypervisor_->NodeFigures();
-  if (!node) return node.failure().error();
-  const std::lock_guard lock(node_mutex_);
-  node_ = *node;
-  return *node;
 }
 
-// What the guests of this host have taken, but for one that is about to be rated.
-Result<HostResources> LibvirtGuestControl::Resources(const std::string& but_guest_id) {
-  HostResources resources;
-  resources.host_id = options_.host_id;
-  resources.vcpus_per_cpu = options_.vcpus_per_cpu;
-  resources.is_connected = hypervisor_->IsConnected();
-  resources.has_network = options_.has_network;
-  if (!ForgetsGuests()) {
-    if (!resources.has_network) resources.has_network = HostNetworks([this] { return LibvirtNetworks(); });
-    resources.has_file = [](const std::string& path) { return ::access(path.c_str(), F_OK) == 0; };
-  }
-  const auto runs = RunsOf(*options_.store, options_.host_id);
-  if (!runs) return runs.error();
-  std::uint64_t memory_mib = 0;
-  for (const auto& [id, stored] : *runs) {
-    if (id == but_guest_id) continue;
-    resources.vcpus_taken += stored.run.vcpus;
-    resources.pinned_cpus.insert(resources.pinned_cpus.end(), stored.run.pinned_cpus.begin(),
-                                 stored.run.pinned_cpus.end());
-    // The memory of those that run has been taken already, where guests take any.
-    if (ForgetsGuests() || stored.run.starting) memory_mib += stored.run.memory_mib;
-  }
-  const auto node = NodeFigures();
-  if (!node) {
-    resources.is_connected = false;
-    return resources;
-  }
-  resources.cpus = node->cpus;
-  std::uint64_t free_mib = node->memory_mib;
-  if (!ForgetsGuests()) {
-    const auto free = hypervisor_->FreeMemory();
-    if (free) free_mib = *free >> 20;
-  }
-  resources.free_memory_mib = free_mib - std::min(free_mib, memory_mib);
-  return resources;
-}
-
-Result<Rating> LibvirtGuestControl::RateGuest(const std::string& guest_id) {
-  const Result<Guest> guest = ReadGuest(guest_id);
-  if (!guest) return guest.error();
-  cluster::RequestScope::ReleaseSnapshot();
-  const Result<HostResources> resources = Resources(guest_id);
-  if (!resources) return resources.error();
-  return Rate(*guest, *resources);
-}
-
-Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const Run& run) {
-  hypervisor::BuildOptions build;
-  build.domain_type = hypervisor_->DomainType();
-  // The embedded driver has no cgroups of its own.
-  if (options_.hypervisor.mode == "embed") build.cpu_shares = hypervisor::CpuShares::kLeftOut;
-  build.pinned_cpus = run.pinned_cpus;
-  build.image_path = ImagePath;
-  for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
-  hypervisor::GuestRecords records = guest.records;
-  if (IsMachineOfOther(guest)) records.guest.removeMember("name");
-  return hypervisor::BuildDomainXml(records, build);
-}
-
-// Whether another machine has the guest's name: one keeps its name while it runs, when its guest is called otherwise.
-bool LibvirtGuestControl::IsMachineOfOther(const Guest& guest) {
-  const auto known = hypervisor_->List();
-  if (!known) return false;
-  return std::ranges::any_of(*known, [&](const hypervisor::KnownGuest& other) {
-    return other.name == guest.name && other.id != hypervisor::NormalizeUuid(guest.records.id);
-  });
-}
-
-std::vector<std::string> LibvirtGuestControl::LibvirtNetworks() {
-  auto networks = hypervisor_->Networks();
-  return networks ? std::move(*networks) : std::vector<std::string>();
+// A guest that runs, or is saved, although nobody has it: it was imported, or given to this host, with its machine.
+void LibvirtGuestControl::LookAtImported(const std::string& guest_id) {
+  const auto run = ReadRun(*options_.store, guest_id);
+  if (!run || *run || stopping_) return;
+  const auto state = hypervisor_->StateOf(guest_id);
+  if (state && (IsActive(*state) || *state == hypervisor::GuestState::kSaved)) LookWhenFree(guest_id);
 }
 
 std::optional<RunningGuest> LibvirtGuestControl::Running(const std::string& guest_id) {
   const auto stored = ReadRun(*options_.store, guest_id);
-  if (!stored || !*stored || (*stored)->run.host_id != options_.host_id || (*stored)->run.starting) return std::nullopt;
+  if (!stored || !*stored || (*stored)->run.host_id != options_.host_id) return std::nullopt;
+  if ((*stored)->run.starting || (*stored)->run.saved) return std::nullopt;
   const auto agent = hypervisor_->HasAgent(guest_id);
   if (!agent) return std::nullopt;
   RunningGuest running;

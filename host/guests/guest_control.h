@@ -39,6 +39,8 @@ struct GuestControlOptions {
   std::chrono::milliseconds edit_patience = std::chrono::seconds(10);
   // Whether the host has a network or bridge; not set: in test mode all, else what libvirt and the kernel tell.
   std::function<bool(const std::string& name)> has_network;
+  // Whether another host of the cluster lives; see deletion.h. Not set: none does.
+  std::function<bool(const std::string& host_id)> is_alive;
   std::function<void(std::string_view step)> before_step;  // for tests that stop there
 };
 
@@ -65,15 +67,22 @@ class GuestControl {
   // 403, 901.
   virtual Refused PowerOn(const std::string& guest_id, const Requester& requester) = 0;
   // Answers when the guest has been asked; it is asked again and again until it is off, or shut_down_wait is over.
-  // Refusals: 911, 915, 403, 901, 949; the same for the next two.
+  // Refusals: 911, 915, 403, 901, 949; the same for Reboot.
   virtual Refused ShutDown(const std::string& guest_id, const Requester& requester) = 0;
-  // Ends a shut-down that is under way.
+  // Goes past whatever else is being done with the guest: a shut-down or a start that is under way ends. Refusals: 911,
+  // 403, 901, 915 (the system cannot end the guest's process now), 949.
   virtual Refused PowerOff(const std::string& guest_id, const Requester& requester) = 0;
   virtual Refused Reboot(const std::string& guest_id, const Requester& requester) = 0;
   // For high availability, which must know that the guest does not run here: goes past whatever is being done with it,
   // whoever the record names, and does nothing when it does not run. A start that is under way is called off, which
   // has come true when this answers. Refusals: 901, 949.
   virtual Refused Fence(const std::string& guest_id) = 0;
+
+  // Removes the saved memory of a guest, which is off then. Refusals: 911 (it is not saved), 915, 403, 901, 949.
+  virtual Refused DiscardSaved(const std::string& guest_id, const Requester& requester) = 0;
+  // Gives the guest back to whoever uses libvirt without this system: its definition stays, as the records say and
+  // without this system's mark; its records go, and its files stay. Refusals: 910, 915, 912, 403, 901, 949.
+  virtual Refused Release(const std::string& guest_id, const Requester& requester) = 0;
 
   // See Deletion::Delete.
   virtual Refused Delete(const std::string& guest_id, const Requester& requester) = 0;
@@ -90,8 +99,8 @@ class GuestControl {
   virtual std::optional<RunningGuest> Running(const std::string& guest_id) = 0;
 
   // No further events are taken, and nothing is begun: calls are refused with 949. Guests run on. Calls under way end
-  // as they may.
-  virtual void BeginStop() = 0;
+  // as they may. False: something of this object's own still hangs by then, and its destructor would wait for it.
+  virtual bool Stop(std::chrono::milliseconds patience) = 0;
 };
 
 }  // namespace vexa::guests

@@ -15,13 +15,22 @@
 
 #include "host/cluster/live_state.h"
 #include "host/guests/claims.h"
+#include "host/guests/domain_record.h"
 #include "host/guests/edit.h"
 #include "host/guests/guest_control.h"
 #include "host/guests/run_record.h"
 #include "host/guests/shut_downs.h"
 #include "host/guests/starts.h"
+#include "host/guests/storage_watch.h"
 
 namespace vexa::guests {
+
+// What a host has for one guest, from before a lock is taken, and what its guests have taken of it.
+struct Facts {
+  HostResources resources;
+  // The guests that ran when the free memory was read: what they have taken is no part of it.
+  std::set<std::string> counted_runs;
+};
 
 class LibvirtGuestControl final : public GuestControl {
  public:
@@ -40,8 +49,10 @@ class LibvirtGuestControl final : public GuestControl {
   Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Refused SetHost(const std::string& guest_id, const std::string& host_id) override;
   Result<Rating> RateGuest(const std::string& guest_id) override;
+  Refused DiscardSaved(const std::string& guest_id, const Requester& requester) override;
+  Refused Release(const std::string& guest_id, const Requester& requester) override;
   std::optional<RunningGuest> Running(const std::string& guest_id) override;
-  void BeginStop() override;
+  bool Stop(std::chrono::milliseconds patience) override;
 
  private:
   using Done = hypervisor::Outcome<void>;
@@ -51,17 +62,59 @@ class LibvirtGuestControl final : public GuestControl {
   Refused Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
                   const std::function<Refused()>& act,
                   std::chrono::milliseconds patience = std::chrono::milliseconds(0));
-  Refused StartGuest(const std::string& guest_id);
-  // Commits that this host has the guest, after all checks; the processors to set apart for it.
-  std::variant<Run, Refusal> Reserve(const Guest& guest);
-  Refused StartReserved(const Guest& guest, const Run& run, const Starts::Start& start);
-  // Takes "pending" off the guest's record: it is about to start as that says.
-  Status ClearPending(const std::string& guest_id);
-  Refused RefuseTaken(const std::string& guest_id) const;
   Refused Ask(const std::string& guest_id, const std::function<Done()>& ask);
+  // Powers the guest off, whatever else is being done with it: a start that is under way is called off.
+  Done EndRun(const std::string& guest_id);
   // Whether a guest that runs could have the processors of its own that its edited record asks for.
   Refused RatePins(const Guest& edited);
   bool PressAgain(const std::string& guest_id);
+  // 910 when the guest's machine is there, whoever defined it; 949 when that cannot be asked.
+  Refused RefuseActive(const std::string& guest_id);
+
+  // guest_start.cpp
+  // What is about to be started, and with what it is started.
+  struct Starting {
+    Guest guest;
+    std::optional<hypervisor::Definition> definition;  // libvirt's, from before; not set: none
+    std::optional<DomainRecord> imported;
+    Facts facts;
+    Run run;
+
+    bool IsSaved() const { return definition && definition->state == hypervisor::GuestState::kSaved; }
+  };
+  Refused StartGuest(const std::string& guest_id);
+  // Finds out all that does not need a lock.
+  Refused Prepare(const std::string& guest_id, Starting& starting);
+  Refused RefuseUnmounted(const Guest& guest) const;
+  Refused RefuseForeign(const Starting& starting) const;
+  // Commits that this host has the guest, after all checks.
+  Refused Reserve(Starting& starting);
+  Refused StartReserved(Starting& starting, const Starts::Start& start);
+  // Takes "pending" off the guest's record: it is about to start as that says.
+  Status ClearPending(const std::string& guest_id);
+  Refused RefuseTaken(const std::string& guest_id) const;
+
+  // guest_definition.cpp
+  // The XML of the guest as it is to be defined here; without a mark when it is given back to its owner.
+  enum class Mark { kOurs, kNone };
+  Result<std::string> DomainXml(const Guest& guest, const std::vector<unsigned>& pinned_cpus, Mark mark);
+  Result<std::optional<DomainRecord>> ImportedDomain(const std::string& guest_id) const;
+  Status KeepOriginal(const std::string& guest_id);
+  std::string NewNvramPath(const Guest& guest) const;
+  // The name that libvirt is to have for the guest: not one that another machine has.
+  std::string MachineName(const Guest& guest);
+  // Keeps in the guest's record which file has its UEFI variables, when it does not say yet.
+  Status RecordNvram(const std::string& guest_id, const hypervisor::Definition& definition);
+  Refused RefuseMissingNvram(const Guest& guest) const;
+  Refused DefineGuest(const Guest& guest, const std::vector<unsigned>& pinned_cpus, Mark mark);
+  Refused RestoreAutostart(const std::string& guest_id);
+  Refused GiveBack(const std::string& guest_id);
+  Status RemoveRecords(const std::string& guest_id);
+  // Definitions that are left of guests that were deleted.
+  void RemoveDefinitions();
+  // The same of one guest that is held.
+  void RemoveNoted(const std::string& guest_id);
+  Result<bool> RemoveDefinition(const std::string& guest_id);
 
   // guest_look.cpp
   // Makes the records of a guest that is held say what the hypervisor tells, and cleans up behind one that is off.
@@ -73,26 +126,42 @@ class LibvirtGuestControl final : public GuestControl {
   // False: a machine of the hypervisor's that is none of this host's guests.
   Result<bool> NoteRunning(const std::string& guest_id, const std::optional<StoredRun>& stored);
   Status NoteOff(const std::string& guest_id, const std::optional<StoredRun>& stored, bool is_defined);
+  // Takes down what this host has defined for the run that has ended.
+  Status TakeDown(const std::string& guest_id);
+  // False: the saved memory of a machine that is not one of this host's guests.
+  Result<bool> NoteSaved(const std::string& guest_id, const std::optional<StoredRun>& stored);
+  // The run of a guest whose record names this host and that nobody has. Not set: it is not this host's guest.
+  Result<std::optional<Run>> RunToAdopt(const std::string& guest_id);
+  Status PutRun(const std::string& guest_id, const std::optional<StoredRun>& stored, const Run& run);
   Status Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence);
   // Everything, after a start or a lost connection.
   void Reconcile();
 
   // guest_control.cpp
-  Result<HostResources> Resources(const std::string& but_guest_id);
-  Result<hypervisor::Node> NodeFigures();
+  DeletionOptions OptionsOfDeletion();
   EditOptions OptionsOfEdits();
-  Result<std::string> DomainXml(const Guest& guest, const Run& run);
-  bool IsMachineOfOther(const Guest& guest);
-  std::vector<std::string> LibvirtNetworks();
   bool ForgetsGuests() const { return options_.hypervisor.mode == "test"; }
   void Step(std::string_view step) const {
     if (options_.before_step) options_.before_step(step);
   }
   void Maintain();
-  // Goes on with edits that could not be finished, each less and less often.
-  void FinishEdits();
+  void MaintainOnce();
+  // Goes on with deletions and edits that could not be finished, each less and less often.
+  void FinishBegun();
+  // Looks at guests whose records others write, such as imports of machines that run.
+  void WatchRecords();
+  void LookAtImported(const std::string& guest_id);
+
+  // guest_facts.cpp
+  // What the host has for a guest. Asks the hypervisor and the file system, which may hang: not under a lock.
+  Facts GatherFacts(const Guest& guest);
+  Result<hypervisor::Node> NodeFigures();
+  std::vector<std::string> LibvirtNetworks();
+  // Adds what the guests of this host have taken, but for one. Asks the store alone.
+  Status AddTaken(const std::string& except_guest_id, Facts& facts) const;
 
   const GuestControlOptions options_;
+  const std::shared_ptr<StorageWatch> storage_;
   Deletion deletion_;
   Edits edits_;
   cluster::Sequencer sequencer_;
@@ -111,10 +180,15 @@ class LibvirtGuestControl final : public GuestControl {
     std::chrono::steady_clock::time_point next;
     std::chrono::milliseconds delay;
   };
-  std::map<std::string, Retry> unfinished_;  // edits, by guest; only maintenance_ uses it
+  std::map<std::string, Retry> unfinished_;             // deletions and edits, by guest; only maintenance_ uses it
+  std::chrono::steady_clock::time_point next_refresh_;  // of storage_; only maintenance_ uses it
+  store::Revision watched_ = 0;                         // watching_ goes on from here
   bool ends_ = false;
+  int threads_ = 0;  // of maintenance_ and watching_, those that run
   std::thread maintenance_;
-  std::mutex callback_mutex_;  // held by the hypervisor's callbacks, so that none uses one that is being destroyed
+  std::thread watching_;
+  std::timed_mutex
+      callback_mutex_;  // held by the hypervisor's callbacks, so that none uses one that is being destroyed
   bool is_open_ = false;
   // Destroyed first: its callbacks use everything above.
   std::unique_ptr<hypervisor::Hypervisor> hypervisor_;

@@ -73,10 +73,16 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       return Observe(guest_id, word, sequence);
     }
     shut_downs_->End(guest_id);
+    if (state && *state == GuestState::kSaved) {
+      const Result<bool> is_ours = NoteSaved(guest_id, *stored);
+      if (!is_ours) return is_ours.error();
+      if (!*is_ours) return {};
+      return Observe(guest_id, states::saved, sequence);
+    }
     const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
     const bool has_crashed = state && *state == GuestState::kCrashed;
     // Without a run only a state that cannot be true is put right: a crash is told until the next start.
-    if (is_ours || IsLive(StoredState(guest_id))) {
+    if (is_ours || IsLive(StoredState(guest_id)) || StoredState(guest_id) == states::saved) {
       const bool never_ran = is_ours && (*stored)->run.starting;
       const bool is_told = never_ran && !IsLive(StoredState(guest_id));
       if (!is_told) {
@@ -99,7 +105,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
 // Starts a guest again that ran when the hypervisor forgot it. One that was stopped is still known to the hypervisor,
 // or has the state of one that is off.
 Status LibvirtGuestControl::Restore(const std::string& guest_id, const StoredRun& stored) {
-  if (stored.run.host_id != options_.host_id || stored.run.starting) return {};
+  if (stored.run.host_id != options_.host_id || stored.run.starting || stored.run.saved) return {};
   const auto state = hypervisor_->StateOf(guest_id);
   const bool is_forgotten = !state && state.failure().problem() == Problem::kNoSuchGuest;
   if (!is_forgotten || !IsLive(StoredState(guest_id))) return {};
@@ -107,7 +113,7 @@ Status LibvirtGuestControl::Restore(const std::string& guest_id, const StoredRun
   const Result<Guest> guest = ReadGuest(guest_id);
   if (!guest) return guest.error();
   cluster::RequestScope::ReleaseSnapshot();
-  const Result<std::string> xml = DomainXml(*guest, stored.run);
+  const Result<std::string> xml = DomainXml(*guest, stored.run.pinned_cpus, Mark::kOurs);
   if (!xml) return xml.error();
   if (const auto defined = hypervisor_->Define(*xml); !defined) return defined.failure().error();
   return hypervisor_->Start(guest_id);
@@ -120,37 +126,81 @@ Result<bool> LibvirtGuestControl::NoteRunning(const std::string& guest_id, const
     if (run.host_id != options_.host_id) {
       return Error(ErrorCode::kConflict, "It runs here, and by its record on the host '" + run.host_id + "'");
     }
-    if (!run.starting) return true;
+    if (!run.starting && !run.saved) return true;
   } else {
-    const cluster::CallScope scope;
-    const auto record = cluster::ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
-    if (!record && record.error().code() == ErrorCode::kNotFound) return false;
-    if (!record) return record.error();
-    const Json::Value& host_id = json::Member(**record, keys::host_id);
-    if (!host_id.isString() || json::String(host_id) != options_.host_id) return false;
-    run.host_id = options_.host_id;
-    run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
-    run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
+    Result<std::optional<Run>> adopted = RunToAdopt(guest_id);
+    if (!adopted) return adopted.error();
+    if (!*adopted) return false;
+    run = std::move(**adopted);
   }
   run.since = std::chrono::system_clock::now();
   run.starting = false;
+  run.saved = false;
+  const Status put = PutRun(guest_id, stored, run);
+  Step("look: running noted");
+  if (!put) return put.error();
+  const auto definition = hypervisor_->DefinitionOf(guest_id);
+  if (definition) {
+    if (const Status recorded = RecordNvram(guest_id, *definition); !recorded) return recorded.error();
+  }
+  return true;
+}
+
+Result<bool> LibvirtGuestControl::NoteSaved(const std::string& guest_id, const std::optional<StoredRun>& stored) {
+  Run run;
+  if (stored) {
+    run = stored->run;
+    if (run.host_id != options_.host_id) {
+      return Error(ErrorCode::kConflict,
+                   "Its saved memory is here, and by its record the host '" + run.host_id + "' has it");
+    }
+    if (run.saved) return true;
+  } else {
+    Result<std::optional<Run>> adopted = RunToAdopt(guest_id);
+    if (!adopted) return adopted.error();
+    if (!*adopted) return false;
+    run = std::move(**adopted);
+  }
+  run.starting = false;
+  run.saved = true;
+  run.pinned_cpus.clear();
+  const Status put = PutRun(guest_id, stored, run);
+  Step("look: saved noted");
+  if (!put) return put.error();
+  return true;
+}
+
+Result<std::optional<Run>> LibvirtGuestControl::RunToAdopt(const std::string& guest_id) {
+  const cluster::CallScope scope;
+  const auto record = cluster::ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
+  if (!record && record.error().code() == ErrorCode::kNotFound) return std::optional<Run>();
+  if (!record) return record.error();
+  const Json::Value& host_id = json::Member(**record, keys::host_id);
+  if (!host_id.isString() || json::String(host_id) != options_.host_id) return std::optional<Run>();
+  Run run;
+  run.host_id = options_.host_id;
+  run.since = std::chrono::system_clock::now();
+  run.vcpus = json::UInt64(json::Member(**record, keys::vcpu_num));
+  run.memory_mib = json::UInt64(json::Member(**record, keys::vram_size));
+  return std::optional(std::move(run));
+}
+
+Status LibvirtGuestControl::PutRun(const std::string& guest_id, const std::optional<StoredRun>& stored,
+                                   const Run& run) {
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), stored ? stored->revision : 0}};
   if (!stored) transaction.compares.push_back({DeletionKey(guest_id), 0});
   transaction.operations = {{RunKey(guest_id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();
   const auto committed = options_.store->Commit(transaction);
-  Step("look: running noted");
   if (!committed) return committed.error();
-  return true;
+  return {};
 }
 
 Status LibvirtGuestControl::NoteOff(const std::string& guest_id, const std::optional<StoredRun>& stored,
                                     bool is_defined) {
   if (is_defined) {
-    const auto undefined = hypervisor_->Undefine(guest_id);
-    if (!undefined && undefined.failure().problem() != Problem::kNoSuchGuest) return undefined.failure().error();
-    Step("look: undefined");
+    if (const Status down = TakeDown(guest_id); !down) return down;
   }
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), stored->revision}};
@@ -160,6 +210,21 @@ Status LibvirtGuestControl::NoteOff(const std::string& guest_id, const std::opti
   Step("look: off noted");
   if (!committed) return committed.error();
   return {};
+}
+
+// What others have made, or what has more to lose than its definition, stays.
+Status LibvirtGuestControl::TakeDown(const std::string& guest_id) {
+  const auto definition = hypervisor_->DefinitionOf(guest_id);
+  if (!definition && definition.failure().problem() == Problem::kNoSuchGuest) return {};
+  if (!definition) return definition.failure().error();
+  if (const Status recorded = RecordNvram(guest_id, *definition); !recorded) return recorded;
+  if (definition->owner != hypervisor::Owner::kHost) return {};
+  const auto undefined = hypervisor_->Undefine(guest_id, hypervisor::UndefineScope::kDefinition);
+  Step("look: undefined");
+  if (undefined) return {};
+  const Problem problem = undefined.failure().problem();
+  if (problem == Problem::kNoSuchGuest || problem == Problem::kHasState) return {};
+  return undefined.failure().error();
 }
 
 Status LibvirtGuestControl::Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence) {

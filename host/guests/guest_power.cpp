@@ -1,4 +1,4 @@
-// Starting and stopping the guests of this host.
+// Stopping the guests of this host, and what else is done with one at a time.
 #include <syslog.h>
 
 #include <algorithm>
@@ -51,10 +51,7 @@ void LogDone(const std::string& guest_id, std::string_view action, const Refused
   }
 }
 
-Json::Value WithoutPending(Json::Value guest) {
-  guest.removeMember(kPending);
-  return guest;
-}
+constexpr std::chrono::seconds kPatienceWithLook{5};
 
 }  // namespace
 
@@ -77,103 +74,6 @@ Refused LibvirtGuestControl::Perform(const std::string& guest_id, std::string_vi
   LogDone(guest_id, action, refused);
   LookAndRelease(std::get<Claims::Claim>(std::move(taken)), guest_id);
   return refused;
-}
-
-// Whoever has the guest, or deletes it, by what is stored now. Nothing: nobody.
-Refused LibvirtGuestControl::RefuseTaken(const std::string& guest_id) const {
-  const auto run = ReadRun(*options_.store, guest_id);
-  if (!run) return RefusalOf(run.error());
-  if (*run) return Refusal{kRunsAlready, "The host " + (*run)->run.host_id + " has the guest"};
-  if (Refused deleted = DeletionUnderWay(*options_.store, guest_id)) return deleted;
-  return EditUnderWay(*options_.store, guest_id);
-}
-
-Refused LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requester& requester) {
-  return Perform(guest_id, "poweron", requester, [&] { return StartGuest(guest_id); });
-}
-
-Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
-  const Starts::Start start(starts_, guest_id);
-  const Result<Guest> guest = ReadGuest(guest_id);
-  if (!guest) return RefusalOf(guest.error());
-  cluster::RequestScope::ReleaseSnapshot();
-  if (guest->host_id != options_.host_id) {
-    return Refusal{kElsewhere, "The guest belongs to the host '" + guest->host_id + "'"};
-  }
-  const auto state = hypervisor_->StateOf(guest_id);
-  if (!state && state.failure().problem() != Problem::kNoSuchGuest) return RefusalOf(state.failure());
-  if (state && IsActive(*state)) return Refusal{kRunsAlready, "The guest runs"};
-  // What an earlier run has left goes first.
-  Look(guest_id);
-  auto reserved = Reserve(*guest);
-  if (auto* refusal = std::get_if<Refusal>(&reserved)) return std::move(*refusal);
-  Step("poweron: reserved");
-  if (const Status cleared = ClearPending(guest_id); !cleared) return RefusalOf(cleared.error());
-  // From now on nobody gives the guest to another host; what was changed before counts.
-  cluster::RequestScope::ReleaseSnapshot();
-  const Result<Guest> current = ReadGuest(guest_id);
-  if (!current) return RefusalOf(current.error());
-  cluster::RequestScope::ReleaseSnapshot();
-  if (WithoutPending(current->records.guest) != WithoutPending(guest->records.guest)) {
-    return Refusal{kBusy, "The guest was changed in this moment; try again"};
-  }
-  return StartReserved(*current, std::get<Run>(reserved), start);
-}
-
-std::variant<Run, Refusal> LibvirtGuestControl::Reserve(const Guest& guest) {
-  const std::lock_guard placing(placing_);
-  Result<HostResources> resources = Resources(guest.records.id);
-  if (!resources) return RefusalOf(resources.error());
-  Rating rating = Rate(guest, *resources);
-  if (!rating.refusals.empty()) return std::move(rating.refusals.front());
-  Run run;
-  run.host_id = options_.host_id;
-  run.since = std::chrono::system_clock::now();
-  run.starting = true;
-  run.vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
-  run.memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
-  run.pinned_cpus = std::move(rating.pinned_cpus);
-  store::Transaction transaction;
-  for (const std::string& key : {RunKey(guest.records.id), DeletionKey(guest.records.id), EditKey(guest.records.id)}) {
-    transaction.compares.push_back({key, 0});
-  }
-  transaction.operations = {{RunKey(guest.records.id), RunText(run)}};
-  cluster::RequestScope::ReleaseSnapshot();
-  const auto committed = options_.store->Commit(transaction);
-  if (committed) return run;
-  if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());
-  if (Refused taken = RefuseTaken(guest.records.id)) return std::move(*taken);
-  return Refusal{kBusy, "Another host has just let go of the guest; try again"};
-}
-
-// What somebody adds behind this may count already from this start, and is shown as pending all the same.
-Status LibvirtGuestControl::ClearPending(const std::string& guest_id) {
-  return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    const std::string key = store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, keys::object});
-    auto guest = cluster::LoadObject(**snapshot, key);
-    if (!guest) return guest.error();
-    store::Transaction transaction;
-    if (!json::FindMember(guest->record, kPending)) return transaction;
-    guest->record.removeMember(kPending);
-    cluster::PutObject(transaction, key, *guest);
-    return transaction;
-  });
-}
-
-Refused LibvirtGuestControl::StartReserved(const Guest& guest, const Run& run, const Starts::Start& start) {
-  const Result<std::string> xml = DomainXml(guest, run);
-  // The look that follows gives back what was reserved.
-  if (!xml) return Refusal{kFailed, xml.error().ToString()};
-  const auto defined = hypervisor_->Define(*xml);
-  if (!defined) return RefusalOf(defined.failure());
-  Step("poweron: defined");
-  if (start.IsCalledOff()) return Refusal{kBusy, "The guest was powered off meanwhile, for high availability"};
-  const auto started = hypervisor_->Start(guest.records.id);
-  Step("poweron: started");
-  if (!started) return RefusalOf(started.failure());
-  return {};
 }
 
 Refused LibvirtGuestControl::Ask(const std::string& guest_id, const std::function<Done()>& ask) {
@@ -199,16 +99,43 @@ Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Request
   });
 }
 
+// What is being done with the guest may hang with it, and ends when its machine does: so nothing is waited for.
 Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Requester& requester) {
-  return Perform(guest_id, "poweroff", requester, [&] {
-    return Ask(guest_id, [&] {
-      Step("poweroff: asked");
-      shut_downs_->End(guest_id);
-      Done done = hypervisor_->PowerOff(guest_id);
-      Step("poweroff: done");
-      return done;
-    });
+  if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
+  cluster::RequestScope::ReleaseSnapshot();
+  auto taken = claims_.Take(guest_id, {"poweroff", requester, std::chrono::system_clock::now()});
+  const Refused refused = Ask(guest_id, [&] {
+    Step("poweroff: asked");
+    shut_downs_->End(guest_id);
+    Done done = EndRun(guest_id);
+    Step("poweroff: done");
+    return done;
   });
+  LogDone(guest_id, "poweroff", refused);
+  if (auto* claim = std::get_if<Claims::Claim>(&taken)) {
+    LookAndRelease(std::move(*claim), guest_id);
+  } else {
+    // What is shown is off when this answers, also where somebody else has to look.
+    LookWhenFree(guest_id);
+    claims_.AwaitFree(guest_id, kPatienceWithLook);
+  }
+  return refused;
+}
+
+LibvirtGuestControl::Done LibvirtGuestControl::EndRun(const std::string& guest_id) {
+  const CalledOff called_off = starts_.CallOff(guest_id);
+  Step("end: called off");
+  const auto state = hypervisor_->StateOf(guest_id);
+  Done done = hypervisor_->PowerOff(guest_id);
+  // One that has ended in between is as it was to be.
+  const bool was_active = state && IsActive(*state);
+  if (!done && was_active && done.failure().problem() == Problem::kNotRunning) done = Done();
+  if (done || called_off != CalledOff::kTooLate) return done;
+  // It may not have come to the guest's machine yet.
+  if (!starts_.AwaitEnd(guest_id, options_.fence_wait)) {
+    return hypervisor::Failure(Problem::kBusy, "The guest is being started, and that does not come to an end");
+  }
+  return hypervisor_->PowerOff(guest_id);
 }
 
 Refused LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester& requester) {
@@ -222,28 +149,35 @@ Refused LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester
 
 Refused LibvirtGuestControl::Fence(const std::string& guest_id) {
   shut_downs_->End(guest_id);
-  const bool was_starting = starts_.CallOff(guest_id);
-  Step("fence: called off");
-  Done done = hypervisor_->PowerOff(guest_id);
-  if (was_starting) {
-    // It may have been past the point where it notices.
-    if (!starts_.AwaitEnd(guest_id, options_.fence_wait)) {
-      return Refusal{kUnavailable, "The guest is being started, and that does not come to an end"};
-    }
-    done = hypervisor_->PowerOff(guest_id);
-  }
-  const bool is_off =
-      done || done.failure().problem() == Problem::kNotRunning || done.failure().problem() == Problem::kNoSuchGuest;
+  const Done done = EndRun(guest_id);
   LookWhenFree(guest_id);
-  if (is_off) return {};
-  return RefusalOf(done.failure());
+  if (done) return {};
+  const Problem problem = done.failure().problem();
+  if (problem == Problem::kNotRunning || problem == Problem::kNoSuchGuest) return {};
+  Refusal refusal = RefusalOf(done.failure());
+  if (problem == Problem::kBusy) refusal.code = kUnavailable;
+  return refusal;
+}
+
+Refused LibvirtGuestControl::RefuseActive(const std::string& guest_id) {
+  const auto state = hypervisor_->StateOf(guest_id);
+  if (state) {
+    if (!IsActive(*state)) return {};
+    return Refusal{kRunsAlready, "The guest's machine runs on this host: power it off first"};
+  }
+  const Problem problem = state.failure().problem();
+  // libvirt has no machine of an id that it could not have.
+  if (problem == Problem::kNoSuchGuest || problem == Problem::kInvalid) return {};
+  return Refusal{kUnavailable, "It is not known whether the guest runs: " + state.failure().ToString()};
 }
 
 Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "delete", requester, [&] {
     // A guest that has gone off just now may not have been cleaned up behind.
     Look(guest_id);
-    return deletion_.Delete(guest_id, requester);
+    Refused refused = deletion_.Delete(guest_id, requester);
+    if (!refused) RemoveNoted(guest_id);
+    return refused;
   });
 }
 
@@ -252,18 +186,11 @@ Refused LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value
       guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); }, options_.edit_patience);
 }
 
-Refused LibvirtGuestControl::RatePins(const Guest& edited) {
-  if (edited.host_id != options_.host_id) return {};
-  const Result<HostResources> resources = Resources(edited.records.id);
-  if (!resources) return RefusalOf(resources.error());
-  const Rating rating = Rate(edited, *resources);
-  const auto found = std::ranges::find(rating.refusals, kNoCpuThreads, &Refusal::code);
-  if (found == rating.refusals.end()) return {};
-  return Refusal{kNotPinned, found->reason};
-}
-
 Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::string& host_id) {
-  Refused taken;
+  cluster::RequestScope::ReleaseSnapshot();
+  Refused taken = RefuseTaken(guest_id);
+  if (!taken) taken = RefuseActive(guest_id);
+  if (taken) return taken;
   const Status committed = cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
     taken.reset();
     const auto snapshot = options_.store->Read();
@@ -286,6 +213,13 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
         if (taken) return transaction;
       }
       transaction.compares.push_back({lock, 0});
+    }
+    // What the host before has defined for itself, and would start with its machine, is not to run beside the guest.
+    const Json::Value& before = json::Member(guest->record, keys::host_id);
+    const std::string host_before = before.isString() ? json::String(before) : std::string();
+    const std::string note = UndefineKey(host_before, guest_id);
+    if (!host_before.empty() && host_before != host_id && store::IsKey(note)) {
+      transaction.operations.push_back({note, "true"});
     }
     guest->record[keys::host_id] = host_id;
     cluster::PutObject(transaction, key(VexaCCC::DB::DashCate::Guest, guest_id), *guest);

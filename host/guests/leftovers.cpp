@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
-constexpr int kSearches = 8;
 
 void LogNote(const std::string& guest_id, const std::string& sentence) {
   ::syslog(LOG_WARNING, "Deleted guest[%s]: %s.", cluster::LogText(guest_id, kShownId).c_str(),
@@ -33,11 +32,17 @@ class Leftover {
     if (!stored) return stored.error();
     if (stored->revision == 0) return {};
     if (!stored->paths) return Error(ErrorCode::kCorrupt, "the record of them is damaged and is left as it is");
+    if (options_.storage) {
+      const Refused storage = options_.storage->Refuse(stored->repository_id, *stored->paths, StorageUse::kExisting);
+      if (storage) return Error(ErrorCode::kUnavailable, storage->reason);
+    }
     DeletionPlan plan;
     for (const std::string& path : *stored->paths) plan.files.push_back({plan.files.size(), path});
+    const Result<store::Revision> searched = FilesRevision(*options_.store);
+    if (!searched) return searched.error();
     const Result<Selection> selection = Select(plan);
     if (!selection) return selection.error();
-    const Status removed = RemoveFiles(selection->files);
+    const Status removed = RemoveFiles(selection->files, *searched);
     if (!removed) return removed;
     const Status ended = RemoveKey(stored->revision);
     if (!ended) return ended;
@@ -51,21 +56,12 @@ class Leftover {
   }
 
   // Whoever names one of the files by now is another guest, also under the same id. Searched again when a record has
-  // come to name a file meanwhile.
+  // come to name a file meanwhile; see RemoveFiles.
   Result<Selection> Select(const DeletionPlan& plan) const {
     FileQuestion question;
     question.host_id = options_.host_id;
     cluster::RequestScope::ReleaseSnapshot();
-    for (int search = 0; search < kSearches; ++search) {
-      const Result<store::Revision> before = FilesRevision(*options_.store);
-      if (!before) return before.error();
-      Result<Selection> selection = SelectFiles(guest_id_, plan, question, disk_files_, *options_.store);
-      if (!selection) return selection;
-      const Result<store::Revision> after = FilesRevision(*options_.store);
-      if (!after) return after.error();
-      if (*after == *before) return selection;
-    }
-    return Error(ErrorCode::kBusy, "other records keep naming files");
+    return SelectFiles(guest_id_, plan, question, disk_files_, *options_.store);
   }
 
   Result<StoredLeftover> ReadStored() const {
@@ -74,11 +70,16 @@ class Leftover {
     return ReadLeftover(**snapshot, options_.host_id, guest_id_);
   }
 
-  Status RemoveFiles(const std::vector<HiddenFile>& files) const {
+  // `searched`: FilesKey()'s revision from before it was searched who names the files. It is asked before each, since
+  // removing a large one takes seconds.
+  Status RemoveFiles(const std::vector<HiddenFile>& files, store::Revision searched) const {
     std::set<std::string> folders;
     Status first_failure;
     for (std::size_t i = 0; i < files.size(); ++i) {
       Step("remove " + std::to_string(i));
+      const Result<store::Revision> now = FilesRevision(*options_.store);
+      if (!now) return now.error();
+      if (*now != searched) return Error(ErrorCode::kBusy, "other records have come to name files");
       const Status removed = disk_files_.Remove(files[i].path);
       if (!removed && removed.error().code() != ErrorCode::kNotFound && first_failure) first_failure = removed;
     }

@@ -17,6 +17,7 @@ namespace json = VexaVirtualization::json;
 constexpr char kHostId[] = "host_id";
 constexpr char kSince[] = "since";
 constexpr char kStarting[] = "starting";
+constexpr char kSaved[] = "saved";
 constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
@@ -24,6 +25,13 @@ constexpr char kPinned[] = "pinned_cpus";
 // The last second that the clock, which counts nanoseconds, has a number for.
 constexpr Json::Int64 kLastSecond = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
 static_assert(std::is_same_v<std::chrono::system_clock::period, std::nano>);
+
+}  // namespace
+
+std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds) {
+  const Json::Int64 count = std::clamp<Json::Int64>(json::Int64(seconds), 0, kLastSecond);
+  return std::chrono::system_clock::time_point(std::chrono::seconds(count));
+}
 
 Run ParseRun(std::string_view text) {
   Run run;
@@ -33,19 +41,13 @@ Run ParseRun(std::string_view text) {
   if (host_id.isString()) run.host_id = json::String(host_id);
   run.since = StoredTime(json::Member(*parsed, kSince));
   run.starting = json::Bool(json::Member(*parsed, kStarting));
+  run.saved = json::Bool(json::Member(*parsed, kSaved));
   run.vcpus = json::UInt64(json::Member(*parsed, kVcpus));
   run.memory_mib = json::UInt64(json::Member(*parsed, kMemory));
   for (const Json::Value& cpu : json::Elements(json::Member(*parsed, kPinned))) {
     if (cpu.isUInt()) run.pinned_cpus.push_back(json::UInt(cpu));
   }
   return run;
-}
-
-}  // namespace
-
-std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds) {
-  const Json::Int64 count = std::clamp<Json::Int64>(json::Int64(seconds), 0, kLastSecond);
-  return std::chrono::system_clock::time_point(std::chrono::seconds(count));
 }
 
 std::string RunKey(const std::string& guest_id) { return store::MakeKey({"run", guest_id}); }
@@ -88,6 +90,7 @@ std::string RunText(const Run& run) {
   record[kSince] =
       static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(run.since.time_since_epoch()).count());
   record[kStarting] = run.starting;
+  record[kSaved] = run.saved;
   record[kVcpus] = static_cast<Json::UInt64>(run.vcpus);
   record[kMemory] = static_cast<Json::UInt64>(run.memory_mib);
   record[kPinned] = Json::Value(Json::arrayValue);

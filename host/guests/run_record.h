@@ -1,7 +1,9 @@
 // Which host has which guest, and which guest is being deleted.
 //
-//   /run/<guest id>       {"host_id", "since" (Unix seconds), "starting", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
-//                         from before the guest is defined for the hypervisor of its host until it is off and undefined
+//   /run/<guest id>       {"host_id", "since" (Unix seconds), "starting", "saved", "vcpus", "memory_mib",
+//                         "pinned_cpus": [0, …]}
+//                         from before the guest is defined for the hypervisor of its host until it is off and its
+//                         memory is nowhere: a guest that libvirt saved still belongs to the host that has its memory
 //   /deletion/<guest id>  see deletion.h; from before a file is touched until none is left
 //   /edit/<guest id>      see edit.h; the same
 //
@@ -16,6 +18,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +31,7 @@ struct Run {
   std::string host_id;
   std::chrono::system_clock::time_point since;  // whole seconds
   bool starting = false;                        // what the hypervisor says then decides whether it ever ran
+  bool saved = false;                           // it does not run: its memory is in a file of the host
   std::uint64_t vcpus = 0;
   std::uint64_t memory_mib = 0;
   std::vector<unsigned> pinned_cpus;  // the host's processors that are set apart for it
@@ -53,6 +57,9 @@ struct StoredRun {
   Run run;
   store::Revision revision = 0;
 };
+
+// A damaged record is one of no host; of one that names a host, members of a wrong type are as if absent.
+Run ParseRun(std::string_view text);
 
 // Not set: no host has the guest. A damaged record counts as one of no host ("" as host_id), so that nothing is deleted
 // or started by mistake; of one that names a host, members of a wrong type are as if absent. Errors: what the store

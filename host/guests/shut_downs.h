@@ -16,15 +16,17 @@ namespace vexa::guests {
 struct ShutDownsOptions {
   std::chrono::milliseconds wait;
   std::chrono::milliseconds press_again;
-  // False: there is nothing more to press.
+  // False: there is nothing more to press. It may hang with the guest.
   std::function<bool(const std::string& guest_id)> press;
   std::function<void(const std::string& guest_id)> on_given_up;
 };
 
-// Threads: any, at the same time; the functions are called on a thread of its own, one at a time.
+// Threads: any, at the same time. The functions are called on threads of its own, for one guest one at a time, but that
+// it may be given up while a press hangs: it keeps no other guest from being pressed.
 class ShutDowns {
  public:
   explicit ShutDowns(ShutDownsOptions options);
+  // Waits for calls of the functions to end.
   ~ShutDowns();
 
   // The first press has been made.
@@ -32,20 +34,27 @@ class ShutDowns {
   void End(const std::string& guest_id);
   bool IsUnderWay(const std::string& guest_id) const;
 
+  // Nothing more is pressed. False: a call of a function has not ended by then.
+  bool Stop(std::chrono::milliseconds patience);
+
  private:
   using Clock = std::chrono::steady_clock;
   struct Pending {
     Clock::time_point next;
     Clock::time_point end;
-    std::uint64_t number = 0;  // one begun anew has another
+    std::uint64_t number = 0;  // one that begins again has another
+    bool is_called = false;    // a call for it has not ended
   };
   void Run();
+  void Call(const std::string& guest_id, std::uint64_t number, bool is_over);
 
   const ShutDownsOptions options_;
   mutable std::mutex mutex_;
   std::condition_variable wake_;
+  std::condition_variable ended_;
   std::map<std::string, Pending> pending_;
   std::uint64_t begun_ = 0;
+  int calls_ = 0;
   bool stop_ = false;
   std::thread thread_;
 };

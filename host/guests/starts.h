@@ -10,6 +10,13 @@
 
 namespace vexa::guests {
 
+// What a start that was called off comes to.
+enum class CalledOff {
+  kNone,     // no start is under way
+  kForGood,  // it has not come to the hypervisor, and will not
+  kTooLate,  // it has: the guest may run by now
+};
+
 // Of one guest there is one start at a time. Threads: any, at the same time.
 class Starts {
  public:
@@ -18,7 +25,7 @@ class Starts {
    public:
     Start(Starts& starts, std::string guest_id) : starts_(starts), guest_id_(std::move(guest_id)) {
       const std::lock_guard lock(starts_.mutex_);
-      starts_.under_way_.emplace(guest_id_, false);
+      starts_.under_way_.emplace(guest_id_, State());
     }
     ~Start() {
       const std::lock_guard lock(starts_.mutex_);
@@ -28,9 +35,12 @@ class Starts {
     Start(const Start&) = delete;
     Start& operator=(const Start&) = delete;
 
-    bool IsCalledOff() const {
+    // To be asked before the hypervisor is. False: it was called off.
+    bool GoOn() const {
       const std::lock_guard lock(starts_.mutex_);
-      return starts_.under_way_.at(guest_id_);
+      State& state = starts_.under_way_.at(guest_id_);
+      if (!state.is_called_off) state.is_in_hypervisor = true;
+      return !state.is_called_off;
     }
 
    private:
@@ -38,13 +48,12 @@ class Starts {
     const std::string guest_id_;
   };
 
-  // Whether there is one. What it has begun by now goes on.
-  bool CallOff(const std::string& guest_id) {
+  CalledOff CallOff(const std::string& guest_id) {
     const std::lock_guard lock(mutex_);
     const auto start = under_way_.find(guest_id);
-    if (start == under_way_.end()) return false;
-    start->second = true;
-    return true;
+    if (start == under_way_.end()) return CalledOff::kNone;
+    start->second.is_called_off = true;
+    return start->second.is_in_hypervisor ? CalledOff::kTooLate : CalledOff::kForGood;
   }
 
   // False: it goes on, or another does.
@@ -54,9 +63,13 @@ class Starts {
   }
 
  private:
+  struct State {
+    bool is_called_off = false;
+    bool is_in_hypervisor = false;
+  };
   std::mutex mutex_;
   std::condition_variable ended_;
-  std::map<std::string, bool> under_way_;  // whether it is called off
+  std::map<std::string, State> under_way_;
 };
 
 }  // namespace vexa::guests

@@ -1,5 +1,7 @@
 #include "host/guests/storage_calls.h"
 
+#include "host/base/guarded.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <list>
@@ -42,7 +44,7 @@ BoundedCalls::Call BoundedCalls::Begin(const std::string& name, std::function<vo
   if (hangs || state_->is_stopped) return begun;
   try {
     std::thread([state = state_, run, call = std::move(call)] {
-      call();
+      Guarded("A question to a file system", call);
       const std::lock_guard ended(state->mutex);
       run->has_returned = true;
       state->running.remove(run);

@@ -273,6 +273,16 @@ Result<Trail> TrailOf(const std::vector<std::string>& roots, const std::string& 
   return std::move(look->folders);
 }
 
+Result<Trail> TrailOfAll(const std::vector<std::string>& roots, const std::vector<std::string>& paths) {
+  Trail all;
+  for (const std::string& path : paths) {
+    Result<Trail> trail = TrailOf(roots, path);
+    if (!trail && trail.error().code() != ErrorCode::kInvalid) return trail.error();
+    if (trail) all.merge(*trail);
+  }
+  return all;
+}
+
 TrailCheck CheckTrail(const Trail& trail) {
   using Is = FolderLook::Is;
   using Outcome = TrailCheck::Outcome;

@@ -66,6 +66,8 @@ struct TrailLook {
 Result<TrailLook> LookAlong(const std::vector<std::string>& roots, const std::string& path);
 // The folders alone.
 Result<Trail> TrailOf(const std::vector<std::string>& roots, const std::string& path);
+// Those of all files; one that has no trail adds nothing.
+Result<Trail> TrailOfAll(const std::vector<std::string>& roots, const std::vector<std::string>& paths);
 
 struct TrailCheck {
   enum class Outcome {

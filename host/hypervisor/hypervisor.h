@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "host/hypervisor/domain_build.h"
 #include "host/hypervisor/outcome.h"
 
 namespace vexa::hypervisor {
@@ -17,6 +18,7 @@ enum class GuestState {
   kRunning,
   kPaused,
   kShuttingDown,  // its system has ended, its machine not yet
+  kSaved,         // off, with its memory in a file of libvirt's: starting it restores it
   kCrashed,       // ended by no will of its own; it can be started as one that is off
   kGone,          // undefined
 };
@@ -33,6 +35,28 @@ struct KnownGuest {
   std::string id;  // UUID
   std::string name;
   GuestState state = GuestState::kOff;
+};
+
+// Who made a guest's definition.
+enum class Owner {
+  kUser,      // somebody else: it has no mark of this system
+  kHost,      // this system, for one run of a guest
+  kImported,  // this system, from the definition that a user had before: it stays while the guest is off
+};
+
+// What libvirt has of a guest, whether it runs or not.
+struct Definition {
+  GuestState state = GuestState::kOff;
+  std::string name;
+  Owner owner = Owner::kUser;
+  bool is_persistent = true;  // false: libvirt forgets the guest when it is off
+  std::string nvram;          // the file with its UEFI variables; "" without one
+};
+
+// What goes with a definition. The files of disks and UEFI variables never do.
+enum class UndefineScope {
+  kDefinition,  // nothing else: a guest with a saved memory image, snapshots or checkpoints keeps its definition
+  kEverything,  // its saved memory, the records of its snapshots and checkpoints, the state of its TPM
 };
 
 struct Node {
@@ -105,16 +129,29 @@ class Hypervisor {
   // has asked by then asks again in on_reopened.
   virtual std::string DomainType() const = 0;
 
+  // Whether guests may be given processor shares: it needs cgroups, which a driver without rights does not have.
+  virtual CpuShares ProcessorShares() const = 0;
+
   // Adds the guest, or replaces what it will be at its next start. Gives its UUID. Failures: kInvalid, kExists.
   virtual Outcome<std::string> Define(const std::string& xml) = 0;
-  // Failures: kAlreadyRunning.
-  virtual Outcome<void> Undefine(const std::string& id) = 0;
+  // Failures: kAlreadyRunning, kHasState (kDefinition, and there is more than the definition).
+  virtual Outcome<void> Undefine(const std::string& id, UndefineScope scope) = 0;
+  // Removes the saved memory of a guest that is off. Not an error: there is none.
+  virtual Outcome<void> DiscardSaved(const std::string& id) = 0;
+
+  virtual Outcome<Definition> DefinitionOf(const std::string& id) = 0;
+  // The XML of what the guest will be at its next start.
+  virtual Outcome<std::string> XmlOf(const std::string& id) = 0;
+  // Whether libvirt starts the guest by itself when it starts.
+  virtual Outcome<bool> IsAutostarted(const std::string& id) = 0;
+  virtual Outcome<void> SetAutostart(const std::string& id, bool autostart) = 0;
 
   // Failures: kAlreadyRunning, kNoMemory, kCpuIncompatible, kNetworkMissing, kBridgeMissing, kDiskMissing.
   virtual Outcome<void> Start(const std::string& id) = 0;
   // Asks the guest's agent where there is one, else presses the power button. Failures: kNotRunning, kStillRunning.
   virtual Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) = 0;
-  // Failures: kNotRunning.
+  // Ends the guest whatever else is being done with it: a start that hangs is ended with its QEMU. Failures:
+  // kNotRunning, kBusy (the system cannot end the guest's process now, for instance since its storage does not answer).
   virtual Outcome<void> PowerOff(const std::string& id) = 0;
   virtual Outcome<void> Reboot(const std::string& id) = 0;
 

@@ -44,6 +44,8 @@ std::string_view GuestStateName(GuestState state) {
       return "paused";
     case GuestState::kShuttingDown:
       return "shutting_down";
+    case GuestState::kSaved:
+      return "saved";
     case GuestState::kCrashed:
       return "crashed";
     case GuestState::kGone:
@@ -68,6 +70,7 @@ std::optional<GuestState> StateOfDomain(virDomainPtr domain) {
     case VIR_DOMAIN_SHUTDOWN:
       return GuestState::kShuttingDown;
     case VIR_DOMAIN_SHUTOFF:
+      if (virDomainHasManagedSaveImage(domain, 0) == 1) return GuestState::kSaved;
       // One that could not be started has not run.
       return reason == VIR_DOMAIN_SHUTOFF_CRASHED ? GuestState::kCrashed : GuestState::kOff;
     case VIR_DOMAIN_CRASHED:
@@ -101,6 +104,10 @@ std::string LibvirtHypervisor::DomainType() const {
   const std::shared_ptr<virConnect> connection = link_->Current();
   if (connection) domain_type_ = TypeFor(target_, connection.get());
   return domain_type_.empty() ? "qemu" : domain_type_;
+}
+
+CpuShares LibvirtHypervisor::ProcessorShares() const {
+  return target_.IsUnprivileged() ? CpuShares::kLeftOut : CpuShares::kAllowed;
 }
 
 Outcome<std::shared_ptr<virConnect>> LibvirtHypervisor::Connection() const {
@@ -161,24 +168,6 @@ Outcome<std::string> LibvirtHypervisor::Define(const std::string& xml) {
   const DomainHandle domain(virDomainDefineXMLFlags(connection->get(), xml.c_str(), 0));
   if (!domain) return Failed(*connection, Operation::kDefine, "Cannot define the guest");
   return IdOf(domain.get());
-}
-
-Outcome<void> LibvirtHypervisor::Undefine(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  const std::string failed = "Cannot undefine the guest " + id;
-  const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
-  if (!state) return FailedOn(*guest, Operation::kUndefine, failed);
-  // libvirt would let it run on without a definition.
-  if (IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs: power it off first");
-  // Drivers refuse flags for what they never have.
-  constexpr unsigned kAll = VIR_DOMAIN_UNDEFINE_MANAGED_SAVE | VIR_DOMAIN_UNDEFINE_SNAPSHOTS_METADATA |
-                            VIR_DOMAIN_UNDEFINE_CHECKPOINTS_METADATA | VIR_DOMAIN_UNDEFINE_NVRAM;
-  if (virDomainUndefineFlags(guest->domain.get(), kAll) == 0) return {};
-  const Problem problem = LastFailure(Operation::kUndefine, "").problem();
-  const bool flags_refused = problem == Problem::kInvalid || problem == Problem::kUnsupported;
-  if (flags_refused && virDomainUndefine(guest->domain.get()) == 0) return {};
-  return FailedOn(*guest, Operation::kUndefine, failed);
 }
 
 Outcome<GuestState> LibvirtHypervisor::StateOf(const std::string& id) {

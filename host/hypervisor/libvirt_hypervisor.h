@@ -1,7 +1,9 @@
 // The hypervisor over a connection to libvirt. For host/hypervisor/*.cpp only.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -25,9 +27,16 @@ class Turns {
     Turn& operator=(const Turn&) = delete;
 
    private:
+    friend class Turns;
+    struct Taken {};
+    Turn(Turns& turns, std::string id, Taken) : turns_(turns), id_(std::move(id)) {}
+
     Turns& turns_;
     const std::string id_;
   };
+
+  // Null: another one has not ended by then.
+  std::unique_ptr<Turn> TryTake(const std::string& id, std::chrono::milliseconds patience);
 
  private:
   std::mutex mutex_;
@@ -40,8 +49,14 @@ class LibvirtHypervisor final : public Hypervisor {
   LibvirtHypervisor(Target target, MemoryCheck memory_check, std::unique_ptr<Link> link);
 
   std::string DomainType() const override;
+  CpuShares ProcessorShares() const override;
   Outcome<std::string> Define(const std::string& xml) override;
-  Outcome<void> Undefine(const std::string& id) override;
+  Outcome<void> Undefine(const std::string& id, UndefineScope scope) override;
+  Outcome<void> DiscardSaved(const std::string& id) override;
+  Outcome<Definition> DefinitionOf(const std::string& id) override;
+  Outcome<std::string> XmlOf(const std::string& id) override;
+  Outcome<bool> IsAutostarted(const std::string& id) override;
+  Outcome<void> SetAutostart(const std::string& id, bool autostart) override;
   Outcome<void> Start(const std::string& id) override;
   Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) override;
   Outcome<void> PowerOff(const std::string& id) override;
@@ -73,6 +88,8 @@ class LibvirtHypervisor final : public Hypervisor {
   Failure FailedOn(const Found& guest, Operation operation, std::string message) const;
 
   Outcome<void> CheckMemory(const Found& guest) const;
+  // Whether the guest has more than its definition: saved memory, snapshots, checkpoints.
+  bool HasState(const Found& guest) const;
   Outcome<std::uint64_t> FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const;
   Outcome<void> WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const;
 

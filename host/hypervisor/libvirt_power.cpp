@@ -7,11 +7,15 @@
 
 #include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
+#include "host/hypervisor/qemu_process.h"
 
 namespace vexa::hypervisor {
 namespace {
 
 constexpr std::uint64_t kKib = 1024;
+// A start of QEMU takes about two seconds.
+constexpr std::chrono::seconds kPatienceWithStart{5};
+constexpr std::chrono::seconds kPatienceWithKilled{10};
 
 // The name of a bridge that the guest is to be on and that this machine has not; empty when there is none.
 std::string MissingBridge(virDomainPtr domain) {
@@ -33,6 +37,12 @@ std::string InMib(std::uint64_t bytes) { return std::to_string(bytes >> 20) + " 
 Turns::Turn::Turn(Turns& turns, std::string id) : turns_(turns), id_(std::move(id)) {
   std::unique_lock lock(turns_.mutex_);
   turns_.ended_.wait(lock, [this] { return turns_.taken_.insert(id_).second; });
+}
+
+std::unique_ptr<Turns::Turn> Turns::TryTake(const std::string& id, std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  if (!ended_.wait_for(lock, patience, [&] { return taken_.insert(id).second; })) return nullptr;
+  return std::unique_ptr<Turn>(new Turn(*this, id, Turn::Taken()));
 }
 
 Turns::Turn::~Turn() {
@@ -119,7 +129,17 @@ Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDown
 Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
-  const Turns::Turn turn(turns_, NormalizeUuid(id));
+  // A start that hangs would keep its turn for ever: it ends when its QEMU does.
+  const std::string normal = NormalizeUuid(id);
+  std::unique_ptr<Turns::Turn> turn = turns_.TryTake(normal, kPatienceWithStart);
+  if (!turn && target_.kind == TargetKind::kEmbed) {
+    KillQemusOf(normal, target_.root);
+    turn = turns_.TryTake(normal, kPatienceWithKilled);
+  }
+  // A libvirt elsewhere keeps its own order; in this process two calls at a time would misuse memory.
+  if (!turn && target_.kind != TargetKind::kUri) {
+    return Failure(Problem::kBusy, "Cannot power off the guest " + id, "It is being started, and that does not end");
+  }
   if (virDomainDestroy(guest->domain.get()) != 0) {
     return FailedOn(*guest, Operation::kStop, "Cannot power off the guest " + id);
   }

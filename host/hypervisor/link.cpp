@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 
+#include "host/base/guarded.h"
 #include "host/hypervisor/translate.h"
 
 namespace vexa::hypervisor {
@@ -79,6 +80,7 @@ std::optional<GuestState> StateAfter(int event, int detail, Activity activity) {
     case VIR_DOMAIN_EVENT_PMSUSPENDED:
       return GuestState::kPaused;
     case VIR_DOMAIN_EVENT_STOPPED:
+      if (detail == VIR_DOMAIN_EVENT_STOPPED_SAVED) return GuestState::kSaved;
       return detail == VIR_DOMAIN_EVENT_STOPPED_CRASHED || detail == VIR_DOMAIN_EVENT_STOPPED_FAILED
                  ? GuestState::kCrashed
                  : GuestState::kOff;
@@ -237,7 +239,9 @@ void Link::DeliverEvents(std::unique_lock<std::mutex>& lock) {
     const GuestEvent event = std::move(events_.front());
     events_.pop_front();
     lock.unlock();
-    if (options_.on_event) options_.on_event(event);
+    Guarded("The answer to an event of the hypervisor", [&] {
+      if (options_.on_event) options_.on_event(event);
+    });
     lock.lock();
   }
 }
@@ -254,7 +258,9 @@ void Link::Reopen(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     Outcome<std::unique_ptr<Attachment>> attachment = Attachment::Open(*this);
     if (attachment) Adopt(std::move(*attachment));
-    if (attachment && options_.on_reopened) options_.on_reopened();
+    Guarded("The answer to a new connection to libvirt", [&] {
+      if (attachment && options_.on_reopened) options_.on_reopened();
+    });
     lock.lock();
     if (attachment) return;
     wait = std::min(wait * 2, options_.last_retry);

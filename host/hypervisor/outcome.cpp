@@ -19,6 +19,7 @@ constexpr Row kProblems[] = {
     {Problem::kNoMemory, "no_memory", ErrorCode::kNoSpace},
     {Problem::kCpuIncompatible, "cpu_incompatible", ErrorCode::kConflict},
     {Problem::kBusy, "busy", ErrorCode::kBusy},
+    {Problem::kHasState, "has_state", ErrorCode::kConflict},
     {Problem::kStillRunning, "still_running", ErrorCode::kBusy},
     {Problem::kAgentAbsent, "agent_absent", ErrorCode::kUnavailable},
     {Problem::kInvalid, "invalid", ErrorCode::kInvalid},

@@ -22,6 +22,7 @@ enum class Problem {
   kNoMemory,         // the host has not enough memory
   kCpuIncompatible,  // the host's processor lacks what the guest's has
   kBusy,             // another call holds the guest; try again
+  kHasState,         // the guest has a saved memory image, snapshots or checkpoints
   kStillRunning,     // the guest was asked to shut down and has not within the time given
   kAgentAbsent,      // the guest's agent does not answer
   kInvalid,          // an id, XML or option that cannot be accepted

@@ -111,7 +111,7 @@ Outcome<Target> EmbedTarget(const std::string& root) {
     return Failure(Problem::kInvalid, "Guests are embedded below another folder already: a process has only one");
   }
   if (Outcome<void> configured = WriteConfiguration(root); !configured) return configured.failure();
-  return Target{TargetKind::kEmbed, "qemu:///embed?root=" + PercentEncode(root), nullptr};
+  return Target{TargetKind::kEmbed, "qemu:///embed?root=" + PercentEncode(root), nullptr, root};
 }
 
 // test:///default has a guest of its own, and all users of a process share it. A file gives an empty machine, each
@@ -130,7 +130,7 @@ Outcome<Target> TestTarget() {
   const std::string xml = TestNodeXml();
   const ssize_t written = write(fd, xml.data(), xml.size());
   if (written != static_cast<ssize_t>(xml.size())) return failed(written < 0 ? errno : ENOSPC);
-  return Target{TargetKind::kTest, "test:///proc/self/fd/" + std::to_string(fd), std::move(file)};
+  return Target{TargetKind::kTest, "test:///proc/self/fd/" + std::to_string(fd), std::move(file), ""};
 }
 
 }  // namespace
@@ -162,7 +162,7 @@ Outcome<Target> MakeTarget(const HypervisorOptions& options) {
   if (options.mode.find(':') == std::string::npos || !std::all_of(options.mode.begin(), options.mode.end(), is_plain)) {
     return Failure(Problem::kInvalid, "The hypervisor is neither 'test' nor 'embed' nor a libvirt URI");
   }
-  return Target{TargetKind::kUri, options.mode, nullptr};
+  return Target{TargetKind::kUri, options.mode, nullptr, ""};
 }
 
 }  // namespace vexa::hypervisor

@@ -14,6 +14,13 @@ struct Target {
   TargetKind kind = TargetKind::kTest;
   std::string uri;
   std::shared_ptr<const int> node_file;  // what a test URI leads to, open for as long as it is used
+  std::string root;                      // of embed
+
+  // Whether its driver runs without the rights of a service of the system, and so without cgroups of its own.
+  bool IsUnprivileged() const {
+    return kind == TargetKind::kEmbed ||
+           (kind == TargetKind::kUri && uri.substr(0, uri.find('?')).ends_with("/session"));
+  }
 };
 
 // Failures: kInvalid, kDenied, kFailed. Touches no connection; the root of embed is made.

@@ -90,6 +90,11 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
               {guest}, with({911})),
       HostRow("VEXA.CCC.Guest", "delete", kLong, Doing(parts, &GuestControl::Delete),
               "Deletes a guest that is off, with its disks.", {guest}, with({910})),
+      HostRow("VEXA.CCC.Guest", "discard_saved", kLong, Doing(parts, &GuestControl::DiscardSaved),
+              "Removes the saved memory of a guest, which is off then.", {guest}, with({911})),
+      HostRow("VEXA.CCC.Guest", "release", kLong, Doing(parts, &GuestControl::Release),
+              "Gives a guest that is off back to libvirt: its definition and files stay, its records go.", {guest},
+              with({910, 912})),
       HostRow(
           "VEXA.CCC.Guest", "hostset", kLong, [guests = parts.guests](const Call& call) { SetHost(guests, call); },
           "Makes a host the one that a guest belongs to.", {guest, Text("host_id", "The host's id.")}, with({910})),

@@ -40,14 +40,14 @@ constexpr ErrorRow kErrors[] = {
     // number is both, it has the sentence for users, and the host's reply has the reason.
     {901, 500, "The guest could not be deleted, or its host could not do what was asked."},
     {902, 500, "The guest could not be powered on."},
-    {903, 500, "The guest could not be shut down."},
-    {904, 500, "The guest could not be powered off."},
-    {905, 500, "The guest could not be rebooted."},
+    {903, 409, "The guest could not be shut down."},
+    {904, 409, "The guest could not be powered off."},
+    {905, 409, "The guest could not be rebooted."},
     {909, 500,
      "The guest could not be edited: its host refused, or could not read or write what it needed. The system log has "
      "the reason."},
     {910, 409, "The MAC address is in use, or the guest runs."},
-    {911, 409, "The guest does not run."},
+    {911, 409, "The guest does not run, or has no saved memory."},
     {912, 409, "The guest is busy: something else is being done with it. Try again later."},
     {914, 409, "The host has not enough processors or memory left for the guest."},
     {915, 409, "The host has no network that the guest needs."},

@@ -45,7 +45,7 @@ void HypervisorContract::TearDown() {
   for (const KnownGuest& guest : *guests) {
     const Outcome<void> off = hypervisor_->PowerOff(guest.id);
     EXPECT_THAT(Word(off), AnyOf("ok", "not_running"));
-    EXPECT_EQ(Word(hypervisor_->Undefine(guest.id)), "ok");
+    EXPECT_EQ(Word(hypervisor_->Undefine(guest.id, UndefineScope::kDefinition)), "ok");
   }
 }
 
@@ -128,7 +128,7 @@ TEST_P(HypervisorContract, Guest_FromDefinitionToItsEnd_TellsEachStateInOrder) {
   EXPECT_EQ(*hypervisor_->StateOf(id), GuestState::kOff);
   ASSERT_TRUE(hypervisor_->Start(id).ok());
   ASSERT_TRUE(hypervisor_->PowerOff(id).ok());
-  ASSERT_TRUE(hypervisor_->Undefine(id).ok());
+  ASSERT_TRUE(hypervisor_->Undefine(id, UndefineScope::kDefinition).ok());
   EXPECT_EQ(ProblemOf(hypervisor_->StateOf(id)), Problem::kNoSuchGuest);
   EXPECT_THAT(AwaitStates(id, 6), ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff,
                                               GuestState::kRunning, GuestState::kOff, GuestState::kGone));
@@ -148,7 +148,7 @@ TEST_P(HypervisorContract, Calls_OnAGuestThatRuns_AreRefused) {
   const std::string id = Define(1);
   ASSERT_TRUE(hypervisor_->Start(id).ok());
   EXPECT_EQ(ProblemOf(hypervisor_->Start(id)), Problem::kAlreadyRunning);
-  EXPECT_EQ(ProblemOf(hypervisor_->Undefine(id)), Problem::kAlreadyRunning);
+  EXPECT_EQ(ProblemOf(hypervisor_->Undefine(id, UndefineScope::kDefinition)), Problem::kAlreadyRunning);
   EXPECT_EQ(*hypervisor_->StateOf(id), GuestState::kRunning);
 }
 
@@ -157,7 +157,7 @@ TEST_P(HypervisorContract, Calls_OnAnUnknownGuest_AreRefused) {
   EXPECT_EQ(ProblemOf(hypervisor_->ShutDown(Id(1), {})), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->PowerOff(Id(1))), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->Reboot(Id(1))), Problem::kNoSuchGuest);
-  EXPECT_EQ(ProblemOf(hypervisor_->Undefine(Id(1))), Problem::kNoSuchGuest);
+  EXPECT_EQ(ProblemOf(hypervisor_->Undefine(Id(1), UndefineScope::kDefinition)), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->StateOf(Id(1))), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->AddressesOf(Id(1))), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->HasAgent(Id(1))), Problem::kNoSuchGuest);
@@ -267,7 +267,7 @@ TEST_P(HypervisorContract, Callback_MayCallTheHypervisor) {
   EXPECT_EQ(answered, 2);
   // Before what its callback uses.
   EXPECT_EQ(Word(hypervisor_->PowerOff(id)), "ok");
-  EXPECT_EQ(Word(hypervisor_->Undefine(id)), "ok");
+  EXPECT_EQ(Word(hypervisor_->Undefine(id, UndefineScope::kDefinition)), "ok");
   hypervisor_.reset();
 }
 
@@ -277,7 +277,7 @@ TEST_P(HypervisorContract, Destruction_WithEventsOnTheWay_EndsThem) {
     ASSERT_TRUE(hypervisor_->Start(id).ok());
     ASSERT_TRUE(hypervisor_->PowerOff(id).ok());
   }
-  ASSERT_TRUE(hypervisor_->Undefine(id).ok());
+  ASSERT_TRUE(hypervisor_->Undefine(id, UndefineScope::kDefinition).ok());
   hypervisor_.reset();
   const std::size_t told = events_.Of(id).size();
   std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -83,6 +83,60 @@ QuickPresses::~QuickPresses() { presses_are_quick = false; }
 
 void PretendXml(const std::string& xml) { pretended_xml = xml; }
 
+namespace {
+
+// Calls `act` with the guest; what it answers, `otherwise` without such a guest.
+template <class Value, class Act>
+Value WithGuest(const std::string& id, Value otherwise, const Act& act) {
+  LastConnection& last = Last();
+  const std::lock_guard lock(last.mutex);
+  if (last.connection == nullptr) return otherwise;
+  const virDomainPtr domain = virDomainLookupByUUIDString(last.connection, id.c_str());
+  if (domain == nullptr) return otherwise;
+  const Value value = act(domain);
+  virDomainFree(domain);
+  return value;
+}
+
+}  // namespace
+
+bool DefineAsUser(const std::string& xml) {
+  LastConnection& last = Last();
+  const std::lock_guard lock(last.mutex);
+  const virDomainPtr domain = virDomainDefineXML(last.connection, xml.c_str());
+  if (domain == nullptr) return false;
+  virDomainFree(domain);
+  return true;
+}
+
+bool StartAsUser(const std::string& id) {
+  return WithGuest(id, false, [](virDomainPtr domain) { return virDomainCreate(domain) == 0; });
+}
+
+bool SaveAsUser(const std::string& id) {
+  return WithGuest(id, false, [](virDomainPtr domain) { return virDomainManagedSave(domain, 0) == 0; });
+}
+
+bool AutostartAsUser(const std::string& id) {
+  return WithGuest(id, false, [](virDomainPtr domain) { return virDomainSetAutostart(domain, 1) == 0; });
+}
+
+std::string XmlAsUser(const std::string& id) {
+  return WithGuest(id, std::string(), [](virDomainPtr domain) -> std::string {
+    char* const xml = virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE);
+    std::string text = xml != nullptr ? xml : "";
+    std::free(xml);
+    return text;
+  });
+}
+
+bool IsAutostartedAsUser(const std::string& id) {
+  return WithGuest(id, false, [](virDomainPtr domain) {
+    int autostart = 0;
+    return virDomainGetAutostart(domain, &autostart) == 0 && autostart == 1;
+  });
+}
+
 void CloseLastConnection() {
   LastConnection& last = Last();
   const std::lock_guard lock(last.mutex);

@@ -71,6 +71,15 @@ class QuickPresses {
 // What libvirt tells this thread as the XML of guests; empty: what it is.
 void PretendXml(const std::string& xml);
 
+// What a user with virsh does on the last connection that was opened. False: libvirt refuses it.
+bool DefineAsUser(const std::string& xml);
+bool StartAsUser(const std::string& id);
+bool SaveAsUser(const std::string& id);  // its memory goes to a file of libvirt's
+bool AutostartAsUser(const std::string& id);
+// libvirt's inactive XML; empty when it has no such guest.
+std::string XmlAsUser(const std::string& id);
+bool IsAutostartedAsUser(const std::string& id);
+
 // Tells the owner of the last connection that was opened that it is closed, as libvirt does when a daemon goes.
 void CloseLastConnection();
 

@@ -29,7 +29,9 @@ class ScriptedGuests final : public guests::GuestControl {
   }
   Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
   std::optional<guests::RunningGuest> Running(const std::string&) override { return running; }
-  void BeginStop() override {}
+  Refused DiscardSaved(const std::string& id, const Requester& by) override { return Note("discard_saved", id, by); }
+  Refused Release(const std::string& id, const Requester& by) override { return Note("release", id, by); }
+  bool Stop(std::chrono::milliseconds) override { return true; }
 
   // "<action> <guest id> <user>/<host>/<request>"
   std::vector<std::string> asked() const {

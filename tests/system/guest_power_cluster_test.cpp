@@ -104,7 +104,7 @@ TEST_F(GuestPowerCluster, AGuestOfAnotherHost_GoesThroughItsLife) {
                                                 HostName(1) + "] since VM is already running."));
   EXPECT_EQ(Power(2, "reboot"), 0);
   EXPECT_EQ(NewestEntry(0)["text"], Json::Value("Rebooting the virtual machine [web-1]."));
-  // A running guest is deleted by nobody: not by its repository's host, nor by the one that was asked.
+  // A running guest is not deleted, neither by its repository's host nor by the one that was asked.
   EXPECT_EQ(Delete(0), 901);
   EXPECT_TRUE(std::filesystem::exists(Image()));
   EXPECT_EQ(Power(0, "shutdown"), 0);
@@ -170,13 +170,45 @@ TEST_F(GuestPowerCluster, AHostThatDied_KeepsItsGuestFromOthersUntilItIsBack) {
   EXPECT_TRUE(std::filesystem::exists(Image()));
 }
 
+// The host that was asked does not do what the host that has the files has refused.
+TEST_F(GuestPowerCluster, Delete_RefusedByTheRepositorysHostThatIsAlive_IsNotDoneByAnother) {
+  std::ofstream(Folder(1) + "/images/.vexa-deleted-" + kGuest + "-0") << "in the way";
+  EXPECT_EQ(Delete(0), 901);
+  EXPECT_NE(Stored({"dash", "guest", kGuest, "object"}), "");
+  EXPECT_NE(Stored({"dash", "vdisk", "disk-1", "object"}), "");
+  EXPECT_EQ(Stored({"leftover", IdOf(1), kGuest}), "");
+  EXPECT_EQ(Stored({"deletion", kGuest}), "");
+  EXPECT_TRUE(std::filesystem::exists(Image()));
+}
+
 TEST_F(GuestPowerCluster, AGuestDeletedWithoutItsRepositorysHost_LeavesItTheFiles) {
   hosts_[1]->Signal(SIGKILL);
   EXPECT_TRUE(hosts_[1]->Wait(30s));
+  EXPECT_EQ(Delete(0), 901) << "a moment ago it was alive";
+  EXPECT_NE(Stored({"dash", "guest", kGuest, "object"}), "");
+  // Its last sign of life is long ago.
+  (void)Require(database().Commit({{}, {{store::MakeKey({"dash", "host", IdOf(1), "seen"}), R"({"time":1})"}}}));
   EXPECT_EQ(Delete(0), 0);
   EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), "");
   EXPECT_TRUE(std::filesystem::exists(Image()));
   EXPECT_THAT(Stored({"leftover", IdOf(1), kGuest}), HasSubstr("disk-1.img"));
+}
+
+TEST_F(GuestPowerCluster, Release_OfAGuestOfAnotherHost_IsDoneThere) {
+  const std::string parameters = R"({"guest_id":")" + std::string(kGuest) + "\"}";
+  EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest/discard_saved", parameters)), 911) << "it is not saved";
+  EXPECT_EQ(Power(0, "poweron"), 0);
+  EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest/release", parameters)), 910) << "it runs";
+  EXPECT_EQ(Power(0, "poweroff"), 0);
+  EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest/release", parameters)), 0);
+  EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), "");
+  EXPECT_EQ(Stored({"dash", "vdisk", "disk-1", "object"}), "");
+  EXPECT_TRUE(std::filesystem::exists(Image())) << "files stay";
+  EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest/release", parameters)), 403);
+  const std::string log = json::ToText(Call(0, "VEXA.Virtualization.Log/list", "{}"));
+  EXPECT_THAT(log, HasSubstr("Failed to discard the saved memory of the virtual machine [web-1]."));
+  EXPECT_THAT(log, HasSubstr("Failed to release the virtual machine [web-1]."));
+  EXPECT_THAT(log, HasSubstr("The virtual machine [web-1] has been released to libvirt."));
 }
 
 TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {

@@ -124,7 +124,7 @@ GuestSetGround::Contents GuestSetGround::Stored() {
   const auto snapshot = Require(state_->store->Read());
   Require(snapshot->Scan("", [&](std::string_view key, const store::ValueView& value) {
     const bool is_others = key.starts_with("/log/") || key.starts_with("/dash/host/") || key.starts_with("/mac/") ||
-                           key.starts_with("/renames") || key.ends_with("/state");
+                           key.starts_with("/renames") || key.ends_with("/state") || key.ends_with("/storage");
     if (!is_others) contents.emplace(key, value.text);
     return true;
   }));

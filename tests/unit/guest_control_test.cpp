@@ -207,13 +207,13 @@ TEST_F(GuestControlTest, Fence_CallsAStartOff) {
   std::promise<void> fenced;
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
-    if (step == "fence: called off") fenced.set_value();
+    if (step == "end: called off") fenced.set_value();
     if (step != "poweron: defined") return;
     defined.set_value();
     EXPECT_EQ(fenced.get_future().wait_for(20s), std::future_status::ready);
   };
   Start(std::move(options));
-  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "high availability"); });
+  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "powered off"); });
   defined.get_future().wait();
   EXPECT_DONE(control_->Fence(kGuest));
   EXPECT_FALSE(control_->Running(kGuest));
@@ -228,12 +228,12 @@ TEST_F(GuestControlTest, Fence_WhileAStartDoesNotEnd_Is949) {
   GuestControlOptions options = Options();
   options.fence_wait = 20ms;
   options.before_step = [&](std::string_view step) {
-    if (step != "poweron: defined") return;
+    if (step != "poweron: asked") return;
     defined.set_value();
     go_on.get_future().wait();
   };
   Start(std::move(options));
-  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "high availability"); });
+  std::thread start([&] { EXPECT_DONE(control_->PowerOn(kGuest, kAlice)); });
   defined.get_future().wait();
   EXPECT_REFUSED(control_->Fence(kGuest), 949, "being started");
   go_on.set_value();
@@ -332,7 +332,7 @@ TEST_F(GuestControlTest, ASecondActionMeanwhile_IsBusyWithWhoAndSince) {
     changed.wait(lock, [&] { return reached; });
   }
   for (const char* words : {"alice", "poweron", "since 20"}) {
-    EXPECT_REFUSED(control_->PowerOff(kGuest, {"bob", "nas-2", ""}), 915, words);
+    EXPECT_REFUSED(control_->ShutDown(kGuest, {"bob", "nas-2", ""}), 915, words);
   }
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "busy");
   EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 915, "busy");
@@ -349,6 +349,47 @@ TEST_F(GuestControlTest, ASecondActionMeanwhile_IsBusyWithWhoAndSince) {
   first.join();
   EXPECT_EQ(State(), states::running);
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+}
+
+// A power-off waits for nothing: what is being done may hang with the guest.
+TEST_F(GuestControlTest, PowerOff_DuringAHangingStart_CallsItOff) {
+  std::promise<void> defined;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "end: called off") go_on.set_value();
+    if (step != "poweron: defined") return;
+    defined.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "powered off"); });
+  defined.get_future().wait();
+  std::thread power_off([&] { EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 911, ""); });
+  start.join();
+  power_off.join();
+  EXPECT_EQ(State(), states::shutdown);
+  ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, PowerOff_DuringAHangingShutDown_EndsTheGuest) {
+  std::promise<void> asked;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "shutdown: asked") return;
+    asked.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  std::thread shut_down([&] { EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 911, ""); });
+  asked.get_future().wait();
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  go_on.set_value();
+  shut_down.join();
+  ExpectState(states::shutdown);
+  ExpectNoRun();
 }
 
 // The first edit stops before its commit until the second has been answered or has had time to begin to wait.
@@ -467,7 +508,7 @@ TEST_F(GuestControlTest, AStart_AfterTheRecordHasGone_CleansUp) {
 TEST_F(GuestControlTest, AStop_BeginsNothingAndLeavesWhatRuns) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
-  control_->BeginStop();
+  control_->Stop(0ms);
   EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 949, "stopping");
   EXPECT_EQ(State(), states::running);
 }

@@ -271,7 +271,8 @@ class Leftovers : public DeletionAtStart {
 TEST_F(Leftovers, OfAGuestDeletedFromAfar_AreRemovedByTheRepositorysHost) {
   DeleteFromAfar();
   EXPECT_EQ(ground_.Files(), files_);
-  EXPECT_EQ(TextOf(*store_, Key()), R"({"files":[")" + Path(0) + R"(",")" + Path(1) + R"(",")" + Path(2) + R"("]})");
+  EXPECT_EQ(TextOf(*store_, Key()), R"({"files":[")" + Path(0) + R"(",")" + Path(1) + R"(",")" + Path(2) +
+                                        R"("],"repository_id":"repository"})");
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
 

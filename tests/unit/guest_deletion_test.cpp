@@ -99,8 +99,10 @@ TEST_F(GuestDeletion, Record_TellsWhoAndSinceWhenAndWhichFiles) {
   const std::string path = ground_.Image(std::string("a/") + kGuest + "-0.img");
   EXPECT_EQ(records["commit hiding"], "none");
   EXPECT_THAT(records["hide 0"],
-              HasSubstr(R"("host_id":"11111111-1111-4111-8111-111111111111","request_id":"request-1",)"
-                        R"("since":1700000000,"stage":"hiding","user":"alice")"));
+              HasSubstr(R"("host_id":"11111111-1111-4111-8111-111111111111","repository_id":"repository",)"
+                        R"("request_id":"request-1","since":1700000000,"stage":"hiding","storage":{)"));
+  EXPECT_THAT(records["hide 0"], HasSubstr(R"(/images/":"ino=)"));
+  EXPECT_THAT(records["hide 0"], HasSubstr(R"("user":"alice")"));
   EXPECT_THAT(records["hide 0"],
               HasSubstr(R"({"hidden":".vexa-deleted-)" + std::string(kGuest) + R"(-0","path":")" + path + R"("})"));
   EXPECT_EQ(records["commit records"], records["hide 0"]);

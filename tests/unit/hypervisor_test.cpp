@@ -262,7 +262,7 @@ TEST_F(TestMode, ShutDown_GuestThatSomebodyElsePowersOff_Ends) {
   std::thread other([&] {
     while (test::Presses() == 0) std::this_thread::sleep_for(milliseconds(5));
     EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "ok");
-    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest)), "ok");
+    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "ok");
   });
   EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
   other.join();
@@ -471,7 +471,7 @@ TEST_F(TestMode, Calls_WhileDisconnected_FailAtOnce) {
   hypervisor_->Reconnect();
   EXPECT_FALSE(hypervisor_->IsConnected());
   EXPECT_EQ(Word(hypervisor_->Define(Xml())), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->Undefine(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "disconnected");
   EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "disconnected");

@@ -39,10 +39,11 @@ class GuestPowerRowsTest : public ::testing::Test {
 };
 
 TEST_F(GuestPowerRowsTest, EachMethod_DoesItsOwn) {
-  for (const char* method : {"poweron", "shutdown", "poweroff", "reboot", "delete"}) EXPECT_EQ(Call(method).code, 0);
+  const char* const methods[] = {"poweron", "shutdown", "poweroff", "reboot", "delete", "discard_saved", "release"};
+  for (const char* method : methods) EXPECT_EQ(Call(method).code, 0);
   const std::string by = std::string(" ") + kGuest + " /h/";
-  EXPECT_THAT(guests_.asked(),
-              ElementsAre("poweron" + by, "shutdown" + by, "poweroff" + by, "reboot" + by, "delete" + by));
+  EXPECT_THAT(guests_.asked(), ElementsAre("poweron" + by, "shutdown" + by, "poweroff" + by, "reboot" + by,
+                                           "delete" + by, "discard_saved" + by, "release" + by));
 }
 
 TEST_F(GuestPowerRowsTest, PowerOffForHighAvailability_Fences) {
@@ -108,7 +109,7 @@ TEST_F(GuestPowerRowsTest, AHostThatRunsNoGuests_IsUnavailable) {
 }
 
 TEST_F(GuestPowerRowsTest, EveryRow_IsLongAndForHosts) {
-  EXPECT_EQ(table_.rows().size(), 6u);
+  EXPECT_EQ(table_.rows().size(), 8u);
   for (const webapi::ApiRow& row : table_.rows()) {
     EXPECT_EQ(row.access.value, webapi::Access::kHost) << row.method;
     EXPECT_EQ(row.lane.value, webapi::LaneKind::kLong) << row.method;
