@@ -59,6 +59,25 @@ void AddLog(CLI::App& app, Invocation& invocation) {
   });
 }
 
+void AddKeeping(CLI::App& guest, Invocation& invocation) {
+  Shared options;
+  CLI::App* command = AddAction(guest, invocation, GuestAction::kDiscardSaved, "discard-saved",
+                                "Remove the saved memory of guests, which are shut down then", options);
+  command->footer(
+      "\nA guest that libvirt saved ('virsh managedsave', or a shutdown of its host) is shown as saved, and 'vexa "
+      "guest\n"
+      "start' goes on with it. Without its memory it starts as after a power cut: what it had not written to its "
+      "disks\n"
+      "is lost.");
+  command = AddAction(guest, invocation, GuestAction::kRelease, "release",
+                      "Give guests that are off back to libvirt (administrators)", options);
+  command->footer(
+      "\nlibvirt keeps the definition of each guest, as it is set now, without VEXA's mark, and starts it with the "
+      "host\n"
+      "again where it did so before the import. All files stay. The cluster forgets the guest and who may use it;\n"
+      "'vexa import' brings it back.");
+}
+
 }  // namespace
 
 void AddActionCommands(CLI::App& app, Invocation& invocation) {
@@ -84,6 +103,7 @@ void AddActionCommands(CLI::App& app, Invocation& invocation) {
           "not deleted: its host refuses, so shut it down first. There is nothing to wait for beyond the answer:\n"
           "the guest is gone by then.") +
       kTimes);
+  AddKeeping(guest, invocation);
   AddLog(app, invocation);
 }
 

@@ -21,6 +21,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kPower = "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl";
 constexpr const char* kDelete = "/webapi/VEXA.Virtualization.Guest/delete";
+constexpr const char* kDiscardSaved = "/webapi/VEXA.Virtualization.Guest/discard_saved";
+constexpr const char* kRelease = "/webapi/VEXA.Virtualization.Guest/release";
 constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
 constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
 constexpr int kDeletionFailed = 901;
@@ -28,18 +30,21 @@ constexpr auto kPollEvery = std::chrono::seconds(1);
 
 struct ActionRow {
   GuestAction action;
-  const char* word;   // of the API; null for the deletion
+  const char* target;
+  const char* word;   // that the target takes as "action"; null: none
   const char* state;  // that comes of it; null: nothing to wait for
   const char* done;
   const char* waited;
 };
 
 constexpr ActionRow kActions[] = {
-    {GuestAction::kStart, "poweron", "running", "started", "started"},
-    {GuestAction::kStop, "shutdown", "shutdown", "asked to shut down", "shut down"},
-    {GuestAction::kKill, "poweroff", "shutdown", "powered off", "powered off"},
-    {GuestAction::kRestart, "reboot", nullptr, "rebooting", "rebooting"},
-    {GuestAction::kDelete, nullptr, nullptr, "deleted", "deleted"},
+    {GuestAction::kStart, kPower, "poweron", "running", "started", "started"},
+    {GuestAction::kStop, kPower, "shutdown", "shutdown", "asked to shut down", "shut down"},
+    {GuestAction::kKill, kPower, "poweroff", "shutdown", "powered off", "powered off"},
+    {GuestAction::kRestart, kPower, "reboot", nullptr, "rebooting", "rebooting"},
+    {GuestAction::kDelete, kDelete, nullptr, nullptr, "deleted", "deleted"},
+    {GuestAction::kDiscardSaved, kDiscardSaved, nullptr, nullptr, "without saved memory", "without saved memory"},
+    {GuestAction::kRelease, kRelease, nullptr, nullptr, "released", "released"},
 };
 
 const ActionRow& RowOf(GuestAction action) { return *std::ranges::find(kActions, action, &ActionRow::action); }
@@ -79,10 +84,10 @@ void GuestRun::Act(std::size_t index) {
   const ActionRow& row = RowOf(parts_.options.action);
   Advance(index, Job::Stage::kSent, "asking");
   HttpClient client(parts_.calls);
-  const CallOutcome outcome = TryApi(client, row.word != nullptr ? kPower : kDelete, BodyOf(row, guest.id));
+  const CallOutcome outcome = TryApi(client, row.target, BodyOf(row, guest.id));
   if (outcome.exit_code != ExitCode::kOk) {
     std::string failure = outcome.failure;
-    if (row.word == nullptr && outcome.code == kDeletionFailed) {
+    if (row.target == kDelete && outcome.code == kDeletionFailed) {
       failure += "\nA guest that runs is not deleted: shut it down first, with 'vexa guest stop'.";
     }
     return Fail(index, std::move(failure), outcome.code);

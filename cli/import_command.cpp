@@ -1,7 +1,9 @@
 #include "cli/import_command.h"
 
 #include <json/writer.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -214,13 +216,23 @@ class Import {
       if (!text) return text.error();
       xml = std::move(*text);
     }
-    const Result<ImportedGuest> guest = hypervisor::ParseDomainXml(source.xml ? *source.xml : xml, source.options);
+    Result<ImportedGuest> guest = hypervisor::ParseDomainXml(source.xml ? *source.xml : xml, source.options);
     if (!guest) return guest.error();
+    if (arguments_.uri.empty() || IsLocal(arguments_.uri)) ForgetUnmadeVariables(guest->guest);
     if (!source.expected_id.empty() && source.expected_id != guest->id) {
       return Error(ErrorCode::kInvalid, "<uuid> says '" + guest->id + "': the manifest says '" + source.expected_id +
                                             "'; correct one of them");
     }
     return Store(source, *guest);
+  }
+
+  // libvirt names the file before the guest's first start makes it. Until then there is nothing to miss.
+  static void ForgetUnmadeVariables(Json::Value& guest) {
+    const std::string path = TextMember(guest, "nvram");
+    struct stat info {};
+    if (path.empty() || ::stat(path.c_str(), &info) == 0 || errno != ENOENT) return;
+    // A folder that is missing may be on storage that is not mounted.
+    if (::stat(path.substr(0, path.rfind('/') + 1).c_str(), &info) == 0) guest.removeMember("nvram");
   }
 
   Status Store(const ImportSource& source, const ImportedGuest& guest) {

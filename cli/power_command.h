@@ -9,7 +9,7 @@
 
 namespace vexa::cli {
 
-enum class GuestAction { kStart, kStop, kKill, kRestart, kDelete };
+enum class GuestAction { kStart, kStop, kKill, kRestart, kDelete, kDiscardSaved, kRelease };
 enum class Waiting { kNo, kUntilSo };
 enum class Confirmation { kAsk, kGiven };
 
@@ -24,7 +24,8 @@ struct GuestActionOptions {
 // How long one of them may take: what --timeout says, else an hour, as long as a host may take.
 std::chrono::seconds ActionTimeout(const GlobalOptions& global);
 
-// `vexa guest start`, `stop`, `kill`, `restart` and `delete`. Nothing is sent unless every name is one guest's.
+// `vexa guest start`, `stop`, `kill`, `restart`, `delete`, `discard-saved` and `release`. Nothing is sent unless every
+// name is one guest's.
 ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options);
 
 }  // namespace vexa::cli
