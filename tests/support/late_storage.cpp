@@ -32,7 +32,8 @@ std::string EnterNamespaces() {
     std::ofstream("/proc/self/uid_map") << user << " " << user << " 1\n";
     std::ofstream("/proc/self/gid_map") << group << " " << group << " 1\n";
   }
-  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return Refusal("mounts cannot be made private");
+  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return Refusal("mounts cannot be made private");
   return "";
 }
 

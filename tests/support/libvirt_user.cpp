@@ -66,7 +66,8 @@ std::string OwnersXml(const OwnersDomain& domain) {
   AddDisk(xml, domain.boot_image, 'a');
   char letter = 'b';
   for (const std::string& disk : domain.disks) AddDisk(xml, disk, letter++);
-  xml << "<sound model='ich9'/>\n<channel type='unix'><target type='virtio' name='org.qemu.guest_agent.0'/></channel>\n";
+  xml << "<sound model='ich9'/>\n<channel type='unix'><target type='virtio' "
+         "name='org.qemu.guest_agent.0'/></channel>\n";
   if (domain.screen.empty()) {
     xml << "<graphics type='vnc' port='5999' autoport='no' listen='192.0.2.99'/>\n";
   } else {
@@ -137,7 +138,8 @@ bool LibvirtUser::IsActive(const std::string& id) const {
 }
 
 bool LibvirtUser::IsSaved(const std::string& id) const {
-  return OfDomain<bool>(uri_, id, false, [](virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; });
+  return OfDomain<bool>(uri_, id, false,
+                        [](virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; });
 }
 
 bool LibvirtUser::StartsWithTheHost(const std::string& id) const {

@@ -89,9 +89,23 @@ QemuHost::~QemuHost() { Kill(); }
 std::string QemuHost::Log() const { return Content(folder_ + "/vexad.log"); }
 
 std::vector<std::string> QemuHost::Arguments() const {
-  return {ground_.Program("vexad"), "--data", folder_ + "/data", "--socket", folder_ + "/s", "--listen", "none",
-          "--hypervisor", options_.hypervisor, "--hypervisor-root", options_.embed_root, "--image-roots",
-          options_.image_root, "--stop-timeout", std::to_string(options_.stop_timeout.count()), "--log", "stderr"};
+  return {ground_.Program("vexad"),
+          "--data",
+          folder_ + "/data",
+          "--socket",
+          folder_ + "/s",
+          "--listen",
+          "none",
+          "--hypervisor",
+          options_.hypervisor,
+          "--hypervisor-root",
+          options_.embed_root,
+          "--image-roots",
+          options_.image_root,
+          "--stop-timeout",
+          std::to_string(options_.stop_timeout.count()),
+          "--log",
+          "stderr"};
 }
 
 void QemuHost::Start() {
@@ -163,8 +177,8 @@ void QemuHost::PutGuest(const HostGuest& guest) {
     image = DiskFolder() + "/" + DiskId(guest.id, 99) + ".img";
     fs::copy_file(ground_.Image(guest.image), image, fs::copy_options::overwrite_existing);
   }
-  hypervisor::GuestRecords records = QemuGuestRecords(guest.id, guest.name, image,
-                                                      guest.has_drive ? StartsFrom::kIso : StartsFrom::kDisk);
+  hypervisor::GuestRecords records =
+      QemuGuestRecords(guest.id, guest.name, image, guest.has_drive ? StartsFrom::kIso : StartsFrom::kDisk);
   for (int disk = 0; disk < guest.disks; ++disk) {
     std::string bytes = DiskText(guest.id, disk);
     bytes.resize(kDiskBytes, '\0');

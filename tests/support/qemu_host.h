@@ -23,15 +23,15 @@ struct HostGuest {
   std::string id;  // UUID; the last two characters tell guests apart
   std::string name;
   GuestImage image = GuestImage::kWithAgent;
-  int disks = 1;            // of 1 MiB, with a text at their beginning
+  int disks = 1;  // of 1 MiB, with a text at their beginning
   bool has_uefi = false;
-  bool has_drive = true;    // false: the image is its first disk, copied below the folder of images
+  bool has_drive = true;  // false: the image is its first disk, copied below the folder of images
 };
 
 struct QemuHostOptions {
   std::string hypervisor = "embed";
-  std::string embed_root;         // empty: the ground's
-  std::string image_root;         // empty: "disks" below the ground
+  std::string embed_root;  // empty: the ground's
+  std::string image_root;  // empty: "disks" below the ground
   std::chrono::seconds stop_timeout{30};
 };
 
