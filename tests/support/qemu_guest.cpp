@@ -233,13 +233,14 @@ void EndPrograms(const std::string& folder) {
   KillBelow(folder, IsQemu);
 }
 
-QemuGround::Dropped::Dropped(const std::vector<std::string>& programs) {
+QemuGround::Dropped::Dropped(const GroundFiles& files) {
   for (const char* const image : kImageNames) KeptOpen(ImageSource(image));
-  for (const std::string& program : programs) KeptOpen(program);
+  for (const std::string& program : files.programs) KeptOpen(program);
+  for (const std::string& library : files.libraries) KeptOpen(library);
   BecomeNobody();
 }
 
-QemuGround::QemuGround(const std::vector<std::string>& programs) : dropped_(programs) {
+QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files_) {
   // libvirt keeps a little outside of its root: "nobody" has no home, and that of others is none of a test's business.
   for (const char* const name : {"HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
     ::setenv(name, folder().c_str(), 1);
@@ -247,7 +248,7 @@ QemuGround::QemuGround(const std::vector<std::string>& programs) : dropped_(prog
   // It would try for many seconds to start daemons that are not installed.
   ::setenv("LIBVIRT_AUTOSTART", "0", 1);
   CopyImages();
-  CopyPrograms(programs);
+  CopyLibraries();
   StartGuard();
 }
 
@@ -256,7 +257,7 @@ QemuGround::~QemuGround() {
   // Kept folders are for people who look for a mistake, which is not in the images.
   for (const char* const name : kImageNames) ::unlink(folder_.File(name).c_str());
   std::error_code ignored;
-  fs::remove_all(ProgramFolder(), ignored);
+  fs::remove_all(LibraryFolder(), ignored);
   if (guard_ >= 0 && ::write(guard_, "k", 1) != 1) std::fprintf(stderr, "The guard of the ground is gone\n");
   LetGo();
 }
@@ -274,10 +275,20 @@ void QemuGround::CopyImages() const {
   for (const char* const name : kImageNames) Copy(ImageSource(name), folder_.File(name), 0600);
 }
 
-void QemuGround::CopyPrograms(const std::vector<std::string>& programs) const {
-  if (programs.empty()) return;
-  if (::mkdir(ProgramFolder().c_str(), 0700) != 0) Die("Cannot make the folder of programs");
-  for (const std::string& program : programs) Copy(program, Program(fs::path(program).filename().string()), 0700);
+void QemuGround::CopyLibraries() const {
+  if (files_.libraries.empty()) return;
+  if (::mkdir(LibraryFolder().c_str(), 0700) != 0) Die("Cannot make the folder of libraries");
+  for (const std::string& library : files_.libraries) {
+    Copy(library, LibraryFolder() + "/" + fs::path(library).filename().string(), 0700);
+  }
+}
+
+std::string QemuGround::Program(const std::string& name) const {
+  for (const std::string& program : files_.programs) {
+    if (fs::path(program).filename() == name) return "/proc/self/fd/" + std::to_string(KeptOpen(program));
+  }
+  std::fprintf(stderr, "The ground was not told of the program '%s'\n", name.c_str());
+  std::abort();
 }
 
 void QemuGround::StartGuard() {

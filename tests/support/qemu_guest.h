@@ -33,16 +33,21 @@ inline constexpr const char* kFirmwareVariables = "/usr/share/OVMF/OVMF_VARS_4M.
 // Whether the user that QemuGround becomes may run `program`, an absolute path.
 bool CanNobodyRun(const std::string& program);
 
+// What tests run that "nobody" may not get at, who has no way into the folder of a build below a closed one: absolute
+// paths.
+struct GroundFiles {
+  std::vector<std::string> programs;   // opened while that is possible
+  std::vector<std::string> libraries;  // copied, to LibraryFolder
+};
+
 // A folder below which guests can be embedded, with the images in it. When it is root, the process becomes "nobody" for
-// good: QEMU's driver wants no root without a user of its own. Programs to be run afterwards must be reachable for
-// everybody, or be named to the constructor. All QEMUs with files below the folder end with this object, and so do the
-// copied programs and libvirtds with files there; also when the process ends in any other way. Make it before there
-// are threads.
+// good: QEMU's driver wants no root without a user of its own. All QEMUs with files below the folder end with this
+// object, and so do hosts and libvirtds with files there; also when the process ends in any other way. Make it before
+// there are threads.
 class QemuGround {
  public:
-  // Copies `programs` and shared libraries, absolute paths: "nobody" may not get into the folder of the build. Aborts
-  // the test program when that fails.
-  explicit QemuGround(const std::vector<std::string>& programs = {});
+  // Aborts the test program when the folder cannot be made, or a file is missing.
+  explicit QemuGround(const GroundFiles& files = {});
   ~QemuGround();
   QemuGround(const QemuGround&) = delete;
   QemuGround& operator=(const QemuGround&) = delete;
@@ -51,21 +56,22 @@ class QemuGround {
   // For HypervisorOptions::root.
   std::string root() const { return folder_.File("qemu"); }
   std::string Image(GuestImage image) const;
-  // Where the copy of a program is, by its file name.
-  std::string Program(const std::string& name) const { return folder_.File("bin/" + name); }
-  std::string ProgramFolder() const { return folder_.File("bin"); }
+  // What this process and its children can execute; of the programs named to the constructor, by file name.
+  std::string Program(const std::string& name) const;
+  std::string LibraryFolder() const { return folder_.File("lib"); }
 
   // A child that was forked must call this: the QEMUs end when nobody holds the ground any more.
   void LetGo();
 
  private:
   void CopyImages() const;
-  void CopyPrograms(const std::vector<std::string>& programs) const;
+  void CopyLibraries() const;
   void StartGuard();
 
   struct Dropped {
-    explicit Dropped(const std::vector<std::string>& programs);
+    explicit Dropped(const GroundFiles& files);
   };
+  GroundFiles files_;
   Dropped dropped_;  // before the folder, which then belongs to the user that is left
   TempDir folder_;
   int guard_ = -1;  // its end tells the guard

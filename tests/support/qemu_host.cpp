@@ -48,7 +48,7 @@ void MakeFolder(const std::string& path) {
 
 }  // namespace
 
-std::vector<std::string> HostPrograms() { return {VEXAD_PROGRAM, VEXA_PROGRAM, VEXA_LIBRARY}; }
+GroundFiles HostPrograms() { return {{VEXAD_PROGRAM, VEXA_PROGRAM}, {VEXA_LIBRARY}}; }
 
 bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience) {
   const auto end = Clock::now() + patience;
@@ -89,7 +89,7 @@ QemuHost::~QemuHost() { Kill(); }
 std::string QemuHost::Log() const { return Content(folder_ + "/vexad.log"); }
 
 std::vector<std::string> QemuHost::Arguments() const {
-  return {ground_.Program("vexad"),
+  return {folder_ + "/vexad",
           "--data",
           folder_ + "/data",
           "--socket",
@@ -111,18 +111,19 @@ std::vector<std::string> QemuHost::Arguments() const {
 void QemuHost::Start() {
   const std::string log = folder_ + "/vexad.log";
   const std::size_t before = Log().size();
+  const std::string program = ground_.Program("vexad");
   std::vector<std::string> words = Arguments();
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  ::setenv("LD_LIBRARY_PATH", ground_.ProgramFolder().c_str(), 1);
+  ::setenv("LD_LIBRARY_PATH", ground_.LibraryFolder().c_str(), 1);
   pid_ = ::fork();
   if (pid_ < 0) Fail("Cannot fork");
   if (pid_ == 0) {
     const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     ::dup2(output, 1);
     ::dup2(output, 2);
-    ::execv(argv[0], argv.data());
+    ::execv(program.c_str(), argv.data());
     ::_exit(127);
   }
   const auto end = Clock::now() + kGuestPatience;
@@ -160,7 +161,7 @@ void QemuHost::Restart() {
 std::string QemuHost::Vexa(std::vector<std::string> arguments) const {
   arguments.insert(arguments.begin(), ground_.Program("vexa"));
   const ProcessResult result =
-      RunProcess({.argv = arguments, .environment = {{"LD_LIBRARY_PATH", ground_.ProgramFolder()}}});
+      RunProcess({.argv = arguments, .environment = {{"LD_LIBRARY_PATH", ground_.LibraryFolder()}}});
   if (result.exit_code != 0) Fail("vexa " + arguments[1] + " fails: " + result.output + result.errors);
   return result.output;
 }

@@ -16,7 +16,7 @@
 namespace vexa::test {
 
 // For a ground on which hosts run.
-std::vector<std::string> HostPrograms();
+GroundFiles HostPrograms();
 
 // A guest that starts from the test guest's image in its drive.
 struct HostGuest {
