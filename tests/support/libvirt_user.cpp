@@ -4,6 +4,7 @@
 #include <libvirt/virterror.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -45,9 +46,10 @@ std::string Act(const std::string& uri, const std::string& id, const std::functi
   return domain && call(domain.get()) == 0 ? "" : Why();
 }
 
-void AddDisk(std::ostream& xml, const std::string& path, char letter) {
-  xml << "<disk type='file' device='disk'><driver name='qemu' type='raw' cache='writethrough'/><source file='" << path
-      << "'/><target dev='vd" << letter << "' bus='virtio'/>" << (letter == 'a' ? "<boot order='1'/>" : "")
+void AddDisk(std::ostream& xml, const std::string& path, char letter, bool is_shared) {
+  xml << "<disk type='file' device='disk'><driver name='qemu' type='raw' cache='"
+      << (is_shared ? "none" : "writethrough") << "'/><source file='" << path << "'/><target dev='vd" << letter
+      << "' bus='virtio'/>" << (is_shared ? "<shareable/>" : "") << (letter == 'a' ? "<boot order='1'/>" : "")
       << "</disk>\n";
 }
 
@@ -63,9 +65,11 @@ std::string OwnersXml(const OwnersDomain& domain) {
       << (uefi ? "<os firmware='efi'>" : "<os>") << "<type arch='x86_64' machine='q35'>hvm</type>"
       << (uefi ? "<firmware><feature enabled='no' name='secure-boot'/></firmware>" : "") << "</os>\n"
       << "<features><acpi/><apic/></features><clock offset='localtime'/>\n<devices>\n";
-  AddDisk(xml, domain.boot_image, 'a');
+  AddDisk(xml, domain.boot_image, 'a', false);
   char letter = 'b';
-  for (const std::string& disk : domain.disks) AddDisk(xml, disk, letter++);
+  for (const std::string& disk : domain.disks) {
+    AddDisk(xml, disk, letter++, std::ranges::count(domain.disks, disk) > 1);
+  }
   xml << "<sound model='ich9'/>\n<channel type='unix'><target type='virtio' "
          "name='org.qemu.guest_agent.0'/></channel>\n";
   if (domain.screen.empty()) {

@@ -12,7 +12,7 @@ struct OwnersDomain {
   std::string id;  // UUID
   std::string name;
   std::string boot_image;          // its first disk
-  std::vector<std::string> disks;  // further ones, raw
+  std::vector<std::string> disks;  // further ones, raw; one that is named twice is shared by two disks
   std::string screen;              // path of the socket; empty: 192.0.2.99, which this machine has not
   enum class Firmware { kBios, kUefi } firmware = Firmware::kBios;
 };

@@ -303,11 +303,11 @@ std::string QemuHost::Addresses(const std::string& guest) const {
 }
 
 bool QemuHost::AwaitState(const std::string& guest, const std::string& state) const {
-  return Await([&] { return State(guest) == state; });
+  return Await([&] { return State(guest) == state; }, kStatePatience);
 }
 
 bool QemuHost::AwaitOff(const std::string& guest) const {
-  return Await([&] { return Qemus(guest) == 0 && Stored(guests::RunKey(guest)).empty(); });
+  return Await([&] { return Qemus(guest) == 0 && Stored(guests::RunKey(guest)).empty(); }, kStatePatience);
 }
 
 }  // namespace vexa::test

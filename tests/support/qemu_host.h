@@ -36,7 +36,10 @@ struct QemuHostOptions {
 };
 
 inline constexpr const char* kHostRepository = "11111111-2222-4333-8444-00000000000a";
+// For what a guest's own system does, and for calls.
 inline constexpr auto kGuestPatience = std::chrono::seconds(90);
+// For what the host stores after an event: it looks by itself every 5 s.
+inline constexpr auto kStatePatience = std::chrono::seconds(30);
 
 // Whether `holds` comes true in time.
 bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience = kGuestPatience);

@@ -25,9 +25,10 @@ void ExpectDiskRefusals(const QemuHost& host, const std::string& guest, const st
 
 class QemuRunningDisks : public LibvirtHostTest {
  protected:
-  // A domain that its owner has started becomes a guest of `host_id`.
+  // A domain that its owner has started, with an image that is named twice, becomes a guest of `host_id`.
   void StartAndImport(const std::string& host_id) {
     domain_ = MakeOwnersDomain(kOwners, "mine");
+    domain_.disks.push_back(domain_.disks[0]);
     ASSERT_EQ(user_->Define(OwnersXml(domain_)), "");
     ASSERT_EQ(user_->Start(kOwners), "") << libvirtd_->Log();
     host_->Start();
@@ -35,7 +36,7 @@ class QemuRunningDisks : public LibvirtHostTest {
   }
   void ExpectRefusals(const char* when) const {
     const Json::Value disks = host_->Record("guest", kOwners)["vdisks"];
-    ASSERT_EQ(disks.size(), 2U) << when << ": the guest's record is gone";
+    ASSERT_EQ(disks.size(), 3U) << when << ": the guest's record is gone";
     ExpectDiskRefusals(*host_, kOwners, disks[1].asString(), when);
     EXPECT_TRUE(AreDisksWhole(domain_)) << when;
     EXPECT_EQ(Content(domain_.disks[0]).size(), 1U << 20) << when;

@@ -26,6 +26,8 @@ constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";
 constexpr int kDisks = 12;
 // A host has looked at what it left behind by then, and has tried again.
 constexpr auto kRecovery = 3s;
+// An event that does not come while the storage is used: the host is killed when the time is over.
+constexpr std::uint32_t kNothing = IN_UNMOUNT;
 
 int RoundsOf(const char* variable, int otherwise) {
   const char* const text = std::getenv(variable);
@@ -204,7 +206,7 @@ TEST_F(QemuStorage, StorageGoesAtAnyMoment_NothingIsLostOrOrphaned) {
       (void)host_->Set(kGuest, edit);
     };
     const int milliseconds = static_cast<int>(random() % 60);
-    AskAndKill(ask, IN_UNMOUNT, std::chrono::milliseconds(milliseconds));
+    AskAndKill(ask, kNothing, std::chrono::milliseconds(milliseconds));
     StartWithoutAndBring("round " + std::to_string(round) + ", killed after " + std::to_string(milliseconds) + " ms");
   }
 }
