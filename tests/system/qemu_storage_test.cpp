@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "host/guests/run_record.h"
+#include "host/store/key.h"
 #include "tests/support/late_storage.h"
 #include "tests/support/qemu_host_test.h"
 #include "webapi/utils/json.h"
@@ -49,6 +50,9 @@ class QemuStorage : public EmbeddedHostTest {
     host_ = std::make_unique<QemuHost>(*ground_, options);
     PutGuest();
     host_->Start();
+    // The host learns which storage the disks are in soon after its start.
+    const std::string key = store::MakeKey({"dash", "repository", kHostRepository, "storage"});
+    (void)Await([&] { return !host_->Stored(key).empty(); }, 6s);
   }
   void TearDown() override {
     host_.reset();
