@@ -1,4 +1,6 @@
 // Disks that a machine writes to are neither removed nor changed, whoever has started it and whatever is known of it.
+#include <thread>
+
 #include "tests/support/qemu_host_test.h"
 
 namespace vexa::test {
@@ -55,6 +57,8 @@ TEST_F(QemuRunningDisks, ImportedWhileItRuns_KeepsItsDisksUntilItIsOff) {
   ASSERT_TRUE(host_->AwaitState(kOwners, "guest_running")) << "it is not adopted";
   ASSERT_NO_FATAL_FAILURE(ExpectRefusals("once it is adopted"));
   EXPECT_TRUE(user_->IsActive(kOwners));
+  // Until libvirt has its machine's monitor again, it says of one that it ends that it does not run.
+  std::this_thread::sleep_for(std::chrono::seconds(3));
   EXPECT_EQ(host_->Power(kOwners, "poweroff"), 0);
   EXPECT_TRUE(host_->AwaitOff(kOwners));
   EXPECT_EQ(host_->Delete(kOwners), 0);

@@ -110,7 +110,8 @@ class QemuStorage : public EmbeddedHostTest {
   // The guest's disks by its record, and nothing but them, are in the storage.
   void ExpectWhole(const std::string& after) const {
     std::multiset<std::string> named;
-    for (const Json::Value& id : json::Elements(host_->Record("guest", kGuest)["vdisks"])) {
+    const Json::Value disks = host_->Record("guest", kGuest)["vdisks"];
+    for (const Json::Value& id : json::Elements(disks)) {
       const std::string path = host_->Record("vdisk", id.asString())["path"].asString();
       named.insert(path);
       for (int disk = 0; disk < kDisks; ++disk) {
