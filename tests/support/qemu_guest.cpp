@@ -19,6 +19,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <sstream>
 #include <system_error>
 #include <thread>
@@ -44,17 +46,60 @@ constexpr std::array<const char*, 2> kImageNames = {"guest.iso", "guest-no-agent
 
 std::string ImageSource(const char* name) { return std::string(VEXA_TEST_GUEST_FOLDER) + "/" + name; }
 
-// Opened while the process may still read them, and kept: "nobody" may not get into the folder of the build.
-const std::array<int, 2>& ImageDescriptors() {
-  static const std::array<int, 2> descriptors = [] {
-    std::array<int, 2> opened{};
-    for (std::size_t i = 0; i < opened.size(); ++i) {
-      opened[i] = ::open(ImageSource(kImageNames[i]).c_str(), O_RDONLY | O_CLOEXEC);
-      if (opened[i] < 0) Die("Cannot open the image " + ImageSource(kImageNames[i]));
-    }
-    return opened;
-  }();
-  return descriptors;
+// Opened while the process may still read it, and kept: "nobody" may not get into the folder of the build.
+int KeptOpen(const std::string& path) {
+  static std::map<std::string, int> descriptors;
+  const auto [entry, is_new] = descriptors.emplace(path, -1);
+  if (is_new) entry->second = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (entry->second < 0) Die("Cannot open " + path);
+  return entry->second;
+}
+
+void Copy(const std::string& from, const std::string& to, mode_t mode) {
+  const int source = KeptOpen(from);
+  struct stat status {};
+  const int copy = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (copy < 0 || ::fstat(source, &status) != 0) Die("Cannot copy " + from);
+  off_t offset = 0;
+  while (offset < status.st_size) {
+    const ssize_t count = ::sendfile(copy, source, &offset, static_cast<std::size_t>(status.st_size - offset));
+    if (count <= 0) Die("Cannot copy " + from);
+  }
+  ::close(copy);
+}
+
+void BecomeNobody() {
+  if (::geteuid() != 0) return;
+  if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
+      ::setresuid(kNobody, kNobody, kNobody) != 0) {
+    Die("Cannot become the user 65534");
+  }
+  // It was root's: then /proc/self is closed to the user that is left, and sanitizers look into it.
+  ::prctl(PR_SET_DUMPABLE, 1);
+}
+
+// What `question` answers as the user that a ground becomes.
+std::string AskNobody(const std::function<std::string()>& question) {
+  std::array<int, 2> pipe{};
+  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) Die("Cannot make a pipe");
+  const pid_t child = ::fork();
+  if (child < 0) Die("Cannot fork");
+  if (child == 0) {
+    BecomeNobody();
+    const std::string answer = question();
+    ::_exit(::write(pipe[1], answer.data(), answer.size()) == static_cast<ssize_t>(answer.size()) ? 0 : 1);
+  }
+  ::close(pipe[1]);
+  std::string answer;
+  std::array<char, 512> buffer{};
+  for (ssize_t count = 0; (count = ::read(pipe[0], buffer.data(), buffer.size())) > 0;) {
+    answer.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  ::close(pipe[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) Die("Cannot ask as the user 65534");
+  return answer;
 }
 
 bool IsInPath(const std::string& program) {
@@ -86,13 +131,13 @@ std::string CommandLine(const std::string& pid) {
   return line.str();
 }
 
-bool IsQemuBelow(const std::string& line, const std::string& folder) {
-  const std::string program = line.substr(0, line.find('\0'));
-  return fs::path(program).filename().string().starts_with("qemu-system-") &&
-         line.find(folder + "/") != std::string::npos;
-}
+std::string ProgramOf(const std::string& line) { return fs::path(line.substr(0, line.find('\0'))).filename().string(); }
 
-std::vector<pid_t> QemusBelow(const std::string& folder, const std::string& word = "") {
+bool IsQemu(const std::string& program) { return program.starts_with("qemu-system-"); }
+bool IsHost(const std::string& program) { return program == "vexad" || program == "libvirtd"; }
+
+std::vector<pid_t> RunningBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&),
+                                const std::string& word = "") {
   std::vector<pid_t> found;
   DIR* const processes = ::opendir("/proc");
   if (processes == nullptr) return found;
@@ -101,11 +146,27 @@ std::vector<pid_t> QemusBelow(const std::string& folder, const std::string& word
     const bool number = pid.find_first_not_of("0123456789") == std::string::npos;
     if (!number) continue;
     const std::string line = CommandLine(pid);
-    const bool is_wanted = IsQemuBelow(line, folder) && line.find(word) != std::string::npos;
+    const bool is_wanted = is_wanted_program(ProgramOf(line)) && line.find(folder + "/") != std::string::npos &&
+                           line.find(word) != std::string::npos;
     if (is_wanted) found.push_back(static_cast<pid_t>(std::stol(pid)));
   }
   ::closedir(processes);
   return found;
+}
+
+// Ends them, and waits for their ends. How many there were.
+int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&)) {
+  int count = 0;
+  // One that is just being started may come to light late, and one that is killed takes a while to go.
+  for (int round = 0; round < 200; ++round) {
+    const std::vector<pid_t> running = RunningBelow(folder, is_wanted_program);
+    if (running.empty()) return count;
+    if (round == 0) count = static_cast<int>(running.size());
+    for (const pid_t pid : running) ::kill(pid, SIGKILL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  std::fprintf(stderr, "Programs below '%s' do not end\n", folder.c_str());
+  return count;
 }
 
 // The guard of a ground: it outlives the test program, and clears up after it.
@@ -115,7 +176,7 @@ std::vector<pid_t> QemusBelow(const std::string& folder, const std::string& word
   do {
     got = ::read(news, &word, 1);
   } while (got < 0 && errno == EINTR);
-  KillQemus(folder);
+  EndPrograms(folder);
   // Without a word the program was killed or crashed, and nobody else removes the folder.
   if (got == 0) {
     std::error_code ignored;
@@ -127,42 +188,59 @@ std::vector<pid_t> QemusBelow(const std::string& folder, const std::string& word
 }  // namespace
 
 std::string WhyNoQemuGuests() {
-  for (const char* const image : kImageNames) {
-    if (::access(ImageSource(image).c_str(), R_OK) != 0) {
-      return "there is no " + ImageSource(image) + ", which tools/make-test-guest makes";
+  // Once: the process may have become "nobody" when it asks again, who cannot see what is open already.
+  static const std::string why_not = [] {
+    for (const char* const image : kImageNames) {
+      if (::access(ImageSource(image).c_str(), R_OK) != 0) {
+        return "there is no " + ImageSource(image) + ", which tools/make-test-guest makes";
+      }
+      KeptOpen(ImageSource(image));
     }
-  }
-  if (!IsInPath("qemu-system-x86_64")) return "there is no qemu-system-x86_64: install qemu-system-x86";
-  if (!HasQemuDriver()) return "libvirt has no driver of QEMU: install libvirt-daemon-driver-qemu";
-  return "";
+    return AskNobody([]() -> std::string {
+      if (!IsInPath("qemu-system-x86_64")) return "there is no qemu-system-x86_64: install qemu-system-x86";
+      if (!HasQemuDriver()) return "libvirt has no driver of QEMU: install libvirt-daemon-driver-qemu";
+      return "";
+    });
+  }();
+  return why_not;
+}
+
+std::string WhyNoFirmware() {
+  const std::string why_not = WhyNoQemuGuests();
+  if (!why_not.empty() || ::access(kFirmwareVariables, R_OK) == 0) return why_not;
+  return std::string("there is no ") + kFirmwareVariables + ": install ovmf";
+}
+
+bool CanNobodyRun(const std::string& program) {
+  return AskNobody([&] { return ::access(program.c_str(), X_OK) == 0 ? "yes" : "no"; }) == "yes";
 }
 
 std::string SkipNotice(const std::string& why) { return "Guests on QEMU are not tested: " + why; }
 
 int CountQemus(const std::string& folder, const std::string& word) {
-  return static_cast<int>(QemusBelow(folder, word).size());
+  return static_cast<int>(QemusOf(folder, word).size());
 }
 
-int KillQemus(const std::string& folder) {
-  int count = 0;
-  // One that is just being started may come to light late, and one that is killed takes a while to go.
-  for (int round = 0; round < 200; ++round) {
-    const std::vector<pid_t> running = QemusBelow(folder);
-    if (running.empty()) return count;
-    if (round == 0) count = static_cast<int>(running.size());
-    for (const pid_t pid : running) ::kill(pid, SIGKILL);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  std::fprintf(stderr, "QEMUs below '%s' do not end\n", folder.c_str());
-  return count;
+std::vector<int> QemusOf(const std::string& folder, const std::string& word) {
+  return RunningBelow(folder, IsQemu, word);
 }
 
-QemuGround::Dropped::Dropped() {
-  ImageDescriptors();
+int KillQemus(const std::string& folder) { return KillBelow(folder, IsQemu); }
+
+void EndPrograms(const std::string& folder) {
+  // Those first who would start another QEMU.
+  KillBelow(folder, IsHost);
+  KillBelow(folder, IsQemu);
+}
+
+QemuGround::Dropped::Dropped(const GroundFiles& files) {
+  for (const char* const image : kImageNames) KeptOpen(ImageSource(image));
+  for (const std::string& program : files.programs) KeptOpen(program);
+  for (const std::string& library : files.libraries) KeptOpen(library);
   BecomeNobody();
 }
 
-QemuGround::QemuGround() {
+QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files_) {
   // libvirt keeps a little outside of its root: "nobody" has no home, and that of others is none of a test's business.
   for (const char* const name : {"HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
     ::setenv(name, folder().c_str(), 1);
@@ -170,13 +248,16 @@ QemuGround::QemuGround() {
   // It would try for many seconds to start daemons that are not installed.
   ::setenv("LIBVIRT_AUTOSTART", "0", 1);
   CopyImages();
+  CopyLibraries();
   StartGuard();
 }
 
 QemuGround::~QemuGround() {
-  KillQemus(folder());
+  EndPrograms(folder());
   // Kept folders are for people who look for a mistake, which is not in the images.
   for (const char* const name : kImageNames) ::unlink(folder_.File(name).c_str());
+  std::error_code ignored;
+  fs::remove_all(LibraryFolder(), ignored);
   if (guard_ >= 0 && ::write(guard_, "k", 1) != 1) std::fprintf(stderr, "The guard of the ground is gone\n");
   LetGo();
 }
@@ -190,29 +271,24 @@ std::string QemuGround::Image(GuestImage image) const {
   return folder_.File(kImageNames[image == GuestImage::kWithAgent ? 0 : 1]);
 }
 
-void QemuGround::BecomeNobody() {
-  if (::geteuid() != 0) return;
-  if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-      ::setresuid(kNobody, kNobody, kNobody) != 0) {
-    Die("Cannot become the user 65534");
-  }
-  // It was root's: then /proc/self is closed to the user that is left, and sanitizers look into it.
-  ::prctl(PR_SET_DUMPABLE, 1);
+void QemuGround::CopyImages() const {
+  for (const char* const name : kImageNames) Copy(ImageSource(name), folder_.File(name), 0600);
 }
 
-void QemuGround::CopyImages() const {
-  for (std::size_t i = 0; i < kImageNames.size(); ++i) {
-    const int source = ImageDescriptors()[i];
-    struct stat status {};
-    const int copy = ::open(folder_.File(kImageNames[i]).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (copy < 0 || ::fstat(source, &status) != 0) Die("Cannot copy an image");
-    off_t offset = 0;
-    while (offset < status.st_size) {
-      const ssize_t count = ::sendfile(copy, source, &offset, static_cast<std::size_t>(status.st_size - offset));
-      if (count <= 0) Die("Cannot copy an image");
-    }
-    ::close(copy);
+void QemuGround::CopyLibraries() const {
+  if (files_.libraries.empty()) return;
+  if (::mkdir(LibraryFolder().c_str(), 0700) != 0) Die("Cannot make the folder of libraries");
+  for (const std::string& library : files_.libraries) {
+    Copy(library, LibraryFolder() + "/" + fs::path(library).filename().string(), 0700);
   }
+}
+
+std::string QemuGround::Program(const std::string& name) const {
+  for (const std::string& program : files_.programs) {
+    if (fs::path(program).filename() == name) return "/proc/self/fd/" + std::to_string(KeptOpen(program));
+  }
+  std::fprintf(stderr, "The ground was not told of the program '%s'\n", name.c_str());
+  std::abort();
 }
 
 void QemuGround::StartGuard() {

@@ -1,0 +1,50 @@
+// Somebody who uses libvirt beside a host, as people do with virsh.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vexa::test {
+
+// A domain that its owner has made, with much that a guest's records do not know: a title, metadata, a clock in local
+// time, sound, a screen on a socket of their choice, disks that are written through.
+struct OwnersDomain {
+  std::string id;  // UUID
+  std::string name;
+  std::string boot_image;          // its first disk
+  std::vector<std::string> disks;  // further ones, raw; one that is named twice is shared by two disks
+  std::string screen;              // path of the socket; empty: 192.0.2.99, which this machine has not
+  enum class Firmware { kBios, kUefi } firmware = Firmware::kBios;
+};
+std::string OwnersXml(const OwnersDomain& domain);
+// What OwnersXml has and records do not, and `xml` has not: a line for each. Empty: it has all.
+std::string LostOfOwner(const std::string& xml);
+
+// Each call has a connection of its own, so that libvirtd may come and go. Actions give an empty text, or libvirt's
+// sentence. Domains are named by their ids.
+// Threads: one at a time.
+class LibvirtUser {
+ public:
+  explicit LibvirtUser(std::string uri);
+
+  std::string Define(const std::string& xml) const;
+  std::string Undefine(const std::string& id) const;
+  std::string Start(const std::string& id) const;
+  std::string Destroy(const std::string& id) const;
+  std::string ManagedSave(const std::string& id) const;
+  std::string StartWithTheHost(const std::string& id) const;  // sets autostart
+
+  // The XML of the inactive domain; empty when libvirt does not know it.
+  std::string Xml(const std::string& id) const;
+  // What is to stay as it is of a domain of somebody else's: XML, autostart, whether it runs and is saved.
+  std::string Everything(const std::string& id) const;
+  bool IsKnown(const std::string& id) const { return !Xml(id).empty(); }
+  bool IsActive(const std::string& id) const;
+  bool IsSaved(const std::string& id) const;
+  bool StartsWithTheHost(const std::string& id) const;
+
+ private:
+  std::string uri_;
+};
+
+}  // namespace vexa::test

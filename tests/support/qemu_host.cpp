@@ -1,0 +1,313 @@
+#include "tests/support/qemu_host.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "host/base/json_parse.h"
+#include "host/daemon/host_id.h"
+#include "host/guests/run_record.h"
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "tests/support/http_client.h"
+#include "tests/support/process.h"
+#include "tests/support/require.h"
+#include "webapi/platform/ccc_constants.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+namespace fs = std::filesystem;
+namespace json = VexaVirtualization::json;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kDiskBytes = 1 << 20;
+
+[[noreturn]] void Fail(const std::string& what) {
+  std::fprintf(stderr, "%s\n", what.c_str());
+  std::abort();
+}
+
+std::string ObjectKey(const std::string& category, const std::string& id) {
+  return store::MakeKey({"dash", category, id, "object"});
+}
+
+void MakeFolder(const std::string& path) {
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) Fail("Cannot make the folder " + path);
+}
+
+}  // namespace
+
+GroundFiles HostPrograms() { return {{VEXAD_PROGRAM, VEXA_PROGRAM}, {VEXA_LIBRARY}}; }
+
+bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience) {
+  const auto end = Clock::now() + patience;
+  while (!holds()) {
+    if (Clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
+
+bool IsThere(const std::string& path) {
+  std::error_code ignored;
+  return fs::exists(path, ignored);
+}
+
+std::string Content(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
+
+QemuHost::QemuHost(const QemuGround& ground, QemuHostOptions options)
+    : ground_(ground), folder_(ground.folder()), options_(std::move(options)) {
+  if (options_.embed_root.empty()) options_.embed_root = ground.root();
+  if (options_.image_root.empty()) options_.image_root = folder_ + "/disks";
+  MakeFolder(folder_ + "/data");
+  MakeFolder(options_.image_root);
+  MakeFolder(DiskFolder());
+  host_id_ = Require(daemon::LoadHostId(folder_ + "/data"));
+  Json::Value repository(Json::objectValue);
+  repository["host_id"] = host_id_;
+  repository["state"] = VexaCCC::State::Repo::online;
+  Put("repository", kHostRepository, repository);
+}
+
+QemuHost::~QemuHost() { Kill(); }
+
+std::string QemuHost::Log() const { return Content(folder_ + "/vexad.log"); }
+
+std::vector<std::string> QemuHost::Arguments() const {
+  return {folder_ + "/vexad",
+          "--data",
+          folder_ + "/data",
+          "--socket",
+          folder_ + "/s",
+          "--listen",
+          "none",
+          "--hypervisor",
+          options_.hypervisor,
+          "--hypervisor-root",
+          options_.embed_root,
+          "--image-roots",
+          options_.image_root,
+          "--stop-timeout",
+          std::to_string(options_.stop_timeout.count()),
+          "--log",
+          "stderr"};
+}
+
+void QemuHost::Start() {
+  const std::string log = folder_ + "/vexad.log";
+  const std::size_t before = Log().size();
+  const std::string program = ground_.Program("vexad");
+  std::vector<std::string> words = Arguments();
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  ::setenv("LD_LIBRARY_PATH", ground_.LibraryFolder().c_str(), 1);
+  pid_ = ::fork();
+  if (pid_ < 0) Fail("Cannot fork");
+  if (pid_ == 0) {
+    const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    ::dup2(output, 1);
+    ::dup2(output, 2);
+    ::execv(program.c_str(), argv.data());
+    ::_exit(127);
+  }
+  const auto end = Clock::now() + kGuestPatience;
+  while (Log().find("Ready.", before) == std::string::npos) {
+    if (::waitpid(pid_, nullptr, WNOHANG) != 0) Fail("The host has ended: " + Log().substr(before));
+    if (Clock::now() > end) Fail("The host does not become ready: " + Log().substr(before));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+void QemuHost::Kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = 0;
+}
+
+std::optional<std::chrono::milliseconds> QemuHost::Stop(std::chrono::milliseconds patience) {
+  const auto begin = Clock::now();
+  ::kill(pid_, SIGTERM);
+  const bool ended = Await([this] { return ::waitpid(pid_, nullptr, WNOHANG) != 0; }, patience);
+  if (!ended) {
+    Kill();
+    return std::nullopt;
+  }
+  pid_ = 0;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+}
+
+void QemuHost::Restart() {
+  Kill();
+  Start();
+}
+
+std::string QemuHost::Vexa(std::vector<std::string> arguments) const {
+  arguments.insert(arguments.begin(), ground_.Program("vexa"));
+  const ProcessResult result =
+      RunProcess({.argv = arguments, .environment = {{"LD_LIBRARY_PATH", ground_.LibraryFolder()}}});
+  if (result.exit_code != 0) Fail("vexa " + arguments[1] + " fails: " + result.output + result.errors);
+  return result.output;
+}
+
+std::shared_ptr<store::Store> QemuHost::Store() const {
+  store::LmdbOptions options;
+  options.directory = folder_ + "/data/store";
+  return Require(store::OpenLmdbStore(options));
+}
+
+void QemuHost::PutGuest(const HostGuest& guest) {
+  std::string image = ground_.Image(guest.image);
+  if (!guest.has_drive) {
+    image = DiskFolder() + "/" + DiskId(guest.id, 99) + ".img";
+    fs::copy_file(ground_.Image(guest.image), image, fs::copy_options::overwrite_existing);
+  }
+  hypervisor::GuestRecords records =
+      QemuGuestRecords(guest.id, guest.name, image, guest.has_drive ? StartsFrom::kIso : StartsFrom::kDisk);
+  for (int disk = 0; disk < guest.disks; ++disk) {
+    std::string bytes = DiskText(guest.id, disk);
+    bytes.resize(kDiskBytes, '\0');
+    std::ofstream(DiskFile(guest.id, disk), std::ios::binary) << bytes;
+    Json::Value record(Json::objectValue);
+    record["path"] = DiskFile(guest.id, disk);
+    record["driver"] = "raw";
+    record["vdisk_mode"] = 1;
+    record["size"] = 1;
+    records.disks.emplace_back(DiskId(guest.id, disk), record);
+  }
+  records.guest["host_id"] = host_id_;
+  records.guest["repository_id"] = kHostRepository;
+  if (guest.has_uefi) records.guest["use_ovmf"] = true;
+  records.guest["vdisks"] = Json::Value(Json::arrayValue);
+  records.guest["vnics"] = Json::Value(Json::arrayValue);
+  int number = 0;
+  for (auto& [id, record] : records.disks) {
+    record["guest_id"] = guest.id;
+    record["repository_id"] = kHostRepository;
+    record["name"] = std::string("vd") + static_cast<char>('a' + number++);
+    records.guest["vdisks"].append(id);
+    Put("vdisk", id, record);
+  }
+  for (auto& [id, record] : records.nics) {
+    record["guest_id"] = guest.id;
+    records.guest["vnics"].append(id);
+    Put("vnic", id, record);
+  }
+  Put("guest", guest.id, records.guest);
+}
+
+void QemuHost::Put(const std::string& category, const std::string& id, const Json::Value& record) const {
+  store::Transaction transaction;
+  transaction.operations.push_back({ObjectKey(category, id), json::ToText(record)});
+  (void)Require(Store()->Commit(transaction));
+}
+
+void QemuHost::ForgetRun(const std::string& guest) const {
+  store::Transaction transaction;
+  transaction.operations.push_back({guests::RunKey(guest), std::nullopt});
+  (void)Require(Store()->Commit(transaction));
+}
+
+Json::Value QemuHost::Record(const std::string& category, const std::string& id) const {
+  const auto record = ParseJson(Stored(ObjectKey(category, id)));
+  return record ? *record : Json::Value();
+}
+
+std::string QemuHost::Stored(const std::string& key) const {
+  const auto store = Store();
+  const auto snapshot = Require(store->Read());
+  const auto value = Require(snapshot->Get(key));
+  return value ? std::string(value->text) : "";
+}
+
+std::string QemuHost::State(const std::string& guest) const {
+  const auto state = ParseJson(Stored(store::MakeKey({"dash", "guest", guest, "state"})));
+  return state && state->isString() ? state->asString() : "";
+}
+
+std::string QemuHost::DiskFolder() const { return options_.image_root + "/" + kHostRepository; }
+
+std::string QemuHost::DiskId(const std::string& guest, int disk) {
+  const std::string number = std::to_string(disk);
+  return "dddddddd-2222-4333-8444-" + guest.substr(guest.size() - 9) + std::string(3 - number.size(), '0') + number;
+}
+
+std::string QemuHost::DiskFile(const std::string& guest, int disk) const {
+  return DiskFolder() + "/" + DiskId(guest, disk) + ".img";
+}
+
+std::string QemuHost::DiskText(const std::string& guest, int disk) { return "What is on " + DiskId(guest, disk); }
+
+std::string QemuHost::LostDisks(const std::string& guest, int disks) const {
+  std::string lost;
+  for (int disk = 0; disk < disks; ++disk) {
+    if (!Content(DiskFile(guest, disk)).starts_with(DiskText(guest, disk))) lost += DiskFile(guest, disk) + "\n";
+  }
+  return lost;
+}
+
+Json::Value QemuHost::Ask(const std::string& api_and_method, const std::string& guest, Json::Value further) const {
+  HttpTarget target;
+  target.url = "http://localhost";
+  target.unix_socket = folder_ + "/s";
+  HttpClient client(target);
+  client.SetTimeout(kGuestPatience);
+  if (further.isNull()) further = Json::Value(Json::objectValue);
+  further["guest_id"] = guest;
+  const HttpReply reply = client.PostJson("/webapi/" + api_and_method, json::ToText(further));
+  const auto parsed = ParseJson(reply.body);
+  return reply.arrived() && parsed ? *parsed : Json::Value();
+}
+
+int QemuHost::Code(const std::string& api_and_method, const std::string& guest, const Json::Value& further) const {
+  const Json::Value reply = Ask(api_and_method, guest, further);
+  if (!reply.isObject()) return -1;
+  if (json::Bool(json::Member(reply, "success"))) return 0;
+  const int code = static_cast<int>(json::Int(json::Member(json::Member(reply, "error"), "code")));
+  return code != 0 ? code : -1;
+}
+
+int QemuHost::Power(const std::string& guest, const std::string& action) const {
+  Json::Value further(Json::objectValue);
+  further["action"] = action;
+  return Code("VEXA.Virtualization.Guest.Action/pwr_ctl", guest, further);
+}
+
+int QemuHost::Set(const std::string& guest, const Json::Value& edit) const {
+  return Code("VEXA.Virtualization.Guest/set", guest, edit);
+}
+
+std::string QemuHost::Addresses(const std::string& guest) const {
+  const Json::Value info = json::Member(Ask("VEXA.Virtualization.Guest/info", guest), "data");
+  std::string addresses;
+  for (const Json::Value& address : json::Elements(json::Member(info, "ip"))) {
+    addresses += json::String(address) + " ";
+  }
+  return addresses;
+}
+
+bool QemuHost::AwaitState(const std::string& guest, const std::string& state) const {
+  return Await([&] { return State(guest) == state; }, kStatePatience);
+}
+
+bool QemuHost::AwaitOff(const std::string& guest) const {
+  return Await([&] { return Qemus(guest) == 0 && Stored(guests::RunKey(guest)).empty(); }, kStatePatience);
+}
+
+}  // namespace vexa::test

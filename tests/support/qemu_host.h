@@ -1,0 +1,116 @@
+// A real host (the program vexad) with guests on QEMU, asked as users ask it, and its records.
+#pragma once
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/store/store.h"
+#include "tests/support/qemu_guest.h"
+
+namespace vexa::test {
+
+// For a ground on which hosts run.
+GroundFiles HostPrograms();
+
+// A guest that starts from the test guest's image in its drive.
+struct HostGuest {
+  std::string id;  // UUID; the last two characters tell guests apart
+  std::string name;
+  GuestImage image = GuestImage::kWithAgent;
+  int disks = 1;  // of 1 MiB, with a text at their beginning
+  bool has_uefi = false;
+  bool has_drive = true;  // false: the image is its first disk, copied below the folder of images
+};
+
+struct QemuHostOptions {
+  std::string hypervisor = "embed";
+  std::string embed_root;  // empty: the ground's
+  std::string image_root;  // empty: "disks" below the ground
+  std::chrono::seconds stop_timeout{30};
+};
+
+inline constexpr const char* kHostRepository = "11111111-2222-4333-8444-00000000000a";
+// For what a guest's own system does, and for calls.
+inline constexpr auto kGuestPatience = std::chrono::seconds(90);
+// For what the host stores after an event: it looks by itself every 5 s.
+inline constexpr auto kStatePatience = std::chrono::seconds(30);
+
+// Whether `holds` comes true in time.
+bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience = kGuestPatience);
+
+// A path of a file and what it holds.
+bool IsThere(const std::string& path);
+std::string Content(const std::string& path);
+
+// Threads: the questions and actions for guests on any, everything else on one.
+class QemuHost {
+ public:
+  // Writes the record of the repository; nothing is started.
+  explicit QemuHost(const QemuGround& ground, QemuHostOptions options = {});
+  ~QemuHost();
+  QemuHost(const QemuHost&) = delete;
+  QemuHost& operator=(const QemuHost&) = delete;
+
+  QemuHostOptions& options() { return options_; }
+  const std::string& id() const { return host_id_; }
+  pid_t pid() const { return pid_; }
+  std::string Log() const;  // of all runs
+
+  // A test that goes on without a host makes no sense: the test program ends when it does not become ready.
+  void Start();
+  // As the system does when memory runs out: no step is finished.
+  void Kill();
+  // SIGTERM. How long it took; not set when it had to be killed after `patience`.
+  std::optional<std::chrono::milliseconds> Stop(std::chrono::milliseconds patience);
+  void Restart();  // Kill and Start
+
+  // Runs the program `vexa` on the files of this host. What it printed; the test program ends when it fails.
+  std::string Vexa(std::vector<std::string> arguments) const;
+
+  // --- Records ---
+  void PutGuest(const HostGuest& guest);
+  void Put(const std::string& category, const std::string& id, const Json::Value& record) const;
+  Json::Value Record(const std::string& category, const std::string& id) const;
+  void ForgetRun(const std::string& guest) const;  // as if no host had the guest
+  bool Has(const std::string& guest) const { return !Record("guest", guest).isNull(); }
+  std::string Stored(const std::string& key) const;
+  std::string State(const std::string& guest) const;  // "guest_running"
+  std::string DiskFolder() const;                     // of the repository
+  static std::string DiskId(const std::string& guest, int disk);
+  std::string DiskFile(const std::string& guest, int disk) const;
+  static std::string DiskText(const std::string& guest, int disk);
+  // The guest's disks that are not as PutGuest has made them: a line for each.
+  std::string LostDisks(const std::string& guest, int disks) const;
+
+  // --- Calls ---
+  Json::Value Ask(const std::string& api_and_method, const std::string& guest, Json::Value further = {}) const;
+  // The code of the error; 0 for a success, -1 when no reply came.
+  int Code(const std::string& api_and_method, const std::string& guest, const Json::Value& further = {}) const;
+  int Power(const std::string& guest, const std::string& action) const;
+  int Delete(const std::string& guest) const { return Code("VEXA.Virtualization.Guest/delete", guest); }
+  int Set(const std::string& guest, const Json::Value& edit) const;
+  // The addresses of a running guest, in one text; empty while they are not known.
+  std::string Addresses(const std::string& guest) const;
+
+  int Qemus(const std::string& guest) const { return CountQemus(folder_, guest); }
+  bool AwaitState(const std::string& guest, const std::string& state) const;
+  bool AwaitOff(const std::string& guest) const;
+
+ private:
+  std::vector<std::string> Arguments() const;
+  std::shared_ptr<store::Store> Store() const;
+
+  const QemuGround& ground_;
+  std::string folder_;
+  QemuHostOptions options_;
+  std::string host_id_;
+  pid_t pid_ = 0;
+};
+
+}  // namespace vexa::test

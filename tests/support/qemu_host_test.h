@@ -1,0 +1,119 @@
+// Fixtures of tests with a host and guests on QEMU: QEMU's driver embedded in the host, or a libvirt beside it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "tests/support/libvirt_user.h"
+#include "tests/support/private_libvirtd.h"
+#include "tests/support/qemu_host.h"
+
+namespace vexa::test {
+
+// The host has records and is not started.
+class EmbeddedHostTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string why_not = WhyNot();
+    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
+    ground_ = std::make_unique<QemuGround>(HostPrograms());
+    MakeHost();
+  }
+  void TearDown() override {
+    host_.reset();
+    ground_.reset();
+  }
+
+  virtual std::string WhyNot() { return WhyNoFirmware(); }
+  virtual void MakeHost() { host_ = std::make_unique<QemuHost>(*ground_); }
+
+  std::unique_ptr<QemuGround> ground_;
+  std::unique_ptr<QemuHost> host_;
+};
+
+// The host's hypervisor is a libvirtd that its users talk to as well.
+class LibvirtHostTest : public EmbeddedHostTest {
+ protected:
+  void TearDown() override {
+    host_.reset();
+    libvirtd_.reset();
+    ground_.reset();
+  }
+
+  std::string WhyNot() override {
+    const std::string why_not = WhyNoPrivateLibvirtd();
+    return why_not.empty() ? WhyNoFirmware() : why_not;
+  }
+  void MakeHost() override {
+    libvirtd_ = std::make_unique<PrivateLibvirtd>(*ground_);
+    user_ = std::make_unique<LibvirtUser>(libvirtd_->uri());
+    QemuHostOptions options;
+    options.hypervisor = libvirtd_->uri();
+    host_ = std::make_unique<QemuHost>(*ground_, options);
+  }
+
+  // A domain with an image to start from and a disk of its own, both where the host's guests have theirs.
+  OwnersDomain MakeOwnersDomain(const std::string& id, const std::string& name) const {
+    OwnersDomain domain;
+    domain.id = id;
+    domain.name = name;
+    domain.screen = ground_->folder() + "/" + name + ".vnc";
+    domain.boot_image = host_->DiskFile(id, 0);
+    domain.disks = {host_->DiskFile(id, 1)};
+    std::filesystem::copy_file(ground_->Image(GuestImage::kWithAgent), domain.boot_image);
+    std::string bytes = QemuHost::DiskText(id, 1);
+    bytes.resize(1 << 20, '\0');
+    std::ofstream(domain.disks[0], std::ios::binary) << bytes;
+    return domain;
+  }
+  // Whether both are as MakeOwnersDomain has made them.
+  bool AreDisksWhole(const OwnersDomain& domain) const {
+    return Content(domain.boot_image).size() == Content(ground_->Image(GuestImage::kWithAgent)).size() &&
+           Content(domain.disks[0]).starts_with(QemuHost::DiskText(domain.id, 1));
+  }
+  // Every domain that libvirt knows now becomes a guest of `host_id`.
+  void ImportAll(const std::string& host_id) const {
+    host_->Vexa({"import", "--all", libvirtd_->uri(), "--data", ground_->folder() + "/data", "--host-id", host_id,
+                 "--repository-id", kHostRepository});
+  }
+  // The files that libvirt has saved memory in.
+  int SavedFiles() const {
+    int count = 0;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(ground_->folder(), ignored)) {
+      count += entry.path().extension() == ".save" ? 1 : 0;
+    }
+    return count;
+  }
+
+  std::unique_ptr<PrivateLibvirtd> libvirtd_;
+  std::unique_ptr<LibvirtUser> user_;
+};
+
+// The files with UEFI variables below `folder`, and a text in them that firmware leaves alone.
+inline std::vector<std::string> VariablesBelow(const std::string& folder) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> found;
+  std::error_code ignored;
+  const auto size = fs::file_size(kFirmwareVariables, ignored);
+  for (const auto& entry : fs::recursive_directory_iterator(folder, ignored)) {
+    if (entry.is_regular_file(ignored) && entry.file_size(ignored) == size) found.push_back(entry.path().string());
+  }
+  return found;
+}
+
+// Near the end of the part that is only written while the firmware makes room.
+inline constexpr int kMarkFromEnd = 64;
+inline constexpr const char* kMark = "What the guest has stored";
+
+inline void Mark(const std::string& path) {
+  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+  file.seekp(-kMarkFromEnd, std::ios::end);
+  file << kMark;
+}
+inline bool IsMarked(const std::string& path) { return Content(path).find(kMark) != std::string::npos; }
+
+}  // namespace vexa::test

@@ -1,0 +1,146 @@
+// What somebody else has defined for libvirt stays theirs: beside the host's guests, and when it becomes one of them.
+#include "tests/support/qemu_host_test.h"
+
+namespace vexa::test {
+namespace {
+
+constexpr char kOwners[] = "11111111-2222-4333-8444-0000000000f1";
+constexpr char kOwnersRunning[] = "11111111-2222-4333-8444-0000000000f2";
+constexpr char kOwnersSaved[] = "11111111-2222-4333-8444-0000000000f3";
+constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";
+constexpr char kFailing[] = "11111111-2222-4333-8444-000000000002";
+constexpr char kDeleted[] = "11111111-2222-4333-8444-000000000003";
+constexpr char kOurMark[] = "urn:vexa:guest:1";
+
+class QemuForeign : public LibvirtHostTest {
+ protected:
+  void PutGuest(const char* id, const char* name) const {
+    HostGuest guest;
+    guest.id = id;
+    guest.name = name;
+    host_->PutGuest(guest);
+  }
+  void ExpectOwners(const OwnersDomain& domain, const char* after) const {
+    EXPECT_TRUE(user_->IsKnown(domain.id)) << after;
+    EXPECT_EQ(LostOfOwner(user_->Xml(domain.id)), "") << after;
+    EXPECT_TRUE(user_->StartsWithTheHost(domain.id)) << after;
+    EXPECT_TRUE(AreDisksWhole(domain)) << after;
+  }
+};
+
+TEST_F(QemuForeign, DomainsOfOthers_WhateverHappensToGuests_StayAsTheyAre) {
+  const OwnersDomain idle = MakeOwnersDomain(kOwners, "idle");
+  const OwnersDomain running = MakeOwnersDomain(kOwnersRunning, "busy");
+  const OwnersDomain saved = MakeOwnersDomain(kOwnersSaved, "asleep");
+  for (const OwnersDomain* domain : {&idle, &running, &saved}) ASSERT_EQ(user_->Define(OwnersXml(*domain)), "");
+  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+  ASSERT_EQ(user_->Start(kOwnersRunning), "") << libvirtd_->Log();
+  ASSERT_EQ(user_->Start(kOwnersSaved), "");
+  ASSERT_EQ(user_->ManagedSave(kOwnersSaved), "");
+  const auto everything = [&] {
+    return user_->Everything(kOwners) + user_->Everything(kOwnersRunning) + user_->Everything(kOwnersSaved);
+  };
+  const std::string before = everything();
+  PutGuest(kGuest, "busy");  // libvirt cannot have two of a name
+  PutGuest(kFailing, "failing");
+  PutGuest(kDeleted, "deleted");
+  // QEMU does not start with a disk that another one writes to.
+  Json::Value disk = host_->Record("vdisk", QemuHost::DiskId(kFailing, 0));
+  disk["path"] = running.disks[0];
+  host_->Put("vdisk", QemuHost::DiskId(kFailing, 0), disk);
+
+  host_->Start();
+  EXPECT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  EXPECT_EQ(everything(), before) << "after a start";
+  EXPECT_NE(host_->Power(kFailing, "poweron"), 0);
+  EXPECT_EQ(everything(), before) << "after a start that failed";
+  host_->Restart();
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_running"));
+  EXPECT_EQ(everything(), before) << "after the host was killed";
+  EXPECT_EQ(host_->Power(kGuest, "poweroff"), 0);
+  EXPECT_TRUE(host_->AwaitOff(kGuest));
+  EXPECT_EQ(host_->Delete(kDeleted), 0);
+  EXPECT_EQ(host_->Delete(kGuest), 0);
+  EXPECT_EQ(everything(), before) << "after deletions";
+  EXPECT_FALSE(user_->IsKnown(kGuest));
+}
+
+TEST_F(QemuForeign, DomainWithTheIdOfAGuest_IsNeitherReplacedNorRemoved) {
+  const OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
+  ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
+  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+  const std::string before = user_->Everything(kOwners);
+  HostGuest guest;
+  guest.id = kOwners;
+  guest.name = "ours";
+  guest.disks = 0;
+  host_->PutGuest(guest);
+  host_->Start();
+  EXPECT_NE(host_->Power(kOwners, "poweron"), 0);
+  EXPECT_EQ(user_->Everything(kOwners), before) << "after a start";
+  host_->Restart();
+  EXPECT_NE(host_->Power(kOwners, "poweron"), 0);
+  EXPECT_EQ(user_->Everything(kOwners), before) << "after the host was killed";
+  (void)host_->Delete(kOwners);
+  EXPECT_EQ(user_->Everything(kOwners), before) << "after a deletion";
+  EXPECT_TRUE(AreDisksWhole(domain));
+}
+
+TEST_F(QemuForeign, ImportedGuest_RunsAndIsReleased_KeepsWhatItsOwnerHad) {
+  OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
+  domain.firmware = OwnersDomain::Firmware::kUefi;
+  ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
+  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+  ASSERT_EQ(user_->Start(kOwners), "") << libvirtd_->Log();
+  ASSERT_EQ(user_->Destroy(kOwners), "");
+  const std::vector<std::string> variables = VariablesBelow(ground_->folder());
+  ASSERT_THAT(variables, testing::SizeIs(1));
+  Mark(variables[0]);
+  ImportAll(host_->id());
+  host_->Start();
+
+  ASSERT_EQ(host_->Power(kOwners, "poweron"), 0) << host_->Log();
+  ExpectOwners(domain, "while it runs");
+  EXPECT_NE(user_->Xml(kOwners).find(kOurMark), std::string::npos);
+  EXPECT_NE(user_->Xml(kOwners).find("kept="), std::string::npos);
+  host_->Restart();
+  EXPECT_TRUE(host_->AwaitState(kOwners, "guest_running"));
+  EXPECT_EQ(host_->Power(kOwners, "poweroff"), 0);
+  EXPECT_TRUE(host_->AwaitOff(kOwners));
+  ExpectOwners(domain, "after a run");
+  Json::Value edit(Json::objectValue);
+  edit["vcpu_num"] = 2;
+  EXPECT_EQ(host_->Set(kOwners, edit), 0);
+  EXPECT_EQ(host_->Power(kOwners, "poweron"), 0);
+  KillQemus(ground_->folder());
+  EXPECT_TRUE(host_->AwaitOff(kOwners));
+  ExpectOwners(domain, "after a crash");
+  EXPECT_NE(user_->Xml(kOwners).find(">2</vcpu>"), std::string::npos) << user_->Xml(kOwners);
+  EXPECT_EQ(VariablesBelow(ground_->folder()), variables);
+  EXPECT_TRUE(IsMarked(variables[0]));
+
+  EXPECT_EQ(host_->Code("VEXA.Virtualization.Guest/release", kOwners), 0);
+  ExpectOwners(domain, "after the release");
+  EXPECT_EQ(user_->Xml(kOwners).find(kOurMark), std::string::npos);
+  EXPECT_FALSE(host_->Has(kOwners));
+  EXPECT_EQ(VariablesBelow(ground_->folder()), variables);
+  EXPECT_TRUE(IsMarked(variables[0]));
+  EXPECT_EQ(user_->Start(kOwners), "");
+}
+
+TEST_F(QemuForeign, ImportedGuest_CannotBeStarted_StaysDefined) {
+  OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
+  domain.screen.clear();
+  ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
+  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+  ImportAll(host_->id());
+  host_->Start();
+  EXPECT_NE(host_->Power(kOwners, "poweron"), 0) << "this machine does not have the address of its screen";
+  ExpectOwners(domain, "after a start that failed");
+  host_->Restart();
+  ExpectOwners(domain, "after the host was killed");
+  EXPECT_EQ(user_->IsActive(kOwners), false);
+}
+
+}  // namespace
+}  // namespace vexa::test

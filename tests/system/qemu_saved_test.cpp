@@ -1,0 +1,103 @@
+// A guest whose memory libvirt has saved for somebody: it stays saved until it is started, discarded or deleted.
+#include <algorithm>
+#include <sstream>
+#include <thread>
+
+#include "tests/support/qemu_host_test.h"
+
+namespace vexa::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kGuest[] = "11111111-2222-4333-8444-000000000002";
+constexpr char kSaved[] = "guest_saved";
+constexpr int kIsSaved = 946;
+// The host looks at its guests more often.
+constexpr auto kSeveralLooks = 7s;
+
+class QemuSaved : public LibvirtHostTest {
+ protected:
+  void MakeHost() override {
+    LibvirtHostTest::MakeHost();
+    HostGuest guest;
+    guest.id = kGuest;
+    guest.name = "sleeper";
+    host_->PutGuest(guest);
+    host_->Start();
+  }
+
+  // The address that is another at each start of the guest's system.
+  std::string AddressOfThisRun() const {
+    std::string found;
+    EXPECT_TRUE(Await([&] {
+      std::istringstream addresses(host_->Addresses(kGuest));
+      for (std::string address; addresses >> address;) {
+        if (address.starts_with("10.")) found = address;
+      }
+      return !found.empty();
+    }));
+    return found;
+  }
+  void Save() const {
+    ASSERT_EQ(user_->ManagedSave(kGuest), "");
+    ASSERT_TRUE(host_->AwaitState(kGuest, kSaved)) << "it is " << host_->State(kGuest);
+  }
+  void ExpectSaved(const char* after) const {
+    EXPECT_TRUE(host_->AwaitState(kGuest, kSaved)) << after << ": " << host_->State(kGuest);
+    EXPECT_TRUE(user_->IsSaved(kGuest)) << after;
+  }
+};
+
+TEST_F(QemuSaved, HostAndLibvirtAreKilledAndStarted_IsRestoredAsItWas) {
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  const std::string address = AddressOfThisRun();
+  ASSERT_NO_FATAL_FAILURE(Save());
+  std::this_thread::sleep_for(kSeveralLooks);
+  ExpectSaved("after the host has looked");
+  host_->Restart();
+  std::this_thread::sleep_for(kSeveralLooks);
+  ExpectSaved("after the host was killed");
+  libvirtd_->Kill();
+  libvirtd_->Start();
+  std::this_thread::sleep_for(2s);
+  ExpectSaved("after libvirt was killed");
+  EXPECT_NE(host_->Power(kGuest, "poweroff"), 0);
+  ExpectSaved("after a power-off");
+
+  Json::Value edit(Json::objectValue);
+  edit["vdisks_del"][0]["vdisk_id"] = QemuHost::DiskId(kGuest, 0);
+  EXPECT_EQ(host_->Set(kGuest, edit), kIsSaved);
+  edit = Json::Value(Json::objectValue);
+  edit["vdisks_edit"][0]["vdisk_id"] = QemuHost::DiskId(kGuest, 0);
+  edit["vdisks_edit"][0]["vdisk_size"] = 1;
+  EXPECT_EQ(host_->Set(kGuest, edit), kIsSaved);
+  EXPECT_EQ(host_->LostDisks(kGuest, 1), "");
+
+  EXPECT_EQ(host_->Power(kGuest, "poweron"), 0);
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_running"));
+  EXPECT_EQ(AddressOfThisRun(), address) << "its system was started afresh";
+  EXPECT_FALSE(user_->IsSaved(kGuest));
+}
+
+TEST_F(QemuSaved, SavedMemoryIsDiscardedOrTheGuestDeleted_NothingIsLeftOfIt) {
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  ASSERT_NO_FATAL_FAILURE(Save());
+  EXPECT_EQ(SavedFiles(), 1);
+  EXPECT_EQ(host_->Code("VEXA.Virtualization.Guest/discard_saved", kGuest), 0);
+  EXPECT_EQ(SavedFiles(), 0);
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_shutdown")) << host_->State(kGuest);
+  EXPECT_NE(host_->Code("VEXA.Virtualization.Guest/discard_saved", kGuest), 0) << "nothing is saved";
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0);
+  EXPECT_NE(host_->Code("VEXA.Virtualization.Guest/discard_saved", kGuest), 0) << "it runs";
+  EXPECT_EQ(host_->Qemus(kGuest), 1);
+
+  ASSERT_NO_FATAL_FAILURE(Save());
+  EXPECT_EQ(host_->Delete(kGuest), 0);
+  EXPECT_EQ(SavedFiles(), 0);
+  EXPECT_FALSE(user_->IsKnown(kGuest));
+  EXPECT_FALSE(IsThere(host_->DiskFile(kGuest, 0)));
+}
+
+}  // namespace
+}  // namespace vexa::test
