@@ -23,6 +23,7 @@ using hypervisor::GuestState;
 using hypervisor::Hypervisor;
 using hypervisor::HypervisorOptions;
 using hypervisor::Outcome;
+using hypervisor::UndefineScope;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::Contains;
@@ -121,7 +122,7 @@ class QemuGuest : public testing::Test {
   void TearDown() override {
     if (!hypervisor_ || hypervisor_->StateOf(kGuest).ok() == false) return;
     EXPECT_THAT(Word(hypervisor_->PowerOff(kGuest)), testing::AnyOf("ok", "not_running"));
-    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest)), "ok");
+    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "ok");
   }
 
   void Define(const GuestRecords& records) {
@@ -206,7 +207,7 @@ TEST_F(QemuGuest, ThatNeverListens_IsStillRunningUntilItIsPoweredOff) {
   for (int i = 0; i < 2; ++i) {
     ASSERT_EQ(Word(hypervisor_->Start(kGuest)), "ok");
     EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {milliseconds(300), milliseconds(100)})), "still_running");
-    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest)), "already_running");
+    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "already_running");
     EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "ok");
     EXPECT_EQ(State(kGuest), GuestState::kOff);
     EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "not_running");
