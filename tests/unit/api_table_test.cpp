@@ -50,6 +50,11 @@ TEST(ApiTable, SameRowTwice_IsAProgrammingError) {
   EXPECT_THROW(ApiTable({Row("A", "get", 1), Row("A", "get", 1)}), std::logic_error);
 }
 
+// The host does what it should: the guest is off.
+TEST(ErrorTable, StoppingAGuestThatIsOff_IsNotAnErrorOfTheServer) {
+  for (const int code : {903, 904, 905, 911}) EXPECT_EQ(FindError(code)->http_status, 409) << code;
+}
+
 TEST(ErrorTable, EveryRow_IsFoundAndHasAStatusAndASentence) {
   for (const ErrorRow& row : ErrorTable()) {
     EXPECT_EQ(FindError(row.code), &row);

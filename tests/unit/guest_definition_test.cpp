@@ -200,9 +200,9 @@ TEST_F(GuestDefinition, VariablesThatNoStartHasMade_AreNotRecorded) {
   const std::string path = host_.folder().File("made_VARS.fd");
   std::string xml = UserXml(kGuest, "web-1");
   const std::string os = "<os><type>hvm</type></os>";
-  xml.replace(xml.find(os), os.size(),
-              "<os><type>hvm</type><loader readonly='yes' type='pflash'>/firmware.fd</loader><nvram>" + path +
-                  "</nvram></os>");
+  xml.replace(
+      xml.find(os), os.size(),
+      "<os><type>hvm</type><loader readonly='yes' type='pflash'>/firmware.fd</loader><nvram>" + path + "</nvram></os>");
   PutGuest(kGuest, "web-1", Parsed(R"({"use_ovmf":true})"));
   PutImported(xml);
   Start();
