@@ -87,12 +87,13 @@ EditOptions LibvirtGuestControl::OptionsOfEdits() {
 
 LibvirtGuestControl::~LibvirtGuestControl() {
   Stop(std::chrono::milliseconds(0));
+  {
+    std::unique_lock lock(maintenance_mutex_);
+    is_open_ = false;
+    maintenance_wake_.wait(lock, [this] { return threads_ == 0; });
+  }
   for (std::thread* thread : {&maintenance_, &watching_}) {
     if (thread->joinable()) thread->join();
-  }
-  {
-    const std::lock_guard lock(callback_mutex_);
-    is_open_ = false;
   }
   // In this order: its threads use the hypervisor.
   shut_downs_.reset();
@@ -108,23 +109,19 @@ Status LibvirtGuestControl::Begin() {
   hypervisor::HypervisorOptions opening = options_.hypervisor;
   opening.open_later = hypervisor::OpenLater::kWhenUnreachable;
   // Until everything has been looked at, events tell nothing new.
-  opening.on_event = [this](const hypervisor::GuestEvent& event) {
-    const std::lock_guard lock(callback_mutex_);
-    if (is_open_) LookWhenFree(event.id);
-  };
+  opening.on_event = [this](const hypervisor::GuestEvent& event) { Answer([&] { LookWhenFree(event.id); }); };
   opening.on_reopened = [this] {
     {
       const std::lock_guard lock(node_mutex_);
       node_.reset();
     }
-    const std::lock_guard lock(callback_mutex_);
-    if (is_open_) Reconcile();
+    Answer([this] { Reconcile(); });
   };
   auto opened = hypervisor::Hypervisor::Open(std::move(opening));
   if (!opened) return opened.failure().error();
   hypervisor_ = std::move(*opened);
   {
-    const std::lock_guard lock(callback_mutex_);
+    const std::lock_guard lock(maintenance_mutex_);
     is_open_ = true;
   }
   // What is imported from now on is seen by the watch.
@@ -137,7 +134,10 @@ Status LibvirtGuestControl::Begin() {
   } else {
     ::syslog(LOG_ERR, "The hypervisor cannot be reached. It is tried again; guests cannot be started meanwhile.");
   }
-  threads_ = 2;
+  {
+    const std::lock_guard lock(maintenance_mutex_);
+    threads_ += 2;
+  }
   const auto run = [this](void (LibvirtGuestControl::*work)()) {
     (this->*work)();
     const std::lock_guard lock(maintenance_mutex_);
@@ -149,17 +149,23 @@ Status LibvirtGuestControl::Begin() {
   return {};
 }
 
+void LibvirtGuestControl::Answer(const std::function<void()>& act) {
+  {
+    const std::lock_guard lock(maintenance_mutex_);
+    if (!is_open_) return;
+    ++threads_;
+  }
+  Guarded("The answer to an event of the hypervisor", act);
+  const std::lock_guard lock(maintenance_mutex_);
+  --threads_;
+  maintenance_wake_.notify_all();
+}
+
 bool LibvirtGuestControl::Stop(std::chrono::milliseconds patience) {
   const auto end = std::chrono::steady_clock::now() + patience;
   stopping_ = true;
   storage_->Stop();
-  bool is_done = !shut_downs_ || shut_downs_->Stop(patience);
-  // The answer to an event may hang in libvirt.
-  if (callback_mutex_.try_lock_until(end)) {
-    callback_mutex_.unlock();
-  } else {
-    is_done = false;
-  }
+  const bool is_done = !shut_downs_ || shut_downs_->Stop(patience);
   std::unique_lock lock(maintenance_mutex_);
   ends_ = true;
   maintenance_wake_.notify_all();

@@ -144,6 +144,8 @@ class LibvirtGuestControl final : public GuestControl {
   void Step(std::string_view step) const {
     if (options_.before_step) options_.before_step(step);
   }
+  // Calls `act`, unless this object is not open yet or is being destroyed.
+  void Answer(const std::function<void()>& act);
   void Maintain();
   void MaintainOnce();
   // Goes on with deletions and edits that could not be finished, each less and less often.
@@ -184,12 +186,10 @@ class LibvirtGuestControl final : public GuestControl {
   std::chrono::steady_clock::time_point next_refresh_;  // of storage_; only maintenance_ uses it
   store::Revision watched_ = 0;                         // watching_ goes on from here
   bool ends_ = false;
-  int threads_ = 0;  // of maintenance_ and watching_, those that run
+  bool is_open_ = false;  // the hypervisor's callbacks may use everything above
+  int threads_ = 0;       // those that run: maintenance_, watching_ and answers to the hypervisor's callbacks
   std::thread maintenance_;
   std::thread watching_;
-  std::timed_mutex
-      callback_mutex_;  // held by the hypervisor's callbacks, so that none uses one that is being destroyed
-  bool is_open_ = false;
   // Destroyed first: its callbacks use everything above.
   std::unique_ptr<hypervisor::Hypervisor> hypervisor_;
 };
