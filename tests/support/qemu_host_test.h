@@ -100,7 +100,10 @@ inline std::vector<std::string> VariablesBelow(const std::string& folder) {
   std::error_code ignored;
   const auto size = fs::file_size(kFirmwareVariables, ignored);
   for (const auto& entry : fs::recursive_directory_iterator(folder, ignored)) {
-    if (entry.is_regular_file(ignored) && entry.file_size(ignored) == size) found.push_back(entry.path().string());
+    // The size alone is that of many files, such as a store that grows.
+    const bool is_named = entry.path().filename().string().find("_VARS") != std::string::npos;
+    const bool is_sized = entry.is_regular_file(ignored) && entry.file_size(ignored) == size;
+    if (is_named && is_sized) found.push_back(entry.path().string());
   }
   return found;
 }
