@@ -243,7 +243,7 @@ class UserSearch {
     return host_id.empty() || host_id == question_.host_id || *repository_host == question_.host_id;
   }
 
-  // Null when there is none, and when it is damaged.
+  // Null when the record is absent or damaged.
   static Result<Json::Value> ReadValue(const store::Snapshot& snapshot, const std::string& key) {
     const auto value = snapshot.Get(key);
     if (!value) return value.error();

@@ -34,7 +34,7 @@ struct StoredDomain {
   store::Revision revision = 0;
 };
 
-// Not set: there is none. Errors: kCorrupt (the value has no XML), and what the store says.
+// Not set: the guest has no such key. Errors: kCorrupt (its value has no XML), and those of the store.
 Result<std::optional<StoredDomain>> ReadDomain(const store::Snapshot& snapshot, const std::string& guest_id);
 
 }  // namespace vexa::guests

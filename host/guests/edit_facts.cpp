@@ -15,7 +15,7 @@ namespace json = VexaVirtualization::json;
 
 constexpr std::size_t kMaxFolderBytes = 128;
 
-// The value under `name`; not set, and noted in `wanted`, when there is none.
+// Returns the value under `name`. When it is not known yet, returns nothing and adds the name to `wanted`.
 template <class Value>
 std::optional<Value> Find(const std::map<std::string, Value>& known, const std::string& name,
                           std::set<std::string>& wanted) {

@@ -23,7 +23,7 @@ class FileFacts {
   enum class Image { kMissing, kDisk, kUsable };
 
   // Each answers what is known, or notes what is not. An image is a normal path; a folder is the one of the
-  // repository's files, "" when there is none.
+  // repository's files, or "" when the repository has no folder.
   std::optional<Image> ImageAt(const std::string& path);
   std::optional<std::string> FolderOf(const std::string& repository_id);
   // EditOptions::rate_pins and refuse_active. Set without a refusal: nothing is in the way.

@@ -127,7 +127,7 @@ Result<std::string> ImagePath(EditedGuest& edited, const std::string& image) {
   const auto record = cluster::LoadObject(edited.snapshot, key);
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
   if (!record) return std::string();
-  // A key that cannot be is none that anybody could compare.
+  // An absent record may have an invalid key, which no commit could compare.
   if (record->revision != 0) edited.plan.transaction.compares.push_back({key, record->revision});
   return NormalPath(TextMember(record->record, "path")).value_or("");
 }

@@ -27,7 +27,7 @@ struct GuestRecords {
 // and it refuses to start a guest that asks for them.
 enum class CpuShares { kAllowed, kLeftOut };
 
-// Whether this machine has a USB bus: where there is none, the hypervisor fails to look for devices on it, also for
+// Whether this machine has a USB bus: without one, the hypervisor fails to look for devices on it, also for
 // those that may be missing.
 enum class UsbBus { kPresent, kAbsent };
 

@@ -29,11 +29,11 @@ pugi::xml_node Add(pugi::xml_node parent, const char* name);
 pugi::xml_node AddText(pugi::xml_node parent, const char* name, const std::string& text);
 void Set(pugi::xml_node element, const char* attribute, const std::string& value);
 
-// Says who made the definition, as the last child of <metadata>, which is made when there is none.
+// Says who made the definition, as the last child of <metadata>, adding that element if it is absent.
 enum class Kept { kNo, kYes };  // whether the definition stays defined while the guest is off
 void WriteMark(pugi::xml_node domain, const std::string& host_id, Kept kept);
 
-// The member "nvram", "" when there is none. Errors: kInvalid when it is not a plain absolute path.
+// The member "nvram", or "" when it is absent. Errors: kInvalid when it is not a plain absolute path.
 Result<std::string> NvramOf(const Json::Value& guest);
 
 // domain_build_targets.cpp

@@ -23,7 +23,7 @@ std::string Letters(std::size_t index) {
   return letters;
 }
 
-// The other way round; empty when `letters` are none, or those of a place that is never given out.
+// The inverse: the index of `letters`. Not set for other text, and for an index that is never given out.
 std::optional<std::size_t> IndexOf(std::string_view letters) {
   if (letters.empty() || letters.size() > 2) return std::nullopt;
   std::size_t index = 0;
