@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "host/cluster/environment.h"
+#include "host/cluster/host_life.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -41,16 +42,44 @@ int Find(std::string path, const std::string& key, Use use) {
   return member ? use(*member) : kNotFound;
 }
 
-// The state is a key of its own, and who reads the whole record is to see it as well; `record` is a copy.
-int PutLiveState(const std::string& folder, Json::Value& record) {
+bool IsOf(const DashCate& category, const DashCate& wanted) {
+  return category.name() == std::string_view(wanted.name());
+}
+
+// The state that takes the place of the one in the whole record of an object, since its host is gone.
+vexa::Result<std::optional<std::string_view>> StateNow(const DashCate& category, const std::string& id,
+                                                       const Json::Value& record) {
+  if (IsOf(category, DashCate::Host)) return vexa::cluster::HostStateNow(id);
+  if (IsOf(category, DashCate::Repository)) return vexa::cluster::RepositoryStateNow(record);
+  const Json::Value& state = json::Member(record, _k::state);
+  return vexa::cluster::GuestStateNow(record, state.isString() ? json::String(state) : std::string());
+}
+
+bool HasState(const DashCate& category) {
+  return IsOf(category, DashCate::Host) || IsOf(category, DashCate::Repository) || IsOf(category, DashCate::Guest);
+}
+
+// The state is a key of its own, and whoever reads the whole record is to see it as well; `record` is a copy.
+int PutLiveState(const DashCate& category, const std::string& folder, Json::Value& record) {
   const vexa::Result<Record> state = ReadRecord(folder + '/' + _k::state);
   if (!state && state.error().code() != vexa::ErrorCode::kCorrupt) return kFailed;
   if (state && !*state) return kFound;
-  // What the record says may be long outdated.
   const bool is_readable = state && (*state)->isString();
-  if (record.isObject()) {
-    record[Json::StaticString(_k::state)] = is_readable ? **state : Json::Value(VexaCCC::State::Guest::unknown);
+  if (!record.isObject() || (!is_readable && !IsOf(category, DashCate::Guest))) return kFound;
+  // What a guest's record says may be long outdated.
+  record[Json::StaticString(_k::state)] = is_readable ? **state : Json::Value(VexaCCC::State::Guest::unknown);
+  return kFound;
+}
+
+// The record with the state that holds now.
+int PutStateNow(const DashCate& category, const std::string& id, Json::Value& record) {
+  const std::string folder = FolderOf(category, id);
+  if (!IsOf(category, DashCate::Host)) {
+    if (const int found = PutLiveState(category, folder, record); found != kFound) return found;
   }
+  const auto now = StateNow(category, id, record);
+  if (!now) return kFailed;
+  if (*now && record.isObject()) record[Json::StaticString(_k::state)] = std::string(**now);
   return kFound;
 }
 
@@ -73,26 +102,40 @@ int DashCate::List(std::vector<std::string>& ids) const {
 Dashboard::Dashboard(const DashCate& category, const std::string& id) : category_(category), id_(id) {}
 
 int Dashboard::Get(Json::Value& out, const std::string& key) {
-  const std::string folder = FolderOf(category_, id_);
-  const bool has_state = key == _k::object && category_.name() == std::string_view(DashCate::Guest.name());
-  return Find(folder, key, [&](const Json::Value& value) {
-    if (!has_state) {
+  const bool is_record = key == _k::object && HasState(category_);
+  return Find(FolderOf(category_, id_), key, [&](const Json::Value& value) {
+    if (!is_record) {
       out = value;
       return kFound;
     }
     Json::Value record = value;
-    const int found = PutLiveState(folder, record);
+    const int found = PutStateNow(category_, id_, record);
     if (found == kFound) out = std::move(record);
     return found;
   });
 }
 
 int Dashboard::Get(std::string& out, const std::string& key) {
-  return Find(FolderOf(category_, id_), key, [&out](const Json::Value& value) {
+  const vexa::cluster::CallScope scope;
+  const std::string folder = FolderOf(category_, id_);
+  std::string text;
+  const int found = Find(folder, key, [&text](const Json::Value& value) {
     if (!value.isString()) return kNotFound;
-    out = value.asString();
+    text = value.asString();
     return kFound;
   });
+  if (found != kFound) return found;
+  if (key == _k::state && HasState(category_)) {
+    const vexa::Result<Record> record = ReadRecord(folder + '/' + _k::object);
+    if (!record && record.error().code() != vexa::ErrorCode::kCorrupt) return kFailed;
+    const Json::Value& object = record && *record ? **record : Json::Value::nullSingleton();
+    const auto now = IsOf(category_, DashCate::Guest) ? vexa::cluster::GuestStateNow(object, text)
+                                                      : StateNow(category_, id_, object);
+    if (!now) return kFailed;
+    if (*now) text = **now;
+  }
+  out = std::move(text);
+  return kFound;
 }
 
 int Dashboard::Ls(std::vector<std::string>& ids, const std::string& key) {

@@ -47,6 +47,11 @@ void Fill(Json::Value& record, const HostFacts& facts, system_clock::time_point 
   record["ram_size"] = static_cast<Json::UInt64>(facts.ram_kib);
   record["started"] = SecondsOf(started);
   record["version"] = facts.version;
+  if (facts.package_version.empty()) {
+    record.removeMember("package_version");
+  } else {
+    record["package_version"] = facts.package_version;
+  }
 }
 
 void PutSeen(store::Transaction& transaction, const std::string& host_id, system_clock::time_point now) {
@@ -66,7 +71,10 @@ Result<store::Transaction> PlanRegistration(const store::Store& store, const Hos
   Result<StoredObject> host = LoadObject(**snapshot, object);
   if (!host) return host.error();
   Fill(host->record, facts, times.started);
-  if (moment == Moment::kStart || json::Member(host->record, keys::state).isNull() || IsInaccessible(host->record)) {
+  if (!facts.state.empty()) {
+    host->record[keys::state] = facts.state;
+  } else if (moment == Moment::kStart || json::Member(host->record, keys::state).isNull() ||
+             IsInaccessible(host->record)) {
     host->record[keys::state] = VexaCCC::State::Host::running;
   }
   PutObject(transaction, object, *host);

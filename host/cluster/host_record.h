@@ -1,8 +1,8 @@
 // This host's own record in the cluster database, and its network interfaces'.
 //
 //   /dash/host/<host id>/object          {"name", "addresses", "cluster_address", "cpu_cores", "cpu_clock_speed" (MHz),
-//                                         "ram_size" (KiB), "state", "started" (Unix seconds), "version"}; others may
-//                                         add "package_version"
+//                                         "ram_size" (KiB), "state", "started" (Unix seconds), "version",
+//                                         "package_version"}
 //   /dash/host/<host id>/nics/<nic id>   {"name", "mac_address"}
 //   /dash/host/<host id>/seen            {"time" (Unix seconds)}
 //
@@ -21,12 +21,10 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/cluster/host_life.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {
-
-// How often a host tells that it lives.
-inline constexpr std::chrono::seconds kPresenceInterval{10};
 
 struct HostNic {
   std::string id;  // stable across restarts
@@ -45,6 +43,10 @@ struct HostFacts {
   double cpu_clock_mhz = 0;
   std::uint64_t ram_kib = 0;
   std::string version;
+  std::string package_version;  // of the hypervisor; empty: not known, and removed
+  // How the host finds itself, a text of VexaCCC::State::Host; empty: as it was, and "running" when it was
+  // inaccessible.
+  std::string state;
   std::vector<HostNic> nics;
   bool operator==(const HostFacts&) const = default;
 };

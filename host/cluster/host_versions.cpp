@@ -2,7 +2,7 @@
 #include <chrono>
 #include <utility>
 
-#include "host/cluster/host_record.h"
+#include "host/cluster/host_life.h"
 #include "host/cluster/reading.h"
 #include "host/cluster/versions.h"
 #include "host/store/key.h"
@@ -32,16 +32,6 @@ std::optional<std::string> Published(const Json::Value& record, const char* name
   return member->isString() ? json::String(*member) : std::string();
 }
 
-// Clocks differ: a time ahead is judged as one behind.
-bool IsFresh(const Json::Value& seen, std::chrono::system_clock::time_point now) {
-  const Json::Value& time = json::Member(seen, "time");
-  if (!time.isInt64()) return false;
-  const std::int64_t now_s = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
-  const std::int64_t window_s = 3 * std::chrono::seconds(kPresenceInterval).count();
-  const std::int64_t seen_s = json::Int64(time);
-  return seen_s >= now_s - window_s && seen_s <= now_s + window_s;
-}
-
 struct Hosts {
   std::map<std::string, HostVersions> all;
   std::vector<std::string> reachable;
@@ -61,7 +51,7 @@ Result<Hosts> ReadHosts() {
     hosts.all[id] = {Published(*record, "version"), Published(*record, "package_version")};
     const Json::Value& state = json::Member(*record, keys::state);
     const bool up = state.isString() && json::String(state) != VexaCCC::State::Host::inaccessible;
-    if (up && IsFresh(*seen, now)) hosts.reachable.push_back(id);
+    if (up && IsSignOfLife(*seen, now)) hosts.reachable.push_back(id);
   }
   return hosts;
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "host/cluster/host_life.h"
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
@@ -51,8 +52,12 @@ int vgConfGet(const std::string& guest_id, Json::Value& conf) {
   if (!record) return kFailed;
   auto state = ReadLiveState(guest_id);
   if (!state) return kFailed;
+  if (*state) (*record)[Json::StaticString(keys::state)] = *std::move(*state);
+  const Json::Value& stored = json::Member(*record, keys::state);
+  const auto now = vexa::cluster::GuestStateNow(*record, stored.isString() ? json::String(stored) : std::string());
+  if (!now) return kFailed;
+  if (*now) (*record)[Json::StaticString(keys::state)] = std::string(**now);
   conf = std::move(*record);
-  if (*state) conf[Json::StaticString(keys::state)] = *std::move(*state);
   return 0;
 }
 
@@ -60,17 +65,19 @@ int vgConfStateGet(const std::string& guest_id, std::string& state) {
   const CallScope scope;
   const auto live = ReadLiveState(guest_id);
   if (!live) return kFailed;
-  if (*live) {
-    const auto exists = vexa::cluster::Exists(GuestKey(guest_id));
-    if (!exists || !*exists) return kFailed;
-    state = json::String(**live);
-    return 0;
-  }
   const auto record = ReadGuest(guest_id);
-  if (!record) return kFailed;
-  const Json::Value& found = json::Member(*record, keys::state);
+  // A live state holds although the record is damaged, but not for a guest that is gone.
+  const bool is_there = record || record.error().code() == vexa::ErrorCode::kCorrupt;
+  if (!is_there || (!record && !*live)) return kFailed;
+  const Json::Value& found = *live ? **live : json::Member(*record, keys::state);
   if (!found.isString()) return kFailed;
-  state = json::String(found);
+  std::string text = json::String(found);
+  if (record) {
+    const auto now = vexa::cluster::GuestStateNow(*record, text);
+    if (!now) return kFailed;
+    if (*now) text = **now;
+  }
+  state = std::move(text);
   return 0;
 }
 

@@ -1,0 +1,102 @@
+#include "host/cluster/host_life.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/cluster/environment.h"
+#include "host/cluster/host_claim_record.h"
+#include "host/cluster/reading.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+namespace states = VexaCCC::State;
+using std::chrono::system_clock;
+
+// The last second that the clock, which counts nanoseconds, has a number for.
+constexpr Json::Int64 kLastSecond =
+    std::chrono::duration_cast<std::chrono::seconds>(system_clock::duration::max()).count();
+
+// Null when there is none, or it is damaged: that says nothing about the host.
+Result<Record> ReadIntact(const std::string& key) {
+  Result<Record> record = ReadRecord(key);
+  if (!record && record.error().code() == ErrorCode::kCorrupt) return Record();
+  return record;
+}
+
+std::string HostKey(const std::string& host_id, std::string_view key) {
+  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key});
+}
+
+std::string TextMember(const Json::Value& record, const char* name) {
+  const Json::Value& member = json::Member(record, name);
+  return member.isString() ? json::String(member) : std::string();
+}
+
+system_clock::time_point TimeOf(const Json::Value& seen) {
+  const Json::Int64 count = std::clamp<Json::Int64>(json::Int64(json::Member(seen, "time")), 0, kLastSecond);
+  return system_clock::time_point(std::chrono::seconds(count));
+}
+
+// Whether the guest has something on its host that goes on, or waits, without anybody's doing.
+bool IsHeldByItsHost(std::string_view state) {
+  return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == states::Guest::freeze ||
+         state == states::Guest::saved;
+}
+
+}  // namespace
+
+bool IsSignOfLife(const Json::Value& seen, system_clock::time_point now) {
+  if (!json::Member(seen, "time").isInt64()) return false;
+  const auto age = now - TimeOf(seen);
+  return age <= kPresenceWindow && -age <= kPresenceWindow;
+}
+
+Result<HostLife> LifeOf(const std::string& host_id) {
+  const Environment* environment = CurrentEnvironment();
+  if (environment && host_id == environment->host_id) return HostLife();
+  const Result<Record> seen = ReadIntact(HostKey(host_id, "seen"));
+  if (!seen) return seen.error();
+  if (!*seen) {
+    const Result<Record> claim = ReadIntact(HostClaimKey(host_id));
+    if (!claim) return claim.error();
+    return HostLife{*claim && IsForgotten(**claim), {}};
+  }
+  HostLife life{!IsSignOfLife(**seen, system_clock::now()), TimeOf(**seen)};
+  if (life.is_gone) return life;
+  const Result<Record> record = ReadIntact(HostKey(host_id, keys::object));
+  if (!record) return record.error();
+  life.is_gone = *record && TextMember(**record, keys::state) == states::Host::inaccessible;
+  return life;
+}
+
+Result<std::optional<std::string_view>> HostStateNow(const std::string& host_id) {
+  const Result<HostLife> life = LifeOf(host_id);
+  if (!life) return life.error();
+  return life->is_gone ? std::optional<std::string_view>(states::Host::inaccessible) : std::nullopt;
+}
+
+Result<std::optional<std::string_view>> RepositoryStateNow(const Json::Value& record) {
+  const std::string host_id = TextMember(record, keys::host_id);
+  if (host_id.empty()) return std::optional<std::string_view>();
+  const Result<HostLife> life = LifeOf(host_id);
+  if (!life) return life.error();
+  return life->is_gone ? std::optional<std::string_view>(states::Repo::inaccessible) : std::nullopt;
+}
+
+Result<std::optional<std::string_view>> GuestStateNow(const Json::Value& record, std::string_view state) {
+  if (!IsHeldByItsHost(state)) return std::optional<std::string_view>();
+  const std::string host_id = TextMember(record, keys::host_id);
+  if (host_id.empty()) return std::optional<std::string_view>();
+  const Result<HostLife> life = LifeOf(host_id);
+  if (!life) return life.error();
+  return life->is_gone ? std::optional<std::string_view>(states::Guest::inaccessible) : std::nullopt;
+}
+
+}  // namespace vexa::cluster
