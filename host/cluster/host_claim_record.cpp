@@ -4,12 +4,59 @@
 #include "webapi/utils/json.h"
 
 namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr char kIncarnation[] = "incarnation";
+constexpr char kForgotten[] = "forgotten";
+
+Json::Int64 SecondsOf(std::chrono::system_clock::time_point time) {
+  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+Json::Value ToJson(const Deed& deed) {
+  Json::Value value(Json::objectValue);
+  value["by"] = deed.by;
+  value["time"] = SecondsOf(deed.time);
+  return value;
+}
+
+}  // namespace
 
 std::string HostClaimKey(const std::string& host_id) { return store::MakeKey({"host_claim", host_id}); }
 
-bool IsForgotten(const Json::Value& claim) {
-  namespace json = VexaVirtualization::json;
-  return !json::Member(claim, "forgotten").isNull();
+std::string FenceKey(const std::string& host_id, const std::string& guest_id) {
+  return store::MakeKey({"fence", host_id, guest_id});
+}
+
+bool IsForgotten(const Json::Value& claim) { return !json::Member(claim, kForgotten).isNull(); }
+
+std::uint64_t IncarnationOf(const Json::Value& claim) { return json::UInt64(json::Member(claim, kIncarnation)); }
+
+std::uint64_t BootedIncarnationOf(const Json::Value& claim) { return json::UInt64(json::Member(claim, "booted")); }
+
+std::uint64_t FenceClaim(Json::Value& claim) {
+  const std::uint64_t incarnation = IncarnationOf(claim) + 1;
+  claim[kIncarnation] = static_cast<Json::UInt64>(incarnation);
+  return incarnation;
+}
+
+void ForgetClaim(Json::Value& claim, const Deed& deed) {
+  FenceClaim(claim);
+  claim[kForgotten] = ToJson(deed);
+}
+
+std::string FenceNote(std::uint64_t incarnation, const Deed& deed) {
+  Json::Value note = ToJson(deed);
+  note[kIncarnation] = static_cast<Json::UInt64>(incarnation);
+  return json::ToText(note);
+}
+
+Result<std::vector<std::string>> FencedGuests(const store::Store& store, const std::string& host_id) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return snapshot.error();
+  return (*snapshot)->Children(store::MakeKey({"fence", host_id}));
 }
 
 }  // namespace vexa::cluster

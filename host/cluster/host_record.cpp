@@ -62,11 +62,20 @@ void PutSeen(store::Transaction& transaction, const std::string& host_id, system
 
 enum class Moment { kStart, kLater };
 
+// Makes the commit depend on the claim. kDenied: it is not held any more, and trying again is of no use.
+Status GuardWith(const HostClaim* claim, store::Transaction& transaction) {
+  if (!claim) return {};
+  if (Status held = claim->Check(); !held) return held;
+  transaction.compares.push_back(claim->Guard());
+  return {};
+}
+
 Result<store::Transaction> PlanRegistration(const store::Store& store, const HostFacts& facts, const HostTimes& times,
-                                            Moment moment) {
+                                            Moment moment, const HostClaim* claim) {
+  store::Transaction transaction;
+  if (const Status guarded = GuardWith(claim, transaction); !guarded) return guarded.error();
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  store::Transaction transaction;
   const std::string object = KeyOf(facts.host_id, keys::object);
   Result<StoredObject> host = LoadObject(**snapshot, object);
   if (!host) return host.error();
@@ -117,20 +126,22 @@ bool HasChanged(HostFacts before, const HostFacts& facts) {
 
 }  // namespace
 
-Status RegisterHost(store::Store& store, const HostFacts& facts, system_clock::time_point now) {
-  return CommitPlanned(store, [&] { return PlanRegistration(store, facts, {now, now}, Moment::kStart); });
+Status RegisterHost(store::Store& store, const HostFacts& facts, system_clock::time_point now, const HostClaim* claim) {
+  return CommitPlanned(store, [&] { return PlanRegistration(store, facts, {now, now}, Moment::kStart, claim); });
 }
 
-Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& times) {
-  return CommitPlanned(store, [&] { return PlanRegistration(store, facts, times, Moment::kLater); });
+Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& times, const HostClaim* claim) {
+  return CommitPlanned(store, [&] { return PlanRegistration(store, facts, times, Moment::kLater, claim); });
 }
 
-Status TouchHost(store::Store& store, const std::string& host_id, system_clock::time_point now) {
+Status TouchHost(store::Store& store, const std::string& host_id, system_clock::time_point now,
+                 const HostClaim* claim) {
   return CommitPlanned(store, [&]() -> Result<store::Transaction> {
+    store::Transaction transaction;
+    if (const Status guarded = GuardWith(claim, transaction); !guarded) return guarded.error();
     Result<StoredObject> host = LoadHost(store, host_id);
     if (!host) return host.error();
     if (host->revision == 0) return Error(ErrorCode::kNotFound, "This host has no record in the cluster database");
-    store::Transaction transaction;
     if (IsInaccessible(host->record)) {
       host->record[keys::state] = VexaCCC::State::Host::running;
       PutObject(transaction, KeyOf(host_id, keys::object), *host);
@@ -140,11 +151,12 @@ Status TouchHost(store::Store& store, const std::string& host_id, system_clock::
   });
 }
 
-Status LeaveHost(store::Store& store, const std::string& host_id) {
+Status LeaveHost(store::Store& store, const std::string& host_id, const HostClaim* claim) {
   return CommitPlanned(store, [&]() -> Result<store::Transaction> {
+    store::Transaction transaction;
+    if (const Status guarded = GuardWith(claim, transaction); !guarded) return guarded.error();
     Result<StoredObject> host = LoadHost(store, host_id);
     if (!host) return host.error();
-    store::Transaction transaction;
     if (host->revision == 0 || IsInaccessible(host->record)) return transaction;
     host->record[keys::state] = VexaCCC::State::Host::inaccessible;
     PutObject(transaction, KeyOf(host_id, keys::object), *host);
@@ -152,8 +164,8 @@ Status LeaveHost(store::Store& store, const std::string& host_id) {
   });
 }
 
-HostPresence::HostPresence(std::shared_ptr<store::Store> store, GatherFacts gather, std::chrono::milliseconds interval)
-    : store_(std::move(store)), gather_(std::move(gather)), interval_(interval) {
+HostPresence::HostPresence(std::shared_ptr<store::Store> store, GatherFacts gather, PresenceOptions options)
+    : store_(std::move(store)), gather_(std::move(gather)), options_(std::move(options)) {
   Announce();
   thread_ = std::thread([this] { Run(); });
 }
@@ -165,38 +177,73 @@ HostPresence::~HostPresence() {
   }
   wake_.notify_all();
   thread_.join();
-  if (!registered_) return;
-  if (const Status left = LeaveHost(*store_, facts_.host_id); !left) {
+  if (!registered_ || is_lost_) return;
+  if (const Status left = LeaveHost(*store_, facts_.host_id, options_.claim.get()); !left) {
     ::syslog(LOG_ERR, "This host's state cannot be written: %s", left.error().ToString().c_str());
   }
 }
 
+void HostPresence::Complain(const Error& error) {
+  if (!failing_) ::syslog(LOG_ERR, "This host's record cannot be written: %s", error.ToString().c_str());
+  failing_ = true;
+}
+
+bool HostPresence::MayWrite() {
+  if (is_lost_) return false;
+  if (!options_.claim) return true;
+  const Result<Standing> standing = options_.claim->Look();
+  if (!standing) {
+    Complain(standing.error());
+    return false;
+  }
+  if (*standing == Standing::kHeld) return true;
+  Status renewed = Error(ErrorCode::kDenied, "Another vexad has taken this host's id, or the host was removed");
+  if (*standing == Standing::kFenced) {
+    ::syslog(LOG_WARNING,
+             "This host was taken for gone, and guests were taken from it: their machines here are ended.");
+    if (options_.settle_fenced && !options_.settle_fenced()) return false;
+    renewed = options_.claim->Renew();
+    if (renewed) {
+      ::syslog(LOG_INFO, "This host is back, as its incarnation %llu.",
+               static_cast<unsigned long long>(options_.claim->incarnation()));
+      return true;
+    }
+    if (renewed.error().code() != ErrorCode::kDenied) {
+      Complain(renewed.error());
+      return false;
+    }
+  } else if (Status why = options_.claim->Renew(); !why) {
+    renewed = std::move(why);
+  }
+  is_lost_ = true;
+  if (options_.on_lost) options_.on_lost(renewed.error().ToString());
+  return false;
+}
+
 void HostPresence::Announce() {
+  if (!MayWrite()) return;
   HostFacts facts = gather_();
   if (registered_) KeepUnread(facts_, facts);
   const system_clock::time_point now = system_clock::now();
   if (!registered_) started_ = now;
   const Status status = Write(facts, now);
-  if (status) {
-    registered_ = true;
-    facts_ = std::move(facts);
-  } else if (!failing_) {
-    ::syslog(LOG_ERR, "This host's record cannot be written: %s", status.error().ToString().c_str());
-  }
-  failing_ = !status;
+  if (!status) return Complain(status.error());
+  failing_ = false;
+  registered_ = true;
+  facts_ = std::move(facts);
 }
 
 Status HostPresence::Write(const HostFacts& facts, system_clock::time_point now) const {
-  if (!registered_) return RegisterHost(*store_, facts, now);
-  if (HasChanged(facts_, facts)) return UpdateHost(*store_, facts, {started_, now});
-  Status touched = TouchHost(*store_, facts.host_id, now);
+  if (!registered_) return RegisterHost(*store_, facts, now, options_.claim.get());
+  if (HasChanged(facts_, facts)) return UpdateHost(*store_, facts, {started_, now}, options_.claim.get());
+  Status touched = TouchHost(*store_, facts.host_id, now, options_.claim.get());
   if (touched || touched.error().code() != ErrorCode::kNotFound) return touched;
-  return UpdateHost(*store_, facts, {started_, now});
+  return UpdateHost(*store_, facts, {started_, now}, options_.claim.get());
 }
 
 void HostPresence::Run() {
   std::unique_lock lock(mutex_);
-  while (!wake_.wait_for(lock, interval_, [this] { return stop_; })) {
+  while (!wake_.wait_for(lock, options_.interval, [this] { return stop_; })) {
     lock.unlock();
     Announce();
     lock.lock();

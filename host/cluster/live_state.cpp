@@ -95,6 +95,14 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
   if (outcome != Observed::kStored) return transaction;
   // The record decides whose the guest is, and whether there is one.
   transaction.compares.push_back({guest_key, guest->revision});
+  if (observation.guard) {
+    const auto guard = (*snapshot)->Get(observation.guard->key);
+    if (!guard) return guard.error();
+    if (!*guard || (*guard)->revision != observation.guard->revision) {
+      return Error(ErrorCode::kDenied, "This host was taken for gone meanwhile");
+    }
+    transaction.compares.push_back(*observation.guard);
+  }
   Note(live->record, observation);
   PutObject(transaction, LiveRecordKey(guest_id), *live);
   std::string text = json::ToText(observation.state);

@@ -35,6 +35,7 @@ struct Observation {
   Sequence sequence;
   std::string host_id;
   std::chrono::system_clock::time_point time;
+  std::optional<store::Compare> guard{};  // nothing is stored once this has changed (HostClaim::Guard)
 };
 
 enum class Observed {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/cluster/host_claim.h"
 #include "host/guests/deletion.h"
 #include "host/guests/refusal.h"
 #include "host/guests/resources.h"
@@ -39,6 +40,8 @@ struct GuestControlOptions {
   std::chrono::milliseconds edit_patience = std::chrono::seconds(10);
   // Whether the host has a network or bridge; not set: in test mode all, else what libvirt and the kernel tell.
   std::function<bool(const std::string& name)> has_network;
+  // What this host does counts only while it holds its claim. Null: always.
+  std::shared_ptr<cluster::HostClaim> claim;
   // Whether another host of the cluster lives; see deletion.h. Not set: none does.
   std::function<bool(const std::string& host_id)> is_alive;
   std::function<void(std::string_view step)> before_step;  // for tests that stop there
@@ -77,6 +80,10 @@ class GuestControl {
   // whoever the record names, and does nothing when it does not run. A start that is under way is called off, which
   // has come true when this answers. Refusals: 901, 949.
   virtual Refused Fence(const std::string& guest_id) = 0;
+
+  // Ends the machines of the guests that were taken from this host while it was gone, and removes their saved memory,
+  // whatever is being done with them. False: some are left, for instance since the hypervisor cannot be reached.
+  virtual bool SettleFenced() = 0;
 
   // Removes the saved memory of a guest, which is off then. Refusals: 911 (it is not saved), 915, 403, 901, 949.
   virtual Refused DiscardSaved(const std::string& guest_id, const Requester& requester) = 0;

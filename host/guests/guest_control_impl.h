@@ -48,6 +48,7 @@ class LibvirtGuestControl final : public GuestControl {
   Refused Delete(const std::string& guest_id, const Requester& requester) override;
   Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) override;
   Refused SetHost(const std::string& guest_id, const std::string& host_id) override;
+  bool SettleFenced() override;
   Result<Rating> RateGuest(const std::string& guest_id) override;
   Refused DiscardSaved(const std::string& guest_id, const Requester& requester) override;
   Refused Release(const std::string& guest_id, const Requester& requester) override;
@@ -70,6 +71,14 @@ class LibvirtGuestControl final : public GuestControl {
   bool PressAgain(const std::string& guest_id);
   // 910 when the guest's machine is there, whoever defined it; 949 when that cannot be asked.
   Refused RefuseActive(const std::string& guest_id);
+
+  // guest_fence.cpp
+  // 949 once others have taken this host for gone and it has not settled that yet.
+  Refused RefuseStale() const;
+  // Makes a commit depend on this host's claim.
+  void AddGuard(store::Transaction& transaction) const;
+  // Ends the guest's machine when the guest was taken from this host, and removes the note of that.
+  Status SettleFencedGuest(const std::string& guest_id);
 
   // guest_start.cpp
   // What is about to be started, and with what it is started.

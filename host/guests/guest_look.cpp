@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "host/cluster/host_claim_record.h"
 #include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
 #include "webapi/platform/ccc.h"
@@ -50,6 +51,10 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
   // What is stored now counts, not what a request has begun with.
   cluster::RequestScope::ReleaseSnapshot();
   const Status looked = [&]() -> Status {
+    if (Status settled = SettleFencedGuest(guest_id); !settled) return settled;
+    if (options_.claim) {
+      if (Status held = options_.claim->Check(); !held) return held;
+    }
     const auto stored = ReadRun(*options_.store, guest_id);
     if (!stored) return stored.error();
     if (*stored && ForgetsGuests()) {
@@ -126,14 +131,16 @@ Result<bool> LibvirtGuestControl::NoteRunning(const std::string& guest_id, const
     if (run.host_id != options_.host_id) {
       return Error(ErrorCode::kConflict, "It runs here, and by its record on the host '" + run.host_id + "'");
     }
-    if (!run.starting && !run.saved) return true;
+    const bool is_current = !options_.claim || run.incarnation >= options_.claim->booted();
+    if (!run.starting && !run.saved && is_current) return true;
   } else {
     Result<std::optional<Run>> adopted = RunToAdopt(guest_id);
     if (!adopted) return adopted.error();
     if (!*adopted) return false;
     run = std::move(**adopted);
   }
-  run.since = std::chrono::system_clock::now();
+  if (!stored || run.starting || run.saved) run.since = std::chrono::system_clock::now();
+  if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.starting = false;
   run.saved = false;
   const Status put = PutRun(guest_id, stored, run);
@@ -190,6 +197,7 @@ Status LibvirtGuestControl::PutRun(const std::string& guest_id, const std::optio
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), stored ? stored->revision : 0}};
   if (!stored) transaction.compares.push_back({DeletionKey(guest_id), 0});
+  AddGuard(transaction);
   transaction.operations = {{RunKey(guest_id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();
   const auto committed = options_.store->Commit(transaction);
@@ -204,6 +212,7 @@ Status LibvirtGuestControl::NoteOff(const std::string& guest_id, const std::opti
   }
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), stored->revision}};
+  AddGuard(transaction);
   transaction.operations = {{RunKey(guest_id), std::nullopt}};
   cluster::RequestScope::ReleaseSnapshot();
   const auto committed = options_.store->Commit(transaction);
@@ -230,8 +239,9 @@ Status LibvirtGuestControl::TakeDown(const std::string& guest_id) {
 Status LibvirtGuestControl::Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence) {
   if (StoredState(guest_id) == state) return {};
   cluster::RequestScope::ReleaseSnapshot();
-  const auto observed = cluster::Observe(*options_.store, guest_id,
-                                         {state, sequence, options_.host_id, std::chrono::system_clock::now()});
+  cluster::Observation observation{state, sequence, options_.host_id, std::chrono::system_clock::now()};
+  if (options_.claim) observation.guard = options_.claim->Guard();
+  const auto observed = cluster::Observe(*options_.store, guest_id, observation);
   Step("look: state stored");
   if (observed) return {};
   // Its record has gone: so has its state.
@@ -253,6 +263,8 @@ void LibvirtGuestControl::Reconcile() {
   } else {
     for (const hypervisor::KnownGuest& guest : *known) ids.insert(guest.id);
   }
+  const auto fenced = cluster::FencedGuests(*options_.store, options_.host_id);
+  if (fenced) ids.insert(fenced->begin(), fenced->end());
   for (const std::string& id : ids) LookWhenFree(id);
 }
 

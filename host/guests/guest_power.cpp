@@ -70,7 +70,8 @@ Refused LibvirtGuestControl::Perform(const std::string& guest_id, std::string_vi
   auto taken = claims_.Take(guest_id, {std::string(action), requester, std::chrono::system_clock::now()}, patience);
   if (const auto* other = std::get_if<Activity>(&taken)) return Refusal{kBusy, Describe(*other)};
   if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
-  Refused refused = act();
+  Refused refused = RefuseStale();
+  if (!refused) refused = act();
   LogDone(guest_id, action, refused);
   LookAndRelease(std::get<Claims::Claim>(std::move(taken)), guest_id);
   return refused;
@@ -102,6 +103,7 @@ Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Request
 // What is being done with the guest may hang with it, and ends when its machine does: so nothing is waited for.
 Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Requester& requester) {
   if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
+  if (Refused stale = RefuseStale()) return stale;
   cluster::RequestScope::ReleaseSnapshot();
   auto taken = claims_.Take(guest_id, {"poweroff", requester, std::chrono::system_clock::now()});
   const Refused refused = Ask(guest_id, [&] {

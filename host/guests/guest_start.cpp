@@ -122,6 +122,7 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   if (!rating.refusals.empty()) return std::move(rating.refusals.front());
   Run& run = starting.run;
   run.host_id = options_.host_id;
+  if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.since = std::chrono::system_clock::now();
   run.starting = true;
   run.vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
@@ -130,11 +131,13 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), *stored ? (*stored)->revision : 0}};
   for (const std::string& key : {DeletionKey(guest_id), EditKey(guest_id)}) transaction.compares.push_back({key, 0});
+  AddGuard(transaction);
   transaction.operations = {{RunKey(guest_id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();
   const auto committed = options_.store->Commit(transaction);
   if (committed) return {};
   if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());
+  if (Refused stale = RefuseStale()) return stale;
   if (Refused deleted = DeletionUnderWay(*options_.store, guest_id)) return deleted;
   if (Refused edited = EditUnderWay(*options_.store, guest_id)) return edited;
   if (Refused taken = RefuseTaken(guest_id)) return taken;
@@ -180,6 +183,8 @@ Refused LibvirtGuestControl::StartReserved(Starting& starting, const Starts::Sta
   Step("poweron: defined");
   if (!start.GoOn()) return Refusal{kBusy, "The guest was powered off while it was being started"};
   Step("poweron: asked");
+  // The last look before two machines could write to the same disks.
+  if (Refused stale = RefuseStale()) return stale;
   const auto started = hypervisor_->Start(starting.guest.records.id);
   Step("poweron: started");
   if (!started) return RefusalOf(started.failure());

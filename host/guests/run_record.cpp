@@ -15,6 +15,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 
 constexpr char kHostId[] = "host_id";
+constexpr char kIncarnation[] = "incarnation";
 constexpr char kSince[] = "since";
 constexpr char kStarting[] = "starting";
 constexpr char kSaved[] = "saved";
@@ -39,6 +40,7 @@ Run ParseRun(std::string_view text) {
   if (!parsed) return run;
   const Json::Value& host_id = json::Member(*parsed, kHostId);
   if (host_id.isString()) run.host_id = json::String(host_id);
+  run.incarnation = json::UInt64(json::Member(*parsed, kIncarnation));
   run.since = StoredTime(json::Member(*parsed, kSince));
   run.starting = json::Bool(json::Member(*parsed, kStarting));
   run.saved = json::Bool(json::Member(*parsed, kSaved));
@@ -87,6 +89,7 @@ Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store
 std::string RunText(const Run& run) {
   Json::Value record(Json::objectValue);
   record[kHostId] = run.host_id;
+  record[kIncarnation] = static_cast<Json::UInt64>(run.incarnation);
   record[kSince] =
       static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(run.since.time_since_epoch()).count());
   record[kStarting] = run.starting;

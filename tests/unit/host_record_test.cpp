@@ -191,7 +191,7 @@ TEST(HostRecord, OtherStates_AreLeftToWhoeverSetThem) {
 TEST(HostPresence, Life_IsSeenAndItsEndToo) {
   TestHost host;
   {
-    const HostPresence presence(CurrentEnvironment()->store, Facts, milliseconds(5));
+    const HostPresence presence(CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
     EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running) << "at once";
     ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());  // somebody thought that it was gone
     for (int i = 0; i < 4000 && Read("object")["state"] != VexaCCC::State::Host::running; ++i) {
@@ -205,7 +205,7 @@ TEST(HostPresence, Life_IsSeenAndItsEndToo) {
 TEST(HostPresence, UnreadableStoreAtTheStart_IsTriedAgain) {
   TestHost host;
   host.store().FailSnapshots();
-  const HostPresence presence(CurrentEnvironment()->store, Facts, milliseconds(5));
+  const HostPresence presence(CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
   host.store().Heal();
   Json::Value record;
   for (int i = 0; i < 4000 && Dashboard(DashCate::Host, kHost).Get(record, "object") != 0; ++i) {
@@ -247,7 +247,7 @@ class ChangingFacts {
 TEST(HostPresence, ChangedFacts_AreWritten) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   const Json::Value started = Read("object")["started"];
   facts.Change([](HostFacts& all) {
     all.name = "two";
@@ -274,7 +274,7 @@ TEST(HostPresence, ChangedFacts_AreWritten) {
 TEST(HostPresence, NothingNew_LeavesTheRecordAlone) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   const store::Revision before = RevisionOf(host, TestHost::ObjectKey("host", kHost));
   const store::Revision seen = RevisionOf(host, std::string("/dash/host/") + kHost + "/seen");
   facts.Await();
@@ -295,7 +295,7 @@ TEST(HostPresence, ClockThatBecomesKnown_IsWritten) {
   TestHost host;
   ChangingFacts facts;
   facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 0; });
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 2400; });
   facts.Await();
   EXPECT_EQ(Read("object")["cpu_clock_speed"], 2400.0);
@@ -304,7 +304,7 @@ TEST(HostPresence, ClockThatBecomesKnown_IsWritten) {
 TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   const Json::Value before = Read("object");
   const std::string nic = std::string("/dash/host/") + kHost + "/nics/nic-1";
   ASSERT_TRUE(
@@ -317,7 +317,7 @@ TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
 TEST(HostPresence, ChangeThatCannotBeWritten_IsTriedAgain) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   host.store().FailCommits();
   facts.Change([](HostFacts& all) { all.addresses.clear(); });
   facts.Await();

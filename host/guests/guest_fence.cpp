@@ -1,0 +1,84 @@
+// What others have taken from this host while it was gone: nothing is started, stopped or reported before it is
+// settled.
+#include <syslog.h>
+
+#include <utility>
+
+#include "host/cluster/host_claim_record.h"
+#include "host/cluster/reading.h"
+#include "host/guests/guest_control_impl.h"
+
+namespace vexa::guests {
+namespace {
+
+using hypervisor::GuestState;
+using hypervisor::Problem;
+
+bool IsOver(Problem problem) { return problem == Problem::kNotRunning || problem == Problem::kNoSuchGuest; }
+
+}  // namespace
+
+Refused LibvirtGuestControl::RefuseStale() const {
+  if (!options_.claim) return {};
+  cluster::RequestScope::ReleaseSnapshot();
+  const Status held = options_.claim->Check();
+  if (held) return {};
+  return Refusal{kUnavailable, held.error().ToString()};
+}
+
+void LibvirtGuestControl::AddGuard(store::Transaction& transaction) const {
+  if (options_.claim) transaction.compares.push_back(options_.claim->Guard());
+}
+
+bool LibvirtGuestControl::SettleFenced() {
+  const auto guest_ids = cluster::FencedGuests(*options_.store, options_.host_id);
+  if (!guest_ids) {
+    ::syslog(LOG_ERR, "What was taken from this host cannot be read: %s", guest_ids.error().ToString().c_str());
+    return false;
+  }
+  bool is_settled = true;
+  for (const std::string& guest_id : *guest_ids) {
+    const Status settled = SettleFencedGuest(guest_id);
+    if (settled) continue;
+    is_settled = false;
+    const std::lock_guard lock(maintenance_mutex_);
+    if (unsettled_.insert(guest_id).second) {
+      ::syslog(LOG_ERR, "The guest %s was taken from this host, and its machine here could not be ended yet: %s",
+               guest_id.c_str(), settled.error().ToString().c_str());
+    }
+  }
+  return is_settled;
+}
+
+Status LibvirtGuestControl::SettleFencedGuest(const std::string& guest_id) {
+  const std::string key = cluster::FenceKey(options_.host_id, guest_id);
+  store::Revision revision = 0;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    const auto note = (*snapshot)->Get(key);
+    if (!note) return note.error();
+    if (!*note) return {};
+    revision = (*note)->revision;
+  }
+  shut_downs_->End(guest_id);
+  Step("fenced: noticed");
+  if (const Done ended = EndRun(guest_id); !ended && !IsOver(ended.failure().problem())) return ended.failure().error();
+  const auto state = hypervisor_->StateOf(guest_id);
+  if (!state && state.failure().problem() != Problem::kNoSuchGuest) return state.failure().error();
+  // Whoever has the guest now has gone on without it.
+  if (state && *state == GuestState::kSaved) {
+    if (const Done discarded = hypervisor_->DiscardSaved(guest_id); !discarded) return discarded.failure().error();
+  }
+  if (state) {
+    if (const Status down = TakeDown(guest_id); !down) return down;
+  }
+  Step("fenced: ended");
+  const auto committed = options_.store->Commit({{{key, revision}}, {{key, std::nullopt}}});
+  if (!committed) return committed.error();
+  ::syslog(LOG_WARNING, "The guest %s was taken from this host while it was gone: its machine here has been ended.",
+           guest_id.c_str());
+  return {};
+}
+
+}  // namespace vexa::guests
