@@ -61,6 +61,7 @@ int RunCommandLine(int argc, char** argv) {
   AddGlobalOptions(app, invocation.global);
   AddClientCommands(app, invocation);
   AddHostCommands(app, invocation);
+  AddRecoveryCommands(app, invocation);
   AddActionCommands(app, invocation);
   AddEditCommands(app, invocation);
   AddErrorCommand(app, invocation);

@@ -22,6 +22,8 @@ struct Invocation {
 void AddClientCommands(CLI::App& app, Invocation& invocation);
 // After AddClientCommands, whose "guest" it adds to.
 void AddHostCommands(CLI::App& app, Invocation& invocation);
+// After AddHostCommands: "guest recover" and "host forget".
+void AddRecoveryCommands(CLI::App& app, Invocation& invocation);
 // After AddClientCommands as well: the rest of "guest", and "log".
 void AddActionCommands(CLI::App& app, Invocation& invocation);
 // As well: "guest set" and "guest edit".

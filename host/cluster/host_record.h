@@ -81,12 +81,12 @@ using GatherFacts = std::function<HostFacts()>;
 struct PresenceOptions {
   std::chrono::milliseconds interval = kPresenceInterval;
   // Null: whoever else writes the record, this host goes on.
-  std::shared_ptr<HostClaim> claim;
+  std::shared_ptr<HostClaim> claim{};
   // Guests were taken from this host while it was gone: ends their machines. False: not all of them yet. Nothing is
   // written, and the host stays gone for the others, until it is true.
-  std::function<bool()> settle_fenced;
+  std::function<bool()> settle_fenced{};
   // The claim is lost for good: this host must not go on. Called once.
-  std::function<void(const std::string& reason)> on_lost;
+  std::function<void(const std::string& reason)> on_lost{};
 };
 
 // Keeps the record current while it lives: registers, and leaves at the end. At every interval it gathers the facts and

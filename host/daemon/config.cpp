@@ -65,6 +65,11 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
   app.add_flag("--check-config", check_config, "Check the configuration, say what is wrong, and exit")
       ->configurable(false);
 
+  app.add_flag("--take-host-id", config.take_host_id,
+               "For one start: this machine has replaced the one that had the host id of the data folder, which is off "
+               "for good; or this host comes back after it was removed from the cluster")
+      ->configurable(false)
+      ->group("Data");
   app.add_option("--data", config.data_directory, "The folder of the database, accounts and sessions")->group("Data");
   app.add_option("--store", config.store_directory,
                  "The folder of the database, when it is not in the data folder; hosts of one machine may share one")

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,6 +40,8 @@ struct Config {
   SessionOptions sessions;
   std::chrono::seconds stop_timeout{30};
   LogTarget log = LogTarget::kSyslog;
+  std::function<void()> on_host_lost{};  // called once, when this daemon must not go on as its host
+  bool take_host_id = false;             // for one start: the machine that had this host's id is off for good
 };
 
 // What the command line asks for.

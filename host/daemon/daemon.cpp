@@ -41,6 +41,7 @@
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
 #include "host/services/log_api.h"
+#include "host/services/recovery_api.h"
 #include "host/services/services.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
@@ -209,11 +210,18 @@ class Daemon::Impl {
     const bool items_done = items_.Stop(left());
     // They run on, and what they do from now on is found by the next start.
     const bool guests_done = !guests_ || guests_->Stop(left());
+    ReleaseClaim();
     Sweep();
     return guests_done && served && quick_done && long_done && caches_done && local_done && items_done;
   }
 
  private:
+  void ReleaseClaim() {
+    if (!claim_) return;
+    const Status released = claim_->Release();
+    if (!released) ::syslog(LOG_ERR, "The claim of this host's id stays: %s", released.error().ToString().c_str());
+  }
+
   Status OpenData(const Config& config) {
     if (Status made = CreateDirectories(config.data_directory, 0700); !made) return made;
     Result<DataLock> lock = DataLock::Take(config.data_directory);
@@ -228,6 +236,7 @@ class Daemon::Impl {
     auto store = store::OpenLmdbStore(store_options);
     if (!store) return store.error();
     store_ = std::move(*store);
+    if (Status claimed = ClaimHost(config); !claimed) return claimed;
     auto accounts = OpenAccounts(config);
     if (!accounts) return accounts.error();
     accounts_ = std::move(*accounts);
@@ -246,6 +255,21 @@ class Daemon::Impl {
     return {};
   }
 
+  // Before anything is written: a copy of another host changes nothing.
+  Status ClaimHost(const Config& config) {
+    cluster::ClaimOptions options;
+    options.store = store_;
+    options.host_id = host_id_;
+    options.take_over = config.take_host_id;
+    Result<cluster::ClaimIdentity> identity = IdentityOfHost(config.data_directory);
+    if (!identity) return identity.error();
+    options.identity = std::move(*identity);
+    auto claim = cluster::HostClaim::Take(std::move(options));
+    if (!claim) return claim.error();
+    claim_ = std::move(*claim);
+    return {};
+  }
+
   // Before anybody can ask: what runs and what is stored agree from the first answer on.
   Status StartGuests(const Config& config) {
     if (config.hypervisor == "none") return {};
@@ -257,6 +281,7 @@ class Daemon::Impl {
     options.image_roots = config.image_roots;
     options.vcpus_per_cpu = config.vcpus_per_cpu;
     options.is_alive = IsAlive;
+    options.claim = claim_;
     auto guests = guests::GuestControl::Start(std::move(options));
     if (!guests) return guests.error();
     guests_ = std::move(*guests);
@@ -271,7 +296,7 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(), services::GuestKeepingRows(), services::LogRows(),
+          services::GuestStateRows(), services::GuestKeepingRows(), services::RecoveryRows(store_), services::LogRows(),
           services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
@@ -364,11 +389,19 @@ class Daemon::Impl {
     if (!config.listen.empty()) web_port_ = port(0);
     // Without a listener for other hosts nobody can reach this one.
     const std::string address = config.cluster_listen.empty() ? "" : cluster_address();
-    presence_ = std::make_unique<cluster::HostPresence>(store_, [host_id = host_id_, address] {
+    cluster::PresenceOptions options;
+    options.claim = claim_;
+    options.settle_fenced = [this] { return !guests_ || guests_->SettleFenced(); };
+    options.on_lost = [on_host_lost = config.on_host_lost](const std::string& reason) {
+      ::syslog(LOG_CRIT, "This host must not go on: %s", reason.c_str());
+      if (on_host_lost) on_host_lost();
+    };
+    const auto gather = [host_id = host_id_, address] {
       cluster::HostFacts facts = services::GatherHostFacts(host_id, VEXA_VERSION, services::Machine());
       facts.cluster_address = address;
       return facts;
-    });
+    };
+    presence_ = std::make_unique<cluster::HostPresence>(store_, gather, std::move(options));
   }
 
   void LogListeners(const Config& config) const {
@@ -404,6 +437,7 @@ class Daemon::Impl {
   std::size_t first_network_listener_ = 0;
   std::atomic<int> web_port_ = 0;  // of the first network listener, once it is open
   std::string host_id_;
+  std::shared_ptr<cluster::HostClaim> claim_;
   std::unique_ptr<cluster::HostPresence> presence_;
   bool stopped_ = false;
 };

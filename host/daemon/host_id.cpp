@@ -1,10 +1,17 @@
 #include "host/daemon/host_id.h"
 
+#include <unistd.h>
+
+#include <array>
+
 #include "host/base/files.h"
 #include "host/base/uuid.h"
+#include "host/services/host_facts.h"
+#include "host/services/interfaces.h"
 #include "webapi/platform/ccc.h"
 
 namespace vexa::daemon {
+
 Result<std::string> LoadHostId(const std::string& data_directory) {
   const std::string path = data_directory + "/host-id";
   Result<std::string> stored = ReadFile(path, 4096);
@@ -20,6 +27,21 @@ Result<std::string> LoadHostId(const std::string& data_directory) {
   const Status written = WriteFileAtomically(path, *id + "\n", 0600);
   if (!written) return written.error();
   return id;
+}
+
+Result<cluster::ClaimIdentity> IdentityOfHost(const std::string& data_directory) {
+  Result<std::string> place = cluster::PlaceOf(data_directory + "/host-id");
+  if (!place) return place.error();
+  cluster::ClaimIdentity identity;
+  identity.place = std::move(*place);
+  identity.boot = cluster::BootId();
+  std::array<char, 257> name{};
+  if (::gethostname(name.data(), name.size() - 1) == 0) identity.name = name.data();
+  for (const services::Interface& found : services::HostInterfaces(services::Machine())) {
+    std::string address = services::SystemPermanentMac(found.name);
+    if (!address.empty()) identity.addresses.push_back(std::move(address));
+  }
+  return identity;
 }
 
 }  // namespace vexa::daemon

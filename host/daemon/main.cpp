@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -38,6 +39,9 @@ void RunUntilStopped(Daemon& daemon, const sigset_t& signals) {
   while (::sigtimedwait(&signals, nullptr, &interval) < 0) daemon.Sweep();
 }
 
+// Set when this daemon ends since it is no longer its host's.
+std::atomic<bool> is_lost = false;
+
 // A second signal ends the process at once, whatever still runs.
 void EndAtNextSignal(const sigset_t& signals) {
   std::thread([signals] {
@@ -64,7 +68,12 @@ int main(int argc, char** argv) {
   const sigset_t signals = StopSignals();
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  auto daemon = Daemon::Start(command.config);
+  Config config = command.config;
+  config.on_host_lost = [] {
+    is_lost = true;
+    ::kill(::getpid(), SIGTERM);
+  };
+  auto daemon = Daemon::Start(config);
   if (!daemon) {
     ::syslog(LOG_ERR, "The start failed: %s", daemon.error().ToString().c_str());
     return command.config.log == LogTarget::kSyslog ? Complain(daemon.error(), kExitFailed) : kExitFailed;
@@ -79,7 +88,7 @@ int main(int argc, char** argv) {
   if (!(*daemon)->Stop(command.config.stop_timeout)) {
     ::syslog(LOG_WARNING, "Some requests did not finish in time.");
     // Their threads still use the daemon's parts, so nothing is taken down around them.
-    ::_exit(0);
+    ::_exit(is_lost ? kExitFailed : 0);
   }
-  return 0;
+  return is_lost ? kExitFailed : 0;
 }

@@ -1,0 +1,31 @@
+// vexa guest recover, vexa host forget.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/client_options.h"
+
+namespace vexa::cli {
+
+enum class MachineIs { kUnknown, kConfirmedOff };
+
+struct RecoverOptions {
+  std::vector<std::string> guests;  // ids or names
+  std::string to_host;              // id or name; empty: one is chosen at the next start
+  MachineIs machine = MachineIs::kUnknown;
+  bool discard_saved = false;
+};
+
+// Nothing is sent unless every name is one guest's. Goes on with the others when one fails.
+ExitCode RunGuestRecover(const GlobalOptions& global, const RecoverOptions& options);
+
+struct ForgetOptions {
+  std::string host;  // id or name
+  MachineIs machine = MachineIs::kUnknown;
+  bool recover_guests = false;
+};
+
+ExitCode RunHostForget(const GlobalOptions& global, const ForgetOptions& options);
+
+}  // namespace vexa::cli
