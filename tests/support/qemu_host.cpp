@@ -74,10 +74,11 @@ QemuHost::QemuHost(const QemuGround& ground, QemuHostOptions options)
     : ground_(ground), folder_(ground.folder()), options_(std::move(options)) {
   if (options_.embed_root.empty()) options_.embed_root = ground.root();
   if (options_.image_root.empty()) options_.image_root = folder_ + "/disks";
-  MakeFolder(folder_ + "/data");
+  MakeFolder(DataFolder());
   MakeFolder(options_.image_root);
   MakeFolder(DiskFolder());
-  host_id_ = Require(daemon::LoadHostId(folder_ + "/data"));
+  host_id_ = Require(daemon::LoadHostId(DataFolder()));
+  if (!options_.runtime.empty()) MakeFolder(options_.runtime);
   Json::Value repository(Json::objectValue);
   repository["host_id"] = host_id_;
   repository["state"] = VexaCCC::State::Repo::online;
@@ -86,14 +87,18 @@ QemuHost::QemuHost(const QemuGround& ground, QemuHostOptions options)
 
 QemuHost::~QemuHost() { Kill(); }
 
-std::string QemuHost::Log() const { return Content(folder_ + "/vexad.log"); }
+std::string QemuHost::Log() const { return Content(LogFile()); }
+
+std::string QemuHost::StoreFolder() const { return options_.store.empty() ? DataFolder() + "/store" : options_.store; }
 
 std::vector<std::string> QemuHost::Arguments() const {
   return {folder_ + "/vexad",
           "--data",
-          folder_ + "/data",
+          DataFolder(),
+          "--store",
+          StoreFolder(),
           "--socket",
-          folder_ + "/s",
+          Socket(),
           "--listen",
           "none",
           "--hypervisor",
@@ -109,7 +114,7 @@ std::vector<std::string> QemuHost::Arguments() const {
 }
 
 void QemuHost::Start() {
-  const std::string log = folder_ + "/vexad.log";
+  const std::string log = LogFile();
   const std::size_t before = Log().size();
   const std::string program = ground_.Program("vexad");
   std::vector<std::string> words = Arguments();
@@ -123,6 +128,7 @@ void QemuHost::Start() {
     const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     ::dup2(output, 1);
     ::dup2(output, 2);
+    if (!options_.runtime.empty()) ::setenv("XDG_RUNTIME_DIR", options_.runtime.c_str(), 1);
     ::execv(program.c_str(), argv.data());
     ::_exit(127);
   }
@@ -168,7 +174,7 @@ std::string QemuHost::Vexa(std::vector<std::string> arguments) const {
 
 std::shared_ptr<store::Store> QemuHost::Store() const {
   store::LmdbOptions options;
-  options.directory = folder_ + "/data/store";
+  options.directory = StoreFolder();
   return Require(store::OpenLmdbStore(options));
 }
 
@@ -265,7 +271,7 @@ std::string QemuHost::LostDisks(const std::string& guest, int disks) const {
 Json::Value QemuHost::Ask(const std::string& api_and_method, const std::string& guest, Json::Value further) const {
   HttpTarget target;
   target.url = "http://localhost";
-  target.unix_socket = folder_ + "/s";
+  target.unix_socket = Socket();
   HttpClient client(target);
   client.SetTimeout(kGuestPatience);
   if (further.isNull()) further = Json::Value(Json::objectValue);

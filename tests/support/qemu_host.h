@@ -33,6 +33,10 @@ struct QemuHostOptions {
   std::string embed_root;  // empty: the ground's
   std::string image_root;  // empty: "disks" below the ground
   std::chrono::seconds stop_timeout{30};
+  // Of one more host on the same ground: "-b" is behind the names of its data folder, socket and log.
+  std::string suffix;
+  std::string store;    // the folder of the database; empty: "store" in the data folder
+  std::string runtime;  // XDG_RUNTIME_DIR: each host with embedded guests needs one; empty: as it is
 };
 
 inline constexpr const char* kHostRepository = "11111111-2222-4333-8444-00000000000a";
@@ -61,6 +65,7 @@ class QemuHost {
   const std::string& id() const { return host_id_; }
   pid_t pid() const { return pid_; }
   std::string Log() const;  // of all runs
+  std::string StoreFolder() const;
 
   // A test that goes on without a host makes no sense: the test program ends when it does not become ready.
   void Start();
@@ -104,6 +109,9 @@ class QemuHost {
 
  private:
   std::vector<std::string> Arguments() const;
+  std::string DataFolder() const { return folder_ + "/data" + options_.suffix; }
+  std::string Socket() const { return folder_ + "/s" + options_.suffix; }
+  std::string LogFile() const { return folder_ + "/vexad" + options_.suffix + ".log"; }
   std::shared_ptr<store::Store> Store() const;
 
   const QemuGround& ground_;

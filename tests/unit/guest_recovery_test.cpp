@@ -13,6 +13,7 @@
 #include "host/store/key.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
+#include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 #include "webapi/utils/json.h"
 
@@ -20,10 +21,10 @@ namespace vexa::guests {
 namespace {
 
 namespace json = VexaVirtualization::json;
-namespace states = VexaCCC::State;
+namespace states = VexaCCC::State::Guest;
 using std::chrono::seconds;
+using test::Require;
 using std::chrono::system_clock;
-using ::testing::HasSubstr;
 
 constexpr char kGone[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr char kAlive[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e9";
@@ -49,7 +50,7 @@ class GuestRecovery : public testing::Test {
     host_.PutText("guest", id, R"({"name":")" + std::string(name) + R"(","host_id":")" + kGone + "\"}");
   }
   void PutRun(std::uint64_t incarnation, bool saved = false) {
-    Run run;
+    guests::Run run;
     run.host_id = kGone;
     run.incarnation = incarnation;
     run.saved = saved;
@@ -94,7 +95,7 @@ TEST_F(GuestRecovery, ConfirmedGuest_IsOffAndFenced) {
   const Refused refused = RecoverGuest(host_.store(), Request());
   ASSERT_FALSE(refused) << refused->reason;
   EXPECT_TRUE(Get(RunKey(kGuest)).isNull());
-  EXPECT_EQ(Get(cluster::LiveStateKey(kGuest)), Json::Value(states::Guest::shutdown));
+  EXPECT_EQ(Get(cluster::LiveStateKey(kGuest)), Json::Value(states::shutdown));
   EXPECT_FALSE(Guest(kGuest).isMember("host_id"));
   EXPECT_EQ(Guest(kGuest)["name"], Json::Value("web-1"));
   EXPECT_EQ(Get(cluster::HostClaimKey(kGone))["incarnation"], Json::Value(8));
@@ -131,12 +132,11 @@ TEST_F(GuestRecovery, RunOfAnOlderVersion_ProvesNothing) {
 
 TEST_F(GuestRecovery, HostThatIsAlive_KeepsItsGuest) {
   PutHost(kGone, "beta", seconds(1));
-  ExpectRefused(Request(), 971,
-                "The host 'beta' gives signs of life: use it to shut down or power off the guest");
+  ExpectRefused(Request(), 971, "The host 'beta' gives signs of life: use it to shut down or power off the guest");
 }
 
 TEST_F(GuestRecovery, ThisHostItself_IsAlive) {
-  Run run;
+  guests::Run run;
   run.host_id = cluster::CurrentEnvironment()->host_id;
   Put(RunKey(kGuest), RunText(run));
   EXPECT_EQ(RecoverGuest(host_.store(), Request())->code, 971);
@@ -178,18 +178,17 @@ TEST_F(GuestRecovery, GuestThatWasOff_LosesItsHostWithoutConfirmation) {
 }
 
 TEST_F(GuestRecovery, HostWithoutRecords_WasNeverThere) {
-  Run run;
+  guests::Run run;
   run.host_id = "a-host-of-an-import";
   Put(RunKey(kGuest), RunText(run));
   EXPECT_FALSE(RecoverGuest(host_.store(), Request()));
 }
 
 TEST_F(GuestRecovery, FullDisk_ChangesNothing) {
-  host_.store().FailCommits(Error(ErrorCode::kNoSpace, "The disk is full"));
+  host_.store().FailCommits();
   const Refused refused = RecoverGuest(host_.store(), Request());
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->code, 901);
-  EXPECT_THAT(refused->reason, HasSubstr("The disk is full"));
   EXPECT_FALSE(Get(RunKey(kGuest)).isNull());
 }
 

@@ -3,8 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "host/cluster/host_claim_record.h"
@@ -23,6 +25,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::system_clock;
 using ::testing::HasSubstr;
+using test::Require;
 
 constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr milliseconds kWindow{300};
@@ -173,12 +176,12 @@ TEST_F(HostClaims, ForgottenHost_StartsOnlyWithConsent) {
 TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   const auto claim = Require(Take(Original()));
   EXPECT_EQ(*claim->Look(), Standing::kHeld);
-  EXPECT_TRUE(host_.store().Commit({{claim->Guard()}, {{"/x", "1"}}}).ok());
+  EXPECT_TRUE(host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "1"}}}).ok());
   Change([](Json::Value& record) { EXPECT_EQ(FenceClaim(record), 2u); });
   EXPECT_EQ(*claim->Look(), Standing::kFenced);
   EXPECT_EQ(claim->Check().error().ToString(),
             "This host was taken for gone meanwhile, and has not looked yet at what was taken from it");
-  const auto committed = host_.store().Commit({{claim->Guard()}, {{"/x", "2"}}});
+  const auto committed = host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "2"}}});
   ASSERT_FALSE(committed.ok());
   EXPECT_EQ(committed.error().code(), ErrorCode::kConflict);
   HostFacts facts;
@@ -194,7 +197,7 @@ TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   ASSERT_TRUE(claim->Renew().ok());
   EXPECT_EQ(claim->incarnation(), 3u);
   EXPECT_TRUE(claim->Check().ok());
-  EXPECT_TRUE(host_.store().Commit({{claim->Guard()}, {{"/x", "3"}}}).ok());
+  EXPECT_TRUE(host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "3"}}}).ok());
 }
 
 TEST_F(HostClaims, Presence_SettlesBeforeItShowsTheHostAgain) {

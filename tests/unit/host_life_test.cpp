@@ -18,6 +18,7 @@ namespace {
 
 namespace states = VexaCCC::State;
 using std::chrono::seconds;
+using test::Require;
 using std::chrono::system_clock;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;

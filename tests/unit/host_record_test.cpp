@@ -11,6 +11,7 @@
 
 #include "host/cluster/environment.h"
 #include "host/services/host_facts.h"
+#include "host/store/key.h"
 #include "tests/unit/services_fixture.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/etcd.h"
@@ -43,10 +44,12 @@ HostFacts Facts() {
   return facts;
 }
 
+// As it is stored: what readers are shown depends on the clock.
 Json::Value Read(const std::string& key) {
-  Json::Value value;
-  EXPECT_EQ(Dashboard(DashCate::Host, kHost).Get(value, key), 0) << key;
-  return value;
+  const auto snapshot = CurrentEnvironment()->store->Read();
+  const auto value = (*snapshot)->Get(store::MakeKey({"dash", "host", kHost}) + "/" + key);
+  EXPECT_TRUE(value.ok() && value->has_value()) << key;
+  return value.ok() && value->has_value() ? Parsed(std::string((*value)->text)) : Json::Value();
 }
 
 store::Revision RevisionOf(TestHost& host, const std::string& key) {

@@ -121,9 +121,9 @@ TEST_F(HostVersionStates, RegisteredHost_IsMatchedAndReachableUntilItLeaves) {
 
 TEST_F(HostVersionStates, Reachable_NeedsAStateAndAFreshSign) {
   const std::string up = R"({"state":"host_running","version":"1.0.0"})";
-  AddHost("fresh", up, seconds(20));
+  AddHost("fresh", up, kPresenceWindow - seconds(2));
   AddHost("warn", R"({"state":"host_network_warn","version":"1.0.0"})");
-  AddHost("old", up, seconds(45));
+  AddHost("old", up, kPresenceWindow + seconds(2));
   AddHost("ahead", up, seconds(-3600));
   AddHost("left", R"({"state":"host_inaccessible","version":"1.0.0"})");
   AddHost("stateless", R"({"version":"1.0.0"})");

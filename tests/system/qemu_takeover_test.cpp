@@ -1,0 +1,133 @@
+// A guest that was taken from a host which was gone is not touched by that host when it comes back, although its QEMU
+// there still runs.
+#include <signal.h>
+
+#include <thread>
+
+#include "tests/support/qemu_host_test.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";
+// 15 s by the promise, and what a machine that is busy with other tests takes.
+constexpr auto kGonePatience = 20s;
+
+class QemuTakeover : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string why_not = WhyNoFirmware();
+    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
+    ground_ = std::make_unique<QemuGround>(HostPrograms());
+    QemuHostOptions options;
+    options.store = ground_->folder() + "/store";
+    options.runtime = ground_->folder() + "/run-a";
+    first_ = std::make_unique<QemuHost>(*ground_, options);
+    options.suffix = "-b";
+    options.embed_root = ground_->folder() + "/qemu-b";
+    options.runtime = ground_->folder() + "/run-b";
+    // The repository is the second host's from now on, so that only the guest's host is gone.
+    second_ = std::make_unique<QemuHost>(*ground_, options);
+    HostGuest guest;
+    guest.id = kGuest;
+    guest.name = "web-1";
+    guest.disks = 0;  // the locks of images on one machine would hide what is to be seen
+    first_->PutGuest(guest);
+    first_->Start();
+    second_->Start();
+    ASSERT_EQ(first_->Power(kGuest, "poweron"), 0) << first_->Log();
+    ASSERT_TRUE(first_->AwaitState(kGuest, "guest_running"));
+    ASSERT_EQ(first_->Qemus(kGuest), 1);
+  }
+  void TearDown() override {
+    if (first_ && first_->pid() > 0) ::kill(first_->pid(), SIGCONT);
+    first_.reset();
+    second_.reset();
+    ground_.reset();
+  }
+
+  std::string Shown() const {
+    const Json::Value data = json::Member(second_->Ask("VEXA.Virtualization.Guest/status", kGuest), "data");
+    return json::String(json::Member(data, "status")) + " " + json::String(json::Member(data, "status_type"));
+  }
+  int Recover(bool is_confirmed) const {
+    Json::Value parameters(Json::objectValue);
+    parameters["machine_is_off"] = is_confirmed;
+    return second_->Code("VEXA.Virtualization.Guest/recover", kGuest, parameters);
+  }
+  // The second host takes the guest over and starts it.
+  void TakeOver() {
+    EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGonePatience)) << Shown();
+    EXPECT_EQ(first_->Qemus(kGuest), 1) << "its machine runs on";
+    EXPECT_NE(second_->Power(kGuest, "poweron"), 0) << "the host that is gone has the guest";
+    EXPECT_EQ(Recover(false), 972);
+    EXPECT_EQ(Recover(true), 0);
+    EXPECT_EQ(Shown().substr(0, 8), "shutdown");
+    ASSERT_EQ(second_->Power(kGuest, "poweron"), 0) << second_->Log();
+    ASSERT_TRUE(second_->AwaitState(kGuest, "guest_running"));
+    EXPECT_EQ(first_->Qemus(kGuest), 2) << "on one machine each, were they two machines";
+  }
+  // The host that was gone ends its machine and leaves the other's alone.
+  void ExpectTakenOver() {
+    const auto begin = Clock::now();
+    bool is_touched = false;
+    EXPECT_TRUE(Await([&] {
+      is_touched = is_touched || second_->State(kGuest) != "guest_running" ||
+                   second_->Stored("/run/" + std::string(kGuest)).find(second_->id()) == std::string::npos;
+      return first_->Qemus(kGuest) == 1;
+    })) << first_->Log();
+    EXPECT_LT(Clock::now() - begin, 30s);
+    while (Clock::now() - begin < 10s) {  // the first host has looked at everything by then
+      is_touched = is_touched || second_->State(kGuest) != "guest_running";
+      std::this_thread::sleep_for(100ms);
+    }
+    EXPECT_FALSE(is_touched);
+    EXPECT_EQ(first_->Qemus(kGuest), 1);
+    EXPECT_NE(first_->Log().find("The guest " + std::string(kGuest) +
+                                 " was taken from this host while it was gone: its machine here has been ended."),
+              std::string::npos)
+        << first_->Log();
+    EXPECT_EQ(Shown().substr(0, 7), "running");
+    EXPECT_EQ(first_->Stored("/fence/" + first_->id() + "/" + kGuest), "");
+    // The host is one like all others again.
+    EXPECT_EQ(second_->Power(kGuest, "poweroff"), 0);
+    EXPECT_EQ(first_->Qemus(kGuest), 0) << "the machine that was left is the second host's";
+  }
+
+  std::unique_ptr<QemuGround> ground_;
+  std::unique_ptr<QemuHost> first_;
+  std::unique_ptr<QemuHost> second_;
+};
+
+TEST_F(QemuTakeover, HostThatHung_EndsTheMachineThatWasTakenFromIt) {
+  ::kill(first_->pid(), SIGSTOP);
+  ASSERT_NO_FATAL_FAILURE(TakeOver());
+  ::kill(first_->pid(), SIGCONT);
+  ExpectTakenOver();
+  EXPECT_NE(first_->Log().find("This host is back, as its incarnation"), std::string::npos) << first_->Log();
+}
+
+TEST_F(QemuTakeover, HostThatWasKilled_EndsTheMachineThatWasTakenFromIt) {
+  first_->Kill();
+  ASSERT_NO_FATAL_FAILURE(TakeOver());
+  first_->Start();
+  ExpectTakenOver();
+}
+
+// What the host was in the middle of when it hung is not done when it goes on.
+TEST_F(QemuTakeover, CallThatHungWithItsHost_DoesNothingAfterwards) {
+  ::kill(first_->pid(), SIGSTOP);
+  std::thread late([&] { (void)first_->Power(kGuest, "reboot"); });
+  ASSERT_NO_FATAL_FAILURE(TakeOver());
+  ::kill(first_->pid(), SIGCONT);
+  late.join();
+  ExpectTakenOver();
+}
+
+}  // namespace
+}  // namespace vexa::test
