@@ -170,13 +170,31 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
       claim->revision_ = *committed;
       return claim;
     }
-    if (committed.error().code() != ErrorCode::kConflict) return committed.error();
+    if (committed.error().code() != ErrorCode::kConflict) {
+      if (claim->GoOnUnwritten(committed.error())) return claim;
+      return committed.error();
+    }
     ++tries;
   }
   return Error(ErrorCode::kConflict, "The claim of this host's id keeps changing: is another vexad starting with it?");
 }
 
 store::Compare HostClaim::Guard() const { return {HostClaimKey(options_.host_id), revision_}; }
+
+// Nobody else can have the claim of this machine: the data folder is locked.
+bool HostClaim::GoOnUnwritten(const Error& error) {
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return false;
+  const Result<StoredObject> claim = LoadObject(**snapshot, HostClaimKey(options_.host_id));
+  if (!claim || claim->revision == 0 || !IsOfMachine(claim->record, options_.identity)) return false;
+  ::syslog(LOG_ERR, "The claim of this host's id cannot be written, and is used as it is: %s",
+           error.ToString().c_str());
+  token_ = TextMember(claim->record, "token");
+  incarnation_ = IncarnationOf(claim->record);
+  booted_ = BootedIncarnationOf(claim->record);
+  revision_ = claim->revision;
+  return true;
+}
 
 Result<Standing> HostClaim::Look() const {
   const auto snapshot = options_.store->Read();

@@ -56,6 +56,8 @@ class HostClaim {
  public:
   // Waits up to `window` where a sign of life says that another daemon may still have the id; a daemon of the same data
   // folder and the same run of the machine cannot, and one that was stopped properly has given it up.
+  // A store that cannot be written, such as one on a full disk, leaves the claim of the same machine as it is, and this
+  // daemon goes on under its number.
   // Errors: kDenied with a sentence for the administrator (another machine has the id, or the host was removed from the
   // cluster): nothing has been changed then; what the store says.
   static Result<std::shared_ptr<HostClaim>> Take(ClaimOptions options);
@@ -79,10 +81,12 @@ class HostClaim {
  private:
   HostClaim(ClaimOptions options, std::string token) : options_(std::move(options)), token_(std::move(token)) {}
 
+  bool GoOnUnwritten(const Error& error);
+
   Result<store::Transaction> PlanTake(store::Revision& judged_seen, std::chrono::milliseconds& wait);
 
   const ClaimOptions options_;
-  const std::string token_;  // of this daemon
+  std::string token_;  // of this daemon
   std::atomic<std::uint64_t> incarnation_{0};
   std::atomic<std::uint64_t> booted_{0};
   std::atomic<store::Revision> revision_{0};

@@ -199,11 +199,14 @@ bool HostPresence::MayWrite() {
   if (*standing == Standing::kHeld) return true;
   Status renewed = Error(ErrorCode::kDenied, "Another vexad has taken this host's id, or the host was removed");
   if (*standing == Standing::kFenced) {
-    ::syslog(LOG_WARNING,
-             "This host was taken for gone, and guests were taken from it: their machines here are ended.");
+    if (!std::exchange(is_settling_, true)) {
+      ::syslog(LOG_WARNING,
+               "This host was taken for gone, and guests were taken from it: their machines here are ended.");
+    }
     if (options_.settle_fenced && !options_.settle_fenced()) return false;
     renewed = options_.claim->Renew();
     if (renewed) {
+      is_settling_ = false;
       ::syslog(LOG_INFO, "This host is back, as its incarnation %llu.",
                static_cast<unsigned long long>(options_.claim->incarnation()));
       return true;

@@ -115,8 +115,9 @@ class HostPresence {
   // Of the constructor, then of the thread:
   HostFacts facts_;  // as they were written last
   std::chrono::system_clock::time_point started_;
-  bool registered_ = false;  // whether they ever were
-  bool failing_ = false;     // so that a lasting failure is logged once
+  bool registered_ = false;   // whether they ever were
+  bool failing_ = false;      // so that a lasting failure is logged once
+  bool is_settling_ = false;  // likewise, of what was taken from this host
   bool is_lost_ = false;
   std::mutex mutex_;
   std::condition_variable wake_;

@@ -24,8 +24,8 @@ namespace json = VexaVirtualization::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::system_clock;
-using ::testing::HasSubstr;
 using test::Require;
+using ::testing::HasSubstr;
 
 constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr milliseconds kWindow{300};
@@ -80,6 +80,15 @@ TEST_F(HostClaims, RestartOnTheSameMachine_TakesTheNextNumberImmediately) {
   EXPECT_EQ(second->incarnation(), 2u);
   EXPECT_EQ(second->booted(), 1u) << "the machine runs on";
   EXPECT_EQ(*first->Look(), Standing::kLost);
+}
+
+TEST_F(HostClaims, FullDisk_LeavesTheMachineItsClaim) {
+  (void)Require(Take(Original()));
+  host_.store().FailCommits();
+  const auto claim = Require(Take(Original()));
+  EXPECT_EQ(claim->incarnation(), 1u);
+  EXPECT_EQ(*claim->Look(), Standing::kHeld);
+  EXPECT_FALSE(Take({"4712-9.1", {}, "boot-1", "beta"}).ok());
 }
 
 struct CopyRow {
