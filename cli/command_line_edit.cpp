@@ -72,10 +72,12 @@ void AddSetOptions(CLI::App& set, GuestSetOptions& options) {
   set.add_flag_callback(
       "--dry-run", [&options] { options.dry_run = DryRun::kYes; },
       "Check all that can be checked here, print the request as JSON and change nothing");
-  set.add_flag("--system", options.from_system, "The users and groups are the machine's own, not of the account file");
+  set.add_flag("--system", options.from_system, "The users and groups are the machine's own");
   set.add_option("--accounts", options.places.other_accounts_path,
-                 "The account file, when it is not accounts.json in the data folder")
+                 "An account file of an older version to take over, when it is not accounts.json in the data folder")
       ->type_name("PATH");
+  set.add_option("--store", options.places.other_store, "The daemon's store, when it is not in the data folder")
+      ->type_name("DIR");
   set.add_option("--data", options.places.data_directory, "The daemon's data folder")
       ->type_name("DIR")
       ->capture_default_str();

@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/cluster/account_records.h"
+#include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -15,6 +17,7 @@ namespace keys = VexaCCC::DB::_k;
 
 // As the command line makes them.
 constexpr char kOrdinaryLevel[] = "user";
+constexpr char kName[] = "name";
 
 void Apply(Json::Value& guests, const VexaCCC::Rule& rule) {
   if (rule.allow) {
@@ -32,19 +35,55 @@ bool CanBeGuestId(const std::string& id) {
   return store::IsKey(store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), id, keys::object}));
 }
 
-Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::vector<VexaCCC::Rule>& rules) {
-  const Json::Value before = json::Member(stored.record, keys::guests);
-  // Not overwritten: it may be all that is left of somebody's grants.
-  if (!before.isNull() && !before.isObject()) {
+Json::Value NewGrantRecord(const std::string& name, std::string_view level) {
+  Json::Value record(Json::objectValue);
+  record[keys::authlevel] = std::string(level);
+  record[keys::guests] = Json::Value(Json::objectValue);
+  if (!name.empty()) record[kName] = name;
+  return record;
+}
+
+bool IsGivenTo(const Json::Value& record, const std::string& name) {
+  const Json::Value* owner = json::FindMember(record, kName);
+  return owner == nullptr || name.empty() || (owner->isString() && json::String(*owner) == name);
+}
+
+Status CheckGivenTo(const Json::Value& record, const std::string& key, const std::string& name) {
+  const Json::Value& guests = json::Member(record, keys::guests);
+  if (!guests.isNull() && !guests.isObject()) {
     return Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are no object: repair or delete the record");
   }
+  if (IsGivenTo(record, name)) return {};
+  return Error(ErrorCode::kDenied, "The grants in '" + key + "' were given to '" +
+                                       json::String(json::Member(record, kName)) + "', and this host calls the id '" +
+                                       name +
+                                       "'. Make ids and names the same on all hosts, or drop the grants with "
+                                       "'vexa user drop-grants' or 'vexa group drop-grants'");
+}
+
+Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::string& name,
+                        const std::vector<VexaCCC::Rule>& rules) {
+  if (Status owner = CheckGivenTo(stored.record, key, name); !owner) return owner.error();
+  const Json::Value before = json::Member(stored.record, keys::guests);
   Json::Value guests = before.isNull() ? Json::Value(Json::objectValue) : before;
   for (const VexaCCC::Rule& rule : rules) Apply(guests, rule);
   const bool is_same = before.isNull() ? guests.empty() : guests == before;
   if (is_same) return false;
   if (stored.revision == 0) stored.record[keys::authlevel] = kOrdinaryLevel;
+  if (!name.empty()) stored.record[kName] = name;
   stored.record[keys::guests] = std::move(guests);
   return true;
+}
+
+Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id,
+                      store::Transaction& transaction) {
+  if (kind != kUsersKind) return {};
+  for (std::string key : {AccountKey(AccountKind::kUser, id), DeletedUserKey(id)}) {
+    const auto value = snapshot.Get(key);
+    if (!value) return value.error();
+    transaction.compares.push_back({std::move(key), value->has_value() ? (*value)->revision : 0});
+  }
+  return {};
 }
 
 }  // namespace vexa::cluster

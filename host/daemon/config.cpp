@@ -69,10 +69,15 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
   app.add_option("--store", config.store_directory,
                  "The folder of the database, when it is not in the data folder; hosts of one machine may share one")
       ->group("Data");
-  app.add_option("--accounts", config.accounts, "Who knows users and passwords: a file of ours, or PAM and NSS")
-      ->check(CLI::IsMember({"file", "pam"}))
+  app.add_option(
+         "--accounts", config.accounts,
+         "Who knows users and passwords: \"store\", the store of the cluster, or \"pam\", the machine's PAM and "
+         "NSS; \"file\" means \"store\"")
+      ->check(CLI::IsMember({"store", "pam", "file"}))
       ->group("Accounts");
-  app.add_option("--account-file", config.account_file, "The account file (default: accounts.json in the data folder)")
+  app.add_option(
+         "--account-file", config.account_file,
+         "An account file of an older version, taken over into the store (default: accounts.json in the data folder)")
       ->group("Accounts");
   app.add_option("--pam-service", config.pam_service, "The PAM service's name")->group("Accounts");
   app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)")

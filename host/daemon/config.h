@@ -21,10 +21,10 @@ struct Config {
   std::string tls_certificate;                        // for every network listener
   std::string tls_key;
   std::string client_authority;
-  std::string cluster_listen;     // "address:port" for other hosts; empty: no cluster
-  std::string cluster_address;    // where other hosts find it, numeric; empty: cluster_listen
-  std::string accounts = "file";  // "file" or "pam"
-  std::string account_file;       // empty: accounts.json in the data folder
+  std::string cluster_listen;      // "address:port" for other hosts; empty: no cluster
+  std::string cluster_address;     // where other hosts find it, numeric; empty: cluster_listen
+  std::string accounts = "store";  // "store" or "pam"; "file" means "store"
+  std::string account_file;        // taken over into the store; empty: accounts.json in the data folder
   std::string pam_service = "vexad";
   std::string administrators_group = "administrators";  // "pam" only
   std::string hypervisor = "test";       // "test", "embed", a libvirt URI, or "none": this host runs no guests

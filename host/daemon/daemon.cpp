@@ -10,9 +10,11 @@
 #include <thread>
 #include <utility>
 
-#include "host/base/account_file.h"
 #include "host/base/account_pam.h"
 #include "host/base/files.h"
+#include "host/cluster/account_source.h"
+#include "host/cluster/account_store.h"
+#include "host/cluster/account_take_over.h"
 #include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/host_record.h"
@@ -103,16 +105,25 @@ services::CompoundOptions OptionsOfCompound() {
 // them learn it.
 constexpr std::chrono::milliseconds kTimeToAnswer{2000};
 
-Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config) {
-  if (config.accounts == "pam") {
+Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config,
+                                                            const std::shared_ptr<store::Store>& store) {
+  const auto source = config.accounts == "pam" ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
+  if (Status noted = cluster::NoteAccountSource(config.data_directory, source); !noted) return noted.error();
+  if (source == cluster::AccountSource::kPam) {
     base::PamOptions options;
     options.service = config.pam_service;
     options.administrators_group = config.administrators_group;
     return std::shared_ptr<base::AccountProvider>(base::MakePamAccounts(options));
   }
-  auto file = base::AccountFile::Open(config.account_file);
-  if (!file) return file.error();
-  return std::shared_ptr<base::AccountProvider>(std::move(*file));
+  if (config.accounts == "file") {
+    ::syslog(LOG_NOTICE,
+             "The setting accounts = \"file\" means \"store\" now: accounts are in the store of the cluster.");
+  }
+  const std::string path = config.account_file.empty() ? config.data_directory + "/accounts.json" : config.account_file;
+  const Status taken = cluster::TakeOverAccountFile(
+      *store, path, [](const std::string& sentence) { ::syslog(LOG_WARNING, "%s.", sentence.c_str()); });
+  if (!taken) return taken.error();
+  return std::shared_ptr<base::AccountProvider>(std::make_shared<cluster::AccountStore>(store));
 }
 
 std::optional<std::string> FindClusterAddress(const std::string& host_id) {
@@ -228,7 +239,7 @@ class Daemon::Impl {
     auto store = store::OpenLmdbStore(store_options);
     if (!store) return store.error();
     store_ = std::move(*store);
-    auto accounts = OpenAccounts(config);
+    auto accounts = OpenAccounts(config, store_);
     if (!accounts) return accounts.error();
     accounts_ = std::move(*accounts);
     auto sessions = SessionTable::Open(config.data_directory + "/sessions.json", config.sessions);

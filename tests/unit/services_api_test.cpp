@@ -202,7 +202,7 @@ TEST_F(Services, Volume_HostilePaths_AreRefused) {
   EXPECT_EQ(code("/"), 403) << "above the root";
   EXPECT_EQ(code(root + "x"), 403);
   EXPECT_EQ(code(root + "/out"), 403) << "a symbolic link that leads out";
-  EXPECT_EQ(code(root + "/accounts.json"), 403) << "a file";
+  EXPECT_EQ(code(root + "/store/data.mdb"), 403) << "a file";
   EXPECT_EQ(code(root + "/missing\n%s"), 403);
 }
 
