@@ -38,20 +38,22 @@ Result<store::Transaction> PlanEdit(const store::Store& store, AccountKind kind,
   stored->record = std::move(record);
   store::Transaction transaction;
   cluster::PutObject(transaction, key, *stored);
-  const Status compared = cluster::CompareAccount(**snapshot, WordOf(kind), account.id, transaction);
+  const Status compared = cluster::CompareAccount(**snapshot, WordOf(kind), account.id, account.seen, transaction);
   if (!compared) return compared.error();
   return transaction;
 }
 
 Result<FoundAccount> FindInSystem(const GrantTarget& target) {
+  // Whoever was deleted in the store has nothing to do with the machine's own.
+  constexpr store::Revision kSeenAll = UINT64_MAX;
   if (target.kind == AccountKind::kUser) {
     const auto user = base::NssFindUser(target.name);
     if (!user) return user.error();
-    return FoundAccount{user->uid, user->name};
+    return FoundAccount{user->uid, user->name, kSeenAll};
   }
   const auto group = base::NssFindGroup(target.name);
   if (!group) return group.error();
-  return FoundAccount{group->gid, group->name};
+  return FoundAccount{group->gid, group->name, kSeenAll};
 }
 
 bool IsUuid(std::string_view id) {
@@ -95,14 +97,17 @@ Result<FoundAccount> FindAccount(const GrantTarget& target) {
   if (target.source == NameSource::kSystem) return FindInSystem(target);
   const auto accounts = OpenAccounts(target.places, MissingStore::kRefuse);
   if (!accounts) return accounts.error();
+  const auto store = OpenStore(target.places, MissingStore::kRefuse);
+  if (!store) return store.error();
+  const store::Revision seen = cluster::RevisionBeforeLookup(**store);
   if (target.kind == AccountKind::kUser) {
     const auto user = (*accounts)->FindUser(target.name);
     if (!user) return user.error();
-    return FoundAccount{user->uid, user->name};
+    return FoundAccount{user->uid, user->name, seen};
   }
   const auto group = (*accounts)->FindGroup(target.name);
   if (!group) return group.error();
-  return FoundAccount{group->gid, group->name};
+  return FoundAccount{group->gid, group->name, seen};
 }
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {

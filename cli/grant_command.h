@@ -27,7 +27,8 @@ struct GrantTarget {
 
 struct FoundAccount {
   std::uint32_t id = 0;
-  std::string name;  // as it was created, or as the name service writes it
+  std::string name;          // as it was created, or as the name service writes it
+  store::Revision seen = 0;  // of the store, before the look-up
 };
 
 enum class AuthLevel { kUser, kAdvanced };

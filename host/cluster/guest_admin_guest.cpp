@@ -23,6 +23,7 @@ constexpr std::uint32_t kNoId = UINT32_MAX;
 
 // What is asked of one user's or group's record.
 struct Request {
+  std::string known_name;  // what this host calls them
   std::vector<Rule> rules;
   std::set<std::string> names;  // what the rules call the user or group, for messages
 };
@@ -42,7 +43,8 @@ std::string KnownName(const base::AccountProvider& accounts, const PrincipalKey&
 
 class GuestRights {
  public:
-  GuestRights(const Environment& environment, const std::string& guest_id) : environment_(environment), id_(guest_id) {}
+  GuestRights(const Environment& environment, const std::string& guest_id)
+      : environment_(environment), id_(guest_id), seen_(RevisionBeforeLookup(*environment.store)) {}
 
   void Add(const tagGuestAdminRule& rule) {
     const bool has_kind = rule.kind == kUsersKind || rule.kind == kGroupsKind;
@@ -50,7 +52,14 @@ class GuestRights {
       impossible_.insert(NameOf(rule));
       return;
     }
-    Request& request = requests_[{rule.kind, rule.id}];
+    const PrincipalKey principal{rule.kind, rule.id};
+    const std::string name = KnownName(*environment_.accounts, principal);
+    if (name.empty()) {
+      impossible_.insert(NameOf(rule));
+      return;
+    }
+    Request& request = requests_[principal];
+    request.known_name = name;
     request.rules.push_back({VexaCCC::DB::_k::guest, id_, rule.allow});
     request.names.insert(NameOf(rule));
   }
@@ -66,8 +75,8 @@ class GuestRights {
   }
 
  private:
-  // What to commit. Unknown users and groups are among the `failed`, and so are those whose record cannot be understood
-  // or was given to another: it is left alone.
+  // What to commit. Among the `failed` are users who have been deleted meanwhile, and those whose record cannot be
+  // understood or was given to another: it is left alone.
   Result<store::Transaction> Plan(std::set<std::string>& failed) const {
     failed.clear();
     store::Transaction transaction;
@@ -88,21 +97,19 @@ class GuestRights {
 
   Status PutChanged(const store::Snapshot& snapshot, const PrincipalKey& principal, const Request& request,
                     store::Transaction& transaction) const {
-    // After the snapshot: an account that is deleted between the two fails the compare.
-    const std::string name = KnownName(*environment_.accounts, principal);
-    if (name.empty()) return Error(ErrorCode::kNotFound, "There is no such user or group");
     const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.first, principal.second));
     Result<StoredObject> stored = LoadObject(snapshot, key);
     if (!stored) return stored.error();
-    const Result<bool> differs = ApplyRules(*stored, key, name, request.rules);
+    const Result<bool> differs = ApplyRules(*stored, key, request.known_name, request.rules);
     if (!differs) return differs.error();
     if (!*differs) return {};
     PutObject(transaction, key, *stored);
-    return CompareAccount(snapshot, principal.first, principal.second, transaction);
+    return CompareAccount(snapshot, principal.first, principal.second, seen_, transaction);
   }
 
   const Environment& environment_;
   const std::string& id_;
+  const store::Revision seen_;
   std::map<PrincipalKey, Request> requests_;
   std::set<std::string> impossible_;
 };

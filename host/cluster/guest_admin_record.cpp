@@ -75,14 +75,21 @@ Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std:
   return true;
 }
 
-Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id,
+store::Revision RevisionBeforeLookup(const store::Store& store) {
+  const auto snapshot = store.Read();
+  return snapshot ? (*snapshot)->revision() : 0;
+}
+
+// A note of a deletion from before the look-up says nothing: accounts may come from elsewhere since then.
+Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
                       store::Transaction& transaction) {
   if (kind != kUsersKind) return {};
-  for (std::string key : {AccountKey(AccountKind::kUser, id), DeletedUserKey(id)}) {
-    const auto value = snapshot.Get(key);
-    if (!value) return value.error();
-    transaction.compares.push_back({std::move(key), value->has_value() ? (*value)->revision : 0});
-  }
+  const std::string deleted_key = DeletedUserKey(id);
+  const auto deleted = snapshot.Get(deleted_key);
+  if (!deleted) return deleted.error();
+  const store::Revision revision = deleted->has_value() ? (*deleted)->revision : 0;
+  if (revision > seen) return Error(ErrorCode::kNotFound, "The user has been deleted");
+  transaction.compares.push_back({deleted_key, revision});
   return {};
 }
 

@@ -35,9 +35,13 @@ Status CheckGivenTo(const Json::Value& record, const std::string& key, const std
 Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::string& name,
                         const std::vector<VexaCCC::Rule>& rules);
 
-// Adds a compare for the user's account to `transaction`, so that nothing is granted to an account that is deleted
-// meanwhile. Nothing for groups, and for users whose accounts are not in the store.
-Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id,
+// The store's revision, to be asked for before an account is looked up: look-ups may take long, so no snapshot is open
+// meanwhile. 0 when the store cannot tell.
+store::Revision RevisionBeforeLookup(const store::Store& store);
+
+// Adds compares to `transaction`, so that nothing is granted to a user whose account is deleted. kNotFound when it was
+// deleted after the revision `seen`. Nothing for groups, which stay.
+Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
                       store::Transaction& transaction);
 
 }  // namespace vexa::cluster

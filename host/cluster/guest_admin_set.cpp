@@ -55,22 +55,19 @@ Result<std::string> NameOf(const base::AccountProvider* accounts, const Principa
 bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
 
 // What to commit; nothing when the record is as the rules want it.
-Result<store::Transaction> PlanRules(const Environment& environment, const Principal& principal,
-                                     const std::vector<Rule>& rules) {
-  const auto snapshot = environment.store->Read();
+Result<store::Transaction> PlanRules(const store::Store& store, const Principal& principal, const std::string& name,
+                                     store::Revision seen, const std::vector<Rule>& rules) {
+  const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  // After the snapshot: an account that is deleted between the two fails the compare.
-  const Result<std::string> name = NameOf(environment.accounts.get(), principal);
-  if (!name) return name.error();
   const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.kind, principal.id));
   Result<StoredObject> stored = LoadObject(**snapshot, key);
   if (!stored) return stored.error();
-  const Result<bool> differs = ApplyRules(*stored, key, *name, rules);
+  const Result<bool> differs = ApplyRules(*stored, key, name, rules);
   if (!differs) return differs.error();
   store::Transaction transaction;
   if (!*differs) return transaction;
   PutObject(transaction, key, *stored);
-  if (Status compared = CompareAccount(**snapshot, principal.kind, principal.id, transaction); !compared) {
+  if (Status compared = CompareAccount(**snapshot, principal.kind, principal.id, seen, transaction); !compared) {
     return compared.error();
   }
   return transaction;
@@ -82,7 +79,12 @@ Status SetRules(const Environment& environment, const std::string& identifier, c
   for (const Rule& rule : rules) {
     if (!IsGuestRule(rule)) return Error(ErrorCode::kInvalid, "A rule is not about a guest");
   }
-  return CommitPlanned(*environment.store, [&] { return PlanRules(environment, *principal, rules); });
+  store::Store& store = *environment.store;
+  RequestScope::ReleaseSnapshot();
+  const store::Revision seen = RevisionBeforeLookup(store);
+  const Result<std::string> name = NameOf(environment.accounts.get(), *principal);
+  if (!name) return name.error();
+  return CommitPlanned(store, [&] { return PlanRules(store, *principal, *name, seen, rules); });
 }
 
 }  // namespace

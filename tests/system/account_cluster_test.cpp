@@ -77,10 +77,11 @@ class AccountCluster : public testing::Test {
     Require(vexa::WriteFileAtomically(folder_.File(host) + "/accounts.json", text, 0600));
   }
 
-  std::unique_ptr<Process> Start(const std::string& host) const {
-    auto process = std::make_unique<Process>(vexa::test::ProcessOptions{
-        .argv = {VEXAD_PROGRAM, "--data", folder_.File(host), "--store", folder_.File("store"), "--socket",
-                 folder_.File("socket-" + host), "--listen", "127.0.0.1:0", "--log", "stderr"}});
+  std::unique_ptr<Process> Start(const std::string& host, const std::string& accounts = "store") const {
+    auto process = std::make_unique<Process>(
+        vexa::test::ProcessOptions{.argv = {VEXAD_PROGRAM, "--data", folder_.File(host), "--store",
+                                            folder_.File("store"), "--socket", folder_.File("socket-" + host),
+                                            "--listen", "127.0.0.1:0", "--log", "stderr", "--accounts", accounts}});
     EXPECT_TRUE(process->WaitForText("Ready.", 120s)) << process->errors();
     return process;
   }
@@ -210,6 +211,21 @@ TEST_F(AccountCluster, AccountIsAddedOnOneHost_LogsInOnTheOther) {
   EXPECT_EQ(json::String(json::Member(json::Member(info, "data"), "user")), "Carol") << "as it was created";
   HttpClient on_a = LoggedIn(*a, "CAROL");
   EXPECT_EQ(Info(on_a), 0);
+}
+
+TEST_F(AccountCluster, SourceOfAccounts_IsSaidInTheLogAndToCommands) {
+  PutFile("a", "alice");
+  {
+    const auto pam = Start("a", "pam");
+    const auto list = Vexa({"user", "list"});
+    EXPECT_EQ(list.exit_code, 1);
+    EXPECT_NE(list.errors.find("PAM"), std::string::npos) << list.errors;
+  }
+  const auto file = Start("a", "file");
+  EXPECT_NE(file->errors().find("accounts = \"file\" means \"store\" now"), std::string::npos) << file->errors();
+  const auto list = Vexa({"user", "list"});
+  EXPECT_EQ(list.exit_code, 0) << list.errors;
+  EXPECT_NE(list.output.find("alice"), std::string::npos);
 }
 
 // A name in another case must not be another name to who slows guessing down. Each guess is of another address.

@@ -44,6 +44,7 @@ TEST(Config, NoFlags_ListensOnLoopbackOnly) {
   EXPECT_EQ((*listeners)[0].path, "/run/vexad/vexad.sock");
   EXPECT_EQ((*listeners)[1].address, "127.0.0.1");
   EXPECT_EQ((*listeners)[1].port, 8642);
+  EXPECT_EQ(command.config.accounts, "store");
   EXPECT_EQ(command.config.account_file, "/var/lib/vexa/accounts.json");
 }
 

@@ -9,7 +9,9 @@
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
+#include "tests/unit/account_store_fixture.h"
 #include "tests/unit/temporary_folder.h"
+#include "tests/unit/watched_store.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
@@ -151,6 +153,42 @@ TEST_F(GuestAdminName, ForeignRecord_IsLoggedOnceForEachName) {
   accounts_->user = "emma";
   for (int i = 0; i < 5; ++i) EXPECT_EQ(Granted(), 0u);
   EXPECT_EQ(LinesWith("'carol'"), 2u);
+}
+
+class GuestAdminRace : public AccountStoreTest {
+ protected:
+  GuestAdminRace() {
+    Environment environment;
+    environment.store = watched_;
+    environment.accounts = std::make_shared<AccountStore>(real_);
+    InstallEnvironment(std::move(environment));
+  }
+  ~GuestAdminRace() override { RemoveEnvironment(); }
+
+  std::shared_ptr<test::WatchedStore> watched_ = std::make_shared<test::WatchedStore>(real_);
+};
+
+TEST_F(GuestAdminRace, AccountIsDeletedBetweenLookUpAndCommit_LeavesNoGrant) {
+  for (const bool together : {true, false}) {
+    const std::string name = together ? "alice" : "bob";
+    Add(name);
+    const std::uint32_t uid = accounts_.FindUser(name)->uid;
+    watched_->Conflict(1, [&] { EXPECT_TRUE(accounts_.DeleteUser(name).ok()); });
+    if (together) {
+      std::vector<std::string> failed;
+      EXPECT_NE(gaGuestSet(kGuest, {{"users", "", name, "", uid, true}}, failed), 0);
+      EXPECT_EQ(failed, std::vector<std::string>{name});
+    } else {
+      EXPECT_NE(gaUserSet(GuestAdminIdentifier(kUsersKind, uid), "", {{"guest", kGuest, true}}), 0);
+    }
+    EXPECT_EQ(Text(GrantsKey(uid)), "absent");
+  }
+}
+
+TEST_F(GuestAdminName, IdWasOfADeletedUserOfTheStore_TheMachinesUserGetsGrants) {
+  Put(DeletedUserKey(kUid), R"({"name":"old"})");
+  EXPECT_EQ(gaUserSet("users-1001", "", {{"guest", "a", true}}), 0);
+  EXPECT_EQ(Granted(), 1u);
 }
 
 TEST_F(GuestAdminName, NamesCannotBeTold_NothingIsGranted) {
