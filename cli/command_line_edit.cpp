@@ -15,7 +15,7 @@ Settings and devices are changed all or none, and rights after that. There is no
 beyond the answer; without --timeout the server has 3600 s. Ctrl-C ends at once; what has been sent is not taken back.
 What a guest that runs cannot take counts from its next start. Sizes of disks are in GiB, vram_size is in MiB.
 
-Users and groups are found in the account file of this host, or with --system among the machine's own; for a server
+Users and groups are found in the store of this host, or with --system among the machine's own; for a server
 elsewhere, or as another account than the one that owns the file, give uid:NUMBER or gid:NUMBER.
 
 Examples:

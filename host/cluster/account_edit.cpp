@@ -11,8 +11,6 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-bool IsOwnId(std::uint32_t id) { return id >= base::kFirstOwnId && id <= base::kLastOwnId; }
-
 std::string GrantsKey(std::string_view kind, std::uint32_t id) { return GuestAdminKey(GuestAdminIdentifier(kind, id)); }
 
 std::string NameRecord(const std::string& name) {

@@ -27,6 +27,9 @@ namespace vexa::cluster {
 
 enum class AccountKind { kUser, kGroup };
 
+// Whether the id is of the range that the cluster gives out by itself.
+constexpr bool IsOwnId(std::uint32_t id) { return id >= base::kFirstOwnId && id <= base::kLastOwnId; }
+
 std::string AccountStateKey();
 std::string AccountKey(AccountKind kind, std::uint32_t id);
 std::string DeletedUserKey(std::uint32_t uid);

@@ -77,7 +77,10 @@ class TakeOver {
 
   // The id in the store for one of the file.
   Result<std::uint32_t> ChooseId(AccountKind kind, const std::string& name, std::uint32_t id) {
-    if (free_.contains({kind, id})) return id;
+    if (free_.contains({kind, id})) {
+      if (kind == AccountKind::kUser && !IsOwnId(id)) NoteMachineUid(name, id);
+      return id;
+    }
     const auto chosen = edit_.TakeId();
     if (!chosen) return chosen.error();
     const std::string what = kind == AccountKind::kUser ? "user" : "group";
@@ -114,9 +117,7 @@ class TakeOver {
                            SortedIds(known->user) == SortedIds(account.user);
       if (!is_same) {
         notes_.push_back("The user '" + record.name + "' of '" + path_ +
-                         "' was not taken over, since the cluster has a "
-                         "user '" +
-                         known->user.name +
+                         "' was not taken over, since the cluster has a user '" + known->user.name +
                          "' already. If they are one person, that account counts; otherwise add the other one under "
                          "another name with 'vexa user add'");
       }
@@ -160,13 +161,20 @@ class TakeOver {
     return account;
   }
 
+  // Until now that counted on one machine.
+  void NoteMachineUid(const std::string& name, std::uint32_t uid) {
+    notes_.push_back("The user '" + name + "' of '" + path_ + "' keeps the uid " + std::to_string(uid) +
+                     ": whoever has it on any machine of the cluster is this user on the machine's Unix socket. If "
+                     "machines differ in whose it is, delete the user with 'vexa user del' and add it without --uid");
+  }
+
   void NoteLeftOut(const std::string& name, const std::vector<std::string>& members) {
     std::string list;
     for (const std::string& member : members) list += (list.empty() ? "'" : ", '") + member + "'";
     const base::Group* known = edit_.accounts().FindGroup(name);
     notes_.push_back("The group '" + name + "' of '" + path_ + "' is not the cluster's group '" + known->name +
                      "' (id " + std::to_string(known->gid) + "): these users were not put into it: " + list +
-                     ". If it is meant to be one group, do so with 'vexa user group'");
+                     ". If the two are one group, add them with 'vexa user group'");
   }
 
   const base::AccountDocument& file_;

@@ -6,7 +6,8 @@
 //   - A user whose name the store has already, in any case, is not added, unless all of the account is the same.
 //   - "administrators" and "users" are the same groups in all files. Another group whose name the store has already is
 //     the same only if its spelling and id are; otherwise the users of the file are not put into it.
-// So nobody gets rights that they did not have. Each of these decisions against the file is a note.
+// So nobody in the file gets rights that they did not have. Each of these decisions against the file is a note, and so
+// is each uid of a machine that is kept: it counts on the Unix sockets of all hosts from now on.
 #pragma once
 
 #include <functional>

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "host/base/account_password.h"
+#include "host/base/files.h"
 #include "host/daemon/host_id.h"
 #include "tests/support/http_client.h"
 #include "tests/support/process.h"

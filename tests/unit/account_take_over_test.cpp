@@ -75,7 +75,9 @@ TEST_F(TakeOverTest, FirstFile_ComesWholeWithItsIdsInOneCommit) {
   TakeOverFile(FileOf(GroupText("team", 1900000002), UserText("alice", 1900000003, R"("team","administrators")") + "," +
                                                          UserText("Bob", 1026) + "," + UserText("off", 7, "", "!")));
   EXPECT_EQ(Revision(), before + 1);
-  EXPECT_TRUE(notes_.empty()) << notes_.front();
+  EXPECT_EQ(notes_.size(), 2u);
+  EXPECT_TRUE(HasNote({"'Bob'", "keeps the uid 1026", "Unix socket"}));
+  EXPECT_TRUE(HasNote({"'off'", "keeps the uid 7"}));
   const auto alice = accounts_.VerifyPassword("alice", kPassword);
   ASSERT_TRUE(alice.ok());
   EXPECT_EQ(alice->uid, 1900000003u);
