@@ -103,8 +103,10 @@ class GuestRights {
     const Result<bool> differs = ApplyRules(*stored, key, request.known_name, request.rules);
     if (!differs) return differs.error();
     if (!*differs) return {};
-    PutObject(transaction, key, *stored);
-    return CompareAccount(snapshot, principal.first, principal.second, seen_, transaction);
+    // First: what is refused must leave nothing in the transaction of the others.
+    const Status compared = CompareAccount(snapshot, principal.first, principal.second, seen_, transaction);
+    if (compared) PutObject(transaction, key, *stored);
+    return compared;
   }
 
   const Environment& environment_;
