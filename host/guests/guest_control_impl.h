@@ -134,6 +134,11 @@ class LibvirtGuestControl final : public GuestControl {
   Result<std::optional<Run>> RunToAdopt(const std::string& guest_id);
   Status PutRun(const std::string& guest_id, const std::optional<StoredRun>& stored, const Run& run);
   Status Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence);
+  // guest_nics.cpp
+  // Makes the records of the guest's interfaces say where they are plugged in, by what is stored of its run.
+  Status NoteNics(const std::string& guest_id);
+
+  // guest_look.cpp
   // Everything, after a start or a lost connection.
   void Reconcile();
 

@@ -12,6 +12,7 @@
 #include "host/cluster/reading.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/guests/host_networks.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -50,6 +51,17 @@ std::string FolderForNvram(const Guest& guest) {
     if (path && !path->starts_with("/dev/")) return FolderOf(*path);
   }
   return "";
+}
+
+// The networks of the guest's interfaces that are bridges of Open vSwitch.
+std::set<std::string> SwitchBridgesOf(const Guest& guest) {
+  const HostNetworks networks(nullptr);
+  std::set<std::string> bridges;
+  for (const auto& [id, nic] : guest.records.nics) {
+    const std::string name = TextMember(nic, "network_name");
+    if (networks.KindOf(name) == BridgeKind::kSwitch) bridges.insert(name);
+  }
+  return bridges;
 }
 
 }  // namespace
@@ -108,6 +120,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const std
   if (!ForgetsGuests() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = hypervisor::UsbBus::kAbsent;
   if (mark == Mark::kOurs) build.host_id = options_.host_id;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
+  if (!ForgetsGuests()) build.switch_bridges = SwitchBridgesOf(guest);
   auto imported = ImportedDomain(guest.records.id);
   if (!imported) return imported.error();
   if (*imported) build.base_xml = std::move((*imported)->xml);

@@ -49,7 +49,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
   if (stopping_) return;
   // What is stored now counts, not what a request has begun with.
   cluster::RequestScope::ReleaseSnapshot();
-  const Status looked = [&]() -> Status {
+  Status looked = [&]() -> Status {
     const auto stored = ReadRun(*options_.store, guest_id);
     if (!stored) return stored.error();
     if (*stored && ForgetsGuests()) {
@@ -93,6 +93,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
     if (!is_ours) return {};
     return NoteOff(guest_id, *stored, !is_gone);
   }();
+  if (looked) looked = NoteNics(guest_id);
   const std::lock_guard lock(maintenance_mutex_);
   if (looked) {
     unsettled_.erase(guest_id);

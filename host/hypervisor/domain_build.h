@@ -58,6 +58,9 @@ struct BuildOptions {
 
   // Names of networks that libvirt itself runs; all others are bridges of the host.
   std::set<std::string> libvirt_networks;
+
+  // Names of bridges that are Open vSwitch's, which libvirt must be told; all others are the kernel's.
+  std::set<std::string> switch_bridges;
 };
 
 // The XML of a domain, indented, without an XML declaration. The same records and options always give the same text.

@@ -79,6 +79,13 @@ void ChangeModel(pugi::xml_node nic, pugi::xml_node built) {
   if (model != "virtio") nic.remove_child("driver");
 }
 
+// The port of a virtual switch, whose parameters are of the bridge that it was on.
+void ChangeSwitch(pugi::xml_node nic, pugi::xml_node built) {
+  while (nic.remove_child("virtualport")) {
+  }
+  if (built.child("virtualport")) nic.append_copy(built.child("virtualport"));
+}
+
 void ChangeNetwork(pugi::xml_node nic, pugi::xml_node built) {
   const bool had_none = Says(nic, "type", "user");
   const bool has_none = Says(built, "type", "user");
@@ -86,6 +93,7 @@ void ChangeNetwork(pugi::xml_node nic, pugi::xml_node built) {
     const pugi::xml_attribute name = built.child("source").first_attribute();
     if (name) Put(ChildOf(nic, "source"), name.name(), name.value());
     RemoveAttributes(nic.child("source"), kOfNetwork);
+    if (Says(nic, "type", "bridge")) ChangeSwitch(nic, built);
     return;
   }
   const bool was_host_device = Says(nic, "type", "hostdev");
@@ -95,6 +103,7 @@ void ChangeNetwork(pugi::xml_node nic, pugi::xml_node built) {
   RemoveChildren(nic, kOfKind);
   nic.remove_child("source");
   if (built.child("source")) nic.append_copy(built.child("source"));
+  if (built.child("virtualport")) nic.append_copy(built.child("virtualport"));
   if (!nic.child("model")) nic.append_copy(built.child("model"));
   if (has_none) Put(ChildOf(nic, "link"), "state", "down");
   if (had_none) nic.remove_child("link");

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/hypervisor/domain_build.h"
+#include "host/hypervisor/domain_interfaces.h"
 #include "host/hypervisor/outcome.h"
 
 namespace vexa::hypervisor {
@@ -164,6 +165,10 @@ class Hypervisor {
   virtual Outcome<std::vector<std::string>> AddressesOf(const std::string& id) = 0;
   // Whether the agent of a running guest is connected. Failures: kNotRunning.
   virtual Outcome<bool> HasAgent(const std::string& id) = 0;
+
+  // What the interfaces of a running guest are plugged into. A network of libvirt's that leads to a bridge or device of
+  // the host is shown as that. Failures: kNotRunning.
+  virtual Outcome<std::vector<GuestInterface>> InterfacesOf(const std::string& id) = 0;
 
   // The names of the active networks that libvirt runs, in order; none where the driver has no networks.
   virtual Outcome<std::vector<std::string>> Networks() = 0;

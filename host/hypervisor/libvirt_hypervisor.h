@@ -65,6 +65,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Outcome<std::vector<KnownGuest>> List() override;
   Outcome<std::vector<std::string>> AddressesOf(const std::string& id) override;
   Outcome<bool> HasAgent(const std::string& id) override;
+  Outcome<std::vector<GuestInterface>> InterfacesOf(const std::string& id) override;
   Outcome<std::vector<std::string>> Networks() override;
   Outcome<std::uint64_t> FreeMemory() override;
   Outcome<Node> NodeFigures() override;
