@@ -53,15 +53,15 @@ std::string FolderForNvram(const Guest& guest) {
   return "";
 }
 
-// The networks of the guest's interfaces that are bridges of Open vSwitch.
-std::set<std::string> SwitchBridgesOf(const Guest& guest) {
+// Which of the networks of the guest's interfaces are bridges of this host.
+void AddBridges(const Guest& guest, hypervisor::BuildOptions& build) {
   const HostNetworks networks(nullptr);
-  std::set<std::string> bridges;
   for (const auto& [id, nic] : guest.records.nics) {
     const std::string name = TextMember(nic, "network_name");
-    if (networks.KindOf(name) == BridgeKind::kSwitch) bridges.insert(name);
+    const BridgeKind kind = networks.KindOf(name);
+    if (kind == BridgeKind::kSwitch) build.switch_bridges.insert(name);
+    if (kind == BridgeKind::kLinux) build.kernel_bridges.insert(name);
   }
-  return bridges;
 }
 
 }  // namespace
@@ -120,7 +120,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const std
   if (!ForgetsGuests() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = hypervisor::UsbBus::kAbsent;
   if (mark == Mark::kOurs) build.host_id = options_.host_id;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
-  if (!ForgetsGuests()) build.switch_bridges = SwitchBridgesOf(guest);
+  if (!ForgetsGuests()) AddBridges(guest, build);
   auto imported = ImportedDomain(guest.records.id);
   if (!imported) return imported.error();
   if (*imported) build.base_xml = std::move((*imported)->xml);

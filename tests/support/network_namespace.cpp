@@ -91,7 +91,7 @@ std::string WhyNoNetworkNamespace() {
   return refused != nullptr ? refused : "";
 }
 
-std::string Run(const std::vector<std::string>& words) {
+std::string RunTool(const std::vector<std::string>& words) {
   const ProcessResult result = RunProcess({.argv = words});
   if (result.exit_code != 0) {
     std::string line;
@@ -103,14 +103,14 @@ std::string Run(const std::vector<std::string>& words) {
 }
 
 Cable::Cable(std::string port) : port_(std::move(port)), other_end_(port_ + "-far") {
-  Run({"ip", "link", "add", port_, "type", "veth", "peer", "name", other_end_});
-  Run({"ip", "link", "set", port_, "up"});
+  RunTool({"ip", "link", "add", port_, "type", "veth", "peer", "name", other_end_});
+  RunTool({"ip", "link", "set", port_, "up"});
   PlugIn();
 }
 
-Cable::~Cable() { Run({"ip", "link", "delete", port_}); }
+Cable::~Cable() { RunTool({"ip", "link", "delete", port_}); }
 
-void Cable::PullOut() const { Run({"ip", "link", "set", other_end_, "down"}); }
-void Cable::PlugIn() const { Run({"ip", "link", "set", other_end_, "up"}); }
+void Cable::PullOut() const { RunTool({"ip", "link", "set", other_end_, "down"}); }
+void Cable::PlugIn() const { RunTool({"ip", "link", "set", other_end_, "up"}); }
 
 }  // namespace vexa::test

@@ -16,7 +16,7 @@ void EnterNetworkNamespace(char** argv);
 std::string WhyNoNetworkNamespace();
 
 // Runs the program with these arguments. The test program ends when it fails. What it printed.
-std::string Run(const std::vector<std::string>& words);
+std::string RunTool(const std::vector<std::string>& words);
 
 // A network cable: `port` is the end in the host, switched on, and the other end is somewhere else.
 class Cable {

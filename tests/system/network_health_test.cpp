@@ -2,6 +2,7 @@
 // are pulled out.
 #include <gtest/gtest.h>
 #include <libvirt/libvirt.h>
+#include <libvirt/virterror.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -90,7 +91,7 @@ class NetworkHealth : public testing::Test {
   void SetUp() override {
     const std::string why_not = WhyNot();
     if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
-    Run({"ip", "link", "set", "lo", "up"});
+    RunTool({"ip", "link", "set", "lo", "up"});
     GroundFiles files = HostPrograms();
     files.user = GroundUser::kSame;
     ground_ = std::make_unique<QemuGround>(files);
@@ -180,35 +181,35 @@ class NetworkHealth : public testing::Test {
 };
 
 TEST_F(NetworkHealth, BridgeWithAnUplink_IsAsTheCable) {
-  Run({"ip", "link", "add", "br0", "type", "bridge"});
-  Run({"ip", "link", "set", "br0", "up"});
+  RunTool({"ip", "link", "add", "br0", "type", "bridge"});
+  RunTool({"ip", "link", "set", "br0", "up"});
   const Cable cable("up0");
-  Run({"ip", "link", "set", "up0", "master", "br0"});
+  RunTool({"ip", "link", "set", "up0", "master", "br0"});
   ASSERT_NO_FATAL_FAILURE(StartGuest("br0"));
   ExpectCableCounts(cable);
   ExpectOwnCableCounts();
   const std::string tap = "vnet0";
-  Run({"ip", "link", "set", tap, "nomaster"});
+  RunTool({"ip", "link", "set", tap, "nomaster"});
   ExpectSoon(kUnconnectable, "the guest's end was taken off the bridge");
-  Run({"ip", "link", "set", tap, "master", "br0"});
+  RunTool({"ip", "link", "set", tap, "master", "br0"});
   ExpectSoon(kHealthy, "the guest's end is on the bridge");
   host_->Restart();
   ExpectSoon(kHealthy, "the host was killed and started");
   ExpectNothingIsLeft();
-  Run({"ip", "link", "delete", "br0"});
+  RunTool({"ip", "link", "delete", "br0"});
 }
 
 TEST_F(NetworkHealth, BridgeWithoutUplinks_IsPrivate) {
-  Run({"ip", "link", "add", "br1", "type", "bridge"});
-  Run({"ip", "link", "set", "br1", "up"});
+  RunTool({"ip", "link", "add", "br1", "type", "bridge"});
+  RunTool({"ip", "link", "set", "br1", "up"});
   ASSERT_NO_FATAL_FAILURE(StartGuest("br1"));
   ExpectSoon(kHealthy, "the guest runs");
-  Run({"ip", "link", "set", "br1", "down"});
+  RunTool({"ip", "link", "set", "br1", "down"});
   ExpectSoon(kUnconnectable, "the bridge is switched off");
-  Run({"ip", "link", "set", "br1", "up"});
+  RunTool({"ip", "link", "set", "br1", "up"});
   ExpectSoon(kHealthy, "the bridge is switched on");
   ExpectNothingIsLeft();
-  Run({"ip", "link", "delete", "br1"});
+  RunTool({"ip", "link", "delete", "br1"});
 }
 
 class NetworkOfLibvirt : public NetworkHealth,
@@ -221,9 +222,9 @@ TEST_P(NetworkOfLibvirt, IsConnectedWhileItsBridgeIsUp) {
   ASSERT_NO_FATAL_FAILURE(StartGuest("inside"));
   ExpectSoon(kHealthy, "the guest runs");
   ExpectOwnCableCounts();
-  Run({"ip", "link", "set", "virbr7", "down"});
+  RunTool({"ip", "link", "set", "virbr7", "down"});
   ExpectSoon(kUnconnectable, "the bridge of the network is switched off");
-  Run({"ip", "link", "set", "virbr7", "up"});
+  RunTool({"ip", "link", "set", "virbr7", "up"});
   ExpectSoon(kHealthy, "the bridge of the network is switched on");
   ASSERT_NO_FATAL_FAILURE(libvirtd_->StopNetwork());
   ExpectSoon(kUnconnectable, "the network was stopped");
@@ -240,22 +241,22 @@ class VirtualSwitch {
     return IsInstalled("ovs-vswitchd") ? "" : "there is no ovs-vswitchd: install openvswitch-switch";
   }
   VirtualSwitch() {
-    Run({"mkdir", "-p", "/run/openvswitch"});
-    Run({"ovsdb-tool", "create", "/run/openvswitch/conf.db", "/usr/share/openvswitch/vswitch.ovsschema"});
+    RunTool({"mkdir", "-p", "/run/openvswitch"});
+    RunTool({"ovsdb-tool", "create", "/run/openvswitch/conf.db", "/usr/share/openvswitch/vswitch.ovsschema"});
     database_ = std::make_unique<Process>(ProcessOptions{
         .argv = {"ovsdb-server", "/run/openvswitch/conf.db", "--remote=punix:/run/openvswitch/db.sock"}});
     EXPECT_TRUE(Await([] { return ::access("/run/openvswitch/db.sock", F_OK) == 0; }, 30s));
-    Run({"ovs-vsctl", "--no-wait", "init"});
+    RunTool({"ovs-vsctl", "--no-wait", "init"});
     datapath_ = std::make_unique<Process>(ProcessOptions{.argv = {"ovs-vswitchd", "unix:/run/openvswitch/db.sock"}});
   }
   void AddBridge(const std::string& name) const {
-    Run({"ovs-vsctl", "--timeout=30", "add-br", name, "--", "set", "bridge", name, "datapath_type=netdev"});
+    RunTool({"ovs-vsctl", "--timeout=30", "add-br", name, "--", "set", "bridge", name, "datapath_type=netdev"});
   }
   void AddPort(const std::string& bridge, const std::string& port) const {
-    Run({"ovs-vsctl", "--timeout=30", "add-port", bridge, port});
+    RunTool({"ovs-vsctl", "--timeout=30", "add-port", bridge, port});
   }
   void DeletePort(const std::string& bridge, const std::string& port) const {
-    Run({"ovs-vsctl", "--timeout=30", "del-port", bridge, port});
+    RunTool({"ovs-vsctl", "--timeout=30", "del-port", bridge, port});
   }
 
  private:
@@ -284,7 +285,7 @@ TEST_F(NetworkHealth, BridgeOfTheVirtualSwitch_IsAsTheCableWhateverItsName) {
 TEST_F(NetworkHealth, Macvtap_IsAsTheCable) {
   const Cable cable("up2");
   const std::string image = host_->DiskFolder() + "/boot.img";
-  Run({"cp", ground_->Image(GuestImage::kWithAgent), image});
+  RunTool({"cp", ground_->Image(GuestImage::kWithAgent), image});
   const LibvirtUser user(kUri);
   const std::string defined = user.Define(
       std::string("<domain type='qemu'><name>direct</name><uuid>") + kGuest +

@@ -305,6 +305,38 @@ TEST_F(Services, InterfaceList_JoinsAddresses) {
   EXPECT_EQ(Scripted("VEXA.Core.Network.Interface", "list").data[0]["ip"], "");
 }
 
+// Guests' connections are looked up under the name with "ovs_" in front.
+TEST_F(Services, InterfaceList_NamesWhatGuestsAreOnAgainWithoutAddress) {
+  const std::string net = "/sys/class/net/";
+  files_.Put(net + "eth0/carrier", "1\n");
+  files_.MakeFolder(net + "eth0/device");
+  files_.MakeFolder(net + "br0/bridge");
+  files_.MakeFolder(net + "br0/lower_eth0");
+  files_.Put(net + "br0/carrier", "1\n");
+  files_.MakeFolder(net + "docker0/bridge");
+  files_.MakeFolder(net + "docker0/lower_veth0");
+  files_.Put(net + "veth0/carrier", "1\n");
+  files_.Put(net + "ovs_lan/carrier", "1\n");
+  files_.MakeFolder(net + "virbr0/bridge");
+  addresses_ = {{"br0", "192.0.2.1", "255.255.255.0", false}, {"docker0", "172.17.0.1", "255.255.0.0", false}};
+  const auto words = [this] {
+    std::vector<std::string> found;
+    for (const Json::Value& element : Scripted("VEXA.Core.Network.Interface", "list").data) {
+      found.push_back(element["ifname"].asString() + " " + element["type"].asString() + " " +
+                      element["status"].asString() + " " + element["ip"].asString());
+    }
+    return found;
+  };
+  EXPECT_THAT(words(),
+              ElementsAre("br0 bridge connected 192.0.2.1", "eth0 ethernet connected ", "ovs_lan bridge connected ",
+                          "ovs_br0 bridge connected ", "ovs_docker0 bridge connected "));
+  files_.Put(net + "eth0/carrier", "0\n");
+  files_.MakeFolder(net + "ovs_br0");
+  EXPECT_THAT(words(), ElementsAre("br0 bridge disconnected 192.0.2.1", "eth0 ethernet disconnected ",
+                                   "ovs_br0 bridge disconnected ", "ovs_lan bridge connected ",
+                                   "ovs_docker0 bridge connected "));
+}
+
 TEST_F(Services, WebService_TellsTheConfiguredPorts) {
   EXPECT_EQ(Real("VEXA.Core.Web.Orla", "get").data,
             Parsed(R"({"http_port":8642,"https_port":8643,"enable_https":true,"enable_https_redirect":false})"));
