@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <string_view>
 
 #include "host/base/json_parse.h"
@@ -23,6 +24,30 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kSocket = "/run/openvswitch/db.sock";
 constexpr std::chrono::milliseconds kPatience{1000};
 constexpr std::size_t kMaxAnswer = std::size_t{16} << 20;
+
+// Many callers wait in turn, so a switch that hangs is left alone for a while.
+class Silence {
+ public:
+  bool IsSilent(const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    const auto found = until_.find(path);
+    return found != until_.end() && Clock::now() < found->second;
+  }
+  void Note(const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    until_[path] = Clock::now() + kRespite;
+  }
+
+ private:
+  static constexpr std::chrono::seconds kRespite{30};
+  std::mutex mutex_;
+  std::map<std::string, Clock::time_point> until_;
+};
+
+Silence& TheSilence() {
+  static Silence silence;
+  return silence;
+}
 
 class Descriptor {
  public:
@@ -204,11 +229,14 @@ std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer) {
 }
 
 std::optional<SwitchBridges> ReadSwitch(const std::string& root) {
-  const Descriptor connection(Connect(root + kSocket));
+  const std::string path = root + kSocket;
+  if (TheSilence().IsSilent(path)) return std::nullopt;
+  const Descriptor connection(Connect(path));
   if (connection.get() < 0) return std::nullopt;
   const Clock::time_point end = Clock::now() + kPatience;
-  if (!SendAll(connection.get(), SwitchQuestion(), end)) return std::nullopt;
-  const std::optional<std::string> text = ReceiveObject(connection.get(), end);
+  std::optional<std::string> text;
+  if (SendAll(connection.get(), SwitchQuestion(), end)) text = ReceiveObject(connection.get(), end);
+  if (!text && Clock::now() >= end) TheSilence().Note(path);
   if (!text) return std::nullopt;
   const Result<Json::Value> answer = ParseJson(*text);
   return answer ? ParseSwitchAnswer(*answer) : std::nullopt;

@@ -24,8 +24,8 @@ struct SwitchPort {
 // By the bridge's name.
 using SwitchBridges = std::map<std::string, std::vector<SwitchPort>>;
 
-// Not set: there is no such switch, it does not answer within a second, or it may not be asked. `root` stands in front
-// of the socket's path. Threads: any, at the same time.
+// Not set: there is no such switch, it may not be asked, or it did not answer within a second, now or in
+// the last 30 s. `root` stands in front of the socket's path. Threads: any, at the same time.
 std::optional<SwitchBridges> ReadSwitch(const std::string& root = "");
 
 // The question, and what becomes of its answer. Not set: the answer is an error or does not have the form of one.

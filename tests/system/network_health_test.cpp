@@ -38,6 +38,10 @@ bool IsInstalled(const char* program) {
 // A libvirtd with networks, as a system has it, in the folders of the test program's own.
 class SystemLibvirtd {
  public:
+  using Connection = std::unique_ptr<virConnect, int (*)(virConnectPtr)>;
+  using Network = std::unique_ptr<virNetwork, int (*)(virNetworkPtr)>;
+  using Domain = std::unique_ptr<virDomain, int (*)(virDomainPtr)>;
+
   SystemLibvirtd() {
     std::ofstream("/etc/libvirt/qemu.conf")
         << "stdio_handler = \"file\"\nuser = \"root\"\ngroup = \"root\"\nsecurity_driver = \"none\"\n"
@@ -45,7 +49,9 @@ class SystemLibvirtd {
     std::ofstream("/etc/libvirt/libvirtd.conf") << "auth_unix_rw = \"none\"\nauth_unix_ro = \"none\"\n";
     program_ =
         std::make_unique<Process>(ProcessOptions{.argv = {"/usr/sbin/libvirtd", "--pid-file", "/run/libvirtd.pid"}});
-    const bool listens = Await([] { return ::access("/run/libvirt/libvirt-sock", F_OK) == 0; }, 60s);
+    // What an earlier one has left is there, and does not answer.
+    ::virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
+    const bool listens = Await([] { return Connection(::virConnectOpen(kUri), ::virConnectClose) != nullptr; }, 60s);
     if (!listens) ADD_FAILURE() << "libvirtd does not listen: " << program_->errors();
   }
 
@@ -80,9 +86,6 @@ class SystemLibvirtd {
   }
 
  private:
-  using Connection = std::unique_ptr<virConnect, int (*)(virConnectPtr)>;
-  using Network = std::unique_ptr<virNetwork, int (*)(virNetworkPtr)>;
-  using Domain = std::unique_ptr<virDomain, int (*)(virDomainPtr)>;
   std::unique_ptr<Process> program_;
 };
 
@@ -153,6 +156,7 @@ class NetworkHealth : public testing::Test {
     EXPECT_EQ(seen, severity) << after << ", vnic " << json::ToText(host_->Record("vnic", kNic));
     EXPECT_LE(took, kPromised) << after;
     std::printf("%s: %s after %lld ms\n", after.c_str(), seen.c_str(), static_cast<long long>(took.count()));
+    std::fflush(stdout);
   }
   // The guest's own cable, which is the machine's.
   void ExpectOwnCableCounts() {

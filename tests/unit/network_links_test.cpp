@@ -177,13 +177,22 @@ TEST_F(Links, SwitchWhoseDatabaseCannotBeAsked_IsKnownByItsName) {
   EXPECT_EQ(links().KindOf("ovs_lan"), BridgeKind::kSwitch);
   EXPECT_THAT(Uplinks("ovs_lan"), IsEmpty());
   for (const std::string& answer :
-       {std::string(), std::string("{}"), std::string("{\"result\":[1,2,3],\"error\":null}"), std::string("}"),
+       {std::string("{}"), std::string("{\"result\":[1,2,3],\"error\":null}"), std::string("}"),
         std::string(R"({"error":"a \" { string","result":null,"id":1})"), std::string("[\"rows\"]")}) {
     const FakeSwitch fake(net_.root(), answer);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(links().KindOf("ovs_lan"), BridgeKind::kSwitch) << answer;
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5)) << answer;
   }
+}
+
+TEST_F(Links, SwitchThatHangs_IsAskedOnceAndThenLeftAlone) {
+  net_.AddTap("ovs_lan");
+  const FakeSwitch fake(net_.root(), "");
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(links().KindOf("ovs_lan"), BridgeKind::kSwitch);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  EXPECT_EQ(fake.asked(), 1);
 }
 
 TEST_F(Links, GuestPorts_AreBridgesWithUplinksAndWhatIsBelowMacvtaps) {
