@@ -68,6 +68,18 @@ class SystemLibvirtd {
     ASSERT_EQ(::virNetworkDestroy(network.get()), 0) << ::virGetLastErrorMessage();
   }
 
+  std::string Log() const { return program_->errors(); }
+
+  // What a test has left, for the next one.
+  void Forget(const std::string& guest) const {
+    const LibvirtUser user(kUri);
+    (void)user.Destroy(guest);
+    (void)user.Undefine(guest);
+    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
+    const Network network(::virNetworkLookupByName(connection.get(), "inside"), ::virNetworkFree);
+    if (network) ::virNetworkDestroy(network.get());
+  }
+
   // What `virsh domif-setlink` does.
   void SetLink(const std::string& guest, const std::string& state) const {
     const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
@@ -104,9 +116,13 @@ class NetworkHealth : public testing::Test {
     host_ = std::make_unique<QemuHost>(*ground_, options);
   }
   void TearDown() override {
-    if (HasFailure() && host_) std::fprintf(stderr, "%s\n", host_->Log().c_str());
+    if (HasFailure() && host_) {
+      std::fprintf(stderr, "%s\n%s\n%s\n", host_->Log().c_str(), libvirtd_->Log().c_str(),
+                   Content("/var/log/libvirt/qemu/connected.log").c_str());
+    }
     if (host_) host_->Power(kGuest, "poweroff");
     host_.reset();
+    if (libvirtd_) libvirtd_->Forget(kGuest);
     libvirtd_.reset();
     ground_.reset();
   }
@@ -153,7 +169,8 @@ class NetworkHealth : public testing::Test {
       std::this_thread::sleep_for(100ms);
     } while (Clock::now() - begin < kPromised);
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
-    EXPECT_EQ(seen, severity) << after << ", vnic " << json::ToText(host_->Record("vnic", kNic));
+    EXPECT_EQ(seen, severity) << after << ", guest " << host_->State(kGuest) << ", vnic "
+                              << json::ToText(host_->Record("vnic", kNic));
     EXPECT_LE(took, kPromised) << after;
     std::printf("%s: %s after %lld ms\n", after.c_str(), seen.c_str(), static_cast<long long>(took.count()));
     std::fflush(stdout);
