@@ -98,7 +98,7 @@ TEST_F(Services, WrongTypes_AreBadParameters) {
         EXPECT_EQ(CallRow(row, Parsed("{}")).code, 401) << name;
       }
       for (const std::string& value : values) {
-        if (parameter.type == webapi::ParameterType::kArray && value == "[]") continue;
+        if (parameter.type == webapi::ParameterType::kArray && (value == "[]" || value == "null")) continue;
         EXPECT_EQ(CallRow(row, Parsed("{\"" + name + "\":" + value + "}")).code, 401)
             << row.api << " " << name << " " << value;
         ++checked;
@@ -133,6 +133,25 @@ TEST_F(Services, Utilization_OnlyWhatIsAskedForAndReadable) {
   std::string many = "\"cpu\"";
   for (int i = 0; i < 64; ++i) many += ",\"cpu\"";
   EXPECT_EQ(Scripted("VEXA.Core.System.Utilization", "get", "{\"resource\":[" + many + "]}").code, 401);
+}
+
+// What the shared layer sends when its own caller names no resources.
+TEST_F(Services, Utilization_NullResource_MeansEverything) {
+  files_.Put("/proc/meminfo", "MemTotal: 100 kB\nMemFree: 10 kB\n");
+  for (const char* api : {"VEXA.Core.System.Utilization get", "VEXA.CCC.Cluster.Member utilization_get"}) {
+    const std::string name(api);
+    const std::size_t space = name.find(' ');
+    const auto ask = [&](const char* parameters) {
+      return Scripted(name.substr(0, space).c_str(), name.substr(space + 1).c_str(), parameters);
+    };
+    const Answer null = ask(R"({"resource":null})");
+    EXPECT_EQ(null.code, 0) << api;
+    EXPECT_EQ(null.data, ask("{}").data) << api;
+    EXPECT_TRUE(null.data.isMember("memory")) << api;
+  }
+  const Answer real = Real("VEXA.Core.System.Utilization", "get", R"({"resource":null})");
+  ASSERT_EQ(real.code, 0);
+  EXPECT_THAT(real.data.getMemberNames(), UnorderedElementsAre("cpu", "memory", "disk", "network"));
 }
 
 TEST_F(Services, Member_RealMachine) {
@@ -348,10 +367,32 @@ TEST_F(Services, RepositoryCheck_NeedsThisHostAndAUsableState) {
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::degraded).c_str()), 0);
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::crashed).c_str()), 303);
   EXPECT_EQ(check(repository("").c_str()), 303);
-  EXPECT_EQ(check(R"({"host_id":"other","state":"online"})"), 304);
   EXPECT_EQ(check("[]"), 304);
   host_.Remove("repository", "r1");
   EXPECT_EQ(Real("VEXA.CCC.Guest", "check_repo_cap", kGuestParameters).data["repo_usable"], false);
+}
+
+// Numbers without a keyword were answered for everything.
+TEST_F(Services, RepositoryCheck_OfAnotherHost_HasTheCodeWhoseWordsAreTrue) {
+  host_.PutText("repository", "r1", R"({"host_id":"other","state":"online"})");
+  const auto check = [this](const char* changes) {
+    PutGuest(Parsed(changes));
+    const Answer answer = Real("VEXA.CCC.Guest", "check_repo_cap", kGuestParameters);
+    EXPECT_EQ(answer.data["repo_usable"], false);
+    EXPECT_TRUE(answer.data["reason"].asString().ends_with('.'));
+    return answer.data["failed_check"].asInt();
+  };
+  EXPECT_EQ(check("{}"), 307) << "the host has no record";
+  host_.Put("host", "other", Parsed(R"({"name":"b","state":"host_running","version":"1"})"));
+  EXPECT_EQ(check("{}"), 307) << "the host gave no sign of life";
+  Json::Value seen;
+  seen["time"] = static_cast<Json::Int64>(::time(nullptr));
+  store::Transaction sign;
+  sign.operations.push_back(
+      {store::MakeKey({"dash", "host", "other", "seen"}), VexaVirtualization::json::ToText(seen)});
+  ASSERT_TRUE(host_.store().Commit(sign).ok());
+  EXPECT_EQ(check("{}"), 304) << "the host is alive";
+  EXPECT_EQ(check(R"({"use_ovmf":true})"), 311);
 }
 
 TEST_F(Services, DiskList_TellsSizesInBytes) {
