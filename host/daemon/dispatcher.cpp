@@ -35,7 +35,8 @@ HttpResponse MakeErrorReply(int code, const std::string& request_id) {
   return daemon::MakeErrorReply(code, Json::Value(), request_id);
 }
 
-HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& further, const std::string& request_id) {
+HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& further, const std::string& request_id,
+                       webapi::Audience audience = webapi::Audience::kUsers) {
   HttpResponse reply;
   if (response.IsSuccess() && further.empty()) {  // without a copy of the data
     reply.body.reserve(kUsualReplyBytes);
@@ -44,11 +45,11 @@ HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& fur
     reply.body.append(",\"request_id\":\"").append(request_id).append("\"}");
     return reply;
   }
-  Json::Value body = MakeEnvelope(response, further);
+  Json::Value body = MakeEnvelope(response, further, audience);
   body["request_id"] = request_id;
   reply.body = json::ToText(body);
   if (response.IsSuccess()) return reply;
-  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode());
+  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode(), audience);
   if (!row) row = webapi::FindError(webapi::kErrorInternal);
   reply.status = row->http_status;
   if (response.ErrorCode() == webapi::kErrorBusy) reply.headers.emplace_back("Retry-After", "1");
@@ -250,7 +251,7 @@ void Dispatcher::RunMethod(Work& work) const {
   VEXA::APIResponse response;
   Json::Value further(Json::objectValue);
   AnswerMethod(work, response, headers, further);
-  HttpResponse reply = MakeReply(response, further, work.request.id);
+  HttpResponse reply = MakeReply(response, further, work.request.id, webapi::AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->begun);
   work.responder.Send(std::move(reply));

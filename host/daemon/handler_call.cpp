@@ -48,7 +48,7 @@ void CallHandler(HandlerCall call, VEXA::APIResponse& response,
   if (!response.IsSet()) response.SetError(webapi::kErrorInternal, Json::Value());
 }
 
-Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further) {
+Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further, webapi::Audience audience) {
   Json::Value reply(Json::objectValue);
   for (const std::string& name : json::MemberNames(further)) {
     if (!IsOwnMember(name)) reply[name] = further[name];
@@ -58,7 +58,7 @@ Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& f
     reply["data"] = response.Data();
     return reply;
   }
-  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode());
+  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode(), audience);
   if (!row) row = webapi::FindError(webapi::kErrorInternal);
   reply["error"]["code"] = response.ErrorCode();
   reply["error"]["message"] = std::string(row->sentence);

@@ -35,11 +35,17 @@ struct ErrorRow {
   std::string_view sentence;
 };
 
-// All codes, in rising order.
+// Whom a reply is for. Between hosts several numbers mean something else than to users.
+enum class Audience { kUsers, kHosts };
+
+// All codes that users meet, in rising order.
 std::span<const ErrorRow> ErrorTable();
 
-// Null for a code that is not in the table.
-const ErrorRow* FindError(int code);
+// The codes with a meaning of their own between hosts, in rising order.
+std::span<const ErrorRow> HostErrorTable();
+
+// Between hosts, a code without a meaning of its own has that of users. Null for a code that is in no table.
+const ErrorRow* FindError(int code, Audience audience = Audience::kUsers);
 
 // The row of a failure that the HTTP server found by itself; the row of 100 for a status that has none.
 const ErrorRow& ErrorOfHttpStatus(int http_status);
