@@ -7,6 +7,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/cluster/object_edit.h"
+#include "host/cluster/unstored_states.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -113,8 +114,14 @@ Result<Observed> Observe(store::Store& store, const std::string& guest_id, const
   }
   Observed outcome = Observed::kStored;
   const Status committed = CommitPlanned(store, [&] { return Plan(store, guest_id, observation, outcome); });
-  if (!committed) return committed.error();
-  return outcome;
+  if (committed) {
+    ForgetUnstoredState(guest_id);
+    return outcome;
+  }
+  if (outcome == Observed::kStored && store.health() == store::Health::kInaccessible) {
+    NoteUnstoredState(guest_id, observation.state);
+  }
+  return committed.error();
 }
 
 Result<std::uint64_t> StartEpoch(store::Store& store, const std::string& host_id, system_clock::time_point now) {

@@ -18,6 +18,7 @@
 #include "host/cluster/host_record.h"
 #include "host/cluster/reading.h"
 #include "host/daemon/cache_refresh.h"
+#include "host/daemon/cluster_store.h"
 #include "host/daemon/data_lock.h"
 #include "host/daemon/delayed_call.h"
 #include "host/daemon/dispatcher.h"
@@ -42,7 +43,6 @@
 #include "host/services/host_list_api.h"
 #include "host/services/log_api.h"
 #include "host/services/services.h"
-#include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
 #include "host/webapi/error_table.h"
 #include "webapi/platform/ccc.h"
@@ -222,10 +222,7 @@ class Daemon::Impl {
     Result<std::string> host_id = LoadHostId(config.data_directory);
     if (!host_id) return host_id.error();
     host_id_ = *host_id;
-    store::LmdbOptions store_options;
-    store_options.directory =
-        config.store_directory.empty() ? config.data_directory + "/store" : config.store_directory;
-    auto store = store::OpenLmdbStore(store_options);
+    auto store = OpenClusterStore(config);
     if (!store) return store.error();
     store_ = std::move(*store);
     auto accounts = OpenAccounts(config);
@@ -292,6 +289,7 @@ class Daemon::Impl {
                                sessions_->size()});
     };
     parts.health = [this] { return DescribeHealth(store_->health()); };
+    parts.is_database_lost = [this] { return store_->health() == store::Health::kInaccessible; };
     dispatcher_ = std::make_unique<Dispatcher>(std::move(parts));
   }
 

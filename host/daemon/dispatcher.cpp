@@ -3,8 +3,10 @@
 #include <strings.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <charconv>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include "host/base/json_parse.h"
@@ -251,10 +253,20 @@ void Dispatcher::RunMethod(Work& work) const {
   VEXA::APIResponse response;
   Json::Value further(Json::objectValue);
   AnswerMethod(work, response, headers, further);
+  ExplainFailure(*work.plan->row, response);
   HttpResponse reply = MakeReply(response, further, work.request.id, webapi::AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->begun);
   work.responder.Send(std::move(reply));
+}
+
+// A handler has a code for what it could not do, and no word about the database that it could not do it with.
+void Dispatcher::ExplainFailure(const webapi::ApiRow& row, VEXA::APIResponse& response) const {
+  constexpr int kOfTheRequest[] = {webapi::kErrorBadParameter, 409, webapi::kErrorUnknownApi};
+  const int code = response.ErrorCode();
+  if (response.IsSuccess() || !response.Data().isNull() || row.access.value == Access::kHost) return;
+  if (code < webapi::kErrorBadParameter || std::ranges::find(kOfTheRequest, code) != std::end(kOfTheRequest)) return;
+  if (parts_.is_database_lost && parts_.is_database_lost()) response.SetError(code, webapi::kDatabaseLost);
 }
 
 void Dispatcher::AnswerMethod(Work& work, VEXA::APIResponse& response,

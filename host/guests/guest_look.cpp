@@ -29,7 +29,9 @@ void Complain(const std::string& guest_id, const char* what, const std::string& 
 
 std::string StoredState(const std::string& guest_id) {
   std::string state;
-  return vgConfStateGet(guest_id, state) == 0 ? state : std::string();
+  // Not by vgConfStateGet, which also knows what could not be stored.
+  VexaCCC::DB::Dashboard guest(VexaCCC::DB::DashCate::Guest, guest_id);
+  return guest.Get(state, keys::state) == 0 ? state : std::string();
 }
 
 }  // namespace

@@ -29,6 +29,11 @@ inline constexpr int kErrorTargetTooLong = 118;
 inline constexpr int kErrorBadParameter = 401;
 inline constexpr int kErrorUnknownApi = 507;
 
+// The details of what cannot be done while the cluster database cannot be read.
+inline constexpr char kDatabaseLost[] =
+    "The cluster database cannot be reached. Guests are shown as this host last knew them, and nothing can be changed "
+    "until it is back.";
+
 struct ErrorRow {
   int code;
   int http_status;
