@@ -74,8 +74,9 @@ class LmdbEnvironment {
   MDB_dbi meta() const { return meta_; }
   const std::string& directory() const { return directory_; }
 
-  // Whether the data file is where it was first opened; see StorePlace.
-  Status InPlace() const { return place_->Check(); }
+  // Whether the data file is where it was first opened; see StorePlace. After a fork nothing is looked at: another
+  // thread of the parent may have been looking.
+  Status InPlace() const { return IsForked() ? Status() : place_->Check(); }
 
   // Errors: kBusy (no reader slot, or the map was grown elsewhere and a snapshot of this process stays open),
   // kUnavailable (after a fork, the file is not in its place, or the folder cannot be opened again), and as LmdbError
