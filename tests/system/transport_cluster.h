@@ -29,6 +29,14 @@ class TransportCluster : public testing::Test {
   std::string AddressOfHost(int host) const;
   store::Store& database() { return *database_; }
 
+  // Stops a host's process without ending it: it takes connections and answers nothing. Never within a commit, which
+  // would keep the other hosts from writing, since all of them share one store here.
+  void Freeze(int host);
+  void Thaw(int host);
+
+  // Starts a host that has ended again, with the same data. Returns when it serves.
+  void Restart(int host);
+
   // The reply to a method of VEXA.Test.Host, asked as an administrator.
   Json::Value Ask(int host, const std::string& method, const std::string& body);
   // The same of any API: "VEXA.Virtualization.Guest/get".
@@ -46,7 +54,9 @@ class TransportCluster : public testing::Test {
 
  private:
   void StartHost(const transport::TlsFiles& tls, int host);
+  std::unique_ptr<Process> Launch(int host);
 
+  std::vector<transport::TlsFiles> tls_;
   std::shared_ptr<store::Store> database_;
 };
 
