@@ -1,5 +1,6 @@
 #include "host/daemon/cache_refresh.h"
 
+#include <chrono>
 #include <memory>
 #include <utility>
 
@@ -7,11 +8,45 @@
 #include "webapi/guest/guest_uistate_cache.h"
 
 namespace vexa::daemon {
+namespace {
 
-void InstallCacheRefresh() {
+// In the background nobody waits for links, and a first value without them would show guests as linked that are not.
+constexpr std::chrono::seconds kLongestWaitForLinks{10};
+
+// The guests' states as lists show them, which are kept anyway: no host is asked once more.
+class ListedStates : public VexaVirtualization::GuestUIStatusCache {
+ public:
+  explicit ListedStates(services::GuestStates& states) : states_(states) {}
+
+  bool GetUpdatedData(Json::Value& data) const override {
+    const Result<services::GuestListing> listing = states_.ListWith(states_.links().Get(kLongestWaitForLinks));
+    if (!listing) return GuestUIStatusCache::GetUpdatedData(data);
+    data = Json::Value(Json::objectValue);
+    Json::Value& guests = data["guests"] = Json::Value(Json::arrayValue);
+    for (const auto& guest : *listing->guests) {
+      if (!guest->has_record) continue;
+      VexaVirtualization::GuestUIStatus status(guest->id);
+      status.status = guest->shown.state;
+      status.status_type = guest->shown.type;
+      guests.append(status.ToJson());
+    }
+    return true;
+  }
+
+ private:
+  services::GuestStates& states_;
+};
+
+}  // namespace
+
+void InstallCacheRefresh(services::GuestStates& states) {
   auto refresher = std::make_unique<cluster::CacheRefresher>();
-  refresher->Add("virtualization", "guest_ui_status",
-                 [] { return std::make_unique<VexaVirtualization::GuestUIStatusCache>(); });
+  refresher->Add(
+      "virtualization", "guest_ui_status", [&states] { return std::make_unique<ListedStates>(states); },
+      [&states]() -> std::uint64_t {
+        const Result<services::GuestListing> listing = states.List();
+        return listing ? listing->version : 0;
+      });
   cluster::InstallCacheRefresher(std::move(refresher));
 }
 

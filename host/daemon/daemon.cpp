@@ -35,8 +35,10 @@
 #include "host/daemon/sessions.h"
 #include "host/guests/guest_control.h"
 #include "host/services/compound_api.h"
+#include "host/services/gone_host.h"
 #include "host/services/guest_keeping_api.h"
 #include "host/services/guest_state_api.h"
+#include "host/services/guest_states.h"
 #include "host/services/host_api.h"
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
@@ -156,8 +158,10 @@ class Daemon::Impl {
         items_(ItemLane(config)) {}
 
   ~Impl() {
-    // Without a deadline, and while the lane that it asks still runs: it uses what is taken down next.
+    // Without a deadline, and while the lane that they ask still runs: they use what is taken down next.
+    guest_states_.links().BeginStop();
     cluster::RemoveCacheRefresher();
+    guest_states_.links().Stop();
     Stop(std::chrono::milliseconds(0));
     server_.reset();
     transport::RemoveTransport();
@@ -170,7 +174,7 @@ class Daemon::Impl {
     if (Status started = StartGuests(config); !started) return started;
     MakeTable(config, std::move(further_rows));
     if (Status made = MakeTransport(config); !made) return made;
-    InstallCacheRefresh();
+    InstallCacheRefresh(guest_states_);
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -204,13 +208,15 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
+    guest_states_.links().BeginStop();
     const bool caches_done = cluster::RemoveCacheRefresher(left());
+    const bool links_done = guest_states_.links().Stop(left());
     const bool local_done = local_.Stop(left());  // after those that wait for it
     const bool items_done = items_.Stop(left());
     // They run on, and what they do from now on is found by the next start.
     const bool guests_done = !guests_ || guests_->Stop(left());
     Sweep();
-    return guests_done && served && quick_done && long_done && caches_done && local_done && items_done;
+    return guests_done && served && quick_done && long_done && caches_done && links_done && local_done && items_done;
   }
 
  private:
@@ -271,7 +277,7 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(), services::GuestKeepingRows(), services::LogRows(),
+          services::GuestStateRows(guest_states_), services::GuestKeepingRows(), services::LogRows(),
           services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
@@ -306,6 +312,7 @@ class Daemon::Impl {
       return local_caller_->Call(request, timeout);
     };
     options.find_address = FindClusterAddress;
+    options.life = services::LifeOrAlive;
     if (!config.cluster_listen.empty()) {
       options.remote = transport::TransportOptions::Remote::kTls;
       options.tls = {config.tls_certificate, config.tls_key, config.client_authority};
@@ -391,6 +398,7 @@ class Daemon::Impl {
   std::unique_ptr<Identity> identity_;
   LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
+  services::GuestStates guest_states_;
   std::unique_ptr<webapi::ApiTable> table_;
   std::unique_ptr<Metrics> metrics_;
   std::unique_ptr<Dispatcher> dispatcher_;

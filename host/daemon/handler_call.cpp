@@ -6,6 +6,7 @@
 
 #include "host/cluster/reading.h"
 #include "host/webapi/error_table.h"
+#include "host/webapi/reason.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::daemon {
@@ -16,7 +17,7 @@ using webapi::Access;
 using webapi::Caller;
 
 bool IsOwnMember(const std::string& name) {
-  return name == "success" || name == "data" || name == "error" || name == "request_id";
+  return name == "success" || name == "data" || name == "error" || name == "request_id" || name == webapi::kReason;
 }
 
 }  // namespace
@@ -63,6 +64,7 @@ Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& f
   reply["error"]["code"] = response.ErrorCode();
   reply["error"]["message"] = std::string(row->sentence);
   if (!response.Data().isNull()) reply["error"]["details"] = response.Data();
+  if (const Json::Value* reason = json::FindMember(further, webapi::kReason)) reply["error"]["reason"] = *reason;
   return reply;
 }
 

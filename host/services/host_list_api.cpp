@@ -1,8 +1,10 @@
 #include "host/services/host_list_api.h"
 
+#include <chrono>
 #include <string>
 #include <utility>
 
+#include "host/services/gone_host.h"
 #include "host/services/rows.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -26,6 +28,7 @@ Json::Value Describe(const std::string& id) {
   host["host_id"] = id;
   host["name"] = json::String(json::Member(record, keys::name));
   host["state"] = std::string(HostStateWord(state));
+  ShowLife(LifeOrAlive(id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
   return host;
 }
 

@@ -421,9 +421,9 @@ TEST_F(Services, HostList_NamesAndStates) {
   host_.PutText("host", "h1", R"({"name":"one","state":"host_running"})");
   host_.PutText("host", "h2", "damaged");
   host_.PutText("host", "h3", R"({"name":7,"state":["x"]})");
-  EXPECT_EQ(list().data, Parsed(R"({"hosts":[{"host_id":"h1","name":"one","state":"running"},
-                                             {"host_id":"h2","name":"","state":"unknown"},
-                                             {"host_id":"h3","name":"7","state":"unknown"}]})"));
+  EXPECT_EQ(list().data, Parsed(R"({"hosts":[{"host_id":"h1","name":"one","state":"running","age_s":0},
+                                             {"host_id":"h2","name":"","state":"unknown","age_s":0},
+                                             {"host_id":"h3","name":"7","state":"unknown","age_s":0}]})"));
   host_.store().FailSnapshots();
   EXPECT_EQ(list().code, 403);
 }
