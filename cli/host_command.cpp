@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/listing.h"
+#include "cli/moment.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
@@ -67,7 +68,8 @@ void PrintHost(const Json::Value& host) {
   Fields fields;
   AddField(fields, "Host", Text(Member(host, "host_id")));
   AddField(fields, "Name", Text(Member(host, "name")));
-  AddField(fields, "State", Text(Member(host, "state")));
+  AddField(fields, "State", StateInWords(host, "state"));
+  AddField(fields, "As of", AsOf(host));
   AddField(fields, "Version", Text(Member(host, "version")));
   AddField(fields, "Addresses", JoinTexts(Member(host, "addresses")));
   AddField(fields, "System", Text(Member(system, "version")));
@@ -110,7 +112,7 @@ ExitCode RunHostList(const GlobalOptions& global) {
   const CallOutcome outcome = ListHosts(client);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  PrintRows(Member(outcome.data, "hosts"), kHostColumns);
+  PrintRows(WithStatesInWords(Member(outcome.data, "hosts"), "state"), kHostColumns);
   return ExitCode::kOk;
 }
 
