@@ -6,79 +6,19 @@
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
 #include "host/cluster/revisions.h"
-#include "host/services/gone_host.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
+#include "webapi/utils/utils.h"
 
 namespace vexa::services {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
-namespace states = VexaCCC::State::Guest;
-using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 using Links = ShownGuest::Links;
 
 constexpr std::string_view kWatched = "/dash";
 constexpr std::string_view kSeen = "seen";
-
-std::string ReadText(const std::string& guest_id, const char* key) {
-  std::string text;
-  (void)Dashboard(DashCate::Guest, guest_id).Get(text, key);
-  return text;
-}
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
-std::string HostOfRepository(const std::string& repository_id) {
-  if (repository_id.empty()) return {};
-  const Result<cluster::Record> record = cluster::ReadObject(DashCate::Repository.name(), repository_id);
-  return record ? TextMember(**record, keys::host_id) : std::string();
-}
-
-Links MeaningOf(const std::optional<int>& bits) {
-  if (!bits) return Links::kUnknown;
-  return *bits != 0 ? Links::kConnected : Links::kDisconnected;
-}
-
-bool IsLost(const std::string& state) { return state == states::inaccessible || state == states::crashed; }
-
-// Fills what depends on the guest's record; `record` may come from the dashboard or from the local configuration.
-void Judge(const Json::Value& record, const GuestLinks& links, ShownGuest& guest, std::string& reason) {
-  guest.has_record = true;
-  guest.repository_id = json::String(json::Member(record, keys::repository_id));
-  guest.repository_host_id = HostOfRepository(guest.repository_id);
-  std::string state = json::String(json::Member(record, keys::state));
-  std::optional<int> bits;
-  if (VexaCCC::Utils::IsGuestStateOnline(state)) bits = KnownLinks(links, guest.id, record);
-  std::map<std::string, int> connected;
-  if (bits) connected.emplace(guest.id, *bits);
-  VexaVirtualization::GetGuestStateType(record, connected, guest.id, state, guest.shown.state, guest.shown.type,
-                                        reason);
-  const bool matters = VexaCCC::Utils::IsGuestStateOnline(state) && !IsLost(state);
-  guest.links = matters ? MeaningOf(bits) : Links::kNoMatter;
-}
-
-std::shared_ptr<const ShownGuest> Derive(const std::string& id, const GuestLinks& links) {
-  auto guest = std::make_shared<ShownGuest>();
-  guest->id = id;
-  guest->name = ReadText(id, keys::name);
-  guest->host_id = ReadText(id, keys::host_id);
-  Json::Value record;
-  if (vgConfGet(id, record) == 0) {
-    std::string reason;
-    Judge(record, links, *guest, reason);
-  } else {
-    VexaVirtualization::GetStateType(VexaVirtualization::STATE_CATE_GUEST, ReadText(id, keys::state), guest->shown);
-  }
-  return guest;
-}
 
 // As the states' derivation decides it. What is derived then depends on other things.
 bool IsFrozen() { return !VexaVirtualization::IsDashboardReady() || CCCIsIncompatibleUpgrading() == 1; }
@@ -102,10 +42,6 @@ std::optional<DashKey> SplitKey(std::string_view key) {
                  second == std::string_view::npos ? std::string_view() : rest.substr(second + 1)};
 }
 
-std::chrono::seconds AgeOf(GuestLinks::Clock::time_point asked) {
-  return std::chrono::duration_cast<std::chrono::seconds>(GuestLinks::Clock::now() - asked);
-}
-
 }  // namespace
 
 struct GuestStates::Changes {
@@ -117,35 +53,12 @@ struct GuestStates::Changes {
   std::set<std::string> hosts;
 };
 
-bool ShownGuest::operator==(const ShownGuest& other) const {
-  return id == other.id && name == other.name && host_id == other.host_id && repository_id == other.repository_id &&
-         repository_host_id == other.repository_host_id && shown.state == other.shown.state &&
-         shown.type == other.shown.type && links == other.links && has_record == other.has_record;
-}
-
-void ShowAge(const ShownGuest& guest, const GuestLinks& links, const cluster::HostLife& host,
-             const cluster::HostLife& repository_host, Json::Value& shown) {
-  const bool by_links = guest.links == Links::kConnected || guest.links == Links::kDisconnected;
-  const std::chrono::seconds age = by_links ? AgeOf(links.OriginOf(guest.id).asked) : std::chrono::seconds(0);
-  const bool is_storage_gone = !host.is_gone && repository_host.is_gone;
-  ShowLife(is_storage_gone ? repository_host : host, std::chrono::system_clock::now(), age, shown);
-}
-
 void ShowAge(const ShownGuest& guest, const GuestListing& listing, Json::Value& shown) {
   const auto life_of = [&listing](const std::string& host_id) {
     const auto found = listing.lives.find(host_id);
     return found == listing.lives.end() ? cluster::HostLife() : found->second;
   };
   ShowAge(guest, *listing.links, life_of(guest.host_id), life_of(guest.repository_host_id), shown);
-}
-
-GuestStatus StatusOf(const std::string& guest_id, const Json::Value& record, const GuestLinks& links) {
-  GuestStatus status;
-  status.guest.id = guest_id;
-  status.guest.name = json::String(json::Member(record, keys::name));
-  status.guest.host_id = json::String(json::Member(record, keys::host_id));
-  Judge(record, links, status.guest, status.reason);
-  return status;
 }
 
 Result<GuestListing> GuestStates::ListWith(std::shared_ptr<const GuestLinks> links) {
@@ -155,8 +68,8 @@ Result<GuestListing> GuestStates::ListWith(std::shared_ptr<const GuestLinks> lin
   Changes changes;
   if (Status collected = Collect(changes); !collected) return collected.error();
   cluster::RequestScope::ReleaseSnapshot();
-  if (const bool is_frozen = IsFrozen(); is_frozen != std::exchange(is_frozen_, is_frozen))
-    changes.is_everything = true;
+  const bool is_frozen = IsFrozen();
+  changes.is_everything = changes.is_everything || is_frozen != std::exchange(is_frozen_, is_frozen);
   if (Status listed = ListIds(changes); !listed) return listed.error();
   if (Status compared = CompareLives(changes); !compared) return compared.error();
   CompareLinks(links, changes);
@@ -278,7 +191,7 @@ void GuestStates::AddDependents(Changes& changes) const {
 bool GuestStates::DeriveAll(const Changes& changes) {
   bool is_changed = false;
   for (const std::string& id : changes.guests) {
-    std::shared_ptr<const ShownGuest> derived = Derive(id, *judged_by_);
+    std::shared_ptr<const ShownGuest> derived = DeriveGuest(id, *judged_by_);
     std::shared_ptr<const ShownGuest>& kept = by_id_[id];
     if (kept && *kept == *derived) continue;
     is_changed = true;

@@ -21,29 +21,10 @@
 #include "host/base/result.h"
 #include "host/cluster/host_life.h"
 #include "host/services/guest_links.h"
+#include "host/services/shown_guest.h"
 #include "host/store/store.h"
-#include "webapi/utils/utils.h"
 
 namespace vexa::services {
-
-struct ShownGuest {
-  enum class Links {
-    kNoMatter,  // of a guest that is off or lost
-    kUnknown,   // counted as connected
-    kConnected,
-    kDisconnected,
-  };
-
-  std::string id;
-  std::string name;
-  std::string host_id;
-  std::string repository_id;
-  std::string repository_host_id;
-  VexaVirtualization::UIState shown;
-  Links links = Links::kNoMatter;
-  bool has_record = false;  // one that can be read; without it the guest is shown by its own state alone
-  bool operator==(const ShownGuest& other) const;
-};
 
 // All guests in the platform's order, as they were at one moment, and what they were judged by.
 struct GuestListing {
@@ -54,21 +35,8 @@ struct GuestListing {
   std::uint64_t version = 0;  // another one when a guest is shown otherwise, has come or gone
 };
 
-// Sets "age_s" and "inaccessible_since" in `shown` (gone_host.h). The age is that of the links when the guest was
-// judged by them, of its host's last sign of life when that is older, else 0. Of a guest whose own host is alive and
-// whose repository's host is gone, the latter counts.
-void ShowAge(const ShownGuest& guest, const GuestLinks& links, const cluster::HostLife& host,
-             const cluster::HostLife& repository_host, Json::Value& shown);
-// With the lives of the listing.
+// ShowAge (shown_guest.h) with the lives of the listing.
 void ShowAge(const ShownGuest& guest, const GuestListing& listing, Json::Value& shown);
-
-// What is shown for one guest, by the state of the store that the thread's request sees.
-struct GuestStatus {
-  ShownGuest guest;
-  std::string reason;
-};
-// `record` is the guest's, as the dashboard gives it.
-GuestStatus StatusOf(const std::string& guest_id, const Json::Value& record, const GuestLinks& links);
 
 // Threads: any, at the same time; in a cluster::RequestScope. Uses the installed environment.
 class GuestStates {
