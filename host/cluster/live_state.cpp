@@ -69,7 +69,17 @@ Observed Judge(const Json::Value& guest, const Json::Value& live, const Observat
   return SequenceOf(live, observation.host_id) < observation.sequence ? Observed::kStored : Observed::kOlder;
 }
 
+// A guest that is being started may still come to nothing, and is off as before then.
+bool IsBeyondShutdown(const std::string& state) {
+  return VexaCCC::Utils::IsGuestStateOnline(state) && state != states::booting;
+}
+
 void Note(Json::Value& live, const Observation& observation) {
+  if (observation.shutdown) {
+    live[kShutdown] = ShutdownJson(*observation.shutdown);
+  } else if (IsBeyondShutdown(observation.state)) {
+    live.removeMember(kShutdown);
+  }
   live[keys::host_id] = observation.host_id;
   live["time"] = CountOf(observation.time.time_since_epoch());
   Json::Value& sequence = json::MakeObject(json::MakeObject(live[kSequences])[observation.host_id]);

@@ -8,6 +8,7 @@
 #include "host/cluster/host_life.h"
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
+#include "host/cluster/shutdown_reason.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -57,6 +58,7 @@ int vgConfGet(const std::string& guest_id, Json::Value& conf) {
   const auto now = vexa::cluster::GuestStateNow(*record, stored.isString() ? json::String(stored) : std::string());
   if (!now) return kFailed;
   if (*now) (*record)[Json::StaticString(keys::state)] = std::string(**now);
+  if (!vexa::cluster::PutShutdown(guest_id, *record)) return kFailed;
   conf = std::move(*record);
   return 0;
 }
