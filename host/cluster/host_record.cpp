@@ -125,14 +125,15 @@ Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& 
   return CommitPlanned(store, [&] { return PlanRegistration(store, facts, times, Moment::kLater); });
 }
 
-Status TouchHost(store::Store& store, const std::string& host_id, system_clock::time_point now) {
+Status TouchHost(store::Store& store, const std::string& host_id, system_clock::time_point now,
+                 const std::string& state) {
   return CommitPlanned(store, [&]() -> Result<store::Transaction> {
     Result<StoredObject> host = LoadHost(store, host_id);
     if (!host) return host.error();
     if (host->revision == 0) return Error(ErrorCode::kNotFound, "This host has no record in the cluster database");
     store::Transaction transaction;
     if (IsInaccessible(host->record)) {
-      host->record[keys::state] = VexaCCC::State::Host::running;
+      host->record[keys::state] = state.empty() ? VexaCCC::State::Host::running : state;
       PutObject(transaction, KeyOf(host_id, keys::object), *host);
     }
     PutSeen(transaction, host_id, now);
@@ -189,7 +190,7 @@ void HostPresence::Announce() {
 Status HostPresence::Write(const HostFacts& facts, system_clock::time_point now) const {
   if (!registered_) return RegisterHost(*store_, facts, now);
   if (HasChanged(facts_, facts)) return UpdateHost(*store_, facts, {started_, now});
-  Status touched = TouchHost(*store_, facts.host_id, now);
+  Status touched = TouchHost(*store_, facts.host_id, now, facts.state);
   if (touched || touched.error().code() != ErrorCode::kNotFound) return touched;
   return UpdateHost(*store_, facts, {started_, now});
 }

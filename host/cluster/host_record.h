@@ -64,9 +64,10 @@ struct HostTimes {
 // The same for a host that has run for a while: a state that others gave it stays, unless it is "inaccessible".
 Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& times);
 
-// Tells that the host lives. Only the key "seen" changes, but for a record that says "inaccessible": it gets the state
-// "running" back. kNotFound, and nothing is written, when the host has no record.
-Status TouchHost(store::Store& store, const std::string& host_id, std::chrono::system_clock::time_point now);
+// Tells that the host lives. Only the key "seen" changes, but for a record that says "inaccessible": it gets `state`
+// back, or "running" for an empty one. kNotFound, and nothing is written, when the host has no record.
+Status TouchHost(store::Store& store, const std::string& host_id, std::chrono::system_clock::time_point now,
+                 const std::string& state = "");
 
 // Sets the state to "inaccessible"; nothing to do when the host has no record.
 Status LeaveHost(store::Store& store, const std::string& host_id);
