@@ -156,6 +156,9 @@ class Hypervisor {
   virtual Outcome<void> Reboot(const std::string& id) = 0;
 
   virtual Outcome<GuestState> StateOf(const std::string& id) = 0;
+  // Whether the guest's machine has stopped since its storage gave an error or had no room. False: it runs, is off, or
+  // somebody else has paused it.
+  virtual Outcome<bool> HasStoppedForStorage(const std::string& id) = 0;
   // All guests, by id.
   virtual Outcome<std::vector<KnownGuest>> List() = 0;
 
@@ -171,6 +174,8 @@ class Hypervisor {
   // The bytes that guests could get: free ones, buffers and caches.
   virtual Outcome<std::uint64_t> FreeMemory() = 0;
   virtual Outcome<Node> NodeFigures() = 0;
+  // Of what runs the guests, as three numbers: "7.2.19".
+  virtual Outcome<std::string> Version() = 0;
 
   virtual bool IsConnected() const = 0;
   // Closes the connection and has it opened again, as when it was lost. Returns at once.
