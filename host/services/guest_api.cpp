@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/cluster/reading.h"
+#include "host/guests/storage_condition.h"
 #include "host/services/rows.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -73,7 +74,7 @@ int CheckRepository(const Json::Value& guest) {
   const std::string id = json::String(json::Member(guest, keys::repository_id));
   if (ReadText(DashCate::Repository, id, keys::host_id) != VexaCCC::DB::DBLocalhostID()) return kRepositoryElsewhere;
   const std::string state = ReadText(DashCate::Repository, id, keys::state);
-  return state == states::Repo::online || state == states::Repo::degraded ? kCheckPassed : kRepositoryOffline;
+  return guests::IsUsableRepository(state) ? kCheckPassed : kRepositoryOffline;
 }
 
 void CheckRepoCap(const Call& call) {

@@ -84,7 +84,8 @@ class UnavailableRepositoryTest : public RepositoryCommandTest {
     (void)test::Require(
         store_->Commit({{},
                         {{kStorage, R"({"host_id":"h","folders":{"/srv/":"ino=2 fsid=1"},"not_mounted":["/srv/"],)"
-                                    R"("reason":"why","since":1700000000})"},
+                                    R"("reason":"why","since":1700000000,)"
+                                    R"("trouble":"repo_unavailable"})"},
                          {kState, "\"repo_unavailable\""}}}));
     out_.str("");
   }
