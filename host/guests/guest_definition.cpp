@@ -177,7 +177,10 @@ Refused LibvirtGuestControl::DiscardSaved(const std::string& guest_id, const Req
         return hypervisor::Failure(Problem::kNotRunning, "The guest has no saved memory");
       }
       Step("discard: asked");
-      return hypervisor_->DiscardSaved(guest_id);
+      ends_by_.Expect(guest_id, {cluster::ShutdownCause::kPoweredOff, true});
+      Done discarded = hypervisor_->DiscardSaved(guest_id);
+      if (!discarded) ends_by_.Cancel(guest_id);
+      return discarded;
     });
   });
 }

@@ -23,6 +23,9 @@ using hypervisor::Problem;
 // Whether the state is one of a guest that the hypervisor has.
 bool IsLive(const std::string& state) { return VexaCCC::Utils::IsGuestStateOnline(state) || state == states::freeze; }
 
+// Whether a start that came to nothing can end in the state.
+bool IsOff(const std::string& state) { return state == states::shutdown || state == states::crashed; }
+
 void Complain(const std::string& guest_id, const char* what, const std::string& why) {
   ::syslog(LOG_ERR, "The guest %s %s: %s", guest_id.c_str(), what, why.c_str());
 }
@@ -67,6 +70,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       const Result<bool> is_ours = NoteRunning(guest_id, *stored);
       if (!is_ours) return is_ours.error();
       if (!*is_ours) return {};
+      ends_by_.NoteRun(guest_id);
       const char* const word = *state == GuestState::kPaused                     ? states::freeze
                                : is_asked || *state == GuestState::kShuttingDown ? states::shutting_down
                                                                                  : states::running;
@@ -79,17 +83,10 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       if (!*is_ours) return {};
       return Observe(guest_id, states::saved, sequence);
     }
-    const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
     const bool has_crashed = state && *state == GuestState::kCrashed;
-    // Without a run only a state that cannot be true is put right: a crash is told until the next start.
-    if (is_ours || IsLive(StoredState(guest_id)) || StoredState(guest_id) == states::saved) {
-      const bool never_ran = is_ours && (*stored)->run.starting;
-      const bool is_told = never_ran && !IsLive(StoredState(guest_id));
-      if (!is_told) {
-        Status told = Observe(guest_id, has_crashed ? states::crashed : states::shutdown, sequence);
-        if (!told) return told;
-      }
-    }
+    const auto ended = has_crashed ? EndReasons::Ended::kByCrash : EndReasons::Ended::kQuietly;
+    if (const Status observed = ObserveEnd(guest_id, *stored, ended, sequence); !observed) return observed;
+    const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
     if (!is_ours) return {};
     return NoteOff(guest_id, *stored, !is_gone);
   }();
@@ -227,11 +224,39 @@ Status LibvirtGuestControl::TakeDown(const std::string& guest_id) {
   return undefined.failure().error();
 }
 
-Status LibvirtGuestControl::Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence) {
-  if (StoredState(guest_id) == state) return {};
+// Without a run only a state that cannot be true is put right: a crash is told until the next start.
+Status LibvirtGuestControl::ObserveEnd(const std::string& guest_id, const std::optional<StoredRun>& stored,
+                                       EndReasons::Ended ended, cluster::Sequence sequence) {
+  const bool is_ours = stored && stored->run.host_id == options_.host_id;
+  const std::string before = StoredState(guest_id);
+  const bool was_off = !IsLive(before) && before != states::saved;
+  const bool is_expected = ends_by_.Expected(guest_id).has_value();
+  if (!is_ours && was_off && !is_expected) return {};
+  // The end is stored already, and what comes behind it was not finished.
+  if (IsOff(before) && !is_expected && !ends_by_.HasRun(guest_id)) return {};
+  const bool never_ran = is_ours && stored->run.starting && !ends_by_.HasRun(guest_id);
+  std::string state = ended == EndReasons::Ended::kByCrash ? states::crashed : states::shutdown;
+  // A start that came to nothing leaves the guest as it was.
+  if (never_ran) state = IsOff(stored->run.state_before) ? stored->run.state_before : states::shutdown;
+  if (was_off && (never_ran || !is_ours) && !before.empty()) state = before;
+  std::optional<cluster::ShutdownReason> reason = ends_by_.Of(guest_id, ended);
+  // Nothing new is known of one that did not run.
+  if (never_ran && !is_expected) reason.reset();
+  if (Status observed = Observe(guest_id, state, sequence, reason); !observed) return observed;
+  ends_by_.Forget(guest_id);
+  return {};
+}
+
+Status LibvirtGuestControl::Observe(const std::string& guest_id, const std::string& state, cluster::Sequence sequence,
+                                    const std::optional<cluster::ShutdownReason>& shutdown) {
+  if (StoredState(guest_id) == state) {
+    if (!shutdown) return {};
+    const auto known = cluster::ReadShutdown(guest_id);
+    if (known && *known == shutdown) return {};
+  }
   cluster::RequestScope::ReleaseSnapshot();
-  const auto observed = cluster::Observe(*options_.store, guest_id,
-                                         {state, sequence, options_.host_id, std::chrono::system_clock::now()});
+  const auto observed = cluster::Observe(
+      *options_.store, guest_id, {state, sequence, options_.host_id, std::chrono::system_clock::now(), shutdown});
   Step("look: state stored");
   if (observed) return {};
   // Its record has gone: so has its state.
