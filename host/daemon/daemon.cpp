@@ -38,6 +38,7 @@
 #include "host/services/guest_keeping_api.h"
 #include "host/services/guest_state_api.h"
 #include "host/services/host_api.h"
+#include "host/services/host_condition.h"
 #include "host/services/host_facts.h"
 #include "host/services/host_list_api.h"
 #include "host/services/log_api.h"
@@ -256,6 +257,7 @@ class Daemon::Impl {
     options.hypervisor.root = config.hypervisor_root;
     options.image_roots = config.image_roots;
     options.vcpus_per_cpu = config.vcpus_per_cpu;
+    options.space = {config.repository_warning, config.repository_full, config.repository_headroom};
     options.is_alive = IsAlive;
     auto guests = guests::GuestControl::Start(std::move(options));
     if (!guests) return guests.error();
@@ -364,9 +366,11 @@ class Daemon::Impl {
     if (!config.listen.empty()) web_port_ = port(0);
     // Without a listener for other hosts nobody can reach this one.
     const std::string address = config.cluster_listen.empty() ? "" : cluster_address();
-    presence_ = std::make_unique<cluster::HostPresence>(store_, [host_id = host_id_, address] {
+    presence_ = std::make_unique<cluster::HostPresence>(store_, [host_id = host_id_, address, guests = guests_.get()] {
       cluster::HostFacts facts = services::GatherHostFacts(host_id, VEXA_VERSION, services::Machine());
       facts.cluster_address = address;
+      facts.state = services::HostConditionOf({guests, {}});
+      facts.package_version = guests ? guests->HypervisorVersion() : "";
       return facts;
     });
   }
