@@ -18,6 +18,8 @@ constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
 constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id"}, Column{"NAME", "guest_name"},
                                       Column{"STATE", "status"}, Column{"SEVERITY", "status_type"},
                                       Column{"HOST", "host_id"}};
+constexpr std::array kDiskColumns = {Column{"DISK", "vdisk_id"}, Column{"NAME", "name"}, Column{"STATE", "status"},
+                                     Column{"SEVERITY", "status_type"}};
 constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "host_name"},
                                      Column{"STATE", "ha_host_status_type"}};
 
@@ -33,12 +35,19 @@ void PrintStatus(const Json::Value& guest) {
                 {"Host", Text(Member(guest, "host_id"))},
                 {"State", Text(Member(guest, "status"))},
                 {"Severity", WithReason(guest)}};
+  const std::string off = Text(Member(Member(guest, "shutdown"), "reason"));
+  if (!off.empty()) fields.emplace_back("Off because", off);
   const Json::Value& ha = Member(guest, "ha");
   if (ha.isObject()) {
     fields.emplace_back("High availability", Text(Member(ha, "status")));
     fields.emplace_back("Severity of it", WithReason(ha));
   }
   PrintFields(std::cout, fields);
+  const Json::Value& disks = Member(guest, "disks");
+  if (disks.isArray() && !disks.empty()) {
+    std::cout << "\nDisks\n";
+    PrintRows(disks, kDiskColumns);
+  }
   const Json::Value& hosts = Member(ha, "hosts");
   if (!hosts.isArray() || hosts.empty()) return;
   std::cout << "\nHosts of its group\n";

@@ -22,7 +22,8 @@ constexpr const char* kInfo = "/webapi/VEXA.Virtualization.Guest/info";
 
 constexpr Naming kNaming{"host", "host_id", "name"};
 
-constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"}};
+constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"},
+                                     Column{"VERSION", "version_state"}};
 constexpr std::array kInterfaceColumns = {Column{"INTERFACE", "ifname"}, Column{"TYPE", "type"},
                                           Column{"ADDRESS", "ip"},       Column{"MAC", "mac"},
                                           Column{"SPEED", "speed"},      Column{"STATUS", "status"}};

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/cluster/ha_group.h"
+#include "host/services/guest_parts_state.h"
 #include "host/services/rows.h"
 #include "webapi/guest/guest_uistate_cache.h"
 #include "webapi/platform/ccc.h"
@@ -114,6 +115,8 @@ void Status(const Call& call) {
   data["status"] = shown;
   data["status_type"] = type;
   data["status_reason"] = reason;
+  data["disks"] = DiskStatesOf(record);
+  if (Json::Value shutdown = ShutdownOf(id.Get(), record); !shutdown.isNull()) data["shutdown"] = std::move(shutdown);
   if (Json::Value ha = HaOf(record); !ha.isNull()) data["ha"] = std::move(ha);
   call.response->SetSuccess(data);
 }
@@ -123,24 +126,26 @@ void Status(const Call& call) {
 std::vector<webapi::ApiRow> GuestStateRows() {
   using webapi::Access;
   using webapi::LaneKind;
-  return {{.api = "VEXA.Virtualization.Guest",
-           .method = "list",
-           .version = 1,
-           .access = Access::kUser,
-           .lane = LaneKind::kQuick,
-           .handler = List,
-           .summary = "The guests that the caller may use: id, name, host, and the state and severity found out last.",
-           .parameters = {},
-           .errors = {kErrorUnreadable}},
-          {.api = "VEXA.Virtualization.Guest",
-           .method = "status",
-           .version = 1,
-           .access = Access::kUser,
-           .lane = LaneKind::kLong,
-           .handler = Status,
-           .summary = "One guest's state now, with severity and reason, and its high availability.",
-           .parameters = {Text("guest_id", "The guest's id, a UUID.")},
-           .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
+  return {
+      {.api = "VEXA.Virtualization.Guest",
+       .method = "list",
+       .version = 1,
+       .access = Access::kUser,
+       .lane = LaneKind::kQuick,
+       .handler = List,
+       .summary = "The guests that the caller may use: id, name, host, and the state and severity found out last.",
+       .parameters = {},
+       .errors = {kErrorUnreadable}},
+      {.api = "VEXA.Virtualization.Guest",
+       .method = "status",
+       .version = 1,
+       .access = Access::kUser,
+       .lane = LaneKind::kLong,
+       .handler = Status,
+       .summary = "One guest's state now, with severity and reason, those of its disks, why it is off, and its high "
+                  "availability.",
+       .parameters = {Text("guest_id", "The guest's id, a UUID.")},
+       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
 }
 
 }  // namespace vexa::services

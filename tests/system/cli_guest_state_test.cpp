@@ -57,6 +57,28 @@ h1    one   warning
   EXPECT_THAT(server.requests()[1], HasSubstr(R"({"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"})"));
 }
 
+TEST_F(GuestState, Status_HasALineForEachDiskAndWhyTheGuestIsOff) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{
+    "guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","guest_name":"web","host_id":"h1","status":"shutdown",
+    "status_type":"healthy","status_reason":"","shutdown":{"reason":"powered_off","forced":true},"disks":[
+      {"vdisk_id":"d1","name":"boot","status":"online","status_type":"healthy"},
+      {"vdisk_id":"d2","name":"","status":"missing","status_type":"error"}]}})")});
+  const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, R"(Guest        8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8
+Name         web
+Host         h1
+State        shutdown
+Severity     healthy
+Off because  powered_off
+
+Disks
+DISK  NAME  STATE    SEVERITY
+d1    boot  online   healthy
+d2          missing  error
+)");
+}
+
 TEST_F(GuestState, StatusById_AsksOnce) {
   const ScriptedServer server({HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"guest", "status", "8D24e9b0-17f5-4c6a-b3de-0f9a6c5271e8", "--json"});

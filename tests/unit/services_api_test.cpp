@@ -8,6 +8,8 @@
 #include <sstream>
 
 #include "host/base/files.h"
+#include "host/services/guest_parts_state.h"
+#include "host/services/host_condition.h"
 #include "host/services/host_list_api.h"
 #include "host/store/key.h"
 #include "tests/support/scripted_guests.h"
@@ -346,6 +348,8 @@ TEST_F(Services, RepositoryCheck_NeedsThisHostAndAUsableState) {
   };
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::online).c_str()), 0);
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::degraded).c_str()), 0);
+  EXPECT_EQ(check(repository(VexaCCC::State::Repo::provision_warning).c_str()), 0);
+  EXPECT_EQ(check(repository(VexaCCC::State::Repo::full).c_str()), 303);
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::crashed).c_str()), 303);
   EXPECT_EQ(check(repository("").c_str()), 303);
   EXPECT_EQ(check(R"({"host_id":"other","state":"online"})"), 304);
@@ -421,11 +425,66 @@ TEST_F(Services, HostList_NamesAndStates) {
   host_.PutText("host", "h1", R"({"name":"one","state":"host_running"})");
   host_.PutText("host", "h2", "damaged");
   host_.PutText("host", "h3", R"({"name":7,"state":["x"]})");
-  EXPECT_EQ(list().data, Parsed(R"({"hosts":[{"host_id":"h1","name":"one","state":"running"},
-                                             {"host_id":"h2","name":"","state":"unknown"},
-                                             {"host_id":"h3","name":"7","state":"unknown"}]})"));
+  const auto row = [](const char* id, const char* name, const char* state, const char* type) {
+    Json::Value host = Parsed(R"({"version_state":"unknown","status_of":"host"})");
+    host["host_id"] = id;
+    host["name"] = name;
+    host["state"] = host["status"] = state;
+    host["status_type"] = type;
+    return host;
+  };
+  Json::Value expected(Json::objectValue);
+  expected["hosts"].append(row("h1", "one", "running", "healthy"));
+  expected["hosts"].append(row("h2", "", "unknown", "error"));
+  expected["hosts"].append(row("h3", "7", "unknown", "error"));
+  EXPECT_EQ(list().data, expected);
   host_.store().FailSnapshots();
   EXPECT_EQ(list().code, 403);
+}
+
+TEST_F(Services, HostList_RunningHostOfAnOlderVersion_IsShownByItsVersion) {
+  const webapi::ApiTable table(HostListRows());
+  host_.PutText("host", "h1", R"({"name":"one","state":"host_running","version":"1.2.3"})");
+  host_.PutText("host", "h2", R"({"name":"two","state":"host_running","version":"2.0.0"})");
+  host_.PutText("host", "h3", R"({"name":"three","state":"host_control_unavail","version":"1.2.3"})");
+  const Json::Value hosts = test::CallTable(table, "VEXA.Virtualization.Host", "list", "{}").data["hosts"];
+  ASSERT_EQ(hosts.size(), 3u);
+  EXPECT_EQ(hosts[0], Parsed(R"({"host_id":"h1","name":"one","state":"running","version_state":"upgrade_required",
+                                 "status_of":"version","status":"upgrade_required","status_type":"warning"})"));
+  EXPECT_EQ(hosts[1], Parsed(R"({"host_id":"h2","name":"two","state":"running","version_state":"version_matched",
+                                 "status_of":"host","status":"running","status_type":"healthy"})"));
+  EXPECT_EQ(hosts[2], Parsed(R"({"host_id":"h3","name":"three","state":"control_unavail",
+                                 "version_state":"upgrade_required","status_of":"host","status":"control_unavail",
+                                 "status_type":"error"})"));
+}
+
+TEST_F(Services, HostCondition_IsTheWorstOfWhatIsKnown) {
+  namespace states = VexaCCC::State::Host;
+  test::ScriptedGuests guests;
+  bool has_trouble = false;
+  const auto condition = [&] { return HostConditionOf({&guests, [&] { return has_trouble; }}); };
+  EXPECT_EQ(HostConditionOf({}), states::running);
+  EXPECT_EQ(HostConditionOf({&guests, {}}), states::running);
+  EXPECT_EQ(condition(), states::running);
+  has_trouble = true;
+  EXPECT_EQ(condition(), states::network_warn);
+  guests.is_controllable = false;
+  EXPECT_EQ(condition(), states::control_unavail);
+  has_trouble = false;
+  EXPECT_EQ(condition(), states::control_unavail);
+}
+
+TEST_F(Services, DiskStates_AreAsUsersSeeThem) {
+  host_.PutText("repository", "r1", R"({"name":"pool","state":"repo_online"})");
+  host_.PutText("repository", "r2", R"({"name":"away","state":"repo_inaccessible"})");
+  host_.PutText("vdisk", "d1", R"({"name":"boot","repository_id":"r1"})");
+  host_.PutText("vdisk", "d2", R"({"repository_id":"r2","state":"vdisk_online"})");
+  host_.PutText("vdisk", "d3", R"({"state":"vdisk_crashed"})");
+  EXPECT_EQ(DiskStatesOf(Parsed(R"({"repository_id":"r1","vdisks":["d1","d2","d3","d4"]})")),
+            Parsed(R"([{"vdisk_id":"d1","name":"boot","status":"online","status_type":"healthy"},
+                       {"vdisk_id":"d2","name":"","status":"missing","status_type":"error"},
+                       {"vdisk_id":"d3","name":"","status":"crashed","status_type":"error"},
+                       {"vdisk_id":"d4","name":"","status":"missing","status_type":"error"}])"));
 }
 
 }  // namespace
