@@ -156,7 +156,7 @@ TEST(Config, LimitsOfRepositories_AreReadAndWarnBeforeTheyAreFull) {
   EXPECT_EQ(config.repository_headroom, 0u);
   EXPECT_TRUE(CheckConfig(config));
   config.repository_warning = 81;
-  const Status refused = CheckConfig(config);
+  const auto refused = CheckConfig(config);
   ASSERT_FALSE(refused);
   EXPECT_NE(refused.error().ToString().find("'repository-warning' is above 'repository-full'"), std::string::npos);
   config.repository_full = 0;
