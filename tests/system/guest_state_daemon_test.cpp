@@ -104,7 +104,7 @@ TEST(GuestStates, Status_TellsTheReason) {
   record["shutdownreasonvalue"] = 12;
   PutGuest(kOther, states::Guest::shutdown, record);
   EXPECT_EQ(json::ToText(StatusOf(daemon.TcpAs("admin"), kOther)),
-            R"({"guest_id":"9d2c7a41-5b68-4e0f-a3d7-1c84e6f0b9a2","guest_name":"name of 9d","host_id":"",)"
+            R"({"disks":[],"guest_id":"9d2c7a41-5b68-4e0f-a3d7-1c84e6f0b9a2","guest_name":"name of 9d","host_id":"",)"
             R"("status":"shutdown","status_reason":"booting_failed_no_resource","status_type":"error"})");
 }
 
