@@ -202,7 +202,6 @@ void Print(const Row& row) {
 daemon::Config ConfigFor(const std::string& folder) {
   daemon::Config config;
   config.data_directory = folder;
-  config.account_file = bench::AccountFileIn(folder);
   config.socket = folder + "/socket";
   config.listen.clear();
   config.hypervisor = "test";

@@ -4,8 +4,8 @@
 #include <json/value.h>
 
 #include "bench/guest_records.h"
-#include "host/base/account_file.h"
 #include "host/base/files.h"
+#include "host/cluster/account_store.h"
 #include "host/cluster/guest_admin.h"
 #include "host/store/lmdb_store.h"
 #include "webapi/utils/json.h"
@@ -27,8 +27,8 @@ void AddGuest(int number, store::Transaction& transaction) {
   transaction.operations.push_back(Put("guest", id, guest));
 }
 
-std::uint32_t AddUser(base::AccountFile& accounts, const char* name, std::vector<std::string> groups) {
-  base::AccountFile::NewUser user;
+std::uint32_t AddUser(cluster::AccountStore& accounts, const char* name, std::vector<std::string> groups) {
+  cluster::AccountStore::NewUser user;
   user.name = name;
   user.password = kPassword;
   user.groups = std::move(groups);
@@ -51,8 +51,6 @@ void Fail(const std::string& message) {
   std::exit(1);
 }
 
-std::string AccountFileIn(const std::string& folder) { return folder + "/accounts.json"; }
-
 std::vector<std::string> GuestIds() {
   std::vector<std::string> ids;
   for (int number = 0; number < kGuests; ++number) ids.push_back(Id(0, number));
@@ -61,14 +59,14 @@ std::vector<std::string> GuestIds() {
 
 void Seed(const std::string& folder) {
   if (const Status made = CreateDirectories(folder, 0700); !made) Fail(made.error().ToString());
-  const auto accounts = Require(base::AccountFile::Open(AccountFileIn(folder)));
   store::LmdbOptions options;
   options.directory = folder + "/store";
   const auto store = Require(store::OpenLmdbStore(options));
-  AddUser(*accounts, kAdministrator, {"administrators"});
+  cluster::AccountStore accounts(store);
+  AddUser(accounts, kAdministrator, {"administrators"});
   store::Transaction grants;
-  grants.operations = {Grant(AddUser(*accounts, kUserOfSome, {}), kGrantedToSome),
-                       Grant(AddUser(*accounts, kUserOfAll, {}), kGuests)};
+  grants.operations = {Grant(AddUser(accounts, kUserOfSome, {}), kGrantedToSome),
+                       Grant(AddUser(accounts, kUserOfAll, {}), kGuests)};
   (void)Require(store->Commit(grants));
   for (int first = 0; first < kGuests; first += kGuestsPerCommit) {
     store::Transaction transaction;

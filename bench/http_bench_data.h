@@ -25,7 +25,6 @@ T Require(Result<T> result) {
   return std::move(result).value();
 }
 
-std::string AccountFileIn(const std::string& folder);
 std::vector<std::string> GuestIds();
 
 // Writes accounts, grants and guests with two disks and two network interfaces each.

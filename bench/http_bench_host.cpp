@@ -62,7 +62,6 @@ webapi::ApiRow Row(std::string_view method, webapi::LaneKind lane, webapi::Handl
 daemon::Config ConfigFor(const std::string& folder) {
   daemon::Config config;
   config.data_directory = folder;
-  config.account_file = bench::AccountFileIn(folder);
   config.socket.clear();
   config.listen = {"127.0.0.1:0"};
   config.calls_per_user = 1000;  // a few users' sessions stand for the many users who would hang

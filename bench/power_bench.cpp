@@ -190,7 +190,6 @@ void PlaceGuests(store::Store& store) {
 daemon::Config ConfigFor(const std::string& folder, const transport::TlsFiles& tls) {
   daemon::Config config;
   config.data_directory = folder;
-  config.account_file = bench::AccountFileIn(folder);
   config.socket = folder + "/socket";
   config.listen.clear();
   config.cluster_listen = "127.0.0.1:0";

@@ -1,5 +1,6 @@
-// What finding out every guest's state costs, and reading what is kept: for growing numbers of guests on 100 hosts,
-// with two network interfaces each. The hosts are simulated by one server in this process.
+// What finding out every guest's state costs, reading what is kept, and the table that lists are made of, unchanged and
+// with one changed guest: for growing numbers of guests on 100 hosts, with two network interfaces each. The hosts are
+// simulated by one server in this process.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
 #include "host/daemon/http_server.h"
+#include "host/services/guest_states.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
@@ -123,7 +125,33 @@ struct Figures {
   double refresh_ms = 0;
   double first_read_ms = 0;
   double read_ms = 0;
+  double first_list_ms = 0;
+  double list_ms = 0;
+  double changed_list_ms = 0;
 };
+
+void List(services::GuestStates& states, int guests) {
+  const cluster::RequestScope scope;
+  const auto listing = states.List();
+  Check(listing.ok() && listing->guests->size() == static_cast<std::size_t>(guests), "list");
+}
+
+void MeasureLists(store::Store& store, int guests, int rounds, Figures& figures) {
+  services::GuestStates states;
+  (void)states.links().Get(std::chrono::minutes(1));
+  figures.first_list_ms = MillisecondsOf([&] { List(states, guests); });
+  std::vector<double> unchanged;
+  std::vector<double> changed;
+  for (int i = 0; i < rounds; ++i) {
+    unchanged.push_back(MillisecondsOf([&] { List(states, guests); }));
+    store::Transaction transaction;
+    AddGuest(i, transaction);
+    Commit(store, transaction);
+    changed.push_back(MillisecondsOf([&] { List(states, guests); }));
+  }
+  figures.list_ms = Median(unchanged);
+  figures.changed_list_ms = Median(changed);
+}
 
 // As the daemon does it: one state of the store for the whole refresh.
 void Refresh(int guests) {
@@ -175,6 +203,7 @@ Figures Measure(int guests) {
   samples.clear();
   for (int i = 0; i < rounds; ++i) samples.push_back(MillisecondsOf([&] { Read(guests); }));
   figures.read_ms = Median(samples);
+  MeasureLists(*store, guests, rounds, figures);
   cluster::RemoveEnvironment();
   return figures;
 }
@@ -192,8 +221,8 @@ int main() {
   Check(made.ok(), "transport");
   transport::InstallTransport(std::move(*made));
 
-  std::printf("%8s %14s %12s %10s %16s %12s\n", "guests", "refresh ms", "us a guest", "of 1000's", "first read ms",
-              "read ms");
+  std::printf("%8s %14s %12s %10s %16s %12s %14s %10s %18s\n", "guests", "refresh ms", "us a guest", "of 1000's",
+              "first read ms", "read ms", "first list ms", "list ms", "one changed, ms");
   double reference = 0;
   for (const int guests : {100, 1'000, 10'000, 100'000}) {
     const Figures figures = Measure(guests);
@@ -201,8 +230,9 @@ int main() {
     if (guests == 1'000) reference = each;
     char ratio[16] = "";
     if (reference > 0) std::snprintf(ratio, sizeof ratio, "%.2f", each / reference);
-    std::printf("%8d %14.1f %12.1f %10s %16.2f %12.2f\n", guests, figures.refresh_ms, each, ratio,
-                figures.first_read_ms, figures.read_ms);
+    std::printf("%8d %14.1f %12.1f %10s %16.2f %12.2f %14.1f %10.2f %18.2f\n", guests, figures.refresh_ms, each, ratio,
+                figures.first_read_ms, figures.read_ms, figures.first_list_ms, figures.list_ms,
+                figures.changed_list_ms);
     std::fflush(stdout);
   }
   transport::RemoveTransport();

@@ -28,6 +28,7 @@ std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHi
   if (reply.code) about = "error " + std::to_string(*reply.code) + ", " + about;
   if (!reply.request_id.empty()) about += ", request " + reply.request_id;
   std::string text = Printable(client.WithoutToken(message)) + " (" + Printable(client.WithoutToken(about)) + ")";
+  if (!reply.reason.empty()) text += "\n" + Printable(client.WithoutToken(reply.reason));
   if (!reply.details.isNull()) {
     text += "\nDetails: " + client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine));
   }
@@ -110,6 +111,7 @@ CallOutcome TryApi(HttpClient& client, const std::string& path, const std::strin
     outcome.exit_code = ExitCode::kFailed;
     outcome.failure = FailureText(client, *understood, hint);
     outcome.code = understood->code;
+    outcome.has_reason = !understood->reason.empty();
   } else {
     outcome.data = std::move(understood->data);
   }

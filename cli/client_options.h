@@ -53,6 +53,7 @@ struct CallOutcome {
   // Without success:
   std::string failure;               // printable lines without "vexa: " and the last line end
   std::optional<std::int64_t> code;  // the server's
+  bool has_reason = false;           // the server says why; `failure` has it
   int http_status = 0;               // 0: no reply came
 };
 enum class LoginHint { kGive, kOmit };

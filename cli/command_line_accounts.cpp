@@ -1,4 +1,4 @@
-// The commands that work on this host's own files: accounts and what they may do.
+// The commands that work on the store of a daemon: accounts and what they may do.
 #include <CLI/CLI.hpp>
 #include <memory>
 
@@ -20,13 +20,15 @@ struct State {
 using Shared = std::shared_ptr<State>;
 
 void AddPlaces(CLI::App& command, const Shared& state) {
-  command
-      .add_option("--accounts", state->places.other_accounts_path,
-                  "The account file, when it is not accounts.json in the data folder")
-      ->type_name("PATH");
   command.add_option("--data", state->places.data_directory, "The daemon's data folder")
       ->type_name("DIR")
       ->capture_default_str();
+  command.add_option("--store", state->places.other_store, "The daemon's store, when it is not in the data folder")
+      ->type_name("DIR");
+  command
+      .add_option("--accounts", state->places.other_accounts_path,
+                  "An account file of an older version to take over, when it is not accounts.json in the data folder")
+      ->type_name("PATH");
 }
 
 void AddPasswordFlag(CLI::App& command, const Shared& state) {
@@ -51,7 +53,8 @@ void AddUserCommands(CLI::App& user, Invocation& invocation, const Shared& state
   add->add_option("--group", state->user.groups, "A group to be in; may be repeated")
       ->type_name("G")
       ->allow_extra_args(false);
-  add->add_option("--uid", state->user.uid, "The numeric id")->type_name("N");
+  add->add_option("--uid", state->user.uid, "The user id of this person on all machines, known to their Unix sockets")
+      ->type_name("N");
   add->add_flag("--advanced", state->user.advanced, "Make the user an advanced one");
   AddPasswordFlag(*add, state);
   OnRun(add, invocation, [&global, state] { return RunUserAdd(global, state->places, state->user); });
@@ -74,8 +77,7 @@ void AddUserCommands(CLI::App& user, Invocation& invocation, const Shared& state
 }
 
 GrantTarget TargetOf(const State& state, AccountKind kind) {
-  return {kind, state.user.name, state.from_system ? AccountSource::kSystem : AccountSource::kAccountFile,
-          state.places.accounts_path(), state.places.data_directory};
+  return {kind, state.user.name, state.from_system ? NameSource::kSystem : NameSource::kAccounts, state.places};
 }
 
 void AddGrantCommands(CLI::App& parent, Invocation& invocation, const Shared& state, AccountKind kind) {
@@ -83,8 +85,10 @@ void AddGrantCommands(CLI::App& parent, Invocation& invocation, const Shared& st
   CLI::App* grant = AddNamed(parent, state, "grant", "Allow the use of guests");
   CLI::App* revoke = AddNamed(parent, state, "revoke", "Take the use of guests back");
   CLI::App* advanced = AddNamed(parent, state, "advanced", "Make an account an advanced one");
-  for (CLI::App* command : {grant, revoke, advanced}) {
-    command->add_flag("--system", state->from_system, "NAME is one of the machine's own, not of the account file");
+  CLI::App* drop = AddNamed(parent, state, "drop-grants", "Drop all grants and the level of an account");
+  for (CLI::App* command : {grant, revoke, advanced, drop}) {
+    command->add_flag("--system", state->from_system,
+                      "NAME is one of the machine's own: for daemons that take their users from PAM");
   }
   for (CLI::App* command : {grant, revoke}) {
     command->add_option("GUEST_ID", state->words, "The guests' ids")->required();
@@ -95,14 +99,16 @@ void AddGrantCommands(CLI::App& parent, Invocation& invocation, const Shared& st
   OnRun(advanced, invocation, [&global, state, kind] {
     return RunSetLevel(global, TargetOf(*state, kind), state->off ? AuthLevel::kUser : AuthLevel::kAdvanced);
   });
+  OnRun(drop, invocation, [&global, state, kind] { return RunDropGrants(global, TargetOf(*state, kind)); });
 }
 
 }  // namespace
 
 void AddAccountCommands(CLI::App& app, Invocation& invocation) {
   const auto state = std::make_shared<State>();
-  CLI::App* user = app.add_subcommand("user", "Users of this host; run it as the account that owns the files");
-  CLI::App* group = app.add_subcommand("group", "What groups may do on this host");
+  CLI::App* user =
+      app.add_subcommand("user", "Users of the cluster; run it on a host, as the account that owns the daemon's files");
+  CLI::App* group = app.add_subcommand("group", "What groups may do; run it as 'vexa user'");
   for (CLI::App* command : {user, group}) {
     AddPlaces(*command, state);
     command->require_subcommand(1);

@@ -15,7 +15,7 @@ Settings and devices are changed all or none, and rights after that. There is no
 beyond the answer; without --timeout the server has 3600 s. Ctrl-C ends at once; what has been sent is not taken back.
 What a guest that runs cannot take counts from its next start. Sizes of disks are in GiB, vram_size is in MiB.
 
-Users and groups are found in the account file of this host, or with --system among the machine's own; for a server
+Users and groups are found in the store of this host, or with --system among the machine's own; for a server
 elsewhere, or as another account than the one that owns the file, give uid:NUMBER or gid:NUMBER.
 
 Examples:
@@ -72,10 +72,12 @@ void AddSetOptions(CLI::App& set, GuestSetOptions& options) {
   set.add_flag_callback(
       "--dry-run", [&options] { options.dry_run = DryRun::kYes; },
       "Check all that can be checked here, print the request as JSON and change nothing");
-  set.add_flag("--system", options.from_system, "The users and groups are the machine's own, not of the account file");
+  set.add_flag("--system", options.from_system, "The users and groups are the machine's own");
   set.add_option("--accounts", options.places.other_accounts_path,
-                 "The account file, when it is not accounts.json in the data folder")
+                 "An account file of an older version to take over, when it is not accounts.json in the data folder")
       ->type_name("PATH");
+  set.add_option("--store", options.places.other_store, "The daemon's store, when it is not in the data folder")
+      ->type_name("DIR");
   set.add_option("--data", options.places.data_directory, "The daemon's data folder")
       ->type_name("DIR")
       ->capture_default_str();

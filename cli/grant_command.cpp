@@ -1,88 +1,59 @@
 #include "cli/grant_command.h"
 
-#include <grp.h>
-#include <pwd.h>
-
-#include <chrono>
 #include <functional>
 #include <iostream>
-#include <thread>
 
-#include "cli/owner.h"
 #include "cli/printable.h"
-#include "host/base/account_file.h"
-#include "host/base/json_parse.h"
-#include "host/store/key.h"
-#include "host/store/lmdb_store.h"
+#include "host/base/account_nss.h"
+#include "host/cluster/guest_admin.h"
+#include "host/cluster/guest_admin_record.h"
+#include "host/cluster/object_edit.h"
 
 namespace vexa::cli {
 namespace {
 
-constexpr int kMaxTries = 50;
-
 using Edit = std::function<void(Json::Value& record)>;
 
+std::string_view WordOf(AccountKind kind) {
+  return kind == AccountKind::kUser ? cluster::kUsersKind : cluster::kGroupsKind;
+}
+
 std::string KeyOf(AccountKind kind, std::uint32_t id) {
-  const std::string identifier = (kind == AccountKind::kUser ? "users-" : "groups-") + std::to_string(id);
-  return store::MakeKey({"dash", "guest_admin", identifier, "object"});
+  return cluster::GuestAdminKey(cluster::GuestAdminIdentifier(WordOf(kind), id));
 }
 
-std::string StoreFolder(const std::string& data_directory) { return data_directory + "/store"; }
-
-Result<std::shared_ptr<store::Store>> OpenStore(const std::string& directory) {
-  if (const Status owner = CheckOwnerOrFolder(StoreFolder(directory)); !owner) return owner.error();
-  store::LmdbOptions options;
-  options.directory = StoreFolder(directory);
-  return store::OpenLmdbStore(options);
-}
-
-struct StoredRecord {
-  store::Revision revision = 0;  // 0: there is none
-  Json::Value value;
-};
-
-Result<StoredRecord> ReadRecord(store::Store& store, const std::string& key) {
+Result<store::Transaction> PlanEdit(const store::Store& store, AccountKind kind, const FoundAccount& account,
+                                    const Edit& edit) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  const auto found = (*snapshot)->Get(key);
-  if (!found) return found.error();
-  StoredRecord record{0, Json::Value(Json::objectValue)};
-  if (!*found) return record;
-  const Result<Json::Value> value = ParseJson((*found)->text);
-  const bool usable =
-      value && value->isObject() && (Member(*value, "guests").isNull() || Member(*value, "guests").isObject());
-  // Not overwritten: what is in it may be all that is left of somebody's grants.
-  if (!usable) return Error(ErrorCode::kCorrupt, "The guest-admin record '" + key + "' is damaged");
-  record.revision = (*found)->revision;
-  record.value = *value;
-  return record;
-}
-
-Status EditRecord(const std::string& directory, const std::string& key, const Edit& edit) {
-  const auto store = OpenStore(directory);
-  if (!store) return store.error();
-  for (int tries = 0; tries < kMaxTries; ++tries) {
-    Result<StoredRecord> record = ReadRecord(**store, key);
-    if (!record) return record.error();
-    if (Member(record->value, "authlevel").isNull()) record->value["authlevel"] = "user";
-    if (Member(record->value, "guests").isNull()) record->value["guests"] = Json::Value(Json::objectValue);
-    edit(record->value);
-    const auto committed =
-        (*store)->Commit({{{key, record->revision}}, {{key, RenderJson(record->value, JsonLayout::kOneLine)}}});
-    if (committed) return {};
-    if (committed.error().code() != ErrorCode::kConflict) return committed.error();
-    std::this_thread::sleep_for(std::chrono::milliseconds(tries));
+  const std::string key = KeyOf(kind, account.id);
+  Result<cluster::StoredObject> stored = cluster::LoadObject(**snapshot, key);
+  if (!stored) return stored.error();
+  if (const Status given = cluster::CheckGivenTo(stored->record, key, account.name); !given) return given.error();
+  Json::Value record = cluster::NewGrantRecord(account.name, "user");
+  for (const std::string& member : stored->record.getMemberNames()) {
+    if (!stored->record[member].isNull()) record[member] = stored->record[member];
   }
-  return Error(ErrorCode::kBusy, "Others keep changing the guest-admin record '" + key + "'; try again");
+  edit(record);
+  stored->record = std::move(record);
+  store::Transaction transaction;
+  cluster::PutObject(transaction, key, *stored);
+  const Status compared = cluster::CompareAccount(**snapshot, WordOf(kind), account.id, account.seen, transaction);
+  if (!compared) return compared.error();
+  return transaction;
 }
 
-Result<std::uint32_t> FindInSystem(const GrantTarget& target) {
+Result<FoundAccount> FindInSystem(const GrantTarget& target) {
+  // Whoever was deleted in the store has nothing to do with the machine's own.
+  constexpr store::Revision kSeenAll = UINT64_MAX;
   if (target.kind == AccountKind::kUser) {
-    if (const passwd* entry = ::getpwnam(target.name.c_str())) return std::uint32_t{entry->pw_uid};
-  } else {
-    if (const group* entry = ::getgrnam(target.name.c_str())) return std::uint32_t{entry->gr_gid};
+    const auto user = base::NssFindUser(target.name);
+    if (!user) return user.error();
+    return FoundAccount{user->uid, user->name, kSeenAll};
   }
-  return Error(ErrorCode::kNotFound, "The system does not know '" + target.name + "'");
+  const auto group = base::NssFindGroup(target.name);
+  if (!group) return group.error();
+  return FoundAccount{group->gid, group->name, kSeenAll};
 }
 
 bool IsUuid(std::string_view id) {
@@ -97,9 +68,11 @@ bool IsUuid(std::string_view id) {
 }
 
 ExitCode RunEdit(const GlobalOptions& global, const GrantTarget& target, const Edit& edit, const std::string& done) {
-  const Result<std::uint32_t> id = FindAccountId(target);
-  if (!id) return Report(id.error());
-  const Status status = EditRecord(target.data_directory, KeyOf(target.kind, *id), edit);
+  const Result<FoundAccount> account = FindAccount(target);
+  if (!account) return Report(account.error());
+  const auto store = OpenStore(target.places, MissingStore::kCreate);
+  if (!store) return Report(store.error());
+  const Status status = cluster::CommitPlanned(**store, [&] { return PlanEdit(**store, target.kind, *account, edit); });
   if (!status) return Report(status.error());
   if (!global.quiet) std::cout << done << '\n';
   return ExitCode::kOk;
@@ -110,7 +83,7 @@ ExitCode RunEditGuests(const GlobalOptions& global, const GrantTarget& target,
                        const std::function<void(Json::Value& guests, const std::string& id)>& edit,
                        const std::string& done) {
   for (const std::string& id : guest_ids) {
-    if (!IsUuid(id)) return Report(Error(ErrorCode::kInvalid, "'" + id + "' is no guest's id (a UUID)"));
+    if (!IsUuid(id)) return Report(Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)"));
   }
   const auto edit_all = [&](Json::Value& record) {
     for (const std::string& id : guest_ids) edit(record["guests"], id);
@@ -120,24 +93,21 @@ ExitCode RunEditGuests(const GlobalOptions& global, const GrantTarget& target,
 
 }  // namespace
 
-Result<std::uint32_t> FindAccountId(const GrantTarget& target) {
-  if (target.source == AccountSource::kSystem) return FindInSystem(target);
-  if (const Status owner = CheckOwner(target.accounts_path); !owner) return owner.error();
-  const auto accounts = base::AccountFile::Open(target.accounts_path);
+Result<FoundAccount> FindAccount(const GrantTarget& target) {
+  if (target.source == NameSource::kSystem) return FindInSystem(target);
+  const auto accounts = OpenAccounts(target.places, MissingStore::kRefuse);
   if (!accounts) return accounts.error();
+  const auto store = OpenStore(target.places, MissingStore::kRefuse);
+  if (!store) return store.error();
+  const store::Revision seen = cluster::RevisionBeforeLookup(**store);
   if (target.kind == AccountKind::kUser) {
     const auto user = (*accounts)->FindUser(target.name);
     if (!user) return user.error();
-    return user->uid;
+    return FoundAccount{user->uid, user->name, seen};
   }
-  const auto users = (*accounts)->ListUsers();
-  if (!users) return users.error();
-  for (const base::User& user : *users) {
-    for (const base::Group& group : user.groups) {
-      if (group.name == target.name) return group.gid;
-    }
-  }
-  return Error(ErrorCode::kNotFound, "No user is in a group '" + target.name + "'");
+  const auto group = (*accounts)->FindGroup(target.name);
+  if (!group) return group.error();
+  return FoundAccount{group->gid, group->name, seen};
 }
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
@@ -159,20 +129,15 @@ ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, Aut
       "The level of '" + Printable(target.name) + "' is now '" + word + "'.");
 }
 
-Status SetAuthLevel(const std::string& data_directory, AccountKind kind, std::uint32_t id, AuthLevel level) {
-  return EditRecord(data_directory, KeyOf(kind, id), [&](Json::Value& record) {
-    record["authlevel"] = level == AuthLevel::kAdvanced ? "advanced" : "user";
-  });
-}
-
-Status DropGrants(const std::string& data_directory, AccountKind kind, std::uint32_t id) {
-  // A folder without a store is left without one.
-  const Status exists = CheckOwner(StoreFolder(data_directory) + "/data.mdb");
-  if (!exists) return exists.error().code() == ErrorCode::kNotFound ? Status() : exists;
-  const auto store = OpenStore(data_directory);
-  if (!store) return store.error();
-  const auto committed = (*store)->Commit({{}, {{KeyOf(kind, id), std::nullopt}}});
-  return committed ? Status() : Status(committed.error());
+ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target) {
+  const Result<FoundAccount> account = FindAccount(target);
+  if (!account) return Report(account.error());
+  const auto store = OpenStore(target.places, MissingStore::kRefuse);
+  if (!store) return Report(store.error());
+  const auto committed = (*store)->Commit({{}, {{KeyOf(target.kind, account->id), std::nullopt}}});
+  if (!committed) return Report(committed.error());
+  if (!global.quiet) std::cout << "Dropped what was granted to '" << Printable(account->name) << "'.\n";
+  return ExitCode::kOk;
 }
 
 }  // namespace vexa::cli

@@ -87,7 +87,7 @@ void GuestRun::Act(std::size_t index) {
   const CallOutcome outcome = TryApi(client, row.target, BodyOf(row, guest.id));
   if (outcome.exit_code != ExitCode::kOk) {
     std::string failure = outcome.failure;
-    if (row.target == kDelete && outcome.code == kDeletionFailed) {
+    if (row.target == kDelete && outcome.code == kDeletionFailed && !outcome.has_reason) {
       failure += "\nA guest that runs is not deleted: shut it down first, with 'vexa guest stop'.";
     }
     return Fail(index, std::move(failure), outcome.code);

@@ -54,11 +54,10 @@ Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& 
     return is_id ? Result<Principal>(principal) : NoPrincipal(word);
   }
   if (prefix != "user" && prefix != "group") return NoPrincipal(word);
-  const auto source = options.from_system ? AccountSource::kSystem : AccountSource::kAccountFile;
-  const Result<std::uint32_t> id =
-      FindAccountId({principal.kind, rest, source, options.places.accounts_path(), options.places.data_directory});
-  if (!id) return id.error();
-  principal.id = *id;
+  const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
+  const Result<FoundAccount> account = FindAccount({principal.kind, rest, source, options.places});
+  if (!account) return account.error();
+  principal.id = account->id;
   principal.name = rest;
   return principal;
 }

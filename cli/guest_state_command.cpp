@@ -2,9 +2,11 @@
 
 #include <array>
 #include <iostream>
+#include <utility>
 
 #include "cli/guest_names.h"
 #include "cli/listing.h"
+#include "cli/moment.h"
 #include "cli/printable.h"
 #include "host/base/json_parse.h"
 
@@ -16,8 +18,10 @@ constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
 constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
 
 constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id"}, Column{"NAME", "guest_name"},
-                                      Column{"STATE", "status"}, Column{"SEVERITY", "status_type"},
-                                      Column{"HOST", "host_id"}};
+                                      Column{"STATE", "status"},   Column{"SEVERITY", "status_type"},
+                                      Column{"HOST", "host_id"},   Column{"AGE", "age_s"}};
+constexpr std::array kDiskColumns = {Column{"DISK", "vdisk_id"}, Column{"NAME", "name"}, Column{"STATE", "status"},
+                                     Column{"SEVERITY", "status_type"}};
 constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "host_name"},
                                      Column{"STATE", "ha_host_status_type"}};
 
@@ -31,14 +35,22 @@ void PrintStatus(const Json::Value& guest) {
   Fields fields{{"Guest", Text(Member(guest, "guest_id"))},
                 {"Name", Text(Member(guest, "guest_name"))},
                 {"Host", Text(Member(guest, "host_id"))},
-                {"State", Text(Member(guest, "status"))},
+                {"State", StateInWords(guest, "status")},
                 {"Severity", WithReason(guest)}};
+  if (std::string as_of = AsOf(guest); !as_of.empty()) fields.emplace_back("As of", std::move(as_of));
+  const std::string off = Text(Member(Member(guest, "shutdown"), "reason"));
+  if (!off.empty()) fields.emplace_back("Off because", off);
   const Json::Value& ha = Member(guest, "ha");
   if (ha.isObject()) {
     fields.emplace_back("High availability", Text(Member(ha, "status")));
     fields.emplace_back("Severity of it", WithReason(ha));
   }
   PrintFields(std::cout, fields);
+  const Json::Value& disks = Member(guest, "disks");
+  if (disks.isArray() && !disks.empty()) {
+    std::cout << "\nDisks\n";
+    PrintRows(disks, kDiskColumns);
+  }
   const Json::Value& hosts = Member(ha, "hosts");
   if (!hosts.isArray() || hosts.empty()) return;
   std::cout << "\nHosts of its group\n";
@@ -54,7 +66,7 @@ ExitCode RunGuestList(const GlobalOptions& global) {
   const CallOutcome outcome = ListGuests(client);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  PrintRows(Member(outcome.data, "guests"), kGuestColumns);
+  PrintRows(WithStatesInWords(Member(outcome.data, "guests"), "status"), kGuestColumns);
   return ExitCode::kOk;
 }
 

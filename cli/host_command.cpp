@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/listing.h"
+#include "cli/moment.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
@@ -22,7 +23,8 @@ constexpr const char* kInfo = "/webapi/VEXA.Virtualization.Guest/info";
 
 constexpr Naming kNaming{"host", "host_id", "name"};
 
-constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"}};
+constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"},
+                                     Column{"VERSION", "version_state"}};
 constexpr std::array kInterfaceColumns = {Column{"INTERFACE", "ifname"}, Column{"TYPE", "type"},
                                           Column{"ADDRESS", "ip"},       Column{"MAC", "mac"},
                                           Column{"SPEED", "speed"},      Column{"STATUS", "status"}};
@@ -67,7 +69,8 @@ void PrintHost(const Json::Value& host) {
   Fields fields;
   AddField(fields, "Host", Text(Member(host, "host_id")));
   AddField(fields, "Name", Text(Member(host, "name")));
-  AddField(fields, "State", Text(Member(host, "state")));
+  AddField(fields, "State", StateInWords(host, "state"));
+  AddField(fields, "As of", AsOf(host));
   AddField(fields, "Version", Text(Member(host, "version")));
   AddField(fields, "Addresses", JoinTexts(Member(host, "addresses")));
   AddField(fields, "System", Text(Member(system, "version")));
@@ -110,7 +113,7 @@ ExitCode RunHostList(const GlobalOptions& global) {
   const CallOutcome outcome = ListHosts(client);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  PrintRows(Member(outcome.data, "hosts"), kHostColumns);
+  PrintRows(WithStatesInWords(Member(outcome.data, "hosts"), "state"), kHostColumns);
   return ExitCode::kOk;
 }
 

@@ -65,6 +65,7 @@ Result<ApiReply> ReadApiReply(const HttpReply& reply) {
   result.code = Integer(Member(error, "code"));
   result.message = Text(Member(error, "message"));
   result.details = Member(error, "details");
+  result.reason = Text(Member(error, "reason"));
   return result;
 }
 

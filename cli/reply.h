@@ -26,6 +26,7 @@ struct ApiReply {
   std::optional<std::int64_t> code;
   std::string message;
   Json::Value details;
+  std::string reason;  // a sentence; empty without one
   std::string request_id;
 };
 

@@ -1,4 +1,4 @@
-// vexa user add, passwd, group, del, list: the account file of this host.
+// vexa user add, passwd, group, del, list: the accounts in the store of a host and its cluster.
 #pragma once
 
 #include <cstdint>
@@ -6,20 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "cli/account_places.h"
 #include "cli/client_options.h"
 #include "cli/password.h"
 
 namespace vexa::cli {
-
-// The daemon's data folder, and the account file when it is not the one in there.
-struct AccountPlaces {
-  std::string data_directory = "/var/lib/vexa";
-  std::string other_accounts_path;
-
-  std::string accounts_path() const {
-    return other_accounts_path.empty() ? data_directory + "/accounts.json" : other_accounts_path;
-  }
-};
 
 struct NewUserOptions {
   std::string name;
@@ -29,14 +20,14 @@ struct NewUserOptions {
   bool advanced = false;
 };
 
-// Creates the account file when there is none.
+// Creates the store when there is none.
 ExitCode RunUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options);
 ExitCode RunUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
                        PasswordSource source);
 // Replaces the user's groups.
 ExitCode RunUserGroup(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
                       const std::vector<std::string>& groups);
-// The user's guest-admin record goes first, so that nobody who gets the same id later inherits it.
+// With what was granted to the user.
 ExitCode RunUserDel(const GlobalOptions& global, const AccountPlaces& places, const std::string& name);
 ExitCode RunUserList(const GlobalOptions& global, const AccountPlaces& places);
 

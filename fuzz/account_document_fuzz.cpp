@@ -1,5 +1,4 @@
-// The text of the account file: what is understood refers to nothing missing, and is the same when it is written and
-// read again.
+// The text of the account file: what is understood refers to nothing missing and has nothing twice.
 #include <set>
 #include <string>
 
@@ -11,37 +10,40 @@ namespace {
 using vexa::base::AccountDocument;
 using vexa::fuzz::Check;
 
-void CheckUnderstood(AccountDocument& document) {
+void CheckUnderstood(const AccountDocument& document) {
+  std::set<std::string> groups;
+  std::set<std::uint32_t> gids;
+  const auto check_id = [&](std::uint32_t id) {
+    const bool is_ours = id >= vexa::base::kFirstOwnId && id <= vexa::base::kLastOwnId;
+    Check(!is_ours || id < document.next_id, "the next id is above all that were given");
+  };
+  for (const vexa::base::Group& group : document.groups) {
+    Check(vexa::base::IsValidAccountName(group.name), "a group's name can be one");
+    Check(groups.insert(group.name).second, "a group has the name alone");
+    Check(gids.insert(group.gid).second, "a group has the id alone");
+    check_id(group.gid);
+  }
+  std::set<std::string> names;
   std::set<std::uint32_t> uids;
   for (const vexa::base::AccountRecord& user : document.users) {
     Check(vexa::base::IsValidAccountName(user.name), "a user's name can be one");
-    Check(document.FindUser(user.name) == &user, "a user has the name alone");
-    Check(uids.insert(user.uid).second && document.HasUid(user.uid), "a user has the id alone");
-    Check(document.FindGroupByGid(user.gid) != nullptr, "a user's primary group exists");
-    for (const std::string& group : user.groups) Check(document.FindGroup(group) != nullptr, "a user's groups exist");
-  }
-  for (const vexa::base::Group& group : document.groups) {
-    Check(document.FindGroup(group.name) == &group, "a group has the name alone");
-    Check(document.FindGroupByGid(group.gid) == &group, "a group has the id alone");
+    Check(names.insert(user.name).second, "a user has the name alone");
+    Check(uids.insert(user.uid).second, "a user has the id alone");
+    Check(gids.contains(user.gid), "a user's primary group exists");
+    for (const std::string& group : user.groups) Check(groups.contains(group), "a user's groups exist");
+    check_id(user.uid);
   }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto document = vexa::base::ParseAccounts(vexa::fuzz::Text(data, size));
-  if (!document.ok()) {
-    Check(document.error().code() == vexa::ErrorCode::kCorrupt, "what is not understood is kCorrupt");
-    Check(!document.error().cause().empty(), "there is a reason");
+  const auto document = vexa::base::ParseAccounts(vexa::fuzz::Text(data, size));
+  if (document.ok()) {
+    CheckUnderstood(*document);
     return 0;
   }
-  CheckUnderstood(*document);
-  const std::string text = vexa::base::RenderAccounts(*document);
-  const auto again = vexa::base::ParseAccounts(text);
-  Check(again.ok(), "what is written is understood");
-  Check(vexa::base::RenderAccounts(*again) == text, "what is written means the same");
-  if (const auto id = document->TakeId(); id.ok()) {
-    Check(!document->HasUid(*id) && document->FindGroupByGid(*id) == nullptr, "a new id is nobody's");
-  }
+  Check(document.error().code() == vexa::ErrorCode::kCorrupt, "what is not understood is kCorrupt");
+  Check(!document.error().cause().empty(), "there is a reason");
   return 0;
 }

@@ -18,6 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const vexa::daemon::SessionRecord& session : *sessions) {
     Check(hashes.insert(session.hash).second, "a session has the hash alone");
     Check(vexa::base::IsValidAccountName(session.user), "a session has a user");
+    Check(session.uid != UINT32_MAX, "an account's id is one");
     Check(session.created >= 0 && session.last_used >= 0, "times are of this era");
   }
   const std::string text = vexa::daemon::RenderSessions(*sessions);

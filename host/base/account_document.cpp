@@ -1,16 +1,14 @@
 #include "host/base/account_document.h"
 
 #include <json/value.h>
-#include <json/writer.h>
 
 #include <algorithm>
 #include <initializer_list>
 #include <limits>
+#include <optional>
 #include <unordered_set>
 #include <utility>
 
-#include "host/base/account_file.h"
-#include "host/base/account_nss.h"
 #include "host/base/account_password.h"
 #include "host/base/json_parse.h"
 
@@ -131,10 +129,15 @@ Status ReadUsers(const Json::Value& list, AccountDocument& document) {
   return {};
 }
 
+// Remembers that `id` was given, if hosts give it out.
+void NoteId(std::uint32_t id, AccountDocument& document) {
+  if (id >= kFirstOwnId && id <= kLastOwnId) document.next_id = std::max(document.next_id, id + 1);
+}
+
 Status ReadNextId(const Json::Value& value, AccountDocument& document) {
   document.next_id = kFirstOwnId;
-  for (const Group& group : document.groups) document.NoteId(group.gid);
-  for (const AccountRecord& user : document.users) document.NoteId(user.uid);
+  for (const Group& group : document.groups) NoteId(group.gid, document);
+  for (const AccountRecord& user : document.users) NoteId(user.uid, document);
   if (value.isNull()) return {};
   const auto next_id = ReadId(value);
   if (!next_id || *next_id < kFirstOwnId || *next_id > kLastOwnId + 1) return Damaged("'next_id' is not an id of ours");
@@ -143,53 +146,6 @@ Status ReadNextId(const Json::Value& value, AccountDocument& document) {
 }
 
 }  // namespace
-
-AccountRecord* AccountDocument::FindUser(std::string_view name) {
-  const auto found = std::find_if(users.begin(), users.end(), [&](const auto& user) { return user.name == name; });
-  return found == users.end() ? nullptr : &*found;
-}
-
-const Group* AccountDocument::FindGroup(std::string_view name) const {
-  const auto found = std::find_if(groups.begin(), groups.end(), [&](const auto& group) { return group.name == name; });
-  return found == groups.end() ? nullptr : &*found;
-}
-
-const Group* AccountDocument::FindGroupByGid(std::uint32_t gid) const {
-  const auto found = std::find_if(groups.begin(), groups.end(), [&](const auto& group) { return group.gid == gid; });
-  return found == groups.end() ? nullptr : &*found;
-}
-
-bool AccountDocument::HasUid(std::uint32_t uid) const {
-  return std::any_of(users.begin(), users.end(), [&](const auto& user) { return user.uid == uid; });
-}
-
-Result<std::uint32_t> AccountDocument::TakeId() {
-  // Every id of ours in use is below next_id: NoteId sees to that.
-  if (next_id > kLastOwnId) return Error(ErrorCode::kNoSpace, "All ids for users and groups are used up");
-  return next_id++;
-}
-
-void AccountDocument::NoteId(std::uint32_t id) {
-  if (id >= kFirstOwnId && id <= kLastOwnId) next_id = std::max(next_id, id + 1);
-}
-
-Result<Group> AccountDocument::GroupFor(const std::string& name) {
-  if (const Group* group = FindGroup(name)) return *group;
-  Group group{name, 0};
-  const auto machine = NssFindGroup(name);
-  // Not guessed: an id of ours would stay wrong when the name service is back.
-  if (!machine.ok() && machine.error().code() != ErrorCode::kNotFound) return machine.error();
-  if (machine.ok() && FindGroupByGid(machine->gid) == nullptr) {
-    group.gid = machine->gid;
-    NoteId(group.gid);
-  } else {
-    auto id = TakeId();
-    if (!id.ok()) return id.error();
-    group.gid = *id;
-  }
-  groups.push_back(group);
-  return group;
-}
 
 Result<AccountDocument> ParseAccounts(std::string_view text) {
   auto json = ParseJson(text);
@@ -206,33 +162,6 @@ Result<AccountDocument> ParseAccounts(std::string_view text) {
   if (root.isMember("next_id") && root["next_id"].isNull()) return Damaged("'next_id' is not an id of ours");
   if (Status status = ReadNextId(root["next_id"], document); !status.ok()) return status.error();
   return document;
-}
-
-std::string RenderAccounts(const AccountDocument& document) {
-  Json::Value root(Json::objectValue);
-  root["version"] = kVersion;
-  root["next_id"] = document.next_id;
-  root["groups"] = Json::Value(Json::arrayValue);
-  for (const Group& group : document.groups) {
-    Json::Value entry(Json::objectValue);
-    entry["name"] = group.name;
-    entry["gid"] = group.gid;
-    root["groups"].append(std::move(entry));
-  }
-  root["users"] = Json::Value(Json::arrayValue);
-  for (const AccountRecord& user : document.users) {
-    Json::Value entry(Json::objectValue);
-    entry["name"] = user.name;
-    entry["uid"] = user.uid;
-    entry["gid"] = user.gid;
-    entry["password"] = user.password;
-    entry["groups"] = Json::Value(Json::arrayValue);
-    for (const std::string& group : user.groups) entry["groups"].append(group);
-    root["users"].append(std::move(entry));
-  }
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "  ";  // an administrator may read it
-  return Json::writeString(builder, root) + "\n";
 }
 
 }  // namespace vexa::base

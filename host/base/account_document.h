@@ -1,8 +1,15 @@
-// What the account file holds: its text as a value, checked wholly.
+// What an account file of older versions holds: its text as a value, checked wholly.
+//
+//   {"version": 1, "next_id": 1900000003,
+//    "groups": [{"name": "administrators", "gid": 1900000000}, {"name": "users", "gid": 1900000001}],
+//    "users":  [{"name": "alice", "uid": 1900000002, "gid": 1900000001, "password": "$y$…",
+//                "groups": ["administrators"]}]}
+// Passwords are yescrypt hashes (crypt(5)); "" and "!…" disable login. "gid" names the primary group, "groups" the
+// others. Names that differ only in case are different names here. "next_id" may be missing; all ids of the range that
+// hosts give out and that are below it were given to somebody. Any other member is refused.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,24 +31,10 @@ struct AccountDocument {
   std::uint32_t next_id = 0;
   std::vector<Group> groups;
   std::vector<AccountRecord> users;
-
-  AccountRecord* FindUser(std::string_view name);
-  const Group* FindGroup(std::string_view name) const;
-  const Group* FindGroupByGid(std::uint32_t gid) const;
-  bool HasUid(std::uint32_t uid) const;
-
-  // An id of ours that no user or group has or had. kNoSpace when all are used up.
-  Result<std::uint32_t> TakeId();
-  // Remembers that `id` is given, if it is one of ours.
-  void NoteId(std::uint32_t id);
-  // The group of that name, created when missing: with the machine's id for it when it has one that is free here.
-  // kNoSpace; kUnavailable when the name service cannot tell.
-  Result<Group> GroupFor(const std::string& name);
 };
 
 // kCorrupt, with a sentence that says what is wrong, unless all of it is understood and refers to nothing missing:
 // known members only, names and ids unique and possible, groups that exist.
 Result<AccountDocument> ParseAccounts(std::string_view text);
-std::string RenderAccounts(const AccountDocument& document);
 
 }  // namespace vexa::base

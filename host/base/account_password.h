@@ -1,4 +1,4 @@
-// Password hashes of the account file: yescrypt, by crypt(3).
+// Password hashes of accounts: yescrypt, by crypt(3).
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ Status CheckNewPassword(const std::string& password);
 // further callers wait.
 Result<std::string> HashPassword(const std::string& password);
 
-// Whether a stored hash is one that this file may hold: "" and "!…" (no login), or a yescrypt hash.
+// Whether a stored hash is one that an account may have: "" and "!…" (no login), or a yescrypt hash.
 bool IsStoredHashValid(const std::string& stored);
 bool IsLoginDisabled(const std::string& stored);
 

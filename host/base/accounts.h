@@ -1,4 +1,4 @@
-// Users and groups of this host: who somebody is, and whether a password is theirs.
+// Users and groups: who somebody is, and whether a password is theirs.
 #pragma once
 
 #include <cstdint>
@@ -41,8 +41,19 @@ class AccountProvider {
   virtual Result<User> VerifyPassword(const std::string& name, const std::string& password) const = 0;
 };
 
+// The first and the last id of those that are given to users and groups: systemd's UIDS-GIDS document leaves 1879048192
+// to 2147483647 unused.
+inline constexpr std::uint32_t kFirstOwnId = 1'900'000'000;
+inline constexpr std::uint32_t kLastOwnId = 2'147'483'646;
+
+inline constexpr std::string_view kAdministratorsGroup = "administrators";
+inline constexpr std::string_view kUsersGroup = "users";  // everybody's primary group
+
 // Whether `name` may be a user's or group's name: 1 to 64 bytes of letters, digits and . _ - @ \ , starting with a
 // letter, a digit or an underscore.
 bool IsValidAccountName(std::string_view name);
+
+// `name` with its ASCII letters in lower case. Names are ASCII, and the locale has no part in it.
+std::string FoldedName(std::string_view name);
 
 }  // namespace vexa::base

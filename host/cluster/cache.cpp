@@ -81,6 +81,7 @@ Json::Value DRCache::NonBlockedRead() const {
   if (entry.is_stored() && (!is_valid || IsDataTimeout(loaded.record->info))) {
     vexa::cluster::RequestCacheRefresh(group_, name_);
   }
+  if (entry.is_stored()) vexa::cluster::NoteCacheRead(group_, name_);
   return is_valid ? loaded.record->data : GetDefaultValue();
 }
 

@@ -77,7 +77,7 @@ Status CacheEntry::Store(const Json::Value& data) const {
 
 namespace {
 
-RefreshOutcome TryRefresh(const CacheEntry& entry) {
+RefreshOutcome TryRefresh(const CacheEntry& entry, WhenDue when) {
   const LoadedCache before = entry.Load();
   const Result<CacheLock> lock = entry.TryLock();
   if (!lock && lock.error().code() == ErrorCode::kBusy) return RefreshOutcome::kBusy;
@@ -85,17 +85,17 @@ RefreshOutcome TryRefresh(const CacheEntry& entry) {
     entry.NoteFailure(lock.error());
     return RefreshOutcome::kFailed;
   }
-  if (entry.IsFresh(entry.Load(), before)) return RefreshOutcome::kCurrent;
+  if (when == WhenDue::kOutdated && entry.IsFresh(entry.Load(), before)) return RefreshOutcome::kCurrent;
   return entry.Refresh(*lock).was_stored ? RefreshOutcome::kCurrent : RefreshOutcome::kFailed;
 }
 
 }  // namespace
 
-RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache) {
+RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache, WhenDue when) {
   const CacheEntry entry(cache);
   if (!entry.is_stored()) return RefreshOutcome::kCurrent;
   try {
-    return TryRefresh(entry);
+    return TryRefresh(entry, when);
   } catch (const std::exception& exception) {
     entry.NoteFailure(Error(ErrorCode::kInternal, "Looking at the value failed", exception.what()));
     return RefreshOutcome::kFailed;

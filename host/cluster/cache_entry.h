@@ -68,6 +68,8 @@ enum class RefreshOutcome {
   kBusy,     // somebody else is at it
   kFailed,   // logged
 };
-RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache);
+// kAlways: also when the record is current by its age.
+enum class WhenDue { kOutdated, kAlways };
+RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache, WhenDue when = WhenDue::kOutdated);
 
 }  // namespace vexa::cluster

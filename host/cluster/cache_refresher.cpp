@@ -44,15 +44,38 @@ std::unique_ptr<VexaDR::Cache::DRCache> MakeObject(const CacheRefresher::Factory
   }
 }
 
+std::uint64_t VersionOf(const CacheRefresher::Version& version) {
+  try {
+    return version();
+  } catch (const std::exception&) {
+    return 0;  // which the cache's own refresh reports
+  }
+}
+
 }  // namespace
 
 CacheRefresher::CacheRefresher(CacheRefresherOptions options) : options_(options) {}
 
 CacheRefresher::~CacheRefresher() { Stop(); }
 
-void CacheRefresher::Add(const std::string& group, const std::string& name, Factory factory) {
+void CacheRefresher::Add(const std::string& group, const std::string& name, Factory factory, Version version) {
   const std::lock_guard lock(mutex_);
-  jobs_[{group, name}].factory = std::move(factory);
+  Job& job = jobs_[{group, name}];
+  job.factory = std::move(factory);
+  job.version = std::move(version);
+}
+
+void CacheRefresher::NoteRead(const std::string& group, const std::string& name) {
+  const std::lock_guard lock(mutex_);
+  const auto found = jobs_.find({group, name});
+  if (is_stopped_ || found == jobs_.end() || !found->second.version) return;
+  Job& job = found->second;
+  const Clock::time_point now = Clock::now();
+  const bool was_kept = now < job.kept_until;
+  job.kept_until = now + options_.keep_for;
+  if (was_kept) return;
+  if (!thread_.joinable()) StartThread();
+  wake_.notify_one();
 }
 
 void CacheRefresher::Request(const std::string& group, const std::string& name) {
@@ -106,30 +129,65 @@ void CacheRefresher::StartThread() {
 
 void CacheRefresher::Run() {
   std::unique_lock lock(mutex_);
-  while (true) {
-    wake_.wait(lock, [this] { return is_stopped_ || !waiting_.empty(); });
-    if (is_stopped_) return;
-    Entry& entry = *waiting_.front();
-    waiting_.pop_front();
+  while (!is_stopped_) {
+    Entry* entry = nullptr;
+    auto cause = Cause::kRequest;
+    if (!waiting_.empty()) {
+      entry = waiting_.front();
+      waiting_.pop_front();
+    } else {
+      entry = NextKept(Clock::now());
+      if (!entry) {
+        wake_.wait(lock, [this] { return is_stopped_ || !waiting_.empty() || NextKept(Clock::now()); });
+        continue;
+      }
+      if (entry->second.next_look > Clock::now()) {
+        wake_.wait_until(lock, entry->second.next_look);
+        continue;
+      }
+      cause = Cause::kLook;
+    }
     is_running_ = true;
-    RunOne(entry, lock);
+    RunOne(*entry, cause, lock);
     is_running_ = false;
     idle_.notify_all();
   }
 }
 
-void CacheRefresher::RunOne(Entry& entry, std::unique_lock<std::mutex>& lock) {
+// The cache that is to be looked at next, now or later; null when none is kept fresh.
+CacheRefresher::Entry* CacheRefresher::NextKept(Clock::time_point now) {
+  Entry* next = nullptr;
+  for (Entry& entry : jobs_) {
+    const Job& job = entry.second;
+    if (!job.version || now >= job.kept_until || job.state != State::kIdle) continue;
+    if (!next || job.next_look < next->second.next_look) next = &entry;
+  }
+  return next;
+}
+
+void CacheRefresher::RunOne(Entry& entry, Cause cause, std::unique_lock<std::mutex>& lock) {
   Job& job = entry.second;
   job.state = State::kRunning;
   const Factory factory = job.factory;
+  const Version version = job.version;
+  const Clock::time_point begun = Clock::now();
+  const bool is_old = begun - job.refreshed >= options_.refresh_after;
+  const std::uint64_t before = job.refreshed_version;
   lock.unlock();
   auto outcome = RefreshOutcome::kFailed;
   bool has_object = false;
+  std::uint64_t now_version = 0;
+  bool is_due = true;
   {
     const RequestScope scope;
-    if (const auto cache = MakeObject(factory, entry.first.first, entry.first.second)) {
+    if (version) now_version = VersionOf(version);
+    is_due = cause == Cause::kRequest || is_old || now_version != before;
+    if (!is_due) {
       has_object = true;
-      outcome = RefreshWhenDue(*cache);
+      outcome = RefreshOutcome::kCurrent;
+    } else if (const auto cache = MakeObject(factory, entry.first.first, entry.first.second)) {
+      has_object = true;
+      outcome = RefreshWhenDue(*cache, version ? WhenDue::kAlways : WhenDue::kOutdated);
     }
   }
   if (!has_object && !job.has_no_object) {
@@ -142,6 +200,11 @@ void CacheRefresher::RunOne(Entry& entry, std::unique_lock<std::mutex>& lock) {
   const bool has_failed = outcome == RefreshOutcome::kFailed;
   job.pause = has_failed ? std::clamp(2 * job.pause, options_.first_pause, options_.last_pause) : milliseconds(0);
   job.not_before = Clock::now() + (outcome == RefreshOutcome::kBusy ? kBusyPause : job.pause);
+  job.next_look = std::max(job.not_before, Clock::now() + options_.look_every);
+  if (is_due && outcome == RefreshOutcome::kCurrent) {
+    job.refreshed = begun;
+    job.refreshed_version = now_version;
+  }
 }
 
 void InstallCacheRefresher(std::unique_ptr<CacheRefresher> refresher) {
@@ -170,6 +233,15 @@ bool RemoveCacheRefresher(std::chrono::milliseconds deadline) {
   if (refresher && !refresher->Stop(deadline)) return false;
   RemoveCacheRefresher();
   return true;
+}
+
+void NoteCacheRead(const std::string& group, const std::string& name) {
+  std::shared_ptr<CacheRefresher> refresher;
+  {
+    const std::lock_guard lock(Current().mutex);
+    refresher = Current().refresher;
+  }
+  if (refresher) refresher->NoteRead(group, name);
 }
 
 void RequestCacheRefresh(const std::string& group, const std::string& name) {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -20,9 +21,16 @@ struct CacheRefresherOptions {
   // A refresh that failed is not tried again for so long; twice as long after each further failure, up to the last.
   std::chrono::milliseconds first_pause{1000};
   std::chrono::milliseconds last_pause{300'000};
+  // Of caches that are kept fresh: how often it is looked whether there is something new, how old a value may become,
+  // and for how long after the last read.
+  std::chrono::milliseconds look_every{1'000};
+  std::chrono::milliseconds refresh_after{4'000};
+  std::chrono::milliseconds keep_for{60'000};
 };
 
 // Refreshes caches of the installed environment's folder on a thread of its own, which is started at the first request.
+// Caches with a version are also kept fresh while this process reads them: refreshed when the version is another one,
+// or the value has become a few seconds old, until a minute after the last read.
 // One cache is refreshed at a time; a refresh is a cluster::RequestScope. Failures are logged once until a refresh
 // succeeds.
 // Threads: any, at the same time. The environment must outlive it.
@@ -37,8 +45,14 @@ class CacheRefresher {
   CacheRefresher(const CacheRefresher&) = delete;
   CacheRefresher& operator=(const CacheRefresher&) = delete;
 
-  // The factory's objects must be of this group and name.
-  void Add(const std::string& group, const std::string& name, Factory factory);
+  // The version of what a cache's value is made of. Called on the refresher's thread, in a cluster::RequestScope.
+  using Version = std::function<std::uint64_t()>;
+
+  // The factory's objects must be of this group and name. With `version` the cache is kept fresh.
+  void Add(const std::string& group, const std::string& name, Factory factory, Version version = {});
+
+  // Notes that the cache was read, whatever its age. Never waits.
+  void NoteRead(const std::string& group, const std::string& name);
 
   // Refreshes the cache soon, unless its value has become current by then. Never waits. Nothing happens when there is
   // no factory for it, it waits its turn or runs already, or it has failed a short while ago.
@@ -58,13 +72,23 @@ class CacheRefresher {
     Clock::time_point not_before{};
     std::chrono::milliseconds pause{0};  // 0: it did not fail last time
     bool has_no_object = false;          // the factory failed, which has been logged
+    // Of caches that are kept fresh:
+    Version version;
+    Clock::time_point kept_until{};
+    Clock::time_point next_look{};
+    Clock::time_point refreshed{};
+    std::uint64_t refreshed_version = 0;
   };
   using Key = std::pair<std::string, std::string>;
   using Entry = std::map<Key, Job>::value_type;
 
+  // What a refresh is made for.
+  enum class Cause { kRequest, kLook };
+
   void StartThread();
   void Run();
-  void RunOne(Entry& entry, std::unique_lock<std::mutex>& lock);
+  void RunOne(Entry& entry, Cause cause, std::unique_lock<std::mutex>& lock);
+  Entry* NextKept(Clock::time_point now);
 
   const CacheRefresherOptions options_;
   std::mutex mutex_;  // never held while something is refreshed
@@ -84,6 +108,9 @@ void RemoveCacheRefresher();
 // The same, but waits at most so long. False: the refresh still runs, and the environment must stay. No further one
 // begins, and a later removal waits for it.
 bool RemoveCacheRefresher(std::chrono::milliseconds deadline);
+
+// Tells the installed refresher that a cache was read; without one nothing happens. Never waits.
+void NoteCacheRead(const std::string& group, const std::string& name);
 
 // Asks the installed refresher; without one nothing happens. Never waits.
 void RequestCacheRefresh(const std::string& group, const std::string& name);

@@ -1,6 +1,7 @@
 #include "host/cluster/cluster_status.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include "host/cluster/environment_internal.h"
 #include "webapi/platform/ccc_constants.h"
@@ -8,13 +9,22 @@
 #include "webapi/utils/json.h"
 
 namespace vexa::cluster {
+namespace {
+
+std::atomic<std::uint64_t> condition_changes{0};
+
+}  // namespace
+
+void NoteConditionChanged() { ++condition_changes; }
 
 store::Health ClusterStatus::HealthOf(const store::Store& store, std::chrono::seconds max_age) {
   const std::lock_guard lock(mutex_);
   const auto now = std::chrono::steady_clock::now();
-  if (!health_ || now - found_ >= std::min(max_age, kStatusAge)) {
+  const std::uint64_t changes = condition_changes;
+  if (!health_ || changes != changes_seen_ || now - found_ >= std::min(max_age, kStatusAge)) {
     health_ = store.health();
     found_ = now;
+    changes_seen_ = changes;
   }
   return *health_;
 }

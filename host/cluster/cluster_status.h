@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 
@@ -14,15 +15,20 @@ inline constexpr char kDatabaseAccessible[] = "etcd_accessible";
 
 inline constexpr std::chrono::seconds kStatusAge{1};
 
+// What was found out about the database before is outdated. Threads: any, at any time.
+void NoteConditionChanged();
+
 // Threads: any, at the same time.
 class ClusterStatus {
  public:
-  // How the store is: as it was found at most kStatusAge ago, or `max_age` when that is less.
+  // How the store is: as it was found at most kStatusAge ago, or `max_age` when that is less, and since the last
+  // NoteConditionChanged.
   store::Health HealthOf(const store::Store& store, std::chrono::seconds max_age);
 
  private:
   std::mutex mutex_;
   std::optional<store::Health> health_;
+  std::uint64_t changes_seen_ = 0;
   std::chrono::steady_clock::time_point found_;
 };
 

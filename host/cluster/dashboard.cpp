@@ -6,6 +6,7 @@
 #include "host/cluster/environment.h"
 #include "host/cluster/host_life.h"
 #include "host/cluster/reading.h"
+#include "host/cluster/shutdown_reason.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -80,6 +81,7 @@ int PutStateNow(const DashCate& category, const std::string& id, Json::Value& re
   const auto now = StateNow(category, id, record);
   if (!now) return kFailed;
   if (*now && record.isObject()) record[Json::StaticString(_k::state)] = std::string(**now);
+  if (IsOf(category, DashCate::Guest) && !vexa::cluster::PutShutdown(id, record)) return kFailed;
   return kFound;
 }
 

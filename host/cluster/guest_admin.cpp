@@ -1,8 +1,14 @@
 #include "host/cluster/guest_admin.h"
 
+#include <syslog.h>
+
+#include <mutex>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "host/cluster/environment.h"
+#include "host/cluster/guest_admin_record.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -13,22 +19,41 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
+// Requests ask for the same records again and again: a line for each id and name is enough.
+void LogForeignRecord(const std::string& identifier, const Json::Value& record, const std::string& name) {
+  constexpr std::size_t kMaxRemembered = 4096;
+  static std::mutex mutex;
+  static std::set<std::string> logged;
+  {
+    const std::lock_guard lock(mutex);
+    if (logged.size() >= kMaxRemembered || !logged.insert(identifier + ' ' + name).second) return;
+  }
+  const Status refused = CheckGivenTo(record, GuestAdminKey(identifier), name);
+  if (!refused) ::syslog(LOG_WARNING, "%s.", refused.error().ToString().c_str());
+}
+
 // The guest-admin records that speak for `user`: their own first, then those of their groups. Missing ones are left
-// out.
+// out, and so are those that were given to somebody of another name: hosts may differ in whose an id is.
 Result<std::vector<Record>> RecordsOf(const std::string& user) {
   const Environment* environment = CurrentEnvironment();
   if (!environment) return Error(ErrorCode::kUnavailable, "The cluster database is not open");
   const Result<base::User> found = environment->accounts->FindUser(user);
   if (!found) return found.error();
-  std::vector<std::string> identifiers{GuestAdminIdentifier(kUsersKind, found->uid)};
+  std::vector<std::pair<std::string, std::string>> principals{
+      {GuestAdminIdentifier(kUsersKind, found->uid), found->name}};
   for (const base::Group& group : found->groups) {
-    identifiers.push_back(GuestAdminIdentifier(kGroupsKind, group.gid));
+    principals.emplace_back(GuestAdminIdentifier(kGroupsKind, group.gid), group.name);
   }
   std::vector<Record> records;
-  for (const std::string& identifier : identifiers) {
+  for (const auto& [identifier, name] : principals) {
     Result<Record> record = ReadRecord(GuestAdminKey(identifier));
     if (!record) return record.error();
-    if (*record) records.push_back(std::move(*record));
+    if (!*record) continue;
+    if (IsGivenTo(**record, name)) {
+      records.push_back(std::move(*record));
+    } else {
+      LogForeignRecord(identifier, **record, name);
+    }
   }
   return records;
 }

@@ -1,8 +1,10 @@
 // Guest-admin records: who is advanced, and which guests somebody may use.
 //
 // One record per user or group in the dashboard category "guest_admin", under its identifier:
-//   {"authlevel": "advanced", "guests": {"<guest id>": true}}
-// "authlevel" is "advanced" or anything else; the member names of "guests" are the granted guests.
+//   {"authlevel": "advanced", "guests": {"<guest id>": true}, "name": "alice"}
+// "authlevel" is "advanced" or anything else; the member names of "guests" are the granted guests. "name" is who the
+// record was given to: on a host where the id belongs to somebody of another name, it gives no rights. Records of older
+// versions have no name until their next change.
 #pragma once
 
 #include <cstdint>

@@ -3,6 +3,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/cluster/environment.h"
@@ -20,76 +21,99 @@ using VexaCCC::tagGuestAdminRule;
 
 constexpr std::uint32_t kNoId = UINT32_MAX;
 
-// What is asked of one record.
-struct Wish {
+// What is asked of one user's or group's record.
+struct Request {
+  std::string known_name;  // what this host calls them
   std::vector<Rule> rules;
-  std::set<std::string> names;  // of the user or group, for messages
+  std::set<std::string> names;  // what the rules call the user or group, for messages
 };
-using Wishes = std::map<std::string, Wish>;  // by the store's key
+using PrincipalKey = std::pair<std::string, std::uint32_t>;  // kind and id
 
 std::string NameOf(const tagGuestAdminRule& rule) { return rule.name.empty() ? std::to_string(rule.id) : rule.name; }
 
-// Whether there is such a user or group. No, when that cannot be told.
-bool IsSomebody(const base::AccountProvider& accounts, const tagGuestAdminRule& rule) {
-  if (rule.id == kNoId) return false;
-  if (rule.kind == kUsersKind) return accounts.FindUserByUid(rule.id).ok();
-  return rule.kind == kGroupsKind && accounts.FindGroupByGid(rule.id).ok();
+// What this host calls the user or group; empty when there is none, or when that cannot be told.
+std::string KnownName(const base::AccountProvider& accounts, const PrincipalKey& principal) {
+  if (principal.first == kUsersKind) {
+    const auto user = accounts.FindUserByUid(principal.second);
+    return user ? user->name : std::string();
+  }
+  const auto group = accounts.FindGroupByGid(principal.second);
+  return group ? group->name : std::string();
 }
 
 class GuestRights {
  public:
-  GuestRights(const Environment& environment, const std::string& guest_id) : environment_(environment), id_(guest_id) {}
+  GuestRights(const Environment& environment, const std::string& guest_id)
+      : environment_(environment), id_(guest_id), seen_(RevisionBeforeLookup(*environment.store)) {}
 
   void Add(const tagGuestAdminRule& rule) {
-    if (!CanBeGuestId(id_) || !IsSomebody(*environment_.accounts, rule)) {
-      nobodies_.insert(NameOf(rule));
+    const bool has_kind = rule.kind == kUsersKind || rule.kind == kGroupsKind;
+    if (!CanBeGuestId(id_) || !has_kind || rule.id == kNoId) {
+      impossible_.insert(NameOf(rule));
       return;
     }
-    Wish& wish = wishes_[GuestAdminKey(GuestAdminIdentifier(rule.kind, rule.id))];
-    wish.rules.push_back({VexaCCC::DB::_k::guest, id_, rule.allow});
-    wish.names.insert(NameOf(rule));
+    const PrincipalKey principal{rule.kind, rule.id};
+    const std::string name = KnownName(*environment_.accounts, principal);
+    if (name.empty()) {
+      impossible_.insert(NameOf(rule));
+      return;
+    }
+    Request& request = requests_[principal];
+    request.known_name = name;
+    request.rules.push_back({VexaCCC::DB::_k::guest, id_, rule.allow});
+    request.names.insert(NameOf(rule));
   }
 
   // Who could not be set.
   std::vector<std::string> Commit() {
     std::set<std::string> failed;
     if (!CommitPlanned(*environment_.store, [&] { return Plan(failed); })) {
-      for (const auto& [key, wish] : wishes_) failed.insert(wish.names.begin(), wish.names.end());
+      for (const auto& [principal, request] : requests_) failed.insert(request.names.begin(), request.names.end());
     }
-    failed.insert(nobodies_.begin(), nobodies_.end());
+    failed.insert(impossible_.begin(), impossible_.end());
     return {failed.begin(), failed.end()};
   }
 
  private:
-  // What to commit. A record that cannot be understood is left alone, and its owner is among the `failed`.
+  // What to commit. Among the `failed` are users who have been deleted meanwhile, and those whose record cannot be
+  // understood or was given to another: it is left alone.
   Result<store::Transaction> Plan(std::set<std::string>& failed) const {
     failed.clear();
     store::Transaction transaction;
-    if (wishes_.empty()) return transaction;
+    if (requests_.empty()) return transaction;
     const auto snapshot = environment_.store->Read();
     if (!snapshot) return snapshot.error();
-    for (const auto& [key, wish] : wishes_) {
-      const Status put = PutChanged(**snapshot, key, wish, transaction);
-      if (!put && put.error().code() != ErrorCode::kCorrupt) return put.error();
-      if (!put) failed.insert(wish.names.begin(), wish.names.end());
+    for (const auto& [principal, request] : requests_) {
+      const Status put = PutChanged(**snapshot, principal, request, transaction);
+      if (put) continue;
+      const ErrorCode code = put.error().code();
+      const bool is_theirs_alone =
+          code == ErrorCode::kCorrupt || code == ErrorCode::kDenied || code == ErrorCode::kNotFound;
+      if (!is_theirs_alone) return put.error();
+      failed.insert(request.names.begin(), request.names.end());
     }
     return transaction;
   }
 
-  static Status PutChanged(const store::Snapshot& snapshot, const std::string& key, const Wish& wish,
-                           store::Transaction& transaction) {
+  Status PutChanged(const store::Snapshot& snapshot, const PrincipalKey& principal, const Request& request,
+                    store::Transaction& transaction) const {
+    const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.first, principal.second));
     Result<StoredObject> stored = LoadObject(snapshot, key);
     if (!stored) return stored.error();
-    const Result<bool> differs = ApplyRules(*stored, key, wish.rules);
+    const Result<bool> differs = ApplyRules(*stored, key, request.known_name, request.rules);
     if (!differs) return differs.error();
-    if (*differs) PutObject(transaction, key, *stored);
-    return {};
+    if (!*differs) return {};
+    // First: what is refused must leave nothing in the transaction of the others.
+    const Status compared = CompareAccount(snapshot, principal.first, principal.second, seen_, transaction);
+    if (compared) PutObject(transaction, key, *stored);
+    return compared;
   }
 
   const Environment& environment_;
   const std::string& id_;
-  Wishes wishes_;
-  std::set<std::string> nobodies_;
+  const store::Revision seen_;
+  std::map<PrincipalKey, Request> requests_;
+  std::set<std::string> impossible_;
 };
 
 }  // namespace

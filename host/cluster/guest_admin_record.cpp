@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/cluster/account_records.h"
+#include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -15,6 +17,7 @@ namespace keys = VexaCCC::DB::_k;
 
 // As the command line makes them.
 constexpr char kOrdinaryLevel[] = "user";
+constexpr char kName[] = "name";
 
 void Apply(Json::Value& guests, const VexaCCC::Rule& rule) {
   if (rule.allow) {
@@ -32,19 +35,62 @@ bool CanBeGuestId(const std::string& id) {
   return store::IsKey(store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), id, keys::object}));
 }
 
-Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::vector<VexaCCC::Rule>& rules) {
-  const Json::Value before = json::Member(stored.record, keys::guests);
-  // Not overwritten: it may be all that is left of somebody's grants.
-  if (!before.isNull() && !before.isObject()) {
+Json::Value NewGrantRecord(const std::string& name, std::string_view level) {
+  Json::Value record(Json::objectValue);
+  record[keys::authlevel] = std::string(level);
+  record[keys::guests] = Json::Value(Json::objectValue);
+  if (!name.empty()) record[kName] = name;
+  return record;
+}
+
+bool IsGivenTo(const Json::Value& record, const std::string& name) {
+  const Json::Value* owner = json::FindMember(record, kName);
+  return owner == nullptr || name.empty() || (owner->isString() && json::String(*owner) == name);
+}
+
+Status CheckGivenTo(const Json::Value& record, const std::string& key, const std::string& name) {
+  const Json::Value& guests = json::Member(record, keys::guests);
+  if (!guests.isNull() && !guests.isObject()) {
     return Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are no object: repair or delete the record");
   }
+  if (IsGivenTo(record, name)) return {};
+  return Error(ErrorCode::kDenied, "The grants in '" + key + "' were given to '" +
+                                       json::String(json::Member(record, kName)) + "', and this host calls the id '" +
+                                       name +
+                                       "'. Make ids and names the same on all hosts, or drop the grants with "
+                                       "'vexa user drop-grants' or 'vexa group drop-grants'");
+}
+
+Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::string& name,
+                        const std::vector<VexaCCC::Rule>& rules) {
+  if (Status owner = CheckGivenTo(stored.record, key, name); !owner) return owner.error();
+  const Json::Value before = json::Member(stored.record, keys::guests);
   Json::Value guests = before.isNull() ? Json::Value(Json::objectValue) : before;
   for (const VexaCCC::Rule& rule : rules) Apply(guests, rule);
   const bool is_same = before.isNull() ? guests.empty() : guests == before;
   if (is_same) return false;
   if (stored.revision == 0) stored.record[keys::authlevel] = kOrdinaryLevel;
+  if (!name.empty()) stored.record[kName] = name;
   stored.record[keys::guests] = std::move(guests);
   return true;
+}
+
+store::Revision RevisionBeforeLookup(const store::Store& store) {
+  const auto snapshot = store.Read();
+  return snapshot ? (*snapshot)->revision() : 0;
+}
+
+// A note of a deletion from before the look-up says nothing: accounts may come from elsewhere since then.
+Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
+                      store::Transaction& transaction) {
+  if (kind != kUsersKind) return {};
+  const std::string deleted_key = DeletedUserKey(id);
+  const auto deleted = snapshot.Get(deleted_key);
+  if (!deleted) return deleted.error();
+  const store::Revision revision = deleted->has_value() ? (*deleted)->revision : 0;
+  if (revision > seen) return Error(ErrorCode::kNotFound, "The user has been deleted");
+  transaction.compares.push_back({deleted_key, revision});
+  return {};
 }
 
 }  // namespace vexa::cluster

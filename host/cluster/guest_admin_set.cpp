@@ -1,5 +1,8 @@
 // Changes of guest-admin records, and the identifiers that lead to them.
 #include <charconv>
+#include <optional>
+#include <string>
+#include <string_view>
 
 #include "host/cluster/environment.h"
 #include "host/cluster/guest_admin.h"
@@ -14,43 +17,74 @@ namespace {
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::Rule;
 
-// Exactly what GuestAdminIdentifier gives for some number.
-bool IsIdentifier(std::string_view text) {
+struct Principal {
+  std::string_view kind;
+  std::uint32_t id = 0;
+};
+
+// From exactly what GuestAdminIdentifier gives for some number.
+std::optional<Principal> ParseIdentifier(std::string_view text) {
   for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
     if (!text.starts_with(kind) || text.size() <= kind.size() + 1) continue;
     const std::string_view digits = text.substr(kind.size() + 1);
     std::uint32_t number = 0;
     const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    return parsed.ec == std::errc() && text == GuestAdminIdentifier(kind, number);
+    if (parsed.ec != std::errc() || text != GuestAdminIdentifier(kind, number)) return std::nullopt;
+    return Principal{kind, number};
   }
-  return false;
+  return std::nullopt;
+}
+
+// What this host calls the user or group; empty when there is none.
+Result<std::string> NameOf(const base::AccountProvider* accounts, const Principal& principal) {
+  if (accounts == nullptr) return std::string();
+  std::optional<Error> error;
+  if (principal.kind == kUsersKind) {
+    const auto user = accounts->FindUserByUid(principal.id);
+    if (user) return user->name;
+    error = user.error();
+  } else {
+    const auto group = accounts->FindGroupByGid(principal.id);
+    if (group) return group->name;
+    error = group.error();
+  }
+  if (error->code() == ErrorCode::kNotFound) return std::string();
+  return *error;
 }
 
 bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
 
 // What to commit; nothing when the record is as the rules want it.
-Result<store::Transaction> PlanRules(const store::Store& store, const std::string& key,
-                                     const std::vector<Rule>& rules) {
+Result<store::Transaction> PlanRules(const store::Store& store, const Principal& principal, const std::string& name,
+                                     store::Revision seen, const std::vector<Rule>& rules) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
+  const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.kind, principal.id));
   Result<StoredObject> stored = LoadObject(**snapshot, key);
   if (!stored) return stored.error();
-  const Result<bool> differs = ApplyRules(*stored, key, rules);
+  const Result<bool> differs = ApplyRules(*stored, key, name, rules);
   if (!differs) return differs.error();
   store::Transaction transaction;
-  if (*differs) PutObject(transaction, key, *stored);
+  if (!*differs) return transaction;
+  PutObject(transaction, key, *stored);
+  if (Status compared = CompareAccount(**snapshot, principal.kind, principal.id, seen, transaction); !compared) {
+    return compared.error();
+  }
   return transaction;
 }
 
-Status SetRules(store::Store& store, const std::string& identifier, const std::vector<Rule>& rules) {
-  if (!IsIdentifier(identifier)) {
-    return Error(ErrorCode::kInvalid, "This is the identifier of no user and no group");
-  }
+Status SetRules(const Environment& environment, const std::string& identifier, const std::vector<Rule>& rules) {
+  const auto principal = ParseIdentifier(identifier);
+  if (!principal) return Error(ErrorCode::kInvalid, "This is the identifier of no user and no group");
   for (const Rule& rule : rules) {
     if (!IsGuestRule(rule)) return Error(ErrorCode::kInvalid, "A rule is not about a guest");
   }
-  const std::string key = GuestAdminKey(identifier);
-  return CommitPlanned(store, [&] { return PlanRules(store, key, rules); });
+  store::Store& store = *environment.store;
+  RequestScope::ReleaseSnapshot();
+  const store::Revision seen = RevisionBeforeLookup(store);
+  const Result<std::string> name = NameOf(environment.accounts.get(), *principal);
+  if (!name) return name.error();
+  return CommitPlanned(store, [&] { return PlanRules(store, *principal, *name, seen, rules); });
 }
 
 }  // namespace
@@ -76,7 +110,7 @@ std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numer
 int gaUserSet(const std::string& identifier, const std::string& empty, const std::vector<Rule>& rules) {
   const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
   if (!environment || !empty.empty()) return -1;
-  return vexa::cluster::SetRules(*environment->store, identifier, rules) ? 0 : -1;
+  return vexa::cluster::SetRules(*environment, identifier, rules) ? 0 : -1;
 }
 
 }  // namespace VexaCCC

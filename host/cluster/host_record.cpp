@@ -135,7 +135,7 @@ Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& 
 }
 
 Status TouchHost(store::Store& store, const std::string& host_id, system_clock::time_point now,
-                 const HostClaim* claim) {
+                 const std::string& state, const HostClaim* claim) {
   return CommitPlanned(store, [&]() -> Result<store::Transaction> {
     store::Transaction transaction;
     if (const Status guarded = GuardWith(claim, transaction); !guarded) return guarded.error();
@@ -143,7 +143,7 @@ Status TouchHost(store::Store& store, const std::string& host_id, system_clock::
     if (!host) return host.error();
     if (host->revision == 0) return Error(ErrorCode::kNotFound, "This host has no record in the cluster database");
     if (IsInaccessible(host->record)) {
-      host->record[keys::state] = VexaCCC::State::Host::running;
+      host->record[keys::state] = state.empty() ? VexaCCC::State::Host::running : state;
       PutObject(transaction, KeyOf(host_id, keys::object), *host);
     }
     PutSeen(transaction, host_id, now);
@@ -239,7 +239,7 @@ void HostPresence::Announce() {
 Status HostPresence::Write(const HostFacts& facts, system_clock::time_point now) const {
   if (!registered_) return RegisterHost(*store_, facts, now, options_.claim.get());
   if (HasChanged(facts_, facts)) return UpdateHost(*store_, facts, {started_, now}, options_.claim.get());
-  Status touched = TouchHost(*store_, facts.host_id, now, options_.claim.get());
+  Status touched = TouchHost(*store_, facts.host_id, now, facts.state, options_.claim.get());
   if (touched || touched.error().code() != ErrorCode::kNotFound) return touched;
   return UpdateHost(*store_, facts, {started_, now}, options_.claim.get());
 }

@@ -67,10 +67,10 @@ struct HostTimes {
 Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& times,
                   const HostClaim* claim = nullptr);
 
-// Tells that the host lives. Only the key "seen" changes, but for a record that says "inaccessible": it gets the state
-// "running" back. kNotFound, and nothing is written, when the host has no record.
+// Tells that the host lives. Only the key "seen" changes, but for a record that says "inaccessible": it gets `state`
+// back, or "running" for an empty one. kNotFound, and nothing is written, when the host has no record.
 Status TouchHost(store::Store& store, const std::string& host_id, std::chrono::system_clock::time_point now,
-                 const HostClaim* claim = nullptr);
+                 const std::string& state = "", const HostClaim* claim = nullptr);
 
 // Sets the state to "inaccessible"; nothing to do when the host has no record.
 Status LeaveHost(store::Store& store, const std::string& host_id, const HostClaim* claim = nullptr);

@@ -57,6 +57,23 @@ Result<Hosts> ReadHosts() {
 }
 
 }  // namespace
+
+Result<bool> HasIncompatibleHosts() {
+  const CallScope scope;
+  const auto ids = ReadChildren(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
+  if (!ids) return ids.error();
+  std::vector<std::string> versions;
+  for (const std::string& id : *ids) {
+    const Result<HostLife> life = LifeOf(id);
+    if (!life) return life.error();
+    if (life->is_gone) continue;
+    const Result<Json::Value> record = ReadHostObject(id, keys::object);
+    if (!record) return record.error();
+    if (std::optional<std::string> version = Published(*record, "version")) versions.push_back(std::move(*version));
+  }
+  return AreIncompatible(versions);
+}
+
 }  // namespace vexa::cluster
 
 namespace VexaCCC {

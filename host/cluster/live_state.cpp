@@ -7,6 +7,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/cluster/object_edit.h"
+#include "host/cluster/unstored_states.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -69,7 +70,17 @@ Observed Judge(const Json::Value& guest, const Json::Value& live, const Observat
   return SequenceOf(live, observation.host_id) < observation.sequence ? Observed::kStored : Observed::kOlder;
 }
 
+// A guest that is being started may still come to nothing, and is off as before then.
+bool IsBeyondShutdown(const std::string& state) {
+  return VexaCCC::Utils::IsGuestStateOnline(state) && state != states::booting;
+}
+
 void Note(Json::Value& live, const Observation& observation) {
+  if (observation.shutdown) {
+    live[kShutdown] = ShutdownJson(*observation.shutdown);
+  } else if (IsBeyondShutdown(observation.state)) {
+    live.removeMember(kShutdown);
+  }
   live[keys::host_id] = observation.host_id;
   live["time"] = CountOf(observation.time.time_since_epoch());
   Json::Value& sequence = json::MakeObject(json::MakeObject(live[kSequences])[observation.host_id]);
@@ -121,8 +132,14 @@ Result<Observed> Observe(store::Store& store, const std::string& guest_id, const
   }
   Observed outcome = Observed::kStored;
   const Status committed = CommitPlanned(store, [&] { return Plan(store, guest_id, observation, outcome); });
-  if (!committed) return committed.error();
-  return outcome;
+  if (committed) {
+    ForgetUnstoredState(guest_id);
+    return outcome;
+  }
+  if (outcome == Observed::kStored && store.health() == store::Health::kInaccessible) {
+    NoteUnstoredState(guest_id, observation.state);
+  }
+  return committed.error();
 }
 
 Result<std::uint64_t> StartEpoch(store::Store& store, const std::string& host_id, system_clock::time_point now) {

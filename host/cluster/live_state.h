@@ -2,8 +2,9 @@
 //
 //   /dash/guest/<guest id>/state   the state, a text of VexaCCC::State::Guest
 //   /live/<guest id>               {"host_id", "time" (Unix seconds), "sequences": {"<host id>": {"epoch",
-//   "counter"}}}:
-//                                  who told it last, and how far each host that ever ran the guest has counted
+//   "counter"}}, "shutdown": see shutdown_reason.h}:
+//                                  who told it last, how far each host that ever ran the guest has counted, and why
+//                                  the guest is off
 //   /live_epoch/<host id>          {"epoch"}
 //
 // The state is a key of its own beside the guest's record and goes before the record's member of that name, for every
@@ -19,6 +20,7 @@
 #include <string>
 
 #include "host/base/result.h"
+#include "host/cluster/shutdown_reason.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {
@@ -35,6 +37,8 @@ struct Observation {
   Sequence sequence;
   std::string host_id;
   std::chrono::system_clock::time_point time;
+  // Why the guest is off. Without one the reason that is stored stays, unless the guest runs.
+  std::optional<ShutdownReason> shutdown{};
   std::optional<store::Compare> guard{};  // nothing is stored once this has changed (HostClaim::Guard)
 };
 
@@ -72,6 +76,9 @@ class Sequencer {
 
 // Adds to the transaction that deletes a guest that its live state goes with it.
 void ForgetLiveState(store::Transaction& transaction, const std::string& guest_id);
+
+// The member of LiveRecordKey() that has the reason.
+inline constexpr char kShutdown[] = "shutdown";
 
 // Where the state of a guest is, and who told it.
 std::string LiveStateKey(const std::string& guest_id);

@@ -5,9 +5,12 @@
 #include <optional>
 #include <utility>
 
+#include "host/cluster/environment.h"
 #include "host/cluster/host_life.h"
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
+#include "host/cluster/shutdown_reason.h"
+#include "host/cluster/unstored_states.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -44,6 +47,15 @@ vexa::Result<std::optional<Json::Value>> ReadLiveState(const std::string& guest_
   return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is no text");
 }
 
+// What this host has seen of the guest since the database was lost; nothing when it is not, or nothing was seen.
+std::optional<std::string> UnstoredLiveState(const std::string& guest_id) {
+  auto state = vexa::cluster::UnstoredState(guest_id);
+  if (!state) return state;
+  const vexa::cluster::Environment* const environment = vexa::cluster::CurrentEnvironment();
+  const bool is_lost = environment && environment->store->health() == vexa::store::Health::kInaccessible;
+  return is_lost ? state : std::nullopt;
+}
+
 }  // namespace
 
 int vgConfGet(const std::string& guest_id, Json::Value& conf) {
@@ -57,12 +69,17 @@ int vgConfGet(const std::string& guest_id, Json::Value& conf) {
   const auto now = vexa::cluster::GuestStateNow(*record, stored.isString() ? json::String(stored) : std::string());
   if (!now) return kFailed;
   if (*now) (*record)[Json::StaticString(keys::state)] = std::string(**now);
+  if (!vexa::cluster::PutShutdown(guest_id, *record)) return kFailed;
   conf = std::move(*record);
   return 0;
 }
 
 int vgConfStateGet(const std::string& guest_id, std::string& state) {
   const CallScope scope;
+  if (auto unstored = UnstoredLiveState(guest_id)) {
+    state = *std::move(unstored);
+    return 0;
+  }
   const auto live = ReadLiveState(guest_id);
   if (!live) return kFailed;
   const auto record = ReadGuest(guest_id);

@@ -7,6 +7,7 @@
 #include "host/base/json_parse.h"
 #include "host/cluster/environment_internal.h"
 #include "host/cluster/record_names.h"
+#include "host/cluster/revisions.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc_constants.h"
 
@@ -74,6 +75,19 @@ Result<bool> Exists(std::string_view key) {
     if (!value) return value.error();
     return value->has_value();
   });
+}
+
+Result<store::Revision> RevisionOf(std::string_view key) {
+  return WithSnapshot<store::Revision>([key](const store::Snapshot& snapshot) -> Result<store::Revision> {
+    const Result<std::optional<store::ValueView>> value = snapshot.Get(key);
+    if (!value) return value.error();
+    return value->has_value() ? (*value)->revision : 0;
+  });
+}
+
+Result<store::Revision> CurrentRevision() {
+  return WithSnapshot<store::Revision>(
+      [](const store::Snapshot& snapshot) -> Result<store::Revision> { return snapshot.revision(); });
 }
 
 Result<Record> ReadObject(std::string_view category, std::string_view id) {

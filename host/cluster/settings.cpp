@@ -4,6 +4,7 @@
 
 #include "host/cluster/object_edit.h"
 #include "host/cluster/reading.h"
+#include "host/cluster/versions.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc_state.h"
 #include "webapi/utils/json.h"
@@ -47,7 +48,10 @@ Status WriteSetting(store::Store& store, const std::string& key, const char* nam
 int ReadUpgradeFlag() {
   const Result<UpgradeSettings> settings = ReadUpgradeSettings();
   if (!settings) return -1;
-  return settings->incompatible ? 1 : 0;
+  if (settings->incompatible) return 1;
+  const Result<bool> found = HasIncompatibleHosts();
+  if (!found) return -1;
+  return *found ? 1 : 0;
 }
 
 }  // namespace

@@ -19,7 +19,8 @@ struct ClusterSettings {
 };
 
 struct UpgradeSettings {
-  // Whether the hosts are between two versions that do not understand each other's records.
+  // Whether the hosts count as being between two versions that do not understand each other's records, whatever
+  // versions they have. Otherwise their versions decide, see versions.h.
   bool incompatible = false;
 };
 

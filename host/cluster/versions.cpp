@@ -62,6 +62,17 @@ std::optional<Version> ParseVersion(std::string_view text) {
   return text.empty() ? std::optional(version) : std::nullopt;
 }
 
+bool AreIncompatible(const std::vector<std::string>& versions) {
+  std::optional<std::uint32_t> major;
+  for (const std::string& text : versions) {
+    const std::optional<Version> version = ParseVersion(text);
+    if (!version) continue;
+    if (major && *major != version->front()) return true;
+    major = version->front();
+  }
+  return false;
+}
+
 std::map<std::string, std::string> VersionStates(const std::map<std::string, HostVersions>& hosts) {
   std::optional<Version> highest;
   std::optional<Version> highest_package;

@@ -21,6 +21,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "host/base/result.h"
 
 namespace vexa::cluster {
 
@@ -34,6 +37,13 @@ struct HostVersions {
   std::optional<std::string> version;
   std::optional<std::string> package_version;
 };
+
+// Whether two of the versions have different major numbers, so that their hosts do not understand each other's records.
+// Those that cannot be read are no reason.
+bool AreIncompatible(const std::vector<std::string>& versions);
+// The same of the versions that the cluster's hosts publish; hosts that are gone do not count. In a request, as of its
+// snapshot. Errors: what the store says.
+Result<bool> HasIncompatibleHosts();
 
 // The version state (VexaCCC::State::Version) of each host, by host id.
 std::map<std::string, std::string> VersionStates(const std::map<std::string, HostVersions>& hosts);

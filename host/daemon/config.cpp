@@ -74,10 +74,15 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
   app.add_option("--store", config.store_directory,
                  "The folder of the database, when it is not in the data folder; hosts of one machine may share one")
       ->group("Data");
-  app.add_option("--accounts", config.accounts, "Who knows users and passwords: a file of ours, or PAM and NSS")
-      ->check(CLI::IsMember({"file", "pam"}))
+  app.add_option(
+         "--accounts", config.accounts,
+         "Who knows users and passwords: \"store\", the store of the cluster, or \"pam\", the machine's PAM and "
+         "NSS; \"file\" means \"store\"")
+      ->check(CLI::IsMember({"store", "pam", "file"}))
       ->group("Accounts");
-  app.add_option("--account-file", config.account_file, "The account file (default: accounts.json in the data folder)")
+  app.add_option(
+         "--account-file", config.account_file,
+         "An account file of an older version, taken over into the store (default: accounts.json in the data folder)")
       ->group("Accounts");
   app.add_option("--pam-service", config.pam_service, "The PAM service's name")->group("Accounts");
   app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)")
@@ -119,6 +124,20 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
   app.add_option("--image-roots", config.image_roots,
                  "Folders, absolute paths, with guests' disks: a guest's deletion removes no file elsewhere (default: "
                  "images in the data folder)")
+      ->group("Guests");
+  app.add_option(
+         "--repository-warning", config.repository_warning,
+         "Percent of a repository's file system that is used from which it is shown with a warning; 0 for never")
+      ->check(CLI::Range(0, 100))
+      ->group("Guests");
+  app.add_option("--repository-full", config.repository_full,
+                 "Percent of it from which the repository is full and its guests are not started; 0 for never")
+      ->check(CLI::Range(0, 100))
+      ->group("Guests");
+  app.add_option("--repository-headroom", config.repository_headroom,
+                 "With more GiB free than this a file system is neither, whatever the percentage; 0 for percentages "
+                 "alone")
+      ->check(CLI::Range(0, 1'048'576))
       ->group("Guests");
   app.add_option("--vcpus-per-cpu", config.vcpus_per_cpu,
                  "How many virtual CPUs of running guests a logical processor may serve")
@@ -241,6 +260,10 @@ Status CheckGuests(const Config& config) {
   }
   std::vector<std::string> folders = config.image_roots;
   if (config.hypervisor == "embed") folders.push_back(config.hypervisor_root);
+  const bool has_both = config.repository_warning != 0 && config.repository_full != 0;
+  if (has_both && config.repository_warning > config.repository_full) {
+    return Error(ErrorCode::kInvalid, "'repository-warning' is above 'repository-full': set it to a lower percentage");
+  }
   for (const std::string& folder : folders) {
     if (folder.starts_with('/') && folder.find('\0') == std::string::npos) continue;
     return Error(ErrorCode::kInvalid,

@@ -22,15 +22,18 @@ struct Config {
   std::string tls_certificate;                        // for every network listener
   std::string tls_key;
   std::string client_authority;
-  std::string cluster_listen;     // "address:port" for other hosts; empty: no cluster
-  std::string cluster_address;    // where other hosts find it, numeric; empty: cluster_listen
-  std::string accounts = "file";  // "file" or "pam"
-  std::string account_file;       // empty: accounts.json in the data folder
+  std::string cluster_listen;      // "address:port" for other hosts; empty: no cluster
+  std::string cluster_address;     // where other hosts find it, numeric; empty: cluster_listen
+  std::string accounts = "store";  // "store" or "pam"; "file" means "store"
+  std::string account_file;        // taken over into the store; empty: accounts.json in the data folder
   std::string pam_service = "vexad";
   std::string administrators_group = "administrators";  // "pam" only
   std::string hypervisor = "test";       // "test", "embed", a libvirt URI, or "none": this host runs no guests
   std::string hypervisor_root;           // of embed; empty: "embed" in the data folder
   std::vector<std::string> image_roots;  // folders with guests' disks; empty: "images" in the data folder
+  unsigned repository_warning = 90;      // percent of a repository's file system that is used; 0: no warning
+  unsigned repository_full = 98;         // the same; guests are not started then
+  unsigned repository_headroom = 100;    // GiB; with more free space it is neither
   unsigned vcpus_per_cpu = 8;            // virtual CPUs of guests that a logical one of the host may serve
   int io_threads = 2;
   std::size_t max_connections = 10'000;

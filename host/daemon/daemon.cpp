@@ -10,14 +10,17 @@
 #include <thread>
 #include <utility>
 
-#include "host/base/account_file.h"
 #include "host/base/account_pam.h"
 #include "host/base/files.h"
+#include "host/cluster/account_source.h"
+#include "host/cluster/account_store.h"
+#include "host/cluster/account_take_over.h"
 #include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/host_record.h"
 #include "host/cluster/reading.h"
 #include "host/daemon/cache_refresh.h"
+#include "host/daemon/cluster_store.h"
 #include "host/daemon/data_lock.h"
 #include "host/daemon/delayed_call.h"
 #include "host/daemon/dispatcher.h"
@@ -35,15 +38,18 @@
 #include "host/daemon/sessions.h"
 #include "host/guests/guest_control.h"
 #include "host/services/compound_api.h"
+#include "host/services/gone_host.h"
 #include "host/services/guest_keeping_api.h"
 #include "host/services/guest_state_api.h"
+#include "host/services/guest_states.h"
 #include "host/services/host_api.h"
+#include "host/services/host_condition.h"
 #include "host/services/host_facts.h"
+#include "host/services/host_links.h"
 #include "host/services/host_list_api.h"
 #include "host/services/log_api.h"
 #include "host/services/recovery_api.h"
 #include "host/services/services.h"
-#include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
 #include "host/webapi/error_table.h"
 #include "webapi/platform/ccc.h"
@@ -104,16 +110,25 @@ services::CompoundOptions OptionsOfCompound() {
 // them learn it.
 constexpr std::chrono::milliseconds kTimeToAnswer{2000};
 
-Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config) {
-  if (config.accounts == "pam") {
+Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config,
+                                                            const std::shared_ptr<store::Store>& store) {
+  const auto source = config.accounts == "pam" ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
+  if (Status noted = cluster::NoteAccountSource(config.data_directory, source); !noted) return noted.error();
+  if (source == cluster::AccountSource::kPam) {
     base::PamOptions options;
     options.service = config.pam_service;
     options.administrators_group = config.administrators_group;
     return std::shared_ptr<base::AccountProvider>(base::MakePamAccounts(options));
   }
-  auto file = base::AccountFile::Open(config.account_file);
-  if (!file) return file.error();
-  return std::shared_ptr<base::AccountProvider>(std::move(*file));
+  if (config.accounts == "file") {
+    ::syslog(LOG_NOTICE,
+             "The setting accounts = \"file\" means \"store\" now: accounts are in the store of the cluster.");
+  }
+  const std::string path = config.account_file.empty() ? config.data_directory + "/accounts.json" : config.account_file;
+  const Status taken = cluster::TakeOverAccountFile(
+      *store, path, [](const std::string& sentence) { ::syslog(LOG_WARNING, "%s.", sentence.c_str()); });
+  if (!taken) return taken.error();
+  return std::shared_ptr<base::AccountProvider>(std::make_shared<cluster::AccountStore>(store));
 }
 
 std::optional<std::string> FindClusterAddress(const std::string& host_id) {
@@ -157,8 +172,10 @@ class Daemon::Impl {
         items_(ItemLane(config)) {}
 
   ~Impl() {
-    // Without a deadline, and while the lane that it asks still runs: it uses what is taken down next.
+    // Without a deadline, and while the lane that they ask still runs: they use what is taken down next.
+    guest_states_.links().BeginStop();
     cluster::RemoveCacheRefresher();
+    guest_states_.links().Stop();
     Stop(std::chrono::milliseconds(0));
     server_.reset();
     transport::RemoveTransport();
@@ -171,7 +188,7 @@ class Daemon::Impl {
     if (Status started = StartGuests(config); !started) return started;
     MakeTable(config, std::move(further_rows));
     if (Status made = MakeTransport(config); !made) return made;
-    InstallCacheRefresh();
+    InstallCacheRefresh(guest_states_);
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -205,14 +222,16 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
+    guest_states_.links().BeginStop();
     const bool caches_done = cluster::RemoveCacheRefresher(left());
+    const bool links_done = guest_states_.links().Stop(left());
     const bool local_done = local_.Stop(left());  // after those that wait for it
     const bool items_done = items_.Stop(left());
     // They run on, and what they do from now on is found by the next start.
     const bool guests_done = !guests_ || guests_->Stop(left());
     ReleaseClaim();
     Sweep();
-    return guests_done && served && quick_done && long_done && caches_done && local_done && items_done;
+    return guests_done && served && quick_done && long_done && caches_done && links_done && local_done && items_done;
   }
 
  private:
@@ -230,14 +249,11 @@ class Daemon::Impl {
     Result<std::string> host_id = LoadHostId(config.data_directory);
     if (!host_id) return host_id.error();
     host_id_ = *host_id;
-    store::LmdbOptions store_options;
-    store_options.directory =
-        config.store_directory.empty() ? config.data_directory + "/store" : config.store_directory;
-    auto store = store::OpenLmdbStore(store_options);
+    auto store = OpenClusterStore(config);
     if (!store) return store.error();
     store_ = std::move(*store);
     if (Status claimed = ClaimHost(config); !claimed) return claimed;
-    auto accounts = OpenAccounts(config);
+    auto accounts = OpenAccounts(config, store_);
     if (!accounts) return accounts.error();
     accounts_ = std::move(*accounts);
     auto sessions = SessionTable::Open(config.data_directory + "/sessions.json", config.sessions);
@@ -280,6 +296,7 @@ class Daemon::Impl {
     options.hypervisor.root = config.hypervisor_root;
     options.image_roots = config.image_roots;
     options.vcpus_per_cpu = config.vcpus_per_cpu;
+    options.space = {config.repository_warning, config.repository_full, config.repository_headroom};
     options.is_alive = IsAlive;
     options.claim = claim_;
     auto guests = guests::GuestControl::Start(std::move(options));
@@ -296,8 +313,8 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(), services::GuestKeepingRows(), services::RecoveryRows(store_), services::LogRows(),
-          services::CompoundRows(call_item, OptionsOfCompound())}) {
+          services::GuestStateRows(guest_states_), services::GuestKeepingRows(), services::RecoveryRows(store_),
+          services::LogRows(), services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
@@ -317,6 +334,7 @@ class Daemon::Impl {
                                sessions_->size()});
     };
     parts.health = [this] { return DescribeHealth(store_->health()); };
+    parts.is_database_lost = [this] { return store_->health() == store::Health::kInaccessible; };
     dispatcher_ = std::make_unique<Dispatcher>(std::move(parts));
   }
 
@@ -331,6 +349,7 @@ class Daemon::Impl {
       return local_caller_->Call(request, timeout);
     };
     options.find_address = FindClusterAddress;
+    options.life = services::LifeOrAlive;
     if (!config.cluster_listen.empty()) {
       options.remote = transport::TransportOptions::Remote::kTls;
       options.tls = {config.tls_certificate, config.tls_key, config.client_authority};
@@ -396,9 +415,11 @@ class Daemon::Impl {
       ::syslog(LOG_CRIT, "This host must not go on: %s", reason.c_str());
       if (on_host_lost) on_host_lost();
     };
-    const auto gather = [host_id = host_id_, address] {
+    const auto gather = [host_id = host_id_, address, guests = guests_.get()] {
       cluster::HostFacts facts = services::GatherHostFacts(host_id, VEXA_VERSION, services::Machine());
       facts.cluster_address = address;
+      facts.state = services::HostConditionOf({guests, [] { return services::HasBrokenLink(services::Machine()); }});
+      facts.package_version = guests ? guests->HypervisorVersion() : "";
       return facts;
     };
     presence_ = std::make_unique<cluster::HostPresence>(store_, gather, std::move(options));
@@ -424,6 +445,7 @@ class Daemon::Impl {
   std::unique_ptr<Identity> identity_;
   LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
+  services::GuestStates guest_states_;
   std::unique_ptr<webapi::ApiTable> table_;
   std::unique_ptr<Metrics> metrics_;
   std::unique_ptr<Dispatcher> dispatcher_;

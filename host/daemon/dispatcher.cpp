@@ -3,8 +3,10 @@
 #include <strings.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <charconv>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include "host/base/json_parse.h"
@@ -35,7 +37,8 @@ HttpResponse MakeErrorReply(int code, const std::string& request_id) {
   return daemon::MakeErrorReply(code, Json::Value(), request_id);
 }
 
-HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& further, const std::string& request_id) {
+HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& further, const std::string& request_id,
+                       webapi::Audience audience = webapi::Audience::kUsers) {
   HttpResponse reply;
   if (response.IsSuccess() && further.empty()) {  // without a copy of the data
     reply.body.reserve(kUsualReplyBytes);
@@ -44,11 +47,11 @@ HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& fur
     reply.body.append(",\"request_id\":\"").append(request_id).append("\"}");
     return reply;
   }
-  Json::Value body = MakeEnvelope(response, further);
+  Json::Value body = MakeEnvelope(response, further, audience);
   body["request_id"] = request_id;
   reply.body = json::ToText(body);
   if (response.IsSuccess()) return reply;
-  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode());
+  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode(), audience);
   if (!row) row = webapi::FindError(webapi::kErrorInternal);
   reply.status = row->http_status;
   if (response.ErrorCode() == webapi::kErrorBusy) reply.headers.emplace_back("Retry-After", "1");
@@ -250,10 +253,20 @@ void Dispatcher::RunMethod(Work& work) const {
   VEXA::APIResponse response;
   Json::Value further(Json::objectValue);
   AnswerMethod(work, response, headers, further);
-  HttpResponse reply = MakeReply(response, further, work.request.id);
+  ExplainFailure(*work.plan->row, response);
+  HttpResponse reply = MakeReply(response, further, work.request.id, webapi::AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->begun);
   work.responder.Send(std::move(reply));
+}
+
+// A handler has a code for what it could not do, and no word about the database that it could not do it with.
+void Dispatcher::ExplainFailure(const webapi::ApiRow& row, VEXA::APIResponse& response) const {
+  constexpr int kOfTheRequest[] = {webapi::kErrorBadParameter, 409, webapi::kErrorUnknownApi};
+  const int code = response.ErrorCode();
+  if (response.IsSuccess() || !response.Data().isNull() || row.access.value == Access::kHost) return;
+  if (code < webapi::kErrorBadParameter || std::ranges::find(kOfTheRequest, code) != std::end(kOfTheRequest)) return;
+  if (parts_.is_database_lost && parts_.is_database_lost()) response.SetError(code, webapi::kDatabaseLost);
 }
 
 void Dispatcher::AnswerMethod(Work& work, VEXA::APIResponse& response,

@@ -28,6 +28,7 @@ class Dispatcher {
     Lane* long_running = nullptr;
     std::function<std::string()> metrics_text;  // GET /metrics
     std::function<std::string()> health;        // GET /healthz: what is wrong, or nothing
+    std::function<bool()> is_database_lost{};   // the cluster database cannot be read now; may be left out
   };
   explicit Dispatcher(Parts parts);
 
@@ -46,6 +47,7 @@ class Dispatcher {
   HttpResponse AnswerPage(const Work& work) const;
   void Run(Work& work) const;
   void RunMethod(Work& work) const;
+  void ExplainFailure(const webapi::ApiRow& row, VEXA::APIResponse& response) const;
   void AnswerMethod(Work& work, VEXA::APIResponse& response, std::vector<std::pair<std::string, std::string>>& headers,
                     Json::Value& further) const;
 

@@ -1,5 +1,6 @@
 #include "host/daemon/guest_api.h"
 
+#include "host/services/gone_host.h"
 #include "webapi/guest/guest.h"
 #include "webapi/guest/guest_action.h"
 
@@ -93,7 +94,8 @@ std::vector<webapi::ApiRow> GuestRows() {
        .version = 1,
        .access = Access::kUser,
        .lane = LaneKind::kLong,
-       .handler = webapi::Plain(VexaVirtualization::Guest::Delete),
+       .handler = services::WithGoneHostReason(webapi::Plain(VexaVirtualization::Guest::Delete),
+                                               services::NeededHost::kHolder),
        .summary = "Delete a guest with its disks. It must not run. For administrators, and for advanced users who were "
                   "granted the guest.",
        .parameters = {{"guest_id", ParameterType::kString, Necessity::kRequired, "The guest's id, a UUID."}},
@@ -103,7 +105,8 @@ std::vector<webapi::ApiRow> GuestRows() {
        .version = 1,
        .access = Access::kUser,
        .lane = LaneKind::kLong,
-       .handler = webapi::Plain(VexaVirtualization::GuestAction::PwrCtl),
+       .handler = services::WithGoneHostReason(webapi::Plain(VexaVirtualization::GuestAction::PwrCtl),
+                                               services::NeededHost::kHolderOrNamed),
        .summary =
            "Power a guest on or off, shut it down or reboot it. \"poweroff_by_ha\" powers it off on several hosts "
            "and answers for each of them.",

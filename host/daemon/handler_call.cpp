@@ -6,6 +6,7 @@
 
 #include "host/cluster/reading.h"
 #include "host/webapi/error_table.h"
+#include "host/webapi/reason.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::daemon {
@@ -16,7 +17,7 @@ using webapi::Access;
 using webapi::Caller;
 
 bool IsOwnMember(const std::string& name) {
-  return name == "success" || name == "data" || name == "error" || name == "request_id";
+  return name == "success" || name == "data" || name == "error" || name == "request_id" || name == webapi::kReason;
 }
 
 }  // namespace
@@ -48,7 +49,7 @@ void CallHandler(HandlerCall call, VEXA::APIResponse& response,
   if (!response.IsSet()) response.SetError(webapi::kErrorInternal, Json::Value());
 }
 
-Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further) {
+Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further, webapi::Audience audience) {
   Json::Value reply(Json::objectValue);
   for (const std::string& name : json::MemberNames(further)) {
     if (!IsOwnMember(name)) reply[name] = further[name];
@@ -58,11 +59,12 @@ Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& f
     reply["data"] = response.Data();
     return reply;
   }
-  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode());
+  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode(), audience);
   if (!row) row = webapi::FindError(webapi::kErrorInternal);
   reply["error"]["code"] = response.ErrorCode();
   reply["error"]["message"] = std::string(row->sentence);
   if (!response.Data().isNull()) reply["error"]["details"] = response.Data();
+  if (const Json::Value* reason = json::FindMember(further, webapi::kReason)) reply["error"]["reason"] = *reason;
   return reply;
 }
 

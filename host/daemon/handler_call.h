@@ -29,8 +29,10 @@ struct HandlerCall {
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
                  std::vector<std::pair<std::string, std::string>>& headers, Json::Value& further);
 
-// {"success": true, "data"} or {"success": false, "error": {"code", "message", "details"?}}, and the members of
-// `further` that have none of these names. A null `details` is left out.
-Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further);
+// {"success": true, "data"} or {"success": false, "error": {"code", "message", "details"?, "reason"?}}, and the members
+// of `further` that have none of these names. A null `details` is left out. The reason is what webapi::SetReason put
+// into `further`. The message is in the words of `audience`.
+Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further,
+                         webapi::Audience audience = webapi::Audience::kUsers);
 
 }  // namespace vexa::daemon

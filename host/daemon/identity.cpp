@@ -51,12 +51,13 @@ Identified Identity::Begin(const HttpRequest& request) const {
   const std::string_view token =
       by_cookie ? FindCookie(request.cookie, kSessionCookie) : BearerToken(request.authorization);
   if (!by_cookie || !token.empty()) {
-    std::optional<std::string> user = sessions_.Find(token);
+    std::optional<SessionUser> user = sessions_.Find(token);
     if (!user) return webapi::kErrorNotLoggedIn;
     // A page of another site can make a browser send the cookie, but cannot read the CSRF token.
     if (by_cookie && !sessions_.CheckCsrf(token, request.csrf_token)) return webapi::kErrorCsrf;
     caller.kind = webapi::Caller::Kind::kUser;
-    caller.user.name = std::move(*user);
+    caller.user.name = std::move(user->name);
+    caller.user.uid = user->uid;
     caller.session_token = token;
   } else if (!request.peer.certificate_name.empty()) {
     caller.kind = webapi::Caller::Kind::kHost;
@@ -74,17 +75,21 @@ int Identity::Complete(webapi::Caller& caller) const {
   const uid_t uid = caller.user.uid;
   Result<base::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);
   if (user) {
+    // By name, since a name service may have several names of one id. But the account of the session has gone when its
+    // name is that of another id now.
+    if (user->uid != uid) return webapi::kErrorNotLoggedIn;
     caller.user = std::move(*user);
     return 0;
   }
-  if (user.error().code() != ErrorCode::kNotFound) {
-    ::syslog(LOG_ERR, "The accounts cannot be read: %s", user.error().ToString().c_str());
-    return webapi::kErrorInternal;
+  const bool is_unknown = user.error().code() == ErrorCode::kNotFound;
+  if (!is_unknown) ::syslog(LOG_ERR, "The accounts cannot be read: %s", user.error().ToString().c_str());
+  // Also while the accounts cannot be read: somebody must be able to see what is wrong.
+  if (by_uid && (uid == 0 || uid == ::geteuid())) {
+    caller.user.name = "root";
+    caller.user.is_administrator = true;
+    return 0;
   }
-  if (!by_uid || (uid != 0 && uid != ::geteuid())) return webapi::kErrorNotLoggedIn;
-  caller.user.name = "root";
-  caller.user.is_administrator = true;
-  return 0;
+  return is_unknown ? webapi::kErrorNotLoggedIn : webapi::kErrorInternal;
 }
 
 }  // namespace vexa::daemon

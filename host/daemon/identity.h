@@ -17,14 +17,15 @@ using Identified = std::variant<webapi::Caller, int>;
 
 // Finds the caller in this order: a bearer token or a session cookie (which needs the session's CSRF token as well),
 // the certificate of a cluster host, the user id of a Unix socket's peer. A token that is shown and not valid is an
-// error, never a fall-back. On a Unix socket root and the daemon's own user are administrators unless an account has
-// their id. Threads: any.
+// error, never a fall-back. So is the token of a user whose account has been deleted, also when a new account has the
+// name. On a Unix socket root and the daemon's own user are administrators unless an account has their id, and also
+// while the accounts cannot be read. Threads: any.
 class Identity {
  public:
   // Both must outlive it.
   Identity(SessionTable& sessions, const base::AccountProvider& accounts) : sessions_(sessions), accounts_(accounts) {}
 
-  // What the request itself tells; never waits. A user is known by name or, from a Unix socket, by uid only.
+  // What the request itself tells; never waits. A user is known by name and uid or, from a Unix socket, by uid only.
   Identified Begin(const HttpRequest& request) const;
 
   // Looks the user up, which may wait for the system's user database. 0, or the error code to answer.

@@ -75,7 +75,7 @@ void LocalCaller::Run(Job& job) const {
   Json::Value further(Json::objectValue);
   std::vector<std::pair<std::string, std::string>> headers;  // of an HTTP response that there is not
   CallHandler({*job.row, job.caller, std::move(job.parameters)}, response, headers, further);
-  Json::Value reply = MakeEnvelope(response, further);
+  Json::Value reply = MakeEnvelope(response, further, webapi::AudienceOf(job.row->access.value));
   parts_.metrics->Count(*job.row, response.ErrorCode(), Clock::now() - job.begun);
   const std::lock_guard lock(job.mutex);
   job.reply = std::move(reply);

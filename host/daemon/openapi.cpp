@@ -59,7 +59,7 @@ Json::Value Responses(const ApiRow& row) {
   responses["200"]["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
   std::map<int, std::string> by_status;
   for (const int code : CodesOf(row)) {
-    const webapi::ErrorRow* error = webapi::FindError(code);
+    const webapi::ErrorRow* error = webapi::FindError(code, webapi::AudienceOf(row.access.value));
     if (!error) continue;
     std::string& text = by_status[error->http_status];
     text += (text.empty() ? "" : " ") + std::to_string(code) + ": " + std::string(error->sentence);

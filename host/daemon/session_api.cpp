@@ -36,7 +36,9 @@ void Login(const SessionServices& services, const Call& call) {
       "password", kRequired, [](const std::string& text) { return !text.empty() && text.size() <= kMaxPassword; });
   const auto as_cookie = call.request->GetAndCheckBool("cookie", kOptional);
   if (user.IsInvalid() || password.IsInvalid() || as_cookie.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  const std::chrono::milliseconds wait = services.limiter->Begin(call.caller.peer, user.Get());
+  // One name in many spellings is one name to the accounts, and must not be many to the limiter.
+  const std::string limited_name = base::FoldedName(user.Get());
+  const std::chrono::milliseconds wait = services.limiter->Begin(call.caller.peer, limited_name);
   if (wait.count() > 0) {
     call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
     return Fail(call, webapi::kErrorTooManyLogins);
@@ -48,8 +50,8 @@ void Login(const SessionServices& services, const Call& call) {
              call.caller.peer.c_str(), verified.error().ToString().c_str());
     return Fail(call, denied ? webapi::kErrorWrongPassword : webapi::kErrorInternal);
   }
-  services.limiter->Succeeded(call.caller.peer, user.Get());
-  const Result<NewSession> session = services.sessions->Create(verified->name);
+  services.limiter->Succeeded(call.caller.peer, limited_name);
+  const Result<NewSession> session = services.sessions->Create({verified->name, verified->uid});
   if (!session) {
     ::syslog(LOG_ERR, "No session for user[%s]: %s", verified->name.c_str(), session.error().ToString().c_str());
     return Fail(call, session.error().code() == ErrorCode::kBusy ? webapi::kErrorBusy : webapi::kErrorInternal);

@@ -39,8 +39,16 @@ std::optional<Hash> ReadHash(const Json::Value& value) {
   return value.isString() ? DecodeHash(value.asString()) : std::nullopt;
 }
 
-Result<SessionRecord> ReadSession(const Json::Value& object) {
-  if (!HasOnly(object, {"hash", "csrf_hash", "user", "created", "last_used"})) {
+// The largest number means "no id" to system calls.
+std::optional<std::uint32_t> ReadUid(const Json::Value& value) {
+  if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
+  if (!value.isUInt() || value.asUInt() == UINT32_MAX) return std::nullopt;
+  return value.asUInt();
+}
+
+// Empty: a session of an older version.
+Result<std::optional<SessionRecord>> ReadSession(const Json::Value& object) {
+  if (!HasOnly(object, {"hash", "csrf_hash", "user", "uid", "created", "last_used"})) {
     return Damaged("a session is not an object of the known members");
   }
   const auto hash = ReadHash(object["hash"]);
@@ -51,7 +59,10 @@ Result<SessionRecord> ReadSession(const Json::Value& object) {
   const auto created = ReadTime(object["created"]);
   const auto last_used = ReadTime(object["last_used"]);
   if (!created || !last_used) return Damaged("a session has no valid times");
-  return SessionRecord{*hash, *csrf_hash, user.asString(), *created, *last_used};
+  if (!object.isMember("uid")) return std::optional<SessionRecord>();
+  const auto uid = ReadUid(object["uid"]);
+  if (!uid) return Damaged("a session has no valid uid");
+  return std::optional(SessionRecord{*hash, *csrf_hash, user.asString(), *uid, *created, *last_used});
 }
 
 }  // namespace
@@ -68,8 +79,9 @@ Result<std::vector<SessionRecord>> ParseSessions(std::string_view text) {
   for (const Json::Value& entry : root["sessions"]) {
     auto session = ReadSession(entry);
     if (!session.ok()) return session.error();
-    if (!hashes.insert(session->hash).second) return Damaged("a session is there twice");
-    sessions.push_back(std::move(session).value());
+    if (!*session) continue;
+    if (!hashes.insert((*session)->hash).second) return Damaged("a session is there twice");
+    sessions.push_back(std::move(**session));
   }
   return sessions;
 }
@@ -88,7 +100,8 @@ std::string RenderSessions(const std::vector<SessionRecord>& sessions) {
       if (c == '\\') text += '\\';
       text += c;
     }
-    text += "\",\"created\":" + std::to_string(session.created);
+    text += "\",\"uid\":" + std::to_string(session.uid);
+    text += ",\"created\":" + std::to_string(session.created);
     text += ",\"last_used\":" + std::to_string(session.last_used) + "}";
   }
   return text + "\n]}\n";

@@ -27,6 +27,7 @@ constexpr mode_t kFileMode = 0600;
 struct Session {
   Hash csrf_hash;
   std::string user;
+  std::uint32_t uid = 0;
   std::int64_t created = 0;
   std::int64_t last_used = 0;
   std::uint64_t order = 0;   // of creation
@@ -62,8 +63,8 @@ class SessionTable::Impl {
   }
 
   Status Load();
-  Result<NewSession> Create(const std::string& user);
-  std::optional<std::string> Find(std::string_view token);
+  Result<NewSession> Create(const SessionUser& user);
+  std::optional<SessionUser> Find(std::string_view token);
   bool CheckCsrf(std::string_view token, std::string_view csrf_token);
   bool End(std::string_view token);
   std::size_t EndAllOf(const std::string& user);
@@ -201,8 +202,9 @@ Status SessionTable::Impl::MakeRoom(const std::string& user, std::vector<Hash>& 
   return {};
 }
 
-Result<NewSession> SessionTable::Impl::Create(const std::string& user) {
-  if (!base::IsValidAccountName(user)) return Error(ErrorCode::kInvalid, "A session cannot be of a user of that name");
+Result<NewSession> SessionTable::Impl::Create(const SessionUser& user) {
+  if (!base::IsValidAccountName(user.name))
+    return Error(ErrorCode::kInvalid, "A session cannot be of a user of that name");
   auto token = NewToken();
   if (!token.ok()) return token.error();
   auto csrf_token = NewToken();
@@ -213,9 +215,9 @@ Result<NewSession> SessionTable::Impl::Create(const std::string& user) {
 
   std::vector<Hash> replaced;
   std::unique_lock lock(change_mutex_);
-  if (Status status = MakeRoom(user, replaced); !status.ok()) return status.error();
+  if (Status status = MakeRoom(user.name, replaced); !status.ok()) return status.error();
   const std::int64_t now = options_.now();
-  Insert(*hash, Session{*csrf_hash, user, now, now, next_order_++, false, false});
+  Insert(*hash, Session{*csrf_hash, user.name, user.uid, now, now, next_order_++, false, false});
   const std::uint64_t generation = ++generation_;
   lock.unlock();
 
@@ -233,7 +235,7 @@ Result<NewSession> SessionTable::Impl::Create(const std::string& user) {
   return NewSession{*token, *csrf_token};
 }
 
-std::optional<std::string> SessionTable::Impl::Find(std::string_view token) {
+std::optional<SessionUser> SessionTable::Impl::Find(std::string_view token) {
   if (!IsTokenShaped(token)) return std::nullopt;
   const auto hash = HashOf(token);
   if (!hash) return std::nullopt;
@@ -247,7 +249,7 @@ std::optional<std::string> SessionTable::Impl::Find(std::string_view token) {
     session.last_used = now;
     if (!has_new_uses_.load(std::memory_order_relaxed)) has_new_uses_ = true;
   }
-  return session.user;
+  return SessionUser{session.user, session.uid};
 }
 
 bool SessionTable::Impl::CheckCsrf(std::string_view token, std::string_view csrf_token) {
@@ -317,8 +319,8 @@ std::vector<SessionRecord> SessionTable::Impl::Snapshot(std::uint64_t& generatio
       const std::lock_guard shard_lock(shard.mutex);
       for (const auto& [hash, session] : shard.sessions) {
         if (session.is_replaced || session.is_expired) continue;
-        ordered.emplace_back(session.order,
-                             SessionRecord{hash, session.csrf_hash, session.user, session.created, session.last_used});
+        ordered.emplace_back(session.order, SessionRecord{hash, session.csrf_hash, session.user, session.uid,
+                                                          session.created, session.last_used});
       }
     }
   }
@@ -366,7 +368,8 @@ Status SessionTable::Impl::Load() {
   for (const SessionRecord& record : *records) {
     const std::int64_t created = std::min(record.created, now);
     const std::int64_t last_used = std::clamp(record.last_used, created, now);
-    Insert(record.hash, Session{record.csrf_hash, record.user, created, last_used, next_order_++, false, false});
+    Insert(record.hash,
+           Session{record.csrf_hash, record.user, record.uid, created, last_used, next_order_++, false, false});
   }
   RemoveAllExpired();
   return {};
@@ -381,8 +384,8 @@ Result<std::unique_ptr<SessionTable>> SessionTable::Open(const std::string& path
   return std::unique_ptr<SessionTable>(new SessionTable(std::move(impl)));
 }
 
-Result<NewSession> SessionTable::Create(const std::string& user) { return impl_->Create(user); }
-std::optional<std::string> SessionTable::Find(std::string_view token) { return impl_->Find(token); }
+Result<NewSession> SessionTable::Create(const SessionUser& user) { return impl_->Create(user); }
+std::optional<SessionUser> SessionTable::Find(std::string_view token) { return impl_->Find(token); }
 bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token) const {
   return impl_->CheckCsrf(token, csrf_token);
 }

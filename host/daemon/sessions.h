@@ -23,6 +23,12 @@ struct SessionOptions {
   std::function<std::int64_t()> now;
 };
 
+// Whose a session is. Both count: a name can be given to a new account later, and an id of the machine to a new name.
+struct SessionUser {
+  std::string name;
+  std::uint32_t uid = 0;
+};
+
 struct NewSession {
   std::string token;       // 256 random bits, base64url without padding (RFC 4648), 43 characters
   std::string csrf_token;  // the same shape; a cookie caller must show it as well
@@ -30,9 +36,10 @@ struct NewSession {
 
 // Sessions survive a restart: they are kept in a file (0600, replaced atomically) that holds SHA-256 hashes of the
 // tokens, never the tokens:
-//   {"version": 1, "sessions": [{"hash": "…", "csrf_hash": "…", "user": "alice", "created": 1, "last_used": 1}]}
-// with hashes as base64url without padding and times in Unix seconds. Last uses go
-// along with every write, and cause one in Sweep alone.
+//   {"version": 1, "sessions": [{"hash": "…", "csrf_hash": "…", "user": "alice", "uid": 1026, "created": 1,
+//                                "last_used": 1}]}
+// with hashes as base64url without padding and times in Unix seconds. Last uses go along with every write, and cause
+// one in Sweep alone. Sessions without "uid", as older versions wrote them, have ended.
 //
 // A clock that jumps: an elapsed time below zero counts as zero, a creation in the future as now, a last use never
 // moves backwards, and what was once seen expired stays so.
@@ -46,12 +53,12 @@ class SessionTable {
   ~SessionTable();
 
   // The session is in the file before this returns.
-  // kInvalid when `user` cannot be a user's name; kBusy when max_sessions are in use; the file's error when it cannot
-  // be written. After an error there is no new session, and no older one has been ended.
-  Result<NewSession> Create(const std::string& user);
+  // kInvalid when `user.name` cannot be a user's name; kBusy when max_sessions are in use; the file's error when it
+  // cannot be written. After an error there is no new session, and no older one has been ended.
+  Result<NewSession> Create(const SessionUser& user);
 
   // The user of a live session, and counts as a use of it. Empty for an unknown, expired or malformed token.
-  std::optional<std::string> Find(std::string_view token);
+  std::optional<SessionUser> Find(std::string_view token);
 
   // Whether `csrf_token` belongs to the session of `token`, compared in constant time.
   bool CheckCsrf(std::string_view token, std::string_view csrf_token) const;
@@ -60,7 +67,7 @@ class SessionTable {
   // cannot be written, the session is over all the same, and the next Create, End or Sweep that can write takes it out
   // of the file. Until then only a restart would bring it back.
   bool End(std::string_view token);
-  // Ends all sessions of a user, as End does, and returns how many there were.
+  // Ends all sessions of a user name, as End does, and returns how many there were.
   std::size_t EndAllOf(const std::string& user);
 
   // Drops what has expired and writes last uses; call it about once a minute, and before the process ends.

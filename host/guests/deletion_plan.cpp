@@ -7,6 +7,7 @@
 #include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/disk_users.h"
+#include "host/guests/storage_disks.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -66,6 +67,8 @@ Status TakeListed(const store::Snapshot& snapshot, const std::string& guest_id, 
   if (&category == &DashCate::vDisk) {
     plan.disks.insert(id);
     TakePath(stored->record, index, plan);
+    // Also one that its host writes only after this was read.
+    plan.removals.push_back({DiskStateKey(id), std::nullopt});
   }
   return RemoveAllOf(snapshot, category, id, plan);
 }

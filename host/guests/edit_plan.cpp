@@ -8,6 +8,7 @@
 #include "host/cluster/reading.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/run_record.h"
+#include "host/guests/storage_disks.h"
 #include "host/hypervisor/domain_build.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -272,6 +273,8 @@ Status RemoveParts(EditedGuest& edited, const DashCate& category, const std::vec
                                                   return true;
                                                 });
     if (!scanned) return scanned;
+    // Also one that its host writes only after this was read.
+    if (&category == &DashCate::vDisk) transaction.operations.push_back({DiskStateKey(id), std::nullopt});
   }
   return {};
 }

@@ -35,6 +35,8 @@ std::shared_ptr<StorageWatch> MakeStorageWatch(const GuestControlOptions& option
   storage.store = options.store;
   storage.host_id = options.host_id;
   storage.roots = options.image_roots;
+  storage.limits = options.space;
+  if (options.hypervisor.mode == "test") storage.files = StorageOptions::Files::kNotNeeded;
   return std::make_shared<StorageWatch>(std::move(storage));
 }
 
@@ -105,7 +107,11 @@ Status LibvirtGuestControl::Begin() {
       ShutDownsOptions{.wait = options_.shut_down_wait,
                        .press_again = options_.press_again,
                        .press = [this](const std::string& guest_id) { return PressAgain(guest_id); },
-                       .on_given_up = [this](const std::string& guest_id) { LookWhenFree(guest_id); }});
+                       .on_given_up =
+                           [this](const std::string& guest_id) {
+                             ends_by_.Cancel(guest_id);
+                             LookWhenFree(guest_id);
+                           }});
   hypervisor::HypervisorOptions opening = options_.hypervisor;
   opening.open_later = hypervisor::OpenLater::kWhenUnreachable;
   // Until everything has been looked at, events tell nothing new.
@@ -115,7 +121,10 @@ Status LibvirtGuestControl::Begin() {
       const std::lock_guard lock(node_mutex_);
       node_.reset();
     }
-    Answer([this] { Reconcile(); });
+    Answer([this] {
+      ReadVersion();
+      Reconcile();
+    });
   };
   auto opened = hypervisor::Hypervisor::Open(std::move(opening));
   if (!opened) return opened.failure().error();
@@ -130,6 +139,7 @@ Status LibvirtGuestControl::Begin() {
   edits_.FinishAll();
   deletion_.FinishAll();
   if (hypervisor_->IsConnected()) {
+    ReadVersion();
     Reconcile();
   } else {
     ::syslog(LOG_ERR, "The hypervisor cannot be reached. It is tried again; guests cannot be started meanwhile.");
@@ -257,6 +267,20 @@ void LibvirtGuestControl::LookAtImported(const std::string& guest_id) {
   if (!run || *run || stopping_) return;
   const auto state = hypervisor_->StateOf(guest_id);
   if (state && (IsActive(*state) || *state == hypervisor::GuestState::kSaved)) LookWhenFree(guest_id);
+}
+
+bool LibvirtGuestControl::IsControllable() const { return hypervisor_->IsConnected(); }
+
+std::string LibvirtGuestControl::HypervisorVersion() const {
+  const std::lock_guard lock(node_mutex_);
+  return version_;
+}
+
+void LibvirtGuestControl::ReadVersion() {
+  if (ForgetsGuests()) return;
+  auto version = hypervisor_->Version();
+  const std::lock_guard lock(node_mutex_);
+  if (version) version_ = std::move(*version);
 }
 
 std::optional<RunningGuest> LibvirtGuestControl::Running(const std::string& guest_id) {

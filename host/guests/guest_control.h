@@ -18,6 +18,7 @@
 #include "host/guests/deletion.h"
 #include "host/guests/refusal.h"
 #include "host/guests/resources.h"
+#include "host/guests/storage_condition.h"
 #include "host/hypervisor/hypervisor.h"
 #include "host/store/store.h"
 
@@ -29,6 +30,7 @@ struct GuestControlOptions {
   hypervisor::HypervisorOptions hypervisor;  // its callbacks are set by GuestControl
   std::vector<std::string> image_roots;      // see deletion.h
   unsigned vcpus_per_cpu = 8;
+  SpaceLimits space;  // of repositories; see storage_condition.h
   // How long a guest is asked to shut down, and how often, after the call that asked has been answered.
   std::chrono::milliseconds shut_down_wait = std::chrono::minutes(5);
   std::chrono::milliseconds press_again = std::chrono::seconds(5);
@@ -104,6 +106,11 @@ class GuestControl {
   virtual Result<Rating> RateGuest(const std::string& guest_id) = 0;
   // Not set: the guest does not run here, or the hypervisor cannot be asked.
   virtual std::optional<RunningGuest> Running(const std::string& guest_id) = 0;
+
+  // Whether the hypervisor can be reached, and its version as three numbers ("7.2.19", "" when it is not known or there
+  // is none), both as they were found last: the answer waits for nothing.
+  virtual bool IsControllable() const { return true; }
+  virtual std::string HypervisorVersion() const { return ""; }
 
   // No further events are taken, and nothing is begun: calls are refused with 949. Guests run on. Calls under way end
   // as they may. False: something of this object's own still hangs by then, and its destructor would wait for it.

@@ -17,6 +17,7 @@
 #include "host/guests/claims.h"
 #include "host/guests/domain_record.h"
 #include "host/guests/edit.h"
+#include "host/guests/end_reasons.h"
 #include "host/guests/guest_control.h"
 #include "host/guests/run_record.h"
 #include "host/guests/shut_downs.h"
@@ -53,6 +54,8 @@ class LibvirtGuestControl final : public GuestControl {
   Refused DiscardSaved(const std::string& guest_id, const Requester& requester) override;
   Refused Release(const std::string& guest_id, const Requester& requester) override;
   std::optional<RunningGuest> Running(const std::string& guest_id) override;
+  bool IsControllable() const override;
+  std::string HypervisorVersion() const override;
   bool Stop(std::chrono::milliseconds patience) override;
 
  private:
@@ -64,6 +67,8 @@ class LibvirtGuestControl final : public GuestControl {
                   const std::function<Refused()>& act,
                   std::chrono::milliseconds patience = std::chrono::milliseconds(0));
   Refused Ask(const std::string& guest_id, const std::function<Done()>& ask);
+  // Why a guest that a user powers off now will have ended: its machine may have stopped for its storage before.
+  cluster::ShutdownReason ReasonOfPowerOff(const std::string& guest_id);
   // Powers the guest off, whatever else is being done with it: a start that is under way is called off.
   Done EndRun(const std::string& guest_id);
   // Whether a guest that runs could have the processors of its own that its edited record asks for.
@@ -142,7 +147,16 @@ class LibvirtGuestControl final : public GuestControl {
   // The run of a guest whose record names this host and that nobody has. Not set: it is not this host's guest.
   Result<std::optional<Run>> RunToAdopt(const std::string& guest_id);
   Status PutRun(const std::string& guest_id, const std::optional<StoredRun>& stored, const Run& run);
-  Status Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence);
+  // What is stored of a guest whose machine is not there. `stored` is its run, `has_crashed` what the hypervisor says.
+  Status ObserveEnd(const std::string& guest_id, const std::optional<StoredRun>& stored, EndReasons::Ended ended,
+                    cluster::Sequence sequence);
+  Status Observe(const std::string& guest_id, const std::string& state, cluster::Sequence sequence,
+                 const std::optional<cluster::ShutdownReason>& shutdown = std::nullopt);
+  // guest_nics.cpp
+  // Makes the records of the guest's interfaces say where they are plugged in, by what is stored of its run.
+  Status NoteNics(const std::string& guest_id);
+
+  // guest_look.cpp
   // Everything, after a start or a lost connection.
   void Reconcile();
 
@@ -155,6 +169,7 @@ class LibvirtGuestControl final : public GuestControl {
   }
   // Calls `act`, unless this object is not open yet or is being destroyed.
   void Answer(const std::function<void()>& act);
+  void ReadVersion();
   void Maintain();
   void MaintainOnce();
   // Goes on with deletions and edits that could not be finished, each less and less often.
@@ -178,9 +193,11 @@ class LibvirtGuestControl final : public GuestControl {
   cluster::Sequencer sequencer_;
   Claims claims_;
   Starts starts_;
+  EndReasons ends_by_;
   std::mutex placing_;  // from counting what is taken until what is to be taken is committed
-  std::mutex node_mutex_;
+  mutable std::mutex node_mutex_;
   std::optional<hypervisor::Node> node_;
+  std::string version_;  // of the hypervisor, as it was read last
   std::atomic<bool> stopping_ = false;
 
   std::unique_ptr<ShutDowns> shut_downs_;

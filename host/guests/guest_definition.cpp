@@ -12,6 +12,7 @@
 #include "host/cluster/reading.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/guests/host_networks.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -50,6 +51,17 @@ std::string FolderForNvram(const Guest& guest) {
     if (path && !path->starts_with("/dev/")) return FolderOf(*path);
   }
   return "";
+}
+
+// Which of the networks of the guest's interfaces are bridges of this host.
+void AddBridges(const Guest& guest, hypervisor::BuildOptions& build) {
+  const HostNetworks networks(nullptr);
+  for (const auto& [id, nic] : guest.records.nics) {
+    const std::string name = TextMember(nic, "network_name");
+    const BridgeKind kind = networks.KindOf(name);
+    if (kind == BridgeKind::kSwitch) build.switch_bridges.insert(name);
+    if (kind == BridgeKind::kLinux) build.kernel_bridges.insert(name);
+  }
 }
 
 }  // namespace
@@ -108,6 +120,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const std
   if (!ForgetsGuests() && !std::filesystem::exists("/sys/bus/usb", error)) build.usb_bus = hypervisor::UsbBus::kAbsent;
   if (mark == Mark::kOurs) build.host_id = options_.host_id;
   for (std::string& network : LibvirtNetworks()) build.libvirt_networks.insert(std::move(network));
+  if (!ForgetsGuests()) AddBridges(guest, build);
   auto imported = ImportedDomain(guest.records.id);
   if (!imported) return imported.error();
   if (*imported) build.base_xml = std::move((*imported)->xml);
@@ -177,7 +190,10 @@ Refused LibvirtGuestControl::DiscardSaved(const std::string& guest_id, const Req
         return hypervisor::Failure(Problem::kNotRunning, "The guest has no saved memory");
       }
       Step("discard: asked");
-      return hypervisor_->DiscardSaved(guest_id);
+      ends_by_.Expect(guest_id, {cluster::ShutdownCause::kPoweredOff, true});
+      Done discarded = hypervisor_->DiscardSaved(guest_id);
+      if (!discarded) ends_by_.Cancel(guest_id);
+      return discarded;
     });
   });
 }

@@ -24,13 +24,18 @@ using hypervisor::Problem;
 // Whether the state is one of a guest that the hypervisor has.
 bool IsLive(const std::string& state) { return VexaCCC::Utils::IsGuestStateOnline(state) || state == states::freeze; }
 
+// Whether a start that came to nothing can end in the state.
+bool IsOff(const std::string& state) { return state == states::shutdown || state == states::crashed; }
+
 void Complain(const std::string& guest_id, const char* what, const std::string& why) {
   ::syslog(LOG_ERR, "The guest %s %s: %s", guest_id.c_str(), what, why.c_str());
 }
 
 std::string StoredState(const std::string& guest_id) {
   std::string state;
-  return vgConfStateGet(guest_id, state) == 0 ? state : std::string();
+  // Not by vgConfStateGet, which also knows what could not be stored.
+  VexaCCC::DB::Dashboard guest(VexaCCC::DB::DashCate::Guest, guest_id);
+  return guest.Get(state, keys::state) == 0 ? state : std::string();
 }
 
 }  // namespace
@@ -50,7 +55,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
   if (stopping_) return;
   // What is stored now counts, not what a request has begun with.
   cluster::RequestScope::ReleaseSnapshot();
-  const Status looked = [&]() -> Status {
+  Status looked = [&]() -> Status {
     if (Status settled = SettleFencedGuest(guest_id); !settled) return settled;
     if (options_.claim) {
       if (Status held = options_.claim->Check(); !held) return held;
@@ -72,6 +77,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       const Result<bool> is_ours = NoteRunning(guest_id, *stored);
       if (!is_ours) return is_ours.error();
       if (!*is_ours) return {};
+      ends_by_.NoteRun(guest_id);
       const char* const word = *state == GuestState::kPaused                     ? states::freeze
                                : is_asked || *state == GuestState::kShuttingDown ? states::shutting_down
                                                                                  : states::running;
@@ -84,20 +90,14 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       if (!*is_ours) return {};
       return Observe(guest_id, states::saved, sequence);
     }
-    const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
     const bool has_crashed = state && *state == GuestState::kCrashed;
-    // Without a run only a state that cannot be true is put right: a crash is told until the next start.
-    if (is_ours || IsLive(StoredState(guest_id)) || StoredState(guest_id) == states::saved) {
-      const bool never_ran = is_ours && (*stored)->run.starting;
-      const bool is_told = never_ran && !IsLive(StoredState(guest_id));
-      if (!is_told) {
-        Status told = Observe(guest_id, has_crashed ? states::crashed : states::shutdown, sequence);
-        if (!told) return told;
-      }
-    }
+    const auto ended = has_crashed ? EndReasons::Ended::kByCrash : EndReasons::Ended::kQuietly;
+    if (const Status observed = ObserveEnd(guest_id, *stored, ended, sequence); !observed) return observed;
+    const bool is_ours = *stored && (*stored)->run.host_id == options_.host_id;
     if (!is_ours) return {};
     return NoteOff(guest_id, *stored, !is_gone);
   }();
+  if (looked) looked = NoteNics(guest_id);
   const std::lock_guard lock(maintenance_mutex_);
   if (looked) {
     unsettled_.erase(guest_id);
@@ -236,10 +236,38 @@ Status LibvirtGuestControl::TakeDown(const std::string& guest_id) {
   return undefined.failure().error();
 }
 
-Status LibvirtGuestControl::Observe(const std::string& guest_id, const char* state, cluster::Sequence sequence) {
-  if (StoredState(guest_id) == state) return {};
+// Without a run only a state that cannot be true is put right: a crash is told until the next start.
+Status LibvirtGuestControl::ObserveEnd(const std::string& guest_id, const std::optional<StoredRun>& stored,
+                                       EndReasons::Ended ended, cluster::Sequence sequence) {
+  const bool is_ours = stored && stored->run.host_id == options_.host_id;
+  const std::string before = StoredState(guest_id);
+  const bool was_off = !IsLive(before) && before != states::saved;
+  const bool is_expected = ends_by_.Expected(guest_id).has_value();
+  if (!is_ours && was_off && !is_expected) return {};
+  // The end is stored already, and what comes behind it was not finished.
+  if (IsOff(before) && !is_expected && !ends_by_.HasRun(guest_id)) return {};
+  const bool never_ran = is_ours && stored->run.starting && !ends_by_.HasRun(guest_id);
+  std::string state = ended == EndReasons::Ended::kByCrash ? states::crashed : states::shutdown;
+  // A start that came to nothing leaves the guest as it was.
+  if (never_ran) state = IsOff(stored->run.state_before) ? stored->run.state_before : states::shutdown;
+  if (was_off && (never_ran || !is_ours) && !before.empty()) state = before;
+  std::optional<cluster::ShutdownReason> reason = ends_by_.Of(guest_id, ended);
+  // Nothing new is known of one that did not run.
+  if (never_ran && !is_expected) reason.reset();
+  if (Status observed = Observe(guest_id, state, sequence, reason); !observed) return observed;
+  ends_by_.Forget(guest_id);
+  return {};
+}
+
+Status LibvirtGuestControl::Observe(const std::string& guest_id, const std::string& state, cluster::Sequence sequence,
+                                    const std::optional<cluster::ShutdownReason>& shutdown) {
+  if (StoredState(guest_id) == state) {
+    if (!shutdown) return {};
+    const auto known = cluster::ReadShutdown(guest_id);
+    if (known && *known == shutdown) return {};
+  }
   cluster::RequestScope::ReleaseSnapshot();
-  cluster::Observation observation{state, sequence, options_.host_id, std::chrono::system_clock::now()};
+  cluster::Observation observation{state, sequence, options_.host_id, std::chrono::system_clock::now(), shutdown};
   if (options_.claim) observation.guard = options_.claim->Guard();
   const auto observed = cluster::Observe(*options_.store, guest_id, observation);
   Step("look: state stored");

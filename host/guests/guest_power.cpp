@@ -92,8 +92,10 @@ Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Request
       const auto state = hypervisor_->StateOf(guest_id);
       if (!state) return state.failure();
       Step("shutdown: asked");
+      ends_by_.Expect(guest_id, {cluster::ShutdownCause::kShutDown, false});
       Done asked = hypervisor_->ShutDown(guest_id, {});
       if (asked) shut_downs_->Begin(guest_id);
+      if (!asked) ends_by_.Cancel(guest_id);
       Step("shutdown: done");
       return asked;
     });
@@ -109,7 +111,9 @@ Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Request
   const Refused refused = Ask(guest_id, [&] {
     Step("poweroff: asked");
     shut_downs_->End(guest_id);
+    ends_by_.Expect(guest_id, ReasonOfPowerOff(guest_id));
     Done done = EndRun(guest_id);
+    if (!done) ends_by_.Cancel(guest_id);
     Step("poweroff: done");
     return done;
   });
@@ -122,6 +126,27 @@ Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Request
     claims_.AwaitFree(guest_id, kPatienceWithLook);
   }
   return refused;
+}
+
+cluster::ShutdownReason LibvirtGuestControl::ReasonOfPowerOff(const std::string& guest_id) {
+  namespace states = VexaCCC::State::Repo;
+  using enum cluster::ShutdownCause;
+  const auto has_stopped = hypervisor_->HasStoppedForStorage(guest_id);
+  if (!has_stopped || !*has_stopped) return {kPoweredOff, true};
+  std::string repository_id;
+  std::string state;
+  (void)VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Guest, guest_id).Get(repository_id, keys::repository_id);
+  (void)VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Repository, repository_id).Get(state, keys::state);
+  cluster::RequestScope::ReleaseSnapshot();
+  const std::pair<const char*, cluster::ShutdownCause> causes[] = {{states::full, kRepositoryFull},
+                                                                   {states::unavailable, kStorageUnavailable},
+                                                                   {states::crashed, kStorageCrashed},
+                                                                   {states::degraded, kStorageReadOnly},
+                                                                   {states::inaccessible, kStorageInaccessible}};
+  for (const auto& [of_repository, cause] : causes) {
+    if (state == of_repository) return {cause, true};
+  }
+  return {kPoweredOff, true};
 }
 
 LibvirtGuestControl::Done LibvirtGuestControl::EndRun(const std::string& guest_id) {
@@ -144,6 +169,7 @@ Refused LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester
   return Perform(guest_id, "reboot", requester, [&] {
     return Ask(guest_id, [&] {
       shut_downs_->End(guest_id);
+      ends_by_.Cancel(guest_id);
       return hypervisor_->Reboot(guest_id);
     });
   });
@@ -151,7 +177,9 @@ Refused LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester
 
 Refused LibvirtGuestControl::Fence(const std::string& guest_id) {
   shut_downs_->End(guest_id);
+  ends_by_.Expect(guest_id, {cluster::ShutdownCause::kFenced, true});
   const Done done = EndRun(guest_id);
+  if (!done) ends_by_.Cancel(guest_id);
   LookWhenFree(guest_id);
   if (done) return {};
   const Problem problem = done.failure().problem();

@@ -8,6 +8,7 @@
 #include "host/guests/guest_control_impl.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::guests {
@@ -18,6 +19,30 @@ namespace keys = VexaCCC::DB::_k;
 using hypervisor::Owner;
 using hypervisor::Problem;
 
+// Not set: the start was not the guest's to fail, such as of one that runs or that somebody else is busy with.
+std::optional<cluster::ShutdownCause> CauseOfFailedStart(int code) {
+  using enum cluster::ShutdownCause;
+  switch (code) {
+    case kNoVcpu:
+    case kNoMemory:
+    case kNoCpuThreads:
+      return kNoResources;
+    case kNoNetwork:
+      return kBootNoNetwork;
+    case kUnavailable:
+      return kBootNoStorage;
+    case kFailed:
+    case kIncompatibleCpu:
+      return kBootRefused;
+    case kRunsAlready:
+    case kElsewhere:
+    case kBusy:
+      return std::nullopt;
+    default:
+      return kBootFailed;
+  }
+}
+
 Json::Value WithoutPending(Json::Value guest) {
   guest.removeMember(kPending);
   return guest;
@@ -26,13 +51,22 @@ Json::Value WithoutPending(Json::Value guest) {
 }  // namespace
 
 Refused LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requester& requester) {
-  return Perform(guest_id, "poweron", requester, [&] { return StartGuest(guest_id); });
+  return Perform(guest_id, "poweron", requester, [&] {
+    Refused refused = StartGuest(guest_id);
+    if (!refused) return refused;
+    // The look that follows stores why the guest is off.
+    const auto cause = CauseOfFailedStart(refused->code);
+    // Whoever has powered it off meanwhile is why, whatever the start says about its end.
+    if (cause && !ends_by_.Expected(guest_id)) ends_by_.Expect(guest_id, {*cause, false});
+    return refused;
+  });
 }
 
 Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
   const Starts::Start start(starts_, guest_id);
   Starting starting;
   if (Refused refused = Prepare(guest_id, starting)) return refused;
+  ends_by_.Forget(guest_id);
   if (Refused refused = Reserve(starting)) return refused;
   Step("poweron: reserved");
   if (!starting.IsSaved()) {
@@ -47,6 +81,8 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
     return Refusal{kBusy, "The guest was changed in this moment; try again"};
   }
   starting.guest = std::move(*current);
+  // The state is for those who watch: a start goes on without it.
+  (void)Observe(guest_id, VexaCCC::State::Guest::booting, sequencer_.Next());
   return StartReserved(starting, start);
 }
 
@@ -105,7 +141,8 @@ Refused LibvirtGuestControl::RefuseUnmounted(const Guest& guest) const {
   }
   const Json::Value& nvram = json::Member(guest.records.guest, kNvramMember);
   if (nvram.isString()) paths.push_back(json::String(nvram));
-  return storage_->Refuse(guest.repository_id, paths, StorageUse::kExisting);
+  if (Refused unmounted = storage_->Refuse(guest.repository_id, paths, StorageUse::kExisting)) return unmounted;
+  return paths.empty() ? Refused() : storage_->RefuseStart(guest.repository_id);
 }
 
 Refused LibvirtGuestControl::Reserve(Starting& starting) {
@@ -125,6 +162,7 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.since = std::chrono::system_clock::now();
   run.starting = true;
+  (void)vgConfStateGet(guest_id, run.state_before);
   run.vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
   run.pinned_cpus = std::move(rating.pinned_cpus);
@@ -188,6 +226,8 @@ Refused LibvirtGuestControl::StartReserved(Starting& starting, const Starts::Sta
   const auto started = hypervisor_->Start(starting.guest.records.id);
   Step("poweron: started");
   if (!started) return RefusalOf(started.failure());
+  ends_by_.Cancel(starting.guest.records.id);
+  ends_by_.NoteRun(starting.guest.records.id);
   return {};
 }
 

@@ -6,25 +6,30 @@
 #include <utility>
 #include <vector>
 
+#include "host/guests/network_links.h"
+
 namespace vexa::guests {
 
 // Whether the host has the network or bridge of a name: a network that libvirt runs, a bridge of the kernel, or one of
-// the virtual switch ("ovs_…"). A network card of its own is none, since guests are put on bridges only.
+// Open vSwitch. A network card is not one, since guests are put on bridges only.
 // Fits HostResources::has_network. Threads: any, as far as `libvirt_networks` lets.
 class HostNetworks {
  public:
   // `libvirt_networks` gives the names of the networks that libvirt runs now; not set: none. It is called only for
-  // names that are no bridge. `root` stands in front of "/sys": "" is the real machine.
-  explicit HostNetworks(std::function<std::vector<std::string>()> libvirt_networks, std::string root = "")
-      : libvirt_networks_(std::move(libvirt_networks)), root_(std::move(root)) {}
+  // names that are not a bridge's. `root` and `driver_of` are those of NetworkLinks.
+  explicit HostNetworks(std::function<std::vector<std::string>()> libvirt_networks, std::string root = "",
+                        DriverReader driver_of = nullptr)
+      : libvirt_networks_(std::move(libvirt_networks)), root_(std::move(root)), driver_of_(std::move(driver_of)) {}
 
   bool operator()(const std::string& name) const;
 
- private:
-  bool IsBridge(const std::string& name) const;
+  // What the bridge of this name is. kNone for names that a domain's XML cannot have.
+  BridgeKind KindOf(const std::string& name) const;
 
+ private:
   std::function<std::vector<std::string>()> libvirt_networks_;
   std::string root_;
+  DriverReader driver_of_;
 };
 
 }  // namespace vexa::guests

@@ -11,6 +11,7 @@
 #include "host/cluster/live_state.h"
 #include "host/cluster/object_edit.h"
 #include "host/cluster/reading.h"
+#include "host/cluster/shutdown_reason.h"
 #include "host/guests/claims.h"
 #include "host/guests/domain_record.h"
 #include "host/guests/run_record.h"
@@ -100,9 +101,11 @@ Status PutShutDown(const store::Snapshot& snapshot, const std::string& guest_id,
   const std::string key = cluster::LiveRecordKey(guest_id);
   Result<StoredObject> live = LoadObject(snapshot, key);
   if (!live && live.error().code() != ErrorCode::kCorrupt) return live.error();
+  // A damaged record is left: without it the guest is off for a reason that is not known.
   if (!live) return {};
   // The host that comes back counts on from its own sequence.
   live->record.removeMember(keys::host_id);
+  live->record["shutdown"] = cluster::ShutdownJson({cluster::ShutdownCause::kHostOffline, true});
   cluster::PutObject(transaction, key, *live);
   return {};
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/cluster/log_text.h"
+#include "host/guests/storage_condition.h"
 #include "host/hypervisor/domain_xml.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -144,7 +145,11 @@ class Rater {
   void RateAvailability() {
     if (!host_.is_connected) Refuse(kUnavailable, "The host has no connection to its hypervisor.");
     const std::string& state = guest_.repository_state;
-    if (!guest_.repository_id.empty() && !state.empty() && state != states::online && state != states::degraded) {
+    const bool is_judged = !guest_.repository_id.empty() && !state.empty();
+    if (is_judged && state == states::full) {
+      Refuse(kUnavailable, "The repository " + Quoted(guest_.repository_id) +
+                               " is full: make room in it, or move disks to another repository.");
+    } else if (is_judged && !IsUsableRepository(state)) {
       Refuse(kUnavailable,
              "The repository " + Quoted(guest_.repository_id) + " is in the state " + Quoted(state) + ".");
     }

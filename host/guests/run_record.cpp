@@ -18,6 +18,7 @@ constexpr char kHostId[] = "host_id";
 constexpr char kIncarnation[] = "incarnation";
 constexpr char kSince[] = "since";
 constexpr char kStarting[] = "starting";
+constexpr char kStateBefore[] = "state_before";
 constexpr char kSaved[] = "saved";
 constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
@@ -43,6 +44,8 @@ Run ParseRun(std::string_view text) {
   run.incarnation = json::UInt64(json::Member(*parsed, kIncarnation));
   run.since = StoredTime(json::Member(*parsed, kSince));
   run.starting = json::Bool(json::Member(*parsed, kStarting));
+  const Json::Value& before = json::Member(*parsed, kStateBefore);
+  if (before.isString()) run.state_before = json::String(before);
   run.saved = json::Bool(json::Member(*parsed, kSaved));
   run.vcpus = json::UInt64(json::Member(*parsed, kVcpus));
   run.memory_mib = json::UInt64(json::Member(*parsed, kMemory));
@@ -93,6 +96,7 @@ std::string RunText(const Run& run) {
   record[kSince] =
       static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(run.since.time_since_epoch()).count());
   record[kStarting] = run.starting;
+  if (run.starting && !run.state_before.empty()) record[kStateBefore] = run.state_before;
   record[kSaved] = run.saved;
   record[kVcpus] = static_cast<Json::UInt64>(run.vcpus);
   record[kMemory] = static_cast<Json::UInt64>(run.memory_mib);

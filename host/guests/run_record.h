@@ -1,8 +1,7 @@
 // Which host has which guest, and which guest is being deleted.
 //
-//   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "saved", "vcpus",
-//   "memory_mib",
-//                         "pinned_cpus": [0, …]}
+//   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "state_before" (while starting),
+//                         "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
 //                         from before the guest is defined for the hypervisor of its host until it is off and its
 //                         memory is nowhere: a guest that libvirt saved still belongs to the host that has its memory
 //   /deletion/<guest id>  see deletion.h; from before a file is touched until none is left
@@ -33,6 +32,7 @@ struct Run {
   std::uint64_t incarnation = 0;                // of the host's daemon that noted it; see cluster/host_claim.h
   std::chrono::system_clock::time_point since;  // whole seconds
   bool starting = false;                        // what the hypervisor says then decides whether it ever ran
+  std::string state_before;                     // while starting: the guest's state, for a start that fails
   bool saved = false;                           // it does not run: its memory is in a file of the host
   std::uint64_t vcpus = 0;
   std::uint64_t memory_mib = 0;

@@ -1,5 +1,6 @@
 // What the file system says about a repository's storage.
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <utility>
 
@@ -23,9 +24,11 @@ class StorageLook {
     Trail known = UsedPart();
     StorageAnswer answer;
     answer.check = CheckTrail(known);
+    if (answer.check.outcome != Outcome::kNotMounted) CheckRoots(answer.check);
     if (answer.check.outcome != Outcome::kNotMounted) {
       LearnOfFiles(answer.check);
       TakeOwnFolders(known, answer.check);
+      answer.conditions = Conditions();
       answer.learned = std::move(learned_);
     } else {
       // Whether the repository's own folder is in use cannot be known now.
@@ -53,6 +56,30 @@ class StorageLook {
   bool IsOwnFolder(const std::string& folder) const {
     const std::vector<std::string> above = TrailFolders(question_.roots, folder);
     return above.size() == 1 && folder == above.front() + question_.repository_id;
+  }
+
+  // A root that disks are below and that is not there. It was never learned, else the check had found that.
+  void CheckRoots(TrailCheck& check) const {
+    if (question_.unlearned == UnlearnedRoots::kIgnored) return;
+    for (const std::string& folder : used_) {
+      if (!folder.ends_with('/') || question_.known.contains(folder)) continue;
+      TrailCheck missing = CheckTrail({{folder, ""}});
+      if (missing.outcome != Outcome::kNotMounted || missing.error_number != ENOENT) continue;
+      check = std::move(missing);
+      return;
+    }
+  }
+
+  // Of the folders that files are in, else of where new ones come.
+  std::vector<FolderCondition> Conditions() const {
+    std::vector<std::string> folders;
+    for (const auto& [folder, paths] : paths_by_folder_) folders.push_back(folder);
+    for (const std::string& folder : used_) {
+      if (IsOwnFolder(folder)) folders.push_back(folder);
+    }
+    std::vector<FolderCondition> conditions = ProbeFolders(folders);
+    if (!conditions.empty() || question_.roots.empty()) return conditions;
+    return ProbeFolders({used_.empty() ? question_.roots.front() : *used_.begin()});
   }
 
   bool IsKnown(const std::string& folder) const {

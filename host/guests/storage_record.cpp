@@ -6,6 +6,7 @@
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/run_record.h"
+#include "host/guests/storage_condition.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
@@ -23,6 +24,8 @@ constexpr char kFolders[] = "folders";
 constexpr char kNotMounted[] = "not_mounted";
 constexpr char kReason[] = "reason";
 constexpr char kSince[] = "since";
+constexpr char kTrouble[] = "trouble";
+constexpr char kWritten[] = "written";
 constexpr char kStateBefore[] = "state_before";
 
 std::string RepositoryKey(const std::string& repository_id, std::string_view name) {
@@ -39,13 +42,19 @@ Storage FromRecord(const cluster::StoredObject& stored) {
   storage.revision = stored.revision;
   storage.host_id = TextMember(stored.record, keys::host_id);
   storage.folders = TrailFromJson(json::Member(stored.record, kFolders));
-  if (!json::FindMember(stored.record, kNotMounted)) return storage;
+  // Without "trouble" what there is of it was written before states had kinds: it was not mounted.
+  const std::string state = TextMember(stored.record, kTrouble);
+  if (state.empty() && !json::FindMember(stored.record, kNotMounted)) return storage;
   StorageTrouble& trouble = storage.trouble.emplace();
+  if (!state.empty()) trouble.state = state;
   for (const Json::Value& folder : json::Elements(json::Member(stored.record, kNotMounted))) {
     if (folder.isString()) trouble.folders.push_back(json::String(folder));
   }
   trouble.reason = TextMember(stored.record, kReason);
   trouble.since = StoredTime(json::Member(stored.record, kSince));
+  const std::string written = TextMember(stored.record, kWritten);
+  if (!written.empty()) storage.written = written;
+  if (state.empty()) storage.written = trouble.state;
   const Json::Value& before = json::Member(stored.record, kStateBefore);
   if (before.isString()) storage.state_before = json::String(before);
   return storage;
@@ -54,11 +63,10 @@ Storage FromRecord(const cluster::StoredObject& stored) {
 Json::Value ToRecord(const Storage& storage) {
   Json::Value record = StorageJson(storage);
   record[keys::host_id] = storage.host_id;
-  if (storage.trouble && storage.state_before) record[kStateBefore] = *storage.state_before;
+  if (storage.written) record[kWritten] = *storage.written;
+  if (storage.written && storage.state_before) record[kStateBefore] = *storage.state_before;
   return record;
 }
-
-std::string UnavailableText() { return json::ToText(VexaCCC::State::Repo::unavailable); }
 
 struct StoredText {
   store::Revision revision = 0;
@@ -71,12 +79,36 @@ Result<StoredText> ReadText(const store::Snapshot& snapshot, const std::string& 
   return StoredText{(*value)->revision, std::string((*value)->text)};
 }
 
-// Takes back what was written when the trouble began, unless somebody has written another state since.
-void RestoreState(const std::string& repository_id, const Storage& storage, const StoredText& state,
-                  store::Transaction& transaction) {
+// The text of the state's key but for what was written there for a trouble.
+std::optional<std::string> TextBelow(const Storage& storage, const StoredText& state) {
+  const bool is_ours = storage.written && state.text == json::ToText(*storage.written);
+  return is_ours ? storage.state_before : state.text;
+}
+
+void PutState(const std::string& repository_id, const StoredText& now, const std::optional<std::string>& text,
+              store::Transaction& transaction) {
   const std::string key = RepositoryStateKey(repository_id);
-  transaction.compares.push_back({key, state.revision});
-  if (storage.trouble && state.text == UnavailableText()) transaction.operations.push_back({key, storage.state_before});
+  transaction.compares.push_back({key, now.revision});
+  if (now.text != text) transaction.operations.push_back({key, text});
+}
+
+// The state that a text of the state's key says, else the one in the repository's record.
+Result<std::string> StateBelow(const store::Snapshot& snapshot, const std::string& repository_id,
+                               const std::optional<std::string>& text) {
+  if (text) {
+    const Result<Json::Value> parsed = ParseJson(*text);
+    return parsed && parsed->isString() ? json::String(*parsed) : std::string();
+  }
+  const auto record = cluster::LoadObject(snapshot, RepositoryKey(repository_id, keys::object));
+  if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
+  return record ? TextMember(record->record, keys::state) : std::string();
+}
+
+// Storage that cannot be used at all is shown whatever is known besides; of the rest the worst.
+bool IsShown(const StorageTrouble& trouble, const std::string& below) {
+  const bool is_lost =
+      trouble.state == VexaCCC::State::Repo::unavailable || trouble.state == VexaCCC::State::Repo::crashed;
+  return is_lost || RepositoryRank(trouble.state) > RepositoryRank(below);
 }
 
 // What of the storage counts for this host.
@@ -87,18 +119,21 @@ Storage OwnPart(const Storage& before, const std::string& host_id) {
   return own;
 }
 
-Storage Apply(const Storage& before, const std::string& host_id, const StorageNews& news, const StoredText& state) {
+// `below`: the state without what is written for a trouble, of the text `text_below`.
+Storage Apply(const Storage& before, const std::string& host_id, const StorageNews& news, const std::string& below,
+              const std::optional<std::string>& text_below) {
   Storage after = OwnPart(before, host_id);
   std::erase_if(after.folders, [&](const auto& known) { return !news.used.contains(known.first); });
   after.folders.insert(news.learned.begin(), news.learned.end());
-  const bool was_written = before.trouble && state.text == UnavailableText();
-  if (!news.trouble) {
-    after.state_before.reset();
-  } else if (!was_written) {
-    after.state_before = state.text;
-  }
   after.trouble = news.trouble;
-  if (before.trouble && after.trouble) after.trouble->since = before.trouble->since;
+  after.written.reset();
+  after.state_before.reset();
+  if (after.trouble && IsShown(*after.trouble, below)) {
+    after.written = after.trouble->state;
+    after.state_before = text_below;
+  }
+  const bool goes_on = before.trouble && after.trouble && before.trouble->state == after.trouble->state;
+  if (goes_on) after.trouble->since = before.trouble->since;
   return after;
 }
 
@@ -108,7 +143,7 @@ Result<store::Transaction> PlanUpdate(const store::Store& store, const std::stri
   if (!snapshot) return snapshot.error();
   Result<Storage> before = ReadStorage(**snapshot, repository_id);
   if (!before) return before.error();
-  change = {*before, *before};
+  change = {*before, *before, ""};
   store::Transaction transaction;
   Json::Value named(Json::objectValue);
   named[keys::repository_id] = repository_id;
@@ -117,12 +152,16 @@ Result<store::Transaction> PlanUpdate(const store::Store& store, const std::stri
   if (*host != host_id || before->revision != news.seen) return transaction;
   const Result<StoredText> state = ReadText(**snapshot, RepositoryStateKey(repository_id));
   if (!state) return state.error();
-  const Storage after = Apply(*before, host_id, news, *state);
+  const std::optional<std::string> text_below = TextBelow(*before, *state);
+  const Result<std::string> below = StateBelow(**snapshot, repository_id, text_below);
+  if (!below) return below.error();
+  const Storage after = Apply(*before, host_id, news, *below, text_below);
+  change.state = after.written.value_or(*below);
+  const std::optional<std::string> text = after.written ? json::ToText(*after.written) : text_below;
   const Json::Value record = ToRecord(after);
   const bool is_new = before->revision == 0 && (!after.folders.empty() || after.trouble);
   const bool is_changed = before->revision != 0 && record != ToRecord(*before);
-  const bool has_state = !after.trouble || state->text == UnavailableText();
-  if (!is_new && !is_changed && has_state) return transaction;
+  if (!is_new && !is_changed && state->text == text) return transaction;
   change.after = after;
   for (const char* name : {keys::object, keys::host_id}) {
     const Result<StoredText> owner = ReadText(**snapshot, RepositoryKey(repository_id, name));
@@ -131,12 +170,7 @@ Result<store::Transaction> PlanUpdate(const store::Store& store, const std::stri
   }
   transaction.compares.push_back({StorageKey(repository_id), before->revision});
   transaction.operations.push_back({StorageKey(repository_id), json::ToText(record)});
-  if (!after.trouble) {
-    RestoreState(repository_id, *before, *state, transaction);
-  } else if (!has_state) {
-    transaction.compares.push_back({RepositoryStateKey(repository_id), state->revision});
-    transaction.operations.push_back({RepositoryStateKey(repository_id), UnavailableText()});
-  }
+  PutState(repository_id, *state, text, transaction);
   return transaction;
 }
 
@@ -150,8 +184,11 @@ Json::Value StorageJson(const Storage& storage) {
   Json::Value record(Json::objectValue);
   record[kFolders] = TrailJson(storage.folders);
   if (!storage.trouble) return record;
-  record[kNotMounted] = Json::Value(Json::arrayValue);
-  for (const std::string& folder : storage.trouble->folders) record[kNotMounted].append(folder);
+  record[kTrouble] = storage.trouble->state;
+  if (storage.trouble->state == VexaCCC::State::Repo::unavailable) {
+    record[kNotMounted] = Json::Value(Json::arrayValue);
+    for (const std::string& folder : storage.trouble->folders) record[kNotMounted].append(folder);
+  }
   record[kReason] = storage.trouble->reason;
   const auto since = storage.trouble->since.time_since_epoch();
   record[kSince] = static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
@@ -195,7 +232,7 @@ Status ForgetStorage(store::Store& store, const std::string& repository_id) {
     if (!storage && storage.error().code() != ErrorCode::kCorrupt) return storage.error();
     transaction.compares.push_back({StorageKey(repository_id), stored->revision});
     transaction.operations.push_back({StorageKey(repository_id), std::nullopt});
-    if (storage) RestoreState(repository_id, *storage, *state, transaction);
+    if (storage) PutState(repository_id, *state, TextBelow(*storage, *state), transaction);
     return transaction;
   });
 }

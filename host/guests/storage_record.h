@@ -1,10 +1,13 @@
 // What is known of the storage that a repository's disks are in.
 //
 //   /dash/repository/<id>/storage   {"host_id": whose folders these are, "folders": {folder: identity} (a trail),
-//                                    and while the storage cannot be used: "not_mounted": [folder, …], "reason": a
-//                                    clause, "since" (Unix seconds), "state_before" (the text of the next key, if any)}
-//   /dash/repository/<id>/state     "repo_unavailable" as long. It goes before the state in the repository's record,
-//                                    which is an administrator's and stays as it is.
+//                                    and while something is wrong with it: "trouble" (the state that it makes),
+//                                    "reason": a clause, "since" (Unix seconds), "not_mounted": [folder, …] of a
+//                                    repository that is unavailable, "written" (the state that was put under the next
+//                                    key, if any), "state_before" (the text of the next key before, if any)}
+//   /dash/repository/<id>/state     the state as long. It goes before the state in the repository's record, which is an
+//                                    administrator's and stays as it is. A state that is worse already stays, but for
+//                                    storage that cannot be used at all.
 //
 // Only the host of the repository writes these keys, and `vexa repository accept`. Knowledge of a host whose repository
 // it no longer is counts as none.
@@ -20,17 +23,19 @@
 #include "host/base/result.h"
 #include "host/guests/storage_trail.h"
 #include "host/store/store.h"
+#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::guests {
 
 std::string StorageKey(const std::string& repository_id);
 std::string RepositoryStateKey(const std::string& repository_id);
 
-// Why a repository's storage cannot be used.
+// What is wrong with a repository's storage.
 struct StorageTrouble {
-  std::vector<std::string> folders;  // that are not the same; none when nothing answers
+  std::vector<std::string> folders;  // that it was found by; none when nothing answers
   std::string reason;                // a clause: "the folder '…' is not the one that its disks are in"
   std::chrono::system_clock::time_point since;
+  std::string state = VexaCCC::State::Repo::unavailable;  // that the repository is in
 };
 
 struct Storage {
@@ -38,7 +43,8 @@ struct Storage {
   std::string host_id;
   Trail folders;
   std::optional<StorageTrouble> trouble;
-  std::optional<std::string> state_before;  // the text of RepositoryStateKey() when the trouble began
+  std::optional<std::string> written;       // the state that was put under RepositoryStateKey() for the trouble
+  std::optional<std::string> state_before;  // the text that it took the place of
 };
 
 // The record without the host and the earlier state, for people.
@@ -63,6 +69,7 @@ struct StorageNews {
 struct StorageChange {
   Storage before;
   Storage after;
+  std::string state;  // of the repository, as readers see it now; "" when it is not this host's
 };
 Result<StorageChange> UpdateStorage(store::Store& store, const std::string& repository_id, const std::string& host_id,
                                     const StorageNews& news);

@@ -141,17 +141,18 @@ struct FolderLook {
   Is is = Is::kThere;
   std::string identity;
   std::string reason;  // of what is not there
+  int error_number = 0;
 };
 
 FolderLook NotThere(const std::string& folder, int error_number) {
-  if (error_number == ENOENT) return {FolderLook::Is::kMissing, "", "there is no folder " + Quoted(folder)};
+  if (error_number == ENOENT) return {FolderLook::Is::kMissing, "", "there is no folder " + Quoted(folder), ENOENT};
   // A symbolic link in the place of a folder is one of these.
   if (error_number == ENOTDIR || error_number == ELOOP) {
-    return {FolderLook::Is::kUnknown, "", Quoted(folder) + " is not a folder"};
+    return {FolderLook::Is::kUnknown, "", Quoted(folder) + " is not a folder", error_number};
   }
   const Error error =
       SystemError(ErrorCode::kInternal, "the folder " + Quoted(folder) + " cannot be looked at", error_number);
-  return {FolderLook::Is::kUnknown, "", error.ToString()};
+  return {FolderLook::Is::kUnknown, "", error.ToString(), error_number};
 }
 
 FolderLook LookAt(const std::string& folder, const Way& way) {
@@ -163,13 +164,13 @@ FolderLook LookAt(const std::string& folder, const Way& way) {
     at = OpenBelow(at, name);
     if (at.get() < 0 && errno == ENOENT && is_automount) {
       return {FolderLook::Is::kUnknown, "",
-              "there is no folder " + Quoted(folder) + ", which is mounted when it is used"};
+              "there is no folder " + Quoted(folder) + ", which is mounted when it is used", ENOENT};
     }
   }
   if (at.get() < 0) return NotThere(folder, errno);
   const std::optional<FolderIdentity> identity = Identify(at);
   if (!identity) return NotThere(folder, errno);
-  return {FolderLook::Is::kThere, IdentityText(*identity), ""};
+  return {FolderLook::Is::kThere, IdentityText(*identity), "", 0};
 }
 
 }  // namespace
@@ -296,8 +297,10 @@ TrailCheck CheckTrail(const Trail& trail) {
       return {Outcome::kNotMounted, {folder}, "the folder " + Quoted(folder) + " is not the one that its disks are in"};
     }
     // Folders come behind those that they are in, which thus are the same, or gone themselves.
-    if (look.is == Is::kUnknown || !HasParent(trail, folder)) return {Outcome::kNotMounted, {folder}, look.reason};
-    if (gone.folders.empty()) gone = {Outcome::kFolderGone, {}, look.reason};
+    if (look.is == Is::kUnknown || !HasParent(trail, folder)) {
+      return {Outcome::kNotMounted, {folder}, look.reason, look.error_number};
+    }
+    if (gone.folders.empty()) gone = {Outcome::kFolderGone, {}, look.reason, look.error_number};
     gone.folders.push_back(folder);
   }
   return gone;

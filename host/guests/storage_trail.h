@@ -77,7 +77,8 @@ struct TrailCheck {
   };
   Outcome outcome = Outcome::kSame;
   std::vector<std::string> folders;  // the first that decided and, of kFolderGone, all that are gone
-  std::string reason;  // a clause about the first: "the folder '…' is not the one that its disks are in"
+  std::string reason;    // a clause about the first: "the folder '…' is not the one that its disks are in"
+  int error_number = 0;  // errno(3) when the first could not be looked at
 };
 // A missing root is kNotMounted, and so is a folder that is missing where automount(8) makes folders. kNotMounted comes
 // before kFolderGone.

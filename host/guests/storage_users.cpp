@@ -1,6 +1,8 @@
 #include "host/guests/storage_users.h"
 
+#include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -28,9 +30,31 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
+// `record` is null of a path that is a key of its own, behind the record of the disk, and goes before the record's.
+void NoteDisk(const Json::Value& record, const std::string& key_segment, const std::string& path,
+              std::vector<DiskFile>& disks) {
+  if (record.isNull()) {
+    if (!path.empty() && !disks.empty()) disks.back().path = path;
+    return;
+  }
+  std::optional<std::string> id = store::DecodeSegment(key_segment);
+  if (!id || !record.isObject()) return;
+  DiskFile disk;
+  disk.id = std::move(*id);
+  disk.guest_id = TextMember(record, keys::guest_id);
+  disk.path = path;
+  disk.is_qcow2 = TextMember(record, keys::format) == "qcow2";
+  disk.size_mib = json::UInt64(json::Member(record, keys::size));
+  disks.push_back(std::move(disk));
+}
+
+// Whether the key is the state of an object, which says nothing about its files.
+bool IsState(std::string_view key) { return key.substr(key.rfind('/') + 1) == keys::state; }
+
 // The paths under `member` of all records of the category. The path of a disk may also be a key of its own.
 Status TakePaths(const store::Snapshot& snapshot, const DashCate& category, const char* member,
-                 FilesByRepository::Paths& paths) {
+                 FilesByRepository::Files& files) {
+  const bool has_disks = category.name() == std::string_view(DashCate::vDisk.name());
   const std::string prefix = PrefixOf(category);
   const std::string quoted = "\"" + std::string(member) + "\"";
   std::string last_id;
@@ -48,13 +72,15 @@ Status TakePaths(const store::Snapshot& snapshot, const DashCate& category, cons
     const bool is_own = name == member && rest.substr(0, slash) == last_id && !repository_id.empty();
     if (name != keys::object && !is_own) return true;
     const bool may_name = value.text.find(quoted) != std::string_view::npos ||
-                          value.text.find('\\') != std::string_view::npos || category.name() == DashCate::vDisk.name();
+                          value.text.find('\\') != std::string_view::npos || has_disks;
     if (!is_own && !may_name) return true;
     const Result<Json::Value> parsed = ParseJson(value.text);
     if (!parsed) return true;
     if (!is_own) repository_id = TextMember(*parsed, keys::repository_id);
     std::string path = is_own && parsed->isString() ? json::String(*parsed) : TextMember(*parsed, member);
-    if (!path.empty() && !repository_id.empty()) paths[repository_id].push_back(std::move(path));
+    if (repository_id.empty()) return true;
+    if (has_disks) NoteDisk(is_own ? Json::Value() : *parsed, last_id, path, files[repository_id].disks);
+    if (!path.empty()) files[repository_id].paths.push_back(std::move(path));
     return true;
   });
 }
@@ -85,12 +111,13 @@ Result<bool> FilesByRepository::HasChanged(store::Store& store, store::Revision 
   for (const DashCate* category : {&DashCate::vDisk, &DashCate::Guest}) {
     const auto batch = store.Watch(PrefixOf(*category), *seen_, std::chrono::milliseconds(0));
     if (!batch) return batch.error();
-    if (batch->lost || !batch->changes.empty()) return true;
+    const bool has_changed = std::ranges::any_of(batch->changes, [](const auto& one) { return !IsState(one.key); });
+    if (batch->lost || has_changed) return true;
   }
   return false;
 }
 
-Result<const FilesByRepository::Paths*> FilesByRepository::Find(store::Store& store) {
+Result<const FilesByRepository::Files*> FilesByRepository::Find(store::Store& store) {
   store::Revision now = 0;
   {
     const auto snapshot = store.Read();
@@ -102,18 +129,18 @@ Result<const FilesByRepository::Paths*> FilesByRepository::Find(store::Store& st
   if (!*has_changed) {
     // What has changed since `now` was read is looked for by the next call.
     seen_ = now;
-    return &paths_;
+    return &files_;
   }
-  Paths paths;
+  Files files;
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
   for (const auto& [category, member] : {std::pair(&DashCate::vDisk, kPath), std::pair(&DashCate::Guest, kNvram)}) {
-    const Status taken = TakePaths(**snapshot, *category, member, paths);
+    const Status taken = TakePaths(**snapshot, *category, member, files);
     if (!taken) return taken.error();
   }
-  paths_ = std::move(paths);
+  files_ = std::move(files);
   seen_ = (*snapshot)->revision();
-  return &paths_;
+  return &files_;
 }
 
 }  // namespace vexa::guests

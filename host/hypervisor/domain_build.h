@@ -58,6 +58,11 @@ struct BuildOptions {
 
   // Names of networks that libvirt itself runs; all others are bridges of the host.
   std::set<std::string> libvirt_networks;
+
+  // Names of bridges that are Open vSwitch's, which libvirt must be told, and of those that are the kernel's. Others
+  // are taken for the kernel's, but an edit leaves a port of a switch what it is.
+  std::set<std::string> switch_bridges;
+  std::set<std::string> kernel_bridges;
 };
 
 // The XML of a domain, indented, without an XML declaration. The same records and options always give the same text.

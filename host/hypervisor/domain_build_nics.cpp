@@ -51,6 +51,7 @@ Status WriteSource(Context& context, pugi::xml_node element, const std::string& 
   }
   Set(element, "type", "bridge");
   Set(Add(element, "source"), "bridge", network);
+  if (context.options.switch_bridges.contains(network)) Set(Add(element, "virtualport"), "type", "openvswitch");
   return {};
 }
 

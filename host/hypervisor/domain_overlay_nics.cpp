@@ -79,13 +79,23 @@ void ChangeModel(pugi::xml_node nic, pugi::xml_node built) {
   if (model != "virtio") nic.remove_child("driver");
 }
 
-void ChangeNetwork(pugi::xml_node nic, pugi::xml_node built) {
+// Between bridges of the kernel and of a virtual switch, for those that are known.
+void ChangeSwitch(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node built) {
+  if (overlay.options.kernel_bridges.contains(built.child("source").attribute("bridge").value())) {
+    nic.remove_child("virtualport");
+  } else if (built.child("virtualport") && !nic.child("virtualport")) {
+    nic.append_copy(built.child("virtualport"));
+  }
+}
+
+void ChangeNetwork(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node built) {
   const bool had_none = Says(nic, "type", "user");
   const bool has_none = Says(built, "type", "user");
   if (Says(nic, "type", built.attribute("type").value())) {
     const pugi::xml_attribute name = built.child("source").first_attribute();
     if (name) Put(ChildOf(nic, "source"), name.name(), name.value());
     RemoveAttributes(nic.child("source"), kOfNetwork);
+    if (Says(nic, "type", "bridge")) ChangeSwitch(overlay, nic, built);
     return;
   }
   const bool was_host_device = Says(nic, "type", "hostdev");
@@ -95,6 +105,7 @@ void ChangeNetwork(pugi::xml_node nic, pugi::xml_node built) {
   RemoveChildren(nic, kOfKind);
   nic.remove_child("source");
   if (built.child("source")) nic.append_copy(built.child("source"));
+  if (built.child("virtualport")) nic.append_copy(built.child("virtualport"));
   if (!nic.child("model")) nic.append_copy(built.child("model"));
   if (has_none) Put(ChildOf(nic, "link"), "state", "down");
   if (had_none) nic.remove_child("link");
@@ -117,7 +128,7 @@ Status Change(const Overlay& overlay, const std::string& id, const Json::Value& 
   const pugi::xml_node built = scratch.child("devices").child("interface");
   pugi::xml_node nic = slot.element;
   if (mac_differs) Put(ChildOf(nic, "mac"), "address", built.child("mac").attribute("address").value());
-  if (network_differs) ChangeNetwork(nic, built);
+  if (network_differs) ChangeNetwork(overlay, nic, built);
   if (type_differs) ChangeModel(nic, built);
   return {};
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/hypervisor/domain_build.h"
+#include "host/hypervisor/domain_interfaces.h"
 #include "host/hypervisor/outcome.h"
 
 namespace vexa::hypervisor {
@@ -156,6 +157,9 @@ class Hypervisor {
   virtual Outcome<void> Reboot(const std::string& id) = 0;
 
   virtual Outcome<GuestState> StateOf(const std::string& id) = 0;
+  // Whether the guest's machine has stopped since its storage gave an error or had no room. False: it runs, is off, or
+  // somebody else has paused it.
+  virtual Outcome<bool> HasStoppedForStorage(const std::string& id) = 0;
   // All guests, by id.
   virtual Outcome<std::vector<KnownGuest>> List() = 0;
 
@@ -165,12 +169,18 @@ class Hypervisor {
   // Whether the agent of a running guest is connected. Failures: kNotRunning.
   virtual Outcome<bool> HasAgent(const std::string& id) = 0;
 
+  // What the interfaces of a running guest are plugged into. A network of libvirt's that leads to a bridge or device of
+  // the host is shown as that. Failures: kNotRunning.
+  virtual Outcome<std::vector<GuestInterface>> InterfacesOf(const std::string& id) = 0;
+
   // The names of the active networks that libvirt runs, in order; none where the driver has no networks.
   virtual Outcome<std::vector<std::string>> Networks() = 0;
 
   // The bytes that guests could get: free ones, buffers and caches.
   virtual Outcome<std::uint64_t> FreeMemory() = 0;
   virtual Outcome<Node> NodeFigures() = 0;
+  // Of what runs the guests, as three numbers: "7.2.19".
+  virtual Outcome<std::string> Version() = 0;
 
   virtual bool IsConnected() const = 0;
   // Closes the connection and has it opened again, as when it was lost. Returns at once.

@@ -181,4 +181,17 @@ Outcome<Node> LibvirtHypervisor::NodeFigures() {
   return node;
 }
 
+Outcome<std::string> LibvirtHypervisor::Version() {
+  Outcome<std::shared_ptr<virConnect>> connection = Connection();
+  if (!connection) return connection.failure();
+  constexpr unsigned long kMajor = 1'000'000;
+  constexpr unsigned long kMinor = 1'000;
+  unsigned long version = 0;
+  if (virConnectGetVersion(connection->get(), &version) != 0) {
+    return Failed(*connection, Operation::kRead, "Cannot read the version of the hypervisor");
+  }
+  return std::to_string(version / kMajor) + "." + std::to_string(version / kMinor % kMinor) + "." +
+         std::to_string(version % kMinor);
+}
+
 }  // namespace vexa::hypervisor

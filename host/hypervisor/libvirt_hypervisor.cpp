@@ -178,6 +178,17 @@ Outcome<GuestState> LibvirtHypervisor::StateOf(const std::string& id) {
   return *state;
 }
 
+Outcome<bool> LibvirtHypervisor::HasStoppedForStorage(const std::string& id) {
+  const Outcome<Found> guest = Find(id);
+  if (!guest) return guest.failure();
+  int state = 0;
+  int reason = 0;
+  if (virDomainGetState(guest->domain.get(), &state, &reason, 0) != 0) {
+    return Failed(guest->connection, Operation::kRead, "Cannot read the state of the guest " + id);
+  }
+  return state == VIR_DOMAIN_PAUSED && reason == VIR_DOMAIN_PAUSED_IOERROR;
+}
+
 Outcome<std::vector<KnownGuest>> LibvirtHypervisor::List() {
   Outcome<std::shared_ptr<virConnect>> connection = Connection();
   if (!connection) return connection.failure();

@@ -62,12 +62,15 @@ class LibvirtHypervisor final : public Hypervisor {
   Outcome<void> PowerOff(const std::string& id) override;
   Outcome<void> Reboot(const std::string& id) override;
   Outcome<GuestState> StateOf(const std::string& id) override;
+  Outcome<bool> HasStoppedForStorage(const std::string& id) override;
   Outcome<std::vector<KnownGuest>> List() override;
   Outcome<std::vector<std::string>> AddressesOf(const std::string& id) override;
   Outcome<bool> HasAgent(const std::string& id) override;
+  Outcome<std::vector<GuestInterface>> InterfacesOf(const std::string& id) override;
   Outcome<std::vector<std::string>> Networks() override;
   Outcome<std::uint64_t> FreeMemory() override;
   Outcome<Node> NodeFigures() override;
+  Outcome<std::string> Version() override;
   bool IsConnected() const override { return link_->IsConnected(); }
   void Reconnect() override { link_->Lose(); }
 

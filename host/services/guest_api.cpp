@@ -2,11 +2,15 @@
 #include <sys/stat.h>
 
 #include <limits>
+#include <map>
+#include <optional>
 #include <utility>
 
 #include "host/cluster/reading.h"
+#include "host/guests/storage_condition.h"
 #include "host/services/rows.h"
 #include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::services {
@@ -23,10 +27,19 @@ using webapi::LaneKind;
 constexpr Json::UInt64 kMib = Json::UInt64{1} << 20;
 constexpr std::uint64_t kBlockBytes = 512;  // of st_blocks, whatever the file system's own are
 
-// Codes of "failed_check". Callers show those that they do not know as numbers.
-constexpr int kCheckPassed = 100;
-constexpr int kRepositoryOffline = 303;
-constexpr int kRepositoryElsewhere = 304;
+// Why the repository cannot be used here: a code of "failed_check", and the sentence of "reason".
+struct FailedCheck {
+  int code = 0;
+  const char* reason = "";
+};
+
+// The shared layer has keywords for these two. For the next two it has none that would be true, and gives their number.
+constexpr FailedCheck kHostOffline{307, "The repository belongs to another host, which does not answer."};
+constexpr FailedCheck kRemoteFirmware{
+    311, "The repository belongs to another host, and guests with EFI firmware cannot run that way."};
+constexpr FailedCheck kRepositoryOffline{
+    303, "The repository is neither online nor degraded: its storage is missing, full or damaged."};
+constexpr FailedCheck kRepositoryElsewhere{304, "The repository belongs to another host, or has no readable record."};
 
 std::string ReadText(const DashCate& category, const std::string& id, const char* key) {
   std::string text;
@@ -69,20 +82,35 @@ void GuestInfo(guests::GuestControl* guests, const Call& call) {
   call.response->SetSuccess(data);
 }
 
-int CheckRepository(const Json::Value& guest) {
+// A host of which that is not known may be alive.
+bool IsGone(const std::string& host_id) {
+  std::map<std::string, std::string> all;
+  std::map<std::string, std::string> reachable;
+  return VexaCCC::CCCVersionStateGetAllHosts(all, reachable) == 0 && !reachable.contains(host_id);
+}
+
+// Not set: the repository can be used.
+std::optional<FailedCheck> CheckRepository(const Json::Value& guest) {
   const std::string id = json::String(json::Member(guest, keys::repository_id));
-  if (ReadText(DashCate::Repository, id, keys::host_id) != VexaCCC::DB::DBLocalhostID()) return kRepositoryElsewhere;
+  const std::string host_id = ReadText(DashCate::Repository, id, keys::host_id);
+  if (host_id != VexaCCC::DB::DBLocalhostID()) {
+    if (!host_id.empty() && IsGone(host_id)) return kHostOffline;
+    const bool has_efi = json::Bool(json::Member(guest, keys::use_ovmf));
+    return !host_id.empty() && has_efi ? kRemoteFirmware : kRepositoryElsewhere;
+  }
   const std::string state = ReadText(DashCate::Repository, id, keys::state);
-  return state == states::Repo::online || state == states::Repo::degraded ? kCheckPassed : kRepositoryOffline;
+  if (guests::IsUsableRepository(state)) return std::nullopt;
+  return kRepositoryOffline;
 }
 
 void CheckRepoCap(const Call& call) {
   const auto guest = ReadGuest(call);
   if (!guest) return;
-  const int check = CheckRepository(guest->record);
+  const std::optional<FailedCheck> failed = CheckRepository(guest->record);
   Json::Value data(Json::objectValue);
-  data["repo_usable"] = check == kCheckPassed;
-  data["failed_check"] = check == kCheckPassed ? 0 : check;
+  data["repo_usable"] = !failed.has_value();
+  data["failed_check"] = failed ? failed->code : 0;
+  if (failed) data["reason"] = failed->reason;
   call.response->SetSuccess(data);
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/guests/refusal.h"
+#include "host/services/gone_host.h"
 #include "host/services/rows.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
@@ -89,7 +90,7 @@ webapi::ApiRow Row(Deed deed, webapi::Access access, std::string_view summary) {
           .version = 1,
           .access = access,
           .lane = webapi::LaneKind::kLong,
-          .handler = [deed](const Call& call) { Do(call, deed); },
+          .handler = WithGoneHostReason([deed](const Call& call) { Do(call, deed); }, NeededHost::kHolderOrNamed),
           .summary = summary,
           .parameters = {Text("guest_id", "The guest's id, a UUID.")},
           .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted, kUserFailed, guests::kRunsAlready,

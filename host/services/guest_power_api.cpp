@@ -25,31 +25,44 @@ void Answer(const Call& call, const Refused& refused) {
   call.response->SetSuccess(Json::Value());
 }
 
-void Do(GuestControl* guests, const Call& call, const Act& act) {
+void Do(const ServiceParts& parts, const Call& call, const Act& act) {
   const auto guest_id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  if (!guests) return Answer(call, guests::Refusal{guests::kUnavailable, "This host runs no guests"});
-  Answer(call, act(*guests, guest_id.Get(), RequesterOf(call)));
+  if (!parts.guests) return Answer(call, guests::Refusal{guests::kUnavailable, "This host runs no guests"});
+  Answer(call, act(*parts.guests, guest_id.Get(), RequesterOf(call)));
+}
+
+Act UnlessDatabaseIsLost(const ServiceParts& parts, Act act) {
+  return [store = parts.store, act = std::move(act)](GuestControl& guests, const std::string& guest_id,
+                                                     const Requester& requester) -> Refused {
+    if (const Refused refused = RefusedByDatabase(store.get())) return refused;
+    return act(guests, guest_id, requester);
+  };
 }
 
 webapi::Handler Doing(const ServiceParts& parts, Act act) {
-  return [guests = parts.guests, act = std::move(act)](const Call& call) { Do(guests, call, act); };
+  return [parts, act = UnlessDatabaseIsLost(parts, std::move(act))](const Call& call) { Do(parts, call, act); };
 }
 
-void PowerOff(GuestControl* guests, const Call& call) {
+void PowerOff(const ServiceParts& parts, const Call& call) {
   const auto reason = call.request->GetAndCheckInt("reason", kOptional);
   if (reason.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  Do(guests, call, [&](GuestControl& control, const std::string& guest_id, const Requester& requester) {
-    return reason.Get() == kReasonHa ? control.Fence(guest_id) : control.PowerOff(guest_id, requester);
-  });
+  // High availability must be able to end a guest whatever else is lost.
+  if (reason.Get() == kReasonHa) {
+    return Do(parts, call, [](GuestControl& control, const std::string& guest_id, const Requester&) {
+      return control.Fence(guest_id);
+    });
+  }
+  Do(parts, call, UnlessDatabaseIsLost(parts, &GuestControl::PowerOff));
 }
 
-void SetHost(GuestControl* guests, const Call& call) {
+void SetHost(const ServiceParts& parts, const Call& call) {
   const auto host_id = call.request->GetAndCheckString("host_id", kRequired, VexaCCC::Utils::IsNotEmpty);
   if (host_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  Do(guests, call, [&](GuestControl& control, const std::string& guest_id, const Requester&) {
+  const Act act = [&](GuestControl& control, const std::string& guest_id, const Requester&) {
     return control.SetHost(guest_id, host_id.Get());
-  });
+  };
+  Do(parts, call, UnlessDatabaseIsLost(parts, act));
 }
 
 }  // namespace
@@ -61,6 +74,11 @@ Requester RequesterOf(const Call& call) {
   const cluster::Environment* const environment = cluster::CurrentEnvironment();
   if (environment && environment->request_id) requester.request_id = environment->request_id();
   return requester;
+}
+
+guests::Refused RefusedByDatabase(const store::Store* store) {
+  if (!store || store->health() != store::Health::kInaccessible) return std::nullopt;
+  return guests::Refusal{guests::kUnavailable, webapi::kDatabaseLost};
 }
 
 std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
@@ -79,7 +97,7 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
               "Asks a guest to shut down, again and again until it is off or has not been for minutes.", {guest},
               with({911})),
       HostRow(
-          "VEXA.CCC.Guest", "poweroff", kLong, [guests = parts.guests](const Call& call) { PowerOff(guests, call); },
+          "VEXA.CCC.Guest", "poweroff", kLong, [parts](const Call& call) { PowerOff(parts, call); },
           "Ends a guest at once.",
           {guest,
            {"reason", webapi::ParameterType::kInteger, webapi::Necessity::kOptional,
@@ -96,7 +114,7 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
               "Gives a guest that is off back to libvirt: its definition and files stay, its records go.", {guest},
               with({910, 912})),
       HostRow(
-          "VEXA.CCC.Guest", "hostset", kLong, [guests = parts.guests](const Call& call) { SetHost(guests, call); },
+          "VEXA.CCC.Guest", "hostset", kLong, [parts](const Call& call) { SetHost(parts, call); },
           "Makes a host the one that a guest belongs to.", {guest, Text("host_id", "The host's id.")}, with({910})),
   };
 }

@@ -22,10 +22,13 @@ Json::Value DetailsOf(const guests::Refusal& refusal) {
   return details;
 }
 
-void Set(guests::GuestControl* control, const Call& call) {
+void Set(guests::GuestControl* control, const store::Store* store, const Call& call) {
   const auto guest_id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   if (!control) return call.response->SetError(guests::kUnavailable, "This host runs no guests");
+  if (const guests::Refused refused = RefusedByDatabase(store)) {
+    return call.response->SetError(refused->code, refused->reason);
+  }
   const guests::Refused refused =
       control->Edit(guest_id.Get(), call.request->GetParam("", Json::Value()), RequesterOf(call));
   if (refused) return call.response->SetError(refused->code, DetailsOf(*refused));
@@ -42,7 +45,7 @@ std::vector<webapi::ApiRow> GuestSetRows(const ServiceParts& parts) {
   using enum ParameterType;
   return {HostRow(
       "VEXA.CCC.Guest", "set", webapi::LaneKind::kLong,
-      [control = parts.guests](const Call& call) { Set(control, call); },
+      [control = parts.guests, store = parts.store](const Call& call) { Set(control, store.get(), call); },
       "Changes a guest: all that is given, or nothing. What a guest that runs cannot take counts from its next start.",
       {Text("guest_id", "The guest's id, a UUID."),
        Optional("name", kString, "1 to 128 bytes that no other guest is called."),

@@ -1,13 +1,16 @@
 #include "host/services/guest_state_api.h"
 
-#include <map>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 
 #include "host/cluster/ha_group.h"
+#include "host/cluster/reading.h"
+#include "host/services/gone_host.h"
+#include "host/services/guest_parts_state.h"
 #include "host/services/rows.h"
-#include "webapi/guest/guest_uistate_cache.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_ha.h"
 #include "webapi/utils/json.h"
@@ -20,52 +23,37 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
-using VexaVirtualization::UIState;
 using webapi::Call;
 
 constexpr int kNotPermitted = 409;
 
-std::string ReadText(const std::string& guest_id, const char* key) {
-  std::string text;
-  (void)Dashboard(DashCate::Guest, guest_id).Get(text, key);
-  return text;
-}
-
-// The guests that the caller may see, in the platform's order. False: that cannot be told.
-bool ListPermitted(const Call& call, std::vector<std::string>& ids) {
-  if (DashCate::Guest.List(ids) != 0) return false;
+// The guests that the caller may see; not set: all. False: that cannot be told.
+bool FindPermitted(const Call& call, std::optional<std::set<std::string>>& permitted) {
   if (call.request->IsAdmin()) return true;
-  std::set<std::string> granted;
-  if (VexaCCC::gaUserListAvail(call.request->GetLoginUserName(), keys::guest, granted) != 0) return false;
-  std::erase_if(ids, [&](const std::string& id) { return !granted.contains(id); });
-  return true;
+  permitted.emplace();
+  return VexaCCC::gaUserListAvail(call.request->GetLoginUserName(), keys::guest, *permitted) == 0;
 }
 
-// A guest that is too new for the kept states is shown by its own.
-UIState StateOf(const std::string& guest_id, const std::map<std::string, UIState>& kept) {
-  if (const auto found = kept.find(guest_id); found != kept.end()) return found->second;
-  UIState state;
-  VexaVirtualization::GetStateType(VexaVirtualization::STATE_CATE_GUEST, ReadText(guest_id, keys::state), state);
-  return state;
+void Fill(const ShownGuest& guest, Json::Value& shown) {
+  shown["guest_id"] = guest.id;
+  shown["guest_name"] = guest.name;
+  shown["host_id"] = guest.host_id;
+  shown["status"] = guest.shown.state;
+  shown["status_type"] = guest.shown.type;
 }
 
-void List(const Call& call) {
-  std::vector<std::string> ids;
-  if (!ListPermitted(call, ids)) return Fail(call, kErrorUnreadable);
-  std::map<std::string, UIState> kept;
-  // Nothing is kept when it fails, and each guest is shown by its own state.
-  (void)VexaVirtualization::GetCachedGuestUIStateDict(kept);
+void List(GuestStates& states, const Call& call) {
+  const Result<GuestListing> listing = states.List();
+  if (!listing) return Fail(call, kErrorUnreadable);
+  std::optional<std::set<std::string>> permitted;
+  if (!FindPermitted(call, permitted)) return Fail(call, kErrorUnreadable);
   Json::Value data(Json::objectValue);
   Json::Value& guests = data["guests"] = Json::Value(Json::arrayValue);
-  for (const std::string& id : ids) {
-    const UIState state = StateOf(id, kept);
-    Json::Value guest(Json::objectValue);
-    guest["guest_id"] = id;
-    guest["guest_name"] = ReadText(id, keys::name);
-    guest["host_id"] = ReadText(id, keys::host_id);
-    guest["status"] = state.state;
-    guest["status_type"] = state.type;
-    guests.append(std::move(guest));
+  for (const auto& guest : *listing->guests) {
+    if (permitted && !permitted->contains(guest->id)) continue;
+    Json::Value& shown = guests.append(Json::Value(Json::objectValue));
+    Fill(*guest, shown);
+    ShowAge(*guest, *listing, shown);
   }
   call.response->SetSuccess(data);
 }
@@ -93,54 +81,50 @@ Json::Value HaOf(const Json::Value& guest) {
   return shown;
 }
 
-void Status(const Call& call) {
+void Status(GuestStates& states, const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kNotPermitted);
+  cluster::RequestScope::ReleaseSnapshot();  // while it waits for links
+  const std::shared_ptr<const GuestLinks> links = states.links().Get();
   Json::Value record;
   if (Dashboard(DashCate::Guest, id.Get()).Get(record, keys::object) != 0) return Fail(call, kErrorUnreadable);
-  std::map<std::string, int> connected;
-  // Without the links the guest counts as connected.
-  (void)VexaVirtualization::GetGuestsConnectedMap(connected);
-  std::string state = ReadText(id.Get(), keys::state);
-  std::string shown;
-  std::string type;
-  std::string reason;
-  VexaVirtualization::GetGuestStateType(record, connected, id.Get(), state, shown, type, reason);
+  const GuestStatus status = StatusOf(id.Get(), record, *links);
   Json::Value data(Json::objectValue);
-  data["guest_id"] = id.Get();
-  data["guest_name"] = json::String(json::Member(record, keys::name));
-  data["host_id"] = json::String(json::Member(record, keys::host_id));
-  data["status"] = shown;
-  data["status_type"] = type;
-  data["status_reason"] = reason;
+  Fill(status.guest, data);
+  data["status_reason"] = status.reason;
+  ShowAge(status.guest, *links, LifeOrAlive(status.guest.host_id), LifeOrAlive(status.guest.repository_host_id), data);
+  data["disks"] = DiskStatesOf(record);
+  if (Json::Value shutdown = ShutdownOf(id.Get(), record); !shutdown.isNull()) data["shutdown"] = std::move(shutdown);
   if (Json::Value ha = HaOf(record); !ha.isNull()) data["ha"] = std::move(ha);
   call.response->SetSuccess(data);
 }
 
 }  // namespace
 
-std::vector<webapi::ApiRow> GuestStateRows() {
+std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states) {
   using webapi::Access;
   using webapi::LaneKind;
-  return {{.api = "VEXA.Virtualization.Guest",
-           .method = "list",
-           .version = 1,
-           .access = Access::kUser,
+  return {
+      {.api = "VEXA.Virtualization.Guest",
+       .method = "list",
+       .version = 1,
+       .access = Access::kUser,
+       .lane = LaneKind::kQuick,
+           .handler = [&states](const Call& call) { List(states, call); },
+           .summary = "The guests that the caller may use: id, name, host, state and severity now, and how old that is.",
+       .parameters = {},
+       .errors = {kErrorUnreadable}},
+      {.api = "VEXA.Virtualization.Guest",
+       .method = "status",
+       .version = 1,
+       .access = Access::kUser,
            .lane = LaneKind::kQuick,
-           .handler = List,
-           .summary = "The guests that the caller may use: id, name, host, and the state and severity found out last.",
-           .parameters = {},
-           .errors = {kErrorUnreadable}},
-          {.api = "VEXA.Virtualization.Guest",
-           .method = "status",
-           .version = 1,
-           .access = Access::kUser,
-           .lane = LaneKind::kLong,
-           .handler = Status,
-           .summary = "One guest's state now, with severity and reason, and its high availability.",
-           .parameters = {Text("guest_id", "The guest's id, a UUID.")},
-           .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
+           .handler = [&states](const Call& call) { Status(states, call); },
+           .summary = "One guest's state now, with severity, reason and age, those of its disks, why it is off, and its "
+                      "high availability.",
+       .parameters = {Text("guest_id", "The guest's id, a UUID.")},
+       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
 }
 
 }  // namespace vexa::services

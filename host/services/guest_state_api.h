@@ -3,11 +3,13 @@
 
 #include <vector>
 
+#include "host/services/guest_states.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::services {
 
-// "list", which waits for nobody, and "status", which asks every host.
-std::vector<webapi::ApiRow> GuestStateRows();
+// "list" and "status": the records as they are, and links that are a few seconds old. Neither waits for a host for more
+// than a moment. `states` outlives the rows.
+std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states);
 
 }  // namespace vexa::services

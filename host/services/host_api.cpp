@@ -1,8 +1,10 @@
 #include "host/services/host_api.h"
 
+#include <chrono>
 #include <string>
 #include <utility>
 
+#include "host/services/gone_host.h"
 #include "host/services/host_list_api.h"
 #include "host/services/rows.h"
 #include "webapi/guest/guest.h"
@@ -31,6 +33,7 @@ Json::Value FromRecord(const std::string& host_id, const Json::Value& record) {
   Json::Value host(Json::objectValue);
   host["host_id"] = host_id;
   host["state"] = std::string(HostStateWord(json::String(json::Member(record, keys::state))));
+  ShowLife(LifeOrAlive(host_id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
   for (const char* name : {"name", "version", "addresses", "cpu_cores", "cpu_clock_speed", "ram_size", "started"}) {
     if (const Json::Value* member = json::FindMember(record, name)) host[name] = *member;
   }

@@ -3,7 +3,6 @@
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
-#include <openssl/evp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,16 +25,6 @@ std::string HostName() {
   std::array<char, 257> name{};
   if (::gethostname(name.data(), name.size() - 1) != 0) return "";
   return CleanText(name.data());
-}
-
-std::string Hex(const unsigned char* bytes, std::size_t size) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < size; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 0x0F];
-  }
-  return text;
 }
 
 // Room for one address behind ethtool's own structure, which ends in an array without a size.
@@ -64,20 +53,7 @@ std::string SystemPermanentMac(const std::string& interface) {
   if (!answered || address.size != kMacBytes || std::all_of(address.bytes.begin(), address.bytes.end(), is_zero)) {
     return "";
   }
-  return Hex(address.bytes.data(), kMacBytes);
-}
-
-// Version 5 of RFC 4122, section 4.3; the host's id, in text, is the namespace.
-std::string NicId(const std::string& host_id, const std::string& mac_or_name) {
-  const std::string input = host_id + "/nic/" + mac_or_name;
-  std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
-  unsigned int length = 0;
-  EVP_Digest(input.data(), input.size(), hash.data(), &length, EVP_sha1(), nullptr);
-  hash[6] = static_cast<unsigned char>((hash[6] & 0x0F) | 0x50);
-  hash[8] = static_cast<unsigned char>((hash[8] & 0x3F) | 0x80);
-  std::string uuid = Hex(hash.data(), 16);
-  for (const std::size_t at : {8U, 13U, 18U, 23U}) uuid.insert(at, 1, '-');
-  return uuid;
+  return cluster::HexText(address.bytes.data(), kMacBytes);
 }
 
 cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string& version, const Machine& machine,
@@ -95,9 +71,9 @@ cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string
   for (const Interface& found : interfaces) {
     // A bond's ports all use the bond's address, so only the permanent one tells them apart.
     const std::string mac = HasDevice(found) ? permanent_mac(found.name) : "";
-    std::string id = NicId(host_id, mac.empty() ? found.name : mac);
+    std::string id = cluster::NicId(host_id, mac.empty() ? found.name : mac);
     // Cards whose ports share one address exist.
-    if (!ids.insert(id).second) ids.insert(id = NicId(host_id, mac + "/" + found.name));
+    if (!ids.insert(id).second) ids.insert(id = cluster::NicId(host_id, mac + "/" + found.name));
     facts.nics.push_back({std::move(id), found.name, found.mac});
   }
   for (const InterfaceAddress& address : addresses()) {

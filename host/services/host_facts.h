@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/cluster/host_record.h"
+#include "host/cluster/nic_id.h"
 #include "host/services/interfaces.h"
 #include "host/services/machine.h"
 
@@ -14,8 +15,7 @@ namespace vexa::services {
 using PermanentMac = std::function<std::string(const std::string& interface)>;
 std::string SystemPermanentMac(const std::string& interface);
 
-// The id of a host's interface: made of its permanent address, so that a new name does not change it, else of its name.
-std::string NicId(const std::string& host_id, const std::string& mac_or_name);
+using cluster::NicId;
 
 // Everything but "cluster_address". `host_id` as given; the name is this machine's.
 cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string& version, const Machine& machine,

@@ -12,12 +12,12 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
+#include "host/guests/network_links.h"
 
 namespace vexa::services {
 namespace {
 
 constexpr std::size_t kMaxInterfaces = 1024;
-constexpr int kMaxStack = 8;  // a VLAN on a bridge on a bond on …
 constexpr std::uint64_t kMaxNumber = 0x7FFFFFFF;
 
 std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
@@ -28,9 +28,10 @@ int SmallNumber(const Machine& machine, const std::string& path) {
   return number > kMaxNumber ? 0 : static_cast<int>(number);
 }
 
-bool IsConnected(const Machine& machine, const std::string& folder) {
-  const std::string carrier = machine.ReadLine(folder + "/carrier");  // cannot be read while the interface is down
-  return carrier.empty() ? machine.ReadLine(folder + "/operstate") == "up" : carrier == "1";
+// A bridge has the carrier of its guests as well, which connects nobody else.
+bool IsConnected(guests::NetworkLinks& links, const std::string& name) {
+  const bool is_closed = links.KindOf(name) != guests::BridgeKind::kNone && links.UplinksOf(name).empty();
+  return is_closed ? links.HasCarrier(name) : links.HasLink(name);
 }
 
 bool IsVlan(const Machine& machine, const std::string& folder) {
@@ -43,27 +44,40 @@ bool IsVlan(const Machine& machine, const std::string& folder) {
   return found;
 }
 
-std::string TypeOf(const Machine& machine, const std::string& name, const std::string& folder) {
+std::string TypeOf(const Machine& machine, guests::NetworkLinks& links, const std::string& name) {
   constexpr std::uint64_t kLoopback = 772;  // ARPHRD_LOOPBACK
+  const std::string folder = FolderOf(name);
   if (machine.IsFolder(folder + "/bonding")) return "bond";
-  if (machine.IsFolder(folder + "/bridge") || name.starts_with("ovs_")) return "bridge";
+  if (links.KindOf(name) != guests::BridgeKind::kNone || name.starts_with("ovs_")) return "bridge";
   if (machine.IsFolder(folder + "/wireless") || machine.IsFolder(folder + "/phy80211")) return "wificlient";
   if (machine.IsFolder(folder + "/device")) return "ethernet";
   if (IsVlan(machine, folder)) return "vlan";
   return machine.ReadNumber(folder + "/type") == kLoopback ? "loopback" : "virtual";
 }
 
-// Whether frames of the interface leave the machine.
-bool IsHostInterface(const Machine& machine, const std::string& name, int depth) {
-  constexpr std::string_view kLower = "lower_";
+// Whether frames of the interface leave the machine. The kernel may show no more of a virtual switch than its name.
+bool IsHostInterface(guests::NetworkLinks& links, const Interface& found) {
+  if (found.name.starts_with("ovs_")) return true;
+  const bool may_lead_out = found.type == "ethernet" || found.type == "wificlient" || found.type == "bond" ||
+                            found.type == "bridge" || found.type == "vlan";
+  return may_lead_out && links.IsPhysical(found.name);
+}
+
+std::optional<Interface> Read(const Machine& machine, guests::NetworkLinks& links, const std::string& name) {
   const std::string folder = FolderOf(name);
-  const std::string type = TypeOf(machine, name, folder);
-  if (type == "ethernet" || type == "wificlient" || type == "bond" || name.starts_with("ovs_")) return true;
-  if (depth == kMaxStack || (type != "bridge" && type != "vlan")) return false;
-  return std::ranges::any_of(machine.Names(folder), [&](const std::string& entry) {
-    const std::string lower = entry.starts_with(kLower) ? entry.substr(kLower.size()) : "";
-    return IsInterfaceName(lower) && IsHostInterface(machine, lower, depth + 1);
-  });
+  if (!IsInterfaceName(name) || !machine.IsFolder(folder)) return std::nullopt;
+  Interface found;
+  found.name = name;
+  found.type = TypeOf(machine, links, name);
+  found.mac = machine.ReadLine(folder + "/address");
+  found.duplex = machine.ReadLine(folder + "/duplex");
+  if (found.duplex.empty()) found.duplex = "unknown";
+  found.speed = SmallNumber(machine, folder + "/speed");
+  found.mtu = SmallNumber(machine, folder + "/mtu");
+  found.connected = IsConnected(links, name);
+  const std::string slaves = machine.ReadLine(folder + "/bonding/slaves");
+  for (const std::string_view slave : Fields(slaves)) found.slaves.emplace_back(slave);
+  return found;
 }
 
 std::string TextOf(const sockaddr* address) {
@@ -108,35 +122,34 @@ bool IsInterfaceName(const std::string& name) {
 }
 
 std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name) {
-  const std::string folder = FolderOf(name);
-  if (!IsInterfaceName(name) || !machine.IsFolder(folder)) return std::nullopt;
-  Interface found;
-  found.name = name;
-  found.type = TypeOf(machine, name, folder);
-  found.mac = machine.ReadLine(folder + "/address");
-  found.duplex = machine.ReadLine(folder + "/duplex");
-  if (found.duplex.empty()) found.duplex = "unknown";
-  found.speed = SmallNumber(machine, folder + "/speed");
-  found.mtu = SmallNumber(machine, folder + "/mtu");
-  found.connected = IsConnected(machine, folder);
-  const std::string slaves = machine.ReadLine(folder + "/bonding/slaves");
-  for (const std::string_view slave : Fields(slaves)) found.slaves.emplace_back(slave);
-  return found;
+  guests::NetworkLinks links(machine.root());
+  return Read(machine, links, name);
 }
 
 std::vector<Interface> HostInterfaces(const Machine& machine) {
+  guests::NetworkLinks links(machine.root());
   std::vector<Interface> interfaces;
   std::vector<Interface> loopback;
   for (const std::string& name : machine.Names("/sys/class/net")) {
-    std::optional<Interface> found = ReadInterface(machine, name);
+    std::optional<Interface> found = Read(machine, links, name);
     if (!found || interfaces.size() == kMaxInterfaces) continue;
-    if (IsHostInterface(machine, name, 0)) {
+    if (IsHostInterface(links, *found)) {
       interfaces.push_back(std::move(*found));
     } else if (found->type == "loopback") {
       loopback.push_back(std::move(*found));
     }
   }
   return interfaces.empty() ? loopback : interfaces;
+}
+
+std::vector<Interface> GuestPorts(const Machine& machine) {
+  guests::NetworkLinks links(machine.root());
+  std::vector<Interface> ports;
+  for (const std::string& name : links.GuestPorts()) {
+    std::optional<Interface> found = Read(machine, links, name);
+    if (found && ports.size() < kMaxInterfaces) ports.push_back(std::move(*found));
+  }
+  return ports;
 }
 
 }  // namespace vexa::services

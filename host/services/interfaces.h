@@ -17,7 +17,7 @@ struct Interface {
   std::string duplex;  // "full", "half" or "unknown"
   int speed = 0;       // Mb/s; 0 when it is not told
   int mtu = 0;
-  bool connected = false;
+  bool connected = false;  // it has a carrier; a bridge with uplinks: one of these has, its guests do not count
   std::vector<std::string> slaves;  // of a bond
 };
 
@@ -41,8 +41,12 @@ bool IsInterfaceName(const std::string& name);
 std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name);
 
 // What connects the machine to others, by name: interfaces with a device behind them, bonds, and bridges and VLANs on
-// top of such; the virtual switch's own ("ovs_…"). Not the ends of guests and containers, nor bridges that only they
+// top of such; what is called "ovs_…". Not the ends of guests and containers, nor bridges that only they
 // use. Loopback when there is nothing else.
 std::vector<Interface> HostInterfaces(const Machine& machine);
+
+// What guests can be on that leads to others, by name: bridges with uplinks, which need not be hardware, and interfaces
+// below a macvtap. See NetworkLinks.
+std::vector<Interface> GuestPorts(const Machine& machine);
 
 }  // namespace vexa::services

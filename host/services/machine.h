@@ -17,6 +17,9 @@ class Machine {
   // `root` stands in front of every path: "" is the real machine.
   explicit Machine(std::string root = "") : root_(std::move(root)) {}
 
+  // What stands in front of every path.
+  const std::string& root() const { return root_; }
+
   // Not set: there is no such file, it cannot be read, or it is larger than 4 MiB.
   std::optional<std::string> Read(const std::string& path) const;
   // The first line as a text that is fit for JSON and a screen, "" when there is none; see CleanText.

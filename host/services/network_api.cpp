@@ -1,13 +1,16 @@
 // The host's network interfaces.
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "host/services/rows.h"
 #include "webapi/platform/ccc.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::services {
 namespace {
 
+namespace json = VexaVirtualization::json;
 using webapi::Call;
 using webapi::LaneKind;
 
@@ -63,21 +66,36 @@ const InterfaceAddress* AddressOf(const std::vector<InterfaceAddress>& addresses
   return found;
 }
 
+Json::Value Element(const std::string& name, const Interface& found, const InterfaceAddress* address) {
+  Json::Value element(Json::objectValue);
+  element["ifname"] = name;
+  element["ip"] = address ? address->ip : "";
+  element["mask"] = address ? address->mask : "";
+  element["mac"] = found.mac;
+  element["speed"] = found.speed;
+  element["status"] = StatusOf(found);
+  element["type"] = found.type;
+  return element;
+}
+
+// What guests are on is looked for under its name with the switch's prefix. No record of an interface has that name,
+// and the element has no address, so that readers of records or addresses see each interface once.
+void AppendGuestPorts(const Machine& machine, Json::Value& data) {
+  std::set<std::string> names;
+  for (const Json::Value& element : json::Elements(data)) names.insert(json::String(json::Member(element, "ifname")));
+  for (const Interface& found : GuestPorts(machine)) {
+    const std::string name = std::string(kSwitchPrefix) + VexaCCC::Utils::TrimOVSPrefix(found.name);
+    if (names.insert(name).second) data.append(Element(name, found, nullptr));
+  }
+}
+
 void List(const Machine& machine, const AddressReader& read_addresses, const Call& call) {
   const std::vector<InterfaceAddress> addresses = read_addresses();
   Json::Value data(Json::arrayValue);
   for (const Interface& found : HostInterfaces(machine)) {
-    const InterfaceAddress* address = AddressOf(addresses, found.name);
-    Json::Value element(Json::objectValue);
-    element["ifname"] = found.name;
-    element["ip"] = address ? address->ip : "";
-    element["mask"] = address ? address->mask : "";
-    element["mac"] = found.mac;
-    element["speed"] = found.speed;
-    element["status"] = StatusOf(found);
-    element["type"] = found.type;
-    data.append(std::move(element));
+    data.append(Element(found.name, found, AddressOf(addresses, found.name)));
   }
+  AppendGuestPorts(machine, data);
   call.response->SetSuccess(data);
 }
 

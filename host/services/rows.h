@@ -23,6 +23,10 @@ webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::La
 // Who asks, of a call by another host. guest_power_api.cpp
 guests::Requester RequesterOf(const webapi::Call& call);
 
+// Nothing is begun with a guest while the cluster database cannot be read: it could not be stored. Not set when it can,
+// and without a store.
+guests::Refused RefusedByDatabase(const store::Store* store);  // guest_power_api.cpp
+
 inline webapi::Parameter Text(std::string_view name, std::string_view description) {
   return {name, webapi::ParameterType::kString, webapi::Necessity::kRequired, description};
 }

@@ -1,6 +1,7 @@
 // How busy this host is.
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -26,14 +27,25 @@ bool IsListOfNames(const Json::Value& list) {
 // Which of the resources are asked for.
 class Wanted {
  public:
-  explicit Wanted(const VEXA::APIParameter<Json::Value>& resource) : all_(!resource.IsSet()) {
-    for (const Json::Value& name : json::Elements(resource.Get())) names_.insert(json::String(name));
+  // Not set, and the call has been answered: the parameter is not valid.
+  static std::optional<Wanted> Of(const Call& call) {
+    // Intentional: null means everything. The shared layer sends the member whether or not its caller gave one.
+    if (call.request->GetParam("resource", Json::Value()).isNull()) return Wanted();
+    const auto resource = call.request->GetAndCheckArray("resource", kOptional, IsListOfNames);
+    if (!resource.IsInvalid()) return Wanted(resource.Get());
+    Fail(call, webapi::kErrorBadParameter);
+    return std::nullopt;
   }
-  bool Has(const char* name) const { return all_ || names_.contains(name); }
+
+  bool Has(const char* name) const { return !names_ || names_->contains(name); }
 
  private:
-  bool all_;
-  std::set<std::string> names_;
+  Wanted() = default;
+  explicit Wanted(const Json::Value& names) : names_(std::in_place) {
+    for (const Json::Value& name : json::Elements(names)) names_->insert(json::String(name));
+  }
+
+  std::optional<std::set<std::string>> names_;  // not set: all of them
 };
 
 Json::Value MemoryOf(const MemoryFigures& memory) {
@@ -63,22 +75,21 @@ void PutCounters(const char* name, Json::Value counters, Json::Value& data) {
 }
 
 void SystemUtilization(const Machine& machine, CpuSampler& sampler, const Call& call) {
-  const auto resource = call.request->GetAndCheckArray("resource", kOptional, IsListOfNames);
-  if (resource.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  const Wanted wanted(resource);
+  const std::optional<Wanted> wanted = Wanted::Of(call);
+  if (!wanted) return;
   Json::Value data(Json::objectValue);
-  if (wanted.Has("cpu")) PutCpu(sampler, data);
-  if (wanted.Has("memory")) PutMemory(machine, data);
-  if (wanted.Has("disk")) PutCounters("disk", DiskCounters(machine), data);
-  if (wanted.Has("network")) PutCounters("network", NetworkCounters(machine), data);
+  if (wanted->Has("cpu")) PutCpu(sampler, data);
+  if (wanted->Has("memory")) PutMemory(machine, data);
+  if (wanted->Has("disk")) PutCounters("disk", DiskCounters(machine), data);
+  if (wanted->Has("network")) PutCounters("network", NetworkCounters(machine), data);
   call.response->SetSuccess(data);
 }
 
 void MemberUtilization(const Machine& machine, const Call& call) {
-  const auto resource = call.request->GetAndCheckArray("resource", kOptional, IsListOfNames);
-  if (resource.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  const std::optional<Wanted> wanted = Wanted::Of(call);
+  if (!wanted) return;
   Json::Value data(Json::objectValue);
-  if (Wanted(resource).Has("memory")) PutMemory(machine, data);
+  if (wanted->Has("memory")) PutMemory(machine, data);
   call.response->SetSuccess(data);
 }
 
@@ -87,8 +98,9 @@ void MemberUtilization(const Machine& machine, const Call& call) {
 std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts) {
   const Machine machine = parts.machine;
   const auto sampler = std::make_shared<CpuSampler>(machine);
-  const webapi::Parameter resource{"resource", webapi::ParameterType::kArray, webapi::Necessity::kOptional,
-                                   "The names of what is wanted; everything without it. Unknown names are ignored."};
+  const webapi::Parameter resource{
+      "resource", webapi::ParameterType::kArray, webapi::Necessity::kOptional,
+      "The names of what is wanted; everything without it, or when it is null. Unknown names are ignored."};
   // The long lane: without a recent reading the processors are watched for 0.2 s.
   return {
       HostRow("VEXA.Core.System.Utilization", "get", LaneKind::kLong,

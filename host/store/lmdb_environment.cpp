@@ -97,6 +97,7 @@ Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const std::string
   return OpenOnce<LmdbEnvironment>(*folder, [&]() -> Result<std::unique_ptr<LmdbEnvironment>> {
     std::unique_ptr<LmdbEnvironment> environment(new LmdbEnvironment(directory, map_bytes));
     if (Status opened = environment->OpenFiles(); !opened.ok()) return opened.error();
+    if (Status remembered = environment->RememberPlace(); !remembered.ok()) return remembered.error();
     return environment;
   });
 }
@@ -129,6 +130,17 @@ Status LmdbEnvironment::OpenFiles() {
     return LmdbError("Cannot sync the folder '" + directory_ + "'", synced);
   }
   map_bytes_ = MapBytes();
+  return {};
+}
+
+// Once, whatever is opened again later.
+Status LmdbEnvironment::RememberPlace() {
+  int fd = -1;
+  struct stat info {};
+  if (mdb_env_get_fd(environment_, &fd) != 0 || ::fstat(fd, &info) != 0) {
+    return LmdbError("Cannot look at the store in '" + directory_ + "'", errno);
+  }
+  place_ = std::make_unique<StorePlace>(directory_ + "/data.mdb", FolderId(info.st_dev, info.st_ino));
   return {};
 }
 
@@ -179,6 +191,7 @@ int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
 Result<ReadTransaction> LmdbEnvironment::BeginRead() {
   for (int attempt = 0;; ++attempt) {
     if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
+    if (Status in_place = InPlace(); !in_place.ok()) return in_place.error();
     int code = MDB_PANIC;
     {
       MapGate::Pass pass = gate_.Enter();
@@ -205,6 +218,7 @@ Result<ReadTransaction> LmdbEnvironment::BeginRead() {
 Result<WriteTransaction> LmdbEnvironment::BeginWrite() {
   for (int attempt = 0;; ++attempt) {
     if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
+    if (Status in_place = InPlace(); !in_place.ok()) return in_place.error();
     int code = MDB_PANIC;
     {
       MapGate::Pass pass = gate_.Enter();

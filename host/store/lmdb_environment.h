@@ -13,6 +13,7 @@
 
 #include "host/base/result.h"
 #include "host/store/map_gate.h"
+#include "host/store/store_place.h"
 
 namespace vexa::store {
 
@@ -73,8 +74,13 @@ class LmdbEnvironment {
   MDB_dbi meta() const { return meta_; }
   const std::string& directory() const { return directory_; }
 
+  // Whether the data file is where it was first opened; see StorePlace. After a fork nothing is looked at: another
+  // thread of the parent may have been looking.
+  Status InPlace() const { return IsForked() ? Status() : place_->Check(); }
+
   // Errors: kBusy (no reader slot, or the map was grown elsewhere and a snapshot of this process stays open),
-  // kUnavailable (after a fork, or the folder cannot be opened again), and as LmdbError says.
+  // kUnavailable (after a fork, the file is not in its place, or the folder cannot be opened again), and as LmdbError
+  // says.
   Result<ReadTransaction> BeginRead();
   // Waits for the writers of all processes. Errors: as BeginRead.
   Result<WriteTransaction> BeginWrite();
@@ -99,6 +105,7 @@ class LmdbEnvironment {
   LmdbEnvironment(std::string directory, std::size_t map_bytes);
   bool IsForked() const;
   Status OpenFiles();
+  Status RememberPlace();
   Status OpenDatabases();
   int OpenDatabasesIn(unsigned transaction_flags);
   void CloseFiles();
@@ -113,7 +120,8 @@ class LmdbEnvironment {
 
   const std::string directory_;
   const std::uint64_t generation_;
-  std::size_t map_bytes_;  // changed only while the gate is closed
+  std::size_t map_bytes_;                    // changed only while the gate is closed
+  std::unique_ptr<const StorePlace> place_;  // never changed once the environment has been handed out
   MapGate gate_;
   MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when opening anew failed
   MDB_dbi data_ = 0;

@@ -103,6 +103,8 @@ void LmdbKeyspace::NoteCommit() {
 // A refusal of the caller's input or of the moment says nothing about the store.
 void LmdbKeyspace::NoteFailure(const Error& error, Health consequence) const {
   if (error.code() == ErrorCode::kInvalid || error.code() == ErrorCode::kBusy) return;
+  // That the file is not in its place is asked again each time, and over when it is.
+  if (!environment_->InPlace().ok()) return;
   const bool unreadable = error.code() == ErrorCode::kUnavailable || error.code() == ErrorCode::kCorrupt;
   health_ = unreadable ? Health::kInaccessible : consequence;
   const std::lock_guard lock(mutex_);
@@ -110,6 +112,7 @@ void LmdbKeyspace::NoteFailure(const Error& error, Health consequence) const {
 }
 
 Health LmdbKeyspace::health() const {
+  if (!environment_->InPlace().ok()) return Health::kInaccessible;
   const Health known = health_;
   if (known == Health::kReady) return known;
   {

@@ -36,6 +36,17 @@ class KeyspaceWriter {
   // the transaction must then be given up), and what LMDB reports.
   Status Apply(Revision revision, std::span<const Operation> operations);
 
+  // For a copy of another keyspace, which has the other's revisions and no change log, so that nobody can watch it.
+  // Errors: what LMDB reports; the transaction must then be given up.
+
+  // Makes `key` the copy of `value`. Nothing is written when it is that already.
+  Status Copy(std::string_view key, const ValueView& value);
+  Status Remove(std::string_view key);
+  // Removes every key of which `is_gone` says so; when that fails, so does this.
+  Status RemoveIf(const std::function<Result<bool>(std::string_view key)>& is_gone);
+  // What the copy holds is the other keyspace's state at `revision`.
+  Status SetRevision(Revision revision);
+
  private:
   friend class LmdbKeyspace;
   KeyspaceWriter(const LmdbEnvironment& environment, MDB_txn* transaction, std::size_t change_log_length)
@@ -78,7 +89,9 @@ class LmdbKeyspace {
   // As Store::Watch.
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) const;
 
-  // How the last accesses went. While they failed, the disk is asked again with a small commit, at most once a second.
+  // kInaccessible while the data file is not in its place (StorePlace), which is noticed within 3 s and over as soon as
+  // it is back. Otherwise how the last accesses went: while they failed, the disk is asked again with a small commit,
+  // at most once a second.
   Health health() const;
 
  private:

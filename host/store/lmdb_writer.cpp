@@ -89,6 +89,59 @@ int KeyspaceWriter::ApplyOne(Revision revision, const Operation& operation, std:
   return 0;
 }
 
+Status KeyspaceWriter::Copy(std::string_view key, const ValueView& value) {
+  MDB_val name = ToVal(key);
+  MDB_val stored{};
+  int code = mdb_get(transaction_, environment_.data(), &name, &stored);
+  if (code == 0) {
+    // Not by the revision alone: a store that was put back from a backup counts the same numbers again.
+    const std::optional<ValueView> known = ParseValue(ToView(stored));
+    if (known && known->revision == value.revision && known->text == value.text) return {};
+  }
+  if (code != 0 && code != MDB_NOTFOUND) return Fail("Cannot read the copy of '" + std::string(key) + "'", code);
+  MDB_val place{kNumberBytes + value.text.size(), nullptr};
+  code = mdb_put(transaction_, environment_.data(), &name, &place, MDB_RESERVE);
+  if (code != 0) return Fail("Cannot write the copy of '" + std::string(key) + "'", code);
+  wrote_ = true;
+  char* const out = static_cast<char*>(place.mv_data);
+  StoreNumber(out, value.revision);
+  if (!value.text.empty()) std::memcpy(out + kNumberBytes, value.text.data(), value.text.size());
+  return {};
+}
+
+Status KeyspaceWriter::Remove(std::string_view key) {
+  MDB_val name = ToVal(key);
+  const int code = mdb_del(transaction_, environment_.data(), &name, nullptr);
+  if (code == MDB_NOTFOUND) return {};
+  if (code != 0) return Fail("Cannot remove the copy of '" + std::string(key) + "'", code);
+  wrote_ = true;
+  return {};
+}
+
+Status KeyspaceWriter::RemoveIf(const std::function<Result<bool>(std::string_view key)>& is_gone) {
+  LmdbCursor cursor(transaction_, environment_.data());
+  int code = cursor.First();
+  while (code == 0) {
+    const Result<bool> gone = is_gone(cursor.key());
+    if (!gone.ok()) return gone.error();
+    if (*gone) {
+      code = cursor.Delete();
+      wrote_ = true;
+    }
+    // After a deletion LMDB's next one is the key that has taken the place.
+    if (code == 0) code = cursor.Next();
+  }
+  if (code == MDB_NOTFOUND) return {};
+  return Fail("Cannot remove from the copy", code);
+}
+
+Status KeyspaceWriter::SetRevision(Revision revision) {
+  if (revision == revision_) return {};
+  const int code = StoreRevision(revision);
+  if (code != 0) return Fail("Cannot write the revision of the copy", code);
+  return {};
+}
+
 int KeyspaceWriter::LogChanges(Revision revision, const std::string& record) {
   char number[kNumberBytes];
   StoreNumber(number, revision);

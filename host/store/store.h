@@ -99,8 +99,9 @@ class Store {
   // Commits of other processes are seen as well, within 100 ms. Very many changes come in several batches.
   virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
 
-  // How the last accesses went: kReadOnly after a commit failed, kInaccessible after a read failed; kReady again once a
-  // commit works. While it is not kReady, asking may write a little to see, at most once a second.
+  // How the last accesses went: kReadOnly after a commit failed, kInaccessible after a read failed or while the store
+  // is not where it was opened; kReady again once a commit works. While it is not kReady, asking may write a little to
+  // see, at most once a second.
   virtual Health health() const = 0;
 };
 

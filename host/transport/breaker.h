@@ -9,9 +9,11 @@
 
 namespace vexa::transport {
 
-// A host that could not be connected to twice in a row is left alone for a pause. After it one call is let through;
-// when that one fails to connect, too, the next pause is twice as long. A call that connects ends all that. Pauses are
-// spread, so that the hosts of a cluster do not come back all at the same moment. Threads: any, at the same time.
+// A host that could not be connected to twice in a row is left alone for a pause. After it one call, the probe, is let
+// through; when that one fails to connect, too, the next pause is twice as long. A call that connects ends all that.
+// The probe begins before the end of the pause when the host has given a sign of life that is newer than those known to
+// the calls that failed. Pauses are spread, so that the hosts of a cluster do not come back all at the same moment.
+// Threads: any, at the same time.
 class Breaker {
  public:
   using Clock = std::chrono::steady_clock;
@@ -20,10 +22,22 @@ class Breaker {
   static constexpr std::chrono::milliseconds kLongestPause{5'000};
   static constexpr double kSpread = 0.25;  // of the pause, either way
 
+  // What a call does when the host is left alone.
+  enum class Weight {
+    kRefusable,  // it can be refused: what it would find out is not worth a wait
+    kOrdinary,   // refused during a pause, but not while a probe is under way
+    kMustGo,     // never refused
+  };
+  struct Attempt {
+    Weight weight = Weight::kRefusable;
+    std::chrono::system_clock::time_point sign_of_life{};  // the host's last one; the epoch when it is not known
+  };
+
   enum class Permit {
     kGo,
     kProbe,    // the one call that finds out whether the host is back
-    kRefused,  // do not try
+    kTry,      // a call beside the probe or within the pause, which should not wait long for a connection
+    kRefused,  // do not call
   };
   enum class Outcome {
     kConnected,     // whatever came of the call then
@@ -33,9 +47,11 @@ class Breaker {
 
   Breaker();
 
-  Permit Enter(const std::string& host_id, Clock::time_point now);
-  // Every permit but kRefused is reported once.
-  void Report(const std::string& host_id, Permit permit, Outcome outcome, Clock::time_point now);
+  Permit Enter(const std::string& host_id, Clock::time_point now, const Attempt& attempt);
+  Permit Enter(const std::string& host_id, Clock::time_point now) { return Enter(host_id, now, Attempt()); }
+  // Every permit but kRefused is reported once, with the sign of life that the call began with.
+  void Report(const std::string& host_id, Permit permit, Outcome outcome, Clock::time_point now,
+              std::chrono::system_clock::time_point sign_of_life = {});
 
  private:
   struct State {
@@ -43,6 +59,7 @@ class Breaker {
     bool probing = false;
     std::chrono::milliseconds pause{0};  // before it is spread; 0: closed
     Clock::time_point open_until;
+    std::chrono::system_clock::time_point sign_of_life;  // the newest that a call which failed began with
   };
 
   void Open(State& state, Clock::time_point now);

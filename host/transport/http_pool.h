@@ -12,6 +12,9 @@
 
 namespace vexa::transport {
 
+// A host that cannot be connected to within this time counts as unreachable.
+inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
+
 struct HttpCall {
   std::string host_id;              // what IsHostId accepts; the name in the host's certificate
   std::string address;              // where it listens: a numeric address and a port, "127.0.0.1:8643" or "[::1]:8643"
@@ -19,6 +22,7 @@ struct HttpCall {
   std::vector<std::string> fields;  // further lines of the header, without line ends
   std::shared_ptr<const std::string> body;  // JSON text, not empty
   std::chrono::steady_clock::time_point deadline;
+  std::chrono::milliseconds connect_timeout = kConnectTimeout;
 };
 
 struct HttpOutcome {
@@ -34,15 +38,13 @@ struct HttpOutcome {
 
 // One thread serves all calls; it starts with the first. Connections are kept for the next call to the same host.
 // HTTP/1.1 over TLS 1.3 with certificates on both sides: a host must show one that the cluster's authority signed for
-// its id. No redirects, no proxies. A request that may have reached its host is never sent twice. At most 5 s to
-// connect, and at most kMaxReplyBytes of reply. After fork(2) the calls of the child fail at once. Threads: any, at the
-// same time.
+// its id. No redirects, no proxies. A request that may have reached its host is never sent twice. At
+// most the call's connect_timeout to connect, and at most kMaxReplyBytes of reply. After fork(2) the calls of the child
+// fail at once. Threads: any, at the same time.
 class HttpPool {
  public:
   // Runs on the pool's thread, or on the caller's when the call cannot begin; must not block or throw.
   using Done = std::function<void(HttpOutcome)>;
-
-  static constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 
   // Without `tls` it speaks plain HTTP: for tests.
   explicit HttpPool(std::optional<TlsMaterial> tls);

@@ -89,7 +89,7 @@ bool HttpTransfer::Prepare(const TlsMaterial* tls) {
 
 void HttpTransfer::SetTimes(milliseconds left) {
   Set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min(left, kLongest).count()));
-  Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(left, HttpPool::kConnectTimeout).count()));
+  Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(left, call_.connect_timeout).count()));
   Set(CURLOPT_MAXAGE_CONN, kMaxAgeOfIdleS);
   // A call may wait an hour for its reply; a host that has lost its power meanwhile says nothing.
   Set(CURLOPT_TCP_KEEPALIVE, 1L);

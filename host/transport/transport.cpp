@@ -12,7 +12,10 @@
 #include "host/transport/host_name.h"
 #include "host/transport/http_pool.h"
 #include "host/transport/messages.h"
+#include "host/transport/method_rules.h"
 #include "host/transport/origin.h"
+#include "host/transport/unanswered.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::transport {
 namespace {
@@ -22,8 +25,11 @@ using Clock = std::chrono::steady_clock;
 // The longest that a caller may ask for; more would overflow clocks.
 constexpr int kLongestTimeoutS = 7 * 24 * 3600;
 
-std::chrono::milliseconds TimeoutOf(const VexaDRCore::Request& request, std::chrono::milliseconds default_timeout) {
-  if (request.timeout_s() <= 0) return default_timeout;
+// How long a call to a host that was not to be reached a moment ago waits for a connection.
+constexpr std::chrono::milliseconds kShortConnectTimeout{1'000};
+
+std::chrono::milliseconds TimeoutOf(const VexaDRCore::Request& request, const MethodRule& rule) {
+  if (request.timeout_s() <= 0) return rule.timeout;
   return std::chrono::seconds(std::min(request.timeout_s(), kLongestTimeoutS));
 }
 
@@ -37,6 +43,17 @@ Breaker::Outcome ForBreaker(HttpOutcome::Connection connection) {
       break;
   }
   return Breaker::Outcome::kUnknown;
+}
+
+void NoteUnanswered(const std::vector<std::string>& host_ids, const std::vector<Json::Value>& replies) noexcept {
+  namespace json = VexaVirtualization::json;
+  try {
+    for (std::size_t i = 0; i < host_ids.size(); ++i) {
+      if (!json::Bool(json::Member(replies[i], "success"))) UnansweredScope::Note(host_ids[i]);
+    }
+  } catch (const std::bad_alloc&) {
+    // The caller takes a host that did not answer for one that had nothing to say.
+  }
 }
 
 // Where the pool leaves outcomes for the one caller that waits for them. Shared with the pool's callbacks, which need
@@ -85,11 +102,13 @@ class Transport::Impl {
 
   void Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request,
            std::vector<Json::Value>& replies) {
-    const Clock::time_point deadline = Clock::now() + TimeoutOf(request, options_.default_timeout);
+    const MethodRule rule = RuleOf(request, options_.default_timeout);
+    const Clock::time_point deadline = Clock::now() + TimeoutOf(request, rule);
     const std::string path = PathOf(request);
     std::vector<std::size_t> remote;
     std::optional<std::size_t> local;
     std::vector<std::string> addresses(host_ids.size());
+    std::vector<Breaker::Attempt> attempts(host_ids.size());
     for (std::size_t i = 0; i < host_ids.size(); ++i) {
       if (path.empty()) {
         replies[i] = FailedReply(host_ids[i], "the request names no API and method");
@@ -97,6 +116,8 @@ class Transport::Impl {
         local = i;
       } else if (std::string why = FindAddress(host_ids[i], addresses[i]); !why.empty()) {
         replies[i] = FailedReply(host_ids[i], why);
+      } else if (!Judge(host_ids[i], rule, attempts[i])) {
+        replies[i] = FailedReply(host_ids[i], "it gives no sign of life, and is not asked for this");
       } else {
         remote.push_back(i);
       }
@@ -108,8 +129,8 @@ class Transport::Impl {
     const auto body = remote.empty() ? nullptr : std::make_shared<const std::string>(BodyOf(request));
     const std::vector<std::string> fields = OriginFields(CurrentOrigin());
     for (const std::size_t i : remote) {
-      const HttpCall call{host_ids[i], addresses[i], path, fields, body, deadline};
-      if (Start(call, i, outcomes)) {
+      HttpCall call{host_ids[i], addresses[i], path, fields, body, deadline};
+      if (Start(std::move(call), attempts[i], i, outcomes)) {
         ++waiting;
       } else {
         replies[i] = FailedReply(host_ids[i], "it could not be connected to, and is left alone for a moment");
@@ -134,14 +155,26 @@ class Transport::Impl {
     return {};
   }
 
+  // False: the host is gone, and what is asked is not worth finding out whether it is.
+  bool Judge(const std::string& host_id, const MethodRule& rule, Breaker::Attempt& attempt) const {
+    attempt.weight = rule.weight;
+    if (!options_.life) return true;
+    const cluster::HostLife life = options_.life(host_id);
+    attempt.sign_of_life = life.seen;
+    return !life.is_gone || rule.weight != Breaker::Weight::kRefusable;
+  }
+
   // False: the breaker refuses.
-  bool Start(HttpCall call, std::size_t index, const std::shared_ptr<Outcomes>& outcomes) {
-    const Breaker::Permit permit = breaker_->Enter(call.host_id, Clock::now());
+  bool Start(HttpCall call, const Breaker::Attempt& attempt, std::size_t index,
+             const std::shared_ptr<Outcomes>& outcomes) {
+    const Breaker::Permit permit = breaker_->Enter(call.host_id, Clock::now(), attempt);
     if (permit == Breaker::Permit::kRefused) return false;
+    if (permit == Breaker::Permit::kTry) call.connect_timeout = kShortConnectTimeout;
     const std::string host_id = call.host_id;
-    const auto report = [breaker = breaker_, permit, host_id](Breaker::Outcome outcome) noexcept {
+    const auto report = [breaker = breaker_, permit, host_id,
+                         seen = attempt.sign_of_life](Breaker::Outcome outcome) noexcept {
       try {
-        breaker->Report(host_id, permit, outcome, Clock::now());
+        breaker->Report(host_id, permit, outcome, Clock::now(), seen);
       } catch (const std::bad_alloc&) {
         // A failure that is not remembered: the host is tried once more.
       }
@@ -209,6 +242,7 @@ std::vector<Json::Value> Transport::Ask(const std::vector<std::string>& host_ids
       if (replies[i].isNull()) replies[i] = FailedReply(host_ids[i], "this host has a fault");
     }
   }
+  NoteUnanswered(host_ids, replies);
   return replies;
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/cluster/host_life.h"
 #include "host/transport/local_call.h"
 #include "host/transport/tls_material.h"
 #include "webapi/platform/dr.h"
@@ -32,9 +33,12 @@ struct TransportOptions {
   LocalCall local_call;
   // "address:port" of another host, numeric; nothing for a host that is not known. Runs on the caller's thread.
   std::function<std::optional<std::string>(const std::string& host_id)> find_address;
+  // By its signs of life. Runs on the caller's thread. Without the function every host counts as alive.
+  std::function<cluster::HostLife(const std::string& host_id)> life;
   Remote remote = Remote::kNone;
   TlsFiles tls;
-  std::chrono::milliseconds default_timeout = kDefaultTimeout;  // for a request that sets none
+  // For a request that sets none, of a method that has no shorter one (method_rules.h).
+  std::chrono::milliseconds default_timeout = kDefaultTimeout;
 };
 
 // Sends requests and waits for the replies. Never throws; every failure is a failed reply with the code 102.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/base/accounts.h"
+#include "host/webapi/error_table.h"
 #include "webapi/platform/webapi.h"
 
 namespace vexa::webapi {
@@ -21,6 +22,9 @@ enum class Access {
   kAdministrator,  // administrators only
   kHost,           // other hosts of the cluster only, known by their certificate
 };
+
+// Whom the method's replies are for.
+constexpr Audience AudienceOf(Access access) { return access == Access::kHost ? Audience::kHosts : Audience::kUsers; }
 
 enum class LaneKind {
   kQuick,  // answers from memory and the store

@@ -36,8 +36,7 @@ constexpr ErrorRow kErrors[] = {
     {415, 409, "The cluster is being upgraded: guests of other hosts cannot be shut down or powered off meanwhile."},
     {kErrorUnknownApi, 404, "There is no such API, method or version."},
     {620, 409, "The guest's host does not permit this now."},
-    // Of power, deletion and editing. Some are a host's word to another host, some the handlers' to a user; where one
-    // number is both, it has the sentence for users, and the host's reply has the reason.
+    // Of power, deletion and editing. Some of the numbers mean something else between hosts: kHostErrors.
     {901, 500, "The guest could not be deleted, or its host could not do what was asked."},
     {902, 500, "The guest could not be powered on."},
     {903, 409, "The guest could not be shut down."},
@@ -94,6 +93,45 @@ constexpr ErrorRow kErrors[] = {
 
 static_assert(std::ranges::is_sorted(kErrors, std::ranges::less_equal{}, &ErrorRow::code), "one row a code, rising");
 
+// What a host's answer to another host means, where it is not what the number means to users; docs/guests.md has the
+// same meanings at length. What is asked of a host is often a step of what a user asked, so the sentences name the
+// step.
+constexpr ErrorRow kHostErrors[] = {
+    {kErrorBadParameter, 400, "A parameter is missing or not valid, or no guest could be set so."},
+    {403, 404, "What was asked about does not exist here, or cannot be read."},
+    {410, 409, "The guest would have more disks than a guest may have."},
+    {901, 500, "The host could not do it. The details have the reason."},
+    {902, 409, "Another guest has the name."},
+    {903, 409,
+     "A network, network interface or MAC address cannot be had, or the guest would have too many interfaces."},
+    {904, 409, "A disk is not the guest's, or cannot be changed so, or not while the guest runs."},
+    {910, 409, "The guest runs, or a host has it or its saved memory."},
+    {911, 409, "The guest does not run, or has no saved memory."},
+    {912, 409, "The guest, or its repository, belongs to another host."},
+    {915, 409, "Something else is being done with the guest."},
+    {917, 409, "The host has no network or bridge of an interface of the guest."},
+    {927, 409, "The guests on the host would have too many virtual CPUs."},
+    {928, 409, "Less memory is free on the host than the guest has."},
+    {932, 409, "An ISO image does not exist."},
+    {935, 409, "The guest's repository is on another host, and a disk of the guest is not VirtIO."},
+    {936, 400, "A USB device is named in a way that is not understood, or twice."},
+    {938, 409, "The guest has no USB port left, or no USB controller, for a device."},
+    {942, 409, "The host has not enough processors left to set apart for the guest."},
+    {944, 409, "The guest is suspended, and its disks stay as they are."},
+    {945, 409, "The guest's repository is on another host, and the guest has EFI firmware."},
+    {949, 503, "The hypervisor, the repository or a disk cannot be used now, or the host is stopping."},
+    {955, 409, "The host's processor lacks what the guest's has."},
+    {2101, 409, "The host could not set apart as many processors for the running guest. The details say so."},
+};
+
+static_assert(std::ranges::is_sorted(kHostErrors, std::ranges::less_equal{}, &ErrorRow::code),
+              "one row a code, rising");
+
+const ErrorRow* Find(std::span<const ErrorRow> rows, int code) {
+  const auto found = std::ranges::lower_bound(rows, code, {}, &ErrorRow::code);
+  return found != rows.end() && found->code == code ? &*found : nullptr;
+}
+
 // What the HTTP server refuses by itself. 503 and 404 have several codes, so the way back is a choice.
 constexpr int kServerErrors[] = {kErrorMalformed,      kErrorTimeout,     kErrorTooLarge,
                                  kErrorTargetTooLong,  kErrorExpectation, kErrorHeaderTooLarge,
@@ -103,9 +141,11 @@ constexpr int kServerErrors[] = {kErrorMalformed,      kErrorTimeout,     kError
 
 std::span<const ErrorRow> ErrorTable() { return kErrors; }
 
-const ErrorRow* FindError(int code) {
-  const auto found = std::ranges::lower_bound(kErrors, code, {}, &ErrorRow::code);
-  return found != std::end(kErrors) && found->code == code ? found : nullptr;
+std::span<const ErrorRow> HostErrorTable() { return kHostErrors; }
+
+const ErrorRow* FindError(int code, Audience audience) {
+  const ErrorRow* const row = audience == Audience::kHosts ? Find(kHostErrors, code) : nullptr;
+  return row ? row : Find(kErrors, code);
 }
 
 const ErrorRow& ErrorOfHttpStatus(int http_status) {

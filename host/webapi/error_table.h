@@ -29,17 +29,28 @@ inline constexpr int kErrorTargetTooLong = 118;
 inline constexpr int kErrorBadParameter = 401;
 inline constexpr int kErrorUnknownApi = 507;
 
+// The details of what cannot be done while the cluster database cannot be read.
+inline constexpr char kDatabaseLost[] =
+    "The cluster database cannot be reached. Guests are shown as this host last knew them, and nothing can be changed "
+    "until it is back.";
+
 struct ErrorRow {
   int code;
   int http_status;
   std::string_view sentence;
 };
 
-// All codes, in rising order.
+// Whom a reply is for. Between hosts several numbers mean something else than to users.
+enum class Audience { kUsers, kHosts };
+
+// All codes that users meet, in rising order.
 std::span<const ErrorRow> ErrorTable();
 
-// Null for a code that is not in the table.
-const ErrorRow* FindError(int code);
+// The codes with a meaning of their own between hosts, in rising order.
+std::span<const ErrorRow> HostErrorTable();
+
+// Between hosts, a code without a meaning of its own has that of users. Null for a code that is in no table.
+const ErrorRow* FindError(int code, Audience audience = Audience::kUsers);
 
 // The row of a failure that the HTTP server found by itself; the row of 100 for a status that has none.
 const ErrorRow& ErrorOfHttpStatus(int http_status);

@@ -22,7 +22,6 @@ TEST(CompoundRequest, EveryItem_HasTheIdOfItsRequest) {
   const vexa::test::TempDir folder;
   vexa::daemon::Config config;
   config.data_directory = folder.File("data");
-  config.account_file = folder.File("data/accounts.json");
   config.socket = folder.File("s");
   config.listen.clear();
   config.hypervisor = "none";

@@ -6,9 +6,10 @@
 #include <boost/asio/io_context.hpp>
 #include <new>
 
-#include "host/base/account_file.h"
+#include "host/cluster/account_store.h"
 #include "host/daemon/dispatcher.h"
 #include "host/daemon/http_mailbox.h"
+#include "host/store/lmdb_store.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -36,7 +37,10 @@ vexa::webapi::ApiRow Row(std::string_view method, Access access) {
 class DispatcherAlone : public testing::Test {
  protected:
   DispatcherAlone() {
-    accounts_ = vexa::base::AccountFile::Open(folder_.File("accounts.json")).value();
+    vexa::store::LmdbOptions options;
+    options.directory = folder_.File("store");
+    store_ = vexa::store::OpenLmdbStore(options).value();
+    accounts_ = std::make_unique<vexa::cluster::AccountStore>(store_);
     sessions_ = SessionTable::Open(folder_.File("sessions.json"), {}).value();
     identity_ = std::make_unique<Identity>(*sessions_, *accounts_);
     Dispatcher::Parts parts;
@@ -51,12 +55,12 @@ class DispatcherAlone : public testing::Test {
   }
 
   std::string TokenOf(const char* name, std::vector<std::string> groups) {
-    vexa::base::AccountFile::NewUser user;
+    vexa::cluster::AccountStore::NewUser user;
     user.name = name;
     user.password = kPassword;
     user.groups = std::move(groups);
     EXPECT_TRUE(accounts_->AddUser(user).ok());
-    return sessions_->Create(name)->token;
+    return sessions_->Create({name, accounts_->FindUser(name)->uid})->token;
   }
 
   HttpRequest Request(const std::string& method, const std::string& target, const std::string& token) const {
@@ -85,7 +89,8 @@ class DispatcherAlone : public testing::Test {
   }
 
   vexa::test::TempDir folder_;
-  std::unique_ptr<vexa::base::AccountFile> accounts_;
+  std::shared_ptr<vexa::store::Store> store_;
+  std::unique_ptr<vexa::cluster::AccountStore> accounts_;
   std::unique_ptr<SessionTable> sessions_;
   std::unique_ptr<Identity> identity_;
   vexa::webapi::ApiTable table_{{Row("user", Access::kUser), Row("host", Access::kHost)}};
@@ -131,8 +136,28 @@ TEST_F(DispatcherAlone, ExceptionOnALane_AnswersAndTheHostServesOn) {
 
 TEST_F(DispatcherAlone, AccountsCannotBeRead_IsAFailureAndNotALogout) {
   const std::string token = TokenOf("grace", {});
-  ASSERT_EQ(::truncate(folder_.File("accounts.json").c_str(), 5), 0);
+  ASSERT_TRUE(store_->Commit({{}, {{vexa::cluster::AccountStateKey(), "{"}}}).ok());
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 500);
+}
+
+TEST_F(DispatcherAlone, AccountsCannotBeRead_RootOnTheUnixSocketIsStillServed) {
+  ASSERT_TRUE(store_->Commit({{}, {{vexa::cluster::AccountStateKey(), "{"}}}).ok());
+  HttpRequest request = Request("POST", "/webapi/T/user", "");
+  request.peer.kind = vexa::daemon::Peer::Kind::kUnix;
+  request.peer.uid = 0;
+  EXPECT_EQ(Send(request), 200);
+  request.peer.uid = 65533;
+  EXPECT_EQ(Send(std::move(request)), 500);
+}
+
+TEST_F(DispatcherAlone, AccountIsDeleted_ItsTokenIsRefusedAlsoWhenTheNameIsGivenAgain) {
+  const std::string token = TokenOf("grace", {});
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 200);
+  ASSERT_TRUE(accounts_->DeleteUser("grace").ok());
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 401);
+  const std::string new_token = TokenOf("grace", {});
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 401);
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", new_token)), 200);
 }
 
 }  // namespace

@@ -84,8 +84,6 @@ TEST(DaemonProgram, FewOpenFiles_ConnectionsOfAStrangerLeaveRoomForTheRest) {
   EXPECT_EQ(local.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200);
   std::vector<Connection> idle;
   for (int i = 0; i < 700; ++i) idle.emplace_back(PortIn(daemon.errors()));
-  // The account file has changed, so that it must be opened again.
-  std::ofstream(folder.File("data/accounts.json"), std::ios::app) << "\n";
   EXPECT_EQ(local.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200) << daemon.errors();
   daemon.Signal(SIGTERM);
   const auto status = daemon.Wait(kPatience);

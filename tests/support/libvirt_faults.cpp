@@ -29,6 +29,8 @@ thread_local std::string pretended_xml;
 std::atomic<int> presses_to_lose{0};
 std::atomic<int> presses{0};
 std::atomic<bool> presses_are_quick{false};
+std::atomic<int> pretended_state{-1};
+std::atomic<int> pretended_reason{0};
 
 struct LastConnection {
   std::mutex mutex;
@@ -81,6 +83,12 @@ int Presses() { return presses; }
 QuickPresses::QuickPresses() { presses_are_quick = true; }
 QuickPresses::~QuickPresses() { presses_are_quick = false; }
 
+PretendedReason::PretendedReason(int state, int reason) {
+  pretended_reason = reason;
+  pretended_state = state;
+}
+PretendedReason::~PretendedReason() { pretended_state = -1; }
+
 void PretendXml(const std::string& xml) { pretended_xml = xml; }
 
 namespace {
@@ -115,6 +123,14 @@ bool StartAsUser(const std::string& id) {
 
 bool SaveAsUser(const std::string& id) {
   return WithGuest(id, false, [](virDomainPtr domain) { return virDomainManagedSave(domain, 0) == 0; });
+}
+
+bool EndAsUser(const std::string& id) {
+  return WithGuest(id, false, [](virDomainPtr domain) { return virDomainDestroy(domain) == 0; });
+}
+
+bool PauseAsUser(const std::string& id) {
+  return WithGuest(id, false, [](virDomainPtr domain) { return virDomainSuspend(domain) == 0; });
 }
 
 bool AutostartAsUser(const std::string& id) {
@@ -197,6 +213,13 @@ int virDomainShutdown(virDomainPtr domain) {
 int virConnectIsAlive(virConnectPtr connection) {
   static auto* const real = Real<int(virConnectPtr)>("virConnectIsAlive");
   return connections_dead ? 0 : real(connection);
+}
+
+int virDomainGetState(virDomainPtr domain, int* state, int* reason, unsigned int flags) {
+  static auto* const real = Real<int(virDomainPtr, int*, int*, unsigned int)>("virDomainGetState");
+  const int result = real(domain, state, reason, flags);
+  if (result == 0 && state != nullptr && reason != nullptr && *state == pretended_state) *reason = pretended_reason;
+  return result;
 }
 
 char* virDomainGetXMLDesc(virDomainPtr domain, unsigned int flags) {

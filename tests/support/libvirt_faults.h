@@ -68,6 +68,15 @@ class QuickPresses {
   QuickPresses& operator=(const QuickPresses&) = delete;
 };
 
+// While it lives, libvirt gives this reason for the state of guests that are in `state`, in all threads.
+class PretendedReason {
+ public:
+  PretendedReason(int state, int reason);
+  ~PretendedReason();
+  PretendedReason(const PretendedReason&) = delete;
+  PretendedReason& operator=(const PretendedReason&) = delete;
+};
+
 // What libvirt tells this thread as the XML of guests; empty: what it is.
 void PretendXml(const std::string& xml);
 
@@ -75,6 +84,8 @@ void PretendXml(const std::string& xml);
 bool DefineAsUser(const std::string& xml);
 bool StartAsUser(const std::string& id);
 bool SaveAsUser(const std::string& id);  // its memory goes to a file of libvirt's
+bool EndAsUser(const std::string& id);   // the machine is off, as when its system has ended
+bool PauseAsUser(const std::string& id);
 bool AutostartAsUser(const std::string& id);
 // libvirt's inactive XML; empty when it has no such guest.
 std::string XmlAsUser(const std::string& id);

@@ -237,7 +237,7 @@ QemuGround::Dropped::Dropped(const GroundFiles& files) {
   for (const char* const image : kImageNames) KeptOpen(ImageSource(image));
   for (const std::string& program : files.programs) KeptOpen(program);
   for (const std::string& library : files.libraries) KeptOpen(library);
-  BecomeNobody();
+  if (files.user == GroundUser::kNobody) BecomeNobody();
 }
 
 QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files_) {

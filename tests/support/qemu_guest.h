@@ -35,15 +35,20 @@ bool CanNobodyRun(const std::string& program);
 
 // What tests run that "nobody" may not get at, who has no way into the folder of a build below a closed one: absolute
 // paths.
+enum class GroundUser {
+  kNobody,  // in the place of root
+  kSame,    // also root: for programs that make networks
+};
 struct GroundFiles {
   std::vector<std::string> programs;   // opened while that is possible
   std::vector<std::string> libraries;  // copied, to LibraryFolder
+  GroundUser user = GroundUser::kNobody;
 };
 
 // A folder below which guests can be embedded, with the images in it. When it is root, the process becomes "nobody" for
-// good: QEMU's driver wants no root without a user of its own. All QEMUs with files below the folder end with this
-// object, and so do hosts and libvirtds with files there; also when the process ends in any other way. Make it before
-// there are threads.
+// good, unless its files say otherwise: QEMU's driver wants no root without a user of its own. All QEMUs with files
+// below the folder end with this object, and so do hosts and libvirtds with files there; also when the process ends in
+// any other way. Make it before there are threads.
 class QemuGround {
  public:
   // Aborts the test program when the folder cannot be made, or a file is missing.

@@ -29,6 +29,8 @@ class ScriptedGuests final : public guests::GuestControl {
   }
   Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
   std::optional<guests::RunningGuest> Running(const std::string&) override { return running; }
+  bool IsControllable() const override { return is_controllable; }
+  std::string HypervisorVersion() const override { return hypervisor_version; }
   Refused DiscardSaved(const std::string& id, const Requester& by) override { return Note("discard_saved", id, by); }
   Refused Release(const std::string& id, const Requester& by) override { return Note("release", id, by); }
   bool Stop(std::chrono::milliseconds) override { return true; }
@@ -42,6 +44,8 @@ class ScriptedGuests final : public guests::GuestControl {
   Refused refused;  // what every action answers
   guests::Rating rating;
   Json::Value last_edit;
+  bool is_controllable = true;
+  std::string hypervisor_version;
   std::optional<guests::RunningGuest> running = guests::RunningGuest{{"192.0.2.7"}, 77, true};
 
  private:

@@ -10,7 +10,6 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "host/base/account_file.h"
 #include "host/base/json_parse.h"
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
@@ -49,6 +48,12 @@ std::string GuestAdmin(const char* level, bool granted) {
          (granted ? std::string("\"") + kTestGuest + "\":true" : "") + "}}";
 }
 
+std::shared_ptr<store::Store> StoreOf(const daemon::Config& config) {
+  store::LmdbOptions options;
+  options.directory = config.store_directory.empty() ? config.data_directory + "/store" : config.store_directory;
+  return Require(store::OpenLmdbStore(options));
+}
+
 }  // namespace
 
 struct TestDaemon::Stall {
@@ -60,7 +65,6 @@ struct TestDaemon::Stall {
 
 TestDaemon::TestDaemon(void (*adjust)(daemon::Config&)) : stall_(std::make_shared<Stall>()) {
   config_.data_directory = folder_.File("data");
-  config_.account_file = folder_.File("data/accounts.json");
   config_.socket = folder_.File("s");
   config_.listen = {"127.0.0.1:0"};
   config_.hypervisor = "none";
@@ -77,12 +81,14 @@ TestDaemon::~TestDaemon() {
   }
 }
 
+std::unique_ptr<cluster::AccountStore> TestDaemon::Accounts() const {
+  return std::make_unique<cluster::AccountStore>(StoreOf(config_));
+}
+
 void TestDaemon::PutRecords() {
   ::mkdir(config_.data_directory.c_str(), 0700);
-  const auto accounts = Require(base::AccountFile::Open(config_.account_file));
-  store::LmdbOptions options;
-  options.directory = config_.data_directory + "/store";
-  const auto store = Require(store::OpenLmdbStore(options));
+  const auto store = StoreOf(config_);
+  const auto accounts = Accounts();
   store::Transaction transaction;
   transaction.operations = {
       PutObject("guest", kTestGuest,
@@ -92,7 +98,7 @@ void TestDaemon::PutRecords() {
       PutObject("vnic", "n1",
                 R"({"network_group_id":"net","prefer_sriov":false,"mac_address":"02:00:00:00:00:01","vnic_type":1})")};
   const auto add = [&](const char* name, std::vector<std::string> groups) {
-    base::AccountFile::NewUser user;
+    cluster::AccountStore::NewUser user;
     user.name = name;
     user.password = kTestPassword;
     user.groups = std::move(groups);
@@ -166,18 +172,16 @@ HttpClient TestDaemon::TcpAs(const std::string& user) const {
 }
 
 void TestDaemon::BeOnUnixSocket(const std::string& role) {
-  const auto accounts = Require(base::AccountFile::Open(config_.account_file));
-  if (accounts->FindUser("me").ok()) Require(accounts->DeleteUser("me"));
-  base::AccountFile::NewUser me;
+  const auto accounts = Accounts();
+  cluster::AccountStore::NewUser me;
   me.name = "me";
   me.password = kTestPassword;
   me.uid = ::geteuid();
   if (role == "admin") me.groups = {"administrators"};
   if (role == "carol") me.groups = {"operators"};
-  Require(accounts->AddUser(me));
-  store::LmdbOptions options;
-  options.directory = config_.data_directory + "/store";
-  const auto store = Require(store::OpenLmdbStore(options));
+  // The same account in each role: no id is given twice.
+  Require(accounts->FindUser("me").ok() ? accounts->SetGroups("me", me.groups) : accounts->AddUser(me));
+  const auto store = StoreOf(config_);
   const std::string key = cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", ::geteuid()));
   (void)Require(store->Commit({{}, {{key, GuestAdmin(role == "adam" ? "advanced" : "user", role == "grace")}}}));
 }

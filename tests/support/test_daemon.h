@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "host/cluster/account_store.h"
 #include "host/daemon/daemon.h"
 #include "tests/support/http_client.h"
 #include "tests/support/temp_dir.h"
@@ -27,6 +28,9 @@ class TestDaemon {
   daemon::Daemon& daemon() { return *daemon_; }
   const daemon::Config& config() const { return config_; }
   const TempDir& folder() const { return folder_; }
+
+  // The accounts of the daemon.
+  std::unique_ptr<cluster::AccountStore> Accounts() const;
 
   // A client of the network listener or the Unix socket, not logged in.
   HttpClient Tcp() const;

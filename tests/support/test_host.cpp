@@ -16,8 +16,10 @@ namespace vexa::test {
 TestHost::TestHost() {
   store::LmdbOptions options;
   options.directory = folder_.File("store");
-  store_ = std::make_shared<FaultyStore>(Require(store::OpenLmdbStore(options)));
-  accounts_ = Require(base::AccountFile::Open(folder_.File("accounts.json")));
+  const auto store = Require(store::OpenLmdbStore(options));
+  store_ = std::make_shared<FaultyStore>(store);
+  // Without the faults: those are for what a test looks at.
+  accounts_ = std::make_shared<cluster::AccountStore>(store);
   cluster::Environment environment;
   environment.store = store_;
   environment.accounts = accounts_;
@@ -29,7 +31,7 @@ TestHost::TestHost() {
 TestHost::~TestHost() { cluster::RemoveEnvironment(); }
 
 std::uint32_t TestHost::AddUser(const std::string& name, const std::vector<std::string>& groups) {
-  base::AccountFile::NewUser user;
+  cluster::AccountStore::NewUser user;
   user.name = name;
   user.password = "correct horse";
   user.groups = groups;

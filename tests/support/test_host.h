@@ -1,4 +1,4 @@
-// A host's ground for tests of the library: a real store and account file in a folder of their own.
+// A host's ground for tests of the library: a real store with accounts in a folder of its own.
 #pragma once
 
 #include <json/value.h>
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/base/account_file.h"
+#include "host/cluster/account_store.h"
 #include "tests/support/faulty_store.h"
 #include "tests/support/temp_dir.h"
 #include "webapi/platform/webapi.h"
@@ -37,13 +37,13 @@ class TestHost {
   static std::string ObjectKey(const std::string& category, const std::string& id);
 
   FaultyStore& store() { return *store_; }
-  base::AccountFile& accounts() { return *accounts_; }
+  cluster::AccountStore& accounts() { return *accounts_; }
   const TempDir& folder() const { return folder_; }
 
  private:
   TempDir folder_;
   std::shared_ptr<FaultyStore> store_;
-  std::shared_ptr<base::AccountFile> accounts_;
+  std::shared_ptr<cluster::AccountStore> accounts_;
 };
 
 // A request as an ordinary user or administrator would send it.

@@ -3,12 +3,18 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <string>
 #include <thread>
 
+#include "host/cluster/environment.h"
+#include "host/store/key.h"
 #include "tests/support/test_daemon.h"
 #include "webapi/guest/guest_uistate_cache.h"
+#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::test {
 namespace {
@@ -28,6 +34,30 @@ TEST(CacheDaemon, GuestsStates_AreFoundOutInTheBackgroundAndKept) {
   EXPECT_TRUE(VexaVirtualization::GetCachedGuestUIStateDict(states));
   EXPECT_EQ(states.count(kTestGuest), 1u);
   EXPECT_TRUE(daemon.daemon().Stop(std::chrono::seconds(30)));
+}
+
+TEST(CacheDaemon, ChangedGuest_IsInTheKeptValueWithoutAnotherRead) {
+  TestDaemon daemon;
+  std::map<std::string, VexaVirtualization::UIState> states;
+  EXPECT_TRUE(VexaVirtualization::GetCachedGuestUIStateDict(states));
+  const std::string path = daemon.config().data_directory + "/cache/virtualization/guest_ui_status.json";
+  const auto kept = [&path] {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const auto within = [](std::chrono::seconds limit, const std::function<bool()>& holds) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!holds() && std::chrono::steady_clock::now() < end)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return holds();
+  };
+  ASSERT_TRUE(within(std::chrono::seconds(30), [&] { return kept().find(kTestGuest) != std::string::npos; }));
+  const store::Transaction change{
+      {},
+      {{store::MakeKey({"dash", "guest", kTestGuest, "object"}),
+        R"({"name":"test","state":")" + std::string(VexaCCC::State::Guest::crashed) + "\"}"}}};
+  ASSERT_TRUE(cluster::CurrentEnvironment()->store->Commit(change).ok());
+  EXPECT_TRUE(within(std::chrono::seconds(30), [&] { return kept().find("crashed") != std::string::npos; })) << kept();
 }
 
 }  // namespace

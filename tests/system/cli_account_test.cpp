@@ -1,11 +1,14 @@
-// vexa user and vexa group on real account files and a real store.
+// vexa user and vexa group on a real store.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <thread>
 
-#include "host/base/account_file.h"
+#include "host/base/account_password.h"
+#include "host/base/files.h"
 #include "host/base/json_parse.h"
+#include "host/cluster/account_source.h"
+#include "host/cluster/account_store.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/system/cli_program.h"
@@ -37,11 +40,16 @@ class Accounts : public CliTest {
     ASSERT_EQ(result.exit_code, 0) << result.errors;
   }
 
-  std::unique_ptr<base::AccountFile> Open() const {
-    auto accounts = base::AccountFile::Open(folder_.File("data/accounts.json"));
-    EXPECT_TRUE(accounts.ok());
-    return std::move(accounts).value();
+  std::unique_ptr<cluster::AccountStore> Open() const { return std::make_unique<cluster::AccountStore>(OpenStore()); }
+  // The account file that an older version has left.
+  void PutFile(const std::string& user) const {
+    const auto hash = base::HashPassword("old password");
+    ASSERT_TRUE(hash.ok());
+    const std::string text = R"({"version":1,"groups":[{"name":"users","gid":1900000001}],"users":[{"name":")" + user +
+                             R"(","uid":1900000002,"gid":1900000001,"password":")" + *hash + R"(","groups":[]}]})";
+    ASSERT_TRUE(WriteFileAtomically(folder_.File("data/accounts.json"), text, 0600).ok());
   }
+  bool Exists(const std::string& name) const { return std::filesystem::exists(folder_.File(name)); }
 
   base::User Alice() const {
     const auto user = Open()->FindUser("alice");
@@ -101,6 +109,7 @@ TEST_F(Accounts, UserAddedTwice_IsRefusedAndStays) {
 }
 
 TEST_F(Accounts, BadNameUidOrPassword_IsUsageErrorAndAddsNobody) {
+  AddAlice();
   EXPECT_EQ(RunHere({"user", "add", "../x", "--password-stdin"}, "good password\n").exit_code, 2);
   EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "short\n").exit_code, 2);
   EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "").exit_code, 2);
@@ -121,34 +130,51 @@ TEST_F(Accounts, PasswordAndGroupsChanged_AreTheNewOnes) {
   EXPECT_EQ(RunHere({"user", "group", "nobody-here", "crew"}).exit_code, 1);
 }
 
-TEST_F(Accounts, NoAccountFile_OnlyAddCreatesOne) {
-  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-           {"user", "list"}, {"user", "del", "alice"}, {"user", "grant", "alice", kFirst}}) {
-    EXPECT_EQ(RunHere(arguments).exit_code, 1);
-    EXPECT_FALSE(std::filesystem::exists(folder_.File("data/accounts.json")));
+TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"user", "list"},
+                                             {"user", "del", "alice"},
+                                             {"user", "group", "alice", "crew"},
+                                             {"user", "grant", "alice", kFirst},
+                                             {"user", "drop-grants", "--system", "root"},
+                                             {"group", "grant", "staff", kFirst}}) {
+    const auto result = RunHere(arguments);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr("'vexa user add' creates it"));
+    EXPECT_FALSE(Exists("data/store"));
   }
+  AddAlice();
+  EXPECT_EQ(RunHere({"user", "list"}).exit_code, 0);
+  EXPECT_FALSE(Exists("data/accounts.json"));
 }
 
 TEST_F(Accounts, FilesOfAnotherAccount_AreLeftAlone) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
   AddAlice();
-  const std::string identifier = "users-" + std::to_string(Alice().uid);
-  ASSERT_EQ(::chown(folder_.File("data/accounts.json").c_str(), 1, 1), 0);
-  const auto result = RunHere({"user", "del", "alice"});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("run the command as that account"));
-  ASSERT_EQ(::chown(folder_.File("data/accounts.json").c_str(), 0, 0), 0);
-  ASSERT_EQ(::chown(folder_.File("data").c_str(), 1, 1), 0);
-  EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 1);
-  EXPECT_FALSE(std::filesystem::exists(folder_.File("data/store")));
+  for (const char* file : {"data/store/data.mdb", "data/accounts.json"}) {
+    if (file == std::string("data/accounts.json")) PutFile("bob");
+    ASSERT_EQ(::chown(folder_.File(file).c_str(), 1, 1), 0);
+    const auto result = RunHere({"user", "del", "alice"});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr("run the command as that account"));
+    ASSERT_EQ(::chown(folder_.File(file).c_str(), 0, 0), 0);
+    EXPECT_TRUE(Open()->FindUser("alice").ok());
+  }
+  EXPECT_FALSE(Open()->FindUser("bob").ok());
+  std::filesystem::create_directory(folder_.File("other"));
+  ASSERT_EQ(::chown(folder_.File("other").c_str(), 1, 1), 0);
+  EXPECT_EQ(
+      Run({"user", "add", "carol", "--password-stdin", "--data", folder_.File("other")}, "good password\n").exit_code,
+      1);
+  EXPECT_FALSE(Exists("other/store"));
 }
 
 TEST_F(Accounts, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
   AddAlice();
   const std::string identifier = "users-" + std::to_string(Alice().uid);
   EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst, kSecond}).exit_code, 0);
-  EXPECT_EQ(RecordOf(identifier),
-            std::string(R"({"authlevel":"user","guests":{")") + kSecond + R"(":true,")" + kFirst + R"(":true}})");
+  EXPECT_EQ(RecordOf(identifier), std::string(R"({"authlevel":"user","guests":{")") + kSecond + R"(":true,")" + kFirst +
+                                      R"(":true},"name":"alice"})");
   ASSERT_TRUE(OpenStore()
                   ->Commit({{},
                             {{KeyOf(identifier),
@@ -156,7 +182,7 @@ TEST_F(Accounts, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
                   .ok());
   EXPECT_EQ(RunHere({"user", "advanced", "alice"}).exit_code, 0);
   EXPECT_EQ(RunHere({"user", "revoke", "alice", kFirst, kSecond}).exit_code, 0);
-  EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"advanced","guests":{},"more":[1]})");
+  EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"advanced","guests":{},"more":[1],"name":"alice"})");
   EXPECT_EQ(RunHere({"user", "advanced", "--off", "alice"}).exit_code, 0);
   EXPECT_THAT(RecordOf(identifier), HasSubstr(R"("authlevel":"user")"));
 }
@@ -179,24 +205,74 @@ TEST_F(Accounts, GroupGrant_IsUnderTheGroupsId) {
 TEST_F(Accounts, AddedAsAdvanced_HasTheLevel) {
   AddAlice({"--advanced", "--uid", "1026"});
   EXPECT_EQ(Alice().uid, 1026U);
-  EXPECT_EQ(RecordOf("users-1026"), R"({"authlevel":"advanced","guests":{}})");
+  EXPECT_EQ(RecordOf("users-1026"), R"({"authlevel":"advanced","guests":{},"name":"alice"})");
 }
 
-TEST_F(Accounts, LevelCannotBeStored_UserIsNotAddedEither) {
-  std::filesystem::create_directories(folder_.File("data/store"));
-  WriteFile(folder_.File("data/store/data.mdb"), "this is no store");
-  const auto result = RunHere({"user", "add", "bob", "--advanced", "--password-stdin"}, "good password\n");
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_FALSE(Open()->FindUser("bob").ok());
+TEST_F(Accounts, AccountFileOfAnOlderVersion_IsTakenOverByTheFirstCommand) {
+  PutFile("old");
+  const auto list = RunHere({"user", "list"});
+  EXPECT_EQ(list.exit_code, 0) << list.errors;
+  EXPECT_THAT(list.output, HasSubstr("old"));
+  EXPECT_THAT(list.errors, IsEmpty());
+  EXPECT_TRUE(Open()->VerifyPassword("old", "old password").ok());
+  EXPECT_FALSE(Exists("data/accounts.json"));
+  EXPECT_TRUE(Exists("data/accounts.json.taken-over"));
+  PutFile("OLD");
+  const auto again = RunHere({"user", "del", "old"});
+  EXPECT_EQ(again.exit_code, 0) << again.errors;
+  EXPECT_THAT(again.errors, AllOf(HasSubstr("'OLD'"), HasSubstr("was not taken over")));
 }
 
-TEST_F(Accounts, UserDeleted_NextOneWithTheIdInheritsNothing) {
+TEST_F(Accounts, StoreElsewhere_IsTheOneThatIsNamed) {
+  ASSERT_EQ(
+      RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere")}, "good password\n")
+          .exit_code,
+      0);
+  EXPECT_FALSE(Exists("data/store"));
+  EXPECT_EQ(RunHere({"user", "list"}).exit_code, 1);
+  EXPECT_THAT(RunHere({"user", "list", "--store", folder_.File("elsewhere")}).output, HasSubstr("alice"));
+  EXPECT_EQ(RunHere({"user", "grant", "Alice", kFirst, "--store", folder_.File("elsewhere")}).exit_code, 0);
+}
+
+TEST_F(Accounts, DaemonTakesUsersFromPam_CommandsSayWhereToGo) {
+  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {"user", "list"}, {"user", "add", "x"}, {"user", "grant", "root", kFirst}, {"group", "advanced", "root"}}) {
+    const auto result = RunHere(arguments);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("PAM"), HasSubstr("--system")));
+  }
+  EXPECT_FALSE(Exists("data/store"));
+  EXPECT_EQ(RunHere({"user", "grant", "--system", "root", kFirst}).exit_code, 0);
+  EXPECT_THAT(RecordOf("users-0"), HasSubstr(R"("name":"root")"));
+}
+
+TEST_F(Accounts, GrantsOfAnotherName_AreNotChangedAndCanBeDropped) {
+  AddAlice({"--uid", "1026"});
+  const char* text = R"({"authlevel":"user","guests":{"g":true},"name":"bob"})";
+  ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("users-1026"), text}}}).ok());
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {"user", "grant", "alice", kFirst}, {"user", "revoke", "alice", kFirst}, {"user", "advanced", "alice"}}) {
+    const auto result = RunHere(arguments);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("'bob'"), HasSubstr("'alice'"), HasSubstr("drop-grants")));
+    EXPECT_EQ(RecordOf("users-1026"), text);
+  }
+  EXPECT_EQ(RunHere({"user", "drop-grants", "ALICE"}).exit_code, 0);
+  EXPECT_EQ(RecordOf("users-1026"), "");
+  EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
+}
+
+TEST_F(Accounts, UserDeleted_GrantsGoAndTheIdIsNotGivenAgain) {
   AddAlice({"--uid", "1026"});
   EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0);
   EXPECT_FALSE(Open()->FindUser("alice").ok());
   EXPECT_EQ(RecordOf("users-1026"), "");
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 1);
+  const auto again = RunHere({"user", "add", "bob", "--uid", "1026", "--password-stdin"}, "good password\n");
+  EXPECT_EQ(again.exit_code, 1);
+  EXPECT_THAT(again.errors, HasSubstr("choose another one"));
 }
 
 TEST_F(Accounts, NotAGuestsId_IsUsageErrorAndChangesNothing) {

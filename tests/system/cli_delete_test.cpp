@@ -109,6 +109,16 @@ TEST_F(Delete, RefusalOfTheHost_TellsWhatMayBeInTheWay) {
   EXPECT_THAT(result.output, IsEmpty());
 }
 
+TEST_F(Delete, RefusalWithAReason_TellsThatInsteadOfAGuess) {
+  const ApiHost host([](const std::string& method, const Json::Value&) {
+    return method == "list" ? ApiHost::Success(kGuests)
+                            : ApiHost::Failure(901, "Not deleted.", R"(,"reason":"The host is g\u001b[31mone.")");
+  });
+  const auto result = RunProcess(ProgramOn(host, {"web-1", "--yes"}));
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("\nThe host is g\\x1b[31mone.\n"), Not(HasSubstr("vexa guest stop"))));
+}
+
 TEST_F(Delete, Help_TellsOfRunningGuestsAndOfYes) {
   EXPECT_THAT(Run({"guest", "delete", "--help"}).output,
               AllOf(HasSubstr("--yes"), HasSubstr("A guest that runs is"), HasSubstr("nothing to wait for"),

@@ -3,7 +3,6 @@
 
 #include <fstream>
 
-#include "host/base/account_file.h"
 #include "host/cluster/guest_admin.h"
 #include "host/daemon/host_id.h"
 #include "tests/support/test_daemon.h"
@@ -78,9 +77,7 @@ class EditOnDaemon : public CliTest {
     std::ofstream(images_of_host + "/" + name) << "twelve bytes";
     return images_of_host + "/" + name;
   }
-  std::uint32_t UidOf(const std::string& name) const {
-    return Require(Require(base::AccountFile::Open(daemon_->config().account_file))->FindUser(name)).uid;
-  }
+  std::uint32_t UidOf(const std::string& name) const { return Require(daemon_->Accounts()->FindUser(name)).uid; }
   bool HasGrant(const std::string& user) const {
     const auto text = TextOf(*store_, cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", UidOf(user))));
     return text && Parsed(*text)["guests"].isMember(kEdited);

@@ -27,6 +27,12 @@ class GuestState : public CliTest {
     SaveLogin(server.url());
     return Run(std::move(arguments));
   }
+  ProcessResult RunInUtc(const ScriptedServer& server, std::vector<std::string> arguments) {
+    SaveLogin(server.url());
+    ProcessOptions options = Program(std::move(arguments));
+    options.environment["TZ"] = "UTC";
+    return RunProcess(options);
+  }
 };
 
 TEST_F(GuestState, List_IsATableThatCannotDriveTheTerminal) {
@@ -35,6 +41,28 @@ TEST_F(GuestState, List_IsATableThatCannotDriveTheTerminal) {
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output, AllOf(StartsWith("GUEST "), HasSubstr("  web           running   healthy   h1\n"),
                                    HasSubstr("  tw\\x1b[31min  shutdown  error"), Not(HasSubstr("\x1b"))));
+}
+
+TEST_F(GuestState, HostThatIsGone_IsToldWithTheTimeAndEveryAgeInWords) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"guests":[
+    {"guest_id":"g1","guest_name":"web","host_id":"h1","status":"running","status_type":"healthy","age_s":3},
+    {"guest_id":"g2","guest_name":"db","host_id":"h2","status":"inaccessible","status_type":"error","age_s":7300,
+     "inaccessible_since":1000000000},
+    {"guest_id":"g3","guest_name":"off","host_id":"h2","status":"shutdown","status_type":"healthy","age_s":200,
+     "inaccessible_since":1000000000}]}})")});
+  const auto result = RunInUtc(server, {"guest", "list"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("g1     web   running  "));
+  EXPECT_THAT(result.output, HasSubstr("  healthy   h1    3 s\n"));
+  EXPECT_THAT(result.output, HasSubstr("inaccessible since 2001-09-09 01:46:40  "));
+  EXPECT_THAT(result.output, HasSubstr("h2    2 h\n"));
+  EXPECT_THAT(result.output,
+              HasSubstr("shutdown (host inaccessible since 2001-09-09 01:46:40)  healthy   h2    3 min\n"));
+  const ScriptedServer status({HttpReplyOf(200, R"({"success":true,"data":{"guest_id":"g2","guest_name":"db",
+    "host_id":"h2","status":"inaccessible","status_type":"error","age_s":7300,"inaccessible_since":1000000000}})")});
+  const auto one = RunInUtc(status, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
+  EXPECT_THAT(one.output, HasSubstr("State     inaccessible since 2001-09-09 01:46:40\n"));
+  EXPECT_THAT(one.output, HasSubstr("As of     2 h ago\n"));
 }
 
 TEST_F(GuestState, StatusByName_AsksForTheIdOfThatGuest) {
@@ -55,6 +83,28 @@ h1    one   warning
 )");
   ASSERT_EQ(server.requests().size(), 2u);
   EXPECT_THAT(server.requests()[1], HasSubstr(R"({"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"})"));
+}
+
+TEST_F(GuestState, Status_HasALineForEachDiskAndWhyTheGuestIsOff) {
+  const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{
+    "guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","guest_name":"web","host_id":"h1","status":"shutdown",
+    "status_type":"healthy","status_reason":"","shutdown":{"reason":"powered_off","forced":true},"disks":[
+      {"vdisk_id":"d1","name":"boot","status":"online","status_type":"healthy"},
+      {"vdisk_id":"d2","name":"","status":"missing","status_type":"error"}]}})")});
+  const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, R"(Guest        8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8
+Name         web
+Host         h1
+State        shutdown
+Severity     healthy
+Off because  powered_off
+
+Disks
+DISK  NAME  STATE    SEVERITY
+d1    boot  online   healthy
+d2          missing  error
+)");
 }
 
 TEST_F(GuestState, StatusById_AsksOnce) {

@@ -228,11 +228,15 @@ TEST_F(GuestSet, NamesThatAreNobodysOrSeverals_SendNothing) {
 }
 
 TEST_F(GuestSet, UnknownUsersAndGroups_SendNothing) {
-  WriteFile(folder_.File("accounts.json"), R"({"version":1,"groups":[],"users":[]})");
+  // With a store, so that the names are looked for.
+  std::filesystem::create_directory(folder_.File("data"));
+  ASSERT_EQ(
+      Run({"user", "add", "somebody", "--password-stdin", "--data", folder_.File("data")}, "good password\n").exit_code,
+      0);
   const ApiHost host(AllWell());
   for (const char* who : {"user:nobody-of-this-name", "group:nobody-of-this-name"}) {
     for (const std::vector<std::string>& where :
-         {std::vector<std::string>{"--accounts", folder_.File("accounts.json")}, {"--system"}}) {
+         {std::vector<std::string>{"--data", folder_.File("data")}, {"--system"}}) {
       std::vector<std::string> words{"web-1", "vcpu_num=1", "--allow", who};
       words.insert(words.end(), where.begin(), where.end());
       const auto result = RunOn(host, words);

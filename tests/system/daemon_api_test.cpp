@@ -7,7 +7,7 @@
 #include <regex>
 #include <thread>
 
-#include "host/base/account_file.h"
+#include "host/cluster/account_store.h"
 #include "tests/support/process.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_daemon.h"
@@ -164,9 +164,7 @@ TEST_F(DaemonApi, PermissionMatrix_OverTheUnixSocket) {
     daemon_->BeOnUnixSocket(role.name);
     CheckRole(daemon_->Unix(), role, access_by_path);
   }
-  const auto accounts = vexa::base::AccountFile::Open(daemon_->config().account_file);
-  ASSERT_TRUE(accounts.ok());
-  ASSERT_TRUE((*accounts)->DeleteUser("me").ok());
+  ASSERT_TRUE(daemon_->Accounts()->DeleteUser("me").ok());
   HttpClient client = daemon_->Unix();
   const Json::Value info = JsonBody(client.PostJson("/webapi/VEXA.Core.Session/info", ""));
   EXPECT_EQ(info["data"]["user"], "root") << "the daemon's own user";
@@ -393,18 +391,17 @@ TEST_F(DaemonApi, StaleCookie_DoesNotKeepAnybodyFromLoggingIn) {
 }
 
 TEST_F(DaemonApi, DeletedUser_LosesTheSessionAtOnce) {
-  const auto accounts = vexa::base::AccountFile::Open(daemon_->config().account_file);
-  ASSERT_TRUE(accounts.ok());
-  vexa::base::AccountFile::NewUser user;
+  const auto accounts = daemon_->Accounts();
+  vexa::cluster::AccountStore::NewUser user;
   user.name = "temporary";
   user.password = kTestPassword;
   user.groups = {"administrators"};
-  ASSERT_TRUE((*accounts)->AddUser(user).ok());
+  ASSERT_TRUE(accounts->AddUser(user).ok());
   HttpClient client = daemon_->TcpAs("temporary");
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, kGetBody)), 0);
-  ASSERT_TRUE((*accounts)->SetGroups("temporary", {}).ok());
+  ASSERT_TRUE(accounts->SetGroups("temporary", {}).ok());
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, kGetBody)), 409) << "no administrator any more";
-  ASSERT_TRUE((*accounts)->DeleteUser("temporary").ok());
+  ASSERT_TRUE(accounts->DeleteUser("temporary").ok());
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, kGetBody)), 103);
 }
 

@@ -213,7 +213,7 @@ TEST_F(GuestPowerCluster, Release_OfAGuestOfAnotherHost_IsDoneThere) {
 
 TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {
   EXPECT_EQ(Power(0, "reboot"), 905) << "now there is a connection, over which a call can hang";
-  hosts_[1]->Signal(SIGSTOP);
+  Freeze(1);
   std::thread stuck([&] { EXPECT_EQ(Power(0, "poweron"), 0) << "when it goes on, so does the call"; });
   Put("guest", kOther,
       R"({"name":"free","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"host_id":")" + IdOf(2) + "\"}");
@@ -222,14 +222,14 @@ TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {
             0);
   EXPECT_EQ(Stored({"dash", "guest", kOther, "state"}), json::ToText(states::running));
   EXPECT_EQ(State(), "");
-  hosts_[1]->Signal(SIGCONT);
+  Thaw(1);
   stuck.join();
   ExpectState(states::running);
 }
 
 TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
   EXPECT_EQ(Power(0, "reboot"), 905);
-  hosts_[1]->Signal(SIGSTOP);
+  Freeze(1);
   std::atomic<int> code = 0;
   std::thread stuck([&] { code = Power(0, "poweron"); });
   // Until the call has left; nobody tells.
@@ -240,7 +240,7 @@ TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
   EXPECT_EQ(status->code, 0) << hosts_[0]->errors();
   stuck.join();
   EXPECT_EQ(code, 902) << "who asked is told";
-  hosts_[1]->Signal(SIGCONT);
+  Thaw(1);
 }
 
 }  // namespace

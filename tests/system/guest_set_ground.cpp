@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "host/base/account_file.h"
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
@@ -169,7 +168,7 @@ std::string GuestSetGround::DiskPath(const std::string& disk_id) {
 }
 
 std::uint32_t GuestSetGround::UserId(const std::string& user) {
-  return Require(Require(base::AccountFile::Open(daemon().config().account_file))->FindUser(user)).uid;
+  return Require(daemon().Accounts()->FindUser(user)).uid;
 }
 
 Json::Value GuestSetGround::NewestEntry() {

@@ -4,8 +4,12 @@
 #include <signal.h>
 
 #include <filesystem>
+#include <map>
 #include <thread>
 
+#include "host/base/account_password.h"
+#include "host/base/files.h"
+#include "host/cluster/account_store.h"
 #include "host/store/key.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
@@ -84,6 +88,23 @@ class HostGone : public TransportCluster {
     const auto value = Require(snapshot->Get(store::MakeKey(key)));
     return value ? std::string(value->text) : "";
   }
+  void ExpectCopyRefused(int host) {
+    const std::string copy = folder_.File("copy");
+    fs::create_directory(copy);
+    for (const auto& entry : fs::directory_iterator(Folder(host))) {
+      if (entry.is_socket()) continue;
+      fs::copy(entry.path(), fs::path(copy) / entry.path().filename(), fs::copy_options::recursive);
+    }
+    const std::string record = Stored({"dash", "host", IdOf(host), "object"});
+    const std::string claim = Stored({"host_claim", IdOf(host)});
+    const ProcessResult result = RunProcess({.argv = {TRANSPORT_HOST, "--data", copy, "--store", folder_.File("store"),
+                                                      "--socket", copy + "/s", "--listen", "none", "--log", "stderr"}});
+    EXPECT_NE(result.exit_code, 0);
+    EXPECT_THAT(result.errors, HasSubstr("and this data folder is a copy of its"));
+    EXPECT_EQ(Stored({"dash", "host", IdOf(host), "object"}), record) << "its address is the first one's";
+    EXPECT_EQ(Stored({"host_claim", IdOf(host)}), claim);
+    EXPECT_THAT(Stored({"run", kGuests[static_cast<std::size_t>(host)]}), HasSubstr(IdOf(host)));
+  }
   int Recover(int asked, int guest, const std::string& more) {
     return CodeOf(Call(asked, "VEXA.Virtualization.Guest/recover", GuestParameter(guest, more)));
   }
@@ -103,28 +124,14 @@ TEST_F(HostGone, KilledHost_IsShownInaccessibleWithItsGuestInTime) {
 }
 
 TEST_F(HostGone, HungHost_IsShownInaccessibleUntilItGoesOn) {
-  hosts_[2]->Signal(SIGSTOP);
+  Freeze(2);
   EXPECT_LT(AwaitShown(0, 2, "inaccessible", "inaccessible error"), 15s);
-  hosts_[2]->Signal(SIGCONT);
+  Thaw(2);
   EXPECT_LT(AwaitShown(0, 2, "running", "running healthy"), 15s);
 }
 
 TEST_F(HostGone, CopyOfAHost_IsRefusedAndChangesNothing) {
-  const std::string copy = folder_.File("copy");
-  fs::create_directory(copy);
-  for (const auto& entry : fs::directory_iterator(Folder(0))) {
-    if (!entry.is_socket())
-      fs::copy(entry.path(), fs::path(copy) / entry.path().filename(), fs::copy_options::recursive);
-  }
-  const std::string record = Stored({"dash", "host", IdOf(0), "object"});
-  const std::string claim = Stored({"host_claim", IdOf(0)});
-  const ProcessResult result = RunProcess({.argv = {TRANSPORT_HOST, "--data", copy, "--store", folder_.File("store"),
-                                                    "--socket", copy + "/s", "--listen", "none", "--log", "stderr"}});
-  EXPECT_NE(result.exit_code, 0);
-  EXPECT_THAT(result.errors, HasSubstr("and this data folder is a copy of its"));
-  EXPECT_EQ(Stored({"dash", "host", IdOf(0), "object"}), record) << "its address is the first one's";
-  EXPECT_EQ(Stored({"host_claim", IdOf(0)}), claim);
-  EXPECT_THAT(Stored({"run", kGuests[0]}), HasSubstr(IdOf(0)));
+  ExpectCopyRefused(0);
   EXPECT_EQ(Shown(1, 0), "running healthy");
   EXPECT_EQ(Power(1, 0, "reboot"), 0) << "it is reached where it was";
 }
@@ -153,6 +160,131 @@ TEST_F(HostGone, GuestOfAKilledHost_IsRecoveredAndStartsElsewhere) {
   EXPECT_THAT(log, HasSubstr("The virtual machine [web-1] has been recovered from its host, which is inaccessible."));
   EXPECT_THAT(log, HasSubstr("Failed to recover the virtual machine [web-1] from its host, which is inaccessible."));
   EXPECT_THAT(log, HasSubstr("has been removed from the cluster."));
+}
+
+// Accounts that were made on each host by itself, with the same ids.
+class ThreeHosts : public HostGone {
+ protected:
+  void Prepare(int host) override {
+    if (host > 1) return;
+    const std::string user = host == 0 ? "alice" : "bob";
+    const std::string text =
+        R"({"version":1,"groups":[{"name":"administrators","gid":1900000000},{"name":"users","gid":1900000001}],"users":[
+           {"name":")" +
+        user + R"(","uid":1900000002,"gid":1900000001,"password":")" + Require(base::HashPassword(kPassword)) +
+        R"(","groups":[]}]})";
+    Require(WriteFileAtomically(Folder(host) + "/accounts.json", text, 0600));
+  }
+  void SetUp() override {
+    HostGone::SetUp();
+    if (HasFatalFailure()) return;
+    const cluster::AccountStore accounts(std::shared_ptr<store::Store>(&database(), [](store::Store*) {}));
+    const std::uint32_t alice = Require(accounts.FindUser("alice")).uid;
+    const std::uint32_t bob = Require(accounts.FindUser("bob")).uid;
+    EXPECT_NE(alice, bob);
+    PutGrants(alice, {kGuests[0]});
+    PutGrants(bob, {kGuests[1], kGuests[2]});
+    for (const char* user : {"alice", "bob"}) tokens_[user] = Login(0, user);
+    tokens_["root"] = "";
+  }
+  void PutGrants(std::uint32_t uid, const std::vector<std::string>& guests) {
+    Json::Value record(Json::objectValue);
+    record["authlevel"] = "user";
+    for (const std::string& guest : guests) record["guests"][guest] = true;
+    Put("guest_admin", "users-" + std::to_string(uid), json::ToText(record));
+  }
+  std::string Login(int host, const std::string& user) {
+    const Json::Value reply = Call(host, "VEXA.Core.Session/login",
+                                   R"({"user":")" + user + R"(","password":")" + std::string(kPassword) + "\"}");
+    const std::string token = json::String(json::Member(json::Member(reply, "data"), "token"));
+    EXPECT_NE(token, "") << json::ToText(reply);
+    return token;
+  }
+  // The guests in the user's list on the first host: "running healthy|-|inaccessible error", "-" for one that is not
+  // in it. No list waits for a host.
+  std::string Listed(const std::string& user) {
+    const auto begin = Clock::now();
+    const Json::Value reply = Call(0, "VEXA.Virtualization.Guest/list", "{}", tokens_[user]);
+    EXPECT_LT(Clock::now() - begin, 2s) << "1 s by the promise, and a busy machine";
+    std::map<std::string, std::string> shown;
+    for (const Json::Value& guest : json::Elements(json::Member(json::Member(reply, "data"), "guests"))) {
+      shown[json::String(json::Member(guest, "guest_id"))] =
+          json::String(json::Member(guest, "status")) + " " + json::String(json::Member(guest, "status_type"));
+      EXPECT_LE(json::Int(json::Member(guest, "age_s")), 25) << json::ToText(guest);
+    }
+    std::string text;
+    for (const char* guest : kGuests) {
+      text += (text.empty() ? "" : "|") + (shown.contains(guest) ? shown[guest] : std::string("-"));
+    }
+    return text;
+  }
+  int Reboot(const std::string& user, int guest) {
+    return CodeOf(Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl", GuestParameter(guest, R"(,"action":"reboot")"),
+                       tokens_[user]));
+  }
+
+  static constexpr const char* kPassword = "correct horse";
+  std::map<std::string, std::string> tokens_;
+};
+
+struct UserRow {
+  const char* moment;
+  const char* user;
+  const char* listed;
+  int reboot_first;   // the code of rebooting the first host's guest
+  int reboot_second;  // and the second host's
+};
+
+TEST_F(ThreeHosts, KilledHungAndCloned_EachUserSeesAndMayDoWhatIsSo) {
+  const UserRow rows[] = {
+      {"all is well", "root", "running healthy|running healthy|running healthy", 0, 0},
+      {"all is well", "alice", "running healthy|-|-", 0, 409},
+      {"all is well", "bob", "-|running healthy|running healthy", 409, 0},
+      {"15 s later", "root", "running healthy|inaccessible error|inaccessible error", 0, 905},
+      {"15 s later", "alice", "running healthy|-|-", 0, 409},
+      {"15 s later", "bob", "-|inaccessible error|inaccessible error", 409, 905},
+      {"recovered", "root", "running healthy|running healthy|inaccessible error", 0, 0},
+      {"recovered", "alice", "running healthy|-|-", 0, 409},
+      {"recovered", "bob", "-|running healthy|inaccessible error", 409, 0},
+      {"goes on", "root", "running healthy|running healthy|running healthy", 0, 0},
+      {"goes on", "alice", "running healthy|-|-", 0, 409},
+      {"goes on", "bob", "-|running healthy|running healthy", 409, 0},
+  };
+  const auto expect = [&](const std::string& moment) {
+    for (const UserRow& row : rows) {
+      if (moment != row.moment) continue;
+      EXPECT_EQ(Listed(row.user), row.listed) << moment << ", " << row.user;
+      EXPECT_EQ(Reboot(row.user, 0), row.reboot_first) << moment << ", " << row.user;
+      EXPECT_EQ(Reboot(row.user, 1), row.reboot_second) << moment << ", " << row.user;
+    }
+  };
+  // The second host's guest can be started elsewhere.
+  Put("guest", kGuests[1],
+      R"({"name":"web-1","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"repository_id":")" +
+          std::string(kRepositories[0]) + R"(","host_id":")" + IdOf(1) + "\"}");
+  expect("all is well");
+  hosts_[1]->Signal(SIGKILL);
+  Freeze(2);
+  const auto begin = Clock::now();
+  ExpectCopyRefused(0);
+  // Second by second: each guest is as it was until it is shown inaccessible, and then stays so.
+  std::string before = "running healthy|running healthy|running healthy";
+  for (auto now = begin; now - begin < 15s; now = Clock::now()) {
+    const std::string listed = Listed("root");
+    EXPECT_THAT(listed, testing::StartsWith("running healthy|"));
+    EXPECT_TRUE(before.find("inaccessible") == std::string::npos || listed.find("running healthy|running") != 0 ||
+                before.find("|inaccessible error|running") == std::string::npos)
+        << before << " became " << listed;
+    before = listed;
+    std::this_thread::sleep_for(1s);
+  }
+  expect("15 s later");
+  EXPECT_EQ(Recover(0, 1, R"(,"machine_is_off":true,"host_id":")" + IdOf(0) + "\""), 0);
+  EXPECT_EQ(Power(0, 1, "poweron"), 0);
+  expect("recovered");
+  Thaw(2);
+  AwaitShown(0, 2, "running", "running healthy");
+  expect("goes on");
 }
 
 }  // namespace

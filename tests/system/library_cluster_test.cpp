@@ -79,6 +79,11 @@ TEST_F(LibraryCluster, Figures_AreTheMachines) {
     EXPECT_THAT(answer["out"]["memory"]["memory_size"].asUInt64(), Gt(100'000u)) << "KiB";
     EXPECT_TRUE(answer["out"]["network"].isArray());
   });
+  // Without naming what is wanted it was the memory alone.
+  ForEveryHost("GetSysUtilization", Json::Value(), [](const Json::Value& answer) {
+    EXPECT_EQ(answer["result"], Json::Value(true));
+    for (const char* part : {"cpu", "memory", "network"}) EXPECT_FALSE(answer["out"][part].empty()) << part;
+  });
   ForEveryHost("GetSysInfo", Json::Value(), [](const Json::Value& answer) {
     EXPECT_EQ(answer["result"], Json::Value(true));
     EXPECT_THAT(answer["out"]["cpu"]["cores"].asInt(), Gt(0));

@@ -45,7 +45,6 @@ class QemuDaemon : public testing::Test {
     ground_ = std::make_unique<QemuGround>();
     config_.data_directory = ground_->folder() + "/data";
     config_.store_directory = config_.data_directory + "/store";
-    config_.account_file = config_.data_directory + "/accounts.json";
     config_.socket = ground_->folder() + "/s";
     config_.listen.clear();
     config_.hypervisor = "embed";

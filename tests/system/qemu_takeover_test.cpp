@@ -2,6 +2,7 @@
 // there still runs.
 #include <signal.h>
 
+#include <future>
 #include <thread>
 
 #include "tests/support/qemu_host_test.h"
@@ -49,6 +50,16 @@ class QemuTakeover : public testing::Test {
     first_.reset();
     second_.reset();
     ground_.reset();
+  }
+
+  // Stops the first host where it is not in the middle of a commit, which would keep the other from its own.
+  void Freeze() const {
+    while (true) {
+      ::kill(first_->pid(), SIGSTOP);
+      auto commit = std::async(std::launch::async, [this] { second_->Put("test", "freeze", Json::Value(true)); });
+      if (commit.wait_for(1s) == std::future_status::ready) return;
+      ::kill(first_->pid(), SIGCONT);
+    }
   }
 
   std::string Shown() const {
@@ -105,7 +116,7 @@ class QemuTakeover : public testing::Test {
 };
 
 TEST_F(QemuTakeover, HostThatHung_EndsTheMachineThatWasTakenFromIt) {
-  ::kill(first_->pid(), SIGSTOP);
+  Freeze();
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   ::kill(first_->pid(), SIGCONT);
   ExpectTakenOver();
@@ -121,7 +132,7 @@ TEST_F(QemuTakeover, HostThatWasKilled_EndsTheMachineThatWasTakenFromIt) {
 
 // What the host was in the middle of when it hung is not done when it goes on.
 TEST_F(QemuTakeover, CallThatHungWithItsHost_DoesNothingAfterwards) {
-  ::kill(first_->pid(), SIGSTOP);
+  Freeze();
   std::thread late([&] { (void)first_->Power(kGuest, "reboot"); });
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   ::kill(first_->pid(), SIGCONT);

@@ -2,7 +2,10 @@
 #include "host/transport/breaker.h"
 
 #include <set>
+#include <utility>
 
+#include "host/transport/method_rules.h"
+#include "host/transport/unanswered.h"
 #include "tests/system/transport_test_support.h"
 
 namespace vexa::test {
@@ -94,6 +97,96 @@ TEST(Breaker, SuccessBetweenFailures_KeepsItClosed) {
     EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo);
     breaker.Report(kHost, Permit::kGo, Outcome::kConnected, now);
   }
+}
+
+TEST(Breaker, CallThatMatters_IsNotRefusedWhileAProbeIsUnderWay) {
+  Breaker breaker;
+  const auto now = Breaker::Clock::now();
+  FailOnce(breaker, now);
+  FailOnce(breaker, now);
+  const Breaker::Attempt ordinary{Breaker::Weight::kOrdinary, {}};
+  const Breaker::Attempt must_go{Breaker::Weight::kMustGo, {}};
+  EXPECT_EQ(breaker.Enter(kHost, now, ordinary), Permit::kRefused) << "within the pause";
+  EXPECT_EQ(breaker.Enter(kHost, now, must_go), Permit::kTry);
+  const auto later = now + milliseconds(6'000);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused);
+  EXPECT_EQ(breaker.Enter(kHost, later, ordinary), Permit::kTry);
+  EXPECT_EQ(breaker.Enter(kHost, later, must_go), Permit::kTry);
+  breaker.Report(kHost, Permit::kTry, Outcome::kNotConnected, later);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused) << "the probe is still under way";
+  breaker.Report(kHost, Permit::kTry, Outcome::kConnected, later);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
+}
+
+TEST(Breaker, SignOfLifeNewerThanTheFailures_EndsThePause) {
+  const std::chrono::system_clock::time_point old{std::chrono::seconds(100)};
+  const auto fresh = old + std::chrono::seconds(3);
+  Breaker breaker;
+  const auto now = Breaker::Clock::now();
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, old}), Permit::kGo);
+    breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now, old);
+  }
+  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, old}), Permit::kRefused);
+  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, fresh}), Permit::kProbe);
+  breaker.Report(kHost, Permit::kProbe, Outcome::kNotConnected, now, fresh);
+  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, fresh}), Permit::kRefused)
+      << "the sign of life has had its call";
+}
+
+VexaDRCore::Request RequestTo(const char* api, const char* method) {
+  VexaDRCore::Request request;
+  request.setAPI(api);
+  request.setMethod(method);
+  return request;
+}
+
+TEST(MethodRules, FiguresAreShort_PowerGoesWhateverTheHostLookedLike) {
+  const milliseconds usual(30'000);
+  const auto interfaces = transport::RuleOf(RequestTo("VEXA.Core.Network.Interface", "list"), usual);
+  EXPECT_EQ(interfaces.timeout, milliseconds(3'000));
+  EXPECT_EQ(interfaces.weight, Breaker::Weight::kRefusable);
+  const auto power = transport::RuleOf(RequestTo("VEXA.CCC.Guest", "poweron"), usual);
+  EXPECT_EQ(power.timeout, usual);
+  EXPECT_EQ(power.weight, Breaker::Weight::kMustGo);
+  EXPECT_EQ(transport::RuleOf(RequestTo("VEXA.CCC.Guest", "set"), usual).weight, Breaker::Weight::kOrdinary);
+  EXPECT_EQ(transport::RuleOf(RequestTo("VEXA.Core.Network.Interface", "list"), milliseconds(5)).timeout,
+            milliseconds(5));
+}
+
+TEST(MethodRules, CompoundRequest_IsAsPatientAsItsItems) {
+  const milliseconds usual(30'000);
+  VexaDRCore::Request request = RequestTo("VEXA.Entry.Request", "request");
+  EXPECT_EQ(transport::RuleOf(request, usual).timeout, usual);
+  Json::Value items(Json::arrayValue);
+  for (const auto& [api, method] : {std::pair("VEXA.Core.System", "info"), std::pair("VEXA.Core.Web.Orla", "get")}) {
+    Json::Value& item = items.append(Json::Value(Json::objectValue));
+    item["api"] = api;
+    item["method"] = method;
+  }
+  request.addParam("compound", items);
+  EXPECT_EQ(transport::RuleOf(request, usual).timeout, milliseconds(5'000));
+  EXPECT_EQ(transport::RuleOf(request, usual).weight, Breaker::Weight::kRefusable);
+  items.append(7);
+  request.addParam("compound", items);
+  EXPECT_EQ(transport::RuleOf(request, usual).timeout, usual);
+  EXPECT_EQ(transport::RuleOf(request, usual).weight, Breaker::Weight::kOrdinary);
+}
+
+TEST(UnansweredScope, FailedReplies_AreCollectedByTheInnermostScope) {
+  const JsonHost good(R"({"success":true})");
+  const JsonHost bad(R"({"success":false,"error":{"code":403}})");
+  const InstalledTransport transport({{"good", good.address()}, {"bad", bad.address()}, {"ugly", "nowhere"}});
+  const transport::UnansweredScope outer;
+  {
+    const transport::UnansweredScope inner;
+    VexaCCC::MultiSender({"good", "bad", "ugly", "unknown"}).process(MakeRequest(5));
+    EXPECT_EQ(inner.hosts(), (std::set<std::string>{"bad", "ugly", "unknown"}));
+  }
+  EXPECT_TRUE(outer.hosts().empty());
+  (void)Sender("unknown").process(MakeRequest(5));
+  EXPECT_EQ(outer.hosts(), std::set<std::string>{"unknown"});
 }
 
 TEST(TransportBreaker, DeadHost_IsLeftAloneAndFoundAgain) {

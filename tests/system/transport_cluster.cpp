@@ -1,5 +1,9 @@
 #include "tests/system/transport_cluster.h"
 
+#include <signal.h>
+
+#include <future>
+
 #include "host/base/files.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
@@ -37,6 +41,37 @@ void TransportCluster::StartHost(const transport::TlsFiles& tls, int host) {
   const std::string data = Folder(host);
   ASSERT_TRUE(CreateDirectories(data, 0700).ok());
   ASSERT_TRUE(WriteFileAtomically(data + "/host-id", IdOf(host) + "\n", 0600).ok());
+  tls_.push_back(tls);
+  hosts_.push_back(Launch(host));
+  ASSERT_TRUE(hosts_.back()->WaitForText("READY ", seconds(60))) << hosts_.back()->errors();
+  ASSERT_TRUE(hosts_.back()->WaitForText("\n", seconds(60)));
+}
+
+void TransportCluster::Freeze(int host) {
+  Process& process = *hosts_[static_cast<std::size_t>(host)];
+  while (true) {
+    process.Signal(SIGSTOP);
+    auto commit = std::async(std::launch::async, [this] {
+      return database_->Commit({{}, {{store::MakeKey({"test", "freeze"}), "{}"}}}).ok();
+    });
+    if (commit.wait_for(seconds(1)) == std::future_status::ready) return;
+    process.Signal(SIGCONT);
+  }
+}
+
+void TransportCluster::Thaw(int host) { hosts_[static_cast<std::size_t>(host)]->Signal(SIGCONT); }
+
+void TransportCluster::Restart(int host) {
+  auto& process = hosts_[static_cast<std::size_t>(host)];
+  process = Launch(host);
+  ASSERT_TRUE(process->WaitForText("READY ", seconds(60))) << process->errors();
+  ASSERT_TRUE(process->WaitForText("\n", seconds(60)));
+}
+
+std::unique_ptr<Process> TransportCluster::Launch(int host) {
+  const std::string data = Folder(host);
+  const transport::TlsFiles& tls = tls_[static_cast<std::size_t>(host)];
+  Prepare(host);
   ProcessOptions options;
   options.argv = {TRANSPORT_HOST,
                   "--data",
@@ -59,9 +94,7 @@ void TransportCluster::StartHost(const transport::TlsFiles& tls, int host) {
                   "6",
                   "--log",
                   "stderr"};
-  hosts_.push_back(std::make_unique<Process>(options));
-  ASSERT_TRUE(hosts_.back()->WaitForText("READY ", seconds(60))) << hosts_.back()->errors();
-  ASSERT_TRUE(hosts_.back()->WaitForText("\n", seconds(60)));
+  return std::make_unique<Process>(options);
 }
 
 std::string TransportCluster::AddressOfHost(int host) const {
@@ -73,12 +106,14 @@ Json::Value TransportCluster::Ask(int host, const std::string& method, const std
   return Call(host, "VEXA.Test.Host/" + method, body);
 }
 
-Json::Value TransportCluster::Call(int host, const std::string& api_and_method, const std::string& body) {
+Json::Value TransportCluster::Call(int host, const std::string& api_and_method, const std::string& body,
+                                   const std::string& token) {
   HttpTarget target;
   target.url = "http://localhost";
   target.unix_socket = Folder(host) + "/s";
   HttpClient client(target);
   client.SetTimeout(seconds(60));
+  if (!token.empty()) client.SetHeader("Authorization", "Bearer " + token);
   const HttpReply reply = client.PostJson("/webapi/" + api_and_method, body);
   EXPECT_TRUE(reply.arrived()) << reply.transport_error;
   return Parse(reply.body);

@@ -22,6 +22,8 @@ class TransportCluster : public testing::Test {
 
   // Returns when every host serves and the database tells where.
   void SetUp() override;
+  // Called with each host's data folder made and the host not started.
+  virtual void Prepare(int /*host*/) {}
 
   // The folder of a host's data.
   std::string Folder(int host) const;
@@ -29,10 +31,18 @@ class TransportCluster : public testing::Test {
   std::string AddressOfHost(int host) const;
   store::Store& database() { return *database_; }
 
+  // Stops a host's process without ending it: it takes connections and answers nothing. Never within a commit, which
+  // would keep the other hosts from writing, since all of them share one store here.
+  void Freeze(int host);
+  void Thaw(int host);
+
+  // Starts a host that has ended again, with the same data. Returns when it serves.
+  void Restart(int host);
+
   // The reply to a method of VEXA.Test.Host, asked as an administrator.
   Json::Value Ask(int host, const std::string& method, const std::string& body);
-  // The same of any API: "VEXA.Virtualization.Guest/get".
-  Json::Value Call(int host, const std::string& api_and_method, const std::string& body);
+  // The same of any API: "VEXA.Virtualization.Guest/get"; with a token as whoever has logged in with it.
+  Json::Value Call(int host, const std::string& api_and_method, const std::string& body, const std::string& token = "");
   // The reply that `from` gets from `to`.
   Json::Value Relay(int from, int to, const std::string& method, int timeout_s = 0,
                     const std::string& parameters = "{}");
@@ -46,7 +56,9 @@ class TransportCluster : public testing::Test {
 
  private:
   void StartHost(const transport::TlsFiles& tls, int host);
+  std::unique_ptr<Process> Launch(int host);
 
+  std::vector<transport::TlsFiles> tls_;
   std::shared_ptr<store::Store> database_;
 };
 

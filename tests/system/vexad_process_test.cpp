@@ -10,7 +10,8 @@
 #include <regex>
 #include <thread>
 
-#include "host/base/account_file.h"
+#include "host/base/account_password.h"
+#include "host/base/files.h"
 #include "host/daemon/host_id.h"
 #include "tests/support/http_client.h"
 #include "tests/support/process.h"
@@ -29,13 +30,12 @@ const std::string kGetPath = "/webapi/VEXA.Virtualization.Guest/get";
 class Vexad : public testing::Test {
  protected:
   void SetUp() override {
-    const auto accounts = vexa::base::AccountFile::Open(folder_.File("accounts.json"));
-    ASSERT_TRUE(accounts.ok());
-    vexa::base::AccountFile::NewUser admin;
-    admin.name = "admin";
-    admin.password = "correct horse";
-    admin.groups = {"administrators"};
-    ASSERT_TRUE((*accounts)->AddUser(admin).ok());
+    const auto hash = vexa::base::HashPassword("correct horse");
+    ASSERT_TRUE(hash.ok());
+    const std::string accounts = R"({"version":1,"groups":[{"name":"administrators","gid":1900000000}],"users":[
+        {"name":"admin","uid":1900000001,"gid":1900000000,"password":")" +
+                                 *hash + R"(","groups":[]}]})";
+    ASSERT_TRUE(vexa::WriteFileAtomically(folder_.File("accounts.json"), accounts, 0600).ok());
   }
 
   std::vector<std::string> Arguments(const std::vector<std::string>& further = {}) const {
@@ -150,7 +150,8 @@ TEST_F(Vexad, DataFiles_AreReadableByTheirOwnerOnly) {
   const auto process = Start();
   HttpClient client = Tcp(*process);
   (void)client.PostJson("/webapi/VEXA.Core.Session/login", R"({"user":"admin","password":"correct horse"})");
-  for (const char* name : {"data/host-id", "data/sessions.json", "data/store", "data", "accounts.json"}) {
+  for (const char* name : {"data/host-id", "data/sessions.json", "data/store", "data/store/data.mdb", "data",
+                           "accounts.json.taken-over"}) {
     struct stat info {};
     ASSERT_EQ(::stat(folder_.File(name).c_str(), &info), 0) << name;
     EXPECT_EQ(info.st_mode & 077, 0u) << name;

@@ -67,6 +67,26 @@ TEST(ErrorTable, EveryRow_IsFoundAndHasAStatusAndASentence) {
   EXPECT_EQ(FindError(99999), nullptr);
 }
 
+// A line about a host's reply had the sentence that users get for the same number.
+TEST(ErrorTable, CodesBetweenHosts_HaveTheirOwnSentences) {
+  for (const ErrorRow& row : HostErrorTable()) {
+    EXPECT_EQ(FindError(row.code, Audience::kHosts), &row);
+    EXPECT_NE(FindError(row.code), &row);
+    EXPECT_GE(row.http_status, 400) << row.code;
+    EXPECT_TRUE(row.sentence.ends_with('.')) << row.code;
+  }
+  for (const int code : {901, 902, 903, 904, 910, 912, 915, 932, 944}) {
+    ASSERT_NE(FindError(code, Audience::kHosts), nullptr) << code;
+    EXPECT_NE(FindError(code, Audience::kHosts)->sentence, FindError(code)->sentence) << code;
+  }
+  EXPECT_EQ(FindError(507, Audience::kHosts), FindError(507)) << "the same between hosts as for users";
+  EXPECT_EQ(FindError(99999, Audience::kHosts), nullptr);
+  EXPECT_EQ(AudienceOf(Access::kHost), Audience::kHosts);
+  for (const Access access : {Access::kAnyone, Access::kUser, Access::kAdministrator}) {
+    EXPECT_EQ(AudienceOf(access), Audience::kUsers);
+  }
+}
+
 TEST(ErrorTable, HandlerCodes_HaveTheirStatus) {
   const std::pair<int, int> rows[] = {{401, 400}, {403, 404}, {406, 409}, {407, 409}, {409, 403}, {413, 500},
                                       {415, 409}, {507, 404}, {901, 500}, {902, 500}, {912, 409}, {959, 503}};
@@ -87,11 +107,14 @@ TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
 
 TEST(ErrorTable, RefusalsOfHosts_AreAllThere) {
   using namespace vexa::guests;  // NOLINT: all of its codes
-  for (const int code : {kUnreadable, kFailed, kRunsAlready, kNotRunning, kElsewhere, kBusy, kNoNetwork, kNoVcpu,
-                         kNoMemory, kRemoteNotVirtio, kNoCpuThreads, kRemoteEfi, kUnavailable, kIncompatibleCpu,
-                         kBadEdit, kTooManyDisks, kNameTaken, kBadNic, kBadDisk, kNoImage, kBadUsb, kNoUsbPort,
-                         kSuspended, kNotPinned}) {
+  for (const int code : {kUnreadable,  kFailed,          kRunsAlready, kNotRunning,      kElsewhere,    kBusy,
+                         kNoNetwork,   kNoVcpu,          kNoMemory,    kRemoteNotVirtio, kNoCpuThreads, kRemoteEfi,
+                         kUnavailable, kIncompatibleCpu, kBadEdit,     kTooManyDisks,    kNameTaken,    kBadNic,
+                         kBadDisk,     kNoImage,         kBadUsb,      kNoUsbPort,       kSuspended,    kNotPinned}) {
     EXPECT_NE(FindError(code), nullptr) << code;
+    const ErrorRow* const row = FindError(code, Audience::kHosts);
+    ASSERT_NE(row, nullptr) << code;
+    EXPECT_NE(row, FindError(code)) << code << " has no sentence for hosts";
   }
 }
 

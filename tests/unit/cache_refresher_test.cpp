@@ -108,6 +108,44 @@ TEST_F(Refresher, RequestsWhileOneRuns_AreMergedAndHeldByNothing) {
   EXPECT_EQ(refreshes_.begun, 1);
 }
 
+TEST_F(Refresher, CacheWithAVersion_IsKeptFreshWhileItIsRead) {
+  std::atomic<std::uint64_t> version = 1;
+  cluster::CacheRefresherOptions options;
+  options.look_every = milliseconds(5);
+  options.refresh_after = std::chrono::hours(1);
+  options.keep_for = milliseconds(500);
+  auto refresher = std::make_unique<cluster::CacheRefresher>(options);
+  refresher->Add(
+      "test", "counting", [this] { return std::make_unique<CountingCache>(refreshes_, valid_s_); },
+      [&version] { return version.load(); });
+  cluster::InstallCacheRefresher(std::move(refresher));
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(Soon([&] { return Read() == 1; }));
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(refreshes_.begun, 1) << "nothing has changed";
+  Read();
+  version = 2;
+  EXPECT_TRUE(Soon([&] { return refreshes_.begun == 2; })) << "although the value is current by its age";
+  std::this_thread::sleep_for(milliseconds(700));
+  version = 3;
+  std::this_thread::sleep_for(milliseconds(100));
+  EXPECT_EQ(refreshes_.begun, 2) << "nobody reads it any more";
+  EXPECT_EQ(Read(), 2);
+  EXPECT_TRUE(Soon([&] { return refreshes_.begun == 3; }));
+}
+
+TEST_F(Refresher, CacheWithAVersion_IsRefreshedByItsAge) {
+  cluster::CacheRefresherOptions options;
+  options.look_every = milliseconds(5);
+  options.refresh_after = milliseconds(30);
+  auto refresher = std::make_unique<cluster::CacheRefresher>(options);
+  refresher->Add(
+      "test", "counting", [this] { return std::make_unique<CountingCache>(refreshes_, valid_s_); }, [] { return 7; });
+  cluster::InstallCacheRefresher(std::move(refresher));
+  Read();
+  EXPECT_TRUE(Soon([&] { return refreshes_.begun >= 4; }));
+}
+
 TEST_F(Refresher, Removal_WaitsForTheRunningRefresh) {
   refreshes_.during = [this](int, Json::Value&) {
     std::this_thread::sleep_for(milliseconds(100));

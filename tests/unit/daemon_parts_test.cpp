@@ -44,6 +44,7 @@ TEST(Config, NoFlags_ListensOnLoopbackOnly) {
   EXPECT_EQ((*listeners)[0].path, "/run/vexad/vexad.sock");
   EXPECT_EQ((*listeners)[1].address, "127.0.0.1");
   EXPECT_EQ((*listeners)[1].port, 8642);
+  EXPECT_EQ(command.config.accounts, "store");
   EXPECT_EQ(command.config.account_file, "/var/lib/vexa/accounts.json");
 }
 
@@ -143,6 +144,25 @@ TEST(Config, GuestsFolders_AreAbsolute) {
     EXPECT_FALSE(CheckConfig(Parse(flags).config).ok()) << flags[0];
   }
   EXPECT_EQ(Parse({"--vcpus-per-cpu", "0"}).action, CommandLine::Action::kExit);
+}
+
+TEST(Config, LimitsOfRepositories_AreReadAndWarnBeforeTheyAreFull) {
+  const Config defaults = Parse({}).config;
+  EXPECT_EQ(defaults.repository_warning, 90u);
+  EXPECT_EQ(defaults.repository_full, 98u);
+  EXPECT_EQ(defaults.repository_headroom, 100u);
+  Config config = Parse({"--repository-warning", "70", "--repository-full", "80", "--repository-headroom", "0"}).config;
+  EXPECT_EQ(config.repository_warning, 70u);
+  EXPECT_EQ(config.repository_full, 80u);
+  EXPECT_EQ(config.repository_headroom, 0u);
+  EXPECT_TRUE(CheckConfig(config));
+  config.repository_warning = 81;
+  const auto refused = CheckConfig(config);
+  ASSERT_FALSE(refused);
+  EXPECT_NE(refused.error().ToString().find("'repository-warning' is above 'repository-full'"), std::string::npos);
+  config.repository_full = 0;
+  EXPECT_TRUE(CheckConfig(config)) << "never full";
+  EXPECT_EQ(Parse({"--repository-full", "101"}).action, CommandLine::Action::kExit);
 }
 
 TEST(Config, NothingToListenOn_IsRefused) {

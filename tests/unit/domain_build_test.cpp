@@ -282,6 +282,15 @@ TEST(DomainBuildNic, Model_IsThatOfTheType) {
   }
 }
 
+TEST(DomainBuildNic, BridgeOfAVirtualSwitch_HasItsPort) {
+  GuestRecords records = SmallGuest();
+  records.nics.emplace_back(kNicId, NicRecord("52:54:00:00:00:01", "lan"));
+  EXPECT_EQ(CountAt(MustBuild(records), "//interface/virtualport"), 0u);
+  BuildOptions options;
+  options.switch_bridges = {"lan"};
+  EXPECT_EQ(At(MustBuild(records, options), "//interface/virtualport/@type"), "openvswitch");
+}
+
 TEST(DomainBuildNic, BadValues_AreRefused) {
   const auto refusal = [](const char* member, const Json::Value& value) {
     GuestRecords records = SmallGuest();

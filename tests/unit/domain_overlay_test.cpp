@@ -323,6 +323,21 @@ TEST_P(EditedFacet, PleasesTheTestDriver) {
 INSTANTIATE_TEST_SUITE_P(Rows, EditedFacet, ::testing::ValuesIn(kFacets),
                          [](const auto& row) { return std::string(row.param.name); });
 
+// The first interface of the base is on a virtual switch, the second on a device.
+TEST(DomainOverlayNic, OtherBridge_KeepsLosesOrGetsThePortOfASwitch) {
+  const std::string base = Base("", "");
+  GuestRecords records = RecordsOfBase(base);
+  for (auto& [id, nic] : records.nics) nic["network_name"] = "br1";
+  BuildOptions options = Over(base);
+  const auto ports = [&] { return CountAt(MustBuild(records, options), "//interface/virtualport"); };
+  EXPECT_EQ(ports(), 1u) << "what the bridge is, is not known";
+  options.kernel_bridges = {"br1"};
+  EXPECT_EQ(ports(), 0u);
+  options.kernel_bridges.clear();
+  options.switch_bridges = {"br1"};
+  EXPECT_EQ(ports(), 2u);
+}
+
 TEST(DomainOverlayDisk, Added_GetsAFreePlaceAndTheBootOrder) {
   const std::string xml = Edited([](GuestRecords& records) {
     records.disks.emplace_back("new", DiskRecord("vda", 1));

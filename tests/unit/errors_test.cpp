@@ -135,8 +135,8 @@ TEST_F(Errors, MemberThatIsNoArray_IsLeftAlone) {
   }
 }
 
-TEST_F(Errors, AccumulatorOfAnyType_BecomesAnObject) {
-  for (const char* before : {"null", "5", R"("text")", R"(["5"])", "true", "{}"}) {
+TEST_F(Errors, NullAccumulator_BecomesAnObject) {
+  for (const char* before : {"null", "{}"}) {
     errors_ = Parsed(before);
     AppendError("a", 5, errors_);
     ExpectErrors(R"({"5":["a"]})");
@@ -147,13 +147,26 @@ TEST_F(Errors, AccumulatorOfAnyType_BecomesAnObject) {
   ExpectNoLine();
 }
 
+TEST_F(Errors, AccumulatorThatIsNotAnObject_IsLeftAlone) {
+  for (const char* before : {"5", "2.5", R"("text")", "[1]", R"(["5"])", "[]", "true"}) {
+    errors_ = Parsed(before);
+    AppendError("a", 5, errors_);
+    ExpectLines({"utils: AppendError used in the wrong way"});
+    AppendError("a", "x", 5, errors_);
+    ExpectLines({"utils: AppendError2 used in the wrong way"});
+    AppendError("", "", 5, errors_);
+    ExpectLines({"utils: AppendError2 used in the wrong way"});
+    ExpectErrors(before);
+  }
+}
+
 TEST_F(Errors, ElementsOfAnyType_NeverThrow) {
   Json::Value good = Parsed(R"({"5":["a",["b"],{"c":1}]})");
   ForEachSpoiled(good, [&] {
     errors_ = good;
     AppendError("a", 5, errors_);
     AppendError("a", "x", 5, errors_);
-    EXPECT_TRUE(errors_.isObject());
+    EXPECT_EQ(errors_.isObject(), good.isObject() || good.isNull());
   });
 }
 

@@ -78,7 +78,7 @@ TEST_F(GuestAdminGuest, Rules_AreChangesOfUsersAndGroups) {
 TEST_F(GuestAdminGuest, NewRecord_HasTheFormOfTheOthers) {
   ASSERT_EQ(Set({User(alice_, true)}), kFine);
   EXPECT_EQ(Parsed(Text(GuestAdminIdentifier(kUsersKind, alice_))),
-            Parsed(R"({"authlevel":"user","guests":{")" + kGuest + "\":true}}"));
+            Parsed(R"({"authlevel":"user","name":"alice","guests":{")" + kGuest + "\":true}}"));
 }
 
 TEST_F(GuestAdminGuest, UserAndGroupOfOneNumber_AreTwo) {

@@ -105,6 +105,10 @@ TEST_F(GuestRecovery, ConfirmedGuest_IsOffAndFenced) {
   EXPECT_EQ(note["incarnation"], Json::Value(8));
   EXPECT_EQ(Get(UndefineKey(kGone, kGuest)), Json::Value(true)) << "its definition would start with the machine";
   EXPECT_TRUE(Get(cluster::LiveRecordKey(kGuest)).isMember("sequences"));
+  Json::Value conf;
+  ASSERT_EQ(vgConfGet(kGuest, conf), 0);
+  EXPECT_EQ(conf["shutdownreasonvalue"], Json::Value(10));
+  EXPECT_EQ(conf["is_forced_shutdown"], Json::Value(true));
 }
 
 TEST_F(GuestRecovery, Destination_BecomesTheGuestsHost) {

@@ -198,14 +198,16 @@ TEST(Rating, RepositoryState_DecidesWhenItIsKnown) {
     guest.repository_state = state;
     return guest;
   };
-  for (const char* state : {repo::online, repo::degraded, ""}) {
+  for (const char* state : {repo::online, repo::degraded, repo::provision_warning, ""}) {
     EXPECT_THAT(Codes(in(state), MakeHost()), IsEmpty()) << state;
   }
-  for (const char* state :
-       {repo::inaccessible, repo::unavailable, repo::crashed, repo::full, repo::provision_warning, "online", "x"}) {
+  for (const char* state : {repo::inaccessible, repo::unavailable, repo::crashed, "online", "x"}) {
     EXPECT_THAT(Codes(in(state), MakeHost()), ElementsAre(kUnavailable)) << state;
     EXPECT_EQ(Reason(in(state), MakeHost()), "The repository 'r' is in the state '" + std::string(state) + "'.");
   }
+  EXPECT_THAT(Codes(in(repo::full), MakeHost()), ElementsAre(kUnavailable));
+  EXPECT_EQ(Reason(in(repo::full), MakeHost()),
+            "The repository 'r' is full: make room in it, or move disks to another repository.");
   Guest none = in(repo::crashed);
   none.repository_id = "";
   EXPECT_THAT(Codes(none, MakeHost()), IsEmpty());

@@ -265,4 +265,35 @@ TEST_F(HaWarnings, InputOfAnyType_NeverThrowsAndKeepsOneRecordPerHost) {
   });
 }
 
+// The output is the very list that is read: it never ended.
+TEST_F(HaWarnings, OutputThatIsTheInput_GetsTheRecordsOfWhatItHeld) {
+  Item(1)["ha_warn_host_rocky"] = -1;
+  Judge();
+  const Json::Value expected = hosts_;
+  std::string reason;
+  GetHAWarnReason(ha_, warn_, reason, ha_["hosts"]);
+  EXPECT_EQ(reason, reason_);
+  ASSERT_EQ(ha_["hosts"].size(), 4u);
+  for (Json::ArrayIndex i = 0; i < 2; ++i) EXPECT_EQ(Text(ha_["hosts"][2 + i]), Text(expected[i])) << i;
+}
+
+// Any other part of the input may be the output as well.
+TEST_F(HaWarnings, OutputInsideTheInput_GetsTheRecords) {
+  Item(0)["ha_warn_host_not_compatible"] = Parsed("[401,7]");
+  Judge();
+  const Json::Value expected = hosts_;
+  Json::Value& output = Item(0)["ha_warn_host_not_compatible"];
+  std::string reason;
+  GetHAWarnReason(ha_, warn_, reason, output);
+  EXPECT_EQ(reason, "ha_warn_host_not_compatible");
+  ASSERT_EQ(output.size(), 4u);
+  for (Json::ArrayIndex i = 0; i < 2; ++i) EXPECT_EQ(Text(output[2 + i]), Text(expected[i])) << i;
+  warn_ = Json::Value(Json::arrayValue);
+  GetHAWarnReason(ha_, warn_, reason, warn_);
+  EXPECT_EQ(warn_.size(), 2u);
+  Json::Value list(Json::arrayValue);
+  GetHAWarnReason(list, warn_, reason, list);
+  EXPECT_EQ(Text(list), "[]");
+}
+
 }  // namespace

@@ -43,6 +43,21 @@ TEST_F(HostQueries, UtilizationWithoutResource_SendsNull) {
   }
 }
 
+// A caller may keep one variable for what goes in and what comes out.
+TEST_F(HostQueries, ParametersThatAreTheOutput_AreReadFirst) {
+  Platform().replies["h"] = Success(R"({"result":[{"data":{"cpu":1}},{"data":{"memory":2}}]})");
+  out_ = Parsed(R"({"resource":["cpu","disk"]})");
+  EXPECT_TRUE(GetSysUtilization("h", out_, out_));
+  EXPECT_EQ(Text(out_), R"({"cpu":1,"memory":2})");
+  ExpectSent("h", kUtilizationRequest);
+  Platform().replies["h"] = Success(R"({"volume":{}})");
+  Platform().sent.clear();
+  out_ = Parsed(R"({"volume_path":"/v"})");
+  EXPECT_TRUE(GetVolumeInfo("h", out_, out_));
+  EXPECT_EQ(Text(out_), R"({"volume":{}})");
+  EXPECT_EQ(Text(Platform().sent.at(0).json["volume_path"]), R"("/v")");
+}
+
 TEST_F(HostQueries, UtilizationWithoutEntries_IsASuccessWithNullMembers) {
   const std::pair<const char*, const char*> rows[] = {
       {"{}", R"({"memory":null})"},

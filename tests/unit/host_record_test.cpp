@@ -247,6 +247,21 @@ class ChangingFacts {
   int gathered_ = 0;
 };
 
+TEST(HostPresence, HostThatWasTakenForDead_GetsTheStateBackThatItFinds) {
+  TestHost host;
+  ChangingFacts facts;
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  facts.Change([](HostFacts& all) { all.state = VexaCCC::State::Host::control_unavail; });
+  facts.Await();
+  EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::control_unavail);
+  ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());
+  facts.Await();
+  EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::control_unavail);
+  facts.Change([](HostFacts& all) { all.state = VexaCCC::State::Host::running; });
+  facts.Await();
+  EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running);
+}
+
 TEST(HostPresence, ChangedFacts_AreWritten) {
   TestHost host;
   ChangingFacts facts;

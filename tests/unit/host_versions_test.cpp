@@ -176,5 +176,29 @@ TEST_F(HostVersionStates, UnreadableDatabase_FailsWithEmptyMaps) {
   EXPECT_LT(result_, 0);
 }
 
+TEST(Version, DifferentMajorNumbers_AreIncompatible) {
+  EXPECT_FALSE(AreIncompatible({}));
+  EXPECT_FALSE(AreIncompatible({"1.0.0"}));
+  EXPECT_FALSE(AreIncompatible({"1.0.0", "1.9.9", "1.0.0"}));
+  EXPECT_TRUE(AreIncompatible({"1.0.0", "1.9.9", "2.0.0"}));
+  EXPECT_FALSE(AreIncompatible({"1.0.0", "", "2.0"})) << "what cannot be read is no version";
+}
+
+TEST_F(HostVersionStates, HostsOfDifferentMajorVersions_FreezeTheClusterUnlessGone) {
+  host_.PutText("host", "a", R"({"state":"host_running","version":"1.4.0"})");
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0);
+  host_.PutText("host", "b", R"({"state":"host_running","version":"2.0.0"})");
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1) << "no sign of life was ever stored: it is not gone";
+  PutSeen("b", R"({"time":1})");
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0) << "gone";
+  const auto now = std::chrono::duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+  PutSeen("b", "{\"time\":" + std::to_string(now) + "}");
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1);
+  host_.PutText("host", "b", R"({"state":"host_inaccessible","version":"2.0.0"})");
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0) << "it has left";
+  host_.PutText("host", "b", R"({"state":"host_running","version":"1.9.0"})");
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0);
+}
+
 }  // namespace
 }  // namespace vexa::cluster

@@ -283,6 +283,33 @@ TEST_F(TestMode, AddressesOf_GuestInAnUnknownNetwork_AreNone) {
   EXPECT_THAT(*addresses, IsEmpty());
 }
 
+TEST_F(TestMode, InterfacesOf_GuestInANetworkOfLibvirts_AreOnItsBridge) {
+  Start();
+  const auto interfaces = hypervisor_->InterfacesOf(kGuest);
+  ASSERT_TRUE(interfaces.ok()) << interfaces.failure().ToString();
+  ASSERT_EQ(interfaces->size(), 1U);
+  const GuestInterface& interface = interfaces->front();
+  EXPECT_EQ(interface.mac, "52:54:00:00:00:01");
+  EXPECT_EQ(interface.plugged_into, PluggedInto::kNetwork);
+  EXPECT_EQ(interface.network, "default");
+  EXPECT_EQ(interface.device, "virbr0");
+  EXPECT_TRUE(interface.is_link_up);
+}
+
+TEST_F(TestMode, InterfacesOf_NetworkThatIsNotKnown_SaysNoDevice) {
+  Open({}, Xml("nowhere"));
+  Start();
+  const auto interfaces = hypervisor_->InterfacesOf(kGuest);
+  ASSERT_TRUE(interfaces.ok());
+  ASSERT_EQ(interfaces->size(), 1U);
+  EXPECT_EQ(interfaces->front().network, "nowhere");
+}
+
+TEST_F(TestMode, InterfacesOf_GuestThatIsOffOrUnknown_AreRefused) {
+  EXPECT_EQ(Word(hypervisor_->InterfacesOf(kGuest)), "not_running");
+  EXPECT_EQ(Word(hypervisor_->InterfacesOf("99999999-2222-4333-8444-555555555555")), "no_such_guest");
+}
+
 TEST_F(TestMode, HasAgent_ChannelThatIsConnected_IsTrue) {
   Start();
   const auto channel = [](const std::string& name, const std::string& state) {

@@ -51,26 +51,28 @@ class LocalCallerTest : public testing::Test {
   std::promise<void> held_;
   std::promise<void> release_;
   std::atomic<int> counted_ = 0;
-  webapi::ApiTable table_{{Row("hold", webapi::Access::kHost,
-                               [this](const Call& call) {
-                                 held_.set_value();
-                                 release_.get_future().wait();
-                                 call.response->SetSuccess(Json::Value());
-                               }),
-                           Row("count", webapi::Access::kHost,
-                               [this](const Call& call) {
-                                 ++counted_;
-                                 call.response->SetSuccess(Json::Value());
-                               }),
-                           Row("origin", webapi::Access::kHost,
-                               [](const Call& call) {
-                                 Json::Value data;
-                                 data["acts_for"] = call.caller.acts_for;
-                                 data["user"] = std::string(CurrentActingUser());
-                                 data["id"] = std::string(CurrentRequestId());
-                                 call.response->SetSuccess(data);
-                               }),
-                           Row("user", webapi::Access::kUser, [this](const Call&) { ++counted_; })}};
+  webapi::ApiTable table_{
+      {Row("hold", webapi::Access::kHost,
+           [this](const Call& call) {
+             held_.set_value();
+             release_.get_future().wait();
+             call.response->SetSuccess(Json::Value());
+           }),
+       Row("count", webapi::Access::kHost,
+           [this](const Call& call) {
+             ++counted_;
+             call.response->SetSuccess(Json::Value());
+           }),
+       Row("origin", webapi::Access::kHost,
+           [](const Call& call) {
+             Json::Value data;
+             data["acts_for"] = call.caller.acts_for;
+             data["user"] = std::string(CurrentActingUser());
+             data["id"] = std::string(CurrentRequestId());
+             call.response->SetSuccess(data);
+           }),
+       Row("refuse", webapi::Access::kHost, [](const Call& call) { call.response->SetError(912, Json::Value()); }),
+       Row("user", webapi::Access::kUser, [this](const Call&) { ++counted_; })}};
   Metrics metrics_{table_};
   Lane lane_{OneThread()};
   LocalCaller caller_{{&table_, &metrics_, &lane_, "this-host"}};
@@ -127,6 +129,16 @@ TEST_F(LocalCallerTest, ScopeThatEnds_LeavesNoUserBehind) {
   }
   EXPECT_EQ(CurrentActingUser(), "");
   EXPECT_EQ(CurrentRequestId(), "");
+}
+
+// The line about it in the system log said that the guest is busy, which is what 912 means to users.
+TEST_F(LocalCallerTest, RefusalToAHost_IsInTheWordsOfHosts) {
+  VexaDRCore::Request request;
+  request.setAPI("VEXA.Test");
+  request.setMethod("refuse");
+  const Json::Value reply = caller_.Call(request, std::chrono::seconds(10));
+  EXPECT_EQ(json::String(json::Member(json::Member(reply, "error"), "message")),
+            "The guest, or its repository, belongs to another host.");
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 // The local guest configuration, and what a pass over all guests does to the cache of records.
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "host/cluster/environment_internal.h"
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
 #include "host/cluster/record_cache.h"
+#include "host/cluster/unstored_states.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -152,6 +155,27 @@ TEST_F(LocalConfig, DatabaseReportedInaccessible_CanStillBeRead) {
   EXPECT_EQ(vgConfStateGet("g", text), 0);
   EXPECT_EQ(vgConfHostGet("g", text), 0);
   EXPECT_EQ(vgConfRepoHostIdGet("g", text), 0);
+}
+
+// A guest that ends while the database is lost is not shown as running.
+TEST_F(LocalConfig, StateThatCouldNotBeStored_IsKnownWhileTheDatabaseIsLost) {
+  host_.PutText("guest", "g", R"({"host_id":"h","state":"guest_running"})");
+  host_.store().ReportHealth(store::Health::kInaccessible);
+  host_.store().FailCommits();
+  const std::string crashed = VexaCCC::State::Guest::crashed;
+  const Observation seen{crashed, {1, 1}, "h", std::chrono::system_clock::now()};
+  EXPECT_FALSE(Observe(host_.store(), "g", seen).ok());
+  std::string state;
+  EXPECT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(state, crashed);
+  host_.store().Heal();
+  EXPECT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(state, "guest_running") << "what is stored counts again";
+  ASSERT_TRUE(Observe(host_.store(), "g", seen).ok());
+  host_.store().ReportHealth(store::Health::kInaccessible);
+  EXPECT_FALSE(UnstoredState("g").has_value());
+  EXPECT_EQ(vgConfStateGet("g", state), 0);
+  EXPECT_EQ(state, crashed);
 }
 
 TEST_F(LocalConfig, FailedRead_Fails) {

@@ -4,6 +4,7 @@
 
 #include "tests/unit/spoiled_json.h"
 #include "tests/unit/state_ground.h"
+#include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
 namespace {
@@ -215,6 +216,36 @@ TEST_F(Lookups, IdByNameFails_IdStays) {
   EXPECT_EQ(GetIdByName(DashCate::Guest, "web", id), -2);
   ExpectLines({"utils: Failed to get name.", "utils: Cannot find id with name[web] in category."});
   EXPECT_EQ(id, "untouched");
+}
+
+// A caller may keep one variable for what goes in and what comes out.
+TEST_F(Lookups, OneVariableForInputAndOutput_IsReadFirst) {
+  AddGuest("g1", "web");
+  Platform().names["repository/r1"] = "disks";
+  std::string text = "g1";
+  EXPECT_TRUE(GetGuestNameById(text, text));
+  EXPECT_EQ(text, "web");
+  EXPECT_EQ(GetIdByName(DashCate::Guest, text, text), 0);
+  EXPECT_EQ(text, "g1");
+  text = "r1";
+  EXPECT_TRUE(GetRepoNameById(text, text));
+  EXPECT_EQ(text, "disks");
+  text = VexaCCC::State::Guest::running;
+  std::string type;
+  GetStateType(STATE_CATE_GUEST, text, text, type);
+  EXPECT_EQ(text + ", " + type, "running, healthy");
+  UIState shown{VexaCCC::State::Guest::shutdown, ""};
+  GetStateType(STATE_CATE_GUEST, shown.state, shown);
+  EXPECT_EQ(shown.state + ", " + shown.type, "shutdown, healthy");
+  Json::Value list = Parsed(R"([1,"x"])");
+  list = ConcatJsonArray(list, list);
+  EXPECT_EQ(Text(list), R"([1,"x",1,"x"])");
+  Json::Value same = Parsed(R"({"ha_group_id":"","ha":{}})");
+  std::string reason;
+  GetGuestHAStateType(same, same, text, type, reason);
+  EXPECT_EQ(Text(same), R"({"ha_group_id":""})");
+  GetGuestHAStateType(same, same["ha_group_id"], text, type, reason);
+  EXPECT_EQ(Text(same), R"({"ha_group_id":""})");
 }
 
 }  // namespace

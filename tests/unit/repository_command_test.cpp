@@ -101,7 +101,8 @@ TEST_F(UnavailableRepositoryTest, List_ShowsTheLiveStateAndWhatIsNotMounted) {
   ASSERT_TRUE(list && list->size() == 1);
   EXPECT_EQ((*list)[0]["state"], Json::Value("repo_unavailable"));
   EXPECT_EQ(VexaVirtualization::json::ToText((*list)[0]["storage"]),
-            R"({"folders":{"/srv/":"ino=2 fsid=1"},"not_mounted":["/srv/"],"reason":"why","since":1700000000})");
+            R"({"folders":{"/srv/":"ino=2 fsid=1"},"not_mounted":["/srv/"],"reason":"why","since":1700000000,)"
+            R"("trouble":"repo_unavailable"})");
 }
 
 TEST_F(UnavailableRepositoryTest, Accept_ForgetsTheStorageAndItsState) {

@@ -8,6 +8,8 @@
 #include <sstream>
 
 #include "host/base/files.h"
+#include "host/services/guest_parts_state.h"
+#include "host/services/host_condition.h"
 #include "host/services/host_list_api.h"
 #include "host/store/key.h"
 #include "tests/support/scripted_guests.h"
@@ -98,7 +100,7 @@ TEST_F(Services, WrongTypes_AreBadParameters) {
         EXPECT_EQ(CallRow(row, Parsed("{}")).code, 401) << name;
       }
       for (const std::string& value : values) {
-        if (parameter.type == webapi::ParameterType::kArray && value == "[]") continue;
+        if (parameter.type == webapi::ParameterType::kArray && (value == "[]" || value == "null")) continue;
         EXPECT_EQ(CallRow(row, Parsed("{\"" + name + "\":" + value + "}")).code, 401)
             << row.api << " " << name << " " << value;
         ++checked;
@@ -133,6 +135,25 @@ TEST_F(Services, Utilization_OnlyWhatIsAskedForAndReadable) {
   std::string many = "\"cpu\"";
   for (int i = 0; i < 64; ++i) many += ",\"cpu\"";
   EXPECT_EQ(Scripted("VEXA.Core.System.Utilization", "get", "{\"resource\":[" + many + "]}").code, 401);
+}
+
+// What the shared layer sends when its own caller names no resources.
+TEST_F(Services, Utilization_NullResource_MeansEverything) {
+  files_.Put("/proc/meminfo", "MemTotal: 100 kB\nMemFree: 10 kB\n");
+  for (const char* api : {"VEXA.Core.System.Utilization get", "VEXA.CCC.Cluster.Member utilization_get"}) {
+    const std::string name(api);
+    const std::size_t space = name.find(' ');
+    const auto ask = [&](const char* parameters) {
+      return Scripted(name.substr(0, space).c_str(), name.substr(space + 1).c_str(), parameters);
+    };
+    const Answer null = ask(R"({"resource":null})");
+    EXPECT_EQ(null.code, 0) << api;
+    EXPECT_EQ(null.data, ask("{}").data) << api;
+    EXPECT_TRUE(null.data.isMember("memory")) << api;
+  }
+  const Answer real = Real("VEXA.Core.System.Utilization", "get", R"({"resource":null})");
+  ASSERT_EQ(real.code, 0);
+  EXPECT_THAT(real.data.getMemberNames(), UnorderedElementsAre("cpu", "memory", "disk", "network"));
 }
 
 TEST_F(Services, Member_RealMachine) {
@@ -202,7 +223,7 @@ TEST_F(Services, Volume_HostilePaths_AreRefused) {
   EXPECT_EQ(code("/"), 403) << "above the root";
   EXPECT_EQ(code(root + "x"), 403);
   EXPECT_EQ(code(root + "/out"), 403) << "a symbolic link that leads out";
-  EXPECT_EQ(code(root + "/accounts.json"), 403) << "a file";
+  EXPECT_EQ(code(root + "/store/data.mdb"), 403) << "a file";
   EXPECT_EQ(code(root + "/missing\n%s"), 403);
 }
 
@@ -305,6 +326,38 @@ TEST_F(Services, InterfaceList_JoinsAddresses) {
   EXPECT_EQ(Scripted("VEXA.Core.Network.Interface", "list").data[0]["ip"], "");
 }
 
+// Guests' connections are looked up under the name with "ovs_" in front.
+TEST_F(Services, InterfaceList_NamesWhatGuestsAreOnAgainWithoutAddress) {
+  const std::string net = "/sys/class/net/";
+  files_.Put(net + "eth0/carrier", "1\n");
+  files_.MakeFolder(net + "eth0/device");
+  files_.MakeFolder(net + "br0/bridge");
+  files_.MakeFolder(net + "br0/lower_eth0");
+  files_.Put(net + "br0/carrier", "1\n");
+  files_.MakeFolder(net + "docker0/bridge");
+  files_.MakeFolder(net + "docker0/lower_veth0");
+  files_.Put(net + "veth0/carrier", "1\n");
+  files_.Put(net + "ovs_lan/carrier", "1\n");
+  files_.MakeFolder(net + "virbr0/bridge");
+  addresses_ = {{"br0", "192.0.2.1", "255.255.255.0", false}, {"docker0", "172.17.0.1", "255.255.0.0", false}};
+  const auto words = [this] {
+    std::vector<std::string> found;
+    for (const Json::Value& element : Scripted("VEXA.Core.Network.Interface", "list").data) {
+      found.push_back(element["ifname"].asString() + " " + element["type"].asString() + " " +
+                      element["status"].asString() + " " + element["ip"].asString());
+    }
+    return found;
+  };
+  EXPECT_THAT(words(),
+              ElementsAre("br0 bridge connected 192.0.2.1", "eth0 ethernet connected ", "ovs_lan bridge connected ",
+                          "ovs_br0 bridge connected ", "ovs_docker0 bridge connected "));
+  files_.Put(net + "eth0/carrier", "0\n");
+  files_.MakeFolder(net + "ovs_br0");
+  EXPECT_THAT(words(), ElementsAre("br0 bridge disconnected 192.0.2.1", "eth0 ethernet disconnected ",
+                                   "ovs_br0 bridge disconnected ", "ovs_lan bridge connected ",
+                                   "ovs_docker0 bridge connected "));
+}
+
 TEST_F(Services, WebService_TellsTheConfiguredPorts) {
   EXPECT_EQ(Real("VEXA.Core.Web.Orla", "get").data,
             Parsed(R"({"http_port":8642,"https_port":8643,"enable_https":true,"enable_https_redirect":false})"));
@@ -346,12 +399,36 @@ TEST_F(Services, RepositoryCheck_NeedsThisHostAndAUsableState) {
   };
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::online).c_str()), 0);
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::degraded).c_str()), 0);
+  EXPECT_EQ(check(repository(VexaCCC::State::Repo::provision_warning).c_str()), 0);
+  EXPECT_EQ(check(repository(VexaCCC::State::Repo::full).c_str()), 303);
   EXPECT_EQ(check(repository(VexaCCC::State::Repo::crashed).c_str()), 303);
   EXPECT_EQ(check(repository("").c_str()), 303);
-  EXPECT_EQ(check(R"({"host_id":"other","state":"online"})"), 304);
   EXPECT_EQ(check("[]"), 304);
   host_.Remove("repository", "r1");
   EXPECT_EQ(Real("VEXA.CCC.Guest", "check_repo_cap", kGuestParameters).data["repo_usable"], false);
+}
+
+// Numbers without a keyword were answered for everything.
+TEST_F(Services, RepositoryCheck_OfAnotherHost_HasTheCodeWhoseWordsAreTrue) {
+  host_.PutText("repository", "r1", R"({"host_id":"other","state":"online"})");
+  const auto check = [this](const char* changes) {
+    PutGuest(Parsed(changes));
+    const Answer answer = Real("VEXA.CCC.Guest", "check_repo_cap", kGuestParameters);
+    EXPECT_EQ(answer.data["repo_usable"], false);
+    EXPECT_TRUE(answer.data["reason"].asString().ends_with('.'));
+    return answer.data["failed_check"].asInt();
+  };
+  EXPECT_EQ(check("{}"), 307) << "the host has no record";
+  host_.Put("host", "other", Parsed(R"({"name":"b","state":"host_running","version":"1"})"));
+  EXPECT_EQ(check("{}"), 307) << "the host gave no sign of life";
+  Json::Value seen;
+  seen["time"] = static_cast<Json::Int64>(::time(nullptr));
+  store::Transaction sign;
+  sign.operations.push_back(
+      {store::MakeKey({"dash", "host", "other", "seen"}), VexaVirtualization::json::ToText(seen)});
+  ASSERT_TRUE(host_.store().Commit(sign).ok());
+  EXPECT_EQ(check("{}"), 304) << "the host is alive";
+  EXPECT_EQ(check(R"({"use_ovmf":true})"), 311);
 }
 
 TEST_F(Services, DiskList_TellsSizesInBytes) {
@@ -421,11 +498,66 @@ TEST_F(Services, HostList_NamesAndStates) {
   host_.PutText("host", "h1", R"({"name":"one","state":"host_running"})");
   host_.PutText("host", "h2", "damaged");
   host_.PutText("host", "h3", R"({"name":7,"state":["x"]})");
-  EXPECT_EQ(list().data, Parsed(R"({"hosts":[{"host_id":"h1","name":"one","state":"running"},
-                                             {"host_id":"h2","name":"","state":"unknown"},
-                                             {"host_id":"h3","name":"7","state":"unknown"}]})"));
+  const auto row = [](const char* id, const char* name, const char* state, const char* type) {
+    Json::Value host = Parsed(R"({"version_state":"unknown","status_of":"host","age_s":0})");
+    host["host_id"] = id;
+    host["name"] = name;
+    host["state"] = host["status"] = state;
+    host["status_type"] = type;
+    return host;
+  };
+  Json::Value expected(Json::objectValue);
+  expected["hosts"].append(row("h1", "one", "running", "healthy"));
+  expected["hosts"].append(row("h2", "", "unknown", "error"));
+  expected["hosts"].append(row("h3", "7", "unknown", "error"));
+  EXPECT_EQ(list().data, expected);
   host_.store().FailSnapshots();
   EXPECT_EQ(list().code, 403);
+}
+
+TEST_F(Services, HostList_RunningHostOfAnOlderVersion_IsShownByItsVersion) {
+  const webapi::ApiTable table(HostListRows());
+  host_.PutText("host", "h1", R"({"name":"one","state":"host_running","version":"1.2.3"})");
+  host_.PutText("host", "h2", R"({"name":"two","state":"host_running","version":"2.0.0"})");
+  host_.PutText("host", "h3", R"({"name":"three","state":"host_control_unavail","version":"1.2.3"})");
+  const Json::Value hosts = test::CallTable(table, "VEXA.Virtualization.Host", "list", "{}").data["hosts"];
+  ASSERT_EQ(hosts.size(), 3u);
+  EXPECT_EQ(hosts[0], Parsed(R"({"host_id":"h1","name":"one","state":"running","version_state":"upgrade_required",
+                                 "status_of":"version","status":"upgrade_required","status_type":"warning","age_s":0})"));
+  EXPECT_EQ(hosts[1], Parsed(R"({"host_id":"h2","name":"two","state":"running","version_state":"version_matched",
+                                 "status_of":"host","status":"running","status_type":"healthy","age_s":0})"));
+  EXPECT_EQ(hosts[2], Parsed(R"({"host_id":"h3","name":"three","state":"control_unavail",
+                                 "version_state":"upgrade_required","status_of":"host","status":"control_unavail",
+                                 "status_type":"error","age_s":0})"));
+}
+
+TEST_F(Services, HostCondition_IsTheWorstOfWhatIsKnown) {
+  namespace states = VexaCCC::State::Host;
+  test::ScriptedGuests guests;
+  bool has_trouble = false;
+  const auto condition = [&] { return HostConditionOf({&guests, [&] { return has_trouble; }}); };
+  EXPECT_EQ(HostConditionOf({}), states::running);
+  EXPECT_EQ(HostConditionOf({&guests, {}}), states::running);
+  EXPECT_EQ(condition(), states::running);
+  has_trouble = true;
+  EXPECT_EQ(condition(), states::network_warn);
+  guests.is_controllable = false;
+  EXPECT_EQ(condition(), states::control_unavail);
+  has_trouble = false;
+  EXPECT_EQ(condition(), states::control_unavail);
+}
+
+TEST_F(Services, DiskStates_AreAsUsersSeeThem) {
+  host_.PutText("repository", "r1", R"({"name":"pool","state":"repo_online"})");
+  host_.PutText("repository", "r2", R"({"name":"away","state":"repo_inaccessible"})");
+  host_.PutText("vdisk", "d1", R"({"name":"boot","repository_id":"r1"})");
+  host_.PutText("vdisk", "d2", R"({"repository_id":"r2","state":"vdisk_online"})");
+  host_.PutText("vdisk", "d3", R"({"state":"vdisk_crashed"})");
+  EXPECT_EQ(DiskStatesOf(Parsed(R"({"repository_id":"r1","vdisks":["d1","d2","d3","d4"]})")),
+            Parsed(R"([{"vdisk_id":"d1","name":"boot","status":"online","status_type":"healthy"},
+                       {"vdisk_id":"d2","name":"","status":"missing","status_type":"error"},
+                       {"vdisk_id":"d3","name":"","status":"crashed","status_type":"error"},
+                       {"vdisk_id":"d4","name":"","status":"missing","status_type":"error"}])"));
 }
 
 }  // namespace

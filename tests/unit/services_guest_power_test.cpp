@@ -56,6 +56,27 @@ TEST_F(GuestPowerRowsTest, PowerOffForHighAvailability_Fences) {
               ElementsAre(std::string("fence ") + kGuest + " //", std::string("poweroff ") + kGuest + " /h/"));
 }
 
+// What is done could not be stored. A guest must be ended all the same when high availability says so.
+TEST_F(GuestPowerRowsTest, LostDatabase_RefusesAllButFencing) {
+  ServiceParts parts;
+  parts.guests = &guests_;
+  parts.store = cluster::CurrentEnvironment()->store;
+  const std::vector<webapi::ApiRow> rows = GuestPowerRows(parts);
+  host_.store().ReportHealth(store::Health::kInaccessible);
+  const Json::Value parameters = Parsed(std::string(R"({"host_id":"x","guest_id":")") + kGuest + "\"}");
+  for (const webapi::ApiRow& row : rows) {
+    const Answer answer = test::CallRow(row, parameters);
+    EXPECT_EQ(answer.code, 949) << row.method;
+    EXPECT_EQ(answer.data, Json::Value(webapi::kDatabaseLost)) << row.method;
+  }
+  EXPECT_THAT(guests_.asked(), ElementsAre());
+  const std::string fence = std::string(R"({"reason":20,"guest_id":")") + kGuest + "\"}";
+  EXPECT_EQ(test::CallTable(webapi::ApiTable(rows), "VEXA.CCC.Guest", "poweroff", fence).code, 0);
+  EXPECT_THAT(guests_.asked(), ElementsAre(std::string("fence ") + kGuest + " //"));
+  host_.store().ReportHealth(store::Health::kReadOnly);
+  EXPECT_EQ(test::CallRow(rows.front(), parameters).code, 0) << "the store itself refuses what it cannot write";
+}
+
 TEST_F(GuestPowerRowsTest, HostSet_NeedsAHost) {
   const std::string id = std::string(R"({"guest_id":")") + kGuest + "\"";
   EXPECT_EQ(Call("hostset", id + R"(,"host_id":"host-2"})").code, 0);

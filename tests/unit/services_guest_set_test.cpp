@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/services/guest_set_api.h"
+#include "host/webapi/error_table.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/services_fixture.h"
@@ -44,6 +45,17 @@ TEST_F(GuestSetRowTest, Refusals_HaveTheirReason_AndPinsTheirObject) {
   guests_.refused = guests::Refusal{2101, "no processors"};
   EXPECT_EQ(Call().code, 2101);
   EXPECT_EQ(Call().data, Parsed(R"({"pin_reserved":false})"));
+}
+
+TEST_F(GuestSetRowTest, LostDatabase_IsARefusalThatSaysSo) {
+  ServiceParts parts;
+  parts.guests = &guests_;
+  parts.store = cluster::CurrentEnvironment()->store;
+  host_.store().ReportHealth(store::Health::kInaccessible);
+  const Answer answer = test::CallTable(webapi::ApiTable(GuestSetRows(parts)), "VEXA.CCC.Guest", "set", kParameters);
+  EXPECT_EQ(answer.code, 949);
+  EXPECT_EQ(answer.data, Json::Value(webapi::kDatabaseLost));
+  EXPECT_TRUE(guests_.asked().empty());
 }
 
 TEST_F(GuestSetRowTest, WithoutAGuestIdOrGuests_IsRefused) {

@@ -75,7 +75,7 @@ TEST_F(HostApi, HostThatAnswers_IsShownWhole) {
   const Answer answer = Get("{}");
   ASSERT_EQ(answer.code, 0);
   EXPECT_EQ(answer.data,
-            Parsed(std::string(R"({"host_id":")") + kHost + R"(","name":"one","state":"running","ram_size":7,
+            Parsed(std::string(R"({"host_id":")") + kHost + R"(","name":"one","state":"running","age_s":0,"ram_size":7,
       "system":{"version":"system"},"utilization":{"asked_for":["cpu","disk","network"]},
       "resources":{"with_usage":true},"interfaces":[{"host_id":")" +
                    kHost + R"(","ifname":"eth0"}]})"));
@@ -86,7 +86,7 @@ TEST_F(HostApi, HostThatDoesNotAnswer_IsItsRecord) {
   host_.PutText("host", kHost, R"({"name":"one","state":"host_inaccessible"})");
   const Answer answer = Get(std::string("{\"host_id\":\"") + kHost + "\"}");
   EXPECT_EQ(answer.data, Parsed(std::string(R"({"host_id":")") + kHost +
-                                R"(","name":"one","state":"inaccessible","interfaces":[]})"));
+                                R"(","name":"one","state":"inaccessible","age_s":0,"interfaces":[]})"));
 }
 
 TEST_F(HostApi, UnknownAndHostileIds) {

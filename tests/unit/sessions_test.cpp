@@ -23,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::int64_t kStart = 1'800'000'000;
+constexpr std::uint32_t kUid = 1'900'000'002;
 
 class SessionsTest : public testing::Test {
  protected:
@@ -36,9 +37,15 @@ class SessionsTest : public testing::Test {
     return opened.ok() ? std::move(opened).value() : nullptr;
   }
   static NewSession Create(SessionTable& table, const std::string& user) {
-    auto created = table.Create(user);
+    auto created = table.Create({user, kUid});
     EXPECT_TRUE(created.ok()) << created.error().ToString();
     return created.ok() ? *created : NewSession{};
+  }
+  static std::string UserOf(SessionTable& table, const std::string& token) {
+    const auto found = table.Find(token);
+    if (!found) return "none";
+    EXPECT_EQ(found->uid, kUid);
+    return found->name;
   }
   std::string Text() const {
     auto text = ReadFile(path(), 1 << 24);
@@ -90,8 +97,8 @@ TEST_F(SessionsTest, Create_ThenFind_GivesTheUser) {
   EXPECT_TRUE(IsTokenShaped(alice.token));
   EXPECT_TRUE(IsTokenShaped(alice.csrf_token));
   EXPECT_EQ((std::set<std::string>{alice.token, alice.csrf_token, bob.token, bob.csrf_token}).size(), 4u);
-  EXPECT_EQ(table->Find(alice.token), "alice");
-  EXPECT_EQ(table->Find(bob.token), "DOM\\bob");
+  EXPECT_EQ(UserOf(*table, alice.token), "alice");
+  EXPECT_EQ(UserOf(*table, bob.token), "DOM\\bob");
   EXPECT_EQ(table->size(), 2u);
 }
 
@@ -107,7 +114,7 @@ TEST_F(SessionsTest, Find_UnknownOrMalformed_IsEmpty) {
     EXPECT_FALSE(table->CheckCsrf(token, alice.csrf_token));
     EXPECT_FALSE(token != alice.csrf_token && table->CheckCsrf(alice.token, token));
   }
-  EXPECT_EQ(table->Find(alice.token), "alice");
+  EXPECT_EQ(UserOf(*table, alice.token), "alice");
 }
 
 TEST_F(SessionsTest, CheckCsrf_OwnAndAnothers_AreToldApart) {
@@ -134,7 +141,7 @@ TEST_F(SessionsTest, Create_ImpossibleUser_IsInvalid) {
   const auto table = Open();
   for (const std::string& user : {std::string(), std::string("a b"), std::string("a\"b"), std::string("a\n"),
                                   std::string("a\0", 2), std::string(65, 'a'), std::string("\xFF")}) {
-    EXPECT_EQ(table->Create(user).error().code(), ErrorCode::kInvalid);
+    EXPECT_EQ(table->Create({user, kUid}).error().code(), ErrorCode::kInvalid);
   }
   EXPECT_EQ(table->size(), 0u);
 }
@@ -148,7 +155,7 @@ TEST_F(SessionsTest, End_LiveSession_IsGoneForGood) {
   EXPECT_FALSE(table->Find(alice.token));
   const auto reopened = Open();
   EXPECT_FALSE(reopened->Find(alice.token));
-  EXPECT_EQ(reopened->Find(other.token), "alice");
+  EXPECT_EQ(UserOf(*reopened, other.token), "alice");
 }
 
 TEST_F(SessionsTest, EndAllOf_User_LeavesOthers) {
@@ -160,7 +167,7 @@ TEST_F(SessionsTest, EndAllOf_User_LeavesOthers) {
   EXPECT_EQ(table->EndAllOf("alice"), 0u);
   for (const NewSession& session : own) EXPECT_FALSE(table->Find(session.token));
   EXPECT_EQ(Open()->size(), 1u);
-  EXPECT_EQ(table->Find(bob.token), "bob");
+  EXPECT_EQ(UserOf(*table, bob.token), "bob");
 }
 
 TEST_F(SessionsTest, Reopen_WithoutASweep_KeepsSessions) {
@@ -173,8 +180,8 @@ TEST_F(SessionsTest, Reopen_WithoutASweep_KeepsSessions) {
   }
   const auto table = Open();
   EXPECT_EQ(table->size(), 2u);
-  EXPECT_EQ(table->Find(alice.token), "alice");
-  EXPECT_EQ(table->Find(bob.token), "DOM\\bob");
+  EXPECT_EQ(UserOf(*table, alice.token), "alice");
+  EXPECT_EQ(UserOf(*table, bob.token), "DOM\\bob");
   EXPECT_TRUE(table->CheckCsrf(alice.token, alice.csrf_token));
   EXPECT_FALSE(table->CheckCsrf(alice.token, bob.csrf_token));
 }
@@ -233,7 +240,7 @@ TEST_F(SessionsTest, Sweep_AfterUses_WritesThemOnceAndDropsTheExpired) {
   EXPECT_EQ(table->size(), 1u);
   EXPECT_EQ(InFile(), 1u);
   now_ += options_.idle.count() - 120;
-  EXPECT_EQ(Open()->Find(alice.token), "alice") << "the last use counts after a restart";
+  EXPECT_EQ(UserOf(*Open(), alice.token), "alice") << "the last use counts after a restart";
 }
 
 TEST_F(SessionsTest, Sweep_NothingHappened_WritesNothing) {
@@ -291,14 +298,14 @@ TEST_F(SessionsTest, Create_TableFull_IsBusyUntilOneEndsOrExpires) {
   const NewSession alice = Create(*table, "alice");
   Create(*table, "alice");
   Create(*table, "bob");
-  EXPECT_EQ(table->Create("carol").error().code(), ErrorCode::kBusy);
-  EXPECT_EQ(table->Create("bob").error().code(), ErrorCode::kBusy);
+  EXPECT_EQ(table->Create({"carol", kUid}).error().code(), ErrorCode::kBusy);
+  EXPECT_EQ(table->Create({"bob", kUid}).error().code(), ErrorCode::kBusy);
   Create(*table, "alice");  // in the place of an older one
   EXPECT_EQ(table->size(), 3u);
   EXPECT_FALSE(table->Find(alice.token));
   EXPECT_EQ(table->EndAllOf("bob"), 1u);
   Create(*table, "carol");
-  EXPECT_EQ(table->Create("dave").error().code(), ErrorCode::kBusy);
+  EXPECT_EQ(table->Create({"dave", kUid}).error().code(), ErrorCode::kBusy);
   now_ += options_.idle.count();
   Create(*table, "dave");
   EXPECT_EQ(table->size(), 1u);
@@ -312,9 +319,9 @@ TEST_F(SessionsTest, Clock_JumpsBack_NeitherEndsNorRevives) {
   const NewSession live = Create(*table, "bob");
   now_ = kStart + 10;
   EXPECT_FALSE(table->Find(expired.token)) << "what was expired stays so";
-  EXPECT_EQ(table->Find(live.token), "bob");
+  EXPECT_EQ(UserOf(*table, live.token), "bob");
   now_ = kStart + options_.idle.count() + 10;
-  EXPECT_EQ(table->Find(live.token), "bob");
+  EXPECT_EQ(UserOf(*table, live.token), "bob");
 }
 
 TEST_F(SessionsTest, Clock_WasFarAhead_GivesNoEndlessSession) {
@@ -350,8 +357,8 @@ TEST_F(SessionsTest, Create_FileCannotBeWritten_IsAnErrorAndNoSession) {
   const NewSession first = Create(*table, "alice");
   const NewSession second = Create(*table, "alice");
   BreakWriting();
-  EXPECT_FALSE(table->Create("alice").ok());
-  EXPECT_FALSE(table->Create("bob").ok());
+  EXPECT_FALSE(table->Create({"alice", kUid}).ok());
+  EXPECT_FALSE(table->Create({"bob", kUid}).ok());
   EXPECT_EQ(table->size(), 2u);
   EXPECT_TRUE(table->Find(first.token)) << "the one it would have replaced lives on";
   EXPECT_TRUE(table->Find(second.token));
@@ -395,7 +402,7 @@ TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
   const std::string hash(43, 'A');
   const std::string other = std::string(42, 'B') + "A";
   const std::string good = R"({"hash":")" + hash + R"(","csrf_hash":")" + other +
-                           R"(","user":"alice","created":1800000000,"last_used":1800000000})";
+                           R"(","user":"alice","uid":1026,"created":1800000000,"last_used":1800000000})";
   const auto file = [](const std::string& sessions) { return R"({"version":1,"sessions":[)" + sessions + "]}"; };
   const auto with = [&](const std::string& from, const std::string& to) {
     std::string text = good;
@@ -424,6 +431,11 @@ TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
                                   with("\"alice\"", "\"a b\""),
                                   with("\"alice\"", "7"),
                                   with("\"alice\"", "\"\""),
+                                  with("1026", "-1"),
+                                  with("1026", "4294967295"),
+                                  with("1026", "1.5"),
+                                  with("1026", "\"1026\""),
+                                  with("1026", "null"),
                                   with(hash, hash.substr(1)),
                                   with(hash, hash + "A"),
                                   with(hash, std::string(43, '+')),
@@ -440,6 +452,19 @@ TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
     EXPECT_EQ(CodeOf(SessionTable::Open(path(), options_)), ErrorCode::kCorrupt) << text;
     EXPECT_EQ(Text(), text);
   }
+}
+
+// Whose they are cannot be known: the name may be another account's by now.
+TEST_F(SessionsTest, Open_SessionsOfAnOlderVersion_HaveEnded) {
+  const NewSession alice = Create(*Open(), "alice");
+  std::string text = Text();
+  const std::string uid = "\"uid\":" + std::to_string(kUid) + ",";
+  ASSERT_NE(text.find(uid), std::string::npos);
+  text.erase(text.find(uid), uid.size());
+  ASSERT_TRUE(WriteFileAtomically(path(), text, 0600).ok());
+  const auto table = Open();
+  EXPECT_FALSE(table->Find(alice.token));
+  EXPECT_EQ(table->size(), 0u);
 }
 
 TEST_F(SessionsTest, Open_ExpiredInTheFile_AreDropped) {
@@ -477,7 +502,7 @@ TEST_F(SessionsTest, EightThreads_FindWhileOthersCreateEndAndSweep_StayRight) {
   for (std::size_t i = 0; i < kept.size(); ++i) {
     finders.emplace_back([&, i] {
       while (!is_done) {
-        ASSERT_EQ(table->Find(kept[i].token), "kept-" + std::to_string(i));
+        ASSERT_EQ(UserOf(*table, kept[i].token), "kept-" + std::to_string(i));
         ASSERT_TRUE(table->CheckCsrf(kept[i].token, kept[i].csrf_token));
       }
     });
@@ -523,7 +548,7 @@ TEST_F(SessionsTest, LoginsOfOneUserAtOnce_KeepTheQuota) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&] {
-      for (int round = 0; round < 10; ++round) EXPECT_TRUE(table->Create("alice").ok());
+      for (int round = 0; round < 10; ++round) EXPECT_TRUE(table->Create({"alice", kUid}).ok());
     });
   }
   for (std::thread& thread : threads) thread.join();

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <cerrno>
 #include <optional>
 #include <thread>
 
@@ -480,6 +481,153 @@ TEST_F(StorageWatchTest, Refuse_RefusesWhatIsNotTheSameAlone) {
   EXPECT_TRUE(watch.RefuseTrail(kPool, remembered, StorageUse::kExisting));
   EXPECT_FALSE(watch.Refuse(kPool, {both[1]}, StorageUse::kExisting));
   EXPECT_FALSE(watch.Refuse(kOther, both, StorageUse::kExisting));
+}
+
+// What the file systems say, in the place of the machine's own.
+class StorageStateTest : public StorageWatchTest {
+ protected:
+  StorageStateTest() {
+    test::WriteImage(ground_.File("disk"));
+    PutDisk("d1", ground_.File("disk"));
+  }
+  StorageOptions ScriptedOptions() {
+    StorageOptions options = Options();
+    options.limits = {85, 95, 0};
+    options.now = [this] { return std::chrono::system_clock::time_point(std::chrono::seconds(now_)); };
+    options.ask = [this](const StorageQuestion& question) {
+      StorageAnswer answer = AskStorage(question);
+      answer.conditions = {condition_};
+      return answer;
+    };
+    return options;
+  }
+  void Use(std::uint64_t percent) { condition_ = {Root(), 0, false, percent, 100 - percent}; }
+
+  FolderCondition condition_{"", 0, false, 0, 100};
+  int now_ = 1000;
+};
+
+TEST_F(StorageStateTest, EachTrouble_HasItsStateReasonTimeAndLine) {
+  namespace repository = VexaCCC::State::Repo;
+  StorageWatch watch(ScriptedOptions());
+  const auto expect = [&](const char* state, const std::string& reason, int since) {
+    watch.Refresh();
+    EXPECT_EQ(StateOf(), state);
+    ASSERT_TRUE(StorageOf().trouble) << state;
+    EXPECT_EQ(StorageOf().trouble->state, state);
+    EXPECT_EQ(StorageOf().trouble->reason, reason);
+    EXPECT_EQ(StorageOf().trouble->since.time_since_epoch(), std::chrono::seconds(since));
+    now_ += 10;
+  };
+  const std::string system = "the file system of the folder '" + Root() + "' is ";
+  Use(90);
+  expect(repository::provision_warning, system + "used to 85 %", 1000);
+  expect(repository::provision_warning, system + "used to 85 %", 1000);
+  Use(96);
+  expect(repository::full, system + "used to 95 %", 1020);
+  condition_.is_read_only = true;
+  expect(repository::full, system + "used to 95 %", 1020);
+  Use(50);
+  condition_.is_read_only = true;
+  expect(repository::degraded, system + "mounted read-only", 1040);
+  condition_.error_number = EIO;
+  expect(repository::crashed, "the folder '" + Root() + "' cannot be used: Input/output error", 1050);
+  Use(50);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), repository::online);
+  EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), std::nullopt);
+  EXPECT_FALSE(StorageOf().trouble);
+  const std::string storage = "The storage of the repository 'pool' ";
+  EXPECT_THAT(Logged(), ElementsAre(storage + "runs out of space: " + system + "used to 85 %.",
+                                    storage + "is full: " + system + "used to 95 %.",
+                                    storage + "cannot be written: " + system + "mounted read-only.",
+                                    storage + "fails: the folder '" + Root() + "' cannot be used: Input/output error.",
+                                    storage + "can be used again."));
+}
+
+TEST_F(StorageStateTest, Warnings_DoNotReplaceAWorseStateOfAnAdministrator) {
+  namespace repository = VexaCCC::State::Repo;
+  const auto text = [](const char* state) { return '"' + std::string(state) + '"'; };
+  Write(RepositoryStateKey(kPool), text(repository::degraded));
+  StorageWatch watch(ScriptedOptions());
+  Use(90);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), repository::degraded);
+  EXPECT_EQ(StorageOf().trouble->state, repository::provision_warning) << "it is known all the same";
+  Use(96);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), repository::full);
+  Use(90);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), repository::degraded);
+  Use(10);
+  watch.Refresh();
+  EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), text(repository::degraded));
+}
+
+TEST_F(StorageStateTest, FullOrReadOnly_RefusesStartsWithTheReason) {
+  StorageWatch watch(ScriptedOptions());
+  watch.Refresh();
+  EXPECT_FALSE(watch.RefuseStart(kPool));
+  Use(90);
+  watch.Refresh();
+  EXPECT_FALSE(watch.RefuseStart(kPool));
+  Use(96);
+  watch.Refresh();
+  Refused refused = watch.RefuseStart(kPool);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, kUnavailable);
+  EXPECT_EQ(refused->reason, "The storage of the repository '" + std::string(kPool) +
+                                 "' is full: the file system of the folder '" + Root() +
+                                 "' is used to 95 %. Make room in it, or move disks to another repository, and try "
+                                 "again");
+  Use(50);
+  condition_.is_read_only = true;
+  watch.Refresh();
+  refused = watch.RefuseStart(kPool);
+  ASSERT_TRUE(refused);
+  EXPECT_THAT(refused->reason, HasSubstr("is mounted read-only. Mount it so that it can be written and try again"));
+  EXPECT_FALSE(watch.RefuseStart(""));
+  EXPECT_FALSE(watch.RefuseStart(kOther));
+}
+
+TEST_F(StorageStateTest, ReadOnlyFileSystem_IsDegradedUntilItCanBeWritten) {
+  if (!test::CanMount()) GTEST_SKIP() << test::kCannotMount;
+  const test::MountGround kept("kept");
+  ASSERT_TRUE(kept.MountTmpfs() && ground_.Bind(kept.path()));
+  test::WriteImage(ground_.File("a/disk"));
+  PutDisk("d1", ground_.File("a/disk"));
+  StorageWatch watch(Options());
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
+  const auto remount = [&](unsigned long flags) {
+    return ::mount("none", ground_.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr);
+  };
+  ASSERT_EQ(remount(MS_RDONLY), 0);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::degraded);
+  ASSERT_EQ(remount(0), 0);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
+}
+
+TEST_F(StorageWatchTest, Refresh_RootThatWasNeverSeen_IsUnavailableWhereDisksAreRecorded) {
+  StorageOptions options = Options();
+  options.roots = {ground_.File("away")};
+  StorageWatch watch(options);
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online) << "an empty repository makes its folder with its first disk";
+  PutDisk("d1", ground_.File("away/p/disk"));
+  options.files = StorageOptions::Files::kNotNeeded;
+  StorageWatch(options).Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online) << "without files";
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
+  EXPECT_THAT(Logged(), ElementsAre("The storage of the repository 'pool' is not mounted: there is no folder '" +
+                                    ground_.File("away") + "/'."));
+  fs::create_directories(ground_.File("away"));
+  watch.Refresh();
+  EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
 }
 
 }  // namespace

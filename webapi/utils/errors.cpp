@@ -24,6 +24,11 @@ constexpr CheckText kCheckTexts[] = {
     {VMCHECK_SRIOV_ENABLED, "sriov_enabled"},
 };
 
+// Whether `errors` can take a message under a code whose member is `known`.
+bool IsAccumulator(const Json::Value& errors, const Json::Value* known) {
+  return known ? known->isArray() : errors.isObject() || errors.isNull();
+}
+
 // What is there comes first even when it is empty, so that a text may begin with the separator; that is meant.
 void Extend(Json::Value& list, Json::ArrayIndex index, const std::string& message) {
   list[index] = json::String(json::Element(list, index)) + ", " + message;
@@ -41,7 +46,7 @@ std::string GetVMCheckText(const VMCHECK& check) {
 void AppendError(const std::string& message, int code, Json::Value& errors) {
   const std::string code_text = std::to_string(code);
   const Json::Value* known = json::FindMember(errors, code_text);
-  if (known && !known->isArray()) {
+  if (!IsAccumulator(errors, known)) {
     VEXA_LOG("utils", "AppendError used in the wrong way");
     return;
   }
@@ -56,7 +61,7 @@ void AppendError(const std::string& message, int code, Json::Value& errors) {
 void AppendError(const std::string& message, const std::string& second, int code, Json::Value& errors) {
   const std::string code_text = std::to_string(code);
   const Json::Value* known = json::FindMember(errors, code_text);
-  if (known && !known->isArray()) {
+  if (!IsAccumulator(errors, known)) {
     VEXA_LOG("utils", "AppendError2 used in the wrong way");
     return;
   }

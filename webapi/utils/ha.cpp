@@ -34,11 +34,12 @@ constexpr unsigned int kStorageProblems = 7u;
 // details.
 class HostJudge {
  public:
-  // Appends the records of `items` to `records`, an array that may hold others.
-  HostJudge(const Json::Value& items, std::string& reason, Json::Value& records)
-      : items_(json::Elements(items)), reason_(reason), records_(records), first_(records.size()) {
+  HostJudge(const Json::Value& items, std::string& reason) : items_(json::Elements(items)), reason_(reason) {
     for (const Json::Value& item : items_) records_.append(NewRecord(item));
   }
+
+  // One record per item, in their order; an array.
+  const Json::Value& records() const { return records_; }
 
   void FindInaccessible();
   void FindShort(const Json::Value& warn);
@@ -49,20 +50,18 @@ class HostJudge {
   static Json::Value NewRecord(const Json::Value& item);
   static bool HoldsOnlyStorage(const Json::Value& record);
 
-  Json::Value& RecordOf(Json::ArrayIndex item) { return records_[first_ + item]; }
   void GiveReason(const char* reason) {
     if (reason_.empty()) reason_ = reason;
   }
   // An inaccessible host shows no other detail.
   void AddDetail(Json::ArrayIndex item, const std::string& detail) {
-    Json::Value& details = RecordOf(item)["ha_host_status_detail"];
+    Json::Value& details = records_[item]["ha_host_status_detail"];
     if (!IsFindInSTLContainer(details, kInaccessible)) details.append(detail);
   }
 
   const Json::Value& items_;
   std::string& reason_;
-  Json::Value& records_;
-  const Json::ArrayIndex first_;
+  Json::Value records_{Json::arrayValue};
 };
 
 Json::Value HostJudge::NewRecord(const Json::Value& item) {
@@ -122,7 +121,7 @@ void HostJudge::FindNotCompatible() {
 void HostJudge::FindDoubtful() {
   for (Json::ArrayIndex i = 0; i < items_.size(); ++i) {
     const auto problems = static_cast<unsigned int>(json::Int(json::Member(items_[i], kDoubtful)));
-    const unsigned int mask = problems & (HoldsOnlyStorage(RecordOf(i)) ? kStorageProblems : ~kIgnoredProblem);
+    const unsigned int mask = problems & (HoldsOnlyStorage(records_[i]) ? kStorageProblems : ~kIgnoredProblem);
     // As a signed number: the sign says that the host is inaccessible. Bits without a name give the reason alone.
     if (static_cast<int>(mask) <= 0) continue;
     GiveReason(kDoubtful);
@@ -147,11 +146,13 @@ void GetHAWarnReason(const Json::Value& ha, const Json::Value& warn, std::string
     return;
   }
   reason.clear();
-  HostJudge judge(json::Member(ha, "hosts"), reason, hosts);
+  HostJudge judge(json::Member(ha, "hosts"), reason);
   judge.FindInaccessible();
   judge.FindShort(warn);
   judge.FindNotCompatible();
   judge.FindDoubtful();
+  // Last, since `hosts` may be a part of what is read: a list that grew while it was walked would never end.
+  for (const Json::Value& record : judge.records()) hosts.append(record);
   for (Json::Value& record : hosts) SetSeverity(record);
 }
 

@@ -225,7 +225,8 @@ VEXA_EXPORT std::string GetVMCheckText(const VMCHECK& check);
 
 // Adds what happened to some item to `errors`, an object keyed by error code: {"<code>": ["<messages>"]}, messages of
 // one code joined by ", ". The second form keeps two lists side by side, and an empty half adds nothing to a list that
-// is there. A member that is no array is left alone, with one line in the system log.
+// is there. One line in the system log, and no change: `errors` is neither an object nor null, or the code's member is
+// not an array.
 VEXA_EXPORT void AppendError(const std::string& message, int code, Json::Value& errors);
 VEXA_EXPORT void AppendError(const std::string& message, const std::string& second, int code, Json::Value& errors);
 

@@ -1,0 +1,121 @@
+#include "host/cluster/account_edit.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/cluster/guest_admin.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+std::string GrantsKey(std::string_view kind, std::uint32_t id) { return GuestAdminKey(GuestAdminIdentifier(kind, id)); }
+
+std::string NameRecord(const std::string& name) {
+  Json::Value record(Json::objectValue);
+  record["name"] = name;
+  return json::ToText(record);
+}
+
+}  // namespace
+
+Result<AccountEdit> AccountEdit::Begin(const store::Snapshot& snapshot) {
+  auto index = LoadAccounts(snapshot);
+  if (!index) return index.error();
+  return AccountEdit(snapshot, std::move(*index));
+}
+
+Status AccountEdit::CheckWhole() const { return index_.damage ? Status(*index_.damage) : Status(); }
+
+Result<bool> AccountEdit::Exists(const std::string& key) const {
+  const auto value = snapshot_->Get(key);
+  if (!value) return value.error();
+  return value->has_value();
+}
+
+Result<bool> AccountEdit::IsFree(AccountKind kind, std::uint32_t id) const {
+  if (IsOwnId(id) && id < index_.next_id) return false;
+  if (kind == AccountKind::kGroup) return !index_.groups.contains(id) && !index_.damaged_groups.contains(id);
+  if (index_.users.contains(id) || index_.damaged_users.contains(id)) return false;
+  const auto deleted = Exists(DeletedUserKey(id));
+  if (!deleted) return deleted.error();
+  return !*deleted;
+}
+
+// Ids beyond the next one may have been given explicitly. Grants under an id that is free may be for somebody whose
+// account is still in the file of another host.
+Result<std::uint32_t> AccountEdit::TakeId() {
+  for (; index_.next_id <= base::kLastOwnId; ++index_.next_id) {
+    const std::uint32_t id = index_.next_id;
+    bool is_free = true;
+    for (const AccountKind kind : {AccountKind::kUser, AccountKind::kGroup}) {
+      const auto unused = IsFree(kind, id);
+      if (!unused) return unused.error();
+      const auto has_grants = Exists(GrantsKey(kind == AccountKind::kUser ? kUsersKind : kGroupsKind, id));
+      if (!has_grants) return has_grants.error();
+      is_free = is_free && *unused && !*has_grants;
+    }
+    if (!is_free) continue;
+    ++index_.next_id;
+    for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
+      transaction_.compares.push_back({GrantsKey(kind, id), 0});
+    }
+    return id;
+  }
+  return Error(ErrorCode::kNoSpace, "All ids for users and groups are used up");
+}
+
+void AccountEdit::RaiseNextId(std::uint32_t next_id) { index_.next_id = std::max(index_.next_id, next_id); }
+
+Status AccountEdit::MakeWellKnownGroups() {
+  for (const std::string_view name : {base::kAdministratorsGroup, base::kUsersGroup}) {
+    if (const auto group = GroupFor(std::string(name)); !group) return group.error();
+  }
+  return {};
+}
+
+Result<base::Group> AccountEdit::GroupFor(const std::string& name) {
+  if (const base::Group* group = index_.FindGroup(name)) return *group;
+  if (Status whole = CheckWhole(); !whole) return whole.error();
+  const auto id = TakeId();
+  if (!id) return id.error();
+  const base::Group group{name, *id};
+  AddGroup(group);
+  return group;
+}
+
+void AccountEdit::AddGroup(const base::Group& group) {
+  index_.Put(group);
+  transaction_.operations.push_back({AccountKey(AccountKind::kGroup, group.gid), NameRecord(group.name)});
+}
+
+void AccountEdit::PutUser(const Account& account) {
+  index_.Put(account);
+  transaction_.operations.push_back(
+      {AccountKey(AccountKind::kUser, account.user.uid), json::ToText(AccountRecordOf(account))});
+}
+
+void AccountEdit::DeleteUser(std::uint32_t uid) {
+  const auto found = index_.users.find(uid);
+  if (found == index_.users.end()) return;
+  transaction_.operations.push_back({DeletedUserKey(uid), NameRecord(found->second.user.name)});
+  transaction_.operations.push_back({AccountKey(AccountKind::kUser, uid), std::nullopt});
+  index_.RemoveUser(uid);
+  ForgetGrants(uid);
+}
+
+void AccountEdit::ForgetGrants(std::uint32_t uid) {
+  transaction_.operations.push_back({GrantsKey(kUsersKind, uid), std::nullopt});
+}
+
+store::Transaction AccountEdit::Finish() && {
+  Json::Value state(Json::objectValue);
+  state["next_id"] = index_.next_id;
+  transaction_.compares.push_back({AccountStateKey(), index_.revision});
+  transaction_.operations.push_back({AccountStateKey(), json::ToText(state)});
+  return std::move(transaction_);
+}
+
+}  // namespace vexa::cluster

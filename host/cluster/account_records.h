@@ -1,0 +1,73 @@
+// The records of users and groups in the store, and all of them as one value that finds people.
+//
+//   /accounts/state                     {"next_id": 1900000003}: written with every change of any account
+//   /accounts/user/<id>                 {"name": "alice", "gid": 1900000001, "groups": [1900000000], "password":
+//   "$y$…"} /accounts/group/<id>                {"name": "users"} /accounts/deleted_user/<id>         {"name": "bob"}:
+//   the id was given to somebody, and is never given again /accounts/taken_over/<fingerprint>  {"users": 3}: an account
+//   file of an older version that is in the store
+//
+// "gid" names the primary group, "groups" the others. Passwords are yescrypt hashes (crypt(5)); "" and "!…" disable
+// login. All changes compare the revision of /accounts/state, so each is planned on what it replaces.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "host/base/accounts.h"
+#include "host/base/result.h"
+#include "host/store/store.h"
+
+namespace vexa::cluster {
+
+enum class AccountKind { kUser, kGroup };
+
+// Whether the id is of the range that the cluster gives out by itself.
+constexpr bool IsOwnId(std::uint32_t id) { return id >= base::kFirstOwnId && id <= base::kLastOwnId; }
+
+std::string AccountStateKey();
+std::string AccountKey(AccountKind kind, std::uint32_t id);
+std::string DeletedUserKey(std::uint32_t uid);
+std::string TakenOverKey(std::string_view fingerprint);
+
+struct Account {
+  base::User user;
+  std::string password;  // a hash, or "" or "!…"
+};
+
+Json::Value AccountRecordOf(const Account& account);
+
+// All accounts of one state of the store. A record that cannot be understood takes only those out who need it: they and
+// names that are not found cannot be told, since the name may be in that record.
+struct AccountIndex {
+  store::Revision revision = 0;  // of /accounts/state; 0: there are no accounts
+  std::uint32_t next_id = base::kFirstOwnId;
+  std::unordered_map<std::uint32_t, Account> users;
+  std::unordered_map<std::uint32_t, base::Group> groups;
+  std::unordered_map<std::string, std::uint32_t> user_ids;   // by folded name
+  std::unordered_map<std::string, std::uint32_t> group_ids;  // by folded name
+  std::unordered_set<std::uint32_t> damaged_users;
+  std::unordered_set<std::uint32_t> damaged_groups;
+  std::optional<Error> damage;  // of one of them
+
+  // By a name in any case; null when there is none.
+  const Account* FindUser(std::string_view name) const;
+  const base::Group* FindGroup(std::string_view name) const;
+
+  void Put(Account account);
+  void Put(base::Group group);
+  void RemoveUser(std::uint32_t uid);
+};
+
+// The revision of the accounts; 0 when there are none. Errors: what the store says.
+Result<store::Revision> AccountRevision(const store::Snapshot& snapshot);
+
+// Errors: what the store says; kCorrupt when /accounts/state cannot be understood.
+Result<AccountIndex> LoadAccounts(const store::Snapshot& snapshot);
+
+}  // namespace vexa::cluster

@@ -1,0 +1,54 @@
+#include "host/daemon/cluster_store.h"
+
+#include <syslog.h>
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "host/cluster/cluster_status.h"
+#include "host/daemon/cache_refresh.h"
+#include "host/store/lmdb_store.h"
+#include "host/store/mirrored_store.h"
+
+namespace vexa::daemon {
+namespace {
+
+bool IsSameFolder(const std::string& a, const std::string& b) {
+  std::error_code failed;
+  if (std::filesystem::equivalent(a, b, failed)) return true;
+  const auto plain = [&failed](const std::string& path) {
+    return std::filesystem::weakly_canonical(path, failed).lexically_normal();
+  };
+  return plain(a) == plain(b);
+}
+
+Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder) {
+  store::LmdbOptions options;
+  options.directory = folder;
+  return store::OpenLmdbStore(options);
+}
+
+}  // namespace
+
+Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config) {
+  const std::string own = config.data_directory + "/store";
+  if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) return OpenFolder(own);
+  store::MirrorOptions mirror;
+  mirror.directory = config.data_directory + "/mirror";
+  if (Status there = store::CheckPrimaryIsThere(config.store_directory, mirror.directory); !there) return there.error();
+  auto primary = OpenFolder(config.store_directory);
+  if (!primary) return primary.error();
+  mirror.on_change = [caches = config.data_directory + "/cache"] {
+    cluster::NoteConditionChanged();
+    FindOutAgain(caches);
+  };
+  auto mirrored = store::MirroredStore::Make(*primary, std::move(mirror));
+  if (mirrored) return std::shared_ptr<store::Store>(*std::move(mirrored));
+  ::syslog(LOG_ERR, "There is no copy of the cluster database, so nothing is shown while it cannot be read: %s",
+           mirrored.error().ToString().c_str());
+  return *primary;
+}
+
+}  // namespace vexa::daemon

@@ -1,0 +1,17 @@
+// What a guest's status says beside its state: its disks, and why it is off.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace vexa::services {
+
+// An entry for each disk that the guest's record lists, in its order: {"vdisk_id", "name" ("" without one), "status",
+// "status_type"}, the last two as users see them. What cannot be read of a disk counts as missing.
+Json::Value DiskStatesOf(const Json::Value& guest);
+
+// {"reason": a word of ShutdownWord(), "forced"}; null for a guest that is not off, or when the reason is not stored.
+Json::Value ShutdownOf(const std::string& guest_id, const Json::Value& guest);
+
+}  // namespace vexa::services

@@ -1,0 +1,20 @@
+// How this host finds itself.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/guests/guest_control.h"
+
+namespace vexa::services {
+
+struct HostConditionParts {
+  const guests::GuestControl* guests = nullptr;  // null: this host runs no guests, and needs no hypervisor
+  std::function<bool()> has_network_trouble;     // not set: it is not known to have any
+};
+
+// A text of VexaCCC::State::Host: "control_unavail" while the hypervisor cannot be reached, else "network_warn" while
+// the network is in trouble, else "running". Waits for nothing, unless `has_network_trouble` does.
+std::string HostConditionOf(const HostConditionParts& parts);
+
+}  // namespace vexa::services

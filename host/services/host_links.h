@@ -1,0 +1,14 @@
+// Whether the network connections that this machine depends on work.
+#pragma once
+
+#include "host/services/interfaces.h"
+#include "host/services/machine.h"
+
+namespace vexa::services {
+
+// Whether a network card or bond that is switched on and matters has no carrier: its cable is out, or what it leads to
+// is off. It matters when it has an address that others can reach, also on a VLAN or bridge on top of it, or when it is
+// a port of a bridge, bond or virtual switch. Spare cards do not. Threads: any, at the same time.
+bool HasBrokenLink(const Machine& machine, const AddressReader& addresses = SystemAddresses);
+
+}  // namespace vexa::services

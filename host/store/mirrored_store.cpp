@@ -1,0 +1,292 @@
+#include "host/store/mirrored_store.h"
+
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <exception>
+#include <utility>
+
+#include "host/base/files.h"
+
+namespace vexa::store {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kDataFile = "/data.mdb";
+constexpr const char* kLockFile = "/lock.mdb";
+constexpr milliseconds kWatchTimeout{500};
+constexpr milliseconds kTellAgain{1000};
+constexpr milliseconds kCopyRetry{5000};  // after the copy could not be written
+// Above this many changed keys, or bytes, all is compared instead, which holds none of it in memory.
+constexpr std::size_t kMaxChangedKeys = 100'000;
+constexpr std::size_t kMaxChangedBytes = std::size_t{64} << 20;
+
+bool Exists(const std::string& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0;
+}
+
+Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
+  if (directory.empty()) return Error(ErrorCode::kInvalid, "The copy of the cluster database needs a folder");
+  if (Status created = CreateDirectories(directory, S_IRWXU); !created.ok()) return created.error();
+  LmdbOptions options;
+  options.directory = directory;
+  auto opened = LmdbKeyspace::Open(options);
+  if (opened.ok() || opened.error().code() != ErrorCode::kCorrupt || !Exists(directory + kDataFile)) return opened;
+  ::syslog(LOG_WARNING, "The copy of the cluster database is damaged and is made again: %s",
+           opened.error().ToString().c_str());
+  ::unlink((directory + kDataFile).c_str());
+  ::unlink((directory + kLockFile).c_str());
+  return LmdbKeyspace::Open(options);
+}
+
+// What the copy gets of a changed key: the value's text and revision, or nothing when the key is gone.
+struct Changed {
+  std::string key;
+  Revision revision = 0;
+  std::optional<std::string> text;
+};
+
+}  // namespace
+
+Result<std::shared_ptr<MirroredStore>> MirroredStore::Make(std::shared_ptr<Store> primary, MirrorOptions options) {
+  auto copy = OpenCopy(options.directory);
+  if (!copy.ok()) return copy.error();
+  std::shared_ptr<MirroredStore> store(
+      new MirroredStore(std::move(primary), std::move(copy).value(), std::move(options)));
+  store->thread_ = std::thread([raw = store.get()] { raw->Run(); });
+  return store;
+}
+
+MirroredStore::MirroredStore(std::shared_ptr<Store> primary, std::unique_ptr<LmdbKeyspace> copy, MirrorOptions options)
+    : primary_(std::move(primary)), copy_(std::move(copy)), options_(std::move(options)) {}
+
+MirroredStore::~MirroredStore() {
+  {
+    const std::lock_guard lock(mutex_);
+    ends_ = true;
+    wake_.notify_all();
+  }
+  if (thread_.joinable()) thread_.join();
+}
+
+Result<std::unique_ptr<Snapshot>> MirroredStore::Read() const {
+  if (!serving_.load(std::memory_order_acquire)) {
+    auto snapshot = primary_->Read();
+    // Too many snapshots are no fault of the primary's.
+    if (snapshot.ok() || snapshot.error().code() == ErrorCode::kBusy) return snapshot;
+    TakeOver(snapshot.error());
+    if (mirrored_ == 0) return snapshot;
+  }
+  if (mirrored_ != 0) return copy_->Read();
+  if (const auto failure = Failure()) return *failure;
+  return primary_->Read();
+}
+
+Result<Revision> MirroredStore::Commit(const Transaction& transaction) {
+  if (const auto failure = Failure()) return *failure;
+  return primary_->Commit(transaction);
+}
+
+Result<ChangeBatch> MirroredStore::Watch(std::string_view prefix, Revision from, milliseconds timeout) {
+  if (const auto failure = Failure()) return *failure;
+  return primary_->Watch(prefix, from, timeout);
+}
+
+Health MirroredStore::health() const {
+  if (serving_.load(std::memory_order_acquire)) return Health::kInaccessible;
+  const Health health = primary_->health();
+  if (health == Health::kInaccessible) {
+    const auto snapshot = primary_->Read();
+    TakeOver(snapshot.ok() ? Error(ErrorCode::kUnavailable, "The cluster database says that it cannot be read")
+                           : snapshot.error());
+  }
+  return health;
+}
+
+// Why the primary is not used.
+std::optional<Error> MirroredStore::Failure() const {
+  if (!serving_.load(std::memory_order_acquire)) return std::nullopt;
+  const std::lock_guard lock(mutex_);
+  return failure_;
+}
+
+void MirroredStore::TakeOver(const Error& error) const {
+  const std::lock_guard lock(mutex_);
+  if (serving_) return;
+  failure_ = Error(error.code(), "The cluster database cannot be reached", error.ToString());
+  serving_.store(true, std::memory_order_release);
+  wake_.notify_all();
+}
+
+void MirroredStore::GiveBackWhenWell() {
+  if (primary_->health() == Health::kInaccessible || !primary_->Read().ok()) return;
+  const std::lock_guard lock(mutex_);
+  serving_.store(false, std::memory_order_release);
+  failure_.reset();
+}
+
+// On the thread, so that no reader waits for it.
+void MirroredStore::TellChange() {
+  const std::optional<Error> failure = Failure();
+  const auto now = std::chrono::steady_clock::now();
+  if (failure.has_value() == told_serving_) {
+    if (tell_again_ && now >= *tell_again_) {
+      tell_again_.reset();
+      if (options_.on_change) options_.on_change();
+    }
+    return;
+  }
+  told_serving_ = failure.has_value();
+  tell_again_ = now + kTellAgain;
+  if (failure) {
+    ::syslog(LOG_ERR, "%s. This host shows what it knew last (revision %llu); nothing can be changed until it is back.",
+             failure->ToString().c_str(), static_cast<unsigned long long>(mirrored_.load()));
+  } else {
+    ::syslog(LOG_NOTICE, "The cluster database can be reached again.");
+  }
+  if (options_.on_change) options_.on_change();
+}
+
+// False: the thread is to end.
+bool MirroredStore::Pause(milliseconds pause) {
+  std::unique_lock lock(mutex_);
+  const bool was_serving = serving_;
+  wake_.wait_for(lock, pause, [&] { return ends_ || serving_ != was_serving; });
+  return !ends_;
+}
+
+void MirroredStore::Run() {
+  milliseconds pause{0};
+  while (Pause(pause)) {
+    pause = options_.retry;
+    try {
+      TellChange();
+      if (serving_) {
+        GiveBackWhenWell();
+        TellChange();
+        continue;
+      }
+      static_cast<void>(health());
+      TellChange();
+      if (serving_) continue;
+      const Status followed = Follow();
+      NoteOutcome(followed);
+      pause = followed.ok() ? options_.gather : kCopyRetry;
+    } catch (const std::exception& exception) {
+      ::syslog(LOG_ERR, "The copy of the cluster database was not written: %s", exception.what());
+      pause = kCopyRetry;
+    }
+  }
+}
+
+// A primary that fails is no failure here: it shows in health(), and then everywhere.
+void MirroredStore::NoteOutcome(const Status& outcome) {
+  const bool fails = !outcome.ok();
+  if (fails && !copy_fails_) {
+    ::syslog(LOG_ERR, "The copy of the cluster database cannot be written and falls behind: %s",
+             outcome.error().ToString().c_str());
+  } else if (!fails && copy_fails_) {
+    ::syslog(LOG_NOTICE, "The copy of the cluster database is written again.");
+  }
+  copy_fails_ = fails;
+}
+
+// Brings the copy to the state that the primary has now, or waits a little when it has.
+Status MirroredStore::Follow() {
+  if (mirrored_ == 0) return CopyAll();
+  const auto batch = primary_->Watch("", mirrored_, tell_again_ ? options_.gather : kWatchTimeout);
+  if (!batch.ok()) return {};
+  if (batch->lost) return CopyAll();
+  // Commits without operations of their own, too, since a change log does not reach back for ever.
+  return batch->revision == mirrored_ ? Status() : CopyChanged(*batch);
+}
+
+Status MirroredStore::CopyAll() {
+  const auto snapshot = primary_->Read();
+  if (!snapshot.ok()) return {};
+  const Snapshot& primary = **snapshot;
+  Status read;  // of the primary
+  const Status written = copy_->Update(0, [&](KeyspaceWriter& writer) -> Status {
+    Status copied;
+    read = primary.Scan("", [&](std::string_view key, const ValueView& value) {
+      copied = writer.Copy(key, value);
+      return copied.ok();
+    });
+    if (!copied.ok() || !read.ok()) return copied.ok() ? read : copied;
+    Status removed = writer.RemoveIf([&](std::string_view key) -> Result<bool> {
+      const auto value = primary.Get(key);
+      if (!value.ok()) return value.error();
+      return !value->has_value();
+    });
+    return removed.ok() ? writer.SetRevision(primary.revision()) : removed;
+  });
+  if (written.ok()) mirrored_ = primary.revision();
+  return written;
+}
+
+// The keys that changed after `from` and up to `until`. False: that is not known any more, or they are too many.
+Result<bool> MirroredStore::GatherKeys(Revision from, Revision until, std::set<std::string>& keys) {
+  while (from < until) {
+    const auto batch = primary_->Watch("", from, milliseconds(0));
+    if (!batch.ok()) return batch.error();
+    if (batch->lost || keys.size() > kMaxChangedKeys) return false;
+    for (const Change& change : batch->changes) {
+      if (change.revision <= until) keys.insert(change.key);
+    }
+    from = batch->revision;
+  }
+  return true;
+}
+
+// All changed keys get the values of one snapshot, and the rest has not changed up to it: the copy then is that
+// snapshot, and not a state in between that never was.
+Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
+  std::set<std::string> keys;
+  for (const Change& change : batch.changes) keys.insert(change.key);
+  Revision revision = 0;
+  std::vector<Changed> changed;
+  std::size_t bytes = 0;
+  {
+    const auto snapshot = primary_->Read();
+    if (!snapshot.ok()) return {};
+    revision = (*snapshot)->revision();
+    const auto gathered = GatherKeys(batch.revision, revision, keys);
+    if (!gathered.ok()) return {};
+    for (const std::string& key : keys) {
+      const auto value = (*snapshot)->Get(key);
+      if (!value.ok()) return value.error();
+      changed.push_back({key, 0, std::nullopt});
+      if (!value->has_value()) continue;
+      changed.back().revision = (*value)->revision;
+      changed.back().text = std::string((*value)->text);
+      bytes += changed.back().text->size();
+      if (bytes > kMaxChangedBytes) break;
+    }
+    if (!*gathered || bytes > kMaxChangedBytes) revision = 0;
+  }
+  if (revision == 0) return CopyAll();
+  const Status written = copy_->Update(bytes, [&](KeyspaceWriter& writer) -> Status {
+    for (const Changed& change : changed) {
+      Status applied =
+          change.text ? writer.Copy(change.key, {change.revision, *change.text}) : writer.Remove(change.key);
+      if (!applied.ok()) return applied;
+    }
+    return writer.SetRevision(revision);
+  });
+  if (written.ok()) mirrored_ = revision;
+  return written;
+}
+
+Status CheckPrimaryIsThere(const std::string& primary_directory, const std::string& mirror_directory) {
+  if (Exists(primary_directory + kDataFile) || !Exists(mirror_directory + kDataFile)) return {};
+  return Error(ErrorCode::kUnavailable,
+               "The folder '" + primary_directory +
+                   "' holds no database, although this host has used one there: mount it, or move it back. To begin "
+                   "with an empty database, remove the folder '" +
+                   mirror_directory + "'");
+}
+
+}  // namespace vexa::store

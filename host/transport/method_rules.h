@@ -1,0 +1,21 @@
+// How a method is called: how long its reply is worth waiting for, and whether it is called on a host that seems gone.
+#pragma once
+
+#include <chrono>
+
+#include "host/transport/breaker.h"
+#include "webapi/platform/dr.h"
+
+namespace vexa::transport {
+
+struct MethodRule {
+  std::chrono::milliseconds timeout;  // of a request that sets none
+  // Refusable methods are not called at all on a host that is gone by its signs of life.
+  Breaker::Weight weight = Breaker::Weight::kOrdinary;
+};
+
+// A compound request has the longest time-out of its items, and is refusable when all of them are. No method has a
+// longer time-out than `default_timeout`.
+MethodRule RuleOf(const VexaDRCore::Request& request, std::chrono::milliseconds default_timeout);
+
+}  // namespace vexa::transport

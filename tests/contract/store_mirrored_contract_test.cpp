@@ -1,0 +1,27 @@
+// A store with a copy against the contract of every store: all is well, so it is the primary.
+#include "host/store/lmdb_store.h"
+#include "host/store/mirrored_store.h"
+#include "tests/contract/store_contract.h"
+
+namespace vexa::store {
+namespace {
+
+std::shared_ptr<Store> OpenMirrored(const std::string& directory, std::size_t change_log_length) {
+  auto primary = OpenLmdbStore({directory + "/store", std::size_t{64} << 20, change_log_length});
+  if (!primary.ok()) {
+    ADD_FAILURE() << primary.error().ToString();
+    return nullptr;
+  }
+  MirrorOptions options;
+  options.directory = directory + "/mirror";
+  options.gather = std::chrono::milliseconds(10);
+  auto store = MirroredStore::Make(*primary, options);
+  if (!store.ok()) ADD_FAILURE() << store.error().ToString();
+  return store.ok() ? *store : nullptr;
+}
+
+INSTANTIATE_TEST_SUITE_P(Mirrored, StoreContract, testing::Values(StoreFactory{"Lmdb", OpenMirrored}),
+                         [](const auto& row) { return row.param.name; });
+
+}  // namespace
+}  // namespace vexa::store

@@ -1,0 +1,289 @@
+// What a store with a copy answers while its primary fails, and how the copy follows the primary.
+#include "host/store/mirrored_store.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "host/store/lmdb_store.h"
+#include "tests/contract/store_contract.h"
+#include "tests/support/faulty_store.h"
+#include "tests/support/syslog_capture.h"
+
+namespace vexa::store {
+namespace {
+
+using namespace std::chrono_literals;
+using test::FaultyStore;
+using ::testing::HasSubstr;
+
+template <class Condition>
+bool Within(std::chrono::milliseconds limit, const Condition& is_so) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!is_so()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+// Every key with its revision and text, and the revision of the whole.
+std::string Dump(const Store& store) {
+  const auto snapshot = ReadOf(store);
+  std::string all = std::to_string(snapshot->revision()) + "\n";
+  EXPECT_TRUE(snapshot
+                  ->Scan("",
+                         [&](std::string_view key, const ValueView& value) {
+                           all += std::string(key) + "@" + std::to_string(value.revision) + "=" +
+                                  std::string(value.text) + "\n";
+                           return true;
+                         })
+                  .ok());
+  return all;
+}
+
+class Mirrored : public testing::Test {
+ protected:
+  void SetUp() override {
+    OpenPrimary("/store", 1000);
+    Put(*primary_, "/a", "1");
+    Put(*primary_, "/b/c", "2");
+    OpenMirror();
+  }
+
+  void OpenPrimary(const char* folder, std::size_t change_log_length) {
+    auto opened = OpenLmdbStore({folder_.path() + folder, std::size_t{1} << 20, change_log_length});
+    ASSERT_TRUE(opened.ok()) << opened.error().ToString();
+    primary_ = std::make_shared<FaultyStore>(*opened);
+  }
+  void OpenMirror() {
+    store_.reset();
+    MirrorOptions options;
+    options.directory = Folder();
+    options.retry = 20ms;
+    options.gather = 10ms;
+    options.on_change = [this] { ++changes_; };
+    auto store = MirroredStore::Make(primary_, options);
+    ASSERT_TRUE(store.ok()) << store.error().ToString();
+    store_ = *store;
+  }
+  std::string Folder() const { return folder_.path() + "/mirror"; }
+  bool Caught() const {
+    return Within(20s, [&] { return store_->mirrored() == ReadOf(*primary_)->revision(); });
+  }
+  void Fail() {
+    primary_->FailSnapshots();
+    primary_->FailCommits();
+  }
+  std::string DumpOfMirror() {
+    EXPECT_TRUE(Caught());
+    const std::string expected = Dump(*primary_);
+    Fail();
+    EXPECT_EQ(Dump(*store_), expected);
+    primary_->Heal();
+    EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReady; }));
+    return expected;
+  }
+
+  TemporaryFolder folder_;
+  std::shared_ptr<FaultyStore> primary_;
+  std::shared_ptr<MirroredStore> store_;
+  std::atomic<int> changes_{0};
+};
+
+TEST_F(Mirrored, PrimaryFails_CopyIsRead_AndNothingIsCommitted) {
+  ASSERT_TRUE(Caught());
+  EXPECT_EQ(store_->health(), Health::kReady);
+  const std::string before = Dump(*store_);
+  Fail();
+  EXPECT_EQ(Dump(*store_), before);
+  EXPECT_EQ(store_->health(), Health::kInaccessible);
+  const auto commit = store_->Commit({{}, {{"/a", "9"}}});
+  ASSERT_FALSE(commit.ok());
+  EXPECT_THAT(commit.error().ToString(), HasSubstr("The cluster database cannot be reached"));
+  EXPECT_FALSE(store_->Watch("", 0, 0ms).ok());
+  EXPECT_TRUE(Within(5s, [&] { return changes_ >= 1; }));
+
+  primary_->Heal();
+  EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReady; }));
+  Put(*store_, "/a", "3");
+  EXPECT_EQ(TextOf(*store_, "/a"), "3");
+  EXPECT_TRUE(Within(5s, [&] { return changes_ >= 3; })) << "at both ends, and once more after each";
+}
+
+TEST_F(Mirrored, HealthInaccessible_IsEnoughForTheCopy) {
+  ASSERT_TRUE(Caught());
+  primary_->ReportHealth(Health::kInaccessible);
+  EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kInaccessible; }));
+  EXPECT_EQ(TextOf(*store_, "/a"), "1");
+  EXPECT_FALSE(store_->Commit({{}, {{"/a", "9"}}}).ok());
+  primary_->ReportHealth(Health::kReadOnly);
+  EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReadOnly; })) << "reads are the primary's again";
+}
+
+// Nobody reads, and nobody asks how it is.
+TEST_F(Mirrored, PrimaryFailsAndNobodyAsks_IsNoticed) {
+  ASSERT_TRUE(Caught());
+  test::ClearCapturedSyslog();
+  primary_->ReportHealth(Health::kInaccessible);
+  EXPECT_TRUE(Within(3s, [&] { return changes_ >= 1; }));
+  ASSERT_FALSE(test::CapturedSyslog().empty());
+  EXPECT_THAT(test::CapturedSyslog().front().text, HasSubstr("The cluster database cannot be reached"));
+}
+
+TEST_F(Mirrored, SingleValueThatCannotBeRead_IsAnErrorOfThatRead) {
+  ASSERT_TRUE(Caught());
+  primary_->FailReadsOf("/a");
+  EXPECT_FALSE(ReadOf(*store_)->Get("/a").ok());
+  EXPECT_EQ(TextOf(*store_, "/b/c"), "2");
+  EXPECT_EQ(store_->health(), Health::kReady);
+}
+
+// An empty copy would say that there are no guests.
+TEST_F(Mirrored, PrimaryFailsBeforeTheCopyIsMade_IsAnError) {
+  store_.reset();
+  std::filesystem::remove_all(Folder());
+  Fail();
+  OpenMirror();
+  const auto read = store_->Read();
+  EXPECT_FALSE(read.ok());
+  EXPECT_EQ(store_->health(), Health::kInaccessible);
+  primary_->Heal();
+  EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReady; }));
+  EXPECT_TRUE(Caught());
+}
+
+// What was copied before the start may be of another database.
+TEST_F(Mirrored, CopyOfAnEarlierRun_IsNotReadBeforeItHasBeenCompared) {
+  ASSERT_TRUE(Caught());
+  Fail();
+  OpenMirror();
+  EXPECT_FALSE(store_->Read().ok());
+  primary_->Heal();
+  EXPECT_TRUE(Caught());
+}
+
+TEST_F(Mirrored, PutBackFromABackup_IsComparedByText) {
+  ASSERT_TRUE(Caught());
+  store_.reset();
+  OpenPrimary("/other", 1000);
+  Put(*primary_, "/a", "another");
+  Put(*primary_, "/b/d", "2");
+  ASSERT_EQ(RevisionOf(*primary_, "/a"), 1u) << "the revision that the first one had";
+  OpenMirror();
+  EXPECT_THAT(DumpOfMirror(), HasSubstr("/a@1=another"));
+}
+
+TEST_F(Mirrored, OlderPrimary_TakesTheCopyBack) {
+  for (int i = 0; i < 50; ++i) Put(*primary_, "/a", std::to_string(i));
+  ASSERT_TRUE(Caught());
+  store_.reset();
+  OpenPrimary("/other", 1000);
+  Put(*primary_, "/x", "1");
+  OpenMirror();
+  EXPECT_EQ(DumpOfMirror(), "1\n/x@1=1\n");
+}
+
+TEST_F(Mirrored, ChangesWhileTheChangeLogIsShort_AreAllCopied) {
+  store_.reset();
+  OpenPrimary("/other", 3);
+  OpenMirror();
+  std::mt19937 random(7);
+  for (int i = 0; i < 400; ++i) {
+    const std::string key = "/k/" + std::to_string(random() % 40);
+    if (random() % 3 == 0) {
+      Erase(*primary_, key);
+    } else {
+      Put(*primary_, key, std::string(random() % 3000, 'x') + std::to_string(i));
+    }
+    if (random() % 50 == 0) (void)DumpOfMirror();
+  }
+  (void)DumpOfMirror();
+}
+
+// More than one batch of a watch holds.
+TEST_F(Mirrored, ManyChangesAtOnce_AreOneState) {
+  ASSERT_TRUE(Caught());
+  for (int round = 0; round < 3; ++round) {
+    Transaction transaction;
+    for (int i = 0; i < 12'000; ++i) {
+      transaction.operations.push_back({"/m/" + std::to_string(i), std::to_string(round)});
+    }
+    ASSERT_TRUE(primary_->Commit(transaction).ok());
+  }
+  (void)DumpOfMirror();
+}
+
+TEST_F(Mirrored, DamagedCopy_IsMadeAgain) {
+  ASSERT_TRUE(Caught());
+  store_.reset();
+  std::ofstream(Folder() + "/data.mdb", std::ios::binary) << std::string(8192, 'x');
+  OpenMirror();
+  (void)DumpOfMirror();
+}
+
+TEST_F(Mirrored, ReadersAndWriters_WhilePrimaryComesAndGoes_SeeWholeStates) {
+  ASSERT_TRUE(Caught());
+  Transaction first;
+  first.operations = {{"/x", "0"}, {"/y", "0"}};
+  ASSERT_TRUE(primary_->Commit(first).ok());
+  ASSERT_TRUE(Caught());
+  std::atomic<bool> ends{false};
+  std::atomic<int> reads{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&] {
+      while (!ends) {
+        const auto snapshot = store_->Read();
+        ASSERT_TRUE(snapshot.ok()) << snapshot.error().ToString();
+        const auto x = (*snapshot)->Get("/x");
+        const auto y = (*snapshot)->Get("/y");
+        ASSERT_TRUE(x.ok() && *x && y.ok() && *y);
+        EXPECT_EQ((*x)->text, (*y)->text);
+        EXPECT_EQ((*x)->revision, (*y)->revision);
+        ++reads;
+      }
+    });
+  }
+  int committed = 0;
+  for (int i = 1; i < 300; ++i) {
+    const std::string text = std::to_string(i);
+    Transaction both;
+    both.operations = {{"/x", text}, {"/y", text}};
+    if (store_->Commit(both).ok()) ++committed;
+    if (i % 20 == 0) Fail();
+    if (i % 20 == 10) {
+      std::this_thread::sleep_for(50ms);
+      primary_->Heal();
+      std::this_thread::sleep_for(50ms);
+    }
+  }
+  primary_->Heal();
+  ends = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_GT(committed, 50);
+  EXPECT_GT(reads, 1000);
+  EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReady; }));
+  (void)DumpOfMirror();
+}
+
+TEST(PrimaryFolder, WithoutADatabaseWhereOneWas_IsRefused) {
+  const TemporaryFolder folder;
+  const std::string primary = folder.path() + "/primary";
+  const std::string mirror = folder.path() + "/mirror";
+  EXPECT_TRUE(CheckPrimaryIsThere(primary, mirror).ok()) << "a first start";
+  ASSERT_TRUE(OpenLmdbStore({mirror, std::size_t{1} << 20, 10}).ok());
+  const Status refused = CheckPrimaryIsThere(primary, mirror);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable);
+  EXPECT_THAT(refused.error().ToString(), HasSubstr("mount it"));
+  ASSERT_TRUE(OpenLmdbStore({primary, std::size_t{1} << 20, 10}).ok());
+  EXPECT_TRUE(CheckPrimaryIsThere(primary, mirror).ok());
+}
+
+}  // namespace
+}  // namespace vexa::store

@@ -1,0 +1,336 @@
+// Whether users see that a guest's network works: a real host with a real guest on each kind of network, whose cables
+// are pulled out.
+#include <gtest/gtest.h>
+#include <libvirt/libvirt.h>
+#include <libvirt/virterror.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "host/base/json_parse.h"
+#include "tests/support/libvirt_user.h"
+#include "tests/support/network_namespace.h"
+#include "tests/support/process.h"
+#include "tests/support/qemu_host.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+using namespace std::chrono_literals;
+namespace json = VexaVirtualization::json;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kGuest[] = "11111111-2222-4333-8444-000000000011";
+constexpr char kUri[] = "qemu:///system";
+constexpr char kHealthy[] = "healthy";
+constexpr char kUnconnectable[] = "warning network_unconnectable";
+// What users are promised.
+constexpr auto kPromised = 10s;
+
+bool IsInstalled(const char* program) {
+  return RunProcess({.argv = {"sh", "-c", std::string("command -v ") + program}}).exit_code == 0;
+}
+
+// A libvirtd with networks, as a system has it, in the folders of the test program's own.
+class SystemLibvirtd {
+ public:
+  using Connection = std::unique_ptr<virConnect, int (*)(virConnectPtr)>;
+  using Network = std::unique_ptr<virNetwork, int (*)(virNetworkPtr)>;
+  using Domain = std::unique_ptr<virDomain, int (*)(virDomainPtr)>;
+
+  SystemLibvirtd() {
+    std::ofstream("/etc/libvirt/qemu.conf")
+        << "stdio_handler = \"file\"\nuser = \"root\"\ngroup = \"root\"\nsecurity_driver = \"none\"\n"
+           "namespaces = []\ncgroup_controllers = []\ndynamic_ownership = 0\nremember_owner = 0\n";
+    std::ofstream("/etc/libvirt/libvirtd.conf") << "auth_unix_rw = \"none\"\nauth_unix_ro = \"none\"\n";
+    program_ =
+        std::make_unique<Process>(ProcessOptions{.argv = {"/usr/sbin/libvirtd", "--pid-file", "/run/libvirtd.pid"}});
+    // What an earlier one has left is there, and does not answer.
+    ::virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
+    const bool listens = Await([] { return Connection(::virConnectOpen(kUri), ::virConnectClose) != nullptr; }, 60s);
+    if (!listens) ADD_FAILURE() << "libvirtd does not listen: " << program_->errors();
+  }
+
+  void StartNetwork(const std::string& forward) const {
+    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
+    const std::string xml = "<network><name>inside</name>" + forward +
+                            "<bridge name='virbr7'/><ip address='198.51.100.1' netmask='255.255.255.0'/></network>";
+    const Network network(::virNetworkCreateXML(connection.get(), xml.c_str()), ::virNetworkFree);
+    ASSERT_TRUE(network) << ::virGetLastErrorMessage();
+  }
+  void StopNetwork() const {
+    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
+    const Network network(::virNetworkLookupByName(connection.get(), "inside"), ::virNetworkFree);
+    ASSERT_EQ(::virNetworkDestroy(network.get()), 0) << ::virGetLastErrorMessage();
+  }
+
+  std::string Log() const { return program_->errors(); }
+
+  // What a test has left, for the next one.
+  void Forget(const std::string& guest) const {
+    const LibvirtUser user(kUri);
+    (void)user.Destroy(guest);
+    (void)user.Undefine(guest);
+    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
+    const Network network(::virNetworkLookupByName(connection.get(), "inside"), ::virNetworkFree);
+    if (network) ::virNetworkDestroy(network.get());
+  }
+
+  // What `virsh domif-setlink` does.
+  void SetLink(const std::string& guest, const std::string& state) const {
+    const Connection connection(::virConnectOpen(kUri), ::virConnectClose);
+    const Domain domain(::virDomainLookupByUUIDString(connection.get(), guest.c_str()), ::virDomainFree);
+    ASSERT_TRUE(domain);
+    const std::unique_ptr<char, void (*)(void*)> text(::virDomainGetXMLDesc(domain.get(), 0), ::free);
+    const std::string xml = text.get();
+    const std::size_t begin = xml.find("<interface");
+    std::string interface = xml.substr(begin, xml.find("</interface>", begin) - begin);
+    if (const std::size_t link = interface.find("<link "); link != std::string::npos) {
+      interface.erase(link, interface.find('>', link) + 1 - link);
+    }
+    interface += "<link state='" + state + "'/></interface>";
+    ASSERT_EQ(::virDomainUpdateDeviceFlags(domain.get(), interface.c_str(), VIR_DOMAIN_AFFECT_LIVE), 0)
+        << ::virGetLastErrorMessage();
+  }
+
+ private:
+  std::unique_ptr<Process> program_;
+};
+
+class NetworkHealth : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string why_not = WhyNot();
+    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
+    RunTool({"ip", "link", "set", "lo", "up"});
+    GroundFiles files = HostPrograms();
+    files.user = GroundUser::kSame;
+    ground_ = std::make_unique<QemuGround>(files);
+    libvirtd_ = std::make_unique<SystemLibvirtd>();
+    QemuHostOptions options;
+    options.hypervisor = kUri;
+    host_ = std::make_unique<QemuHost>(*ground_, options);
+  }
+  void TearDown() override {
+    if (HasFailure() && host_) {
+      std::fprintf(stderr, "%s\n%s\n%s\n", host_->Log().c_str(), libvirtd_->Log().c_str(),
+                   Content("/var/log/libvirt/qemu/connected.log").c_str());
+    }
+    if (host_) host_->Power(kGuest, "poweroff");
+    host_.reset();
+    if (libvirtd_) libvirtd_->Forget(kGuest);
+    libvirtd_.reset();
+    ground_.reset();
+  }
+
+  static std::string WhyNot() {
+    std::string why_not = WhyNoNetworkNamespace();
+    if (why_not.empty()) why_not = WhyNoQemuGuests();
+    if (!why_not.empty()) return why_not;
+    if (!IsInstalled("/usr/sbin/libvirtd")) return "there is no libvirtd: install libvirt-daemon";
+    return IsInstalled("ip") ? "" : "there is no ip: install iproute2";
+  }
+
+  // A host that runs the guest on `network`.
+  void StartGuest(const std::string& network) {
+    HostGuest guest;
+    guest.id = kGuest;
+    guest.name = "connected";
+    guest.disks = 0;
+    host_->PutGuest(guest);
+    Json::Value nic(Json::objectValue);
+    nic["guest_id"] = kGuest;
+    nic["mac_address"] = "52:54:00:00:00:11";
+    nic["network_name"] = network;
+    host_->Put("vnic", kNic, nic);
+    host_->Start();
+    ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  }
+
+  // As `vexa guest status` shows it: "healthy", "warning network_unconnectable".
+  std::string Severity() const {
+    const auto status =
+        ParseJson(host_->Vexa({"guest", "status", kGuest, "--json", "--socket", ground_->folder() + "/s"}));
+    if (!status) return "no answer";
+    const std::string reason = json::String(json::Member(*status, "status_reason"));
+    return json::String(json::Member(*status, "status_type")) + (reason.empty() ? "" : " " + reason);
+  }
+  // Within what is promised.
+  void ExpectSoon(const std::string& severity, const std::string& after) const {
+    const auto begin = Clock::now();
+    std::string seen;
+    do {
+      seen = Severity();
+      if (seen == severity) break;
+      std::this_thread::sleep_for(100ms);
+    } while (Clock::now() - begin < kPromised);
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+    EXPECT_EQ(seen, severity) << after << ", guest " << host_->State(kGuest) << ", vnic "
+                              << json::ToText(host_->Record("vnic", kNic));
+    EXPECT_LE(took, kPromised) << after;
+    std::printf("%s: %s after %lld ms\n", after.c_str(), seen.c_str(), static_cast<long long>(took.count()));
+    std::fflush(stdout);
+  }
+  // The guest's own cable, which is the machine's.
+  void ExpectOwnCableCounts() {
+    libvirtd_->SetLink(kGuest, "down");
+    ExpectSoon(kUnconnectable, "the guest's own link is down");
+    libvirtd_->SetLink(kGuest, "up");
+    ExpectSoon(kHealthy, "the guest's own link is up");
+  }
+  void ExpectCableCounts(const Cable& cable) {
+    ExpectSoon(kHealthy, "the guest runs");
+    cable.PullOut();
+    ExpectSoon(kUnconnectable, "the cable is out");
+    cable.PlugIn();
+    ExpectSoon(kHealthy, "the cable is in");
+  }
+  void ExpectNothingIsLeft() {
+    ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
+    EXPECT_TRUE(Await([&] { return json::Member(host_->Record("vnic", kNic), "running").isNull(); }, kPromised))
+        << json::ToText(host_->Record("vnic", kNic));
+  }
+
+  static inline const std::string kNic = std::string("nic-") + kGuest;
+  std::unique_ptr<QemuGround> ground_;
+  std::unique_ptr<SystemLibvirtd> libvirtd_;
+  std::unique_ptr<QemuHost> host_;
+};
+
+TEST_F(NetworkHealth, BridgeWithAnUplink_IsAsTheCable) {
+  RunTool({"ip", "link", "add", "br0", "type", "bridge"});
+  RunTool({"ip", "link", "set", "br0", "up"});
+  const Cable cable("up0");
+  RunTool({"ip", "link", "set", "up0", "master", "br0"});
+  ASSERT_NO_FATAL_FAILURE(StartGuest("br0"));
+  ExpectCableCounts(cable);
+  ExpectOwnCableCounts();
+  const std::string tap = "vnet0";
+  RunTool({"ip", "link", "set", tap, "nomaster"});
+  ExpectSoon(kUnconnectable, "the guest's end was taken off the bridge");
+  RunTool({"ip", "link", "set", tap, "master", "br0"});
+  ExpectSoon(kHealthy, "the guest's end is on the bridge");
+  host_->Restart();
+  ExpectSoon(kHealthy, "the host was killed and started");
+  ExpectNothingIsLeft();
+  RunTool({"ip", "link", "delete", "br0"});
+}
+
+TEST_F(NetworkHealth, BridgeWithoutUplinks_IsPrivate) {
+  RunTool({"ip", "link", "add", "br1", "type", "bridge"});
+  RunTool({"ip", "link", "set", "br1", "up"});
+  ASSERT_NO_FATAL_FAILURE(StartGuest("br1"));
+  ExpectSoon(kHealthy, "the guest runs");
+  RunTool({"ip", "link", "set", "br1", "down"});
+  ExpectSoon(kUnconnectable, "the bridge is switched off");
+  RunTool({"ip", "link", "set", "br1", "up"});
+  ExpectSoon(kHealthy, "the bridge is switched on");
+  ExpectNothingIsLeft();
+  RunTool({"ip", "link", "delete", "br1"});
+}
+
+class NetworkOfLibvirt : public NetworkHealth,
+                         public testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(NetworkOfLibvirt, IsConnectedWhileItsBridgeIsUp) {
+  const bool is_nat = std::string(GetParam().first) == "Nat";
+  if (is_nat && !IsInstalled("iptables")) GTEST_SKIP() << SkipNotice("there is no iptables, which NAT needs");
+  ASSERT_NO_FATAL_FAILURE(libvirtd_->StartNetwork(GetParam().second));
+  ASSERT_NO_FATAL_FAILURE(StartGuest("inside"));
+  ExpectSoon(kHealthy, "the guest runs");
+  ExpectOwnCableCounts();
+  RunTool({"ip", "link", "set", "virbr7", "down"});
+  ExpectSoon(kUnconnectable, "the bridge of the network is switched off");
+  RunTool({"ip", "link", "set", "virbr7", "up"});
+  ExpectSoon(kHealthy, "the bridge of the network is switched on");
+  ASSERT_NO_FATAL_FAILURE(libvirtd_->StopNetwork());
+  ExpectSoon(kUnconnectable, "the network was stopped");
+}
+
+INSTANTIATE_TEST_SUITE_P(NetworkHealth, NetworkOfLibvirt,
+                         testing::Values(std::pair("Nat", "<forward mode='nat'/>"), std::pair("Isolated", "")),
+                         [](const auto& row) { return row.param.first; });
+
+// The datapath is in user space, which every kernel can run.
+class VirtualSwitch {
+ public:
+  static std::string WhyNot() {
+    return IsInstalled("ovs-vswitchd") ? "" : "there is no ovs-vswitchd: install openvswitch-switch";
+  }
+  VirtualSwitch() {
+    RunTool({"mkdir", "-p", "/run/openvswitch"});
+    RunTool({"ovsdb-tool", "create", "/run/openvswitch/conf.db", "/usr/share/openvswitch/vswitch.ovsschema"});
+    database_ = std::make_unique<Process>(ProcessOptions{
+        .argv = {"ovsdb-server", "/run/openvswitch/conf.db", "--remote=punix:/run/openvswitch/db.sock"}});
+    EXPECT_TRUE(Await([] { return ::access("/run/openvswitch/db.sock", F_OK) == 0; }, 30s));
+    RunTool({"ovs-vsctl", "--no-wait", "init"});
+    datapath_ = std::make_unique<Process>(ProcessOptions{.argv = {"ovs-vswitchd", "unix:/run/openvswitch/db.sock"}});
+  }
+  void AddBridge(const std::string& name) const {
+    RunTool({"ovs-vsctl", "--timeout=30", "add-br", name, "--", "set", "bridge", name, "datapath_type=netdev"});
+  }
+  void AddPort(const std::string& bridge, const std::string& port) const {
+    RunTool({"ovs-vsctl", "--timeout=30", "add-port", bridge, port});
+  }
+  void DeletePort(const std::string& bridge, const std::string& port) const {
+    RunTool({"ovs-vsctl", "--timeout=30", "del-port", bridge, port});
+  }
+
+ private:
+  std::unique_ptr<Process> database_;
+  std::unique_ptr<Process> datapath_;
+};
+
+TEST_F(NetworkHealth, BridgeOfTheVirtualSwitch_IsAsTheCableWhateverItsName) {
+  if (const std::string why_not = VirtualSwitch::WhyNot(); !why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
+  const VirtualSwitch virtual_switch;
+  const Cable cable("up1");
+  virtual_switch.AddBridge("lan");
+  virtual_switch.AddPort("lan", "up1");
+  ASSERT_NO_FATAL_FAILURE(StartGuest("lan"));
+  ExpectCableCounts(cable);
+  ExpectOwnCableCounts();
+  virtual_switch.DeletePort("lan", "up1");
+  ExpectSoon(kHealthy, "a bridge without uplinks is private");
+  virtual_switch.DeletePort("lan", "vnet0");
+  ExpectSoon(kUnconnectable, "the guest's end was taken off the bridge");
+  virtual_switch.AddPort("lan", "vnet0");
+  ExpectSoon(kHealthy, "the guest's end is on the bridge");
+  ExpectNothingIsLeft();
+}
+
+TEST_F(NetworkHealth, Macvtap_IsAsTheCable) {
+  const Cable cable("up2");
+  const std::string image = host_->DiskFolder() + "/boot.img";
+  RunTool({"cp", ground_->Image(GuestImage::kWithAgent), image});
+  const LibvirtUser user(kUri);
+  const std::string defined = user.Define(
+      std::string("<domain type='qemu'><name>direct</name><uuid>") + kGuest +
+      "</uuid><memory unit='MiB'>192</memory><vcpu>1</vcpu><os><type arch='x86_64' machine='q35'>hvm</type></os>"
+      "<devices><disk type='file' device='disk'><driver name='qemu' type='raw'/><source file='" +
+      image +
+      "'/><target dev='vda' bus='virtio'/></disk><interface type='direct'><mac address='52:54:00:00:00:11'/>"
+      "<source dev='up2' mode='bridge'/><model type='virtio'/></interface></devices></domain>");
+  ASSERT_EQ(defined, "");
+  if (const std::string refused = user.Start(kGuest); !refused.empty()) {
+    GTEST_SKIP() << SkipNotice("a guest on macvtap cannot be started: " + refused);
+  }
+  host_->Vexa({"import", "--all", kUri, "--data", ground_->folder() + "/data", "--host-id", host_->id(),
+               "--repository-id", kHostRepository});
+  host_->Start();
+  ExpectCableCounts(cable);
+  ExpectOwnCableCounts();
+}
+
+}  // namespace
+}  // namespace vexa::test
+
+int main(int argc, char** argv) {
+  vexa::test::EnterNetworkNamespace(argv);
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,63 @@
+// The states of guests on QEMU, and why they are off.
+#include "host/base/json_parse.h"
+#include "host/cluster/live_state.h"
+#include "tests/support/qemu_host_test.h"
+#include "tests/support/require.h"
+
+namespace vexa::test {
+namespace {
+
+constexpr char kGuest[] = "11111111-2222-4333-8444-000000000003";
+
+Json::Value Parsed(const std::string& text) { return Require(ParseJson(text)); }
+
+class QemuStates : public EmbeddedHostTest {
+ protected:
+  void MakeHost() override {
+    EmbeddedHostTest::MakeHost();
+    HostGuest guest;
+    guest.id = kGuest;
+    guest.name = "stateful";
+    host_->PutGuest(guest);
+    host_->Start();
+  }
+  // {"value", "forced"}; null without one.
+  Json::Value Reason() const {
+    const std::string text = host_->Stored(cluster::LiveRecordKey(kGuest));
+    return text.empty() ? Json::Value() : Parsed(text)["shutdown"];
+  }
+};
+
+TEST_F(QemuStates, KilledQemu_IsShownAsCrashedUntilTheNextStart) {
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  ASSERT_TRUE(host_->AwaitState(kGuest, "guest_running"));
+  EXPECT_TRUE(Reason().isNull());
+  KillQemus(ground_->folder());
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_crashed")) << host_->State(kGuest);
+  EXPECT_EQ(Reason(), Parsed(R"({"value":4,"forced":true})"));
+  host_->Restart();
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_crashed")) << host_->State(kGuest);
+  ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
+  ASSERT_TRUE(host_->AwaitState(kGuest, "guest_running"));
+  EXPECT_TRUE(Reason().isNull());
+  EXPECT_EQ(host_->Power(kGuest, "poweroff"), 0);
+  EXPECT_TRUE(host_->AwaitState(kGuest, "guest_shutdown")) << host_->State(kGuest);
+  EXPECT_EQ(Reason(), Parsed(R"({"value":3,"forced":true})"));
+}
+
+TEST_F(QemuStates, DiskThatIsMissing_IsShownAndKeepsTheGuestFromStarting) {
+  const std::string disk = QemuHost::DiskId(kGuest, 0);
+  const std::string file = host_->DiskFile(kGuest, 0);
+  const auto state = [&] { return host_->Stored("/dash/vdisk/" + disk + "/state"); };
+  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_online\""; }, kStatePatience)) << state();
+  std::filesystem::rename(file, file + ".away");
+  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_inaccessible\""; }, kStatePatience)) << state();
+  EXPECT_NE(host_->Power(kGuest, "poweron"), 0);
+  EXPECT_EQ(host_->State(kGuest), "guest_shutdown");
+  EXPECT_EQ(Reason(), Parsed(R"({"value":14,"forced":false})"));
+  std::filesystem::rename(file + ".away", file);
+  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_online\""; }, kStatePatience)) << state();
+}
+
+}  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,191 @@
+// The links of guests that are found out in the background, and who waits for them.
+#include "host/services/guest_links.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "host/cluster/environment.h"
+#include "host/cluster/live_state.h"
+#include "host/cluster/reading.h"
+#include "host/cluster/revisions.h"
+#include "host/store/key.h"
+#include "tests/support/require.h"
+#include "tests/support/test_host.h"
+#include "webapi/utils/json.h"
+
+namespace vexa::test {
+namespace {
+
+using namespace std::chrono_literals;
+using services::GuestLinks;
+using services::LinkWatcher;
+using services::LinkWatcherOptions;
+using Clock = GuestLinks::Clock;
+
+constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
+
+bool Eventually(const std::function<bool()>& holds) {
+  const auto end = Clock::now() + 30s;
+  while (!holds()) {
+    if (Clock::now() > end) return false;
+    std::this_thread::sleep_for(2ms);
+  }
+  return true;
+}
+
+GuestLinks Found() {
+  GuestLinks links;
+  links.connected[kGuest] = 1;
+  links.origin.asked = Clock::now();
+  return links;
+}
+
+// Questions that a test holds, lets fail, and counts.
+struct Questions {
+  std::atomic<int> begun = 0;
+  std::atomic<bool> held = false;
+  std::atomic<bool> fail = false;
+
+  LinkWatcherOptions Options() {
+    LinkWatcherOptions options;
+    options.interval = 20ms;
+    options.longest_wait = 300ms;
+    options.find = [this](const GuestLinks*) -> std::optional<GuestLinks> {
+      ++begun;
+      GuestLinks links = Found();
+      while (held) std::this_thread::sleep_for(1ms);
+      if (fail) return std::nullopt;
+      return links;
+    };
+    return options;
+  }
+};
+
+std::chrono::milliseconds TimeOf(const std::function<void()>& work) {
+  const auto begun = Clock::now();
+  work();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun);
+}
+
+TEST(LinkWatcher, FirstReader_GetsWhatIsFoundOutForIt) {
+  Questions questions;
+  LinkWatcher watcher(questions.Options());
+  EXPECT_EQ(questions.begun, 0) << "nobody wants to know";
+  EXPECT_EQ(watcher.Get()->connected.count(kGuest), 1u);
+}
+
+TEST(LinkWatcher, QuestionThatHangs_CostsItsFirstReaderALittleAndTheNextNothing) {
+  Questions questions;
+  questions.held = true;
+  LinkWatcher watcher(questions.Options());
+  const auto first = TimeOf([&] { EXPECT_TRUE(watcher.Get()->connected.empty()); });
+  EXPECT_GE(first, 290ms);
+  EXPECT_LT(first, 1000ms);
+  EXPECT_LT(TimeOf([&] {
+              for (int i = 0; i < 50; ++i) watcher.Get();
+            }),
+            200ms);
+  EXPECT_EQ(questions.begun, 1);
+  questions.held = false;
+  EXPECT_TRUE(Eventually([&] { return watcher.Get()->connected.contains(kGuest); }));
+}
+
+TEST(LinkWatcher, KnownLinks_AreNotWaitedForWhileTheNextQuestionHangs) {
+  Questions questions;
+  LinkWatcher watcher(questions.Options());
+  watcher.Get();
+  questions.held = true;
+  const int before = questions.begun;
+  EXPECT_TRUE(Eventually([&] { return questions.begun > before; }));
+  EXPECT_LT(TimeOf([&] { EXPECT_TRUE(watcher.Get()->connected.contains(kGuest)); }), 200ms);
+  questions.held = false;
+}
+
+TEST(LinkWatcher, FailedQuestion_IsNotWaitedForUntilTheNext) {
+  Questions questions;
+  questions.fail = true;
+  LinkWatcherOptions options = questions.Options();
+  options.interval = 1h;
+  LinkWatcher watcher(options);
+  EXPECT_TRUE(watcher.Get()->connected.empty());
+  EXPECT_LT(TimeOf([&] {
+              for (int i = 0; i < 50; ++i) watcher.Get();
+            }),
+            200ms);
+  EXPECT_EQ(questions.begun, 1);
+}
+
+TEST(LinkWatcher, WithoutReaders_NobodyIsAsked) {
+  Questions questions;
+  LinkWatcherOptions options = questions.Options();
+  options.idle_after = 50ms;
+  LinkWatcher watcher(options);
+  watcher.Get();
+  std::this_thread::sleep_for(200ms);
+  const int after = questions.begun;
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(questions.begun, after);
+  watcher.Get();
+  EXPECT_TRUE(Eventually([&] { return questions.begun > after; }));
+}
+
+TEST(LinkWatcher, Stop_WaitsForTheQuestionAndFreesReaders) {
+  Questions questions;
+  questions.held = true;
+  LinkWatcherOptions options = questions.Options();
+  options.longest_wait = 60s;
+  LinkWatcher watcher(options);
+  std::thread reader([&] { watcher.Get(); });
+  EXPECT_TRUE(Eventually([&] { return questions.begun == 1; }));
+  EXPECT_FALSE(watcher.Stop(50ms)) << "the question still hangs";
+  reader.join();
+  questions.held = false;
+  EXPECT_TRUE(watcher.Stop(30s));
+  watcher.Stop();
+  EXPECT_EQ(questions.begun, 1);
+}
+
+class KnownLinksTest : public ::testing::Test {
+ protected:
+  static void Put(const std::string& key, const std::string& text) {
+    (void)Require(cluster::CurrentEnvironment()->store->Commit({{}, {{key, text}}}));
+  }
+  static void PutNic() { Put(store::MakeKey({"dash", "vnic", "nic-1", "object"}), "{}"); }
+
+  TestHost host_;
+};
+
+TEST_F(KnownLinksTest, NoLink_IsNotKnownOnceTheGuestOrItsInterfacesHaveChanged) {
+  Put(cluster::LiveStateKey(kGuest), "\"running\"");
+  PutNic();
+  Json::Value record(Json::objectValue);
+  record["vnics"].append("nic-1");
+  GuestLinks links;
+  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::nullopt);
+  links.connected[kGuest] = 0;
+  links.origin.revision = Require(cluster::CurrentRevision());
+  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(0));
+  PutNic();
+  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::nullopt) << "plugged elsewhere";
+  links.origin.revision = Require(cluster::CurrentRevision());
+  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(0));
+  Put(cluster::LiveStateKey(kGuest), "\"running\"");
+  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::nullopt) << "started after the question";
+  links.connected[kGuest] = 2;
+  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(2));
+}
+
+TEST_F(KnownLinksTest, GuestOfAHostThatDidNotAnswer_IsJudgedByTheQuestionBefore) {
+  Put(cluster::LiveStateKey(kGuest), "\"running\"");
+  GuestLinks links;
+  links.connected[kGuest] = 0;
+  links.origin.revision = Require(cluster::CurrentRevision());
+  links.older[kGuest].revision = links.origin.revision - 1;
+  EXPECT_EQ(services::KnownLinks(links, kGuest, Json::Value(Json::objectValue)), std::nullopt);
+}
+
+}  // namespace
+}  // namespace vexa::test
