@@ -27,6 +27,7 @@ class ScriptedGuests final : public guests::GuestControl {
   Refused SetHost(const std::string& id, const std::string& host_id) override {
     return Note("hostset " + host_id, id, {});
   }
+  bool SettleFenced() override { return true; }
   Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
   std::optional<guests::RunningGuest> Running(const std::string&) override { return running; }
   bool IsControllable() const override { return is_controllable; }

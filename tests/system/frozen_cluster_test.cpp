@@ -6,8 +6,8 @@
 #include <fstream>
 #include <thread>
 
-#include "host/base/account_file.h"
 #include "host/base/files.h"
+#include "host/cluster/account_store.h"
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
 #include "tests/support/http_client.h"
@@ -63,12 +63,12 @@ class FrozenCluster : public TransportCluster {
   }
   // Who may use kOff, and is logged in on host 0.
   void AddUser() {
-    const auto accounts = Require(base::AccountFile::Open(Folder(0) + "/accounts.json"));
-    base::AccountFile::NewUser user;
+    cluster::AccountStore accounts(std::shared_ptr<store::Store>(&database(), [](store::Store*) {}));
+    cluster::AccountStore::NewUser user;
     user.name = "grace";
     user.password = kPassword;
-    Require(accounts->AddUser(user));
-    const std::string identifier = cluster::GuestAdminIdentifier("users", Require(accounts->FindUser("grace")).uid);
+    Require(accounts.AddUser(user));
+    const std::string identifier = cluster::GuestAdminIdentifier("users", Require(accounts.FindUser("grace")).uid);
     (void)Require(database().Commit({{},
                                      {{cluster::GuestAdminKey(identifier),
                                        R"({"authlevel":"user","guests":{")" + std::string(kOff) + "\":true}}"}}}));

@@ -198,7 +198,7 @@ TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   for (const Status& written :
        {RegisterHost(host_.store(), facts, system_clock::now(), claim.get()),
         UpdateHost(host_.store(), facts, {system_clock::now(), system_clock::now()}, claim.get()),
-        TouchHost(host_.store(), kHost, system_clock::now(), claim.get()),
+        TouchHost(host_.store(), kHost, system_clock::now(), "", claim.get()),
         LeaveHost(host_.store(), kHost, claim.get())}) {
     ASSERT_FALSE(written.ok());
     EXPECT_EQ(written.error().code(), ErrorCode::kDenied);

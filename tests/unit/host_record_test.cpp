@@ -250,7 +250,7 @@ class ChangingFacts {
 TEST(HostPresence, HostThatWasTakenForDead_GetsTheStateBackThatItFinds) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), milliseconds(1));
+  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   facts.Change([](HostFacts& all) { all.state = VexaCCC::State::Host::control_unavail; });
   facts.Await();
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::control_unavail);
