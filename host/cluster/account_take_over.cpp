@@ -13,6 +13,8 @@
 #include "host/base/account_file.h"
 #include "host/cluster/account_edit.h"
 #include "host/cluster/object_edit.h"
+#include "host/store/key.h"
+#include "webapi/platform/ccc.h"
 #include "webapi/utils/json.h"
 
 namespace vexa::cluster {
@@ -32,8 +34,9 @@ std::vector<std::uint32_t> SortedIds(const base::User& user) {
 // Puts one file into an edit of the accounts.
 class TakeOver {
  public:
-  TakeOver(const base::AccountFile& file, std::string path, AccountEdit& edit)
-      : file_(file.document), path_(std::move(path)), edit_(edit) {}
+  enum class MachineUids { kKept, kReplaced };
+  TakeOver(const base::AccountFile& file, std::string path, MachineUids machine_uids, AccountEdit& edit)
+      : file_(file.document), path_(std::move(path)), machine_uids_(machine_uids), edit_(edit) {}
 
   Status Run() {
     if (Status whole = edit_.CheckWhole(); !whole) return whole;
@@ -77,6 +80,8 @@ class TakeOver {
 
   // The id in the store for one of the file.
   Result<std::uint32_t> ChooseId(AccountKind kind, const std::string& name, std::uint32_t id) {
+    const bool is_machine_uid = kind == AccountKind::kUser && !IsOwnId(id);
+    if (is_machine_uid && machine_uids_ == MachineUids::kReplaced) return ReplaceMachineUid(name, id);
     if (free_.contains({kind, id})) {
       if (kind == AccountKind::kUser && !IsOwnId(id)) NoteMachineUid(name, id);
       return id;
@@ -87,6 +92,17 @@ class TakeOver {
     notes_.push_back("The " + what + " '" + name + "' of '" + path_ + "' has the id " + std::to_string(*chosen) +
                      " from now on, since the cluster has given the id " + std::to_string(id) +
                      " to somebody else. It has no grants: give them again with 'vexa " + what + " grant'");
+    return *chosen;
+  }
+
+  // On another machine of the cluster the id may be somebody else's, whom the Unix socket would take for this user.
+  Result<std::uint32_t> ReplaceMachineUid(const std::string& name, std::uint32_t id) {
+    const auto chosen = edit_.TakeId();
+    if (!chosen) return chosen.error();
+    notes_.push_back("The user '" + name + "' of '" + path_ + "' has the id " + std::to_string(*chosen) +
+                     " from now on, and not the machine's " + std::to_string(id) +
+                     ", which may be somebody else's on another host: the Unix socket does not know the user any more. "
+                     "It has no grants: give them again with 'vexa user grant'");
     return *chosen;
   }
 
@@ -179,6 +195,7 @@ class TakeOver {
 
   const base::AccountDocument& file_;
   const std::string path_;
+  const MachineUids machine_uids_;
   AccountEdit& edit_;
   std::set<Id> free_;                                         // ids of the file that were never given to anybody
   std::map<std::string, base::Group> groups_;                 // of the file, by name: what they are in the store
@@ -199,7 +216,11 @@ Result<store::Transaction> Plan(store::Store& store, const base::AccountFile& fi
   }
   auto edit = AccountEdit::Begin(**snapshot);
   if (!edit) return edit.error();
-  TakeOver take_over(file, path, *edit);
+  const auto hosts = (*snapshot)->Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
+  if (!hosts) return hosts.error();
+  // What is kept counts on all machines, so only where there has been one.
+  const bool is_alone = hosts->size() <= 1 && edit->accounts().users.empty();
+  TakeOver take_over(file, path, is_alone ? TakeOver::MachineUids::kKept : TakeOver::MachineUids::kReplaced, *edit);
   if (Status done = take_over.Run(); !done) return done.error();
   notes = take_over.notes();
   Json::Value marker(Json::objectValue);
@@ -235,7 +256,9 @@ Status TakeOverAccountFile(store::Store& store, const std::string& path, const T
   const Status committed = CommitPlanned(store, [&] { return Plan(store, *file, path, notes); });
   if (!committed) return committed;
   for (const std::string& sentence : notes) note(sentence);
-  return Rename(path);
+  // The marker in the store keeps it from being taken over twice.
+  if (const Status renamed = Rename(path); !renamed) note(renamed.error().ToString());
+  return {};
 }
 
 }  // namespace vexa::cluster

@@ -107,6 +107,14 @@ TEST_F(TakeOverTest, FileWithoutGroups_StillGivesTheWellKnownOnes) {
   EXPECT_TRUE(HasNote({"'Administrators'", "'administrators'", "'a'", "vexa user group"}));
 }
 
+// A user id of one machine is somebody else's on another, whom the Unix socket would take for this user.
+TEST_F(TakeOverTest, MachineUidOfASecondHost_IsReplaced) {
+  TakeOverFile(FileOf("", UserText("alice", 1900000002)));
+  TakeOverFile(FileOf("", UserText("bob", 1000)));
+  EXPECT_GT(UidOf("bob"), 1900000002u);
+  EXPECT_TRUE(HasNote({"user 'bob'", "1000", "somebody else's on another host", "Unix socket"}));
+}
+
 // The first user of the second host has the id of the first user of the first.
 TEST_F(TakeOverTest, SecondFile_IdIsSomebodyElses_GetsANewOneWithoutGrants) {
   TakeOverFile(FileOf("", UserText("alice", 1900000002)));
@@ -262,12 +270,13 @@ TEST(TakeOverProcesses, KilledAtAnyTime_LosesAndDoublesNobody) {
   options.directory = folder.Path("store");
   constexpr int kFiles = 12;
   constexpr int kUsers = 40;
+  constexpr std::uint32_t kFirst = 1'900'100'000;
   for (int file = 0; file < kFiles; ++file) {
     std::string users;
     for (int i = 0; i < kUsers; ++i) {
       const int number = file * kUsers + i;
       users += (i == 0 ? "" : ",") +
-               UserText("u" + std::to_string(number), 2000 + static_cast<std::uint32_t>(number), "", "!");
+               UserText("u" + std::to_string(number), kFirst + static_cast<std::uint32_t>(number), "", "!");
     }
     ASSERT_TRUE(WriteFileAtomically(path, FileOf("", users), 0600).ok());
     for (int tries = 0; tries < 100 && fs::exists(path); ++tries) {
@@ -288,7 +297,7 @@ TEST(TakeOverProcesses, KilledAtAnyTime_LosesAndDoublesNobody) {
   ASSERT_TRUE(users.ok());
   ASSERT_EQ(users->size(), static_cast<std::size_t>(kFiles * kUsers));
   for (const base::User& user : *users) {
-    EXPECT_EQ(user.name, "u" + std::to_string(user.uid - 2000)) << "the id of the file";
+    EXPECT_EQ(user.name, "u" + std::to_string(user.uid - kFirst)) << "the id of the file";
   }
 }
 
