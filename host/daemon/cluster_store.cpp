@@ -24,9 +24,10 @@ bool IsSameFolder(const std::string& a, const std::string& b) {
   return plain(a) == plain(b);
 }
 
-Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder) {
+Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder, store::PlaceCheck check) {
   store::LmdbOptions options;
   options.directory = folder;
+  options.place_check = check;
   return store::OpenLmdbStore(options);
 }
 
@@ -34,12 +35,16 @@ Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder) {
 
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config) {
   const std::string own = config.data_directory + "/store";
-  if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) return OpenFolder(own);
+  if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) {
+    // Without a copy nothing is won by giving a slow disk up.
+    return OpenFolder(own, store::PlaceCheck::kPath);
+  }
   store::MirrorOptions mirror;
   mirror.directory = config.data_directory + "/mirror";
   if (Status there = store::CheckPrimaryIsThere(config.store_directory, mirror.directory); !there) return there.error();
-  auto primary = OpenFolder(config.store_directory);
+  auto primary = OpenFolder(config.store_directory, store::PlaceCheck::kFile);
   if (!primary) return primary.error();
+  if (Status newer = store::CheckPrimaryIsNotOlder(**primary, mirror.directory); !newer) return newer.error();
   mirror.on_change = [caches = config.data_directory + "/cache"] {
     cluster::NoteConditionChanged();
     FindOutAgain(caches);

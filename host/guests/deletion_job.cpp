@@ -147,9 +147,11 @@ DeletionJob::Outcome DeletionJob::Lost() {
 // A commit whose failure was reported may have been made all the same, and then there is no way back.
 DeletionJob::Outcome DeletionJob::SettleFailedCommit(const Error& error) {
   const auto now = ReadNow();
-  if (!now) {
+  // While the database is lost, what is read is older than the commit.
+  const bool is_old = options_.store->health() == store::Health::kInaccessible;
+  if (!now || is_old) {
     LogFailure("Whether its records are deleted is unknown, so its files stay hidden until it is taken up again: " +
-               now.error().ToString());
+               (now ? error : now.error()).ToString());
     return Refuse(FailedBecause(error));
   }
   if (*now && (*now)->record && (*now)->record->stage == DeletionStage::kPurging) return Lost();

@@ -82,8 +82,11 @@ void WriteTransaction::Abort() {
   pass_.Leave();
 }
 
-LmdbEnvironment::LmdbEnvironment(std::string directory, std::size_t map_bytes)
-    : directory_(std::move(directory)), generation_(ForkGeneration()), map_bytes_(RoundUpToPage(map_bytes)) {}
+LmdbEnvironment::LmdbEnvironment(const LmdbOptions& options)
+    : directory_(options.directory),
+      place_check_(options.place_check),
+      generation_(ForkGeneration()),
+      map_bytes_(RoundUpToPage(options.initial_map_bytes)) {}
 
 LmdbEnvironment::~LmdbEnvironment() {
   if (!IsForked()) CloseFiles();
@@ -91,11 +94,11 @@ LmdbEnvironment::~LmdbEnvironment() {
 
 bool LmdbEnvironment::IsForked() const { return generation_ != ForkGeneration(); }
 
-Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const std::string& directory, std::size_t map_bytes) {
-  const Result<FolderId> folder = IdOfFolder(directory);
+Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const LmdbOptions& options) {
+  const Result<FolderId> folder = IdOfFolder(options.directory);
   if (!folder.ok()) return folder.error();
   return OpenOnce<LmdbEnvironment>(*folder, [&]() -> Result<std::unique_ptr<LmdbEnvironment>> {
-    std::unique_ptr<LmdbEnvironment> environment(new LmdbEnvironment(directory, map_bytes));
+    std::unique_ptr<LmdbEnvironment> environment(new LmdbEnvironment(options));
     if (Status opened = environment->OpenFiles(); !opened.ok()) return opened.error();
     if (Status remembered = environment->RememberPlace(); !remembered.ok()) return remembered.error();
     return environment;
@@ -140,7 +143,8 @@ Status LmdbEnvironment::RememberPlace() {
   if (mdb_env_get_fd(environment_, &fd) != 0 || ::fstat(fd, &info) != 0) {
     return LmdbError("Cannot look at the store in '" + directory_ + "'", errno);
   }
-  place_ = std::make_unique<StorePlace>(directory_ + "/data.mdb", FolderId(info.st_dev, info.st_ino));
+  place_ = std::make_unique<StorePlace>(directory_ + "/data.mdb", FolderId(info.st_dev, info.st_ino),
+                                        std::function<Status()>(), place_check_);
   return {};
 }
 

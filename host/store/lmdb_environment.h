@@ -62,9 +62,9 @@ class WriteTransaction {
 // Threads: any, at the same time.
 class LmdbEnvironment {
  public:
-  // `directory` exists. One per folder and process, because two would break each other's locks: while there is one,
+  // The folder exists. One per folder and process, because two would break each other's locks: while there is one,
   // opening the folder again gives the same.
-  static Result<std::shared_ptr<LmdbEnvironment>> Open(const std::string& directory, std::size_t map_bytes);
+  static Result<std::shared_ptr<LmdbEnvironment>> Open(const LmdbOptions& options);
   ~LmdbEnvironment();
   LmdbEnvironment(const LmdbEnvironment&) = delete;
   LmdbEnvironment& operator=(const LmdbEnvironment&) = delete;
@@ -102,7 +102,7 @@ class LmdbEnvironment {
  private:
   friend class ReadTransaction;
 
-  LmdbEnvironment(std::string directory, std::size_t map_bytes);
+  explicit LmdbEnvironment(const LmdbOptions& options);
   bool IsForked() const;
   Status OpenFiles();
   Status RememberPlace();
@@ -119,6 +119,7 @@ class LmdbEnvironment {
   void DropIdleReaders();
 
   const std::string directory_;
+  const PlaceCheck place_check_;
   const std::uint64_t generation_;
   std::size_t map_bytes_;                    // changed only while the gate is closed
   std::unique_ptr<const StorePlace> place_;  // never changed once the environment has been handed out

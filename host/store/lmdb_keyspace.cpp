@@ -34,7 +34,7 @@ std::size_t BytesOf(std::span<const RevisionedOperations> commits) {
 }  // namespace
 
 Result<std::unique_ptr<LmdbKeyspace>> LmdbKeyspace::Open(const LmdbOptions& options) {
-  auto environment = LmdbEnvironment::Open(options.directory, options.initial_map_bytes);
+  auto environment = LmdbEnvironment::Open(options);
   if (!environment.ok()) return environment.error();
   return std::unique_ptr<LmdbKeyspace>(
       new LmdbKeyspace(std::move(environment).value(), std::max<std::size_t>(options.change_log_length, 1)));

@@ -8,10 +8,17 @@
 
 namespace vexa::store {
 
+// How it is noticed that the files of an open store are gone; see store_place.h.
+enum class PlaceCheck {
+  kPath,  // another file, or none, is in their place
+  kFile,  // the same, and a file that cannot be read, or not within 1.5 s: for who has something else to read
+};
+
 struct LmdbOptions {
   std::string directory;                                 // created (0700) when missing; its files are 0600
   std::size_t initial_map_bytes = std::size_t{1} << 30;  // address space, not memory or disk; grows by itself
   std::size_t change_log_length = 100'000;               // commits that a watch can look back on
+  PlaceCheck place_check = PlaceCheck::kFile;
 };
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind.

@@ -289,4 +289,17 @@ Status CheckPrimaryIsThere(const std::string& primary_directory, const std::stri
                    mirror_directory + "'");
 }
 
+Status CheckPrimaryIsNotOlder(const Store& primary, const std::string& mirror_directory) {
+  if (!Exists(mirror_directory + kDataFile)) return {};
+  const auto copy = OpenCopy(mirror_directory);
+  if (!copy.ok()) return {};
+  const auto copied = (*copy)->Read();
+  const auto now = primary.Read();
+  if (!copied.ok() || !now.ok() || (*now)->revision() >= (*copied)->revision()) return {};
+  return Error(ErrorCode::kConflict,
+               "The cluster database is older than this host's copy of it: mount the right folder. If the database was "
+               "put back from a backup, or is to begin empty, remove the folder '" +
+                   mirror_directory + "'");
+}
+
 }  // namespace vexa::store

@@ -97,4 +97,8 @@ class MirroredStore final : public Store {
 // of one, in `mirror_directory`. A folder that is not mounted looks empty, and an empty store would be made in it.
 Status CheckPrimaryIsThere(const std::string& primary_directory, const std::string& mirror_directory);
 
+// An empty database that was made where the right one is not mounted, or an old one, would be copied over the last copy
+// of the right one. Errors: kConflict with what to do. Not an error: the copy cannot be read.
+Status CheckPrimaryIsNotOlder(const Store& primary, const std::string& mirror_directory);
+
 }  // namespace vexa::store

@@ -37,7 +37,8 @@ int ReadHead(const std::string& path) {
     const ssize_t got = failed_open == 0 ? ::pread(file.get(), head, sizeof head, 0) : -1;
     if (got == static_cast<ssize_t>(sizeof head)) return 0;
     const int code = failed_open != 0 ? failed_open : got < 0 ? errno : ENODATA;
-    if (code != EINVAL || flags == 0) return code;
+    // Past the cache it may be refused for reasons of its own, such as the number of files that are open.
+    if (flags == 0) return code;
   }
   return EINVAL;
 }
@@ -46,8 +47,8 @@ Error Gone(std::string what) { return Error(ErrorCode::kUnavailable, std::move(w
 
 }  // namespace
 
-StorePlace::StorePlace(std::string path, const FolderId& opened, std::function<Status()> look)
-    : path_(std::move(path)), opened_(opened), look_(std::move(look)) {}
+StorePlace::StorePlace(std::string path, const FolderId& opened, std::function<Status()> look, PlaceCheck check)
+    : path_(std::move(path)), opened_(opened), look_(std::move(look)), check_(check) {}
 
 Status StorePlace::Check() const {
   const Clock::time_point now = Clock::now();
@@ -59,7 +60,7 @@ Status StorePlace::CheckSlowly(Clock::time_point now) const {
   {
     const std::lock_guard lock(mutex_);
     if (looking_) {
-      if (now - look_began_ < kLongestLook) return found_;
+      if (check_ == PlaceCheck::kPath || now - look_began_ < kLongestLook) return found_;
       return Gone("The database file '" + path_ + "' does not answer: look after its disk or file server");
     }
     if (now < next_look_) return found_;
@@ -89,6 +90,7 @@ Status StorePlace::Look() const {
     return Gone("Another file is in the place of the database file '" + path_ +
                 "': put the one back that was there, or restart the service to use the new one");
   }
+  if (check_ == PlaceCheck::kPath) return {};
   if (const int code = ReadHead(path_); code != 0) {
     return SystemError(ErrorCode::kUnavailable, "The database file '" + path_ + "' cannot be read", code);
   }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "host/base/result.h"
+#include "host/store/lmdb_store.h"
 #include "host/store/open_once.h"
 
 namespace vexa::store {
@@ -25,7 +26,8 @@ class StorePlace {
   static constexpr std::chrono::milliseconds kLongestLook{1500};
 
   // `opened` is the file that is open. `look` is for tests; without it the file at `path` is looked at.
-  StorePlace(std::string path, const FolderId& opened, std::function<Status()> look = {});
+  StorePlace(std::string path, const FolderId& opened, std::function<Status()> look = {},
+             PlaceCheck check = PlaceCheck::kFile);
 
   // kUnavailable: the file is not there, is another one, cannot be read, or does not answer. At most kLookInterval old.
   Status Check() const;
@@ -38,6 +40,7 @@ class StorePlace {
   const std::string path_;
   const FolderId opened_;
   const std::function<Status()> look_;
+  const PlaceCheck check_;
   // What most callers read: until then the file counts as being in its place.
   mutable std::atomic<Clock::rep> in_place_until_{0};
   mutable std::mutex mutex_;
