@@ -92,15 +92,18 @@ FileState LookAtFile(const DiskFile& disk) {
   }
   if (S_ISBLK(info.st_mode)) return FileState::kFine;
   if (!S_ISREG(info.st_mode)) return FileState::kMissing;
-  const std::uint64_t wanted = disk.size_mib > UINT64_MAX / kMib ? UINT64_MAX : disk.size_mib * kMib;
-  if (!disk.is_qcow2) return static_cast<std::uint64_t>(info.st_size) < wanted ? FileState::kShort : FileState::kFine;
+  // An import rounds the size of an image up to whole MiB.
+  const std::uint64_t size_mib = disk.size_mib > 0 ? disk.size_mib - 1 : 0;
+  const std::uint64_t least =
+      size_mib >= UINT64_MAX / kMib ? UINT64_MAX : size_mib * kMib + (disk.size_mib > 0 ? 1 : 0);
+  if (!disk.is_qcow2) return static_cast<std::uint64_t>(info.st_size) < least ? FileState::kShort : FileState::kFine;
   // What is in the path's place by now may be a FIFO.
   const int file = ::open(disk.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) return FileState::kUnknown;
   const std::optional<std::uint64_t> size = Qcow2Size(file);
   ::close(file);
   if (!size) return FileState::kUnknown;
-  return *size < std::max<std::uint64_t>(wanted, 1) ? FileState::kShort : FileState::kFine;
+  return *size < std::max<std::uint64_t>(least, 1) ? FileState::kShort : FileState::kFine;
 }
 
 std::optional<std::string> DiskStateOf(std::string_view repository, std::optional<FileState> file,

@@ -43,7 +43,10 @@ void NoteDisk(const Json::Value& record, const std::string& key_segment, const s
   disk.id = std::move(*id);
   disk.guest_id = TextMember(record, keys::guest_id);
   disk.path = path;
-  disk.is_qcow2 = TextMember(record, keys::format) == "qcow2";
+  // As an edit decides it; "format" is the same for all.
+  constexpr int kTypeQcow2 = 2;
+  const std::string driver = TextMember(record, "driver");
+  disk.is_qcow2 = driver.empty() ? json::Int(json::Member(record, keys::type)) == kTypeQcow2 : driver == "qcow2";
   disk.size_mib = json::UInt64(json::Member(record, keys::size));
   disks.push_back(std::move(disk));
 }

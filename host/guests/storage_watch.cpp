@@ -247,9 +247,8 @@ Refused StorageWatch::RefuseStart(const std::string& repository_id) const {
   if (trouble.state == states::full) {
     return Refusal{kUnavailable, wrong + ". Make room in it, or move disks to another repository, and try again"};
   }
-  if (trouble.state == states::degraded) {
-    return Refusal{kUnavailable, wrong + ". Mount it so that it can be written and try again"};
-  }
+  // Intentional: read-only does not refuse. It is what this process sees, and a libvirt elsewhere may see another
+  // mount.
   return std::nullopt;
 }
 

@@ -143,8 +143,8 @@ class DiskWatch : public ::testing::Test {
     options.deadline = std::chrono::seconds(60);
     return options;
   }
-  void PutDisk(const std::string& id, std::uint64_t size_mib = 0) {
-    Json::Value record(Json::objectValue);
+  void PutDisk(const std::string& id, std::uint64_t size_mib = 0, const std::string& members = "{}") {
+    Json::Value record = test::Parsed(members);
     record["path"] = ground_.File("p/" + id);
     record["repository_id"] = kPool;
     record["size"] = static_cast<Json::UInt64>(size_mib);
@@ -166,7 +166,7 @@ TEST_F(DiskWatch, FilesOfDisks_AreTheirStatesAndOnlyChangesAreWritten) {
   test::WriteImage(ground_.File("p/d3"));
   PutDisk("d1");
   PutDisk("d2");
-  PutDisk("d3", 1);
+  PutDisk("d3", 2);
   StorageWatch watch(Options());
   watch.Refresh();
   EXPECT_EQ(StateOf("d1"), disks_are::online);
@@ -177,12 +177,35 @@ TEST_F(DiskWatch, FilesOfDisks_AreTheirStatesAndOnlyChangesAreWritten) {
   StorageWatch(Options()).Refresh();
   EXPECT_EQ(Revision(), before);
   test::WriteImage(ground_.File("p/d2"));
-  fs::resize_file(ground_.File("p/d3"), 1 << 20);
+  fs::resize_file(ground_.File("p/d3"), 2 << 20);
   fs::remove(ground_.File("p/d1"));
   watch.Refresh();
   EXPECT_EQ(StateOf("d1"), disks_are::inaccessible);
   EXPECT_EQ(StateOf("d2"), disks_are::online);
   EXPECT_EQ(StateOf("d3"), disks_are::online);
+}
+
+// Records have the format in "driver" or "type"; "format" is the same for all disks.
+TEST_F(DiskWatch, Qcow2Disks_AreMeasuredByTheirHeader) {
+  fs::create_directories(ground_.File("p"));
+  for (const char* id : {"d1", "d2", "d3"}) WriteQcow2(ground_.File("p/" + std::string(id)), 64 << 20);
+  PutDisk("d1", 64, R"({"format":2,"type":2,"driver":"qcow2"})");
+  PutDisk("d2", 64, R"({"format":2,"type":2})");
+  PutDisk("d3", 128, R"({"format":2,"type":2,"driver":"qcow2"})");
+  StorageWatch watch(Options());
+  watch.Refresh();
+  EXPECT_EQ(StateOf("d1"), disks_are::online);
+  EXPECT_EQ(StateOf("d2"), disks_are::online);
+  EXPECT_EQ(StateOf("d3"), disks_are::crashed);
+}
+
+TEST_F(DiskWatch, ImageOfNoWholeMiB_IsAsLongAsItsImportSays) {
+  test::WriteImage(ground_.File("p/d1"));
+  fs::resize_file(ground_.File("p/d1"), (2 << 20) + 512);
+  PutDisk("d1", 3);
+  StorageWatch watch(Options());
+  watch.Refresh();
+  EXPECT_EQ(StateOf("d1"), disks_are::online);
 }
 
 TEST_F(DiskWatch, StorageThatIsAway_IsTheStateOfAllItsDisksUntilItIsBack) {

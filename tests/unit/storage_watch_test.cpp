@@ -565,7 +565,7 @@ TEST_F(StorageStateTest, Warnings_DoNotReplaceAWorseStateOfAnAdministrator) {
   EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), text(repository::degraded));
 }
 
-TEST_F(StorageStateTest, FullOrReadOnly_RefusesStartsWithTheReason) {
+TEST_F(StorageStateTest, FullRefusesStartsWithTheReason_ReadOnlyDoesNot) {
   StorageWatch watch(ScriptedOptions());
   watch.Refresh();
   EXPECT_FALSE(watch.RefuseStart(kPool));
@@ -584,9 +584,7 @@ TEST_F(StorageStateTest, FullOrReadOnly_RefusesStartsWithTheReason) {
   Use(50);
   condition_.is_read_only = true;
   watch.Refresh();
-  refused = watch.RefuseStart(kPool);
-  ASSERT_TRUE(refused);
-  EXPECT_THAT(refused->reason, HasSubstr("is mounted read-only. Mount it so that it can be written and try again"));
+  EXPECT_FALSE(watch.RefuseStart(kPool)) << "a libvirt elsewhere may see a mount that can be written";
   EXPECT_FALSE(watch.RefuseStart(""));
   EXPECT_FALSE(watch.RefuseStart(kOther));
 }
