@@ -114,11 +114,13 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
     }
     transaction.compares.push_back(*observation.guard);
   }
+  const Json::Value reason_before = json::Member(live->record, "shutdown");
   Note(live->record, observation);
   PutObject(transaction, LiveRecordKey(guest_id), *live);
   std::string text = json::ToText(observation.state);
-  // Watchers of the state hear of changes only.
-  const bool is_same = before->has_value() && (*before)->text == text;
+  // Watchers of the state hear of changes only, of its reason as well.
+  const bool is_same =
+      before->has_value() && (*before)->text == text && reason_before == json::Member(live->record, "shutdown");
   if (!is_same) transaction.operations.push_back({LiveStateKey(guest_id), std::move(text)});
   return transaction;
 }

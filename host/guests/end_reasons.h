@@ -42,7 +42,9 @@ class EndReasons {
   cluster::ShutdownReason Of(const std::string& guest_id, Ended ended) const {
     using enum cluster::ShutdownCause;
     const Known known = Find(guest_id);
-    if (known.expected) return *known.expected;
+    // A guest that crashes after it was asked to shut down has crashed.
+    const bool was_asked = known.expected && known.expected->cause == kShutDown;
+    if (known.expected && !(was_asked && ended == Ended::kByCrash)) return *known.expected;
     if (ended == Ended::kByCrash) return {kCrashed, true};
     return {known.has_run ? kFromInside : kNotKnown, false};
   }

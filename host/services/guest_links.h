@@ -40,8 +40,8 @@ struct GuestLinks {
 };
 
 // What the links say about a guest: its bits, or nothing when they are not known, or it has no interfaces. That a guest
-// has no link is not known when its state or one of its interfaces has changed since the hosts were asked. `guest` is the guest's record.
-// Reads the store as the calling thread's request does.
+// has no link is not known when its state or one of its interfaces has changed since the hosts were asked. `guest` is
+// the guest's record. Reads the store as the calling thread's request does.
 std::optional<int> KnownLinks(const GuestLinks& links, const std::string& guest_id, const Json::Value& guest);
 
 struct LinkWatcherOptions {

@@ -111,18 +111,18 @@ std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states) {
        .version = 1,
        .access = Access::kUser,
        .lane = LaneKind::kQuick,
-           .handler = [&states](const Call& call) { List(states, call); },
-           .summary = "The guests that the caller may use: id, name, host, state and severity now, and how old that is.",
+       .handler = [&states](const Call& call) { List(states, call); },
+       .summary = "The guests that the caller may use: id, name, host, state and severity now, and how old that is.",
        .parameters = {},
        .errors = {kErrorUnreadable}},
       {.api = "VEXA.Virtualization.Guest",
        .method = "status",
        .version = 1,
        .access = Access::kUser,
-           .lane = LaneKind::kQuick,
-           .handler = [&states](const Call& call) { Status(states, call); },
-           .summary = "One guest's state now, with severity, reason and age, those of its disks, why it is off, and its "
-                      "high availability.",
+       .lane = LaneKind::kQuick,
+       .handler = [&states](const Call& call) { Status(states, call); },
+       .summary = "One guest's state now, with severity, reason and age, those of its disks, why it is off, and its "
+                  "high availability.",
        .parameters = {Text("guest_id", "The guest's id, a UUID.")},
        .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
 }

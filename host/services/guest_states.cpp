@@ -69,7 +69,7 @@ Result<GuestListing> GuestStates::ListWith(std::shared_ptr<const GuestLinks> lin
   if (Status collected = Collect(changes); !collected) return collected.error();
   cluster::RequestScope::ReleaseSnapshot();
   const bool was_frozen = std::exchange(is_frozen_, IsFrozen());
-  // While it is frozen, what a host sees of its own guests is not in the store, so no change tells of it.
+  // While it is frozen, what a host sees of its own guests is not in the store, so no change shows it.
   if (was_frozen || is_frozen_) changes.is_everything = true;
   if (Status listed = ListIds(changes); !listed) return listed.error();
   if (Status compared = CompareLives(changes); !compared) return compared.error();
@@ -90,22 +90,25 @@ Result<GuestListing> GuestStates::ListWith(std::shared_ptr<const GuestLinks> lin
   return GuestListing{listed_, lives_, judged_by_, version_};
 }
 
+Status GuestStates::BeginAgain(Changes& changes) {
+  const Result<store::Revision> current = cluster::CurrentRevision();
+  if (!current) return current.error();
+  changes.is_everything = true;
+  pending_ = *current;
+  return {};
+}
+
 // Until there is nothing newer. What was collected counts as in although a later step may fail: then everything is
 // derived the next time.
 Status GuestStates::Collect(Changes& changes) {
   const cluster::Environment* const environment = cluster::CurrentEnvironment();
   if (!environment) return Error(ErrorCode::kUnavailable, "The cluster database is not open");
   std::optional<store::Revision> revision = std::exchange(revision_, std::nullopt);
-  if (!revision) {
-    const Result<store::Revision> current = cluster::CurrentRevision();
-    if (!current) return current.error();
-    changes.is_everything = true;
-    pending_ = *current;
-    return {};
-  }
+  if (!revision) return BeginAgain(changes);
   while (true) {
     const auto batch = environment->store->Watch(kWatched, *revision, std::chrono::milliseconds(0));
-    if (!batch) return batch.error();
+    // The log of changes is lost with the database, while its copy can be read.
+    if (!batch) return BeginAgain(changes);
     revision = batch->revision;
     changes.is_everything = changes.is_everything || batch->lost;
     for (const store::Change& change : batch->changes) Note(change, changes);

@@ -55,6 +55,7 @@ class GuestStates {
   struct Changes;
 
   Status Collect(Changes& changes);
+  Status BeginAgain(Changes& changes);
   void Note(const store::Change& change, Changes& changes) const;
   Status CompareLives(Changes& changes);
   void CompareLinks(const std::shared_ptr<const GuestLinks>& links, Changes& changes) const;

@@ -113,6 +113,10 @@ TEST(GuestStates, StatusOfARunningGuestWithoutLinks_IsAWarning) {
   TestDaemon daemon;
   PutRepository(states::Repo::online);
   PutGuest(kOther, states::Guest::running);
+  EXPECT_EQ(StatusOf(daemon.TcpAs("admin"), kOther)["status_type"], "healthy") << "it has no interface";
+  Json::Value record(Json::objectValue);
+  record["vnics"].append("nic-without-a-link");
+  PutGuest(kOther, states::Guest::running, record);
   const Json::Value status = StatusOf(daemon.TcpAs("admin"), kOther);
   EXPECT_EQ(status["status"], "running");
   EXPECT_EQ(status["status_type"], "warning");

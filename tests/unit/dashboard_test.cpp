@@ -53,7 +53,7 @@ TEST_F(DashboardTest, GuestsRecord_TellsItsLiveState) {
   put_state("repository", R"("repo_full")");
   Json::Value other;
   EXPECT_EQ(Dashboard(DashCate::Repository, "g").Get(other, VexaCCC::DB::_k::object), 0);
-  EXPECT_EQ(other["state"], "repo_online") << "of guests alone";
+  EXPECT_EQ(other["state"], "repo_full") << "as who reads the key alone is answered";
   host_.PutText("guest", "g", "[]");
   EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(other, VexaCCC::DB::_k::object), 0);
   EXPECT_EQ(other, Parsed("[]"));

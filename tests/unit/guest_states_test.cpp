@@ -49,6 +49,7 @@ class GuestStatesTest : public ::testing::Test {
     record["host_id"] = host_id;
     record["repository_id"] = kRepository;
     record["state"] = state;
+    record["vnics"].append(std::string("nic of ") + id);
     host_.Put("guest", id, record);
   }
   static void PutSeen(const char* host_id, system_clock::time_point time) {
