@@ -18,15 +18,20 @@ std::atomic<std::uint64_t> condition_changes{0};
 void NoteConditionChanged() { ++condition_changes; }
 
 store::Health ClusterStatus::HealthOf(const store::Store& store, std::chrono::seconds max_age) {
-  const std::lock_guard lock(mutex_);
   const auto now = std::chrono::steady_clock::now();
   const std::uint64_t changes = condition_changes;
-  if (!health_ || changes != changes_seen_ || now - found_ >= std::min(max_age, kStatusAge)) {
-    health_ = store.health();
-    found_ = now;
-    changes_seen_ = changes;
+  {
+    const std::lock_guard lock(mutex_);
+    const bool is_new = health_ && changes == changes_seen_ && now - found_ < std::min(max_age, kStatusAge);
+    if (is_new) return *health_;
   }
-  return *health_;
+  // A disk that hangs delays whoever asks it, and nobody else.
+  const store::Health health = store.health();
+  const std::lock_guard lock(mutex_);
+  health_ = health;
+  found_ = now;
+  changes_seen_ = changes;
+  return health;
 }
 
 }  // namespace vexa::cluster

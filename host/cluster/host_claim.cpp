@@ -109,7 +109,8 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   const auto seen = LoadObject(**snapshot, seen_key);
   if (!seen && seen.error().code() != ErrorCode::kCorrupt) return seen.error();
   const store::Revision seen_revision = seen ? seen->revision : 0;
-  const bool is_new = claim->revision == 0;
+  // A claim without a token was begun by somebody who took guests from a host of an older version.
+  const bool is_new = TextMember(claim->record, "token").empty() && !IsForgotten(claim->record);
   const bool is_same = is_new || IsOfMachine(claim->record, options_.identity);
   const bool is_same_boot =
       is_same && !options_.identity.boot.empty() && TextMember(claim->record, "boot") == options_.identity.boot;
@@ -127,8 +128,11 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   if (!is_same_boot) claim->record["booted"] = static_cast<Json::UInt64>(incarnation);
   claim->record["token"] = token_;
   claim->record["place"] = options_.identity.place;
-  claim->record["addresses"] = Json::Value(Json::arrayValue);
-  for (const std::string& address : options_.identity.addresses) claim->record["addresses"].append(address);
+  // Cards that cannot be read this time are those that were read before.
+  if (!is_same || !options_.identity.addresses.empty()) {
+    claim->record["addresses"] = Json::Value(Json::arrayValue);
+    for (const std::string& address : options_.identity.addresses) claim->record["addresses"].append(address);
+  }
   claim->record["boot"] = options_.identity.boot;
   claim->record["name"] = options_.identity.name;
   claim->record["since"] = static_cast<Json::Int64>(
@@ -222,6 +226,10 @@ Status HostClaim::Renew() {
     if (!claim) return claim.error();
     if (IsForgotten(claim->record)) return Forgotten(options_.host_id, claim->record);
     if (TextMember(claim->record, "token") != token_) return OtherMachine(options_.host_id, claim->record);
+    // What was taken while the rest was being settled comes first.
+    const auto left = (*snapshot)->Children(store::MakeKey({"fence", options_.host_id}));
+    if (!left) return left.error();
+    if (!left->empty()) return Error(ErrorCode::kBusy, "More guests were taken from this host meanwhile");
     const std::uint64_t incarnation = FenceClaim(claim->record);
     store::Transaction transaction;
     PutObject(transaction, key, *claim);
@@ -243,12 +251,13 @@ Status HostClaim::Release() {
   Result<StoredObject> claim = LoadObject(**snapshot, key);
   if (!claim) return claim.error();
   if (TextMember(claim->record, "token") != token_) return {};
+  const bool is_held = claim->revision == revision_;
   claim->record["released"] = true;
   store::Transaction transaction;
   PutObject(transaction, key, *claim);
   const Result<store::Revision> committed = options_.store->Commit(transaction);
   if (!committed) return committed.error();
-  revision_ = *committed;
+  if (is_held) revision_ = *committed;
   return {};
 }
 

@@ -5,8 +5,8 @@
 // commits about power and states compares the claim, so a daemon that was stopped, or cut off, while others went on
 // changes nothing afterwards: it has to look at what was taken from it and to renew its claim first.
 //
-// A copy of a machine has its host id as well. It is told apart by the place of the data folder (the inode and the time
-// of birth of its file "host-id", which a restart keeps and a copy does not) and by the addresses that the network
+// A copy of a machine has its host id as well. It is distinguished by the place of the data folder (the inode and the
+// time of birth of its file "host-id", which a restart keeps and a copy does not) and by the addresses that the network
 // cards were made with; a machine of which one of them is known and the same has only changed its other cards.
 #pragma once
 

@@ -1,9 +1,11 @@
 #include "host/cluster/host_life.h"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "host/cluster/environment.h"
+#include "host/cluster/environment_internal.h"
 #include "host/cluster/host_claim_record.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
@@ -44,6 +46,18 @@ system_clock::time_point TimeOf(const Json::Value& seen) {
   return system_clock::time_point(std::chrono::seconds(count));
 }
 
+// When the database was found lost last, as the steady clock counts; 0: never.
+std::atomic<std::chrono::steady_clock::rep> last_lost{0};
+
+bool WasDatabaseLost(const Environment& environment) {
+  const auto now = std::chrono::steady_clock::now();
+  if (CurrentClusterStatus().HealthOf(*environment.store, kPresenceWindow) == store::Health::kInaccessible) {
+    NoteDatabaseLost();
+  }
+  const auto lost = last_lost.load();
+  return lost != 0 && now.time_since_epoch() - std::chrono::steady_clock::duration(lost) < kPresenceWindow;
+}
+
 // Whether the guest has something on its host that goes on, or waits, without anybody's doing.
 bool IsHeldByItsHost(std::string_view state) {
   return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == states::Guest::freeze ||
@@ -58,9 +72,12 @@ bool IsSignOfLife(const Json::Value& seen, system_clock::time_point now) {
   return age <= kPresenceWindow && -age <= kPresenceWindow;
 }
 
+void NoteDatabaseLost() { last_lost = std::chrono::steady_clock::now().time_since_epoch().count(); }
+
 Result<HostLife> LifeOf(const std::string& host_id) {
   const Environment* environment = CurrentEnvironment();
   if (environment && host_id == environment->host_id) return HostLife();
+  if (environment && WasDatabaseLost(*environment)) return HostLife();
   const Result<Record> seen = ReadIntact(HostKey(host_id, "seen"));
   if (!seen) return seen.error();
   if (!*seen) {

@@ -31,6 +31,10 @@ struct HostLife {
 // Errors: what the store says. Damaged records count as absent.
 Result<HostLife> LifeOf(const std::string& host_id);
 
+// Nobody could write signs of life while the cluster database was lost, so none of them counts as missing until hosts
+// have had the time to write them again. Whoever finds the database lost notes it.
+void NoteDatabaseLost();
+
 // Whether the time in a record of kind "seen" is a sign of life now. Clocks differ: a time ahead is judged as one
 // behind.
 bool IsSignOfLife(const Json::Value& seen, std::chrono::system_clock::time_point now);

@@ -196,7 +196,13 @@ bool HostPresence::MayWrite() {
     Complain(standing.error());
     return false;
   }
-  if (*standing == Standing::kHeld) return true;
+  // What is read while the database is lost is a copy's, and nothing can be written.
+  if (store_->health() == store::Health::kInaccessible) {
+    NoteDatabaseLost();
+    return *standing == Standing::kHeld;
+  }
+  // After a start as well: what was taken from the host before it is ended before the host is shown as alive.
+  if (*standing == Standing::kHeld) return !options_.settle_fenced || options_.settle_fenced();
   Status renewed = Error(ErrorCode::kDenied, "Another vexad has taken this host's id, or the host was removed");
   if (*standing == Standing::kFenced) {
     if (!std::exchange(is_settling_, true)) {
@@ -215,8 +221,10 @@ bool HostPresence::MayWrite() {
       Complain(renewed.error());
       return false;
     }
-  } else if (Status why = options_.claim->Renew(); !why) {
-    renewed = std::move(why);
+  } else {
+    // Also a host that was removed ends what others have now.
+    if (options_.settle_fenced) (void)options_.settle_fenced();
+    if (Status why = options_.claim->Renew(); !why) renewed = std::move(why);
   }
   is_lost_ = true;
   if (options_.on_lost) options_.on_lost(renewed.error().ToString());

@@ -17,7 +17,9 @@
 #include "host/cluster/account_take_over.h"
 #include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
+#include "host/cluster/host_claim_record.h"
 #include "host/cluster/host_record.h"
+#include "host/cluster/object_edit.h"
 #include "host/cluster/reading.h"
 #include "host/daemon/cache_refresh.h"
 #include "host/daemon/cluster_store.h"
@@ -36,6 +38,7 @@
 #include "host/daemon/request_id.h"
 #include "host/daemon/session_api.h"
 #include "host/daemon/sessions.h"
+#include "host/guests/fenced_machines.h"
 #include "host/guests/guest_control.h"
 #include "host/services/compound_api.h"
 #include "host/services/gone_host.h"
@@ -54,6 +57,7 @@
 #include "host/webapi/error_table.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
+#include "webapi/utils/json.h"
 
 namespace vexa::daemon {
 namespace {
@@ -113,7 +117,12 @@ constexpr std::chrono::milliseconds kTimeToAnswer{2000};
 Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config,
                                                             const std::shared_ptr<store::Store>& store) {
   const auto source = config.accounts == "pam" ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
-  if (Status noted = cluster::NoteAccountSource(config.data_directory, source); !noted) return noted.error();
+  if (cluster::KnownAccountSource(config.data_directory) != source) {
+    const Status noted = cluster::NoteAccountSource(config.data_directory, source);
+    if (!noted) {
+      ::syslog(LOG_ERR, "The command line does not know where accounts are: %s", noted.error().ToString().c_str());
+    }
+  }
   if (source == cluster::AccountSource::kPam) {
     base::PamOptions options;
     options.service = config.pam_service;
@@ -271,6 +280,23 @@ class Daemon::Impl {
     return {};
   }
 
+  // A host that was removed from the cluster does not start, but its machines may have gone on.
+  void EndTakenMachines(const Config& config, const std::string& place) {
+    if (config.hypervisor == "none") return;
+    const auto snapshot = store_->Read();
+    if (!snapshot) return;
+    const auto claim = cluster::LoadObject(**snapshot, cluster::HostClaimKey(host_id_));
+    if (!claim || !cluster::IsForgotten(claim->record)) return;
+    if (VexaVirtualization::json::Member(claim->record, "place") != Json::Value(place)) return;
+    hypervisor::HypervisorOptions options;
+    options.mode = config.hypervisor;
+    options.root = config.hypervisor_root;
+    const Status ended = guests::EndFencedMachines(*store_, host_id_, std::move(options));
+    if (ended) return;
+    ::syslog(LOG_CRIT, "Machines of guests that were taken from this host may still run here: %s",
+             ended.error().ToString().c_str());
+  }
+
   // Before anything is written: a copy of another host changes nothing.
   Status ClaimHost(const Config& config) {
     cluster::ClaimOptions options;
@@ -280,8 +306,12 @@ class Daemon::Impl {
     Result<cluster::ClaimIdentity> identity = IdentityOfHost(config.data_directory);
     if (!identity) return identity.error();
     options.identity = std::move(*identity);
+    const std::string place = options.identity.place;
     auto claim = cluster::HostClaim::Take(std::move(options));
-    if (!claim) return claim.error();
+    if (!claim) {
+      EndTakenMachines(config, place);
+      return claim.error();
+    }
     claim_ = std::move(*claim);
     return {};
   }

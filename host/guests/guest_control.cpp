@@ -207,6 +207,8 @@ void LibvirtGuestControl::MaintainOnce() {
     storage_->Refresh();
     next_refresh_ = now + kStorageInterval;
   }
+  // What is read while the database is lost is a copy's, and may be old: no file and no definition is touched by it.
+  if (options_.store->health() == store::Health::kInaccessible) return;
   deletion_.RemoveLeftovers();
   RemoveDefinitions();
   FinishBegun();

@@ -80,6 +80,8 @@ class LibvirtGuestControl final : public GuestControl {
   // guest_fence.cpp
   // 949 once others have taken this host for gone and it has not settled that yet.
   Refused RefuseStale() const;
+  // 949 while what this host had of a guest that was taken from it has not been ended.
+  Refused RefuseFenced(const std::string& guest_id) const;
   // Makes a commit depend on this host's claim.
   void AddGuard(store::Transaction& transaction) const;
   // Ends the guest's machine when the guest was taken from this host, and removes the note of that.

@@ -30,6 +30,17 @@ void LibvirtGuestControl::AddGuard(store::Transaction& transaction) const {
   if (options_.claim) transaction.compares.push_back(options_.claim->Guard());
 }
 
+Refused LibvirtGuestControl::RefuseFenced(const std::string& guest_id) const {
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return RefusalOf(snapshot.error());
+  const auto note = (*snapshot)->Get(cluster::FenceKey(options_.host_id, guest_id));
+  if (!note) return RefusalOf(note.error());
+  if (!*note) return {};
+  return Refusal{kUnavailable,
+                 "The guest was taken from this host while it was gone, and what this host had of it "
+                 "could not be ended yet; the system log has the reason"};
+}
+
 bool LibvirtGuestControl::SettleFenced() {
   const auto guest_ids = cluster::FencedGuests(*options_.store, options_.host_id);
   if (!guest_ids) {

@@ -7,6 +7,7 @@
 
 #include "host/cluster/host_claim_record.h"
 #include "host/cluster/reading.h"
+#include "host/cluster/unstored_states.h"
 #include "host/guests/guest_control_impl.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -78,6 +79,11 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       if (!is_ours) return is_ours.error();
       if (!*is_ours) return {};
       ends_by_.NoteRun(guest_id);
+      // A start that was refused since the guest ran, or before that was known, is not why it ends one day.
+      if (const auto expected = ends_by_.Expected(guest_id);
+          expected && expected->cause >= cluster::ShutdownCause::kNoResources) {
+        ends_by_.Cancel(guest_id);
+      }
       const char* const word = *state == GuestState::kPaused                     ? states::freeze
                                : is_asked || *state == GuestState::kShuttingDown ? states::shutting_down
                                                                                  : states::running;
@@ -262,6 +268,8 @@ Status LibvirtGuestControl::ObserveEnd(const std::string& guest_id, const std::o
 Status LibvirtGuestControl::Observe(const std::string& guest_id, const std::string& state, cluster::Sequence sequence,
                                     const std::optional<cluster::ShutdownReason>& shutdown) {
   if (StoredState(guest_id) == state) {
+    // What was seen while the database was lost has passed.
+    cluster::ForgetUnstoredState(guest_id);
     if (!shutdown) return {};
     const auto known = cluster::ReadShutdown(guest_id);
     if (known && *known == shutdown) return {};

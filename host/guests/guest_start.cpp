@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/cluster/host_claim_record.h"
 #include "host/cluster/object_edit.h"
 #include "host/cluster/reading.h"
 #include "host/guests/deletion_plan.h"
@@ -103,6 +104,7 @@ Refused LibvirtGuestControl::Prepare(const std::string& guest_id, Starting& star
   if (state && IsActive(*state)) return Refusal{kRunsAlready, "The guest runs"};
   // What an earlier run has left goes first, and is noted in the record.
   Look(guest_id);
+  if (Refused fenced = RefuseFenced(guest_id)) return fenced;
   if (Refused unreadable = read()) return unreadable;
   auto definition = hypervisor_->DefinitionOf(guest_id);
   if (!definition && definition.failure().problem() != Problem::kNoSuchGuest) return RefusalOf(definition.failure());
@@ -168,7 +170,10 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   run.pinned_cpus = std::move(rating.pinned_cpus);
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), *stored ? (*stored)->revision : 0}};
-  for (const std::string& key : {DeletionKey(guest_id), EditKey(guest_id)}) transaction.compares.push_back({key, 0});
+  for (const std::string& key :
+       {DeletionKey(guest_id), EditKey(guest_id), cluster::FenceKey(options_.host_id, guest_id)}) {
+    transaction.compares.push_back({key, 0});
+  }
   AddGuard(transaction);
   transaction.operations = {{RunKey(guest_id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();
@@ -176,6 +181,7 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   if (committed) return {};
   if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());
   if (Refused stale = RefuseStale()) return stale;
+  if (Refused fenced = RefuseFenced(guest_id)) return fenced;
   if (Refused deleted = DeletionUnderWay(*options_.store, guest_id)) return deleted;
   if (Refused edited = EditUnderWay(*options_.store, guest_id)) return edited;
   if (Refused taken = RefuseTaken(guest_id)) return taken;

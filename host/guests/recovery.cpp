@@ -184,7 +184,11 @@ class Recovery {
       return Refusal{kSavedMemoryLost, "The guest's saved memory is on " + host +
                                            " and would be lost: confirm that it is to be discarded"};
     }
-    const bool is_proved = run.incarnation != 0 && run.incarnation < cluster::BootedIncarnationOf(claim.record);
+    // libvirt starts an imported guest with the host's machine where its owner wanted that.
+    const auto imported = snapshot.Get(DomainKey(request_.guest_id));
+    const bool may_have_started = !imported || *imported;
+    const bool is_proved =
+        !may_have_started && run.incarnation != 0 && run.incarnation < cluster::BootedIncarnationOf(claim.record);
     if (run.saved || is_proved || request_.machine == MachineIs::kConfirmedOff) return {};
     return Refusal{kNotConfirmed, "The guest's machine may still run on " + host +
                                       ", and two machines on the same disks destroy them: make sure that the host's "

@@ -42,7 +42,8 @@ struct Rating {
 //   927       too many virtual CPUs; also a record whose number of them is none from 1 to 512
 //   917       one for each network that is missing
 //   928       too little memory; also a record that does not say how much
-//   949       the hypervisor is not connected; the repository cannot be used (see IsUsableRepository); one for each disk whose
+//   949       the hypervisor is not connected; the repository cannot be used (see IsUsableRepository); one for each
+//   disk whose
 //             file is missing
 //   942       too many processors are set apart for other guests
 // Of a host that is not connected nothing is known but its id: 942, 927 and 928 are of what records say wrongly then,

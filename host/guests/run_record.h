@@ -1,6 +1,7 @@
 // Which host has which guest, and which guest is being deleted.
 //
-//   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "state_before" (while starting),
+//   /run/<guest id>       {"host_id", "incarnation", "since" (Unix seconds), "starting", "state_before" (while
+//   starting),
 //                         "saved", "vcpus", "memory_mib", "pinned_cpus": [0, …]}
 //                         from before the guest is defined for the hypervisor of its host until it is off and its
 //                         memory is nowhere: a guest that libvirt saved still belongs to the host that has its memory

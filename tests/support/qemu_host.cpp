@@ -113,9 +113,8 @@ std::vector<std::string> QemuHost::Arguments() const {
           "stderr"};
 }
 
-void QemuHost::Start() {
+void QemuHost::Launch() {
   const std::string log = LogFile();
-  const std::size_t before = Log().size();
   const std::string program = ground_.Program("vexad");
   std::vector<std::string> words = Arguments();
   std::vector<char*> argv;
@@ -132,12 +131,28 @@ void QemuHost::Start() {
     ::execv(program.c_str(), argv.data());
     ::_exit(127);
   }
+}
+
+void QemuHost::Start() {
+  const std::size_t before = Log().size();
+  Launch();
   const auto end = Clock::now() + kGuestPatience;
   while (Log().find("Ready.", before) == std::string::npos) {
     if (::waitpid(pid_, nullptr, WNOHANG) != 0) Fail("The host has ended: " + Log().substr(before));
     if (Clock::now() > end) Fail("The host does not become ready: " + Log().substr(before));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+}
+
+int QemuHost::StartInVain() {
+  Launch();
+  int status = 0;
+  if (!Await([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; })) {
+    Kill();
+    return -1;
+  }
+  pid_ = 0;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void QemuHost::Kill() {

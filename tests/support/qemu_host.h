@@ -69,6 +69,8 @@ class QemuHost {
 
   // A test that goes on without a host makes no sense: the test program ends when it does not become ready.
   void Start();
+  // For a host that must not start. Its exit code; -1 when it had to be killed.
+  int StartInVain();
   // As the system does when memory runs out: no step is finished.
   void Kill();
   // SIGTERM. How long it took; not set when it had to be killed after `patience`.
@@ -109,6 +111,7 @@ class QemuHost {
 
  private:
   std::vector<std::string> Arguments() const;
+  void Launch();
   std::string DataFolder() const { return folder_ + "/data" + options_.suffix; }
   std::string Socket() const { return folder_ + "/s" + options_.suffix; }
   std::string LogFile() const { return folder_ + "/vexad" + options_.suffix + ".log"; }

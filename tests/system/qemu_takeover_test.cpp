@@ -130,6 +130,25 @@ TEST_F(QemuTakeover, HostThatWasKilled_EndsTheMachineThatWasTakenFromIt) {
   ExpectTakenOver();
 }
 
+// A host that was removed from the cluster does not start any more, and still ends what others have now.
+TEST_F(QemuTakeover, HostThatWasRemoved_EndsTheMachineThatWasTakenFromIt) {
+  first_->Kill();
+  EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGonePatience)) << Shown();
+  Json::Value parameters(Json::objectValue);
+  parameters["host_id"] = first_->id();
+  parameters["machine_is_off"] = true;
+  EXPECT_EQ(second_->Code("VEXA.Virtualization.Host/forget", kGuest, parameters), 973);
+  parameters["recover_guests"] = true;
+  ASSERT_EQ(second_->Code("VEXA.Virtualization.Host/forget", kGuest, parameters), 0);
+  ASSERT_EQ(second_->Power(kGuest, "poweron"), 0) << second_->Log();
+  EXPECT_EQ(first_->Qemus(kGuest), 2);
+  EXPECT_EQ(first_->StartInVain(), 1);
+  EXPECT_NE(first_->Log().find("was removed from the cluster by root"), std::string::npos) << first_->Log();
+  EXPECT_EQ(first_->Qemus(kGuest), 1);
+  EXPECT_EQ(second_->Power(kGuest, "poweroff"), 0);
+  EXPECT_EQ(first_->Qemus(kGuest), 0) << "the machine that was left is the second host's";
+}
+
 // What the host was in the middle of when it hung is not done when it goes on.
 TEST_F(QemuTakeover, CallThatHungWithItsHost_DoesNothingAfterwards) {
   Freeze();

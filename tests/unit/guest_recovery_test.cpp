@@ -23,8 +23,8 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State::Guest;
 using std::chrono::seconds;
-using test::Require;
 using std::chrono::system_clock;
+using test::Require;
 
 constexpr char kGone[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr char kAlive[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e9";
@@ -127,6 +127,12 @@ TEST_F(GuestRecovery, WithoutConfirmation_IsRefused) {
 TEST_F(GuestRecovery, HostWhoseMachineWasStartedAgain_NeedsNoConfirmation) {
   PutRun(4);  // before the claim's "booted", 5
   EXPECT_FALSE(RecoverGuest(host_.store(), Request(MachineIs::kUnknown)));
+}
+
+TEST_F(GuestRecovery, ImportedGuestMayHaveStartedWithItsHost_SoNothingIsProved) {
+  PutRun(4);
+  Put(DomainKey(kGuest), "{}");
+  EXPECT_EQ(RecoverGuest(host_.store(), Request(MachineIs::kUnknown))->code, 972);
 }
 
 TEST_F(GuestRecovery, RunOfAnOlderVersion_ProvesNothing) {

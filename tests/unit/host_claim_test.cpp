@@ -91,6 +91,29 @@ TEST_F(HostClaims, FullDisk_LeavesTheMachineItsClaim) {
   EXPECT_FALSE(Take({"4712-9.1", {}, "boot-1", "beta"}).ok());
 }
 
+TEST_F(HostClaims, ClaimThatARecoveryBegan_IsNobodysMachine) {
+  (void)Require(host_.store().Commit({{}, {{HostClaimKey(kHost), R"({"incarnation":1})"}}}));
+  EXPECT_EQ(Require(Take(Original()))->incarnation(), 2u);
+}
+
+TEST_F(HostClaims, CardsThatCannotBeRead_AreThoseThatWereRead) {
+  (void)Require(Take(Original()));
+  ClaimIdentity blind = Original();
+  blind.addresses.clear();
+  (void)Require(Take(blind));
+  EXPECT_FALSE(Take({"4711-1.5", {"5254000000ff"}, "boot-2", "beta"}).ok());
+}
+
+TEST_F(HostClaims, GuestThatWasTakenWhileOthersWereSettled_KeepsTheClaimFenced) {
+  const auto claim = Require(Take(Original()));
+  Change([](Json::Value& record) { FenceClaim(record); });
+  (void)Require(host_.store().Commit({{}, {{FenceKey(kHost, "guest-2"), "{}"}}}));
+  EXPECT_EQ(claim->Renew().error().code(), ErrorCode::kBusy);
+  EXPECT_EQ(*claim->Look(), Standing::kFenced);
+  ASSERT_TRUE(claim->Release().ok());
+  EXPECT_EQ(*claim->Look(), Standing::kFenced) << "a stop settles nothing";
+}
+
 struct CopyRow {
   const char* what;
   ClaimIdentity identity;

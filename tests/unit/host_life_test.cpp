@@ -18,8 +18,8 @@ namespace {
 
 namespace states = VexaCCC::State;
 using std::chrono::seconds;
-using test::Require;
 using std::chrono::system_clock;
+using test::Require;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
