@@ -19,9 +19,9 @@
 #include "bench/http_bench_data.h"
 #include "host/base/json_parse.h"
 #include "host/daemon/daemon.h"
+#include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/support/temp_dir.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

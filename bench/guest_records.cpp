@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::bench {
 namespace {

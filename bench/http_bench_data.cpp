@@ -8,7 +8,7 @@
 #include "host/cluster/account_store.h"
 #include "host/cluster/guest_admin.h"
 #include "host/store/lmdb_store.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::bench {
 namespace {

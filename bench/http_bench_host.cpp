@@ -18,8 +18,8 @@
 #include "host/daemon/daemon.h"
 #include "host/daemon/http_server.h"
 #include "host/daemon/lane.h"
+#include "json/readers.h"
 #include "tests/support/http_client.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

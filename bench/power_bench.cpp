@@ -29,10 +29,10 @@
 #include "host/transport/certificates.h"
 #include "host/transport/tls_material.h"
 #include "host/transport/transport.h"
+#include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/support/temp_dir.h"
 #include "webapi/guest/guest_action.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

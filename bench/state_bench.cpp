@@ -20,10 +20,10 @@
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
+#include "json/readers.h"
 #include "tests/support/temp_dir.h"
 #include "webapi/guest/guest_uistate_cache.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

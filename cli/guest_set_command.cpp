@@ -13,7 +13,7 @@
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cli {
 namespace {

@@ -18,7 +18,7 @@
 #include "host/guests/run_record.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cli {
 namespace {

@@ -5,7 +5,7 @@
 #include "host/cluster/live_state.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cli {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/base/result.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cli {
 

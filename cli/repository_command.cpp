@@ -13,8 +13,8 @@
 #include "host/guests/storage_record.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cli {
 namespace {

@@ -6,7 +6,7 @@
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
 #include "host/hypervisor/domain_xml.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include "host/base/json_parse.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/guest_admin.h"
+#include "json/readers.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "webapi/guest/guest.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

@@ -11,11 +11,11 @@
 
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
+#include "json/readers.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/syslog_capture.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/dr.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

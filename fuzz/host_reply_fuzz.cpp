@@ -14,12 +14,12 @@
 #include <vector>
 
 #include "fuzz/check.h"
+#include "json/readers.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/syslog_capture.h"
 #include "webapi/guest/guest.h"
 #include "webapi/guest/guest_uistate_cache.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace {

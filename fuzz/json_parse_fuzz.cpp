@@ -7,7 +7,7 @@
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
 #include "host/base/json_readers.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "host/cluster/guest_admin.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 namespace {

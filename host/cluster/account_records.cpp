@@ -9,7 +9,7 @@
 #include "host/base/account_password.h"
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 namespace {

@@ -8,7 +8,7 @@
 #include "host/cluster/guest_admin.h"
 #include "host/cluster/guest_admin_record.h"
 #include "host/cluster/object_edit.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 namespace {

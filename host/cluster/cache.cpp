@@ -8,8 +8,8 @@
 #include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "webapi/platform/dr_cache.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/cluster/record_names.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 namespace {

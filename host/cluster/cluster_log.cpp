@@ -13,7 +13,7 @@
 #include "host/cluster/object_edit.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 namespace {

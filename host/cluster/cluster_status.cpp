@@ -4,9 +4,9 @@
 #include <atomic>
 
 #include "host/cluster/environment_internal.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -8,8 +8,8 @@
 #include "host/cluster/reading.h"
 #include "host/cluster/shutdown_reason.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace VexaCCC::DB {
 namespace {

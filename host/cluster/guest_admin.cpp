@@ -11,8 +11,8 @@
 #include "host/cluster/guest_admin_record.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -5,9 +5,9 @@
 #include "host/cluster/guest_admin.h"
 #include "host/cluster/object_edit.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -6,8 +6,8 @@
 #include "host/cluster/account_records.h"
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -7,9 +7,9 @@
 #include "host/base/rooted_file.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -3,8 +3,8 @@
 #include <array>
 
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc_ha.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -15,8 +15,8 @@
 #include "host/cluster/host_claim_record.h"
 #include "host/cluster/object_edit.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

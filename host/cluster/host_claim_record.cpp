@@ -1,7 +1,7 @@
 #include "host/cluster/host_claim_record.h"
 
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 namespace {

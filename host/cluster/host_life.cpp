@@ -9,9 +9,9 @@
 #include "host/cluster/host_claim_record.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -12,9 +12,9 @@
 #include "host/cluster/shutdown_reason.h"
 #include "host/cluster/unstored_states.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_network.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -9,8 +9,8 @@
 #include "host/base/json_parse.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -6,8 +6,8 @@
 
 #include "host/cluster/reading.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace VexaCCC::Utils {
 namespace {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::cluster {
 

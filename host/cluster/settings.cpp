@@ -6,8 +6,8 @@
 #include "host/cluster/reading.h"
 #include "host/cluster/versions.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -5,8 +5,8 @@
 
 #include "host/cluster/live_state.h"
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

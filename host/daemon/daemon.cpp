@@ -55,9 +55,9 @@
 #include "host/services/services.h"
 #include "host/transport/transport.h"
 #include "host/webapi/error_table.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::daemon {
 namespace {

@@ -15,7 +15,7 @@
 #include "host/daemon/request_id.h"
 #include "host/transport/origin.h"
 #include "host/webapi/error_table.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::daemon {
 namespace {

@@ -7,7 +7,7 @@
 #include "host/cluster/reading.h"
 #include "host/webapi/error_table.h"
 #include "host/webapi/reason.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::daemon {
 namespace {

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "host/webapi/error_table.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::daemon {
 namespace {

@@ -9,8 +9,8 @@
 #include "host/guests/disk_users.h"
 #include "host/guests/storage_disks.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

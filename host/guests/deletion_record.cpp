@@ -9,7 +9,7 @@
 #include "host/guests/disk_files.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::guests {
 namespace {

@@ -15,8 +15,8 @@
 #include "host/guests/deletion_plan.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

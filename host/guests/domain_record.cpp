@@ -2,8 +2,8 @@
 
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

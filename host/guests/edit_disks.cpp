@@ -6,8 +6,8 @@
 #include "host/cluster/log_text.h"
 #include "host/guests/edit_plan.h"
 #include "host/guests/edit_record.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

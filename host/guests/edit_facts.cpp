@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "host/guests/disk_users.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::guests {
 namespace {

@@ -8,8 +8,8 @@
 #include "host/guests/edit_plan.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -11,9 +11,9 @@
 #include "host/guests/storage_disks.h"
 #include "host/hypervisor/domain_build.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

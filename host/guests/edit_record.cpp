@@ -7,8 +7,8 @@
 #include "host/cluster/log_text.h"
 #include "host/guests/claims.h"
 #include "host/guests/run_record.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -8,8 +8,8 @@
 
 #include "host/base/json_parse.h"
 #include "host/cluster/log_text.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

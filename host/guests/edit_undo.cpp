@@ -8,8 +8,8 @@
 #include "host/guests/deletion_job.h"
 #include "host/guests/edit_job.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -15,8 +15,8 @@
 #include "host/guests/host_networks.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -10,8 +10,8 @@
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
 #include "host/hypervisor/domain_xml.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -9,9 +9,9 @@
 #include "host/cluster/reading.h"
 #include "host/cluster/unstored_states.h"
 #include "host/guests/guest_control_impl.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

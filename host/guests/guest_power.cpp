@@ -8,8 +8,8 @@
 #include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

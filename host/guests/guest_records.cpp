@@ -6,8 +6,8 @@
 
 #include "host/cluster/log_text.h"
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -8,9 +8,9 @@
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -16,9 +16,9 @@
 #include "host/guests/domain_record.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -8,8 +8,8 @@
 #include "host/cluster/log_text.h"
 #include "host/guests/storage_condition.h"
 #include "host/hypervisor/domain_xml.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::guests {
 namespace {

@@ -14,7 +14,7 @@
 
 #include "host/cluster/log_text.h"
 #include "host/guests/disk_files.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::guests {
 namespace {

@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::guests {
 namespace {

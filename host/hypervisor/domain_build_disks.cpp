@@ -6,7 +6,7 @@
 #include "host/hypervisor/domain_build_internal.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/domain_xml_internal.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::hypervisor::domain_build {
 namespace {

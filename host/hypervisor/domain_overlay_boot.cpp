@@ -3,7 +3,7 @@
 
 #include "host/hypervisor/domain_overlay.h"
 #include "host/hypervisor/domain_xml_internal.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::hypervisor::domain_overlay {
 namespace {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "host/hypervisor/domain_overlay.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::hypervisor::domain_overlay {
 namespace {

@@ -1,7 +1,7 @@
 // Values and elements, as the facets use them.
 #include "host/hypervisor/domain_build_internal.h"
 #include "host/hypervisor/domain_overlay.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::hypervisor::domain_overlay {
 

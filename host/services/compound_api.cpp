@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "host/services/rows.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::services {
 namespace {

@@ -7,9 +7,9 @@
 #include "host/cluster/reading.h"
 #include "host/guests/run_record.h"
 #include "host/webapi/reason.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::services {
 namespace {

@@ -9,9 +9,9 @@
 #include "host/cluster/reading.h"
 #include "host/guests/storage_condition.h"
 #include "host/services/rows.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::services {
 namespace {

@@ -15,9 +15,9 @@
 #include "host/cluster/revisions.h"
 #include "host/store/key.h"
 #include "host/transport/unanswered.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::services {

@@ -2,8 +2,8 @@
 
 #include "host/cluster/shutdown_reason.h"
 #include "host/guests/storage_disks.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::services {

@@ -11,9 +11,9 @@
 #include "host/cluster/reading.h"
 #include "host/guests/guest_records.h"
 #include "host/services/rows.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::services {
 namespace {

@@ -11,9 +11,9 @@
 #include "host/services/gone_host.h"
 #include "host/services/guest_parts_state.h"
 #include "host/services/rows.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_ha.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::services {

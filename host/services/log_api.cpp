@@ -10,8 +10,8 @@
 
 #include "host/cluster/cluster_log.h"
 #include "host/services/rows.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::services {

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "host/services/rows.h"
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::services {
 namespace {

@@ -8,7 +8,7 @@
 #include "host/services/cpu_load.h"
 #include "host/services/figures.h"
 #include "host/services/rows.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::services {
 namespace {

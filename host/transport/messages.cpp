@@ -4,7 +4,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/webapi/error_table.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::transport {
 namespace {

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::transport {
 namespace {

@@ -1,7 +1,7 @@
 #include <utility>
 
+#include "json/readers.h"
 #include "webapi/platform/dr.h"
-#include "webapi/utils/json.h"
 
 namespace VexaDRCore {
 namespace {

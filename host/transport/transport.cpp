@@ -15,7 +15,7 @@
 #include "host/transport/method_rules.h"
 #include "host/transport/origin.h"
 #include "host/transport/unanswered.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::transport {
 namespace {

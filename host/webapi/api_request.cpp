@@ -1,5 +1,5 @@
+#include "json/readers.h"
 #include "webapi/platform/webapi.h"
-#include "webapi/utils/json.h"
 
 namespace VEXA {
 namespace {

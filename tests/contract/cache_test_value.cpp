@@ -13,7 +13,7 @@
 #include <thread>
 #include <utility>
 
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::test {
 namespace {

@@ -18,11 +18,11 @@
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/support/process.h"
 #include "tests/support/require.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

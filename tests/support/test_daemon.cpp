@@ -14,8 +14,8 @@
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

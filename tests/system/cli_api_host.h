@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "host/base/json_parse.h"
+#include "json/readers.h"
 #include "tests/system/transport_test_support.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 

@@ -8,10 +8,10 @@
 #include <thread>
 
 #include "host/cluster/account_store.h"
+#include "json/readers.h"
 #include "tests/support/process.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_daemon.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

@@ -10,12 +10,12 @@
 #include "host/cluster/account_store.h"
 #include "host/cluster/guest_admin.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
 #include "tests/system/transport_test_support.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

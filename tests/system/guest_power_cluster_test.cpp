@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -10,9 +10,9 @@
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "host/base/json_parse.h"
+#include "json/readers.h"
 #include "tests/support/test_host.h"
 #include "tests/system/guest_set_ground.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

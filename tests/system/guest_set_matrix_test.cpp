@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <vector>
 
+#include "json/readers.h"
 #include "tests/support/test_host.h"
 #include "tests/system/guest_set_ground.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

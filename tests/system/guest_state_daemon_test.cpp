@@ -6,9 +6,9 @@
 
 #include "host/cluster/environment.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/test_daemon.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -13,10 +13,10 @@
 #include "host/base/files.h"
 #include "host/cluster/account_store.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
 #include "webapi/platform/ccc_constants.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

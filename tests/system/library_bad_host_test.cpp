@@ -2,13 +2,13 @@
 #include <syslog.h>
 
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "tests/system/transport_misbehaviours.h"
 #include "tests/system/transport_test_support.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::test {

@@ -11,11 +11,11 @@
 #include <thread>
 
 #include "host/base/json_parse.h"
+#include "json/readers.h"
 #include "tests/support/libvirt_user.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/process.h"
 #include "tests/support/qemu_host.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

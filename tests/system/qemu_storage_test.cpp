@@ -12,9 +12,9 @@
 
 #include "host/guests/run_record.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/late_storage.h"
 #include "tests/support/qemu_host_test.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -5,8 +5,8 @@
 #include <future>
 #include <thread>
 
+#include "json/readers.h"
 #include "tests/support/qemu_host_test.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -7,9 +7,9 @@
 #include "host/base/files.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/system/transport_test_support.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 

@@ -1,10 +1,10 @@
 // Requests between three hosts that are three processes.
 #include <signal.h>
 
+#include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/system/transport_cluster.h"
 #include "tests/system/transport_test_support.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

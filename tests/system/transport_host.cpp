@@ -10,10 +10,10 @@
 #include "host/daemon/daemon.h"
 #include "host/daemon/request_id.h"
 #include "host/webapi/error_table.h"
+#include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace {

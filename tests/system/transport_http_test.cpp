@@ -6,10 +6,10 @@
 #include <cstdlib>
 
 #include "host/transport/origin.h"
+#include "json/readers.h"
 #include "tests/support/scripted_server.h"
 #include "tests/system/transport_misbehaviours.h"
 #include "tests/system/transport_test_support.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::test {
 namespace {

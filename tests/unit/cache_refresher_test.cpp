@@ -18,11 +18,11 @@
 #include "host/cluster/cache_refresher.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "tests/support/counting_cache.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -26,12 +26,12 @@
 #include "host/cluster/cache_entry.h"
 #include "host/cluster/cache_paths.h"
 #include "host/cluster/environment.h"
+#include "json/readers.h"
 #include "tests/support/counting_cache.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_host.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

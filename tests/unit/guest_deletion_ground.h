@@ -15,10 +15,10 @@
 #include "host/guests/deletion.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/faulty_store.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 

@@ -12,8 +12,8 @@
 #include "host/guests/edit.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

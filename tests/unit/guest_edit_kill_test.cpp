@@ -15,10 +15,10 @@
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/guest_control_ground.h"
 #include "tests/unit/guest_edit_model.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -17,9 +17,9 @@
 #include "host/guests/image_file.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"
 #include "tests/unit/guest_edit_model.h"
-#include "webapi/utils/json.h"
 
 namespace {
 virConnectPtr opened_last = nullptr;

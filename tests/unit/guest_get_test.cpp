@@ -3,10 +3,10 @@
 #include <syslog.h>
 
 #include "host/cluster/reading.h"
+#include "json/readers.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "webapi/guest/guest.h"
-#include "webapi/utils/json.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include "host/cluster/reading.h"
 #include "host/cluster/revisions.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 namespace {

@@ -1,7 +1,7 @@
 // What a host with guests on libvirt's test driver writes of their interfaces.
 #include "host/cluster/object_edit.h"
+#include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

@@ -5,10 +5,10 @@
 
 #include "host/cluster/nic_id.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/network_links_ground.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

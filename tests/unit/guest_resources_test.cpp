@@ -7,9 +7,9 @@
 #include <limits>
 #include <set>
 
+#include "json/readers.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

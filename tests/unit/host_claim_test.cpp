@@ -13,9 +13,9 @@
 #include "host/cluster/host_record.h"
 #include "host/cluster/object_edit.h"
 #include "host/store/key.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cluster {
 namespace {

@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
+#include "json/readers.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/syslog_capture.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 

@@ -1,5 +1,5 @@
 // The total readers: every reader on every kind of value.
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 #include <gtest/gtest.h>
 #include <json/writer.h>

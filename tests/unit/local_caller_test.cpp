@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "host/daemon/request_id.h"
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace vexa::daemon {
 namespace {

@@ -7,9 +7,9 @@
 
 #include "host/base/json_parse.h"
 #include "host/store/lmdb_store.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::cli {
 namespace {

@@ -11,8 +11,8 @@
 
 #include "host/cluster/environment.h"
 #include "host/services/services.h"
+#include "json/readers.h"
 #include "tests/support/test_host.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::test {
 

@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "host/base/json_parse.h"
+#include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/unit/storage_ground.h"
-#include "webapi/utils/json.h"
 
 namespace vexa::guests {
 namespace {

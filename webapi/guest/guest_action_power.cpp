@@ -1,13 +1,13 @@
 #include <string>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/guest/guest_action.h"
 #include "webapi/guest/guest_action_lines.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 #include "webapi/platform/ccc_senders.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"

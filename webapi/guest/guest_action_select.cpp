@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/guest/guest_action.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/transport.h"
 

@@ -1,12 +1,12 @@
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/guest/incompatible.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 #include "webapi/platform/ccc_log.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"

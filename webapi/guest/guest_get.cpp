@@ -2,9 +2,9 @@
 #include <string>
 #include <utility>
 
+#include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

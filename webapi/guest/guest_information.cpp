@@ -1,9 +1,9 @@
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/transport.h"
 
 namespace VexaVirtualization {

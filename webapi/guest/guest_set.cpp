@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"

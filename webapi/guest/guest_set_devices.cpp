@@ -2,10 +2,10 @@
 #include <span>
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/guest/guest_set.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

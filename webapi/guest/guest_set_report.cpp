@@ -1,6 +1,7 @@
 #include <string>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/guest/cluster_line.h"
 #include "webapi/guest/guest.h"
 #include "webapi/guest/guest_set.h"
@@ -8,7 +9,6 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 #include "webapi/platform/ccc_log.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace VexaVirtualization::edit {

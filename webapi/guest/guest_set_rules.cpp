@@ -1,5 +1,5 @@
+#include "json/readers.h"
 #include "webapi/guest/guest.h"
-#include "webapi/utils/json.h"
 
 namespace VexaVirtualization {
 namespace {

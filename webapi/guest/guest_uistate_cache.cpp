@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 
 namespace VexaVirtualization {

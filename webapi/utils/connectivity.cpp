@@ -3,9 +3,9 @@
 #include <utility>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"
 

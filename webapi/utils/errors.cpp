@@ -1,6 +1,6 @@
 #include <string>
 
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

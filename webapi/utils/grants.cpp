@@ -2,10 +2,10 @@
 #include <string>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/platform/base.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

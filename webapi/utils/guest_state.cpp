@@ -3,9 +3,9 @@
 #include <map>
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace VexaVirtualization {

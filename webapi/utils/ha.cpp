@@ -1,9 +1,9 @@
 #include <string>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_ha.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

@@ -1,8 +1,8 @@
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_ha.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/utils.h"
 
 namespace VexaVirtualization {

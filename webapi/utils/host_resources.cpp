@@ -1,8 +1,8 @@
 #include <string>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"
 

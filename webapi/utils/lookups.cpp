@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

@@ -2,11 +2,11 @@
 #include <string>
 #include <vector>
 
+#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_network.h"
 #include "webapi/platform/ccc_senders.h"
 #include "webapi/platform/etcd.h"
-#include "webapi/utils/json.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
 

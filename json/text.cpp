@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 namespace VexaVirtualization::json {
 namespace {

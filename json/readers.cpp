@@ -1,4 +1,4 @@
-#include "webapi/utils/json.h"
+#include "json/readers.h"
 
 #include <cstring>
 #include <limits>
