@@ -15,9 +15,9 @@
 
 #include "bench/http_bench_data.h"
 #include "host/base/json_parse.h"
+#include "host/base/lane.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/http_server.h"
-#include "host/daemon/lane.h"
 #include "json/readers.h"
 #include "tests/support/http_client.h"
 

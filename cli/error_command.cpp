@@ -3,7 +3,7 @@
 #include <iostream>
 
 #include "cli/printable.h"
-#include "host/webapi/error_table.h"
+#include "host/base/error_table.h"
 
 namespace vexa::cli {
 namespace {

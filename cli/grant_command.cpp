@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "cli/printable.h"
-#include "host/base/account_nss.h"
+#include "host/accounts/account_nss.h"
 #include "host/cluster/guest_admin.h"
 #include "host/cluster/guest_admin_record.h"
 #include "host/cluster/object_edit.h"

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "host/base/account_document.h"
+#include "host/accounts/account_document.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/daemon/session_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

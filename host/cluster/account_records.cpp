@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
 #include "json/readers.h"

@@ -19,7 +19,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/base/result.h"
 #include "host/store/store.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/cluster/account_edit.h"
 #include "host/cluster/guest_admin.h"
 #include "host/cluster/guest_admin_record.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/cluster/account_records.h"
 #include "host/store/store.h"
 

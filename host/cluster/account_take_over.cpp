@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/account_file.h"
+#include "host/accounts/account_file.h"
 #include "host/cluster/account_edit.h"
 #include "host/cluster/object_edit.h"
 #include "host/store/key.h"

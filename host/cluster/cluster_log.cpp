@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/cluster/reading.h"
 #include "host/store/key.h"

@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "host/base/log_text.h"
 #include "host/cluster/cluster_log.h"
 #include "host/cluster/environment.h"
-#include "host/cluster/log_text.h"
 #include "webapi/platform/ccc_log.h"
 
 namespace vexa::cluster {

@@ -3,7 +3,7 @@
 #include <optional>
 #include <utility>
 
-#include "host/base/current_accounts.h"
+#include "host/accounts/current_accounts.h"
 #include "host/cluster/environment_internal.h"
 
 namespace vexa::cluster {

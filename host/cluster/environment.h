@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {

@@ -10,8 +10,10 @@
 #include <thread>
 #include <utility>
 
-#include "host/base/account_pam.h"
+#include "host/accounts/account_pam.h"
+#include "host/base/error_table.h"
 #include "host/base/files.h"
+#include "host/base/lane.h"
 #include "host/cluster/account_source.h"
 #include "host/cluster/account_store.h"
 #include "host/cluster/account_take_over.h"
@@ -31,7 +33,6 @@
 #include "host/daemon/host_id.h"
 #include "host/daemon/http_server.h"
 #include "host/daemon/identity.h"
-#include "host/daemon/lane.h"
 #include "host/daemon/local_caller.h"
 #include "host/daemon/login_limiter.h"
 #include "host/daemon/metrics.h"
@@ -54,7 +55,6 @@
 #include "host/services/recovery_api.h"
 #include "host/services/services.h"
 #include "host/transport/transport.h"
-#include "host/webapi/error_table.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"

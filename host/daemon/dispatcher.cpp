@@ -9,12 +9,12 @@
 #include <iterator>
 #include <utility>
 
+#include "host/base/error_table.h"
 #include "host/base/json_parse.h"
 #include "host/daemon/handler_call.h"
 #include "host/daemon/openapi.h"
 #include "host/daemon/request_id.h"
 #include "host/transport/origin.h"
-#include "host/webapi/error_table.h"
 #include "json/readers.h"
 
 namespace vexa::daemon {

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/lane.h"
 #include "host/daemon/http_server.h"
 #include "host/daemon/identity.h"
-#include "host/daemon/lane.h"
 #include "host/daemon/metrics.h"
 #include "host/webapi/api_table.h"
 

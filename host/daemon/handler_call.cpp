@@ -4,8 +4,8 @@
 
 #include <exception>
 
+#include "host/base/error_table.h"
 #include "host/cluster/reading.h"
-#include "host/webapi/error_table.h"
 #include "host/webapi/reason.h"
 #include "json/readers.h"
 

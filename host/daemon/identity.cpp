@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/webapi/error_table.h"
+#include "host/base/error_table.h"
 
 namespace vexa::daemon {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <variant>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/daemon/http_server.h"
 #include "host/daemon/sessions.h"
 #include "host/webapi/api_table.h"

@@ -6,10 +6,10 @@
 #include <mutex>
 #include <utility>
 
+#include "host/base/error_table.h"
 #include "host/daemon/handler_call.h"
 #include "host/daemon/request_id.h"
 #include "host/transport/messages.h"
-#include "host/webapi/error_table.h"
 
 namespace vexa::daemon {
 namespace {

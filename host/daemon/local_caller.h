@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "host/daemon/lane.h"
+#include "host/base/lane.h"
 #include "host/daemon/metrics.h"
 #include "host/transport/local_call.h"
 #include "host/webapi/api_table.h"

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 
 namespace vexa::daemon {
 namespace {

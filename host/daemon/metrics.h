@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "host/base/lane.h"
 #include "host/daemon/http_server.h"
-#include "host/daemon/lane.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::daemon {

@@ -3,7 +3,7 @@
 #include <map>
 #include <set>
 
-#include "host/webapi/error_table.h"
+#include "host/base/error_table.h"
 #include "json/readers.h"
 
 namespace vexa::daemon {

@@ -2,8 +2,8 @@
 
 #include <syslog.h>
 
+#include "host/base/error_table.h"
 #include "host/daemon/identity.h"
-#include "host/webapi/error_table.h"
 #include "webapi/platform/ccc.h"
 
 namespace vexa::daemon {

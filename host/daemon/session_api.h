@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/daemon/login_limiter.h"
 #include "host/daemon/sessions.h"
 #include "host/webapi/api_table.h"

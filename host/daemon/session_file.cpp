@@ -8,7 +8,7 @@
 #include <set>
 #include <utility>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/base/json_parse.h"
 
 namespace vexa::daemon {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/base/files.h"
 #include "host/base/private_file.h"
 #include "host/daemon/session_file.h"

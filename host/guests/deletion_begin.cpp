@@ -3,7 +3,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/edit_record.h"

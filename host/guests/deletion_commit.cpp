@@ -3,8 +3,8 @@
 #include <set>
 #include <utility>
 
+#include "host/base/log_text.h"
 #include "host/cluster/guest_admin.h"
-#include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/disk_users.h"

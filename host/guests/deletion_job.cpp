@@ -6,7 +6,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/domain_record.h"

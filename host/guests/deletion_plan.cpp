@@ -3,8 +3,8 @@
 #include <map>
 
 #include "host/base/json_parse.h"
+#include "host/base/log_text.h"
 #include "host/cluster/live_state.h"
-#include "host/cluster/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/storage_disks.h"

@@ -5,7 +5,7 @@
 #include <ctime>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/disk_files.h"
 #include "host/guests/run_record.h"
 #include "host/store/key.h"

@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 
 namespace vexa::guests {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/edit_job.h"
 #include "host/guests/edit_record.h"

@@ -4,8 +4,8 @@
 #include <set>
 #include <utility>
 
+#include "host/base/log_text.h"
 #include "host/base/uuid.h"
-#include "host/cluster/log_text.h"
 #include "host/cluster/mac_address.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"

@@ -3,7 +3,7 @@
 #include <optional>
 #include <set>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/edit_plan.h"
 #include "host/guests/edit_record.h"
 #include "json/readers.h"

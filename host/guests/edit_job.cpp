@@ -9,7 +9,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/run_record.h"

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/mac_address.h"
 #include "host/guests/edit_plan.h"
 #include "host/hypervisor/domain_xml.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "host/base/json_parse.h"
+#include "host/base/log_text.h"
 #include "host/cluster/guest_image.h"
-#include "host/cluster/log_text.h"
 #include "host/cluster/reading.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/run_record.h"

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/claims.h"
 #include "host/guests/run_record.h"
 #include "json/readers.h"

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

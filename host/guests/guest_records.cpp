@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

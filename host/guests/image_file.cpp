@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 
 namespace vexa::guests {
 namespace {

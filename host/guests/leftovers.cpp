@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/deletion_record.h"

@@ -5,7 +5,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/storage_condition.h"
 #include "host/hypervisor/domain_xml.h"
 #include "json/readers.h"

@@ -12,7 +12,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "webapi/platform/ccc_constants.h"
 
 namespace vexa::guests {

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/disk_files.h"
 #include "json/readers.h"
 

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/guests/run_record.h"
 
 namespace vexa::guests {

@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 #include "host/cluster/reading.h"
 #include "host/guests/guest_records.h"
 #include "host/services/rows.h"

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/error_table.h"
 #include "host/services/services.h"
-#include "host/webapi/error_table.h"
 
 namespace vexa::services {
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "host/base/error_table.h"
 #include "host/base/json_parse.h"
-#include "host/webapi/error_table.h"
 #include "json/readers.h"
 
 namespace vexa::transport {

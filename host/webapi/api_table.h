@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/accounts.h"
-#include "host/webapi/error_table.h"
+#include "host/accounts/accounts.h"
+#include "host/base/error_table.h"
 #include "webapi/platform/webapi.h"
 
 namespace vexa::webapi {

@@ -4,7 +4,7 @@
 
 #include <regex>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "host/daemon/host_id.h"

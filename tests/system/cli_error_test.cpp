@@ -1,5 +1,5 @@
 // vexa error: every row of the table can be asked for.
-#include "host/webapi/error_table.h"
+#include "host/base/error_table.h"
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/base/files.h"
 #include "host/cluster/account_store.h"
 #include "host/store/key.h"

@@ -1,7 +1,7 @@
 // Requests and responses over real sockets.
 #include <thread>
 
-#include "host/daemon/lane.h"
+#include "host/base/lane.h"
 #include "tests/system/http_server_test_support.h"
 
 namespace vexa::daemon {

@@ -10,7 +10,7 @@
 #include <regex>
 #include <thread>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/base/files.h"
 #include "host/daemon/host_id.h"
 #include "tests/support/http_client.h"

@@ -1,4 +1,4 @@
-#include "host/base/account_file.h"
+#include "host/accounts/account_file.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

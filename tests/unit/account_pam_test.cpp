@@ -1,4 +1,4 @@
-#include "host/base/account_pam.h"
+#include "host/accounts/account_pam.h"
 
 #include <gtest/gtest.h>
 #include <pwd.h>

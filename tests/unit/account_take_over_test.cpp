@@ -8,7 +8,7 @@
 #include <functional>
 #include <thread>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/base/files.h"
 #include "tests/unit/account_store_fixture.h"
 

@@ -5,11 +5,11 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "host/base/error_table.h"
 #include "host/daemon/guest_api.h"
 #include "host/daemon/openapi.h"
 #include "host/guests/refusal.h"
 #include "host/services/log_api.h"
-#include "host/webapi/error_table.h"
 #include "tests/support/test_host.h"
 
 namespace {

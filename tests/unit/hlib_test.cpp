@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/base/current_accounts.h"
-#include "host/base/hlib_error.h"
+#include "host/accounts/current_accounts.h"
+#include "host/platform/hlib_error.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/base.h"
 

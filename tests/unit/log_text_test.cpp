@@ -1,5 +1,5 @@
 // Texts that others chose, on their way into the cluster log.
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 
 #include <gtest/gtest.h>
 

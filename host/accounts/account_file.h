@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "host/base/account_document.h"
+#include "host/accounts/account_document.h"
 #include "host/base/result.h"
 
 namespace vexa::base {

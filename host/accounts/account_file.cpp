@@ -1,4 +1,4 @@
-#include "host/base/account_file.h"
+#include "host/accounts/account_file.h"
 
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid.hpp>

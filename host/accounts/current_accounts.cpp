@@ -1,4 +1,4 @@
-#include "host/base/current_accounts.h"
+#include "host/accounts/current_accounts.h"
 
 #include <utility>
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/base/result.h"
 
 namespace vexa::base {

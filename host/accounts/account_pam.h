@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 
 namespace vexa::base {
 

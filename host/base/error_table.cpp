@@ -1,4 +1,4 @@
-#include "host/webapi/error_table.h"
+#include "host/base/error_table.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "host/base/account_document.h"
+#include "host/accounts/account_document.h"
 
 #include <json/value.h>
 
@@ -9,7 +9,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 #include "host/base/json_parse.h"
 
 namespace vexa::base {

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 
 namespace vexa::base {
 

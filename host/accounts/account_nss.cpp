@@ -1,4 +1,4 @@
-#include "host/base/account_nss.h"
+#include "host/accounts/account_nss.h"
 
 #include <grp.h>
 #include <pwd.h>

@@ -1,4 +1,4 @@
-#include "host/daemon/lane.h"
+#include "host/base/lane.h"
 
 #include <limits.h>
 #include <pthread.h>

@@ -5,8 +5,8 @@
 #include <iterator>
 #include <memory>
 
-#include "host/base/hlib_error.h"
-#include "host/base/hlib_types.h"
+#include "host/platform/hlib_error.h"
+#include "host/platform/hlib_types.h"
 #include "webapi/platform/base.h"
 
 using vexa::base::HlibError;

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 #include "host/base/result.h"
 
 namespace vexa::base {

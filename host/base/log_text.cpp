@@ -1,4 +1,4 @@
-#include "host/cluster/log_text.h"
+#include "host/base/log_text.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "host/base/hlib_error.h"
+#include "host/platform/hlib_error.h"
 
 #include <cstring>
 

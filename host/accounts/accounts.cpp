@@ -1,4 +1,4 @@
-#include "host/base/accounts.h"
+#include "host/accounts/accounts.h"
 
 namespace vexa::base {
 

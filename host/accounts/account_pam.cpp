@@ -1,4 +1,4 @@
-#include "host/base/account_pam.h"
+#include "host/accounts/account_pam.h"
 
 #include <security/pam_appl.h>
 #include <string.h>
@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "host/base/account_nss.h"
+#include "host/accounts/account_nss.h"
 
 namespace vexa::base {
 namespace {

@@ -1,4 +1,4 @@
-#include "host/base/account_password.h"
+#include "host/accounts/account_password.h"
 
 #include <crypt.h>
 #include <string.h>

@@ -3,9 +3,9 @@
 #include <memory>
 #include <optional>
 
-#include "host/base/current_accounts.h"
-#include "host/base/hlib_error.h"
-#include "host/base/hlib_types.h"
+#include "host/accounts/current_accounts.h"
+#include "host/platform/hlib_error.h"
+#include "host/platform/hlib_types.h"
 #include "webapi/platform/base.h"
 
 using vexa::base::HlibError;
