@@ -17,7 +17,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/lane.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 #include "json/readers.h"
 #include "tests/support/http_client.h"
 

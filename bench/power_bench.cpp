@@ -23,7 +23,7 @@
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/certificates.h"

@@ -15,7 +15,7 @@
 #include "bench/guest_records.h"
 #include "host/cluster/environment.h"
 #include "host/cluster/reading.h"
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 #include "host/services/guest_states.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"

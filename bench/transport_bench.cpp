@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "host/base/files.h"
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 #include "host/transport/certificates.h"
 #include "host/transport/transport.h"
 #include "webapi/platform/ccc_senders.h"

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "fuzz/check.h"
-#include "host/daemon/http_parser.h"
-#include "host/daemon/http_rules.h"
+#include "host/http/http_parser.h"
+#include "host/http/http_rules.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "host/daemon/http_rules.h"
+#include "host/http/http_rules.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "fuzz/check.h"
 #include "host/accounts/accounts.h"
-#include "host/daemon/session_file.h"
+#include "host/session/session_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using vexa::fuzz::Check;

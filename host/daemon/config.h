@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/daemon/http_server.h"
 #include "host/daemon/log_line.h"
-#include "host/daemon/sessions.h"
+#include "host/http/http_server.h"
+#include "host/session/sessions.h"
 
 namespace vexa::daemon {
 

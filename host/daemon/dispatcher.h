@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "host/base/lane.h"
-#include "host/daemon/http_server.h"
 #include "host/daemon/identity.h"
 #include "host/daemon/metrics.h"
+#include "host/http/http_server.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::daemon {

@@ -4,8 +4,8 @@
 #include <variant>
 
 #include "host/accounts/accounts.h"
-#include "host/daemon/http_server.h"
-#include "host/daemon/sessions.h"
+#include "host/http/http_server.h"
+#include "host/session/sessions.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::daemon {

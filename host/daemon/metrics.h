@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/base/lane.h"
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::daemon {

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "host/accounts/accounts.h"
-#include "host/daemon/login_limiter.h"
-#include "host/daemon/sessions.h"
+#include "host/session/login_limiter.h"
+#include "host/session/sessions.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::daemon {

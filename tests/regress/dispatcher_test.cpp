@@ -8,7 +8,7 @@
 
 #include "host/cluster/account_store.h"
 #include "host/daemon/dispatcher.h"
-#include "host/daemon/http_mailbox.h"
+#include "host/http/http_mailbox.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/temp_dir.h"
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 
 namespace vexa::daemon::testing_support {
 

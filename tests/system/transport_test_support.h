@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 #include "host/transport/certificates.h"
 #include "host/transport/transport.h"
 #include "tests/support/temp_dir.h"

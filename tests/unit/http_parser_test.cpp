@@ -1,4 +1,4 @@
-#include "host/daemon/http_parser.h"
+#include "host/http/http_parser.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/daemon/http_reply.h"
+#include "host/http/http_reply.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

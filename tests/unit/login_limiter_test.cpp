@@ -1,4 +1,4 @@
-#include "host/daemon/login_limiter.h"
+#include "host/session/login_limiter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/daemon/sessions.h"
+#include "host/session/sessions.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -14,7 +14,7 @@
 
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
-#include "host/daemon/session_token.h"
+#include "host/session/session_token.h"
 #include "tests/unit/temporary_folder.h"
 
 namespace vexa::daemon {

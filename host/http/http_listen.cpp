@@ -1,4 +1,4 @@
-#include "host/daemon/http_listen.h"
+#include "host/http/http_listen.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

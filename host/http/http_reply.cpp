@@ -1,4 +1,4 @@
-#include "host/daemon/http_reply.h"
+#include "host/http/http_reply.h"
 
 #include <sys/random.h>
 
@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "host/daemon/http_rules.h"
+#include "host/http/http_rules.h"
 
 namespace vexa::daemon {
 namespace {

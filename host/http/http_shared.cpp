@@ -1,4 +1,4 @@
-#include "host/daemon/http_shared.h"
+#include "host/http/http_shared.h"
 
 #include <unistd.h>
 

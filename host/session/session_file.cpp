@@ -1,4 +1,4 @@
-#include "host/daemon/session_file.h"
+#include "host/session/session_file.h"
 
 #include <json/value.h>
 

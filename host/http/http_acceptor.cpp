@@ -1,4 +1,4 @@
-#include "host/daemon/http_acceptor.h"
+#include "host/http/http_acceptor.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

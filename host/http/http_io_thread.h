@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/daemon/http_mailbox.h"
-#include "host/daemon/http_shared.h"
+#include "host/http/http_mailbox.h"
+#include "host/http/http_shared.h"
 
 namespace vexa::daemon {
 

@@ -3,8 +3,8 @@
 
 #include <functional>
 
-#include "host/daemon/http_listen.h"
-#include "host/daemon/http_shared.h"
+#include "host/http/http_listen.h"
+#include "host/http/http_shared.h"
 
 namespace vexa::daemon {
 

@@ -1,4 +1,4 @@
-#include "host/daemon/http_io_thread.h"
+#include "host/http/http_io_thread.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -8,8 +8,8 @@
 #include <exception>
 #include <utility>
 
-#include "host/daemon/http_connection.h"
-#include "host/daemon/http_reply.h"
+#include "host/http/http_connection.h"
+#include "host/http/http_reply.h"
 
 namespace vexa::daemon {
 namespace {

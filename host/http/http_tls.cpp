@@ -1,4 +1,4 @@
-#include "host/daemon/http_tls.h"
+#include "host/http/http_tls.h"
 
 #include <fcntl.h>
 #include <openssl/err.h>

@@ -1,4 +1,4 @@
-#include "host/daemon/sessions.h"
+#include "host/session/sessions.h"
 
 #include <algorithm>
 #include <array>
@@ -14,8 +14,8 @@
 #include "host/accounts/accounts.h"
 #include "host/base/files.h"
 #include "host/base/private_file.h"
-#include "host/daemon/session_file.h"
-#include "host/daemon/session_token.h"
+#include "host/session/session_file.h"
+#include "host/session/session_token.h"
 
 namespace vexa::daemon {
 namespace {

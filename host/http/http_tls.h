@@ -7,7 +7,7 @@
 #include <string>
 
 #include "host/base/result.h"
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 
 namespace vexa::daemon {
 

@@ -1,4 +1,4 @@
-#include "host/daemon/http_transport.h"
+#include "host/http/http_transport.h"
 
 #include <openssl/err.h>
 #include <sys/socket.h>

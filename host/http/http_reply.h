@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 
 namespace vexa::daemon {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "host/daemon/http_mailbox.h"
-#include "host/daemon/http_parser.h"
-#include "host/daemon/http_shared.h"
-#include "host/daemon/http_transport.h"
+#include "host/http/http_mailbox.h"
+#include "host/http/http_parser.h"
+#include "host/http/http_shared.h"
+#include "host/http/http_transport.h"
 
 namespace vexa::daemon {
 

@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/daemon/http_connection.h"
-#include "host/daemon/http_io_thread.h"
-#include "host/daemon/http_reply.h"
+#include "host/http/http_connection.h"
+#include "host/http/http_io_thread.h"
+#include "host/http/http_reply.h"
 
 namespace vexa::daemon {
 namespace {

@@ -1,4 +1,4 @@
-#include "host/daemon/session_token.h"
+#include "host/session/session_token.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>

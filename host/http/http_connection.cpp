@@ -1,11 +1,11 @@
-#include "host/daemon/http_connection.h"
+#include "host/http/http_connection.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "host/daemon/http_io_thread.h"
-#include "host/daemon/http_reply.h"
-#include "host/daemon/http_rules.h"
+#include "host/http/http_io_thread.h"
+#include "host/http/http_reply.h"
+#include "host/http/http_rules.h"
 
 namespace vexa::daemon {
 namespace {

@@ -1,4 +1,4 @@
-#include "host/daemon/http_rules.h"
+#include "host/http/http_rules.h"
 
 #include <algorithm>
 #include <array>

@@ -11,7 +11,7 @@
 #include <optional>
 #include <vector>
 
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 
 namespace vexa::daemon {
 

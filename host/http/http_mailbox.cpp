@@ -1,4 +1,4 @@
-#include "host/daemon/http_mailbox.h"
+#include "host/http/http_mailbox.h"
 
 #include <boost/asio/post.hpp>
 

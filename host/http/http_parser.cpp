@@ -1,11 +1,11 @@
-#include "host/daemon/http_parser.h"
+#include "host/http/http_parser.h"
 
 #include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
 #include <limits>
 
-#include "host/daemon/http_rules.h"
+#include "host/http/http_rules.h"
 
 namespace vexa::daemon {
 namespace {

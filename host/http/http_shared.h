@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/daemon/http_peers.h"
-#include "host/daemon/http_server.h"
-#include "host/daemon/http_tls.h"
+#include "host/http/http_peers.h"
+#include "host/http/http_server.h"
+#include "host/http/http_tls.h"
 
 namespace vexa::daemon {
 

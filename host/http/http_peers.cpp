@@ -1,4 +1,4 @@
-#include "host/daemon/http_peers.h"
+#include "host/http/http_peers.h"
 
 namespace vexa::daemon {
 

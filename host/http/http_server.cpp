@@ -1,4 +1,4 @@
-#include "host/daemon/http_server.h"
+#include "host/http/http_server.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "host/daemon/http_acceptor.h"
-#include "host/daemon/http_io_thread.h"
-#include "host/daemon/http_listen.h"
-#include "host/daemon/http_shared.h"
+#include "host/http/http_acceptor.h"
+#include "host/http/http_io_thread.h"
+#include "host/http/http_listen.h"
+#include "host/http/http_shared.h"
 
 namespace vexa::daemon {
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/daemon/session_token.h"
+#include "host/session/session_token.h"
 
 namespace vexa::daemon {
 
