@@ -6,7 +6,7 @@
 #include "bench/guest_records.h"
 #include "host/base/files.h"
 #include "host/cluster/account_store.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/guest_admin.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
 

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "bench/guest_records.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
 #include "host/http/http_server.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "host/services/guest_states.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"

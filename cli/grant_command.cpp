@@ -5,9 +5,10 @@
 
 #include "cli/printable.h"
 #include "host/accounts/account_nss.h"
-#include "host/cluster/guest_admin.h"
-#include "host/cluster/guest_admin_record.h"
-#include "host/cluster/object_edit.h"
+#include "host/base/uuid.h"
+#include "host/records/guest_admin.h"
+#include "host/records/guest_admin_record.h"
+#include "host/records/object_edit.h"
 
 namespace vexa::cli {
 namespace {
@@ -56,17 +57,6 @@ Result<FoundAccount> FindInSystem(const GrantTarget& target) {
   return FoundAccount{group->gid, group->name, kSeenAll};
 }
 
-bool IsUuid(std::string_view id) {
-  if (id.size() != 36) return false;
-  for (std::size_t i = 0; i < id.size(); ++i) {
-    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-    if (dash ? id[i] != '-' : std::string_view("0123456789abcdefABCDEF").find(id[i]) == std::string_view::npos) {
-      return false;
-    }
-  }
-  return true;
-}
-
 ExitCode RunEdit(const GlobalOptions& global, const GrantTarget& target, const Edit& edit, const std::string& done) {
   const Result<FoundAccount> account = FindAccount(target);
   if (!account) return Report(account.error());
@@ -83,7 +73,7 @@ ExitCode RunEditGuests(const GlobalOptions& global, const GrantTarget& target,
                        const std::function<void(Json::Value& guests, const std::string& id)>& edit,
                        const std::string& done) {
   for (const std::string& id : guest_ids) {
-    if (!IsUuid(id)) return Report(Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)"));
+    if (!IsUuidForm(id)) return Report(Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)"));
   }
   const auto edit_all = [&](Json::Value& record) {
     for (const std::string& id : guest_ids) edit(record["guests"], id);

@@ -11,7 +11,7 @@
 
 #include "cli/account_places.h"
 #include "cli/client_options.h"
-#include "host/cluster/account_records.h"
+#include "host/records/account_records.h"
 
 namespace vexa::cli {
 

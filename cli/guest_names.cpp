@@ -5,6 +5,7 @@
 
 #include "cli/listing.h"
 #include "cli/reply.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {

@@ -9,6 +9,7 @@
 #include "cli/moment.h"
 #include "cli/printable.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {

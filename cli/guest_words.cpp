@@ -12,6 +12,7 @@
 #include "cli/listing.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 #include "host/guests/edit_request.h"
 #include "host/hypervisor/domain_xml.h"
 

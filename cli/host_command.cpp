@@ -13,6 +13,7 @@
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {

@@ -14,9 +14,9 @@
 #include "host/base/json_parse.h"
 #include "host/base/rooted_file.h"
 #include "host/base/uuid.h"
-#include "host/cluster/guest_image.h"
-#include "host/guests/run_record.h"
 #include "host/hypervisor/domain_xml.h"
+#include "host/records/guest_image.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 
@@ -91,7 +91,7 @@ Status AddImage(const NewImage& image, store::Store& store, std::ostream& out) {
   if (Status checked = CheckWords(image); !checked) return checked;
   const Result<std::string> path = FindFile(image);
   if (!path) return path.error();
-  std::string id = hypervisor::NormalizeUuid(image.id);
+  std::string id = NormalizeUuid(image.id);
   if (id.empty()) {
     Result<std::string> made = RandomUuid();
     if (!made) return made.error();

@@ -11,9 +11,9 @@
 #include "cli/printable.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
-#include "host/cluster/live_state.h"
-#include "host/guests/run_record.h"
 #include "host/hypervisor/domain_list.h"
+#include "host/records/live_state.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 

@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "cli/import_command.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
@@ -36,7 +37,7 @@ Status TakeDiskSize(const std::string& value, ImportArguments& arguments) {
 
 Status TakeNetwork(const std::string& value, ImportArguments& arguments) {
   const auto assignment = SplitAssignment(value);
-  if (!assignment || hypervisor::NormalizeUuid(assignment->second).empty()) {
+  if (!assignment || NormalizeUuid(assignment->second).empty()) {
     return Refused("--network says '" + value + "': give NAME=UUID, the name of a network or bridge and its id");
   }
   arguments.networks[assignment->first] = assignment->second;
@@ -46,7 +47,7 @@ Status TakeNetwork(const std::string& value, ImportArguments& arguments) {
 // The empty text is an option that was not given.
 Status TakeUuid(const std::string& option, const std::string& value, std::optional<std::string>& member) {
   if (value.empty()) return {};
-  if (hypervisor::NormalizeUuid(value).empty()) {
+  if (NormalizeUuid(value).empty()) {
     return Refused(option + " says '" + value + "': give a UUID of the form 8-4-4-4-12");
   }
   member = value;

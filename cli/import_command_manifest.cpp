@@ -6,6 +6,7 @@
 #include "cli/printable.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
@@ -31,7 +32,7 @@ Status CheckMembers(const Json::Value& object, const std::string& where, std::in
 Status TakeUuid(const Json::Value& object, const std::string& member, const std::string& where, std::string& id) {
   if (!object.isMember(member)) return {};
   const Json::Value& value = object[member];
-  const std::string uuid = value.isString() ? hypervisor::NormalizeUuid(value.asString()) : "";
+  const std::string uuid = value.isString() ? NormalizeUuid(value.asString()) : "";
   if (uuid.empty()) return Refused(where, "has a '" + member + "' that is no UUID");
   id = uuid;
   return {};

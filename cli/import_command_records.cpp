@@ -2,8 +2,8 @@
 #include <set>
 
 #include "cli/import_command.h"
-#include "host/cluster/live_state.h"
-#include "host/guests/run_record.h"
+#include "host/records/live_state.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 

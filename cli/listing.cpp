@@ -59,17 +59,6 @@ Result<std::string> FindByName(const Json::Value& list, const Naming& naming, co
   return ids.front();
 }
 
-bool IsUuidForm(const std::string& text) {
-  constexpr std::size_t kLength = 36;
-  if (text.size() != kLength) return false;
-  for (std::size_t i = 0; i < kLength; ++i) {
-    const char c = text[i];
-    const bool is_hex = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-    if (i == 8 || i == 13 || i == 18 || i == 23 ? c != '-' : !is_hex) return false;
-  }
-  return true;
-}
-
 std::string OneParameter(const char* name, const std::string& value) {
   Json::Value parameters(Json::objectValue);
   parameters[name] = value;

@@ -31,9 +31,6 @@ struct Naming {
 // The id of the one object of this name. kNotFound; kConflict, with their ids, when several have it.
 Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name);
 
-// 8-4-4-4-12 hexadecimal digits.
-bool IsUuidForm(const std::string& text);
-
 // {"<name>": "<value>"}
 std::string OneParameter(const char* name, const std::string& value);
 

@@ -75,7 +75,7 @@ Status CheckWords(const NewRepository& repository) {
 
 Status AddRepository(const NewRepository& repository, store::Store& store, std::ostream& out) {
   if (Status checked = CheckWords(repository); !checked) return checked;
-  std::string id = hypervisor::NormalizeUuid(repository.id);
+  std::string id = NormalizeUuid(repository.id);
   if (id.empty()) {
     Result<std::string> made = RandomUuid();
     if (!made) return made.error();
@@ -93,7 +93,7 @@ Status AddRepository(const NewRepository& repository, store::Store& store, std::
   }
   Json::Value record(Json::objectValue);
   record["name"] = repository.name;
-  record["host_id"] = hypervisor::NormalizeUuid(repository.host_id);
+  record["host_id"] = NormalizeUuid(repository.host_id);
   record["state"] = VexaCCC::State::Repo::online;
   const auto committed = store.Commit({{{RepositoryKey(id), 0}}, {{RepositoryKey(id), json::ToText(record)}}});
   if (!committed) return committed.error();

@@ -5,6 +5,7 @@
 
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml.h"
 #include "json/readers.h"
 

@@ -7,8 +7,8 @@
 
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/environment.h"
+#include "host/records/guest_admin.h"
 #include "json/readers.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"

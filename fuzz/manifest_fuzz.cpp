@@ -5,12 +5,13 @@
 #include "fuzz/check.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
+using vexa::NormalizeUuid;
 using vexa::fuzz::Check;
-using vexa::hypervisor::NormalizeUuid;
 
 void CheckUuid(const std::string& id) { Check(!id.empty() && NormalizeUuid(id) == id, "an id is a UUID"); }
 

@@ -1,11 +1,9 @@
 #include "host/accounts/account_file.h"
 
-#include <boost/uuid/name_generator_sha1.hpp>
-#include <boost/uuid/uuid.hpp>
-#include <boost/uuid/uuid_io.hpp>
 #include <utility>
 
 #include "host/base/private_file.h"
+#include "host/base/uuid.h"
 
 namespace vexa::base {
 namespace {
@@ -20,8 +18,8 @@ Result<AccountFile> ReadAccountFile(const std::string& path) {
   if (!file) return file.error();
   auto document = ParseAccounts(file->content);
   if (!document) return Error(document.error().code(), "'" + path + "': " + document.error().ToString());
-  const boost::uuids::name_generator_sha1 generate(boost::uuids::uuid{});
-  return AccountFile{std::move(*document), to_string(generate(file->content))};
+  constexpr char kNoNameSpace[16] = {};
+  return AccountFile{std::move(*document), NameBasedUuid({kNoNameSpace, sizeof kNoNameSpace}, file->content)};
 }
 
 }  // namespace vexa::base

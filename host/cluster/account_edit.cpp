@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/cluster/guest_admin.h"
+#include "host/records/guest_admin.h"
 #include "json/readers.h"
 
 namespace vexa::cluster {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/cluster/account_records.h"
+#include "host/records/account_records.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {

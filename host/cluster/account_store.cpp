@@ -5,9 +5,9 @@
 
 #include "host/accounts/account_password.h"
 #include "host/cluster/account_edit.h"
-#include "host/cluster/guest_admin.h"
-#include "host/cluster/guest_admin_record.h"
-#include "host/cluster/object_edit.h"
+#include "host/records/guest_admin.h"
+#include "host/records/guest_admin_record.h"
+#include "host/records/object_edit.h"
 #include "json/readers.h"
 
 namespace vexa::cluster {

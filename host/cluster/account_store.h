@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "host/accounts/accounts.h"
-#include "host/cluster/account_records.h"
+#include "host/records/account_records.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {

@@ -12,7 +12,7 @@
 
 #include "host/accounts/account_file.h"
 #include "host/cluster/account_edit.h"
-#include "host/cluster/object_edit.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -6,8 +6,8 @@
 
 #include "host/cluster/cache_entry.h"
 #include "host/cluster/cache_refresher.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/dr_cache.h"
 

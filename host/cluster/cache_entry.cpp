@@ -2,11 +2,28 @@
 
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <utility>
 
-#include "host/cluster/environment_internal.h"
+#include "host/records/environment.h"
 
 namespace vexa::cluster {
+namespace {
+
+// Of the environment that is installed now.
+CacheMemory& CurrentCacheMemory() {
+  static std::mutex mutex;
+  static std::unique_ptr<CacheMemory> memory;
+  static std::uint64_t number = 0;
+  const std::lock_guard lock(mutex);
+  if (!memory || number != EnvironmentNumber()) {
+    memory = std::make_unique<CacheMemory>();
+    number = EnvironmentNumber();
+  }
+  return *memory;
+}
+
+}  // namespace
 
 CacheEntry::CacheEntry(const VexaDR::Cache::DRCache& cache) : cache_(cache), names_(cache) {
   if (const Environment* environment = CurrentEnvironment()) {

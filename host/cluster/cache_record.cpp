@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/record_names.h"
+#include "host/records/record_names.h"
 #include "json/readers.h"
 
 namespace vexa::cluster {

@@ -9,7 +9,7 @@
 #include <system_error>
 
 #include "host/cluster/cache_entry.h"
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 
 namespace vexa::cluster {
 namespace {

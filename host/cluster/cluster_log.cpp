@@ -10,8 +10,8 @@
 
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
-#include "host/cluster/object_edit.h"
-#include "host/cluster/reading.h"
+#include "host/records/object_edit.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 

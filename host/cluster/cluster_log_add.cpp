@@ -10,7 +10,7 @@
 
 #include "host/base/log_text.h"
 #include "host/cluster/cluster_log.h"
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "webapi/platform/ccc_log.h"
 
 namespace vexa::cluster {

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <string_view>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/host_life.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/environment.h"
+#include "host/records/host_life.h"
+#include "host/records/reading.h"
+#include "host/records/shutdown_reason.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -153,18 +153,3 @@ std::string DBLocalhostID() {
 }
 
 }  // namespace VexaCCC::DB
-
-namespace VexaCCC::Utils {
-
-bool isUUID(const std::string& text) {
-  constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
-  const auto fits = [](char c, char form) {
-    if (form == '-') return c == '-';
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-  };
-  return text.size() == kForm.size() && std::equal(text.begin(), text.end(), kForm.begin(), fits);
-}
-
-bool IsNotEmpty(const std::string& text) { return !text.empty(); }
-
-}  // namespace VexaCCC::Utils

@@ -1,4 +1,4 @@
-#include "host/cluster/guest_admin.h"
+#include "host/records/guest_admin.h"
 
 #include <syslog.h>
 
@@ -7,10 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/guest_admin_record.h"
-#include "host/cluster/reading.h"
-#include "host/store/key.h"
+#include "host/records/environment.h"
+#include "host/records/guest_admin_record.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -59,15 +58,6 @@ Result<std::vector<Record>> RecordsOf(const std::string& user) {
 }
 
 }  // namespace
-
-std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id) {
-  return std::string(kind) + "-" + std::to_string(numeric_id);
-}
-
-std::string GuestAdminKey(std::string_view identifier) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name(), identifier, VexaCCC::DB::_k::object});
-}
-
 }  // namespace vexa::cluster
 
 namespace VexaCCC {

@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/guest_admin.h"
-#include "host/cluster/guest_admin_record.h"
-#include "host/cluster/object_edit.h"
+#include "host/records/environment.h"
+#include "host/records/guest_admin.h"
+#include "host/records/guest_admin_record.h"
+#include "host/records/object_edit.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 

@@ -1,12 +1,12 @@
-#include "host/cluster/guest_image.h"
+#include "host/records/guest_image.h"
 
 #include <algorithm>
 #include <cctype>
 
 #include "host/base/json_parse.h"
 #include "host/base/rooted_file.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"

@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_ha.h"
 

@@ -12,8 +12,8 @@
 
 #include "host/base/files.h"
 #include "host/base/uuid.h"
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/object_edit.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "host/cluster/object_edit.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -22,7 +22,7 @@
 
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {

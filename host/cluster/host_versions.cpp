@@ -2,9 +2,9 @@
 #include <chrono>
 #include <utility>
 
-#include "host/cluster/host_life.h"
-#include "host/cluster/reading.h"
 #include "host/cluster/versions.h"
+#include "host/records/host_life.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

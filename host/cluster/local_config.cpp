@@ -5,12 +5,12 @@
 #include <optional>
 #include <utility>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/host_life.h"
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/shutdown_reason.h"
-#include "host/cluster/unstored_states.h"
+#include "host/records/environment.h"
+#include "host/records/host_life.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
+#include "host/records/shutdown_reason.h"
+#include "host/records/unstored_states.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

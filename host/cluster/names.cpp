@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -43,20 +43,6 @@ int GetNameList(const DB::DashCate& category, const std::vector<std::string>& id
   }
   names = std::move(found);
   return 0;
-}
-
-bool IsGuestStateOnline(const std::string& state) {
-  const std::array<std::string_view, 5> online{State::Guest::running, State::Guest::booting,
-                                               State::Guest::shutting_down, State::Guest::moving,
-                                               State::Guest::stor_migrating};
-  return std::ranges::find(online, state) != online.end();
-}
-
-bool IsFindInSTLContainer(const Json::Value& array, const std::string& text) {
-  for (const Json::Value& element : VexaVirtualization::json::Elements(array)) {
-    if (element.isString() && VexaVirtualization::json::String(element) == text) return true;
-  }
-  return false;
 }
 
 bool jsChkMemberInDepth(const Json::Value& value, std::initializer_list<const char*> path) {

@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "host/cluster/object_edit.h"
-#include "host/cluster/reading.h"
 #include "host/cluster/versions.h"
+#include "host/records/object_edit.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_state.h"

@@ -7,8 +7,8 @@
 #include <system_error>
 #include <utility>
 
-#include "host/cluster/cluster_status.h"
 #include "host/daemon/cache_refresh.h"
+#include "host/records/cluster_status.h"
 #include "host/store/lmdb_store.h"
 #include "host/store/mirrored_store.h"
 

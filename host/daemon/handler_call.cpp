@@ -5,7 +5,7 @@
 #include <exception>
 
 #include "host/base/error_table.h"
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/webapi/reason.h"
 #include "json/readers.h"
 

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/domain_record.h"
-#include "host/guests/run_record.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 
 namespace vexa::guests {

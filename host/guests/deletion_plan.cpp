@@ -4,10 +4,10 @@
 
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
-#include "host/cluster/live_state.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/storage_disks.h"
+#include "host/records/live_state.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -7,7 +7,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "host/guests/disk_files.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/guest_image.h"
 #include "host/guests/deletion_plan.h"
-#include "host/guests/run_record.h"
+#include "host/records/guest_image.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

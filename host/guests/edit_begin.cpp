@@ -7,10 +7,10 @@
 #include "host/base/log_text.h"
 #include "host/base/uuid.h"
 #include "host/cluster/mac_address.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/edit_job.h"
-#include "host/guests/run_record.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
 
 namespace vexa::guests {
 namespace {

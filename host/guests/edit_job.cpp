@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
-#include "host/guests/run_record.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
 
 namespace vexa::guests {
 namespace {

@@ -7,11 +7,11 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/edit.h"
 #include "host/guests/edit_facts.h"
 #include "host/guests/edit_request.h"
+#include "host/records/object_edit.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {

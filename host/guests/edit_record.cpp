@@ -6,7 +6,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "host/guests/claims.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

@@ -4,9 +4,9 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_job.h"
 #include "host/guests/edit_job.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

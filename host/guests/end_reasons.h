@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/shutdown_reason.h"
 
 namespace vexa::guests {
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "host/cluster/host_claim_record.h"
+#include "host/records/host_claim_record.h"
 
 namespace vexa::guests {
 namespace {

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "host/base/guarded.h"
-#include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 

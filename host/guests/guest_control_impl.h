@@ -13,16 +13,16 @@
 #include <string_view>
 #include <thread>
 
-#include "host/cluster/live_state.h"
 #include "host/guests/claims.h"
 #include "host/guests/domain_record.h"
 #include "host/guests/edit.h"
 #include "host/guests/end_reasons.h"
 #include "host/guests/guest_control.h"
-#include "host/guests/run_record.h"
 #include "host/guests/shut_downs.h"
 #include "host/guests/starts.h"
 #include "host/guests/storage_watch.h"
+#include "host/records/live_state.h"
+#include "host/records/run_record.h"
 
 namespace vexa::guests {
 

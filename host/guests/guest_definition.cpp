@@ -7,13 +7,14 @@
 #include <filesystem>
 #include <utility>
 
-#include "host/cluster/guest_admin.h"
-#include "host/cluster/object_edit.h"
-#include "host/cluster/reading.h"
+#include "host/base/uuid.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
 #include "host/hypervisor/domain_xml.h"
+#include "host/records/guest_admin.h"
+#include "host/records/object_edit.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -141,7 +142,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const std
 
 // A machine that libvirt has already keeps its name, as another may have its guest's by now; "" when another has it.
 std::string LibvirtGuestControl::MachineName(const Guest& guest) {
-  const std::string id = hypervisor::NormalizeUuid(guest.records.id);
+  const std::string id = NormalizeUuid(guest.records.id);
   const auto known = hypervisor_->List();
   if (!known) return guest.name;
   const auto own = std::ranges::find(*known, id, &hypervisor::KnownGuest::id);

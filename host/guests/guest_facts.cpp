@@ -6,10 +6,10 @@
 #include <map>
 #include <utility>
 
-#include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
 #include "host/hypervisor/domain_xml.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

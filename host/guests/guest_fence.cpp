@@ -4,9 +4,9 @@
 
 #include <utility>
 
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/reading.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/reading.h"
 
 namespace vexa::guests {
 namespace {

@@ -5,10 +5,10 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/unstored_states.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/reading.h"
+#include "host/records/unstored_states.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"

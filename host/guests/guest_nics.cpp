@@ -5,10 +5,10 @@
 #include <utility>
 
 #include "host/cluster/nic_id.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/guest_records.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

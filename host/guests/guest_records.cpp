@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "host/base/log_text.h"
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

@@ -2,11 +2,11 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/object_edit.h"
-#include "host/cluster/reading.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/object_edit.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -5,9 +5,9 @@
 #include <set>
 
 #include "host/base/log_text.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/deletion_record.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 
 namespace vexa::guests {

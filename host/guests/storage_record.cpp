@@ -3,10 +3,10 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
-#include "host/guests/run_record.h"
 #include "host/guests/storage_condition.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/object_edit.h"
 #include "host/guests/deletion_plan.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 
 namespace vexa::guests {
 namespace {

@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_build_internal.h"
 #include "host/hypervisor/domain_overlay.h"
 #include "host/hypervisor/domain_xml.h"

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "host/base/json_parse.h"
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_build_internal.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/domain_xml_internal.h"

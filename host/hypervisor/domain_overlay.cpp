@@ -1,5 +1,6 @@
 #include "host/hypervisor/domain_overlay.h"
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_build_internal.h"
 #include "host/hypervisor/domain_xml_internal.h"
 

@@ -1,5 +1,6 @@
 #include "host/hypervisor/domain_xml.h"
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml_internal.h"
 
 namespace vexa::hypervisor {

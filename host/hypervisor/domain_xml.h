@@ -69,7 +69,4 @@ std::string NameBasedUuid(std::string_view name);
 // The id that an import gives to the network or bridge called `network_name`.
 std::string NetworkGroupId(std::string_view network_name);
 
-// `text` in lower case when it is a UUID of the form 8-4-4-4-12 and not all zero; else empty.
-std::string NormalizeUuid(std::string_view text);
-
 }  // namespace vexa::hypervisor

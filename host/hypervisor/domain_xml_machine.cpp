@@ -2,6 +2,7 @@
 #include <limits>
 #include <set>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml_internal.h"
 
 namespace vexa::hypervisor::domain_xml {

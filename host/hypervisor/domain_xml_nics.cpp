@@ -1,6 +1,7 @@
 // <interface>: network interfaces.
 #include <set>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml_internal.h"
 
 namespace vexa::hypervisor::domain_xml {

@@ -1,10 +1,9 @@
 // The small values inside domain XML: numbers, units, identifiers, addresses.
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml_internal.h"
 
 namespace vexa::hypervisor {
@@ -35,28 +34,8 @@ bool OnlyHolds(std::string_view text, std::string_view characters) {
 
 }  // namespace
 
-std::string NormalizeUuid(std::string_view text) {
-  std::string uuid = MatchShape(text, "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx");
-  return OnlyHolds(uuid, "0-") ? "" : uuid;
-}
-
 std::string NameBasedUuid(std::string_view name) {
-  std::string input(reinterpret_cast<const char*>(kNamespace.data()), kNamespace.size());
-  input += name;
-  std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
-  unsigned int length = 0;
-  EVP_Digest(input.data(), input.size(), hash.data(), &length, EVP_sha1(), nullptr);
-  // RFC 4122, section 4.3: the first 16 bytes, with the version and the variant set.
-  hash[6] = static_cast<unsigned char>((hash[6] & 0x0F) | 0x50);
-  hash[8] = static_cast<unsigned char>((hash[8] & 0x3F) | 0x80);
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string uuid;
-  for (std::size_t i = 0; i < 16; ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) uuid += '-';
-    uuid += kDigits[hash[i] >> 4];
-    uuid += kDigits[hash[i] & 0x0F];
-  }
-  return uuid;
+  return vexa::NameBasedUuid({reinterpret_cast<const char*>(kNamespace.data()), kNamespace.size()}, name);
 }
 
 std::string NetworkGroupId(std::string_view network_name) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/event_loop.h"
 #include "host/hypervisor/kvm_probe.h"

@@ -5,6 +5,7 @@
 #include <pugixml.hpp>
 #include <string_view>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/domain_xml.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 #include "host/hypervisor/qemu_process.h"

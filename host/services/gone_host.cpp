@@ -4,8 +4,8 @@
 #include <ctime>
 #include <utility>
 
-#include "host/cluster/reading.h"
-#include "host/guests/run_record.h"
+#include "host/records/reading.h"
+#include "host/records/run_record.h"
 #include "host/webapi/reason.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

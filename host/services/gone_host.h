@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 #include "host/webapi/api_table.h"
 
 namespace vexa::services {

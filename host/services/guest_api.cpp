@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
-#include "host/cluster/reading.h"
 #include "host/guests/storage_condition.h"
+#include "host/records/reading.h"
 #include "host/services/rows.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -10,9 +10,9 @@
 #include <system_error>
 #include <utility>
 
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/revisions.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
+#include "host/records/revisions.h"
 #include "host/store/key.h"
 #include "host/transport/unanswered.h"
 #include "json/readers.h"

@@ -1,7 +1,7 @@
 #include "host/services/guest_parts_state.h"
 
-#include "host/cluster/shutdown_reason.h"
 #include "host/guests/storage_disks.h"
+#include "host/records/shutdown_reason.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/utils.h"

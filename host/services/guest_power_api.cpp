@@ -2,8 +2,8 @@
 #include <functional>
 #include <utility>
 
-#include "host/cluster/environment.h"
 #include "host/guests/guest_control.h"
+#include "host/records/environment.h"
 #include "host/services/rows.h"
 #include "webapi/platform/ccc.h"
 

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/cluster/reading.h"
 #include "host/guests/guest_records.h"
+#include "host/records/reading.h"
 #include "host/services/rows.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "host/cluster/ha_group.h"
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/services/gone_host.h"
 #include "host/services/guest_parts_state.h"
 #include "host/services/rows.h"

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/revisions.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
+#include "host/records/revisions.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 #include "host/services/guest_links.h"
 #include "host/services/shown_guest.h"
 #include "host/store/store.h"

@@ -4,7 +4,7 @@
 #include <map>
 #include <optional>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/services/gone_host.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 #include "host/services/guest_links.h"
 #include "webapi/utils/utils.h"
 

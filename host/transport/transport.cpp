@@ -7,7 +7,7 @@
 #include <new>
 #include <utility>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/transport/breaker.h"
 #include "host/transport/host_name.h"
 #include "host/transport/http_pool.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 #include "host/transport/local_call.h"
 #include "host/transport/tls_material.h"
 #include "webapi/platform/dr.h"

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "host/cluster/cache_refresher.h"
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "tests/contract/cache_test_value.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"

@@ -12,7 +12,7 @@
 #include <thread>
 #include <utility>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "tests/contract/cache_test_value.h"
 
 namespace vexa::test {

@@ -11,7 +11,7 @@
 #include <stdexcept>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/guest_admin.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/environment.h"
+#include "host/records/guest_admin.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"

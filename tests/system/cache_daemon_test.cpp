@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "host/store/key.h"
 #include "tests/support/test_daemon.h"
 #include "webapi/guest/guest_uistate_cache.h"

@@ -3,8 +3,8 @@
 
 #include <fstream>
 
-#include "host/cluster/guest_admin.h"
 #include "host/daemon/host_id.h"
+#include "host/records/guest_admin.h"
 #include "tests/support/test_daemon.h"
 #include "tests/system/cli_program.h"
 #include "tests/unit/guest_edit_ground.h"

@@ -8,7 +8,7 @@
 
 #include "host/base/files.h"
 #include "host/cluster/account_store.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/guest_admin.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/http_client.h"

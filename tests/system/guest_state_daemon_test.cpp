@@ -4,7 +4,7 @@
 #include <chrono>
 #include <thread>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/test_daemon.h"

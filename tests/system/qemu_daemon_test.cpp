@@ -15,7 +15,7 @@
 #include "host/base/json_parse.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/host_id.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"

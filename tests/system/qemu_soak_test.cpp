@@ -8,7 +8,7 @@
 #include <random>
 #include <thread>
 
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "tests/support/qemu_host_test.h"
 
 namespace vexa::test {

@@ -1,6 +1,6 @@
 // The states of guests on QEMU, and why they are off.
 #include "host/base/json_parse.h"
-#include "host/cluster/live_state.h"
+#include "host/records/live_state.h"
 #include "tests/support/qemu_host_test.h"
 #include "tests/support/require.h"
 

@@ -10,7 +10,7 @@
 #include <set>
 #include <thread>
 
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/late_storage.h"

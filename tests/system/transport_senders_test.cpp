@@ -11,8 +11,8 @@
 #include <mutex>
 #include <new>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/http_pool.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "host/cluster/account_store.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/guest_admin.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/faulty_store.h"
 #include "tests/support/require.h"

@@ -16,8 +16,8 @@
 
 #include "host/base/files.h"
 #include "host/cluster/cache_refresher.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "tests/support/counting_cache.h"
 #include "tests/support/require.h"

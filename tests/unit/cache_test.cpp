@@ -25,7 +25,7 @@
 #include "host/base/files.h"
 #include "host/cluster/cache_entry.h"
 #include "host/cluster/cache_paths.h"
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "json/readers.h"
 #include "tests/support/counting_cache.h"
 #include "tests/support/require.h"

@@ -4,9 +4,9 @@
 #include <thread>
 #include <vector>
 
-#include "host/cluster/cluster_status.h"
-#include "host/cluster/reading.h"
 #include "host/cluster/settings.h"
+#include "host/records/cluster_status.h"
+#include "host/records/reading.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"

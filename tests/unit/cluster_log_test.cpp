@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/reading.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"

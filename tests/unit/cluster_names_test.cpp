@@ -1,7 +1,7 @@
 // Names and states of the cluster's objects, looked up by other code.
 #include <gtest/gtest.h>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"

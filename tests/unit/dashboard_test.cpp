@@ -5,9 +5,9 @@
 #include <set>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/record_cache.h"
-#include "host/cluster/record_names.h"
+#include "host/records/environment.h"
+#include "host/records/record_cache.h"
+#include "host/records/record_names.h"
 #include "host/store/key.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/environment.h"
+#include "host/records/guest_admin.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"

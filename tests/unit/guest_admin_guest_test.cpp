@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/cluster/guest_admin.h"
-#include "host/cluster/reading.h"
+#include "host/records/guest_admin.h"
+#include "host/records/reading.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/environment.h"
+#include "host/records/guest_admin.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"

@@ -11,9 +11,9 @@
 #include <thread>
 #include <utility>
 
-#include "host/cluster/environment.h"
 #include "host/guests/guest_control.h"
-#include "host/guests/run_record.h"
+#include "host/records/environment.h"
+#include "host/records/run_record.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"

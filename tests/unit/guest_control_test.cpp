@@ -12,10 +12,10 @@
 #include <thread>
 #include <vector>
 
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
 #include "host/guests/edit.h"
-#include "host/guests/run_record.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/unit/guest_control_ground.h"

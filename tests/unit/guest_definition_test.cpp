@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "host/guests/domain_record.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/unit/guest_control_ground.h"

@@ -10,7 +10,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/guests/deletion.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guest_deletion_ground.h"
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "host/guests/deletion.h"
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guest_deletion_ground.h"
 

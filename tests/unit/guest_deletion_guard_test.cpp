@@ -7,10 +7,10 @@
 #include <functional>
 #include <utility>
 
-#include "host/cluster/guest_admin.h"
 #include "host/guests/deletion.h"
 #include "host/guests/domain_record.h"
-#include "host/guests/run_record.h"
+#include "host/records/guest_admin.h"
+#include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/guest_deletion_ground.h"

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <set>
 
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guest_deletion_ground.h"
 

@@ -14,9 +14,9 @@
 
 #include "host/guests/edit.h"
 #include "host/guests/image_file.h"
-#include "host/guests/run_record.h"
 #include "host/hypervisor/domain_build.h"
 #include "host/hypervisor/domain_xml.h"
+#include "host/records/run_record.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/guest_deletion_ground.h"
 

@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "tests/unit/guest_edit_ground.h"
 
 namespace vexa::test {

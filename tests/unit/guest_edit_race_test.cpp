@@ -9,7 +9,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/guest_edit_ground.h"

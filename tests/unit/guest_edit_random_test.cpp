@@ -12,10 +12,10 @@
 #include <iostream>
 #include <random>
 
-#include "host/cluster/reading.h"
 #include "host/guests/deletion_record.h"
 #include "host/guests/image_file.h"
 #include "host/hypervisor/domain_xml.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"

@@ -6,7 +6,7 @@
 #include <set>
 #include <utility>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "tests/unit/guest_edit_ground.h"
 
 namespace vexa::test {

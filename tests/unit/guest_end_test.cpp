@@ -2,8 +2,8 @@
 #include <set>
 #include <vector>
 
-#include "host/cluster/live_state.h"
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/live_state.h"
+#include "host/records/shutdown_reason.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/unit/guest_control_ground.h"
 

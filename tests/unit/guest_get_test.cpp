@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"

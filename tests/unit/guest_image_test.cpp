@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "host/base/rooted_file.h"
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"

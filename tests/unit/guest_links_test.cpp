@@ -7,10 +7,10 @@
 #include <chrono>
 #include <thread>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/revisions.h"
+#include "host/records/environment.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
+#include "host/records/revisions.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/require.h"

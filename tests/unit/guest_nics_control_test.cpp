@@ -1,5 +1,5 @@
 // What a host with guests on libvirt's test driver writes of their interfaces.
-#include "host/cluster/object_edit.h"
+#include "host/records/object_edit.h"
 #include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"
 

@@ -5,7 +5,7 @@
 
 #include <limits>
 
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"

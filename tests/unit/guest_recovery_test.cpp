@@ -4,12 +4,12 @@
 #include <gmock/gmock.h>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/environment.h"
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/host_life.h"
-#include "host/cluster/live_state.h"
 #include "host/guests/domain_record.h"
-#include "host/guests/run_record.h"
+#include "host/records/environment.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/host_life.h"
+#include "host/records/live_state.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/require.h"

@@ -5,9 +5,9 @@
 
 #include <chrono>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
 #include "host/services/gone_host.h"
 #include "host/store/key.h"
 #include "host/webapi/reason.h"

@@ -9,9 +9,9 @@
 #include <functional>
 #include <thread>
 
-#include "host/cluster/host_claim_record.h"
 #include "host/cluster/host_record.h"
-#include "host/cluster/object_edit.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/require.h"

@@ -1,11 +1,11 @@
 // A host that gives no sign of life: what is shown of it, its repositories and its guests.
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 
 #include <gtest/gtest.h>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/live_state.h"
+#include "host/records/environment.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/live_state.h"
 #include "host/store/key.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "host/services/host_facts.h"
 #include "host/store/key.h"
 #include "tests/unit/services_fixture.h"

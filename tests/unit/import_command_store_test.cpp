@@ -10,9 +10,9 @@
 
 #include "cli/import_command.h"
 #include "host/base/json_parse.h"
-#include "host/cluster/live_state.h"
-#include "host/guests/run_record.h"
 #include "host/hypervisor/handles.h"
+#include "host/records/live_state.h"
+#include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/unit/import_words.h"

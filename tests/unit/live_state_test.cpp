@@ -1,5 +1,5 @@
 // Live states: what a host observes becomes the stored state of its guests, in the order it was observed.
-#include "host/cluster/live_state.h"
+#include "host/records/live_state.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"

@@ -3,11 +3,11 @@
 
 #include <chrono>
 
-#include "host/cluster/environment_internal.h"
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
-#include "host/cluster/record_cache.h"
-#include "host/cluster/unstored_states.h"
+#include "host/records/environment_internal.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
+#include "host/records/record_cache.h"
+#include "host/records/unstored_states.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"

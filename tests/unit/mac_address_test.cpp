@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/process.h"

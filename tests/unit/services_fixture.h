@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 #include "host/services/services.h"
 #include "json/readers.h"
 #include "tests/support/test_host.h"

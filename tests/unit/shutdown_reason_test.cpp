@@ -1,11 +1,11 @@
 // Why guests are off: stored with the live state, and what readers of the guest's record get.
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/shutdown_reason.h"
 
 #include <gtest/gtest.h>
 
 #include <set>
 
-#include "host/cluster/live_state.h"
+#include "host/records/live_state.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/shutdown_reason.h"
 
 namespace vexa {
 namespace {
@@ -39,7 +39,7 @@ std::set<std::string> Constants() {
   bool is_state = false;
   const std::regex begins("namespace (\\w+) \\{");
   const std::regex defines("constinit const char\\* const (\\w+) = .*");
-  for (const std::string& line : LinesOf("host/cluster/constants.cpp")) {
+  for (const std::string& line : LinesOf("host/platform/constants.cpp")) {
     std::smatch match;
     if (std::regex_match(line, match, begins)) {
       if (match[1] == "State") is_state = true;
@@ -130,7 +130,7 @@ TEST(StateDocs, EachReason_HasItsRow) {
   // The enumerators by value.
   std::vector<std::string> names;
   const std::regex enumerator("  (k\\w+) = (\\d+),.*");
-  for (const std::string& line : LinesOf("host/cluster/shutdown_reason.h")) {
+  for (const std::string& line : LinesOf("host/records/shutdown_reason.h")) {
     std::smatch match;
     if (std::regex_match(line, match, enumerator)) names.push_back(match[1]);
   }

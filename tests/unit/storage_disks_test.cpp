@@ -9,8 +9,8 @@
 #include <fstream>
 
 #include "host/guests/image_file.h"
-#include "host/guests/run_record.h"
 #include "host/guests/storage_watch.h"
+#include "host/records/run_record.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/storage_ground.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include "host/cluster/object_edit.h"
+#include "host/records/object_edit.h"
 #include "host/store/store.h"
 
 namespace vexa::test {

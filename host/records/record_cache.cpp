@@ -1,10 +1,10 @@
-#include "host/cluster/record_cache.h"
+#include "host/records/record_cache.h"
 
 #include <iterator>
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/record_names.h"
+#include "host/records/record_names.h"
 
 namespace vexa::cluster {
 namespace {

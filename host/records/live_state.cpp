@@ -1,4 +1,4 @@
-#include "host/cluster/live_state.h"
+#include "host/records/live_state.h"
 
 #include <algorithm>
 #include <array>
@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/object_edit.h"
-#include "host/cluster/unstored_states.h"
+#include "host/records/object_edit.h"
+#include "host/records/unstored_states.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

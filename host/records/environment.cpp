@@ -1,10 +1,10 @@
-#include "host/cluster/environment.h"
+#include "host/records/environment.h"
 
 #include <optional>
 #include <utility>
 
 #include "host/accounts/current_accounts.h"
-#include "host/cluster/environment_internal.h"
+#include "host/records/environment_internal.h"
 
 namespace vexa::cluster {
 namespace {
@@ -14,16 +14,17 @@ struct Installed {
   Environment environment;
   RecordCache records;
   ClusterStatus status;
-  CacheMemory caches;
 };
 
 std::optional<Installed> installed;
+std::uint64_t installed_number = 0;
 
 }  // namespace
 
 void InstallEnvironment(Environment environment) {
   base::InstallAccounts(environment.accounts);
   installed.emplace(std::move(environment));
+  ++installed_number;
 }
 
 void RemoveEnvironment() {
@@ -33,9 +34,10 @@ void RemoveEnvironment() {
 
 const Environment* CurrentEnvironment() { return installed ? &installed->environment : nullptr; }
 
+std::uint64_t EnvironmentNumber() { return installed_number; }
+
 RecordCache& CurrentRecordCache() { return installed->records; }
 
 ClusterStatus& CurrentClusterStatus() { return installed->status; }
-CacheMemory& CurrentCacheMemory() { return installed->caches; }
 
 }  // namespace vexa::cluster

@@ -1,13 +1,13 @@
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 
 #include <atomic>
 #include <memory>
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/environment_internal.h"
-#include "host/cluster/record_names.h"
-#include "host/cluster/revisions.h"
+#include "host/records/environment_internal.h"
+#include "host/records/record_names.h"
+#include "host/records/revisions.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc_constants.h"
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -36,5 +37,8 @@ void RemoveEnvironment();
 
 // Null when none is installed. Valid until RemoveEnvironment.
 const Environment* CurrentEnvironment();
+
+// Rises with every environment that is installed. For what is remembered of one and not of the next.
+std::uint64_t EnvironmentNumber();
 
 }  // namespace vexa::cluster

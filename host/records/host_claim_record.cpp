@@ -1,4 +1,4 @@
-#include "host/cluster/host_claim_record.h"
+#include "host/records/host_claim_record.h"
 
 #include "host/store/key.h"
 #include "json/readers.h"

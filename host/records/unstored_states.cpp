@@ -1,4 +1,4 @@
-#include "host/cluster/unstored_states.h"
+#include "host/records/unstored_states.h"
 
 #include <atomic>
 #include <map>

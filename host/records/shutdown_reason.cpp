@@ -1,10 +1,10 @@
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/shutdown_reason.h"
 
 #include <array>
 #include <utility>
 
-#include "host/cluster/live_state.h"
-#include "host/cluster/reading.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

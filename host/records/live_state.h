@@ -20,7 +20,7 @@
 #include <string>
 
 #include "host/base/result.h"
-#include "host/cluster/shutdown_reason.h"
+#include "host/records/shutdown_reason.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {

@@ -1,4 +1,4 @@
-#include "host/cluster/record_names.h"
+#include "host/records/record_names.h"
 
 #include <string_view>
 #include <unordered_set>

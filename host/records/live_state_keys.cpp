@@ -1,5 +1,5 @@
 // Where live states are: all that a program needs of them that observes nothing.
-#include "host/cluster/live_state.h"
+#include "host/records/live_state.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/cluster/record_cache.h"
+#include "host/records/record_cache.h"
 
 namespace vexa::cluster {
 

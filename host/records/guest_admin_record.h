@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/cluster/object_edit.h"
+#include "host/records/object_edit.h"
 #include "host/store/store.h"
 #include "webapi/platform/ccc_guest_admin.h"
 

@@ -1,4 +1,4 @@
-#include "host/cluster/object_edit.h"
+#include "host/records/object_edit.h"
 
 #include <utility>
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "host/base/result.h"
-#include "host/cluster/reading.h"
+#include "host/records/reading.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {

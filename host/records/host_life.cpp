@@ -1,13 +1,13 @@
-#include "host/cluster/host_life.h"
+#include "host/records/host_life.h"
 
 #include <algorithm>
 #include <atomic>
 #include <utility>
 
-#include "host/cluster/environment.h"
-#include "host/cluster/environment_internal.h"
-#include "host/cluster/host_claim_record.h"
-#include "host/cluster/reading.h"
+#include "host/records/environment.h"
+#include "host/records/environment_internal.h"
+#include "host/records/host_claim_record.h"
+#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -1,9 +1,9 @@
-#include "host/cluster/cluster_status.h"
+#include "host/records/cluster_status.h"
 
 #include <algorithm>
 #include <atomic>
 
-#include "host/cluster/environment_internal.h"
+#include "host/records/environment_internal.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/platform/ccc_state.h"

@@ -1,10 +1,10 @@
-#include "host/cluster/guest_admin_record.h"
+#include "host/records/guest_admin_record.h"
 
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/cluster/account_records.h"
-#include "host/cluster/guest_admin.h"
+#include "host/records/account_records.h"
+#include "host/records/guest_admin.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

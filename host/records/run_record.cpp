@@ -1,4 +1,4 @@
-#include "host/guests/run_record.h"
+#include "host/records/run_record.h"
 
 #include <algorithm>
 #include <limits>

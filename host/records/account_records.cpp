@@ -1,4 +1,4 @@
-#include "host/cluster/account_records.h"
+#include "host/records/account_records.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,0 +1,14 @@
+// What the readers of records see of the installed environment.
+#pragma once
+
+#include "host/records/cluster_status.h"
+#include "host/records/environment.h"
+#include "host/records/record_cache.h"
+
+namespace vexa::cluster {
+
+// Only while an environment is installed.
+RecordCache& CurrentRecordCache();
+ClusterStatus& CurrentClusterStatus();
+
+}  // namespace vexa::cluster

@@ -1,0 +1,55 @@
+#include "host/records/guest_admin.h"
+
+#include "host/records/object_edit.h"
+#include "host/store/key.h"
+#include "json/readers.h"
+#include "webapi/platform/ccc.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+
+// Whether the guest was in the record.
+bool TakeOut(Json::Value& record, const std::string& guest_id) {
+  if (!json::FindMember(json::Member(record, keys::guests), guest_id)) return false;
+  // Its form for texts stops at a NUL.
+  return record[keys::guests].removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr);
+}
+
+}  // namespace
+
+std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id) {
+  return std::string(kind) + "-" + std::to_string(numeric_id);
+}
+
+std::string GuestAdminKey(std::string_view identifier) {
+  return store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name(), identifier, VexaCCC::DB::_k::object});
+}
+
+// The other records do not wait for the repair of a damaged one.
+Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction,
+                        std::vector<Error>& damage) {
+  const auto identifiers = snapshot.Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name()}));
+  if (!identifiers) return identifiers.error();
+  for (const std::string& identifier : *identifiers) {
+    const std::string key = GuestAdminKey(identifier);
+    Result<StoredObject> stored = LoadObject(snapshot, key);
+    if (!stored && stored.error().code() != ErrorCode::kCorrupt) return stored.error();
+    if (!stored) {
+      damage.push_back(stored.error());
+      continue;
+    }
+    const Json::Value& guests = json::Member(stored->record, keys::guests);
+    if (!guests.isNull() && !guests.isObject()) {
+      damage.emplace_back(ErrorCode::kCorrupt,
+                          "The grants in '" + key + "' are no object: repair or delete the record");
+    } else if (TakeOut(stored->record, guest_id)) {
+      PutObject(transaction, key, *stored);
+    }
+  }
+  return {};
+}
+
+}  // namespace vexa::cluster
