@@ -4,8 +4,8 @@
 #include <thread>
 #include <utility>
 
-#include "host/cluster/cache_entry.h"
-#include "host/cluster/cache_refresher.h"
+#include "host/cache/cache_entry.h"
+#include "host/cache/cache_refresher.h"
 #include "host/records/environment.h"
 #include "host/records/reading.h"
 #include "json/readers.h"

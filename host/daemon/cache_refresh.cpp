@@ -6,8 +6,8 @@
 #include <memory>
 #include <utility>
 
-#include "host/cluster/cache_paths.h"
-#include "host/cluster/cache_refresher.h"
+#include "host/cache/cache_paths.h"
+#include "host/cache/cache_refresher.h"
 #include "webapi/guest/guest_uistate_cache.h"
 
 namespace vexa::daemon {

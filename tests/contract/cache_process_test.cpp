@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/cluster/cache_refresher.h"
+#include "host/cache/cache_refresher.h"
 #include "host/records/environment.h"
 #include "tests/contract/cache_test_value.h"
 #include "tests/support/process.h"

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "host/cluster/cache_refresher.h"
+#include "host/cache/cache_refresher.h"
 #include "tests/support/counting_cache.h"
 #include "tests/support/test_daemon.h"
 

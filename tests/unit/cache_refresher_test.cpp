@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "host/base/files.h"
-#include "host/cluster/cache_refresher.h"
+#include "host/cache/cache_refresher.h"
 #include "host/records/environment.h"
 #include "host/records/reading.h"
 #include "json/readers.h"

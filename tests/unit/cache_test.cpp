@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "host/base/files.h"
-#include "host/cluster/cache_entry.h"
-#include "host/cluster/cache_paths.h"
+#include "host/cache/cache_entry.h"
+#include "host/cache/cache_paths.h"
 #include "host/records/environment.h"
 #include "json/readers.h"
 #include "tests/support/counting_cache.h"

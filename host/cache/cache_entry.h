@@ -7,9 +7,9 @@
 #include <string>
 
 #include "host/base/result.h"
-#include "host/cluster/cache_lock.h"
-#include "host/cluster/cache_memory.h"
-#include "host/cluster/cache_paths.h"
+#include "host/cache/cache_lock.h"
+#include "host/cache/cache_memory.h"
+#include "host/cache/cache_paths.h"
 #include "webapi/platform/dr_cache.h"
 
 namespace VexaDR::Cache {

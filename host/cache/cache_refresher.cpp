@@ -1,4 +1,4 @@
-#include "host/cluster/cache_refresher.h"
+#include "host/cache/cache_refresher.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -8,7 +8,7 @@
 #include <exception>
 #include <system_error>
 
-#include "host/cluster/cache_entry.h"
+#include "host/cache/cache_entry.h"
 #include "host/records/reading.h"
 
 namespace vexa::cluster {

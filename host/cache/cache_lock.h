@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/base/result.h"
-#include "host/cluster/cache_paths.h"
+#include "host/cache/cache_paths.h"
 
 namespace vexa::cluster {
 

@@ -1,4 +1,4 @@
-#include "host/cluster/cache_entry.h"
+#include "host/cache/cache_entry.h"
 
 #include <exception>
 #include <memory>

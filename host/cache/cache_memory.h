@@ -7,8 +7,8 @@
 #include <string>
 
 #include "host/base/private_file.h"
-#include "host/cluster/cache_paths.h"
-#include "host/cluster/cache_record.h"
+#include "host/cache/cache_paths.h"
+#include "host/cache/cache_record.h"
 
 namespace vexa::cluster {
 

@@ -1,4 +1,4 @@
-#include "host/cluster/cache_lock.h"
+#include "host/cache/cache_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,4 +1,4 @@
-#include "host/cluster/cache_paths.h"
+#include "host/cache/cache_paths.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "host/cluster/cache_memory.h"
+#include "host/cache/cache_memory.h"
 
 #include <syslog.h>
 

@@ -1,4 +1,4 @@
-#include "host/cluster/cache_record.h"
+#include "host/cache/cache_record.h"
 
 #include <ctime>
 #include <utility>
