@@ -46,7 +46,9 @@ std::string StateInWords(const Json::Value& element, const char* member) {
   std::string state = Text(Member(element, member));
   const std::optional<std::int64_t> since = Integer(Member(element, kSince));
   if (!since) return state;
-  const std::string words = std::string(kInaccessible) + " since " + Moment(*since, std::time(nullptr));
+  std::string words = kInaccessible;
+  words += " since ";
+  words += Moment(*since, std::time(nullptr));
   return state == kInaccessible ? words : state + " (host " + words + ")";
 }
 
