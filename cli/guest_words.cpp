@@ -13,8 +13,8 @@
 #include "cli/reply.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/edit_request.h"
-#include "host/hypervisor/domain_xml.h"
 
 namespace vexa::cli {
 namespace {

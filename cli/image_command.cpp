@@ -14,7 +14,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/rooted_file.h"
 #include "host/base/uuid.h"
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/records/guest_image.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/domain_record.h"
-#include "host/hypervisor/domain_xml.h"
 #include "host/store/store.h"
 
 namespace vexa::cli {

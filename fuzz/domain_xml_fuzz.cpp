@@ -6,7 +6,7 @@
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_xml.h"
 #include "json/readers.h"
 
 namespace {

@@ -4,9 +4,9 @@
 
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
+#include "host/domain_xml/domain_build.h"
 #include "host/guests/disk_users.h"
 #include "host/guests/storage_disks.h"
-#include "host/hypervisor/domain_build.h"
 #include "host/records/guest_image.h"
 #include "host/records/reading.h"
 #include "host/records/run_record.h"

@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/refusal.h"
-#include "host/hypervisor/domain_xml.h"
 
 namespace vexa::guests {
 

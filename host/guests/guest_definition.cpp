@@ -8,10 +8,10 @@
 #include <utility>
 
 #include "host/base/uuid.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
-#include "host/hypervisor/domain_xml.h"
 #include "host/records/guest_admin.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"

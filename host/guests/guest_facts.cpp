@@ -6,9 +6,9 @@
 #include <map>
 #include <utility>
 
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
-#include "host/hypervisor/domain_xml.h"
 #include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/domain_xml/domain_interfaces.h"
 #include "host/guests/network_links.h"
-#include "host/hypervisor/domain_interfaces.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {

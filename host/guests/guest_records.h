@@ -4,7 +4,7 @@
 #include <string>
 
 #include "host/base/result.h"
-#include "host/hypervisor/domain_build.h"
+#include "host/domain_xml/domain_build.h"
 
 namespace vexa::guests {
 

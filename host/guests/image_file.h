@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/disk_files.h"
-#include "host/hypervisor/domain_xml.h"
 
 namespace vexa::guests {
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "host/base/log_text.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/storage_condition.h"
-#include "host/hypervisor/domain_xml.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

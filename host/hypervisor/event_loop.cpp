@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "host/hypervisor/handles.h"
-#include "host/hypervisor/translate.h"
+#include "host/hypervisor/libvirt_errors.h"
 
 namespace vexa::hypervisor {
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "host/hypervisor/domain_build.h"
-#include "host/hypervisor/domain_interfaces.h"
+#include "host/domain_xml/domain_build.h"
+#include "host/domain_xml/domain_interfaces.h"
 #include "host/hypervisor/outcome.h"
 
 namespace vexa::hypervisor {

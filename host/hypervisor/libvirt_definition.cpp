@@ -2,7 +2,7 @@
 #include <pugixml.hpp>
 #include <string_view>
 
-#include "host/hypervisor/domain_build.h"
+#include "host/domain_xml/domain_build.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 
 namespace vexa::hypervisor {

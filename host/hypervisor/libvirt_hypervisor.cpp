@@ -4,7 +4,7 @@
 #include <array>
 
 #include "host/base/uuid.h"
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/hypervisor/event_loop.h"
 #include "host/hypervisor/kvm_probe.h"
 

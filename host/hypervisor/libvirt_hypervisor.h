@@ -8,9 +8,9 @@
 #include <optional>
 #include <set>
 
-#include "host/hypervisor/link.h"
-#include "host/hypervisor/target.h"
-#include "host/hypervisor/translate.h"
+#include "host/hypervisor/driver_uri.h"
+#include "host/hypervisor/libvirt_connection.h"
+#include "host/hypervisor/libvirt_errors.h"
 
 namespace vexa::hypervisor {
 

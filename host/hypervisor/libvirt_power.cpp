@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "host/base/uuid.h"
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 #include "host/hypervisor/qemu_process.h"
 

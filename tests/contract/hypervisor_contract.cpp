@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "host/hypervisor/domain_build.h"
+#include "host/domain_xml/domain_build.h"
 
 namespace vexa::hypervisor {
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/hypervisor/domain_build.h"
+#include "host/domain_xml/domain_build.h"
 #include "tests/support/temp_dir.h"
 
 namespace vexa::test {

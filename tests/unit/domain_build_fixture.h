@@ -6,8 +6,8 @@
 #include <pugixml.hpp>
 #include <string>
 
-#include "host/hypervisor/domain_build.h"
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_build.h"
+#include "host/domain_xml/domain_xml.h"
 
 namespace vexa::hypervisor {
 

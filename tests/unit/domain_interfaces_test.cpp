@@ -1,5 +1,5 @@
 // What running domains say of their interfaces.
-#include "host/hypervisor/domain_interfaces.h"
+#include "host/domain_xml/domain_interfaces.h"
 
 #include <gtest/gtest.h>
 

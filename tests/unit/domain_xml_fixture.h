@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_xml.h"
 
 namespace vexa::hypervisor {
 

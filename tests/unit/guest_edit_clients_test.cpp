@@ -9,8 +9,8 @@
 #include <regex>
 #include <set>
 
+#include "host/domain_xml/domain_xml.h"
 #include "host/guests/edit.h"
-#include "host/hypervisor/domain_xml.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"

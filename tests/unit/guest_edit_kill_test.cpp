@@ -12,7 +12,7 @@
 #include <random>
 #include <sstream>
 
-#include "host/hypervisor/domain_xml.h"
+#include "host/domain_xml/domain_xml.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"

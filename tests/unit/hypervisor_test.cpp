@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "host/base/files.h"
+#include "host/hypervisor/driver_uri.h"
 #include "host/hypervisor/kvm_probe.h"
-#include "host/hypervisor/target.h"
-#include "host/hypervisor/translate.h"
+#include "host/hypervisor/libvirt_errors.h"
 #include "tests/support/guest_events.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/unit/temporary_folder.h"

@@ -1,0 +1,164 @@
+// Who the guest is, its memory, its processors, and the machine around them.
+#include <algorithm>
+#include <limits>
+
+#include "host/base/json_parse.h"
+#include "host/base/uuid.h"
+#include "host/domain_xml/domain_build_internal.h"
+#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_xml_internal.h"
+#include "json/readers.h"
+
+namespace vexa::hypervisor::domain_build {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr std::int64_t kMaxVcpus = 512;
+constexpr std::int64_t kMaxMemoryMib = std::numeric_limits<std::int32_t>::max() / 1024;
+constexpr std::int64_t kDefaultWeight = 256;
+constexpr std::size_t kMaxNameBytes = 128;
+
+// libvirt makes file names of it.
+bool IsDomainName(const std::string& name) {
+  return !name.empty() && name.size() <= kMaxNameBytes && name.find('/') == std::string::npos && name != "." &&
+         name != ".." && IsValidUtf8(name) && !domain_xml::HasControlCharacters(name) && XmlText(name) == name &&
+         domain_xml::Trim(name) == name;
+}
+
+Status WriteTuning(Context& context, std::int64_t vcpus) {
+  const Result<std::int64_t> weight = NumberOf(context.guest(), "cpu_weight", kDefaultWeight, 2, 262'144);
+  if (!weight) return weight.error();
+  const Result<std::int64_t> pins = NumberOf(context.guest(), "cpu_pin_num", 0, 0, vcpus);
+  if (!pins) return pins.error();
+  const std::size_t pinned = std::min(static_cast<std::size_t>(*pins), context.options.pinned_cpus.size());
+  const bool shares = context.options.cpu_shares == CpuShares::kAllowed;
+  if (!shares && pinned == 0) return {};
+
+  pugi::xml_node tuning = Add(context.domain, "cputune");
+  if (shares) AddText(tuning, "shares", std::to_string(*weight));
+  for (std::size_t i = 0; i < pinned; ++i) {
+    pugi::xml_node pin = Add(tuning, "vcpupin");
+    Set(pin, "vcpu", std::to_string(i));
+    Set(pin, "cpuset", std::to_string(context.options.pinned_cpus[i]));
+  }
+  return {};
+}
+
+// One socket, since some systems count sockets and use no more than two.
+void WriteCpu(Context& context, std::int64_t vcpus) {
+  pugi::xml_node cpu = Add(context.domain, "cpu");
+  const bool passthru = FlagOf(context.guest(), "cpu_passthru");
+  if (passthru) {
+    // An emulated processor has no host to pass through: all that the emulator can do is the nearest to it.
+    Set(cpu, "mode", context.options.domain_type == "qemu" ? "maximum" : "host-passthrough");
+    Set(cpu, "check", "none");
+  } else {
+    Set(cpu, "mode", "custom");
+    Set(cpu, "match", "exact");
+    Set(cpu, "check", "none");
+    Set(AddText(cpu, "model", context.options.compatible_cpu), "fallback", "allow");
+  }
+  pugi::xml_node topology = Add(cpu, "topology");
+  Set(topology, "sockets", "1");
+  Set(topology, "cores", std::to_string(vcpus));
+  Set(topology, "threads", "1");
+}
+
+void WriteFeatures(Context& context) {
+  pugi::xml_node features = Add(context.domain, "features");
+  Add(features, "acpi");
+  Add(features, "apic");
+  const Json::Value* const enlighten = json::FindMember(context.guest(), "hyperv_enlighten");
+  // They are services of KVM.
+  if (enlighten == nullptr || enlighten->isNull() || context.options.domain_type == "qemu") return;
+  pugi::xml_node hyperv = Add(features, "hyperv");
+  Set(hyperv, "mode", "custom");
+  const std::string state = json::Bool(*enlighten) ? "on" : "off";
+  for (const char* feature : {"relaxed", "vapic", "spinlocks"}) {
+    pugi::xml_node element = Add(hyperv, feature);
+    Set(element, "state", state);
+    if (std::string_view(feature) == "spinlocks" && state == "on") Set(element, "retries", "8191");
+  }
+}
+
+void WriteClock(Context& context) {
+  struct Timer {
+    const char* name;
+    const char* attribute;
+    const char* value;
+  };
+  constexpr Timer kTimers[] = {
+      {"rtc", "tickpolicy", "catchup"}, {"pit", "tickpolicy", "delay"}, {"hpet", "present", "no"}};
+  pugi::xml_node clock = Add(context.domain, "clock");
+  Set(clock, "offset", "utc");
+  if (context.is_test()) return;
+  for (const Timer& row : kTimers) {
+    pugi::xml_node timer = Add(clock, "timer");
+    Set(timer, "name", row.name);
+    Set(timer, row.attribute, row.value);
+  }
+}
+
+Status WriteFirmware(Context& context) {
+  const Result<std::string> nvram = NvramOf(context.guest());
+  if (!nvram) return nvram.error();
+  pugi::xml_node os = Add(context.domain, "os");
+  const bool uefi = FlagOf(context.guest(), "use_ovmf");
+  if (uefi) Set(os, "firmware", "efi");
+  pugi::xml_node type = AddText(os, "type", "hvm");
+  // The test driver has machines of its own.
+  if (!context.is_test()) {
+    Set(type, "arch", "x86_64");
+    Set(type, "machine", context.legacy_machine ? "pc" : "q35");
+  }
+  if (!uefi) return {};
+  pugi::xml_node feature = Add(Add(os, "firmware"), "feature");
+  Set(feature, "enabled", "no");
+  Set(feature, "name", "secure-boot");
+  // libvirt fills a file that is not there yet from the firmware's template.
+  if (!nvram->empty()) AddText(os, "nvram", *nvram);
+  return {};
+}
+
+}  // namespace
+
+Status WriteIdentity(Context& context) {
+  const Result<std::string> name = TextOf(context.guest(), "name", "");
+  if (!name) return name.error();
+  const Result<std::string> description = TextOf(context.guest(), "desc", "");
+  if (!description) return description.error();
+  const std::string id = NormalizeUuid(context.records.id);
+  AddText(context.domain, "name", IsDomainName(*name) ? *name : id);
+  AddText(context.domain, "uuid", id);
+  if (json::FindMember(context.guest(), "desc") != nullptr) AddText(context.domain, "description", *description);
+  if (!context.options.host_id.empty()) WriteMark(context.domain, context.options.host_id, Kept::kNo);
+
+  const Result<std::int64_t> memory = NumberOf(context.guest(), "vram_size", 0, 1, kMaxMemoryMib);
+  if (!memory) return memory.error();
+  if (*memory == 0)
+    return domain_xml::Refused("The record of the guest has no 'vram_size': say how much memory it has");
+  Set(AddText(context.domain, "memory", std::to_string(*memory)), "unit", "MiB");
+  return {};
+}
+
+Status WriteProcessor(Context& context) {
+  const Result<std::int64_t> vcpus = NumberOf(context.guest(), "vcpu_num", 1, 1, kMaxVcpus);
+  if (!vcpus) return vcpus.error();
+  AddText(context.domain, "vcpu", std::to_string(*vcpus));
+  if (Status tuning = WriteTuning(context, *vcpus); !tuning) return tuning;
+  WriteCpu(context, *vcpus);
+  return {};
+}
+
+Status WriteSystem(Context& context) {
+  if (Status firmware = WriteFirmware(context); !firmware) return firmware;
+  WriteFeatures(context);
+  WriteClock(context);
+  AddText(context.domain, "on_poweroff", "destroy");
+  AddText(context.domain, "on_reboot", "restart");
+  AddText(context.domain, "on_crash", "destroy");
+  return {};
+}
+
+}  // namespace vexa::hypervisor::domain_build

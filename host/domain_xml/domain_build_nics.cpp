@@ -1,0 +1,99 @@
+// Network interfaces.
+#include <algorithm>
+#include <set>
+
+#include "host/domain_xml/domain_build_internal.h"
+#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_xml_internal.h"
+
+namespace vexa::hypervisor::domain_build {
+namespace {
+
+using domain_xml::Quote;
+using domain_xml::Refused;
+
+constexpr std::size_t kMaxNetworkNameBytes = 255;
+constexpr std::size_t kMaxBridgeNameBytes = 15;
+
+struct Model {
+  int type;  // as "vnic_type" says it
+  const char* name;
+};
+constexpr Model kModels[] = {{1, "virtio"}, {2, "e1000"}, {3, "rtl8139"}};
+
+const char* ModelName(std::int64_t type) {
+  return std::find_if(std::begin(kModels), std::end(kModels), [&](const Model& model) { return model.type == type; })
+      ->name;
+}
+
+// Names of network devices as the kernel takes them.
+bool IsBridgeName(const std::string& name) {
+  return name.size() <= kMaxBridgeNameBytes && name != "." && name != ".." &&
+         std::none_of(name.begin(), name.end(), [](char c) {
+           const auto byte = static_cast<unsigned char>(c);
+           return byte <= 0x20 || byte >= 0x7F || c == '/' || c == ':';
+         });
+}
+
+Status WriteSource(Context& context, pugi::xml_node element, const std::string& mac, const std::string& network) {
+  if (context.options.libvirt_networks.count(network) > 0) {
+    if (network.size() > kMaxNetworkNameBytes || XmlText(network) != network) {
+      return Refused("The network interface " + mac + " is in the network " + Quote(network) +
+                     ": a network's name has at most 255 bytes without control characters");
+    }
+    Set(element, "type", "network");
+    Set(Add(element, "source"), "network", network);
+    return {};
+  }
+  if (!IsBridgeName(network)) {
+    return Refused("The network interface " + mac + " is in the network " + Quote(network) +
+                   ": a bridge's name has at most 15 bytes without spaces, '/' and ':'");
+  }
+  Set(element, "type", "bridge");
+  Set(Add(element, "source"), "bridge", network);
+  if (context.options.switch_bridges.contains(network)) Set(Add(element, "virtualport"), "type", "openvswitch");
+  return {};
+}
+
+Status WriteNic(Context& context, const std::string& id, const Json::Value& nic, std::set<std::string>& addresses) {
+  const Result<std::string> address = TextOf(nic, "mac_address", "");
+  const Result<std::string> network = TextOf(nic, "network_name", "");
+  const Result<std::int64_t> type = NumberOf(nic, "vnic_type", 1, 1, 3);
+  if (!address) return address.error();
+  if (!network) return network.error();
+  if (!type) return type.error();
+  const std::string mac = domain_xml::NormalizeMac(*address);
+  if (mac.empty()) {
+    return Refused("The network interface " + Quote(id) + " has the MAC address " + Quote(*address) +
+                   ": give a unicast address such as 52:54:00:12:34:56");
+  }
+  if (!addresses.insert(mac).second) {
+    return Refused("Two network interfaces have the MAC address '" + mac + "': give each one of its own");
+  }
+  pugi::xml_node element = Add(context.devices, "interface");
+  if (network->empty()) {
+    // The device is there and its cable is not plugged in.
+    Set(element, "type", "user");
+  } else if (Status source = WriteSource(context, element, mac, *network); !source) {
+    return source;
+  }
+  Set(Add(element, "mac"), "address", mac);
+  Set(Add(element, "model"), "type", ModelName(*type));
+  if (network->empty()) Set(Add(element, "link"), "state", "down");
+  return {};
+}
+
+}  // namespace
+
+Status WriteNics(Context& context) {
+  if (context.records.nics.size() > kMaxNics) {
+    return Refused("The guest has more than " + std::to_string(kMaxNics) + " network interfaces");
+  }
+  std::set<std::string> addresses;
+  for (const auto& [id, nic] : context.records.nics) {
+    if (Status written = WriteNic(context, id, nic, addresses); !written) return written;
+  }
+  return {};
+}
+
+}  // namespace vexa::hypervisor::domain_build

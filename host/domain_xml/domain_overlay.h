@@ -1,0 +1,95 @@
+// The definition that a guest's owner had, with what the guest's records say since.
+//
+// The base is read as the import reads it, which gives the records that it stands for. Where the records of today say
+// the same, the base's elements stay word for word; where they differ, the elements are changed as little as possible,
+// to what the builder writes. For host/hypervisor/domain_*.cpp only.
+#pragma once
+
+#include <pugixml.hpp>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/domain_xml/domain_build.h"
+#include "host/domain_xml/domain_build_internal.h"
+#include "host/domain_xml/domain_xml.h"
+
+namespace vexa::hypervisor::domain_overlay {
+
+// Makes `document` the definition: options.base_xml, which is not empty, and what differs from it. The other options
+// have been checked. Errors: as BuildDomainXml.
+Status Apply(const GuestRecords& records, const BuildOptions& options, pugi::xml_document& document);
+
+struct Overlay {
+  const GuestRecords& records;
+  const BuildOptions& options;
+  const ImportedGuest& before;  // what the base stands for
+  pugi::xml_node domain{};      // the base, which becomes the result
+  pugi::xml_node devices{};     // its <devices>
+  pugi::xml_node built{};       // what the builder writes for the guest without disks, drives and network interfaces
+
+  // Elements of the result in the records' order, for the boot order.
+  std::vector<pugi::xml_node> disks{};
+  std::vector<pugi::xml_node> drives{};
+
+  const Json::Value& guest() const { return records.guest; }
+  bool is_emulated() const { return options.domain_type == "qemu"; }
+};
+
+// Facets: each changes one part of `overlay.domain`. Errors: as BuildDomainXml.
+
+Status ApplyIdentity(Overlay& overlay);  // domain_overlay_machine.cpp: name, description, mark, emulator
+Status ApplyMemory(Overlay& overlay);
+Status ApplyFirmware(Overlay& overlay);
+Status ApplyFeatures(Overlay& overlay);   // Hyper-V's, and what only KVM has
+Status ApplyProcessor(Overlay& overlay);  // domain_overlay_processor.cpp: <cpu>, <vcpu>
+Status ApplyTuning(Overlay& overlay);     // weight, pins, cgroups
+Status ApplyScreen(Overlay& overlay);     // domain_overlay_devices.cpp: video card, keyboard layout
+Status ApplyUsb(Overlay& overlay);        // domain_overlay_usb.cpp: controllers, devices of the host
+Status ApplyDisks(Overlay& overlay);      // domain_overlay_disks.cpp
+Status ApplyDrives(Overlay& overlay);     // domain_overlay_drives.cpp: CD-ROM drives
+Status ApplyNics(Overlay& overlay);       // domain_overlay_nics.cpp
+Status ApplyBootOrder(Overlay& overlay);  // domain_overlay_boot.cpp; after disks and drives
+
+// domain_overlay_values.cpp
+
+// Whether both are the same value; numbers are compared whatever type holds them.
+bool SameValue(const Json::Value& left, const Json::Value& right);
+
+// Whether a member of the guest's record is what the base says. One that is absent or null counts as `fallback`.
+bool IsUnchanged(const Overlay& overlay, const char* member, const Json::Value& fallback = Json::Value());
+
+// Whether the truth of a member differs from the base's.
+bool FlagChanged(const Overlay& overlay, const char* member);
+
+// Attributes and elements that are there already, or are made.
+void Put(pugi::xml_node element, const char* attribute, const std::string& value);
+void PutText(pugi::xml_node element, const std::string& text);
+pugi::xml_node ChildOf(pugi::xml_node parent, const char* name);
+
+// Puts a copy of `replacement` in the place of `old`, or as the last child of `parent` when `old` is empty.
+pugi::xml_node Replace(pugi::xml_node parent, pugi::xml_node old, pugi::xml_node replacement);
+
+void RemoveChildren(pugi::xml_node parent, std::string_view name);
+void RemoveChildren(pugi::xml_node parent, std::span<const char* const> names);
+void RemoveAttributes(pugi::xml_node element, std::span<const char* const> names);
+void RemoveWhenEmpty(pugi::xml_node element);
+
+// A copy of `addition` behind the last child of the same name, or as the last child.
+pugi::xml_node Insert(pugi::xml_node parent, pugi::xml_node addition);
+
+bool Says(pugi::xml_node element, const char* attribute, std::string_view value);
+
+// domain_overlay_targets.cpp: places on buses
+
+// A name for a disk or drive that goes to the bus of `mode`: `wanted` where it names a place there that is free, else
+// the first free place that no record names. `itself` does not count as taking a place.
+// Errors: kInvalid when the machine has no such bus or no place is left on it.
+Result<std::string> TakeTarget(const Overlay& overlay, const domain_build::Bus& bus, const std::string& wanted,
+                               pugi::xml_node itself);
+
+// Whether the machine is of the kind that has IDE.
+bool HasIde(const Overlay& overlay);
+
+}  // namespace vexa::hypervisor::domain_overlay

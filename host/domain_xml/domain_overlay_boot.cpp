@@ -1,0 +1,60 @@
+// What the guest boots from.
+#include <algorithm>
+
+#include "host/domain_xml/domain_overlay.h"
+#include "host/domain_xml/domain_xml_internal.h"
+#include "json/readers.h"
+
+namespace vexa::hypervisor::domain_overlay {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+bool IsChanged(const Overlay& overlay) {
+  const auto& before = overlay.before.disks;
+  const auto& now = overlay.records.disks;
+  const bool same_disks = std::equal(before.begin(), before.end(), now.begin(), now.end(),
+                                     [](const auto& left, const auto& right) { return left.first == right.first; });
+  const Json::ArrayIndex drives = json::Elements(json::Member(overlay.before.guest, "iso_images")).size();
+  return !same_disks || drives != overlay.drives.size() || !IsUnchanged(overlay, "boot_from", "disk");
+}
+
+// Devices other than disks that say when they come (network interfaces, devices of the host), in that order.
+std::vector<pugi::xml_node> OtherDevices(const Overlay& overlay) {
+  std::vector<std::pair<std::uint64_t, pugi::xml_node>> ordered;
+  for (const pugi::xml_node device : overlay.devices.children()) {
+    const pugi::xml_node boot = device.child("boot");
+    if (!boot || std::string_view(device.name()) == "disk") continue;
+    ordered.emplace_back(domain_xml::ParseUnsigned(boot.attribute("order").value()).value_or(0), device);
+  }
+  std::stable_sort(ordered.begin(), ordered.end(),
+                   [](const auto& left, const auto& right) { return left.first < right.first; });
+  std::vector<pugi::xml_node> devices;
+  for (const auto& [order, device] : ordered) devices.push_back(device);
+  return devices;
+}
+
+}  // namespace
+
+Status ApplyBootOrder(Overlay& overlay) {
+  const Result<std::string> from = domain_build::TextOf(overlay.guest(), "boot_from", "disk");
+  if (!from) return from.error();
+  if (*from != "disk" && *from != "iso") {
+    return domain_xml::Refused("The member 'boot_from' of the guest says " + domain_xml::Quote(*from) +
+                               ": a guest boots from 'disk' or 'iso'");
+  }
+  if (!IsChanged(overlay)) return {};
+  const bool from_iso = *from == "iso";
+  std::vector<pugi::xml_node> order = from_iso ? overlay.drives : overlay.disks;
+  const std::vector<pugi::xml_node>& second = from_iso ? overlay.disks : overlay.drives;
+  order.insert(order.end(), second.begin(), second.end());
+  const std::vector<pugi::xml_node> others = OtherDevices(overlay);
+  order.insert(order.end(), others.begin(), others.end());
+
+  RemoveChildren(overlay.domain.child("os"), "boot");
+  for (const pugi::xml_node device : overlay.devices.children()) RemoveChildren(device, "boot");
+  for (std::size_t i = 0; i < order.size(); ++i) Put(ChildOf(order[i], "boot"), "order", std::to_string(i + 1));
+  return {};
+}
+
+}  // namespace vexa::hypervisor::domain_overlay

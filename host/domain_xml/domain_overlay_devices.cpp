@@ -1,0 +1,55 @@
+// Video card and keyboard layout.
+#include "host/domain_xml/domain_build_internal.h"
+#include "host/domain_xml/domain_overlay.h"
+
+namespace vexa::hypervisor::domain_overlay {
+namespace {
+
+// The card that counts: the primary one, else the first.
+pugi::xml_node PrimaryCard(pugi::xml_node devices) {
+  pugi::xml_node primary = devices.child("video");
+  for (const pugi::xml_node card : devices.children("video")) {
+    if (Says(card.child("model"), "primary", "yes")) primary = card;
+  }
+  return primary;
+}
+
+// Its memory, monitors and place are those of the old model.
+void ReplaceCard(Overlay& overlay) {
+  const pugi::xml_node old = PrimaryCard(overlay.devices);
+  const bool primary = Says(old.child("model"), "primary", "yes");
+  const pugi::xml_node card = Replace(overlay.devices, old, overlay.built.child("devices").child("video"));
+  if (primary) Put(card.child("model"), "primary", "yes");
+}
+
+bool HasKeyboard(pugi::xml_node graphics) { return Says(graphics, "type", "vnc") || Says(graphics, "type", "spice"); }
+
+// On the screen that says one already, else on the first that can.
+void PutLayout(pugi::xml_node devices, const std::string& layout) {
+  for (pugi::xml_node graphics : devices.children("graphics")) {
+    if (!graphics.attribute("keymap")) continue;
+    Put(graphics, "keymap", layout);
+    return;
+  }
+  for (pugi::xml_node graphics : devices.children("graphics")) {
+    if (!HasKeyboard(graphics)) continue;
+    Put(graphics, "keymap", layout);
+    return;
+  }
+}
+
+}  // namespace
+
+Status ApplyScreen(Overlay& overlay) {
+  if (!IsUnchanged(overlay, "video_card")) ReplaceCard(overlay);
+  if (IsUnchanged(overlay, "kb_layout", "Default")) return {};
+  const std::string layout = overlay.built.child("devices").child("graphics").attribute("keymap").value();
+  if (!layout.empty()) {
+    PutLayout(overlay.devices, layout);
+    return {};
+  }
+  for (pugi::xml_node graphics : overlay.devices.children("graphics")) graphics.remove_attribute("keymap");
+  return {};
+}
+
+}  // namespace vexa::hypervisor::domain_overlay

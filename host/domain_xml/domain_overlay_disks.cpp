@@ -1,0 +1,198 @@
+// Disks. An element belongs to the record whose id is that of its target.
+#include <algorithm>
+#include <map>
+
+#include "host/domain_xml/domain_overlay.h"
+#include "host/domain_xml/domain_xml_internal.h"
+#include "json/readers.h"
+
+namespace vexa::hypervisor::domain_overlay {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+// What a disk has only on the bus that it was on.
+constexpr const char* kDriverOfBus[] = {"iothread", "queues", "queue_size",  "event_idx", "ioeventfd",
+                                        "iommu",    "ats",    "page_per_vq", "packed"};
+constexpr const char* kTargetOfBus[] = {"rotation_rate", "removable"};
+constexpr const char* kElementsOfBus[] = {"address", "wwn", "vendor", "product"};
+constexpr const char* kDiskOfBus[] = {"model", "sgio", "rawio"};
+
+struct Slot {
+  pugi::xml_node element;
+  const Json::Value* before = nullptr;  // the record that the element stands for
+};
+
+bool IsHardDisk(pugi::xml_node disk) {
+  const std::string_view device = disk.attribute("device").as_string("disk");
+  return device == "disk" || device == "lun";
+}
+
+// By id. The base was read in the order of its elements.
+std::map<std::string, Slot> SlotsOf(const Overlay& overlay) {
+  std::map<std::string, Slot> slots;
+  auto before = overlay.before.disks.begin();
+  for (const pugi::xml_node disk : overlay.devices.children("disk")) {
+    if (!IsHardDisk(disk) || before == overlay.before.disks.end()) continue;
+    slots.emplace(before->first, Slot{disk, &before->second});
+    ++before;
+  }
+  return slots;
+}
+
+// The builder's <disk> for a record, at the place `target`, and the controllers that it needs.
+Status Build(const Overlay& overlay, const std::string& id, const Json::Value& record, const std::string& target,
+             pugi::xml_document& scratch) {
+  GuestRecords one;
+  one.id = overlay.records.id;
+  one.guest = Json::Value(Json::objectValue);
+  one.disks.emplace_back(id, record);
+  if (one.disks[0].second.isObject()) one.disks[0].second["name"] = target;
+  domain_build::Context context{one, overlay.options};
+  context.devices = scratch.append_child("devices");
+  return domain_build::WriteDisks(context);
+}
+
+void AddControllers(Overlay& overlay, pugi::xml_node built) {
+  for (const pugi::xml_node controller : built.children("controller")) {
+    const auto existing = overlay.devices.children("controller");
+    const bool is_there = std::any_of(existing.begin(), existing.end(), [&](pugi::xml_node other) {
+      return Says(other, "type", "scsi") &&
+             std::string_view(other.attribute("index").as_string("0")) == controller.attribute("index").value();
+    });
+    if (!is_there) Insert(overlay.devices, controller);
+  }
+}
+
+bool Differs(const Slot& slot, const Json::Value& record, const char* member) {
+  return !SameValue(json::Member(*slot.before, member), json::Member(record, member));
+}
+
+bool FormatDiffers(const Slot& slot, const std::string& format) {
+  return json::Member(*slot.before, "driver") != Json::Value(format);
+}
+
+// Another image behind the same disk.
+void ChangeSource(pugi::xml_node disk, pugi::xml_node built) {
+  const bool same_type = Says(built, "type", disk.attribute("type").as_string("file"));
+  pugi::xml_node source = ChildOf(disk, "source");
+  if (!same_type) source = Replace(disk, source, built.child("source"));
+  const pugi::xml_attribute path = built.child("source").first_attribute();
+  Put(source, path.name(), path.value());
+  Put(disk, "type", built.attribute("type").value());
+  // What libvirt said of the old image.
+  disk.remove_child("backingStore");
+  source.remove_attribute("index");
+  source.remove_child("slices");
+}
+
+void ChangeDriver(pugi::xml_node disk, pugi::xml_node built) {
+  const bool is_new = !disk.child("driver");
+  pugi::xml_node driver = ChildOf(disk, "driver");
+  if (is_new) Put(driver, "name", "qemu");
+  Put(driver, "type", built.child("driver").attribute("type").value());
+}
+
+void ChangeDiscard(pugi::xml_node disk, bool unmap) {
+  pugi::xml_node driver = ChildOf(disk, "driver");
+  if (unmap) {
+    Put(driver, "discard", "unmap");
+  } else {
+    driver.remove_attribute("discard");
+  }
+}
+
+void ChangeBus(pugi::xml_node disk, const domain_build::Bus& bus) {
+  RemoveAttributes(disk.child("driver"), kDriverOfBus);
+  RemoveAttributes(disk.child("target"), kTargetOfBus);
+  RemoveAttributes(disk, kDiskOfBus);
+  RemoveChildren(disk, kElementsOfBus);
+  if (Says(disk, "device", "lun") && bus.mode != domain_build::kScsi) Put(disk, "device", "disk");
+  Put(ChildOf(disk, "target"), "bus", bus.name);
+}
+
+Status Change(Overlay& overlay, const std::string& id, const Json::Value& record, const Slot& slot) {
+  const Result<std::string> format = domain_build::FormatOf(record);
+  const Result<std::int64_t> mode = domain_build::ModeOf(record);
+  const Result<std::string> name = domain_build::TextOf(record, "name", "");
+  if (!format) return format.error();
+  if (!mode) return mode.error();
+  if (!name) return name.error();
+  const bool path_differs = Differs(slot, record, "path");
+  const bool bus_differs = json::Int64(json::Member(*slot.before, "vdisk_mode")) != *mode;
+  const bool unmap = domain_build::FlagOf(record, "unmap");
+  const bool unmap_differs = domain_build::FlagOf(*slot.before, "unmap") != unmap;
+  const domain_build::Bus& bus = domain_build::BusOf(static_cast<int>(*mode));
+  pugi::xml_node disk = slot.element;
+
+  std::string target = disk.child("target").attribute("dev").value();
+  if (bus_differs) {
+    const Result<std::string> taken = TakeTarget(overlay, bus, *name, disk);
+    if (!taken) return taken.error();
+    target = *taken;
+  }
+  if (!path_differs && !bus_differs && !unmap_differs && !FormatDiffers(slot, *format)) return {};
+  pugi::xml_document scratch;
+  if (Status built = Build(overlay, id, record, target, scratch); !built) return built;
+  const pugi::xml_node built = scratch.child("devices").child("disk");
+  if (path_differs) ChangeSource(disk, built);
+  if (FormatDiffers(slot, *format)) ChangeDriver(disk, built);
+  if (unmap_differs) ChangeDiscard(disk, unmap);
+  if (bus_differs) {
+    ChangeBus(disk, bus);
+    Put(disk.child("target"), "dev", target);
+    AddControllers(overlay, scratch.child("devices"));
+  }
+  return {};
+}
+
+Result<pugi::xml_node> AddDisk(Overlay& overlay, const std::string& id, const Json::Value& record) {
+  const Result<std::int64_t> mode = domain_build::ModeOf(record);
+  const Result<std::string> name = domain_build::TextOf(record, "name", "");
+  if (!mode) return mode.error();
+  if (!name) return name.error();
+  const Result<std::string> target =
+      TakeTarget(overlay, domain_build::BusOf(static_cast<int>(*mode)), *name, pugi::xml_node());
+  if (!target) return target.error();
+  pugi::xml_document scratch;
+  if (Status built = Build(overlay, id, record, *target, scratch); !built) return built.error();
+  pugi::xml_node disk = Insert(overlay.devices, scratch.child("devices").child("disk"));
+  disk.remove_child("boot");  // the boot order is written for all of them
+  AddControllers(overlay, scratch.child("devices"));
+  return disk;
+}
+
+}  // namespace
+
+Status ApplyDisks(Overlay& overlay) {
+  const auto& records = overlay.records.disks;
+  if (records.size() > kMaxDisks) {
+    return domain_xml::Refused("The guest has more than " + std::to_string(kMaxDisks) + " disks");
+  }
+  std::map<std::string, Slot> slots = SlotsOf(overlay);
+  // First, so that others can have the places.
+  for (const auto& [id, slot] : slots) {
+    const bool stays =
+        std::any_of(records.begin(), records.end(),
+                    [&, wanted = std::string_view(id)](const auto& disk) { return disk.first == wanted; });
+    if (!stays) overlay.devices.remove_child(slot.element);
+  }
+  for (const auto& [id, record] : records) {
+    const auto slot = slots.find(id);
+    if (slot == slots.end()) continue;
+    if (Status changed = Change(overlay, id, record, slot->second); !changed) return changed;
+  }
+  for (const auto& [id, record] : records) {
+    const auto slot = slots.find(id);
+    if (slot != slots.end()) {
+      overlay.disks.push_back(slot->second.element);
+      continue;
+    }
+    const Result<pugi::xml_node> added = AddDisk(overlay, id, record);
+    if (!added) return added.error();
+    overlay.disks.push_back(*added);
+  }
+  return {};
+}
+
+}  // namespace vexa::hypervisor::domain_overlay

@@ -1,0 +1,171 @@
+// Network interfaces. An element belongs to the record with its id, or else to the one with its MAC address.
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "host/domain_xml/domain_overlay.h"
+#include "host/domain_xml/domain_xml_internal.h"
+#include "json/readers.h"
+
+namespace vexa::hypervisor::domain_overlay {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+// What an interface has only in the kind of network that it was in.
+constexpr const char* kOfKind[] = {"virtualport", "vlan",  "actual",    "backend", "portForward", "ip",
+                                   "route",       "guest", "bandwidth", "mtu",     "target",      "filterref"};
+constexpr const char* kOfNetwork[] = {"portgroup", "portid"};
+
+struct Slot {
+  pugi::xml_node element;
+  const Json::Value* before = nullptr;  // the record that the element stands for
+  std::string id;                       // of that record
+  std::string mac;
+  bool is_used = false;
+};
+
+// The base was read in the order of its elements.
+std::vector<Slot> SlotsOf(const Overlay& overlay) {
+  std::vector<Slot> slots;
+  auto before = overlay.before.nics.begin();
+  for (const pugi::xml_node nic : overlay.devices.children("interface")) {
+    if (before == overlay.before.nics.end()) break;
+    slots.push_back({nic, &before->second, before->first, json::String(json::Member(before->second, "mac_address"))});
+    ++before;
+  }
+  return slots;
+}
+
+std::string MacOf(const Json::Value& record) {
+  return domain_xml::NormalizeMac(json::String(json::Member(record, "mac_address")));
+}
+
+// The slot of each record, nullptr for a new one. Ids come first: an address can be edited.
+std::vector<Slot*> Match(const GuestRecords& records, std::vector<Slot>& slots) {
+  std::vector<Slot*> matched(records.nics.size(), nullptr);
+  const auto match = [&](const auto& is_that) {
+    for (std::size_t i = 0; i < matched.size(); ++i) {
+      if (matched[i] != nullptr) continue;
+      for (Slot& slot : slots) {
+        if (slot.is_used || !is_that(slot, records.nics[i])) continue;
+        slot.is_used = true;
+        matched[i] = &slot;
+        break;
+      }
+    }
+  };
+  match([](const Slot& slot, const auto& nic) { return slot.id == nic.first; });
+  match([](const Slot& slot, const auto& nic) { return slot.mac == MacOf(nic.second); });
+  return matched;
+}
+
+// The builder's <interface> for a record.
+Status Build(const Overlay& overlay, const std::string& id, const Json::Value& record, pugi::xml_document& scratch) {
+  GuestRecords one;
+  one.id = overlay.records.id;
+  one.guest = Json::Value(Json::objectValue);
+  one.nics.emplace_back(id, record);
+  domain_build::Context context{one, overlay.options};
+  context.devices = scratch.append_child("devices");
+  return domain_build::WriteNics(context);
+}
+
+void ChangeModel(pugi::xml_node nic, pugi::xml_node built) {
+  const std::string model = built.child("model").attribute("type").value();
+  Put(ChildOf(nic, "model"), "type", model);
+  // The place and the driver of the old model need not fit the new one.
+  nic.remove_child("address");
+  if (model != "virtio") nic.remove_child("driver");
+}
+
+// Between bridges of the kernel and of a virtual switch, for those that are known.
+void ChangeSwitch(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node built) {
+  if (overlay.options.kernel_bridges.contains(built.child("source").attribute("bridge").value())) {
+    nic.remove_child("virtualport");
+  } else if (built.child("virtualport") && !nic.child("virtualport")) {
+    nic.append_copy(built.child("virtualport"));
+  }
+}
+
+void ChangeNetwork(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node built) {
+  const bool had_none = Says(nic, "type", "user");
+  const bool has_none = Says(built, "type", "user");
+  if (Says(nic, "type", built.attribute("type").value())) {
+    const pugi::xml_attribute name = built.child("source").first_attribute();
+    if (name) Put(ChildOf(nic, "source"), name.name(), name.value());
+    RemoveAttributes(nic.child("source"), kOfNetwork);
+    if (Says(nic, "type", "bridge")) ChangeSwitch(overlay, nic, built);
+    return;
+  }
+  const bool was_host_device = Says(nic, "type", "hostdev");
+  if (was_host_device || Says(nic.child("driver"), "name", "vfio")) nic.remove_child("driver");
+  if (was_host_device) nic.remove_attribute("managed");
+  Put(nic, "type", built.attribute("type").value());
+  RemoveChildren(nic, kOfKind);
+  nic.remove_child("source");
+  if (built.child("source")) nic.append_copy(built.child("source"));
+  if (built.child("virtualport")) nic.append_copy(built.child("virtualport"));
+  if (!nic.child("model")) nic.append_copy(built.child("model"));
+  if (has_none) Put(ChildOf(nic, "link"), "state", "down");
+  if (had_none) nic.remove_child("link");
+}
+
+Status Change(const Overlay& overlay, const std::string& id, const Json::Value& record, const Slot& slot) {
+  const auto differs = [&](const char* member, const Json::Value& fallback) {
+    const Json::Value& now = json::Member(record, member);
+    return !SameValue(json::Member(*slot.before, member), now.isNull() ? fallback : now);
+  };
+  const bool mac_differs = slot.mac != MacOf(record);
+  const bool type_differs = differs("vnic_type", 1);
+  const bool network_differs = differs("network_name", "");
+  if (!mac_differs && !type_differs && !network_differs) return {};
+  // A network that stays as the base has it is not asked for.
+  Json::Value asked = record;
+  if (!network_differs && asked.isObject()) asked["network_name"] = "";
+  pugi::xml_document scratch;
+  if (Status built = Build(overlay, id, asked, scratch); !built) return built;
+  const pugi::xml_node built = scratch.child("devices").child("interface");
+  pugi::xml_node nic = slot.element;
+  if (mac_differs) Put(ChildOf(nic, "mac"), "address", built.child("mac").attribute("address").value());
+  if (network_differs) ChangeNetwork(overlay, nic, built);
+  if (type_differs) ChangeModel(nic, built);
+  return {};
+}
+
+Status Check(const GuestRecords& records) {
+  if (records.nics.size() > kMaxNics) {
+    return domain_xml::Refused("The guest has more than " + std::to_string(kMaxNics) + " network interfaces");
+  }
+  std::set<std::string> addresses;
+  for (const auto& [id, record] : records.nics) {
+    const std::string mac = MacOf(record);
+    if (mac.empty() || addresses.insert(mac).second) continue;
+    return domain_xml::Refused("Two network interfaces have the MAC address '" + mac + "': give each one of its own");
+  }
+  return {};
+}
+
+}  // namespace
+
+Status ApplyNics(Overlay& overlay) {
+  if (Status checked = Check(overlay.records); !checked) return checked;
+  std::vector<Slot> slots = SlotsOf(overlay);
+  const std::vector<Slot*> matched = Match(overlay.records, slots);
+  for (const Slot& slot : slots) {
+    if (!slot.is_used) overlay.devices.remove_child(slot.element);
+  }
+  for (std::size_t i = 0; i < matched.size(); ++i) {
+    const auto& [id, record] = overlay.records.nics[i];
+    if (matched[i] != nullptr) {
+      if (Status changed = Change(overlay, id, record, *matched[i]); !changed) return changed;
+      continue;
+    }
+    pugi::xml_document scratch;
+    if (Status built = Build(overlay, id, record, scratch); !built) return built;
+    Insert(overlay.devices, scratch.child("devices").child("interface"));
+  }
+  return {};
+}
+
+}  // namespace vexa::hypervisor::domain_overlay

@@ -1,0 +1,92 @@
+#include "host/domain_xml/domain_xml.h"
+
+#include "host/base/uuid.h"
+#include "host/domain_xml/domain_xml_internal.h"
+
+namespace vexa::hypervisor {
+namespace domain_xml {
+namespace {
+
+Status CheckOptions(const ImportOptions& options) {
+  if (NormalizeUuid(options.repository_id).empty()) {
+    return Refused("The repository id " + Quote(options.repository_id) +
+                   " is no UUID: give one of the form 8-4-4-4-12");
+  }
+  if (NormalizeUuid(options.host_id).empty()) {
+    return Refused("The host id " + Quote(options.host_id) + " is no UUID: give one of the form 8-4-4-4-12");
+  }
+  for (const auto& [name, id] : options.networks) {
+    if (NormalizeUuid(id).empty()) {
+      return Refused("The id " + Quote(id) + " of the network " + Quote(name) +
+                     " is no UUID: give one of the form 8-4-4-4-12");
+    }
+  }
+  return {};
+}
+
+// Two of them, and what counts would be a matter of which one a reader looks at.
+Status CheckSingleElements(pugi::xml_node domain) {
+  for (const char* name : {"name", "uuid", "description", "memory", "currentMemory", "vcpu", "os", "features", "cpu",
+                           "cputune", "devices"}) {
+    const pugi::xml_node first = domain.child(name);
+    if (first && first.next_sibling(name)) {
+      return Refused("<domain> has more than one <" + std::string(name) + ">: remove all but one");
+    }
+  }
+  return {};
+}
+
+Status ReadAll(pugi::xml_node domain, Context& context) {
+  if (Status single = CheckSingleElements(domain); !single) return single;
+
+  Json::Value& guest = context.guest() = Json::Value(Json::objectValue);
+  guest["repository_id"] = NormalizeUuid(context.options.repository_id);
+  guest["host_id"] = NormalizeUuid(context.options.host_id);
+  guest["state"] = "guest_shutdown";
+  guest["autorun"] = 0;
+  guest["is_general_vm"] = true;
+
+  for (const auto read : {ReadIdentity, ReadProcessor, ReadMemory, ReadFirmware, ReadBootOrder}) {
+    if (Status part = read(domain, context); !part) return part;
+  }
+  for (const auto read : {ReadVideo, ReadUsb, ReadDisks, ReadNics}) {
+    if (Status part = read(domain.child("devices"), context); !part) return part;
+  }
+  return {};
+}
+
+}  // namespace
+}  // namespace domain_xml
+
+Result<ImportedGuest> ParseDomainXml(std::string_view xml, const ImportOptions& options) {
+  if (Status valid = domain_xml::CheckOptions(options); !valid) return valid.error();
+  pugi::xml_document document;
+  if (Status loaded = domain_xml::Load(xml, document); !loaded) return loaded.error();
+  ImportedGuest imported;
+  imported.xml = xml;
+  domain_xml::Context context{options, imported};
+  if (Status read = domain_xml::ReadAll(document.document_element(), context); !read) return read.error();
+  return imported;
+}
+
+Json::Value ToJson(const ImportedGuest& guest) {
+  const auto list = [](const std::vector<std::pair<std::string, Json::Value>>& records) {
+    Json::Value result(Json::arrayValue);
+    for (const auto& [id, object] : records) {
+      Json::Value& entry = result.append(Json::Value(Json::objectValue));
+      entry["id"] = id;
+      entry["object"] = object;
+    }
+    return result;
+  };
+  Json::Value result(Json::objectValue);
+  result["id"] = guest.id;
+  result["guest"] = guest.guest;
+  result["disks"] = list(guest.disks);
+  result["nics"] = list(guest.nics);
+  result["notes"] = Json::Value(Json::arrayValue);
+  for (const std::string& note : guest.notes) result["notes"].append(note);
+  return result;
+}
+
+}  // namespace vexa::hypervisor

@@ -1,0 +1,78 @@
+// The virtual size of a disk image.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "host/domain_xml/domain_xml.h"
+
+namespace vexa::hypervisor {
+namespace {
+
+// The header of a qcow2 image, as QEMU's description of the format has it: magic, version, …, at 24 the virtual size.
+constexpr std::size_t kHeaderBytes = 32;
+constexpr std::uint64_t kMagic = 0x514649FB;  // "QFI\xfb"
+
+class OpenFile {
+ public:
+  // O_NONBLOCK: a FIFO in the place of an image must not hold the caller.
+  explicit OpenFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~OpenFile() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+Error CannotRead(const std::string& path, int error_number) {
+  const ErrorCode code = error_number == ENOENT || error_number == ENOTDIR ? ErrorCode::kNotFound
+                         : error_number == EACCES || error_number == EPERM ? ErrorCode::kDenied
+                                                                           : ErrorCode::kInternal;
+  return SystemError(code, "Cannot read the image '" + path + "'", error_number);
+}
+
+std::uint64_t BigEndian(const unsigned char* bytes, std::size_t count) {
+  std::uint64_t value = 0;
+  for (std::size_t i = 0; i < count; ++i) value = value << 8 | bytes[i];
+  return value;
+}
+
+Result<std::uint64_t> Qcow2Size(const OpenFile& file, const std::string& path) {
+  std::array<unsigned char, kHeaderBytes> header{};
+  const ssize_t count = ::pread(file.get(), header.data(), header.size(), 0);
+  if (count < 0) return CannotRead(path, errno);
+  if (count < static_cast<ssize_t>(header.size()) || BigEndian(header.data(), 4) != kMagic) {
+    return Error(ErrorCode::kInvalid, "'" + path + "' is no qcow2 image");
+  }
+  const std::uint64_t version = BigEndian(header.data() + 4, 4);
+  if (version != 2 && version != 3) {
+    return Error(ErrorCode::kInvalid,
+                 "'" + path + "' is a qcow2 image of the unknown version " + std::to_string(version));
+  }
+  return BigEndian(header.data() + 24, 8);
+}
+
+}  // namespace
+
+Result<std::uint64_t> ReadImageSize(const std::string& path, ImageFormat format) {
+  const OpenFile file(path);
+  if (file.get() < 0) return CannotRead(path, errno);
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0) return CannotRead(path, errno);
+  if (!S_ISREG(info.st_mode) && !S_ISBLK(info.st_mode)) {
+    return Error(ErrorCode::kInvalid, "'" + path + "' is neither a file nor a block device");
+  }
+  if (format == ImageFormat::kQcow2) return Qcow2Size(file, path);
+  // The end of a block device is its size as well.
+  const off_t end = ::lseek(file.get(), 0, SEEK_END);
+  if (end < 0) return CannotRead(path, errno);
+  return static_cast<std::uint64_t>(end);
+}
+
+}  // namespace vexa::hypervisor

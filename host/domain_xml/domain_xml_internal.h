@@ -1,0 +1,91 @@
+// What the parts of the domain XML reader share, and the writer with them. For host/hypervisor/domain_*.cpp only.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <pugixml.hpp>
+#include <string>
+#include <string_view>
+
+#include "host/domain_xml/domain_xml.h"
+
+namespace vexa::hypervisor::domain_xml {
+
+// domain_xml_text.cpp
+
+// Checks the text (size, encoding, depth, references, no DOCTYPE) and parses it into `document`, whose only element is
+// <domain>.
+Status Load(std::string_view xml, pugi::xml_document& document);
+
+// All text directly inside `element`.
+std::string TextOf(pugi::xml_node element);
+
+// domain_xml_values.cpp
+
+// `text` between single quotes, fit for a terminal: control characters as '?', at most 80 bytes.
+std::string Quote(std::string_view text);
+
+// Without XML white space at both ends.
+std::string_view Trim(std::string_view text);
+
+// A number of decimal digits only, white space around it allowed. Empty when it is anything else or has more than 64
+// bits.
+std::optional<std::uint64_t> ParseUnsigned(std::string_view text);
+
+// One to four hexadecimal digits, with or without "0x".
+std::optional<std::uint32_t> ParseHex16(std::string_view text);
+
+// The bytes in one `unit` of memory ("" is KiB); empty for an unknown unit.
+std::optional<std::uint64_t> BytesPerUnit(std::string_view unit);
+
+// The bytes that an element such as <memory unit='MiB'> says; empty when they are no number of a known unit or more
+// than 64 bits hold.
+std::optional<std::uint64_t> MemoryBytes(pugi::xml_node element);
+
+// The path that an <nvram> of <os> says, "" when it says none or is not in a file.
+std::string NvramPath(pugi::xml_node nvram);
+
+// "aa:bb:cc:dd:ee:ff" in lower case; empty when `text` is no unicast address.
+std::string NormalizeMac(std::string_view text);
+
+// Whether `text` has control characters (C0, DEL, C1). `text` is valid UTF-8.
+bool HasControlCharacters(std::string_view text);
+
+// Absolute, without "..", and fit for a line of a log.
+bool IsPlainPath(std::string_view path);
+
+// Only the letters, digits and hyphens that names of keyboard layouts have ("en-us").
+bool IsLayoutName(std::string_view text);
+
+Error Refused(std::string message);
+
+// Readers of one part of the XML each. They fill `context.result` and add notes.
+
+inline constexpr std::size_t kMaxNotes = 100;
+
+struct Context {
+  const ImportOptions& options;
+  ImportedGuest& result;
+
+  Json::Value& guest() { return result.guest; }
+
+  // Hostile XML could fill a terminal: after kMaxNotes one last sentence says that there was more.
+  void Note(std::string sentence) {
+    if (result.notes.size() > kMaxNotes) return;
+    if (result.notes.size() == kMaxNotes)
+      sentence = "There is more that the records only approximate than is listed here.";
+    result.notes.push_back(std::move(sentence));
+  }
+};
+
+Status ReadIdentity(pugi::xml_node domain, Context& context);   // domain_xml_machine.cpp: <uuid>, <name>, <description>
+Status ReadProcessor(pugi::xml_node domain, Context& context);  // <vcpu>, <cpu>, <cputune>
+Status ReadMemory(pugi::xml_node domain, Context& context);
+Status ReadFirmware(pugi::xml_node domain, Context& context);  // domain_xml_boot.cpp: <os>, <features>
+Status ReadBootOrder(pugi::xml_node domain, Context& context);
+Status ReadVideo(pugi::xml_node devices, Context& context);  // domain_xml_devices.cpp
+Status ReadUsb(pugi::xml_node devices, Context& context);
+Status ReadDisks(pugi::xml_node devices, Context& context);  // domain_xml_disks.cpp
+Status ReadNics(pugi::xml_node devices, Context& context);   // domain_xml_nics.cpp
+
+}  // namespace vexa::hypervisor::domain_xml

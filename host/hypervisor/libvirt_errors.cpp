@@ -1,0 +1,149 @@
+#include "host/hypervisor/libvirt_errors.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+namespace vexa::hypervisor {
+namespace {
+
+struct Row {
+  int code;
+  Problem problem;
+};
+// Codes that mean the same wherever they come from.
+constexpr Row kAnywhere[] = {
+    {VIR_ERR_NO_DOMAIN, Problem::kNoSuchGuest},
+    {VIR_ERR_DOM_EXIST, Problem::kExists},
+    {VIR_ERR_NO_NETWORK, Problem::kNetworkMissing},
+    {VIR_ERR_NO_MEMORY, Problem::kNoMemory},
+    {VIR_ERR_CPU_INCOMPATIBLE, Problem::kCpuIncompatible},
+    {VIR_ERR_OPERATION_TIMEOUT, Problem::kBusy},
+    {VIR_ERR_RESOURCE_BUSY, Problem::kBusy},
+    {VIR_ERR_AGENT_UNRESPONSIVE, Problem::kAgentAbsent},
+    {VIR_ERR_AGENT_UNSYNCED, Problem::kAgentAbsent},
+    {VIR_ERR_XML_ERROR, Problem::kInvalid},
+    {VIR_ERR_XML_DETAIL, Problem::kInvalid},
+    {VIR_ERR_XML_INVALID_SCHEMA, Problem::kInvalid},
+    {VIR_ERR_NO_SOURCE, Problem::kInvalid},
+    {VIR_ERR_NO_TARGET, Problem::kInvalid},
+    {VIR_ERR_NO_NAME, Problem::kInvalid},
+    {VIR_ERR_NO_OS, Problem::kInvalid},
+    {VIR_ERR_NO_DEVICE, Problem::kInvalid},
+    {VIR_ERR_INVALID_ARG, Problem::kInvalid},
+    {VIR_ERR_OS_TYPE, Problem::kInvalid},
+    {VIR_ERR_CONFIG_UNSUPPORTED, Problem::kInvalid},
+    {VIR_ERR_NO_SUPPORT, Problem::kUnsupported},
+    {VIR_ERR_ARGUMENT_UNSUPPORTED, Problem::kUnsupported},
+    {VIR_ERR_OPERATION_UNSUPPORTED, Problem::kUnsupported},
+    {VIR_ERR_NO_CONNECT, Problem::kUnsupported},
+    {VIR_ERR_OPERATION_DENIED, Problem::kDenied},
+    {VIR_ERR_ACCESS_DENIED, Problem::kDenied},
+    {VIR_ERR_AUTH_FAILED, Problem::kDenied},
+    {VIR_ERR_AUTH_CANCELLED, Problem::kDenied},
+    {VIR_ERR_AUTH_UNAVAILABLE, Problem::kDenied},
+    {VIR_ERR_INVALID_CONN, Problem::kDisconnected},
+};
+
+bool Says(const virError& error, std::string_view words) {
+  return error.message != nullptr && std::string_view(error.message).find(words) != std::string_view::npos;
+}
+
+bool SaysProcessorLacks(const virError& error) {
+  constexpr std::string_view kSentences[] = {
+      "guest CPU doesn't match",
+      "Host CPU does not provide required features",
+      "Host CPU model does not match required CPU",
+      "incompatible with host CPU",
+  };
+  return std::any_of(std::begin(kSentences), std::end(kSentences),
+                     [&](std::string_view sentence) { return Says(error, sentence); });
+}
+
+// The system's errno is the first number of such an error. The texts are those of libvirt and QEMU.
+Problem OfSystem(Operation operation, const virError& error) {
+  if (operation == Operation::kOpen) return error.int1 == EACCES ? Problem::kDenied : Problem::kDisconnected;
+  switch (error.int1) {
+    case ENODEV:
+      return operation == Operation::kStart ? Problem::kBridgeMissing : Problem::kFailed;
+    case ENOENT:
+      return operation == Operation::kStart ? Problem::kDiskMissing : Problem::kFailed;
+    case ENOMEM:
+      return Problem::kNoMemory;
+    case EACCES:
+    case EPERM:
+      return Problem::kDenied;
+    default:
+      return Problem::kFailed;
+  }
+}
+
+// Errors that only their sentence tells apart: the test driver says so of guests that run or do not, QEMU that it got
+// no memory. Of processors some have the code that they should have, and some have a general one.
+Problem OfText(const virError& error) {
+  if (Says(error, "already running")) return Problem::kAlreadyRunning;
+  if (Says(error, "not running")) return Problem::kNotRunning;
+  if (SaysProcessorLacks(error)) return Problem::kCpuIncompatible;
+  if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
+  // QEMU's program that adds the guests of other users than root to bridges.
+  if (Says(error, "access denied by acl file") || Says(error, "failed to parse default acl file")) {
+    return Problem::kDenied;
+  }
+  return Problem::kFailed;
+}
+
+Problem OfInvalidOperation(Operation operation, const virError& error) {
+  const Problem said = OfText(error);
+  if (said != Problem::kFailed) return said;
+  if (operation == Operation::kStart && Says(error, "is not active")) return Problem::kNetworkMissing;
+  switch (operation) {
+    case Operation::kStart:
+    case Operation::kUndefine:
+      return Problem::kAlreadyRunning;
+    case Operation::kStop:
+    case Operation::kRead:
+      return Problem::kNotRunning;
+    default:
+      return Problem::kFailed;
+  }
+}
+
+}  // namespace
+
+Problem Translate(Operation operation, const virError& error) {
+  // However the connection ends, the next call tells of it in the name of the code that speaks over it.
+  if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) {
+    // But this one is between libvirt's own daemons: the one that has the networks is not there.
+    if (operation == Operation::kStart && Says(error, "virtnetworkd-sock")) return Problem::kNetworkMissing;
+    return Problem::kDisconnected;
+  }
+  for (const Row& row : kAnywhere) {
+    if (row.code == error.code) return row.problem;
+  }
+  switch (error.code) {
+    case VIR_ERR_SYSTEM_ERROR:
+      return OfSystem(operation, error);
+    case VIR_ERR_OPERATION_INVALID:
+      return OfInvalidOperation(operation, error);
+    case VIR_ERR_OPERATION_FAILED:
+      // Another guest has the name and another UUID, or the other way round.
+      return operation == Operation::kDefine ? Problem::kExists : OfText(error);
+    case VIR_ERR_INTERNAL_ERROR:
+      // A daemon that ends, or falls silent, while a connection to it is being made.
+      if (error.domain == VIR_FROM_RPC) return Problem::kDisconnected;
+      return OfText(error);
+    default:
+      return Problem::kFailed;
+  }
+}
+
+Failure LastFailure(Operation operation, std::string message) {
+  const virErrorPtr error = virGetLastError();
+  if (error == nullptr || error->code == VIR_ERR_OK) {
+    return {Problem::kFailed, std::move(message), "libvirt does not say why"};
+  }
+  const Problem problem = Translate(operation, *error);
+  return {problem, std::move(message), error->message != nullptr ? error->message : ""};
+}
+
+}  // namespace vexa::hypervisor
