@@ -6,8 +6,8 @@
 
 #include "host/base/files.h"
 #include "host/base/uuid.h"
-#include "host/services/host_facts.h"
-#include "host/services/interfaces.h"
+#include "host/machine/host_facts.h"
+#include "host/machine/interfaces.h"
 #include "webapi/platform/ccc.h"
 
 namespace vexa::daemon {

@@ -14,7 +14,7 @@
 
 #include "host/base/result.h"
 #include "host/domain_xml/domain_interfaces.h"
-#include "host/guests/network_links.h"
+#include "host/machine/network_links.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {

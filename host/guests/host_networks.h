@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/guests/network_links.h"
+#include "host/machine/network_links.h"
 
 namespace vexa::guests {
 

@@ -10,8 +10,8 @@
 
 #include "host/base/result.h"
 #include "host/guests/guest_control.h"
-#include "host/services/interfaces.h"
-#include "host/services/machine.h"
+#include "host/machine/interfaces.h"
+#include "host/machine/machine.h"
 #include "host/store/store.h"
 #include "host/webapi/api_table.h"
 

@@ -1,5 +1,5 @@
 // What this host is, and how it is reached.
-#include "host/services/figures.h"
+#include "host/machine/figures.h"
 #include "host/services/rows.h"
 
 namespace vexa::services {

@@ -5,8 +5,8 @@
 #include <set>
 #include <string>
 
-#include "host/services/cpu_load.h"
-#include "host/services/figures.h"
+#include "host/machine/cpu_load.h"
+#include "host/machine/figures.h"
 #include "host/services/rows.h"
 #include "json/readers.h"
 

@@ -1,5 +1,5 @@
 // Whether the connections that a host depends on work, on a folder in the place of its machine's.
-#include "host/services/host_links.h"
+#include "host/machine/host_links.h"
 
 #include <gtest/gtest.h>
 

@@ -9,8 +9,8 @@
 #include <thread>
 #include <utility>
 
+#include "host/machine/host_facts.h"
 #include "host/records/environment.h"
-#include "host/services/host_facts.h"
 #include "host/store/key.h"
 #include "tests/unit/services_fixture.h"
 #include "webapi/platform/ccc.h"

@@ -1,5 +1,5 @@
 // How network interfaces hang together, on a folder in the place of the machine's.
-#include "host/guests/network_links.h"
+#include "host/machine/network_links.h"
 
 #include <gmock/gmock.h>
 

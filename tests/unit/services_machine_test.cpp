@@ -4,9 +4,9 @@
 #include <atomic>
 #include <thread>
 
-#include "host/services/cpu_load.h"
-#include "host/services/figures.h"
-#include "host/services/interfaces.h"
+#include "host/machine/cpu_load.h"
+#include "host/machine/figures.h"
+#include "host/machine/interfaces.h"
 #include "tests/unit/services_fixture.h"
 
 namespace vexa::services {

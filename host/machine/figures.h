@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "host/services/machine.h"
+#include "host/machine/machine.h"
 
 namespace vexa::services {
 

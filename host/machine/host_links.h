@@ -1,8 +1,8 @@
 // Whether the network connections that this machine depends on work.
 #pragma once
 
-#include "host/services/interfaces.h"
-#include "host/services/machine.h"
+#include "host/machine/interfaces.h"
+#include "host/machine/machine.h"
 
 namespace vexa::services {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "host/services/machine.h"
+#include "host/machine/machine.h"
 
 namespace vexa::services {
 

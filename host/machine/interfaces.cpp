@@ -1,4 +1,4 @@
-#include "host/services/interfaces.h"
+#include "host/machine/interfaces.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
-#include "host/guests/network_links.h"
+#include "host/machine/network_links.h"
 
 namespace vexa::services {
 namespace {

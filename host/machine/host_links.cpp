@@ -1,10 +1,10 @@
-#include "host/services/host_links.h"
+#include "host/machine/host_links.h"
 
 #include <algorithm>
 #include <set>
 #include <string>
 
-#include "host/guests/network_links.h"
+#include "host/machine/network_links.h"
 
 namespace vexa::services {
 namespace {

@@ -6,8 +6,8 @@
 
 #include "host/cluster/host_record.h"
 #include "host/cluster/nic_id.h"
-#include "host/services/interfaces.h"
-#include "host/services/machine.h"
+#include "host/machine/interfaces.h"
+#include "host/machine/machine.h"
 
 namespace vexa::services {
 

@@ -1,4 +1,4 @@
-#include "host/guests/virtual_switch.h"
+#include "host/machine/virtual_switch.h"
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "host/services/host_facts.h"
+#include "host/machine/host_facts.h"
 
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
@@ -14,7 +14,7 @@
 #include <set>
 #include <string_view>
 
-#include "host/services/figures.h"
+#include "host/machine/figures.h"
 
 namespace vexa::services {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/guests/virtual_switch.h"
+#include "host/machine/virtual_switch.h"
 
 namespace vexa::guests {
 

@@ -1,4 +1,4 @@
-#include "host/guests/network_links.h"
+#include "host/machine/network_links.h"
 
 #include <linux/ethtool.h>
 #include <linux/sockios.h>

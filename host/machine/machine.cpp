@@ -1,4 +1,4 @@
-#include "host/services/machine.h"
+#include "host/machine/machine.h"
 
 #include <dirent.h>
 #include <sys/stat.h>

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-#include "host/services/machine.h"
+#include "host/machine/machine.h"
 
 namespace vexa::services {
 

@@ -1,4 +1,4 @@
-#include "host/services/cpu_load.h"
+#include "host/machine/cpu_load.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "host/services/figures.h"
+#include "host/machine/figures.h"
 
 #include <array>
 #include <charconv>
