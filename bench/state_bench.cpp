@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "bench/guest_records.h"
+#include "host/api/user/guest_states.h"
 #include "host/http/http_server.h"
 #include "host/records/environment.h"
 #include "host/records/reading.h"
-#include "host/services/guest_states.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "host/services/guest_states.h"
+#include "host/api/user/guest_states.h"
 
 namespace vexa::daemon {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "host/api/api_table.h"
 #include "host/base/result.h"
 #include "host/daemon/config.h"
-#include "host/webapi/api_table.h"
 
 namespace vexa::daemon {
 

@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <string>
 
+#include "host/api/request_id.h"
 #include "host/daemon/log_line.h"
-#include "host/daemon/request_id.h"
 
 namespace {
 

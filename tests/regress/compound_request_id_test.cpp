@@ -4,8 +4,8 @@
 #include <chrono>
 #include <thread>
 
+#include "host/api/request_id.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/request_id.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
 #include "webapi/platform/ccc_senders.h"

@@ -6,8 +6,8 @@
 #include <boost/asio/io_context.hpp>
 #include <new>
 
+#include "host/api/dispatcher.h"
 #include "host/cluster/account_store.h"
-#include "host/daemon/dispatcher.h"
 #include "host/http/http_mailbox.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/temp_dir.h"

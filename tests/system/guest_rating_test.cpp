@@ -1,5 +1,5 @@
 // Where a guest can be powered on: this host's own rating, and what all hosts say over real sockets, right or wrong.
-#include "host/services/guest_rating_api.h"
+#include "host/api/peer/guest_rating_api.h"
 
 #include <gmock/gmock.h>
 

@@ -1,8 +1,8 @@
 // A running daemon as a host of the cluster: its record, and who may ask it what.
 #include <gmock/gmock.h>
 
+#include "host/api/api_table.h"
 #include "host/store/lmdb_store.h"
-#include "host/webapi/api_table.h"
 #include "tests/support/test_daemon.h"
 #include "webapi/platform/ccc.h"
 

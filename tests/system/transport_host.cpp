@@ -7,9 +7,9 @@
 #include <map>
 #include <thread>
 
+#include "host/api/request_id.h"
 #include "host/base/error_table.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/request_id.h"
 #include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"

@@ -1,15 +1,15 @@
-#include "host/webapi/api_table.h"
+#include "host/api/api_table.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <type_traits>
 
+#include "host/api/openapi.h"
+#include "host/api/user/guest_api.h"
+#include "host/api/user/log_api.h"
 #include "host/base/error_table.h"
-#include "host/daemon/guest_api.h"
-#include "host/daemon/openapi.h"
 #include "host/guests/refusal.h"
-#include "host/services/log_api.h"
 #include "tests/support/test_host.h"
 
 namespace {

@@ -10,12 +10,12 @@
 #include <filesystem>
 #include <fstream>
 
+#include "host/api/identity.h"
+#include "host/api/metrics.h"
 #include "host/base/files.h"
 #include "host/daemon/config.h"
 #include "host/daemon/host_id.h"
-#include "host/daemon/identity.h"
 #include "host/daemon/log_line.h"
-#include "host/daemon/metrics.h"
 #include "host/daemon/notify.h"
 #include "tests/support/temp_dir.h"
 #include "webapi/platform/ccc.h"

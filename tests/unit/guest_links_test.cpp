@@ -1,5 +1,5 @@
 // The links of guests that are found out in the background, and who waits for them.
-#include "host/services/guest_links.h"
+#include "host/api/user/guest_links.h"
 
 #include <gtest/gtest.h>
 

@@ -1,16 +1,16 @@
 // The table of guests' states that lists are made of.
-#include "host/services/guest_states.h"
+#include "host/api/user/guest_states.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 
+#include "host/api/reason.h"
+#include "host/api/user/gone_host.h"
 #include "host/records/environment.h"
 #include "host/records/live_state.h"
 #include "host/records/reading.h"
-#include "host/services/gone_host.h"
 #include "host/store/key.h"
-#include "host/webapi/reason.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc_constants.h"

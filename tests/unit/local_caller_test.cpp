@@ -1,5 +1,5 @@
 // Calls of a host to itself.
-#include "host/daemon/local_caller.h"
+#include "host/api/local_caller.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <future>
 #include <thread>
 
-#include "host/daemon/request_id.h"
+#include "host/api/request_id.h"
 #include "json/readers.h"
 
 namespace vexa::daemon {

@@ -7,10 +7,10 @@
 #include <set>
 #include <sstream>
 
+#include "host/api/user/guest_parts_state.h"
+#include "host/api/user/host_list_api.h"
 #include "host/base/files.h"
-#include "host/services/guest_parts_state.h"
-#include "host/services/host_condition.h"
-#include "host/services/host_list_api.h"
+#include "host/daemon/host_condition.h"
 #include "host/store/key.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/unit/services_fixture.h"

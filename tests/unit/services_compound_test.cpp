@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "host/services/compound_api.h"
+#include "host/api/peer/compound_api.h"
 #include "tests/unit/services_fixture.h"
 
 namespace vexa::services {

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/api/peer/services.h"
 #include "host/records/environment.h"
-#include "host/services/services.h"
 #include "json/readers.h"
 #include "tests/support/test_host.h"
 

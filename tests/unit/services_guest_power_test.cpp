@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "host/services/rows.h"
+#include "host/api/peer/rows.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/services_fixture.h"

@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/api/peer/guest_set_api.h"
 #include "host/base/error_table.h"
-#include "host/services/guest_set_api.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/services_fixture.h"

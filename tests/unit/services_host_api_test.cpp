@@ -2,7 +2,7 @@
 // which host answers.
 #include <gmock/gmock.h>
 
-#include "host/services/host_api.h"
+#include "host/api/user/host_api.h"
 #include "tests/unit/services_fixture.h"
 #include "webapi/guest/guest.h"
 #include "webapi/utils/utils.h"

@@ -1,5 +1,5 @@
 // VEXA.Virtualization.Log "list" on a real store: who may read it, pages, following.
-#include "host/services/log_api.h"
+#include "host/api/user/log_api.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,95 @@
+#include "host/api/identity.h"
+
+#include <strings.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/base/error_table.h"
+
+namespace vexa::daemon {
+namespace {
+
+constexpr std::string_view kBearer = "Bearer ";
+
+// Empty when the header is no bearer token (RFC 6750).
+std::string_view BearerToken(std::string_view authorization) {
+  if (authorization.size() <= kBearer.size() ||
+      ::strncasecmp(authorization.data(), kBearer.data(), kBearer.size()) != 0) {
+    return {};
+  }
+  return authorization.substr(kBearer.size());
+}
+
+}  // namespace
+
+std::string_view FindCookie(std::string_view header, std::string_view name) {
+  while (!header.empty()) {
+    std::string_view pair = header.substr(0, header.find(';'));
+    header.remove_prefix(std::min(header.size(), pair.size() + 1));
+    while (!pair.empty() && pair.front() == ' ') pair.remove_prefix(1);
+    while (!pair.empty() && pair.back() == ' ') pair.remove_suffix(1);
+    if (pair.size() > name.size() && pair.starts_with(name) && pair[name.size()] == '=') {
+      return pair.substr(name.size() + 1);
+    }
+  }
+  return {};
+}
+
+webapi::Caller Nobody(const Peer& peer) {
+  webapi::Caller caller;
+  caller.peer = peer.kind == Peer::Kind::kUnix ? "unix:" + std::to_string(peer.uid) : peer.address;
+  caller.tls = peer.tls;
+  return caller;
+}
+
+Identified Identity::Begin(const HttpRequest& request) const {
+  webapi::Caller caller = Nobody(request.peer);
+  const bool by_cookie = request.authorization.empty();
+  const std::string_view token =
+      by_cookie ? FindCookie(request.cookie, kSessionCookie) : BearerToken(request.authorization);
+  if (!by_cookie || !token.empty()) {
+    std::optional<SessionUser> user = sessions_.Find(token);
+    if (!user) return webapi::kErrorNotLoggedIn;
+    // A page of another site can make a browser send the cookie, but cannot read the CSRF token.
+    if (by_cookie && !sessions_.CheckCsrf(token, request.csrf_token)) return webapi::kErrorCsrf;
+    caller.kind = webapi::Caller::Kind::kUser;
+    caller.user.name = std::move(user->name);
+    caller.user.uid = user->uid;
+    caller.session_token = token;
+  } else if (!request.peer.certificate_name.empty()) {
+    caller.kind = webapi::Caller::Kind::kHost;
+    caller.host_id = request.peer.certificate_name;
+  } else if (request.peer.kind == Peer::Kind::kUnix) {
+    caller.kind = webapi::Caller::Kind::kUser;
+    caller.user.uid = request.peer.uid;
+  }
+  return caller;
+}
+
+int Identity::Complete(webapi::Caller& caller) const {
+  if (caller.kind != webapi::Caller::Kind::kUser) return 0;
+  const bool by_uid = caller.user.name.empty();
+  const uid_t uid = caller.user.uid;
+  Result<base::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);
+  if (user) {
+    // By name, since a name service may have several names of one id. But the account of the session has gone when its
+    // name is that of another id now.
+    if (user->uid != uid) return webapi::kErrorNotLoggedIn;
+    caller.user = std::move(*user);
+    return 0;
+  }
+  const bool is_unknown = user.error().code() == ErrorCode::kNotFound;
+  if (!is_unknown) ::syslog(LOG_ERR, "The accounts cannot be read: %s", user.error().ToString().c_str());
+  // Also while the accounts cannot be read: somebody must be able to see what is wrong.
+  if (by_uid && (uid == 0 || uid == ::geteuid())) {
+    caller.user.name = "root";
+    caller.user.is_administrator = true;
+    return 0;
+  }
+  return is_unknown ? webapi::kErrorNotLoggedIn : webapi::kErrorInternal;
+}
+
+}  // namespace vexa::daemon

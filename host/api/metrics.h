@@ -1,0 +1,54 @@
+// What the daemon has done so far, as numbers for a monitoring system.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/api/api_table.h"
+#include "host/base/lane.h"
+#include "host/http/http_server.h"
+
+namespace vexa::daemon {
+
+// Threads: any, at the same time.
+class Metrics {
+ public:
+  // `table` must outlive it.
+  explicit Metrics(const webapi::ApiTable& table);
+
+  // One answered request of a method. `code`: 0 for success, else the error code. `took` counts from the complete
+  // header to the answer's hand-over.
+  void Count(const webapi::ApiRow& row, int code, std::chrono::nanoseconds took);
+
+  struct Gauges {
+    ServerStats server;
+    std::vector<std::pair<std::string, LaneStats>> lanes;
+    std::size_t sessions = 0;
+  };
+  // The Prometheus text exposition format, version 0.0.4.
+  std::string ToText(const Gauges& gauges) const;
+
+ private:
+  // Upper bounds in microseconds; one more bucket takes the rest.
+  static constexpr std::array<std::int64_t, 12> kBounds = {100,    250,    500,     1'000,     2'500,      5'000,
+                                                           10'000, 50'000, 250'000, 1'000'000, 10'000'000, 60'000'000};
+  struct Series {
+    std::atomic<std::uint64_t> successes{0};
+    std::array<std::atomic<std::uint64_t>, kBounds.size() + 1> buckets{};
+    std::atomic<std::uint64_t> total_us{0};
+    mutable std::mutex mutex;
+    std::map<int, std::uint64_t> errors;  // by code; under the mutex
+  };
+  void AppendSeries(std::string& text, const webapi::ApiRow& row, const Series& series) const;
+
+  const webapi::ApiTable& table_;
+  std::vector<Series> series_;  // in the table's order
+};
+
+}  // namespace vexa::daemon

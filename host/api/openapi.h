@@ -1,0 +1,13 @@
+// The description of what the host answers, for people and tools.
+#pragma once
+
+#include <string>
+
+#include "host/api/api_table.h"
+
+namespace vexa::daemon {
+
+// The table as an OpenAPI 3.0.3 document, JSON text.
+std::string MakeOpenApi(const webapi::ApiTable& table);
+
+}  // namespace vexa::daemon

@@ -1,0 +1,17 @@
+// Where a guest could be powered on: what this host says of itself, and what all hosts of the cluster say.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "host/api/peer/services.h"
+
+namespace vexa::services {
+
+// "VEXA.CCC.Guest" "check_resource", and "VEXA.Virtualization.Guest.Action" "check_host_resource", which asks every
+// host for it through the platform's senders and waits at most `patience` (whole seconds). docs/services.md describes
+// the answers.
+std::vector<webapi::ApiRow> GuestRatingRows(const ServiceParts& parts,
+                                            std::chrono::seconds patience = std::chrono::seconds(10));
+
+}  // namespace vexa::services

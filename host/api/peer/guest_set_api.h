@@ -1,0 +1,13 @@
+// How other hosts change a guest's settings, disks and network interfaces: the method "set" of VEXA.CCC.Guest.
+#pragma once
+
+#include <vector>
+
+#include "host/api/peer/services.h"
+
+namespace vexa::services {
+
+// One row. docs/guests.md describes the parameters and the codes.
+std::vector<webapi::ApiRow> GuestSetRows(const ServiceParts& parts);
+
+}  // namespace vexa::services

@@ -1,0 +1,34 @@
+// The parts of ServiceRows, and what their handlers share. For host/api/peer only.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "host/api/peer/services.h"
+#include "host/api/rows.h"
+#include "host/base/error_table.h"
+
+namespace vexa::services {
+
+// A row for other hosts, version 1; `errors` are its own, beside those that every method can answer.
+webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::LaneKind lane, webapi::Handler handler,
+                       std::string_view summary, std::vector<webapi::Parameter> parameters = {},
+                       std::vector<int> errors = {});
+
+// Who asks, of a call by another host. guest_power_api.cpp
+guests::Requester RequesterOf(const webapi::Call& call);
+
+// Nothing is begun with a guest while the cluster database cannot be read: it could not be stored. Not set when it can,
+// and without a store.
+guests::Refused RefusedByDatabase(const store::Store* store);  // guest_power_api.cpp
+
+std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts);  // utilization_api.cpp
+std::vector<webapi::ApiRow> SystemRows(const ServiceParts& parts);       // system_api.cpp
+std::vector<webapi::ApiRow> VolumeRows(const ServiceParts& parts);       // volume_api.cpp
+std::vector<webapi::ApiRow> NetworkRows(const ServiceParts& parts);      // network_api.cpp
+std::vector<webapi::ApiRow> GuestReportRows(const ServiceParts& parts);  // guest_report_api.cpp
+std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts);   // guest_power_api.cpp
+std::vector<webapi::ApiRow> GuestSetRows(const ServiceParts& parts);     // guest_set_api.cpp
+std::vector<webapi::ApiRow> PollTaskRows(const ServiceParts& parts);     // poll_task_api.cpp
+
+}  // namespace vexa::services

@@ -1,0 +1,19 @@
+// Why a call was answered with an error, in words for users.
+#pragma once
+
+#include <string>
+
+#include "host/api/api_table.h"
+
+namespace vexa::webapi {
+
+// The member of Call::further that holds it until the reply is made.
+inline constexpr const char* kReason = "reason";
+
+// Adds `reason`, a sentence, to the error that the call is answered with, beside its code and message. A success has
+// none.
+inline void SetReason(const Call& call, const std::string& reason) {
+  if (call.further) (*call.further)[kReason] = reason;
+}
+
+}  // namespace vexa::webapi

@@ -1,0 +1,13 @@
+// VEXA.Virtualization.Host "get" and VEXA.Virtualization.Guest "info": what the cluster's hosts tell when they are
+// asked.
+#pragma once
+
+#include <vector>
+
+#include "host/api/api_table.h"
+
+namespace vexa::services {
+
+std::vector<webapi::ApiRow> HostQueryRows();
+
+}  // namespace vexa::services

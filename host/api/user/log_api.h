@@ -1,0 +1,13 @@
+// VEXA.Virtualization.Log: the cluster log, for users.
+#pragma once
+
+#include <vector>
+
+#include "host/api/api_table.h"
+
+namespace vexa::services {
+
+// "list": for administrators and advanced users, as the log names all guests.
+std::vector<webapi::ApiRow> LogRows();
+
+}  // namespace vexa::services
