@@ -14,7 +14,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/edit_request.h"
+#include "host/guests/edit/edit_request.h"
 
 namespace vexa::cli {
 namespace {

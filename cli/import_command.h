@@ -13,7 +13,7 @@
 
 #include "host/base/result.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/domain_record.h"
+#include "host/records/domain_record.h"
 #include "host/store/store.h"
 
 namespace vexa::cli {

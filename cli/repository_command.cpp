@@ -11,7 +11,7 @@
 #include "host/base/json_readers.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/storage_record.h"
+#include "host/storage/storage_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_constants.h"

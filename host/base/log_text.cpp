@@ -43,4 +43,9 @@ std::string LogText(std::string_view text, std::size_t max_bytes) {
   return out;
 }
 
+std::string ShownPath(std::string_view path) {
+  constexpr std::size_t kMaxBytes = 512;
+  return LogText(path, kMaxBytes);
+}
+
 }  // namespace vexa::cluster

@@ -11,4 +11,7 @@ namespace vexa::cluster {
 // separator, U+FFFD for each byte that is no UTF-8, and "…" in the place of what is too much.
 std::string LogText(std::string_view text, std::size_t max_bytes);
 
+// The same for the path of a file, which is cut after 512 bytes.
+std::string ShownPath(std::string_view path);
+
 }  // namespace vexa::cluster

@@ -6,11 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <thread>
 #include <utility>
 
 #include "host/base/files.h"
+#include "host/base/time_text.h"
 #include "host/base/uuid.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/object_edit.h"
@@ -33,15 +33,6 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
-// RFC 3339, UTC, whole seconds.
-std::string TimeText(Json::Int64 seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  char text[32];
-  if (!::gmtime_r(&time, &parts) || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) return "?";
-  return text;
-}
-
 bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
   if (TextMember(claim, "place") != identity.place) return false;
   const Json::Value& addresses = json::Member(claim, "addresses");
@@ -57,7 +48,7 @@ Error Forgotten(const std::string& host_id, const Json::Value& claim) {
   const Json::Value& forgotten = json::Member(claim, "forgotten");
   return Error(ErrorCode::kDenied,
                "This host, '" + host_id + "', was removed from the cluster by " + TextMember(forgotten, "by") + " at " +
-                   TimeText(json::Int64(json::Member(forgotten, "time"))) +
+                   TimeText(std::chrono::system_clock::from_time_t(json::Int64(json::Member(forgotten, "time")))) +
                    ": remove the file 'host-id' from the data folder to join as a new host, or start vexad once with "
                    "--take-host-id to come back as this one");
 }

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <utility>
 
+#include "host/base/time_text.h"
+
 namespace vexa::guests {
 
 namespace {
@@ -14,15 +16,6 @@ constexpr std::chrono::seconds kLookPatience{10};
 Activity LookThatHangs() { return {"looking", {}, std::chrono::system_clock::now() - kLookPatience}; }
 
 }  // namespace
-
-std::string TimeText(std::chrono::system_clock::time_point time) {
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-  std::tm fields{};
-  if (::gmtime_r(&seconds, &fields) == nullptr) return "an unknown time";
-  std::array<char, 64> text{};
-  const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &fields);
-  return {text.data(), size};
-}
 
 std::string Describe(const Activity& activity) {
   const Requester& by = activity.requester;

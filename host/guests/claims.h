@@ -5,10 +5,12 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
-#include "host/guests/deletion.h"
+#include "host/guests/requester.h"
 
 namespace vexa::guests {
 
@@ -21,8 +23,6 @@ struct Activity {
 
 // "It is busy with 'poweron' for alice since 2026-11-21T09:30:00Z"; whatever is in the texts.
 std::string Describe(const Activity& activity);
-// RFC 3339, UTC, whole seconds.
-std::string TimeText(std::chrono::system_clock::time_point time);
 
 // Who holds a guest is its activity, or somebody who looks at it for a moment ("looking"). Looks asked for meanwhile
 // are left to the holder, so that they never wait.

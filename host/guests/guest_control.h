@@ -13,13 +13,13 @@
 #include <variant>
 #include <vector>
 
+#include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
-#include "host/guests/deletion.h"
-#include "host/guests/refusal.h"
+#include "host/guests/requester.h"
 #include "host/guests/resources.h"
-#include "host/guests/storage_condition.h"
 #include "host/hypervisor/hypervisor.h"
+#include "host/storage/storage_condition.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {

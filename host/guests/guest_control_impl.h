@@ -14,15 +14,15 @@
 #include <thread>
 
 #include "host/guests/claims.h"
-#include "host/guests/domain_record.h"
-#include "host/guests/edit.h"
+#include "host/guests/edit/edit.h"
 #include "host/guests/end_reasons.h"
 #include "host/guests/guest_control.h"
 #include "host/guests/shut_downs.h"
 #include "host/guests/starts.h"
-#include "host/guests/storage_watch.h"
+#include "host/records/domain_record.h"
 #include "host/records/live_state.h"
 #include "host/records/run_record.h"
+#include "host/storage/storage_watch.h"
 
 namespace vexa::guests {
 

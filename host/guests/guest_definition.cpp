@@ -9,10 +9,11 @@
 
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/deletion_plan.h"
+#include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
 #include "host/records/guest_admin.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"

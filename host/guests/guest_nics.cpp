@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "host/cluster/nic_id.h"
-#include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
-#include "host/guests/guest_records.h"
+#include "host/records/guest_records.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"

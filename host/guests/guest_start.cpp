@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/guests/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/records/host_claim_record.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"

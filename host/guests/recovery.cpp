@@ -6,7 +6,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/guests/claims.h"
-#include "host/guests/domain_record.h"
+#include "host/records/domain_record.h"
 #include "host/records/environment.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/host_life.h"

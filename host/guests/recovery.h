@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "host/base/refusal.h"
 #include "host/base/result.h"
-#include "host/guests/refusal.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {

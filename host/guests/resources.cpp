@@ -7,7 +7,7 @@
 
 #include "host/base/log_text.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/storage_condition.h"
+#include "host/storage/storage_condition.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host/guests/guest_records.h"
-#include "host/guests/refusal.h"
+#include "host/base/refusal.h"
+#include "host/records/guest_records.h"
 
 namespace vexa::guests {
 

@@ -9,7 +9,7 @@
 #include "host/api/user/guest_api.h"
 #include "host/api/user/log_api.h"
 #include "host/base/error_table.h"
-#include "host/guests/refusal.h"
+#include "host/base/refusal.h"
 #include "tests/support/test_host.h"
 
 namespace {

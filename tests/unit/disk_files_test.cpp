@@ -1,4 +1,4 @@
-#include "host/guests/disk_files.h"
+#include "host/disks/disk_files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // Locks as QEMU holds them on images, and what is not done to a file under them.
-#include "host/guests/disk_locks.h"
+#include "host/disks/disk_locks.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

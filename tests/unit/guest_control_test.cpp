@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/guests/edit.h"
+#include "host/guests/edit/edit.h"
 #include "host/records/live_state.h"
 #include "host/records/reading.h"
 #include "host/records/run_record.h"

@@ -4,7 +4,7 @@
 
 #include <fstream>
 
-#include "host/guests/domain_record.h"
+#include "host/records/domain_record.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"

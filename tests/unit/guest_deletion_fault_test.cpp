@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "host/base/json_parse.h"
-#include "host/guests/deletion.h"
+#include "host/guests/deletion/deletion.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guest_deletion_ground.h"

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "host/guests/deletion.h"
+#include "host/guests/deletion/deletion.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guest_deletion_ground.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "host/guests/deletion.h"
+#include "host/guests/deletion/deletion.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"

@@ -7,8 +7,8 @@
 #include <functional>
 #include <utility>
 
-#include "host/guests/deletion.h"
-#include "host/guests/domain_record.h"
+#include "host/guests/deletion/deletion.h"
+#include "host/records/domain_record.h"
 #include "host/records/guest_admin.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"

@@ -1,4 +1,4 @@
-#include "host/guests/deletion.h"
+#include "host/guests/deletion/deletion.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

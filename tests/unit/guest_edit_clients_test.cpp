@@ -10,7 +10,7 @@
 #include <set>
 
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/edit.h"
+#include "host/guests/edit/edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/unit/guest_control_ground.h"

@@ -9,7 +9,7 @@
 #include <csignal>
 #include <functional>
 
-#include "host/guests/deletion.h"
+#include "host/guests/deletion/deletion.h"
 #include "tests/unit/guest_edit_ground.h"
 
 namespace vexa::test {

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "host/disks/image_file.h"
 #include "host/domain_xml/domain_build.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/edit.h"
-#include "host/guests/image_file.h"
+#include "host/guests/edit/edit.h"
 #include "host/records/run_record.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/guest_deletion_ground.h"

@@ -1,4 +1,4 @@
-#include "host/guests/guest_records.h"
+#include "host/records/guest_records.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "host/base/json_parse.h"
-#include "host/guests/domain_record.h"
+#include "host/records/domain_record.h"
 #include "host/records/environment.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/host_life.h"

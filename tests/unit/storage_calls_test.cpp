@@ -1,4 +1,4 @@
-#include "host/guests/storage_calls.h"
+#include "host/storage/storage_calls.h"
 
 #include <gtest/gtest.h>
 

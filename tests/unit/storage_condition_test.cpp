@@ -1,5 +1,5 @@
 // What is found about file systems, and what becomes of it.
-#include "host/guests/storage_condition.h"
+#include "host/storage/storage_condition.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The states of disks: what a file says, what becomes of it, and in which order files are looked at.
-#include "host/guests/storage_disks.h"
+#include "host/storage/storage_disks.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "host/guests/image_file.h"
-#include "host/guests/storage_watch.h"
+#include "host/disks/image_file.h"
 #include "host/records/run_record.h"
+#include "host/storage/storage_watch.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/storage_ground.h"

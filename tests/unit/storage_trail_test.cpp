@@ -1,4 +1,4 @@
-#include "host/guests/storage_trail.h"
+#include "host/storage/storage_trail.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

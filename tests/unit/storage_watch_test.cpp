@@ -1,4 +1,4 @@
-#include "host/guests/storage_watch.h"
+#include "host/storage/storage_watch.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -9,7 +9,7 @@
 
 #include "host/api/peer/rows.h"
 #include "host/base/log_text.h"
-#include "host/guests/guest_records.h"
+#include "host/records/guest_records.h"
 #include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"

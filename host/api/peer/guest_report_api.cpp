@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "host/api/peer/rows.h"
-#include "host/guests/storage_condition.h"
 #include "host/records/reading.h"
+#include "host/storage/storage_condition.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"

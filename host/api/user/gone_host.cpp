@@ -1,10 +1,10 @@
 #include "host/api/user/gone_host.h"
 
 #include <algorithm>
-#include <ctime>
 #include <utility>
 
 #include "host/api/reason.h"
+#include "host/base/time_text.h"
 #include "host/records/reading.h"
 #include "host/records/run_record.h"
 #include "json/readers.h"
@@ -27,15 +27,6 @@ seconds AgeOf(system_clock::time_point seen, system_clock::time_point now) {
   return std::max(std::chrono::duration_cast<seconds>(now - seen), seconds(0));
 }
 
-// "2026-11-22T14:02:11Z"
-std::string UtcText(system_clock::time_point time) {
-  const std::time_t count = system_clock::to_time_t(time);
-  std::tm parts{};
-  char text[sizeof "-2147483648-12-31T23:59:60Z"];
-  if (::gmtime_r(&count, &parts) == nullptr) return std::to_string(count);
-  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
-}
-
 // The host that has the guest; empty when none has it, or that cannot be read.
 std::string HolderOf(const std::string& guest_id) {
   const Result<cluster::Record> run = cluster::ReadRecord(guests::RunKey(guest_id));
@@ -48,7 +39,7 @@ std::string Sentence(const std::string& host_id, const cluster::HostLife& life) 
   std::string name;
   if (!VexaCCC::Utils::GetHostNameById(host_id, name) || name.empty()) name = host_id;
   const std::string since =
-      IsKnown(life.seen) ? "has been inaccessible since " + UtcText(life.seen) : "is inaccessible";
+      IsKnown(life.seen) ? "has been inaccessible since " + TimeText(life.seen) : "is inaccessible";
   return "The guest's host '" + name + "' " + since +
          "; when its machine is off, release the guest with 'vexa guest recover'.";
 }

@@ -7,7 +7,7 @@
 
 #include "host/api/rows.h"
 #include "host/api/user/gone_host.h"
-#include "host/guests/refusal.h"
+#include "host/base/refusal.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 #include "webapi/platform/ccc_senders.h"

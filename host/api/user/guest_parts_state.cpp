@@ -1,7 +1,7 @@
 #include "host/api/user/guest_parts_state.h"
 
-#include "host/guests/storage_disks.h"
 #include "host/records/shutdown_reason.h"
+#include "host/storage/storage_disks.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/utils.h"

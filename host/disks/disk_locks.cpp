@@ -1,0 +1,127 @@
+#include "host/disks/disk_locks.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vexa::guests {
+namespace {
+
+// QEMU's permission bytes begin at 100, those of what it does not share at 200.
+constexpr std::uint64_t kFirstByte = 100;
+constexpr std::uint64_t kLastByte = 299;
+constexpr char kLockTable[] = "/proc/locks";
+
+template <class Number>
+std::optional<Number> ParseNumber(std::string_view text, int base) {
+  Number number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+std::vector<std::string_view> Words(std::string_view line) {
+  std::vector<std::string_view> words;
+  for (std::size_t begin = 0; (begin = line.find_first_not_of(' ', begin)) != std::string_view::npos;) {
+    const std::size_t end = std::min(line.find(' ', begin), line.size());
+    words.push_back(line.substr(begin, end - begin));
+    begin = end;
+  }
+  return words;
+}
+
+// "08:01:131079": major and minor number in hexadecimal, and the inode.
+bool IsOfFile(std::string_view text, dev_t device, ino_t inode) {
+  const std::size_t first = text.find(':');
+  const std::size_t second = first == std::string_view::npos ? first : text.find(':', first + 1);
+  if (second == std::string_view::npos) return false;
+  return ParseNumber<unsigned>(text.substr(0, first), 16) == major(device) &&
+         ParseNumber<unsigned>(text.substr(first + 1, second - first - 1), 16) == minor(device) &&
+         ParseNumber<std::uint64_t>(text.substr(second + 1), 10) == std::uint64_t{inode};
+}
+
+// A line is "1: OFDLCK ADVISORY READ -1 08:01:131079 100 101"; the last word may be "EOF". One that waits for a lock
+// has "->" behind its number.
+bool IsImageLock(std::string_view line, dev_t device, ino_t inode) {
+  const std::vector<std::string_view> words = Words(line);
+  if (words.size() != 8 || (words[1] != "OFDLCK" && words[1] != "POSIX")) return false;
+  if (!IsOfFile(words[5], device, inode)) return false;
+  const auto first = ParseNumber<std::uint64_t>(words[6], 10);
+  const auto last = words[7] == "EOF" ? UINT64_MAX : ParseNumber<std::uint64_t>(words[7], 10);
+  // What cannot be understood is taken for a lock: the file is left then.
+  return !first || !last || (*first <= kLastByte && *last >= kFirstByte);
+}
+
+int LookUpInTable(int folder, const char* name, bool* has_open) {
+  struct stat info {};
+  if (::fstatat(folder, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  if (!S_ISREG(info.st_mode)) return 0;
+  std::ifstream in(kLockTable);
+  const std::string table{std::istreambuf_iterator<char>(in), {}};
+  // A system that does not show its locks says nothing about them: the file stays as it is.
+  if (!in.is_open() || in.bad()) return EACCES;
+  *has_open = HasImageLock(table, info.st_dev, info.st_ino);
+  return 0;
+}
+
+int AskForLock(int file, bool* has_open) {
+  struct stat info {};
+  if (::fstat(file, &info) != 0) return errno;
+  if (!S_ISREG(info.st_mode)) return 0;
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = kFirstByte;
+  lock.l_len = kLastByte - kFirstByte + 1;
+  if (::fcntl(file, F_OFD_GETLK, &lock) == 0) {
+    *has_open = lock.l_type != F_UNLCK;
+    return 0;
+  }
+  switch (errno) {
+    case EINVAL:
+    case ENOLCK:
+    case ENOSYS:
+    case ENOTTY:
+    case EOPNOTSUPP:
+      return 0;
+    default:
+      return errno;
+  }
+}
+
+}  // namespace
+
+bool HasImageLock(std::string_view table, dev_t device, ino_t inode) {
+  while (!table.empty()) {
+    const std::size_t end = std::min(table.find('\n'), table.size());
+    if (IsImageLock(table.substr(0, end), device, inode)) return true;
+    table.remove_prefix(std::min(end + 1, table.size()));
+  }
+  return false;
+}
+
+int MachineHasOpen(int folder, const char* name, bool* has_open) {
+  *has_open = false;
+  // Not blocking: opening a FIFO would wait for somebody at its other end.
+  const int file = ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (file < 0) {
+    if (errno == ELOOP) return 0;  // a symbolic link
+    return errno == EACCES || errno == EPERM ? LookUpInTable(folder, name, has_open) : errno;
+  }
+  const int error_number = AskForLock(file, has_open);
+  ::close(file);
+  return error_number;
+}
+
+}  // namespace vexa::guests

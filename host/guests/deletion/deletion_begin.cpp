@@ -1,0 +1,218 @@
+// The first half of a deletion: what goes with the guest is found out, and it is written down that it goes.
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "host/base/log_text.h"
+#include "host/guests/deletion/deletion_job.h"
+#include "host/guests/edit/edit_record.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
+
+namespace vexa::guests {
+namespace {
+
+constexpr std::size_t kStoredName = 256;
+// How often what is planned is looked into while the guest's disks change.
+constexpr int kLooks = 16;
+
+// Errors that say something about the guest's record rather than about the store.
+bool IsAboutRecord(const Error& error) {
+  return error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt ||
+         error.code() == ErrorCode::kInvalid;
+}
+
+bool IsAmong(const std::vector<HiddenFile>& files, const std::string& path) {
+  return std::ranges::find(files, path, &HiddenFile::path) != files.end();
+}
+
+}  // namespace
+
+// Between commits, what the plan needs to know of files and hypervisor is found out: both take time that no commit
+// waits for.
+DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
+  // What was found out before may have been undone.
+  plan_.reset();
+  is_gone_ = false;
+  for (int look = 0; look < kLooks; ++look) {
+    Refused refused;
+    std::optional<DeletionPlan> unseen;
+    const Status committed =
+        cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester, refused, unseen); });
+    if (!committed && committed.error().code() == ErrorCode::kConflict) break;
+    if (!committed) return Refuse(FailedBecause(committed.error()));
+    if (refused) return Refuse(std::move(*refused));
+    if (!unseen) return TakeBegun();
+    if (Refused not_now = LookInto(std::move(*unseen))) return Refuse(std::move(*not_now));
+  }
+  return Refuse({kBusy, "The guest's record keeps changing"});
+}
+
+DeletionJob::Outcome DeletionJob::TakeBegun() {
+  const auto now = ReadNow();
+  if (!now) {
+    LogFailure("It is taken up again later: " + now.error().ToString());
+    return Refuse(FailedBecause(now.error()));
+  }
+  if (!*now || (*now)->text != DeletionText(record_)) {
+    return Refuse({kBusy, "Somebody else has changed the record of the guest's deletion"});
+  }
+  revision_ = (*now)->revision;
+  return Outcome::kReady;
+}
+
+// Nothing to commit when it is refused, or when the files of what is planned were not looked at yet (`unseen`).
+Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Refused& refused,
+                                                  std::optional<DeletionPlan>& unseen) {
+  refused.reset();
+  unseen.reset();
+  std::optional<DeletionPlan> plan;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    Result<DeletionPlan> planned = PlanDeletion(**snapshot, guest_id_);
+    if (!planned && !IsAboutRecord(planned.error())) return planned.error();
+    if (!planned) {
+      refused = Refusal{kUnreadable, planned.error().ToString()};
+      return store::Transaction();
+    }
+    plan = std::move(*planned);
+  }
+  Result<Refused> taken = RefuseTaken();
+  if (!taken) return taken.error();
+  refused = std::move(*taken);
+  if (refused) return store::Transaction();
+  if (!IsSeen(*plan)) {
+    unseen = std::move(plan);
+    return store::Transaction();
+  }
+  plan_ = std::move(plan);
+  record_ = DeletionRecord();
+  record_.host_id = options_.host_id;
+  record_.user = cluster::LogText(requester.user, kStoredName);
+  record_.request_id = cluster::LogText(requester.request_id, kStoredName);
+  record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
+  record_.files = selection_.files;
+  record_.repository_id = plan_->repository_id;
+  record_.storage = storage_;
+  store::Transaction transaction;
+  transaction.compares = {{RunKey(guest_id_), run_revision_},
+                          {DeletionKey(guest_id_), 0},
+                          {EditKey(guest_id_), 0},
+                          plan_->compares.front()};
+  transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(record_)});
+  Step("commit hiding");
+  return transaction;
+}
+
+// One look for all that is usually not there: the longer it takes, the more often others change the guest meanwhile.
+Result<Refused> DeletionJob::RefuseTaken() {
+  run_revision_ = 0;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    const auto deletion = ReadDeletion(**snapshot, guest_id_);
+    if (!deletion) return deletion.error();
+    if (*deletion) return Refused(DeletedByOther(**deletion));
+    const auto edit = ReadEdit(**snapshot, guest_id_);
+    if (!edit) return edit.error();
+    if (*edit) return Refused(EditedByOther(**edit));
+    const auto run = (*snapshot)->Get(RunKey(guest_id_));
+    if (!run) return run.error();
+    if (!*run) return Refused();
+  }
+  const auto run = ReadRun(*options_.store, guest_id_);
+  if (!run) return run.error();
+  if (!*run) return Refused();
+  // Saved memory goes with the guest; its host removes it.
+  if ((*run)->run.saved) {
+    run_revision_ = (*run)->revision;
+    return Refused();
+  }
+  const std::string& host_id = (*run)->run.host_id;
+  if (host_id.empty()) return Refused({kRunsAlready, "A host has the guest, and the record of it is damaged"});
+  return Refused({kRunsAlready, "The host '" + cluster::LogText(host_id, kStoredName) + "' has the guest"});
+}
+
+bool DeletionJob::IsSeen(const DeletionPlan& plan) const {
+  return plan_ && plan_->files == plan.files && plan_->disks == plan.disks && plan_->images == plan.images &&
+         plan_->repository_host_id == plan.repository_host_id;
+}
+
+// Whether it may go on, and which files there are.
+Refused DeletionJob::LookInto(DeletionPlan plan) {
+  cluster::RequestScope::ReleaseSnapshot();
+  if (Refused active = RefuseActive()) return active;
+  const bool is_remote = !plan.repository_host_id.empty() && plan.repository_host_id != options_.host_id;
+  if (options_.storage && !is_remote) {
+    std::vector<std::string> paths;
+    for (const NamedFile& file : plan.files) paths.push_back(file.path);
+    if (Refused storage = options_.storage->Refuse(plan.repository_id, paths, StorageUse::kExisting)) return storage;
+  }
+  const Status selected = SelectFor(std::move(plan));
+  if (!selected) return FailedBecause(selected.error());
+  // What was missing may have gone with its storage in between.
+  if (Refused storage = RefuseStorage()) return storage;
+  return RefuseAlive();
+}
+
+Status DeletionJob::SelectFor(DeletionPlan plan) {
+  plan_ = std::move(plan);
+  selection_ = Selection();
+  if (IsRemote()) return {};
+  Result<Selection> selection = SelectFiles(guest_id_, *plan_, Question(), disk_files_, *options_.store);
+  if (!selection) {
+    plan_.reset();
+    return selection.error();
+  }
+  selection_ = std::move(*selection);
+  std::vector<std::string> paths;
+  for (const HiddenFile& file : selection_.files) paths.push_back(file.path);
+  Result<Trail> storage = TrailOfAll(options_.image_roots, paths);
+  if (!storage) return storage.error();
+  storage_ = std::move(*storage);
+  return {};
+}
+
+// Finds out what is left to do of a deletion that was begun.
+DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
+  record_ = *begun.record;
+  revision_ = begun.revision;
+  std::optional<Result<DeletionPlan>> plan;
+  {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return Refuse(FailedBecause(snapshot.error()));
+    plan = PlanDeletion(**snapshot, guest_id_);
+    is_gone_ = !*plan && plan->error().code() == ErrorCode::kNotFound;
+    if (is_gone_) plan = PlanGoneGuest(**snapshot, guest_id_);
+  }
+  if (!*plan && !IsAboutRecord(plan->error())) return Refuse(FailedBecause(plan->error()));
+  if (!*plan) return Undo({kUnreadable, plan->error().ToString()}, Outcome::kRefused);
+  if (is_gone_) {
+    for (const HiddenFile& file : record_.files) (*plan)->files.push_back({(*plan)->files.size(), file.path});
+  }
+  const Status selected = SelectFor(std::move(**plan));
+  if (!selected) return Undo(FailedBecause(selected.error()), Outcome::kRefused);
+  // Those that are hidden are missing in their places.
+  std::erase_if(selection_.notes, [](const std::string& note) { return note.starts_with("there is no file"); });
+  if (!is_gone_ && !FitsRecord()) return Undo({kBusy, "The guest's record was changed"}, Outcome::kChanged);
+  for (HiddenFile& file : selection_.files) {
+    file.hidden = std::ranges::find(record_.files, file.path, &HiddenFile::path)->hidden;
+  }
+  return Outcome::kReady;
+}
+
+// Whether what was written down is what the guest's record names now.
+bool DeletionJob::FitsRecord() const {
+  std::set<std::string> named;
+  for (const NamedFile& file : plan_->files) {
+    if (std::optional<std::string> path = NormalPath(file.path)) named.insert(std::move(*path));
+  }
+  const bool is_all_named =
+      std::ranges::all_of(record_.files, [&](const HiddenFile& file) { return named.contains(file.path); });
+  const bool is_all_known =
+      std::ranges::all_of(selection_.files, [&](const HiddenFile& file) { return IsAmong(record_.files, file.path); });
+  return is_all_named && is_all_known && !(IsRemote() && !record_.files.empty());
+}
+
+}  // namespace vexa::guests

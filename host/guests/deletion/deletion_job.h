@@ -1,0 +1,103 @@
+// One deletion of one guest, from whatever point it has reached.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/disks/disk_files.h"
+#include "host/guests/deletion/deletion.h"
+#include "host/guests/deletion/deletion_plan.h"
+#include "host/guests/deletion/deletion_record.h"
+
+namespace vexa::guests {
+
+// Threads: one at a time.
+class DeletionJob {
+ public:
+  DeletionJob(const DeletionOptions& options, std::string guest_id);
+
+  // From the beginning. Refusals: those of Deletion::Delete.
+  Refused Start(const Requester& requester);
+
+  // What this host had begun when it ended. A refusal says why it is not finished, or was undone.
+  Refused Resume(const StoredDeletion& begun);
+
+ private:
+  enum class Outcome {
+    kReady,  // it is written down: GoOn() comes next
+    kDeleted,
+    kChanged,   // undone, since the guest's record now says something that matters: to be begun again
+    kOutdated,  // records name files since it was searched who else names the guest's: to be searched again
+    kRefused,   // refusal_ says why
+  };
+
+  // deletion_begin.cpp: what is deleted, and that it is.
+  Outcome Begin(const Requester& requester);
+  Result<store::Transaction> PlanBegin(const Requester& requester, Refused& refused,
+                                       std::optional<DeletionPlan>& unseen);
+  Outcome TakeBegun();
+  Result<Refused> RefuseTaken();
+  bool IsSeen(const DeletionPlan& plan) const;
+  Refused LookInto(DeletionPlan plan);
+  Status SelectFor(DeletionPlan plan);
+  Outcome TakeUp(const StoredDeletion& begun);
+  bool FitsRecord() const;
+
+  // deletion_job.cpp: from there to the end. deletion_commit.cpp: the commit in the middle of it.
+  enum class Begun { kNow, kBefore };
+  Outcome GoOn(Begun begun);
+  Refused RefuseActive() const;
+  // 949 while the folders of the files are not those that the deletion began with: nothing is known about them.
+  Refused RefuseStorage() const;
+  Refused RefuseAlive() const;
+  Status HideAll();
+  Outcome CommitRecords();
+  Outcome CommitOnce();
+  Result<bool> AreFilesNamedByOthers();
+  FileQuestion Question() const;
+  Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
+  Result<DeletionPlan> PlanAgain(const store::Snapshot& snapshot) const;
+  Status RemoveGrants(const store::Snapshot& snapshot, store::Transaction& transaction);
+  Status AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction);
+  Result<bool> AddRun(const store::Snapshot& snapshot, store::Transaction& transaction);
+  Outcome Lost();
+  Outcome SettleFailedCommit(const Error& error);
+  void Purge();
+  Outcome Undo(const Refusal& refusal, Outcome outcome);
+  Status ShowAll();
+  Status SyncAll(std::string_view step) const;
+  Status RemoveRecord(std::string_view step);
+
+  Outcome Refuse(Refusal refusal);
+  Result<std::optional<StoredDeletion>> ReadNow() const;
+  Result<bool> GuestExists() const;
+  bool IsRemote() const;
+  void Step(std::string_view step) const;
+  void Step(std::string_view step, std::size_t index) const;
+  void LogNotes() const;
+  void LogFailure(const std::string& sentence) const;
+
+  const DeletionOptions& options_;
+  const std::string guest_id_;
+  const DiskFiles disk_files_;
+
+  std::optional<DeletionPlan> plan_;    // what the files were selected by; not set: not yet
+  bool is_gone_ = false;                // the guest has no record any more
+  Selection selection_;                 // the files that still have their names
+  Trail storage_;                       // the folders that they are in
+  Notes later_notes_;                   // of what went otherwise than selected
+  DeletionRecord record_;               // as it is stored
+  store::Revision revision_ = 0;        // of the stored record
+  store::Revision run_revision_ = 0;    // of the record of a host that has the guest's saved memory
+  store::Revision files_revision_ = 0;  // of FilesKey(), from before the last search
+  Refusal refusal_;
+};
+
+// For reasons that have no code of their own.
+Refusal FailedBecause(const Error& error);
+// The same for what DiskFiles answers: 910 when a machine has a file open.
+Refusal FileFailedBecause(const Error& error);
+
+}  // namespace vexa::guests

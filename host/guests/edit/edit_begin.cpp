@@ -1,0 +1,245 @@
+// The first half of an edit: what it changes is found out, and it is written down that it does.
+#include <algorithm>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "host/base/log_text.h"
+#include "host/base/uuid.h"
+#include "host/cluster/mac_address.h"
+#include "host/guests/deletion/deletion_job.h"
+#include "host/guests/edit/edit_job.h"
+#include "host/records/object_edit.h"
+#include "host/records/run_record.h"
+
+namespace vexa::guests {
+namespace {
+
+// How often it is found out what a plan needs to know while records change.
+constexpr int kLooks = 64;
+constexpr std::size_t kStoredName = 256;
+
+Refusal KeepsChanging() { return {kBusy, "The guest's record keeps changing"}; }
+
+}  // namespace
+
+// Only once it is known that they are needed: addresses are reserved for a day.
+Status EditJob::MakeIds() {
+  while (ids_.nics.size() < request_.nics_add.size()) {
+    Result<std::string> id = RandomUuid();
+    if (!id) return id.error();
+    std::string mac;
+    if (request_.nics_add[ids_.nics.size()].mac.empty()) {
+      Result<std::string> reserved = cluster::ReserveMacAddress(*options_.store, cluster::SystemMacSource());
+      if (!reserved) return reserved.error();
+      mac = std::move(*reserved);
+    }
+    ids_.nics.push_back(std::move(*id));
+    ids_.macs.push_back(std::move(mac));
+  }
+  while (ids_.disks.size() < request_.disks_add.size()) {
+    Result<std::string> id = RandomUuid();
+    if (!id) return id.error();
+    ids_.disks.push_back(std::move(*id));
+  }
+  return {};
+}
+
+// Between commits, what the plan needs to know of files and hypervisor is found out: both take time that no commit
+// waits for.
+EditJob::Outcome EditJob::Begin(const Requester& requester) {
+  facts_ = FileFacts();
+  files_.reset();
+  revision_ = 0;
+  refusal_ = Refusal{0, ""};
+  if (request_.nics_add.size() > hypervisor::kMaxNics) {
+    return Refuse({kBadNic, "A guest has at most " + std::to_string(hypervisor::kMaxNics) + " network interfaces"});
+  }
+  if (request_.disks_add.size() > hypervisor::kMaxDisks) {
+    return Refuse({kTooManyDisks, "A guest has at most " + std::to_string(hypervisor::kMaxDisks) + " disks"});
+  }
+  if (const Status made = MakeIds(); !made) return Refuse(FailedBecause(made.error()));
+  for (int look = 0; look < kLooks; ++look) {
+    const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester); });
+    if (!committed && committed.error().code() == ErrorCode::kConflict) break;
+    if (!committed) return SettleFailedBegin(committed.error());
+    if (refusal_.code != 0) return Outcome::kRefused;
+    if (!facts_.IsLacking() && !unseen_) return TakeBegun();
+    if (Refused failed = LookInto()) return Refuse(std::move(*failed));
+  }
+  return Refuse(KeepsChanging());
+}
+
+EditJob::Outcome EditJob::TakeBegun() {
+  if (files_->empty()) return Outcome::kDone;
+  const auto now = ReadNow();
+  if (!now) {
+    LogFailure("It is undone later: " + now.error().ToString());
+    return Refuse(FailedBecause(now.error()));
+  }
+  if (!*now || (*now)->text != EditText(record_)) {
+    return Refuse({kBusy, "Somebody else has changed the record of the guest's edit"});
+  }
+  revision_ = (*now)->revision;
+  return Outcome::kBegun;
+}
+
+// Finds out what the last plan could not know.
+Refused EditJob::LookInto() {
+  cluster::RequestScope::ReleaseSnapshot();
+  if (const Status gathered = facts_.Gather(options_, guest_id_); !gathered) return FailedBecause(gathered.error());
+  const std::optional<FileChanges> unseen = std::exchange(unseen_, std::nullopt);
+  if (!unseen) return std::nullopt;
+  if (Refused storage = RefuseStorage(*unseen)) return storage;
+  const Status selected = SelectFor(*unseen);
+  // What was missing may have gone with its storage in between.
+  if (selected) return RefuseStorage(*unseen);
+  const bool is_about_disk = selected.error().code() != ErrorCode::kInternal;
+  return Refusal{is_about_disk ? kBadDisk : kFailed, selected.error().ToString()};
+}
+
+Refused EditJob::RefuseStorage(const FileChanges& files) const {
+  if (!options_.storage) return std::nullopt;
+  std::vector<std::string> paths;
+  for (const GrownFile& file : files.grown) paths.push_back(file.path);
+  for (const NamedFile& file : files.removed) paths.push_back(file.path);
+  Refused refused = options_.storage->Refuse(files.repository_id, paths, StorageUse::kExisting);
+  if (refused || files.made.empty()) return refused;
+  paths.clear();
+  for (const NewFile& file : files.made) paths.push_back(file.path);
+  return options_.storage->Refuse(files.repository_id, paths, StorageUse::kNew);
+}
+
+// A commit whose failure was reported may have been made all the same, and would keep everybody from the guest.
+EditJob::Outcome EditJob::SettleFailedBegin(const Error& error) {
+  const auto now = ReadNow();
+  if (!now || !*now || (*now)->text != EditText(record_)) return Refuse(FailedBecause(error));
+  revision_ = (*now)->revision;
+  return Undo(FailedBecause(error), Outcome::kRefused);
+}
+
+// Nothing to commit when it is refused, when facts are lacking, or when the files were not looked at yet (unseen_).
+Result<store::Transaction> EditJob::PlanBegin(const Requester& requester) {
+  refusal_ = Refusal{0, ""};
+  unseen_.reset();
+  Result<EditPlan> plan = [&]() -> Result<EditPlan> {
+    const auto snapshot = options_.store->Read();
+    if (!snapshot) return snapshot.error();
+    return PlanEdit(options_, guest_id_, request_, ids_, **snapshot, facts_);
+  }();
+  if (!plan) return plan.error();
+  if (plan->refused) {
+    refusal_ = std::move(*plan->refused);
+    return store::Transaction();
+  }
+  if (facts_.IsLacking()) return store::Transaction();
+  if (plan->files.empty()) {
+    files_ = FileChanges();
+    if (!plan->transaction.operations.empty()) Step("commit");
+    return std::move(plan->transaction);
+  }
+  const auto other = ReadNow();
+  if (!other) return other.error();
+  if (*other) {
+    refusal_ = EditedByOther(**other);
+    return store::Transaction();
+  }
+  const bool is_active_at_stake = !plan->files.removed.empty() || !plan->files.grown.empty();
+  if (is_active_at_stake) {
+    const std::optional<Refused> active = facts_.Active();
+    if (active && *active) refusal_ = **active;
+    if (!active || *active) return store::Transaction();
+  }
+  if (files_ != plan->files) {
+    unseen_ = std::move(plan->files);
+    return store::Transaction();
+  }
+  if (!plan->files.grown.empty()) {
+    const Result<store::Revision> files_revision = FilesRevision(*options_.store);
+    if (!files_revision) return files_revision.error();
+    if (*files_revision != files_revision_) {
+      unseen_ = std::move(plan->files);
+      return store::Transaction();
+    }
+    plan->transaction.compares.push_back({FilesKey(), *files_revision});
+  }
+  return PlanIntent(requester, std::move(plan->transaction));
+}
+
+Result<store::Transaction> EditJob::PlanIntent(const Requester& requester, store::Transaction transaction) {
+  record_.host_id = options_.host_id;
+  record_.user = cluster::LogText(requester.user, kStoredName);
+  record_.request_id = cluster::LogText(requester.request_id, kStoredName);
+  record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
+  record_.stage = EditStage::kDoing;
+  transaction.compares.push_back({EditKey(guest_id_), 0});
+  transaction.operations = {{EditKey(guest_id_), EditText(record_)}};
+  Step("commit doing");
+  return transaction;
+}
+
+Status EditJob::SelectFor(const FileChanges& files) {
+  files_.reset();
+  record_ = EditRecord();
+  notes_.clear();
+  for (const NewFile& file : files.made) record_.made.push_back(file.path);
+  if (Status selected = SelectGrown(files); !selected) return selected;
+  if (Status selected = SelectRemoved(files); !selected) return selected;
+  std::vector<std::string> paths = record_.made;
+  for (const HiddenFile& file : record_.hidden) paths.push_back(file.path);
+  for (const Growth& growth : record_.grown) paths.push_back(growth.path);
+  Result<Trail> storage = TrailOfAll(options_.image_roots, paths);
+  if (!storage) return Error(ErrorCode::kInternal, storage.error().ToString());
+  record_.storage = std::move(*storage);
+  record_.repository_id = files.repository_id;
+  files_ = files;
+  return {};
+}
+
+// A file that somebody else has as well stays as it is: whoever uses it may be running.
+Status EditJob::SelectGrown(const FileChanges& files) {
+  if (files.grown.empty()) return {};
+  const Result<store::Revision> revision = FilesRevision(*options_.store);
+  if (!revision) return revision.error();
+  files_revision_ = *revision;
+  std::set<std::string> disks = files.removed_disks;
+  std::map<std::string, SoughtFile> found;
+  for (const GrownFile& file : files.grown) {
+    Result<Growth> growth = PlanGrowth(disk_files_, file.path, file.format, file.size_mib << 20);
+    if (!growth) return growth.error();
+    const Result<DiskFiles::Look> look = disk_files_.Examine(file.path);
+    if (!look) return look.error();
+    const bool is_twice =
+        std::ranges::any_of(found, [&](const auto& other) { return other.second.identity == look->identity; });
+    if (is_twice) return Error(ErrorCode::kInvalid, "Two disks have the same file");
+    found.emplace(file.path, SoughtFile{look->identity, ""});
+    disks.insert(file.disk_id);
+    record_.grown.push_back(std::move(*growth));
+  }
+  FileQuestion question;
+  question.host_id = options_.host_id;
+  question.except_disks = std::move(disks);
+  const auto others = FindFileUsers(*options_.store, question, found);
+  if (!others) return others.error();
+  if (others->empty()) return {};
+  const auto& [path, user] = *others->begin();
+  return Error(ErrorCode::kInvalid, "The file '" + cluster::ShownPath(path) + "' cannot grow, since " + Describe(user));
+}
+
+Status EditJob::SelectRemoved(const FileChanges& files) {
+  if (files.removed.empty()) return {};
+  DeletionPlan removal;
+  removal.files = files.removed;
+  removal.disks = files.removed_disks;
+  removal.images = files.images;
+  FileQuestion question;
+  question.host_id = options_.host_id;
+  question.except_disks = files.removed_disks;
+  Result<Selection> selection = SelectFiles(guest_id_, removal, question, disk_files_, *options_.store);
+  if (!selection) return selection.error();
+  record_.hidden = std::move(selection->files);
+  notes_ = std::move(selection->notes);
+  return {};
+}
+
+}  // namespace vexa::guests

@@ -1,0 +1,168 @@
+// The disks of a guest that is edited.
+#include <algorithm>
+#include <optional>
+#include <set>
+
+#include "host/base/log_text.h"
+#include "host/guests/edit/edit_plan.h"
+#include "host/guests/edit/edit_record.h"
+#include "json/readers.h"
+#include "webapi/platform/ccc.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace json = VexaVirtualization::json;
+namespace keys = VexaCCC::DB::_k;
+using hypervisor::ImageFormat;
+
+constexpr char kPath[] = "path";
+constexpr char kDriver[] = "driver";
+constexpr int kTypeRaw = 1;
+constexpr int kTypeQcow2 = 2;
+constexpr int kShownFormat = 2;  // of all disks that users see
+constexpr std::size_t kShown = 128;
+
+std::string TextMember(const Json::Value& record, const char* name) {
+  const Json::Value& member = json::Member(record, name);
+  return member.isString() ? json::String(member) : std::string();
+}
+
+std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
+
+ImageFormat FormatOf(const Json::Value& disk) {
+  const std::string driver = TextMember(disk, kDriver);
+  const bool is_qcow2 = driver.empty() ? json::Int(json::Member(disk, keys::type)) == kTypeQcow2 : driver == "qcow2";
+  return is_qcow2 ? ImageFormat::kQcow2 : ImageFormat::kRaw;
+}
+
+EditedPart* Find(EditedGuest& edited, const std::string& id) {
+  const auto found = std::ranges::find(edited.disks, id, &EditedPart::id);
+  const bool is_own = found != edited.disks.end() && TextMember(found->before, keys::guest_id) == edited.id;
+  if (is_own) return &*found;
+  edited.Refuse(kBadDisk, "The guest has no disk " + Shown(id));
+  return nullptr;
+}
+
+void Remove(EditedGuest& edited, const std::string& id) {
+  EditedPart* const disk = Find(edited, id);
+  if (!disk) return;
+  if (edited.is_running) return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(id) + " stays");
+  const std::string path = TextMember(disk->before, kPath);
+  if (!path.empty()) edited.plan.files.removed.push_back({disk->index, path});
+  edited.plan.files.removed_disks.insert(id);
+  edited.removed_disks.push_back(id);
+  std::erase_if(edited.disks, [&](const EditedPart& part) { return part.id == id; });
+}
+
+// The name of a target that no disk has: "vda", "vdb", …
+std::string FreeTarget(const EditedGuest& edited, Json::Int64 mode) {
+  constexpr const char* kPrefixes[] = {"vd", "hd", "sd", "sd"};
+  std::set<std::string> taken;
+  for (const EditedPart& disk : edited.disks) taken.insert(TextMember(disk.stored.record, keys::name));
+  const std::string prefix = kPrefixes[mode - 1];
+  for (std::size_t index = 0;; ++index) {
+    std::string letters;
+    for (std::size_t rest = index + 1; rest > 0; rest = (rest - 1) / 26) {
+      letters.insert(letters.begin(), static_cast<char>('a' + (rest - 1) % 26));
+    }
+    if (!taken.contains(prefix + letters)) return prefix + letters;
+  }
+}
+
+void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
+  const std::uint64_t now_mib = json::UInt64(json::Member(disk.before, keys::size));
+  if (size_mib == now_mib) return;
+  const std::string where = "The disk " + Shown(disk.id);
+  if (size_mib < now_mib) {
+    return edited.Refuse(kBadDisk, where + " has " + std::to_string(now_mib) + " MiB and cannot shrink");
+  }
+  if (edited.is_running)
+    return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(disk.id) + " keeps its size");
+  const std::optional<std::string> path = NormalPath(TextMember(disk.before, kPath));
+  if (!path) return edited.Refuse(kBadDisk, where + " has no file that could grow");
+  edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
+  disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
+}
+
+void Change(EditedGuest& edited, const DiskChange& change) {
+  EditedPart* const disk = Find(edited, change.id);
+  if (!disk) return;
+  if (disk->stored.record != disk->before)
+    return edited.Refuse(kBadDisk, "The disk " + Shown(change.id) + " is changed twice");
+  Grow(edited, *disk, change.size_mib);
+  Json::Value& record = disk->stored.record;
+  if (change.mode && json::Int64(json::Member(record, keys::vdisk_mode)) != *change.mode) {
+    record[keys::vdisk_mode] = *change.mode;
+    // Names go by the bus.
+    record[keys::name] = "";
+    record[keys::name] = FreeTarget(edited, *change.mode);
+  }
+  if (change.unmap) record[keys::unmap] = *change.unmap;
+}
+
+// Those that are not named follow in the order they had.
+void Order(EditedGuest& edited) {
+  std::vector<EditedPart> ordered;
+  for (const std::string& id : edited.request.disks_order) {
+    const auto found = std::ranges::find(edited.disks, id, &EditedPart::id);
+    if (found == edited.disks.end()) {
+      return edited.Refuse(kBadDisk,
+                           "The order names the disk " + Shown(id) + ", which the guest does not have, or twice");
+    }
+    ordered.push_back(std::move(*found));
+    edited.disks.erase(found);
+  }
+  std::ranges::move(edited.disks, std::back_inserter(ordered));
+  edited.disks = std::move(ordered);
+}
+
+void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
+  const std::optional<std::string> folder = edited.facts.FolderOf(edited.repository_id);
+  if (!folder) return;
+  if (folder->empty()) {
+    return edited.Refuse(kUnavailable, "The guest's repository " + Shown(edited.repository_id) + " has no folder here");
+  }
+  EditedPart disk;
+  disk.id = edited.ids.disks[index];
+  const std::string path = *NormalPath(*folder + "/" + ImageName(disk.id, addition.format));
+  const bool is_raw = addition.format == ImageFormat::kRaw;
+  Json::Value& record = disk.stored.record;
+  record[keys::guest_id] = edited.id;
+  record[keys::repository_id] = edited.repository_id;
+  record[keys::name] = FreeTarget(edited, addition.mode);
+  record[keys::size] = static_cast<Json::Int64>(addition.size_mib);
+  record[kDriver] = is_raw ? "raw" : "qcow2";
+  record[keys::type] = is_raw ? kTypeRaw : kTypeQcow2;
+  record[keys::unmap] = addition.unmap;
+  record[kPath] = path;
+  record[keys::vdisk_mode] = addition.mode;
+  record[keys::format] = kShownFormat;
+  record[keys::is_dummy] = false;
+  record[keys::is_meta_disk] = false;
+  edited.plan.files.made.push_back({path, addition.format, addition.size_mib});
+  edited.disks.push_back(std::move(disk));
+}
+
+}  // namespace
+
+void EditDisks(EditedGuest& edited) {
+  const EditRequest& request = edited.request;
+  if (!request.HasDisks() || edited.plan.refused) return;
+  const std::string& host_id = edited.repository_host_id;
+  if (!host_id.empty() && host_id != edited.options.host_id) {
+    return edited.Refuse(kElsewhere, "The guest's repository belongs to the host " + Shown(host_id));
+  }
+  if (edited.is_suspended) return edited.Refuse(kSuspended, "The guest is suspended, so its disks stay as they are");
+  for (const std::string& id : request.disks_del) Remove(edited, id);
+  for (const DiskChange& change : request.disks_edit) Change(edited, change);
+  if (edited.plan.refused) return;
+  Order(edited);
+  if (edited.disks.size() + request.disks_add.size() > hypervisor::kMaxDisks && !request.disks_add.empty()) {
+    edited.Refuse(kTooManyDisks, "The guest would have more than " + std::to_string(hypervisor::kMaxDisks) + " disks");
+  }
+  if (edited.plan.refused) return;
+  for (std::size_t i = 0; i < request.disks_add.size(); ++i) Add(edited, request.disks_add[i], i);
+}
+
+}  // namespace vexa::guests

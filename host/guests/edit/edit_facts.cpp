@@ -1,0 +1,125 @@
+#include "host/guests/edit/edit_facts.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/disks/disk_users.h"
+#include "json/readers.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr std::size_t kMaxFolderBytes = 128;
+
+// Returns the value under `name`. When it is not known yet, returns nothing and adds the name to `wanted`.
+template <class Value>
+std::optional<Value> Find(const std::map<std::string, Value>& known, const std::string& name,
+                          std::set<std::string>& wanted) {
+  const auto found = known.find(name);
+  if (found != known.end()) return found->second;
+  wanted.insert(name);
+  return std::nullopt;
+}
+
+std::string TextOf(const Guest& guest) {
+  std::string text = json::ToText(guest.records.guest);
+  for (const auto* parts : {&guest.records.disks, &guest.records.nics}) {
+    for (const auto& [id, record] : *parts) text += id + json::ToText(record);
+  }
+  return text;
+}
+
+bool IsFolderName(const std::string& name) {
+  return !name.empty() && name.size() <= kMaxFolderBytes && std::ranges::all_of(name, [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+  });
+}
+
+void NoteLookup(const EditOptions& options) {
+  if (options.file_calls.before_lookup) options.file_calls.before_lookup();
+}
+
+// Where the repository's files are; "" when that is unknown.
+std::string FindFolder(const EditOptions& options, const std::string& repository_id) {
+  if (!IsFolderName(repository_id)) return "";
+  std::string first;
+  for (const std::string& root : options.image_roots) {
+    const std::string folder = root + "/" + repository_id;
+    if (!NormalPath(folder + "/x")) continue;
+    struct stat info {};
+    NoteLookup(options);
+    if (::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return folder;
+    if (first.empty()) first = folder;
+  }
+  return first;
+}
+
+// What a path leads to, also by links; none when there is nothing.
+FileIdentity IdentityOf(const EditOptions& options, const std::string& path) {
+  struct stat info {};
+  NoteLookup(options);
+  if (::stat(path.c_str(), &info) != 0) return {};
+  return {info.st_dev, info.st_ino};
+}
+
+}  // namespace
+
+std::optional<FileFacts::Image> FileFacts::ImageAt(const std::string& path) {
+  return Find(images_, path, images_wanted_);
+}
+
+std::optional<std::string> FileFacts::FolderOf(const std::string& repository_id) {
+  return Find(folders_, repository_id, folders_wanted_);
+}
+
+std::optional<Refused> FileFacts::Pins(const Guest& edited) {
+  const auto found = pins_.find(TextOf(edited));
+  if (found != pins_.end()) return found->second;
+  pins_wanted_ = edited;
+  return std::nullopt;
+}
+
+std::optional<Refused> FileFacts::Active() {
+  active_wanted_ = !active_;
+  return active_;
+}
+
+Status FileFacts::Gather(const EditOptions& options, const std::string& guest_id) {
+  if (std::exchange(active_wanted_, false)) {
+    active_ = options.refuse_active ? options.refuse_active(guest_id) : Refused();
+  }
+  for (const std::string& repository_id : std::exchange(folders_wanted_, {})) {
+    folders_[repository_id] = FindFolder(options, repository_id);
+  }
+  if (const std::optional<Guest> guest = std::exchange(pins_wanted_, std::nullopt)) {
+    pins_[TextOf(*guest)] = options.rate_pins ? options.rate_pins(*guest) : Refused();
+  }
+  return GatherImages(options);
+}
+
+// Else whoever may put images into drives could look into all disks. Those of other hosts count too: the guest may be
+// moved to one of them.
+Status FileFacts::GatherImages(const EditOptions& options) {
+  std::map<std::string, SoughtFile> files;
+  for (const std::string& path : std::exchange(images_wanted_, {})) {
+    images_[path] = Image::kMissing;
+    if (options.has_file && !options.has_file(path)) continue;
+    images_[path] = Image::kUsable;
+    files.emplace(path, SoughtFile{IdentityOf(options, path), ""});
+  }
+  FileQuestion question;
+  question.users = {FileUser::kDisk, FileUser::kNvram};
+  const auto disks = FindFileUsers(*options.store, question, files);
+  if (!disks) {
+    for (const auto& [path, file] : files) images_.erase(path);
+    return disks.error();
+  }
+  for (const auto& [path, user] : *disks) images_[path] = Image::kDisk;
+  return {};
+}
+
+}  // namespace vexa::guests

@@ -1,0 +1,49 @@
+// The records of edits of guests that touch files and are not finished; edit.h says what they mean.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/base/refusal.h"
+#include "host/base/result.h"
+#include "host/disks/image_file.h"
+#include "host/guests/deletion/deletion_record.h"
+#include "host/store/store.h"
+
+namespace vexa::guests {
+
+enum class EditStage { kDoing, kPurging };
+
+struct EditRecord {
+  std::string host_id;
+  std::string user;
+  std::string request_id;
+  std::chrono::system_clock::time_point since;  // whole seconds
+  EditStage stage = EditStage::kDoing;
+  std::vector<std::string> made;  // normal paths
+  std::vector<HiddenFile> hidden;
+  std::vector<Growth> grown;
+  std::string repository_id;  // the guest's
+  Trail storage;              // the folders that all these files are in
+};
+
+struct StoredEdit {
+  store::Revision revision = 0;
+  std::string text;
+  std::optional<EditRecord> record;  // not set: it is damaged
+};
+
+// The name of the file of a disk that was made here.
+std::string ImageName(const std::string& disk_id, hypervisor::ImageFormat format);
+
+std::string EditText(const EditRecord& record);
+
+// Not set: no edit is under way. Errors: what the store says.
+Result<std::optional<StoredEdit>> ReadEdit(const store::Snapshot& snapshot, const std::string& guest_id);
+
+// That the guest is being edited, by whom and since when: 915.
+Refusal EditedByOther(const StoredEdit& edit);
+
+}  // namespace vexa::guests

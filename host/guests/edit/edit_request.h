@@ -1,0 +1,69 @@
+// What a host is asked to change of a guest, checked as far as that needs no record.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "host/base/refusal.h"
+#include "host/domain_xml/domain_xml.h"
+
+namespace vexa::guests {
+
+inline constexpr std::size_t kMaxIsoImages = 2;
+inline constexpr std::size_t kMaxUsbDevices = 4;
+
+struct NicAddition {
+  std::string network_id;  // "" for none
+  std::string mac;         // lower case; "" for a new one
+  Json::Int64 type = 1;
+  bool prefer_sriov = false;
+};
+
+struct NicChange {
+  std::string id;
+  std::optional<std::string> network_id;
+  std::optional<std::string> mac;  // lower case
+  std::optional<Json::Int64> type;
+  std::optional<bool> prefer_sriov;
+};
+
+struct DiskAddition {
+  std::uint64_t size_mib = 0;
+  Json::Int64 mode = 1;
+  bool unmap = false;
+  hypervisor::ImageFormat format = hypervisor::ImageFormat::kQcow2;
+};
+
+struct DiskChange {
+  std::string id;
+  std::uint64_t size_mib = 0;
+  std::optional<Json::Int64> mode;
+  std::optional<bool> unmap;
+};
+
+struct EditRequest {
+  // The members of the guest's record that are to be set, as they are stored; "usbs" has all four entries.
+  Json::Value members{Json::objectValue};
+  std::vector<NicAddition> nics_add;
+  std::vector<std::string> nics_del;
+  std::vector<NicChange> nics_edit;
+  std::vector<DiskAddition> disks_add;
+  std::vector<std::string> disks_del;
+  std::vector<DiskChange> disks_edit;
+  std::vector<std::string> disks_order;
+
+  bool HasDisks() const {
+    return !disks_add.empty() || !disks_del.empty() || !disks_edit.empty() || !disks_order.empty();
+  }
+};
+
+// `edit` has the parameters of the method "set" (docs/guests.md); others are not looked at. Refusals: 401 (a type, a
+// range, a text), 932 and 938 (too many images or devices), 936 (a device that is none), each with the parameter.
+std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit);
+
+}  // namespace vexa::guests

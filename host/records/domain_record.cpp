@@ -1,0 +1,52 @@
+#include "host/records/domain_record.h"
+
+#include "host/base/json_parse.h"
+#include "host/store/key.h"
+#include "json/readers.h"
+#include "webapi/platform/ccc.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr char kDomain[] = "domain";
+constexpr char kXml[] = "xml";
+constexpr char kAutostart[] = "autostart";
+
+}  // namespace
+
+std::string DomainKey(const std::string& guest_id) {
+  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, kDomain});
+}
+
+std::string UndefineKey(const std::string& host_id, const std::string& guest_id) {
+  return store::MakeKey({"undefine", host_id, guest_id});
+}
+
+std::string DomainText(const DomainRecord& domain) {
+  Json::Value record(Json::objectValue);
+  record[kXml] = domain.xml;
+  record[kAutostart] = domain.autostart;
+  return json::ToText(record);
+}
+
+Result<std::optional<StoredDomain>> ReadDomain(const store::Snapshot& snapshot, const std::string& guest_id) {
+  const auto value = snapshot.Get(DomainKey(guest_id));
+  if (!value) return value.error();
+  if (!value->has_value()) return std::optional<StoredDomain>();
+  const Result<Json::Value> parsed = ParseJson((*value)->text);
+  StoredDomain stored;
+  stored.revision = (*value)->revision;
+  if (parsed) {
+    const Json::Value& xml = json::Member(*parsed, kXml);
+    if (xml.isString()) stored.domain.xml = json::String(xml);
+    stored.domain.autostart = json::Bool(json::Member(*parsed, kAutostart));
+  }
+  if (stored.domain.xml.empty()) {
+    return Error(ErrorCode::kCorrupt, "The imported definition of the guest '" + guest_id + "' cannot be read");
+  }
+  return std::optional(std::move(stored));
+}
+
+}  // namespace vexa::guests
