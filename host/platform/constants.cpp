@@ -1,9 +1,18 @@
 // A key's text is its name; a state's text is the kind of object and the state's name, so that no two kinds share one.
+#include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_constants.h"
 
 namespace VexaCCC {
 
 namespace DB {
+
+constinit const DashCate DashCate::Host("host");
+constinit const DashCate DashCate::Guest("guest");
+constinit const DashCate DashCate::Repository("repository");
+constinit const DashCate DashCate::vDisk("vdisk");
+constinit const DashCate DashCate::vNic("vnic");
+constinit const DashCate DashCate::GuestAdmin("guest_admin");
+
 namespace _k {
 
 constinit const char* const object = "object";

@@ -87,13 +87,6 @@ int PutStateNow(const DashCate& category, const std::string& id, Json::Value& re
 
 }  // namespace
 
-constinit const DashCate DashCate::Host("host");
-constinit const DashCate DashCate::Guest("guest");
-constinit const DashCate DashCate::Repository("repository");
-constinit const DashCate DashCate::vDisk("vdisk");
-constinit const DashCate DashCate::vNic("vnic");
-constinit const DashCate DashCate::GuestAdmin("guest_admin");
-
 int DashCate::List(std::vector<std::string>& ids) const {
   vexa::Result<std::vector<std::string>> children = ReadChildren(vexa::store::MakeKey({"dash", name_}));
   if (!children) return kFailed;

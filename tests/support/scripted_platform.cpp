@@ -104,13 +104,6 @@ int VNicMacAddrGen(std::string& mac) {
 
 namespace DB {
 
-constinit const DashCate DashCate::Host("host");
-constinit const DashCate DashCate::Guest("guest");
-constinit const DashCate DashCate::Repository("repository");
-constinit const DashCate DashCate::vDisk("vdisk");
-constinit const DashCate DashCate::vNic("vnic");
-constinit const DashCate DashCate::GuestAdmin("guest_admin");
-
 int DashCate::List(std::vector<std::string>& ids) const {
   const auto listings = std::count(Platform().reads.begin(), Platform().reads.end(), name());
   Platform().reads.emplace_back(name());

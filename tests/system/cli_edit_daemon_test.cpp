@@ -7,7 +7,7 @@
 #include "host/records/guest_admin.h"
 #include "tests/support/test_daemon.h"
 #include "tests/system/cli_program.h"
-#include "tests/unit/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_ground.h"
 
 namespace vexa::test {
 namespace {

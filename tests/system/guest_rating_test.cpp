@@ -10,7 +10,7 @@
 #include "tests/support/syslog_capture.h"
 #include "tests/system/transport_misbehaviours.h"
 #include "tests/system/transport_test_support.h"
-#include "tests/unit/services_fixture.h"
+#include "tests/unit/api/services_fixture.h"
 #include "webapi/guest/guest_action.h"
 #include "webapi/platform/ccc.h"
 

@@ -1,0 +1,69 @@
+// The row by which other hosts change this host's guests.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/api/peer/guest_set_api.h"
+#include "host/base/error_table.h"
+#include "tests/support/scripted_guests.h"
+#include "tests/support/test_host.h"
+#include "tests/unit/api/services_fixture.h"
+
+namespace vexa::services {
+namespace {
+
+using test::Answer;
+using test::Parsed;
+
+constexpr char kParameters[] = R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01","vcpu_num":4,"desc":7})";
+
+class GuestSetRowTest : public ::testing::Test {
+ protected:
+  static std::vector<webapi::ApiRow> Rows(guests::GuestControl* guests) {
+    ServiceParts parts;
+    parts.guests = guests;
+    return GuestSetRows(parts);
+  }
+  Answer Call(const std::string& parameters = kParameters) {
+    return test::CallTable(webapi::ApiTable(Rows(&guests_)), "VEXA.CCC.Guest", "set", parameters);
+  }
+
+  test::TestHost host_;
+  test::ScriptedGuests guests_;
+};
+
+TEST_F(GuestSetRowTest, Edit_GetsAllParametersAsTheyAre) {
+  const Answer answer = Call();
+  EXPECT_EQ(answer.code, 0);
+  EXPECT_TRUE(answer.data.isNull());
+  EXPECT_EQ(guests_.last_edit, Parsed(kParameters));
+}
+
+TEST_F(GuestSetRowTest, Refusals_HaveTheirReason_AndPinsTheirObject) {
+  guests_.refused = guests::Refusal{903, "no network"};
+  EXPECT_EQ(Call().code, 903);
+  EXPECT_EQ(Call().data, Json::Value("no network"));
+  guests_.refused = guests::Refusal{2101, "no processors"};
+  EXPECT_EQ(Call().code, 2101);
+  EXPECT_EQ(Call().data, Parsed(R"({"pin_reserved":false})"));
+}
+
+TEST_F(GuestSetRowTest, LostDatabase_IsARefusalThatSaysSo) {
+  ServiceParts parts;
+  parts.guests = &guests_;
+  parts.store = cluster::CurrentEnvironment()->store;
+  host_.store().ReportHealth(store::Health::kInaccessible);
+  const Answer answer = test::CallTable(webapi::ApiTable(GuestSetRows(parts)), "VEXA.CCC.Guest", "set", kParameters);
+  EXPECT_EQ(answer.code, 949);
+  EXPECT_EQ(answer.data, Json::Value(webapi::kDatabaseLost));
+  EXPECT_TRUE(guests_.asked().empty());
+}
+
+TEST_F(GuestSetRowTest, WithoutAGuestIdOrGuests_IsRefused) {
+  EXPECT_EQ(Call("{}").code, 401);
+  EXPECT_EQ(Call(R"({"guest_id":"web"})").code, 401);
+  EXPECT_TRUE(guests_.asked().empty());
+  EXPECT_EQ(test::CallTable(webapi::ApiTable(Rows(nullptr)), "VEXA.CCC.Guest", "set", kParameters).code, 949);
+}
+
+}  // namespace
+}  // namespace vexa::services

@@ -1,0 +1,169 @@
+// What a host does with its guests when libvirt fails it.
+#include <condition_variable>
+#include <mutex>
+
+#include "tests/support/libvirt_faults.h"
+#include "tests/unit/guests/guest_control_ground.h"
+
+namespace vexa::guests {
+namespace {
+
+class GuestControlFaults : public GuestControlTest {
+ protected:
+  ~GuestControlFaults() override { test::LosePresses(0); }
+
+  static void Await(const std::function<bool()>& holds) {
+    const auto end = std::chrono::steady_clock::now() + 30s;
+    while (!holds() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(holds());
+  }
+};
+
+struct StartRow {
+  test::LibvirtError error;
+  int code;
+};
+
+TEST_F(GuestControlFaults, AStartThatLibvirtRefuses_HasTheCodeThatCallersKnow) {
+  const StartRow rows[] = {
+      {{VIR_ERR_NO_NETWORK, "network not found", 0, VIR_FROM_NETWORK}, 917},
+      {{VIR_ERR_SYSTEM_ERROR, "Cannot get interface MTU on 'br': No such device", ENODEV, VIR_FROM_QEMU}, 917},
+      {{VIR_ERR_SYSTEM_ERROR, "Cannot access storage file: No such file or directory", ENOENT, VIR_FROM_QEMU}, 949},
+      {{VIR_ERR_INTERNAL_ERROR, "cannot set up guest memory 'pc.ram': Cannot allocate memory", 0, VIR_FROM_QEMU}, 928},
+      {{VIR_ERR_OPERATION_TIMEOUT, "cannot acquire state change lock", 0, VIR_FROM_QEMU}, 915},
+      {{VIR_ERR_CPU_INCOMPATIBLE, "guest and host CPU are not compatible", 0, VIR_FROM_CPU}, 955},
+      {{VIR_ERR_INTERNAL_ERROR, "something else", 0, VIR_FROM_QEMU}, 901},
+      {{VIR_ERR_ACCESS_DENIED, "no", 0, VIR_FROM_QEMU}, 901},
+  };
+  // Of the calls of the action, the start alone.
+  std::optional<test::LibvirtError> error;
+  std::optional<test::FailingStarts> failing;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "poweron: defined" && error) failing.emplace(*error);
+    if (step == "poweron: started") failing.reset();
+  };
+  Start(std::move(options));
+  for (const StartRow& row : rows) {
+    SCOPED_TRACE(row.error.message);
+    error = row.error;
+    EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), row.code, "");
+    EXPECT_EQ(State(), states::shutdown);
+    EXPECT_EQ(RunOf(), std::nullopt) << "nobody has a guest that did not start";
+  }
+  error.reset();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
+TEST_F(GuestControlFaults, APressThatIsLost_IsRepeated) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  test::LosePresses(5);
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  EXPECT_EQ(State(), states::shutting_down);
+  ExpectState(states::shutdown);
+  ExpectNoRun();
+  EXPECT_GE(test::Presses(), 6);
+}
+
+TEST_F(GuestControlFaults, AGuestThatNeverListens_RunsOnInTheEnd) {
+  GuestControlOptions options = Options();
+  options.shut_down_wait = 200ms;
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  test::LosePresses(1'000'000);
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  EXPECT_EQ(State(), states::shutting_down);
+  ExpectState(states::running);
+  const int pressed = test::Presses();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(test::Presses(), pressed) << "it is left alone";
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+}
+
+TEST_F(GuestControlFaults, ARebootOrPowerOff_EndsAShutDown) {
+  Start();
+  test::LosePresses(1'000'000);
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  EXPECT_DONE(control_->Reboot(kGuest, kAlice));
+  EXPECT_EQ(State(), states::running);
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_EQ(State(), states::shutdown);
+  const int pressed = test::Presses();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(test::Presses(), pressed);
+}
+
+TEST_F(GuestControlFaults, ALostConnection_BringsBackWhatRan) {
+  PutGuest(kOther, "web-2");
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  test::CloseLastConnection();
+  // The test driver has forgotten the guest, which is started again.
+  Await([&] { return control_->Running(kGuest).has_value(); });
+  ExpectState(states::running);
+  Await([&] {
+    const Refused refused = control_->PowerOn(kGuest, kAlice);
+    return refused && refused->code == 910;
+  });
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_EQ(State(), states::shutdown);
+}
+
+TEST_F(GuestControlFaults, AHypervisorThatCannotBeReached_RefusesUntilItIsThere) {
+  PutRun(RunHere());
+  PutGuest(kGuest, "web-1", Parsed(R"({"state":"guest_running"})"));
+  GuestControlOptions options = Options();
+  options.hypervisor.first_retry = 20ms;
+  std::optional<test::FailingOpenings> failing;
+  failing.emplace(test::LibvirtError{VIR_ERR_SYSTEM_ERROR, "Failed to connect socket", ECONNREFUSED, VIR_FROM_RPC});
+  Start(std::move(options));
+  EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 403, "");
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 949, "");
+  EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 949, "");
+  EXPECT_REFUSED(control_->Fence(kGuest), 949, "");
+  EXPECT_FALSE(control_->Running(kGuest));
+  const auto rating = control_->RateGuest(kGuest);
+  ASSERT_TRUE(rating);
+  ASSERT_FALSE(rating->refusals.empty());
+  EXPECT_EQ(rating->refusals.front().code, 949);
+  EXPECT_TRUE(RunOf()) << "nobody knows whether it runs";
+  failing.reset();
+  Await([&] { return control_->Running(kGuest).has_value(); });
+  ExpectState(states::running);
+}
+
+// The look that an event has begun goes on to use the hypervisor.
+TEST_F(GuestControlFaults, TheEnd_WaitsForALookThatIsUnderWay) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool reached = false;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "look: state stored" || State() != states::shutdown) return;
+    {
+      const std::lock_guard lock(mutex);
+      reached = true;
+    }
+    changed.notify_all();
+    std::this_thread::sleep_for(300ms);  // the end begins meanwhile
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  // The second press ends it, with nobody but the event's thread to look.
+  test::LosePresses(1);
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  {
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return reached; }));
+  }
+  control_.reset();
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_EQ(RunOf(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace vexa::guests

@@ -1,0 +1,649 @@
+// What a host does with its guests, on libvirt's test driver and a real store.
+#include "host/guests/guest_control.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "host/guests/edit/edit.h"
+#include "host/records/live_state.h"
+#include "host/records/reading.h"
+#include "host/records/run_record.h"
+#include "host/store/key.h"
+#include "tests/support/libvirt_faults.h"
+#include "tests/unit/guests/guest_control_ground.h"
+#include "webapi/platform/ccc.h"
+#include "webapi/platform/ccc_state.h"
+
+namespace vexa::guests {
+namespace {
+
+TEST_F(GuestControlTest, PowerOn_StartsAndStoresIt) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_EQ(State(), states::running);
+  const auto run = RunOf();
+  ASSERT_TRUE(run);
+  EXPECT_EQ(run->host_id, HostId());
+  EXPECT_FALSE(run->starting);
+  EXPECT_EQ(run->vcpus, 1u);
+  EXPECT_EQ(run->memory_mib, 64u);
+  const auto running = control_->Running(kGuest);
+  ASSERT_TRUE(running);
+  EXPECT_LT(running->uptime_s, 60u);
+}
+
+TEST_F(GuestControlTest, PowerOn_OfARunningGuest_Is910) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 910, "runs");
+  EXPECT_EQ(State(), states::running);
+}
+
+TEST_F(GuestControlTest, PowerOn_OfAnUnknownOrDamagedGuest_Is403) {
+  Start();
+  EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 403, "");
+  host_.PutText("guest", kOther, "[]");
+  EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 403, "");
+  PutGuest(kOther, "x", Parsed(R"({"vdisks":["no-such-disk"]})"));
+  EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 403, "");
+}
+
+TEST_F(GuestControlTest, PowerOn_OfAnotherHostsGuest_Is912) {
+  PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
+  Start();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 912, "host-2");
+  EXPECT_EQ(RunOf(), std::nullopt);
+}
+
+TEST_F(GuestControlTest, PowerOn_OfAGuestThatAnotherHostHas_Is910) {
+  RunRecord run;
+  run.host_id = "host-2";
+  PutRun(run);
+  Start();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 910, "host-2");
+  EXPECT_EQ(RunOf()->host_id, "host-2");
+}
+
+TEST_F(GuestControlTest, PowerOn_OfAGuestThatIsDeleted_Is915WithWhoAndSince) {
+  ASSERT_TRUE(host_.store().Commit(
+      {{},
+       {{DeletionKey(kGuest),
+         R"({"host_id":"host-2","user":"bob","since":1700000000,"stage":"hiding","files":[]})"}}}));
+  Start();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "bob");
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "2023-11-14T22:13:20Z");
+  EXPECT_EQ(RunOf(), std::nullopt);
+}
+
+TEST_F(GuestControlTest, PowerOn_RefusedByTheRating_LeavesNothing) {
+  PutGuest(kGuest, "web-1", Parsed(R"({"vram_size":2000000})"));
+  Start();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 928, "2000000");
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+}
+
+TEST_F(GuestControlTest, PowerOn_OfARecordThatCannotRun_LeavesNothing) {
+  PutGuest(kGuest, "web-1", Parsed(R"({"usb_version":77})"));
+  Start();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 901, "usb_version");
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+  PutGuest(kGuest, "web-1");
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
+// As in a request, whose reads come from one state of the store.
+TEST_F(GuestControlTest, PowerOn_OfAGuestThatIsChangedMeanwhile_IsRefused) {
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "poweron: reserved") PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
+  };
+  Start(std::move(options));
+  const cluster::RequestScope scope;
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "changed");
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+}
+
+TEST_F(GuestControlTest, InARequest_WhatIsStoredNowCounts) {
+  Start();
+  const cluster::RequestScope scope;
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+    cluster::RequestScope::ReleaseSnapshot();
+    EXPECT_EQ(State(), states::running);
+    EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+    cluster::RequestScope::ReleaseSnapshot();
+    EXPECT_EQ(State(), states::shutdown);
+    EXPECT_EQ(RunOf(), std::nullopt);
+  }
+}
+
+TEST_F(GuestControlTest, PowerOn_CountsWhatOthersHaveTaken) {
+  const auto cpus = std::thread::hardware_concurrency();
+  GuestControlOptions options = Options();
+  options.vcpus_per_cpu = 1;
+  PutGuest(kGuest, "web-1", Parsed(R"({"vcpu_num":)" + std::to_string(cpus) + "}"));
+  PutGuest(kOther, "web-2");
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 927, "");
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+}
+
+TEST_F(GuestControlTest, PowerOn_SetsProcessorsApart) {
+  if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "needs two processors";
+  PutGuest(kGuest, "web-1", Parsed(R"({"cpu_pin_num":1})"));
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_EQ(RunOf()->pinned_cpus.size(), 1u);
+}
+
+TEST_F(GuestControlTest, PowerOn_WithoutItsNetwork_Is917) {
+  host_.Put("vnic", "nic-1", Parsed(R"({"guest_id":"x","network_name":"br-lab","mac_address":"02:00:00:00:00:01",
+      "vnic_type":1})"));
+  PutGuest(kGuest, "web-1", Parsed(R"({"vnics":["nic-1"]})"));
+  GuestControlOptions options = Options();
+  options.has_network = [](const std::string& name) { return name != "br-lab"; };
+  Start(std::move(options));
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 917, "br-lab");
+}
+
+TEST_F(GuestControlTest, PowerOff_EndsItAndLeavesNoRun) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_FALSE(control_->Running(kGuest));
+}
+
+TEST_F(GuestControlTest, StoppingAGuestThatIsOff_Is911) {
+  Start();
+  EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 911, "");
+  EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 911, "");
+  EXPECT_REFUSED(control_->Reboot(kGuest, kAlice), 911, "");
+  EXPECT_REFUSED(control_->PowerOff(kOther, kAlice), 403, "");
+}
+
+TEST_F(GuestControlTest, ShutDown_EndsIt) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
+  ExpectState(states::shutdown);
+}
+
+TEST_F(GuestControlTest, Reboot_LeavesItRunning) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->Reboot(kGuest, kAlice));
+  EXPECT_EQ(State(), states::running);
+  EXPECT_TRUE(RunOf());
+}
+
+TEST_F(GuestControlTest, Fence_EndsARunningGuestAndAcceptsOneThatIsOff) {
+  Start();
+  EXPECT_DONE(control_->Fence(kGuest));
+  EXPECT_DONE(control_->Fence(kOther));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
+  EXPECT_DONE(control_->Fence(kGuest));
+  ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, Fence_CallsAStartOff) {
+  std::promise<void> defined;
+  std::promise<void> fenced;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "end: called off") fenced.set_value();
+    if (step != "poweron: defined") return;
+    defined.set_value();
+    EXPECT_EQ(fenced.get_future().wait_for(20s), std::future_status::ready);
+  };
+  Start(std::move(options));
+  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "powered off"); });
+  defined.get_future().wait();
+  EXPECT_DONE(control_->Fence(kGuest));
+  EXPECT_FALSE(control_->Running(kGuest));
+  start.join();
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+}
+
+TEST_F(GuestControlTest, Fence_WhileAStartDoesNotEnd_Is949) {
+  std::promise<void> defined;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.fence_wait = 20ms;
+  options.before_step = [&](std::string_view step) {
+    if (step != "poweron: asked") return;
+    defined.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread start([&] { EXPECT_DONE(control_->PowerOn(kGuest, kAlice)); });
+  defined.get_future().wait();
+  EXPECT_REFUSED(control_->Fence(kGuest), 949, "being started");
+  go_on.set_value();
+  start.join();
+}
+
+// What the hypervisor forgets comes back, also when somebody is at work on the guest then.
+TEST_F(GuestControlTest, AForgottenGuest_OfAnActionUnderWay_RunsOn) {
+  bool is_armed = true;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "shutdown: asked" || !std::exchange(is_armed, false)) return;
+    test::CloseLastConnection();
+    const auto is_lost = [&] {
+      const Result<Rating> rating = control_->RateGuest(kOther);
+      return !rating || !rating->refusals.empty();
+    };
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (is_lost() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+  };
+  PutGuest(kOther, "web-2");
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 911, "");
+  EXPECT_FALSE(is_armed);
+  ExpectState(states::running);
+  EXPECT_TRUE(RunOf());
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+}
+
+TEST_F(GuestControlTest, AGuestThatIsOff_WhenThatCouldNotBeStored_StaysOff) {
+  std::atomic<bool> is_off = false;
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 20ms;
+  options.before_step = [&](std::string_view step) {
+    if (step != "poweroff: done") return;
+    is_off = true;
+    host_.store().FailCommits();
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_TRUE(is_off);
+  EXPECT_EQ(State(), states::running);
+  host_.store().Heal();
+  ExpectState(states::shutdown);
+  control_.reset();
+  EXPECT_EQ(RunOf(), std::nullopt);
+}
+
+TEST_F(GuestControlTest, ARunThatEndedWithoutAnEvent_IsSeenAfterAWhile) {
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 20ms;
+  Start(std::move(options));
+  PutRun(RunHere());
+  ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, SetHost_ChangesTheRecordAlone) {
+  Start();
+  EXPECT_DONE(control_->SetHost(kGuest, "host-2"));
+  std::string host_id;
+  EXPECT_EQ(vgConfHostGet(kGuest, host_id), 0);
+  EXPECT_EQ(host_id, "host-2");
+  Json::Value conf;
+  EXPECT_EQ(vgConfGet(kGuest, conf), 0);
+  EXPECT_EQ(conf["name"], "web-1");
+}
+
+TEST_F(GuestControlTest, SetHost_Refusals) {
+  Start();
+  EXPECT_REFUSED(control_->SetHost(kGuest, "no-such-host"), 403, "no-such-host");
+  EXPECT_REFUSED(control_->SetHost(kOther, "host-2"), 403, "");
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, HostId());
+}
+
+TEST_F(GuestControlTest, ASecondActionMeanwhile_IsBusyWithWhoAndSince) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool reached = false;
+  bool go_on = false;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "poweron: defined") return;
+    std::unique_lock lock(mutex);
+    reached = true;
+    changed.notify_all();
+    changed.wait(lock, [&] { return go_on; });
+  };
+  PutGuest(kOther, "web-2");
+  Start(std::move(options));
+  std::thread first([&] { EXPECT_DONE(control_->PowerOn(kGuest, kAlice)); });
+  {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return reached; });
+  }
+  for (const char* words : {"alice", "poweron", "since 20"}) {
+    EXPECT_REFUSED(control_->ShutDown(kGuest, {"bob", "nas-2", ""}), 915, words);
+  }
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "busy");
+  EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 915, "busy");
+  EXPECT_REFUSED(control_->Reboot(kGuest, kAlice), 915, "busy");
+  EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 915, "busy");
+  EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, "");
+  // Others are not kept waiting.
+  EXPECT_REFUSED(control_->PowerOff(kOther, kAlice), 911, "");
+  {
+    const std::lock_guard lock(mutex);
+    go_on = true;
+  }
+  changed.notify_all();
+  first.join();
+  EXPECT_EQ(State(), states::running);
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+}
+
+// A power-off waits for nothing: what is being done may hang with the guest.
+TEST_F(GuestControlTest, PowerOff_DuringAHangingStart_CallsItOff) {
+  std::promise<void> defined;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step == "end: called off") go_on.set_value();
+    if (step != "poweron: defined") return;
+    defined.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread start([&] { EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "powered off"); });
+  defined.get_future().wait();
+  std::thread power_off([&] { EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 911, ""); });
+  start.join();
+  power_off.join();
+  EXPECT_EQ(State(), states::shutdown);
+  ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, PowerOff_DuringAHangingShutDown_EndsTheGuest) {
+  std::promise<void> asked;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.before_step = [&](std::string_view step) {
+    if (step != "shutdown: asked") return;
+    asked.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  std::thread shut_down([&] { EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 911, ""); });
+  asked.get_future().wait();
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  go_on.set_value();
+  shut_down.join();
+  ExpectState(states::shutdown);
+  ExpectNoRun();
+}
+
+// The first edit stops before its commit until the second has been answered or has had time to begin to wait.
+TEST_F(GuestControlTest, ASecondEditMeanwhile_WaitsAndBothAreMade) {
+  std::promise<void> reached;
+  std::promise<void> go_on;
+  std::atomic<bool> is_first = true;
+  GuestControlOptions options = Options();
+  options.edit_patience = 20s;
+  options.before_step = [&](std::string_view step) {
+    if (step != "commit" || !is_first.exchange(false)) return;
+    reached.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread first([&] { EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vcpu_num":3})"), kAlice)); });
+  reached.get_future().wait();
+  std::atomic<bool> is_answered = false;
+  std::thread second([&] {
+    EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), {"bob", "nas-2", ""}));
+    is_answered = true;
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(is_answered) << "it waits";
+  // Others have no such patience.
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "'edit' for alice");
+  go_on.set_value();
+  first.join();
+  second.join();
+  Json::Value conf;
+  EXPECT_EQ(vgConfGet(kGuest, conf), 0);
+  EXPECT_EQ(conf["vcpu_num"], 3);
+  EXPECT_EQ(conf["vram_size"], 96);
+}
+
+TEST_F(GuestControlTest, ASecondEditMeanwhile_IsBusyInTheEnd) {
+  std::promise<void> reached;
+  std::promise<void> go_on;
+  GuestControlOptions options = Options();
+  options.edit_patience = 20ms;
+  options.before_step = [&](std::string_view step) {
+    if (step != "commit") return;
+    reached.set_value();
+    go_on.get_future().wait();
+  };
+  Start(std::move(options));
+  std::thread first([&] { EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vcpu_num":3})"), kAlice)); });
+  reached.get_future().wait();
+  EXPECT_REFUSED(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), {"bob", "nas-2", ""}), 915, "'edit' for alice");
+  go_on.set_value();
+  first.join();
+}
+
+TEST_F(GuestControlTest, ManyAtOnce_EndAsOneByOne) {
+  Start();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 20; ++round) {
+        const Refused refused = (i + round) % 3 == 0   ? control_->PowerOn(kGuest, kAlice)
+                                : (i + round) % 3 == 1 ? control_->PowerOff(kGuest, kAlice)
+                                                       : control_->ShutDown(kGuest, kAlice);
+        EXPECT_THAT(refused ? refused->code : 0, ::testing::AnyOf(0, 910, 911, 915));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const Refused ended = control_->PowerOff(kGuest, kAlice);
+  EXPECT_THAT(ended ? ended->code : 0, ::testing::AnyOf(0, 911));
+  ExpectState(states::shutdown);
+  ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, AStart_StartsAgainWhatRan) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  Kill();
+  EXPECT_EQ(State(), states::running);
+  Start();
+  EXPECT_EQ(State(), states::running);
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+}
+
+TEST_F(GuestControlTest, AStart_UndoesAPowerOnThatWasNotFinished) {
+  RunRecord run = RunHere();
+  run.starting = true;
+  PutRun(run);
+  Start();
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_EQ(State(), states::shutdown);
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
+TEST_F(GuestControlTest, AStart_ShutsDownByItsRecordWhatCannotRunAgain) {
+  PutRun(RunHere());
+  host_.PutText("guest", kGuest, "{}");
+  Start();
+  EXPECT_EQ(RunOf(), std::nullopt);
+}
+
+TEST_F(GuestControlTest, AStart_LeavesOtherHostsGuestsAlone) {
+  RunRecord run = RunHere();
+  run.host_id = "host-2";
+  PutRun(run);
+  Start();
+  EXPECT_EQ(RunOf()->host_id, "host-2");
+}
+
+TEST_F(GuestControlTest, AStart_AfterTheRecordHasGone_CleansUp) {
+  PutRun(RunHere());
+  host_.Remove("guest", kGuest);
+  Start();
+  EXPECT_EQ(RunOf(), std::nullopt);
+}
+
+TEST_F(GuestControlTest, AStop_BeginsNothingAndLeavesWhatRuns) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  control_->Stop(0ms);
+  EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 949, "stopping");
+  EXPECT_EQ(State(), states::running);
+}
+
+// Every commit of an action fails in turn, as on a full disk; the next start finds out what holds.
+TEST_F(GuestControlTest, AFullDiskAtEachStep_LeavesNothingHalfMade) {
+  const std::vector<std::string> steps{"poweron: reserved",   "poweron: defined",   "poweron: started",
+                                       "look: running noted", "poweroff: asked",    "poweroff: done",
+                                       "look: undefined",     "look: state stored", "look: off noted"};
+  for (const std::string& full_at : steps) {
+    SCOPED_TRACE(full_at);
+    bool is_full = false;
+    GuestControlOptions options = Options();
+    options.before_step = [&](std::string_view step) {
+      if (step != full_at || is_full) return;
+      is_full = true;
+      host_.store().FailCommits();
+    };
+    Start(std::move(options));
+    (void)control_->PowerOn(kGuest, kAlice);
+    (void)control_->PowerOff(kGuest, kAlice);
+    EXPECT_TRUE(is_full) << "the step was never made";
+    host_.store().Heal();
+    Kill();
+    Start();
+    const bool is_running = State() == states::running;
+    EXPECT_EQ(RunOf().has_value(), is_running);
+    const Refused again = control_->PowerOn(kGuest, kAlice);
+    EXPECT_EQ(again ? again->code : 0, is_running ? 910 : 0);
+    EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+    EXPECT_EQ(State(), states::shutdown);
+    ExpectNoRun();
+    Kill();
+  }
+}
+
+TEST_F(GuestControlTest, AStoreThatCannotBeWritten_StartsNothing) {
+  Start();
+  host_.store().FailCommits();
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 901, "");
+  host_.store().Heal();
+  EXPECT_EQ(RunOf(), std::nullopt);
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  host_.store().FailSnapshots();
+  EXPECT_TRUE(control_->PowerOff(kGuest, kAlice));
+  host_.store().Heal();
+  EXPECT_EQ(State(), states::running);
+}
+
+TEST_F(GuestControlTest, Delete_OfARunningGuest_Is910) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 910, HostId());
+  EXPECT_EQ(State(), states::running);
+}
+
+TEST_F(GuestControlTest, Delete_RemovesGuestAndState) {
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_DONE(control_->Delete(kGuest, kAlice));
+  EXPECT_EQ(State(), "");
+  EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 403, "");
+}
+
+TEST_F(GuestControlTest, OptionsThatCannotBe_AreErrors) {
+  GuestControlOptions options = Options();
+  options.hypervisor.mode = "no such thing";
+  EXPECT_FALSE(GuestControl::Start(std::move(options)));
+}
+
+TEST_F(GuestControlTest, EditOfARunningGuest_IsPendingUntilTheNextPowerOn) {
+  Start();
+  ASSERT_FALSE(control_->PowerOn(kGuest, kAlice));
+  ASSERT_FALSE(control_->Edit(kGuest, Parsed(R"({"vram_size":96})"), kAlice));
+  const auto record = [&] { return Parsed(*StoredGuest()); };
+  EXPECT_EQ(record()["pending"], Parsed(R"(["vram_size"])"));
+  ASSERT_FALSE(control_->PowerOff(kGuest, kAlice));
+  ASSERT_FALSE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_FALSE(record().isMember("pending"));
+  ASSERT_TRUE(RunOf());
+  EXPECT_EQ(RunOf()->memory_mib, 96u);
+  // More processors than the host has cannot be set apart.
+  const Refused refused = control_->Edit(kGuest, Parsed(R"({"vcpu_num":512,"cpu_pin_num":512})"), kAlice);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, kNotPinned);
+}
+
+TEST_F(GuestControlTest, NameThatARunningGuestHadWhenItStarted_IsFreeForAnother) {
+  PutGuest(kOther, "db-1");
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"name":"web-2"})"), kAlice));
+  EXPECT_DONE(control_->Edit(kOther, Parsed(R"({"name":"web-1"})"), kAlice));
+  // The first machine goes on as "web-1".
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
+  EXPECT_DONE(control_->PowerOff(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kOther, kAlice));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
+// The store is full for a moment, right when an edit has done all but take back its record.
+TEST_F(GuestControlTest, EditThatCouldNotBeFinished_IsFinishedInTime) {
+  Json::Value changes(Json::objectValue);
+  changes["repository_id"] = "repository";
+  PutGuest(kGuest, "web-1", changes);
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 5ms;
+  std::atomic<bool> fails = true;
+  options.before_step = [&](std::string_view step) {
+    if (step == "commit end" && fails.exchange(false)) host_.store().FailCommits();
+  };
+  Start(options);
+  EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"vdisks_add":[{"vdisk_size":1}]})"), kAlice));
+  EXPECT_FALSE(fails);
+  host_.store().Heal();
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  const auto is_free = [&] { return !EditUnderWay(host_.store(), kGuest).has_value(); };
+  while (!is_free() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+  EXPECT_TRUE(is_free());
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+}
+
+TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestIsNotStartedOrMoved) {
+  Start();
+  const std::string edit =
+      R"({"host_id":"nas-2","user":"bob","since":0,"stage":"doing","made":[],"hidden":[],"grown":[]})";
+  ASSERT_TRUE(host_.store().Commit({{}, {{EditKey(kGuest), edit}}}));
+  for (const Refused& refused : {control_->PowerOn(kGuest, kAlice), control_->SetHost(kGuest, "host-2")}) {
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, kBusy);
+    EXPECT_THAT(refused->reason, HasSubstr("edited by 'bob'"));
+  }
+}
+
+}  // namespace
+}  // namespace vexa::guests

@@ -1,0 +1,173 @@
+// Deletions by processes that are killed at each of their steps, finished by others.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+
+#include "host/guests/deletion/deletion.h"
+#include "tests/unit/guests/guest_deletion_ground.h"
+
+namespace vexa::test {
+namespace {
+
+using guests::Deletion;
+using guests::DeletionOptions;
+
+enum class End { kKilled, kThrough, kFailed };
+
+// Runs `act` in a process of its own, which opens the store itself and is killed right before its step number
+// `last_step`, counted from 0. This process must not have the store open.
+End RunUntil(const DeletionGround& ground, int last_step, const std::function<bool(DeletionOptions options)>& act) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    DeletionOptions options = ground.Options(ground.OpenStore());
+    int step = 0;
+    options.before_step = [&step, last_step](std::string_view) {
+      if (step++ == last_step) ::kill(::getpid(), SIGKILL);
+    };
+    ::_exit(act(std::move(options)) ? 0 : 1);
+  }
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return End::kKilled;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? End::kThrough : End::kFailed;
+}
+
+bool DeleteIt(DeletionOptions options) { return !Deletion(std::move(options)).Delete(kGuest, Alice()); }
+bool FinishIt(DeletionOptions options) {
+  Deletion(std::move(options)).FinishAll();
+  return true;
+}
+
+class KilledDeletion : public testing::Test {
+ protected:
+  // A new ground with both guests, as they are before anything is done.
+  void Prepare(const std::string& repository_host = kThisHost) {
+    ground_ = std::make_unique<DeletionGround>();
+    const auto store = ground_->OpenStore();
+    PutBoth(*ground_, *store);
+    PutRepository(*store, repository_host);
+    records_ = Everything(*store);
+    files_ = ground_->Files();
+  }
+
+  // What Prepare() made, whole, or nothing of the guest; the other one's in any case.
+  void ExpectAllOrNothing() {
+    const Texts records = Everything(*ground_->OpenStore());
+    const Texts files = ground_->Files();
+    if (records.contains(KeyOf("guest", kGuest))) {
+      EXPECT_EQ(records, records_);
+      EXPECT_EQ(files, files_);
+    } else {
+      EXPECT_EQ(records, Without(records_, kGuest));
+      EXPECT_EQ(files, Without(files_, kGuest));
+    }
+  }
+
+  bool IsDeleted() { return !Everything(*ground_->OpenStore()).contains(KeyOf("guest", kGuest)); }
+
+  std::unique_ptr<DeletionGround> ground_;
+  Texts records_;
+  Texts files_;
+};
+
+TEST_F(KilledDeletion, AtEachStep_IsFinishedByTheNextStart) {
+  int step = 0;
+  for (;; ++step) {
+    SCOPED_TRACE("killed before step " + std::to_string(step));
+    Prepare();
+    const End end = RunUntil(*ground_, step, DeleteIt);
+    ASSERT_NE(end, End::kFailed);
+    if (end == End::kThrough) break;
+    FinishIt(ground_->Options(ground_->OpenStore()));
+    ExpectAllOrNothing();
+    // Once it is written down that it goes, it goes.
+    EXPECT_EQ(IsDeleted(), step > 0);
+    if (HasFailure()) return;
+  }
+  ExpectAllOrNothing();
+  EXPECT_TRUE(IsDeleted());
+  EXPECT_EQ(step, 13);
+}
+
+TEST_F(KilledDeletion, WhoseFinishIsKilledAtEachStep_IsFinishedByTheOneAfter) {
+  int rounds = 0;
+  // With some files hidden; with all; with the records deleted and some files removed.
+  for (const int first : {2, 6, 8}) {
+    for (int second = 0;; ++second) {
+      SCOPED_TRACE("killed before step " + std::to_string(first) + ", then " + std::to_string(second));
+      Prepare();
+      ASSERT_EQ(RunUntil(*ground_, first, DeleteIt), End::kKilled);
+      const End end = RunUntil(*ground_, second, FinishIt);
+      ASSERT_NE(end, End::kFailed);
+      if (end == End::kKilled) FinishIt(ground_->Options(ground_->OpenStore()));
+      ExpectAllOrNothing();
+      EXPECT_TRUE(IsDeleted());
+      if (HasFailure()) return;
+      if (end == End::kThrough) break;
+      ++rounds;
+    }
+  }
+  EXPECT_GT(rounds, 20);
+}
+
+// The same when the deletion cannot be gone on with, and is undone.
+TEST_F(KilledDeletion, ThatCannotGoOn_IsUndone_WhateverKillsThat) {
+  int rounds = 0;
+  for (int first = 1; first <= 3; ++first) {
+    for (int second = 0;; ++second) {
+      SCOPED_TRACE("killed before step " + std::to_string(first) + ", then " + std::to_string(second));
+      Prepare();
+      ASSERT_EQ(RunUntil(*ground_, first, DeleteIt), End::kKilled);
+      const std::string blocked = ground_->Image("a/.vexa-deleted-" + std::string(kGuest) + "-2");
+      WriteFile(blocked);
+      files_[blocked] = "content of " + blocked;
+      const End end = RunUntil(*ground_, second, FinishIt);
+      ASSERT_NE(end, End::kFailed);
+      if (end == End::kKilled) FinishIt(ground_->Options(ground_->OpenStore()));
+      EXPECT_FALSE(IsDeleted());
+      ExpectAllOrNothing();
+      if (HasFailure()) return;
+      if (end == End::kThrough) break;
+      ++rounds;
+    }
+  }
+  EXPECT_GT(rounds, 15);
+}
+
+// This host deletes the records, the other one the files.
+TEST_F(KilledDeletion, OfAnotherHostsRepository_IsFinishedByBoth) {
+  for (int step = 0;; ++step) {
+    SCOPED_TRACE("killed before step " + std::to_string(step));
+    Prepare(kOtherHost);
+    const End end = RunUntil(*ground_, step, DeleteIt);
+    ASSERT_NE(end, End::kFailed);
+    EXPECT_EQ(ground_->Files(), files_);
+    if (end == End::kKilled) FinishIt(ground_->Options(ground_->OpenStore()));
+    EXPECT_EQ(ground_->Files(), files_);
+    const bool is_through = end == End::kThrough;
+    EXPECT_EQ(IsDeleted(), step > 0);
+    for (int other_step = 0;; ++other_step) {
+      const End other_end = RunUntil(*ground_, other_step, [](DeletionOptions options) {
+        options.host_id = kOtherHost;
+        Deletion(std::move(options)).RemoveLeftovers();
+        return true;
+      });
+      ASSERT_NE(other_end, End::kFailed);
+      if (other_end == End::kThrough) break;
+    }
+    ExpectAllOrNothing();
+    if (HasFailure()) return;
+    if (is_through) {
+      EXPECT_EQ(step, 3);
+      return;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,369 @@
+// What a host finishes when it starts, and what others have left for it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "host/guests/deletion/deletion.h"
+#include "host/records/run_record.h"
+#include "tests/support/syslog_capture.h"
+#include "tests/unit/guests/guest_deletion_ground.h"
+
+namespace vexa::test {
+namespace {
+
+using guests::Deletion;
+using guests::DeletionKey;
+using guests::DeletionOptions;
+using testing::HasSubstr;
+
+class DeletionAtStart : public testing::Test {
+ protected:
+  DeletionAtStart() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
+    PutBoth(ground_, *store_);
+    records_ = Everything(*store_);
+    files_ = ground_.Files();
+    ClearCapturedSyslog();
+  }
+
+  std::string Path(int index) const {
+    const std::string name = kGuest + std::string("-") + std::to_string(index) + ".img";
+    return index == 1 ? ground_.More(name) : ground_.Image("a/" + name);
+  }
+  static std::string Hidden(int index) { return ".vexa-deleted-" + std::string(kGuest) + "-" + std::to_string(index); }
+
+  static std::string FileText(const std::string& path, const std::string& hidden) {
+    return R"({"path":")" + path + R"(","hidden":")" + hidden + R"("})";
+  }
+
+  // As a host leaves it that ends while it hides.
+  void PutBegun(const std::string& files, const std::string& host_id = kThisHost, const std::string& stage = "hiding") {
+    PutText(*store_, DeletionKey(kGuest),
+            R"({"host_id":")" + host_id + R"(","user":"bob","request_id":"r","since":1,"stage":")" + stage +
+                R"(","files":[)" + files + "]}");
+  }
+  std::string AllFiles() const {
+    return FileText(Path(0), Hidden(0)) + "," + FileText(Path(1), Hidden(1)) + "," + FileText(Path(2), Hidden(2));
+  }
+  void Hide(int index) const {
+    const std::filesystem::path path = Path(index);
+    std::filesystem::rename(path, path.parent_path() / Hidden(index));
+  }
+
+  void FinishAll() { Deletion(options_).FinishAll(); }
+
+  void ExpectGone() {
+    EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
+    EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  }
+
+  static long CountLines(const std::string& text) {
+    const std::vector<SyslogLine> lines = CapturedSyslog();
+    return std::ranges::count_if(lines,
+                                 [&](const SyslogLine& line) { return line.text.find(text) != std::string::npos; });
+  }
+
+  const DeletionGround ground_;
+  const std::shared_ptr<FaultyStore> store_;
+  DeletionOptions options_;
+  Texts records_;
+  Texts files_;
+};
+
+TEST_F(DeletionAtStart, NothingBegun_ChangesNothing) {
+  FinishAll();
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_THAT(CapturedSyslog(), testing::IsEmpty());
+}
+
+TEST_F(DeletionAtStart, SomeHidden_GoesOn) {
+  PutBegun(AllFiles());
+  Hide(1);
+  FinishAll();
+  ExpectGone();
+  EXPECT_THAT(CapturedSyslog(), testing::IsEmpty());
+}
+
+TEST_F(DeletionAtStart, DeletionOfAnotherHost_IsLeftToIt) {
+  PutBegun(AllFiles(), kOtherHost);
+  Hide(1);
+  const Texts before = Everything(*store_);
+  const Texts files = ground_.Files();
+  FinishAll();
+  EXPECT_EQ(Everything(*store_), before);
+  EXPECT_EQ(ground_.Files(), files);
+}
+
+TEST_F(DeletionAtStart, DamagedRecords_AreLoggedAndLeft) {
+  const std::string good = FileText(Path(0), Hidden(0));
+  const std::vector<std::string> damaged = {"",
+                                            "{",
+                                            "[]",
+                                            "7",
+                                            "null",
+                                            "{}",
+                                            R"({"host_id":"x","stage":"hiding"})",
+                                            R"({"host_id":7,"stage":"hiding","files":[]})",
+                                            R"({"host_id":"x","stage":"other","files":[]})",
+                                            R"({"host_id":"","stage":"hiding","files":[]})",
+                                            R"({"host_id":"x","stage":"hiding","files":{}})"};
+  for (const std::string& text : damaged) {
+    ClearCapturedSyslog();
+    PutText(*store_, DeletionKey(kGuest), text);
+    FinishAll();
+    EXPECT_EQ(TextOf(*store_, DeletionKey(kGuest)), text);
+    EXPECT_EQ(CountLines("the record of it is damaged and is left as it is"), 1) << text;
+  }
+  const std::vector<std::string> files = {"7",
+                                          "{}",
+                                          R"({"path":7,"hidden":[]})",
+                                          FileText("relative", Hidden(0)),
+                                          FileText(Path(0) + "/../x", Hidden(0)),
+                                          FileText(Path(0), "../" + Hidden(0)),
+                                          FileText(Path(0), "bystander-0.img"),
+                                          FileText(Path(0), Hidden(0) + "/x"),
+                                          FileText(Path(0), Hidden(0).substr(0, Hidden(0).size() - 1)),
+                                          FileText(Path(0) + "\\u0000", Hidden(0)),
+                                          FileText(Path(0), ".vexa-deleted-" + std::string(kBystander) + "-0")};
+  for (const char* stage : {"hiding", "purging"}) {
+    for (const std::string& file : files) {
+      ClearCapturedSyslog();
+      PutBegun(good + "," + file, kThisHost, stage);
+      FinishAll();
+      EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
+      EXPECT_EQ(CountLines("the record of it is damaged and is left as it is"), 1) << file;
+      EXPECT_EQ(ground_.Files(), files_);
+    }
+  }
+}
+
+TEST_F(DeletionAtStart, RecordThatNamesFilesOfOthers_TouchesThemNot) {
+  // Neither is named by the guest's disks, so it is undone and begun anew.
+  PutBegun(AllFiles() + "," + FileText(ground_.Image("a/bystander-0.img"), Hidden(7)));
+  WriteFile(ground_.Outside(Hidden(0)), "outside");
+  files_[ground_.Outside(Hidden(0))] = "outside";
+  FinishAll();
+  EXPECT_TRUE(ground_.Files().contains(ground_.Image("a/bystander-0.img")));
+  EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
+
+  PutBegun(FileText(ground_.Outside("x"), Hidden(0)), kThisHost, "purging");
+  FinishAll();
+  EXPECT_EQ(ground_.Files()[ground_.Outside(Hidden(0))], "outside");
+  EXPECT_TRUE(SyslogContains("it lies outside of the folders of images"));
+  EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
+}
+
+TEST_F(DeletionAtStart, DiskAddedMeanwhile_GoesAsWell) {
+  PutBegun(AllFiles());
+  Hide(0);
+  WriteFile(ground_.Image("added.img"));
+  PutGuest(*store_, kGuest, {Path(0), Path(1), Path(2), ground_.Image("added.img")});
+  FinishAll();
+  ExpectGone();
+}
+
+TEST_F(DeletionAtStart, DiskTakenFromTheGuestMeanwhile_KeepsItsFile) {
+  PutBegun(AllFiles());
+  Hide(0);
+  Hide(2);
+  PutGuest(*store_, kGuest, {Path(0)});
+  PutDisk(*store_, DiskId(kGuest, 2), kBystander, Path(2));
+  FinishAll();
+  EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_FALSE(ground_.Files().contains(Path(0)));
+  EXPECT_EQ(ground_.Files()[Path(2)], "content of " + Path(2));
+}
+
+TEST_F(DeletionAtStart, FileThatAnotherDiskNamesMeanwhile_IsNotHidden) {
+  PutBegun(AllFiles());
+  PutDisk(*store_, "new", kBystander, Path(1));
+  FinishAll();
+  EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_TRUE(ground_.Files().contains(Path(1)));
+  EXPECT_FALSE(ground_.Files().contains(Path(0)));
+}
+
+TEST_F(DeletionAtStart, GuestWhoseRecordHasGone_LosesItsFiles) {
+  PutBegun(AllFiles());
+  Hide(0);
+  for (const auto& [key, text] : records_) {
+    if (key.find(kGuest) != std::string::npos && !key.starts_with("/live")) RemoveKey(*store_, key);
+  }
+  FinishAll();
+  ExpectGone();
+}
+
+TEST_F(DeletionAtStart, GuestThatComesBackMeanwhile_IsAnotherOne) {
+  PutBegun(AllFiles());
+  Hide(0);
+  RemoveKey(*store_, KeyOf("guest", kGuest));
+  options_.before_step = [&](std::string_view step) {
+    if (step == "commit records") PutGuest(*store_, kGuest, {Path(0), Path(1), Path(2)});
+  };
+  FinishAll();
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Files(), files_);
+}
+
+TEST_F(DeletionAtStart, GuestWhoseRecordIsDamaged_GetsItsFilesBack) {
+  PutBegun(AllFiles());
+  Hide(0);
+  PutText(*store_, KeyOf("guest", kGuest), "[");
+  FinishAll();
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
+  EXPECT_TRUE(SyslogContains("is not finished"));
+}
+
+TEST_F(DeletionAtStart, WhatCannotGoOn_IsUndone) {
+  PutBegun(AllFiles());
+  Hide(0);
+  options_.file_calls.rename = [](int folder, const char* from, const char* to) {
+    return std::string_view(from).ends_with("-1.img") ? EROFS : guests::RenameInFolder(folder, from, to);
+  };
+  FinishAll();
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_TRUE(SyslogContains("is not finished: Cannot rename"));
+}
+
+TEST_F(DeletionAtStart, FileInTheHiddenOnesPlace_IsLeft_AndSoIsTheHiddenOne) {
+  PutBegun(AllFiles());
+  Hide(0);
+  WriteFile(Path(0), "new");
+  FinishAll();
+  EXPECT_TRUE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_EQ(ground_.Files()[Path(0)], "new");
+  EXPECT_EQ(ground_.Files()[ground_.Image("a/" + Hidden(0))], "content of " + Path(0));
+  EXPECT_TRUE(SyslogContains("both are left"));
+  EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
+}
+
+TEST_F(DeletionAtStart, SeveralDeletions_OneThatFailsDoesNotHoldTheOthers) {
+  PutText(*store_, DeletionKey("0-damaged"), "{");
+  PutBegun(AllFiles());
+  FinishAll();
+  EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
+}
+
+TEST_F(DeletionAtStart, StoreThatCannotBeRead_IsLogged) {
+  store_->FailSnapshots();
+  FinishAll();
+  EXPECT_EQ(CountLines("Deletions that were begun cannot be finished"), 1);
+}
+
+class Leftovers : public DeletionAtStart {
+ protected:
+  Leftovers() { options_.host_id = kOtherHost; }
+  static std::string Key() { return store::MakeKey({"leftover", kOtherHost, kGuest}); }
+
+  // By this host, of a guest in the other's repository.
+  void DeleteFromAfar() {
+    PutRepository(*store_, kOtherHost);
+    EXPECT_FALSE(Deletion(ground_.Options(store_)).Delete(kGuest, Alice()));
+  }
+};
+
+TEST_F(Leftovers, OfAGuestDeletedFromAfar_AreRemovedByTheRepositorysHost) {
+  DeleteFromAfar();
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(TextOf(*store_, Key()), R"({"files":[")" + Path(0) + R"(",")" + Path(1) + R"(",")" + Path(2) +
+                                        R"("],"repository_id":"repository"})");
+  EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
+
+  Deletion(ground_.Options(store_)).RemoveLeftovers();
+  EXPECT_EQ(ground_.Files(), files_) << "they are the other host's";
+  Deletion(options_).RemoveLeftovers();
+  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  EXPECT_FALSE(TextOf(*store_, Key()));
+}
+
+TEST_F(Leftovers, FilesThatAreNotToBeRemoved_AreLeftWithALine) {
+  const std::string link = ground_.Image("link");
+  std::filesystem::create_symlink(Path(0), link);
+  WriteFile(ground_.Outside("x"));
+  files_ = ground_.Files();
+  const std::string bystander = ground_.Image("a/bystander-0.img");
+  PutText(*store_, Key(),
+          R"({"files":[")" + bystander + R"(",")" + link + R"(",")" + ground_.Outside("x") + R"(",")" +
+              ground_.Image("../outside/x") + R"(","","relative\n",")" + ground_.Image("none") + R"("]})");
+  FinishAll();
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_FALSE(TextOf(*store_, Key()));
+  EXPECT_EQ(CapturedSyslog().size(), 7u);
+  EXPECT_EQ(CountLines("another disk's record names it"), 1);
+  EXPECT_EQ(CountLines("[relative ]"), 1);
+}
+
+TEST_F(Leftovers, OfAGuestThatCameBack_AreLeft) {
+  DeleteFromAfar();
+  PutBoth(ground_, *store_);
+  FinishAll();
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_FALSE(TextOf(*store_, Key()));
+}
+
+TEST_F(Leftovers, OfTwoDeletions_AreRemovedTogether) {
+  WriteFile(ground_.Image("former.img"));
+  PutText(*store_, Key(), R"({"files":[")" + ground_.Image("former.img") + R"(",")" + Path(0) + R"("]})");
+  DeleteFromAfar();
+  FinishAll();
+  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+}
+
+TEST_F(Leftovers, DamagedRecord_IsLeft_AndToldOnce) {
+  for (const char* text : {"", "[]", "{}", R"({"files":{}})", R"({"files":[7]})"}) {
+    ClearCapturedSyslog();
+    PutText(*store_, Key(), text);
+    Deletion deletion(options_);
+    deletion.RemoveLeftovers();
+    deletion.RemoveLeftovers();
+    EXPECT_EQ(TextOf(*store_, Key()), text);
+    EXPECT_EQ(CapturedSyslog().size(), 1u) << text;
+  }
+}
+
+TEST_F(Leftovers, FailedRemoval_IsTriedAgain) {
+  DeleteFromAfar();
+  options_.file_calls.unlink = [](int, const char*) { return EROFS; };
+  FinishAll();
+  EXPECT_TRUE(TextOf(*store_, Key()));
+  EXPECT_TRUE(SyslogContains("could not be removed: Cannot remove"));
+  options_.file_calls = {};
+  store_->FailCommits();
+  FinishAll();
+  EXPECT_TRUE(TextOf(*store_, Key()));
+  store_->Heal();
+  FinishAll();
+  EXPECT_FALSE(TextOf(*store_, Key()));
+  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+}
+
+TEST_F(Leftovers, HostOfTheRepositoryWithoutAUsableId_LeavesTheFiles) {
+  PutRepository(*store_, std::string(600, 'h'));
+  EXPECT_FALSE(Deletion(ground_.Options(store_)).Delete(kGuest, Alice()));
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
+  EXPECT_TRUE(SyslogContains("its files are left, since the repository's record names no host"));
+}
+
+TEST_F(Leftovers, RepositoryWithoutAHost_CountsAsThisHosts) {
+  PutText(*store_, KeyOf("repository", "repository"), "{}");
+  EXPECT_FALSE(Deletion(options_).Delete(kGuest, Alice()));
+  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+}
+
+TEST_F(Leftovers, HostIdBesideTheRepositorysRecord_GoesBeforeIt) {
+  PutText(*store_, KeyOf("repository", "repository", "host_id"), '"' + std::string(kOtherHost) + '"');
+  EXPECT_FALSE(Deletion(ground_.Options(store_)).Delete(kGuest, Alice()));
+  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_TRUE(TextOf(*store_, Key()));
+}
+
+}  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,365 @@
+// Edits of guests' disks: with what fails on the way, killed at each step, and beside other editors.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <functional>
+
+#include "host/guests/deletion/deletion.h"
+#include "tests/unit/guests/guest_edit_ground.h"
+
+namespace vexa::test {
+namespace {
+
+using guests::EditOptions;
+using guests::Edits;
+using guests::Refused;
+using testing::HasSubstr;
+using Images = std::map<std::string, std::int64_t>;
+
+constexpr std::int64_t kMib = 1024 * 1024;
+
+std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
+
+// Adds one disk of each format, grows the qcow2 one, and removes the raw one; also renames nothing, so that no
+// environment is needed.
+std::string Everyone() {
+  return R"({"vcpu_num":4,"vdisks_add":[{"vdisk_size":32},{"vdisk_size":64,"format":"raw","vdisk_mode":3}],)"
+         R"("vdisks_edit":[{"vdisk_size":24,)" +
+         Id(kDisk0) + R"(}],"vdisks_del":[{)" + Id(kDisk1) + "}]}";
+}
+std::string GrowBoth() {
+  return R"({"vdisks_edit":[{"vdisk_size":24,)" + Id(kDisk0) + R"(},{"vdisk_size":48,)" + Id(kDisk1) + "}]}";
+}
+
+class DiskEdit : public testing::Test {
+ protected:
+  void Prepare(const std::string& repository_host = kThisHost) {
+    store_.reset();
+    ground_ = std::make_unique<EditGround>();
+    store_ = ground_->OpenStore();
+    ground_->Fill(*store_, repository_host);
+    records_ = Everything(*store_);
+    images_ = ground_->Images();
+  }
+  void SetUp() override {
+    Prepare();
+    options_ = ground_->Options(store_);
+  }
+
+  Refused Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
+  int Code(const std::string& edit) {
+    const Refused refused = Edit(edit);
+    return refused ? refused->code : 0;
+  }
+  void ExpectAsBefore() {
+    EXPECT_EQ(Everything(*store_), records_);
+    EXPECT_EQ(ground_->Images(), images_);
+  }
+  // Every disk of the guest has its file with its size, and there is no other file.
+  void ExpectWhole() {
+    const auto records = RecordsOf(*store_);
+    Images expected;
+    for (const auto& [id, disk] : records.disks) expected[FileOf(disk)] = disk["size"].asInt64() * kMib;
+    EXPECT_EQ(ground_->Images(), expected);
+    for (const auto& [key, text] : Everything(*store_)) EXPECT_FALSE(key.starts_with("/edit/")) << text;
+  }
+  void ExpectEveryoneDone() {
+    ExpectWhole();
+    const auto records = RecordsOf(*store_);
+    ASSERT_EQ(records.disks.size(), 3u);
+    EXPECT_EQ(records.guest["vcpu_num"], 4);
+    EXPECT_EQ(records.disks[0].second["size"], 24);
+    EXPECT_EQ(records.disks[1].second["driver"], "qcow2");
+    EXPECT_EQ(records.disks[2].second["driver"], "raw");
+    EXPECT_EQ(records.disks[2].second["name"], "sda");
+    EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  }
+
+  std::unique_ptr<EditGround> ground_;
+  std::shared_ptr<FaultyStore> store_;
+  EditOptions options_;
+  Texts records_;
+  Images images_;
+};
+
+TEST_F(DiskEdit, AddsGrowsAndRemoves_InOneEdit) {
+  const Refused refused = Edit(Everyone());
+  ASSERT_FALSE(refused) << refused->reason;
+  ExpectEveryoneDone();
+  for (const auto& [id, disk] : RecordsOf(*store_).disks) {
+    struct stat info {};
+    ASSERT_EQ(::stat(disk["path"].asCString(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_LT(info.st_blocks * 512, kMib);  // sparse
+  }
+}
+
+TEST_F(DiskEdit, GrowsImagesUpToWhatTheirTablesHold) {
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":4194304,)" + Id(kDisk0) + "}]}"), 0);
+  ExpectWhole();
+  records_ = Everything(*store_);
+  images_ = ground_->Images();
+  const Refused refused = Edit(R"({"vdisks_edit":[{"vdisk_size":4194305,)" + Id(kDisk0) + "}]}");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, 904);
+  EXPECT_THAT(refused->reason, HasSubstr("qemu-img resize"));
+  ExpectAsBefore();
+}
+
+TEST_F(DiskEdit, Shrinks_AreRefused_AlsoWhenOnlyTheFileIsLarger) {
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":7,)" + Id(kDisk0) + "}]}"), 904);
+  std::filesystem::resize_file(ground_->PathOf(kDisk1), 99 * kMib);
+  images_ = ground_->Images();
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":20,)" + Id(kDisk1) + "}]}"), 904);
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":16,)" + Id(kDisk1) + "}]}"), 0);
+  ExpectAsBefore();
+}
+
+TEST_F(DiskEdit, MissingOrDamagedImage_DoesNotGrow) {
+  WriteFile(ground_->PathOf(kDisk0), "no image");
+  images_ = ground_->Images();
+  EXPECT_EQ(Code(GrowBoth()), 904);
+  std::filesystem::remove(ground_->PathOf(kDisk0));
+  images_ = ground_->Images();
+  EXPECT_EQ(Code(GrowBoth()), 904);
+  ExpectAsBefore();
+}
+
+TEST_F(DiskEdit, OrdersDisks_ThoseNotNamedFollow) {
+  EXPECT_EQ(Code(R"({"vdisks_order":[{)" + Id(kDisk1) + R"(}],"vdisks_add":[{"vdisk_size":1}]})"), 0);
+  const auto records = RecordsOf(*store_);
+  ASSERT_EQ(records.disks.size(), 3u);
+  EXPECT_EQ(records.disks[0].first, kDisk1);
+  EXPECT_EQ(records.disks[1].first, kDisk0);
+  EXPECT_EQ(Code(R"({"vdisks_order":[{)" + Id(kDisk1) + "},{" + Id(kDisk1) + "}]}"), 904);
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":16,"vdisk_mode":3,"unmap":true,)" + Id(kDisk1) + "}]}"), 0);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk1)["name"], "sda");
+  ExpectWhole();
+}
+
+TEST_F(DiskEdit, MoreThan64Disks_AreRefused) {
+  std::string list;
+  for (int i = 0; i < 62; ++i) list += std::string(i ? "," : "") + R"({"vdisk_size":1})";
+  EXPECT_EQ(Code("{\"vdisks_add\":[" + list + R"(,{"vdisk_size":1}]})"), 410);
+  ExpectAsBefore();
+  EXPECT_EQ(Code("{\"vdisks_add\":[" + list + "]}"), 0);
+  ExpectWhole();
+}
+
+TEST_F(DiskEdit, OfARunningGuest_OnlyAdds) {
+  PutRun(*store_);
+  records_ = Everything(*store_);
+  EXPECT_EQ(Code(GrowBoth()), 904);
+  EXPECT_EQ(Code(R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 904);
+  ExpectAsBefore();
+  EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
+  EXPECT_EQ(RecordOf(*store_, "guest", kEdited)["pending"], Parsed(R"(["vdisks"])"));
+  ExpectWhole();
+}
+
+TEST_F(DiskEdit, OfASuspendedGuest_IsRefused) {
+  for (const char* state : {"\"guest_saved\"", "\"guest_freeze\""}) {
+    SCOPED_TRACE(state);
+    PutText(*store_, KeyOf("guest", kEdited, "state"), state);
+    EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 944);
+    EXPECT_EQ(Code(R"({"vdisks_order":[{)" + Id(kDisk1) + "}]}"), 944);
+  }
+}
+
+TEST_F(DiskEdit, OfAnotherHostsRepository_IsRefused) {
+  Prepare(kOtherHost);
+  options_ = ground_->Options(store_);
+  EXPECT_EQ(Code(Everyone()), 912);
+  ExpectAsBefore();
+  EXPECT_EQ(Code(R"({"vcpu_num":3})"), 0);
+}
+
+TEST_F(DiskEdit, WhileAnotherIsUnderWay_IsBusy_AndSoIsDeletion) {
+  PutText(*store_, guests::EditKey(kEdited),
+          R"({"host_id":"h","user":"bob","since":0,"stage":"doing","made":[],"hidden":[],"grown":[]})");
+  records_ = Everything(*store_);
+  const Refused refused = Edit(Everyone());
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, 915);
+  EXPECT_EQ(refused->reason, "The guest is being edited by 'bob' since 1970-01-01T00:00:00Z");
+  guests::DeletionOptions deletion;
+  deletion.store = store_;
+  deletion.host_id = kThisHost;
+  deletion.image_roots = options_.image_roots;
+  const Refused kept = guests::Deletion(deletion).Delete(kEdited, Alice());
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(kept->code, 915);
+  ExpectAsBefore();
+}
+
+// Each call of each kind fails in turn.
+TEST_F(DiskEdit, EachCallOfTheSystemThatFails_UndoesAll) {
+  for (const char* kind : {"create", "set_length", "write", "sync_file", "rename", "sync"}) {
+    for (int fails_at = 0;; ++fails_at) {
+      SCOPED_TRACE(std::string(kind) + " " + std::to_string(fails_at));
+      Prepare();
+      options_ = ground_->Options(store_);
+      int calls = 0;
+      const std::string which = kind;
+      const auto fails = [&] { return calls++ == fails_at; };
+      auto& call = options_.file_calls;
+      if (which == "create") {
+        call.create = [&](int folder, const char* name, int* file) {
+          return fails() ? ENOSPC : guests::CreateInFolder(folder, name, file);
+        };
+      } else if (which == "set_length") {
+        call.set_length = [&](int f, std::uint64_t n) { return fails() ? ENOSPC : guests::SetFileLength(f, n); };
+      } else if (which == "write") {
+        call.write = [&](int file, std::string_view bytes, std::uint64_t offset) {
+          return fails() ? ENOSPC : guests::WriteToFile(file, bytes, offset);
+        };
+      } else if (which == "sync_file") {
+        call.sync_file = [&](int file) { return fails() ? EIO : guests::SyncFile(file); };
+      } else if (which == "rename") {
+        call.rename = [&](int f, const char* a, const char* b) {
+          return fails() ? EROFS : guests::RenameInFolder(f, a, b);
+        };
+      } else {
+        call.sync = [&](int folder) { return fails() ? EIO : guests::SyncFolder(folder); };
+      }
+      const Refused refused = Edit(Everyone());
+      if (!refused) {
+        ExpectEveryoneDone();
+        // Syncing what was removed can fail when nobody can be told any more; the next start does it.
+        EXPECT_GT(fails_at, 0);
+        break;
+      }
+      EXPECT_EQ(refused->code, 901);
+      ExpectAsBefore();
+      if (HasFailure()) return;
+      if (which == "sync" && fails_at == 0) break;
+    }
+  }
+}
+
+TEST_F(DiskEdit, EachCommitThatFails_UndoesAll) {
+  for (const char* step : {"commit doing", "make 0", "commit records"}) {
+    SCOPED_TRACE(step);
+    Prepare();
+    options_ = ground_->Options(store_);
+    bool done = false;
+    options_.before_step = [&](std::string_view now) {
+      if (now == "commit undo") store_->Heal();
+      if (now == step && !std::exchange(done, true)) store_->FailCommits();
+      // The undo asks the store before it comes to its own commit.
+      if (now == "shrink 0") store_->Heal();
+    };
+    EXPECT_EQ(Code(Everyone()), 901);
+    store_->Heal();
+    ExpectAsBefore();
+  }
+}
+
+TEST_F(DiskEdit, ChangeByAnotherHostMeanwhile_IsNotLost) {
+  for (const char* step : {"commit doing", "make 0", "grow 0", "commit records"}) {
+    SCOPED_TRACE(step);
+    Prepare();
+    options_ = ground_->Options(store_);
+    bool done = false;
+    options_.before_step = [&](std::string_view now) {
+      if (now != step || std::exchange(done, true)) return;
+      EditOptions other = ground_->Options(store_);
+      other.host_id = kOtherHost;
+      const Refused refused = Edits(other).Edit(kEdited, Parsed(R"({"vram_size":999})"), Alice());
+      EXPECT_FALSE(refused) << refused->reason;
+    };
+    const Refused refused = Edit(Everyone());
+    EXPECT_FALSE(refused) << refused->reason;
+    ExpectEveryoneDone();
+    EXPECT_EQ(RecordOf(*store_, "guest", kEdited)["vram_size"], 999);
+  }
+}
+
+// Somebody starts the guest past all rules: what it runs on stays.
+TEST_F(DiskEdit, GuestThatRunsAllAtOnce_UndoesAll) {
+  options_.before_step = [&](std::string_view now) {
+    if (now == "commit records" && !TextOf(*store_, guests::RunKey(kEdited))) PutRun(*store_);
+  };
+  EXPECT_EQ(Code(Everyone()), 904);
+  RemoveKey(*store_, guests::RunKey(kEdited));
+  ExpectAsBefore();
+}
+
+enum class End { kKilled, kThrough, kFailed };
+
+// In a process of its own that is killed right before its step number `last_step`.
+End RunUntil(const EditGround& ground, int last_step, const std::function<bool(EditOptions options)>& act) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    EditOptions options = ground.Options(ground.OpenStore());
+    int step = 0;
+    options.before_step = [&step, last_step](std::string_view) {
+      if (step++ == last_step) ::kill(::getpid(), SIGKILL);
+    };
+    ::_exit(act(std::move(options)) ? 0 : 1);
+  }
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return End::kKilled;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? End::kThrough : End::kFailed;
+}
+
+bool FinishIt(EditOptions options) {
+  Edits(std::move(options)).FinishAll();
+  return true;
+}
+
+TEST_F(DiskEdit, KilledAtEachStep_AndAtEachOfItsFinish_IsAllOrNothing) {
+  const auto edit_it = [](EditOptions options) {
+    return !Edits(std::move(options)).Edit(kEdited, Parsed(Everyone()), Alice());
+  };
+  int step = 0;
+  int rounds = 0;
+  for (bool is_through = false; !is_through; ++step) {
+    for (int second = 0;; ++second) {
+      SCOPED_TRACE("killed before step " + std::to_string(step) + ", then " + std::to_string(second));
+      options_ = {};
+      Prepare();
+      store_.reset();
+      const End end = RunUntil(*ground_, step, edit_it);
+      ASSERT_NE(end, End::kFailed);
+      is_through = end == End::kThrough;
+      const End finish = RunUntil(*ground_, second, FinishIt);
+      ASSERT_NE(finish, End::kFailed);
+      store_ = ground_->OpenStore();
+      if (finish == End::kKilled) Edits(ground_->Options(store_)).FinishAll();
+      if (RecordOf(*store_, "guest", kEdited)["vcpu_num"] == 4) {
+        ExpectEveryoneDone();
+      } else {
+        ExpectAsBefore();
+      }
+      if (HasFailure()) return;
+      ++rounds;
+      if (finish == End::kThrough) break;
+    }
+  }
+  EXPECT_GT(step, 8);
+  EXPECT_GT(rounds, 40);
+}
+
+TEST_F(DiskEdit, DamagedRecordOfAnEdit_IsLeft_AndNoForeignFileIsTouched) {
+  WriteFile(ground_->File("precious.qcow2"));
+  for (const std::string& made : {ground_->File("precious.qcow2"), std::string("/etc/passwd"), std::string("x")}) {
+    PutText(*store_, guests::EditKey(kEdited),
+            "{\"host_id\":\"" + std::string(kThisHost) + R"(","stage":"doing","hidden":[],"grown":[],"made":[")" +
+                made + "\"]}");
+    FinishIt(options_);
+    EXPECT_TRUE(TextOf(*store_, guests::EditKey(kEdited)));
+    EXPECT_EQ(Code(Everyone()), 915);
+  }
+  EXPECT_TRUE(std::filesystem::exists(ground_->File("precious.qcow2")));
+}
+
+}  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,295 @@
+// What keeps an edit, and the way back from one, from a file: machines, and records that name the file.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <utility>
+
+#include "tests/support/syslog_capture.h"
+#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/watched_store.h"
+
+namespace vexa::test {
+namespace {
+
+using guests::EditOptions;
+using guests::Edits;
+using guests::Refusal;
+using guests::Refused;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
+const std::string& Grow() {
+  static const std::string edit = R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk1) + "}]}";
+  return edit;
+}
+const std::string& Remove() {
+  static const std::string edit = R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}";
+  return edit;
+}
+
+class GuardedEdit : public testing::Test {
+ protected:
+  GuardedEdit() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
+    ground_.Fill(*store_);
+    records_ = Everything(*store_);
+    images_ = ground_.Images();
+    ClearCapturedSyslog();
+  }
+  Refused Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
+  int Code(const std::string& edit) {
+    const Refused refused = Edit(edit);
+    return refused ? refused->code : 0;
+  }
+  void At(const std::string& step, std::function<void()> act) {
+    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
+      if (now == step && !std::exchange(done, true)) act();
+    };
+  }
+  void ExpectAsBefore() {
+    EXPECT_EQ(Everything(*store_), records_);
+    EXPECT_EQ(ground_.Images(), images_);
+  }
+  bool IsBegun() { return !Edits(options_).Begun().empty(); }
+  // As importers do.
+  void PutNewUser(const std::string& path) {
+    (void)Require(store_->Commit(
+        {{},
+         {{KeyOf("vdisk", "new"), R"({"guest_id":"new-guest","path":")" + path + "\"}"}, {guests::FilesKey(), "1"}}}));
+  }
+  void Open(bool& is_open) {
+    options_.file_calls.has_open = [&is_open](int, const char*, bool* has_open) {
+      *has_open = is_open;
+      return 0;
+    };
+  }
+  std::int64_t SizeOfRaw() const { return ground_.Images().at(std::string(kDisk1) + ".qcow2") >> 20; }
+
+  const EditGround ground_;
+  const std::shared_ptr<FaultyStore> store_;
+  EditOptions options_;
+  Texts records_;
+  std::map<std::string, std::int64_t> images_;
+};
+
+// Machines.
+
+TEST_F(GuardedEdit, FileThatAMachineHasOpen_Is910_AndNamesTheFile) {
+  bool is_open = true;
+  Open(is_open);
+  for (const std::string& edit : {Grow(), Remove()}) {
+    const Refused refused = Edit(edit);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, 910);
+    EXPECT_THAT(refused->reason, HasSubstr("A machine has the file '" + ground_.PathOf(kDisk1) + "' open"));
+    ExpectAsBefore();
+  }
+  is_open = false;
+  EXPECT_EQ(Code(Grow()), 0);
+}
+
+TEST_F(GuardedEdit, GuestThatTheHypervisorRuns_KeepsItsDisks) {
+  std::vector<std::string> steps;
+  options_.before_step = [&](std::string_view step) { steps.emplace_back(step); };
+  for (const int code : {910, 949}) {
+    options_.refuse_active = [code](const std::string&) { return Refusal{code, "not now"}; };
+    EXPECT_EQ(Code(Grow()), code);
+    EXPECT_EQ(Code(Remove()), code);
+  }
+  EXPECT_THAT(steps, ElementsAre());
+  ExpectAsBefore();
+  EXPECT_EQ(Code(R"({"vcpu_num":3})"), 0) << "only disks that grow or go are asked about";
+  EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
+}
+
+TEST_F(GuardedEdit, GuestThatRunsOnceItIsWrittenDown_IsUndone) {
+  for (const std::string& edit : {Grow(), Remove()}) {
+    int asked = 0;
+    options_.refuse_active = [&](const std::string&) { return ++asked > 1 ? Refused({910, "it runs"}) : std::nullopt; };
+    EXPECT_EQ(Code(edit), 910);
+    EXPECT_EQ(asked, 2);
+    EXPECT_FALSE(IsBegun()) << "nothing has grown, so nothing waits";
+    ExpectAsBefore();
+  }
+}
+
+TEST_F(GuardedEdit, UndoOfAGrowthUnderAGuestThatRuns_Waits) {
+  bool runs = false;
+  options_.refuse_active = [&](const std::string&) { return runs ? Refused({910, "it runs"}) : std::nullopt; };
+  At("commit records", [&] {
+    runs = true;
+    store_->FailCommits();
+  });
+  const Refused refused = Edit(Grow());
+  ASSERT_TRUE(refused);
+  EXPECT_THAT(refused->reason, HasSubstr("stays grown for now: it runs"));
+  store_->Heal();
+  EXPECT_EQ(SizeOfRaw(), 48);
+  Edits(options_).Finish(kEdited);
+  EXPECT_TRUE(IsBegun());
+  EXPECT_EQ(SizeOfRaw(), 48);
+  runs = false;
+  Edits(options_).Finish(kEdited);
+  ExpectAsBefore();
+}
+
+TEST_F(GuardedEdit, UndoOfAGrowthThatAMachineHasOpen_LeavesIt) {
+  bool is_open = false;
+  Open(is_open);
+  At("commit records", [&] {
+    is_open = true;
+    store_->ConflictCommits(1000);
+  });
+  EXPECT_EQ(Code(Grow()), 915);
+  store_->Heal();
+  Edits(options_).Finish(kEdited);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(SizeOfRaw(), 48);
+  EXPECT_TRUE(SyslogContains("A file is left as it is: A machine has the file"));
+}
+
+// Records that name the file.
+
+TEST_F(GuardedEdit, UndoOfAGrowthOfAFileThatAnotherRecordNamesByNow_LeavesIt) {
+  options_.before_step = [&](std::string_view step) {
+    if (step == "commit records") PutNewUser(ground_.PathOf(kDisk1));
+  };
+  EXPECT_EQ(Code(Grow()), 904) << "it begins again, and finds the other record";
+  EXPECT_EQ(SizeOfRaw(), 48);
+  EXPECT_FALSE(IsBegun());
+  EXPECT_TRUE(SyslogContains("A file is left as it is: Another record names the image"));
+}
+
+TEST_F(GuardedEdit, FileThatARecordComesToName_RightBeforeItWouldGrow_DoesNot) {
+  At("commit doing", [&] { PutNewUser(ground_.PathOf(kDisk1)); });
+  EXPECT_EQ(Code(Grow()), 904);
+  EXPECT_EQ(ground_.Images(), images_);
+  EXPECT_FALSE(IsBegun());
+}
+
+TEST_F(GuardedEdit, NewFileThatARecordNamesByNow_IsNotRemovedByTheUndo) {
+  std::string path;
+  At("commit records", [&] {
+    for (const auto& [name, size] : ground_.Images()) {
+      if (!images_.contains(name)) path = ground_.Folder() + "/" + name;
+    }
+    PutNewUser(path);
+    store_->ConflictCommits(1000);
+  });
+  EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 915);
+  store_->Heal();
+  Edits(options_).Finish(kEdited);
+  EXPECT_FALSE(IsBegun());
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_TRUE(SyslogContains("is left: another disk's record names it"));
+}
+
+TEST_F(GuardedEdit, FileThatARecordComesToName_RightBeforeTheCommit_IsLeft) {
+  At("commit records", [&] { PutNewUser(ground_.PathOf(kDisk1)); });
+  EXPECT_EQ(Code(Remove()), 0);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+TEST_F(GuardedEdit, ImageThatADriveOrALibraryNames_NeitherGrowsNorGoes) {
+  const std::string path = ground_.PathOf(kDisk1);
+  for (const auto& [category, record] : {std::pair<const char*, std::string>("image", R"({"path":")" + path + "\"}"),
+                                         {"guest", R"({"iso_images":[")" + path + "\"]}"}}) {
+    PutText(*store_, KeyOf(category, "other"), record);
+    EXPECT_EQ(Code(Grow()), 904) << category;
+    RemoveKey(*store_, KeyOf(category, "other"));
+  }
+  ExpectAsBefore();
+  PutText(*store_, KeyOf("image", "other"), R"({"path":")" + path + "\"}");
+  EXPECT_EQ(Code(Remove()), 0);
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+TEST_F(GuardedEdit, EditsThatMakeARecordNameAFile_SaySo) {
+  const auto revision = [&] {
+    const auto snapshot = Require(store_->Read());
+    const auto value = Require(snapshot->Get(guests::FilesKey()));
+    return value ? value->revision : store::Revision{0};
+  };
+  WriteFile(ground_.File("x.iso"));
+  store::Revision last = revision();
+  for (const std::string& edit : {R"({"iso_images":[")" + ground_.File("x.iso") + R"(","unmounted"]})",
+                                  std::string(R"({"vdisks_add":[{"vdisk_size":1}]})"),
+                                  std::string(R"({"iso_images":["unmounted","unmounted"]})")}) {
+    EXPECT_EQ(Code(edit), 0) << edit;
+    EXPECT_GT(revision(), last) << edit;
+    last = revision();
+  }
+  for (const std::string& edit : {std::string(R"({"vcpu_num":4})"), Grow(), Remove()}) {
+    EXPECT_EQ(Code(edit), 0) << edit;
+    EXPECT_EQ(revision(), last) << edit;
+  }
+}
+
+TEST_F(GuardedEdit, ImageThatIsADiskOfAnyHost_IsNotPutIntoADrive) {
+  WriteFile(ground_.File("x.img"));
+  PutText(*store_, KeyOf("repository", "far"), R"({"host_id":")" + std::string(kOtherHost) + "\"}");
+  PutText(*store_, KeyOf("vdisk", "d"), R"({"repository_id":"far","path":")" + ground_.File("x.img") + "\"}");
+  const std::string edit = R"({"iso_images":[")" + ground_.File("x.img") + R"("]})";
+  EXPECT_EQ(Code(edit), 932);
+  PutText(*store_, KeyOf("vdisk", "d"), R"({"path":"/elsewhere"})");
+  PutText(*store_, KeyOf("guest", "g"), R"({"nvram":")" + ground_.File("x.img") + "\"}");
+  EXPECT_EQ(Code(edit), 932);
+  PutText(*store_, KeyOf("guest", "g"), R"({"iso_images":[")" + ground_.File("x.img") + "\"]}");
+  EXPECT_EQ(Code(edit), 0) << "two guests may have the same image in their drives";
+}
+
+TEST_F(GuardedEdit, RawDisk_IsCalledRaw) {
+  EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1,"format":"raw"},{"vdisk_size":1}]})"), 0);
+  const auto records = RecordsOf(*store_);
+  EXPECT_EQ(FileOf(records.disks[2].second), records.disks[2].first + ".raw");
+  EXPECT_EQ(FileOf(records.disks[3].second), records.disks[3].first + ".qcow2");
+  At("commit records", [&] { store_->FailCommits(); });
+  const auto images = ground_.Images();
+  EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1,"format":"raw"}]})"), 901);
+  store_->Heal();
+  options_.before_step = nullptr;
+  Edits(options_).FinishAll();
+  EXPECT_EQ(ground_.Images(), images);
+}
+
+TEST_F(GuardedEdit, FilesAndHypervisor_AreNotAskedInsideACommit_NorUnderASnapshot) {
+  const auto watched = std::make_shared<WatchedStore>(store_);
+  options_.store = watched;
+  const auto quiet = [&](const char* where) { watched->ExpectQuiet(where); };
+  int images = 0;
+  int pins = 0;
+  options_.file_calls.before_lookup = [&] { quiet("file"); };
+  options_.refuse_active = [&](const std::string&) { return quiet("hypervisor"), Refused(); };
+  options_.has_file = [&](const std::string&) { return quiet("image"), ++images > 0; };
+  options_.rate_pins = [&](const guests::Guest&) { return quiet("pins"), ++pins < 0 ? Refused({1, ""}) : Refused(); };
+  // What is planned the second time was not looked at before.
+  watched->Conflict(2, [&, turn = 0]() mutable {
+    Json::Value disk = RecordOf(*store_, "vdisk", kDisk0);
+    disk["path"] = ground_.Folder() + "/moved-" + std::to_string(++turn);
+    WriteFile(disk["path"].asString());
+    PutRecord(*store_, KeyOf("vdisk", kDisk0), disk);
+  });
+  At("commit records", [&] {
+    watched->Conflict(2);
+    PutText(*store_, guests::FilesKey(), "1");
+  });
+  EXPECT_EQ(Code(R"({"iso_images":["/x.iso"],"vdisks_add":[{"vdisk_size":1}],"vdisks_del":[{)" + Id(kDisk0) +
+                 R"(}],"vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk1) + "}]}"),
+            0);
+  EXPECT_GT(images, 0);
+  EXPECT_GT(watched->asked(), 15);
+  PutRun(*store_);
+  watched->Conflict(2, [&, turn = 2]() mutable {
+    Json::Value guest = RecordOf(*store_, "guest", kEdited);
+    guest["vcpu_num"] = ++turn;
+    PutRecord(*store_, KeyOf("guest", kEdited), guest);
+  });
+  EXPECT_EQ(Code(R"({"cpu_pin_num":1})"), 0);
+  EXPECT_EQ(pins, 3);
+}
+
+}  // namespace
+}  // namespace vexa::test

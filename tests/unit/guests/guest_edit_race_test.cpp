@@ -1,0 +1,374 @@
+// What others do in the midst of an edit, and what is on the disk by each commit.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <set>
+#include <utility>
+
+#include "host/records/environment.h"
+#include "tests/support/syslog_capture.h"
+#include "tests/support/test_host.h"
+#include "tests/unit/guests/guest_edit_ground.h"
+
+namespace vexa::test {
+namespace {
+
+using guests::EditOptions;
+using guests::Edits;
+using guests::Refused;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr std::int64_t kMib = 1024 * 1024;
+
+std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
+std::string RemoveDisk1() { return R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"; }
+std::string Everyone() {
+  return R"({"vdisks_add":[{"vdisk_size":32}],"vdisks_edit":[{"vdisk_size":24,)" + Id(kDisk0) +
+         R"(}],"vdisks_del":[{)" + Id(kDisk1) + "}]}";
+}
+// Of an edit by `host` that has hidden nothing and made the file of `disk_id`.
+std::string EditBy(const std::string& host, const std::string& path) {
+  return "{\"host_id\":\"" + host + R"(","user":"bob","since":0,"stage":"doing","hidden":[],"grown":[],"made":[")" +
+         path + "\"]}";
+}
+
+class RacedEdit : public testing::Test {
+ protected:
+  RacedEdit() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
+    ground_.Fill(*store_);
+    Remember();
+  }
+  void Remember() {
+    records_ = Everything(*store_);
+    images_ = ground_.Images();
+  }
+  int Code(const std::string& edit) {
+    const Refused refused = Edits(options_).Edit(kEdited, Parsed(edit), Alice());
+    return refused ? refused->code : 0;
+  }
+  // Calls `act` before the first step of this name.
+  void At(const std::string& step, std::function<void()> act) {
+    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
+      if (now == step && !std::exchange(done, true)) act();
+    };
+  }
+  // All is as it was, but for `key`.
+  void ExpectAsBeforeBut(const std::string& key) {
+    Texts now = Everything(*store_);
+    now.erase(key);
+    Texts before = records_;
+    before.erase(key);
+    EXPECT_EQ(now, before);
+    EXPECT_EQ(ground_.Images(), images_);
+  }
+
+  const EditGround ground_;
+  const std::shared_ptr<FaultyStore> store_;
+  EditOptions options_;
+  Texts records_;
+  std::map<std::string, std::int64_t> images_;
+};
+
+TEST_F(RacedEdit, AnotherHostBeginsAnEditFirst_IsLeftAlone) {
+  const std::string theirs = EditBy(kOtherHost, ground_.PathOf(kNobody));
+  At("commit doing", [&] { PutText(*store_, guests::EditKey(kEdited), theirs); });
+  EXPECT_EQ(Code(Everyone()), 915);
+  EXPECT_EQ(TextOf(*store_, guests::EditKey(kEdited)), theirs);
+  ExpectAsBeforeBut(guests::EditKey(kEdited));
+}
+
+TEST_F(RacedEdit, DeletionThatBeginsFirst_IsLeftAlone) {
+  for (const char* step : {"commit", "commit doing"}) {
+    SCOPED_TRACE(step);
+    At(step, [&] {
+      PutText(*store_, guests::DeletionKey(kEdited), R"({"host_id":"h","user":"bob","stage":"hiding","files":[]})");
+    });
+    EXPECT_EQ(Code(step == std::string("commit") ? R"({"vcpu_num":4})" : Everyone()), 915);
+    ExpectAsBeforeBut(guests::DeletionKey(kEdited));
+    RemoveKey(*store_, guests::DeletionKey(kEdited));
+  }
+}
+
+// It has read the records as they were before.
+TEST_F(RacedEdit, GuestThatStartsMeanwhile_IsShownWhatIsPending) {
+  At("commit", [&] { PutRun(*store_); });
+  EXPECT_EQ(Code(R"({"vcpu_num":4})"), 0);
+  EXPECT_EQ(RecordOf(*store_, "guest", kEdited)["pending"], Parsed(R"(["vcpu_num"])"));
+}
+
+TEST_F(RacedEdit, GuestThatStartsBeforeFilesAreTouched_KeepsThem) {
+  At("commit doing", [&] { PutRun(*store_); });
+  EXPECT_EQ(Code(Everyone()), 904);
+  ExpectAsBeforeBut(guests::RunKey(kEdited));
+}
+
+TEST_F(RacedEdit, GuestThatLosesItsDiskToAnotherEditor_IsNotGivenItBack) {
+  At("commit", [&] {
+    EditOptions other = ground_.Options(store_);
+    EXPECT_FALSE(Edits(other).Edit(kEdited, Parsed(RemoveDisk1()), Alice()));
+  });
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":16,"unmap":true,)" + Id(kDisk1) + "}]}"), 904);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  At("commit", [&] {
+    Json::Value guest = RecordOf(*store_, "guest", kEdited);
+    guest["vdisks"] = Json::Value(Json::arrayValue);
+    PutRecord(*store_, KeyOf("guest", kEdited), guest);
+  });
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":8,"unmap":true,)" + Id(kDisk0) + "}]}"), 904);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["unmap"], false);
+}
+
+TEST_F(RacedEdit, RecordOfTheEditThatIsChangedOrTakenAway_UndoesAll) {
+  for (const char* step : {"sync done 0", "commit records"}) {
+    for (const bool is_changed : {false, true}) {
+      SCOPED_TRACE(std::string(step) + (is_changed ? " changed" : " taken away"));
+      std::string theirs = EditBy(kOtherHost, ground_.PathOf(kNobody));
+      theirs.replace(theirs.find("doing"), 5, "purging");
+      At(step, [&] {
+        if (is_changed) {
+          PutText(*store_, guests::EditKey(kEdited), theirs);
+        } else {
+          RemoveKey(*store_, guests::EditKey(kEdited));
+        }
+      });
+      EXPECT_EQ(Code(Everyone()), 901);
+      EXPECT_EQ(TextOf(*store_, guests::EditKey(kEdited)), is_changed ? std::optional(theirs) : std::nullopt);
+      ExpectAsBeforeBut(guests::EditKey(kEdited));
+      if (is_changed) RemoveKey(*store_, guests::EditKey(kEdited));
+    }
+  }
+}
+
+// Only the file that the record names when it goes is given up.
+TEST_F(RacedEdit, DiskThatGetsAnotherFileMeanwhile_LosesThatOne) {
+  const std::string other = ground_.Folder() + "/other.img";
+  WriteFile(other);
+  for (const char* step : {"sync done 0", "commit records"}) {
+    SCOPED_TRACE(step);
+    const Json::Value disk = RecordOf(*store_, "vdisk", kDisk1);
+    const Json::Value guest = RecordOf(*store_, "guest", kEdited);
+    At(step, [&] {
+      Json::Value moved = disk;
+      moved["path"] = other;
+      PutRecord(*store_, KeyOf("vdisk", kDisk1), moved);
+    });
+    EXPECT_EQ(Code(RemoveDisk1()), 0);
+    EXPECT_TRUE(std::filesystem::exists(ground_.PathOf(kDisk1)));
+    EXPECT_FALSE(std::filesystem::exists(other));
+    PutRecord(*store_, KeyOf("vdisk", kDisk1), disk);
+    PutRecord(*store_, KeyOf("guest", kEdited), guest);
+    WriteFile(other);
+  }
+}
+
+TEST_F(RacedEdit, FileThatIsThereAlready_IsNotRemoved) {
+  options_.file_calls.create = [&](int folder, const char* name, int* file) {
+    EXPECT_EQ(guests::CreateInFolder(folder, name, file), 0);
+    ::close(*file);
+    return guests::CreateInFolder(folder, name, file);
+  };
+  EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":32}]})"), 901);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Images().size(), images_.size() + 1);
+}
+
+TEST_F(RacedEdit, EditsOfOtherHosts_AreNotTakenUp) {
+  PutText(*store_, guests::EditKey(kEdited), EditBy(kOtherHost, ground_.PathOf(kDisk0)));
+  Remember();
+  Edits(options_).FinishAll();
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+// Its answer is lost on the way: the commit is made, and a failure is what is told.
+class ForgetfulStore : public store::Store {
+ public:
+  ForgetfulStore(std::shared_ptr<store::Store> base, std::string text)
+      : base_(std::move(base)), text_(std::move(text)) {}
+  Result<std::unique_ptr<store::Snapshot>> Read() const override { return base_->Read(); }
+  Result<store::Revision> Commit(const store::Transaction& transaction) override {
+    Result<store::Revision> committed = base_->Commit(transaction);
+    for (const store::Operation& operation : transaction.operations) {
+      const bool is_it = operation.text && operation.text->find(text_) != std::string::npos;
+      if (is_it && !std::exchange(is_done_, true)) return Error(ErrorCode::kInternal, "no answer");
+    }
+    return committed;
+  }
+  Result<store::ChangeBatch> Watch(std::string_view prefix, store::Revision from,
+                                   std::chrono::milliseconds timeout) override {
+    return base_->Watch(prefix, from, timeout);
+  }
+  store::Health health() const override { return base_->health(); }
+
+ private:
+  const std::shared_ptr<store::Store> base_;
+  const std::string text_;
+  bool is_done_ = false;
+};
+
+TEST_F(RacedEdit, CommitThatIsMadeAndReportedAsFailed_IsNotUndone) {
+  options_.store = std::make_shared<ForgetfulStore>(store_, "\"purging\"");
+  EXPECT_EQ(Code(Everyone()), 0);
+  EXPECT_EQ(ground_.Images().size(), 2u);
+  EXPECT_EQ(ground_.Images().at(std::string(kDisk0) + ".qcow2"), 24 * kMib);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  EXPECT_FALSE(TextOf(*store_, guests::EditKey(kEdited)));
+}
+
+// Else nobody could do anything with the guest until this host starts again.
+TEST_F(RacedEdit, BeginningThatIsMadeAndReportedAsFailed_IsTakenBack) {
+  options_.store = std::make_shared<ForgetfulStore>(store_, "\"doing\"");
+  EXPECT_EQ(Code(Everyone()), 901);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+// What was changed and not synced since.
+class Unsynced {
+ public:
+  void Watch(guests::FileCalls& calls) {
+    calls.create = [this](int folder, const char* name, int* file) {
+      const int error_number = guests::CreateInFolder(folder, name, file);
+      if (error_number == 0) inodes_.insert({InodeOf(folder), InodeOf(*file)});
+      return error_number;
+    };
+    calls.rename = [this](int folder, const char* from, const char* to) {
+      inodes_.insert(InodeOf(folder));
+      return guests::RenameInFolder(folder, from, to);
+    };
+    calls.unlink = [this](int folder, const char* name) {
+      inodes_.insert(InodeOf(folder));
+      return guests::UnlinkInFolder(folder, name);
+    };
+    calls.set_length = [this](int file, std::uint64_t length) {
+      inodes_.insert(InodeOf(file));
+      return guests::SetFileLength(file, length);
+    };
+    calls.write = [this](int file, std::string_view bytes, std::uint64_t offset) {
+      inodes_.insert(InodeOf(file));
+      return guests::WriteToFile(file, bytes, offset);
+    };
+    calls.sync = calls.sync_file = [this](int fd) {
+      inodes_.erase(InodeOf(fd));
+      return guests::SyncFile(fd);
+    };
+  }
+  const std::set<ino_t>& inodes() const { return inodes_; }
+
+ private:
+  static ino_t InodeOf(int fd) {
+    struct stat info {};
+    EXPECT_EQ(::fstat(fd, &info), 0);
+    return info.st_ino;
+  }
+  std::set<ino_t> inodes_;
+};
+
+TEST_F(RacedEdit, BeforeEachCommit_AllThatWasDoneIsOnTheDisk) {
+  const std::string grow_raw = R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk1) + "}]}";
+  for (const bool is_refused : {true, false}) {
+    for (const std::string& edit : {grow_raw, Everyone()}) {
+      SCOPED_TRACE(edit);
+      Unsynced unsynced;
+      unsynced.Watch(options_.file_calls);
+      int commits = 0;
+      options_.before_step = [&](std::string_view step) {
+        if (!step.starts_with("commit ")) return;
+        ++commits;
+        EXPECT_THAT(unsynced.inodes(), IsEmpty()) << step;
+        if (step == "commit records" && is_refused) PutRun(*store_);
+      };
+      EXPECT_EQ(Code(edit), is_refused ? 904 : 0);
+      EXPECT_GE(commits, 3);
+      if (!is_refused) continue;
+      ExpectAsBeforeBut(guests::RunKey(kEdited));
+      RemoveKey(*store_, guests::RunKey(kEdited));
+    }
+  }
+}
+
+// Odd guests.
+
+TEST_F(RacedEdit, FileThatIsAnImageInADriveOfTheGuest_Stays) {
+  Json::Value guest = RecordOf(*store_, "guest", kEdited);
+  guest["iso_images"].append(ground_.Folder() + "/./" + kDisk1 + ".qcow2");
+  PutRecord(*store_, KeyOf("guest", kEdited), guest);
+  EXPECT_EQ(Code(RemoveDisk1()), 0);
+  EXPECT_EQ(ground_.Images(), images_);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+}
+
+TEST_F(RacedEdit, FilesOfRemovedDisksThatStayOrAreMissing_AreToldOnce) {
+  std::filesystem::remove(ground_.PathOf(kDisk1));
+  ClearCapturedSyslog();
+  EXPECT_EQ(Code(RemoveDisk1()), 0);
+  EXPECT_THAT(CapturedSyslog(), SizeIs(1));
+  EXPECT_TRUE(
+      SyslogContains(std::string("Edited guest[") + kEdited + "]: there is no file [" + ground_.PathOf(kDisk1) + "]."));
+}
+
+TEST_F(RacedEdit, GuestThatIsNotWhole_IsRefused) {
+  RemoveKey(*store_, KeyOf("vnic", kNic1));
+  Remember();
+  EXPECT_EQ(Code(R"({"vcpu_num":4})"), 403);
+  EXPECT_EQ(Everything(*store_), records_);
+  Json::Value guest = RecordOf(*store_, "guest", kEdited);
+  for (const char* list : {R"([7])", R"([null])", R"([["x"]])"}) {
+    guest["vnics"] = Parsed(list);
+    PutRecord(*store_, KeyOf("guest", kEdited), guest);
+    EXPECT_EQ(Code(R"({"vcpu_num":4})"), 403) << list;
+  }
+}
+
+TEST_F(RacedEdit, DisksThatNoMachineHasRoomFor_AreRefused) {
+  std::string list;
+  for (int i = 0; i < 5; ++i) list += std::string(i ? "," : "") + R"({"vdisk_size":1,"vdisk_mode":2})";
+  EXPECT_EQ(Code("{\"vdisks_add\":[" + list + "]}"), 401);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+TEST_F(RacedEdit, DisksAndInterfacesOfOthersThatTheGuestLists_AreNotItsOwn) {
+  for (const auto& [category, id] : {std::pair("vdisk", kDisk1), std::pair("vnic", kNic1)}) {
+    Json::Value record = RecordOf(*store_, category, id);
+    record["guest_id"] = kNeighbour;
+    PutRecord(*store_, KeyOf(category, id), record);
+  }
+  Remember();
+  EXPECT_EQ(Code(RemoveDisk1()), 904);
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":99,)" + Id(kDisk1) + "}]}"), 904);
+  EXPECT_EQ(Code(std::string(R"({"vnics_del":[{"vnic_id":")") + kNic1 + "\"}]}"), 903);
+  EXPECT_EQ(Everything(*store_), records_);
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+// A name or address that somebody else gets between the look and the commit.
+TEST(RacedNames, NameOrAddressThatAnotherGuestGetsMeanwhile_IsRefused) {
+  const TestHost host;
+  const EditGround ground;
+  const auto store = cluster::CurrentEnvironment()->store;
+  ground.Fill(*store);
+  for (const auto& [edit, code] : {std::pair(R"({"name":"wanted"})", 902),
+                                   std::pair(R"({"vnics_add":[{"network_id":"","mac":"02:00:00:00:00:77"}]})", 903)}) {
+    SCOPED_TRACE(edit);
+    EditOptions options = ground.Options(store);
+    bool is_done = false;
+    options.before_step = [&, edit = edit](std::string_view step) {
+      if (step != "commit" || std::exchange(is_done, true)) return;
+      EXPECT_FALSE(Edits(ground.Options(store)).Edit(kNeighbour, Parsed(edit), Alice()));
+    };
+    const Json::Value before = RecordOf(*store, "guest", kEdited);
+    const Refused refused = Edits(options).Edit(kEdited, Parsed(edit), Alice());
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, code);
+    EXPECT_EQ(RecordOf(*store, "guest", kEdited), before);
+  }
+}
+
+}  // namespace
+}  // namespace vexa::test

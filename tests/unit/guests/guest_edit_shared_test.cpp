@@ -1,0 +1,153 @@
+// Edits beside others who have the same files, the same guest or the same records.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <set>
+#include <utility>
+
+#include "host/records/environment.h"
+#include "tests/unit/guests/guest_edit_ground.h"
+
+namespace vexa::test {
+namespace {
+
+using guests::EditOptions;
+using guests::Edits;
+using guests::Refused;
+using testing::HasSubstr;
+
+std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
+std::string Grow(const char* id) { return R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(id) + "}]}"; }
+
+class SharedEdit : public testing::Test {
+ protected:
+  SharedEdit() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
+    ground_.Fill(*store_);
+    Remember();
+  }
+  void Remember() {
+    records_ = Everything(*store_);
+    images_ = ground_.Images();
+  }
+  Refused Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
+  int Code(const std::string& edit) {
+    const Refused refused = Edit(edit);
+    return refused ? refused->code : 0;
+  }
+  void ExpectAsBefore() {
+    EXPECT_EQ(Everything(*store_), records_);
+    EXPECT_EQ(ground_.Images(), images_);
+  }
+  // Calls `act` before the first step of this name.
+  void At(const std::string& step, std::function<void()> act) {
+    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
+      if (now == step && !std::exchange(done, true)) act();
+    };
+  }
+
+  const EditGround ground_;
+  const std::shared_ptr<FaultyStore> store_;
+  EditOptions options_;
+  Texts records_;
+  std::map<std::string, std::int64_t> images_;
+};
+
+// The other guest may be running: neither its image's header nor its length is to change under it.
+TEST_F(SharedEdit, FileThatAnotherGuestsDiskNames_DoesNotGrow) {
+  std::filesystem::create_directory_symlink(ground_.File("images"), ground_.File("alias"));
+  const std::string aliased = ground_.File(std::string("alias/") + kRepository + "/");
+  for (const char* disk : {kDisk0, kDisk1}) {
+    for (const std::string& path : {ground_.PathOf(disk), aliased + disk + ".qcow2"}) {
+      SCOPED_TRACE(path);
+      PutDisk(*store_, "disk-of-neighbour", kNeighbour, path);
+      Remember();
+      const Refused refused = Edit(Grow(disk));
+      ASSERT_TRUE(refused);
+      EXPECT_EQ(refused->code, 904);
+      EXPECT_THAT(refused->reason, HasSubstr("another disk"));
+      ExpectAsBefore();
+    }
+  }
+  RemoveKey(*store_, KeyOf("vdisk", "disk-of-neighbour"));
+  EXPECT_EQ(Code(Grow(kDisk0)), 0);
+}
+
+TEST_F(SharedEdit, FileOfTwoDisksOfTheGuest_GrowsOnceTheOtherDiskGoes) {
+  Json::Value disk = RecordOf(*store_, "vdisk", kDisk1);
+  disk["path"] = ground_.PathOf(kDisk0);
+  PutRecord(*store_, KeyOf("vdisk", kDisk1), disk);
+  Remember();
+  EXPECT_EQ(Code(Grow(kDisk0)), 904);
+  const std::string both =
+      R"("vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk0) + R"(},{"vdisk_size":48,"vdisk_mode":2,)" + Id(kDisk1) + "}]";
+  EXPECT_EQ(Code("{" + both + "}"), 904);
+  ExpectAsBefore();
+  EXPECT_EQ(Code(R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk0) + R"(}],"vdisks_del":[{)" + Id(kDisk1) + "}]}"),
+            0);
+  EXPECT_EQ(ground_.Images().at(std::string(kDisk0) + ".qcow2"), 48 << 20);
+}
+
+// An import, say, of a guest that is to have the file.
+TEST_F(SharedEdit, FileThatAnotherDiskGets_WhileItIsHidden_IsLeft) {
+  At("sync done 0", [&] { PutDisk(*store_, "new-disk", kNeighbour, ground_.PathOf(kDisk1)); });
+  EXPECT_EQ(Code(R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 0);
+  EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
+  EXPECT_FALSE(RecordOf(*store_, "vdisk", "new-disk").isNull());
+  EXPECT_EQ(ground_.Images(), images_);
+}
+
+// Else the folder may be gone after a power failure, and the disk with it, while the records name it.
+TEST_F(SharedEdit, NewFolderOfARepository_IsOnTheDiskBeforeTheRecordsAre) {
+  for (const bool is_there : {false, true}) {
+    if (!is_there) std::filesystem::remove_all(ground_.Folder());
+    struct stat root {};
+    ASSERT_EQ(::stat(ground_.File("images").c_str(), &root), 0);
+    std::vector<bool> are_root;
+    options_.file_calls.sync = [&](int folder) {
+      struct stat info {};
+      EXPECT_EQ(::fstat(folder, &info), 0);
+      are_root.push_back(info.st_ino == root.st_ino);
+      return guests::SyncFolder(folder);
+    };
+    bool is_synced = false;
+    At("commit records", [&] { is_synced = are_root == std::vector<bool>{true, false}; });
+    EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
+    EXPECT_TRUE(is_synced);
+    EXPECT_EQ(ground_.Images().size(), is_there ? 2u : 1u);
+  }
+}
+
+// Else whoever may put images into drives could look into a disk by another way to it.
+TEST_F(SharedEdit, DiskThatIsNamedByAnotherWay_IsNoImage) {
+  std::filesystem::create_directory_symlink(ground_.File("images"), ground_.File("alias"));
+  const std::string file = std::string("/") + kRepository + "/data.iso";
+  WriteFile(ground_.File("images") + file);
+  PutDisk(*store_, "disk-of-neighbour", kNeighbour, ground_.File("alias") + file);
+  Remember();
+  for (const char* folder : {"images", "alias"}) {
+    const Refused refused = Edit("{\"iso_images\":[\"" + ground_.File(folder) + file + "\"]}");
+    ASSERT_TRUE(refused) << folder;
+    EXPECT_EQ(refused->code, 932);
+    EXPECT_EQ(Everything(*store_), records_);
+  }
+}
+
+// The guest's record stays as it is, so what chose the name is what must be compared.
+TEST_F(SharedEdit, TwoDisksThatGoToOneBusOnTwoHosts_GetTwoNames) {
+  RemoveKey(*store_, KeyOf("repository", kRepository));  // so that any host may
+  const auto to_scsi = [](const char* disk, int mib) {
+    return R"({"vdisks_edit":[{"vdisk_mode":3,"vdisk_size":)" + std::to_string(mib) + "," + Id(disk) + "}]}";
+  };
+  At("commit", [&] {
+    EditOptions other = ground_.Options(store_);
+    other.host_id = kOtherHost;
+    EXPECT_FALSE(Edits(other).Edit(kEdited, Parsed(to_scsi(kDisk1, 16)), Alice()));
+  });
+  EXPECT_EQ(Code(to_scsi(kDisk0, 8)), 0);
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk1)["name"], "sda");
+  EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["name"], "sdb");
+}
+
+}  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,563 @@
+// The hypervisor on libvirt's test driver: what only this mode can show, and what libvirt's faults become.
+#include "host/hypervisor/hypervisor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "host/base/files.h"
+#include "host/hypervisor/driver_uri.h"
+#include "host/hypervisor/kvm_probe.h"
+#include "host/hypervisor/libvirt_errors.h"
+#include "tests/support/guest_events.h"
+#include "tests/support/libvirt_faults.h"
+#include "tests/unit/storage/temporary_folder.h"
+
+namespace vexa::hypervisor {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char* kGuest = "11111111-2222-4333-8444-555555555555";
+
+std::string Xml(const std::string& network = "default", int memory_mib = 64, const std::string& id = kGuest,
+                const std::string& name = "guest") {
+  return "<domain type='test'><name>" + name + "</name><uuid>" + id + "</uuid><memory unit='MiB'>" +
+         std::to_string(memory_mib) +
+         "</memory><os><type>hvm</type></os><devices><interface type='network'><mac address='52:54:00:00:00:01'/>"
+         "<source network='" +
+         network + "'/></interface></devices></domain>";
+}
+
+template <class T>
+std::string Word(const Outcome<T>& outcome) {
+  return outcome.ok() ? "ok" : std::string(ProblemName(outcome.failure().problem()));
+}
+
+std::unique_ptr<Hypervisor> MustOpen(HypervisorOptions options = {}) {
+  Outcome<std::unique_ptr<Hypervisor>> opened = Hypervisor::Open(std::move(options));
+  EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.failure().ToString());
+  return opened.ok() ? std::move(*opened) : nullptr;
+}
+
+std::string OpenWord(const std::string& mode, const std::string& root = "") {
+  HypervisorOptions options;
+  options.mode = mode;
+  options.root = root;
+  return Word(Hypervisor::Open(std::move(options)));
+}
+
+// A hypervisor with one guest, off, and its events.
+class TestMode : public ::testing::Test {
+ protected:
+  void SetUp() override { Open({}); }
+  void TearDown() override {
+    test::LosePresses(0);
+    test::PretendXml("");
+  }
+
+  void Open(HypervisorOptions options, const std::string& xml = Xml()) {
+    hypervisor_.reset();
+    events_.Listen(options);
+    hypervisor_ = MustOpen(std::move(options));
+    ASSERT_TRUE(hypervisor_);
+    ASSERT_EQ(Word(hypervisor_->Define(xml)), "ok");
+  }
+  void Start() { ASSERT_EQ(Word(hypervisor_->Start(kGuest)), "ok"); }
+  GuestState State() {
+    const Outcome<GuestState> state = hypervisor_->StateOf(kGuest);
+    EXPECT_TRUE(state.ok());
+    return state.ok() ? *state : GuestState::kGone;
+  }
+  test::GuestEvents events_;
+  std::unique_ptr<Hypervisor> hypervisor_;
+};
+
+// --- opening
+
+TEST(HypervisorOpen, BadOptions_AreRefused) {
+  EXPECT_EQ(OpenWord(""), "invalid");
+  EXPECT_EQ(OpenWord("kvm"), "invalid");
+  EXPECT_EQ(OpenWord("qemu:///system\n"), "invalid");
+  EXPECT_EQ(OpenWord("embed"), "invalid");
+  EXPECT_EQ(OpenWord("embed", "relative/folder"), "invalid");
+  HypervisorOptions options;
+  options.first_retry = milliseconds(0);
+  EXPECT_EQ(Word(Hypervisor::Open(options)), "invalid");
+  options.first_retry = seconds(60);
+  EXPECT_EQ(Word(Hypervisor::Open(options)), "invalid");
+}
+
+TEST(HypervisorOpen, EmbedAsRootWithoutItsUser_IsDenied) {
+  if (geteuid() != 0 || getpwnam("libvirt-qemu") != nullptr) GTEST_SKIP() << "not root, or there is such a user";
+  const TemporaryFolder folder;
+  EXPECT_EQ(OpenWord("embed", folder.path()), "denied");
+}
+
+TEST(HypervisorOpen, DaemonThatIsNotThere_IsAFailure) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(OpenWord("test+unix:///default?socket=" + folder.Path("no.sock")), "disconnected");
+  EXPECT_EQ(OpenWord("test://" + folder.Path("no.xml")), "invalid");
+}
+
+HypervisorOptions Later(const std::string& mode) {
+  HypervisorOptions options;
+  options.mode = mode;
+  options.open_later = OpenLater::kWhenUnreachable;
+  options.first_retry = milliseconds(5);
+  options.last_retry = milliseconds(20);
+  return options;
+}
+
+TEST(HypervisorOpen, LaterWhenTheDaemonIsNotThere_IsDisconnected) {
+  const TemporaryFolder folder;
+  for (const char* driver : {"test+unix:///default", "qemu+unix:///system"}) {
+    const auto hypervisor = MustOpen(Later(driver + ("?socket=" + folder.Path("no.sock"))));
+    ASSERT_TRUE(hypervisor);
+    EXPECT_FALSE(hypervisor->IsConnected());
+    EXPECT_EQ(Word(hypervisor->List()), "disconnected");
+    EXPECT_EQ(hypervisor->DomainType(), "qemu");
+  }
+}
+
+TEST(HypervisorOpen, LaterWithWhatNeverWorks_IsAFailure) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(Word(Hypervisor::Open(Later("test://" + folder.Path("no.xml")))), "invalid");
+  {
+    const test::FailingOpenings unknown({VIR_ERR_NO_CONNECT, "no connection driver available"});
+    EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "unsupported");
+  }
+  const test::FailingOpenings denied({VIR_ERR_AUTH_FAILED, "authentication failed"});
+  EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "denied");
+}
+
+TEST(HypervisorOpen, Later_IsOpenedInTheBackgroundAndTold) {
+  test::GuestEvents events;
+  HypervisorOptions options = Later("test:///default");
+  events.Listen(options);
+  std::unique_ptr<Hypervisor> hypervisor;
+  {
+    const test::FailingOpenings unreachable({VIR_ERR_SYSTEM_ERROR, "Failed to connect socket", ENOENT, VIR_FROM_RPC});
+    hypervisor = MustOpen(options);
+    ASSERT_TRUE(hypervisor);
+    while (test::Openings() < 3) std::this_thread::sleep_for(milliseconds(5));
+    EXPECT_FALSE(hypervisor->IsConnected());
+    EXPECT_EQ(events.reopenings(), 0);
+    EXPECT_EQ(hypervisor->DomainType(), "qemu");
+  }
+  ASSERT_TRUE(events.AwaitReopenings(1));
+  EXPECT_TRUE(hypervisor->IsConnected());
+  EXPECT_EQ(hypervisor->DomainType(), "test");
+  EXPECT_EQ(hypervisor->List()->size(), 1u);
+}
+
+TEST(HypervisorOpen, TestMode_IsAMachineOfItsOwnWithoutGuests) {
+  const auto first = MustOpen();
+  const auto second = MustOpen();
+  ASSERT_TRUE(first && second);
+  EXPECT_THAT(*first->List(), IsEmpty());
+  ASSERT_EQ(Word(first->Define(Xml())), "ok");
+  EXPECT_EQ(first->List()->size(), 1u);
+  EXPECT_THAT(*second->List(), IsEmpty());
+  EXPECT_EQ(first->DomainType(), "test");
+}
+
+TEST(HypervisorOpen, Uri_IsOpenedAsItIs) {
+  HypervisorOptions options;
+  options.mode = "test:///default";
+  const auto hypervisor = MustOpen(options);
+  ASSERT_TRUE(hypervisor);
+  EXPECT_EQ(hypervisor->DomainType(), "test");
+  EXPECT_EQ((*hypervisor->List())[0].name, "test");  // the sample domain of this URI
+}
+
+TEST(HypervisorTestMode, Machine_IsThisOne) {
+  const auto hypervisor = MustOpen();
+  ASSERT_TRUE(hypervisor);
+  const Outcome<Node> node = hypervisor->NodeFigures();
+  ASSERT_TRUE(node.ok());
+  EXPECT_EQ(node->cpus, std::thread::hardware_concurrency());
+  EXPECT_EQ(node->cores * node->threads_per_core, node->cpus);
+  EXPECT_EQ(node->cpu_model, "x86_64");
+}
+
+TEST(KvmProbe, DeviceThatIsNone_DoesNotWork) {
+  EXPECT_FALSE(KvmWorks("/dev/null"));
+  EXPECT_FALSE(KvmWorks("/nowhere"));
+  EXPECT_FALSE(KvmWorks(""));
+}
+
+TEST_F(TestMode, Networks_OfTheTestDriver_AreNamed) {
+  const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
+  ASSERT_TRUE(networks.ok());
+  EXPECT_THAT(*networks, ElementsAre("default"));
+}
+
+TEST_F(TestMode, Networks_OfADriverWithoutThem_AreNone) {
+  const test::FailingNetworks none({VIR_ERR_NO_SUPPORT, "this function is not supported"});
+  const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
+  ASSERT_TRUE(networks.ok());
+  EXPECT_THAT(*networks, IsEmpty());
+}
+
+TEST_F(TestMode, Networks_ThatCannotBeListed_AreAFailure) {
+  const test::FailingNetworks fault({VIR_ERR_INTERNAL_ERROR, "something"});
+  EXPECT_EQ(Word(hypervisor_->Networks()), "failed");
+}
+
+// --- power
+
+TEST_F(TestMode, ShutDown_RunningGuest_IsOffAndTold) {
+  Start();
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "ok");
+  EXPECT_EQ(State(), GuestState::kOff);
+  EXPECT_THAT(events_.Await(kGuest, 3), ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff));
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "not_running");
+}
+
+TEST_F(TestMode, ShutDown_PressesThatAreLost_AreRepeated) {
+  Start();
+  test::LosePresses(2);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), milliseconds(20)})), "ok");
+  EXPECT_EQ(test::Presses(), 3);
+  EXPECT_EQ(State(), GuestState::kOff);
+}
+
+TEST_F(TestMode, ShutDown_GuestThatIsOffBeforeTheAnswer_Succeeds) {
+  Start();
+  const test::QuickPresses quick;
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
+  EXPECT_EQ(State(), GuestState::kOff);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "not_running");
+}
+
+TEST_F(TestMode, ShutDown_GuestThatNeverListens_IsStillRunning) {
+  Start();
+  test::LosePresses(1000);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {milliseconds(100), milliseconds(20)})), "still_running");
+  EXPECT_EQ(State(), GuestState::kRunning);
+  EXPECT_GE(test::Presses(), 2);
+}
+
+TEST_F(TestMode, ShutDown_WithoutPatience_PressesOnce) {
+  Start();
+  test::LosePresses(1000);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "ok");
+  EXPECT_EQ(test::Presses(), 1);
+  EXPECT_EQ(State(), GuestState::kRunning);
+}
+
+TEST_F(TestMode, ShutDown_GuestThatSomebodyElsePowersOff_Ends) {
+  Start();
+  test::LosePresses(1000);
+  std::thread other([&] {
+    while (test::Presses() == 0) std::this_thread::sleep_for(milliseconds(5));
+    EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "ok");
+    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "ok");
+  });
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
+  other.join();
+}
+
+TEST_F(TestMode, AddressesOf_GuestInAKnownNetwork_AreInvented) {
+  Start();
+  const Outcome<std::vector<std::string>> addresses = hypervisor_->AddressesOf(kGuest);
+  ASSERT_TRUE(addresses.ok());
+  EXPECT_THAT(*addresses, ElementsAre(testing::StartsWith("192.168.122.")));
+}
+
+TEST_F(TestMode, AddressesOf_GuestInAnUnknownNetwork_AreNone) {
+  Open({}, Xml("nowhere"));
+  Start();
+  const Outcome<std::vector<std::string>> addresses = hypervisor_->AddressesOf(kGuest);
+  ASSERT_TRUE(addresses.ok());
+  EXPECT_THAT(*addresses, IsEmpty());
+}
+
+TEST_F(TestMode, InterfacesOf_GuestInANetworkOfLibvirts_AreOnItsBridge) {
+  Start();
+  const auto interfaces = hypervisor_->InterfacesOf(kGuest);
+  ASSERT_TRUE(interfaces.ok()) << interfaces.failure().ToString();
+  ASSERT_EQ(interfaces->size(), 1U);
+  const GuestInterface& interface = interfaces->front();
+  EXPECT_EQ(interface.mac, "52:54:00:00:00:01");
+  EXPECT_EQ(interface.plugged_into, PluggedInto::kNetwork);
+  EXPECT_EQ(interface.network, "default");
+  EXPECT_EQ(interface.device, "virbr0");
+  EXPECT_TRUE(interface.is_link_up);
+}
+
+TEST_F(TestMode, InterfacesOf_NetworkThatIsNotKnown_SaysNoDevice) {
+  Open({}, Xml("nowhere"));
+  Start();
+  const auto interfaces = hypervisor_->InterfacesOf(kGuest);
+  ASSERT_TRUE(interfaces.ok());
+  ASSERT_EQ(interfaces->size(), 1U);
+  EXPECT_EQ(interfaces->front().network, "nowhere");
+}
+
+TEST_F(TestMode, InterfacesOf_GuestThatIsOffOrUnknown_AreRefused) {
+  EXPECT_EQ(Word(hypervisor_->InterfacesOf(kGuest)), "not_running");
+  EXPECT_EQ(Word(hypervisor_->InterfacesOf("99999999-2222-4333-8444-555555555555")), "no_such_guest");
+}
+
+TEST_F(TestMode, HasAgent_ChannelThatIsConnected_IsTrue) {
+  Start();
+  const auto channel = [](const std::string& name, const std::string& state) {
+    return "<domain><devices><channel type='unix'><target type='virtio' name='" + name + "' state='" + state +
+           "'/></channel></devices></domain>";
+  };
+  test::PretendXml(channel("org.qemu.guest_agent.0", "connected"));
+  EXPECT_TRUE(*hypervisor_->HasAgent(kGuest));
+  test::PretendXml(channel("org.qemu.guest_agent.0", "disconnected"));
+  EXPECT_FALSE(*hypervisor_->HasAgent(kGuest));
+  test::PretendXml(channel("com.redhat.spice.0", "connected"));
+  EXPECT_FALSE(*hypervisor_->HasAgent(kGuest));
+}
+
+TEST_F(TestMode, Start_InTestMode_NeedsNoMemory) {
+  Open({}, Xml("default", 2'000'000));
+  Start();
+}
+
+TEST(HypervisorMemory, Start_MoreThanTheHostHas_IsRefusedFirst) {
+  HypervisorOptions options;
+  options.mode = "test:///default";
+  options.memory_check = MemoryCheck::kAlways;
+  const auto hypervisor = MustOpen(options);
+  ASSERT_TRUE(hypervisor);
+  const std::uint64_t free_mib = *hypervisor->FreeMemory() >> 20;
+  constexpr const char* kOther = "11111111-2222-4333-8444-666666666666";
+  ASSERT_EQ(Word(hypervisor->Define(Xml("default", static_cast<int>(free_mib) + 1))), "ok");
+  ASSERT_EQ(Word(hypervisor->Define(Xml("default", static_cast<int>(free_mib), kOther, "other"))), "ok");
+  EXPECT_EQ(Word(hypervisor->Start(kGuest)), "no_memory");
+  EXPECT_EQ(*hypervisor->StateOf(kGuest), GuestState::kOff);
+  EXPECT_EQ(Word(hypervisor->Start(kOther)), "ok");
+  EXPECT_EQ(Word(hypervisor->Start(kOther)), "already_running");
+}
+
+TEST_F(TestMode, Errors_AreNotPrinted) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "not_running");
+  EXPECT_EQ(Word(hypervisor_->Define("<domain")), "invalid");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+// --- libvirt's errors
+
+struct StartRow {
+  const char* name;
+  test::LibvirtError error;
+  Problem problem;
+};
+void PrintTo(const StartRow& row, std::ostream* out) { *out << row.name; }
+class StartErrors : public TestMode, public ::testing::WithParamInterface<StartRow> {};
+
+TEST_P(StartErrors, OfLibvirt_BecomeTheirMeaning) {
+  {
+    const test::FailingStarts fault(GetParam().error);
+    const Outcome<void> started = hypervisor_->Start(kGuest);
+    ASSERT_FALSE(started.ok());
+    EXPECT_EQ(started.failure().problem(), GetParam().problem);
+    EXPECT_THAT(started.failure().ToString(), HasSubstr(kGuest));
+    EXPECT_THAT(started.failure().ToString(), HasSubstr(GetParam().error.message));
+    EXPECT_EQ(Status(started).error().code(), CodeOf(GetParam().problem));
+  }
+  EXPECT_EQ(State(), GuestState::kOff);
+  Start();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, StartErrors,
+    testing::Values(
+        StartRow{"AlreadyRunning", {VIR_ERR_OPERATION_INVALID, "domain is already running"}, Problem::kAlreadyRunning},
+        StartRow{"AlreadyRunningInTestMode", {1, "Domain 'g' is already running"}, Problem::kAlreadyRunning},
+        StartRow{"NetworkMissing", {VIR_ERR_NO_NETWORK, "no network with matching name"}, Problem::kNetworkMissing},
+        StartRow{
+            "NetworkInactive", {VIR_ERR_OPERATION_INVALID, "network 'lab' is not active"}, Problem::kNetworkMissing},
+        StartRow{"NetworkDaemonMissing",
+                 {38, "Failed to connect socket to '/run/libvirt/virtnetworkd-sock'", ENOENT, VIR_FROM_RPC},
+                 Problem::kNetworkMissing},
+        StartRow{"BridgeMissing", {38, "Cannot get interface MTU on 'br7'", ENODEV}, Problem::kBridgeMissing},
+        StartRow{"DiskMissing", {38, "Cannot access storage file '/x.qcow2'", ENOENT}, Problem::kDiskMissing},
+        StartRow{"DiskDenied", {38, "Cannot access storage file '/x.qcow2'", EACCES}, Problem::kDenied},
+        StartRow{"SystemError", {38, "Cannot do it", EIO}, Problem::kFailed},
+        StartRow{"NoMemory", {1, "qemu: cannot set up guest memory: Cannot allocate memory"}, Problem::kNoMemory},
+        StartRow{"CpuIncompatible", {91, "the CPU is incompatible with host CPU"}, Problem::kCpuIncompatible},
+        StartRow{"CpuFeaturesMissing",
+                 {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match its definition: missing features: vmx"},
+                 Problem::kCpuIncompatible},
+        StartRow{"CpuNotProvided",
+                 {1, "unsupported: Host CPU does not provide required features: avx2"},
+                 Problem::kCpuIncompatible},
+        StartRow{"Busy", {VIR_ERR_OPERATION_TIMEOUT, "cannot acquire state change lock"}, Problem::kBusy},
+        StartRow{"AgentAbsent", {VIR_ERR_AGENT_UNRESPONSIVE, "agent is not connected"}, Problem::kAgentAbsent},
+        StartRow{"Denied", {VIR_ERR_OPERATION_DENIED, "read only"}, Problem::kDenied},
+        StartRow{"Unsupported", {VIR_ERR_CONFIG_UNSUPPORTED, "no such machine"}, Problem::kInvalid},
+        StartRow{"NoSupport", {VIR_ERR_NO_SUPPORT, "not implemented"}, Problem::kUnsupported},
+        StartRow{"NoDomain", {VIR_ERR_NO_DOMAIN, "gone"}, Problem::kNoSuchGuest},
+        StartRow{"Rpc", {38, "Cannot write data", EPIPE, VIR_FROM_RPC}, Problem::kDisconnected},
+        StartRow{"Other", {1, "something else"}, Problem::kFailed}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(TestMode, Start_OnABridgeThatIsNotThere_SaysSoWhateverLibvirtSays) {
+  const std::string xml = Xml();
+  const auto on = [&](const std::string& bridge) {
+    std::string text = xml;
+    const std::string network = "<interface type='network'>";
+    text.replace(text.find(network), network.size(), "<interface type='bridge'>");
+    const std::string source = "<source network='default'/>";
+    return text.replace(text.find(source), source.size(), "<source bridge='" + bridge + "'/>");
+  };
+  const test::FailingStarts fault({1, "failed to parse default acl file `/etc/qemu/bridge.conf'"});
+  ASSERT_EQ(Word(hypervisor_->Define(on("vexa-none0"))), "ok");
+  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "bridge_missing");
+  ASSERT_EQ(Word(hypervisor_->Define(on("lo"))), "ok");
+  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "denied");
+}
+
+TEST(Translate, SameCode_MeansOneThingHereAndAnotherThere) {
+  virError error{};
+  error.code = VIR_ERR_OPERATION_INVALID;
+  EXPECT_EQ(Translate(Operation::kStart, error), Problem::kAlreadyRunning);
+  EXPECT_EQ(Translate(Operation::kUndefine, error), Problem::kAlreadyRunning);
+  EXPECT_EQ(Translate(Operation::kStop, error), Problem::kNotRunning);
+  EXPECT_EQ(Translate(Operation::kRead, error), Problem::kNotRunning);
+  EXPECT_EQ(Translate(Operation::kDefine, error), Problem::kFailed);
+  error.code = VIR_ERR_OPERATION_FAILED;
+  EXPECT_EQ(Translate(Operation::kDefine, error), Problem::kExists);
+  EXPECT_EQ(Translate(Operation::kStop, error), Problem::kFailed);
+  error.code = VIR_ERR_SYSTEM_ERROR;
+  error.int1 = ENOENT;
+  EXPECT_EQ(Translate(Operation::kStart, error), Problem::kDiskMissing);
+  EXPECT_EQ(Translate(Operation::kStop, error), Problem::kFailed);
+  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDisconnected);
+  error.code = VIR_ERR_INTERNAL_ERROR;
+  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kFailed);
+  error.domain = VIR_FROM_RPC;
+  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDisconnected);
+  error.code = VIR_ERR_SYSTEM_ERROR;
+  error.int1 = EACCES;
+  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDenied);
+}
+
+TEST(Problems, EachHasAWordAndACode) {
+  EXPECT_EQ(ProblemName(Problem::kStillRunning), "still_running");
+  EXPECT_EQ(CodeOf(Problem::kNoSuchGuest), ErrorCode::kNotFound);
+  EXPECT_EQ(CodeOf(Problem::kNoMemory), ErrorCode::kNoSpace);
+  EXPECT_EQ(CodeOf(Problem::kDisconnected), ErrorCode::kUnavailable);
+}
+
+// --- the connection
+
+TEST_F(TestMode, Reconnect_OpensAgainAndTells) {
+  Start();
+  events_.Await(kGuest, 2);
+  hypervisor_->Reconnect();
+  ASSERT_TRUE(events_.AwaitReopenings(1));
+  EXPECT_TRUE(hypervisor_->IsConnected());
+  // The test driver has forgotten all guests; what is restored works and is told as before.
+  EXPECT_THAT(*hypervisor_->List(), IsEmpty());
+  ASSERT_EQ(Word(hypervisor_->Define(Xml())), "ok");
+  Start();
+  EXPECT_THAT(events_.Await(kGuest, 4),
+              ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff, GuestState::kRunning));
+}
+
+TEST_F(TestMode, CloseOfLibvirt_OpensAgain) {
+  test::CloseLastConnection();
+  ASSERT_TRUE(events_.AwaitReopenings(1));
+  EXPECT_EQ(Word(hypervisor_->Define(Xml())), "ok");
+  test::CloseLastConnection();
+  ASSERT_TRUE(events_.AwaitReopenings(2));
+}
+
+TEST_F(TestMode, Calls_OnADeadConnection_OpenAnother) {
+  {
+    const test::DeadConnections dead;
+    EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "disconnected");
+  }
+  ASSERT_TRUE(events_.AwaitReopenings(1));
+  EXPECT_EQ(Word(hypervisor_->StateOf(kGuest)), "no_such_guest");
+}
+
+TEST_F(TestMode, Calls_WhileDisconnected_FailAtOnce) {
+  HypervisorOptions options;
+  options.first_retry = std::chrono::hours(1);
+  options.last_retry = std::chrono::hours(1);
+  Open(options);
+  hypervisor_->Reconnect();
+  EXPECT_FALSE(hypervisor_->IsConnected());
+  EXPECT_EQ(Word(hypervisor_->Define(Xml())), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->Reboot(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->StateOf(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->List()), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->AddressesOf(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->HasAgent(kGuest)), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->Networks()), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->FreeMemory()), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->NodeFigures()), "disconnected");
+  // Its end does not wait for the hour.
+  hypervisor_.reset();
+}
+
+TEST_F(TestMode, Reopening_ThatFails_IsTriedAgain) {
+  const TemporaryFolder folder;
+  const std::string file = folder.Path("node.xml");
+  ASSERT_TRUE(WriteFileAtomically(file, TestNodeXml(), 0600).ok());
+  HypervisorOptions options;
+  options.mode = "test://" + file;
+  options.first_retry = milliseconds(5);
+  options.last_retry = milliseconds(20);
+  Open(options);
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  hypervisor_->Reconnect();
+  std::this_thread::sleep_for(milliseconds(100));  // some tries
+  EXPECT_FALSE(hypervisor_->IsConnected());
+  EXPECT_EQ(events_.reopenings(), 0);
+  ASSERT_TRUE(WriteFileAtomically(file, TestNodeXml(), 0600).ok());
+  ASSERT_TRUE(events_.AwaitReopenings(1));
+  EXPECT_TRUE(hypervisor_->IsConnected());
+  EXPECT_THAT(*hypervisor_->List(), IsEmpty());
+}
+
+TEST_F(TestMode, Reconnect_WhileOthersCall_BreaksNothing) {
+  HypervisorOptions options;
+  options.first_retry = milliseconds(1);
+  Open(options);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      while (!stop) {
+        hypervisor_->Define(Xml()).ok();
+        EXPECT_THAT(Word(hypervisor_->Start(kGuest)),
+                    testing::AnyOf("ok", "already_running", "no_such_guest", "disconnected"));
+        EXPECT_THAT(Word(hypervisor_->PowerOff(kGuest)),
+                    testing::AnyOf("ok", "not_running", "no_such_guest", "disconnected"));
+      }
+    });
+  }
+  for (int i = 1; i <= 10; ++i) {
+    hypervisor_->Reconnect();
+    EXPECT_TRUE(events_.AwaitReopenings(i));
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+}  // namespace vexa::hypervisor

@@ -1,0 +1,561 @@
+#include "host/session/sessions.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/base/files.h"
+#include "host/base/json_parse.h"
+#include "host/session/session_token.h"
+#include "tests/unit/storage/temporary_folder.h"
+
+namespace vexa::daemon {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::int64_t kStart = 1'800'000'000;
+constexpr std::uint32_t kUid = 1'900'000'002;
+
+class SessionsTest : public testing::Test {
+ protected:
+  SessionsTest() {
+    options_.now = [this] { return now_.load(); };
+  }
+  std::string path() const { return folder_.Path("sessions.json"); }
+  std::unique_ptr<SessionTable> Open() const {
+    auto opened = SessionTable::Open(path(), options_);
+    EXPECT_TRUE(opened.ok()) << opened.error().ToString();
+    return opened.ok() ? std::move(opened).value() : nullptr;
+  }
+  static NewSession Create(SessionTable& table, const std::string& user) {
+    auto created = table.Create({user, kUid});
+    EXPECT_TRUE(created.ok()) << created.error().ToString();
+    return created.ok() ? *created : NewSession{};
+  }
+  static std::string UserOf(SessionTable& table, const std::string& token) {
+    const auto found = table.Find(token);
+    if (!found) return "none";
+    EXPECT_EQ(found->uid, kUid);
+    return found->name;
+  }
+  std::string Text() const {
+    auto text = ReadFile(path(), 1 << 24);
+    return text.ok() ? *text : "";
+  }
+  std::size_t InFile() const { return (*ParseJson(Text()))["sessions"].size(); }
+  // Root ignores permission bits, so the folder goes away under the table.
+  void BreakWriting() const { fs::rename(folder_.path(), folder_.path() + ".away"); }
+  void RepairWriting() const { fs::rename(folder_.path() + ".away", folder_.path()); }
+
+  TemporaryFolder folder_;
+  SessionOptions options_;
+  std::atomic<std::int64_t> now_{kStart};
+};
+
+ErrorCode CodeOf(const Result<std::unique_ptr<SessionTable>>& result) {
+  EXPECT_FALSE(result.ok());
+  return result.ok() ? ErrorCode::kInternal : result.error().code();
+}
+
+TEST(SessionToken, Encoding_KnownBytes_IsBase64Url) {
+  Hash bytes{};
+  EXPECT_EQ(EncodeHash(bytes), std::string(43, 'A'));
+  bytes.fill(0xFF);
+  EXPECT_EQ(EncodeHash(bytes), std::string(42, '_') + "8");
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 8 + 3);
+  EXPECT_EQ(EncodeHash(bytes), "AwsTGyMrMztDS1NbY2tze4OLk5ujq7O7w8vT2-Pr8_s");
+  EXPECT_EQ(DecodeHash(EncodeHash(bytes)), bytes);
+}
+
+TEST(SessionToken, Decoding_AnythingElse_IsRefused) {
+  EXPECT_FALSE(DecodeHash(std::string(42, 'A')));
+  EXPECT_FALSE(DecodeHash(std::string(44, 'A')));
+  EXPECT_FALSE(DecodeHash(std::string(42, 'A') + "B")) << "bits left over";
+  EXPECT_FALSE(DecodeHash(std::string(42, 'A') + "="));
+  EXPECT_FALSE(DecodeHash(std::string(42, 'A') + "+"));
+  EXPECT_FALSE(DecodeHash(std::string(42, 'A') + std::string("\0", 1)));
+}
+
+TEST(SessionToken, Hash_KnownText_IsItsSha256) {
+  // FIPS 180-2, "abc".
+  EXPECT_EQ(EncodeHash(*HashOf("abc")), "ungWv48Bz-pBQUDeXa4iI7ADYaOWF3qctBD_YfIAFa0");
+}
+
+TEST_F(SessionsTest, Create_ThenFind_GivesTheUser) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  const NewSession bob = Create(*table, "DOM\\bob");
+  EXPECT_TRUE(IsTokenShaped(alice.token));
+  EXPECT_TRUE(IsTokenShaped(alice.csrf_token));
+  EXPECT_EQ((std::set<std::string>{alice.token, alice.csrf_token, bob.token, bob.csrf_token}).size(), 4u);
+  EXPECT_EQ(UserOf(*table, alice.token), "alice");
+  EXPECT_EQ(UserOf(*table, bob.token), "DOM\\bob");
+  EXPECT_EQ(table->size(), 2u);
+}
+
+TEST_F(SessionsTest, Find_UnknownOrMalformed_IsEmpty) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  for (const std::string& token :
+       {std::string(), std::string(43, 'A'), alice.csrf_token, alice.token + "A", alice.token.substr(1),
+        alice.token + "=", alice.token.substr(0, 42) + std::string("\0", 1), std::string(1 << 20, 'A'),
+        std::string(43, '\xFF'), std::string(43, '/')}) {
+    EXPECT_FALSE(table->Find(token));
+    EXPECT_FALSE(table->End(token));
+    EXPECT_FALSE(table->CheckCsrf(token, alice.csrf_token));
+    EXPECT_FALSE(token != alice.csrf_token && table->CheckCsrf(alice.token, token));
+  }
+  EXPECT_EQ(UserOf(*table, alice.token), "alice");
+}
+
+TEST_F(SessionsTest, CheckCsrf_OwnAndAnothers_AreToldApart) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  const NewSession other = Create(*table, "alice");
+  EXPECT_TRUE(table->CheckCsrf(alice.token, alice.csrf_token));
+  EXPECT_FALSE(table->CheckCsrf(alice.token, other.csrf_token));
+  EXPECT_FALSE(table->CheckCsrf(alice.token, alice.token));
+  now_ += options_.idle.count();
+  EXPECT_FALSE(table->CheckCsrf(alice.token, alice.csrf_token)) << "of an expired session";
+}
+
+TEST_F(SessionsTest, CheckCsrf_OverAndOver_IsNoUse) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  now_ += options_.idle.count() - 1;
+  EXPECT_TRUE(table->CheckCsrf(alice.token, alice.csrf_token));
+  now_ += 1;
+  EXPECT_FALSE(table->Find(alice.token));
+}
+
+TEST_F(SessionsTest, Create_ImpossibleUser_IsInvalid) {
+  const auto table = Open();
+  for (const std::string& user : {std::string(), std::string("a b"), std::string("a\"b"), std::string("a\n"),
+                                  std::string("a\0", 2), std::string(65, 'a'), std::string("\xFF")}) {
+    EXPECT_EQ(table->Create({user, kUid}).error().code(), ErrorCode::kInvalid);
+  }
+  EXPECT_EQ(table->size(), 0u);
+}
+
+TEST_F(SessionsTest, End_LiveSession_IsGoneForGood) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  const NewSession other = Create(*table, "alice");
+  EXPECT_TRUE(table->End(alice.token));
+  EXPECT_FALSE(table->End(alice.token));
+  EXPECT_FALSE(table->Find(alice.token));
+  const auto reopened = Open();
+  EXPECT_FALSE(reopened->Find(alice.token));
+  EXPECT_EQ(UserOf(*reopened, other.token), "alice");
+}
+
+TEST_F(SessionsTest, EndAllOf_User_LeavesOthers) {
+  const auto table = Open();
+  std::vector<NewSession> own;
+  for (int i = 0; i < 5; ++i) own.push_back(Create(*table, "alice"));
+  const NewSession bob = Create(*table, "bob");
+  EXPECT_EQ(table->EndAllOf("alice"), 5u);
+  EXPECT_EQ(table->EndAllOf("alice"), 0u);
+  for (const NewSession& session : own) EXPECT_FALSE(table->Find(session.token));
+  EXPECT_EQ(Open()->size(), 1u);
+  EXPECT_EQ(UserOf(*table, bob.token), "bob");
+}
+
+TEST_F(SessionsTest, Reopen_WithoutASweep_KeepsSessions) {
+  NewSession alice;
+  NewSession bob;
+  {
+    const auto table = Open();
+    alice = Create(*table, "alice");
+    bob = Create(*table, "DOM\\bob");
+  }
+  const auto table = Open();
+  EXPECT_EQ(table->size(), 2u);
+  EXPECT_EQ(UserOf(*table, alice.token), "alice");
+  EXPECT_EQ(UserOf(*table, bob.token), "DOM\\bob");
+  EXPECT_TRUE(table->CheckCsrf(alice.token, alice.csrf_token));
+  EXPECT_FALSE(table->CheckCsrf(alice.token, bob.csrf_token));
+}
+
+TEST_F(SessionsTest, File_AfterLogins_IsPrivateAndHoldsNoToken) {
+  const auto table = Open();
+  std::vector<NewSession> sessions;
+  for (int i = 0; i < 10; ++i) sessions.push_back(Create(*table, "alice"));
+  struct stat info {};
+  ASSERT_EQ(::stat(path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
+  for (const NewSession& session : sessions) {
+    EXPECT_EQ(Text().find(session.token), std::string::npos);
+    EXPECT_EQ(Text().find(session.csrf_token), std::string::npos);
+    EXPECT_NE(Text().find(EncodeHash(*HashOf(session.token))), std::string::npos);
+  }
+}
+
+TEST_F(SessionsTest, Idle_UsedInTime_LivesOn) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  for (int i = 0; i < 5; ++i) {
+    now_ += options_.idle.count() - 1;
+    EXPECT_TRUE(table->Find(alice.token)) << i;
+  }
+  now_ += options_.idle.count();
+  EXPECT_FALSE(table->Find(alice.token));
+  EXPECT_FALSE(table->End(alice.token)) << "an expired session is none";
+}
+
+TEST_F(SessionsTest, Absolute_UsedAllTheTime_EndsAllTheSame) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  for (int i = 0; i < 719; ++i) {
+    now_ += 60;
+    ASSERT_TRUE(table->Find(alice.token)) << i;
+  }
+  now_ += 59;
+  EXPECT_TRUE(table->Find(alice.token));
+  now_ += 1;
+  EXPECT_FALSE(table->Find(alice.token));
+}
+
+TEST_F(SessionsTest, Sweep_AfterUses_WritesThemOnceAndDropsTheExpired) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  Create(*table, "bob");
+  now_ += options_.idle.count() - 60;
+  ASSERT_TRUE(table->Find(alice.token));
+  const std::string before = Text();
+  EXPECT_EQ(Text(), before);
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_NE(Text(), before);
+  now_ += 60;
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_EQ(table->size(), 1u);
+  EXPECT_EQ(InFile(), 1u);
+  now_ += options_.idle.count() - 120;
+  EXPECT_EQ(UserOf(*Open(), alice.token), "alice") << "the last use counts after a restart";
+}
+
+TEST_F(SessionsTest, Sweep_NothingHappened_WritesNothing) {
+  const auto table = Open();
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_FALSE(fs::exists(path()));
+  const NewSession alice = Create(*table, "alice");
+  ASSERT_TRUE(table->Find(alice.token));
+  ASSERT_TRUE(table->Sweep().ok());
+  BreakWriting();
+  EXPECT_TRUE(table->Sweep().ok()) << "no reason to write";
+  ++now_;
+  ASSERT_TRUE(table->Find(alice.token));
+  EXPECT_FALSE(table->Sweep().ok());
+  RepairWriting();
+  EXPECT_TRUE(table->Sweep().ok());
+}
+
+TEST_F(SessionsTest, Create_BeyondTheUsersQuota_EndsTheOldest) {
+  options_.max_sessions_per_user = 3;
+  const auto table = Open();
+  const NewSession bob = Create(*table, "bob");
+  std::vector<NewSession> own;
+  for (int i = 0; i < 5; ++i) {
+    own.push_back(Create(*table, "alice"));
+    table->Find(own.front().token);  // use does not make it younger
+  }
+  for (std::size_t i = 0; i < own.size(); ++i) EXPECT_EQ(table->Find(own[i].token).has_value(), i >= 2) << i;
+  EXPECT_TRUE(table->Find(bob.token));
+  EXPECT_EQ(table->size(), 4u);
+  const auto reopened = Open();
+  EXPECT_EQ(reopened->size(), 4u);
+  Create(*reopened, "alice");
+  EXPECT_FALSE(reopened->Find(own[2].token)) << "the order survives a restart";
+  EXPECT_TRUE(reopened->Find(own[3].token));
+}
+
+TEST_F(SessionsTest, Create_QuotaLoweredMeanwhile_EndsAllBeyondIt) {
+  {
+    const auto table = Open();
+    for (int i = 0; i < 6; ++i) Create(*table, "alice");
+  }
+  options_.max_sessions_per_user = 2;
+  const auto table = Open();
+  const NewSession newest = Create(*table, "alice");
+  EXPECT_EQ(table->size(), 2u);
+  EXPECT_TRUE(table->Find(newest.token));
+  EXPECT_EQ(Open()->size(), 2u);
+}
+
+TEST_F(SessionsTest, Create_TableFull_IsBusyUntilOneEndsOrExpires) {
+  options_.max_sessions = 3;
+  options_.max_sessions_per_user = 2;
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  Create(*table, "alice");
+  Create(*table, "bob");
+  EXPECT_EQ(table->Create({"carol", kUid}).error().code(), ErrorCode::kBusy);
+  EXPECT_EQ(table->Create({"bob", kUid}).error().code(), ErrorCode::kBusy);
+  Create(*table, "alice");  // in the place of an older one
+  EXPECT_EQ(table->size(), 3u);
+  EXPECT_FALSE(table->Find(alice.token));
+  EXPECT_EQ(table->EndAllOf("bob"), 1u);
+  Create(*table, "carol");
+  EXPECT_EQ(table->Create({"dave", kUid}).error().code(), ErrorCode::kBusy);
+  now_ += options_.idle.count();
+  Create(*table, "dave");
+  EXPECT_EQ(table->size(), 1u);
+}
+
+TEST_F(SessionsTest, Clock_JumpsBack_NeitherEndsNorRevives) {
+  const auto table = Open();
+  const NewSession expired = Create(*table, "alice");
+  now_ += options_.idle.count();
+  ASSERT_FALSE(table->Find(expired.token));
+  const NewSession live = Create(*table, "bob");
+  now_ = kStart + 10;
+  EXPECT_FALSE(table->Find(expired.token)) << "what was expired stays so";
+  EXPECT_EQ(UserOf(*table, live.token), "bob");
+  now_ = kStart + options_.idle.count() + 10;
+  EXPECT_EQ(UserOf(*table, live.token), "bob");
+}
+
+TEST_F(SessionsTest, Clock_WasFarAhead_GivesNoEndlessSession) {
+  const auto table = Open();
+  now_ = kStart + 1'000'000'000;
+  const NewSession alice = Create(*table, "alice");
+  now_ = kStart;
+  EXPECT_TRUE(table->Find(alice.token));
+  now_ = kStart + options_.absolute.count();
+  EXPECT_FALSE(table->Find(alice.token));
+}
+
+TEST_F(SessionsTest, Clock_BehindTheFile_CountsFromNow) {
+  NewSession alice;
+  now_ = kStart + 1'000'000'000;
+  {
+    const auto table = Open();
+    alice = Create(*table, "alice");
+  }
+  now_ = kStart;
+  {
+    const auto table = Open();
+    EXPECT_TRUE(table->Find(alice.token));
+  }
+  const auto table = Open();
+  now_ = kStart + options_.idle.count();
+  EXPECT_FALSE(table->Find(alice.token));
+}
+
+TEST_F(SessionsTest, Create_FileCannotBeWritten_IsAnErrorAndNoSession) {
+  options_.max_sessions_per_user = 2;
+  const auto table = Open();
+  const NewSession first = Create(*table, "alice");
+  const NewSession second = Create(*table, "alice");
+  BreakWriting();
+  EXPECT_FALSE(table->Create({"alice", kUid}).ok());
+  EXPECT_FALSE(table->Create({"bob", kUid}).ok());
+  EXPECT_EQ(table->size(), 2u);
+  EXPECT_TRUE(table->Find(first.token)) << "the one it would have replaced lives on";
+  EXPECT_TRUE(table->Find(second.token));
+  RepairWriting();
+  Create(*table, "alice");
+  EXPECT_FALSE(table->Find(first.token));
+  EXPECT_EQ(table->size(), 2u);
+  EXPECT_EQ(InFile(), 2u);
+}
+
+TEST_F(SessionsTest, End_FileCannotBeWritten_EndsItAndTheNextSweepWrites) {
+  const auto table = Open();
+  const NewSession alice = Create(*table, "alice");
+  const NewSession bob = Create(*table, "bob");
+  BreakWriting();
+  EXPECT_TRUE(table->End(alice.token));
+  EXPECT_EQ(table->EndAllOf("bob"), 1u);
+  EXPECT_FALSE(table->Find(alice.token));
+  EXPECT_FALSE(table->Find(bob.token));
+  EXPECT_FALSE(table->Sweep().ok());
+  RepairWriting();
+  EXPECT_EQ(InFile(), 2u);
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_EQ(InFile(), 0u);
+}
+
+TEST_F(SessionsTest, Open_FileNotPrivate_IsDenied) {
+  Create(*Open(), "alice");
+  for (const mode_t mode : {0640, 0620, 0604, 0602}) {
+    ASSERT_EQ(::chmod(path().c_str(), mode), 0);
+    EXPECT_EQ(CodeOf(SessionTable::Open(path(), options_)), ErrorCode::kDenied) << mode;
+  }
+  ASSERT_EQ(::chmod(path().c_str(), 0600), 0);
+  fs::create_symlink(path(), folder_.Path("link"));
+  EXPECT_EQ(CodeOf(SessionTable::Open(folder_.Path("link"), options_)), ErrorCode::kDenied);
+  EXPECT_EQ(CodeOf(SessionTable::Open(folder_.path(), options_)), ErrorCode::kCorrupt);
+  EXPECT_EQ(Open()->size(), 1u);
+}
+
+TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
+  const std::string hash(43, 'A');
+  const std::string other = std::string(42, 'B') + "A";
+  const std::string good = R"({"hash":")" + hash + R"(","csrf_hash":")" + other +
+                           R"(","user":"alice","uid":1026,"created":1800000000,"last_used":1800000000})";
+  const auto file = [](const std::string& sessions) { return R"({"version":1,"sessions":[)" + sessions + "]}"; };
+  const auto with = [&](const std::string& from, const std::string& to) {
+    std::string text = good;
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return file(text.replace(at, from.size(), to));
+  };
+  ASSERT_TRUE(WriteFileAtomically(path(), file(good), 0600).ok());
+  ASSERT_EQ(Open()->size(), 1u);
+  for (const std::string& text : {std::string(),
+                                  std::string("{}"),
+                                  std::string("[]"),
+                                  std::string("null"),
+                                  std::string("{\"version\":1}"),
+                                  std::string(R"({"version":2,"sessions":[]})"),
+                                  std::string(R"({"version":"1","sessions":[]})"),
+                                  std::string(R"({"version":1.0,"sessions":[]})"),
+                                  std::string(R"({"version":1,"sessions":{}})"),
+                                  std::string(R"({"version":1,"sessions":[],"x":1})"),
+                                  std::string(R"({"version":1,"sessions":[1]})"),
+                                  std::string(R"({"version":1,"sessions":[null]})"),
+                                  std::string(R"({"version":1,"sessions":[{}]})"),
+                                  file(good + "," + good),
+                                  file(good).substr(0, 60),
+                                  with("\"user\"", "\"usr\""),
+                                  with("\"alice\"", "\"a b\""),
+                                  with("\"alice\"", "7"),
+                                  with("\"alice\"", "\"\""),
+                                  with("1026", "-1"),
+                                  with("1026", "4294967295"),
+                                  with("1026", "1.5"),
+                                  with("1026", "\"1026\""),
+                                  with("1026", "null"),
+                                  with(hash, hash.substr(1)),
+                                  with(hash, hash + "A"),
+                                  with(hash, std::string(43, '+')),
+                                  with(hash, std::string(43, 'B')),
+                                  with(other, ""),
+                                  with("\"created\":1800000000", "\"created\":-1"),
+                                  with("\"created\":1800000000", "\"created\":1.5"),
+                                  with("\"created\":1800000000", "\"created\":9223372036854775807"),
+                                  with("\"created\":1800000000", "\"created\":\"1\""),
+                                  with("\"last_used\":1800000000", "\"last_used\":null"),
+                                  with("\"last_used\":1800000000", "\"last_used\":1e300"),
+                                  with("\"last_used\":1800000000", "\"last_used\":1,\"admin\":true")}) {
+    ASSERT_TRUE(WriteFileAtomically(path(), text, 0600).ok());
+    EXPECT_EQ(CodeOf(SessionTable::Open(path(), options_)), ErrorCode::kCorrupt) << text;
+    EXPECT_EQ(Text(), text);
+  }
+}
+
+// Whose they are cannot be known: the name may be another account's by now.
+TEST_F(SessionsTest, Open_SessionsOfAnOlderVersion_HaveEnded) {
+  const NewSession alice = Create(*Open(), "alice");
+  std::string text = Text();
+  const std::string uid = "\"uid\":" + std::to_string(kUid) + ",";
+  ASSERT_NE(text.find(uid), std::string::npos);
+  text.erase(text.find(uid), uid.size());
+  ASSERT_TRUE(WriteFileAtomically(path(), text, 0600).ok());
+  const auto table = Open();
+  EXPECT_FALSE(table->Find(alice.token));
+  EXPECT_EQ(table->size(), 0u);
+}
+
+TEST_F(SessionsTest, Open_ExpiredInTheFile_AreDropped) {
+  NewSession alice;
+  {
+    const auto table = Open();
+    alice = Create(*table, "alice");
+  }
+  now_ += options_.idle.count();
+  const auto table = Open();
+  EXPECT_EQ(table->size(), 0u);
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_EQ(InFile(), 0u);
+}
+
+TEST_F(SessionsTest, DefaultClock_IsTheSystems) {
+  options_.now = nullptr;
+  const auto table = Open();
+  // time(2) may still tell the last second when other clocks have begun the next.
+  const auto now = [] { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); };
+  const std::int64_t before = now();
+  const NewSession alice = Create(*table, "alice");
+  EXPECT_TRUE(table->Find(alice.token));
+  const std::int64_t created = (*ParseJson(Text()))["sessions"][0]["created"].asInt64();
+  EXPECT_GE(created, before);
+  EXPECT_LE(created, now());
+}
+
+TEST_F(SessionsTest, EightThreads_FindWhileOthersCreateEndAndSweep_StayRight) {
+  const auto table = Open();
+  std::vector<NewSession> kept;
+  for (int i = 0; i < 8; ++i) kept.push_back(Create(*table, "kept-" + std::to_string(i)));
+  std::atomic<bool> is_done{false};
+  std::vector<std::thread> finders;
+  for (std::size_t i = 0; i < kept.size(); ++i) {
+    finders.emplace_back([&, i] {
+      while (!is_done) {
+        ASSERT_EQ(UserOf(*table, kept[i].token), "kept-" + std::to_string(i));
+        ASSERT_TRUE(table->CheckCsrf(kept[i].token, kept[i].csrf_token));
+      }
+    });
+  }
+  std::vector<std::thread> changers;
+  std::vector<std::vector<NewSession>> standing(3);
+  for (std::size_t i = 0; i < standing.size(); ++i) {
+    changers.emplace_back([&, i] {
+      for (int round = 0; round < 30; ++round) {
+        const NewSession session = Create(*table, "user-" + std::to_string(i));
+        ASSERT_TRUE(table->Find(session.token));
+        if (round % 3 == 0) {
+          standing[i].push_back(session);
+        } else {
+          ASSERT_TRUE(table->End(session.token));
+          ASSERT_FALSE(table->Find(session.token));
+        }
+      }
+    });
+  }
+  changers.emplace_back([&] {
+    for (int round = 0; round < 30; ++round) {
+      ++now_;
+      EXPECT_TRUE(table->Sweep().ok());
+      EXPECT_EQ(table->EndAllOf("nobody"), 0u);
+    }
+  });
+  for (std::thread& changer : changers) changer.join();
+  is_done = true;
+  for (std::thread& finder : finders) finder.join();
+  // The file has everything, without a last sweep.
+  const auto reopened = Open();
+  EXPECT_EQ(reopened->size(), kept.size() + 30);
+  for (const NewSession& session : kept) EXPECT_TRUE(reopened->Find(session.token));
+  for (const auto& sessions : standing) {
+    for (const NewSession& session : sessions) EXPECT_TRUE(reopened->Find(session.token));
+  }
+}
+
+TEST_F(SessionsTest, LoginsOfOneUserAtOnce_KeepTheQuota) {
+  options_.max_sessions_per_user = 4;
+  const auto table = Open();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 10; ++round) EXPECT_TRUE(table->Create({"alice", kUid}).ok());
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(table->size(), 4u);
+  ASSERT_TRUE(table->Sweep().ok());
+  EXPECT_EQ(InFile(), 4u);
+}
+
+}  // namespace
+}  // namespace vexa::daemon
