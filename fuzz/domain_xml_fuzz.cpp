@@ -24,7 +24,7 @@ void CheckDevices(const std::vector<std::pair<std::string, Json::Value>>& device
   std::set<std::string> ids;
   Json::ArrayIndex index = 0;
   for (const auto& [id, record] : devices) {
-    Check(NormalizeUuid(id) == id, "a device's id is a UUID");
+    Check(vexa::NormalizeUuid(id) == id, "a device's id is a UUID");
     Check(ids.insert(id).second, "no two devices have one id");
     Check(listed[index++] == id, "devices are listed in order");
     Check(record["guest_id"] == guest_id, "a device belongs to its guest");
@@ -32,7 +32,7 @@ void CheckDevices(const std::vector<std::pair<std::string, Json::Value>>& device
 }
 
 void CheckAccepted(const ImportedGuest& guest) {
-  Check(!guest.id.empty() && NormalizeUuid(guest.id) == guest.id, "a guest's id is a UUID");
+  Check(!guest.id.empty() && vexa::NormalizeUuid(guest.id) == guest.id, "a guest's id is a UUID");
   Check(guest.disks.size() <= kMaxDisks && guest.nics.size() <= kMaxNics, "there are no more devices than allowed");
   Check(guest.notes.size() <= kMaxNotes, "there are no more notes than allowed");
   CheckDevices(guest.disks, guest.guest["vdisks"], guest.id);
