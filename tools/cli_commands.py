@@ -1,0 +1,77 @@
+"""Reads from the sources of cli/ which commands vexa has, for check-docs. Nothing is built or run."""
+import re
+
+STRING = r'"((?:[^"\\]|\\.)*)"'
+
+
+class Commands:
+    """Follows the functions of the command line's sources from RunCommandLine on, as far as they add commands."""
+
+    CALL = re.compile(r'(?:(\w+)\s*=\s*\*?\s*)?'  # what gets the result
+                      r'(?:\b([A-Z]\w+)\('
+                      r'|\b(\w+)(?:(?:\.|->)get_subcommand\("(\w+)"\))?(?:(?:\.|->)add_subcommand\(\s*([^,)]+))?)')
+
+    def __init__(self, tree):
+        self.functions, self.commands, self.seen, sites = {}, set(), set(), 0
+        for name in tree.names("cli/**/*.cpp"):
+            text = tree.text(name)
+            sites += text.count("add_subcommand(")
+            if "CLI::App" not in text:
+                continue
+            for m in re.finditer(r"^[\w:]+[\w:<>*& ]*[ *&](\w+)\(([^()]*)\) {\n(.*?)^}", text, re.S | re.M):
+                parameters = [p.split("=")[0].split()[-1].lstrip("*&") for p in m[2].split(",") if p.strip()]
+                if "CLI::App" in m[2] or m[1] == "RunCommandLine":
+                    self.functions[m[1], len(parameters)] = (f"{name} {m[1]}", parameters, m[3])
+        for (called, _), function in list(self.functions.items()):
+            if called == "RunCommandLine":
+                self.run(function, {"app": ""})
+        if len(self.seen) != sites or not sites:
+            tree.complain(f"The sources of cli/ add commands in {sites} places, of which {len(self.seen)} can be "
+                          "followed. Teach tools/cli_commands.py how they are written.")
+
+    def run(self, function, known):
+        """known: the text or command that each parameter stands for. Returns the command that the function returns."""
+        name, _, body = function
+        known = dict(known)
+        for m in self.CALL.finditer(body):
+            target, called, parent, got, added = m.groups()
+            result = None
+            if called:
+                given = self.arguments(body, m.end())
+                if one := self.functions.get((called, len(given))):
+                    values = zip(one[1], (self.value(known, argument) for argument in given))
+                    result = self.run(one, {p: value for p, value in values if value is not None})
+            elif parent in known and (got or added):
+                result = f"{known[parent]} {got or ''}".strip()
+                if added:
+                    if (word := self.value(known, added)) is None:
+                        continue
+                    result = f"{result} {word}".strip()
+                    self.commands.add(result)
+                    self.seen.add((name, m.start(5)))
+            if target and result is not None:
+                known[target] = result
+        returned = re.search(r"return (\w+);\s*$", body)
+        return known.get(returned[1]) if returned else None
+
+    @staticmethod
+    def value(known, expression):
+        expression = expression.strip().lstrip("*&")
+        literal = re.fullmatch(STRING, expression)
+        return literal[1] if literal else known.get(expression)
+
+    @staticmethod
+    def arguments(text, begin):
+        """The arguments of the call whose parenthesis ends at begin."""
+        depth, given = 0, []
+        for at in re.compile(r'"(?:[^"\\]|\\.)*"|[()\[\]{},]').finditer(text, begin):
+            if at[0] in ("(", "[", "{"):
+                depth += 1
+            elif depth > 0:
+                depth -= at[0] in (")", "]", "}")
+            elif at[0] in (",", ")"):
+                given.append(text[begin:at.start()])
+                begin = at.end()
+                if at[0] == ")":
+                    break
+        return given
