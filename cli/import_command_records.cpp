@@ -2,6 +2,7 @@
 #include <set>
 
 #include "cli/import_command.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/live_state.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
@@ -58,9 +59,7 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   transaction.operations.push_back({guests::FilesKey(), json::ToText(Json::Value(guest.id))});
   transaction.compares.push_back({cluster::LiveStateKey(guest.id), replaced.live_revision});
   // A host that has the guest, deletes it, or edits its disks, is not to find another one in its place.
-  transaction.compares.push_back({guests::RunKey(guest.id), 0});
-  transaction.compares.push_back({guests::DeletionKey(guest.id), 0});
-  transaction.compares.push_back({guests::EditKey(guest.id), 0});
+  guests::CompareFree(transaction, guest.id);
   // Two who give the same name at the same time are not both to find it free.
   transaction.compares.push_back({guests::RenamesKey(), replaced.renames_revision});
   transaction.operations.push_back({guests::RenamesKey(), json::ToText(Json::Value(guest.id))});

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "host/base/result.h"
+
 namespace vexa::guests {
 
 // Codes of the reply. Those from 910 on are understood by the callers in webapi/guest, which tell users what to do.
@@ -41,5 +43,10 @@ struct Refusal {
 
 // Nothing: it was done.
 using Refused = std::optional<Refusal>;
+
+// For reasons that have no code of their own.
+Refusal FailedBecause(const Error& error);
+// The same for what the file calls of disks answer: 910 when a machine has a file open.
+Refusal FileFailedBecause(const Error& error);
 
 }  // namespace vexa::guests

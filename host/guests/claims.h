@@ -10,7 +10,7 @@
 #include <utility>
 #include <variant>
 
-#include "host/guests/requester.h"
+#include "host/guests/jobs/requester.h"
 
 namespace vexa::guests {
 

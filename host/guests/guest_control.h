@@ -16,7 +16,7 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
-#include "host/guests/requester.h"
+#include "host/guests/jobs/requester.h"
 #include "host/guests/resources.h"
 #include "host/hypervisor/hypervisor.h"
 #include "host/storage/storage_condition.h"

@@ -12,6 +12,7 @@
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/guest_admin.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
@@ -342,9 +343,7 @@ Status LibvirtGuestControl::RemoveRecords(const std::string& guest_id) {
     if (const Status added = cluster::AddGrantRemovals(**snapshot, guest_id, transaction, damage); !added) {
       return added.error();
     }
-    for (const std::string& key : {RunKey(guest_id), DeletionKey(guest_id), EditKey(guest_id)}) {
-      transaction.compares.push_back({key, 0});
-    }
+    CompareFree(transaction, guest_id);
     return transaction;
   });
 }

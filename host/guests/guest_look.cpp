@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/guests/guest_control_impl.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/reading.h"
 #include "host/records/unstored_states.h"
@@ -202,7 +203,7 @@ Status LibvirtGuestControl::PutRun(const std::string& guest_id, const std::optio
                                    const Run& run) {
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), stored ? stored->revision : 0}};
-  if (!stored) transaction.compares.push_back({DeletionKey(guest_id), 0});
+  if (!stored) CompareFree(transaction, guest_id, {GuestLock::kRun});
   AddGuard(transaction);
   transaction.operations = {{RunKey(guest_id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/guests/guest_control_impl.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"
@@ -235,15 +236,13 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
     if (!guest) return guest.error();
     if (guest->revision == 0) return Error(ErrorCode::kNotFound, "There is no such guest");
     store::Transaction transaction;
-    for (const std::string& lock : {RunKey(guest_id), DeletionKey(guest_id), EditKey(guest_id)}) {
-      const auto held = (*snapshot)->Get(lock);
-      if (!held) return held.error();
-      if (held->has_value()) {
-        taken = RefuseTaken(guest_id);
-        if (taken) return transaction;
-      }
-      transaction.compares.push_back({lock, 0});
+    const Result<bool> is_held = IsHeld(**snapshot, guest_id);
+    if (!is_held) return is_held.error();
+    if (*is_held) {
+      taken = RefuseTaken(guest_id);
+      if (taken) return transaction;
     }
+    CompareFree(transaction, guest_id);
     // What the host before has defined for itself, and would start with its machine, is not to run beside the guest.
     const Json::Value& before = json::Member(guest->record, keys::host_id);
     const std::string host_before = before.isString() ? json::String(before) : std::string();

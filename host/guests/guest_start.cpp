@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "host/guests/guest_control_impl.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
@@ -170,10 +171,8 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   run.pinned_cpus = std::move(rating.pinned_cpus);
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id), *stored ? (*stored)->revision : 0}};
-  for (const std::string& key :
-       {DeletionKey(guest_id), EditKey(guest_id), cluster::FenceKey(options_.host_id, guest_id)}) {
-    transaction.compares.push_back({key, 0});
-  }
+  CompareFree(transaction, guest_id, {GuestLock::kRun});
+  transaction.compares.push_back({cluster::FenceKey(options_.host_id, guest_id), 0});
   AddGuard(transaction);
   transaction.operations = {{RunKey(guest_id), RunText(run)}};
   cluster::RequestScope::ReleaseSnapshot();
@@ -182,8 +181,7 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   if (committed.error().code() != ErrorCode::kConflict) return RefusalOf(committed.error());
   if (Refused stale = RefuseStale()) return stale;
   if (Refused fenced = RefuseFenced(guest_id)) return fenced;
-  if (Refused deleted = DeletionUnderWay(*options_.store, guest_id)) return deleted;
-  if (Refused edited = EditUnderWay(*options_.store, guest_id)) return edited;
+  if (Refused job = JobUnderWay(*options_.store, guest_id)) return job;
   if (Refused taken = RefuseTaken(guest_id)) return taken;
   return Refusal{kBusy, "Another host has just let go of the guest; try again"};
 }
@@ -196,8 +194,7 @@ Refused LibvirtGuestControl::RefuseTaken(const std::string& guest_id) const {
     const char* const what = (*run)->run.saved ? "' has the guest's saved memory" : "' has the guest";
     return Refusal{kRunsAlready, "The host '" + (*run)->run.host_id + what};
   }
-  if (Refused deleted = DeletionUnderWay(*options_.store, guest_id)) return deleted;
-  return EditUnderWay(*options_.store, guest_id);
+  return JobUnderWay(*options_.store, guest_id);
 }
 
 // What somebody adds behind this may count already from this start, and is shown as pending all the same.

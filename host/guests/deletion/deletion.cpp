@@ -6,8 +6,8 @@
 
 #include "host/base/log_text.h"
 #include "host/guests/deletion/deletion_job.h"
-#include "host/guests/deletion/deletion_record.h"
 #include "host/guests/deletion/leftovers.h"
+#include "host/guests/jobs/deletion_record.h"
 #include "host/store/key.h"
 
 namespace vexa::guests {
@@ -45,13 +45,6 @@ void FinishOne(const DeletionOptions& options, const std::string& guest_id) {
 }
 
 }  // namespace
-
-Refused DeletionUnderWay(const store::Store& store, const std::string& guest_id) {
-  const auto stored = ReadOne(store, guest_id);
-  if (!stored) return FailedBecause(stored.error());
-  if (!*stored) return std::nullopt;
-  return DeletedByOther(**stored);
-}
 
 Refused Deletion::Delete(const std::string& guest_id, const Requester& requester) {
   return DeletionJob(options_, guest_id).Start(requester);

@@ -31,15 +31,11 @@
 
 #include "host/base/refusal.h"
 #include "host/disks/disk_files.h"
-#include "host/guests/requester.h"
+#include "host/guests/jobs/requester.h"
 #include "host/storage/storage_watch.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {
-
-// Why nothing can be begun with a guest that is being deleted: 915, with who deletes it and since when; 901 when that
-// cannot be read. Nothing: it is not being deleted.
-Refused DeletionUnderWay(const store::Store& store, const std::string& guest_id);
 
 struct DeletionOptions {
   std::shared_ptr<store::Store> store;

@@ -5,7 +5,7 @@
 
 #include "host/base/log_text.h"
 #include "host/guests/deletion/deletion_job.h"
-#include "host/guests/edit/edit_record.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
 
@@ -96,10 +96,8 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
   record_.repository_id = plan_->repository_id;
   record_.storage = storage_;
   store::Transaction transaction;
-  transaction.compares = {{RunKey(guest_id_), run_revision_},
-                          {DeletionKey(guest_id_), 0},
-                          {EditKey(guest_id_), 0},
-                          plan_->compares.front()};
+  transaction.compares = {{RunKey(guest_id_), run_revision_}, plan_->compares.front()};
+  CompareFree(transaction, guest_id_, {GuestLock::kRun});
   transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(record_)});
   Step("commit hiding");
   return transaction;
@@ -111,12 +109,8 @@ Result<Refused> DeletionJob::RefuseTaken() {
   {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
-    const auto deletion = ReadDeletion(**snapshot, guest_id_);
-    if (!deletion) return deletion.error();
-    if (*deletion) return Refused(DeletedByOther(**deletion));
-    const auto edit = ReadEdit(**snapshot, guest_id_);
-    if (!edit) return edit.error();
-    if (*edit) return Refused(EditedByOther(**edit));
+    Result<Refused> job = FindJob(**snapshot, guest_id_);
+    if (!job || *job) return job;
     const auto run = (*snapshot)->Get(RunKey(guest_id_));
     if (!run) return run.error();
     if (!*run) return Refused();
@@ -160,7 +154,8 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
   plan_ = std::move(plan);
   selection_ = Selection();
   if (IsRemote()) return {};
-  Result<Selection> selection = SelectFiles(guest_id_, *plan_, Question(), disk_files_, *options_.store);
+  Result<Selection> selection =
+      SelectFiles(guest_id_, plan_->files, plan_->images, Question(), disk_files_, *options_.store);
   if (!selection) {
     plan_.reset();
     return selection.error();

@@ -27,12 +27,6 @@ bool IsCode(const Status& status, ErrorCode code) { return !status && status.err
 
 }  // namespace
 
-Refusal FailedBecause(const Error& error) { return {kFailed, error.ToString()}; }
-
-Refusal FileFailedBecause(const Error& error) {
-  return {error.code() == ErrorCode::kBusy ? kRunsAlready : kFailed, error.ToString()};
-}
-
 DeletionJob::DeletionJob(const DeletionOptions& options, std::string guest_id)
     : options_(options), guest_id_(std::move(guest_id)), disk_files_(options.image_roots, options.file_calls) {}
 

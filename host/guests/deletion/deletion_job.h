@@ -9,7 +9,7 @@
 #include "host/disks/disk_files.h"
 #include "host/guests/deletion/deletion.h"
 #include "host/guests/deletion/deletion_plan.h"
-#include "host/guests/deletion/deletion_record.h"
+#include "host/guests/jobs/deletion_record.h"
 
 namespace vexa::guests {
 
@@ -94,10 +94,5 @@ class DeletionJob {
   store::Revision files_revision_ = 0;  // of FilesKey(), from before the last search
   Refusal refusal_;
 };
-
-// For reasons that have no code of their own.
-Refusal FailedBecause(const Error& error);
-// The same for what DiskFiles answers: 910 when a machine has a file open.
-Refusal FileFailedBecause(const Error& error);
 
 }  // namespace vexa::guests

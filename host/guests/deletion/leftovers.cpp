@@ -6,7 +6,7 @@
 
 #include "host/base/log_text.h"
 #include "host/guests/deletion/deletion_plan.h"
-#include "host/guests/deletion/deletion_record.h"
+#include "host/guests/jobs/deletion_record.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 
@@ -61,7 +61,7 @@ class Leftover {
     FileQuestion question;
     question.host_id = options_.host_id;
     cluster::RequestScope::ReleaseSnapshot();
-    return SelectFiles(guest_id_, plan, question, disk_files_, *options_.store);
+    return SelectFiles(guest_id_, plan.files, plan.images, question, disk_files_, *options_.store);
   }
 
   Result<StoredLeftover> ReadStored() const {

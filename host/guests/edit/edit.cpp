@@ -5,9 +5,8 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/guests/deletion/deletion_job.h"
 #include "host/guests/edit/edit_job.h"
-#include "host/guests/edit/edit_record.h"
+#include "host/guests/jobs/edit_record.h"
 #include "host/store/key.h"
 
 namespace vexa::guests {
@@ -43,13 +42,6 @@ void FinishOne(const EditOptions& options, const std::string& guest_id) {
 }
 
 }  // namespace
-
-Refused EditUnderWay(const store::Store& store, const std::string& guest_id) {
-  const auto stored = ReadOne(store, guest_id);
-  if (!stored) return FailedBecause(stored.error());
-  if (!*stored) return std::nullopt;
-  return EditedByOther(**stored);
-}
 
 Refused Edits::Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) {
   return EditJob(options_, guest_id).Start(edit, requester);

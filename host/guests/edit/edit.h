@@ -28,15 +28,12 @@
 
 #include "host/base/refusal.h"
 #include "host/disks/disk_files.h"
-#include "host/guests/deletion/deletion.h"
+#include "host/guests/jobs/requester.h"
 #include "host/records/guest_records.h"
+#include "host/storage/storage_watch.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {
-
-// Why nothing can be begun with a guest whose disks are being edited: 915, with who and since when; 901 when that
-// cannot be read. Nothing: they are not.
-Refused EditUnderWay(const store::Store& store, const std::string& guest_id);
 
 struct EditOptions {
   std::shared_ptr<store::Store> store;

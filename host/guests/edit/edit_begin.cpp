@@ -7,7 +7,6 @@
 #include "host/base/log_text.h"
 #include "host/base/uuid.h"
 #include "host/cluster/mac_address.h"
-#include "host/guests/deletion/deletion_job.h"
 #include "host/guests/edit/edit_job.h"
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
@@ -228,14 +227,11 @@ Status EditJob::SelectGrown(const FileChanges& files) {
 
 Status EditJob::SelectRemoved(const FileChanges& files) {
   if (files.removed.empty()) return {};
-  DeletionPlan removal;
-  removal.files = files.removed;
-  removal.disks = files.removed_disks;
-  removal.images = files.images;
   FileQuestion question;
   question.host_id = options_.host_id;
   question.except_disks = files.removed_disks;
-  Result<Selection> selection = SelectFiles(guest_id_, removal, question, disk_files_, *options_.store);
+  Result<Selection> selection =
+      SelectFiles(guest_id_, files.removed, files.images, question, disk_files_, *options_.store);
   if (!selection) return selection.error();
   record_.hidden = std::move(selection->files);
   notes_ = std::move(selection->notes);

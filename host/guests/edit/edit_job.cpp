@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/guests/deletion/deletion_job.h"
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
 

@@ -16,8 +16,8 @@
 #include "host/guests/edit/edit.h"
 #include "host/guests/edit/edit_facts.h"
 #include "host/guests/edit/edit_plan.h"
-#include "host/guests/edit/edit_record.h"
 #include "host/guests/edit/edit_request.h"
+#include "host/guests/jobs/edit_record.h"
 
 namespace vexa::guests {
 

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/edit/edit.h"
 #include "host/guests/edit/edit_facts.h"
 #include "host/guests/edit/edit_request.h"
+#include "host/guests/jobs/file_selection.h"
 #include "host/records/object_edit.h"
 #include "host/store/store.h"
 

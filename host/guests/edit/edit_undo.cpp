@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "host/base/log_text.h"
-#include "host/guests/deletion/deletion_job.h"
 #include "host/guests/edit/edit_job.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "host/guests/edit/edit.h"
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/live_state.h"
 #include "host/records/reading.h"
 #include "host/records/run_record.h"
@@ -627,7 +628,7 @@ TEST_F(GuestControlTest, EditThatCouldNotBeFinished_IsFinishedInTime) {
   EXPECT_FALSE(fails);
   host_.store().Heal();
   const auto end = std::chrono::steady_clock::now() + 20s;
-  const auto is_free = [&] { return !EditUnderWay(host_.store(), kGuest).has_value(); };
+  const auto is_free = [&] { return !JobUnderWay(host_.store(), kGuest).has_value(); };
   while (!is_free() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
   EXPECT_TRUE(is_free());
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));

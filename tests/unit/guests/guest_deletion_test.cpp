@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <set>
 
+#include "host/guests/jobs/guest_locks.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_deletion_ground.h"
@@ -147,14 +148,14 @@ TEST_F(GuestDeletion, GuestThatIsBeingDeleted_Is915_WithWhoAndSinceWhen) {
 }
 
 TEST_F(GuestDeletion, DeletionUnderWay_TellsTheSameAsARefusal) {
-  EXPECT_FALSE(guests::DeletionUnderWay(*store_, kGuest));
+  EXPECT_FALSE(guests::JobUnderWay(*store_, kGuest));
   PutText(*store_, DeletionKey(kGuest), R"({"host_id":"far","user":"bob","since":1,"stage":"hiding","files":[]})");
-  const Refused refused = guests::DeletionUnderWay(*store_, kGuest);
+  const Refused refused = guests::JobUnderWay(*store_, kGuest);
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->code, guests::kBusy);
   EXPECT_EQ(refused->reason, "The guest is being deleted by 'bob' since 1970-01-01T00:00:01Z");
   store_->FailSnapshots();
-  EXPECT_EQ(guests::DeletionUnderWay(*store_, kGuest)->code, guests::kFailed);
+  EXPECT_EQ(guests::JobUnderWay(*store_, kGuest)->code, guests::kFailed);
 }
 
 TEST_F(GuestDeletion, FileOutsideOfTheRoots_IsLeft) {

@@ -14,7 +14,7 @@
 
 #include "host/disks/image_file.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/guests/deletion/deletion_record.h"
+#include "host/guests/jobs/deletion_record.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"

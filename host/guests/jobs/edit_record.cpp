@@ -1,4 +1,4 @@
-#include "host/guests/edit/edit_record.h"
+#include "host/guests/jobs/edit_record.h"
 
 #include <algorithm>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "host/guests/deletion/deletion_record.h"
+#include "host/guests/jobs/deletion_record.h"
 
 #include <algorithm>
 #include <array>

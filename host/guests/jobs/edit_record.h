@@ -9,7 +9,7 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/disks/image_file.h"
-#include "host/guests/deletion/deletion_record.h"
+#include "host/guests/jobs/deletion_record.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {

@@ -1,0 +1,58 @@
+#include "host/guests/jobs/guest_locks.h"
+
+#include <algorithm>
+#include <array>
+
+#include "host/guests/jobs/deletion_record.h"
+#include "host/guests/jobs/edit_record.h"
+#include "host/records/run_record.h"
+
+namespace vexa::guests {
+namespace {
+
+struct LockKey {
+  GuestLock lock;
+  std::string (*key)(const std::string& guest_id);
+};
+
+constexpr std::array kLocks = {LockKey{GuestLock::kRun, RunKey}, LockKey{GuestLock::kDeletion, DeletionKey},
+                               LockKey{GuestLock::kEdit, EditKey}};
+
+}  // namespace
+
+void CompareFree(store::Transaction& transaction, const std::string& guest_id,
+                 std::initializer_list<GuestLock> except) {
+  for (const LockKey& entry : kLocks) {
+    if (std::ranges::find(except, entry.lock) != except.end()) continue;
+    transaction.compares.push_back({entry.key(guest_id), 0});
+  }
+}
+
+Result<bool> IsHeld(const store::Snapshot& snapshot, const std::string& guest_id) {
+  for (const LockKey& entry : kLocks) {
+    const auto held = snapshot.Get(entry.key(guest_id));
+    if (!held) return held.error();
+    if (held->has_value()) return true;
+  }
+  return false;
+}
+
+Result<Refused> FindJob(const store::Snapshot& snapshot, const std::string& guest_id) {
+  const auto deletion = ReadDeletion(snapshot, guest_id);
+  if (!deletion) return deletion.error();
+  if (*deletion) return Refused(DeletedByOther(**deletion));
+  const auto edit = ReadEdit(snapshot, guest_id);
+  if (!edit) return edit.error();
+  if (*edit) return Refused(EditedByOther(**edit));
+  return Refused();
+}
+
+Refused JobUnderWay(const store::Store& store, const std::string& guest_id) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return FailedBecause(snapshot.error());
+  Result<Refused> job = FindJob(**snapshot, guest_id);
+  if (!job) return FailedBecause(job.error());
+  return std::move(*job);
+}
+
+}  // namespace vexa::guests
