@@ -646,5 +646,30 @@ TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestIsNotStartedOrMoved) {
   }
 }
 
+// It was found running while another host makes files for its disks: what the edit compared must stay true.
+TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestFoundRunning_IsNotAdopted) {
+  GuestControlOptions options = Options();
+  options.maintenance_interval = 5ms;
+  std::atomic<int> looks = 0;
+  options.before_step = [&](std::string_view step) {
+    if (step == "look: running noted") ++looks;
+  };
+  Start(std::move(options));
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  const std::string edit =
+      R"({"host_id":"nas-2","user":"bob","since":0,"stage":"doing","made":[],"hidden":[],"grown":[]})";
+  ASSERT_TRUE(host_.store().Commit({{}, {{RunKey(kGuest), std::nullopt}, {EditKey(kGuest), edit}}}));
+  const auto await = [](const auto& condition) {
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+    return condition();
+  };
+  looks = 0;
+  ASSERT_TRUE(await([&] { return looks >= 2; }));
+  EXPECT_EQ(RunOf(), std::nullopt);
+  ASSERT_TRUE(host_.store().Commit({{}, {{EditKey(kGuest), std::nullopt}}}));
+  EXPECT_TRUE(await([&] { return RunOf().has_value(); }));
+}
+
 }  // namespace
 }  // namespace vexa::guests
