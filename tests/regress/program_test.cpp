@@ -208,4 +208,27 @@ TEST(CheckBorders, UnusualSpelling_IsRefused) {
   }
 }
 
+// Rooms of the host were folders that happened to be; now a lower one may not include a higher one.
+TEST(CheckBorders, HigherOrUnknownRoom_IsRefused) {
+  const TempDir root;
+  for (const char* room :
+       {"host/base", "host/store", "host/attic", "webapi/guest", "webapi/utils", "webapi/platform"}) {
+    ASSERT_TRUE(vexa::CreateDirectories(root.File(room), 0700).ok());
+  }
+  const auto check = [&root] {
+    return vexa::test::RunProcess({.argv = {VEXA_SOURCE_DIR "/tools/check-borders", root.path()}});
+  };
+  std::ofstream(root.File("webapi/utils/a.cpp")) << "#include <string>\n";
+  std::ofstream(root.File("host/base/low.h")) << "#pragma once\n";
+  std::ofstream(root.File("host/store/high.cpp")) << "#include \"host/base/low.h\"\n";
+  EXPECT_EQ(check().exit_code, 0);
+  std::ofstream(root.File("host/base/low.h")) << "#include \"host/store/high.h\"\n";
+  EXPECT_EQ(check().exit_code, 1);
+  std::ofstream(root.File("host/base/low.h")) << "#pragma once\n";
+  std::ofstream(root.File("host/attic/new.cpp")) << "#include \"host/base/low.h\"\n";
+  const auto unknown = check();
+  EXPECT_EQ(unknown.exit_code, 1);
+  EXPECT_NE(unknown.errors.find("host/attic"), std::string::npos) << unknown.errors;
+}
+
 }  // namespace
