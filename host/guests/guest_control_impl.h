@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "host/guests/claims.h"
+#include "host/guests/deletion/deletion.h"
 #include "host/guests/edit/edit.h"
 #include "host/guests/end_reasons.h"
 #include "host/guests/guest_control.h"
