@@ -665,6 +665,7 @@ TEST_F(GuestControlTest, WhileItsDisksAreEdited_AGuestFoundRunning_IsNotAdopted)
     return condition();
   };
   looks = 0;
+  PutGuest(kGuest, "web-2");  // a guest whose record changes is looked at, and again until that succeeds
   ASSERT_TRUE(await([&] { return looks >= 2; }));
   EXPECT_EQ(RunOf(), std::nullopt);
   ASSERT_TRUE(host_.store().Commit({{}, {{EditKey(kGuest), std::nullopt}}}));
