@@ -195,8 +195,9 @@ TEST_F(AccountStoreTest, Ids_OfDeletedUsers_AreNeverGivenAgain) {
   }();
   AccountStore another(real_);
   ASSERT_TRUE(another.AddUser({"alice", kPassword, many, {}}).ok());
-  EXPECT_FALSE(given.contains(another.FindUser("alice")->uid));
-  for (const base::Group& group : another.FindUser("alice")->groups) EXPECT_FALSE(given.contains(group.gid));
+  const auto alice = another.FindUser("alice");
+  EXPECT_FALSE(given.contains(alice->uid));
+  for (const base::Group& group : alice->groups) EXPECT_FALSE(given.contains(group.gid));
 }
 
 TEST_F(AccountStoreTest, Add_TakenUid_IsConflictAndChangesNothing) {
