@@ -1,0 +1,71 @@
+// vexa guest recover and vexa host forget: ids are found by names, and nothing is confirmed that was not confirmed.
+#include "tests/system/cli_api_host.h"
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+constexpr char kDown[] = "0a0a0a0a-0000-4000-8000-000000000001";
+// Both lists in one: each command reads its own.
+constexpr char kLists[] = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},{"guest_id":"g2","guest_name":"db"}],
+    "hosts":[{"host_id":"0a0a0a0a-0000-4000-8000-000000000001","name":"nas-1"},
+             {"host_id":"0a0a0a0a-0000-4000-8000-000000000002","name":"nas-2"}]})";
+
+class Recovery : public CliTest {
+ protected:
+  static ApiHost::Answer Answers() {
+    return [](const std::string& method, const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
+      if (method == "list") return ApiHost::Success(kLists);
+      if (json::String(json::Member(parameters, "guest_id")) == "g2") {
+        return ApiHost::Failure(972, "The machine may still run");
+      }
+      return ApiHost::Success();
+    };
+  }
+  ProcessOptions ProgramOn(const ApiHost& host, std::vector<std::string> arguments) {
+    SaveLogin(host.url());
+    return Program(std::move(arguments));
+  }
+};
+
+TEST_F(Recovery, GuestByItsName_IsRecovered) {
+  const ApiHost host(Answers());
+  const auto result = RunProcess(ProgramOn(host, {"guest", "recover", "web-1"}));
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("'web-1'"));
+  EXPECT_THAT(host.calls(), Contains(R"(recover {"discard_saved":false,"guest_id":"g1","machine_is_off":false})"));
+}
+
+TEST_F(Recovery, WithConfirmationAndAHost_BothAreSent) {
+  const ApiHost host(Answers());
+  const auto result = RunProcess(
+      ProgramOn(host, {"guest", "recover", "web-1", "db", "--to", "nas-1", "--machine-is-off", "--discard-saved"}));
+  EXPECT_EQ(result.exit_code, 1) << "one was refused";
+  EXPECT_THAT(result.errors, HasSubstr("The machine may still run"));
+  EXPECT_THAT(host.calls(), Contains(std::string(R"(recover {"discard_saved":true,"guest_id":"g1","host_id":")") +
+                                     kDown + R"(","machine_is_off":true})"));
+  EXPECT_EQ(host.Count("recover"), 2) << "a refusal does not keep the others";
+}
+
+TEST_F(Recovery, UnknownGuest_NothingIsSent) {
+  const ApiHost host(Answers());
+  const auto result = RunProcess(ProgramOn(host, {"guest", "recover", "mail"}));
+  EXPECT_NE(result.exit_code, 0);
+  EXPECT_THAT(result.errors, HasSubstr("mail"));
+  EXPECT_EQ(host.Count("recover"), 0);
+}
+
+TEST_F(Recovery, HostByItsName_IsForgotten) {
+  const ApiHost host(Answers());
+  const auto result = RunProcess(ProgramOn(host, {"host", "forget", "nas-1", "--machine-is-off"}));
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(host.calls(), Contains(std::string(R"(forget {"host_id":")") + kDown +
+                                     R"(","machine_is_off":true,"recover_guests":false})"));
+}
+
+}  // namespace
+}  // namespace vexa::test
