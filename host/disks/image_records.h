@@ -24,7 +24,7 @@ struct NewImage {
   std::string id;    // a UUID; empty: a random one
 };
 
-// Whether the texts have these forms; kInvalid with a sentence when not. Asks nobody.
+// Whether the texts have these forms; kInvalid with a sentence when not. Reads nothing.
 Status CheckImage(const NewImage& image);
 
 // Adds the record of an image that CheckImage accepts, and returns its id in `id`. The file must be a regular one below

@@ -216,7 +216,7 @@ Status CheckRepository(const NewRepository& repository) {
   if (!repository.id.empty() && NormalizeUuid(repository.id).empty()) {
     return Error(ErrorCode::kInvalid, "'" + cluster::LogText(repository.id, kShownName) + "' is not a UUID");
   }
-  if (NormalizeUuid(repository.host_id).empty()) {
+  if (!repository.host_id.empty() && NormalizeUuid(repository.host_id).empty()) {
     return Error(ErrorCode::kInvalid,
                  "'" + cluster::LogText(repository.host_id, kShownName) + "' is not a host's id: give a UUID");
   }

@@ -22,10 +22,11 @@ struct NewRepository {
   std::string host_id;  // the host that has its disks, a UUID
 };
 
-// Whether the texts have these forms; kInvalid with a sentence when not. Asks nobody.
+// Whether the texts have these forms; kInvalid with a sentence when not. The host may still be open (""). Reads
+// nothing.
 Status CheckRepository(const NewRepository& repository);
 
-// Adds the record of a repository that CheckRepository accepts, and returns its id in `id`.
+// Adds the record of a repository that CheckRepository accepts and that has a host, and returns its id in `id`.
 // Refusals: cluster::kRecordExists (a repository has the id or the name already); kRecordFailed.
 Refused AddRepository(store::Store& store, const NewRepository& repository, std::string& id);
 
