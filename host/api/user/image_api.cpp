@@ -6,6 +6,7 @@
 #include "host/disks/image_records.h"
 #include "host/records/named_record.h"
 #include "json/readers.h"
+#include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 
 namespace vexa::services {
@@ -48,7 +49,7 @@ void LogAddition(const std::string& user, bool is_done, const std::string& name)
 void Add(store::Store& store, const std::vector<std::string>& image_roots, const Call& call) {
   const auto name = call.request->GetAndCheckString("name", kRequired);
   const auto path = call.request->GetAndCheckString("path", kRequired);
-  const auto id = call.request->GetAndCheckString("image_id", kOptional);
+  const auto id = call.request->GetAndCheckString("image_id", kOptional, VexaCCC::Utils::IsNotEmpty);
   if (name.IsInvalid() || path.IsInvalid() || id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   const guests::NewImage image{name.Get(), path.Get(), id.Get()};
   const Status checked = guests::CheckImage(image);

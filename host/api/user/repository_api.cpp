@@ -52,7 +52,7 @@ void LogAddition(const std::string& user, bool is_done, const std::string& name)
 void Add(store::Store& store, const Call& call) {
   const auto name = call.request->GetAndCheckString("name", kRequired);
   const auto host_id = call.request->GetAndCheckString("host_id", kOptional, VexaCCC::Utils::IsNotEmpty);
-  const auto id = call.request->GetAndCheckString("repository_id", kOptional);
+  const auto id = call.request->GetAndCheckString("repository_id", kOptional, VexaCCC::Utils::IsNotEmpty);
   if (name.IsInvalid() || host_id.IsInvalid() || id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   const guests::NewRepository repository{name.Get(), id.Get(),
                                          host_id.IsSet() ? host_id.Get() : VexaCCC::DB::DBLocalhostID()};
