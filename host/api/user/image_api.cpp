@@ -30,7 +30,7 @@ Json::Value Describe(const guests::ListedImage& image, bool with_path) {
 
 void List(const store::Store& store, const Call& call) {
   const auto images = guests::ListImages(store);
-  if (!images) return Fail(call, kErrorUnreadable, images.error().ToString());
+  if (!images) return Fail(call, kErrorUnreadable);
   Json::Value data(Json::objectValue);
   Json::Value& list = data["images"] = Json::Value(Json::arrayValue);
   for (const guests::ListedImage& image : *images) list.append(Describe(image, call.request->IsAdmin()));

@@ -31,7 +31,7 @@ Json::Value Describe(guests::ListedRepository& repository, bool with_storage) {
 
 void List(const store::Store& store, const Call& call) {
   auto repositories = guests::ListRepositories(store);
-  if (!repositories) return Fail(call, kErrorUnreadable, repositories.error().ToString());
+  if (!repositories) return Fail(call, kErrorUnreadable);
   Json::Value data(Json::objectValue);
   Json::Value& list = data["repositories"] = Json::Value(Json::arrayValue);
   for (guests::ListedRepository& repository : *repositories) {
