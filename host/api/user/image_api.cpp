@@ -5,7 +5,6 @@
 #include "host/api/rows.h"
 #include "host/disks/image_records.h"
 #include "host/records/named_record.h"
-#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 

@@ -6,7 +6,6 @@
 #include "host/api/rows.h"
 #include "host/records/named_record.h"
 #include "host/storage/repository_records.h"
-#include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 
