@@ -5,25 +5,12 @@
 
 #include "cli/listing.h"
 #include "cli/reply.h"
-#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
 
 constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
 constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
-
-bool IsListed(const Json::Value& list, const std::string& id) {
-  return std::any_of(list.begin(), list.end(),
-                     [&](const Json::Value& guest) { return Text(Member(guest, kNaming.id)) == id; });
-}
-
-Result<std::string> IdOf(const Json::Value& list, const std::string& word) {
-  if (IsListed(list, word)) return word;
-  Result<std::string> found = FindByName(list, kNaming, word);
-  if (!found && found.error().code() == ErrorCode::kNotFound && IsUuidForm(word)) return word;
-  return found;
-}
 
 }  // namespace
 
@@ -49,7 +36,7 @@ NamedGuest GuestOf(const Json::Value& list, const std::string& id) {
 ExitCode FindGuests(const Json::Value& list, const std::vector<std::string>& words, std::vector<NamedGuest>& guests) {
   ExitCode exit_code = ExitCode::kOk;
   for (const std::string& word : words) {
-    const Result<std::string> id = IdOf(list, word);
+    const Result<std::string> id = FindByIdOrName(list, kNaming, word);
     if (!id) {
       exit_code = Report(id.error());
     } else if (std::ranges::find(guests, *id, &NamedGuest::id) == guests.end()) {

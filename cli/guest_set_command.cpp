@@ -24,7 +24,7 @@ constexpr int kBadParameter = 401;
 constexpr int kRightsNotSet = 1001;
 constexpr int kNotReserved = 1600;
 
-constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' on a host shows them.";
+constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' shows them.";
 
 // The word that rights on guests have in this system; no other is known.
 constexpr char kRight[] = "use";

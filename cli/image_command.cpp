@@ -1,152 +1,93 @@
 #include "cli/image_command.h"
 
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <filesystem>
-#include <optional>
-#include <ostream>
+#include <iostream>
 #include <system_error>
-#include <utility>
 
 #include "cli/listing.h"
 #include "cli/printable.h"
+#include "cli/reply.h"
 #include "host/base/json_parse.h"
-#include "host/base/rooted_file.h"
-#include "host/base/uuid.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/records/guest_image.h"
-#include "host/records/run_record.h"
-#include "host/store/key.h"
-#include "json/readers.h"
+#include "host/disks/image_records.h"
 
 namespace vexa::cli {
 namespace {
 
-namespace json = VexaVirtualization::json;
+constexpr const char* kList = "/webapi/VEXA.Virtualization.Image/list";
+constexpr const char* kAdd = "/webapi/VEXA.Virtualization.Image/add";
+constexpr const char* kRemove = "/webapi/VEXA.Virtualization.Image/remove";
 
-constexpr std::size_t kMaxName = 128;
+constexpr Naming kNaming{"image", "image_id", "name"};
 
-std::string ImageKey(const std::string& id) { return store::MakeKey({"dash", cluster::kImageCategory, id, "object"}); }
-
-// With their ids; a record that cannot be read is an empty object.
-Result<std::vector<std::pair<std::string, Json::Value>>> ReadAll(const store::Snapshot& snapshot) {
-  const auto ids = snapshot.Children(store::MakeKey({"dash", cluster::kImageCategory}));
-  if (!ids) return ids.error();
-  std::vector<std::pair<std::string, Json::Value>> all;
-  for (const std::string& id : *ids) {
-    const auto value = snapshot.Get(ImageKey(id));
-    if (!value) return value.error();
-    if (!value->has_value()) continue;
-    Result<Json::Value> record = ParseJson((*value)->text);
-    all.emplace_back(id, record && record->isObject() ? std::move(*record) : Json::Value(Json::objectValue));
+// The data of "list", checked; failures are printed.
+CallOutcome ListImages(HttpClient& client) {
+  CallOutcome outcome = CallApi(client, kList, "{}");
+  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "images").isArray()) {
+    outcome.exit_code = Report(NotUnderstood("images"));
   }
-  return all;
+  return outcome;
 }
 
-bool IsPlain(const std::string& text) {
-  return IsValidUtf8(text) && std::ranges::none_of(text, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-}
-
-Status CheckWords(const NewImage& image) {
-  if (image.name.empty() || image.name.size() > kMaxName || !IsPlain(image.name)) {
-    return Error(ErrorCode::kInvalid, "An image's name is 1 to 128 bytes of UTF-8 without control characters");
-  }
-  if (!image.id.empty() && !IsUuidForm(image.id)) return Error(ErrorCode::kInvalid, "'" + image.id + "' is no UUID");
-  for (const std::string& root : image.roots) {
-    if (!root.starts_with('/')) return Error(ErrorCode::kInvalid, "'" + root + "' is no absolute path");
-  }
-  return {};
-}
-
-std::string JoinPaths(const std::vector<std::string>& paths) {
-  std::string joined;
-  for (const std::string& path : paths) joined += (joined.empty() ? "'" : ", '") + path + "'";
-  return joined;
-}
-
-// The absolute path of the file. "." and ".." are not resolved, and lead nowhere.
-Result<std::string> FindFile(const NewImage& image) {
+// "" when it is not a path. "." and ".." stay: the server refuses them.
+std::string AbsolutePath(const std::string& file) {
   std::error_code failed;
-  const std::string path = std::filesystem::absolute(image.path, failed);
-  if (image.path.empty() || failed || path.size() > cluster::kMaxImagePathBytes || !IsPlain(path)) {
-    return Error(ErrorCode::kInvalid, "'" + image.path + "' is no path of an image: give up to " +
-                                          std::to_string(cluster::kMaxImagePathBytes) +
-                                          " bytes of UTF-8 without control characters");
-  }
-  if (IsRegularFileBelow(image.roots, path)) return path;
-  return Error(ErrorCode::kInvalid, "'" + path + "' leads to no regular file below " + JoinPaths(image.roots) +
-                                        " without '.', '..' and symbolic links");
-}
-
-std::optional<std::uint64_t> SizeOfFile(const std::string& path) {
-  struct stat info {};
-  if (path.empty() || ::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-  return static_cast<std::uint64_t>(info.st_size);
+  const std::string path = std::filesystem::absolute(file, failed);
+  return file.empty() || failed ? std::string() : path;
 }
 
 }  // namespace
 
-Status AddImage(const NewImage& image, store::Store& store, std::ostream& out) {
-  if (Status checked = CheckWords(image); !checked) return checked;
-  const Result<std::string> path = FindFile(image);
-  if (!path) return path.error();
-  std::string id = NormalizeUuid(image.id);
-  if (id.empty()) {
-    Result<std::string> made = RandomUuid();
-    if (!made) return made.error();
-    id = std::move(*made);
-  }
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  const auto all = ReadAll(**snapshot);
-  if (!all) return all.error();
-  for (const auto& [other, record] : *all) {
-    if (other == id) return Error(ErrorCode::kConflict, "There is an image '" + id + "' already");
-    if (json::Member(record, "name") == Json::Value(image.name)) {
-      return Error(ErrorCode::kConflict, "The image '" + other + "' has the name '" + image.name + "'");
-    }
-    if (json::Member(record, cluster::kImagePath) == Json::Value(*path)) {
-      return Error(ErrorCode::kConflict, "The image '" + other + "' is the file '" + *path + "' already");
-    }
-  }
-  Json::Value record(Json::objectValue);
-  record["name"] = image.name;
-  record[cluster::kImagePath] = *path;
-  store::Transaction transaction;
-  transaction.compares.push_back({ImageKey(id), 0});
-  transaction.operations.push_back({ImageKey(id), json::ToText(record)});
-  // Who removes or changes a file is to see that it is an image now.
-  transaction.operations.push_back({guests::FilesKey(), json::ToText(Json::Value(id))});
-  const auto committed = store.Commit(transaction);
-  if (!committed) return committed.error();
-  out << id << '\n';
-  return {};
+ExitCode RunImageAdd(const GlobalOptions& global, const ImageAddOptions& options) {
+  const guests::NewImage image{options.name, AbsolutePath(options.file), options.id};
+  if (const Status checked = guests::CheckImage(image); !checked) return Report(checked.error());
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  Json::Value parameters(Json::objectValue);
+  parameters["name"] = image.name;
+  parameters["path"] = image.path;
+  if (!image.id.empty()) parameters["image_id"] = image.id;
+  const CallOutcome outcome = CallApi(client, kAdd, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  const std::string id = Text(Member(outcome.data, kNaming.id));
+  if (id.empty()) return Report(NotUnderstood("id of the image"));
+  std::cout << Printable(id) << '\n';
+  return ExitCode::kOk;
 }
 
-Status ListImages(store::Store& store, ImageForm form, std::ostream& out) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  auto all = ReadAll(**snapshot);
-  if (!all) return all.error();
-  Json::Value list(Json::arrayValue);
+ExitCode RunImageList(const GlobalOptions& global) {
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  const CallOutcome outcome = ListImages(client);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& images = Member(outcome.data, "images");
+  if (global.json) return PrintJson(images);
   Table table{{"IMAGE", "NAME", "BYTES", "PRESENT", "PATH"}, {}};
-  for (auto& [id, record] : *all) {
-    const std::string path = json::String(json::Member(record, cluster::kImagePath));
-    const std::optional<std::uint64_t> size = SizeOfFile(path);
-    table.rows.push_back({id, json::String(json::Member(record, "name")), size ? std::to_string(*size) : "-",
-                          size ? "yes" : "no", path});
-    record["image_id"] = id;
-    record["present"] = size.has_value();
-    if (size) record["size"] = static_cast<Json::UInt64>(*size);
-    list.append(std::move(record));
+  for (const Json::Value& image : images) {
+    const bool is_present = IsTrue(Member(image, "present"));
+    table.rows.push_back({Text(Member(image, kNaming.id)), Text(Member(image, kNaming.name)),
+                          is_present ? Text(Member(image, "size")) : "-", is_present ? "yes" : "no",
+                          Text(Member(image, "path"))});
   }
-  if (form == ImageForm::kJson) {
-    out << json::ToText(list) << '\n';
-  } else {
-    PrintTable(out, table);
-  }
-  return {};
+  PrintTable(std::cout, table);
+  return ExitCode::kOk;
+}
+
+ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image) {
+  if (image.empty() || !IsValidUtf8(image)) return Report(NotText("image's id or name"));
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  const CallOutcome listed = ListImages(client);
+  if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+  const Result<std::string> id = FindByIdOrName(Member(listed.data, "images"), kNaming, image);
+  if (!id) return Report(id.error());
+  const CallOutcome outcome = CallApi(client, kRemove, OneParameter(kNaming.id, *id));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (!global.quiet) std::cout << "Removed the image '" << Printable(image) << "'. Its file stays.\n";
+  return ExitCode::kOk;
 }
 
 }  // namespace vexa::cli

@@ -1,5 +1,6 @@
 #include "cli/listing.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -9,6 +10,7 @@
 
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "host/base/uuid.h"
 
 namespace vexa::cli {
 namespace {
@@ -51,12 +53,21 @@ Result<std::string> FindByName(const Json::Value& list, const Naming& naming, co
     std::string shown;
     for (std::size_t i = 0; i < ids.size() && i < kMostShown; ++i) shown += (i == 0 ? "" : ", ") + ids[i];
     if (ids.size() > kMostShown) shown += ", …";
-    return Error(ErrorCode::kConflict, "Several " + kind + "s are called '" + name + "': give the id, one of " + shown);
+    const std::string kinds = naming.kinds ? naming.kinds : kind + "s";
+    return Error(ErrorCode::kConflict, "Several " + kinds + " are called '" + name + "': give the id, one of " + shown);
   }
   if (ids.empty()) {
     return Error(ErrorCode::kNotFound, "There is no " + kind + " called '" + name + "'; see 'vexa " + kind + " list'");
   }
   return ids.front();
+}
+
+Result<std::string> FindByIdOrName(const Json::Value& list, const Naming& naming, const std::string& word) {
+  const auto has_id = [&](const Json::Value& element) { return Text(Member(element, naming.id)) == word; };
+  if (std::any_of(list.begin(), list.end(), has_id)) return word;
+  Result<std::string> found = FindByName(list, naming, word);
+  if (!found && found.error().code() == ErrorCode::kNotFound && IsUuidForm(word)) return word;
+  return found;
 }
 
 std::string OneParameter(const char* name, const std::string& value) {

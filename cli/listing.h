@@ -23,13 +23,18 @@ void PrintRows(const Json::Value& list, std::span<const Column> columns);
 
 // What a user calls an object of a list.
 struct Naming {
-  const char* kind;  // "host"
-  const char* id;    // the members with the id
-  const char* name;  // and the name
+  const char* kind;             // "host"
+  const char* id;               // the members with the id
+  const char* name;             // and the name
+  const char* kinds = nullptr;  // the plural, when it is not the kind with an "s"
 };
 
 // The id of the one object of this name. kNotFound; kConflict, with their ids, when several have it.
 Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name);
+
+// The id of the one object with this id, else of this name. A UUID that is not in the list stays what it is: the server
+// knows why. Errors: as FindByName.
+Result<std::string> FindByIdOrName(const Json::Value& list, const Naming& naming, const std::string& word);
 
 // {"<name>": "<value>"}
 std::string OneParameter(const char* name, const std::string& value);

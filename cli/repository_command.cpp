@@ -1,145 +1,97 @@
 #include "cli/repository_command.h"
 
-#include <algorithm>
-#include <ostream>
-#include <utility>
-#include <vector>
+#include <iostream>
 
 #include "cli/listing.h"
 #include "cli/printable.h"
+#include "cli/reply.h"
 #include "host/base/json_parse.h"
-#include "host/base/json_readers.h"
-#include "host/base/uuid.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/storage/storage_record.h"
-#include "host/store/key.h"
-#include "json/readers.h"
-#include "webapi/platform/ccc_constants.h"
+#include "host/storage/repository_records.h"
 
 namespace vexa::cli {
 namespace {
 
-namespace json = VexaVirtualization::json;
+constexpr const char* kList = "/webapi/VEXA.Virtualization.Repository/list";
+constexpr const char* kAdd = "/webapi/VEXA.Virtualization.Repository/add";
+constexpr const char* kRemove = "/webapi/VEXA.Virtualization.Repository/remove";
+constexpr const char* kAccept = "/webapi/VEXA.Virtualization.Repository/accept";
 
-constexpr std::size_t kMaxName = 128;
+constexpr Naming kNaming{"repository", "repository_id", "name", "repositories"};
 
-std::string RepositoryKey(const std::string& id) { return store::MakeKey({"dash", "repository", id, "object"}); }
-
-// With their ids; a record that cannot be read is an empty object.
-Result<std::vector<std::pair<std::string, Json::Value>>> ReadAll(const store::Snapshot& snapshot) {
-  const auto ids = snapshot.Children(store::MakeKey({"dash", "repository"}));
-  if (!ids) return ids.error();
-  std::vector<std::pair<std::string, Json::Value>> all;
-  for (const std::string& id : *ids) {
-    const auto value = snapshot.Get(RepositoryKey(id));
-    if (!value) return value.error();
-    if (!value->has_value()) continue;
-    Result<Json::Value> record = ParseJson((*value)->text);
-    all.emplace_back(id, record && record->isObject() ? std::move(*record) : Json::Value(Json::objectValue));
+// The data of "list", checked; failures are printed.
+CallOutcome ListRepositories(HttpClient& client) {
+  CallOutcome outcome = CallApi(client, kList, "{}");
+  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "repositories").isArray()) {
+    outcome.exit_code = Report(NotUnderstood("repositories"));
   }
-  return all;
+  return outcome;
 }
 
-// What goes before the record: the state, and what is known of the storage.
-Status PutLive(const store::Snapshot& snapshot, const std::string& id, Json::Value& record) {
-  const auto state = snapshot.Get(guests::RepositoryStateKey(id));
-  if (!state) return state.error();
-  if (state->has_value()) {
-    Result<Json::Value> text = ParseJson((*state)->text);
-    if (text) record["state"] = std::move(*text);
-  }
-  const Result<guests::Storage> storage = guests::ReadStorage(snapshot, id);
-  if (!storage) {
-    record["storage"]["reason"] = storage.error().ToString();
-  } else if (storage->revision != 0) {
-    record["storage"] = guests::StorageJson(*storage);
-  }
-  return {};
-}
-
-Status CheckWords(const NewRepository& repository) {
-  const bool is_plain = std::ranges::none_of(repository.name, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-  if (repository.name.empty() || repository.name.size() > kMaxName || !is_plain || !IsValidUtf8(repository.name)) {
-    return Error(ErrorCode::kInvalid, "A repository's name is 1 to 128 bytes of UTF-8 without control characters");
-  }
-  if (!repository.id.empty() && !IsUuidForm(repository.id)) {
-    return Error(ErrorCode::kInvalid, "'" + repository.id + "' is no UUID");
-  }
-  if (!IsUuidForm(repository.host_id)) {
-    return Error(ErrorCode::kInvalid, "'" + repository.host_id + "' is no host's id: give a UUID");
-  }
-  return {};
+// Calls a method for the repository called `word`, whose id is then in `id`; failures are printed.
+ExitCode CallFor(const GlobalOptions& global, const std::string& word, const char* method, std::string& id) {
+  if (word.empty() || !IsValidUtf8(word)) return Report(NotText("repository's id or name"));
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  const CallOutcome listed = ListRepositories(client);
+  if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+  const Result<std::string> found = FindByIdOrName(Member(listed.data, "repositories"), kNaming, word);
+  if (!found) return Report(found.error());
+  id = *found;
+  return CallApi(client, method, OneParameter(kNaming.id, id)).exit_code;
 }
 
 }  // namespace
 
-Status AddRepository(const NewRepository& repository, store::Store& store, std::ostream& out) {
-  if (Status checked = CheckWords(repository); !checked) return checked;
-  std::string id = NormalizeUuid(repository.id);
-  if (id.empty()) {
-    Result<std::string> made = RandomUuid();
-    if (!made) return made.error();
-    id = std::move(*made);
-  }
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  const auto all = ReadAll(**snapshot);
-  if (!all) return all.error();
-  for (const auto& [other, record] : *all) {
-    if (other == id) return Error(ErrorCode::kConflict, "There is a repository '" + id + "' already");
-    if (json::Member(record, "name") == Json::Value(repository.name)) {
-      return Error(ErrorCode::kConflict, "The repository '" + other + "' has the name '" + repository.name + "'");
-    }
-  }
-  Json::Value record(Json::objectValue);
-  record["name"] = repository.name;
-  record["host_id"] = NormalizeUuid(repository.host_id);
-  record["state"] = VexaCCC::State::Repo::online;
-  const auto committed = store.Commit({{{RepositoryKey(id), 0}}, {{RepositoryKey(id), json::ToText(record)}}});
-  if (!committed) return committed.error();
-  out << id << '\n';
-  return {};
+ExitCode RunRepositoryAdd(const GlobalOptions& global, const RepositoryAddOptions& options) {
+  const Status checked = guests::CheckRepository({options.name, options.id, options.host_id});
+  if (!checked) return Report(checked.error());
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  Json::Value parameters(Json::objectValue);
+  parameters["name"] = options.name;
+  if (!options.id.empty()) parameters["repository_id"] = options.id;
+  if (!options.host_id.empty()) parameters["host_id"] = options.host_id;
+  const CallOutcome outcome = CallApi(client, kAdd, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  const std::string id = Text(Member(outcome.data, kNaming.id));
+  if (id.empty()) return Report(NotUnderstood("id of the repository"));
+  std::cout << Printable(id) << '\n';
+  return ExitCode::kOk;
 }
 
-Status AcceptStorage(const std::string& repository, store::Store& store, std::ostream& out) {
-  std::vector<std::string> found;
-  {
-    const auto snapshot = store.Read();
-    if (!snapshot) return snapshot.error();
-    const auto all = ReadAll(**snapshot);
-    if (!all) return all.error();
-    for (const auto& [id, record] : *all) {
-      if (id == repository) found.assign(1, id);
-      if (id == repository) break;
-      if (json::Member(record, "name") == Json::Value(repository)) found.push_back(id);
-    }
+ExitCode RunRepositoryList(const GlobalOptions& global) {
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  const CallOutcome outcome = ListRepositories(client);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& repositories = Member(outcome.data, "repositories");
+  if (global.json) return PrintJson(repositories);
+  for (const Json::Value& repository : repositories) {
+    const auto text = [&](const char* name) { return Printable(Text(Member(repository, name))); };
+    std::cout << text(kNaming.id) << "  " << text("host_id") << "  " << text("state") << "  " << text(kNaming.name)
+              << '\n';
   }
-  if (found.empty()) return Error(ErrorCode::kNotFound, "There is no repository '" + repository + "'");
-  if (found.size() > 1) {
-    return Error(ErrorCode::kConflict, "Several repositories have the name '" + repository + "': give an id");
-  }
-  if (Status forgotten = guests::ForgetStorage(store, found.front()); !forgotten) return forgotten;
-  out << Printable(found.front()) << ": its host takes the storage as it is now\n";
-  return {};
+  return ExitCode::kOk;
 }
 
-Status ListRepositories(store::Store& store, RepositoryForm form, std::ostream& out) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  auto all = ReadAll(**snapshot);
-  if (!all) return all.error();
-  Json::Value list(Json::arrayValue);
-  for (auto& [id, record] : *all) {
-    if (Status put = PutLive(**snapshot, id, record); !put) return put;
-    if (form == RepositoryForm::kLines) {
-      const auto text = [&](const char* name) { return Printable(json::String(json::Member(record, name))); };
-      out << Printable(id) << "  " << text("host_id") << "  " << text("state") << "  " << text("name") << '\n';
-    }
-    record["repository_id"] = id;
-    list.append(std::move(record));
-  }
-  if (form == RepositoryForm::kJson) out << json::ToText(list) << '\n';
-  return {};
+ExitCode RunRepositoryRemove(const GlobalOptions& global, const std::string& repository) {
+  std::string id;
+  const ExitCode removed = CallFor(global, repository, kRemove, id);
+  if (removed != ExitCode::kOk) return removed;
+  if (!global.quiet) std::cout << "Removed the repository '" << Printable(repository) << "'. Its files stay.\n";
+  return ExitCode::kOk;
+}
+
+ExitCode RunRepositoryAccept(const GlobalOptions& global, const std::string& repository) {
+  std::string id;
+  const ExitCode accepted = CallFor(global, repository, kAccept, id);
+  if (accepted != ExitCode::kOk) return accepted;
+  if (!global.quiet) std::cout << Printable(id) << ": its host takes the storage as it is now\n";
+  return ExitCode::kOk;
 }
 
 }  // namespace vexa::cli

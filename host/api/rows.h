@@ -1,9 +1,11 @@
 // What the rows of users and of other hosts share.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "host/api/api_table.h"
+#include "host/api/reason.h"
 
 namespace vexa::services {
 
@@ -13,8 +15,18 @@ inline constexpr int kErrorUnreadable = 403;  // a record, interface or volume t
 
 inline void Fail(const webapi::Call& call, int code) { call.response->SetError(code, Json::Value()); }
 
+// The same with a sentence that says why.
+inline void Fail(const webapi::Call& call, int code, const std::string& reason) {
+  Fail(call, code);
+  webapi::SetReason(call, reason);
+}
+
 inline webapi::Parameter Text(std::string_view name, std::string_view description) {
   return {name, webapi::ParameterType::kString, webapi::Necessity::kRequired, description};
+}
+
+inline webapi::Parameter OptionalText(std::string_view name, std::string_view description) {
+  return {name, webapi::ParameterType::kString, webapi::Necessity::kOptional, description};
 }
 
 }  // namespace vexa::services

@@ -25,8 +25,10 @@
 #include "host/api/user/guest_states.h"
 #include "host/api/user/host_api.h"
 #include "host/api/user/host_list_api.h"
+#include "host/api/user/image_api.h"
 #include "host/api/user/log_api.h"
 #include "host/api/user/recovery_api.h"
+#include "host/api/user/repository_api.h"
 #include "host/api/user/session_api.h"
 #include "host/base/error_table.h"
 #include "host/base/files.h"
@@ -344,7 +346,8 @@ class Daemon::Impl {
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
           services::GuestStateRows(guest_states_), services::GuestKeepingRows(), services::RecoveryRows(store_),
-          services::LogRows(), services::CompoundRows(call_item, OptionsOfCompound())}) {
+          services::ImageRows(store_, config.image_roots), services::RepositoryRows(store_), services::LogRows(),
+          services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));

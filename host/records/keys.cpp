@@ -6,7 +6,19 @@
 namespace vexa::guests {
 
 std::string GuestObjectKey(const std::string& guest_id) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, VexaCCC::DB::_k::object});
+  return cluster::ObjectKey(VexaCCC::DB::DashCate::Guest.name(), guest_id);
 }
 
 }  // namespace vexa::guests
+
+namespace vexa::cluster {
+
+std::string ObjectKey(std::string_view category, std::string_view id) {
+  return store::MakeKey({"dash", category, id, VexaCCC::DB::_k::object});
+}
+
+std::string NameKey(std::string_view category, std::string_view name) {
+  return store::MakeKey({"name", category, name});
+}
+
+}  // namespace vexa::cluster

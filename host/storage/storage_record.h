@@ -9,8 +9,9 @@
 //                                    administrator's and stays as it is. A state that is worse already stays, but for
 //                                    storage that cannot be used at all.
 //
-// Only the host of the repository writes these keys, and `vexa repository accept`. Knowledge of a host whose repository
-// it no longer is counts as none.
+// Only the host of the repository writes these keys. Any host takes them back when an administrator accepts the storage
+// as it is, or removes the repository (repository_records.h). Knowledge of a host whose repository it no longer is
+// counts as none.
 // Threads: any, at the same time; processes as well.
 #pragma once
 

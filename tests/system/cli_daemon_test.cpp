@@ -1,8 +1,13 @@
-// The client's commands on guests and the log against a real daemon: both ends mean the same.
+// The client's commands on guests, images, repositories and the log against a real daemon: both ends mean the same.
 #include <signal.h>
 
+#include "host/store/key.h"
+#include "host/store/lmdb_store.h"
+#include "tests/support/require.h"
 #include "tests/support/test_daemon.h"
+#include "tests/support/test_host.h"
 #include "tests/system/cli_program.h"
+#include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 
 namespace vexa::test {
@@ -12,6 +17,7 @@ using std::chrono::seconds;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 class CliOnDaemon : public CliTest {
@@ -71,6 +77,116 @@ TEST_F(CliOnDaemon, ActionsThatFail_TellTheServersSentence) {
   const auto deletion = RunOn({"guest", "delete", "web", "--yes"});
   EXPECT_EQ(deletion.exit_code, 1);
   EXPECT_THAT(deletion.errors, StartsWith("vexa: web: A record, host or repository could not be read. (error 403"));
+}
+
+std::string images_of_host;  // for the function that configures it
+
+// A daemon whose store is not in its data folder: commands that opened one there by themselves would make another.
+class RecordsOnDaemon : public CliTest {
+ protected:
+  static void Configure(daemon::Config& config) {
+    config.store_directory = config.data_directory + "-store";
+    config.image_roots = {images_of_host};
+  }
+  ProcessOptions ProgramOn(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--socket", daemon_->config().socket});
+    return Program(std::move(arguments));
+  }
+  ProcessResult RunOn(std::vector<std::string> arguments) { return RunProcess(ProgramOn(std::move(arguments))); }
+  static std::string MakeImageFile(const std::string& name) {
+    std::ofstream(images_of_host + "/" + name) << "twelve bytes";
+    return images_of_host + "/" + name;
+  }
+  void PutGuest(const std::string& id, const std::string& text) {
+    store::LmdbOptions options;
+    options.directory = daemon_->config().store_directory;
+    const auto store = Require(store::OpenLmdbStore(options));
+    (void)Require(store->Commit({{}, {{store::MakeKey({"dash", "guest", id, "object"}), text}}}));
+  }
+  // The programs run at the same time. How many of them succeed; the others must be refused with code 990.
+  static int CountAccepted(const std::vector<ProcessOptions>& programs) {
+    std::vector<std::unique_ptr<Process>> running;
+    for (const ProcessOptions& program : programs) running.push_back(std::make_unique<Process>(program));
+    int accepted = 0;
+    for (const auto& process : running) {
+      const auto ended = process->Wait(seconds(60));
+      EXPECT_TRUE(ended);
+      if (!ended) continue;
+      accepted += ended->code == 0 ? 1 : 0;
+      if (ended->code != 0) {
+        EXPECT_THAT(process->errors(), HasSubstr("(error 990, HTTP 409, "));
+      }
+    }
+    return accepted;
+  }
+
+  std::unique_ptr<TestDaemon> daemon_ = [&] {
+    images_of_host = folder_.File("images");
+    std::filesystem::create_directory(images_of_host);
+    return std::make_unique<TestDaemon>(Configure);
+  }();
+};
+
+TEST_F(RecordsOnDaemon, Image_IsAddedToTheStoreOfTheDaemon) {
+  const std::string file = MakeImageFile("a.iso");
+  const auto added = RunOn({"image", "add", "Debian 12", file});
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  EXPECT_THAT(added.output, MatchesRegex("[-0-9a-f]+\n"));
+  EXPECT_THAT(RunOn({"image", "list"}).output, HasSubstr("  Debian 12  12     yes      " + file + "\n"));
+  EXPECT_FALSE(std::filesystem::exists(daemon_->config().data_directory + "/store"));
+  EXPECT_EQ(RunOn({"image", "remove", "Debian 12"}).output, "Removed the image 'Debian 12'. Its file stays.\n");
+  EXPECT_EQ(RunOn({"image", "list", "--json"}).output, "[]\n");
+  EXPECT_THAT(RunOn({"log"}).output,
+              MatchesRegex("[^\n]* success [^\n]*: The image \\[Debian 12\\] has been added\\.\n"
+                           "[^\n]* success [^\n]*: The image \\[Debian 12\\] has been removed\\.\n"));
+}
+
+TEST_F(RecordsOnDaemon, EightProgramsThatAddOneName_OneIsAccepted) {
+  std::vector<ProcessOptions> images;
+  std::vector<ProcessOptions> repositories;
+  for (int i = 0; i < 8; ++i) {
+    images.push_back(ProgramOn({"image", "add", "debian", MakeImageFile(std::to_string(i) + ".iso")}));
+    repositories.push_back(ProgramOn({"repository", "add", "pool"}));
+  }
+  EXPECT_EQ(CountAccepted(images), 1);
+  EXPECT_EQ(CountAccepted(repositories), 1);
+  EXPECT_EQ(Parsed(RunOn({"image", "list", "--json"}).output).size(), 1u);
+  EXPECT_EQ(Parsed(RunOn({"repository", "list", "--json"}).output).size(), 1u);
+}
+
+TEST_F(RecordsOnDaemon, Repository_IsAddedListedAcceptedAndRemoved) {
+  const std::string id = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
+  EXPECT_EQ(RunOn({"repository", "add", "pool-1", "--id", id}).output, id + "\n");
+  EXPECT_EQ(RunOn({"repository", "list"}).output, id + "  " + VexaCCC::DB::DBLocalhostID() + "  repo_online  pool-1\n");
+  EXPECT_EQ(RunOn({"repository", "accept", "pool-1"}).output, id + ": its host takes the storage as it is now\n");
+  PutGuest("g", R"({"name":"shop","repository_id":")" + id + "\"}");
+  const auto used = RunOn({"repository", "remove", "pool-1"});
+  EXPECT_EQ(used.exit_code, 1);
+  EXPECT_THAT(used.errors, HasSubstr("(error 991, HTTP 409, request "));
+  EXPECT_THAT(used.errors, HasSubstr("\nThe repository 'pool-1' is used by the guest 'shop'. Delete them first\n"));
+  PutGuest("g", R"({"name":"shop"})");
+  EXPECT_EQ(RunOn({"repository", "remove", "pool-1"}).output, "Removed the repository 'pool-1'. Its files stay.\n");
+  EXPECT_EQ(RunOn({"repository", "list"}).output, "");
+}
+
+TEST_F(RecordsOnDaemon, OrdinaryUsers_SeeImagesWithoutPathsAndChangeNothing) {
+  const std::string file = MakeImageFile("a.iso");
+  ASSERT_EQ(RunOn({"image", "add", "a", file}).exit_code, 0);
+  ASSERT_EQ(RunOn({"repository", "add", "pool-1"}).exit_code, 0);
+  daemon_->BeOnUnixSocket("mallory");
+  const auto images = RunOn({"image", "list"});
+  EXPECT_THAT(images.output, HasSubstr("  a     12     yes\n"));
+  EXPECT_THAT(images.output, Not(HasSubstr(images_of_host)));
+  EXPECT_THAT(RunOn({"repository", "list"}).output, HasSubstr("  pool-1\n"));
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"image", "add", "b", file},
+                                                {"image", "remove", "a"},
+                                                {"repository", "add", "pool-2"},
+                                                {"repository", "accept", "pool-1"},
+                                                {"repository", "remove", "pool-1"}}) {
+    const auto result = RunOn(words);
+    EXPECT_EQ(result.exit_code, 1) << words[0] << " " << words[1];
+    EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method. (error 104, HTTP 403, "));
+  }
 }
 
 }  // namespace

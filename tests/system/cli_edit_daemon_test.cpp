@@ -14,6 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
@@ -55,8 +56,7 @@ class EditOnDaemon : public CliTest {
   }
   ProcessResult Image(std::vector<std::string> words) {
     words.insert(words.begin(), "image");
-    words.insert(words.begin() + 2, {"--data", daemon_->config().data_directory});
-    return Run(std::move(words));
+    return RunOn(std::move(words));
   }
 
   Json::Value Guest() const { return RecordOf(*store_, "guest", kEdited); }
@@ -158,7 +158,7 @@ TEST_F(EditOnDaemon, Interfaces_AreAddedChangedAndRemoved) {
 
 TEST_F(EditOnDaemon, DrivesAndPorts_HoldWhatIsNamed) {
   const std::string file = MakeImageFile("a.iso");
-  const auto added = Image({"add", "Debian 12", file, "--image-root", images_of_host});
+  const auto added = Image({"add", "Debian 12", file});
   ASSERT_EQ(added.exit_code, 0) << added.errors;
   const std::string id = added.output.substr(0, 36);
   ExpectSet({"--iso", id, "--iso", MakeImageFile("b.iso")});
@@ -297,8 +297,7 @@ TEST_F(EditOnDaemon, Editor_ChangesWhatIsEdited) {
 TEST_F(EditOnDaemon, Images_AreListedWithTheirFiles) {
   EXPECT_EQ(Image({"list"}).output, "IMAGE  NAME  BYTES  PRESENT  PATH\n");
   const std::string file = MakeImageFile("a.iso");
-  const auto first =
-      Image({"add", "Debian 12", file, "--image-root", images_of_host, "--id", "5B1C7D0A-3E84-4F96-B2A7-91C0DE45F3B8"});
+  const auto first = Image({"add", "Debian 12", file, "--id", "5B1C7D0A-3E84-4F96-B2A7-91C0DE45F3B8"});
   EXPECT_EQ(first.exit_code, 0) << first.errors;
   EXPECT_EQ(first.output, "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8\n");
   EXPECT_EQ(RecordOf(*store_, "image", "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8"),
@@ -314,33 +313,22 @@ TEST_F(EditOnDaemon, Images_AreListedWithTheirFiles) {
 
 TEST_F(EditOnDaemon, ImagesThatCannotBe_AreRefusedWithASentence) {
   const std::string root = images_of_host;
-  const std::string file = MakeImageFile("a.iso");
+  MakeImageFile("a.iso");
   const std::string outside = ground_.File("outside.iso");
   std::ofstream(outside) << "x";
   fs::create_directory(root + "/deep");
   fs::create_symlink(outside, root + "/link.iso");
   fs::create_directory_symlink(fs::path(outside).parent_path(), root + "/folder");
   ASSERT_EQ(::mkfifo((root + "/fifo.iso").c_str(), 0600), 0);
-  const auto refused = [&](const std::string& name, const std::string& path, std::vector<std::string> more = {}) {
-    std::vector<std::string> words{"add", name, path, "--image-root", root};
-    words.insert(words.end(), more.begin(), more.end());
-    const auto result = Image(std::move(words));
-    EXPECT_EQ(result.exit_code, 2) << path;
-    EXPECT_THAT(result.output, IsEmpty());
-    return result.errors;
-  };
   for (const std::string& path : {outside, root + "/link.iso", root + "/folder/outside.iso", root + "/deep", root,
                                   root + "/none.iso", root + "/fifo.iso", root + "/deep/../a.iso", root + "/./a.iso"}) {
-    EXPECT_EQ(refused("x", path), "vexa: '" + path + "' leads to no regular file below '" + root +
-                                      "' without '.', '..' and symbolic links\n");
+    const auto result = Image({"add", "x", path});
+    EXPECT_EQ(result.exit_code, 1) << path;
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 934, HTTP 400, request "),
+                                     HasSubstr("\n'" + path + "' leads to no regular file below '" + root +
+                                               "' without '.', '..' and symbolic links\n")));
   }
-  EXPECT_EQ(refused("x", ""),
-            "vexa: '' is no path of an image: give up to 4096 bytes of UTF-8 without control characters\n");
-  EXPECT_EQ(refused("", file), "vexa: An image's name is 1 to 128 bytes of UTF-8 without control characters\n");
-  EXPECT_EQ(refused("a\nb", file), "vexa: An image's name is 1 to 128 bytes of UTF-8 without control characters\n");
-  EXPECT_EQ(refused("x", file, {"--id", "5"}), "vexa: '5' is no UUID\n");
-  EXPECT_EQ(refused("x", file, {"--image-root", "images"}), "vexa: 'images' is no absolute path\n");
-  EXPECT_EQ(Image({"add", "x"}).exit_code, 2);
   EXPECT_EQ(Image({"list", "--json"}).output, "[]\n");
 }
 
@@ -348,30 +336,43 @@ TEST_F(EditOnDaemon, ImagesThatAreThere_AreNotAddedAgain) {
   const std::string file = MakeImageFile("a.iso");
   const std::string other = MakeImageFile("b.iso");
   const std::string id = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
-  ASSERT_EQ(Image({"add", "a", file, "--image-root", images_of_host, "--id", id}).exit_code, 0);
+  ASSERT_EQ(Image({"add", "a", file, "--id", id}).exit_code, 0);
   const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
       {"b", other, id, "There is an image '" + id + "' already"},
       {"a", other, kNobody, "The image '" + id + "' has the name 'a'"},
       {"b", file, kNobody, "The image '" + id + "' is the file '" + file + "' already"},
   };
   for (const auto& [name, path, new_id, told] : rows) {
-    const auto result = Image({"add", name, path, "--image-root", images_of_host, "--id", new_id});
+    const auto result = Image({"add", name, path, "--id", new_id});
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.errors, "vexa: " + told + "\n");
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 990, HTTP 409, request "), EndsWith("\n" + told + "\n")));
   }
   EXPECT_EQ(Parsed(Image({"list", "--json"}).output).size(), 1u);
 }
 
-TEST_F(EditOnDaemon, ImagesOfTheDataFolder_NeedNoRoot) {
-  const std::string folder = daemon_->config().data_directory + "/images";
-  fs::create_directory(folder);
-  std::ofstream(folder + "/a.iso") << "x";
-  EXPECT_EQ(Image({"add", "a", folder + "/a.iso"}).exit_code, 0);
-  ProcessOptions relative = Program({"image", "add", "b", "b.iso", "--data", daemon_->config().data_directory});
-  std::ofstream(folder + "/b.iso") << "x";
-  relative.working_directory = folder;
+TEST_F(EditOnDaemon, ImageInADrive_IsRemovedOnlyWhenItHasBeenTakenOut) {
+  const std::string file = MakeImageFile("a.iso");
+  MakeImageFile("b.iso");
+  const std::string id = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
+  ASSERT_EQ(Image({"add", "a", file, "--id", id}).exit_code, 0);
+  ProcessOptions relative = ProgramOn({"image", "add", "b", "b.iso"});
+  relative.working_directory = images_of_host;
   EXPECT_EQ(RunProcess(relative).exit_code, 0);
-  EXPECT_THAT(Image({"list"}).output, HasSubstr(folder + "/b.iso"));
+  EXPECT_THAT(Image({"list"}).output, HasSubstr(images_of_host + "/b.iso\n"));
+  for (const std::string& drive : {id, file}) {
+    ExpectSet({"--iso", drive});
+    const auto used = Image({"remove", "a"});
+    EXPECT_EQ(used.exit_code, 1);
+    EXPECT_THAT(
+        used.errors,
+        AllOf(HasSubstr("(error 991, HTTP 409, request "),
+              EndsWith("\nThe image 'a' is in a drive of these guests: 'web'. Take it out of the drives first\n")));
+    ExpectSet({"--iso", "none"});
+  }
+  EXPECT_EQ(Image({"remove", "a"}).output, "Removed the image 'a'. Its file stays.\n");
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_TRUE(RecordOf(*store_, "image", id).isNull());
+  ExpectRefused({"--iso", id}, "A parameter is missing or not valid. (error 401, HTTP 400, ");
 }
 
 }  // namespace

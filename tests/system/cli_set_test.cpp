@@ -288,7 +288,7 @@ TEST_F(GuestSet, Refusals_AreToldWithCodeAndDetails) {
   const ApiHost image(Refuses(401));
   EXPECT_EQ(RunOn(image, {"web-1", "--iso", kA}).errors,
             "vexa: web-1: No. (error 401, HTTP 409, request 0123456789abcdef)\n"
-            "Is there an image with this id? 'vexa image list' on a host shows them.\n");
+            "Is there an image with this id? 'vexa image list' shows them.\n");
   const ApiHost hosts(Refuses(1600, R"(,"details":{"host_names":"nas-1, na\u001bs-2"})"));
   EXPECT_EQ(RunOn(hosts, {"web-1", "vcpu_num=1"}).errors,
             "vexa: web-1: No. (error 1600, HTTP 409, request 0123456789abcdef)\n"

@@ -7,7 +7,9 @@
 
 #include "host/api/openapi.h"
 #include "host/api/user/guest_api.h"
+#include "host/api/user/image_api.h"
 #include "host/api/user/log_api.h"
+#include "host/api/user/repository_api.h"
 #include "host/base/error_table.h"
 #include "host/base/refusal.h"
 #include "tests/support/test_host.h"
@@ -98,7 +100,10 @@ TEST(ErrorTable, HandlerCodes_HaveTheirStatus) {
 
 TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
   std::vector<ApiRow> rows = vexa::daemon::GuestRows();
-  for (const ApiRow& row : vexa::services::LogRows()) rows.push_back(row);
+  for (const auto& part :
+       {vexa::services::LogRows(), vexa::services::ImageRows(nullptr, {}), vexa::services::RepositoryRows(nullptr)}) {
+    rows.insert(rows.end(), part.begin(), part.end());
+  }
   for (const ApiRow& row : rows) {
     for (const int code : row.errors)
       EXPECT_NE(FindError(code), nullptr) << row.api << " " << row.method << " " << code;

@@ -1,0 +1,125 @@
+#include "host/records/named_record.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "host/base/json_parse.h"
+#include "host/base/log_text.h"
+#include "host/records/keys.h"
+#include "host/store/key.h"
+#include "json/readers.h"
+#include "webapi/platform/ccc.h"
+
+namespace vexa::cluster {
+namespace {
+
+namespace json = VexaVirtualization::json;
+
+constexpr std::size_t kMostShownUsers = 10;
+
+bool IsControl(unsigned char c) { return c < 0x20 || c == 0x7F; }
+
+NamedRecord FromValue(std::string id, const store::ValueView& value) {
+  NamedRecord named;
+  named.id = std::move(id);
+  named.revision = value.revision;
+  Result<Json::Value> parsed = ParseJson(value.text);
+  if (!parsed || !parsed->isObject()) return named;
+  named.record = std::move(*parsed);
+  const Json::Value& name = json::Member(named.record, VexaCCC::DB::_k::name);
+  if (name.isString()) named.name = json::String(name);
+  return named;
+}
+
+// Adds that the key of the record's name is missing now and is written.
+Status PutMissingName(const store::Snapshot& snapshot, std::string_view category, const NamedRecord& record,
+                      store::Transaction& transaction) {
+  std::string key = NameKey(category, record.name);
+  const auto value = snapshot.Get(key);
+  if (!value) return value.error();
+  if (value->has_value()) return {};
+  transaction.compares.push_back({key, 0});
+  transaction.compares.push_back({ObjectKey(category, record.id), record.revision});
+  transaction.operations.push_back({std::move(key), json::ToText(Json::Value(record.id))});
+  return {};
+}
+
+}  // namespace
+
+bool IsRecordName(std::string_view text) {
+  return !text.empty() && text.size() <= kMaxRecordName && IsValidUtf8(text) && std::ranges::none_of(text, IsControl);
+}
+
+std::string ShownName(const NamedRecord& record) {
+  return LogText(record.name.empty() ? record.id : record.name, kMaxRecordName);
+}
+
+Result<std::optional<NamedRecord>> ReadNamedRecord(const store::Snapshot& snapshot, std::string_view category,
+                                                   std::string_view id) {
+  const auto value = snapshot.Get(ObjectKey(category, id));
+  if (!value) return value.error();
+  if (!value->has_value()) return std::optional<NamedRecord>();
+  return std::optional<NamedRecord>(FromValue(std::string(id), **value));
+}
+
+Result<std::vector<NamedRecord>> ReadNamedRecords(const store::Snapshot& snapshot, std::string_view category) {
+  const auto ids = snapshot.Children(store::MakeKey({"dash", category}));
+  if (!ids) return ids.error();
+  std::vector<NamedRecord> all;
+  for (const std::string& id : *ids) {
+    Result<std::optional<NamedRecord>> one = ReadNamedRecord(snapshot, category, id);
+    if (!one) return one.error();
+    // What remains of a record that was removed has no object.
+    if (one->has_value()) all.push_back(std::move(**one));
+  }
+  return all;
+}
+
+Status AddNamedRecord(const store::Snapshot& snapshot, std::string_view category, const std::vector<NamedRecord>& all,
+                      const NamedRecord& added, store::Transaction& transaction) {
+  const std::string name_key = NameKey(category, added.name);
+  const auto before = snapshot.Get(name_key);
+  if (!before) return before.error();
+  // A key that is there belongs to a record that has gone, since no record has the name.
+  transaction.compares.push_back({name_key, before->has_value() ? (*before)->revision : 0});
+  transaction.operations.push_back({name_key, json::ToText(Json::Value(added.id))});
+  transaction.compares.push_back({ObjectKey(category, added.id), 0});
+  transaction.operations.push_back({ObjectKey(category, added.id), json::ToText(added.record)});
+  // Older versions may have given a name twice: the first record gets the key.
+  std::set<std::string_view> named;
+  for (const NamedRecord& other : all) {
+    if (!IsRecordName(other.name) || !named.insert(other.name).second) continue;
+    if (Status put = PutMissingName(snapshot, category, other, transaction); !put) return put;
+  }
+  return {};
+}
+
+Status RemoveNamedRecord(const store::Snapshot& snapshot, std::string_view category, const NamedRecord& removed,
+                         store::Transaction& transaction) {
+  transaction.compares.push_back({ObjectKey(category, removed.id), removed.revision});
+  const Status scanned =
+      snapshot.Scan(store::MakeKey({"dash", category, removed.id}), [&](std::string_view key, const store::ValueView&) {
+        transaction.operations.push_back({std::string(key), std::nullopt});
+        return true;
+      });
+  if (!scanned) return scanned;
+  if (!IsRecordName(removed.name)) return {};
+  std::string name_key = NameKey(category, removed.name);
+  const auto name = snapshot.Get(name_key);
+  if (!name) return name.error();
+  if (!name->has_value() || (*name)->text != json::ToText(Json::Value(removed.id))) return {};
+  transaction.compares.push_back({name_key, (*name)->revision});
+  transaction.operations.push_back({std::move(name_key), std::nullopt});
+  return {};
+}
+
+std::string ListOfUsers(const std::vector<std::string>& users) {
+  std::string list;
+  const std::size_t shown = std::min(users.size(), kMostShownUsers);
+  for (std::size_t i = 0; i < shown; ++i) list += (i == 0 ? "" : ", ") + users[i];
+  if (users.size() > shown) list += " and " + std::to_string(users.size() - shown) + " more";
+  return list;
+}
+
+}  // namespace vexa::cluster

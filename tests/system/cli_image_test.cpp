@@ -1,0 +1,199 @@
+// vexa image and vexa repository against servers that answer well and badly.
+#include "tests/system/cli_api_host.h"
+#include "tests/system/cli_program.h"
+
+namespace vexa::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr const char* kUuid = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
+
+const std::string kImages = R"({"images":[
+  {"image_id":"i1","name":"debian-12","present":true,"size":12,"path":"/images/d.iso"},
+  {"image_id":"i2","name":"go\u001b[2Jne","present":false},{"image_id":"i3","name":"twin"},
+  {"image_id":"i4","name":"twin"}, 7, null]})";
+const std::string kRepositories = R"({"repositories":[
+  {"repository_id":"r1","name":"pool-1","host_id":"h1","state":"repo_online"},
+  {"repository_id":"r2","name":"p\u001b[2J","host_id":"h2","state":"repo_full","storage":{"reason":"why"}},
+  {"repository_id":"r3","name":"twin"},{"repository_id":"r4","name":"twin"}]})";
+
+class ImageCommand : public CliTest {
+ protected:
+  // Lists as above, and `data` for the rest.
+  static ApiHost::Answer With(const std::string& lists, const std::string& data = "null") {
+    return [lists, data](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+      return ApiHost::Success(method == "list" ? lists : data);
+    };
+  }
+  static ApiHost::Answer Refusing(const std::string& lists, int code, const std::string& reason) {
+    return [=](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
+      if (method == "list") return ApiHost::Success(lists);
+      return ApiHost::Failure(code, "It is in use.", R"(,"reason":")" + reason + "\"");
+    };
+  }
+  ProcessResult RunOn(const ApiHost& host, std::vector<std::string> arguments) {
+    SaveLogin(host.url());
+    return Run(std::move(arguments));
+  }
+  // A usage error, and nothing was sent.
+  void ExpectUsage(std::vector<std::string> arguments, const std::string& sentence) {
+    const ApiHost host(With("{}"));
+    const auto result = RunOn(host, std::move(arguments));
+    EXPECT_EQ(result.exit_code, 2) << sentence;
+    EXPECT_THAT(result.errors, HasSubstr(sentence));
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(host.calls(), IsEmpty());
+  }
+};
+
+TEST_F(ImageCommand, Add_SendsAnAbsolutePathAndPrintsTheId) {
+  const ApiHost host(With(kImages, R"({"image_id":"i9"})"));
+  auto result = RunOn(host, {"image", "add", "Debian 12", "/images/d.iso", "--id", kUuid});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, "i9\n");
+  ProcessOptions relative = Program({"image", "add", "d", "d.iso"});
+  relative.working_directory = folder_.path();
+  EXPECT_EQ(RunProcess(relative).output, "i9\n");
+  EXPECT_THAT(host.calls(), ElementsAre(R"(add {"image_id":")" + std::string(kUuid) +
+                                            R"(","name":"Debian 12","path":"/images/d.iso"})",
+                                        R"(add {"name":"d","path":")" + folder_.path() + "/d.iso\"}"));
+}
+
+TEST_F(ImageCommand, Add_WordsThatCannotBe_AreNotSent) {
+  const std::string name_rule = "vexa: An image's name is 1 to 128 bytes of UTF-8 without control characters\n";
+  ExpectUsage({"image", "add", "", "/a.iso"}, name_rule);
+  ExpectUsage({"image", "add", "a\nb", "/a.iso"}, name_rule);
+  ExpectUsage({"image", "add", "\xFF", "/a.iso"}, name_rule);
+  ExpectUsage({"image", "add", std::string(129, 'x'), "/a.iso"}, name_rule);
+  ExpectUsage({"image", "add", "a", ""}, "vexa: '' cannot be the path of an image: give an absolute path");
+  ExpectUsage({"image", "add", "a", "/\xFF"}, "cannot be the path of an image");
+  ExpectUsage({"image", "add", "a", "/a.iso", "--id", "5"}, "vexa: '5' is not a UUID\n");
+  ExpectUsage({"image", "add", "a"}, "FILE");
+  ExpectUsage({"image", "remove", ""}, "id or name is empty");
+  ExpectUsage({"image", "add", "a", "/a.iso", "--data", "/d"}, "--data");
+}
+
+TEST_F(ImageCommand, List_IsATableThatCannotDriveTheTerminal) {
+  const ApiHost host(With(kImages));
+  const auto result = RunOn(host, {"image", "list"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output,
+              AllOf(StartsWith("IMAGE  NAME "), HasSubstr("\ni1     debian-12    12     yes      /images/d.iso\n"),
+                    HasSubstr("\ni2     go\\x1b[2Jne  -      no\n"), Not(HasSubstr("\x1b"))));
+  const ApiHost empty(With(R"({"images":[]})"));
+  EXPECT_EQ(RunOn(empty, {"image", "list"}).output, "IMAGE  NAME  BYTES  PRESENT  PATH\n");
+  EXPECT_EQ(RunOn(empty, {"image", "list", "--json"}).output, "[]\n");
+  EXPECT_EQ(Parse(RunOn(host, {"image", "list", "--json"}).output), Parse(kImages)["images"]);
+}
+
+TEST_F(ImageCommand, Remove_ByIdAndByName_SendsTheId) {
+  const ApiHost host(With(kImages));
+  EXPECT_EQ(RunOn(host, {"image", "remove", "debian-12"}).output, "Removed the image 'debian-12'. Its file stays.\n");
+  EXPECT_EQ(RunOn(host, {"image", "remove", "i2", "--quiet"}).output, "");
+  EXPECT_EQ(RunOn(host, {"image", "remove", kUuid}).exit_code, 0);
+  EXPECT_THAT(host.calls(),
+              ElementsAre("list {}", R"(remove {"image_id":"i1"})", "list {}", R"(remove {"image_id":"i2"})", "list {}",
+                          R"(remove {"image_id":")" + std::string(kUuid) + "\"}"));
+}
+
+TEST_F(ImageCommand, Remove_UnknownAndAmbiguousNames_SendNothing) {
+  const ApiHost host(With(kImages));
+  const auto unknown = RunOn(host, {"image", "remove", "nobody"});
+  EXPECT_EQ(unknown.exit_code, 1);
+  EXPECT_EQ(unknown.errors, "vexa: There is no image called 'nobody'; see 'vexa image list'\n");
+  const auto twin = RunOn(host, {"image", "remove", "twin"});
+  EXPECT_EQ(twin.exit_code, 1);
+  EXPECT_EQ(twin.errors, "vexa: Several images are called 'twin': give the id, one of i3, i4\n");
+  EXPECT_EQ(host.Count("remove"), 0);
+}
+
+TEST_F(ImageCommand, Refusals_AreShownWithTheirReason) {
+  const ApiHost images(Refusing(kImages, 991, "The image 'debian-12' is in a drive"));
+  const auto image = RunOn(images, {"image", "remove", "i1"});
+  EXPECT_EQ(image.exit_code, 1);
+  EXPECT_THAT(image.output, IsEmpty());
+  EXPECT_EQ(
+      image.errors,
+      "vexa: It is in use. (error 991, HTTP 409, request 0123456789abcdef)\nThe image 'debian-12' is in a drive\n");
+  const ApiHost repositories(Refusing(kRepositories, 990, "The repository 'r1' has the name"));
+  const auto repository = RunOn(repositories, {"repository", "add", "pool-1"});
+  EXPECT_EQ(repository.exit_code, 1);
+  EXPECT_THAT(repository.output, IsEmpty());
+  EXPECT_THAT(repository.errors, HasSubstr("(error 990, HTTP 409, request 0123456789abcdef)\nThe repository 'r1' has"));
+}
+
+TEST_F(ImageCommand, OddData_IsAnErrorNeverACrash) {
+  for (const char* data : {"null", "7", "[]", R"({"images":7,"repositories":{}})"}) {
+    const ApiHost host(With(data, data));
+    for (const auto& [words, sentence] :
+         {std::pair(std::vector<std::string>{"image", "list"}, "holds no images"),
+          std::pair(std::vector<std::string>{"image", "remove", "x"}, "holds no images"),
+          std::pair(std::vector<std::string>{"image", "add", "x", "/x"}, "holds no id of the image"),
+          std::pair(std::vector<std::string>{"repository", "list"}, "holds no repositories"),
+          std::pair(std::vector<std::string>{"repository", "accept", "x"}, "holds no repositories"),
+          std::pair(std::vector<std::string>{"repository", "add", "x"}, "holds no id of the repository")}) {
+      const auto result = RunOn(host, words);
+      EXPECT_EQ(result.exit_code, 1) << words[1] << data;
+      EXPECT_THAT(result.errors, HasSubstr(sentence)) << data;
+      EXPECT_THAT(result.output, IsEmpty());
+    }
+  }
+}
+
+TEST_F(ImageCommand, WithoutAServer_NothingIsCreated) {
+  for (const char* group : {"image", "repository"}) {
+    const auto result = Run({group, "list"});
+    EXPECT_EQ(result.exit_code, 3) << group;
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
+}
+
+TEST_F(ImageCommand, RepositoryAdd_SendsWhatWasGivenAndPrintsTheId) {
+  const ApiHost host(With(kRepositories, R"({"repository_id":"r9"})"));
+  const auto result = RunOn(host, {"repository", "add", "pool 9", "--id", kUuid, "--host-id", kUuid});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, "r9\n");
+  EXPECT_EQ(RunOn(host, {"repository", "add", "pool"}).output, "r9\n");
+  const std::string id = kUuid;
+  EXPECT_THAT(host.calls(),
+              ElementsAre(R"(add {"host_id":")" + id + R"(","name":"pool 9","repository_id":")" + id + "\"}",
+                          R"(add {"name":"pool"})"));
+}
+
+TEST_F(ImageCommand, RepositoryAdd_WordsThatCannotBe_AreNotSent) {
+  ExpectUsage({"repository", "add", ""}, "vexa: A repository's name is 1 to 128 bytes of UTF-8 without control");
+  ExpectUsage({"repository", "add", "a", "--id", "../x"}, "vexa: '../x' is not a UUID\n");
+  ExpectUsage({"repository", "add", "a", "--host-id", "nas-1"}, "vexa: 'nas-1' is not a host's id: give a UUID\n");
+  ExpectUsage({"repository", "list", "--data", "/d"}, "--data");
+}
+
+TEST_F(ImageCommand, RepositoryList_IsALineEach) {
+  const ApiHost host(With(kRepositories));
+  const auto result = RunOn(host, {"repository", "list"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, StartsWith("r1  h1  repo_online  pool-1\nr2  h2  repo_full  p\\x1b[2J\n"));
+  EXPECT_EQ(Parse(RunOn(host, {"repository", "list", "--json"}).output), Parse(kRepositories)["repositories"]);
+}
+
+TEST_F(ImageCommand, RepositoryAcceptAndRemove_SendTheIdOfTheName) {
+  const ApiHost host(With(kRepositories));
+  EXPECT_EQ(RunOn(host, {"repository", "accept", "pool-1"}).output, "r1: its host takes the storage as it is now\n");
+  EXPECT_EQ(RunOn(host, {"repository", "remove", "pool-1"}).output,
+            "Removed the repository 'pool-1'. Its files stay.\n");
+  EXPECT_THAT(host.calls(), ElementsAre("list {}", R"(accept {"repository_id":"r1"})", "list {}",
+                                        R"(remove {"repository_id":"r1"})"));
+  EXPECT_EQ(RunOn(host, {"repository", "accept", "twin"}).errors,
+            "vexa: Several repositories are called 'twin': give the id, one of r3, r4\n");
+  EXPECT_EQ(RunOn(host, {"repository", "accept", "poo"}).errors,
+            "vexa: There is no repository called 'poo'; see 'vexa repository list'\n");
+}
+
+}  // namespace
+}  // namespace vexa::test

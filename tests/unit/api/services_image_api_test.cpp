@@ -1,0 +1,217 @@
+// VEXA.Virtualization.Image and VEXA.Virtualization.Repository on a real store: who sees what, codes, sentences, the
+// log.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "host/api/reason.h"
+#include "host/api/user/image_api.h"
+#include "host/api/user/repository_api.h"
+#include "host/cluster/cluster_log.h"
+#include "host/records/environment.h"
+#include "json/readers.h"
+#include "tests/support/require.h"
+#include "tests/unit/api/services_fixture.h"
+
+namespace vexa::services {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using test::Answer;
+using test::Parsed;
+using test::Require;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using webapi::Access;
+
+constexpr char kImageApi[] = "VEXA.Virtualization.Image";
+constexpr char kRepositoryApi[] = "VEXA.Virtualization.Repository";
+constexpr char kId[] = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
+constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
+
+class ImageApi : public ::testing::Test {
+ protected:
+  ImageApi() : table_(Rows()) {
+    std::filesystem::create_directory(Root());
+    std::ofstream(File()) << "twelve bytes";
+  }
+
+  std::string Root() const { return host_.folder().File("images"); }
+  std::string File() const { return Root() + "/a.iso"; }
+  Answer Call(const std::string& api, const std::string& method, const std::string& parameters,
+              VEXA::APIRequest::Privilege privilege = VEXA::APIRequest::Privilege::kAdministrator) {
+    const webapi::ApiRow* const row = table_.Find(api, method, 1);
+    if (!row) ADD_FAILURE() << api << " " << method;
+    if (!row) return {};
+    VEXA::APIRequest request(Parsed(parameters), "root", privilege);
+    VEXA::APIResponse response;
+    const webapi::Caller caller;
+    std::vector<std::pair<std::string, std::string>> headers;
+    Answer answer;
+    row->handler({&request, &response, caller, &headers, &answer.further});
+    if (response.IsSet()) answer.code = response.ErrorCode();
+    answer.data = Parsed(json::ToText(response.Data()));
+    return answer;
+  }
+  Answer Image(const std::string& method, const std::string& parameters = "{}") {
+    return Call(kImageApi, method, parameters);
+  }
+  Answer Repository(const std::string& method, const std::string& parameters = "{}") {
+    return Call(kRepositoryApi, method, parameters);
+  }
+  static std::string ReasonOf(const Answer& answer) {
+    return json::String(json::Member(answer.further, webapi::kReason));
+  }
+  std::string Addition(const std::string& name) const {
+    return R"({"name":")" + name + R"(","path":")" + File() + R"(","image_id":")" + kId + "\"}";
+  }
+  // Newest last: "<user> <priority> <text>".
+  static std::vector<std::string> Log() {
+    std::vector<std::string> lines;
+    for (const cluster::LogEntry& entry : Require(cluster::ReadLogAfter(0, 100))) {
+      lines.push_back(entry.user + " " + std::to_string(entry.priority) + " " + entry.text);
+    }
+    return lines;
+  }
+
+  test::TestHost host_;
+  webapi::ApiTable table_;
+
+ private:
+  std::vector<webapi::ApiRow> Rows() {
+    const auto& store = cluster::CurrentEnvironment()->store;
+    std::vector<webapi::ApiRow> rows = ImageRows(store, {Root()});
+    for (webapi::ApiRow& row : RepositoryRows(store)) rows.push_back(std::move(row));
+    return rows;
+  }
+};
+
+TEST_F(ImageApi, Rows_AreForAdministratorsExceptLists) {
+  ASSERT_EQ(table_.rows().size(), 7u);
+  for (const webapi::ApiRow& row : table_.rows()) {
+    EXPECT_EQ(row.access.value, row.method == "list" ? Access::kUser : Access::kAdministrator) << row.method;
+    for (const int code : row.errors) EXPECT_NE(webapi::FindError(code), nullptr) << row.method << " " << code;
+  }
+}
+
+TEST_F(ImageApi, Image_IsAddedListedAndRemoved) {
+  const Answer added = Image("add", Addition("Debian"));
+  EXPECT_EQ(added.code, 0) << ReasonOf(added);
+  EXPECT_EQ(added.data, Parsed(R"({"image_id":")" + std::string(kId) + "\"}"));
+  EXPECT_EQ(Image("list").data, Parsed(R"({"images":[{"image_id":")" + std::string(kId) +
+                                       R"(","name":"Debian","present":true,"size":12,"path":")" + File() + "\"}]}"));
+  std::filesystem::remove(File());
+  const Answer seen_by_user = Call(kImageApi, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary);
+  EXPECT_EQ(seen_by_user.data,
+            Parsed(R"({"images":[{"image_id":")" + std::string(kId) + R"(","name":"Debian","present":false}]})"));
+  EXPECT_EQ(Image("remove", R"({"image_id":")" + std::string(kId) + "\"}").code, 0);
+  EXPECT_EQ(Image("list").data, Parsed(R"({"images":[]})"));
+  EXPECT_THAT(Log(),
+              ElementsAre("root 3 The image [Debian] has been added.", "root 3 The image [Debian] has been removed."));
+}
+
+TEST_F(ImageApi, ImagesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) {
+  ASSERT_EQ(Image("add", Addition("a")).code, 0);
+  const Answer same = Image("add", Addition("b"));
+  EXPECT_EQ(same.code, 990);
+  EXPECT_TRUE(same.data.isNull());
+  EXPECT_EQ(ReasonOf(same), "There is an image '" + std::string(kId) + "' already");
+  EXPECT_EQ(Image("add", R"({"name":"b","path":")" + Root() + "/none.iso\"}").code, 934);
+  host_.PutText("guest", "g", R"({"name":"web","iso_images":[")" + std::string(kId) + "\"]}");
+  const Answer used = Image("remove", R"({"image_id":")" + std::string(kId) + "\"}");
+  EXPECT_EQ(used.code, 991);
+  EXPECT_EQ(ReasonOf(used), "The image 'a' is in a drive of these guests: 'web'. Take it out of the drives first");
+  EXPECT_EQ(Image("remove", R"({"image_id":"x"})").code, 403);
+  EXPECT_THAT(Log(), ElementsAre("root 3 The image [a] has been added.", "root 1 Failed to add the image [b].",
+                                 "root 1 Failed to add the image [b].", "root 1 Failed to remove the image [a].",
+                                 "root 1 Failed to remove the image [x]."));
+}
+
+TEST_F(ImageApi, WrongParameters_AreRefusedAndNotLogged) {
+  const std::string path = R"("path":")" + File() + "\"";
+  for (const std::string& parameters :
+       {std::string("{}"), "{" + path + "}", "{\"name\":7," + path + "}", "{\"name\":\"\"," + path + "}",
+        "{\"name\":\"a\\u0000b\"," + path + "}", "{\"name\":\"" + std::string(129, 'x') + "\"," + path + "}",
+        std::string(R"({"name":"a"})"), std::string(R"({"name":"a","path":[]})"),
+        std::string(R"({"name":"a","path":""})"), std::string(R"({"name":"a","path":"a.iso"})"),
+        "{\"name\":\"a\"," + path + ",\"image_id\":\"5\"}", "{\"name\":\"a\"," + path + ",\"image_id\":null}",
+        "{\"name\":\"a\"," + path + ",\"image_id\":\"\"}"}) {
+    EXPECT_EQ(Image("add", parameters).code, 401) << parameters;
+  }
+  for (const char* parameters :
+       {"{}", R"({"name":7})", R"({"name":""})", R"({"name":"a","host_id":"nas-1"})", R"({"name":"a","host_id":""})",
+        R"({"name":"a","repository_id":"../x"})", R"({"name":"a","repository_id":""})"}) {
+    EXPECT_EQ(Repository("add", parameters).code, 401) << parameters;
+  }
+  for (const std::string& id : {std::string("7"), std::string("\"\""), std::string("null"),
+                                '"' + std::string(129, 'x') + '"', std::string("\"a\\nb\"")}) {
+    EXPECT_EQ(Image("remove", "{\"image_id\":" + id + "}").code, 401) << id;
+    EXPECT_EQ(Repository("remove", "{\"repository_id\":" + id + "}").code, 401) << id;
+    EXPECT_EQ(Repository("accept", "{\"repository_id\":" + id + "}").code, 401) << id;
+  }
+  EXPECT_EQ(
+      ReasonOf(Image("add", R"({"name":"a","path":"a.iso"})")),
+      "'a.iso' cannot be the path of an image: give an absolute path of up to 4096 bytes of UTF-8 without control "
+      "characters");
+  EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(ImageApi, Repository_IsAddedListedAcceptedAndRemoved) {
+  const std::string named = R"({"repository_id":")" + std::string(kId) + "\"}";
+  const Answer added =
+      Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + R"(","host_id":")" + kHost + "\"}");
+  EXPECT_EQ(added.code, 0) << ReasonOf(added);
+  EXPECT_EQ(added.data, Parsed(named));
+  (void)Require(host_.store().Commit(
+      {{}, {{"/dash/repository/" + std::string(kId) + "/storage", R"({"host_id":"h","folders":{"/srv/":"ino=2"}})"}}}));
+  const std::string shown = R"({"repository_id":")" + std::string(kId) + R"(","name":"pool","host_id":")" + kHost +
+                            R"(","state":"repo_online")";
+  EXPECT_EQ(Repository("list").data,
+            Parsed(R"({"repositories":[)" + shown + R"(,"storage":{"folders":{"/srv/":"ino=2"}}}]})"));
+  EXPECT_EQ(Call(kRepositoryApi, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary).data,
+            Parsed(R"({"repositories":[)" + shown + "}]}"));
+  EXPECT_EQ(Repository("accept", named).code, 0);
+  EXPECT_EQ(Repository("list").data, Parsed(R"({"repositories":[)" + shown + "}]}"));
+  EXPECT_EQ(Repository("remove", named).code, 0);
+  EXPECT_EQ(Repository("list").data, Parsed(R"({"repositories":[]})"));
+  EXPECT_THAT(Log(), ElementsAre("root 3 The repository [pool] has been added.",
+                                 "root 3 The storage of the repository [pool] has been accepted as it is now.",
+                                 "root 3 The repository [pool] has been removed."));
+}
+
+TEST_F(ImageApi, Repository_WithoutAHost_GetsTheHostThatIsAsked) {
+  EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 0);
+  EXPECT_EQ(json::Element(Repository("list").data["repositories"], 0)["host_id"],
+            Json::Value(cluster::CurrentEnvironment()->host_id));
+}
+
+TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) {
+  ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + "\"}").code, 0);
+  const Answer same = Repository("add", R"({"name":"pool"})");
+  EXPECT_EQ(same.code, 990);
+  EXPECT_EQ(ReasonOf(same), "The repository '" + std::string(kId) + "' has the name 'pool'");
+  host_.PutText("guest", "g", R"({"name":"web","repository_id":")" + std::string(kId) + "\"}");
+  const Answer used = Repository("remove", R"({"repository_id":")" + std::string(kId) + "\"}");
+  EXPECT_EQ(used.code, 991);
+  EXPECT_EQ(ReasonOf(used), "The repository 'pool' is used by the guest 'web'. Delete them first");
+  EXPECT_EQ(Repository("accept", R"({"repository_id":"x"})").code, 403);
+  EXPECT_THAT(Log(),
+              ElementsAre("root 3 The repository [pool] has been added.", "root 1 Failed to add the repository [pool].",
+                          "root 1 Failed to remove the repository [pool].",
+                          "root 1 Failed to accept the storage of the repository [x]."));
+}
+
+TEST_F(ImageApi, StoreThatCannotBeRead_IsAnError) {
+  host_.store().FailSnapshots();
+  EXPECT_EQ(Image("list").code, 403);
+  EXPECT_EQ(Repository("list").code, 403);
+  EXPECT_EQ(Image("add", Addition("a")).code, 992);
+  EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 992);
+}
+
+}  // namespace
+}  // namespace vexa::services
