@@ -6,6 +6,8 @@
 #include <type_traits>
 
 #include "host/api/openapi.h"
+#include "host/api/user/account_api.h"
+#include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
 #include "host/api/user/log_api.h"
 #include "host/base/error_table.h"
@@ -99,6 +101,8 @@ TEST(ErrorTable, HandlerCodes_HaveTheirStatus) {
 TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
   std::vector<ApiRow> rows = vexa::daemon::GuestRows();
   for (const ApiRow& row : vexa::services::LogRows()) rows.push_back(row);
+  for (const ApiRow& row : vexa::services::AccountRows({})) rows.push_back(row);
+  for (const ApiRow& row : vexa::services::GrantRows({})) rows.push_back(row);
   for (const ApiRow& row : rows) {
     for (const int code : row.errors)
       EXPECT_NE(FindError(code), nullptr) << row.api << " " << row.method << " " << code;
