@@ -6,8 +6,8 @@
 #include <set>
 #include <utility>
 
-#include "cli/grant_command.h"
 #include "cli/listing.h"
+#include "cli/local_grant_command.h"
 #include "cli/parallel.h"
 #include "cli/power_command.h"
 #include "cli/printable.h"
@@ -55,7 +55,9 @@ Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& 
   }
   if (prefix != "user" && prefix != "group") return NoPrincipal(word);
   const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
-  const Result<FoundAccount> account = FindAccount({principal.kind, rest, source, options.places});
+  AccountPlaces places = options.places;
+  places.daemon = BesideDaemon::kAllow;  // the names are looked up, and the daemon changes the guest
+  const Result<cluster::GrantPrincipal> account = FindAccount(places, {principal.kind, rest, source});
   if (!account) return account.error();
   principal.id = account->id;
   principal.name = rest;

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "cli/account_places.h"
 #include "cli/client_options.h"
 #include "cli/guest_names.h"
 #include "cli/guest_words.h"
-#include "cli/user_command.h"
 
 namespace vexa::cli {
 
