@@ -56,7 +56,7 @@ Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, Mis
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
   if (!exists && missing == MissingStore::kRefuse) {
     return Error(ErrorCode::kNotFound, "There are no accounts, since there is no store in '" + places.store_path() +
-                                           "'; 'vexa user add' creates it");
+                                           "'; 'vexa user add' creates it, with the same options");
   }
   if (const Status owner = CheckOwnerOrFolder(places.store_path()); !owner) return owner.error();
   if (const Status free = CheckDaemon(places); !free) return free.error();

@@ -232,12 +232,14 @@ void AddAccountCommands(CLI::App& app, Invocation& invocation) {
   for (CLI::App* command : {user, group}) {
     AddPlaces(*command, state);
     command->require_subcommand(1);
-    command->footer(kFooter);
   }
   AddUserCommands(*user, invocation, state);
   AddGrantCommands(*user, invocation, state, AccountKind::kUser);
   AddGroupCommands(*group, invocation, state);
   AddGrantCommands(*group, invocation, state, AccountKind::kGroup);
+  // Behind their commands, which would take the text over.
+  user->footer(kFooter);
+  group->footer(kFooter);
 
   CLI::App* of_guest =
       app.get_subcommand("guest")->add_subcommand("grants", "Show the users and groups that a guest was granted to");

@@ -31,7 +31,7 @@ ExitCode RunChange(const GlobalOptions& global, const AccountPlaces& places, con
   return Say(global, change.said);
 }
 
-// An id need not be anybody's any more.
+// The id may be that of an account that is gone.
 Result<GrantPrincipal> FindOwner(const AccountPlaces& places, const GrantTarget& target) {
   if (target.form == NameForm::kName) return FindAccount(places, target);
   const Result<cluster::PrincipalWord> word = WordOf(target);

@@ -76,7 +76,8 @@ void SetLevel(const AccountServices& services, const Call& call) {
              std::string(cluster::WordOf(level)) + "].");
 }
 
-// Who "kind" and "name" or "id" name. An id need not be anybody's any more. Otherwise the call is answered.
+// Who "kind" and "name" or "id" name. The id may be that of an account that is
+// gone. Otherwise the call is answered.
 std::optional<GrantPrincipal> FindOwner(const AccountServices& services, const Call& call) {
   const auto parameters = ReadPrincipal(call);
   if (!parameters) return std::nullopt;
