@@ -38,15 +38,16 @@ struct State {
   bool local = false;
   std::string configuration;
   AccountPlaces named;
-  std::vector<const CLI::Option*> local_options;
+  std::vector<const CLI::Option*> configuration_options;  // each of them means --local as well
+  std::vector<const CLI::Option*> place_options;
 
-  bool IsLocal() const {
-    return std::any_of(local_options.begin(), local_options.end(),
-                       [](const CLI::Option* option) { return option->count() > 0; });
+  static bool IsGiven(const std::vector<const CLI::Option*>& options) {
+    return std::any_of(options.begin(), options.end(), [](const CLI::Option* option) { return option->count() > 0; });
   }
+  bool IsLocal() const { return IsGiven(configuration_options) || IsGiven(place_options); }
   // The configuration counts only where it is asked for: --data may name the folder of another daemon.
   Result<AccountPlaces> Places() const {
-    return local || !configuration.empty() ? PlacesInConfiguration(configuration) : Result<AccountPlaces>(named);
+    return IsGiven(configuration_options) ? PlacesInConfiguration(configuration) : Result<AccountPlaces>(named);
   }
 };
 using Shared = std::shared_ptr<State>;
@@ -71,7 +72,8 @@ void AddPlaces(CLI::App& command, const Shared& state) {
                       "--local)")
           ->type_name("PATH");
   for (CLI::Option* const place : {data, store, accounts}) place->excludes(local)->excludes(configuration);
-  state->local_options.insert(state->local_options.end(), {local, configuration, data, store, accounts});
+  state->configuration_options.insert(state->configuration_options.end(), {local, configuration});
+  state->place_options.insert(state->place_options.end(), {data, store, accounts});
 }
 
 void AddPasswordFlag(CLI::App& command, const Shared& state) {

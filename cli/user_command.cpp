@@ -19,6 +19,8 @@ constexpr std::size_t kMaxList = 1000;
 constexpr const char* kLocalHint =
     "Start vexad. Where it has never run, 'vexa user add --local' makes the first account.\n";
 
+constexpr const char* kOwnHint = "Without a name, 'vexa user passwd' sets your own password.\n";
+
 std::string PathOf(const char* method) { return std::string("/webapi/VEXA.Core.Account/") + method; }
 
 // A name that no account has needs no question.
@@ -89,6 +91,7 @@ ExitCode CheckUser(const GlobalOptions& global, const std::string& name, Wanted 
   }
   if (outcome.code == webapi::kErrorNoAccount && wanted == Wanted::kFree) return ExitCode::kOk;
   std::cerr << "vexa: " << outcome.failure << '\n';
+  if (outcome.code == webapi::kErrorDenied && wanted == Wanted::kTaken) std::cerr << kOwnHint;
   return WithLocalHint(client, std::move(outcome)).exit_code;
 }
 
