@@ -1,32 +1,78 @@
 #include "cli/account_places.h"
 
+#include <pwd.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <iostream>
+#include <utility>
 
 #include "cli/owner.h"
 #include "cli/printable.h"
-#include "host/cluster/account_source.h"
+#include "host/base/data_lock.h"
+#include "host/base/files.h"
 #include "host/cluster/account_take_over.h"
+#include "host/cluster/cluster_log.h"
 #include "host/store/lmdb_store.h"
+#include "host/store/mirrored_store.h"
+#include "webapi/platform/ccc_log.h"
 
 namespace vexa::cli {
+namespace {
+
+Error DaemonRuns(const AccountPlaces& places) {
+  return Error(ErrorCode::kBusy, "A vexad uses the data folder '" + places.data_directory +
+                                     "': ask it, without --local, --config, --data, --store and --accounts, or stop it "
+                                     "first");
+}
+
+// Beside a daemon there is its API, which knows who asks and which store is meant.
+Status CheckDaemon(const AccountPlaces& places) {
+  if (places.daemon == BesideDaemon::kAllow) return {};
+  const Status free = DataLock::CheckFree(places.data_directory);
+  if (!free && free.error().code() == ErrorCode::kBusy) return DaemonRuns(places);
+  return free;
+}
+
+std::string OwnName() {
+  const passwd* const entry = ::getpwuid(::geteuid());
+  return entry && entry->pw_name ? entry->pw_name : "#" + std::to_string(::geteuid());
+}
+
+// "" before the host's first start.
+std::string OwnHostId(const AccountPlaces& places) {
+  constexpr std::size_t kMaxBytes = 4096;
+  Result<std::string> id = ReadFile(places.data_directory + "/host-id", kMaxBytes);
+  if (!id) return "";
+  while (!id->empty() && id->back() == '\n') id->pop_back();
+  return *id;
+}
+
+}  // namespace
 
 Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing) {
   const Status exists = CheckOwner(places.store_path() + "/data.mdb");
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
   if (!exists && missing == MissingStore::kRefuse) {
     return Error(ErrorCode::kNotFound, "There are no accounts, since there is no store in '" + places.store_path() +
-                                           "'; 'vexa user add' creates it");
+                                           "'; 'vexa user add' creates it, with the same options");
   }
   if (const Status owner = CheckOwnerOrFolder(places.store_path()); !owner) return owner.error();
+  if (const Status free = CheckDaemon(places); !free) return free.error();
+  if (!places.other_store.empty()) {
+    // A folder that is not mounted must not get an empty store.
+    const Status there = store::CheckPrimaryIsThere(places.store_path(), places.data_directory + "/mirror");
+    if (!there) return there.error();
+  }
   store::LmdbOptions options;
   options.directory = places.store_path();
   return store::OpenLmdbStore(options);
 }
 
 Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces& places, MissingStore missing) {
-  if (cluster::KnownAccountSource(places.data_directory) == cluster::AccountSource::kPam) {
+  const auto source = places.source ? *places.source : cluster::KnownAccountSource(places.data_directory);
+  if (source == cluster::AccountSource::kPam) {
     return Error(ErrorCode::kDenied,
                  "The daemon of '" + places.data_directory +
                      "' takes its users from PAM: change them with the machine's own tools, and name them with "
@@ -34,7 +80,7 @@ Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces&
   }
   const Status file = CheckOwner(places.accounts_path());
   if (!file && file.error().code() != ErrorCode::kNotFound) return file.error();
-  const auto store = OpenStore(places, file.ok() ? MissingStore::kCreate : missing);
+  const auto store = OpenStore(places, missing);
   if (!store) return store.error();
   if (file) {
     const Status taken = cluster::TakeOverAccountFile(**store, places.accounts_path(), [](const std::string& sentence) {
@@ -44,6 +90,21 @@ Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces&
     if (!taken) return taken.error();
   }
   return std::make_unique<cluster::AccountStore>(*store);
+}
+
+void LogLocalChange(const AccountPlaces& places, const std::string& sentence) {
+  const std::string user = OwnName();
+  ::syslog(LOG_NOTICE, "%s By user[%s] with vexa on this machine.", sentence.c_str(), user.c_str());
+  cluster::LogEntry entry;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  entry.time_us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+  entry.host_id = OwnHostId(places);
+  entry.user = user;
+  entry.priority = VexaCCC::CLOG_PRIORITY_SUCCESS;
+  entry.text = sentence;
+  const auto store = OpenStore(places, MissingStore::kRefuse);
+  const Status added = store ? cluster::AddLogEntry(**store, std::move(entry)) : Status(store.error());
+  if (!added) std::cerr << "vexa: The cluster log cannot be written: " << Printable(added.error().ToString()) << '\n';
 }
 
 }  // namespace vexa::cli

@@ -1,19 +1,26 @@
-// Where the account commands work: the data folder of a daemon, and its store.
+// Where the account commands work when they do not ask a daemon: its data folder, and its store.
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "host/base/result.h"
+#include "host/cluster/account_source.h"
 #include "host/cluster/account_store.h"
 #include "host/store/store.h"
 
 namespace vexa::cli {
 
+enum class BesideDaemon { kRefuse, kAllow };
+
 struct AccountPlaces {
   std::string data_directory = "/var/lib/vexa";
   std::string other_store;          // "": "store" in the data folder
   std::string other_accounts_path;  // of an account file to take over; "": accounts.json in the data folder
+  // What the daemon's configuration says; without it what its last start has noted in the data folder.
+  std::optional<cluster::AccountSource> source;
+  BesideDaemon daemon = BesideDaemon::kRefuse;  // whether the store may be opened while the folder's daemon runs
 
   std::string store_path() const { return other_store.empty() ? data_directory + "/store" : other_store; }
   std::string accounts_path() const {
@@ -23,13 +30,22 @@ struct AccountPlaces {
 
 enum class MissingStore { kRefuse, kCreate };
 
-// The daemon's store. kNotFound when there is none and `missing` refuses; kDenied when another account owns it.
+// The places that the daemon's configuration file at `path` names. An empty path is the usual file, which may be
+// missing. Flags in the daemon's unit are not known here.
+// kNotFound, kDenied or kInvalid when the file cannot be read.
+Result<AccountPlaces> PlacesInConfiguration(const std::string& path);
+
+// The daemon's store. kNotFound when there is none and `missing` refuses, and never creates one then; kDenied when
+// another account owns it; kBusy when a daemon runs; kUnavailable when this host had a store there, and it is gone.
 Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing);
 
-// The accounts in it, after an account file of an older version has been taken over; such a file may create the store,
-// too. What the file's people should know goes to standard error and the system log.
+// The accounts in it, after an account file of an older version has been taken over. What the file's people should know
+// goes to standard error and the system log.
 // kDenied when the daemon takes its users from PAM, or when another account owns the files; kCorrupt and others as
-// cluster::TakeOverAccountFile.
+// cluster::TakeOverAccountFile; those of OpenStore.
 Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces& places, MissingStore missing);
+
+// Writes what was changed, a sentence, to the system log and the cluster log, in the name of this program's user.
+void LogLocalChange(const AccountPlaces& places, const std::string& sentence);
 
 }  // namespace vexa::cli

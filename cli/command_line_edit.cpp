@@ -15,8 +15,8 @@ Settings and devices are changed all or none, and rights after that. There is no
 beyond the answer; without --timeout the server has 3600 s. Ctrl-C ends at once; what has been sent is not taken back.
 What a guest that runs cannot take counts from its next start. Sizes of disks are in GiB, vram_size is in MiB.
 
-Users and groups are found in the store of this host, or with --system among the machine's own; for a server
-elsewhere, or as another account than the one that owns the file, give uid:NUMBER or gid:NUMBER.
+The server looks the names of users and groups up, for administrators. With --system they are this machine's own, with
+--data or --store those of a store on this machine. Others give uid:NUMBER or gid:NUMBER.
 
 Examples:
   vexa guest set web-1 vcpu_num=4 vram_size=8192 desc='The shop'
@@ -46,6 +46,20 @@ void AddRepeated(CLI::App& command, const std::string& option, std::vector<std::
   command.add_option(option, words, std::string(help) + "; may be repeated")->type_name(type)->allow_extra_args(false);
 }
 
+// The options that name the store, where names are looked up then.
+std::vector<const CLI::Option*> AddStoreOptions(CLI::App& set, AccountPlaces& places) {
+  return {set.add_option("--accounts", places.other_accounts_path,
+                         "An account file of an older version to take over, when it is not accounts.json in the data "
+                         "folder")
+              ->type_name("PATH"),
+          set.add_option("--store", places.other_store,
+                         "Look names up in this store of a daemon, when it is not in the data folder")
+              ->type_name("DIR"),
+          set.add_option("--data", places.data_directory,
+                         "Look names up in the store of this data folder instead of asking the server")
+              ->type_name("DIR")};
+}
+
 void AddSetOptions(CLI::App& set, GuestSetOptions& options) {
   GuestWords& words = options.words;
   set.add_option("GUEST", options.guest, "Its id or name")->required();
@@ -73,14 +87,6 @@ void AddSetOptions(CLI::App& set, GuestSetOptions& options) {
       "--dry-run", [&options] { options.dry_run = DryRun::kYes; },
       "Check all that can be checked here, print the request as JSON and change nothing");
   set.add_flag("--system", options.from_system, "The users and groups are the machine's own");
-  set.add_option("--accounts", options.places.other_accounts_path,
-                 "An account file of an older version to take over, when it is not accounts.json in the data folder")
-      ->type_name("PATH");
-  set.add_option("--store", options.places.other_store, "The daemon's store, when it is not in the data folder")
-      ->type_name("DIR");
-  set.add_option("--data", options.places.data_directory, "The daemon's data folder")
-      ->type_name("DIR")
-      ->capture_default_str();
 }
 
 }  // namespace
@@ -90,8 +96,12 @@ void AddEditCommands(CLI::App& app, Invocation& invocation) {
   auto* set = guest.add_subcommand("set", "Change a guest: settings, disks, interfaces, drives, USB devices, rights");
   const auto options = std::make_shared<GuestSetOptions>();
   AddSetOptions(*set, *options);
+  const auto store_options = AddStoreOptions(*set, options->places);
   set->footer(SettingsHelp() + kSetFooter);
-  set->callback([&invocation, options] {
+  set->callback([&invocation, options, store_options] {
+    const bool has_store = std::any_of(store_options.begin(), store_options.end(),
+                                       [](const CLI::Option* option) { return option->count() > 0; });
+    if (has_store) options->names = NamesFrom::kStore;
     invocation.run = [&invocation, options] { return RunGuestSet(invocation.global, *options); };
   });
 

@@ -1,132 +1,160 @@
 #include "cli/grant_command.h"
 
-#include <functional>
+#include <charconv>
 #include <iostream>
+#include <span>
 
+#include "cli/account_output.h"
+#include "cli/guest_names.h"
+#include "cli/listing.h"
 #include "cli/printable.h"
-#include "host/accounts/account_nss.h"
+#include "cli/reply.h"
+#include "cli/user_command.h"
+#include "host/base/json_parse.h"
 #include "host/base/uuid.h"
-#include "host/records/guest_admin.h"
-#include "host/records/guest_admin_record.h"
-#include "host/records/object_edit.h"
 
 namespace vexa::cli {
 namespace {
 
-using Edit = std::function<void(Json::Value& record)>;
+constexpr std::size_t kMaxGuests = 1000;
 
-std::string_view WordOf(AccountKind kind) {
-  return kind == AccountKind::kUser ? cluster::kUsersKind : cluster::kGroupsKind;
-}
-
-std::string KeyOf(AccountKind kind, std::uint32_t id) {
-  return cluster::GuestAdminKey(cluster::GuestAdminIdentifier(WordOf(kind), id));
-}
-
-Result<store::Transaction> PlanEdit(const store::Store& store, AccountKind kind, const FoundAccount& account,
-                                    const Edit& edit) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  const std::string key = KeyOf(kind, account.id);
-  Result<cluster::StoredObject> stored = cluster::LoadObject(**snapshot, key);
-  if (!stored) return stored.error();
-  if (const Status given = cluster::CheckGivenTo(stored->record, key, account.name); !given) return given.error();
-  Json::Value record = cluster::NewGrantRecord(account.name, "user");
-  for (const std::string& member : stored->record.getMemberNames()) {
-    if (!stored->record[member].isNull()) record[member] = stored->record[member];
+// With "kind", "name" or "id", and "system".
+Result<Json::Value> ParametersOf(const GrantTarget& target) {
+  const Result<cluster::PrincipalWord> word = WordOf(target);
+  if (!word) return word.error();
+  Json::Value parameters(Json::objectValue);
+  parameters["kind"] = target.kind == AccountKind::kUser ? "user" : "group";
+  if (const auto* const id = std::get_if<std::uint32_t>(&*word)) {
+    parameters["id"] = *id;
+  } else {
+    parameters["name"] = std::get<std::string>(*word);
   }
-  edit(record);
-  stored->record = std::move(record);
-  store::Transaction transaction;
-  cluster::PutObject(transaction, key, *stored);
-  const Status compared = cluster::CompareAccount(**snapshot, WordOf(kind), account.id, account.seen, transaction);
-  if (!compared) return compared.error();
-  return transaction;
+  if (target.source == NameSource::kSystem) parameters["system"] = true;
+  return parameters;
 }
 
-Result<FoundAccount> FindInSystem(const GrantTarget& target) {
-  // Whoever was deleted in the store has nothing to do with the machine's own.
-  constexpr store::Revision kSeenAll = UINT64_MAX;
-  if (target.kind == AccountKind::kUser) {
-    const auto user = base::NssFindUser(target.name);
-    if (!user) return user.error();
-    return FoundAccount{user->uid, user->name, kSeenAll};
+ExitCode ChangeGuests(const GlobalOptions& global, const char* method, const GrantTarget& target,
+                      const std::vector<std::string>& guest_ids, const std::string& done) {
+  if (const Status checked = CheckGuestIds(guest_ids); !checked) return Report(checked.error());
+  Result<Json::Value> parameters = ParametersOf(target);
+  if (!parameters) return Report(parameters.error());
+  for (const std::string& id : guest_ids) (*parameters)["guests"].append(id);
+  return ChangeAccount(global, method, *parameters, done);
+}
+
+// The data of a method about the target; failures are printed.
+CallOutcome Ask(const GlobalOptions& global, const char* method, const GrantTarget& target) {
+  const Result<Json::Value> parameters = ParametersOf(target);
+  if (parameters) return CallAccount(global, method, *parameters);
+  CallOutcome outcome;
+  outcome.exit_code = Report(parameters.error());
+  return outcome;
+}
+
+void WarnOfDamage(const Json::Value& identifiers) {
+  for (const Json::Value& identifier : VexaVirtualization::json::Elements(identifiers)) {
+    std::cerr << "vexa: The grants of '" << Printable(Text(identifier))
+              << "' cannot be understood, and may have the guest.\n";
   }
-  const auto group = base::NssFindGroup(target.name);
-  if (!group) return group.error();
-  return FoundAccount{group->gid, group->name, kSeenAll};
-}
-
-ExitCode RunEdit(const GlobalOptions& global, const GrantTarget& target, const Edit& edit, const std::string& done) {
-  const Result<FoundAccount> account = FindAccount(target);
-  if (!account) return Report(account.error());
-  const auto store = OpenStore(target.places, MissingStore::kCreate);
-  if (!store) return Report(store.error());
-  const Status status = cluster::CommitPlanned(**store, [&] { return PlanEdit(**store, target.kind, *account, edit); });
-  if (!status) return Report(status.error());
-  if (!global.quiet) std::cout << done << '\n';
-  return ExitCode::kOk;
-}
-
-ExitCode RunEditGuests(const GlobalOptions& global, const GrantTarget& target,
-                       const std::vector<std::string>& guest_ids,
-                       const std::function<void(Json::Value& guests, const std::string& id)>& edit,
-                       const std::string& done) {
-  for (const std::string& id : guest_ids) {
-    if (!IsUuidForm(id)) return Report(Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)"));
-  }
-  const auto edit_all = [&](Json::Value& record) {
-    for (const std::string& id : guest_ids) edit(record["guests"], id);
-  };
-  return RunEdit(global, target, edit_all, done);
 }
 
 }  // namespace
 
-Result<FoundAccount> FindAccount(const GrantTarget& target) {
-  if (target.source == NameSource::kSystem) return FindInSystem(target);
-  const auto accounts = OpenAccounts(target.places, MissingStore::kRefuse);
-  if (!accounts) return accounts.error();
-  const auto store = OpenStore(target.places, MissingStore::kRefuse);
-  if (!store) return store.error();
-  const store::Revision seen = cluster::RevisionBeforeLookup(**store);
-  if (target.kind == AccountKind::kUser) {
-    const auto user = (*accounts)->FindUser(target.name);
-    if (!user) return user.error();
-    return FoundAccount{user->uid, user->name, seen};
+Result<cluster::PrincipalWord> WordOf(const GrantTarget& target) {
+  const std::string& text = target.name;
+  if (target.form == NameForm::kName) {
+    if (target.source == NameSource::kAccounts && !base::IsValidAccountName(text)) {
+      const char* const kind = target.kind == AccountKind::kUser ? "user" : "group";
+      return Error(ErrorCode::kNotFound, std::string("There is no ") + kind + " of an impossible name");
+    }
+    if (text.empty() || !IsValidUtf8(text)) return NotText("account's name");
+    return cluster::PrincipalWord(text);
   }
-  const auto group = (*accounts)->FindGroup(target.name);
-  if (!group) return group.error();
-  return FoundAccount{group->gid, group->name, seen};
+  std::uint32_t id = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+  if (error != std::errc() || end != text.data() + text.size() || id == UINT32_MAX) {
+    return Error(ErrorCode::kInvalid, "'" + text + "' is not an id: give a number from 0 to 4294967294");
+  }
+  return cluster::PrincipalWord(id);
+}
+
+Status CheckGuestIds(const std::vector<std::string>& guest_ids) {
+  for (const std::string& id : guest_ids) {
+    if (!IsUuidForm(id)) return Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)");
+  }
+  if (guest_ids.size() > kMaxGuests) return Error(ErrorCode::kInvalid, "At most 1000 guests can be named at a time");
+  return {};
 }
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
-  return RunEditGuests(
-      global, target, guest_ids, [](Json::Value& guests, const std::string& id) { guests[id] = true; },
-      "Granted to '" + Printable(target.name) + "'.");
+  return ChangeGuests(global, "grant", target, guest_ids, Granted(target.name));
 }
 
 ExitCode RunRevoke(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
-  return RunEditGuests(
-      global, target, guest_ids, [](Json::Value& guests, const std::string& id) { guests.removeMember(id); },
-      "Revoked from '" + Printable(target.name) + "'.");
+  return ChangeGuests(global, "revoke", target, guest_ids, Revoked(target.name));
 }
 
-ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, AuthLevel level) {
-  const char* word = level == AuthLevel::kAdvanced ? "advanced" : "user";
-  return RunEdit(
-      global, target, [&](Json::Value& record) { record["authlevel"] = word; },
-      "The level of '" + Printable(target.name) + "' is now '" + word + "'.");
+ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, cluster::GrantLevel level) {
+  Result<Json::Value> parameters = ParametersOf(target);
+  if (!parameters) return Report(parameters.error());
+  (*parameters)["advanced"] = level == cluster::GrantLevel::kAdvanced;
+  return ChangeAccount(global, "level_set", *parameters, LevelIs(target.name, std::string(cluster::WordOf(level))));
+}
+
+ExitCode RunShowLevel(const GlobalOptions& global, const GrantTarget& target) {
+  const CallOutcome outcome = Ask(global, "level_get", target);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  std::cout << Printable(Text(Member(outcome.data, "level"))) << '\n';
+  return ExitCode::kOk;
 }
 
 ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target) {
-  const Result<FoundAccount> account = FindAccount(target);
-  if (!account) return Report(account.error());
-  const auto store = OpenStore(target.places, MissingStore::kRefuse);
-  if (!store) return Report(store.error());
-  const auto committed = (*store)->Commit({{}, {{KeyOf(target.kind, account->id), std::nullopt}}});
-  if (!committed) return Report(committed.error());
-  if (!global.quiet) std::cout << "Dropped what was granted to '" << Printable(account->name) << "'.\n";
+  const Result<Json::Value> parameters = ParametersOf(target);
+  if (!parameters) return Report(parameters.error());
+  return ChangeAccount(global, "grants_drop", *parameters, Dropped(target.name));
+}
+
+ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
+  const CallOutcome outcome = Ask(global, "grant_list", target);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& guests = Member(outcome.data, "guests");
+  if (!guests.isArray()) return Report(NotUnderstood("grants"));
+  if (global.json) return PrintJson(outcome.data);
+  const Json::Value& counts = Member(outcome.data, "counts");
+  if (counts.isBool() && !IsTrue(counts)) {
+    std::cerr << "vexa: This was given to '" << Printable(Text(Member(outcome.data, "given_to")))
+              << "' and does not count; 'drop-grants' removes it.\n";
+  }
+  std::cout << "Level: " << Printable(Text(Member(outcome.data, "level"))) << '\n';
+  for (const Json::Value& id : guests) std::cout << Printable(Text(id)) << '\n';
+  return ExitCode::kOk;
+}
+
+ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest) {
+  std::string id = guest;
+  if (!IsUuidForm(guest)) {
+    if (guest.empty() || !IsValidUtf8(guest)) return Report(NotText("guest's id or name"));
+    const Result<HttpClientOptions> connect = ConnectOptions(global);
+    if (!connect) return Report(connect.error());
+    HttpClient client(*connect);
+    const CallOutcome listed = ListGuests(client);
+    if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+    std::vector<NamedGuest> guests;
+    const ExitCode found = FindGuests(Member(listed.data, "guests"), {guest}, guests);
+    if (found != ExitCode::kOk) return found;
+    id = guests.front().id;
+  }
+  Json::Value parameters(Json::objectValue);
+  parameters["guest_id"] = id;
+  const CallOutcome outcome = CallAccount(global, "guest_grant_list", parameters);
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& principals = Member(outcome.data, "principals");
+  if (!principals.isArray()) return Report(NotUnderstood("grants"));
+  if (global.json) return PrintJson(outcome.data);
+  WarnOfDamage(Member(outcome.data, "damaged"));
+  constexpr Column kColumns[] = {{"KIND", "kind"}, {"NAME", "name"}, {"ID", "id"}, {"LEVEL", "level"}};
+  PrintRows(principals, kColumns);
   return ExitCode::kOk;
 }
 

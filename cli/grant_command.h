@@ -1,46 +1,42 @@
-// vexa user|group grant, revoke, advanced, drop-grants: guest-admin records in the store of a host and its cluster.
-//
-// One record per user or group: {"authlevel": "advanced" | "user", "guests": {"<guest id>": true, …}, "name": "…"}. The
-// presence of a guest's id is the grant. A record that was given to another name is not changed, only dropped.
+// vexa user|group grant, revoke, advanced, drop-grants, grants and vexa guest grants: which guests users and groups may
+// use, and whether they are advanced, by the API.
 #pragma once
 
-#include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "cli/account_places.h"
 #include "cli/client_options.h"
+#include "host/base/result.h"
+#include "host/cluster/grants.h"
 #include "host/records/account_records.h"
 
 namespace vexa::cli {
 
 using cluster::AccountKind;
-enum class NameSource { kAccounts, kSystem };  // the accounts in the store, or the machine's own users and groups (NSS)
+enum class NameSource { kAccounts, kSystem };  // the accounts in the store, or a machine's own users and groups (NSS)
+enum class NameForm { kName, kId };
 
 struct GrantTarget {
   AccountKind kind = AccountKind::kUser;
   std::string name;
   NameSource source = NameSource::kAccounts;
-  AccountPlaces places;
+  NameForm form = NameForm::kName;
 };
 
-struct FoundAccount {
-  std::uint32_t id = 0;
-  std::string name;          // as it was created, or as the name service writes it
-  store::Revision seen = 0;  // of the store, before the look-up
-};
-
-enum class AuthLevel { kUser, kAdvanced };
-
-// Editing is by compare and retry, so other writers lose nothing.
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids);
 ExitCode RunRevoke(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids);
-ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, AuthLevel level);
-// Removes the record of the id that the name has, whoever it was given to.
+ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, cluster::GrantLevel level);
+ExitCode RunShowLevel(const GlobalOptions& global, const GrantTarget& target);
+// Removes the record of the id that the target has, whoever it was given to.
 ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target);
+ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target);
 
-// The user or group of that name. kNotFound when there is none; kDenied as for the commands.
-Result<FoundAccount> FindAccount(const GrantTarget& target);
+// The users and groups that a guest, an id or name, was granted to.
+ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest);
+
+// The name, or the id that it is. kInvalid for a text that can be neither.
+Result<cluster::PrincipalWord> WordOf(const GrantTarget& target);
+// kInvalid, with the first text that is not the id of a guest, and for more than one request can hold.
+Status CheckGuestIds(const std::vector<std::string>& guest_ids);
 
 }  // namespace vexa::cli

@@ -6,12 +6,13 @@
 #include <set>
 #include <utility>
 
-#include "cli/grant_command.h"
 #include "cli/listing.h"
+#include "cli/local_grant_command.h"
 #include "cli/parallel.h"
 #include "cli/power_command.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "host/base/error_table.h"
 #include "host/base/json_parse.h"
 #include "json/readers.h"
 
@@ -31,67 +32,109 @@ constexpr char kRight[] = "use";
 
 enum class Right { kAllow, kRevoke };
 
+constexpr const char* kLevelGet = "/webapi/VEXA.Core.Account/level_get";
+constexpr const char* kNumberHint = "\nOnly administrators may look names up: give uid:NUMBER or gid:NUMBER.";
+
 struct Principal {
   AccountKind kind = AccountKind::kUser;
-  std::uint32_t id = 0;
+  std::optional<std::uint32_t> id;
   std::string name;  // "" for a number
+  Right right = Right::kAllow;
+  std::string word;  // as it was given
 };
 
 Error NoPrincipal(const std::string& word) {
   return Error(ErrorCode::kInvalid, "'" + word + "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
 }
 
-Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& options) {
+Result<Principal> ParsePrincipal(const std::string& word, Right right) {
   const std::size_t at = word.find(':');
   if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return NoPrincipal(word);
   const std::string prefix = word.substr(0, at);
   const std::string rest = word.substr(at + 1);
   Principal principal;
   principal.kind = prefix == "user" || prefix == "uid" ? AccountKind::kUser : AccountKind::kGroup;
+  principal.right = right;
+  principal.word = word;
   if (prefix == "uid" || prefix == "gid") {
-    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), principal.id);
-    const bool is_id = error == std::errc() && end == rest.data() + rest.size() && principal.id != UINT32_MAX;
-    return is_id ? Result<Principal>(principal) : NoPrincipal(word);
+    std::uint32_t id = 0;
+    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), id);
+    if (error != std::errc() || end != rest.data() + rest.size() || id == UINT32_MAX) return NoPrincipal(word);
+    principal.id = id;
+    return principal;
   }
   if (prefix != "user" && prefix != "group") return NoPrincipal(word);
-  const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
-  const Result<FoundAccount> account = FindAccount({principal.kind, rest, source, options.places});
-  if (!account) return account.error();
-  principal.id = account->id;
   principal.name = rest;
   return principal;
 }
 
-Status AddRights(const std::vector<std::string>& words, Right right, const GuestSetOptions& options,
-                 std::set<std::pair<AccountKind, std::uint32_t>>& seen, Json::Value& parameters) {
-  for (const std::string& word : words) {
-    const Result<Principal> principal = FindPrincipal(word, options);
-    if (!principal) return principal.error();
-    if (!seen.emplace(principal->kind, principal->id).second) {
-      return Error(ErrorCode::kInvalid, "The rights of '" + word + "' are named twice");
+// All of "--allow" and "--revoke", not looked up yet.
+Result<std::vector<Principal>> ParsePrincipals(const GuestSetOptions& options) {
+  std::vector<Principal> principals;
+  for (const auto& [words, right] :
+       {std::pair(&options.allow, Right::kAllow), std::pair(&options.revoke, Right::kRevoke)}) {
+    for (const std::string& word : *words) {
+      Result<Principal> principal = ParsePrincipal(word, right);
+      if (!principal) return principal.error();
+      principals.push_back(std::move(*principal));
     }
-    Json::Value element(Json::objectValue);
-    element[principal->kind == AccountKind::kUser ? "uid" : "gid"] = principal->id;
-    element["allow"] = right == Right::kAllow;
-    element["type"] = kRight;
-    element["name"] = principal->name;
-    parameters["guest_privilege"].append(std::move(element));
   }
-  return {};
+  return principals;
 }
 
-Result<Json::Value> AllParameters(const GuestSetOptions& options) {
-  Result<Json::Value> parameters = ParametersOf(options.words);
-  if (!parameters) return parameters;
+// Asks the server for the id of a name; failures are printed.
+ExitCode AskForId(HttpClient& client, Principal& principal) {
+  Json::Value parameters(Json::objectValue);
+  parameters["kind"] = principal.kind == AccountKind::kUser ? "user" : "group";
+  parameters["name"] = principal.name;
+  const CallOutcome outcome = TryApi(client, kLevelGet, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) {
+    const bool is_denied = outcome.code == webapi::kErrorDenied;
+    std::cerr << "vexa: " << Printable(principal.word) << ": " << outcome.failure << (is_denied ? kNumberHint : "")
+              << '\n';
+    return outcome.exit_code;
+  }
+  const auto id = Integer(Member(outcome.data, "id"));
+  if (!id || *id < 0 || *id >= UINT32_MAX) return Report(NotUnderstood("id"));
+  principal.id = static_cast<std::uint32_t>(*id);
+  return ExitCode::kOk;
+}
+
+// Finds the id of a name; failures are printed.
+ExitCode FindId(HttpClient& client, const GuestSetOptions& options, Principal& principal) {
+  if (principal.id) return ExitCode::kOk;
+  if (options.names == NamesFrom::kServer && !options.from_system) return AskForId(client, principal);
+  const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
+  AccountPlaces places = options.places;
+  places.daemon = BesideDaemon::kAllow;  // the names are looked up, and the daemon changes the guest
+  const Result<cluster::GrantPrincipal> account = FindAccount(places, {principal.kind, principal.name, source});
+  if (!account) return Report(account.error());
+  principal.id = account->id;
+  return ExitCode::kOk;
+}
+
+// Adds the rights of `principals` to the parameters; failures are printed.
+ExitCode AddRights(HttpClient& client, const GuestSetOptions& options, std::vector<Principal> principals,
+                   Json::Value& parameters) {
   std::set<std::pair<AccountKind, std::uint32_t>> seen;
-  if (Status added = AddRights(options.allow, Right::kAllow, options, seen, *parameters); !added) return added.error();
-  if (Status added = AddRights(options.revoke, Right::kRevoke, options, seen, *parameters); !added) {
-    return added.error();
+  for (Principal& principal : principals) {
+    if (const ExitCode found = FindId(client, options, principal); found != ExitCode::kOk) return found;
+    if (!seen.emplace(principal.kind, *principal.id).second) {
+      return Report(Error(ErrorCode::kInvalid, "The rights of '" + principal.word + "' are named twice"));
+    }
+    Json::Value element(Json::objectValue);
+    element[principal.kind == AccountKind::kUser ? "uid" : "gid"] = *principal.id;
+    element["allow"] = principal.right == Right::kAllow;
+    element["type"] = kRight;
+    element["name"] = principal.name;
+    parameters["guest_privilege"].append(std::move(element));
   }
-  if (parameters->empty()) {
-    return Error(ErrorCode::kInvalid, "Nothing to change is named; see 'vexa guest set --help'");
-  }
-  return parameters;
+  return ExitCode::kOk;
+}
+
+Status CheckNotEmpty(const Json::Value& parameters, const std::vector<Principal>& principals) {
+  if (!parameters.empty() || !principals.empty()) return {};
+  return Error(ErrorCode::kInvalid, "Nothing to change is named; see 'vexa guest set --help'");
 }
 
 Json::Value WithGuest(Json::Value parameters, const NamedGuest& guest) {
@@ -223,11 +266,16 @@ ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Js
 
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options) {
   if (options.guest.empty() || !IsValidUtf8(options.guest)) return Report(NotText("guest's id or name"));
-  const Result<Json::Value> parameters = AllParameters(options);
+  Result<Json::Value> parameters = ParametersOf(options.words);
   if (!parameters) return Report(parameters.error());
+  Result<std::vector<Principal>> principals = ParsePrincipals(options);
+  if (!principals) return Report(principals.error());
+  if (const Status named = CheckNotEmpty(*parameters, *principals); !named) return Report(named.error());
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   HttpClient client(*connect);
+  const ExitCode added = AddRights(client, options, *std::move(principals), *parameters);
+  if (added != ExitCode::kOk) return added;
   NamedGuest guest;
   if (const ExitCode found = FindGuest(client, options.guest, guest); found != ExitCode::kOk) return found;
   if (options.dry_run == DryRun::kYes) return ShowDryRun(global, client, guest, *parameters);

@@ -7,22 +7,24 @@
 #include <string>
 #include <vector>
 
+#include "cli/account_places.h"
 #include "cli/client_options.h"
 #include "cli/guest_names.h"
 #include "cli/guest_words.h"
-#include "cli/user_command.h"
 
 namespace vexa::cli {
 
 enum class DryRun { kNo, kYes };
+enum class NamesFrom { kServer, kStore };
 
 struct GuestSetOptions {
   std::string guest;  // name or id
   GuestWords words;
-  std::vector<std::string> allow;   // "user:alice", "group:staff", "uid:1026", "gid:100"
-  std::vector<std::string> revoke;  // the same
-  AccountPlaces places;             // where names of users and groups are looked up
-  bool from_system = false;         // they are the machine's own instead
+  std::vector<std::string> allow;        // "user:alice", "group:staff", "uid:1026", "gid:100"
+  std::vector<std::string> revoke;       // the same
+  NamesFrom names = NamesFrom::kServer;  // where names of users and groups are looked up
+  AccountPlaces places;                  // kStore only
+  bool from_system = false;              // they are the machine's own instead
   DryRun dry_run = DryRun::kNo;
 };
 

@@ -2,103 +2,210 @@
 
 #include <iostream>
 
+#include "cli/account_output.h"
+#include "cli/listing.h"
 #include "cli/printable.h"
+#include "cli/reply.h"
+#include "host/accounts/account_password.h"
+#include "host/accounts/accounts.h"
+#include "host/base/error_table.h"
+#include "host/base/json_parse.h"
 
 namespace vexa::cli {
 namespace {
 
-using Accounts = std::unique_ptr<cluster::AccountStore>;
+constexpr std::size_t kMaxList = 1000;
 
-ExitCode Finish(const GlobalOptions& global, const Status& status, const std::string& done) {
-  if (!status) return Report(status.error());
-  if (!global.quiet) std::cout << done << '\n';
+constexpr const char* kLocalHint =
+    "Start vexad. Where it has never run, 'vexa user add --local' makes the first account.\n";
+
+constexpr const char* kOwnHint = "Without a name, 'vexa user passwd' sets your own password.\n";
+
+std::string PathOf(const char* method) { return std::string("/webapi/VEXA.Core.Account/") + method; }
+
+// A name that no account has needs no question.
+Status CheckKnown(const std::string& name, const std::string& kind) {
+  if (base::IsValidAccountName(name)) return {};
+  return Error(ErrorCode::kNotFound, "There is no " + kind + " of an impossible name");
+}
+
+Status CheckGroups(const std::vector<std::string>& groups) {
+  if (groups.size() > kMaxList) return Error(ErrorCode::kInvalid, "At most 1000 groups can be named");
+  for (const std::string& group : groups) {
+    if (!base::IsValidAccountName(group)) return Error(ErrorCode::kInvalid, "A group cannot have that name");
+  }
+  return {};
+}
+
+Status CheckNewUser(const NewUserOptions& options) {
+  if (!base::IsValidAccountName(options.name)) return Error(ErrorCode::kInvalid, "A user cannot have that name");
+  // (uid_t)-1 means "no id" to system calls.
+  if (options.uid == UINT32_MAX) return Error(ErrorCode::kInvalid, "A user cannot have that uid");
+  return CheckGroups(options.groups);
+}
+
+Json::Value ArrayOf(const std::vector<std::string>& texts) {
+  Json::Value array(Json::arrayValue);
+  for (const std::string& text : texts) array.append(text);
+  return array;
+}
+
+Json::Value Named(const std::string& name) {
+  Json::Value parameters(Json::objectValue);
+  parameters["name"] = name;
+  return parameters;
+}
+
+// A new password that can be sent; failures are printed.
+ExitCode AskNewPassword(PasswordSource source, const std::string& prompt, std::string& password) {
+  const Result<std::string> given = GetNewPassword(source, prompt);
+  const Status checked = given ? base::CheckNewPassword(*given) : Status(given.error());
+  if (!checked) {
+    Report(checked.error());
+    return ExitCode::kUsage;
+  }
+  password = *given;
   return ExitCode::kOk;
 }
 
-std::string GroupNames(const base::User& user) {
-  std::string result;
-  for (const base::Group& group : user.groups) result += (result.empty() ? "" : ", ") + group.name;
-  return result;
+CallOutcome WithLocalHint(const HttpClient& client, CallOutcome outcome) {
+  if (outcome.exit_code == ExitCode::kUnreachable && !client.endpoint().unix_socket.empty()) std::cerr << kLocalHint;
+  return outcome;
 }
 
-Json::Value AsJson(const base::User& user) {
-  Json::Value value;
-  value["name"] = user.name;
-  value["uid"] = user.uid;
-  value["gid"] = user.gid;
-  value["administrator"] = user.is_administrator;
-  value["groups"] = Json::Value(Json::arrayValue);
-  for (const base::Group& group : user.groups) {
-    Json::Value& entry = value["groups"].append(Json::Value(Json::objectValue));
-    entry["name"] = group.name;
-    entry["gid"] = group.gid;
+enum class Wanted { kFree, kTaken };
+
+// Before a password is asked for in vain: whether there is a user of the name. Failures are printed.
+ExitCode CheckUser(const GlobalOptions& global, const std::string& name, Wanted wanted) {
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  HttpClient client(*connect);
+  Json::Value parameters = Named(name);
+  parameters["kind"] = "user";
+  CallOutcome outcome = TryApi(client, PathOf("level_get"), RenderJson(parameters, JsonLayout::kOneLine));
+  const bool is_there = outcome.exit_code == ExitCode::kOk;
+  if (is_there && wanted == Wanted::kTaken) return ExitCode::kOk;
+  if (is_there) {
+    const std::string known = Text(Member(outcome.data, "name"));
+    return Report(Error(ErrorCode::kConflict, "There is a user '" + known + "' already"));
   }
-  return value;
+  if (outcome.code == webapi::kErrorNoAccount && wanted == Wanted::kFree) return ExitCode::kOk;
+  std::cerr << "vexa: " << outcome.failure << '\n';
+  if (outcome.code == webapi::kErrorDenied && wanted == Wanted::kTaken) std::cerr << kOwnHint;
+  return WithLocalHint(client, std::move(outcome)).exit_code;
+}
+
+// The caller's own password: on standard input the old one is the first line, the new one the second.
+ExitCode SetOwnPassword(const GlobalOptions& global, PasswordSource source) {
+  const Result<std::string> old_password = GetPassword(source, "Old password");
+  if (!old_password) {
+    Report(old_password.error());
+    return ExitCode::kUsage;
+  }
+  if (!IsValidUtf8(*old_password)) return Report(Error(ErrorCode::kInvalid, "The password is not valid UTF-8"));
+  Json::Value parameters(Json::objectValue);
+  parameters["old_password"] = *old_password;
+  std::string password;
+  if (const ExitCode asked = AskNewPassword(source, "New password", password); asked != ExitCode::kOk) return asked;
+  parameters["password"] = password;
+  return ChangeAccount(global, "password_set", parameters, "Changed your password.", Secrecy::kSecret);
+}
+
+std::string Joined(const Json::Value& texts) {
+  std::string joined;
+  for (const Json::Value& text : VexaVirtualization::json::Elements(texts)) {
+    joined += (joined.empty() ? "" : ", ") + Text(text);
+  }
+  return joined;
 }
 
 }  // namespace
 
-ExitCode RunUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options) {
-  const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kCreate);
-  if (!accounts) return Report(accounts.error());
-  if (const auto taken = (*accounts)->FindUser(options.name)) {
-    // Before a password is asked for in vain.
-    return Report(Error(ErrorCode::kConflict, "There is a user '" + taken->name + "' already"));
+CallOutcome CallAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
+                        Secrecy secrecy) {
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) {
+    CallOutcome outcome;
+    outcome.exit_code = Report(connect.error());
+    return outcome;
   }
-  const Result<std::string> password = GetNewPassword(options.password, "Password of " + Printable(options.name));
-  if (!password) {
-    Report(password.error());
-    return ExitCode::kUsage;
-  }
-  using Level = cluster::AccountStore::Level;
-  const Status added = (*accounts)->AddUser(
-      {options.name, *password, options.groups, options.uid, options.advanced ? Level::kAdvanced : Level::kUser});
-  return Finish(global, added, "Added user '" + Printable(options.name) + "'.");
+  HttpClient client(*connect);
+  return WithLocalHint(client, CallApi(client, PathOf(method), RenderJson(parameters, JsonLayout::kOneLine), secrecy));
 }
 
-ExitCode RunUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
-                       PasswordSource source) {
-  const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kRefuse);
-  if (!accounts) return Report(accounts.error());
-  if (const auto user = (*accounts)->FindUser(name); !user) return Report(user.error());
-  const Result<std::string> password = GetNewPassword(source, "New password of " + Printable(name));
-  if (!password) {
-    Report(password.error());
-    return ExitCode::kUsage;
-  }
-  return Finish(global, (*accounts)->SetPassword(name, *password),
-                "Changed the password of '" + Printable(name) + "'.");
+ExitCode ChangeAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
+                       const std::string& done, Secrecy secrecy) {
+  const CallOutcome outcome = CallAccount(global, method, parameters, secrecy);
+  return outcome.exit_code == ExitCode::kOk ? Say(global, done) : outcome.exit_code;
 }
 
-ExitCode RunUserGroup(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
-                      const std::vector<std::string>& groups) {
-  const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kRefuse);
-  if (!accounts) return Report(accounts.error());
-  return Finish(global, (*accounts)->SetGroups(name, groups), "Changed the groups of '" + Printable(name) + "'.");
+ExitCode RunUserAdd(const GlobalOptions& global, const NewUserOptions& options) {
+  if (const Status checked = CheckNewUser(options); !checked) return Report(checked.error());
+  if (const ExitCode free = CheckUser(global, options.name, Wanted::kFree); free != ExitCode::kOk) return free;
+  std::string password;
+  const ExitCode asked = AskNewPassword(options.password, "Password of " + Printable(options.name), password);
+  if (asked != ExitCode::kOk) return asked;
+  Json::Value parameters = Named(options.name);
+  parameters["password"] = password;
+  if (!options.groups.empty()) parameters["groups"] = ArrayOf(options.groups);
+  if (options.uid) parameters["uid"] = *options.uid;
+  if (options.advanced) parameters["advanced"] = true;
+  return ChangeAccount(global, "user_add", parameters, "Added user '" + Printable(options.name) + "'.",
+                       Secrecy::kSecret);
 }
 
-ExitCode RunUserDel(const GlobalOptions& global, const AccountPlaces& places, const std::string& name) {
-  const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kRefuse);
-  if (!accounts) return Report(accounts.error());
-  return Finish(global, (*accounts)->DeleteUser(name), "Deleted user '" + Printable(name) + "'.");
+ExitCode RunUserPasswd(const GlobalOptions& global, const std::optional<std::string>& whose, PasswordSource source) {
+  if (!whose) return SetOwnPassword(global, source);
+  const std::string& name = *whose;
+  if (const Status checked = CheckKnown(name, "user"); !checked) return Report(checked.error());
+  if (const ExitCode known = CheckUser(global, name, Wanted::kTaken); known != ExitCode::kOk) return known;
+  std::string password;
+  const ExitCode asked = AskNewPassword(source, "New password of " + Printable(name), password);
+  if (asked != ExitCode::kOk) return asked;
+  Json::Value parameters = Named(name);
+  parameters["password"] = password;
+  return ChangeAccount(global, "password_set", parameters, "Changed the password of '" + Printable(name) + "'.",
+                       Secrecy::kSecret);
 }
 
-ExitCode RunUserList(const GlobalOptions& global, const AccountPlaces& places) {
-  const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kRefuse);
-  if (!accounts) return Report(accounts.error());
-  const auto users = (*accounts)->ListUsers();
-  if (!users) return Report(users.error());
-  if (global.json) {
-    Json::Value all(Json::arrayValue);
-    for (const base::User& user : *users) all.append(AsJson(user));
-    return PrintJson(all);
-  }
-  Table table{{"USER", "ID", "ADMINISTRATOR", "GROUPS"}, {}};
-  for (const base::User& user : *users) {
-    table.rows.push_back({user.name, std::to_string(user.uid), user.is_administrator ? "yes" : "no", GroupNames(user)});
+ExitCode RunUserGroup(const GlobalOptions& global, const std::string& name, const std::vector<std::string>& groups) {
+  if (const Status checked = CheckGroups(groups); !checked) return Report(checked.error());
+  if (const Status checked = CheckKnown(name, "user"); !checked) return Report(checked.error());
+  Json::Value parameters = Named(name);
+  parameters["groups"] = ArrayOf(groups);
+  return ChangeAccount(global, "groups_set", parameters, "Changed the groups of '" + Printable(name) + "'.");
+}
+
+ExitCode RunUserDel(const GlobalOptions& global, const std::string& name) {
+  if (const Status checked = CheckKnown(name, "user"); !checked) return Report(checked.error());
+  return ChangeAccount(global, "user_delete", Named(name), "Deleted user '" + Printable(name) + "'.");
+}
+
+ExitCode RunUserList(const GlobalOptions& global) {
+  const CallOutcome outcome = CallAccount(global, "user_list", Json::Value(Json::objectValue));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& users = Member(outcome.data, "users");
+  return users.isArray() ? PrintUsers(global, users) : Report(NotUnderstood("users"));
+}
+
+ExitCode RunGroupList(const GlobalOptions& global) {
+  const CallOutcome outcome = CallAccount(global, "group_list", Json::Value(Json::objectValue));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  const Json::Value& groups = Member(outcome.data, "groups");
+  if (!groups.isArray()) return Report(NotUnderstood("groups"));
+  if (global.json) return PrintJson(groups);
+  Table table{{"GROUP", "ID", "ADVANCED", "MEMBERS"}, {}};
+  for (const Json::Value& group : groups) {
+    table.rows.push_back({Text(Member(group, "name")), Text(Member(group, "gid")),
+                          IsTrue(Member(group, "advanced")) ? "yes" : "no", Joined(Member(group, "members"))});
   }
   PrintTable(std::cout, table);
   return ExitCode::kOk;
+}
+
+ExitCode RunGroupDel(const GlobalOptions& global, const std::string& name) {
+  if (const Status checked = CheckKnown(name, "group"); !checked) return Report(checked.error());
+  return ChangeAccount(global, "group_delete", Named(name), "Deleted group '" + Printable(name) + "'.");
 }
 
 }  // namespace vexa::cli

@@ -1,4 +1,4 @@
-// vexa user add, passwd, group, del, list: the accounts in the store of a host and its cluster.
+// vexa user add, passwd, group, del, list and vexa group list, del: the accounts of the cluster, by the API.
 #pragma once
 
 #include <cstdint>
@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "cli/account_places.h"
 #include "cli/client_options.h"
 #include "cli/password.h"
+#include "host/base/result.h"
 
 namespace vexa::cli {
 
@@ -20,15 +20,25 @@ struct NewUserOptions {
   bool advanced = false;
 };
 
-// Creates the store when there is none.
-ExitCode RunUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options);
-ExitCode RunUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
-                       PasswordSource source);
+// What no server would accept is a usage error, and nothing is sent then.
+ExitCode RunUserAdd(const GlobalOptions& global, const NewUserOptions& options);
+// Without a name the caller's own password, with the old one.
+ExitCode RunUserPasswd(const GlobalOptions& global, const std::optional<std::string>& whose, PasswordSource source);
 // Replaces the user's groups.
-ExitCode RunUserGroup(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
-                      const std::vector<std::string>& groups);
+ExitCode RunUserGroup(const GlobalOptions& global, const std::string& name, const std::vector<std::string>& groups);
 // With what was granted to the user.
-ExitCode RunUserDel(const GlobalOptions& global, const AccountPlaces& places, const std::string& name);
-ExitCode RunUserList(const GlobalOptions& global, const AccountPlaces& places);
+ExitCode RunUserDel(const GlobalOptions& global, const std::string& name);
+ExitCode RunUserList(const GlobalOptions& global);
+
+ExitCode RunGroupList(const GlobalOptions& global);
+// A group that nobody is in, with what was granted to it.
+ExitCode RunGroupDel(const GlobalOptions& global, const std::string& name);
+
+// Calls a method of VEXA.Core.Account. Failures are printed; where nothing listens on the Unix socket, with what to do.
+CallOutcome CallAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
+                        Secrecy secrecy = Secrecy::kPlain);
+// The same, and a sentence when it is done.
+ExitCode ChangeAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
+                       const std::string& done, Secrecy secrecy = Secrecy::kPlain);
 
 }  // namespace vexa::cli

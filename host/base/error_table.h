@@ -29,6 +29,16 @@ inline constexpr int kErrorTargetTooLong = 118;
 inline constexpr int kErrorBadParameter = 401;
 inline constexpr int kErrorUnknownApi = 507;
 
+// Codes of accounts and grants.
+inline constexpr int kErrorNoAccount = 980;
+inline constexpr int kErrorAccountTaken = 981;
+inline constexpr int kErrorOldPassword = 982;
+inline constexpr int kErrorAccountsFromPam = 983;
+inline constexpr int kErrorGrantsOfAnother = 984;
+inline constexpr int kErrorAccountDamaged = 985;
+inline constexpr int kErrorGroupStays = 986;
+inline constexpr int kErrorAccountsUnavailable = 988;
+
 // The details of what cannot be done while the cluster database cannot be read.
 inline constexpr char kDatabaseLost[] =
     "The cluster database cannot be reached. Guests are shown as this host last knew them, and nothing can be changed "

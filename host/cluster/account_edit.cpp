@@ -37,9 +37,10 @@ Result<bool> AccountEdit::Exists(const std::string& key) const {
 
 Result<bool> AccountEdit::IsFree(AccountKind kind, std::uint32_t id) const {
   if (IsOwnId(id) && id < index_.next_id) return false;
-  if (kind == AccountKind::kGroup) return !index_.groups.contains(id) && !index_.damaged_groups.contains(id);
-  if (index_.users.contains(id) || index_.damaged_users.contains(id)) return false;
-  const auto deleted = Exists(DeletedUserKey(id));
+  const bool is_user = kind == AccountKind::kUser;
+  if (is_user && (index_.users.contains(id) || index_.damaged_users.contains(id))) return false;
+  if (!is_user && (index_.groups.contains(id) || index_.damaged_groups.contains(id))) return false;
+  const auto deleted = Exists(is_user ? DeletedUserKey(id) : DeletedGroupKey(id));
   if (!deleted) return deleted.error();
   return !*deleted;
 }
@@ -89,6 +90,15 @@ Result<base::Group> AccountEdit::GroupFor(const std::string& name) {
 void AccountEdit::AddGroup(const base::Group& group) {
   index_.Put(group);
   transaction_.operations.push_back({AccountKey(AccountKind::kGroup, group.gid), NameRecord(group.name)});
+}
+
+void AccountEdit::DeleteGroup(std::uint32_t gid) {
+  const auto found = index_.groups.find(gid);
+  if (found == index_.groups.end()) return;
+  transaction_.operations.push_back({DeletedGroupKey(gid), NameRecord(found->second.name)});
+  transaction_.operations.push_back({AccountKey(AccountKind::kGroup, gid), std::nullopt});
+  transaction_.operations.push_back({GrantsKey(kGroupsKind, gid), std::nullopt});
+  index_.RemoveGroup(gid);
 }
 
 void AccountEdit::PutUser(const Account& account) {

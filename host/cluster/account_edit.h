@@ -39,6 +39,9 @@ class AccountEdit {
   // Adds a group with an id that IsFree.
   void AddGroup(const base::Group& group);
 
+  // Deletes the group, which no user may be in, and what was granted to it, and remembers the id.
+  void DeleteGroup(std::uint32_t gid);
+
   // Adds the user or replaces the one of the same id.
   void PutUser(const Account& account);
   // Deletes the user and what was granted to them, and remembers the id.

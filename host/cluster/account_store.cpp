@@ -5,6 +5,7 @@
 
 #include "host/accounts/account_password.h"
 #include "host/cluster/account_edit.h"
+#include "host/cluster/account_groups.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
 #include "host/records/object_edit.h"
@@ -160,10 +161,7 @@ Result<base::Group> AccountStore::FindGroup(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   if (const base::Group* found = (*accounts)->FindGroup(name)) return *found;
-  return NotFound(**accounts,
-                  Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                                  ? "There is no group '" + name + "'"
-                                                  : std::string("There is no group of an impossible name")));
+  return NotFound(**accounts, NoGroup(name));
 }
 
 Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
@@ -242,6 +240,24 @@ Result<std::vector<base::User>> AccountStore::ListUsers() const {
   for (const auto& [uid, account] : (*accounts)->users) users.push_back(account.user);
   std::sort(users.begin(), users.end(), [](const base::User& a, const base::User& b) { return a.name < b.name; });
   return users;
+}
+
+Result<std::vector<AccountStore::GroupWithMembers>> AccountStore::ListGroups() const {
+  const auto accounts = Current();
+  if (!accounts) return accounts.error();
+  if ((*accounts)->damage) return Unavailable(*(*accounts)->damage);
+  auto members = MembersOfGroups(**accounts);
+  std::vector<GroupWithMembers> groups;
+  groups.reserve((*accounts)->groups.size());
+  for (const auto& [gid, group] : (*accounts)->groups) {
+    groups.push_back({group, std::move(members[gid])});
+  }
+  std::sort(groups.begin(), groups.end(), [](const auto& a, const auto& b) { return a.group.name < b.group.name; });
+  return groups;
+}
+
+Status AccountStore::DeleteGroup(const std::string& name) {
+  return Edit([&](AccountEdit& edit) { return PlanGroupDeletion(edit, name); });
 }
 
 }  // namespace vexa::cluster

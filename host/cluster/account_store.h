@@ -61,6 +61,16 @@ class AccountStore : public base::AccountProvider {
   // By name. kUnavailable when a user's record is damaged.
   Result<std::vector<base::User>> ListUsers() const;
 
+  struct GroupWithMembers {
+    base::Group group;
+    std::vector<std::string> members;  // names of users, in order
+  };
+  // By name; kUnavailable as ListUsers.
+  Result<std::vector<GroupWithMembers>> ListGroups() const;
+  // Deletes a group without members and what was granted to it. kDenied, with the reason, for one that has members and
+  // for "administrators" and "users", which every cluster has.
+  Status DeleteGroup(const std::string& name);
+
  private:
   using Accounts = std::shared_ptr<const AccountIndex>;
   Result<Accounts> Current() const;

@@ -18,7 +18,9 @@
 #include "host/api/peer/compound_api.h"
 #include "host/api/peer/services.h"
 #include "host/api/request_id.h"
+#include "host/api/user/account_api.h"
 #include "host/api/user/gone_host.h"
+#include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
 #include "host/api/user/guest_keeping_api.h"
 #include "host/api/user/guest_state_api.h"
@@ -30,6 +32,7 @@
 #include "host/api/user/recovery_api.h"
 #include "host/api/user/repository_api.h"
 #include "host/api/user/session_api.h"
+#include "host/base/data_lock.h"
 #include "host/base/error_table.h"
 #include "host/base/files.h"
 #include "host/base/lane.h"
@@ -40,7 +43,6 @@
 #include "host/cluster/host_record.h"
 #include "host/daemon/cache_refresh.h"
 #include "host/daemon/cluster_store.h"
-#include "host/daemon/data_lock.h"
 #include "host/daemon/delayed_call.h"
 #include "host/daemon/file_limit.h"
 #include "host/daemon/host_condition.h"
@@ -337,6 +339,10 @@ class Daemon::Impl {
     return {};
   }
 
+  services::AccountServices AccountParts() {
+    return {store_, std::dynamic_pointer_cast<cluster::AccountStore>(accounts_), &limiter_};
+  }
+
   void MakeTable(const Config& config, std::vector<webapi::ApiRow> further_rows) {
     std::vector<webapi::ApiRow> rows = std::move(further_rows);
     const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
@@ -347,6 +353,7 @@ class Daemon::Impl {
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
           services::GuestStateRows(guest_states_), services::GuestKeepingRows(), services::RecoveryRows(store_),
           services::ImageRows(store_, config.image_roots), services::RepositoryRows(store_), services::LogRows(),
+          services::AccountRows(AccountParts()), services::GrantRows(AccountParts()),
           services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }

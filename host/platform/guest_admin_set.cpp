@@ -1,5 +1,4 @@
 // Changes of guest-admin records, and the identifiers that lead to them.
-#include <charconv>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,26 +16,8 @@ namespace {
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::Rule;
 
-struct Principal {
-  std::string_view kind;
-  std::uint32_t id = 0;
-};
-
-// From exactly what GuestAdminIdentifier gives for some number.
-std::optional<Principal> ParseIdentifier(std::string_view text) {
-  for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
-    if (!text.starts_with(kind) || text.size() <= kind.size() + 1) continue;
-    const std::string_view digits = text.substr(kind.size() + 1);
-    std::uint32_t number = 0;
-    const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (parsed.ec != std::errc() || text != GuestAdminIdentifier(kind, number)) return std::nullopt;
-    return Principal{kind, number};
-  }
-  return std::nullopt;
-}
-
 // What this host calls the user or group; empty when there is none.
-Result<std::string> NameOf(const base::AccountProvider* accounts, const Principal& principal) {
+Result<std::string> NameOf(const base::AccountProvider* accounts, const GuestAdminOwner& principal) {
   if (accounts == nullptr) return std::string();
   std::optional<Error> error;
   if (principal.kind == kUsersKind) {
@@ -55,8 +36,8 @@ Result<std::string> NameOf(const base::AccountProvider* accounts, const Principa
 bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
 
 // What to commit; nothing when the record is as the rules want it.
-Result<store::Transaction> PlanRules(const store::Store& store, const Principal& principal, const std::string& name,
-                                     store::Revision seen, const std::vector<Rule>& rules) {
+Result<store::Transaction> PlanRules(const store::Store& store, const GuestAdminOwner& principal,
+                                     const std::string& name, store::Revision seen, const std::vector<Rule>& rules) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
   const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.kind, principal.id));
@@ -74,7 +55,7 @@ Result<store::Transaction> PlanRules(const store::Store& store, const Principal&
 }
 
 Status SetRules(const Environment& environment, const std::string& identifier, const std::vector<Rule>& rules) {
-  const auto principal = ParseIdentifier(identifier);
+  const auto principal = ParseGuestAdminIdentifier(identifier);
   if (!principal) return Error(ErrorCode::kInvalid, "This is the identifier of no user and no group");
   for (const Rule& rule : rules) {
     if (!IsGuestRule(rule)) return Error(ErrorCode::kInvalid, "A rule is not about a guest");

@@ -101,6 +101,8 @@ std::string AccountKey(AccountKind kind, std::uint32_t id) {
 
 std::string DeletedUserKey(std::uint32_t uid) { return store::MakeKey({kRoot, "deleted_user", std::to_string(uid)}); }
 
+std::string DeletedGroupKey(std::uint32_t gid) { return store::MakeKey({kRoot, "deleted_group", std::to_string(gid)}); }
+
 std::string TakenOverKey(std::string_view fingerprint) { return store::MakeKey({kRoot, "taken_over", fingerprint}); }
 
 Json::Value AccountRecordOf(const Account& account) {
@@ -142,6 +144,13 @@ void AccountIndex::RemoveUser(std::uint32_t uid) {
   if (found == users.end()) return;
   user_ids.erase(base::FoldedName(found->second.user.name));
   users.erase(found);
+}
+
+void AccountIndex::RemoveGroup(std::uint32_t gid) {
+  const auto found = groups.find(gid);
+  if (found == groups.end()) return;
+  group_ids.erase(base::FoldedName(found->second.name));
+  groups.erase(found);
 }
 
 Result<store::Revision> AccountRevision(const store::Snapshot& snapshot) {

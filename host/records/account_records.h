@@ -1,10 +1,12 @@
 // The records of users and groups in the store, and all of them as one value that finds people.
 //
 //   /accounts/state                     {"next_id": 1900000003}: written with every change of any account
-//   /accounts/user/<id>                 {"name": "alice", "gid": 1900000001, "groups": [1900000000], "password":
-//   "$y$…"} /accounts/group/<id>                {"name": "users"} /accounts/deleted_user/<id>         {"name": "bob"}:
-//   the id was given to somebody, and is never given again /accounts/taken_over/<fingerprint>  {"users": 3}: an account
-//   file of an older version that is in the store
+//   /accounts/user/<id>                 {"name": "alice", "gid": 1900000001, "groups": [1900000000],
+//                                        "password": "$y$…"}
+//   /accounts/group/<id>                {"name": "users"}
+//   /accounts/deleted_user/<id>         {"name": "bob"}: the id was given to somebody, and is never given again
+//   /accounts/deleted_group/<id>        {"name": "crew"}: the same of a group
+//   /accounts/taken_over/<fingerprint>  {"users": 3}: an account file of an older version that is in the store
 //
 // "gid" names the primary group, "groups" the others. Passwords are yescrypt hashes (crypt(5)); "" and "!…" disable
 // login. All changes compare the revision of /accounts/state, so each is planned on what it replaces.
@@ -33,6 +35,7 @@ constexpr bool IsOwnId(std::uint32_t id) { return id >= base::kFirstOwnId && id 
 std::string AccountStateKey();
 std::string AccountKey(AccountKind kind, std::uint32_t id);
 std::string DeletedUserKey(std::uint32_t uid);
+std::string DeletedGroupKey(std::uint32_t gid);
 std::string TakenOverKey(std::string_view fingerprint);
 
 struct Account {
@@ -62,6 +65,7 @@ struct AccountIndex {
   void Put(Account account);
   void Put(base::Group group);
   void RemoveUser(std::uint32_t uid);
+  void RemoveGroup(std::uint32_t gid);
 };
 
 // The revision of the accounts; 0 when there are none. Errors: what the store says.

@@ -1,5 +1,8 @@
 #include "host/records/guest_admin.h"
 
+#include <charconv>
+#include <system_error>
+
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
@@ -22,6 +25,18 @@ bool TakeOut(Json::Value& record, const std::string& guest_id) {
 
 std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id) {
   return std::string(kind) + "-" + std::to_string(numeric_id);
+}
+
+std::optional<GuestAdminOwner> ParseGuestAdminIdentifier(std::string_view text) {
+  for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
+    if (!text.starts_with(kind) || text.size() <= kind.size() + 1) continue;
+    const std::string_view digits = text.substr(kind.size() + 1);
+    std::uint32_t number = 0;
+    const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (parsed.ec != std::errc() || text != GuestAdminIdentifier(kind, number)) return std::nullopt;
+    return GuestAdminOwner{kind, number};
+  }
+  return std::nullopt;
 }
 
 std::string GuestAdminKey(std::string_view identifier) {

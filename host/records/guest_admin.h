@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,15 @@ inline constexpr std::string_view kAdvancedLevel = "advanced";
 
 // The identifier of a user (kind "users") or group (kind "groups") with this numeric id: "users-1026".
 std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id);
+
+// Whose record an identifier names.
+struct GuestAdminOwner {
+  std::string_view kind;  // kUsersKind or kGroupsKind
+  std::uint32_t id = 0;
+};
+
+// From exactly what GuestAdminIdentifier gives for some number; nothing for any other text.
+std::optional<GuestAdminOwner> ParseGuestAdminIdentifier(std::string_view text);
 
 // The store's key of that record.
 std::string GuestAdminKey(std::string_view identifier);

@@ -83,12 +83,14 @@ store::Revision RevisionBeforeLookup(const store::Store& store) {
 // A note of a deletion from before the look-up says nothing: accounts may come from elsewhere since then.
 Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
                       store::Transaction& transaction) {
-  if (kind != kUsersKind) return {};
-  const std::string deleted_key = DeletedUserKey(id);
+  const bool is_user = kind == kUsersKind;
+  const std::string deleted_key = is_user ? DeletedUserKey(id) : DeletedGroupKey(id);
   const auto deleted = snapshot.Get(deleted_key);
   if (!deleted) return deleted.error();
   const store::Revision revision = deleted->has_value() ? (*deleted)->revision : 0;
-  if (revision > seen) return Error(ErrorCode::kNotFound, "The user has been deleted");
+  if (revision > seen) {
+    return Error(ErrorCode::kNotFound, is_user ? "The user has been deleted" : "The group has been deleted");
+  }
   transaction.compares.push_back({deleted_key, revision});
   return {};
 }

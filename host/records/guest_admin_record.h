@@ -39,8 +39,8 @@ Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std:
 // meanwhile. 0 when the store cannot tell.
 store::Revision RevisionBeforeLookup(const store::Store& store);
 
-// Adds compares to `transaction`, so that nothing is granted to a user whose account is deleted. kNotFound when it was
-// deleted after the revision `seen`. Nothing for groups, which stay.
+// Adds compares to `transaction`, so that nothing is granted to a user or group that is deleted. kNotFound when it was
+// deleted after the revision `seen`.
 Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
                       store::Transaction& transaction);
 

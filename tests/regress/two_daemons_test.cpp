@@ -1,7 +1,7 @@
 // Two daemons could share a data folder; each wrote its own sessions over the other's.
 #include <gtest/gtest.h>
 
-#include "host/daemon/data_lock.h"
+#include "host/base/data_lock.h"
 #include "tests/support/test_daemon.h"
 
 namespace {
@@ -18,11 +18,11 @@ TEST(TwoDaemons, OnOneDataFolder_TheSecondDoesNotStart) {
 TEST(TwoDaemons, AfterTheFirstHasGone_TheFolderIsFree) {
   const vexa::test::TempDir folder;
   {
-    const auto lock = vexa::daemon::DataLock::Take(folder.path());
+    const auto lock = vexa::DataLock::Take(folder.path());
     ASSERT_TRUE(lock.ok());
-    EXPECT_FALSE(vexa::daemon::DataLock::Take(folder.path()).ok());
+    EXPECT_FALSE(vexa::DataLock::Take(folder.path()).ok());
   }
-  EXPECT_TRUE(vexa::daemon::DataLock::Take(folder.path()).ok());
+  EXPECT_TRUE(vexa::DataLock::Take(folder.path()).ok());
 }
 
 }  // namespace

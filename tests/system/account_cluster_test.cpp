@@ -88,7 +88,7 @@ class AccountCluster : public testing::Test {
 
   vexa::test::ProcessResult Vexa(std::vector<std::string> words, const std::string& input = "") const {
     words.insert(words.begin(), VEXA_PROGRAM);
-    words.insert(words.end(), {"--data", folder_.File("a"), "--store", folder_.File("store")});
+    words.insert(words.end(), {"--socket", folder_.File("socket-a")});
     return vexa::test::RunProcess({.argv = words, .input = input});
   }
 

@@ -1,10 +1,11 @@
-// vexa user and vexa group on a real store.
+// vexa user and vexa group on a real store, without a daemon. cli_account_api_test.cpp has their calls of the API.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <thread>
 
 #include "host/accounts/account_password.h"
+#include "host/base/data_lock.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "host/cluster/account_source.h"
@@ -210,6 +211,10 @@ TEST_F(Accounts, AddedAsAdvanced_HasTheLevel) {
 
 TEST_F(Accounts, AccountFileOfAnOlderVersion_IsTakenOverByTheFirstCommand) {
   PutFile("old");
+  EXPECT_EQ(RunHere({"user", "list"}).exit_code, 1) << "there is no store, and a list creates none";
+  EXPECT_FALSE(Exists("data/store"));
+  EXPECT_TRUE(Exists("data/accounts.json"));
+  (void)OpenStore();
   const auto list = RunHere({"user", "list"});
   EXPECT_EQ(list.exit_code, 0) << list.errors;
   EXPECT_THAT(list.output, HasSubstr("old"));
@@ -242,7 +247,9 @@ TEST_F(Accounts, DaemonTakesUsersFromPam_CommandsSayWhereToGo) {
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_THAT(result.errors, AllOf(HasSubstr("PAM"), HasSubstr("--system")));
   }
-  EXPECT_FALSE(Exists("data/store"));
+  EXPECT_EQ(RunHere({"user", "grant", "--system", "root", kFirst}).exit_code, 1);
+  EXPECT_FALSE(Exists("data/store")) << "only 'user add' creates one";
+  (void)OpenStore();
   EXPECT_EQ(RunHere({"user", "grant", "--system", "root", kFirst}).exit_code, 0);
   EXPECT_THAT(RecordOf("users-0"), HasSubstr(R"("name":"root")"));
 }
@@ -291,6 +298,104 @@ TEST_F(Accounts, DamagedRecord_IsReportedAndNotOverwritten) {
     ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("users-1026"), text}}}).ok());
     EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 1) << text;
     EXPECT_EQ(RecordOf("users-1026"), text);
+  }
+}
+
+TEST_F(Accounts, Configuration_NamesFoldersAndTheSourceOfAccounts) {
+  const std::string file = folder_.File("vexad.conf");
+  WriteFile(file, "# The daemon's.\nlisten = \"127.0.0.1:8642\"\ndata = \"" + folder_.File("data") + "\"\nstore = '" +
+                      folder_.File("elsewhere") + "' # of two hosts\nimage-roots = [\"/a\", \"/b\"]\n");
+  const auto run = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--local", "--config", file});
+    return Run(arguments, "good password\n");
+  };
+  EXPECT_EQ(run({"user", "list"}).exit_code, 1);
+  EXPECT_FALSE(Exists("elsewhere"));
+  const auto added = run({"user", "add", "alice", "--password-stdin"});
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  EXPECT_TRUE(Exists("elsewhere/data.mdb"));
+  EXPECT_FALSE(Exists("data/store"));
+  EXPECT_THAT(run({"user", "list"}).output, HasSubstr("alice"));
+  WriteFile(file, "data = \"" + folder_.File("data") + "\"\naccounts = \"pam\"\n");
+  EXPECT_THAT(run({"user", "list"}).errors, AllOf(HasSubstr("PAM"), HasSubstr("--system")));
+}
+
+TEST_F(Accounts, ConfigurationThatCannotBeUsed_IsReported) {
+  const auto missing = Run({"user", "list", "--config", folder_.File("none.conf")});
+  EXPECT_EQ(missing.exit_code, 1);
+  EXPECT_THAT(missing.errors, HasSubstr("Cannot read the configuration file"));
+  EXPECT_EQ(Run({"user", "list", "--local", "--data", folder_.File("data")}).exit_code, 2)
+      << "either the file names the folders, or the command does";
+  WriteFile(folder_.File("empty.conf"), "data = \"\"\n");
+  EXPECT_EQ(Run({"user", "list", "--config", folder_.File("empty.conf")}).exit_code, 2);
+}
+
+TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {
+  AddAlice();
+  {
+    const auto lock = DataLock::Take(folder_.File("data"));
+    ASSERT_TRUE(lock.ok());
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"user", "list"}, {"user", "del", "alice"}, {"user", "add", "bob"}, {"user", "grant", "alice", kFirst}}) {
+      const auto result = RunHere(arguments);
+      EXPECT_EQ(result.exit_code, 1);
+      EXPECT_THAT(result.errors, HasSubstr("A vexad uses the data folder"));
+    }
+  }
+  EXPECT_TRUE(Open()->FindUser("alice").ok());
+  EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0) << "it has stopped";
+}
+
+TEST_F(Accounts, StoreThatIsNotMounted_GetsNoEmptyOne) {
+  std::filesystem::create_directories(folder_.File("data/mirror"));
+  WriteFile(folder_.File("data/mirror/data.mdb"), "a copy");
+  std::filesystem::create_directory(folder_.File("elsewhere"));
+  const auto result =
+      RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere")}, "good password\n");
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("mount it"));
+  EXPECT_FALSE(Exists("elsewhere/data.mdb"));
+}
+
+TEST_F(Accounts, Changes_AreInTheClusterLogWithoutPasswords) {
+  AddAlice();
+  EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
+  std::string log;
+  const auto store = OpenStore();
+  const auto snapshot = store->Read();
+  ASSERT_TRUE(snapshot.ok());
+  ASSERT_TRUE((*snapshot)
+                  ->Scan("/log",
+                         [&](std::string_view, const store::ValueView& value) {
+                           log += std::string(value.text) + "\n";
+                           return true;
+                         })
+                  .ok());
+  EXPECT_THAT(log, AllOf(HasSubstr("The user [alice] has been added."),
+                         HasSubstr("The user [alice] may use the virtual machines"), HasSubstr(kFirst),
+                         Not(HasSubstr("first password"))));
+}
+
+TEST_F(Accounts, GrantsOfAnIdThatIsNobodys_CanBeDroppedById) {
+  AddAlice();
+  ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("groups-4242"), R"({"guests":{"g":true}})"}}}).ok());
+  EXPECT_EQ(RunHere({"group", "drop-grants", "--id", "4242"}).exit_code, 0);
+  EXPECT_EQ(RecordOf("groups-4242"), "");
+  EXPECT_EQ(RunHere({"group", "drop-grants", "--id", "x"}).exit_code, 2);
+  EXPECT_EQ(RunHere({"user", "grant", "--id", "4242", kFirst}).exit_code, 1);
+}
+
+TEST_F(Accounts, CommandsThatAskTheDaemon_AreWrongUsageWithoutIt) {
+  AddAlice();
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"group", "list"},
+                                             {"group", "del", "staff"},
+                                             {"user", "grants", "alice"},
+                                             {"user", "passwd"},
+                                             {"user", "advanced", "--show", "alice"}}) {
+    const auto result = RunHere(arguments);
+    EXPECT_EQ(result.exit_code, 2) << arguments[1];
+    EXPECT_THAT(result.errors, HasSubstr("--local"));
   }
 }
 

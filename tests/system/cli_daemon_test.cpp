@@ -26,7 +26,11 @@ class CliOnDaemon : public CliTest {
     arguments.insert(arguments.begin(), {"--socket", daemon_.config().socket});
     return Program(std::move(arguments));
   }
-  ProcessResult RunOn(std::vector<std::string> arguments) { return RunProcess(ProgramOn(std::move(arguments))); }
+  ProcessResult RunOn(std::vector<std::string> arguments, const std::string& input = "") {
+    ProcessOptions program = ProgramOn(std::move(arguments));
+    program.input = input;
+    return RunProcess(program);
+  }
 
   TestDaemon daemon_;
 };
@@ -187,6 +191,83 @@ TEST_F(RecordsOnDaemon, OrdinaryUsers_SeeImagesWithoutPathsAndChangeNothing) {
     EXPECT_EQ(result.exit_code, 1) << words[0] << " " << words[1];
     EXPECT_THAT(result.errors, StartsWith("vexa: You may not call this method. (error 104, HTTP 403, "));
   }
+}
+
+TEST_F(CliOnDaemon, Accounts_AreManagedAndLogged) {
+  const auto added = RunOn({"user", "add", "eve", "--group", "crew", "--password-stdin"}, "good password\n");
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  EXPECT_EQ(added.output, "Added user 'eve'.\n");
+  EXPECT_TRUE(daemon_.Accounts()->VerifyPassword("eve", "good password").ok());
+  EXPECT_THAT(RunOn({"user", "list"}).output, HasSubstr("users, crew"));
+  const auto again = RunOn({"user", "add", "EVE", "--password-stdin"}, "good password\n");
+  EXPECT_EQ(again.exit_code, 1);
+  EXPECT_THAT(again.errors, HasSubstr("There is a user 'eve' already"));
+  const auto reset = RunOn({"user", "passwd", "eve", "--password-stdin"}, "second password\n");
+  EXPECT_EQ(reset.exit_code, 0) << reset.errors;
+  EXPECT_TRUE(daemon_.Accounts()->VerifyPassword("eve", "second password").ok());
+  EXPECT_EQ(RunOn({"group", "del", "crew"}).exit_code, 1) << "eve is in it";
+  EXPECT_EQ(RunOn({"user", "group", "eve", "administrators"}).exit_code, 0);
+  EXPECT_EQ(RunOn({"group", "del", "crew"}).exit_code, 0);
+  EXPECT_EQ(RunOn({"user", "del", "eve"}).exit_code, 0);
+  EXPECT_FALSE(daemon_.Accounts()->FindUser("eve").ok());
+  const std::string log = RunOn({"log"}).output;
+  for (const char* sentence :
+       {"root: The user [eve] has been added.", "root: The password of the user [eve] has been changed.",
+        "root: The groups of the user [eve] are now [administrators].", "root: The group [crew] has been deleted.",
+        "root: The user [eve] has been deleted."}) {
+    EXPECT_THAT(log, HasSubstr(sentence));
+  }
+}
+
+TEST_F(CliOnDaemon, Grants_AreGivenAndShown) {
+  EXPECT_EQ(RunOn({"user", "grant", "mallory", kTestGuest}).output, "Granted to 'mallory'.\n");
+  EXPECT_EQ(RunOn({"user", "grants", "mallory"}).output, std::string("Level: user\n") + kTestGuest + "\n");
+  EXPECT_THAT(RunOn({"guest", "grants", "web"}).output, HasSubstr("mallory"));
+  EXPECT_EQ(RunOn({"user", "advanced", "mallory"}).exit_code, 0);
+  EXPECT_EQ(RunOn({"user", "advanced", "--show", "mallory"}).output, "advanced\n");
+  EXPECT_EQ(RunOn({"user", "revoke", "mallory", kTestGuest}).exit_code, 0);
+  EXPECT_EQ(RunOn({"user", "drop-grants", "mallory"}).exit_code, 0);
+  EXPECT_EQ(RunOn({"user", "advanced", "--show", "mallory"}).output, "user\n");
+  EXPECT_EQ(RunOn({"group", "grant", "nobody-here", kTestGuest}).exit_code, 1);
+}
+
+TEST_F(CliOnDaemon, OrdinaryUsers_ChangeTheirOwnPasswordOnly) {
+  daemon_.BeOnUnixSocket("mallory");
+  const std::string lines = std::string(kTestPassword) + "\nsecond password\n";
+  const auto own = RunOn({"user", "passwd", "--password-stdin"}, lines);
+  EXPECT_EQ(own.exit_code, 0) << own.errors;
+  EXPECT_TRUE(daemon_.Accounts()->VerifyPassword("me", "second password").ok());
+  const auto wrong = RunOn({"user", "passwd", "--password-stdin"}, lines);
+  EXPECT_EQ(wrong.exit_code, 1);
+  EXPECT_THAT(wrong.errors, HasSubstr("error 982"));
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {"user", "passwd", "grace", "--password-stdin"}, {"user", "list"}, {"user", "grant", "me", kTestGuest}}) {
+    const auto refused = RunOn(arguments, "second password\n");
+    EXPECT_EQ(refused.exit_code, 1) << arguments[1];
+    EXPECT_THAT(refused.errors, HasSubstr("error 104")) << arguments[1];
+  }
+}
+
+// The command opened a second store in the data folder, beside that of the daemon.
+TEST(CliOnDaemonElsewhere, StoreOfTheSetting_IsTheOneThatChanges) {
+  TestDaemon daemon([](daemon::Config& config) { config.store_directory = config.data_directory + "-store"; });
+  ProcessOptions program;
+  program.argv = {VEXA_PROGRAM, "--socket", daemon.config().socket, "user", "add", "eve", "--password-stdin"};
+  program.input = "good password\n";
+  const auto added = RunProcess(program);
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  EXPECT_TRUE(daemon.Accounts()->FindUser("eve").ok());
+  EXPECT_FALSE(std::filesystem::exists(daemon.config().data_directory + "/store"));
+  program.argv = {VEXA_PROGRAM,
+                  "user",
+                  "list",
+                  "--data",
+                  daemon.config().data_directory,
+                  "--store",
+                  daemon.config().store_directory};
+  const auto beside = RunProcess(program);
+  EXPECT_EQ(beside.exit_code, 1);
+  EXPECT_THAT(beside.errors, HasSubstr("A vexad uses the data folder"));
 }
 
 }  // namespace

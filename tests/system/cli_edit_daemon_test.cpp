@@ -196,10 +196,16 @@ TEST_F(EditOnDaemon, Rights_AreGrantedAndTakenBackByName) {
   EXPECT_FALSE(HasGrant("mallory"));
   EXPECT_TRUE(HasGrant("grace"));
   EXPECT_TRUE(HasGrant("adam"));
+  // The server knows the names, too.
+  ExpectSet({"--revoke", "user:adam", "--allow", "user:mallory"});
+  EXPECT_FALSE(HasGrant("adam"));
+  EXPECT_TRUE(HasGrant("mallory"));
   const std::string before = Everything();
-  const auto nobody = Set(with({"vcpu_num=7", "--allow", "user:nobody-of-this-name"}));
-  EXPECT_EQ(nobody.exit_code, 1);
-  EXPECT_THAT(nobody.errors, StartsWith("vexa: "));
+  const std::vector<std::string> unknown{"vcpu_num=7", "--allow", "user:nobody-of-this-name"};
+  for (const auto& nobody : {Set(unknown), Set(with(unknown))}) {
+    EXPECT_EQ(nobody.exit_code, 1);
+    EXPECT_THAT(nobody.errors, StartsWith("vexa: "));
+  }
   EXPECT_EQ(Everything(), before);
 }
 

@@ -248,6 +248,25 @@ TEST_F(GuestSet, UnknownUsersAndGroups_SendNothing) {
   EXPECT_THAT(host.calls(), IsEmpty());
 }
 
+TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
+  const ApiHost host(With([](const std::string& method, const Json::Value& parameters) {
+    if (method != "level_get") return ApiHost::Success();
+    const bool is_staff = parameters["kind"] == "group" && parameters["name"] == "staff";
+    if (is_staff) return ApiHost::Success(R"({"kind":"group","id":1026,"name":"staff","level":"user"})");
+    if (parameters["name"] == "odd") return ApiHost::Success(R"({"id":-1})");
+    return ApiHost::Failure(parameters["name"] == "bob" ? 980 : 104, "No.");
+  }));
+  EXPECT_EQ(RunOn(host, {"web-1", "--revoke", "group:staff"}).exit_code, 0);
+  EXPECT_THAT(host.calls().back(),
+              HasSubstr(R"("guest_privilege":[{"allow":false,"gid":1026,"name":"staff","type":"use"}])"));
+  const int sent = host.Count("set");
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No. (error 980"));
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:carol"}).errors, HasSubstr("give uid:NUMBER or gid:NUMBER"));
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("holds no id"));
+  EXPECT_EQ(RunOn(host, {"web-1", "--allow", "group:staff", "--revoke", "gid:1026"}).exit_code, 2);
+  EXPECT_EQ(host.Count("set"), sent);
+}
+
 TEST_F(GuestSet, UsersOfTheSystem_AreFoundWithSystem) {
   EXPECT_EQ(Sent({"--system", "--allow", "user:root", "--revoke", "group:root"}),
             R"({"guest_privilege":[{"allow":true,"name":"root","type":"use","uid":0},)"

@@ -156,6 +156,27 @@ TEST_F(DaemonApi, PermissionMatrix_OfEditing) {
   }
 }
 
+TEST_F(DaemonApi, PermissionMatrix_OfAccounts) {
+  struct Row {
+    const char* role;
+    int list;
+    int password_of_another;
+    int grant;
+  };
+  constexpr Row kRows[] = {{"admin", 0, 980, 980},   {"adam", 104, 104, 104},    {"grace", 104, 104, 104},
+                           {"carol", 104, 104, 104}, {"mallory", 104, 104, 104}, {"nobody", 103, 103, 103}};
+  const std::string api = "/webapi/VEXA.Core.Account/";
+  const std::string password = R"({"name":"nobody-here","password":"good password","old_password":"good password"})";
+  const std::string grant = std::string(R"({"kind":"user","name":"nobody-here","guests":[")") + kTestGuest + "\"]}";
+  for (const Row& row : kRows) {
+    HttpClient client = row.role == std::string("nobody") ? daemon_->Tcp() : daemon_->TcpAs(row.role);
+    EXPECT_EQ(ErrorCode(client.PostJson(api + "user_list", "{}")), row.list) << row.role;
+    EXPECT_EQ(ErrorCode(client.PostJson(api + "password_set", password)), row.password_of_another) << row.role;
+    EXPECT_EQ(ErrorCode(client.PostJson(api + "grant", grant)), row.grant) << row.role;
+  }
+  EXPECT_FALSE(vexa::test::SyslogContains("good password"));
+}
+
 TEST_F(DaemonApi, PermissionMatrix_OverTheUnixSocket) {
   const auto access_by_path = AccessByPath(daemon_->Unix());
   for (const Role& role : kRoles) {

@@ -6,6 +6,8 @@
 #include <type_traits>
 
 #include "host/api/openapi.h"
+#include "host/api/user/account_api.h"
+#include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
 #include "host/api/user/image_api.h"
 #include "host/api/user/log_api.h"
@@ -101,7 +103,8 @@ TEST(ErrorTable, HandlerCodes_HaveTheirStatus) {
 TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
   std::vector<ApiRow> rows = vexa::daemon::GuestRows();
   for (const auto& part :
-       {vexa::services::LogRows(), vexa::services::ImageRows(nullptr, {}), vexa::services::RepositoryRows(nullptr)}) {
+       {vexa::services::LogRows(), vexa::services::ImageRows(nullptr, {}), vexa::services::RepositoryRows(nullptr),
+        vexa::services::AccountRows({}), vexa::services::GrantRows({})}) {
     rows.insert(rows.end(), part.begin(), part.end());
   }
   for (const ApiRow& row : rows) {

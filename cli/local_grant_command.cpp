@@ -1,0 +1,102 @@
+#include "cli/local_grant_command.h"
+
+#include <functional>
+
+#include "cli/account_output.h"
+
+namespace vexa::cli {
+namespace {
+
+using cluster::GrantPrincipal;
+
+// "The user [alice]"
+std::string Shown(const GrantTarget& target, const GrantPrincipal& principal) {
+  const std::string name = principal.name.empty() ? "#" + std::to_string(principal.id) : principal.name;
+  return (target.kind == AccountKind::kUser ? "user [" : "group [") + name + "]";
+}
+
+struct Change {
+  std::function<Status(store::Store& store, const GrantPrincipal& principal)> make;
+  std::function<std::string(const std::string& who)> logged;  // a sentence about "user [alice]"
+  std::string said;
+};
+
+ExitCode RunChange(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                   const Result<GrantPrincipal>& principal, const Change& change) {
+  if (!principal) return Report(principal.error());
+  const auto store = OpenStore(places, MissingStore::kRefuse);
+  if (!store) return Report(store.error());
+  if (const Status made = change.make(**store, *principal); !made) return Report(made.error());
+  LogLocalChange(places, change.logged(Shown(target, *principal)));
+  return Say(global, change.said);
+}
+
+// The id may be that of an account that is gone.
+Result<GrantPrincipal> FindOwner(const AccountPlaces& places, const GrantTarget& target) {
+  if (target.form == NameForm::kName) return FindAccount(places, target);
+  const Result<cluster::PrincipalWord> word = WordOf(target);
+  if (!word) return word.error();
+  return GrantPrincipal{target.kind, std::get<std::uint32_t>(*word), "", 0};
+}
+
+std::string Joined(const std::vector<std::string>& ids) {
+  std::string text;
+  for (const std::string& id : ids) text += (text.empty() ? "" : ", ") + id;
+  return text;
+}
+
+}  // namespace
+
+Result<GrantPrincipal> FindAccount(const AccountPlaces& places, const GrantTarget& target) {
+  const Result<cluster::PrincipalWord> word = WordOf(target);
+  if (!word) return word.error();
+  if (target.source == NameSource::kSystem) return cluster::FindSystemPrincipal(target.kind, *word);
+  const auto accounts = OpenAccounts(places, MissingStore::kRefuse);
+  if (!accounts) return accounts.error();
+  const auto store = OpenStore(places, MissingStore::kRefuse);
+  if (!store) return store.error();
+  return cluster::FindPrincipal(**accounts, **store, target.kind, *word);
+}
+
+ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                       const std::vector<std::string>& guest_ids) {
+  if (const Status checked = CheckGuestIds(guest_ids); !checked) return Report(checked.error());
+  return RunChange(
+      global, places, target, FindAccount(places, target),
+      {[&](auto& store, const auto& principal) { return cluster::GrantGuests(store, principal, guest_ids); },
+       [&](const std::string& who) {
+         return "The " + who + " may use the virtual machines " + Joined(guest_ids) + ".";
+       },
+       Granted(target.name)});
+}
+
+ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                        const std::vector<std::string>& guest_ids) {
+  if (const Status checked = CheckGuestIds(guest_ids); !checked) return Report(checked.error());
+  return RunChange(
+      global, places, target, FindAccount(places, target),
+      {[&](auto& store, const auto& principal) { return cluster::RevokeGuests(store, principal, guest_ids); },
+       [&](const std::string& who) {
+         return "The " + who + " may no longer use the virtual machines " + Joined(guest_ids) + ".";
+       },
+       Revoked(target.name)});
+}
+
+ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                          cluster::GrantLevel level) {
+  const std::string word(cluster::WordOf(level));
+  return RunChange(global, places, target, FindAccount(places, target),
+                   {[&](auto& store, const auto& principal) { return cluster::SetGrantLevel(store, principal, level); },
+                    [&](const std::string& who) { return "The level of the " + who + " is now [" + word + "]."; },
+                    LevelIs(target.name, word)});
+}
+
+ExitCode RunLocalDropGrants(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target) {
+  return RunChange(
+      global, places, target, FindOwner(places, target),
+      {[&](auto& store, const auto& principal) { return cluster::DropGrants(store, target.kind, principal.id); },
+       [&](const std::string& who) { return "What was granted to the " + who + " has been dropped."; },
+       Dropped(target.name)});
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,27 @@
+// vexa user|group grant, revoke, advanced, drop-grants without a daemon: on the store of this host, before the daemon's
+// first start and for repairs. Each change is in the system log and the cluster log. No store is created.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/account_places.h"
+#include "cli/client_options.h"
+#include "cli/grant_command.h"
+#include "host/cluster/grants.h"
+
+namespace vexa::cli {
+
+ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                       const std::vector<std::string>& guest_ids);
+ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                        const std::vector<std::string>& guest_ids);
+ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+                          cluster::GrantLevel level);
+// Removes the record of the id that the target has, whoever it was given to.
+ExitCode RunLocalDropGrants(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target);
+
+// The user or group. kNotFound when there is none; kDenied and others as OpenAccounts.
+Result<cluster::GrantPrincipal> FindAccount(const AccountPlaces& places, const GrantTarget& target);
+
+}  // namespace vexa::cli

@@ -1,0 +1,26 @@
+// vexa user add, passwd, group, del, list without a daemon: on the store of this host, before the daemon's first start
+// and for repairs. Each change is in the system log and the cluster log.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/account_places.h"
+#include "cli/client_options.h"
+#include "cli/password.h"
+#include "cli/user_command.h"
+
+namespace vexa::cli {
+
+// Creates the store when there is none. The others never do.
+ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options);
+ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
+                            PasswordSource source);
+// Replaces the user's groups.
+ExitCode RunLocalUserGroup(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
+                           const std::vector<std::string>& groups);
+// With what was granted to the user.
+ExitCode RunLocalUserDel(const GlobalOptions& global, const AccountPlaces& places, const std::string& name);
+ExitCode RunLocalUserList(const GlobalOptions& global, const AccountPlaces& places);
+
+}  // namespace vexa::cli

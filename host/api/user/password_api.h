@@ -1,0 +1,11 @@
+// VEXA.Core.Account "password_set".
+#pragma once
+
+#include "host/api/api_table.h"
+#include "host/api/user/account_calls.h"
+
+namespace vexa::services {
+
+webapi::ApiRow PasswordRow(const AccountServices& services);
+
+}  // namespace vexa::services

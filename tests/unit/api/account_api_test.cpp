@@ -1,0 +1,354 @@
+// VEXA.Core.Account on a real store: users, groups, passwords and grants, who may change them, and what the logs say.
+#include "host/api/user/account_api.h"
+
+#include <gmock/gmock.h>
+
+#include "host/api/reason.h"
+#include "host/api/user/grant_api.h"
+#include "host/cluster/cluster_log.h"
+#include "host/records/guest_admin.h"
+#include "tests/support/require.h"
+#include "tests/support/syslog_capture.h"
+#include "tests/unit/api/services_fixture.h"
+
+namespace vexa::services {
+namespace {
+
+using test::Answer;
+using test::Parsed;
+using test::Require;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+constexpr const char* kFirst = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
+constexpr const char* kSecond = "00000000-0000-4000-8000-00000000000a";
+constexpr const char* kPassword = "correct horse";  // of the users that TestHost adds
+
+std::vector<webapi::ApiRow> AllRows(const AccountServices& services) {
+  std::vector<webapi::ApiRow> rows = AccountRows(services);
+  for (webapi::ApiRow& row : GrantRows(services)) rows.push_back(std::move(row));
+  return rows;
+}
+
+class AccountApi : public ::testing::Test {
+ protected:
+  AccountApi() {
+    // The store is the test's: it outlives the rows.
+    const std::shared_ptr<store::Store> store(&host_.store(), [](store::Store*) {});
+    const std::shared_ptr<cluster::AccountStore> accounts(&host_.accounts(), [](cluster::AccountStore*) {});
+    table_ = std::make_unique<webapi::ApiTable>(AllRows({store, accounts, &limiter_}));
+    pam_ = std::make_unique<webapi::ApiTable>(AllRows({store, nullptr, &limiter_}));
+    test::ClearCapturedSyslog();
+  }
+
+  Answer CallOn(const webapi::ApiTable& table, const std::string& method, const std::string& parameters,
+                const base::User& user) {
+    const auto privilege =
+        user.is_administrator ? VEXA::APIRequest::Privilege::kAdministrator : VEXA::APIRequest::Privilege::kOrdinary;
+    VEXA::APIRequest request(Parsed(parameters), user.name, privilege);
+    VEXA::APIResponse response;
+    webapi::Caller caller;
+    caller.kind = webapi::Caller::Kind::kUser;
+    caller.user = user;
+    caller.peer = "192.0.2.1";
+    headers_.clear();
+    Answer answer;
+    const webapi::ApiRow* const row = table.Find("VEXA.Core.Account", method, 1);
+    EXPECT_NE(row, nullptr) << method;
+    if (row == nullptr) return answer;
+    row->handler({&request, &response, caller, &headers_, &answer.further});
+    if (response.IsSet()) answer.code = response.ErrorCode();
+    answer.data = Parsed(VexaVirtualization::json::ToText(response.Data()));
+    return answer;
+  }
+  Answer Call(const std::string& method, const std::string& parameters) {
+    return CallOn(*table_, method, parameters, Administrator());
+  }
+  Answer CallAs(const std::string& user, const std::string& method, const std::string& parameters) {
+    return CallOn(*table_, method, parameters, Require(host_.accounts().FindUser(user)));
+  }
+  static base::User Administrator() { return {"root", 0, 0, {}, true}; }
+  static std::string Reason(const Answer& answer) {
+    return VexaVirtualization::json::String(VexaVirtualization::json::Member(answer.further, webapi::kReason));
+  }
+  bool HasPassword(const std::string& user, const std::string& password) {
+    return host_.accounts().VerifyPassword(user, password).ok();
+  }
+  std::string RecordOf(const std::string& identifier) {
+    const auto snapshot = Require(host_.store().Read());
+    const auto value = Require(snapshot->Get(cluster::GuestAdminKey(identifier)));
+    return value ? std::string(value->text) : "absent";
+  }
+  static std::string NewestLogEntry() {
+    const auto page = cluster::ReadLog("", 1);
+    return page.ok() && !page->entries.empty() ? page->entries[0].user + ": " + page->entries[0].text : "";
+  }
+
+  test::TestHost host_;
+  // Its clock stands still, so that slow machines do not let more guesses pass.
+  static daemon::LoginLimiterOptions Limits() {
+    daemon::LoginLimiterOptions limits;
+    limits.now = [] { return std::int64_t{1}; };
+    return limits;
+  }
+
+  daemon::LoginLimiter limiter_{Limits()};
+  std::unique_ptr<webapi::ApiTable> table_;
+  std::unique_ptr<webapi::ApiTable> pam_;
+  std::vector<std::pair<std::string, std::string>> headers_;
+};
+
+TEST_F(AccountApi, Rows_AreForAdministratorsButForOnesOwnPassword) {
+  for (const webapi::ApiRow& row : table_->rows()) {
+    const bool is_own = row.method == "password_set";
+    EXPECT_EQ(row.access.value, is_own ? webapi::Access::kUser : webapi::Access::kAdministrator) << row.method;
+    for (const int code : row.errors) EXPECT_NE(webapi::FindError(code), nullptr) << row.method << " " << code;
+  }
+  for (const char* method : {"user_add", "password_set", "grant", "revoke", "grants_drop"}) {
+    EXPECT_EQ(table_->Find("VEXA.Core.Account", method, 1)->lane.value, webapi::LaneKind::kLong) << method;
+  }
+}
+
+TEST_F(AccountApi, UserAdded_IsListedAndLoggedWithoutThePassword) {
+  const Answer added = Call("user_add", R"({"name":"alice","password":"first password","groups":["staff"],"uid":1026,
+                                            "advanced":true})");
+  ASSERT_EQ(added.code, 0);
+  EXPECT_TRUE(HasPassword("alice", "first password"));
+  const Answer list = Call("user_list", "{}");
+  ASSERT_EQ(list.data["users"].size(), 1U);
+  const Json::Value& alice = list.data["users"][0];
+  EXPECT_EQ(alice["name"], "alice");
+  EXPECT_EQ(alice["uid"], 1026);
+  EXPECT_EQ(alice["administrator"], false);
+  EXPECT_EQ(alice["advanced"], true);
+  EXPECT_EQ(alice["groups"][1]["name"], "staff");
+  EXPECT_FALSE(alice.isMember("password"));
+  EXPECT_EQ(NewestLogEntry(), "root: The user [alice] has been added.");
+  EXPECT_TRUE(test::SyslogContains("The user [alice] has been added. By user[root] from [192.0.2.1]."));
+  EXPECT_FALSE(test::SyslogContains("first password"));
+}
+
+TEST_F(AccountApi, TakenNamesAndIds_AreRefusedWithTheReason) {
+  ASSERT_EQ(Call("user_add", R"({"name":"alice","password":"good password","uid":1026})").code, 0);
+  const Answer name = Call("user_add", R"({"name":"ALICE","password":"good password"})");
+  EXPECT_EQ(name.code, webapi::kErrorAccountTaken);
+  EXPECT_EQ(Reason(name), "There is a user 'alice' already.");
+  const Answer uid = Call("user_add", R"({"name":"bob","password":"good password","uid":1026})");
+  EXPECT_EQ(uid.code, webapi::kErrorAccountTaken);
+  EXPECT_THAT(Reason(uid), HasSubstr("'alice' has the uid 1026"));
+}
+
+TEST_F(AccountApi, WrongParameters_AreRefused) {
+  const std::string long_list = "[\"a\"" + [] {
+    std::string rest;
+    for (int i = 0; i < 1000; ++i) rest += ",\"a\"";
+    return rest;
+  }() + "]";
+  const std::pair<const char*, std::string> rows[] = {
+      {"user_add", "{}"},
+      {"user_add", R"({"name":"alice"})"},
+      {"user_add", R"({"name":"../x","password":"good password"})"},
+      {"user_add", R"({"name":"alice","password":"short"})"},
+      {"user_add", R"({"name":"alice","password":")" + std::string(513, 'x') + "\"}"},
+      {"user_add", R"({"name":"alice","password":"good password","uid":-1})"},
+      {"user_add", R"({"name":"alice","password":"good password","uid":4294967295})"},
+      {"user_add", R"({"name":"alice","password":"good password","uid":"1"})"},
+      {"user_add", R"({"name":"alice","password":"good password","uid":null})"},
+      {"user_add", R"({"name":"alice","password":"good password","groups":"staff"})"},
+      {"user_add", R"({"name":"alice","password":"good password","groups":[7]})"},
+      {"user_add", R"({"name":"alice","password":"good password","groups":["a b"]})"},
+      {"user_add", R"({"name":"alice","password":"good password","groups":)" + long_list + "}"},
+      {"user_add", R"({"name":"alice","password":"good password","advanced":1})"},
+      {"user_delete", "{}"},
+      {"user_delete", R"({"name":"alice","id":1})"},
+      {"user_delete", R"({"id":1.5})"},
+      {"groups_set", R"({"name":"alice"})"},
+      {"group_delete", R"({"name":""})"},
+      {"password_set", R"({"name":"alice"})"},
+      {"password_set", R"({"password":"","name":"alice"})"},
+      {"grant", R"({"kind":"user","name":"alice"})"},
+      {"grant", R"({"kind":"user","name":"alice","guests":[]})"},
+      {"grant", R"({"kind":"user","name":"alice","guests":["x"]})"},
+      {"grant", R"({"kind":"users","name":"alice","guests":["6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"]})"},
+      {"grant", R"({"kind":"user","name":"a\u0007b","system":true,"guests":["6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"]})"},
+      {"level_set", R"({"kind":"user","name":"alice"})"},
+      {"guest_grant_list", R"({"guest_id":"x"})"},
+  };
+  for (const auto& [method, parameters] : rows) {
+    EXPECT_EQ(Call(method, parameters).code, webapi::kErrorBadParameter) << method << " " << parameters;
+  }
+  EXPECT_FALSE(host_.accounts().FindUser("alice").ok());
+}
+
+TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
+  const std::uint32_t alice = host_.AddUser("alice", {"staff"});
+  const std::string id = std::to_string(alice);
+  ASSERT_EQ(Call("groups_set", R"({"id":)" + id + R"(,"groups":["crew","administrators"]})").code, 0);
+  EXPECT_TRUE(Require(host_.accounts().FindUser("alice")).is_administrator);
+  EXPECT_EQ(NewestLogEntry(), "root: The groups of the user [alice] are now [crew, administrators].");
+  const Answer groups = Call("group_list", "{}");
+  ASSERT_EQ(groups.data["groups"].size(), 4U);
+  EXPECT_EQ(groups.data["groups"][1]["name"], "crew");
+  EXPECT_EQ(groups.data["groups"][1]["members"], Parsed(R"(["alice"])"));
+  EXPECT_EQ(groups.data["groups"][2]["members"], Parsed("[]")) << "staff";
+  const Answer full = Call("group_delete", R"({"name":"crew"})");
+  EXPECT_EQ(full.code, webapi::kErrorGroupStays);
+  EXPECT_THAT(Reason(full), HasSubstr("'alice'"));
+  EXPECT_EQ(Call("group_delete", R"({"name":"staff"})").code, 0);
+  EXPECT_EQ(Call("group_delete", R"({"name":"staff"})").code, webapi::kErrorNoAccount);
+  EXPECT_EQ(Call("user_delete", R"({"id":)" + id + "}").code, 0);
+  EXPECT_EQ(Call("user_delete", R"({"name":"alice"})").code, webapi::kErrorNoAccount);
+  EXPECT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, webapi::kErrorNoAccount);
+}
+
+TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {
+  host_.AddUser("grace");
+  host_.AddUser("mallory");
+  const char* with_old = R"({"password":"second password","old_password":"correct horse"})";
+  EXPECT_EQ(CallAs("grace", "password_set", R"({"password":"second password"})").code, webapi::kErrorOldPassword);
+  EXPECT_EQ(CallAs("grace", "password_set", R"({"password":"second password","old_password":"wrong"})").code,
+            webapi::kErrorOldPassword);
+  EXPECT_TRUE(HasPassword("grace", kPassword));
+  ASSERT_EQ(CallAs("grace", "password_set", with_old).code, 0);
+  EXPECT_TRUE(HasPassword("grace", "second password"));
+  EXPECT_EQ(NewestLogEntry(), "grace: The password of the user [grace] has been changed.");
+  EXPECT_FALSE(test::SyslogContains("second password"));
+  EXPECT_EQ(CallAs("grace", "password_set", R"({"name":"GRACE","password":"x","old_password":"second password"})").code,
+            webapi::kErrorBadParameter)
+      << "too short";
+  for (const char* whose : {R"("name":"mallory")", R"("name":"nobody-here")", R"("id":0)"}) {
+    const std::string parameters =
+        std::string("{") + whose + R"(,"password":"third password","old_password":"correct horse"})";
+    EXPECT_EQ(CallAs("grace", "password_set", parameters).code, webapi::kErrorDenied) << whose;
+  }
+  EXPECT_TRUE(HasPassword("mallory", kPassword));
+}
+
+TEST_F(AccountApi, Administrators_SetThePasswordsOfOthersWithoutTheOldOne) {
+  host_.AddUser("grace");
+  ASSERT_EQ(Call("password_set", R"({"name":"grace","password":"second password"})").code, 0);
+  EXPECT_TRUE(HasPassword("grace", "second password"));
+  EXPECT_EQ(Call("password_set", R"({"name":"nobody-here","password":"second password"})").code,
+            webapi::kErrorNoAccount);
+  EXPECT_EQ(Call("password_set", R"({"password":"second password"})").code, webapi::kErrorNoAccount)
+      << "the machine's root has no account";
+  EXPECT_EQ(Call("password_set", R"({"name":"grace","password":"third password","old_password":"wrong"})").code,
+            webapi::kErrorOldPassword)
+      << "one that is given is checked";
+}
+
+TEST_F(AccountApi, GuessingOldPasswords_IsSlowedDown) {
+  host_.AddUser("grace");
+  int slowed = 0;
+  for (int i = 0; i < 12; ++i) {
+    const Answer answer =
+        CallAs("grace", "password_set", R"({"password":"second password","old_password":"a wrong guess"})");
+    if (answer.code != webapi::kErrorTooManyLogins) continue;
+    ++slowed;
+    ASSERT_FALSE(headers_.empty());
+    EXPECT_EQ(headers_[0].first, "Retry-After");
+  }
+  EXPECT_EQ(slowed, 2);
+}
+
+TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
+  const std::string identifier = "users-" + std::to_string(host_.AddUser("bob", {"staff"}));
+  host_.PutText("guest", kFirst, R"({"name":"web-1"})");
+  const std::string guests = R"("guests":[")" + std::string(kFirst) + "\",\"" + kSecond + "\"]";
+  ASSERT_EQ(Call("grant", R"({"kind":"user","name":"BOB",)" + guests + "}").code, 0);
+  EXPECT_EQ(NewestLogEntry(),
+            std::string("root: The user [bob] may use 2 virtual machines: [web-1], [") + kSecond + "].");
+  ASSERT_EQ(Call("level_set", R"({"kind":"user","name":"bob","advanced":true})").code, 0);
+  Answer list = Call("grant_list", R"({"kind":"user","name":"bob"})");
+  EXPECT_EQ(list.data["level"], "advanced");
+  EXPECT_EQ(list.data["given_to"], "bob");
+  EXPECT_EQ(list.data["counts"], true);
+  EXPECT_EQ(list.data["guests"], Parsed("[\"" + std::string(kSecond) + "\",\"" + kFirst + "\"]"));
+  ASSERT_EQ(Call("grant", R"({"kind":"group","name":"staff","guests":[")" + std::string(kFirst) + "\"]}").code, 0);
+  const Answer of_guest = Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}");
+  ASSERT_EQ(of_guest.data["principals"].size(), 2U);
+  EXPECT_EQ(of_guest.data["principals"][0]["name"], "bob");
+  EXPECT_EQ(of_guest.data["principals"][1]["kind"], "group");
+  EXPECT_EQ(of_guest.data["damaged"], Parsed("[]"));
+  ASSERT_EQ(Call("revoke", R"({"kind":"user","name":"bob",)" + guests + "}").code, 0);
+  EXPECT_THAT(NewestLogEntry(), HasSubstr("The user [bob] may no longer use 2 virtual machines"));
+  EXPECT_EQ(Call("level_get", R"({"kind":"user","name":"bob"})").data["level"], "advanced");
+  ASSERT_EQ(Call("grants_drop", R"({"kind":"user","name":"bob"})").code, 0);
+  EXPECT_EQ(RecordOf(identifier), "absent");
+  list = Call("grant_list", R"({"kind":"user","name":"bob"})");
+  EXPECT_EQ(list.code, 0);
+  EXPECT_EQ(list.data["level"], "user");
+  EXPECT_EQ(list.data["guests"], Parsed("[]"));
+}
+
+TEST_F(AccountApi, UnknownPrincipals_AreRefused) {
+  const std::string guests = R"("guests":[")" + std::string(kFirst) + "\"]";
+  for (const std::string& who :
+       {std::string(R"("kind":"user","name":"nobody-here")"), std::string(R"("kind":"group","name":"nobody-here")"),
+        std::string(R"("kind":"user","id":4242)"),
+        std::string(R"("kind":"user","name":"nobody-here","system":true)")}) {
+    const Answer answer = Call("grant", "{" + who + "," + guests + "}");
+    EXPECT_EQ(answer.code, webapi::kErrorNoAccount) << who;
+    EXPECT_NE(Reason(answer), "") << who;
+  }
+}
+
+TEST_F(AccountApi, GrantsOfAnotherName_AreNotChangedAndCanBeDroppedById) {
+  const std::string id = std::to_string(host_.AddUser("alice"));
+  host_.PutText("guest_admin", "users-" + id, R"({"authlevel":"advanced","guests":{"g":true},"name":"bob"})");
+  const Answer refused = Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}");
+  EXPECT_EQ(refused.code, webapi::kErrorGrantsOfAnother);
+  EXPECT_THAT(Reason(refused), AllOf(HasSubstr("'bob'"), HasSubstr("drop-grants")));
+  EXPECT_EQ(Call("level_get", R"({"kind":"user","name":"alice"})").data["level"], "user");
+  EXPECT_EQ(Call("user_list", "{}").data["users"][0]["advanced"], false);
+  const Answer list = Call("grant_list", R"({"kind":"user","name":"alice"})");
+  EXPECT_EQ(list.data["given_to"], "bob");
+  EXPECT_EQ(list.data["counts"], false);
+  ASSERT_EQ(Call("grants_drop", R"({"kind":"user","id":)" + id + "}").code, 0);
+  EXPECT_EQ(RecordOf("users-" + id), "absent");
+}
+
+TEST_F(AccountApi, DamagedRecords_AreReported) {
+  const std::string id = std::to_string(host_.AddUser("alice"));
+  host_.PutText("guest_admin", "users-" + id, "[]");
+  EXPECT_EQ(Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}").code,
+            webapi::kErrorAccountDamaged);
+  EXPECT_EQ(Call("grant_list", R"({"kind":"user","name":"alice"})").code, webapi::kErrorAccountDamaged);
+  EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").data["damaged"],
+            Parsed("[\"users-" + id + "\"]"));
+  EXPECT_EQ(Call("user_list", "{}").code, 0);
+}
+
+TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
+  for (const auto& [method, parameters] : std::vector<std::pair<std::string, std::string>>{
+           {"user_list", "{}"},
+           {"group_list", "{}"},
+           {"user_add", R"({"name":"x","password":"good password"})"},
+           {"user_delete", R"({"name":"x"})"},
+           {"groups_set", R"({"name":"x","groups":[]})"},
+           {"group_delete", R"({"name":"x"})"},
+           {"password_set", R"({"name":"x","password":"good password"})"},
+           {"level_set", R"({"kind":"group","name":"root","advanced":true})"},
+           {"grant", R"({"kind":"user","name":"root","guests":["6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"]})"}}) {
+    EXPECT_EQ(CallOn(*pam_, method, parameters, Administrator()).code, webapi::kErrorAccountsFromPam) << method;
+  }
+  EXPECT_THAT(std::string(webapi::FindError(webapi::kErrorAccountsFromPam)->sentence),
+              AllOf(HasSubstr("PAM"), HasSubstr("--system")));
+  const std::string grant = R"({"kind":"user","name":"root","system":true,"guests":[")" + std::string(kFirst) + "\"]}";
+  EXPECT_EQ(CallOn(*pam_, "grant", grant, Administrator()).code, 0);
+  EXPECT_THAT(RecordOf("users-0"), HasSubstr(R"("name":"root")"));
+  EXPECT_EQ(CallOn(*pam_, "grants_drop", R"({"kind":"user","id":0})", Administrator()).code, 0);
+  EXPECT_EQ(RecordOf("users-0"), "absent");
+}
+
+TEST_F(AccountApi, StoreThatCannotBeUsed_IsAnError) {
+  host_.AddUser("alice");
+  host_.store().FailCommits();
+  EXPECT_NE(Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}").code, 0);
+  host_.store().FailSnapshots();
+  EXPECT_NE(Call("user_list", "{}").code, 0);
+  EXPECT_NE(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").code, 0);
+}
+
+}  // namespace
+}  // namespace vexa::services
