@@ -11,7 +11,7 @@ struct Row {
   int code;
   Problem problem;
 };
-// Codes that mean the same wherever they come from.
+// Codes that mean the same in every operation.
 constexpr Row kAnywhere[] = {
     {VIR_ERR_NO_DOMAIN, Problem::kNoSuchGuest},
     {VIR_ERR_DOM_EXIST, Problem::kExists},
@@ -78,14 +78,14 @@ Problem OfSystem(Operation operation, const virError& error) {
   }
 }
 
-// Errors that only their sentence tells apart: the test driver says so of guests that run or do not, QEMU that it got
-// no memory. Of processors some have the code that they should have, and some have a general one.
+// Errors that only their sentence distinguishes: the test driver reports guests that run or do not in this way, and
+// QEMU that it got no memory. Processor errors sometimes have the right code and sometimes a general one.
 Problem OfText(const virError& error) {
   if (Says(error, "already running")) return Problem::kAlreadyRunning;
   if (Says(error, "not running")) return Problem::kNotRunning;
   if (SaysProcessorLacks(error)) return Problem::kCpuIncompatible;
   if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
-  // QEMU's program that adds the guests of other users than root to bridges.
+  // QEMU's helper program that adds guests of users other than root to bridges.
   if (Says(error, "access denied by acl file") || Says(error, "failed to parse default acl file")) {
     return Problem::kDenied;
   }
@@ -111,9 +111,9 @@ Problem OfInvalidOperation(Operation operation, const virError& error) {
 }  // namespace
 
 Problem Translate(Operation operation, const virError& error) {
-  // However the connection ends, the next call tells of it in the name of the code that speaks over it.
+  // However the connection ends, the next call reports it with the code of the transport.
   if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) {
-    // But this one is between libvirt's own daemons: the one that has the networks is not there.
+    // Except for this one, between libvirt's own daemons: the network daemon is not running.
     if (operation == Operation::kStart && Says(error, "virtnetworkd-sock")) return Problem::kNetworkMissing;
     return Problem::kDisconnected;
   }
@@ -126,10 +126,10 @@ Problem Translate(Operation operation, const virError& error) {
     case VIR_ERR_OPERATION_INVALID:
       return OfInvalidOperation(operation, error);
     case VIR_ERR_OPERATION_FAILED:
-      // Another guest has the name and another UUID, or the other way round.
+      // Another guest has the name with a different UUID, or the UUID with a different name.
       return operation == Operation::kDefine ? Problem::kExists : OfText(error);
     case VIR_ERR_INTERNAL_ERROR:
-      // A daemon that ends, or falls silent, while a connection to it is being made.
+      // A daemon that ends, or stops responding, while a connection to it is being made.
       if (error.domain == VIR_FROM_RPC) return Problem::kDisconnected;
       return OfText(error);
     default:
