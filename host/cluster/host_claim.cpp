@@ -89,7 +89,7 @@ std::string BootId() {
   return *text;
 }
 
-// Nothing to commit: another look is due, after `wait`.
+// Nothing to commit: check again after `wait`.
 Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, milliseconds& wait) {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
@@ -100,7 +100,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   const auto seen = LoadObject(**snapshot, seen_key);
   if (!seen && seen.error().code() != ErrorCode::kCorrupt) return seen.error();
   const store::Revision seen_revision = seen ? seen->revision : 0;
-  // A claim without a token was begun by somebody who took guests from a host of an older version.
+  // A claim without a token was created by another host that took guests from a host of an older version.
   const bool is_new = TextMember(claim->record, "token").empty() && !IsForgotten(claim->record);
   const bool is_same = is_new || IsOfMachine(claim->record, options_.identity);
   const bool is_same_boot =
@@ -119,7 +119,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   if (!is_same_boot) claim->record["booted"] = static_cast<Json::UInt64>(incarnation);
   claim->record["token"] = token_;
   claim->record["place"] = options_.identity.place;
-  // Cards that cannot be read this time are those that were read before.
+  // If the network cards cannot be read this time, the addresses read earlier are kept.
   if (!is_same || !options_.identity.addresses.empty()) {
     claim->record["addresses"] = Json::Value(Json::arrayValue);
     for (const std::string& address : options_.identity.addresses) claim->record["addresses"].append(address);
@@ -134,7 +134,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   booted_ = BootedIncarnationOf(claim->record);
   store::Transaction transaction;
   PutObject(transaction, key, *claim);
-  // A sign of life that comes now is somebody else's.
+  // A sign of life from now on comes from another daemon.
   if (may_be_alive) transaction.compares.push_back({seen_key, seen_revision});
   return transaction;
 }
@@ -176,7 +176,7 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
 
 store::Compare HostClaim::Guard() const { return {HostClaimKey(options_.host_id), revision_}; }
 
-// Nobody else can have the claim of this machine: the data folder is locked.
+// No other process can have the claim of this machine: the data folder is locked.
 bool HostClaim::GoOnUnwritten(const Error& error) {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return false;
@@ -217,7 +217,7 @@ Status HostClaim::Renew() {
     if (!claim) return claim.error();
     if (IsForgotten(claim->record)) return Forgotten(options_.host_id, claim->record);
     if (TextMember(claim->record, "token") != token_) return OtherMachine(options_.host_id, claim->record);
-    // What was taken while the rest was being settled comes first.
+    // Guests that were taken while the others were being settled come first.
     const auto left = (*snapshot)->Children(store::MakeKey({"fence", options_.host_id}));
     if (!left) return left.error();
     if (!left->empty()) return Error(ErrorCode::kBusy, "More guests were taken from this host meanwhile");
