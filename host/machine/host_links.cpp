@@ -36,7 +36,7 @@ class Importance {
   }
 
  private:
-  // Cards also have other masters, such as VRFs, that do not need all of them.
+  // Cards can also have other masters, such as VRFs, that do not need all of them.
   bool IsPort(const std::string& name) {
     const std::string master = links_.MasterOf(name);
     const bool is_bonded = IsInterfaceName(master) && machine_.IsFolder("/sys/class/net/" + master + "/bonding");
