@@ -31,7 +31,7 @@ std::uint64_t NumberAt(std::string_view bytes, std::size_t offset, unsigned coun
 
 std::uint64_t Divided(std::uint64_t number, std::uint64_t by) { return number / by + (number % by == 0 ? 0 : 1); }
 
-// What one entry of the first-level table covers: a cluster full of entries for a cluster each.
+// What one entry of the first-level table covers: a cluster full of entries, each for one cluster.
 std::uint64_t BytesPerEntry(unsigned cluster_bits) { return std::uint64_t{1} << (2 * cluster_bits - 3); }
 
 EmptyImage MakeEmptyQcow2(std::uint64_t size) {
@@ -46,7 +46,7 @@ EmptyImage MakeEmptyQcow2(std::uint64_t size) {
   Append(header, size, 8);          //
   Append(header, 0, 4);             // no encryption
   Append(header, entries, 4);       // of the first-level table
-  Append(header, 3 * kCluster, 8);  // which is there
+  Append(header, 3 * kCluster, 8);  // which exists
   Append(header, kCluster, 8);      // the table of reference counts
   Append(header, 1, 4);             // of one cluster
   Append(header, 0, 4);             // no snapshots
