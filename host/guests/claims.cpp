@@ -10,7 +10,7 @@ namespace vexa::guests {
 
 namespace {
 
-// A look takes milliseconds, unless libvirt or the store hangs.
+// A reconciliation takes milliseconds, unless libvirt or the store hangs.
 constexpr std::chrono::seconds kLookPatience{10};
 
 Activity LookThatHangs() { return {"looking", {}, std::chrono::system_clock::now() - kLookPatience}; }

@@ -68,7 +68,7 @@ Status TakeListed(const store::Snapshot& snapshot, const std::string& guest_id, 
   if (&category == &DashCate::vDisk) {
     plan.disks.insert(id);
     TakePath(stored->record, index, plan);
-    // Also one that its host writes only after this was read.
+    // Includes a state that its host writes only after this was read.
     plan.removals.push_back({DiskStateKey(id), std::nullopt});
   }
   return RemoveAllOf(snapshot, category, id, plan);
