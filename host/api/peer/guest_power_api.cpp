@@ -1,4 +1,4 @@
-// What this host does with its guests when other hosts ask: power, deletion, and whose guest it is.
+// What other hosts can make this host do with its guests: power, deletion, and the choice of a guest's host.
 #include <functional>
 #include <utility>
 
@@ -15,7 +15,7 @@ using guests::Refused;
 using guests::Requester;
 using webapi::Call;
 
-// The caller asks for high availability, which must know that the guest does not run here.
+// The caller acts for high availability, which must be sure that the guest does not run here.
 constexpr int kReasonHa = 20;
 
 using Act = std::function<Refused(GuestControl& guests, const std::string& guest_id, const Requester& requester)>;

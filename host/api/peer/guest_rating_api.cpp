@@ -23,7 +23,7 @@ using VexaCCC::DB::DashCate;
 using webapi::Call;
 using webapi::LaneKind;
 
-// Of what a host says of itself, no more than this is taken.
+// The limit for a list in another host's answer.
 constexpr Json::ArrayIndex kMaxTaken = 16;
 constexpr std::size_t kMaxWord = 32;
 constexpr std::size_t kMaxReason = 512;
@@ -31,7 +31,7 @@ constexpr std::size_t kMaxName = 256;
 
 constexpr std::string_view kBestIo = "best_io";
 
-// The guest's id; an answer has been set when it is not set.
+// The guest's id. If it is not set, the call has been answered.
 std::optional<std::string> NamedGuest(const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   const auto type =
@@ -53,7 +53,7 @@ void CheckResource(const std::function<Result<guests::Rating>(const std::string&
   if (!id) return;
   guests::Rating rating{{{guests::kUnavailable, "The host runs no guests."}}, false, {}};
   if (rate_guest) {
-    cluster::RequestScope::ReleaseSnapshot();  // the hypervisor may let the call wait
+    cluster::RequestScope::ReleaseSnapshot();  // the call may wait for the hypervisor
     Result<guests::Rating> rated = rate_guest(*id);
     if (!rated) return FailToRead(call, rated.error());
     rating = std::move(*rated);
@@ -66,7 +66,7 @@ bool IsWord(const std::string& text) {
          std::ranges::all_of(text, [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_'; });
 }
 
-// What this host says of one that it got no rating from.
+// What this host reports about a host from which it got no rating.
 Json::Value NotRated(const char* word, const std::string& reason) {
   Json::Value rating(Json::objectValue);
   rating["available"] = false;
@@ -75,7 +75,7 @@ Json::Value NotRated(const char* word, const std::string& reason) {
   return rating;
 }
 
-// An error as hosts tell it, which may be none at all.
+// An error as reported by a host, which may be empty.
 Json::Value OfFailure(const VexaDRCore::Response& reply) {
   constexpr const char* kSilent = "The host did not answer, or not so that it could be read.";
   const Json::Value success = reply.getField("success");
@@ -91,8 +91,8 @@ Json::Value OfFailure(const VexaDRCore::Response& reply) {
   }
 }
 
-// A host's rating with nothing in it but what one is made of. `may_have_best_io`: by the records, which tell it as
-// well.
+// A host's rating, reduced to the known members. `may_have_best_io`: according to the records, which also determine
+// this.
 Json::Value OfReply(const VexaDRCore::Response& reply, bool may_have_best_io) {
   if (!reply.isSuccess()) return OfFailure(reply);
   const Json::Value available = reply.getDataField("available");
