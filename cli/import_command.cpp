@@ -48,7 +48,7 @@ std::string TextMember(const Json::Value& record, const char* member) {
   return value.isString() ? json::String(value) : "";
 }
 
-// The disks and network interfaces that are the guest's own. A list can name those of another guest, whose they stay.
+// The guest's own disks and network interfaces. Its lists can also name parts of another guest, which keeps them.
 Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const std::string& id,
                                           const Json::Value& record) {
   std::vector<StoredPart> parts;
@@ -66,8 +66,8 @@ Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const
   return parts;
 }
 
-// The state as every reader of the guest sees it: the live one, else the record's. "" when there is none. What cannot
-// be understood is an error: the record's may be long outdated.
+// The state as every reader of the guest sees it: the live one, otherwise the record's. "" when there is none. An
+// invalid one is an error, because the record's may be long outdated.
 Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string& id, StoredGuest& stored) {
   const auto value = snapshot.Get(cluster::LiveStateKey(id));
   if (!value) return value.error();
@@ -78,7 +78,7 @@ Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string
   return Error(ErrorCode::kCorrupt, "The live state of the guest '" + id + "' cannot be read");
 }
 
-// Which guest has which name. Read anew only when somebody else has written to the store.
+// Which guest has which name. Reread only when the store has changed otherwise.
 class NameIndex {
  public:
   Status Update(const store::Snapshot& snapshot) {
@@ -97,7 +97,7 @@ class NameIndex {
     return {};
   }
 
-  // The id of another guest than `id` that is called `name`; "" when there is none.
+  // The id of a guest other than `id` with the name `name`; "" when there is none.
   std::string OtherWithName(const std::string& name, const std::string& id) const {
     const auto [first, last] = ids_.equal_range(name);
     for (auto it = first; it != last; ++it) {
@@ -106,15 +106,15 @@ class NameIndex {
     return "";
   }
 
-  // `id` was written by `revision`, and is called `name` from now on.
+  // `id` was written in `revision`, and has the name `name` from now on.
   void Written(const std::string& id, const std::string& name, store::Revision revision) {
-    // A gap means that others have written as well: the next Update reads everything.
+    // A gap means that there were other changes: the next Update rereads everything.
     revision_ = revision == revision_ + 1 ? revision : 0;
     std::erase_if(ids_, [&](const auto& entry) { return entry.second == id; });
     ids_.emplace(name, id);
   }
 
-  // A dry run would have written it.
+  // The same for a dry run, which writes nothing.
   void Planned(const std::string& id, const std::string& name) {
     const auto is_this_guest = [&](const auto& entry) { return entry.second == id; };
     std::erase_if(planned_, is_this_guest);
@@ -195,7 +195,7 @@ class Import {
       source.xml = std::move(domain.xml);
       source.autostart = domain.autostart;
       source.options = Options();
-      // libvirt knows the images of its own machine, which need not be this one.
+      // libvirt knows the images of its own machine, which may be another one than this.
       source.options.size_of = [connection = connection_.get(), id = domain.id, local = IsLocal(arguments_.uri)](
                                    const std::string& path, hypervisor::ImageFormat format) {
         Result<std::uint64_t> size = connection->DiskSize(id, path);
@@ -226,12 +226,12 @@ class Import {
     return Store(source, *guest);
   }
 
-  // libvirt names the file before the guest's first start makes it. Until then there is nothing to miss.
+  // libvirt names the file before the guest's first start creates it. Until then its absence is normal.
   static void ForgetUnmadeVariables(Json::Value& guest) {
     const std::string path = TextMember(guest, "nvram");
     struct stat info {};
     if (path.empty() || ::stat(path.c_str(), &info) == 0 || errno != ENOENT) return;
-    // A folder that is missing may be on storage that is not mounted.
+    // A missing folder may be on storage that is not mounted.
     if (::stat(path.substr(0, path.rfind('/') + 1).c_str(), &info) == 0) guest.removeMember("nvram");
   }
 
@@ -249,7 +249,7 @@ class Import {
       if (!parts) return parts.error();
       stored.parts = std::move(*parts);
       Result<std::string> now = ReadState(**snapshot, guest.id, stored);
-      // What a guest left behind that is gone is no state of the new one.
+      // What remains of an earlier guest is not a state of the new one.
       if (stored.revision != 0 && !now) return now.error();
       if (stored.revision != 0) state = std::move(*now);
     }

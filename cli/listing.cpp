@@ -13,14 +13,14 @@
 namespace vexa::cli {
 namespace {
 
-// Of ids in a message.
+// Limit for ids in a message.
 constexpr std::size_t kMostShown = 20;
 
 }  // namespace
 
 std::string Shown(const Json::Value& value) {
   if (value.type() != Json::realValue) return Text(value);
-  // Beyond it there are no decimals, but digits that mean nothing.
+  // Above this, a double has no decimals, only meaningless digits.
   constexpr double kMax = 1e15;
   const double number = value.asDouble();
   std::array<char, 32> room{};

@@ -24,7 +24,7 @@ bool IsIgnored(int signal) {
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// While it lives, SIGINT waits to be taken, in this thread and those that it starts.
+// While it lives, SIGINT is held back in this thread and those that it starts, until it is taken.
 class HeldInterrupt {
  public:
   HeldInterrupt() : is_held_(!IsIgnored(SIGINT)) {
@@ -38,7 +38,7 @@ class HeldInterrupt {
   HeldInterrupt(const HeldInterrupt&) = delete;
   HeldInterrupt& operator=(const HeldInterrupt&) = delete;
 
-  // Whether it came.
+  // Whether SIGINT came.
   bool Take() const {
     const timespec no_time{};
     return is_held_ && ::sigtimedwait(&signals_, nullptr, &no_time) == SIGINT;
@@ -79,7 +79,7 @@ void RunInParallel(std::size_t count, const ParallelOptions& options, const std:
   try {
     while (threads.size() < std::min(count, options.threads)) threads.emplace_back(run);
   } catch (const std::system_error&) {
-    if (threads.empty()) throw;  // those that there are do all the work
+    if (threads.empty()) throw;  // the existing ones do all the work
   }
   for (std::size_t seen = 0, looks = 1; seen < count; ++looks) {
     bool is_news = false;
