@@ -20,7 +20,7 @@ constexpr uid_t kNobody = 65534;
 
 std::string Refusal(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
-// Rights to mount: those of root, or of root in a namespace of users in which the user stays who they are.
+// Obtains the right to mount: that of root, or of root in a user namespace in which the user keeps their identity.
 std::string EnterNamespaces() {
   const uid_t user = ::geteuid();
   const gid_t group = ::getegid();
@@ -37,7 +37,7 @@ std::string EnterNamespaces() {
   return "";
 }
 
-// The storage is a file system in memory that is mounted at `keep` for good, and shown at other places too.
+// The storage is an in-memory file system that is mounted permanently at `keep`, and also shown at other places.
 [[noreturn]] void CarryOut(int orders, int answers, const std::string& keep) {
   std::array<char, 4096> order{};
   for (;;) {

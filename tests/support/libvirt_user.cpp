@@ -31,7 +31,7 @@ Connection Connect(const std::string& uri) {
   return Connection(virConnectOpenAuth(uri.c_str(), virConnectAuthPtrDefault, 0));
 }
 
-// What `call` gives for the domain; `otherwise` when there is none.
+// The result of `call` for the domain; `otherwise` when there is none.
 template <class T>
 T OfDomain(const std::string& uri, const std::string& id, T otherwise, const std::function<T(virDomainPtr)>& call) {
   const Connection connection = Connect(uri);
