@@ -129,7 +129,7 @@ Status ReadUsers(const Json::Value& list, AccountDocument& document) {
   return {};
 }
 
-// Remembers that `id` was given, if hosts give it out.
+// Remembers that `id` was assigned, if it is in the range that hosts assign.
 void NoteId(std::uint32_t id, AccountDocument& document) {
   if (id >= kFirstOwnId && id <= kLastOwnId) document.next_id = std::max(document.next_id, id + 1);
 }
