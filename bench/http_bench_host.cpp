@@ -94,7 +94,7 @@ std::string GetGuest(const daemon::Daemon& daemon, const std::string& token, con
 // The daemon's server and lane options, with nothing in between.
 class BareServer {
  public:
-  explicit BareServer(std::string body) : body_(std::move(body)), lane_(LaneLikeTheDaemons()) {
+  explicit BareServer(std::string body) : body_(std::move(body)), lane_(DaemonLaneOptions()) {
     daemon::ServerOptions options;
     options.listeners.emplace_back();
     options.io_threads = daemon::Config().io_threads;
@@ -110,7 +110,7 @@ class BareServer {
   std::uint16_t port() const { return server_->port(0); }
 
  private:
-  static daemon::LaneOptions LaneLikeTheDaemons() {
+  static daemon::LaneOptions DaemonLaneOptions() {
     daemon::LaneOptions options;
     options.name = "bare";
     options.min_threads = 2 * static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));

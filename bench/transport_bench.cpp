@@ -124,7 +124,7 @@ class Host {
   std::thread thread_;
 };
 
-enum class Slowest { kOneSecond, kAsTheOthers };
+enum class Slowest { kOneSecond, kLikeOthers };
 
 // Plain HTTP: one server cannot present the certificates of many hosts.
 class Cluster {
@@ -183,7 +183,7 @@ void MeasureFanOut(int hosts) {
 }
 
 void MeasureCost(int hosts) {
-  Cluster cluster(hosts, Slowest::kAsTheOthers);
+  Cluster cluster(hosts, Slowest::kLikeOthers);
   const double first = cluster.Ask();
   std::vector<double> later;
   for (int i = 0; i < kRounds; ++i) later.push_back(cluster.Ask());

@@ -137,15 +137,15 @@ class HeldSignals {
 // Waits for the editor. Returns the signal that asked this process to end meanwhile; 0 if there was none.
 int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
   constexpr timespec kLook{0, 200'000'000};
-  int told = 0;
+  int received = 0;
   status = 255 << 8;  // if the exit status is unknown, the editor did not end well
   while (::waitpid(pid, &status, WNOHANG) == 0) {
     const int signal = ::sigtimedwait(&signals.held(), nullptr, &kLook);
     if (signal != SIGTERM && signal != SIGHUP) continue;
-    told = signal;
+    received = signal;
     ::kill(pid, signal);
   }
-  return told;
+  return received;
 }
 
 std::string KeptName() { return TemporaryFolder() + "/vexa-edit-XXXXXX.txt"; }
@@ -153,7 +153,7 @@ constexpr int kKeptEnding = 4;  // ".txt"
 
 // Rescues a file that cannot be used as text from the folder that is about to be removed. Returns its new place, for a
 // message.
-std::string MoveOut(const std::string& file) {
+std::string RescueText(const std::string& file) {
   struct stat info {};
   if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return "";
   std::string kept = KeptName();
@@ -164,7 +164,7 @@ std::string MoveOut(const std::string& file) {
   return "; it is kept in '" + kept + "'";
 }
 
-std::string HowItEnded(int status) {
+std::string DescribeExit(int status) {
   if (WIFSIGNALED(status)) return "was ended by signal " + std::to_string(WTERMSIG(status));
   return "ended with exit code " + std::to_string(WEXITSTATUS(status));
 }
@@ -202,9 +202,9 @@ Result<Edited> RunEditor(const std::string& text) {
     edited.text = content ? std::move(*content) : text;
   } else if (!is_well) {
     edited.end = Edited::End::kGivenUp;
-    edited.why = HowItEnded(status);
+    edited.why = DescribeExit(status);
   } else if (!content) {
-    return Error(ErrorCode::kUnavailable, "What the editor left cannot be read" + MoveOut(file),
+    return Error(ErrorCode::kUnavailable, "What the editor left cannot be read" + RescueText(file),
                  content.error().ToString());
   } else {
     edited.text = std::move(*content);

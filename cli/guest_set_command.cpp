@@ -37,13 +37,13 @@ struct Principal {
   std::string name;  // "" for a number
 };
 
-Error NoPrincipal(const std::string& word) {
+Error UnknownPrincipal(const std::string& word) {
   return Error(ErrorCode::kInvalid, "'" + word + "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
 }
 
 Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& options) {
   const std::size_t at = word.find(':');
-  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return NoPrincipal(word);
+  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return UnknownPrincipal(word);
   const std::string prefix = word.substr(0, at);
   const std::string rest = word.substr(at + 1);
   Principal principal;
@@ -51,9 +51,9 @@ Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& 
   if (prefix == "uid" || prefix == "gid") {
     const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), principal.id);
     const bool is_id = error == std::errc() && end == rest.data() + rest.size() && principal.id != UINT32_MAX;
-    return is_id ? Result<Principal>(principal) : NoPrincipal(word);
+    return is_id ? Result<Principal>(principal) : UnknownPrincipal(word);
   }
-  if (prefix != "user" && prefix != "group") return NoPrincipal(word);
+  if (prefix != "user" && prefix != "group") return UnknownPrincipal(word);
   const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
   const Result<FoundAccount> account = FindAccount({principal.kind, rest, source, options.places});
   if (!account) return account.error();

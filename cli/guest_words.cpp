@@ -243,7 +243,7 @@ Status AddNics(const GuestWords& words, Json::Value& parameters) {
 }
 
 // The contents of drives or ports.
-Status AddHeld(const std::vector<std::string>& words, const char* parameter, Json::Value& parameters) {
+Status AddContents(const std::vector<std::string>& words, const char* parameter, Json::Value& parameters) {
   for (const std::string& word : words) {
     if (!IsValidUtf8(word)) return Bad(std::string("A text for '") + parameter + "' is not valid UTF-8");
     parameters[parameter].append(word.empty() || word == "none" ? std::string(kUnmounted) : word);
@@ -273,7 +273,7 @@ Result<Json::Value> ParametersOf(const GuestWords& words) {
   Json::Value parameters(Json::objectValue);
   for (const Status& status :
        {AddSettings(words.settings, parameters), AddDisks(words, parameters), AddNics(words, parameters),
-        AddHeld(words.isos, "iso_images", parameters), AddHeld(words.usbs, "usbs", parameters)}) {
+        AddContents(words.isos, "iso_images", parameters), AddContents(words.usbs, "usbs", parameters)}) {
     if (!status) return status.error();
   }
   if (const Status checked = CheckParameters(parameters); !checked) return checked.error();

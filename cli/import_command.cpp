@@ -98,7 +98,7 @@ class NameIndex {
   }
 
   // The id of a guest other than `id` with the name `name`; "" when there is none.
-  std::string OtherWithName(const std::string& name, const std::string& id) const {
+  std::string FindOtherByName(const std::string& name, const std::string& id) const {
     const auto [first, last] = ids_.equal_range(name);
     for (auto it = first; it != last; ++it) {
       if (it->second != id) return it->second;
@@ -107,7 +107,7 @@ class NameIndex {
   }
 
   // `id` was written in `revision`, and has the name `name` from now on.
-  void Written(const std::string& id, const std::string& name, store::Revision revision) {
+  void NoteWritten(const std::string& id, const std::string& name, store::Revision revision) {
     // A gap means that there were other changes: the next Update rereads everything.
     revision_ = revision == revision_ + 1 ? revision : 0;
     std::erase_if(ids_, [&](const auto& entry) { return entry.second == id; });
@@ -115,7 +115,7 @@ class NameIndex {
   }
 
   // The same for a dry run, which writes nothing.
-  void Planned(const std::string& id, const std::string& name) {
+  void NotePlanned(const std::string& id, const std::string& name) {
     const auto is_this_guest = [&](const auto& entry) { return entry.second == id; };
     std::erase_if(planned_, is_this_guest);
     std::erase_if(ids_, is_this_guest);
@@ -254,7 +254,7 @@ class Import {
       if (stored.revision != 0) state = std::move(*now);
     }
     if (Status allowed = CheckConflicts(guest, stored, state); !allowed) return allowed;
-    if (Status free = CheckNobodyHas(guest.id); !free) return free;
+    if (Status free = CheckGuestIsFree(guest.id); !free) return free;
     if (dry()) {
       Plan(source, guest);
       return {};
@@ -265,7 +265,7 @@ class Import {
       return Error(ErrorCode::kConflict, "The guest '" + guest.id + "' was changed meanwhile: import it again");
     }
     if (!revision) return revision.error();
-    names_.Written(guest.id, guest.guest["name"].asString(), *revision);
+    names_.NoteWritten(guest.id, guest.guest["name"].asString(), *revision);
     Report(source, guest, stored);
     return {};
   }
@@ -280,7 +280,7 @@ class Import {
       return Error(ErrorCode::kConflict,
                    "The guest '" + guest.id + "' is in the state '" + state + "': shut it down before it is replaced");
     }
-    const std::string other = names_.OtherWithName(name, guest.id);
+    const std::string other = names_.FindOtherByName(name, guest.id);
     if (!other.empty()) {
       return Error(ErrorCode::kConflict,
                    "The name '" + name + "' belongs to the guest '" + other + "': rename one of the two");
@@ -288,7 +288,7 @@ class Import {
     return {};
   }
 
-  Status CheckNobodyHas(const std::string& id) const {
+  Status CheckGuestIsFree(const std::string& id) const {
     const auto snapshot = store_.Read();
     if (!snapshot) return snapshot.error();
     for (const auto& [key, what] : {std::pair{guests::RunKey(id), "runs on a host: power it off"},
@@ -306,7 +306,7 @@ class Import {
     entry["source"] = source.label;
     planned_records_.append(std::move(entry));
     planned_ids_.insert(guest.id);
-    names_.Planned(guest.id, guest.guest["name"].asString());
+    names_.NotePlanned(guest.id, guest.guest["name"].asString());
   }
 
   void Report(const ImportSource& source, const ImportedGuest& guest, const StoredGuest& stored) {

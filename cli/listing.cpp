@@ -14,7 +14,7 @@ namespace vexa::cli {
 namespace {
 
 // Limit for ids in a message.
-constexpr std::size_t kMostShown = 20;
+constexpr std::size_t kMaxShownIds = 20;
 
 }  // namespace
 
@@ -49,8 +49,8 @@ Result<std::string> FindByName(const Json::Value& list, const Naming& naming, co
   }
   if (ids.size() > 1) {
     std::string shown;
-    for (std::size_t i = 0; i < ids.size() && i < kMostShown; ++i) shown += (i == 0 ? "" : ", ") + ids[i];
-    if (ids.size() > kMostShown) shown += ", …";
+    for (std::size_t i = 0; i < ids.size() && i < kMaxShownIds; ++i) shown += (i == 0 ? "" : ", ") + ids[i];
+    if (ids.size() > kMaxShownIds) shown += ", …";
     return Error(ErrorCode::kConflict, "Several " + kind + "s are called '" + name + "': give the id, one of " + shown);
   }
   if (ids.empty()) {

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kList = "/webapi/VEXA.Virtualization.Log/list";
 constexpr std::size_t kPage = 1000;
 // The log keeps a tenth of that; a server that never ends its pages is not followed.
-constexpr std::size_t kMostPages = 100;
+constexpr std::size_t kMaxPages = 100;
 constexpr auto kPollEvery = std::chrono::seconds(1);
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
@@ -71,7 +71,7 @@ CallOutcome ReadNewest(HttpClient& client, std::size_t count, std::vector<Json::
     count -= std::min(count, page.entries.size());
     pages.push_back(std::move(page.entries));
     if (page.next.empty()) break;
-    if (page.next == cursor || pages.size() == kMostPages) {
+    if (page.next == cursor || pages.size() == kMaxPages) {
       outcome.exit_code = ExitCode::kFailed;
       outcome.failure = "The server's log does not come to an end";
       return outcome;

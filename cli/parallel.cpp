@@ -61,7 +61,7 @@ class HeldInterrupt {
 
 void RunInParallel(std::size_t count, const ParallelOptions& options, const std::function<void(std::size_t)>& work) {
   constexpr auto kLook = std::chrono::milliseconds(100);
-  constexpr int kLooksPerSecond = 10;
+  constexpr int kChecksPerSecond = 10;
   const HeldInterrupt interrupt;
   std::atomic<std::size_t> next = 0;
   std::mutex mutex;
@@ -81,7 +81,7 @@ void RunInParallel(std::size_t count, const ParallelOptions& options, const std:
   } catch (const std::system_error&) {
     if (threads.empty()) throw;  // the existing ones do all the work
   }
-  for (std::size_t seen = 0, looks = 1; seen < count; ++looks) {
+  for (std::size_t seen = 0, checks = 1; seen < count; ++checks) {
     bool is_news = false;
     {
       std::unique_lock lock(mutex);
@@ -89,7 +89,7 @@ void RunInParallel(std::size_t count, const ParallelOptions& options, const std:
       seen = done;
     }
     if (interrupt.Take()) EndInterrupted(options);
-    if (is_news || looks % kLooksPerSecond == 0) options.on_change();
+    if (is_news || checks % kChecksPerSecond == 0) options.on_change();
   }
 }
 

@@ -27,10 +27,10 @@ using webapi::Caller;
 constexpr std::string_view kApiPrefix = "/webapi/";
 constexpr std::string_view kVersionQuery = "version=";
 // Reserved for a reply before its size is known.
-constexpr std::size_t kUsualReplyBytes = 2048;
+constexpr std::size_t kTypicalReplyBytes = 2048;
 // The limit for unauthenticated callers: a parsed body takes up to forty times its length, and no password has been
 // checked yet.
-constexpr std::size_t kStrangersBodyBytes = std::size_t{16} * 1024;
+constexpr std::size_t kUnauthenticatedBodyBytes = std::size_t{16} * 1024;
 
 using Clock = std::chrono::steady_clock;
 
@@ -42,7 +42,7 @@ HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& fur
                        webapi::Audience audience = webapi::Audience::kUsers) {
   HttpResponse reply;
   if (response.IsSuccess() && further.empty()) {  // without copying the data
-    reply.body.reserve(kUsualReplyBytes);
+    reply.body.reserve(kTypicalReplyBytes);
     reply.body += "{\"success\":true,\"data\":";
     json::AppendText(reply.body, response.Data());
     reply.body.append(",\"request_id\":\"").append(request_id).append("\"}");
@@ -179,7 +179,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   }
   if (plan->caller.kind == Caller::Kind::kHost) TakeOrigin(request, plan->caller);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
-  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kStrangersBodyBytes;
+  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kUnauthenticatedBodyBytes;
   request.context = std::move(plan);
   return std::nullopt;
 }

@@ -19,14 +19,14 @@ Error Unavailable(const Error& cause) {
   return Error(ErrorCode::kUnavailable, "The accounts cannot be read", cause.ToString());
 }
 
-Error NoUser(const std::string& name) {
+Error UnknownUser(const std::string& name) {
   return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
                                          ? "There is no user '" + name + "'"
                                          : std::string("There is no user of an impossible name"));
 }
 
 // For an account that was not found: the damaged record may be about it.
-Error NotFound(const AccountIndex& accounts, Error error) {
+Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
   return accounts.damage ? Unavailable(*accounts.damage) : error;
 }
 
@@ -144,7 +144,7 @@ Result<base::User> AccountStore::FindUser(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   if (const Account* found = (*accounts)->FindUser(name)) return found->user;
-  return NotFound(**accounts, NoUser(name));
+  return NotFoundOrDamaged(**accounts, UnknownUser(name));
 }
 
 Result<base::User> AccountStore::FindUserByUid(std::uint32_t uid) const {
@@ -160,10 +160,10 @@ Result<base::Group> AccountStore::FindGroup(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   if (const base::Group* found = (*accounts)->FindGroup(name)) return *found;
-  return NotFound(**accounts,
-                  Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                                  ? "There is no group '" + name + "'"
-                                                  : std::string("There is no group of an impossible name")));
+  return NotFoundOrDamaged(**accounts,
+                           Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
+                                                           ? "There is no group '" + name + "'"
+                                                           : std::string("There is no group of an impossible name")));
 }
 
 Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
@@ -184,7 +184,7 @@ Result<base::User> AccountStore::VerifyPassword(const std::string& name, const s
       return account->user;
     case base::PasswordCheck::kDiffers: {
       Error denied(ErrorCode::kDenied, "The name or the password is wrong");
-      return account == nullptr ? NotFound(**accounts, std::move(denied)) : denied;
+      return account == nullptr ? NotFoundOrDamaged(**accounts, std::move(denied)) : denied;
     }
     case base::PasswordCheck::kCannotTell:
       break;
@@ -207,7 +207,7 @@ Status AccountStore::SetPassword(const std::string& name, const std::string& pas
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return NoUser(name);
+    if (found == nullptr) return UnknownUser(name);
     edit.PutUser({found->user, *hash});
     return {};
   });
@@ -217,7 +217,7 @@ Status AccountStore::SetGroups(const std::string& name, const std::vector<std::s
   if (Status possible = CheckGroupNames(groups); !possible) return possible;
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return NoUser(name);
+    if (found == nullptr) return UnknownUser(name);
     Account account = *found;
     if (Status assigned = AssignGroups(edit, groups, account.user); !assigned) return assigned;
     edit.PutUser(account);
@@ -228,7 +228,7 @@ Status AccountStore::SetGroups(const std::string& name, const std::vector<std::s
 Status AccountStore::DeleteUser(const std::string& name) {
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return NoUser(name);
+    if (found == nullptr) return UnknownUser(name);
     edit.DeleteUser(found->user.uid);
     return {};
   });

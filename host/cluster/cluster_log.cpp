@@ -25,7 +25,7 @@ constexpr std::size_t kDigits = 20;
 // The limit for names; the rest of an entry is for the text.
 constexpr std::size_t kMaxNameBytes = 256;
 // A commit must not grow with the backlog, so a commit that adds an entry removes at most this many.
-constexpr std::size_t kMostTrimmed = 500;
+constexpr std::size_t kMaxTrimmedPerCommit = 500;
 
 constexpr char kTime[] = "time_us";
 constexpr char kHost[] = "host_id";
@@ -106,7 +106,7 @@ Status AddTrimming(const store::Snapshot& snapshot, std::int64_t now_us, store::
     return true;
   };
   if (const Status scanned = snapshot.Scan(kPrefix, look); !scanned) return scanned;
-  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), aged), kMostTrimmed);
+  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), aged), kMaxTrimmedPerCommit);
   if (surplus == 0) return {};
   return snapshot.Scan(kPrefix, [&](std::string_view key, const store::ValueView&) {
     if (PositionOf(key).empty()) return true;

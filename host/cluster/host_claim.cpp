@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
-constexpr milliseconds kLookAgain{250};
+constexpr milliseconds kMaxRecheckPause{250};
 
 std::string TextMember(const Json::Value& record, const char* name) {
   const Json::Value& member = json::Member(record, name);
@@ -44,7 +44,7 @@ bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
   });
 }
 
-Error Forgotten(const std::string& host_id, const Json::Value& claim) {
+Error RemovedHostError(const std::string& host_id, const Json::Value& claim) {
   const Json::Value& forgotten = json::Member(claim, "forgotten");
   return Error(ErrorCode::kDenied,
                "This host, '" + host_id + "', was removed from the cluster by " + TextMember(forgotten, "by") + " at " +
@@ -53,7 +53,7 @@ Error Forgotten(const std::string& host_id, const Json::Value& claim) {
                    "--take-host-id to come back as this one");
 }
 
-Error OtherMachine(const std::string& host_id, const Json::Value& claim) {
+Error OtherMachineError(const std::string& host_id, const Json::Value& claim) {
   return Error(ErrorCode::kDenied,
                "The host id '" + host_id + "' belongs to the machine '" + TextMember(claim, "name") +
                    "', and this data folder is a copy of its: remove the file 'host-id' from the data folder to join "
@@ -61,7 +61,7 @@ Error OtherMachine(const std::string& host_id, const Json::Value& claim) {
                    "vexad once with --take-host-id");
 }
 
-Error StillAlive(const std::string& host_id, const Json::Value& claim) {
+Error LiveDaemonError(const std::string& host_id, const Json::Value& claim) {
   return Error(ErrorCode::kDenied, "Another vexad on the machine '" + TextMember(claim, "name") +
                                        "' has the host id '" + host_id +
                                        "' and gives signs of life: stop it first, or remove the file "
@@ -105,8 +105,8 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   const bool is_same = is_new || IsOfMachine(claim->record, options_.identity);
   const bool is_same_boot =
       is_same && !options_.identity.boot.empty() && TextMember(claim->record, "boot") == options_.identity.boot;
-  if (IsForgotten(claim->record) && !options_.take_over) return Forgotten(options_.host_id, claim->record);
-  if (!is_same && !options_.take_over) return OtherMachine(options_.host_id, claim->record);
+  if (IsForgotten(claim->record) && !options_.take_over) return RemovedHostError(options_.host_id, claim->record);
+  if (!is_same && !options_.take_over) return OtherMachineError(options_.host_id, claim->record);
   const bool may_be_alive = !is_new && !is_same_boot && !json::Bool(json::Member(claim->record, "released")) && seen &&
                             IsSignOfLife(seen->record, system_clock::now());
   if (may_be_alive && judged_seen == 0) {
@@ -114,7 +114,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
     wait = options_.window;
     return store::Transaction();
   }
-  if (may_be_alive && judged_seen != seen_revision) return StillAlive(options_.host_id, claim->record);
+  if (may_be_alive && judged_seen != seen_revision) return LiveDaemonError(options_.host_id, claim->record);
   const std::uint64_t incarnation = FenceClaim(claim->record);
   if (!is_same_boot) claim->record["booted"] = static_cast<Json::UInt64>(incarnation);
   claim->record["token"] = token_;
@@ -154,7 +154,7 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
                static_cast<long long>(std::chrono::ceil<std::chrono::seconds>(wait).count()));
       const auto end = steady_clock::now() + wait;
       while (steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::min(wait, kLookAgain));
+        std::this_thread::sleep_for(std::min(wait, kMaxRecheckPause));
         milliseconds again{0};
         if (const auto looked = claim->PlanTake(judged_seen, again); !looked) return looked.error();
       }
@@ -215,8 +215,8 @@ Status HostClaim::Renew() {
     if (!snapshot) return snapshot.error();
     Result<StoredObject> claim = LoadObject(**snapshot, key);
     if (!claim) return claim.error();
-    if (IsForgotten(claim->record)) return Forgotten(options_.host_id, claim->record);
-    if (TextMember(claim->record, "token") != token_) return OtherMachine(options_.host_id, claim->record);
+    if (IsForgotten(claim->record)) return RemovedHostError(options_.host_id, claim->record);
+    if (TextMember(claim->record, "token") != token_) return OtherMachineError(options_.host_id, claim->record);
     // Guests that were taken while the others were being settled come first.
     const auto left = (*snapshot)->Children(store::MakeKey({"fence", options_.host_id}));
     if (!left) return left.error();

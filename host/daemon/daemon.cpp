@@ -281,7 +281,7 @@ class Daemon::Impl {
   }
 
   // A host that was removed from the cluster does not start, but its machines may still run.
-  void EndTakenMachines(const Config& config, const std::string& place) {
+  void EndMachinesOfRemovedHost(const Config& config, const std::string& place) {
     if (config.hypervisor == "none") return;
     const auto snapshot = store_->Read();
     if (!snapshot) return;
@@ -309,7 +309,7 @@ class Daemon::Impl {
     const std::string place = options.identity.place;
     auto claim = cluster::HostClaim::Take(std::move(options));
     if (!claim) {
-      EndTakenMachines(config, place);
+      EndMachinesOfRemovedHost(config, place);
       return claim.error();
     }
     claim_ = std::move(*claim);

@@ -35,7 +35,7 @@ class Descriptor {
 };
 
 // The meaning of an error number from a step on the way to a file.
-Error OnTheWay(const std::string& path, int error_number) {
+Error LookupError(const std::string& path, int error_number) {
   switch (error_number) {
     case ENOENT:
     case ENOTDIR:
@@ -54,7 +54,7 @@ Error OnTheWay(const std::string& path, int error_number) {
 // The same as OpenBySystem, one folder after another.
 Result<Descriptor> OpenByWalking(int root, const std::string& folder, const std::string& path) {
   Descriptor at(::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (at.get() < 0) return OnTheWay(path, errno);
+  if (at.get() < 0) return LookupError(path, errno);
   for (std::size_t begin = 0; begin < folder.size();) {
     const std::size_t end = std::min(folder.find('/', begin), folder.size());
     const std::string name = folder.substr(begin, end - begin);
@@ -65,7 +65,7 @@ Result<Descriptor> OpenByWalking(int root, const std::string& folder, const std:
       const int error_number = errno;
       struct stat info {};
       const bool is_link = ::fstatat(at.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode);
-      return OnTheWay(path, is_link ? ELOOP : error_number);
+      return LookupError(path, is_link ? ELOOP : error_number);
     }
     at = std::move(next);
     begin = end + 1;
@@ -81,10 +81,10 @@ Result<Descriptor> OpenBySystem(int root, const std::string& folder, const std::
   if (fd >= 0) return Descriptor(static_cast<int>(fd));
   // EPERM: the answer of system call filters that do not know this call. EAGAIN: something was renamed meanwhile.
   if (errno == ENOSYS || errno == EPERM || errno == EAGAIN) return OpenByWalking(root, folder, path);
-  return OnTheWay(path, errno);
+  return LookupError(path, errno);
 }
 
-std::string WhatIs(mode_t mode) {
+std::string DescribeKind(mode_t mode) {
   if (S_ISLNK(mode)) return "it is a symbolic link";
   if (S_ISBLK(mode)) return "it is a block device";
   return "it is no regular file";
@@ -173,7 +173,7 @@ Result<DiskFiles::Place> DiskFiles::Open(const std::string& path) const {
   });
   if (root == roots_.end()) return Error(ErrorCode::kInvalid, "it lies outside of the folders of images");
   const Descriptor top(::open(root->empty() ? "/" : root->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (top.get() < 0) return OnTheWay(path, errno);
+  if (top.get() < 0) return LookupError(path, errno);
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash > root->size() ? path.substr(root->size() + 1, slash - root->size() - 1) : "";
   auto opened = calls_.resolve == FileCalls::Resolve::kBySystem ? OpenBySystem(top.get(), folder, path)
@@ -193,7 +193,7 @@ Result<DiskFiles::Look> DiskFiles::Examine(const std::string& path) const {
     if (errno == ENAMETOOLONG) return Look{Kind::kLeft, {}, "its name is too long"};
     return Failed("look at", path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Look{Kind::kLeft, {}, WhatIs(info.st_mode)};
+  if (!S_ISREG(info.st_mode)) return Look{Kind::kLeft, {}, DescribeKind(info.st_mode)};
   return Look{Kind::kRegular, {info.st_dev, info.st_ino}, {}};
 }
 
@@ -214,7 +214,7 @@ Status DiskFiles::Rename(const std::string& path, const std::string& from, const
   if (::fstatat(place->folder.get(), from.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
     return Failed("look at", path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (probe == Probe::kNeeded) {
     if (Status refused = RefuseOpen(*place, path, from); !refused) return refused;
   }
@@ -231,7 +231,7 @@ Status DiskFiles::Unlink(const std::string& path, const std::string& name) const
   if (::fstatat(place->folder.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
     return Failed("look at", path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (Status refused = RefuseOpen(*place, path, name); !refused) return refused;
   if (const int error_number = calls_.unlink(place->folder.get(), name.c_str())) {
     return Failed("remove", path, error_number);
@@ -289,7 +289,7 @@ Status DiskFiles::WithFile(const std::string& path, int access, Probe probe,
   }
   struct stat info {};
   if (::fstat(file.get(), &info) != 0) return Failed("look at", path, errno);
-  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (probe == Probe::kNeeded) {
     if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
   }

@@ -81,7 +81,7 @@ class Pass {
   }
 
   // `name` is the last part of the key: "object" for a record, otherwise a member with a key of its own.
-  void LookAt(std::string_view id, std::string_view name, std::string_view text) {
+  void Examine(std::string_view id, std::string_view name, std::string_view text) {
     if (name == keys::object) {
       if (!MayName(text)) return;
       // A damaged record names nothing that could be used.
@@ -104,14 +104,14 @@ class Pass {
       std::string_view rest = Behind(text, quoted);
       for (; rest.data(); rest = Behind(rest, quoted)) {
         const std::string_view value = SkipBlanks(rest);
-        if (value.starts_with(':') && MayHold(SkipBlanks(value.substr(1)))) return true;
+        if (value.starts_with(':') && MayContain(SkipBlanks(value.substr(1)))) return true;
       }
     }
     return false;
   }
 
   // `text` begins with a value.
-  bool MayHold(std::string_view text) const {
+  bool MayContain(std::string_view text) const {
     const bool is_list = text.starts_with('[');
     if (is_list) text = SkipBlanks(text.substr(1));
     while (text.starts_with('"')) {
@@ -197,7 +197,7 @@ class UserSearch {
       const std::size_t slash = rest.find('/');
       if (slash == std::string_view::npos) return true;
       const std::string_view id = rest.substr(0, slash);
-      if (!has_disks || !except_disks_.contains(id)) pass.LookAt(id, rest.substr(slash + 1), value.text);
+      if (!has_disks || !except_disks_.contains(id)) pass.Examine(id, rest.substr(slash + 1), value.text);
       return true;
     });
   }

@@ -52,7 +52,7 @@ void LogDone(const std::string& guest_id, std::string_view action, const Refused
   }
 }
 
-constexpr std::chrono::seconds kPatienceWithLook{5};
+constexpr std::chrono::seconds kMaxWaitForLook{5};
 
 }  // namespace
 
@@ -124,7 +124,7 @@ Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Request
   } else {
     // The shown state is off when this returns, even if another holder has to look.
     LookWhenFree(guest_id);
-    claims_.AwaitFree(guest_id, kPatienceWithLook);
+    claims_.AwaitFree(guest_id, kMaxWaitForLook);
   }
   return refused;
 }

@@ -57,13 +57,13 @@ class Rater {
     const std::optional<std::uint64_t> vcpus = NumberOf(record(), keys::vcpu_num, 1, 1, kMaxVcpus);
     const std::optional<std::uint64_t> pins = NumberOf(record(), keys::cpu_pin_num, 0, 0, vcpus.value_or(kMaxVcpus));
     RateRemote();
-    const bool pins_for_good = RatePinsForGood(vcpus, pins);
+    const bool pins_refused = RatePermanentPinConflicts(vcpus, pins);
     RateVcpus(vcpus);
     RateNetworks();
     RateMemory();
     RateAvailability();
     std::vector<unsigned> chosen;
-    if (host_.is_connected && !pins_for_good) chosen = ChooseCpus(*pins);
+    if (host_.is_connected && !pins_refused) chosen = ChooseCpus(*pins);
     rating_.has_best_io = !host_.host_id.empty() && guest_.repository_host_id == host_.host_id;
     if (rating_.refusals.empty()) rating_.pinned_cpus = std::move(chosen);
     return std::move(rating_);
@@ -88,7 +88,7 @@ class Rater {
   }
 
   // Conflicts that the end of another guest would not resolve. True: it is refused.
-  bool RatePinsForGood(std::optional<std::uint64_t> vcpus, std::optional<std::uint64_t> pins) {
+  bool RatePermanentPinConflicts(std::optional<std::uint64_t> vcpus, std::optional<std::uint64_t> pins) {
     if (!pins) {
       Refuse(kNoCpuThreads, "The record's 'cpu_pin_num' is no number from 0 to " +
                                 std::to_string(vcpus.value_or(kMaxVcpus)) + ", the guest's virtual CPUs.");
@@ -226,10 +226,10 @@ Json::Value RatingData(const Rating& rating) {
   data["available"] = rating.refusals.empty();
   Json::Value& status = data["status"] = Json::Value(Json::arrayValue);
   Json::Value& reasons = data["reasons"] = Json::Value(Json::arrayValue);
-  std::set<std::string_view> told;
+  std::set<std::string_view> added;
   for (const Refusal& refusal : rating.refusals) {
     const std::string_view word = RefusalWord(refusal.code);
-    if (told.insert(word).second) status.append(std::string(word));
+    if (added.insert(word).second) status.append(std::string(word));
     reasons.append(refusal.reason);
   }
   if (rating.has_best_io) status.append("best_io");

@@ -13,9 +13,9 @@ namespace {
 void Run() {
   // One failed round, for lack of descriptors perhaps, must not end the host's events, and many must not use up a
   // processor.
-  constexpr std::chrono::milliseconds kAfterFailure{100};
+  constexpr std::chrono::milliseconds kPauseAfterFailure{100};
   for (;;) {
-    if (virEventRunDefaultImpl() < 0) std::this_thread::sleep_for(kAfterFailure);
+    if (virEventRunDefaultImpl() < 0) std::this_thread::sleep_for(kPauseAfterFailure);
   }
 }
 

@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::uint64_t kKib = 1024;
 // A QEMU start takes about two seconds.
-constexpr std::chrono::seconds kPatienceWithStart{5};
-constexpr std::chrono::seconds kPatienceWithKilled{10};
+constexpr std::chrono::seconds kMaxWaitForStart{5};
+constexpr std::chrono::seconds kMaxWaitForKilledStart{10};
 
 // The name of a bridge that the guest needs and this machine does not have; empty when there is none.
 std::string MissingBridge(virDomainPtr domain) {
@@ -104,7 +104,7 @@ Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownP
 Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const {
   using Clock = std::chrono::steady_clock;
   // A lost event delays the result by no more than this.
-  constexpr std::chrono::milliseconds kLook{500};
+  constexpr std::chrono::milliseconds kPollInterval{500};
   const Clock::time_point end = Clock::now() + patience.wait;
   Clock::time_point press = Clock::now() + patience.press_again;
   for (;;) {
@@ -124,7 +124,7 @@ Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDown
       virDomainShutdown(guest.domain.get());
       press = now + patience.press_again;
     }
-    link_->WaitForEvent(seen, std::min({end, press, now + kLook}));
+    link_->WaitForEvent(seen, std::min({end, press, now + kPollInterval}));
   }
 }
 
@@ -133,12 +133,12 @@ Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {
   if (!guest) return guest.failure();
   // A start that hangs would keep its turn forever; it ends when its QEMU does.
   const std::string normal = NormalizeUuid(id);
-  std::unique_ptr<Turns::Turn> turn = turns_.TryTake(normal, kPatienceWithStart);
+  std::unique_ptr<Turns::Turn> turn = turns_.TryTake(normal, kMaxWaitForStart);
   if (!turn && target_.kind == TargetKind::kEmbed) {
     KillQemusOf(normal, target_.root);
-    turn = turns_.TryTake(normal, kPatienceWithKilled);
+    turn = turns_.TryTake(normal, kMaxWaitForKilledStart);
   }
-  // A remote libvirt serialises by itself; in this process, two concurrent calls would corrupt memory.
+  // A remote libvirt serialises on its own; in this process, two concurrent calls would corrupt memory.
   if (!turn && target_.kind != TargetKind::kUri) {
     return Failure(Problem::kBusy, "Cannot power off the guest " + id, "It is being started, and that does not end");
   }

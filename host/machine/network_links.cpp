@@ -43,7 +43,7 @@ bool IsFolder(const std::string& path) {
   return fs::is_directory(path, error);
 }
 
-bool IsAnything(const std::string& path) {
+bool PathExists(const std::string& path) {
   std::error_code error;
   return fs::exists(fs::symlink_status(path, error));
 }
@@ -94,7 +94,7 @@ bool NetworkLinks::HasFolder(const std::string& name, const char* folder) const 
 bool NetworkLinks::IsThere(const std::string& name) const { return IsName(name) && IsFolder(FolderOf(name)); }
 
 bool NetworkLinks::IsHardware(const std::string& name) const {
-  return IsName(name) && IsAnything(FolderOf(name) + "/device");
+  return IsName(name) && PathExists(FolderOf(name) + "/device");
 }
 
 bool NetworkLinks::IsSwitchedOn(const std::string& name) const {
@@ -182,7 +182,7 @@ bool NetworkLinks::IsPhysical(const std::string& name, int depth) {
 
 void NetworkLinks::AddKernelPort(const std::string& bridge, const std::string& port, int depth,
                                  std::vector<Found>& found) {
-  const bool is_tap = IsAnything(FolderOf(port) + "/tun_flags");
+  const bool is_tap = PathExists(FolderOf(port) + "/tun_flags");
   if (port == bridge || is_tap || !IsThere(port)) return;
   found.push_back({{port, HasLink(port, depth + 1)}, IsPhysical(port, depth + 1)});
 }

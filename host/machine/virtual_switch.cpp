@@ -26,27 +26,27 @@ constexpr std::chrono::milliseconds kPatience{1000};
 constexpr std::size_t kMaxAnswer = std::size_t{16} << 20;
 
 // Many callers wait in turn, so a switch that hangs is not asked again for a while.
-class Silence {
+class BackOff {
  public:
-  bool IsSilent(const std::string& path) {
+  bool IsBackingOff(const std::string& path) {
     const std::lock_guard lock(mutex_);
     const auto found = until_.find(path);
     return found != until_.end() && Clock::now() < found->second;
   }
   void Note(const std::string& path) {
     const std::lock_guard lock(mutex_);
-    until_[path] = Clock::now() + kRespite;
+    until_[path] = Clock::now() + kBackOffTime;
   }
 
  private:
-  static constexpr std::chrono::seconds kRespite{30};
+  static constexpr std::chrono::seconds kBackOffTime{30};
   std::mutex mutex_;
   std::map<std::string, Clock::time_point> until_;
 };
 
-Silence& TheSilence() {
-  static Silence silence;
-  return silence;
+BackOff& SwitchBackOff() {
+  static BackOff back_off;
+  return back_off;
 }
 
 class Descriptor {
@@ -230,13 +230,13 @@ std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer) {
 
 std::optional<SwitchBridges> ReadSwitch(const std::string& root) {
   const std::string path = root + kSocket;
-  if (TheSilence().IsSilent(path)) return std::nullopt;
+  if (SwitchBackOff().IsBackingOff(path)) return std::nullopt;
   const Descriptor connection(Connect(path));
   if (connection.get() < 0) return std::nullopt;
   const Clock::time_point end = Clock::now() + kPatience;
   std::optional<std::string> text;
   if (SendAll(connection.get(), SwitchQuestion(), end)) text = ReceiveObject(connection.get(), end);
-  if (!text && Clock::now() >= end) TheSilence().Note(path);
+  if (!text && Clock::now() >= end) SwitchBackOff().Note(path);
   if (!text) return std::nullopt;
   const Result<Json::Value> answer = ParseJson(*text);
   return answer ? ParseSwitchAnswer(*answer) : std::nullopt;

@@ -12,7 +12,7 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
 // Returns whether the guest was in the record.
-bool TakeOut(Json::Value& record, const std::string& guest_id) {
+bool RemoveGuestFrom(Json::Value& record, const std::string& guest_id) {
   if (!json::FindMember(json::Member(record, keys::guests), guest_id)) return false;
   // The overload for C strings stops at a NUL.
   return record[keys::guests].removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr);
@@ -45,7 +45,7 @@ Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& gues
     if (!guests.isNull() && !guests.isObject()) {
       damage.emplace_back(ErrorCode::kCorrupt,
                           "The grants in '" + key + "' are no object: repair or delete the record");
-    } else if (TakeOut(stored->record, guest_id)) {
+    } else if (RemoveGuestFrom(stored->record, guest_id)) {
       PutObject(transaction, key, *stored);
     }
   }

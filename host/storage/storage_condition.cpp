@@ -76,7 +76,7 @@ std::optional<FolderCondition> Probe(const std::string& folder, std::set<dev_t>&
 
 // Whether at least this share of the file system is used. Counted as by df(1): relative to what users other than root
 // could have.
-bool IsUsedTo(const FolderCondition& condition, unsigned percent, std::uint64_t headroom) {
+bool IsUsedAbove(const FolderCondition& condition, unsigned percent, std::uint64_t headroom) {
   // A 53-bit number is exact enough for percentages, and 64 bits could overflow.
   const double all = static_cast<double>(condition.used) + static_cast<double>(condition.available);
   if (percent == 0 || all == 0) return false;
@@ -84,12 +84,12 @@ bool IsUsedTo(const FolderCondition& condition, unsigned percent, std::uint64_t 
   return static_cast<double>(condition.used) * kAll >= all * percent;
 }
 
-bool HasPassed(const FolderCondition& condition, unsigned percent, const SpaceLimits& limits, bool has_before) {
+bool ExceedsLimit(const FolderCondition& condition, unsigned percent, const SpaceLimits& limits, bool has_before) {
   if (percent == 0) return false;
   const std::uint64_t headroom = limits.headroom_gib * kGib;
-  if (!has_before) return IsUsedTo(condition, percent, headroom);
-  return IsUsedTo(condition, std::max(percent, kPercentBack + 1) - kPercentBack,
-                  headroom + headroom / kAll * kHeadroomBack);
+  if (!has_before) return IsUsedAbove(condition, percent, headroom);
+  return IsUsedAbove(condition, std::max(percent, kPercentBack + 1) - kPercentBack,
+                     headroom + headroom / kAll * kHeadroomBack);
 }
 
 std::optional<StorageTrouble> TroubleOf(const FolderCondition& condition, const SpaceLimits& limits,
@@ -108,14 +108,14 @@ std::optional<StorageTrouble> TroubleOf(const FolderCondition& condition, const 
     return trouble(states::crashed, error.ToString());
   }
   const bool was_full = before == states::full;
-  if (HasPassed(condition, limits.full_percent, limits, was_full)) {
+  if (ExceedsLimit(condition, limits.full_percent, limits, was_full)) {
     return trouble(states::full, "the file system of the folder " + folder + " is used to " +
                                      std::to_string(limits.full_percent) + " %");
   }
   if (condition.is_read_only) {
     return trouble(states::degraded, "the file system of the folder " + folder + " is mounted read-only");
   }
-  if (HasPassed(condition, limits.warning_percent, limits, was_full || before == states::provision_warning)) {
+  if (ExceedsLimit(condition, limits.warning_percent, limits, was_full || before == states::provision_warning)) {
     return trouble(states::provision_warning, "the file system of the folder " + folder + " is used to " +
                                                   std::to_string(limits.warning_percent) + " %");
   }

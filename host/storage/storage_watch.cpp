@@ -48,7 +48,7 @@ Refused Unavailable(const std::string& repository_id, const TrailCheck& check, S
                                    cluster::LogText(repository_id, kShown) + "'"};
 }
 
-Refusal NoAnswer(const std::string& repository_id) {
+Refusal NoAnswerRefusal(const std::string& repository_id) {
   return {kUnavailable, WhatIsWrong(repository_id, states::unavailable, kNoAnswer) + ". Try again once it does"};
 }
 
@@ -256,7 +256,7 @@ Refused StorageWatch::CheckWithin(const std::string& repository_id, const Trail&
   const auto answer = std::make_shared<TrailCheck>();
   BoundedCalls::Call call =
       calls_.Begin(repository_id, [answer, part, check = options_.check] { *answer = check(part); });
-  if (!call.Wait()) return NoAnswer(repository_id);
+  if (!call.Wait()) return NoAnswerRefusal(repository_id);
   return Unavailable(repository_id, *answer, use);
 }
 

@@ -74,9 +74,9 @@ std::optional<std::string> DecodeSegment(std::string_view encoded) {
 }
 
 std::string MakeKey(std::initializer_list<std::string_view> segments) {
-  constexpr std::size_t kUsualKeyBytes = 72;
+  constexpr std::size_t kTypicalKeyBytes = 72;
   std::string key;
-  key.reserve(kUsualKeyBytes);
+  key.reserve(kTypicalKeyBytes);
   for (const std::string_view segment : segments) {
     key += '/';
     AppendSegment(key, segment);

@@ -182,10 +182,10 @@ void TightenStoreFiles(const std::string& directory) {
 }
 
 bool DiskIsFull(const std::string& directory) {
-  constexpr std::uint64_t kBrimBytes = 1 << 20;
+  constexpr std::uint64_t kFullBelowBytes = 1 << 20;
   struct statvfs info {};
   if (::statvfs(directory.c_str(), &info) != 0) return false;
-  return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize < kBrimBytes;
+  return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize < kFullBelowBytes;
 }
 
 }  // namespace vexa::store

@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 constexpr const char* kDataFile = "/data.mdb";
 constexpr const char* kLockFile = "/lock.mdb";
 constexpr milliseconds kWatchTimeout{500};
-constexpr milliseconds kTellAgain{1000};
+constexpr milliseconds kRepeatNoticeAfter{1000};
 constexpr milliseconds kCopyRetry{5000};  // after the copy could not be written
 // Above this many changed keys, or bytes, everything is compared instead, which keeps none of it in memory.
 constexpr std::size_t kMaxChangedKeys = 100'000;
@@ -140,7 +140,7 @@ void MirroredStore::TellChange() {
     return;
   }
   told_serving_ = failure.has_value();
-  tell_again_ = now + kTellAgain;
+  tell_again_ = now + kRepeatNoticeAfter;
   if (failure) {
     ::syslog(LOG_ERR, "%s. This host shows what it knew last (revision %llu); nothing can be changed until it is back.",
              failure->ToString().c_str(), static_cast<unsigned long long>(mirrored_.load()));

@@ -30,7 +30,7 @@ std::atomic<std::uint64_t> fork_generation{0};
 // parent may have held the lock, which would then never be released.
 std::atomic<Registry*> registry{nullptr};
 
-void StartAnewInChild() {
+void ResetInChild() {
   fork_generation.fetch_add(1);
   registry.store(new Registry);
 }
@@ -38,7 +38,7 @@ void StartAnewInChild() {
 Registry& CurrentRegistry() {
   static const int installed = [] {
     registry.store(new Registry);
-    return ::pthread_atfork(nullptr, nullptr, StartAnewInChild);
+    return ::pthread_atfork(nullptr, nullptr, ResetInChild);
   }();
   static_cast<void>(installed);
   return *registry.load();

@@ -22,7 +22,7 @@ namespace {
 // Idle connections that wait for the next call to their host. libcurl's default is based on the number of calls under
 // way, which would close most of them at the end of every call to many hosts.
 constexpr long kMaxIdleConnections = 4096;
-constexpr std::chrono::milliseconds kAfterFault{50};
+constexpr std::chrono::milliseconds kPauseAfterFault{50};
 
 using Transfers = std::vector<std::unique_ptr<HttpTransfer>>;
 
@@ -95,7 +95,7 @@ class HttpPool::Impl {
     while (TakeQueued()) {
       const bool is_well = loop_->Turn();
       FinishDone();
-      if (!is_well) std::this_thread::sleep_for(kAfterFault);
+      if (!is_well) std::this_thread::sleep_for(kPauseAfterFault);
     }
     for (auto& [handle, transfer] : active_) {
       curl_multi_remove_handle(loop_->multi(), handle);

@@ -54,14 +54,14 @@ std::string EnterNamespaces() {
   ::_exit(0);
 }
 
-LateStorage& TheOne() {
+LateStorage& Instance() {
   static LateStorage storage;
   return storage;
 }
 
 }  // namespace
 
-LateStorage& LateStorage::Get() { return TheOne(); }
+LateStorage& LateStorage::Get() { return Instance(); }
 
 std::string LateStorage::Enter() {
   static const std::string why_not = []() -> std::string {
@@ -88,8 +88,8 @@ std::string LateStorage::Enter() {
     }
     ::close(orders[0]);
     ::close(answers[1]);
-    TheOne().orders_ = orders[1];
-    TheOne().answers_ = answers[0];
+    Instance().orders_ = orders[1];
+    Instance().answers_ = answers[0];
     return "";
   }();
   return why_not;

@@ -22,7 +22,7 @@ using cluster::LogEntry;
 using webapi::Call;
 
 constexpr int kNotPermitted = 409;
-constexpr int kUsualPage = 100;
+constexpr int kDefaultPage = 100;
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
 // "2026-03-01T12:00:00.000000Z" (RFC 3339).
@@ -96,7 +96,7 @@ void List(const Call& call) {
   if (cursor.IsInvalid() || limit.IsInvalid() || after_is_wrong || (after && cursor.IsSet())) {
     return Fail(call, webapi::kErrorBadParameter);
   }
-  const auto count = static_cast<std::size_t>(limit.IsSet() ? limit.Get() : kUsualPage);
+  const auto count = static_cast<std::size_t>(limit.IsSet() ? limit.Get() : kDefaultPage);
   if (after) {
     const auto entries = cluster::ReadLogAfter(*after, count);
     return entries ? Answer(call, *entries, "") : Fail(call, CodeOf(entries.error()));

@@ -29,7 +29,7 @@ constexpr std::size_t kMaxParts = 1024;
 constexpr std::size_t kShown = 256;
 constexpr char kUnmounted[] = "unmounted";
 // Members that take effect immediately, even for a running guest.
-constexpr const char* kAtOnce[] = {"name", "desc", "autorun"};
+constexpr const char* kImmediateMembers[] = {"name", "desc", "autorun"};
 
 std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
 
@@ -243,8 +243,9 @@ void WritePending(EditedGuest& edited) {
     if (name.isString()) names.insert(json::String(name));
   }
   for (const std::string& name : json::MemberNames(edited.request.members)) {
-    const bool is_at_once = std::find(std::begin(kAtOnce), std::end(kAtOnce), name) != std::end(kAtOnce);
-    if (!is_at_once && json::Member(guest, name) != json::Member(edited.before, name)) names.insert(name);
+    const bool is_immediate =
+        std::find(std::begin(kImmediateMembers), std::end(kImmediateMembers), name) != std::end(kImmediateMembers);
+    if (!is_immediate && json::Member(guest, name) != json::Member(edited.before, name)) names.insert(name);
   }
   if (IsChanged(edited, keys::vdisks, edited.disks)) names.insert(keys::vdisks);
   if (IsChanged(edited, keys::vnics, edited.nics)) names.insert(keys::vnics);
