@@ -7,7 +7,7 @@
 
 namespace vexa::daemon {
 
-// Call it before handlers can be reached, and after the environment and the transport are installed.
+// Call it once local calls can reach the handlers, and after the environment and the transport are installed.
 // cluster::RemoveCacheRefresher ends it and must be called before either is removed. The guests' states are taken from
 // `states`, which must outlive it.
 void InstallCacheRefresh(services::GuestStates& states);

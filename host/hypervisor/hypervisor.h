@@ -91,7 +91,7 @@ struct HypervisorOptions {
   // "test": libvirt's in-process test driver. It needs no rights and runs nothing: guests start with any memory, disks
   // and networks. Its state ends with its connection, so the caller must restore defined and running guests.
   // "embed": the QEMU driver in this process, with its state below `root`. Guests outlive the process; the next process
-  // that opens the same root adopts them. One root per process; not available to root itself unless there is a user
+  // that opens the same root adopts them. One root per process. The user root can use it only if there is a user
   // libvirt-qemu.
   // Anything else: a libvirt URI.
   std::string mode = "test";

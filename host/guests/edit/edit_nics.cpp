@@ -160,7 +160,7 @@ Status EditNics(EditedGuest& edited) {
   for (std::size_t i = 0; i < request.nics_add.size(); ++i) {
     if (Status added = Add(edited, request.nics_add[i], i); !added) return added;
   }
-  // Records from elsewhere may contain more; an edit that does not touch the interfaces does not complain.
+  // An existing guest may exceed the limits; an edit that does not touch its interfaces does not complain.
   if (!request.nics_add.empty() || !request.nics_edit.empty()) CheckAll(edited);
   return {};
 }
