@@ -24,7 +24,7 @@ bool IsIgnored(int signal) {
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// While it lives, SIGINT is held back in this thread and those that it starts, until it is taken.
+// While it lives, SIGINT is held back in this thread and its children, until it is taken.
 class HeldInterrupt {
  public:
   HeldInterrupt() : is_held_(!IsIgnored(SIGINT)) {

@@ -82,7 +82,7 @@ struct ApiRow {
   Handler handler;
   std::string_view summary;
   std::vector<Parameter> parameters;
-  std::vector<int> errors;  // its own codes, beside those that every method can return
+  std::vector<int> errors;  // its own codes, in addition to the common ones
 };
 
 class ApiTable {

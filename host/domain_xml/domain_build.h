@@ -60,7 +60,7 @@ struct BuildOptions {
   // Names of networks that libvirt itself runs; all others are bridges of the host.
   std::set<std::string> libvirt_networks;
 
-  // Names of Open vSwitch bridges, which libvirt must be told about, and of kernel bridges. Unknown bridges are taken
+  // Names of Open vSwitch bridges, which libvirt must know about, and of kernel bridges. Unknown bridges are taken
   // for kernel bridges, but an edit keeps the kind of a switch port.
   std::set<std::string> switch_bridges;
   std::set<std::string> kernel_bridges;

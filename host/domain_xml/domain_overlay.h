@@ -42,7 +42,7 @@ struct Overlay {
 Status ApplyIdentity(Overlay& overlay);  // domain_overlay_machine.cpp: name, description, mark, emulator
 Status ApplyMemory(Overlay& overlay);
 Status ApplyFirmware(Overlay& overlay);
-Status ApplyFeatures(Overlay& overlay);   // Hyper-V features, and those that only KVM has
+Status ApplyFeatures(Overlay& overlay);   // features of Hyper-V, and of KVM only
 Status ApplyProcessor(Overlay& overlay);  // domain_overlay_processor.cpp: <cpu>, <vcpu>
 Status ApplyTuning(Overlay& overlay);     // weight, pins, cgroups
 Status ApplyScreen(Overlay& overlay);     // domain_overlay_devices.cpp: video card, keyboard layout

@@ -183,7 +183,7 @@ bool LibvirtGuestControl::Stop(std::chrono::milliseconds patience) {
 }
 
 // Retries failed work, and does what other hosts have left for this one. Running guests are looked at too: a restarted
-// libvirt ends those that were half started, without an event.
+// libvirt ends half-started ones without an event.
 void LibvirtGuestControl::Maintain() {
   std::unique_lock lock(maintenance_mutex_);
   while (!maintenance_wake_.wait_for(lock, options_.maintenance_interval, [this] { return ends_; })) {

@@ -75,7 +75,7 @@ class LibvirtGuestControl final : public GuestControl {
   // Whether the processors that a running guest's edited record requests could be dedicated to it.
   Refused RatePins(const Guest& edited);
   bool PressAgain(const std::string& guest_id);
-  // 910 when the guest's machine exists, whoever defined it; 949 when that cannot be asked.
+  // 910 when the guest's machine exists, no matter who defined it; 949 when the hypervisor cannot be asked.
   Refused RefuseActive(const std::string& guest_id);
 
   // guest_fence.cpp

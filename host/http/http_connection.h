@@ -34,7 +34,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void BeginStop();
   void Close();
 
-  // Exists only to be told that the server is full.
+  // Exists only to receive a refusal because the server is full.
   bool is_refusal() const { return place_ == nullptr && phase_ != Phase::kClosed; }
 
  private:

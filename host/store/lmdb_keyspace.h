@@ -1,5 +1,5 @@
 // The keyspace in LMDB, independent of who chooses the revisions: the embedded store counts its own; a mirror of a
-// cluster database applies those that it is given.
+// cluster database applies the given ones.
 #pragma once
 
 #include <atomic>

@@ -25,7 +25,7 @@ struct LmdbOptions {
 // environment per folder and process: opening a folder that this process already has open returns the same store, with
 // its original options. After fork(2), the child must not use a store of its parent, whose calls return kUnavailable
 // there; it must open the folder itself.
-// Errors: kCorrupt (not a store of ours, or a damaged head; damage further inside is found when it is read), kDenied,
+// Errors: kCorrupt (not a store of ours, or a damaged head; deeper damage is found when it is read), kDenied,
 // kNoSpace, kInvalid (no folder given), kConflict (a file is in the folder's place), kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 

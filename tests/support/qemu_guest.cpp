@@ -228,7 +228,7 @@ std::vector<int> QemusOf(const std::string& folder, const std::string& word) {
 int KillQemus(const std::string& folder) { return KillBelow(folder, IsQemu); }
 
 void EndPrograms(const std::string& folder) {
-  // First those that would start another QEMU.
+  // First the programs that would start another QEMU.
   KillBelow(folder, IsHost);
   KillBelow(folder, IsQemu);
 }

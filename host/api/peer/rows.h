@@ -10,7 +10,7 @@
 
 namespace vexa::services {
 
-// A row for other hosts, version 1; `errors` are its own codes, beside those that every method can return.
+// A row for other hosts, version 1; `errors` are its own codes, in addition to the common ones.
 webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::LaneKind lane, webapi::Handler handler,
                        std::string_view summary, std::vector<webapi::Parameter> parameters = {},
                        std::vector<int> errors = {});

@@ -1,4 +1,4 @@
-// What users are told about hosts that are gone, and about guests on them.
+// What users see about hosts that are gone, and about guests on them.
 #pragma once
 
 #include <json/value.h>
@@ -11,7 +11,7 @@
 
 namespace vexa::services {
 
-// Sets in `shown`, the answer about an object whose host has the life signs in `life`:
+// Sets in `shown`, the answer about an object of the host that `life` is about:
 //   age_s               how old it is in whole seconds: `age`, or the age of the last sign of life when that is older
 //   inaccessible_since  for a host that is gone: the Unix second of its last sign of life, when that is known
 void ShowLife(const cluster::HostLife& life, std::chrono::system_clock::time_point now, std::chrono::seconds age,

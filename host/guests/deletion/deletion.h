@@ -17,8 +17,8 @@
 // A host finishes what it left behind when it starts, and from time to time: "hiding" resumes from 2 or is undone;
 // "purging" resumes from 4. If even the undo fails, the record stays, and the guest is busy until then.
 //
-// A guest's disks and interfaces are those that its record lists and whose own records name it. Its files are those of
-// its disks and the one with its UEFI variables ("nvram" in its record).
+// A disk or interface belongs to a guest when the guest's record lists it and its own record names the guest. Its files
+// are those of its disks and the one with its UEFI variables ("nvram" in its record).
 #pragma once
 
 #include <chrono>

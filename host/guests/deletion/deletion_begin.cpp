@@ -197,7 +197,7 @@ DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   return Outcome::kReady;
 }
 
-// Whether the recorded files are still those that the guest's record names.
+// Whether the guest's record still names the recorded files.
 bool DeletionJob::FitsRecord() const {
   std::set<std::string> named;
   for (const NamedFile& file : plan_->files) {

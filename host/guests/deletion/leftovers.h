@@ -8,7 +8,7 @@
 
 namespace vexa::guests {
 
-// See Deletion::RemoveLeftovers. Returns the obstacles by guest; those that affect all guests are under "".
+// See Deletion::RemoveLeftovers. Returns the obstacles by guest; obstacles for all guests are under "".
 std::map<std::string, std::string> RemoveLeftovers(const DeletionOptions& options);
 
 }  // namespace vexa::guests

@@ -35,7 +35,7 @@ struct Selection {
   Notes notes;  // why others are not removed
 };
 
-// Examines each file, and asks `question` about those that exist. `images`: normal paths of the guest's ISO images,
+// Examines each file, and asks `question` about the existing ones. `images`: normal paths of the guest's ISO images,
 // which are kept. No snapshot may be held: this takes time. Errors: that of the first file that could not be examined;
 // those of the store.
 Result<Selection> SelectFiles(const std::string& guest_id, const std::vector<NamedFile>& files,
