@@ -12,7 +12,7 @@
 namespace vexa {
 namespace {
 
-// File times advance with the kernel's tick, 1 to 10 ms. This is twice that, plus a margin for a busy machine.
+// File times advance with the kernel's tick, 1 to 10 ms. This is two ticks plus a margin for a busy machine.
 constexpr std::int64_t kTimeGranularityNs = 50'000'000;
 
 Error Failed(const std::string& path, int error_number) {

@@ -57,8 +57,8 @@ struct RunningGuest {
   bool has_agent = false;
 };
 
-// Only one operation at a time runs on a guest; others are refused as busy, with by whom and since when. Calls block
-// for as long as the hypervisor does. Threads: any, at the same time.
+// Only one operation at a time runs on a guest. Others are refused as busy; the reason names the user and the time.
+// Calls block for as long as the hypervisor does. Threads: any, at the same time.
 class GuestControl {
  public:
   // Opens the hypervisor, and then makes records and hypervisor consistent: guests that run according to their records
@@ -91,7 +91,7 @@ class GuestControl {
 
   // Removes the saved memory of a guest, which is then off. Refusals: 911 (it is not saved), 915, 403, 901, 949.
   virtual Refused DiscardSaved(const std::string& guest_id, const Requester& requester) = 0;
-  // Returns the guest to its owner, who uses libvirt without this system: its definition stays, updated from the
+  // Hands the guest back to its owner, who uses libvirt without this system: its definition stays, updated from the
   // records and without this system's mark; its records are deleted, and its files stay. Refusals: 910, 915, 912, 403,
   // 901, 949.
   virtual Refused Release(const std::string& guest_id, const Requester& requester) = 0;

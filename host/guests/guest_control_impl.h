@@ -112,7 +112,7 @@ class LibvirtGuestControl final : public GuestControl {
   Refused RefuseTaken(const std::string& guest_id) const;
 
   // guest_definition.cpp
-  // The XML with which this host defines the guest; without a mark when it is returned to its owner.
+  // The XML with which this host defines the guest; without a mark when it is handed back to its owner.
   enum class Mark { kOurs, kNone };
   Result<std::string> DomainXml(const Guest& guest, const std::vector<unsigned>& pinned_cpus, Mark mark);
   Result<std::optional<DomainRecord>> ImportedDomain(const std::string& guest_id) const;

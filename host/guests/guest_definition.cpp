@@ -1,4 +1,4 @@
-// libvirt's definitions of guests: who owns them, how this host makes its own, and how it returns them.
+// libvirt's definitions of guests: who owns them, how this host makes its own, and how it hands them back.
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -228,7 +228,7 @@ Refused LibvirtGuestControl::RestoreAutostart(const std::string& guest_id) {
   return {};
 }
 
-// The definition first: a host that ends in between has returned what it still knows, and can be asked again.
+// The definition first: a host that ends in between has handed back what it still knows, and can be asked again.
 Refused LibvirtGuestControl::GiveBack(const std::string& guest_id) {
   const Result<Guest> guest = ReadGuest(guest_id);
   if (!guest) return RefusalOf(guest.error());

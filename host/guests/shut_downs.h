@@ -21,8 +21,8 @@ struct ShutDownsOptions {
   std::function<void(const std::string& guest_id)> on_given_up;
 };
 
-// Threads: any, at the same time. The functions are called on threads of its own, one at a time per guest. If a press
-// hangs, it is abandoned, so that other guests are still pressed.
+// Threads: any, at the same time. The functions are called on threads of its own, one at a time per guest, except that
+// a guest may be given up while a press for it hangs. A hanging press does not delay other guests.
 class ShutDowns {
  public:
   explicit ShutDowns(ShutDownsOptions options);

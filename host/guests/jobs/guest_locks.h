@@ -25,8 +25,8 @@ void CompareFree(store::Transaction& transaction, const std::string& guest_id,
 // Whether any lock of the guest is held. Errors: those of the store.
 Result<bool> IsHeld(const store::Snapshot& snapshot, const std::string& guest_id);
 
-// Why no job can begin on a guest while a deletion or an edit of it is not finished: 915, with by whom and since when.
-// Not set: there is no such job. Errors: those of the store.
+// Why no job can begin on a guest while a deletion or an edit of it is not finished: 915; the reason names the user and
+// the time. Not set: there is no such job. Errors: those of the store.
 Result<Refused> FindJob(const store::Snapshot& snapshot, const std::string& guest_id);
 
 // The same for the current state of the store; 901 when that cannot be read.
