@@ -27,7 +27,7 @@ constexpr int kNotReserved = 1600;
 
 constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' shows them.";
 
-// The word that rights on guests have in this system; no other is known.
+// This system's word for rights on guests; there is only one.
 constexpr char kRight[] = "use";
 
 enum class Right { kAllow, kRevoke };
@@ -43,13 +43,13 @@ struct Principal {
   std::string word;  // as it was given
 };
 
-Error NoPrincipal(const std::string& word) {
+Error UnknownPrincipal(const std::string& word) {
   return Error(ErrorCode::kInvalid, "'" + word + "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
 }
 
 Result<Principal> ParsePrincipal(const std::string& word, Right right) {
   const std::size_t at = word.find(':');
-  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return NoPrincipal(word);
+  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return UnknownPrincipal(word);
   const std::string prefix = word.substr(0, at);
   const std::string rest = word.substr(at + 1);
   Principal principal;
@@ -59,11 +59,11 @@ Result<Principal> ParsePrincipal(const std::string& word, Right right) {
   if (prefix == "uid" || prefix == "gid") {
     std::uint32_t id = 0;
     const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), id);
-    if (error != std::errc() || end != rest.data() + rest.size() || id == UINT32_MAX) return NoPrincipal(word);
+    if (error != std::errc() || end != rest.data() + rest.size() || id == UINT32_MAX) return UnknownPrincipal(word);
     principal.id = id;
     return principal;
   }
-  if (prefix != "user" && prefix != "group") return NoPrincipal(word);
+  if (prefix != "user" && prefix != "group") return UnknownPrincipal(word);
   principal.name = rest;
   return principal;
 }
@@ -142,7 +142,7 @@ Json::Value WithGuest(Json::Value parameters, const NamedGuest& guest) {
   return parameters;
 }
 
-// The element of a list in the reply of "get" with this id; null when there is none.
+// The element with this id in a list of the reply to "get"; null when there is none.
 const Json::Value& PartOf(const Json::Value& guest, const char* list, const char* id_member, const std::string& id) {
   const Json::Value& parts = VexaVirtualization::json::Elements(Member(guest, list));
   for (Json::ArrayIndex i = 0; i < parts.size(); ++i) {
@@ -154,7 +154,7 @@ const Json::Value& PartOf(const Json::Value& guest, const char* list, const char
 
 struct PartRow {
   const char* parameter;
-  const char* list;  // of the reply of "get"
+  const char* list;  // of the reply to "get"
   const char* id;
   const char* what;
 };
@@ -166,7 +166,8 @@ constexpr PartRow kParts[] = {
     {"vnics_edit", "vnics", "vnic_id", "network interface"},
 };
 
-// What the guest's host would refuse that the guest itself tells: parts that it does not have, disks that would shrink.
+// Errors that the guest's host would report but that are visible in the guest itself: parts that it does not have,
+// disks that would shrink.
 Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
   constexpr std::uint64_t kMibPerGib = 1024;
   for (const PartRow& row : kParts) {
@@ -188,7 +189,7 @@ Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
   return {};
 }
 
-// The parameters on standard output, once it is known that the guest can be read.
+// Prints the parameters on standard output, once it is known that the guest can be read.
 ExitCode ShowDryRun(const GlobalOptions& global, HttpClient& client, const NamedGuest& guest,
                     const Json::Value& parameters) {
   const CallOutcome got = CallApi(client, kGet, OneParameter("guest_id", guest.id));
@@ -259,7 +260,7 @@ ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const
 ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
                   const CallOutcome& outcome) {
   if (outcome.exit_code == ExitCode::kOk) return ShowOutcome(global, guest, outcome, SuccessText(guest, parameters));
-  // All else that is answered so has been found out before.
+  // All other causes of this answer have been ruled out before.
   const bool is_unknown_image = outcome.code == kBadParameter && parameters.isMember("iso_images");
   return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
 }

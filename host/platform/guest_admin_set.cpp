@@ -75,7 +75,7 @@ namespace VexaCCC {
 
 std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numeric_id) {
   const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
-  // Local, domain and directory accounts: the account provider knows all of them by one number.
+  // Local, domain and directory accounts: the account provider knows all of them by the same number.
   if (!environment || (auth_type != 1 && auth_type != 2 && auth_type != 8)) return {};
   const vexa::base::AccountProvider& accounts = *environment->accounts;
   if (kind == vexa::cluster::kUsersKind) {
