@@ -47,7 +47,8 @@ ExitCode RunGuestRecover(const GlobalOptions& global, const RecoverOptions& opti
   const CallOutcome listed = ListGuests(client);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   std::vector<NamedGuest> guests;
-  if (const ExitCode found = FindGuests(Member(listed.data, "guests"), options.guests, guests); found != ExitCode::kOk) return found;
+  if (const ExitCode found = FindGuests(Member(listed.data, "guests"), options.guests, guests); found != ExitCode::kOk)
+    return found;
   Json::Value parameters(Json::objectValue);
   if (!options.to_host.empty()) {
     std::string id;
