@@ -105,7 +105,8 @@ int Connect(const std::string& path) {
 
 bool AwaitReady(int fd, short events, Clock::time_point end) {
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    // Rounded up: a wait that ends before `end` would look like a switch that hung up, and not like one that hangs.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
     if (left <= 0) return false;
     pollfd waiting{fd, events, 0};
     const int ready = ::poll(&waiting, 1, static_cast<int>(left));

@@ -317,7 +317,7 @@ TEST_F(KilledHost, AtAnyMoment_HasEachEditWhollyOrNotAtAll) {
     fs::remove(folder_.File("ready"));
     const pid_t child = ForkClients(random());
     while (!fs::exists(folder_.File("ready"))) std::this_thread::sleep_for(1ms);
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 40'000));
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % (VEXA_KILL_WITHIN_MS * 1000)));
     ::kill(child, SIGKILL);
     EXPECT_TRUE(Await(child));
     Restart();
