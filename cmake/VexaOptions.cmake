@@ -42,7 +42,7 @@ else()
   if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
     # g++ 12 has false positives for concatenated strings (its bug 105651); the address sanitizer finds real ones.
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-      add_compile_options(-Wno-array-bounds -Wno-restrict)
+      add_compile_options(-Wno-array-bounds -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread)
     endif()
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
   endif()
