@@ -1,8 +1,8 @@
-// How many edits a second a host makes durable through its API, beside what the disk below it does: writing a page in
-// place and waiting until it is there (fdatasync), in a file of the same folder. Each client, over the Unix socket with
-// one kept connection, gives guests new descriptions one after the other; the answer comes when record and cluster log
-// are durable. Disk and edits take turns, so that what else the machine does meets both; what counts are the ratios of
-// a round. Daemon and clients are in this process and share its processors.
+// How many edits a second a host makes durable through its API, compared with what its disk can do: writing a page in
+// place and waiting until it is on the disk (fdatasync), in a file of the same folder. Each client, on one kept
+// connection over the Unix socket, gives guests new descriptions one after another; the answer comes when record and
+// cluster log are durable. Disk and edits take turns, so that other load on the machine affects both; what counts are
+// the ratios within a round. Daemon and clients are in this process and share its processors.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -35,8 +35,8 @@ constexpr seconds kSpan{1};
 constexpr int kMany = 8;
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kPages = 256;  // of a file
-constexpr int kBusy = 909;           // what the API answers for a guest that is edited by somebody else
-constexpr double kAim = 4;           // times the disk's wait, an edit of one client
+constexpr int kBusy = 909;           // the API's answer for a guest that is being edited elsewhere
+constexpr double kAim = 4;           // one client's edit, in multiples of the disk's wait
 
 double Median(std::vector<double> samples) {
   std::sort(samples.begin(), samples.end());
@@ -48,8 +48,8 @@ struct Rate {
   double refused;  // of all
 };
 
-// How often a second `act` was done by `count` threads together. It is made by `make` on the thread itself, is given
-// the turn's number, and tells whether it was done.
+// How often per second `count` threads together performed an act. `make` creates the act on each thread. The act
+// receives the turn's number and returns whether it succeeded.
 using Act = std::function<bool(int turn)>;
 Rate RateOf(int count, const std::function<Act(int thread)>& make) {
   std::atomic<std::uint64_t> done = 0;
@@ -65,7 +65,7 @@ Rate RateOf(int count, const std::function<Act(int thread)>& make) {
   for (int thread = 0; thread < count; ++thread) {
     threads.emplace_back([&, thread] {
       const Act act = make(thread);
-      (void)act(0);  // everything has been used once
+      (void)act(0);  // warm up
       const auto start = start_of();
       for (int turn = 1; steady_clock::now() - start < kSpan; ++turn) ++(act(turn) ? done : refused);
       took[static_cast<std::size_t>(thread)] = std::chrono::duration<double>(steady_clock::now() - start).count();
@@ -129,7 +129,7 @@ class Client {
   }
   void Use(const std::string& token) { client_.SetHeader("Authorization", "Bearer " + token); }
   const std::string& token() const { return token_; }
-  // Whether it was done; if not, another edit of the same guest was under way.
+  // Whether it succeeded; if not, another edit of the same guest was in progress.
   bool Edit(const std::string& guest_id, const std::string& members) {
     const auto reply =
         client_.PostJson("/webapi/VEXA.Virtualization.Guest/set", "{\"guest_id\":\"" + guest_id + "\"" + members + "}");
@@ -164,7 +164,7 @@ class Edits {
       const auto client = std::make_shared<Client>(socket_);
       client->Use(token_);
       return [this, client, thread, guests, what](int turn) {
-        // Clients with guests of their own have every eighth; the others all have the same eight.
+        // Clients with their own guests have every eighth one; the others all share the same eight.
         const int number = guests == Guests::kOwn ? thread + kMany * turn : turn % kMany;
         return client->Edit(ids_[static_cast<std::size_t>(number) % ids_.size()],
                             what == What::kNothing
@@ -186,8 +186,8 @@ struct Row {
   const char* what;
   std::function<Rate()> rate;
   std::vector<double> rates{};
-  std::vector<double> waits{};    // of the disk that one edit takes as long as
-  std::vector<double> of_many{};  // its rate as a ratio to that of many threads that wait for the disk
+  std::vector<double> waits{};    // the duration of one edit, in waits for the disk
+  std::vector<double> of_many{};  // its rate, as a ratio to that of many threads waiting for the disk
   std::vector<double> refused{};
 };
 

@@ -3,8 +3,8 @@
 
 Usage: http_bench.py [--quick] BUILD_FOLDER
 
-Everything runs on 127.0.0.1 in a temporary folder and ends by itself. Aims are printed beside the figures; a missed aim
-is no failure, a figure that could not be measured is.
+Everything runs on 127.0.0.1 in a temporary folder and ends on its own. Aims are printed beside the figures; a missed aim
+is not a failure, but a figure that could not be measured is.
 """
 import argparse
 import contextlib
@@ -62,7 +62,7 @@ end
 
 
 class Unmeasured(Exception):
-    """A figure could not be taken."""
+    """A figure could not be measured."""
 
 
 def call(port, path, token, body="{}"):
@@ -171,7 +171,7 @@ def nginx(folder, reply, workers):
           open_file_cache max=10; default_type application/json;
           server {{ listen 127.0.0.1:{port}; root {root}; }}
         }}""")
-    # Started as root it would change to a user who may not enter the folder.
+    # Started as root, it would switch to a user who may not enter the folder.
     user = ["-g", "user root;"] if os.geteuid() == 0 else []
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", root, "-e", root / "error.log", "-c", root / "nginx.conf",
                                 *user],
@@ -232,11 +232,11 @@ def measure_rates(wrk, host, nginx_port, rounds, seconds):
         "nginx, static file": (nginx_port, "/get", "all", ""),
     }
     results = {(name, count): [] for name in targets for count in CONNECTIONS}
-    for port, path, ids, token in targets.values():  # warms caches and pools
+    for port, path, ids, token in targets.values():  # warm up caches and pools
         wrk.run(port, path, 64, 1, ids, token)
     for _ in range(rounds):
         for count in CONNECTIONS:
-            for name in random.sample(list(targets), len(targets)):  # nobody always comes first
+            for name in random.sample(list(targets), len(targets)):  # so that none is always first
                 port, path, ids, token = targets[name]
                 results[name, count].append(wrk.run(port, path, count, seconds, ids, token))
 
@@ -355,7 +355,7 @@ def main():
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     wanted = IDLE_CONNECTIONS + 1000
     soft = wanted if hard == resource.RLIM_INFINITY else min(hard, wanted)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))  # for the programs that this one starts as well
+    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))  # also for the programs that this one starts
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
 
     failures = []
@@ -379,7 +379,7 @@ def main():
                 attempt(measure_stall, wrk, host, stall_rounds, seconds)
         except (Unmeasured, OSError) as problem:
             sys.exit(f"http_bench.py: {problem}")
-        # The host has left its folder: guests, accounts and sessions.
+        # The host has left its folder behind: guests, accounts and sessions.
         attempt(measure_start, build, folder / "data", log)
         attempt(measure_memory, build, folder / "data", log, wrk, host, seconds)
     if failures:

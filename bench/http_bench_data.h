@@ -1,4 +1,4 @@
-// The data folder of the HTTP measurement: guests of the size an import gives, and three users.
+// The data folder of the HTTP measurement: guests of the size that an import writes, and three users.
 #pragma once
 
 #include <cstdio>

@@ -1,7 +1,7 @@
-// What http_bench.py measures: a daemon with 1,000 guests, and beside it a bare server of the same server code that
-// answers every request with the bytes of a `get` reply, by way of a lane of its own.
+// The subject of http_bench.py: a daemon with 1,000 guests, and beside it a bare server with the same server code that
+// answers every request with the bytes of a `get` reply, through a lane of its own.
 //
-// Usage: http_bench_host FOLDER   (an empty or missing folder, which becomes the daemon's data folder)
+// Usage: http_bench_host FOLDER (an empty or missing folder, which becomes the daemon's data folder)
 // Prints one line of JSON once both answer, and ends with its standard input.
 #include <unistd.h>
 
@@ -27,7 +27,7 @@ namespace json = VexaVirtualization::json;
 using namespace vexa;
 using std::chrono::steady_clock;
 
-// Calls that stand for a guest's start on a host that does not answer: they hang until they are released.
+// Calls that represent starting a guest on a host that does not answer: they hang until they are released.
 class Stalled {
  public:
   void Wait() {
@@ -64,7 +64,7 @@ daemon::Config ConfigFor(const std::string& folder) {
   config.data_directory = folder;
   config.socket.clear();
   config.listen = {"127.0.0.1:0"};
-  config.calls_per_user = 1000;  // a few users' sessions stand for the many users who would hang
+  config.calls_per_user = 1000;  // the sessions of a few users represent the many users who would hang
   return config;
 }
 
@@ -91,10 +91,10 @@ std::string GetGuest(const daemon::Daemon& daemon, const std::string& token, con
   return reply.body;
 }
 
-// The daemon's server and lane options, without anything between them.
+// The daemon's server and lane options, with nothing in between.
 class BareServer {
  public:
-  explicit BareServer(std::string body) : body_(std::move(body)), lane_(LaneLikeTheDaemons()) {
+  explicit BareServer(std::string body) : body_(std::move(body)), lane_(DaemonLaneOptions()) {
     daemon::ServerOptions options;
     options.listeners.emplace_back();
     options.io_threads = daemon::Config().io_threads;
@@ -110,7 +110,7 @@ class BareServer {
   std::uint16_t port() const { return server_->port(0); }
 
  private:
-  static daemon::LaneOptions LaneLikeTheDaemons() {
+  static daemon::LaneOptions DaemonLaneOptions() {
     daemon::LaneOptions options;
     options.name = "bare";
     options.min_threads = 2 * static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));

@@ -1,8 +1,9 @@
-// What users notice of a host that hangs: reading a guest's configuration, and power calls to another host, while 500
-// power-ons wait for a host that took them and does not answer. Daemon, both hosts and the clients are in this process
-// and share its processors; what counts is the ratio to the same calls without the 500, which take turns with them.
+// What users notice when a host hangs: reading a guest's configuration, and power calls to another host, while 500
+// power-ons wait for a host that accepted them and does not answer. Daemon, both hosts and the clients are in this
+// process and share its processors; what counts is the ratio to the same calls without the 500, with which they take
+// turns.
 //
-// Then the same with a host that takes connections and never says a word: how soon its callers know.
+// Then the same with a host that accepts connections and never sends anything: how soon its callers notice.
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -46,10 +47,10 @@ constexpr int kHanging = 500;
 constexpr int kReaders = 4;
 constexpr int kRounds = 9;
 constexpr seconds kSpan{2};
-constexpr milliseconds kPause{50};  // of the user who reboots, between two calls
+constexpr milliseconds kPause{50};  // between two calls of the user who reboots guests
 constexpr double kAim = 1.25;
 
-// The guests 0 to 499 are the hanging host's, the next 400 the healthy one's, the last 100 the silent one's.
+// Guests 0 to 499 belong to the hanging host, the next 400 to the healthy one, the last 100 to the silent one.
 constexpr int kFirstHealthy = kHanging;
 constexpr int kFirstSilent = 900;
 
@@ -95,7 +96,7 @@ class Authority {
   transport::Credentials credentials_;
 };
 
-// A host of the cluster that answers every call, at once or when it is let.
+// A host of the cluster that answers every call, immediately or when released.
 class Host {
  public:
   enum class Answers { kAtOnce, kWhenReleased };
@@ -118,7 +119,7 @@ class Host {
   }
 
   std::string address() const { return "127.0.0.1:" + std::to_string(server_->port(0)); }
-  // Ever made to it; a call that finds none to use makes a new one.
+  // All connections ever made to it; a call that finds no free one makes a new one.
   std::uint64_t connections() const { return server_->stats().connections_accepted; }
   std::size_t held() {
     const std::lock_guard lock(mutex_);
@@ -142,7 +143,7 @@ class Host {
   std::unique_ptr<daemon::HttpServer> server_;
 };
 
-// The kernel takes the connections, and nobody reads them.
+// The kernel accepts the connections, and no one reads from them.
 class SilentHost {
  public:
   SilentHost() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -196,7 +197,7 @@ daemon::Config ConfigFor(const std::string& folder, const transport::TlsFiles& t
   config.tls_certificate = tls.certificate;
   config.tls_key = tls.key;
   config.client_authority = tls.authority;
-  config.calls_per_user = 1000;  // one user stands for the many who would wait
+  config.calls_per_user = 1000;  // one user represents the many who would wait
   return config;
 }
 
@@ -230,7 +231,7 @@ class Client {
     const auto reply = client_.PostJson("/webapi/VEXA.Virtualization.Guest/get", "{\"guest_id\":\"" + id + "\"}");
     if (reply.status != 200) bench::Fail("a guest cannot be read: " + reply.transport_error + reply.body);
   }
-  // Whether the host did it.
+  // Whether the host performed it.
   bool Power(const std::string& id, const std::string& action) {
     const auto reply =
         client_.PostJson("/webapi/VEXA.Bench/power", "{\"guest_id\":\"" + id + "\",\"action\":\"" + action + "\"}");
@@ -250,8 +251,8 @@ class Client {
 
 struct Seen {
   std::vector<double> reads;      // milliseconds
-  std::vector<double> powers;     // of the healthy host's guests
-  std::uint64_t connections = 0;  // made to the healthy host meanwhile
+  std::vector<double> powers;     // for the healthy host's guests
+  std::uint64_t connections = 0;  // made to the healthy host during that time
 };
 
 class Measurement {
@@ -259,7 +260,7 @@ class Measurement {
   Measurement(std::string socket, std::string token, const Host& healthy)
       : socket_(std::move(socket)), token_(std::move(token)), healthy_(healthy) {}
 
-  // Readers of all guests and one user who now and then reboots one of the healthy host, for kSpan.
+  // Readers of all guests, and one user who reboots a guest of the healthy host now and then, for kSpan.
   Seen Run() const {
     std::mutex mutex;
     Seen seen;
@@ -297,7 +298,8 @@ class Measurement {
     return seen;
   }
 
-  // Powers on `count` guests from number `first` at once; what each took, in milliseconds, and how many were done.
+  // Powers on `count` guests from number `first` concurrently. Reports how long each took, in milliseconds, and how
+  // many succeeded.
   std::vector<std::jthread> PowerOn(int first, int count, std::vector<double>& took, std::atomic<int>& done) const {
     std::vector<std::jthread> threads;
     took.assign(static_cast<std::size_t>(count), 0);
@@ -327,14 +329,14 @@ void Print(const char* what, const Seen& seen) {
       Quantile(seen.powers, 0.99), seen.powers.size(), static_cast<std::uintmax_t>(seen.connections));
 }
 
-// Without and with the hanging calls by turns.
+// Alternates rounds without and with the hanging calls.
 void MeasureHanging(const Measurement& measurement, Host& hanging) {
   std::vector<double> ratios;
   std::vector<double> median_ratios;
-  // Too few a round for a ratio of each.
+  // Too few per round for a ratio of each.
   std::vector<double> powers_without;
   std::vector<double> powers_beside;
-  (void)measurement.Run();  // everything has been used once
+  (void)measurement.Run();  // warm up
   for (int round = 0; round < kRounds; ++round) {
     const Seen quiet = measurement.Run();
     std::vector<double> took;

@@ -1,6 +1,6 @@
-// What finding out every guest's state costs, reading what is kept, and the table that lists are made of, unchanged and
-// with one changed guest: for growing numbers of guests on 100 hosts, with two network interfaces each. The hosts are
-// simulated by one server in this process.
+// The cost of determining every guest's state, of reading the cached result, and of the table behind lists, unchanged
+// and with one changed guest: for growing numbers of guests on 100 hosts, with two network interfaces each. The hosts
+// are simulated by one server in this process.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -98,7 +98,7 @@ void SeedHosts(store::Store& store) {
   Commit(store, transaction);
 }
 
-// Two of three run.
+// Two out of three run.
 void AddGuest(int number, store::Transaction& transaction) {
   const std::string id = bench::Id(0, number);
   const bool runs = number % 3 != 0;
@@ -153,7 +153,7 @@ void MeasureLists(store::Store& store, int guests, int rounds, Figures& figures)
   figures.changed_list_ms = Median(changed);
 }
 
-// As the daemon does it: one state of the store for the whole refresh.
+// As in the daemon: one state of the store for the whole refresh.
 void Refresh(int guests) {
   const cluster::RequestScope scope;
   Json::Value data;
@@ -214,7 +214,7 @@ int main() {
   const auto hosts = MakeHosts();
   const std::string address = "127.0.0.1:" + std::to_string(hosts->port(0));
   transport::TransportOptions options;
-  options.host_id = "none";  // so that all of them are asked over sockets
+  options.host_id = "none";  // so that all of them are called over sockets
   options.remote = transport::TransportOptions::Remote::kPlain;
   options.find_address = [address](const std::string&) { return std::optional(address); };
   auto made = transport::Transport::Make(std::move(options));

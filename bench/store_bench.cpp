@@ -1,5 +1,5 @@
-// What the embedded store costs: reads in microseconds, commits as a ratio to the disk's bare sync in the same run.
-// Usage: store_bench [FOLDER]   (a new folder below it is used and removed)
+// The cost of the embedded store: reads in microseconds, commits as a ratio to the disk's bare sync in the same run.
+// Usage: store_bench [FOLDER] (a new folder below it is used and removed)
 #include <fcntl.h>
 #include <unistd.h>
 

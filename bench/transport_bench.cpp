@@ -1,5 +1,5 @@
-// What a request to many hosts costs: the whole against the slowest host alone, the cost of each host, and threads.
-// All hosts are simulated by two servers in this process, which share its processors. Each measurement tells the first
+// The cost of a request to many hosts: the total compared with the slowest host alone, the cost per host, and threads.
+// All hosts are simulated by two servers in this process, which share its processors. Each measurement shows the first
 // request, which connects to every host, and later ones over the same connections.
 #include <sys/resource.h>
 #include <unistd.h>
@@ -87,7 +87,7 @@ class Host {
   }
 
   std::string address() const { return "127.0.0.1:" + std::to_string(server_->port(0)); }
-  // Of the process, when it was asked last.
+  // Of the process, at its last request.
   int threads() const { return threads_; }
 
  private:
@@ -124,9 +124,9 @@ class Host {
   std::thread thread_;
 };
 
-enum class Slowest { kOneSecond, kAsTheOthers };
+enum class Slowest { kOneSecond, kLikeOthers };
 
-// Plain HTTP: one server cannot show the certificates of many hosts.
+// Plain HTTP: one server cannot present the certificates of many hosts.
 class Cluster {
  public:
   Cluster(int hosts, Slowest slowest) : quick_(milliseconds(0), {}), slow_(kSlowest, {}) {
@@ -183,7 +183,7 @@ void MeasureFanOut(int hosts) {
 }
 
 void MeasureCost(int hosts) {
-  Cluster cluster(hosts, Slowest::kAsTheOthers);
+  Cluster cluster(hosts, Slowest::kLikeOthers);
   const double first = cluster.Ask();
   std::vector<double> later;
   for (int i = 0; i < kRounds; ++i) later.push_back(cluster.Ask());
@@ -191,7 +191,7 @@ void MeasureCost(int hosts) {
               hosts, first, 1000 * first / hosts, Median(later), 1000 * Median(later) / hosts);
 }
 
-// One host with TLS: what its connection and each request cost.
+// One host with TLS: the cost of its connection and of each request.
 void MeasureTls(const std::string& folder) {
   const auto authority = transport::MakeAuthority();
   Check(authority.ok(), "authority");

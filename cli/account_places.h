@@ -23,7 +23,7 @@ struct AccountPlaces {
 
 enum class MissingStore { kRefuse, kCreate };
 
-// The daemon's store. kNotFound when there is none and `missing` refuses; kDenied when another account owns it.
+// The daemon's store. kNotFound when it does not exist and `missing` refuses; kDenied when another account owns it.
 Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing);
 
 // The accounts in it, after an account file of an older version has been taken over; such a file may create the store,

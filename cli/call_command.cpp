@@ -48,13 +48,13 @@ ExitCode RunCall(const GlobalOptions& global, const CallOptions& options) {
   HttpClient client(*connect);
   std::string path = "/webapi/" + options.api + "/" + options.method;
   if (options.version) path += "?version=" + std::to_string(*options.version);
-  // Parameters may hold a password, and nothing tells which do.
+  // Parameters may contain a password, and there is no way to know which ones do.
   const CallOutcome outcome = CallApi(client, path, *body, Secrecy::kSecret);
   return outcome.exit_code == ExitCode::kOk ? PrintJson(outcome.data) : outcome.exit_code;
 }
 
 ExitCode RunHealth(const GlobalOptions& global) {
-  // Health is anybody's to ask: no token is sent.
+  // Health needs no login: no token is sent.
   const Result<std::optional<SavedLogin>> saved = LoadLogin();
   const Result<Endpoint> endpoint = ChooseEndpoint(global, saved ? *saved : std::nullopt);
   if (!endpoint) return Report(endpoint.error());

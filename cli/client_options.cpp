@@ -66,7 +66,7 @@ HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint
 
 Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options) {
   std::optional<SavedLogin> saved;
-  // With --socket or --token-file a damaged login file is nobody's business.
+  // With --socket or --token-file, a damaged login file does not matter.
   if (options.socket.empty() && options.token_file.empty()) {
     Result<std::optional<SavedLogin>> loaded = LoadLogin();
     if (!loaded) return loaded.error();

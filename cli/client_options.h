@@ -1,4 +1,4 @@
-// The options that every command takes, and what follows from them: which server, with which token.
+// The options that every command takes, and what they determine: which server, with which token.
 #pragma once
 
 #include <cstdint>
@@ -22,39 +22,39 @@ struct GlobalOptions {
   std::string socket;
   std::string token_file;
   std::string ca_file;
-  std::optional<int> timeout_s;  // kDefaultTimeoutS, where the command has none of its own
+  std::optional<int> timeout_s;  // kDefaultTimeoutS, unless the command has its own
   bool json = false;
   bool quiet = false;
   bool verbose = false;
   bool insecure_http = false;
 };
 
-// Where to go: --server or --socket, else $VEXA_SERVER, else the server of `saved`, else $VEXA_SOCKET or
-// kDefaultSocket.
+// The server to use: --server or --socket, otherwise $VEXA_SERVER, otherwise the server of `saved`, otherwise
+// $VEXA_SOCKET or kDefaultSocket.
 Result<Endpoint> ChooseEndpoint(const GlobalOptions& options, const std::optional<SavedLogin>& saved);
 
 // A client for `endpoint`, without a token.
 HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint& endpoint);
 
-// A client for the chosen endpoint. Its token is that of --token-file, else the saved one, which goes to the server
-// that gave it and to no other.
+// A client for the chosen endpoint. Its token is that of --token-file, otherwise the saved one, which is only ever sent
+// to the server that issued it.
 Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options);
 
-// Prints "vexa: …" for an error of this program on standard error, and tells how to end for it.
+// Prints "vexa: …" for an error of this program on standard error, and returns the exit code for it.
 ExitCode Report(const Error& error);
 
 // The same for errors on the way to a server, where kUnavailable means that it cannot be reached.
 ExitCode ReportTransport(const Error& error);
 
-// What came of calling one method of the API.
+// The outcome of calling one method of the API.
 struct CallOutcome {
   ExitCode exit_code = ExitCode::kOk;
   Json::Value data;
-  // Without success:
-  std::string failure;               // printable lines without "vexa: " and the last line end
-  std::optional<std::int64_t> code;  // the server's
-  bool has_reason = false;           // the server says why; `failure` has it
-  int http_status = 0;               // 0: no reply came
+  // On failure:
+  std::string failure;               // printable lines without "vexa: " and without the final line end
+  std::optional<std::int64_t> code;  // from the server
+  bool has_reason = false;           // the server gave a reason; `failure` contains it
+  int http_status = 0;               // 0: there was no reply
 };
 enum class LoginHint { kGive, kOmit };
 
@@ -62,11 +62,11 @@ enum class LoginHint { kGive, kOmit };
 CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body,
                    Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kGive);
 
-// Whether it may be well a little later: no whole reply, or one that the server, or a proxy in front of it, gives while
-// it restarts or has too much to do.
+// Whether a retry a little later may succeed: no complete reply, or one that the server, or a proxy in front of it,
+// gives while it restarts or is overloaded.
 bool IsTemporary(const CallOutcome& outcome);
 
-// As TryApi, and an outcome without success is printed on standard error.
+// Like TryApi, but prints a failure on standard error.
 CallOutcome CallApi(HttpClient& client, const std::string& path, const std::string& body,
                     Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kGive);
 

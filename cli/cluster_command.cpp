@@ -27,7 +27,7 @@ struct Wipe {
     delete credentials;
   }
 };
-// Its key is gone from memory afterwards.
+// Its key is wiped from memory afterwards.
 using Secret = std::unique_ptr<Credentials, Wipe>;
 
 Secret Keep(Credentials credentials) { return Secret(new Credentials(std::move(credentials))); }
@@ -38,7 +38,7 @@ Status RefusePresent(const std::string& path) {
   return Error(ErrorCode::kConflict, "'" + path + "' exists already");
 }
 
-// The key first: a certificate without its key is worth nothing.
+// The key first: a certificate without its key is useless.
 Status Write(const Credentials& credentials, const std::string& key_path, const std::string& certificate_path) {
   if (Status key = WriteFileAtomically(key_path, credentials.key, kSecret); !key) return key;
   return WriteFileAtomically(certificate_path, credentials.certificate, kPublic);

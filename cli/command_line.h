@@ -3,7 +3,7 @@
 
 namespace vexa::cli {
 
-// Runs what the arguments say and returns the exit code.
+// Runs the command and returns the exit code.
 int RunCommandLine(int argc, char** argv);
 
 }  // namespace vexa::cli

@@ -1,4 +1,4 @@
-// The commands that change whether guests run or that delete them, and the cluster log.
+// The commands that start, stop and delete guests, and the cluster log.
 #include <CLI/CLI.hpp>
 #include <memory>
 

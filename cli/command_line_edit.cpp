@@ -1,4 +1,4 @@
-// The commands that change what guests are.
+// The commands that edit guests.
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>

@@ -1,4 +1,4 @@
-// The commands about hosts, and about how guests are.
+// The commands about hosts, and about the status of guests.
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>

@@ -1,4 +1,5 @@
-// How commands put themselves on the command line. Only command_line*.cpp sees the parser's own header: it is large.
+// How commands register themselves on the command line. Only command_line*.cpp includes the parser's own header,
+// because it is large.
 #pragma once
 
 #include <functional>
@@ -11,22 +12,22 @@ class App;
 
 namespace vexa::cli {
 
-// What the parsed command line asks for.
+// The result of parsing the command line.
 struct Invocation {
   GlobalOptions global;
   std::function<ExitCode()> run;
 };
 
-// Each adds its commands; when one of them is on the command line, it sets `invocation.run`. Both arguments outlive the
-// parse and the run.
+// Each adds its commands; a command that is used sets `invocation.run`. Both arguments must outlive the parse and the
+// run.
 void AddClientCommands(CLI::App& app, Invocation& invocation);
-// After AddClientCommands, whose "guest" it adds to.
+// Call it after AddClientCommands, because it extends "guest".
 void AddHostCommands(CLI::App& app, Invocation& invocation);
-// After AddHostCommands: "guest recover" and "host forget".
+// Call it after AddHostCommands: "guest recover" and "host forget".
 void AddRecoveryCommands(CLI::App& app, Invocation& invocation);
-// After AddClientCommands as well: the rest of "guest", and "log".
+// Also after AddClientCommands: the rest of "guest", and "log".
 void AddActionCommands(CLI::App& app, Invocation& invocation);
-// As well: "guest set" and "guest edit".
+// Likewise: "guest set" and "guest edit".
 void AddEditCommands(CLI::App& app, Invocation& invocation);
 void AddErrorCommand(CLI::App& app, Invocation& invocation);
 void AddAccountCommands(CLI::App& app, Invocation& invocation);
@@ -35,7 +36,7 @@ void AddRepositoryCommands(CLI::App& app, Invocation& invocation);
 void AddImageCommands(CLI::App& app, Invocation& invocation);
 void AddImportCommand(CLI::App& app, Invocation& invocation);
 
-// The options of `vexa import` alone, which fill `words`.
+// Only the options of `vexa import`, which fill `words`.
 struct ImportWords;
 void AddImportOptions(CLI::App& import, ImportWords& words);
 

@@ -41,7 +41,7 @@ bool IsInPath(const std::string& program) {
   return false;
 }
 
-// A command for the shell; "" when there is none.
+// A command for the shell; "" when absent.
 std::string EditorCommand() {
   for (const char* variable : {"VISUAL", "EDITOR"}) {
     if (std::string command = Variable(variable); !command.empty()) return command;
@@ -60,7 +60,7 @@ std::string TemporaryFolder() {
   return "/tmp";
 }
 
-// A folder that only this user can enter, removed with all that is in it.
+// A folder that only this user can enter, removed together with its contents.
 class PrivateFolder {
  public:
   PrivateFolder() : path_(TemporaryFolder() + "/vexa-edit-XXXXXX") {
@@ -91,14 +91,14 @@ Status WriteAll(int fd, std::string_view text) {
   return {};
 }
 
-// While it lives, signals that would end or stop this process wait.
+// While it lives, signals that would end or stop this process are held back.
 class HeldSignals {
  public:
   HeldSignals() {
     sigemptyset(&held_);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&held_, signal);
     ::sigprocmask(SIG_BLOCK, &held_, &before_);
-    // Whoever started this process may have had it ignored, and then nobody could tell how the editor ended.
+    // The parent of this process may have set it to be ignored, and then the editor's exit status would be lost.
     ::signal(SIGCHLD, SIG_DFL);
   }
   ~HeldSignals() {
@@ -113,7 +113,7 @@ class HeldSignals {
   const sigset_t& held() const { return held_; }
 
  private:
-  // What Ctrl-C in the editor has sent to this process as well.
+  // Drops what Ctrl-C in the editor has also sent to this process.
   static void Drop(int signal) {
     sigset_t one;
     sigemptyset(&one);
@@ -127,32 +127,33 @@ class HeldSignals {
   sigset_t before_{};
 };
 
-// What follows fork in the child.
+// What the child does after fork.
 [[noreturn]] void BeEditor(const HeldSignals& signals, const char* command, const char* file) {
   ::sigprocmask(SIG_SETMASK, &signals.before(), nullptr);
   ::execl("/bin/sh", "sh", "-c", command, "sh", file, static_cast<char*>(nullptr));
   ::_exit(127);
 }
 
-// Waits for the editor. The signal that told this process to end meanwhile; 0 when none did.
+// Waits for the editor. Returns the signal that asked this process to end meanwhile; 0 without a signal.
 int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
   constexpr timespec kLook{0, 200'000'000};
-  int told = 0;
-  status = 255 << 8;  // when how it ended cannot be told, it did not end well
+  int received = 0;
+  status = 255 << 8;  // if the exit status is unknown, the editor did not end well
   while (::waitpid(pid, &status, WNOHANG) == 0) {
     const int signal = ::sigtimedwait(&signals.held(), nullptr, &kLook);
     if (signal != SIGTERM && signal != SIGHUP) continue;
-    told = signal;
+    received = signal;
     ::kill(pid, signal);
   }
-  return told;
+  return received;
 }
 
 std::string KeptName() { return TemporaryFolder() + "/vexa-edit-XXXXXX.txt"; }
 constexpr int kKeptEnding = 4;  // ".txt"
 
-// Saves a file that is no text to go on with from the folder that is about to go. Where it is now, for a message.
-std::string MoveOut(const std::string& file) {
+// Rescues a file that cannot be used as text from the folder that is about to be removed. Returns its new place, for a
+// message.
+std::string RescueText(const std::string& file) {
   struct stat info {};
   if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return "";
   std::string kept = KeptName();
@@ -163,7 +164,7 @@ std::string MoveOut(const std::string& file) {
   return "; it is kept in '" + kept + "'";
 }
 
-std::string HowItEnded(int status) {
+std::string DescribeExit(int status) {
   if (WIFSIGNALED(status)) return "was ended by signal " + std::to_string(WTERMSIG(status));
   return "ended with exit code " + std::to_string(WEXITSTATUS(status));
 }
@@ -184,7 +185,7 @@ Result<Edited> RunEditor(const std::string& text) {
   const Status written = WriteAll(fd, text);
   ::close(fd);
   if (!written) return written.error();
-  // Users put options and variables into $EDITOR. The shell makes room, so that signals reach the editor.
+  // Users put options and variables into $EDITOR. The shell execs the editor, so that signals reach it.
   const std::string command = "exec /usr/bin/env " + editor + " \"$1\"";
   std::cout.flush();
   std::cerr.flush();
@@ -201,9 +202,9 @@ Result<Edited> RunEditor(const std::string& text) {
     edited.text = content ? std::move(*content) : text;
   } else if (!is_well) {
     edited.end = Edited::End::kGivenUp;
-    edited.why = HowItEnded(status);
+    edited.why = DescribeExit(status);
   } else if (!content) {
-    return Error(ErrorCode::kUnavailable, "What the editor left cannot be read" + MoveOut(file),
+    return Error(ErrorCode::kUnavailable, "What the editor left cannot be read" + RescueText(file),
                  content.error().ToString());
   } else {
     edited.text = std::move(*content);
@@ -240,7 +241,7 @@ AgainAnswer AskAgain() {
     answer = {Again::kInterrupted, static_cast<int>(information.ssi_signo)};
     std::cerr << '\n';
   } else {
-    std::array<char, 256> line{};  // a terminal gives whole lines
+    std::array<char, 256> line{};  // a terminal delivers whole lines
     const ssize_t count = ::read(STDIN_FILENO, line.data(), line.size());
     const bool is_yes = count > 0 && (line[0] == '\n' || line[0] == 'y' || line[0] == 'Y');
     answer.again = is_yes ? Again::kYes : Again::kNo;

@@ -6,9 +6,9 @@ namespace vexa::cli {
 enum class ExitCode : int {
   kOk = 0,
   kFailed = 1,         // the server, or this host's files, refused or failed
-  kUsage = 2,          // the command line cannot be understood or is refused as it stands
-  kUnreachable = 3,    // no whole reply came from the server
-  kInterrupted = 130,  // by Ctrl-C, as shells tell it
+  kUsage = 2,          // the command line cannot be parsed, or is refused
+  kUnreachable = 3,    // no complete reply came from the server
+  kInterrupted = 130,  // by Ctrl-C, in the shells' convention
 };
 
 }  // namespace vexa::cli

@@ -40,7 +40,7 @@ ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, Aut
 // Removes the record of the id that the name has, whoever it was given to.
 ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target);
 
-// The user or group of that name. kNotFound when there is none; kDenied as for the commands.
+// The user or group of that name. kNotFound when it does not exist; kDenied as for the commands.
 Result<FoundAccount> FindAccount(const GrantTarget& target);
 
 }  // namespace vexa::cli

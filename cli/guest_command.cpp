@@ -21,7 +21,7 @@ struct Field {
   Kind kind;
 };
 
-// In the order of the table on the screen. A setting that the reply does not have is left out.
+// In the order of the table on the screen. A setting that is missing from the reply is left out.
 constexpr std::array kGeneral = {
     Field{"Name", "name", Kind::kText},
     Field{"Description", "desc", Kind::kText},

@@ -16,7 +16,7 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
-constexpr int kSignalBase = 128;  // how shells tell the end by a signal
+constexpr int kSignalBase = 128;  // the shells' convention for an end by a signal
 
 void Keep(const std::string& text) {
   const Result<std::string> path = KeepText(text);
@@ -24,11 +24,11 @@ void Keep(const std::string& text) {
     std::cerr << "vexa: Your text is kept in '" << Printable(*path) << "'\n";
   } else {
     Report(path.error());
-    std::cerr << text;  // the last place where it can be
+    std::cerr << text;  // the last resort
   }
 }
 
-// What the user wants changed, checked; an exit code when that is not to be had.
+// The requested changes, checked; or an exit code when nothing is to be sent.
 struct Wanted {
   Json::Value parameters;
   std::string text;

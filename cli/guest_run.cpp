@@ -31,8 +31,8 @@ constexpr auto kPollEvery = std::chrono::seconds(1);
 struct ActionRow {
   GuestAction action;
   const char* target;
-  const char* word;   // that the target takes as "action"; null: none
-  const char* state;  // that comes of it; null: nothing to wait for
+  const char* word;   // the "action" that the target expects; null: none
+  const char* state;  // the resulting state; null: nothing to wait for
   const char* done;
   const char* waited;
 };
@@ -105,7 +105,7 @@ std::optional<std::string> GuestRun::WaitForState(std::size_t index) {
   const Clock::time_point end = Clock::now() + std::chrono::seconds(parts_.options.wait_timeout_s);
   std::string state = "not known";
   while (true) {
-    // No question may outlast the wait by much.
+    // A query must not outlast the wait by much.
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     HttpClientOptions options = parts_.queries;
     options.timeout = std::clamp<std::chrono::milliseconds>(left, kPollEvery, options.timeout);
@@ -135,7 +135,7 @@ std::string GuestRun::SuccessText(const NamedGuest& guest) {
   return host.empty() ? text : text + " on " + host;
 }
 
-// The name of the guest's host; one without a host has got it with the start. Empty when it is not to be found out.
+// The name of the guest's host; a guest without a host gets one when it starts. Empty when it cannot be determined.
 std::string GuestRun::HostOf(const NamedGuest& guest) {
   std::string id = guest.host_id;
   if (id.empty()) {

@@ -1,4 +1,5 @@
-// One thing done with several guests at once: sent, waited for, and told in the order of the guests.
+// Performs one action on several guests concurrently: sends it, waits for the results, and reports them in the order of
+// the guests.
 #pragma once
 
 #include <map>
@@ -16,24 +17,24 @@ namespace vexa::cli {
 class GuestRun {
  public:
   struct Parts {
-    HttpClientOptions calls;    // for what may take an hour
-    HttpClientOptions queries;  // for the rest
+    HttpClientOptions calls;    // for calls that may take an hour
+    HttpClientOptions queries;  // for all other calls
     GuestActionOptions options;
     std::vector<NamedGuest> guests;
     std::map<std::string, std::string> host_names;  // by id
-    bool quiet = false;                             // no results that are successes, no progress
+    bool quiet = false;                             // no results of successes, no progress
     bool json = false;
   };
   explicit GuestRun(Parts parts) : parts_(std::move(parts)), jobs_(parts_.guests.size()) {}
 
-  // Does it with one of the guests. Never throws.
+  // Performs the action on one of the guests. Never throws.
   void Work(std::size_t index);
 
-  // Prints the results that are there, up to the first guest that has none, and how far it is on a terminal.
+  // Prints the available results, up to the first guest without one, and the progress when on a terminal.
   void Show();
-  // Prints the rest, too, and what is known of the guests without a result.
+  // Also prints the rest, and what is known about the guests without a result.
   void ShowInterrupted();
-  // Once all have been worked on.
+  // Call it after all of them have been processed.
   ExitCode Finish();
 
  private:
@@ -41,14 +42,14 @@ class GuestRun {
     enum class Stage { kNotSent, kSent, kAnswered, kDone };
     Stage stage = Stage::kNotSent;
     std::string progress;
-    std::optional<std::string> failure;  // kDone: why not
-    std::optional<std::int64_t> code;    // kDone: the server's
+    std::optional<std::string> failure;  // kDone: why it failed
+    std::optional<std::int64_t> code;    // kDone: from the server
     std::string result;                  // kDone: what was done
     bool is_shown = false;
   };
 
   void Act(std::size_t index);
-  // Why the guest is not as asked for; nothing when it is.
+  // Why the guest is not in the requested state; nothing when it is.
   std::optional<std::string> WaitForState(std::size_t index);
   std::string SuccessText(const NamedGuest& guest);
   std::string HostOf(const NamedGuest& guest);

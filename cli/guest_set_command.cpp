@@ -26,7 +26,7 @@ constexpr int kNotReserved = 1600;
 
 constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' on a host shows them.";
 
-// The word that rights on guests have in this system; no other is known.
+// This system's word for rights on guests; there is only one.
 constexpr char kRight[] = "use";
 
 enum class Right { kAllow, kRevoke };
@@ -37,13 +37,13 @@ struct Principal {
   std::string name;  // "" for a number
 };
 
-Error NoPrincipal(const std::string& word) {
+Error UnknownPrincipal(const std::string& word) {
   return Error(ErrorCode::kInvalid, "'" + word + "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
 }
 
 Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& options) {
   const std::size_t at = word.find(':');
-  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return NoPrincipal(word);
+  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return UnknownPrincipal(word);
   const std::string prefix = word.substr(0, at);
   const std::string rest = word.substr(at + 1);
   Principal principal;
@@ -51,9 +51,9 @@ Result<Principal> FindPrincipal(const std::string& word, const GuestSetOptions& 
   if (prefix == "uid" || prefix == "gid") {
     const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), principal.id);
     const bool is_id = error == std::errc() && end == rest.data() + rest.size() && principal.id != UINT32_MAX;
-    return is_id ? Result<Principal>(principal) : NoPrincipal(word);
+    return is_id ? Result<Principal>(principal) : UnknownPrincipal(word);
   }
-  if (prefix != "user" && prefix != "group") return NoPrincipal(word);
+  if (prefix != "user" && prefix != "group") return UnknownPrincipal(word);
   const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
   const Result<FoundAccount> account = FindAccount({principal.kind, rest, source, options.places});
   if (!account) return account.error();
@@ -99,7 +99,7 @@ Json::Value WithGuest(Json::Value parameters, const NamedGuest& guest) {
   return parameters;
 }
 
-// The element of a list in the reply of "get" with this id; null when there is none.
+// The element with this id in a list of the reply to "get"; null when absent.
 const Json::Value& PartOf(const Json::Value& guest, const char* list, const char* id_member, const std::string& id) {
   const Json::Value& parts = VexaVirtualization::json::Elements(Member(guest, list));
   for (Json::ArrayIndex i = 0; i < parts.size(); ++i) {
@@ -111,7 +111,7 @@ const Json::Value& PartOf(const Json::Value& guest, const char* list, const char
 
 struct PartRow {
   const char* parameter;
-  const char* list;  // of the reply of "get"
+  const char* list;  // of the reply to "get"
   const char* id;
   const char* what;
 };
@@ -123,7 +123,8 @@ constexpr PartRow kParts[] = {
     {"vnics_edit", "vnics", "vnic_id", "network interface"},
 };
 
-// What the guest's host would refuse that the guest itself tells: parts that it does not have, disks that would shrink.
+// Errors that the guest's host would report but that are visible in the guest itself: parts that it does not have,
+// disks that would shrink.
 Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
   constexpr std::uint64_t kMibPerGib = 1024;
   for (const PartRow& row : kParts) {
@@ -145,7 +146,7 @@ Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
   return {};
 }
 
-// The parameters on standard output, once it is known that the guest can be read.
+// Prints the parameters on standard output, once it is known that the guest can be read.
 ExitCode ShowDryRun(const GlobalOptions& global, HttpClient& client, const NamedGuest& guest,
                     const Json::Value& parameters) {
   const CallOutcome got = CallApi(client, kGet, OneParameter("guest_id", guest.id));
@@ -216,7 +217,7 @@ ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const
 ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
                   const CallOutcome& outcome) {
   if (outcome.exit_code == ExitCode::kOk) return ShowOutcome(global, guest, outcome, SuccessText(guest, parameters));
-  // All else that is answered so has been found out before.
+  // All other causes of this answer have been ruled out before.
   const bool is_unknown_image = outcome.code == kBadParameter && parameters.isMember("iso_images");
   return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
 }

@@ -22,7 +22,7 @@ bool HasItsType(const Setting& setting, const Json::Value& value) {
     case SettingKind::kText:
       return value.isString();
     case SettingKind::kNumber:
-      // A 2.0 is a number with a fraction to whoever wrote it.
+      // To the person who wrote it, 2.0 is a number with a fraction.
       return value.isInt64() && value.type() != Json::realValue;
     case SettingKind::kYesNo:
       return value.isBool();
@@ -48,7 +48,7 @@ std::string_view Trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
-// Whether an editor shows nothing but what is there: control and invisible characters are written as escapes.
+// Whether an editor shows the text unambiguously: control and invisible characters are written as escapes.
 bool IsPlain(std::string text) {
   std::ranges::replace_if(
       text, [](char c) { return c == '\\' || c == '\n' || c == '\t'; }, ' ');
@@ -101,7 +101,7 @@ Json::Value SettingsOf(const Json::Value& guest) {
   for (const Setting& setting : Settings()) {
     const Json::Value& value = Member(guest, setting.name);
     if (!HasItsType(setting, value)) continue;
-    // "get" tells KiB, "set" takes MiB.
+    // "get" returns KiB, "set" takes MiB.
     const bool is_memory = std::string_view(setting.name) == "vram_size";
     settings[setting.name] = is_memory ? Json::Value(Json::Int64{*Integer(value) / kKibPerMib}) : value;
   }

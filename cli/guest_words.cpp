@@ -57,7 +57,7 @@ std::optional<bool> ParseYesNo(std::string_view text) {
   return std::nullopt;
 }
 
-// "a=b=c" is "a" and "b=c". Not set: it has no "=".
+// "a=b=c" is split into "a" and "b=c". Not set: there is no "=".
 std::optional<std::pair<std::string, std::string>> SplitPair(const std::string& word) {
   const std::size_t at = word.find('=');
   if (at == std::string::npos) return std::nullopt;
@@ -74,7 +74,7 @@ std::vector<std::string> SplitList(const std::string& text) {
   return parts;
 }
 
-// How many letters two words differ by.
+// The edit distance of two words.
 std::size_t Distance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
   for (std::size_t j = 0; j < row.size(); ++j) row[j] = j;
@@ -88,7 +88,7 @@ std::size_t Distance(std::string_view a, std::string_view b) {
   return row.back();
 }
 
-// The setting that is meant, probably; null when none comes close.
+// The setting that was probably intended; null when none is close.
 const Setting* Nearest(const std::string& name) {
   constexpr std::size_t kLongest = 32;
   if (name.size() > kLongest) return nullptr;
@@ -139,7 +139,7 @@ Status CheckId(const std::string& text, const char* what) {
   return Bad("'" + text + "' is no id of a " + what + " (a UUID); 'vexa guest get' shows them");
 }
 
-// [{"<member>": "<id>"}, …], each once.
+// [{"<member>": "<id>"}, …], without duplicates.
 Status AddIds(const std::vector<std::string>& ids, const char* parameter, const char* member, const char* what,
               Json::Value& parameters) {
   std::set<std::string> seen;
@@ -242,8 +242,8 @@ Status AddNics(const GuestWords& words, Json::Value& parameters) {
   return {};
 }
 
-// What drives or ports hold.
-Status AddHeld(const std::vector<std::string>& words, const char* parameter, Json::Value& parameters) {
+// The contents of drives or ports.
+Status AddContents(const std::vector<std::string>& words, const char* parameter, Json::Value& parameters) {
   for (const std::string& word : words) {
     if (!IsValidUtf8(word)) return Bad(std::string("A text for '") + parameter + "' is not valid UTF-8");
     parameters[parameter].append(word.empty() || word == "none" ? std::string(kUnmounted) : word);
@@ -273,7 +273,7 @@ Result<Json::Value> ParametersOf(const GuestWords& words) {
   Json::Value parameters(Json::objectValue);
   for (const Status& status :
        {AddSettings(words.settings, parameters), AddDisks(words, parameters), AddNics(words, parameters),
-        AddHeld(words.isos, "iso_images", parameters), AddHeld(words.usbs, "usbs", parameters)}) {
+        AddContents(words.isos, "iso_images", parameters), AddContents(words.usbs, "usbs", parameters)}) {
     if (!status) return status.error();
   }
   if (const Status checked = CheckParameters(parameters); !checked) return checked.error();

@@ -1,4 +1,4 @@
-// What is to change of a guest, as words of a command line.
+// The requested changes to a guest, as words of a command line.
 #pragma once
 
 #include <json/value.h>
@@ -14,14 +14,14 @@ namespace vexa::cli {
 enum class SettingKind { kText, kNumber, kYesNo };
 
 struct Setting {
-  const char* name;  // of the parameter of "set", and of the member of the reply of "get"
+  const char* name;  // of the parameter of "set", and of the member in the reply to "get"
   SettingKind kind;
   const char* help;
 };
 
-// The settings that are one value, in the order in which they are shown.
+// The settings with a single value, in the order in which they are shown.
 std::span<const Setting> Settings();
-// Null when there is none of this name.
+// Null when there is no setting of this name.
 const Setting* FindSetting(const std::string& name);
 // "There is no setting 'vcpus'; did you mean 'vcpu_num'? The settings are …".
 Error UnknownSetting(const std::string& name);
@@ -39,12 +39,12 @@ struct GuestWords {
   std::vector<std::string> usbs;        // "1234:00ab", "3.14", "none"
 };
 
-// The parameters of "set" for these words, without "guest_id"; no parameter for what is not named. kInvalid: words that
-// cannot be understood, or what no guest can have.
+// The parameters of "set" for these words, without "guest_id"; nothing for what is not named. kInvalid: words that
+// cannot be parsed, or values that a guest cannot have.
 Result<Json::Value> ParametersOf(const GuestWords& words);
 
-// Whether a host could take these parameters of "set" for some guest. The API answers most of what a host would not
-// with one code and no reason, so it is found out here.
+// Whether a host could accept these parameters of "set" for some guest. The API refuses most invalid values with one
+// code and no reason, so they are checked here.
 Status CheckParameters(const Json::Value& parameters);
 
 }  // namespace vexa::cli

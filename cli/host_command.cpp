@@ -37,7 +37,7 @@ std::string JoinTexts(const Json::Value& list) {
   return result;
 }
 
-// "3 d 04:05:06" for a number of seconds, which may come as text; anything else as it is.
+// "3 d 04:05:06" for a number of seconds, which may come as text; any other value unchanged.
 std::string FormatUptime(const Json::Value& value) {
   const std::string text = Text(value);
   std::uint64_t seconds = 0;
@@ -51,7 +51,7 @@ std::string FormatUptime(const Json::Value& value) {
   return days == 0 ? clock : std::to_string(days) + " d " + clock;
 }
 
-// `value` with a unit behind it; nothing for a value that is not there.
+// `value` followed by a unit; nothing for a missing value.
 std::string WithUnit(const Json::Value& value, const char* unit) {
   const std::string text = Shown(value);
   return text.empty() ? text : text + " " + unit;

@@ -86,13 +86,13 @@ class HttpClient::Impl {
     Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     Set(CURLOPT_NOSIGNAL, 1L);
     Set(CURLOPT_USERAGENT, "vexa");
-    // Some replies take an hour; a server that has lost its power meanwhile says nothing.
+    // Some replies take an hour; a server that loses its power meanwhile sends nothing.
     Set(CURLOPT_TCP_KEEPALIVE, 1L);
     Set(CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
     Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<std::int64_t>(options_.timeout.count(), 10'000)));
     if (!options_.ca_file.empty()) Set(CURLOPT_CAINFO, options_.ca_file.c_str());
     if (over_unix_socket) Set(CURLOPT_UNIX_SOCKET_PATH, options_.endpoint.unix_socket.c_str());
-    // A proxy would read plain http, also that which is meant for this host only.
+    // A proxy could read plain http, even requests meant only for this host.
     if (!url.starts_with("https:")) Set(CURLOPT_PROXY, "");
     if (body != nullptr) {
       Set(CURLOPT_POST, 1L);

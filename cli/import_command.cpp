@@ -48,7 +48,7 @@ std::string TextMember(const Json::Value& record, const char* member) {
   return value.isString() ? json::String(value) : "";
 }
 
-// The disks and network interfaces that are the guest's own. A list can name those of another guest, whose they stay.
+// The guest's own disks and network interfaces. Its lists can also name parts of another guest, which keeps them.
 Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const std::string& id,
                                           const Json::Value& record) {
   std::vector<StoredPart> parts;
@@ -66,8 +66,8 @@ Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const
   return parts;
 }
 
-// The state as every reader of the guest sees it: the live one, else the record's. "" when there is none. What cannot
-// be understood is an error: the record's may be long outdated.
+// The state as every reader of the guest sees it: the live one, otherwise the record's. "" when absent. An
+// invalid one is an error, because the record's may be long outdated.
 Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string& id, StoredGuest& stored) {
   const auto value = snapshot.Get(cluster::LiveStateKey(id));
   if (!value) return value.error();
@@ -78,7 +78,7 @@ Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string
   return Error(ErrorCode::kCorrupt, "The live state of the guest '" + id + "' cannot be read");
 }
 
-// Which guest has which name. Read anew only when somebody else has written to the store.
+// Which guest has which name. Reread only when the store has changed otherwise.
 class NameIndex {
  public:
   Status Update(const store::Snapshot& snapshot) {
@@ -97,8 +97,8 @@ class NameIndex {
     return {};
   }
 
-  // The id of another guest than `id` that is called `name`; "" when there is none.
-  std::string OtherWithName(const std::string& name, const std::string& id) const {
+  // The id of a guest other than `id` with the name `name`; "" when absent.
+  std::string FindOtherByName(const std::string& name, const std::string& id) const {
     const auto [first, last] = ids_.equal_range(name);
     for (auto it = first; it != last; ++it) {
       if (it->second != id) return it->second;
@@ -106,16 +106,16 @@ class NameIndex {
     return "";
   }
 
-  // `id` was written by `revision`, and is called `name` from now on.
-  void Written(const std::string& id, const std::string& name, store::Revision revision) {
-    // A gap means that others have written as well: the next Update reads everything.
+  // `id` was written in `revision`, and has the name `name` from now on.
+  void NoteWritten(const std::string& id, const std::string& name, store::Revision revision) {
+    // A gap means that there were other changes: the next Update rereads everything.
     revision_ = revision == revision_ + 1 ? revision : 0;
     std::erase_if(ids_, [&](const auto& entry) { return entry.second == id; });
     ids_.emplace(name, id);
   }
 
-  // A dry run would have written it.
-  void Planned(const std::string& id, const std::string& name) {
+  // The same for a dry run, which writes nothing.
+  void NotePlanned(const std::string& id, const std::string& name) {
     const auto is_this_guest = [&](const auto& entry) { return entry.second == id; };
     std::erase_if(planned_, is_this_guest);
     std::erase_if(ids_, is_this_guest);
@@ -195,7 +195,7 @@ class Import {
       source.xml = std::move(domain.xml);
       source.autostart = domain.autostart;
       source.options = Options();
-      // libvirt knows the images of its own machine, which need not be this one.
+      // libvirt knows the images of its own machine, which may be another one than this.
       source.options.size_of = [connection = connection_.get(), id = domain.id, local = IsLocal(arguments_.uri)](
                                    const std::string& path, hypervisor::ImageFormat format) {
         Result<std::uint64_t> size = connection->DiskSize(id, path);
@@ -226,12 +226,12 @@ class Import {
     return Store(source, *guest);
   }
 
-  // libvirt names the file before the guest's first start makes it. Until then there is nothing to miss.
+  // libvirt names the file before the guest's first start creates it. Until then its absence is normal.
   static void ForgetUnmadeVariables(Json::Value& guest) {
     const std::string path = TextMember(guest, "nvram");
     struct stat info {};
     if (path.empty() || ::stat(path.c_str(), &info) == 0 || errno != ENOENT) return;
-    // A folder that is missing may be on storage that is not mounted.
+    // A missing folder may be on storage that is not mounted.
     if (::stat(path.substr(0, path.rfind('/') + 1).c_str(), &info) == 0) guest.removeMember("nvram");
   }
 
@@ -249,12 +249,12 @@ class Import {
       if (!parts) return parts.error();
       stored.parts = std::move(*parts);
       Result<std::string> now = ReadState(**snapshot, guest.id, stored);
-      // What a guest left behind that is gone is no state of the new one.
+      // What remains of an earlier guest is not a state of the new one.
       if (stored.revision != 0 && !now) return now.error();
       if (stored.revision != 0) state = std::move(*now);
     }
     if (Status allowed = CheckConflicts(guest, stored, state); !allowed) return allowed;
-    if (Status free = CheckNobodyHas(guest.id); !free) return free;
+    if (Status free = CheckGuestIsFree(guest.id); !free) return free;
     if (dry()) {
       Plan(source, guest);
       return {};
@@ -265,7 +265,7 @@ class Import {
       return Error(ErrorCode::kConflict, "The guest '" + guest.id + "' was changed meanwhile: import it again");
     }
     if (!revision) return revision.error();
-    names_.Written(guest.id, guest.guest["name"].asString(), *revision);
+    names_.NoteWritten(guest.id, guest.guest["name"].asString(), *revision);
     Report(source, guest, stored);
     return {};
   }
@@ -280,7 +280,7 @@ class Import {
       return Error(ErrorCode::kConflict,
                    "The guest '" + guest.id + "' is in the state '" + state + "': shut it down before it is replaced");
     }
-    const std::string other = names_.OtherWithName(name, guest.id);
+    const std::string other = names_.FindOtherByName(name, guest.id);
     if (!other.empty()) {
       return Error(ErrorCode::kConflict,
                    "The name '" + name + "' belongs to the guest '" + other + "': rename one of the two");
@@ -288,7 +288,7 @@ class Import {
     return {};
   }
 
-  Status CheckNobodyHas(const std::string& id) const {
+  Status CheckGuestIsFree(const std::string& id) const {
     const auto snapshot = store_.Read();
     if (!snapshot) return snapshot.error();
     for (const auto& [key, what] : {std::pair{guests::RunKey(id), "runs on a host: power it off"},
@@ -306,7 +306,7 @@ class Import {
     entry["source"] = source.label;
     planned_records_.append(std::move(entry));
     planned_ids_.insert(guest.id);
-    names_.Planned(guest.id, guest.guest["name"].asString());
+    names_.NotePlanned(guest.id, guest.guest["name"].asString());
   }
 
   void Report(const ImportSource& source, const ImportedGuest& guest, const StoredGuest& stored) {

@@ -1,4 +1,4 @@
-// `vexa import`: guests described by libvirt's domain XML become records of the store.
+// `vexa import`: turns guests described by libvirt's domain XML into records of the store.
 #pragma once
 
 #include <json/value.h>
@@ -34,7 +34,7 @@ struct ImportArguments {
   ImportMode mode = ImportMode::kWrite;
 };
 
-// What the command line says, before it is looked at.
+// The words of the command line, before they are checked.
 struct ImportWords {
   std::vector<std::string> files;
   std::string uri;
@@ -47,26 +47,26 @@ struct ImportWords {
   std::string host_id;
 };
 
-// kInvalid, with a sentence about the first of the words that cannot be.
+// kInvalid, with a sentence about the first invalid word.
 Result<ImportArguments> ResolveImportArguments(const ImportWords& words);
 
-// Imports one guest after the other. Each is written whole or not at all; a guest that cannot be imported does not keep
-// the others from it. `out` gets a line for each guest and its notes, or with ImportMode::kDryRun one JSON array of all
-// records and nothing is written; `err` gets a line for each guest that failed.
-// An error when any guest failed (kInvalid), or when nothing could be begun.
+// Imports one guest after another. Each is written completely or not at all; a guest that cannot be imported does not
+// prevent the others. `out` receives a line for each guest and its notes; with ImportMode::kDryRun it receives one JSON
+// array of all records, and nothing is written. `err` receives a line for each failed guest.
+// An error when any guest failed (kInvalid), or when the import could not start.
 Status RunImport(const ImportArguments& arguments, store::Store& store, std::ostream& out, std::ostream& err);
 
-// A guest to import: where its XML is and what it is imported with.
+// A guest to import: where its XML is, and the options of its import.
 struct ImportSource {
-  std::string label;  // names it in result lines
+  std::string label;  // its name in result lines
   std::string file;   // read when `xml` is not set
   std::optional<std::string> xml;
-  bool autostart = false;   // whether libvirt was to start it by itself
-  std::string expected_id;  // refused when the XML has another one; "" for any
+  bool autostart = false;   // whether libvirt was set to start it
+  std::string expected_id;  // refused when the XML has another id; "" accepts any
   hypervisor::ImportOptions options;
 };
 
-// The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the member that cannot be.
+// The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the invalid member.
 Result<std::vector<ImportSource>> ReadManifest(const std::string& path);
 
 // A record of a disk or a network interface.
@@ -75,21 +75,21 @@ struct StoredPart {
   store::Revision revision = 0;
 };
 
-// A guest's record and live state as the store has them; revision 0 when there is none.
+// A guest's record and live state in the store; revision 0 when absent.
 struct StoredGuest {
   store::Revision revision = 0;
   Json::Value record;
   store::Revision live_revision = 0;
   store::Revision renames_revision = 0;  // of guests::RenamesKey()
-  // The records of disks and network interfaces that the guest's record lists and that name the guest as theirs.
+  // The records of disks and network interfaces that the guest's record lists and that name this guest as their owner.
   std::vector<StoredPart> parts;
 };
 
-// Writes the records of `guest` and the definition that it had, provided that the stored guest is still as `replaced`
-// says. What domain XML does not say ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept from the
-// replaced record; records of disks and network interfaces that are the replaced guest's own and that the new one does
-// not use are deleted. The live state stays with what is known about its order while the guest stays on
-// the same host, and goes otherwise: what one host told says nothing about another.
+// Writes the records of `guest` and its original definition, provided that the stored guest is still equal to
+// `replaced`. What domain XML does not contain ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept
+// from the replaced record; records of disks and network interfaces that belong to the replaced guest and are not used
+// by the new one are deleted. The live state and its sequences stay while the guest stays on the same host, and are
+// removed otherwise: one host's report says nothing about another.
 store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const guests::DomainRecord& domain,
                                          const StoredGuest& replaced);
 

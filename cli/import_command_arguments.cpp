@@ -12,7 +12,8 @@ constexpr std::uint64_t kMaxDiskGib = hypervisor::kMaxDiskMib / 1024;
 
 Error Refused(std::string message) { return Error(ErrorCode::kInvalid, std::move(message)); }
 
-// NAME=VALUE, both not empty; split at the last '=' because a network's name may hold one and no value does.
+// NAME=VALUE, neither of them empty; split at the last '=', because a network's name may contain one and a value never
+// does.
 std::optional<std::pair<std::string, std::string>> SplitAssignment(const std::string& text) {
   const std::size_t at = text.rfind('=');
   if (at == std::string::npos || at == 0 || at + 1 == text.size()) return std::nullopt;
@@ -44,7 +45,7 @@ Status TakeNetwork(const std::string& value, ImportArguments& arguments) {
   return {};
 }
 
-// The empty text is an option that was not given.
+// An empty text means that the option was not given.
 Status TakeUuid(const std::string& option, const std::string& value, std::optional<std::string>& member) {
   if (value.empty()) return {};
   if (NormalizeUuid(value).empty()) {

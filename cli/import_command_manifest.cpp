@@ -1,4 +1,4 @@
-// The manifest: one JSON file that lists guests to import and what they are imported with.
+// The manifest: one JSON file that lists guests to import, with their options.
 #include <algorithm>
 #include <filesystem>
 
@@ -28,7 +28,7 @@ Status CheckMembers(const Json::Value& object, const std::string& where, std::in
   return {};
 }
 
-// Leaves `id` alone when there is no such member.
+// Leaves `id` unchanged when there is no such member.
 Status TakeUuid(const Json::Value& object, const std::string& member, const std::string& where, std::string& id) {
   if (!object.isMember(member)) return {};
   const Json::Value& value = object[member];

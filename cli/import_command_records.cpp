@@ -28,11 +28,12 @@ void AddRecords(std::string_view category, const Records& records, std::set<std:
   }
 }
 
-// Deletes what the replaced guest had and the new one has not, while it is still the guest's.
+// Deletes the parts that the replaced guest had and the new one does not have, as long as they still belong to the
+// guest.
 void RemoveParts(const std::vector<StoredPart>& parts, std::set<std::string>& written,
                  store::Transaction& transaction) {
   for (const StoredPart& part : parts) {
-    // Inserting keeps one that is listed twice from being deleted twice.
+    // The insertion keeps a part that is listed twice from being deleted twice.
     if (!written.insert(part.key).second) continue;
     transaction.compares.push_back({part.key, part.revision});
     transaction.operations.push_back({part.key, std::nullopt});
@@ -55,12 +56,12 @@ store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest,
   transaction.compares.push_back({key, replaced.revision});
   transaction.operations.push_back({key, json::ToText(record)});
   transaction.operations.push_back({guests::DomainKey(guest.id), guests::DomainText(domain)});
-  // Who removes or changes a file is to see that this guest has it.
+  // Code that removes or changes a file must see that this guest has it.
   transaction.operations.push_back({guests::FilesKey(), json::ToText(Json::Value(guest.id))});
   transaction.compares.push_back({cluster::LiveStateKey(guest.id), replaced.live_revision});
-  // A host that has the guest, deletes it, or edits its disks, is not to find another one in its place.
+  // A host that has the guest, deletes it, or edits its disks, must not find another one in its place.
   guests::CompareFree(transaction, guest.id);
-  // Two who give the same name at the same time are not both to find it free.
+  // Two commits that assign the same name at the same time must not both find it free.
   transaction.compares.push_back({guests::RenamesKey(), replaced.renames_revision});
   transaction.operations.push_back({guests::RenamesKey(), json::ToText(Json::Value(guest.id))});
   const bool stays = replaced.revision != 0 && json::Member(before, "host_id") == json::Member(record, "host_id");

@@ -13,14 +13,14 @@
 namespace vexa::cli {
 namespace {
 
-// Of ids in a message.
-constexpr std::size_t kMostShown = 20;
+// Limit for ids in a message.
+constexpr std::size_t kMaxShownIds = 20;
 
 }  // namespace
 
 std::string Shown(const Json::Value& value) {
   if (value.type() != Json::realValue) return Text(value);
-  // Beyond it there are no decimals, but digits that mean nothing.
+  // Above this, a double has no decimals, only meaningless digits.
   constexpr double kMax = 1e15;
   const double number = value.asDouble();
   std::array<char, 32> room{};
@@ -49,8 +49,8 @@ Result<std::string> FindByName(const Json::Value& list, const Naming& naming, co
   }
   if (ids.size() > 1) {
     std::string shown;
-    for (std::size_t i = 0; i < ids.size() && i < kMostShown; ++i) shown += (i == 0 ? "" : ", ") + ids[i];
-    if (ids.size() > kMostShown) shown += ", …";
+    for (std::size_t i = 0; i < ids.size() && i < kMaxShownIds; ++i) shown += (i == 0 ? "" : ", ") + ids[i];
+    if (ids.size() > kMaxShownIds) shown += ", …";
     return Error(ErrorCode::kConflict, "Several " + kind + "s are called '" + name + "': give the id, one of " + shown);
   }
   if (ids.empty()) {

@@ -1,4 +1,4 @@
-// Lists that a server answers with: tables of them, and the one object that a user means.
+// Lists in a server's replies: tables of them, and the one object that a user means.
 #pragma once
 
 #include <json/value.h>
@@ -10,7 +10,7 @@
 
 namespace vexa::cli {
 
-// As Text (cli/reply.h), but a number as people write it: with 3 decimals at most and without zeros behind them.
+// Like Text (cli/reply.h), but numbers in a readable form: with at most 3 decimals and without trailing zeros.
 std::string Shown(const Json::Value& value);
 
 struct Column {
@@ -18,17 +18,17 @@ struct Column {
   const char* member;
 };
 
-// A table on standard output; elements that are no object are empty rows.
+// A table on standard output; elements that are not objects become empty rows.
 void PrintRows(const Json::Value& list, std::span<const Column> columns);
 
-// What a user calls an object of a list.
+// How users refer to an object of a list.
 struct Naming {
   const char* kind;  // "host"
-  const char* id;    // the members with the id
-  const char* name;  // and the name
+  const char* id;    // the member with the id
+  const char* name;  // the member with the name
 };
 
-// The id of the one object of this name. kNotFound; kConflict, with their ids, when several have it.
+// The id of the one object with this name. kNotFound; kConflict, with their ids, when there are several.
 Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name);
 
 // {"<name>": "<value>"}

@@ -22,8 +22,8 @@ namespace {
 
 constexpr const char* kList = "/webapi/VEXA.Virtualization.Log/list";
 constexpr std::size_t kPage = 1000;
-// The log keeps a tenth of that; a server that goes on for ever is not followed.
-constexpr std::size_t kMostPages = 100;
+// The log keeps a tenth of that; a server that never ends its pages is not followed.
+constexpr std::size_t kMaxPages = 100;
 constexpr auto kPollEvery = std::chrono::seconds(1);
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
@@ -71,7 +71,7 @@ CallOutcome ReadNewest(HttpClient& client, std::size_t count, std::vector<Json::
     count -= std::min(count, page.entries.size());
     pages.push_back(std::move(page.entries));
     if (page.next.empty()) break;
-    if (page.next == cursor || pages.size() == kMostPages) {
+    if (page.next == cursor || pages.size() == kMaxPages) {
       outcome.exit_code = ExitCode::kFailed;
       outcome.failure = "The server's log does not come to an end";
       return outcome;
@@ -84,7 +84,7 @@ CallOutcome ReadNewest(HttpClient& client, std::size_t count, std::vector<Json::
   return outcome;
 }
 
-// "2026-03-01 12:00:00" in local time; "-" for a time that is none.
+// "2026-03-01 12:00:00" in local time; "-" for an invalid time.
 std::string LocalTime(const Json::Value& time_us) {
   const std::optional<std::int64_t> time = Integer(time_us);
   std::tm local{};
@@ -119,7 +119,7 @@ std::int64_t NewestTime(const std::vector<Json::Value>& entries, std::int64_t ne
   return newest;
 }
 
-// While it lives, Ctrl-C ends the process with 0, and not in the middle of a line.
+// While it lives, Ctrl-C ends the process with 0, and never in the middle of a line.
 class QuietEnd {
  public:
   QuietEnd() {
@@ -163,7 +163,7 @@ ExitCode Follow(HttpClient& client, const GlobalOptions& global, std::int64_t af
     is_away = is_temporary;
     end.Print(global, page.entries);
     const std::int64_t newest = NewestTime(page.entries, after);
-    // A full page has more behind it.
+    // A full page is followed by more.
     const bool is_more = page.entries.size() >= kPage && newest > after;
     after = newest;
     if (!is_more) std::this_thread::sleep_for(kPollEvery);
@@ -183,7 +183,7 @@ ExitCode RunLog(const GlobalOptions& global, const LogOptions& options) {
   std::vector<Json::Value> entries;
   std::optional<QuietEnd> end;
   if (is_following) end.emplace();
-  // One at least tells where to follow from.
+  // At least one, to know where to follow from.
   const CallOutcome outcome = ReadNewest(client, is_following ? std::max<std::size_t>(count, 1) : count, entries);
   if (outcome.exit_code != ExitCode::kOk) return Tell(outcome);
   const std::int64_t newest = NewestTime(entries, 0);

@@ -6,7 +6,7 @@
 #include "cli/exit_code.h"
 
 int main(int argc, char** argv) {
-  // Texts are UTF-8 whatever the caller's locale; the width of a character is asked of the C library.
+  // Texts are UTF-8 whatever the caller's locale; the C library determines the width of characters.
   std::setlocale(LC_CTYPE, "C.UTF-8");
   try {
     const int code = vexa::cli::RunCommandLine(argc, argv);

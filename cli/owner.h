@@ -8,10 +8,10 @@
 namespace vexa::cli {
 
 // kNotFound when `path` does not exist. kDenied when another account owns it: a file that is replaced or created by the
-// wrong account locks the daemon out of it. The error tells which account to use.
+// wrong account locks the daemon out. The error says which account to use.
 Status CheckOwner(const std::string& path);
 
-// The same for a file that may be missing: then its folder decides.
+// The same for a file that may be missing: in that case its folder decides.
 Status CheckOwnerOrFolder(const std::string& path);
 
 }  // namespace vexa::cli

@@ -24,7 +24,7 @@ bool IsIgnored(int signal) {
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// While it lives, SIGINT waits to be taken, in this thread and those that it starts.
+// While it lives, SIGINT is held back in this thread and its children, until it is taken.
 class HeldInterrupt {
  public:
   HeldInterrupt() : is_held_(!IsIgnored(SIGINT)) {
@@ -38,7 +38,7 @@ class HeldInterrupt {
   HeldInterrupt(const HeldInterrupt&) = delete;
   HeldInterrupt& operator=(const HeldInterrupt&) = delete;
 
-  // Whether it came.
+  // Whether SIGINT came.
   bool Take() const {
     const timespec no_time{};
     return is_held_ && ::sigtimedwait(&signals_, nullptr, &no_time) == SIGINT;
@@ -61,7 +61,7 @@ class HeldInterrupt {
 
 void RunInParallel(std::size_t count, const ParallelOptions& options, const std::function<void(std::size_t)>& work) {
   constexpr auto kLook = std::chrono::milliseconds(100);
-  constexpr int kLooksPerSecond = 10;
+  constexpr int kChecksPerSecond = 10;
   const HeldInterrupt interrupt;
   std::atomic<std::size_t> next = 0;
   std::mutex mutex;
@@ -79,9 +79,9 @@ void RunInParallel(std::size_t count, const ParallelOptions& options, const std:
   try {
     while (threads.size() < std::min(count, options.threads)) threads.emplace_back(run);
   } catch (const std::system_error&) {
-    if (threads.empty()) throw;  // those that there are do all the work
+    if (threads.empty()) throw;  // the existing ones do all the work
   }
-  for (std::size_t seen = 0, looks = 1; seen < count; ++looks) {
+  for (std::size_t seen = 0, checks = 1; seen < count; ++checks) {
     bool is_news = false;
     {
       std::unique_lock lock(mutex);
@@ -89,7 +89,7 @@ void RunInParallel(std::size_t count, const ParallelOptions& options, const std:
       seen = done;
     }
     if (interrupt.Take()) EndInterrupted(options);
-    if (is_news || looks % kLooksPerSecond == 0) options.on_change();
+    if (is_news || checks % kChecksPerSecond == 0) options.on_change();
   }
 }
 

@@ -14,7 +14,7 @@
 namespace vexa::cli {
 namespace {
 
-// One line of `fd`, byte by byte, so that what follows it is left for others.
+// One line of `fd`, read byte by byte, so that what follows it is left for others.
 Result<std::string> ReadLine(int fd, int interrupt_fd) {
   std::string line;
   while (true) {
@@ -41,8 +41,8 @@ Result<std::string> ReadLine(int fd, int interrupt_fd) {
   return line;
 }
 
-// While it lives, the terminal does not echo, and signals that would end or stop the program wait: they are delivered
-// when the terminal is as before.
+// While it lives, the terminal does not echo, and signals that would end or stop the program are held back until the
+// terminal is restored.
 class SilentTerminal {
  public:
   SilentTerminal() : fd_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)) {
@@ -75,7 +75,7 @@ class SilentTerminal {
   void Show(std::string_view text) const {
     while (!text.empty()) {
       const ssize_t count = ::write(fd_, text.data(), text.size());
-      if (count <= 0) return;  // a prompt that cannot be shown is not worth failing for
+      if (count <= 0) return;  // a prompt that cannot be shown is not a reason to fail
       text.remove_prefix(static_cast<std::size_t>(count));
     }
   }

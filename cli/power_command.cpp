@@ -22,7 +22,7 @@ constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr const char* kHosts = "/webapi/VEXA.Virtualization.Host/list";
 constexpr int kActionTimeoutS = 3600;
 
-// The names of the hosts, by id; none when they cannot be had, as they are only told along.
+// The names of the hosts, by id. Empty when they cannot be read, because they are only additional information.
 std::map<std::string, std::string> HostNames(HttpClient& client) {
   std::map<std::string, std::string> names;
   const CallOutcome outcome = TryApi(client, kHosts, "{}");
@@ -32,7 +32,7 @@ std::map<std::string, std::string> HostNames(HttpClient& client) {
   return names;
 }
 
-// Shows what would be lost, and has "yes" typed.
+// Shows what would be lost, and makes the user type "yes".
 ExitCode Confirm(HttpClient& client, const std::vector<NamedGuest>& guests) {
   Table table{{"NAME", "GUEST", "DISKS"}, {}};
   for (const NamedGuest& guest : guests) {

@@ -1,4 +1,4 @@
-// The commands that change whether guests run, and that delete them.
+// The commands that start, stop and delete guests.
 #pragma once
 
 #include <chrono>
@@ -16,16 +16,16 @@ enum class Confirmation { kAsk, kGiven };
 struct GuestActionOptions {
   GuestAction action = GuestAction::kStart;
   std::vector<std::string> guests;  // names or ids
-  Waiting waiting = Waiting::kNo;   // kStart, kStop and kKill: until the guest's state is what was asked for
+  Waiting waiting = Waiting::kNo;   // kStart, kStop and kKill: until the guest is in the requested state
   int wait_timeout_s = 300;
   Confirmation confirmation = Confirmation::kAsk;  // kDelete
 };
 
-// How long one of them may take: what --timeout says, else an hour, as long as a host may take.
+// How long one of them may take: --timeout, otherwise an hour, which is as long as a host may take.
 std::chrono::seconds ActionTimeout(const GlobalOptions& global);
 
-// `vexa guest start`, `stop`, `kill`, `restart`, `delete`, `discard-saved` and `release`. Nothing is sent unless every
-// name is one guest's.
+// `vexa guest start`, `stop`, `kill`, `restart`, `delete`, `discard-saved` and `release`. Sends nothing unless every
+// name is that of one guest.
 ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options);
 
 }  // namespace vexa::cli

@@ -20,10 +20,10 @@ struct Range {
   std::uint32_t last;
 };
 
-// Characters without a picture of their own that change what is around them. Sorted.
+// Invisible characters that change the text around them. Sorted.
 constexpr std::array kHidden = {
     Range{0x0000, 0x001F},    // C0 control characters
-    Range{0x007F, 0x009F},    // delete, and C1, among them an 8-bit CSI
+    Range{0x007F, 0x009F},    // delete, and C1, which includes an 8-bit CSI
     Range{0x00AD, 0x00AD},    // soft hyphen
     Range{0x061C, 0x061C},    // Arabic letter mark
     Range{0x180E, 0x180E},    // Mongolian vowel separator
@@ -38,7 +38,7 @@ constexpr std::array kHidden = {
 
 struct Decoded {
   std::uint32_t code_point = 0;
-  std::size_t bytes = 0;  // 0: no UTF-8 here
+  std::size_t bytes = 0;  // 0: not UTF-8
 };
 
 Decoded DecodeFirst(std::string_view text) {
@@ -119,7 +119,7 @@ std::string Shorten(std::string_view printable, std::size_t columns) {
   while (at < printable.size()) {
     const Decoded decoded = DecodeFirst(printable.substr(at));
     width += decoded.bytes == 0 ? 1 : WidthOf(decoded.code_point);
-    // Marks without width pile up on one column: bound the bytes as well.
+    // Zero-width marks pile up on one column, so the bytes are limited as well.
     if (width > columns || at > columns * 8) return std::string(printable.substr(0, cut)) + "…";
     at += std::max<std::size_t>(decoded.bytes, 1);
     if (width < columns) cut = at;

@@ -1,4 +1,4 @@
-// Texts that others chose, made safe to show on a terminal, and tables of them.
+// Makes texts from outside safe to show on a terminal, also in tables.
 #pragma once
 
 #include <cstddef>
@@ -10,12 +10,12 @@
 
 namespace vexa::cli {
 
-// `text` on one line without anything that drives a terminal: control characters, line and paragraph separators,
-// characters that turn the direction of writing and other invisible ones, bytes that are not UTF-8, and the backslash
+// `text` on one line without anything that controls a terminal: control characters, line and paragraph separators,
+// characters that change the direction of writing and other invisible ones, bytes that are not UTF-8, and the backslash
 // are shown as \n, \t, \\, \xHH or \u{HHHH}.
 std::string Printable(std::string_view text);
 
-// The columns that a printable UTF-8 text takes on a terminal.
+// The number of columns that a printable UTF-8 text takes on a terminal.
 std::size_t DisplayWidth(std::string_view printable);
 
 // A printable text cut to `columns`, ending in "…" when something was cut off.
@@ -23,7 +23,7 @@ std::string Shorten(std::string_view printable, std::size_t columns);
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
-// "Label   value" lines, values aligned. Values are made printable and shown whole.
+// "Label value" lines, values aligned. Values are made printable and shown in full.
 void PrintFields(std::ostream& out, const Fields& fields);
 
 struct Table {
@@ -31,8 +31,8 @@ struct Table {
   std::vector<std::vector<std::string>> rows;
 };
 
-// A table with aligned columns. Cells are made printable and cut at 120 columns; after 1000 rows only the number of the
-// remaining ones is told. Both keep a hostile reply from filling the memory with blanks.
+// A table with aligned columns. Cells are made printable and cut at 120 columns; after 1000 rows, only the number of
+// the remaining ones is shown. Both limits keep a hostile reply from filling the memory with blanks.
 void PrintTable(std::ostream& out, const Table& table);
 
 }  // namespace vexa::cli

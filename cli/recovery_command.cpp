@@ -17,7 +17,7 @@ constexpr const char* kForget = "/webapi/VEXA.Virtualization.Host/forget";
 constexpr const char* kHostList = "/webapi/VEXA.Virtualization.Host/list";
 constexpr Naming kHosts{"host", "host_id", "name"};
 
-// The id of the host called `word`; failures are printed.
+// The id of the host for `word`; failures are printed.
 ExitCode FindHost(HttpClient& client, const std::string& word, std::string& id) {
   if (word.empty() || !IsValidUtf8(word)) return Report(NotText("host's id or name"));
   if (IsUuidForm(word)) {

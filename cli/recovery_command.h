@@ -17,7 +17,7 @@ struct RecoverOptions {
   bool discard_saved = false;
 };
 
-// Nothing is sent unless every name is one guest's. Goes on with the others when one fails.
+// Sends nothing unless every name is that of one guest. Continues with the others when one fails.
 ExitCode RunGuestRecover(const GlobalOptions& global, const RecoverOptions& options);
 
 struct ForgetOptions {

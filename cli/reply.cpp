@@ -21,7 +21,7 @@ std::string Text(const Json::Value& value) {
 }
 
 std::optional<std::int64_t> Integer(const Json::Value& value) {
-  // isInt64 holds for doubles without a fraction as well.
+  // isInt64 is also true for doubles without a fraction.
   if (value.isInt64()) return value.asInt64();
   return std::nullopt;
 }
@@ -33,7 +33,7 @@ std::string RenderJson(const Json::Value& value, JsonLayout layout) {
   builder["indentation"] = layout == JsonLayout::kIndented ? "  " : "";
   builder["emitUTF8"] = false;
   const std::string text = Json::writeString(builder, value);
-  // The one control character that the writer leaves as it is; it can only be inside a string.
+  // The one control character that the writer does not escape; it can only be inside a string.
   std::string result;
   for (const char c : text) {
     if (c == '\x7f') {

@@ -1,4 +1,4 @@
-// What the server answered. Every byte of it is the server's choice: nothing here throws or trusts a type.
+// Reads a server's reply. The server controls every byte of it: nothing here throws or trusts a type.
 #pragma once
 
 #include <json/value.h>
@@ -17,12 +17,12 @@ struct HttpReply {
   std::string body;
 };
 
-// A reply of the API, taken apart.
+// A parsed reply of the API.
 struct ApiReply {
   int http_status = 0;
   bool success = false;
-  Json::Value data;  // when success
-  // When not:
+  Json::Value data;  // on success
+  // On failure:
   std::optional<std::int64_t> code;
   std::string message;
   Json::Value details;
@@ -30,21 +30,21 @@ struct ApiReply {
   std::string request_id;
 };
 
-// kCorrupt when the body is not a reply of the API; the error tells the HTTP status and what is wrong, not the body.
-// A reply whose HTTP status and "success" contradict each other is not one.
+// kCorrupt when the body is not a reply of the API; the error names the HTTP status and the problem, not the body. A
+// reply whose HTTP status and "success" contradict each other is not valid.
 Result<ApiReply> ReadApiReply(const HttpReply& reply);
 
 // Total readers.
 
 using VexaVirtualization::json::Member;
-// Strings as they are, numbers and booleans as JSON writes them, everything else "".
+// Strings unchanged, numbers and booleans as JSON writes them, everything else "".
 std::string Text(const Json::Value& value);
-// Empty for everything that is not an integer that fits.
+// Empty unless it is an integer that fits.
 std::optional<std::int64_t> Integer(const Json::Value& value);
 // True only for the boolean true.
 bool IsTrue(const Json::Value& value);
 
-// JSON text in ASCII only, so that it is safe on a terminal; on one line, or with indentation.
+// JSON text in ASCII only, so that it is safe on a terminal; on one line, or indented.
 enum class JsonLayout { kOneLine, kIndented };
 std::string RenderJson(const Json::Value& value, JsonLayout layout);
 

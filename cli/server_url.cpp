@@ -25,7 +25,7 @@ UrlHandle Parse(const std::string& text) {
 }
 
 bool IsLoopbackHost(std::string host) {
-  if (host == "localhost") return true;  // libcurl never asks a name server for it
+  if (host == "localhost") return true;  // libcurl never resolves it through a name server
   in_addr four{};
   if (::inet_pton(AF_INET, host.c_str(), &four) == 1) return ntohl(four.s_addr) >> 24 == 127;
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
@@ -36,7 +36,7 @@ bool IsLoopbackHost(std::string host) {
 }  // namespace
 
 Result<Endpoint> ParseServerUrl(const std::string& text) {
-  // The text is not repeated in errors: it may hold a password.
+  // Errors do not repeat the text: it may contain a password.
   const auto refused = [](std::string why) {
     return Error(ErrorCode::kInvalid, "The server's URL cannot be used", std::move(why));
   };

@@ -20,7 +20,7 @@ std::string OwnName() {
   return entry && entry->pw_name ? entry->pw_name : "";
 }
 
-// Where to log in. The saved login names the server only; a damaged one is about to be replaced.
+// Where to log in. The saved login only determines the server; a damaged one is about to be replaced.
 Result<Endpoint> ChooseLoginEndpoint(const GlobalOptions& global) {
   const Result<std::optional<SavedLogin>> saved = LoadLogin();
   Result<Endpoint> endpoint = ChooseEndpoint(global, saved ? *saved : std::nullopt);
@@ -38,7 +38,7 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
   const Result<Endpoint> endpoint = ChooseLoginEndpoint(global);
   if (!endpoint) return Report(endpoint.error());
   if (IsExposed(*endpoint) && !global.insecure_http) {
-    // Before a password is asked for in vain.
+    // Before asking for a password in vain.
     return Report(
         Error(ErrorCode::kInvalid, "Refused to send a password unencrypted to '" + endpoint->url +
                                        "'; use https, or --insecure-http if you accept that others can read it"));
@@ -81,7 +81,7 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
 ExitCode RunLogout(const GlobalOptions& global) {
   GlobalOptions where = global;
   if (global.token_file.empty()) {
-    // The session that is ended is the saved one, so the server is its server, whatever the environment says.
+    // Only the saved session is ended, so its own server is used, whatever the environment says.
     const Result<std::optional<SavedLogin>> saved = LoadLogin();
     if (!saved || !*saved) {
       const ExitCode code = saved ? ExitCode::kOk : Report(saved.error());
@@ -111,7 +111,7 @@ ExitCode RunLogout(const GlobalOptions& global) {
     return code;
   }
   const Result<ApiReply> understood = ReadApiReply(*reply);
-  // 401: the session had ended already.
+  // 401: the session had already ended.
   if (reply->status != 401 && !understood) return Report(understood.error());
   if (reply->status != 401 && !understood->success) {
     return Report(

@@ -9,15 +9,15 @@
 namespace vexa::cli {
 
 struct LoginOptions {
-  std::string user;  // the name of the account that runs the program when empty
+  std::string user;  // if empty, the account that runs the program
   PasswordSource password = PasswordSource::kTerminal;
 };
 
-// Asks the server for a session and saves it. Nothing is saved, and an older login stays, when the server refuses.
+// Requests a session from the server and saves it. When the server refuses, nothing is saved, and an older login stays.
 ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options);
 
-// Ends the session at the server and forgets it here. It is forgotten here even when the server cannot be reached; the
-// exit code tells.
+// Ends the session at the server and removes it here. It is removed here even when the server cannot be reached; the
+// exit code shows that.
 ExitCode RunLogout(const GlobalOptions& global);
 
 ExitCode RunWhoami(const GlobalOptions& global);

@@ -20,7 +20,7 @@ struct NewUserOptions {
   bool advanced = false;
 };
 
-// Creates the store when there is none.
+// Creates the store when it does not exist.
 ExitCode RunUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options);
 ExitCode RunUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
                        PasswordSource source);

@@ -5,7 +5,7 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
-# Line numbers in traces and reports; the variables of a debugger are in the debug build. It halves the object files.
+# Line numbers in traces and reports; only the debug build has a debugger's variables. This halves the object files.
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1 -DNDEBUG")
 
 set(VEXA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
@@ -24,12 +24,12 @@ if(VEXA_SANITIZE)
   set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1")
   add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VEXA_SANITIZE})
-  # gcc(1) says of sanitizers that they bring false positives of this warning; the other builds keep it.
+  # According to gcc(1), sanitizers cause false positives of this warning; the other builds keep it.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-Wno-maybe-uninitialized)
   endif()
   if(VEXA_FUZZ)
-    # Coverage everywhere; the engine, with its main function, is linked to the fuzz targets alone.
+    # Coverage everywhere; the engine, with its main function, is only linked to the fuzz targets.
     add_compile_options(-fsanitize=fuzzer-no-link)
     add_link_options(-fsanitize=fuzzer-no-link)
   endif()
@@ -40,7 +40,7 @@ if(VEXA_SANITIZE)
 else()
   add_link_options(-Wl,-z,relro,-z,now)
   if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
-    # g++ 12 sees what is not there in additions of texts (its bug 105651); the address sanitizer sees what is.
+    # g++ 12 has false positives for concatenated strings (its bug 105651); the address sanitizer finds real ones.
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
       add_compile_options(-Wno-array-bounds -Wno-restrict)
     endif()
@@ -55,10 +55,10 @@ find_package(Threads REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
 
-# For code that runs once, such as tests and option parsers: optimising it takes the compiler more time than it saves.
+# For code that runs once, such as tests and option parsers: optimising it costs the compiler more time than it saves.
 # Fortified functions need optimisation.
 set(VEXA_RUNS_ONCE -O0 -U_FORTIFY_SOURCE)
-# The same of tests. What they test is watched for undefined behaviour; watching them too would double their compilation.
+# The same for tests. The tested code is checked for undefined behaviour; checking the tests would double compile time.
 set(VEXA_TESTS_ONLY ${VEXA_RUNS_ONCE})
 if(VEXA_SANITIZE MATCHES "undefined")
   list(APPEND VEXA_TESTS_ONLY -fno-sanitize=undefined)
@@ -84,8 +84,8 @@ function(vexa_library name)
   endif()
 endfunction()
 
-# What all tests include takes the compiler longer to read than most tests themselves. A program, since its flags must be
-# those of the tests.
+# The compiler needs longer for the common includes of the tests than for most tests themselves. A program, because its
+# flags must equal those of the tests.
 function(vexa_test_headers)
   add_executable(vexa_test_headers ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
   target_compile_options(vexa_test_headers PRIVATE ${VEXA_TESTS_ONLY})
@@ -94,11 +94,11 @@ function(vexa_test_headers)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
 endfunction()
 
-# Of binutils, as ld is, and three times as quick with many static libraries and their debug information.
+# Like ld a part of binutils, and three times as fast with many static libraries and their debug information.
 find_program(VEXA_GOLD ld.gold)
 
 # vexa_test(NAME [ONE_THREAD] SOURCES... LINK ... [LABELS ...] [TIMEOUT s]): one GoogleTest program, run by CTest as one
-# test. ONE_THREAD: it never has a second one, so that the thread sanitizer can see nothing in it and does without.
+# test. ONE_THREAD: it never has a second thread, so the build for the thread sanitizer leaves it out.
 function(vexa_test name)
   cmake_parse_arguments(arg "ONE_THREAD" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
   if(NOT arg_TIMEOUT)
@@ -120,7 +120,7 @@ function(vexa_test name)
 endfunction()
 
 # vexa_fuzz(NAME SOURCES... LINK ...): one fuzz target, the program NAME_fuzz, whose corpus is fuzz/corpus/NAME. CTest
-# runs it on its corpus; with VEXA_FUZZ it looks for new inputs instead (docs/fuzzing.md).
+# runs it on its corpus; with VEXA_FUZZ it searches for new inputs instead (docs/fuzzing.md).
 function(vexa_fuzz name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name}_fuzz ${arg_SOURCES})

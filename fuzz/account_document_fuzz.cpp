@@ -1,4 +1,4 @@
-// The text of the account file: what is understood refers to nothing missing and has nothing twice.
+// The text of the account file: every reference in an accepted text resolves, and nothing is duplicated.
 #include <set>
 #include <string>
 

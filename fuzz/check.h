@@ -1,4 +1,4 @@
-// What the fuzz targets have in common.
+// Shared by the fuzz targets.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@ inline std::string_view Text(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-// The text up to the next `separator`, which goes as well; the rest when there is none.
+// The text up to the next `separator`, which is removed as well; the rest when there is none.
 inline std::string_view TakeUntil(std::string_view& rest, std::string_view separator) {
   const std::size_t end = rest.find(separator);
   const std::string_view part = rest.substr(0, end);

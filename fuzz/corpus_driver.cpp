@@ -39,9 +39,9 @@ bool RunFile(const std::string& file) {
     std::fprintf(stderr, "%s\n", input.error().ToString().c_str());
     return false;
   }
-  // A copy of exactly that size on the heap, so that a read beyond its end is seen by the address sanitizer.
+  // A copy of exactly that size on the heap, so that the address sanitizer detects a read beyond its end.
   const std::vector<std::uint8_t> bytes(input->begin(), input->end());
-  // Known before a crash: what is printed last names the input.
+  // Printed before the run, so that after a crash the last line names the input.
   std::printf("%s\n", file.c_str());
   std::fflush(stdout);
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());

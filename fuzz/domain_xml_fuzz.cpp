@@ -1,5 +1,5 @@
-// Domain XML from outside: what is accepted becomes consistent records whose text is JSON, and every other text is
-// refused with a sentence.
+// Domain XML from outside: accepted XML becomes consistent records whose text is JSON, and everything else is refused
+// with a sentence.
 #include <set>
 #include <string>
 
@@ -15,9 +15,9 @@ namespace json = VexaVirtualization::json;
 using vexa::fuzz::Check;
 using namespace vexa::hypervisor;
 
-constexpr std::size_t kMaxNotes = 101;  // the last one says that there were others
+constexpr std::size_t kMaxNotes = 101;  // the last one says that there were more
 
-// As text, and no other guest's.
+// As text, and not those of another guest.
 void CheckDevices(const std::vector<std::pair<std::string, Json::Value>>& devices, const Json::Value& listed,
                   const std::string& guest_id) {
   Check(listed.isArray() && listed.size() == devices.size(), "the guest lists its devices");

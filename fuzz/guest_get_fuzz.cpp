@@ -1,7 +1,7 @@
-// Guest::Get on a real store, with damaged records and any parameters: it always answers, with what it promises.
+// Guest::Get on a real store, with damaged records and any parameters: it always answers, and keeps its promises.
 //
 // The input's lines: the parameters; the records of the guest, of a disk called "disk", of an interface called "nic",
-// and of alice's rights. An empty line stands for a record that is not there.
+// and of alice's rights. An empty line stands for a missing record.
 #include <string>
 #include <string_view>
 
@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static Ground ground;
   std::string_view rest = vexa::fuzz::Text(data, size);
   const auto parameters = vexa::ParseJson(vexa::fuzz::TakeUntil(rest, "\n"));
-  if (!parameters.ok()) return 0;  // no handler sees such a request
+  if (!parameters.ok()) return 0;  // handlers never see such a request
   vexa::store::Transaction records;
   records.operations.push_back(Stored("guest", kGuest, vexa::fuzz::TakeUntil(rest, "\n")));
   records.operations.push_back(Stored("vdisk", "disk", vexa::fuzz::TakeUntil(rest, "\n")));

@@ -1,9 +1,9 @@
-// Guest::Set with any parameters, on a platform of any mood: it answers what it may, sends what it was given and
-// nothing that was refused, and sets rights after a success of the host only.
+// Guest::Set with any parameters, on a platform in any mood: it gives a permitted answer, sends what it was given and
+// nothing that was refused, and sets rights only after a success of the host.
 //
-// The input's lines: the mood, one letter for each thing that is so (see Mood); the host's reply, null without one; the
-// parameters. Parameters that are no JSON are bytes from which well-formed ones are built, so that what a fuzzer
-// changes is not mostly refused as no JSON.
+// The input's lines: the mood, one letter for each condition that holds (see Mood); the host's reply, null without one;
+// the parameters. If the parameters are not JSON, their bytes are used to build well-formed ones, so that the fuzzer's
+// changes are not mostly refused as invalid JSON.
 #include <set>
 #include <string>
 #include <string_view>
@@ -24,7 +24,7 @@ using vexa::fuzz::Check;
 using vexa::test::Platform;
 
 const std::string kGuest = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
-// All but the name, which is only sent when it is a new one.
+// All except the name, which is only sent when it is a new one.
 constexpr const char* kSentNames[] = {"guest_id",     "vcpu_num",   "vram_size",  "video_card",  "desc",
                                       "cpu_passthru", "autorun",    "boot_from",  "use_ovmf",    "vnics_add",
                                       "vnics_del",    "vnics_edit", "vdisks_add", "vdisks_del",  "usbs",
@@ -44,7 +44,7 @@ struct Mood {
   std::string_view letters;
 };
 
-// Parameters from bytes: which are there, and what they hold.
+// Builds parameters from bytes: which are present, and their values.
 class Builder {
  public:
   explicit Builder(std::string_view bytes) : rest_(bytes) {}
@@ -152,7 +152,7 @@ void SetUpPlatform(const Mood& mood, const Json::Value& reply) {
   if (reply.isObject()) platform.replies = {{"local", reply}, {"north", reply}};
 }
 
-// A list of disks with the sizes that hosts are sent.
+// A list of disks with the sizes that are sent to hosts.
 Json::Value Scaled(Json::Value disks) {
   for (Json::Value& disk : disks) disk["vdisk_size"] = Json::Int64{json::Int(disk["vdisk_size"])} * 1024;
   return disks;
@@ -216,7 +216,7 @@ Outcome Answer(const Json::Value& parameters, const Mood& mood, const Json::Valu
   return {response.IsSet(), response.ErrorCode(), response.Data(), platform.sent.size()};
 }
 
-// What somebody who was only granted the guest may have sent.
+// What a user with only a grant on the guest may have sent.
 void CheckGranted(const Json::Value& parameters, const Mood& mood) {
   Check(mood.is_granted(), "strangers change nothing");
   static const std::set<std::string> free{"guest_id", "iso_images", "use_ovmf", "api", "method", "version"};

@@ -1,8 +1,8 @@
-// Arbitrary JSON as every host's reply, and as every record that is read beside one: nothing throws, and what is told
-// has its form.
+// Arbitrary JSON as every host's reply, and as every record that is read with one: nothing throws, and the result has
+// its form.
 //
-// The input's lines: the reply; the record of the host, of its network interface and of the guest; what is asked for.
-// A line that is no JSON, or none at all, is null.
+// The input's lines: the reply; the record of the host, of its network interface and of the guest; what is requested. A
+// line that is missing or not JSON is null.
 #include <json/reader.h>
 
 #include <algorithm>
@@ -29,7 +29,7 @@ using vexa::fuzz::Check;
 
 constexpr const char* kHost = "h";
 
-// As strict as what reads replies from the network is, so that what comes here could come from there.
+// As strict as the reader of replies from the network, so that every value here could come from there.
 Json::Value TakeJson(std::string_view& rest) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);

@@ -1,4 +1,4 @@
-// Requests from a network: how the bytes were cut into packets changes neither what a request is nor where it ends.
+// Requests from a network: how the bytes were split into packets changes neither what a request is nor where it ends.
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -13,23 +13,23 @@ using vexa::daemon::RequestParser;
 using vexa::fuzz::Check;
 
 constexpr std::size_t kBodyLimit = 300;
-// Between chunks, fewer bytes than this are not looked at yet.
+// Between chunks, fewer bytes than this are not examined yet.
 constexpr std::size_t kShortestChunkEnd = 5;
 
 struct Outcome {
   int status = 0;
   bool done = false;
   std::size_t consumed = 0;
-  std::size_t waiting = 0;  // given, and looked at again when more comes
+  std::size_t waiting = 0;  // passed in, and examined again when more arrives
   std::string body;
 };
 
-// The refusal of the last bytes may still be to come.
+// The refusal of the last bytes may still be pending.
 bool IsUndecided(const Outcome& outcome) {
   return outcome.status == 0 && !outcome.done && outcome.waiting < kShortestChunkEnd;
 }
 
-// Gives `bytes` in pieces of `piece`, as a network might.
+// Passes `bytes` in pieces of size `piece`, as a network might.
 Outcome ReadBody(RequestParser& parser, std::string_view bytes, std::size_t piece) {
   Outcome outcome;
   std::string waiting;

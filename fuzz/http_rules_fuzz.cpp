@@ -9,7 +9,7 @@ namespace {
 
 using vexa::fuzz::Check;
 
-// How often a line begins with `name` and a colon, in either case, whatever stands between them.
+// How often a line begins with `name` and a colon, ignoring case, whatever is between them.
 std::size_t CountFields(std::string_view lower_head, std::string_view name) {
   std::size_t count = 0;
   for (std::size_t at = lower_head.find(name); at != std::string_view::npos; at = lower_head.find(name, at + 1)) {

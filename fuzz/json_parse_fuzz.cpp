@@ -1,5 +1,5 @@
-// JSON text from outside: what is accepted means the same when it is written and read again, and every total reader
-// answers for every value of it.
+// JSON text from outside: an accepted text means the same when it is written and read again, and every total reader
+// handles every value of it.
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -14,7 +14,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 using vexa::fuzz::Check;
 
-// Reads `value` in every way there is, and returns how deep it is nested.
+// Reads `value` in every possible way, and returns how deep it is nested.
 int ReadEverything(const Json::Value& value, int level) {
   (void)json::String(value);
   (void)json::Int(value);

@@ -1,4 +1,4 @@
-// An import manifest: what is accepted is whole, and every other text is refused with a sentence.
+// An import manifest: an accepted one is complete, and every other text is refused with a sentence.
 #include <string>
 
 #include "cli/import_command.h"

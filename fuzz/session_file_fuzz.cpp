@@ -1,4 +1,4 @@
-// The text of the sessions' file: what is understood is the same when it is written and read again.
+// The text of the sessions file: an accepted text is the same when it is written and read again.
 #include <set>
 #include <string>
 

@@ -1,4 +1,4 @@
-// Keys of the store: every text has one segment of its own, from which nothing leads anywhere else.
+// Keys of the store: every text has one segment of its own, which cannot lead anywhere else.
 #include <string>
 
 #include "fuzz/check.h"

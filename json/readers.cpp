@@ -24,7 +24,7 @@ bool ConvertsToInteger(const Json::Value& value) {
     case Json::uintValue:
       return value.asUInt64() <= static_cast<Json::UInt64>(std::numeric_limits<T>::max());
     case Json::realValue: {
-      // The largest 64-bit integers round up when they become doubles; that double is already out of range.
+      // The largest 64-bit integers round up when converted to double; that double is already out of range.
       const double number = value.asDouble();
       const auto highest = static_cast<double>(std::numeric_limits<T>::max());
       return number >= static_cast<double>(std::numeric_limits<T>::min()) &&

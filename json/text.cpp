@@ -1,5 +1,5 @@
-// Rendering JSON. The text is that of jsoncpp's compact writer, which copies every name and value into strings of their
-// own and looks each member up again; replies are rendered often enough for that to matter.
+// Rendering JSON. The text equals that of jsoncpp's compact writer, which copies every name and value into a string of
+// its own and looks each member up again. Replies are rendered often enough for that to matter.
 #include <json/writer.h>
 
 #include <string>
@@ -43,7 +43,7 @@ void AppendEscaped(std::string& out, char c) {
 
 void AppendQuoted(std::string& out, std::string_view text) {
   out += '"';
-  std::size_t plain = 0;  // where what needs no escape, and is not appended yet, begins
+  std::size_t plain = 0;  // start of the text that needs no escape and is not appended yet
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
     if (static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\') continue;
@@ -57,7 +57,7 @@ void AppendQuoted(std::string& out, std::string_view text) {
 
 void AppendArray(std::string& out, const Json::Value& array) {
   out += '[';
-  // By index: an iterator leaves out elements that were never set.
+  // By index: an iterator skips elements that were never set.
   for (Json::ArrayIndex i = 0, size = array.size(); i < size; ++i) {
     if (i > 0) out += ',';
     AppendText(out, array[i]);

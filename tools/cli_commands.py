@@ -1,13 +1,13 @@
-"""Reads from the sources of cli/ which commands vexa has, for check-docs. Nothing is built or run."""
+"""Extracts the commands of vexa from the sources of cli/, for check-docs. Nothing is built or run."""
 import re
 
 STRING = r'"((?:[^"\\]|\\.)*)"'
 
 
 class Commands:
-    """Follows the functions of the command line's sources from RunCommandLine on, as far as they add commands."""
+    """Follows the functions in the command line's sources that add commands, starting at RunCommandLine."""
 
-    CALL = re.compile(r'(?:(\w+)\s*=\s*\*?\s*)?'  # what gets the result
+    CALL = re.compile(r'(?:(\w+)\s*=\s*\*?\s*)?'  # the variable that receives the result
                       r'(?:\b([A-Z]\w+)\('
                       r'|\b(\w+)(?:(?:\.|->)get_subcommand\("(\w+)"\))?(?:(?:\.|->)add_subcommand\(\s*([^,)]+))?)')
 
@@ -30,7 +30,7 @@ class Commands:
                           "followed. Teach tools/cli_commands.py how they are written.")
 
     def run(self, function, known):
-        """known: the text or command that each parameter stands for. Returns the command that the function returns."""
+        """known: the text or command for each parameter. Returns the command that the function returns."""
         name, _, body = function
         known = dict(known)
         for m in self.CALL.finditer(body):

@@ -23,7 +23,7 @@ Error Damaged(std::string why) {
   return Error(ErrorCode::kCorrupt, "The account file cannot be understood", std::move(why));
 }
 
-// A name from the file, for a sentence: what is no name may be of any length and hold anything.
+// A name from the file, for a sentence. A malformed name may be of any length and hold anything.
 std::string Quoted(const std::string& name) {
   return IsValidAccountName(name) ? "'" + name + "'" : std::string("with an impossible name");
 }
@@ -38,7 +38,7 @@ Status CheckMembers(const Json::Value& object, const std::string& what, std::ini
   return {};
 }
 
-// Integers only: jsoncpp would also take 1.0, true and null for one.
+// Integers only: jsoncpp would also convert 1.0, true and null to one.
 std::optional<std::uint32_t> ReadId(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
   if (!value.isUInt() || value.asUInt() > kLastId) return std::nullopt;
@@ -129,7 +129,7 @@ Status ReadUsers(const Json::Value& list, AccountDocument& document) {
   return {};
 }
 
-// Remembers that `id` was given, if hosts give it out.
+// Remembers that `id` was assigned, if it is in the range that hosts assign.
 void NoteId(std::uint32_t id, AccountDocument& document) {
   if (id >= kFirstOwnId && id <= kLastOwnId) document.next_id = std::max(document.next_id, id + 1);
 }

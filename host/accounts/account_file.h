@@ -1,4 +1,4 @@
-// Account files of older versions, which are taken over into the store.
+// Account files of older versions, which are migrated into the store.
 #pragma once
 
 #include <string>
@@ -13,9 +13,9 @@ struct AccountFile {
   std::string fingerprint;  // of the file's content
 };
 
-// kNotFound: there is none. kDenied: it is not private (others may read or write it, it belongs to neither this
-// process's user nor root, it is a symbolic link). kCorrupt: it cannot be understood. kInvalid: it is not a regular
-// file or is larger than 16 MiB. kBusy: it kept changing while it was read.
+// kNotFound: the file does not exist. kDenied: it is not private (others may read or write it, neither this process's
+// user nor root owns it, it is a symbolic link). kCorrupt: it cannot be parsed. kInvalid: it is not a regular file or
+// is larger than 16 MiB. kBusy: it kept changing while it was read.
 Result<AccountFile> ReadAccountFile(const std::string& path);
 
 }  // namespace vexa::base

@@ -16,8 +16,8 @@ constexpr std::size_t kFirstBuffer = 1024;
 constexpr std::size_t kLastBuffer = std::size_t{4} << 20;  // a group's entry lists all its members
 constexpr std::size_t kMaxGroups = 65536;                  // NGROUPS_MAX of the kernel
 
-// Calls one of the get…_r functions with a buffer that grows until its answer fits. `take` copies out of the entry
-// while the buffer lives. The answer of `call` is an error number, 0 also when there is no entry.
+// Calls one of the get…_r functions with a buffer that grows until the answer fits. `take` copies from the entry while
+// the buffer is alive. `call` returns an error number, which is 0 also when there is no entry.
 template <class Entry, class Call, class Take>
 auto Lookup(const std::string& what, const Call& call, const Take& take) -> Result<decltype(take(Entry{}))> {
   for (std::size_t size = kFirstBuffer; size <= kLastBuffer; size *= 4) {
@@ -82,7 +82,7 @@ Result<Group> NssFindGroupByGid(std::uint32_t gid) {
 Result<std::vector<Group>> NssGroupsOf(const NssUser& user) {
   std::vector<gid_t> gids(64);
   int count = static_cast<int>(gids.size());
-  // Says how many there are when they do not fit; they may have become more by the next call.
+  // When they do not fit, the call reports how many there are. There may be more by the next call.
   while (::getgrouplist(user.name.c_str(), user.gid, gids.data(), &count) < 0) {
     if (gids.size() >= kMaxGroups) {
       return Error(ErrorCode::kUnavailable, "The user '" + user.name + "' is in too many groups");

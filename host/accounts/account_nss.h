@@ -1,6 +1,6 @@
 // Users and groups as the machine's name service knows them (nsswitch.conf(5)).
 //
-// Errors of all: kNotFound when there is none; kUnavailable when the name service cannot tell now.
+// Errors of all functions: kNotFound when there is no such entry; kUnavailable when the name service cannot answer now.
 // Threads: any, at the same time.
 #pragma once
 
@@ -24,8 +24,8 @@ Result<NssUser> NssFindUserByUid(std::uint32_t uid);
 Result<Group> NssFindGroup(const std::string& name);
 Result<Group> NssFindGroupByGid(std::uint32_t gid);
 
-// All groups of the user, the primary one first, each once. Groups without a name are left out: rights are given to
-// names, and a number in a name's place could be somebody else's name.
+// All groups of the user, the primary one first, without duplicates. Groups without a name are left out: rights are
+// granted to names, and a number used as a name could be the name of another group.
 Result<std::vector<Group>> NssGroupsOf(const NssUser& user);
 
 }  // namespace vexa::base

@@ -27,8 +27,8 @@ void FreeReplies(pam_response* replies, int count) {
   std::free(replies);
 }
 
-// Answers what the modules ask (pam_conv(3)): nobody is there to read what they say, so that is dropped. The replies
-// are PAM's to free, hence malloc(3).
+// Answers the prompts of the modules (pam_conv(3)). Their messages are dropped because there is no one to read them.
+// PAM frees the replies, hence malloc(3).
 int Converse(int count, const pam_message** messages, pam_response** replies, void* data) {
   const auto& credentials = *static_cast<const Credentials*>(data);
   if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
@@ -60,7 +60,7 @@ int Converse(int count, const pam_message** messages, pam_response** replies, vo
   return PAM_SUCCESS;
 }
 
-// One PAM transaction, ended with its last status on all paths.
+// One PAM transaction. It is ended with its last status on every path.
 class Transaction {
  public:
   Transaction(const PamOptions& options, const Credentials& credentials)
@@ -77,7 +77,7 @@ class Transaction {
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
 
-  // Whether the password is right, and the account may be used today. How long a failure takes is PAM's business.
+  // Whether the password is right and the account may be used today. PAM decides how long a failure takes.
   int Check() {
     constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
     if (status_ == PAM_SUCCESS) status_ = ::pam_authenticate(handle_, kFlags);
@@ -85,7 +85,7 @@ class Transaction {
     return status_;
   }
 
-  // The user who was let in: a module may have put another name in the place of the given one. "" when unknown.
+  // The user who was let in: a module may have replaced the given name. "" when unknown.
   std::string User() {
     const void* item = nullptr;
     if (handle_ == nullptr || ::pam_get_item(handle_, PAM_USER, &item) != PAM_SUCCESS || item == nullptr) return {};
@@ -98,7 +98,7 @@ class Transaction {
   int status_ = PAM_SYSTEM_ERR;
 };
 
-// PAM said no, as opposed to being unable to say.
+// PAM refused, as opposed to being unable to decide.
 bool IsRefusal(int status) {
   switch (status) {
     case PAM_AUTH_ERR:
@@ -127,14 +127,14 @@ class PamAccounts : public AccountProvider {
   Result<User> VerifyPassword(const std::string& name, const std::string& password) const override {
     const Error denied(ErrorCode::kDenied, "The name or the password is wrong");
     if (!IsValidAccountName(name)) return denied;
-    // PAM's strings end at a NUL, and its modules take at most PAM_MAX_RESP_SIZE bytes with it.
+    // PAM's strings end at a NUL, and its modules take at most PAM_MAX_RESP_SIZE bytes, including that NUL.
     if (password.size() >= PAM_MAX_RESP_SIZE || password.find('\0') != std::string::npos) return denied;
     const Credentials credentials{name, password};
     Transaction transaction(options_, credentials);
     const int status = transaction.Check();
     if (IsRefusal(status)) return denied;
     if (status != PAM_SUCCESS) {
-      // The handle is not used by pam_strerror(3) on Linux, and may not exist here.
+      // pam_strerror(3) does not use the handle on Linux, and there may be none here.
       return Error(ErrorCode::kUnavailable, "The password cannot be checked now", ::pam_strerror(nullptr, status));
     }
     auto user = FindUser(transaction.User());

@@ -15,7 +15,7 @@ struct PamOptions {
   std::string administrators_group = "administrators";  // members are administrators
 };
 
-// Root (uid 0) is an administrator as well. A user without a name service entry does not exist here, whatever PAM says.
+// Root (uid 0) is also an administrator. A user without a name service entry does not exist here, whatever PAM says.
 std::unique_ptr<AccountProvider> MakePamAccounts(const PamOptions& options);
 
 }  // namespace vexa::base

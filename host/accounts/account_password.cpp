@@ -20,7 +20,7 @@ namespace {
 constexpr const char* kMethod = "$y$";
 constexpr int kMaxParallelHashes = 1024;
 
-// A hash takes 16 MiB and all of a processor: logins must not take the machine.
+// One hash takes 16 MiB and a whole processor. Logins must not take over the machine.
 class HashSlot {
  public:
   HashSlot() { Slots().acquire(); }
@@ -36,7 +36,7 @@ class HashSlot {
   }
 };
 
-// A copy of a secret that is wiped when it goes.
+// A copy of a secret that is wiped on destruction.
 class Secret {
  public:
   explicit Secret(std::string text) : text_(std::move(text)) {}
@@ -56,7 +56,7 @@ struct WipingDelete {
   }
 };
 
-// "" when the system cannot: an unknown method, no memory.
+// "" when the system cannot compute it: unknown method, out of memory.
 std::string CryptOnce(const char* password, const char* setting) {
   const std::unique_ptr<crypt_data, WipingDelete> data(new crypt_data{});
   const char* hash = ::crypt_rn(password, setting, data.get(), sizeof(crypt_data));
@@ -66,8 +66,8 @@ std::string CryptOnce(const char* password, const char* setting) {
 std::string Crypt(const std::string& password, const char* setting) {
   const HashSlot slot;
   if (password.size() < CRYPT_MAX_PASSPHRASE_SIZE) return CryptOnce(password.c_str(), setting);
-  // crypt(3) takes one byte less than we allow. Such a password is hashed in two steps, so that every byte counts; how
-  // long that takes depends on the password alone, not on the user.
+  // crypt(3) takes one byte less than we allow. Such a password is hashed in two steps, so that every byte counts. The
+  // time this takes depends on the password alone, not on the user.
   const std::size_t half = password.size() / 2;
   const std::string first_hash = CryptOnce(Secret(password.substr(0, half)).c_str(), setting);
   if (first_hash.empty()) return {};
@@ -75,7 +75,7 @@ std::string Crypt(const std::string& password, const char* setting) {
 }
 
 bool EqualInConstantTime(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;  // of hashes: what their lengths tell is public
+  if (a.size() != b.size()) return false;  // of hashes: their lengths are public
   volatile unsigned char difference = 0;
   for (std::size_t i = 0; i < a.size(); ++i) {
     difference = static_cast<unsigned char>(difference | (static_cast<unsigned char>(a[i] ^ b[i])));
@@ -83,7 +83,8 @@ bool EqualInConstantTime(const std::string& a, const std::string& b) {
   return difference == 0;
 }
 
-// What unknown users are checked against: made on first use, and tried again when the system could not. "" then.
+// Unknown users are checked against this hash. It is made on first use, and retried if the system could not make it; ""
+// until then.
 std::string DummyHash() {
   static std::mutex mutex;
   static std::string hash;
@@ -131,10 +132,10 @@ bool IsStoredHashValid(const std::string& stored) {
 }
 
 PasswordCheck CheckPassword(const std::string* stored, const std::string& password) {
-  // Taken in every case, so that the first caller's extra wait says nothing about the user either.
+  // Computed in every case, so that the extra wait of the first caller does not reveal anything about the user either.
   const std::string dummy = DummyHash();
   if (dummy.empty()) return PasswordCheck::kCannotTell;
-  // crypt(3) ends a password at a NUL, and would take what stands before it for the whole.
+  // crypt(3) ends a password at a NUL, and would take the part before it for the whole password.
   const bool can_match = stored != nullptr && !IsLoginDisabled(*stored) && password.size() <= kMaxPasswordBytes &&
                          password.find('\0') == std::string::npos;
   const std::string& expected = can_match ? *stored : dummy;

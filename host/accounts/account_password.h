@@ -14,19 +14,19 @@ inline constexpr std::size_t kMaxPasswordBytes = 512;
 // kInvalid, with a sentence for the user, unless `password` is 8 to 512 bytes of UTF-8 without NUL.
 Status CheckNewPassword(const std::string& password);
 
-// A "$y$…" hash with a new salt. kInternal when the system cannot.
-// Threads: any. At most twice as many hashes as processors are computed at once, here and in CheckPassword together;
-// further callers wait.
+// Returns a "$y$…" hash with a new salt. kInternal when the system cannot make one.
+// Threads: any. HashPassword and CheckPassword together compute at most two hashes per processor concurrently; other
+// callers wait.
 Result<std::string> HashPassword(const std::string& password);
 
-// Whether a stored hash is one that an account may have: "" and "!…" (no login), or a yescrypt hash.
+// Whether an account may have this stored hash: "" and "!…" (no login), or a yescrypt hash.
 bool IsStoredHashValid(const std::string& stored);
 bool IsLoginDisabled(const std::string& stored);
 
 enum class PasswordCheck { kMatches, kDiffers, kCannotTell };
 
-// Compares in constant time. The work is the same when `stored` disables login or is nullptr (no such user): the
-// password is hashed and never matches. kCannotTell when the system cannot compute a hash now.
+// Compares in constant time. When `stored` disables login or is nullptr (no such user), the password is hashed all the
+// same and never matches. kCannotTell when the system cannot compute a hash now.
 PasswordCheck CheckPassword(const std::string* stored, const std::string& password);
 
 }  // namespace vexa::base

@@ -2,7 +2,7 @@
 
 namespace vexa::base {
 
-// Written out instead of isalnum(3): the locale must not decide what a name is.
+// Written out instead of isalnum(3): the locale must not decide which names are valid.
 bool IsValidAccountName(std::string_view name) {
   constexpr std::size_t kMaxBytes = 64;
   const auto is_first = [](char c) {

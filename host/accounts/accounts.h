@@ -1,4 +1,4 @@
-// Users and groups: who somebody is, and whether a password is theirs.
+// Users and groups: who a caller is, and whether a password is right.
 #pragma once
 
 #include <cstdint>
@@ -21,39 +21,40 @@ struct User {
   std::string name;
   std::uint32_t uid = 0;
   std::uint32_t gid = 0;      // the primary group
-  std::vector<Group> groups;  // all of them, the primary one first, each once
+  std::vector<Group> groups;  // all groups, the primary one first, without duplicates
   bool is_administrator = false;
 };
 
-// Threads: any, at the same time. Changes made by others (an administrator's command, the system's user database) are
-// seen by the next call.
+// Threads: any, at the same time. The next call sees changes made elsewhere (by an administrator's command or in the
+// system's user database).
 class AccountProvider {
  public:
   virtual ~AccountProvider() = default;
 
-  // kNotFound when there is no such user; kUnavailable when that cannot be told now.
+  // kNotFound when there is no such user; kUnavailable when that cannot be determined now.
   virtual Result<User> FindUser(const std::string& name) const = 0;
   virtual Result<User> FindUserByUid(std::uint32_t uid) const = 0;
   virtual Result<Group> FindGroupByGid(std::uint32_t gid) const = 0;
 
-  // The user when the password is theirs; kDenied when there is no such user or it is not (not told apart, and taking
-  // the same time); kUnavailable when it cannot be checked. Takes tens of milliseconds on purpose.
+  // Returns the user when the password is right. kDenied when there is no such user or the password is wrong
+  // (indistinguishable, also in time); kUnavailable when it cannot be checked. Intentional: takes tens of milliseconds,
+  // to slow down guessing.
   virtual Result<User> VerifyPassword(const std::string& name, const std::string& password) const = 0;
 };
 
-// The first and the last id of those that are given to users and groups: systemd's UIDS-GIDS document leaves 1879048192
-// to 2147483647 unused.
+// The first and the last id that hosts assign to users and groups: systemd's UIDS-GIDS document leaves 1879048192 to
+// 2147483647 unused.
 inline constexpr std::uint32_t kFirstOwnId = 1'900'000'000;
 inline constexpr std::uint32_t kLastOwnId = 2'147'483'646;
 
 inline constexpr std::string_view kAdministratorsGroup = "administrators";
-inline constexpr std::string_view kUsersGroup = "users";  // everybody's primary group
+inline constexpr std::string_view kUsersGroup = "users";  // every user's primary group
 
-// Whether `name` may be a user's or group's name: 1 to 64 bytes of letters, digits and . _ - @ \ , starting with a
-// letter, a digit or an underscore.
+// Whether `name` is valid for a user or group: 1 to 64 bytes of letters, digits and . _ - @ \ , starting with a letter,
+// a digit or an underscore.
 bool IsValidAccountName(std::string_view name);
 
-// `name` with its ASCII letters in lower case. Names are ASCII, and the locale has no part in it.
+// `name` with its ASCII letters in lower case. Names are ASCII; the locale does not matter.
 std::string FoldedName(std::string_view name);
 
 }  // namespace vexa::base

@@ -1,4 +1,4 @@
-// The account provider that this process answers with.
+// The account provider that this process uses.
 #pragma once
 
 #include <memory>
@@ -7,7 +7,7 @@
 
 namespace vexa::base {
 
-// Null takes it away. Threads: call it while no request runs.
+// Null uninstalls it. Threads: call it while no request runs.
 void InstallAccounts(std::shared_ptr<const AccountProvider> accounts);
 
 // Null when none is installed. Valid until the next InstallAccounts.

@@ -1,5 +1,5 @@
-// The one table of what this host answers. The dispatcher, the API description, the command line's help and the tests'
-// permission matrix are all made from it.
+// The one table of the methods that this host answers. The dispatcher, the API description, the command line's help and
+// the permission matrix of the tests are all generated from it.
 #pragma once
 
 #include <functional>
@@ -20,10 +20,10 @@ enum class Access {
   kAnyone,         // also without a login
   kUser,           // any login; the handler decides what the user may do
   kAdministrator,  // administrators only
-  kHost,           // other hosts of the cluster only, known by their certificate
+  kHost,           // only other hosts of the cluster, identified by their certificate
 };
 
-// Whom the method's replies are for.
+// Who reads the method's replies.
 constexpr Audience AudienceOf(Access access) { return access == Access::kHost ? Audience::kHosts : Audience::kUsers; }
 
 enum class LaneKind {
@@ -31,7 +31,7 @@ enum class LaneKind {
   kLong,   // may wait: for other hosts, the hypervisor, a password check
 };
 
-// A value that must be written down: a row that leaves it out does not compile.
+// A value that must be given: a row that leaves it out does not compile.
 template <class T>
 struct Declared {
   constexpr Declared(T given) : value(given) {}  // NOLINT(google-explicit-constructor): reads as the value in a row
@@ -49,14 +49,14 @@ struct Parameter {
   std::string_view description;
 };
 
-// Who calls, as the dispatcher found out.
+// The caller, as determined by the dispatcher.
 struct Caller {
   enum class Kind { kNobody, kUser, kHost };
   Kind kind = Kind::kNobody;
   base::User user;            // kUser only
-  std::string session_token;  // kUser by a session only
+  std::string session_token;  // kUser with a session only
   std::string host_id;        // kHost only
-  std::string acts_for;       // kHost only: the user in whose name the host says it asks; empty: it does not say
+  std::string acts_for;       // kHost only: the user on whose behalf the host says it asks; empty: it does not say
   std::string peer;           // where the call comes from: an IP address, or "unix:<uid>"
   bool tls = false;
 };
@@ -65,7 +65,7 @@ struct Call {
   VEXA::APIRequest* request;
   VEXA::APIResponse* response;
   const Caller& caller;
-  std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot say
+  std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot express
   // Members of the reply beside "success", "data", "error" and "request_id", which it cannot change: an object. Never
   // null in a call by the daemon.
   Json::Value* further = nullptr;
@@ -82,7 +82,7 @@ struct ApiRow {
   Handler handler;
   std::string_view summary;
   std::vector<Parameter> parameters;
-  std::vector<int> errors;  // codes of its own, beside those that every method can answer
+  std::vector<int> errors;  // its own codes, in addition to the common ones
 };
 
 class ApiTable {
@@ -98,7 +98,7 @@ class ApiTable {
   std::vector<ApiRow> rows_;  // sorted by API, method, version
 };
 
-// The handler of a method that needs nothing but request and response.
+// The handler of a method that needs only request and response.
 Handler Plain(void (*handler)(VEXA::APIRequest*, VEXA::APIResponse*));
 
 std::string_view AccessName(Access access);

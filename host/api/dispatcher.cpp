@@ -26,10 +26,11 @@ using webapi::Caller;
 
 constexpr std::string_view kApiPrefix = "/webapi/";
 constexpr std::string_view kVersionQuery = "version=";
-// Set aside for a reply before its size is known.
-constexpr std::size_t kUsualReplyBytes = 2048;
-// What a stranger may send: a parsed body takes up to forty times its length, and nobody has shown a password yet.
-constexpr std::size_t kStrangersBodyBytes = std::size_t{16} * 1024;
+// Reserved for a reply before its size is known.
+constexpr std::size_t kTypicalReplyBytes = 2048;
+// The limit for unauthenticated callers: a parsed body takes up to forty times its length, and no password has been
+// checked yet.
+constexpr std::size_t kUnauthenticatedBodyBytes = std::size_t{16} * 1024;
 
 using Clock = std::chrono::steady_clock;
 
@@ -40,8 +41,8 @@ HttpResponse MakeErrorReply(int code, const std::string& request_id) {
 HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& further, const std::string& request_id,
                        webapi::Audience audience = webapi::Audience::kUsers) {
   HttpResponse reply;
-  if (response.IsSuccess() && further.empty()) {  // without a copy of the data
-    reply.body.reserve(kUsualReplyBytes);
+  if (response.IsSuccess() && further.empty()) {  // without copying the data
+    reply.body.reserve(kTypicalReplyBytes);
     reply.body += "{\"success\":true,\"data\":";
     json::AppendText(reply.body, response.Data());
     reply.body.append(",\"request_id\":\"").append(request_id).append("\"}");
@@ -66,7 +67,7 @@ bool IsJsonContentType(std::string_view value) {
   return value.size() == kJson.size() || value[kJson.size()] == ';' || value[kJson.size()] == ' ';
 }
 
-// The version that the query names, 1 without a query, 0 when it cannot be read.
+// The version in the query, 1 without a query, 0 when it cannot be parsed.
 int VersionOf(std::string_view query) {
   if (query.empty()) return 1;
   if (!query.starts_with(kVersionQuery)) return 0;
@@ -76,13 +77,14 @@ int VersionOf(std::string_view query) {
   return error == std::errc() && stop == end && version > 0 ? version : 0;
 }
 
-// What another host says about the request that its own is part of. Only hosts may: a user could pose as another.
+// What another host says about the request that its own is part of. Accepted from hosts only, or a user could pose as
+// another.
 void TakeOrigin(HttpRequest& request, Caller& caller) {
   caller.acts_for = transport::ActingUserOf(request.acts_for);
   if (transport::IsRequestId(request.caller_request_id)) request.id = request.caller_request_id;
 }
 
-// Whom a lane's quota counts the call for.
+// The name under which a lane's quota counts the call.
 std::string QuotaName(const Caller& caller) {
   switch (caller.kind) {
     case Caller::Kind::kUser:
@@ -103,7 +105,7 @@ HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::str
   return MakeReply(response, Json::Value(), request_id);
 }
 
-// What OnHeader found out about a request.
+// What OnHeader determined about a request.
 struct Dispatcher::Plan {
   enum class Page { kApi, kHealth, kMetrics, kDescription };
   Page page = Page::kApi;
@@ -169,7 +171,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   plan->row = row;
   Identified identified = parts_.identity->Begin(request);
   if (const int* code = std::get_if<int>(&identified)) {
-    // A stale cookie must not keep anybody from logging in.
+    // A stale cookie must not prevent a login.
     if (row->access.value != Access::kAnyone) return refuse(*code);
     plan->caller = Nobody(request.peer);
   } else {
@@ -177,7 +179,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   }
   if (plan->caller.kind == Caller::Kind::kHost) TakeOrigin(request, plan->caller);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
-  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kStrangersBodyBytes;
+  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kUnauthenticatedBodyBytes;
   request.context = std::move(plan);
   return std::nullopt;
 }
@@ -193,7 +195,7 @@ void Dispatcher::OnRequest(HttpRequest&& request, Responder responder) {
     try {
       Run(*work);
     } catch (const std::exception& exception) {
-      // No memory, mostly. The responder answers 500 by itself, and the host serves on.
+      // Usually out of memory. The responder then answers 500, and the host continues.
       ::syslog(LOG_ERR, "The request failed: %s", exception.what());
     }
   });
@@ -208,7 +210,7 @@ void Dispatcher::Run(Work& work) const {
   work.responder.Send(code == 0 ? AnswerPage(work) : MakeErrorReply(code, work.request.id));
 }
 
-// How much is called tells an outsider something: other machines must show that they are an administrator.
+// Call counts reveal something to outsiders: callers on other machines must prove that they are administrators.
 bool Dispatcher::NeedsUser(const Work& work) {
   const Peer& peer = work.request.peer;
   return work.plan->page == Plan::Page::kMetrics && peer.kind == Peer::Kind::kTcp &&
@@ -260,7 +262,7 @@ void Dispatcher::RunMethod(Work& work) const {
   work.responder.Send(std::move(reply));
 }
 
-// A handler has a code for what it could not do, and no word about the database that it could not do it with.
+// A handler's code says what it could not do, but not that the database was the cause.
 void Dispatcher::ExplainFailure(const webapi::ApiRow& row, VEXA::APIResponse& response) const {
   constexpr int kOfTheRequest[] = {webapi::kErrorBadParameter, 409, webapi::kErrorUnknownApi};
   const int code = response.ErrorCode();

@@ -1,4 +1,4 @@
-// From an HTTP request to a handler of the API table and back.
+// Leads an HTTP request to a handler of the API table and back.
 #pragma once
 
 #include <chrono>
@@ -27,13 +27,13 @@ class Dispatcher {
     Lane* quick = nullptr;
     Lane* long_running = nullptr;
     std::function<std::string()> metrics_text;  // GET /metrics
-    std::function<std::string()> health;        // GET /healthz: what is wrong, or nothing
-    std::function<bool()> is_database_lost{};   // the cluster database cannot be read now; may be left out
+    std::function<std::string()> health;        // GET /healthz: the problem, or nothing
+    std::function<bool()> is_database_lost{};   // the cluster database cannot be read now; optional
   };
   explicit Dispatcher(Parts parts);
 
-  // Refuses what needs no body to be refused: the address, the HTTP method, the content type, the caller. Otherwise
-  // leaves in the request's context what OnRequest goes on with.
+  // Refuses what can be refused without the body: the address, the HTTP method, the content type, the caller. Otherwise
+  // stores in the request's context what OnRequest needs.
   std::optional<HttpResponse> OnHeader(HttpRequest& request);
   void OnRequest(HttpRequest&& request, Responder responder);
 
@@ -55,7 +55,7 @@ class Dispatcher {
   std::string description_;  // GET /openapi.json
 };
 
-// The reply of an error code: its HTTP status, and {"success": false, "error": {"code", "message", "details"?},
+// The reply for an error code: its HTTP status, and {"success": false, "error": {"code", "message", "details"?},
 // "request_id"}. A null `details` is left out.
 HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id);
 

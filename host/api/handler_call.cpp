@@ -41,7 +41,7 @@ void CallHandler(HandlerCall call, VEXA::APIResponse& response,
     const cluster::RequestScope scope;
     call.row.handler({&request, &response, call.caller, &headers, &further});
   } catch (const std::exception& exception) {
-    // Handlers report by the response; whatever comes here is a fault of ours and must not take the host down.
+    // Handlers report errors in the response. An exception is a bug of ours and must not take the host down.
     ::syslog(LOG_ERR, "%s %s failed: %s", call.row.api.data(), call.row.method.data(), exception.what());
     response = VEXA::APIResponse();
     further = Json::Value(Json::objectValue);

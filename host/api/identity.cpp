@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kBearer = "Bearer ";
 
-// Empty when the header is no bearer token (RFC 6750).
+// Empty when the header does not contain a bearer token (RFC 6750).
 std::string_view BearerToken(std::string_view authorization) {
   if (authorization.size() <= kBearer.size() ||
       ::strncasecmp(authorization.data(), kBearer.data(), kBearer.size()) != 0) {
@@ -75,15 +75,15 @@ int Identity::Complete(webapi::Caller& caller) const {
   const uid_t uid = caller.user.uid;
   Result<base::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);
   if (user) {
-    // By name, since a name service may have several names of one id. But the account of the session has gone when its
-    // name is that of another id now.
+    // By name, because a name service may have several names for one id. But the session's account no longer exists
+    // when its name now belongs to another id.
     if (user->uid != uid) return webapi::kErrorNotLoggedIn;
     caller.user = std::move(*user);
     return 0;
   }
   const bool is_unknown = user.error().code() == ErrorCode::kNotFound;
   if (!is_unknown) ::syslog(LOG_ERR, "The accounts cannot be read: %s", user.error().ToString().c_str());
-  // Also while the accounts cannot be read: somebody must be able to see what is wrong.
+  // Also while the accounts cannot be read: an administrator must be able to see what is wrong.
   if (by_uid && (uid == 0 || uid == ::geteuid())) {
     caller.user.name = "root";
     caller.user.is_administrator = true;

@@ -24,7 +24,7 @@ Json::Value ErrorReply(int code) {
 
 }  // namespace
 
-// Shared by the caller and the lane's thread, as each may be the last to need it.
+// Shared by the caller and the lane's thread, because either may be the last to need it.
 struct LocalCaller::Job {
   const webapi::ApiRow* row = nullptr;
   webapi::Caller caller;
@@ -34,7 +34,7 @@ struct LocalCaller::Job {
 
   std::mutex mutex;
   std::condition_variable changed;
-  bool abandoned = false;  // under mutex: the caller waits no more
+  bool abandoned = false;  // under mutex: the caller no longer waits
   bool done = false;       // under mutex
   Json::Value reply;       // under mutex
 };
@@ -73,7 +73,7 @@ void LocalCaller::Run(Job& job) const {
   const RequestIdScope id_scope(job.request_id, job.caller.acts_for);
   VEXA::APIResponse response;
   Json::Value further(Json::objectValue);
-  std::vector<std::pair<std::string, std::string>> headers;  // of an HTTP response that there is not
+  std::vector<std::pair<std::string, std::string>> headers;  // of a nonexistent HTTP response
   CallHandler({*job.row, job.caller, std::move(job.parameters)}, response, headers, further);
   Json::Value reply = MakeEnvelope(response, further, webapi::AudienceOf(job.row->access.value));
   parts_.metrics->Count(*job.row, response.ErrorCode(), Clock::now() - job.begun);

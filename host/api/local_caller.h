@@ -1,4 +1,4 @@
-// This host's own methods, called without a socket.
+// Calls this host's own methods without a socket.
 #pragma once
 
 #include <string>
@@ -10,22 +10,22 @@
 
 namespace vexa::daemon {
 
-// Implements transport::LocalCall on the API table. The calls have a lane of their own: the callers wait on the threads
-// of the lanes for requests, and if those were all taken by callers, what they wait for would never get one.
+// Implements transport::LocalCall on the API table. The calls have a lane of their own: callers wait on the threads of
+// the lanes for requests, and if callers took all of those, the calls that they wait for would never get one.
 // Threads: any, at the same time.
 class LocalCaller {
  public:
   struct Parts {
     const webapi::ApiTable* table = nullptr;
     Metrics* metrics = nullptr;
-    Lane* lane = nullptr;  // without a quota: the callers have been counted where they came in
-    std::string host_id;   // this host's
+    Lane* lane = nullptr;  // without a quota: the callers were counted where their requests arrived
+    std::string host_id;   // of this host
   };
   // What `parts` points to must outlive it, and the lane's threads.
   explicit LocalCaller(Parts parts) : parts_(std::move(parts)) {}
 
-  // See transport::LocalCall. A call that has not begun by the time-out never does; one that has runs on, and its reply
-  // is dropped.
+  // See transport::LocalCall. A call that has not begun by the time-out never does; one that has begun continues, and
+  // its reply is dropped.
   Json::Value Call(const VexaDRCore::Request& request, std::chrono::milliseconds timeout);
 
  private:

@@ -6,7 +6,7 @@ namespace vexa::daemon {
 namespace {
 
 std::string Labels(const webapi::ApiRow& row) {
-  // Names of APIs and methods hold letters, digits, dots and underscores only: nothing to escape.
+  // Names of APIs and methods contain only letters, digits, dots and underscores: nothing to escape.
   return "api=\"" + std::string(row.api) + "\",method=\"" + std::string(row.method) + "\"";
 }
 

@@ -1,4 +1,4 @@
-// What the daemon has done so far, as numbers for a monitoring system.
+// Counts what the daemon has done so far, for a monitoring system.
 #pragma once
 
 #include <array>
@@ -22,8 +22,8 @@ class Metrics {
   // `table` must outlive it.
   explicit Metrics(const webapi::ApiTable& table);
 
-  // One answered request of a method. `code`: 0 for success, else the error code. `took` counts from the complete
-  // header to the answer's hand-over.
+  // Counts one answered request of a method. `code`: 0 for success, otherwise the error code. `took`: from the complete
+  // header until the response is handed over.
   void Count(const webapi::ApiRow& row, int code, std::chrono::nanoseconds took);
 
   struct Gauges {

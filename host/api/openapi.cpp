@@ -43,7 +43,7 @@ Json::Value ParametersSchema(const ApiRow& row) {
   return schema;
 }
 
-// The codes that a method can answer: its own, and those of its access.
+// The codes that a method can return: its own, and those of its access.
 std::set<int> CodesOf(const ApiRow& row) {
   std::set<int> codes(row.errors.begin(), row.errors.end());
   codes.insert({webapi::kErrorInternal, webapi::kErrorMalformed, webapi::kErrorBusy, webapi::kErrorNotJson,

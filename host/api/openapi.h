@@ -1,4 +1,4 @@
-// The description of what the host answers, for people and tools.
+// The description of this host's API, for people and tools.
 #pragma once
 
 #include <string>

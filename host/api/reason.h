@@ -1,4 +1,4 @@
-// Why a call was answered with an error, in words for users.
+// Why a call failed, in words for users.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ namespace vexa::webapi {
 // The member of Call::further that holds it until the reply is made.
 inline constexpr const char* kReason = "reason";
 
-// Adds `reason`, a sentence, to the error that the call is answered with, beside its code and message. A success has
-// none.
+// Adds `reason`, a sentence, to the error that the call returns, beside its code and message. Has no effect on a
+// success.
 inline void SetReason(const Call& call, const std::string& reason) {
   if (call.further) (*call.further)[kReason] = reason;
 }

@@ -4,7 +4,7 @@
 
 namespace vexa::daemon {
 
-// Kept where requests to other hosts are made, which carry both.
+// Stored where requests to other hosts are made, which carry both.
 RequestIdScope::RequestIdScope(std::string_view id, std::string_view user) { transport::SetOrigin({id, user}); }
 
 RequestIdScope::~RequestIdScope() { transport::SetOrigin({}); }

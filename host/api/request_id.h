@@ -1,12 +1,12 @@
-// The request that this thread works for: its id, for log lines, and the user who acts.
+// The request that this thread works for: its id, for log lines, and the acting user.
 #pragma once
 
 #include <string_view>
 
 namespace vexa::daemon {
 
-// While one lives, log lines of its thread carry `id`, and what the thread asks of hosts is asked for `user`. Both must
-// outlive it. Scopes of one thread do not nest.
+// While a scope lives, the log lines of its thread carry `id`, and the thread's requests to hosts are made on behalf of
+// `user`. Both must outlive it. Scopes of one thread do not nest.
 class RequestIdScope {
  public:
   explicit RequestIdScope(std::string_view id, std::string_view user = {});
@@ -15,12 +15,12 @@ class RequestIdScope {
   RequestIdScope& operator=(const RequestIdScope&) = delete;
 };
 
-// Within a scope whose user is found out later. `user` must outlive the scope.
+// For a scope whose user is determined later. `user` must outlive the scope.
 void SetActingUser(std::string_view user);
 
 // Empty outside of a scope.
 std::string_view CurrentRequestId();
-// Empty outside of a scope as well, and when nobody has logged in or the asking host does not say.
+// Also empty outside of a scope, without a login, and when the asking host does not say.
 std::string_view CurrentActingUser();
 
 }  // namespace vexa::daemon

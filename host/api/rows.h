@@ -1,4 +1,4 @@
-// What the rows of users and of other hosts share.
+// Shared by the rows of users and of other hosts.
 #pragma once
 
 #include <string_view>

@@ -67,7 +67,7 @@ bool WriteAll(int fd, std::string_view content) {
 }  // namespace
 
 Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes) {
-  // O_NONBLOCK: a FIFO in the place of the file must not hold the caller.
+  // O_NONBLOCK: a FIFO in place of the file must not block the caller.
   if (HasNul(path)) return NulInPath();
   const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (fd.get() < 0) return Failed("open", path, errno);
@@ -91,7 +91,7 @@ Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes) {
 Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode) {
   if (HasNul(path)) return NulInPath();
   const std::string folder = std::filesystem::path(path).parent_path().string();
-  // Opened first: once the file is renamed, only the sync itself can still fail.
+  // Opened first: after the rename, only the sync itself can still fail.
   const FileDescriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.get() < 0) return Failed("open the folder of", path, errno);
   std::string temporary = path + ".XXXXXX";

@@ -10,18 +10,18 @@
 
 namespace vexa {
 
-// The whole file. kNotFound when there is none, kInvalid when it is larger than `max_bytes` or no regular file.
-// In all three functions, a path that contains a NUL is kInvalid.
+// Returns the whole file. kNotFound when it does not exist, kInvalid when it is larger than `max_bytes` or not a
+// regular file. In all three functions, a path that contains a NUL is kInvalid.
 Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes);
 
-// Replaces the file at `path` atomically and durably: a temporary file in the same folder is written, synced, renamed
-// over it, and the folder is synced. A failure leaves the old file as it was and no temporary file behind, with one
-// exception: when syncing the folder fails, the new file is in place and may be lost with the power.
-// `mode` is the new file's mode, whatever the umask. A symbolic link at `path` is replaced, not followed.
+// Replaces the file at `path` atomically and durably: a temporary file in the same folder is written, synced and
+// renamed over it, then the folder is synced. On failure the old file is unchanged and no temporary file is left
+// behind, with one exception: when syncing the folder fails, the new file is in place but may be lost in a power
+// failure. `mode` is the new file's mode, whatever the umask. A symbolic link at `path` is replaced, not followed.
 Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode);
 
-// Creates `path` and its missing parents with `mode` less the umask. Not an error: it exists already.
-// kConflict when a part of it exists and is not a folder.
+// Creates `path` and its missing parents with `mode` less the umask. An existing folder is not an error. kConflict when
+// a component exists and is not a folder.
 Status CreateDirectories(const std::string& path, mode_t mode);
 
 }  // namespace vexa

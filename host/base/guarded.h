@@ -1,4 +1,4 @@
-// Threads that must outlive whatever they call.
+// Threads that must survive exceptions from what they call.
 #pragma once
 
 #include <syslog.h>
@@ -7,8 +7,8 @@
 
 namespace vexa {
 
-// Calls `act`. An exception that comes out of it, such as one for want of memory, is logged with `what` ("The
-// maintenance of guests") instead of ending the process.
+// Calls `act`. An exception from it, such as out of memory, is logged with `what` ("The maintenance of guests") instead
+// of ending the process.
 template <class Act>
 void Guarded(const char* what, const Act& act) noexcept {
   try {

@@ -17,7 +17,7 @@ std::unique_ptr<Json::CharReader> NewReader() {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   // Strict mode refuses comments, single quotes, special floats, duplicate names and trailing text. Roots other than
-  // objects and arrays are left to the callers, who all look at the type anyway.
+  // objects and arrays are left to the callers, all of which check the type anyway.
   builder.settings_["strictRoot"] = false;
   builder.settings_["skipBom"] = false;
   // The parser counts the document itself, and a value inside the innermost container, as levels.
@@ -27,9 +27,10 @@ std::unique_ptr<Json::CharReader> NewReader() {
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-// The parser accepts more than JSON has: raw control characters in strings, halves of surrogate pairs, numbers such as
-// "01", "1." and ".5", NUL as the end of the text; and it recurses as deeply as its stack limit. This looks at the
-// tokens for all that first; grammar is left to the parser. Every fault found is a fault wherever the token stands.
+// The parser accepts more than JSON allows: raw control characters in strings, unpaired surrogates, numbers such as
+// "01", "1." and ".5", NUL as the end of the text; and it recurses as deeply as its stack limit. This pass checks the
+// tokens for all of that first and leaves grammar to the parser. Each fault it finds is a fault wherever the token
+// stands.
 class LexicalCheck {
  public:
   explicit LexicalCheck(std::string_view text) : text_(text) {}
@@ -80,7 +81,7 @@ class LexicalCheck {
     return "a string without its end";
   }
 
-  // Behind a backslash.
+  // After a backslash.
   const char* Escape() {
     const char c = Peek();
     ++at_;

@@ -10,11 +10,11 @@
 
 namespace vexa {
 
-// The quick one. Nothing for a text that it refuses, and for some that are JSON: integers outside 64 bits among them.
-// What it accepts means the same to the other one.
+// The fast one. Returns nothing for a text that it refuses, and for some valid JSON, such as integers outside 64 bits.
+// What it accepts means the same to the other reader.
 std::optional<Json::Value> ReadWithSimdjson(std::string_view text, LastingName lasting_name);
 
-// The thorough one, which tells what is wrong.
+// The thorough one, which reports what is wrong.
 Result<Json::Value> ReadWithJsoncpp(std::string_view text);
 
 }  // namespace vexa

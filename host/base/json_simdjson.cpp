@@ -10,7 +10,7 @@ namespace {
 
 namespace dom = simdjson::dom;
 
-// Readers that have read more keep no memory of it.
+// A reader that has grown beyond this gives its memory back.
 constexpr std::size_t kKeptBytes = std::size_t{64} << 10;
 
 class Builder {
@@ -76,7 +76,7 @@ class Builder {
 
 struct Reader {
   dom::parser parser;
-  std::string padded;  // the parser looks a little beyond the end
+  std::string padded;  // the parser reads slightly beyond the end
 
   std::optional<Json::Value> Read(std::string_view text, LastingName lasting_name) {
     padded.reserve(text.size() + simdjson::SIMDJSON_PADDING);

@@ -16,9 +16,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long the monitor waits before it tries again after the system refused a thread.
+// How long the monitor waits before it retries after the system refused a thread.
 constexpr std::chrono::milliseconds kThreadRetry{100};
-// How long Stop() gives threads without a job to end. They have nothing to do but to return.
+// How long Stop() waits for threads without a job. They only have to return.
 constexpr std::chrono::seconds kIdleThreadsLeave{5};
 // Longer deadlines would overflow the clock.
 constexpr std::chrono::hours kLongestStop{24 * 365};
@@ -79,7 +79,7 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   using Users = std::unordered_map<std::string, std::size_t>;
   struct Job {
     std::function<void()> run;
-    Users::value_type* user;  // null without a quota; nodes of the map do not move
+    Users::value_type* user;  // null without a quota; map nodes do not move
     Clock::time_point submitted;
   };
   struct Sleeper {
@@ -104,17 +104,18 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   std::condition_variable progress_;  // for Stop(): a job ended or a thread left
   std::deque<Job> queue_;
   Users users_;
-  std::vector<Sleeper*> sleepers_;  // the last to fall asleep is called first, so that the others' idle time can pass
+  std::vector<Sleeper*> sleepers_;  // the last to fall asleep is woken first, so that the idle time of the others can
+                                    // run out
   int threads_ = 0;
   int busy_ = 0;
-  std::size_t on_their_way_ = 0;  // threads called or started that have not looked at the queue since
+  std::size_t on_their_way_ = 0;  // threads woken or started that have not checked the queue since
   std::uint64_t thread_number_ = 0;
   std::uint64_t done_ = 0;
   std::uint64_t refused_ = 0;
   bool monitor_exists_ = false;
-  bool monitor_sleeps_ = false;  // without end, that is: only ArmMonitor() and the end of Stop() wake it
-  bool stopping_ = false;        // no further jobs
-  bool stopped_ = false;         // and none waits
+  bool monitor_sleeps_ = false;  // without a timeout: only ArmMonitor() and the end of Stop() wake it
+  bool stopping_ = false;        // takes no more jobs
+  bool stopped_ = false;         // and no job waits
 };
 
 void Lane::Impl::StartMinimum() {
@@ -162,7 +163,7 @@ void Lane::Impl::CallSleeper(std::unique_lock<std::mutex>& lock) {
   sleepers_.pop_back();
   sleeper->called = true;
   ++on_their_way_;
-  sleeper->wake.notify_one();  // with the lock: without it the sleeper may be gone by now
+  sleeper->wake.notify_one();  // with the lock: without it, the sleeper may no longer exist
   lock.unlock();
 }
 
@@ -176,8 +177,8 @@ void Lane::Impl::ArmMonitor() {
   }
 }
 
-// Adds a thread when the first job that no thread is about to take has waited long enough. Every worker may be stuck,
-// hence a thread of its own; it sleeps without end while there is nothing to watch.
+// Adds a thread when the first job that no thread is about to take has waited long enough. It has a thread of its own
+// because every worker may be stuck. It sleeps without a timeout while there is nothing to watch.
 void Lane::Impl::Monitor() {
   std::unique_lock lock(mutex_);
   while (!stopped_) {
@@ -211,7 +212,7 @@ void Lane::Impl::Work() {
   progress_.notify_all();
 }
 
-// False: nobody called for as long as idle_exit, and this thread is one too many.
+// False: no job came within idle_exit, and this thread is surplus.
 bool Lane::Impl::WaitForJob(std::unique_lock<std::mutex>& lock) {
   Sleeper self;
   sleepers_.push_back(&self);
@@ -236,7 +237,7 @@ void Lane::Impl::RunFirst(std::unique_lock<std::mutex>& lock) {
   ++busy_;
   lock.unlock();
   job.run();
-  job.run = nullptr;  // what the job holds is gone before it counts as done
+  job.run = nullptr;  // what the job holds is destroyed before the job counts as done
   lock.lock();
   --busy_;
   ++done_;
@@ -260,7 +261,7 @@ bool Lane::Impl::Stop(std::chrono::milliseconds deadline) {
   stopped_ = true;
   monitor_.notify_all();
   progress_.wait_for(lock, kIdleThreadsLeave, [this] { return threads_ <= busy_ && !monitor_exists_; });
-  lock.unlock();  // what the dropped jobs hold may call back
+  lock.unlock();  // what the dropped jobs hold may call back when destroyed
   return all_done;
 }
 

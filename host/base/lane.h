@@ -1,4 +1,4 @@
-// A lane: a bounded queue with a pool of threads that grows when its jobs wait and shrinks when they do not.
+// A lane: a bounded queue with a pool of threads that grows when jobs wait and shrinks when they do not.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ struct LaneOptions {
   std::size_t max_queued = 4096;             // jobs that wait for a thread
   std::size_t max_per_user = 0;              // jobs of one user, waiting and running; 0: no quota
   std::chrono::milliseconds grow_after{20};  // the head of the queue waits this long before a thread is added
-  std::chrono::seconds idle_exit{10};        // a thread above min_threads ends after so long without a job
+  std::chrono::seconds idle_exit{10};        // a thread above min_threads ends after this long without a job
   std::size_t stack_bytes = std::size_t{1} << 20;
 };
 
@@ -35,13 +35,13 @@ class Lane {
   enum class Submitted { kAccepted, kQueueFull, kOverQuota, kStopped };
 
   explicit Lane(const LaneOptions& options);
-  // Stops as Stop(0 s) does.
+  // Same as Stop(0 s).
   ~Lane();
 
   Submitted Submit(const std::string& user, std::function<void()> job);
 
-  // Takes no further jobs, and waits until those taken are done, at most `deadline`. True when all are done; what still
-  // runs then keeps its thread until the process ends, and what still waits is dropped.
+  // Stops accepting jobs and waits at most `deadline` for the accepted ones. True when all are done. Otherwise running
+  // jobs keep their threads until the process ends, and waiting jobs are dropped.
   bool Stop(std::chrono::milliseconds deadline);
 
   LaneStats stats() const;

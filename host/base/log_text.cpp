@@ -10,7 +10,7 @@ namespace {
 constexpr std::string_view kCut = "…";
 constexpr std::string_view kNoCharacter = "\xEF\xBF\xBD";
 
-// The bytes of the character that `text`, which is not empty, begins with; 0: it begins with none.
+// The size of the character at the start of `text`, which is not empty; 0 when it does not start with a valid one.
 std::size_t CharacterSize(std::string_view text) {
   for (std::size_t size = 1; size <= std::min<std::size_t>(4, text.size()); ++size) {
     if (IsValidUtf8(text.substr(0, size))) return size;

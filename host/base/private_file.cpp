@@ -12,7 +12,7 @@
 namespace vexa {
 namespace {
 
-// File times advance with the kernel's tick, 1 to 10 ms; twice that and some more for a busy machine.
+// File times advance with the kernel's tick, 1 to 10 ms. This is two ticks plus a margin for a busy machine.
 constexpr std::int64_t kTimeGranularityNs = 50'000'000;
 
 Error Failed(const std::string& path, int error_number) {
@@ -100,10 +100,10 @@ Result<FileStamp> StampOf(const std::string& path) {
 
 Result<PrivateFile> ReadPrivateFile(const std::string& path, std::size_t max_bytes) {
   if (path.find('\0') != std::string::npos) return Error(ErrorCode::kInvalid, "The path of a file contains a NUL");
-  // O_NONBLOCK: a FIFO in the place of the file must not hold the caller.
+  // O_NONBLOCK: a FIFO in place of the file must not block the caller.
   const Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
   if (fd.get() < 0) return Failed(path, errno);
-  // Files of ours are replaced and never change in place; an editor may do otherwise.
+  // Our own files are replaced and never change in place; an editor may do otherwise.
   constexpr int kAttempts = 5;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     struct stat before {};
@@ -115,7 +115,7 @@ Result<PrivateFile> ReadPrivateFile(const std::string& path, std::size_t max_byt
     struct stat after {};
     if (::fstat(fd.get(), &after) != 0) return Failed(path, errno);
     file.stamp = StampFrom(after);
-    // A file that another has just replaced has lost its name, which is a change of its inode and not of what was read.
+    // A file that was just replaced has lost its name. That changes its inode, not what was read.
     file.stamp.changed = before.st_ctim;
     if (!(file.stamp == StampFrom(before))) continue;
     file.stamp_may_repeat = IsRecent(after.st_mtim) || IsRecent(after.st_ctim);

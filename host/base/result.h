@@ -1,4 +1,4 @@
-// Results of the host's own code: a value or an error with a code, a sentence and its cause.
+// Results of the host's own code: a value, or an error with a code, a sentence and its cause.
 #pragma once
 
 #include <optional>
@@ -12,12 +12,12 @@ namespace vexa {
 enum class ErrorCode {
   kInvalid,      // the caller's input cannot be accepted
   kNotFound,     // what was named does not exist
-  kConflict,     // somebody else changed it first, or it exists already
+  kConflict,     // changed elsewhere first, or exists already
   kDenied,       // the caller may not do this
   kBusy,         // try again later
-  kUnavailable,  // a part that is needed cannot be reached
+  kUnavailable,  // a required component cannot be reached
   kNoSpace,      // the disk or a limit is full
-  kCorrupt,      // what is stored cannot be understood
+  kCorrupt,      // stored data cannot be understood
   kInternal,     // a call failed for a reason of its own; see the cause
 };
 
@@ -55,7 +55,7 @@ class [[nodiscard]] Result {
   bool ok() const { return std::holds_alternative<T>(state_); }
   explicit operator bool() const { return ok(); }
 
-  // Only when ok().
+  // Requires ok().
   T& value() & { return std::get<T>(state_); }
   const T& value() const& { return std::get<T>(state_); }
   T&& value() && { return std::get<T>(std::move(state_)); }
@@ -64,7 +64,7 @@ class [[nodiscard]] Result {
   T* operator->() { return &value(); }
   const T* operator->() const { return &value(); }
 
-  // Only when not ok().
+  // Requires !ok().
   const Error& error() const { return std::get<Error>(state_); }
 
  private:

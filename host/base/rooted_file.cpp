@@ -31,7 +31,7 @@ class Descriptor {
   int fd_;
 };
 
-// Whether `path` is a slash and names with one slash between two of them.
+// Whether `path` is a slash followed by names that are separated by single slashes.
 bool IsPlain(std::string_view path) {
   if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) return false;
   while (!path.empty()) {
@@ -43,7 +43,7 @@ bool IsPlain(std::string_view path) {
   return true;
 }
 
-// One segment after the other; O_PATH, so that nothing is opened that would wait or do something.
+// One segment after another. O_PATH, so that opening never waits and has no side effects.
 Descriptor OpenByWalking(int root, const std::string& below) {
   Descriptor at(::openat(root, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
   for (std::size_t begin = 0; at.get() >= 0 && begin < below.size();) {
@@ -62,7 +62,7 @@ Descriptor Open(int root, const std::string& below, ResolvePath resolve) {
   how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
   const long fd = ::syscall(SYS_openat2, root, below.c_str(), &how, sizeof how);
-  // EPERM: what filters of system calls answer that do not know this one. EAGAIN: something was renamed meanwhile.
+  // EPERM: the answer of system call filters that do not know this call. EAGAIN: something was renamed meanwhile.
   if (fd < 0 && (errno == ENOSYS || errno == EPERM || errno == EAGAIN)) return OpenByWalking(root, below);
   return Descriptor(static_cast<int>(fd));
 }

@@ -20,7 +20,7 @@ std::string TextOf(boost::uuids::uuid id, unsigned version) {
 
 }  // namespace
 
-// Boost's generator throws when the system gives no random numbers.
+// Boost's generator throws when the system provides no random numbers.
 Result<std::string> RandomUuid() {
   boost::uuids::uuid id{};
   if (::getrandom(id.data, id.size(), 0) != static_cast<ssize_t>(id.size())) {

@@ -9,17 +9,17 @@
 
 namespace vexa {
 
-// A random UUID (version 4), lower case. Errors: kInternal when the system gives no random numbers.
+// A random UUID (version 4), lower case. Errors: kInternal when the system provides no random numbers.
 Result<std::string> RandomUuid();
 
-// The UUID (version 5) of `name` in the name space, lower case; the same for the same texts. `name_space`: bytes,
-// usually the 16 of a UUID.
+// The UUID (version 5) of `name` in the name space, lower case. The same inputs give the same UUID. `name_space`:
+// bytes, usually the 16 of a UUID.
 std::string NameBasedUuid(std::string_view name_space, std::string_view name);
 
 // 8-4-4-4-12 hexadecimal digits.
 bool IsUuidForm(std::string_view text);
 
-// `text` in lower case when it has that form and is not all zero; else empty.
+// `text` in lower case when it has that form and is not all zeros; otherwise empty.
 std::string NormalizeUuid(std::string_view text);
 
 }  // namespace vexa

@@ -10,7 +10,7 @@
 namespace vexa::cluster {
 namespace {
 
-// Of the environment that is installed now.
+// Belongs to the environment that is installed now.
 CacheMemory& CurrentCacheMemory() {
   static std::mutex mutex;
   static std::unique_ptr<CacheMemory> memory;
@@ -68,7 +68,7 @@ std::optional<Json::Value> CacheEntry::RefreshUnstored() const {
 
 void CacheEntry::NoteFailure(const Error& error) const { CurrentCacheMemory().NoteFailure(*paths_, error); }
 
-// What derived classes do is code of others: whatever it throws must end neither a thread nor a request.
+// Derived classes run foreign code: an exception from it must not end a thread or a request.
 Result<Json::Value> CacheEntry::FindOut() const {
   try {
     Json::Value data;
@@ -80,8 +80,8 @@ Result<Json::Value> CacheEntry::FindOut() const {
   }
 }
 
-// Parsed before it is stored: what readers could not read must not take the place of what they can, and they find it
-// parsed.
+// Parsed before it is stored: a value that readers could not parse must not replace one that they can. Readers then
+// find it already parsed.
 Status CacheEntry::Store(const Json::Value& data) const {
   std::string text = MakeCacheRecordText(names_.group, names_.name, names_.valid_s, data);
   if (text.size() > kMaxCacheBytes) return Error(ErrorCode::kNoSpace, "The value is too large to be stored");

@@ -1,4 +1,4 @@
-// What all objects of one cache share: its record on disk and in memory.
+// State shared by all objects of one cache: its record on disk and in memory.
 #pragma once
 
 #include <json/value.h>
@@ -14,7 +14,7 @@
 
 namespace VexaDR::Cache {
 
-// What an object was made with.
+// The arguments of an object's constructor.
 struct DRCacheNames {
   explicit DRCacheNames(const DRCache& cache) : group(cache.group_), name(cache.name_), valid_s(cache.valid_s_) {}
   const std::string& group;
@@ -26,31 +26,32 @@ struct DRCacheNames {
 
 namespace vexa::cluster {
 
-// A cache as the installed environment keeps it. Lives no longer than the object it was made of.
+// A cache in the installed environment. Must not outlive the object that it was made from.
 class CacheEntry {
  public:
   explicit CacheEntry(const VexaDR::Cache::DRCache& cache);
 
-  // False: there is no environment or it has no cache folder, or the cache's name cannot be a path. Nothing is ever
-  // loaded then, and what needs a lock is not to be called.
+  // False: there is no environment, it has no cache folder, or the cache's name cannot be a path. Nothing is ever
+  // loaded then, and functions that need a lock must not be called.
   bool is_stored() const { return paths_.has_value(); }
 
   LoadedCache Load() const;
   Result<CacheLock> TryLock() const;
 
-  // Whether the record is there, valid and not outdated, or valid and another one than `before`: found since.
+  // Whether the record exists, is valid and is not outdated; or is valid and differs from `before`, so it was refreshed
+  // since.
   bool IsFresh(const LoadedCache& loaded, const LoadedCache& before) const;
 
   struct Refreshed {
-    std::optional<Json::Value> value;  // nothing: it could not be found out
+    std::optional<Json::Value> value;  // empty: the value could not be computed
     bool was_stored = false;
   };
-  // Finds the value out anew and stores it, which needs the lock. What fails is logged.
+  // Computes the value and stores it, which needs the lock. Failures are logged.
   Refreshed Refresh(const CacheLock& lock) const;
   // The same without storing it, for one caller; also when is_stored() is false.
   std::optional<Json::Value> RefreshUnstored() const;
 
-  // A refresh failed for a reason outside of it: logged like its own failures.
+  // Logs a refresh that failed for an external reason like the refresh's own failures.
   void NoteFailure(const Error& error) const;
 
  private:
@@ -62,13 +63,13 @@ class CacheEntry {
   std::optional<CachePaths> paths_;
 };
 
-// In the background: when the record is not current and nobody else is at it.
+// In the background: refreshes when the record is not current and no one else is refreshing it.
 enum class RefreshOutcome {
-  kCurrent,  // it has been refreshed, or somebody else has just done so
-  kBusy,     // somebody else is at it
+  kCurrent,  // it has been refreshed here, or elsewhere just now
+  kBusy,     // another refresh is in progress
   kFailed,   // logged
 };
-// kAlways: also when the record is current by its age.
+// kAlways: even when the record is young enough to be current.
 enum class WhenDue { kOutdated, kAlways };
 RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache, WhenDue when = WhenDue::kOutdated);
 

@@ -13,7 +13,7 @@
 namespace vexa::cluster {
 namespace {
 
-// Whether the open file is still the one that has this name.
+// Whether the open file still has this name.
 bool HasName(int fd, const std::string& path) {
   struct stat open_file {};
   struct stat named {};
@@ -25,8 +25,8 @@ bool HasName(int fd, const std::string& path) {
 
 Result<CacheLock> CacheLock::Try(const CachePaths& paths) {
   if (Status made = CreateDirectories(paths.folder, 0700); !made) return made.error();
-  // Closed on exec, or a program started by a refresh would keep the lock. A second attempt when somebody removed the
-  // file between its opening and its locking: then others lock another file.
+  // Closed on exec, or a program started by a refresh would keep the lock. A second attempt when the file was removed
+  // between its opening and its locking: others would then lock another file.
   for (int attempt = 0; attempt < 2; ++attempt) {
     CacheLock lock(::open(paths.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     if (lock.fd_ < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + paths.lock + "'", errno);

@@ -1,4 +1,4 @@
-// Who may find a cached value out anew: one at a time on a host, of all threads and processes.
+// Limits the refresh of a cached value to one at a time on a host, across all threads and processes.
 #pragma once
 
 #include "host/base/result.h"
@@ -6,11 +6,11 @@
 
 namespace vexa::cluster {
 
-// Held while it lives, and at most as long as its process does: the kernel lets go of a killed process's lock.
+// Held while the object lives, and at most as long as its process: the kernel releases the lock of a killed process.
 class CacheLock {
  public:
-  // Never waits. kBusy: somebody else holds it. Any other error: there can be no lock, because the cache's folder
-  // cannot be written.
+  // Never waits. kBusy: the lock is held. Any other error: locking is impossible because the cache's folder cannot be
+  // written.
   static Result<CacheLock> Try(const CachePaths& paths);
 
   CacheLock(CacheLock&& other) noexcept;

@@ -1,4 +1,4 @@
-// Records of caches as they were last read, so that one is parsed once however often it is read.
+// Cache records as they were last read, so that each is parsed only once.
 #pragma once
 
 #include <map>
@@ -13,32 +13,32 @@
 namespace vexa::cluster {
 
 struct LoadedCache {
-  std::shared_ptr<const CacheRecord> record;  // null: nothing is cached, or it is no record
-  FileStamp stamp;                            // of the file it stands in; another one after every replacement
+  std::shared_ptr<const CacheRecord> record;  // null: nothing is cached, or the file is not a valid record
+  FileStamp stamp;                            // of the record's file; changes with every replacement
 };
 
-// Threads: any, at the same time. Those that read the same record wait for the first of them to parse it, and for
-// nothing else.
+// Threads: any, at the same time. Readers of the same record wait for the first of them to parse it, and for nothing
+// else.
 class CacheMemory {
  public:
-  // The record that the file now holds. Everything that is no whole record of this cache counts as none: torn, larger
+  // The record that the file now holds. Anything except a complete record of this cache counts as missing: torn, larger
   // than kMaxCacheBytes, not a private file of this user.
   LoadedCache Load(const CachePaths& paths, const std::string& group, const std::string& name);
 
-  // Saves the next Load the parsing when the file then holds `text`, whose record is `record`.
+  // Announces that the file will hold `text`, whose record is `record`, so that the next Load need not parse it.
   void Expect(const CachePaths& paths, std::string text, std::shared_ptr<const CacheRecord> record);
 
-  // What becomes of refreshes is logged when it changes: the first failure, and the first success after one.
+  // The outcome of refreshes is logged when it changes: the first failure, and the first success after a failure.
   void NoteFailure(const CachePaths& paths, const Error& error);
   void NoteSuccess(const CachePaths& paths);
 
  private:
   struct Slot {
     std::mutex mutex;
-    bool is_known = false;  // the rest tells what the file is
+    bool is_known = false;  // the other members are valid
     FileStamp stamp;
     std::shared_ptr<const CacheRecord> record;
-    // The text of `record` while the stamp alone does not prove that the file is the same.
+    // Whether the text of `record` is kept, because the stamp alone does not prove that the file is unchanged.
     bool has_text = false;
     std::string text;
     bool has_failed = false;
@@ -47,7 +47,7 @@ class CacheMemory {
   Slot& SlotOf(const CachePaths& paths);
 
   std::mutex mutex_;
-  std::map<std::string, Slot, std::less<>> slots_;  // by the record's path; never removed
+  std::map<std::string, Slot, std::less<>> slots_;  // by the record's path; entries are never removed
 };
 
 }  // namespace vexa::cluster

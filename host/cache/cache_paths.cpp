@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 constexpr std::size_t kMaxWordBytes = 64;
 constexpr mode_t kFolderMode = 0700;
 
-// Written out instead of isalnum(3): the locale must not decide what a path may be.
+// Written out instead of isalnum(3): the locale must not decide which paths are valid.
 bool IsPlainWord(std::string_view word) {
   const auto is_plain = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-';

@@ -1,8 +1,8 @@
-// Where a cached value lies on disk, and how it is replaced.
+// Where a cached value is stored on disk, and how it is replaced.
 //
 //   <cache folder>/<group>/<name>.json         the record, 0600
-//   <cache folder>/<group>/<name>.json.??????  a record that is being written; a killed writer leaves it
-//   <cache folder>/<group>/<name>.lock         locked, flock(2), by whoever finds the value out anew
+//   <cache folder>/<group>/<name>.json.??????  a record that is being written; a killed writer leaves it behind
+//   <cache folder>/<group>/<name>.lock         locked with flock(2) while the value is refreshed
 #pragma once
 
 #include <cstddef>
@@ -22,12 +22,12 @@ struct CachePaths {
   std::string lock;
 };
 
-// Nothing when the value is not to be stored: `directory` is empty, or `group` or `name` is no plain word (1 to 64
+// Empty when the value must not be stored: `directory` is empty, or `group` or `name` is not a plain word (1 to 64
 // letters, digits, underscores and hyphens).
 std::optional<CachePaths> PathsOfCache(const std::string& directory, std::string_view group, std::string_view name);
 
-// Replaces the record at once, and removes what killed writers have left. Only for who holds the lock. A failure leaves
-// the old record. Not synced: a record that a power failure tore counts as none.
+// Replaces the record atomically and removes files that killed writers left behind. The caller must hold the lock. On
+// failure the old record stays. Not synced: a record torn by a power failure counts as missing.
 Status ReplaceCacheFile(const CachePaths& paths, std::string_view text);
 
 }  // namespace vexa::cluster

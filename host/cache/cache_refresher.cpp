@@ -16,8 +16,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// While another process refreshes a cache, requests for it come with every read; one that hangs must not keep this
-// thread busy.
+// While another process refreshes a cache, every read requests a refresh. One that hangs must not keep this thread
+// busy.
 constexpr milliseconds kBusyPause{100};
 
 struct Installed {
@@ -25,13 +25,13 @@ struct Installed {
   std::shared_ptr<CacheRefresher> refresher;
 };
 
-// Never destroyed: readers may still ask while the program ends.
+// Never destroyed: readers may still use it while the program ends.
 Installed& Current() {
   static auto* const current = new Installed;
   return *current;
 }
 
-// Null when the factory fails or makes an object of another cache, which would be refreshed in place of this one.
+// Null when the factory fails or makes an object of another cache, which would then be refreshed instead.
 std::unique_ptr<VexaDR::Cache::DRCache> MakeObject(const CacheRefresher::Factory& factory, const std::string& group,
                                                    const std::string& name) {
   try {
@@ -112,7 +112,7 @@ void CacheRefresher::Stop() {
   if (thread.joinable()) thread.join();
 }
 
-// Signals are left to the threads that expect them.
+// Signals are left to the threads that handle them.
 void CacheRefresher::StartThread() {
   sigset_t all;
   sigset_t before;
@@ -154,7 +154,7 @@ void CacheRefresher::Run() {
   }
 }
 
-// The cache that is to be looked at next, now or later; null when none is kept fresh.
+// The cache to check next, now or later; null when none is kept fresh.
 CacheRefresher::Entry* CacheRefresher::NextKept(Clock::time_point now) {
   Entry* next = nullptr;
   for (Entry& entry : jobs_) {
@@ -219,7 +219,7 @@ void RemoveCacheRefresher() {
     const std::lock_guard lock(Current().mutex);
     refresher.swap(Current().refresher);
   }
-  // Here and not where the last reader lets go of it: readers never wait.
+  // Stopped here and not by the last reader that releases it: readers never wait.
   if (refresher) refresher->Stop();
 }
 
@@ -229,7 +229,7 @@ bool RemoveCacheRefresher(std::chrono::milliseconds deadline) {
     const std::lock_guard lock(Current().mutex);
     refresher = Current().refresher;
   }
-  // It stays installed while a refresh runs, so that a removal without a deadline still finds it.
+  // It stays installed while a refresh runs, so that a later removal without a deadline still finds it.
   if (refresher && !refresher->Stop(deadline)) return false;
   RemoveCacheRefresher();
   return true;

@@ -1,4 +1,4 @@
-// Refreshes of caches in the background, for processes that want them.
+// Refreshes caches in the background, for processes that want that.
 #pragma once
 
 #include <chrono>
@@ -18,49 +18,50 @@
 namespace vexa::cluster {
 
 struct CacheRefresherOptions {
-  // A refresh that failed is not tried again for so long; twice as long after each further failure, up to the last.
+  // Back-off after a failed refresh: the first pause, doubled after each subsequent failure, up to the last.
   std::chrono::milliseconds first_pause{1000};
   std::chrono::milliseconds last_pause{300'000};
-  // Of caches that are kept fresh: how often it is looked whether there is something new, how old a value may become,
-  // and for how long after the last read.
+  // For caches that are kept fresh: how often to check for changes, how old a value may become, and how long to
+  // continue after the last read.
   std::chrono::milliseconds look_every{1'000};
   std::chrono::milliseconds refresh_after{4'000};
   std::chrono::milliseconds keep_for{60'000};
 };
 
-// Refreshes caches of the installed environment's folder on a thread of its own, which is started at the first request.
-// Caches with a version are also kept fresh while this process reads them: refreshed when the version is another one,
-// or the value has become a few seconds old, until a minute after the last read.
-// One cache is refreshed at a time; a refresh is a cluster::RequestScope. Failures are logged once until a refresh
-// succeeds.
+// Refreshes caches in the installed environment's folder on a thread of its own, which is started at the first request.
+// Caches with a version are also kept fresh while this process reads them: they are refreshed when the version has
+// changed, or the value is a few seconds old, until a minute after the last read.
+// One cache is refreshed at a time; each refresh has its own cluster::RequestScope. Failures are logged once until a
+// refresh succeeds.
 // Threads: any, at the same time. The environment must outlive it.
 class CacheRefresher {
  public:
-  // Makes the object whose GetUpdatedData finds the value out. Called on the refresher's thread.
+  // Makes the object whose GetUpdatedData computes the value. Called on the refresher's thread.
   using Factory = std::function<std::unique_ptr<VexaDR::Cache::DRCache>()>;
 
   explicit CacheRefresher(CacheRefresherOptions options = {});
-  // As Stop.
+  // Same as Stop.
   ~CacheRefresher();
   CacheRefresher(const CacheRefresher&) = delete;
   CacheRefresher& operator=(const CacheRefresher&) = delete;
 
-  // The version of what a cache's value is made of. Called on the refresher's thread, in a cluster::RequestScope.
+  // The version of the data that a cache's value is computed from. Called on the refresher's thread, in a
+  // cluster::RequestScope.
   using Version = std::function<std::uint64_t()>;
 
-  // The factory's objects must be of this group and name. With `version` the cache is kept fresh.
+  // The factory's objects must have this group and name. With `version`, the cache is kept fresh.
   void Add(const std::string& group, const std::string& name, Factory factory, Version version = {});
 
   // Notes that the cache was read, whatever its age. Never waits.
   void NoteRead(const std::string& group, const std::string& name);
 
-  // Refreshes the cache soon, unless its value has become current by then. Never waits. Nothing happens when there is
-  // no factory for it, it waits its turn or runs already, or it has failed a short while ago.
+  // Refreshes the cache soon, unless its value has become current by then. Never waits. Does nothing when there is no
+  // factory for it, a refresh is queued or running, or one failed a short while ago.
   void Request(const std::string& group, const std::string& name);
 
-  // Waits for the refresh that runs; those that wait their turn are dropped. Requests do nothing from then on.
+  // Waits for the refresh that is running and drops the queued ones. Later requests do nothing.
   void Stop();
-  // The same, but waits at most so long. False: it still runs, and the environment must stay until Stop.
+  // The same, but waits at most `deadline`. False: a refresh still runs, and the environment must stay until Stop.
   bool Stop(std::chrono::milliseconds deadline);
 
  private:
@@ -70,9 +71,9 @@ class CacheRefresher {
     Factory factory;
     State state = State::kIdle;
     Clock::time_point not_before{};
-    std::chrono::milliseconds pause{0};  // 0: it did not fail last time
+    std::chrono::milliseconds pause{0};  // 0: the last refresh did not fail
     bool has_no_object = false;          // the factory failed, which has been logged
-    // Of caches that are kept fresh:
+    // For caches that are kept fresh:
     Version version;
     Clock::time_point kept_until{};
     Clock::time_point next_look{};
@@ -82,7 +83,7 @@ class CacheRefresher {
   using Key = std::pair<std::string, std::string>;
   using Entry = std::map<Key, Job>::value_type;
 
-  // What a refresh is made for.
+  // Why a refresh is done.
   enum class Cause { kRequest, kLook };
 
   void StartThread();
@@ -91,28 +92,29 @@ class CacheRefresher {
   Entry* NextKept(Clock::time_point now);
 
   const CacheRefresherOptions options_;
-  std::mutex mutex_;  // never held while something is refreshed
+  std::mutex mutex_;  // never held during a refresh
   std::condition_variable wake_;
   std::condition_variable idle_;
   std::map<Key, Job> jobs_;
   std::deque<Entry*> waiting_;
   bool is_stopped_ = false;
-  bool is_running_ = false;  // something is refreshed
+  bool is_running_ = false;  // a refresh is running
   std::thread thread_;
 };
 
-// Makes non-blocking reads of this process ask `refresher` for refreshes. One at a time.
+// Lets non-blocking reads of this process request refreshes from `refresher`. One at a time.
 void InstallCacheRefresher(std::unique_ptr<CacheRefresher> refresher);
-// Stops it, which waits for the refresh that runs. Before RemoveEnvironment; nothing happens when none is installed.
+// Stops it and waits for the refresh that is running. Call it before RemoveEnvironment. Does nothing when none is
+// installed.
 void RemoveCacheRefresher();
-// The same, but waits at most so long. False: the refresh still runs, and the environment must stay. No further one
+// The same, but waits at most `deadline`. False: a refresh still runs, and the environment must stay. No other one
 // begins, and a later removal waits for it.
 bool RemoveCacheRefresher(std::chrono::milliseconds deadline);
 
-// Tells the installed refresher that a cache was read; without one nothing happens. Never waits.
+// Notifies the installed refresher that a cache was read. Does nothing without a refresher. Never waits.
 void NoteCacheRead(const std::string& group, const std::string& name);
 
-// Asks the installed refresher; without one nothing happens. Never waits.
+// Requests a refresh from the installed refresher. Does nothing without a refresher. Never waits.
 void RequestCacheRefresh(const std::string& group, const std::string& name);
 
 }  // namespace vexa::cluster

@@ -44,8 +44,8 @@ Result<bool> AccountEdit::IsFree(AccountKind kind, std::uint32_t id) const {
   return !*deleted;
 }
 
-// Ids beyond the next one may have been given explicitly. Grants under an id that is free may be for somebody whose
-// account is still in the file of another host.
+// Ids beyond the next one may have been assigned explicitly. Grants under a free id may be for a user whose account is
+// still in the file of another host.
 Result<std::uint32_t> AccountEdit::TakeId() {
   for (; index_.next_id <= base::kLastOwnId; ++index_.next_id) {
     const std::uint32_t id = index_.next_id;

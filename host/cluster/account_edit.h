@@ -1,4 +1,4 @@
-// One change of the accounts: planned on a snapshot, and committed only if nobody has changed an account since.
+// One change of the accounts: planned on a snapshot, and committed only if no account has changed since.
 #pragma once
 
 #include <cstdint>
@@ -16,37 +16,37 @@ namespace vexa::cluster {
 // Threads: one. The snapshot must outlive it.
 class AccountEdit {
  public:
-  // Errors: what LoadAccounts says.
+  // Errors: those of LoadAccounts.
   static Result<AccountEdit> Begin(const store::Snapshot& snapshot);
 
-  // With what has been changed so far.
+  // Includes the changes made so far.
   const AccountIndex& accounts() const { return index_; }
 
-  // kCorrupt when a record is damaged: its name and groups are unknown, so nobody can be added beside it.
+  // kCorrupt when a record is damaged: its name and groups are unknown, so no account can be added beside it.
   Status CheckWhole() const;
 
-  // Whether the id was never given to anybody. Of the ids that TakeId gives all below the next one count as given.
+  // Whether the id was never assigned. In TakeId's range, all ids below the next one count as assigned.
   Result<bool> IsFree(AccountKind kind, std::uint32_t id) const;
-  // The next id that no user and no group has or had, and that no grants stand under. kNoSpace when all are used up.
+  // The next id that no user or group has or had, and that has no grants. kNoSpace when all are used up.
   Result<std::uint32_t> TakeId();
-  // No id below `next_id` is given by TakeId.
+  // Makes TakeId skip the ids below `next_id`.
   void RaiseNextId(std::uint32_t next_id);
 
-  // Creates "administrators" and "users" when they are missing, so that no other spelling of these names can be.
+  // Creates "administrators" and "users" when they are missing, so that no other spelling of these names can exist.
   Status MakeWellKnownGroups();
-  // The group of that name in any case, created when missing.
+  // The group of that name, ignoring case; created when missing.
   Result<base::Group> GroupFor(const std::string& name);
-  // Adds a group with an id that IsFree.
+  // Adds a group. IsFree must hold for its id.
   void AddGroup(const base::Group& group);
 
-  // Adds the user or replaces the one of the same id.
+  // Adds the user, or replaces the user with the same id.
   void PutUser(const Account& account);
-  // Deletes the user and what was granted to them, and remembers the id.
+  // Deletes the user and their grants, and remembers the id.
   void DeleteUser(std::uint32_t uid);
-  // Whatever was granted under this id is not for the new account.
+  // Removes earlier grants under this id: they are not meant for the new account.
   void ForgetGrants(std::uint32_t uid);
 
-  // Further operations of the same commit.
+  // More operations for the same commit.
   store::Transaction& transaction() { return transaction_; }
 
   // What to commit.

@@ -1,4 +1,4 @@
-// Where the accounts of a host come from, as its daemon last said it: for commands that have only the data folder.
+// Where a host's accounts come from, as its daemon last noted: for commands that have only the data folder.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@ namespace vexa::cluster {
 
 enum class AccountSource { kStore, kPam };
 
-// Remembers it: the file "accounts-from" in the data folder says "pam", or does not exist. Errors: the file's.
+// Stores it: the file "accounts-from" in the data folder says "pam", or does not exist. Errors: those of the file.
 Status NoteAccountSource(const std::string& data_directory, AccountSource source);
 
-// What was last remembered; kStore when nothing can be read.
+// The value last stored; kStore when nothing can be read.
 AccountSource KnownAccountSource(const std::string& data_directory);
 
 }  // namespace vexa::cluster

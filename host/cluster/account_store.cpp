@@ -19,14 +19,14 @@ Error Unavailable(const Error& cause) {
   return Error(ErrorCode::kUnavailable, "The accounts cannot be read", cause.ToString());
 }
 
-Error NoUser(const std::string& name) {
+Error UnknownUser(const std::string& name) {
   return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
                                          ? "There is no user '" + name + "'"
                                          : std::string("There is no user of an impossible name"));
 }
 
-// For what was not found: it may be what the damaged record was about.
-Error NotFound(const AccountIndex& accounts, Error error) {
+// For an account that was not found: the damaged record may be about it.
+Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
   return accounts.damage ? Unavailable(*accounts.damage) : error;
 }
 
@@ -58,7 +58,7 @@ Result<std::uint32_t> ChooseUid(AccountEdit& edit, const AccountStore::NewUser& 
                "The uid " + number + " was given before, and no id is given twice: choose another one");
 }
 
-// Gives the user the groups, made when missing, each once and after the primary one.
+// Assigns the groups to the user, creating missing ones, without duplicates and after the primary one.
 Status AssignGroups(AccountEdit& edit, const std::vector<std::string>& names, base::User& user) {
   user.groups.erase(std::remove_if(user.groups.begin(), user.groups.end(),
                                    [&](const base::Group& group) { return group.gid != user.gid; }),
@@ -99,7 +99,7 @@ Status PlanNewUser(AccountEdit& edit, const AccountStore::NewUser& user, const s
 AccountStore::AccountStore(std::shared_ptr<store::Store> store) : store_(std::move(store)) {}
 AccountStore::~AccountStore() = default;
 
-// The index of the newest state. The snapshot lives for one look-up, or for the load of all accounts after a change.
+// The index of the newest state. The snapshot lives for one look-up, or while all accounts are loaded after a change.
 Result<AccountStore::Accounts> AccountStore::Current() const {
   const auto find = [this](store::Revision revision) {
     const std::lock_guard lock(mutex_);
@@ -112,7 +112,7 @@ Result<AccountStore::Accounts> AccountStore::Current() const {
     if (!revision) return Unavailable(revision.error());
     if (Accounts accounts = find(*revision)) return accounts;
   }
-  // Waiting without a snapshot. Who comes second finds what the first has loaded.
+  // Wait without a snapshot. The second thread finds what the first has loaded.
   const std::lock_guard turn(load_mutex_);
   const auto snapshot = store_->Read();
   if (!snapshot) return Unavailable(snapshot.error());
@@ -127,7 +127,7 @@ Result<AccountStore::Accounts> AccountStore::Current() const {
   return accounts;
 }
 
-// `change` (a Status(AccountEdit&)) plans the change, and plans it again after others have changed an account.
+// `change` (a Status(AccountEdit&)) plans the change. It is called again after another change of an account.
 template <class Change>
 Status AccountStore::Edit(const Change& change) {
   return CommitPlanned(*store_, [&]() -> Result<store::Transaction> {
@@ -144,7 +144,7 @@ Result<base::User> AccountStore::FindUser(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   if (const Account* found = (*accounts)->FindUser(name)) return found->user;
-  return NotFound(**accounts, NoUser(name));
+  return NotFoundOrDamaged(**accounts, UnknownUser(name));
 }
 
 Result<base::User> AccountStore::FindUserByUid(std::uint32_t uid) const {
@@ -160,10 +160,10 @@ Result<base::Group> AccountStore::FindGroup(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   if (const base::Group* found = (*accounts)->FindGroup(name)) return *found;
-  return NotFound(**accounts,
-                  Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                                  ? "There is no group '" + name + "'"
-                                                  : std::string("There is no group of an impossible name")));
+  return NotFoundOrDamaged(**accounts,
+                           Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
+                                                           ? "There is no group '" + name + "'"
+                                                           : std::string("There is no group of an impossible name")));
 }
 
 Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
@@ -184,7 +184,7 @@ Result<base::User> AccountStore::VerifyPassword(const std::string& name, const s
       return account->user;
     case base::PasswordCheck::kDiffers: {
       Error denied(ErrorCode::kDenied, "The name or the password is wrong");
-      return account == nullptr ? NotFound(**accounts, std::move(denied)) : denied;
+      return account == nullptr ? NotFoundOrDamaged(**accounts, std::move(denied)) : denied;
     }
     case base::PasswordCheck::kCannotTell:
       break;
@@ -195,7 +195,8 @@ Result<base::User> AccountStore::VerifyPassword(const std::string& name, const s
 Status AccountStore::AddUser(const NewUser& user) {
   if (Status possible = CheckNewUser(user); !possible) return possible;
   if (Status possible = CheckGroupNames(user.groups); !possible) return possible;
-  const auto hash = base::HashPassword(user.password);  // once, however often the commit is tried: it takes long
+  const auto hash = base::HashPassword(user.password);  // only once, however often the commit is retried: hashing takes
+                                                        // long
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) { return PlanNewUser(edit, user, *hash); });
 }
@@ -206,7 +207,7 @@ Status AccountStore::SetPassword(const std::string& name, const std::string& pas
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return NoUser(name);
+    if (found == nullptr) return UnknownUser(name);
     edit.PutUser({found->user, *hash});
     return {};
   });
@@ -216,7 +217,7 @@ Status AccountStore::SetGroups(const std::string& name, const std::vector<std::s
   if (Status possible = CheckGroupNames(groups); !possible) return possible;
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return NoUser(name);
+    if (found == nullptr) return UnknownUser(name);
     Account account = *found;
     if (Status assigned = AssignGroups(edit, groups, account.user); !assigned) return assigned;
     edit.PutUser(account);
@@ -227,7 +228,7 @@ Status AccountStore::SetGroups(const std::string& name, const std::vector<std::s
 Status AccountStore::DeleteUser(const std::string& name) {
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return NoUser(name);
+    if (found == nullptr) return UnknownUser(name);
     edit.DeleteUser(found->user.uid);
     return {};
   });

@@ -1,10 +1,11 @@
 // The accounts of the cluster: users and groups in the store, the same on all hosts that share it.
 //
-// Names keep their case as they were created, and two names that differ only in the case of ASCII letters cannot both
-// exist. Look-ups and logins ignore that case and yield the created spelling. Users and groups have names apart.
+// Names keep the case in which they were created, and two names that differ only in the case of ASCII letters cannot
+// both exist. Look-ups and logins ignore case and return the created spelling. Users and groups have separate name
+// spaces.
 //
-// Ids come from one counter that only rises. An id is given once in the life of the store: neither deleting its owner
-// nor giving it explicitly makes it free again. account_records.h has the records.
+// Ids come from one counter that only increases. An id is assigned once in the lifetime of the store: neither deleting
+// its owner nor assigning it explicitly makes it free again. account_records.h has the records.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +23,11 @@ namespace vexa::cluster {
 
 class AccountEdit;
 
-// Readers answer kUnavailable when the store cannot be read, or when what is asked for is in a damaged record. Each
-// call looks whether an account has changed since the last one, also through other processes and hosts.
-// Writers commit with compares and try again, so of two that add one name exactly one wins. They fail with kConflict
-// (others change accounts without a pause), kCorrupt (a record is damaged), and what the store says. A change that
-// fails changes nothing.
+// Readers return kUnavailable when the store cannot be read, or when the requested account may be in a damaged record.
+// Each call checks whether an account has changed since the last one, also in other processes and on other hosts.
+// Writers commit with compares and retry, so of two that add the same name exactly one succeeds. They fail with
+// kConflict (accounts keep changing), kCorrupt (a record is damaged), and the errors of the store. A failed change
+// changes nothing.
 //
 // Threads: any, at the same time.
 class AccountStore : public base::AccountProvider {
@@ -45,18 +46,20 @@ class AccountStore : public base::AccountProvider {
     std::string name;
     std::string password;             // 8 to 512 bytes of UTF-8, no NUL
     std::vector<std::string> groups;  // created when missing
-    // Says that this user id of the machines is this person on all hosts, so that the Unix socket of each knows them.
-    // Default: the next id of ours, also where the machine has a user of that name: machines differ in their ids.
+    // Declares that this user id of the machines is this person on all hosts, so that each host's Unix socket
+    // recognises them. Default: our next id, even where the machine has a user of that name, because machines differ in
+    // their ids.
     std::optional<std::uint32_t> uid;
     Level level = Level::kUser;
   };
-  // kConflict when the name is taken in any case, or the uid is or was somebody's. kInvalid for a name, password, uid
-  // or group that cannot be. The new user starts without grants, whatever stood under the uid.
+  // kConflict when the name is taken, ignoring case, or the uid is or was assigned. kInvalid for an invalid name,
+  // password, uid or group. The new user starts without grants, even if there were grants for the uid.
   Status AddUser(const NewUser& user);
   Status SetPassword(const std::string& name, const std::string& password);
-  // Replaces the user's groups, except for the primary one. Groups are created when missing, and stay without members.
+  // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
+  // stay.
   Status SetGroups(const std::string& name, const std::vector<std::string>& groups);
-  // Deletes the user and what was granted to them. Its groups stay. Its sessions end on every host.
+  // Deletes the user and their grants. The user's groups stay. Their sessions end on every host.
   Status DeleteUser(const std::string& name);
   // By name. kUnavailable when a user's record is damaged.
   Result<std::vector<base::User>> ListUsers() const;
@@ -68,9 +71,9 @@ class AccountStore : public base::AccountProvider {
   Status Edit(const Change& change);
 
   const std::shared_ptr<store::Store> store_;
-  mutable std::mutex mutex_;  // of current_ alone
+  mutable std::mutex mutex_;  // protects only current_
   mutable Accounts current_;
-  mutable std::mutex load_mutex_;  // one thread loads what all wait for
+  mutable std::mutex load_mutex_;  // one thread loads what all the others wait for
 };
 
 }  // namespace vexa::cluster

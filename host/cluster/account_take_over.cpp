@@ -31,7 +31,7 @@ std::vector<std::uint32_t> SortedIds(const base::User& user) {
   return ids;
 }
 
-// Puts one file into an edit of the accounts.
+// Adds one file to an edit of the accounts.
 class TakeOver {
  public:
   enum class MachineUids { kKept, kReplaced };
@@ -42,7 +42,7 @@ class TakeOver {
     if (Status whole = edit_.CheckWhole(); !whole) return whole;
     if (Status found = FindFreeIds(); !found) return found;
     edit_.RaiseNextId(file_.next_id);
-    // First, so that a group "Administrators" of the file, which was nothing special, does not become the
+    // First, so that a group "Administrators" of the file, which had no special meaning, does not become the
     // administrators.
     for (const base::Group& group : file_.groups) {
       if (!IsWellKnown(group.name)) continue;
@@ -65,7 +65,7 @@ class TakeOver {
  private:
   using Id = std::pair<AccountKind, std::uint32_t>;
 
-  // Before any id is given out, so that no new one is one that the file has.
+  // Before any id is assigned, so that no new id equals one in the file.
   Status FindFreeIds() {
     std::vector<Id> ids;
     for (const base::Group& group : file_.groups) ids.emplace_back(AccountKind::kGroup, group.gid);
@@ -78,7 +78,7 @@ class TakeOver {
     return {};
   }
 
-  // The id in the store for one of the file.
+  // The id in the store for an id of the file.
   Result<std::uint32_t> ChooseId(AccountKind kind, const std::string& name, std::uint32_t id) {
     const bool is_machine_uid = kind == AccountKind::kUser && !IsOwnId(id);
     if (is_machine_uid && machine_uids_ == MachineUids::kReplaced) return ReplaceMachineUid(name, id);
@@ -95,7 +95,8 @@ class TakeOver {
     return *chosen;
   }
 
-  // On another machine of the cluster the id may be somebody else's, whom the Unix socket would take for this user.
+  // On another machine of the cluster, the id may belong to another user, whom the Unix socket would mistake for this
+  // one.
   Result<std::uint32_t> ReplaceMachineUid(const std::string& name, std::uint32_t id) {
     const auto chosen = edit_.TakeId();
     if (!chosen) return chosen.error();
@@ -158,7 +159,8 @@ class TakeOver {
     return names;
   }
 
-  // As it will be in the store, but for the id. A primary group that is another one there is replaced by everybody's.
+  // The account as it will be in the store, except for the id. A primary group that is a different group there is
+  // replaced by the default one.
   Account AccountOf(const base::AccountRecord& record) const {
     Account account{{record.name, record.uid, 0, {}, false}, record.password};
     const auto add = [&account](const base::Group& group) {
@@ -177,7 +179,7 @@ class TakeOver {
     return account;
   }
 
-  // Until now that counted on one machine.
+  // Until now, this uid was valid on one machine only.
   void NoteMachineUid(const std::string& name, std::uint32_t uid) {
     notes_.push_back("The user '" + name + "' of '" + path_ + "' keeps the uid " + std::to_string(uid) +
                      ": whoever has it on any machine of the cluster is this user on the machine's Unix socket. If "
@@ -197,9 +199,10 @@ class TakeOver {
   const std::string path_;
   const MachineUids machine_uids_;
   AccountEdit& edit_;
-  std::set<Id> free_;                                         // ids of the file that were never given to anybody
-  std::map<std::string, base::Group> groups_;                 // of the file, by name: what they are in the store
-  std::map<std::string, std::vector<std::string>> left_out_;  // users by the group they were not put into
+  std::set<Id> free_;                                         // ids of the file that were never assigned
+  std::map<std::string, base::Group> groups_;                 // groups of the file, by name, and what they are in the
+                                                              // store
+  std::map<std::string, std::vector<std::string>> left_out_;  // users by the group that they were not added to
   std::vector<std::string> notes_;
 };
 
@@ -218,7 +221,7 @@ Result<store::Transaction> Plan(store::Store& store, const base::AccountFile& fi
   if (!edit) return edit.error();
   const auto hosts = (*snapshot)->Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
   if (!hosts) return hosts.error();
-  // What is kept counts on all machines, so only where there has been one.
+  // A kept uid is valid on all machines, so uids are kept only where there has been one machine.
   const bool is_alone = hosts->size() <= 1 && edit->accounts().users.empty();
   TakeOver take_over(file, path, is_alone ? TakeOver::MachineUids::kKept : TakeOver::MachineUids::kReplaced, *edit);
   if (Status done = take_over.Run(); !done) return done.error();
@@ -229,7 +232,7 @@ Result<store::Transaction> Plan(store::Store& store, const base::AccountFile& fi
   return std::move(*edit).Finish();
 }
 
-// Never over an older one: who was not taken over is in no other place.
+// Never over an older one: users who were not migrated exist nowhere else.
 Status Rename(const std::string& path) {
   constexpr int kMaxNumber = 1000;
   for (int number = 1; number <= kMaxNumber; ++number) {
@@ -256,7 +259,7 @@ Status TakeOverAccountFile(store::Store& store, const std::string& path, const T
   const Status committed = CommitPlanned(store, [&] { return Plan(store, *file, path, notes); });
   if (!committed) return committed;
   for (const std::string& sentence : notes) note(sentence);
-  // The marker in the store keeps it from being taken over twice.
+  // The marker in the store prevents a second migration.
   if (const Status renamed = Rename(path); !renamed) note(renamed.error().ToString());
   return {};
 }

@@ -22,10 +22,10 @@ namespace json = VexaVirtualization::json;
 
 constexpr std::string_view kPrefix = "/log";
 constexpr std::size_t kDigits = 20;
-// The longest that names get; what is left of an entry is the text's.
+// The limit for names; the rest of an entry is for the text.
 constexpr std::size_t kMaxNameBytes = 256;
-// A commit must not grow with what is too much, so one that adds an entry takes away this many at most.
-constexpr std::size_t kMostTrimmed = 500;
+// A commit must not grow with the backlog, so a commit that adds an entry removes at most this many.
+constexpr std::size_t kMaxTrimmedPerCommit = 500;
 
 constexpr char kTime[] = "time_us";
 constexpr char kHost[] = "host_id";
@@ -46,7 +46,7 @@ bool IsPosition(std::string_view text) {
 
 std::string EntryKey(std::string_view position) { return store::MakeKey({"log", position}); }
 
-// The position of the entry with this key; empty for a key of something else.
+// The position of the entry with this key; empty when the key is not that of an entry.
 std::string_view PositionOf(std::string_view key) {
   if (key.size() != kPrefix.size() + 1 + kDigits) return {};
   const std::string_view position = key.substr(kPrefix.size() + 1);
@@ -64,20 +64,20 @@ std::string TextOf(const LogEntry& entry) {
   return json::ToText(value);
 }
 
-// Makes the texts fit, so that the stored entry is within its bounds also where JSON escapes some of them.
+// Cuts the texts so that the stored entry is within its bounds even where JSON escapes parts of them.
 void MakeFit(LogEntry& entry) {
   for (std::string* name : {&entry.host_id, &entry.user, &entry.request_id}) *name = LogText(*name, kMaxNameBytes);
   entry.text = LogText(entry.text, kMaxLogEntryBytes);
   while (true) {
-    const std::size_t size = TextOf(entry).size() + kDigits;  // the time may yet get longer
+    const std::size_t size = TextOf(entry).size() + kDigits;  // the time may still become longer
     if (size <= kMaxLogEntryBytes) return;
-    // A byte of the text takes two at most, so this is not too much; names leave room for most of the text.
+    // A byte of the text takes at most two, so this does not cut too much; names leave room for most of the text.
     const std::size_t surplus = (size - kMaxLogEntryBytes + 1) / 2;
     entry.text = LogText(entry.text, entry.text.size() - surplus);
   }
 }
 
-// The time is the key's: whoever goes on behind an entry must not be led astray by what it says itself.
+// The time comes from the key: a reader that continues after an entry must not be misled by the entry's content.
 std::optional<LogEntry> Parse(std::string_view position, std::string_view text) {
   LogEntry entry;
   const char* const end = position.data() + position.size();
@@ -92,7 +92,7 @@ std::optional<LogEntry> Parse(std::string_view position, std::string_view text) 
   return entry;
 }
 
-// Has the oldest entries deleted that are too many once one more is there, or too old at `now_us`.
+// Adds the removal of the oldest entries: those over the limit once one more is added, and those too old at `now_us`.
 Status AddTrimming(const store::Snapshot& snapshot, std::int64_t now_us, store::Transaction& transaction) {
   const std::int64_t age_us = std::chrono::duration_cast<std::chrono::microseconds>(kMaxLogAge).count();
   const std::string oldest = Position(std::max<std::int64_t>(now_us - age_us, 0));
@@ -106,7 +106,7 @@ Status AddTrimming(const store::Snapshot& snapshot, std::int64_t now_us, store::
     return true;
   };
   if (const Status scanned = snapshot.Scan(kPrefix, look); !scanned) return scanned;
-  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), aged), kMostTrimmed);
+  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), aged), kMaxTrimmedPerCommit);
   if (surplus == 0) return {};
   return snapshot.Scan(kPrefix, [&](std::string_view key, const store::ValueView&) {
     if (PositionOf(key).empty()) return true;
@@ -147,7 +147,7 @@ Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
     std::string position;
     std::string_view text;
   };
-  std::deque<Found> found;  // the newest of what has been seen, and one more
+  std::deque<Found> found;  // the newest entries seen so far, and one more
   const CallScope scope;    // the texts live as long as its snapshot
   const Status scanned = ScanValues(kPrefix, [&](std::string_view key, const store::ValueView& value) {
     const std::string_view position = PositionOf(key);

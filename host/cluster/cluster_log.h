@@ -2,8 +2,8 @@
 //
 //   /log/<microseconds since 1970, 20 digits>   {"host_id", "priority", "request_id", "text", "time_us", "user"}
 //
-// An entry is at most 4 KiB. The log keeps the newest 10,000 entries of the last year; what is more goes when an entry
-// is added, by that entry's time. Two entries never share a key, whichever hosts write them: the later one takes the
+// An entry is at most 4 KiB. The log keeps the newest 10,000 entries of the last year; adding an entry removes older
+// ones, judged by that entry's time. Two entries never share a key, whichever hosts write them: the later one takes the
 // next microsecond.
 //
 // Threads: any, at the same time.
@@ -29,29 +29,29 @@ struct LogEntry {
   std::int64_t time_us = 0;  // since 1970
   std::string host_id;       // the host that wrote it
   std::string user;
-  int priority = 0;  // of VexaCCC::CLOG_PRIORITY
+  int priority = 0;  // a value of VexaCCC::CLOG_PRIORITY
   std::string text;
-  std::string request_id;  // empty: no request
+  std::string request_id;  // empty: not part of a request
 };
 
-// Adds an entry for the time it names, or the first free microsecond behind. Texts are made fit: one line, valid UTF-8,
+// Adds an entry for its time, or for the first free microsecond after it. Texts are sanitised: one line, valid UTF-8,
 // cut where they are too long.
-// Errors: what the store says; kConflict when others write all the time; kInvalid for a time before 1970.
+// Errors: those of the store; kConflict when the log keeps changing; kInvalid for a time before 1970.
 Status AddLogEntry(store::Store& store, LogEntry entry);
 
 struct LogPage {
   std::vector<LogEntry> entries;  // newest first
-  std::string next;               // the cursor of the page of the entries before these; empty: there are none
+  std::string next;               // the cursor of the page with the entries before these; empty: no older entries
 };
 
-// The newest entries before `cursor`, of all when it is empty, at most `limit` (1 to kMaxLogPage) of them. What is no
-// entry is left out. A cursor stays good whatever is added or trimmed.
-// Errors: kInvalid for a cursor that no page gave; what the store says.
+// The newest entries before `cursor`, or of the whole log when it is empty; at most `limit` (1 to kMaxLogPage) of them.
+// Invalid entries are left out. A cursor stays valid whatever is added or trimmed.
+// Errors: kInvalid for a cursor that was not returned by a page; those of the store.
 Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit);
 
 // For following the log: the entries later than `after_us`, oldest first, at most `limit` (1 to kMaxLogPage) of them.
-// What is no entry is left out. A host whose clock is behind may add an entry before one that has been read.
-// Errors: kInvalid for a time before 1970; what the store says.
+// Invalid entries are left out. A host whose clock is behind may add an entry before one that was already read.
+// Errors: kInvalid for a time before 1970; those of the store.
 Result<std::vector<LogEntry>> ReadLogAfter(std::int64_t after_us, std::size_t limit);
 
 }  // namespace vexa::cluster

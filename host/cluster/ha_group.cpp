@@ -37,7 +37,7 @@ Json::Value HostItem(const Json::Value& host) {
   return item;
 }
 
-// The shortages that some host has.
+// The shortages that at least one host has.
 Json::Value WarningsOf(const Json::Value& group) {
   Json::Value result(Json::objectValue);
   const Json::Value& warn = json::Member(group, "warn");
@@ -87,7 +87,7 @@ int haErrorGet(const std::string& group_id, HA_FAIL_REASON& code) {
 namespace DB::HostState {
 
 std::string toString(int bit) {
-  // Bits 0 to 2 concern a host that only holds the repository as well.
+  // Bits 0 to 2 also concern a host that only holds the repository.
   constexpr std::array kNames{"offline_storage", "degraded_storage", "unstable_network", "upgrading",
                               "stopped_service"};
   if (bit < 0 || bit >= static_cast<int>(kNames.size())) return {};

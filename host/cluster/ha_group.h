@@ -18,9 +18,9 @@ namespace vexa::cluster {
 
 inline constexpr VexaCCC::DB::DashCate kHaGroup("ha_group");
 
-// The hosts of a group as the library takes them, {"hosts": […]}, from the group's record: what it passes as
-// info["ha"]. The two optional members are there only when they are of their type; a host that is no object is left
-// out, and anything else of a wrong type reads as "" or an empty list.
+// The hosts of a group in the library's format, {"hosts": […]}, from the group's record: what the library passes as
+// info["ha"]. The two optional members are present only when they have the right type; a host that is not an object is
+// left out, and anything else of a wrong type reads as "" or an empty list.
 Json::Value HaInfoOf(const Json::Value& group);
 
 }  // namespace vexa::cluster

@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
-constexpr milliseconds kLookAgain{250};
+constexpr milliseconds kMaxRecheckPause{250};
 
 std::string TextMember(const Json::Value& record, const char* name) {
   const Json::Value& member = json::Member(record, name);
@@ -44,7 +44,7 @@ bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
   });
 }
 
-Error Forgotten(const std::string& host_id, const Json::Value& claim) {
+Error RemovedHostError(const std::string& host_id, const Json::Value& claim) {
   const Json::Value& forgotten = json::Member(claim, "forgotten");
   return Error(ErrorCode::kDenied,
                "This host, '" + host_id + "', was removed from the cluster by " + TextMember(forgotten, "by") + " at " +
@@ -53,7 +53,7 @@ Error Forgotten(const std::string& host_id, const Json::Value& claim) {
                    "--take-host-id to come back as this one");
 }
 
-Error OtherMachine(const std::string& host_id, const Json::Value& claim) {
+Error OtherMachineError(const std::string& host_id, const Json::Value& claim) {
   return Error(ErrorCode::kDenied,
                "The host id '" + host_id + "' belongs to the machine '" + TextMember(claim, "name") +
                    "', and this data folder is a copy of its: remove the file 'host-id' from the data folder to join "
@@ -61,7 +61,7 @@ Error OtherMachine(const std::string& host_id, const Json::Value& claim) {
                    "vexad once with --take-host-id");
 }
 
-Error StillAlive(const std::string& host_id, const Json::Value& claim) {
+Error LiveDaemonError(const std::string& host_id, const Json::Value& claim) {
   return Error(ErrorCode::kDenied, "Another vexad on the machine '" + TextMember(claim, "name") +
                                        "' has the host id '" + host_id +
                                        "' and gives signs of life: stop it first, or remove the file "
@@ -89,7 +89,7 @@ std::string BootId() {
   return *text;
 }
 
-// Nothing to commit: another look is due, after `wait`.
+// Nothing to commit: check again after `wait`.
 Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, milliseconds& wait) {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
@@ -100,13 +100,13 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   const auto seen = LoadObject(**snapshot, seen_key);
   if (!seen && seen.error().code() != ErrorCode::kCorrupt) return seen.error();
   const store::Revision seen_revision = seen ? seen->revision : 0;
-  // A claim without a token was begun by somebody who took guests from a host of an older version.
+  // A claim without a token was created by another host that took guests from a host of an older version.
   const bool is_new = TextMember(claim->record, "token").empty() && !IsForgotten(claim->record);
   const bool is_same = is_new || IsOfMachine(claim->record, options_.identity);
   const bool is_same_boot =
       is_same && !options_.identity.boot.empty() && TextMember(claim->record, "boot") == options_.identity.boot;
-  if (IsForgotten(claim->record) && !options_.take_over) return Forgotten(options_.host_id, claim->record);
-  if (!is_same && !options_.take_over) return OtherMachine(options_.host_id, claim->record);
+  if (IsForgotten(claim->record) && !options_.take_over) return RemovedHostError(options_.host_id, claim->record);
+  if (!is_same && !options_.take_over) return OtherMachineError(options_.host_id, claim->record);
   const bool may_be_alive = !is_new && !is_same_boot && !json::Bool(json::Member(claim->record, "released")) && seen &&
                             IsSignOfLife(seen->record, system_clock::now());
   if (may_be_alive && judged_seen == 0) {
@@ -114,12 +114,12 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
     wait = options_.window;
     return store::Transaction();
   }
-  if (may_be_alive && judged_seen != seen_revision) return StillAlive(options_.host_id, claim->record);
+  if (may_be_alive && judged_seen != seen_revision) return LiveDaemonError(options_.host_id, claim->record);
   const std::uint64_t incarnation = FenceClaim(claim->record);
   if (!is_same_boot) claim->record["booted"] = static_cast<Json::UInt64>(incarnation);
   claim->record["token"] = token_;
   claim->record["place"] = options_.identity.place;
-  // Cards that cannot be read this time are those that were read before.
+  // If the network cards cannot be read this time, the addresses read earlier are kept.
   if (!is_same || !options_.identity.addresses.empty()) {
     claim->record["addresses"] = Json::Value(Json::arrayValue);
     for (const std::string& address : options_.identity.addresses) claim->record["addresses"].append(address);
@@ -134,7 +134,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   booted_ = BootedIncarnationOf(claim->record);
   store::Transaction transaction;
   PutObject(transaction, key, *claim);
-  // A sign of life that comes now is somebody else's.
+  // A sign of life from now on comes from another daemon.
   if (may_be_alive) transaction.compares.push_back({seen_key, seen_revision});
   return transaction;
 }
@@ -154,7 +154,7 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
                static_cast<long long>(std::chrono::ceil<std::chrono::seconds>(wait).count()));
       const auto end = steady_clock::now() + wait;
       while (steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::min(wait, kLookAgain));
+        std::this_thread::sleep_for(std::min(wait, kMaxRecheckPause));
         milliseconds again{0};
         if (const auto looked = claim->PlanTake(judged_seen, again); !looked) return looked.error();
       }
@@ -176,7 +176,7 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
 
 store::Compare HostClaim::Guard() const { return {HostClaimKey(options_.host_id), revision_}; }
 
-// Nobody else can have the claim of this machine: the data folder is locked.
+// No other process can have the claim of this machine: the data folder is locked.
 bool HostClaim::GoOnUnwritten(const Error& error) {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return false;
@@ -215,9 +215,9 @@ Status HostClaim::Renew() {
     if (!snapshot) return snapshot.error();
     Result<StoredObject> claim = LoadObject(**snapshot, key);
     if (!claim) return claim.error();
-    if (IsForgotten(claim->record)) return Forgotten(options_.host_id, claim->record);
-    if (TextMember(claim->record, "token") != token_) return OtherMachine(options_.host_id, claim->record);
-    // What was taken while the rest was being settled comes first.
+    if (IsForgotten(claim->record)) return RemovedHostError(options_.host_id, claim->record);
+    if (TextMember(claim->record, "token") != token_) return OtherMachineError(options_.host_id, claim->record);
+    // Guests that were taken while the others were being settled come first.
     const auto left = (*snapshot)->Children(store::MakeKey({"fence", options_.host_id}));
     if (!left) return left.error();
     if (!left->empty()) return Error(ErrorCode::kBusy, "More guests were taken from this host meanwhile");

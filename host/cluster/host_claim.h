@@ -1,13 +1,13 @@
-// One running daemon per host id.
+// Ensures one running daemon per host id.
 //
 // A daemon claims its host id before it does anything else with the store. The claim has a number, the incarnation,
-// which rises with every start and whenever somebody takes guests from the host because it is gone. Whatever the daemon
-// commits about power and states compares the claim, so a daemon that was stopped, or cut off, while others went on
-// changes nothing afterwards: it has to look at what was taken from it and to renew its claim first.
+// which increases with every start and whenever another host takes guests from this one because it is gone. Every
+// commit of the daemon about power and states compares the claim. So a daemon that was stopped or cut off while others
+// went on cannot change anything afterwards: it first has to check what was taken from it and renew its claim.
 //
-// A copy of a machine has its host id as well. It is distinguished by the place of the data folder (the inode and the
-// time of birth of its file "host-id", which a restart keeps and a copy does not) and by the addresses that the network
-// cards were made with; a machine of which one of them is known and the same has only changed its other cards.
+// A copy of a machine has its host id as well. Two things distinguish it: the place of the data folder (the inode and
+// birth time of its file "host-id", which survive a restart but not a copy), and the permanent addresses of the network
+// cards. A machine that still has one of the known addresses has only had its other cards changed.
 #pragma once
 
 #include <atomic>
@@ -24,58 +24,58 @@
 
 namespace vexa::cluster {
 
-// Who claims.
+// Identifies the daemon that claims.
 struct ClaimIdentity {
   std::string place;                   // of the data folder; see PlaceOf
-  std::vector<std::string> addresses;  // permanent ones of network cards; empty: not known
+  std::vector<std::string> addresses;  // permanent addresses of network cards; empty: unknown
   std::string boot;                    // changes whenever the machine starts (proc(5), random/boot_id)
   std::string name;                    // of the machine, for messages
 };
 
-// The place of a file: it stays through restarts, and is another one for a copy. Errors: what the system says.
+// The place of a file: it survives restarts, and differs for a copy. Errors: those of the system.
 Result<std::string> PlaceOf(const std::string& path);
-// "" when the system does not say.
+// "" when the system does not report it.
 std::string BootId();
 
 struct ClaimOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;
   ClaimIdentity identity;
-  bool take_over = false;  // an administrator says that the machine which had the id is off for good
+  bool take_over = false;  // an administrator confirms that the machine which had the id is off for good
   std::chrono::milliseconds window = kPresenceWindow;
 };
 
 enum class Standing {
   kHeld,
-  kFenced,  // somebody took guests from this host while it was gone; Renew() is due
-  kLost,    // the id is another daemon's, or the host was removed from the cluster
+  kFenced,  // guests were taken from this host while it was gone; Renew() is due
+  kLost,    // another daemon has the id, or the host was removed from the cluster
 };
 
 // Threads: any, at the same time.
 class HostClaim {
  public:
-  // Waits up to `window` where a sign of life says that another daemon may still have the id; a daemon of the same data
-  // folder and the same run of the machine cannot, and one that was stopped properly has given it up.
-  // A store that cannot be written, such as one on a full disk, leaves the claim of the same machine as it is, and this
-  // daemon goes on under its number.
+  // Waits up to `window` when a sign of life indicates that another daemon may still have the id. A daemon with the
+  // same data folder in the same run of the machine cannot exist, and one that was stopped properly has released the
+  // id. If the store cannot be written, for instance on a full disk, the claim of the same machine stays as it is, and
+  // this daemon continues under its number.
   // Errors: kDenied with a sentence for the administrator (another machine has the id, or the host was removed from the
-  // cluster): nothing has been changed then; what the store says.
+  // cluster), and nothing has been changed; those of the store.
   static Result<std::shared_ptr<HostClaim>> Take(ClaimOptions options);
 
   std::uint64_t incarnation() const { return incarnation_; }
   // See BootedIncarnationOf.
   std::uint64_t booted() const { return booted_; }
 
-  // What the store says now. Errors: what the store says.
+  // The current state of the claim in the store. Errors: those of the store.
   Result<Standing> Look() const;
-  // The compare that makes a commit fail once the claim is no longer this daemon's.
+  // The compare that makes a commit fail once the claim is no longer held by this daemon.
   store::Compare Guard() const;
-  // kDenied unless it is held; what the store says.
+  // kDenied unless the claim is held; the errors of the store.
   Status Check() const;
 
-  // Goes on after kFenced, under a new number. kDenied: it is lost.
+  // Continues after kFenced, under a new number. kDenied: the claim is lost.
   Status Renew();
-  // The daemon stops: another start need not wait. Errors: what the store says.
+  // The daemon stops: the next start need not wait. Errors: those of the store.
   Status Release();
 
  private:

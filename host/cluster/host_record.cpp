@@ -36,7 +36,7 @@ void Fill(Json::Value& record, const HostFacts& facts, system_clock::time_point 
   record[keys::name] = facts.name;
   record["addresses"] = Json::Value(Json::arrayValue);
   for (const std::string& address : facts.addresses) record["addresses"].append(address);
-  // An address of an earlier start would send others to a port that nobody, or somebody else, listens on.
+  // An address from an earlier start would send other hosts to a port where no one, or another program, listens.
   if (facts.cluster_address.empty()) {
     record.removeMember("cluster_address");
   } else {
@@ -62,7 +62,7 @@ void PutSeen(store::Transaction& transaction, const std::string& host_id, system
 
 enum class Moment { kStart, kLater };
 
-// Makes the commit depend on the claim. kDenied: it is not held any more, and trying again is of no use.
+// Makes the commit depend on the claim. kDenied: the claim is no longer held, and retrying is pointless.
 Status GuardWith(const HostClaim* claim, store::Transaction& transaction) {
   if (!claim) return {};
   if (Status held = claim->Check(); !held) return held;
@@ -106,13 +106,13 @@ Result<StoredObject> LoadHost(const store::Store& store, const std::string& host
   return LoadObject(**snapshot, KeyOf(host_id, keys::object));
 }
 
-// What could not be read this time, such as when files or memory are short, is as it was.
+// Values that could not be read this time, when files or memory are short for instance, stay as they were.
 void KeepUnread(const HostFacts& before, HostFacts& facts) {
   if (facts.name.empty()) facts.name = before.name;
   if (facts.cpu_cores == 0) facts.cpu_cores = before.cpu_cores;
   if (facts.cpu_clock_mhz == 0) facts.cpu_clock_mhz = before.cpu_clock_mhz;
   if (facts.ram_kib == 0) facts.ram_kib = before.ram_kib;
-  // No machine is without interfaces, but one may be without addresses.
+  // Every machine has interfaces, but one may have no addresses.
   if (facts.nics.empty()) {
     facts.nics = before.nics;
     facts.addresses = before.addresses;
@@ -196,12 +196,12 @@ bool HostPresence::MayWrite() {
     Complain(standing.error());
     return false;
   }
-  // What is read while the database is lost is a copy's, and nothing can be written.
+  // While the database is lost, reads come from a copy, and nothing can be written.
   if (store_->health() == store::Health::kInaccessible) {
     NoteDatabaseLost();
     return *standing == Standing::kHeld;
   }
-  // After a start as well: what was taken from the host before it is ended before the host is shown as alive.
+  // After a start as well: guests that were taken from the host earlier are ended before the host is shown as alive.
   if (*standing == Standing::kHeld) return !options_.settle_fenced || options_.settle_fenced();
   Status renewed = Error(ErrorCode::kDenied, "Another vexad has taken this host's id, or the host was removed");
   if (*standing == Standing::kFenced) {
@@ -222,7 +222,7 @@ bool HostPresence::MayWrite() {
       return false;
     }
   } else {
-    // Also a host that was removed ends what others have now.
+    // A host that was removed also ends the guests that others have now.
     if (options_.settle_fenced) (void)options_.settle_fenced();
     if (Status why = options_.claim->Renew(); !why) renewed = std::move(why);
   }

@@ -1,4 +1,4 @@
-// The version states of the cluster's hosts, from their records.
+// Determines the version states of the cluster's hosts from their records.
 #include <chrono>
 #include <utility>
 
@@ -16,8 +16,8 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
-// The object of a host under `key`; null when there is none. A damaged one reads as empty: it says nothing about its
-// host, and must not keep the others' states from being known.
+// The object of a host under `key`; null when absent. A damaged one reads as empty: it says nothing about its
+// host, and must not hide the states of the others.
 Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view key) {
   const Result<Record> record = ReadRecord(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key}));
   if (record) return *record ? **record : Json::Value();
@@ -25,7 +25,7 @@ Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view 
   return record.error();
 }
 
-// What is there but is no text cannot be understood either.
+// A value that is not a text cannot be understood either.
 std::optional<std::string> Published(const Json::Value& record, const char* name) {
   const Json::Value* member = json::FindMember(record, name);
   if (!member) return std::nullopt;

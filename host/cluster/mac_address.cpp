@@ -34,7 +34,7 @@ std::string LowerCase(std::string_view text) {
   return result;
 }
 
-// Finds a lower-case text in others, whose letter case does not count. Most do not hold it: few bytes are looked at.
+// Finds a lower-case text in others, ignoring their case. Most do not contain it, so few bytes are examined.
 class TextFinder {
  public:
   explicit TextFinder(std::string lower) : lower_(std::move(lower)) {
@@ -71,8 +71,8 @@ Json::Int64 SecondsOf(system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
-// A reservation that cannot be read counts as expired; so does one from a clock more than a day ahead, which would
-// otherwise stay for as long as that clock was wrong.
+// An unreadable reservation counts as expired. So does one from a clock more than a day ahead, which would otherwise
+// stay for as long as that clock was wrong.
 bool IsExpired(std::string_view text, Json::Int64 now_s) {
   const Result<Json::Value> reservation = ParseJson(text);
   if (!reservation) return true;
@@ -81,7 +81,7 @@ bool IsExpired(std::string_view text, Json::Int64 now_s) {
   return time <= now_s - day || time >= now_s + day;
 }
 
-// The commit that reserves `mac`; not set when somebody else holds it. Expired reservations nearby are deleted with it,
+// The commit that reserves `mac`; not set when it is already reserved. Expired reservations nearby are deleted with it,
 // so that they do not pile up.
 Result<std::optional<store::Transaction>> PlanReservation(const store::Store& store, const std::string& mac,
                                                           Json::Int64 now_s) {
@@ -140,10 +140,10 @@ Result<std::optional<std::string>> GuestOfMacAddress(const store::Store& store, 
   std::optional<std::string> guest;
   const std::string prefix = store::MakeKey({"dash", VexaCCC::DB::DashCate::vNic.name()});
   const Status scanned = (*snapshot)->Scan(prefix, [&](std::string_view, const store::ValueView& value) {
-    // Parsing every record would take most of the time. A text without the address can only hold it in escapes.
+    // Parsing every record would take most of the time. A text without the address can only contain it in escaped form.
     if (!finder.IsIn(value.text) && value.text.find('\\') == std::string_view::npos) return true;
     const Result<Json::Value> record = ParseJson(value.text);
-    // What cannot be understood uses no address: one damaged record must not make every check fail.
+    // An invalid record does not use an address: one damaged record must not make every check fail.
     if (!record) return true;
     const Json::Value& used = json::Member(*record, VexaCCC::DB::_k::mac_address);
     if (!used.isString() || LowerCase(json::String(used)) != lower) return true;
@@ -165,7 +165,7 @@ Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& sour
     const Result<store::Revision> reserved = CommitWithoutSnapshot(store, **plan);
     if (!reserved && reserved.error().code() == ErrorCode::kConflict) continue;
     if (!reserved) return reserved.error();
-    // Only now: a record written before the reservation is seen, and later ones are checked by whoever writes them.
+    // Only now: a record written before the reservation is seen, and later ones are checked by their writers.
     const auto guest = GuestOfMacAddress(store, mac);
     if (!guest) return guest.error();
     if (!guest->has_value()) return mac;

@@ -1,8 +1,8 @@
-// Addresses of guests' network interfaces: who uses one, and new ones that nobody else gets.
+// MAC addresses of guests' network interfaces: finds the user of an address, and assigns new unique ones.
 //
-// A new address is reserved under "/mac/<last octet>/<address>" as {"time": <Unix seconds>}. A reservation counts for a
-// day; by then an interface's record uses the address, or the address is free again. Records decide who uses an
-// address, reservations only keep two callers from being given the same one.
+// A new address is reserved under "/mac/<last octet>/<address>" as {"time": <Unix seconds>}. A reservation lasts a day;
+// by then an interface's record uses the address, or the address is free again. Records decide who uses an address;
+// reservations only keep two callers from getting the same one.
 #pragma once
 
 #include <chrono>
@@ -19,7 +19,7 @@ namespace vexa::cluster {
 
 inline constexpr std::chrono::hours kMacReservation{24};
 
-// What a new address is made of; tests bring their own.
+// The source of new addresses; tests use their own.
 struct MacSource {
   std::function<std::chrono::system_clock::time_point()> now;
   std::function<Result<std::uint64_t>()> random;  // the lower 40 bits become the address
@@ -27,13 +27,13 @@ struct MacSource {
 
 MacSource SystemMacSource();
 
-// The guest of the first interface's record with this address, whatever the letter case; "" when the record names none.
-// Not set: no record has it. Looks at every interface's record; docs/services.md tells what that costs.
+// The guest of the first interface record with this address, ignoring case; "" when the record names no guest. Not set:
+// no record has it. Scans every interface record; docs/services.md says what that costs.
 Result<std::optional<std::string>> GuestOfMacAddress(const store::Store& store, std::string_view mac);
 
-// A new address: locally administered, unicast, "02:xx:xx:xx:xx:xx" in lower case. No record uses it and no other call
-// on any host has been given it within a day.
-// Errors: what the store says; kBusy when no address could be had in many tries.
+// A new address: locally administered, unicast, "02:xx:xx:xx:xx:xx" in lower case. No record uses it, and no other call
+// on any host has received it within a day.
+// Errors: those of the store; kBusy when many attempts found no free address.
 Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& source);
 
 }  // namespace vexa::cluster

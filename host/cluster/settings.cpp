@@ -80,7 +80,7 @@ Status WriteUpgradeSettings(store::Store& store, const UpgradeSettings& settings
 
 namespace VexaCCC {
 
-// What cannot be read may say no, and a guest that was given a host against it is harder to put right than one that was
+// An unreadable setting may say no, and a guest that was assigned a host against it is harder to fix than one that was
 // not started.
 bool ClConfAutoSelHostGet() {
   const auto settings = vexa::cluster::ReadClusterSettings();
@@ -89,7 +89,7 @@ bool ClConfAutoSelHostGet() {
 
 }  // namespace VexaCCC
 
-// Asked for every guest of a list, so found out once in a request; and all its guests are judged alike.
+// Called for every guest of a list, so it is determined once per request; all its guests are judged alike.
 int CCCIsIncompatibleUpgrading() {
   using vexa::cluster::RequestScope;
   struct Found {

@@ -3,7 +3,7 @@
 //   /settings/cluster   {"auto_select_host": <bool>}
 //   /settings/upgrade   {"incompatible": <bool>}
 //
-// A setting that is missing has its default. One of another type is kCorrupt: it said something once, and that is not
+// A missing setting has its default. A setting of another type is kCorrupt: it once had a meaning, which is not
 // replaced with a default.
 #pragma once
 
@@ -13,23 +13,23 @@
 namespace vexa::cluster {
 
 struct ClusterSettings {
-  // Whether a guest without a host may be given one when it is powered on. By default it may: a new guest starts
-  // without further ado, and one that must stay where it is has a host.
+  // Whether a guest without a host may be assigned one when it is powered on. By default it may: a new guest starts
+  // without further steps, and a guest that must stay in one place has a host.
   bool auto_select_host = true;
 };
 
 struct UpgradeSettings {
-  // Whether the hosts count as being between two versions that do not understand each other's records, whatever
-  // versions they have. Otherwise their versions decide, see versions.h.
+  // Whether the hosts count as being between two versions that cannot read each other's records, whatever versions they
+  // have. Otherwise their versions decide, see versions.h.
   bool incompatible = false;
 };
 
-// In a request, as of its snapshot. Errors: what the store says, kCorrupt, and kUnavailable without an environment.
+// Within a request, as of its snapshot. Errors: those of the store, kCorrupt, and kUnavailable without an environment.
 Result<ClusterSettings> ReadClusterSettings();
 Result<UpgradeSettings> ReadUpgradeSettings();
 
-// Members that are not known stay, and a wrong type of a known one is repaired.
-// Errors: what the store says; kCorrupt when the record is no object; kConflict when others change it all the time.
+// Keeps unknown members, and repairs a known one of a wrong type.
+// Errors: those of the store; kCorrupt when the record is not an object; kConflict when the record keeps changing.
 Status WriteClusterSettings(store::Store& store, const ClusterSettings& settings);
 Status WriteUpgradeSettings(store::Store& store, const UpgradeSettings& settings);
 

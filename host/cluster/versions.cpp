@@ -9,7 +9,7 @@ namespace {
 
 namespace states = VexaCCC::State::Version;
 
-// In rising urgency.
+// In order of increasing urgency.
 enum class Urgency { kMatched, kPackageSuggested, kSuggested, kPackageRequired, kRequired };
 
 const char* TextOf(Urgency urgency) {

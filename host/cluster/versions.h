@@ -1,6 +1,6 @@
-// How the versions of the cluster's hosts stand to each other.
+// Compares the versions of the cluster's hosts.
 //
-// A host publishes "version" in its record, and may publish "package_version", the version of the packages that it
+// A host publishes "version" in its record, and may publish "package_version", the version of the packages that are
 // installed beside the host itself. Both are three numbers, "2.10.3". Each is compared with the highest of its kind in
 // the cluster:
 //
@@ -10,9 +10,9 @@
 //   package_version    another major number                package_upgrade_required
 //   package_version    otherwise older                     package_upgrade_suggested
 //
-// The most urgent of what applies holds, in the order upgrade_required, package_upgrade_required, upgrade_suggested,
+// The most urgent applicable state wins, in the order upgrade_required, package_upgrade_required, upgrade_suggested,
 // package_upgrade_suggested, version_matched. A host without a "version", or with one of the two that is not three
-// numbers, is unknown; a missing "package_version" says nothing.
+// numbers, is unknown; a missing "package_version" has no effect.
 #pragma once
 
 #include <array>
@@ -29,7 +29,7 @@ namespace vexa::cluster {
 
 using Version = std::array<std::uint32_t, 3>;
 
-// Empty unless `text` is three numbers of up to nine digits with points between them.
+// Empty unless `text` is three numbers of up to nine digits, separated by points.
 std::optional<Version> ParseVersion(std::string_view text);
 
 // What a host publishes; empty: nothing.
@@ -38,11 +38,11 @@ struct HostVersions {
   std::optional<std::string> package_version;
 };
 
-// Whether two of the versions have different major numbers, so that their hosts do not understand each other's records.
-// Those that cannot be read are no reason.
+// Whether two of the versions have different major numbers, so that their hosts cannot read each other's records.
+// Unreadable versions are ignored.
 bool AreIncompatible(const std::vector<std::string>& versions);
-// The same of the versions that the cluster's hosts publish; hosts that are gone do not count. In a request, as of its
-// snapshot. Errors: what the store says.
+// The same for the versions that the cluster's hosts publish; hosts that are gone do not count. Within a request, as of
+// its snapshot. Errors: those of the store.
 Result<bool> HasIncompatibleHosts();
 
 // The version state (VexaCCC::State::Version) of each host, by host id.

@@ -16,10 +16,11 @@ namespace {
 constexpr char kGroup[] = "virtualization";
 constexpr char kGuestStates[] = "guest_ui_status";
 
-// In the background nobody waits for links, and a first value without them would show guests as linked that are not.
+// A background refresh can afford to wait for links, and a first value without them would show guests as linked that
+// are not.
 constexpr std::chrono::seconds kLongestWaitForLinks{10};
 
-// The guests' states as lists show them, which are kept anyway: no host is asked once more.
+// The states of guests as lists show them, which are kept up to date anyway: no host is asked an additional time.
 class ListedStates : public VexaVirtualization::GuestUIStatusCache {
  public:
   explicit ListedStates(services::GuestStates& states) : states_(states) {}

@@ -7,13 +7,13 @@
 
 namespace vexa::daemon {
 
-// Once handlers can be reached, and after the environment and the transport are installed.
-// cluster::RemoveCacheRefresher ends it, before either is removed. `states`, which outlives it, is where the guests'
-// states are taken from.
+// Call it once local calls can reach the handlers, and after the environment and the transport are installed.
+// cluster::RemoveCacheRefresher ends it and must be called before either is removed. The guests' states are taken from
+// `states`, which must outlive it.
 void InstallCacheRefresh(services::GuestStates& states);
 
-// Drops what is kept in `cache_directory` and found out otherwise while the cluster database cannot be read, and asks
-// for it to be found out again soon. Threads: any, at any time.
+// Drops the values in `cache_directory` that differ while the cluster database cannot be read, and requests a refresh
+// soon. Threads: any, at any time.
 void FindOutAgain(const std::string& cache_directory);
 
 }  // namespace vexa::daemon

@@ -36,7 +36,7 @@ Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder, stor
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config) {
   const std::string own = config.data_directory + "/store";
   if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) {
-    // Without a copy nothing is won by giving a slow disk up.
+    // Without a copy there is nothing to gain from giving up on a slow disk.
     return OpenFolder(own, store::PlaceCheck::kPath);
   }
   store::MirrorOptions mirror;

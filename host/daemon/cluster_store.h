@@ -1,4 +1,4 @@
-// Opening the cluster's database as the configuration says.
+// Opens the cluster's database according to the configuration.
 #pragma once
 
 #include <memory>
@@ -9,10 +9,10 @@
 
 namespace vexa::daemon {
 
-// The store that `config` names. When it is another folder than the data folder's own "store", a copy of it is kept in
-// "mirror" in the data folder, for the time that it cannot be read (store::MirroredStore); a copy in the same folder
-// would be lost together with it. A copy that cannot be opened is logged and done without.
-// Errors: those of store::OpenLmdbStore, and kUnavailable: the folder holds no database although it did.
+// The store that `config` names. If it is in a folder other than the data folder's own "store", a copy of it is kept in
+// "mirror" in the data folder, for times when it cannot be read (store::MirroredStore); a copy in the same folder would
+// be lost together with it. If the copy cannot be opened, that is logged, and the store is used without it.
+// Errors: those of store::OpenLmdbStore, and kUnavailable: the folder contains no database although it used to.
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config);
 
 }  // namespace vexa::daemon

@@ -158,7 +158,7 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
       ->group("Work");
 }
 
-// CLI11 knows no durations; these are read as whole seconds.
+// CLI11 has no durations; these are read as whole seconds.
 void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& value, const char* help, const char* group) {
   app.add_option_function<int>(
          name, [&value](int seconds) { value = std::chrono::seconds(seconds); }, help)

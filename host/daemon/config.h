@@ -1,4 +1,4 @@
-// The daemon's configuration: a file, and flags that go before it.
+// The daemon's configuration: a file, and flags that override it.
 #pragma once
 
 #include <chrono>
@@ -16,25 +16,25 @@ namespace vexa::daemon {
 
 struct Config {
   std::string data_directory = "/var/lib/vexa";
-  std::string store_directory;  // empty: "store" in the data folder; hosts of one machine share one
+  std::string store_directory;  // empty: "store" in the data folder; hosts on one machine share one
   std::vector<std::string> listen{"127.0.0.1:8642"};  // "address:port"; IPv6 as "[address]:port"
   std::string socket = "/run/vexad/vexad.sock";       // empty: none
   std::string tls_certificate;                        // for every network listener
   std::string tls_key;
   std::string client_authority;
   std::string cluster_listen;      // "address:port" for other hosts; empty: no cluster
-  std::string cluster_address;     // where other hosts find it, numeric; empty: cluster_listen
+  std::string cluster_address;     // where other hosts reach it, numeric; empty: cluster_listen
   std::string accounts = "store";  // "store" or "pam"; "file" means "store"
-  std::string account_file;        // taken over into the store; empty: accounts.json in the data folder
+  std::string account_file;        // migrated into the store; empty: accounts.json in the data folder
   std::string pam_service = "vexad";
   std::string administrators_group = "administrators";  // "pam" only
-  std::string hypervisor = "test";       // "test", "embed", a libvirt URI, or "none": this host runs no guests
-  std::string hypervisor_root;           // of embed; empty: "embed" in the data folder
+  std::string hypervisor = "test";       // "test", "embed", a libvirt URI, or "none": this host does not run guests
+  std::string hypervisor_root;           // for embed; empty: "embed" in the data folder
   std::vector<std::string> image_roots;  // folders with guests' disks; empty: "images" in the data folder
-  unsigned repository_warning = 90;      // percent of a repository's file system that is used; 0: no warning
-  unsigned repository_full = 98;         // the same; guests are not started then
+  unsigned repository_warning = 90;      // used percentage of a repository's file system; 0: no warning
+  unsigned repository_full = 98;         // likewise; guests are not started then
   unsigned repository_headroom = 100;    // GiB; with more free space it is neither
-  unsigned vcpus_per_cpu = 8;            // virtual CPUs of guests that a logical one of the host may serve
+  unsigned vcpus_per_cpu = 8;            // virtual CPUs of guests per logical CPU of the host
   int io_threads = 2;
   std::size_t max_connections = 10'000;
   std::size_t max_connections_per_peer = 6'000;
@@ -43,11 +43,11 @@ struct Config {
   SessionOptions sessions;
   std::chrono::seconds stop_timeout{30};
   LogTarget log = LogTarget::kSyslog;
-  std::function<void()> on_host_lost{};  // called once, when this daemon must not go on as its host
+  std::function<void()> on_host_lost{};  // called once, when this daemon must stop acting as its host
   bool take_host_id = false;             // for one start: the machine that had this host's id is off for good
 };
 
-// What the command line asks for.
+// What the command line requests.
 struct CommandLine {
   enum class Action { kRun, kCheckConfig, kExit };
   Action action = Action::kRun;
@@ -58,11 +58,11 @@ struct CommandLine {
 // Reads flags and the configuration file that they name. An unknown setting or a value out of range is a usage error.
 CommandLine ParseCommandLine(int argc, const char* const* argv);
 
-// What the flags alone cannot tell: addresses that do not parse, TLS settings that do not go together, a network
-// listener beyond loopback without TLS.
+// Checks what the flags alone do not show: unparsable addresses, contradictory TLS settings, a network listener beyond
+// loopback without TLS.
 Status CheckConfig(const Config& config);
 
-// The listeners that a checked configuration asks for: the Unix socket, those of `listen`, that of `cluster_listen`.
+// The listeners of a checked configuration: the Unix socket, those of `listen`, that of `cluster_listen`.
 Result<std::vector<ListenerOptions>> ListenersOf(const Config& config);
 
 }  // namespace vexa::daemon

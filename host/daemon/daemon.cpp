@@ -81,24 +81,24 @@ LaneOptions LongLane(const Config& config) {
   return options;
 }
 
-// Calls of this host to itself. Their callers wait, each on a thread of another lane, and bound their number.
+// Calls of this host to itself. Their callers wait, each on a thread of another lane, which limits their number.
 LaneOptions LocalLane(const Config& config) {
   LaneOptions options = LongLane(config);
   options.name = "local";
   options.max_per_user = 0;
-  options.stack_bytes = LaneOptions().stack_bytes;  // quick methods, too
+  options.stack_bytes = LaneOptions().stack_bytes;  // also runs quick methods
   return options;
 }
 
-// The items of compound requests, which wait for them on threads of the lanes "long" and "local". In one of these, as
-// many compound requests as it has threads would wait for threads that only they could free.
+// The items of compound requests, which wait for them on threads of the lanes "long" and "local". In one of these
+// lanes, as many compound requests as it has threads would deadlock.
 LaneOptions ItemLane(const Config& config) {
   LaneOptions options = LocalLane(config);
   options.name = "items";
   return options;
 }
 
-// The threads that help with a compound request log and ask in its name.
+// The threads that help with a compound request log and make requests on its behalf.
 services::CompoundOptions OptionsOfCompound() {
   services::CompoundOptions options;
   options.carry = [](std::function<void()> run) -> std::function<void()> {
@@ -110,8 +110,8 @@ services::CompoundOptions OptionsOfCompound() {
   return options;
 }
 
-// Calls to other hosts may take an hour. At a stop they end so long before the deadline, so that those who wait for
-// them learn it.
+// Calls to other hosts may take an hour. When the daemon stops, they end this long before the deadline, so that their
+// callers get the result.
 constexpr std::chrono::milliseconds kTimeToAnswer{2000};
 
 Result<std::shared_ptr<base::AccountProvider>> OpenAccounts(const Config& config,
@@ -146,7 +146,7 @@ std::optional<std::string> FindClusterAddress(const std::string& host_id) {
   return record.Get(address, transport::kClusterAddress) == 0 ? std::optional(std::move(address)) : std::nullopt;
 }
 
-// By its sign of life. A host of which that is not known may be alive.
+// Judged by its sign of life. A host whose state is unknown may be alive.
 bool IsAlive(const std::string& host_id) {
   std::map<std::string, std::string> all;
   std::map<std::string, std::string> reachable;
@@ -181,7 +181,7 @@ class Daemon::Impl {
         items_(ItemLane(config)) {}
 
   ~Impl() {
-    // Without a deadline, and while the lane that they ask still runs: they use what is taken down next.
+    // Without a deadline, and while the lane that they call still runs: they use what is destroyed next.
     guest_states_.links().BeginStop();
     cluster::RemoveCacheRefresher();
     guest_states_.links().Stop();
@@ -218,7 +218,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
-    presence_.reset();  // first, so that others stop asking
+    presence_.reset();  // first, so that other hosts stop calling
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
       const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
@@ -234,9 +234,9 @@ class Daemon::Impl {
     guest_states_.links().BeginStop();
     const bool caches_done = cluster::RemoveCacheRefresher(left());
     const bool links_done = guest_states_.links().Stop(left());
-    const bool local_done = local_.Stop(left());  // after those that wait for it
+    const bool local_done = local_.Stop(left());  // after the lanes whose threads wait for it
     const bool items_done = items_.Stop(left());
-    // They run on, and what they do from now on is found by the next start.
+    // They keep running, and the next start finds what they do from now on.
     const bool guests_done = !guests_ || guests_->Stop(left());
     ReleaseClaim();
     Sweep();
@@ -280,8 +280,8 @@ class Daemon::Impl {
     return {};
   }
 
-  // A host that was removed from the cluster does not start, but its machines may have gone on.
-  void EndTakenMachines(const Config& config, const std::string& place) {
+  // A host that was removed from the cluster does not start, but its machines may still run.
+  void EndMachinesOfRemovedHost(const Config& config, const std::string& place) {
     if (config.hypervisor == "none") return;
     const auto snapshot = store_->Read();
     if (!snapshot) return;
@@ -297,7 +297,7 @@ class Daemon::Impl {
              ended.error().ToString().c_str());
   }
 
-  // Before anything is written: a copy of another host changes nothing.
+  // Before anything is written: a copy of another host must not change anything.
   Status ClaimHost(const Config& config) {
     cluster::ClaimOptions options;
     options.store = store_;
@@ -309,14 +309,14 @@ class Daemon::Impl {
     const std::string place = options.identity.place;
     auto claim = cluster::HostClaim::Take(std::move(options));
     if (!claim) {
-      EndTakenMachines(config, place);
+      EndMachinesOfRemovedHost(config, place);
       return claim.error();
     }
     claim_ = std::move(*claim);
     return {};
   }
 
-  // Before anybody can ask: what runs and what is stored agree from the first answer on.
+  // Before requests are accepted: running guests and stored states agree from the first answer on.
   Status StartGuests(const Config& config) {
     if (config.hypervisor == "none") return {};
     guests::GuestControlOptions options;
@@ -433,10 +433,10 @@ class Daemon::Impl {
     return parts;
   }
 
-  // Once requests are answered: from now on others may count on this host.
+  // Once requests are answered: from now on other hosts may rely on this one.
   void JoinCluster(const Config& config) {
     if (!config.listen.empty()) web_port_ = port(0);
-    // Without a listener for other hosts nobody can reach this one.
+    // Without a listener for other hosts, this one is unreachable.
     const std::string address = config.cluster_listen.empty() ? "" : cluster_address();
     cluster::PresenceOptions options;
     options.claim = claim_;

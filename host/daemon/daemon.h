@@ -1,4 +1,4 @@
-// A running host: everything that vexad is, put together.
+// A running host: all parts of vexad, put together.
 #pragma once
 
 #include <cstdint>
@@ -15,22 +15,23 @@ namespace vexa::daemon {
 // One per process.
 class Daemon {
  public:
-  // Opens the data folder, starts the lanes and the server. `further_rows` join the API table (tests and benchmarks).
+  // Opens the data folder, starts the lanes and the server. `further_rows` are added to the API table (for tests and
+  // benchmarks).
   static Result<std::unique_ptr<Daemon>> Start(const Config& config, std::vector<webapi::ApiRow> further_rows = {});
-  // Stops as Stop does with no time for requests, unless it has been stopped.
+  // Stops immediately, without time for requests, unless it has been stopped.
   ~Daemon();
 
   // The port of the network listener `index`, in the order of the configuration.
   std::uint16_t port(std::size_t index) const;
 
-  // Where other hosts find this one, "address:port" for its record in the database; empty without a cluster.
+  // Where other hosts reach this one, "address:port" for its record in the database; empty without a cluster.
   std::string cluster_address() const;
 
-  // What is due about once a minute: ended sessions are dropped.
+  // The work that is due about once a minute: dropping ended sessions.
   void Sweep();
 
-  // Lets requests that have begun finish, at most `deadline`. False when some had to be left: their threads still use
-  // this object. Calling it again waits for them again.
+  // Lets requests that have begun finish, for at most `deadline`. False when some are left: their threads still use
+  // this object. A second call waits for them again.
   bool Stop(std::chrono::milliseconds deadline);
 
  private:

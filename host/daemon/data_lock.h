@@ -8,8 +8,8 @@
 
 namespace vexa::daemon {
 
-// Held while it lives; the system lets it go when the process ends, however that happens. Two daemons would overwrite
-// each other's sessions. The command line's changes need no such lock.
+// Held while the object lives; the system releases it when the process ends, however that happens. Two daemons would
+// overwrite each other's sessions. Changes by the command line do not need this lock.
 class DataLock {
  public:
   DataLock() = default;
@@ -20,7 +20,7 @@ class DataLock {
   }
   ~DataLock();
 
-  // kBusy when another daemon has it; otherwise what the system says.
+  // kBusy when another daemon has it; otherwise the system's error.
   static Result<DataLock> Take(const std::string& data_directory);
 
  private:

@@ -1,4 +1,4 @@
-// A function that is called after a time, unless it is called off before.
+// A function that is called after a delay unless it is cancelled before.
 #pragma once
 
 #include <chrono>
@@ -19,7 +19,7 @@ class DelayedCall {
           lock.unlock();
           if (!is_off) call();
         }) {}
-  // Calls it off, or waits until it has run.
+  // Cancels the call, or waits until it has run.
   ~DelayedCall() {
     {
       const std::lock_guard lock(mutex_);

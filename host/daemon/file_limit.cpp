@@ -7,7 +7,7 @@
 namespace vexa::daemon {
 namespace {
 
-// Listeners, the store, and what the lanes' threads open for a moment: accounts, sessions.
+// Listeners, the store, and the files that the lanes' threads open briefly: accounts, sessions.
 constexpr std::size_t kOwnFiles = 256;
 
 }  // namespace
@@ -23,7 +23,7 @@ std::size_t ConnectionsThatFit(std::size_t connections) {
   }
   if (limit.rlim_cur >= wanted) return connections;
   const std::size_t files = limit.rlim_cur;
-  // Of a very low limit the daemon itself needs most.
+  // With a very low limit, the daemon itself needs most of it.
   return std::max<std::size_t>(1, files > 2 * kOwnFiles ? files - kOwnFiles : files / 4);
 }
 

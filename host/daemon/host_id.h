@@ -8,11 +8,12 @@
 
 namespace vexa::daemon {
 
-// Who claims the host id of the data folder: see cluster/host_claim.h. Errors: what the system says of the file.
+// The identity with which the daemon claims the data folder's host id: see cluster/host_claim.h. Errors: the system's
+// for the file.
 Result<cluster::ClaimIdentity> IdentityOfHost(const std::string& data_directory);
 
-// The UUID in the file "host-id" of the data folder; a new random one (RFC 4122, version 4) is written at the first
-// start. kCorrupt when the file holds something else.
+// The UUID in the file "host-id" of the data folder. At the first start, a new random one (RFC 4122, version 4) is
+// written. kCorrupt when the file contains anything else.
 Result<std::string> LoadHostId(const std::string& data_directory);
 
 }  // namespace vexa::daemon

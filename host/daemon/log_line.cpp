@@ -32,7 +32,7 @@ std::string MakeLogLine(std::string_view text, std::string_view request_id) {
     AppendEscaped(line, c);
     if (line.size() <= kMaxLogLine) continue;
     std::size_t end = kMaxLogLine;
-    // Not in the middle of a character: its continuation bytes begin with the bits 10.
+    // Never cut within a character: continuation bytes begin with the bits 10.
     while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
     line.resize(end);
     line += kCut;

@@ -1,4 +1,4 @@
-// The last form of a log line, before it leaves the process.
+// The final form of a log line before it leaves the process.
 #pragma once
 
 #include <string>
@@ -6,17 +6,17 @@
 
 namespace vexa::daemon {
 
-// Longer lines are cut: a datagram to the system log is dropped when it is too large.
+// Longer lines are cut: the system log drops datagrams that are too large.
 inline constexpr std::size_t kMaxLogLine = 8 * 1024;
 
-// `text` cut to kMaxLogLine, with control characters as \n, \t or \xNN, so that nothing a caller sends can start a line
-// of its own or drive a terminal; then " [request <id>]" unless the id is empty. The beginning stays as it is: log
-// watchers key on it.
+// `text` cut to kMaxLogLine, with control characters as \n, \t or \xNN, so that nothing from a caller can start a line
+// of its own or control a terminal; then " [request <id>]" unless the id is empty. The beginning is unchanged, because
+// log watchers match it.
 std::string MakeLogLine(std::string_view text, std::string_view request_id);
 
 enum class LogTarget { kSyslog, kStderr, kBoth };
 
-// Where the process's log lines go; kSyslog until it is called.
+// Where the process's log lines go; kSyslog by default.
 void SetLogTarget(LogTarget target);
 LogTarget CurrentLogTarget();
 

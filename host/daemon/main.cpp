@@ -33,16 +33,16 @@ int Complain(const vexa::Error& error, int status) {
   return status;
 }
 
-// Waits for the signal to stop, and does what is due every minute.
+// Waits for the signal to stop, and does the work that is due every minute.
 void RunUntilStopped(Daemon& daemon, const sigset_t& signals) {
   const timespec interval{.tv_sec = kSweepSeconds, .tv_nsec = 0};
   while (::sigtimedwait(&signals, nullptr, &interval) < 0) daemon.Sweep();
 }
 
-// Set when this daemon ends since it is no longer its host's.
+// Set when this daemon ends because it has lost its host id.
 std::atomic<bool> is_lost = false;
 
-// A second signal ends the process at once, whatever still runs.
+// A second signal ends the process immediately, whatever still runs.
 void EndAtNextSignal(const sigset_t& signals) {
   std::thread([signals] {
     int number = 0;
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
   EndAtNextSignal(signals);
   if (!(*daemon)->Stop(command.config.stop_timeout)) {
     ::syslog(LOG_WARNING, "Some requests did not finish in time.");
-    // Their threads still use the daemon's parts, so nothing is taken down around them.
+    // Their threads still use the daemon's parts, so nothing is destroyed while they run.
     ::_exit(is_lost ? kExitFailed : 0);
   }
   return is_lost ? kExitFailed : 0;

@@ -11,7 +11,7 @@
 namespace vexa::daemon {
 
 void NotifyServiceManager(std::string_view state) {
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
   const char* path = std::getenv("NOTIFY_SOCKET");
   if (!path || (path[0] != '/' && path[0] != '@')) return;
   sockaddr_un address{};

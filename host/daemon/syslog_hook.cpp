@@ -1,5 +1,5 @@
-// The daemon's own syslog(3). The library and the C library's fortified headers call syslog and __syslog_chk; these
-// definitions stand in front of the C library's, give each line the request's id, and make it safe to print.
+// The daemon's own syslog(3). The library and the C library's fortified headers call syslog and __syslog_chk. These
+// definitions override those of the C library; they add the request's id to each line and make it safe to print.
 //
 // Compiled without _FORTIFY_SOURCE, whose inline definitions would clash with these.
 #include <dlfcn.h>
@@ -16,7 +16,7 @@ namespace {
 
 using Vsyslog = void (*)(int, const char*, va_list);
 
-// Hands a finished line to the C library, which knows how the system log is reached.
+// Passes a finished line to the C library, which knows how to reach the system log.
 void ToSystemLog(int priority, const char* format, ...) {
   static const auto next = reinterpret_cast<Vsyslog>(dlsym(RTLD_NEXT, "vsyslog"));
   if (!next) return;

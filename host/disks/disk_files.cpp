@@ -34,8 +34,8 @@ class Descriptor {
   int fd_;
 };
 
-// What the error number of a step on the way to a file means.
-Error OnTheWay(const std::string& path, int error_number) {
+// The meaning of an error number from a step on the way to a file.
+Error LookupError(const std::string& path, int error_number) {
   switch (error_number) {
     case ENOENT:
     case ENOTDIR:
@@ -51,21 +51,21 @@ Error OnTheWay(const std::string& path, int error_number) {
   }
 }
 
-// The same as OpenBySystem, one folder after the other.
+// The same as OpenBySystem, one folder after another.
 Result<Descriptor> OpenByWalking(int root, const std::string& folder, const std::string& path) {
   Descriptor at(::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (at.get() < 0) return OnTheWay(path, errno);
+  if (at.get() < 0) return LookupError(path, errno);
   for (std::size_t begin = 0; begin < folder.size();) {
     const std::size_t end = std::min(folder.find('/', begin), folder.size());
     const std::string name = folder.substr(begin, end - begin);
-    // What is only passed need not be readable.
+    // Folders on the way need not be readable.
     const int access = end == folder.size() ? O_RDONLY : O_PATH;
     Descriptor next(::openat(at.get(), name.c_str(), access | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (next.get() < 0) {
       const int error_number = errno;
       struct stat info {};
       const bool is_link = ::fstatat(at.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode);
-      return OnTheWay(path, is_link ? ELOOP : error_number);
+      return LookupError(path, is_link ? ELOOP : error_number);
     }
     at = std::move(next);
     begin = end + 1;
@@ -79,12 +79,12 @@ Result<Descriptor> OpenBySystem(int root, const std::string& folder, const std::
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
   const long fd = ::syscall(SYS_openat2, root, folder.empty() ? "." : folder.c_str(), &how, sizeof how);
   if (fd >= 0) return Descriptor(static_cast<int>(fd));
-  // EPERM: what filters of system calls answer that do not know this one. EAGAIN: something was renamed meanwhile.
+  // EPERM: the answer of system call filters that do not know this call. EAGAIN: something was renamed meanwhile.
   if (errno == ENOSYS || errno == EPERM || errno == EAGAIN) return OpenByWalking(root, folder, path);
-  return OnTheWay(path, errno);
+  return LookupError(path, errno);
 }
 
-std::string WhatIs(mode_t mode) {
+std::string DescribeKind(mode_t mode) {
   if (S_ISLNK(mode)) return "it is a symbolic link";
   if (S_ISBLK(mode)) return "it is a block device";
   return "it is no regular file";
@@ -101,7 +101,7 @@ Error Failed(const char* what, const std::string& path, int error_number) {
 int RenameInFolder(int folder, const char* from, const char* to) {
   if (::renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0) return 0;
   if (errno != ENOSYS && errno != EINVAL) return errno;
-  // A file system without it.
+  // For file systems without it.
   struct stat info {};
   if (::fstatat(folder, to, &info, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
   if (errno != ENOENT) return errno;
@@ -159,7 +159,7 @@ struct DiskFiles::Place {
 DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileCalls calls) : calls_(std::move(calls)) {
   constexpr std::string_view kBelow = "/x";
   for (const std::string& root : roots) {
-    // A folder's path may be written in ways that a file's may not.
+    // A folder's path may have forms that a file's path may not.
     std::optional<std::string> below = root.starts_with('/') ? NormalPath(root + std::string(kBelow)) : std::nullopt;
     if (below) roots_.push_back(below->substr(0, below->size() - kBelow.size()));
   }
@@ -173,7 +173,7 @@ Result<DiskFiles::Place> DiskFiles::Open(const std::string& path) const {
   });
   if (root == roots_.end()) return Error(ErrorCode::kInvalid, "it lies outside of the folders of images");
   const Descriptor top(::open(root->empty() ? "/" : root->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (top.get() < 0) return OnTheWay(path, errno);
+  if (top.get() < 0) return LookupError(path, errno);
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash > root->size() ? path.substr(root->size() + 1, slash - root->size() - 1) : "";
   auto opened = calls_.resolve == FileCalls::Resolve::kBySystem ? OpenBySystem(top.get(), folder, path)
@@ -193,11 +193,11 @@ Result<DiskFiles::Look> DiskFiles::Examine(const std::string& path) const {
     if (errno == ENAMETOOLONG) return Look{Kind::kLeft, {}, "its name is too long"};
     return Failed("look at", path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Look{Kind::kLeft, {}, WhatIs(info.st_mode)};
+  if (!S_ISREG(info.st_mode)) return Look{Kind::kLeft, {}, DescribeKind(info.st_mode)};
   return Look{Kind::kRegular, {info.st_dev, info.st_ino}, {}};
 }
 
-// Renaming, shrinking or removing an image under a machine takes its disk from it.
+// Renaming, shrinking or removing an image under a machine would take its disk away.
 Status DiskFiles::RefuseOpen(const Place& place, const std::string& path, const std::string& name) const {
   bool has_open = false;
   if (const int error_number = calls_.has_open(place.folder.get(), name.c_str(), &has_open)) {
@@ -214,7 +214,7 @@ Status DiskFiles::Rename(const std::string& path, const std::string& from, const
   if (::fstatat(place->folder.get(), from.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
     return Failed("look at", path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (probe == Probe::kNeeded) {
     if (Status refused = RefuseOpen(*place, path, from); !refused) return refused;
   }
@@ -231,7 +231,7 @@ Status DiskFiles::Unlink(const std::string& path, const std::string& name) const
   if (::fstatat(place->folder.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
     return Failed("look at", path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (Status refused = RefuseOpen(*place, path, name); !refused) return refused;
   if (const int error_number = calls_.unlink(place->folder.get(), name.c_str())) {
     return Failed("remove", path, error_number);
@@ -275,13 +275,13 @@ Status DiskFiles::WithFile(const std::string& path, int access, Probe probe,
                            const std::function<Status(int file)>& act) const {
   const Result<Place> place = Open(path);
   if (!place) return place.error();
-  // Not blocking: opening a FIFO would wait for somebody at its other end.
+  // Non-blocking: opening a FIFO would wait for its other end.
   const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   const Descriptor file(::openat(place->folder.get(), place->name.c_str(), flags));
   if (file.get() < 0 && errno == ELOOP) return Error(ErrorCode::kInvalid, "it is a symbolic link");
   if (file.get() < 0) {
     const int error_number = errno;
-    // A machine's files can belong to another account for as long as it runs, which is then the better answer.
+    // A machine's files can belong to another account while it runs; then that is the better answer.
     if (probe == Probe::kNeeded && (error_number == EACCES || error_number == EPERM)) {
       if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
     }
@@ -289,7 +289,7 @@ Status DiskFiles::WithFile(const std::string& path, int access, Probe probe,
   }
   struct stat info {};
   if (::fstat(file.get(), &info) != 0) return Failed("look at", path, errno);
-  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, WhatIs(info.st_mode));
+  if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
   if (probe == Probe::kNeeded) {
     if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
   }

@@ -1,8 +1,8 @@
-// The files behind the paths in disks' records, reached without trust in those paths.
+// Accesses the files behind the paths in disks' records without trusting those paths.
 //
-// A path leads to a file only when it lies strictly below one of the roots, and no folder below the root, nor the file,
-// is a symbolic link. Whatever is changed is changed inside the folder that was opened in this way, and never while a
-// machine has the file open.
+// A path leads to a file only when it is strictly below one of the roots, and neither the file nor any folder below the
+// root is a symbolic link. Every change is made inside the folder opened in this way, and never while a machine has the
+// file open.
 #pragma once
 
 #include <sys/types.h>
@@ -19,12 +19,12 @@
 
 namespace vexa::guests {
 
-// The system's calls that change a folder; tests put others in their place. Each answers 0 or an errno(3) value.
-int RenameInFolder(int folder, const char* from, const char* to);  // EEXIST when there is a `to`
+// The system calls that change a folder; tests replace them. Each returns 0 or an errno(3) value.
+int RenameInFolder(int folder, const char* from, const char* to);  // EEXIST when `to` exists
 int UnlinkInFolder(int folder, const char* name);
 int SyncFolder(int folder);
-// The same for those that change a file.
-int CreateInFolder(int folder, const char* name, int* file);  // mode 0600; EEXIST when there is one
+// The same for calls that change a file.
+int CreateInFolder(int folder, const char* name, int* file);  // mode 0600; EEXIST when it exists
 int SetFileLength(int file, std::uint64_t length);
 int WriteToFile(int file, std::string_view bytes, std::uint64_t offset);  // all of them
 int SyncFile(int file);
@@ -39,9 +39,9 @@ struct FileCalls {
   std::function<int(int file)> sync_file = SyncFile;
   // Whether a machine has the file open, see disk_locks.h.
   std::function<int(int folder, const char* name, bool* has_open)> has_open = MachineHasOpen;
-  // Called before each way into the file system; for tests of what is held then. Not set: nothing is called.
+  // Called before each access to the file system; for tests of what is held at that point. Not set: nothing is called.
   std::function<void()> before_lookup;
-  enum class Resolve { kBySystem, kByWalking };  // walking is what a system without openat2(2) does in any case
+  enum class Resolve { kBySystem, kByWalking };  // systems without openat2(2) always walk
   Resolve resolve = Resolve::kBySystem;
 };
 
@@ -50,15 +50,15 @@ struct FilePiece {
   std::string bytes;
 };
 
-// What two names of one file have in common.
+// Equal for two names of one file.
 struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
   bool operator==(const FileIdentity&) const = default;
 };
 
-// `path` without empty segments and ".". Not set for what can be no file's place: no absolute path, "..", NUL, a slash
-// at the end, longer than the system takes.
+// `path` without empty segments and ".". Not set for an invalid file path: not absolute, "..", NUL, a slash at the end,
+// longer than the system allows.
 std::optional<std::string> NormalPath(std::string_view path);
 
 // Threads: any, at the same time.
@@ -72,28 +72,28 @@ class DiskFiles {
     FileIdentity identity;  // of a regular file
     std::string why;        // for kLeft: what it is instead, as the end of a sentence
   };
-  // Errors: with the path and the system's reason when it cannot be told.
+  // Errors: with the path and the system's reason when the result is unknown.
   Result<Look> Examine(const std::string& path) const;
 
-  // `path` is NormalPath()'s. Only regular files are renamed and removed. Errors, for all but Sync: kNotFound (no such
-  // file, or no such folder), kInvalid (it is no file of ours, see Look::why), and what the system says, with the path;
-  // for Hide, Remove, RemoveHidden, SetLength and WriteAt also kBusy (a machine has the file open).
-  // Gives the file the name `hidden` in its folder; kConflict when there is one of this name.
+  // `path` comes from NormalPath(). Only regular files are renamed and removed. Errors, for all except Sync: kNotFound
+  // (no such file or folder), kInvalid (the file must not be touched, see Look::why), and those of the system, with the
+  // path; for Hide, Remove, RemoveHidden, SetLength and WriteAt also kBusy (a machine has the file open).
+  // Renames the file to `hidden` in its folder; kConflict when that name exists.
   Status Hide(const std::string& path, const std::string& hidden) const;
-  // Gives it back its name; kConflict when there is a file of that name.
+  // Restores its name; kConflict when a file of that name exists.
   Status Show(const std::string& path, const std::string& hidden) const;
   Status Remove(const std::string& path) const;
   Status RemoveHidden(const std::string& path, const std::string& hidden) const;
-  // A new file that only its owner can read, `length` bytes long, sparse but for `pieces`, on the disk. kConflict when
-  // there is one; of what fails otherwise no file is left, as far as it can be removed.
+  // Creates a file that only its owner can read, `length` bytes long, sparse except for `pieces`, synced to disk.
+  // kConflict when it exists. After other errors the file is removed again, as far as possible.
   Status Create(const std::string& path, std::uint64_t length, const std::vector<FilePiece>& pieces) const;
   Result<std::uint64_t> Length(const std::string& path) const;
-  // As many of the bytes as there are.
+  // Returns as many of the bytes as there are.
   Result<std::string> ReadAt(const std::string& path, std::uint64_t offset, std::size_t count) const;
   // Both are on the disk when they return.
   Status SetLength(const std::string& path, std::uint64_t length) const;
   Status WriteAt(const std::string& path, const FilePiece& piece) const;
-  // Makes what was done in the folder of `path` last. Not an error: there is no such folder.
+  // Makes the changes in the folder of `path` durable. A missing folder is not an error.
   Status Sync(const std::string& path) const;
 
  private:
@@ -103,10 +103,10 @@ class DiskFiles {
   Status RefuseOpen(const Place& place, const std::string& path, const std::string& name) const;
   Status Rename(const std::string& path, const std::string& from, const std::string& to, Probe probe) const;
   Status Unlink(const std::string& path, const std::string& name) const;
-  // Of a regular file.
+  // For a regular file.
   Status WithFile(const std::string& path, int access, Probe probe, const std::function<Status(int file)>& act) const;
 
-  std::vector<std::string> roots_;  // normal, "" for the root of the file system, longest first
+  std::vector<std::string> roots_;  // normalised, "" for the root of the file system, longest first
   const FileCalls calls_;
 };
 

@@ -51,15 +51,15 @@ bool IsOfFile(std::string_view text, dev_t device, ino_t inode) {
          ParseNumber<std::uint64_t>(text.substr(second + 1), 10) == std::uint64_t{inode};
 }
 
-// A line is "1: OFDLCK ADVISORY READ -1 08:01:131079 100 101"; the last word may be "EOF". One that waits for a lock
-// has "->" behind its number.
+// A line is "1: OFDLCK ADVISORY READ -1 08:01:131079 100 101"; the last word may be "EOF". A waiting lock has "->"
+// after its number.
 bool IsImageLock(std::string_view line, dev_t device, ino_t inode) {
   const std::vector<std::string_view> words = Words(line);
   if (words.size() != 8 || (words[1] != "OFDLCK" && words[1] != "POSIX")) return false;
   if (!IsOfFile(words[5], device, inode)) return false;
   const auto first = ParseNumber<std::uint64_t>(words[6], 10);
   const auto last = words[7] == "EOF" ? UINT64_MAX : ParseNumber<std::uint64_t>(words[7], 10);
-  // What cannot be understood is taken for a lock: the file is left then.
+  // A line that cannot be parsed counts as a lock, so that the file is left alone.
   return !first || !last || (*first <= kLastByte && *last >= kFirstByte);
 }
 
@@ -69,7 +69,7 @@ int LookUpInTable(int folder, const char* name, bool* has_open) {
   if (!S_ISREG(info.st_mode)) return 0;
   std::ifstream in(kLockTable);
   const std::string table{std::istreambuf_iterator<char>(in), {}};
-  // A system that does not show its locks says nothing about them: the file stays as it is.
+  // A system that does not show its locks gives no information: the file is left as it is.
   if (!in.is_open() || in.bad()) return EACCES;
   *has_open = HasImageLock(table, info.st_dev, info.st_ino);
   return 0;
@@ -113,7 +113,7 @@ bool HasImageLock(std::string_view table, dev_t device, ino_t inode) {
 
 int MachineHasOpen(int folder, const char* name, bool* has_open) {
   *has_open = false;
-  // Not blocking: opening a FIFO would wait for somebody at its other end.
+  // Non-blocking: opening a FIFO would wait for its other end.
   const int file = ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) {
     if (errno == ELOOP) return 0;  // a symbolic link

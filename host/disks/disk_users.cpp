@@ -49,8 +49,8 @@ std::string_view SkipBlanks(std::string_view text) {
   return at == std::string_view::npos ? std::string_view() : text.substr(at);
 }
 
-// What follows `part` in `text`; null data when it is not in there. Most of a search is spent here, and a string_view
-// is several times slower at finding a part that begins with a quote.
+// The part of `text` after `part`; null data when `part` is not found. Most of a search is spent here, and a
+// string_view is several times slower at finding a part that begins with a quote.
 std::string_view Behind(std::string_view text, std::string_view part) {
   const void* const found = ::memmem(text.data(), text.size(), part.data(), part.size());
   if (!found) return {};
@@ -63,7 +63,7 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
-// A record that names a path whose last segment is that of a file.
+// A record with a path whose last segment is that of a file.
 struct Candidate {
   const Member* member;
   std::string id;  // as in keys
@@ -80,11 +80,11 @@ class Pass {
     for (const Member* member : members_) quoted_.push_back('"' + std::string(member->name) + '"');
   }
 
-  // `name` is the last part of the key: "object" for a record, else that of a member with a key of its own.
-  void LookAt(std::string_view id, std::string_view name, std::string_view text) {
+  // `name` is the last part of the key: "object" for a record, otherwise a member with a key of its own.
+  void Examine(std::string_view id, std::string_view name, std::string_view text) {
     if (name == keys::object) {
       if (!MayName(text)) return;
-      // A damaged record names nothing that anybody could use.
+      // A damaged record names nothing that could be used.
       const Result<Json::Value> record = ParseJson(text);
       if (!record) return;
       for (const Member* member : members_) Take(*member, id, json::Member(*record, member->name));
@@ -97,21 +97,21 @@ class Pass {
   }
 
  private:
-  // Decided without parsing. A member's name can be behind an escape as well.
+  // Decided without parsing. A member's name can also be hidden by an escape.
   bool MayName(std::string_view text) const {
     if (text.find("\\u") != std::string_view::npos) return true;
     for (const std::string& quoted : quoted_) {
       std::string_view rest = Behind(text, quoted);
       for (; rest.data(); rest = Behind(rest, quoted)) {
         const std::string_view value = SkipBlanks(rest);
-        if (value.starts_with(':') && MayHold(SkipBlanks(value.substr(1)))) return true;
+        if (value.starts_with(':') && MayContain(SkipBlanks(value.substr(1)))) return true;
       }
     }
     return false;
   }
 
   // `text` begins with a value.
-  bool MayHold(std::string_view text) const {
+  bool MayContain(std::string_view text) const {
     const bool is_list = text.starts_with('[');
     if (is_list) text = SkipBlanks(text.substr(1));
     while (text.starts_with('"')) {
@@ -121,7 +121,7 @@ class Pass {
       text = SkipBlanks(text.substr(value.size() + 2));
       if (text.starts_with(',')) text = SkipBlanks(text.substr(1));
     }
-    // Values of other types may be in a list as well.
+    // A list may also contain values of other types.
     return is_list && !text.starts_with(']');
   }
 
@@ -168,7 +168,7 @@ class UserSearch {
     return {};
   }
 
-  // To be called once no snapshot is held: it asks the file system about paths that anybody may have chosen.
+  // Call it once no snapshot is held: it asks the file system about paths that any user may have chosen.
   std::map<std::string, FileUser> Finish() {
     for (const auto& [other, user] : suspects_) {
       const auto [begin, end] = names_.equal_range(LastSegment(other));
@@ -197,7 +197,7 @@ class UserSearch {
       const std::size_t slash = rest.find('/');
       if (slash == std::string_view::npos) return true;
       const std::string_view id = rest.substr(0, slash);
-      if (!has_disks || !except_disks_.contains(id)) pass.LookAt(id, rest.substr(slash + 1), value.text);
+      if (!has_disks || !except_disks_.contains(id)) pass.Examine(id, rest.substr(slash + 1), value.text);
       return true;
     });
   }
@@ -218,7 +218,7 @@ class UserSearch {
     return {};
   }
 
-  // Whether the record is one of others, and means a file of this host.
+  // Whether the record is not one of the excluded ones, and means a file of this host.
   Result<bool> Counts(const store::Snapshot& snapshot, const Candidate& candidate) const {
     const bool is_guest = candidate.member->user == FileUser::kNvram || candidate.member->user == FileUser::kDrive;
     const bool is_leaving = question_.guest != FileQuestion::Guest::kStaying;

@@ -29,14 +29,16 @@ std::uint64_t NumberAt(std::string_view bytes, std::size_t offset, unsigned coun
   return number;
 }
 
-std::uint64_t Divided(std::uint64_t number, std::uint64_t by) { return number / by + (number % by == 0 ? 0 : 1); }
+std::uint64_t DivideRoundingUp(std::uint64_t number, std::uint64_t by) {
+  return number / by + (number % by == 0 ? 0 : 1);
+}
 
-// What one entry of the first-level table covers: a cluster full of entries for a cluster each.
+// What one entry of the first-level table covers: a cluster full of entries, each for one cluster.
 std::uint64_t BytesPerEntry(unsigned cluster_bits) { return std::uint64_t{1} << (2 * cluster_bits - 3); }
 
 EmptyImage MakeEmptyQcow2(std::uint64_t size) {
-  const std::uint64_t needed = Divided(size, BytesPerEntry(kClusterBits));
-  const std::uint64_t table_clusters = std::max<std::uint64_t>(Divided(needed * 8, kCluster), 1);
+  const std::uint64_t needed = DivideRoundingUp(size, BytesPerEntry(kClusterBits));
+  const std::uint64_t table_clusters = std::max<std::uint64_t>(DivideRoundingUp(needed * 8, kCluster), 1);
   const std::uint64_t entries = table_clusters * kCluster / 8;
   std::string header(kMagic);
   Append(header, 3, 4);             // the version
@@ -46,7 +48,7 @@ EmptyImage MakeEmptyQcow2(std::uint64_t size) {
   Append(header, size, 8);          //
   Append(header, 0, 4);             // no encryption
   Append(header, entries, 4);       // of the first-level table
-  Append(header, 3 * kCluster, 8);  // which is there
+  Append(header, 3 * kCluster, 8);  // which exists
   Append(header, kCluster, 8);      // the table of reference counts
   Append(header, 1, 4);             // of one cluster
   Append(header, 0, 4);             // no snapshots
@@ -71,7 +73,7 @@ Error About(const std::string& path, ErrorCode code, const std::string& what) {
   return Error(code, "The image '" + cluster::ShownPath(path) + "' " + what);
 }
 
-Error Unusual(const std::string& path, const std::string& what) {
+Error UnsupportedImage(const std::string& path, const std::string& what) {
   return About(path, ErrorCode::kInvalid, what + ": grow it with 'qemu-img resize' while the guest is off");
 }
 
@@ -84,22 +86,22 @@ Result<Growth> PlanQcow2Growth(const DiskFiles& files, const std::string& path, 
   const std::uint64_t entries = NumberAt(*header, 36, 4);
   const bool is_known = (version == 2 || (version == 3 && header->size() == kHeaderLength)) && cluster_bits >= 9 &&
                         cluster_bits <= 21 && NumberAt(*header, 32, 4) == 0;
-  if (!is_known) return Unusual(path, "is of an unusual kind");
-  if (NumberAt(*header, 60, 4) != 0) return Unusual(path, "has snapshots");
+  if (!is_known) return UnsupportedImage(path, "is of an unusual kind");
+  if (NumberAt(*header, 60, 4) != 0) return UnsupportedImage(path, "has snapshots");
   if (version == 3 && (NumberAt(*header, 72, 8) != 0 || NumberAt(*header, 88, 8) != 0)) {
-    return Unusual(path, "was not closed properly, or has unusual features");
+    return UnsupportedImage(path, "was not closed properly, or has unusual features");
   }
   const std::uint64_t now = NumberAt(*header, kSizeOffset, 8);
   if (now > size) return About(path, ErrorCode::kConflict, "has " + std::to_string(now) + " bytes already");
   const std::uint64_t cluster = std::uint64_t{1} << cluster_bits;
-  const std::uint64_t needed = Divided(size, BytesPerEntry(cluster_bits));
-  const std::uint64_t room = Divided(entries * 8, cluster) * cluster / 8;
-  if (needed > room || needed * 8 > kMaxTableBytes) return Unusual(path, "has no room in its tables");
+  const std::uint64_t needed = DivideRoundingUp(size, BytesPerEntry(cluster_bits));
+  const std::uint64_t room = DivideRoundingUp(entries * 8, cluster) * cluster / 8;
+  if (needed > room || needed * 8 > kMaxTableBytes) return UnsupportedImage(path, "has no room in its tables");
   if (needed > entries) {
     const std::uint64_t table = NumberAt(*header, 40, 8);
     const auto rest = files.ReadAt(path, table + entries * 8, (needed - entries) * 8);
     if (!rest) return rest.error();
-    if (rest->find_first_not_of('\0') != std::string::npos) return Unusual(path, "has no room in its tables");
+    if (rest->find_first_not_of('\0') != std::string::npos) return UnsupportedImage(path, "has no room in its tables");
   }
   Growth growth{path, 0, 0, header->substr(kSizeOffset, kHeadLength), {}};
   Append(growth.to_head, size, 8);

@@ -1,8 +1,8 @@
-// New and grown images of disks, made without another program.
+// Creates and grows disk images without another program.
 //
-// A raw image grows by its length. A qcow2 image grows by 16 bytes of its header (its size, and how many entries its
-// first-level table has), as long as the clusters of that table have room; the images made here have room up to 4 TiB
-// at least. Both can be put back exactly for as long as nobody has written to the part that was added.
+// A raw image grows by its length. A qcow2 image grows by changing 16 bytes of its header (its size, and the number of
+// entries in its first-level table), as long as the clusters of that table have room; the images created here have room
+// for at least 4 TiB. Both kinds can be restored exactly until the added part is written to.
 #pragma once
 
 #include <cstdint>
@@ -15,14 +15,14 @@
 
 namespace vexa::guests {
 
-// What an empty image of `size` bytes, a multiple of 1 MiB, consists of; zeros elsewhere.
+// The content of an empty image of `size` bytes, a multiple of 1 MiB; zeros elsewhere.
 struct EmptyImage {
   std::uint64_t length = 0;  // of the file
   std::vector<FilePiece> pieces;
 };
 EmptyImage MakeEmptyImage(hypervisor::ImageFormat format, std::uint64_t size);
 
-// Of a raw image the lengths, of a qcow2 image the bytes of the header.
+// For a raw image the lengths, for a qcow2 image the bytes of the header.
 struct Growth {
   std::string path;  // normal
   std::uint64_t from_length = 0;
@@ -32,18 +32,19 @@ struct Growth {
   bool operator==(const Growth&) const = default;
 };
 
-// How the image is to be changed so that its guest sees `size` bytes. Nothing is changed yet. Errors: kConflict (it is
-// larger already), kNotFound, kInvalid (it is no such image, or one that cannot grow in place), and what the system
-// says, all with the path.
+// How to change the image so that its guest sees `size` bytes. Nothing is changed yet. Errors: kConflict (it is already
+// larger), kNotFound, kInvalid (not such an image, or one that cannot grow in place), and those of the system, all with
+// the path.
 Result<Growth> PlanGrowth(const DiskFiles& files, const std::string& path, hypervisor::ImageFormat format,
                           std::uint64_t size);
 
-// What an image is now: as before the growth, as after it, or changed by somebody else. Errors: what the system says.
+// The current state of an image: as before the growth, as after it, or changed by something else. Errors: those of the
+// system.
 enum class GrowthState { kBefore, kAfter, kOther };
 Result<GrowthState> StateOf(const DiskFiles& files, const Growth& growth);
 
-// Each does nothing when it was done already. Errors: kConflict when the image is neither as before nor as after, kBusy
-// when a machine has it open.
+// Each does nothing when already done. Errors: kConflict when the image is neither as before nor as after, kBusy when a
+// machine has it open.
 Status Grow(const DiskFiles& files, const Growth& growth);
 Status UndoGrowth(const DiskFiles& files, const Growth& growth);
 

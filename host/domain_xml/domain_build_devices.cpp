@@ -1,4 +1,4 @@
-// USB, video, keyboard, consoles and the channel of the agent.
+// USB, video, keyboard, consoles and the agent's channel.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -20,9 +20,9 @@ constexpr Json::ArrayIndex kUsbPorts = 4;
 constexpr std::int64_t kDefaultUsbVersion = 2;
 
 struct UsbController {
-  int version;  // as "usb_version" says it
+  int version;  // value of "usb_version"
   const char* model;
-  const char* start_port;  // of a companion, which serves slow devices at ports of the first controller
+  const char* start_port;  // of a companion controller, which serves slow devices at the ports of the first controller
 };
 constexpr UsbController kUsbControllers[] = {
     {0, "none", nullptr},   {1, "piix3-uhci", nullptr}, {2, "ich9-ehci1", nullptr}, {2, "ich9-uhci1", "0"},
@@ -64,7 +64,7 @@ bool WriteHostDevice(Context& context, const std::string& name) {
     const auto product = domain_xml::ParseHex16(std::string_view(name).substr(colon + 1));
     if (!vendor || !product) return false;
     add();
-    // A device that is not plugged in is no reason not to start.
+    // A device that is not plugged in must not prevent the start.
     Set(source, "startupPolicy", "optional");
     Set(Add(source, "vendor"), "id", Hexadecimal(*vendor));
     Set(Add(source, "product"), "id", Hexadecimal(*product));
@@ -114,7 +114,7 @@ Status WriteScreen(Context& context) {
   if (own_layout && !domain_xml::IsLayoutName(*layout)) {
     return Refused("The keyboard layout " + Quote(*layout) + " is no name of a layout: give one such as 'en-us'");
   }
-  // On a socket, since on a port every user of the host could look at the screen.
+  // On a socket, because with a port every user of the host could see the screen.
   pugi::xml_node graphics = Add(context.devices, "graphics");
   Set(graphics, "type", "vnc");
   if (own_layout) Set(graphics, "keymap", *layout);
@@ -149,7 +149,7 @@ Status WriteUsb(Context& context) {
   if (!version) return version.error();
   WriteControllers(context, *version);
   if (*version > 0) {
-    // Without a tablet the pointer of a remote screen and that of the guest drift apart.
+    // Without a tablet, the pointer of a remote screen and the guest's pointer drift apart.
     pugi::xml_node input = Add(context.devices, "input");
     Set(input, "type", "tablet");
     Set(input, "bus", "usb");

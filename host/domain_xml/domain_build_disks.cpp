@@ -23,7 +23,7 @@ std::size_t CountIde(const GuestRecords& records) {
   return static_cast<std::size_t>(count);
 }
 
-// The names of targets. A disk keeps the one in its record where it can, so that guests find their disks in place.
+// Assigns target names. A disk keeps the name in its record where possible, so that guests find their disks in place.
 class Targets {
  public:
   explicit Targets(const GuestRecords& records) {
@@ -47,9 +47,9 @@ class Targets {
   std::set<std::string> taken_;
 };
 
-// libvirt would add those that are missing, of a model of old.
+// libvirt would add missing controllers with an obsolete model.
 void AddScsiControllers(Context& context, std::size_t index) {
-  constexpr std::size_t kUnits = 7;  // of one controller, as libvirt numbers disks that say no more than a name
+  constexpr std::size_t kUnits = 7;  // of one controller, as libvirt numbers disks that only have a name
   const std::size_t needed = index / kUnits + 1;
   for (; context.scsi_controllers < needed; ++context.scsi_controllers) {
     pugi::xml_node controller = Add(context.devices, "controller");
@@ -91,7 +91,7 @@ Status WriteDisk(Context& context, const std::string& id, const Json::Value& dis
   return {};
 }
 
-// The path in each drive, empty for an empty one.
+// The path for each drive; empty for an empty drive.
 Result<std::vector<std::string>> ImagePaths(const Context& context) {
   const Json::Value& images = json::Member(context.guest(), "iso_images");
   if (!images.isNull() && (!images.isArray() || images.size() > kMaxIsoImages)) {
@@ -116,7 +116,7 @@ Result<std::vector<std::string>> ImagePaths(const Context& context) {
   return paths;
 }
 
-// On IDE while there is room: systems that need IDE for their disks may know no other bus.
+// IDE while there is room: systems that need IDE for their disks may not support another bus.
 const Bus& DriveBus(const Context& context, std::size_t drives) {
   const bool room = CountIde(context.records) + drives <= kMaxIdeDrives;
   return BusOf(context.legacy_machine && room ? kIde : kSata);

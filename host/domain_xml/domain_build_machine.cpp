@@ -1,4 +1,4 @@
-// Who the guest is, its memory, its processors, and the machine around them.
+// The guest's identity, memory and processors, and the machine around them.
 #include <algorithm>
 #include <limits>
 
@@ -19,7 +19,7 @@ constexpr std::int64_t kMaxMemoryMib = std::numeric_limits<std::int32_t>::max() 
 constexpr std::int64_t kDefaultWeight = 256;
 constexpr std::size_t kMaxNameBytes = 128;
 
-// libvirt makes file names of it.
+// libvirt makes file names from it.
 bool IsDomainName(const std::string& name) {
   return !name.empty() && name.size() <= kMaxNameBytes && name.find('/') == std::string::npos && name != "." &&
          name != ".." && IsValidUtf8(name) && !domain_xml::HasControlCharacters(name) && XmlText(name) == name &&
@@ -45,12 +45,12 @@ Status WriteTuning(Context& context, std::int64_t vcpus) {
   return {};
 }
 
-// One socket, since some systems count sockets and use no more than two.
+// One socket, because some systems count sockets and use at most two.
 void WriteCpu(Context& context, std::int64_t vcpus) {
   pugi::xml_node cpu = Add(context.domain, "cpu");
   const bool passthru = FlagOf(context.guest(), "cpu_passthru");
   if (passthru) {
-    // An emulated processor has no host to pass through: all that the emulator can do is the nearest to it.
+    // An emulated processor has no host processor to pass through. Everything that the emulator supports comes closest.
     Set(cpu, "mode", context.options.domain_type == "qemu" ? "maximum" : "host-passthrough");
     Set(cpu, "check", "none");
   } else {
@@ -70,7 +70,7 @@ void WriteFeatures(Context& context) {
   Add(features, "acpi");
   Add(features, "apic");
   const Json::Value* const enlighten = json::FindMember(context.guest(), "hyperv_enlighten");
-  // They are services of KVM.
+  // These are services of KVM.
   if (enlighten == nullptr || enlighten->isNull() || context.options.domain_type == "qemu") return;
   pugi::xml_node hyperv = Add(features, "hyperv");
   Set(hyperv, "mode", "custom");
@@ -107,7 +107,7 @@ Status WriteFirmware(Context& context) {
   const bool uefi = FlagOf(context.guest(), "use_ovmf");
   if (uefi) Set(os, "firmware", "efi");
   pugi::xml_node type = AddText(os, "type", "hvm");
-  // The test driver has machines of its own.
+  // The test driver has machine types of its own.
   if (!context.is_test()) {
     Set(type, "arch", "x86_64");
     Set(type, "machine", context.legacy_machine ? "pc" : "q35");
@@ -116,7 +116,7 @@ Status WriteFirmware(Context& context) {
   pugi::xml_node feature = Add(Add(os, "firmware"), "feature");
   Set(feature, "enabled", "no");
   Set(feature, "name", "secure-boot");
-  // libvirt fills a file that is not there yet from the firmware's template.
+  // libvirt creates a missing file from the firmware's template.
   if (!nvram->empty()) AddText(os, "nvram", *nvram);
   return {};
 }

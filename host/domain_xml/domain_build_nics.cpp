@@ -16,7 +16,7 @@ constexpr std::size_t kMaxNetworkNameBytes = 255;
 constexpr std::size_t kMaxBridgeNameBytes = 15;
 
 struct Model {
-  int type;  // as "vnic_type" says it
+  int type;  // value of "vnic_type"
   const char* name;
 };
 constexpr Model kModels[] = {{1, "virtio"}, {2, "e1000"}, {3, "rtl8139"}};
@@ -26,7 +26,7 @@ const char* ModelName(std::int64_t type) {
       ->name;
 }
 
-// Names of network devices as the kernel takes them.
+// Names of network devices that the kernel accepts.
 bool IsBridgeName(const std::string& name) {
   return name.size() <= kMaxBridgeNameBytes && name != "." && name != ".." &&
          std::none_of(name.begin(), name.end(), [](char c) {
@@ -72,7 +72,7 @@ Status WriteNic(Context& context, const std::string& id, const Json::Value& nic,
   }
   pugi::xml_node element = Add(context.devices, "interface");
   if (network->empty()) {
-    // The device is there and its cable is not plugged in.
+    // The device exists, but its cable is not plugged in.
     Set(element, "type", "user");
   } else if (Status source = WriteSource(context, element, mac, *network); !source) {
     return source;

@@ -1,4 +1,4 @@
-// What disks are on, what their targets are called, and what format they have.
+// The bus, target name and format of disks.
 #include <algorithm>
 
 #include "host/domain_xml/domain_build_internal.h"
@@ -23,7 +23,7 @@ std::string Letters(std::size_t index) {
   return letters;
 }
 
-// The inverse: the index of `letters`. Not set for other text, and for an index that is never given out.
+// The inverse: the index of `letters`. Not set for other text, and for an index that is never assigned.
 std::optional<std::size_t> IndexOf(std::string_view letters) {
   if (letters.empty() || letters.size() > 2) return std::nullopt;
   std::size_t index = 0;

@@ -11,7 +11,7 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-// The length of the character that begins `text`, which is not empty; 0 when none does.
+// The length of the character at the start of `text`, which is not empty; 0 when it does not start with a valid one.
 std::size_t CharacterLength(std::string_view text) {
   for (std::size_t length = 1; length <= 4 && length <= text.size(); ++length) {
     if (IsValidUtf8(text.substr(0, length))) return length;
@@ -50,7 +50,7 @@ Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std
                               std::int64_t most) {
   const Json::Value& value = json::Member(record, member);
   if (value.isNull()) return fallback;
-  // Beyond 64 bits a conversion reads as 0, which may be in range.
+  // Beyond 64 bits, a conversion returns 0, which may be in range.
   if (!value.isInt64() || json::Int64(value) < least || json::Int64(value) > most) {
     return Wrong(member, "is no number from " + std::to_string(least) + " to " + std::to_string(most));
   }

@@ -12,7 +12,7 @@ struct Type {
   std::string_view name;
   PluggedInto plugged_into;
 };
-// Of a network that leads to a bridge or device of the host, a running domain shows what that is.
+// For a network that leads to a bridge or device of the host, the XML of a running domain shows that bridge or device.
 constexpr Type kTypes[] = {
     {"bridge", PluggedInto::kBridge},
     {"network", PluggedInto::kNetwork},

@@ -1,4 +1,4 @@
-// The network interfaces that a machine has now, from the XML of its running domain.
+// Reads a machine's current network interfaces from the XML of its running domain.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 
 namespace vexa::hypervisor {
 
-// What the machine's end of an interface is plugged into.
+// What an interface of the machine is plugged into.
 enum class PluggedInto {
-  kBridge,   // a bridge of the host, also one that a network of libvirt's leads to
-  kNetwork,  // a network that libvirt has made: NAT, routed, isolated
+  kBridge,   // a bridge of the host, also one behind a libvirt network
+  kNetwork,  // a network made by libvirt: NAT, routed, isolated
   kDevice,   // a network device of the host, through macvtap
   kUser,     // QEMU's own NAT
   kOther,    // anything else; its end in the host may still be on a bridge
@@ -21,18 +21,18 @@ enum class PluggedInto {
 struct GuestInterface {
   std::string mac;  // in lower case
   PluggedInto plugged_into = PluggedInto::kOther;
-  std::string network;  // of libvirt's; "" when it is in none
-  std::string device;   // the bridge, or the device below the macvtap; "" when libvirt does not say
-  std::string target;   // the interface's end in the host ("vnet0"); "" when it has none
+  std::string network;  // of libvirt; "" when it is not in a network
+  std::string device;   // the bridge, or the device below the macvtap; "" when libvirt does not report it
+  std::string target;   // the host's end of the interface ("vnet0"); "" when it has none
   bool is_link_up = true;
 };
 
-// At most kMaxNics; those without a unicast MAC address are left out.
-// Errors: kInvalid for what is not a <domain>. Pure. Threads: any, at the same time.
+// At most kMaxNics; interfaces without a unicast MAC address are left out.
+// Errors: kInvalid when the XML is not a <domain>. Pure. Threads: any, at the same time.
 Result<std::vector<GuestInterface>> ParseGuestInterfaces(std::string_view xml);
 
-// Where guests in a network of libvirt's get to, by the network's XML and the bridge that libvirt names for it. Sets
-// `plugged_into` and `device`; what the XML does not say stays.
+// Where guests in a libvirt network are connected, according to the network's XML and the bridge that libvirt reports
+// for it. Sets `plugged_into` and `device`; what the XML does not say stays unchanged.
 void ResolveNetwork(std::string_view network_xml, const std::string& bridge, GuestInterface& interface);
 
 }  // namespace vexa::hypervisor

@@ -13,14 +13,14 @@ Error CannotRead(const Error& cause) {
                cause.ToString());
 }
 
-// A definition does not have the sizes of images, so any size will do.
+// A definition does not contain image sizes, so any size will do.
 Result<ImportedGuest> ReadBase(const std::string& xml) {
   ImportOptions options;
   options.size_of = [](const std::string&, ImageFormat) -> Result<std::uint64_t> { return std::uint64_t{1} << 20; };
   return ParseDomainXml(xml, options);
 }
 
-// What the builder writes for all but disks, drives and network interfaces, which are taken one by one.
+// What the builder writes for everything except disks, drives and network interfaces, which are handled one by one.
 Status BuildRest(const GuestRecords& records, const BuildOptions& options, pugi::xml_document& document) {
   GuestRecords rest;
   rest.id = records.id;

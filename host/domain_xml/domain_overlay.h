@@ -1,8 +1,8 @@
-// The definition that a guest's owner had, with what the guest's records say since.
+// Applies the guest's current records to the definition that its owner had.
 //
-// The base is read as the import reads it, which gives the records that it stands for. Where the records of today say
-// the same, the base's elements stay word for word; where they differ, the elements are changed as little as possible,
-// to what the builder writes. For host/hypervisor/domain_*.cpp only.
+// The base is read as an import would read it, which gives the records that it stands for. Where the current records
+// say the same, the base's elements stay word for word; where they differ, the elements are changed as little as
+// possible, to what the builder writes. For host/domain_xml/domain_*.cpp only.
 #pragma once
 
 #include <pugixml.hpp>
@@ -17,19 +17,19 @@
 
 namespace vexa::hypervisor::domain_overlay {
 
-// Makes `document` the definition: options.base_xml, which is not empty, and what differs from it. The other options
-// have been checked. Errors: as BuildDomainXml.
+// Makes `document` the definition: options.base_xml, which must not be empty, with the differences applied. The other
+// options have been checked. Errors: those of BuildDomainXml.
 Status Apply(const GuestRecords& records, const BuildOptions& options, pugi::xml_document& document);
 
 struct Overlay {
   const GuestRecords& records;
   const BuildOptions& options;
-  const ImportedGuest& before;  // what the base stands for
+  const ImportedGuest& before;  // the records that the base stands for
   pugi::xml_node domain{};      // the base, which becomes the result
   pugi::xml_node devices{};     // its <devices>
-  pugi::xml_node built{};       // what the builder writes for the guest without disks, drives and network interfaces
+  pugi::xml_node built{};       // what the builder writes for the guest, without disks, drives and network interfaces
 
-  // Elements of the result in the records' order, for the boot order.
+  // Elements of the result in the order of the records, for the boot order.
   std::vector<pugi::xml_node> disks{};
   std::vector<pugi::xml_node> drives{};
 
@@ -37,16 +37,16 @@ struct Overlay {
   bool is_emulated() const { return options.domain_type == "qemu"; }
 };
 
-// Facets: each changes one part of `overlay.domain`. Errors: as BuildDomainXml.
+// Each function changes one aspect of `overlay.domain`. Errors: those of BuildDomainXml.
 
 Status ApplyIdentity(Overlay& overlay);  // domain_overlay_machine.cpp: name, description, mark, emulator
 Status ApplyMemory(Overlay& overlay);
 Status ApplyFirmware(Overlay& overlay);
-Status ApplyFeatures(Overlay& overlay);   // Hyper-V's, and what only KVM has
+Status ApplyFeatures(Overlay& overlay);   // features of Hyper-V, and of KVM only
 Status ApplyProcessor(Overlay& overlay);  // domain_overlay_processor.cpp: <cpu>, <vcpu>
 Status ApplyTuning(Overlay& overlay);     // weight, pins, cgroups
 Status ApplyScreen(Overlay& overlay);     // domain_overlay_devices.cpp: video card, keyboard layout
-Status ApplyUsb(Overlay& overlay);        // domain_overlay_usb.cpp: controllers, devices of the host
+Status ApplyUsb(Overlay& overlay);        // domain_overlay_usb.cpp: controllers, host devices
 Status ApplyDisks(Overlay& overlay);      // domain_overlay_disks.cpp
 Status ApplyDrives(Overlay& overlay);     // domain_overlay_drives.cpp: CD-ROM drives
 Status ApplyNics(Overlay& overlay);       // domain_overlay_nics.cpp
@@ -54,21 +54,21 @@ Status ApplyBootOrder(Overlay& overlay);  // domain_overlay_boot.cpp; after disk
 
 // domain_overlay_values.cpp
 
-// Whether both are the same value; numbers are compared whatever type holds them.
+// Whether both are the same value; numbers are compared regardless of their type.
 bool SameValue(const Json::Value& left, const Json::Value& right);
 
-// Whether a member of the guest's record is what the base says. One that is absent or null counts as `fallback`.
+// Whether a member of the guest's record equals that of the base. An absent or null member counts as `fallback`.
 bool IsUnchanged(const Overlay& overlay, const char* member, const Json::Value& fallback = Json::Value());
 
-// Whether the truth of a member differs from the base's.
+// Whether the truth value of a member differs from the base's.
 bool FlagChanged(const Overlay& overlay, const char* member);
 
-// Attributes and elements that are there already, or are made.
+// Set existing attributes and elements, or create them.
 void Put(pugi::xml_node element, const char* attribute, const std::string& value);
 void PutText(pugi::xml_node element, const std::string& text);
 pugi::xml_node ChildOf(pugi::xml_node parent, const char* name);
 
-// Puts a copy of `replacement` in the place of `old`, or as the last child of `parent` when `old` is empty.
+// Replaces `old` with a copy of `replacement`, or appends the copy to `parent` when `old` is empty.
 pugi::xml_node Replace(pugi::xml_node parent, pugi::xml_node old, pugi::xml_node replacement);
 
 void RemoveChildren(pugi::xml_node parent, std::string_view name);
@@ -76,20 +76,20 @@ void RemoveChildren(pugi::xml_node parent, std::span<const char* const> names);
 void RemoveAttributes(pugi::xml_node element, std::span<const char* const> names);
 void RemoveWhenEmpty(pugi::xml_node element);
 
-// A copy of `addition` behind the last child of the same name, or as the last child.
+// Inserts a copy of `addition` after the last child of the same name, or appends it.
 pugi::xml_node Insert(pugi::xml_node parent, pugi::xml_node addition);
 
 bool Says(pugi::xml_node element, const char* attribute, std::string_view value);
 
-// domain_overlay_targets.cpp: places on buses
+// domain_overlay_targets.cpp: positions on buses
 
-// A name for a disk or drive that goes to the bus of `mode`: `wanted` where it names a place there that is free, else
-// the first free place that no record names. `itself` does not count as taking a place.
-// Errors: kInvalid when the machine has no such bus or no place is left on it.
+// A name for a disk or drive that moves to the bus of `mode`: `wanted` when it names a free position there, otherwise
+// the first free position that no record names. `itself` does not count as occupying a position. Errors: kInvalid when
+// the machine has no such bus or the bus is full.
 Result<std::string> TakeTarget(const Overlay& overlay, const domain_build::Bus& bus, const std::string& wanted,
                                pugi::xml_node itself);
 
-// Whether the machine is of the kind that has IDE.
+// Whether the machine type has IDE.
 bool HasIde(const Overlay& overlay);
 
 }  // namespace vexa::hypervisor::domain_overlay

@@ -1,4 +1,4 @@
-// What the guest boots from.
+// The boot order.
 #include <algorithm>
 
 #include "host/domain_xml/domain_overlay.h"
@@ -19,7 +19,7 @@ bool IsChanged(const Overlay& overlay) {
   return !same_disks || drives != overlay.drives.size() || !IsUnchanged(overlay, "boot_from", "disk");
 }
 
-// Devices other than disks that say when they come (network interfaces, devices of the host), in that order.
+// Devices other than disks with a boot order (network interfaces, host devices), in that order.
 std::vector<pugi::xml_node> OtherDevices(const Overlay& overlay) {
   std::vector<std::pair<std::uint64_t, pugi::xml_node>> ordered;
   for (const pugi::xml_node device : overlay.devices.children()) {

@@ -5,7 +5,7 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-// The card that counts: the primary one, else the first.
+// The card that counts: the primary one, or the first if none is primary.
 pugi::xml_node PrimaryCard(pugi::xml_node devices) {
   pugi::xml_node primary = devices.child("video");
   for (const pugi::xml_node card : devices.children("video")) {
@@ -14,7 +14,7 @@ pugi::xml_node PrimaryCard(pugi::xml_node devices) {
   return primary;
 }
 
-// Its memory, monitors and place are those of the old model.
+// The memory, monitors and address belong to the old model.
 void ReplaceCard(Overlay& overlay) {
   const pugi::xml_node old = PrimaryCard(overlay.devices);
   const bool primary = Says(old.child("model"), "primary", "yes");
@@ -24,7 +24,7 @@ void ReplaceCard(Overlay& overlay) {
 
 bool HasKeyboard(pugi::xml_node graphics) { return Says(graphics, "type", "vnc") || Says(graphics, "type", "spice"); }
 
-// On the screen that says one already, else on the first that can.
+// On the screen that already has a layout, otherwise on the first that can have one.
 void PutLayout(pugi::xml_node devices, const std::string& layout) {
   for (pugi::xml_node graphics : devices.children("graphics")) {
     if (!graphics.attribute("keymap")) continue;

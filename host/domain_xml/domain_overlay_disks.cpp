@@ -1,4 +1,4 @@
-// Disks. An element belongs to the record whose id is that of its target.
+// Disks. An element belongs to the record whose id matches its target.
 #include <algorithm>
 #include <map>
 
@@ -11,7 +11,7 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-// What a disk has only on the bus that it was on.
+// Attributes of a disk that apply only to its old bus.
 constexpr const char* kDriverOfBus[] = {"iothread", "queues", "queue_size",  "event_idx", "ioeventfd",
                                         "iommu",    "ats",    "page_per_vq", "packed"};
 constexpr const char* kTargetOfBus[] = {"rotation_rate", "removable"};
@@ -40,7 +40,7 @@ std::map<std::string, Slot> SlotsOf(const Overlay& overlay) {
   return slots;
 }
 
-// The builder's <disk> for a record, at the place `target`, and the controllers that it needs.
+// The builder's <disk> for a record with the target name `target`, and the controllers that it needs.
 Status Build(const Overlay& overlay, const std::string& id, const Json::Value& record, const std::string& target,
              pugi::xml_document& scratch) {
   GuestRecords one;
@@ -72,7 +72,7 @@ bool FormatDiffers(const Slot& slot, const std::string& format) {
   return json::Member(*slot.before, "driver") != Json::Value(format);
 }
 
-// Another image behind the same disk.
+// Puts another image behind the same disk.
 void ChangeSource(pugi::xml_node disk, pugi::xml_node built) {
   const bool same_type = Says(built, "type", disk.attribute("type").as_string("file"));
   pugi::xml_node source = ChildOf(disk, "source");
@@ -80,7 +80,7 @@ void ChangeSource(pugi::xml_node disk, pugi::xml_node built) {
   const pugi::xml_attribute path = built.child("source").first_attribute();
   Put(source, path.name(), path.value());
   Put(disk, "type", built.attribute("type").value());
-  // What libvirt said of the old image.
+  // libvirt's information about the old image.
   disk.remove_child("backingStore");
   source.remove_attribute("index");
   source.remove_child("slices");
@@ -157,7 +157,7 @@ Result<pugi::xml_node> AddDisk(Overlay& overlay, const std::string& id, const Js
   pugi::xml_document scratch;
   if (Status built = Build(overlay, id, record, *target, scratch); !built) return built.error();
   pugi::xml_node disk = Insert(overlay.devices, scratch.child("devices").child("disk"));
-  disk.remove_child("boot");  // the boot order is written for all of them
+  disk.remove_child("boot");  // the boot order is written for all of them later
   AddControllers(overlay, scratch.child("devices"));
   return disk;
 }
@@ -170,7 +170,7 @@ Status ApplyDisks(Overlay& overlay) {
     return domain_xml::Refused("The guest has more than " + std::to_string(kMaxDisks) + " disks");
   }
   std::map<std::string, Slot> slots = SlotsOf(overlay);
-  // First, so that others can have the places.
+  // First, to free the positions for others.
   for (const auto& [id, slot] : slots) {
     const bool stays =
         std::any_of(records.begin(), records.end(),

@@ -1,4 +1,4 @@
-// CD-ROM drives: the base's, in their order, with what is in them.
+// CD-ROM drives: those of the base, in their order, with their current media.
 #include <algorithm>
 
 #include "host/domain_xml/domain_overlay.h"
@@ -21,7 +21,7 @@ Status Build(const Overlay& overlay, const Json::Value& entry, pugi::xml_documen
   return domain_build::WriteDisks(context);
 }
 
-// Another medium in the same drive, or none.
+// Puts another medium into the same drive, or removes it.
 void ChangeMedium(pugi::xml_node drive, const std::string& path) {
   const std::string policy = drive.child("source").attribute("startupPolicy").value();
   drive.remove_child("backingStore");

@@ -1,4 +1,4 @@
-// Who the guest is, its memory, its firmware, and features of the hypervisor.
+// The guest's identity, memory and firmware, and features of the hypervisor.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::uint64_t kMib = std::uint64_t{1} << 20;
 
-// Whether the element, with whatever prefix, is in the namespace of our mark.
+// Whether the element, with any prefix, is in the namespace of our mark.
 bool IsMark(pugi::xml_node element) {
   const std::string_view name = element.name();
   const std::size_t colon = name.find(':');
@@ -43,7 +43,7 @@ void ReplaceMark(Overlay& overlay) {
   domain_build::WriteMark(overlay.domain, overlay.options.host_id, domain_build::Kept::kYes);
 }
 
-// An emulator of the machine that the guest came from, which need not be where this machine has its own.
+// Drops an emulator path from the machine that the guest came from when it does not exist on this machine.
 void DropForeignEmulator(Overlay& overlay) {
   const pugi::xml_node emulator = overlay.devices.child("emulator");
   if (!emulator) return;
@@ -53,7 +53,7 @@ void DropForeignEmulator(Overlay& overlay) {
   if (!usable) overlay.devices.remove_child(emulator);
 }
 
-// The cells of a NUMA guest decide how much memory it has: each gets its share of the new size. False when they cannot.
+// The cells of a NUMA guest determine its memory: each gets its share of the new size. False when that is not possible.
 bool SpreadOverCells(pugi::xml_node numa, std::uint64_t memory_mib) {
   std::vector<std::pair<pugi::xml_node, std::uint64_t>> cells;
   std::uint64_t total = 0;
@@ -98,7 +98,7 @@ void PutFirmware(Overlay& overlay, pugi::xml_node os) {
 }
 
 void PutNvram(pugi::xml_node os, const std::string& path) {
-  // Such a firmware has no variables.
+  // Such firmware has no variables.
   if (Says(os.child("loader"), "stateless", "yes")) return;
   const pugi::xml_node nvram = ChildOf(os, "nvram");
   if (domain_xml::NvramPath(nvram) == path) return;

@@ -1,4 +1,4 @@
-// Network interfaces. An element belongs to the record with its id, or else to the one with its MAC address.
+// Network interfaces. An element belongs to the record with its id, otherwise to the record with its MAC address.
 #include <algorithm>
 #include <map>
 #include <set>
@@ -12,7 +12,7 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-// What an interface has only in the kind of network that it was in.
+// Parts of an interface that apply only to its old kind of network.
 constexpr const char* kOfKind[] = {"virtualport", "vlan",  "actual",    "backend", "portForward", "ip",
                                    "route",       "guest", "bandwidth", "mtu",     "target",      "filterref"};
 constexpr const char* kOfNetwork[] = {"portgroup", "portid"};
@@ -41,7 +41,7 @@ std::string MacOf(const Json::Value& record) {
   return domain_xml::NormalizeMac(json::String(json::Member(record, "mac_address")));
 }
 
-// The slot of each record, nullptr for a new one. Ids come first: an address can be edited.
+// The slot of each record, nullptr for a new one. Ids are matched first, because an address can be edited.
 std::vector<Slot*> Match(const GuestRecords& records, std::vector<Slot>& slots) {
   std::vector<Slot*> matched(records.nics.size(), nullptr);
   const auto match = [&](const auto& is_that) {
@@ -74,12 +74,12 @@ Status Build(const Overlay& overlay, const std::string& id, const Json::Value& r
 void ChangeModel(pugi::xml_node nic, pugi::xml_node built) {
   const std::string model = built.child("model").attribute("type").value();
   Put(ChildOf(nic, "model"), "type", model);
-  // The place and the driver of the old model need not fit the new one.
+  // The address and the driver of the old model may not fit the new one.
   nic.remove_child("address");
   if (model != "virtio") nic.remove_child("driver");
 }
 
-// Between bridges of the kernel and of a virtual switch, for those that are known.
+// Switches between kernel bridges and Open vSwitch bridges, if the bridge is known.
 void ChangeSwitch(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node built) {
   if (overlay.options.kernel_bridges.contains(built.child("source").attribute("bridge").value())) {
     nic.remove_child("virtualport");
@@ -120,7 +120,7 @@ Status Change(const Overlay& overlay, const std::string& id, const Json::Value& 
   const bool type_differs = differs("vnic_type", 1);
   const bool network_differs = differs("network_name", "");
   if (!mac_differs && !type_differs && !network_differs) return {};
-  // A network that stays as the base has it is not asked for.
+  // A network that stays as in the base is not requested.
   Json::Value asked = record;
   if (!network_differs && asked.isObject()) asked["network_name"] = "";
   pugi::xml_document scratch;

@@ -1,4 +1,4 @@
-// Virtual CPUs, what they look like, and what they may take of the host.
+// Virtual CPUs, their model and topology, and their share of the host.
 #include "host/domain_xml/domain_build_internal.h"
 #include "host/domain_xml/domain_overlay.h"
 #include "host/domain_xml/domain_xml_internal.h"
@@ -6,7 +6,7 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-// The builder's <cpu>. How the virtual CPUs are arranged stays the owner's.
+// The builder's <cpu>. The owner's topology of the virtual CPUs is kept.
 void ReplaceCpu(Overlay& overlay) {
   const pugi::xml_node old = overlay.domain.child("cpu");
   pugi::xml_document kept;
@@ -18,7 +18,7 @@ void ReplaceCpu(Overlay& overlay) {
   for (const pugi::xml_node part : kept.children()) cpu.append_copy(part);
 }
 
-// An arrangement of another number of virtual CPUs is refused by libvirt.
+// libvirt refuses a topology for a different number of virtual CPUs.
 void RemoveArrangement(Overlay& overlay) {
   RemoveChildren(overlay.domain, "vcpus");
   pugi::xml_node cpu = overlay.domain.child("cpu");
@@ -39,7 +39,7 @@ void RemovePinsFrom(pugi::xml_node tuning, std::uint64_t vcpus) {
   }
 }
 
-// libvirt refuses a guest that asks for any of these where it has no cgroups.
+// Where libvirt has no cgroups, it refuses a guest that asks for any of these.
 void RemoveCgroups(Overlay& overlay) {
   constexpr const char* kOfCputune[] = {"shares",         "period",          "quota",
                                         "global_period",  "global_quota",    "emulator_period",

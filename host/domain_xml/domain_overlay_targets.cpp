@@ -1,4 +1,4 @@
-// Places on buses that neither an element of the base nor a record has.
+// Finds positions on buses that neither an element of the base nor a record occupies.
 #include <algorithm>
 #include <set>
 
@@ -11,10 +11,10 @@ namespace {
 using domain_build::Bus;
 using domain_xml::Quote;
 
-// Disks, drives and floppies together have no more than this.
+// The maximum number of disks, drives and floppies together.
 constexpr std::size_t kMaxPlaces = kMaxDisks + 16;
 
-// The address that libvirt derives from a place: the controller, the bus on it and the unit.
+// The address that libvirt derives from a position: the controller, the bus on it and the unit.
 struct Address {
   std::uint64_t controller = 0;
   std::uint64_t bus = 0;
@@ -34,7 +34,7 @@ bool Is(pugi::xml_node address, const char* attribute, std::uint64_t number) {
   return domain_xml::ParseUnsigned(address.attribute(attribute).as_string("0")) == number;
 }
 
-// Whether `disk` is at the place, by its name or by an address that says otherwise.
+// Whether `disk` is at the position, according to its name or to an address that overrides it.
 bool IsAt(pugi::xml_node disk, const Bus& bus, std::size_t index) {
   const pugi::xml_node target = disk.child("target");
   if (target.attribute("dev").value() == domain_build::TargetName(bus, index)) return true;

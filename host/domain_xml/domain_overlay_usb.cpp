@@ -1,4 +1,4 @@
-// USB: the controllers, and the host's devices.
+// USB: the controllers, and the host devices.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -21,7 +21,7 @@ bool IsHostDevice(pugi::xml_node device) {
   return std::string_view(device.name()) == "hostdev" && Says(device, "type", "usb");
 }
 
-// Devices that exist only on a USB bus, but for disks and the host's, which records name.
+// Devices that exist only on a USB bus, except for disks and host devices, which records name.
 bool IsOnUsb(pugi::xml_node device) {
   const std::string_view name = device.name();
   return name == "redirdev" || name == "redirfilter" || (name == "hub" && Says(device, "type", "usb")) ||
@@ -37,7 +37,7 @@ void RemoveDevices(pugi::xml_node devices, Predicate is_removed) {
   }
 }
 
-// "1234:ABCD" and "1234:abcd" are one device.
+// "1234:ABCD" and "1234:abcd" are the same device.
 std::string Normalized(const std::string& name) {
   std::string lower = name;
   for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
@@ -55,7 +55,7 @@ std::vector<std::string> Names(const Json::Value& guest) {
 
 void ReplaceControllers(Overlay& overlay) {
   RemoveDevices(overlay.devices, IsUsbController);
-  // Ports are those of the old controllers.
+  // Ports belong to the old controllers.
   for (pugi::xml_node device : overlay.devices.children()) {
     for (pugi::xml_node address = device.child("address"); address;) {
       const pugi::xml_node next = address.next_sibling("address");
@@ -73,7 +73,8 @@ void ReplaceControllers(Overlay& overlay) {
   if (had_none && built.child("input")) Insert(overlay.devices, built.child("input"));
 }
 
-// The base's devices stay while a record names them; the i-th of them is the i-th that the base stands for.
+// A device of the base stays while a record names it. The i-th device element matches the i-th device of the base's
+// records.
 void ApplyHostDevices(Overlay& overlay) {
   const std::vector<std::string> before = Names(overlay.before.guest);
   const std::vector<std::string> now = Names(overlay.guest());

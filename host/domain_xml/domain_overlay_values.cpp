@@ -1,4 +1,4 @@
-// Values and elements, as the facets use them.
+// Helpers for values and elements.
 #include "host/domain_xml/domain_build_internal.h"
 #include "host/domain_xml/domain_overlay.h"
 #include "json/readers.h"

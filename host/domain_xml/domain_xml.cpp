@@ -24,7 +24,7 @@ Status CheckOptions(const ImportOptions& options) {
   return {};
 }
 
-// Two of them, and what counts would be a matter of which one a reader looks at.
+// With two of them, the result would depend on which one a reader looks at.
 Status CheckSingleElements(pugi::xml_node domain) {
   for (const char* name : {"name", "uuid", "description", "memory", "currentMemory", "vcpu", "os", "features", "cpu",
                            "cputune", "devices"}) {

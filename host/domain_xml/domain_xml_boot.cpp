@@ -1,4 +1,4 @@
-// Firmware, features and what the guest boots from.
+// Firmware, features and boot order.
 #include <algorithm>
 #include <vector>
 
@@ -9,7 +9,7 @@ namespace {
 
 struct BootDevice {
   std::uint64_t order = 0;
-  std::string kind;  // "hd", "cdrom", "network" or what else the XML says
+  std::string kind;  // "hd", "cdrom", "network" or another value from the XML
 };
 
 std::string KindOf(pugi::xml_node device) {
@@ -21,7 +21,7 @@ std::string KindOf(pugi::xml_node device) {
   return std::string(type);
 }
 
-// The devices that say <boot order='…'>, in their order; those of equal order as in the XML.
+// The devices with <boot order='…'>, in that order; those with equal order as in the XML.
 Result<std::vector<BootDevice>> OrderedDevices(pugi::xml_node devices) {
   std::vector<BootDevice> found;
   for (const pugi::xml_node device : devices.children()) {
@@ -47,7 +47,7 @@ bool HasEnlightenments(pugi::xml_node hyperv) {
   });
 }
 
-// Where the guest's UEFI variables are. The file is a file of the guest from now on, as its disks are.
+// The location of the guest's UEFI variables. Like its disks, the file belongs to the guest from now on.
 void ReadNvram(pugi::xml_node nvram, Context& context) {
   if (!nvram) return;
   const std::string_view type = nvram.attribute("type").as_string("file");
@@ -90,7 +90,7 @@ Status ReadBootOrder(pugi::xml_node domain, Context& context) {
   Result<std::vector<BootDevice>> ordered = OrderedDevices(domain.child("devices"));
   if (!ordered) return ordered.error();
   if (ordered->empty()) {
-    // libvirt allows only one of the two ways to say it.
+    // libvirt allows only one of the two forms.
     for (const pugi::xml_node boot : domain.child("os").children("boot")) {
       ordered->push_back({0, boot.attribute("dev").value()});
     }

@@ -37,7 +37,7 @@ void ReadKeyboard(pugi::xml_node devices, Context& context) {
   }
 }
 
-// A guest has one version: the highest of its controllers, since an EHCI controller comes with UHCI companions.
+// A guest has one version: the highest of its controllers, because an EHCI controller comes with UHCI companions.
 int UsbVersion(pugi::xml_node devices, Context& context) {
   std::optional<int> version;
   for (const pugi::xml_node controller : devices.children("controller")) {

@@ -18,7 +18,7 @@ constexpr int kTypeQcow2 = 2;
 
 struct Bus {
   std::string_view name;
-  std::string_view target_prefix;  // libvirt's rule for a <target> that names no bus
+  std::string_view target_prefix;  // libvirt's rule for a <target> without a bus
   int mode;
 };
 constexpr Bus kBuses[] = {{"virtio", "vd", 1}, {"ide", "hd", 2}, {"sata", "", 3}, {"scsi", "sd", 4}};
@@ -47,7 +47,7 @@ int ModeOf(pugi::xml_node target, const std::string& name, Context& context) {
 
 std::uint64_t RoundUpToMib(std::uint64_t bytes) { return bytes / kMib + (bytes % kMib != 0 ? 1 : 0); }
 
-// From the image when it can be read, else from the options.
+// From the image when it can be read, otherwise from the options.
 Result<std::uint64_t> SizeMib(const std::string& name, const std::string& path, ImageFormat format, Context& context) {
   const auto& given = context.options.disk_sizes_mib;
   const auto said = given.find(name);
@@ -102,7 +102,7 @@ Status CheckDriver(const std::string& name, const std::string& type, const std::
 
 Status ReadDisk(pugi::xml_node disk, const std::string& name, Context& context) {
   const std::string type = ValueOf(disk, "type", "file");
-  const std::string driver = ValueOf(disk.child("driver"), "type", "raw");  // libvirt probes no formats
+  const std::string driver = ValueOf(disk.child("driver"), "type", "raw");  // libvirt does not probe formats
   if (Status driven = CheckDriver(name, type, driver); !driven) return driven;
 
   const std::string path = ValueOf(disk.child("source"), type == "file" ? "file" : "dev");
@@ -171,7 +171,7 @@ Status ReadDisks(pugi::xml_node devices, Context& context) {
       return Refused("Two disks have the target " + Quote(name) + ": give each a name of its own");
     }
     if (Status one = ReadOne(disk, name, context); !one) return one;
-    // Drives are no disks, but none of either kind without end.
+    // Drives do not count as disks, but neither may be unlimited.
     if (context.result.disks.size() > kMaxDisks || names.size() > kMaxDisks + kMaxDrives) {
       return Refused("The guest has more than " + std::to_string(kMaxDisks) + " disks: remove some");
     }

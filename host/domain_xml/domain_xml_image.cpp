@@ -11,13 +11,13 @@
 namespace vexa::hypervisor {
 namespace {
 
-// The header of a qcow2 image, as QEMU's description of the format has it: magic, version, …, at 24 the virtual size.
+// The header of a qcow2 image according to QEMU's description of the format: magic, version, …, the virtual size at 24.
 constexpr std::size_t kHeaderBytes = 32;
 constexpr std::uint64_t kMagic = 0x514649FB;  // "QFI\xfb"
 
 class OpenFile {
  public:
-  // O_NONBLOCK: a FIFO in the place of an image must not hold the caller.
+  // O_NONBLOCK: a FIFO in place of an image must not block the caller.
   explicit OpenFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
   ~OpenFile() {
     if (fd_ >= 0) ::close(fd_);
@@ -69,7 +69,7 @@ Result<std::uint64_t> ReadImageSize(const std::string& path, ImageFormat format)
     return Error(ErrorCode::kInvalid, "'" + path + "' is neither a file nor a block device");
   }
   if (format == ImageFormat::kQcow2) return Qcow2Size(file, path);
-  // The end of a block device is its size as well.
+  // For a block device, the end is the size as well.
   const off_t end = ::lseek(file.get(), 0, SEEK_END);
   if (end < 0) return CannotRead(path, errno);
   return static_cast<std::uint64_t>(end);

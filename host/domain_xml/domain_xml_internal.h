@@ -1,4 +1,4 @@
-// What the parts of the domain XML reader share, and the writer with them. For host/hypervisor/domain_*.cpp only.
+// Shared by the parts of the domain XML reader, and with the writer. For host/domain_xml/domain_*.cpp only.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace vexa::hypervisor::domain_xml {
 // domain_xml_text.cpp
 
 // Checks the text (size, encoding, depth, references, no DOCTYPE) and parses it into `document`, whose only element is
-// <domain>.
+// then <domain>.
 Status Load(std::string_view xml, pugi::xml_document& document);
 
 // All text directly inside `element`.
@@ -22,14 +22,13 @@ std::string TextOf(pugi::xml_node element);
 
 // domain_xml_values.cpp
 
-// `text` between single quotes, fit for a terminal: control characters as '?', at most 80 bytes.
+// `text` in single quotes, safe for a terminal: control characters as '?', at most 80 bytes.
 std::string Quote(std::string_view text);
 
-// Without XML white space at both ends.
+// Removes XML white space at both ends.
 std::string_view Trim(std::string_view text);
 
-// A number of decimal digits only, white space around it allowed. Empty when it is anything else or has more than 64
-// bits.
+// A number of decimal digits, possibly surrounded by white space. Empty when it is anything else or exceeds 64 bits.
 std::optional<std::uint64_t> ParseUnsigned(std::string_view text);
 
 // One to four hexadecimal digits, with or without "0x".
@@ -38,28 +37,28 @@ std::optional<std::uint32_t> ParseHex16(std::string_view text);
 // The bytes in one `unit` of memory ("" is KiB); empty for an unknown unit.
 std::optional<std::uint64_t> BytesPerUnit(std::string_view unit);
 
-// The bytes that an element such as <memory unit='MiB'> says; empty when they are no number of a known unit or more
-// than 64 bits hold.
+// The number of bytes in an element such as <memory unit='MiB'>. Empty when it is not a number with a known unit or
+// exceeds 64 bits.
 std::optional<std::uint64_t> MemoryBytes(pugi::xml_node element);
 
-// The path that an <nvram> of <os> says, "" when it says none or is not in a file.
+// The path in an <nvram> of <os>; "" when absent or not a file.
 std::string NvramPath(pugi::xml_node nvram);
 
-// "aa:bb:cc:dd:ee:ff" in lower case; empty when `text` is no unicast address.
+// "aa:bb:cc:dd:ee:ff" in lower case; empty when `text` is not a unicast address.
 std::string NormalizeMac(std::string_view text);
 
 // Whether `text` has control characters (C0, DEL, C1). `text` is valid UTF-8.
 bool HasControlCharacters(std::string_view text);
 
-// Absolute, without "..", and fit for a line of a log.
+// Absolute, without "..", and safe for a log line.
 bool IsPlainPath(std::string_view path);
 
-// Only the letters, digits and hyphens that names of keyboard layouts have ("en-us").
+// Whether `text` consists of letters, digits and hyphens, as names of keyboard layouts do ("en-us").
 bool IsLayoutName(std::string_view text);
 
 Error Refused(std::string message);
 
-// Readers of one part of the XML each. They fill `context.result` and add notes.
+// Readers, each for one part of the XML. They fill `context.result` and add notes.
 
 inline constexpr std::size_t kMaxNotes = 100;
 
@@ -69,7 +68,7 @@ struct Context {
 
   Json::Value& guest() { return result.guest; }
 
-  // Hostile XML could fill a terminal: after kMaxNotes one last sentence says that there was more.
+  // Hostile XML could fill a terminal: after kMaxNotes, one last sentence says that there were more.
   void Note(std::string sentence) {
     if (result.notes.size() > kMaxNotes) return;
     if (result.notes.size() == kMaxNotes)

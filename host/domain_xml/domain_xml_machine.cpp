@@ -1,4 +1,4 @@
-// Who the guest is, its processors and its memory.
+// The guest's identity, processors and memory.
 #include <limits>
 #include <set>
 

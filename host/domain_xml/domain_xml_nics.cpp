@@ -24,7 +24,7 @@ int TypeOf(pugi::xml_node nic, const std::string& mac, Context& context) {
   for (const Model& known : kModels) {
     if (known.name == model) return known.type;
   }
-  // A device of the host has no model; everything else has one in what libvirt prints.
+  // A host device has no model; everything else has one in libvirt's output.
   if (std::string_view(nic.attribute("type").value()) != "hostdev") {
     context.Note("The model " + Quote(model) + " of the network interface " + mac +
                  " is not known: virtio was recorded, and the model stays until it is edited.");
@@ -32,7 +32,7 @@ int TypeOf(pugi::xml_node nic, const std::string& mac, Context& context) {
   return kDefaultType;
 }
 
-// Virtual functions of an SR-IOV device: given directly, or taken from a network that libvirt fills with them.
+// Virtual functions of an SR-IOV device: given directly, or taken from a libvirt network that consists of them.
 bool IsHostDevice(pugi::xml_node nic) {
   return std::string_view(nic.attribute("type").value()) == "hostdev" ||
          std::string_view(nic.child("actual").attribute("type").value()) == "hostdev" ||

@@ -27,8 +27,8 @@ bool IsXmlCharacter(std::uint32_t code) {
          (code >= 0xE000 && code <= 0xFFFD) || (code >= 0x10000 && code <= 0x10FFFF);
 }
 
-// Whether `name`, the text between '&' and ';', is one of the five entities of XML or the number of a character. The
-// parser would cut a text at "&#0;", and turn the number of a surrogate into bytes that are not UTF-8.
+// Whether `name`, the text between '&' and ';', is one of the five XML entities or a valid character number. The parser
+// would cut a text at "&#0;", and turn the number of a surrogate into bytes that are not UTF-8.
 bool IsReference(std::string_view name) {
   if (name == "amp" || name == "lt" || name == "gt" || name == "quot" || name == "apos") return true;
   if (name.size() < 2 || name[0] != '#') return false;
@@ -46,7 +46,7 @@ bool IsReference(std::string_view name) {
   return IsXmlCharacter(code);
 }
 
-// Walks over the markup once, without memory of its own, so that the parser never sees a document that is too deep.
+// Scans the markup once, without recursion or allocation, so that the parser never sees a document that is too deep.
 class MarkupScan {
  public:
   explicit MarkupScan(std::string_view text) : text_(text) {}
@@ -79,7 +79,7 @@ class MarkupScan {
   }
 
   Status Reference() {
-    // "&#x10FFFF;" is the longest one that can be right.
+    // "&#x10FFFF;" is the longest valid reference.
     const std::string_view window = text_.substr(at_ + 1, 12);
     const std::size_t end = window.find(';');
     if (end == std::string_view::npos || !IsReference(window.substr(0, end))) {
@@ -134,7 +134,7 @@ Status CheckText(std::string_view xml) {
   return MarkupScan(xml).Run();
 }
 
-// What the parser lets through although XML does not allow it, and where a reader would otherwise pick one of two.
+// Refuses what the parser accepts although XML does not allow it, and duplicates of which a reader would pick one.
 class TreeCheck : public pugi::xml_tree_walker {
  public:
   std::optional<Error> error;

@@ -17,7 +17,7 @@ bool IsHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
 
-// `text` in lower case when it has hexadecimal digits where `shape` has 'x' and the same characters elsewhere.
+// `text` in lower case when it has a hexadecimal digit wherever `shape` has 'x' and the same characters elsewhere.
 std::string MatchShape(std::string_view text, std::string_view shape) {
   if (text.size() != shape.size()) return "";
   std::string result;
@@ -50,7 +50,7 @@ std::string Quote(std::string_view text) {
   constexpr std::size_t kLongest = 80;
   std::string shown(text.substr(0, kLongest));
   if (text.size() > kLongest) {
-    // Not in the middle of a character: its continuation bytes go, then its first byte.
+    // Never cut within a character: remove its continuation bytes, then its first byte.
     while (!shown.empty() && (static_cast<unsigned char>(shown.back()) & 0xC0) == 0x80) shown.pop_back();
     if (!shown.empty() && static_cast<unsigned char>(shown.back()) >= 0xC0) shown.pop_back();
     shown += "…";

@@ -10,10 +10,10 @@ namespace vexa::guests {
 
 namespace {
 
-// A look takes milliseconds, unless libvirt or the store hangs.
+// A reconciliation takes milliseconds, unless libvirt or the store hangs.
 constexpr std::chrono::seconds kLookPatience{10};
 
-Activity LookThatHangs() { return {"looking", {}, std::chrono::system_clock::now() - kLookPatience}; }
+Activity HangingLook() { return {"looking", {}, std::chrono::system_clock::now() - kLookPatience}; }
 
 }  // namespace
 
@@ -49,7 +49,7 @@ std::variant<Claims::Claim, Activity> Claims::Take(const std::string& guest_id, 
       return Claim(*this, guest_id);
     }
     if (held->second.is_look) {
-      if (released_.wait_until(lock, look_end) == std::cv_status::timeout) return LookThatHangs();
+      if (released_.wait_until(lock, look_end) == std::cv_status::timeout) return HangingLook();
       continue;
     }
     const bool is_same = held->second.activity.action == activity.action;

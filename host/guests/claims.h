@@ -1,4 +1,4 @@
-// One thing at a time is done with a guest. For host/guests/*.cpp only.
+// Allows one operation at a time on a guest. For host/guests/*.cpp only.
 #pragma once
 
 #include <chrono>
@@ -14,22 +14,22 @@
 
 namespace vexa::guests {
 
-// What is being done with a guest, for whom, since when.
+// An operation in progress on a guest, for whom, since when.
 struct Activity {
   std::string action;  // "poweron", …
   Requester requester;
   std::chrono::system_clock::time_point since;
 };
 
-// "It is busy with 'poweron' for alice since 2026-11-21T09:30:00Z"; whatever is in the texts.
+// "It is busy with 'poweron' for alice since 2026-11-21T09:30:00Z"; the texts may contain anything.
 std::string Describe(const Activity& activity);
 
-// Who holds a guest is its activity, or somebody who looks at it for a moment ("looking"). Looks asked for meanwhile
-// are left to the holder, so that they never wait.
+// A guest is held by its activity, or briefly by a look: reconciling its records with the hypervisor. A look requested
+// meanwhile is left to the holder, so looks never wait.
 // Threads: any, at the same time.
 class Claims {
  public:
-  // Gives the guest back when it goes; the looks left must have been taken before.
+  // Releases the guest when destroyed; looks left to this claim must have been handled before.
   class Claim {
    public:
     Claim(Claims& claims, std::string guest_id) : claims_(&claims), guest_id_(std::move(guest_id)) {}
@@ -38,22 +38,22 @@ class Claims {
     Claim& operator=(Claim&&) = delete;
     ~Claim();
 
-    // Gives the guest back, unless looks were left to this claim since the last call: then it is to be looked at once
-    // more. None is lost in between.
+    // Releases the guest, unless looks were left to this claim since the last call: then the holder must look once
+    // more. No look is lost in between.
     bool ReleaseUnlessAsked();
 
    private:
-    Claims* claims_;  // null: given back
+    Claims* claims_;  // null: released
     std::string guest_id_;
   };
 
-  // Waits while the guest is only looked at, for 10 s at most, and for `patience` while somebody has it for the same
-  // action. Not a claim: what is being done with it.
+  // Waits at most 10 s while the guest is only held by a look, and `patience` while it is held for the same action. If
+  // the result is not a claim, it is the current activity.
   std::variant<Claim, Activity> Take(const std::string& guest_id, Activity activity,
                                      std::chrono::milliseconds patience = std::chrono::milliseconds(0));
   // For a look. Not set: it was left to the holder.
   std::optional<Claim> TakeToLook(const std::string& guest_id);
-  // False: somebody still has the guest by then.
+  // False: the guest is still held by then.
   bool AwaitFree(const std::string& guest_id, std::chrono::milliseconds patience);
 
  private:

@@ -13,7 +13,7 @@ namespace vexa::guests {
 // Threads: any, at the same time.
 class EndReasons {
  public:
-  // The guest's end, when it comes, has this reason: somebody is about to end it, or its start has failed.
+  // The guest's end, when it comes, has this reason: it is about to be ended, or its start has failed.
   void Expect(const std::string& guest_id, cluster::ShutdownReason reason) {
     const std::lock_guard lock(mutex_);
     guests_[guest_id].expected = reason;
@@ -23,7 +23,7 @@ class EndReasons {
     const std::lock_guard lock(mutex_);
     if (const auto found = guests_.find(guest_id); found != guests_.end()) found->second.expected.reset();
   }
-  // Its machine was seen to run.
+  // Its machine was seen running.
   void NoteRun(const std::string& guest_id) {
     const std::lock_guard lock(mutex_);
     guests_[guest_id].has_run = true;

@@ -1,4 +1,4 @@
-// What a host that was removed from the cluster still has to do.
+// The remaining duty of a host that was removed from the cluster.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 namespace vexa::guests {
 
-// Ends the machines of all guests that were taken from the host (cluster/host_claim_record.h), removes their saved
-// memory and the notes. For a host that does not start otherwise; it opens the hypervisor for as long as it takes.
-// Errors: what the store and the hypervisor say; machines that could be ended by then are.
+// Ends the machines of all guests that were taken from the host (cluster/host_claim_record.h), and removes their saved
+// memory and the notes. For a host that does not start otherwise; the hypervisor is opened only for this. Errors: those
+// of the store and the hypervisor; machines that could be ended before the error have been ended.
 Status EndFencedMachines(store::Store& store, const std::string& host_id, hypervisor::HypervisorOptions hypervisor);
 
 }  // namespace vexa::guests

@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds kWatchInterval{100};
 constexpr std::chrono::milliseconds kWatchRetry{1000};
 constexpr std::chrono::seconds kStorageInterval{10};
 
-// Adds the guest whose record, and nothing beside it, has the key.
+// Adds the guest whose record has the key; other keys of a guest are ignored.
 void InsertGuestOf(std::string_view key, const std::string& prefix, std::set<std::string>& guest_ids) {
   if (key.size() <= prefix.size() + 1) return;
   const std::string_view rest = key.substr(prefix.size() + 1);
@@ -97,7 +97,7 @@ LibvirtGuestControl::~LibvirtGuestControl() {
   for (std::thread* thread : {&maintenance_, &watching_}) {
     if (thread->joinable()) thread->join();
   }
-  // In this order: its threads use the hypervisor.
+  // In this order, because its threads use the hypervisor.
   shut_downs_.reset();
   hypervisor_.reset();
 }
@@ -114,7 +114,7 @@ Status LibvirtGuestControl::Begin() {
                            }});
   hypervisor::HypervisorOptions opening = options_.hypervisor;
   opening.open_later = hypervisor::OpenLater::kWhenUnreachable;
-  // Until everything has been looked at, events tell nothing new.
+  // Until everything has been looked at, events provide no new information.
   opening.on_event = [this](const hypervisor::GuestEvent& event) { Answer([&] { LookWhenFree(event.id); }); };
   opening.on_reopened = [this] {
     {
@@ -133,7 +133,7 @@ Status LibvirtGuestControl::Begin() {
     const std::lock_guard lock(maintenance_mutex_);
     is_open_ = true;
   }
-  // What is imported from now on is seen by the watch.
+  // The watch sees what is imported from now on.
   if (const auto snapshot = options_.store->Read()) watched_ = (*snapshot)->revision();
   storage_->Refresh();
   edits_.FinishAll();
@@ -182,8 +182,8 @@ bool LibvirtGuestControl::Stop(std::chrono::milliseconds patience) {
   return maintenance_wake_.wait_until(lock, end, [this] { return threads_ == 0; }) && is_done;
 }
 
-// What failed is tried again, and what other hosts have left for this one is done. Guests that run are looked at too: a
-// libvirt that starts anew ends those that were half started, and tells of that with no event.
+// Retries failed work, and does what other hosts have left for this one. Running guests are looked at too: a restarted
+// libvirt ends half-started ones without an event.
 void LibvirtGuestControl::Maintain() {
   std::unique_lock lock(maintenance_mutex_);
   while (!maintenance_wake_.wait_for(lock, options_.maintenance_interval, [this] { return ends_; })) {
@@ -207,7 +207,7 @@ void LibvirtGuestControl::MaintainOnce() {
     storage_->Refresh();
     next_refresh_ = now + kStorageInterval;
   }
-  // What is read while the database is lost is a copy's, and may be old: no file and no definition is touched by it.
+  // While the database is lost, reads come from a copy and may be old, so no file or definition is touched.
   if (options_.store->health() == store::Health::kInaccessible) return;
   deletion_.RemoveLeftovers();
   RemoveDefinitions();
@@ -224,7 +224,7 @@ void LibvirtGuestControl::FinishBegun() {
     const auto known = unfinished_.find(guest_id);
     Retry retry = known == unfinished_.end() ? Retry{now, options_.maintenance_interval} : known->second;
     if (retry.next <= now && !stopping_) {
-      // Whoever works on it now has the guest.
+      // The current holder has the guest.
       if (auto claim = claims_.TakeToLook(guest_id)) {
         edits_.Finish(guest_id);
         deletion_.Finish(guest_id);
@@ -263,7 +263,8 @@ void LibvirtGuestControl::WatchRecords() {
   }
 }
 
-// A guest that runs, or is saved, although nobody has it: it was imported, or given to this host, with its machine.
+// A guest that runs, or is saved, although no host has it: it was imported, or given to this host, together with its
+// machine.
 void LibvirtGuestControl::LookAtImported(const std::string& guest_id) {
   const auto run = ReadRun(*options_.store, guest_id);
   if (!run || *run || stopping_) return;

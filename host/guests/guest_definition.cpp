@@ -1,4 +1,4 @@
-// The definitions that libvirt has of guests: whose they are, how this host makes its own, and how it gives them back.
+// libvirt's definitions of guests: who owns them, how this host makes its own, and how it hands them back.
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -36,7 +36,7 @@ std::string TextMember(const Json::Value& record, const char* name) {
 
 std::string FolderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
-// The path of an image in a drive, which a record names by the path or by the image's id.
+// The path of an image in a drive, which a record names by its path or by the image's id.
 Result<std::string> ImagePath(const std::string& image) {
   if (image.starts_with('/')) return image;
   const Result<cluster::Record> record = cluster::ReadObject("image", image);
@@ -46,8 +46,8 @@ Result<std::string> ImagePath(const std::string& image) {
   return Error(ErrorCode::kCorrupt, "The record of the image '" + image + "' says no path");
 }
 
-// The folder of the guest's first image, which its machine reaches in any case, and which goes where the guest goes. ""
-// when it has no image.
+// The folder of the guest's first image: its machine can access it in any case, and it moves with the guest. "" when it
+// has no image.
 std::string FolderForNvram(const Guest& guest) {
   for (const auto& [id, disk] : guest.records.disks) {
     const std::optional<std::string> path = NormalPath(TextMember(disk, "path"));
@@ -56,7 +56,7 @@ std::string FolderForNvram(const Guest& guest) {
   return "";
 }
 
-// Which of the networks of the guest's interfaces are bridges of this host.
+// Determines which networks of the guest's interfaces are bridges of this host.
 void AddBridges(const Guest& guest, hypervisor::BuildOptions& build) {
   const HostNetworks networks(nullptr);
   for (const auto& [id, nic] : guest.records.nics) {
@@ -78,7 +78,7 @@ Result<std::optional<DomainRecord>> LibvirtGuestControl::ImportedDomain(const st
   return std::optional(std::move((*stored)->domain));
 }
 
-// From now on this host defines the guest. What it replaces may be newer than what was imported.
+// From now on this host defines the guest. The definition that it replaces may be newer than the imported one.
 Status LibvirtGuestControl::KeepOriginal(const std::string& guest_id) {
   auto xml = hypervisor_->XmlOf(guest_id);
   if (!xml) return xml.failure().error();
@@ -90,10 +90,10 @@ Status LibvirtGuestControl::KeepOriginal(const std::string& guest_id) {
     const auto stored = ReadDomain(**snapshot, guest_id);
     if (!stored) return stored.error();
     store::Transaction transaction;
-    // A guest that has gone meanwhile hands nothing over.
+    // A guest that has disappeared meanwhile does not hand over anything.
     if (!*stored) return transaction;
     const DomainRecord& before = (*stored)->domain;
-    // A host that gave the guest away has switched it off there.
+    // A host that gave the guest away has switched autostart off there.
     const DomainRecord now{*xml, *autostart || before.autostart};
     if (now.xml == before.xml && now.autostart == before.autostart) return transaction;
     transaction.compares.push_back({DomainKey(guest_id), (*stored)->revision});
@@ -102,7 +102,7 @@ Status LibvirtGuestControl::KeepOriginal(const std::string& guest_id) {
   });
 }
 
-// Where the UEFI variables of a guest that has none yet are to be, named by its id; "" where libvirt is to choose.
+// Where to create the UEFI variables of a guest that has none yet, named by its id; "" to let libvirt choose.
 std::string LibvirtGuestControl::NewNvramPath(const Guest& guest) const {
   std::string folder = FolderForNvram(guest);
   if (folder.empty() && !options_.image_roots.empty() && VexaCCC::Utils::isUUID(guest.repository_id)) {
@@ -142,7 +142,8 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const std
   return hypervisor::BuildDomainXml(records, build);
 }
 
-// A machine that libvirt has already keeps its name, as another may have its guest's by now; "" when another has it.
+// A machine that libvirt already has keeps its name, because another one may have the guest's name by now; "" when
+// another one has it.
 std::string LibvirtGuestControl::MachineName(const Guest& guest) {
   const std::string id = NormalizeUuid(guest.records.id);
   const auto known = hypervisor_->List();
@@ -153,12 +154,12 @@ std::string LibvirtGuestControl::MachineName(const Guest& guest) {
   return is_taken ? "" : guest.name;
 }
 
-// libvirt would make an empty file in the place of one that is missing, and the guest would have lost what it kept.
+// libvirt would create an empty file in place of a missing one, and the guest would lose its variables.
 Refused LibvirtGuestControl::RefuseMissingNvram(const Guest& guest) const {
   const std::string path = TextMember(guest.records.guest, kNvramMember);
   if (path.empty() || ForgetsGuests() || !json::Bool(json::Member(guest.records.guest, keys::use_ovmf))) return {};
   struct stat info {};
-  // Others may keep the file where this process may not look.
+  // The file may be in a place that this process may not read.
   if (::stat(path.c_str(), &info) == 0 || (errno != ENOENT && errno != ENOTDIR)) return {};
   return Refusal{kUnavailable, "The file with the guest's UEFI variables, '" + path +
                                    "', is missing: bring its storage back, or put a file of empty variables there "
@@ -167,7 +168,7 @@ Refused LibvirtGuestControl::RefuseMissingNvram(const Guest& guest) const {
 
 Status LibvirtGuestControl::RecordNvram(const std::string& guest_id, const hypervisor::Definition& definition) {
   if (definition.nvram.empty()) return {};
-  // A start that did not come as far has not made it, and libvirt will.
+  // An earlier start that failed too soon has not created it, and libvirt will.
   struct stat info {};
   if (::stat(definition.nvram.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR)) return {};
   return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
@@ -203,7 +204,7 @@ Refused LibvirtGuestControl::DiscardSaved(const std::string& guest_id, const Req
 
 Refused LibvirtGuestControl::Release(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "release", requester, [&] {
-    // A guest that has gone off just now may not have been cleaned up behind.
+    // If the guest has only just gone off, the cleanup may not have been done yet.
     Look(guest_id);
     return GiveBack(guest_id);
   });
@@ -217,7 +218,7 @@ Refused LibvirtGuestControl::DefineGuest(const Guest& guest, const std::vector<u
   return {};
 }
 
-// libvirt keeps it with the definition, and loses it with that.
+// libvirt stores this setting with the definition, and loses it with it.
 Refused LibvirtGuestControl::RestoreAutostart(const std::string& guest_id) {
   const auto imported = ImportedDomain(guest_id);
   if (!imported) return RefusalOf(imported.error());
@@ -227,7 +228,7 @@ Refused LibvirtGuestControl::RestoreAutostart(const std::string& guest_id) {
   return {};
 }
 
-// The definition first: a host that ends in between has given back what it still knows, and can be asked again.
+// The definition first: a host that ends in between has handed back what it still knows, and can be asked again.
 Refused LibvirtGuestControl::GiveBack(const std::string& guest_id) {
   const Result<Guest> guest = ReadGuest(guest_id);
   if (!guest) return RefusalOf(guest.error());
@@ -240,7 +241,7 @@ Refused LibvirtGuestControl::GiveBack(const std::string& guest_id) {
   const auto definition = hypervisor_->DefinitionOf(guest_id);
   if (!definition && definition.failure().problem() != Problem::kNoSuchGuest) return RefusalOf(definition.failure());
   if (!definition || definition->owner != Owner::kUser) {
-    // The mark goes last: until then a release that was cut off is made as a whole again.
+    // The mark is removed last: until then an interrupted release is repeated completely.
     if (!definition) {
       if (Refused refused = DefineGuest(*guest, {}, Mark::kOurs)) return refused;
       Step("release: marked");
@@ -263,7 +264,7 @@ void LibvirtGuestControl::RemoveDefinitions() {
     guest_ids = std::move(*children);
   }
   for (const std::string& guest_id : guest_ids) {
-    // Whoever has the guest may be defining it.
+    // The current holder of the guest may be defining it.
     auto claim = claims_.TakeToLook(guest_id);
     if (!claim) continue;
     RemoveNoted(guest_id);
@@ -290,11 +291,11 @@ void LibvirtGuestControl::RemoveNoted(const std::string& guest_id) {
   }
   if (!removed || !*removed) return;
   cluster::RequestScope::ReleaseSnapshot();
-  // One that stays, or was written again, is found again.
+  // A note that stays, or was written again, is found again.
   (void)options_.store->Commit({{{note, revision}}, {{note, std::nullopt}}});
 }
 
-// False: its machine is there, so it is tried again.
+// False: its machine exists, so it is retried.
 Result<bool> LibvirtGuestControl::RemoveDefinition(const std::string& guest_id) {
   bool has_moved = false;
   {
@@ -303,7 +304,7 @@ Result<bool> LibvirtGuestControl::RemoveDefinition(const std::string& guest_id) 
     const auto guest = cluster::LoadObject(**snapshot, GuestObjectKey(guest_id));
     if (!guest) return guest.error();
     has_moved = guest->revision != 0;
-    // A guest that has come back to this host has the definition for itself.
+    // A guest that has returned to this host uses the definition itself.
     if (has_moved && TextMember(guest->record, keys::host_id) == options_.host_id) return true;
   }
   const auto definition = hypervisor_->DefinitionOf(guest_id);
@@ -317,12 +318,12 @@ Result<bool> LibvirtGuestControl::RemoveDefinition(const std::string& guest_id) 
   if (definition->owner == Owner::kUser) {
     const auto imported = has_moved ? ImportedDomain(guest_id) : Result<std::optional<DomainRecord>>(std::nullopt);
     if (!imported) return imported.error();
-    // It was handed over, and must not start with this host's machine beside the host that has the guest now.
+    // It was handed over, and must not start with this host's machine while another host has the guest.
     if (*imported) (void)hypervisor_->SetAutostart(guest_id, false);
     return true;
   }
   const auto scope = has_moved ? hypervisor::UndefineScope::kDefinition : hypervisor::UndefineScope::kEverything;
-  if (has_moved) (void)hypervisor_->SetAutostart(guest_id, false);  // in case that the definition has to stay
+  if (has_moved) (void)hypervisor_->SetAutostart(guest_id, false);  // in case the definition has to stay
   const auto undefined = hypervisor_->Undefine(guest_id, scope);
   if (undefined) return true;
   const Problem problem = undefined.failure().problem();

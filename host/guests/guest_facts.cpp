@@ -19,7 +19,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
-// What `has` says of each text under `member` in the first `most` records, asked now. Others are not there.
+// The current results of `has` for the texts under `member` in the first `most` records. All others count as absent.
 std::function<bool(const std::string&)> AskAll(const std::vector<std::pair<std::string, Json::Value>>& records,
                                                const char* member, std::size_t most,
                                                const std::function<bool(const std::string&)>& has) {
@@ -54,7 +54,7 @@ Facts LibvirtGuestControl::GatherFacts(const Guest& guest) {
   if (has_network) {
     resources.has_network = AskAll(guest.records.nics, "network_name", hypervisor::kMaxNics, has_network);
   }
-  // Before the memory: what begins to run from now on is counted by its record.
+  // Before the memory: guests that start running from now on are counted by their records.
   if (const auto runs = RunsOf(*options_.store, options_.host_id)) {
     for (const auto& [id, stored] : *runs) {
       if (!stored.run.starting && !stored.run.saved) facts.counted_runs.insert(id);
@@ -100,7 +100,7 @@ Status LibvirtGuestControl::AddTaken(const std::string& except_guest_id, Facts& 
     const Run& run = stored.run;
     resources.vcpus_taken += run.vcpus;
     resources.pinned_cpus.insert(resources.pinned_cpus.end(), run.pinned_cpus.begin(), run.pinned_cpus.end());
-    // The others' memory is no longer among the free one, where guests take any.
+    // The memory of the other guests is no longer part of the free memory, unless guests take none.
     if (ForgetsGuests() || !facts.counted_runs.contains(id)) memory_mib += run.memory_mib;
   }
   resources.free_memory_mib -= std::min(resources.free_memory_mib, memory_mib);
@@ -116,7 +116,7 @@ Result<Rating> LibvirtGuestControl::RateGuest(const std::string& guest_id) {
   return Rate(*guest, facts.resources);
 }
 
-// By what is stored of the guest's host, so that every host answers the same.
+// Based on the stored data of the guest's host, so that every host returns the same.
 Refused LibvirtGuestControl::RatePins(const Guest& edited) {
   HostResources resources;
   resources.host_id = edited.host_id;
@@ -126,7 +126,7 @@ Refused LibvirtGuestControl::RatePins(const Guest& edited) {
   if (edited.host_id == options_.host_id) {
     if (const auto node = NodeFigures()) resources.cpus = node->cpus;
   }
-  // A host that nobody knows is not judged.
+  // An unknown host is not judged.
   if (resources.cpus == 0) return {};
   const auto runs = RunsOf(*options_.store, edited.host_id);
   if (!runs) return RefusalOf(runs.error());

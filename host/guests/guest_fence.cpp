@@ -1,5 +1,5 @@
-// What others have taken from this host while it was gone: nothing is started, stopped or reported before it is
-// settled.
+// Guests that were taken from this host while it was gone: until that is settled, nothing is started, stopped or
+// reported.
 #include <syslog.h>
 
 #include <utility>
@@ -77,7 +77,7 @@ Status LibvirtGuestControl::SettleFencedGuest(const std::string& guest_id) {
   if (const Done ended = EndRun(guest_id); !ended && !IsOver(ended.failure().problem())) return ended.failure().error();
   const auto state = hypervisor_->StateOf(guest_id);
   if (!state && state.failure().problem() != Problem::kNoSuchGuest) return state.failure().error();
-  // Whoever has the guest now has gone on without it.
+  // The guest's new host has continued without the saved memory.
   if (state && *state == GuestState::kSaved) {
     if (const Done discarded = hypervisor_->DiscardSaved(guest_id); !discarded) return discarded.failure().error();
   }

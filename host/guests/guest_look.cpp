@@ -1,4 +1,4 @@
-// Looking at guests: what the hypervisor tells is stored, and what an ended run has left is cleaned up.
+// Reconciles guests: stores what the hypervisor reports, and cleans up what an ended run has left.
 #include <syslog.h>
 
 #include <algorithm>
@@ -23,10 +23,10 @@ namespace states = VexaCCC::State::Guest;
 using hypervisor::GuestState;
 using hypervisor::Problem;
 
-// Whether the state is one of a guest that the hypervisor has.
+// Whether the hypervisor has a guest that is in this state.
 bool IsLive(const std::string& state) { return VexaCCC::Utils::IsGuestStateOnline(state) || state == states::freeze; }
 
-// Whether a start that came to nothing can end in the state.
+// Whether a failed start can end in this state.
 bool IsOff(const std::string& state) { return state == states::shutdown || state == states::crashed; }
 
 void Complain(const std::string& guest_id, const char* what, const std::string& why) {
@@ -35,7 +35,7 @@ void Complain(const std::string& guest_id, const char* what, const std::string& 
 
 std::string StoredState(const std::string& guest_id) {
   std::string state;
-  // Not by vgConfStateGet, which also knows what could not be stored.
+  // Not vgConfStateGet, which also returns states that could not be stored.
   VexaCCC::DB::Dashboard guest(VexaCCC::DB::DashCate::Guest, guest_id);
   return guest.Get(state, keys::state) == 0 ? state : std::string();
 }
@@ -53,9 +53,9 @@ void LibvirtGuestControl::LookWhenFree(const std::string& guest_id) {
 }
 
 void LibvirtGuestControl::Look(const std::string& guest_id) {
-  // By a stop everything is left as it is: what runs is found again by the next start.
+  // During a stop everything is left as it is: the next start finds what runs.
   if (stopping_) return;
-  // What is stored now counts, not what a request has begun with.
+  // What is stored now counts, not what the request has read before.
   cluster::RequestScope::ReleaseSnapshot();
   Status looked = [&]() -> Status {
     if (Status settled = SettleFencedGuest(guest_id); !settled) return settled;
@@ -69,7 +69,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
         Complain(guest_id, "ran here and cannot be started again", restored.error().ToString());
       }
     }
-    // The sequence first, so that of two looks that overlap the later one counts.
+    // The sequence first, so that the later of two overlapping looks counts.
     const cluster::Sequence sequence = sequencer_.Next();
     const auto state = hypervisor_->StateOf(guest_id);
     const bool is_gone = !state && state.failure().problem() == Problem::kNoSuchGuest;
@@ -80,7 +80,8 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
       if (!is_ours) return is_ours.error();
       if (!*is_ours) return {};
       ends_by_.NoteRun(guest_id);
-      // A start that was refused since the guest ran, or before that was known, is not why it ends one day.
+      // A start that was refused because the guest ran, or before that was known, is not the reason for its eventual
+      // end.
       if (const auto expected = ends_by_.Expected(guest_id);
           expected && expected->cause >= cluster::ShutdownCause::kNoResources) {
         ends_by_.Cancel(guest_id);
@@ -114,8 +115,8 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
   }
 }
 
-// Starts a guest again that ran when the hypervisor forgot it. One that was stopped is still known to the hypervisor,
-// or has the state of one that is off.
+// Restarts a guest that was running when the hypervisor forgot it. A guest that was stopped is still known to the
+// hypervisor, or has the state of one that is off.
 Status LibvirtGuestControl::Restore(const std::string& guest_id, const StoredRun& stored) {
   if (stored.run.host_id != options_.host_id || stored.run.starting || stored.run.saved) return {};
   const auto state = hypervisor_->StateOf(guest_id);
@@ -228,7 +229,7 @@ Status LibvirtGuestControl::NoteOff(const std::string& guest_id, const std::opti
   return {};
 }
 
-// What others have made, or what has more to lose than its definition, stays.
+// A foreign definition, or one with state that would be lost, stays.
 Status LibvirtGuestControl::TakeDown(const std::string& guest_id) {
   const auto definition = hypervisor_->DefinitionOf(guest_id);
   if (!definition && definition.failure().problem() == Problem::kNoSuchGuest) return {};
@@ -243,7 +244,7 @@ Status LibvirtGuestControl::TakeDown(const std::string& guest_id) {
   return undefined.failure().error();
 }
 
-// Without a run only a state that cannot be true is put right: a crash is told until the next start.
+// Without a run, only an impossible state is corrected: a crash is shown until the next start.
 Status LibvirtGuestControl::ObserveEnd(const std::string& guest_id, const std::optional<StoredRun>& stored,
                                        EndReasons::Ended ended, cluster::Sequence sequence) {
   const bool is_ours = stored && stored->run.host_id == options_.host_id;
@@ -251,15 +252,15 @@ Status LibvirtGuestControl::ObserveEnd(const std::string& guest_id, const std::o
   const bool was_off = !IsLive(before) && before != states::saved;
   const bool is_expected = ends_by_.Expected(guest_id).has_value();
   if (!is_ours && was_off && !is_expected) return {};
-  // The end is stored already, and what comes behind it was not finished.
+  // The end is already stored, but the steps after it were not finished.
   if (IsOff(before) && !is_expected && !ends_by_.HasRun(guest_id)) return {};
   const bool never_ran = is_ours && stored->run.starting && !ends_by_.HasRun(guest_id);
   std::string state = ended == EndReasons::Ended::kByCrash ? states::crashed : states::shutdown;
-  // A start that came to nothing leaves the guest as it was.
+  // A failed start leaves the guest as it was.
   if (never_ran) state = IsOff(stored->run.state_before) ? stored->run.state_before : states::shutdown;
   if (was_off && (never_ran || !is_ours) && !before.empty()) state = before;
   std::optional<cluster::ShutdownReason> reason = ends_by_.Of(guest_id, ended);
-  // Nothing new is known of one that did not run.
+  // There is nothing new to know about a guest that did not run.
   if (never_ran && !is_expected) reason.reset();
   if (Status observed = Observe(guest_id, state, sequence, reason); !observed) return observed;
   ends_by_.Forget(guest_id);
@@ -269,7 +270,7 @@ Status LibvirtGuestControl::ObserveEnd(const std::string& guest_id, const std::o
 Status LibvirtGuestControl::Observe(const std::string& guest_id, const std::string& state, cluster::Sequence sequence,
                                     const std::optional<cluster::ShutdownReason>& shutdown) {
   if (StoredState(guest_id) == state) {
-    // What was seen while the database was lost has passed.
+    // Observations from while the database was lost are outdated.
     cluster::ForgetUnstoredState(guest_id);
     if (!shutdown) return {};
     const auto known = cluster::ReadShutdown(guest_id);
@@ -281,7 +282,7 @@ Status LibvirtGuestControl::Observe(const std::string& guest_id, const std::stri
   const auto observed = cluster::Observe(*options_.store, guest_id, observation);
   Step("look: state stored");
   if (observed) return {};
-  // Its record has gone: so has its state.
+  // Its record no longer exists, and so neither does its state.
   if (observed.error().code() == ErrorCode::kNotFound) return {};
   return observed.error();
 }

@@ -23,7 +23,7 @@ using hypervisor::PluggedInto;
 using hypervisor::Problem;
 using VexaCCC::DB::DashCate;
 
-// Readers take a bridge with such a name for one that needs no port of the host.
+// Readers take a bridge with this name prefix for one that needs no port of the host.
 constexpr const char* kPrivatePrefix = "PN";
 constexpr const char* kPrivateName = "PN-";
 constexpr const char* kSwitchPrefix = "ovs_";
@@ -46,8 +46,8 @@ NicPlace PlaceOn(const GuestInterface& interface, const std::string& name) {
   return {interface.mac, looks_private ? kSwitchPrefix + name : name, name};
 }
 
-// A bridge without uplinks connects its guests with each other, and with the host, as long as it is switched on. One of
-// the virtual switch forwards frames also while its own device is switched off.
+// A bridge without uplinks connects its guests with each other, and with the host, as long as it is switched on. A
+// bridge of the virtual switch forwards frames even while its own device is switched off.
 NicPlace PlaceOnBridge(const GuestInterface& interface, const std::string& bridge, NetworkLinks& links) {
   const bool is_of_libvirt = interface.plugged_into == PluggedInto::kNetwork;
   if (!is_of_libvirt && !links.UplinksOf(bridge).empty()) return PlaceOn(interface, bridge);
@@ -59,7 +59,7 @@ NicPlace PlaceOnBridge(const GuestInterface& interface, const std::string& bridg
   return place;
 }
 
-// The bridge that the interface's end in the host is on; "" when it is on none.
+// The bridge of the interface's end in the host; "" when it is not on a bridge.
 std::string BridgeOf(const GuestInterface& interface, NetworkLinks& links) {
   const std::string& target = interface.target;
   const std::string& named = interface.device;
@@ -70,7 +70,7 @@ std::string BridgeOf(const GuestInterface& interface, NetworkLinks& links) {
   return links.IsSwitchPort(named, target).value_or(true) ? named : "";
 }
 
-// The id of the record of the host's interface `name`; "" when there is none.
+// The id of the record of the host's interface `name`; "" when absent.
 Result<std::string> FindNic(const store::Snapshot& snapshot, const std::string& host_id, const std::string& name) {
   const std::string prefix = NicsKey(host_id);
   const auto ids = snapshot.Children(prefix);
@@ -116,7 +116,7 @@ class Note {
   store::Transaction Take() { return std::move(transaction_); }
 
  private:
-  // By the address that the machine has now: the record's may be the one of the next start.
+  // By the machine's current address: the record may already have the one of the next start.
   const NicPlace* PlaceOf(const Json::Value& record, const std::vector<NicPlace>& places) const {
     const Json::Value& noted = json::Member(json::Member(record, keys::running), host_id_);
     for (const Json::Value* const source : {&noted, &record}) {
@@ -142,7 +142,7 @@ class Note {
     if (const auto made = made_.find(port); made != made_.end()) return made->second;
     Result<std::string> known = FindNic(snapshot_, host_id_, port);
     if (!known || !known->empty()) return known;
-    // Hardware is known by an address of its own, so that a new name does not change its id.
+    // Hardware is identified by its own address, so that a new name does not change its id.
     if (links_.IsHardware(port)) return std::string();
     const std::string id = cluster::NicId(host_id_, port);
     const std::string key = NicsKey(host_id_) + "/" + store::EncodeSegment(id);
@@ -158,7 +158,7 @@ class Note {
   const std::string& host_id_;
   NetworkLinks& links_;
   store::Transaction transaction_;
-  std::map<std::string, std::string> made_;  // the ids of records that this commit makes, by the interface's name
+  std::map<std::string, std::string> made_;  // the ids of records that this commit creates, by the interface's name
 };
 
 }  // namespace
@@ -209,7 +209,7 @@ Status LibvirtGuestControl::NoteNics(const std::string& guest_id) {
   const auto interfaces = hypervisor_->InterfacesOf(guest_id);
   if (!interfaces) {
     const Problem problem = interfaces.failure().problem();
-    // It has just ended, which the hypervisor reports on its own.
+    // It has just ended, which the hypervisor reports separately.
     if (problem == Problem::kNotRunning || problem == Problem::kNoSuchGuest) return {};
     return interfaces.failure().error();
   }

@@ -1,11 +1,11 @@
-// Where the network interfaces of running guests are plugged in, as their records say it.
+// Stores where the network interfaces of running guests are plugged in.
 //
 // /dash/vnic/<id>/object has the member "running" while its guest runs and it is plugged in:
 //   {"<host id>": {"bridge_name", "nic_id", "mac_address"}}
-// `bridge_name` is the bridge, or the device below a macvtap, and `nic_id` the record of that among the host's
-// interfaces (/dash/host/<host id>/nics). What leads to nothing but other guests or the host itself has no `nic_id`,
-// and a name that begins with "PN-". `mac_address` is what the machine has, which the record may say otherwise until
-// the next start.
+// `bridge_name` is the bridge, or the device below a macvtap, and `nic_id` is its record among the host's interfaces
+// (/dash/host/<host id>/nics). A connection that only leads to other guests or the host itself has no `nic_id`, and a
+// name that begins with "PN-". `mac_address` is the machine's current address; until the next start, it may differ from
+// the record.
 #pragma once
 
 #include <optional>
@@ -22,23 +22,23 @@ namespace vexa::guests {
 struct NicPlace {
   std::string mac;
   std::string bridge_name;
-  std::string port;  // the host's interface that leads to others; "" when none does
+  std::string port;  // the host's interface that leads outside; "" when absent
 };
 
-// Not set: the interface is not plugged in. The end that the kernel shows counts more than what libvirt says: somebody
-// may have moved it.
+// Not set: the interface is not plugged in. The host's end according to the kernel takes precedence over libvirt's
+// information, because it may have been moved.
 std::optional<NicPlace> FindPlace(const hypervisor::GuestInterface& interface, NetworkLinks& links);
 
-// The same in test mode, where networks are names and no interface leads anywhere.
+// The same in test mode, where networks are only names and interfaces lead nowhere.
 std::optional<NicPlace> InventPlace(const hypervisor::GuestInterface& interface);
 
 enum class RunsHere { kNo, kYes };
 
-// Writes `places` into the records of the guest's interfaces, and takes out what other hosts have written; when it does
-// not run here, takes out what this host has written. Nothing is written when nothing changes, nor into records that
-// cannot be read. An interface of the host that has no record yet gets one, unless it is hardware, which has its own
-// record within seconds.
-// Errors: what the store says; kConflict when others keep changing the same.
+// Writes `places` into the records of the guest's interfaces, and removes what other hosts have written; when the guest
+// does not run here, removes what this host has written. Writes nothing when nothing changes, or into unreadable
+// records. An interface of the host without a record gets one, unless it is hardware, which gets its own record within
+// seconds.
+// Errors: those of the store; kConflict when the records keep changing.
 Status NotePlaces(store::Store& store, const std::string& host_id, const std::string& guest_id, RunsHere runs_here,
                   const std::vector<NicPlace>& places, NetworkLinks& links);
 

@@ -1,4 +1,4 @@
-// Stopping the guests of this host, and what else is done with one at a time.
+// Stops the guests of this host, and other operations that run one at a time per guest.
 #include <syslog.h>
 
 #include <algorithm>
@@ -52,7 +52,7 @@ void LogDone(const std::string& guest_id, std::string_view action, const Refused
   }
 }
 
-constexpr std::chrono::seconds kPatienceWithLook{5};
+constexpr std::chrono::seconds kMaxWaitForLook{5};
 
 }  // namespace
 
@@ -66,7 +66,7 @@ Refusal RefusalOf(const Error& error) {
 Refused LibvirtGuestControl::Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
                                      const std::function<Refused()>& act, std::chrono::milliseconds patience) {
   if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
-  // Waits for other hosts' records and the hypervisor follow.
+  // This is followed by waits for other hosts' records and the hypervisor.
   cluster::RequestScope::ReleaseSnapshot();
   auto taken = claims_.Take(guest_id, {std::string(action), requester, std::chrono::system_clock::now()}, patience);
   if (const auto* other = std::get_if<Activity>(&taken)) return Refusal{kBusy, Describe(*other)};
@@ -103,7 +103,7 @@ Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Request
   });
 }
 
-// What is being done with the guest may hang with it, and ends when its machine does: so nothing is waited for.
+// An operation in progress may hang together with the guest, and ends when its machine does: so this waits for nothing.
 Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Requester& requester) {
   if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
   if (Refused stale = RefuseStale()) return stale;
@@ -122,9 +122,9 @@ Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Request
   if (auto* claim = std::get_if<Claims::Claim>(&taken)) {
     LookAndRelease(std::move(*claim), guest_id);
   } else {
-    // What is shown is off when this answers, also where somebody else has to look.
+    // The shown state is off when this returns, even if another holder has to look.
     LookWhenFree(guest_id);
-    claims_.AwaitFree(guest_id, kPatienceWithLook);
+    claims_.AwaitFree(guest_id, kMaxWaitForLook);
   }
   return refused;
 }
@@ -155,11 +155,11 @@ LibvirtGuestControl::Done LibvirtGuestControl::EndRun(const std::string& guest_i
   Step("end: called off");
   const auto state = hypervisor_->StateOf(guest_id);
   Done done = hypervisor_->PowerOff(guest_id);
-  // One that has ended in between is as it was to be.
+  // A guest that ended in between is in the requested state.
   const bool was_active = state && IsActive(*state);
   if (!done && was_active && done.failure().problem() == Problem::kNotRunning) done = Done();
   if (done || called_off != CalledOff::kTooLate) return done;
-  // It may not have come to the guest's machine yet.
+  // It may not have reached the guest's machine yet.
   if (!starts_.AwaitEnd(guest_id, options_.fence_wait)) {
     return hypervisor::Failure(Problem::kBusy, "The guest is being started, and that does not come to an end");
   }
@@ -197,14 +197,14 @@ Refused LibvirtGuestControl::RefuseActive(const std::string& guest_id) {
     return Refusal{kRunsAlready, "The guest's machine runs on this host: power it off first"};
   }
   const Problem problem = state.failure().problem();
-  // libvirt has no machine of an id that it could not have.
+  // libvirt has no machine with an impossible id.
   if (problem == Problem::kNoSuchGuest || problem == Problem::kInvalid) return {};
   return Refusal{kUnavailable, "It is not known whether the guest runs: " + state.failure().ToString()};
 }
 
 Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "delete", requester, [&] {
-    // A guest that has gone off just now may not have been cleaned up behind.
+    // If the guest has only just gone off, the cleanup may not have been done yet.
     Look(guest_id);
     Refused refused = deletion_.Delete(guest_id, requester);
     if (!refused) RemoveNoted(guest_id);
@@ -243,7 +243,7 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
       if (taken) return transaction;
     }
     CompareFree(transaction, guest_id);
-    // What the host before has defined for itself, and would start with its machine, is not to run beside the guest.
+    // The definition on the previous host, which would start with its machine, must not run beside the guest.
     const Json::Value& before = json::Member(guest->record, keys::host_id);
     const std::string host_before = before.isString() ? json::String(before) : std::string();
     const std::string note = UndefineKey(host_before, guest_id);

@@ -21,7 +21,7 @@ namespace keys = VexaCCC::DB::_k;
 using hypervisor::Owner;
 using hypervisor::Problem;
 
-// Not set: the start was not the guest's to fail, such as of one that runs or that somebody else is busy with.
+// Not set: the start did not fail because of the guest, for instance because it runs already or is busy.
 std::optional<cluster::ShutdownCause> CauseOfFailedStart(int code) {
   using enum cluster::ShutdownCause;
   switch (code) {
@@ -58,7 +58,7 @@ Refused LibvirtGuestControl::PowerOn(const std::string& guest_id, const Requeste
     if (!refused) return refused;
     // The look that follows stores why the guest is off.
     const auto cause = CauseOfFailedStart(refused->code);
-    // Whoever has powered it off meanwhile is why, whatever the start says about its end.
+    // If it was powered off meanwhile, that is the reason, whatever error the start returns.
     if (cause && !ends_by_.Expected(guest_id)) ends_by_.Expect(guest_id, {*cause, false});
     return refused;
   });
@@ -74,7 +74,7 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
   if (!starting.IsSaved()) {
     if (const Status cleared = ClearPending(guest_id); !cleared) return RefusalOf(cleared.error());
   }
-  // From now on nobody gives the guest to another host; what was changed before counts.
+  // From now on the guest cannot be given to another host; changes made before count.
   cluster::RequestScope::ReleaseSnapshot();
   Result<Guest> current = ReadGuest(guest_id);
   if (!current) return RefusalOf(current.error());
@@ -83,7 +83,7 @@ Refused LibvirtGuestControl::StartGuest(const std::string& guest_id) {
     return Refusal{kBusy, "The guest was changed in this moment; try again"};
   }
   starting.guest = std::move(*current);
-  // The state is for those who watch: a start goes on without it.
+  // The state is for observers: a failure to store it does not stop the start.
   (void)Observe(guest_id, VexaCCC::State::Guest::booting, sequencer_.Next());
   return StartReserved(starting, start);
 }
@@ -103,7 +103,7 @@ Refused LibvirtGuestControl::Prepare(const std::string& guest_id, Starting& star
   const auto state = hypervisor_->StateOf(guest_id);
   if (!state && state.failure().problem() != Problem::kNoSuchGuest) return RefusalOf(state.failure());
   if (state && IsActive(*state)) return Refusal{kRunsAlready, "The guest runs"};
-  // What an earlier run has left goes first, and is noted in the record.
+  // The remains of an earlier run are cleaned up first and stored in the record.
   Look(guest_id);
   if (Refused fenced = RefuseFenced(guest_id)) return fenced;
   if (Refused unreadable = read()) return unreadable;
@@ -125,7 +125,7 @@ Refused LibvirtGuestControl::Prepare(const std::string& guest_id, Starting& star
   return {};
 }
 
-// A definition that somebody else has made and not handed over.
+// A definition that was made without this system and not handed over.
 Refused LibvirtGuestControl::RefuseForeign(const Starting& starting) const {
   if (!starting.definition || starting.definition->owner != Owner::kUser || starting.imported) return {};
   return Refusal{kFailed,
@@ -134,7 +134,7 @@ Refused LibvirtGuestControl::RefuseForeign(const Starting& starting) const {
                  "--keep-nvram'"};
 }
 
-// Files that were made in the place of those that are on storage which is not mounted are not the guest's.
+// Files created in place of those on storage that is not mounted do not belong to the guest.
 Refused LibvirtGuestControl::RefuseUnmounted(const Guest& guest) const {
   if (guest.repository_host_id != options_.host_id) return {};
   std::vector<std::string> paths;
@@ -186,7 +186,7 @@ Refused LibvirtGuestControl::Reserve(Starting& starting) {
   return Refusal{kBusy, "Another host has just let go of the guest; try again"};
 }
 
-// Whoever has the guest, or deletes it, by what is stored now. Nothing: nobody.
+// Whether the guest is held, or being deleted, according to the store now. Empty: it is not.
 Refused LibvirtGuestControl::RefuseTaken(const std::string& guest_id) const {
   const auto run = ReadRun(*options_.store, guest_id);
   if (!run) return RefusalOf(run.error());
@@ -197,7 +197,7 @@ Refused LibvirtGuestControl::RefuseTaken(const std::string& guest_id) const {
   return JobUnderWay(*options_.store, guest_id);
 }
 
-// What somebody adds behind this may count already from this start, and is shown as pending all the same.
+// A change added after this may already take effect in this start, and is shown as pending all the same.
 Status LibvirtGuestControl::ClearPending(const std::string& guest_id) {
   return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
     const auto snapshot = options_.store->Read();
@@ -214,7 +214,7 @@ Status LibvirtGuestControl::ClearPending(const std::string& guest_id) {
 }
 
 Refused LibvirtGuestControl::StartReserved(Starting& starting, const Starts::Start& start) {
-  // The look that follows gives back what was reserved. Saved memory has the definition that it was saved with.
+  // The look that follows releases the reservation. Saved memory has the definition that it was saved with.
   if (!starting.IsSaved()) {
     if (Refused refused = DefineGuest(starting.guest, starting.run.pinned_cpus, Mark::kOurs)) return refused;
     if (!starting.definition) {
@@ -224,7 +224,7 @@ Refused LibvirtGuestControl::StartReserved(Starting& starting, const Starts::Sta
   Step("poweron: defined");
   if (!start.GoOn()) return Refusal{kBusy, "The guest was powered off while it was being started"};
   Step("poweron: asked");
-  // The last look before two machines could write to the same disks.
+  // The last check before two machines could write to the same disks.
   if (Refused stale = RefuseStale()) return stale;
   const auto started = hypervisor_->Start(starting.guest.records.id);
   Step("poweron: started");

@@ -10,20 +10,20 @@
 
 namespace vexa::guests {
 
-// Whether the host has the network or bridge of a name: a network that libvirt runs, a bridge of the kernel, or one of
-// Open vSwitch. A network card is not one, since guests are put on bridges only.
-// Fits HostResources::has_network. Threads: any, as far as `libvirt_networks` lets.
+// Whether the host has a network or bridge with a given name: a network that libvirt runs, a kernel bridge, or an Open
+// vSwitch bridge. A network card does not count, because guests are only put on bridges. Fits
+// HostResources::has_network. Threads: any, as far as `libvirt_networks` allows.
 class HostNetworks {
  public:
-  // `libvirt_networks` gives the names of the networks that libvirt runs now; not set: none. It is called only for
-  // names that are not a bridge's. `root` and `driver_of` are those of NetworkLinks.
+  // `libvirt_networks` returns the names of the networks that libvirt runs now; not set: none. It is called only for
+  // names that are not those of bridges. `root` and `driver_of` are those of NetworkLinks.
   explicit HostNetworks(std::function<std::vector<std::string>()> libvirt_networks, std::string root = "",
                         DriverReader driver_of = nullptr)
       : libvirt_networks_(std::move(libvirt_networks)), root_(std::move(root)), driver_of_(std::move(driver_of)) {}
 
   bool operator()(const std::string& name) const;
 
-  // What the bridge of this name is. kNone for names that a domain's XML cannot have.
+  // The kind of the bridge with this name. kNone for names that a domain's XML cannot have.
   BridgeKind KindOf(const std::string& name) const;
 
  private:

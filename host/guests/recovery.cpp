@@ -40,7 +40,7 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
-// Fails in the middle of a plan: the refusal is what the caller gets.
+// Fails in the middle of a plan: the caller gets the refusal.
 Error Stop(Refused& refused, Refusal refusal) {
   refused = std::move(refusal);
   return Error(ErrorCode::kDenied, "refused");
@@ -71,7 +71,7 @@ Status CompareGone(const store::Snapshot& snapshot, const std::string& host_id, 
   if (!life) return life.error();
   const auto host = snapshot.Get(Key(DashCate::Host, host_id));
   if (!host) return host.error();
-  // A host without a record and a sign of life, such as one that records were imported for, was never there.
+  // A host without a record and a sign of life, for instance one known only from imported records, never existed.
   const cluster::Environment* const environment = cluster::CurrentEnvironment();
   const bool is_here = environment && environment->host_id == host_id;
   const bool is_known = *stored || *host || is_here;
@@ -83,7 +83,7 @@ Status CompareGone(const store::Snapshot& snapshot, const std::string& host_id, 
   return {};
 }
 
-// Renumbers the host's claim. What it was before.
+// Renumbers the host's claim. Returns its previous state.
 Result<StoredObject> FenceHost(const store::Snapshot& snapshot, const std::string& host_id,
                                store::Transaction& transaction, std::uint64_t& incarnation) {
   const std::string key = cluster::HostClaimKey(host_id);
@@ -95,15 +95,15 @@ Result<StoredObject> FenceHost(const store::Snapshot& snapshot, const std::strin
   return claim;
 }
 
-// The guest is off from now on, by force, since its host was offline.
+// The guest is off from now on, by force, because its host was offline.
 Status PutShutDown(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction) {
   transaction.operations.push_back({cluster::LiveStateKey(guest_id), json::ToText(VexaCCC::State::Guest::shutdown)});
   const std::string key = cluster::LiveRecordKey(guest_id);
   Result<StoredObject> live = LoadObject(snapshot, key);
   if (!live && live.error().code() != ErrorCode::kCorrupt) return live.error();
-  // A damaged record is left: without it the guest is off for a reason that is not known.
+  // A damaged record is kept: without it the guest is off for an unknown reason.
   if (!live) return {};
-  // The host that comes back counts on from its own sequence.
+  // The host, when it comes back, continues to count from its own sequence.
   live->record.removeMember(keys::host_id);
   live->record["shutdown"] = cluster::ShutdownJson({cluster::ShutdownCause::kHostOffline, true});
   cluster::PutObject(transaction, key, *live);
@@ -162,7 +162,7 @@ class Recovery {
       transaction.operations.push_back({RunKey(request_.guest_id), std::nullopt});
       if (const Status put = PutShutDown(**snapshot, request_.guest_id, transaction); !put) return put.error();
     }
-    // Also of a guest that was off by the records: the host may have started it when nobody could hear of it.
+    // Also for a guest that was off according to the records: the host may have started it while it was cut off.
     const cluster::Deed deed{request_.user, std::chrono::system_clock::now()};
     const std::string note = cluster::FenceKey(host_id, request_.guest_id);
     if (!store::IsKey(note)) return Error(ErrorCode::kInvalid, "The host's id is too long");
@@ -177,14 +177,14 @@ class Recovery {
     return transaction;
   }
 
-  // Whether something that goes on could be lost or doubled.
+  // Whether something that is still running or saved could be lost or duplicated.
   Refused RefuseUnsure(const store::Snapshot& snapshot, const Run& run, const StoredObject& claim) const {
     const std::string host = "the host '" + HostName(snapshot, run.host_id) + "'";
     if (run.saved && request_.saved == SavedMemory::kKeep) {
       return Refusal{kSavedMemoryLost, "The guest's saved memory is on " + host +
                                            " and would be lost: confirm that it is to be discarded"};
     }
-    // libvirt starts an imported guest with the host's machine where its owner wanted that.
+    // libvirt starts an imported guest together with the host's machine if its owner configured that.
     const auto imported = snapshot.Get(DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
     const bool is_proved =
@@ -201,7 +201,7 @@ class Recovery {
 
 // Guests that name the host, and whether it has them.
 struct GuestsNaming {
-  std::vector<std::string> held;  // by /run
+  std::vector<std::string> held;  // according to /run
   std::vector<std::string> off;   // records that name it
 };
 

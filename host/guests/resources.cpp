@@ -33,12 +33,12 @@ std::string Counted(std::uint64_t count, const std::string& one, const std::stri
   return std::to_string(count) + " " + (count == 1 ? one : several);
 }
 
-// Not set: the member is no whole number from `least` to `most`. Absent and null read as `fallback`.
+// Not set: the member is not a whole number from `least` to `most`. Absent and null read as `fallback`.
 std::optional<std::uint64_t> NumberOf(const Json::Value& record, const char* member, std::uint64_t fallback,
                                       std::uint64_t least, std::uint64_t most) {
   const Json::Value& value = json::Member(record, member);
   const std::uint64_t number = value.isNull() ? fallback : json::UInt64(value);
-  // Beyond 64 bits a conversion reads as 0, and a negative number does.
+  // Beyond 64 bits, a conversion returns 0; it also does so for a negative number.
   if (!value.isNull() && !value.isUInt64()) return std::nullopt;
   if (number < least || number > most) return std::nullopt;
   return number;
@@ -57,13 +57,13 @@ class Rater {
     const std::optional<std::uint64_t> vcpus = NumberOf(record(), keys::vcpu_num, 1, 1, kMaxVcpus);
     const std::optional<std::uint64_t> pins = NumberOf(record(), keys::cpu_pin_num, 0, 0, vcpus.value_or(kMaxVcpus));
     RateRemote();
-    const bool pins_for_good = RatePinsForGood(vcpus, pins);
+    const bool pins_refused = RatePermanentPinConflicts(vcpus, pins);
     RateVcpus(vcpus);
     RateNetworks();
     RateMemory();
     RateAvailability();
     std::vector<unsigned> chosen;
-    if (host_.is_connected && !pins_for_good) chosen = ChooseCpus(*pins);
+    if (host_.is_connected && !pins_refused) chosen = ChooseCpus(*pins);
     rating_.has_best_io = !host_.host_id.empty() && guest_.repository_host_id == host_.host_id;
     if (rating_.refusals.empty()) rating_.pinned_cpus = std::move(chosen);
     return std::move(rating_);
@@ -87,8 +87,8 @@ class Rater {
     }
   }
 
-  // What no other guest's end would change. True: it is refused.
-  bool RatePinsForGood(std::optional<std::uint64_t> vcpus, std::optional<std::uint64_t> pins) {
+  // Conflicts that the end of another guest would not resolve. True: it is refused.
+  bool RatePermanentPinConflicts(std::optional<std::uint64_t> vcpus, std::optional<std::uint64_t> pins) {
     if (!pins) {
       Refuse(kNoCpuThreads, "The record's 'cpu_pin_num' is no number from 0 to " +
                                 std::to_string(vcpus.value_or(kMaxVcpus)) + ", the guest's virtual CPUs.");
@@ -108,7 +108,7 @@ class Rater {
     }
     if (!host_.is_connected) return;
     const std::uint64_t limit = std::uint64_t{host_.cpus} * host_.vcpus_per_cpu;
-    // The sum of numbers from records could wrap.
+    // The sum of numbers from records could wrap around.
     if (host_.vcpus_taken <= limit && *vcpus <= limit - host_.vcpus_taken) return;
     Refuse(kNoVcpu, "The guest needs " + Counted(*vcpus, "virtual CPU", "virtual CPUs") + ", and " +
                         std::to_string(host_.vcpus_taken) + " of the host's " + std::to_string(limit) + " are taken.");
@@ -120,7 +120,7 @@ class Rater {
     const std::size_t count = std::min(guest_.records.nics.size(), kMaxNics);
     for (std::size_t i = 0; i < count; ++i) {
       const Json::Value& member = json::Member(guest_.records.nics[i].second, "network_name");
-      // Anything but a text names no network, and there is none to be found.
+      // Anything except a text does not name a network, so nothing can match.
       if (!member.isNull() && !member.isString()) {
         Refuse(kNoNetwork, "The network of the interface " + Quoted(guest_.records.nics[i].first) + " is no name.");
         continue;
@@ -164,8 +164,8 @@ class Rater {
     }
   }
 
-  // In ascending order; none when they are not to be had, which is refused then. From the highest down, since low ones
-  // have more to do for the host itself.
+  // In ascending order; none when there are not enough, which is then refused. Chosen from the highest down, because
+  // low ones do more work for the host itself.
   std::vector<unsigned> ChooseCpus(std::uint64_t pins) {
     if (pins == 0) return {};
     std::set<unsigned> taken;
@@ -187,7 +187,7 @@ class Rater {
     return chosen;
   }
 
-  static constexpr std::uint64_t kMaxMemoryMib = 2'097'151;  // whose KiB are 31 bits
+  static constexpr std::uint64_t kMaxMemoryMib = 2'097'151;  // the limit of KiB in 31 bits
 
   const Guest& guest_;
   const HostResources& host_;
@@ -226,10 +226,10 @@ Json::Value RatingData(const Rating& rating) {
   data["available"] = rating.refusals.empty();
   Json::Value& status = data["status"] = Json::Value(Json::arrayValue);
   Json::Value& reasons = data["reasons"] = Json::Value(Json::arrayValue);
-  std::set<std::string_view> told;
+  std::set<std::string_view> added;
   for (const Refusal& refusal : rating.refusals) {
     const std::string_view word = RefusalWord(refusal.code);
-    if (told.insert(word).second) status.append(std::string(word));
+    if (added.insert(word).second) status.append(std::string(word));
     reasons.append(refusal.reason);
   }
   if (rating.has_best_io) status.append("best_io");

@@ -57,7 +57,7 @@ void ShutDowns::Run() {
       continue;
     }
     const Clock::time_point now = Clock::now();
-    // A copy: it may end while this waits.
+    // A copy: it may end during the wait.
     const Clock::time_point next = due->second.next;
     if (now < next) {
       wake_.wait_until(lock, next);

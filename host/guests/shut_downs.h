@@ -1,5 +1,5 @@
-// Shut-downs under way: a press of the power button that comes before the guest's system listens is lost, so it is
-// pressed again and again. For host/guests/*.cpp only.
+// Shut-downs in progress: a press of the power button before the guest's system listens is lost, so the button is
+// pressed repeatedly. For host/guests/*.cpp only.
 #pragma once
 
 #include <chrono>
@@ -16,13 +16,13 @@ namespace vexa::guests {
 struct ShutDownsOptions {
   std::chrono::milliseconds wait;
   std::chrono::milliseconds press_again;
-  // False: there is nothing more to press. It may hang with the guest.
+  // False: there is nothing left to press. May hang with the guest.
   std::function<bool(const std::string& guest_id)> press;
   std::function<void(const std::string& guest_id)> on_given_up;
 };
 
-// Threads: any, at the same time. The functions are called on threads of its own, for one guest one at a time, but that
-// it may be given up while a press hangs: it keeps no other guest from being pressed.
+// Threads: any, at the same time. The functions are called on threads of its own, one at a time per guest, except that
+// a guest may be given up while a press for it hangs. A hanging press does not delay other guests.
 class ShutDowns {
  public:
   explicit ShutDowns(ShutDownsOptions options);
@@ -34,7 +34,7 @@ class ShutDowns {
   void End(const std::string& guest_id);
   bool IsUnderWay(const std::string& guest_id) const;
 
-  // Nothing more is pressed. False: a call of a function has not ended by then.
+  // Presses nothing more. False: a call of a function has not ended by then.
   bool Stop(std::chrono::milliseconds patience);
 
  private:
@@ -42,7 +42,7 @@ class ShutDowns {
   struct Pending {
     Clock::time_point next;
     Clock::time_point end;
-    std::uint64_t number = 0;  // one that begins again has another
+    std::uint64_t number = 0;  // a new shut-down of the same guest has another number
     bool is_called = false;    // a call for it has not ended
   };
   void Run();

@@ -1,4 +1,4 @@
-// Starts of guests that are under way, so that they can be called off. For host/guests/*.cpp only.
+// Starts of guests in progress, so that they can be cancelled. For host/guests/*.cpp only.
 #pragma once
 
 #include <chrono>
@@ -10,17 +10,17 @@
 
 namespace vexa::guests {
 
-// What a start that was called off comes to.
+// The effect of cancelling a start.
 enum class CalledOff {
-  kNone,     // no start is under way
-  kForGood,  // it has not come to the hypervisor, and will not
-  kTooLate,  // it has: the guest may run by now
+  kNone,     // no start is in progress
+  kForGood,  // it has not reached the hypervisor, and will not
+  kTooLate,  // it has reached it: the guest may run by now
 };
 
-// Of one guest there is one start at a time. Threads: any, at the same time.
+// A guest has one start at a time. Threads: any, at the same time.
 class Starts {
  public:
-  // The start is under way while it lives.
+  // The start is in progress while the object lives.
   class Start {
    public:
     Start(Starts& starts, std::string guest_id) : starts_(starts), guest_id_(std::move(guest_id)) {
@@ -35,7 +35,7 @@ class Starts {
     Start(const Start&) = delete;
     Start& operator=(const Start&) = delete;
 
-    // To be asked before the hypervisor is. False: it was called off.
+    // Call it before the hypervisor is called. False: the start was cancelled.
     bool GoOn() const {
       const std::lock_guard lock(starts_.mutex_);
       State& state = starts_.under_way_.at(guest_id_);
@@ -56,7 +56,7 @@ class Starts {
     return start->second.is_in_hypervisor ? CalledOff::kTooLate : CalledOff::kForGood;
   }
 
-  // False: it goes on, or another does.
+  // False: it, or another start, is still in progress.
   bool AwaitEnd(const std::string& guest_id, std::chrono::milliseconds wait) {
     std::unique_lock lock(mutex_);
     return ended_.wait_for(lock, wait, [&] { return !under_way_.contains(guest_id); });

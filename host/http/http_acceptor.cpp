@@ -12,7 +12,8 @@ namespace vexa::daemon {
 namespace {
 
 constexpr int kAcceptsPerEvent = 64;
-// After the process or the system has run out of descriptors or memory: trying at once would only burn the processor.
+// After the process or the system has run out of descriptors or memory, an immediate retry would only waste processor
+// time.
 constexpr std::chrono::milliseconds kPause{100};
 
 void SetOption(int fd, int level, int name, int value) { ::setsockopt(fd, level, name, &value, sizeof value); }
@@ -20,14 +21,14 @@ void SetOption(int fd, int level, int name, int value) { ::setsockopt(fd, level,
 void SetTcpOptions(int fd, std::chrono::milliseconds write_limit) {
   SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(write_limit.count()));
-  // Finds peers that vanished without a word while a handler runs, when no deadline does.
+  // Detects peers that vanished while a handler runs and no deadline applies.
   SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
   SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
   SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 15);
   SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 4);
 }
 
-// False when the kernel does not tell who a Unix peer is.
+// False when the kernel does not report who a Unix peer is.
 bool Identify(int fd, const sockaddr_storage& address, Peer& peer) {
   if (address.ss_family == AF_INET || address.ss_family == AF_INET6) {
     char text[INET6_ADDRSTRLEN] = {};
@@ -82,7 +83,7 @@ void Acceptor::Arm() {
     try {
       self->AcceptSome();
     } catch (const std::exception&) {
-      self->Pause();  // out of memory: this connection is lost, the listener must not be
+      self->Pause();  // out of memory: this connection is lost, but the listener must survive
     }
   });
 }
@@ -104,7 +105,7 @@ void Acceptor::AcceptSome() {
     if (accepted.fd < 0) {
       if (errno == EAGAIN) break;
       if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) return Pause();
-      continue;  // this one's peer has gone already, or its network failed
+      continue;  // this peer is already gone, or its network failed
     }
     accepted.family = address.ss_family;
     if (!Identify(accepted.fd, address, accepted.peer)) continue;

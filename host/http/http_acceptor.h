@@ -1,4 +1,4 @@
-// Takes connections from one listening socket and gives them to I/O threads in turn.
+// Accepts connections from one listening socket and hands them to the I/O threads in turn.
 #pragma once
 
 #include <functional>
@@ -8,7 +8,7 @@
 
 namespace vexa::daemon {
 
-// Threads: that of `context` only, except for the constructor.
+// Threads: only that of `context`, except for the constructor.
 class Acceptor : public std::enable_shared_from_this<Acceptor> {
  public:
   Acceptor(boost::asio::io_context& context, ServerShared& server, ListeningSocket listening, TlsContext tls,

@@ -12,10 +12,10 @@ namespace {
 
 using boost::system::error_code;
 
-// How much a client may send on, and for how long, after its last response.
+// How much a client may still send after its last response, and for how long.
 constexpr std::size_t kDrainBytes = std::size_t{8} * 1024 * 1024;
 constexpr std::chrono::milliseconds kDrainTime{2'000};
-// The share of one connection in one event; the others wait meanwhile.
+// How many reads one connection gets per event while the others wait.
 constexpr int kReadsPerEvent = 16;
 
 }  // namespace
@@ -76,7 +76,7 @@ void Connection::OnDeadline() {
 }
 
 void Connection::BeginStop() {
-  // What the client has sent already counts as begun.
+  // Bytes that the client has already sent count as the start of a request.
   if (phase_ == Phase::kHead && !head_begun_) ReadInput();
   if (phase_ == Phase::kHandshake) Close();
   if (phase_ == Phase::kHead && !head_begun_) {
@@ -163,14 +163,14 @@ void Connection::Handshake() {
       peer_.tls = true;
       peer_.certificate_name = VerifiedCommonName(transport_.ssl());
       EnterHead(io_.server().options.limits.header);
-      return ReadInput();  // the request may have come together with the end of the handshake
+      return ReadInput();  // the request may have arrived together with the end of the handshake
     default:
       return Close();
   }
 }
 
-// Reads what has come and uses it. While a request is being answered this keeps what a client sends ahead, up to a
-// bound, and notices that it left.
+// Reads and processes the available input. While a request is being answered, it buffers what the client sends ahead,
+// up to a limit, and notices when the client leaves.
 void Connection::ReadInput() {
   auto& scratch = io_.read_scratch();
   for (int i = 0; i < kReadsPerEvent; ++i) {
@@ -192,14 +192,14 @@ void Connection::ReadInput() {
     Take(std::string_view(scratch.data(), result.bytes));
     if (phase_ == Phase::kDrain || phase_ == Phase::kClosed) return;
     if (result.bytes < room && !transport_.HasPending()) break;
-    if (i + 1 == kReadsPerEvent && transport_.HasPending()) --i;  // no readiness would tell of it
+    if (i + 1 == kReadsPerEvent && transport_.HasPending()) --i;  // there would be no readiness event for it
   }
   ArmRead();
 }
 
 void Connection::OnEnd() {
   const bool being_answered = phase_ == Phase::kHandler || phase_ == Phase::kWrite;
-  // The end of TLS is the end of both directions in practice; the end of a plain stream may be half a close.
+  // In practice, the end of TLS ends both directions; the end of a plain stream may be a half-close.
   if (!being_answered || transport_.tls()) return Close();
   peer_ended_ = true;
 }
@@ -252,7 +252,7 @@ std::size_t Connection::ProcessHead(std::string_view bytes) {
     if (i == 0 || bytes[i - 1] != '\r') status = 400;  // would never end
   }
   if (bytes.size() >= limits.header_bytes) status = bytes.find('\n') < limits.header_bytes ? 431 : 414;
-  if (!IsToken(bytes.substr(0, 1))) status = 400;  // TLS on a plain port, for one
+  if (!IsToken(bytes.substr(0, 1))) status = 400;  // TLS on a plain port, for example
   head_scan_ = bytes.size() - std::min<std::size_t>(bytes.size(), 3);
   if (status == 0) return blank;
   NewRequest();
@@ -288,7 +288,7 @@ void Connection::BeginRequest(std::string_view head) {
   }
   if (request.id.size() == request_id_.size()) std::copy(request.id.begin(), request.id.end(), request_id_.begin());
   if (refusal) {
-    if (parser_->expects_body()) close_after_ = true;  // rather than read what nobody wants
+    if (parser_->expects_body()) close_after_ = true;  // instead of reading an unwanted body
     return Respond(std::move(*refusal));
   }
   if (!parser_->expects_body()) return Dispatch();
@@ -307,7 +307,7 @@ std::size_t Connection::ProcessBody(std::string_view bytes) {
   } else if (progress.done) {
     Dispatch();
   } else if (left > io_.server().options.limits.header_bytes) {
-    Refuse(431);  // the only thing that must be seen as a whole is a chunk's head or the trailers
+    Refuse(431);  // only a chunk's head or the trailers must fit in one piece
   }
   return progress.consumed;
 }

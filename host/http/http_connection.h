@@ -1,4 +1,4 @@
-// One client connection: its requests, one after the other, from the first byte to the last.
+// One client connection and its requests, one after another, from the first byte to the last.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ namespace vexa::daemon {
 
 class IoThread;
 
-// Threads: its I/O thread only, and every reference to it lives there, too; other threads know it by slot and request
+// Threads: its I/O thread only, which also holds every reference to it. Other threads identify it by slot and request
 // number (see Mailbox).
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
@@ -30,21 +30,21 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void Deliver(Answer&& answer);
   Clock::time_point deadline() const { return deadline_; }
   void OnDeadline();
-  // Closes when idle; otherwise the request at hand is the last.
+  // Closes when idle; otherwise the current request is the last one.
   void BeginStop();
   void Close();
 
-  // Here only to be told that there is no place.
+  // Exists only to receive a refusal because the server is full.
   bool is_refusal() const { return place_ == nullptr && phase_ != Phase::kClosed; }
 
  private:
   enum class Phase {
     kHandshake,
-    kHead,     // awaits a request or the rest of its head
-    kBody,     // awaits the rest of its body
-    kHandler,  // awaits its answer
-    kWrite,    // sends it
-    kDrain,    // has said that nothing follows and reads on a little, as closing now could destroy what was sent
+    kHead,     // waits for a request or the rest of its head
+    kBody,     // waits for the rest of its body
+    kHandler,  // waits for its answer
+    kWrite,    // sends the answer
+    kDrain,    // has sent its last byte and reads on for a while, as closing now could destroy what was sent
     kClosed,
   };
 
@@ -96,12 +96,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool write_armed_ = false;
   bool read_wants_write_ = false;  // TLS only
   bool write_wants_read_ = false;  // TLS only
-  bool paused_ = false;            // not reading, as enough is in `buffer_`
-  bool peer_ended_ = false;        // a TCP or Unix peer has shut down its side; it may still read
+  bool paused_ = false;            // not reading, because `buffer_` holds enough
+  bool peer_ended_ = false;        // a TCP or Unix peer has shut down its sending side; it may still read
   bool settled_ = false;
 
-  std::string buffer_;         // input that could not be used yet
-  std::size_t head_scan_ = 0;  // where the search for the head's end goes on
+  std::string buffer_;         // input that could not be processed yet
+  std::size_t head_scan_ = 0;  // where the search for the end of the head continues
   bool head_begun_ = false;
   std::unique_ptr<RequestParser> parser_;
   bool owes_continue_ = false;

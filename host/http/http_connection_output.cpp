@@ -1,4 +1,4 @@
-// The half of a connection that sends.
+// The sending half of a connection.
 #include <algorithm>
 #include <utility>
 
@@ -9,7 +9,7 @@
 namespace vexa::daemon {
 namespace {
 
-// Bodies below this share a TLS record with their head.
+// Bodies smaller than this share a TLS record with their head.
 constexpr std::size_t kOneRecordBytes = 15 * 1024;
 
 }  // namespace
@@ -55,7 +55,7 @@ IoState Connection::WriteAll(std::string_view& head, std::string_view& body) {
 }
 
 void Connection::Send(std::string_view head, std::string&& body) {
-  if (HasOutput()) {  // only a "100 Continue" that is stuck; what is underway will see this, too
+  if (HasOutput()) {  // only a "100 Continue" that is stuck; pending work will find this out as well
     out_head_.append(head);
     out_body_ = std::move(body);
     return;
@@ -75,7 +75,7 @@ void Connection::Send(std::string_view head, std::string&& body) {
   Close();
 }
 
-// True when a response is complete and the connection lives on.
+// True when a response is complete and the connection stays open.
 bool Connection::Flush() {
   std::string_view head = out_head_;
   std::string_view body = std::string_view(out_body_).substr(out_body_sent_);
@@ -104,7 +104,7 @@ void Connection::FinishResponse() {
   EnterHead(io_.server().options.limits.idle);
 }
 
-// After a response that did not come from Process(): uses what came meanwhile.
+// After a response that did not come from Process(): processes the input that arrived meanwhile.
 void Connection::Continue() {
   if (phase_ != Phase::kHead) return;
   if (!buffer_.empty()) Take({});

@@ -15,7 +15,7 @@ namespace vexa::daemon {
 namespace {
 
 constexpr std::chrono::milliseconds kSweepInterval{500};
-// Beyond this many at once, refused connections are just closed.
+// Above this number, refused connections are closed without a response.
 constexpr std::size_t kMaxRefusals = 64;
 
 }  // namespace
@@ -38,7 +38,7 @@ IoThread::~IoThread() {
 }
 
 void IoThread::Start() {
-  // Signals are for the daemon's own threads. SIGPIPE in particular: TLS writes with write(2).
+  // Signals are handled by the daemon's own threads. SIGPIPE in particular, because TLS writes with write(2).
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -65,7 +65,7 @@ void IoThread::Run() {
       context_.run();
       return;
     } catch (const std::exception& failure) {
-      // Out of memory, most likely. The connection concerned ends at its deadline; the others go on.
+      // Probably out of memory. The affected connection ends at its deadline; the others continue.
       syslog(LOG_ERR, "HTTP server: an event failed: %s", failure.what());
     }
   }
@@ -146,11 +146,11 @@ void IoThread::Deliver(Answer&& answer) {
   try {
     connection->Deliver(std::move(answer));
   } catch (const std::exception&) {
-    connection->Close();  // out of memory; the answers behind this one must still be delivered
+    connection->Close();  // out of memory; the answers after this one must still be delivered
   }
 }
 
-// One timer for all deadlines; it rests while there is no connection.
+// One timer for all deadlines. It does not run while there is no connection.
 void IoThread::ArmSweep() {
   if (sweeping_ || connections_ == 0) return;
   sweeping_ = true;
@@ -171,7 +171,7 @@ void IoThread::Sweep() {
     try {
       connection->OnDeadline();
     } catch (const std::exception&) {
-      connection->Close();  // the sweep must go on
+      connection->Close();  // the sweep must continue
     }
   }
 }

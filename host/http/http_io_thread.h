@@ -19,8 +19,8 @@ namespace vexa::daemon {
 
 class Connection;
 
-// Threads: Start, Join, Post and the constructor and destructor belong to the server; the rest to the I/O thread
-// itself.
+// Threads: the server calls Start, Join, Post, the constructor and the destructor; only the I/O thread itself calls the
+// rest.
 class IoThread {
  public:
   // `on_settled` is called once, when BeginStop() has left no connection with work to do.
@@ -29,7 +29,7 @@ class IoThread {
   IoThread(const IoThread&) = delete;
   IoThread& operator=(const IoThread&) = delete;
 
-  void Start();  // throws std::system_error when there is no thread to be had
+  void Start();  // throws std::system_error when a thread cannot be created
   void Join();
   void Post(std::function<void()> work);
   boost::asio::io_context& context() { return context_; }
@@ -69,7 +69,7 @@ class IoThread {
   std::vector<std::size_t> free_slots_;
   std::size_t connections_ = 0;
   std::size_t unsettled_ = 0;
-  std::size_t refusals_ = 0;  // connections that are here only to be told so
+  std::size_t refusals_ = 0;  // connections that exist only to be refused
   bool stopping_ = false;
   std::uint64_t last_request_ = 0;
   std::unique_ptr<std::array<char, 64 * 1024>> read_scratch_;

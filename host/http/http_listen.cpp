@@ -74,7 +74,7 @@ Result<Address> ParseUnix(const std::string& path) {
 
 int NewSocket(int family) { return ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
 
-// Removes what a process that is gone left behind at `path`.
+// Removes the socket that a dead process left behind at `path`.
 Status RemoveStale(const std::string& path, Address address) {
   struct stat file {};
   if (::lstat(path.c_str(), &file) != 0) return errno == ENOENT ? Status() : Failed(path, errno);
@@ -127,8 +127,8 @@ Result<ListeningSocket> ListeningSocket::OpenUnix(const ListenerOptions& options
   ListeningSocket made;
   made.fd_ = NewSocket(AF_UNIX);
   if (made.fd_ < 0) return Failed(options.path, errno);
-  // The file takes the socket's mode: nobody can connect before the mode below is set, and the process's umask, which
-  // other threads use meanwhile, stays as it is.
+  // The file inherits the socket's mode. No client can connect before the mode below is set, and the process's umask,
+  // which other threads rely on, is not touched.
   ::fchmod(made.fd_, 0);
   if (::bind(made.fd_, address->get(), address->size) != 0) return Failed(options.path, errno);
   struct stat file {};

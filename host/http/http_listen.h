@@ -11,11 +11,11 @@
 
 namespace vexa::daemon {
 
-// A listening, non-blocking socket. Closed, and a Unix socket's file removed, when destroyed.
+// A listening, non-blocking socket. The destructor closes it and removes a Unix socket's file.
 class ListeningSocket {
  public:
-  // Errors: kInvalid (not an address or path), kBusy (somebody listens there), kConflict (the path is something else
-  // than a socket), kDenied, kInternal. Each names the address. An IPv6 listener takes IPv6 only.
+  // Errors: kInvalid (not an address or path), kBusy (another process listens there), kConflict (the path exists and is
+  // not a socket), kDenied, kInternal. Each names the address. An IPv6 listener takes IPv6 only.
   static Result<ListeningSocket> Open(const ListenerOptions& options);
 
   ListeningSocket(ListeningSocket&& other) noexcept;
@@ -24,7 +24,7 @@ class ListeningSocket {
 
   int fd() const { return fd_; }
   std::uint16_t port() const { return port_; }
-  // The descriptor now belongs to the caller; the file still to this.
+  // The descriptor now belongs to the caller; this object still owns the file.
   int Release();
 
  private:
@@ -34,7 +34,7 @@ class ListeningSocket {
 
   int fd_ = -1;
   std::uint16_t port_ = 0;
-  std::string path_;  // of the file to remove, if it still is the one that was made
+  std::string path_;  // of the file to remove, if it is still the one that was created
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };

@@ -8,7 +8,7 @@ void Mailbox::Put(Answer answer) {
   const std::lock_guard lock(mutex_);
   if (context_ == nullptr) return;
   waiting_.push_back(std::move(answer));
-  // One wake-up for all that gather until the I/O thread comes.
+  // One wake-up for all answers that gather until the I/O thread runs.
   if (waiting_.size() == 1) boost::asio::post(*context_, [self = shared_from_this()] { self->Deliver(); });
 }
 

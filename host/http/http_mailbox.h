@@ -16,7 +16,7 @@
 namespace vexa::daemon {
 
 struct Answer {
-  std::size_t slot = 0;                  // where the connection is, if `request` is still its
+  std::size_t slot = 0;                  // where the connection is, if it still serves `request`
   std::uint64_t request = 0;             // unique on the I/O thread
   std::optional<HttpResponse> response;  // none: every responder was dropped
 };
@@ -24,7 +24,7 @@ struct Answer {
 // Outlives the I/O thread as long as a responder exists. Threads: any.
 class Mailbox : public std::enable_shared_from_this<Mailbox> {
  public:
-  // `deliver` runs on `context`'s thread, with several answers at once where they come quickly.
+  // `deliver` runs on the thread of `context`, for several answers in a row when they come quickly.
   Mailbox(boost::asio::io_context& context, std::function<void(Answer&&)> deliver)
       : context_(&context), deliver_(std::move(deliver)) {}
 
@@ -41,7 +41,7 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   boost::asio::io_context* context_;  // null once closed
   std::function<void(Answer&&)> deliver_;
   std::vector<Answer> waiting_;
-  std::vector<Answer> delivering_;  // I/O thread only; kept for its memory
+  std::vector<Answer> delivering_;  // I/O thread only; kept to reuse its memory
 };
 
 // One request's way back. Destroyed with the last copy of its Responder.

@@ -13,15 +13,16 @@ namespace {
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
 
-// What is set aside for a body at once. A client that only announces a large body gets no more than this.
+// The initial allocation for a body. A client that only announces a large body gets no more than this.
 constexpr std::uint64_t kFirstBodyBytes = 16 * 1024;
-// "0", two line ends: between chunks at least this much must still come. The parser takes for granted that it sees so
-// much of a last chunk at once, and a client that sends single bytes would end the process.
+// "0" and two line ends: between chunks, at least this many bytes must follow. The parser assumes that it sees this
+// much of a last chunk in one piece; without this check, a client that sends single bytes would end the process.
 constexpr std::size_t kShortestChunkEnd = 5;
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
 
-// Whether `bytes`, from the end of one chunk, hold the whole line that begins the next, which is not the last one.
+// Whether `bytes`, from the end of one chunk, contain the complete first line of the next one, and that is not the last
+// chunk.
 bool HasChunkHead(std::string_view bytes) {
   if (bytes.starts_with("\r\n")) bytes.remove_prefix(2);
   const std::size_t digit = bytes.find_first_not_of('0');
@@ -61,7 +62,7 @@ class RequestParser::Impl : public http::basic_parser<true> {
 
   void on_field_impl(http::field field, beast::string_view name, beast::string_view value,
                      beast::error_code& /*error*/) override {
-    if (head_done_) return;  // a trailer: it must not change who calls
+    if (head_done_) return;  // a trailer, which must not change the caller's identity
     switch (field) {
       case http::field::content_type:
         request_.content_type = View(value);
@@ -84,7 +85,7 @@ class RequestParser::Impl : public http::basic_parser<true> {
     }
   }
 
-  // Fields that the parser does not know.
+  // Fields that the parser has no constant for.
   void SetOwnField(std::string_view name, std::string_view value) {
     if (EqualsIgnoringCase(name, "X-Vexa-CSRF")) request_.csrf_token = value;
     if (EqualsIgnoringCase(name, "X-Vexa-Acts-For")) request_.acts_for = value;
@@ -123,7 +124,7 @@ class RequestParser::Impl : public http::basic_parser<true> {
 };
 
 RequestParser::RequestParser(std::size_t body_limit) : impl_(std::make_unique<Impl>()) {
-  // The caller bounds the head, as it must find its end anyway.
+  // The caller limits the head, because it has to find its end anyway.
   impl_->header_limit(std::numeric_limits<std::uint32_t>::max());
   impl_->body_limit(body_limit);
 }
@@ -143,7 +144,7 @@ int RequestParser::ParseHead(std::string_view head) {
 }
 
 bool RequestParser::expects_body() const { return !impl_->is_done(); }
-// HTTP/1.0 knows no interim responses.
+// HTTP/1.0 has no interim responses.
 bool RequestParser::expects_continue() const { return impl_->expects_continue_ && !impl_->http_1_0_; }
 bool RequestParser::keep_alive() const { return impl_->keep_alive_; }
 bool RequestParser::is_http_1_0() const { return impl_->http_1_0_; }
@@ -155,8 +156,8 @@ RequestParser::Progress RequestParser::ParseBody(std::string_view bytes) {
     beast::error_code error;
     progress.consumed = impl_->put({bytes.data(), bytes.size()}, error);
     if (error && error != http::error::need_more) progress.status = StatusOf(error);
-    // An extension with an open quote: the parser would wait for the rest of a line that has ended, and take the
-    // chunk's size off the body's limit each time that it looks.
+    // An extension with an open quote: the parser would wait for the rest of a line that has already ended, and
+    // subtract the chunk's size from the body limit on each attempt.
     if (error == http::error::need_more && impl_->chunked_ && impl_->chunk_left_ == 0 &&
         HasChunkHead(bytes.substr(progress.consumed))) {
       progress.status = 400;

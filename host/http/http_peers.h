@@ -1,4 +1,4 @@
-// How many connections there are, in total and per peer.
+// Counts connections, in total and per peer.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +29,8 @@ class PeerCounter : public std::enable_shared_from_this<PeerCounter> {
     std::string key_;
   };
 
-  // Null when there is no place left for this peer. A TCP peer is its address, a Unix peer its user id.
+  // Null when this peer or the server has no place left. A TCP peer is identified by its address, a Unix peer by its
+  // user id.
   std::unique_ptr<Place> Enter(const Peer& peer);
 
   std::size_t total() const;

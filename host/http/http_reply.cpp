@@ -55,7 +55,7 @@ constexpr Reason kReasons[] = {
     {505, "HTTP Version Not Supported"},
 };
 
-// A handler's fields of these names would contradict the server's.
+// Fields with these names from a handler would contradict the server's own.
 constexpr std::string_view kOwnFields[] = {"Connection",
                                            "Content-Length",
                                            "Content-Type",
@@ -129,7 +129,7 @@ void AppendReplyHead(std::string& out, const HttpResponse& response, std::string
   out.append("\r\n");
 }
 
-// By hand, as strftime() would speak the locale's language.
+// By hand, because strftime() would use the locale's language.
 std::string HttpDate(std::time_t time) {
   static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -145,7 +145,7 @@ std::string HttpDate(std::time_t time) {
 
 std::string NewRequestId() {
   static std::atomic<std::uint64_t> next{RandomStart()};
-  // A one-to-one mix, so different numbers stay different but neighbours do not look alike.
+  // A one-to-one mix: different numbers stay different, but neighbours do not look alike.
   std::uint64_t id = next.fetch_add(0x9e3779b97f4a7c15U, std::memory_order_relaxed);
   id = (id ^ (id >> 30)) * 0xbf58476d1ce4e5b9U;
   id = (id ^ (id >> 27)) * 0x94d049bb133111ebU;

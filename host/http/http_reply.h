@@ -1,4 +1,4 @@
-// A response as bytes.
+// Renders a response as bytes.
 #pragma once
 
 #include <ctime>
@@ -12,7 +12,7 @@ namespace vexa::daemon {
 enum class AfterReply { kKeepAlive, kKeepAliveForHttp10, kClose };
 
 // Appends the status line and the fields of `response` to `out`. Fields with characters that could end a line, and
-// those that are the server's own (framing, date, id), are left out. `response.status` is 200 to 599.
+// fields that the server sets itself (framing, date, id), are left out. `response.status` is 200 to 599.
 void AppendReplyHead(std::string& out, const HttpResponse& response, std::string_view request_id, std::string_view date,
                      AfterReply after);
 
@@ -22,7 +22,7 @@ bool StatusHasBody(int status);
 // "Sun, 06 Nov 1994 08:49:37 GMT"
 std::string HttpDate(std::time_t time);
 
-// 16 hex digits, different for every call in a process and most likely among processes. Threads: any.
+// 16 hex digits, unique within a process and most likely across processes. Threads: any.
 std::string NewRequestId();
 
 }  // namespace vexa::daemon

@@ -11,7 +11,7 @@ constexpr int kAcceptable = 0;
 constexpr std::array<std::string_view, 8> kMethods = {"GET",    "POST",    "HEAD",  "PUT",
                                                       "DELETE", "OPTIONS", "PATCH", "TRACE"};
 
-// Fields that decide who calls and what the body is. Two of one kind would leave the choice to chance.
+// Fields that decide who calls and what the body is. With two of one kind, the choice would be arbitrary.
 enum Single {
   kHost,
   kContentLength,
@@ -94,7 +94,7 @@ class FieldChecker {
   bool Take(std::string_view line) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) return false;
-    // A blank before the colon, or at the start of the line (a continued field), is no token character.
+    // A blank before the colon, or at the start of the line (a continued field), is not a token character.
     const std::string_view name = line.substr(0, colon);
     const std::string_view value = Trimmed(line.substr(colon + 1));
     if (!IsToken(name) || !IsFieldValue(value)) return false;

@@ -84,7 +84,7 @@ Status HttpServer::Impl::Listen() {
 void HttpServer::Impl::Run() {
   for (const auto& thread : threads_) {
     thread->Start();
-    running_ = true;  // the first one runs; should another not start, Stop() has something to stop
+    running_ = true;  // the first one runs; if another does not start, Stop() has something to stop
   }
   for (const auto& acceptor : acceptors_) threads_.front()->Post([acceptor] { acceptor->Start(); });
 }

@@ -1,4 +1,4 @@
-// The HTTP/1.1 server: sockets, framing, limits, deadlines. What a request means is decided elsewhere.
+// The HTTP/1.1 server: sockets, framing, limits, deadlines. It does not know what a request means.
 #pragma once
 
 #include <sys/types.h>
@@ -17,7 +17,7 @@
 
 namespace vexa::daemon {
 
-// Who is at the other end of a connection.
+// The other end of a connection.
 struct Peer {
   enum class Kind { kTcp, kUnix };
   Kind kind = Kind::kTcp;
@@ -29,7 +29,7 @@ struct Peer {
 };
 
 struct HttpRequest {
-  std::string id;      // 16 hex digits, new for every request; on_header may put another one of this form in its place
+  std::string id;      // 16 hex digits, new for every request; on_header may replace it with another of this form
   std::string method;  // "GET", "POST", …
   std::string target;  // as received: starts with "/", no control characters, no fragment
   // Header fields, "" when absent. Taken before the body is read, so that trailers cannot change them.
@@ -38,26 +38,26 @@ struct HttpRequest {
   std::string cookie;
   std::string csrf_token;  // X-Vexa-CSRF
   std::string origin;
-  // Of requests between hosts; anybody can send them.
+  // For requests between hosts, but any client can send them.
   std::string acts_for;           // X-Vexa-Acts-For
   std::string caller_request_id;  // X-Vexa-Request-Id
   std::string body;
   // on_header may lower this: a longer body is refused with 413 before it is in memory.
   std::size_t body_limit = std::numeric_limits<std::size_t>::max();
   Peer peer;
-  std::shared_ptr<void> context;  // what on_header leaves for on_request
+  std::shared_ptr<void> context;  // what on_header passes on to on_request
 };
 
 struct HttpResponse {
   int status = 200;
   std::string content_type = "application/json";
   std::string body;
-  std::vector<std::pair<std::string, std::string>> headers;  // further fields; no CR or LF in either part
+  std::vector<std::pair<std::string, std::string>> headers;  // additional fields; no CR or LF in either part
 };
 
 // Sends the one response of a request. Copyable; every copy stands for the same request.
-// Threads: any. Calls after the first do nothing. When the last copy goes without a call, the client gets a 500.
-// Sending after the client has left, or after the server has gone, is harmless.
+// Threads: any. Calls after the first do nothing. When the last copy is destroyed without a call, the client gets a
+// 500. Sending after the client has left, or after the server is gone, is harmless.
 class Responder {
  public:
   class Impl;
@@ -72,14 +72,14 @@ struct ListenerOptions {
   enum class Kind { kTcp, kUnix };
   Kind kind = Kind::kTcp;
   std::string address = "127.0.0.1";  // numeric IPv4 or IPv6; an IPv6 listener takes IPv6 only
-  std::uint16_t port = 0;             // 0: any free one, see HttpServer::port
+  std::uint16_t port = 0;             // 0: any free port, see HttpServer::port
   std::string path;    // Unix socket; a stale one is replaced, a live one is kBusy, anything else kConflict
-  mode_t mode = 0666;  // of the Unix socket: who may connect at all; the daemon decides who may do what
+  mode_t mode = 0666;  // of the Unix socket: who may connect at all; the daemon decides what a client may do
   // TLS when the first two are set. Private keys that others may read are refused.
   std::string certificate_file;
   std::string key_file;
-  std::string client_authority_file;  // set: a client may show a certificate signed by it; one that it did not sign
-                                      // ends the handshake
+  std::string client_authority_file;  // when set, a client may present a certificate signed by it; any other
+                                      // certificate fails the handshake
 };
 
 struct ServerLimits {
@@ -99,12 +99,12 @@ struct ServerOptions {
   ServerLimits limits;
   int io_threads = 2;
 
-  // Called on an I/O thread after the header, before the body: a response refuses the request. Must not block.
+  // Called on an I/O thread after the header, before the body. A returned response refuses the request. Must not block.
   // Optional.
   std::function<std::optional<HttpResponse>(HttpRequest&)> on_header;
   // Called on an I/O thread with the whole request. Must not block: hand longer work to a lane.
   std::function<void(HttpRequest&&, Responder)> on_request;
-  // The reply for what the server refuses by itself: 400, 408, 413, 414, 417, 431, 500, 501, 503, 505.
+  // Makes the response when the server itself refuses a request: 400, 408, 413, 414, 417, 431, 500, 501, 503, 505.
   std::function<HttpResponse(int status, const std::string& request_id)> make_error;
 };
 
@@ -116,20 +116,20 @@ struct ServerStats {
   std::uint64_t refused_by_server = 0;  // answered with make_error
 };
 
-// Threads: construct and destroy on one; the rest any.
+// Threads: construct and destroy on one; any for the rest.
 class HttpServer {
  public:
   // Binds and listens. Errors name the address and the reason.
   static Result<std::unique_ptr<HttpServer>> Start(ServerOptions options);
-  // Stops as Stop(0 s) does.
+  // Same as Stop(0 s).
   ~HttpServer();
 
-  // The port that listener `index` got.
+  // The port that listener `index` was bound to.
   std::uint16_t port(std::size_t index) const;
 
-  // Closes the listeners and idle connections, lets requests that have begun finish (their responses say
-  // "Connection: close"), at most `deadline`; then closes what is left. True when nothing had to be cut. Removes Unix
-  // sockets. Not from the callbacks in ServerOptions: it waits for the threads that run them.
+  // Closes the listeners and idle connections, and lets requests that have begun finish (their responses say
+  // "Connection: close") for at most `deadline`; then closes the rest. True when nothing had to be cut off. Removes
+  // Unix sockets. Do not call it from the callbacks in ServerOptions: it waits for the threads that run them.
   bool Stop(std::chrono::milliseconds deadline);
 
   ServerStats stats() const;

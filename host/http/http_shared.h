@@ -1,4 +1,4 @@
-// What all I/O threads of a server have in common.
+// State shared by all I/O threads of a server.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@
 namespace vexa::daemon {
 
 // Bound to a context's executor directly: each context has one thread, so there is nothing to serialise and nothing to
-// look up at run time. One type of socket for TCP and Unix.
+// look up at run time. One socket type for TCP and Unix.
 using Executor = boost::asio::io_context::executor_type;
 using StreamSocket = boost::asio::basic_stream_socket<boost::asio::generic::stream_protocol, Executor>;
 using Timer = boost::asio::basic_waitable_timer<std::chrono::steady_clock,
@@ -34,7 +34,7 @@ struct ServerShared {
   std::atomic<std::uint64_t> requests = 0;
   std::atomic<std::uint64_t> refused_by_server = 0;
 
-  // options.make_error, or a plain response where that is missing, throws or answers with no error.
+  // Calls options.make_error; a plain response when that is missing, throws or does not return an error status.
   HttpResponse MakeError(int status, const std::string& request_id);
 };
 
@@ -43,7 +43,7 @@ struct Accepted {
   Accepted() = default;
   Accepted(Accepted&& other) noexcept;
   Accepted& operator=(Accepted&&) = delete;
-  ~Accepted();  // closes what nobody released
+  ~Accepted();  // closes the descriptor unless it was released
   int Release();
 
   int fd = -1;

@@ -13,7 +13,7 @@
 namespace vexa::daemon {
 namespace {
 
-// Clients come back within this time without a full handshake. Also how long a revoked certificate lives on.
+// Clients may resume within this time without a full handshake. A revoked certificate stays usable for as long.
 constexpr long kSessionLifetimeS = 3600;
 constexpr std::size_t kMaxKeyBytes = 64 * 1024;
 
@@ -30,10 +30,10 @@ Error TlsFailed(const std::string& what, const std::string& path) {
   return Error(ErrorCode::kInvalid, "Cannot use " + what + " '" + path + "'", text);
 }
 
-// The daemon has no terminal on which to ask for a password.
+// The daemon has no terminal to ask for a password.
 int NoPassword(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) { return 0; }
 
-// Opened first and checked through the descriptor, so that what was checked is what is read.
+// Opened first and checked through the descriptor, so that the checked file is the one that is read.
 Result<std::string> ReadPrivateFile(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
@@ -73,7 +73,7 @@ Status UseClientAuthority(SSL_CTX* context, const std::string& path) {
     return TlsFailed("the authority", path);
   }
   SSL_CTX_set_client_CA_list(context, names);
-  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);  // asked for, not demanded
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);  // requested, not required
   return {};
 }
 
@@ -92,7 +92,7 @@ Result<TlsContext> MakeTlsContext(const ListenerOptions& options) {
   SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_CIPHER_SERVER_PREFERENCE);
   SSL_CTX_set_mode(context.get(),
                    SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
-  // Sessions live in tickets that the client keeps; without the id context, those with a client certificate would fail.
+  // Sessions live in tickets that the client keeps. Without the id context, those with a client certificate would fail.
   SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
   SSL_CTX_set_timeout(context.get(), kSessionLifetimeS);
   const unsigned char id_context[] = "vexa";

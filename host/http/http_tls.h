@@ -13,12 +13,11 @@ namespace vexa::daemon {
 
 using TlsContext = std::shared_ptr<SSL_CTX>;
 
-// Null when the listener has no certificate. Errors: kInvalid (one of certificate and key is missing, they do not fit,
-// a file cannot be understood), kDenied (others than the owner may read the key), kNotFound.
+// Null when the listener has no certificate. Errors: kInvalid (one of certificate and key is missing, they do not
+// match, a file cannot be parsed), kDenied (someone other than the owner may read the key), kNotFound.
 Result<TlsContext> MakeTlsContext(const ListenerOptions& options);
 
-// The common name of the certificate that the client showed and that was verified; "" when there is none or not just
-// one.
+// The common name of the verified client certificate; "" when there is no certificate or not exactly one name.
 std::string VerifiedCommonName(SSL* ssl);
 
 }  // namespace vexa::daemon

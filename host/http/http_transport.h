@@ -1,4 +1,4 @@
-// Bytes in and out of a connected, non-blocking socket, with or without TLS. Readiness is awaited elsewhere.
+// Moves bytes through a connected, non-blocking socket, with or without TLS. Waiting for readiness happens elsewhere.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -10,11 +10,11 @@
 namespace vexa::daemon {
 
 enum class IoState {
-  kDone,       // some bytes went through; for the handshake: it is finished
-  kWantRead,   // try again when the socket can be read
-  kWantWrite,  // try again when it can be written
+  kDone,       // some bytes were transferred; for the handshake: it is finished
+  kWantRead,   // retry when the socket is readable
+  kWantWrite,  // retry when the socket is writable
   kEnd,        // the peer will send nothing more
-  kFailed,     // of no further use
+  kFailed,     // no longer usable
 };
 
 struct IoResult {
@@ -33,13 +33,13 @@ class Transport {
 
   IoResult Handshake();
   IoResult Read(char* buffer, std::size_t size);
-  // Sends from `head`, then from `body`. After kWant… the same bytes must come again.
+  // Sends from `head`, then from `body`. After kWant… the caller must pass the same bytes again.
   IoResult Write(std::string_view head, std::string_view body);
-  // Bytes that have left the socket but were not read yet; no readiness will tell of them.
+  // Bytes that have left the socket but have not been read yet. There is no readiness event for them.
   bool HasPending() const { return ssl_ != nullptr && SSL_has_pending(ssl_.get()) == 1; }
-  // Tells the peer that nothing follows.
+  // Signals the peer that nothing follows.
   void ShutdownWrite();
-  // Reads past TLS and throws away.
+  // Reads past TLS and discards.
   IoResult Discard(char* buffer, std::size_t size);
 
  private:

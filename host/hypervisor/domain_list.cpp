@@ -37,7 +37,7 @@ Result<DomainText> Describe(virDomainPtr domain, unsigned int flags) {
     return Failed("Cannot read the XML of the domain '" + result.name + "'");
   }
   int autostart = 0;
-  // Transient domains and drivers that start nothing by themselves have no such flag.
+  // Transient domains, and drivers without autostart, do not have this flag.
   if (virDomainGetAutostart(domain, &autostart) != 0) {
     const int code = virGetLastErrorCode();
     if (code != VIR_ERR_OPERATION_INVALID && code != VIR_ERR_NO_SUPPORT) {
@@ -65,10 +65,10 @@ DomainConnection::~DomainConnection() = default;
 
 Result<std::unique_ptr<DomainConnection>> DomainConnection::Open(const std::string& uri) {
   if (uri.empty()) return Error(ErrorCode::kInvalid, "The libvirt URI is empty: give one such as 'qemu:///system'");
-  // Errors come back as results; libvirt would print them to stderr as well.
+  // Errors are returned as results; libvirt would also print them to stderr.
   virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
   if (virInitialize() != 0) return Failed("Cannot use libvirt");
-  // Passwords of screens are a part of the definition, which libvirt shows to those who may change it.
+  // Screen passwords are part of the definition, which libvirt shows to callers that may change it.
   unsigned int flags = VIR_DOMAIN_XML_SECURE;
   Connection connection(virConnectOpen(uri.c_str()));
   if (!connection) {

@@ -1,4 +1,4 @@
-// The domains that a libvirt connection knows, as XML.
+// Lists the domains that a libvirt connection knows, as XML.
 #pragma once
 
 #include <cstdint>
@@ -13,26 +13,26 @@ namespace vexa::hypervisor {
 struct DomainText {
   std::string name;
   std::string id;   // UUID
-  std::string xml;  // of the inactive domain: what it will be at its next start
+  std::string xml;  // of the inactive domain: its configuration at the next start
   bool autostart = false;
 };
 
-// A connection to libvirt that changes nothing. The XML has the passwords of screens where the caller has the right to
-// change domains, and lacks them where libvirt only lets it read. Calls block for as long as libvirt does.
+// A read-only user of libvirt. The XML contains screen passwords where the caller has the right to change domains, and
+// lacks them where libvirt grants only reading. Calls block for as long as libvirt does.
 // Threads: one at a time.
 class DomainConnection {
  public:
-  // `uri` as libvirt takes it: "qemu:///system", "test:///default", … Not empty: libvirt would choose one by itself.
-  // Errors: kInvalid (empty), kUnavailable with libvirt's sentence as the cause. Silences libvirt's own printing of
-  // errors for the whole process.
+  // `uri` is a libvirt URI: "qemu:///system", "test:///default", … It must not be empty, because libvirt would then
+  // choose one. Errors: kInvalid (empty), kUnavailable with libvirt's sentence as the cause. Silences libvirt's own
+  // printing of errors for the whole process.
   static Result<std::unique_ptr<DomainConnection>> Open(const std::string& uri);
   ~DomainConnection();
 
-  // All domains, running or not, by name. A domain that goes away meanwhile is left out.
+  // All domains, running or not, by name. A domain that disappears meanwhile is left out.
   Result<std::vector<DomainText>> List() const;
 
-  // The size in bytes, as the guest sees it, of the disk of domain `id` whose source is `path`, on whatever machine the
-  // connection leads to. kUnavailable when libvirt does not tell.
+  // The size in bytes, as the guest sees it, of the disk of domain `id` whose source is `path`, on the machine that the
+  // connection leads to. kUnavailable when libvirt does not report it.
   Result<std::uint64_t> DiskSize(const std::string& id, const std::string& path) const;
 
  private:

@@ -19,7 +19,7 @@
 namespace vexa::hypervisor {
 namespace {
 
-// "0-1,4-5" counts four.
+// "0-1,4-5" counts as four.
 unsigned CountCpus(const std::string& list) {
   std::istringstream ranges(list);
   std::string range;
@@ -80,7 +80,7 @@ bool IsOnlyRoot(const std::string& root) {
   return first == root;
 }
 
-// The driver would have what QEMU prints kept by a daemon of libvirt's, and not start without it.
+// By default the driver has a libvirt daemon keep QEMU's output, and does not start without that daemon.
 Outcome<void> WriteConfiguration(const std::string& root) {
   const std::string folder = root + "/etc";
   const std::string file = folder + "/qemu.conf";
@@ -114,8 +114,8 @@ Outcome<Target> EmbedTarget(const std::string& root) {
   return Target{TargetKind::kEmbed, "qemu:///embed?root=" + PercentEncode(root), nullptr, root};
 }
 
-// test:///default has a guest of its own, and all users of a process share it. A file gives an empty machine, each
-// connection its own.
+// test:///default has a guest of its own, and all users of a process share it. A file gives an empty machine, private
+// to each connection.
 Outcome<Target> TestTarget() {
   const auto failed = [](int error_number) {
     const Error error = SystemError(ErrorCode::kInternal, "", error_number);

@@ -11,25 +11,26 @@ namespace vexa::hypervisor {
 namespace {
 
 void Run() {
-  // One failed round, out of descriptors perhaps, must not end the events of a host, and many must not eat a processor.
-  constexpr std::chrono::milliseconds kAfterFailure{100};
+  // One failed round, for lack of descriptors perhaps, must not end the host's events, and many must not use up a
+  // processor.
+  constexpr std::chrono::milliseconds kPauseAfterFailure{100};
   for (;;) {
-    if (virEventRunDefaultImpl() < 0) std::this_thread::sleep_for(kAfterFailure);
+    if (virEventRunDefaultImpl() < 0) std::this_thread::sleep_for(kPauseAfterFailure);
   }
 }
 
 Outcome<void> Start() {
-  // Errors come back as results; libvirt would print them to stderr as well.
+  // Errors are returned as results; libvirt would also print them to stderr.
   virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
   if (virInitialize() != 0 || virEventRegisterDefaultImpl() != 0) {
     return LastFailure(Operation::kOpen, "Cannot use libvirt");
   }
-  // Signals are for the threads of the program that wait for them.
+  // Signals belong to the threads of the program that wait for them.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  // It ends with the process: connections of other parts may still need it when main has returned.
+  // It ends with the process: other parts' connections may still need it when main has returned.
   std::thread(Run).detach();
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return {};

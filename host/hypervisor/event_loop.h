@@ -5,9 +5,9 @@
 
 namespace vexa::hypervisor {
 
-// Starts the loop on a thread of its own, the first time; later calls give what the first gave. To be called before any
-// connection is opened: libvirt has its monitors and events served by the loop that was there then.
-// Failures: kFailed. Threads: any.
+// Starts the loop on a thread of its own the first time; later calls return the first result. Must be called before any
+// connection is opened: libvirt uses the loop that existed then for its monitors and events. Failures: kFailed.
+// Threads: any.
 Outcome<void> StartEventLoop();
 
 }  // namespace vexa::hypervisor

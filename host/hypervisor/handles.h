@@ -1,4 +1,4 @@
-// Owners of libvirt's objects. For host/hypervisor/*.cpp only.
+// Owning handles for libvirt's objects. For host/hypervisor/*.cpp only.
 #pragma once
 
 #include <libvirt/libvirt.h>

@@ -45,7 +45,7 @@ class Mapping {
 constexpr std::size_t kPage = 4096;
 constexpr unsigned char kHalt = 0xF4;
 
-// Real mode, from the beginning of the page.
+// Real mode, from the start of the page.
 bool SetRegisters(int vcpu) {
   kvm_sregs segments{};
   if (ioctl(vcpu, KVM_GET_SREGS, &segments) < 0) return false;

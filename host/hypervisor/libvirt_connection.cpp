@@ -11,7 +11,7 @@
 namespace vexa::hypervisor {
 namespace {
 
-// libvirt's callbacks carry a number in place of a pointer: one that comes late, when its link is gone, finds nothing.
+// libvirt's callbacks carry a number instead of a pointer, so a late callback whose link is gone finds nothing.
 class Registry {
  public:
   std::uintptr_t Add(Link& link) {
@@ -44,8 +44,8 @@ Registry& Links() {
 
 bool IsEmbedded(const std::string& uri) { return uri.find(":///embed?") != std::string::npos; }
 
-// With each connection the embedded driver registers itself anew, in a table of libvirt's that has few places. So a
-// process has one connection to it, which is never closed: there is nothing to lose it to.
+// With each connection, the embedded driver registers itself again in a libvirt table with few entries. So a process
+// has one connection to it, which is never closed: it cannot be lost.
 std::shared_ptr<virConnect> OpenEmbedded(const std::string& uri) {
   static std::mutex mutex;
   static auto& opened = *new std::map<std::string, std::shared_ptr<virConnect>>;
@@ -66,11 +66,12 @@ enum class Activity { kOff, kActive };
 std::optional<GuestState> StateAfter(int event, int detail, Activity activity) {
   switch (event) {
     case VIR_DOMAIN_EVENT_DEFINED:
-      // An update changes what the guest will be, not whether it runs; and others may define a guest that runs.
+      // An update changes the guest's configuration, not whether it runs; and another program may define a guest that
+      // runs.
       if (detail == VIR_DOMAIN_EVENT_DEFINED_ADDED && activity == Activity::kOff) return GuestState::kOff;
       return std::nullopt;
     case VIR_DOMAIN_EVENT_UNDEFINED:
-      // A guest that others undefine while it runs goes on until it stops.
+      // A guest that another program undefines while it runs keeps running until it stops.
       if (activity == Activity::kActive) return std::nullopt;
       return GuestState::kGone;
     case VIR_DOMAIN_EVENT_STARTED:
@@ -94,7 +95,7 @@ std::optional<GuestState> StateAfter(int event, int detail, Activity activity) {
 }
 
 int OnLifecycle(virConnectPtr, virDomainPtr domain, int event, int detail, void* opaque) {
-  // What the event says of the guest, not a question to the driver.
+  // Taken from the event itself, not from a query to the driver.
   const bool active = virDomainGetID(domain) != static_cast<unsigned>(-1);
   const std::optional<GuestState> state = StateAfter(event, detail, active ? Activity::kActive : Activity::kOff);
   std::array<char, VIR_UUID_STRING_BUFLEN> id{};
@@ -138,7 +139,7 @@ class Link::Attachment {
   bool Register() {
     constexpr int kInterval_s = 5;
     constexpr unsigned kMissing = 5;
-    // Drivers in this process have no peer that could go silent, and say so.
+    // In-process drivers have no peer that could go silent, and report so.
     virConnectSetKeepAlive(connection_.get(), kInterval_s, kMissing);
     void* const opaque = reinterpret_cast<void*>(id_);
     // A connection has room for one such callback, and several links may share an embedded one.
@@ -204,7 +205,7 @@ void Link::WaitForEvent(std::uint64_t seen, std::chrono::steady_clock::time_poin
 
 void Link::Push(GuestEvent event) {
   const std::lock_guard lock(mutex_);
-  // QEMU's driver says of one start that the guest was started, and that it was resumed.
+  // For one start, QEMU's driver reports both that the guest was started and that it was resumed.
   const auto [known, added] = told_.emplace(event.id, event.state);
   if (!added && known->second == event.state) return;
   known->second = event.state;
@@ -251,7 +252,7 @@ void Link::Reopen(std::unique_lock<std::mutex>& lock) {
   lock.unlock();
   old.reset();
   lock.lock();
-  // What the old connection told comes before the news of the new one.
+  // Events of the old connection are delivered before the notice of the new one.
   DeliverEvents(lock);
   std::chrono::milliseconds wait = options_.first_retry;
   while (!woken_.wait_for(lock, wait, [this] { return stopping_; })) {

@@ -1,4 +1,4 @@
-// A connection to libvirt that is opened again whenever it is lost, and its events. For host/hypervisor/*.cpp only.
+// A libvirt connection that is reopened whenever it is lost, and its events. For host/hypervisor/*.cpp only.
 #pragma once
 
 #include <chrono>
@@ -28,18 +28,18 @@ struct LinkOptions {
 // Threads: any, at the same time. The callbacks run on the link's own thread, one at a time.
 class Link {
  public:
-  // The event loop must run. Failures: what libvirt says, but for kDisconnected when it may be opened later.
+  // The event loop must be running. Failures: those of libvirt, except kDisconnected when it may be opened later.
   static Outcome<std::unique_ptr<Link>> Open(LinkOptions options);
   ~Link();
 
-  // Empty while the connection is lost. Who holds one can go on with it, to failures at worst.
+  // Empty while the connection is lost. A caller that holds one may continue to use it; at worst its calls fail.
   std::shared_ptr<virConnect> Current() const;
   bool IsConnected() const { return Current() != nullptr; }
 
-  // The connection is of no use any more.
+  // Marks the connection as unusable.
   void Lose();
 
-  // How many events have come, and a wait for more than `seen` of them until `deadline`.
+  // How many events have arrived, and a wait for more than `seen` of them until `deadline`.
   std::uint64_t EventCount() const;
   void WaitForEvent(std::uint64_t seen, std::chrono::steady_clock::time_point deadline) const;
 
@@ -59,11 +59,11 @@ class Link {
   mutable std::mutex mutex_;
   mutable std::condition_variable woken_;
   std::deque<GuestEvent> events_;
-  std::map<std::string, GuestState> told_;  // of each guest the last event, on this connection
+  std::map<std::string, GuestState> told_;  // the last event of each guest on this connection
   std::uint64_t event_count_ = 0;
   std::shared_ptr<virConnect> current_;
   bool stopping_ = false;
-  std::unique_ptr<Attachment> attachment_;  // of the thread, once it runs
+  std::unique_ptr<Attachment> attachment_;  // owned by the thread once it runs
   std::thread thread_;
 };
 

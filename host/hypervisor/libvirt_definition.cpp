@@ -1,4 +1,4 @@
-// Definitions of guests: whose they are, and what goes with them.
+// Definitions of guests: who owns them, and what is removed with them.
 #include <pugixml.hpp>
 #include <string_view>
 
@@ -8,7 +8,7 @@
 namespace vexa::hypervisor {
 namespace {
 
-// Of the definition that counts now; a guest without metadata, or of a driver that has none, is a user's.
+// Based on the definition in effect now. A guest without metadata, or of a driver without metadata, belongs to a user.
 Owner OwnerOf(virDomainPtr domain) {
   const TextHandle text(
       virDomainGetMetadata(domain, VIR_DOMAIN_METADATA_ELEMENT, kMarkNamespace, VIR_DOMAIN_AFFECT_CURRENT));
@@ -31,7 +31,7 @@ bool HasSaved(virDomainPtr domain) { return virDomainHasManagedSaveImage(domain,
 
 }  // namespace
 
-// What a driver does not have, it has none of.
+// A state that the driver does not support counts as absent.
 bool LibvirtHypervisor::HasState(const Found& guest) const {
   const virDomainPtr domain = guest.domain.get();
   return HasSaved(domain) || virDomainSnapshotNum(domain, 0) > 0 || virDomainListAllCheckpoints(domain, nullptr, 0) > 0;
@@ -52,9 +52,9 @@ Outcome<void> LibvirtHypervisor::Undefine(const std::string& id, UndefineScope s
   constexpr unsigned kAll = VIR_DOMAIN_UNDEFINE_MANAGED_SAVE | VIR_DOMAIN_UNDEFINE_SNAPSHOTS_METADATA |
                             VIR_DOMAIN_UNDEFINE_CHECKPOINTS_METADATA;
   constexpr unsigned kKeepFiles = VIR_DOMAIN_UNDEFINE_KEEP_NVRAM | VIR_DOMAIN_UNDEFINE_KEEP_TPM;
-  // The state of a TPM is kept with the definition that it belongs to, and removed with the guest.
+  // The state of a TPM is kept with its definition and removed with the guest.
   constexpr unsigned kRemoveState = VIR_DOMAIN_UNDEFINE_KEEP_NVRAM | VIR_DOMAIN_UNDEFINE_TPM;
-  // Drivers refuse flags for what they never have. Without flags, libvirt keeps what would be lost with them.
+  // Drivers refuse flags for features that they lack. Without flags, libvirt keeps what the flags would remove.
   std::vector<unsigned> tries{kKeepFiles, 0};
   if (is_all) tries = {kAll | kRemoveState, kAll, VIR_DOMAIN_UNDEFINE_MANAGED_SAVE};
   for (const unsigned flags : tries) {
@@ -96,7 +96,7 @@ Outcome<Definition> LibvirtHypervisor::DefinitionOf(const std::string& id) {
 Outcome<std::string> LibvirtHypervisor::XmlOf(const std::string& id) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
-  // With what is secret in it: it may be all that is left of the definition.
+  // Including secrets: it may be the only copy of the definition that is left.
   const TextHandle xml(virDomainGetXMLDesc(guest->domain.get(), VIR_DOMAIN_XML_INACTIVE | VIR_DOMAIN_XML_SECURE));
   if (!xml) return Failed(guest->connection, Operation::kRead, "Cannot read the XML of the guest " + id);
   return std::string(xml.get());

@@ -11,8 +11,8 @@ struct Row {
   int code;
   Problem problem;
 };
-// Codes that mean the same wherever they come from.
-constexpr Row kAnywhere[] = {
+// Codes that mean the same in every operation.
+constexpr Row kForEveryOperation[] = {
     {VIR_ERR_NO_DOMAIN, Problem::kNoSuchGuest},
     {VIR_ERR_DOM_EXIST, Problem::kExists},
     {VIR_ERR_NO_NETWORK, Problem::kNetworkMissing},
@@ -49,7 +49,7 @@ bool Says(const virError& error, std::string_view words) {
   return error.message != nullptr && std::string_view(error.message).find(words) != std::string_view::npos;
 }
 
-bool SaysProcessorLacks(const virError& error) {
+bool IsProcessorError(const virError& error) {
   constexpr std::string_view kSentences[] = {
       "guest CPU doesn't match",
       "Host CPU does not provide required features",
@@ -61,7 +61,7 @@ bool SaysProcessorLacks(const virError& error) {
 }
 
 // The system's errno is the first number of such an error. The texts are those of libvirt and QEMU.
-Problem OfSystem(Operation operation, const virError& error) {
+Problem ClassifySystemError(Operation operation, const virError& error) {
   if (operation == Operation::kOpen) return error.int1 == EACCES ? Problem::kDenied : Problem::kDisconnected;
   switch (error.int1) {
     case ENODEV:
@@ -78,23 +78,23 @@ Problem OfSystem(Operation operation, const virError& error) {
   }
 }
 
-// Errors that only their sentence tells apart: the test driver says so of guests that run or do not, QEMU that it got
-// no memory. Of processors some have the code that they should have, and some have a general one.
-Problem OfText(const virError& error) {
+// Errors that only their sentence distinguishes: the test driver reports guests that run or do not in this way, and
+// QEMU that it got no memory. Processor errors sometimes have the right code and sometimes a general one.
+Problem ClassifyText(const virError& error) {
   if (Says(error, "already running")) return Problem::kAlreadyRunning;
   if (Says(error, "not running")) return Problem::kNotRunning;
-  if (SaysProcessorLacks(error)) return Problem::kCpuIncompatible;
+  if (IsProcessorError(error)) return Problem::kCpuIncompatible;
   if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
-  // QEMU's program that adds the guests of other users than root to bridges.
+  // QEMU's helper program that adds guests of users other than root to bridges.
   if (Says(error, "access denied by acl file") || Says(error, "failed to parse default acl file")) {
     return Problem::kDenied;
   }
   return Problem::kFailed;
 }
 
-Problem OfInvalidOperation(Operation operation, const virError& error) {
-  const Problem said = OfText(error);
-  if (said != Problem::kFailed) return said;
+Problem ClassifyInvalidOperation(Operation operation, const virError& error) {
+  const Problem by_text = ClassifyText(error);
+  if (by_text != Problem::kFailed) return by_text;
   if (operation == Operation::kStart && Says(error, "is not active")) return Problem::kNetworkMissing;
   switch (operation) {
     case Operation::kStart:
@@ -111,27 +111,27 @@ Problem OfInvalidOperation(Operation operation, const virError& error) {
 }  // namespace
 
 Problem Translate(Operation operation, const virError& error) {
-  // However the connection ends, the next call tells of it in the name of the code that speaks over it.
+  // However the connection ends, the next call reports it with the code of the transport.
   if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) {
-    // But this one is between libvirt's own daemons: the one that has the networks is not there.
+    // Except for this one, between libvirt's own daemons: the network daemon is not running.
     if (operation == Operation::kStart && Says(error, "virtnetworkd-sock")) return Problem::kNetworkMissing;
     return Problem::kDisconnected;
   }
-  for (const Row& row : kAnywhere) {
+  for (const Row& row : kForEveryOperation) {
     if (row.code == error.code) return row.problem;
   }
   switch (error.code) {
     case VIR_ERR_SYSTEM_ERROR:
-      return OfSystem(operation, error);
+      return ClassifySystemError(operation, error);
     case VIR_ERR_OPERATION_INVALID:
-      return OfInvalidOperation(operation, error);
+      return ClassifyInvalidOperation(operation, error);
     case VIR_ERR_OPERATION_FAILED:
-      // Another guest has the name and another UUID, or the other way round.
-      return operation == Operation::kDefine ? Problem::kExists : OfText(error);
+      // Another guest has the name with a different UUID, or the UUID with a different name.
+      return operation == Operation::kDefine ? Problem::kExists : ClassifyText(error);
     case VIR_ERR_INTERNAL_ERROR:
-      // A daemon that ends, or falls silent, while a connection to it is being made.
+      // A daemon that ends, or stops responding, while a connection to it is being made.
       if (error.domain == VIR_FROM_RPC) return Problem::kDisconnected;
-      return OfText(error);
+      return ClassifyText(error);
     default:
       return Problem::kFailed;
   }

@@ -1,4 +1,4 @@
-// libvirt's errors by meaning. For host/hypervisor/*.cpp and its tests only.
+// Classifies libvirt's errors. For host/hypervisor/*.cpp and its tests only.
 #pragma once
 
 #include <libvirt/virterror.h>
@@ -7,13 +7,13 @@
 
 namespace vexa::hypervisor {
 
-// What was tried: some of libvirt's codes mean one thing here and another there.
+// The attempted operation: some of libvirt's codes mean different things in different operations.
 enum class Operation { kOpen, kDefine, kUndefine, kStart, kStop, kRead };
 
-// The meaning of an error, kFailed when it has none for callers. Pure.
+// The meaning of an error; kFailed when it has none for callers. Pure.
 Problem Translate(Operation operation, const virError& error);
 
-// The failure of the libvirt call that this thread made last.
+// The failure of this thread's last libvirt call.
 Failure LastFailure(Operation operation, std::string message);
 
 }  // namespace vexa::hypervisor

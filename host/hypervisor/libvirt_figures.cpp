@@ -1,4 +1,4 @@
-// What is known of running guests and of the machine.
+// Properties of running guests and of the machine.
 #include <sys/sysinfo.h>
 
 #include <algorithm>
@@ -32,7 +32,7 @@ class Interfaces {
   int count_;
 };
 
-// Of no use to reach the guest: loopback, and addresses that only its own link knows.
+// Excludes addresses that cannot reach the guest: loopback, and those valid only on its own link.
 bool IsUseful(std::string_view address) {
   const auto starts = [&](std::string_view prefix) { return address.starts_with(prefix); };
   return !address.empty() && address != "::1" && !starts("127.") && !starts("169.254.") && !starts("fe80:");
@@ -90,7 +90,8 @@ Outcome<std::vector<std::string>> LibvirtHypervisor::AddressesOf(const std::stri
       if (!addresses.empty()) return addresses;
       continue;
     }
-    // No agent, no network of libvirt's own: nobody knows. But a guest or a connection that went is told.
+    // Without an agent or a libvirt network, the addresses are unknown. But a guest or a connection that is gone is
+    // reported.
     Failure failure = FailedOn(*guest, Operation::kRead, failed);
     const Problem problem = failure.problem();
     if (problem == Problem::kNotRunning || problem == Problem::kNoSuchGuest || problem == Problem::kDisconnected) {
@@ -136,7 +137,7 @@ Outcome<std::vector<std::string>> LibvirtHypervisor::Networks() {
 }
 
 Outcome<std::uint64_t> LibvirtHypervisor::FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const {
-  // Free memory alone is little on a host that has read many files: caches make room for guests.
+  // Free memory alone is small on a host that has read many files: caches make room for guests.
   int count = 0;
   if (virNodeGetMemoryStats(connection.get(), VIR_NODE_MEMORY_STATS_ALL_CELLS, nullptr, &count, 0) == 0 && count > 0) {
     std::vector<virNodeMemoryStats> stats(static_cast<std::size_t>(count));
@@ -176,7 +177,7 @@ Outcome<Node> LibvirtHypervisor::NodeFigures() {
   node.cores = info.nodes * info.sockets * info.cores;
   node.threads_per_core = info.threads;
   node.mhz = info.mhz;
-  // libvirt adds up what NUMA nodes say, which on virtual machines can be less than there is.
+  // libvirt adds up the memory of NUMA nodes, which on virtual machines can be less than the total.
   node.memory_mib = target_.kind == TargetKind::kEmbed ? TotalHere() >> 20 : info.memory / kKib;
   return node;
 }

@@ -16,7 +16,7 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// Empty when it cannot be told: a connection elsewhere knows its own kernel, and this one is lost again already.
+// Empty when it is unknown: a remote connection knows only its own kernel, and this one may be lost again already.
 std::string TypeFor(const Target& target, virConnectPtr connection) {
   if (target.kind == TargetKind::kTest) return "test";
   if (target.kind == TargetKind::kEmbed) return KvmWorks("/dev/kvm") ? "kvm" : "qemu";
@@ -59,7 +59,7 @@ bool IsActive(GuestState state) {
   return state == GuestState::kRunning || state == GuestState::kPaused || state == GuestState::kShuttingDown;
 }
 
-// Not virDomainGetInfo: it asks QEMU for its memory, and waits seconds for one that is stopped.
+// Not virDomainGetInfo, which asks QEMU for its memory and waits seconds for a stopped one.
 std::optional<GuestState> StateOfDomain(virDomainPtr domain) {
   int state = 0;
   int reason = 0;
@@ -72,7 +72,7 @@ std::optional<GuestState> StateOfDomain(virDomainPtr domain) {
       return GuestState::kShuttingDown;
     case VIR_DOMAIN_SHUTOFF:
       if (virDomainHasManagedSaveImage(domain, 0) == 1) return GuestState::kSaved;
-      // One that could not be started has not run.
+      // A guest that could not be started has not run.
       return reason == VIR_DOMAIN_SHUTOFF_CRASHED ? GuestState::kCrashed : GuestState::kOff;
     case VIR_DOMAIN_CRASHED:
       return GuestState::kCrashed;
@@ -133,13 +133,13 @@ Outcome<LibvirtHypervisor::Found> LibvirtHypervisor::Find(const std::string& id)
 Failure LibvirtHypervisor::Failed(const std::shared_ptr<virConnect>& connection, Operation operation,
                                   std::string message) const {
   Failure failure = LastFailure(operation, std::move(message));
-  // The check would replace the error, which is kept by now. Only the connection in use is given up: another thread may
-  // have lost this one already.
+  // The check would overwrite the error, which has been copied by now. Only the connection in use is dropped: another
+  // thread may already have replaced it.
   if (virConnectIsAlive(connection.get()) == 0) {
     if (link_->Current() == connection) link_->Lose();
     return {Problem::kDisconnected, failure.error().message(), failure.error().cause()};
   }
-  // A driver in this process has no connection to lose, but to daemons that it asks itself.
+  // An in-process driver has no connection to lose, except to daemons that it asks itself.
   if (target_.kind == TargetKind::kEmbed && failure.problem() == Problem::kDisconnected) {
     return {Problem::kFailed, failure.error().message(), failure.error().cause()};
   }
@@ -205,7 +205,7 @@ Outcome<std::vector<KnownGuest>> LibvirtHypervisor::List() {
     if (state) {
       const char* const name = virDomainGetName(domain.get());
       guests.push_back({IdOf(domain.get()), name != nullptr ? name : "", *state});
-    } else if (virGetLastErrorCode() != VIR_ERR_NO_DOMAIN) {  // a guest may go meanwhile
+    } else if (virGetLastErrorCode() != VIR_ERR_NO_DOMAIN) {  // a guest may disappear meanwhile
       return Failed(*connection, Operation::kRead, "Cannot list the guests");
     }
   }

@@ -1,4 +1,4 @@
-// The hypervisor over a connection to libvirt. For host/hypervisor/*.cpp only.
+// The hypervisor on a libvirt connection. For host/hypervisor/*.cpp only.
 #pragma once
 
 #include <chrono>
@@ -14,8 +14,8 @@
 
 namespace vexa::hypervisor {
 
-// One guest's starts and stops, one after the other: libvirt's monitors misuse memory when a guest is powered off while
-// it is being started.
+// Serialises starts and stops per guest: libvirt's monitors corrupt memory when a guest is powered off while it is
+// being started.
 // Threads: any, at the same time.
 class Turns {
  public:
@@ -35,7 +35,7 @@ class Turns {
     const std::string id_;
   };
 
-  // Null: another one has not ended by then.
+  // Null: the other operation has not ended by then.
   std::unique_ptr<Turn> TryTake(const std::string& id, std::chrono::milliseconds patience);
 
  private:
@@ -75,7 +75,7 @@ class LibvirtHypervisor final : public Hypervisor {
   void Reconnect() override { link_->Lose(); }
 
  private:
-  // A guest and the connection it was looked up on.
+  // A guest and the connection on which it was found.
   struct Found {
     std::shared_ptr<virConnect> connection;
     DomainHandle domain;
@@ -84,10 +84,9 @@ class LibvirtHypervisor final : public Hypervisor {
   Outcome<std::shared_ptr<virConnect>> Connection() const;
   Outcome<Found> Find(const std::string& id) const;
 
-  // The failure of the libvirt call that this thread made last on `connection`; a connection that has ended is given
-  // up.
+  // The failure of this thread's last libvirt call on `connection`. A connection that has ended is dropped.
   Failure Failed(const std::shared_ptr<virConnect>& connection, Operation operation, std::string message) const;
-  // The same of a call on a guest. Where libvirt's words do not tell whether the guest runs, it is asked.
+  // The same for a call on a guest. Where libvirt's error does not show whether the guest runs, libvirt is asked.
   Failure FailedOn(const Found& guest, Operation operation, std::string message) const;
 
   Outcome<void> CheckMemory(const Found& guest) const;
@@ -100,15 +99,15 @@ class LibvirtHypervisor final : public Hypervisor {
   const MemoryCheck memory_check_;
   Turns turns_;
   mutable std::mutex type_mutex_;
-  mutable std::string domain_type_;  // empty until a connection has told
-  // Destroyed first: a callback that runs meanwhile may still call.
+  mutable std::string domain_type_;  // empty until a connection has reported it
+  // Destroyed first: a callback that is still running may use the other members.
   const std::unique_ptr<Link> link_;
 };
 
-// What libvirt tells of a domain at this moment. Empty: it does not, see its last error.
+// The current state of a domain according to libvirt. Empty: unknown, see libvirt's last error.
 std::optional<GuestState> StateOfDomain(virDomainPtr domain);
 
-// Whether the machine of the guest is there: it runs, or is paused or on its way down.
+// Whether the guest's machine exists: it is running, paused or shutting down.
 bool IsActive(GuestState state);
 
 }  // namespace vexa::hypervisor

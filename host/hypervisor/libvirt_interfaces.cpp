@@ -4,7 +4,7 @@
 namespace vexa::hypervisor {
 namespace {
 
-// A network that cannot be asked for leaves the interface as the domain shows it.
+// If the network cannot be queried, the interface stays as the domain shows it.
 void AskNetwork(virConnectPtr connection, GuestInterface& interface) {
   const NetworkHandle network(virNetworkLookupByName(connection, interface.network.c_str()));
   if (!network) return;

@@ -14,11 +14,11 @@ namespace vexa::hypervisor {
 namespace {
 
 constexpr std::uint64_t kKib = 1024;
-// A start of QEMU takes about two seconds.
-constexpr std::chrono::seconds kPatienceWithStart{5};
-constexpr std::chrono::seconds kPatienceWithKilled{10};
+// A QEMU start takes about two seconds.
+constexpr std::chrono::seconds kMaxWaitForStart{5};
+constexpr std::chrono::seconds kMaxWaitForKilledStart{10};
 
-// The name of a bridge that the guest is to be on and that this machine has not; empty when there is none.
+// The name of a bridge that the guest needs and this machine does not have; empty when absent.
 std::string MissingBridge(virDomainPtr domain) {
   const TextHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
   pugi::xml_document document;
@@ -52,13 +52,14 @@ Turns::Turn::~Turn() {
   turns_.ended_.notify_all();
 }
 
-// What QEMU says when it gets no memory has no code of its own, and by then the host may have pushed others out.
+// QEMU's error for a lack of memory has no code of its own, and by then the host may have evicted other processes'
+// memory.
 Outcome<void> LibvirtHypervisor::CheckMemory(const Found& guest) const {
   const bool check = memory_check_ == MemoryCheck::kAlways || DomainType() != "test";
   if (!check) return {};
   const std::uint64_t needed = std::uint64_t{virDomainGetMaxMemory(guest.domain.get())} * kKib;
   const Outcome<std::uint64_t> free = FreeMemoryOf(guest.connection);
-  // A host that does not tell its memory is no reason to refuse guests.
+  // A host that does not report its memory is not a reason to refuse guests.
   if (!free || needed <= *free) return {};
   return Failure(Problem::kNoMemory, "The host has not enough memory for the guest",
                  "It needs " + InMib(needed) + ", and " + InMib(*free) + " are free");
@@ -69,13 +70,13 @@ Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
   if (!guest) return guest.failure();
   const std::string failed = "Cannot start the guest " + id;
   const Turns::Turn turn(turns_, NormalizeUuid(id));
-  // First, so that a guest that runs is not said to lack the memory that it has.
+  // First, so that a running guest is not reported as short of the memory that it already has.
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
   if (state && IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs already");
   if (Outcome<void> memory = CheckMemory(*guest); !memory) return memory;
   if (virDomainCreate(guest->domain.get()) == 0) return {};
   Failure failure = FailedOn(*guest, Operation::kStart, failed);
-  // Those that add guests of other users than root to bridges look at their own rights first.
+  // The helpers that add guests of users other than root to bridges check their own rights first.
   const bool unclear = failure.problem() == Problem::kFailed || failure.problem() == Problem::kDenied;
   if (!unclear || target_.kind == TargetKind::kUri) return failure;
   const std::string bridge = MissingBridge(guest->domain.get());
@@ -89,7 +90,7 @@ Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownP
   const std::string failed = "Cannot shut down the guest " + id;
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
   if (state && !IsActive(*state)) return Failure(Problem::kNotRunning, failed, "It does not run");
-  // Without flags libvirt asks the agent where one is connected, else it presses the power button.
+  // Without flags, libvirt asks the agent if one is connected; otherwise it presses the power button.
   if (virDomainShutdown(guest->domain.get()) != 0) {
     Failure failure = FailedOn(*guest, Operation::kStop, failed);
     // A guest that goes off quickly takes its agent with it before libvirt has the answer.
@@ -102,8 +103,8 @@ Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownP
 
 Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const {
   using Clock = std::chrono::steady_clock;
-  // An event that gets lost costs no more than this.
-  constexpr std::chrono::milliseconds kLook{500};
+  // A lost event delays the result by no more than this.
+  constexpr std::chrono::milliseconds kPollInterval{500};
   const Clock::time_point end = Clock::now() + patience.wait;
   Clock::time_point press = Clock::now() + patience.press_again;
   for (;;) {
@@ -119,25 +120,25 @@ Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDown
     const Clock::time_point now = Clock::now();
     if (now >= end) return Failure(Problem::kStillRunning, "The guest was asked to shut down and still runs");
     if (now >= press) {
-      // Whatever it says: the next look tells whether the guest is off.
+      // The result does not matter: the next check shows whether the guest is off.
       virDomainShutdown(guest.domain.get());
       press = now + patience.press_again;
     }
-    link_->WaitForEvent(seen, std::min({end, press, now + kLook}));
+    link_->WaitForEvent(seen, std::min({end, press, now + kPollInterval}));
   }
 }
 
 Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
-  // A start that hangs would keep its turn for ever: it ends when its QEMU does.
+  // A start that hangs would keep its turn forever; it ends when its QEMU does.
   const std::string normal = NormalizeUuid(id);
-  std::unique_ptr<Turns::Turn> turn = turns_.TryTake(normal, kPatienceWithStart);
+  std::unique_ptr<Turns::Turn> turn = turns_.TryTake(normal, kMaxWaitForStart);
   if (!turn && target_.kind == TargetKind::kEmbed) {
     KillQemusOf(normal, target_.root);
-    turn = turns_.TryTake(normal, kPatienceWithKilled);
+    turn = turns_.TryTake(normal, kMaxWaitForKilledStart);
   }
-  // A libvirt elsewhere keeps its own order; in this process two calls at a time would misuse memory.
+  // A remote libvirt serialises on its own; in this process, two concurrent calls would corrupt memory.
   if (!turn && target_.kind != TargetKind::kUri) {
     return Failure(Problem::kBusy, "Cannot power off the guest " + id, "It is being started, and that does not end");
   }

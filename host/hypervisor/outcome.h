@@ -1,4 +1,4 @@
-// What a call to the hypervisor gives: a value, or a failure whose meaning a caller can act on.
+// The result of a hypervisor call: a value, or a failure whose meaning a caller can act on.
 #pragma once
 
 #include <optional>
@@ -12,30 +12,30 @@
 namespace vexa::hypervisor {
 
 enum class Problem {
-  kAlreadyRunning,  // the guest runs, and the call needs one that does not
-  kNotRunning,      // the guest does not run, and the call needs one that does
+  kAlreadyRunning,  // the guest runs, and the call needs one that is off
+  kNotRunning,      // the guest is off, and the call needs one that runs
   kNoSuchGuest,
   kExists,          // another guest has the name or the UUID
-  kNetworkMissing,  // a network of the guest is not known to libvirt
+  kNetworkMissing,  // libvirt does not know a network of the guest
   kBridgeMissing,
   kDiskMissing,      // the file of a disk, an ISO image or the firmware
   kNoMemory,         // the host has not enough memory
-  kCpuIncompatible,  // the host's processor lacks what the guest's has
-  kBusy,             // another call holds the guest; try again
+  kCpuIncompatible,  // the host's processor lacks a feature of the guest's
+  kBusy,             // another operation holds the guest; try again
   kHasState,         // the guest has a saved memory image, snapshots or checkpoints
-  kStillRunning,     // the guest was asked to shut down and has not within the time given
+  kStillRunning,     // the guest was asked to shut down and has not done so in time
   kAgentAbsent,      // the guest's agent does not answer
-  kInvalid,          // an id, XML or option that cannot be accepted
+  kInvalid,          // an invalid id, XML or option
   kDenied,
   kUnsupported,   // this hypervisor cannot do it
-  kDisconnected,  // there is no connection to libvirt at present; it is being opened again
+  kDisconnected,  // not connected to libvirt at present; reconnecting
   kFailed,        // anything else; see the cause
 };
 
 // As a word for logs: "already_running", "not_running", …
 std::string_view ProblemName(Problem problem);
 
-// The nearest general code.
+// The closest general code.
 ErrorCode CodeOf(Problem problem);
 
 class Failure {
@@ -52,7 +52,7 @@ class Failure {
   Error error_;
 };
 
-// As Result<T>, with a Failure in place of the Error; it converts to one.
+// Like Result<T>, with a Failure in place of the Error; it converts to a Result.
 template <class T>
 class [[nodiscard]] Outcome {
  public:
@@ -62,14 +62,14 @@ class [[nodiscard]] Outcome {
   bool ok() const { return std::holds_alternative<T>(state_); }
   explicit operator bool() const { return ok(); }
 
-  // Only when ok().
+  // Requires ok().
   T& operator*() & { return std::get<T>(state_); }
   const T& operator*() const& { return std::get<T>(state_); }
   T&& operator*() && { return std::get<T>(std::move(state_)); }
   T* operator->() { return &std::get<T>(state_); }
   const T* operator->() const { return &std::get<T>(state_); }
 
-  // Only when not ok().
+  // Requires !ok().
   const Failure& failure() const { return std::get<Failure>(state_); }
 
   operator Result<T>() && {  // NOLINT(google-explicit-constructor): for callers that need no meaning

@@ -12,7 +12,7 @@
 namespace vexa::hypervisor {
 namespace {
 
-// The arguments, each with a NUL behind it. Empty when the process has ended.
+// The arguments, each followed by a NUL. Empty when the process has ended.
 std::string CommandLine(std::string_view pid) {
   std::ifstream file("/proc/" + std::string(pid) + "/cmdline", std::ios::binary);
   std::ostringstream line;

@@ -1,13 +1,14 @@
-// QEMU's processes on this machine, for when libvirt cannot reach them.
+// Finds QEMU processes on this machine, for when libvirt cannot reach them.
 #pragma once
 
 #include <string>
 
 namespace vexa::hypervisor {
 
-// Kills the QEMUs that run the guest `id` (a UUID in lower case): by their command line, which libvirt gives the UUID
-// as "-uuid", and, unless `root` is empty, only those that also name a file below `root`. Those of other users stay
-// when this process may not kill them. Returns how many were killed; their ends are not waited for.
+// Kills the QEMU processes that run the guest `id` (a UUID in lower case). They are identified by their command line,
+// where libvirt passes the UUID as "-uuid"; unless `root` is empty, they must also name a file below `root`. Processes
+// of other users stay when this process may not kill them. Returns how many were killed, without waiting for them to
+// end.
 int KillQemusOf(const std::string& id, const std::string& root);
 
 }  // namespace vexa::hypervisor

@@ -16,14 +16,14 @@ std::uint64_t Grown(std::uint64_t before, std::uint64_t after) { return after > 
 }  // namespace
 
 std::optional<CpuTimes> ParseCpuTimes(std::string_view stat) {
-  // user nice system idle iowait irq softirq steal; "guest" and "guest_nice" follow and are part of the first two.
-  // Kernels may leave out what stands at the end.
+  // user nice system idle iowait irq softirq steal; "guest" and "guest_nice" follow and are included in the first two.
+  // Kernels may omit the last fields.
   std::array<std::uint64_t, 8> ticks{};
   const std::vector<std::string_view> fields = Fields(stat.substr(0, stat.find('\n')));
   if (fields.size() < 5 || fields[0] != "cpu") return std::nullopt;
   for (std::size_t i = 0; i < ticks.size() && i + 1 < fields.size(); ++i) {
     const std::optional<std::uint64_t> number = ParseUnsigned(fields[i + 1]);
-    // Larger ones cannot be ticks, and their sums would wrap around.
+    // Larger values cannot be ticks, and their sums would wrap around.
     if (!number || *number >> 56 != 0) return std::nullopt;
     ticks[i] = *number;
   }
@@ -62,7 +62,7 @@ std::optional<CpuSampler::Sample> CpuSampler::Take() const {
 }
 
 std::optional<CpuLoad> CpuSampler::Read() {
-  // Held while sleeping: whoever comes meanwhile gets the answer of this window.
+  // Held while sleeping: callers that arrive meanwhile get the result of this window.
   const std::lock_guard lock(mutex_);
   const auto age = last_ ? clock_.now() - last_->taken : kLongest + kShortest;
   if (age < kShortest && load_) return load_;

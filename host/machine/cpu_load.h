@@ -12,29 +12,29 @@
 
 namespace vexa::services {
 
-// Ticks since the machine started, of all processors together.
+// Ticks since the machine started, summed over all processors.
 struct CpuTimes {
   std::uint64_t user = 0;    // programs, guests included
   std::uint64_t system = 0;  // the kernel, interrupts included
-  std::uint64_t other = 0;   // waiting for disks, and taken by the machine below when this one is virtual
+  std::uint64_t other = 0;   // waiting for disks, and time taken by the hypervisor below when this machine is virtual
   std::uint64_t idle = 0;
 };
 
 // The "cpu" line of /proc/stat; not set when it is damaged.
 std::optional<CpuTimes> ParseCpuTimes(std::string_view stat);
 
-// Whole percent of the time between two readings; together at most 100.
+// Whole percent of the time between two readings; the sum is at most 100.
 struct CpuLoad {
   int user = 0;
   int system = 0;
   int other = 0;
 };
 
-// A counter that went backwards counts as unchanged. All zero when no time has passed.
+// A counter that went backwards counts as unchanged. All zeros when no time has passed.
 CpuLoad LoadBetween(const CpuTimes& before, const CpuTimes& after);
 
-// Load over a short window: since the last call, when that is 0.2 to 5 s ago, else over 0.2 s from now, which the call
-// then takes. A call less than 0.2 s after another one gets the same answer.
+// Load over a short window: since the last call if that was 0.2 to 5 s ago, otherwise over 0.2 s from now, which the
+// call then takes. A call less than 0.2 s after another one gets the same result.
 // Threads: any, at the same time; they share one window.
 class CpuSampler {
  public:
@@ -45,7 +45,7 @@ class CpuSampler {
   };
   explicit CpuSampler(Machine machine, Clock clock = SystemClock());
 
-  // Not set: the figures cannot be read.
+  // Not set: the counters cannot be read.
   std::optional<CpuLoad> Read();
 
   static Clock SystemClock();

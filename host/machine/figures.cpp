@@ -9,7 +9,7 @@ namespace vexa::services {
 namespace {
 
 constexpr Json::ArrayIndex kMaxDevices = 4096;
-constexpr std::uint64_t kSectorBytes = 512;  // of /proc/diskstats, whatever the disk's own are
+constexpr std::uint64_t kSectorBytes = 512;  // of /proc/diskstats, independent of the disk's own sector size
 
 // "name: value" and "name=value" lines, both parts trimmed.
 std::pair<std::string_view, std::string_view> Split(std::string_view line, char separator) {
@@ -32,7 +32,7 @@ double Megahertz(std::string_view text) {
   return error == std::errc() && number > 0 && number < 1e6 ? number : 0;
 }
 
-// Partitions would count a second time what their disk counts; loop devices and memory are no disks.
+// Partitions would be counted twice, and loop devices and RAM disks are not disks.
 bool IsWholeDisk(const Machine& machine, std::string_view name) {
   for (const std::string_view prefix : {"loop", "ram", "zram"}) {
     if (name.starts_with(prefix)) return false;
@@ -108,7 +108,7 @@ Json::Value NetworkCounters(const Machine& machine) {
   ForEachLine(*text, [&](std::string_view line) {
     const auto [name, counters] = Split(line, ':');
     const std::vector<std::string_view> fields = Fields(counters);
-    if (name.empty() || fields.size() < 16) return true;  // the two lines of headings as well
+    if (name.empty() || fields.size() < 16) return true;  // also skips the two heading lines
     Json::Value device(Json::objectValue);
     device["device"] = CleanText(name);
     device["rx"] = Number(fields[0]);

@@ -1,4 +1,4 @@
-// Memory, disks, network counters and the processor, as the kernel tells them.
+// Memory, disks, network counters and the processor, as the kernel reports them.
 #pragma once
 
 #include <json/value.h>
@@ -11,7 +11,7 @@
 
 namespace vexa::services {
 
-// KiB; what the kernel does not tell is 0.
+// KiB; values that the kernel does not report are 0.
 struct MemoryFigures {
   std::uint64_t total = 0;
   std::uint64_t free = 0;
@@ -21,29 +21,29 @@ struct MemoryFigures {
   std::uint64_t swap_free = 0;
 };
 
-// Not set: /proc/meminfo cannot be read or does not tell the total.
+// Not set: /proc/meminfo cannot be read or does not contain the total.
 std::optional<MemoryFigures> ReadMemory(const Machine& machine);
 
 struct ProcessorFigures {
-  std::string model;     // "" when it is not told
-  int cores = 0;         // that the system schedules on; 0 when it is not told
-  double clock_mhz = 0;  // the highest when it is told, else the present one; 0 when neither is
+  std::string model;     // "" when unknown
+  int cores = 0;         // that the system schedules on; 0 when unknown
+  double clock_mhz = 0;  // the highest if known, otherwise the current one; 0 when neither is known
 };
 
 ProcessorFigures ReadProcessor(const Machine& machine);
 
-// An array of {"device", "reads", "writes", "read_byte", "write_byte", "busy_ms"}: whole disks, counted since the start
-// of the machine. Null when /proc/diskstats cannot be read.
+// An array of {"device", "reads", "writes", "read_byte", "write_byte", "busy_ms"}: whole disks, counted since the
+// machine started. Null when /proc/diskstats cannot be read.
 Json::Value DiskCounters(const Machine& machine);
 
 // An array of {"device", "rx", "tx"} in bytes, and "rx_packets", "tx_packets", "rx_errors", "tx_errors", counted since
 // the interface appeared. Null when /proc/net/dev cannot be read.
 Json::Value NetworkCounters(const Machine& machine);
 
-// Whole seconds since the machine started; 0 when it is not told.
+// Whole seconds since the machine started; 0 when unknown.
 std::uint64_t UptimeSeconds(const Machine& machine);
 
-// The operating system's name and version; "" when it is not told.
+// The operating system's name and version; "" when unknown.
 std::string SystemVersion(const Machine& machine);
 
 }  // namespace vexa::services

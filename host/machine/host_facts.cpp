@@ -27,7 +27,7 @@ std::string HostName() {
   return CleanText(name.data());
 }
 
-// Room for one address behind ethtool's own structure, which ends in an array without a size.
+// Room for one address after ethtool's own structure, which ends in an array without a size.
 struct PermanentAddress {
   std::uint32_t command = ETHTOOL_GPERMADDR;
   std::uint32_t size = 32;
@@ -69,10 +69,10 @@ cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string
   const std::vector<Interface> interfaces = HostInterfaces(machine);
   std::set<std::string> ids;
   for (const Interface& found : interfaces) {
-    // A bond's ports all use the bond's address, so only the permanent one tells them apart.
+    // A bond's ports all use the bond's address, so only the permanent one distinguishes them.
     const std::string mac = HasDevice(found) ? permanent_mac(found.name) : "";
     std::string id = cluster::NicId(host_id, mac.empty() ? found.name : mac);
-    // Cards whose ports share one address exist.
+    // Some cards use one address for several ports.
     if (!ids.insert(id).second) ids.insert(id = cluster::NicId(host_id, mac + "/" + found.name));
     facts.nics.push_back({std::move(id), found.name, found.mac});
   }

@@ -1,4 +1,4 @@
-// What this host tells the cluster about itself.
+// What this host reports about itself to the cluster.
 #pragma once
 
 #include <functional>
@@ -11,13 +11,13 @@
 
 namespace vexa::services {
 
-// The address that an interface was made with, whatever it uses now; "" when it has none, which is so for virtual ones.
+// The permanent address of an interface, whatever it uses now; "" when it has none, as virtual ones do.
 using PermanentMac = std::function<std::string(const std::string& interface)>;
 std::string SystemPermanentMac(const std::string& interface);
 
 using cluster::NicId;
 
-// Everything but "cluster_address". `host_id` as given; the name is this machine's.
+// Everything except "cluster_address". `host_id` is taken as given; the name is this machine's.
 cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string& version, const Machine& machine,
                                    const AddressReader& addresses = SystemAddresses,
                                    const PermanentMac& permanent_mac = SystemPermanentMac);

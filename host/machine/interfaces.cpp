@@ -23,12 +23,12 @@ constexpr std::uint64_t kMaxNumber = 0x7FFFFFFF;
 std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
 
 int SmallNumber(const Machine& machine, const std::string& path) {
-  // "-1" and, on older kernels, its unsigned form stand for "unknown".
+  // "-1" and, on older kernels, its unsigned form mean "unknown".
   const std::uint64_t number = machine.ReadNumber(path).value_or(0);
   return number > kMaxNumber ? 0 : static_cast<int>(number);
 }
 
-// A bridge has the carrier of its guests as well, which connects nobody else.
+// A bridge also has the carrier of its guests, which does not connect it to anything outside.
 bool IsConnected(guests::NetworkLinks& links, const std::string& name) {
   const bool is_closed = links.KindOf(name) != guests::BridgeKind::kNone && links.UplinksOf(name).empty();
   return is_closed ? links.HasCarrier(name) : links.HasLink(name);
@@ -55,7 +55,7 @@ std::string TypeOf(const Machine& machine, guests::NetworkLinks& links, const st
   return machine.ReadNumber(folder + "/type") == kLoopback ? "loopback" : "virtual";
 }
 
-// Whether frames of the interface leave the machine. The kernel may show no more of a virtual switch than its name.
+// Whether frames of the interface leave the machine. The kernel may show nothing but the name of a virtual switch.
 bool IsHostInterface(guests::NetworkLinks& links, const Interface& found) {
   if (found.name.starts_with("ovs_")) return true;
   const bool may_lead_out = found.type == "ethernet" || found.type == "wificlient" || found.type == "bond" ||

@@ -28,11 +28,11 @@ constexpr std::size_t kMaxInterfaces = 4096;
 constexpr std::size_t kMaxAttribute = 4096;
 constexpr const char* kSwitchDriver = "openvswitch";
 constexpr const char* kSwitchPrefix = "ovs_";
-// The devices that stand for the whole switch; the first has the ports of all its bridges below it.
+// The devices that represent the whole switch; the first has the ports of all its bridges below it.
 constexpr const char* kSwitchDatapath = "ovs-system";
 constexpr const char* kUserSpaceDatapath = "ovs-netdev";
 
-// No other name leads to an interface's folder, and to no other folder.
+// Any other name would lead to a folder that is not an interface's.
 bool IsName(const std::string& name) {
   return !name.empty() && name.size() < IFNAMSIZ && name != "." && name != ".." &&
          name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
@@ -43,7 +43,7 @@ bool IsFolder(const std::string& path) {
   return fs::is_directory(path, error);
 }
 
-bool IsAnything(const std::string& path) {
+bool PathExists(const std::string& path) {
   std::error_code error;
   return fs::exists(fs::symlink_status(path, error));
 }
@@ -59,7 +59,7 @@ std::vector<std::string> NamesIn(const std::string& folder) {
   return names;
 }
 
-// The first line; "" when there is none.
+// The first line; "" when absent.
 std::string Attribute(const std::string& path) {
   const Result<std::string> text = ReadFile(path, kMaxAttribute);
   return text ? text->substr(0, text->find('\n')) : std::string();
@@ -94,7 +94,7 @@ bool NetworkLinks::HasFolder(const std::string& name, const char* folder) const 
 bool NetworkLinks::IsThere(const std::string& name) const { return IsName(name) && IsFolder(FolderOf(name)); }
 
 bool NetworkLinks::IsHardware(const std::string& name) const {
-  return IsName(name) && IsAnything(FolderOf(name) + "/device");
+  return IsName(name) && PathExists(FolderOf(name) + "/device");
 }
 
 bool NetworkLinks::IsSwitchedOn(const std::string& name) const {
@@ -108,7 +108,7 @@ bool NetworkLinks::IsSwitchedOn(const std::string& name) const {
 
 bool NetworkLinks::HasCarrier(const std::string& name) const {
   if (!IsThere(name)) return false;
-  const std::string carrier = Attribute(FolderOf(name) + "/carrier");  // cannot be read of one that is switched off
+  const std::string carrier = Attribute(FolderOf(name) + "/carrier");  // unreadable while the interface is switched off
   return carrier.empty() ? Attribute(FolderOf(name) + "/operstate") == "up" : carrier == "1";
 }
 
@@ -135,8 +135,8 @@ const std::optional<SwitchBridges>& NetworkLinks::Switch() {
   return switch_;
 }
 
-// The name is the last resort: with the datapath in user space, and without its database, nothing else shows a bridge
-// of the switch.
+// The name is the last resort: with the datapath in user space, and without its database, nothing else identifies a
+// bridge of the switch.
 BridgeKind NetworkLinks::KindOf(const std::string& name) {
   if (!IsThere(name)) return BridgeKind::kNone;
   if (HasFolder(name, "bridge")) return BridgeKind::kLinux;
@@ -148,7 +148,7 @@ BridgeKind NetworkLinks::KindOf(const std::string& name) {
   const bool has_driver = !is_named && driver_of_(name) == kSwitchDriver;
   if (const auto& known = Switch()) {
     if (known->contains(name)) return BridgeKind::kSwitch;
-    // An internal port of a bridge is an interface of the host, and not a bridge.
+    // An internal port of a bridge is an interface of the host, not a bridge.
     if (has_driver) return BridgeKind::kNone;
   }
   return is_named || has_driver ? BridgeKind::kSwitch : BridgeKind::kNone;
@@ -182,7 +182,7 @@ bool NetworkLinks::IsPhysical(const std::string& name, int depth) {
 
 void NetworkLinks::AddKernelPort(const std::string& bridge, const std::string& port, int depth,
                                  std::vector<Found>& found) {
-  const bool is_tap = IsAnything(FolderOf(port) + "/tun_flags");
+  const bool is_tap = PathExists(FolderOf(port) + "/tun_flags");
   if (port == bridge || is_tap || !IsThere(port)) return;
   found.push_back({{port, HasLink(port, depth + 1)}, IsPhysical(port, depth + 1)});
 }
@@ -239,7 +239,7 @@ bool NetworkLinks::HasLink(const std::string& name, int depth) {
   if (depth >= kMaxStack) return false;
   if (KindOf(name) != BridgeKind::kNone) return std::ranges::any_of(UplinksOf(name, depth), &Uplink::has_link);
   if (!HasCarrier(name)) return false;
-  // A VLAN or macvlan has the carrier of what is below it, which of a bridge is also that of its guests.
+  // A VLAN or macvlan has the carrier of the interface below it; if that is a bridge, this includes its guests.
   if (HasFolder(name, "bonding")) return true;
   return std::ranges::all_of(LowerOf(name), [&](const std::string& lower) {
     return KindOf(lower) == BridgeKind::kNone || HasLink(lower, depth + 1);

@@ -1,4 +1,4 @@
-// How the machine's network interfaces hang together: bridges, their ports, and which of these lead out of the machine.
+// How the machine's network interfaces are connected: bridges, their ports, and which of these lead out of the machine.
 #pragma once
 
 #include <functional>
@@ -13,31 +13,31 @@ namespace vexa::guests {
 
 enum class BridgeKind {
   kNone,    // not a bridge, or no such interface
-  kLinux,   // the kernel's own
+  kLinux,   // of the kernel
   kSwitch,  // of Open vSwitch
 };
 
-// An interface of a bridge that leads to others than the guests of this machine.
+// An interface of a bridge that leads to more than the guests of this machine.
 struct Uplink {
   std::string name;
   bool has_link = false;  // its cable is plugged in
 };
 
-// The driver of an interface, as ethtool(8) shows it; "" when it is not known.
+// The driver of an interface, as ethtool(8) shows it; "" when it is unknown.
 using DriverReader = std::function<std::string(const std::string& interface)>;
 std::string SystemDriver(const std::string& interface);
 
-// Reads sysfs at each call, and asks the virtual switch at most once, when an answer depends on it: keep an object for
-// one task. Interfaces have the names of the kernel; any other text names none.
+// Reads sysfs at each call, and asks the virtual switch at most once, when an answer depends on it: use one object per
+// task. Interfaces have kernel names; any other text stands for no interface.
 //
 // An uplink is a port of a bridge that is neither the bridge's own device nor the end of a guest (a tap). When some of
-// a bridge's ports lead to hardware, only these are its uplinks: the ends of containers that are on the same bridge do
-// not reach anybody else. A port of the kind patch leads to the uplinks of the bridge behind it. Without the database
-// of the switch, all of its bridges share the ports that the kernel shows. Threads: one at a time.
+// a bridge's ports lead to hardware, only these are its uplinks: the ends of containers on the same bridge do not lead
+// outside. A patch port leads to the uplinks of the bridge behind it. Without the database of the switch, all of its
+// bridges share the ports that the kernel shows. Threads: one at a time.
 class NetworkLinks {
  public:
-  // `root` stands in front of "/sys" and "/run": "" is the real machine. Without `driver_of`, the drivers of the real
-  // machine are read, and elsewhere none are known.
+  // `root` is prepended to "/sys" and "/run": "" is the real machine. Without `driver_of`, drivers are read on the real
+  // machine and unknown elsewhere.
   explicit NetworkLinks(std::string root = "", DriverReader driver_of = nullptr);
 
   bool IsThere(const std::string& name) const;
@@ -47,21 +47,21 @@ class NetworkLinks {
   bool IsSwitchedOn(const std::string& name) const;
   bool HasCarrier(const std::string& name) const;
   BridgeKind KindOf(const std::string& name);
-  // The bridge, bond or switch that has the interface as a port; "" when none has.
+  // The bridge, bond or switch that has the interface as a port; "" when absent.
   std::string MasterOf(const std::string& name) const;
-  // Whether `port` is on the bridge of the switch. Not set: only the switch knows, and it cannot be asked.
+  // Whether `port` is on this bridge of the switch. Not set: only the switch knows, and it cannot be asked.
   std::optional<bool> IsSwitchPort(const std::string& bridge, const std::string& port);
   // Whether any bridge of the switch has the interface as a port.
   bool IsAnySwitchPort(const std::string& port);
 
-  // None for what is not a bridge.
+  // Empty when it is not a bridge.
   std::vector<Uplink> UplinksOf(const std::string& bridge);
-  // Whether frames of the interface leave the machine now: of a bridge, whether an uplink has a link.
+  // Whether frames of the interface leave the machine now; for a bridge, whether an uplink has a link.
   bool HasLink(const std::string& name);
   // Whether the interface is hardware or on top of it (a bond, a VLAN, a bridge).
   bool IsPhysical(const std::string& name);
 
-  // What guests can be on that leads out of the machine, by name: bridges with uplinks, and interfaces below a macvtap.
+  // The outside connections that guests can use, by name: bridges with uplinks, and interfaces below a macvtap.
   std::vector<std::string> GuestPorts();
 
  private:
@@ -76,7 +76,7 @@ class NetworkLinks {
 
   bool IsPhysical(const std::string& name, int depth);
   bool HasLink(const std::string& name, int depth);
-  // All ports that are neither taps nor the bridge's own.
+  // All ports except taps and the bridge's own device.
   std::vector<Found> PortsOf(const std::string& bridge, int depth);
   void AddKernelPort(const std::string& bridge, const std::string& port, int depth, std::vector<Found>& found);
   void AddSwitchPorts(const std::string& bridge, std::set<std::string>& seen, int depth, std::vector<Found>& found);

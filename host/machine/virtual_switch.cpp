@@ -25,28 +25,28 @@ constexpr const char* kSocket = "/run/openvswitch/db.sock";
 constexpr std::chrono::milliseconds kPatience{1000};
 constexpr std::size_t kMaxAnswer = std::size_t{16} << 20;
 
-// Many callers wait in turn, so a switch that hangs is left alone for a while.
-class Silence {
+// Many callers wait in turn, so a switch that hangs is not asked again for a while.
+class BackOff {
  public:
-  bool IsSilent(const std::string& path) {
+  bool IsBackingOff(const std::string& path) {
     const std::lock_guard lock(mutex_);
     const auto found = until_.find(path);
     return found != until_.end() && Clock::now() < found->second;
   }
   void Note(const std::string& path) {
     const std::lock_guard lock(mutex_);
-    until_[path] = Clock::now() + kRespite;
+    until_[path] = Clock::now() + kBackOffTime;
   }
 
  private:
-  static constexpr std::chrono::seconds kRespite{30};
+  static constexpr std::chrono::seconds kBackOffTime{30};
   std::mutex mutex_;
   std::map<std::string, Clock::time_point> until_;
 };
 
-Silence& TheSilence() {
-  static Silence silence;
-  return silence;
+BackOff& SwitchBackOff() {
+  static BackOff back_off;
+  return back_off;
 }
 
 class Descriptor {
@@ -63,10 +63,10 @@ class Descriptor {
   const int fd_;
 };
 
-// Finds the end of a JSON object in a stream that has nothing between one message and the next.
+// Finds the end of a JSON object in a stream without separators between messages.
 class ObjectEnd {
  public:
-  // Whether the object ends in `text`, which follows what was shown before.
+  // Whether the object ends in `text`, which follows the text of earlier calls.
   bool IsReached(std::string_view text) {
     for (const char c : text) {
       if (is_escaped_) {
@@ -145,7 +145,7 @@ std::optional<std::string> ReceiveObject(int fd, Clock::time_point end) {
   return std::nullopt;
 }
 
-// The elements of a column with any number of values: one alone, or ["set", [one, …]].
+// The elements of a column with any number of values: a single one, or ["set", [one, …]].
 std::vector<const Json::Value*> ElementsOf(const Json::Value& column) {
   const bool is_set = column.isArray() && json::String(json::Element(column, 0)) == "set";
   std::vector<const Json::Value*> elements;
@@ -154,12 +154,12 @@ std::vector<const Json::Value*> ElementsOf(const Json::Value& column) {
   return elements;
 }
 
-// The identity in ["uuid", "…"].
+// The UUID in ["uuid", "…"].
 std::string UuidIn(const Json::Value& value) {
   return json::String(json::Element(value, 0)) == "uuid" ? json::String(json::Element(value, 1)) : std::string();
 }
 
-// The value under `name` in ["map", [["name", "value"], …]].
+// The value for `name` in ["map", [["name", "value"], …]].
 std::string InMap(const Json::Value& map, std::string_view name) {
   for (const Json::Value& pair : json::Elements(json::Element(map, 1))) {
     if (json::String(json::Element(pair, 0)) == name) return json::String(json::Element(pair, 1));
@@ -209,7 +209,7 @@ std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer) {
     port.has_link = json::String(json::Member(row, "link_state")) == "up";
     interfaces.emplace(UuidIn(json::Member(row, "_uuid")), std::move(port));
   }
-  // A bond is one port of several interfaces.
+  // A bond is one port with several interfaces.
   std::map<std::string, std::vector<SwitchPort>> ports;
   for (const Json::Value& row : Rows(results, 1)) {
     std::vector<SwitchPort>& members = ports[UuidIn(json::Member(row, "_uuid"))];
@@ -231,13 +231,13 @@ std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer) {
 
 std::optional<SwitchBridges> ReadSwitch(const std::string& root) {
   const std::string path = root + kSocket;
-  if (TheSilence().IsSilent(path)) return std::nullopt;
+  if (SwitchBackOff().IsBackingOff(path)) return std::nullopt;
   const Descriptor connection(Connect(path));
   if (connection.get() < 0) return std::nullopt;
   const Clock::time_point end = Clock::now() + kPatience;
   std::optional<std::string> text;
   if (SendAll(connection.get(), SwitchQuestion(), end)) text = ReceiveObject(connection.get(), end);
-  if (!text && Clock::now() >= end) TheSilence().Note(path);
+  if (!text && Clock::now() >= end) SwitchBackOff().Note(path);
   if (!text) return std::nullopt;
   const Result<Json::Value> answer = ParseJson(*text);
   return answer ? ParseSwitchAnswer(*answer) : std::nullopt;

@@ -7,7 +7,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 
 bool IsString(const Json::Value& value) { return value.isString(); }
-// The integer itself, not a number that happens to be whole: 2.0 is refused.
+// An integer itself, not a number that happens to be whole: 2.0 is refused.
 bool IsInt(const Json::Value& value) {
   return (value.type() == Json::intValue || value.type() == Json::uintValue) && value.isInt();
 }

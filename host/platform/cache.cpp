@@ -17,13 +17,13 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// Who waits for a refresh looks again after a little while, later and later.
+// A caller that waits for a refresh polls with back-off.
 constexpr milliseconds kFirstPause{1};
 constexpr milliseconds kLastPause{50};
 
 // The value of this cache once it is refreshed; nothing when that fails or takes too long.
 std::optional<Json::Value> WaitForRefresh(const CacheEntry& entry, const LoadedCache& before) {
-  // What is found out is kept for others as the newest, and this request's snapshot may be older than what they found.
+  // The computed value is stored for others as the newest, and this request's snapshot may be older than theirs.
   RequestScope::ReleaseSnapshot();
   const auto deadline = steady_clock::now() + CurrentEnvironment()->cache_wait;
   for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLastPause)) {

@@ -34,7 +34,7 @@ Status Add(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const char*
   return AddLogEntry(*environment->store, std::move(entry));
 }
 
-// The line is told as well: nowhere else is it kept.
+// The line is part of the message because it is stored nowhere else.
 void Complain(const char* text, const std::string& why) {
   ::syslog(LOG_ERR, "The cluster log cannot be written: %s. The line was: %s", why.c_str(), text);
 }
@@ -45,7 +45,7 @@ void Complain(const char* text, const std::string& why) {
 namespace VexaCCC {
 
 void ClusterLogAdd(const std::string& user, CLOG_PRIORITY priority, const char* format, ...) {
-  // More than an entry holds, and no more: a name may be of any length.
+  // More than an entry can hold, but limited: a name may be of any length.
   char text[2 * vexa::cluster::kMaxLogEntryBytes] = "";
   std::va_list arguments;
   va_start(arguments, format);

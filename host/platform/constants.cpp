@@ -1,4 +1,4 @@
-// A key's text is its name; a state's text is the kind of object and the state's name, so that no two kinds share one.
+// A key's text is its name; a state's text is the kind of object plus the state's name, so that no two kinds share one.
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_constants.h"
 

@@ -1,5 +1,5 @@
-// The dashboard: "/dash/<category>/<id>/<key…>". A record stands under the key "object"; a key of its own is only used
-// where something is written on its own.
+// The dashboard: "/dash/<category>/<id>/<key…>". A record is stored under the key "object"; a separate key exists only
+// where something is written separately.
 #include <algorithm>
 #include <string_view>
 
@@ -27,8 +27,8 @@ std::string FolderOf(const DashCate& category, const std::string& id) {
   return vexa::store::MakeKey({"dash", category.name(), id});
 }
 
-// Finds the value of `key` in the folder `path`: stored on its own, else among the members of the record. `use` gets it
-// when found.
+// Finds the value of `key` in the folder `path`: under its own key, otherwise among the members of the record. Passes
+// it to `use` when found.
 template <class Use>
 int Find(std::string path, const std::string& key, Use use) {
   path += '/';
@@ -47,7 +47,7 @@ bool IsOf(const DashCate& category, const DashCate& wanted) {
   return category.name() == std::string_view(wanted.name());
 }
 
-// The state that takes the place of the one in the whole record of an object, since its host is gone.
+// The state that replaces the one in an object's whole record when its host is gone.
 vexa::Result<std::optional<std::string_view>> StateNow(const DashCate& category, const std::string& id,
                                                        const Json::Value& record) {
   if (IsOf(category, DashCate::Host)) return vexa::cluster::HostStateNow(id);
@@ -60,19 +60,19 @@ bool HasState(const DashCate& category) {
   return IsOf(category, DashCate::Host) || IsOf(category, DashCate::Repository) || IsOf(category, DashCate::Guest);
 }
 
-// The state is a key of its own, and whoever reads the whole record is to see it as well; `record` is a copy.
+// The state has a key of its own, and readers of the whole record must see it as well; `record` is a copy.
 int PutLiveState(const DashCate& category, const std::string& folder, Json::Value& record) {
   const vexa::Result<Record> state = ReadRecord(folder + '/' + _k::state);
   if (!state && state.error().code() != vexa::ErrorCode::kCorrupt) return kFailed;
   if (state && !*state) return kFound;
   const bool is_readable = state && (*state)->isString();
   if (!record.isObject() || (!is_readable && !IsOf(category, DashCate::Guest))) return kFound;
-  // What a guest's record says may be long outdated.
+  // The state in a guest's record may be long outdated.
   record[Json::StaticString(_k::state)] = is_readable ? **state : Json::Value(VexaCCC::State::Guest::unknown);
   return kFound;
 }
 
-// The record with the state that holds now.
+// The record with the current state.
 int PutStateNow(const DashCate& category, const std::string& id, Json::Value& record) {
   const std::string folder = FolderOf(category, id);
   if (!IsOf(category, DashCate::Host)) {

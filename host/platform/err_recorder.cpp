@@ -1,4 +1,4 @@
-// The base of the senders. A sender keeps no error: whatever fails is in the reply.
+// The base of the senders. A sender keeps no error: every failure is in the reply.
 #include "webapi/platform/dr.h"
 
 namespace VexaDRCore {

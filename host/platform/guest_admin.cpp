@@ -18,7 +18,7 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-// Requests ask for the same records again and again: a line for each id and name is enough.
+// Requests ask for the same records repeatedly: one line for each id and name is enough.
 void LogForeignRecord(const std::string& identifier, const Json::Value& record, const std::string& name) {
   constexpr std::size_t kMaxRemembered = 4096;
   static std::mutex mutex;
@@ -31,8 +31,8 @@ void LogForeignRecord(const std::string& identifier, const Json::Value& record, 
   if (!refused) ::syslog(LOG_WARNING, "%s.", refused.error().ToString().c_str());
 }
 
-// The guest-admin records that speak for `user`: their own first, then those of their groups. Missing ones are left
-// out, and so are those that were given to somebody of another name: hosts may differ in whose an id is.
+// The guest-admin records that apply to `user`: their own first, then those of their groups. Left out are missing
+// records, and those given to another name, because hosts may assign an id to different users.
 Result<std::vector<Record>> RecordsOf(const std::string& user) {
   const Environment* environment = CurrentEnvironment();
   if (!environment) return Error(ErrorCode::kUnavailable, "The cluster database is not open");
@@ -75,14 +75,14 @@ int gaIsAdvancedUser(const std::string& user) {
 }
 
 int gaUserListAvail(const std::string& user, const std::string& category, std::set<std::string>& ids) {
-  // Grants on other kinds of object do not exist.
+  // There are no grants for other kinds of objects.
   if (category != DB::_k::guest) return -1;
   const auto records = vexa::cluster::RecordsOf(user);
   if (!records) return -1;
   for (const auto& record : *records) {
     const Json::Value& guests = vexa::cluster::json::Member(*record, DB::_k::guests);
     if (!guests.isObject()) continue;
-    // The names come in byte order, so the last place is mostly the right one.
+    // The names come in byte order, so the last position is usually right.
     for (auto grant = guests.begin(); grant != guests.end(); ++grant) ids.insert(ids.end(), grant.name());
   }
   return 0;

@@ -1,4 +1,4 @@
-// Taking a guest out of all guest-admin records.
+// Removes a guest from all guest-admin records.
 #include <vector>
 
 #include "host/records/environment.h"

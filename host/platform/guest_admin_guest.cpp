@@ -1,4 +1,4 @@
-// Changes of who may use one guest, in the records of many users and groups at once.
+// Changes who may use one guest, in the records of several users and groups in one commit.
 #include <cstdint>
 #include <map>
 #include <set>
@@ -21,17 +21,17 @@ using VexaCCC::tagGuestAdminRule;
 
 constexpr std::uint32_t kNoId = UINT32_MAX;
 
-// What is asked of one user's or group's record.
+// The requested change of one user's or group's record.
 struct Request {
-  std::string known_name;  // what this host calls them
+  std::string known_name;  // this host's name for them
   std::vector<Rule> rules;
-  std::set<std::string> names;  // what the rules call the user or group, for messages
+  std::set<std::string> names;  // the names that the rules use for the user or group, for messages
 };
 using PrincipalKey = std::pair<std::string, std::uint32_t>;  // kind and id
 
 std::string NameOf(const tagGuestAdminRule& rule) { return rule.name.empty() ? std::to_string(rule.id) : rule.name; }
 
-// What this host calls the user or group; empty when there is none, or when that cannot be told.
+// This host's name for the user or group; empty when absent, or when it is unknown.
 std::string KnownName(const base::AccountProvider& accounts, const PrincipalKey& principal) {
   if (principal.first == kUsersKind) {
     const auto user = accounts.FindUserByUid(principal.second);
@@ -64,7 +64,7 @@ class GuestRights {
     request.names.insert(NameOf(rule));
   }
 
-  // Who could not be set.
+  // Returns the users and groups that could not be set.
   std::vector<std::string> Commit() {
     std::set<std::string> failed;
     if (!CommitPlanned(*environment_.store, [&] { return Plan(failed); })) {
@@ -75,8 +75,8 @@ class GuestRights {
   }
 
  private:
-  // What to commit. Among the `failed` are users who have been deleted meanwhile, and those whose record cannot be
-  // understood or was given to another: it is left alone.
+  // What to commit. `failed` includes users who have been deleted meanwhile, and those whose record is damaged or was
+  // given to another principal; such a record is left unchanged.
   Result<store::Transaction> Plan(std::set<std::string>& failed) const {
     failed.clear();
     store::Transaction transaction;
@@ -103,7 +103,7 @@ class GuestRights {
     const Result<bool> differs = ApplyRules(*stored, key, request.known_name, request.rules);
     if (!differs) return differs.error();
     if (!*differs) return {};
-    // First: what is refused must leave nothing in the transaction of the others.
+    // First, so that a refusal leaves nothing in the transaction of the others.
     const Status compared = CompareAccount(snapshot, principal.first, principal.second, seen_, transaction);
     if (compared) PutObject(transaction, key, *stored);
     return compared;

@@ -1,4 +1,4 @@
-// Changes of guest-admin records, and the identifiers that lead to them.
+// Changes guest-admin records, and parses the identifiers that lead to them.
 #include <charconv>
 #include <optional>
 #include <string>
@@ -22,7 +22,7 @@ struct Principal {
   std::uint32_t id = 0;
 };
 
-// From exactly what GuestAdminIdentifier gives for some number.
+// Accepts exactly what GuestAdminIdentifier returns for some number.
 std::optional<Principal> ParseIdentifier(std::string_view text) {
   for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
     if (!text.starts_with(kind) || text.size() <= kind.size() + 1) continue;
@@ -35,7 +35,7 @@ std::optional<Principal> ParseIdentifier(std::string_view text) {
   return std::nullopt;
 }
 
-// What this host calls the user or group; empty when there is none.
+// This host's name for the user or group; empty when absent.
 Result<std::string> NameOf(const base::AccountProvider* accounts, const Principal& principal) {
   if (accounts == nullptr) return std::string();
   std::optional<Error> error;
@@ -54,7 +54,7 @@ Result<std::string> NameOf(const base::AccountProvider* accounts, const Principa
 
 bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
 
-// What to commit; nothing when the record is as the rules want it.
+// What to commit; nothing when the record already agrees with the rules.
 Result<store::Transaction> PlanRules(const store::Store& store, const Principal& principal, const std::string& name,
                                      store::Revision seen, const std::vector<Rule>& rules) {
   const auto snapshot = store.Read();
@@ -94,7 +94,7 @@ namespace VexaCCC {
 
 std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numeric_id) {
   const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
-  // Local, domain and directory accounts: the account provider knows all of them by one number.
+  // Local, domain and directory accounts: the account provider knows all of them by the same number.
   if (!environment || (auth_type != 1 && auth_type != 2 && auth_type != 8)) return {};
   const vexa::base::AccountProvider& accounts = *environment->accounts;
   if (kind == vexa::cluster::kUsersKind) {

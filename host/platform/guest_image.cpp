@@ -16,7 +16,7 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-// Of the C0 and C1 sets, in UTF-8.
+// From the C0 and C1 sets, in UTF-8.
 bool HasControlCharacter(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -26,7 +26,7 @@ bool HasControlCharacter(std::string_view text) {
   return false;
 }
 
-// Whether the last segment is a name with ".iso" behind it, in any case of letters.
+// Whether the last segment is a name followed by ".iso", in any case.
 bool IsNamedAsImage(std::string_view path) {
   constexpr std::string_view kEnding = ".iso";
   const std::string_view name = path.substr(path.rfind('/') + 1);
@@ -35,7 +35,7 @@ bool IsNamedAsImage(std::string_view path) {
                             [](unsigned char a, unsigned char b) { return std::tolower(a) == b; });
 }
 
-// Whether it can be a path in a shared folder: what the file system says is not looked at.
+// Whether it is valid as a path in a shared folder. The file system is not checked.
 bool CanBeImagePath(std::string_view path) {
   const bool has_folder = path.starts_with('/') && path.find('/', 1) != std::string_view::npos;
   return has_folder && path.size() <= kMaxImagePathBytes && IsNamedAsImage(path) && IsValidUtf8(path) &&

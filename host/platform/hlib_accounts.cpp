@@ -13,7 +13,7 @@ using vexa::base::SetHlibError;
 
 namespace {
 
-// Nothing, with the last error set to `place`: there is no such user, or it cannot be told.
+// Empty, with the last error set to `place`: there is no such user, or that is unknown.
 std::optional<vexa::base::User> FindUser(const char* name, vexa::base::Place place = vexa::base::Place::Here()) {
   if (!name) {
     SetHlibError(HlibError::kBadArgument, place);
@@ -43,7 +43,7 @@ PSZHASH HLIBGroupInfoHashGet(const char* user, int, int) try {
   return nullptr;
 }
 
-// An output that is null is not wanted.
+// A null output is not requested.
 int VEXAUserGetUGID(const char* name, uid_t* uid, gid_t* gid) try {
   const auto found = FindUser(name);
   if (!found) return -1;

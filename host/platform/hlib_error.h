@@ -11,11 +11,11 @@ enum class HlibError : unsigned int {
   kBadArgument = 0x0100,  // a null pointer, a negative capacity, an index outside the list
   kNoMemory = 0x0200,
   kNoSuchUser = 0x0300,
-  kUnavailable = 0x0400,  // no account provider is installed, or it cannot tell now
+  kUnavailable = 0x0400,  // no account provider is installed, or it cannot answer now
   kInternal = 0x0500,     // the provider failed for a reason of its own
 };
 
-// A line of a source. (std::source_location is not known to the compiler of the fuzz targets.)
+// A source line. (The compiler of the fuzz targets does not have std::source_location.)
 struct Place {
   const char* file;
   int line;
@@ -25,7 +25,7 @@ struct Place {
 // Sets the calling thread's last error; the place is the caller's.
 void SetHlibError(HlibError code, Place place = Place::Here());
 
-// The code for what an account provider answered.
+// The code for an account provider's error.
 HlibError HlibErrorOf(const Error& error);
 
 }  // namespace vexa::base

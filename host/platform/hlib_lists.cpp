@@ -1,5 +1,5 @@
-// String lists and hashes of webapi/platform/base.h. Its callers know no exceptions: running out of memory is a failure
-// like any other.
+// String lists and hashes of webapi/platform/base.h. Callers do not expect exceptions: running out of memory is a
+// failure like any other.
 #include <algorithm>
 #include <exception>
 #include <iterator>
@@ -14,7 +14,7 @@ using vexa::base::SetHlibError;
 
 namespace {
 
-// Lists grow on their own; a capacity that somebody got wrong must not take all memory.
+// Lists grow automatically; a wrong capacity must not take all memory.
 constexpr int kMaxReserved = 65536;
 
 }  // namespace
@@ -55,7 +55,7 @@ int HLIBCSzHashEnumKey(PSZHASH hash, PSZLIST list) {
     std::vector<std::string> keys;
     keys.reserve(hash->values.size());
     for (const auto& [number, value] : hash->values) keys.push_back(std::to_string(number));
-    // Room first: on failure the list is as it was.
+    // Reserve first: on failure the list is unchanged.
     list->strings.reserve(list->strings.size() + keys.size());
     std::move(keys.begin(), keys.end(), std::back_inserter(list->strings));
     return 0;

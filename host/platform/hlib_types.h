@@ -1,4 +1,4 @@
-// What the handles of webapi/platform/base.h point to.
+// The types behind the handles of webapi/platform/base.h.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ struct HLIBCSzList {
   std::vector<std::string> strings;
 };
 
-// By the number that the keys are the text of, so that they come in its order.
+// Indexed by the number that the key spells, so that entries come in numeric order.
 struct HLIBCSzHash {
   std::map<std::uint32_t, std::string> values;
 };

@@ -1,5 +1,5 @@
 // The local guest configuration: the guests' records in this host's own copy of the cluster's keyspace, with the live
-// state in place of the record's. Nothing here asks how the cluster database is: the copy is read as it is.
+// state in place of the record's. Nothing here checks the health of the cluster database: the copy is read as it is.
 #include <json/value.h>
 
 #include <optional>
@@ -30,7 +30,7 @@ std::string GuestKey(const std::string& id) {
   return vexa::store::MakeKey({"dash", DashCate::Guest.name(), id, keys::object});
 }
 
-// A value of the caller's own, and an object: these are asked for every guest of a list.
+// A value of the caller's own, and an object: called for every guest of a list.
 vexa::Result<Json::Value> ReadGuest(const std::string& id) {
   auto record = vexa::cluster::ReadOnce(GuestKey(id));
   if (!record) return record.error();
@@ -39,15 +39,16 @@ vexa::Result<Json::Value> ReadGuest(const std::string& id) {
   return *std::move(*record);
 }
 
-// A string; not set when the guest has no live state. One that cannot be understood is an error: the record's state may
-// be long outdated.
+// A string; not set when the guest has no live state. An invalid one is an error, because the record's state may be
+// long outdated.
 vexa::Result<std::optional<Json::Value>> ReadLiveState(const std::string& guest_id) {
   auto state = vexa::cluster::ReadOnce(vexa::cluster::LiveStateKey(guest_id));
   if (!state || !*state || (*state)->isString()) return state;
   return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is no text");
 }
 
-// What this host has seen of the guest since the database was lost; nothing when it is not, or nothing was seen.
+// What this host has observed of the guest since the database was lost; nothing when the database is not lost, or
+// nothing was observed.
 std::optional<std::string> UnstoredLiveState(const std::string& guest_id) {
   auto state = vexa::cluster::UnstoredState(guest_id);
   if (!state) return state;
@@ -83,7 +84,7 @@ int vgConfStateGet(const std::string& guest_id, std::string& state) {
   const auto live = ReadLiveState(guest_id);
   if (!live) return kFailed;
   const auto record = ReadGuest(guest_id);
-  // A live state holds although the record is damaged, but not for a guest that is gone.
+  // A live state is valid even if the record is damaged, but not for a guest that no longer exists.
   const bool is_there = record || record.error().code() == vexa::ErrorCode::kCorrupt;
   if (!is_there || (!record && !*live)) return kFailed;
   const Json::Value& found = *live ? **live : json::Member(*record, keys::state);

@@ -1,8 +1,8 @@
-// Whether a name is taken: one pass over the category's records.
+// Checks whether a name is taken, in one pass over the category's records.
 //
-// There is no index of names: every writer of a record, imports and repairs included, would have to keep it right, and
-// a name that it lost would be given twice. A pass reads what the store has in memory anyway and parses next to none of
-// it.
+// There is no index of names: every writer of a record, imports and repairs included, would have to maintain it, and a
+// name missing from it would be assigned twice. A pass reads what the store has in memory anyway and parses almost none
+// of it.
 #include <algorithm>
 #include <string_view>
 
@@ -18,7 +18,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
-// Tells cheaply of most JSON texts that no string in them is the name.
+// Rules out most JSON texts cheaply: those in which no string can be the name.
 class NameFinder {
  public:
   explicit NameFinder(const std::string& name)
@@ -30,8 +30,8 @@ class NameFinder {
   }
 
  private:
-  // A name that must be escaped can be behind any backslash. Of another name, only characters that need no escape can
-  // have been escaped, as "\u0041" or "\/": the line breaks of a description do not count.
+  // If the name itself must be escaped, it can be behind any backslash. Otherwise only characters that need no escape
+  // can have been escaped, as "\u0041" or "\/": the line breaks of a description do not count.
   bool HasUsableEscape(std::string_view text) const {
     for (std::size_t at = text.find('\\'); at != std::string_view::npos; at = text.find('\\', at + 2)) {
       if (is_escaped_ || at + 1 >= text.size() || text[at + 1] == 'u' || text[at + 1] == '/') return true;
@@ -47,13 +47,12 @@ bool IsString(const Json::Value& value, const std::string& text) {
   return value.isString() && json::String(value) == text;
 }
 
-// Looks at "<category>/<id>/name" and "<category>/<id>/object", of which the first goes before the member of the
-// second.
+// Searches "<category>/<id>/name" and "<category>/<id>/object"; the first overrides the member of the second.
 class NameSearch {
  public:
   explicit NameSearch(const std::string& name) : name_(name), finder_(name) {}
 
-  // `rest` is the key behind the category and a slash. Whether this value is a name, and the one that is looked for.
+  // `rest` is the key after the category and a slash. Returns whether this value is a name, and the requested one.
   bool Matches(std::string_view rest, std::string_view text) {
     const std::size_t slash = rest.find('/');
     if (slash == std::string_view::npos) return false;
@@ -70,7 +69,7 @@ class NameSearch {
  private:
   enum class Place { kValue, kMember };
 
-  // What cannot be understood has no name: one damaged record must not make every check fail.
+  // A damaged record has no name: one damaged record must not make every check fail.
   bool Holds(std::string_view text, Place place) const {
     const Result<Json::Value> value = ParseJson(text);
     if (!value) return false;
@@ -79,7 +78,7 @@ class NameSearch {
 
   const std::string& name_;
   const NameFinder finder_;
-  std::string named_apart_;  // the last id with a name of its own; "name" comes before "object"
+  std::string named_apart_;  // the last id with a separate name key; "name" sorts before "object"
 };
 
 Result<bool> IsNameTaken(const std::string& name, const VexaCCC::DB::DashCate& category) {

@@ -12,7 +12,7 @@
 namespace VexaCCC::Utils {
 namespace {
 
-// As GetNameById, for passes over many objects.
+// Like GetNameById, for passes over many objects.
 bool ReadNameOnce(const DB::DashCate& category, const std::string& id, std::string& name) {
   const auto key = [&](const char* last) { return vexa::store::MakeKey({"dash", category.name(), id, last}); };
   auto value = vexa::cluster::ReadOnce(key(DB::_k::name));

@@ -20,7 +20,8 @@ void Request::setTimeout(int seconds) { timeout_s_ = seconds; }
 void Request::clear() { *this = Request(); }
 
 Json::Value Request::toJson() const {
-  // The request's own three come last: a parameter of the same name must not send a log's reader to another API.
+  // The request's own three members come last: a parameter of the same name must not lead the reader of a log to
+  // another API.
   Json::Value json = parameters_;
   json["api"] = api_;
   json["method"] = method_;

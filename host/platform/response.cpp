@@ -16,7 +16,8 @@ Response::Response() = default;
 Response::Response(Json::Value reply) : reply_(std::move(reply)) {}
 
 bool Response::isSuccess() const {
-  // Nothing but true: a host that answers 1 or "true" speaks another language, and the rest of its reply may as well.
+  // Nothing but true: a host that answers 1 or "true" does not follow the protocol, and the rest of its reply may not
+  // either.
   const Json::Value& success = json::Member(reply_, "success");
   return success.isBool() && json::Bool(success);
 }
@@ -34,7 +35,7 @@ Json::Value Response::getField(const char* name) const { return json::Member(rep
 
 int Response::getErrCode() const {
   if (isSuccess()) return 0;
-  // A failure whose code is 0, or none that fits, would read as a success.
+  // A failure whose code is 0 or out of range would read as a success.
   const Json::Value& code = json::Member(json::Member(reply_, "error"), "code");
   const int number = code.isInt() ? json::Int(code) : 0;
   return number != 0 ? number : kUnreadableFailure;

@@ -48,7 +48,7 @@ MultiSender::MultiSender(const std::vector<std::string>& host_ids) : host_ids_(h
 
 MultiSender MultiSender::allHosts() {
   std::vector<std::string> host_ids;
-  DB::DashCate::Host.List(host_ids);  // untouched by a failure
+  DB::DashCate::Host.List(host_ids);  // unchanged on failure
   return MultiSender(host_ids);
 }
 

@@ -25,7 +25,8 @@ Error Damaged(std::string_view key) {
 
 std::string_view WordOf(AccountKind kind) { return kind == AccountKind::kUser ? "user" : "group"; }
 
-// Integers only: jsoncpp would also take 1.0, true and null for one. The largest number means "no id" to system calls.
+// Integers only: jsoncpp would also convert 1.0, true and null to one. The largest number means "no id" to system
+// calls.
 std::optional<std::uint32_t> ReadId(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
   if (!value.isUInt() || json::UInt(value) == UINT32_MAX) return std::nullopt;
@@ -77,7 +78,7 @@ std::optional<Account> ReadAccount(std::uint32_t uid, const Json::Value& record,
   return account;
 }
 
-// Calls `read` with the id and the record of all accounts of one kind. False from it: the record is damaged.
+// Calls `read` with the id and the record of every account of one kind. If it returns false, the record is damaged.
 Status ReadAll(const store::Snapshot& snapshot, AccountKind kind, AccountIndex& index,
                const std::function<bool(std::uint32_t id, const Json::Value& record)>& read) {
   const std::string prefix = store::MakeKey({kRoot, WordOf(kind)});
@@ -162,7 +163,7 @@ Result<AccountIndex> LoadAccounts(const store::Snapshot& snapshot) {
   const auto next_id = record ? ReadId(json::Member(*record, "next_id")) : std::nullopt;
   if (!next_id || *next_id < base::kFirstOwnId || *next_id > base::kLastOwnId + 1) return Damaged(state_key);
   index.next_id = *next_id;
-  // Which of two users of one name is meant cannot be known, so both are damaged.
+  // It is impossible to know which of two users with one name is meant, so both count as damaged.
   Status read = ReadAll(snapshot, AccountKind::kGroup, index, [&](std::uint32_t gid, const Json::Value& value) {
     auto group = ReadGroup(gid, value);
     if (!group || index.FindGroup(group->name) != nullptr) return false;

@@ -1,13 +1,14 @@
-// The records of users and groups in the store, and all of them as one value that finds people.
+// The records of users and groups in the store, and an index of all of them for look-ups.
 //
 //   /accounts/state                     {"next_id": 1900000003}: written with every change of any account
-//   /accounts/user/<id>                 {"name": "alice", "gid": 1900000001, "groups": [1900000000], "password":
-//   "$y$…"} /accounts/group/<id>                {"name": "users"} /accounts/deleted_user/<id>         {"name": "bob"}:
-//   the id was given to somebody, and is never given again /accounts/taken_over/<fingerprint>  {"users": 3}: an account
-//   file of an older version that is in the store
+//   /accounts/user/<id>                 {"name": "alice", "gid": 1900000001, "groups": [1900000000],
+//                                        "password": "$y$…"}
+//   /accounts/group/<id>                {"name": "users"}
+//   /accounts/deleted_user/<id>         {"name": "bob"}: the id was assigned once, and is never assigned again
+//   /accounts/taken_over/<fingerprint>  {"users": 3}: an account file of an older version that is in the store
 //
-// "gid" names the primary group, "groups" the others. Passwords are yescrypt hashes (crypt(5)); "" and "!…" disable
-// login. All changes compare the revision of /accounts/state, so each is planned on what it replaces.
+// "gid" names the primary group, "groups" the other groups. Passwords are yescrypt hashes (crypt(5)); "" and "!…"
+// disable login. All changes compare the revision of /accounts/state, so each is planned on the state that it replaces.
 #pragma once
 
 #include <json/value.h>
@@ -27,7 +28,7 @@ namespace vexa::cluster {
 
 enum class AccountKind { kUser, kGroup };
 
-// Whether the id is of the range that the cluster gives out by itself.
+// Whether the id is in the range that the cluster assigns itself.
 constexpr bool IsOwnId(std::uint32_t id) { return id >= base::kFirstOwnId && id <= base::kLastOwnId; }
 
 std::string AccountStateKey();
@@ -42,8 +43,8 @@ struct Account {
 
 Json::Value AccountRecordOf(const Account& account);
 
-// All accounts of one state of the store. A record that cannot be understood takes only those out who need it: they and
-// names that are not found cannot be told, since the name may be in that record.
+// All accounts in one state of the store. A damaged record only affects the look-ups that need it: those of its
+// account, and those of names that are not found, because the name may be in that record.
 struct AccountIndex {
   store::Revision revision = 0;  // of /accounts/state; 0: there are no accounts
   std::uint32_t next_id = base::kFirstOwnId;
@@ -53,9 +54,9 @@ struct AccountIndex {
   std::unordered_map<std::string, std::uint32_t> group_ids;  // by folded name
   std::unordered_set<std::uint32_t> damaged_users;
   std::unordered_set<std::uint32_t> damaged_groups;
-  std::optional<Error> damage;  // of one of them
+  std::optional<Error> damage;  // of one of the records
 
-  // By a name in any case; null when there is none.
+  // By name, ignoring case; null when absent.
   const Account* FindUser(std::string_view name) const;
   const base::Group* FindGroup(std::string_view name) const;
 
@@ -64,10 +65,10 @@ struct AccountIndex {
   void RemoveUser(std::uint32_t uid);
 };
 
-// The revision of the accounts; 0 when there are none. Errors: what the store says.
+// The revision of the accounts; 0 without accounts. Errors: those of the store.
 Result<store::Revision> AccountRevision(const store::Snapshot& snapshot);
 
-// Errors: what the store says; kCorrupt when /accounts/state cannot be understood.
+// Errors: those of the store; kCorrupt when /accounts/state cannot be parsed.
 Result<AccountIndex> LoadAccounts(const store::Snapshot& snapshot);
 
 }  // namespace vexa::cluster

@@ -25,7 +25,7 @@ store::Health ClusterStatus::HealthOf(const store::Store& store, std::chrono::se
     const bool is_new = health_ && changes == changes_seen_ && now - found_ < std::min(max_age, kStatusAge);
     if (is_new) return *health_;
   }
-  // A disk that hangs delays whoever asks it, and nobody else.
+  // A hanging disk delays only the caller that asks it.
   const store::Health health = store.health();
   const std::lock_guard lock(mutex_);
   health_ = health;
@@ -43,7 +43,7 @@ int LoadCache(Json::Value& cache, CACHE_LOAD_TYPE type, int max_age_s) {
   if (!environment || type != CACHE_LOAD_CLUSTER) return -1;
   const vexa::store::Health health =
       vexa::cluster::CurrentClusterStatus().HealthOf(*environment->store, std::chrono::seconds(max_age_s));
-  // A database that can only be read is not inaccessible: the guests' states are in it.
+  // A read-only database is not inaccessible: the guests' states are in it.
   VexaVirtualization::json::MakeObject(cache)[DB::_k::state] =
       health == vexa::store::Health::kInaccessible ? State::Etcd::inaccessible : vexa::cluster::kDatabaseAccessible;
   return 0;

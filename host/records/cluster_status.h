@@ -1,4 +1,4 @@
-// The cluster's status, found out at most once in a while: it is asked for every guest of a list.
+// The cluster's status, determined at most once in a while, because it is requested for every guest of a list.
 #pragma once
 
 #include <chrono>
@@ -10,18 +10,18 @@
 
 namespace vexa::cluster {
 
-// What "state" says while the cluster database can be read. Its counterpart is VexaCCC::State::Etcd::inaccessible.
+// The value of "state" while the cluster database can be read. Its counterpart is VexaCCC::State::Etcd::inaccessible.
 inline constexpr char kDatabaseAccessible[] = "etcd_accessible";
 
 inline constexpr std::chrono::seconds kStatusAge{1};
 
-// What was found out about the database before is outdated. Threads: any, at any time.
+// Invalidates what is known about the database. Threads: any, at any time.
 void NoteConditionChanged();
 
 // Threads: any, at the same time.
 class ClusterStatus {
  public:
-  // How the store is: as it was found at most kStatusAge ago, or `max_age` when that is less, and since the last
+  // The health of the store: at most kStatusAge old, or `max_age` when that is less, and not from before the last
   // NoteConditionChanged.
   store::Health HealthOf(const store::Store& store, std::chrono::seconds max_age);
 

@@ -1,14 +1,13 @@
-// The definitions that libvirt has of guests, as far as the store knows of them.
+// What the store knows about the definitions that libvirt has of guests.
 //
 //   /dash/guest/<guest id>/domain      {"xml": libvirt's XML of the inactive domain, "autostart"}: the definition that
 //                                      the guest's owner had before the guest was imported
-//   /undefine/<host id>/<guest id>     true: the guest was deleted, or given to another host, and what the host has
-//   made
-//                                      of it in its libvirt is to go
+//   /undefine/<host id>/<guest id>     true: the guest was deleted or given to another host, and the host must remove
+//                                      its definition from its libvirt
 //
-// Whoever imports a guest hands its definition over: from the first start on, this host defines the guest for libvirt
-// from this XML and the records, and keeps in it everything that the records do not manage. A guest without this key
-// was never defined by anybody else. The key goes with the guest's record.
+// An import hands over the guest's definition: from the first start on, this host defines the guest for libvirt from
+// this XML and the records, and keeps everything in it that the records do not cover. A guest without this key has only
+// ever been defined by this system. The key is deleted with the guest's record.
 #pragma once
 
 #include <optional>
@@ -21,7 +20,7 @@ namespace vexa::guests {
 
 struct DomainRecord {
   std::string xml;
-  bool autostart = false;  // whether libvirt was to start it by itself
+  bool autostart = false;  // whether libvirt was set to start it
 };
 
 std::string DomainKey(const std::string& guest_id);

@@ -7,7 +7,7 @@
 
 namespace vexa::cluster {
 
-// Only while an environment is installed.
+// Requires an installed environment.
 RecordCache& CurrentRecordCache();
 ClusterStatus& CurrentClusterStatus();
 

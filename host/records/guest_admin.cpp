@@ -11,10 +11,10 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
-// Whether the guest was in the record.
-bool TakeOut(Json::Value& record, const std::string& guest_id) {
+// Returns whether the guest was in the record.
+bool RemoveGuestFrom(Json::Value& record, const std::string& guest_id) {
   if (!json::FindMember(json::Member(record, keys::guests), guest_id)) return false;
-  // Its form for texts stops at a NUL.
+  // The overload for C strings stops at a NUL.
   return record[keys::guests].removeMember(guest_id.data(), guest_id.data() + guest_id.size(), nullptr);
 }
 
@@ -28,7 +28,7 @@ std::string GuestAdminKey(std::string_view identifier) {
   return store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name(), identifier, VexaCCC::DB::_k::object});
 }
 
-// The other records do not wait for the repair of a damaged one.
+// A damaged record must not hold up the other records until it is repaired.
 Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction,
                         std::vector<Error>& damage) {
   const auto identifiers = snapshot.Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name()}));
@@ -45,7 +45,7 @@ Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& gues
     if (!guests.isNull() && !guests.isObject()) {
       damage.emplace_back(ErrorCode::kCorrupt,
                           "The grants in '" + key + "' are no object: repair or delete the record");
-    } else if (TakeOut(stored->record, guest_id)) {
+    } else if (RemoveGuestFrom(stored->record, guest_id)) {
       PutObject(transaction, key, *stored);
     }
   }

@@ -15,7 +15,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
-// As the command line makes them.
+// As the command line writes it.
 constexpr char kOrdinaryLevel[] = "user";
 constexpr char kName[] = "name";
 
@@ -23,7 +23,7 @@ void Apply(Json::Value& guests, const VexaCCC::Rule& rule) {
   if (rule.allow) {
     guests[rule.id] = true;
   } else {
-    // Its form for texts stops at a NUL.
+    // The overload for C strings stops at a NUL.
     guests.removeMember(rule.id.data(), rule.id.data() + rule.id.size(), nullptr);
   }
 }
@@ -80,7 +80,7 @@ store::Revision RevisionBeforeLookup(const store::Store& store) {
   return snapshot ? (*snapshot)->revision() : 0;
 }
 
-// A note of a deletion from before the look-up says nothing: accounts may come from elsewhere since then.
+// A deletion noted before the look-up says nothing: the provider of the accounts may have changed since then.
 Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
                       store::Transaction& transaction) {
   if (kind != kUsersKind) return {};

@@ -1,7 +1,7 @@
-// What a guest's drives can hold.
+// What a guest's drives can contain.
 //
-// The images of the cluster are records of the dashboard category "image", under a UUID each: {"name": what users see,
-// "path": the file's absolute path}. A path that a user names instead leads to a file in a shared folder.
+// The images of the cluster are records of the dashboard category "image", each under a UUID: {"name": what users see,
+// "path": the file's absolute path}. Instead, a user can name a path, which leads to a file in a shared folder.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ namespace vexa::cluster {
 inline constexpr char kImageCategory[] = "image";
 inline constexpr char kImagePath[] = "path";
 
-// What stands for an image in an empty drive.
+// Takes the place of an image in an empty drive.
 inline constexpr std::string_view kEmptyDrive = "unmounted";
 
 // The longest path of an image, in bytes.

@@ -23,13 +23,13 @@ std::string TextMember(const Json::Value& record, const char* name) {
 
 constexpr std::size_t kShownId = 64;
 
-// What is the matter with the record of `what`, as a sentence about it.
+// An error about the record of `what`, as a sentence.
 Error About(const std::string& what, const Error& error) {
   if (error.code() == ErrorCode::kNotFound) return Error(error.code(), "There is no record of " + what);
   return Error(error.code(), "The record of " + what + " cannot be read", error.ToString());
 }
 
-// The records that the guest lists under `name`, with their ids; `kind` is what one of them is called.
+// The records that the guest lists under `name`, with their ids; `kind` is the singular for messages.
 Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::Value& guest, const char* name,
                                                                     const DashCate& category, const std::string& kind) {
   std::vector<std::pair<std::string, Json::Value>> listed;
@@ -71,7 +71,7 @@ Result<Guest> ReadGuest(const std::string& guest_id) {
   guest.repository_id = TextMember(**record, keys::repository_id);
   if (guest.repository_id.empty()) return guest;
   VexaCCC::DB::Dashboard repository(DashCate::Repository, guest.repository_id);
-  // Untouched unless they are found.
+  // The members stay unchanged unless they are found.
   repository.Get(guest.repository_host_id, keys::host_id);
   repository.Get(guest.repository_state, keys::state);
   return guest;

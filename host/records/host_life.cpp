@@ -21,11 +21,11 @@ namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State;
 using std::chrono::system_clock;
 
-// The last second that the clock, which counts nanoseconds, has a number for.
+// The last second that the clock, which counts nanoseconds, can represent.
 constexpr Json::Int64 kLastSecond =
     std::chrono::duration_cast<std::chrono::seconds>(system_clock::duration::max()).count();
 
-// Null when there is none, or it is damaged: that says nothing about the host.
+// Null when absent or damaged: that says nothing about the host.
 Result<Record> ReadIntact(const std::string& key) {
   Result<Record> record = ReadRecord(key);
   if (!record && record.error().code() == ErrorCode::kCorrupt) return Record();
@@ -46,7 +46,7 @@ system_clock::time_point TimeOf(const Json::Value& seen) {
   return system_clock::time_point(std::chrono::seconds(count));
 }
 
-// When the database was found lost last, as the steady clock counts; 0: never.
+// When the database was last found to be lost, in the steady clock's count; 0: never.
 std::atomic<std::chrono::steady_clock::rep> last_lost{0};
 
 bool WasDatabaseLost(const Environment& environment) {
@@ -58,7 +58,7 @@ bool WasDatabaseLost(const Environment& environment) {
   return lost != 0 && now.time_since_epoch() - std::chrono::steady_clock::duration(lost) < kPresenceWindow;
 }
 
-// Whether the guest has something on its host that goes on, or waits, without anybody's doing.
+// Whether the guest is running on its host, or has something waiting there.
 bool IsHeldByItsHost(std::string_view state) {
   return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == states::Guest::freeze ||
          state == states::Guest::saved;

@@ -45,7 +45,7 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
-// As LoadObject, but what is damaged is loaded as empty, to be replaced.
+// Like LoadObject, but a damaged record is loaded as empty, to be replaced.
 Result<StoredObject> LoadOrReplace(const store::Snapshot& snapshot, const std::string& key) {
   const auto value = snapshot.Get(key);
   if (!value) return value.error();
@@ -62,7 +62,7 @@ Sequence SequenceOf(const Json::Value& live, const std::string& host_id) {
   return {json::UInt64(json::Member(sequence, kEpoch)), json::UInt64(json::Member(sequence, kCounter))};
 }
 
-// Whether the observation counts, by the guest's record and what was observed before.
+// Whether the observation counts, according to the guest's record and earlier observations.
 Observed Judge(const Json::Value& guest, const Json::Value& live, const Observation& observation) {
   std::string speaker = TextMember(guest, keys::host_id);
   if (speaker.empty()) speaker = TextMember(live, keys::host_id);
@@ -70,7 +70,7 @@ Observed Judge(const Json::Value& guest, const Json::Value& live, const Observat
   return SequenceOf(live, observation.host_id) < observation.sequence ? Observed::kStored : Observed::kOlder;
 }
 
-// A guest that is being started may still come to nothing, and is off as before then.
+// A guest that is being started may still fail to start, and is then off for the same reason as before.
 bool IsBeyondShutdown(const std::string& state) {
   return VexaCCC::Utils::IsGuestStateOnline(state) && state != states::booting;
 }
@@ -104,7 +104,7 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
   store::Transaction transaction;
   outcome = Judge(guest->record, live->record, observation);
   if (outcome != Observed::kStored) return transaction;
-  // The record decides whose the guest is, and whether there is one.
+  // The record decides which host the guest belongs to, and whether it exists.
   transaction.compares.push_back({guest_key, guest->revision});
   if (observation.guard) {
     const auto guard = (*snapshot)->Get(observation.guard->key);
@@ -118,7 +118,7 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
   Note(live->record, observation);
   PutObject(transaction, LiveRecordKey(guest_id), *live);
   std::string text = json::ToText(observation.state);
-  // Watchers of the state hear of changes only, of its reason as well.
+  // Watchers of the state are notified only of changes, including changes of the reason.
   const bool is_same =
       before->has_value() && (*before)->text == text && reason_before == json::Member(live->record, "shutdown");
   if (!is_same) transaction.operations.push_back({LiveStateKey(guest_id), std::move(text)});

@@ -1,14 +1,15 @@
-// What hosts know about the guests that they run, and how it becomes the stored state of a guest.
+// What hosts observe about the guests that they run, and how it becomes the stored state of a guest.
 //
 //   /dash/guest/<guest id>/state   the state, a text of VexaCCC::State::Guest
-//   /live/<guest id>               {"host_id", "time" (Unix seconds), "sequences": {"<host id>": {"epoch",
-//   "counter"}}, "shutdown": see shutdown_reason.h}:
-//                                  who told it last, how far each host that ever ran the guest has counted, and why
-//                                  the guest is off
+//   /live/<guest id>               {"host_id", "time" (Unix seconds),
+//                                   "sequences": {"<host id>": {"epoch", "counter"}},
+//                                   "shutdown": see shutdown_reason.h}:
+//                                  which host observed it last, how far each host that ever ran the guest has counted,
+//                                  and why the guest is off
 //   /live_epoch/<host id>          {"epoch"}
 //
-// The state is a key of its own beside the guest's record and goes before the record's member of that name, for every
-// reader of the dashboard; so a guest can start and stop without its record changing. Both keys are always written
+// The state is a key of its own beside the guest's record and, for every reader of the dashboard, overrides the
+// record's member of that name; so a guest can start and stop without its record changing. Both keys are always written
 // together.
 #pragma once
 
@@ -25,7 +26,7 @@
 
 namespace vexa::cluster {
 
-// The order of what one host observes: by epoch, then by counter. A host begins a new epoch when it starts.
+// Orders the observations of one host: by epoch, then by counter. A host begins a new epoch when it starts.
 struct Sequence {
   std::uint64_t epoch = 0;
   std::uint64_t counter = 0;
@@ -37,32 +38,33 @@ struct Observation {
   Sequence sequence;
   std::string host_id;
   std::chrono::system_clock::time_point time;
-  // Why the guest is off. Without one the reason that is stored stays, unless the guest runs.
+  // Why the guest is off. When not set, the stored reason stays unless the guest runs.
   std::optional<ShutdownReason> shutdown{};
   std::optional<store::Compare> guard{};  // nothing is stored once this has changed (HostClaim::Guard)
 };
 
 enum class Observed {
   kStored,
-  kOlder,    // the same host has told something newer, or the same, already
-  kNotOurs,  // the guest is another host's
+  kOlder,    // the same host has already reported something newer, or the same
+  kNotOurs,  // the guest belongs to another host
 };
 
-// Stores an observation. A host speaks for the guests whose record names it as "host_id"; for a guest that names none,
-// the host that spoke last goes on, or any when none has. Whatever happens at the same time, in any process, an older
-// observation never replaces a newer one, and a host that has lost a guest changes nothing.
-// Errors: kInvalid (not a state of guests, or a host id that is empty or no UTF-8), kNotFound (no such guest), kCorrupt
-// (its record cannot be read), kConflict (others change it all the time), and what the store says. Nothing is stored
-// then. A damaged "/live" record counts as none and is replaced.
+// Stores an observation. A host reports on the guests whose record names it as "host_id"; for a guest whose record
+// names no host, the host that reported last continues to do so, or any host if none has. Whatever happens
+// concurrently, in any process, an older observation never replaces a newer one, and a host that has lost a guest
+// changes nothing.
+// Errors: kInvalid (not a state of guests, or a host id that is empty or not UTF-8), kNotFound (no such guest),
+// kCorrupt (its record cannot be read), kConflict (the records keep changing), and those of the store. Nothing is
+// stored then. A damaged "/live" record counts as missing and is replaced.
 Result<Observed> Observe(store::Store& store, const std::string& guest_id, const Observation& observation);
 
-// A new epoch of this host, above all it ever had: the stored one and 1, or the clock's milliseconds when that is more,
-// so that a lost or damaged record does not lead back. Errors: what the store says, kConflict.
+// A new epoch of this host, above all earlier ones: the stored one plus 1, or the clock's milliseconds when that is
+// more, so that a lost or damaged record does not lead back. Errors: those of the store, kConflict.
 Result<std::uint64_t> StartEpoch(store::Store& store, const std::string& host_id,
                                  std::chrono::system_clock::time_point now);
 
-// Gives out the sequences of one epoch. Take one before looking at the guest: of two observers that overlap, the one
-// that looked later then has the higher one, unless both looked at the same time.
+// Issues the sequences of one epoch. Take one before observing the guest: of two overlapping observers, the one that
+// observed later then has the higher sequence, unless both observed at the same time.
 // Threads: any, at the same time.
 class Sequencer {
  public:
@@ -74,13 +76,13 @@ class Sequencer {
   std::atomic<std::uint64_t> counter_{0};
 };
 
-// Adds to the transaction that deletes a guest that its live state goes with it.
+// Adds the removal of the live state to the transaction that deletes a guest.
 void ForgetLiveState(store::Transaction& transaction, const std::string& guest_id);
 
-// The member of LiveRecordKey() that has the reason.
+// The member of LiveRecordKey() that contains the reason.
 inline constexpr char kShutdown[] = "shutdown";
 
-// Where the state of a guest is, and who told it.
+// Where a guest's state is stored, and who reported it.
 std::string LiveStateKey(const std::string& guest_id);
 std::string LiveRecordKey(const std::string& guest_id);
 

@@ -1,4 +1,4 @@
-// Where live states are: all that a program needs of them that observes nothing.
+// The keys of live states: all that a program needs that does not observe guests.
 #include "host/records/live_state.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"

@@ -1,5 +1,5 @@
-// Changes of records that are JSON objects: read, changed and committed with compares, and made anew when somebody else
-// was first. Members that are not known stay.
+// Changes records that are JSON objects: they are read, changed and committed with compares, and the change is repeated
+// when another writer was first. Unknown members are kept.
 #pragma once
 
 #include <json/value.h>
@@ -15,26 +15,27 @@
 namespace vexa::cluster {
 
 struct StoredObject {
-  store::Revision revision = 0;  // 0: there is none
+  store::Revision revision = 0;  // 0: absent
   Json::Value record{Json::objectValue};
 };
 
-// kCorrupt when what is stored is no object: others' members may be in it, so it is not overwritten with a guess.
+// kCorrupt when the stored value is not an object: it may contain others' members, so it is not overwritten with a
+// guess.
 Result<StoredObject> LoadObject(const store::Snapshot& snapshot, const std::string& key);
 
-// Adds to `transaction` that the record is written, unless somebody else has changed it since it was loaded.
+// Adds to `transaction` that the record is written, unless it has changed since it was loaded.
 void PutObject(store::Transaction& transaction, const std::string& key, const StoredObject& stored);
 
-// One that writes without a pause is mid-commit nearly always when others read, and wins nine times in ten.
+// A writer that never pauses is nearly always in mid-commit when others read, and wins nine times out of ten.
 inline constexpr int kCommitTries = 256;
 
-// Held by a thread of this process that tries again. Without it one of many threads that change the same record can
-// come second every time.
+// Held by a thread of this process while it retries. Without it, one of many threads that change the same record could
+// lose every time.
 std::mutex& RetryMutex();
 
-// Commits what `plan` (a Result<store::Transaction>()) makes of the current state, and asks it again after a conflict.
-// A transaction without operations ends it without a commit. The request's snapshot is given back before a commit.
-// Errors: what `plan` and the store say; kConflict when others change the same all the time.
+// Commits the result of `plan` (a Result<store::Transaction>()) for the current state, and calls it again after a
+// conflict. A transaction without operations ends the loop without a commit. The request's snapshot is released before
+// a commit. Errors: those of `plan` and the store; kConflict when the record keeps changing.
 template <class Plan>
 Status CommitPlanned(store::Store& store, const Plan& plan) {
   std::optional<Error> conflict;

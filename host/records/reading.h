@@ -1,4 +1,4 @@
-// Reads of records, all of one request from the same state of the store.
+// Reads records; all reads of one request see the same state of the store.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace vexa::cluster {
 
-// While one lives, the reads of its thread share one snapshot, taken at the first read. Scopes of one thread do not
+// While a scope lives, the reads of its thread share one snapshot, taken at the first read. Scopes of one thread do not
 // nest.
 class RequestScope {
  public:
@@ -22,12 +22,12 @@ class RequestScope {
   RequestScope(const RequestScope&) = delete;
   RequestScope& operator=(const RequestScope&) = delete;
 
-  // Gives the snapshot back, so that a request that now waits for something else holds no space in the store; the next
-  // read takes a new one. Nothing happens outside of a scope.
+  // Releases the snapshot, so that a request that now waits for something else does not keep space in the store
+  // occupied; the next read takes a new one. Does nothing outside of a scope.
   static void ReleaseSnapshot();
 
-  // A number of the thread's scope that no other scope of this process has; 0 outside of a scope. It stays when the
-  // snapshot is given back.
+  // Identifies the thread's scope uniquely within this process; 0 outside of a scope. Unchanged when the snapshot is
+  // released.
   static std::uint64_t Serial();
 };
 
@@ -42,25 +42,25 @@ class CallScope {
   std::optional<RequestScope> own_;
 };
 
-// The parsed record under `key`; null when there is none. Errors: what the store says, kCorrupt, and kUnavailable
+// The parsed record under `key`; null when absent. Errors: those of the store, kCorrupt, and kUnavailable
 // without an environment.
 Result<Record> ReadRecord(std::string_view key);
 
-// The same as a value of the caller's own, which is not put into the cache: for passes over many records, where nobody
-// would find it again. Not set: there is none.
+// The same, as a value owned by the caller and not put into the cache: for passes over many records that are not read
+// again soon. Not set: absent.
 Result<std::optional<Json::Value>> ReadOnce(std::string_view key);
 
-// Whether there is a value under `key`, whatever it is.
+// Whether there is a value under `key`, valid or not.
 Result<bool> Exists(std::string_view key);
 
-// The object of the dashboard's `category` and `id`: never null, and a JSON object. Errors: as ReadRecord, kNotFound,
-// and kCorrupt for anything but an object.
+// The object of the dashboard's `category` and `id`: never null, and a JSON object. Errors: those of ReadRecord,
+// kNotFound, and kCorrupt when it is not an object.
 Result<Record> ReadObject(std::string_view category, std::string_view id);
 
 // The children of `prefix`; see store::Snapshot::Children.
 Result<std::vector<std::string>> ReadChildren(std::string_view prefix);
 
-// Shows every value at or below `prefix` as it is stored, without the cache; see store::Snapshot::Scan.
+// Passes every value at or below `prefix` as it is stored, without the cache; see store::Snapshot::Scan.
 Status ScanValues(std::string_view prefix,
                   const std::function<bool(std::string_view key, const store::ValueView& value)>& visit);
 

@@ -9,11 +9,11 @@
 namespace vexa::cluster {
 namespace {
 
-// A parsed record takes about six times its text (tree nodes, keys, strings), and the cache's own bookkeeping.
+// A parsed record takes about six times its text (tree nodes, keys, strings) plus the cache's own bookkeeping.
 constexpr std::size_t kParsedFactor = 6;
 constexpr std::size_t kEntryBytes = 256;
 
-// The rest is for records that are read for the first time: enough for what several requests at once are busy with.
+// The rest is for records that are read for the first time: enough for the working set of several concurrent requests.
 constexpr std::size_t KeptShare(std::size_t bytes) { return bytes / 4 * 3; }
 
 }  // namespace
@@ -74,7 +74,7 @@ void RecordCache::Insert(Shard& shard, Entry entry) {
   const std::lock_guard lock(shard.mutex);
   bool keep = false;
   if (const auto found = shard.by_key.find(entry.key); found != shard.by_key.end()) {
-    // A reader of an older snapshot must not push out what newer ones use.
+    // A reader of an older snapshot must not evict what newer ones use.
     if (found->second->revision >= entry.revision) return;
     keep = found->second->kept;
     Drop(shard, found->second);
@@ -84,7 +84,7 @@ void RecordCache::Insert(Shard& shard, Entry entry) {
   shard.by_key.emplace(shard.fresh.front().key, shard.fresh.begin());
   if (keep) Keep(shard, shard.fresh.begin());
   while (shard.bytes > max_shard_bytes_) {
-    // The newest stays, however large.
+    // The newest entry stays, however large.
     Drop(shard, std::prev(shard.fresh.size() > 1 || shard.kept.empty() ? shard.fresh.end() : shard.kept.end()));
   }
 }

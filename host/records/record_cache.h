@@ -1,4 +1,4 @@
-// Parsed records, so that a record read often is parsed once per revision.
+// Caches parsed records, so that a record that is read often is parsed once per revision.
 #pragma once
 
 #include <json/value.h>
@@ -19,22 +19,22 @@ namespace vexa::cluster {
 
 using Record = std::shared_ptr<const Json::Value>;
 
-// Bounded by an estimate of what the parsed records take. Records that several readers have asked for are kept before
-// those that only one has: a pass over every guest of a large cluster pushes out what it brought itself, and not the
-// hosts and repositories that every request needs. Among equals the least recently used go first.
+// Limited by an estimate of the memory that the parsed records take. Records requested by several readers are kept
+// longer than those of a single reader: a pass over every guest of a large cluster evicts what it brought in itself,
+// not the hosts and repositories that every request needs. Among equals, the least recently used are evicted first.
 // Threads: any, at the same time.
 class RecordCache {
  public:
   explicit RecordCache(std::size_t max_bytes);
 
-  // The record parsed from `value`, which stands under `key`. kCorrupt when its text is no JSON. Calls with the same
-  // `reader` count as one; each with 0 is a reader of its own.
+  // The record parsed from `value`, which is stored under `key`. kCorrupt when its text is not JSON. Calls with the
+  // same `reader` count as one reader; each call with 0 counts as a separate one.
   Result<Record> Parse(std::string_view key, const store::ValueView& value, std::uint64_t reader = 0);
 
-  // The cached record of this key and revision; null when there is none. Counts as a read, as above.
+  // The cached record of this key and revision; null when absent. Counts as a read, as above.
   Record Find(std::string_view key, store::Revision revision, std::uint64_t reader = 0);
 
-  // What the cached records are estimated to take.
+  // The estimated size of the cached records.
   std::size_t bytes() const;
 
  private:
@@ -43,12 +43,12 @@ class RecordCache {
     store::Revision revision;
     Record record;
     std::size_t bytes;
-    std::uint64_t reader;  // the first
-    bool kept = false;     // a second one came
+    std::uint64_t reader;  // the first reader
+    bool kept = false;     // a second reader requested it
   };
   struct Shard {
     mutable std::mutex mutex;
-    std::list<Entry> fresh;  // most recently used first, as the next
+    std::list<Entry> fresh;  // most recently used first; also the next member
     std::list<Entry> kept;
     std::unordered_map<std::string_view, std::list<Entry>::iterator> by_key;
     std::size_t bytes = 0;

@@ -10,7 +10,7 @@ namespace {
 
 namespace k = VexaCCC::DB::_k;
 
-// The keys of the cluster's records, what an import adds, and what is kept of guests' states.
+// The keys of the cluster's records, keys that an import adds, and keys stored about guests' states.
 const std::unordered_set<std::string_view>& SharedNames() {
   static const std::unordered_set<std::string_view> names{
       k::object,

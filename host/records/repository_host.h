@@ -1,4 +1,4 @@
-// Which host a guest's repository is on.
+// Finds the host of a guest's repository.
 #pragma once
 
 #include <json/value.h>
@@ -10,7 +10,7 @@
 
 namespace vexa::guests {
 
-// Of the repository that the guest's record names; "" when it is not known. A key of its own goes before the record's
+// For the repository that the guest's record names; "" when it is unknown. A separate key overrides the record's
 // member. Errors: those of the store.
 Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::Value& guest);
 

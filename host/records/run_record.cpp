@@ -24,7 +24,7 @@ constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
 
-// The last second that the clock, which counts nanoseconds, has a number for.
+// The last second that the clock, which counts nanoseconds, can represent.
 constexpr Json::Int64 kLastSecond = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
 static_assert(std::is_same_v<std::chrono::system_clock::period, std::nano>);
 

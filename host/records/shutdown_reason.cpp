@@ -18,7 +18,7 @@ namespace states = VexaCCC::State::Guest;
 constexpr char kValue[] = "value";
 constexpr char kForced[] = "forced";
 
-// By value.
+// Indexed by value.
 constexpr std::array<std::string_view, 17> kWords{"not_known",
                                                   "ended_from_inside",
                                                   "shut_down",
@@ -64,7 +64,7 @@ Result<std::optional<ShutdownReason>> ReadShutdown(const std::string& guest_id) 
 Status PutShutdown(const std::string& guest_id, Json::Value& record) {
   const Json::Value& state = json::Member(record, keys::state);
   const std::string text = state.isString() ? json::String(state) : std::string();
-  // Asked for every guest of a list: those that run have none.
+  // Called for every guest of a list: running guests have no reason.
   if (!record.isObject() || (text != states::shutdown && text != states::crashed)) return {};
   const auto reason = ReadShutdown(guest_id);
   if (!reason) return reason.error();

@@ -10,7 +10,7 @@ namespace {
 struct Unstored {
   std::mutex mutex;
   std::map<std::string, std::string> states;
-  std::atomic<bool> has_any{false};  // so that nobody waits for the lock while all is well
+  std::atomic<bool> has_any{false};  // so that the lock is not needed in normal operation
 };
 
 Unstored& All() {

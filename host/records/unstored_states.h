@@ -1,4 +1,4 @@
-// States of this host's guests that it has observed and could not store, because the cluster database is lost.
+// States of this host's guests that it has observed and could not store because the cluster database is lost.
 #pragma once
 
 #include <optional>
@@ -6,9 +6,9 @@
 
 namespace vexa::cluster {
 
-// In memory alone: after a restart the guests are looked at again. Threads: any, at the same time.
+// In memory only: after a restart the guests are observed again. Threads: any, at the same time.
 void NoteUnstoredState(const std::string& guest_id, const std::string& state);
-// Another state of the guest has been stored, or this one.
+// Call when this or another state of the guest has been stored.
 void ForgetUnstoredState(const std::string& guest_id);
 std::optional<std::string> UnstoredState(const std::string& guest_id);
 

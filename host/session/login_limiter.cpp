@@ -15,7 +15,8 @@
 namespace vexa::daemon {
 namespace {
 
-// Buckets by key. A bucket is one number: when it will be full. Each token that is missing puts that off by `refill`.
+// Buckets by key. A bucket is one number: the time at which it will be full. Each missing token delays that by
+// `refill`.
 class Buckets {
  public:
   explicit Buckets(const LoginLimiterOptions& options)
@@ -23,7 +24,7 @@ class Buckets {
         allowance_(refill_ * (std::max(1, options.burst) - 1)),
         max_entries_(std::max<std::size_t>(1, options.max_entries)) {}
 
-  // How long until a token is there; 0: now.
+  // How long until a token is available; 0: now.
   std::int64_t Wait(const std::string& key, std::int64_t now) {
     const auto found = by_key_.find(key);
     if (found == by_key_.end()) return 0;
@@ -46,7 +47,7 @@ class Buckets {
     by_key_[key] = entries_.begin();
   }
 
-  // A bucket that is forgotten by now is full.
+  // A bucket that has been evicted meanwhile is full.
   void GiveBack(const std::string& key) {
     const auto found = by_key_.find(key);
     if (found != by_key_.end()) found->second->full_at -= refill_;
@@ -62,7 +63,7 @@ class Buckets {
   void Touch(Position position) { entries_.splice(entries_.begin(), entries_, position); }
 
   const std::int64_t refill_;
-  const std::int64_t allowance_;  // how far from full a bucket may be that still has a token
+  const std::int64_t allowance_;  // how far from full a bucket that still has a token may be
   const std::size_t max_entries_;
   std::list<Entry> entries_;  // the most recently used first
   std::unordered_map<std::string, Position> by_key_;

@@ -26,7 +26,7 @@ bool HasOnly(const Json::Value& object, std::initializer_list<std::string_view> 
   return true;
 }
 
-// Integers only: jsoncpp would also take 1.0, true and null for one.
+// Integers only: jsoncpp would also convert 1.0, true and null to one.
 std::optional<std::int64_t> ReadTime(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
   // Far enough for any clock, and far from an overflow when times are subtracted.
@@ -86,7 +86,8 @@ Result<std::vector<SessionRecord>> ParseSessions(std::string_view text) {
   return sessions;
 }
 
-// By hand: a file of 100,000 sessions is written at every login, and a tree of JSON values would take a second.
+// By hand: a file of 100,000 sessions is written at every login, and building a tree of JSON values would take a
+// second.
 std::string RenderSessions(const std::vector<SessionRecord>& sessions) {
   std::string text = R"({"version":1,"sessions":[)";
   text.reserve(text.size() + sessions.size() * 256 + 16);
@@ -95,7 +96,7 @@ std::string RenderSessions(const std::vector<SessionRecord>& sessions) {
     if (!std::exchange(is_first, false)) text += ',';
     text += "\n{\"hash\":\"" + EncodeHash(session.hash) + "\",\"csrf_hash\":\"" + EncodeHash(session.csrf_hash);
     text += "\",\"user\":\"";
-    // A valid name has one character that JSON escapes.
+    // A valid name contains at most one kind of character that JSON escapes.
     for (const char c : session.user) {
       if (c == '\\') text += '\\';
       text += c;

@@ -1,4 +1,4 @@
-// The sessions' file: its text as values, checked wholly.
+// The sessions file, parsed and fully checked.
 #pragma once
 
 #include <cstdint>
@@ -20,8 +20,8 @@ struct SessionRecord {
   std::int64_t last_used = 0;  // Unix seconds
 };
 
-// Sessions without a uid, as older versions wrote them, are left out: whose they are cannot be told.
-// kCorrupt, with a sentence that says what is wrong.
+// Sessions without a uid, as older versions wrote them, are left out: their owner is unknown. kCorrupt, with a sentence
+// that says what is wrong.
 Result<std::vector<SessionRecord>> ParseSessions(std::string_view text);
 std::string RenderSessions(const std::vector<SessionRecord>& sessions);
 

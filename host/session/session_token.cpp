@@ -25,7 +25,7 @@ struct ContextFree {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-// Looked up once: finding an algorithm by its name takes longer than hashing a token.
+// Looked up once: finding an algorithm by name takes longer than hashing a token.
 const EVP_MD* Sha256() {
   static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   return algorithm;
@@ -97,7 +97,7 @@ std::optional<Hash> DecodeHash(std::string_view text) {
     count -= 8;
     hash[at++] = static_cast<std::uint8_t>(bits >> count);
   }
-  // What is left over must be 0, or two texts would mean the same.
+  // The remaining bits must be 0, or two texts would mean the same.
   if ((bits & ((1U << count) - 1)) != 0) return std::nullopt;
   return hash;
 }

@@ -21,12 +21,12 @@ Result<std::string> NewToken();
 // Whether `text` has the shape of a token.
 bool IsTokenShaped(std::string_view text);
 
-// SHA-256. Empty only when libcrypto fails, which is when memory is short.
+// SHA-256. Empty only when libcrypto fails, which means out of memory.
 std::optional<Hash> HashOf(std::string_view text);
 
 bool EqualInConstantTime(const Hash& a, const Hash& b);
 
-// base64url without padding (RFC 4648, section 5). Decoding takes only what encoding gives.
+// base64url without padding (RFC 4648, section 5). Decoding accepts only what encoding produces.
 std::string EncodeHash(const Hash& hash);
 std::optional<Hash> DecodeHash(std::string_view text);
 

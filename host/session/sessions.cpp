@@ -31,11 +31,11 @@ struct Session {
   std::int64_t created = 0;
   std::int64_t last_used = 0;
   std::uint64_t order = 0;   // of creation
-  bool is_expired = false;   // seen so once; no clock makes it good again
-  bool is_replaced = false;  // a newer session of the user takes its place as soon as that is in the file
+  bool is_expired = false;   // sticky: once seen as expired, no clock change revives it
+  bool is_replaced = false;  // a newer session of the user replaces it as soon as that is in the file
 };
 
-// Part of a uniformly distributed hash is one, too. The first byte chooses the shard.
+// Part of a uniformly distributed hash is uniformly distributed, too. The first byte chooses the shard.
 struct HashPart {
   std::size_t operator()(const Hash& hash) const {
     std::size_t part = 0;
@@ -44,7 +44,7 @@ struct HashPart {
   }
 };
 
-// Finds of different sessions seldom meet, and a plain mutex does not let them starve a change as a read lock would.
+// Lookups of different sessions seldom meet, and unlike a read lock, a plain mutex does not let them starve a change.
 struct alignas(64) Shard {
   std::mutex mutex;
   std::unordered_map<Hash, Session, HashPart> sessions;
@@ -52,8 +52,8 @@ struct alignas(64) Shard {
 
 }  // namespace
 
-// Locks, in this order: write_mutex_, change_mutex_, one shard's. The maps' shape changes only under change_mutex_ and
-// the shard's mutex together.
+// Locks, in this order: write_mutex_, change_mutex_, one shard's. The shape of the maps changes only under
+// change_mutex_ and the shard's mutex together.
 class SessionTable::Impl {
  public:
   Impl(std::string path, SessionOptions options) : path_(std::move(path)), options_(std::move(options)) {
@@ -76,10 +76,10 @@ class SessionTable::Impl {
   using OrderedHashes = std::map<std::uint64_t, Hash>;
 
   Shard& ShardOf(const Hash& hash) { return shards_[hash[0] % shards_.size()]; }
-  // With the shard's mutex held.
+  // Requires the shard's mutex.
   bool IsLive(Session& session, std::int64_t now) const;
 
-  // All with change_mutex_ held.
+  // These require change_mutex_.
   void Insert(const Hash& hash, Session session);
   std::optional<Liveness> Remove(const Hash& hash);
   std::size_t RemoveExpired(const std::vector<Hash>& candidates);
@@ -96,12 +96,12 @@ class SessionTable::Impl {
 
   std::array<Shard, 16> shards_;
   std::atomic<std::size_t> count_{0};
-  // A use that the file does not know. Set by Find, hence no part of the generation.
+  // A use that the file does not have yet. Set by Find, hence not part of the generation.
   std::atomic<bool> has_new_uses_{false};
 
   std::mutex change_mutex_;
   std::unordered_map<std::string, OrderedHashes> by_user_;
-  std::size_t replaced_ = 0;  // sessions that are marked so
+  std::size_t replaced_ = 0;  // sessions marked is_replaced
   std::uint64_t next_order_ = 0;
   std::uint64_t generation_ = 0;  // counts changes
 
@@ -110,7 +110,7 @@ class SessionTable::Impl {
 };
 
 bool SessionTable::Impl::IsLive(Session& session, std::int64_t now) const {
-  // Brought back to now, lest a session from a clock that was ahead lives for as long as it was ahead.
+  // Clamped to now, or a session from a clock that was ahead would live longer by that lead.
   session.created = std::min(session.created, now);
   session.is_expired = session.is_expired || now - session.created >= options_.absolute.count() ||
                        now - session.last_used >= options_.idle.count();
@@ -177,7 +177,7 @@ void SessionTable::Impl::SetReplaced(const Hash& hash, bool is_replaced) {
   replaced_ += is_replaced ? 1 : std::size_t{0} - 1;
 }
 
-// Marks the user's oldest sessions, those beyond its quota once there is one more, and lists them in `replaced`.
+// Marks the user's oldest sessions that exceed the quota once there is one more, and lists them in `replaced`.
 Status SessionTable::Impl::MakeRoom(const std::string& user, std::vector<Hash>& replaced) {
   std::vector<Hash> own;  // the oldest first
   if (const auto found = by_user_.find(user); found != by_user_.end()) {
@@ -221,14 +221,14 @@ Result<NewSession> SessionTable::Impl::Create(const SessionUser& user) {
   const std::uint64_t generation = ++generation_;
   lock.unlock();
 
-  // Nobody knows the token yet, and those it replaces stay good until it is in the file.
+  // No one knows the token yet, and the sessions that it replaces stay valid until it is in the file.
   const Status written = WriteUpTo(generation);
 
   lock.lock();
   if (!written.ok()) {
     for (const Hash& old : replaced) SetReplaced(old, false);
     Remove(*hash);
-    ++generation_;  // another's write may have put it into the file
+    ++generation_;  // another thread's write may have put it into the file
     return written.error();
   }
   for (const Hash& old : replaced) Remove(old);
@@ -274,7 +274,7 @@ bool SessionTable::Impl::End(std::string_view token) {
   if (!removed) return false;
   const std::uint64_t generation = ++generation_;
   lock.unlock();
-  // A failure leaves the generation unwritten, and whoever writes next makes up for it.
+  // A failure leaves the generation unwritten, and the next writer makes up for it.
   static_cast<void>(WriteUpTo(generation));
   return *removed == Liveness::kLive;
 }
@@ -307,13 +307,13 @@ Status SessionTable::Impl::Sweep() {
   return WriteWithWriteMutexHeld();
 }
 
-// Those in the table now, the oldest first, and which generation that is.
+// The sessions in the table now, the oldest first, and which generation that is.
 std::vector<SessionRecord> SessionTable::Impl::Snapshot(std::uint64_t& generation) {
   std::vector<std::pair<std::uint64_t, SessionRecord>> ordered;
   {
     const std::lock_guard lock(change_mutex_);
     generation = generation_;
-    has_new_uses_ = false;  // before reading them: one that comes meanwhile sets it again
+    has_new_uses_ = false;  // before reading them: a use that comes meanwhile sets it again
     ordered.reserve(count_);
     for (Shard& shard : shards_) {
       const std::lock_guard shard_lock(shard.mutex);
@@ -331,8 +331,8 @@ std::vector<SessionRecord> SessionTable::Impl::Snapshot(std::uint64_t& generatio
   return records;
 }
 
-// Returns when the file has all changes up to `generation`. Callers who wait meanwhile find theirs written by the first
-// of them: many logins at once share a write.
+// Returns when the file has all changes up to `generation`. Callers that had to wait find their changes written by the
+// first of them, so many concurrent logins share one write.
 Status SessionTable::Impl::WriteUpTo(std::uint64_t generation) {
   const std::lock_guard lock(write_mutex_);
   if (written_generation_ >= generation) return {};
@@ -343,7 +343,7 @@ Status SessionTable::Impl::WriteUpTo(std::uint64_t generation) {
 Status SessionTable::Impl::WriteWithWriteMutexHeld() {
   std::uint64_t generation = 0;
   const std::string text = RenderSessions(Snapshot(generation));
-  // What cannot be read back would keep the daemon from starting.
+  // A file that cannot be read back would keep the daemon from starting.
   Status status = text.size() > kMaxFileBytes ? Error(ErrorCode::kNoSpace, "The session file would become too large")
                                               : WriteFileAtomically(path_, text, kFileMode);
   if (status.ok()) {

@@ -1,4 +1,4 @@
-// What the file system says about a repository's storage.
+// What the file system reports about a repository's storage.
 #include <algorithm>
 #include <cerrno>
 #include <set>
@@ -58,7 +58,8 @@ class StorageLook {
     return above.size() == 1 && folder == above.front() + question_.repository_id;
   }
 
-  // A root that disks are below and that is not there. It was never learned, else the check had found that.
+  // Finds a root that is missing although disks are below it. It was never learned, otherwise the check would have
+  // found it.
   void CheckRoots(TrailCheck& check) const {
     if (question_.unlearned == UnlearnedRoots::kIgnored) return;
     for (const std::string& folder : used_) {
@@ -70,7 +71,7 @@ class StorageLook {
     }
   }
 
-  // Of the folders that files are in, else of where new ones come.
+  // For the folders that contain files, otherwise for those where new ones are created.
   std::vector<FolderCondition> Conditions() const {
     std::vector<std::string> folders;
     for (const auto& [folder, paths] : paths_by_folder_) folders.push_back(folder);
@@ -88,7 +89,7 @@ class StorageLook {
 
   bool HasRoom() const { return question_.known.size() + learned_.size() < kMaxStorageFolders; }
 
-  // Nothing when what is above has changed since it was checked.
+  // Nothing when the folders above have changed since they were checked.
   void Learn(const Trail& folders) {
     const bool has_changed = std::ranges::any_of(folders, [&](const auto& each) {
       const auto known = question_.known.find(each.first);
@@ -115,8 +116,8 @@ class StorageLook {
     }
   }
 
-  // "<root>/<repository>", where new disks are made. It is in use while it is there. Files that records name in it and
-  // that are missing are a reason not to believe it.
+  // "<root>/<repository>", where new disks are created. It is in use while it exists. If files that records place in it
+  // are missing, it is not trusted.
   void TakeOwnFolders(const Trail& known, const TrailCheck& check) {
     if (question_.repository_id.empty()) return;
     for (const std::string& root : question_.roots) {

@@ -51,7 +51,7 @@ BoundedCalls::Call BoundedCalls::Begin(const std::string& name, std::function<vo
       state->changed.notify_all();
     }).detach();
   } catch (const std::system_error&) {
-    return begun;  // no thread to be had now
+    return begun;  // no thread available now
   }
   state_->running.push_back(run);
   begun.run_ = run;

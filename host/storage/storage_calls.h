@@ -1,4 +1,4 @@
-// Calls that may never return, made so that their callers always do.
+// Runs calls that may never return, in such a way that their callers always do.
 #pragma once
 
 #include <chrono>
@@ -8,14 +8,14 @@
 
 namespace vexa::guests {
 
-// Each call runs on a thread of its own. One that does not return in time is left behind: its thread stays until the
+// Each call runs on a thread of its own. A call that does not return in time is abandoned: its thread stays until the
 // call returns, if it ever does, and nothing waits for it, not even the end of this object. Meanwhile calls of the same
 // name are refused immediately, so that few threads hang.
 // Threads: any, at the same time.
 class BoundedCalls {
  public:
   explicit BoundedCalls(std::chrono::milliseconds deadline);
-  // Ends what waits, as Stop().
+  // Ends the waits, like Stop().
   ~BoundedCalls();
   BoundedCalls(const BoundedCalls&) = delete;
   BoundedCalls& operator=(const BoundedCalls&) = delete;
@@ -24,7 +24,7 @@ class BoundedCalls {
   struct Run;
   class Call {
    public:
-    // Waits until the call has returned, or its deadline has passed since it began. False: it does not answer.
+    // Waits until the call has returned, or its deadline has passed since it began. False: it does not respond.
     bool Wait();
 
    private:
@@ -34,10 +34,10 @@ class BoundedCalls {
     std::chrono::steady_clock::time_point deadline_;
   };
 
-  // `call` may outlive everything else of its caller: it owns what it uses, and throws nothing.
+  // `call` may outlive everything else of its caller: it must own what it uses, and must not throw.
   Call Begin(const std::string& name, std::function<void()> call);
 
-  // From now on every call counts as one that does not answer; those who wait return.
+  // From now on every call counts as not responding; waiting callers return.
   void Stop();
 
  private:

@@ -20,14 +20,14 @@ namespace {
 
 namespace states = VexaCCC::State::Repo;
 
-constexpr unsigned kPercentBack = 2;   // below a limit that was passed
+constexpr unsigned kPercentBack = 2;   // below a limit that was exceeded
 constexpr unsigned kHeadroomBack = 5;  // percent above the headroom
 constexpr unsigned kAll = 100;
 constexpr std::uint64_t kGib = std::uint64_t{1} << 30;
 
 std::string Quoted(const std::string& path) { return "'" + cluster::ShownPath(path) + "'"; }
 
-// Reads one entry, which a file system that was shut down or lost its device refuses. 0, or an errno(3) value.
+// Reads one entry; a file system that was shut down or lost its device refuses that. 0, or an errno(3) value.
 int ReadEntry(int folder) {
   const int own = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (own < 0) return errno;
@@ -44,7 +44,7 @@ int ReadEntry(int folder) {
   return error_number;
 }
 
-// Not set: the folder cannot be opened for a reason of its own, or its file system was asked already.
+// Not set: the folder cannot be opened for a reason of its own, or its file system was already asked.
 std::optional<FolderCondition> Probe(const std::string& folder, std::set<dev_t>& asked) {
   FolderCondition condition;
   condition.folder = folder;
@@ -60,7 +60,7 @@ std::optional<FolderCondition> Probe(const std::string& folder, std::set<dev_t>&
     condition.error_number = errno;
   } else {
     is_new = asked.insert(info.st_dev).second;
-    // Whoever may not read the folder is not told how it works.
+    // A process that may not read the folder cannot learn whether it works.
     if (const int error_number = is_new ? ReadEntry(opened) : 0; IsFailure(error_number)) {
       condition.error_number = error_number;
     }
@@ -74,21 +74,22 @@ std::optional<FolderCondition> Probe(const std::string& folder, std::set<dev_t>&
   return condition;
 }
 
-// Whether so much of the file system is used. As df(1) counts: of what users other than root could have.
-bool IsUsedTo(const FolderCondition& condition, unsigned percent, std::uint64_t headroom) {
-  // A number of 53 bits is exact enough for percentages, and 64 bits could be exceeded.
+// Whether at least this share of the file system is used. Counted as by df(1): relative to what users other than root
+// could have.
+bool IsUsedAbove(const FolderCondition& condition, unsigned percent, std::uint64_t headroom) {
+  // A 53-bit number is exact enough for percentages, and 64 bits could overflow.
   const double all = static_cast<double>(condition.used) + static_cast<double>(condition.available);
   if (percent == 0 || all == 0) return false;
   if (headroom != 0 && condition.available > headroom) return false;
   return static_cast<double>(condition.used) * kAll >= all * percent;
 }
 
-bool HasPassed(const FolderCondition& condition, unsigned percent, const SpaceLimits& limits, bool has_before) {
+bool ExceedsLimit(const FolderCondition& condition, unsigned percent, const SpaceLimits& limits, bool has_before) {
   if (percent == 0) return false;
   const std::uint64_t headroom = limits.headroom_gib * kGib;
-  if (!has_before) return IsUsedTo(condition, percent, headroom);
-  return IsUsedTo(condition, std::max(percent, kPercentBack + 1) - kPercentBack,
-                  headroom + headroom / kAll * kHeadroomBack);
+  if (!has_before) return IsUsedAbove(condition, percent, headroom);
+  return IsUsedAbove(condition, std::max(percent, kPercentBack + 1) - kPercentBack,
+                     headroom + headroom / kAll * kHeadroomBack);
 }
 
 std::optional<StorageTrouble> TroubleOf(const FolderCondition& condition, const SpaceLimits& limits,
@@ -107,14 +108,14 @@ std::optional<StorageTrouble> TroubleOf(const FolderCondition& condition, const 
     return trouble(states::crashed, error.ToString());
   }
   const bool was_full = before == states::full;
-  if (HasPassed(condition, limits.full_percent, limits, was_full)) {
+  if (ExceedsLimit(condition, limits.full_percent, limits, was_full)) {
     return trouble(states::full, "the file system of the folder " + folder + " is used to " +
                                      std::to_string(limits.full_percent) + " %");
   }
   if (condition.is_read_only) {
     return trouble(states::degraded, "the file system of the folder " + folder + " is mounted read-only");
   }
-  if (HasPassed(condition, limits.warning_percent, limits, was_full || before == states::provision_warning)) {
+  if (ExceedsLimit(condition, limits.warning_percent, limits, was_full || before == states::provision_warning)) {
     return trouble(states::provision_warning, "the file system of the folder " + folder + " is used to " +
                                                   std::to_string(limits.warning_percent) + " %");
   }

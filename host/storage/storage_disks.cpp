@@ -26,7 +26,7 @@ namespace repositories_are = VexaCCC::State::Repo;
 using VexaCCC::DB::DashCate;
 
 constexpr std::uint64_t kMib = std::uint64_t{1} << 20;
-// Of the format that QEMU's documentation calls qcow2: the size is eight bytes, the highest first.
+// In the format that QEMU's documentation calls qcow2, the size is eight bytes, the highest first.
 constexpr std::string_view kMagic = "QFI\xfb";
 constexpr std::size_t kSizeOffset = 24;
 constexpr std::size_t kHeadLength = 32;
@@ -36,7 +36,7 @@ std::string DiskKey(const std::string& disk_id, const char* name) {
   return store::MakeKey({"dash", DashCate::vDisk.name(), disk_id, name});
 }
 
-// The disk's state for a repository's that disks share. Null for one that they do not.
+// The disk's state for a repository state that disks share. Null for one that they do not share.
 const char* SharedState(std::string_view repository) {
   const std::array<std::pair<const char*, const char*>, 6> shared{
       {{repositories_are::inaccessible, disks_are::inaccessible},
@@ -51,7 +51,7 @@ const char* SharedState(std::string_view repository) {
   return nullptr;
 }
 
-// Whether nothing is known about files in it.
+// Whether nothing is known about the files in it.
 bool HidesFiles(std::string_view repository) {
   return repository == repositories_are::inaccessible || repository == repositories_are::unavailable ||
          repository == repositories_are::crashed;
@@ -68,7 +68,7 @@ std::optional<std::uint64_t> Qcow2Size(int file) {
   return size;
 }
 
-// Up to `most` of the candidates behind the one that was chosen last, in their order, and round to the first.
+// Chooses up to `most` candidates after the one chosen last, in their order, wrapping around to the first.
 void ChooseFrom(const std::map<std::string, const DiskFile*>& candidates, std::size_t most, std::string& last,
                 std::vector<DiskFile>& chosen) {
   auto next = candidates.upper_bound(last);
@@ -97,7 +97,7 @@ FileState LookAtFile(const DiskFile& disk) {
   const std::uint64_t least =
       size_mib >= UINT64_MAX / kMib ? UINT64_MAX : size_mib * kMib + (disk.size_mib > 0 ? 1 : 0);
   if (!disk.is_qcow2) return static_cast<std::uint64_t>(info.st_size) < least ? FileState::kShort : FileState::kFine;
-  // What is in the path's place by now may be a FIFO.
+  // By now, there may be a FIFO at the path.
   const int file = ::open(disk.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) return FileState::kUnknown;
   const std::optional<std::uint64_t> size = Qcow2Size(file);
@@ -110,7 +110,7 @@ std::optional<std::string> DiskStateOf(std::string_view repository, std::optiona
                                        std::string_view stored) {
   const char* const shared = SharedState(repository);
   if (HidesFiles(repository)) return shared;
-  // Before the first look what an earlier look has found holds.
+  // Before the first check, the result of an earlier one is valid.
   const bool is_of_file = stored == disks_are::inaccessible || stored == disks_are::crashed;
   if (!file && (is_of_file || stored.empty())) return std::nullopt;
   if (file == FileState::kMissing) return disks_are::inaccessible;
@@ -130,7 +130,7 @@ std::vector<DiskFile> DiskStates::Choose(const std::vector<DiskFile>& disks, con
   std::map<std::string, const DiskFile*> other;
   for (const DiskFile& disk : disks) (running.contains(disk.guest_id) ? hot : other).emplace(disk.id, &disk);
   std::vector<DiskFile> chosen;
-  // A quarter is kept for the others, so that their turn comes too.
+  // A quarter is reserved for the others, so that they get their turn too.
   const std::size_t kept = std::min(most / 4, other.size());
   ChooseFrom(hot, most - kept, last_running_, chosen);
   ChooseFrom(other, most - chosen.size(), last_other_, chosen);
@@ -154,7 +154,7 @@ Status DiskStates::ReadStored(const store::Store& store, const std::vector<DiskF
   return {};
 }
 
-// A disk that has gone meanwhile gets no state.
+// A disk that has disappeared meanwhile gets no state.
 Result<store::Transaction> DiskStates::Plan(const store::Store& store, const std::map<std::string, std::string>& part) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();

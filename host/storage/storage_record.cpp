@@ -42,7 +42,7 @@ Storage FromRecord(const cluster::StoredObject& stored) {
   storage.revision = stored.revision;
   storage.host_id = TextMember(stored.record, keys::host_id);
   storage.folders = TrailFromJson(json::Member(stored.record, kFolders));
-  // Without "trouble" what there is of it was written before states had kinds: it was not mounted.
+  // A record without "trouble" was written before states had kinds: the storage was not mounted.
   const std::string state = TextMember(stored.record, kTrouble);
   if (state.empty() && !json::FindMember(stored.record, kNotMounted)) return storage;
   StorageTrouble& trouble = storage.trouble.emplace();
@@ -79,7 +79,7 @@ Result<StoredText> ReadText(const store::Snapshot& snapshot, const std::string& 
   return StoredText{(*value)->revision, std::string((*value)->text)};
 }
 
-// The text of the state's key but for what was written there for a trouble.
+// The text of the state's key, disregarding what was written there for a trouble.
 std::optional<std::string> TextBelow(const Storage& storage, const StoredText& state) {
   const bool is_ours = storage.written && state.text == json::ToText(*storage.written);
   return is_ours ? storage.state_before : state.text;
@@ -92,7 +92,7 @@ void PutState(const std::string& repository_id, const StoredText& now, const std
   if (now.text != text) transaction.operations.push_back({key, text});
 }
 
-// The state that a text of the state's key says, else the one in the repository's record.
+// The state in a text of the state's key, otherwise the one in the repository's record.
 Result<std::string> StateBelow(const store::Snapshot& snapshot, const std::string& repository_id,
                                const std::optional<std::string>& text) {
   if (text) {
@@ -104,14 +104,14 @@ Result<std::string> StateBelow(const store::Snapshot& snapshot, const std::strin
   return record ? TextMember(record->record, keys::state) : std::string();
 }
 
-// Storage that cannot be used at all is shown whatever is known besides; of the rest the worst.
+// Storage that cannot be used at all is always shown; otherwise the worst state is.
 bool IsShown(const StorageTrouble& trouble, const std::string& below) {
   const bool is_lost =
       trouble.state == VexaCCC::State::Repo::unavailable || trouble.state == VexaCCC::State::Repo::crashed;
   return is_lost || RepositoryRank(trouble.state) > RepositoryRank(below);
 }
 
-// What of the storage counts for this host.
+// The part of the record that applies to this host.
 Storage OwnPart(const Storage& before, const std::string& host_id) {
   Storage own = before;
   own.host_id = host_id;
@@ -119,7 +119,7 @@ Storage OwnPart(const Storage& before, const std::string& host_id) {
   return own;
 }
 
-// `below`: the state without what is written for a trouble, of the text `text_below`.
+// `below`: the state without the one written for a trouble, from the text `text_below`.
 Storage Apply(const Storage& before, const std::string& host_id, const StorageNews& news, const std::string& below,
               const std::optional<std::string>& text_below) {
   Storage after = OwnPart(before, host_id);

@@ -1,16 +1,16 @@
-// What is known of the storage that a repository's disks are in.
+// What is known about the storage of a repository's disks.
 //
 //   /dash/repository/<id>/storage   {"host_id": whose folders these are, "folders": {folder: identity} (a trail),
-//                                    and while something is wrong with it: "trouble" (the state that it makes),
+//                                    and while something is wrong with it: "trouble" (the resulting state),
 //                                    "reason": a clause, "since" (Unix seconds), "not_mounted": [folder, …] of a
 //                                    repository that is unavailable, "written" (the state that was put under the next
-//                                    key, if any), "state_before" (the text of the next key before, if any)}
-//   /dash/repository/<id>/state     the state as long. It goes before the state in the repository's record, which is an
-//                                    administrator's and stays as it is. A state that is worse already stays, but for
-//                                    storage that cannot be used at all.
+//                                    key, if any), "state_before" (the earlier text of the next key, if any)}
+//   /dash/repository/<id>/state     the state during that time. It overrides the state in the repository's record,
+//                                    which belongs to an administrator and stays unchanged. A state that is already
+//                                    worse is kept, except for storage that cannot be used at all.
 //
-// Only the host of the repository writes these keys, and `vexa repository accept`. Knowledge of a host whose repository
-// it no longer is counts as none.
+// Only the repository's host and `vexa repository accept` write these keys. What a former host of the repository knew
+// does not count.
 // Threads: any, at the same time; processes as well.
 #pragma once
 
@@ -32,10 +32,10 @@ std::string RepositoryStateKey(const std::string& repository_id);
 
 // What is wrong with a repository's storage.
 struct StorageTrouble {
-  std::vector<std::string> folders;  // that it was found by; none when nothing answers
+  std::vector<std::string> folders;  // that revealed it; none when nothing responds
   std::string reason;                // a clause: "the folder '…' is not the one that its disks are in"
   std::chrono::system_clock::time_point since;
-  std::string state = VexaCCC::State::Repo::unavailable;  // that the repository is in
+  std::string state = VexaCCC::State::Repo::unavailable;  // of the repository
 };
 
 struct Storage {
@@ -44,38 +44,39 @@ struct Storage {
   Trail folders;
   std::optional<StorageTrouble> trouble;
   std::optional<std::string> written;       // the state that was put under RepositoryStateKey() for the trouble
-  std::optional<std::string> state_before;  // the text that it took the place of
+  std::optional<std::string> state_before;  // the text that it replaced
 };
 
 // The record without the host and the earlier state, for people.
 Json::Value StorageJson(const Storage& storage);
 
-// Errors: kCorrupt (the record is not an object; `vexa repository accept` removes it), and what the store says.
+// Errors: kCorrupt (the record is not an object; `vexa repository accept` removes it), and those of the store.
 Result<Storage> ReadStorage(const store::Snapshot& snapshot, const std::string& repository_id);
-// The folders of the repository as `host_id` knows them. Errors: as ReadStorage.
+// The folders of the repository as `host_id` knows them. Errors: those of ReadStorage.
 Result<Trail> KnownFolders(const store::Store& store, const std::string& repository_id, const std::string& host_id);
 
-// What a look at a repository's storage has brought.
+// The result of a check of a repository's storage.
 struct StorageNews {
-  store::Revision seen = 0;                 // Storage::revision that it is about
-  Trail learned;                            // folders that files are in and that were not known
-  std::set<std::string, std::less<>> used;  // of what is known, what disks and guests still use; all else is forgotten
+  store::Revision seen = 0;                 // the Storage::revision that it refers to
+  Trail learned;                            // folders with files that were not known before
+  std::set<std::string, std::less<>> used;  // the known folders that disks and guests still use; all others are
+                                            // forgotten
   std::optional<StorageTrouble> trouble;    // `since` counts when it is new
 };
 
-// Writes what has changed, and nothing when somebody else has written meanwhile, or the repository is no longer this
-// host's: the next look is about that. What it returns is the storage before and after, which are equal when nothing
-// was written. Errors: as ReadStorage; what the store says.
+// Writes the changes. Writes nothing when the record has changed meanwhile, or the repository no longer belongs to this
+// host: the next check deals with that. Returns the storage before and after, which are equal when nothing was written.
+// Errors: those of ReadStorage and the store.
 struct StorageChange {
   Storage before;
   Storage after;
-  std::string state;  // of the repository, as readers see it now; "" when it is not this host's
+  std::string state;  // of the repository, as readers see it now; "" when it does not belong to this host
 };
 Result<StorageChange> UpdateStorage(store::Store& store, const std::string& repository_id, const std::string& host_id,
                                     const StorageNews& news);
 
-// Forgets all of it, also of a damaged record, and takes the state back: the next look learns the folders that files
-// are in by then. Not an error: nothing is known. Errors: what the store says.
+// Forgets everything, also a damaged record, and restores the state: the next check learns the folders that contain
+// files by then. It is not an error when nothing is known. Errors: those of the store.
 Status ForgetStorage(store::Store& store, const std::string& repository_id);
 
 }  // namespace vexa::guests

@@ -30,7 +30,7 @@ std::string Quoted(const std::string& path) { return "'" + cluster::ShownPath(pa
 
 bool IsRoot(std::string_view folder) { return folder.ends_with('/'); }
 
-// Closes what was opened for as long as a look takes, and leaves errno as it is.
+// Closes the folder after the check, and keeps errno unchanged.
 class Opened {
  public:
   explicit Opened(int fd) : fd_(fd) {}
@@ -56,7 +56,7 @@ Opened OpenBelow(const Opened& folder, const std::string& name) {
   return Opened(::openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Not set: errno(3) says why.
+// Not set: errno(3) has the reason.
 std::optional<FolderIdentity> Identify(const Opened& folder) {
   struct statx info {};
   const int flags = AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT;
@@ -67,7 +67,7 @@ std::optional<FolderIdentity> Identify(const Opened& folder) {
   identity.inode = info.stx_ino;
   static_assert(sizeof file_system.f_fsid == sizeof identity.file_system);
   std::memcpy(&identity.file_system, &file_system.f_fsid, sizeof identity.file_system);
-  // A file system that could keep it and did not answers 1970.
+  // A file system that supports the birth time but did not store it returns 1970.
   const bool is_born =
       (info.stx_mask & STATX_BTIME) != 0 && (info.stx_btime.tv_sec != 0 || info.stx_btime.tv_nsec != 0);
   if (is_born) {
@@ -78,7 +78,7 @@ std::optional<FolderIdentity> Identify(const Opened& folder) {
   return identity;
 }
 
-// Takes the number that `text` begins with off it.
+// Removes the number at the start of `text`.
 bool TakeNumber(std::string_view& text, int base, std::uint64_t& number) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
   if (error != std::errc()) return false;
@@ -101,15 +101,15 @@ bool IsTime(std::string_view text) {
          std::ranges::all_of(text.substr(point + 1), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// The root with its slash. Not set: it is not a folder's path.
+// The root with its slash. Not set: it is not the path of a folder.
 std::optional<std::string> NormalRoot(const std::string& root) {
   std::optional<std::string> below = root.starts_with('/') ? NormalPath(root + "/x") : std::nullopt;
   if (below) below->pop_back();
   return below;
 }
 
-// The root of a folder in a trail, and the names that lead from there to it. A folder without a root in the trail has
-// none.
+// The root of a folder in a trail, and the names that lead from there to it. A folder whose root is not in the trail
+// has none.
 struct Way {
   std::string root;
   std::vector<std::string> names;
@@ -139,13 +139,13 @@ struct FolderLook {
   enum class Is { kThere, kMissing, kUnknown };
   Is is = Is::kThere;
   std::string identity;
-  std::string reason;  // of what is not there
+  std::string reason;  // of the missing folder
   int error_number = 0;
 };
 
 FolderLook NotThere(const std::string& folder, int error_number) {
   if (error_number == ENOENT) return {FolderLook::Is::kMissing, "", "there is no folder " + Quoted(folder), ENOENT};
-  // A symbolic link in the place of a folder is one of these.
+  // A symbolic link in place of a folder causes one of these.
   if (error_number == ENOTDIR || error_number == ELOOP) {
     return {FolderLook::Is::kUnknown, "", Quoted(folder) + " is not a folder", error_number};
   }
@@ -295,7 +295,7 @@ TrailCheck CheckTrail(const Trail& trail) {
     if (look.is == Is::kThere) {
       return {Outcome::kNotMounted, {folder}, "the folder " + Quoted(folder) + " is not the one that its disks are in"};
     }
-    // Folders come behind those that they are in, which thus are the same, or gone themselves.
+    // Folders follow the folders that contain them, which are therefore unchanged, or missing themselves.
     if (look.is == Is::kUnknown || !HasParent(trail, folder)) {
       return {Outcome::kNotMounted, {folder}, look.reason, look.error_number};
     }

@@ -30,7 +30,7 @@ std::string TextMember(const Json::Value& record, const char* name) {
   return member.isString() ? json::String(member) : std::string();
 }
 
-// `record` is null of a path that is a key of its own, behind the record of the disk, and goes before the record's.
+// `record` is null for a path with a key of its own, which follows the record of the disk and overrides its path.
 void NoteDisk(const Json::Value& record, const std::string& key_segment, const std::string& path,
               std::vector<DiskFile>& disks) {
   if (record.isNull()) {
@@ -54,14 +54,14 @@ void NoteDisk(const Json::Value& record, const std::string& key_segment, const s
 // Whether the key is the state of an object, which says nothing about its files.
 bool IsState(std::string_view key) { return key.substr(key.rfind('/') + 1) == keys::state; }
 
-// The paths under `member` of all records of the category. The path of a disk may also be a key of its own.
+// The paths under `member` of all records of the category. The path of a disk may also have a key of its own.
 Status TakePaths(const store::Snapshot& snapshot, const DashCate& category, const char* member,
                  FilesByRepository::Files& files) {
   const bool has_disks = category.name() == std::string_view(DashCate::vDisk.name());
   const std::string prefix = PrefixOf(category);
   const std::string quoted = "\"" + std::string(member) + "\"";
   std::string last_id;
-  std::string repository_id;  // of the record of that id, which comes before its other keys
+  std::string repository_id;  // of the record with that id, which precedes its other keys
   return snapshot.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
     if (key.size() <= prefix.size()) return true;
     const std::string_view rest = key.substr(prefix.size() + 1);
@@ -130,7 +130,7 @@ Result<const FilesByRepository::Files*> FilesByRepository::Find(store::Store& st
   const Result<bool> has_changed = HasChanged(store, now);
   if (!has_changed) return has_changed.error();
   if (!*has_changed) {
-    // What has changed since `now` was read is looked for by the next call.
+    // The next call searches for what has changed since `now` was read.
     seen_ = now;
     return &files_;
   }

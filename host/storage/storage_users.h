@@ -1,4 +1,4 @@
-// Which repositories are this host's, and which files their records name.
+// Which repositories belong to this host, and which files their records name.
 #pragma once
 
 #include <map>
@@ -12,22 +12,22 @@
 
 namespace vexa::guests {
 
-// The repositories whose records name the host, with their names ("" for one without).
+// The repositories whose records name the host, with their names ("" without a name).
 Result<std::map<std::string, std::string>> RepositoriesOf(const store::Snapshot& snapshot, const std::string& host_id);
 
-// What records name of a repository.
+// What records name in a repository.
 struct RepositoryFiles {
-  std::vector<std::string> paths;  // as records have them, of disks and of guests' UEFI variables
+  std::vector<std::string> paths;  // as in the records of disks, and of guests for their UEFI variables
   std::vector<DiskFile> disks;
 };
 
-// The files by repository; records that cannot be read name nothing. Reads the records again only when some have
-// changed; a new state is no such change.
+// The files by repository. Unreadable records name nothing. Rereads the records only when some have changed; a new
+// state does not count as a change.
 // Threads: one at a time.
 class FilesByRepository {
  public:
   using Files = std::map<std::string, RepositoryFiles>;
-  // Valid until the next call. Errors: what the store says.
+  // Valid until the next call. Errors: those of the store.
   Result<const Files*> Find(store::Store& store);
 
  private:

@@ -17,7 +17,7 @@ std::string Quoted(const std::string& text) { return "'" + cluster::LogText(text
 
 namespace states = VexaCCC::State::Repo;
 
-// How long the files of a repository are looked at; what is left waits for the next time.
+// How long the files of a repository are checked in one pass; the rest waits for the next one.
 constexpr std::chrono::seconds kTimeForFiles{2};
 
 // A sentence without its end.
@@ -48,7 +48,7 @@ Refused Unavailable(const std::string& repository_id, const TrailCheck& check, S
                                    cluster::LogText(repository_id, kShown) + "'"};
 }
 
-Refusal NoAnswer(const std::string& repository_id) {
+Refusal NoAnswerRefusal(const std::string& repository_id) {
   return {kUnavailable, WhatIsWrong(repository_id, states::unavailable, kNoAnswer) + ". Try again once it does"};
 }
 
@@ -59,7 +59,7 @@ Refused RefuseDamaged(const std::string& repository_id, const Error& error) {
 
 }  // namespace
 
-// A question under way, with a place for its answer that outlives the watch.
+// A question in progress, with a place for its answer that outlives the watch.
 struct StorageWatch::Asked {
   std::string repository_id;
   std::string name;
@@ -80,7 +80,7 @@ StorageWatch::Asked StorageWatch::Begin(const std::string& repository_id, const 
   const bool is_needed = options_.files == StorageOptions::Files::kNeeded;
   StorageQuestion question{
       options_.roots, {}, paths, repository_id, is_needed ? UnlearnedRoots::kMissing : UnlearnedRoots::kIgnored};
-  // What another host knew is about its own folders.
+  // Another host's knowledge is about its own folders.
   if (storage.host_id == options_.host_id) question.known = storage.folders;
   auto answer = std::make_shared<StorageAnswer>();
   BoundedCalls::Call call = calls_.Begin(
@@ -124,7 +124,7 @@ std::string StorageWatch::Take(Asked& asked) {
   return change->state;
 }
 
-// A look at the files of a repository's disks, with a place for what it finds that outlives the watch.
+// A check of the files of a repository's disks, with a place for its results that outlives the watch.
 struct StorageWatch::Checked {
   struct Found {
     std::string disk_id;
@@ -145,7 +145,7 @@ StorageWatch::Checked StorageWatch::BeginFiles(const std::string& repository_id,
     for (const DiskFile& disk : disks) known.Take(disk.id, FileState::kFine);
     return checked;
   }
-  // What is there in the place of storage that is away says nothing.
+  // What exists in place of missing storage means nothing.
   if (state == states::unavailable || state == states::crashed || state == states::inaccessible) return checked;
   std::vector<DiskFile> chosen = known.Choose(disks, RunningGuests());
   if (chosen.empty()) return checked;
@@ -161,7 +161,7 @@ StorageWatch::Checked StorageWatch::BeginFiles(const std::string& repository_id,
 }
 
 void StorageWatch::TakeFiles(Checked& checked) {
-  // Without an answer the files are as they were; the repository says so itself soon.
+  // Without an answer the files count as unchanged; the repository's own state will show it soon.
   if (checked.call && checked.call->Wait()) {
     for (const auto& [disk_id, state] : *checked.found) disks_[checked.repository_id].Take(disk_id, state);
   }
@@ -247,8 +247,7 @@ Refused StorageWatch::RefuseStart(const std::string& repository_id) const {
   if (trouble.state == states::full) {
     return Refusal{kUnavailable, wrong + ". Make room in it, or move disks to another repository, and try again"};
   }
-  // Intentional: read-only does not refuse. It is what this process sees, and a libvirt elsewhere may see another
-  // mount.
+  // Intentional: read-only does not refuse. This process may see another mount than a libvirt elsewhere.
   return std::nullopt;
 }
 
@@ -257,7 +256,7 @@ Refused StorageWatch::CheckWithin(const std::string& repository_id, const Trail&
   const auto answer = std::make_shared<TrailCheck>();
   BoundedCalls::Call call =
       calls_.Begin(repository_id, [answer, part, check = options_.check] { *answer = check(part); });
-  if (!call.Wait()) return NoAnswer(repository_id);
+  if (!call.Wait()) return NoAnswerRefusal(repository_id);
   return Unavailable(repository_id, *answer, use);
 }
 

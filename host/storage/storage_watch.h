@@ -1,8 +1,8 @@
-// Knows the storage of this host's repositories, so that a folder without what belongs in it is not believed.
+// Monitors the storage of this host's repositories, so that a folder without its proper content is not trusted.
 //
-// A storage is learned from files that exist: the folders down to one are remembered by their identities (see
-// storage_trail.h, storage_record.h). From then on a folder that is not the same makes the repository unavailable until
-// it is the same again, or an administrator accepts what is there.
+// Storage is learned from files that exist: the folders down to a file are remembered by their identities (see
+// storage_trail.h, storage_record.h). From then on, a folder that is not the same makes the repository unavailable
+// until it is the same again, or an administrator accepts what is there.
 #pragma once
 
 #include <atomic>
@@ -26,17 +26,17 @@
 
 namespace vexa::guests {
 
-// What to make of a folder of images that is missing, and below which no file was ever seen.
+// How to treat a missing folder of images below which no file was ever seen.
 enum class UnlearnedRoots {
   kMissing,  // it is not mounted
-  kIgnored,  // it was never used, as in test mode, whose guests need no files
+  kIgnored,  // it was never used, as in test mode, where guests need no files
 };
 
-// What the file system is asked about one repository, and what it answers.
+// The question to the file system about one repository, and its answer.
 struct StorageQuestion {
   std::vector<std::string> roots;  // the folders of images
   Trail known;
-  std::vector<std::string> paths;  // of its files, as records have them
+  std::vector<std::string> paths;  // of its files, as in the records
   std::string repository_id;
   UnlearnedRoots unlearned = UnlearnedRoots::kMissing;
 };
@@ -47,67 +47,66 @@ struct StorageAnswer {
   std::vector<FolderCondition> conditions;  // of the folders in use; none while the check is kNotMounted
 };
 
-// May wait for ever. A folder is learned of a file in it that is there, and the repository's own folder below a root
-// when it is there and no record names a file in it. Files in folders that are known are not looked at.
+// May wait forever. A folder is learned from an existing file in it; the repository's own folder below a root is
+// learned when it exists and no record names a file in it. Files in known folders are not checked.
 StorageAnswer AskStorage(const StorageQuestion& question);
 
-// A repository learns no more folders than this; one that is not learned is not checked.
+// A repository learns no more folders than this; a folder that is not learned is not checked.
 inline constexpr std::size_t kMaxStorageFolders = 4096;
 
 // What a job is about to do with files.
 enum class StorageUse {
-  kExisting,  // looks for files, renames or removes them: of a folder that is gone they are gone as well
-  kNew,       // makes files: a folder that is gone is not made again in the place of the one that was known
+  kExisting,  // looks for, renames or removes files: if a folder is gone, so are its files
+  kNew,       // creates files: a missing folder is not created in place of the known one
 };
 
 struct StorageOptions {
   std::shared_ptr<store::Store> store;
-  std::string host_id;                                           // this host's
+  std::string host_id;                                           // of this host
   std::vector<std::string> roots;                                // the folders of images
-  std::chrono::milliseconds deadline = std::chrono::seconds(5);  // within which file systems answer
+  std::chrono::milliseconds deadline = std::chrono::seconds(5);  // within which file systems must respond
   SpaceLimits limits;
-  // Whether guests need the files of their disks; test mode's do not.
+  // Whether guests need the files of their disks; in test mode they do not.
   enum class Files { kNeeded, kNotNeeded };
   Files files = Files::kNeeded;
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
-  // Called on threads that may outlive the watch; tests put others in their place.
+  // Called on threads that may outlive the watch; tests replace them.
   std::function<StorageAnswer(const StorageQuestion&)> ask = AskStorage;
   std::function<TrailCheck(const Trail&)> check = CheckTrail;
   std::function<FileState(const DiskFile&)> look = LookAtFile;
 };
 
-// One per host. Threads: any, at the same time. No file system that hangs holds up a caller for longer than the
-// deadline, nor the end of the watch.
+// One per host. Threads: any, at the same time. A file system that hangs never delays a caller, or the end of the
+// watch, for longer than the deadline.
 class StorageWatch {
  public:
   explicit StorageWatch(StorageOptions options);
 
-  // Looks at the storage of all repositories whose records name this host, learns and forgets folders, and writes the
-  // state of each that has changed, with a line in the system log; then the states of their disks. What fails is logged
-  // when it is new, and tried again by the next call. All repositories together take one deadline, and the files of
-  // their disks another one.
+  // Checks the storage of all repositories whose records name this host, learns and forgets folders, and writes each
+  // state that has changed, with a line in the system log; then the states of their disks. New failures are logged, and
+  // the next call retries. All repositories together take one deadline, and the files of their disks another one.
   void Refresh();
 
-  // Why a job cannot touch files of the repository now: 949, when a folder of one of `paths` is known and not the same,
-  // the storage does not answer, or what is known cannot be read. Nothing: it can, as far as is known; of a repository
-  // without an id nothing is. For jobs, before each step that believes what it finds; they hold neither a lock nor a
-  // snapshot.
+  // Why a job must not touch files of the repository now: 949, when a folder of one of `paths` is known and has
+  // changed, the storage does not respond, or the knowledge cannot be read. Empty: it may, as far as is known; about a
+  // repository without an id nothing is known. Jobs call this before each step that relies on what it finds; they must
+  // hold neither a lock nor a snapshot.
   Refused Refuse(const std::string& repository_id, const std::vector<std::string>& paths, StorageUse use);
   // Why a guest with files in the repository cannot be started now: 949, when its storage is full or cannot be written,
-  // by what the last Refresh has found and is still stored.
+  // according to the stored result of the last Refresh.
   Refused RefuseStart(const std::string& repository_id) const;
-  // The same as Refuse by the trail that a journal has of its files.
+  // The same as Refuse, for the trail that a journal has of its files.
   Refused RefuseTrail(const std::string& repository_id, const Trail& remembered, StorageUse use);
 
-  // Lets those who wait go. The watch is of no use afterwards: every storage counts as one that does not answer, and
-  // Refresh writes nothing.
+  // Releases waiting callers. Do not use the watch afterwards: all storage counts as not responding, and Refresh writes
+  // nothing.
   void Stop();
 
  private:
   struct Asked;
   Asked Begin(const std::string& repository_id, const std::string& name, const Storage& storage,
               const std::vector<std::string>& paths);
-  // The repository's state, "" when it is not known.
+  // The repository's state, "" when it is unknown.
   std::string Take(Asked& asked);
   std::optional<StorageTrouble> TroubleIn(Asked& asked) const;
   struct Checked;
@@ -123,7 +122,7 @@ class StorageWatch {
   std::mutex refreshing_;  // held by Refresh
   FilesByRepository files_;
   std::map<std::string, DiskStates> disks_;        // by repository
-  std::map<std::string, std::string> complaints_;  // by repository; "" is all of them
+  std::map<std::string, std::string> complaints_;  // by repository; "" stands for all of them
   std::atomic<bool> is_stopped_ = false;
 };
 

@@ -110,7 +110,7 @@ std::vector<Result<Revision>> EmbeddedStore::RunBatch(std::span<Waiting* const> 
   if (together.error().code() != ErrorCode::kNoSpace || batch.size() == 1) {
     return std::vector<Result<Revision>>(batch.size(), together.error());
   }
-  // Perhaps only one of them is too large.
+  // Maybe only one of them is too large.
   outcomes.clear();
   for (std::size_t i = 0; i < batch.size(); ++i) {
     std::vector<Result<Revision>> single;
@@ -128,7 +128,7 @@ Status EmbeddedStore::RunTogether(std::span<Waiting* const> batch, std::vector<R
     for (const Waiting* waiting : batch) {
       outcomes.push_back(RunOne(writer, *waiting->transaction));
       const Result<Revision>& last = outcomes.back();
-      // Nothing of a transaction that failed half-way may stay, so the whole batch is given up.
+      // No partial effect of a failed transaction may remain, so the whole batch is abandoned.
       if (!last.ok() && last.error().code() != ErrorCode::kConflict) return last.error();
     }
     return {};

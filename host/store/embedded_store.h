@@ -1,4 +1,4 @@
-// The embedded store: counts its own revisions and commits for many threads at once.
+// The embedded store: counts its own revisions and commits for many threads concurrently.
 #pragma once
 
 #include <condition_variable>
@@ -15,8 +15,8 @@
 namespace vexa::store {
 
 // Commits that wait at the same time share one sync of the disk: the first in the queue takes all of them, runs each
-// with its own compares and its own revision in one LMDB transaction, and wakes the others. A failed compare fails its
-// own transaction only; so does a transaction that is too large for the disk. A thread that holds a snapshot commits
+// with its own compares and its own revision in one LMDB transaction, and wakes the others. A failed compare fails only
+// its own transaction; so does a transaction that is too large for the disk. A thread that holds a snapshot commits
 // alone: if the map had to grow, the others would wait for its snapshot while it waited for them.
 // Threads: any, at the same time.
 class EmbeddedStore final : public Store {
@@ -34,7 +34,7 @@ class EmbeddedStore final : public Store {
   struct Waiting {
     const Transaction* transaction = nullptr;
     std::optional<Result<Revision>> outcome;  // under mutex_
-    std::condition_variable turn;             // the outcome is there, or the queue has nobody else to lead it
+    std::condition_variable turn;             // the outcome is available, or the queue has no other leader
   };
 
   Result<Revision> CheckOnly(const Transaction& transaction) const;
@@ -45,7 +45,7 @@ class EmbeddedStore final : public Store {
   const std::unique_ptr<LmdbKeyspace> keyspace_;
   std::mutex mutex_;
   std::deque<Waiting*> queue_;
-  bool leading_ = false;  // somebody runs a batch
+  bool leading_ = false;  // a thread is running a batch
 };
 
 }  // namespace vexa::store

@@ -9,7 +9,7 @@ namespace {
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 constexpr std::string_view kEmptySegment = "%";
 
-// By byte. A table, as every byte of every key that is read or written is looked up.
+// Indexed by byte. A table, because every byte of every key that is read or written is looked up.
 constexpr std::array<bool, 256> kPlain = [] {
   std::array<bool, 256> plain{};
   for (const char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~:@+")) {
@@ -68,15 +68,15 @@ std::optional<std::string> DecodeSegment(std::string_view encoded) {
     out += static_cast<char>(high * 16 + low);
     i += 2;
   }
-  // One text has one encoding: "%41", a bare space or an empty segment are refused here.
+  // A text has exactly one encoding: "%41", a bare space and an empty segment are refused here.
   if (EncodeSegment(out) != encoded) return std::nullopt;
   return out;
 }
 
 std::string MakeKey(std::initializer_list<std::string_view> segments) {
-  constexpr std::size_t kUsualKeyBytes = 72;
+  constexpr std::size_t kTypicalKeyBytes = 72;
   std::string key;
-  key.reserve(kUsualKeyBytes);
+  key.reserve(kTypicalKeyBytes);
   for (const std::string_view segment : segments) {
     key += '/';
     AppendSegment(key, segment);

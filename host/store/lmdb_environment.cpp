@@ -22,7 +22,7 @@ using std::chrono::milliseconds;
 constexpr unsigned kMaxReaders = 1024;
 constexpr std::size_t kMaxIdleReaders = 64;
 constexpr std::size_t kLargestStepBytes = std::size_t{1} << 30;
-constexpr milliseconds kPatience{2000};  // with snapshots that stand in the way of a new map
+constexpr milliseconds kPatience{2000};  // for snapshots that prevent a new map
 constexpr milliseconds kSlotPause{10};
 constexpr int kMaxAttempts = 100;
 
@@ -31,7 +31,7 @@ std::size_t RoundUpToPage(std::size_t bytes) {
   return (bytes + page - 1) / page * page;
 }
 
-// LMDB unmaps before it maps, so a map that does not fit must be refused before it is asked for.
+// LMDB unmaps before it maps, so a map that does not fit must be refused beforehand.
 bool AddressSpaceHolds(std::size_t bytes) {
   void* const probe = ::mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (probe == MAP_FAILED) return false;
@@ -114,7 +114,7 @@ Status LmdbEnvironment::OpenFiles() {
   code = mdb_env_set_maxdbs(environment_, 3);
   if (code == 0) code = mdb_env_set_maxreaders(environment_, kMaxReaders);
   if (code == 0) code = mdb_env_set_mapsize(environment_, map_bytes_);
-  // Without MDB_WRITEMAP pages are written by calls: a full disk is an error then, and no signal.
+  // Without MDB_WRITEMAP, pages are written by system calls: a full disk is then an error instead of a signal.
   if (code == 0) code = mdb_env_open(environment_, directory_.c_str(), MDB_NOTLS, S_IRUSR | S_IWUSR);
   if (code != 0) {
     CloseFiles();
@@ -127,7 +127,7 @@ Status LmdbEnvironment::OpenFiles() {
     CloseFiles();
     return opened;
   }
-  // LMDB syncs what it writes and not the name of a new file.
+  // LMDB syncs what it writes, but not the name of a new file.
   if (const int synced = lock.SyncNames(); synced != 0) {
     CloseFiles();
     return LmdbError("Cannot sync the folder '" + directory_ + "'", synced);
@@ -136,7 +136,7 @@ Status LmdbEnvironment::OpenFiles() {
   return {};
 }
 
-// Once, whatever is opened again later.
+// Only once, even when the files are reopened later.
 Status LmdbEnvironment::RememberPlace() {
   int fd = -1;
   struct stat info {};
@@ -169,7 +169,7 @@ Status LmdbEnvironment::OpenDatabases() {
   return LmdbError("'" + directory_ + "' holds no store that this version can use", code);
 }
 
-// In a transaction with these flags; only a writing one creates the databases. MDB_NOTFOUND when one is missing.
+// In a transaction with these flags; only a write transaction creates the databases. MDB_NOTFOUND when one is missing.
 int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
   MDB_txn* transaction = nullptr;
   int code = mdb_txn_begin(environment_, nullptr, transaction_flags, &transaction);
@@ -178,7 +178,7 @@ int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
   MDB_stat content{};
   code = mdb_dbi_open(transaction, nullptr, 0, &main);
   if (code == 0) code = mdb_stat(transaction, main, &content);
-  // Databases are added to an empty file only: a file with others in it is somebody else's.
+  // Databases are added to an empty file only: a file that contains other databases is not ours.
   const unsigned create = transaction_flags == 0 && content.ms_entries == 0 ? static_cast<unsigned>(MDB_CREATE) : 0U;
   if (code == 0) code = mdb_dbi_open(transaction, kDataName, create, &data_);
   if (code == 0) code = mdb_dbi_open(transaction, kChangesName, create, &changes_);
@@ -234,7 +234,7 @@ Result<WriteTransaction> LmdbEnvironment::BeginWrite() {
   }
 }
 
-// Does what lets the transaction be begun again, or says why it cannot.
+// Fixes the cause so that the transaction can be retried, or returns why that is not possible.
 Status LmdbEnvironment::Recover(int code, int attempt) {
   if (attempt < kMaxAttempts) {
     if (code == MDB_MAP_RESIZED) return AdoptMap();
@@ -261,7 +261,7 @@ Status LmdbEnvironment::AdoptMap() {
   return adopted;
 }
 
-// After a failed write of its head LMDB refuses everything until the environment is opened again.
+// After a failed write of its head, LMDB refuses everything until the environment is reopened.
 Status LmdbEnvironment::OpenAnew() {
   if (!gate_.Close(kPatience)) {
     return Error(ErrorCode::kUnavailable, "The store must be opened again, and open snapshots keep it in use");
@@ -295,13 +295,13 @@ Status LmdbEnvironment::Grow(std::size_t seen_bytes, std::size_t extra_bytes) {
 void LmdbEnvironment::GrowAhead() {
   if (IsForked() || !gate_.Close(milliseconds(0))) return;
   if (environment_ != nullptr && IsHalfFull()) {
-    // A failure costs nothing here: the commit that really needs the room meets it again and reports it.
+    // A failure is harmless here: the commit that really needs the room runs into it again and reports it.
     static_cast<void>(SetMap(RoundUpToPage(map_bytes_ + std::min(map_bytes_, kLargestStepBytes))));
   }
   gate_.OpenAgain();
 }
 
-// With the gate closed. 0 bytes: what the file says.
+// Requires a closed gate. 0 bytes: the size in the file.
 Status LmdbEnvironment::SetMap(std::size_t bytes) {
   if (bytes > 0 && !AddressSpaceHolds(bytes)) {
     return Error(ErrorCode::kNoSpace, "No address space for a store of " + std::to_string(bytes) + " bytes");
@@ -312,7 +312,7 @@ Status LmdbEnvironment::SetMap(std::size_t bytes) {
     map_bytes_ = MapBytes();
     return {};
   }
-  // The old map is gone and there is no new one: only opening again helps, now or at the next call.
+  // The old map is gone and there is no new one: only reopening helps, now or at the next call.
   CloseFiles();
   return OpenFiles();
 }

@@ -19,7 +19,7 @@ namespace vexa::store {
 
 class LmdbEnvironment;
 
-// A read transaction: one consistent state of all databases. Moves; gives its reader slot back when destroyed.
+// A read transaction: one consistent state of all databases. Movable; returns its reader slot when destroyed.
 class ReadTransaction {
  public:
   ReadTransaction(ReadTransaction&& other) noexcept;
@@ -42,11 +42,11 @@ class WriteTransaction {
   WriteTransaction& operator=(WriteTransaction&&) = delete;
   ~WriteTransaction();
   MDB_txn* get() const { return transaction_; }
-  // The size of the map it runs in.
+  // The size of the map that it runs in.
   std::size_t map_bytes() const { return map_bytes_; }
-  // 0, or LMDB's code; ended in either case.
+  // 0, or LMDB's code. Ends the transaction in either case.
   int Commit();
-  // Ended without a trace.
+  // Ends the transaction without any effect.
   void Abort();
 
  private:
@@ -57,13 +57,13 @@ class WriteTransaction {
   MapGate::Pass pass_;
 };
 
-// After a fork the child must not use its parent's environment: every call answers kUnavailable there, and nothing of
-// the parent's is given back. The child opens the folder for itself.
+// After a fork, the child must not use its parent's environment: every call returns kUnavailable there, and none of the
+// parent's resources are released. The child must open the folder itself.
 // Threads: any, at the same time.
 class LmdbEnvironment {
  public:
-  // The folder exists. One per folder and process, because two would break each other's locks: while there is one,
-  // opening the folder again gives the same.
+  // The folder must exist. One environment per folder and process, because two would break each other's locks: opening
+  // a folder that is already open returns the same environment.
   static Result<std::shared_ptr<LmdbEnvironment>> Open(const LmdbOptions& options);
   ~LmdbEnvironment();
   LmdbEnvironment(const LmdbEnvironment&) = delete;
@@ -74,29 +74,29 @@ class LmdbEnvironment {
   MDB_dbi meta() const { return meta_; }
   const std::string& directory() const { return directory_; }
 
-  // Whether the data file is where it was first opened; see StorePlace. After a fork nothing is looked at: another
-  // thread of the parent may have been looking.
+  // Whether the data file is where it was first opened; see StorePlace. After a fork this checks nothing, because
+  // another thread of the parent may have been in the middle of a check.
   Status InPlace() const { return IsForked() ? Status() : place_->Check(); }
 
   // Errors: kBusy (no reader slot, or the map was grown elsewhere and a snapshot of this process stays open),
-  // kUnavailable (after a fork, the file is not in its place, or the folder cannot be opened again), and as LmdbError
-  // says.
+  // kUnavailable (after a fork, the file is not in its place, or the folder cannot be reopened), and those of
+  // LmdbError.
   Result<ReadTransaction> BeginRead();
-  // Waits for the writers of all processes. Errors: as BeginRead.
+  // Waits for the writers of all processes. Errors: those of BeginRead.
   Result<WriteTransaction> BeginWrite();
 
   // Whether a transaction that this thread began is still open.
   bool ThisThreadIsInside() { return !IsForked() && gate_.ThisThreadIsInside(); }
 
-  // Makes the map at least twice `seen_bytes` and room for `extra_bytes`, unless another thread already did.
+  // Grows the map to at least twice `seen_bytes`, with room for `extra_bytes`, unless another thread already did.
   // Errors: kBusy (snapshots of this process stay open), kNoSpace (no address space), kUnavailable.
   Status Grow(std::size_t seen_bytes, std::size_t extra_bytes);
 
-  // Grows the map once it is half full, provided that nobody is inside; so that hardly ever somebody has to wait for
-  // it.
+  // Grows the map once it is half full, provided that no thread is inside. This way commits hardly ever have to wait
+  // for growth.
   void GrowAhead();
 
-  // A number that changes with every commit of any process; 0 when it cannot be told.
+  // A number that changes with every commit of any process; 0 when it is unknown.
   std::uint64_t LastTransaction();
 
  private:
@@ -122,9 +122,9 @@ class LmdbEnvironment {
   const PlaceCheck place_check_;
   const std::uint64_t generation_;
   std::size_t map_bytes_;                    // changed only while the gate is closed
-  std::unique_ptr<const StorePlace> place_;  // never changed once the environment has been handed out
+  std::unique_ptr<const StorePlace> place_;  // does not change once the environment has been returned
   MapGate gate_;
-  MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when opening anew failed
+  MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when reopening failed
   MDB_dbi data_ = 0;
   MDB_dbi changes_ = 0;
   MDB_dbi meta_ = 0;

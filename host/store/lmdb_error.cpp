@@ -42,8 +42,7 @@ ErrorCode CodeOf(int lmdb_code) {
 }  // namespace
 
 Error LmdbError(std::string message, int code) {
-  if (code > 0)
-    return SystemError(CodeOf(code), std::move(message), code);  // mdb_strerror is not made for threads here
+  if (code > 0) return SystemError(CodeOf(code), std::move(message), code);  // mdb_strerror is not thread-safe here
   return Error(CodeOf(code), std::move(message), mdb_strerror(code));
 }
 

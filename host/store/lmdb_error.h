@@ -1,4 +1,4 @@
-// LMDB's return codes as errors of this host.
+// Maps LMDB's return codes to errors of this host.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 namespace vexa::store {
 
 // `code` is an LMDB or errno(3) value, not 0. Damage is kCorrupt, a full disk or limit kNoSpace, missing rights or a
-// read-only disk kDenied, a full reader table kBusy, the rest kInternal.
+// read-only disk kDenied, a full reader table kBusy, anything else kInternal.
 Error LmdbError(std::string message, int code);
 
 }  // namespace vexa::store

@@ -25,7 +25,7 @@ constexpr std::string_view kDataFile = "data.mdb";
 constexpr std::string_view kLockFile = "lock.mdb";
 constexpr std::string_view kMountedFolder = "lost+found";
 
-// The head of a data file: two pages like this one, of which the one with the greater transaction number is valid.
+// The head of a data file: two pages like this one. The one with the greater transaction number is valid.
 struct Tree {
   std::uint32_t page_bytes;  // of the file in the first tree, unused in the second
   std::uint16_t flags;
@@ -118,7 +118,7 @@ bool IsSoundHead(const DataFile& file) {
 Status CheckDataFile(const std::string& path) {
   const DataFile file(path);
   if (!file.open()) return LmdbError("Cannot open '" + path + "'", errno);
-  // Another process may be in the middle of a commit, so a bad look is repeated before it counts.
+  // Another process may be in the middle of a commit, so a bad result is rechecked before it counts.
   constexpr int kLooks = 5;
   for (int look = 0; look < kLooks; ++look) {
     if (file.size() == 0 || IsSoundHead(file)) return {};
@@ -167,14 +167,14 @@ FolderLock::~FolderLock() {
 
 int FolderLock::SyncNames() const {
   const int parent = ::openat(fd_, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  // A parent that we may enter and not read was not made by us.
+  // We did not create a parent that we may enter but not read.
   const int code = ::fsync(fd_) != 0 || (parent >= 0 && ::fsync(parent) != 0) ? errno : 0;
   if (parent >= 0) ::close(parent);
   return code;
 }
 
 void TightenStoreFiles(const std::string& directory) {
-  // A file of another owner that lets us write keeps its mode: not ours to change, and no reason to fail.
+  // A file of another owner that lets us write keeps its mode: it is not ours to change, and not a reason to fail.
   for (const std::string_view name : {kDataFile, kLockFile}) {
     const std::string path = directory + "/" + std::string(name);
     if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) continue;
@@ -182,10 +182,10 @@ void TightenStoreFiles(const std::string& directory) {
 }
 
 bool DiskIsFull(const std::string& directory) {
-  constexpr std::uint64_t kBrimBytes = 1 << 20;
+  constexpr std::uint64_t kFullBelowBytes = 1 << 20;
   struct statvfs info {};
   if (::statvfs(directory.c_str(), &info) != 0) return false;
-  return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize < kBrimBytes;
+  return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize < kFullBelowBytes;
 }
 
 }  // namespace vexa::store

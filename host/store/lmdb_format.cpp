@@ -41,7 +41,7 @@ std::optional<ValueView> ParseValue(std::string_view stored) {
   return ValueView{LoadNumber(stored.data()), stored.substr(kNumberBytes)};
 }
 
-// One byte of kind, two of length (big-endian; a key is at most 511 bytes), the key.
+// One byte for the kind, two for the length (big-endian; a key is at most 511 bytes), then the key.
 void EncodeChange(std::string& record, std::string_view key, ChangeKind kind) {
   record += static_cast<char>(kind);
   record += static_cast<char>(key.size() >> 8);

@@ -1,6 +1,6 @@
-// How the keyspace lies in LMDB. Numbers are 8 bytes, big-endian, so that keys sort by number.
+// How LMDB stores the keyspace. Numbers are 8 bytes, big-endian, so that keys sort by number.
 //   data:    key -> revision, then the JSON text
-//   changes: revision -> the keys that this commit changed (EncodeChange, one after the other)
+//   changes: revision -> the keys that this commit changed (EncodeChange, one after another)
 //   meta:    "format", "revision" (the last commit), "log_start" (every later commit is in `changes`)
 #pragma once
 
@@ -48,8 +48,8 @@ struct EncodedChange {
   ChangeKind kind = ChangeKind::kPut;
 };
 
-// Takes the next change off the front of `record`; empty at its end and where it is damaged, which `record` tells
-// apart: it is empty in the first case.
+// Takes the next change off the front of `record`. Empty at the end and where the record is damaged; at the end,
+// `record` is empty as well.
 std::optional<EncodedChange> DecodeChange(std::string_view& record);
 
 }  // namespace vexa::store

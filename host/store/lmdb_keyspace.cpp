@@ -15,7 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kLookInterval{50};  // for commits of other processes, which are promised within 100 ms
+constexpr milliseconds kLookInterval{50};  // for commits of other processes, which must be seen within 100 ms
 constexpr milliseconds kProbeInterval{1000};
 constexpr milliseconds kLongestWait = std::chrono::hours(24);
 constexpr std::size_t kMaxChangesPerBatch = 10'000;
@@ -85,7 +85,7 @@ Status LmdbKeyspace::TryUpdate(std::size_t expected_bytes, const std::function<S
 }
 
 Error LmdbKeyspace::CommitFailed(int code) const {
-  // LMDB calls a write that the disk cut short an I/O error.
+  // LMDB reports a write that a full disk cut short as an I/O error.
   if (code == EIO && DiskIsFull(environment_->directory())) code = ENOSPC;
   return LmdbError("Cannot commit to the store in '" + environment_->directory() + "'", code);
 }
@@ -100,10 +100,10 @@ void LmdbKeyspace::NoteCommit() {
   environment_->GrowAhead();
 }
 
-// A refusal of the caller's input or of the moment says nothing about the store.
+// A refusal because of the caller's input or the current moment says nothing about the store.
 void LmdbKeyspace::NoteFailure(const Error& error, Health consequence) const {
   if (error.code() == ErrorCode::kInvalid || error.code() == ErrorCode::kBusy) return;
-  // That the file is not in its place is asked again each time, and over when it is.
+  // Whether the file is in its place is checked each time. The state ends once it is back.
   if (!environment_->InPlace().ok()) return;
   const bool unreadable = error.code() == ErrorCode::kUnavailable || error.code() == ErrorCode::kCorrupt;
   health_ = unreadable ? Health::kInaccessible : consequence;
@@ -120,7 +120,7 @@ Health LmdbKeyspace::health() const {
     if (steady_clock::now() < next_probe_) return known;
     next_probe_ = steady_clock::now() + kProbeInterval;
   }
-  // Writes the revision over itself: a commit like any other for the disk, and none for anybody who reads.
+  // Overwrites the revision with itself: for the disk a commit like any other, for readers no change.
   auto* const self = const_cast<LmdbKeyspace*>(this);
   static_cast<void>(self->Update(0, [](KeyspaceWriter& writer) -> Status {
     const int code = writer.StoreRevision(writer.revision());
@@ -150,7 +150,7 @@ Result<ChangeBatch> LmdbKeyspace::Watch(std::string_view prefix, Revision from, 
   }
 }
 
-// Until a commit after those that were seen, of this process or another, or until `deadline`.
+// Waits for a commit newer than those already seen, by this process or another, or until `deadline`.
 void LmdbKeyspace::WaitForCommit(std::uint64_t seen, std::uint64_t seen_transaction,
                                  steady_clock::time_point deadline) const {
   std::unique_lock lock(mutex_);

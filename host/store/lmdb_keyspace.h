@@ -1,5 +1,5 @@
-// The keyspace in LMDB, whoever decides what is written: the embedded store counts its own revisions, a mirror of a
-// cluster database applies the revisions it is given.
+// The keyspace in LMDB, independent of who chooses the revisions: the embedded store counts its own; a mirror of a
+// cluster database applies the given ones.
 #pragma once
 
 #include <atomic>
@@ -16,35 +16,35 @@
 
 namespace vexa::store {
 
-// What one commit changes. A key that occurs twice keeps what the last operation says.
+// The changes of one commit. For a key that occurs twice, the last operation counts.
 struct RevisionedOperations {
   Revision revision = 0;
   std::vector<Operation> operations;
 };
 
-// The inside of one write transaction. Valid only within LmdbKeyspace::Update.
+// A view of one write transaction. Valid only within LmdbKeyspace::Update.
 class KeyspaceWriter {
  public:
-  // The last revision, this transaction's own included.
+  // The last revision, including that of this transaction.
   Revision revision() const { return revision_; }
 
   // The revision that wrote `key`; 0 when it is absent.
   Result<Revision> RevisionOf(std::string_view key);
 
   // Applies `operations` as commit `revision` and logs their changes. Deleting an absent key changes nothing, but the
-  // commit counts. Errors: kInvalid (`revision` is not greater than the last, or a key or text has no possible size;
-  // the transaction must then be given up), and what LMDB reports.
+  // commit counts. Errors: kInvalid (`revision` is not greater than the last one, or a key or text has an impossible
+  // size; the transaction must then be abandoned), and what LMDB reports.
   Status Apply(Revision revision, std::span<const Operation> operations);
 
-  // For a copy of another keyspace, which has the other's revisions and no change log, so that nobody can watch it.
-  // Errors: what LMDB reports; the transaction must then be given up.
+  // For a copy of another keyspace. The copy has the other's revisions and no change log, so it cannot be watched.
+  // Errors: what LMDB reports; the transaction must then be abandoned.
 
-  // Makes `key` the copy of `value`. Nothing is written when it is that already.
+  // Makes `key` the copy of `value`. Writes nothing when it already is.
   Status Copy(std::string_view key, const ValueView& value);
   Status Remove(std::string_view key);
-  // Removes every key of which `is_gone` says so; when that fails, so does this.
+  // Removes every key for which `is_gone` returns true. Fails when `is_gone` fails.
   Status RemoveIf(const std::function<Result<bool>(std::string_view key)>& is_gone);
-  // What the copy holds is the other keyspace's state at `revision`.
+  // Declares that the copy now holds the other keyspace's state at `revision`.
   Status SetRevision(Revision revision);
 
  private:
@@ -69,29 +69,29 @@ class KeyspaceWriter {
 // Threads: any, at the same time. Processes: any number on one machine.
 class LmdbKeyspace {
  public:
-  // Options and errors as OpenLmdbStore, but the folder exists.
+  // Options and errors as in OpenLmdbStore, but the folder must exist.
   static Result<std::unique_ptr<LmdbKeyspace>> Open(const LmdbOptions& options);
 
   Result<std::unique_ptr<Snapshot>> Read() const;
 
   bool ThisThreadHoldsSnapshot() const { return environment_->ThisThreadIsInside(); }
 
-  // Applies whole commits in order, all of them or none, durably. Their revisions increase strictly, from above the
-  // last. Errors: kInvalid, and those of Update.
+  // Applies whole commits in order, all of them or none, durably. Their revisions must increase strictly, starting
+  // above the last one. Errors: kInvalid, and those of Update.
   Status Apply(std::span<const RevisionedOperations> commits);
 
-  // Runs `body` in a write transaction and commits what it wrote, durably, if it returns success. The map may have to
-  // grow, so `body` may be run more than once and must start anew each time. `expected_bytes` is how much it writes,
-  // roughly. Errors: that of `body`; kNoSpace, kBusy (the map must grow, and snapshots of this process stay open),
-  // kUnavailable, kDenied, kCorrupt, kInternal. Nothing changed then.
+  // Runs `body` in a write transaction and, if it returns success, commits what it wrote, durably. The map may have to
+  // grow, so `body` may run more than once and must start over each time. `expected_bytes` is roughly how much it
+  // writes. Errors: that of `body`; kNoSpace, kBusy (the map must grow, and snapshots of this process stay open),
+  // kUnavailable, kDenied, kCorrupt, kInternal. After an error nothing has changed.
   Status Update(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body);
 
-  // As Store::Watch.
+  // Same as Store::Watch.
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) const;
 
-  // kInaccessible while the data file is not in its place (StorePlace), which is noticed within 3 s and over as soon as
-  // it is back. Otherwise how the last accesses went: while they failed, the disk is asked again with a small commit,
-  // at most once a second.
+  // kInaccessible while the data file is not in its place (StorePlace). That is noticed within 3 s and ends as soon as
+  // the file is back. Otherwise the result of the last accesses: after a failure, the disk is probed with a small
+  // commit, at most once a second.
   Health health() const;
 
  private:

@@ -15,7 +15,7 @@ Error Damaged(std::string_view what) {
   return Error(ErrorCode::kCorrupt, "The store holds " + std::string(what) + " that cannot be understood");
 }
 
-// 0 when `name` is missing: nothing was committed yet.
+// 0 when `name` is missing: there has been no commit yet.
 int GetNumberOrZero(MDB_txn* transaction, MDB_dbi database, std::string_view name, std::uint64_t& number) {
   const int code = GetNumber(transaction, database, name, number);
   return code == MDB_NOTFOUND ? 0 : code;
@@ -58,17 +58,17 @@ Result<std::vector<std::string>> LmdbSnapshot::Children(std::string_view prefix)
     const std::size_t end = rest.find('/');
     encoded.emplace_back(rest.substr(0, end));
     if (end == std::string_view::npos) {
-      // Between "a" and "a/…" lie "a-b" and "a.b", so a key is followed by the very next one.
+      // "a-b" and "a.b" sort between "a" and "a/…", so after a key comes the very next one.
       code = cursor.Next();
     } else {
-      // All keys below "a/" lie before "a0", and nothing else does: '0' follows '/'.
+      // All keys below "a/" sort before "a0", and nothing else does: '0' follows '/'.
       code = cursor.Seek(base + encoded.back() + static_cast<char>('/' + 1));
     }
   }
   if (code != 0 && code != MDB_NOTFOUND) {
     return LmdbError("Cannot list the children of '" + std::string(prefix) + "'", code);
   }
-  // For the same reason "a-b" can come before the folder "a", and "a" twice.
+  // For the same reason "a-b" can come before the folder "a", and "a" can appear twice.
   std::sort(encoded.begin(), encoded.end());
   encoded.erase(std::unique(encoded.begin(), encoded.end()), encoded.end());
   std::vector<std::string> children;
@@ -100,7 +100,7 @@ Status LmdbSnapshot::Scan(std::string_view prefix,
 Result<ChangeBatch> LmdbSnapshot::ChangesAfter(Revision from, std::string_view prefix, std::size_t max_changes) const {
   ChangeBatch batch;
   batch.revision = revision_;
-  // A revision that is still to come was given by another store, so nothing is known about the time since.
+  // A revision in the future was issued by another store, so nothing is known about the time since.
   batch.lost = from < log_start_ || from > revision_;
   if (batch.lost || from == revision_) return batch;
   char first[kNumberBytes];

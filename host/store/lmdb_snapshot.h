@@ -10,7 +10,7 @@
 
 namespace vexa::store {
 
-// Texts are handed out without a copy: they lie in the memory map, which stays in place while the snapshot lives.
+// Texts are returned without a copy: they are in the memory map, which stays in place while the snapshot exists.
 class LmdbSnapshot final : public Snapshot {
  public:
   // `environment` stays alive as long as the snapshot. Errors: those of LmdbEnvironment::BeginRead, kCorrupt.
@@ -22,8 +22,8 @@ class LmdbSnapshot final : public Snapshot {
   Status Scan(std::string_view prefix,
               const std::function<bool(std::string_view key, const ValueView& value)>& visit) const override;
 
-  // The changes after `from` at or below `prefix`; whole commits, at most `max_changes` of them and the rest of a
-  // commit.
+  // The changes after `from` at or below `prefix`. Whole commits only: at most `max_changes` changes plus the rest of
+  // the last commit.
   Result<ChangeBatch> ChangesAfter(Revision from, std::string_view prefix, std::size_t max_changes) const;
 
  private:

@@ -1,4 +1,4 @@
-// KeyspaceWriter: what happens inside one write transaction.
+// KeyspaceWriter: the operations within one write transaction.
 #include <cstring>
 #include <limits>
 #include <unordered_map>
@@ -18,7 +18,7 @@ bool HasPossibleSize(const Operation& operation) {
          (!operation.text || operation.text->size() <= kMaxTextBytes);
 }
 
-// For each key the place of its last operation.
+// For each key, the position of its last operation.
 std::unordered_map<std::string_view, std::size_t> LastPlaces(std::span<const Operation> operations) {
   std::unordered_map<std::string_view, std::size_t> places;
   places.reserve(operations.size());
@@ -94,7 +94,7 @@ Status KeyspaceWriter::Copy(std::string_view key, const ValueView& value) {
   MDB_val stored{};
   int code = mdb_get(transaction_, environment_.data(), &name, &stored);
   if (code == 0) {
-    // Not by the revision alone: a store that was put back from a backup counts the same numbers again.
+    // The revision alone is not enough: a store restored from a backup counts the same numbers again.
     const std::optional<ValueView> known = ParseValue(ToView(stored));
     if (known && known->revision == value.revision && known->text == value.text) return {};
   }
@@ -128,7 +128,7 @@ Status KeyspaceWriter::RemoveIf(const std::function<Result<bool>(std::string_vie
       code = cursor.Delete();
       wrote_ = true;
     }
-    // After a deletion LMDB's next one is the key that has taken the place.
+    // After a deletion, the cursor is already on the next key, and LMDB's next returns that key.
     if (code == 0) code = cursor.Next();
   }
   if (code == MDB_NOTFOUND) return {};

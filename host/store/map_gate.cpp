@@ -53,7 +53,7 @@ bool MapGate::Close(std::chrono::milliseconds patience) {
   if (won) {
     closed_ = true;
   } else {
-    changed_.notify_all();  // the newcomers that were held back
+    changed_.notify_all();  // the threads that were held back
   }
   return won;
 }

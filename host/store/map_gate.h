@@ -1,4 +1,4 @@
-// Who may use the memory map of a store, and who may replace it.
+// Controls who may use the memory map of a store, and who may replace it.
 #pragma once
 
 #include <chrono>
@@ -9,13 +9,14 @@
 
 namespace vexa::store {
 
-// Many users of the map, or one who replaces it. A waiting replacement holds newcomers back, so that a stream of short
-// users cannot keep it out for ever; but never a thread that is inside already, which would then wait for itself. Every
-// wait for the replacement has an end, so a user who waits for another thread's commit delays it and cannot block it.
+// Many users of the map, or one thread that replaces it. A waiting replacement holds new users back, so that a stream
+// of short users cannot starve it; but it never holds back a thread that is already inside, which would then wait for
+// itself. Every wait for the replacement is bounded, so a user that waits for another thread's commit delays it but
+// cannot block it.
 // Threads: any, at the same time.
 class MapGate {
  public:
-  // The right to use the map, given back when destroyed, on any thread.
+  // The right to use the map. Returned when destroyed, on any thread.
   class Pass {
    public:
     Pass() = default;
@@ -23,7 +24,7 @@ class MapGate {
     Pass& operator=(Pass&& other) noexcept;
     ~Pass() { Leave(); }
     void Leave();
-    // For the child of a fork, where the gate's lock may be held by a thread that does not exist: leaves nothing.
+    // For the child of a fork, where a thread that no longer exists may hold the gate's lock: does not leave the gate.
     void Forget() { gate_ = nullptr; }
 
    private:
@@ -35,11 +36,11 @@ class MapGate {
 
   Pass Enter();
 
-  // Whether a pass that this thread was given is still in use, wherever it is now.
+  // Whether a pass that this thread obtained is still in use, wherever it is now.
   bool ThisThreadIsInside();
 
-  // Whether nobody was inside within `patience`, so that the caller now has the map alone, until OpenAgain(). Does not
-  // wait when the calling thread itself is inside.
+  // Waits up to `patience` until no thread is inside. True: the caller has the map to itself until OpenAgain(). Does
+  // not wait when the calling thread itself is inside.
   bool Close(std::chrono::milliseconds patience);
   void OpenAgain();
 
@@ -48,7 +49,7 @@ class MapGate {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::unordered_map<std::thread::id, int> inside_;  // passes by the thread that entered
+  std::unordered_map<std::thread::id, int> inside_;  // passes per thread that entered
   int closing_ = 0;                                  // callers that wait in Close()
   bool closed_ = false;
 };

@@ -17,9 +17,9 @@ using std::chrono::milliseconds;
 constexpr const char* kDataFile = "/data.mdb";
 constexpr const char* kLockFile = "/lock.mdb";
 constexpr milliseconds kWatchTimeout{500};
-constexpr milliseconds kTellAgain{1000};
+constexpr milliseconds kRepeatNoticeAfter{1000};
 constexpr milliseconds kCopyRetry{5000};  // after the copy could not be written
-// Above this many changed keys, or bytes, all is compared instead, which holds none of it in memory.
+// Above this many changed keys, or bytes, everything is compared instead, which keeps none of it in memory.
 constexpr std::size_t kMaxChangedKeys = 100'000;
 constexpr std::size_t kMaxChangedBytes = std::size_t{64} << 20;
 
@@ -42,7 +42,7 @@ Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   return LmdbKeyspace::Open(options);
 }
 
-// What the copy gets of a changed key: the value's text and revision, or nothing when the key is gone.
+// What the copy receives for a changed key: the value's text and revision, or nothing when the key was deleted.
 struct Changed {
   std::string key;
   Revision revision = 0;
@@ -75,7 +75,7 @@ MirroredStore::~MirroredStore() {
 Result<std::unique_ptr<Snapshot>> MirroredStore::Read() const {
   if (!serving_.load(std::memory_order_acquire)) {
     auto snapshot = primary_->Read();
-    // Too many snapshots are no fault of the primary's.
+    // Too many snapshots are not a fault of the primary.
     if (snapshot.ok() || snapshot.error().code() == ErrorCode::kBusy) return snapshot;
     TakeOver(snapshot.error());
     if (mirrored_ == 0) return snapshot;
@@ -128,7 +128,7 @@ void MirroredStore::GiveBackWhenWell() {
   failure_.reset();
 }
 
-// On the thread, so that no reader waits for it.
+// On the mirror's thread, so that no reader waits for it.
 void MirroredStore::TellChange() {
   const std::optional<Error> failure = Failure();
   const auto now = std::chrono::steady_clock::now();
@@ -140,7 +140,7 @@ void MirroredStore::TellChange() {
     return;
   }
   told_serving_ = failure.has_value();
-  tell_again_ = now + kTellAgain;
+  tell_again_ = now + kRepeatNoticeAfter;
   if (failure) {
     ::syslog(LOG_ERR, "%s. This host shows what it knew last (revision %llu); nothing can be changed until it is back.",
              failure->ToString().c_str(), static_cast<unsigned long long>(mirrored_.load()));
@@ -150,7 +150,7 @@ void MirroredStore::TellChange() {
   if (options_.on_change) options_.on_change();
 }
 
-// False: the thread is to end.
+// False: the thread must end.
 bool MirroredStore::Pause(milliseconds pause) {
   std::unique_lock lock(mutex_);
   const bool was_serving = serving_;
@@ -182,7 +182,7 @@ void MirroredStore::Run() {
   }
 }
 
-// A primary that fails is no failure here: it shows in health(), and then everywhere.
+// A failing primary is not a failure here: health() reports it, and so does everything that uses it.
 void MirroredStore::NoteOutcome(const Status& outcome) {
   const bool fails = !outcome.ok();
   if (fails && !copy_fails_) {
@@ -194,13 +194,13 @@ void MirroredStore::NoteOutcome(const Status& outcome) {
   copy_fails_ = fails;
 }
 
-// Brings the copy to the state that the primary has now, or waits a little when it has.
+// Brings the copy to the current state of the primary, or waits a little when it is already there.
 Status MirroredStore::Follow() {
   if (mirrored_ == 0) return CopyAll();
   const auto batch = primary_->Watch("", mirrored_, tell_again_ ? options_.gather : kWatchTimeout);
   if (!batch.ok()) return {};
   if (batch->lost) return CopyAll();
-  // Commits without operations of their own, too, since a change log does not reach back for ever.
+  // Also for commits without relevant operations, because a change log does not reach back forever.
   return batch->revision == mirrored_ ? Status() : CopyChanged(*batch);
 }
 
@@ -227,7 +227,8 @@ Status MirroredStore::CopyAll() {
   return written;
 }
 
-// The keys that changed after `from` and up to `until`. False: that is not known any more, or they are too many.
+// Collects the keys that changed after `from` and up to `until`. False: the log no longer reaches back, or there are
+// too many.
 Result<bool> MirroredStore::GatherKeys(Revision from, Revision until, std::set<std::string>& keys) {
   while (from < until) {
     const auto batch = primary_->Watch("", from, milliseconds(0));
@@ -241,8 +242,8 @@ Result<bool> MirroredStore::GatherKeys(Revision from, Revision until, std::set<s
   return true;
 }
 
-// All changed keys get the values of one snapshot, and the rest has not changed up to it: the copy then is that
-// snapshot, and not a state in between that never was.
+// All changed keys get their values from one snapshot, and all other keys have not changed up to it. So the copy equals
+// that snapshot, never a state in between that the primary did not have.
 Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
   std::set<std::string> keys;
   for (const Change& change : batch.changes) keys.insert(change.key);

@@ -26,11 +26,11 @@ struct Registry {
 
 std::atomic<std::uint64_t> fork_generation{0};
 
-// Never destroyed: stores may outlive static destructors. Replaced in a child, where another thread of the parent may
-// have held the lock for ever.
+// Never destroyed: stores may outlive static destructors. Replaced in a child process, where another thread of the
+// parent may have held the lock, which would then never be released.
 std::atomic<Registry*> registry{nullptr};
 
-void StartAnewInChild() {
+void ResetInChild() {
   fork_generation.fetch_add(1);
   registry.store(new Registry);
 }
@@ -38,7 +38,7 @@ void StartAnewInChild() {
 Registry& CurrentRegistry() {
   static const int installed = [] {
     registry.store(new Registry);
-    return ::pthread_atfork(nullptr, nullptr, StartAnewInChild);
+    return ::pthread_atfork(nullptr, nullptr, ResetInChild);
   }();
   static_cast<void>(installed);
   return *registry.load();
@@ -80,7 +80,7 @@ Result<detail::AnyObject> detail::OpenOnce(const FolderId& folder, std::type_ind
     return opened.error();
   }
   void* const raw = opened->get();
-  // Closes the object first and frees its place after, so that nobody opens the folder a second time in between.
+  // Closes the object first and frees its place afterwards, so that no other thread opens the folder in between.
   AnyObject shared(raw, [owned = std::move(opened.value()), place, generation = ForkGeneration()](void*) mutable {
     owned.reset();
     if (generation == ForkGeneration()) Forget(place);

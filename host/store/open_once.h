@@ -1,4 +1,4 @@
-// One object per folder and process, shared by all who open the folder.
+// One object per folder and process, shared by all that open the folder.
 #pragma once
 
 #include <sys/types.h>
@@ -14,14 +14,14 @@
 
 namespace vexa::store {
 
-// A folder whatever the path that led to it: st_dev and st_ino.
+// Identifies a folder independently of the path that led to it: st_dev and st_ino.
 using FolderId = std::pair<dev_t, ino_t>;
 
 // Errors: kDenied, kInternal (there is no such folder).
 Result<FolderId> IdOfFolder(const std::string& directory);
 
-// How often this process has been forked from another since the library was loaded. Whoever remembers another number
-// belongs to the parent: its locks, reader slots and descriptors are not ours to use or to give back.
+// How often this process has been forked from another since the library was loaded. An object that remembers another
+// number belongs to the parent: its locks, reader slots and descriptors must not be used or released here.
 std::uint64_t ForkGeneration();
 
 namespace detail {
@@ -30,8 +30,8 @@ Result<AnyObject> OpenOnce(const FolderId& folder, std::type_index type,
                            const std::function<Result<AnyObject>()>& open);
 }  // namespace detail
 
-// The object of type T that is open for `folder`, or what `open` gives. Waits while another thread is opening it, and
-// while the last owner of an earlier one is still closing it. After a fork the child starts with no object open.
+// The object of type T that is open for `folder`, or the result of `open`. Waits while another thread is opening it,
+// and while the last owner of an earlier one is still closing it. After a fork, the child starts with no object open.
 // Errors: those of `open`. Threads: any.
 template <class T>
 Result<std::shared_ptr<T>> OpenOnce(const FolderId& folder, const std::function<Result<std::unique_ptr<T>>()>& open) {

@@ -25,22 +25,22 @@ struct ValueView {
   std::string_view text;
 };
 
-// One consistent state of the whole store. Keep it short: while it lives, the store cannot reuse space, nor move to a
-// larger map. So let go of it before a commit: one that holds a snapshot cannot share the disk's sync with others, and
-// answers kBusy when it needs the larger map. Threads: one at a time.
+// One consistent state of the whole store. Keep it short: while it exists, the store cannot reuse space or move to a
+// larger map. Release it before a commit: a commit by a thread that holds a snapshot cannot share the disk's sync with
+// others, and returns kBusy when it needs a larger map. Threads: one at a time.
 class Snapshot {
  public:
   virtual ~Snapshot() = default;
 
-  // The revision of the last commit this snapshot contains.
+  // The revision of the last commit that this snapshot contains.
   virtual Revision revision() const = 0;
 
-  // The value of `key`; an empty optional when there is none, also for a key that can never exist (empty, too long).
+  // The value of `key`. An empty optional when absent, also for a key that can never exist (empty, too long).
   virtual Result<std::optional<ValueView>> Get(std::string_view key) const = 0;
 
   // The distinct next path segments below `prefix`, decoded, in byte order of their encoded form. `prefix` is a path
-  // without a trailing slash. Nothing below it is an empty list. Cost grows with the children, not with what is below
-  // them.
+  // without a trailing slash. When nothing is below it, the list is empty. Cost grows with the number of children, not
+  // with what is below them.
   virtual Result<std::vector<std::string>> Children(std::string_view prefix) const = 0;
 
   // Calls `visit` with every key at or below `prefix`, in byte order, until it returns false.
@@ -54,8 +54,8 @@ struct Compare {
   Revision revision = 0;
 };
 
-// Puts `text` (JSON; the store does not look into it, and an empty text is a value), or deletes the key when there is
-// no `text`. Deleting an absent key is not an error. Of several operations on one key the last one counts.
+// Puts `text` (JSON; the store does not parse it, and an empty text is a value), or deletes the key when there is no
+// `text`. Deleting an absent key is not an error. Of several operations on one key, the last one counts.
 struct Operation {
   std::string key;
   std::optional<std::string> text;
@@ -75,7 +75,7 @@ struct Change {
 struct ChangeBatch {
   std::vector<Change> changes;  // in commit order; only keys at or below the watched prefix
   Revision revision = 0;        // watch again from this revision
-  bool lost = false;  // the change log no longer reaches back: read everything anew, then watch from `revision`
+  bool lost = false;            // the change log no longer reaches back: reload everything, then watch from `revision`
 };
 
 enum class Health { kReady, kReadOnly, kInaccessible };
@@ -88,20 +88,20 @@ class Store {
   // Errors: kBusy (too many snapshots are open), kUnavailable, kCorrupt, kInternal.
   virtual Result<std::unique_ptr<Snapshot>> Read() const = 0;
 
-  // Commits all operations or none, durably, and returns the revision that wrote all of them.
+  // Commits all operations or none, durably, and returns the revision that wrote them.
   // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsKey(), or a text above 256
   // MiB), kNoSpace (the disk is full; nothing changed), kBusy (open snapshots keep the store from growing; nothing
-  // changed; try again without one), kDenied, kUnavailable, kCorrupt, kInternal. A transaction without operations
-  // checks its compares and returns the current revision.
+  // changed; retry without one), kDenied, kUnavailable, kCorrupt, kInternal. A transaction without operations checks
+  // its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
-  // The changes after `from` at or below `prefix`. Waits up to `timeout` when there are none; an empty batch then.
-  // Commits of other processes are seen as well, within 100 ms. Very many changes come in several batches.
+  // The changes after `from` at or below `prefix`. Waits up to `timeout` for the first one, then returns an empty
+  // batch. Commits of other processes are seen as well, within 100 ms. Very many changes come in several batches.
   virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
 
-  // How the last accesses went: kReadOnly after a commit failed, kInaccessible after a read failed or while the store
-  // is not where it was opened; kReady again once a commit works. While it is not kReady, asking may write a little to
-  // see, at most once a second.
+  // The result of the last accesses: kReadOnly after a failed commit, kInaccessible after a failed read or while the
+  // store is not where it was opened; kReady again once a commit works. While it is not kReady, this call may write a
+  // little as a probe, at most once a second.
   virtual Health health() const = 0;
 };
 

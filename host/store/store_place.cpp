@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kHeadBytes = 4096;
 
-// Closes itself. POSIX drops the locks of a process on a file with any of its descriptors; LMDB has none on this one.
+// Closes itself. Closing any descriptor of a file drops the process's POSIX locks on it; LMDB has none on this file.
 class Descriptor {
  public:
   Descriptor(const std::string& path, int flags) : fd_(::open(path.c_str(), flags | O_RDONLY | O_CLOEXEC)) {}
@@ -28,7 +28,7 @@ class Descriptor {
   const int fd_;
 };
 
-// Reads the head from the disk where the file system can read past its cache, else as it can. 0 or errno(3).
+// Reads the head from the disk, bypassing the cache where the file system allows it. 0 or errno(3).
 int ReadHead(const std::string& path) {
   alignas(kHeadBytes) char head[kHeadBytes];
   for (const int flags : {O_DIRECT, 0}) {
@@ -37,7 +37,7 @@ int ReadHead(const std::string& path) {
     const ssize_t got = failed_open == 0 ? ::pread(file.get(), head, sizeof head, 0) : -1;
     if (got == static_cast<ssize_t>(sizeof head)) return 0;
     const int code = failed_open != 0 ? failed_open : got < 0 ? errno : ENODATA;
-    // Past the cache it may be refused for reasons of its own, such as the number of files that are open.
+    // Bypassing the cache may fail for reasons of its own, such as the number of open files.
     if (flags == 0) return code;
   }
   return EINVAL;
@@ -66,7 +66,7 @@ Status StorePlace::CheckSlowly(Clock::time_point now) const {
     if (now < next_look_) return found_;
     looking_ = true;
     look_began_ = now;
-    // Others need not wait for the look, nor take this way.
+    // Other callers need not wait for the check or take this path.
     if (found_.ok()) in_place_until_ = (now + kLongestLook).time_since_epoch().count();
   }
   Status seen = look_ ? look_() : Look();

@@ -1,4 +1,4 @@
-// Whether the data file of an open store still lies where it was opened.
+// Checks whether the data file of an open store is still where it was opened.
 #pragma once
 
 #include <atomic>
@@ -13,23 +13,24 @@
 
 namespace vexa::store {
 
-// A memory map and its descriptor go on working when the folder has been moved away or replaced, and what is in memory
-// can be read when the disk cannot. Whoever trusted them would commit to files that nobody will find again. So the
-// file is opened again by its path and its head read from the disk, once in kLookInterval by whoever comes first.
-// The file must be the very one that was opened first: another one counts its own revisions, and what this process
-// knows of the first would be wrong of it.
-// Threads: any, at the same time. One looks and the others go on meanwhile; a look that does not end counts as failed.
+// A memory map and its descriptor keep working when the folder has been moved away or replaced, and what is in memory
+// can be read when the disk cannot. Trusting them would mean commits to files that can never be found again. So the
+// file is reopened by its path and its head read from the disk, once per kLookInterval, by the first caller. The file
+// must be the very one that was opened first: another file counts its own revisions, and what this process knows about
+// the first would be wrong for it.
+// Threads: any, at the same time. One caller checks while the others go on; a check that does not end counts as failed.
 class StorePlace {
  public:
   static constexpr std::chrono::milliseconds kLookInterval{1000};
   static constexpr std::chrono::milliseconds kLookIntervalWhenGone{250};
   static constexpr std::chrono::milliseconds kLongestLook{1500};
 
-  // `opened` is the file that is open. `look` is for tests; without it the file at `path` is looked at.
+  // `opened` is the file that is open. `look` is for tests; without it, the file at `path` is checked.
   StorePlace(std::string path, const FolderId& opened, std::function<Status()> look = {},
              PlaceCheck check = PlaceCheck::kFile);
 
-  // kUnavailable: the file is not there, is another one, cannot be read, or does not answer. At most kLookInterval old.
+  // kUnavailable: the file is missing, is a different one, cannot be read, or does not respond. At most kLookInterval
+  // old.
   Status Check() const;
 
  private:
@@ -41,7 +42,7 @@ class StorePlace {
   const FolderId opened_;
   const std::function<Status()> look_;
   const PlaceCheck check_;
-  // What most callers read: until then the file counts as being in its place.
+  // What most callers read: until this time the file counts as being in its place.
   mutable std::atomic<Clock::rep> in_place_until_{0};
   mutable std::mutex mutex_;
   mutable bool looking_ = false;            // under mutex_

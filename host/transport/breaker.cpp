@@ -39,7 +39,7 @@ void Breaker::Report(const std::string& host_id, Permit permit, Outcome outcome,
   State& state = found == hosts_.end() ? hosts_[host_id] : found->second;
   ++state.failures;
   state.sign_of_life = std::max(state.sign_of_life, sign_of_life);
-  // Calls that were under way when the pause began say nothing new.
+  // Calls that were under way when the pause began provide no new information.
   const bool open = state.pause.count() > 0;
   if (open ? permit == Permit::kProbe : state.failures >= kFailuresToOpen) Open(state, now);
 }

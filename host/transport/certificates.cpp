@@ -15,7 +15,7 @@
 namespace vexa::transport {
 namespace {
 
-constexpr long kClockSkewS = 3600;  // a host whose clock is a little behind believes a new certificate
+constexpr long kClockSkewS = 3600;  // a host whose clock is slightly behind accepts a new certificate
 constexpr int kSerialBits = 159;    // positive, and at most 20 bytes (RFC 5280, 4.1.2.2)
 
 struct Free {
@@ -63,7 +63,7 @@ bool SetSerial(X509* certificate) {
          BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)) != nullptr;
 }
 
-// Until the end of `issuer` at the latest, when there is one.
+// Not beyond the end of `issuer`, when there is one.
 bool SetTimes(X509* certificate, const X509* issuer) {
   const long lifetime = static_cast<long>(std::chrono::seconds(kCertificateLifetime).count());
   if (!X509_gmtime_adj(X509_getm_notBefore(certificate), -kClockSkewS)) return false;
@@ -90,7 +90,7 @@ bool AddExtensions(X509* certificate, X509* issuer, const std::vector<Extension>
   return true;
 }
 
-// `issuer` null: signed by itself.
+// `issuer` null: self-signed.
 Result<Credentials> Make(const std::string& common_name, const Parsed* issuer,
                          const std::vector<Extension>& extensions) {
   ERR_clear_error();

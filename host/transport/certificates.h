@@ -1,4 +1,4 @@
-// The certificates by which the hosts of a cluster know each other.
+// The certificates by which the hosts of a cluster identify each other.
 #pragma once
 
 #include <chrono>
@@ -16,14 +16,13 @@ struct Credentials {
 
 inline constexpr std::chrono::hours kCertificateLifetime{24 * 3653};  // ten years
 
-// A new authority, good for signing hosts' certificates only.
-// Errors: kInternal (no random numbers, no memory).
+// A new authority that can only sign certificates of hosts. Errors: kInternal (no random numbers, no memory).
 Result<Credentials> MakeAuthority();
 
-// A new key for the host `host_id`, and a certificate for it that `authority` signs: common name and DNS name are the
-// id; for both ends of a connection. It ends with the authority at the latest. Errors: kInvalid (no host can have this
-// id; certificate or key of the authority cannot be understood, do not belong together, or are no authority's; it has
-// ended), kInternal.
+// A new key for the host `host_id`, and a certificate for it signed by `authority`: common name and DNS name are the
+// id; for both ends of a connection. It expires no later than the authority. Errors: kInvalid (an invalid host id;
+// certificate or key of the authority cannot be parsed, do not match, or are not an authority's; the authority has
+// expired), kInternal.
 Result<Credentials> MakeHostCredentials(const Credentials& authority, const std::string& host_id);
 
 }  // namespace vexa::transport

@@ -20,7 +20,7 @@ std::uint32_t EventsFor(int wanted) {
   return events;
 }
 
-// As curl_multi_socket_action(3) takes them. What has failed or was hung up is seen by reading or writing.
+// The flags of curl_multi_socket_action(3). Errors and hang-ups show when reading or writing.
 int SelectBits(std::uint32_t events) {
   int bits = 0;
   if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) bits |= CURL_CSELECT_IN;
@@ -51,7 +51,7 @@ CurlLoop::CurlLoop()
 }
 
 CurlLoop::~CurlLoop() {
-  // Closes the connections that are left, and tells of each.
+  // Closes the remaining connections, and reports each.
   if (multi_ != nullptr) curl_multi_cleanup(multi_);
   if (epoll_ >= 0) ::close(epoll_);
   if (wake_ >= 0) ::close(wake_);
@@ -59,7 +59,7 @@ CurlLoop::~CurlLoop() {
 
 void CurlLoop::Wake() {
   constexpr std::uint64_t kOne = 1;
-  // It fails only when there are so many already that it is readable for sure.
+  // It fails only when the counter is so high that the descriptor is certainly readable.
   [[maybe_unused]] const ssize_t written = ::write(wake_, &kOne, sizeof kOne);
 }
 
@@ -77,7 +77,8 @@ int CurlLoop::OnTimer(CURLM*, long timeout_ms, void* self) {
   return 0;
 }
 
-// libcurl says so before it closes a socket, so that none is watched by a number that means another one.
+// libcurl reports this before it closes a socket, so that no descriptor number is watched that now means another
+// socket.
 int CurlLoop::Watch(curl_socket_t socket, int wanted, bool is_known) {
   if (wanted == CURL_POLL_REMOVE) {
     ::epoll_ctl(epoll_, EPOLL_CTL_DEL, socket, nullptr);
@@ -87,7 +88,7 @@ int CurlLoop::Watch(curl_socket_t socket, int wanted, bool is_known) {
   epoll_event event{};
   event.events = EventsFor(wanted);
   event.data.fd = socket;
-  // Where there is no memory to watch it, the transfer ends by its time-out. An error from here would end them all.
+  // If there is no memory to watch it, the transfer ends by its time-out. An error from here would end all transfers.
   if (::epoll_ctl(epoll_, is_known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, socket, &event) != 0) return 0;
   if (!is_known) curl_multi_assign(multi_, socket, this);
   return 0;
@@ -116,7 +117,7 @@ bool CurlLoop::Turn() {
     is_well = Act(event) && is_well;
   }
   if (due_ && *due_ <= Clock::now()) {
-    due_.reset();  // it is set anew by what follows
+    due_.reset();  // set again by what follows
     int running = 0;
     is_well = curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running) == CURLM_OK && is_well;
   }

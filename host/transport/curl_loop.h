@@ -1,5 +1,5 @@
-// libcurl's transfers on epoll(7). Unlike curl_multi_poll(3), a wake-up costs what has happened, however many transfers
-// wait.
+// Runs libcurl's transfers on epoll(7). Unlike curl_multi_poll(3), a wake-up costs as much as what has happened,
+// however many transfers wait.
 #pragma once
 
 #include <curl/curl.h>
@@ -11,7 +11,7 @@
 
 namespace vexa::transport {
 
-// Threads: one, save for Wake().
+// Threads: one, except for Wake().
 class CurlLoop {
  public:
   CurlLoop();
@@ -19,14 +19,14 @@ class CurlLoop {
   CurlLoop(const CurlLoop&) = delete;
   CurlLoop& operator=(const CurlLoop&) = delete;
 
-  // False: there was no memory or no descriptor for it, and nothing else may be called.
+  // False: memory or descriptors were short, and no other function may be called.
   bool IsWhole() const { return multi_ != nullptr && epoll_ >= 0 && wake_ >= 0; }
   CURLM* multi() const { return multi_; }
 
-  // Waits until a socket is ready, time has run out or somebody has called Wake(), and lets libcurl act. False: it
-  // could not wait or act.
+  // Waits until a socket is ready, a timer expires or Wake() is called, and lets libcurl act. False: waiting or acting
+  // failed.
   bool Turn();
-  // Ends the wait that is under way, or the next one. Any thread.
+  // Ends the current wait, or the next one. Any thread.
   void Wake();
 
  private:
@@ -41,7 +41,7 @@ class CurlLoop {
   CURLM* multi_ = nullptr;
   int epoll_ = -1;
   int wake_ = -1;
-  std::optional<Clock::time_point> due_;  // when libcurl wants to act whatever the sockets do
+  std::optional<Clock::time_point> due_;  // when libcurl wants to act, whatever the sockets do
   std::array<epoll_event, 64> events_{};
 };
 

@@ -7,7 +7,7 @@
 namespace vexa::transport {
 namespace {
 
-// Never destroyed: threads may still ask while the process ends.
+// Never destroyed: threads may still use it while the process ends.
 struct Holder {
   std::mutex mutex;
   std::shared_ptr<Transport> transport;
@@ -18,7 +18,7 @@ Holder& Current() {
   return *holder;
 }
 
-// Ends the transport's thread before the libraries that it uses are taken down.
+// Ends the transport's thread before the libraries that it uses are torn down.
 struct AtExit {
   ~AtExit() { RemoveTransport(); }
 };
@@ -33,7 +33,7 @@ std::shared_ptr<Transport> Exchange(std::shared_ptr<Transport> transport) {
 
 void InstallTransport(std::shared_ptr<Transport> transport) {
   static const AtExit at_exit;
-  // The old one goes without the lock: that ends a thread.
+  // The old one is destroyed without the lock, because that ends a thread.
   const std::shared_ptr<Transport> old = Exchange(std::move(transport));
 }
 

@@ -19,14 +19,14 @@
 namespace vexa::transport {
 namespace {
 
-// Connections that wait for the next call to their host. libcurl's own measure is the number of calls under way, which
-// would close most of them at the end of every call to many hosts.
+// Idle connections that wait for the next call to their host. libcurl's default is based on the number of calls under
+// way, which would close most of them at the end of every call to many hosts.
 constexpr long kMaxIdleConnections = 4096;
-constexpr std::chrono::milliseconds kAfterFault{50};
+constexpr std::chrono::milliseconds kPauseAfterFault{50};
 
 using Transfers = std::vector<std::unique_ptr<HttpTransfer>>;
 
-// The thread leaves all signals to the others. SIGPIPE among them, which OpenSSL's writes would raise.
+// The thread blocks all signals, including SIGPIPE, which OpenSSL's writes would raise.
 std::thread StartWithoutSignals(const std::function<void()>& body) {
   sigset_t all;
   sigset_t before;
@@ -36,7 +36,7 @@ std::thread StartWithoutSignals(const std::function<void()>& body) {
   try {
     thread = std::thread(body);
   } catch (const std::system_error&) {
-    // Not joinable, which tells.
+    // Not joinable, which shows the failure.
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return thread;
@@ -68,7 +68,7 @@ class HttpPool::Impl {
     if (thread_.joinable()) loop_->Wake();
   }
 
-  // Whether this process made it. Another has neither the thread nor, perhaps, the mutex.
+  // Whether this process created the pool. A forked child has neither the thread nor, perhaps, a usable mutex.
   bool IsOurs() const { return ::getpid() == owner_; }
 
   void Start(HttpCall call, Done done) {
@@ -95,7 +95,7 @@ class HttpPool::Impl {
     while (TakeQueued()) {
       const bool is_well = loop_->Turn();
       FinishDone();
-      if (!is_well) std::this_thread::sleep_for(kAfterFault);
+      if (!is_well) std::this_thread::sleep_for(kPauseAfterFault);
     }
     for (auto& [handle, transfer] : active_) {
       curl_multi_remove_handle(loop_->multi(), handle);
@@ -104,7 +104,7 @@ class HttpPool::Impl {
     active_.clear();
   }
 
-  // Begins what callers have handed over. False: stop.
+  // Starts the calls that callers have queued. False: stop.
   bool TakeQueued() {
     Transfers taken;
     bool stopping = false;
@@ -142,7 +142,7 @@ class HttpPool::Impl {
     while (const CURLMsg* message = curl_multi_info_read(loop_->multi(), &left)) {
       if (message->msg != CURLMSG_DONE) continue;
       CURL* const handle = message->easy_handle;
-      const CURLcode code = message->data.result;  // the message goes with the handle
+      const CURLcode code = message->data.result;  // the message is freed with the handle
       curl_multi_remove_handle(loop_->multi(), handle);
       auto node = active_.extract(handle);
       node.mapped()->Finish(code);
@@ -151,12 +151,12 @@ class HttpPool::Impl {
 
   const pid_t owner_;
   const std::optional<TlsMaterial> tls_;
-  std::optional<CurlLoop> loop_;  // not set: it cannot be had
+  std::optional<CurlLoop> loop_;  // not set: it could not be created
   std::mutex mutex_;
   std::thread thread_;                                               // under mutex_
   Transfers queue_;                                                  // under mutex_
   bool stopping_ = false;                                            // under mutex_
-  std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // the thread's own
+  std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // used by the thread only
 };
 
 HttpPool::HttpPool(std::optional<TlsMaterial> tls) : impl_(new Impl(std::move(tls))) {}

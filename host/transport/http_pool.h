@@ -1,4 +1,4 @@
-// Requests over HTTP to many hosts at once.
+// Sends HTTP requests to many hosts concurrently.
 #pragma once
 
 #include <chrono>
@@ -12,14 +12,14 @@
 
 namespace vexa::transport {
 
-// A host that cannot be connected to within this time counts as unreachable.
+// A host that does not accept a connection within this time counts as unreachable.
 inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 
 struct HttpCall {
-  std::string host_id;              // what IsHostId accepts; the name in the host's certificate
+  std::string host_id;              // a valid IsHostId; the name in the host's certificate
   std::string address;              // where it listens: a numeric address and a port, "127.0.0.1:8643" or "[::1]:8643"
-  std::string path;                 // with the query
-  std::vector<std::string> fields;  // further lines of the header, without line ends
+  std::string path;                 // including the query
+  std::vector<std::string> fields;  // additional header lines, without line ends
   std::shared_ptr<const std::string> body;  // JSON text, not empty
   std::chrono::steady_clock::time_point deadline;
   std::chrono::milliseconds connect_timeout = kConnectTimeout;
@@ -27,35 +27,35 @@ struct HttpCall {
 
 struct HttpOutcome {
   enum class Connection {
-    kMade,      // with TLS where that is asked for
+    kMade,      // including TLS if it is used
     kFailed,    // refused, unreachable, not trusted, or not in time
-    kNotTried,  // the call ended before
+    kNotTried,  // the call ended before that
   };
   Connection connection = Connection::kNotTried;
   std::string failure;  // why there is no reply; empty when there is one
   std::string body;     // the reply, whatever its HTTP status
 };
 
-// One thread serves all calls; it starts with the first. Connections are kept for the next call to the same host.
-// HTTP/1.1 over TLS 1.3 with certificates on both sides: a host must show one that the cluster's authority signed for
-// its id. No redirects, no proxies. A request that may have reached its host is never sent twice. At
-// most the call's connect_timeout to connect, and at most kMaxReplyBytes of reply. After fork(2) the calls of the child
-// fail at once. Threads: any, at the same time.
+// One thread serves all calls; the first call starts it. Connections are kept for the next call to the same host.
+// HTTP/1.1 over TLS 1.3 with certificates on both sides: a host must present one that the cluster's authority signed
+// for its id. No redirects, no proxies. A request that may have reached its host is never sent twice. Limits: the
+// call's connect_timeout to connect, and kMaxReplyBytes of reply. After fork(2), calls in the child fail immediately.
+// Threads: any, at the same time.
 class HttpPool {
  public:
-  // Runs on the pool's thread, or on the caller's when the call cannot begin; must not block or throw.
+  // Runs on the pool's thread, or on the caller's when the call cannot start; must not block or throw.
   using Done = std::function<void(HttpOutcome)>;
 
-  // Without `tls` it speaks plain HTTP: for tests.
+  // Without `tls` it uses plain HTTP: for tests.
   explicit HttpPool(std::optional<TlsMaterial> tls);
-  // Calls under way end as failures first. In a forked child it leaves everything as it is.
+  // Fails the calls under way first. In a forked child it leaves everything untouched.
   ~HttpPool();
   HttpPool(const HttpPool&) = delete;
   HttpPool& operator=(const HttpPool&) = delete;
 
   void Start(HttpCall call, Done done);
 
-  // Calls under way end as failures, and further ones fail at once. Does not wait.
+  // Fails the calls under way; later ones fail immediately. Does not wait.
   void Stop();
 
  private:

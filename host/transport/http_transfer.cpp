@@ -17,10 +17,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr long kMaxAgeOfIdleS = 120;  // hosts close idle connections after 300 s; one must not close just as we send
+constexpr long kMaxAgeOfIdleS = 120;  // hosts close idle connections after 300 s; none must close just as we send
 constexpr milliseconds kLongest = std::chrono::hours(24 * 7);
 
-// A numeric address only: a name would have to be looked up, which takes time and a thread.
+// A numeric address only: resolving a name would take time and a thread.
 bool IsNumericAddress(const std::string& text) {
   const std::size_t colon = text.rfind(':');
   if (colon == std::string::npos) return false;
@@ -91,7 +91,7 @@ void HttpTransfer::SetTimes(milliseconds left) {
   Set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min(left, kLongest).count()));
   Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(left, call_.connect_timeout).count()));
   Set(CURLOPT_MAXAGE_CONN, kMaxAgeOfIdleS);
-  // A call may wait an hour for its reply; a host that has lost its power meanwhile says nothing.
+  // A call may wait an hour for its reply; a host that loses its power meanwhile sends nothing.
   Set(CURLOPT_TCP_KEEPALIVE, 1L);
   Set(CURLOPT_TCP_KEEPIDLE, 30L);
   Set(CURLOPT_TCP_KEEPINTVL, 10L);
@@ -101,8 +101,9 @@ void HttpTransfer::SetBody() {
   Set(CURLOPT_HTTPHEADER, fields_);
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(call_.body->size()));
-  // Not CURLOPT_POSTFIELDS, which libcurl would send again by itself when a kept connection breaks: the host may have
-  // begun to do what it was asked. With a Seek that refuses, only a request whose body has not left is sent again.
+  // Not CURLOPT_POSTFIELDS, which libcurl would resend when a kept connection breaks, although the host may already
+  // have begun to act on the request. With a Seek that refuses, only a request whose body has not been sent is sent
+  // again.
   Set(CURLOPT_READFUNCTION, &HttpTransfer::Read);
   Set(CURLOPT_READDATA, this);
   Set(CURLOPT_SEEKFUNCTION, &HttpTransfer::Seek);
@@ -120,7 +121,7 @@ void HttpTransfer::SetTls(const TlsMaterial& tls) {
   Set(CURLOPT_SSLCERT_BLOB, &certificate);
   Set(CURLOPT_SSLKEY_BLOB, &key);
   Set(CURLOPT_CAINFO_BLOB, &authority);
-  Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's authorities would do as well
+  Set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // otherwise the system's authorities would also be trusted
   Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_3));
   Set(CURLOPT_SSL_VERIFYPEER, 1L);
   Set(CURLOPT_SSL_VERIFYHOST, 2L);
@@ -137,7 +138,7 @@ void HttpTransfer::Finish(CURLcode code) {
   try {
     if (code != CURLE_OK) outcome_.failure = ReasonOf(code);
   } catch (const std::bad_alloc&) {
-    // No body and no reason: that is no reply, either.
+    // No body and no reason: that is not a reply either.
   }
   done_(std::move(outcome_));
 }

@@ -1,4 +1,4 @@
-// One request on its way, as libcurl sees it.
+// One request in progress, as libcurl sees it.
 #pragma once
 
 #include <curl/curl.h>
@@ -19,13 +19,13 @@ class HttpTransfer {
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-  // Sets everything up for curl_multi_add_handle. False: no memory, no time left, or an address that is none; Fail()
-  // then. `tls` is null for plain HTTP and outlives the transfer otherwise.
+  // Sets everything up for curl_multi_add_handle. False: no memory, no time left, or an invalid address; call Fail()
+  // then. `tls` is null for plain HTTP; otherwise it must outlive the transfer.
   bool Prepare(const TlsMaterial* tls);
   CURL* handle() const { return handle_; }
 
-  // Each ends the transfer with its one call of `done`, also when memory runs out. Prepare's own reason goes before
-  // `reason`.
+  // Each ends the transfer with the one call of `done`, even when memory runs out. A reason from Prepare takes
+  // precedence over `reason`.
   void Finish(CURLcode code);
   void Fail(const char* reason);
 

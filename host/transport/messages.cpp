@@ -15,11 +15,11 @@ bool IsLetterOrDigit(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <
 
 bool IsName(const std::string& name) {
   const auto fits = [](char c) { return IsLetterOrDigit(c) || c == '_' || c == '.'; };
-  // "." and ".." would be steps of the path.
+  // "." and ".." would be path steps.
   return std::ranges::all_of(name, fits) && name.find_first_not_of('.') != std::string::npos;
 }
 
-// Fit for a log line and a terminal: short, printable ASCII.
+// Safe for a log line and a terminal: short, printable ASCII.
 std::string Quotable(std::string_view text) {
   std::string result(text.substr(0, kMaxQuoted));
   for (char& c : result) {
@@ -28,8 +28,8 @@ std::string Quotable(std::string_view text) {
   return result;
 }
 
-// Every value but the first of its container follows a comma, and the first one an opening bracket. Strings end here
-// where they end for the parser, in every text that is JSON.
+// Every value except the first of its container follows a comma, and the first one an opening bracket. In every valid
+// JSON text, strings end here where they end for the parser.
 bool HasTooManyValues(std::string_view text) {
   if (text.size() <= kMaxReplyValues) return false;
   std::size_t values = 1;
@@ -71,7 +71,7 @@ Json::Value ParseReply(std::string_view host_id, std::string_view body) {
     return FailedReply(host_id, "it answered with more than " + std::to_string(kMaxReplyValues) + " values");
   }
   Result<Json::Value> parsed = ParseJson(body);
-  // The parser's reason quotes the text, which is the other host's and none of our caller's business.
+  // The parser's reason quotes the text, which belongs to the other host and does not concern our caller.
   if (!parsed) return FailedReply(host_id, "it answered with something that is no JSON, or is nested too deeply");
   if (!parsed->isObject()) return FailedReply(host_id, "it answered with JSON that is no object");
   return std::move(parsed).value();

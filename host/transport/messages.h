@@ -1,4 +1,4 @@
-// What goes to a host and comes from one, as bytes and as JSON.
+// Requests to and replies from hosts, as bytes and as JSON.
 #pragma once
 
 #include <json/value.h>
@@ -12,11 +12,11 @@
 namespace vexa::transport {
 
 inline constexpr std::size_t kMaxReplyBytes = std::size_t{16} << 20;
-// A value takes 2 bytes as text, and a hundred once it is parsed.
+// A value takes at least 2 bytes as text, and about a hundred once it is parsed.
 inline constexpr std::size_t kMaxReplyValues = 2'000'000;
 
-// "/webapi/<API>/<method>?version=<n>"; empty when the API's or the method's name is none: letters, digits, "_" and
-// ".", at least one of them no ".".
+// "/webapi/<API>/<method>?version=<n>"; empty when the name of the API or the method is invalid. Valid are letters,
+// digits, "_" and ".", with at least one character other than ".".
 std::string PathOf(const VexaDRCore::Request& request);
 
 // The parameters as JSON text; "{}" without any.
@@ -26,8 +26,8 @@ std::string BodyOf(const VexaDRCore::Request& request);
 // from outside.
 Json::Value FailedReply(std::string_view host_id, std::string_view reason);
 
-// The reply in `body`; a failed one when it is no JSON object, too deep, or more than kMaxReplyValues values, of which
-// an empty array or object counts as two.
+// The reply in `body`; a failed one when it is not a JSON object, too deep, or has more than kMaxReplyValues values,
+// where an empty array or object counts as two.
 Json::Value ParseReply(std::string_view host_id, std::string_view body);
 
 }  // namespace vexa::transport

@@ -20,13 +20,13 @@ struct Row {
   Weight weight;
 };
 
-// From the kernel's memory: a host that has not answered by then is overloaded, stopped or gone.
+// From the kernel's memory: a host that has not replied by then is overloaded, stopped or gone.
 constexpr milliseconds kFromMemory{3'000};
-// As above, with a sample of 0.2 s or files of the firmware.
+// As above, with a sample of 0.2 s or firmware files.
 constexpr milliseconds kSampled{5'000};
-// The host asks its file systems, which may wake disks up.
+// The host queries its file systems, which may wake up disks.
 constexpr milliseconds kFromDisk{10'000};
-// The host may wait for the guest's agent, or look at many images.
+// The host may wait for the guest's agent, or read many images.
 constexpr milliseconds kDefault{0};
 
 constexpr Row kRows[] = {
@@ -40,7 +40,7 @@ constexpr Row kRows[] = {
     {"VEXA.Core.Storage.Volume", "get", kFromDisk, Weight::kRefusable},
     {"VEXA.CCC.VDisk", "list", kDefault, Weight::kRefusable},
     {"VEXA.CCC.Guest", "get_info", kDefault, Weight::kRefusable},
-    // Users who start or stop a guest want it tried, whatever the host looked like a moment ago.
+    // Users who start or stop a guest want the call to be tried, even if the host seemed gone a moment ago.
     {"VEXA.CCC.Guest", "poweron", kDefault, Weight::kMustGo},
     {"VEXA.CCC.Guest", "shutdown", kDefault, Weight::kMustGo},
     {"VEXA.CCC.Guest", "poweroff", kDefault, Weight::kMustGo},

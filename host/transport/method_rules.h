@@ -1,4 +1,4 @@
-// How a method is called: how long its reply is worth waiting for, and whether it is called on a host that seems gone.
+// How a method is called: how long to wait for its reply, and whether to call it on a host that seems gone.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@ namespace vexa::transport {
 
 struct MethodRule {
   std::chrono::milliseconds timeout;  // of a request that sets none
-  // Refusable methods are not called at all on a host that is gone by its signs of life.
+  // Refusable methods are not called at all on a host that is gone according to its signs of life.
   Breaker::Weight weight = Breaker::Weight::kOrdinary;
 };
 

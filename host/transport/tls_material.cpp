@@ -26,7 +26,7 @@ struct Free {
 using Certificate = std::unique_ptr<X509, Free>;
 using Key = std::unique_ptr<EVP_PKEY, Free>;
 
-// Nobody is there to type a password.
+// There is no one to type a password.
 int NoPassword(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) { return 0; }
 
 std::unique_ptr<BIO, Free> BioOf(const std::string& text) {
@@ -65,7 +65,7 @@ bool HasCommonName(X509* certificate, const std::string& expected) {
   return same;
 }
 
-// The context owns the name: it lives as long as the connection, which is kept after the call that made it.
+// The context owns the name: it lives as long as the connection, which outlives the call that made it.
 void FreeName(void* /*parent*/, void* name, CRYPTO_EX_DATA* /*data*/, int /*index*/, long /*argl*/, void* /*argp*/) {
   delete static_cast<std::string*>(name);
 }

@@ -1,4 +1,4 @@
-// Who this host is for the others, and whom it believes.
+// This host's identity towards the others, and the authority that it trusts.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ struct TlsFiles {
   std::string authority;    // PEM; signs the certificates of all hosts
 };
 
-// The files' contents, so that a connection costs no reading. The key is wiped at the end.
+// The files' contents, so that a connection does not read files. The key is wiped at the end.
 struct TlsMaterial {
   TlsMaterial() = default;
   ~TlsMaterial();
@@ -25,15 +25,15 @@ struct TlsMaterial {
   std::string authority;
 };
 
-// Errors: what ReadFile and ReadPrivateFile say; kInvalid when a file holds nothing of its kind or key and certificate
-// do not belong together.
+// Errors: those of ReadFile and ReadPrivateFile; kInvalid when a file does not contain what it should, or key and
+// certificate do not match.
 Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files);
 
-// Whether the certificate's one common name is `host_id`.
+// Whether the certificate's only common name is `host_id`.
 bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id);
 
-// Makes every handshake of `ssl_context` (an SSL_CTX*) accept only a certificate that was verified and whose one common
-// name is `host_id`, on top of what is checked already. False: out of memory.
+// Makes every handshake of `ssl_context` (an SSL_CTX*) accept only a verified certificate whose only common name is
+// `host_id`, in addition to the existing checks. False: out of memory.
 bool RequireCommonName(void* ssl_context, const std::string& host_id);
 
 }  // namespace vexa::transport

@@ -22,10 +22,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The longest that a caller may ask for; more would overflow clocks.
+// The longest time-out that a caller may set; longer ones would overflow clocks.
 constexpr int kLongestTimeoutS = 7 * 24 * 3600;
 
-// How long a call to a host that was not to be reached a moment ago waits for a connection.
+// How long a call to a host that was just unreachable waits for a connection.
 constexpr std::chrono::milliseconds kShortConnectTimeout{1'000};
 
 std::chrono::milliseconds TimeoutOf(const VexaDRCore::Request& request, const MethodRule& rule) {
@@ -52,12 +52,12 @@ void NoteUnanswered(const std::vector<std::string>& host_ids, const std::vector<
       if (!json::Bool(json::Member(replies[i], "success"))) UnansweredScope::Note(host_ids[i]);
     }
   } catch (const std::bad_alloc&) {
-    // The caller takes a host that did not answer for one that had nothing to say.
+    // To the caller, a host that did not answer looks like one that had nothing to say.
   }
 }
 
-// Where the pool leaves outcomes for the one caller that waits for them. Shared with the pool's callbacks, which need
-// no memory: a call whose outcome was lost would wait for ever.
+// Where the pool puts outcomes for the one caller that waits for them. Shared with the pool's callbacks, which need no
+// memory: a call whose outcome was lost would wait forever.
 class Outcomes {
  public:
   struct Entry {
@@ -77,7 +77,7 @@ class Outcomes {
     if (entries_.size() == 1) changed_.notify_one();
   }
 
-  // Waits until there is one at least. What it gives is good until the next call.
+  // Waits until there is at least one. The result is valid until the next call.
   std::vector<Entry>& Take() {
     taken_.clear();
     std::unique_lock lock(mutex_);
@@ -90,7 +90,7 @@ class Outcomes {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<Entry> entries_;  // under mutex_
-  std::vector<Entry> taken_;    // the caller's
+  std::vector<Entry> taken_;    // used by the caller
 };
 
 }  // namespace
@@ -122,7 +122,7 @@ class Transport::Impl {
         remote.push_back(i);
       }
     }
-    // Others write while this thread waits, and a snapshot would keep every page that they replace.
+    // Other threads write while this one waits, and a snapshot would keep every page that they replace.
     cluster::RequestScope::ReleaseSnapshot();
     const auto outcomes = std::make_shared<Outcomes>(remote.size());
     std::size_t waiting = 0;
@@ -136,7 +136,7 @@ class Transport::Impl {
         replies[i] = FailedReply(host_ids[i], "it could not be connected to, and is left alone for a moment");
       }
     }
-    // On this thread, which would only wait otherwise.
+    // On this thread, which would otherwise only wait.
     if (local) replies[*local] = AskLocal(request, deadline);
     Collect(host_ids, *outcomes, waiting, replies);
   }
@@ -144,7 +144,7 @@ class Transport::Impl {
   void StopRemote() { pool_.Stop(); }
 
  private:
-  // Why the host cannot be asked; empty when it can.
+  // Why the host cannot be called; empty when it can.
   std::string FindAddress(const std::string& host_id, std::string& address) const {
     if (host_id.empty()) return "no host is named";
     if (!IsHostId(host_id)) return "no host can have this id";
@@ -155,7 +155,7 @@ class Transport::Impl {
     return {};
   }
 
-  // False: the host is gone, and what is asked is not worth finding out whether it is.
+  // False: the host is gone, and the request is not worth finding out whether it is back.
   bool Judge(const std::string& host_id, const MethodRule& rule, Breaker::Attempt& attempt) const {
     attempt.weight = rule.weight;
     if (!options_.life) return true;
@@ -185,7 +185,7 @@ class Transport::Impl {
         outcomes->Put(index, std::move(outcome));
       });
     } catch (const std::bad_alloc&) {
-      report(Breaker::Outcome::kUnknown);  // else a probe would never end
+      report(Breaker::Outcome::kUnknown);  // otherwise a probe would never end
       throw;
     }
     return true;
@@ -197,7 +197,7 @@ class Transport::Impl {
     return options_.local_call(request, std::max(left, std::chrono::milliseconds(0)));
   }
 
-  // Replies are parsed here, as they come: the pool's thread has other hosts to look after.
+  // Replies are parsed here, as they arrive: the pool's thread has other hosts to serve.
   static void Collect(const std::vector<std::string>& host_ids, Outcomes& outcomes, std::size_t waiting,
                       std::vector<Json::Value>& replies) {
     while (waiting > 0) {
@@ -205,7 +205,7 @@ class Transport::Impl {
         const std::string& host_id = host_ids[entry.index];
         replies[entry.index] = entry.outcome.failure.empty() ? ParseReply(host_id, entry.outcome.body)
                                                              : FailedReply(host_id, entry.outcome.failure);
-        entry.outcome = HttpOutcome();  // its text is not needed while the others come
+        entry.outcome = HttpOutcome();  // its text is not needed while the others arrive
         --waiting;
       }
     }
@@ -237,7 +237,7 @@ std::vector<Json::Value> Transport::Ask(const std::vector<std::string>& host_ids
   std::vector<Json::Value> replies(host_ids.size());
   try {
     impl_->Ask(host_ids, request, replies);
-  } catch (const std::exception&) {  // out of memory; a reply that is there stays
+  } catch (const std::exception&) {  // out of memory; replies already received stay
     for (std::size_t i = 0; i < host_ids.size(); ++i) {
       if (replies[i].isNull()) replies[i] = FailedReply(host_ids[i], "this host has a fault");
     }

@@ -1,4 +1,4 @@
-// What the senders stand on: who this host is, where the others are, and how to reach them.
+// The basis of the senders: this host's identity, the addresses of the others, and the way to reach them.
 #pragma once
 
 #include <json/value.h>
@@ -20,20 +20,20 @@ namespace vexa::transport {
 
 inline constexpr std::chrono::milliseconds kDefaultTimeout{30'000};
 
-// The host records' member with the address of a host.
+// The member of host records with the address of a host.
 inline constexpr const char* kClusterAddress = "cluster_address";
 
 struct TransportOptions {
   enum class Remote {
     kTls,    // with `tls`
-    kPlain,  // unencrypted, and nobody shows who they are: for tests
+    kPlain,  // unencrypted, without authentication: for tests
     kNone,   // other hosts cannot be called
   };
-  std::string host_id;  // this host's, which is called by `local_call`
+  std::string host_id;  // of this host, which is called through `local_call`
   LocalCall local_call;
-  // "address:port" of another host, numeric; nothing for a host that is not known. Runs on the caller's thread.
+  // "address:port" of another host, numeric; nothing for an unknown host. Runs on the caller's thread.
   std::function<std::optional<std::string>(const std::string& host_id)> find_address;
-  // By its signs of life. Runs on the caller's thread. Without the function every host counts as alive.
+  // According to its signs of life. Runs on the caller's thread. Without this function, every host counts as alive.
   std::function<cluster::HostLife(const std::string& host_id)> life;
   Remote remote = Remote::kNone;
   TlsFiles tls;
@@ -49,12 +49,12 @@ class Transport {
   static Result<std::shared_ptr<Transport>> Make(TransportOptions options);
   ~Transport();
 
-  // Asks all hosts at once, in the name of the calling thread's Origin (origin.h), and returns when each has answered,
-  // failed or timed out; the replies are in the order of `host_ids`, in which no id occurs twice. No snapshot of the
-  // store is held while waiting.
+  // Calls all hosts concurrently, on behalf of the calling thread's Origin (origin.h), and returns when each has
+  // replied, failed or timed out. The replies are in the order of `host_ids`, which must not contain duplicates. No
+  // snapshot of the store is held while waiting.
   std::vector<Json::Value> Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
 
-  // Requests to other hosts that are under way end as failures, and further ones fail at once. Does not wait.
+  // Fails the requests to other hosts that are under way; later ones fail immediately. Does not wait.
   void StopRemote();
 
  private:
@@ -63,8 +63,8 @@ class Transport {
   std::unique_ptr<Impl> impl_;
 };
 
-// The transport that VexaCCC::Sender and MultiSender use; without one every request fails. Removing it, or installing
-// another, leaves calls under way with the one they began with. The end of the process removes it.
+// The transport that VexaCCC::Sender and MultiSender use; without one, every request fails. When it is removed or
+// replaced, calls under way keep the one that they began with. The end of the process removes it.
 // Threads: any.
 void InstallTransport(std::shared_ptr<Transport> transport);
 void RemoveTransport();

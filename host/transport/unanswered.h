@@ -1,4 +1,4 @@
-// Which hosts did not answer, for callers that only see what came of all answers together.
+// Records which hosts did not answer, for callers that only see the combined result.
 #pragma once
 
 #include <set>
@@ -6,8 +6,8 @@
 
 namespace vexa::transport {
 
-// While one lives, it collects the ids of the hosts that gave no successful reply to the calls of its thread. Scopes of
-// one thread may nest; the innermost one collects. Threads: one.
+// While a scope lives, it collects the ids of the hosts that gave no successful reply to the calls of its thread.
+// Scopes of one thread may nest; the innermost one collects. Threads: one.
 class UnansweredScope {
  public:
   UnansweredScope();
@@ -17,7 +17,7 @@ class UnansweredScope {
 
   const std::set<std::string>& hosts() const { return hosts_; }
 
-  // Notes it in the thread's innermost scope, if there is one. May throw std::bad_alloc.
+  // Adds the host to the thread's innermost scope, if there is one. May throw std::bad_alloc.
   static void Note(const std::string& host_id);
 
  private:

@@ -1,4 +1,4 @@
-// A cache for tests: finds out what a test says, and counts how often it was asked.
+// A cache for tests: returns the values that a test chooses, and counts its refreshes.
 #pragma once
 
 #include <json/value.h>
@@ -12,12 +12,12 @@
 
 namespace vexa::test {
 
-// What all objects of one cache share. Valid values are objects with a member "number".
+// State shared by all objects of one cache. Valid values are objects with a member "number".
 struct CountedRefreshes {
   std::atomic<int> begun = 0;
   std::atomic<int> running = 0;
   std::atomic<int> most_at_once = 0;
-  // Called within the refresh `number`, counted from 1; false fails it. May be empty.
+  // Called within refresh `number`, counted from 1; returning false fails the refresh. May be empty.
   std::function<bool(int number, Json::Value& data)> during;
 };
 

@@ -1,4 +1,4 @@
-// A store whose reads of named keys, or commits, fail, around a real one.
+// A store around a real one whose reads of named keys, or commits, can be made to fail.
 #pragma once
 
 #include <memory>
@@ -16,20 +16,20 @@ class FaultyStore : public store::Store {
   explicit FaultyStore(std::shared_ptr<store::Store> real);
   ~FaultyStore() override;
 
-  // From now on reads of `key` fail, and scans that begin there.
+  // From now on reads of `key` fail, and so do scans that begin there.
   void FailReadsOf(const std::string& key);
   // From now on no snapshot can be taken.
   void FailSnapshots();
-  // From now on no commit works, or the next `times` fail because somebody else was first.
+  // From now on every commit fails, or the next `times` commits fail with a conflict.
   void FailCommits();
   void ConflictCommits(int times);
-  // From now on this is how the store says it is.
+  // From now on the store reports this health.
   void ReportHealth(store::Health health);
   void Heal();
 
   // How many reads of keys and children, and scans, reached the store.
   int reads() const;
-  // How often it was asked how it is.
+  // How often its health was requested.
   int health_questions() const;
 
   Result<std::unique_ptr<store::Snapshot>> Read() const override;

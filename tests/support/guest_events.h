@@ -1,4 +1,4 @@
-// What a hypervisor tells, for tests to wait on.
+// A hypervisor's events, for tests to wait on.
 #pragma once
 
 #include <chrono>
@@ -24,7 +24,7 @@ class GuestEvents {
  public:
   using State = hypervisor::GuestState;
 
-  // Has `options` tell this. It must live longer than the hypervisor.
+  // Connects `options` to this object, which must outlive the hypervisor.
   void Listen(hypervisor::HypervisorOptions& options) {
     options.on_event = [this](const hypervisor::GuestEvent& event) { Add(event); };
     options.on_reopened = [this] {

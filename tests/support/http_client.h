@@ -10,7 +10,7 @@
 namespace vexa::test {
 
 struct HttpTarget {
-  std::string url;               // "http://127.0.0.1:8080"; for a Unix socket the part that the Host field shows
+  std::string url;               // "http://127.0.0.1:8080"; for a Unix socket, what the Host field shows
   std::string unix_socket;       // used instead of TCP when set
   std::string ca_file;           // https: trusted authorities
   std::string certificate_file;  // https: the client's own
@@ -21,7 +21,7 @@ struct HttpReply {
   // Why there is no reply at all (refused, hung up, timed out); empty when there is one.
   std::string transport_error;
   int status = 0;
-  std::map<std::string, std::string> headers;  // names in lower case; the last of several
+  std::map<std::string, std::string> headers;  // names in lower case; the last one of several
   std::string body;
 
   bool arrived() const { return transport_error.empty(); }
@@ -35,14 +35,14 @@ class HttpClient {
   ~HttpClient();
   HttpClient(HttpClient&&) noexcept;
 
-  // Sent with every following request, such as "Authorization: Bearer …".
+  // Sent with every later request, such as "Authorization: Bearer …".
   void SetHeader(const std::string& name, const std::string& value);
   void SetTimeout(std::chrono::milliseconds timeout);
 
   HttpReply Get(const std::string& path);
   // Content-Type: application/json.
   HttpReply PostJson(const std::string& path, const std::string& body);
-  // Any method; `headers` are whole lines, on top of those set before and in place of curl's own.
+  // Any method; `headers` are whole lines, in addition to those set before and overriding curl's own.
   HttpReply Send(const std::string& method, const std::string& path, const std::vector<std::string>& headers,
                  const std::string& body);
 

@@ -20,7 +20,7 @@ constexpr uid_t kNobody = 65534;
 
 std::string Refusal(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
-// Rights to mount: those of root, or of root in a namespace of users in which the user stays who they are.
+// Obtains the right to mount: that of root, or of root in a user namespace in which the user keeps their identity.
 std::string EnterNamespaces() {
   const uid_t user = ::geteuid();
   const gid_t group = ::getegid();
@@ -37,7 +37,7 @@ std::string EnterNamespaces() {
   return "";
 }
 
-// The storage is a file system in memory that is mounted at `keep` for good, and shown at other places too.
+// The storage is an in-memory file system that is mounted permanently at `keep`, and also shown at other places.
 [[noreturn]] void CarryOut(int orders, int answers, const std::string& keep) {
   std::array<char, 4096> order{};
   for (;;) {
@@ -54,14 +54,14 @@ std::string EnterNamespaces() {
   ::_exit(0);
 }
 
-LateStorage& TheOne() {
+LateStorage& Instance() {
   static LateStorage storage;
   return storage;
 }
 
 }  // namespace
 
-LateStorage& LateStorage::Get() { return TheOne(); }
+LateStorage& LateStorage::Get() { return Instance(); }
 
 std::string LateStorage::Enter() {
   static const std::string why_not = []() -> std::string {
@@ -88,8 +88,8 @@ std::string LateStorage::Enter() {
     }
     ::close(orders[0]);
     ::close(answers[1]);
-    TheOne().orders_ = orders[1];
-    TheOne().answers_ = answers[0];
+    Instance().orders_ = orders[1];
+    Instance().answers_ = answers[0];
     return "";
   }();
   return why_not;

@@ -1,4 +1,4 @@
-// Storage that comes and goes below a host that runs, as a disk that is mounted late does.
+// Storage that appears and disappears below a running host, like a disk that is mounted late.
 #pragma once
 
 #include <sys/types.h>
@@ -7,17 +7,17 @@
 
 namespace vexa::test {
 
-// A namespace of mounts for the test program and all that it starts. Make it first of all: before the process gives up
+// A mount namespace for the test program and everything that it starts. Create it first: before the process gives up
 // its rights, and before there are threads.
 class LateStorage {
  public:
-  // One for the process: what is mounted stays with it. Why there can be none: a sentence. Empty: there can be.
+  // One for the process: mounts stay with it. Returns why it is not possible, as a sentence; empty when it is.
   static std::string Enter();
 
   // Empty storage that belongs to the user of a QemuGround. It is not mounted yet.
   static LateStorage& Get();
 
-  // At a folder that is there. Nobody may use the storage when it goes. False: the kernel refuses.
+  // At an existing folder. When unmounting, no one may be using the storage. False: the kernel refuses.
   bool Mount(const std::string& folder);
   bool Unmount(const std::string& folder);
 

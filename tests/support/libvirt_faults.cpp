@@ -19,7 +19,7 @@ Function* Real(const char* name) {
 
 thread_local std::optional<vexa::test::LibvirtError> start_error;
 thread_local std::optional<vexa::test::LibvirtError> networks_error;
-// The fault that this thread met last; it stays the last error until the fault ends.
+// The last fault of this thread; it remains the last error until the fault ends.
 thread_local std::optional<vexa::test::LibvirtError> met;
 std::mutex openings_mutex;
 std::optional<vexa::test::LibvirtError> opening_error;
@@ -93,7 +93,7 @@ void PretendXml(const std::string& xml) { pretended_xml = xml; }
 
 namespace {
 
-// Calls `act` with the guest; what it answers, `otherwise` without such a guest.
+// Calls `act` with the guest and returns its result; returns `otherwise` without such a guest.
 template <class Value, class Act>
 Value WithGuest(const std::string& id, Value otherwise, const Act& act) {
   LastConnection& last = Last();

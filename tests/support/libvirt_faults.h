@@ -1,5 +1,5 @@
-// Faults of libvirt, where the host calls it. These definitions take the place of the library's in a test program that
-// links vexa_libvirt_faults, and lead to it unless a test has asked for a fault.
+// Faults of libvirt, where the host calls it. In a test program that links vexa_libvirt_faults, these definitions
+// replace the library's, and forward to it unless a test has requested a fault.
 #pragma once
 
 #include <libvirt/libvirt.h>
@@ -12,7 +12,7 @@ namespace vexa::test {
 struct LibvirtError {
   int code = VIR_ERR_INTERNAL_ERROR;
   std::string message;
-  int system_error = 0;  // errno, of VIR_ERR_SYSTEM_ERROR
+  int system_error = 0;  // errno, for VIR_ERR_SYSTEM_ERROR
   int domain = VIR_FROM_QEMU;
 };
 
@@ -33,7 +33,7 @@ class FailingOpenings {
   FailingOpenings(const FailingOpenings&) = delete;
   FailingOpenings& operator=(const FailingOpenings&) = delete;
 };
-// How many connections somebody has tried to open since the last FailingOpenings began.
+// How many attempts to open a connection there have been since the last FailingOpenings began.
 int Openings();
 
 // While it lives, this thread's lists of networks fail with the error.
@@ -45,7 +45,7 @@ class FailingNetworks {
   FailingNetworks& operator=(const FailingNetworks&) = delete;
 };
 
-// While it lives, this thread's connections are said to be dead.
+// While it lives, this thread's connections are reported as dead.
 class DeadConnections {
  public:
   DeadConnections();
@@ -54,12 +54,12 @@ class DeadConnections {
   DeadConnections& operator=(const DeadConnections&) = delete;
 };
 
-// The next `count` presses of power buttons, in all threads, succeed and are lost.
+// The next `count` presses of power buttons, in all threads, succeed and have no effect.
 void LosePresses(int count);
 // How often a power button was pressed since the last LosePresses.
 int Presses();
 
-// While it lives, guests are off before libvirt has the answer to a press, which then fails.
+// While it lives, guests go off before libvirt has the answer to a press, which then fails.
 class QuickPresses {
  public:
   QuickPresses();
@@ -68,7 +68,7 @@ class QuickPresses {
   QuickPresses& operator=(const QuickPresses&) = delete;
 };
 
-// While it lives, libvirt gives this reason for the state of guests that are in `state`, in all threads.
+// While it lives, libvirt reports this reason for the state of guests that are in `state`, in all threads.
 class PretendedReason {
  public:
   PretendedReason(int state, int reason);
@@ -77,21 +77,21 @@ class PretendedReason {
   PretendedReason& operator=(const PretendedReason&) = delete;
 };
 
-// What libvirt tells this thread as the XML of guests; empty: what it is.
+// The XML of guests that libvirt reports to this thread; empty: the real XML.
 void PretendXml(const std::string& xml);
 
-// What a user with virsh does on the last connection that was opened. False: libvirt refuses it.
+// The actions of a user with virsh, on the last connection that was opened. False: libvirt refuses.
 bool DefineAsUser(const std::string& xml);
 bool StartAsUser(const std::string& id);
-bool SaveAsUser(const std::string& id);  // its memory goes to a file of libvirt's
-bool EndAsUser(const std::string& id);   // the machine is off, as when its system has ended
+bool SaveAsUser(const std::string& id);  // its memory is saved to a file of libvirt
+bool EndAsUser(const std::string& id);   // the machine goes off, as if its system had ended
 bool PauseAsUser(const std::string& id);
 bool AutostartAsUser(const std::string& id);
 // libvirt's inactive XML; empty when it has no such guest.
 std::string XmlAsUser(const std::string& id);
 bool IsAutostartedAsUser(const std::string& id);
 
-// Tells the owner of the last connection that was opened that it is closed, as libvirt does when a daemon goes.
+// Reports to the owner of the last opened connection that it is closed, as libvirt does when a daemon ends.
 void CloseLastConnection();
 
 }  // namespace vexa::test

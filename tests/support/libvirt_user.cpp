@@ -31,9 +31,9 @@ Connection Connect(const std::string& uri) {
   return Connection(virConnectOpenAuth(uri.c_str(), virConnectAuthPtrDefault, 0));
 }
 
-// What `call` gives for the domain; `otherwise` when there is none.
+// The result of `call` for the domain; `otherwise` when it does not exist.
 template <class T>
-T OfDomain(const std::string& uri, const std::string& id, T otherwise, const std::function<T(virDomainPtr)>& call) {
+T CallOnDomain(const std::string& uri, const std::string& id, T otherwise, const std::function<T(virDomainPtr)>& call) {
   const Connection connection = Connect(uri);
   if (!connection) return otherwise;
   const Domain domain(virDomainLookupByUUIDString(connection.get(), id.c_str()));
@@ -124,7 +124,7 @@ std::string LibvirtUser::StartWithTheHost(const std::string& id) const {
 }
 
 std::string LibvirtUser::Xml(const std::string& id) const {
-  return OfDomain<std::string>(uri_, id, "", [](virDomainPtr domain) {
+  return CallOnDomain<std::string>(uri_, id, "", [](virDomainPtr domain) {
     char* const text = virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE | VIR_DOMAIN_XML_SECURE);
     std::string xml = text != nullptr ? text : "";
     std::free(text);
@@ -138,16 +138,16 @@ std::string LibvirtUser::Everything(const std::string& id) const {
 }
 
 bool LibvirtUser::IsActive(const std::string& id) const {
-  return OfDomain<bool>(uri_, id, false, [](virDomainPtr domain) { return virDomainIsActive(domain) == 1; });
+  return CallOnDomain<bool>(uri_, id, false, [](virDomainPtr domain) { return virDomainIsActive(domain) == 1; });
 }
 
 bool LibvirtUser::IsSaved(const std::string& id) const {
-  return OfDomain<bool>(uri_, id, false,
-                        [](virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; });
+  return CallOnDomain<bool>(uri_, id, false,
+                            [](virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; });
 }
 
 bool LibvirtUser::StartsWithTheHost(const std::string& id) const {
-  return OfDomain<bool>(uri_, id, false, [](virDomainPtr domain) {
+  return CallOnDomain<bool>(uri_, id, false, [](virDomainPtr domain) {
     int autostart = 0;
     return virDomainGetAutostart(domain, &autostart) == 0 && autostart == 1;
   });

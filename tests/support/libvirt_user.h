@@ -1,4 +1,4 @@
-// Somebody who uses libvirt beside a host, as people do with virsh.
+// A user of libvirt beside a host, as people are with virsh.
 #pragma once
 
 #include <string>
@@ -6,22 +6,23 @@
 
 namespace vexa::test {
 
-// A domain that its owner has made, with much that a guest's records do not know: a title, metadata, a clock in local
-// time, sound, a screen on a socket of their choice, disks that are written through.
+// A domain made by its owner, with much that a guest's records do not cover: a title, metadata, a clock in local time,
+// sound, a screen on a socket of their choice, disks with write-through.
 struct OwnersDomain {
   std::string id;  // UUID
   std::string name;
   std::string boot_image;          // its first disk
-  std::vector<std::string> disks;  // further ones, raw; one that is named twice is shared by two disks
-  std::string screen;              // path of the socket; empty: 192.0.2.99, which this machine has not
+  std::vector<std::string> disks;  // additional raw disks; a repeated one is shared by two disks
+  std::string screen;              // path of the socket; empty: 192.0.2.99, an address that this machine does not have
   enum class Firmware { kBios, kUefi } firmware = Firmware::kBios;
 };
 std::string OwnersXml(const OwnersDomain& domain);
-// What OwnersXml has and records do not, and `xml` has not: a line for each. Empty: it has all.
+// The parts of OwnersXml that records do not cover and that are missing in `xml`: a line for each. Empty: none is
+// missing.
 std::string LostOfOwner(const std::string& xml);
 
-// Each call has a connection of its own, so that libvirtd may come and go. Actions give an empty text, or libvirt's
-// sentence. Domains are named by their ids.
+// Each call has a connection of its own, so that libvirtd may come and go. Actions return an empty text, or libvirt's
+// sentence. Domains are identified by their ids.
 // Threads: one at a time.
 class LibvirtUser {
  public:
@@ -36,7 +37,7 @@ class LibvirtUser {
 
   // The XML of the inactive domain; empty when libvirt does not know it.
   std::string Xml(const std::string& id) const;
-  // What is to stay as it is of a domain of somebody else's: XML, autostart, whether it runs and is saved.
+  // What must stay unchanged in another owner's domain: XML, autostart, whether it runs and is saved.
   std::string Everything(const std::string& id) const;
   bool IsKnown(const std::string& id) const { return !Xml(id).empty(); }
   bool IsActive(const std::string& id) const;

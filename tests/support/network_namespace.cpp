@@ -20,7 +20,7 @@
 namespace vexa::test {
 namespace {
 
-// Set in the process that has the namespaces, and why there are none.
+// Set in the process that has the namespaces, or says why it has none.
 constexpr const char* kEntered = "VEXA_TEST_NETWORKS";
 constexpr const char* kRefused = "VEXA_TEST_NO_NETWORKS";
 
@@ -36,7 +36,7 @@ void MountEmpty(const char* folder) {
   if (::mount("vexa-test", folder, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0) Fail(folder);
 }
 
-// A libvirtd of the system's does not start without the user for its guests, which only some packages make.
+// A system libvirtd does not start without the user for its guests, which only some packages create.
 void AddLibvirtUser(const char* path, const std::string& line) {
   std::ostringstream content;
   content << std::ifstream(path).rdbuf();
@@ -49,13 +49,13 @@ void AddLibvirtUser(const char* path, const std::string& line) {
 void MakeOwnFolders() {
   if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Fail("/");
   if (::mount("proc", "/proc", "proc", 0, nullptr) != 0) Fail("/proc");
-  // It shows the networks of whoever mounts it.
+  // It shows the networks of the process that mounts it.
   if (::mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) Fail("/sys");
-  // Guests are emulated, as they are for the tests that give up root: a machine's KVM can stop them after a while.
+  // Guests are emulated, as in the tests that give up root: a machine's KVM can stop them after a while.
   if (::access("/dev/kvm", F_OK) == 0 && ::mount("/dev/null", "/dev/kvm", nullptr, MS_BIND, nullptr) != 0) {
     Fail("/dev/kvm");
   }
-  // libvirt looks for it, and does without.
+  // libvirt looks for it, and works without it.
   (void)::mount("cgroup2", "/sys/fs/cgroup", "cgroup2", 0, nullptr);
   for (const char* const folder :
        {"/run", "/etc/libvirt", "/var/lib/libvirt", "/var/log/libvirt", "/var/cache/libvirt"}) {
@@ -67,7 +67,7 @@ void MakeOwnFolders() {
   AddLibvirtUser("/etc/group", "libvirt-qemu:x:64055:");
 }
 
-// Also takes note of the ends of all other children: guests whose libvirtd is gone would count as running otherwise.
+// Also reaps all other children: otherwise guests whose libvirtd is gone would count as running.
 [[noreturn]] void ExitLike(pid_t program) {
   for (;;) {
     int status = 0;
@@ -87,7 +87,7 @@ void EnterNetworkNamespace(char** argv) {
   const pid_t child = ::fork();
   if (child < 0) Fail("fork");
   if (child == 0) {
-    // Its end is that of every process in the namespace.
+    // Its end is the end of every process in the namespace.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     MakeOwnFolders();
     const pid_t program = ::fork();

@@ -1,4 +1,4 @@
-// Networks of a test program's own: the machine's are not seen, and nothing is left of what a test makes.
+// Networks of a test program's own: it does not see the machine's, and nothing that a test creates is left behind.
 #pragma once
 
 #include <string>
@@ -6,19 +6,19 @@
 
 namespace vexa::test {
 
-// To be called first of all by main(). Goes on in a process of its own with namespaces of networks, mounts and
-// processes, where it is root: empty folders are in the place of /run and of libvirt's, and everything ends with the
-// program. Never returns then, but in that process. Returns also where the machine permits no namespaces: see
+// Must be the first call in main(). Continues in a child process with network, mount and process namespaces of its own,
+// where it is root: empty folders replace /run and those of libvirt, and everything ends with the program. It then
+// returns only in that process. It also returns where the machine does not permit namespaces: see
 // WhyNoNetworkNamespace.
 void EnterNetworkNamespace(char** argv);
 
-// Why the program has no networks of its own: a sentence. Empty: it has.
+// Why the program has no networks of its own: a sentence. Empty: it has them.
 std::string WhyNoNetworkNamespace();
 
-// Runs the program with these arguments. The test program ends when it fails. What it printed.
+// Runs the program with these arguments and returns its output. The test program ends when it fails.
 std::string RunTool(const std::vector<std::string>& words);
 
-// A network cable: `port` is the end in the host, switched on, and the other end is somewhere else.
+// A network cable: `port` is the end in the host, switched on; the other end is elsewhere.
 class Cable {
  public:
   explicit Cable(std::string port);

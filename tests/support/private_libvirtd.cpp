@@ -37,7 +37,7 @@ std::string WhyNoPrivateLibvirtd() {
 
 PrivateLibvirtd::PrivateLibvirtd(const QemuGround& ground) : folder_(ground.folder()) {
   ::mkdir((folder_ + "/libvirt").c_str(), 0700);
-  // Without it no guest starts: what QEMU prints would go to the daemon virtlogd.
+  // Without it no guest starts: QEMU's output would go to the daemon virtlogd.
   std::ofstream(folder_ + "/libvirt/qemu.conf") << "stdio_handler = \"file\"\n";
   Start();
 }

@@ -1,4 +1,4 @@
-// A libvirtd of the test's own: its guests and files are below the test's folder, and the machine's are not seen.
+// A libvirtd of the test's own: its guests and files are below the test's folder, and it does not see the machine's.
 #pragma once
 
 #include <sys/types.h>
@@ -9,10 +9,10 @@
 
 namespace vexa::test {
 
-// Why there can be none: WhyNoQemuGuests, or what is missing besides. Empty: nothing is.
+// Why it is not possible: WhyNoQemuGuests, or what else is missing. Empty: it is possible.
 std::string WhyNoPrivateLibvirtd();
 
-// Runs as the user of the ground. It ends with the ground at the latest, its guests as well.
+// Runs as the user of the ground. It ends with the ground at the latest, together with its guests.
 // Threads: one at a time.
 class PrivateLibvirtd {
  public:
@@ -26,9 +26,9 @@ class PrivateLibvirtd {
   std::string uri() const { return "qemu:///session?socket=" + Socket(); }
   std::string Log() const;
 
-  // Guests run on while it is away, and are found again. Start answers when it takes connections.
+  // Guests keep running while it is away, and are found again. Start returns when it accepts connections.
   void Start();
-  void Kill();  // as a crash would
+  void Kill();  // like a crash
 
  private:
   std::string Socket() const { return folder_ + "/libvirt/libvirt-sock"; }

@@ -24,7 +24,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Something that another process left behind may hold the pipes for as long as it likes: this long they are waited for.
+// A process that was left behind may hold the pipes indefinitely; they are drained for this long.
 constexpr auto kDrainTime = std::chrono::seconds(5);
 
 [[noreturn]] void Die(const std::string& what, int error_number) {
@@ -90,7 +90,7 @@ class Process::Impl {
   pid_t pid() const { return pid_; }
 
   void Signal(int signal) {
-    // Under the lock: once the status is set, the process id may be somebody else's.
+    // Under the lock: once the status is set, the process id may belong to another process.
     const std::lock_guard lock(mutex_);
     if (!status_) ::kill(pid_, signal);
   }

@@ -1,4 +1,4 @@
-// Other programs, run by tests.
+// Runs other programs in tests.
 #pragma once
 
 #include <sys/types.h>
@@ -14,10 +14,10 @@
 namespace vexa::test {
 
 struct ProcessOptions {
-  std::vector<std::string> argv;  // argv[0] is the program; without a slash it is looked for in PATH
-  // On top of the test's own environment; an empty optional removes the variable.
+  std::vector<std::string> argv;  // argv[0] is the program; without a slash it is looked up in PATH
+  // In addition to the test's own environment; an empty optional removes the variable.
   std::map<std::string, std::optional<std::string>> environment{};
-  std::string input{};              // what the program reads on its standard input, then end of file
+  std::string input{};              // the program's standard input, followed by end of file
   std::string working_directory{};  // the test's own when empty
 };
 
@@ -27,7 +27,7 @@ struct ExitStatus {
   std::optional<int> signal;  // a signal ended it
 };
 
-// A running program in a process group of its own. What it writes is collected while it runs.
+// A running program in a process group of its own. Its output is collected while it runs.
 // Threads: any, at the same time, except for the destructor.
 class Process {
  public:
@@ -40,19 +40,19 @@ class Process {
 
   pid_t pid() const;
 
-  // Sends a signal to the program, not to its children. Nothing happens when it has ended.
+  // Sends a signal to the program, not to its children. Does nothing when it has ended.
   void Signal(int signal);
 
-  // Waits until the program has ended; empty when it still runs after `timeout`. All that the program itself wrote has
-  // been collected then.
+  // Waits until the program has ended; empty when it still runs after `timeout`. By then, everything that the program
+  // itself wrote has been collected.
   std::optional<ExitStatus> Wait(std::chrono::milliseconds timeout);
   bool IsRunning();
 
-  // What it has written so far.
+  // The output so far.
   std::string output() const;
   std::string errors() const;
 
-  // Waits until `text` is in the output or the errors; false when it ends or `timeout` passes without.
+  // Waits until `text` is in the output or the errors; false when the program ends or `timeout` passes without it.
   bool WaitForText(std::string_view text, std::chrono::milliseconds timeout);
 
  private:

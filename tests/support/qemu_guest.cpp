@@ -26,8 +26,8 @@
 #include <thread>
 #include <vector>
 
-// The process ends while threads of the embedded driver are at work, and the leak sanitizer may find what they hold.
-// What callers of libvirt must free is looked after by the tests on its test driver.
+// The process ends while threads of the embedded driver are working, and the leak sanitizer may report what they hold.
+// The tests on libvirt's test driver check what callers of libvirt must free.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() { return "leak:libvirt.so.0\n"; }
 
@@ -46,7 +46,7 @@ constexpr std::array<const char*, 2> kImageNames = {"guest.iso", "guest-no-agent
 
 std::string ImageSource(const char* name) { return std::string(VEXA_TEST_GUEST_FOLDER) + "/" + name; }
 
-// Opened while the process may still read it, and kept: "nobody" may not get into the folder of the build.
+// Opened while the process may still read it, and kept open: "nobody" may have no access to the build folder.
 int KeptOpen(const std::string& path) {
   static std::map<std::string, int> descriptors;
   const auto [entry, is_new] = descriptors.emplace(path, -1);
@@ -74,11 +74,11 @@ void BecomeNobody() {
       ::setresuid(kNobody, kNobody, kNobody) != 0) {
     Die("Cannot become the user 65534");
   }
-  // It was root's: then /proc/self is closed to the user that is left, and sanitizers look into it.
+  // The file was root's: /proc/self is then closed to the remaining user, and sanitizers read it.
   ::prctl(PR_SET_DUMPABLE, 1);
 }
 
-// What `question` answers as the user that a ground becomes.
+// The result of `question` as the user that a ground switches to.
 std::string AskNobody(const std::function<std::string()>& question) {
   std::array<int, 2> pipe{};
   if (::pipe2(pipe.data(), O_CLOEXEC) != 0) Die("Cannot make a pipe");
@@ -123,7 +123,7 @@ bool HasQemuDriver() {
   return false;
 }
 
-// Empty when the process has ended, also when it does so while this is read.
+// Empty when the process has ended, also while this is read.
 std::string CommandLine(const std::string& pid) {
   std::ifstream file("/proc/" + pid + "/cmdline", std::ios::binary);
   std::ostringstream line;
@@ -154,10 +154,10 @@ std::vector<pid_t> RunningBelow(const std::string& folder, bool (*is_wanted_prog
   return found;
 }
 
-// Ends them, and waits for their ends. How many there were.
+// Kills them, and waits for their ends. Returns how many there were.
 int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&)) {
   int count = 0;
-  // One that is just being started may come to light late, and one that is killed takes a while to go.
+  // One that is just starting may appear late, and one that is killed takes a while to disappear.
   for (int round = 0; round < 200; ++round) {
     const std::vector<pid_t> running = RunningBelow(folder, is_wanted_program);
     if (running.empty()) return count;
@@ -169,7 +169,7 @@ int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::st
   return count;
 }
 
-// The guard of a ground: it outlives the test program, and clears up after it.
+// The guard of a ground: it outlives the test program and cleans up after it.
 [[noreturn]] void Guard(int news, const std::string& folder) {
   char word = 0;
   ssize_t got = 0;
@@ -177,7 +177,7 @@ int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::st
     got = ::read(news, &word, 1);
   } while (got < 0 && errno == EINTR);
   EndPrograms(folder);
-  // Without a word the program was killed or crashed, and nobody else removes the folder.
+  // Without a message the program was killed or crashed, and nothing else removes the folder.
   if (got == 0) {
     std::error_code ignored;
     fs::remove_all(folder, ignored);
@@ -188,7 +188,7 @@ int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::st
 }  // namespace
 
 std::string WhyNoQemuGuests() {
-  // Once: the process may have become "nobody" when it asks again, who cannot see what is open already.
+  // Once: by a later call the process may have become "nobody", who cannot see what is already open.
   static const std::string why_not = [] {
     for (const char* const image : kImageNames) {
       if (::access(ImageSource(image).c_str(), R_OK) != 0) {
@@ -228,7 +228,7 @@ std::vector<int> QemusOf(const std::string& folder, const std::string& word) {
 int KillQemus(const std::string& folder) { return KillBelow(folder, IsQemu); }
 
 void EndPrograms(const std::string& folder) {
-  // Those first who would start another QEMU.
+  // First the programs that would start another QEMU.
   KillBelow(folder, IsHost);
   KillBelow(folder, IsQemu);
 }
@@ -241,7 +241,7 @@ QemuGround::Dropped::Dropped(const GroundFiles& files) {
 }
 
 QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files_) {
-  // libvirt keeps a little outside of its root: "nobody" has no home, and that of others is none of a test's business.
+  // libvirt stores a few files outside of its root: "nobody" has no home, and a test must not touch those of others.
   for (const char* const name : {"HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
     ::setenv(name, folder().c_str(), 1);
   }
@@ -254,7 +254,7 @@ QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files
 
 QemuGround::~QemuGround() {
   EndPrograms(folder());
-  // Kept folders are for people who look for a mistake, which is not in the images.
+  // Folders are kept for people who search for a bug, which is not in the images.
   for (const char* const name : kImageNames) ::unlink(folder_.File(name).c_str());
   std::error_code ignored;
   fs::remove_all(LibraryFolder(), ignored);
@@ -297,7 +297,7 @@ void QemuGround::StartGuard() {
   const pid_t child = ::fork();
   if (child < 0) Die("Cannot fork");
   if (child == 0) {
-    // A child of nobody, in a group of its own: what ends the test program and all below it does not end the guard.
+    // A grandchild in a group of its own: what ends the test program and its children does not end the guard.
     ::setsid();
     if (::fork() != 0) ::_exit(0);
     ::close(pipe[1]);

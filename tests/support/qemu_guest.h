@@ -1,4 +1,4 @@
-// A small real guest on QEMU, for tests: its images, its records, and an end to all that runs of it.
+// A small real guest on QEMU, for tests: its images, its records, and the cleanup of everything that runs for it.
 #pragma once
 
 #include <string>
@@ -10,34 +10,36 @@
 
 namespace vexa::test {
 
-// What tools/make-test-guest makes. It runs with 192 MiB and has its system in memory: no image is written to.
+// The images made by tools/make-test-guest. The guest runs with 192 MiB and has its system in memory: no image is
+// written to.
 enum class GuestImage {
-  kWithAgent,     // shuts down when its agent is asked to, and by the power button
-  kWithoutAgent,  // by the power button only
+  kWithAgent,     // shuts down on request to its agent, and by the power button
+  kWithoutAgent,  // shuts down by the power button only
 };
 
-// An address of each guest that has a network interface. A second one, below 10.0.0.0/8, is another at each start.
+// An address of each guest that has a network interface. A second one, below 10.0.0.0/8, differs at each start.
 inline constexpr std::string_view kGuestAddress = "192.0.2.10";
 
-// Why no guest can run on QEMU here: a sentence that names what is missing. Empty: nothing is. Whoever skips tests for
-// it prints SkipNotice, which ./dev looks for. The answer is found once, before the process gives up its rights: the
-// images are read with the rights it has, everything else is run as the user that QemuGround becomes.
+// Why no guest can run on QEMU here: a sentence that names what is missing. Empty: it can. Tests that are skipped for
+// this reason print SkipNotice, which ./dev searches for. The answer is determined once, before the process gives up
+// its rights: the images are read with its original rights, everything else is run as the user that QemuGround switches
+// to.
 std::string WhyNoQemuGuests();
 // The same for guests whose firmware is UEFI.
 std::string WhyNoFirmware();
 std::string SkipNotice(const std::string& why);
 
-// The variables that a guest with UEFI firmware starts with at first.
+// The initial variables of a guest with UEFI firmware.
 inline constexpr const char* kFirmwareVariables = "/usr/share/OVMF/OVMF_VARS_4M.fd";
 
-// Whether the user that QemuGround becomes may run `program`, an absolute path.
+// Whether the user that QemuGround switches to may run `program`, an absolute path.
 bool CanNobodyRun(const std::string& program);
 
-// What tests run that "nobody" may not get at, who has no way into the folder of a build below a closed one: absolute
-// paths.
+// Files that tests run and that "nobody" may be unable to reach, for instance in a build folder below a closed one:
+// absolute paths.
 enum class GroundUser {
-  kNobody,  // in the place of root
-  kSame,    // also root: for programs that make networks
+  kNobody,  // instead of root
+  kSame,    // stays root: for programs that create networks
 };
 struct GroundFiles {
   std::vector<std::string> programs;   // opened while that is possible
@@ -45,10 +47,10 @@ struct GroundFiles {
   GroundUser user = GroundUser::kNobody;
 };
 
-// A folder below which guests can be embedded, with the images in it. When it is root, the process becomes "nobody" for
-// good, unless its files say otherwise: QEMU's driver wants no root without a user of its own. All QEMUs with files
-// below the folder end with this object, and so do hosts and libvirtds with files there; also when the process ends in
-// any other way. Make it before there are threads.
+// A folder below which guests can be embedded, containing the images. A process that is root becomes "nobody" for good,
+// unless the files say otherwise: QEMU's driver refuses root without a user of its own. All QEMUs with files below the
+// folder end with this object, and so do hosts and libvirtds with files there, also when the process ends in any other
+// way. Create it before there are threads.
 class QemuGround {
  public:
   // Aborts the test program when the folder cannot be made, or a file is missing.
@@ -61,11 +63,11 @@ class QemuGround {
   // For HypervisorOptions::root.
   std::string root() const { return folder_.File("qemu"); }
   std::string Image(GuestImage image) const;
-  // What this process and its children can execute; of the programs named to the constructor, by file name.
+  // The executable for this process and its children, by file name, for a program named to the constructor.
   std::string Program(const std::string& name) const;
   std::string LibraryFolder() const { return folder_.File("lib"); }
 
-  // A child that was forked must call this: the QEMUs end when nobody holds the ground any more.
+  // A forked child must call this: the QEMUs end when no process holds the ground any more.
   void LetGo();
 
  private:
@@ -77,24 +79,25 @@ class QemuGround {
     explicit Dropped(const GroundFiles& files);
   };
   GroundFiles files_;
-  Dropped dropped_;  // before the folder, which then belongs to the user that is left
+  Dropped dropped_;  // before the folder, which then belongs to the new user
   TempDir folder_;
-  int guard_ = -1;  // its end tells the guard
+  int guard_ = -1;  // closing it notifies the guard
 };
 
-// Ends what runs with a file below `folder` in its command line: hosts (vexad) and libvirtds first, then QEMUs.
+// Ends all programs with a file below `folder` in their command lines: hosts (vexad) and libvirtds first, then QEMUs.
 void EndPrograms(const std::string& folder);
 
-// How many QEMUs have command lines that name a file below `folder`, and `word`.
+// How many QEMUs have command lines with a file below `folder` and with `word`.
 int CountQemus(const std::string& folder, const std::string& word);
 
-// The QEMUs whose command lines name a file below `folder`, and `word`.
+// The QEMUs whose command lines contain a file below `folder`, and `word`.
 std::vector<int> QemusOf(const std::string& folder, const std::string& word);
 
-// Ends the QEMUs whose command lines name a file below `folder`, and waits for their ends. How many there were.
+// Kills the QEMUs whose command lines contain a file below `folder`, and waits for their ends. Returns how many there
+// were.
 int KillQemus(const std::string& folder);
 
-// The records of a guest with one interface in no network, which starts from `image`: as a CD-ROM, or as a disk on
+// The records of a guest with one interface in no network, which boots from `image`: as a CD-ROM, or as a disk on
 // VirtIO.
 enum class StartsFrom { kIso, kDisk };
 hypervisor::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,

@@ -1,4 +1,4 @@
-// A real host (the program vexad) with guests on QEMU, asked as users ask it, and its records.
+// A real host (the program vexad) with guests on QEMU, its API as users call it, and its records.
 #pragma once
 
 #include <json/value.h>
@@ -15,12 +15,12 @@
 
 namespace vexa::test {
 
-// For a ground on which hosts run.
+// The files for a ground on which hosts run.
 GroundFiles HostPrograms();
 
-// A guest that starts from the test guest's image in its drive.
+// A guest that boots from the test guest's image in its drive.
 struct HostGuest {
-  std::string id;  // UUID; the last two characters tell guests apart
+  std::string id;  // UUID; the last two characters distinguish guests
   std::string name;
   GuestImage image = GuestImage::kWithAgent;
   int disks = 1;  // of 1 MiB, with a text at their beginning
@@ -33,29 +33,29 @@ struct QemuHostOptions {
   std::string embed_root;  // empty: the ground's
   std::string image_root;  // empty: "disks" below the ground
   std::chrono::seconds stop_timeout{30};
-  // Of one more host on the same ground: "-b" is behind the names of its data folder, socket and log.
+  // For another host on the same ground: "-b" is appended to the names of its data folder, socket and log.
   std::string suffix;
   std::string store;    // the folder of the database; empty: "store" in the data folder
-  std::string runtime;  // XDG_RUNTIME_DIR: each host with embedded guests needs one; empty: as it is
+  std::string runtime;  // XDG_RUNTIME_DIR: each host with embedded guests needs its own; empty: unchanged
 };
 
 inline constexpr const char* kHostRepository = "11111111-2222-4333-8444-00000000000a";
-// For what a guest's own system does, and for calls.
+// For waiting on a guest's own system, and for calls.
 inline constexpr auto kGuestPatience = std::chrono::seconds(90);
-// For what the host stores after an event: it looks by itself every 5 s.
+// For waiting on what the host stores after an event: without one, it checks every 5 s.
 inline constexpr auto kStatePatience = std::chrono::seconds(30);
 
-// Whether `holds` comes true in time.
+// Whether `holds` becomes true in time.
 bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience = kGuestPatience);
 
-// A path of a file and what it holds.
+// Whether a file exists, and its content.
 bool IsThere(const std::string& path);
 std::string Content(const std::string& path);
 
-// Threads: the questions and actions for guests on any, everything else on one.
+// Threads: any for the queries and actions on guests, one for everything else.
 class QemuHost {
  public:
-  // Writes the record of the repository; nothing is started.
+  // Writes the record of the repository; starts nothing.
   explicit QemuHost(const QemuGround& ground, QemuHostOptions options = {});
   ~QemuHost();
   QemuHost(const QemuHost&) = delete;
@@ -67,17 +67,17 @@ class QemuHost {
   std::string Log() const;  // of all runs
   std::string StoreFolder() const;
 
-  // A test that goes on without a host makes no sense: the test program ends when it does not become ready.
+  // A test cannot continue without a host: the test program ends when it does not become ready.
   void Start();
-  // For a host that must not start. Its exit code; -1 when it had to be killed.
+  // For a host that must fail to start. Returns its exit code; -1 when it had to be killed.
   int StartInVain();
   // As the system does when memory runs out: no step is finished.
   void Kill();
-  // SIGTERM. How long it took; not set when it had to be killed after `patience`.
+  // SIGTERM. Returns how long it took; not set when the host had to be killed after `patience`.
   std::optional<std::chrono::milliseconds> Stop(std::chrono::milliseconds patience);
   void Restart();  // Kill and Start
 
-  // Runs the program `vexa` on the files of this host. What it printed; the test program ends when it fails.
+  // Runs the program `vexa` on the files of this host and returns its output; the test program ends when it fails.
   std::string Vexa(std::vector<std::string> arguments) const;
 
   // --- Records ---
@@ -92,7 +92,7 @@ class QemuHost {
   static std::string DiskId(const std::string& guest, int disk);
   std::string DiskFile(const std::string& guest, int disk) const;
   static std::string DiskText(const std::string& guest, int disk);
-  // The guest's disks that are not as PutGuest has made them: a line for each.
+  // The guest's disks that are not as PutGuest created them: a line for each.
   std::string LostDisks(const std::string& guest, int disks) const;
 
   // --- Calls ---
@@ -102,7 +102,7 @@ class QemuHost {
   int Power(const std::string& guest, const std::string& action) const;
   int Delete(const std::string& guest) const { return Code("VEXA.Virtualization.Guest/delete", guest); }
   int Set(const std::string& guest, const Json::Value& edit) const;
-  // The addresses of a running guest, in one text; empty while they are not known.
+  // The addresses of a running guest, in one text; empty while they are unknown.
   std::string Addresses(const std::string& guest) const;
 
   int Qemus(const std::string& guest) const { return CountQemus(folder_, guest); }

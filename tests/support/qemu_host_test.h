@@ -1,4 +1,4 @@
-// Fixtures of tests with a host and guests on QEMU: QEMU's driver embedded in the host, or a libvirt beside it.
+// Fixtures for tests with a host and guests on QEMU: with QEMU's driver embedded in the host, or a libvirtd beside it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ class EmbeddedHostTest : public testing::Test {
   std::unique_ptr<QemuHost> host_;
 };
 
-// The host's hypervisor is a libvirtd that its users talk to as well.
+// The host's hypervisor is a libvirtd that its users access as well.
 class LibvirtHostTest : public EmbeddedHostTest {
  protected:
   void TearDown() override {
@@ -55,7 +55,7 @@ class LibvirtHostTest : public EmbeddedHostTest {
     host_ = std::make_unique<QemuHost>(*ground_, options);
   }
 
-  // A domain with an image to start from and a disk of its own, both where the host's guests have theirs.
+  // A domain with an image to boot from and a disk of its own, both in the place of the host's own guests.
   OwnersDomain MakeOwnersDomain(const std::string& id, const std::string& name) const {
     OwnersDomain domain;
     domain.id = id;
@@ -69,17 +69,17 @@ class LibvirtHostTest : public EmbeddedHostTest {
     std::ofstream(domain.disks[0], std::ios::binary) << bytes;
     return domain;
   }
-  // Whether both are as MakeOwnersDomain has made them.
+  // Whether both are as MakeOwnersDomain created them.
   bool AreDisksWhole(const OwnersDomain& domain) const {
     return Content(domain.boot_image).size() == Content(ground_->Image(GuestImage::kWithAgent)).size() &&
            Content(domain.disks[0]).starts_with(QemuHost::DiskText(domain.id, 1));
   }
-  // Every domain that libvirt knows now becomes a guest of `host_id`.
+  // Turns every domain that libvirt knows now into a guest of `host_id`.
   void ImportAll(const std::string& host_id) const {
     host_->Vexa({"import", "--all", libvirtd_->uri(), "--data", ground_->folder() + "/data", "--host-id", host_id,
                  "--repository-id", kHostRepository});
   }
-  // The files that libvirt has saved memory in.
+  // The files of libvirt with saved memory.
   int SavedFiles() const {
     int count = 0;
     std::error_code ignored;
@@ -93,14 +93,14 @@ class LibvirtHostTest : public EmbeddedHostTest {
   std::unique_ptr<LibvirtUser> user_;
 };
 
-// The files with UEFI variables below `folder`, and a text in them that firmware leaves alone.
+// The files with UEFI variables below `folder`, and a text in them that firmware does not touch.
 inline std::vector<std::string> VariablesBelow(const std::string& folder) {
   namespace fs = std::filesystem;
   std::vector<std::string> found;
   std::error_code ignored;
   const auto size = fs::file_size(kFirmwareVariables, ignored);
   for (const auto& entry : fs::recursive_directory_iterator(folder, ignored)) {
-    // The size alone is that of many files, such as a store that grows.
+    // Many files have this size, such as a store that grows, so the name is checked too.
     const bool is_named = entry.path().filename().string().find("_VARS") != std::string::npos;
     const bool is_sized = entry.is_regular_file(ignored) && entry.file_size(ignored) == size;
     if (is_named && is_sized) found.push_back(entry.path().string());
@@ -108,7 +108,7 @@ inline std::vector<std::string> VariablesBelow(const std::string& folder) {
   return found;
 }
 
-// Near the end of the part that is only written while the firmware makes room.
+// Near the end of the part that is only written while the firmware compacts its variables.
 inline constexpr int kMarkFromEnd = 64;
 inline constexpr const char* kMark = "What the guest has stored";
 

@@ -1,4 +1,4 @@
-// For set-up that tests stand on: without it there is nothing to go on with, so the test program ends.
+// For essential set-up: without it tests cannot continue, so the test program ends.
 #pragma once
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// A host's guests whose answers a test scripts, and which note what they were asked.
+// A host's guests with scripted answers, which record the requests that they get.
 #pragma once
 
 #include <mutex>
@@ -42,7 +42,7 @@ class ScriptedGuests final : public guests::GuestControl {
     return asked_;
   }
 
-  Refused refused;  // what every action answers
+  Refused refused;  // the answer to every action
   guests::Rating rating;
   Json::Value last_edit;
   bool is_controllable = true;

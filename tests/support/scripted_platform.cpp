@@ -120,7 +120,7 @@ int Dashboard::Get(Json::Value& out, const std::string& key) {
   Platform().reads.push_back(place);
   const auto record = Platform().records.find(place);
   const int result = vexa::test::ResultFor(Platform().read_results, place, record == Platform().records.end() ? 2 : 0);
-  // Also for a result that says otherwise: callers go by it, not by what they find.
+  // Also when the result is a failure: callers must rely on the result, not on what they receive.
   if (record != Platform().records.end()) out = record->second;
   return result;
 }

@@ -1,6 +1,5 @@
-// A provider of the platform that answers what a test tells it to and remembers what it was asked. It takes the place
-// of the whole platform but for the constants, requests and responses, and the web-API framework, which are the real
-// ones.
+// A provider of the platform with scripted answers, which records the calls that it gets. It replaces the whole
+// platform except for the constants, requests and responses, and the web-API framework, which are the real ones.
 #pragma once
 
 #include <json/value.h>
@@ -24,30 +23,31 @@ struct SentRequest {
   Json::Value json;
 };
 
-// Threads: one. Places in the dashboard are "<category>/<id>/<key>"; a key below another one is "<key>/<part>".
+// Threads: one. Locations in the dashboard are "<category>/<id>/<key>"; a key below another one is "<key>/<part>".
 struct ScriptedPlatform {
-  // Hosts. One without a reply fails with code 102.
+  // Hosts. A host without a reply fails with code 102.
   std::string local_host_id = "local";
   std::vector<std::string> all_hosts;
   std::map<std::string, Json::Value> replies;
-  std::map<std::string, Json::Value> method_replies;  // under "<host>/<method>"; they go before `replies`
+  std::map<std::string, Json::Value> method_replies;  // under "<host>/<method>"; they override `replies`
   std::vector<SentRequest> sent;
 
-  // The dashboard. What is not there is not found, or has no children; `read_results` and `list_results` say
-  // otherwise, place by place. `reads` has every read and listing, in order.
+  // The dashboard. Missing locations are not found, or have no children, unless `read_results` and `list_results` say
+  // otherwise for a location. `reads` has every read and listing, in order.
   std::map<std::string, Json::Value> records;
   std::map<std::string, std::vector<std::string>> children;
   std::map<std::string, int> read_results;
   std::map<std::string, int> list_results;
   std::vector<std::string> reads;
 
-  // The ids by category. The listings of a category give `category_results` in turn, the last one for good; 0 without
-  // any. A listing that gives 0 or 2 hands out the ids. `reads` has listings as "<category>".
+  // The ids by category. The listings of a category return `category_results` in turn, the last one repeatedly; 0
+  // without any. A listing that returns 0 or 2 provides the ids. `reads` has listings as "<category>".
   std::map<std::string, std::vector<std::string>> ids;
   std::map<std::string, std::vector<int>> category_results;
 
-  // Names, under "<category>/<id>"; so are the objects whose name was looked for in `asked_names`. A list of names has
-  // "" for an object without one, and lacks the last `names_dropped`; it is handed out whatever its result.
+  // Names, under "<category>/<id>"; the objects whose names were requested are in `asked_names` in the same form. A
+  // list of names has "" for an object without one, and lacks the last `names_dropped`; it is provided whatever its
+  // result.
   std::map<std::string, std::string> names;
   int name_list_result = 0;
   std::size_t names_dropped = 0;
@@ -65,20 +65,20 @@ struct ScriptedPlatform {
   std::map<std::string, std::string> versions_of_reachable;
   int versions_result = 0;
 
-  // The local guest configuration, by guest. What is not there fails with -1 unless a result says otherwise; a value
-  // is handed out whatever its result. `conf_reads` has every read, as "conf/<id>", "state/<id>" or "repo_host/<id>".
+  // The local guest configuration, by guest. A missing one fails with -1 unless a result says otherwise; a value is
+  // provided whatever its result. `conf_reads` has every read, as "conf/<id>", "state/<id>" or "repo_host/<id>".
   std::map<std::string, Json::Value> confs;
   std::map<std::string, std::string> conf_states;
   std::map<std::string, std::string> repo_hosts;
   std::map<std::string, int> conf_results;
   std::vector<std::string> conf_reads;
 
-  // The answers to who runs a guest, result and host, in turn, the last one for good; -1 without any. A host is handed
-  // out whatever the result.
+  // The answers to which host runs a guest, result and host, in turn, the last one repeatedly; -1 without any. A host
+  // is provided whatever the result.
   std::vector<std::pair<int, std::string>> guest_hosts;
   bool auto_select = false;
 
-  // The cluster log, and the guests that were taken out of the guest-admin records.
+  // The cluster log, and the guests that were removed from the guest-admin records.
   struct ClusterLine {
     std::string user;
     int priority = 0;
@@ -88,30 +88,31 @@ struct ScriptedPlatform {
   std::vector<std::string> deleted_guests;
   int guest_delete_result = 0;
 
-  // The rights on guests that were set, and what that gives.
+  // The rights on guests that were set, and the result of setting them.
   std::vector<std::pair<std::string, std::vector<VexaCCC::tagGuestAdminRule>>> guest_sets;
   int guest_set_result = 0;
   std::vector<std::string> guest_set_failures;
 
-  // The ids and paths of images that can be used, and the paths that only look like one. `asked_images` has what was
-  // asked, as "id <text>", "path <text>" and "form <text>".
+  // The ids and paths of usable images, and the paths that only look usable. `asked_images` has the checks, as "id
+  // <text>", "path <text>" and "form <text>".
   std::set<std::string> image_ids;
   std::set<std::string> image_paths;
   std::set<std::string> image_forms;
   std::vector<std::string> asked_images;
 
-  // What was called in which order: "send <host>/<method>", "guest_host <guest>", "auto_select", "upgrading",
-  // "name <category>/<id>", "conflict <category>/<name>", "log <priority>", "guest_delete <guest>",
-  // "guest_set <guest>", "rights".
+  // The calls in their order: "send <host>/<method>", "guest_host <guest>", "auto_select", "upgrading", "name
+  // <category>/<id>", "conflict <category>/<name>", "log <priority>", "guest_delete <guest>", "guest_set <guest>",
+  // "rights".
   std::vector<std::string> calls;
 
-  // High availability, by group; as the local configuration. Results are by "state", "warn" and "error".
+  // High availability, by group, in the same manner as the local configuration. Results are by "state", "warn" and
+  // "error".
   std::map<std::string, std::string> ha_states;
   std::map<std::string, Json::Value> ha_warnings;
   std::map<std::string, int> ha_errors;
   std::map<std::string, int> ha_results;
 
-  // The cached value; without one, reading gives the default. `caches` has the arguments of every cache made.
+  // The cached value; without one, a read returns the default. `caches` has the arguments of every cache made.
   std::optional<Json::Value> cached;
   std::vector<Json::Value> caches;
 
@@ -142,16 +143,16 @@ struct ScriptedPlatform {
   std::vector<Grant> grants;
   int grant_result = 0;
 
-  // The base library's lists and hashes: how to fail, and how many were made and given back.
+  // The base library's lists and hashes: how to fail, and how many were made and released.
   enum class Base { kFine, kNoList, kNoHash, kNoKeys } base = Base::kFine;
   int list_capacity = 0;
   int lists_made = 0, lists_freed = 0;
   int hashes_made = 0, hashes_freed = 0;
 };
 
-// The one in force.
+// The current one.
 ScriptedPlatform& Platform();
-// Forgets script and record.
+// Resets the script and the records of calls.
 void ResetPlatform();
 
 }  // namespace vexa::test

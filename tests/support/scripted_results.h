@@ -8,7 +8,8 @@ namespace vexa::test {
 
 int ResultFor(const std::map<std::string, int>& results, const std::string& place, int otherwise);
 
-// Hands out what there is for `id` in `values`, even when `results` makes the call fail. 0 or -1 unless it does.
+// Provides the value for `id` in `values`, even when `results` makes the call fail. Without an entry in `results`,
+// returns 0 when there is a value, otherwise -1.
 template <class Value, class Out>
 int HandOut(const std::map<std::string, Value>& values, const std::string& id,
             const std::map<std::string, int>& results, const std::string& place, Out& out) {

@@ -26,7 +26,7 @@ void Check(bool good, const char* what) {
   std::abort();
 }
 
-// The length of the whole request, 0 while that is not known.
+// The length of the whole request, 0 while it is unknown.
 std::size_t LengthOf(const std::string& request) {
   const std::size_t end = request.find("\r\n\r\n");
   if (end == std::string::npos) return 0;
@@ -90,7 +90,7 @@ class ScriptedServer::Impl {
     thread_ = std::thread([this] { Serve(); });
   }
 
-  // Whether `fd` is ready before the server is told to stop.
+  // Whether `fd` becomes ready before the server has to stop.
   bool WaitFor(int fd, short events) {
     std::array<pollfd, 2> polled{{{stop_, POLLIN, 0}, {fd, events, 0}}};
     while (::poll(polled.data(), polled.size(), -1) < 0) {
@@ -124,7 +124,7 @@ class ScriptedServer::Impl {
       if (!WaitFor(fd, POLLOUT)) return;
       const ssize_t count = ::send(fd, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       if (count < 0 && errno == EAGAIN) continue;
-      if (count < 0) return;  // the client has seen enough
+      if (count < 0) return;  // the client has read enough
       rest.remove_prefix(static_cast<std::size_t>(count));
     }
     if (reply.then == ScriptedReply::Then::kStall) WaitFor(-1, 0);

@@ -1,4 +1,4 @@
-// A server that answers what a test says, right or wrong, byte by byte.
+// A server that sends the bytes that a test chooses, right or wrong.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +8,21 @@
 
 namespace vexa::test {
 
-// What one connection gets once its request has arrived.
+// What one connection receives once its request has arrived.
 struct ScriptedReply {
   enum class Then {
     kClose,  // the end of the reply
     kReset,  // the connection breaks
-    kStall,  // nothing more comes until the server is destroyed
+    kStall,  // nothing more is sent until the server is destroyed
   };
   std::string bytes;
   Then then = Then::kClose;
 };
 
-// A whole HTTP/1.1 reply with this body.
+// A complete HTTP/1.1 reply with this body.
 ScriptedReply HttpReplyOf(int status, const std::string& body, const std::string& content_type = "application/json");
 
-// One blocking thread that serves one connection after the other, one request each. The first connection gets the first
+// One blocking thread that serves one connection after another, one request each. The first connection gets the first
 // reply, and so on; the last one is repeated.
 // Threads: any, at the same time.
 class ScriptedServer {
@@ -35,7 +35,7 @@ class ScriptedServer {
 
   std::string url() const;  // "http://127.0.0.1:<port>"
 
-  // The requests so far: request line, header and body as they came.
+  // The requests so far: request line, header and body as received.
   std::vector<std::string> requests() const;
 
  private:

@@ -91,7 +91,7 @@ DRCache::DRCache(const std::string& group, const std::string& name, int valid_s,
 
 DRCache::~DRCache() = default;
 
-// A test that reads is told when the library waits.
+// Shows a reading test that the library waited.
 Json::Value DRCache::BlockedRead() const { return "waited"; }
 Json::Value DRCache::NonBlockedRead() const { return Platform().cached ? *Platform().cached : GetDefaultValue(); }
 Json::Value DRCache::ReadCachedData() const { return Platform().cached.value_or(Json::Value()); }

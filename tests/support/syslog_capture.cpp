@@ -1,4 +1,4 @@
-// <syslog.h> is left out on purpose: in fortified builds it defines the functions that are replaced here.
+// Intentional: <syslog.h> is not included, because in fortified builds it defines the functions that are replaced here.
 #include "tests/support/syslog_capture.h"
 
 #include <cerrno>
@@ -21,7 +21,7 @@ Captured& State() {
 }
 
 __attribute__((format(printf, 2, 0))) void Capture(int priority, const char* format, std::va_list arguments) {
-  const int error_number = errno;  // "%m" names it, and logging leaves it as it was
+  const int error_number = errno;  // "%m" refers to it, and logging must not change it
   std::va_list copy;
   va_copy(copy, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, copy);

@@ -1,7 +1,7 @@
-// What a test program logs to syslog, kept in memory instead.
+// Keeps what a test program logs to syslog in memory.
 //
-// The functions syslog(3) and vsyslog(3), and the ones that fortified builds call in their place, are replaced in every
-// program that links vexa_syslog_capture; openlog, closelog and setlogmask keep doing what they do, and matter no more.
+// In every program that links vexa_syslog_capture, this replaces syslog(3) and vsyslog(3), and the functions that
+// fortified builds call in their place; openlog, closelog and setlogmask still work but have no effect on the lines.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@
 namespace vexa::test {
 
 struct SyslogLine {
-  int priority = 0;  // as the caller gave it: the facility and the level
+  int priority = 0;  // as given by the caller: the facility and the level
   std::string text;  // formatted, "%m" included
 
   int level() const { return priority & 7; }  // LOG_ERR, LOG_INFO, …
@@ -19,9 +19,9 @@ struct SyslogLine {
 
 // Threads: any, at the same time, for all three.
 
-// The lines so far, oldest first. They stay.
+// The lines so far, oldest first. They are kept.
 std::vector<SyslogLine> CapturedSyslog();
-// Forgets the lines; call it at the start of a test that looks at them.
+// Discards the lines; call it at the start of a test that reads them.
 void ClearCapturedSyslog();
 // Whether a line contains `text`.
 bool SyslogContains(std::string_view text);

@@ -12,7 +12,7 @@
 namespace vexa::test {
 
 TempDir::TempDir() {
-  // Short on purpose: a Unix socket's path has 107 bytes at most (unix(7)).
+  // Intentional: short, because a Unix socket's path has at most 107 bytes (unix(7)).
   std::error_code error;
   std::filesystem::path base = std::filesystem::temp_directory_path(error);
   if (error) base = "/tmp";

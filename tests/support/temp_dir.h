@@ -6,8 +6,8 @@
 
 namespace vexa::test {
 
-// Makes a new folder (0700) below the system's temporary folder, and removes it with everything in it at the end. When
-// the running test has failed by then, the folder is kept and its path is printed, so that somebody can look into it.
+// Creates a new folder (0700) below the system's temporary folder, and removes it with its contents at the end. If the
+// running test has failed by then, the folder is kept and its path is printed, so that it can be examined.
 class TempDir {
  public:
   TempDir();

@@ -179,7 +179,7 @@ void TestDaemon::BeOnUnixSocket(const std::string& role) {
   me.uid = ::geteuid();
   if (role == "admin") me.groups = {"administrators"};
   if (role == "carol") me.groups = {"operators"};
-  // The same account in each role: no id is given twice.
+  // The same account in each role: an id is never assigned twice.
   Require(accounts->FindUser("me").ok() ? accounts->SetGroups("me", me.groups) : accounts->AddUser(me));
   const auto store = StoreOf(config_);
   const std::string key = cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", ::geteuid()));

@@ -1,4 +1,4 @@
-// A daemon inside the test program, with a few users, a guest and some methods of the test's own.
+// A daemon inside the test program, with a few users, a guest and some methods of its own for tests.
 #pragma once
 
 #include <json/value.h>
@@ -17,8 +17,9 @@ namespace vexa::test {
 inline constexpr const char* kTestGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
 inline constexpr const char* kTestPassword = "correct horse";
 
-// Users: admin (administrator), adam (advanced), grace (granted kTestGuest), carol (granted by her group), mallory.
-// All have kTestPassword. No hypervisor. Methods of VEXA.Test: anyone, user, admin, host, throws, silent, stall.
+// Users: admin (administrator), adam (advanced), grace (granted kTestGuest), carol (granted through her group),
+// mallory. All have kTestPassword. No hypervisor. Methods of VEXA.Test: anyone, user, admin, host, throws, silent,
+// stall.
 class TestDaemon {
  public:
   // `adjust` may change the configuration before the start.
@@ -39,11 +40,11 @@ class TestDaemon {
   std::string Login(const std::string& user) const;
   HttpClient TcpAs(const std::string& user) const;
 
-  // Makes `name` the account of this process's user id, so that the Unix socket's peer is that user, with the grants
-  // that the user of the role has: "admin", "adam", "grace", "carol" or "mallory".
+  // Gives the account `name` this process's user id, so that the Unix socket's peer is that user, with the grants of
+  // the role's user: "admin", "adam", "grace", "carol" or "mallory".
   void BeOnUnixSocket(const std::string& role);
 
-  // Lets the calls of "stall" return; how many wait now.
+  // Lets the calls of "stall" return. Returns how many were waiting.
   void ReleaseStalled();
   int stalled() const;
 
@@ -58,9 +59,9 @@ class TestDaemon {
   std::unique_ptr<daemon::Daemon> daemon_;
 };
 
-// The body as JSON; an HTTP failure or a body that is no JSON fails the test and gives null.
+// The body as JSON; an HTTP failure or a body that is not JSON fails the test and returns null.
 Json::Value JsonBody(const HttpReply& reply);
-// The reply's error code; 0 for a success, -1 for anything that is neither.
+// The reply's error code; 0 for a success, -1 for anything else.
 int ErrorCode(const HttpReply& reply);
 
 }  // namespace vexa::test

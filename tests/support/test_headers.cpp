@@ -1,2 +1,2 @@
-// Nothing but its precompiled headers is of use.
+// Exists only for its precompiled headers.
 int main() {}

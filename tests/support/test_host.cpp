@@ -18,7 +18,7 @@ TestHost::TestHost() {
   options.directory = folder_.File("store");
   const auto store = Require(store::OpenLmdbStore(options));
   store_ = std::make_shared<FaultyStore>(store);
-  // Without the faults: those are for what a test looks at.
+  // Without the faults, which are only for the code under test.
   accounts_ = std::make_shared<cluster::AccountStore>(store);
   cluster::Environment environment;
   environment.store = store_;

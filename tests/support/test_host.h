@@ -1,4 +1,4 @@
-// A host's ground for tests of the library: a real store with accounts in a folder of its own.
+// The environment of a host for tests of the library: a real store with accounts in a folder of its own.
 #pragma once
 
 #include <json/value.h>
@@ -14,19 +14,19 @@
 
 namespace vexa::test {
 
-// Installed while it lives. Users: "root-like" administrators and others are added by AddUser.
+// Installed while it lives. AddUser adds users, also "root-like" administrators.
 class TestHost {
  public:
   TestHost();
   ~TestHost();
 
-  // With a password that nobody needs; returns the user's id.
+  // With an unused password; returns the user's id.
   std::uint32_t AddUser(const std::string& name, const std::vector<std::string>& groups = {});
   std::uint32_t GroupId(const std::string& user, const std::string& group);
 
   // Stores `record` as the object of `category` and `id`.
   void Put(const std::string& category, const std::string& id, const Json::Value& record);
-  // Stores the text as it is, also when it is no JSON.
+  // Stores the text unchanged, even when it is not JSON.
   void PutText(const std::string& category, const std::string& id, const std::string& text);
   void Remove(const std::string& category, const std::string& id);
 
@@ -50,7 +50,7 @@ class TestHost {
 VEXA::APIRequest UserRequest(const Json::Value& parameters, const std::string& user);
 VEXA::APIRequest AdministratorRequest(const Json::Value& parameters);
 
-// The JSON value of `text`; the test program ends when it is none.
+// The JSON value of `text`; the test program ends when it is not valid.
 Json::Value Parsed(const std::string& text);
 
 }  // namespace vexa::test

@@ -35,7 +35,7 @@ Json::Value FailedItem(int code) {
 
 bool IsVersion(const Json::Value* version) { return !version || (version->isInt() && json::Int(*version) > 0); }
 
-// Another compound request inside would multiply: each level 64 times the work of the one above.
+// Nested compound requests would multiply: each level 64 times the work of the one above.
 bool IsItem(const Json::Value& item) {
   const Json::Value& api = json::Member(item, "api");
   const Json::Value& method = json::Member(item, "method");
@@ -54,7 +54,7 @@ VexaDRCore::Request RequestOf(const Json::Value& item) {
   return request;
 }
 
-// Of an item's reply what belongs to the item.
+// The members of an item's reply that belong to the item.
 Json::Value ResultOf(const Json::Value& reply) {
   const Json::Value& success = json::Member(reply, "success");
   if (success.isBool() && json::Bool(success)) {
@@ -76,7 +76,7 @@ Json::Value RunItem(const transport::LocalCall& local_call, const Json::Value& i
   return ResultOf(local_call(RequestOf(item), left));
 }
 
-// An exception that left a thread would end the process.
+// An exception that leaves a thread would end the process.
 Json::Value RunItemSafely(const transport::LocalCall& local_call, const Json::Value& item,
                           steady_clock::time_point end) {
   try {
@@ -100,7 +100,7 @@ void InParallel(std::size_t count, const CompoundOptions& options, const std::fu
   try {
     while (helpers.size() + 1 < wanted) helpers.emplace_back(help);
   } catch (const std::system_error&) {
-    // No more threads are to be had: those that there are do all the work.
+    // No more threads are available: the existing ones do all the work.
   }
   work();
 }

@@ -13,16 +13,16 @@ namespace vexa::services {
 inline constexpr Json::ArrayIndex kMaxCompoundItems = 64;
 
 struct CompoundOptions {
-  // For all items together; less than the 30 s that a caller waits, so that an item that hangs does not cost it the
+  // For all items together; less than the 30 s that a caller waits, so that a hanging item does not make it lose the
   // others.
   std::chrono::milliseconds timeout = std::chrono::seconds(25);
-  int threads = 16;  // that one request may use, its own included
-  // Called on the request's own thread with what each of the others is to do; gives what they do instead, so that they
-  // can take along what threads know of their request. Nothing of the kind without it.
+  int threads = 16;  // that one request may use, including its own
+  // Called on the request's own thread with the task of each of the other threads; returns the task to run instead, so
+  // that the threads can inherit the context of their request. Without it nothing is inherited.
   std::function<std::function<void()>(std::function<void()> run)> carry;
 };
 
-// `local_call` is called by several threads at once.
+// `local_call` is called by several threads at the same time.
 std::vector<webapi::ApiRow> CompoundRows(transport::LocalCall local_call, CompoundOptions options = {});
 
 }  // namespace vexa::services

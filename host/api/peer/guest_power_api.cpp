@@ -1,4 +1,4 @@
-// What this host does with its guests when other hosts ask: power, deletion, and whose guest it is.
+// What other hosts can make this host do with its guests: power, deletion, and the choice of a guest's host.
 #include <functional>
 #include <utility>
 
@@ -15,7 +15,7 @@ using guests::Refused;
 using guests::Requester;
 using webapi::Call;
 
-// The caller asks for high availability, which must know that the guest does not run here.
+// The caller acts for high availability, which must be sure that the guest does not run here.
 constexpr int kReasonHa = 20;
 
 using Act = std::function<Refused(GuestControl& guests, const std::string& guest_id, const Requester& requester)>;
@@ -40,7 +40,7 @@ Act UnlessDatabaseIsLost(const ServiceParts& parts, Act act) {
   };
 }
 
-webapi::Handler Doing(const ServiceParts& parts, Act act) {
+webapi::Handler ActionHandler(const ServiceParts& parts, Act act) {
   return [parts, act = UnlessDatabaseIsLost(parts, std::move(act))](const Call& call) { Do(parts, call, act); };
 }
 
@@ -90,10 +90,10 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
     return further;
   };
   return {
-      HostRow("VEXA.CCC.Guest", "poweron", kLong, Doing(parts, &GuestControl::PowerOn),
+      HostRow("VEXA.CCC.Guest", "poweron", kLong, ActionHandler(parts, &GuestControl::PowerOn),
               "Starts a guest of this host, and answers when it runs.", {guest},
               with({910, 912, 917, 927, 928, 935, 942, 945, 955})),
-      HostRow("VEXA.CCC.Guest", "shutdown", kLong, Doing(parts, &GuestControl::ShutDown),
+      HostRow("VEXA.CCC.Guest", "shutdown", kLong, ActionHandler(parts, &GuestControl::ShutDown),
               "Asks a guest to shut down, again and again until it is off or has not been for minutes.", {guest},
               with({911})),
       HostRow(
@@ -104,13 +104,13 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
             "20: for high availability. Whatever else is being done with the guest; one that does not run here is "
             "a success."}},
           with({911})),
-      HostRow("VEXA.CCC.Guest", "reboot", kLong, Doing(parts, &GuestControl::Reboot), "Asks a guest to reboot.",
+      HostRow("VEXA.CCC.Guest", "reboot", kLong, ActionHandler(parts, &GuestControl::Reboot), "Asks a guest to reboot.",
               {guest}, with({911})),
-      HostRow("VEXA.CCC.Guest", "delete", kLong, Doing(parts, &GuestControl::Delete),
+      HostRow("VEXA.CCC.Guest", "delete", kLong, ActionHandler(parts, &GuestControl::Delete),
               "Deletes a guest that is off, with its disks.", {guest}, with({910})),
-      HostRow("VEXA.CCC.Guest", "discard_saved", kLong, Doing(parts, &GuestControl::DiscardSaved),
+      HostRow("VEXA.CCC.Guest", "discard_saved", kLong, ActionHandler(parts, &GuestControl::DiscardSaved),
               "Removes the saved memory of a guest, which is off then.", {guest}, with({911})),
-      HostRow("VEXA.CCC.Guest", "release", kLong, Doing(parts, &GuestControl::Release),
+      HostRow("VEXA.CCC.Guest", "release", kLong, ActionHandler(parts, &GuestControl::Release),
               "Gives a guest that is off back to libvirt: its definition and files stay, its records go.", {guest},
               with({910, 912})),
       HostRow(

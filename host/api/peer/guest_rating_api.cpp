@@ -23,15 +23,15 @@ using VexaCCC::DB::DashCate;
 using webapi::Call;
 using webapi::LaneKind;
 
-// Of what a host says of itself, no more than this is taken.
-constexpr Json::ArrayIndex kMaxTaken = 16;
+// The limit for a list in another host's answer.
+constexpr Json::ArrayIndex kMaxEntries = 16;
 constexpr std::size_t kMaxWord = 32;
 constexpr std::size_t kMaxReason = 512;
 constexpr std::size_t kMaxName = 256;
 
 constexpr std::string_view kBestIo = "best_io";
 
-// The guest's id; an answer has been set when it is not set.
+// The guest's id. If it is not set, the call has been answered.
 std::optional<std::string> NamedGuest(const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   const auto type =
@@ -53,7 +53,7 @@ void CheckResource(const std::function<Result<guests::Rating>(const std::string&
   if (!id) return;
   guests::Rating rating{{{guests::kUnavailable, "The host runs no guests."}}, false, {}};
   if (rate_guest) {
-    cluster::RequestScope::ReleaseSnapshot();  // the hypervisor may let the call wait
+    cluster::RequestScope::ReleaseSnapshot();  // the call may wait for the hypervisor
     Result<guests::Rating> rated = rate_guest(*id);
     if (!rated) return FailToRead(call, rated.error());
     rating = std::move(*rated);
@@ -66,8 +66,8 @@ bool IsWord(const std::string& text) {
          std::ranges::all_of(text, [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_'; });
 }
 
-// What this host says of one that it got no rating from.
-Json::Value NotRated(const char* word, const std::string& reason) {
+// What this host reports about a host from which it got no rating.
+Json::Value MissingRating(const char* word, const std::string& reason) {
   Json::Value rating(Json::objectValue);
   rating["available"] = false;
   rating["status"].append(word);
@@ -75,41 +75,41 @@ Json::Value NotRated(const char* word, const std::string& reason) {
   return rating;
 }
 
-// An error as hosts tell it, which may be none at all.
-Json::Value OfFailure(const VexaDRCore::Response& reply) {
-  constexpr const char* kSilent = "The host did not answer, or not so that it could be read.";
+// An error as reported by a host, which may be empty.
+Json::Value FailureRating(const VexaDRCore::Response& reply) {
+  constexpr const char* kNoReadableAnswer = "The host did not answer, or not so that it could be read.";
   const Json::Value success = reply.getField("success");
   const Json::Value code = json::Member(reply.getField("error"), "code");
-  if (!success.isBool() || !code.isInt()) return NotRated("unreachable", kSilent);
+  if (!success.isBool() || !code.isInt()) return MissingRating("unreachable", kNoReadableAnswer);
   switch (reply.getErrCode()) {
     case webapi::kErrorUnreachable:
-      return NotRated("unreachable", kSilent);
+      return MissingRating("unreachable", kNoReadableAnswer);
     case webapi::kErrorUnknownApi:
-      return NotRated("incompatible_version", "The host's version cannot tell whether it could run the guest.");
+      return MissingRating("incompatible_version", "The host's version cannot tell whether it could run the guest.");
     default:
-      return NotRated("failed", "The host answered with the error " + std::to_string(reply.getErrCode()) + ".");
+      return MissingRating("failed", "The host answered with the error " + std::to_string(reply.getErrCode()) + ".");
   }
 }
 
-// A host's rating with nothing in it but what one is made of. `may_have_best_io`: by the records, which tell it as
-// well.
-Json::Value OfReply(const VexaDRCore::Response& reply, bool may_have_best_io) {
-  if (!reply.isSuccess()) return OfFailure(reply);
+// A host's rating, reduced to the known members. `may_have_best_io`: according to the records, which also determine
+// this.
+Json::Value RatingOf(const VexaDRCore::Response& reply, bool may_have_best_io) {
+  if (!reply.isSuccess()) return FailureRating(reply);
   const Json::Value available = reply.getDataField("available");
-  if (!available.isBool()) return NotRated("unreachable", "The host did not answer with a rating.");
+  if (!available.isBool()) return MissingRating("unreachable", "The host did not answer with a rating.");
   Json::Value rating(Json::objectValue);
   rating["available"] = json::Bool(available);
   Json::Value& status = rating["status"] = Json::Value(Json::arrayValue);
   const Json::Value words = reply.getDataField("status");
   for (const Json::Value& element : json::Elements(words)) {
-    if (status.size() == kMaxTaken) break;
+    if (status.size() == kMaxEntries) break;
     const std::string word = element.isString() ? json::String(element) : std::string();
     if (IsWord(word) && (word != kBestIo || may_have_best_io)) status.append(word);
   }
   Json::Value& reasons = rating["reasons"] = Json::Value(Json::arrayValue);
   const Json::Value sentences = reply.getDataField("reasons");
   for (const Json::Value& element : json::Elements(sentences)) {
-    if (reasons.size() == kMaxTaken) break;
+    if (reasons.size() == kMaxEntries) break;
     if (element.isString()) reasons.append(cluster::LogText(json::String(element), kMaxReason));
   }
   return rating;
@@ -144,7 +144,7 @@ void CheckHostResource(std::chrono::seconds patience, const Call& call) {
   Json::Value data(Json::objectValue);
   Json::Value& hosts = data["hosts"] = Json::Value(Json::arrayValue);
   for (std::size_t i = 0; i < host_ids.size(); ++i) {
-    Json::Value host = OfReply(replies.getResponse(host_ids[i]), guest->repository_host_id == host_ids[i]);
+    Json::Value host = RatingOf(replies.getResponse(host_ids[i]), guest->repository_host_id == host_ids[i]);
     host["host_id"] = host_ids[i];
     host["host"] = names[i];
     hosts.append(std::move(host));

@@ -1,4 +1,4 @@
-// Where a guest could be powered on: what this host says of itself, and what all hosts of the cluster say.
+// Where a guest could be powered on: this host's own rating, and the ratings of all hosts of the cluster.
 #pragma once
 
 #include <chrono>

@@ -25,15 +25,15 @@ using webapi::Call;
 using webapi::LaneKind;
 
 constexpr Json::UInt64 kMib = Json::UInt64{1} << 20;
-constexpr std::uint64_t kBlockBytes = 512;  // of st_blocks, whatever the file system's own are
+constexpr std::uint64_t kBlockBytes = 512;  // of st_blocks, independent of the file system's own block size
 
-// Why the repository cannot be used here: a code of "failed_check", and the sentence of "reason".
+// Why the repository cannot be used here: a code of "failed_check", and the sentence for "reason".
 struct FailedCheck {
   int code = 0;
   const char* reason = "";
 };
 
-// The shared layer has keywords for these two. For the next two it has none that would be true, and gives their number.
+// The shared layer has keywords for these two. For the next two it has no accurate keyword, and reports their number.
 constexpr FailedCheck kHostOffline{307, "The repository belongs to another host, which does not answer."};
 constexpr FailedCheck kRemoteFirmware{
     311, "The repository belongs to another host, and guests with EFI firmware cannot run that way."};
@@ -46,7 +46,7 @@ std::string ReadText(const DashCate& category, const std::string& id, const char
   return Dashboard(category, id).Get(text, key) == 0 ? text : std::string();
 }
 
-// The guest that the call names, and its record; an answer has been set when it is not set.
+// The guest that the call names, and its record. If it is not set, the call has been answered.
 struct NamedGuest {
   std::string id;
   Json::Value record;
@@ -71,7 +71,7 @@ void GuestInfo(guests::GuestControl* guests, const Call& call) {
   const bool runs_here = ReadText(DashCate::Guest, guest->id, keys::state) == states::Guest::running &&
                          ReadText(DashCate::Guest, guest->id, keys::host_id) == VexaCCC::DB::DBLocalhostID();
   if (!runs_here) return Fail(call, kErrorUnreadable);
-  cluster::RequestScope::ReleaseSnapshot();  // the hypervisor may let the call wait
+  cluster::RequestScope::ReleaseSnapshot();  // the call may wait for the hypervisor
   const std::optional<guests::RunningGuest> live = guests ? guests->Running(guest->id) : guests::RunningGuest();
   if (!live) return Fail(call, kErrorUnreadable);
   Json::Value data(Json::objectValue);
@@ -82,7 +82,7 @@ void GuestInfo(guests::GuestControl* guests, const Call& call) {
   call.response->SetSuccess(data);
 }
 
-// A host of which that is not known may be alive.
+// A host whose state is unknown may be alive.
 bool IsGone(const std::string& host_id) {
   std::map<std::string, std::string> all;
   std::map<std::string, std::string> reachable;
@@ -119,7 +119,7 @@ bool IsPlainPath(const std::string& path) {
          (path + "/").find("/../") == std::string::npos;
 }
 
-// What the disk's file takes on its file system; a block device is taken as a whole. 0: it cannot be told.
+// The space of the disk's file on its file system; for a block device, its whole size. 0: unknown.
 Json::UInt64 UsedBytes(const std::string& path, Json::UInt64 total) {
   struct stat info {};
   if (!IsPlainPath(path) || ::stat(path.c_str(), &info) != 0) return 0;

@@ -14,7 +14,8 @@ using webapi::Necessity;
 using webapi::Parameter;
 using webapi::ParameterType;
 
-// What could not be set apart for a guest that runs, as its callers read it; for all else a sentence.
+// For processors that could not be dedicated to a running guest, the details in the form that callers read; otherwise a
+// sentence.
 Json::Value DetailsOf(const guests::Refusal& refusal) {
   if (refusal.code != guests::kNotPinned) return refusal.reason;
   Json::Value details(Json::objectValue);

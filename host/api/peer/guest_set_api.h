@@ -1,4 +1,4 @@
-// How other hosts change a guest's settings, disks and network interfaces: the method "set" of VEXA.CCC.Guest.
+// The method "set" of VEXA.CCC.Guest, by which other hosts change a guest's settings, disks and network interfaces.
 #pragma once
 
 #include <vector>

@@ -78,7 +78,7 @@ Json::Value Element(const std::string& name, const Interface& found, const Inter
   return element;
 }
 
-// What guests are on is looked for under its name with the switch's prefix. No record of an interface has that name,
+// Callers look up what guests are plugged into by its name with the switch's prefix. No interface record has that name,
 // and the element has no address, so that readers of records or addresses see each interface once.
 void AppendGuestPorts(const Machine& machine, Json::Value& data) {
   std::set<std::string> names;

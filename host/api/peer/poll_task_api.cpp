@@ -1,4 +1,4 @@
-// Polling tasks: what a client asks about until a longer job is done.
+// Polling tasks: clients ask about them until a longer job is done.
 #include <syslog.h>
 
 #include "host/api/peer/rows.h"
@@ -19,7 +19,7 @@ Result<bool> Exists(const store::Store& store, const std::string& key) {
   return value->has_value();
 }
 
-// Deleting what is not there would still wait for the disk.
+// Deleting a missing key would still wait for the disk.
 Status Remove(store::Store& store, const std::string& key) {
   const Result<bool> exists = Exists(store, key);
   if (!exists) return exists.error();

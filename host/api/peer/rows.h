@@ -1,4 +1,4 @@
-// The parts of ServiceRows, and what their handlers share. For host/api/peer only.
+// The parts of ServiceRows, and helpers that their handlers share. For host/api/peer only.
 #pragma once
 
 #include <string_view>
@@ -10,16 +10,16 @@
 
 namespace vexa::services {
 
-// A row for other hosts, version 1; `errors` are its own, beside those that every method can answer.
+// A row for other hosts, version 1; `errors` are its own codes, in addition to the common ones.
 webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::LaneKind lane, webapi::Handler handler,
                        std::string_view summary, std::vector<webapi::Parameter> parameters = {},
                        std::vector<int> errors = {});
 
-// Who asks, of a call by another host. guest_power_api.cpp
+// The requester, in a call by another host. guest_power_api.cpp
 guests::Requester RequesterOf(const webapi::Call& call);
 
-// Nothing is begun with a guest while the cluster database cannot be read: it could not be stored. Not set when it can,
-// and without a store.
+// Nothing is started on a guest while the cluster database cannot be read, because it could not be stored. Empty when
+// it can be read, and without a store.
 guests::Refused RefusedByDatabase(const store::Store* store);  // guest_power_api.cpp
 
 std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts);  // utilization_api.cpp

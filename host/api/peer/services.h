@@ -1,4 +1,5 @@
-// What this host answers to other hosts about itself and the guests it runs. docs/services.md describes each answer.
+// What this host reports to other hosts about itself and the guests that it runs. docs/services.md describes each
+// answer.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@
 
 namespace vexa::services {
 
-// How browsers and clients reach this host; a port is 0 when nothing listens that way.
+// How browsers and clients reach this host; a port is 0 when there is no such listener.
 struct WebPorts {
   int http_port = 0;
   int https_port = 0;
@@ -29,15 +30,15 @@ struct ServiceParts {
   std::shared_ptr<store::Store> store;
   Machine machine{};
   AddressReader addresses = SystemAddresses;
-  std::vector<std::string> volume_roots{"/"};  // folders below which volumes may be asked about
+  std::vector<std::string> volume_roots{"/"};  // folders below which volumes may be queried
   std::function<WebPorts()> web_ports;
-  // Outlives the rows. Null: this host runs no guests, and knows of them what their records tell.
+  // Outlives the rows. Null: this host does not run guests, and knows only what their records say.
   guests::GuestControl* guests = nullptr;
-  // Whether this host can run a guest now: its GuestControl::RateGuest. Without the function it can run none.
+  // Whether this host can run a guest now: its GuestControl::RateGuest. Without this function it cannot run any.
   std::function<Result<guests::Rating>(const std::string& guest_id)> rate_guest;
 };
 
-// The rows, all for hosts only. Their handlers may be called at the same time.
+// The rows, all for hosts only. Their handlers may be called concurrently.
 std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts);
 
 }  // namespace vexa::services

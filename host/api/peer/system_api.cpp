@@ -1,4 +1,4 @@
-// What this host is, and how it is reached.
+// This host's identity and addresses.
 #include "host/api/peer/rows.h"
 #include "host/machine/figures.h"
 
@@ -11,7 +11,7 @@ using webapi::LaneKind;
 void SystemInfo(const Machine& machine, const Call& call) {
   const ProcessorFigures processor = ReadProcessor(machine);
   Json::Value data(Json::objectValue);
-  // Only root may read the serial number; "" says that it is not known.
+  // Only root may read the serial number; "" means unknown.
   data["model"] = machine.ReadLine("/sys/class/dmi/id/product_name");
   data["serial"] = machine.ReadLine("/sys/class/dmi/id/product_serial");
   data["cpu"]["model"] = processor.model;

@@ -24,10 +24,10 @@ bool IsListOfNames(const Json::Value& list) {
          std::ranges::all_of(list, [](const Json::Value& element) { return element.isString(); });
 }
 
-// Which of the resources are asked for.
+// The requested resources.
 class Wanted {
  public:
-  // Not set, and the call has been answered: the parameter is not valid.
+  // Not set: the parameter is not valid, and the call has been answered.
   static std::optional<Wanted> Of(const Call& call) {
     // Intentional: null means everything. The shared layer sends the member whether or not its caller gave one.
     if (call.request->GetParam("resource", Json::Value()).isNull()) return Wanted();
@@ -57,7 +57,7 @@ Json::Value MemoryOf(const MemoryFigures& memory) {
   return value;
 }
 
-// Puts what can be told; a resource whose figures cannot be read is left out, so that no figure is a guess.
+// Adds the known values. A resource that cannot be read is left out instead of guessed.
 void PutMemory(const Machine& machine, Json::Value& data) {
   if (const auto memory = ReadMemory(machine)) data["memory"] = MemoryOf(*memory);
 }
@@ -101,7 +101,7 @@ std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts) {
   const webapi::Parameter resource{
       "resource", webapi::ParameterType::kArray, webapi::Necessity::kOptional,
       "The names of what is wanted; everything without it, or when it is null. Unknown names are ignored."};
-  // The long lane: without a recent reading the processors are watched for 0.2 s.
+  // The long lane: without a recent reading, the call samples the processors for 0.2 s.
   return {
       HostRow("VEXA.Core.System.Utilization", "get", LaneKind::kLong,
               [machine, sampler](const Call& call) { SystemUtilization(machine, *sampler, call); },

@@ -22,7 +22,7 @@ bool IsBelow(std::string_view path, std::string_view folder) {
   return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
-// Absolute, without "..", and nothing that the system would read as another path.
+// Absolute, without "..", and nothing that the system would interpret as another path.
 bool IsVolumePath(const std::string& path) {
   if (path.empty() || path.front() != '/' || path.size() >= PATH_MAX || path.find('\0') != std::string::npos) {
     return false;
@@ -33,7 +33,7 @@ bool IsVolumePath(const std::string& path) {
   return true;
 }
 
-// Without symbolic links: one must not lead out of the roots. Not set: there is no such folder below a root.
+// Without symbolic links, because one must not lead out of the roots. Not set: there is no such folder below a root.
 std::optional<std::string> Resolve(const std::vector<std::string>& roots, const std::string& path) {
   const std::unique_ptr<char, void (*)(void*)> real(::realpath(path.c_str(), nullptr), ::free);
   if (!real) return std::nullopt;
@@ -44,7 +44,7 @@ std::optional<std::string> Resolve(const std::vector<std::string>& roots, const 
   return allowed ? std::optional(resolved) : std::nullopt;
 }
 
-// The kernel writes blanks and backslashes as \040 and the like.
+// The kernel escapes blanks and backslashes as \040 and the like.
 std::string Unescape(std::string_view text) {
   std::string result;
   const auto octal = [&](std::size_t at) { return text[at] >= '0' && text[at] <= '7'; };
@@ -59,8 +59,8 @@ std::string Unescape(std::string_view text) {
   return result;
 }
 
-// The type of the file system mounted where `path` lies: the mount point that leads deepest, of several the last one
-// mounted. "" when it is not told.
+// The type of the file system that contains `path`: that of the deepest mount point, or the last one mounted there. ""
+// when unknown.
 std::string FileSystemOf(const Machine& machine, const std::string& path) {
   std::string type;
   std::size_t deepest = 0;
@@ -103,7 +103,7 @@ void VolumeGet(const Machine& machine, const std::vector<std::string>& roots, co
 }  // namespace
 
 std::vector<webapi::ApiRow> VolumeRows(const ServiceParts& parts) {
-  // The long lane: a file system that has lost its server does not answer.
+  // The long lane: a file system that has lost its server does not respond.
   return {HostRow(
       "VEXA.Core.Storage.Volume", "get", LaneKind::kLong,
       [machine = parts.machine, roots = parts.volume_roots](const Call& call) { VolumeGet(machine, roots, call); },

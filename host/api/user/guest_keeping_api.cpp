@@ -24,7 +24,7 @@ constexpr int kUserBusy = 912;
 constexpr int kUserFailed = 901;
 constexpr int kTimeoutS = 3600;
 
-// What a user is answered for the code of the guest's host; any other is 901.
+// What a user gets for a code of the guest's host; any other code becomes 901.
 struct CodeRow {
   int of_host;
   int of_user;

@@ -1,4 +1,4 @@
-// Methods for users about what libvirt keeps of guests: saved memory, and definitions.
+// Methods for users about what libvirt stores for guests: saved memory, and definitions.
 #pragma once
 
 #include <vector>

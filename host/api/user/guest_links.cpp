@@ -27,8 +27,8 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
 
-// Not answering says nothing about links: what was known of the guests of these hosts stays, and what was not known
-// stays unknown.
+// A host that does not answer says nothing about links: what was known about its guests is kept, and the rest stays
+// unknown.
 void KeepGuestsOf(const std::set<std::string>& hosts, const GuestLinks* before, GuestLinks& links) {
   for (auto guest = links.connected.begin(); guest != links.connected.end();) {
     std::string host_id;
@@ -69,7 +69,7 @@ std::optional<GuestLinks> FindSafely(const LinkWatcherOptions& options, const Gu
   }
 }
 
-// Whether the value under `key` was written after `revision`, or that cannot be read.
+// Whether the value under `key` was written after `revision`, or cannot be read.
 bool HasChangedSince(const std::string& key, store::Revision revision) {
   const Result<store::Revision> found = cluster::RevisionOf(key);
   return !found || *found > revision;
@@ -110,7 +110,7 @@ std::shared_ptr<const GuestLinks> LinkWatcher::Get(std::chrono::milliseconds lon
   wanted_until_ = now + options_.idle_after;
   if (!thread_.joinable() && !is_stopped_) StartThread();
   wake_.notify_one();
-  // Without a question under way, or due, there is nothing to wait for: the last one failed a moment ago.
+  // Without a query in progress, or one that is due, there is nothing to wait for: the last one has just failed.
   if (IsNewEnough(now) || is_stopped_ || !thread_.joinable() || (!is_asking_ && next_ > now)) return known_;
   const Clock::time_point begun = is_asking_ ? begun_ : now;
   changed_.wait_until(lock, begun + longest_wait,
@@ -145,7 +145,7 @@ void LinkWatcher::Stop() {
   if (thread.joinable()) thread.join();
 }
 
-// Signals are left to the threads that expect them.
+// Signals are left to the threads that handle them.
 void LinkWatcher::StartThread() {
   sigset_t all;
   sigset_t before;

@@ -1,8 +1,7 @@
-// The links of all guests, found out in the background while anybody lists guests or asks how they are.
+// The links of all guests, queried in the background while someone lists guests or asks for their status.
 //
-// Finding them out asks every host, and one that hangs takes seconds to give up. So no list waits for that: it takes
-// what was found out last, which is a few seconds old, and waits for a moment only when there is nothing as new as
-// that.
+// A query asks every host, and giving up on one that hangs takes seconds. So lists do not wait for it: they use the
+// last result, which is a few seconds old, and wait briefly only when there is no result that is new enough.
 #pragma once
 
 #include <json/value.h>
@@ -33,46 +32,46 @@ struct GuestLinks {
   // Bits of linked interfaces by guest id. Guests about which nothing is known are left out.
   std::map<std::string, int> connected;
   Origin origin;
-  // Guests whose host did not answer this time: what is known of them is from before.
+  // Guests whose host did not answer this time: their data is older.
   std::map<std::string, Origin> older;
 
   const Origin& OriginOf(const std::string& guest_id) const;
 };
 
-// What the links say about a guest: its bits, or nothing when they are not known, or it has no interfaces. That a guest
-// has no link is not known when its state or one of its interfaces has changed since the hosts were asked. `guest` is
-// the guest's record. Reads the store as the calling thread's request does.
+// What the links say about a guest: its bits, or nothing when they are unknown, or it has no interfaces. That a guest
+// has no link counts as unknown when its state or one of its interfaces has changed since the hosts were asked. `guest`
+// is the guest's record. Reads the store as the calling thread's request does.
 std::optional<int> KnownLinks(const GuestLinks& links, const std::string& guest_id, const Json::Value& guest);
 
 struct LinkWatcherOptions {
-  std::chrono::milliseconds interval{4'000};     // from one question to the next
-  std::chrono::milliseconds idle_after{60'000};  // without readers nobody is asked
-  std::chrono::milliseconds max_age{10'000};     // older links are waited for
-  std::chrono::milliseconds longest_wait{700};   // of a reader, from the begin of the question on
-  // Finds the links out; `before` is what was found out last, and may be null. Not set: it failed. Runs on the
-  // watcher's thread. By default it asks the hosts.
+  std::chrono::milliseconds interval{4'000};     // between two queries
+  std::chrono::milliseconds idle_after{60'000};  // without readers no queries are made
+  std::chrono::milliseconds max_age{10'000};     // readers wait for a new query if the links are older
+  std::chrono::milliseconds longest_wait{700};   // for a reader, counted from the start of the query
+  // Makes a query; `before` is the last result, and may be null. Not set: it failed. Runs on the watcher's thread. By
+  // default it asks the hosts.
   std::function<std::optional<GuestLinks>(const GuestLinks* before)> find;
 };
 
-// Threads: any, at the same time. Has one of its own from the first Get() on, which uses the installed environment and
-// transport: stop it before they are removed.
+// Threads: any, at the same time. It has a thread of its own from the first Get() on, which uses the installed
+// environment and transport: stop it before they are removed.
 class LinkWatcher {
  public:
   explicit LinkWatcher(LinkWatcherOptions options = {});
-  // As Stop without a deadline.
+  // Same as Stop without a deadline.
   ~LinkWatcher();
   LinkWatcher(const LinkWatcher&) = delete;
   LinkWatcher& operator=(const LinkWatcher&) = delete;
 
-  // What is known; never null, and empty when nothing is. Waits for links that are new enough, but for no longer than
-  // `longest_wait` since the question under way began.
+  // What is known; never null, but empty when nothing is known. Waits for links that are new enough, but no longer than
+  // `longest_wait` since the current query began.
   std::shared_ptr<const GuestLinks> Get();
-  // The same, with another limit: for readers that nobody waits for.
+  // The same with another limit, for background readers.
   std::shared_ptr<const GuestLinks> Get(std::chrono::milliseconds longest_wait);
 
-  // No further question begins, and nobody waits any more. Does not wait.
+  // No other query begins, and waiting readers return. Does not wait.
   void BeginStop();
-  // The same, and waits for the question under way. False: it still runs after `deadline`.
+  // The same, and waits for the current query. False: it still runs after `deadline`.
   bool Stop(std::chrono::milliseconds deadline);
   void Stop();
 
@@ -85,14 +84,14 @@ class LinkWatcher {
 
   const LinkWatcherOptions options_;
   std::mutex mutex_;
-  std::condition_variable wake_;             // of the thread
-  std::condition_variable changed_;          // of readers
-  std::shared_ptr<const GuestLinks> known_;  // under mutex_, as all below
+  std::condition_variable wake_;             // for the thread
+  std::condition_variable changed_;          // for readers
+  std::shared_ptr<const GuestLinks> known_;  // under mutex_, like everything below
   Clock::time_point wanted_until_;
-  Clock::time_point next_;   // question
-  Clock::time_point begun_;  // the question under way, or the last one
+  Clock::time_point next_;   // query
+  Clock::time_point begun_;  // the current query, or the last one
   bool is_asking_ = false;
-  bool is_found_ = false;  // `known_` was found out
+  bool is_found_ = false;  // `known_` has a result
   bool is_stopped_ = false;
   unsigned questions_ = 0;  // that have ended
   std::thread thread_;

@@ -1,4 +1,4 @@
-// What a guest's status says beside its state: its disks, and why it is off.
+// What a guest's status contains beside its state: its disks, and why it is off.
 #pragma once
 
 #include <json/value.h>
@@ -8,7 +8,7 @@
 namespace vexa::services {
 
 // An entry for each disk that the guest's record lists, in its order: {"vdisk_id", "name" ("" without one), "status",
-// "status_type"}, the last two as users see them. What cannot be read of a disk counts as missing.
+// "status_type"}, the last two as users see them. Unreadable parts of a disk count as missing.
 Json::Value DiskStatesOf(const Json::Value& guest);
 
 // {"reason": a word of ShutdownWord(), "forced"}; null for a guest that is not off, or when the reason is not stored.

@@ -27,7 +27,7 @@ using webapi::Call;
 
 constexpr int kNotPermitted = 409;
 
-// The guests that the caller may see; not set: all. False: that cannot be told.
+// The guests that the caller may see; not set: all. False: unknown.
 bool FindPermitted(const Call& call, std::optional<std::set<std::string>>& permitted) {
   if (call.request->IsAdmin()) return true;
   permitted.emplace();

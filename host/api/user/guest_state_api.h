@@ -1,4 +1,4 @@
-// VEXA.Virtualization.Guest: how guests are, for users.
+// VEXA.Virtualization.Guest: the status of guests, for users.
 #pragma once
 
 #include <vector>
@@ -8,8 +8,8 @@
 
 namespace vexa::services {
 
-// "list" and "status": the records as they are, and links that are a few seconds old. Neither waits for a host for more
-// than a moment. `states` outlives the rows.
+// "list" and "status": the current records, and links that are a few seconds old. Neither waits for a host for more
+// than a moment. `states` must outlive the rows.
 std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states);
 
 }  // namespace vexa::services

@@ -20,7 +20,7 @@ using Links = ShownGuest::Links;
 constexpr std::string_view kWatched = "/dash";
 constexpr std::string_view kSeen = "seen";
 
-// As the states' derivation decides it. What is derived then depends on other things.
+// As the derivation of states decides it. The derived values then depend on other things.
 bool IsFrozen() { return !VexaVirtualization::IsDashboardReady() || CCCIsIncompatibleUpgrading() == 1; }
 
 // The segments of "/dash/<category>/<id>/<key>", the id decoded.
@@ -62,14 +62,14 @@ void ShowAge(const ShownGuest& guest, const GuestListing& listing, Json::Value& 
 }
 
 Result<GuestListing> GuestStates::ListWith(std::shared_ptr<const GuestLinks> links) {
-  // What is read from here on is newer than every change that was committed before the call.
+  // Reads from here on are newer than every change that was committed before the call.
   cluster::RequestScope::ReleaseSnapshot();
   const std::lock_guard lock(mutex_);
   Changes changes;
   if (Status collected = Collect(changes); !collected) return collected.error();
   cluster::RequestScope::ReleaseSnapshot();
   const bool was_frozen = std::exchange(is_frozen_, IsFrozen());
-  // While it is frozen, what a host sees of its own guests is not in the store, so no change shows it.
+  // While it is frozen, a host's observations of its own guests are not in the store, so no change shows them.
   if (was_frozen || is_frozen_) changes.is_everything = true;
   if (Status listed = ListIds(changes); !listed) return listed.error();
   if (Status compared = CompareLives(changes); !compared) return compared.error();
@@ -98,7 +98,7 @@ Status GuestStates::BeginAgain(Changes& changes) {
   return {};
 }
 
-// Until there is nothing newer. What was collected counts as in although a later step may fail: then everything is
+// Until there is nothing newer. Collected changes count as applied even if a later step fails: then everything is
 // derived the next time.
 Status GuestStates::Collect(Changes& changes) {
   const cluster::Environment* const environment = cluster::CurrentEnvironment();
@@ -107,7 +107,7 @@ Status GuestStates::Collect(Changes& changes) {
   if (!revision) return BeginAgain(changes);
   while (true) {
     const auto batch = environment->store->Watch(kWatched, *revision, std::chrono::milliseconds(0));
-    // The log of changes is lost with the database, while its copy can be read.
+    // While the database is lost, its copy can be read, but the change log is lost.
     if (!batch) return BeginAgain(changes);
     revision = batch->revision;
     changes.is_everything = changes.is_everything || batch->lost;
@@ -127,14 +127,15 @@ void GuestStates::Note(const store::Change& change, Changes& changes) const {
   } else if (key->category == DashCate::Repository.name()) {
     changes.repositories.insert(key->id);
   } else if (key->category == DashCate::Host.name()) {
-    // Signs of life come every few seconds, and are compared by what they mean.
+    // Signs of life come every few seconds, and are compared by their meaning.
     if (key->key != kSeen) changes.hosts.insert(key->id);
   } else if (key->category == DashCate::vNic.name()) {
     changes.are_nics_changed = true;
   }
 }
 
-// The ids in their order; guests that are new to the table are derived, and those that have gone leave it.
+// Reads the ids in their order; guests that are new to the table are derived, and those that no longer exist are
+// removed.
 Status GuestStates::ListIds(Changes& changes) {
   if (!changes.is_everything && !changes.is_list_changed) return {};
   changes.is_list_changed = true;
@@ -172,7 +173,8 @@ void GuestStates::CompareLinks(const std::shared_ptr<const GuestLinks>& links, C
     if (guest->links == Links::kNoMatter) continue;
     const auto found = links->connected.find(id);
     const bool is_known = found != links->connected.end();
-    // What is known of a guest stays known, except that links are gone: a change of its interfaces makes that unknown.
+    // What is known about a guest stays known, with one exception: after a change of its interfaces, missing links
+    // become unknown.
     const bool is_same = is_known
                              ? (found->second != 0 ? guest->links == Links::kConnected
                                                    : guest->links == Links::kDisconnected && !changes.are_nics_changed)
@@ -191,7 +193,7 @@ void GuestStates::AddDependents(Changes& changes) const {
   }
 }
 
-// True: a guest is shown otherwise than before.
+// True: a guest is shown differently than before.
 bool GuestStates::DeriveAll(const Changes& changes) {
   bool is_changed = false;
   for (const std::string& id : changes.guests) {
@@ -205,8 +207,8 @@ bool GuestStates::DeriveAll(const Changes& changes) {
   return is_changed;
 }
 
-// A host may come or go between the comparison and the derivation, and a guest may name a host that no other named:
-// their guests are derived once more the next time, if its life is not what they were compared with.
+// A host may come or go between the comparison and the derivation, and a guest may be the first to name a host: such
+// guests are derived once more the next time if the host's life differs from the one compared.
 Status GuestStates::NoteLivesAfter(const Changes& changes) {
   const auto note = [this](const std::string& host_id) -> Status {
     if (host_id.empty()) return {};

@@ -1,8 +1,8 @@
-// How every guest is shown, kept in step with the store.
+// What is shown for every guest, kept in step with the store.
 //
-// Deriving a state reads the records of the guest, its repository and its host. A list derives only the states of which
-// something has changed since the list before: the store's log of changes names the records, and the hosts' signs of
-// life and the guests' links are compared. So a list is as new as the store, and an unchanged one derives nothing.
+// Deriving a state reads the records of the guest, its repository and its host. A list derives only the states whose
+// inputs have changed since the previous list: the store's change log names the records, and the hosts' signs of life
+// and the guests' links are compared. So a list is as new as the store, and an unchanged one derives nothing.
 #pragma once
 
 #include <json/value.h>
@@ -26,13 +26,13 @@
 
 namespace vexa::services {
 
-// All guests in the platform's order, as they were at one moment, and what they were judged by.
+// All guests in the platform's order, at one moment, and the data that they were judged by.
 struct GuestListing {
   using Guests = std::vector<std::shared_ptr<const ShownGuest>>;
   std::shared_ptr<const Guests> guests;
   std::map<std::string, cluster::HostLife> lives;  // of the hosts that the guests and their repositories name
   std::shared_ptr<const GuestLinks> links;
-  std::uint64_t version = 0;  // another one when a guest is shown otherwise, has come or gone
+  std::uint64_t version = 0;  // changes when a guest is shown differently, appears or disappears
 };
 
 // ShowAge (shown_guest.h) with the lives of the listing.
@@ -45,10 +45,10 @@ class GuestStates {
 
   LinkWatcher& links() { return links_; }
 
-  // The guests as they are now: every change that was committed before the call is in it. Waits for links as
-  // LinkWatcher::Get() does, and gives the calling thread's snapshot back. Errors: what the store says.
+  // The guests as they are now, including every change that was committed before the call. Waits for links as
+  // LinkWatcher::Get() does, and releases the calling thread's snapshot. Errors: those of the store.
   Result<GuestListing> List() { return ListWith(links_.Get()); }
-  // The same with links that were waited for in another way.
+  // The same with links that were obtained in another way.
   Result<GuestListing> ListWith(std::shared_ptr<const GuestLinks> links);
 
  private:
@@ -67,12 +67,13 @@ class GuestStates {
   LinkWatcher links_;
   std::mutex mutex_;
   // Under mutex_:
-  std::optional<store::Revision> revision_;  // of the changes that are in; not set: everything is to be derived
-  store::Revision pending_ = 0;              // of those that are being put in
+  std::optional<store::Revision> revision_;  // of the applied changes; not set: everything has to be derived
+  store::Revision pending_ = 0;              // of the changes being applied
   std::map<std::string, std::shared_ptr<const ShownGuest>> by_id_;
   std::vector<std::string> order_;
   std::map<std::string, cluster::HostLife> lives_;
-  std::set<std::string> unsettled_;  // hosts whose life changed while guests were derived: these are derived again
+  std::set<std::string> unsettled_;  // hosts whose life changed while guests were derived: their guests are derived
+                                     // again
   std::shared_ptr<const GuestLinks> judged_by_;
   std::shared_ptr<const GuestListing::Guests> listed_;
   bool is_frozen_ = false;

@@ -28,7 +28,7 @@ Json::Value UtilizationParameters() {
   return parameters;
 }
 
-// What its record says, which is known also when the host does not answer.
+// The contents of its record, which are known even when the host does not answer.
 Json::Value FromRecord(const std::string& host_id, const Json::Value& record) {
   Json::Value host(Json::objectValue);
   host["host_id"] = host_id;
@@ -49,7 +49,7 @@ void AskHost(const std::string& host_id, Json::Value& host) {
     host["utilization"] = std::move(answer);
   }
   answer = Json::Value(Json::objectValue);
-  // A part of the answer stands also when another host's record cannot be read.
+  // A partial answer is valid even when another host's record cannot be read.
   (void)VexaVirtualization::GetHostResourceInfo(true, answer);
   if (const Json::Value* resources = json::FindMember(answer, host_id)) host["resources"] = *resources;
   answer = Json::Value(Json::arrayValue);

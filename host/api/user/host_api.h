@@ -1,5 +1,4 @@
-// VEXA.Virtualization.Host "get" and VEXA.Virtualization.Guest "info": what the cluster's hosts tell when they are
-// asked.
+// VEXA.Virtualization.Host "get" and VEXA.Virtualization.Guest "info": what the cluster's hosts report when asked.
 #pragma once
 
 #include <vector>

@@ -29,7 +29,7 @@ std::string VersionWord(const std::string& state) {
   return shown.state;
 }
 
-// What is shown for the host: a running one whose version is not the others' is shown by its version.
+// What is shown for the host: a running host whose version differs from the others' is shown by its version.
 void PutShown(const std::string& state, const std::string& version_state, Json::Value& host) {
   const bool is_by_version =
       VexaVirtualization::GetHostStateCate(state, version_state) == VexaVirtualization::STATE_CATE_VERSION;
@@ -42,7 +42,7 @@ void PutShown(const std::string& state, const std::string& version_state, Json::
   host["status_type"] = shown.type;
 }
 
-// A host whose record cannot be read is listed all the same, without a name: that it is there is worth knowing.
+// A host whose record cannot be read is still listed, without a name: its existence is worth knowing.
 Json::Value Describe(const std::string& id, const std::string& version_state) {
   Json::Value record;
   const bool readable = Dashboard(DashCate::Host, id).Get(record, keys::object) == 0;
@@ -62,7 +62,7 @@ void List(const Call& call) {
   if (DashCate::Host.List(ids) != 0) return Fail(call, kErrorUnreadable);
   std::map<std::string, std::string> versions;
   std::map<std::string, std::string> reachable;
-  // Without them the hosts are listed with versions that are not known.
+  // Without them the hosts are listed with unknown versions.
   (void)VexaCCC::CCCVersionStateGetAllHosts(versions, reachable);
   Json::Value data(Json::objectValue);
   data["hosts"] = Json::Value(Json::arrayValue);

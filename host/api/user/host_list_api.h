@@ -10,7 +10,8 @@ namespace vexa::services {
 // "list".
 std::vector<webapi::ApiRow> HostListRows();
 
-// The word for a host's stored state: "running", "inaccessible", "network_warn", "control_unavail"; else "unknown".
+// The word for a host's stored state: "running", "inaccessible", "network_warn", "control_unavail"; otherwise
+// "unknown".
 std::string_view HostStateWord(std::string_view state);
 
 }  // namespace vexa::services

@@ -22,14 +22,14 @@ using cluster::LogEntry;
 using webapi::Call;
 
 constexpr int kNotPermitted = 409;
-constexpr int kUsualPage = 100;
+constexpr int kDefaultPage = 100;
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
 // "2026-03-01T12:00:00.000000Z" (RFC 3339).
 std::string TimeText(std::int64_t time_us) {
   const std::time_t seconds = time_us / kMicroseconds;
   std::tm utc{};
-  if (::gmtime_r(&seconds, &utc) == nullptr) return "";  // a year that is none
+  if (::gmtime_r(&seconds, &utc) == nullptr) return "";  // an impossible year
   char text[64];
   const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
   std::snprintf(text + length, sizeof text - length, ".%06dZ", static_cast<int>(time_us % kMicroseconds));
@@ -62,12 +62,12 @@ Json::Value Describe(const LogEntry& entry, HostNames& names) {
   return data;
 }
 
-// A time does not fit the integers of GetAndCheckInt. Not set: absent or wrong; `is_wrong` tells.
+// A time does not fit the integers of GetAndCheckInt. Not set: absent or invalid, as `is_wrong` says.
 std::optional<std::int64_t> TimeOf(const Call& call, const char* name, bool& is_wrong) {
   is_wrong = false;
   if (!call.request->HasParam(name)) return std::nullopt;
   const Json::Value value = call.request->GetParam(name, Json::Value());
-  // A double without a fraction counts as an integer for jsoncpp.
+  // jsoncpp treats a double without a fraction as an integer.
   const bool is_integer = value.type() == Json::intValue || value.type() == Json::uintValue;
   is_wrong = !is_integer || !value.isInt64() || json::Int64(value) < 0;
   return is_wrong ? std::nullopt : std::optional(json::Int64(value));
@@ -96,7 +96,7 @@ void List(const Call& call) {
   if (cursor.IsInvalid() || limit.IsInvalid() || after_is_wrong || (after && cursor.IsSet())) {
     return Fail(call, webapi::kErrorBadParameter);
   }
-  const auto count = static_cast<std::size_t>(limit.IsSet() ? limit.Get() : kUsualPage);
+  const auto count = static_cast<std::size_t>(limit.IsSet() ? limit.Get() : kDefaultPage);
   if (after) {
     const auto entries = cluster::ReadLogAfter(*after, count);
     return entries ? Answer(call, *entries, "") : Fail(call, CodeOf(entries.error()));

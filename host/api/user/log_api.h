@@ -7,7 +7,7 @@
 
 namespace vexa::services {
 
-// "list": for administrators and advanced users, as the log names all guests.
+// "list": for administrators and advanced users, because the log names all guests.
 std::vector<webapi::ApiRow> LogRows();
 
 }  // namespace vexa::services

@@ -19,7 +19,7 @@ webapi::Parameter Flag(std::string_view name, std::string_view description) {
   return {name, webapi::ParameterType::kBoolean, webapi::Necessity::kOptional, description};
 }
 
-// Not given: false. Not set: it is not a boolean, which has been answered.
+// Missing: false. Not set: it is not a boolean, and the call has been answered.
 std::optional<bool> ReadFlag(const Call& call, const char* name) {
   const auto flag = call.request->GetAndCheckBool(name, kOptional);
   if (!flag.IsInvalid()) return flag.IsSet() && flag.Get();

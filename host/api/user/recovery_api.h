@@ -1,5 +1,5 @@
-// VEXA.Virtualization.Guest "recover" and VEXA.Virtualization.Host "forget": what administrators do about a host that
-// is gone.
+// VEXA.Virtualization.Guest "recover" and VEXA.Virtualization.Host "forget": what administrators can do about a host
+// that is gone.
 #pragma once
 
 #include <memory>

@@ -28,7 +28,7 @@ std::string SessionCookie(std::string_view token, const webapi::Caller& caller, 
   return cookie;
 }
 
-// A wrong name and a wrong password are answered alike, and logged with the name but never the password.
+// A wrong name and a wrong password get the same answer, and are logged with the name but never the password.
 void Login(const SessionServices& services, const Call& call) {
   const auto user = call.request->GetAndCheckString(
       "user", kRequired, [](const std::string& name) { return base::IsValidAccountName(name); });
@@ -36,7 +36,7 @@ void Login(const SessionServices& services, const Call& call) {
       "password", kRequired, [](const std::string& text) { return !text.empty() && text.size() <= kMaxPassword; });
   const auto as_cookie = call.request->GetAndCheckBool("cookie", kOptional);
   if (user.IsInvalid() || password.IsInvalid() || as_cookie.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  // One name in many spellings is one name to the accounts, and must not be many to the limiter.
+  // The accounts treat different spellings of a name as one, and so must the limiter.
   const std::string limited_name = base::FoldedName(user.Get());
   const std::chrono::milliseconds wait = services.limiter->Begin(call.caller.peer, limited_name);
   if (wait.count() > 0) {

@@ -1,4 +1,4 @@
-// VEXA.Core.Session: log in, log out, and who the caller is.
+// VEXA.Core.Session: log in, log out, and identify the caller.
 #pragma once
 
 #include <memory>

@@ -74,7 +74,7 @@ std::vector<std::string> Deletion::Begun() const {
   return begun;
 }
 
-// It is asked for again and again, so the same is not logged each time.
+// Called repeatedly, so the same problem is not logged each time.
 void Deletion::RemoveLeftovers() {
   std::map<std::string, std::string> in_the_way = guests::RemoveLeftovers(options_);
   const std::lock_guard lock(told_mutex_);

@@ -1,4 +1,4 @@
-// The first half of a deletion: what goes with the guest is found out, and it is written down that it goes.
+// The first half of a deletion: determines what is deleted with the guest, and records the intent.
 #include <algorithm>
 #include <set>
 #include <utility>
@@ -13,10 +13,10 @@ namespace vexa::guests {
 namespace {
 
 constexpr std::size_t kStoredName = 256;
-// How often what is planned is looked into while the guest's disks change.
+// How often the plan's needs are looked up while the guest's disks change.
 constexpr int kLooks = 16;
 
-// Errors that say something about the guest's record rather than about the store.
+// Errors about the guest's record, as opposed to the store.
 bool IsAboutRecord(const Error& error) {
   return error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt ||
          error.code() == ErrorCode::kInvalid;
@@ -28,10 +28,10 @@ bool IsAmong(const std::vector<HiddenFile>& files, const std::string& path) {
 
 }  // namespace
 
-// Between commits, what the plan needs to know of files and hypervisor is found out: both take time that no commit
-// waits for.
+// What the plan needs to know about files and the hypervisor is looked up between commits: both take time, and a commit
+// must not wait for that.
 DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
-  // What was found out before may have been undone.
+  // The results of an earlier attempt may have been undone.
   plan_.reset();
   is_gone_ = false;
   for (int look = 0; look < kLooks; ++look) {
@@ -61,7 +61,7 @@ DeletionJob::Outcome DeletionJob::TakeBegun() {
   return Outcome::kReady;
 }
 
-// Nothing to commit when it is refused, or when the files of what is planned were not looked at yet (`unseen`).
+// Nothing to commit when it is refused, or when the files of the plan have not been examined yet (`unseen`).
 Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Refused& refused,
                                                   std::optional<DeletionPlan>& unseen) {
   refused.reset();
@@ -103,7 +103,7 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
   return transaction;
 }
 
-// One look for all that is usually not there: the longer it takes, the more often others change the guest meanwhile.
+// One read for everything that is usually absent: the longer it takes, the more often the guest changes meanwhile.
 Result<Refused> DeletionJob::RefuseTaken() {
   run_revision_ = 0;
   {
@@ -118,7 +118,7 @@ Result<Refused> DeletionJob::RefuseTaken() {
   const auto run = ReadRun(*options_.store, guest_id_);
   if (!run) return run.error();
   if (!*run) return Refused();
-  // Saved memory goes with the guest; its host removes it.
+  // Saved memory is deleted with the guest; its host removes it.
   if ((*run)->run.saved) {
     run_revision_ = (*run)->revision;
     return Refused();
@@ -133,7 +133,7 @@ bool DeletionJob::IsSeen(const DeletionPlan& plan) const {
          plan_->repository_host_id == plan.repository_host_id;
 }
 
-// Whether it may go on, and which files there are.
+// Whether it may continue, and which files exist.
 Refused DeletionJob::LookInto(DeletionPlan plan) {
   cluster::RequestScope::ReleaseSnapshot();
   if (Refused active = RefuseActive()) return active;
@@ -145,7 +145,7 @@ Refused DeletionJob::LookInto(DeletionPlan plan) {
   }
   const Status selected = SelectFor(std::move(plan));
   if (!selected) return FailedBecause(selected.error());
-  // What was missing may have gone with its storage in between.
+  // Missing files may have disappeared with their storage in between.
   if (Refused storage = RefuseStorage()) return storage;
   return RefuseAlive();
 }
@@ -169,7 +169,7 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
   return {};
 }
 
-// Finds out what is left to do of a deletion that was begun.
+// Determines what is left to do of a deletion that was started earlier.
 DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   record_ = *begun.record;
   revision_ = begun.revision;
@@ -188,7 +188,7 @@ DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   }
   const Status selected = SelectFor(std::move(**plan));
   if (!selected) return Undo(FailedBecause(selected.error()), Outcome::kRefused);
-  // Those that are hidden are missing in their places.
+  // Hidden files are missing from their original paths.
   std::erase_if(selection_.notes, [](const std::string& note) { return note.starts_with("there is no file"); });
   if (!is_gone_ && !FitsRecord()) return Undo({kBusy, "The guest's record was changed"}, Outcome::kChanged);
   for (HiddenFile& file : selection_.files) {
@@ -197,7 +197,7 @@ DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   return Outcome::kReady;
 }
 
-// Whether what was written down is what the guest's record names now.
+// Whether the guest's record still names the recorded files.
 bool DeletionJob::FitsRecord() const {
   std::set<std::string> named;
   for (const NamedFile& file : plan_->files) {

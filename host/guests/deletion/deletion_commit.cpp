@@ -1,4 +1,4 @@
-// The point of no return of a deletion: the commit that deletes the guest's records, and what is asked before it.
+// The point of no return of a deletion: the commit that deletes the guest's records, and the checks before it.
 #include <map>
 #include <set>
 #include <utility>
@@ -15,12 +15,12 @@
 namespace vexa::guests {
 namespace {
 
-// How often it is searched who else names the files, while other records come to name files.
+// How often the search for other users of the files is repeated while records come to name files.
 constexpr int kSearches = 8;
 
 }  // namespace
 
-// The point of no return, or back to where it began.
+// Passes the point of no return, or returns to the beginning.
 DeletionJob::Outcome DeletionJob::CommitRecords() {
   for (int search = 0; search < kSearches; ++search) {
     const Outcome outcome = CommitOnce();
@@ -32,7 +32,7 @@ DeletionJob::Outcome DeletionJob::CommitRecords() {
 
 DeletionJob::Outcome DeletionJob::CommitOnce() {
   if (const Refused alive = RefuseAlive()) return Undo(*alive, Outcome::kRefused);
-  // What was not found to be hidden may be there, on storage that has gone meanwhile.
+  // Files that could not be found for hiding may exist on storage that has disappeared meanwhile.
   if (const Refused storage = RefuseStorage()) return Undo(*storage, Outcome::kRefused);
   const Result<bool> wanted = AreFilesNamedByOthers();
   if (!wanted) return SettleFailedCommit(wanted.error());
@@ -49,8 +49,8 @@ DeletionJob::Outcome DeletionJob::CommitOnce() {
   return Outcome::kDeleted;
 }
 
-// Whether a record that came since the files were selected names one of them. Asked before the commit, which is to be
-// quick and compares that no other record has come since.
+// Whether a record added since the files were selected names one of them. Checked before the commit, which must be
+// quick and compares that no other record has been added since.
 Result<bool> DeletionJob::AreFilesNamedByOthers() {
   if (record_.files.empty()) return false;
   const Result<store::Revision> revision = FilesRevision(*options_.store);
@@ -77,7 +77,7 @@ FileQuestion DeletionJob::Question() const {
 }
 
 // `instead`: kChanged when the guest's record now names other files, kOutdated when another record has come to name
-// files, kRefused when the deletion is not ours any more.
+// files, kRefused when the deletion no longer belongs to this job.
 Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& instead) {
   instead.reset();
   store::Transaction transaction;
@@ -88,7 +88,7 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
     if (!now) return now.error();
     Result<DeletionPlan> plan = PlanAgain(**snapshot);
     if (!plan) return plan.error();
-    // One that comes back under the id of a guest that had gone is another guest.
+    // A guest that reappears under the id of a deleted one is another guest.
     const bool is_same = is_gone_
                              ? plan->compares.front().revision == 0
                              : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
@@ -150,7 +150,7 @@ Result<bool> DeletionJob::AddRun(const store::Snapshot& snapshot, store::Transac
   return true;
 }
 
-// Grants that stayed would be those of the next guest with this id.
+// Remaining grants would apply to the next guest with this id.
 Status DeletionJob::RemoveGrants(const store::Snapshot& snapshot, store::Transaction& transaction) {
   std::vector<Error> damage;
   const Status added = cluster::AddGrantRemovals(snapshot, guest_id_, transaction, damage);
@@ -158,7 +158,7 @@ Status DeletionJob::RemoveGrants(const store::Snapshot& snapshot, store::Transac
   return added;
 }
 
-// Of a guest whose records somebody else has deleted meanwhile, the files go all the same.
+// If the guest's records have been deleted meanwhile, its files are deleted all the same.
 Result<DeletionPlan> DeletionJob::PlanAgain(const store::Snapshot& snapshot) const {
   Result<DeletionPlan> plan = PlanDeletion(snapshot, guest_id_);
   if (plan || plan.error().code() != ErrorCode::kNotFound) return plan;
@@ -169,7 +169,7 @@ Result<DeletionPlan> DeletionJob::PlanAgain(const store::Snapshot& snapshot) con
   return plan;
 }
 
-// The files of a repository of another host are left for that host.
+// Files in another host's repository are left to that host.
 Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction) {
   if (!IsRemote() || plan_->files.empty()) return {};
   const std::string& host_id = plan_->repository_host_id;

@@ -17,7 +17,7 @@
 namespace vexa::guests {
 namespace {
 
-// How often a deletion begins again because the guest's disks were changed under it.
+// How often a deletion starts again because the guest's disks changed during it.
 constexpr int kTurns = 8;
 constexpr std::size_t kMaxNotes = 256;
 constexpr std::size_t kShownNote = 1024;
@@ -31,7 +31,7 @@ DeletionJob::DeletionJob(const DeletionOptions& options, std::string guest_id)
     : options_(options), guest_id_(std::move(guest_id)), disk_files_(options.image_roots, options.file_calls) {}
 
 Refused DeletionJob::Start(const Requester& requester) {
-  // Files can take long.
+  // Work on files can take long.
   cluster::RequestScope::ReleaseSnapshot();
   for (int turn = 0; turn < kTurns; ++turn) {
     if (Begin(requester) == Outcome::kRefused) return refusal_;
@@ -58,8 +58,8 @@ Refused DeletionJob::Resume(const StoredDeletion& begun) {
   return Start({begun.record->user, begun.record->host_id, begun.record->request_id});
 }
 
-// What was begun before and cannot be decided now waits: its files are hidden already, and undoing it would bring back
-// a guest that somebody wanted to be gone.
+// A resumed deletion that cannot be decided now waits: its files are already hidden, and undoing it would bring back a
+// guest that a user wanted to delete.
 DeletionJob::Outcome DeletionJob::GoOn(Begun begun) {
   if (Refused active = RefuseActive()) {
     if (begun == Begun::kBefore && active->code == kUnavailable) return Refuse(std::move(*active));
@@ -77,7 +77,7 @@ Refused DeletionJob::RefuseActive() const {
 Refused DeletionJob::RefuseStorage() const {
   if (!options_.storage) return std::nullopt;
   if (plan_ && !IsRemote()) {
-    // Also of files that were not there when they were looked for.
+    // Includes files that did not exist when they were searched for.
     std::vector<std::string> paths;
     for (const NamedFile& file : plan_->files) paths.push_back(file.path);
     if (Refused storage = options_.storage->Refuse(plan_->repository_id, paths, StorageUse::kExisting)) return storage;
@@ -85,7 +85,7 @@ Refused DeletionJob::RefuseStorage() const {
   return options_.storage->RefuseTrail(record_.repository_id, record_.storage, StorageUse::kExisting);
 }
 
-// The files are that host's to remove, and it may be deciding about the guest at this moment.
+// That host has to remove the files, and it may be deciding about the guest at this moment.
 Refused DeletionJob::RefuseAlive() const {
   if (!IsRemote() || !options_.is_alive || !options_.is_alive(plan_->repository_host_id)) return std::nullopt;
   return Refusal{kFailed, "The guest's repository belongs to the host '" +
@@ -115,7 +115,7 @@ Status DeletionJob::HideAll() {
   return SyncAll("sync hidden");
 }
 
-// Somebody else has changed the record of the deletion.
+// The record of the deletion was changed elsewhere.
 DeletionJob::Outcome DeletionJob::Lost() {
   const auto now = ReadNow();
   if (!now) return Refuse(FailedBecause(now.error()));
@@ -131,7 +131,7 @@ DeletionJob::Outcome DeletionJob::Lost() {
     if (is_of_this_host) Purge();
     return Outcome::kDeleted;
   }
-  // One of this host hides the same files under the same names; no other can show them again.
+  // A deletion on this host hides the same files under the same names; on another host, it cannot restore the names.
   if (!is_of_this_host) {
     const Status shown = ShowAll();
     if (!shown) LogFailure("Files stay hidden: " + shown.error().ToString());
@@ -139,10 +139,10 @@ DeletionJob::Outcome DeletionJob::Lost() {
   return Refuse(DeletedByOther(**now));
 }
 
-// A commit whose failure was reported may have been made all the same, and then there is no way back.
+// A commit that reported a failure may have succeeded all the same, and then there is no way back.
 DeletionJob::Outcome DeletionJob::SettleFailedCommit(const Error& error) {
   const auto now = ReadNow();
-  // While the database is lost, what is read is older than the commit.
+  // While the database is lost, reads return a state from before the commit.
   const bool is_old = options_.store->health() == store::Health::kInaccessible;
   if (!now || is_old) {
     LogFailure("Whether its records are deleted is unknown, so its files stay hidden until it is taken up again: " +
@@ -156,7 +156,7 @@ DeletionJob::Outcome DeletionJob::SettleFailedCommit(const Error& error) {
   return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
-// What fails is tried again: the guest is deleted all the same.
+// Failures are retried: the guest is deleted all the same.
 void DeletionJob::Purge() {
   if (const Refused storage = RefuseStorage()) {
     return LogFailure("It is not finished, and tried again: " + storage->reason);
@@ -213,7 +213,7 @@ Status DeletionJob::SyncAll(std::string_view step) const {
   return {};
 }
 
-// Unless somebody else has done so.
+// Unless it was already removed elsewhere.
 Status DeletionJob::RemoveRecord(std::string_view step) {
   return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
     const auto now = ReadNow();

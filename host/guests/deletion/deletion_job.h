@@ -21,19 +21,19 @@ class DeletionJob {
   // From the beginning. Refusals: those of Deletion::Delete.
   Refused Start(const Requester& requester);
 
-  // What this host had begun when it ended. A refusal says why it is not finished, or was undone.
+  // Resumes a deletion that this host had started when it ended. A refusal says why it is not finished, or was undone.
   Refused Resume(const StoredDeletion& begun);
 
  private:
   enum class Outcome {
-    kReady,  // it is written down: GoOn() comes next
+    kReady,  // the intent is recorded: GoOn() comes next
     kDeleted,
-    kChanged,   // undone, since the guest's record now says something that matters: to be begun again
-    kOutdated,  // records name files since it was searched who else names the guest's: to be searched again
+    kChanged,   // undone, because a relevant part of the guest's record has changed: start again
+    kOutdated,  // records have come to name files since the search for other users of the guest's files: search again
     kRefused,   // refusal_ says why
   };
 
-  // deletion_begin.cpp: what is deleted, and that it is.
+  // deletion_begin.cpp: what is deleted, and the record of the intent.
   Outcome Begin(const Requester& requester);
   Result<store::Transaction> PlanBegin(const Requester& requester, Refused& refused,
                                        std::optional<DeletionPlan>& unseen);
@@ -45,11 +45,11 @@ class DeletionJob {
   Outcome TakeUp(const StoredDeletion& begun);
   bool FitsRecord() const;
 
-  // deletion_job.cpp: from there to the end. deletion_commit.cpp: the commit in the middle of it.
+  // deletion_job.cpp: from there to the end. deletion_commit.cpp: the commit in between.
   enum class Begun { kNow, kBefore };
   Outcome GoOn(Begun begun);
   Refused RefuseActive() const;
-  // 949 while the folders of the files are not those that the deletion began with: nothing is known about them.
+  // 949 while the folders of the files are not those that the deletion started with: nothing is known about the files.
   Refused RefuseStorage() const;
   Refused RefuseAlive() const;
   Status HideAll();
@@ -83,15 +83,15 @@ class DeletionJob {
   const std::string guest_id_;
   const DiskFiles disk_files_;
 
-  std::optional<DeletionPlan> plan_;    // what the files were selected by; not set: not yet
-  bool is_gone_ = false;                // the guest has no record any more
+  std::optional<DeletionPlan> plan_;    // the plan that the files were selected by; not set: not yet
+  bool is_gone_ = false;                // the guest no longer has a record
   Selection selection_;                 // the files that still have their names
-  Trail storage_;                       // the folders that they are in
-  Notes later_notes_;                   // of what went otherwise than selected
-  DeletionRecord record_;               // as it is stored
+  Trail storage_;                       // the folders that contain them
+  Notes later_notes_;                   // about deviations from the selection
+  DeletionRecord record_;               // as stored
   store::Revision revision_ = 0;        // of the stored record
-  store::Revision run_revision_ = 0;    // of the record of a host that has the guest's saved memory
-  store::Revision files_revision_ = 0;  // of FilesKey(), from before the last search
+  store::Revision run_revision_ = 0;    // of the record of the host that has the guest's saved memory
+  store::Revision files_revision_ = 0;  // of FilesKey(), read before the last search
   Refusal refusal_;
 };
 

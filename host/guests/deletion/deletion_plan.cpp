@@ -37,7 +37,7 @@ Status RemoveAllOf(const store::Snapshot& snapshot, const DashCate& category, co
                        });
 }
 
-void ForgetLive(const std::string& guest_id, DeletionPlan& plan) {
+void RemoveLiveState(const std::string& guest_id, DeletionPlan& plan) {
   store::Transaction live;
   cluster::ForgetLiveState(live, guest_id);
   plan.removals.insert(plan.removals.end(), live.operations.begin(), live.operations.end());
@@ -68,7 +68,7 @@ Status TakeListed(const store::Snapshot& snapshot, const std::string& guest_id, 
   if (&category == &DashCate::vDisk) {
     plan.disks.insert(id);
     TakePath(stored->record, index, plan);
-    // Also one that its host writes only after this was read.
+    // Includes a state that its host writes only after this was read.
     plan.removals.push_back({DiskStateKey(id), std::nullopt});
   }
   return RemoveAllOf(snapshot, category, id, plan);
@@ -125,7 +125,7 @@ Result<DeletionPlan> PlanDeletion(const store::Snapshot& snapshot, const std::st
   taken = TakeAllListed(snapshot, guest_id, json::Member(guest->record, keys::vnics), DashCate::vNic, plan);
   if (!taken) return taken.error();
   TakeNvram(guest->record, plan);
-  ForgetLive(guest_id, plan);
+  RemoveLiveState(guest_id, plan);
   Result<std::string> repository_host = RepositoryHost(snapshot, guest->record);
   if (!repository_host) return repository_host.error();
   plan.repository_host_id = std::move(*repository_host);
@@ -142,7 +142,7 @@ Result<DeletionPlan> PlanGoneGuest(const store::Snapshot& snapshot, const std::s
   plan.compares.push_back({GuestObjectKey(guest_id), 0});
   const Status taken = RemoveAllOf(snapshot, DashCate::Guest, guest_id, plan);
   if (!taken) return taken.error();
-  ForgetLive(guest_id, plan);
+  RemoveLiveState(guest_id, plan);
   return plan;
 }
 

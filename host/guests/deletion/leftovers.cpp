@@ -55,8 +55,8 @@ class Leftover {
     if (options_.before_step) options_.before_step("leftover " + step);
   }
 
-  // Whoever names one of the files by now is another guest, also under the same id. Searched again when a record has
-  // come to name a file meanwhile; see RemoveFiles.
+  // A guest that names one of the files by now is another guest, even under the same id. The search is repeated when a
+  // record has come to name a file meanwhile; see RemoveFiles.
   Result<Selection> Select(const DeletionPlan& plan) const {
     FileQuestion question;
     question.host_id = options_.host_id;
@@ -70,8 +70,8 @@ class Leftover {
     return ReadLeftover(**snapshot, options_.host_id, guest_id_);
   }
 
-  // `searched`: FilesKey()'s revision from before it was searched who names the files. It is asked before each, since
-  // removing a large one takes seconds.
+  // `searched`: FilesKey()'s revision from before the search for users of the files. It is checked before each file,
+  // because removing a large one takes seconds.
   Status RemoveFiles(const std::vector<HiddenFile>& files, store::Revision searched) const {
     std::set<std::string> folders;
     Status first_failure;
@@ -92,7 +92,7 @@ class Leftover {
     return first_failure;
   }
 
-  // One that was written again meanwhile stays for the next time.
+  // A key that was written again meanwhile stays for the next time.
   Status RemoveKey(store::Revision revision) const {
     const std::string key = LeftoverKey(options_.host_id, guest_id_);
     Step("commit end");

@@ -1,4 +1,4 @@
-// Files of guests that were deleted while this host, whose repository they are in, could not be asked.
+// Files of guests that were deleted while this host, which owns their repository, was unreachable.
 #pragma once
 
 #include <map>
@@ -8,7 +8,7 @@
 
 namespace vexa::guests {
 
-// See Deletion::RemoveLeftovers. What is in the way, by guest; under "" what is in the way of all.
+// See Deletion::RemoveLeftovers. Returns the obstacles by guest; obstacles for all guests are under "".
 std::map<std::string, std::string> RemoveLeftovers(const DeletionOptions& options);
 
 }  // namespace vexa::guests

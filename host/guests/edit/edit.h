@@ -1,20 +1,20 @@
-// Changes guests: their records, and the files of their disks, all of an edit or nothing.
+// Edits guests: their records and the files of their disks, the whole edit or nothing.
 //
 //   /edit/<guest id>   {"host_id", "user", "request_id", "since" (Unix seconds), "stage": "doing" | "purging",
 //                       "made": [path], "hidden": [{"path", "hidden"}],
 //                       "grown": [{"path", "from", "to"}] (lengths, or 16 bytes of a header in hexadecimal)}
 //
-// An edit that touches no file is one commit. Any other is done in this order:
-// 1. "doing" is committed with compares: nobody deletes or edits the guest, its records are as read, and so is whether
-//    a host has it.
-// 2. New files are made, files of removed disks get hidden names (as in deletion.h), images grow.
+// An edit that does not touch any file is one commit. All others proceed in this order:
+// 1. "doing" is committed with compares: no deletion or edit of the guest is in progress, its records are as read, and
+//    so is whether a host has it.
+// 2. New files are created, files of removed disks get hidden names (as in deletion.h), images grow.
 // 3. One commit writes all records and changes the stage to "purging". This is the point of no return. Records that
-//    others have changed since 1 are read again and the edit is made of those.
+//    have been changed elsewhere since 1 are reread, and the edit is applied to them.
 // 4. The hidden files are removed, then the "/edit" record.
-// The commit of 3 compares that no record names a file since it was searched who else names those that go or grow
-// (FilesKey()). What fails before the point of no return is undone in the opposite order. An image that another record
-// names by then, or that a machine has open, stays grown; while the guest runs, undoing waits. A host that starts
-// undoes what it left as "doing", whose caller was never told that it was done, and finishes "purging".
+// The commit of 3 compares that no record has come to name a file since the search for other users of the files to be
+// removed or grown (FilesKey()). A failure before the point of no return is undone in reverse order. An image that
+// another record names by then, or that a machine has open, stays grown; while the guest runs, the undo waits. A host
+// that starts undoes what it left as "doing", because its caller never got a success, and finishes "purging".
 #pragma once
 
 #include <json/value.h>
@@ -37,19 +37,20 @@ namespace vexa::guests {
 
 struct EditOptions {
   std::shared_ptr<store::Store> store;
-  std::string host_id;  // this host's
-  // As for deletions. New files are made in "<root>/<repository's id>" of the first root that has such a folder, or
+  std::string host_id;  // of this host
+  // As for deletions. New files are created in "<root>/<repository's id>" of the first root that has such a folder, or
   // else in a new one below the first root.
   std::vector<std::string> image_roots;
-  // Knows whether the folders of files are those that they are in. Null: all are.
+  // Checks that the folders of files are still the same. Null: they always are.
   std::shared_ptr<StorageWatch> storage;
-  // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that cannot be found out. Not set: no guest
-  // can run here.
+  // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that is unknown. Not set: guests cannot run
+  // here.
   std::function<Refused(const std::string& guest_id)> refuse_active;
-  // None of these three is called inside a commit, nor while a snapshot of the store is held.
-  // Whether a guest that runs on this host could have what its edited records say set apart. Not set: it could.
+  // These three are never called inside a commit or while a snapshot of the store is held.
+  // Whether the processors that the edited records request could be dedicated to a guest running on this host. Not set:
+  // yes.
   std::function<Refused(const Guest& edited)> rate_pins;
-  // Whether there is a file at a path. Not set: there are all, as for guests that are only pretended to run.
+  // Whether there is a file at a path. Not set: always true, as for guests that only pretend to run.
   std::function<bool(const std::string& path)> has_file;
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
   // Called before each step, as in deletion.h.
@@ -57,29 +58,29 @@ struct EditOptions {
   FileCalls file_calls;
 };
 
-// Threads: any, at the same time, but for one guest only one at a time on this host.
+// Threads: any, at the same time, but only one at a time per guest on this host.
 class Edits {
  public:
   explicit Edits(EditOptions options) : options_(std::move(options)) {}
 
   // `edit` has the parameters that docs/guests.md lists. Refusals: 401, 403, 410, 901, 902, 903, 904, 910, 912, 915,
-  // 932, 936, 938, 944, 949, 2101; after one, everything is as it was.
+  // 932, 936, 938, 944, 949, 2101. After a refusal, everything is as it was.
   Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester);
 
-  // What this host had begun when it ended. For the start, before any Edit. Whatever fails is logged and stays for the
-  // next time.
+  // Finishes the edits that this host had started when it ended. Call it at the start, before any Edit. Failures are
+  // logged and remain for the next time.
   void FinishAll();
-  // The same of one guest, which nobody edits meanwhile.
+  // The same for one guest, which must not be being edited meanwhile.
   void Finish(const std::string& guest_id);
-  // The guests with edits that this host has begun, and has under way or could not finish. What cannot be read has
-  // none.
+  // The guests with edits that this host has started, and has in progress or could not finish. Empty when they cannot
+  // be read.
   std::vector<std::string> Begun() const;
 
  private:
   const EditOptions options_;
 };
 
-// The record's "pending": what was changed while the guest ran, and counts from its next start.
+// The record's "pending": changes made while the guest ran, which take effect at its next start.
 inline constexpr char kPending[] = "pending";
 
 }  // namespace vexa::guests

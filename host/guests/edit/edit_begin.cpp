@@ -1,4 +1,4 @@
-// The first half of an edit: what it changes is found out, and it is written down that it does.
+// The first half of an edit: determines what it changes, and records the intent.
 #include <algorithm>
 #include <map>
 #include <set>
@@ -14,7 +14,7 @@
 namespace vexa::guests {
 namespace {
 
-// How often it is found out what a plan needs to know while records change.
+// How often the plan's facts are looked up while records change.
 constexpr int kLooks = 64;
 constexpr std::size_t kStoredName = 256;
 
@@ -22,7 +22,7 @@ Refusal KeepsChanging() { return {kBusy, "The guest's record keeps changing"}; }
 
 }  // namespace
 
-// Only once it is known that they are needed: addresses are reserved for a day.
+// Only once they are known to be needed: addresses are reserved for a day.
 Status EditJob::MakeIds() {
   while (ids_.nics.size() < request_.nics_add.size()) {
     Result<std::string> id = RandomUuid();
@@ -44,8 +44,8 @@ Status EditJob::MakeIds() {
   return {};
 }
 
-// Between commits, what the plan needs to know of files and hypervisor is found out: both take time that no commit
-// waits for.
+// What the plan needs to know about files and the hypervisor is looked up between commits: both take time, and a commit
+// must not wait for that.
 EditJob::Outcome EditJob::Begin(const Requester& requester) {
   facts_ = FileFacts();
   files_.reset();
@@ -83,7 +83,7 @@ EditJob::Outcome EditJob::TakeBegun() {
   return Outcome::kBegun;
 }
 
-// Finds out what the last plan could not know.
+// Looks up what the last plan did not know.
 Refused EditJob::LookInto() {
   cluster::RequestScope::ReleaseSnapshot();
   if (const Status gathered = facts_.Gather(options_, guest_id_); !gathered) return FailedBecause(gathered.error());
@@ -91,7 +91,7 @@ Refused EditJob::LookInto() {
   if (!unseen) return std::nullopt;
   if (Refused storage = RefuseStorage(*unseen)) return storage;
   const Status selected = SelectFor(*unseen);
-  // What was missing may have gone with its storage in between.
+  // Missing files may have disappeared with their storage in between.
   if (selected) return RefuseStorage(*unseen);
   const bool is_about_disk = selected.error().code() != ErrorCode::kInternal;
   return Refusal{is_about_disk ? kBadDisk : kFailed, selected.error().ToString()};
@@ -109,7 +109,7 @@ Refused EditJob::RefuseStorage(const FileChanges& files) const {
   return options_.storage->Refuse(files.repository_id, paths, StorageUse::kNew);
 }
 
-// A commit whose failure was reported may have been made all the same, and would keep everybody from the guest.
+// A commit that reported a failure may have succeeded all the same, and would block every operation on the guest.
 EditJob::Outcome EditJob::SettleFailedBegin(const Error& error) {
   const auto now = ReadNow();
   if (!now || !*now || (*now)->text != EditText(record_)) return Refuse(FailedBecause(error));
@@ -117,7 +117,7 @@ EditJob::Outcome EditJob::SettleFailedBegin(const Error& error) {
   return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
-// Nothing to commit when it is refused, when facts are lacking, or when the files were not looked at yet (unseen_).
+// Nothing to commit when it is refused, when facts are missing, or when the files have not been examined yet (unseen_).
 Result<store::Transaction> EditJob::PlanBegin(const Requester& requester) {
   refusal_ = Refusal{0, ""};
   unseen_.reset();
@@ -195,7 +195,7 @@ Status EditJob::SelectFor(const FileChanges& files) {
   return {};
 }
 
-// A file that somebody else has as well stays as it is: whoever uses it may be running.
+// A file with other users stays as it is: one of them may be running.
 Status EditJob::SelectGrown(const FileChanges& files) {
   if (files.grown.empty()) return {};
   const Result<store::Revision> revision = FilesRevision(*options_.store);

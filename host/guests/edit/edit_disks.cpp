@@ -1,4 +1,4 @@
-// The disks of a guest that is edited.
+// Edits the disks of a guest.
 #include <algorithm>
 #include <optional>
 #include <set>
@@ -20,7 +20,7 @@ constexpr char kPath[] = "path";
 constexpr char kDriver[] = "driver";
 constexpr int kTypeRaw = 1;
 constexpr int kTypeQcow2 = 2;
-constexpr int kShownFormat = 2;  // of all disks that users see
+constexpr int kShownFormat = 2;  // for all disks that users see
 constexpr std::size_t kShown = 128;
 
 std::string TextMember(const Json::Value& record, const char* name) {
@@ -55,7 +55,7 @@ void Remove(EditedGuest& edited, const std::string& id) {
   std::erase_if(edited.disks, [&](const EditedPart& part) { return part.id == id; });
 }
 
-// The name of a target that no disk has: "vda", "vdb", …
+// A target name that no disk has: "vda", "vdb", …
 std::string FreeTarget(const EditedGuest& edited, Json::Int64 mode) {
   constexpr const char* kPrefixes[] = {"vd", "hd", "sd", "sd"};
   std::set<std::string> taken;
@@ -94,14 +94,14 @@ void Change(EditedGuest& edited, const DiskChange& change) {
   Json::Value& record = disk->stored.record;
   if (change.mode && json::Int64(json::Member(record, keys::vdisk_mode)) != *change.mode) {
     record[keys::vdisk_mode] = *change.mode;
-    // Names go by the bus.
+    // The name depends on the bus.
     record[keys::name] = "";
     record[keys::name] = FreeTarget(edited, *change.mode);
   }
   if (change.unmap) record[keys::unmap] = *change.unmap;
 }
 
-// Those that are not named follow in the order they had.
+// The others follow in their existing order.
 void Order(EditedGuest& edited) {
   std::vector<EditedPart> ordered;
   for (const std::string& id : edited.request.disks_order) {

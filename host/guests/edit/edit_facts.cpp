@@ -43,7 +43,7 @@ void NoteLookup(const EditOptions& options) {
   if (options.file_calls.before_lookup) options.file_calls.before_lookup();
 }
 
-// Where the repository's files are; "" when that is unknown.
+// The folder of the repository's files; "" when it is unknown.
 std::string FindFolder(const EditOptions& options, const std::string& repository_id) {
   if (!IsFolderName(repository_id)) return "";
   std::string first;
@@ -58,7 +58,7 @@ std::string FindFolder(const EditOptions& options, const std::string& repository
   return first;
 }
 
-// What a path leads to, also by links; none when there is nothing.
+// The file that a path leads to, also through links; none when there is nothing.
 FileIdentity IdentityOf(const EditOptions& options, const std::string& path) {
   struct stat info {};
   NoteLookup(options);
@@ -101,8 +101,8 @@ Status FileFacts::Gather(const EditOptions& options, const std::string& guest_id
   return GatherImages(options);
 }
 
-// Else whoever may put images into drives could look into all disks. Those of other hosts count too: the guest may be
-// moved to one of them.
+// Otherwise a user with the right to insert images into drives could read all disks. Disks of other hosts count too:
+// the guest may be moved to one of them.
 Status FileFacts::GatherImages(const EditOptions& options) {
   std::map<std::string, SoughtFile> files;
   for (const std::string& path : std::exchange(images_wanted_, {})) {

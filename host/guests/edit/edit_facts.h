@@ -1,8 +1,8 @@
-// What the plan of an edit needs to know of this machine: files, folders, the hypervisor. For
+// What the plan of an edit needs to know about this machine: files, folders, the hypervisor. For
 // host/guests/edit/edit*.cpp only.
 //
-// A plan is made inside a commit, with a snapshot of the store, where nothing may wait. So it only looks facts up; what
-// is not known yet is noted, found out once the plan has been given up, and the plan is made again.
+// A plan is made inside a commit, with a snapshot of the store, where nothing may wait. So it only looks up known
+// facts. Missing facts are noted and gathered after the plan has been abandoned, and then the plan is made again.
 #pragma once
 
 #include <map>
@@ -22,20 +22,20 @@ class FileFacts {
  public:
   enum class Image { kMissing, kDisk, kUsable };
 
-  // Each answers what is known, or notes what is not. An image is a normal path; a folder is the one of the
+  // Each returns the known fact, or notes that it is missing. An image is a normal path; a folder is that of the
   // repository's files, or "" when the repository has no folder.
   std::optional<Image> ImageAt(const std::string& path);
   std::optional<std::string> FolderOf(const std::string& repository_id);
-  // EditOptions::rate_pins and refuse_active. Set without a refusal: nothing is in the way.
+  // EditOptions::rate_pins and refuse_active. Set without a refusal: there is no obstacle.
   std::optional<Refused> Pins(const Guest& edited);
   std::optional<Refused> Active();
 
   bool IsLacking() const {
     return !images_wanted_.empty() || !folders_wanted_.empty() || pins_wanted_ || active_wanted_;
   }
-  // Finds out what is lacking. Takes its time: no snapshot may be held. Errors: what the store says.
+  // Gathers what is missing. May take long: no snapshot may be held. Errors: those of the store.
   Status Gather(const EditOptions& options, const std::string& guest_id);
-  // For an edit that goes on after it has changed files: whether images are in use may have changed.
+  // For an edit that continues after it has changed files: whether images are in use may have changed.
   void ForgetImages() { images_.clear(); }
 
  private:
@@ -45,7 +45,7 @@ class FileFacts {
   std::set<std::string> images_wanted_;
   std::map<std::string, std::string> folders_;
   std::set<std::string> folders_wanted_;
-  std::map<std::string, Refused> pins_;  // by the records that were rated
+  std::map<std::string, Refused> pins_;  // by the rated records
   std::optional<Guest> pins_wanted_;
   std::optional<Refused> active_;
   bool active_wanted_ = false;

@@ -16,9 +16,9 @@
 namespace vexa::guests {
 namespace {
 
-// How often an edit begins again because the guest's disks were changed under it.
+// How often an edit starts again because the guest's disks changed during it.
 constexpr int kTurns = 8;
-// How often it is searched who else names the files, while other records come to name files.
+// How often the search for other users of the files is repeated while records come to name files.
 constexpr int kSearches = 8;
 constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownNote = 1024;
@@ -39,7 +39,7 @@ Refused EditJob::Start(const Json::Value& edit, const Requester& requester) {
   auto parsed = ParseEdit(edit);
   if (auto* refusal = std::get_if<Refusal>(&parsed)) return std::move(*refusal);
   request_ = std::move(std::get<EditRequest>(parsed));
-  // Files can take long.
+  // Work on files can take long.
   cluster::RequestScope::ReleaseSnapshot();
   for (int turn = 0; turn < kTurns; ++turn) {
     Outcome outcome = Begin(requester);
@@ -68,12 +68,12 @@ Refused EditJob::Resume(const StoredEdit& begun) {
 }
 
 Status EditJob::MakeFile(const NewFile& file) {
-  // Only the repository's own folder: its root is made by the administrator.
+  // Only the repository's own folder: the administrator creates its root.
   const std::string folder(FolderOf(file.path));
   if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
     return SystemError(ErrorCode::kInternal, "Cannot make the folder '" + folder + "'", errno);
   }
-  // Also of one that was there: whoever made it may have ended before this.
+  // Also when it already existed: its creator may have ended before the sync.
   if (Status synced = disk_files_.Sync(folder); !synced) return synced;
   const EmptyImage image = MakeEmptyImage(file.format, file.size_mib << 20);
   return disk_files_.Create(file.path, image.length, image.pieces);
@@ -83,7 +83,7 @@ Refused EditJob::DoFiles() {
   for (std::size_t i = 0; i < files_->made.size(); ++i) {
     Step("make", i);
     const Status made = MakeFile(files_->made[i]);
-    // What was there before is not ours to remove.
+    // A file that existed before must not be removed.
     if (IsCode(made, ErrorCode::kConflict)) std::erase(record_.made, files_->made[i].path);
     if (!made) return FileFailedBecause(made.error());
   }
@@ -92,7 +92,7 @@ Refused EditJob::DoFiles() {
   return std::nullopt;
 }
 
-// Those that a machine could have.
+// Files that a machine could have open.
 Refused EditJob::DoActiveFiles() {
   if (record_.hidden.empty() && record_.grown.empty()) return std::nullopt;
   if (options_.refuse_active) {
@@ -111,7 +111,7 @@ Refused EditJob::DoActiveFiles() {
   return std::nullopt;
 }
 
-// The point of no return, or back to where it began.
+// Passes the point of no return, or returns to the beginning.
 EditJob::Outcome EditJob::CommitRecords() {
   facts_.ForgetImages();
   for (int search = 0; search < kSearches; ++search) {
@@ -146,8 +146,8 @@ EditJob::Outcome EditJob::CommitOnce() {
   return Outcome::kDone;
 }
 
-// Whether a record that came since the files were selected names one that is to go, or that has grown. As for
-// deletions, asked before the commit, which is to be quick and compares that no other record has come since.
+// Whether a record added since the files were selected names one that is to be removed or has grown. As for deletions,
+// checked before the commit, which must be quick and compares that no other record has been added since.
 Result<bool> EditJob::AreFilesNamedByOthers() {
   if (record_.hidden.empty() && record_.grown.empty()) return false;
   const Result<store::Revision> revision = FilesRevision(*options_.store);
@@ -182,8 +182,8 @@ Result<bool> EditJob::IsNamedByOthers(const std::map<std::string, SoughtFile>& f
   return !named->empty();
 }
 
-// `instead`: kChanged when the records now mean other files, kOutdated when facts are lacking or another record has
-// come to name files, kRefused when the records do not allow the edit any more.
+// `instead`: kChanged when the records now name other files, kOutdated when facts are missing or another record has
+// come to name files, kRefused when the records no longer allow the edit.
 Result<store::Transaction> EditJob::PlanCommit(std::optional<Outcome>& instead) {
   instead.reset();
   const auto snapshot = options_.store->Read();
@@ -227,10 +227,10 @@ Result<store::Transaction> EditJob::PlanCommit(std::optional<Outcome>& instead) 
   return std::move(plan->transaction);
 }
 
-// A commit whose failure was reported may have been made all the same, and then there is no way back.
+// A commit that reported a failure may have succeeded all the same, and then there is no way back.
 EditJob::Outcome EditJob::SettleFailedCommit(const Error& error) {
   const auto now = ReadNow();
-  // While the database is lost, what is read is older than the commit.
+  // While the database is lost, reads return a state from before the commit.
   const bool is_old = options_.store->health() == store::Health::kInaccessible;
   if (!now || is_old) {
     LogFailure("Whether it is done is unknown, so its files stay until it is taken up again: " +
@@ -246,7 +246,7 @@ EditJob::Outcome EditJob::SettleFailedCommit(const Error& error) {
   return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
-// What fails is tried again: the disks are removed all the same.
+// Failures are retried: the disks are removed all the same.
 void EditJob::Purge() {
   if (const Refused storage = RefuseStorage()) {
     return LogFailure("It is not finished, and tried again: " + storage->reason);
@@ -269,7 +269,7 @@ void EditJob::Purge() {
 }
 
 Status EditJob::SyncAll(std::string_view step) const {
-  // One path of each folder.
+  // One path per folder.
   std::set<std::string_view> folders;
   std::vector<const std::string*> paths;
   for (const std::string& path : record_.made) paths.push_back(&path);
@@ -283,7 +283,7 @@ Status EditJob::SyncAll(std::string_view step) const {
   return {};
 }
 
-// Unless somebody else has done so.
+// Unless it was already removed elsewhere.
 Status EditJob::RemoveRecord(std::string_view step) {
   return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
     const auto now = ReadNow();

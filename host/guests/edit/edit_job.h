@@ -1,5 +1,4 @@
-// One edit of one guest: its beginning (edit_begin.cpp), the rest (edit_job.cpp), and the way back (edit_undo.cpp).
-// For host/guests/edit/edit*.cpp only.
+// One edit of one guest: its beginning (edit_begin.cpp), the rest (edit_job.cpp), and the undo (edit_undo.cpp). For
 // host/guests/edit/edit*.cpp only.
 #pragma once
 
@@ -29,15 +28,16 @@ class EditJob {
   // From the beginning. Refusals: those of Edits::Edit.
   Refused Start(const Json::Value& edit, const Requester& requester);
 
-  // What this host had begun when it ended. A refusal says why it is not finished.
+  // Resumes an edit that this host had started when it ended. A refusal says why it is not finished.
   Refused Resume(const StoredEdit& begun);
 
  private:
   enum class Outcome {
-    kBegun,  // it is written down: the files come next
+    kBegun,  // the intent is recorded: the files come next
     kDone,
-    kChanged,   // undone, since the records now mean other files: to be begun again
-    kOutdated,  // facts are lacking, or records name files since it was searched who else names the guest's
+    kChanged,   // undone, because the records now name other files: start again
+    kOutdated,  // facts are missing, or records have come to name files since the search for other users of the guest's
+                // files
     kRefused,   // refusal_ says why
   };
 
@@ -45,7 +45,7 @@ class EditJob {
   Outcome Begin(const Requester& requester);
   Outcome TakeBegun();
   Refused LookInto();
-  // 949 while the folders of the files are not those that they are in, or that the edit began with: nothing is known
+  // 949 while the folders of the files are not the expected ones, or those that the edit started with: nothing is known
   // about the files.
   Refused RefuseStorage(const FileChanges& files) const;
   Refused RefuseStorage() const;
@@ -89,12 +89,12 @@ class EditJob {
   EditRequest request_;
   NewIds ids_;
   FileFacts facts_;
-  std::optional<FileChanges> files_;   // what record_'s files were selected by; not set: not yet
-  std::optional<FileChanges> unseen_;  // what they are to be selected by
+  std::optional<FileChanges> files_;   // the changes that record_'s files were selected by; not set: not yet
+  std::optional<FileChanges> unseen_;  // the changes to select them by
   Notes notes_;
-  EditRecord record_;                   // as it is stored
+  EditRecord record_;                   // as stored
   store::Revision revision_ = 0;        // of the stored record
-  store::Revision files_revision_ = 0;  // of FilesKey(), from before the last search
+  store::Revision files_revision_ = 0;  // of FilesKey(), read before the last search
   Refusal refusal_;
 };
 

@@ -1,4 +1,4 @@
-// The network interfaces of a guest that is edited.
+// Edits the network interfaces of a guest.
 #include <algorithm>
 #include <optional>
 
@@ -35,12 +35,12 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// What an interface calls the network, as another one that is in it does. "": none is.
+// The network's name according to another interface that is in it. "": unknown.
 Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::string& network_id) {
   std::string name;
   const Status scanned = snapshot.Scan(
       store::MakeKey({"dash", DashCate::vNic.name()}), [&](std::string_view, const store::ValueView& value) {
-        // Parsing all would take most of the time. A text without the id can only hold it in escapes.
+        // Parsing all of them would take most of the time. A text without the id can only contain it in escaped form.
         const bool may_be =
             value.text.find(network_id) != std::string_view::npos || value.text.find('\\') != std::string_view::npos;
         if (!may_be) return true;
@@ -53,7 +53,7 @@ Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::str
   return name;
 }
 
-// The name of the network or bridge with this id. Not set: nothing tells one.
+// The name of the network or bridge with this id. Not set: it is unknown.
 Result<std::optional<std::string>> NetworkName(const store::Snapshot& snapshot, const std::string& network_id) {
   if (network_id.empty()) return std::optional<std::string>("");
   Result<std::string> name = NameFromNics(snapshot, network_id);
@@ -83,7 +83,7 @@ Status SetNetwork(EditedGuest& edited, Json::Value& nic, const std::string& netw
 Status SetMac(EditedGuest& edited, Json::Value& nic, const std::string& mac) {
   nic[keys::mac_address] = mac;
   edited.taken_macs.push_back(mac);
-  // Looks at what is stored by now, which is no older than what the commit compares.
+  // Reads the current state of the store, which is at least as new as what the commit compares.
   const auto user = cluster::GuestOfMacAddress(*edited.options.store, mac);
   if (!user) return user.error();
   if (*user && **user != edited.id) edited.Refuse(kBadNic, "Another guest has the MAC address '" + mac + "'");
@@ -160,7 +160,7 @@ Status EditNics(EditedGuest& edited) {
   for (std::size_t i = 0; i < request.nics_add.size(); ++i) {
     if (Status added = Add(edited, request.nics_add[i], i); !added) return added;
   }
-  // Other guests' records may hold more; an edit that leaves the interfaces alone does not say so.
+  // An existing guest may exceed the limits; an edit that does not touch its interfaces does not complain.
   if (!request.nics_add.empty() || !request.nics_edit.empty()) CheckAll(edited);
   return {};
 }

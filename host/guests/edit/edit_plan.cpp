@@ -28,8 +28,8 @@ using VexaCCC::DB::DashCate;
 constexpr std::size_t kMaxParts = 1024;
 constexpr std::size_t kShown = 256;
 constexpr char kUnmounted[] = "unmounted";
-// Members that count at once, also of a guest that runs.
-constexpr const char* kAtOnce[] = {"name", "desc", "autorun"};
+// Members that take effect immediately, even for a running guest.
+constexpr const char* kImmediateMembers[] = {"name", "desc", "autorun"};
 
 std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
 
@@ -42,7 +42,7 @@ std::string PartKey(const DashCate& category, const std::string& id) {
   return store::MakeKey({"dash", category.name(), id, keys::object});
 }
 
-// Reads the records that the guest lists under `name`. A guest that is not whole is refused.
+// Reads the records that the guest lists under `name`. A guest with missing parts is refused.
 Status LoadParts(EditedGuest& edited, const char* name, const DashCate& category, std::vector<EditedPart>& parts) {
   const Json::Value& list = json::Elements(json::Member(edited.before, name));
   if (list.size() > kMaxParts)
@@ -66,7 +66,7 @@ Status LoadParts(EditedGuest& edited, const char* name, const DashCate& category
   return {};
 }
 
-// Whether a host has the guest, and in what state it is.
+// Whether a host has the guest, and the guest's state.
 Status LoadCondition(EditedGuest& edited) {
   const auto run = edited.snapshot.Get(RunKey(edited.id));
   if (!run) return run.error();
@@ -115,7 +115,7 @@ Status EditName(EditedGuest& edited) {
   if (!turn) return turn.error();
   edited.plan.transaction.compares.push_back({RenamesKey(), *turn ? (*turn)->revision : 0});
   edited.plan.transaction.operations.push_back({RenamesKey(), json::ToText(Json::Value(edited.id))});
-  // Looks at what is stored by now, which is no older than the turn.
+  // Reads the current state of the store, which is at least as new as the turn.
   cluster::RequestScope::ReleaseSnapshot();
   const int conflict = VexaCCC::Utils::CheckNameConflict(name, DashCate::Guest);
   if (conflict < 0) return Error(ErrorCode::kInternal, "It cannot be told whether the name is taken");
@@ -123,19 +123,19 @@ Status EditName(EditedGuest& edited) {
   return {};
 }
 
-// The path of an image that is to be put into a drive; "" when it is not there.
+// The path of an image to be inserted into a drive; "" when it does not exist.
 Result<std::string> ImagePath(EditedGuest& edited, const std::string& image) {
   if (image.starts_with('/')) return NormalPath(image).value_or("");
   const std::string key = store::MakeKey({"dash", cluster::kImageCategory, image, keys::object});
   const auto record = cluster::LoadObject(edited.snapshot, key);
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
   if (!record) return std::string();
-  // An absent record may have an invalid key, which no commit could compare.
+  // An absent record may have an invalid key, which a commit could not compare.
   if (record->revision != 0) edited.plan.transaction.compares.push_back({key, record->revision});
   return NormalPath(TextMember(record->record, "path")).value_or("");
 }
 
-// What stays in a drive is not looked at: it may be known to be gone.
+// Images that stay in a drive are not checked: they may be known to be missing.
 Status CheckImages(EditedGuest& edited) {
   const Json::Value& images = json::Member(edited.request.members, keys::iso_images);
   const Json::Value& before = json::Elements(json::Member(edited.before, keys::iso_images));
@@ -191,7 +191,7 @@ hypervisor::GuestRecords RecordsOf(const EditedGuest& edited, Version version) {
 Result<std::string> Build(const hypervisor::GuestRecords& records) {
   hypervisor::BuildOptions options;
   options.domain_type = "test";
-  // Any name of a network will do: whether there is such a network is seen when the guest starts.
+  // Any network name will do: whether the network exists is checked when the guest starts.
   for (const auto& [id, nic] : records.nics) options.libvirt_networks.insert(TextMember(nic, "network_name"));
   options.image_path = [](const std::string& image) -> Result<std::string> {
     return image.starts_with('/') ? image : "/image/" + image;
@@ -199,7 +199,7 @@ Result<std::string> Build(const hypervisor::GuestRecords& records) {
   return hypervisor::BuildDomainXml(records, options);
 }
 
-// A guest that can be run stays one that can.
+// A guest that can run must remain able to run.
 void CheckMachine(EditedGuest& edited, const hypervisor::GuestRecords& before) {
   const Result<std::string> built = Build(RecordsOf(edited, Version::kAfter));
   if (built || !Build(before)) return;
@@ -231,7 +231,7 @@ bool IsChanged(const EditedGuest& edited, const char* name, const std::vector<Ed
                      [](const EditedPart& part) { return part.stored.record != part.before; });
 }
 
-// What of the edit waits for the guest's next start.
+// The parts of the edit that wait for the guest's next start.
 void WritePending(EditedGuest& edited) {
   Json::Value& guest = edited.guest.record;
   if (!edited.is_running && !edited.is_suspended) {
@@ -243,8 +243,9 @@ void WritePending(EditedGuest& edited) {
     if (name.isString()) names.insert(json::String(name));
   }
   for (const std::string& name : json::MemberNames(edited.request.members)) {
-    const bool is_at_once = std::find(std::begin(kAtOnce), std::end(kAtOnce), name) != std::end(kAtOnce);
-    if (!is_at_once && json::Member(guest, name) != json::Member(edited.before, name)) names.insert(name);
+    const bool is_immediate =
+        std::find(std::begin(kImmediateMembers), std::end(kImmediateMembers), name) != std::end(kImmediateMembers);
+    if (!is_immediate && json::Member(guest, name) != json::Member(edited.before, name)) names.insert(name);
   }
   if (IsChanged(edited, keys::vdisks, edited.disks)) names.insert(keys::vdisks);
   if (IsChanged(edited, keys::vnics, edited.nics)) names.insert(keys::vnics);
@@ -259,7 +260,7 @@ void WriteParts(EditedGuest& edited, const DashCate& category, const std::vector
     if (part.stored.revision == 0 || part.stored.record != part.before) {
       cluster::PutObject(edited.plan.transaction, PartKey(category, part.id), part.stored);
     } else {
-      // What changes beside it was chosen by it.
+      // Other changes depend on this record.
       edited.plan.transaction.compares.push_back({PartKey(category, part.id), part.stored.revision});
     }
   }
@@ -275,14 +276,14 @@ Status RemoveParts(EditedGuest& edited, const DashCate& category, const std::vec
                                                   return true;
                                                 });
     if (!scanned) return scanned;
-    // Also one that its host writes only after this was read.
+    // Includes a state that its host writes only after this was read.
     if (&category == &DashCate::vDisk) transaction.operations.push_back({DiskStateKey(id), std::nullopt});
   }
   return {};
 }
 
-// Who takes an address commits this key, which new addresses are reserved with as well: of two who take the same at the
-// same time one looks again.
+// Every commit that takes an address writes this key, which is also used to reserve new addresses: of two that take the
+// same address at the same time, one gets a conflict and checks again.
 Status WriteMacs(EditedGuest& edited) {
   for (const std::string& mac : edited.taken_macs) {
     const std::string key = store::MakeKey({"mac", std::string_view(mac).substr(15), mac});
@@ -297,7 +298,7 @@ Status WriteMacs(EditedGuest& edited) {
   return {};
 }
 
-// Whoever makes a record name a file commits this key, so that those who are about to remove the file look again.
+// Every commit that makes a record name a file writes this key, so that code about to remove the file checks again.
 void WriteFilesKey(EditedGuest& edited) {
   const bool changes_drives =
       json::Member(edited.guest.record, keys::iso_images) != json::Member(edited.before, keys::iso_images);

@@ -1,4 +1,4 @@
-// What an edit of a guest changes, by one state of the store. For host/guests/edit/edit*.cpp only.
+// The changes of a guest's edit, based on one state of the store. For host/guests/edit/edit*.cpp only.
 #pragma once
 
 #include <set>
@@ -16,10 +16,10 @@
 
 namespace vexa::guests {
 
-// What is new whatever the records say, so that it stays the same when an edit is planned again.
+// Values that are new regardless of the records, so that they stay the same when an edit is planned again.
 struct NewIds {
   std::vector<std::string> nics;   // one for each of nics_add
-  std::vector<std::string> macs;   // the same; "" where the request has one
+  std::vector<std::string> macs;   // likewise; "" where the request has one
   std::vector<std::string> disks;  // one for each of disks_add
 };
 
@@ -43,26 +43,26 @@ struct FileChanges {
   std::vector<NamedFile> removed;
   std::set<std::string> removed_disks;  // their ids
   std::set<std::string> images;         // normal paths of the guest's ISO images
-  std::string repository_id;            // the guest's
+  std::string repository_id;            // of the guest
   bool operator==(const FileChanges&) const = default;
   bool empty() const { return made.empty() && grown.empty() && removed.empty(); }
 };
 
 struct EditPlan {
-  Refused refused;                 // set: the rest means nothing; the same when facts are lacking
+  Refused refused;                 // if set, the other members have no meaning; also when facts are missing
   store::Transaction transaction;  // without operations: nothing changes
   FileChanges files;
 };
 
-// One record of a disk or interface while it is edited.
+// One record of a disk or interface during an edit.
 struct EditedPart {
   std::string id;
   cluster::StoredObject stored;  // revision 0: it is new
-  Json::Value before;            // the record as it was
-  std::size_t index = 0;         // where the guest's record had it
+  Json::Value before;            // the original record
+  std::size_t index = 0;         // its position in the guest's record
 };
 
-// An edit in the making: the parts of PlanEdit() change it.
+// An edit under construction: the parts of PlanEdit() change it.
 struct EditedGuest {
   const EditOptions& options;
   const EditRequest& request;
@@ -76,7 +76,7 @@ struct EditedGuest {
   std::vector<EditedPart> nics;
   std::vector<std::string> removed_disks;
   std::vector<std::string> removed_nics;
-  std::vector<std::string> taken_macs;  // those that the edit gives to an interface
+  std::vector<std::string> taken_macs;  // addresses that the edit assigns to interfaces
   std::string repository_id;
   std::string repository_host_id;
   bool is_running = false;    // a host has the guest
@@ -89,9 +89,8 @@ struct EditedGuest {
   bool IsOver() const { return plan.refused || facts.IsLacking(); }
 };
 
-// The transaction compares all that was looked at, so that who changes any of it meanwhile makes it a conflict. Looks
-// at nothing but the store and `facts`; when one of these is lacking, the plan ends there and is to be made again.
-// Errors: what the store says.
+// The transaction compares everything that was read, so that any change meanwhile becomes a conflict. Uses only the
+// store and `facts`; when a fact is missing, the plan ends there and must be made again. Errors: those of the store.
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
                           const NewIds& ids, const store::Snapshot& snapshot, FileFacts& facts);
 

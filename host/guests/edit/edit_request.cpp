@@ -78,8 +78,8 @@ std::optional<std::uint32_t> Number(std::string_view text, int base, std::uint32
   return number;
 }
 
-// "1234:00ab" is a vendor and a product, "3.14" a bus and a device. The same text for all ways to write a device; ""
-// for what is none.
+// "1234:00ab" is a vendor and a product, "3.14" a bus and a device. Returns the same text for every way to write a
+// device; "" when it is not a device.
 std::string UsbDevice(std::string_view text) {
   const std::size_t at = text.find_first_of(":.");
   if (at == std::string_view::npos || at == 0 || at > 4 || text.size() - at > 5) return "";
@@ -93,7 +93,7 @@ std::string UsbDevice(std::string_view text) {
   return device;
 }
 
-// "aa:bb:cc:dd:ee:ff" in lower case; "" for what is no address of one interface.
+// "aa:bb:cc:dd:ee:ff" in lower case; "" when it is not a unicast address.
 std::string UnicastMac(const std::string& text) {
   if (text.size() != 17) return "";
   std::string mac;
@@ -109,7 +109,7 @@ std::string UnicastMac(const std::string& text) {
   return is_group || is_zero ? "" : mac;
 }
 
-// Reads one request; what is wrong first ends it.
+// Reads one request; the first error ends it.
 class Reader {
  public:
   explicit Reader(const Json::Value& edit) : edit_(edit) {}
@@ -169,7 +169,7 @@ class Reader {
     return mac;
   }
 
-  // Calls `read` with each element and a name for it. Absent is as if empty.
+  // Calls `read` with each element and a name for it. A missing list counts as empty.
   template <class Read>
   void ForEach(const char* name, const Read& read) {
     const Json::Value* const list = json::FindMember(edit_, name);
@@ -241,7 +241,7 @@ class Reader {
       if (device != kUnmounted && plain.empty()) {
         return Refuse(kBadUsb, where, "is '" + shown + "': give '1234:00ab', '3.14' or 'unmounted'");
       }
-      // No machine has it in two ports.
+      // A machine cannot have it in two ports.
       if (device != kUnmounted && !named.insert(plain).second) {
         return Refuse(kBadUsb, where, "names the device '" + shown + "' once more");
       }

@@ -1,4 +1,4 @@
-// What a host is asked to change of a guest, checked as far as that needs no record.
+// A requested edit of a guest, checked as far as that is possible without records.
 #pragma once
 
 #include <json/value.h>
@@ -47,7 +47,7 @@ struct DiskChange {
 };
 
 struct EditRequest {
-  // The members of the guest's record that are to be set, as they are stored; "usbs" has all four entries.
+  // The members to be set in the guest's record, as they are stored; "usbs" has all four entries.
   Json::Value members{Json::objectValue};
   std::vector<NicAddition> nics_add;
   std::vector<std::string> nics_del;
@@ -62,8 +62,8 @@ struct EditRequest {
   }
 };
 
-// `edit` has the parameters of the method "set" (docs/guests.md); others are not looked at. Refusals: 401 (a type, a
-// range, a text), 932 and 938 (too many images or devices), 936 (a device that is none), each with the parameter.
+// `edit` has the parameters of the method "set" (docs/guests.md); others are ignored. Refusals: 401 (a type, a range, a
+// text), 932 and 938 (too many images or devices), 936 (an invalid device), each with the parameter.
 std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit);
 
 }  // namespace vexa::guests

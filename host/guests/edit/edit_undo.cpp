@@ -1,4 +1,4 @@
-// The way back from an edit that touched files. It asks what the way there asked: files may be somebody else's by now.
+// Undoes an edit that touched files. It repeats the checks of the edit, because files may have other users by now.
 #include <algorithm>
 #include <map>
 #include <set>
@@ -46,7 +46,7 @@ EditJob::Outcome EditJob::Undo(const Refusal& refusal, Outcome outcome) {
   return Outcome::kRefused;
 }
 
-// An image that has to stay grown for now keeps nothing else from being undone.
+// An image that must stay grown for now does not prevent undoing everything else.
 Status EditJob::UndoFiles() {
   const Status shrunk = UndoGrown();
   if (!shrunk && !IsCode(shrunk, ErrorCode::kUnavailable)) return shrunk;
@@ -56,7 +56,7 @@ Status EditJob::UndoFiles() {
   return shrunk;
 }
 
-// kUnavailable: the guest runs, or that cannot be found out, so that an image stays grown until it is tried again.
+// kUnavailable: the guest runs, or that is unknown, so the image stays grown until the next attempt.
 Status EditJob::UndoGrown() {
   std::optional<std::set<std::string>> own_disks;
   std::optional<Refused> active;
@@ -76,7 +76,7 @@ Status EditJob::UndoGrown() {
       own_disks = std::move(*own);
     }
     const Status shrunk = Shrink(growth, *own_disks);
-    // Somebody else has done something with it, uses it, or has removed it: it is not ours to change.
+    // It was changed or removed meanwhile, or is in use: it must not be touched.
     const bool is_left = IsCode(shrunk, ErrorCode::kConflict) || IsCode(shrunk, ErrorCode::kNotFound) ||
                          IsCode(shrunk, ErrorCode::kBusy);
     if (is_left) {
@@ -112,7 +112,7 @@ Status EditJob::ShowAll() {
   return {};
 }
 
-// No record of the guest's own names a file that was made, since the records are as before.
+// The guest's own records do not name a file that was created, because they are as before.
 Status EditJob::UndoMade() {
   std::map<std::string, SoughtFile> files;
   for (const std::string& path : record_.made) {
@@ -137,7 +137,7 @@ Status EditJob::UndoMade() {
   return {};
 }
 
-// The disks that the guest lists and whose records call them its own.
+// The disks that the guest lists and whose records name the guest.
 Result<std::set<std::string>> EditJob::OwnDisks() const {
   std::set<std::string> own;
   const auto snapshot = options_.store->Read();

@@ -40,7 +40,7 @@ std::string PrefixOf(const std::string& guest_id) {
   return std::string(kHiddenPrefix) + store::EncodeSegment(guest_id) + "-";
 }
 
-// The name is used in the file system, so it must be one that HiddenName gives for this guest.
+// The name is used in the file system, so it must be one that HiddenName returns for this guest.
 std::optional<HiddenFile> ParseFile(const Json::Value& value, const std::string& prefix) {
   const std::optional<std::string> path = NormalPath(Text(json::Member(value, kPath)));
   std::string hidden = Text(json::Member(value, kHidden));

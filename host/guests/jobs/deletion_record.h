@@ -1,4 +1,4 @@
-// The records of deletions that are not finished; deletion.h says what they mean.
+// The records of unfinished deletions; deletion.h explains them.
 #pragma once
 
 #include <json/value.h>
@@ -17,7 +17,7 @@
 namespace vexa::guests {
 
 struct HiddenFile {
-  std::string path;    // normal
+  std::string path;    // a normal path
   std::string hidden;  // its name in the same folder while it is hidden
 };
 
@@ -30,8 +30,8 @@ struct DeletionRecord {
   std::chrono::system_clock::time_point since;  // whole seconds
   DeletionStage stage = DeletionStage::kHiding;
   std::vector<HiddenFile> files;
-  std::string repository_id;  // the guest's
-  Trail storage;              // the folders that the files are in
+  std::string repository_id;  // of the guest
+  Trail storage;              // the folders that contain the files
 };
 
 struct StoredDeletion {
@@ -40,27 +40,27 @@ struct StoredDeletion {
   std::optional<DeletionRecord> record;  // not set: it is damaged
 };
 
-// Every hidden name begins like this, and no disk's file may.
+// Every hidden name has this prefix, and a disk's file must not.
 inline constexpr std::string_view kHiddenPrefix = ".vexa-deleted-";
 // The hidden name of the guest's disk `index`.
 std::string HiddenName(const std::string& guest_id, std::size_t index);
 
-// The file that DeletionText wrote as {"path", "hidden"}. Not set: it is none of this guest's.
+// The file that DeletionText wrote as {"path", "hidden"}. Not set: it is not a file of this guest.
 std::optional<HiddenFile> ParseHiddenFile(const Json::Value& value, const std::string& guest_id);
 
 std::string DeletionText(const DeletionRecord& record);
 
-// Not set: the guest is not being deleted. Errors: what the store says.
+// Not set: the guest is not being deleted. Errors: those of the store.
 Result<std::optional<StoredDeletion>> ReadDeletion(const store::Snapshot& snapshot, const std::string& guest_id);
 
-// That the guest is being deleted, by whom and since when: 915.
+// Reports that the guest is being deleted, by whom and since when: 915.
 Refusal DeletedByOther(const StoredDeletion& deletion);
 
 // The files that hosts have left for this one, by the guest's id.
 std::string LeftoverKey(const std::string& host_id, const std::string& guest_id);
 struct StoredLeftover {
-  store::Revision revision = 0;                   // 0: there is none
-  std::string repository_id;                      // "" when it is not known
+  store::Revision revision = 0;                   // 0: absent
+  std::string repository_id;                      // "" when unknown
   std::optional<std::vector<std::string>> paths;  // not set: it is damaged
 };
 Result<StoredLeftover> ReadLeftover(const store::Snapshot& snapshot, const std::string& host_id,

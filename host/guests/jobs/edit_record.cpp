@@ -48,7 +48,7 @@ std::string ToHex(const std::string& bytes) {
   return text;
 }
 
-// Not set: it is no head of an image.
+// Not set: it is not the head of an image.
 std::optional<std::string> FromHex(const std::string& text) {
   if (text.size() != 2 * kHeadBytes) return std::nullopt;
   std::string bytes;
@@ -67,7 +67,7 @@ std::optional<std::string> ParsePath(const Json::Value& value) {
   return path;
 }
 
-// A file that is removed again must be one that was made here, by its name.
+// A file to be removed again must have been created here, according to its name.
 std::optional<std::string> ParseMade(const Json::Value& value) {
   std::optional<std::string> path = ParsePath(value);
   if (!path) return std::nullopt;
@@ -105,7 +105,7 @@ Json::Value GrowthJson(const Growth& growth) {
   return value;
 }
 
-// True: `parse` understood every element, and `list` has them.
+// True: `parse` understood every element, and `list` contains them.
 template <class Element, class Parse>
 bool ParseList(const Json::Value& value, const Parse& parse, std::vector<Element>& list) {
   if (!value.isArray()) return false;

@@ -1,4 +1,4 @@
-// The records of edits of guests that touch files and are not finished; edit.h says what they mean.
+// The records of unfinished edits that touch files; edit.h explains them.
 #pragma once
 
 #include <chrono>
@@ -25,8 +25,8 @@ struct EditRecord {
   std::vector<std::string> made;  // normal paths
   std::vector<HiddenFile> hidden;
   std::vector<Growth> grown;
-  std::string repository_id;  // the guest's
-  Trail storage;              // the folders that all these files are in
+  std::string repository_id;  // of the guest
+  Trail storage;              // the folders that contain all these files
 };
 
 struct StoredEdit {
@@ -35,15 +35,15 @@ struct StoredEdit {
   std::optional<EditRecord> record;  // not set: it is damaged
 };
 
-// The name of the file of a disk that was made here.
+// The name of the file of a disk that was created here.
 std::string ImageName(const std::string& disk_id, hypervisor::ImageFormat format);
 
 std::string EditText(const EditRecord& record);
 
-// Not set: no edit is under way. Errors: what the store says.
+// Not set: no edit is in progress. Errors: those of the store.
 Result<std::optional<StoredEdit>> ReadEdit(const store::Snapshot& snapshot, const std::string& guest_id);
 
-// That the guest is being edited, by whom and since when: 915.
+// Reports that the guest is being edited, by whom and since when: 915.
 Refusal EditedByOther(const StoredEdit& edit);
 
 }  // namespace vexa::guests

@@ -13,7 +13,7 @@ std::string Left(const std::string& path, const std::string& why) {
   return "the file [" + cluster::ShownPath(path) + "] is left: " + why;
 }
 
-// What a path alone tells. Not set: it may be a file to remove.
+// What can be decided from the path alone. Not set: it may be a file to remove.
 std::optional<std::string> WhyLeft(const std::optional<std::string>& normal, const std::set<std::string>& images) {
   if (!normal) return "it is no absolute path of a file";
   if (images.contains(*normal)) return "it is an image in a drive of the guest";

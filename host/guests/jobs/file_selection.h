@@ -14,30 +14,30 @@
 
 namespace vexa::guests {
 
-// A guest that names more of one kind is not deleted: somebody has to look at its record first.
+// A guest that names more of one kind is not deleted: an administrator has to check its record first.
 inline constexpr std::size_t kMaxListed = 16'384;
 
-// The number of that file among the guest's, behind all disks.
+// The index of that file among the guest's, after all disks.
 inline constexpr std::size_t kNvramIndex = kMaxListed;
 
-// What is told once the guest is gone: a sentence each.
+// What is reported once the guest is gone: one sentence each.
 using Notes = std::vector<std::string>;
 
 struct NamedFile {
   std::size_t index = 0;  // of the disk, in the guest's order, or kNvramIndex
-  std::string path;       // as the record has it
+  std::string path;       // as in the record
   bool operator==(const NamedFile&) const = default;
 };
 
-// The files among those named that are to be removed, with their hidden names.
+// The named files that are to be removed, with their hidden names.
 struct Selection {
   std::vector<HiddenFile> files;
-  Notes notes;  // why others are not
+  Notes notes;  // why others are not removed
 };
 
-// Looks at each file, and asks `question` about those that are there. `images`: normal paths of the guest's ISO images,
-// which are left. No snapshot may be held: this takes time. Errors:
-// what is the matter with the first that could not be looked at; what the store says.
+// Examines each file, and asks `question` about the existing ones. `images`: normal paths of the guest's ISO images,
+// which are kept. No snapshot may be held: this takes time. Errors: that of the first file that could not be examined;
+// those of the store.
 Result<Selection> SelectFiles(const std::string& guest_id, const std::vector<NamedFile>& files,
                               const std::set<std::string>& images, const FileQuestion& question,
                               const DiskFiles& disk_files, const store::Store& store);

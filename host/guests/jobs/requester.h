@@ -1,4 +1,4 @@
-// Who asked this host to do something with a guest.
+// Who requested an operation on a guest from this host.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 namespace vexa::guests {
 
 struct Requester {
-  std::string user;     // "" when it is not known
+  std::string user;     // "" when unknown
   std::string host_id;  // the host that sent the request
   std::string request_id;
 };
