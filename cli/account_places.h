@@ -35,8 +35,8 @@ enum class MissingStore { kRefuse, kCreate };
 // kNotFound, kDenied or kInvalid when the file cannot be read.
 Result<AccountPlaces> PlacesInConfiguration(const std::string& path);
 
-// The daemon's store. kNotFound when there is none and `missing` refuses, and never creates one then; kDenied when
-// another account owns it; kBusy when a daemon runs; kUnavailable when this host had a store there, and it is gone.
+// The daemon's store. kNotFound when it does not exist and `missing` refuses; kDenied when another account owns it;
+// kBusy when a daemon runs; kUnavailable when this host had a store there that is gone.
 Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing);
 
 // The accounts in it, after an account file of an older version has been taken over. What the file's people should know

@@ -41,7 +41,7 @@ bool IsInPath(const std::string& program) {
   return false;
 }
 
-// A command for the shell; "" when there is none.
+// A command for the shell; "" when absent.
 std::string EditorCommand() {
   for (const char* variable : {"VISUAL", "EDITOR"}) {
     if (std::string command = Variable(variable); !command.empty()) return command;
@@ -134,7 +134,7 @@ class HeldSignals {
   ::_exit(127);
 }
 
-// Waits for the editor. Returns the signal that asked this process to end meanwhile; 0 if there was none.
+// Waits for the editor. Returns the signal that asked this process to end meanwhile; 0 without a signal.
 int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
   constexpr timespec kLook{0, 200'000'000};
   int received = 0;

@@ -28,7 +28,7 @@ void Keep(const std::string& text) {
   }
 }
 
-// The requested changes, checked; or an exit code when there are none to send.
+// The requested changes, checked; or an exit code when nothing is to be sent.
 struct Wanted {
   Json::Value parameters;
   std::string text;

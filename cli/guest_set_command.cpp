@@ -142,7 +142,7 @@ Json::Value WithGuest(Json::Value parameters, const NamedGuest& guest) {
   return parameters;
 }
 
-// The element with this id in a list of the reply to "get"; null when there is none.
+// The element with this id in a list of the reply to "get"; null when absent.
 const Json::Value& PartOf(const Json::Value& guest, const char* list, const char* id_member, const std::string& id) {
   const Json::Value& parts = VexaVirtualization::json::Elements(Member(guest, list));
   for (Json::ArrayIndex i = 0; i < parts.size(); ++i) {

@@ -66,7 +66,7 @@ Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const
   return parts;
 }
 
-// The state as every reader of the guest sees it: the live one, otherwise the record's. "" when there is none. An
+// The state as every reader of the guest sees it: the live one, otherwise the record's. "" when absent. An
 // invalid one is an error, because the record's may be long outdated.
 Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string& id, StoredGuest& stored) {
   const auto value = snapshot.Get(cluster::LiveStateKey(id));
@@ -97,7 +97,7 @@ class NameIndex {
     return {};
   }
 
-  // The id of a guest other than `id` with the name `name`; "" when there is none.
+  // The id of a guest other than `id` with the name `name`; "" when absent.
   std::string FindOtherByName(const std::string& name, const std::string& id) const {
     const auto [first, last] = ids_.equal_range(name);
     for (auto it = first; it != last; ++it) {

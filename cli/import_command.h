@@ -75,7 +75,7 @@ struct StoredPart {
   store::Revision revision = 0;
 };
 
-// A guest's record and live state in the store; revision 0 when there is none.
+// A guest's record and live state in the store; revision 0 when absent.
 struct StoredGuest {
   store::Revision revision = 0;
   Json::Value record;

@@ -41,7 +41,7 @@ Status AddLogEntry(store::Store& store, LogEntry entry);
 
 struct LogPage {
   std::vector<LogEntry> entries;  // newest first
-  std::string next;               // the cursor of the page with the entries before these; empty: there are none
+  std::string next;               // the cursor of the page with the entries before these; empty: no older entries
 };
 
 // The newest entries before `cursor`, or of the whole log when it is empty; at most `limit` (1 to kMaxLogPage) of them.

@@ -16,7 +16,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
-// The object of a host under `key`; null when there is none. A damaged one reads as empty: it says nothing about its
+// The object of a host under `key`; null when absent. A damaged one reads as empty: it says nothing about its
 // host, and must not hide the states of the others.
 Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view key) {
   const Result<Record> record = ReadRecord(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key}));

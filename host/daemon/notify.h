@@ -5,7 +5,7 @@
 
 namespace vexa::daemon {
 
-// Sends `state` ("READY=1", "STOPPING=1") to the socket that $NOTIFY_SOCKET names. Does nothing when there is none. A
+// Sends `state` ("READY=1", "STOPPING=1") to the socket that $NOTIFY_SOCKET names. Does nothing when that is not set. A
 // failure is ignored, because the manager notices it by its own time-out.
 void NotifyServiceManager(std::string_view state);
 

@@ -41,7 +41,7 @@ std::optional<std::uint64_t> BytesPerUnit(std::string_view unit);
 // exceeds 64 bits.
 std::optional<std::uint64_t> MemoryBytes(pugi::xml_node element);
 
-// The path in an <nvram> of <os>; "" when there is none or it is not a file.
+// The path in an <nvram> of <os>; "" when absent or not a file.
 std::string NvramPath(pugi::xml_node nvram);
 
 // "aa:bb:cc:dd:ee:ff" in lower case; empty when `text` is not a unicast address.

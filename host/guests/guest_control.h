@@ -110,8 +110,8 @@ class GuestControl {
   // Not set: the guest does not run here, or the hypervisor cannot be asked.
   virtual std::optional<RunningGuest> Running(const std::string& guest_id) = 0;
 
-  // Whether the hypervisor can be reached, and its version as three numbers ("7.2.19", "" when it is unknown or there
-  // is none), both as last known: the call never waits.
+  // Whether the hypervisor can be reached, and its version as three numbers ("7.2.19", or
+  // "" when unknown), both as last known: the call never waits.
   virtual bool IsControllable() const { return true; }
   virtual std::string HypervisorVersion() const { return ""; }
 

@@ -70,7 +70,7 @@ std::string BridgeOf(const GuestInterface& interface, NetworkLinks& links) {
   return links.IsSwitchPort(named, target).value_or(true) ? named : "";
 }
 
-// The id of the record of the host's interface `name`; "" when there is none.
+// The id of the record of the host's interface `name`; "" when absent.
 Result<std::string> FindNic(const store::Snapshot& snapshot, const std::string& host_id, const std::string& name) {
   const std::string prefix = NicsKey(host_id);
   const auto ids = snapshot.Children(prefix);

@@ -22,7 +22,7 @@ namespace vexa::guests {
 struct NicPlace {
   std::string mac;
   std::string bridge_name;
-  std::string port;  // the host's interface that leads outside; "" when there is none
+  std::string port;  // the host's interface that leads outside; "" when absent
 };
 
 // Not set: the interface is not plugged in. The host's end according to the kernel takes precedence over libvirt's

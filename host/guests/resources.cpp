@@ -120,7 +120,7 @@ class Rater {
     const std::size_t count = std::min(guest_.records.nics.size(), kMaxNics);
     for (std::size_t i = 0; i < count; ++i) {
       const Json::Value& member = json::Member(guest_.records.nics[i].second, "network_name");
-      // Anything except a text does not name a network, so there is none to find.
+      // Anything except a text does not name a network, so nothing can match.
       if (!member.isNull() && !member.isString()) {
         Refuse(kNoNetwork, "The network of the interface " + Quoted(guest_.records.nics[i].first) + " is no name.");
         continue;

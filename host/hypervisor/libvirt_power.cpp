@@ -18,7 +18,7 @@ constexpr std::uint64_t kKib = 1024;
 constexpr std::chrono::seconds kMaxWaitForStart{5};
 constexpr std::chrono::seconds kMaxWaitForKilledStart{10};
 
-// The name of a bridge that the guest needs and this machine does not have; empty when there is none.
+// The name of a bridge that the guest needs and this machine does not have; empty when absent.
 std::string MissingBridge(virDomainPtr domain) {
   const TextHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
   pugi::xml_document document;

@@ -22,7 +22,7 @@ class Machine {
 
   // Not set: the file does not exist, cannot be read, or is larger than 4 MiB.
   std::optional<std::string> Read(const std::string& path) const;
-  // The first line as a text that is safe for JSON and a screen, "" when there is none; see CleanText.
+  // The first line as a text that is safe for JSON and a screen, "" when absent; see CleanText.
   std::string ReadLine(const std::string& path) const;
   std::optional<std::uint64_t> ReadNumber(const std::string& path) const;
   bool IsFolder(const std::string& path) const;

@@ -59,7 +59,7 @@ std::vector<std::string> NamesIn(const std::string& folder) {
   return names;
 }
 
-// The first line; "" when there is none.
+// The first line; "" when absent.
 std::string Attribute(const std::string& path) {
   const Result<std::string> text = ReadFile(path, kMaxAttribute);
   return text ? text->substr(0, text->find('\n')) : std::string();

@@ -47,7 +47,7 @@ class NetworkLinks {
   bool IsSwitchedOn(const std::string& name) const;
   bool HasCarrier(const std::string& name) const;
   BridgeKind KindOf(const std::string& name);
-  // The bridge, bond or switch that has the interface as a port; "" when there is none.
+  // The bridge, bond or switch that has the interface as a port; "" when absent.
   std::string MasterOf(const std::string& name) const;
   // Whether `port` is on this bridge of the switch. Not set: only the switch knows, and it cannot be asked.
   std::optional<bool> IsSwitchPort(const std::string& bridge, const std::string& port);

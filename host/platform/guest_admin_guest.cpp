@@ -31,7 +31,7 @@ using PrincipalKey = std::pair<std::string, std::uint32_t>;  // kind and id
 
 std::string NameOf(const tagGuestAdminRule& rule) { return rule.name.empty() ? std::to_string(rule.id) : rule.name; }
 
-// This host's name for the user or group; empty when there is none, or when it is unknown.
+// This host's name for the user or group; empty when absent, or when it is unknown.
 std::string KnownName(const base::AccountProvider& accounts, const PrincipalKey& principal) {
   if (principal.first == kUsersKind) {
     const auto user = accounts.FindUserByUid(principal.second);

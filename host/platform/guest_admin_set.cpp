@@ -16,7 +16,7 @@ namespace {
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::Rule;
 
-// What this host calls the user or group; empty when there is none.
+// What this host calls the user or group; empty when absent.
 Result<std::string> NameOf(const base::AccountProvider* accounts, const GuestAdminOwner& principal) {
   if (accounts == nullptr) return std::string();
   std::optional<Error> error;

@@ -58,7 +58,7 @@ struct AccountIndex {
   std::unordered_set<std::uint32_t> damaged_groups;
   std::optional<Error> damage;  // of one of the records
 
-  // By name, ignoring case; null when there is none.
+  // By name, ignoring case; null when absent.
   const Account* FindUser(std::string_view name) const;
   const base::Group* FindGroup(std::string_view name) const;
 
@@ -68,7 +68,7 @@ struct AccountIndex {
   void RemoveGroup(std::uint32_t gid);
 };
 
-// The revision of the accounts; 0 when there are none. Errors: those of the store.
+// The revision of the accounts; 0 without accounts. Errors: those of the store.
 Result<store::Revision> AccountRevision(const store::Snapshot& snapshot);
 
 // Errors: those of the store; kCorrupt when /accounts/state cannot be parsed.

@@ -25,7 +25,7 @@ using std::chrono::system_clock;
 constexpr Json::Int64 kLastSecond =
     std::chrono::duration_cast<std::chrono::seconds>(system_clock::duration::max()).count();
 
-// Null when there is none or it is damaged: that says nothing about the host.
+// Null when absent or damaged: that says nothing about the host.
 Result<Record> ReadIntact(const std::string& key) {
   Result<Record> record = ReadRecord(key);
   if (!record && record.error().code() == ErrorCode::kCorrupt) return Record();

@@ -15,7 +15,7 @@
 namespace vexa::cluster {
 
 struct StoredObject {
-  store::Revision revision = 0;  // 0: there is none
+  store::Revision revision = 0;  // 0: absent
   Json::Value record{Json::objectValue};
 };
 

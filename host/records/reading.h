@@ -42,12 +42,12 @@ class CallScope {
   std::optional<RequestScope> own_;
 };
 
-// The parsed record under `key`; null when there is none. Errors: those of the store, kCorrupt, and kUnavailable
+// The parsed record under `key`; null when absent. Errors: those of the store, kCorrupt, and kUnavailable
 // without an environment.
 Result<Record> ReadRecord(std::string_view key);
 
 // The same, as a value owned by the caller and not put into the cache: for passes over many records that are not read
-// again soon. Not set: there is none.
+// again soon. Not set: absent.
 Result<std::optional<Json::Value>> ReadOnce(std::string_view key);
 
 // Whether there is a value under `key`, valid or not.

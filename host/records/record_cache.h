@@ -31,7 +31,7 @@ class RecordCache {
   // same `reader` count as one reader; each call with 0 counts as a separate one.
   Result<Record> Parse(std::string_view key, const store::ValueView& value, std::uint64_t reader = 0);
 
-  // The cached record of this key and revision; null when there is none. Counts as a read, as above.
+  // The cached record of this key and revision; null when absent. Counts as a read, as above.
   Record Find(std::string_view key, store::Revision revision, std::uint64_t reader = 0);
 
   // The estimated size of the cached records.

@@ -8,7 +8,7 @@
 
 namespace vexa::cluster {
 
-// The revision that wrote the value under `key`; 0 when there is none. Errors: those of the store, and kUnavailable
+// The revision that wrote the value under `key`; 0 when absent. Errors: those of the store, and kUnavailable
 // without an environment.
 Result<store::Revision> RevisionOf(std::string_view key);
 

@@ -40,7 +40,7 @@ std::vector<FolderCondition> ProbeFolders(const std::vector<std::string>& folder
 // or may not be read.
 bool IsFailure(int error_number);
 
-// The worst of the conditions, without a time. `before` is the state found last, "" when there was none: an exceeded
+// The worst of the conditions, without a time. `before` is the state found last, "" the first time: an exceeded
 // limit counts until the use is two points below it, so that the state does not flap.
 std::optional<StorageTrouble> WorstTrouble(const std::vector<FolderCondition>& conditions, const SpaceLimits& limits,
                                            std::string_view before);

@@ -94,7 +94,7 @@ class MirroredStore final : public Store {
   std::thread thread_;
 };
 
-// Whether a store may be opened in `primary_directory`. kUnavailable when there is none although this host has a copy
+// Whether a store may be opened in `primary_directory`. kUnavailable when it has no store although this host has a copy
 // of one in `mirror_directory`: a folder that is not mounted looks empty, and an empty store would be created in it.
 Status CheckPrimaryIsThere(const std::string& primary_directory, const std::string& mirror_directory);
 

@@ -35,7 +35,7 @@ class Snapshot {
   // The revision of the last commit that this snapshot contains.
   virtual Revision revision() const = 0;
 
-  // The value of `key`. An empty optional when there is none, also for a key that can never exist (empty, too long).
+  // The value of `key`. An empty optional when absent, also for a key that can never exist (empty, too long).
   virtual Result<std::optional<ValueView>> Get(std::string_view key) const = 0;
 
   // The distinct next path segments below `prefix`, decoded, in byte order of their encoded form. `prefix` is a path
@@ -95,7 +95,7 @@ class Store {
   // its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
-  // The changes after `from` at or below `prefix`. Waits up to `timeout` when there are none, then returns an empty
+  // The changes after `from` at or below `prefix`. Waits up to `timeout` for the first one, then returns an empty
   // batch. Commits of other processes are seen as well, within 100 ms. Very many changes come in several batches.
   virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
 

@@ -202,7 +202,7 @@ TEST_P(HypervisorContract, Machine_HasFigures) {
   EXPECT_LE(*free >> 20, node->memory_mib);
 }
 
-// Of two that start or stop a guest at the same time, one does it and the other is told that it is done.
+// Of two that start or stop a guest at the same time, one does it and the other learns that it is done.
 TEST_P(HypervisorContract, TwoThreads_OnOneGuest_OneOfThemDoesIt) {
   const std::string id = Define(1);
   constexpr int kRounds = 3;

@@ -49,7 +49,7 @@ class StoreContract : public testing::TestWithParam<StoreFactory> {
 // Short forms for tests. Each fails the test when the store answers with an error.
 Revision Put(Store& store, const std::string& key, const std::string& text);
 Revision Erase(Store& store, const std::string& key);
-std::string TextOf(const Store& store, const std::string& key);  // "(absent)" when there is none
+std::string TextOf(const Store& store, const std::string& key);  // "(absent)" when absent
 Revision RevisionOf(const Store& store, const std::string& key);
 std::unique_ptr<Snapshot> ReadOf(const Store& store);
 

@@ -31,7 +31,7 @@ Connection Connect(const std::string& uri) {
   return Connection(virConnectOpenAuth(uri.c_str(), virConnectAuthPtrDefault, 0));
 }
 
-// The result of `call` for the domain; `otherwise` when there is none.
+// The result of `call` for the domain; `otherwise` when it does not exist.
 template <class T>
 T CallOnDomain(const std::string& uri, const std::string& id, T otherwise, const std::function<T(virDomainPtr)>& call) {
   const Connection connection = Connect(uri);

@@ -20,7 +20,7 @@
 namespace vexa::test {
 namespace {
 
-// Set in the process that has the namespaces, or says why there are none.
+// Set in the process that has the namespaces, or says why it has none.
 constexpr const char* kEntered = "VEXA_TEST_NETWORKS";
 constexpr const char* kRefused = "VEXA_TEST_NO_NETWORKS";
 

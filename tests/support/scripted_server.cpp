@@ -90,7 +90,7 @@ class ScriptedServer::Impl {
     thread_ = std::thread([this] { Serve(); });
   }
 
-  // Whether `fd` becomes ready before the server is told to stop.
+  // Whether `fd` becomes ready before the server has to stop.
   bool WaitFor(int fd, short events) {
     std::array<pollfd, 2> polled{{{stop_, POLLIN, 0}, {fd, events, 0}}};
     while (::poll(polled.data(), polled.size(), -1) < 0) {

@@ -70,7 +70,7 @@ class Accounts : public CliTest {
     return store::MakeKey({"dash", "guest_admin", identifier, "object"});
   }
 
-  // The record's text, "" when there is none.
+  // The record's text, "" when absent.
   std::string RecordOf(const std::string& identifier) const {
     const auto store = OpenStore();
     const auto snapshot = store->Read();

@@ -36,7 +36,7 @@ class GuestSetHttp : public GuestSetGround {
 struct BadMember {
   const char* list;
   const char* good;  // an element without fault
-  const char* bad;   // one whose only fault is the one that is told
+  const char* bad;   // one whose only fault is the reported one
   const char* line;  // with "%u" for the index
 };
 
@@ -246,7 +246,7 @@ TEST_F(GuestSetHttp, LongLists_AreRefusedSoon) {
   ExpectRefused(list("vdisks_del", kGoodDiskId, 15'000), 909);
   ExpectRefused(list("vnics_del", "{}", 100'000), 401);
   ExpectRefused(list("vdisks_add", R"({"vdisk_size":1})", 65), 411);
-  // Rules of nobody: the guest is edited, and all of them are told in one entry that is bounded.
+  // Rules for unknown principals: the guest is edited, and one bounded log entry reports them all.
   EXPECT_EQ(Code(list("guest_privilege", R"({"uid":4294967295,"name":"nobody"})", 20'000)), 1001);
   EXPECT_EQ(NewestText(),
             "Failed to configure permission settings for the user [nobody] on the virtual machine [web].");

@@ -203,7 +203,7 @@ TEST_F(GuestSetMatrix, TheIdItself_IsLookedAtBeforeTheRights) {
     for (const char* wrong : {"7", "null", "true", "[]", "{}", "\"\"", "\"web\"", "\"../8f14e45f\"", "[\"x\"]"}) {
       ExpectRefusal(role, Member("guest_id", wrong).insert(0, "{") + "}", 401);
     }
-    // Nobody's guest: who may all is told by the host, others learn nothing.
+    // A guest that does not exist: administrators get the host's answer, others learn nothing.
     const Answer answer = Set(role.name, Body("", kNobody));
     EXPECT_EQ(answer.code, role.may_all ? 909 : 409);
   }

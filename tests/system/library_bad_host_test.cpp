@@ -20,7 +20,7 @@ using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
 constexpr const char* kBad = "other-host";
 constexpr const char* kUntouched = "untouched";
 
-// How a host is asked, and what is told when it does not answer.
+// How a host is called, and what is reported when it does not answer.
 struct Question {
   const char* name;
   void (*ask_in_vain)();

@@ -27,7 +27,7 @@ seconds AgeOf(system_clock::time_point seen, system_clock::time_point now) {
   return std::max(std::chrono::duration_cast<seconds>(now - seen), seconds(0));
 }
 
-// The host that has the guest; empty when there is none, or when that cannot be read.
+// The host that has the guest; empty when absent, or when that cannot be read.
 std::string HolderOf(const std::string& guest_id) {
   const Result<cluster::Record> run = cluster::ReadRecord(guests::RunKey(guest_id));
   if (!run || !*run) return {};

@@ -79,7 +79,7 @@ class Deletion {
   // The guests with deletions that this host has started, and has in progress or could not finish. Empty when they
   // cannot be read.
   std::vector<std::string> Begun() const;
-  // Removes only leftovers; cheap when there are none. Obstacles are logged when they are new.
+  // Removes only leftovers; cheap without leftovers. Obstacles are logged when they are new.
   void RemoveLeftovers();
 
  private:

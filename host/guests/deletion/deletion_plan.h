@@ -33,7 +33,7 @@ struct DeletionPlan {
 // those of the store.
 Result<DeletionPlan> PlanDeletion(const store::Snapshot& snapshot, const std::string& guest_id);
 
-// The same for a guest without a record: that it has none, and what may be left of it.
+// The same for a guest whose record is gone: compares that it still is, and removes what may be left of the guest.
 Result<DeletionPlan> PlanGoneGuest(const store::Snapshot& snapshot, const std::string& guest_id);
 
 }  // namespace vexa::guests

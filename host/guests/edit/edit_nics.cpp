@@ -35,7 +35,7 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// The network's name according to another interface that is in it. "": there is none.
+// The network's name according to another interface that is in it. "": unknown.
 Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::string& network_id) {
   std::string name;
   const Status scanned = snapshot.Scan(

@@ -59,7 +59,7 @@ Refusal DeletedByOther(const StoredDeletion& deletion);
 // The files that hosts have left for this one, by the guest's id.
 std::string LeftoverKey(const std::string& host_id, const std::string& guest_id);
 struct StoredLeftover {
-  store::Revision revision = 0;                   // 0: there is none
+  store::Revision revision = 0;                   // 0: absent
   std::string repository_id;                      // "" when unknown
   std::optional<std::vector<std::string>> paths;  // not set: it is damaged
 };

@@ -97,7 +97,7 @@ class ImportOnStore : public ::testing::Test {
     ASSERT_TRUE(store_->Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}).ok());
   }
 
-  // "" when there is none.
+  // "" when absent.
   std::string Text(const std::string& key) {
     const auto snapshot = store_->Read();
     EXPECT_TRUE(snapshot.ok());

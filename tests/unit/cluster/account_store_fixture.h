@@ -44,7 +44,7 @@ class AccountStoreTest : public testing::Test {
   }
 
   void Put(const std::string& key, const std::string& text) { (void)test::Require(real_->Commit({{}, {{key, text}}})); }
-  // "absent" when there is none.
+  // "absent" when it does not exist.
   std::string Text(const std::string& key) const {
     const auto snapshot = test::Require(real_->Read());
     const auto value = test::Require(snapshot->Get(key));

@@ -64,7 +64,7 @@ class GuestControlTest : public ::testing::Test {
     ASSERT_TRUE(started) << started.error().ToString();
     control_ = std::move(*started);
   }
-  // What a kill leaves: nothing is told to anybody.
+  // What a kill leaves: nothing is cleaned up or reported.
   void Kill() { control_.reset(); }
 
   static std::string State(const std::string& id = kGuest) {

@@ -110,7 +110,7 @@ Json::Value RandomEdit(const Json::Value& guest, const store::Store& store, std:
                        int number) {
   const auto below = [&](unsigned limit) { return static_cast<int>(random() % limit); };
   Json::Value edit(Json::objectValue);
-  // By which it is told whether the edit is there.
+  // Shows whether the edit was made.
   edit["desc"] = std::to_string(random());
   edit["vcpu_num"] = 1 + below(8);
   if (below(2)) edit["name"] = "client " + std::to_string(client) + " " + std::to_string(number);

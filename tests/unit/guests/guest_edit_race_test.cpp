@@ -185,7 +185,7 @@ TEST_F(RacedEdit, EditsOfOtherHosts_AreNotTakenUp) {
   EXPECT_EQ(ground_.Images(), images_);
 }
 
-// Its answer is lost on the way: the commit is made, and a failure is what is told.
+// Its answer is lost on the way: the commit is made, and the caller sees a failure.
 class ForgetfulStore : public store::Store {
  public:
   ForgetfulStore(std::shared_ptr<store::Store> base, std::string text)

@@ -384,7 +384,7 @@ class RandomEdits : public GuestControlTest {
     return chosen.code;
   }
 
-  // What is stored of guests, their parts and what is being done with them; not what is told of running ones.
+  // What is stored of guests, their parts and what is being done with them; without the live states of running ones.
   Texts Stored() {
     Texts texts;
     const auto snapshot = test::Require(host_.store().Read());

@@ -465,7 +465,7 @@ TEST_F(TestMode, Reconnect_OpensAgainAndTells) {
   hypervisor_->Reconnect();
   ASSERT_TRUE(events_.AwaitReopenings(1));
   EXPECT_TRUE(hypervisor_->IsConnected());
-  // The test driver has forgotten all guests; what is restored works and is told as before.
+  // The test driver has forgotten all guests; what is restored works and reports as before.
   EXPECT_THAT(*hypervisor_->List(), IsEmpty());
   ASSERT_EQ(Word(hypervisor_->Define(Xml())), "ok");
   Start();

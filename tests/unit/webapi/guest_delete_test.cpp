@@ -1,4 +1,4 @@
-// Guest::Delete: who may, which host is asked, and what is told.
+// Guest::Delete: who may, which host is called, and what the reply says.
 #include "tests/unit/json/spoiled_json.h"
 #include "tests/unit/webapi/guest_action_ground.h"
 #include "webapi/guest/guest.h"

@@ -60,7 +60,7 @@ struct HostFailure {
   int host_code;
   std::string action;
   int answer;
-  std::string line;  // "" when users are told nothing
+  std::string line;  // "" when nothing is logged for users
 };
 std::ostream& operator<<(std::ostream& out, const HostFailure& row) { return out << row.action << row.host_code; }
 

@@ -1,5 +1,5 @@
-// Every node of every good reply and record, replaced by every kind of value: nothing throws, and what is told is told
-// in its form.
+// Every node of every good reply and record, replaced by every kind of value: nothing throws, and what is reported is
+// reported in its form.
 #include <functional>
 #include <vector>
 

@@ -11,7 +11,7 @@
 
 namespace vexa::test {
 
-// A line of the system log without the position: "utils:12 text" becomes "utils: text". As it is when there is none.
+// A line of the system log without the position: "utils:12 text" becomes "utils: text". Unchanged without one.
 inline std::string WithoutPosition(const std::string& line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string::npos) return line;
