@@ -35,8 +35,8 @@ bool IsInPath(const std::string& program) {
   const std::string path = Variable("PATH");
   for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
     end = path.find(':', begin);
-    const std::string folder = path.substr(begin, end == std::string::npos ? end : end - begin);
-    if (!folder.empty() && ::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
+    const std::filesystem::path folder = path.substr(begin, end == std::string::npos ? end : end - begin);
+    if (!folder.empty() && ::access((folder / program).c_str(), X_OK) == 0) return true;
   }
   return false;
 }
@@ -199,7 +199,7 @@ Result<Edited> RunEditor(const std::string& text) {
   Result<std::string> content = ReadFile(file, kMaxEditedBytes);
   if (edited.signal != 0) {
     edited.end = Edited::End::kInterrupted;
-    edited.text = content ? std::move(*content) : text;
+    edited.text = content ? std::move(content).value() : text;
   } else if (!is_well) {
     edited.end = Edited::End::kGivenUp;
     edited.why = DescribeExit(status);

@@ -74,7 +74,7 @@ Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string
   if (!value->has_value()) return TextMember(stored.record, "state");
   stored.live_revision = (*value)->revision;
   const Result<Json::Value> live = ParseJson((*value)->text);
-  if (live && live->isString() && *live != "") return live->asString();
+  if (live && live->isString() && !live->asString().empty()) return live->asString();
   return Error(ErrorCode::kCorrupt, "The live state of the guest '" + id + "' cannot be read");
 }
 

@@ -28,7 +28,7 @@ Error UnknownUser(const std::string& name) {
 
 // For an account that was not found: the damaged record may be about it.
 Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
-  return accounts.damage ? Unavailable(*accounts.damage) : error;
+  return accounts.damage ? Unavailable(*accounts.damage) : std::move(error);
 }
 
 Status CheckNewUser(const AccountStore::NewUser& user) {

@@ -138,7 +138,7 @@ Problem Translate(Operation operation, const virError& error) {
 }
 
 Failure LastFailure(Operation operation, std::string message) {
-  const virErrorPtr error = virGetLastError();
+  const virError* const error = virGetLastError();
   if (error == nullptr || error->code == VIR_ERR_OK) {
     return {Problem::kFailed, std::move(message), "libvirt does not say why"};
   }

@@ -103,9 +103,11 @@ int vgConfHostGet(const std::string& guest_id, std::string& host) {
   const auto record = ReadGuest(guest_id);
   if (!record) return kFailed;
   const Json::Value& found = json::Member(*record, keys::host_id);
-  if (found.isNull() || found == "") return kNoHost;
+  if (found.isNull()) return kNoHost;
   if (!found.isString()) return kFailed;
-  host = json::String(found);
+  std::string id = json::String(found);
+  if (id.empty()) return kNoHost;
+  host = std::move(id);
   return 0;
 }
 
@@ -118,7 +120,8 @@ int vgConfRepoHostIdGet(const std::string& guest_id, std::string& host) {
   const auto record = vexa::cluster::ReadObject(DashCate::Repository.name(), json::String(repository));
   if (!record) return kFailed;
   const Json::Value& found = json::Member(**record, keys::host_id);
-  if (!found.isString() || found == "") return kFailed;
-  host = json::String(found);
+  std::string id = json::String(found);  // empty for anything but a string
+  if (id.empty()) return kFailed;
+  host = std::move(id);
   return 0;
 }

@@ -16,7 +16,6 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
-using std::chrono::system_clock;
 using VexaCCC::DB::DashCate;
 
 constexpr char kStorage[] = "storage";

@@ -131,6 +131,7 @@ void CheckHostResource(std::chrono::seconds patience, const Call& call) {
   if (host_ids.empty()) host_ids.push_back(VexaCCC::DB::DBLocalhostID());
   std::ranges::sort(host_ids);
   std::vector<std::string> names;
+  names.reserve(host_ids.size());
   for (const std::string& host_id : host_ids) names.push_back(NameOf(host_id));
 
   VexaDRCore::Request request;

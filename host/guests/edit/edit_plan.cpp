@@ -158,8 +158,9 @@ void CheckTogether(EditedGuest& edited) {
   const Json::Value& guest = edited.guest.record;
   const Json::Value* const version = json::FindMember(guest, keys::usb_version);
   const Json::Value& devices = json::Elements(json::Member(guest, keys::usbs));
-  const bool has_device = std::any_of(devices.begin(), devices.end(),
-                                      [](const Json::Value& device) { return device != kUnmounted && device != ""; });
+  const bool has_device = std::any_of(devices.begin(), devices.end(), [](const Json::Value& device) {
+    return device != kUnmounted && !json::String(device).empty();
+  });
   if ((Asks(edited, keys::usbs) || Asks(edited, keys::usb_version)) && has_device && version && version->isInt64() &&
       json::Int64(*version) == 0) {
     edited.Refuse(kNoUsbPort, "The guest has no USB controller ('usb_version' is 0), and USB devices");
