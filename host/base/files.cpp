@@ -9,22 +9,10 @@
 #include <filesystem>
 #include <vector>
 
+#include "host/base/descriptor.h"
+
 namespace vexa {
 namespace {
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 ErrorCode CodeOf(int error_number) {
   switch (error_number) {
@@ -69,7 +57,7 @@ bool WriteAll(int fd, std::string_view content) {
 Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes) {
   // O_NONBLOCK: a FIFO in place of the file must not block the caller.
   if (HasNul(path)) return NulInPath();
-  const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (fd.get() < 0) return Failed("open", path, errno);
   struct stat info {};
   if (::fstat(fd.get(), &info) != 0) return Failed("read", path, errno);
@@ -92,10 +80,10 @@ Status WriteFileAtomically(const std::string& path, std::string_view content, mo
   if (HasNul(path)) return NulInPath();
   const std::string folder = std::filesystem::path(path).parent_path().string();
   // Opened first: after the rename, only the sync itself can still fail.
-  const FileDescriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.get() < 0) return Failed("open the folder of", path, errno);
   std::string temporary = path + ".XXXXXX";
-  const FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
+  const Descriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
   if (fd.get() < 0) return Failed("create a file beside", path, errno);
   const bool written = WriteAll(fd.get(), content) && ::fchmod(fd.get(), mode) == 0 && ::fsync(fd.get()) == 0 &&
                        ::rename(temporary.c_str(), path.c_str()) == 0;

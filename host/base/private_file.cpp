@@ -9,6 +9,8 @@
 #include <ctime>
 #include <vector>
 
+#include "host/base/descriptor.h"
+
 namespace vexa {
 namespace {
 
@@ -29,20 +31,6 @@ Error Failed(const std::string& path, int error_number) {
       return SystemError(ErrorCode::kInternal, "Cannot read '" + path + "'", error_number);
   }
 }
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 FileStamp StampFrom(const struct stat& info) {
   return {info.st_dev, info.st_ino, info.st_size, info.st_mode, info.st_uid, info.st_mtim, info.st_ctim};

@@ -11,25 +11,10 @@
 #include <string_view>
 #include <utility>
 
+#include "host/base/descriptor.h"
+
 namespace vexa {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Whether `path` is a slash followed by names that are separated by single slashes.
 bool IsPlain(std::string_view path) {

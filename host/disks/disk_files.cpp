@@ -12,27 +12,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "host/base/descriptor.h"
 #include "host/base/log_text.h"
 
 namespace vexa::guests {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // The meaning of an error number from a step on the way to a file.
 Error LookupError(const std::string& path, int error_number) {

@@ -9,22 +9,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "host/base/descriptor.h"
+
 namespace vexa::hypervisor {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 class Mapping {
  public:

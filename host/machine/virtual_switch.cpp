@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "host/base/descriptor.h"
 #include "host/base/json_parse.h"
 #include "json/readers.h"
 
@@ -48,20 +49,6 @@ BackOff& SwitchBackOff() {
   static BackOff back_off;
   return back_off;
 }
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
 
 // Finds the end of a JSON object in a stream without separators between messages.
 class ObjectEnd {

@@ -8,31 +8,19 @@
 #include <cstddef>
 #include <utility>
 
+#include "host/base/descriptor.h"
+
 namespace vexa::store {
 namespace {
 
 constexpr std::size_t kHeadBytes = 4096;
 
-// Closes itself. Closing any descriptor of a file drops the process's POSIX locks on it; LMDB has none on this file.
-class Descriptor {
- public:
-  Descriptor(const std::string& path, int flags) : fd_(::open(path.c_str(), flags | O_RDONLY | O_CLOEXEC)) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
-
 // Reads the head from the disk, bypassing the cache where the file system allows it. 0 or errno(3).
 int ReadHead(const std::string& path) {
   alignas(kHeadBytes) char head[kHeadBytes];
   for (const int flags : {O_DIRECT, 0}) {
-    const Descriptor file(path, O_NOFOLLOW | flags);
+    // Closing a descriptor of a file drops the process's POSIX locks on it; LMDB has none on this file.
+    const Descriptor file(::open(path.c_str(), flags | O_NOFOLLOW | O_RDONLY | O_CLOEXEC));
     const int failed_open = file.get() < 0 ? errno : 0;
     const ssize_t got = failed_open == 0 ? ::pread(file.get(), head, sizeof head, 0) : -1;
     if (got == static_cast<ssize_t>(sizeof head)) return 0;
