@@ -271,6 +271,35 @@ TEST_F(Mirrored, ReadersAndWriters_WhilePrimaryComesAndGoes_SeeWholeStates) {
   (void)DumpOfMirror();
 }
 
+// A folder that is not mounted, or an old one, must not replace the last copy of the right database.
+TEST_F(Mirrored, EmptyOrOlderDatabaseInThePlaceOfThePrimary_IsRefused) {
+  ASSERT_TRUE(Caught());
+  store_.reset();
+  EXPECT_TRUE(CheckPrimaryIsNotOlder(*primary_, Folder()).ok()) << "as old as its copy";
+  const LmdbOptions small{folder_.path() + "/other", std::size_t{1} << 20, 10};
+  const auto other = OpenLmdbStore(small);
+  ASSERT_TRUE(other.ok());
+  for (const char* expected : {"an empty one", "an older one"}) {
+    const Status refused = CheckPrimaryIsNotOlder(**other, Folder());
+    ASSERT_FALSE(refused.ok()) << expected;
+    EXPECT_EQ(refused.error().code(), ErrorCode::kConflict);
+    EXPECT_THAT(refused.error().ToString(), HasSubstr("remove the folder '" + Folder() + "'"));
+    Put(**other, "/a", "1");
+  }
+  Put(*primary_, "/a", "newer than the copy");
+  EXPECT_TRUE(CheckPrimaryIsNotOlder(*primary_, Folder()).ok());
+}
+
+TEST_F(Mirrored, WithoutAReadableCopy_NoDatabaseIsTooOld) {
+  ASSERT_TRUE(Caught());
+  store_.reset();
+  const auto empty = OpenLmdbStore({folder_.path() + "/other", std::size_t{1} << 20, 10});
+  ASSERT_TRUE(empty.ok());
+  EXPECT_TRUE(CheckPrimaryIsNotOlder(**empty, folder_.path() + "/no-copy").ok());
+  std::ofstream(Folder() + "/data.mdb", std::ios::trunc) << "no database";
+  EXPECT_TRUE(CheckPrimaryIsNotOlder(**empty, Folder()).ok());
+}
+
 TEST(PrimaryFolder, WithoutADatabaseWhereOneWas_IsRefused) {
   const TemporaryFolder folder;
   const std::string primary = folder.path() + "/primary";
