@@ -1,13 +1,13 @@
 #include "host/cache/cache_refresher.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <syslog.h>
 
 #include <algorithm>
 #include <exception>
 #include <system_error>
 
+#include "host/base/background_thread.h"
 #include "host/cache/cache_entry.h"
 #include "host/records/reading.h"
 
@@ -112,19 +112,13 @@ void CacheRefresher::Stop() {
   if (thread.joinable()) thread.join();
 }
 
-// Signals are left to the threads that handle them.
 void CacheRefresher::StartThread() {
-  sigset_t all;
-  sigset_t before;
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
   try {
-    thread_ = std::thread([this] { Run(); });
+    thread_ = StartWithoutSignals([this] { Run(); });
     ::pthread_setname_np(thread_.native_handle(), "caches");
   } catch (const std::system_error& error) {
     ::syslog(LOG_ERR, "The thread that refreshes caches cannot be started: %s", error.what());
   }
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void CacheRefresher::Run() {

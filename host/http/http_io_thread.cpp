@@ -1,13 +1,13 @@
 #include "host/http/http_io_thread.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <syslog.h>
 
 #include <boost/asio/post.hpp>
 #include <exception>
 #include <utility>
 
+#include "host/base/background_thread.h"
 #include "host/http/http_connection.h"
 #include "host/http/http_reply.h"
 
@@ -38,18 +38,7 @@ IoThread::~IoThread() {
 }
 
 void IoThread::Start() {
-  // Signals are handled by the daemon's own threads. SIGPIPE in particular, because TLS writes with write(2).
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  try {
-    thread_ = std::thread([this] { Run(); });
-  } catch (...) {
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    throw;
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  thread_ = StartWithoutSignals([this] { Run(); });
 }
 
 void IoThread::Join() {

@@ -1,9 +1,9 @@
 #include "host/hypervisor/event_loop.h"
 
 #include <pthread.h>
-#include <csignal>
 #include <thread>
 
+#include "host/base/background_thread.h"
 #include "host/hypervisor/handles.h"
 #include "host/hypervisor/libvirt_errors.h"
 
@@ -25,14 +25,8 @@ Outcome<void> Start() {
   if (virInitialize() != 0 || virEventRegisterDefaultImpl() != 0) {
     return LastFailure(Operation::kOpen, "Cannot use libvirt");
   }
-  // Signals belong to the threads of the program that wait for them.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
   // It ends with the process: other parts' connections may still need it when main has returned.
-  std::thread(Run).detach();
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  StartWithoutSignals(Run).detach();
   return {};
 }
 

@@ -1,7 +1,6 @@
 #include "host/transport/http_pool.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/background_thread.h"
 #include "host/transport/curl_loop.h"
 #include "host/transport/http_transfer.h"
 
@@ -26,20 +26,13 @@ constexpr std::chrono::milliseconds kPauseAfterFault{50};
 
 using Transfers = std::vector<std::unique_ptr<HttpTransfer>>;
 
-// The thread blocks all signals, including SIGPIPE, which OpenSSL's writes would raise.
-std::thread StartWithoutSignals(const std::function<void()>& body) {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread thread;
+// Not joinable when the system has no thread to give.
+std::thread TryStart(const std::function<void()>& body) {
   try {
-    thread = std::thread(body);
+    return StartWithoutSignals(body);
   } catch (const std::system_error&) {
-    // Not joinable, which shows the failure.
+    return {};
   }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return thread;
 }
 
 }  // namespace
@@ -76,7 +69,7 @@ class HttpPool::Impl {
     if (!IsOurs()) return transfer->Fail("this process was forked from the one that talks to hosts");
     std::unique_lock lock(mutex_);
     if (loop_ && !stopping_ && !thread_.joinable()) {
-      thread_ = StartWithoutSignals([this] { Run(); });
+      thread_ = TryStart([this] { Run(); });
     }
     const bool stopping = stopping_;
     if (stopping || !thread_.joinable()) {

@@ -1,7 +1,6 @@
 #include "host/api/user/guest_links.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "host/base/background_thread.h"
 #include "host/records/live_state.h"
 #include "host/records/reading.h"
 #include "host/records/revisions.h"
@@ -145,19 +145,13 @@ void LinkWatcher::Stop() {
   if (thread.joinable()) thread.join();
 }
 
-// Signals are left to the threads that handle them.
 void LinkWatcher::StartThread() {
-  sigset_t all;
-  sigset_t before;
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
   try {
-    thread_ = std::thread([this] { Run(); });
+    thread_ = StartWithoutSignals([this] { Run(); });
     ::pthread_setname_np(thread_.native_handle(), "links");
   } catch (const std::system_error& error) {
     ::syslog(LOG_ERR, "The thread that finds out the links of guests cannot be started: %s", error.what());
   }
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void LinkWatcher::Run() {
