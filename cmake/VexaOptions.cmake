@@ -11,11 +11,13 @@ set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1 -DNDEBUG")
 set(VEXA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 option(VEXA_FUZZ "Build the fuzz targets with libFuzzer (clang only) in place of a run over their corpus" OFF)
 
+# ccache(1), "Precompiled headers" and "Compiling in different directories". A precompiled header has the path of its
+# build folder in it; the checksum that vexa_precompile writes is the same in every clone.
 find_program(VEXA_CCACHE ccache)
 if(VEXA_CCACHE)
-  # ccache(1), "Precompiled headers".
   set(CMAKE_CXX_COMPILER_LAUNCHER
-    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${VEXA_CCACHE})
+    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_PCH_EXTSUM=1 CCACHE_NOHASHDIR=1
+    CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} ${VEXA_CCACHE})
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2 -Wundef -Werror)
@@ -64,12 +66,27 @@ if(VEXA_SANITIZE MATCHES "undefined")
   list(APPEND VEXA_TESTS_ONLY -fno-sanitize=undefined)
 endif()
 
+# vexa_precompile(TARGET HEADER...): precompiles the headers for the target, and for others with REUSE_FROM.
+function(vexa_precompile target)
+  target_precompile_headers(${target} PRIVATE ${ARGN})
+  # What ccache compares in place of the precompiled header: a checksum of the text that it is made from.
+  set(precompiled ${CMAKE_CURRENT_BINARY_DIR}/CMakeFiles/${target}.dir/cmake_pch.hxx.gch)
+  list(TRANSFORM ARGN REPLACE "(.+)" "#include \\1\n" OUTPUT_VARIABLE includes)
+  string(CONCAT includes ${includes})
+  file(WRITE ${precompiled}.cpp "${includes}")
+  list(TRANSFORM JSONCPP_INCLUDE_DIRS PREPEND -I OUTPUT_VARIABLE folders)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -std=c++20 ${folders} -E -P ${precompiled}.cpp
+    OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
+  string(SHA256 checksum "${text}")
+  file(WRITE ${precompiled}.sum "${checksum}")
+endfunction()
+
 # What most sources include, read once. Not in the debug build, which clang-tidy reads: there a source that lacks an
 # include must not compile.
 if(NOT VEXA_FUZZ AND (VEXA_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo"))
   set(VEXA_HEADERS vexa_headers)
   add_library(vexa_headers STATIC ${CMAKE_SOURCE_DIR}/cmake/headers.cpp)
-  target_precompile_headers(vexa_headers PRIVATE
+  vexa_precompile(vexa_headers
     <json/value.h> <algorithm> <chrono> <functional> <map> <memory> <mutex> <optional> <set> <string> <variant> <vector>)
   target_link_libraries(vexa_headers PRIVATE PkgConfig::JSONCPP)
 endif()
@@ -89,7 +106,7 @@ endfunction()
 function(vexa_test_headers)
   add_executable(vexa_test_headers ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
   target_compile_options(vexa_test_headers PRIVATE ${VEXA_TESTS_ONLY})
-  target_precompile_headers(vexa_test_headers PRIVATE
+  vexa_precompile(vexa_test_headers
     <gmock/gmock.h> <gtest/gtest.h> <json/value.h> <chrono> <functional> <map> <memory> <set> <string> <thread> <vector>)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
 endfunction()
