@@ -120,7 +120,8 @@ int vgConfRepoHostIdGet(const std::string& guest_id, std::string& host) {
   const auto record = vexa::cluster::ReadObject(DashCate::Repository.name(), json::String(repository));
   if (!record) return kFailed;
   const Json::Value& found = json::Member(**record, keys::host_id);
-  std::string id = json::String(found);  // empty for anything but a string
+  if (!found.isString()) return kFailed;
+  std::string id = json::String(found);
   if (id.empty()) return kFailed;
   host = std::move(id);
   return 0;

@@ -47,7 +47,7 @@ TEST_F(AccountCommands, List_IsATableOrTheArray) {
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output,
               AllOf(StartsWith("USER "), HasSubstr("alice"), HasSubstr("  yes "), HasSubstr("users, administrators"),
-                    HasSubstr("b\\x1b[31mob"), HasSubstr("  no "), Not(HasSubstr("\x1b"))));
+                    HasSubstr("b\\x1b[31mob"), HasSubstr("  no\n"), Not(HasSubstr("\x1b"))));
   const auto json = ParseJson(RunOn(host, {"user", "list", "--json"}).output);
   ASSERT_TRUE(json.ok());
   EXPECT_TRUE(json->isArray());
