@@ -114,10 +114,11 @@ endfunction()
 # Like ld a part of binutils, and three times as fast with many static libraries and their debug information.
 find_program(VEXA_GOLD ld.gold)
 
-# vexa_test(NAME [ONE_THREAD] SOURCES... LINK ... [LABELS ...] [TIMEOUT s]): one GoogleTest program, run by CTest as one
-# test. ONE_THREAD: it never has a second thread, so the build for the thread sanitizer leaves it out.
+# vexa_test(NAME [ONE_THREAD] SOURCES... LINK ... [TIMEOUT s]): one GoogleTest program, run by CTest as one test. Its label
+# is its folder below tests/: unit, contract, system or regress. ONE_THREAD: it never has a second thread, so the build for
+# the thread sanitizer leaves it out.
 function(vexa_test name)
-  cmake_parse_arguments(arg "ONE_THREAD" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
+  cmake_parse_arguments(arg "ONE_THREAD" "TIMEOUT" "SOURCES;LINK" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 300)
   endif()
@@ -133,7 +134,9 @@ function(vexa_test name)
     return()
   endif()
   add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+  cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY ${CMAKE_SOURCE_DIR}/tests OUTPUT_VARIABLE label)
+  string(REGEX REPLACE "/.*" "" label ${label})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})
 endfunction()
 
 # vexa_fuzz(NAME SOURCES... LINK ...): one fuzz target, the program NAME_fuzz, whose corpus is fuzz/corpus/NAME. CTest
