@@ -7,8 +7,8 @@
 #include "host/base/log_text.h"
 #include "host/guests/deletion/deletion_job.h"
 #include "host/guests/deletion/leftovers.h"
+#include "host/guests/jobs/begun_jobs.h"
 #include "host/guests/jobs/deletion_record.h"
-#include "host/store/key.h"
 
 namespace vexa::guests {
 namespace {
@@ -16,32 +16,10 @@ namespace {
 constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
 
-Result<std::optional<StoredDeletion>> ReadOne(const store::Store& store, const std::string& guest_id) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  return ReadDeletion(**snapshot, guest_id);
-}
-
-Result<std::vector<std::string>> ReadGuestIds(const store::Store& store) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  return (*snapshot)->Children(store::MakeKey({"deletion"}));
-}
-
-void LogNotFinished(const std::string& guest_id, const std::string& reason) {
-  ::syslog(LOG_ERR, "The deletion of guest[%s] that was begun is not finished: %s",
-           cluster::LogText(guest_id, kShownId).c_str(), cluster::LogText(reason, kShownReason).c_str());
-}
-
-void FinishOne(const DeletionOptions& options, const std::string& guest_id) {
-  const auto stored = ReadOne(*options.store, guest_id);
-  if (!stored) return LogNotFinished(guest_id, stored.error().ToString());
-  if (!*stored) return;
-  if (!(*stored)->record) return LogNotFinished(guest_id, "the record of it is damaged and is left as it is");
-  if ((*stored)->record->host_id != options.host_id) return;
-  if (const Refused refused = DeletionJob(options, guest_id).Resume(**stored)) {
-    LogNotFinished(guest_id, refused->reason);
-  }
+ResumeJob ResumeDeletion(const DeletionOptions& options) {
+  return [&options](const std::string& guest_id, const StoredJob& begun) {
+    return DeletionJob(options, guest_id).Resume(begun);
+  };
 }
 
 }  // namespace
@@ -51,28 +29,15 @@ Refused Deletion::Delete(const std::string& guest_id, const Requester& requester
 }
 
 void Deletion::FinishAll() {
-  const auto ids = ReadGuestIds(*options_.store);
-  if (!ids) {
-    ::syslog(LOG_ERR, "Deletions that were begun cannot be finished: %s", ids.error().ToString().c_str());
-  } else {
-    for (const std::string& id : *ids) FinishOne(options_, id);
-  }
+  FinishJobs(*options_.store, kDeletionKind, options_.host_id, ResumeDeletion(options_));
   RemoveLeftovers();
 }
 
-void Deletion::Finish(const std::string& guest_id) { FinishOne(options_, guest_id); }
-
-std::vector<std::string> Deletion::Begun() const {
-  std::vector<std::string> begun;
-  const auto ids = ReadGuestIds(*options_.store);
-  if (!ids) return begun;
-  for (const std::string& id : *ids) {
-    const auto stored = ReadOne(*options_.store, id);
-    const bool is_ours = stored && *stored && (*stored)->record && (*stored)->record->host_id == options_.host_id;
-    if (is_ours) begun.push_back(id);
-  }
-  return begun;
+void Deletion::Finish(const std::string& guest_id) {
+  FinishJob(*options_.store, kDeletionKind, options_.host_id, guest_id, ResumeDeletion(options_));
 }
+
+std::vector<std::string> Deletion::Begun() const { return BegunJobs(*options_.store, kDeletionKind, options_.host_id); }
 
 // Called repeatedly, so the same problem is not logged each time.
 void Deletion::RemoveLeftovers() {

@@ -21,42 +21,24 @@
 // are those of its disks and the one with its UEFI variables ("nvram" in its record).
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/base/refusal.h"
-#include "host/disks/disk_files.h"
+#include "host/guests/jobs/job_options.h"
 #include "host/guests/jobs/requester.h"
-#include "host/storage/storage_watch.h"
-#include "host/store/store.h"
 
 namespace vexa::guests {
 
-struct DeletionOptions {
-  std::shared_ptr<store::Store> store;
-  std::string host_id;  // of this host
-  // Folders that contain the files of guests' disks. Only regular files below them are removed, and none that another
-  // record names (disk_users.h); all others are left in place, with a line in the system log.
-  std::vector<std::string> image_roots;
-  // Checks that the folders of files are still the same. Null: they always are.
-  std::shared_ptr<StorageWatch> storage;
-  // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that is unknown. Not set: guests cannot run
-  // here.
-  std::function<Refused(const std::string& guest_id)> refuse_active;
+// Files that must not be removed are left in place, with a line in the system log.
+struct DeletionOptions : JobOptions {
   // Whether another host is alive and so has to delete the guests of its repositories itself. Not set: there is no
   // other live host.
   std::function<bool(const std::string& host_id)> is_alive;
-  std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
-  // Called before each step (every commit, rename, sync of a folder and removal) with a name that is unique within one
-  // deletion; for tests that stop there.
-  std::function<void(std::string_view step)> before_step;
-  FileCalls file_calls;  // tests replace those of the system
 };
 
 // Threads: any, at the same time; of two deletions of one guest, the second is refused as busy.

@@ -42,23 +42,13 @@ DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
     if (!committed && committed.error().code() == ErrorCode::kConflict) break;
     if (!committed) return Refuse(FailedBecause(committed.error()));
     if (refused) return Refuse(std::move(*refused));
-    if (!unseen) return TakeBegun();
+    if (!unseen) {
+      Refused lost = job_.TakeBegun();
+      return lost ? Refuse(std::move(*lost)) : Outcome::kReady;
+    }
     if (Refused not_now = LookInto(std::move(*unseen))) return Refuse(std::move(*not_now));
   }
-  return Refuse({kBusy, "The guest's record keeps changing"});
-}
-
-DeletionJob::Outcome DeletionJob::TakeBegun() {
-  const auto now = ReadNow();
-  if (!now) {
-    LogFailure("It is taken up again later: " + now.error().ToString());
-    return Refuse(FailedBecause(now.error()));
-  }
-  if (!*now || (*now)->text != DeletionText(record_)) {
-    return Refuse({kBusy, "Somebody else has changed the record of the guest's deletion"});
-  }
-  revision_ = (*now)->revision;
-  return Outcome::kReady;
+  return Refuse(KeepsChanging());
 }
 
 // Nothing to commit when it is refused, or when the files of the plan have not been examined yet (`unseen`).
@@ -87,19 +77,10 @@ Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Re
     return store::Transaction();
   }
   plan_ = std::move(plan);
-  record_ = DeletionRecord();
-  record_.host_id = options_.host_id;
-  record_.user = cluster::LogText(requester.user, kStoredName);
-  record_.request_id = cluster::LogText(requester.request_id, kStoredName);
-  record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
-  record_.files = selection_.files;
-  record_.repository_id = plan_->repository_id;
-  record_.storage = storage_;
   store::Transaction transaction;
   transaction.compares = {{RunKey(guest_id_), run_revision_}, plan_->compares.front()};
-  CompareFree(transaction, guest_id_, {GuestLock::kRun});
-  transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(record_)});
-  Step("commit hiding");
+  CompareFree(transaction, guest_id_, {GuestLock::kRun, GuestLock::kDeletion});
+  job_.AddIntent(requester, {{}, selection_.files, {}, plan_->repository_id, storage_}, transaction);
   return transaction;
 }
 
@@ -136,12 +117,11 @@ bool DeletionJob::IsSeen(const DeletionPlan& plan) const {
 // Whether it may continue, and which files exist.
 Refused DeletionJob::LookInto(DeletionPlan plan) {
   cluster::RequestScope::ReleaseSnapshot();
-  if (Refused active = RefuseActive()) return active;
+  if (Refused active = job_.RefuseActive()) return active;
   const bool is_remote = !plan.repository_host_id.empty() && plan.repository_host_id != options_.host_id;
-  if (options_.storage && !is_remote) {
-    std::vector<std::string> paths;
-    for (const NamedFile& file : plan.files) paths.push_back(file.path);
-    if (Refused storage = options_.storage->Refuse(plan.repository_id, paths, StorageUse::kExisting)) return storage;
+  if (!is_remote) {
+    const std::vector<std::string> paths = PathsOf(plan.files);
+    if (Refused storage = job_.RefuseStorage(plan.repository_id, paths, StorageUse::kExisting)) return storage;
   }
   const Status selected = SelectFor(std::move(plan));
   if (!selected) return FailedBecause(selected.error());
@@ -155,7 +135,7 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
   selection_ = Selection();
   if (IsRemote()) return {};
   Result<Selection> selection =
-      SelectFiles(guest_id_, plan_->files, plan_->images, Question(), disk_files_, *options_.store);
+      SelectFiles(guest_id_, plan_->files, plan_->images, Question(), job_.disk_files(), *options_.store);
   if (!selection) {
     plan_.reset();
     return selection.error();
@@ -170,9 +150,8 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
 }
 
 // Determines what is left to do of a deletion that was started earlier.
-DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
-  record_ = *begun.record;
-  revision_ = begun.revision;
+DeletionJob::Outcome DeletionJob::TakeUp(const StoredJob& begun) {
+  const std::vector<HiddenFile>& begun_files = begun.record->files.hidden;
   std::optional<Result<DeletionPlan>> plan;
   {
     const auto snapshot = options_.store->Read();
@@ -184,7 +163,7 @@ DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   if (!*plan && !IsAboutRecord(plan->error())) return Refuse(FailedBecause(plan->error()));
   if (!*plan) return Undo({kUnreadable, plan->error().ToString()}, Outcome::kRefused);
   if (is_gone_) {
-    for (const HiddenFile& file : record_.files) (*plan)->files.push_back({(*plan)->files.size(), file.path});
+    for (const HiddenFile& file : begun_files) (*plan)->files.push_back({(*plan)->files.size(), file.path});
   }
   const Status selected = SelectFor(std::move(**plan));
   if (!selected) return Undo(FailedBecause(selected.error()), Outcome::kRefused);
@@ -192,7 +171,7 @@ DeletionJob::Outcome DeletionJob::TakeUp(const StoredDeletion& begun) {
   std::erase_if(selection_.notes, [](const std::string& note) { return note.starts_with("there is no file"); });
   if (!is_gone_ && !FitsRecord()) return Undo({kBusy, "The guest's record was changed"}, Outcome::kChanged);
   for (HiddenFile& file : selection_.files) {
-    file.hidden = std::ranges::find(record_.files, file.path, &HiddenFile::path)->hidden;
+    file.hidden = std::ranges::find(begun_files, file.path, &HiddenFile::path)->hidden;
   }
   return Outcome::kReady;
 }
@@ -203,11 +182,12 @@ bool DeletionJob::FitsRecord() const {
   for (const NamedFile& file : plan_->files) {
     if (std::optional<std::string> path = NormalPath(file.path)) named.insert(std::move(*path));
   }
+  const std::vector<HiddenFile>& recorded = job_.record().files.hidden;
   const bool is_all_named =
-      std::ranges::all_of(record_.files, [&](const HiddenFile& file) { return named.contains(file.path); });
+      std::ranges::all_of(recorded, [&](const HiddenFile& file) { return named.contains(file.path); });
   const bool is_all_known =
-      std::ranges::all_of(selection_.files, [&](const HiddenFile& file) { return IsAmong(record_.files, file.path); });
-  return is_all_named && is_all_known && !(IsRemote() && !record_.files.empty());
+      std::ranges::all_of(selection_.files, [&](const HiddenFile& file) { return IsAmong(recorded, file.path); });
+  return is_all_named && is_all_known && !(IsRemote() && !recorded.empty());
 }
 
 }  // namespace vexa::guests

@@ -1,5 +1,4 @@
 // The point of no return of a deletion: the commit that deletes the guest's records, and the checks before it.
-#include <map>
 #include <set>
 #include <utility>
 
@@ -13,21 +12,14 @@
 #include "host/store/key.h"
 
 namespace vexa::guests {
-namespace {
-
-// How often the search for other users of the files is repeated while records come to name files.
-constexpr int kSearches = 8;
-
-}  // namespace
 
 // Passes the point of no return, or returns to the beginning.
 DeletionJob::Outcome DeletionJob::CommitRecords() {
-  for (int search = 0; search < kSearches; ++search) {
+  for (int search = 0; search < kFileSearches; ++search) {
     const Outcome outcome = CommitOnce();
     if (outcome != Outcome::kOutdated) return outcome;
   }
-  return Undo({kBusy, "Other records keep naming files, so that nobody knows which are the guest's own: try again"},
-              Outcome::kRefused);
+  return Undo(FilesKeepChanging(), Outcome::kRefused);
 }
 
 DeletionJob::Outcome DeletionJob::CommitOnce() {
@@ -37,40 +29,30 @@ DeletionJob::Outcome DeletionJob::CommitOnce() {
   const Result<bool> wanted = AreFilesNamedByOthers();
   if (!wanted) return SettleFailedCommit(wanted.error());
   const Outcome again = is_gone_ ? Outcome::kRefused : Outcome::kChanged;
-  if (*wanted) return Undo({kBusy, "Other records keep naming the guest's files"}, again);
+  if (*wanted) return Undo(FilesKeepBeingNamed(), again);
   std::optional<Outcome> instead;
   const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
   if (!committed) return SettleFailedCommit(committed.error());
   if (instead == Outcome::kOutdated) return *instead;
-  if (instead == Outcome::kChanged) return Undo({kBusy, "The guest's record keeps changing"}, again);
+  if (instead == Outcome::kChanged) return Undo(KeepsChanging(), again);
   if (instead) return Lost();
   LogNotes();
-  Purge();
+  job_.Purge(RefuseStorage());
   return Outcome::kDeleted;
 }
 
 // Whether a record added since the files were selected names one of them. Checked before the commit, which must be
 // quick and compares that no other record has been added since.
 Result<bool> DeletionJob::AreFilesNamedByOthers() {
-  if (record_.files.empty()) return false;
-  const Result<store::Revision> revision = FilesRevision(*options_.store);
-  if (!revision) return revision.error();
-  files_revision_ = *revision;
-  std::map<std::string, SoughtFile> files;
-  for (const auto& [path, hidden] : record_.files) {
-    const auto look = disk_files_.Examine(path.substr(0, path.rfind('/') + 1) + hidden);
-    if (!look) return look.error();
-    files.emplace(path, SoughtFile{look->identity, hidden});
-  }
-  const auto named = FindFileUsers(*options_.store, Question(), files);
-  if (!named) return named.error();
-  return !named->empty();
+  if (job_.record().files.hidden.empty()) return false;
+  if (const Status begun = job_.BeginSearch(); !begun) return begun.error();
+  const Result<SoughtFiles> files = job_.SeekHidden();
+  if (!files) return files.error();
+  return job_.AreNamed(*files, Question());
 }
 
 FileQuestion DeletionJob::Question() const {
-  FileQuestion question;
-  question.host_id = options_.host_id;
-  question.except_disks = plan_->disks;
+  FileQuestion question = job_.Question(plan_->disks);
   question.guest = is_gone_ ? FileQuestion::Guest::kGone : FileQuestion::Guest::kLeaving;
   question.guest_id = guest_id_;
   return question;
@@ -84,30 +66,28 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
   {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
-    const auto now = ReadDeletion(**snapshot, guest_id_);
-    if (!now) return now.error();
+    const Result<bool> is_ours = job_.IsOurs(**snapshot);
+    if (!is_ours) return is_ours.error();
     Result<DeletionPlan> plan = PlanAgain(**snapshot);
     if (!plan) return plan.error();
     // A guest that reappears under the id of a deleted one is another guest.
     const bool is_same = is_gone_
                              ? plan->compares.front().revision == 0
                              : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
-    const bool is_ours = *now && (*now)->revision == revision_;
-    if (!is_ours || !is_same) {
-      instead = is_ours ? Outcome::kChanged : Outcome::kRefused;
+    if (!*is_ours || !is_same) {
+      instead = *is_ours ? Outcome::kChanged : Outcome::kRefused;
       return store::Transaction();
     }
     transaction.compares = std::move(plan->compares);
     transaction.operations = std::move(plan->removals);
     plan_->notes = std::move(plan->notes);
-    if (!record_.files.empty()) {
-      const Result<store::Revision> files_revision = FilesRevision(**snapshot);
-      if (!files_revision) return files_revision.error();
-      if (*files_revision != files_revision_) {
+    if (!job_.record().files.hidden.empty()) {
+      const Result<bool> is_current = job_.CompareFiles(FilesRevision(**snapshot), transaction);
+      if (!is_current) return is_current.error();
+      if (!*is_current) {
         instead = Outcome::kOutdated;
         return store::Transaction();
       }
-      transaction.compares.push_back({FilesKey(), *files_revision});
     }
     const Status left_over = AddLeftover(**snapshot, transaction);
     if (!left_over) return left_over.error();
@@ -120,11 +100,7 @@ Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& inste
     const Status grants = RemoveGrants(**snapshot, transaction);
     if (!grants) return grants.error();
   }
-  DeletionRecord purging = record_;
-  purging.stage = DeletionStage::kPurging;
-  transaction.compares.push_back({DeletionKey(guest_id_), revision_});
-  transaction.operations.push_back({DeletionKey(guest_id_), DeletionText(purging)});
-  Step("commit records");
+  job_.AddPurging(transaction);
   return transaction;
 }
 

@@ -3,13 +3,11 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
-#include <vector>
 
-#include "host/disks/disk_files.h"
 #include "host/guests/deletion/deletion.h"
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/jobs/deletion_record.h"
+#include "host/guests/jobs/file_job.h"
 
 namespace vexa::guests {
 
@@ -22,7 +20,7 @@ class DeletionJob {
   Refused Start(const Requester& requester);
 
   // Resumes a deletion that this host had started when it ended. A refusal says why it is not finished, or was undone.
-  Refused Resume(const StoredDeletion& begun);
+  Refused Resume(const StoredJob& begun);
 
  private:
   enum class Outcome {
@@ -37,18 +35,16 @@ class DeletionJob {
   Outcome Begin(const Requester& requester);
   Result<store::Transaction> PlanBegin(const Requester& requester, Refused& refused,
                                        std::optional<DeletionPlan>& unseen);
-  Outcome TakeBegun();
   Result<Refused> RefuseTaken();
   bool IsSeen(const DeletionPlan& plan) const;
   Refused LookInto(DeletionPlan plan);
   Status SelectFor(DeletionPlan plan);
-  Outcome TakeUp(const StoredDeletion& begun);
+  Outcome TakeUp(const StoredJob& begun);
   bool FitsRecord() const;
 
   // deletion_job.cpp: from there to the end. deletion_commit.cpp: the commit in between.
   enum class Begun { kNow, kBefore };
   Outcome GoOn(Begun begun);
-  Refused RefuseActive() const;
   // 949 while the folders of the files are not those that the deletion started with: nothing is known about the files.
   Refused RefuseStorage() const;
   Refused RefuseAlive() const;
@@ -64,34 +60,24 @@ class DeletionJob {
   Result<bool> AddRun(const store::Snapshot& snapshot, store::Transaction& transaction);
   Outcome Lost();
   Outcome SettleFailedCommit(const Error& error);
-  void Purge();
   Outcome Undo(const Refusal& refusal, Outcome outcome);
   Status ShowAll();
-  Status SyncAll(std::string_view step) const;
-  Status RemoveRecord(std::string_view step);
 
   Outcome Refuse(Refusal refusal);
-  Result<std::optional<StoredDeletion>> ReadNow() const;
   Result<bool> GuestExists() const;
   bool IsRemote() const;
-  void Step(std::string_view step) const;
-  void Step(std::string_view step, std::size_t index) const;
   void LogNotes() const;
-  void LogFailure(const std::string& sentence) const;
 
   const DeletionOptions& options_;
   const std::string guest_id_;
-  const DiskFiles disk_files_;
+  FileJob job_;
 
-  std::optional<DeletionPlan> plan_;    // the plan that the files were selected by; not set: not yet
-  bool is_gone_ = false;                // the guest no longer has a record
-  Selection selection_;                 // the files that still have their names
-  Trail storage_;                       // the folders that contain them
-  Notes later_notes_;                   // about deviations from the selection
-  DeletionRecord record_;               // as stored
-  store::Revision revision_ = 0;        // of the stored record
-  store::Revision run_revision_ = 0;    // of the record of the host that has the guest's saved memory
-  store::Revision files_revision_ = 0;  // of FilesKey(), read before the last search
+  std::optional<DeletionPlan> plan_;  // the plan that the files were selected by; not set: not yet
+  bool is_gone_ = false;              // the guest no longer has a record
+  Selection selection_;               // the files that still have their names
+  Trail storage_;                     // the folders that contain them
+  Notes later_notes_;                 // about deviations from the selection
+  store::Revision run_revision_ = 0;  // of the record of the host that has the guest's saved memory
   Refusal refusal_;
 };
 

@@ -2,11 +2,10 @@
 
 #include <syslog.h>
 
-#include <set>
-
 #include "host/base/log_text.h"
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/jobs/deletion_record.h"
+#include "host/guests/jobs/file_job.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 
@@ -73,7 +72,6 @@ class Leftover {
   // `searched`: FilesKey()'s revision from before the search for users of the files. It is checked before each file,
   // because removing a large one takes seconds.
   Status RemoveFiles(const std::vector<HiddenFile>& files, store::Revision searched) const {
-    std::set<std::string> folders;
     Status first_failure;
     for (std::size_t i = 0; i < files.size(); ++i) {
       Step("remove " + std::to_string(i));
@@ -83,13 +81,11 @@ class Leftover {
       const Status removed = disk_files_.Remove(files[i].path);
       if (!removed && removed.error().code() != ErrorCode::kNotFound && first_failure) first_failure = removed;
     }
-    for (const HiddenFile& file : files) {
-      if (!folders.insert(file.path.substr(0, file.path.rfind('/'))).second) continue;
-      Step("sync " + std::to_string(folders.size() - 1));
-      const Status synced = disk_files_.Sync(file.path);
-      if (!synced) return synced;
-    }
-    return first_failure;
+    std::vector<std::string> paths;
+    for (const HiddenFile& file : files) paths.push_back(file.path);
+    const Status synced =
+        SyncFolders(disk_files_, paths, [&](std::size_t index) { Step("sync " + std::to_string(index)); });
+    return synced ? first_failure : synced;
   }
 
   // A key that was written again meanwhile stays for the next time.

@@ -19,43 +19,27 @@
 
 #include <json/value.h>
 
-#include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/base/refusal.h"
-#include "host/disks/disk_files.h"
+#include "host/guests/jobs/job_options.h"
 #include "host/guests/jobs/requester.h"
 #include "host/records/guest_records.h"
-#include "host/storage/storage_watch.h"
-#include "host/store/store.h"
 
 namespace vexa::guests {
 
-struct EditOptions {
-  std::shared_ptr<store::Store> store;
-  std::string host_id;  // of this host
-  // As for deletions. New files are created in "<root>/<repository's id>" of the first root that has such a folder, or
-  // else in a new one below the first root.
-  std::vector<std::string> image_roots;
-  // Checks that the folders of files are still the same. Null: they always are.
-  std::shared_ptr<StorageWatch> storage;
-  // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that is unknown. Not set: guests cannot run
-  // here.
-  std::function<Refused(const std::string& guest_id)> refuse_active;
-  // These three are never called inside a commit or while a snapshot of the store is held.
+// New files are created in "<root>/<repository's id>" of the first of the image roots that has such a folder, or else
+// in a new one below the first root.
+struct EditOptions : JobOptions {
+  // Like refuse_active, these are never called inside a commit or while a snapshot of the store is held.
   // Whether the processors that the edited records request could be dedicated to a guest running on this host. Not set:
   // yes.
   std::function<Refused(const Guest& edited)> rate_pins;
   // Whether there is a file at a path. Not set: always true, as for guests that only pretend to run.
   std::function<bool(const std::string& path)> has_file;
-  std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
-  // Called before each step, as in deletion.h.
-  std::function<void(std::string_view step)> before_step;
-  FileCalls file_calls;
 };
 
 // Threads: any, at the same time, but only one at a time per guest on this host.

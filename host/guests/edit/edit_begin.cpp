@@ -1,24 +1,20 @@
 // The first half of an edit: determines what it changes, and records the intent.
 #include <algorithm>
-#include <map>
 #include <set>
 #include <utility>
 
 #include "host/base/log_text.h"
 #include "host/base/uuid.h"
 #include "host/cluster/mac_address.h"
+#include "host/disks/disk_users.h"
 #include "host/guests/edit/edit_job.h"
 #include "host/records/object_edit.h"
-#include "host/records/run_record.h"
 
 namespace vexa::guests {
 namespace {
 
 // How often the plan's facts are looked up while records change.
 constexpr int kLooks = 64;
-constexpr std::size_t kStoredName = 256;
-
-Refusal KeepsChanging() { return {kBusy, "The guest's record keeps changing"}; }
 
 }  // namespace
 
@@ -49,7 +45,6 @@ Status EditJob::MakeIds() {
 EditJob::Outcome EditJob::Begin(const Requester& requester) {
   facts_ = FileFacts();
   files_.reset();
-  revision_ = 0;
   refusal_ = Refusal{0, ""};
   if (request_.nics_add.size() > hypervisor::kMaxNics) {
     return Refuse({kBadNic, "A guest has at most " + std::to_string(hypervisor::kMaxNics) + " network interfaces"});
@@ -71,16 +66,8 @@ EditJob::Outcome EditJob::Begin(const Requester& requester) {
 
 EditJob::Outcome EditJob::TakeBegun() {
   if (files_->empty()) return Outcome::kDone;
-  const auto now = ReadNow();
-  if (!now) {
-    LogFailure("It is undone later: " + now.error().ToString());
-    return Refuse(FailedBecause(now.error()));
-  }
-  if (!*now || (*now)->text != EditText(record_)) {
-    return Refuse({kBusy, "Somebody else has changed the record of the guest's edit"});
-  }
-  revision_ = (*now)->revision;
-  return Outcome::kBegun;
+  Refused lost = job_.TakeBegun();
+  return lost ? Refuse(std::move(*lost)) : Outcome::kBegun;
 }
 
 // Looks up what the last plan did not know.
@@ -98,22 +85,18 @@ Refused EditJob::LookInto() {
 }
 
 Refused EditJob::RefuseStorage(const FileChanges& files) const {
-  if (!options_.storage) return std::nullopt;
-  std::vector<std::string> paths;
+  std::vector<std::string> paths = PathsOf(files.removed);
   for (const GrownFile& file : files.grown) paths.push_back(file.path);
-  for (const NamedFile& file : files.removed) paths.push_back(file.path);
-  Refused refused = options_.storage->Refuse(files.repository_id, paths, StorageUse::kExisting);
+  Refused refused = job_.RefuseStorage(files.repository_id, paths, StorageUse::kExisting);
   if (refused || files.made.empty()) return refused;
   paths.clear();
   for (const NewFile& file : files.made) paths.push_back(file.path);
-  return options_.storage->Refuse(files.repository_id, paths, StorageUse::kNew);
+  return job_.RefuseStorage(files.repository_id, paths, StorageUse::kNew);
 }
 
 // A commit that reported a failure may have succeeded all the same, and would block every operation on the guest.
 EditJob::Outcome EditJob::SettleFailedBegin(const Error& error) {
-  const auto now = ReadNow();
-  if (!now || !*now || (*now)->text != EditText(record_)) return Refuse(FailedBecause(error));
-  revision_ = (*now)->revision;
+  if (!job_.HasBegunAllTheSame()) return Refuse(FailedBecause(error));
   return Undo(FailedBecause(error), Outcome::kRefused);
 }
 
@@ -134,13 +117,13 @@ Result<store::Transaction> EditJob::PlanBegin(const Requester& requester) {
   if (facts_.IsLacking()) return store::Transaction();
   if (plan->files.empty()) {
     files_ = FileChanges();
-    if (!plan->transaction.operations.empty()) Step("commit");
+    if (!plan->transaction.operations.empty()) job_.Step("commit");
     return std::move(plan->transaction);
   }
-  const auto other = ReadNow();
+  const auto other = job_.ReadNow();
   if (!other) return other.error();
   if (*other) {
-    refusal_ = EditedByOther(**other);
+    refusal_ = HeldByJob(kEditKind, **other);
     return store::Transaction();
   }
   const bool is_active_at_stake = !plan->files.removed.empty() || !plan->files.grown.empty();
@@ -154,43 +137,33 @@ Result<store::Transaction> EditJob::PlanBegin(const Requester& requester) {
     return store::Transaction();
   }
   if (!plan->files.grown.empty()) {
-    const Result<store::Revision> files_revision = FilesRevision(*options_.store);
-    if (!files_revision) return files_revision.error();
-    if (*files_revision != files_revision_) {
+    const Result<bool> is_current = job_.CompareFiles(FilesRevision(*options_.store), plan->transaction);
+    if (!is_current) return is_current.error();
+    if (!*is_current) {
       unseen_ = std::move(plan->files);
       return store::Transaction();
     }
-    plan->transaction.compares.push_back({FilesKey(), *files_revision});
   }
-  return PlanIntent(requester, std::move(plan->transaction));
-}
-
-Result<store::Transaction> EditJob::PlanIntent(const Requester& requester, store::Transaction transaction) {
-  record_.host_id = options_.host_id;
-  record_.user = cluster::LogText(requester.user, kStoredName);
-  record_.request_id = cluster::LogText(requester.request_id, kStoredName);
-  record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
-  record_.stage = EditStage::kDoing;
-  transaction.compares.push_back({EditKey(guest_id_), 0});
-  transaction.operations = {{EditKey(guest_id_), EditText(record_)}};
-  Step("commit doing");
-  return transaction;
+  // The records change after the files.
+  plan->transaction.operations.clear();
+  job_.AddIntent(requester, intent_, plan->transaction);
+  return std::move(plan->transaction);
 }
 
 Status EditJob::SelectFor(const FileChanges& files) {
   files_.reset();
-  record_ = EditRecord();
+  intent_ = FileIntent();
   notes_.clear();
-  for (const NewFile& file : files.made) record_.made.push_back(file.path);
+  for (const NewFile& file : files.made) intent_.made.push_back(file.path);
   if (Status selected = SelectGrown(files); !selected) return selected;
   if (Status selected = SelectRemoved(files); !selected) return selected;
-  std::vector<std::string> paths = record_.made;
-  for (const HiddenFile& file : record_.hidden) paths.push_back(file.path);
-  for (const Growth& growth : record_.grown) paths.push_back(growth.path);
+  std::vector<std::string> paths = intent_.made;
+  for (const HiddenFile& file : intent_.hidden) paths.push_back(file.path);
+  for (const Growth& growth : intent_.grown) paths.push_back(growth.path);
   Result<Trail> storage = TrailOfAll(options_.image_roots, paths);
   if (!storage) return Error(ErrorCode::kInternal, storage.error().ToString());
-  record_.storage = std::move(*storage);
-  record_.repository_id = files.repository_id;
+  intent_.storage = std::move(*storage);
+  intent_.repository_id = files.repository_id;
   files_ = files;
   return {};
 }
@@ -198,27 +171,22 @@ Status EditJob::SelectFor(const FileChanges& files) {
 // A file with other users stays as it is: one of them may be running.
 Status EditJob::SelectGrown(const FileChanges& files) {
   if (files.grown.empty()) return {};
-  const Result<store::Revision> revision = FilesRevision(*options_.store);
-  if (!revision) return revision.error();
-  files_revision_ = *revision;
+  if (Status begun = job_.BeginSearch(); !begun) return begun;
   std::set<std::string> disks = files.removed_disks;
-  std::map<std::string, SoughtFile> found;
+  SoughtFiles found;
   for (const GrownFile& file : files.grown) {
-    Result<Growth> growth = PlanGrowth(disk_files_, file.path, file.format, file.size_mib << 20);
+    Result<Growth> growth = PlanGrowth(job_.disk_files(), file.path, file.format, file.size_mib << 20);
     if (!growth) return growth.error();
-    const Result<DiskFiles::Look> look = disk_files_.Examine(file.path);
-    if (!look) return look.error();
+    Result<SoughtFile> sought = job_.Seek(file.path);
+    if (!sought) return sought.error();
     const bool is_twice =
-        std::ranges::any_of(found, [&](const auto& other) { return other.second.identity == look->identity; });
+        std::ranges::any_of(found, [&](const auto& other) { return other.second.identity == sought->identity; });
     if (is_twice) return Error(ErrorCode::kInvalid, "Two disks have the same file");
-    found.emplace(file.path, SoughtFile{look->identity, ""});
+    found.emplace(file.path, std::move(*sought));
     disks.insert(file.disk_id);
-    record_.grown.push_back(std::move(*growth));
+    intent_.grown.push_back(std::move(*growth));
   }
-  FileQuestion question;
-  question.host_id = options_.host_id;
-  question.except_disks = std::move(disks);
-  const auto others = FindFileUsers(*options_.store, question, found);
+  const auto others = FindFileUsers(*options_.store, job_.Question(std::move(disks)), found);
   if (!others) return others.error();
   if (others->empty()) return {};
   const auto& [path, user] = *others->begin();
@@ -227,13 +195,10 @@ Status EditJob::SelectGrown(const FileChanges& files) {
 
 Status EditJob::SelectRemoved(const FileChanges& files) {
   if (files.removed.empty()) return {};
-  FileQuestion question;
-  question.host_id = options_.host_id;
-  question.except_disks = files.removed_disks;
-  Result<Selection> selection =
-      SelectFiles(guest_id_, files.removed, files.images, question, disk_files_, *options_.store);
+  Result<Selection> selection = SelectFiles(guest_id_, files.removed, files.images, job_.Question(files.removed_disks),
+                                            job_.disk_files(), *options_.store);
   if (!selection) return selection.error();
-  record_.hidden = std::move(selection->files);
+  intent_.hidden = std::move(selection->files);
   notes_ = std::move(selection->notes);
   return {};
 }

@@ -5,7 +5,7 @@
 
 #include "host/base/log_text.h"
 #include "host/guests/edit/edit_plan.h"
-#include "host/guests/jobs/edit_record.h"
+#include "host/guests/jobs/file_intent.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 

@@ -4,19 +4,16 @@
 
 #include <json/value.h>
 
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
-#include <vector>
 
-#include "host/disks/disk_users.h"
 #include "host/guests/edit/edit.h"
 #include "host/guests/edit/edit_facts.h"
 #include "host/guests/edit/edit_plan.h"
 #include "host/guests/edit/edit_request.h"
 #include "host/guests/jobs/edit_record.h"
+#include "host/guests/jobs/file_job.h"
 
 namespace vexa::guests {
 
@@ -29,7 +26,7 @@ class EditJob {
   Refused Start(const Json::Value& edit, const Requester& requester);
 
   // Resumes an edit that this host had started when it ended. A refusal says why it is not finished.
-  Refused Resume(const StoredEdit& begun);
+  Refused Resume(const StoredJob& begun);
 
  private:
   enum class Outcome {
@@ -51,50 +48,35 @@ class EditJob {
   Refused RefuseStorage() const;
   Outcome SettleFailedBegin(const Error& error);
   Result<store::Transaction> PlanBegin(const Requester& requester);
-  Result<store::Transaction> PlanIntent(const Requester& requester, store::Transaction transaction);
   Status SelectFor(const FileChanges& files);
   Status SelectGrown(const FileChanges& files);
   Status SelectRemoved(const FileChanges& files);
   Refused DoFiles();
   Refused DoActiveFiles();
-  Status MakeFile(const NewFile& file);
   Outcome CommitRecords();
   Outcome CommitOnce();
   Result<bool> AreFilesNamedByOthers();
-  Result<bool> IsNamedByOthers(const std::map<std::string, SoughtFile>& files,
-                               std::set<std::string> except_disks) const;
   Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
   Outcome SettleFailedCommit(const Error& error);
-  void Purge();
   Outcome Undo(const Refusal& refusal, Outcome outcome);
   Status UndoFiles();
   Status UndoGrown();
   Status Shrink(const Growth& growth, const std::set<std::string>& own_disks);
-  Status ShowAll();
-  Status UndoMade();
   Result<std::set<std::string>> OwnDisks() const;
-  Status SyncAll(std::string_view step) const;
-  Status RemoveRecord(std::string_view step);
 
   Outcome Refuse(Refusal refusal);
-  Result<std::optional<StoredEdit>> ReadNow() const;
-  void Step(std::string_view step) const;
-  void Step(std::string_view step, std::size_t index) const;
-  void LogFailure(const std::string& sentence) const;
 
   const EditOptions& options_;
   const std::string guest_id_;
-  const DiskFiles disk_files_;
+  FileJob job_;
 
   EditRequest request_;
   NewIds ids_;
   FileFacts facts_;
-  std::optional<FileChanges> files_;   // the changes that record_'s files were selected by; not set: not yet
+  std::optional<FileChanges> files_;   // the changes that intent_ was selected by; not set: not yet
   std::optional<FileChanges> unseen_;  // the changes to select them by
+  FileIntent intent_;
   Notes notes_;
-  EditRecord record_;                   // as stored
-  store::Revision revision_ = 0;        // of the stored record
-  store::Revision files_revision_ = 0;  // of FilesKey(), read before the last search
   Refusal refusal_;
 };
 

@@ -6,6 +6,7 @@
 #include "host/base/log_text.h"
 #include "host/disks/disk_users.h"
 #include "host/domain_xml/domain_build.h"
+#include "host/guests/jobs/deletion_record.h"
 #include "host/records/guest_image.h"
 #include "host/records/keys.h"
 #include "host/records/reading.h"

@@ -10,6 +10,7 @@
 #include "host/guests/edit/edit.h"
 #include "host/guests/edit/edit_facts.h"
 #include "host/guests/edit/edit_request.h"
+#include "host/guests/jobs/file_job.h"
 #include "host/guests/jobs/file_selection.h"
 #include "host/records/object_edit.h"
 #include "host/store/store.h"
@@ -23,12 +24,6 @@ struct NewIds {
   std::vector<std::string> disks;  // one for each of disks_add
 };
 
-struct NewFile {
-  std::string path;
-  hypervisor::ImageFormat format = hypervisor::ImageFormat::kQcow2;
-  std::uint64_t size_mib = 0;
-  bool operator==(const NewFile&) const = default;
-};
 struct GrownFile {
   std::string disk_id;
   std::string path;

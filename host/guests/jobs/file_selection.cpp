@@ -25,6 +25,12 @@ std::optional<std::string> WhyLeft(const std::optional<std::string>& normal, con
 
 }  // namespace
 
+std::vector<std::string> PathsOf(const std::vector<NamedFile>& files) {
+  std::vector<std::string> paths;
+  for (const NamedFile& file : files) paths.push_back(file.path);
+  return paths;
+}
+
 Result<Selection> SelectFiles(const std::string& guest_id, const std::vector<NamedFile>& files,
                               const std::set<std::string>& images, const FileQuestion& question,
                               const DiskFiles& disk_files, const store::Store& store) {

@@ -9,7 +9,7 @@
 #include "host/base/result.h"
 #include "host/disks/disk_files.h"
 #include "host/disks/disk_users.h"
-#include "host/guests/jobs/deletion_record.h"
+#include "host/guests/jobs/file_intent.h"
 #include "host/store/store.h"
 
 namespace vexa::guests {
@@ -28,6 +28,8 @@ struct NamedFile {
   std::string path;       // as in the record
   bool operator==(const NamedFile&) const = default;
 };
+
+std::vector<std::string> PathsOf(const std::vector<NamedFile>& files);
 
 // The named files that are to be removed, with their hidden names.
 struct Selection {

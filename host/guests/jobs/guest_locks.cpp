@@ -38,12 +38,11 @@ Result<bool> IsHeld(const store::Snapshot& snapshot, const std::string& guest_id
 }
 
 Result<Refused> FindJob(const store::Snapshot& snapshot, const std::string& guest_id) {
-  const auto deletion = ReadDeletion(snapshot, guest_id);
-  if (!deletion) return deletion.error();
-  if (*deletion) return Refused(DeletedByOther(**deletion));
-  const auto edit = ReadEdit(snapshot, guest_id);
-  if (!edit) return edit.error();
-  if (*edit) return Refused(EditedByOther(**edit));
+  for (const JobKind* kind : {&kDeletionKind, &kEditKind}) {
+    const auto job = ReadJob(snapshot, *kind, guest_id);
+    if (!job) return job.error();
+    if (*job) return Refused(HeldByJob(*kind, **job));
+  }
   return Refused();
 }
 
