@@ -10,6 +10,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/records/environment.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
@@ -138,7 +139,7 @@ Result<std::optional<std::string>> GuestOfMacAddress(const store::Store& store, 
   const std::string lower = LowerCase(mac);
   const TextFinder finder(lower);
   std::optional<std::string> guest;
-  const std::string prefix = store::MakeKey({"dash", VexaCCC::DB::DashCate::vNic.name()});
+  const std::string prefix = CategoryKey(VexaCCC::DB::DashCate::vNic.name());
   const Status scanned = (*snapshot)->Scan(prefix, [&](std::string_view, const store::ValueView& value) {
     // Parsing every record would take most of the time. A text without the address can only contain it in escaped form.
     if (!finder.IsIn(value.text) && value.text.find('\\') == std::string_view::npos) return true;
