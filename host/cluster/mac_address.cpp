@@ -113,14 +113,6 @@ Result<std::optional<store::Transaction>> PlanReservation(const store::Store& st
   return std::optional(std::move(transaction));
 }
 
-// The request's own snapshot may be what keeps the store from growing.
-Result<store::Revision> CommitWithoutSnapshot(store::Store& store, const store::Transaction& transaction) {
-  Result<store::Revision> committed = store.Commit(transaction);
-  if (committed || committed.error().code() != ErrorCode::kBusy) return committed;
-  RequestScope::ReleaseSnapshot();
-  return store.Commit(transaction);
-}
-
 }  // namespace
 
 MacSource SystemMacSource() {
@@ -163,7 +155,7 @@ Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& sour
     const auto plan = PlanReservation(store, mac, SecondsOf(source.now()));
     if (!plan) return plan.error();
     if (!plan->has_value()) continue;
-    const Result<store::Revision> reserved = CommitWithoutSnapshot(store, **plan);
+    const Result<store::Revision> reserved = store.Commit(**plan);
     if (!reserved && reserved.error().code() == ErrorCode::kConflict) continue;
     if (!reserved) return reserved.error();
     // Only now: a record written before the reservation is seen, and later ones are checked by their writers.

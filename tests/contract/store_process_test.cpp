@@ -16,7 +16,7 @@ namespace {
 using std::chrono::milliseconds;
 
 std::shared_ptr<Store> Open(const std::string& directory) {
-  auto store = OpenLmdbStore({directory, std::size_t{64} << 10, 1000});
+  auto store = OpenLmdbStore({directory, kStoreMapBytes, 1000});
   if (!store.ok()) ADD_FAILURE() << store.error().ToString();
   return store.ok() ? *store : nullptr;
 }
@@ -56,7 +56,7 @@ TEST(StoreProcesses, Readers_InOtherProcesses_SeeWholeTransactions) {
   EXPECT_EQ(first.ReadLine(), "ready");
   EXPECT_EQ(second.ReadLine(), "ready");
   for (int i = 0; i < 300; ++i) {
-    // Ever larger, so that the readers meet maps that have grown elsewhere.
+    // Ever larger, so that the readers meet pages that were written after they opened the store.
     const std::string text = std::to_string(i) + std::string(static_cast<std::size_t>(i) * 100, 'x');
     ASSERT_TRUE(store->Commit({{}, {{"/l", text}, {"/r", text}}}).ok());
   }
@@ -84,12 +84,13 @@ TEST(StoreProcesses, Watch_CommitOfAnotherProcess_IsSeen) {
 
 TEST(StoreProcesses, Map_GrownByAnotherProcess_IsFollowed) {
   const TemporaryFolder folder;
-  const auto store = Open(folder.path());
-  Put(*store, "/a", "1");
+  const auto opened = OpenLmdbStore({folder.path(), std::size_t{1} << 20, 1000});
+  ASSERT_TRUE(opened.ok()) << opened.error().ToString();
+  Put(**opened, "/a", "1");
   Worker worker({"grow", folder.path(), "100"});
   EXPECT_EQ(worker.Wait(), 0);
-  EXPECT_EQ(TextOf(*store, "/grown/99"), std::string(100'000, 'g'));
-  EXPECT_GT(Put(*store, "/b", "1"), 101u);
+  EXPECT_EQ(TextOf(**opened, "/grown/99"), std::string(100'000, 'g'));
+  EXPECT_EQ(ReadOf(**opened)->revision(), 101u);
 }
 
 // What a killed writer acknowledged is there, what it did not is there whole or not at all.
@@ -182,7 +183,7 @@ TEST(StoreProcesses, Fork_ChildOpensForItself_AndParentGoesOn) {
     const bool commit_refused = !store->Commit(from_parent).ok();
     snapshot.reset();
     store.reset();
-    auto own = OpenLmdbStore({folder.path(), std::size_t{64} << 10, 1000});
+    auto own = OpenLmdbStore({folder.path(), kStoreMapBytes, 1000});
     const bool wrote = own.ok() && own.value()->Commit(from_child).ok();
     ::_exit(read_refused && commit_refused && wrote ? 0 : 1);
   }
