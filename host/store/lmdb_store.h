@@ -20,8 +20,8 @@ enum class PlaceCheck {
 // and a container counts those, not the map. 64 GiB are more than ten times what the records of 100,000 guests take,
 // and small beside the 128 TiB of a process on amd64 and the 256 TiB on arm64; a few stores still fit into what a
 // thread sanitizer leaves of it. Only a limit on the address space (`ulimit -v`, LimitAS=) can be in the way.
-static_assert(sizeof(std::size_t) == 8, "A 32-bit process has no address space for the map of a store");
 inline constexpr std::size_t kStoreMapBytes = std::size_t{64} << 30;
+static_assert(sizeof(std::size_t) == 8, "A 32-bit process has no address space for the map of a store");
 
 struct LmdbOptions {
   std::string directory;                    // created (0700) when missing; its files are 0600
