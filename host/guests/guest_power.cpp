@@ -95,7 +95,7 @@ Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Request
       if (!state) return state.failure();
       Step("shutdown: asked");
       ends_by_.Expect(guest_id, {cluster::ShutdownCause::kShutDown, false});
-      Done asked = hypervisor_->ShutDown(guest_id, {});
+      Done asked = hypervisor_->ShutDown(guest_id);
       if (asked) shut_downs_->Begin(guest_id);
       if (!asked) ends_by_.Cancel(guest_id);
       Step("shutdown: done");
@@ -259,7 +259,7 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
 
 bool LibvirtGuestControl::PressAgain(const std::string& guest_id) {
   if (stopping_) return false;
-  const Done pressed = hypervisor_->ShutDown(guest_id, {});
+  const Done pressed = hypervisor_->ShutDown(guest_id);
   if (pressed) return true;
   const Problem problem = pressed.failure().problem();
   return problem != Problem::kNotRunning && problem != Problem::kNoSuchGuest;
