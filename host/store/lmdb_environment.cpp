@@ -1,7 +1,6 @@
 #include "host/store/lmdb_environment.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <thread>
@@ -35,10 +34,6 @@ ReadTransaction::ReadTransaction(ReadTransaction&& other) noexcept
 
 ReadTransaction::~ReadTransaction() {
   if (transaction_ == nullptr) return;
-  if (environment_->IsForked()) {
-    pass_.Forget();
-    return;
-  }
   environment_->GiveBack(transaction_);
   pass_.Leave();
 }
@@ -63,16 +58,9 @@ void WriteTransaction::Abort() {
 }
 
 LmdbEnvironment::LmdbEnvironment(const LmdbOptions& options)
-    : directory_(options.directory),
-      place_check_(options.place_check),
-      generation_(ForkGeneration()),
-      map_bytes_(options.map_bytes) {}
+    : directory_(options.directory), place_check_(options.place_check), map_bytes_(options.map_bytes) {}
 
-LmdbEnvironment::~LmdbEnvironment() {
-  if (!IsForked()) CloseFiles();
-}
-
-bool LmdbEnvironment::IsForked() const { return generation_ != ForkGeneration(); }
+LmdbEnvironment::~LmdbEnvironment() { CloseFiles(); }
 
 Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const LmdbOptions& options) {
   const Result<FolderId> folder = IdOfFolder(options.directory);
@@ -173,7 +161,6 @@ int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
 // Repeats `begin` until it returns 0; `pass` is then for its transaction.
 Result<MDB_txn*> LmdbEnvironment::Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin) {
   for (int attempt = 0;; ++attempt) {
-    if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
     if (Status in_place = InPlace(); !in_place.ok()) return in_place.error();
     pass = gate_.Enter();
     MDB_txn* transaction = nullptr;
@@ -250,7 +237,6 @@ Status LmdbEnvironment::OpenAgain() {
 }
 
 std::uint64_t LmdbEnvironment::LastTransaction() {
-  if (IsForked()) return 0;
   const MapGate::Pass pass = gate_.Enter();
   MDB_envinfo info{};
   if (environment_ == nullptr || mdb_env_info(environment_, &info) != 0) return 0;

@@ -55,8 +55,8 @@ class WriteTransaction {
   MapGate::Pass pass_;
 };
 
-// After a fork, the child must not use its parent's environment: every call returns kUnavailable there, and none of the
-// parent's resources are released. The child must open the folder itself.
+// A forked child must not use it: LMDB's documentation (lmdb.h, "Caveats") allows an environment only in the process
+// that opened it.
 // Threads: any, at the same time.
 class LmdbEnvironment {
  public:
@@ -72,18 +72,17 @@ class LmdbEnvironment {
   MDB_dbi meta() const { return meta_; }
   const std::string& directory() const { return directory_; }
 
-  // Whether the data file is where it was first opened; see StorePlace. After a fork this checks nothing, because
-  // another thread of the parent may have been in the middle of a check.
-  Status InPlace() const { return IsForked() ? Status() : place_->Check(); }
+  // Whether the data file is where it was first opened; see StorePlace.
+  Status InPlace() const { return place_->Check(); }
 
-  // Errors: kBusy (no reader slot), kUnavailable (after a fork, the file is not in its place, or the folder cannot be
+  // Errors: kBusy (no reader slot), kUnavailable (the file is not in its place, or the folder cannot be
   // reopened, maybe because a snapshot of this process stays open), and those of LmdbError.
   Result<ReadTransaction> BeginRead();
   // Waits for the writers of all processes. Errors: those of BeginRead.
   Result<WriteTransaction> BeginWrite();
 
   // Whether a transaction that this thread began is still open.
-  bool ThisThreadIsInside() { return !IsForked() && gate_.ThisThreadIsInside(); }
+  bool ThisThreadIsInside() { return gate_.ThisThreadIsInside(); }
 
   // A number that changes with every commit of any process; 0 when it is unknown.
   std::uint64_t LastTransaction();
@@ -92,7 +91,6 @@ class LmdbEnvironment {
   friend class ReadTransaction;
 
   explicit LmdbEnvironment(const LmdbOptions& options);
-  bool IsForked() const;
   Status OpenFiles();
   Status RememberPlace();
   Status OpenDatabases();
@@ -107,7 +105,6 @@ class LmdbEnvironment {
 
   const std::string directory_;
   const PlaceCheck place_check_;
-  const std::uint64_t generation_;
   const std::size_t map_bytes_;
   std::unique_ptr<const StorePlace> place_;  // does not change once the environment has been returned
   MapGate gate_;

@@ -32,8 +32,7 @@ struct LmdbOptions {
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind. One
 // environment per folder and process: opening a folder that this process already has open returns the same store, with
-// its original options. After fork(2), the child must not use a store of its parent, whose calls return kUnavailable
-// there; it must open the folder itself.
+// its original options. A process forks only while it has no store open, or to exec another program.
 // Errors: kCorrupt (not a store of ours, or a damaged head; deeper damage is found when it is read), kDenied,
 // kNoSpace (the disk is full, or the map does not fit into the address space), kInvalid (no folder given), kConflict (a
 // file is in the folder's place), kInternal.

@@ -1,7 +1,6 @@
 // The embedded store between processes: several at once, killed ones, and full disks.
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+
+#include <signal.h>
 
 #include <random>
 #include <thread>
@@ -164,37 +163,6 @@ TEST(StoreProcesses, Disk_Full_IsReportedAndDamagesNothing) {
   if (code == 77) GTEST_SKIP() << "no right to mount a small disk";
   EXPECT_EQ(code, 0);
   EXPECT_EQ(refusal, "no_space");
-}
-
-TEST(StoreProcesses, Fork_ChildOpensForItself_AndParentGoesOn) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the thread sanitizer allows no work in a forked child";
-#else
-  const TemporaryFolder folder;
-  auto store = Open(folder.path());
-  Put(*store, "/a", "1");
-  auto snapshot = ReadOf(*store);
-  const Transaction from_parent = {{}, {{"/b", "1"}}};
-  const Transaction from_child = {{}, {{"/child", "1"}}};
-  const pid_t child = ::fork();
-  if (child == 0) {
-    // The parent's store answers that it is not ours, and letting go of it takes nothing from the parent.
-    const bool read_refused = !store->Read().ok();
-    const bool commit_refused = !store->Commit(from_parent).ok();
-    snapshot.reset();
-    store.reset();
-    auto own = OpenLmdbStore({folder.path(), kStoreMapBytes, 1000});
-    const bool wrote = own.ok() && own.value()->Commit(from_child).ok();
-    ::_exit(read_refused && commit_refused && wrote ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(snapshot->Get("/a").value()->text, "1");
-  EXPECT_FALSE(snapshot->Get("/child").value().has_value());
-  EXPECT_EQ(TextOf(*store, "/child"), "1");
-  EXPECT_EQ(Put(*store, "/b", "1"), 3u);
-#endif
 }
 
 }  // namespace
