@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -22,17 +21,13 @@ Error InUse(const std::string& data_directory) {
 
 }  // namespace
 
-DataLock::~DataLock() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 Result<DataLock> DataLock::Take(const std::string& data_directory) {
   const std::string path = PathIn(data_directory);
   DataLock lock;
-  lock.fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (lock.fd_ < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + path + "'", errno);
+  lock.fd_ = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (lock.fd_.get() < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + path + "'", errno);
   for (int i = 0; i < kTries; ++i) {
-    if (::flock(lock.fd_, LOCK_EX | LOCK_NB) == 0) return lock;
+    if (::flock(lock.fd_.get(), LOCK_EX | LOCK_NB) == 0) return lock;
     if (errno != EWOULDBLOCK) return SystemError(ErrorCode::kInternal, "Cannot lock '" + path + "'", errno);
     std::this_thread::sleep_for(kBetweenTries);
   }
@@ -42,11 +37,11 @@ Result<DataLock> DataLock::Take(const std::string& data_directory) {
 Status DataLock::CheckFree(const std::string& data_directory) {
   const std::string path = PathIn(data_directory);
   DataLock lock;
-  lock.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (lock.fd_ < 0 && (errno == ENOENT || errno == ENOTDIR)) return {};
-  if (lock.fd_ < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + path + "'", errno);
+  lock.fd_ = Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (lock.fd_.get() < 0 && (errno == ENOENT || errno == ENOTDIR)) return {};
+  if (lock.fd_.get() < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + path + "'", errno);
   // Shared: several commands may look at the same time.
-  if (::flock(lock.fd_, LOCK_SH | LOCK_NB) == 0) return {};
+  if (::flock(lock.fd_.get(), LOCK_SH | LOCK_NB) == 0) return {};
   if (errno != EWOULDBLOCK) return SystemError(ErrorCode::kInternal, "Cannot lock '" + path + "'", errno);
   return InUse(data_directory);
 }

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <string>
-#include <utility>
 
+#include "host/base/descriptor.h"
 #include "host/base/result.h"
 
 namespace vexa {
@@ -12,14 +12,6 @@ namespace vexa {
 // each other's sessions.
 class DataLock {
  public:
-  DataLock() = default;
-  DataLock(DataLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  DataLock& operator=(DataLock&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~DataLock();
-
   // kBusy when another daemon has it; otherwise what the system says. Waits up to a second for a CheckFree to end.
   static Result<DataLock> Take(const std::string& data_directory);
 
@@ -27,7 +19,7 @@ class DataLock {
   static Status CheckFree(const std::string& data_directory);
 
  private:
-  int fd_ = -1;
+  Descriptor fd_;
 };
 
 }  // namespace vexa

@@ -1,8 +1,9 @@
-// A file descriptor that closes itself.
+// A file descriptor that closes itself and leaves errno as it is.
 #pragma once
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace vexa {
@@ -17,7 +18,9 @@ class Descriptor {
     return *this;
   }
   ~Descriptor() {
+    const int error_number = errno;
     if (fd_ >= 0) ::close(fd_);
+    errno = error_number;
   }
 
   int get() const { return fd_; }

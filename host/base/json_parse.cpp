@@ -162,31 +162,6 @@ Error Refusal(std::string reason) {
 
 }  // namespace
 
-bool IsValidUtf8(std::string_view text) {
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  const auto* const end = p + text.size();
-  const auto continuation = [&](int offset, unsigned char low = 0x80, unsigned char high = 0xBF) {
-    return end - p > offset && p[offset] >= low && p[offset] <= high;
-  };
-  while (p < end) {
-    // The well-formed byte sequences of the Unicode standard, table 3-7.
-    if (*p < 0x80) {
-      p += 1;
-    } else if (*p >= 0xC2 && *p <= 0xDF && continuation(1)) {
-      p += 2;
-    } else if (*p >= 0xE0 && *p <= 0xEF && continuation(1, *p == 0xE0 ? 0xA0 : 0x80, *p == 0xED ? 0x9F : 0xBF) &&
-               continuation(2)) {
-      p += 3;
-    } else if (*p >= 0xF0 && *p <= 0xF4 && continuation(1, *p == 0xF0 ? 0x90 : 0x80, *p == 0xF4 ? 0x8F : 0xBF) &&
-               continuation(2) && continuation(3)) {
-      p += 4;
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
-
 Result<Json::Value> ReadWithJsoncpp(std::string_view text) {
   if (!IsValidUtf8(text)) return Refusal("it is not valid UTF-8");
   if (const char* fault = LexicalCheck(text).Run()) return Refusal(fault);

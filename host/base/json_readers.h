@@ -1,4 +1,10 @@
 // The two readers behind ParseJson. For host/base and its tests only.
+//
+// Why two: simdjson reads nearly all texts, but alone it cannot give what ParseJson promises. It reports an integer
+// outside 64 bits, which is valid JSON, with the same error as a malformed number, and a fault only by its kind. The
+// other reader runs for texts that simdjson refuses: it reads such integers as doubles, and says what is wrong, with
+// line and column where it is the grammar, to people who write manifests and requests by hand. Tests and the fuzzer
+// compare the two.
 #pragma once
 
 #include <json/value.h>

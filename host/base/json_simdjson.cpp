@@ -91,6 +91,8 @@ struct Reader {
 
 }  // namespace
 
+bool IsValidUtf8(std::string_view text) { return text.empty() || simdjson::validate_utf8(text.data(), text.size()); }
+
 std::optional<Json::Value> ReadWithSimdjson(std::string_view text, LastingName lasting_name) {
   if (text.starts_with("\xEF\xBB\xBF")) return std::nullopt;  // a byte order mark
   if (text.size() > kKeptBytes) return Reader().Read(text, lasting_name);

@@ -8,10 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <string_view>
 #include <utility>
-
-#include "host/base/descriptor.h"
 
 namespace vexa {
 namespace {
@@ -28,39 +27,49 @@ bool IsPlain(std::string_view path) {
   return true;
 }
 
-// One segment after another. O_PATH, so that opening never waits and has no side effects.
-Descriptor OpenByWalking(int root, const std::string& below) {
-  Descriptor at(::openat(root, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  for (std::size_t begin = 0; at.get() >= 0 && begin < below.size();) {
+Descriptor OpenByWalking(int root, const std::string& below, int flags) {
+  if (below.empty()) return Descriptor(::openat(root, ".", flags | O_CLOEXEC));
+  Descriptor at;
+  for (std::size_t begin = 0; begin < below.size();) {
     const std::size_t end = std::min(below.find('/', begin), below.size());
-    const int folder = end == below.size() ? 0 : O_DIRECTORY;
     const std::string name = below.substr(begin, end - begin);
-    at = Descriptor(::openat(at.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | folder));
+    const int folder = begin == 0 ? root : at.get();
+    const int access = end == below.size() ? flags : O_PATH | O_DIRECTORY;
+    Descriptor next(::openat(folder, name.c_str(), access | O_NOFOLLOW | O_CLOEXEC));
+    if (next.get() < 0) {
+      const int error_number = errno;
+      struct stat info {};
+      const bool is_link = ::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode);
+      errno = is_link ? ELOOP : error_number;
+      return next;
+    }
+    at = std::move(next);
     begin = end + 1;
   }
   return at;
 }
 
-Descriptor Open(int root, const std::string& below, ResolvePath resolve) {
-  if (resolve == ResolvePath::kByWalking) return OpenByWalking(root, below);
-  open_how how{};
-  how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-  const long fd = ::syscall(SYS_openat2, root, below.c_str(), &how, sizeof how);
-  // EPERM: the answer of system call filters that do not know this call. EAGAIN: something was renamed meanwhile.
-  if (fd < 0 && (errno == ENOSYS || errno == EPERM || errno == EAGAIN)) return OpenByWalking(root, below);
-  return Descriptor(static_cast<int>(fd));
-}
-
 bool IsRegularFile(const std::string& root, const std::string& below, ResolvePath resolve) {
   const Descriptor top(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (top.get() < 0) return false;
-  const Descriptor file = Open(top.get(), below, resolve);
+  // O_PATH, so that opening never waits and has no side effects.
+  const Descriptor file = OpenBelow(top.get(), below, O_PATH | O_NOFOLLOW, resolve);
   struct stat info {};
   return file.get() >= 0 && ::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 }  // namespace
+
+Descriptor OpenBelow(int root, const std::string& below, int flags, ResolvePath resolve) {
+  if (resolve == ResolvePath::kByWalking) return OpenByWalking(root, below, flags);
+  open_how how{};
+  how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  const long fd = ::syscall(SYS_openat2, root, below.empty() ? "." : below.c_str(), &how, sizeof how);
+  // EPERM: the answer of system call filters that do not know this call. EAGAIN: something was renamed meanwhile.
+  if (fd < 0 && (errno == ENOSYS || errno == EPERM || errno == EAGAIN)) return OpenByWalking(root, below, flags);
+  return Descriptor(static_cast<int>(fd));
+}
 
 bool IsRegularFileBelow(const std::vector<std::string>& roots, const std::string& path, ResolvePath resolve) {
   if (!IsPlain(path)) return false;

@@ -3,10 +3,8 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "host/base/files.h"
 
@@ -29,20 +27,14 @@ Result<CacheLock> CacheLock::Try(const CachePaths& paths) {
   // between its opening and its locking: others would then lock another file.
   for (int attempt = 0; attempt < 2; ++attempt) {
     CacheLock lock(::open(paths.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    if (lock.fd_ < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + paths.lock + "'", errno);
-    if (::flock(lock.fd_, LOCK_EX | LOCK_NB) != 0) {
+    if (lock.fd_.get() < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + paths.lock + "'", errno);
+    if (::flock(lock.fd_.get(), LOCK_EX | LOCK_NB) != 0) {
       if (errno == EWOULDBLOCK || errno == EINTR) break;
       return SystemError(ErrorCode::kInternal, "Cannot lock '" + paths.lock + "'", errno);
     }
-    if (HasName(lock.fd_, paths.lock)) return lock;
+    if (HasName(lock.fd_.get(), paths.lock)) return lock;
   }
   return Error(ErrorCode::kBusy, "Somebody else holds '" + paths.lock + "'");
-}
-
-CacheLock::CacheLock(CacheLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-CacheLock::~CacheLock() {
-  if (fd_ >= 0) ::close(fd_);
 }
 
 }  // namespace vexa::cluster

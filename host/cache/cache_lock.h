@@ -1,6 +1,7 @@
 // Limits the refresh of a cached value to one at a time on a host, across all threads and processes.
 #pragma once
 
+#include "host/base/descriptor.h"
 #include "host/base/result.h"
 #include "host/cache/cache_paths.h"
 
@@ -13,13 +14,9 @@ class CacheLock {
   // written.
   static Result<CacheLock> Try(const CachePaths& paths);
 
-  CacheLock(CacheLock&& other) noexcept;
-  CacheLock& operator=(CacheLock&&) = delete;
-  ~CacheLock();
-
  private:
   explicit CacheLock(int fd) : fd_(fd) {}
-  int fd_;
+  Descriptor fd_;
 };
 
 }  // namespace vexa::cluster

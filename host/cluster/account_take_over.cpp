@@ -12,8 +12,8 @@
 
 #include "host/accounts/account_file.h"
 #include "host/cluster/account_edit.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -219,7 +219,7 @@ Result<store::Transaction> Plan(store::Store& store, const base::AccountFile& fi
   }
   auto edit = AccountEdit::Begin(**snapshot);
   if (!edit) return edit.error();
-  const auto hosts = (*snapshot)->Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
+  const auto hosts = (*snapshot)->Children(CategoryKey(VexaCCC::DB::DashCate::Host.name()));
   if (!hosts) return hosts.error();
   // A kept uid is valid on all machines, so uids are kept only where there has been one machine.
   const bool is_alone = hosts->size() <= 1 && edit->accounts().users.empty();

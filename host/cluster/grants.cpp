@@ -7,8 +7,8 @@
 #include "host/accounts/account_nss.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -135,7 +135,7 @@ Result<std::optional<GrantRecord>> ReadGrants(const store::Snapshot& snapshot, A
 }
 
 Result<AllGrants> ReadAllGrants(const store::Snapshot& snapshot) {
-  const auto identifiers = snapshot.Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name()}));
+  const auto identifiers = snapshot.Children(CategoryKey(VexaCCC::DB::DashCate::GuestAdmin.name()));
   if (!identifiers) return identifiers.error();
   AllGrants all;
   for (const std::string& identifier : *identifiers) {

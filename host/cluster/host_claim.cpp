@@ -13,6 +13,7 @@
 #include "host/base/time_text.h"
 #include "host/base/uuid.h"
 #include "host/records/host_claim_record.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
@@ -94,7 +95,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
   const std::string key = HostClaimKey(options_.host_id);
-  const std::string seen_key = store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), options_.host_id, "seen"});
+  const std::string seen_key = MemberKey(VexaCCC::DB::DashCate::Host.name(), options_.host_id, "seen");
   Result<StoredObject> claim = LoadObject(**snapshot, key);
   if (!claim) return claim.error();
   const auto seen = LoadObject(**snapshot, seen_key);

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
@@ -17,7 +18,7 @@ namespace keys = VexaCCC::DB::_k;
 using std::chrono::system_clock;
 
 std::string KeyOf(const std::string& host_id, std::string_view key) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key});
+  return MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, key);
 }
 
 std::string NicKey(const std::string& host_id, const std::string& nic_id) {

@@ -4,8 +4,8 @@
 
 #include "host/cluster/versions.h"
 #include "host/records/host_life.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -19,7 +19,7 @@ namespace keys = VexaCCC::DB::_k;
 // The object of a host under `key`; null when absent. A damaged one reads as empty: it says nothing about its
 // host, and must not hide the states of the others.
 Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view key) {
-  const Result<Record> record = ReadRecord(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key}));
+  const Result<Record> record = ReadRecord(MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, key));
   if (record) return *record ? **record : Json::Value();
   if (record.error().code() == ErrorCode::kCorrupt) return Json::Value();
   return record.error();
@@ -39,7 +39,7 @@ struct Hosts {
 
 Result<Hosts> ReadHosts() {
   const CallScope scope;
-  const auto ids = ReadChildren(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
+  const auto ids = ReadChildren(CategoryKey(VexaCCC::DB::DashCate::Host.name()));
   if (!ids) return ids.error();
   const auto now = std::chrono::system_clock::now();
   Hosts hosts;
@@ -60,7 +60,7 @@ Result<Hosts> ReadHosts() {
 
 Result<bool> HasIncompatibleHosts() {
   const CallScope scope;
-  const auto ids = ReadChildren(store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name()}));
+  const auto ids = ReadChildren(CategoryKey(VexaCCC::DB::DashCate::Host.name()));
   if (!ids) return ids.error();
   std::vector<std::string> versions;
   for (const std::string& id : *ids) {

@@ -10,6 +10,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/records/environment.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
@@ -112,14 +113,6 @@ Result<std::optional<store::Transaction>> PlanReservation(const store::Store& st
   return std::optional(std::move(transaction));
 }
 
-// The request's own snapshot may be what keeps the store from growing.
-Result<store::Revision> CommitWithoutSnapshot(store::Store& store, const store::Transaction& transaction) {
-  Result<store::Revision> committed = store.Commit(transaction);
-  if (committed || committed.error().code() != ErrorCode::kBusy) return committed;
-  RequestScope::ReleaseSnapshot();
-  return store.Commit(transaction);
-}
-
 }  // namespace
 
 MacSource SystemMacSource() {
@@ -138,7 +131,7 @@ Result<std::optional<std::string>> GuestOfMacAddress(const store::Store& store, 
   const std::string lower = LowerCase(mac);
   const TextFinder finder(lower);
   std::optional<std::string> guest;
-  const std::string prefix = store::MakeKey({"dash", VexaCCC::DB::DashCate::vNic.name()});
+  const std::string prefix = CategoryKey(VexaCCC::DB::DashCate::vNic.name());
   const Status scanned = (*snapshot)->Scan(prefix, [&](std::string_view, const store::ValueView& value) {
     // Parsing every record would take most of the time. A text without the address can only contain it in escaped form.
     if (!finder.IsIn(value.text) && value.text.find('\\') == std::string_view::npos) return true;
@@ -162,7 +155,7 @@ Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& sour
     const auto plan = PlanReservation(store, mac, SecondsOf(source.now()));
     if (!plan) return plan.error();
     if (!plan->has_value()) continue;
-    const Result<store::Revision> reserved = CommitWithoutSnapshot(store, **plan);
+    const Result<store::Revision> reserved = store.Commit(**plan);
     if (!reserved && reserved.error().code() == ErrorCode::kConflict) continue;
     if (!reserved) return reserved.error();
     // Only now: a record written before the reservation is seen, and later ones are checked by their writers.

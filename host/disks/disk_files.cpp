@@ -1,9 +1,7 @@
 #include "host/disks/disk_files.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,39 +31,6 @@ Error LookupError(const std::string& path, int error_number) {
       return SystemError(ErrorCode::kInternal, "Cannot open the folder of '" + cluster::ShownPath(path) + "'",
                          error_number);
   }
-}
-
-// The same as OpenBySystem, one folder after another.
-Result<Descriptor> OpenByWalking(int root, const std::string& folder, const std::string& path) {
-  Descriptor at(::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (at.get() < 0) return LookupError(path, errno);
-  for (std::size_t begin = 0; begin < folder.size();) {
-    const std::size_t end = std::min(folder.find('/', begin), folder.size());
-    const std::string name = folder.substr(begin, end - begin);
-    // Folders on the way need not be readable.
-    const int access = end == folder.size() ? O_RDONLY : O_PATH;
-    Descriptor next(::openat(at.get(), name.c_str(), access | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (next.get() < 0) {
-      const int error_number = errno;
-      struct stat info {};
-      const bool is_link = ::fstatat(at.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode);
-      return LookupError(path, is_link ? ELOOP : error_number);
-    }
-    at = std::move(next);
-    begin = end + 1;
-  }
-  return at;
-}
-
-Result<Descriptor> OpenBySystem(int root, const std::string& folder, const std::string& path) {
-  open_how how{};
-  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-  const long fd = ::syscall(SYS_openat2, root, folder.empty() ? "." : folder.c_str(), &how, sizeof how);
-  if (fd >= 0) return Descriptor(static_cast<int>(fd));
-  // EPERM: the answer of system call filters that do not know this call. EAGAIN: something was renamed meanwhile.
-  if (errno == ENOSYS || errno == EPERM || errno == EAGAIN) return OpenByWalking(root, folder, path);
-  return LookupError(path, errno);
 }
 
 std::string DescribeKind(mode_t mode) {
@@ -160,10 +125,9 @@ Result<DiskFiles::Place> DiskFiles::Open(const std::string& path) const {
   if (top.get() < 0) return LookupError(path, errno);
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash > root->size() ? path.substr(root->size() + 1, slash - root->size() - 1) : "";
-  auto opened = calls_.resolve == FileCalls::Resolve::kBySystem ? OpenBySystem(top.get(), folder, path)
-                                                                : OpenByWalking(top.get(), folder, path);
-  if (!opened) return opened.error();
-  return Place{std::move(*opened), path.substr(slash + 1)};
+  Descriptor opened = OpenBelow(top.get(), folder, O_RDONLY | O_DIRECTORY, calls_.resolve);
+  if (opened.get() < 0) return LookupError(path, errno);
+  return Place{std::move(opened), path.substr(slash + 1)};
 }
 
 Result<DiskFiles::Look> DiskFiles::Examine(const std::string& path) const {

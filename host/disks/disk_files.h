@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/base/rooted_file.h"
 #include "host/disks/disk_locks.h"
 
 namespace vexa::guests {
@@ -41,8 +42,7 @@ struct FileCalls {
   std::function<int(int folder, const char* name, bool* has_open)> has_open = MachineHasOpen;
   // Called before each access to the file system; for tests of what is held at that point. Not set: nothing is called.
   std::function<void()> before_lookup;
-  enum class Resolve { kBySystem, kByWalking };  // systems without openat2(2) always walk
-  Resolve resolve = Resolve::kBySystem;
+  ResolvePath resolve = ResolvePath::kBySystem;
 };
 
 struct FilePiece {

@@ -189,7 +189,7 @@ class UserSearch {
     }
     if (members.empty()) return {};
     const bool has_disks = category == std::string_view(DashCate::vDisk.name());
-    const std::string prefix = store::MakeKey({"dash", category});
+    const std::string prefix = cluster::CategoryKey(category);
     Pass pass(names_, std::move(members), candidates);
     return snapshot.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
       if (key.size() <= prefix.size()) return true;
@@ -223,7 +223,7 @@ class UserSearch {
     const bool is_guest = candidate.member->user == FileUser::kNvram || candidate.member->user == FileUser::kDrive;
     const bool is_leaving = question_.guest != FileQuestion::Guest::kStaying;
     if (is_guest && is_leaving && candidate.id == store::EncodeSegment(question_.guest_id)) return false;
-    const std::string prefix = store::MakeKey({"dash", candidate.member->category}) + "/" + candidate.id + "/";
+    const std::string prefix = cluster::CategoryKey(candidate.member->category) + "/" + candidate.id + "/";
     const Result<Json::Value> record = ReadValue(snapshot, prefix + keys::object);
     if (!record) return record.error();
     if (candidate.member->user == FileUser::kDisk) {

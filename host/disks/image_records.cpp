@@ -104,7 +104,7 @@ class DriveSearch {
 
   // What the guests are called, in quotes. Errors: what the store says.
   Result<std::vector<std::string>> Find(const store::Snapshot& snapshot) {
-    const std::string prefix = store::MakeKey({"dash", DashCate::Guest.name()});
+    const std::string prefix = cluster::CategoryKey(DashCate::Guest.name());
     const Status scanned = snapshot.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
       if (key.size() > prefix.size()) LookAt(key.substr(prefix.size() + 1), value.text);
       return true;

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 
+#include "host/base/descriptor.h"
 #include "host/domain_xml/domain_xml.h"
 
 namespace vexa::hypervisor {
@@ -14,21 +15,6 @@ namespace {
 // The header of a qcow2 image according to QEMU's description of the format: magic, version, …, the virtual size at 24.
 constexpr std::size_t kHeaderBytes = 32;
 constexpr std::uint64_t kMagic = 0x514649FB;  // "QFI\xfb"
-
-class OpenFile {
- public:
-  // O_NONBLOCK: a FIFO in place of an image must not block the caller.
-  explicit OpenFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  ~OpenFile() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 Error CannotRead(const std::string& path, int error_number) {
   const ErrorCode code = error_number == ENOENT || error_number == ENOTDIR ? ErrorCode::kNotFound
@@ -43,7 +29,7 @@ std::uint64_t BigEndian(const unsigned char* bytes, std::size_t count) {
   return value;
 }
 
-Result<std::uint64_t> Qcow2Size(const OpenFile& file, const std::string& path) {
+Result<std::uint64_t> Qcow2Size(const Descriptor& file, const std::string& path) {
   std::array<unsigned char, kHeaderBytes> header{};
   const ssize_t count = ::pread(file.get(), header.data(), header.size(), 0);
   if (count < 0) return CannotRead(path, errno);
@@ -61,7 +47,8 @@ Result<std::uint64_t> Qcow2Size(const OpenFile& file, const std::string& path) {
 }  // namespace
 
 Result<std::uint64_t> ReadImageSize(const std::string& path, ImageFormat format) {
-  const OpenFile file(path);
+  // O_NONBLOCK: a FIFO in place of an image must not block the caller.
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (file.get() < 0) return CannotRead(path, errno);
   struct stat info {};
   if (::fstat(file.get(), &info) != 0) return CannotRead(path, errno);

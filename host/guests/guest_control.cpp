@@ -9,6 +9,7 @@
 
 #include "host/base/guarded.h"
 #include "host/guests/guest_control_impl.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -238,7 +239,7 @@ void LibvirtGuestControl::FinishBegun() {
 }
 
 void LibvirtGuestControl::WatchRecords() {
-  const std::string prefix = store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name()});
+  const std::string prefix = cluster::CategoryKey(VexaCCC::DB::DashCate::Guest.name());
   const auto ends = [this] {
     const std::lock_guard lock(maintenance_mutex_);
     return ends_;

@@ -28,12 +28,10 @@ constexpr const char* kPrivatePrefix = "PN";
 constexpr const char* kPrivateName = "PN-";
 constexpr const char* kSwitchPrefix = "ovs_";
 
-std::string VnicKey(const std::string& vnic_id) {
-  return store::MakeKey({"dash", DashCate::vNic.name(), vnic_id, keys::object});
-}
+std::string VnicKey(const std::string& vnic_id) { return cluster::ObjectKey(DashCate::vNic.name(), vnic_id); }
 
 std::string NicsKey(const std::string& host_id) {
-  return store::MakeKey({"dash", DashCate::Host.name(), host_id, keys::nics});
+  return cluster::MemberKey(DashCate::Host.name(), host_id, keys::nics);
 }
 
 NicPlace PrivatePlace(const GuestInterface& interface, const std::string& name) {

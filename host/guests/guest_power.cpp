@@ -6,6 +6,7 @@
 
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/jobs/guest_locks.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"
 #include "host/store/key.h"
@@ -94,7 +95,7 @@ Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Request
       if (!state) return state.failure();
       Step("shutdown: asked");
       ends_by_.Expect(guest_id, {cluster::ShutdownCause::kShutDown, false});
-      Done asked = hypervisor_->ShutDown(guest_id, {});
+      Done asked = hypervisor_->ShutDown(guest_id);
       if (asked) shut_downs_->Begin(guest_id);
       if (!asked) ends_by_.Cancel(guest_id);
       Step("shutdown: done");
@@ -226,13 +227,10 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
     taken.reset();
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
-    const auto key = [](const VexaCCC::DB::DashCate& category, const std::string& id) {
-      return store::MakeKey({"dash", category.name(), id, keys::object});
-    };
-    const auto host = cluster::LoadObject(**snapshot, key(VexaCCC::DB::DashCate::Host, host_id));
+    const auto host = cluster::LoadObject(**snapshot, cluster::ObjectKey(VexaCCC::DB::DashCate::Host.name(), host_id));
     if (!host) return host.error();
     if (host->revision == 0) return Error(ErrorCode::kNotFound, "There is no host '" + host_id + "'");
-    auto guest = cluster::LoadObject(**snapshot, key(VexaCCC::DB::DashCate::Guest, guest_id));
+    auto guest = cluster::LoadObject(**snapshot, GuestObjectKey(guest_id));
     if (!guest) return guest.error();
     if (guest->revision == 0) return Error(ErrorCode::kNotFound, "There is no such guest");
     store::Transaction transaction;
@@ -251,7 +249,7 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
       transaction.operations.push_back({note, "true"});
     }
     guest->record[keys::host_id] = host_id;
-    cluster::PutObject(transaction, key(VexaCCC::DB::DashCate::Guest, guest_id), *guest);
+    cluster::PutObject(transaction, GuestObjectKey(guest_id), *guest);
     return transaction;
   });
   if (taken) return taken;
@@ -261,7 +259,7 @@ Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::str
 
 bool LibvirtGuestControl::PressAgain(const std::string& guest_id) {
   if (stopping_) return false;
-  const Done pressed = hypervisor_->ShutDown(guest_id, {});
+  const Done pressed = hypervisor_->ShutDown(guest_id);
   if (pressed) return true;
   const Problem problem = pressed.failure().problem();
   return problem != Problem::kNotRunning && problem != Problem::kNoSuchGuest;

@@ -8,7 +8,6 @@
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -202,7 +201,7 @@ Status LibvirtGuestControl::ClearPending(const std::string& guest_id) {
   return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
-    const std::string key = store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, keys::object});
+    const std::string key = GuestObjectKey(guest_id);
     auto guest = cluster::LoadObject(**snapshot, key);
     if (!guest) return guest.error();
     store::Transaction transaction;

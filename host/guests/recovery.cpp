@@ -10,6 +10,7 @@
 #include "host/records/environment.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/host_life.h"
+#include "host/records/keys.h"
 #include "host/records/live_state.h"
 #include "host/records/object_edit.h"
 #include "host/records/reading.h"
@@ -32,7 +33,7 @@ using VexaCCC::DB::DashCate;
 constexpr int kShownNames = 10;
 
 std::string Key(const DashCate& category, const std::string& id, std::string_view key = keys::object) {
-  return store::MakeKey({"dash", category.name(), id, key});
+  return cluster::MemberKey(category.name(), id, key);
 }
 
 std::string TextMember(const Json::Value& record, const char* name) {
@@ -212,7 +213,7 @@ Result<GuestsNaming> FindGuests(const store::Store& store, const std::string& ho
   for (const auto& [guest_id, run] : *runs) found.held.push_back(guest_id);
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  const auto ids = (*snapshot)->Children(store::MakeKey({"dash", DashCate::Guest.name()}));
+  const auto ids = (*snapshot)->Children(cluster::CategoryKey(DashCate::Guest.name()));
   if (!ids) return ids.error();
   for (const std::string& id : *ids) {
     const auto guest = LoadObject(**snapshot, Key(DashCate::Guest, id));
@@ -307,7 +308,7 @@ class Removal {
       cluster::PutObject(transaction, key, *guest);
       transaction.compares.push_back({RunKey(guest_id), 0});
     }
-    const Status listed = (*snapshot)->Scan(store::MakeKey({"dash", DashCate::Host.name(), request_.host_id}),
+    const Status listed = (*snapshot)->Scan(cluster::RecordKey(DashCate::Host.name(), request_.host_id),
                                             [&](std::string_view key, const store::ValueView&) {
                                               transaction.operations.push_back({std::string(key), std::nullopt});
                                               return true;

@@ -69,13 +69,6 @@ struct Node {
   std::uint64_t memory_mib = 0;
 };
 
-// How long to wait for a guest that was asked to shut down. A press of the power button before the guest's system
-// listens is lost, so the button is pressed repeatedly.
-struct ShutDownPatience {
-  std::chrono::milliseconds wait{0};  // 0: press once, do not wait
-  std::chrono::milliseconds press_again{5000};
-};
-
 enum class MemoryCheck {
   kByMode,  // not in test mode, where guests take no memory
   kAlways,
@@ -150,8 +143,9 @@ class Hypervisor {
 
   // Failures: kAlreadyRunning, kNoMemory, kCpuIncompatible, kNetworkMissing, kBridgeMissing, kDiskMissing.
   virtual Outcome<void> Start(const std::string& id) = 0;
-  // Asks the guest's agent if there is one, otherwise presses the power button. Failures: kNotRunning, kStillRunning.
-  virtual Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) = 0;
+  // Asks the guest's agent if there is one, otherwise presses the power button once. Does not wait for the guest to go
+  // off, and a press before the guest's system listens is lost. Failures: kNotRunning.
+  virtual Outcome<void> ShutDown(const std::string& id) = 0;
   // Ends the guest regardless of other operations on it: a start that hangs is ended together with its QEMU. Failures:
   // kNotRunning, kBusy (the system cannot end the guest's process now, for instance because its storage does not
   // respond).

@@ -193,16 +193,6 @@ void Link::Lose() {
   woken_.notify_all();
 }
 
-std::uint64_t Link::EventCount() const {
-  const std::lock_guard lock(mutex_);
-  return event_count_;
-}
-
-void Link::WaitForEvent(std::uint64_t seen, std::chrono::steady_clock::time_point deadline) const {
-  std::unique_lock lock(mutex_);
-  woken_.wait_until(lock, deadline, [&] { return stopping_ || event_count_ != seen; });
-}
-
 void Link::Push(GuestEvent event) {
   const std::lock_guard lock(mutex_);
   // For one start, QEMU's driver reports both that the guest was started and that it was resumed.
@@ -211,7 +201,6 @@ void Link::Push(GuestEvent event) {
   known->second = event.state;
   if (event.state == GuestState::kGone) told_.erase(known);
   events_.push_back(std::move(event));
-  ++event_count_;
   woken_.notify_all();
 }
 

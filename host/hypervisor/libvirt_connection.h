@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -39,10 +38,6 @@ class Link {
   // Marks the connection as unusable.
   void Lose();
 
-  // How many events have arrived, and a wait for more than `seen` of them until `deadline`.
-  std::uint64_t EventCount() const;
-  void WaitForEvent(std::uint64_t seen, std::chrono::steady_clock::time_point deadline) const;
-
   // For libvirt's callbacks, on its event loop.
   void Push(GuestEvent event);
 
@@ -57,10 +52,9 @@ class Link {
 
   const LinkOptions options_;
   mutable std::mutex mutex_;
-  mutable std::condition_variable woken_;
+  std::condition_variable woken_;
   std::deque<GuestEvent> events_;
   std::map<std::string, GuestState> told_;  // the last event of each guest on this connection
-  std::uint64_t event_count_ = 0;
   std::shared_ptr<virConnect> current_;
   bool stopping_ = false;
   std::unique_ptr<Attachment> attachment_;  // owned by the thread once it runs

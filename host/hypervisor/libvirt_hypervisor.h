@@ -58,7 +58,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Outcome<bool> IsAutostarted(const std::string& id) override;
   Outcome<void> SetAutostart(const std::string& id, bool autostart) override;
   Outcome<void> Start(const std::string& id) override;
-  Outcome<void> ShutDown(const std::string& id, const ShutDownPatience& patience) override;
+  Outcome<void> ShutDown(const std::string& id) override;
   Outcome<void> PowerOff(const std::string& id) override;
   Outcome<void> Reboot(const std::string& id) override;
   Outcome<GuestState> StateOf(const std::string& id) override;
@@ -93,7 +93,6 @@ class LibvirtHypervisor final : public Hypervisor {
   // Whether the guest has more than its definition: saved memory, snapshots, checkpoints.
   bool HasState(const Found& guest) const;
   Outcome<std::uint64_t> FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const;
-  Outcome<void> WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const;
 
   const Target target_;
   const MemoryCheck memory_check_;

@@ -1,7 +1,6 @@
 // Starting and stopping guests.
 #include <net/if.h>
 
-#include <algorithm>
 #include <pugixml.hpp>
 #include <string_view>
 
@@ -84,48 +83,18 @@ Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
   return Failure(Problem::kBridgeMissing, failed, "There is no bridge '" + bridge + "'");
 }
 
-Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id, const ShutDownPatience& patience) {
+Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id) {
   const Outcome<Found> guest = Find(id);
   if (!guest) return guest.failure();
   const std::string failed = "Cannot shut down the guest " + id;
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
   if (state && !IsActive(*state)) return Failure(Problem::kNotRunning, failed, "It does not run");
   // Without flags, libvirt asks the agent if one is connected; otherwise it presses the power button.
-  if (virDomainShutdown(guest->domain.get()) != 0) {
-    Failure failure = FailedOn(*guest, Operation::kStop, failed);
-    // A guest that goes off quickly takes its agent with it before libvirt has the answer.
-    if (state && failure.problem() == Problem::kNotRunning) return {};
-    return failure;
-  }
-  if (patience.wait.count() <= 0) return {};
-  return WaitUntilOff(*guest, patience);
-}
-
-Outcome<void> LibvirtHypervisor::WaitUntilOff(const Found& guest, const ShutDownPatience& patience) const {
-  using Clock = std::chrono::steady_clock;
-  // A lost event delays the result by no more than this.
-  constexpr std::chrono::milliseconds kPollInterval{500};
-  const Clock::time_point end = Clock::now() + patience.wait;
-  Clock::time_point press = Clock::now() + patience.press_again;
-  for (;;) {
-    const std::uint64_t seen = link_->EventCount();
-    const std::optional<GuestState> state = StateOfDomain(guest.domain.get());
-    if (!state) {
-      Failure failure = Failed(guest.connection, Operation::kRead, "Cannot read the state of the guest");
-      // Without a definition it is off as well.
-      if (failure.problem() == Problem::kNoSuchGuest) return {};
-      return failure;
-    }
-    if (!IsActive(*state)) return {};
-    const Clock::time_point now = Clock::now();
-    if (now >= end) return Failure(Problem::kStillRunning, "The guest was asked to shut down and still runs");
-    if (now >= press) {
-      // The result does not matter: the next check shows whether the guest is off.
-      virDomainShutdown(guest.domain.get());
-      press = now + patience.press_again;
-    }
-    link_->WaitForEvent(seen, std::min({end, press, now + kPollInterval}));
-  }
+  if (virDomainShutdown(guest->domain.get()) == 0) return {};
+  Failure failure = FailedOn(*guest, Operation::kStop, failed);
+  // A guest that goes off quickly takes its agent with it before libvirt has the answer.
+  if (state && failure.problem() == Problem::kNotRunning) return {};
+  return failure;
 }
 
 Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {

@@ -20,7 +20,6 @@ constexpr Row kProblems[] = {
     {Problem::kCpuIncompatible, "cpu_incompatible", ErrorCode::kConflict},
     {Problem::kBusy, "busy", ErrorCode::kBusy},
     {Problem::kHasState, "has_state", ErrorCode::kConflict},
-    {Problem::kStillRunning, "still_running", ErrorCode::kBusy},
     {Problem::kAgentAbsent, "agent_absent", ErrorCode::kUnavailable},
     {Problem::kInvalid, "invalid", ErrorCode::kInvalid},
     {Problem::kDenied, "denied", ErrorCode::kDenied},

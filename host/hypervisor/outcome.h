@@ -23,7 +23,6 @@ enum class Problem {
   kCpuIncompatible,  // the host's processor lacks a feature of the guest's
   kBusy,             // another operation holds the guest; try again
   kHasState,         // the guest has a saved memory image, snapshots or checkpoints
-  kStillRunning,     // the guest was asked to shut down and has not done so in time
   kAgentAbsent,      // the guest's agent does not answer
   kInvalid,          // an invalid id, XML or option
   kDenied,

@@ -5,9 +5,9 @@
 
 #include "host/records/environment.h"
 #include "host/records/host_life.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
 #include "host/records/shutdown_reason.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -24,7 +24,7 @@ constexpr int kNotFound = 2;
 constexpr int kFailed = -1;
 
 std::string FolderOf(const DashCate& category, const std::string& id) {
-  return vexa::store::MakeKey({"dash", category.name(), id});
+  return vexa::cluster::RecordKey(category.name(), id);
 }
 
 // Finds the value of `key` in the folder `path`: under its own key, otherwise among the members of the record. Passes
@@ -88,7 +88,7 @@ int PutStateNow(const DashCate& category, const std::string& id, Json::Value& re
 }  // namespace
 
 int DashCate::List(std::vector<std::string>& ids) const {
-  vexa::Result<std::vector<std::string>> children = ReadChildren(vexa::store::MakeKey({"dash", name_}));
+  vexa::Result<std::vector<std::string>> children = ReadChildren(vexa::cluster::CategoryKey(name_));
   if (!children) return kFailed;
   ids = std::move(*children);
   return kFound;

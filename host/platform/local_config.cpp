@@ -7,11 +7,11 @@
 
 #include "host/records/environment.h"
 #include "host/records/host_life.h"
+#include "host/records/keys.h"
 #include "host/records/live_state.h"
 #include "host/records/reading.h"
 #include "host/records/shutdown_reason.h"
 #include "host/records/unstored_states.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -26,9 +26,7 @@ using VexaCCC::DB::DashCate;
 constexpr int kFailed = -1;
 constexpr int kNoHost = -2;
 
-std::string GuestKey(const std::string& id) {
-  return vexa::store::MakeKey({"dash", DashCate::Guest.name(), id, keys::object});
-}
+std::string GuestKey(const std::string& id) { return vexa::cluster::ObjectKey(DashCate::Guest.name(), id); }
 
 // A value of the caller's own, and an object: called for every guest of a list.
 vexa::Result<Json::Value> ReadGuest(const std::string& id) {

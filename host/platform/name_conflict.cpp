@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "host/base/json_parse.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -82,7 +82,7 @@ class NameSearch {
 };
 
 Result<bool> IsNameTaken(const std::string& name, const VexaCCC::DB::DashCate& category) {
-  const std::string prefix = store::MakeKey({"dash", category.name()});
+  const std::string prefix = CategoryKey(category.name());
   NameSearch search(name);
   bool taken = false;
   const Status scanned = ScanValues(prefix, [&](std::string_view key, const store::ValueView& value) {

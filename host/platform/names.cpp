@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/records/keys.h"
 #include "host/records/reading.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 // Like GetNameById, for passes over many objects.
 bool ReadNameOnce(const DB::DashCate& category, const std::string& id, std::string& name) {
-  const auto key = [&](const char* last) { return vexa::store::MakeKey({"dash", category.name(), id, last}); };
+  const auto key = [&](const char* last) { return vexa::cluster::MemberKey(category.name(), id, last); };
   auto value = vexa::cluster::ReadOnce(key(DB::_k::name));
   const bool is_apart = value && *value;
   if (value && !*value) value = vexa::cluster::ReadOnce(key(DB::_k::object));

@@ -1,6 +1,7 @@
 #include "host/records/domain_record.h"
 
 #include "host/base/json_parse.h"
+#include "host/records/keys.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -17,7 +18,7 @@ constexpr char kAutostart[] = "autostart";
 }  // namespace
 
 std::string DomainKey(const std::string& guest_id) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, kDomain});
+  return cluster::MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, kDomain);
 }
 
 std::string UndefineKey(const std::string& host_id, const std::string& guest_id) {

@@ -3,8 +3,8 @@
 #include <charconv>
 #include <system_error>
 
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -40,13 +40,13 @@ std::optional<GuestAdminOwner> ParseGuestAdminIdentifier(std::string_view text) 
 }
 
 std::string GuestAdminKey(std::string_view identifier) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name(), identifier, VexaCCC::DB::_k::object});
+  return ObjectKey(VexaCCC::DB::DashCate::GuestAdmin.name(), identifier);
 }
 
 // A damaged record must not hold up the other records until it is repaired.
 Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction,
                         std::vector<Error>& damage) {
-  const auto identifiers = snapshot.Children(store::MakeKey({"dash", VexaCCC::DB::DashCate::GuestAdmin.name()}));
+  const auto identifiers = snapshot.Children(CategoryKey(VexaCCC::DB::DashCate::GuestAdmin.name()));
   if (!identifiers) return identifiers.error();
   for (const std::string& identifier : *identifiers) {
     const std::string key = GuestAdminKey(identifier);

@@ -5,6 +5,7 @@
 #include "host/base/json_parse.h"
 #include "host/records/account_records.h"
 #include "host/records/guest_admin.h"
+#include "host/records/keys.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -32,7 +33,7 @@ void Apply(Json::Value& guests, const VexaCCC::Rule& rule) {
 
 bool CanBeGuestId(const std::string& id) {
   if (id.empty() || !IsValidUtf8(id)) return false;
-  return store::IsKey(store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), id, keys::object}));
+  return store::IsKey(ObjectKey(VexaCCC::DB::DashCate::Guest.name(), id));
 }
 
 Json::Value NewGrantRecord(const std::string& name, std::string_view level) {

@@ -7,8 +7,8 @@
 #include "host/records/environment.h"
 #include "host/records/environment_internal.h"
 #include "host/records/host_claim_record.h"
+#include "host/records/keys.h"
 #include "host/records/reading.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -33,7 +33,7 @@ Result<Record> ReadIntact(const std::string& key) {
 }
 
 std::string HostKey(const std::string& host_id, std::string_view key) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Host.name(), host_id, key});
+  return MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, key);
 }
 
 std::string TextMember(const Json::Value& record, const char* name) {

@@ -15,7 +15,16 @@ std::string GuestObjectKey(const std::string& guest_id);
 
 namespace vexa::cluster {
 
-// The record of a dashboard category.
+// All records of a dashboard category lie below this key; its children are the ids.
+std::string CategoryKey(std::string_view category);
+
+// All keys of one record lie below this key; its children are the members that have a key of their own, and "object".
+std::string RecordKey(std::string_view category, std::string_view id);
+
+// A member of a record that is written apart from the record.
+std::string MemberKey(std::string_view category, std::string_view id, std::string_view member);
+
+// The record itself.
 std::string ObjectKey(std::string_view category, std::string_view id);
 
 // The key that holds the id of the record with this name; see named_record.h.

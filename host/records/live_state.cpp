@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/unstored_states.h"
 #include "host/store/key.h"
@@ -25,7 +26,7 @@ constexpr char kEpoch[] = "epoch";
 constexpr char kCounter[] = "counter";
 
 std::string GuestKey(const std::string& guest_id, std::string_view key) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, key});
+  return MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, key);
 }
 
 bool IsGuestState(std::string_view text) {

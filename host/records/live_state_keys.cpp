@@ -1,4 +1,5 @@
 // The keys of live states: all that a program needs that does not observe guests.
+#include "host/records/keys.h"
 #include "host/records/live_state.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
@@ -6,7 +7,7 @@
 namespace vexa::cluster {
 
 std::string LiveStateKey(const std::string& guest_id) {
-  return store::MakeKey({"dash", VexaCCC::DB::DashCate::Guest.name(), guest_id, VexaCCC::DB::_k::state});
+  return MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, VexaCCC::DB::_k::state);
 }
 
 std::string LiveRecordKey(const std::string& guest_id) { return store::MakeKey({"live", guest_id}); }

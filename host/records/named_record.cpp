@@ -7,7 +7,6 @@
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "host/records/keys.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -64,7 +63,7 @@ Result<std::optional<NamedRecord>> ReadNamedRecord(const store::Snapshot& snapsh
 }
 
 Result<std::vector<NamedRecord>> ReadNamedRecords(const store::Snapshot& snapshot, std::string_view category) {
-  const auto ids = snapshot.Children(store::MakeKey({"dash", category}));
+  const auto ids = snapshot.Children(CategoryKey(category));
   if (!ids) return ids.error();
   std::vector<NamedRecord> all;
   for (const std::string& id : *ids) {
@@ -99,7 +98,7 @@ Status RemoveNamedRecord(const store::Snapshot& snapshot, std::string_view categ
                          store::Transaction& transaction) {
   transaction.compares.push_back({ObjectKey(category, removed.id), removed.revision});
   const Status scanned =
-      snapshot.Scan(store::MakeKey({"dash", category, removed.id}), [&](std::string_view key, const store::ValueView&) {
+      snapshot.Scan(RecordKey(category, removed.id), [&](std::string_view key, const store::ValueView&) {
         transaction.operations.push_back({std::string(key), std::nullopt});
         return true;
       });

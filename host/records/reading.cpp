@@ -6,9 +6,9 @@
 
 #include "host/base/json_parse.h"
 #include "host/records/environment_internal.h"
+#include "host/records/keys.h"
 #include "host/records/record_names.h"
 #include "host/records/revisions.h"
-#include "host/store/key.h"
 #include "webapi/platform/ccc_constants.h"
 
 namespace vexa::cluster {
@@ -91,7 +91,7 @@ Result<store::Revision> CurrentRevision() {
 }
 
 Result<Record> ReadObject(std::string_view category, std::string_view id) {
-  Result<Record> record = ReadRecord(store::MakeKey({"dash", category, id, VexaCCC::DB::_k::object}));
+  Result<Record> record = ReadRecord(ObjectKey(category, id));
   if (!record) return record;
   if (!*record) return Error(ErrorCode::kNotFound, "There is no such record");
   if (!(*record)->isObject()) return Error(ErrorCode::kCorrupt, "The record is no object");

@@ -1,7 +1,7 @@
 #include "host/records/repository_host.h"
 
 #include "host/base/json_parse.h"
-#include "host/store/key.h"
+#include "host/records/keys.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -18,7 +18,7 @@ Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::
   const Json::Value& id = json::Member(guest, keys::repository_id);
   if (!id.isString()) return std::string();
   for (const char* name : {keys::host_id, keys::object}) {
-    const auto value = snapshot.Get(store::MakeKey({"dash", DashCate::Repository.name(), json::String(id), name}));
+    const auto value = snapshot.Get(cluster::MemberKey(DashCate::Repository.name(), json::String(id), name));
     if (!value) return value.error();
     if (!value->has_value()) continue;
     const Result<Json::Value> parsed = ParseJson((*value)->text);

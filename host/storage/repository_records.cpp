@@ -10,6 +10,7 @@
 #include "host/base/uuid.h"
 #include "host/disks/disk_users.h"
 #include "host/records/host_life.h"
+#include "host/records/keys.h"
 #include "host/records/named_record.h"
 #include "host/records/run_record.h"
 #include "host/storage/storage_record.h"
@@ -105,7 +106,7 @@ class RepositoryUsers {
   // Calls `visit` with the id of each object of the category that names the repository, as it is in keys.
   template <class Visit>
   Status EachNaming(const DashCate& category, const Visit& visit) {
-    const std::string prefix = store::MakeKey({"dash", category.name()});
+    const std::string prefix = cluster::CategoryKey(category.name());
     return snapshot_.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
       if (key.size() <= prefix.size() || !MayName(value.text)) return true;
       const std::string_view rest = key.substr(prefix.size() + 1);

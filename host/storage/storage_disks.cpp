@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/storage/storage_condition.h"
 #include "host/store/key.h"
@@ -33,7 +34,7 @@ constexpr std::size_t kHeadLength = 32;
 constexpr std::size_t kStatesPerCommit = 1000;
 
 std::string DiskKey(const std::string& disk_id, const char* name) {
-  return store::MakeKey({"dash", DashCate::vDisk.name(), disk_id, name});
+  return cluster::MemberKey(DashCate::vDisk.name(), disk_id, name);
 }
 
 // The disk's state for a repository state that disks share. Null for one that they do not share.

@@ -3,11 +3,11 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/repository_host.h"
 #include "host/records/run_record.h"
 #include "host/storage/storage_condition.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -28,7 +28,7 @@ constexpr char kWritten[] = "written";
 constexpr char kStateBefore[] = "state_before";
 
 std::string RepositoryKey(const std::string& repository_id, std::string_view name) {
-  return store::MakeKey({"dash", DashCate::Repository.name(), repository_id, name});
+  return cluster::MemberKey(DashCate::Repository.name(), repository_id, name);
 }
 
 std::string TextMember(const Json::Value& record, const char* name) {

@@ -30,34 +30,16 @@ std::string Quoted(const std::string& path) { return "'" + cluster::ShownPath(pa
 
 bool IsRoot(std::string_view folder) { return folder.ends_with('/'); }
 
-// Closes the folder after the check, and keeps errno unchanged.
-class Opened {
- public:
-  explicit Opened(int fd) : fd_(fd) {}
-  Opened(Opened&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Opened& operator=(Opened&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Opened() {
-    const int error_number = errno;
-    if (fd_ >= 0) ::close(fd_);
-    errno = error_number;
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // O_PATH: search permission is enough, and O_DIRECTORY makes automount(8) mount what it passes.
-Opened OpenRoot(const std::string& root) { return Opened(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)); }
-Opened OpenBelow(const Opened& folder, const std::string& name) {
-  return Opened(::openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+Descriptor OpenRoot(const std::string& root) {
+  return Descriptor(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+Descriptor OpenFolder(const Descriptor& folder, const std::string& name) {
+  return Descriptor(::openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // Not set: errno(3) has the reason.
-std::optional<FolderIdentity> Identify(const Opened& folder) {
+std::optional<FolderIdentity> Identify(const Descriptor& folder) {
   struct statx info {};
   const int flags = AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT;
   if (::statx(folder.get(), "", flags, STATX_INO | STATX_BTIME, &info) != 0) return std::nullopt;
@@ -155,12 +137,12 @@ FolderLook NotThere(const std::string& folder, int error_number) {
 }
 
 FolderLook LookAt(const std::string& folder, const Way& way) {
-  Opened at = OpenRoot(way.root);
+  Descriptor at = OpenRoot(way.root);
   for (const std::string& name : way.names) {
     if (at.get() < 0) break;
     struct statfs file_system {};
     const bool is_automount = ::fstatfs(at.get(), &file_system) == 0 && file_system.f_type == AUTOFS_SUPER_MAGIC;
-    at = OpenBelow(at, name);
+    at = OpenFolder(at, name);
     if (at.get() < 0 && errno == ENOENT && is_automount) {
       return {FolderLook::Is::kUnknown, "",
               "there is no folder " + Quoted(folder) + ", which is mounted when it is used", ENOENT};
@@ -249,9 +231,9 @@ Result<TrailLook> LookAlong(const std::vector<std::string>& roots, const std::st
   const std::vector<std::string> folders = TrailFolders(roots, path);
   if (folders.empty()) return Error(ErrorCode::kInvalid, Quoted(path) + " lies outside of the folders of images");
   TrailLook look;
-  Opened at(-1);
+  Descriptor at(-1);
   for (const std::string& folder : folders) {
-    at = IsRoot(folder) ? OpenRoot(folder) : OpenBelow(at, folder.substr(folder.rfind('/') + 1));
+    at = IsRoot(folder) ? OpenRoot(folder) : OpenFolder(at, folder.substr(folder.rfind('/') + 1));
     const std::optional<FolderIdentity> identity = at.get() >= 0 ? Identify(at) : std::nullopt;
     if (identity) {
       look.folders.emplace(folder, IdentityText(*identity));

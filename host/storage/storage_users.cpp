@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/records/repository_host.h"
 #include "host/store/key.h"
@@ -23,7 +24,7 @@ using VexaCCC::DB::DashCate;
 constexpr char kPath[] = "path";
 constexpr char kNvram[] = "nvram";
 
-std::string PrefixOf(const DashCate& category) { return store::MakeKey({"dash", category.name()}); }
+std::string PrefixOf(const DashCate& category) { return cluster::CategoryKey(category.name()); }
 
 std::string TextMember(const Json::Value& record, const char* name) {
   const Json::Value& member = json::Member(record, name);
@@ -100,8 +101,7 @@ Result<std::map<std::string, std::string>> RepositoriesOf(const store::Snapshot&
     const Result<std::string> host = RepositoryHost(snapshot, named);
     if (!host) return host.error();
     if (host->empty() || *host != host_id) continue;
-    const auto record =
-        cluster::LoadObject(snapshot, store::MakeKey({"dash", DashCate::Repository.name(), id, keys::object}));
+    const auto record = cluster::LoadObject(snapshot, cluster::ObjectKey(DashCate::Repository.name(), id));
     if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
     own.emplace(id, record ? TextMember(record->record, keys::name) : std::string());
   }

@@ -121,10 +121,7 @@ std::vector<Result<Revision>> EmbeddedStore::RunBatch(std::span<Waiting* const> 
 }
 
 Status EmbeddedStore::RunTogether(std::span<Waiting* const> batch, std::vector<Result<Revision>>& outcomes) {
-  std::size_t bytes = 0;
-  for (const Waiting* waiting : batch) bytes += BytesOf(*waiting->transaction);
-  return keyspace_->Update(bytes, [&](KeyspaceWriter& writer) -> Status {
-    outcomes.clear();
+  return keyspace_->Update([&](KeyspaceWriter& writer) -> Status {
     for (const Waiting* waiting : batch) {
       outcomes.push_back(RunOne(writer, *waiting->transaction));
       const Result<Revision>& last = outcomes.back();

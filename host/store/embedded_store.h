@@ -17,7 +17,7 @@ namespace vexa::store {
 // Commits that wait at the same time share one sync of the disk: the first in the queue takes all of them, runs each
 // with its own compares and its own revision in one LMDB transaction, and wakes the others. A failed compare fails only
 // its own transaction; so does a transaction that is too large for the disk. A thread that holds a snapshot commits
-// alone: if the map had to grow, the others would wait for its snapshot while it waited for them.
+// alone: if the store had to be reopened, the others would wait for its snapshot while it waited for them.
 // Threads: any, at the same time.
 class EmbeddedStore final : public Store {
  public:

@@ -1,10 +1,7 @@
 #include "host/store/lmdb_environment.h"
 
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <thread>
 #include <utility>
@@ -21,23 +18,9 @@ using std::chrono::milliseconds;
 
 constexpr unsigned kMaxReaders = 1024;
 constexpr std::size_t kMaxIdleReaders = 64;
-constexpr std::size_t kLargestStepBytes = std::size_t{1} << 30;
-constexpr milliseconds kPatience{2000};  // for snapshots that prevent a new map
+constexpr milliseconds kPatience{2000};  // for snapshots that keep the store from being reopened
 constexpr milliseconds kSlotPause{10};
 constexpr int kMaxAttempts = 100;
-
-std::size_t RoundUpToPage(std::size_t bytes) {
-  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-  return (bytes + page - 1) / page * page;
-}
-
-// LMDB unmaps before it maps, so a map that does not fit must be refused beforehand.
-bool AddressSpaceHolds(std::size_t bytes) {
-  void* const probe = ::mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (probe == MAP_FAILED) return false;
-  ::munmap(probe, bytes);
-  return true;
-}
 
 }  // namespace
 
@@ -51,23 +34,15 @@ ReadTransaction::ReadTransaction(ReadTransaction&& other) noexcept
 
 ReadTransaction::~ReadTransaction() {
   if (transaction_ == nullptr) return;
-  if (environment_->IsForked()) {
-    pass_.Forget();
-    return;
-  }
-  const bool grow = environment_->IsHalfFull();
   environment_->GiveBack(transaction_);
   pass_.Leave();
-  if (grow) environment_->GrowAhead();
 }
 
-WriteTransaction::WriteTransaction(MDB_txn* transaction, std::size_t map_bytes, MapGate::Pass pass)
-    : transaction_(transaction), map_bytes_(map_bytes), pass_(std::move(pass)) {}
+WriteTransaction::WriteTransaction(MDB_txn* transaction, MapGate::Pass pass)
+    : transaction_(transaction), pass_(std::move(pass)) {}
 
 WriteTransaction::WriteTransaction(WriteTransaction&& other) noexcept
-    : transaction_(std::exchange(other.transaction_, nullptr)),
-      map_bytes_(other.map_bytes_),
-      pass_(std::move(other.pass_)) {}
+    : transaction_(std::exchange(other.transaction_, nullptr)), pass_(std::move(other.pass_)) {}
 
 WriteTransaction::~WriteTransaction() { Abort(); }
 
@@ -83,16 +58,9 @@ void WriteTransaction::Abort() {
 }
 
 LmdbEnvironment::LmdbEnvironment(const LmdbOptions& options)
-    : directory_(options.directory),
-      place_check_(options.place_check),
-      generation_(ForkGeneration()),
-      map_bytes_(RoundUpToPage(options.initial_map_bytes)) {}
+    : directory_(options.directory), place_check_(options.place_check), map_bytes_(options.map_bytes) {}
 
-LmdbEnvironment::~LmdbEnvironment() {
-  if (!IsForked()) CloseFiles();
-}
-
-bool LmdbEnvironment::IsForked() const { return generation_ != ForkGeneration(); }
+LmdbEnvironment::~LmdbEnvironment() { CloseFiles(); }
 
 Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const LmdbOptions& options) {
   const Result<FolderId> folder = IdOfFolder(options.directory);
@@ -116,6 +84,13 @@ Status LmdbEnvironment::OpenFiles() {
   if (code == 0) code = mdb_env_set_mapsize(environment_, map_bytes_);
   // Without MDB_WRITEMAP, pages are written by system calls: a full disk is then an error instead of a signal.
   if (code == 0) code = mdb_env_open(environment_, directory_.c_str(), MDB_NOTLS, S_IRUSR | S_IWUSR);
+  if (code == ENOMEM) {
+    CloseFiles();
+    return Error(ErrorCode::kNoSpace,
+                 "Cannot map the store in '" + directory_ + "', which takes " + std::to_string(map_bytes_) +
+                     " bytes of address space or more; raise or remove the limit on it (ulimit -v, "
+                     "LimitAS=)");
+  }
   if (code != 0) {
     CloseFiles();
     return LmdbError("Cannot open the store in '" + directory_ + "'", code);
@@ -132,7 +107,6 @@ Status LmdbEnvironment::OpenFiles() {
     CloseFiles();
     return LmdbError("Cannot sync the folder '" + directory_ + "'", synced);
   }
-  map_bytes_ = MapBytes();
   return {};
 }
 
@@ -154,17 +128,9 @@ void LmdbEnvironment::CloseFiles() {
 }
 
 Status LmdbEnvironment::OpenDatabases() {
-  int code = MDB_SUCCESS;
-  // The map may be too small even for an empty store, or for one that another process has grown.
-  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-    code = OpenDatabasesIn(MDB_RDONLY);
-    if (code == MDB_NOTFOUND) code = OpenDatabasesIn(0);
-    if (code == MDB_SUCCESS) return {};
-    if (code != MDB_MAP_FULL && code != MDB_MAP_RESIZED) break;
-    const std::size_t bytes = code == MDB_MAP_FULL ? MapBytes() * 2 : 0;
-    code = mdb_env_set_mapsize(environment_, bytes);
-    if (code != 0) break;
-  }
+  int code = OpenDatabasesIn(MDB_RDONLY);
+  if (code == MDB_NOTFOUND) code = OpenDatabasesIn(0);
+  if (code == MDB_SUCCESS) return {};
   if (code == MDB_NOTFOUND) code = MDB_INVALID;
   return LmdbError("'" + directory_ + "' holds no store that this version can use", code);
 }
@@ -192,53 +158,54 @@ int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
   return code;
 }
 
-Result<ReadTransaction> LmdbEnvironment::BeginRead() {
+// Repeats `begin` until it returns 0; `pass` is then for its transaction.
+Result<MDB_txn*> LmdbEnvironment::Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin) {
   for (int attempt = 0;; ++attempt) {
-    if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
     if (Status in_place = InPlace(); !in_place.ok()) return in_place.error();
-    int code = MDB_PANIC;
-    {
-      MapGate::Pass pass = gate_.Enter();
-      MDB_txn* transaction = nullptr;
-      {
-        const std::lock_guard lock(idle_mutex_);
-        if (!idle_readers_.empty()) {
-          transaction = idle_readers_.back();
-          idle_readers_.pop_back();
-        }
-      }
-      if (transaction != nullptr) {
-        code = mdb_txn_renew(transaction);
-        if (code != 0) mdb_txn_abort(transaction);
-      } else if (environment_ != nullptr) {
-        code = mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &transaction);
-      }
-      if (code == 0) return ReadTransaction(this, transaction, std::move(pass));
-    }
+    pass = gate_.Enter();
+    MDB_txn* transaction = nullptr;
+    const int code = environment_ == nullptr ? MDB_PANIC : begin(transaction);
+    if (code == 0) return transaction;
+    pass.Leave();
     if (Status recovered = Recover(code, attempt); !recovered.ok()) return recovered.error();
   }
 }
 
-Result<WriteTransaction> LmdbEnvironment::BeginWrite() {
-  for (int attempt = 0;; ++attempt) {
-    if (IsForked()) return Error(ErrorCode::kUnavailable, "The store was opened before a fork; open it again");
-    if (Status in_place = InPlace(); !in_place.ok()) return in_place.error();
-    int code = MDB_PANIC;
-    {
-      MapGate::Pass pass = gate_.Enter();
-      MDB_txn* transaction = nullptr;
-      if (environment_ != nullptr) code = mdb_txn_begin(environment_, nullptr, 0, &transaction);
-      if (code == 0) return WriteTransaction(transaction, map_bytes_, std::move(pass));
+Result<ReadTransaction> LmdbEnvironment::BeginRead() {
+  MapGate::Pass pass;
+  const Result<MDB_txn*> begun = Begin(pass, [this](MDB_txn*& transaction) { return BeginReader(transaction); });
+  if (!begun.ok()) return begun.error();
+  return ReadTransaction(this, *begun, std::move(pass));
+}
+
+// An idle reader when there is one, otherwise a new one. 0, or LMDB's code.
+int LmdbEnvironment::BeginReader(MDB_txn*& transaction) {
+  {
+    const std::lock_guard lock(idle_mutex_);
+    if (!idle_readers_.empty()) {
+      transaction = idle_readers_.back();
+      idle_readers_.pop_back();
     }
-    if (Status recovered = Recover(code, attempt); !recovered.ok()) return recovered.error();
   }
+  if (transaction == nullptr) return mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &transaction);
+  const int code = mdb_txn_renew(transaction);
+  if (code != 0) mdb_txn_abort(transaction);
+  return code;
+}
+
+Result<WriteTransaction> LmdbEnvironment::BeginWrite() {
+  MapGate::Pass pass;
+  const Result<MDB_txn*> begun =
+      Begin(pass, [this](MDB_txn*& transaction) { return mdb_txn_begin(environment_, nullptr, 0, &transaction); });
+  if (!begun.ok()) return begun.error();
+  return WriteTransaction(*begun, std::move(pass));
 }
 
 // Fixes the cause so that the transaction can be retried, or returns why that is not possible.
 Status LmdbEnvironment::Recover(int code, int attempt) {
   if (attempt < kMaxAttempts) {
-    if (code == MDB_MAP_RESIZED) return AdoptMap();
-    if (code == MDB_PANIC) return OpenAnew();
+    // MDB_MAP_RESIZED: a process with a larger map wrote beyond ours. Opening maps at least the whole file.
+    if (code == MDB_PANIC || code == MDB_MAP_RESIZED) return OpenAgain();
     if (code == MDB_READERS_FULL) {
       DropIdleReaders();
       int dead_readers = 0;
@@ -251,18 +218,8 @@ Status LmdbEnvironment::Recover(int code, int attempt) {
   return LmdbError("Cannot begin a transaction in '" + directory_ + "'", code);
 }
 
-Status LmdbEnvironment::AdoptMap() {
-  if (!gate_.Close(kPatience)) {
-    return Error(ErrorCode::kBusy,
-                 "The store was grown by another process, and open snapshots keep the old map in use");
-  }
-  Status adopted = environment_ == nullptr ? Status() : SetMap(0);
-  gate_.OpenAgain();
-  return adopted;
-}
-
 // After a failed write of its head, LMDB refuses everything until the environment is reopened.
-Status LmdbEnvironment::OpenAnew() {
+Status LmdbEnvironment::OpenAgain() {
   if (!gate_.Close(kPatience)) {
     return Error(ErrorCode::kUnavailable, "The store must be opened again, and open snapshots keep it in use");
   }
@@ -279,60 +236,7 @@ Status LmdbEnvironment::OpenAnew() {
   return Error(ErrorCode::kUnavailable, "Cannot open the store again", opened.error().ToString());
 }
 
-Status LmdbEnvironment::Grow(std::size_t seen_bytes, std::size_t extra_bytes) {
-  if (!gate_.Close(kPatience)) {
-    return Error(ErrorCode::kBusy, "The store must grow, and open snapshots keep its present map in use; try again");
-  }
-  Status grown;
-  if (environment_ != nullptr && map_bytes_ <= seen_bytes) {
-    const std::size_t step = std::min(seen_bytes, kLargestStepBytes);
-    grown = SetMap(RoundUpToPage(seen_bytes + std::max(step, extra_bytes)));
-  }
-  gate_.OpenAgain();
-  return grown;
-}
-
-void LmdbEnvironment::GrowAhead() {
-  if (IsForked() || !gate_.Close(milliseconds(0))) return;
-  if (environment_ != nullptr && IsHalfFull()) {
-    // A failure is harmless here: the commit that really needs the room runs into it again and reports it.
-    static_cast<void>(SetMap(RoundUpToPage(map_bytes_ + std::min(map_bytes_, kLargestStepBytes))));
-  }
-  gate_.OpenAgain();
-}
-
-// Requires a closed gate. 0 bytes: the size in the file.
-Status LmdbEnvironment::SetMap(std::size_t bytes) {
-  if (bytes > 0 && !AddressSpaceHolds(bytes)) {
-    return Error(ErrorCode::kNoSpace, "No address space for a store of " + std::to_string(bytes) + " bytes");
-  }
-  int code = mdb_env_set_mapsize(environment_, bytes);
-  if (code == 0 && MapBytes() < map_bytes_) code = mdb_env_set_mapsize(environment_, map_bytes_);
-  if (code == 0) {
-    map_bytes_ = MapBytes();
-    return {};
-  }
-  // The old map is gone and there is no new one: only reopening helps, now or at the next call.
-  CloseFiles();
-  return OpenFiles();
-}
-
-std::size_t LmdbEnvironment::MapBytes() const {
-  MDB_envinfo info{};
-  mdb_env_info(environment_, &info);
-  return info.me_mapsize;
-}
-
-bool LmdbEnvironment::IsHalfFull() const {
-  MDB_envinfo info{};
-  MDB_stat stat{};
-  if (IsForked() || environment_ == nullptr || mdb_env_info(environment_, &info) != 0) return false;
-  if (mdb_env_stat(environment_, &stat) != 0) return false;
-  return (info.me_last_pgno + 1) * stat.ms_psize > info.me_mapsize / 2;
-}
-
 std::uint64_t LmdbEnvironment::LastTransaction() {
-  if (IsForked()) return 0;
   const MapGate::Pass pass = gate_.Enter();
   MDB_envinfo info{};
   if (environment_ == nullptr || mdb_env_info(environment_, &info) != 0) return 0;

@@ -1,4 +1,4 @@
-// One open LMDB environment: its databases, its transactions, and the growth of its memory map.
+// One open LMDB environment: its databases, its transactions, and its reopening after a failed write.
 #pragma once
 
 #include <lmdb.h>
@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -42,8 +43,6 @@ class WriteTransaction {
   WriteTransaction& operator=(WriteTransaction&&) = delete;
   ~WriteTransaction();
   MDB_txn* get() const { return transaction_; }
-  // The size of the map that it runs in.
-  std::size_t map_bytes() const { return map_bytes_; }
   // 0, or LMDB's code. Ends the transaction in either case.
   int Commit();
   // Ends the transaction without any effect.
@@ -51,14 +50,13 @@ class WriteTransaction {
 
  private:
   friend class LmdbEnvironment;
-  WriteTransaction(MDB_txn* transaction, std::size_t map_bytes, MapGate::Pass pass);
+  WriteTransaction(MDB_txn* transaction, MapGate::Pass pass);
   MDB_txn* transaction_;
-  std::size_t map_bytes_;
   MapGate::Pass pass_;
 };
 
-// After a fork, the child must not use its parent's environment: every call returns kUnavailable there, and none of the
-// parent's resources are released. The child must open the folder itself.
+// A forked child must not use it: LMDB's documentation (lmdb.h, "Caveats") allows an environment only in the process
+// that opened it.
 // Threads: any, at the same time.
 class LmdbEnvironment {
  public:
@@ -74,27 +72,17 @@ class LmdbEnvironment {
   MDB_dbi meta() const { return meta_; }
   const std::string& directory() const { return directory_; }
 
-  // Whether the data file is where it was first opened; see StorePlace. After a fork this checks nothing, because
-  // another thread of the parent may have been in the middle of a check.
-  Status InPlace() const { return IsForked() ? Status() : place_->Check(); }
+  // Whether the data file is where it was first opened; see StorePlace.
+  Status InPlace() const { return place_->Check(); }
 
-  // Errors: kBusy (no reader slot, or the map was grown elsewhere and a snapshot of this process stays open),
-  // kUnavailable (after a fork, the file is not in its place, or the folder cannot be reopened), and those of
-  // LmdbError.
+  // Errors: kBusy (no reader slot), kUnavailable (the file is not in its place, or the folder cannot be
+  // reopened, maybe because a snapshot of this process stays open), and those of LmdbError.
   Result<ReadTransaction> BeginRead();
   // Waits for the writers of all processes. Errors: those of BeginRead.
   Result<WriteTransaction> BeginWrite();
 
   // Whether a transaction that this thread began is still open.
-  bool ThisThreadIsInside() { return !IsForked() && gate_.ThisThreadIsInside(); }
-
-  // Grows the map to at least twice `seen_bytes`, with room for `extra_bytes`, unless another thread already did.
-  // Errors: kBusy (snapshots of this process stay open), kNoSpace (no address space), kUnavailable.
-  Status Grow(std::size_t seen_bytes, std::size_t extra_bytes);
-
-  // Grows the map once it is half full, provided that no thread is inside. This way commits hardly ever have to wait
-  // for growth.
-  void GrowAhead();
+  bool ThisThreadIsInside() { return gate_.ThisThreadIsInside(); }
 
   // A number that changes with every commit of any process; 0 when it is unknown.
   std::uint64_t LastTransaction();
@@ -103,25 +91,21 @@ class LmdbEnvironment {
   friend class ReadTransaction;
 
   explicit LmdbEnvironment(const LmdbOptions& options);
-  bool IsForked() const;
   Status OpenFiles();
   Status RememberPlace();
   Status OpenDatabases();
   int OpenDatabasesIn(unsigned transaction_flags);
   void CloseFiles();
+  Result<MDB_txn*> Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin);
+  int BeginReader(MDB_txn*& transaction);
   Status Recover(int code, int attempt);
-  Status AdoptMap();
-  Status OpenAnew();
-  Status SetMap(std::size_t bytes);
-  std::size_t MapBytes() const;
-  bool IsHalfFull() const;
+  Status OpenAgain();
   void GiveBack(MDB_txn* transaction);
   void DropIdleReaders();
 
   const std::string directory_;
   const PlaceCheck place_check_;
-  const std::uint64_t generation_;
-  std::size_t map_bytes_;                    // changed only while the gate is closed
+  const std::size_t map_bytes_;
   std::unique_ptr<const StorePlace> place_;  // does not change once the environment has been returned
   MapGate gate_;
   MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when reopening failed

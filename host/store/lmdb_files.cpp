@@ -16,6 +16,7 @@
 #include <system_error>
 #include <thread>
 
+#include "host/base/descriptor.h"
 #include "host/store/lmdb_error.h"
 
 namespace vexa::store {
@@ -67,24 +68,19 @@ constexpr std::uint16_t kMaxDepth = 32;
 class DataFile {
  public:
   explicit DataFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW)) {}
-  ~DataFile() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  DataFile(const DataFile&) = delete;
-  DataFile& operator=(const DataFile&) = delete;
 
-  bool open() const { return fd_ >= 0; }
+  bool open() const { return fd_.get() >= 0; }
   std::uint64_t size() const {
     struct stat info {};
-    return ::fstat(fd_, &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+    return ::fstat(fd_.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
   }
   template <class T>
   bool Read(std::uint64_t offset, T& out) const {
-    return ::pread(fd_, &out, sizeof out, static_cast<off_t>(offset)) == static_cast<ssize_t>(sizeof out);
+    return ::pread(fd_.get(), &out, sizeof out, static_cast<off_t>(offset)) == static_cast<ssize_t>(sizeof out);
   }
 
  private:
-  int fd_;
+  Descriptor fd_;
 };
 
 bool IsPageSize(std::uint32_t bytes) { return bytes >= 512 && bytes <= 32768 && (bytes & (bytes - 1)) == 0; }
@@ -150,27 +146,21 @@ Status CheckStoreFiles(const std::string& directory) {
 
 FolderLock::FolderLock(const std::string& directory)
     : fd_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  if (fd_ < 0) {
+  if (fd_.get() < 0) {
     code_ = errno;
     return;
   }
-  while (::flock(fd_, LOCK_EX) != 0) {
+  while (::flock(fd_.get(), LOCK_EX) != 0) {
     if (errno == EINTR) continue;
     code_ = errno;
     return;
   }
 }
 
-FolderLock::~FolderLock() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 int FolderLock::SyncNames() const {
-  const int parent = ::openat(fd_, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const Descriptor parent(::openat(fd_.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // We did not create a parent that we may enter but not read.
-  const int code = ::fsync(fd_) != 0 || (parent >= 0 && ::fsync(parent) != 0) ? errno : 0;
-  if (parent >= 0) ::close(parent);
-  return code;
+  return ::fsync(fd_.get()) != 0 || (parent.get() >= 0 && ::fsync(parent.get()) != 0) ? errno : 0;
 }
 
 void TightenStoreFiles(const std::string& directory) {

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "host/base/descriptor.h"
 #include "host/base/result.h"
 
 namespace vexa::store {
@@ -18,16 +19,13 @@ Status CheckStoreFiles(const std::string& directory);
 class FolderLock {
  public:
   explicit FolderLock(const std::string& directory);
-  ~FolderLock();
-  FolderLock(const FolderLock&) = delete;
-  FolderLock& operator=(const FolderLock&) = delete;
   // 0 when locked, otherwise errno(3).
   int code() const { return code_; }
   // Makes the names of the folder's files, and its own in its parent, survive a power failure. 0 or errno(3).
   int SyncNames() const;
 
  private:
-  int fd_;
+  Descriptor fd_;
   int code_ = 0;
 };
 

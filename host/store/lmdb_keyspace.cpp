@@ -19,17 +19,6 @@ constexpr milliseconds kLookInterval{50};  // for commits of other processes, wh
 constexpr milliseconds kProbeInterval{1000};
 constexpr milliseconds kLongestWait = std::chrono::hours(24);
 constexpr std::size_t kMaxChangesPerBatch = 10'000;
-constexpr int kMaxGrowths = 64;
-
-std::size_t BytesOf(std::span<const RevisionedOperations> commits) {
-  std::size_t bytes = 0;
-  for (const RevisionedOperations& commit : commits) {
-    for (const Operation& operation : commit.operations) {
-      bytes += operation.key.size() + (operation.text ? operation.text->size() : 0);
-    }
-  }
-  return bytes;
-}
 
 }  // namespace
 
@@ -49,7 +38,7 @@ Result<std::unique_ptr<Snapshot>> LmdbKeyspace::Read() const {
 
 Status LmdbKeyspace::Apply(std::span<const RevisionedOperations> commits) {
   if (commits.empty()) return {};
-  return Update(BytesOf(commits), [&](KeyspaceWriter& writer) -> Status {
+  return Update([&](KeyspaceWriter& writer) -> Status {
     for (const RevisionedOperations& commit : commits) {
       if (Status applied = writer.Apply(commit.revision, commit.operations); !applied.ok()) return applied;
     }
@@ -57,31 +46,24 @@ Status LmdbKeyspace::Apply(std::span<const RevisionedOperations> commits) {
   });
 }
 
-Status LmdbKeyspace::Update(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body) {
-  Status updated = TryUpdate(expected_bytes, body);
+Status LmdbKeyspace::Update(const std::function<Status(KeyspaceWriter&)>& body) {
+  Status updated = TryUpdate(body);
   if (!updated.ok()) NoteFailure(updated.error(), Health::kReadOnly);
   return updated;
 }
 
-Status LmdbKeyspace::TryUpdate(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body) {
-  for (int growths = 0;; ++growths) {
-    Result<WriteTransaction> transaction = environment_->BeginWrite();
-    if (!transaction.ok()) return transaction.error();
-    KeyspaceWriter writer(*environment_, transaction->get(), change_log_length_);
-    int code = writer.Load();
-    const Status done = code == 0 ? body(writer) : Status();
-    if (code == 0) code = writer.code_;
-    if (code == 0 && (!done.ok() || !writer.wrote_)) return done;
-    const std::size_t map_bytes = transaction->map_bytes();
-    if (code == 0) code = transaction->Commit();
-    transaction->Abort();
-    if (code == 0) {
-      NoteCommit();
-      return {};
-    }
-    if (code != MDB_MAP_FULL || growths >= kMaxGrowths) return CommitFailed(code);
-    if (Status grown = environment_->Grow(map_bytes, expected_bytes); !grown.ok()) return grown;
-  }
+Status LmdbKeyspace::TryUpdate(const std::function<Status(KeyspaceWriter&)>& body) {
+  Result<WriteTransaction> transaction = environment_->BeginWrite();
+  if (!transaction.ok()) return transaction.error();
+  KeyspaceWriter writer(*environment_, transaction->get(), change_log_length_);
+  int code = writer.Load();
+  const Status done = code == 0 ? body(writer) : Status();
+  if (code == 0) code = writer.code_;
+  if (code == 0 && (!done.ok() || !writer.wrote_)) return done;
+  if (code == 0) code = transaction->Commit();
+  if (code != 0) return CommitFailed(code);
+  NoteCommit();
+  return {};
 }
 
 Error LmdbKeyspace::CommitFailed(int code) const {
@@ -92,12 +74,9 @@ Error LmdbKeyspace::CommitFailed(int code) const {
 
 void LmdbKeyspace::NoteCommit() {
   health_ = Health::kReady;
-  {
-    const std::lock_guard lock(mutex_);
-    ++commits_;
-    committed_.notify_all();
-  }
-  environment_->GrowAhead();
+  const std::lock_guard lock(mutex_);
+  ++commits_;
+  committed_.notify_all();
 }
 
 // A refusal because of the caller's input or the current moment says nothing about the store.
@@ -122,7 +101,7 @@ Health LmdbKeyspace::health() const {
   }
   // Overwrites the revision with itself: for the disk a commit like any other, for readers no change.
   auto* const self = const_cast<LmdbKeyspace*>(this);
-  static_cast<void>(self->Update(0, [](KeyspaceWriter& writer) -> Status {
+  static_cast<void>(self->Update([](KeyspaceWriter& writer) -> Status {
     const int code = writer.StoreRevision(writer.revision());
     return code == 0 ? Status() : writer.Fail("Cannot write to the store", code);
   }));

@@ -80,11 +80,10 @@ class LmdbKeyspace {
   // above the last one. Errors: kInvalid, and those of Update.
   Status Apply(std::span<const RevisionedOperations> commits);
 
-  // Runs `body` in a write transaction and, if it returns success, commits what it wrote, durably. The map may have to
-  // grow, so `body` may run more than once and must start over each time. `expected_bytes` is roughly how much it
-  // writes. Errors: that of `body`; kNoSpace, kBusy (the map must grow, and snapshots of this process stay open),
-  // kUnavailable, kDenied, kCorrupt, kInternal. After an error nothing has changed.
-  Status Update(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body);
+  // Runs `body` in a write transaction and, if it returns success, commits what it wrote, durably. Errors:
+  // that of `body`; kNoSpace (the disk or the map is full), kUnavailable, kDenied, kCorrupt, kInternal. After an error
+  // nothing has changed.
+  Status Update(const std::function<Status(KeyspaceWriter&)>& body);
 
   // Same as Store::Watch.
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) const;
@@ -97,7 +96,7 @@ class LmdbKeyspace {
  private:
   LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, std::size_t change_log_length)
       : environment_(std::move(environment)), change_log_length_(change_log_length) {}
-  Status TryUpdate(std::size_t expected_bytes, const std::function<Status(KeyspaceWriter&)>& body);
+  Status TryUpdate(const std::function<Status(KeyspaceWriter&)>& body);
   Error CommitFailed(int code) const;
   void NoteCommit();
   void NoteFailure(const Error& error, Health consequence) const;

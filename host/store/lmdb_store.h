@@ -14,19 +14,28 @@ enum class PlaceCheck {
   kFile,  // also a file that cannot be read within 1.5 s: for stores with a fallback to read from
 };
 
+// The size of the memory map, and so the most that a store can hold. LMDB's documentation (lmdb.h,
+// mdb_env_set_mapsize) advises to choose it as large as possible, because a map cannot grow while transactions use it.
+// The map costs address space only: its file is as long as what was written, pages take memory when they are touched,
+// and a container counts those, not the map. 64 GiB are more than ten times what the records of 100,000 guests take,
+// and small beside the 128 TiB of a process on amd64 and the 256 TiB on arm64; a few stores still fit into what a
+// thread sanitizer leaves of it. Only a limit on the address space (`ulimit -v`, LimitAS=) can be in the way.
+inline constexpr std::size_t kStoreMapBytes = std::size_t{64} << 30;
+static_assert(sizeof(std::size_t) == 8, "A 32-bit process has no address space for the map of a store");
+
 struct LmdbOptions {
-  std::string directory;                                 // created (0700) when missing; its files are 0600
-  std::size_t initial_map_bytes = std::size_t{1} << 30;  // address space, not memory or disk; grows automatically
-  std::size_t change_log_length = 100'000;               // commits that a watch can look back on
+  std::string directory;                    // created (0700) when missing; its files are 0600
+  std::size_t map_bytes = kStoreMapBytes;   // a multiple of the page size; a file that is larger is mapped as a whole
+  std::size_t change_log_length = 100'000;  // commits that a watch can look back on
   PlaceCheck place_check = PlaceCheck::kFile;
 };
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind. One
 // environment per folder and process: opening a folder that this process already has open returns the same store, with
-// its original options. After fork(2), the child must not use a store of its parent, whose calls return kUnavailable
-// there; it must open the folder itself.
+// its original options. A process forks only while it has no store open, or to exec another program.
 // Errors: kCorrupt (not a store of ours, or a damaged head; deeper damage is found when it is read), kDenied,
-// kNoSpace, kInvalid (no folder given), kConflict (a file is in the folder's place), kInternal.
+// kNoSpace (the disk is full, or the map does not fit into the address space), kInvalid (no folder given), kConflict (a
+// file is in the folder's place), kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 
 }  // namespace vexa::store

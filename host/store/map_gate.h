@@ -24,8 +24,6 @@ class MapGate {
     Pass& operator=(Pass&& other) noexcept;
     ~Pass() { Leave(); }
     void Leave();
-    // For the child of a fork, where a thread that no longer exists may hold the gate's lock: does not leave the gate.
-    void Forget() { gate_ = nullptr; }
 
    private:
     friend class MapGate;

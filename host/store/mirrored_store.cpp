@@ -209,7 +209,7 @@ Status MirroredStore::CopyAll() {
   if (!snapshot.ok()) return {};
   const Snapshot& primary = **snapshot;
   Status read;  // of the primary
-  const Status written = copy_->Update(0, [&](KeyspaceWriter& writer) -> Status {
+  const Status written = copy_->Update([&](KeyspaceWriter& writer) -> Status {
     Status copied;
     read = primary.Scan("", [&](std::string_view key, const ValueView& value) {
       copied = writer.Copy(key, value);
@@ -269,7 +269,7 @@ Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
     if (!*gathered || bytes > kMaxChangedBytes) revision = 0;
   }
   if (revision == 0) return CopyAll();
-  const Status written = copy_->Update(bytes, [&](KeyspaceWriter& writer) -> Status {
+  const Status written = copy_->Update([&](KeyspaceWriter& writer) -> Status {
     for (const Changed& change : changed) {
       Status applied =
           change.text ? writer.Copy(change.key, {change.revision, *change.text}) : writer.Remove(change.key);

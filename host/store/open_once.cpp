@@ -1,9 +1,7 @@
 #include "host/store/open_once.h"
 
-#include <pthread.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <map>
@@ -24,24 +22,10 @@ struct Registry {
   std::map<Place, std::weak_ptr<void>> objects;
 };
 
-std::atomic<std::uint64_t> fork_generation{0};
-
-// Never destroyed: stores may outlive static destructors. Replaced in a child process, where another thread of the
-// parent may have held the lock, which would then never be released.
-std::atomic<Registry*> registry{nullptr};
-
-void ResetInChild() {
-  fork_generation.fetch_add(1);
-  registry.store(new Registry);
-}
-
+// Never destroyed: stores may outlive static destructors.
 Registry& CurrentRegistry() {
-  static const int installed = [] {
-    registry.store(new Registry);
-    return ::pthread_atfork(nullptr, nullptr, ResetInChild);
-  }();
-  static_cast<void>(installed);
-  return *registry.load();
+  static Registry* const registry = new Registry;
+  return *registry;
 }
 
 void Forget(const Place& place) {
@@ -58,8 +42,6 @@ Result<FolderId> IdOfFolder(const std::string& directory) {
   if (::stat(directory.c_str(), &info) != 0) return LmdbError("Cannot use the folder '" + directory + "'", errno);
   return FolderId(info.st_dev, info.st_ino);
 }
-
-std::uint64_t ForkGeneration() { return fork_generation.load(std::memory_order_relaxed); }
 
 Result<detail::AnyObject> detail::OpenOnce(const FolderId& folder, std::type_index type,
                                            const std::function<Result<AnyObject>()>& open) {
@@ -81,9 +63,9 @@ Result<detail::AnyObject> detail::OpenOnce(const FolderId& folder, std::type_ind
   }
   void* const raw = opened->get();
   // Closes the object first and frees its place afterwards, so that no other thread opens the folder in between.
-  AnyObject shared(raw, [owned = std::move(opened.value()), place, generation = ForkGeneration()](void*) mutable {
+  AnyObject shared(raw, [owned = std::move(opened.value()), place](void*) mutable {
     owned.reset();
-    if (generation == ForkGeneration()) Forget(place);
+    Forget(place);
   });
   const std::lock_guard lock(current.mutex);
   current.objects[place] = shared;

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,10 +19,6 @@ using FolderId = std::pair<dev_t, ino_t>;
 // Errors: kDenied, kInternal (there is no such folder).
 Result<FolderId> IdOfFolder(const std::string& directory);
 
-// How often this process has been forked from another since the library was loaded. An object that remembers another
-// number belongs to the parent: its locks, reader slots and descriptors must not be used or released here.
-std::uint64_t ForkGeneration();
-
 namespace detail {
 using AnyObject = std::shared_ptr<void>;
 Result<AnyObject> OpenOnce(const FolderId& folder, std::type_index type,
@@ -31,8 +26,7 @@ Result<AnyObject> OpenOnce(const FolderId& folder, std::type_index type,
 }  // namespace detail
 
 // The object of type T that is open for `folder`, or the result of `open`. Waits while another thread is opening it,
-// and while the last owner of an earlier one is still closing it. After a fork, the child starts with no object open.
-// Errors: those of `open`. Threads: any.
+// and while the last owner of an earlier one is still closing it. Errors: those of `open`. Threads: any.
 template <class T>
 Result<std::shared_ptr<T>> OpenOnce(const FolderId& folder, const std::function<Result<std::unique_ptr<T>>()>& open) {
   auto opened = detail::OpenOnce(folder, typeid(T), [&open]() -> Result<detail::AnyObject> {

@@ -25,9 +25,9 @@ struct ValueView {
   std::string_view text;
 };
 
-// One consistent state of the whole store. Keep it short: while it exists, the store cannot reuse space or move to a
-// larger map. Release it before a commit: a commit by a thread that holds a snapshot cannot share the disk's sync with
-// others, and returns kBusy when it needs a larger map. Threads: one at a time.
+// One consistent state of the whole store. Keep it short: while it exists, the store cannot reuse space, or be
+// reopened after a failed write. Release it before a commit: a commit by a thread that holds a snapshot cannot share
+// the disk's sync with others. Threads: one at a time.
 class Snapshot {
  public:
   virtual ~Snapshot() = default;
@@ -90,9 +90,8 @@ class Store {
 
   // Commits all operations or none, durably, and returns the revision that wrote them.
   // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsKey(), or a text above 256
-  // MiB), kNoSpace (the disk is full; nothing changed), kBusy (open snapshots keep the store from growing; nothing
-  // changed; retry without one), kDenied, kUnavailable, kCorrupt, kInternal. A transaction without operations checks
-  // its compares and returns the current revision.
+  // MiB), kNoSpace (the disk or the store is full; nothing changed), kDenied, kUnavailable, kCorrupt, kInternal. A
+  // transaction without operations checks its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
   // The changes after `from` at or below `prefix`. Waits up to `timeout` for the first one, then returns an empty

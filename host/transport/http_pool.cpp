@@ -1,8 +1,6 @@
 #include "host/transport/http_pool.h"
 
 #include <pthread.h>
-#include <sys/types.h>
-#include <unistd.h>
 
 #include <mutex>
 #include <new>
@@ -39,7 +37,7 @@ std::thread TryStart(const std::function<void()>& body) {
 
 class HttpPool::Impl {
  public:
-  explicit Impl(std::optional<TlsMaterial> tls) : owner_(::getpid()), tls_(std::move(tls)) {
+  explicit Impl(std::optional<TlsMaterial> tls) : tls_(std::move(tls)) {
     static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (initialised != CURLE_OK) return;
     loop_.emplace();
@@ -61,12 +59,8 @@ class HttpPool::Impl {
     if (thread_.joinable()) loop_->Wake();
   }
 
-  // Whether this process created the pool. A forked child has neither the thread nor, perhaps, a usable mutex.
-  bool IsOurs() const { return ::getpid() == owner_; }
-
   void Start(HttpCall call, Done done) {
     auto transfer = std::make_unique<HttpTransfer>(std::move(call), std::move(done));
-    if (!IsOurs()) return transfer->Fail("this process was forked from the one that talks to hosts");
     std::unique_lock lock(mutex_);
     if (loop_ && !stopping_ && !thread_.joinable()) {
       thread_ = TryStart([this] { Run(); });
@@ -142,7 +136,6 @@ class HttpPool::Impl {
     }
   }
 
-  const pid_t owner_;
   const std::optional<TlsMaterial> tls_;
   std::optional<CurlLoop> loop_;  // not set: it could not be created
   std::mutex mutex_;
@@ -152,15 +145,11 @@ class HttpPool::Impl {
   std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // used by the thread only
 };
 
-HttpPool::HttpPool(std::optional<TlsMaterial> tls) : impl_(new Impl(std::move(tls))) {}
+HttpPool::HttpPool(std::optional<TlsMaterial> tls) : impl_(std::make_unique<Impl>(std::move(tls))) {}
 
-HttpPool::~HttpPool() {
-  if (impl_->IsOurs()) delete impl_;
-}
+HttpPool::~HttpPool() = default;
 
-void HttpPool::Stop() {
-  if (impl_->IsOurs()) impl_->Stop();
-}
+void HttpPool::Stop() { impl_->Stop(); }
 
 void HttpPool::Start(HttpCall call, Done done) { impl_->Start(std::move(call), std::move(done)); }
 

@@ -39,7 +39,7 @@ struct HttpOutcome {
 // One thread serves all calls; the first call starts it. Connections are kept for the next call to the same host.
 // HTTP/1.1 over TLS 1.3 with certificates on both sides: a host must present one that the cluster's authority signed
 // for its id. No redirects, no proxies. A request that may have reached its host is never sent twice. Limits: the
-// call's connect_timeout to connect, and kMaxReplyBytes of reply. After fork(2), calls in the child fail immediately.
+// call's connect_timeout to connect, and kMaxReplyBytes of reply.
 // Threads: any, at the same time.
 class HttpPool {
  public:
@@ -48,7 +48,7 @@ class HttpPool {
 
   // Without `tls` it uses plain HTTP: for tests.
   explicit HttpPool(std::optional<TlsMaterial> tls);
-  // Fails the calls under way first. In a forked child it leaves everything untouched.
+  // Fails the calls under way first.
   ~HttpPool();
   HttpPool(const HttpPool&) = delete;
   HttpPool& operator=(const HttpPool&) = delete;
@@ -60,7 +60,7 @@ class HttpPool {
 
  private:
   class Impl;
-  Impl* impl_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace vexa::transport

@@ -136,7 +136,7 @@ TEST_P(HypervisorContract, Guest_FromDefinitionToItsEnd_TellsEachStateInOrder) {
 
 TEST_P(HypervisorContract, Calls_OnAGuestThatIsOff_AreRefused) {
   const std::string id = Define(1);
-  EXPECT_EQ(ProblemOf(hypervisor_->ShutDown(id, {})), Problem::kNotRunning);
+  EXPECT_EQ(ProblemOf(hypervisor_->ShutDown(id)), Problem::kNotRunning);
   EXPECT_EQ(ProblemOf(hypervisor_->PowerOff(id)), Problem::kNotRunning);
   EXPECT_EQ(ProblemOf(hypervisor_->Reboot(id)), Problem::kNotRunning);
   EXPECT_EQ(ProblemOf(hypervisor_->AddressesOf(id)), Problem::kNotRunning);
@@ -154,7 +154,7 @@ TEST_P(HypervisorContract, Calls_OnAGuestThatRuns_AreRefused) {
 
 TEST_P(HypervisorContract, Calls_OnAnUnknownGuest_AreRefused) {
   EXPECT_EQ(ProblemOf(hypervisor_->Start(Id(1))), Problem::kNoSuchGuest);
-  EXPECT_EQ(ProblemOf(hypervisor_->ShutDown(Id(1), {})), Problem::kNoSuchGuest);
+  EXPECT_EQ(ProblemOf(hypervisor_->ShutDown(Id(1))), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->PowerOff(Id(1))), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->Reboot(Id(1))), Problem::kNoSuchGuest);
   EXPECT_EQ(ProblemOf(hypervisor_->Undefine(Id(1), UndefineScope::kDefinition)), Problem::kNoSuchGuest);

@@ -53,7 +53,7 @@ class StoreOnAFailingDisk : public testing::Test {
   void TearDown() override { Heal(); }
   void Reopen() {
     store_.reset();
-    auto store = OpenLmdbStore({folder_.path(), std::size_t{1} << 20, 1000});
+    auto store = OpenLmdbStore({folder_.path(), kStoreMapBytes, 1000});
     ASSERT_TRUE(store.ok()) << store.error().ToString();
     store_ = *store;
   }

@@ -6,20 +6,12 @@ namespace vexa::store {
 namespace {
 
 std::shared_ptr<Store> OpenEmbedded(const std::string& directory, std::size_t change_log_length) {
-  auto store = OpenLmdbStore({directory, std::size_t{64} << 20, change_log_length});
+  auto store = OpenLmdbStore({directory, kStoreMapBytes, change_log_length});
   if (!store.ok()) ADD_FAILURE() << store.error().ToString();
   return store.ok() ? *store : nullptr;
 }
 
-// A map that the larger tests outgrow.
-std::shared_ptr<Store> OpenSmall(const std::string& directory, std::size_t change_log_length) {
-  auto store = OpenLmdbStore({directory, std::size_t{4} << 20, change_log_length});
-  if (!store.ok()) ADD_FAILURE() << store.error().ToString();
-  return store.ok() ? *store : nullptr;
-}
-
-INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract,
-                         testing::Values(StoreFactory{"Embedded", OpenEmbedded}, StoreFactory{"SmallMap", OpenSmall}),
+INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, testing::Values(StoreFactory{"Embedded", OpenEmbedded}),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace

@@ -15,7 +15,7 @@
 namespace vexa::store {
 namespace {
 
-LmdbOptions Small(const std::string& directory) { return {directory, std::size_t{64} << 10, 1000}; }
+LmdbOptions Small(const std::string& directory) { return {directory, std::size_t{64} << 20, 1000}; }
 
 std::shared_ptr<Store> Open(const LmdbOptions& options) {
   auto store = OpenLmdbStore(options);
@@ -83,7 +83,7 @@ TEST(LmdbStore, Open_AndCloseFromManyThreads_NeverOpensTwice) {
   EXPECT_EQ(TextOf(*Open(Small(folder.path())), "/shared"), "150");
 }
 
-TEST(LmdbStore, Map_OutgrownUnderLoad_GrowsWithoutAnError) {
+TEST(LmdbStore, Snapshots_TwoInOneThreadUnderLoad_NeverFail) {
   const TemporaryFolder folder;
   const auto store = Open(Small(folder.path()));
   std::atomic<bool> stop{false};
@@ -114,49 +114,47 @@ TEST(LmdbStore, Map_OutgrownUnderLoad_GrowsWithoutAnError) {
   for (int w = 0; w < 4; ++w) EXPECT_EQ(ReadOf(*store)->Children(MakeKey({"w", std::to_string(w)}))->size(), 40u);
 }
 
-TEST(LmdbStore, Map_OutgrownWhileTheWriterHoldsASnapshot_IsBusyAndThenWorks) {
+TEST(LmdbStore, Map_Full_RefusesAndOpensAgainWithALargerOne) {
   const TemporaryFolder folder;
-  const auto store = Open(Small(folder.path()));
-  Put(*store, "/a", "1");
-  auto snapshot = ReadOf(*store);
-  const Transaction large = {{}, {{"/a", "2"}, {"/large", std::string(1'000'000, 'l')}}};
-  const Result<Revision> refused = store->Commit(large);
-  ASSERT_FALSE(refused.ok());
-  EXPECT_EQ(refused.error().code(), ErrorCode::kBusy);
-  EXPECT_EQ(snapshot->Get("/a").value()->text, "1");
-  EXPECT_EQ(TextOf(*store, "/a"), "1");
-  EXPECT_EQ(store->health(), Health::kReady);
-  snapshot.reset();
-  const Result<Revision> done = store->Commit(large);
-  ASSERT_TRUE(done.ok()) << done.error().ToString();
-  EXPECT_EQ(TextOf(*store, "/a"), "2");
+  auto store = Open({folder.path(), std::size_t{1} << 20, 1000});
+  Put(*store, "/kept", "1");
+  int written = 0;
+  ErrorCode refusal = ErrorCode::kInternal;
+  for (; written < 100; ++written) {
+    const auto done = store->Commit({{}, {{MakeKey({"fill", std::to_string(written)}), std::string(50'000, 'f')}}});
+    if (done.ok()) continue;
+    refusal = done.error().code();
+    break;
+  }
+  EXPECT_EQ(refusal, ErrorCode::kNoSpace);
+  EXPECT_EQ(store->health(), Health::kReadOnly);
+  EXPECT_GT(written, 5);
+  EXPECT_EQ(TextOf(*store, "/kept"), "1");
+  EXPECT_EQ(ReadOf(*store)->Children("/fill")->size(), static_cast<std::size_t>(written));
+  store.reset();
+  store = Open(Small(folder.path()));
+  Put(*store, "/large", std::string(2'000'000, 'l'));
+  EXPECT_EQ(ReadOf(*store)->Children("/fill")->size(), static_cast<std::size_t>(written));
 }
 
-TEST(LmdbStore, Map_OutgrownByAWriterWithASnapshot_FailsNobodyElse) {
+TEST(LmdbStore, Map_SmallerThanTheFile_StillHoldsAllOfIt) {
   const TemporaryFolder folder;
-  const auto store = Open(Small(folder.path()));
-  std::atomic<bool> stop{false};
-  std::atomic<int> failures{0};
-  std::vector<std::thread> others;
-  for (int t = 0; t < 3; ++t) {
-    others.emplace_back([&] {
-      while (!stop) failures += Increment(*store, "/shared") < 0 ? 1 : 0;
-    });
-  }
-  int busy = 0;
-  for (int i = 0; i < 30; ++i) {
-    const auto snapshot = ReadOf(*store);
-    // Larger each time, so that it always outgrows the map that was enough before.
-    const std::string text(std::size_t{50'000} << std::min(i / 3, 8), 'x');
-    const Result<Revision> done = store->Commit({{}, {{MakeKey({"large", std::to_string(i)}), text}}});
-    if (done.ok()) continue;
-    EXPECT_EQ(done.error().code(), ErrorCode::kBusy) << done.error().ToString();
-    ++busy;
-  }
-  stop = true;
-  for (std::thread& other : others) other.join();
-  EXPECT_EQ(failures, 0);
-  EXPECT_GT(busy, 0);
+  auto store = Open(Small(folder.path()));
+  Put(*store, "/large", std::string(4'000'000, 'l'));
+  Put(*store, "/small", "1");
+  store.reset();
+  store = Open({folder.path(), std::size_t{1} << 20, 1000});
+  EXPECT_EQ(TextOf(*store, "/large"), std::string(4'000'000, 'l'));
+  EXPECT_EQ(TextOf(*store, "/small"), "1");
+}
+
+TEST(LmdbStore, Map_LargerThanTheAddressSpace_IsRefusedWithTheLimitToRaise) {
+  const TemporaryFolder folder;
+  const auto refused = OpenLmdbStore({folder.path(), std::size_t{1} << 48, 1000});
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code(), ErrorCode::kNoSpace);
+  EXPECT_NE(refused.error().ToString().find("ulimit -v"), std::string::npos) << refused.error().ToString();
+  Put(*Open(Small(folder.path())), "/a", "1");
 }
 
 TEST(LmdbStore, Snapshots_MoreThanReaderSlots_AreBusyAndThenWork) {

@@ -7,7 +7,7 @@ namespace vexa::store {
 namespace {
 
 std::shared_ptr<Store> OpenMirrored(const std::string& directory, std::size_t change_log_length) {
-  auto primary = OpenLmdbStore({directory + "/store", std::size_t{64} << 20, change_log_length});
+  auto primary = OpenLmdbStore({directory + "/store", kStoreMapBytes, change_log_length});
   if (!primary.ok()) {
     ADD_FAILURE() << primary.error().ToString();
     return nullptr;

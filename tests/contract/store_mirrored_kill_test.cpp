@@ -69,7 +69,7 @@ void ExpectAState(const Store& store) {
 }
 
 std::shared_ptr<Store> Open(const std::string& directory) {
-  auto store = OpenLmdbStore({directory, std::size_t{1} << 20, 20});
+  auto store = OpenLmdbStore({directory, kStoreMapBytes, 20});
   return store.ok() ? *store : nullptr;
 }
 

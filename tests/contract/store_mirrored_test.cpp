@@ -56,7 +56,7 @@ class Mirrored : public testing::Test {
   }
 
   void OpenPrimary(const char* folder, std::size_t change_log_length) {
-    auto opened = OpenLmdbStore({folder_.path() + folder, std::size_t{1} << 20, change_log_length});
+    auto opened = OpenLmdbStore({folder_.path() + folder, kStoreMapBytes, change_log_length});
     ASSERT_TRUE(opened.ok()) << opened.error().ToString();
     primary_ = std::make_shared<FaultyStore>(*opened);
   }
@@ -276,7 +276,7 @@ TEST_F(Mirrored, EmptyOrOlderDatabaseInThePlaceOfThePrimary_IsRefused) {
   ASSERT_TRUE(Caught());
   store_.reset();
   EXPECT_TRUE(CheckPrimaryIsNotOlder(*primary_, Folder()).ok()) << "as old as its copy";
-  const LmdbOptions small{folder_.path() + "/other", std::size_t{1} << 20, 10};
+  const LmdbOptions small{folder_.path() + "/other", kStoreMapBytes, 10};
   const auto other = OpenLmdbStore(small);
   ASSERT_TRUE(other.ok());
   for (const char* expected : {"an empty one", "an older one"}) {
@@ -293,7 +293,7 @@ TEST_F(Mirrored, EmptyOrOlderDatabaseInThePlaceOfThePrimary_IsRefused) {
 TEST_F(Mirrored, WithoutAReadableCopy_NoDatabaseIsTooOld) {
   ASSERT_TRUE(Caught());
   store_.reset();
-  const auto empty = OpenLmdbStore({folder_.path() + "/other", std::size_t{1} << 20, 10});
+  const auto empty = OpenLmdbStore({folder_.path() + "/other", kStoreMapBytes, 10});
   ASSERT_TRUE(empty.ok());
   EXPECT_TRUE(CheckPrimaryIsNotOlder(**empty, folder_.path() + "/no-copy").ok());
   std::ofstream(Folder() + "/data.mdb", std::ios::trunc) << "no database";
@@ -305,12 +305,12 @@ TEST(PrimaryFolder, WithoutADatabaseWhereOneWas_IsRefused) {
   const std::string primary = folder.path() + "/primary";
   const std::string mirror = folder.path() + "/mirror";
   EXPECT_TRUE(CheckPrimaryIsThere(primary, mirror).ok()) << "a first start";
-  ASSERT_TRUE(OpenLmdbStore({mirror, std::size_t{1} << 20, 10}).ok());
+  ASSERT_TRUE(OpenLmdbStore({mirror, kStoreMapBytes, 10}).ok());
   const Status refused = CheckPrimaryIsThere(primary, mirror);
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable);
   EXPECT_THAT(refused.error().ToString(), HasSubstr("mount it"));
-  ASSERT_TRUE(OpenLmdbStore({primary, std::size_t{1} << 20, 10}).ok());
+  ASSERT_TRUE(OpenLmdbStore({primary, kStoreMapBytes, 10}).ok());
   EXPECT_TRUE(CheckPrimaryIsThere(primary, mirror).ok());
 }
 

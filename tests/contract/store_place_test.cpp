@@ -31,7 +31,7 @@ std::chrono::milliseconds TimeUntil(const Condition& is_so) {
 class StoreElsewhere : public testing::Test {
  protected:
   void SetUp() override {
-    auto store = OpenLmdbStore({place_, std::size_t{1} << 20, 1000});
+    auto store = OpenLmdbStore({place_, kStoreMapBytes, 1000});
     ASSERT_TRUE(store.ok()) << store.error().ToString();
     store_ = *store;
     Put(*store_, "/a", "1");
@@ -92,7 +92,7 @@ TEST_F(StoreElsewhere, FileInThePlaceOfTheFolder_IsLost) {
 
 TEST_F(StoreElsewhere, FileCutShort_IsLost) {
   const std::string other = folder_.path() + "/other";
-  auto opened = OpenLmdbStore({other, std::size_t{1} << 20, 1000});
+  auto opened = OpenLmdbStore({other, kStoreMapBytes, 1000});
   ASSERT_TRUE(opened.ok());
   // Nothing is read from this map afterwards: pages that are gone would end the process.
   ASSERT_EQ(::truncate((other + "/data.mdb").c_str(), 100), 0);

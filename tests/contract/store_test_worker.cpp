@@ -28,7 +28,7 @@ void Require(bool holds, const std::string& what) {
 }
 
 std::shared_ptr<Store> Open(const std::string& directory) {
-  auto store = OpenLmdbStore({directory, std::size_t{64} << 10, 1000});
+  auto store = OpenLmdbStore({directory, kStoreMapBytes, 1000});
   Require(store.ok(), store.ok() ? "" : store.error().ToString());
   return *store;
 }

@@ -1,6 +1,5 @@
 // One request to many hosts.
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -304,27 +303,6 @@ TEST(Transport, RemovedDuringACall_CallEndsWithItsReply) {
   transport.reset();
   caller.join();
 }
-
-// Thread sanitizers do not follow a fork of a process with threads.
-#if !defined(__SANITIZE_THREAD__)
-TEST(Transport, ForkedChild_FailsAtOnceAndExits) {
-  const JsonHost host{std::string(R"({"success":true})")};
-  const InstalledTransport transport({{"host-a", host.address()}});
-  EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::alarm(20);  // ends a child that hangs
-    const bool failed = !Sender("host-a").process(MakeRequest()).isSuccess();
-    transport::RemoveTransport();
-    ::_exit(failed ? 0 : 1);
-  }
-  int status = -1;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
-}
-#endif
 
 TEST(TransportDeathTest, ProcessThatExitsWithATransport_Ends) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

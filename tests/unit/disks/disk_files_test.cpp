@@ -29,7 +29,7 @@ TEST(NormalPathOf, WhatCannot_HasNone) {
 }
 
 // Both ways of finding a file.
-class DiskFilesBy : public testing::TestWithParam<FileCalls::Resolve> {
+class DiskFilesBy : public testing::TestWithParam<ResolvePath> {
  protected:
   DiskFiles Files(const std::vector<std::string>& roots) const {
     FileCalls calls;
@@ -122,11 +122,8 @@ TEST_P(DiskFilesBy, WhatIsNotOurs_IsNeitherRenamedNorRemoved) {
   EXPECT_EQ(ground_.Files(), before);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothWays, DiskFilesBy,
-                         testing::Values(FileCalls::Resolve::kBySystem, FileCalls::Resolve::kByWalking),
-                         [](const auto& way) {
-                           return way.param == FileCalls::Resolve::kBySystem ? "System" : "Walking";
-                         });
+INSTANTIATE_TEST_SUITE_P(BothWays, DiskFilesBy, testing::Values(ResolvePath::kBySystem, ResolvePath::kByWalking),
+                         [](const auto& way) { return way.param == ResolvePath::kBySystem ? "System" : "Walking"; });
 
 }  // namespace
 }  // namespace vexa::test

@@ -218,54 +218,26 @@ TEST_F(TestMode, Networks_ThatCannotBeListed_AreAFailure) {
 
 TEST_F(TestMode, ShutDown_RunningGuest_IsOffAndTold) {
   Start();
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "ok");
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
   EXPECT_EQ(State(), GuestState::kOff);
   EXPECT_THAT(events_.Await(kGuest, 3), ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff));
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "not_running");
-}
-
-TEST_F(TestMode, ShutDown_PressesThatAreLost_AreRepeated) {
-  Start();
-  test::LosePresses(2);
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), milliseconds(20)})), "ok");
-  EXPECT_EQ(test::Presses(), 3);
-  EXPECT_EQ(State(), GuestState::kOff);
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "not_running");
 }
 
 TEST_F(TestMode, ShutDown_GuestThatIsOffBeforeTheAnswer_Succeeds) {
   Start();
   const test::QuickPresses quick;
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
   EXPECT_EQ(State(), GuestState::kOff);
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "not_running");
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "not_running");
 }
 
-TEST_F(TestMode, ShutDown_GuestThatNeverListens_IsStillRunning) {
+TEST_F(TestMode, ShutDown_PressThatIsLost_IsNotRepeated) {
   Start();
   test::LosePresses(1000);
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {milliseconds(100), milliseconds(20)})), "still_running");
-  EXPECT_EQ(State(), GuestState::kRunning);
-  EXPECT_GE(test::Presses(), 2);
-}
-
-TEST_F(TestMode, ShutDown_WithoutPatience_PressesOnce) {
-  Start();
-  test::LosePresses(1000);
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "ok");
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
   EXPECT_EQ(test::Presses(), 1);
   EXPECT_EQ(State(), GuestState::kRunning);
-}
-
-TEST_F(TestMode, ShutDown_GuestThatSomebodyElsePowersOff_Ends) {
-  Start();
-  test::LosePresses(1000);
-  std::thread other([&] {
-    while (test::Presses() == 0) std::this_thread::sleep_for(milliseconds(5));
-    EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "ok");
-    EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "ok");
-  });
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {seconds(60), seconds(60)})), "ok");
-  other.join();
 }
 
 TEST_F(TestMode, AddressesOf_GuestInAKnownNetwork_AreInvented) {
@@ -451,7 +423,7 @@ TEST(Translate, SameCode_MeansOneThingHereAndAnotherThere) {
 }
 
 TEST(Problems, EachHasAWordAndACode) {
-  EXPECT_EQ(ProblemName(Problem::kStillRunning), "still_running");
+  EXPECT_EQ(ProblemName(Problem::kNotRunning), "not_running");
   EXPECT_EQ(CodeOf(Problem::kNoSuchGuest), ErrorCode::kNotFound);
   EXPECT_EQ(CodeOf(Problem::kNoMemory), ErrorCode::kNoSpace);
   EXPECT_EQ(CodeOf(Problem::kDisconnected), ErrorCode::kUnavailable);
@@ -500,7 +472,7 @@ TEST_F(TestMode, Calls_WhileDisconnected_FailAtOnce) {
   EXPECT_EQ(Word(hypervisor_->Define(Xml())), "disconnected");
   EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest, {})), "disconnected");
+  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->Reboot(kGuest)), "disconnected");
   EXPECT_EQ(Word(hypervisor_->StateOf(kGuest)), "disconnected");
