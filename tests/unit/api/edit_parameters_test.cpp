@@ -13,7 +13,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Null when there is none of this name.
+// Null when no parameter has this name.
 const Parameter* Find(const std::vector<Parameter>& parameters, std::string_view name) {
   const auto found = std::ranges::find(parameters, name, &Parameter::name);
   return found == parameters.end() ? nullptr : &*found;
