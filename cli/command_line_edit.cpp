@@ -33,10 +33,10 @@ interfaces, drives, USB devices and rights there is 'vexa guest set'.)";
 
 std::string SettingsHelp() {
   std::string text = "\nSettings:\n";
-  for (const Setting& setting : Settings()) {
-    std::string name = std::string("  ") + setting.name + (setting.kind == SettingKind::kYesNo ? "=true|false" : "=");
+  for (const GuestSetting* setting : Settings()) {
+    std::string name = std::string("  ") + setting->name + (setting->type == SettingType::kYesNo ? "=true|false" : "=");
     name.resize(std::max<std::size_t>(name.size() + 1, 32), ' ');
-    text += name + setting.help + '\n';
+    text += name + setting->help + '\n';
   }
   return text;
 }

@@ -3,8 +3,11 @@
 #include <array>
 #include <iostream>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include "cli/printable.h"
+#include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
 
 namespace vexa::cli {
@@ -21,29 +24,6 @@ struct Field {
   Kind kind;
 };
 
-// In the order of the table on the screen. A setting that is missing from the reply is left out.
-constexpr std::array kGeneral = {
-    Field{"Name", "name", Kind::kText},
-    Field{"Description", "desc", Kind::kText},
-    Field{"Repository", "repo_id", Kind::kText},
-    Field{"Virtual CPUs", "vcpu_num", Kind::kText},
-    Field{"Pinned CPUs", "cpu_pin_num", Kind::kText},
-    Field{"CPU weight", "cpu_weight", Kind::kText},
-    Field{"CPU passthrough", "cpu_passthru", Kind::kYesNo},
-    Field{"Hyper-V features", "hyperv_enlighten", Kind::kYesNo},
-    Field{"Memory", "vram_size", Kind::kKib},
-    Field{"Video card", "video_card", Kind::kText},
-    Field{"Keyboard", "kb_layout", Kind::kText},
-    Field{"Boots from", "boot_from", Kind::kText},
-    Field{"UEFI firmware", "use_ovmf", Kind::kYesNo},
-    Field{"Autorun", "autorun", Kind::kText},
-    Field{"High availability", "is_ha_enabled", Kind::kYesNo},
-    Field{"USB version", "usb_version", Kind::kText},
-    Field{"USB devices", "usbs", Kind::kList},
-    Field{"ISO images", "iso_images", Kind::kList},
-    Field{"General guest", "is_general_vm", Kind::kYesNo},
-};
-
 constexpr std::array kDiskColumns = {
     Field{"DISK", "vdisk_id", Kind::kText},      Field{"SIZE", "size", Kind::kMib},
     Field{"TYPE", "lun_type", Kind::kText},      Field{"MODE", "vdisk_mode", Kind::kText},
@@ -58,6 +38,27 @@ constexpr std::array kNicColumns = {
     Field{"TYPE", "vnic_type", Kind::kText},
     Field{"SR-IOV", "prefer_sriov", Kind::kYesNo},
 };
+
+Kind KindOf(const GuestSetting& setting) {
+  if (setting.unit == Unit::kMib) return Kind::kKib;  // as the reply has it
+  if (setting.type == SettingType::kYesNo) return Kind::kYesNo;
+  return setting.type == SettingType::kList ? Kind::kList : Kind::kText;
+}
+
+// The guest's settings and what else the reply says of it, in the order of the table on the screen.
+std::vector<Field> GeneralFields() {
+  std::vector<Field> fields;
+  bool has_ha = false;
+  for (const GuestSetting* setting : GuestSettingsByTopic()) {
+    // It is about the guest's start, like the topic that has just ended.
+    if (setting->topic > SettingTopic::kHostStart && !std::exchange(has_ha, true)) {
+      fields.push_back({"High availability", "is_ha_enabled", Kind::kYesNo});
+    }
+    if (setting->label) fields.push_back({setting->label, setting->name, KindOf(*setting)});
+  }
+  fields.push_back({"General guest", "is_general_vm", Kind::kYesNo});
+  return fields;
+}
 
 // "4 GiB" for a number of KiB that is a whole number of GiB; the largest unit without a fraction.
 std::string FormatSize(std::int64_t kib) {
@@ -142,7 +143,8 @@ ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
     return Report(Error(ErrorCode::kCorrupt, "The server's reply holds no guest"));
   }
   Fields fields{{"Guest", guest_id}};
-  for (const Field& field : kGeneral) {
+  // A field that is missing from the reply is left out.
+  for (const Field& field : GeneralFields()) {
     if (outcome.data.isMember(field.member)) {
       fields.emplace_back(field.label, Format(Member(outcome.data, field.member), field.kind));
     }

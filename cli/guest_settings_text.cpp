@@ -17,30 +17,23 @@ namespace {
 constexpr std::int64_t kKibPerMib = 1024;
 constexpr std::string_view kBlanks = " \t\r";
 
-bool HasItsType(const Setting& setting, const Json::Value& value) {
-  switch (setting.kind) {
-    case SettingKind::kText:
-      return value.isString();
-    case SettingKind::kNumber:
-      // To the person who wrote it, 2.0 is a number with a fraction.
-      return value.isInt64() && value.type() != Json::realValue;
-    case SettingKind::kYesNo:
-      return value.isBool();
-  }
-  return false;
-}
+// What each type of a setting is in the text.
+struct TypeRow {
+  SettingType type;
+  const char* what;
+  const char* example;
+  bool (*is_it)(const Json::Value& value);
+};
+constexpr TypeRow kTypes[] = {
+    {SettingType::kText, "a text in double quotes", "\"\"", [](const Json::Value& v) { return v.isString(); }},
+    // To the person who wrote it, 2.0 is a number with a fraction.
+    {SettingType::kNumber, "a whole number", "0",
+     [](const Json::Value& v) { return v.isInt64() && v.type() != Json::realValue; }},
+    {SettingType::kYesNo, "true or false", "false", [](const Json::Value& v) { return v.isBool(); }},
+};
 
-const char* TypeText(SettingKind kind) {
-  switch (kind) {
-    case SettingKind::kText:
-      return "a text in double quotes";
-    case SettingKind::kNumber:
-      return "a whole number";
-    case SettingKind::kYesNo:
-      return "true or false";
-  }
-  return "";
-}
+// Of a setting with one value.
+const TypeRow& TypeOf(const GuestSetting& setting) { return *std::ranges::find(kTypes, setting.type, &TypeRow::type); }
 
 std::string_view Trimmed(std::string_view text) {
   const std::size_t begin = text.find_first_not_of(kBlanks);
@@ -63,18 +56,6 @@ std::string ValueText(const Json::Value& value) {
   return Json::writeString(builder, value);
 }
 
-std::string ExampleOf(SettingKind kind) {
-  switch (kind) {
-    case SettingKind::kText:
-      return "\"\"";
-    case SettingKind::kNumber:
-      return "0";
-    case SettingKind::kYesNo:
-      return "false";
-  }
-  return "";
-}
-
 Error Bad(std::size_t line, const std::string& text) {
   return Error(ErrorCode::kInvalid, "Line " + std::to_string(line) + ": " + text);
 }
@@ -83,12 +64,13 @@ Status ReadLine(std::string_view line, std::size_t number, Json::Value& settings
   const std::size_t at = line.find('=');
   if (at == std::string_view::npos) return Bad(number, "There is no '='; give NAME = VALUE, or a '#' before a comment");
   const std::string name(Trimmed(line.substr(0, at)));
-  const Setting* const setting = FindSetting(name);
+  const GuestSetting* const setting = FindSetting(name);
   if (!setting) return Bad(number, UnknownSetting(name).message());
   if (settings.isMember(name)) return Bad(number, "The setting '" + name + "' is there twice");
   Result<Json::Value> value = ParseJson(Trimmed(line.substr(at + 1)));
-  if (!value || !HasItsType(*setting, *value)) {
-    return Bad(number, "The value of '" + name + "' is not " + TypeText(setting->kind));
+  const TypeRow& type = TypeOf(*setting);
+  if (!value || !type.is_it(*value)) {
+    return Bad(number, "The value of '" + name + "' is not " + type.what);
   }
   settings[name] = std::move(*value);
   return {};
@@ -98,12 +80,12 @@ Status ReadLine(std::string_view line, std::size_t number, Json::Value& settings
 
 Json::Value SettingsOf(const Json::Value& guest) {
   Json::Value settings(Json::objectValue);
-  for (const Setting& setting : Settings()) {
-    const Json::Value& value = Member(guest, setting.name);
-    if (!HasItsType(setting, value)) continue;
+  for (const GuestSetting* setting : Settings()) {
+    const Json::Value& value = Member(guest, setting->name);
+    if (!TypeOf(*setting).is_it(value)) continue;
     // "get" returns KiB, "set" takes MiB.
-    const bool is_memory = std::string_view(setting.name) == "vram_size";
-    settings[setting.name] = is_memory ? Json::Value(Json::Int64{*Integer(value) / kKibPerMib}) : value;
+    const bool is_size = setting->unit == Unit::kMib;
+    settings[setting->name] = is_size ? Json::Value(Json::Int64{*Integer(value) / kKibPerMib}) : value;
   }
   return settings;
 }
@@ -113,11 +95,11 @@ std::string SettingsText(const std::string& title, const Json::Value& settings) 
       "# " + Printable(title) +
       "\n#\n# Lines that begin with '#' are comments. Change values, save and end the editor; settings that stay as\n"
       "# they are, or are removed here, are not touched. With nothing changed nothing is sent.\n";
-  for (const Setting& setting : Settings()) {
-    const bool is_there = settings.isMember(setting.name);
-    text += std::string("\n# ") + setting.help + (is_there ? "" : "; not set") + "\n";
-    const std::string value = is_there ? ValueText(settings[setting.name]) : ExampleOf(setting.kind);
-    text += std::string(is_there ? "" : "#") + setting.name + " = " + value + "\n";
+  for (const GuestSetting* setting : Settings()) {
+    const bool is_there = settings.isMember(setting->name);
+    text += std::string("\n# ") + setting->help + (is_there ? "" : "; not set") + "\n";
+    const std::string value = is_there ? ValueText(settings[setting->name]) : TypeOf(*setting).example;
+    text += std::string(is_there ? "" : "#") + setting->name + " = " + value + "\n";
   }
   return text;
 }
@@ -138,10 +120,10 @@ Result<Json::Value> ParseSettings(const std::string& text) {
 
 Json::Value ChangedSettings(const Json::Value& before, const Json::Value& after) {
   Json::Value changed(Json::objectValue);
-  for (const Setting& setting : Settings()) {
-    if (!after.isMember(setting.name)) continue;
-    if (!before.isMember(setting.name) || before[setting.name] != after[setting.name]) {
-      changed[setting.name] = after[setting.name];
+  for (const GuestSetting* setting : Settings()) {
+    if (!after.isMember(setting->name)) continue;
+    if (!before.isMember(setting->name) || before[setting->name] != after[setting->name]) {
+      changed[setting->name] = after[setting->name];
     }
   }
   return changed;

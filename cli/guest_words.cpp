@@ -1,8 +1,8 @@
 #include "cli/guest_words.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -11,6 +11,7 @@
 
 #include "cli/listing.h"
 #include "cli/reply.h"
+#include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_xml.h"
@@ -20,23 +21,6 @@ namespace vexa::cli {
 namespace {
 
 namespace json = VexaVirtualization::json;
-
-constexpr std::array kSettings = {
-    Setting{"name", SettingKind::kText, "its name: 1 to 128 bytes that no other guest is called"},
-    Setting{"desc", SettingKind::kText, "its description"},
-    Setting{"vcpu_num", SettingKind::kNumber, "virtual CPUs, 1 to 512"},
-    Setting{"cpu_pin_num", SettingKind::kNumber, "processors of its own, 0 to its virtual CPUs"},
-    Setting{"cpu_weight", SettingKind::kNumber, "its share of short processors, 2 to 262144 (normally 256)"},
-    Setting{"cpu_passthru", SettingKind::kYesNo, "whether it sees the host's own processor"},
-    Setting{"hyperv_enlighten", SettingKind::kYesNo, "whether it gets Hyper-V's features; not with cpu_passthru=false"},
-    Setting{"vram_size", SettingKind::kNumber, "memory in MiB, 1 to 2097151"},
-    Setting{"video_card", SettingKind::kText, "cirrus, vga, vmvga, qxl or virtio"},
-    Setting{"kb_layout", SettingKind::kText, "its keyboard's layout, such as en-us, or Default"},
-    Setting{"boot_from", SettingKind::kText, "disk or iso"},
-    Setting{"use_ovmf", SettingKind::kYesNo, "whether its firmware is UEFI"},
-    Setting{"autorun", SettingKind::kNumber, "its start with the host, 0 to 2"},
-    Setting{"usb_version", SettingKind::kNumber, "its USB controller, 0 (none) to 3"},
-};
 
 constexpr std::int64_t kMibPerGib = 1024;
 constexpr std::int64_t kMaxDiskGib = static_cast<std::int64_t>(hypervisor::kMaxDiskMib) / kMibPerGib;
@@ -89,27 +73,30 @@ std::size_t Distance(std::string_view a, std::string_view b) {
 }
 
 // The setting that was probably intended; null when none is close.
-const Setting* Nearest(const std::string& name) {
+const GuestSetting* Nearest(const std::string& name) {
   constexpr std::size_t kLongest = 32;
   if (name.size() > kLongest) return nullptr;
-  const auto distance = [&](const Setting& setting) { return Distance(name, setting.name); };
-  const auto nearest = std::ranges::min_element(kSettings, {}, distance);
+  const auto distance = [&](const GuestSetting* setting) { return Distance(name, setting->name); };
+  const GuestSetting* const nearest = *std::ranges::min_element(Settings(), {}, distance);
   const std::size_t most = std::max<std::size_t>(1, std::string_view(nearest->name).size() / 2);
-  return distance(*nearest) <= most ? &*nearest : nullptr;
+  return distance(nearest) <= most ? nearest : nullptr;
 }
 
-Result<Json::Value> ValueOf(const Setting& setting, const std::string& text) {
+Result<Json::Value> ValueOf(const GuestSetting& setting, const std::string& text) {
   const std::string name = setting.name;
-  switch (setting.kind) {
-    case SettingKind::kText:
+  switch (setting.type) {
+    case SettingType::kText:
       if (!IsValidUtf8(text)) return Bad("The value of '" + name + "' is not valid UTF-8");
       return Json::Value(text);
-    case SettingKind::kNumber:
+    case SettingType::kNumber:
       if (const auto number = ParseNumber(text)) return Json::Value(Json::Int64{*number});
       return Bad("'" + text + "' is no number, as '" + name + "' needs it");
-    case SettingKind::kYesNo:
+    case SettingType::kYesNo:
       if (const auto yes = ParseYesNo(text)) return Json::Value(*yes);
       return Bad("'" + text + "' is neither true nor false, as '" + name + "' needs it");
+    case SettingType::kId:
+    case SettingType::kList:
+      break;
   }
   return Bad(name);
 }
@@ -118,7 +105,7 @@ Status AddSettings(const std::vector<std::string>& words, Json::Value& parameter
   for (const std::string& word : words) {
     const auto pair = SplitPair(word);
     if (!pair) return Bad("'" + word + "' is no setting: give NAME=VALUE");
-    const Setting* const setting = FindSetting(pair->first);
+    const GuestSetting* const setting = FindSetting(pair->first);
     if (!setting) return UnknownSetting(pair->first);
     if (parameters.isMember(setting->name)) return Bad("The setting '" + pair->first + "' is given twice");
     Result<Json::Value> value = ValueOf(*setting, pair->second);
@@ -253,19 +240,27 @@ Status AddContents(const std::vector<std::string>& words, const char* parameter,
 
 }  // namespace
 
-std::span<const Setting> Settings() { return kSettings; }
+std::span<const GuestSetting* const> Settings() {
+  static const auto settings = [] {
+    std::vector<const GuestSetting*> scalars;
+    std::ranges::copy_if(GuestSettingsByTopic(), std::back_inserter(scalars), &GuestSetting::IsScalar);
+    return scalars;
+  }();
+  return settings;
+}
 
-const Setting* FindSetting(const std::string& name) {
-  const auto found = std::ranges::find_if(kSettings, [&](const Setting& setting) { return name == setting.name; });
-  return found == kSettings.end() ? nullptr : &*found;
+const GuestSetting* FindSetting(const std::string& name) {
+  const GuestSetting* const setting = FindGuestSetting(name);
+  return setting && setting->IsScalar() ? setting : nullptr;
 }
 
 Error UnknownSetting(const std::string& name) {
   std::string text = "There is no setting '" + name + "'";
-  if (const Setting* const nearest = Nearest(name)) text += std::string("; did you mean '") + nearest->name + "'?";
+  if (const GuestSetting* const nearest = Nearest(name)) text += std::string("; did you mean '") + nearest->name + "'?";
   text += text.back() == '?' ? " The settings are " : ". The settings are ";
-  for (const Setting& setting : kSettings)
-    text += (&setting == &kSettings.front() ? "" : ", ") + std::string(setting.name);
+  for (const GuestSetting* setting : Settings()) {
+    text += (setting == Settings().front() ? "" : ", ") + std::string(setting->name);
+  }
   return Bad(text);
 }
 

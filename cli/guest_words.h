@@ -7,22 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "host/base/guest_setting.h"
 #include "host/base/result.h"
 
 namespace vexa::cli {
 
-enum class SettingKind { kText, kNumber, kYesNo };
-
-struct Setting {
-  const char* name;  // of the parameter of "set", and of the member in the reply to "get"
-  SettingKind kind;
-  const char* help;
-};
-
 // The settings with a single value, in the order in which they are shown.
-std::span<const Setting> Settings();
+std::span<const GuestSetting* const> Settings();
 // Null when there is no setting of this name.
-const Setting* FindSetting(const std::string& name);
+const GuestSetting* FindSetting(const std::string& name);
 // "There is no setting 'vcpus'; did you mean 'vcpu_num'? The settings are …".
 Error UnknownSetting(const std::string& name);
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "host/base/guest_settings.h"
 #include "host/domain_xml/domain_build_internal.h"
 #include "host/domain_xml/domain_xml.h"
 #include "host/domain_xml/domain_xml_internal.h"
@@ -28,8 +29,6 @@ constexpr UsbController kUsbControllers[] = {
     {0, "none", nullptr},   {1, "piix3-uhci", nullptr}, {2, "ich9-ehci1", nullptr}, {2, "ich9-uhci1", "0"},
     {2, "ich9-uhci2", "2"}, {2, "ich9-uhci3", "4"},     {3, "qemu-xhci", nullptr},
 };
-
-constexpr std::array<std::string_view, 5> kVideoCards = {"cirrus", "vga", "vmvga", "qxl", "virtio"};
 
 void WriteControllers(Context& context, std::int64_t version) {
   for (const UsbController& row : kUsbControllers) {
@@ -145,7 +144,7 @@ void WriteAgentChannel(Context& context) {
 }  // namespace
 
 Status WriteUsb(Context& context) {
-  const Result<std::int64_t> version = NumberOf(context.guest(), "usb_version", kDefaultUsbVersion, 0, 3);
+  const Result<std::int64_t> version = NumberOf(context.guest(), GuestSettingOf("usb_version"), kDefaultUsbVersion);
   if (!version) return version.error();
   WriteControllers(context, *version);
   if (*version > 0) {

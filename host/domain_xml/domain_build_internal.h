@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/base/guest_setting.h"
 #include "host/domain_xml/domain_build.h"
 
 namespace vexa::hypervisor::domain_build {
@@ -20,6 +21,8 @@ std::string XmlText(std::string_view text);
 // to `most`, or not a text.
 Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std::int64_t fallback, std::int64_t least,
                               std::int64_t most);
+// The same for a setting, in its range.
+Result<std::int64_t> NumberOf(const Json::Value& record, const GuestSetting& setting, std::int64_t fallback);
 Result<std::string> TextOf(const Json::Value& record, const char* member, const std::string& fallback);
 // False when it is absent or null; any other value as jsoncpp converts it.
 bool FlagOf(const Json::Value& record, const char* member);

@@ -1,7 +1,7 @@
 // The guest's identity, memory and processors, and the machine around them.
 #include <algorithm>
-#include <limits>
 
+#include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_build_internal.h"
@@ -14,8 +14,6 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-constexpr std::int64_t kMaxVcpus = 512;
-constexpr std::int64_t kMaxMemoryMib = std::numeric_limits<std::int32_t>::max() / 1024;
 constexpr std::int64_t kDefaultWeight = 256;
 constexpr std::size_t kMaxNameBytes = 128;
 
@@ -27,7 +25,7 @@ bool IsDomainName(const std::string& name) {
 }
 
 Status WriteTuning(Context& context, std::int64_t vcpus) {
-  const Result<std::int64_t> weight = NumberOf(context.guest(), "cpu_weight", kDefaultWeight, 2, 262'144);
+  const Result<std::int64_t> weight = NumberOf(context.guest(), GuestSettingOf("cpu_weight"), kDefaultWeight);
   if (!weight) return weight.error();
   const Result<std::int64_t> pins = NumberOf(context.guest(), "cpu_pin_num", 0, 0, vcpus);
   if (!pins) return pins.error();
@@ -134,7 +132,7 @@ Status WriteIdentity(Context& context) {
   if (json::FindMember(context.guest(), "desc") != nullptr) AddText(context.domain, "description", *description);
   if (!context.options.host_id.empty()) WriteMark(context.domain, context.options.host_id, Kept::kNo);
 
-  const Result<std::int64_t> memory = NumberOf(context.guest(), "vram_size", 0, 1, kMaxMemoryMib);
+  const Result<std::int64_t> memory = NumberOf(context.guest(), GuestSettingOf("vram_size"), 0);
   if (!memory) return memory.error();
   if (*memory == 0)
     return domain_xml::Refused("The record of the guest has no 'vram_size': say how much memory it has");
@@ -143,7 +141,7 @@ Status WriteIdentity(Context& context) {
 }
 
 Status WriteProcessor(Context& context) {
-  const Result<std::int64_t> vcpus = NumberOf(context.guest(), "vcpu_num", 1, 1, kMaxVcpus);
+  const Result<std::int64_t> vcpus = NumberOf(context.guest(), GuestSettingOf("vcpu_num"), 1);
   if (!vcpus) return vcpus.error();
   AddText(context.domain, "vcpu", std::to_string(*vcpus));
   if (Status tuning = WriteTuning(context, *vcpus); !tuning) return tuning;

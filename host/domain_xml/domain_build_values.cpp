@@ -57,6 +57,10 @@ Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std
   return json::Int64(value);
 }
 
+Result<std::int64_t> NumberOf(const Json::Value& record, const GuestSetting& setting, std::int64_t fallback) {
+  return NumberOf(record, setting.name, fallback, setting.min, setting.max);
+}
+
 Result<std::string> TextOf(const Json::Value& record, const char* member, const std::string& fallback) {
   const Json::Value& value = json::Member(record, member);
   if (value.isNull()) return fallback;

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 
+#include "host/base/guest_settings.h"
 #include "host/domain_xml/domain_xml_internal.h"
 
 namespace vexa::hypervisor::domain_xml {
@@ -11,8 +12,6 @@ namespace {
 constexpr std::size_t kUsbPorts = 4;
 constexpr int kDefaultUsbVersion = 2;
 constexpr std::uint64_t kMaxUsbNumber = 255;
-
-constexpr std::array<std::string_view, 5> kVideoCards = {"cirrus", "vga", "vmvga", "qxl", "virtio"};
 
 struct UsbController {
   std::string_view model;

@@ -1,7 +1,8 @@
 // The guest's identity, processors and memory.
-#include <limits>
 #include <set>
+#include <utility>
 
+#include "host/base/guest_settings.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_xml_internal.h"
 
@@ -9,13 +10,12 @@ namespace vexa::hypervisor::domain_xml {
 namespace {
 
 constexpr std::size_t kMaxNameBytes = 128;
-constexpr std::uint64_t kMaxVcpus = 512;
-constexpr std::uint64_t kMinWeight = 2;
-constexpr std::uint64_t kMaxWeight = 262'144;
 constexpr std::uint64_t kDefaultWeight = 256;
 constexpr std::uint64_t kMib = std::uint64_t{1} << 20;
-// The API reports memory in KiB as a 32-bit number.
-constexpr std::uint64_t kMaxMemoryMib = std::numeric_limits<std::int32_t>::max() / 1024;
+
+bool IsInRange(std::uint64_t value, const GuestSetting& setting) {
+  return std::cmp_greater_equal(value, setting.min) && std::cmp_less_equal(value, setting.max);
+}
 
 Json::Int Int(std::uint64_t value) { return static_cast<Json::Int>(value); }
 
@@ -63,7 +63,7 @@ Status ReadProcessor(pugi::xml_node domain, Context& context) {
   const pugi::xml_node vcpu = domain.child("vcpu");
   const std::string text = vcpu ? TextOf(vcpu) : "1";  // libvirt's default
   const auto vcpus = ParseUnsigned(text);
-  if (!vcpus || *vcpus < 1 || *vcpus > kMaxVcpus) {
+  if (!vcpus || !IsInRange(*vcpus, GuestSettingOf("vcpu_num"))) {
     return Refused("<vcpu> says " + Quote(text) + ": a guest has 1 to 512 virtual CPUs");
   }
   context.guest()["vcpu_num"] = Int(*vcpus);
@@ -78,7 +78,7 @@ Status ReadProcessor(pugi::xml_node domain, Context& context) {
   const pugi::xml_node cputune = domain.child("cputune");
   const pugi::xml_node shares = cputune.child("shares");
   const auto weight = shares ? ParseUnsigned(TextOf(shares)) : kDefaultWeight;
-  if (!weight || *weight < kMinWeight || *weight > kMaxWeight) {
+  if (!weight || !IsInRange(*weight, GuestSettingOf("cpu_weight"))) {
     return Refused("<shares> says " + Quote(TextOf(shares)) + ": a guest's CPU weight is 2 to 262144");
   }
   context.guest()["cpu_weight"] = Int(*weight);
@@ -92,11 +92,12 @@ Status ReadMemory(pugi::xml_node domain, Context& context) {
   if (!BytesPerUnit(unit)) {
     return Refused("<memory> has the unit " + Quote(unit) + ": use b, KB, KiB, MB, MiB, GB, GiB, TB or TiB");
   }
+  static constexpr const GuestSetting& kMemory = GuestSettingOf("vram_size");
   const auto bytes = MemoryBytes(memory);
   const std::uint64_t mib = bytes ? *bytes / kMib + (*bytes % kMib != 0 ? 1 : 0) : 0;
-  if (mib < 1 || mib > kMaxMemoryMib) {
+  if (!IsInRange(mib, kMemory)) {
     return Refused("<memory> says " + Quote(TextOf(memory)) + " " + (unit.empty() ? "KiB" : std::string(unit)) +
-                   ": a guest has 1 to " + std::to_string(kMaxMemoryMib) + " MiB of memory");
+                   ": a guest has 1 to " + std::to_string(kMemory.max) + " MiB of memory");
   }
   context.guest()["vram_size"] = Int(mib);
   const pugi::xml_node current = domain.child("currentMemory");

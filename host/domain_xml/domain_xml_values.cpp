@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 
+#include "host/base/guest_settings.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_xml_internal.h"
 
@@ -155,12 +156,7 @@ bool IsPlainPath(std::string_view path) {
   return (std::string(path) + "/").find("/../") == std::string::npos;
 }
 
-bool IsLayoutName(std::string_view text) {
-  constexpr std::size_t kMaxLayoutBytes = 32;
-  return !text.empty() && text.size() <= kMaxLayoutBytes && std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
-  });
-}
+bool IsLayoutName(std::string_view text) { return !text.empty() && IsKeyboardLayout(std::string(text)); }
 
 }  // namespace domain_xml
 }  // namespace vexa::hypervisor

@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "host/base/guest_settings.h"
 #include "host/base/log_text.h"
 #include "host/domain_xml/domain_xml.h"
 #include "host/storage/storage_condition.h"
@@ -22,7 +23,8 @@ namespace states = VexaCCC::State::Repo;
 using hypervisor::kMaxDisks;
 using hypervisor::kMaxNics;
 
-constexpr std::uint64_t kMaxVcpus = 512;
+constexpr std::uint64_t kMaxVcpus = GuestSettingOf("vcpu_num").max;
+constexpr std::uint64_t kMaxMemoryMib = GuestSettingOf("vram_size").max;
 constexpr std::int64_t kVirtio = 1;
 constexpr std::size_t kMaxQuoted = 300;
 
@@ -186,8 +188,6 @@ class Rater {
     std::reverse(chosen.begin(), chosen.end());
     return chosen;
   }
-
-  static constexpr std::uint64_t kMaxMemoryMib = 2'097'151;  // the limit of KiB in 31 bits
 
   const Guest& guest_;
   const HostResources& host_;

@@ -3,6 +3,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "host/base/guest_settings.h"
 #include "webapi/platform/ccc_constants.h"
 
 namespace vexa::cluster {
@@ -10,63 +11,57 @@ namespace {
 
 namespace k = VexaCCC::DB::_k;
 
-// The keys of the cluster's records, keys that an import adds, and keys stored about guests' states.
+// The keys of the cluster's records (those of guests' settings from their table), keys that an import adds, and keys
+// stored about guests' states.
 const std::unordered_set<std::string_view>& SharedNames() {
-  static const std::unordered_set<std::string_view> names{
-      k::object,
-      k::name,
-      k::state,
-      k::host_id,
-      k::repository_id,
-      k::guest_id,
-      k::guest,
-      k::guests,
-      k::authlevel,
-      k::is_forced_shutdown,
-      k::shutdownreasonvalue,
-      k::vcpu_num,
-      k::vram_size,
-      k::video_card,
-      k::cpu_passthru,
-      k::vdisks,
-      k::vnics,
-      k::autorun,
-      k::ha_group_id,
-      k::desc,
-      k::boot_from,
-      k::use_ovmf,
-      k::usb_version,
-      k::usbs,
-      k::kb_layout,
-      k::cpu_pin_num,
-      k::cpu_weight,
-      k::hyperv_enlighten,
-      k::iso_images,
-      k::is_general_vm,
-      k::size,
-      k::type,
-      k::format,
-      k::vdisk_mode,
-      k::is_dummy,
-      k::unmap,
-      k::is_meta_disk,
-      k::network_group_id,
-      k::prefer_sriov,
-      k::mac_address,
-      k::vnic_type,
-      k::prefer_connect_ip,
-      k::cpu_cores,
-      k::cpu_clock_speed,
-      k::nics,
-      k::running,
-      k::bridge_name,
-      k::nic_id,
-      "driver",
-      "network_name",
-      "path",
-      "status",
-      "status_type",
-  };
+  static const std::unordered_set<std::string_view> names = [] {
+    std::unordered_set<std::string_view> all{
+        k::object,
+        k::name,
+        k::state,
+        k::host_id,
+        k::repository_id,
+        k::guest_id,
+        k::guest,
+        k::guests,
+        k::authlevel,
+        k::is_forced_shutdown,
+        k::shutdownreasonvalue,
+        k::vdisks,
+        k::vnics,
+        k::ha_group_id,
+        k::usbs,
+        k::iso_images,
+        k::is_general_vm,
+        k::size,
+        k::type,
+        k::format,
+        k::vdisk_mode,
+        k::is_dummy,
+        k::unmap,
+        k::is_meta_disk,
+        k::network_group_id,
+        k::prefer_sriov,
+        k::mac_address,
+        k::vnic_type,
+        k::prefer_connect_ip,
+        k::cpu_cores,
+        k::cpu_clock_speed,
+        k::nics,
+        k::running,
+        k::bridge_name,
+        k::nic_id,
+        "driver",
+        "network_name",
+        "path",
+        "status",
+        "status_type",
+    };
+    for (const GuestSetting& setting : kGuestSettings) {
+      if (setting.IsScalar()) all.insert(setting.name);
+    }
+    return all;
+  }();
   return names;
 }
 

@@ -1,5 +1,6 @@
 #include "host/api/user/guest_api.h"
 
+#include "host/api/edit_parameters.h"
 #include "host/api/user/gone_host.h"
 #include "webapi/guest/guest.h"
 #include "webapi/guest/guest_action.h"
@@ -10,61 +11,6 @@ using webapi::Access;
 using webapi::LaneKind;
 using webapi::Necessity;
 using webapi::ParameterType;
-
-namespace {
-
-webapi::Parameter Optional(std::string_view name, ParameterType type, std::string_view description) {
-  return {name, type, Necessity::kOptional, description};
-}
-
-// In the order in which they are checked.
-std::vector<webapi::Parameter> SetParameters() {
-  using enum ParameterType;
-  return {
-      {"guest_id", kString, Necessity::kRequired, "The guest's id, a UUID."},
-      Optional("name", kString, "The new name, not empty."),
-      Optional("vcpu_num", kInteger, "The number of virtual CPUs."),
-      Optional("vram_size", kInteger, "The memory in MiB."),
-      Optional("video_card", kString, "The model of the video card."),
-      Optional("repo_id", kString, "The storage repository, a UUID. It is checked and changes nothing."),
-      Optional("desc", kString, "The description."),
-      Optional("cpu_passthru", kBoolean, "Whether the guest sees the host's own processor."),
-      Optional("autorun", kInteger, "Whether and how the guest is started with its host."),
-      Optional("boot_from", kString, "\"iso\" or \"disk\"."),
-      Optional("use_ovmf", kBoolean,
-               "Whether the guest has EFI firmware. Users who were granted the guest may set it."),
-      Optional(
-          "vnics_add", kArray,
-          "Network interfaces to add: [{\"network_id\" (a UUID or \"\"), \"prefer_sriov\" (boolean), \"vnic_type\" "
-          "(integer), \"mac\" (optional; in use by no guest)}]."),
-      Optional("vnics_del", kArray, "Network interfaces to remove: [{\"vnic_id\"}]."),
-      Optional(
-          "vnics_edit", kArray,
-          "Network interfaces to change: [{\"vnic_id\", \"network_id\" (a UUID or \"\"), \"mac\" and \"vnic_type\" "
-          "(optional)}]."),
-      Optional("vdisks_add", kArray, "Virtual disks to add: [{\"vdisk_size\" (GiB, at least 1)}]."),
-      Optional("vdisks_del", kArray, "Virtual disks to remove: [{\"vdisk_id\"}]."),
-      Optional("vdisks_edit", kArray, "Virtual disks to change: [{\"vdisk_id\", \"vdisk_size\" (GiB, at least 1)}]."),
-      Optional("vdisks_order", kArray, "The virtual disks in their new order: [{\"vdisk_id\"}]."),
-      Optional(
-          "guest_privilege", kArray,
-          "Rights to grant or take back: [{\"uid\" or \"gid\", \"allow\" (boolean), \"type\", \"name\"}]. Who is not "
-          "named keeps their rights."),
-      Optional(
-          "iso_images", kArray,
-          "What the drives hold: ids of images, paths in shared folders, or \"unmounted\". Users who were granted the "
-          "guest may set it."),
-      Optional("usb_version", kInteger, "The version of the USB controller, 0 to 3."),
-      Optional("usbs", kArray, "The USB devices to pass through."),
-      Optional("hyperv_enlighten", kBoolean,
-               "Whether the guest has Hyper-V's enlightenments; not together with \"cpu_passthru\" false."),
-      Optional("kb_layout", kString, "The keyboard layout."),
-      Optional("cpu_pin_num", kInteger, "The number of CPU threads set apart for the guest."),
-      Optional("cpu_weight", kInteger, "The guest's weight against others when processors are short."),
-  };
-}
-
-}  // namespace
 
 std::vector<webapi::ApiRow> GuestRows() {
   return {
@@ -86,7 +32,7 @@ std::vector<webapi::ApiRow> GuestRows() {
        .summary =
            "Edit a guest; what is not named stays. For administrators and advanced users. Users who were granted "
            "the guest may change \"iso_images\" and \"use_ovmf\".",
-       .parameters = SetParameters(),
+       .parameters = webapi::EditParameters(webapi::Audience::kUsers),
        .errors = {401, 403, 406, 407, 409, 411, 413, 909, 910,  919,
                   920, 926, 930, 934, 935, 937, 943, 946, 1001, 1600}},
       {.api = "VEXA.Virtualization.Guest",

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "host/disks/disk_users.h"
@@ -29,8 +30,6 @@ using VexaCCC::DB::DashCate;
 constexpr std::size_t kMaxParts = 1024;
 constexpr std::size_t kShown = 256;
 constexpr char kUnmounted[] = "unmounted";
-// Members that take effect immediately, even for a running guest.
-constexpr const char* kImmediateMembers[] = {"name", "desc", "autorun"};
 
 std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
 
@@ -245,8 +244,8 @@ void WritePending(EditedGuest& edited) {
     if (name.isString()) names.insert(json::String(name));
   }
   for (const std::string& name : json::MemberNames(edited.request.members)) {
-    const bool is_immediate =
-        std::find(std::begin(kImmediateMembers), std::end(kImmediateMembers), name) != std::end(kImmediateMembers);
+    const GuestSetting* const setting = FindGuestSetting(name);
+    const bool is_immediate = setting && setting->applies == Applies::kImmediately;
     if (!is_immediate && json::Member(guest, name) != json::Member(edited.before, name)) names.insert(name);
   }
   if (IsChanged(edited, keys::vdisks, edited.disks)) names.insert(keys::vdisks);

@@ -1,11 +1,11 @@
 #include "host/guests/edit/edit_request.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <set>
 #include <string_view>
 
+#include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "json/readers.h"
@@ -19,9 +19,6 @@ namespace keys = VexaCCC::DB::_k;
 using hypervisor::ImageFormat;
 
 constexpr std::size_t kMaxListed = 1024;
-constexpr std::size_t kMaxNameBytes = 128;
-constexpr std::size_t kMaxDescriptionBytes = 65'536;
-constexpr std::size_t kMaxLayoutBytes = 32;
 constexpr std::size_t kShown = 128;
 constexpr char kUnmounted[] = "unmounted";
 
@@ -30,46 +27,16 @@ struct NumberRow {
   Json::Int64 least;
   Json::Int64 most;
 };
-constexpr NumberRow kNumbers[] = {
-    {"vcpu_num", 1, 512},    {"vram_size", 1, 2'097'151}, {"autorun", 0, 2},
-    {"cpu_pin_num", 0, 512}, {"cpu_weight", 2, 262'144},  {"usb_version", 0, 3},
-};
 constexpr NumberRow kMode{"vdisk_mode", 1, 4};
 constexpr NumberRow kNicType{"vnic_type", 1, 3};
 constexpr NumberRow kSize{"vdisk_size", 1, static_cast<Json::Int64>(hypervisor::kMaxDiskMib)};
-constexpr const char* kFlags[] = {"cpu_passthru", "hyperv_enlighten", "use_ovmf"};
-constexpr std::array<std::string_view, 5> kVideoCards = {"cirrus", "vga", "vmvga", "qxl", "virtio"};
 
 bool HasControls(std::string_view text) {
   return std::ranges::any_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
 }
-bool IsName(const std::string& text) {
-  return !text.empty() && text.size() <= kMaxNameBytes && IsValidUtf8(text) && !HasControls(text);
-}
-bool IsDescription(const std::string& text) { return text.size() <= kMaxDescriptionBytes && IsValidUtf8(text); }
-bool IsVideoCard(const std::string& text) { return std::ranges::find(kVideoCards, text) != kVideoCards.end(); }
-bool IsBootDevice(const std::string& text) { return text == "disk" || text == "iso"; }
-bool IsLayout(const std::string& text) {
-  return text.size() <= kMaxLayoutBytes && std::ranges::all_of(text, [](char c) {
-           return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
-         });
-}
 bool IsPath(const std::string& text) {
   return text.size() < 4096 && text.find('\0') == std::string::npos && IsValidUtf8(text);
 }
-
-struct TextRow {
-  const char* name;
-  bool (*is_valid)(const std::string& text);
-  const char* wanted;
-};
-constexpr TextRow kTexts[] = {
-    {"name", IsName, "a text of 1 to 128 bytes without control characters"},
-    {"desc", IsDescription, "a text of at most 65536 bytes"},
-    {"video_card", IsVideoCard, "cirrus, vga, vmvga, qxl or virtio"},
-    {"boot_from", IsBootDevice, "'disk' or 'iso'"},
-    {"kb_layout", IsLayout, "the name of a keyboard layout such as 'en-us'"},
-};
 
 std::optional<std::uint32_t> Number(std::string_view text, int base, std::uint32_t least, std::uint32_t most) {
   std::uint32_t number = 0;
@@ -189,23 +156,26 @@ class Reader {
     });
   }
 
+  // Returns false when the value is refused. A missing one is not.
+  bool ReadScalar(const GuestSetting& setting) {
+    const Json::Value* const value = json::FindMember(edit_, setting.name);
+    if (!value) return true;
+    if (!IsValidValue(setting, *value)) {
+      RefuseType(setting.name, WantedValue(setting));
+      return false;
+    }
+    // A whole number may have arrived as 2.0.
+    const bool is_number = setting.type == SettingType::kNumber;
+    request_.members[setting.name] = is_number ? Json::Value(json::Int64(*value)) : *value;
+    return true;
+  }
+
   void ReadMembers() {
-    for (const NumberRow& row : kNumbers) {
-      const Json::Value* const value = json::FindMember(edit_, row.name);
-      if (!value) continue;
-      if (const auto number = NumberIn(*value, row, row.name)) request_.members[row.name] = *number;
-    }
-    for (const char* name : kFlags) {
-      const Json::Value* const value = json::FindMember(edit_, name);
-      if (!value) continue;
-      if (!value->isBool()) return RefuseType(name, "true or false");
-      request_.members[name] = *value;
-    }
-    for (const TextRow& row : kTexts) {
-      const Json::Value* const value = json::FindMember(edit_, row.name);
-      if (!value) continue;
-      if (!value->isString() || !row.is_valid(json::String(*value))) return RefuseType(row.name, row.wanted);
-      request_.members[row.name] = *value;
+    // The first wrong value is reported: a number, then a truth value, then a text.
+    for (const SettingType type : {SettingType::kNumber, SettingType::kYesNo, SettingType::kText}) {
+      for (const GuestSetting& setting : kGuestSettings) {
+        if (setting.type == type && !ReadScalar(setting)) return;
+      }
     }
     const Json::Value* const passthru = json::FindMember(request_.members, keys::cpu_passthru);
     if (passthru && !json::Bool(*passthru) && json::Bool(json::Member(request_.members, keys::hyperv_enlighten))) {
