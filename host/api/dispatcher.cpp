@@ -129,6 +129,7 @@ std::optional<HttpResponse> Dispatcher::OnHeader(HttpRequest& request) {
   const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
   const auto refuse = [&](int code) { return MakeErrorReply(code, request.id); };
 
+  request.body_limit = webapi::kBodyBytes;
   if (path.starts_with(kApiPrefix)) return PlanApi(path, query, request);
   auto plan = std::make_shared<Plan>();
   if (path == "/healthz") {
@@ -179,7 +180,7 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   }
   if (plan->caller.kind == Caller::Kind::kHost) TakeOrigin(request, plan->caller);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
-  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kUnauthenticatedBodyBytes;
+  request.body_limit = plan->caller.kind == Caller::Kind::kNobody ? kUnauthenticatedBodyBytes : row->body_bytes;
   request.context = std::move(plan);
   return std::nullopt;
 }

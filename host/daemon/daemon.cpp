@@ -412,6 +412,7 @@ class Daemon::Impl {
                options.limits.connections, config.max_connections);
     }
     options.limits.connections_per_peer = config.max_connections_per_peer;
+    options.limits.body_bytes = webapi::kMostBodyBytes;  // the dispatcher lowers it to that of the method
     options.io_threads = config.io_threads;
     options.on_header = [this](HttpRequest& request) { return dispatcher_->OnHeader(request); };
     options.on_request = [this](HttpRequest&& request, Responder responder) {

@@ -54,6 +54,17 @@ TEST(ApiTable, SameRowTwice_IsAProgrammingError) {
   EXPECT_THROW(ApiTable({Row("A", "get", 1), Row("A", "get", 1)}), std::logic_error);
 }
 
+TEST(ApiTable, LongBodies_AreForAdministratorsOnly) {
+  ApiRow row = Row("A", "get", 1);
+  EXPECT_EQ(row.body_bytes, 1024u * 1024u);
+  row.body_bytes = kBodyBytes + 1;
+  EXPECT_THROW(ApiTable({row}), std::logic_error);
+  row.access = Access::kAdministrator;
+  EXPECT_NO_THROW(ApiTable({row}));
+  row.body_bytes = kMostBodyBytes + 1;
+  EXPECT_THROW(ApiTable({row}), std::logic_error);
+}
+
 // The host does what it should: the guest is off.
 TEST(ErrorTable, StoppingAGuestThatIsOff_IsNotAnErrorOfTheServer) {
   for (const int code : {903, 904, 905, 911}) EXPECT_EQ(FindError(code)->http_status, 409) << code;
