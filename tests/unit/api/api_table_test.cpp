@@ -10,6 +10,7 @@
 #include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
 #include "host/api/user/image_api.h"
+#include "host/api/user/import_api.h"
 #include "host/api/user/log_api.h"
 #include "host/api/user/repository_api.h"
 #include "host/base/error_table.h"
@@ -115,7 +116,7 @@ TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
   std::vector<ApiRow> rows = vexa::daemon::GuestRows();
   for (const auto& part :
        {vexa::services::LogRows(), vexa::services::ImageRows(nullptr, {}), vexa::services::RepositoryRows(nullptr),
-        vexa::services::AccountRows({}), vexa::services::GrantRows({})}) {
+        vexa::services::ImportRows(nullptr), vexa::services::AccountRows({}), vexa::services::GrantRows({})}) {
     rows.insert(rows.end(), part.begin(), part.end());
   }
   for (const ApiRow& row : rows) {
