@@ -75,8 +75,13 @@ Json::Value RequestOf(const hypervisor::ImportOptions& options) {
   Json::Value request(Json::objectValue);
   request["repository_id"] = options.repository_id;
   request["host_id"] = options.host_id;
-  for (const auto& [name, size] : options.disk_sizes_mib) request["disk_sizes_mib"][name] = Json::UInt64{size};
-  for (const auto& [name, id] : options.networks) request["networks"][name] = id;
+  // Names that nothing can have are refused by the server.
+  for (const auto& [name, size] : options.disk_sizes_mib) {
+    if (!name.empty()) request["disk_sizes_mib"][name] = Json::UInt64{size};
+  }
+  for (const auto& [name, id] : options.networks) {
+    if (!name.empty()) request["networks"][name] = id;
+  }
   return request;
 }
 
