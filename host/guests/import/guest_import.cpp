@@ -150,7 +150,7 @@ Result<Refused> GuestImport::FindConflict(const store::Snapshot& snapshot, const
   return FindHolder(snapshot, id);
 }
 
-// The id of a guest other than `id` with the name `name`; "" when there is none.
+// The id of a guest other than `id` with the name `name`; "" when no other guest has it.
 Result<std::string> GuestImport::FindOtherByName(const store::Snapshot& snapshot, const std::string& name,
                                                  const std::string& id) const {
   for (const auto& [planned_id, planned_name] : options_.planned) {
