@@ -8,7 +8,6 @@
 #include "cli/commands.h"
 #include "cli/import_command.h"
 #include "cli/printable.h"
-#include "host/store/lmdb_store.h"
 
 namespace vexa::cli {
 namespace {
@@ -19,32 +18,16 @@ Examples:
   vexa import --all qemu:///system --dry-run
   vexa import --manifest examples/cluster.json
 
-Each guest is written whole or not at all; one that cannot be imported does not keep the others from it.)";
+Each guest is written whole or not at all; one that cannot be imported does not keep the others from it. Files, images
+and libvirt are those of this machine. For administrators.)";
 
-struct State {
-  ImportWords words;
-  std::string data_directory = "/var/lib/vexa";
-};
-
-ExitCode Run(const GlobalOptions& global, const State& state) {
-  const Result<ImportArguments> arguments = ResolveImportArguments(state.words);
+ExitCode Run(const GlobalOptions& global, const ImportWords& words) {
+  const Result<ImportArguments> arguments = ResolveImportArguments(words);
   if (!arguments) {
     std::cerr << "vexa: " << Printable(arguments.error().ToString()) << "\nTry 'vexa import --help'.\n";
     return ExitCode::kUsage;
   }
-  store::LmdbOptions options;
-  options.directory = state.data_directory + "/store";
-  const auto store = store::OpenLmdbStore(options);
-  if (!store) {
-    std::cerr << "vexa: " << Printable(store.error().ToString()) << "\n";
-    return ExitCode::kFailed;
-  }
-  std::ostream quiet(nullptr);
-  const bool to_output = !global.quiet || arguments->mode == ImportMode::kDryRun;
-  const Status imported = RunImport(*arguments, **store, to_output ? std::cout : quiet, std::cerr);
-  if (imported) return ExitCode::kOk;
-  std::cerr << "vexa: " << Printable(imported.error().ToString()) << "\n";
-  return ExitCode::kFailed;
+  return RunImport(global, *arguments);
 }
 
 }  // namespace
@@ -54,7 +37,7 @@ void AddImportOptions(CLI::App& import, ImportWords& words) {
   import.add_option("--all", words.uri, "Every domain that this libvirt connection knows")->type_name("URI");
   import.add_option("--manifest", words.manifest, "The guests that a JSON file lists")->type_name("FILE");
   import.add_flag("--replace", words.replace, "Replace guests that exist already");
-  import.add_flag("--dry-run", words.dry_run, "Print the records as JSON and write nothing");
+  import.add_flag("--dry-run", words.dry_run, "Have everything checked, print the records as JSON, and change nothing");
   import.add_option("--disk-size", words.disk_sizes, "The size of a disk whose image cannot be read; may be repeated")
       ->type_name("NAME=GiB")
       ->allow_extra_args(false);
@@ -67,15 +50,12 @@ void AddImportOptions(CLI::App& import, ImportWords& words) {
 }
 
 void AddImportCommand(CLI::App& app, Invocation& invocation) {
-  const auto state = std::make_shared<State>();
+  const auto words = std::make_shared<ImportWords>();
   auto* import = app.add_subcommand("import", "Import guests from libvirt's domain XML, as 'virsh dumpxml' prints it");
   import->footer(kImportFooter);
-  AddImportOptions(*import, state->words);
-  import->add_option("--data", state->data_directory, "The daemon's data folder")
-      ->type_name("DIR")
-      ->capture_default_str();
-  import->callback(
-      [&invocation, state] { invocation.run = [&invocation, state] { return Run(invocation.global, *state);
+  AddImportOptions(*import, *words);
+  import->callback([&invocation, words] {
+    invocation.run = [&invocation, words] { return Run(invocation.global, *words);
 };
 }  // namespace vexa::cli
 );

@@ -1,342 +1,222 @@
 #include "cli/import_command.h"
 
-#include <json/writer.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
-#include <cerrno>
-#include <memory>
-#include <ostream>
-#include <set>
+#include <chrono>
+#include <iostream>
+#include <thread>
+#include <utility>
 
+#include "cli/import_sources.h"
+#include "cli/listing.h"
 #include "cli/printable.h"
-#include "host/base/files.h"
-#include "host/base/json_parse.h"
-#include "host/hypervisor/domain_list.h"
-#include "host/records/live_state.h"
-#include "host/records/run_record.h"
-#include "host/store/key.h"
+#include "cli/reply.h"
+#include "host/base/error_table.h"
 #include "json/readers.h"
 
 namespace vexa::cli {
 namespace {
 
 namespace json = VexaVirtualization::json;
-using hypervisor::ImportedGuest;
 
-constexpr std::string_view kShutdownState = "guest_shutdown";
+constexpr const char* kImport = "/webapi/VEXA.Virtualization.Guest/import";
+constexpr auto kCallTimeout = std::chrono::minutes(10);
+// Several guests in a call, so that hundreds do not take hundreds of round trips, and few enough that the progress is
+// seen, and that replies with their records stay short.
+constexpr std::size_t kBatchGuests = 16;
+constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
+constexpr int kBusyTries = 60;
 
 std::string Count(std::size_t count, const std::string& noun) {
   return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
-Result<StoredGuest> ReadStored(const store::Snapshot& snapshot, const std::string& id) {
-  const auto value = snapshot.Get(store::MakeKey({"dash", "guest", id, "object"}));
-  if (!value) return value.error();
-  const auto renames = snapshot.Get(guests::RenamesKey());
-  if (!renames) return renames.error();
-  StoredGuest stored;
-  stored.renames_revision = *renames ? (*renames)->revision : 0;
-  if (!value->has_value()) return stored;
-  stored.revision = (*value)->revision;
-  Result<Json::Value> record = ParseJson((*value)->text);
-  if (record && record->isObject()) stored.record = std::move(*record);
-  return stored;
-}
-
-std::string TextMember(const Json::Value& record, const char* member) {
-  const Json::Value& value = json::Member(record, member);
-  return value.isString() ? json::String(value) : "";
-}
-
-// The guest's own disks and network interfaces. Its lists can also name parts of another guest, which keeps them.
-Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const std::string& id,
-                                          const Json::Value& record) {
-  std::vector<StoredPart> parts;
-  for (const auto& [list, category] : {std::pair{"vdisks", "vdisk"}, std::pair{"vnics", "vnic"}}) {
-    for (const Json::Value& entry : json::Elements(json::Member(record, list))) {
-      if (!entry.isString() || json::String(entry).empty()) continue;
-      std::string key = store::MakeKey({"dash", category, json::String(entry), "object"});
-      const auto value = snapshot.Get(key);
-      if (!value) return value.error();
-      if (!value->has_value()) continue;
-      const Result<Json::Value> part = ParseJson((*value)->text);
-      if (part && TextMember(*part, "guest_id") == id) parts.push_back({std::move(key), (*value)->revision});
-    }
-  }
-  return parts;
-}
-
-// The state as every reader of the guest sees it: the live one, otherwise the record's. "" when absent. An
-// invalid one is an error, because the record's may be long outdated.
-Result<std::string> ReadState(const store::Snapshot& snapshot, const std::string& id, StoredGuest& stored) {
-  const auto value = snapshot.Get(cluster::LiveStateKey(id));
-  if (!value) return value.error();
-  if (!value->has_value()) return TextMember(stored.record, "state");
-  stored.live_revision = (*value)->revision;
-  const Result<Json::Value> live = ParseJson((*value)->text);
-  if (live && live->isString() && !live->asString().empty()) return live->asString();
-  return Error(ErrorCode::kCorrupt, "The live state of the guest '" + id + "' cannot be read");
-}
-
-// Which guest has which name. Reread only when the store has changed otherwise.
-class NameIndex {
- public:
-  Status Update(const store::Snapshot& snapshot) {
-    if (snapshot.revision() == revision_ && revision_ != 0) return {};
-    ids_.clear();
-    const auto ids = snapshot.Children("/dash/guest");
-    if (!ids) return ids.error();
-    for (const std::string& id : *ids) {
-      const Result<StoredGuest> stored = ReadStored(snapshot, id);
-      if (!stored) return stored.error();
-      const std::string name = TextMember(stored->record, "name");
-      if (!name.empty()) ids_.emplace(name, id);
-    }
-    for (const auto& [name, id] : planned_) ids_.emplace(name, id);
-    revision_ = snapshot.revision();
-    return {};
-  }
-
-  // The id of a guest other than `id` with the name `name`; "" when absent.
-  std::string FindOtherByName(const std::string& name, const std::string& id) const {
-    const auto [first, last] = ids_.equal_range(name);
-    for (auto it = first; it != last; ++it) {
-      if (it->second != id) return it->second;
-    }
-    return "";
-  }
-
-  // `id` was written in `revision`, and has the name `name` from now on.
-  void NoteWritten(const std::string& id, const std::string& name, store::Revision revision) {
-    // A gap means that there were other changes: the next Update rereads everything.
-    revision_ = revision == revision_ + 1 ? revision : 0;
-    std::erase_if(ids_, [&](const auto& entry) { return entry.second == id; });
-    ids_.emplace(name, id);
-  }
-
-  // The same for a dry run, which writes nothing.
-  void NotePlanned(const std::string& id, const std::string& name) {
-    const auto is_this_guest = [&](const auto& entry) { return entry.second == id; };
-    std::erase_if(planned_, is_this_guest);
-    std::erase_if(ids_, is_this_guest);
-    planned_.emplace(name, id);
-    ids_.emplace(name, id);
-  }
-
- private:
-  std::multimap<std::string, std::string> ids_;
-  std::multimap<std::string, std::string> planned_;
-  store::Revision revision_ = 0;
-};
-
 class Import {
  public:
-  Import(const ImportArguments& arguments, store::Store& store, std::ostream& out, std::ostream& err)
-      : arguments_(arguments), store_(store), out_(out), err_(err) {}
+  Import(const GlobalOptions& global, const ImportArguments& arguments, HttpClientOptions connect)
+      : global_(global), arguments_(arguments), client_(std::move(connect)) {}
 
-  Status Run() {
-    Result<std::vector<ImportSource>> sources = Sources();
-    if (!sources) return sources.error();
-    std::size_t failed = 0;
-    for (const ImportSource& source : *sources) {
-      const Status one = One(source);
-      if (one) continue;
-      ++failed;
-      err_ << Printable(source.label) << ": " << Printable(one.error().ToString()) << '\n';
+  ExitCode Run(const ImportSources& sources) {
+    total_ = sources.guests().size();
+    for (const ImportSource& source : sources.guests()) {
+      const Result<Json::Value> request = sources.Prepare(source);
+      if (!request) {
+        Fail(source.label, request.error().ToString(), Json::Value(Json::objectValue));
+      } else if (!Add(source.label, *request)) {
+        break;
+      }
     }
-    if (dry()) WriteDryRun();
-    if (!dry() && sources->empty()) out_ << "There was nothing to import.\n";
-    if (failed == 0) return {};
-    return Error(ErrorCode::kInvalid,
-                 std::to_string(failed) + " of " + Count(sources->size(), "guest") + " could not be imported");
+    if (is_stopped_ || !Send()) return Stopped();
+    ShowProgress("");
+    PrintAll();
+    if (failed_ == 0) return ExitCode::kOk;
+    std::cerr << "vexa: " << failed_ << " of " << Count(total_, "guest") << " could not be imported\n";
+    return ExitCode::kFailed;
   }
 
  private:
-  bool dry() const { return arguments_.mode == ImportMode::kDryRun; }
+  struct Waiting {
+    std::string label;
+    std::string request;  // JSON
+  };
 
-  hypervisor::ImportOptions Options() const {
-    hypervisor::ImportOptions options;
-    if (arguments_.repository_id) options.repository_id = *arguments_.repository_id;
-    if (arguments_.host_id) options.host_id = *arguments_.host_id;
-    options.disk_sizes_mib = arguments_.disk_sizes_mib;
-    options.networks = arguments_.networks;
-    options.size_of = hypervisor::ReadImageSize;
-    return options;
+  bool IsDry() const { return arguments_.mode == ImportMode::kDryRun; }
+
+  // False: a call failed, and no more guests can be sent.
+  bool Add(const std::string& label, const Json::Value& request) {
+    std::string text = json::ToText(request);
+    const bool is_full = batch_.size() == kBatchGuests || (!batch_.empty() && batch_bytes_ + text.size() > kBatchBytes);
+    if (is_full && !Send()) return false;
+    batch_bytes_ += text.size();
+    batch_.push_back({label, std::move(text)});
+    return true;
   }
 
-  Result<std::vector<ImportSource>> Sources() {
-    if (!arguments_.uri.empty()) return Domains();
-    std::vector<ImportSource> sources;
-    if (!arguments_.manifest.empty()) {
-      Result<std::vector<ImportSource>> listed = ReadManifest(arguments_.manifest);
-      if (!listed) return listed.error();
-      for (ImportSource& source : *listed) source.options.size_of = hypervisor::ReadImageSize;
-      return listed;
-    }
-    for (const std::string& file : arguments_.files) {
-      ImportSource source;
-      source.label = source.file = file;
-      source.options = Options();
-      sources.push_back(std::move(source));
-    }
-    return sources;
+  std::string Body() const {
+    std::string body = "{\"guests\":[";
+    for (const Waiting& guest : batch_) body += (body.back() == '[' ? "" : ",") + guest.request;
+    body += "]";
+    if (arguments_.on_existing == OnExisting::kReplace) body += ",\"replace\":true";
+    if (IsDry()) body += ",\"dry_run\":true";
+    if (IsDry() && !planned_.empty()) body += ",\"planned\":" + json::ToText(planned_);
+    return body + "}";
   }
 
-  Result<std::vector<ImportSource>> Domains() {
-    auto connection = hypervisor::DomainConnection::Open(arguments_.uri);
-    if (!connection) return connection.error();
-    connection_ = std::move(*connection);
-    Result<std::vector<hypervisor::DomainText>> domains = connection_->List();
-    if (!domains) return domains.error();
-    std::vector<ImportSource> sources;
-    for (hypervisor::DomainText& domain : *domains) {
-      ImportSource source;
-      source.label = domain.name;
-      source.xml = std::move(domain.xml);
-      source.autostart = domain.autostart;
-      source.options = Options();
-      // libvirt knows the images of its own machine, which may be another one than this.
-      source.options.size_of = [connection = connection_.get(), id = domain.id, local = IsLocal(arguments_.uri)](
-                                   const std::string& path, hypervisor::ImageFormat format) {
-        Result<std::uint64_t> size = connection->DiskSize(id, path);
-        return size || !local ? size : hypervisor::ReadImageSize(path, format);
-      };
-      sources.push_back(std::move(source));
+  // A server that is busy has not begun with anything. Definitions contain the passwords of screens.
+  CallOutcome Call() {
+    const std::string body = Body();
+    CallOutcome outcome = TryApi(client_, kImport, body, Secrecy::kSecret);
+    for (int i = 1; i < kBusyTries && outcome.code == webapi::kErrorBusy; ++i) {
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      outcome = TryApi(client_, kImport, body, Secrecy::kSecret);
     }
-    return sources;
+    return outcome;
   }
 
-  // Whether the URI names no other machine: "qemu:///system" does not, "qemu+ssh://other/system" does.
-  static bool IsLocal(const std::string& uri) { return uri.find(":///") != std::string::npos; }
-
-  Status One(const ImportSource& source) {
-    std::string xml;
-    if (!source.xml) {
-      Result<std::string> text = ReadFile(source.file, hypervisor::kMaxDomainXmlBytes);
-      if (!text) return text.error();
-      xml = std::move(*text);
+  bool Send() {
+    if (batch_.empty()) return true;
+    ShowProgress(std::to_string(done_) + " of " + Count(total_, "guest"));
+    CallOutcome outcome = Call();
+    const Json::Value& results = Member(outcome.data, "results");
+    if (outcome.exit_code == ExitCode::kOk && (!results.isArray() || results.size() != batch_.size())) {
+      outcome.exit_code = ExitCode::kFailed;
+      outcome.failure = Printable(NotUnderstood("results of the import").ToString());
     }
-    Result<ImportedGuest> guest = hypervisor::ParseDomainXml(source.xml ? *source.xml : xml, source.options);
-    if (!guest) return guest.error();
-    if (arguments_.uri.empty() || IsLocal(arguments_.uri)) ForgetUnmadeVariables(guest->guest);
-    if (!source.expected_id.empty() && source.expected_id != guest->id) {
-      return Error(ErrorCode::kInvalid, "<uuid> says '" + guest->id + "': the manifest says '" + source.expected_id +
-                                            "'; correct one of them");
+    if (outcome.exit_code != ExitCode::kOk) {
+      ShowProgress("");
+      std::cerr << "vexa: " << outcome.failure << '\n';
+      stopped_with_ = outcome.exit_code;
+      is_stopped_ = true;
+      is_outcome_unknown_ = !outcome.code;
+      return false;
     }
-    return Store(source, *guest);
+    for (Json::ArrayIndex i = 0; i < results.size(); ++i) Take(batch_[i].label, json::Element(results, i));
+    batch_.clear();
+    batch_bytes_ = 0;
+    return true;
   }
 
-  // libvirt names the file before the guest's first start creates it. Until then its absence is normal.
-  static void ForgetUnmadeVariables(Json::Value& guest) {
-    const std::string path = TextMember(guest, "nvram");
-    struct stat info {};
-    if (path.empty() || ::stat(path.c_str(), &info) == 0 || errno != ENOENT) return;
-    // A missing folder may be on storage that is not mounted.
-    if (::stat(path.substr(0, path.rfind('/') + 1).c_str(), &info) == 0) guest.removeMember("nvram");
+  void Take(const std::string& label, const Json::Value& result) {
+    if (!result.isObject()) return Fail(label, NotUnderstood("result of a guest").ToString(), Json::Value());
+    const Json::Value* const error = json::FindMember(result, "error");
+    if (error) {
+      const std::string reason = Text(Member(*error, "reason"));
+      return Fail(label, reason.empty() ? Text(Member(*error, "message")) : reason, result);
+    }
+    ++done_;
+    if (IsDry()) return Plan(label, result);
+    Note(label, result);
+    if (global_.quiet || global_.json) return;
+    ShowProgress("");
+    const auto size = [&](const char* member) {
+      return static_cast<std::size_t>(json::UInt64(Member(result, member)));
+    };
+    std::cout << Printable(label) << (IsTrue(Member(result, "replaced")) ? ": replaced '" : ": imported '")
+              << Printable(Text(Member(result, "name"))) << "' (" << Printable(Text(Member(result, "guest_id")))
+              << "): " << Count(size("disks"), "disk") << ", " << Count(size("nics"), "network interface") << '\n';
+    for (const Json::Value& note : json::Elements(Member(result, "notes"))) {
+      std::cout << "  " << Printable(Text(note)) << '\n';
+    }
   }
 
-  Status Store(const ImportSource& source, const ImportedGuest& guest) {
-    StoredGuest stored;
-    std::string state;
-    {
-      const auto snapshot = store_.Read();
-      if (!snapshot) return snapshot.error();
-      if (Status names = names_.Update(**snapshot); !names) return names;
-      Result<StoredGuest> found = ReadStored(**snapshot, guest.id);
-      if (!found) return found.error();
-      stored = std::move(*found);
-      Result<std::vector<StoredPart>> parts = ReadParts(**snapshot, guest.id, stored.record);
-      if (!parts) return parts.error();
-      stored.parts = std::move(*parts);
-      Result<std::string> now = ReadState(**snapshot, guest.id, stored);
-      // What remains of an earlier guest is not a state of the new one.
-      if (stored.revision != 0 && !now) return now.error();
-      if (stored.revision != 0) state = std::move(*now);
-    }
-    if (Status allowed = CheckConflicts(guest, stored, state); !allowed) return allowed;
-    if (Status free = CheckGuestIsFree(guest.id); !free) return free;
-    if (dry()) {
-      Plan(source, guest);
-      return {};
-    }
-    const Result<store::Revision> revision =
-        store_.Commit(MakeImportTransaction(guest, {guest.xml, source.autostart}, stored));
-    if (!revision && revision.error().code() == ErrorCode::kConflict) {
-      return Error(ErrorCode::kConflict, "The guest '" + guest.id + "' was changed meanwhile: import it again");
-    }
-    if (!revision) return revision.error();
-    names_.NoteWritten(guest.id, guest.guest["name"].asString(), *revision);
-    Report(source, guest, stored);
-    return {};
+  void Plan(const std::string& label, const Json::Value& result) {
+    planned_[Text(Member(result, "guest_id"))] = Text(Member(result, "name"));
+    Json::Value records = Member(result, "records");
+    if (records.isObject()) Note(label, records);
   }
 
-  Status CheckConflicts(const ImportedGuest& guest, const StoredGuest& stored, const std::string& state) {
-    const std::string name = guest.guest["name"].asString();
-    const bool exists = stored.revision != 0 || planned_ids_.contains(guest.id);
-    if (exists && arguments_.on_existing == OnExisting::kRefuse) {
-      return Error(ErrorCode::kConflict, "The guest '" + guest.id + "' exists already: use --replace to replace it");
+  void Note(const std::string& label, const Json::Value& result) {
+    Json::Value& noted = noted_.append(result);
+    noted["source"] = label;
+  }
+
+  // `result` has what the server has said.
+  void Fail(const std::string& label, const std::string& reason, Json::Value result) {
+    ++done_;
+    ++failed_;
+    ShowProgress("");
+    std::cerr << Printable(label) << ": " << Printable(reason) << '\n';
+    if (!global_.json || IsDry()) return;
+    json::MakeObject(json::MakeObject(result)["error"])["reason"] = reason;
+    Note(label, result);
+  }
+
+  ExitCode Stopped() {
+    PrintAll();
+    if (done_ == 0 && !is_outcome_unknown_) return stopped_with_;
+    std::cerr << "vexa: Stopped after " << done_ << " of " << Count(total_, "guest");
+    if (is_outcome_unknown_ && !IsDry()) {
+      std::cerr << "; the next " << batch_.size() << " may have been imported or not: see 'vexa guest list'";
     }
-    if (!state.empty() && state != kShutdownState) {
-      return Error(ErrorCode::kConflict,
-                   "The guest '" + guest.id + "' is in the state '" + state + "': shut it down before it is replaced");
+    std::cerr << '\n';
+    return stopped_with_;
+  }
+
+  void PrintAll() {
+    if (IsDry() || global_.json) {
+      PrintJson(noted_);
+    } else if (total_ == 0 && !global_.quiet) {
+      std::cout << "There was nothing to import.\n";
     }
-    const std::string other = names_.FindOtherByName(name, guest.id);
-    if (!other.empty()) {
-      return Error(ErrorCode::kConflict,
-                   "The name '" + name + "' belongs to the guest '" + other + "': rename one of the two");
-    }
-    return {};
   }
 
-  Status CheckGuestIsFree(const std::string& id) const {
-    const auto snapshot = store_.Read();
-    if (!snapshot) return snapshot.error();
-    for (const auto& [key, what] : {std::pair{guests::RunKey(id), "runs on a host: power it off"},
-                                    std::pair{guests::DeletionKey(id), "is being deleted: wait until it is gone"},
-                                    std::pair{guests::EditKey(id), "is being edited: wait until that is done"}}) {
-      const auto held = (*snapshot)->Get(key);
-      if (!held) return held.error();
-      if (held->has_value()) return Error(ErrorCode::kConflict, "The guest '" + id + "' " + what);
-    }
-    return {};
+  // Replaces the progress on a terminal; "" removes it.
+  void ShowProgress(const std::string& text) {
+    if (global_.quiet || ::isatty(STDERR_FILENO) == 0) return;
+    if (text.empty() && !has_progress_) return;
+    std::cout << std::flush;
+    std::cerr << "\r\x1b[K" << text << std::flush;
+    has_progress_ = !text.empty();
   }
 
-  void Plan(const ImportSource& source, const ImportedGuest& guest) {
-    Json::Value entry = hypervisor::ToJson(guest);
-    entry["source"] = source.label;
-    planned_records_.append(std::move(entry));
-    planned_ids_.insert(guest.id);
-    names_.NotePlanned(guest.id, guest.guest["name"].asString());
-  }
-
-  void Report(const ImportSource& source, const ImportedGuest& guest, const StoredGuest& stored) {
-    out_ << Printable(source.label) << (stored.revision == 0 ? ": imported '" : ": replaced '")
-         << guest.guest["name"].asString() << "' (" << guest.id << "): " << Count(guest.disks.size(), "disk") << ", "
-         << Count(guest.nics.size(), "network interface") << '\n';
-    for (const std::string& note : guest.notes) out_ << "  " << note << '\n';
-  }
-
-  void WriteDryRun() {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    builder["emitUTF8"] = true;
-    out_ << Json::writeString(builder, planned_records_) << '\n';
-  }
-
+  const GlobalOptions& global_;
   const ImportArguments& arguments_;
-  store::Store& store_;
-  std::ostream& out_;
-  std::ostream& err_;
-  std::unique_ptr<hypervisor::DomainConnection> connection_;
-  NameIndex names_;
-  std::set<std::string> planned_ids_;
-  Json::Value planned_records_{Json::arrayValue};
+  HttpClient client_;
+  std::vector<Waiting> batch_;
+  std::size_t batch_bytes_ = 0;
+  std::size_t total_ = 0;
+  std::size_t done_ = 0;  // guests with a result
+  std::size_t failed_ = 0;
+  bool is_stopped_ = false;
+  bool is_outcome_unknown_ = false;  // of the last call
+  ExitCode stopped_with_ = ExitCode::kFailed;
+  bool has_progress_ = false;
+  Json::Value planned_{Json::objectValue};  // names by id, in a dry run
+  Json::Value noted_{Json::arrayValue};     // what is printed as JSON at the end
 };
 
 }  // namespace
 
-Status RunImport(const ImportArguments& arguments, store::Store& store, std::ostream& out, std::ostream& err) {
-  return Import(arguments, store, out, err).Run();
+ExitCode RunImport(const GlobalOptions& global, const ImportArguments& arguments) {
+  const Result<ImportSources> sources = ImportSources::Open(arguments);
+  if (!sources) {
+    std::cerr << "vexa: " << Printable(sources.error().ToString()) << '\n';
+    return ExitCode::kFailed;
+  }
+  Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) return Report(connect.error());
+  if (!global.timeout_s) connect->timeout = kCallTimeout;
+  return Import(global, arguments, std::move(*connect)).Run(*sources);
 }
 
 }  // namespace vexa::cli

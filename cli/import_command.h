@@ -1,20 +1,15 @@
-// `vexa import`: turns guests described by libvirt's domain XML into records of the store.
+// `vexa import`: has the server take guests over that libvirt's domain XML describes.
 #pragma once
 
-#include <json/value.h>
-
 #include <cstdint>
-#include <iosfwd>
 #include <map>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "cli/client_options.h"
 #include "host/base/result.h"
 #include "host/domain_xml/domain_xml.h"
-#include "host/records/domain_record.h"
-#include "host/store/store.h"
 
 namespace vexa::cli {
 
@@ -50,11 +45,10 @@ struct ImportWords {
 // kInvalid, with a sentence about the first invalid word.
 Result<ImportArguments> ResolveImportArguments(const ImportWords& words);
 
-// Imports one guest after another. Each is written completely or not at all; a guest that cannot be imported does not
-// prevent the others. `out` receives a line for each guest and its notes; with ImportMode::kDryRun it receives one JSON
-// array of all records, and nothing is written. `err` receives a line for each failed guest.
-// An error when any guest failed (kInvalid), or when the import could not start.
-Status RunImport(const ImportArguments& arguments, store::Store& store, std::ostream& out, std::ostream& err);
+// Sends the guests to the server, which imports each completely or not at all; a guest that cannot be imported does not
+// prevent the others. Prints a line for each guest and its notes, or a line on standard error; with ImportMode::kDryRun
+// one JSON array of all records, with --json one of all results.
+ExitCode RunImport(const GlobalOptions& global, const ImportArguments& arguments);
 
 // A guest to import: where its XML is, and the options of its import.
 struct ImportSource {
@@ -68,29 +62,5 @@ struct ImportSource {
 
 // The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the invalid member.
 Result<std::vector<ImportSource>> ReadManifest(const std::string& path);
-
-// A record of a disk or a network interface.
-struct StoredPart {
-  std::string key;
-  store::Revision revision = 0;
-};
-
-// A guest's record and live state in the store; revision 0 when absent.
-struct StoredGuest {
-  store::Revision revision = 0;
-  Json::Value record;
-  store::Revision live_revision = 0;
-  store::Revision renames_revision = 0;  // of guests::RenamesKey()
-  // The records of disks and network interfaces that the guest's record lists and that name this guest as their owner.
-  std::vector<StoredPart> parts;
-};
-
-// Writes the records of `guest` and its original definition, provided that the stored guest is still equal to
-// `replaced`. What domain XML does not contain ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept
-// from the replaced record; records of disks and network interfaces that belong to the replaced guest and are not used
-// by the new one are deleted. The live state and its sequences stay while the guest stays on the same host, and are
-// removed otherwise: one host's report says nothing about another.
-store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const guests::DomainRecord& domain,
-                                         const StoredGuest& replaced);
 
 }  // namespace vexa::cli

@@ -17,6 +17,14 @@ ApiTable::ApiTable(std::vector<ApiRow> rows) : rows_(std::move(rows)) {
   if (twice != rows_.end()) {
     throw std::logic_error("two rows for " + std::string(twice->api) + " " + std::string(twice->method));
   }
+  const auto is_too_open = [](const ApiRow& row) {
+    return row.body_bytes > kMostBodyBytes ||
+           (row.body_bytes > kBodyBytes && row.access.value != Access::kAdministrator);
+  };
+  const auto too_open = std::ranges::find_if(rows_, is_too_open);
+  if (too_open != rows_.end()) {
+    throw std::logic_error("too long bodies for " + std::string(too_open->api) + " " + std::string(too_open->method));
+  }
 }
 
 const ApiRow* ApiTable::Find(std::string_view api, std::string_view method, int version) const {

@@ -2,6 +2,7 @@
 // the permission matrix of the tests are all generated from it.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <span>
 #include <string>
@@ -73,6 +74,10 @@ struct Call {
 
 using Handler = std::function<void(const Call&)>;
 
+// The longest body of a request, unless the row of its method says otherwise, and the longest that a row may allow.
+inline constexpr std::size_t kBodyBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kMostBodyBytes = std::size_t{9} << 20;
+
 struct ApiRow {
   std::string_view api;
   std::string_view method;
@@ -83,11 +88,15 @@ struct ApiRow {
   std::string_view summary;
   std::vector<Parameter> parameters;
   std::vector<int> errors;  // its own codes, in addition to the common ones
+  // Longer bodies are refused. More than kBodyBytes only for administrators: bodies are parsed after the caller is
+  // known to be one.
+  std::size_t body_bytes = kBodyBytes;
 };
 
 class ApiTable {
  public:
-  // Two rows with the same API, method and version are a programming error: std::logic_error.
+  // Two rows with the same API, method and version, or a row with bodies that it may not have, are a programming error:
+  // std::logic_error.
   explicit ApiTable(std::vector<ApiRow> rows);
 
   // Null when there is no such API, method or version.

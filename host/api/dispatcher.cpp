@@ -31,6 +31,9 @@ constexpr std::size_t kTypicalReplyBytes = 2048;
 // The limit for unauthenticated callers: a parsed body takes up to forty times its length, and no password has been
 // checked yet.
 constexpr std::size_t kUnauthenticatedBodyBytes = std::size_t{16} * 1024;
+// Of methods that allow longer bodies than others, so many requests at a time: they are in memory before it is known
+// whether their callers are administrators.
+constexpr int kMostLongBodies = 16;
 
 using Clock = std::chrono::steady_clock;
 
@@ -111,8 +114,22 @@ struct Dispatcher::Plan {
   Page page = Page::kApi;
   const webapi::ApiRow* row = nullptr;
   Caller caller;
+  std::shared_ptr<void> place;  // of a method that allows long bodies
   Clock::time_point begun = Clock::now();
 };
+
+namespace {
+
+// A place for a request with a long body, until the last copy is destroyed. Null when all are taken.
+std::shared_ptr<void> TakePlace(const std::shared_ptr<std::atomic<int>>& taken) {
+  if (taken->fetch_add(1) >= kMostLongBodies) {
+    taken->fetch_sub(1);
+    return nullptr;
+  }
+  return {taken.get(), [taken](void*) { taken->fetch_sub(1); }};
+}
+
+}  // namespace
 
 struct Dispatcher::Work {
   HttpRequest request;
@@ -129,6 +146,7 @@ std::optional<HttpResponse> Dispatcher::OnHeader(HttpRequest& request) {
   const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
   const auto refuse = [&](int code) { return MakeErrorReply(code, request.id); };
 
+  request.body_limit = webapi::kBodyBytes;
   if (path.starts_with(kApiPrefix)) return PlanApi(path, query, request);
   auto plan = std::make_shared<Plan>();
   if (path == "/healthz") {
@@ -179,7 +197,10 @@ std::optional<HttpResponse> Dispatcher::PlanApi(std::string_view path, std::stri
   }
   if (plan->caller.kind == Caller::Kind::kHost) TakeOrigin(request, plan->caller);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
-  if (plan->caller.kind == Caller::Kind::kNobody) request.body_limit = kUnauthenticatedBodyBytes;
+  if (row->body_bytes > webapi::kBodyBytes && !(plan->place = TakePlace(long_bodies_))) {
+    return refuse(webapi::kErrorBusy);
+  }
+  request.body_limit = plan->caller.kind == Caller::Kind::kNobody ? kUnauthenticatedBodyBytes : row->body_bytes;
   request.context = std::move(plan);
   return std::nullopt;
 }

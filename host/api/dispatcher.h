@@ -1,6 +1,7 @@
 // Leads an HTTP request to a handler of the API table and back.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -53,6 +54,8 @@ class Dispatcher {
 
   Parts parts_;
   std::string description_;  // GET /openapi.json
+  // Requests under way that may have long bodies.
+  const std::shared_ptr<std::atomic<int>> long_bodies_ = std::make_shared<std::atomic<int>>(0);
 };
 
 // The reply for an error code: its HTTP status, and {"success": false, "error": {"code", "message", "details"?},

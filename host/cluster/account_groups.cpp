@@ -14,12 +14,22 @@ std::string ShownNames(const std::vector<std::string>& names) {
   return text;
 }
 
+const base::Group* GroupOf(const AccountIndex& accounts, const PrincipalWord& group) {
+  if (const auto* const name = std::get_if<std::string>(&group)) return accounts.FindGroup(*name);
+  const auto found = accounts.groups.find(std::get<std::uint32_t>(group));
+  return found == accounts.groups.end() ? nullptr : &found->second;
+}
+
 }  // namespace
 
 Error NoGroup(const std::string& name) {
   return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
                                          ? "There is no group '" + name + "'"
                                          : std::string("There is no group of an impossible name"));
+}
+
+Error NoGroupWithGid(std::uint32_t gid) {
+  return Error(ErrorCode::kNotFound, "There is no group with the gid " + std::to_string(gid));
 }
 
 std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(const AccountIndex& accounts) {
@@ -31,12 +41,13 @@ std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(cons
   return members;
 }
 
-Status PlanGroupDeletion(AccountEdit& edit, const std::string& name) {
-  const base::Group* const found = edit.accounts().FindGroup(name);
+Status PlanGroupDeletion(AccountEdit& edit, const PrincipalWord& group) {
+  const base::Group* const found = GroupOf(edit.accounts(), group);
   if (found == nullptr) {
     // It may be what the damaged record is about.
-    const Status whole = edit.CheckWhole();
-    return whole ? NoGroup(name) : whole.error();
+    if (Status whole = edit.CheckWhole(); !whole) return whole;
+    const auto* const name = std::get_if<std::string>(&group);
+    return name != nullptr ? NoGroup(*name) : NoGroupWithGid(std::get<std::uint32_t>(group));
   }
   if (found->name == base::kAdministratorsGroup || found->name == base::kUsersGroup) {
     return Error(ErrorCode::kDenied, "The group '" + found->name + "' cannot be deleted: every cluster has it");

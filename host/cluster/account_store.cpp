@@ -26,6 +26,10 @@ Error UnknownUser(const std::string& name) {
                                          : std::string("There is no user of an impossible name"));
 }
 
+Error NoUserWithUid(std::uint32_t uid) {
+  return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
+}
+
 // For an account that was not found: the damaged record may be about it.
 Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
   return accounts.damage ? Unavailable(*accounts.damage) : std::move(error);
@@ -57,6 +61,19 @@ Result<std::uint32_t> ChooseUid(AccountEdit& edit, const AccountStore::NewUser& 
   }
   return Error(ErrorCode::kConflict,
                "The uid " + number + " was given before, and no id is given twice: choose another one");
+}
+
+// The account that a change is about, in the state that the change replaces.
+Result<Account> AccountOf(const AccountEdit& edit, const PrincipalWord& user) {
+  const AccountIndex& accounts = edit.accounts();
+  if (const auto* const name = std::get_if<std::string>(&user)) {
+    const Account* const found = accounts.FindUser(*name);
+    return found != nullptr ? Result<Account>(*found) : UnknownUser(*name);
+  }
+  const std::uint32_t uid = std::get<std::uint32_t>(user);
+  const auto found = accounts.users.find(uid);
+  if (found != accounts.users.end()) return found->second;
+  return accounts.damaged_users.contains(uid) ? *accounts.damage : NoUserWithUid(uid);
 }
 
 // Assigns the groups to the user, creating missing ones, without duplicates and after the primary one.
@@ -154,7 +171,7 @@ Result<base::User> AccountStore::FindUserByUid(std::uint32_t uid) const {
   const auto found = (*accounts)->users.find(uid);
   if (found != (*accounts)->users.end()) return found->second.user;
   if ((*accounts)->damaged_users.contains(uid)) return Unavailable(*(*accounts)->damage);
-  return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
+  return NoUserWithUid(uid);
 }
 
 Result<base::Group> AccountStore::FindGroup(const std::string& name) const {
@@ -170,7 +187,7 @@ Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
   const auto found = (*accounts)->groups.find(gid);
   if (found != (*accounts)->groups.end()) return found->second;
   if ((*accounts)->damaged_groups.contains(gid)) return Unavailable(*(*accounts)->damage);
-  return Error(ErrorCode::kNotFound, "There is no group with the gid " + std::to_string(gid));
+  return NoGroupWithGid(gid);
 }
 
 Result<base::User> AccountStore::VerifyPassword(const std::string& name, const std::string& password) const {
@@ -199,34 +216,33 @@ Status AccountStore::AddUser(const NewUser& user) {
   return Edit([&](AccountEdit& edit) { return PlanNewUser(edit, user, *hash); });
 }
 
-Status AccountStore::SetPassword(const std::string& name, const std::string& password) {
+Status AccountStore::SetPassword(const PrincipalWord& user, const std::string& password) {
   if (Status possible = base::CheckNewPassword(password); !possible) return possible;
   const auto hash = base::HashPassword(password);
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) -> Status {
-    const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return UnknownUser(name);
+    const Result<Account> found = AccountOf(edit, user);
+    if (!found) return found.error();
     edit.PutUser({found->user, *hash});
     return {};
   });
 }
 
-Status AccountStore::SetGroups(const std::string& name, const std::vector<std::string>& groups) {
+Status AccountStore::SetGroups(const PrincipalWord& user, const std::vector<std::string>& groups) {
   if (Status possible = CheckGroupNames(groups); !possible) return possible;
   return Edit([&](AccountEdit& edit) -> Status {
-    const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return UnknownUser(name);
-    Account account = *found;
-    if (Status assigned = AssignGroups(edit, groups, account.user); !assigned) return assigned;
-    edit.PutUser(account);
+    Result<Account> account = AccountOf(edit, user);
+    if (!account) return account.error();
+    if (Status assigned = AssignGroups(edit, groups, account->user); !assigned) return assigned;
+    edit.PutUser(*account);
     return {};
   });
 }
 
-Status AccountStore::DeleteUser(const std::string& name) {
+Status AccountStore::DeleteUser(const PrincipalWord& user) {
   return Edit([&](AccountEdit& edit) -> Status {
-    const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return UnknownUser(name);
+    const Result<Account> found = AccountOf(edit, user);
+    if (!found) return found.error();
     edit.DeleteUser(found->user.uid);
     return {};
   });
@@ -257,8 +273,8 @@ Result<std::vector<AccountStore::GroupWithMembers>> AccountStore::ListGroups() c
   return groups;
 }
 
-Status AccountStore::DeleteGroup(const std::string& name) {
-  return Edit([&](AccountEdit& edit) { return PlanGroupDeletion(edit, name); });
+Status AccountStore::DeleteGroup(const PrincipalWord& group) {
+  return Edit([&](AccountEdit& edit) { return PlanGroupDeletion(edit, group); });
 }
 
 }  // namespace vexa::cluster

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "host/accounts/accounts.h"
@@ -23,11 +24,15 @@ namespace vexa::cluster {
 
 class AccountEdit;
 
+// A name in any case, or an id.
+using PrincipalWord = std::variant<std::string, std::uint32_t>;
+
 // Readers return kUnavailable when the store cannot be read, or when the requested account may be in a damaged record.
 // Each call checks whether an account has changed since the last one, also in other processes and on other hosts.
 // Writers commit with compares and retry, so of two that add the same name exactly one succeeds. They fail with
-// kConflict (accounts keep changing), kCorrupt (a record is damaged), and the errors of the store. A failed change
-// changes nothing.
+// kNotFound (there is no such user or group), kConflict (accounts keep changing), kCorrupt (a record is damaged), and
+// the errors of the store. A failed change changes nothing. Callers that looked an account up before should pass its
+// id: the account with the id is changed or none, while its name may belong to another account by now.
 //
 // Threads: any, at the same time.
 class AccountStore : public base::AccountProvider {
@@ -55,12 +60,12 @@ class AccountStore : public base::AccountProvider {
   // kConflict when the name is taken, ignoring case, or the uid is or was assigned. kInvalid for an invalid name,
   // password, uid or group. The new user starts without grants, even if there were grants for the uid.
   Status AddUser(const NewUser& user);
-  Status SetPassword(const std::string& name, const std::string& password);
+  Status SetPassword(const PrincipalWord& user, const std::string& password);
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
   // stay.
-  Status SetGroups(const std::string& name, const std::vector<std::string>& groups);
+  Status SetGroups(const PrincipalWord& user, const std::vector<std::string>& groups);
   // Deletes the user and their grants. The user's groups stay. Their sessions end on every host.
-  Status DeleteUser(const std::string& name);
+  Status DeleteUser(const PrincipalWord& user);
   // By name. kUnavailable when a user's record is damaged.
   Result<std::vector<base::User>> ListUsers() const;
 
@@ -72,7 +77,7 @@ class AccountStore : public base::AccountProvider {
   Result<std::vector<GroupWithMembers>> ListGroups() const;
   // Deletes a group without members and what was granted to it. kDenied, with the reason, for one that has members and
   // for "administrators" and "users", which every cluster has.
-  Status DeleteGroup(const std::string& name);
+  Status DeleteGroup(const PrincipalWord& group);
 
  private:
   using Accounts = std::shared_ptr<const AccountIndex>;

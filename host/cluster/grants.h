@@ -12,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "host/base/result.h"
@@ -26,9 +25,6 @@ enum class GrantLevel { kUser, kAdvanced };
 
 // "user" or "advanced".
 std::string_view WordOf(GrantLevel level);
-
-// A user or group: a name, or a numeric id.
-using PrincipalWord = std::variant<std::string, std::uint32_t>;
 
 // Whom a grant is for, as the look-up found them.
 struct GrantPrincipal {

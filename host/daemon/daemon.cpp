@@ -28,6 +28,7 @@
 #include "host/api/user/host_api.h"
 #include "host/api/user/host_list_api.h"
 #include "host/api/user/image_api.h"
+#include "host/api/user/import_api.h"
 #include "host/api/user/log_api.h"
 #include "host/api/user/recovery_api.h"
 #include "host/api/user/repository_api.h"
@@ -351,10 +352,10 @@ class Daemon::Impl {
     for (auto&& part :
          {GuestRows(), SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
           services::ServiceRows(PartsOfServices(config)), services::HostListRows(), services::HostQueryRows(),
-          services::GuestStateRows(guest_states_), services::GuestKeepingRows(), services::RecoveryRows(store_),
-          services::ImageRows(store_, config.image_roots), services::RepositoryRows(store_), services::LogRows(),
-          services::AccountRows(AccountParts()), services::GrantRows(AccountParts()),
-          services::CompoundRows(call_item, OptionsOfCompound())}) {
+          services::GuestStateRows(guest_states_), services::GuestKeepingRows(), services::ImportRows(store_),
+          services::RecoveryRows(store_), services::ImageRows(store_, config.image_roots),
+          services::RepositoryRows(store_), services::LogRows(), services::AccountRows(AccountParts()),
+          services::GrantRows(AccountParts()), services::CompoundRows(call_item, OptionsOfCompound())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<webapi::ApiTable>(std::move(rows));
@@ -412,6 +413,7 @@ class Daemon::Impl {
                options.limits.connections, config.max_connections);
     }
     options.limits.connections_per_peer = config.max_connections_per_peer;
+    options.limits.body_bytes = webapi::kMostBodyBytes;  // the dispatcher lowers it to that of the method
     options.io_threads = config.io_threads;
     options.on_header = [this](HttpRequest& request) { return dispatcher_->OnHeader(request); };
     options.on_request = [this](HttpRequest&& request, Responder responder) {

@@ -47,6 +47,23 @@ Refused RefuseBeside(const NamedRecord& other, const NewRepository& repository, 
                                     repository.name + "'"};
 }
 
+Refusal NoSuchHost(const std::string& id) {
+  return {kUnreadable,
+          "There is no host '" + id +
+              "' in this cluster: give the id of one that 'vexa host list' shows, or start the host first"};
+}
+
+// Adds that the host is there: one that is removed meanwhile makes the commit a conflict. Refused when it is not.
+Result<Refused> CompareHost(const store::Snapshot& snapshot, const std::string& host_id,
+                            store::Transaction& transaction) {
+  std::string key = cluster::ObjectKey(DashCate::Host.name(), host_id);
+  const auto host = snapshot.Get(key);
+  if (!host) return host.error();
+  if (!host->has_value()) return Refused(NoSuchHost(host_id));
+  transaction.compares.push_back({std::move(key), (*host)->revision});
+  return Refused();
+}
+
 Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const NewRepository& repository,
                                         const std::string& id, Refused& refused) {
   store::Transaction transaction;
@@ -56,11 +73,16 @@ Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const N
     refused = RefuseBeside(other, repository, id);
     if (refused) return transaction;
   }
+  const std::string host_id = NormalizeUuid(repository.host_id);
+  Result<Refused> without_host = CompareHost(snapshot, host_id, transaction);
+  if (!without_host) return without_host.error();
+  refused = std::move(*without_host);
+  if (refused) return transaction;
   NamedRecord added;
   added.id = id;
   added.name = repository.name;
   added.record[keys::name] = repository.name;
-  added.record[keys::host_id] = NormalizeUuid(repository.host_id);
+  added.record[keys::host_id] = host_id;
   added.record[keys::state] = VexaCCC::State::Repo::online;
   const Status put = cluster::AddNamedRecord(snapshot, DashCate::Repository.name(), *all, added, transaction);
   if (!put) return put.error();

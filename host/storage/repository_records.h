@@ -27,7 +27,8 @@ struct NewRepository {
 Status CheckRepository(const NewRepository& repository);
 
 // Adds the record of a repository that CheckRepository accepts and that has a host, and returns its id in `id`.
-// Refusals: cluster::kRecordExists (a repository has the id or the name already); kRecordFailed.
+// Refusals: cluster::kRecordExists (a repository has the id or the name already); kUnreadable (the cluster has no
+// record of the host, or not any more when this commits); kRecordFailed.
 Refused AddRepository(store::Store& store, const NewRepository& repository, std::string& id);
 
 struct ListedRepository {

@@ -77,7 +77,8 @@ class QemuHost {
   std::optional<std::chrono::milliseconds> Stop(std::chrono::milliseconds patience);
   void Restart();  // Kill and Start
 
-  // Runs the program `vexa` on the files of this host and returns its output; the test program ends when it fails.
+  std::string Socket() const { return folder_ + "/s" + options_.suffix; }
+  // Runs the program `vexa` and returns its output; the test program ends when it fails.
   std::string Vexa(std::vector<std::string> arguments) const;
 
   // --- Records ---
@@ -113,7 +114,6 @@ class QemuHost {
   std::vector<std::string> Arguments() const;
   void Launch();
   std::string DataFolder() const { return folder_ + "/data" + options_.suffix; }
-  std::string Socket() const { return folder_ + "/s" + options_.suffix; }
   std::string LogFile() const { return folder_ + "/vexad" + options_.suffix + ".log"; }
   std::shared_ptr<store::Store> Store() const;
 

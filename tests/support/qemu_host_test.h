@@ -74,9 +74,9 @@ class LibvirtHostTest : public EmbeddedHostTest {
     return Content(domain.boot_image).size() == Content(ground_->Image(GuestImage::kWithAgent)).size() &&
            Content(domain.disks[0]).starts_with(QemuHost::DiskText(domain.id, 1));
   }
-  // Turns every domain that libvirt knows now into a guest of `host_id`.
+  // Turns every domain that libvirt knows now into a guest of `host_id`. The host of the test must be running.
   void ImportAll(const std::string& host_id) const {
-    host_->Vexa({"import", "--all", libvirtd_->uri(), "--data", ground_->folder() + "/data", "--host-id", host_id,
+    host_->Vexa({"import", "--all", libvirtd_->uri(), "--socket", host_->Socket(), "--host-id", host_id,
                  "--repository-id", kHostRepository});
   }
   // The files of libvirt with saved memory.

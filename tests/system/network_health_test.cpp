@@ -319,9 +319,9 @@ TEST_F(NetworkHealth, Macvtap_IsAsTheCable) {
   if (const std::string refused = user.Start(kGuest); !refused.empty()) {
     GTEST_SKIP() << SkipNotice("a guest on macvtap cannot be started: " + refused);
   }
-  host_->Vexa({"import", "--all", kUri, "--data", ground_->folder() + "/data", "--host-id", host_->id(),
-               "--repository-id", kHostRepository});
   host_->Start();
+  host_->Vexa({"import", "--all", kUri, "--socket", host_->Socket(), "--host-id", host_->id(), "--repository-id",
+               kHostRepository});
   ExpectCableCounts(cable);
   ExpectOwnCableCounts();
 }

@@ -96,8 +96,8 @@ TEST_F(QemuForeign, ImportedGuest_RunsAndIsReleased_KeepsWhatItsOwnerHad) {
   const std::vector<std::string> variables = VariablesBelow(ground_->folder());
   ASSERT_THAT(variables, testing::SizeIs(1));
   Mark(variables[0]);
-  ImportAll(host_->id());
   host_->Start();
+  ImportAll(host_->id());
 
   ASSERT_EQ(host_->Power(kOwners, "poweron"), 0) << host_->Log();
   ExpectOwners(domain, "while it runs");
@@ -133,8 +133,8 @@ TEST_F(QemuForeign, ImportedGuest_CannotBeStarted_StaysDefined) {
   domain.screen.clear();
   ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
   ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
-  ImportAll(host_->id());
   host_->Start();
+  ImportAll(host_->id());
   EXPECT_NE(host_->Power(kOwners, "poweron"), 0) << "this machine does not have the address of its screen";
   ExpectOwners(domain, "after a start that failed");
   host_->Restart();

@@ -31,7 +31,9 @@ class QemuSoak : public LibvirtHostTest {
     imported_ = MakeOwnersDomain(kImported, "taken over");
     ASSERT_EQ(user_->Define(OwnersXml(imported_)), "");
     ASSERT_EQ(user_->StartWithTheHost(kImported), "");
+    host_->Start();
     ImportAll(host_->id());
+    host_->Kill();
     owners_ = MakeOwnersDomain(kOwners, "not ours");
     ASSERT_EQ(user_->Define(OwnersXml(owners_)), "");
     ASSERT_EQ(user_->StartWithTheHost(kOwners), "");

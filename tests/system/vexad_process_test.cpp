@@ -220,17 +220,16 @@ TEST_F(Vexad, HelpAndVersion_ArePrinted) {
 
 TEST_F(Vexad, TheCommandLine_ReadsAGuestOverTheUnixSocket) {
   const std::string manifest = std::string(VEXA_SOURCE_DIR) + "/examples/cluster.json";
-  const auto import =
-      RunProcess({.argv = {VEXA_PROGRAM, "import", "--data", folder_.File("data"), "--manifest", manifest}});
-  ASSERT_EQ(import.exit_code, 0) << import.errors;
   const auto process = Start();
+  const auto import =
+      RunProcess({.argv = {VEXA_PROGRAM, "--socket", folder_.File("s"), "import", "--manifest", manifest}});
+  ASSERT_EQ(import.exit_code, 0) << import.errors;
   const auto get = RunProcess({.argv = {VEXA_PROGRAM, "--socket", folder_.File("s"), "--json", "guest", "get",
                                         "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211"}});
   EXPECT_EQ(get.exit_code, 0) << get.errors;
   EXPECT_NE(get.output.find("\"web-1\""), std::string::npos) << get.output;
-  // A change of the store by another process is seen by the next request.
   const auto again = RunProcess(
-      {.argv = {VEXA_PROGRAM, "import", "--replace", "--data", folder_.File("data"), "--manifest", manifest}});
+      {.argv = {VEXA_PROGRAM, "--socket", folder_.File("s"), "import", "--replace", "--manifest", manifest}});
   EXPECT_EQ(again.exit_code, 0) << again.errors;
   EXPECT_EQ(RunProcess({.argv = {VEXA_PROGRAM, "--socket", folder_.File("s"), "health"}}).exit_code, 0);
 }

@@ -114,7 +114,8 @@ void AddUser(const AccountServices& services, const Call& call) {
   Finish(call, added, "The user [" + name.Get() + "] has been added.");
 }
 
-// The user that "name" or "id" names; otherwise the call is answered.
+// The user that "name" or "id" names; otherwise the call is answered. Callers change the account with its id: the name
+// may belong to another account by then.
 std::optional<base::User> FindUser(const AccountServices& services, const Call& call) {
   const auto word = ReadNameOrId(call, IsAccountName);
   if (!word || !HasAccounts(services, call)) return std::nullopt;
@@ -129,7 +130,7 @@ std::optional<base::User> FindUser(const AccountServices& services, const Call& 
 void DeleteUser(const AccountServices& services, const Call& call) {
   const auto user = FindUser(services, call);
   if (!user) return;
-  Finish(call, services.accounts->DeleteUser(user->name), "The user [" + user->name + "] has been deleted.");
+  Finish(call, services.accounts->DeleteUser(user->uid), "The user [" + user->name + "] has been deleted.");
 }
 
 void SetGroups(const AccountServices& services, const Call& call) {
@@ -139,7 +140,7 @@ void SetGroups(const AccountServices& services, const Call& call) {
   if (!user) return;
   std::string shown;
   for (const std::string& group : *groups) shown += (shown.empty() ? "" : ", ") + group;
-  Finish(call, services.accounts->SetGroups(user->name, *groups),
+  Finish(call, services.accounts->SetGroups(user->uid, *groups),
          "The groups of the user [" + user->name + "] are now [" + shown + "].");
 }
 
@@ -150,7 +151,7 @@ void DeleteGroup(const AccountServices& services, const Call& call) {
   const auto group =
       name ? services.accounts->FindGroup(*name) : services.accounts->FindGroupByGid(std::get<std::uint32_t>(*word));
   if (!group) return Refuse(call, group.error());
-  const Status deleted = services.accounts->DeleteGroup(group->name);
+  const Status deleted = services.accounts->DeleteGroup(group->gid);
   if (!deleted && deleted.error().code() == ErrorCode::kDenied) {
     return Refuse(call, deleted.error(), webapi::kErrorGroupStays);
   }

@@ -70,7 +70,8 @@ void SetPassword(const AccountServices& services, const Call& call) {
   const bool needs_old = !call.request->IsAdmin() || !word;
   if (needs_old && !old_password.IsSet()) return Fail(call, webapi::kErrorOldPassword);
   if (old_password.IsSet() && !IsOldPassword(services, call, *user, old_password.Get())) return;
-  Finish(call, services.accounts->SetPassword(user->name, password.Get()),
+  // By the id that was verified: the name may belong to another account by now.
+  Finish(call, services.accounts->SetPassword(user->uid, password.Get()),
          "The password of the user [" + user->name + "] has been changed.");
 }
 

@@ -129,10 +129,12 @@ std::vector<webapi::ApiRow> RepositoryRows(std::shared_ptr<store::Store> store) 
            .handler = [store](const Call& call) { Add(*store, call); },
            .summary = "Add a repository, and get its id.",
            .parameters = {Text("name", "The repository's name, 1 to 128 bytes; no other repository may have it."),
-                          OptionalText("host_id",
-                                       "The host that has its disks, a UUID; the host that is asked without it."),
+                          OptionalText(
+                              "host_id",
+                              "The host that has its disks, the id of a host of the cluster; the host that is asked "
+                              "without it."),
                           OptionalText("repository_id", "The repository's id, a UUID; a new one without it.")},
-           .errors = {webapi::kErrorBadParameter, cluster::kRecordExists, cluster::kRecordFailed}},
+           .errors = {webapi::kErrorBadParameter, kErrorUnreadable, cluster::kRecordExists, cluster::kRecordFailed}},
           {.api = "VEXA.Virtualization.Repository",
            .method = "remove",
            .version = 1,

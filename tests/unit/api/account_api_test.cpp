@@ -7,6 +7,7 @@
 #include "host/api/user/grant_api.h"
 #include "host/cluster/cluster_log.h"
 #include "host/records/guest_admin.h"
+#include "tests/support/interrupted_store.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
@@ -199,6 +200,49 @@ TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
   EXPECT_EQ(Call("user_delete", R"({"id":)" + id + "}").code, 0);
   EXPECT_EQ(Call("user_delete", R"({"name":"alice"})").code, webapi::kErrorNoAccount);
   EXPECT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, webapi::kErrorNoAccount);
+}
+
+// The look-up found an account, and somebody else takes over its name before the commit.
+TEST_F(AccountApi, NameThatChangedHandsMeanwhile_LeavesTheNewAccountAlone) {
+  for (const auto& [method, more] : {std::pair{"user_delete", ""}, std::pair{"groups_set", R"(,"groups":["crew"])"},
+                                     std::pair{"password_set", R"(,"password":"second password")"}}) {
+    for (const bool is_by_name : {true, false}) {
+      SCOPED_TRACE(std::string(method) + (is_by_name ? " by name" : " by id"));
+      const std::uint32_t before = host_.AddUser("alice");
+      std::uint32_t heir = 0;
+      const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+        ASSERT_TRUE(host_.accounts().DeleteUser(before).ok());
+        heir = host_.AddUser("alice");
+      });
+      const webapi::ApiTable table(
+          AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
+      const std::string who = is_by_name ? R"("name":"alice")" : R"("id":)" + std::to_string(before);
+      EXPECT_EQ(CallOn(table, method, "{" + who + more + "}", Administrator()).code, webapi::kErrorNoAccount);
+      const base::User alice = Require(host_.accounts().FindUser("alice"));
+      EXPECT_EQ(alice.uid, heir);
+      EXPECT_EQ(alice.groups.size(), 1U) << "only the primary one";
+      EXPECT_TRUE(HasPassword("alice", kPassword));
+      ASSERT_TRUE(host_.accounts().DeleteUser(heir).ok());
+    }
+  }
+}
+
+TEST_F(AccountApi, GroupNameThatChangedHandsMeanwhile_LeavesTheNewGroupAlone) {
+  const std::uint32_t before = [&] {
+    host_.AddUser("alice", {"staff"});
+    return host_.GroupId("alice", "staff");
+  }();
+  ASSERT_TRUE(host_.accounts().SetGroups("alice", {}).ok());
+  const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+    ASSERT_TRUE(host_.accounts().DeleteGroup(before).ok());
+    ASSERT_TRUE(host_.accounts().SetGroups("alice", {"staff"}).ok());
+    ASSERT_TRUE(host_.accounts().SetGroups("alice", {}).ok());
+  });
+  const webapi::ApiTable table(
+      AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
+  const std::string id = std::to_string(before);
+  EXPECT_EQ(CallOn(table, "group_delete", R"({"id":)" + id + "}", Administrator()).code, webapi::kErrorNoAccount);
+  EXPECT_NE(Require(host_.accounts().FindGroup("staff")).gid, before);
 }
 
 TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {

@@ -10,6 +10,7 @@
 #include "host/api/user/grant_api.h"
 #include "host/api/user/guest_api.h"
 #include "host/api/user/image_api.h"
+#include "host/api/user/import_api.h"
 #include "host/api/user/log_api.h"
 #include "host/api/user/repository_api.h"
 #include "host/base/error_table.h"
@@ -52,6 +53,17 @@ TEST(ApiTable, Find_MatchesApiMethodAndVersionExactly) {
 
 TEST(ApiTable, SameRowTwice_IsAProgrammingError) {
   EXPECT_THROW(ApiTable({Row("A", "get", 1), Row("A", "get", 1)}), std::logic_error);
+}
+
+TEST(ApiTable, LongBodies_AreForAdministratorsOnly) {
+  ApiRow row = Row("A", "get", 1);
+  EXPECT_EQ(row.body_bytes, 1024u * 1024u);
+  row.body_bytes = kBodyBytes + 1;
+  EXPECT_THROW(ApiTable({row}), std::logic_error);
+  row.access = Access::kAdministrator;
+  EXPECT_NO_THROW(ApiTable({row}));
+  row.body_bytes = kMostBodyBytes + 1;
+  EXPECT_THROW(ApiTable({row}), std::logic_error);
 }
 
 // The host does what it should: the guest is off.
@@ -104,7 +116,7 @@ TEST(ErrorTable, CodesOfTheRows_AreAllThere) {
   std::vector<ApiRow> rows = vexa::daemon::GuestRows();
   for (const auto& part :
        {vexa::services::LogRows(), vexa::services::ImageRows(nullptr, {}), vexa::services::RepositoryRows(nullptr),
-        vexa::services::AccountRows({}), vexa::services::GrantRows({})}) {
+        vexa::services::ImportRows(nullptr), vexa::services::AccountRows({}), vexa::services::GrantRows({})}) {
     rows.insert(rows.end(), part.begin(), part.end());
   }
   for (const ApiRow& row : rows) {

@@ -38,6 +38,9 @@ class ImageApi : public ::testing::Test {
   ImageApi() : table_(Rows()) {
     std::filesystem::create_directory(Root());
     std::ofstream(File()) << "twelve bytes";
+    for (const std::string& host : {std::string(kHost), cluster::CurrentEnvironment()->host_id}) {
+      host_.PutText("host", host, R"({"name":"nas-1"})");
+    }
   }
 
   std::string Root() const { return host_.folder().File("images"); }
@@ -199,10 +202,14 @@ TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) 
   EXPECT_EQ(used.code, 991);
   EXPECT_EQ(ReasonOf(used), "The repository 'pool' is used by the guest 'web'. Delete them first");
   EXPECT_EQ(Repository("accept", R"({"repository_id":"x"})").code, 403);
+  const Answer homeless = Repository("add", R"({"name":"other","host_id":")" + std::string(kId) + "\"}");
+  EXPECT_EQ(homeless.code, 403);
+  EXPECT_EQ(ReasonOf(homeless).find("There is no host '" + std::string(kId) + "' in this cluster"), 0u);
   EXPECT_THAT(Log(),
               ElementsAre("root 3 The repository [pool] has been added.", "root 1 Failed to add the repository [pool].",
                           "root 1 Failed to remove the repository [pool].",
-                          "root 1 Failed to accept the storage of the repository [x]."));
+                          "root 1 Failed to accept the storage of the repository [x].",
+                          "root 1 Failed to add the repository [other]."));
 }
 
 TEST_F(ImageApi, StoreThatCannotBeRead_IsAnError) {

@@ -41,6 +41,8 @@ constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 
 class RepositoryRecords : public ::testing::Test {
  protected:
+  RepositoryRecords() { host_.PutText("host", kHost, R"({"name":"nas-1"})"); }
+
   Refused Add(const NewRepository& repository) { return AddRepository(host_.store(), repository, added_); }
   void ExpectAdded(const NewRepository& repository) {
     const Refused refused = Add(repository);
@@ -120,6 +122,38 @@ TEST_F(RepositoryRecords, Add_WhatIsThere_IsRefused) {
         return Add({"pool", "", kHost});
       },
       kRecordExists, "The repository '" + id + "' has the name 'pool'");
+}
+
+// The record named a host that nobody could start.
+TEST_F(RepositoryRecords, Add_HostThatDoesNotExist_IsRefused) {
+  const std::string unknown = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e9";
+  ExpectRefused(
+      [&] {
+        return Add({"pool", kId, unknown});
+      },
+      kUnreadable,
+      "There is no host '" + unknown +
+          "' in this cluster: give the id of one that 'vexa host list' shows, or start the host first");
+  // What remains of a host that was removed is not a host.
+  Put(store::MakeKey({"dash", "host", unknown, "seen"}), "{}");
+  EXPECT_EQ(Add({"pool", kId, unknown})->code, kUnreadable);
+}
+
+TEST_F(RepositoryRecords, Add_HostRemovedBetweenReadAndCommit_IsRefused) {
+  InterruptedStore store(host_.store(), [&] { host_.Remove("host", kHost); });
+  std::string id;
+  const Refused refused = AddRepository(store, {"pool", kId, kHost}, id);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->code, kUnreadable);
+  EXPECT_TRUE(Require(ListRepositories(host_.store())).empty());
+}
+
+TEST_F(RepositoryRecords, Add_HostWritesItsRecordMeanwhile_IsAccepted) {
+  InterruptedStore store(host_.store(), [&] { host_.PutText("host", kHost, R"({"name":"nas-2"})"); });
+  std::string id;
+  const Refused refused = AddRepository(store, {"pool", kId, kHost}, id);
+  EXPECT_FALSE(refused) << refused->reason;
+  EXPECT_EQ(store.commits(), 2);
 }
 
 TEST_F(RepositoryRecords, Check_WordsThatCannotBe_AreInvalid) {

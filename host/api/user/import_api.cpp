@@ -1,0 +1,132 @@
+#include "host/api/user/import_api.h"
+
+#include <string>
+#include <utility>
+
+#include "host/api/rows.h"
+#include "host/api/user/account_calls.h"
+#include "host/api/user/import_parameters.h"
+#include "host/base/error_table.h"
+#include "host/base/refusal.h"
+#include "host/guests/import/guest_import.h"
+#include "json/readers.h"
+#include "webapi/platform/ccc_log.h"
+
+namespace vexa::services {
+namespace {
+
+namespace json = VexaVirtualization::json;
+using guests::GuestImport;
+using guests::ImportedGuest;
+using guests::ImportRequest;
+using guests::Refused;
+using webapi::Call;
+
+void LogImport(const std::string& user, const Refused& refused, const ImportedGuest& imported) {
+  using namespace VexaCCC;
+  if (refused) {
+    ClusterLogAdd(user, CLOG_PRIORITY_FAILURE, "Failed to import the virtual machine [%s].", imported.name.c_str());
+  } else if (imported.is_replacement) {
+    ClusterLogAdd(user, CLOG_PRIORITY_SUCCESS, "The virtual machine [%s] has been replaced by an import.",
+                  imported.name.c_str());
+  } else {
+    ClusterLogAdd(user, CLOG_PRIORITY_SUCCESS, "The virtual machine [%s] has been imported.", imported.name.c_str());
+  }
+}
+
+Json::Value DescribeRefusal(const guests::Refusal& refusal) {
+  Json::Value error(Json::objectValue);
+  error["code"] = refusal.code;
+  const webapi::ErrorRow* const row = webapi::FindError(refusal.code);
+  error["message"] = row ? std::string(row->sentence) : std::string();
+  error[webapi::kReason] = refusal.reason;
+  return error;
+}
+
+Json::Value Describe(const Refused& refused, const ImportedGuest& imported, guests::ImportMode mode) {
+  Json::Value result(Json::objectValue);
+  if (!imported.id.empty()) {
+    result["guest_id"] = imported.id;
+    result["name"] = imported.name;
+  }
+  if (refused) {
+    result["error"] = DescribeRefusal(*refused);
+    return result;
+  }
+  result["replaced"] = imported.is_replacement;
+  result["disks"] = json::Member(imported.records, "disks").size();
+  result["nics"] = json::Member(imported.records, "nics").size();
+  result["notes"] = json::Member(imported.records, "notes");
+  if (mode == guests::ImportMode::kCheck) result["records"] = imported.records;
+  return result;
+}
+
+// The flags and what was planned before; otherwise the call is answered.
+std::optional<GuestImport::Options> ReadOptions(const Call& call) {
+  const auto replace = ReadFlag(call, "replace");
+  if (!replace) return std::nullopt;
+  const auto dry_run = ReadFlag(call, "dry_run");
+  if (!dry_run) return std::nullopt;
+  GuestImport::Options options;
+  options.on_existing = *replace ? guests::OnExisting::kReplace : guests::OnExisting::kRefuse;
+  options.mode = *dry_run ? guests::ImportMode::kCheck : guests::ImportMode::kWrite;
+  if (!call.request->HasParam("planned")) return options;
+  auto planned = ReadPlannedGuests(*dry_run ? call.request->GetParam("planned", Json::Value()) : Json::Value());
+  if (!planned) {
+    Fail(call, webapi::kErrorBadParameter, planned.error().message());
+    return std::nullopt;
+  }
+  options.planned = std::move(*planned);
+  return options;
+}
+
+void Import(store::Store& store, const Call& call) {
+  auto options = ReadOptions(call);
+  if (!options) return;
+  const auto requests = ReadImportRequests(call.request->GetParam("guests", Json::Value()));
+  if (!requests) return Fail(call, webapi::kErrorBadParameter, requests.error().message());
+  const guests::ImportMode mode = options->mode;
+  GuestImport importer(store, std::move(*options));
+  Json::Value data(Json::objectValue);
+  Json::Value& results = data["results"] = Json::Value(Json::arrayValue);
+  for (const ImportRequest& request : *requests) {
+    ImportedGuest imported;
+    const Refused refused = importer.Import(request, imported);
+    // A definition that cannot be understood has no name that could be logged.
+    if (mode == guests::ImportMode::kWrite && !imported.name.empty()) {
+      LogImport(call.request->GetLoginUserName(), refused, imported);
+    }
+    results.append(Describe(refused, imported, mode));
+  }
+  call.response->SetSuccess(data);
+}
+
+}  // namespace
+
+std::vector<webapi::ApiRow> ImportRows(std::shared_ptr<store::Store> store) {
+  using webapi::ParameterType;
+  return {
+      {.api = "VEXA.Virtualization.Guest",
+       .method = "import",
+       .version = 1,
+       .access = webapi::Access::kAdministrator,
+       .lane = webapi::LaneKind::kLong,
+       .handler = [store = std::move(store)](const Call& call) { Import(*store, call); },
+       .summary = "Take guests over from libvirt's domain XML, each whole or not at all. The reply has a result for "
+                  "each guest, in order: what it has become, or the error.",
+       .parameters = {{"guests", ParameterType::kArray, webapi::Necessity::kRequired,
+                       "1 to 100 objects: xml, and optionally guest_id (refused when the XML has another one), "
+                       "repository_id, host_id, autostart, has_variables, disk_sizes_mib (by the disk's target), "
+                       "image_sizes (bytes by path; null for an image that cannot be read), networks (ids by name)."},
+                      Optional("replace", ParameterType::kBoolean,
+                               "Replace guests that exist already and are shut down. Without it they are refused."),
+                      Optional("dry_run", ParameterType::kBoolean,
+                               "Check everything, answer the records, and change nothing."),
+                      Optional("planned", ParameterType::kObject,
+                               "In a dry run: names by id of guests that earlier calls have accepted.")},
+       .errors = {webapi::kErrorBadParameter, guests::kRunsAlready, guests::kImportBusy, cluster::kRecordExists,
+                  cluster::kRecordFailed},
+       .body_bytes = webapi::kMostBodyBytes}};
+}
+
+}  // namespace vexa::services

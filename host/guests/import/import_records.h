@@ -1,0 +1,47 @@
+// The store's side of an import: what is stored of a guest, and what one commit writes.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "host/base/result.h"
+#include "host/domain_xml/domain_xml.h"
+#include "host/records/domain_record.h"
+#include "host/store/store.h"
+
+namespace vexa::guests {
+
+// A record of a disk or a network interface.
+struct StoredPart {
+  std::string key;
+  store::Revision revision = 0;
+};
+
+// A guest's record and live state in the store; revision 0 when absent.
+struct StoredGuest {
+  store::Revision revision = 0;
+  Json::Value record;
+  // As every reader of the guest sees it: the live one, otherwise the record's. "" when neither is there, and without a
+  // guest: what remains of an earlier guest is not a state of the new one.
+  std::string state;
+  store::Revision live_revision = 0;
+  store::Revision renames_revision = 0;  // of RenamesKey()
+  // The records of disks and network interfaces that the guest's record lists and that name this guest as their owner.
+  std::vector<StoredPart> parts;
+};
+
+// Errors: those of the store; kCorrupt when the live state of the guest is invalid, because the record's may be long
+// outdated.
+Result<StoredGuest> ReadStoredGuest(const store::Snapshot& snapshot, const std::string& id);
+
+// Writes the records of `guest` and its original definition, provided that the stored guest is still equal to
+// `replaced`. What domain XML does not contain ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept
+// from the replaced record; records of disks and network interfaces that belong to the replaced guest and are not used
+// by the new one are deleted. The live state and its sequences stay while the guest stays on the same host, and are
+// removed otherwise: one host's report says nothing about another.
+store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const DomainRecord& domain,
+                                         const StoredGuest& replaced);
+
+}  // namespace vexa::guests
