@@ -60,26 +60,25 @@ Result<GrantPrincipal> FindAccount(const AccountPlaces& places, const GrantTarge
 
 ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
                        const std::vector<std::string>& guest_ids) {
-  if (const Status checked = CheckGuestIds(guest_ids); !checked) return Report(checked.error());
+  const Result<std::vector<std::string>> ids = NormalGuestIds(guest_ids);
+  if (!ids) return Report(ids.error());
   return RunChange(
       global, places, target, FindAccount(places, target),
-      {[&](auto& store, const auto& principal) { return cluster::GrantGuests(store, principal, guest_ids); },
-       [&](const std::string& who) {
-         return "The " + who + " may use the virtual machines " + Joined(guest_ids) + ".";
-       },
+      {[&](auto& store, const auto& principal) { return cluster::GrantGuests(store, principal, *ids); },
+       [&](const std::string& who) { return "The " + who + " may use the virtual machines " + Joined(*ids) + "."; },
        Granted(target.name)});
 }
 
 ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
                         const std::vector<std::string>& guest_ids) {
-  if (const Status checked = CheckGuestIds(guest_ids); !checked) return Report(checked.error());
-  return RunChange(
-      global, places, target, FindAccount(places, target),
-      {[&](auto& store, const auto& principal) { return cluster::RevokeGuests(store, principal, guest_ids); },
-       [&](const std::string& who) {
-         return "The " + who + " may no longer use the virtual machines " + Joined(guest_ids) + ".";
-       },
-       Revoked(target.name)});
+  const Result<std::vector<std::string>> ids = NormalGuestIds(guest_ids);
+  if (!ids) return Report(ids.error());
+  return RunChange(global, places, target, FindAccount(places, target),
+                   {[&](auto& store, const auto& principal) { return cluster::RevokeGuests(store, principal, *ids); },
+                    [&](const std::string& who) {
+                      return "The " + who + " may no longer use the virtual machines " + Joined(*ids) + ".";
+                    },
+                    Revoked(target.name)});
 }
 
 ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,

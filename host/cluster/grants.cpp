@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 #include <utility>
 
 #include "host/accounts/account_nss.h"
+#include "host/base/uuid.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
 #include "host/records/object_edit.h"
@@ -49,6 +51,12 @@ Result<store::Transaction> PlanEdit(const store::Store& store, const GrantPrinci
 
 Status Change(store::Store& store, const GrantPrincipal& principal, const Edit& edit) {
   return CommitPlanned(store, [&] { return PlanEdit(store, principal, edit); });
+}
+
+// Guests' ids are in lower case; records of older versions may have others.
+std::string NormalId(const std::string& id) {
+  std::string normal = NormalizeUuid(id);
+  return normal.empty() ? id : normal;
 }
 
 template <class Found>
@@ -104,13 +112,19 @@ Result<GrantPrincipal> FindSystemPrincipal(AccountKind kind, const PrincipalWord
 
 Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
   return Change(store, principal, [&](Json::Value& record) {
-    for (const std::string& id : guest_ids) record[keys::guests][id] = true;
+    for (const std::string& id : guest_ids) record[keys::guests][NormalId(id)] = true;
   });
 }
 
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
+  std::set<std::string> revoked;
+  for (const std::string& id : guest_ids) revoked.insert(NormalId(id));
   return Change(store, principal, [&](Json::Value& record) {
-    for (const std::string& id : guest_ids) record[keys::guests].removeMember(id);
+    Json::Value& guests = record[keys::guests];
+    for (const std::string& id : json::MemberNames(guests)) {
+      // The overload for C strings stops at a NUL.
+      if (revoked.contains(NormalId(id))) guests.removeMember(id.data(), id.data() + id.size(), nullptr);
+    }
   });
 }
 

@@ -182,7 +182,7 @@ TEST_F(Accounts, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
                               std::string(R"({"authlevel":"user","more":[1],"guests":{")") + kFirst + R"(":false}})"}}})
                   .ok());
   EXPECT_EQ(RunHere({"user", "advanced", "alice"}).exit_code, 0);
-  EXPECT_EQ(RunHere({"user", "revoke", "alice", kFirst, kSecond}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "revoke", "alice", "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55", kSecond}).exit_code, 0);
   EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"advanced","guests":{},"more":[1],"name":"alice"})");
   EXPECT_EQ(RunHere({"user", "advanced", "--off", "alice"}).exit_code, 0);
   EXPECT_THAT(RecordOf(identifier), HasSubstr(R"("authlevel":"user")"));

@@ -35,12 +35,16 @@ std::string ShownGuests(const std::vector<std::string>& ids) {
   return ids.size() > kMostShown ? text + ", …" : text;
 }
 
+bool IsGuestId(std::string_view text) { return !NormalizeUuid(text).empty(); }
+
+// In lower case, as guests' records have their ids. Otherwise the call is answered.
 std::optional<std::vector<std::string>> ReadGuests(const Call& call) {
-  auto ids = ReadTexts(call, "guests", kRequired, IsUuidForm);
+  auto ids = ReadTexts(call, "guests", kRequired, IsGuestId);
   if (ids && ids->empty()) {
     Fail(call, webapi::kErrorBadParameter);
     return std::nullopt;
   }
+  if (ids) std::ranges::transform(*ids, ids->begin(), NormalizeUuid);
   return ids;
 }
 
@@ -149,7 +153,7 @@ void List(const AccountServices& services, const Call& call) {
 
 void ListOfGuest(const AccountServices& services, const Call& call) {
   const auto guest_id =
-      call.request->GetAndCheckString("guest_id", kRequired, [](const std::string& id) { return IsUuidForm(id); });
+      call.request->GetAndCheckString("guest_id", kRequired, [](const std::string& id) { return IsGuestId(id); });
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   const auto snapshot = services.store->Read();
   if (!snapshot) return Refuse(call, snapshot.error());
@@ -157,8 +161,9 @@ void ListOfGuest(const AccountServices& services, const Call& call) {
   if (!all) return Refuse(call, all.error());
   Json::Value data(Json::objectValue);
   Json::Value& principals = data["principals"] = Json::Value(Json::arrayValue);
+  const std::string id = NormalizeUuid(guest_id.Get());
   for (const GrantRecord& record : all->records) {
-    if (!std::ranges::binary_search(record.guest_ids, guest_id.Get())) continue;
+    if (!std::ranges::binary_search(record.guest_ids, id)) continue;
     principals.append(Describe(record.kind, record.id, record.name, record.level));
   }
   data["damaged"] = Json::Value(Json::arrayValue);

@@ -281,6 +281,19 @@ TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
   EXPECT_EQ(list.data["guests"], Parsed("[]"));
 }
 
+TEST_F(AccountApi, GuestIdsInUpperCase_NameTheSameGuests) {
+  const std::string identifier = "users-" + std::to_string(host_.AddUser("bob"));
+  host_.PutText("guest", kFirst, R"({"name":"web-1"})");
+  const std::string upper = "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55";
+  const std::string bob_and_guest = R"({"kind":"user","name":"bob","guests":[")" + upper + "\"]}";
+  ASSERT_EQ(Call("grant", bob_and_guest).code, 0);
+  EXPECT_EQ(NewestLogEntry(), "root: The user [bob] may use 1 virtual machine: [web-1].");
+  EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + upper + "\"}").data["principals"].size(), 1U);
+  EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").data["principals"].size(), 1U);
+  ASSERT_EQ(Call("revoke", bob_and_guest).code, 0);
+  EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"user","guests":{},"name":"bob"})");
+}
+
 TEST_F(AccountApi, UnknownPrincipals_AreRefused) {
   const std::string guests = R"("guests":[")" + std::string(kFirst) + "\"]";
   for (const std::string& who :
