@@ -35,10 +35,11 @@ Result<Json::Value> ParametersOf(const GrantTarget& target) {
 
 ExitCode ChangeGuests(const GlobalOptions& global, const char* method, const GrantTarget& target,
                       const std::vector<std::string>& guest_ids, const std::string& done) {
-  if (const Status checked = CheckGuestIds(guest_ids); !checked) return Report(checked.error());
+  const Result<std::vector<std::string>> ids = NormalGuestIds(guest_ids);
+  if (!ids) return Report(ids.error());
   Result<Json::Value> parameters = ParametersOf(target);
   if (!parameters) return Report(parameters.error());
-  for (const std::string& id : guest_ids) (*parameters)["guests"].append(id);
+  for (const std::string& id : *ids) (*parameters)["guests"].append(id);
   return ChangeAccount(global, method, *parameters, done);
 }
 
@@ -78,12 +79,14 @@ Result<cluster::PrincipalWord> WordOf(const GrantTarget& target) {
   return cluster::PrincipalWord(id);
 }
 
-Status CheckGuestIds(const std::vector<std::string>& guest_ids) {
+Result<std::vector<std::string>> NormalGuestIds(const std::vector<std::string>& guest_ids) {
+  std::vector<std::string> normal;
   for (const std::string& id : guest_ids) {
-    if (!IsUuidForm(id)) return Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)");
+    normal.push_back(NormalizeUuid(id));
+    if (normal.back().empty()) return Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)");
   }
-  if (guest_ids.size() > kMaxGuests) return Error(ErrorCode::kInvalid, "At most 1000 guests can be named at a time");
-  return {};
+  if (normal.size() > kMaxGuests) return Error(ErrorCode::kInvalid, "At most 1000 guests can be named at a time");
+  return normal;
 }
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
@@ -132,8 +135,8 @@ ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
 }
 
 ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest) {
-  std::string id = guest;
-  if (!IsUuidForm(guest)) {
+  std::string id = NormalizeUuid(guest);
+  if (id.empty()) {
     if (guest.empty() || !IsValidUtf8(guest)) return Report(NotText("guest's id or name"));
     const Result<HttpClientOptions> connect = ConnectOptions(global);
     if (!connect) return Report(connect.error());

@@ -36,7 +36,8 @@ ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest);
 
 // The name, or the id that it is. kInvalid for a text that can be neither.
 Result<cluster::PrincipalWord> WordOf(const GrantTarget& target);
-// kInvalid, with the first text that is not the id of a guest, and for more than one request can hold.
-Status CheckGuestIds(const std::vector<std::string>& guest_ids);
+// The ids in lower case, as guests have them. kInvalid, with the first text that is not the id of a guest, and for more
+// than one request can hold.
+Result<std::vector<std::string>> NormalGuestIds(const std::vector<std::string>& guest_ids);
 
 }  // namespace vexa::cli

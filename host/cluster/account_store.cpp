@@ -1,14 +1,16 @@
 #include "host/cluster/account_store.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
 #include "host/accounts/account_password.h"
+#include "host/cluster/account_commit.h"
 #include "host/cluster/account_edit.h"
 #include "host/cluster/account_groups.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
-#include "host/records/object_edit.h"
 #include "json/readers.h"
 
 namespace vexa::cluster {
@@ -91,6 +93,21 @@ Status AssignGroups(AccountEdit& edit, const std::vector<std::string>& names, ba
   return {};
 }
 
+bool IsIn(const base::User& user, std::string_view group_name) {
+  return std::ranges::any_of(user.groups, [&](const base::Group& group) { return group.name == group_name; });
+}
+
+// Of two that take the last two administrators away at the same time, one is planned again and finds the other's.
+Status CheckIsNotLastAdministrator(const AccountEdit& edit, const base::User& user) {
+  const bool is_last = user.is_administrator && std::ranges::none_of(edit.accounts().users, [&](const auto& entry) {
+                         return entry.first != user.uid && entry.second.user.is_administrator;
+                       });
+  if (!is_last) return {};
+  return Error(
+      ErrorCode::kDenied,
+      "The user '" + user.name + "' is the last one in the group 'administrators'. Put another user into it first");
+}
+
 Status PlanNewUser(AccountEdit& edit, const AccountStore::NewUser& user, const std::string& hash) {
   if (Status whole = edit.CheckWhole(); !whole) return whole;
   if (const Account* taken = edit.accounts().FindUser(user.name)) {
@@ -148,9 +165,9 @@ Result<AccountStore::Accounts> AccountStore::Current() const {
 // `change` (a Status(AccountEdit&)) plans the change. It is called again after another change of an account.
 template <class Change>
 Status AccountStore::Edit(const Change& change) {
-  return CommitPlanned(*store_, [&]() -> Result<store::Transaction> {
+  return CommitAccountChange(*store_, [&]() -> Result<store::Transaction> {
     const auto snapshot = store_->Read();
-    if (!snapshot) return snapshot.error();
+    if (!snapshot) return StoreFailure(snapshot.error());
     auto edit = AccountEdit::Begin(**snapshot);
     if (!edit) return edit.error();
     if (Status planned = change(*edit); !planned) return planned.error();
@@ -191,12 +208,18 @@ Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
 }
 
 Result<base::User> AccountStore::VerifyPassword(const std::string& name, const std::string& password) const {
+  const auto account = VerifyAccount(name, password);
+  if (!account) return account.error();
+  return account->user;
+}
+
+Result<Account> AccountStore::VerifyAccount(const std::string& name, const std::string& password) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   const Account* account = (*accounts)->FindUser(name);
   switch (base::CheckPassword(account == nullptr ? nullptr : &account->password, password)) {
     case base::PasswordCheck::kMatches:
-      return account->user;
+      return *account;
     case base::PasswordCheck::kDiffers: {
       Error denied(ErrorCode::kDenied, "The name or the password is wrong");
       return account == nullptr ? NotFoundOrDamaged(**accounts, std::move(denied)) : denied;
@@ -216,13 +239,24 @@ Status AccountStore::AddUser(const NewUser& user) {
   return Edit([&](AccountEdit& edit) { return PlanNewUser(edit, user, *hash); });
 }
 
-Status AccountStore::SetPassword(const PrincipalWord& user, const std::string& password) {
+Status AccountStore::CheckSharedUid(std::uint32_t uid) {
+  if (uid != 0 && uid != ::geteuid()) return {};
+  return Error(ErrorCode::kInvalid, "The uid " + std::to_string(uid) +
+                                        " is that of root or of the daemon, who are administrators of the machine "
+                                        "without an account. Choose another uid, or none");
+}
+
+Status AccountStore::SetPassword(const PrincipalWord& user, const std::string& password,
+                                 const std::optional<std::string>& verified_hash) {
   if (Status possible = base::CheckNewPassword(password); !possible) return possible;
   const auto hash = base::HashPassword(password);
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) -> Status {
     const Result<Account> found = AccountOf(edit, user);
     if (!found) return found.error();
+    if (verified_hash && found->password != *verified_hash) {
+      return Error(ErrorCode::kDenied, "The password has been changed since the old one was checked");
+    }
     edit.PutUser({found->user, *hash});
     return {};
   });
@@ -233,7 +267,11 @@ Status AccountStore::SetGroups(const PrincipalWord& user, const std::vector<std:
   return Edit([&](AccountEdit& edit) -> Status {
     Result<Account> account = AccountOf(edit, user);
     if (!account) return account.error();
+    const base::User before = account->user;
     if (Status assigned = AssignGroups(edit, groups, account->user); !assigned) return assigned;
+    if (!IsIn(account->user, base::kAdministratorsGroup)) {
+      if (Status other = CheckIsNotLastAdministrator(edit, before); !other) return other;
+    }
     edit.PutUser(*account);
     return {};
   });
@@ -243,6 +281,7 @@ Status AccountStore::DeleteUser(const PrincipalWord& user) {
   return Edit([&](AccountEdit& edit) -> Status {
     const Result<Account> found = AccountOf(edit, user);
     if (!found) return found.error();
+    if (Status other = CheckIsNotLastAdministrator(edit, found->user); !other) return other;
     edit.DeleteUser(found->user.uid);
     return {};
   });

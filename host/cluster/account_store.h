@@ -30,9 +30,9 @@ using PrincipalWord = std::variant<std::string, std::uint32_t>;
 // Readers return kUnavailable when the store cannot be read, or when the requested account may be in a damaged record.
 // Each call checks whether an account has changed since the last one, also in other processes and on other hosts.
 // Writers commit with compares and retry, so of two that add the same name exactly one succeeds. They fail with
-// kNotFound (there is no such user or group), kConflict (accounts keep changing), kCorrupt (a record is damaged), and
-// the errors of the store. A failed change changes nothing. Callers that looked an account up before should pass its
-// id: the account with the id is changed or none, while its name may belong to another account by now.
+// kNotFound (there is no such user or group), kUnavailable (accounts keep changing, or the store fails in any way) and
+// kCorrupt (a record is damaged). A failed change changes nothing. Callers that looked an account up before should pass
+// its id: the account with the id is changed or none, while its name may belong to another account by now.
 //
 // Threads: any, at the same time.
 class AccountStore : public base::AccountProvider {
@@ -45,6 +45,8 @@ class AccountStore : public base::AccountProvider {
   Result<base::Group> FindGroup(const std::string& name) const;
   Result<base::Group> FindGroupByGid(std::uint32_t gid) const override;
   Result<base::User> VerifyPassword(const std::string& name, const std::string& password) const override;
+  // The same, with the hash that the password was compared with.
+  Result<Account> VerifyAccount(const std::string& name, const std::string& password) const;
 
   enum class Level { kUser, kAdvanced };
   struct NewUser {
@@ -60,11 +62,18 @@ class AccountStore : public base::AccountProvider {
   // kConflict when the name is taken, ignoring case, or the uid is or was assigned. kInvalid for an invalid name,
   // password, uid or group. The new user starts without grants, even if there were grants for the uid.
   Status AddUser(const NewUser& user);
-  Status SetPassword(const PrincipalWord& user, const std::string& password);
+  // Whether somebody may declare that this user id of the machines is a user's. kInvalid for root's and for that of
+  // this process: on the Unix sockets they would turn the machine's own administrator into the user.
+  static Status CheckSharedUid(std::uint32_t uid);
+  // kDenied when `verified_hash` is given and is no longer the user's: the password has been changed since it was
+  // verified.
+  Status SetPassword(const PrincipalWord& user, const std::string& password,
+                     const std::optional<std::string>& verified_hash = std::nullopt);
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
-  // stay.
+  // stay. kDenied when nobody would be left in "administrators".
   Status SetGroups(const PrincipalWord& user, const std::vector<std::string>& groups);
-  // Deletes the user and their grants. The user's groups stay. Their sessions end on every host.
+  // Deletes the user and their grants. The user's groups stay. Their sessions end on every host. kDenied for the last
+  // one in "administrators".
   Status DeleteUser(const PrincipalWord& user);
   // By name. kUnavailable when a user's record is damaged.
   Result<std::vector<base::User>> ListUsers() const;

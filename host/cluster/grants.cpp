@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 #include <utility>
 
 #include "host/accounts/account_nss.h"
+#include "host/base/uuid.h"
+#include "host/cluster/account_commit.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
 #include "host/records/keys.h"
@@ -29,7 +32,7 @@ std::string KeyOf(AccountKind kind, std::uint32_t id) { return GuestAdminKey(Gue
 // Members of the record that are not known stay.
 Result<store::Transaction> PlanEdit(const store::Store& store, const GrantPrincipal& principal, const Edit& edit) {
   const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
+  if (!snapshot) return StoreFailure(snapshot.error());
   const std::string key = KeyOf(principal.kind, principal.id);
   Result<StoredObject> stored = LoadObject(**snapshot, key);
   if (!stored) return stored.error();
@@ -48,7 +51,13 @@ Result<store::Transaction> PlanEdit(const store::Store& store, const GrantPrinci
 }
 
 Status Change(store::Store& store, const GrantPrincipal& principal, const Edit& edit) {
-  return CommitPlanned(store, [&] { return PlanEdit(store, principal, edit); });
+  return CommitAccountChange(store, [&] { return PlanEdit(store, principal, edit); });
+}
+
+// Guests' ids are in lower case; records of older versions may have others.
+std::string NormalId(const std::string& id) {
+  std::string normal = NormalizeUuid(id);
+  return normal.empty() ? id : normal;
 }
 
 template <class Found>
@@ -104,13 +113,19 @@ Result<GrantPrincipal> FindSystemPrincipal(AccountKind kind, const PrincipalWord
 
 Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
   return Change(store, principal, [&](Json::Value& record) {
-    for (const std::string& id : guest_ids) record[keys::guests][id] = true;
+    for (const std::string& id : guest_ids) record[keys::guests][NormalId(id)] = true;
   });
 }
 
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids) {
+  std::set<std::string> revoked;
+  for (const std::string& id : guest_ids) revoked.insert(NormalId(id));
   return Change(store, principal, [&](Json::Value& record) {
-    for (const std::string& id : guest_ids) record[keys::guests].removeMember(id);
+    Json::Value& guests = record[keys::guests];
+    for (const std::string& id : json::MemberNames(guests)) {
+      // The overload for C strings stops at a NUL.
+      if (revoked.contains(NormalId(id))) guests.removeMember(id.data(), id.data() + id.size(), nullptr);
+    }
   });
 }
 
@@ -120,7 +135,7 @@ Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, Grant
 
 Status DropGrants(store::Store& store, AccountKind kind, std::uint32_t id) {
   const auto committed = store.Commit({{}, {{KeyOf(kind, id), std::nullopt}}});
-  if (!committed) return committed.error();
+  if (!committed) return StoreFailure(committed.error());
   return {};
 }
 

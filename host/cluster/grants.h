@@ -4,7 +4,7 @@
 // A change is planned on one snapshot and committed with compares, so that other writers lose nothing. A record that
 // was given to somebody of another name is not changed, only dropped.
 //
-// Errors of all that read or write: what the store says.
+// Errors of all that change something: kUnavailable when the store fails in any way. Readers return what it says.
 // Threads: any, at the same time.
 #pragma once
 
@@ -53,8 +53,9 @@ struct GrantRecord {
 // The following three refuse with kDenied when the record was given to another name, kCorrupt when it cannot be
 // understood, and kNotFound when the principal was deleted since it was looked up. The record stays as it is then.
 
+// Ids are UUIDs in any case.
 Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
-// A guest that is not granted is not an error.
+// The same; removes an id in whatever case the record has it. A guest that is not granted is not an error.
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
 Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, GrantLevel level);
 

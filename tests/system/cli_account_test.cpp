@@ -12,7 +12,9 @@
 #include "host/cluster/account_store.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "host/store/mirrored_store.h"
 #include "tests/system/cli_program.h"
+#include "tests/system/cli_terminal.h"
 
 namespace vexa::test {
 namespace {
@@ -149,6 +151,18 @@ TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
   EXPECT_FALSE(Exists("data/accounts.json"));
 }
 
+TEST_F(Accounts, UserWhoCannotBeAdded_CreatesNoStore) {
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {"a b"}, {"bob", "--group", "a b"}, {"bob", "--uid", "4294967295"}, {"bob", "--uid", "0"}}) {
+    std::vector<std::string> arguments{"user", "add", "--password-stdin"};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    EXPECT_EQ(RunHere(arguments, "good password\n").exit_code, 2) << words.back();
+    EXPECT_FALSE(Exists("data/store")) << words.back();
+  }
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "short\n").exit_code, 2);
+  EXPECT_FALSE(Exists("data/store")) << "the password";
+}
+
 TEST_F(Accounts, FilesOfAnotherAccount_AreLeftAlone) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
   AddAlice();
@@ -182,7 +196,7 @@ TEST_F(Accounts, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
                               std::string(R"({"authlevel":"user","more":[1],"guests":{")") + kFirst + R"(":false}})"}}})
                   .ok());
   EXPECT_EQ(RunHere({"user", "advanced", "alice"}).exit_code, 0);
-  EXPECT_EQ(RunHere({"user", "revoke", "alice", kFirst, kSecond}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "revoke", "alice", "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55", kSecond}).exit_code, 0);
   EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"advanced","guests":{},"more":[1],"name":"alice"})");
   EXPECT_EQ(RunHere({"user", "advanced", "--off", "alice"}).exit_code, 0);
   EXPECT_THAT(RecordOf(identifier), HasSubstr(R"("authlevel":"user")"));
@@ -346,6 +360,22 @@ TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0) << "it has stopped";
 }
 
+TEST_F(Accounts, DaemonThatStartsWhileAPasswordIsTyped_IsNotWorkedBeside) {
+  AddAlice();
+  ASSERT_TRUE(DataLock::Take(folder_.File("data")).ok()) << "a daemon has been here";
+  OnTerminal terminal(Program({"user", "passwd", "alice", "--data", folder_.File("data")}));
+  ASSERT_TRUE(terminal.WaitFor("New password of alice: "));
+  const auto lock = DataLock::Take(folder_.File("data"));
+  ASSERT_TRUE(lock.ok()) << "nothing is locked while somebody types";
+  terminal.Type("second password\n");
+  ASSERT_TRUE(terminal.WaitFor("again: "));
+  terminal.Type("second password\n");
+  const int status = terminal.Finish();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << terminal.shown();
+  EXPECT_THAT(terminal.shown(), HasSubstr("A vexad uses the data folder"));
+  EXPECT_TRUE(Open()->VerifyPassword("alice", "first password").ok());
+}
+
 TEST_F(Accounts, StoreThatIsNotMounted_GetsNoEmptyOne) {
   std::filesystem::create_directories(folder_.File("data/mirror"));
   WriteFile(folder_.File("data/mirror/data.mdb"), "a copy");
@@ -355,6 +385,56 @@ TEST_F(Accounts, StoreThatIsNotMounted_GetsNoEmptyOne) {
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.errors, HasSubstr("mount it"));
   EXPECT_FALSE(Exists("elsewhere/data.mdb"));
+}
+
+TEST_F(Accounts, StoreThatIsNotMounted_IsNotOneToCreate) {
+  std::filesystem::create_directories(folder_.File("data/mirror"));
+  WriteFile(folder_.File("data/mirror/data.mdb"), "a copy");
+  std::filesystem::create_directory(folder_.File("elsewhere"));
+  const auto list = RunHere({"user", "list", "--store", folder_.File("elsewhere")});
+  EXPECT_EQ(list.exit_code, 1);
+  EXPECT_THAT(list.errors, AllOf(HasSubstr("mount it"), Not(HasSubstr("'vexa user add' creates it"))));
+}
+
+// An old database lies below the folder where the right one is not mounted.
+TEST_F(Accounts, StoreThatIsOlderThanItsCopy_IsNotChanged) {
+  const std::vector<std::string> elsewhere{"--store", folder_.File("elsewhere")};
+  ASSERT_NO_FATAL_FAILURE(AddAlice(elsewhere));
+  store::LmdbOptions options;
+  options.directory = folder_.File("elsewhere");
+  const auto revision = [&options] { return (*(*store::OpenLmdbStore(options))->Read())->revision(); };
+  const store::Revision before = revision();
+  options.directory = folder_.File("newer");
+  {
+    const auto newer = store::OpenLmdbStore(options);
+    ASSERT_TRUE(newer.ok());
+    while ((*(*newer)->Read())->revision() <= before) ASSERT_TRUE((*newer)->Commit({{}, {{"/a", "b"}}}).ok());
+    store::MirrorOptions mirror;
+    mirror.directory = folder_.File("data/mirror");
+    const auto copy = store::MirroredStore::Make(*newer, mirror);
+    ASSERT_TRUE(copy.ok());
+    for (int i = 0; i < 1200 && (*copy)->mirrored() <= before; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_GT((*copy)->mirrored(), before);
+  }
+  options.directory = folder_.File("elsewhere");
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {"user", "list"}, {"user", "del", "alice"}, {"user", "grant", "alice", kFirst}}) {
+    std::vector<std::string> arguments = words;
+    arguments.insert(arguments.end(), elsewhere.begin(), elsewhere.end());
+    const auto result = RunHere(arguments);
+    EXPECT_EQ(result.exit_code, 1) << words[1];
+    EXPECT_THAT(result.errors, HasSubstr("older than this host's copy")) << words[1];
+  }
+  EXPECT_EQ(revision(), before);
+}
+
+TEST_F(Accounts, StoreNamedWithASlashAtItsEnd_IsCreated) {
+  const auto added =
+      RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere/")}, "good password\n");
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  EXPECT_TRUE(Exists("elsewhere/data.mdb"));
 }
 
 TEST_F(Accounts, Changes_AreInTheClusterLogWithoutPasswords) {

@@ -6,6 +6,7 @@
 #include "host/api/rows.h"
 #include "host/base/error_table.h"
 #include "host/base/uuid.h"
+#include "host/cluster/account_commit.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::services {
@@ -35,12 +36,16 @@ std::string ShownGuests(const std::vector<std::string>& ids) {
   return ids.size() > kMostShown ? text + ", …" : text;
 }
 
+bool IsGuestId(std::string_view text) { return !NormalizeUuid(text).empty(); }
+
+// In lower case, as guests' records have their ids. Otherwise the call is answered.
 std::optional<std::vector<std::string>> ReadGuests(const Call& call) {
-  auto ids = ReadTexts(call, "guests", kRequired, IsUuidForm);
+  auto ids = ReadTexts(call, "guests", kRequired, IsGuestId);
   if (ids && ids->empty()) {
     Fail(call, webapi::kErrorBadParameter);
     return std::nullopt;
   }
+  if (ids) std::ranges::transform(*ids, ids->begin(), NormalizeUuid);
   return ids;
 }
 
@@ -107,7 +112,7 @@ Json::Value Describe(AccountKind kind, std::uint32_t id, const std::string& name
 std::optional<GrantRecord> RecordOf(const AccountServices& services, const Call& call, const GrantPrincipal& owner) {
   const auto snapshot = services.store->Read();
   if (!snapshot) {
-    Refuse(call, snapshot.error());
+    Refuse(call, cluster::StoreFailure(snapshot.error()));
     return std::nullopt;
   }
   auto record = cluster::ReadGrants(**snapshot, owner.kind, owner.id);
@@ -149,16 +154,17 @@ void List(const AccountServices& services, const Call& call) {
 
 void ListOfGuest(const AccountServices& services, const Call& call) {
   const auto guest_id =
-      call.request->GetAndCheckString("guest_id", kRequired, [](const std::string& id) { return IsUuidForm(id); });
+      call.request->GetAndCheckString("guest_id", kRequired, [](const std::string& id) { return IsGuestId(id); });
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   const auto snapshot = services.store->Read();
-  if (!snapshot) return Refuse(call, snapshot.error());
+  if (!snapshot) return Refuse(call, cluster::StoreFailure(snapshot.error()));
   const auto all = cluster::ReadAllGrants(**snapshot);
   if (!all) return Refuse(call, all.error());
   Json::Value data(Json::objectValue);
   Json::Value& principals = data["principals"] = Json::Value(Json::arrayValue);
+  const std::string id = NormalizeUuid(guest_id.Get());
   for (const GrantRecord& record : all->records) {
-    if (!std::ranges::binary_search(record.guest_ids, guest_id.Get())) continue;
+    if (!std::ranges::binary_search(record.guest_ids, id)) continue;
     principals.append(Describe(record.kind, record.id, record.name, record.level));
   }
   data["damaged"] = Json::Value(Json::arrayValue);

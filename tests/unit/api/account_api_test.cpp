@@ -2,6 +2,7 @@
 #include "host/api/user/account_api.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include "host/api/reason.h"
 #include "host/api/user/grant_api.h"
@@ -67,6 +68,10 @@ class AccountApi : public ::testing::Test {
   }
   Answer CallAs(const std::string& user, const std::string& method, const std::string& parameters) {
     return CallOn(*table_, method, parameters, Require(host_.accounts().FindUser(user)));
+  }
+  // The rows on another view of the store.
+  webapi::ApiTable TableOn(const std::shared_ptr<store::Store>& store) {
+    return webapi::ApiTable(AllRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_}));
   }
   static base::User Administrator() { return {"root", 0, 0, {}, true}; }
   static std::string Reason(const Answer& answer) {
@@ -182,6 +187,7 @@ TEST_F(AccountApi, WrongParameters_AreRefused) {
 }
 
 TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
+  host_.AddUser("another-administrator", {"administrators"});
   const std::uint32_t alice = host_.AddUser("alice", {"staff"});
   const std::string id = std::to_string(alice);
   ASSERT_EQ(Call("groups_set", R"({"id":)" + id + R"(,"groups":["crew","administrators"]})").code, 0);
@@ -243,6 +249,30 @@ TEST_F(AccountApi, GroupNameThatChangedHandsMeanwhile_LeavesTheNewGroupAlone) {
   const std::string id = std::to_string(before);
   EXPECT_EQ(CallOn(table, "group_delete", R"({"id":)" + id + "}", Administrator()).code, webapi::kErrorNoAccount);
   EXPECT_NE(Require(host_.accounts().FindGroup("staff")).gid, before);
+TEST_F(AccountApi, LastAdministrator_IsNotRemoved) {
+  host_.AddUser("alice", {"administrators"});
+  const std::pair<const char*, const char*> changes[] = {{"user_delete", R"({"name":"alice"})"},
+                                                         {"groups_set", R"({"name":"alice","groups":["staff"]})"}};
+  for (const auto& [method, parameters] : changes) {
+    const Answer refused = Call(method, parameters);
+    EXPECT_EQ(refused.code, webapi::kErrorLastAdministrator) << method;
+    EXPECT_EQ(Reason(refused),
+              "The user 'alice' is the last one in the group 'administrators'. Put another user into it first.");
+  }
+  EXPECT_TRUE(Require(host_.accounts().FindUser("alice")).is_administrator);
+  host_.AddUser("bob", {"administrators"});
+  for (const auto& [method, parameters] : {changes[1], changes[0]}) EXPECT_EQ(Call(method, parameters).code, 0);
+}
+
+// On the Unix socket they would turn the machine's own administrator into an ordinary user.
+TEST_F(AccountApi, UidsOfRootAndOfTheDaemon_AreRefusedWithTheReason) {
+  for (const uid_t uid : {uid_t{0}, ::geteuid()}) {
+    const Answer refused =
+        Call("user_add", R"({"name":"alice","password":"good password","uid":)" + std::to_string(uid) + "}");
+    EXPECT_EQ(refused.code, webapi::kErrorBadParameter) << uid;
+    EXPECT_THAT(Reason(refused), HasSubstr("is that of root or of the daemon"));
+  }
+  EXPECT_FALSE(host_.accounts().FindUser("alice").ok());
 }
 
 TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {
@@ -266,6 +296,32 @@ TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {
     EXPECT_EQ(CallAs("grace", "password_set", parameters).code, webapi::kErrorDenied) << whose;
   }
   EXPECT_TRUE(HasPassword("mallory", kPassword));
+}
+
+// A thief with the old password must not undo the change that locks them out.
+TEST_F(AccountApi, PasswordChangedSinceTheOldOneWasChecked_Stays) {
+  const std::uint32_t grace = host_.AddUser("grace");
+  const auto interrupted = std::make_shared<test::InterruptedStore>(
+      host_.store(), [&] { ASSERT_TRUE(host_.accounts().SetPassword(grace, "a newer password").ok()); });
+  const webapi::ApiTable table = TableOn(interrupted);
+  const base::User caller = Require(host_.accounts().FindUser("grace"));
+  const Answer answer =
+      CallOn(table, "password_set", R"({"password":"second password","old_password":"correct horse"})", caller);
+  EXPECT_EQ(answer.code, webapi::kErrorOldPassword);
+  EXPECT_TRUE(HasPassword("grace", "a newer password"));
+  EXPECT_EQ(interrupted->commits(), 1) << "the second plan refuses";
+}
+
+TEST_F(AccountApi, PasswordOfAUserWhoIsReplaced_IsNotTheNewUsers) {
+  host_.AddUser("grace");
+  const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+    ASSERT_TRUE(host_.accounts().DeleteUser("grace").ok());
+    ASSERT_TRUE(host_.accounts().AddUser({"grace", "of the next one", {}, {}}).ok());
+  });
+  const webapi::ApiTable table = TableOn(interrupted);
+  EXPECT_EQ(CallOn(table, "password_set", R"({"name":"grace","password":"second password"})", Administrator()).code,
+            webapi::kErrorNoAccount);
+  EXPECT_TRUE(HasPassword("grace", "of the next one"));
 }
 
 TEST_F(AccountApi, Administrators_SetThePasswordsOfOthersWithoutTheOldOne) {
@@ -323,6 +379,19 @@ TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
   EXPECT_EQ(list.code, 0);
   EXPECT_EQ(list.data["level"], "user");
   EXPECT_EQ(list.data["guests"], Parsed("[]"));
+}
+
+TEST_F(AccountApi, GuestIdsInUpperCase_NameTheSameGuests) {
+  const std::string identifier = "users-" + std::to_string(host_.AddUser("bob"));
+  host_.PutText("guest", kFirst, R"({"name":"web-1"})");
+  const std::string upper = "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55";
+  const std::string bob_and_guest = R"({"kind":"user","name":"bob","guests":[")" + upper + "\"]}";
+  ASSERT_EQ(Call("grant", bob_and_guest).code, 0);
+  EXPECT_EQ(NewestLogEntry(), "root: The user [bob] may use 1 virtual machine: [web-1].");
+  EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + upper + "\"}").data["principals"].size(), 1U);
+  EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").data["principals"].size(), 1U);
+  ASSERT_EQ(Call("revoke", bob_and_guest).code, 0);
+  EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"user","guests":{},"name":"bob"})");
 }
 
 TEST_F(AccountApi, UnknownPrincipals_AreRefused) {
@@ -383,6 +452,45 @@ TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
   EXPECT_THAT(RecordOf("users-0"), HasSubstr(R"("name":"root")"));
   EXPECT_EQ(CallOn(*pam_, "grants_drop", R"({"kind":"user","id":0})", Administrator()).code, 0);
   EXPECT_EQ(RecordOf("users-0"), "absent");
+}
+
+// No code of the store is one of the refusals "taken", "of another name" or "has members", which have rows of their
+// own.
+TEST_F(AccountApi, StoreThatFailsInAnyWay_IsUnavailableAndLogged) {
+  host_.AddUser("alice", {"staff"});
+  ASSERT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, 0);
+  const std::string alice_and_guest = R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}";
+  const std::pair<const char*, std::string> changes[] = {
+      {"user_add", R"({"name":"bob","password":"good password"})"},
+      {"user_delete", R"({"name":"alice"})"},
+      {"groups_set", R"({"name":"alice","groups":["crew"]})"},
+      {"group_delete", R"({"name":"staff"})"},
+      {"password_set", R"({"name":"alice","password":"good password"})"},
+      {"grant", alice_and_guest},
+      {"revoke", alice_and_guest},
+      {"level_set", R"({"kind":"user","name":"alice","advanced":true})"},
+      {"grants_drop", R"({"kind":"user","name":"alice"})"},
+  };
+  for (const ErrorCode code : {ErrorCode::kDenied, ErrorCode::kConflict, ErrorCode::kInvalid, ErrorCode::kCorrupt,
+                               ErrorCode::kNotFound, ErrorCode::kNoSpace}) {
+    host_.store().FailCommits(code);
+    for (const auto& [method, parameters] : changes) {
+      test::ClearCapturedSyslog();
+      const Answer answer = Call(method, parameters);
+      EXPECT_EQ(answer.code, webapi::kErrorAccountsUnavailable) << method << " " << ErrorCodeName(code);
+      EXPECT_THAT(Reason(answer), HasSubstr("The commit was made to")) << method;
+      EXPECT_TRUE(test::SyslogContains("The commit was made to")) << method;
+    }
+    host_.store().Heal();
+    host_.store().FailSnapshots(code);
+    for (const char* method : {"user_list", "group_list"}) {
+      EXPECT_EQ(Call(method, "{}").code, webapi::kErrorAccountsUnavailable) << method;
+    }
+    EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").code,
+              webapi::kErrorAccountsUnavailable);
+    EXPECT_EQ(Call("grant_list", R"({"kind":"user","id":7})").code, webapi::kErrorAccountsUnavailable);
+    host_.store().Heal();
+  }
 }
 
 TEST_F(AccountApi, StoreThatCannotBeUsed_IsAnError) {

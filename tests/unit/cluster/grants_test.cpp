@@ -45,6 +45,16 @@ TEST_F(Grants, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
   EXPECT_THAT(RecordOfAlice(), HasSubstr(R"("authlevel":"user")"));
 }
 
+TEST_F(Grants, IdsInUpperCase_AreThoseInLowerCase) {
+  const std::string upper = "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55";
+  ASSERT_TRUE(GrantGuests(*store_, Alice(), {upper}).ok());
+  EXPECT_EQ(RecordOfAlice(), std::string(R"({"authlevel":"user","guests":{")") + kFirst + R"(":true},"name":"alice"})");
+  Put(GrantsKey(kAlice),
+      R"({"authlevel":"user","guests":{")" + upper + R"(":true,")" + kFirst + R"(":true,"g":true}})");
+  ASSERT_TRUE(RevokeGuests(*store_, Alice(), {"6F1C2A0e-4a57-4f0c-8b2e-0d9b1f6f3c55"}).ok());
+  EXPECT_EQ(RecordOfAlice(), R"({"authlevel":"user","guests":{"g":true},"name":"alice"})");
+}
+
 TEST_F(Grants, GroupGrant_IsUnderTheGroupsId) {
   const GrantPrincipal staff = Staff();
   ASSERT_TRUE(GrantGuests(*store_, staff, {kFirst}).ok());
