@@ -132,7 +132,7 @@ TEST(LmdbStore, Map_OutgrownWhileTheWriterHoldsASnapshot_IsBusyAndThenWorks) {
   EXPECT_EQ(TextOf(*store, "/a"), "2");
 }
 
-TEST(LmdbStore, Map_OutgrownByAWriterWithASnapshot_FailsNobodyElse) {
+TEST(LmdbStore, Map_OutgrownByWriterWithSnapshot_FailsOnlyThatWriter) {
   const TemporaryFolder folder;
   const auto store = Open(Small(folder.path()));
   std::atomic<bool> stop{false};
@@ -188,7 +188,7 @@ TEST(LmdbStore, Open_FolderWithForeignFiles_IsCorruptAndTouchesNothing) {
   EXPECT_FALSE(std::filesystem::exists(folder.path() + "/lock.mdb"));
 }
 
-TEST(LmdbStore, Open_DataFileIsNoRegularFile_IsCorrupt) {
+TEST(LmdbStore, Open_DataFileNotRegular_IsCorrupt) {
   const TemporaryFolder folder;
   std::filesystem::create_symlink("/dev/null", folder.path() + "/data.mdb");
   EXPECT_EQ(OpenError(folder.path()), ErrorCode::kCorrupt);
@@ -285,7 +285,7 @@ TEST(LmdbKeyspace, Apply_GivenRevisions_AreKeptWithTheirGaps) {
   EXPECT_TRUE(batch->changes[1].deleted);
 }
 
-TEST(LmdbKeyspace, Apply_RevisionThatDoesNotFollow_IsInvalidAndAppliesNothing) {
+TEST(LmdbKeyspace, Apply_RevisionNotGreater_IsInvalidAndAppliesNothing) {
   const TemporaryFolder folder;
   auto opened = LmdbKeyspace::Open(Small(folder.path()));
   ASSERT_TRUE(opened.ok());

@@ -110,7 +110,7 @@ TEST_F(StoreElsewhere, OpenSnapshot_StaysReadable) {
   ExpectBack();
 }
 
-TEST(StorePlace, FailingLook_IsRepeatedAndOverWhenItWorks) {
+TEST(StorePlace, PlaceCheck_Fails_IsRetriedAndRecovers) {
   std::atomic<int> looks{0};
   std::atomic<bool> fails{false};
   const StorePlace place("/none", {}, [&]() -> Status {
@@ -128,7 +128,7 @@ TEST(StorePlace, FailingLook_IsRepeatedAndOverWhenItWorks) {
 }
 
 // A disk that does not answer holds one thread, and the others learn it.
-TEST(StorePlace, LookThatHangs_CountsAsFailed) {
+TEST(StorePlace, PlaceCheck_Hangs_CountsAsFailed) {
   std::promise<void> began;
   std::promise<void> release;
   int looks = 0;

@@ -105,7 +105,7 @@ TEST(DaemonProgram, LogLines_EndInTheRequestsId) {
       << daemon.errors();
 }
 
-TEST(DaemonProgram, StopSignal_FinishesWhatHasBegunAndASecondEndsAtOnce) {
+TEST(DaemonProgram, StopSignal_FinishesRequests_SecondEndsImmediately) {
   const TempDir folder;
   for (const bool is_twice : {false, true}) {
     Process daemon({.argv = {VEXAD_PROGRAM, "--data", folder.File("data"), "--socket", folder.File("s"), "--listen",
@@ -147,7 +147,7 @@ vexa::test::ProcessOptions Script(const TempDir& folder, const char* once) {
 }
 
 // Ctrl-C reached the daemon and the script, which sent it a second signal.
-TEST(SampleHost, CtrlC_FinishesWhatHasBegun) {
+TEST(SampleHost, CtrlC_FinishesCurrentRequests) {
   const TempDir folder;
   MakeTree(folder);
   Process script(Script(folder, "no"));
@@ -164,7 +164,7 @@ TEST(SampleHost, CtrlC_FinishesWhatHasBegun) {
 }
 
 // A single request, or a second host, replaced the records of the running one and its log.
-TEST(SampleHost, BesideARunningOne_OneRequestWorksAndASecondHostIsRefused) {
+TEST(SampleHost, RunSampleHost_HostRunning_OneRequestWorksAndSecondHostIsRefused) {
   const TempDir folder;
   MakeTree(folder);
   Process script(Script(folder, "no"));

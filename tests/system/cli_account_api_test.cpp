@@ -99,7 +99,7 @@ TEST_F(AccountCommands, WrongUsage_SendsNothing) {
   EXPECT_EQ(host.Count("user_add"), 0);
 }
 
-TEST_F(AccountCommands, ImpossibleNames_AreNobody) {
+TEST_F(AccountCommands, Account_InvalidNames_AreUnknown) {
   const ApiHost host(AllWell());
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"user", "del", "a b"},

@@ -149,7 +149,7 @@ TEST_F(GuestEdit, NothingChanged_SendsNothing) {
   }
 }
 
-TEST_F(GuestEdit, Outcome_IsTheJsonThatIsAskedFor) {
+TEST_F(GuestEdit, Edit_Json_ContainsOutcome) {
   const ApiHost host(AllWell());
   for (const auto& [script, told] :
        {std::pair("true", "Nothing was changed"), std::pair("echo 'autorun = 1' > \"$1\"", "edited")}) {
@@ -162,7 +162,7 @@ TEST_F(GuestEdit, Outcome_IsTheJsonThatIsAskedFor) {
   }
 }
 
-TEST_F(GuestEdit, WhatWasChanged_IsSentAlone) {
+TEST_F(GuestEdit, Editor_SendsOnlyChangedSettings) {
   const std::tuple<const char*, const char*, const char*> rows[] = {
       {"sed -i 's/^vcpu_num.*/vcpu_num = 4/' \"$1\"", R"({"guest_id":"g1","vcpu_num":4})", "web-1: edited\n"},
       {"sed -i 's/^vram_size.*/vram_size=8192/' \"$1\"", R"({"guest_id":"g1","vram_size":8192})", "web-1: edited\n"},
@@ -186,7 +186,7 @@ TEST_F(GuestEdit, WhatWasChanged_IsSentAlone) {
   }
 }
 
-TEST_F(GuestEdit, TextThatIsWrong_IsToldAndKept) {
+TEST_F(GuestEdit, Editor_InvalidText_IsReportedAndKept) {
   const std::pair<const char*, const char*> rows[] = {
       {"vcpu_num", "Line 1: There is no '='; give NAME = VALUE, or a '#' before a comment"},
       {"\\n# x\\nvcpus = 2", "Line 3: There is no setting 'vcpus'; did you mean 'vcpu_num'? The settings are "},
@@ -225,7 +225,7 @@ TEST_F(GuestEdit, RefusalOfTheServer_KeepsTheText) {
   EXPECT_EQ(Kept(), "name = \"db\"\n");
 }
 
-TEST_F(GuestEdit, FailureBehindTheEdit_KeepsNoText) {
+TEST_F(GuestEdit, Editor_FailureAfterEdit_KeepsNoText) {
   for (const int code : {1001, 1600}) {
     const ApiHost host(With([&](const auto&, const auto&) {
       return ApiHost::Failure(code, "Edited, but.", R"(,"details":{"host_names":"nas-1"})");
@@ -411,7 +411,7 @@ TEST_F(GuestEdit, CtrlCInTheEditor_IsTheEditors) {
 
 // Told to end.
 
-TEST_F(GuestEdit, TerminationDuringTheEdit_LeavesNoFolderAndKeepsWhatWasWritten) {
+TEST_F(GuestEdit, Editor_TerminatedDuringEdit_RemovesFolderAndKeepsText) {
   for (const int signal : {SIGTERM, SIGHUP}) {
     for (const bool is_changed : {false, true}) {
       const ApiHost host(AllWell());

@@ -124,7 +124,7 @@ TEST_F(GuestSet, SeveralChanges_AreOneRequest) {
             R"({"desc":"x","iso_images":["unmounted"],"vcpu_num":2,"vdisks_add":[{"vdisk_size":5}]})");
 }
 
-TEST_F(GuestSet, WrongSettings_AreToldAndNothingIsSent) {
+TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{"vcpus=4"}, std::string("There is no setting 'vcpus'; did you mean 'vcpu_num'? ") + kSettings},
       {{"=4"}, std::string("There is no setting ''. ") + kSettings},
@@ -155,7 +155,7 @@ TEST_F(GuestSet, WrongSettings_AreToldAndNothingIsSent) {
   for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
 }
 
-TEST_F(GuestSet, WrongOptions_AreToldAndNothingIsSent) {
+TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
   const std::string no_size = "' is no size of a disk: give GiB, 1 to 2097151";
   const std::string no_disk = "' is no id of a disk (a UUID); 'vexa guest get' shows them";
   const std::string no_nic = "' is no id of a network interface (a UUID); 'vexa guest get' shows them";
@@ -216,7 +216,7 @@ TEST_F(GuestSet, UnknownOptionsAndMissingValues_AreWrongUsage) {
             "vexa: The guest's id or name is empty or not valid UTF-8\n");
 }
 
-TEST_F(GuestSet, NamesThatAreNobodysOrSeverals_SendNothing) {
+TEST_F(GuestSet, Set_UnknownOrAmbiguousNames_SendNothing) {
   const ApiHost host(AllWell());
   const auto several = RunOn(host, {"twin", "vcpu_num=1"});
   EXPECT_EQ(several.exit_code, 1);
@@ -295,7 +295,7 @@ TEST_F(GuestSet, Json_HasTheOutcome) {
       "message":"No. (error 920, HTTP 409, request 0123456789abcdef)"})-"));
 }
 
-TEST_F(GuestSet, Refusals_AreToldWithCodeAndDetails) {
+TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
   for (const int code : {401, 403, 406, 407, 409, 411, 413, 909, 919, 920, 926, 930, 934, 935, 937, 943, 946, 1001}) {
     const ApiHost host(Refuses(code));
     const auto result = RunOn(host, {"web-1", "vcpu_num=1"});
@@ -332,7 +332,7 @@ TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestSet, DryRun_ChecksWhatTheGuestTells) {
+TEST_F(GuestSet, DryRun_ChecksAgainstGuestsParts) {
   const std::string data =
       R"({"vdisks":[7,{"vdisk_id":")" + kA + R"(","size":"3072"}],"vnics":[{"vnic_id":")" + kB + "\"}]}";
   const ApiHost host([&](const std::string& method, const Json::Value&) {
@@ -365,7 +365,7 @@ TEST_F(GuestSet, DryRun_ChecksWhatTheGuestTells) {
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestSet, DryRunOfAGuestThatCannotBeRead_Fails) {
+TEST_F(GuestSet, DryRun_GuestUnreadable_Fails) {
   for (const char* data : {"", "7"}) {
     const std::string text = data;
     const ApiHost host([&](const std::string& method, const Json::Value&) {
@@ -381,14 +381,14 @@ TEST_F(GuestSet, DryRunOfAGuestThatCannotBeRead_Fails) {
   }
 }
 
-TEST_F(GuestSet, Timeout_IsTheOneThatIsGiven) {
+TEST_F(GuestSet, Set_Timeout_IsAsGiven) {
   ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   const auto result = RunOn(host, {"--timeout", "1", "web-1", "vcpu_num=1"});
   EXPECT_EQ(result.exit_code, 3);
   EXPECT_THAT(result.errors, StartsWith("vexa: web-1: No reply from "));
 }
 
-TEST_F(GuestSet, Interrupt_EndsAtOnceAndTellsSo) {
+TEST_F(GuestSet, Set_Interrupt_EndsImmediatelyWithMessage) {
   ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   SaveLogin(host.url());
   Process program(Program({"guest", "set", "web-1", "vcpu_num=1"}));
@@ -405,7 +405,7 @@ TEST_F(GuestSet, NoServer_IsUnreachable) {
   EXPECT_EQ(result.exit_code, 3);
 }
 
-TEST_F(GuestSet, Help_TellsUnitsAndAllSettings) {
+TEST_F(GuestSet, Help_ListsUnitsAndAllSettings) {
   EXPECT_THAT(Run({"guest", "set", "--help"}).output,
               AllOf(HasSubstr("Sizes of disks are in GiB"), HasSubstr("memory in MiB"), HasSubstr("hyperv_enlighten="),
                     HasSubstr("--dry-run"), HasSubstr("There is nothing to wait for")));

@@ -135,7 +135,7 @@ TEST_F(GuestPowerCluster, AGuestWithoutAHost_GoesToTheHostOfItsRepository) {
   EXPECT_THAT(Stored({"dash", "guest", kGuest, "object"}), HasSubstr("\"host_id\":\"" + IdOf(1)));
 }
 
-TEST_F(GuestPowerCluster, AGuestThatFitsNowhere_IsGivenNoHost) {
+TEST_F(GuestPowerCluster, SelectHost_NoHostFits_AssignsNone) {
   PutGuest("");
   std::string record = Stored({"dash", "guest", kGuest, "object"});
   record.replace(record.find("\"vram_size\":16"), 14, "\"vram_size\":2000000");
@@ -159,7 +159,7 @@ TEST_F(GuestPowerCluster, HighAvailability_FencesOnAllHosts) {
   ExpectState(states::shutdown);
 }
 
-TEST_F(GuestPowerCluster, AHostThatDied_KeepsItsGuestFromOthersUntilItIsBack) {
+TEST_F(GuestPowerCluster, DeadHost_GuestCannotStartElsewhereUntilHostReturns) {
   EXPECT_EQ(Power(0, "poweron"), 0);
   hosts_[1]->Signal(SIGKILL);
   EXPECT_TRUE(hosts_[1]->Wait(30s));
@@ -171,7 +171,7 @@ TEST_F(GuestPowerCluster, AHostThatDied_KeepsItsGuestFromOthersUntilItIsBack) {
 }
 
 // The host that was asked does not do what the host that has the files has refused.
-TEST_F(GuestPowerCluster, Delete_RefusedByTheRepositorysHostThatIsAlive_IsNotDoneByAnother) {
+TEST_F(GuestPowerCluster, Delete_RefusedByLiveRepositoryHost_IsNotDoneByAnother) {
   std::ofstream(Folder(1) + "/images/.vexa-deleted-" + kGuest + "-0") << "in the way";
   EXPECT_EQ(Delete(0), 901);
   EXPECT_NE(Stored({"dash", "guest", kGuest, "object"}), "");

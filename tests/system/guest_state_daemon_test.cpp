@@ -97,7 +97,7 @@ TEST(GuestStates, NewGuest_IsListedWithItsOwnState) {
   EXPECT_THAT(Shown(admin, kOther), testing::AnyOf("booting healthy", "booting warning"));
 }
 
-TEST(GuestStates, Status_TellsTheReason) {
+TEST(GuestStates, Status_ContainsReason) {
   TestDaemon daemon;
   PutRepository(states::Repo::online);
   Json::Value record(Json::objectValue);

@@ -99,7 +99,7 @@ TEST(Breaker, SuccessBetweenFailures_KeepsItClosed) {
   }
 }
 
-TEST(Breaker, CallThatMatters_IsNotRefusedWhileAProbeIsUnderWay) {
+TEST(Breaker, Breaker_OrdinaryCallDuringProbe_IsPermitted) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
@@ -142,7 +142,7 @@ VexaDRCore::Request RequestTo(const char* api, const char* method) {
   return request;
 }
 
-TEST(MethodRules, FiguresAreShort_PowerGoesWhateverTheHostLookedLike) {
+TEST(MethodRules, RuleOf_FiguresAndPower_HaveTheirTimeoutAndWeight) {
   const milliseconds usual(30'000);
   const auto interfaces = transport::RuleOf(RequestTo("VEXA.Core.Network.Interface", "list"), usual);
   EXPECT_EQ(interfaces.timeout, milliseconds(3'000));
@@ -155,7 +155,7 @@ TEST(MethodRules, FiguresAreShort_PowerGoesWhateverTheHostLookedLike) {
             milliseconds(5));
 }
 
-TEST(MethodRules, CompoundRequest_IsAsPatientAsItsItems) {
+TEST(MethodRules, RuleOf_CompoundRequest_UsesLongestItemTimeout) {
   const milliseconds usual(30'000);
   VexaDRCore::Request request = RequestTo("VEXA.Entry.Request", "request");
   EXPECT_EQ(transport::RuleOf(request, usual).timeout, usual);
@@ -189,7 +189,7 @@ TEST(UnansweredScope, FailedReplies_AreCollectedByTheInnermostScope) {
   EXPECT_EQ(outer.hosts(), std::set<std::string>{"unknown"});
 }
 
-TEST(TransportBreaker, DeadHost_IsLeftAloneAndFoundAgain) {
+TEST(TransportBreaker, Breaker_DeadHost_IsPausedAndRediscovered) {
   const std::uint16_t port = UnusedPort();
   const InstalledTransport transport({{kHost, AddressOf(port)}});
   for (int i = 0; i < 2; ++i) {
@@ -219,7 +219,7 @@ TEST(TransportBreaker, TimeoutsOfTheHandler_DoNotOpenIt) {
   }
 }
 
-TEST(Breaker, LongGoneHost_HasPausesThatStillDiffer) {
+TEST(Breaker, Breaker_LongestPause_IsStillRandomised) {
   std::set<milliseconds> pauses;
   for (int i = 0; i < 20; ++i) {
     Breaker breaker;

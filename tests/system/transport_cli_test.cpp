@@ -51,7 +51,7 @@ TEST_F(ClusterCommand, Help_NamesCommandsAndSettingsAsTheyAreTyped) {
   }
 }
 
-TEST_F(ClusterCommand, InitAndCertificate_MakeWhatAHostTakes) {
+TEST_F(ClusterCommand, InitAndCertificate_FilesAreAcceptedByHost) {
   ASSERT_EQ(Run({"init", "--dir", authority_}).exit_code, 0);
   EXPECT_EQ(ModeOf(authority_), 0700u);
   EXPECT_EQ(ModeOf(authority_ + "/authority.key"), 0600u);

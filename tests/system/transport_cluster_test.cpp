@@ -91,7 +91,7 @@ HttpReply PostWith(HttpTarget target, const std::string& method, const std::vect
 
 constexpr const char* kForeignId = "0123456789abcdef";
 
-TEST_F(TransportCluster, UserWhoPosesAsAnother_IsNotBelieved) {
+TEST_F(TransportCluster, OriginHeaders_FromUser_AreIgnored) {
   HttpTarget target;
   target.url = "http://localhost";
   target.unix_socket = Folder(0) + "/s";
@@ -106,7 +106,7 @@ TEST_F(TransportCluster, UserWhoPosesAsAnother_IsNotBelieved) {
   EXPECT_EQ(reply.headers.at("x-request-id"), json::String(relayed["request_id"]));
 }
 
-TEST_F(TransportCluster, HostWithACertificate_IsBelievedWhereWhatItSaysHasItsForm) {
+TEST_F(TransportCluster, OriginHeaders_FromHostCertificate_AreAcceptedWhenWellFormed) {
   const std::string address = AddressOfHost(0);
   const std::string port = address.substr(address.rfind(':'));
   // As host 1. The whole reply, with its header.
@@ -158,7 +158,7 @@ TEST_F(TransportCluster, HostThatIsGone_IsUnreachableAndTheOthersAnswer) {
   EXPECT_EQ(CodeOf(json::Member(data, IdOf(1))), 0);
 }
 
-TEST_F(TransportCluster, UserWithoutACertificate_IsNoHost) {
+TEST_F(TransportCluster, HostMethods_UserWithoutCertificate_AreRefused) {
   HttpTarget target;
   target.url = "https://" + AddressOfHost(0);
   target.ca_file = folder_.File("authority/authority.pem");
@@ -167,7 +167,7 @@ TEST_F(TransportCluster, UserWithoutACertificate_IsNoHost) {
   EXPECT_NE(CodeOf(Ask(0, "whoami", "{}")), 0) << "nor is the administrator on the Unix socket";
 }
 
-TEST_F(TransportCluster, CallThatOutlivesItsTimeout_DoesNoHarmAndIsWaitedForAtTheStop) {
+TEST_F(TransportCluster, LocalCall_OutlivesTimeout_IsAwaitedAtStop) {
   EXPECT_EQ(CodeOf(Relay(0, 0, "slow", 1, R"({"milliseconds":3000})")), 102);
   hosts_[0]->Signal(SIGTERM);
   const auto ended = hosts_[0]->Wait(seconds(60));

@@ -108,7 +108,7 @@ TEST(MultiSender, NoHosts_NoReplies) {
   EXPECT_TRUE(MultiSender({}).process(MakeRequest()).getHostList().empty());
 }
 
-TEST(MultiSender, Hosts_AreAskedAtOnce) {
+TEST(MultiSender, Senders_Hosts_AreCalledConcurrently) {
   AllowManyDescriptors();
   std::atomic<int> threads_while_asked{0};
   const JsonHost quick{std::string(R"({"success":true,"data":"quick"})")};
@@ -279,7 +279,7 @@ TEST(HttpPool, Thread_TakesNoSignals) {
   for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) EXPECT_NE(blocked >> (number - 1) & 1, 0u) << number;
 }
 
-TEST(Transport, ManyCallersAtOnce_EachGetsItsReply) {
+TEST(Transport, Transport_ConcurrentCallers_GetTheirOwnReplies) {
   const JsonHost first{std::string(R"({"success":true,"data":1})")};
   const JsonHost second{std::string(R"({"success":true,"data":2})")};
   const InstalledTransport transport({{"host-a", first.address()}, {"host-b", second.address()}});
@@ -307,7 +307,7 @@ TEST(Transport, RemovedDuringACall_CallEndsWithItsReply) {
 
 // Thread sanitizers do not follow a fork of a process with threads.
 #if !defined(__SANITIZE_THREAD__)
-TEST(Transport, ForkedChild_FailsAtOnceAndExits) {
+TEST(Transport, Senders_ForkedChild_FailsImmediatelyAndExits) {
   const JsonHost host{std::string(R"({"success":true})")};
   const InstalledTransport transport({{"host-a", host.address()}});
   EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());

@@ -172,7 +172,7 @@ TEST_F(TransportTls, UnusableFiles_AreRefusedAtTheStart) {
   EXPECT_EQ(code_of(own_, kLocalHost), "denied") << "a key that others can read";
 }
 
-TEST(Certificates, HostIdThatCouldSayMore_IsRefused) {
+TEST(Certificates, Certificate_InvalidHostId_IsRefused) {
   const auto authority = transport::MakeAuthority();
   ASSERT_TRUE(authority.ok());
   for (const std::string& id : {std::string(""), std::string("a,DNS:b"), std::string("*"), std::string("a.b"),

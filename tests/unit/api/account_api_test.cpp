@@ -341,7 +341,7 @@ TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
   EXPECT_EQ(RecordOf("users-0"), "absent");
 }
 
-TEST_F(AccountApi, StoreThatCannotBeUsed_IsAnError) {
+TEST_F(AccountApi, AccountApi_StoreUnusable_IsAnError) {
   host_.AddUser("alice");
   host_.store().FailCommits();
   EXPECT_NE(Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}").code, 0);

@@ -173,7 +173,7 @@ TEST(Config, NothingToListenOn_IsRefused) {
   EXPECT_TRUE(CheckConfig(command.config).ok());
 }
 
-TEST(LogLine, ControlCharacters_AreEscapedAndTheIdStandsBehind) {
+TEST(LogLine, LogLine_ControlCharacters_AreEscapedAndIdIsAppended) {
   EXPECT_EQ(MakeLogLine("guest:5 a\nb\tc\x1b[31m\x7f", "00ff"), "guest:5 a\\nb\\tc\\x1B[31m\\x7F [request 00ff]");
   EXPECT_EQ(MakeLogLine("plain ü", ""), "plain ü");
 }

@@ -114,7 +114,7 @@ TEST_F(ImageApi, Image_IsAddedListedAndRemoved) {
               ElementsAre("root 3 The image [Debian] has been added.", "root 3 The image [Debian] has been removed."));
 }
 
-TEST_F(ImageApi, ImagesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) {
+TEST_F(ImageApi, ImageAdd_Refused_HasCodeSentenceAndLogLine) {
   ASSERT_EQ(Image("add", Addition("a")).code, 0);
   const Answer same = Image("add", Addition("b"));
   EXPECT_EQ(same.code, 990);
@@ -189,7 +189,7 @@ TEST_F(ImageApi, Repository_WithoutAHost_GetsTheHostThatIsAsked) {
             Json::Value(cluster::CurrentEnvironment()->host_id));
 }
 
-TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) {
+TEST_F(ImageApi, RepositoryAdd_Refused_HasCodeSentenceAndLogLine) {
   ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + "\"}").code, 0);
   const Answer same = Repository("add", R"({"name":"pool"})");
   EXPECT_EQ(same.code, 990);
@@ -205,7 +205,7 @@ TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) 
                           "root 1 Failed to accept the storage of the repository [x]."));
 }
 
-TEST_F(ImageApi, StoreThatCannotBeRead_IsAnError) {
+TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
   host_.store().FailSnapshots();
   EXPECT_EQ(Image("list").code, 403);
   EXPECT_EQ(Repository("list").code, 403);

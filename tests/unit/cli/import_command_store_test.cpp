@@ -150,7 +150,7 @@ TEST_F(ImportOnStore, OneBadFile_DoesNotKeepTheOthersBack) {
   EXPECT_THAT(Ids("vdisk"), IsEmpty());
 }
 
-TEST_F(ImportOnStore, GuestThatExists_IsRefusedAndLeftAsItIs) {
+TEST_F(ImportOnStore, Import_ExistingGuest_IsRefusedAndUnchanged) {
   const std::string file = File("a.xml", Domain(kFirst, "one"));
   ASSERT_TRUE(Run({file}).ok());
   const store::Revision before = Revision();
@@ -232,7 +232,7 @@ TEST_F(ImportOnStore, LiveStateOfAShutDownGuest_GoesBeforeItsRecords) {
   EXPECT_TRUE(Run({File("a.xml", Domain(kFirst, "one")), "--replace"}).ok()) << err_;
 }
 
-TEST_F(ImportOnStore, LiveStateThatCannotBeUnderstood_RefusesTheReplacement) {
+TEST_F(ImportOnStore, Replace_LiveStateDamaged_IsRefused) {
   Put("guest", kFirst, R"({"name":"one","state":"guest_shutdown"})");
   for (const char* text : {"{", "7", "null", "{}", "\"\""}) {
     ASSERT_TRUE(store_->Commit({{}, {{cluster::LiveStateKey(kFirst), text}}}).ok());
@@ -263,7 +263,7 @@ TEST_F(ImportOnStore, ReplacedForAnotherHost_BeginsWithoutALiveState) {
   EXPECT_EQ(*cluster::Observe(*store_, kFirst, Observed("guest_running", 6)), cluster::Observed::kNotOurs);
 }
 
-TEST_F(ImportOnStore, StateThatAGoneGuestLeftBehind_IsNotTheNewOnes) {
+TEST_F(ImportOnStore, Import_LeftoverStateOfDeletedGuest_IsIgnored) {
   ASSERT_TRUE(store_
                   ->Commit({{},
                             {{cluster::LiveStateKey(kFirst), "\"guest_running\""},
@@ -293,7 +293,7 @@ TEST_F(ImportOnStore, SameNameInTwoFiles_RefusesTheSecond) {
   }
 }
 
-TEST_F(ImportOnStore, NameThatWasGivenUp_IsFreeAgain) {
+TEST_F(ImportOnStore, Replace_NameGivenUpByRename_CanBeReused) {
   ASSERT_TRUE(Run({File("a.xml", Domain(kFirst, "one"))}).ok());
   const std::string renamed = File("a.xml", Domain(kFirst, "two"));
   const std::string heir = File("b.xml", Domain(kSecond, "one"));
@@ -351,7 +351,7 @@ TEST_F(ImportOnStore, EveryDomainOfALibvirtConnection_IsImported) {
 }
 
 // All connections to the driver's default machine in one process see the same one.
-TEST_F(ImportOnStore, DomainThatLibvirtStartsByItself_IsRemembered) {
+TEST_F(ImportOnStore, Import_AutostartedDomain_StoresAutostart) {
   const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
   ASSERT_TRUE(connection);
   const hypervisor::DomainHandle domain(virDomainLookupByName(connection.get(), "test"));
@@ -382,7 +382,7 @@ TEST_F(ImportOnStore, PasswordOfAScreen_IsAPartOfTheDefinition) {
   EXPECT_THAT((*stored)->domain.xml, HasSubstr("passwd='hush'"));
 }
 
-TEST_F(ImportOnStore, ConnectionThatCannotBeOpened_IsAnError) {
+TEST_F(ImportOnStore, Import_ConnectionFails_IsAnError) {
   const Status status = Run({"--all", "qemu+unix:///system?socket=/no/such/socket"});
   ASSERT_FALSE(status.ok());
   EXPECT_EQ(status.error().code(), ErrorCode::kUnavailable);
@@ -423,7 +423,7 @@ TEST_F(ImportOnStore, GuestThatStartsMeanwhile_IsNotReplaced) {
   EXPECT_EQ(Record("guest", kFirst)["name"], "one");
 }
 
-TEST_F(ImportOnStore, GuestThatSomebodyHas_IsNotReplaced) {
+TEST_F(ImportOnStore, Import_GuestHeldByHost_IsNotReplaced) {
   Put("guest", kFirst, R"({"name":"one"})");
   const std::string file = File("a.xml", Domain(kFirst, "two"));
   for (const auto& [key, words] : {std::pair{guests::RunKey(kFirst), "runs on a host: power it off"},
@@ -439,7 +439,7 @@ TEST_F(ImportOnStore, GuestThatSomebodyHas_IsNotReplaced) {
   EXPECT_TRUE(Run({file, "--replace"}).ok()) << err_;
 }
 
-TEST_F(ImportOnStore, GuestThatSomebodyTakesMeanwhile_IsNotReplaced) {
+TEST_F(ImportOnStore, Import_GuestTakenMeanwhile_IsNotReplaced) {
   Put("guest", kFirst, R"({"name":"one"})");
   ImportArguments arguments;
   arguments.files = {File("a.xml", Domain(kFirst, "two"))};
@@ -456,7 +456,7 @@ TEST_F(ImportOnStore, GuestThatSomebodyTakesMeanwhile_IsNotReplaced) {
   }
 }
 
-TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {
+TEST_F(ImportOnStore, Import_StoreChangedMeanwhile_ChangesNothing) {
   RacingStore racing(*store_, store::MakeKey({"dash", "guest", kFirst, "object"}));
   ImportArguments arguments;
   arguments.files = {File("a.xml", Domain(kFirst, "one", Disk("vda")))};
@@ -469,7 +469,7 @@ TEST_F(ImportOnStore, SomebodyElseWritesMeanwhile_ChangesNothing) {
   EXPECT_THAT(Ids("vdisk"), IsEmpty());
 }
 
-TEST_F(ImportOnStore, GuestThatAHostHasDeletesOrEdits_IsNotReplaced) {
+TEST_F(ImportOnStore, Import_GuestHeldDeletedOrEdited_IsNotReplaced) {
   ImportArguments arguments;
   arguments.files = {File("a.xml", Domain(kFirst, "two"))};
   arguments.on_existing = OnExisting::kReplace;
@@ -491,7 +491,7 @@ TEST_F(ImportOnStore, GuestThatAHostHasDeletesOrEdits_IsNotReplaced) {
   }
 }
 
-TEST_F(ImportOnStore, DiskThatGoesToAnotherGuestMeanwhile_IsNotDeleted) {
+TEST_F(ImportOnStore, Replace_DiskMovedMeanwhile_IsNotDeleted) {
   Put("guest", kFirst, R"({"name":"one","vdisks":["d"]})");
   Put("vdisk", "d", R"({"guest_id":")" + std::string(kFirst) + R"("})");
   RacingStore racing(*store_, store::MakeKey({"dash", "vdisk", "d", "object"}), R"({"guest_id":"somebody"})");
@@ -506,7 +506,7 @@ TEST_F(ImportOnStore, DiskThatGoesToAnotherGuestMeanwhile_IsNotDeleted) {
 }
 
 // Somebody renames another guest to the name that is imported, at the same time.
-TEST_F(ImportOnStore, NameThatIsGivenMeanwhile_RefusesTheImport_AndTheOtherWayRound) {
+TEST_F(ImportOnStore, Import_GuestRenamedMeanwhile_OneOfTwoIsRefused) {
   RacingStore racing(*store_, guests::RenamesKey(), "\"x\"");
   ImportArguments arguments;
   arguments.files = {File("a.xml", Domain(kFirst, "one"))};

@@ -262,7 +262,7 @@ TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
                   Pair("/dash/vnic/n1/object", "{}")));
 }
 
-TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoesNotSay) {
+TEST(ImportTransaction, Replace_DropsUnusedPartsAndKeepsMembersNotInXml) {
   StoredGuest stored;
   stored.revision = 7;
   stored.live_revision = 9;

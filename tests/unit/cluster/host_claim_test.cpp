@@ -91,12 +91,12 @@ TEST_F(HostClaims, FullDisk_LeavesTheMachineItsClaim) {
   EXPECT_FALSE(Take({"4712-9.1", {}, "boot-1", "beta"}).ok());
 }
 
-TEST_F(HostClaims, ClaimThatARecoveryBegan_IsNobodysMachine) {
+TEST_F(HostClaims, Take_ClaimCreatedByRecovery_BelongsToNoMachine) {
   (void)Require(host_.store().Commit({{}, {{HostClaimKey(kHost), R"({"incarnation":1})"}}}));
   EXPECT_EQ(Require(Take(Original()))->incarnation(), 2u);
 }
 
-TEST_F(HostClaims, CardsThatCannotBeRead_AreThoseThatWereRead) {
+TEST_F(HostClaims, HostClaim_CardsUnreadable_KeepsStoredAddresses) {
   (void)Require(Take(Original()));
   ClaimIdentity blind = Original();
   blind.addresses.clear();
@@ -104,7 +104,7 @@ TEST_F(HostClaims, CardsThatCannotBeRead_AreThoseThatWereRead) {
   EXPECT_FALSE(Take({"4711-1.5", {"5254000000ff"}, "boot-2", "beta"}).ok());
 }
 
-TEST_F(HostClaims, GuestThatWasTakenWhileOthersWereSettled_KeepsTheClaimFenced) {
+TEST_F(HostClaims, SettleFenced_GuestTakenMeanwhile_StaysFenced) {
   const auto claim = Require(Take(Original()));
   Change([](Json::Value& record) { FenceClaim(record); });
   (void)Require(host_.store().Commit({{}, {{FenceKey(kHost, "guest-2"), "{}"}}}));
@@ -143,7 +143,7 @@ TEST_F(HostClaims, Copies_AreRefusedAndChangeNothing) {
   }
 }
 
-TEST_F(HostClaims, MachineThatWasStartedAgain_WaitsForAnotherSignOfLife) {
+TEST_F(HostClaims, Take_MachineRestarted_WaitsForSignOfLife) {
   (void)Require(Take(Original()));
   ClaimIdentity restarted = Original();
   restarted.boot = "boot-2";

@@ -184,7 +184,7 @@ TEST(HostRecord, Touch_ChangesOnlySeenUnlessTheStateIsWrong) {
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running);
 }
 
-TEST(HostRecord, OtherStates_AreLeftToWhoeverSetThem) {
+TEST(HostRecord, TouchHost_StateSetElsewhere_IsKept) {
   TestHost host;
   host.Put("host", kHost, Parsed(std::string(R"({"state":")") + VexaCCC::State::Host::network_warn + "\"}"));
   ASSERT_TRUE(TouchHost(host.store(), kHost, kNow).ok());
@@ -247,7 +247,7 @@ class ChangingFacts {
   int gathered_ = 0;
 };
 
-TEST(HostPresence, HostThatWasTakenForDead_GetsTheStateBackThatItFinds) {
+TEST(HostPresence, HostRecord_WronglyInaccessible_RestoresOwnState) {
   TestHost host;
   ChangingFacts facts;
   const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
@@ -332,7 +332,7 @@ TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"})["name"], "eth0");
 }
 
-TEST(HostPresence, ChangeThatCannotBeWritten_IsTriedAgain) {
+TEST(HostPresence, HostRecord_WriteFails_IsRetried) {
   TestHost host;
   ChangingFacts facts;
   const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});

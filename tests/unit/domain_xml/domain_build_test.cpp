@@ -100,7 +100,7 @@ TEST(DomainBuild, Variables_AreInTheFileOfTheRecord) {
   }
 }
 
-TEST(DomainBuild, Mark_SaysWhoseTheDefinitionIs) {
+TEST(DomainBuild, Mark_IdentifiesDefiningHost) {
   EXPECT_EQ(CountAt(MustBuild(SmallGuest()), "/domain/metadata"), 0u);
   BuildOptions options;
   options.host_id = "a'<b";
@@ -405,7 +405,7 @@ TEST(DomainBuildHostile, Texts_StayTexts) {
   }
 }
 
-TEST(DomainBuildHostile, CharactersThatXmlCannotHold_AreReplaced) {
+TEST(DomainBuildHostile, Build_CharactersInvalidInXml_AreReplaced) {
   GuestRecords records = SmallGuest();
   records.guest["desc"] = std::string(
       "a\0b\x01"

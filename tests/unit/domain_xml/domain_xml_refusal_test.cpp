@@ -222,7 +222,7 @@ void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.test; 
 
 class RefusedDomain : public ::testing::TestWithParam<Refusal> {};
 
-TEST_P(RefusedDomain, Domain_SaysWhyAndWhatToDo) { EXPECT_EQ(RefusalOf(GetParam().xml), GetParam().sentence); }
+TEST_P(RefusedDomain, Refusal_NamesCauseAndRemedy) { EXPECT_EQ(RefusalOf(GetParam().xml), GetParam().sentence); }
 
 INSTANTIATE_TEST_SUITE_P(Rows, RefusedDomain, ::testing::ValuesIn(Refusals()),
                          [](const auto& parameter) { return std::string(parameter.param.test); });
@@ -238,7 +238,7 @@ TEST(Hostile, UnknownOrForbiddenReference_IsRefused) {
   }
 }
 
-TEST(Hostile, AmpersandInCommentOrCdata_IsNoReference) {
+TEST(Hostile, Ampersand_InCommentOrCdata_IsNotReference) {
   const ImportedGuest guest = MustParse("<?xml version='1.0'?><!-- a & b <!DOCTYPE> -->" +
                                         DomainWith("<description><![CDATA[&x <y>]]></description>"));
   EXPECT_EQ(guest.guest["desc"], "&x <y>");
@@ -304,7 +304,7 @@ TEST(Hostile, MismatchedTags_AreRefusedWithTheirLine) {
   EXPECT_THAT(RefusalOf("</domain>"), HasSubstr("an end tag without a start tag"));
 }
 
-TEST(Options, IdsThatAreNoUuids_AreRefused) {
+TEST(Options, Options_InvalidUuids_AreRefused) {
   ImportOptions options;
   options.repository_id = "../x";
   EXPECT_EQ(RefusalOf(DomainWith(""), options), "The repository id '../x' is no UUID: give one of the form 8-4-4-4-12");
@@ -317,7 +317,7 @@ TEST(Options, IdsThatAreNoUuids_AreRefused) {
             "The id '1' of the network 'lan' is no UUID: give one of the form 8-4-4-4-12");
 }
 
-TEST(Options, SizeOfADiskThatNobodyKnows_NamesTheOption) {
+TEST(Options, DiskSize_Unknown_ErrorNamesOption) {
   ImportOptions options;
   options.size_of = [](const std::string& path, ImageFormat) -> Result<std::uint64_t> {
     return Error(ErrorCode::kNotFound, "Cannot read the image '" + path + "'", "No such file or directory");
@@ -336,7 +336,7 @@ TEST(Options, SizeOutOfRange_IsRefused) {
   }
 }
 
-TEST(Disks, SixtyFour_BesideTwoDrives_AreTaken) {
+TEST(Disks, Disks_SixtyFourAndTwoDrives_AreAccepted) {
   std::string devices;
   for (int i = 0; i < 64; ++i) {
     devices += "<disk><source file='/d" + std::to_string(i) + "'/><target dev='vd" + std::to_string(i) + "'/></disk>";

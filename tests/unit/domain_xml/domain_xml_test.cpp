@@ -221,7 +221,7 @@ TEST(Identity, UpperCaseUuid_IsLowered) {
   EXPECT_EQ(MustParse(domain.Text()).id, "aaaaaaaa-bbbb-4ccc-8ddd-eeeeeeeeeeee");
 }
 
-TEST(Identity, NameWithSlashPercentAndMarkup_StaysAsItIs) {
+TEST(Identity, Name_SlashPercentAndMarkup_IsUnchanged) {
   DomainParts domain;
   domain.name = "<name>../a%2F&lt;b&gt; ü</name>";
   EXPECT_EQ(MustParse(domain.Text()).guest["name"], "../a%2F<b> ü");

@@ -98,7 +98,7 @@ TEST(Rating, HugeNumbersOfVirtualCpus_DoNotWrap) {
   EXPECT_THAT(Codes(MakeGuest(), host), ElementsAre(kNoVcpu));
 }
 
-TEST(Rating, VirtualCpusThatAreNone_AreRefused) {
+TEST(Rating, Rate_InvalidVirtualCpus_AreRefused) {
   for (const char* number : {"0", "513", "-1", "1e300", "-1e300", "1.5", "18446744073709551615", "99999999999999999999",
                              "\"2\"", "true", "[]", "{}", "[2]"}) {
     const Guest guest = MakeGuest(std::string(R"({"vram_size":1,"vcpu_num":)") + number + "}");
@@ -121,7 +121,7 @@ TEST(Rating, OneMiBTooMuch_IsRefusedWithTheNumbers) {
   EXPECT_THAT(Codes(MakeGuest(), host), ElementsAre(kNoMemory));
 }
 
-TEST(Rating, MemoryThatIsNone_IsRefused) {
+TEST(Rating, Rate_InvalidMemory_IsRefused) {
   for (const char* number : {"0", "-1", "2097152", "1e300", "18446744073709551615", "99999999999999999999", "\"1024\"",
                              "true", "[]", "{}", "null", "0.5"}) {
     const Guest guest = MakeGuest(std::string(R"({"vram_size":)") + number + "}");
@@ -233,7 +233,7 @@ TEST(Rating, DiskWithoutItsFile_IsRefusedForEach) {
   EXPECT_THAT(asked, ElementsAre("/a", "/b\nc"));
 }
 
-TEST(Rating, HostWithoutItsHypervisor_TellsWhatItKnows) {
+TEST(Rating, Rate_HypervisorDisconnected_ReportsRecordErrors) {
   HostResources host = MakeHost();
   host.is_connected = false;
   EXPECT_THAT(Codes(MakeGuest(), host), ElementsAre(kUnavailable));
@@ -268,7 +268,7 @@ TEST(Rating, NetworksThatAreMissing_AreNamedOnceEach) {
   EXPECT_EQ(rating.refusals[1].reason, "The host has no network or bridge 'bad name'.");
 }
 
-TEST(Rating, NetworkThatIsNoText_IsMissing) {
+TEST(Rating, Rate_NetworkNotText_IsMissing) {
   for (const char* name : {"7", "true", "[]", "{}"}) {
     Guest guest = MakeGuest();
     guest.records.nics.emplace_back("n", Parsed(std::string(R"({"network_name":)") + name + "}"));
@@ -315,7 +315,7 @@ TEST(Rating, ProcessorsSetApart_AreTheHighestFreeOnesInOrder) {
   EXPECT_THAT(Codes(PinnedGuest(0), host), IsEmpty());
 }
 
-TEST(Rating, OddProcessorsOfOthers_AreNotCounted) {
+TEST(Rating, Rate_InvalidPinsOfOthers_AreIgnored) {
   HostResources host = LargeHost(4);
   host.pinned_cpus = {3, 3, 3, 3, 3, 4, 5, 100, std::numeric_limits<unsigned>::max()};
   EXPECT_THAT(Rate(PinnedGuest(2), host).pinned_cpus, ElementsAre(1u, 2u));
@@ -356,7 +356,7 @@ TEST(Rating, RefusedGuest_GetsNoProcessors) {
   EXPECT_THAT(rating.pinned_cpus, IsEmpty());
 }
 
-TEST(Rating, EverythingInTheWay_IsToldMostLastingFirst) {
+TEST(Rating, Rate_SeveralObstacles_MostLastingFirst) {
   Guest guest = MakeGuest(R"({"vcpu_num":4,"vram_size":8,"use_ovmf":true,"cpu_pin_num":2})");
   guest.repository_host_id = "north";
   guest.repository_state = repo::crashed;

@@ -294,7 +294,7 @@ TEST_F(StorageWatchTest, Refresh_RepositoryTakenFromAnotherHost_IsLearnedFromScr
   EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(ground_.File("a"))));
 }
 
-TEST_F(StorageWatchTest, Refresh_AfterAccept_LearnsWhatIsThere) {
+TEST_F(StorageWatchTest, Refresh_AfterAccept_LearnsCurrentFolders) {
   test::WriteImage(ground_.File("a/disk"));
   PutDisk("d1", ground_.File("a/disk"));
   StorageWatch watch(Options());
@@ -343,7 +343,7 @@ TEST_F(StorageWatchTest, Refresh_StoreThatFails_IsLoggedOnceAndTriedAgain) {
   EXPECT_EQ(StorageOf().folders.size(), 2u);
 }
 
-TEST_F(StorageWatchTest, Refresh_StorageAcceptedDuringTheLook_IsNotOverwritten) {
+TEST_F(StorageWatchTest, Refresh_AcceptedDuringCheck_IsNotOverwritten) {
   test::WriteImage(ground_.File("a/disk"));
   PutDisk("d1", ground_.File("a/disk"));
   StorageWatch(Options()).Refresh();
@@ -407,7 +407,7 @@ class HangingStorageTest : public StorageWatchTest {
   std::shared_ptr<std::atomic<int>> hanging_ = std::make_shared<std::atomic<int>>(1);
 };
 
-TEST_F(HangingStorageTest, Refresh_IsUnavailableAfterTheDeadlineAndOthersAreLookedAt) {
+TEST_F(HangingStorageTest, Refresh_DeadlinePasses_IsUnavailableAndOthersAreChecked) {
   StorageWatch watch(HangingOptions());
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
@@ -452,7 +452,7 @@ TEST_F(HangingStorageTest, Stop_EndsARefreshThatWaits) {
   EXPECT_EQ(*hanging_, 2) << "the thread is left behind";
 }
 
-TEST_F(StorageWatchTest, Refuse_RefusesWhatIsNotTheSameAlone) {
+TEST_F(StorageWatchTest, Refuse_OnlyChangedFolders_AreRefused) {
   test::WriteImage(ground_.File("a/disk"));
   test::WriteImage(ground_.File("b/disk"));
   PutDisk("d1", ground_.File("a/disk"));

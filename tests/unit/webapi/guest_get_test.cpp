@@ -155,9 +155,9 @@ const Conversion kConversions[] = {
     {"IsoIsCopied", R"({"iso_images":["a",1]})", "iso_images", R"(["a",1])"},
     {"GeneralAbsent", "{}", "is_general_vm", "absent"},
     {"GeneralIsCopied", R"({"is_general_vm":"yes"})", "is_general_vm", R"("yes")"},
-    {"DisksObjectIsNone", R"({"vdisks":{"a":1}})", "vdisks", "[]"},
-    {"DisksNullIsNone", R"({"vdisks":null})", "vdisks", "[]"},
-    {"NicsTextIsNone", R"({"vnics":"x"})", "vnics", "[]"},
+    {"DisksObjectIsEmpty", R"({"vdisks":{"a":1}})", "vdisks", "[]"},
+    {"DisksNullIsEmpty", R"({"vdisks":null})", "vdisks", "[]"},
+    {"NicsTextIsEmpty", R"({"vnics":"x"})", "vnics", "[]"},
 };
 
 class GuestGetConversion : public GuestGet, public testing::WithParamInterface<Conversion> {};
@@ -177,7 +177,7 @@ TEST_P(GuestGetConversion, StoredValue_RepliesConverted) {
 INSTANTIATE_TEST_SUITE_P(Rows, GuestGetConversion, testing::ValuesIn(kConversions),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(GuestGet, RecordThatIsNoObject_RepliesTheDefaults) {
+TEST_F(GuestGet, Get_RecordNotObject_ReturnsDefaults) {
   host_.PutText("guest", kGuest, "[1,2]");
   const Json::Value reply = Reply();
   EXPECT_EQ(reply["video_card"], "cirrus");
@@ -210,7 +210,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, GuestGetDiskType,
 
 class GuestGetUnknownDiskType : public GuestGet, public testing::WithParamInterface<int> {};
 
-TEST_P(GuestGetUnknownDiskType, OneDisk_RefusesTheWholeRequestWith413) {
+TEST_P(GuestGetUnknownDiskType, Get_OneUnreadableDisk_RefusesRequestWith413) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk2 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"format":2,"type":1,"size":1})");
   host_.PutText("vdisk", kDisk2, R"({"format":2,"size":1,"type":)" + std::to_string(GetParam()) + "}");

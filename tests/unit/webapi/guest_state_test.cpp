@@ -61,7 +61,7 @@ class GuestState : public vexa::test::StateLibrary {
   std::string state_, ui_state_, type_, reason_;
 };
 
-TEST_F(GuestState, Dashboard_IsReadyUnlessTheStatusSaysInaccessible) {
+TEST_F(GuestState, Dashboard_IsReadyUnlessStatusIsInaccessible) {
   EXPECT_TRUE(IsDashboardReady());
   SetDashboard("etcd_healthy");
   EXPECT_TRUE(IsDashboardReady());
@@ -125,7 +125,7 @@ TEST_F(GuestState, RepositoryHostUnknown_OnlyWhenNegative) {
   }
 }
 
-TEST_F(GuestState, RepositoryOnAnotherHost_IsFrozenWithoutAnotherLook) {
+TEST_F(GuestState, State_RepositoryOnOtherHost_IsFrozenWithoutSecondCheck) {
   for (const char* host : {"other", "", "Local"}) {
     Platform().repo_hosts["g"] = host;
     Platform().conf_states["g"] = Guest::running;

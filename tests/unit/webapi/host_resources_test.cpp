@@ -109,7 +109,7 @@ TEST_F(HostResources, HostsThatFail_AreLeftOutAndTheirRecordsNotRead) {
   ExpectNoLine();
 }
 
-TEST_F(HostResources, UnreadableRecord_StopsWith403AndKeepsWhatWasAdded) {
+TEST_F(HostResources, Resources_UnreadableRecord_StopsWith403AndKeepsEarlierHosts) {
   for (const int result : {-1, 2, 1}) {
     vexa::test::ResetPlatform();
     for (const char* id : {"b", "a", "c"}) AddHost(id);  // not in the order of their names
