@@ -81,11 +81,11 @@ Error Bad(std::size_t line, const std::string& text) {
 
 Status ReadLine(std::string_view line, std::size_t number, Json::Value& settings) {
   const std::size_t at = line.find('=');
-  if (at == std::string_view::npos) return Bad(number, "There is no '='; give NAME = VALUE, or a '#' before a comment");
+  if (at == std::string_view::npos) return Bad(number, "There is no '='. Use NAME = VALUE, or start comments with '#'");
   const std::string name(Trimmed(line.substr(0, at)));
   const Setting* const setting = FindSetting(name);
   if (!setting) return Bad(number, UnknownSetting(name).message());
-  if (settings.isMember(name)) return Bad(number, "The setting '" + name + "' is there twice");
+  if (settings.isMember(name)) return Bad(number, "The setting '" + name + "' occurs twice");
   Result<Json::Value> value = ParseJson(Trimmed(line.substr(at + 1)));
   if (!value || !HasItsType(*setting, *value)) {
     return Bad(number, "The value of '" + name + "' is not " + TypeText(setting->kind));
@@ -111,8 +111,8 @@ Json::Value SettingsOf(const Json::Value& guest) {
 std::string SettingsText(const std::string& title, const Json::Value& settings) {
   std::string text =
       "# " + Printable(title) +
-      "\n#\n# Lines that begin with '#' are comments. Change values, save and end the editor; settings that stay as\n"
-      "# they are, or are removed here, are not touched. With nothing changed nothing is sent.\n";
+      "\n#\n# Lines that begin with '#' are comments. Change values, save and exit the editor. Settings that are\n"
+      "# unchanged or removed here are not touched. If nothing is changed, nothing is sent.\n";
   for (const Setting& setting : Settings()) {
     const bool is_there = settings.isMember(setting.name);
     text += std::string("\n# ") + setting.help + (is_there ? "" : "; not set") + "\n";

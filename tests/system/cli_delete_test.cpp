@@ -121,7 +121,7 @@ TEST_F(Delete, Delete_RefusalWithReason_ShowsReason) {
 
 TEST_F(Delete, Help_MentionsRunningGuestsAndYes) {
   EXPECT_THAT(Run({"guest", "delete", "--help"}).output,
-              AllOf(HasSubstr("--yes"), HasSubstr("A guest that runs is"), HasSubstr("nothing to wait for"),
+              AllOf(HasSubstr("--yes"), HasSubstr("A running guest is"), HasSubstr("nothing more to wait for"),
                     Not(HasSubstr("--wait"))));
 }
 

@@ -132,12 +132,12 @@ TEST_F(GuestState, RepliesOfAnotherForm_AreErrors) {
     const ScriptedServer server({HttpReplyOf(200, reply)});
     const auto result = RunOn(server, {"guest", "list"});
     EXPECT_EQ(result.exit_code, 1) << reply;
-    EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guests"));
+    EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no guests"));
   }
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":7})")});
   const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guest"));
+  EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no guest"));
 }
 
 TEST_F(GuestState, Status_Refusals_ShowTheirCode) {

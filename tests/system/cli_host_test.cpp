@@ -112,7 +112,7 @@ TEST_F(Host, OddData_IsAnErrorOrEmptyNeverACrash) {
     const ScriptedServer server({HttpReplyOf(200, std::string(R"({"success":true,"data":)") + data + "}")});
     const auto result = RunOn(server, {"host", "list"});
     EXPECT_EQ(result.exit_code, 1) << data;
-    EXPECT_THAT(result.errors, HasSubstr("holds no hosts"));
+    EXPECT_THAT(result.errors, HasSubstr("contains no hosts"));
   }
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"addresses":{},"system":7,"utilization":[],
       "interfaces":"x","ram_size":[]}})")});

@@ -132,12 +132,12 @@ TEST_F(ImageCommand, OddData_IsAnErrorNeverACrash) {
   for (const char* data : {"null", "7", "[]", R"({"images":7,"repositories":{}})"}) {
     const ApiHost host(With(data, data));
     for (const auto& [words, sentence] :
-         {std::pair(std::vector<std::string>{"image", "list"}, "holds no images"),
-          std::pair(std::vector<std::string>{"image", "remove", "x"}, "holds no images"),
-          std::pair(std::vector<std::string>{"image", "add", "x", "/x"}, "holds no id of the image"),
-          std::pair(std::vector<std::string>{"repository", "list"}, "holds no repositories"),
-          std::pair(std::vector<std::string>{"repository", "accept", "x"}, "holds no repositories"),
-          std::pair(std::vector<std::string>{"repository", "add", "x"}, "holds no id of the repository")}) {
+         {std::pair(std::vector<std::string>{"image", "list"}, "contains no images"),
+          std::pair(std::vector<std::string>{"image", "remove", "x"}, "contains no images"),
+          std::pair(std::vector<std::string>{"image", "add", "x", "/x"}, "contains no id of the image"),
+          std::pair(std::vector<std::string>{"repository", "list"}, "contains no repositories"),
+          std::pair(std::vector<std::string>{"repository", "accept", "x"}, "contains no repositories"),
+          std::pair(std::vector<std::string>{"repository", "add", "x"}, "contains no id of the repository")}) {
       const auto result = RunOn(host, words);
       EXPECT_EQ(result.exit_code, 1) << words[1] << data;
       EXPECT_THAT(result.errors, HasSubstr(sentence)) << data;

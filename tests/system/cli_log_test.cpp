@@ -121,7 +121,7 @@ TEST_F(Log, RepliesOfAnotherForm_AreErrors) {
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{}, {"-f"}, {"--all"}}) {
       const auto result = RunOn(host, arguments);
       EXPECT_EQ(result.exit_code, 1) << data;
-      EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no entries of the log"));
+      EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no entries of the log"));
     }
   }
 }

@@ -221,7 +221,7 @@ TEST_F(Power, Wait_Elapsed_Fails) {
 }
 
 TEST_F(Power, Wait_StateUnreadable_Fails) {
-  for (const auto& [data, why] : {std::pair("7", "The server's reply holds no guest"),
+  for (const auto& [data, why] : {std::pair("7", "The server's reply contains no guest"),
                                   std::pair("", "Its state cannot be read: Gone. (error 403")}) {
     const std::string text = data;
     const ApiHost host(With([&](const std::string& method, const auto&) {
@@ -255,7 +255,7 @@ TEST_F(Power, RepliesOfAnotherForm_AreErrors) {
     const ApiHost host([&](const auto&, const auto&) { return ApiHost::Success(data); });
     const auto result = RunOn(host, {"guest", "stop", "web-1"});
     EXPECT_EQ(result.exit_code, 1) << list;
-    EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guests"));
+    EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no guests"));
     EXPECT_EQ(host.Count("pwr_ctl"), 0);
   }
   for (const char* body : {R"({"success":"yes"})", "[1]", "nonsense", ""}) {
@@ -302,7 +302,7 @@ TEST_F(Power, Power_Interrupted_ShowsResultsAndEndsImmediately) {
   ASSERT_TRUE(ended);
   EXPECT_EQ(ended->code, 130);
   EXPECT_EQ(program.errors(),
-            "vexa: Interrupted. Answered: vm-a. Not answered yet, and not taken back: vm-b, vm-c, vm-d, vm-e, vm-f, "
+            "vexa: Interrupted. Answered: vm-a. Sent but not answered yet: vm-b, vm-c, vm-d, vm-e, vm-f, "
             "vm-g, vm-h, vm-i. Not sent: vm-j.\n");
   EXPECT_EQ(program.output(), "vm-a: asked to shut down\n");
 }

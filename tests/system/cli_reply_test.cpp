@@ -202,7 +202,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadReply{"SuccessWithFailure", HttpReplyOf(500, R"({"success":true,"data":{}})"), 1, "claims success"},
         BadReply{"FailureWithSuccess", HttpReplyOf(200, R"({"success":false,"error":{}})"), 1, "claims failure"},
         BadReply{"NoReason", HttpReplyOf(500, R"({"success":false})"), 1, "refused without a reason"},
-        BadReply{"NoData", HttpReplyOf(200, R"({"success":true})"), 1, "holds no guest"},
+        BadReply{"NoData", HttpReplyOf(200, R"({"success":true})"), 1, "contains no guest"},
         BadReply{"TooLarge", HttpReplyOf(200, std::string(20 << 20, ' ')), 1, "larger than 16 MiB"},
         BadReply{
             "Endless", {"HTTP/1.1 200 OK\r\n\r\n" + std::string(20 << 20, ' '), Then::kStall}, 1, "larger than 16 MiB"},

@@ -160,7 +160,9 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
   const std::string no_disk = "' is no id of a disk (a UUID); 'vexa guest get' shows them";
   const std::string no_nic = "' is no id of a network interface (a UUID); 'vexa guest get' shows them";
   const std::string no_member = "' is nothing of an interface: give net=ID, type=N, mac=ADDRESS or sriov=true";
-  const std::string nobody = "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
+  const auto unknown = [](const std::string& word) {
+    return "Unknown user or group '" + word + "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
+  };
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{"--add-disk", "0"}, "'0" + no_size},
       {{"--add-disk", "1.5"}, "'1.5" + no_size},
@@ -195,12 +197,12 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
       {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x': give '1234:00ab', '3.14' or 'unmounted'"},
       {{"--usb", "1.1", "--usb", "1.2", "--usb", "1.3", "--usb", "1.4", "--usb", "1.5"},
        "The parameter 'usbs' has more than four devices"},
-      {{"--allow", "alice"}, "'alice" + nobody},
-      {{"--allow", "user:"}, "'user:" + nobody},
-      {{"--allow", "users:alice"}, "'users:alice" + nobody},
-      {{"--allow", "uid:-1"}, "'uid:-1" + nobody},
-      {{"--allow", "uid:4294967295"}, "'uid:4294967295" + nobody},
-      {{"--allow", "uid:12x"}, "'uid:12x" + nobody},
+      {{"--allow", "alice"}, unknown("alice")},
+      {{"--allow", "user:"}, unknown("user:")},
+      {{"--allow", "users:alice"}, unknown("users:alice")},
+      {{"--allow", "uid:-1"}, unknown("uid:-1")},
+      {{"--allow", "uid:4294967295"}, unknown("uid:4294967295")},
+      {{"--allow", "uid:12x"}, unknown("uid:12x")},
       {{"--allow", "uid:7", "--revoke", "uid:7"}, "The rights of 'uid:7' are named twice"},
   };
   for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
@@ -262,7 +264,7 @@ TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
   const int sent = host.Count("set");
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No. (error 980"));
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:carol"}).errors, HasSubstr("give uid:NUMBER or gid:NUMBER"));
-  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("holds no id"));
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("contains no id"));
   EXPECT_EQ(RunOn(host, {"web-1", "--allow", "group:staff", "--revoke", "gid:1026"}).exit_code, 2);
   EXPECT_EQ(host.Count("set"), sent);
 }
@@ -375,7 +377,7 @@ TEST_F(GuestSet, DryRun_GuestUnreadable_Fails) {
     const auto result = RunOn(host, {"web-1", "vcpu_num=4", "--dry-run"});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_THAT(result.errors,
-                StartsWith(text.empty() ? "vexa: You may not." : "vexa: The server's reply holds no guest"));
+                StartsWith(text.empty() ? "vexa: You may not." : "vexa: The server's reply contains no guest"));
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_EQ(host.Count("set"), 0);
   }
@@ -397,7 +399,7 @@ TEST_F(GuestSet, Set_Interrupt_EndsImmediatelyWithMessage) {
   const auto ended = program.Wait(seconds(30));
   ASSERT_TRUE(ended);
   EXPECT_EQ(ended->code, 130);
-  EXPECT_EQ(program.errors(), "vexa: web-1: Interrupted before it was answered, and not taken back.\n");
+  EXPECT_EQ(program.errors(), "vexa: web-1: Interrupted after the request was sent and before it was answered.\n");
 }
 
 TEST_F(GuestSet, NoServer_IsUnreachable) {
