@@ -36,7 +36,7 @@ Result<CacheLock> CacheLock::Try(const CachePaths& paths) {
     }
     if (HasName(lock.fd_, paths.lock)) return lock;
   }
-  return Error(ErrorCode::kBusy, "Somebody else holds '" + paths.lock + "'");
+  return Error(ErrorCode::kBusy, "Another process or thread holds '" + paths.lock + "'");
 }
 
 CacheLock::CacheLock(CacheLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}

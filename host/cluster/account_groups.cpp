@@ -17,9 +17,8 @@ std::string ShownNames(const std::vector<std::string>& names) {
 }  // namespace
 
 Error NoGroup(const std::string& name) {
-  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                         ? "There is no group '" + name + "'"
-                                         : std::string("There is no group of an impossible name"));
+  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name) ? "There is no group '" + name + "'"
+                                                                    : std::string("The group name is invalid"));
 }
 
 std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(const AccountIndex& accounts) {

@@ -21,9 +21,8 @@ Error Unavailable(const Error& cause) {
 }
 
 Error UnknownUser(const std::string& name) {
-  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                         ? "There is no user '" + name + "'"
-                                         : std::string("There is no user of an impossible name"));
+  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name) ? "There is no user '" + name + "'"
+                                                                    : std::string("The user name is invalid"));
 }
 
 // For an account that was not found: the damaged record may be about it.

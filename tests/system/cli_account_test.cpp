@@ -225,7 +225,7 @@ TEST_F(Accounts, OldAccountFile_FirstCommandOnStore_MigratesIt) {
   PutFile("OLD");
   const auto again = RunHere({"user", "del", "old"});
   EXPECT_EQ(again.exit_code, 0) << again.errors;
-  EXPECT_THAT(again.errors, AllOf(HasSubstr("'OLD'"), HasSubstr("was not taken over")));
+  EXPECT_THAT(again.errors, AllOf(HasSubstr("'OLD'"), HasSubstr("was not migrated")));
 }
 
 TEST_F(Accounts, Store_OtherFolder_IsUsedAsConfigured) {

@@ -37,7 +37,7 @@ TEST(Breaker, SecondFailureInARow_OpensForAShortPause) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
-  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo) << "once is no reason";
+  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo) << "one failure is not enough";
   breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now);
   EXPECT_EQ(breaker.Enter(kHost, now), Permit::kRefused);
   EXPECT_EQ(breaker.Enter("third-host", now), Permit::kGo);
@@ -75,7 +75,7 @@ TEST(Breaker, AfterThePause_OneProbeAtATime) {
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused);
   breaker.Report(kHost, Permit::kProbe, Outcome::kUnknown, later);
-  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe) << "the first told nothing";
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe) << "the first had no result";
   breaker.Report(kHost, Permit::kProbe, Outcome::kConnected, later);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
@@ -193,9 +193,9 @@ TEST(TransportBreaker, Breaker_DeadHost_IsPausedAndRediscovered) {
   const std::uint16_t port = UnusedPort();
   const InstalledTransport transport({{kHost, AddressOf(port)}});
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest(5))).find("left alone"), std::string::npos);
+    EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest(5))).find("paused briefly"), std::string::npos);
   }
-  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(5))).find("left alone"), std::string::npos);
+  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(5))).find("paused briefly"), std::string::npos);
   daemon::ListenerOptions listener;
   listener.port = port;
   const JsonHost host(

@@ -71,7 +71,7 @@ std::vector<webapi::ApiRow> GuestSetRows(const ServiceParts& parts) {
        Optional("vdisks_add", kArray, "Disks: vdisk_size (MiB), vdisk_mode, unmap, format."),
        Optional("vdisks_del", kArray, "Each with vdisk_id."),
        Optional("vdisks_edit", kArray, "Each with vdisk_id, vdisk_size (MiB) and what is to change."),
-       Optional("vdisks_order", kArray, "Each with vdisk_id; those that are not named follow.")},
+       Optional("vdisks_order", kArray, "Each with vdisk_id; disks that are not named follow.")},
       {401, 403, 410, 901, 902, 903, 904, 912, 915, 932, 936, 938, 944, 949, 2101})};
 }
 

@@ -50,10 +50,10 @@ std::vector<webapi::Parameter> SetParameters() {
           "guest_privilege", kArray,
           "Rights to grant or take back: [{\"uid\" or \"gid\", \"allow\" (boolean), \"type\", \"name\"}]. Who is not "
           "named keeps their rights."),
-      Optional(
-          "iso_images", kArray,
-          "What the drives hold: ids of images, paths in shared folders, or \"unmounted\". Users who were granted the "
-          "guest may set it."),
+      Optional("iso_images", kArray,
+               "The contents of the drives: ids of images, paths in shared folders, or \"unmounted\". Users who were "
+               "granted the "
+               "guest may set it."),
       Optional("usb_version", kInteger, "The version of the USB controller, 0 to 3."),
       Optional("usbs", kArray, "The USB devices to pass through."),
       Optional("hyperv_enlighten", kBoolean,
@@ -83,9 +83,9 @@ std::vector<webapi::ApiRow> GuestRows() {
        .access = Access::kUser,
        .lane = LaneKind::kLong,
        .handler = webapi::Plain(VexaVirtualization::Guest::Set),
-       .summary =
-           "Edit a guest; what is not named stays. For administrators and advanced users. Users who were granted "
-           "the guest may change \"iso_images\" and \"use_ovmf\".",
+       .summary = "Edit a guest; members that are not given stay unchanged. For administrators and advanced users. "
+                  "Users who were granted "
+                  "the guest may change \"iso_images\" and \"use_ovmf\".",
        .parameters = SetParameters(),
        .errors = {401, 403, 406, 407, 409, 411, 413, 909, 910,  919,
                   920, 926, 930, 934, 935, 937, 943, 946, 1001, 1600}},

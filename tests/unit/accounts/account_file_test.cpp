@@ -97,7 +97,7 @@ constexpr DamageCase kDamages[] = {
     {"VersionTrue", R"({"version":true,"groups":[],"users":[]})", "version"},
     {"VersionReal", R"({"version":1.0,"groups":[],"users":[]})", "version"},
     {"MemberUnknown", R"({"version":1,"groups":[],"users":[],"extra":1})", "'extra'"},
-    {"MemberUnknownWithNewline", R"({"version":1,"groups":[],"users":[],"a\nb":1})", "impossible name"},
+    {"MemberUnknownWithNewline", R"({"version":1,"groups":[],"users":[],"a\nb":1})", "invalid name"},
     {"GroupsMissing", R"({"version":1,"users":[]})", "'groups'"},
     {"UsersMissing", R"({"version":1,"groups":[]})", "'users'"},
     {"UsersObject", HEAD "{}}", "'users'"},

@@ -121,7 +121,7 @@ TEST_F(TakeOverTest, Migrate_IdTaken_GetsNewIdWithoutGrants) {
   Put(GrantsKey(1900000002), R"({"guests":{"g":true}})");
   TakeOverFile(FileOf("", UserText("bob", 1900000002) + "," + UserText("carol", 1900000003)));
   EXPECT_EQ(UidOf("alice"), 1900000002u);
-  EXPECT_EQ(UidOf("carol"), 1900000003u) << "the new id is none that the file has";
+  EXPECT_EQ(UidOf("carol"), 1900000003u) << "the new id is not one of the file's";
   const std::uint32_t bob = UidOf("bob");
   EXPECT_GT(bob, 1900000003u);
   EXPECT_EQ(Text(GrantsKey(bob)), "absent");
@@ -187,7 +187,7 @@ TEST_P(TakeOverNames, Migrate_NameExistsInStore_KeepsStoreAccount) {
   EXPECT_EQ(Text(AccountKey(AccountKind::kUser, 1900000003)), before);
   EXPECT_EQ(accounts_.ListUsers()->size(), 1u);
   EXPECT_EQ(notes_.size(), GetParam().is_noted ? 1u : 0u);
-  EXPECT_EQ(HasNote({"was not taken over", "'alice'", "vexa user add"}), GetParam().is_noted);
+  EXPECT_EQ(HasNote({"was not migrated", "'alice'", "vexa user add"}), GetParam().is_noted);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, TakeOverNames, testing::ValuesIn(kNameRows),
@@ -196,7 +196,7 @@ INSTANTIATE_TEST_SUITE_P(All, TakeOverNames, testing::ValuesIn(kNameRows),
 TEST_F(TakeOverTest, Migrate_UsersDifferOnlyInCase_FirstIsMigrated) {
   TakeOverFile(FileOf("", UserText("alice", 1900000002) + "," + UserText("ALICE", 1900000003)));
   EXPECT_EQ(accounts_.FindUser("Alice")->name, "alice");
-  EXPECT_TRUE(HasNote({"'ALICE' of", "was not taken over", "'alice'"}));
+  EXPECT_TRUE(HasNote({"'ALICE' of", "was not migrated", "'alice'"}));
 }
 
 // Between the commit and the renaming.
@@ -210,7 +210,7 @@ TEST_F(TakeOverTest, Migrate_KilledBeforeRename_NextStartAddsNothing) {
   EXPECT_EQ(Revision(), before);
   EXPECT_EQ(CodeOf(accounts_.FindUser("bob")), ErrorCode::kNotFound);
   EXPECT_EQ(GroupNames(*accounts_.FindUser("alice")), (Names{"users", "team"}));
-  EXPECT_TRUE(HasNote({"taken over before"}));
+  EXPECT_TRUE(HasNote({"migrated before"}));
 }
 
 TEST_F(TakeOverTest, StoreThatFails_LeavesTheFile) {

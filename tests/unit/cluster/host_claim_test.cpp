@@ -211,8 +211,9 @@ TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   EXPECT_TRUE(host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "1"}}}).ok());
   Change([](Json::Value& record) { EXPECT_EQ(FenceClaim(record), 2u); });
   EXPECT_EQ(*claim->Look(), Standing::kFenced);
-  EXPECT_EQ(claim->Check().error().ToString(),
-            "This host was taken for gone meanwhile, and has not looked yet at what was taken from it");
+  EXPECT_EQ(
+      claim->Check().error().ToString(),
+      "Other hosts considered this host gone meanwhile, and it has not yet settled which guests were taken from it");
   const auto committed = host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "2"}}});
   ASSERT_FALSE(committed.ok());
   EXPECT_EQ(committed.error().code(), ErrorCode::kConflict);

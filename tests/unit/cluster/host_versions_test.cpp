@@ -181,7 +181,7 @@ TEST(Version, DifferentMajorNumbers_AreIncompatible) {
   EXPECT_FALSE(AreIncompatible({"1.0.0"}));
   EXPECT_FALSE(AreIncompatible({"1.0.0", "1.9.9", "1.0.0"}));
   EXPECT_TRUE(AreIncompatible({"1.0.0", "1.9.9", "2.0.0"}));
-  EXPECT_FALSE(AreIncompatible({"1.0.0", "", "2.0"})) << "what cannot be read is no version";
+  EXPECT_FALSE(AreIncompatible({"1.0.0", "", "2.0"})) << "what cannot be read is not a version";
 }
 
 TEST_F(HostVersionStates, HostsOfDifferentMajorVersions_FreezeTheClusterUnlessGone) {

@@ -188,7 +188,7 @@ std::vector<Refusal> Refusals() {
       {"mac_zero", DomainWith("", Nic("00:00:00:00:00:00")), zero},
       {"mac_short", DomainWith("", Nic("52:54:00:0:0:1")), short_mac},
       {"mac_twice", DomainWith("", Nic("52:54:00:00:00:0a") + Nic("52:54:00:00:00:0A")),
-       "Two network interfaces have the MAC address '52:54:00:00:00:0a': give each one of its own"},
+       "Two network interfaces have the MAC address '52:54:00:00:00:0a'. Give each a different one"},
       {"network_line_end",
        DomainWith("",
                   "<interface type='bridge'><mac address='52:54:00:00:00:01'/><source bridge='a&#9;b'/></interface>"),
@@ -247,9 +247,9 @@ TEST(Hostile, Ampersand_InCommentOrCdata_IsNotReference) {
 TEST(Hostile, ByteOrderMark_IsSkipped) { EXPECT_EQ(MustParse("\xEF\xBB\xBF" + DomainWith("")).id, kId); }
 
 TEST(Hostile, HundredThousandLevels_AreRefusedQuickly) {
-  EXPECT_EQ(RefusalOf(Repeat("<a>", 100'000)), "The XML is nested more than 64 levels deep: that is no domain XML");
+  EXPECT_EQ(RefusalOf(Repeat("<a>", 100'000)), "The XML is nested more than 64 levels deep. This is not domain XML");
   EXPECT_EQ(RefusalOf("<domain>" + Repeat("<a>", 100'000) + Repeat("</a>", 100'000) + "</domain>"),
-            "The XML is nested more than 64 levels deep: that is no domain XML");
+            "The XML is nested more than 64 levels deep. This is not domain XML");
 }
 
 TEST(Hostile, SixtyFourLevels_AreRead) {
@@ -274,7 +274,7 @@ TEST(Hostile, ManyAttributes_AreRefused) {
   std::string attributes;
   for (int i = 0; i < 65; ++i) attributes += " a" + std::to_string(i) + "='1'";
   EXPECT_EQ(RefusalOf(DomainWith("<cpu" + attributes + "/>")),
-            "An element has more than 64 attributes: that is no domain XML");
+            "An element has more than 64 attributes. This is not domain XML");
 }
 
 TEST(Hostile, EveryPrefixOfADomain_IsRefusedWithoutACrash) {
@@ -307,14 +307,14 @@ TEST(Hostile, MismatchedTags_AreRefusedWithTheirLine) {
 TEST(Options, Options_InvalidUuids_AreRefused) {
   ImportOptions options;
   options.repository_id = "../x";
-  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The repository id '../x' is no UUID: give one of the form 8-4-4-4-12");
+  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The repository id '../x' is not a UUID. Use the form 8-4-4-4-12");
   options = {};
   options.host_id = "";
-  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The host id '' is no UUID: give one of the form 8-4-4-4-12");
+  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The host id '' is not a UUID. Use the form 8-4-4-4-12");
   options = {};
   options.networks["lan"] = "1";
   EXPECT_EQ(RefusalOf(DomainWith(""), options),
-            "The id '1' of the network 'lan' is no UUID: give one of the form 8-4-4-4-12");
+            "The id '1' of the network 'lan' is not a UUID. Use the form 8-4-4-4-12");
 }
 
 TEST(Options, DiskSize_Unknown_ErrorNamesOption) {
@@ -323,7 +323,7 @@ TEST(Options, DiskSize_Unknown_ErrorNamesOption) {
     return Error(ErrorCode::kNotFound, "Cannot read the image '" + path + "'", "No such file or directory");
   };
   EXPECT_EQ(RefusalOf(DomainWith("", Disk()), options),
-            "The size of the disk 'vda' is not known: give it with --disk-size vda=GiB: Cannot read the image "
+            "The size of the disk 'vda' is unknown. Set it with --disk-size vda=GiB: Cannot read the image "
             "'/images/vda': No such file or directory");
 }
 

@@ -376,8 +376,8 @@ TEST_F(GuestDefinition, WithoutTheHypervisor_NothingIsDeletedOrMoved) {
   {
     const test::FailingOpenings failing({.code = VIR_ERR_NO_CONNECT, .message = "gone", .domain = VIR_FROM_RPC});
     test::CloseLastConnection();
-    EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 949, "not known whether");
-    EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 949, "not known whether");
+    EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 949, "unknown whether");
+    EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 949, "unknown whether");
   }
   EXPECT_TRUE(HasGuest());
 }

@@ -149,7 +149,7 @@ TEST_F(GuestHang, Set_PinsOfRunningGuest_AreRatedByItsHost) {
   run.pinned_cpus = {2, 3};
   PutRun(run, kOther);
   Start();
-  EXPECT_REFUSED(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":2})"), kAlice), 2101, "set apart");
+  EXPECT_REFUSED(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":2})"), kAlice), 2101, "dedicated to other guests");
   EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":1})"), kAlice));
 }
 

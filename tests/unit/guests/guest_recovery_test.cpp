@@ -169,7 +169,7 @@ TEST_F(GuestRecovery, ImpossibleRequests_AreRefused) {
   request.to_host_id = "no-such-host";
   ExpectRefused(request, 403, "There is no host 'no-such-host'");
   request.to_host_id = kGone;
-  ExpectRefused(request, 971, "The host 'beta', which is to have the guest, is inaccessible itself");
+  ExpectRefused(request, 971, "The host 'beta', the new host of the guest, is itself inaccessible");
   host_.PutText("guest", kOff, R"({"name":"off"})");
   request = Request();
   request.guest_id = kOff;

@@ -22,7 +22,7 @@ TEST_F(Networks, BridgesOfTheKernel_AreThere) {
   MakeFolder("/sys/class/net/br0/bridge");
   MakeFolder("/sys/class/net/eth0/device");
   EXPECT_TRUE(Has("br0"));
-  EXPECT_FALSE(Has("eth0")) << "a card is no bridge";
+  EXPECT_FALSE(Has("eth0")) << "a card is not a bridge";
   EXPECT_FALSE(Has("br1"));
   std::ofstream(folder_.path() + "/sys/class/net/eth0/bridge") << "a file";
   EXPECT_FALSE(Has("eth0"));

@@ -57,7 +57,7 @@ TEST(DiskFileLook, File_IsFineMissingOrShort) {
   EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 5)), FileState::kShort);
   fs::resize_file(qcow2, 20);
   EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 0)), FileState::kShort) << "without its header";
-  EXPECT_EQ(LookAtFile(Disk("d", raw, true, 1)), FileState::kShort) << "it is no qcow2 image";
+  EXPECT_EQ(LookAtFile(Disk("d", raw, true, 1)), FileState::kShort) << "it is not a qcow2 image";
   EXPECT_EQ(LookAtFile(Disk("d", folder.File("none"))), FileState::kMissing);
   EXPECT_EQ(LookAtFile(Disk("d", raw + "/below")), FileState::kMissing);
   EXPECT_EQ(LookAtFile(Disk("d", folder.path())), FileState::kMissing) << "a folder";

@@ -149,7 +149,7 @@ TEST_F(TrailTest, Check_FolderMadeAgain_IsNotTheSame) {
   const TrailCheck check = CheckTrail(trail);
   EXPECT_EQ(check.outcome, Outcome::kNotMounted);
   EXPECT_THAT(check.folders, ElementsAre(ground_.File("pool")));
-  EXPECT_EQ(check.reason, "the folder '" + ground_.File("pool") + "' is not the one that its disks are in");
+  EXPECT_EQ(check.reason, "the folder '" + ground_.File("pool") + "' is not the folder that holds its disks");
 }
 
 TEST_F(TrailTest, Check_MissingFolder_IsGoneOnlyWhereItsParentIsTheSame) {

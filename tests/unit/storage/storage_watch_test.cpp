@@ -73,7 +73,7 @@ class StorageWatchTest : public ::testing::Test {
   Storage StorageOf(const std::string& id = kPool) {
     return test::Require(ReadStorage(*test::Require(host_.store().Read()), id));
   }
-  // As whoever asks for the repository sees it.
+  // As callers that ask for the repository see it.
   static std::string StateOf(const std::string& id = kPool) {
     std::string state;
     VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Repository, id).Get(state, VexaCCC::DB::_k::state);
@@ -98,7 +98,7 @@ class StorageWatchTest : public ::testing::Test {
   }
   std::string NotMounted() const {
     return "The storage of the repository 'pool' is not mounted: the folder '" + Root() +
-           "' is not the one that its disks are in.";
+           "' is not the folder that holds its disks.";
   }
 
   test::MountGround ground_{"images"};
@@ -361,7 +361,7 @@ TEST_F(StorageWatchTest, Refresh_AcceptedDuringCheck_IsNotOverwritten) {
   EXPECT_THAT(Logged(), IsEmpty());
 }
 
-// A file system that does not answer: whoever looks at it opens a FIFO that nobody writes to.
+// A file system that does not answer: each check opens a FIFO that nobody writes to.
 class HangingStorageTest : public StorageWatchTest {
  protected:
   HangingStorageTest() : fifo_(ground_.folder().File("fifo")) {
@@ -392,7 +392,7 @@ class HangingStorageTest : public StorageWatchTest {
     ::close(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
     --hanging;
   }
-  // Those that hang go on; returns once they have.
+  // Lets the calls that hang continue; returns once they have.
   void Answer() {
     while (*hanging_ > 1) {
       const int writer = ::open(fifo_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
@@ -473,11 +473,12 @@ TEST_F(StorageWatchTest, Refuse_OnlyChangedFolders_AreRefused) {
   const Refused refused = watch.Refuse(kPool, both, StorageUse::kExisting);
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->code, kUnavailable);
-  EXPECT_EQ(refused->reason, "The storage of the repository '" + std::string(kPool) + "' is not mounted: the folder '" +
-                                 ground_.File("a") +
-                                 "' is not the one that its disks are in. Mount it or, when it was replaced for good, "
-                                 "run 'vexa repository accept " +
-                                 kPool + "'");
+  EXPECT_EQ(refused->reason,
+            "The storage of the repository '" + std::string(kPool) + "' is not mounted: the folder '" +
+                ground_.File("a") +
+                "' is not the folder that holds its disks. Mount it or, when it was replaced for good, "
+                "run 'vexa repository accept " +
+                kPool + "'");
   EXPECT_TRUE(watch.RefuseTrail(kPool, remembered, StorageUse::kExisting));
   EXPECT_FALSE(watch.Refuse(kPool, {both[1]}, StorageUse::kExisting));
   EXPECT_FALSE(watch.Refuse(kOther, both, StorageUse::kExisting));
