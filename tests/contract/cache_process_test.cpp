@@ -53,7 +53,7 @@ class CacheProcesses : public ::testing::Test {
 
   std::string directory() const { return folder_.File("cache"); }
 
-  // A refresh goes through at once, and leaves the record and the lock alone.
+  // A refresh succeeds immediately, and leaves the record and the lock alone.
   void ExpectWhole() const {
     const auto start = steady_clock::now();
     // Whatever is stored is old for this one.

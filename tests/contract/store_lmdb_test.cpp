@@ -93,7 +93,7 @@ TEST(LmdbStore, Map_OutgrownUnderLoad_GrowsWithoutAnError) {
     readers.emplace_back([&] {
       while (!stop) {
         const auto outer = store->Read();
-        const auto inner = store->Read();  // two at once in one thread must not lock each other out
+        const auto inner = store->Read();  // two in one thread must not lock each other out
         if (!outer.ok() || !inner.ok() || !inner.value()->Children("/w").ok()) ++failures;
       }
     });

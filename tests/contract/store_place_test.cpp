@@ -119,7 +119,7 @@ TEST(StorePlace, PlaceCheck_Fails_IsRetriedAndRecovers) {
     return {};
   });
   for (int i = 0; i < 1000; ++i) EXPECT_TRUE(place.Check().ok());
-  EXPECT_EQ(looks, 1) << "once a second, whoever asks";
+  EXPECT_EQ(looks, 1) << "once a second, however many callers";
   fails = true;
   EXPECT_LT(TimeUntil([&] { return !place.Check().ok(); }), 1500ms);
   EXPECT_EQ(place.Check().error().code(), ErrorCode::kUnavailable);

@@ -1,4 +1,4 @@
-// The embedded store between processes: several at once, killed ones, and full disks.
+// The embedded store between processes: several together, killed ones, and full disks.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -266,7 +266,7 @@ TEST_F(EditOnDaemon, Refusals_AreSentencesAndChangeNothing) {
 
 TEST_F(EditOnDaemon, OrdinaryUsers_MayChangeDrivesOfTheirGuests) {
   daemon_->BeOnUnixSocket("mallory");
-  // Whose guest it is not is not told its name.
+  // Users without the guest do not learn its name.
   ExpectRefused({"--iso", "none"}, "You may not act on this guest. (error 409, HTTP 403, ", kEdited);
   const auto grants = cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", ::geteuid()));
   PutRecord(*store_, grants, Parsed(std::string(R"({"authlevel":"user","guests":{")") + kEdited + R"(":true}})"));

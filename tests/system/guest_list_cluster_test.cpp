@@ -170,7 +170,7 @@ TEST_F(GuestListCluster, List_HostGone_ShowsItAndItsGuestsSinceLastSignOfLife) {
   EXPECT_EQ(host["inaccessible_since"], 1'000'000'000);
 }
 
-// A process that is stopped takes connections, so only its signs of life tell.
+// A process that is stopped takes connections, so only its signs of life show it.
 TEST_F(GuestListCluster, Figures_HostGone_IsNotCalled) {
   Freeze(1);
   PutSeen(1, 1'000'000'000);

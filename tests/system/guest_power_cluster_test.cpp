@@ -232,14 +232,14 @@ TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
   Freeze(1);
   std::atomic<int> code = 0;
   std::thread stuck([&] { code = Power(0, "poweron"); });
-  // Until the call has left; nobody tells.
+  // Until the call has left, which nothing reports.
   std::this_thread::sleep_for(500ms);
   hosts_[0]->Signal(SIGTERM);
   const auto status = hosts_[0]->Wait(60s);
   ASSERT_TRUE(status) << "an hour is the call's own time-out";
   EXPECT_EQ(status->code, 0) << hosts_[0]->errors();
   stuck.join();
-  EXPECT_EQ(code, 902) << "who asked is told";
+  EXPECT_EQ(code, 902) << "the caller gets the error";
   Thaw(1);
 }
 

@@ -171,7 +171,7 @@ TEST_F(GuestSetHttp, ImagesOutsideOfTheFolders_AreRefused) {
   }
   EXPECT_EQ(code(ImageFolder() + "/isos/100%2e.iso"), 0) << "nothing in a path is decoded";
   Restore();
-  // A guest's disk is no image, whatever it is named.
+  // A guest's disk is not an image, whatever it is named.
   const std::string disk = ImageFolder() + "/isos/disk.iso";
   std::ofstream(disk) << "the neighbour's data";
   EXPECT_EQ(code(disk), 0);
@@ -201,7 +201,7 @@ TEST_F(GuestSetHttp, Set_HostileNames_AreRefusedOrStoredUnchanged) {
   EXPECT_EQ(Code(R"("boot_from":"%n%s%n%s")"), 401);
   ASSERT_EQ(GuestLines().size(), 1u);
   EXPECT_THAT(GuestLines()[0], HasSubstr(R"("boot_from":"%n%s%n%s")"));
-  EXPECT_EQ(Code(name(odd)), 0) << "its own name is no conflict";
+  EXPECT_EQ(Code(name(odd)), 0) << "its own name does not conflict";
   EXPECT_EQ(NewestText(), "The virtual machine [" + odd + "] has been successfully edited.");
 }
 

@@ -1,4 +1,4 @@
-// How guests are, as a running daemon tells its users.
+// The states of guests, as a running daemon shows them to its users.
 #include <gmock/gmock.h>
 
 #include <chrono>

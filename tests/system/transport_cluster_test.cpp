@@ -19,7 +19,7 @@ TEST_F(TransportCluster, EveryHost_ReachesEveryHostAsItself) {
       EXPECT_EQ(reply["success"], Json::Value(true)) << json::ToText(reply);
       EXPECT_EQ(reply["data"]["host"], Json::Value(IdOf(to)));
       EXPECT_EQ(reply["data"]["caller"], Json::Value(IdOf(from)));
-      EXPECT_EQ(reply["has_fail"], Json::Value(true)) << "further members arrive, and cannot pose as others";
+      EXPECT_EQ(reply["has_fail"], Json::Value(true)) << "extra members arrive, and cannot pose as others";
     }
   }
 }
@@ -34,7 +34,7 @@ TEST_F(TransportCluster, AllHosts_Answer) {
 TEST_F(TransportCluster, LocalAndRemoteHost_AnswerAlike) {
   for (const int to : {0, 1}) {
     EXPECT_EQ(CodeOf(Relay(0, to, "no_such_method")), 507) << to;
-    EXPECT_EQ(CodeOf(Relay(0, to, "user")), 104) << "a host is no user" << to;
+    EXPECT_EQ(CodeOf(Relay(0, to, "user")), 104) << "a host is not a user" << to;
     EXPECT_EQ(CodeOf(Relay(0, to, "throws")), 100) << to;
     EXPECT_EQ(Relay(0, to, "slow", 20, R"({"milliseconds":50})")["data"], Json::Value("done")) << to;
     Json::Value slow;
@@ -45,7 +45,7 @@ TEST_F(TransportCluster, LocalAndRemoteHost_AnswerAlike) {
   }
 }
 
-// Of {"success", "data", "request_id"}, what `whoami` told somewhere inside.
+// Returns what `whoami` reported somewhere inside {"success", "data", "request_id"}.
 void ExpectOrigin(const Json::Value& told, const Json::Value& asked, const std::string& user) {
   EXPECT_EQ(json::Member(told, "acts_for"), Json::Value(user));
   EXPECT_EQ(json::Member(told, "request_id"), json::Member(asked, "request_id"));

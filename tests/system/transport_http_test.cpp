@@ -107,7 +107,7 @@ TEST(TransportRequest, Request_ContainsOriginOfCallersThread) {
     EXPECT_NE(header.find("\r\nX-Vexa-Request-Id: 0123456789abcdef\r\n"), std::string::npos) << header;
   }
   transport::SetOrigin({});
-  EXPECT_EQ(HeaderOf(one, server).find("X-Vexa"), std::string::npos) << "nobody to be told";
+  EXPECT_EQ(HeaderOf(one, server).find("X-Vexa"), std::string::npos) << "no user to name";
 }
 
 TEST(TransportRequest, Request_UserWithLineEnd_InjectsNoHeader) {
@@ -270,7 +270,7 @@ TEST(TransportConnection, ClosedByARestart_IsReplaced) {
   EXPECT_EQ(Sender(kHost).process(MakeRequest()).getData(), Json::Value("again"));
 }
 
-// The kernel drops what does not fit into a full queue of connections: connecting takes for ever.
+// The kernel drops what does not fit into a full queue of connections: connecting takes forever.
 class FullQueue {
  public:
   FullQueue() : port_(UnusedPort()) {

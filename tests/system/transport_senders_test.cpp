@@ -28,8 +28,7 @@ using VexaCCC::MultiSender;
 using VexaCCC::Sender;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr double kThousandHostsS =
-    20;  // the measurement is the benchmark's; this tells one after the other from all at once
+constexpr double kThousandHostsS = 20;  // the benchmark measures; this distinguishes sequential from concurrent calls
 #else
 constexpr double kThousandHostsS = 3;
 #endif

@@ -24,7 +24,7 @@ daemon::ListenerOptions ListenerWith(const transport::TlsFiles& files) {
   return listener;
 }
 
-// Tells who called.
+// Reports who called.
 JsonHost MakeHost(const transport::TlsFiles& files) {
   return JsonHost(
       [](const daemon::HttpRequest& request, const daemon::Responder& responder) {

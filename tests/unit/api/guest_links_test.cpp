@@ -1,4 +1,4 @@
-// The links of guests that are found out in the background, and who waits for them.
+// The links of guests, which are queried in the background, and the readers that wait for them.
 #include "host/api/user/guest_links.h"
 
 #include <gtest/gtest.h>

@@ -207,7 +207,7 @@ TEST_F(GuestStatesTest, Error_NeededHostGone_HasReason) {
       "guest with 'vexa guest recover'.";
   EXPECT_EQ(ReasonFor(902, kHolderOrNamed), sentence);
   EXPECT_EQ(ReasonFor(901, kHolder), "") << "the guest is off";
-  EXPECT_EQ(ReasonFor(409, kHolderOrNamed), "") << "who has no right to the guest learns nothing of it";
+  EXPECT_EQ(ReasonFor(409, kHolderOrNamed), "") << "users without rights on the guest learn nothing about it";
   EXPECT_EQ(ReasonFor(0, kHolderOrNamed), "");
   (void)Require(
       cluster::CurrentEnvironment()->store->Commit({{}, {{store::MakeKey({"run", kFirst}), R"({"host_id":"h2"})"}}}));

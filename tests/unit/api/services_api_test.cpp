@@ -197,7 +197,7 @@ TEST_F(Services, Volume_RealMachine) {
   const Json::Value& volume = answer.data["volume"];
   EXPECT_GT(volume["size_total_byte"].asUInt64(), 0u);
   EXPECT_LE(volume["size_free_byte"].asUInt64(), volume["size_total_byte"].asUInt64());
-  // In a changed root the mount point of "/" may lie outside, and its type is not told.
+  // In a changed root the mount point of "/" may lie outside, and its type is unknown.
   EXPECT_EQ(volume["fs_type"] != "", HasMountPointOfRoot());
   EXPECT_EQ(volume["status"], "normal");
   EXPECT_EQ(Real("VEXA.Core.Storage.Volume", "get", R"({"volume_path":"/proc"})").data["volume"]["fs_type"], "proc");
@@ -371,7 +371,7 @@ TEST_F(Services, GuestInfo_OnlyOfGuestsThatRunHere) {
   EXPECT_EQ(answer.data, Parsed(R"({"ip":["192.0.2.7"],"uptime":77,"has_agent":true})"));
   EXPECT_EQ(Real("VEXA.CCC.Guest", "get_info", kGuestParameters).data,
             Parsed(R"({"ip":[],"uptime":0,"has_agent":false})"))
-      << "nothing tells more";
+      << "nothing more is known";
   guests_.running.reset();
   EXPECT_EQ(Scripted("VEXA.CCC.Guest", "get_info", kGuestParameters).code, 403);
   for (const char* changes : {R"({"state":"guest_shutdown"})", R"({"host_id":"other"})", R"({"state":7})",

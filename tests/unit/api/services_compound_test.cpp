@@ -178,7 +178,7 @@ TEST_F(Compound, Time_IsSharedByAllItems) {
         return Parsed(R"({"success":false,"error":{"code":102}})");
       },
       options);
-  EXPECT_EQ(called, 1) << "those that have no time left are not begun";
+  EXPECT_EQ(called, 1) << "items without time left are not started";
   for (const Json::Value& result : answer.data["result"]) EXPECT_EQ(result["error"]["code"], 102);
 }
 

@@ -95,7 +95,7 @@ TEST_F(HostApi, UnknownAndHostileIds) {
     EXPECT_EQ(Get(std::string("{\"host_id\":") + id + "}").code, 401) << id;
   }
   host_.PutText("host", kHost, "[]");
-  EXPECT_EQ(Get("{}").code, 0) << "a record that is no object has no members";
+  EXPECT_EQ(Get("{}").code, 0) << "a record that is not an object has no members";
 }
 
 TEST_F(HostApi, GuestInfo_RequiresRightOnGuest) {

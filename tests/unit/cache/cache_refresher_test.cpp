@@ -280,7 +280,7 @@ TEST_F(Refresher, LockOfAnotherProcess_IsNotWaitedFor) {
   EXPECT_EQ(refreshes_.begun, 0);
   ::close(lock);
   EXPECT_TRUE(Soon([&] { return Read() == 1; }));
-  EXPECT_TRUE(CapturedSyslog().empty()) << "that is no failure";
+  EXPECT_TRUE(CapturedSyslog().empty()) << "that is not a failure";
 }
 
 TEST_F(Refresher, LockOfAnotherProcess_IsTriedNowAndThenOnly) {

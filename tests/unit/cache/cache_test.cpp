@@ -40,7 +40,7 @@ namespace fs = std::filesystem;
 namespace json = VexaVirtualization::json;
 
 // Caches without a database.
-// time(2) may still tell the last second when other clocks have begun the next.
+// time(2) may still return the last second when other clocks have begun the next.
 std::time_t UnixNow() { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); }
 
 class Cache : public ::testing::Test {
@@ -194,7 +194,7 @@ TEST_F(Cache, LastSecondOfTheLifetime_IsCurrent) {
 TEST_F(Cache, FileThatBecameEmpty_CountsAsNothing) {
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until its times alone tell that it is the same
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until its times alone show that it is the same
   EXPECT_EQ(Number(cache.ReadCachedData()), 1);
   fs::resize_file(File(), 0);
   EXPECT_TRUE(cache.ReadCachedData().isNull());

@@ -12,7 +12,7 @@
 namespace vexa::services {
 namespace {
 
-// As it is sent: jsoncpp tells a signed from an unsigned 7 before, not after.
+// As it is sent: jsoncpp distinguishes a signed from an unsigned 7 before, not after.
 Json::Value Sent(const Json::Value& value) { return test::Parsed(VexaVirtualization::json::ToText(value)); }
 
 using std::chrono::milliseconds;

@@ -172,7 +172,7 @@ TEST(BaseLibrary, LastError_NamesFileAndLine) {
   EXPECT_GT(line, 0);
   EXPECT_LT(VEXAUserGetUGID(nullptr, nullptr, nullptr), 0);
   EXPECT_STREQ(HLIBCErrorGetFile(), "hlib_accounts.cpp");
-  EXPECT_NE(HLIBCErrorGetLine(), line) << "the two functions are told apart";
+  EXPECT_NE(HLIBCErrorGetLine(), line) << "the two functions are distinguished";
   EXPECT_EQ(HLIBCSzListAlloc(-1), nullptr);
   EXPECT_STREQ(HLIBCErrorGetFile(), "hlib_lists.cpp");
 }

@@ -72,7 +72,7 @@ TEST_F(LocalConfig, WrittenConfiguration_DoesNotReachTheCache) {
   EXPECT_EQ(again, Parsed(R"({"name":"web","state":"guest_running"})"));
   Json::Value record;
   ASSERT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Guest, "g").Get(record, "object"), 0);
-  EXPECT_EQ(record, again) << "both tell the live state";
+  EXPECT_EQ(record, again) << "both contain the live state";
 }
 
 TEST_F(LocalConfig, LocalConfig_MissingOrDamaged_Fails) {

@@ -76,7 +76,7 @@ TEST_F(GuestRecordsTest, ReadRun_WrongTypes_KeepsValidMembers) {
   EXPECT_FALSE(stored.run.starting);
   EXPECT_EQ(stored.run.vcpus, 0u);
   EXPECT_EQ(stored.run.memory_mib, 0u);
-  // What is no number of a processor sets none apart.
+  // What is not the number of a processor dedicates none.
   EXPECT_THAT(stored.run.pinned_cpus, testing::ElementsAre(1u, 7u));
   EXPECT_THAT(ReadRunOf(R"({"host_id":"host","pinned_cpus":{"0":1}})").run.pinned_cpus, testing::IsEmpty());
 }

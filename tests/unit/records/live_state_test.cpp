@@ -294,7 +294,7 @@ TEST_F(LiveState, Observe_EightConcurrent_NewestWins) {
       threads.emplace_back([&] {
         for (int n = 0; n < kEach; ++n) {
           const Sequence sequence = sequencer.Next();
-          // The state follows from the sequence, so that the stored one tells which observation it was.
+          // The state follows from the sequence, so that the stored one shows which observation it was.
           const char* state = sequence.counter % 2 == 0 ? states::running : states::shutdown;
           if (!Observe(host_.store(), "g", Seen(state, sequence))) ++errors;
         }

@@ -209,7 +209,7 @@ TEST_F(SessionsTest, Idle_UsedInTime_LivesOn) {
   }
   now_ += options_.idle.count();
   EXPECT_FALSE(table->Find(alice.token));
-  EXPECT_FALSE(table->End(alice.token)) << "an expired session is none";
+  EXPECT_FALSE(table->End(alice.token)) << "an expired session does not count";
 }
 
 TEST_F(SessionsTest, AbsoluteTimeout_ContinuousUse_StillExpires) {
@@ -483,7 +483,7 @@ TEST_F(SessionsTest, Open_ExpiredInTheFile_AreDropped) {
 TEST_F(SessionsTest, DefaultClock_IsTheSystems) {
   options_.now = nullptr;
   const auto table = Open();
-  // time(2) may still tell the last second when other clocks have begun the next.
+  // time(2) may still return the last second when other clocks have begun the next.
   const auto now = [] { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); };
   const std::int64_t before = now();
   const NewSession alice = Create(*table, "alice");

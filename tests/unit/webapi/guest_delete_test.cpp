@@ -42,7 +42,7 @@ class GuestDelete : public vexa::test::GuestActions {
     return response;
   }
 
-  // Nothing has been sent, told to users or taken back.
+  // Nothing has been sent, logged for users or revoked.
   static void ExpectNothingDone() {
     EXPECT_TRUE(Platform().sent.empty());
     EXPECT_TRUE(Platform().cluster_log.empty());

@@ -23,11 +23,11 @@ class GuestGet : public testing::Test {
  protected:
   void SetUp() override { vexa::test::ClearCapturedSyslog(); }
 
-  // Stores the guest with the members that every record has, and `further` ones.
-  void PutGuest(const std::string& further = "{}") {
+  // Stores the guest with the members that every record has, and `extra` ones.
+  void PutGuest(const std::string& extra = "{}") {
     Json::Value record = Parsed(R"({"name":"web","repository_id":"repo-1","vcpu_num":2,"vram_size":1024,
                                     "cpu_passthru":false,"use_ovmf":false,"vdisks":[],"vnics":[]})");
-    const Json::Value members = Parsed(further);
+    const Json::Value members = Parsed(extra);
     for (const std::string& name : members.getMemberNames()) record[name] = members[name];
     host_.Put("guest", kGuest, record);
   }
@@ -325,7 +325,7 @@ INSTANTIATE_TEST_SUITE_P(
                     BadId{"Number", R"({"guest_id":5})"}, BadId{"Array", R"({"guest_id":["a"]})"},
                     BadId{"NoUuid", R"({"guest_id":"web"})"},
                     BadId{"Path", R"({"guest_id":"../../../../../../../../../../../etc"})"},
-                    BadId{"Format", R"({"guest_id":"%s%s%n","further":["\n",1]})"},
+                    BadId{"Format", R"({"guest_id":"%s%s%n","extra":["\n",1]})"},
                     BadId{"TooShort", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a0"})"},
                     BadId{"TooLong", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a012"})"},
                     BadId{"TrailingBlank", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01 "})"},

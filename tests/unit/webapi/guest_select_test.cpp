@@ -1,4 +1,4 @@
-// GuestAction::AutoSelectHost: which host wins, and what is sent and told.
+// GuestAction::AutoSelectHost: which host wins, and what is sent and logged.
 #include "tests/unit/json/spoiled_json.h"
 #include "tests/unit/webapi/guest_action_ground.h"
 #include "webapi/guest/guest_action.h"

@@ -20,7 +20,7 @@ struct Known {
   const char* check;   // "": any; "uuid"; "text": not empty
   const char* rights;  // "all": who was granted the guest may; "none": may not; "empty": only an empty list
   const char* valid;   // one more value that is fine
-  // Of lists: what is said of an element that is no object, at index 0.
+  // For lists: the complaint about an element that is not an object, at index 0.
   const char* complaint;
 };
 

@@ -1,4 +1,4 @@
-// Guest::Set: what is answered and told for each answer of the host.
+// Guest::Set: what is answered and logged for each answer of the host.
 #include "tests/unit/json/spoiled_json.h"
 #include "tests/unit/webapi/guest_set_ground.h"
 

@@ -207,7 +207,7 @@ TEST_F(GuestState, UnreadableRepository_CountsAsOneInNoState) {
 
 TEST_F(GuestState, LostGuest_IsDoneWithOnlyWhereTheRepositoryCanBeRead) {
   connected_["g"] = 0;
-  // A platform that holds lost guests to be live tells whether they are looked at any further.
+  // A platform that considers lost guests live shows whether anything else is checked.
   Platform().more_online_states = {Guest::crashed, Guest::inaccessible};
   for (const char* lost : {Guest::crashed, Guest::inaccessible}) {
     SetRepository(Repo::online);

@@ -104,7 +104,7 @@ TEST_F(HaWarnings, UnreadableHost_IsInaccessibleAndNameless) {
   EXPECT_EQ(hosts_[0]["host_name"], "name of h1");
   EXPECT_EQ(hosts_[1]["ha_host_status"], Host::inaccessible);
   EXPECT_EQ(hosts_[1]["host_name"], "unknown");
-  // That is no reason.
+  // That is not a reason.
   EXPECT_EQ(reason_, "");
 }
 

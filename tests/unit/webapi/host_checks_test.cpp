@@ -1,4 +1,4 @@
-// What a host tells about a guest, its repository and its tasks.
+// What a host reports about a guest, its repository and its tasks.
 #include <fstream>
 
 #include "tests/unit/webapi/host_ground.h"
