@@ -77,14 +77,14 @@ def metric(port, name):
         for line in reply.read().decode().splitlines():
             if line.startswith(name + " "):
                 return float(line.split()[-1])
-    raise Unmeasured(f"/metrics does not tell {name}")
+    raise Unmeasured(f"/metrics does not contain {name}")
 
 
 def of_process(pid, field):
     for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
         if line.startswith(field + ":"):
             return int(line.split()[1])
-    raise Unmeasured(f"/proc/{pid}/status does not tell {field}")
+    raise Unmeasured(f"/proc/{pid}/status does not contain {field}")
 
 
 def wait_until(condition, seconds, what):

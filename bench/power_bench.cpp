@@ -99,7 +99,7 @@ class Authority {
 // A host of the cluster that answers every call, immediately or when released.
 class Host {
  public:
-  enum class Answers { kAtOnce, kWhenReleased };
+  enum class Answers { kImmediately, kWhenReleased };
 
   Host(Answers answers, const transport::TlsFiles& tls) {
     daemon::ServerOptions options;
@@ -110,7 +110,7 @@ class Host {
     options.listeners = {listener};
     options.io_threads = 1;
     options.on_request = [this, answers](daemon::HttpRequest&&, daemon::Responder responder) {
-      if (answers == Answers::kAtOnce) return Answer(responder);
+      if (answers == Answers::kImmediately) return Answer(responder);
       const std::lock_guard lock(mutex_);
       held_.push_back(std::move(responder));
     };
@@ -397,7 +397,7 @@ int main() {
   bench::Seed(data);
   if (!WriteFileAtomically(data + "/host-id", kLocalHost + "\n", 0600)) bench::Fail("cannot write the host's id");
   Host hanging(Host::Answers::kWhenReleased, authority.FilesOf(kHangingHost));
-  const Host healthy(Host::Answers::kAtOnce, authority.FilesOf(kHealthyHost));
+  const Host healthy(Host::Answers::kImmediately, authority.FilesOf(kHealthyHost));
   const SilentHost silent;
   store::LmdbOptions options;
   options.directory = data + "/store";

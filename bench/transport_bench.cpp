@@ -187,7 +187,7 @@ void MeasureCost(int hosts) {
   const double first = cluster.Ask();
   std::vector<double> later;
   for (int i = 0; i < kRounds; ++i) later.push_back(cluster.Ask());
-  std::printf("%5d hosts at once:        first %7.1f ms (%5.0f us per host), later %7.1f ms (%5.0f us per host)\n",
+  std::printf("%5d hosts together:       first %7.1f ms (%5.0f us per host), later %7.1f ms (%5.0f us per host)\n",
               hosts, first, 1000 * first / hosts, Median(later), 1000 * Median(later) / hosts);
 }
 

@@ -23,7 +23,7 @@ Result<std::string> ReadStandardInput() {
   std::array<char, 65536> buffer;
   while (std::cin.read(buffer.data(), buffer.size()) || std::cin.gcount() > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(std::cin.gcount()));
-    if (text.size() > kMaxReplyBytes) return Error(ErrorCode::kInvalid, "Standard input holds more than 16 MiB");
+    if (text.size() > kMaxReplyBytes) return Error(ErrorCode::kInvalid, "Standard input is larger than 16 MiB");
   }
   return text;
 }
@@ -40,7 +40,7 @@ ExitCode RunCall(const GlobalOptions& global, const CallOptions& options) {
   const Result<Json::Value> parsed = ParseJson(*body);
   if (!parsed) return Report(Error(ErrorCode::kInvalid, "The parameters are not valid JSON", parsed.error().cause()));
   if (!parsed->isObject()) {
-    return Report(Error(ErrorCode::kInvalid, "The parameters are no JSON object, such as '{\"guest_id\": \"…\"}'"));
+    return Report(Error(ErrorCode::kInvalid, "The parameters are not a JSON object, such as '{\"guest_id\": \"…\"}'"));
   }
 
   const Result<HttpClientOptions> connect = ConnectOptions(global);

@@ -70,7 +70,7 @@ ExitCode RunClusterInit(const GlobalOptions& global, const std::string& director
   if (!authority) return Report(authority.error());
   const Secret kept = Keep(std::move(*authority));
   if (Status written = Write(*kept, key_path, certificate_path); !written) return Report(written.error());
-  return Done(global, "Made the authority '" + certificate_path + "'. Whoever has '" + key_path +
+  return Done(global, "Made the authority '" + certificate_path + "'. Anyone who has '" + key_path +
                           "' can make hosts: keep it safe, and off the hosts.");
 }
 

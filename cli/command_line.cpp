@@ -44,7 +44,7 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
       ->check(CLI::Range(1, 86'400));
   app.add_flag("--json", options.json, "Print the data as JSON");
   app.add_flag("-q,--quiet", options.quiet, "Print no confirmations");
-  app.add_flag("-v,--verbose", options.verbose, "Tell each request and reply on standard error, without secrets");
+  app.add_flag("-v,--verbose", options.verbose, "Print each request and reply on standard error, without secrets");
   app.add_flag("--insecure-http", options.insecure_http, "Send passwords and tokens unencrypted if need be");
 }
 

@@ -12,16 +12,17 @@ namespace {
 using Shared = std::shared_ptr<GuestActionOptions>;
 
 constexpr const char* kTimes =
-    "\nWithout --timeout the server has 3600 s for each guest. Ctrl-C ends at once and tells which guests have been\n"
-    "answered for; what has been sent is not taken back. A name that is nobody's or several guests' stops everything\n"
-    "before anything is sent.";
+    "\nWithout --timeout the server has 3600 s for each guest. Ctrl-C ends the command immediately and reports\n"
+    "which guests have been answered; requests that were sent are not taken back. A name that is unknown or belongs\n"
+    "to several guests stops the command before anything is sent.";
 
 CLI::App* AddAction(CLI::App& guest, Invocation& invocation, GuestAction action, const char* word, const char* help,
                     Shared& options) {
   options = std::make_shared<GuestActionOptions>();
   options->action = action;
   CLI::App* command = guest.add_subcommand(word, help);
-  command->add_option("GUEST", options->guests, "Ids or names of guests; several are worked on at once")->required();
+  command->add_option("GUEST", options->guests, "Ids or names of guests; several are worked on concurrently")
+      ->required();
   command->callback([&invocation, shared = options] {
     invocation.run = [&invocation, shared] { return RunGuestAction(invocation.global, *shared); };
   });
@@ -66,15 +67,13 @@ void AddKeeping(CLI::App& guest, Invocation& invocation) {
   command->footer(
       "\nA guest that libvirt saved ('virsh managedsave', or a shutdown of its host) is shown as saved, and 'vexa "
       "guest\n"
-      "start' goes on with it. Without its memory it starts as after a power cut: what it had not written to its "
-      "disks\n"
-      "is lost.");
+      "start' resumes it. Without its memory it starts as after a power cut: data that it had not written to its\n"
+      "disks is lost.");
   command = AddAction(guest, invocation, GuestAction::kRelease, "release",
-                      "Give guests that are off back to libvirt (administrators)", options);
+                      "Return guests that are off to libvirt (administrators)", options);
   command->footer(
-      "\nlibvirt keeps the definition of each guest, as it is set now, without VEXA's mark, and starts it with the "
-      "host\n"
-      "again where it did so before the import. All files stay. The cluster forgets the guest and who may use it;\n"
+      "\nlibvirt keeps the current definition of each guest, without VEXA's mark, and starts the guest with the host\n"
+      "again if it did so before the import. All files stay. The cluster removes the guest and its grants;\n"
       "'vexa import' brings it back.");
 }
 
@@ -87,8 +86,8 @@ void AddActionCommands(CLI::App& app, Invocation& invocation) {
   AddWaiting(command, options, "Wait until each guest is running");
   command = AddAction(guest, invocation, GuestAction::kStop, "stop", "Ask guests to shut down", options);
   AddWaiting(command, options, "Wait until each guest has shut down");
-  command =
-      AddAction(guest, invocation, GuestAction::kKill, "kill", "Power guests off at once, as if unplugged", options);
+  command = AddAction(guest, invocation, GuestAction::kKill, "kill", "Power guests off immediately, as if unplugged",
+                      options);
   AddWaiting(command, options, "Wait until each guest is shown as shut down");
   command = AddAction(guest, invocation, GuestAction::kRestart, "restart", "Reboot guests", options);
   command->footer(
@@ -99,9 +98,9 @@ void AddActionCommands(CLI::App& app, Invocation& invocation) {
       "-y,--yes", [options] { options->confirmation = Confirmation::kGiven; }, "Do not ask");
   command->footer(
       std::string(
-          "\nAsks on the terminal first; without a terminal it refuses unless --yes is given. A guest that runs is\n"
-          "not deleted: its host refuses, so shut it down first. There is nothing to wait for beyond the answer:\n"
-          "the guest is gone by then.") +
+          "\nAsks on the terminal first; without a terminal it refuses unless --yes is given. A running guest is\n"
+          "not deleted: its host refuses, so shut it down first. The answer means that the guest has been deleted;\n"
+          "there is nothing more to wait for.") +
       kTimes);
   AddKeeping(guest, invocation);
   AddLog(app, invocation);

@@ -58,7 +58,7 @@ void AddRequests(CLI::App& app, Invocation& invocation) {
     invocation.run = [&invocation, options] { return RunCall(invocation.global, *options); };
   });
 
-  app.add_subcommand("health", "Ask whether the server is well")->callback([&invocation] {
+  app.add_subcommand("health", "Check the health of the server")->callback([&invocation] {
     invocation.run = [&invocation] { return RunHealth(invocation.global); };
   });
 }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kSetFooter = R"(
 Settings and devices are changed all or none, and rights after that. There is nothing to wait for
-beyond the answer; without --timeout the server has 3600 s. Ctrl-C ends at once; what has been sent is not taken back.
+beyond the answer; without --timeout the server has 3600 s. Ctrl-C ends immediately; what has been sent is not taken back.
 What a guest that runs cannot take counts from its next start. Sizes of disks are in GiB, vram_size is in MiB.
 
 The server looks the names of users and groups up, for administrators. With --system they are this machine's own, with
@@ -49,7 +49,7 @@ void AddRepeated(CLI::App& command, const std::string& option, std::vector<std::
 // The options that name the store, where names are looked up then.
 std::vector<const CLI::Option*> AddStoreOptions(CLI::App& set, AccountPlaces& places) {
   return {set.add_option("--accounts", places.other_accounts_path,
-                         "An account file of an older version to take over, when it is not accounts.json in the data "
+                         "An account file of an older version to migrate, when it is not accounts.json in the data "
                          "folder")
               ->type_name("PATH"),
           set.add_option("--store", places.other_store,
@@ -67,7 +67,7 @@ void AddSetOptions(CLI::App& set, GuestSetOptions& options) {
   AddRepeated(set, "--add-disk", words.add_disks, "GIB", "Add a disk of this many GiB");
   AddRepeated(set, "--del-disk", words.del_disks, "ID", "Remove a disk with all that is on it");
   AddRepeated(set, "--grow-disk", words.grow_disks, "ID=GIB", "Make a disk larger, to this many GiB");
-  set.add_option("--order-disks", words.order_disks, "The disks in their new order; those not named follow")
+  set.add_option("--order-disks", words.order_disks, "The new order of the disks; disks that are not named follow")
       ->type_name("ID,ID,...");
   AddRepeated(set, "--add-nic", words.add_nics, "net=ID[,type=N][,mac=ADDRESS][,sriov=true]",
               "Add a network interface; net=none for no network, type 1 (VirtIO, as without it), 2 (e1000) or 3 "
@@ -76,7 +76,7 @@ void AddSetOptions(CLI::App& set, GuestSetOptions& options) {
   AddRepeated(set, "--edit-nic", words.edit_nics, "ID,net=ID|type=N|mac=ADDRESS|sriov=true,...",
               "Change a network interface");
   AddRepeated(set, "--iso", words.isos, "IMAGE",
-              "What a drive holds from now on: the id of an image, an absolute path, or 'none'; all drives are set, "
+              "The new content of a drive: the id of an image, an absolute path, or 'none'; all drives are set, "
               "the first one is the first that is named");
   AddRepeated(set, "--usb", words.usbs, "DEVICE",
               "A USB device of the host to pass through: 1234:00ab (vendor and product), 3.14 (bus and device), or "

@@ -9,7 +9,7 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kOffHelp =
-    "I have made sure that the machine of the host is off: two machines that run on the same disks destroy them";
+    "Confirm that the host's machine is off. Two machines that use the same disks destroy them";
 
 }  // namespace
 
@@ -41,9 +41,8 @@ void AddRecoveryCommands(CLI::App& app, Invocation& invocation) {
   forget->add_flag("--recover-guests", host->recover_guests,
                    "Recover the guests that it has, too; their saved memory is lost");
   forget->footer(
-      "\nIts repositories stay, as missing ones. Its vexad does not start again, unless it joins as a new host "
-      "(without\n"
-      "the file 'host-id' in its data folder), or is started once with --take-host-id.");
+      "\nIts repositories stay and are shown as inaccessible. Its vexad does not start again unless it joins as a new\n"
+      "host (without the file 'host-id' in its data folder) or is started once with --take-host-id.");
   forget->callback([&invocation, host] {
     invocation.run = [&invocation, host] { return RunHostForget(invocation.global, *host); };
   });

@@ -173,11 +173,11 @@ std::string DescribeExit(int status) {
 
 Result<Edited> RunEditor(const std::string& text) {
   const std::string editor = EditorCommand();
-  if (editor.empty()) return Error(ErrorCode::kNotFound, "There is no editor: set $VISUAL or $EDITOR");
+  if (editor.empty()) return Error(ErrorCode::kNotFound, "No editor was found. Set $VISUAL or $EDITOR");
   const HeldSignals signals;
   const PrivateFolder folder;
   if (folder.error() != 0) {
-    return SystemError(ErrorCode::kUnavailable, "No folder can be made for the text to edit", folder.error());
+    return SystemError(ErrorCode::kUnavailable, "Cannot create a folder for the text to edit", folder.error());
   }
   const std::string file = folder.path() + "/guest.txt";
   const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
@@ -204,8 +204,7 @@ Result<Edited> RunEditor(const std::string& text) {
     edited.end = Edited::End::kGivenUp;
     edited.why = DescribeExit(status);
   } else if (!content) {
-    return Error(ErrorCode::kUnavailable, "What the editor left cannot be read" + RescueText(file),
-                 content.error().ToString());
+    return Error(ErrorCode::kUnavailable, "Cannot read the edited text" + RescueText(file), content.error().ToString());
   } else {
     edited.text = std::move(*content);
   }

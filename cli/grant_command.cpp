@@ -66,7 +66,7 @@ Result<cluster::PrincipalWord> WordOf(const GrantTarget& target) {
   if (target.form == NameForm::kName) {
     if (target.source == NameSource::kAccounts && !base::IsValidAccountName(text)) {
       const char* const kind = target.kind == AccountKind::kUser ? "user" : "group";
-      return Error(ErrorCode::kNotFound, std::string("There is no ") + kind + " of an impossible name");
+      return Error(ErrorCode::kNotFound, std::string("The ") + kind + " name is invalid");
     }
     if (text.empty() || !IsValidUtf8(text)) return NotText("account's name");
     return cluster::PrincipalWord(text);

@@ -27,7 +27,7 @@ ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const 
 ExitCode RunRevoke(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids);
 ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, cluster::GrantLevel level);
 ExitCode RunShowLevel(const GlobalOptions& global, const GrantTarget& target);
-// Removes the record of the id that the target has, whoever it was given to.
+// Removes the record of the target's id, also when the account no longer exists.
 ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target);
 ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target);
 

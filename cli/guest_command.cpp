@@ -140,7 +140,7 @@ ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) {
-    return Report(Error(ErrorCode::kCorrupt, "The server's reply holds no guest"));
+    return Report(Error(ErrorCode::kCorrupt, "The server's reply contains no guest"));
   }
   Fields fields{{"Guest", guest_id}};
   // A field that is missing from the reply is left out.

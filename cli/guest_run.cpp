@@ -212,7 +212,7 @@ void GuestRun::ShowInterrupted() {
   }
   std::cerr << "vexa: Interrupted.";
   if (!names[2].empty()) std::cerr << " Answered: " << JoinNames(names[2]) << ".";
-  if (!names[1].empty()) std::cerr << " Not answered yet, and not taken back: " << JoinNames(names[1]) << ".";
+  if (!names[1].empty()) std::cerr << " Sent but not answered yet: " << JoinNames(names[1]) << ".";
   if (!names[0].empty()) std::cerr << " Not sent: " << JoinNames(names[0]) << ".";
   std::cerr << '\n';
 }

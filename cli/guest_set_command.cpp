@@ -44,7 +44,8 @@ struct Principal {
 };
 
 Error UnknownPrincipal(const std::string& word) {
-  return Error(ErrorCode::kInvalid, "'" + word + "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
+  return Error(ErrorCode::kInvalid,
+               "Unknown user or group '" + word + "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
 }
 
 Result<Principal> ParsePrincipal(const std::string& word, Right right) {
@@ -227,7 +228,8 @@ CallOutcome SendEdit(const GlobalOptions& global, HttpClientOptions connect, con
   CallOutcome outcome;
   ParallelOptions parallel;
   parallel.on_interrupt = [&] {
-    std::cerr << "vexa: " << Printable(guest.name) << ": Interrupted before it was answered, and not taken back.\n";
+    std::cerr << "vexa: " << Printable(guest.name)
+              << ": Interrupted after the request was sent and before it was answered.\n";
     on_interrupt();
   };
   const std::string body = RenderJson(WithGuest(parameters, guest), JsonLayout::kOneLine);

@@ -62,11 +62,11 @@ Error Bad(std::size_t line, const std::string& text) {
 
 Status ReadLine(std::string_view line, std::size_t number, Json::Value& settings) {
   const std::size_t at = line.find('=');
-  if (at == std::string_view::npos) return Bad(number, "There is no '='; give NAME = VALUE, or a '#' before a comment");
+  if (at == std::string_view::npos) return Bad(number, "There is no '='. Use NAME = VALUE, or start comments with '#'");
   const std::string name(Trimmed(line.substr(0, at)));
   const GuestSetting* const setting = FindSetting(name);
   if (!setting) return Bad(number, UnknownSetting(name).message());
-  if (settings.isMember(name)) return Bad(number, "The setting '" + name + "' is there twice");
+  if (settings.isMember(name)) return Bad(number, "The setting '" + name + "' occurs twice");
   Result<Json::Value> value = ParseJson(Trimmed(line.substr(at + 1)));
   const TypeRow& type = TypeOf(*setting);
   if (!value || !type.is_it(*value)) {

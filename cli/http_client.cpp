@@ -50,7 +50,7 @@ class HttpClient::Impl {
                                             "'; use https, or --insecure-http if you accept that others can read it");
     }
     if (!options_.token.empty() && !IsValidToken(options_.token)) {
-      return Error(ErrorCode::kInvalid, "The token holds characters that no token has");
+      return Error(ErrorCode::kInvalid, "The token contains invalid characters");
     }
     return Perform(path, body);
   }

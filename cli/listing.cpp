@@ -77,7 +77,7 @@ std::string OneParameter(const char* name, const std::string& value) {
 }
 
 Error NotUnderstood(const char* what) {
-  return Error(ErrorCode::kCorrupt, std::string("The server's reply holds no ") + what);
+  return Error(ErrorCode::kCorrupt, std::string("The server's reply contains no ") + what);
 }
 
 Error NotText(const char* what) {

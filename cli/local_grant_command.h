@@ -18,7 +18,7 @@ ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPlaces& places
                         const std::vector<std::string>& guest_ids);
 ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
                           cluster::GrantLevel level);
-// Removes the record of the id that the target has, whoever it was given to.
+// Removes the record of the target's id, also when the account no longer exists.
 ExitCode RunLocalDropGrants(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target);
 
 // The user or group. kNotFound when there is none; kDenied and others as OpenAccounts.

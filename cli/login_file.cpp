@@ -28,7 +28,7 @@ Result<std::string> ReadPrivateFile(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & 077) != 0) {
     return Error(ErrorCode::kDenied,
-                 "Others may use '" + path + "', which holds a token; run: chmod 600 '" + path + "'");
+                 "Others may use '" + path + "', which contains a token. Run: chmod 600 '" + path + "'");
   }
   return ReadFile(path, kMaxFileBytes);
 }
@@ -90,7 +90,7 @@ Result<std::string> ReadTokenFile(const std::string& path) {
   if (!content) return content;
   if (content->ends_with('\n')) content->pop_back();
   if (content->ends_with('\r')) content->pop_back();
-  if (!IsValidToken(*content)) return Error(ErrorCode::kInvalid, "'" + path + "' does not hold a token on one line");
+  if (!IsValidToken(*content)) return Error(ErrorCode::kInvalid, "'" + path + "' does not contain a token on one line");
   return content;
 }
 

@@ -37,7 +37,7 @@ Result<std::string> ReadLine(int fd, int interrupt_fd) {
     line += c;
   }
   if (line.empty()) return Error(ErrorCode::kInvalid, "The password is empty");
-  if (line.find('\0') != std::string::npos) return Error(ErrorCode::kInvalid, "The password holds a NUL character");
+  if (line.find('\0') != std::string::npos) return Error(ErrorCode::kInvalid, "The password contains a NUL character");
   return line;
 }
 
@@ -94,7 +94,7 @@ class SilentTerminal {
 Result<std::string> AskPassword(const std::string& prompt) {
   const SilentTerminal terminal;
   if (!terminal.ready()) {
-    return Error(ErrorCode::kUnavailable, "There is no terminal to ask for a password on; use --password-stdin");
+    return Error(ErrorCode::kUnavailable, "There is no terminal for a password prompt. Use --password-stdin");
   }
   terminal.Show(prompt);
   return ReadLine(terminal.fd(), terminal.signals());

@@ -62,8 +62,8 @@ ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& o
   const bool must_ask = options.action == GuestAction::kDelete && options.confirmation == Confirmation::kAsk;
   if (must_ask && ::isatty(STDIN_FILENO) == 0) {
     return Report(Error(ErrorCode::kInvalid,
-                        "Nobody can be asked whether to delete, as standard input is no terminal; "
-                        "--yes deletes without asking"));
+                        "Cannot ask for confirmation because standard input is not a terminal. "
+                        "Use --yes to delete without asking"));
   }
   const auto is_text = [](const std::string& word) { return !word.empty() && IsValidUtf8(word); };
   if (!std::ranges::all_of(options.guests, is_text)) return Report(NotText("guest's id or name"));

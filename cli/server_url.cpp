@@ -41,7 +41,7 @@ Result<Endpoint> ParseServerUrl(const std::string& text) {
     return Error(ErrorCode::kInvalid, "The server's URL cannot be used", std::move(why));
   };
   for (const char c : text) {
-    if (c <= ' ' || c == '\x7f') return refused("it holds a blank, a control character or a byte beyond ASCII");
+    if (c <= ' ' || c == '\x7f') return refused("it contains a blank, a control character or a byte beyond ASCII");
   }
   const UrlHandle url = Parse(text);
   if (!url) return refused("it does not look like https://host:port");

@@ -64,7 +64,7 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
   const Json::Value& token_value = Member(outcome.data, "token");
   const std::string token = token_value.isString() ? token_value.asString() : "";
   const std::string name = Text(Member(outcome.data, "user"));
-  if (!IsValidToken(token)) return Report(Error(ErrorCode::kCorrupt, "The server's reply holds no usable token"));
+  if (!IsValidToken(token)) return Report(Error(ErrorCode::kCorrupt, "The server's reply contains no valid token"));
   if (const Status saved = SaveLogin({endpoint->url, name.empty() ? user : name, token}); !saved) {
     return Report(saved.error());
   }

@@ -26,7 +26,7 @@ std::string PathOf(const char* method) { return std::string("/webapi/VEXA.Core.A
 // A name that no account has needs no question.
 Status CheckKnown(const std::string& name, const std::string& kind) {
   if (base::IsValidAccountName(name)) return {};
-  return Error(ErrorCode::kNotFound, "There is no " + kind + " of an impossible name");
+  return Error(ErrorCode::kNotFound, "The " + kind + " name is invalid");
 }
 
 Status CheckGroups(const std::vector<std::string>& groups) {

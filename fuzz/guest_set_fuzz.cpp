@@ -204,8 +204,8 @@ Outcome Answer(const Json::Value& parameters, const Mood& mood, const Json::Valu
   if (is_sent) CheckSent(parameters, mood);
   const bool is_done = is_sent && VexaDRCore::Response(reply).isSuccess() && platform.sent[0].host_id != "";
   Check(platform.guest_sets.size() == (is_done ? 1u : 0u), "rights follow a success, and only that");
-  Check(is_sent || platform.cluster_log.empty(), "nobody is told of what was not sent");
-  Check(platform.cluster_log.size() <= 1, "users are told once");
+  Check(is_sent || platform.cluster_log.empty(), "what was not sent is not in the cluster log");
+  Check(platform.cluster_log.size() <= 1, "the cluster log has at most one line");
   Check(is_sent || (response.IsSet() && !response.IsSuccess()), "what is not sent is refused");
   Check(response.IsSuccess() == (is_done && !mood.do_rights_fail()), "success is the host's and the rights'");
   static const std::set<int> codes{401, 403, 406, 407, 409, 411, 413, 909, 910,  919,

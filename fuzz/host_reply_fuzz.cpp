@@ -50,29 +50,30 @@ void CheckQueries(const Json::Value& asked, const VexaDRCore::Response& response
   const bool has_data = response.isSuccess() && response.hasData();
   Json::Value out = asked;
   const bool has_utilization = VexaVirtualization::GetSysUtilization(kHost, asked, out);
-  Check(has_utilization == has_data, "utilization is told when there is data");
+  Check(has_utilization == has_data, "utilization is returned when there is data");
   Check(has_utilization ? out.isObject() && out.isMember("memory") : out == asked, "it has memory, or is untouched");
   (void)VexaVirtualization::GetCpuUsage(out);
   (void)VexaVirtualization::GetFreeRamSize(out);
   out = asked;
-  Check(VexaVirtualization::GetSysInfo(kHost, out) == has_data, "the system is told when there is data");
+  Check(VexaVirtualization::GetSysInfo(kHost, out) == has_data, "the system is returned when there is data");
   out = asked;
-  Check(VexaVirtualization::GetVolumeInfo(kHost, asked, out) == has_data, "the volume is told when there is data");
+  Check(VexaVirtualization::GetVolumeInfo(kHost, asked, out) == has_data, "the volume is returned when there is data");
   out = asked;
   VexaVirtualization::GetVdiskUsage("g", kHost, out);
   Check(out["total_size"].type() == Json::uintValue && out["total_used"].type() == Json::uintValue,
         "totals are unsigned");
   out = asked;
   Check(VexaVirtualization::GetNetStat(kHost, json::String(asked), out) ? out.isObject() : out == asked,
-        "a link is told as an object, or the output is untouched");
+        "a link is returned as an object, or the output is untouched");
 }
 
 void CheckClusterWide(const Json::Value& asked) {
   Json::Value out = asked;
-  Check(VexaVirtualization::GetHostResourceInfo(true, out) == 0, "readable records are no error");
-  Check(out == asked || out[kHost]["free_cpu_ghz"].type() == Json::realValue, "a host is told whole or not at all");
+  Check(VexaVirtualization::GetHostResourceInfo(true, out) == 0, "readable records are not an error");
+  Check(out == asked || out[kHost]["free_cpu_ghz"].type() == Json::realValue,
+        "a host is returned completely or not at all");
   out = asked;
-  Check(VexaVirtualization::GetHostResourceInfo(false, out) == 0, "readable records are no error");
+  Check(VexaVirtualization::GetHostResourceInfo(false, out) == 0, "readable records are not an error");
   (void)VexaVirtualization::GetHostTotalMemory(kHost);
   out = asked;
   VexaVirtualization::GetAllInterfaceInfo(out);
@@ -82,14 +83,14 @@ void CheckClusterWide(const Json::Value& asked) {
   out = asked;
   Check(VexaVirtualization::GetDefaultVnic(out) == 0 && out.isArray(), "a new interface is appended");
   out = asked;
-  Check(VexaVirtualization::MacAddrCheck(json::String(asked), out) == -1 && out.isObject(), "a conflict is told");
+  Check(VexaVirtualization::MacAddrCheck(json::String(asked), out) == -1 && out.isObject(), "a conflict is reported");
 }
 
 void CheckGuest(const Json::Value& guest, const Json::Value& asked, const VexaDRCore::Response& response) {
   constexpr auto kUntouched = static_cast<VexaVirtualization::VMCHECK>(std::numeric_limits<int>::min());
   auto check = kUntouched;
   const int result = VexaVirtualization::CheckGuestRepoCap("g", check);
-  Check(result == 0 || ((result == 404 || result == 407) && check == kUntouched), "a check is told or untouched");
+  Check(result == 0 || ((result == 404 || result == 407) && check == kUntouched), "a check is set or untouched");
   const int cleared = VexaVirtualization::ClearPollTaskOnHost(kHost, json::String(asked));
   Check(cleared == (response.isSuccess() ? 0 : -1), "a task is gone when the host says so");
   Json::Value info = asked;
@@ -102,7 +103,7 @@ void CheckGuest(const Json::Value& guest, const Json::Value& asked, const VexaDR
 // The guest's interface "v" is live on the host, and its record is the interface's.
 void CheckStates(const Json::Value& guest, const Json::Value& asked) {
   std::map<std::string, int> connected;
-  Check(VexaVirtualization::GetGuestsConnectedMap(connected), "links are told when everything can be listed");
+  Check(VexaVirtualization::GetGuestsConnectedMap(connected), "links are returned when everything can be listed");
   Check(connected.contains("g"), "every guest has its links");
   std::string state = json::String(json::Member(guest, VexaCCC::DB::_k::state));
   std::string shown;
@@ -113,7 +114,7 @@ void CheckStates(const Json::Value& guest, const Json::Value& asked) {
   Json::Value hosts(Json::arrayValue);
   std::string warning;
   VexaVirtualization::GetHAWarnReason(guest, asked, warning, hosts);
-  Check(hosts.size() == json::Elements(json::Member(guest, "hosts")).size(), "every host of a group is told");
+  Check(hosts.size() == json::Elements(json::Member(guest, "hosts")).size(), "every host of a group is returned");
   Json::Value info = asked;
   VexaVirtualization::GetGuestHAStateType(guest, info, shown, type, reason);
   Json::Value errors = asked;

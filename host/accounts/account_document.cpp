@@ -25,14 +25,14 @@ Error Damaged(std::string why) {
 
 // A name from the file, for a sentence. A malformed name may be of any length and hold anything.
 std::string Quoted(const std::string& name) {
-  return IsValidAccountName(name) ? "'" + name + "'" : std::string("with an impossible name");
+  return IsValidAccountName(name) ? "'" + name + "'" : std::string("with an invalid name");
 }
 
 Status CheckMembers(const Json::Value& object, const std::string& what, std::initializer_list<std::string_view> known) {
   if (!object.isObject()) return Damaged(what + " is not an object");
   for (const std::string& name : object.getMemberNames()) {
     if (std::find(known.begin(), known.end(), name) == known.end()) {
-      return Damaged(what + " has a member that is not known: " + Quoted(name));
+      return Damaged(what + " has an unknown member: " + Quoted(name));
     }
   }
   return {};

@@ -31,7 +31,7 @@ auto Lookup(const std::string& what, const Call& call, const Take& take) -> Resu
     if (error_number == 0 || error_number == ENOENT || error_number == ESRCH) {
       return Error(ErrorCode::kNotFound, "There is no " + what);
     }
-    return SystemError(ErrorCode::kUnavailable, "The name service cannot tell about the " + what, error_number);
+    return SystemError(ErrorCode::kUnavailable, "The name service cannot look up the " + what, error_number);
   }
   return SystemError(ErrorCode::kUnavailable, "The name service's answer is too long about the " + what, ERANGE);
 }
@@ -42,7 +42,7 @@ Group TakeGroup(const group& entry) { return {entry.gr_name, entry.gr_gid}; }
 }  // namespace
 
 Result<NssUser> NssFindUser(const std::string& name) {
-  if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "There is no user of an impossible name");
+  if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "The user name is invalid");
   return Lookup<passwd>(
       "user '" + name + "'",
       [&](passwd* entry, char* buffer, std::size_t size, passwd** found) {
@@ -61,7 +61,7 @@ Result<NssUser> NssFindUserByUid(std::uint32_t uid) {
 }
 
 Result<Group> NssFindGroup(const std::string& name) {
-  if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "There is no group of an impossible name");
+  if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "The group name is invalid");
   return Lookup<group>(
       "group '" + name + "'",
       [&](group* entry, char* buffer, std::size_t size, group** found) {

@@ -65,7 +65,7 @@ constexpr ErrorRow kErrors[] = {
     {935, 409,
      "A USB device could not be passed through, or the repository is another host's and a disk of the guest is not "
      "VirtIO."},
-    {936, 400, "A USB device is none that can be passed through: give vendor and product, or bus and device."},
+    {936, 400, "This USB device cannot be passed through. Use vendor and product, or bus and device."},
     {937, 409, "A USB device could not be passed through to the guest."},
     {938, 409, "The guest has no USB port left, or no USB controller, for a device."},
     {939, 409, "The guest is running already."},

@@ -14,9 +14,9 @@ void Guarded(const char* what, const Act& act) noexcept {
   try {
     act();
   } catch (const std::exception& exception) {
-    ::syslog(LOG_ERR, "%s failed and goes on: %s", what, exception.what());
+    ::syslog(LOG_ERR, "%s failed and continues: %s", what, exception.what());
   } catch (...) {
-    ::syslog(LOG_ERR, "%s failed and goes on: an unknown exception", what);
+    ::syslog(LOG_ERR, "%s failed and continues: an unknown exception", what);
   }
 }
 

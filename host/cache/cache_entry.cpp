@@ -73,7 +73,7 @@ Result<Json::Value> CacheEntry::FindOut() const {
   try {
     Json::Value data;
     if (!cache_.GetUpdatedData(data)) return Error(ErrorCode::kUnavailable, "The value could not be found out");
-    if (!cache_.IsValid(data)) return Error(ErrorCode::kInvalid, "What was found out is no value of this cache");
+    if (!cache_.IsValid(data)) return Error(ErrorCode::kInvalid, "The computed value is not valid for this cache");
     return data;
   } catch (const std::exception& exception) {
     return Error(ErrorCode::kInternal, "Finding the value out failed", exception.what());

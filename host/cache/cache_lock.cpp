@@ -34,7 +34,7 @@ Result<CacheLock> CacheLock::Try(const CachePaths& paths) {
     }
     if (HasName(lock.fd_.get(), paths.lock)) return lock;
   }
-  return Error(ErrorCode::kBusy, "Somebody else holds '" + paths.lock + "'");
+  return Error(ErrorCode::kBusy, "Another process or thread holds '" + paths.lock + "'");
 }
 
 }  // namespace vexa::cluster

@@ -41,7 +41,7 @@ Result<CacheRecord> ParseCacheRecord(std::string_view text, const std::string& g
   const Json::Value& valid_s = json::Member(record, "valid_s");
   if (!IsText(json::Member(record, "group"), group) || !IsText(json::Member(record, "name"), name) || !time.isInt64() ||
       !valid_s.isInt() || !json::FindMember(record, "data")) {
-    return Error(ErrorCode::kInvalid, "This is no record of the cache '" + group + "/" + name + "'");
+    return Error(ErrorCode::kInvalid, "This is not a record of the cache '" + group + "/" + name + "'");
   }
   CacheRecord result;
   result.info = MakeInfo(group, name, json::Int64(time), json::Int(valid_s));

@@ -23,9 +23,8 @@ const base::Group* GroupOf(const AccountIndex& accounts, const PrincipalWord& gr
 }  // namespace
 
 Error NoGroup(const std::string& name) {
-  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                         ? "There is no group '" + name + "'"
-                                         : std::string("There is no group of an impossible name"));
+  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name) ? "There is no group '" + name + "'"
+                                                                    : std::string("The group name is invalid"));
 }
 
 Error NoGroupWithGid(std::uint32_t gid) {

@@ -1,4 +1,4 @@
-// Changes of the groups in the store, beside those that come with a user.
+// Changes of the groups in the store, beside the changes that come with a user.
 #pragma once
 
 #include <cstdint>

@@ -23,9 +23,8 @@ Error Unavailable(const Error& cause) {
 }
 
 Error UnknownUser(const std::string& name) {
-  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name)
-                                         ? "There is no user '" + name + "'"
-                                         : std::string("There is no user of an impossible name"));
+  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name) ? "There is no user '" + name + "'"
+                                                                    : std::string("The user name is invalid"));
 }
 
 Error NoUserWithUid(std::uint32_t uid) {

@@ -114,7 +114,7 @@ class TakeOver {
       if (is_same && known->gid != group.gid) {
         notes_.push_back("The group '" + group.name + "' of '" + path_ + "' has the id " + std::to_string(known->gid) +
                          " from now on, as in the whole cluster, and not " + std::to_string(group.gid) +
-                         ". What was granted to the old id does not count for it");
+                         ". Grants of the old id do not apply to it");
       }
       return {};
     }
@@ -134,7 +134,7 @@ class TakeOver {
                            SortedIds(known->user) == SortedIds(account.user);
       if (!is_same) {
         notes_.push_back("The user '" + record.name + "' of '" + path_ +
-                         "' was not taken over, since the cluster has a user '" + known->user.name +
+                         "' was not migrated because the cluster already has a user '" + known->user.name +
                          "' already. If they are one person, that account counts; otherwise add the other one under "
                          "another name with 'vexa user add'");
       }
@@ -181,9 +181,10 @@ class TakeOver {
 
   // Until now, this uid was valid on one machine only.
   void NoteMachineUid(const std::string& name, std::uint32_t uid) {
-    notes_.push_back("The user '" + name + "' of '" + path_ + "' keeps the uid " + std::to_string(uid) +
-                     ": whoever has it on any machine of the cluster is this user on the machine's Unix socket. If "
-                     "machines differ in whose it is, delete the user with 'vexa user del' and add it without --uid");
+    notes_.push_back(
+        "The user '" + name + "' of '" + path_ + "' keeps the uid " + std::to_string(uid) +
+        ": on every machine of the cluster, the account with this uid is this user on the machine's Unix socket. If "
+        "machines differ in whose it is, delete the user with 'vexa user del' and add it without --uid");
   }
 
   void NoteLeftOut(const std::string& name, const std::vector<std::string>& members) {
@@ -214,7 +215,7 @@ Result<store::Transaction> Plan(store::Store& store, const base::AccountFile& fi
   const auto taken = (*snapshot)->Get(TakenOverKey(file.fingerprint));
   if (!taken) return taken.error();
   if (taken->has_value()) {
-    notes.push_back("The accounts of '" + path + "' were taken over before: the file is only renamed");
+    notes.push_back("The accounts of '" + path + "' were migrated before. The file is only renamed");
     return store::Transaction();
   }
   auto edit = AccountEdit::Begin(**snapshot);

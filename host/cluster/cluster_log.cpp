@@ -140,7 +140,7 @@ Status AddLogEntry(store::Store& store, LogEntry entry) {
 
 Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
   if (!cursor.empty() && !IsPosition(cursor)) {
-    return Error(ErrorCode::kInvalid, "This is no cursor of the cluster log");
+    return Error(ErrorCode::kInvalid, "This is not a cursor of the cluster log");
   }
   limit = std::clamp<std::size_t>(limit, 1, kMaxLogPage);
   struct Found {

@@ -97,7 +97,7 @@ Result<GrantPrincipal> FindPrincipal(const AccountStore& accounts, const store::
 }
 
 Result<GrantPrincipal> FindSystemPrincipal(AccountKind kind, const PrincipalWord& word) {
-  // Whoever was deleted in the store has nothing to do with the machine's own.
+  // Accounts that were deleted in the store have nothing to do with the machine's own.
   constexpr store::Revision kSeenAll = UINT64_MAX;
   const auto* const name = std::get_if<std::string>(&word);
   const std::uint32_t id = name ? 0 : std::get<std::uint32_t>(word);

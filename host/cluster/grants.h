@@ -59,7 +59,7 @@ Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const s
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
 Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, GrantLevel level);
 
-// Removes the record of the id, whoever it was given to. No record is not an error.
+// Removes the record of the id, also when the account no longer exists. No record is not an error.
 Status DropGrants(store::Store& store, AccountKind kind, std::uint32_t id);
 
 // Nothing when there is no record. kCorrupt when it cannot be understood.

@@ -183,7 +183,7 @@ bool HostClaim::GoOnUnwritten(const Error& error) {
   if (!snapshot) return false;
   const Result<StoredObject> claim = LoadObject(**snapshot, HostClaimKey(options_.host_id));
   if (!claim || claim->revision == 0 || !IsOfMachine(claim->record, options_.identity)) return false;
-  ::syslog(LOG_ERR, "The claim of this host's id cannot be written, and is used as it is: %s",
+  ::syslog(LOG_ERR, "The claim of this host's id cannot be written. The existing claim is used: %s",
            error.ToString().c_str());
   token_ = TextMember(claim->record, "token");
   incarnation_ = IncarnationOf(claim->record);
@@ -205,8 +205,9 @@ Status HostClaim::Check() const {
   const Result<Standing> standing = Look();
   if (!standing) return standing.error();
   if (*standing == Standing::kHeld) return {};
-  return Error(ErrorCode::kDenied,
-               "This host was taken for gone meanwhile, and has not looked yet at what was taken from it");
+  return Error(
+      ErrorCode::kDenied,
+      "Other hosts considered this host gone meanwhile, and it has not yet settled which guests were taken from it");
 }
 
 Status HostClaim::Renew() {

@@ -208,7 +208,7 @@ bool HostPresence::MayWrite() {
   if (*standing == Standing::kFenced) {
     if (!std::exchange(is_settling_, true)) {
       ::syslog(LOG_WARNING,
-               "This host was taken for gone, and guests were taken from it: their machines here are ended.");
+               "Other hosts considered this host gone and took guests from it. Their machines here are being ended.");
     }
     if (options_.settle_fenced && !options_.settle_fenced()) return false;
     renewed = options_.claim->Renew();

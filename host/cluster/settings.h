@@ -14,7 +14,7 @@ namespace vexa::cluster {
 
 struct ClusterSettings {
   // Whether a guest without a host may be assigned one when it is powered on. By default it may: a new guest starts
-  // without further steps, and a guest that must stay in one place has a host.
+  // without more steps, and a guest that must stay in one place has a host.
   bool auto_select_host = true;
 };
 

@@ -22,7 +22,7 @@ The configuration file holds the same settings without the dashes, one "name = v
 Flags go before the file.
 
 SIGTERM and SIGINT stop the daemon: requests that have begun finish, for at most stop-timeout seconds; a second signal
-ends it at once.)";
+ends it immediately.)";
 
 struct Address {
   std::string host;
@@ -32,7 +32,7 @@ struct Address {
 Result<Address> ParseAddress(const std::string& text) {
   const Error refused(ErrorCode::kInvalid,
                       "'" + text +
-                          "' is no address to listen on: write a numeric address and a port, such as "
+                          "' is not an address to listen on. Use a numeric address and a port, such as "
                           "127.0.0.1:8642 or [::1]:8642");
   const std::size_t colon = text.rfind(':');
   if (colon == std::string::npos) return refused;
@@ -62,8 +62,7 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
     return path == kDefaultFile ? std::string() : CLI::ExistingFile(path);
   });
   app.allow_config_extras(CLI::config_extras_mode::error);
-  app.add_flag("--check-config", check_config, "Check the configuration, say what is wrong, and exit")
-      ->configurable(false);
+  app.add_flag("--check-config", check_config, "Check the configuration, report errors, and exit")->configurable(false);
 
   app.add_flag("--take-host-id", config.take_host_id,
                "For one start: this machine has replaced the one that had the host id of the data folder, which is off "
@@ -82,7 +81,7 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
       ->group("Accounts");
   app.add_option(
          "--account-file", config.account_file,
-         "An account file of an older version, taken over into the store (default: accounts.json in the data folder)")
+         "An account file of an older version, migrated into the store (default: accounts.json in the data folder)")
       ->group("Accounts");
   app.add_option("--pam-service", config.pam_service, "The PAM service's name")->group("Accounts");
   app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)")
@@ -134,9 +133,10 @@ void AddOptions(CLI::App& app, Config& config, bool& check_config) {
                  "Percent of it from which the repository is full and its guests are not started; 0 for never")
       ->check(CLI::Range(0, 100))
       ->group("Guests");
-  app.add_option("--repository-headroom", config.repository_headroom,
-                 "With more GiB free than this a file system is neither, whatever the percentage; 0 for percentages "
-                 "alone")
+  app.add_option(
+         "--repository-headroom", config.repository_headroom,
+         "A file system with more free GiB than this never counts as short of space or full; 0: only percentages "
+         "alone")
       ->check(CLI::Range(0, 1'048'576))
       ->group("Guests");
   app.add_option("--vcpus-per-cpu", config.vcpus_per_cpu,
@@ -267,7 +267,7 @@ Status CheckGuests(const Config& config) {
   for (const std::string& folder : folders) {
     if (folder.starts_with('/') && folder.find('\0') == std::string::npos) continue;
     return Error(ErrorCode::kInvalid,
-                 "'" + folder + "' is no absolute path, as 'image-roots' and 'hypervisor-root' need it");
+                 "'" + folder + "' is not an absolute path, which 'image-roots' and 'hypervisor-root' require");
   }
   return {};
 }

@@ -252,7 +252,8 @@ class Daemon::Impl {
   void ReleaseClaim() {
     if (!claim_) return;
     const Status released = claim_->Release();
-    if (!released) ::syslog(LOG_ERR, "The claim of this host's id stays: %s", released.error().ToString().c_str());
+    if (!released)
+      ::syslog(LOG_ERR, "The claim of this host's id could not be released: %s", released.error().ToString().c_str());
   }
 
   Status OpenData(const Config& config) {

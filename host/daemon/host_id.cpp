@@ -19,7 +19,7 @@ Result<std::string> LoadHostId(const std::string& data_directory) {
     while (!stored->empty() && stored->back() == '\n') stored->pop_back();
     if (VexaCCC::Utils::isUUID(*stored)) return stored;
     return Error(ErrorCode::kCorrupt,
-                 "'" + path + "' holds no UUID: restore it, or remove it to give this host a new id");
+                 "'" + path + "' does not contain a UUID. Restore it, or remove it to give this host a new id");
   }
   if (stored.error().code() != ErrorCode::kNotFound) return stored.error();
   Result<std::string> id = RandomUuid();

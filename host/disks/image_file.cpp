@@ -80,7 +80,8 @@ Error UnsupportedImage(const std::string& path, const std::string& what) {
 Result<Growth> PlanQcow2Growth(const DiskFiles& files, const std::string& path, std::uint64_t size) {
   const auto header = files.ReadAt(path, 0, kHeaderLength);
   if (!header) return header.error();
-  if (header->size() < 72 || !header->starts_with(kMagic)) return About(path, ErrorCode::kInvalid, "is no qcow2 image");
+  if (header->size() < 72 || !header->starts_with(kMagic))
+    return About(path, ErrorCode::kInvalid, "is not a qcow2 image");
   const std::uint64_t version = NumberAt(*header, 4, 4);
   const auto cluster_bits = static_cast<unsigned>(NumberAt(*header, 20, 4));
   const std::uint64_t entries = NumberAt(*header, 36, 4);
@@ -110,7 +111,7 @@ Result<Growth> PlanQcow2Growth(const DiskFiles& files, const std::string& path, 
   return growth;
 }
 
-Error Otherwise(const std::string& path) { return About(path, ErrorCode::kConflict, "was changed by somebody else"); }
+Error Otherwise(const std::string& path) { return About(path, ErrorCode::kConflict, "was changed by another program"); }
 
 Status Change(const DiskFiles& files, const std::string& path, std::uint64_t from, std::uint64_t to) {
   const auto length = files.Length(path);

@@ -16,9 +16,9 @@ Status Check(const GuestRecords& records, const BuildOptions& options) {
   using domain_xml::Quote;
   using domain_xml::Refused;
   if (NormalizeUuid(records.id).empty()) {
-    return Refused("The id of the guest, " + Quote(records.id) + ", is no UUID: give one of the form 8-4-4-4-12");
+    return Refused("The id of the guest, " + Quote(records.id) + ", is not a UUID. Use the form 8-4-4-4-12");
   }
-  if (!records.guest.isObject()) return Refused("The record of the guest is no object");
+  if (!records.guest.isObject()) return Refused("The record of the guest is not an object");
   if (options.domain_type != "kvm" && options.domain_type != "qemu" && options.domain_type != "test") {
     return Refused("The type of the domain is " + Quote(options.domain_type) + ": give 'kvm', 'qemu' or 'test'");
   }

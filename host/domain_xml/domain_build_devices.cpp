@@ -85,17 +85,17 @@ bool WriteHostDevice(Context& context, const std::string& name) {
 Status WriteHostDevices(Context& context, std::int64_t version) {
   const Json::Value& usbs = json::Member(context.guest(), "usbs");
   if (!usbs.isNull() && (!usbs.isArray() || usbs.size() > kUsbPorts)) {
-    return Refused("The member 'usbs' of the guest is no list of at most four devices");
+    return Refused("The member 'usbs' of the guest is not a list of at most four devices");
   }
   if (context.options.usb_bus == UsbBus::kAbsent) return {};
   for (const Json::Value& entry : json::Elements(usbs)) {
-    if (!entry.isString()) return Refused("An entry of 'usbs' of the guest is no text");
+    if (!entry.isString()) return Refused("An entry of 'usbs' of the guest is not a text");
     const std::string name = json::String(entry);
     if (name.empty() || name == "unmounted") continue;
     if (version == 0) return Refused("The guest has the USB device " + Quote(name) + " and no USB controller");
     if (!WriteHostDevice(context, name)) {
       return Refused("The USB device " + Quote(name) +
-                     " is no device: give a vendor and a product ('1234:00ab') or a bus and a device ('3.14')");
+                     " is not a USB device. Use a vendor and a product ('1234:00ab') or a bus and a device ('3.14')");
     }
   }
   return {};
@@ -111,7 +111,7 @@ Status WriteScreen(Context& context) {
   if (!layout) return layout.error();
   const bool own_layout = !layout->empty() && *layout != "Default";
   if (own_layout && !domain_xml::IsLayoutName(*layout)) {
-    return Refused("The keyboard layout " + Quote(*layout) + " is no name of a layout: give one such as 'en-us'");
+    return Refused("The keyboard layout " + Quote(*layout) + " is not a keyboard layout. Use a name such as 'en-us'");
   }
   // On a socket, because with a port every user of the host could see the screen.
   pugi::xml_node graphics = Add(context.devices, "graphics");

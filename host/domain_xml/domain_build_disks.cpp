@@ -95,11 +95,11 @@ Status WriteDisk(Context& context, const std::string& id, const Json::Value& dis
 Result<std::vector<std::string>> ImagePaths(const Context& context) {
   const Json::Value& images = json::Member(context.guest(), "iso_images");
   if (!images.isNull() && (!images.isArray() || images.size() > kMaxIsoImages)) {
-    return Refused("The member 'iso_images' of the guest is no list of at most two images");
+    return Refused("The member 'iso_images' of the guest is not a list of at most two images");
   }
   std::vector<std::string> paths;
   for (const Json::Value& entry : json::Elements(images)) {
-    if (!entry.isString()) return Refused("An entry of 'iso_images' of the guest is no text");
+    if (!entry.isString()) return Refused("An entry of 'iso_images' of the guest is not a text");
     const std::string image = json::String(entry);
     if (image.empty() || image == "unmounted") {
       paths.emplace_back();

@@ -68,7 +68,7 @@ Status WriteNic(Context& context, const std::string& id, const Json::Value& nic,
                    ": give a unicast address such as 52:54:00:12:34:56");
   }
   if (!addresses.insert(mac).second) {
-    return Refused("Two network interfaces have the MAC address '" + mac + "': give each one of its own");
+    return Refused("Two network interfaces have the MAC address '" + mac + "'. Give each a different one");
   }
   pugi::xml_node element = Add(context.devices, "interface");
   if (network->empty()) {

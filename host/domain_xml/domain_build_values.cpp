@@ -52,7 +52,7 @@ Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std
   if (value.isNull()) return fallback;
   // Beyond 64 bits, a conversion returns 0, which may be in range.
   if (!value.isInt64() || json::Int64(value) < least || json::Int64(value) > most) {
-    return Wrong(member, "is no number from " + std::to_string(least) + " to " + std::to_string(most));
+    return Wrong(member, "is not a number from " + std::to_string(least) + " to " + std::to_string(most));
   }
   return json::Int64(value);
 }
@@ -64,7 +64,7 @@ Result<std::int64_t> NumberOf(const Json::Value& record, const GuestSetting& set
 Result<std::string> TextOf(const Json::Value& record, const char* member, const std::string& fallback) {
   const Json::Value& value = json::Member(record, member);
   if (value.isNull()) return fallback;
-  if (!value.isString()) return Wrong(member, "is no text");
+  if (!value.isString()) return Wrong(member, "is not a text");
   return json::String(value);
 }
 

@@ -73,7 +73,7 @@ Status ApplyDrives(Overlay& overlay) {
   const Json::Value& before = json::Member(overlay.before.guest, "iso_images");
   const Json::Value& images = json::Member(overlay.guest(), "iso_images");
   if (!images.isNull() && (!images.isArray() || images.size() > domain_build::kMaxIsoImages)) {
-    return domain_xml::Refused("The member 'iso_images' of the guest is no list of at most two images");
+    return domain_xml::Refused("The member 'iso_images' of the guest is not a list of at most two images");
   }
   std::vector<pugi::xml_node> existing;
   for (const pugi::xml_node disk : overlay.devices.children("disk")) {

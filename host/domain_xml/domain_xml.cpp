@@ -9,16 +9,15 @@ namespace {
 
 Status CheckOptions(const ImportOptions& options) {
   if (NormalizeUuid(options.repository_id).empty()) {
-    return Refused("The repository id " + Quote(options.repository_id) +
-                   " is no UUID: give one of the form 8-4-4-4-12");
+    return Refused("The repository id " + Quote(options.repository_id) + " is not a UUID. Use the form 8-4-4-4-12");
   }
   if (NormalizeUuid(options.host_id).empty()) {
-    return Refused("The host id " + Quote(options.host_id) + " is no UUID: give one of the form 8-4-4-4-12");
+    return Refused("The host id " + Quote(options.host_id) + " is not a UUID. Use the form 8-4-4-4-12");
   }
   for (const auto& [name, id] : options.networks) {
     if (NormalizeUuid(id).empty()) {
       return Refused("The id " + Quote(id) + " of the network " + Quote(name) +
-                     " is no UUID: give one of the form 8-4-4-4-12");
+                     " is not a UUID. Use the form 8-4-4-4-12");
     }
   }
   return {};

@@ -56,7 +56,8 @@ void ReadNvram(pugi::xml_node nvram, Context& context) {
     context.Note("The UEFI variables are of the type " + Quote(type) +
                  ": they were not recorded, and are not managed with the guest's files.");
   } else if (!path.empty() && !IsPlainPath(path)) {
-    context.Note("The UEFI variables are at " + Quote(path) + ", which is no absolute path: they were not recorded.");
+    context.Note("The UEFI variables are at " + Quote(path) +
+                 ", which is not an absolute path. They were not recorded.");
   } else if (!path.empty()) {
     context.guest()["nvram"] = path;
   }
@@ -99,8 +100,9 @@ Status ReadBootOrder(pugi::xml_node domain, Context& context) {
   for (const BootDevice& device : *ordered) {
     if (device.kind == "cdrom") context.guest()["boot_from"] = "iso";
     if (device.kind == "cdrom" || device.kind == "hd") break;
-    context.Note("The guest boots from " + Quote(device.kind) +
-                 " first, which no record says: this stays until its disks, drives or 'boot_from' are edited.");
+    context.Note(
+        "The guest boots from " + Quote(device.kind) +
+        " first, which the records cannot express. This stays until its disks, drives or 'boot_from' are edited.");
   }
   return {};
 }

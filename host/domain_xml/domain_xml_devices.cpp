@@ -30,7 +30,8 @@ void ReadKeyboard(pugi::xml_node devices, Context& context) {
     if (IsLayoutName(keymap.value())) {
       layout = keymap.value();
     } else {
-      context.Note("The keyboard layout " + Quote(keymap.value()) + " was not recorded: it is no name of a layout.");
+      context.Note("The keyboard layout " + Quote(keymap.value()) +
+                   " was not recorded because it is not a keyboard layout.");
     }
     return;
   }

@@ -55,7 +55,7 @@ Result<std::uint64_t> SizeMib(const std::string& name, const std::string& path, 
   if (context.options.size_of) bytes = context.options.size_of(path, format);
   if (!bytes && said == given.end()) {
     return Error(ErrorCode::kInvalid,
-                 "The size of the disk " + Quote(name) + " is not known: give it with --disk-size " + name + "=GiB",
+                 "The size of the disk " + Quote(name) + " is unknown. Set it with --disk-size " + name + "=GiB",
                  bytes.error().ToString());
   }
   const std::uint64_t size = bytes ? RoundUpToMib(*bytes) : said->second;
@@ -82,7 +82,7 @@ void ReadCdrom(pugi::xml_node disk, const std::string& name, Context& context) {
     image.clear();
   } else if (!image.empty() && !IsPlainPath(image)) {
     context.Note("The medium of the CD-ROM drive " + Quote(name) + " is " + Quote(image) +
-                 ", which is no absolute path: the record shows an empty drive.");
+                 ", which is not an absolute path. The record shows an empty drive.");
     image.clear();
   }
   context.guest()["iso_images"].append(image.empty() ? "unmounted" : image);

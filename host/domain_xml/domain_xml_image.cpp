@@ -34,7 +34,7 @@ Result<std::uint64_t> Qcow2Size(const Descriptor& file, const std::string& path)
   const ssize_t count = ::pread(file.get(), header.data(), header.size(), 0);
   if (count < 0) return CannotRead(path, errno);
   if (count < static_cast<ssize_t>(header.size()) || BigEndian(header.data(), 4) != kMagic) {
-    return Error(ErrorCode::kInvalid, "'" + path + "' is no qcow2 image");
+    return Error(ErrorCode::kInvalid, "'" + path + "' is not a qcow2 image");
   }
   const std::uint64_t version = BigEndian(header.data() + 4, 4);
   if (version != 2 && version != 3) {

@@ -18,7 +18,7 @@ Error Malformed(std::string_view text, std::size_t offset, std::string_view what
 
 Error TooDeep() {
   return Refused("The XML is nested more than " + std::to_string(kMaxDomainXmlDepth) +
-                 " levels deep: that is no domain XML");
+                 " levels deep. This is not domain XML");
 }
 
 // The characters that XML 1.0 allows (its production 2).
@@ -144,7 +144,7 @@ class TreeCheck : public pugi::xml_tree_walker {
     for (const pugi::xml_attribute attribute : node.attributes()) {
       if (names.size() == kMaxAttributes) {
         error = Refused("An element has more than " + std::to_string(kMaxAttributes) +
-                        " attributes: that is no domain XML");
+                        " attributes. This is not domain XML");
       } else if (!names.insert(attribute.name()).second) {
         error = Refused("An element has the attribute " + Quote(attribute.name()) + " twice: remove one");
       }

@@ -37,14 +37,14 @@ Refused LibvirtGuestControl::RefuseFenced(const std::string& guest_id) const {
   if (!note) return RefusalOf(note.error());
   if (!*note) return {};
   return Refusal{kUnavailable,
-                 "The guest was taken from this host while it was gone, and what this host had of it "
+                 "The guest was taken from this host while it was gone, and its machine here "
                  "could not be ended yet; the system log has the reason"};
 }
 
 bool LibvirtGuestControl::SettleFenced() {
   const auto guest_ids = cluster::FencedGuests(*options_.store, options_.host_id);
   if (!guest_ids) {
-    ::syslog(LOG_ERR, "What was taken from this host cannot be read: %s", guest_ids.error().ToString().c_str());
+    ::syslog(LOG_ERR, "Cannot read which guests were taken from this host: %s", guest_ids.error().ToString().c_str());
     return false;
   }
   bool is_settled = true;

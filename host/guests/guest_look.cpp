@@ -110,8 +110,7 @@ void LibvirtGuestControl::Look(const std::string& guest_id) {
   if (looked) {
     unsettled_.erase(guest_id);
   } else if (unsettled_.insert(guest_id).second) {
-    Complain(guest_id, "could not be looked at, or what was seen not be stored; it is tried again",
-             looked.error().ToString());
+    Complain(guest_id, "could not be reconciled. This is retried", looked.error().ToString());
   }
 }
 
@@ -297,7 +296,7 @@ void LibvirtGuestControl::Reconcile() {
   }
   const auto known = hypervisor_->List();
   if (!known) {
-    ::syslog(LOG_ERR, "The hypervisor does not tell its guests: %s", known.failure().ToString().c_str());
+    ::syslog(LOG_ERR, "Cannot list the hypervisor's guests: %s", known.failure().ToString().c_str());
   } else {
     for (const hypervisor::KnownGuest& guest : *known) ids.insert(guest.id);
   }

@@ -200,7 +200,7 @@ Refused LibvirtGuestControl::RefuseActive(const std::string& guest_id) {
   const Problem problem = state.failure().problem();
   // libvirt has no machine with an impossible id.
   if (problem == Problem::kNoSuchGuest || problem == Problem::kInvalid) return {};
-  return Refusal{kUnavailable, "It is not known whether the guest runs: " + state.failure().ToString()};
+  return Refusal{kUnavailable, "It is unknown whether the guest runs: " + state.failure().ToString()};
 }
 
 Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester& requester) {

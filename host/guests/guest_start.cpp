@@ -128,7 +128,7 @@ Refused LibvirtGuestControl::Prepare(const std::string& guest_id, Starting& star
 Refused LibvirtGuestControl::RefuseForeign(const Starting& starting) const {
   if (!starting.definition || starting.definition->owner != Owner::kUser || starting.imported) return {};
   return Refusal{kFailed,
-                 "libvirt has a definition of the guest that VEXA did not make, and it is left as it is: import the "
+                 "libvirt has a definition of the guest that VEXA did not make. It was left unchanged. Import the "
                  "guest from libvirt ('vexa import --all URI --replace'), or undefine it with 'virsh undefine "
                  "--keep-nvram'"};
 }

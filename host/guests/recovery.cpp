@@ -120,7 +120,7 @@ Status CheckDestination(const store::Snapshot& snapshot, const std::string& host
   if (!life) return life.error();
   if (!life->is_gone) return {};
   return Stop(refused, {kHostIsAlive, "The host '" + HostName(snapshot, host_id) +
-                                          "', which is to have the guest, is inaccessible itself"});
+                                          "', the new host of the guest, is itself inaccessible"});
 }
 
 class Recovery {

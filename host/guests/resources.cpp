@@ -92,12 +92,12 @@ class Rater {
   // Conflicts that the end of another guest would not resolve. True: it is refused.
   bool RatePermanentPinConflicts(std::optional<std::uint64_t> vcpus, std::optional<std::uint64_t> pins) {
     if (!pins) {
-      Refuse(kNoCpuThreads, "The record's 'cpu_pin_num' is no number from 0 to " +
+      Refuse(kNoCpuThreads, "The record's 'cpu_pin_num' is not a number from 0 to " +
                                 std::to_string(vcpus.value_or(kMaxVcpus)) + ", the guest's virtual CPUs.");
     } else if (host_.is_connected && *pins > 0 && *pins >= host_.cpus) {
       Refuse(kNoCpuThreads, "The guest needs " + Counted(*pins, "processor", "processors") +
-                                " of its own, and one more must be left: the host has " + std::to_string(host_.cpus) +
-                                ".");
+                                " dedicated to it, and one more must remain free. The host has " +
+                                std::to_string(host_.cpus) + ".");
     } else {
       return false;
     }
@@ -106,7 +106,7 @@ class Rater {
 
   void RateVcpus(std::optional<std::uint64_t> vcpus) {
     if (!vcpus) {
-      return Refuse(kNoVcpu, "The record's 'vcpu_num' is no number from 1 to " + std::to_string(kMaxVcpus) + ".");
+      return Refuse(kNoVcpu, "The record's 'vcpu_num' is not a number from 1 to " + std::to_string(kMaxVcpus) + ".");
     }
     if (!host_.is_connected) return;
     const std::uint64_t limit = std::uint64_t{host_.cpus} * host_.vcpus_per_cpu;
@@ -124,7 +124,7 @@ class Rater {
       const Json::Value& member = json::Member(guest_.records.nics[i].second, "network_name");
       // Anything except a text does not name a network, so nothing can match.
       if (!member.isNull() && !member.isString()) {
-        Refuse(kNoNetwork, "The network of the interface " + Quoted(guest_.records.nics[i].first) + " is no name.");
+        Refuse(kNoNetwork, "The network of the interface " + Quoted(guest_.records.nics[i].first) + " is not a name.");
         continue;
       }
       const std::string name = json::String(member);
@@ -137,7 +137,7 @@ class Rater {
     const auto memory_mib = NumberOf(record(), keys::vram_size, 0, 1, kMaxMemoryMib);
     if (!memory_mib) {
       return Refuse(kNoMemory,
-                    "The record's 'vram_size' is no number from 1 to " + std::to_string(kMaxMemoryMib) + " (MiB).");
+                    "The record's 'vram_size' is not a number from 1 to " + std::to_string(kMaxMemoryMib) + " (MiB).");
     }
     if (!host_.is_connected || *memory_mib <= host_.free_memory_mib) return;
     Refuse(kNoMemory, "The guest needs " + std::to_string(*memory_mib) + " MiB of memory, and " +
@@ -177,8 +177,8 @@ class Rater {
     const std::uint64_t left = host_.cpus - taken.size();
     if (left <= pins) {
       Refuse(kNoCpuThreads, "The guest needs " + Counted(pins, "processor", "processors") +
-                                " of its own, and one more must be left: " + std::to_string(taken.size()) +
-                                " of the host's " + std::to_string(host_.cpus) + " are set apart.");
+                                " dedicated to it, and one more must remain free. " + std::to_string(taken.size()) +
+                                " of the host's " + std::to_string(host_.cpus) + " are dedicated to other guests.");
       return {};
     }
     std::vector<unsigned> chosen;

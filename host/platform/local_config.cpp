@@ -33,7 +33,7 @@ vexa::Result<Json::Value> ReadGuest(const std::string& id) {
   auto record = vexa::cluster::ReadOnce(GuestKey(id));
   if (!record) return record.error();
   if (!*record) return vexa::Error(vexa::ErrorCode::kNotFound, "There is no such guest");
-  if (!(*record)->isObject()) return vexa::Error(vexa::ErrorCode::kCorrupt, "The guest's record is no object");
+  if (!(*record)->isObject()) return vexa::Error(vexa::ErrorCode::kCorrupt, "The guest's record is not an object");
   return *std::move(*record);
 }
 
@@ -42,7 +42,7 @@ vexa::Result<Json::Value> ReadGuest(const std::string& id) {
 vexa::Result<std::optional<Json::Value>> ReadLiveState(const std::string& guest_id) {
   auto state = vexa::cluster::ReadOnce(vexa::cluster::LiveStateKey(guest_id));
   if (!state || !*state || (*state)->isString()) return state;
-  return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is no text");
+  return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is not a text");
 }
 
 // What this host has observed of the guest since the database was lost; nothing when the database is not lost, or

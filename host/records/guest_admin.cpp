@@ -59,7 +59,7 @@ Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& gues
     const Json::Value& guests = json::Member(stored->record, keys::guests);
     if (!guests.isNull() && !guests.isObject()) {
       damage.emplace_back(ErrorCode::kCorrupt,
-                          "The grants in '" + key + "' are no object: repair or delete the record");
+                          "The grants in '" + key + "' are not an object. Repair or delete the record");
     } else if (RemoveGuestFrom(stored->record, guest_id)) {
       PutObject(transaction, key, *stored);
     }

@@ -52,7 +52,7 @@ bool IsGivenTo(const Json::Value& record, const std::string& name) {
 Status CheckGivenTo(const Json::Value& record, const std::string& key, const std::string& name) {
   const Json::Value& guests = json::Member(record, keys::guests);
   if (!guests.isNull() && !guests.isObject()) {
-    return Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are no object: repair or delete the record");
+    return Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are not an object. Repair or delete the record");
   }
   if (IsGivenTo(record, name)) return {};
   return Error(ErrorCode::kDenied, "The grants in '" + key + "' were given to '" +

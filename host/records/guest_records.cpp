@@ -40,8 +40,7 @@ Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::
   }
   for (const Json::Value& element : elements) {
     if (!element.isString()) {
-      return Error(ErrorCode::kCorrupt,
-                   "The guest's record names a " + kind + " by something that is no id: repair it");
+      return Error(ErrorCode::kCorrupt, "The guest's record names a " + kind + " by an invalid id. Repair it");
     }
     std::string id = json::String(element);
     const Result<cluster::Record> record = cluster::ReadObject(category.name(), id);

@@ -111,7 +111,7 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
     const auto guard = (*snapshot)->Get(observation.guard->key);
     if (!guard) return guard.error();
     if (!*guard || (*guard)->revision != observation.guard->revision) {
-      return Error(ErrorCode::kDenied, "This host was taken for gone meanwhile");
+      return Error(ErrorCode::kDenied, "Other hosts considered this host gone meanwhile");
     }
     transaction.compares.push_back(*observation.guard);
   }
@@ -129,7 +129,8 @@ Result<store::Transaction> Plan(const store::Store& store, const std::string& gu
 }  // namespace
 
 Result<Observed> Observe(store::Store& store, const std::string& guest_id, const Observation& observation) {
-  if (!IsGuestState(observation.state)) return Error(ErrorCode::kInvalid, "What was observed is no state of a guest");
+  if (!IsGuestState(observation.state))
+    return Error(ErrorCode::kInvalid, "The observed state is not a state of guests");
   if (observation.host_id.empty() || !IsValidUtf8(observation.host_id)) {
     return Error(ErrorCode::kInvalid, "An observation needs the id of the host that made it");
   }

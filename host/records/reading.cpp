@@ -94,7 +94,7 @@ Result<Record> ReadObject(std::string_view category, std::string_view id) {
   Result<Record> record = ReadRecord(ObjectKey(category, id));
   if (!record) return record;
   if (!*record) return Error(ErrorCode::kNotFound, "There is no such record");
-  if (!(*record)->isObject()) return Error(ErrorCode::kCorrupt, "The record is no object");
+  if (!(*record)->isObject()) return Error(ErrorCode::kCorrupt, "The record is not an object");
   return record;
 }
 

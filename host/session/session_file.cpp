@@ -80,7 +80,7 @@ Result<std::vector<SessionRecord>> ParseSessions(std::string_view text) {
     auto session = ReadSession(entry);
     if (!session.ok()) return session.error();
     if (!*session) continue;
-    if (!hashes.insert((*session)->hash).second) return Damaged("a session is there twice");
+    if (!hashes.insert((*session)->hash).second) return Damaged("a session occurs twice");
     sessions.push_back(std::move(**session));
   }
   return sessions;

@@ -144,8 +144,8 @@ FolderLook LookAt(const std::string& folder, const Way& way) {
     const bool is_automount = ::fstatfs(at.get(), &file_system) == 0 && file_system.f_type == AUTOFS_SUPER_MAGIC;
     at = OpenFolder(at, name);
     if (at.get() < 0 && errno == ENOENT && is_automount) {
-      return {FolderLook::Is::kUnknown, "",
-              "there is no folder " + Quoted(folder) + ", which is mounted when it is used", ENOENT};
+      return {FolderLook::Is::kUnknown, "", "there is no folder " + Quoted(folder) + ", which is mounted on demand",
+              ENOENT};
     }
   }
   if (at.get() < 0) return NotThere(folder, errno);
@@ -275,7 +275,8 @@ TrailCheck CheckTrail(const Trail& trail) {
     const FolderLook look = LookAt(folder, *way);
     if (look.is == Is::kThere && IsSameFolder(identity, look.identity)) continue;
     if (look.is == Is::kThere) {
-      return {Outcome::kNotMounted, {folder}, "the folder " + Quoted(folder) + " is not the one that its disks are in"};
+      return {
+          Outcome::kNotMounted, {folder}, "the folder " + Quoted(folder) + " is not the folder that holds its disks"};
     }
     // Folders follow the folders that contain them, which are therefore unchanged, or missing themselves.
     if (look.is == Is::kUnknown || !HasParent(trail, folder)) {

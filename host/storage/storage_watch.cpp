@@ -53,7 +53,7 @@ Refusal NoAnswerRefusal(const std::string& repository_id) {
 }
 
 Refused RefuseDamaged(const std::string& repository_id, const Error& error) {
-  return Refusal{kUnavailable, "What is known of the storage of the repository " + Quoted(repository_id) +
+  return Refusal{kUnavailable, "The stored state of the storage of the repository " + Quoted(repository_id) +
                                    " cannot be read (" + error.ToString() + ")"};
 }
 

@@ -126,7 +126,7 @@ Result<Parsed> ParseAuthority(const Credentials& authority) {
   if (X509_check_private_key(parsed.certificate.get(), parsed.key.get()) != 1) {
     return refuse("its key and certificate do not belong together");
   }
-  if (X509_check_ca(parsed.certificate.get()) != 1) return refuse("its certificate is no authority's");
+  if (X509_check_ca(parsed.certificate.get()) != 1) return refuse("its certificate is not that of an authority");
   if (X509_cmp_current_time(X509_get0_notAfter(parsed.certificate.get())) <= 0) return refuse("it has ended");
   return parsed;
 }

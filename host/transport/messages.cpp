@@ -72,8 +72,8 @@ Json::Value ParseReply(std::string_view host_id, std::string_view body) {
   }
   Result<Json::Value> parsed = ParseJson(body);
   // The parser's reason quotes the text, which belongs to the other host and does not concern our caller.
-  if (!parsed) return FailedReply(host_id, "it answered with something that is no JSON, or is nested too deeply");
-  if (!parsed->isObject()) return FailedReply(host_id, "it answered with JSON that is no object");
+  if (!parsed) return FailedReply(host_id, "its answer is not JSON, or is nested too deeply");
+  if (!parsed->isObject()) return FailedReply(host_id, "its answer is not a JSON object");
   return std::move(parsed).value();
 }
 

@@ -43,10 +43,10 @@ Status Check(const TlsMaterial& material, const TlsFiles& files) {
     return Error(ErrorCode::kInvalid, "Cannot use '" + path + "': " + why);
   };
   const Certificate certificate = ParseCertificate(material.certificate);
-  if (!certificate) return refuse(files.certificate, "it holds no certificate");
-  if (!ParseCertificate(material.authority)) return refuse(files.authority, "it holds no certificate");
+  if (!certificate) return refuse(files.certificate, "it does not contain a certificate");
+  if (!ParseCertificate(material.authority)) return refuse(files.authority, "it does not contain a certificate");
   const Key key(PEM_read_bio_PrivateKey(BioOf(material.key).get(), nullptr, &NoPassword, nullptr));
-  if (!key) return refuse(files.key, "it holds no private key without a password");
+  if (!key) return refuse(files.key, "it does not contain a private key without a password");
   if (X509_check_private_key(certificate.get(), key.get()) != 1) {
     return refuse(files.key, "it is not the key of the certificate");
   }

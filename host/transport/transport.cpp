@@ -117,7 +117,7 @@ class Transport::Impl {
       } else if (std::string why = FindAddress(host_ids[i], addresses[i]); !why.empty()) {
         replies[i] = FailedReply(host_ids[i], why);
       } else if (!Judge(host_ids[i], rule, attempts[i])) {
-        replies[i] = FailedReply(host_ids[i], "it gives no sign of life, and is not asked for this");
+        replies[i] = FailedReply(host_ids[i], "it gives no sign of life, and this call is skipped for such hosts");
       } else {
         remote.push_back(i);
       }
@@ -133,7 +133,7 @@ class Transport::Impl {
       if (Start(std::move(call), attempts[i], i, outcomes)) {
         ++waiting;
       } else {
-        replies[i] = FailedReply(host_ids[i], "it could not be connected to, and is left alone for a moment");
+        replies[i] = FailedReply(host_ids[i], "recent connections failed, so calls to it are paused briefly");
       }
     }
     // On this thread, which would otherwise only wait.
@@ -150,7 +150,7 @@ class Transport::Impl {
     if (!IsHostId(host_id)) return "no host can have this id";
     if (options_.remote == TransportOptions::Remote::kNone) return "this host is not set up to call others";
     std::optional<std::string> found = options_.find_address ? options_.find_address(host_id) : std::nullopt;
-    if (!found || found->empty()) return "its address is not known";
+    if (!found || found->empty()) return "its address is unknown";
     address = std::move(*found);
     return {};
   }
@@ -192,7 +192,7 @@ class Transport::Impl {
   }
 
   Json::Value AskLocal(const VexaDRCore::Request& request, Clock::time_point deadline) const {
-    if (!options_.local_call) return FailedReply(options_.host_id, "this host answers no calls of its own");
+    if (!options_.local_call) return FailedReply(options_.host_id, "this host does not accept calls from itself");
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     return options_.local_call(request, std::max(left, std::chrono::milliseconds(0)));
   }

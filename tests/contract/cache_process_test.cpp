@@ -53,7 +53,7 @@ class CacheProcesses : public ::testing::Test {
 
   std::string directory() const { return folder_.File("cache"); }
 
-  // A refresh goes through at once, and leaves the record and the lock alone.
+  // A refresh succeeds immediately, and leaves the record and the lock alone.
   void ExpectWhole() const {
     const auto start = steady_clock::now();
     // Whatever is stored is old for this one.
@@ -70,7 +70,7 @@ class CacheProcesses : public ::testing::Test {
   TempDir folder_;
 };
 
-TEST_F(CacheProcesses, ManyReadersAndRefreshers_KilledAtRandom_SeeWholeValues) {
+TEST_F(CacheProcesses, ReadersAndRefreshers_KilledAtRandom_SeeCompleteValues) {
   auto refresher = std::make_unique<cluster::CacheRefresher>();
   refresher->Add("test", "checksummed", [this] { return std::make_unique<ChecksummedCache>(folder_.path(), 0); });
   cluster::InstallCacheRefresher(std::move(refresher));
@@ -120,7 +120,7 @@ TEST_F(CacheProcesses, ManyReadersAndRefreshers_KilledAtRandom_SeeWholeValues) {
   ExpectWhole();
 }
 
-TEST_F(CacheProcesses, RefresherKilledWhileItRefreshes_HoldsUpNobody) {
+TEST_F(CacheProcesses, Refresher_KilledDuringRefresh_BlocksNoOne) {
   for (int round = 0; round < 5; ++round) {
     const auto hanging = StartWorker(folder_.path(), "hang");
     ASSERT_TRUE(hanging->WaitForText("refreshing", seconds(30))) << hanging->errors();
@@ -151,7 +151,7 @@ TEST_F(CacheProcesses, RefresherThatHangs_IsWaitedForAWhile) {
   ExpectWhole();
 }
 
-TEST_F(CacheProcesses, Waiter_TakesWhatAnotherProcessHasFound) {
+TEST_F(CacheProcesses, Waiter_OtherProcessRefreshes_UsesItsValue) {
   const auto slow = StartWorker(folder_.path(), "slow");
   ASSERT_TRUE(slow->WaitForText("refreshing", seconds(30))) << slow->errors();
   const Json::Value value = ChecksummedCache(folder_.path(), 0).BlockedRead();

@@ -11,7 +11,7 @@
 
 namespace vexa::test {
 
-// Whether nothing of `value` is missing or changed.
+// Whether `value` is complete and unchanged.
 bool IsWholeValue(const Json::Value& value);
 
 // The process that found the value out.

@@ -120,7 +120,7 @@ TEST_P(HypervisorContract, Define_BadXml_IsRefused) {
   EXPECT_TRUE(hypervisor_->List()->empty());
 }
 
-TEST_P(HypervisorContract, Guest_FromDefinitionToItsEnd_TellsEachStateInOrder) {
+TEST_P(HypervisorContract, Guest_WholeLifetime_ReportsEachStateInOrder) {
   const std::string id = Define(1);
   ASSERT_TRUE(hypervisor_->Start(id).ok());
   EXPECT_EQ(*hypervisor_->StateOf(id), GuestState::kRunning);
@@ -163,7 +163,7 @@ TEST_P(HypervisorContract, Calls_OnAnUnknownGuest_AreRefused) {
   EXPECT_EQ(ProblemOf(hypervisor_->HasAgent(Id(1))), Problem::kNoSuchGuest);
 }
 
-TEST_P(HypervisorContract, Calls_WithSomethingThatIsNoId_AreRefused) {
+TEST_P(HypervisorContract, Calls_InvalidId_AreRefused) {
   Define(1);
   for (const char* id : {"", "guest-1", "../x", "11111111222243338444000000000001", "%s%n"}) {
     EXPECT_EQ(ProblemOf(hypervisor_->StateOf(id)), Problem::kInvalid) << id;
@@ -226,7 +226,7 @@ TEST_P(HypervisorContract, TwoThreads_OnOneGuest_OneOfThemDoesIt) {
   }
 }
 
-TEST_P(HypervisorContract, ManyThreads_OnOneGuest_NeverFailOtherwise) {
+TEST_P(HypervisorContract, ManyThreads_OnOneGuest_FailOnlyAsDocumented) {
   const std::string id = Define(1);
   std::vector<std::thread> threads;
   std::array<std::vector<std::string>, 4> words;

@@ -27,8 +27,8 @@ class HypervisorContract : public testing::TestWithParam<HypervisorFactory> {
   // XML of the guest with this number, which a machine of this mode can start.
   std::string Xml(int number, const std::string& name = "") const;
   static std::string Id(int number);
-  // The states that a guest was told to have, once there are `count` of them. Without kShuttingDown: of a guest that is
-  // powered off, some drivers tell it.
+  // The reported states of a guest, once there are `count` of them. Without kShuttingDown, which some drivers report
+  // for a guest that is powered off.
   std::vector<GuestState> AwaitStates(const std::string& id, std::size_t count) const;
   // Defines it and waits for the event.
   std::string Define(int number);

@@ -63,7 +63,7 @@ TEST_P(StoreContract, Delete_PresentOrAbsent_LeavesNothing) {
   EXPECT_GE(Erase(*store_, "/a"), deleted);
 }
 
-TEST_P(StoreContract, Put_SixteenMebibytes_ComesBackWhole) {
+TEST_P(StoreContract, Put_SixteenMebibytes_IsReadBackUnchanged) {
   std::string text(std::size_t{16} << 20, 'x');
   for (std::size_t i = 0; i < text.size(); i += 4096) text[i] = static_cast<char>('a' + i / 4096 % 26);
   Put(*store_, "/large", text);
@@ -128,14 +128,14 @@ TEST_P(StoreContract, Children_OfNothing_IsEmpty) {
   EXPECT_THAT(ChildrenOf(*store_, longest.substr(0, longest.size() - 2)), ElementsAre("x"));
 }
 
-TEST_P(StoreContract, Scan_OfAPrefix_VisitsItAndWhatIsBelowInOrder) {
+TEST_P(StoreContract, Scan_Prefix_VisitsItAndKeysBelowInOrder) {
   for (const char* key : {"/a/b", "/a/b/z", "/a/b/c/d", "/a/b-c", "/a/bc", "/a/b0", "/a"}) Put(*store_, key, "1");
   EXPECT_THAT(KeysBelow(*store_, "/a/b"), ElementsAre("/a/b", "/a/b/c/d", "/a/b/z"));
   EXPECT_THAT(KeysBelow(*store_, ""), ElementsAre("/a", "/a/b", "/a/b-c", "/a/b/c/d", "/a/b/z", "/a/b0", "/a/bc"));
   EXPECT_THAT(KeysBelow(*store_, "/x"), IsEmpty());
 }
 
-TEST_P(StoreContract, Scan_VisitorSaysStop_Stops) {
+TEST_P(StoreContract, Scan_VisitorReturnsFalse_Stops) {
   for (const char* key : {"/a", "/a/1", "/a/2", "/a/3"}) Put(*store_, key, "1");
   for (int stop_after = 1; stop_after <= 3; ++stop_after) {
     int visited = 0;
@@ -209,7 +209,7 @@ TEST_P(StoreContract, Commit_SameKeyTwice_LastOneWinsAndIsLoggedOnce) {
   EXPECT_EQ(std::count_if(batch->changes.begin(), batch->changes.end(), [](const Change& c) { return c.deleted; }), 1);
 }
 
-TEST_P(StoreContract, Snapshot_WhileCommitsGoOn_StaysAsItWas) {
+TEST_P(StoreContract, Snapshot_DuringCommits_IsUnchanged) {
   const Revision first = Put(*store_, "/a", std::string(10'000, 'a'));
   Put(*store_, "/b", "1");
   const auto snapshot = ReadOf(*store_);
@@ -244,7 +244,7 @@ TEST_P(StoreContract, Open_Again_KeepsValuesRevisionsAndLog) {
   EXPECT_EQ(store_->Watch("", first, milliseconds(0))->changes.size(), 2u);
 }
 
-TEST_P(StoreContract, Watch_FromThePast_GivesWhatFollowedInOrder) {
+TEST_P(StoreContract, Watch_FromOldRevision_ReturnsLaterChangesInOrder) {
   const Revision first = Put(*store_, "/a/b", "1");
   const Revision second = Put(*store_, "/a/b/c", "1");
   Put(*store_, "/a/bc", "1");
@@ -317,7 +317,7 @@ TEST_P(StoreContract, Watch_ByManyInTurns_SeesEveryCommitOnce) {
   EXPECT_EQ(wrong, 0);
 }
 
-TEST_P(StoreContract, Watch_LogNoLongerReachesBack_SaysSo) {
+TEST_P(StoreContract, Watch_RevisionBeforeLogStart_ReportsLost) {
   Open(5);
   Revision last = 0;
   for (int i = 0; i < 20; ++i) last = Put(*store_, "/a", std::to_string(i));
@@ -378,7 +378,7 @@ TEST_P(StoreContract, Commit_FromEightThreads_LosesNoUpdate) {
   EXPECT_EQ(ReadOf(*store_)->revision(), static_cast<Revision>(2 * kThreads * kIncrements));
 }
 
-TEST_P(StoreContract, Commit_OfSeveralKeys_IsSeenWholeByReaders) {
+TEST_P(StoreContract, Commit_SeveralKeys_IsAtomicForReaders) {
   ASSERT_TRUE(store_->Commit({{}, {{"/l", "0"}, {"/m", "0"}, {"/r", "0"}}}).ok());
   std::atomic<bool> stop{false};
   std::atomic<int> torn{0};

@@ -137,7 +137,7 @@ TEST_F(StoreOnAFailingDisk, Head_CannotBeWrittenWhileASnapshotIsOpen_WaitsForIts
   ExpectWorksAgain();
 }
 
-TEST_F(StoreOnAFailingDisk, Health_WithoutFurtherCommits_RecoversByItself) {
+TEST_F(StoreOnAFailingDisk, Health_WithoutCommits_RecoversAutomatically) {
   sync_error = EIO;
   ExpectRefused(ErrorCode::kInternal);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));

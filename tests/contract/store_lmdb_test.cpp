@@ -93,7 +93,7 @@ TEST(LmdbStore, Snapshots_TwoInOneThreadUnderLoad_NeverFail) {
     readers.emplace_back([&] {
       while (!stop) {
         const auto outer = store->Read();
-        const auto inner = store->Read();  // two at once in one thread must not lock each other out
+        const auto inner = store->Read();  // two in one thread must not lock each other out
         if (!outer.ok() || !inner.ok() || !inner.value()->Children("/w").ok()) ++failures;
       }
     });
@@ -186,7 +186,7 @@ TEST(LmdbStore, Open_FolderWithForeignFiles_IsCorruptAndTouchesNothing) {
   EXPECT_FALSE(std::filesystem::exists(folder.path() + "/lock.mdb"));
 }
 
-TEST(LmdbStore, Open_DataFileIsNoRegularFile_IsCorrupt) {
+TEST(LmdbStore, Open_DataFileNotRegular_IsCorrupt) {
   const TemporaryFolder folder;
   std::filesystem::create_symlink("/dev/null", folder.path() + "/data.mdb");
   EXPECT_EQ(OpenError(folder.path()), ErrorCode::kCorrupt);
@@ -283,7 +283,7 @@ TEST(LmdbKeyspace, Apply_GivenRevisions_AreKeptWithTheirGaps) {
   EXPECT_TRUE(batch->changes[1].deleted);
 }
 
-TEST(LmdbKeyspace, Apply_RevisionThatDoesNotFollow_IsInvalidAndAppliesNothing) {
+TEST(LmdbKeyspace, Apply_RevisionNotGreater_IsInvalidAndAppliesNothing) {
   const TemporaryFolder folder;
   auto opened = LmdbKeyspace::Open(Small(folder.path()));
   ASSERT_TRUE(opened.ok());

@@ -86,7 +86,7 @@ std::shared_ptr<Store> Open(const std::string& directory) {
   }
 }
 
-TEST(MirrorKilled, AtAnyPoint_IsAStateThatThePrimaryHad) {
+TEST(MirrorKilled, Copy_KilledAtAnyPoint_EqualsAPrimaryState) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the thread sanitizer allows no threads in a forked child";
 #endif

@@ -126,7 +126,7 @@ TEST_F(Mirrored, HealthInaccessible_IsEnoughForTheCopy) {
 }
 
 // Nobody reads, and nobody asks how it is.
-TEST_F(Mirrored, PrimaryFailsAndNobodyAsks_IsNoticed) {
+TEST_F(Mirrored, PrimaryFailure_WithoutReaders_IsDetected) {
   ASSERT_TRUE(Caught());
   test::ClearCapturedSyslog();
   primary_->ReportHealth(Health::kInaccessible);
@@ -135,7 +135,7 @@ TEST_F(Mirrored, PrimaryFailsAndNobodyAsks_IsNoticed) {
   EXPECT_THAT(test::CapturedSyslog().front().text, HasSubstr("The cluster database cannot be reached"));
 }
 
-TEST_F(Mirrored, SingleValueThatCannotBeRead_IsAnErrorOfThatRead) {
+TEST_F(Mirrored, Read_OneValueUnreadable_FailsOnlyThatRead) {
   ASSERT_TRUE(Caught());
   primary_->FailReadsOf("/a");
   EXPECT_FALSE(ReadOf(*store_)->Get("/a").ok());
@@ -206,7 +206,7 @@ TEST_F(Mirrored, ChangesWhileTheChangeLogIsShort_AreAllCopied) {
 }
 
 // More than one batch of a watch holds.
-TEST_F(Mirrored, ManyChangesAtOnce_AreOneState) {
+TEST_F(Mirrored, Changes_MoreThanAWatchBatch_AreCopiedAsOneState) {
   ASSERT_TRUE(Caught());
   for (int round = 0; round < 3; ++round) {
     Transaction transaction;
@@ -226,7 +226,7 @@ TEST_F(Mirrored, DamagedCopy_IsMadeAgain) {
   (void)DumpOfMirror();
 }
 
-TEST_F(Mirrored, ReadersAndWriters_WhilePrimaryComesAndGoes_SeeWholeStates) {
+TEST_F(Mirrored, ReadersAndWriters_PrimaryFailsAndRecovers_SeeCompleteStates) {
   ASSERT_TRUE(Caught());
   Transaction first;
   first.operations = {{"/x", "0"}, {"/y", "0"}};

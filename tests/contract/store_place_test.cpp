@@ -110,7 +110,7 @@ TEST_F(StoreElsewhere, OpenSnapshot_StaysReadable) {
   ExpectBack();
 }
 
-TEST(StorePlace, FailingLook_IsRepeatedAndOverWhenItWorks) {
+TEST(StorePlace, PlaceCheck_Fails_IsRetriedAndRecovers) {
   std::atomic<int> looks{0};
   std::atomic<bool> fails{false};
   const StorePlace place("/none", {}, [&]() -> Status {
@@ -119,7 +119,7 @@ TEST(StorePlace, FailingLook_IsRepeatedAndOverWhenItWorks) {
     return {};
   });
   for (int i = 0; i < 1000; ++i) EXPECT_TRUE(place.Check().ok());
-  EXPECT_EQ(looks, 1) << "once a second, whoever asks";
+  EXPECT_EQ(looks, 1) << "once a second, however many callers";
   fails = true;
   EXPECT_LT(TimeUntil([&] { return !place.Check().ok(); }), 1500ms);
   EXPECT_EQ(place.Check().error().code(), ErrorCode::kUnavailable);
@@ -128,7 +128,7 @@ TEST(StorePlace, FailingLook_IsRepeatedAndOverWhenItWorks) {
 }
 
 // A disk that does not answer holds one thread, and the others learn it.
-TEST(StorePlace, LookThatHangs_CountsAsFailed) {
+TEST(StorePlace, PlaceCheck_Hangs_CountsAsFailed) {
   std::promise<void> began;
   std::promise<void> release;
   int looks = 0;

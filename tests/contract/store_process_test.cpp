@@ -34,7 +34,7 @@ TEST(StoreProcesses, Increments_FromSeveralProcesses_AreAllCounted) {
   EXPECT_EQ(ReadOf(*store)->revision(), 500u);
 }
 
-TEST(StoreProcesses, OpenOfANewFolder_ByManyAtOnce_GivesOneStore) {
+TEST(StoreProcesses, Open_NewFolderConcurrently_CreatesOneStore) {
   for (int round = 0; round < 5; ++round) {
     const TemporaryFolder folder;
     Worker first({"increment", folder.path(), "5"});
@@ -47,7 +47,7 @@ TEST(StoreProcesses, OpenOfANewFolder_ByManyAtOnce_GivesOneStore) {
   }
 }
 
-TEST(StoreProcesses, Readers_InOtherProcesses_SeeWholeTransactions) {
+TEST(StoreProcesses, Readers_OtherProcesses_SeeCompleteTransactions) {
   const TemporaryFolder folder;
   const auto store = Open(folder.path());
   Worker first({"read_pairs", folder.path()});

@@ -62,7 +62,7 @@ int IncrementMany(const std::string& directory, const std::string& times) {
   return 0;
 }
 
-// Commits for ever, each time two keys with one number, and says the number once Commit has returned.
+// Commits forever, each time two keys with one number, and says the number once Commit has returned.
 int Acknowledge(const std::string& directory, const std::string&) {
   const auto store = Open(directory);
   const std::string last = TextOf(*store, "/last");
@@ -110,7 +110,7 @@ int FillUp(const std::string& directory, const std::function<void()>& more_room)
     last = *done;
   }
   Require(refusal == ErrorCode::kNoSpace || refusal == ErrorCode::kInternal, "refused for a wrong reason, or never");
-  Require(written > 3, "refused at once");
+  Require(written > 3, "refused immediately");
   Require(store->health() == Health::kReadOnly, "the store calls itself ready");
   Require(store->Read().value()->revision() == last, "the refused commit left a revision");
   Require(TextOf(*store, MakeKey({"fill", std::to_string(written)})).empty(), "the refused commit left a value");

@@ -120,7 +120,7 @@ TEST_F(DispatcherAlone, OtherHost_MayCallTheMethodsOfHostsOnly) {
   EXPECT_EQ(Send(std::move(request)), 200);
 }
 
-TEST_F(DispatcherAlone, TokenThatIsNotValid_IsNoFallBackToTheCertificate) {
+TEST_F(DispatcherAlone, InvalidToken_WithCertificate_IsRefused) {
   HttpRequest request = Request("POST", "/webapi/T/host", "x");
   request.peer.certificate_name = "host-2";
   EXPECT_EQ(Send(std::move(request)), 401);
@@ -150,7 +150,7 @@ TEST_F(DispatcherAlone, AccountsCannotBeRead_RootOnTheUnixSocketIsStillServed) {
   EXPECT_EQ(Send(std::move(request)), 500);
 }
 
-TEST_F(DispatcherAlone, AccountIsDeleted_ItsTokenIsRefusedAlsoWhenTheNameIsGivenAgain) {
+TEST_F(DispatcherAlone, DeletedAccount_Token_IsRefusedEvenIfNameIsReused) {
   const std::string token = TokenOf("grace", {});
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 200);
   ASSERT_TRUE(accounts_->DeleteUser("grace").ok());

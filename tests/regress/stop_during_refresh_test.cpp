@@ -1,4 +1,4 @@
-// A daemon that was told to stop while it found out a cached value waited for that without a limit.
+// A daemon that was asked to stop while it refreshed a cached value waited for the refresh without a limit.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,7 +22,7 @@ TEST(StopDuringRefresh, RefreshThatHangs_IsWaitedForNoLongerThanRequests) {
   std::mutex mutex;
   std::condition_variable changed;
   bool is_released = false;
-  // By itself in the end, so that a failure of this test is no hang.
+  // Released after a while, so that a failure of this test does not hang.
   refreshes.during = [&](int, Json::Value&) {
     std::unique_lock lock(mutex);
     return changed.wait_for(lock, seconds(60), [&] { return is_released; });

@@ -1,4 +1,4 @@
-// A stranger's login could carry a body of 1 MiB. Parsed, each took 35 MiB, and 64 of them at once 2.3 GiB.
+// A stranger's login could carry a body of 1 MiB. Parsed, each took 35 MiB, and 64 concurrent ones 2.3 GiB.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -287,7 +287,7 @@ std::string QemuGround::Program(const std::string& name) const {
   for (const std::string& program : files_.programs) {
     if (fs::path(program).filename() == name) return "/proc/self/fd/" + std::to_string(KeptOpen(program));
   }
-  std::fprintf(stderr, "The ground was not told of the program '%s'\n", name.c_str());
+  std::fprintf(stderr, "The test environment does not know the program '%s'\n", name.c_str());
   std::abort();
 }
 

@@ -160,7 +160,7 @@ class AccountCluster : public testing::Test {
 };
 
 // Hosts gave the same ids to their first users, and grants are kept by ids.
-TEST_F(AccountCluster, FirstUserOfOneHost_HasNotWhatWasGrantedToTheFirstUserOfAnother) {
+TEST_F(AccountCluster, Accounts_FirstUsersOfTwoHosts_DoNotShareGrants) {
   PutFile("a", "alice");
   PutFile("b", "bob");
   const auto a = Start("a");
@@ -213,7 +213,7 @@ TEST_F(AccountCluster, AccountIsAddedOnOneHost_LogsInOnTheOther) {
   EXPECT_EQ(Info(on_a), 0);
 }
 
-TEST_F(AccountCluster, SourceOfAccounts_IsSaidInTheLogAndToCommands) {
+TEST_F(AccountCluster, AccountSource_IsLoggedAndReportedByCommands) {
   PutFile("a", "alice");
   {
     const auto pam = Start("a", "pam");

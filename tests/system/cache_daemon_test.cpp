@@ -1,4 +1,4 @@
-// A running daemon refreshes the cache of guests' states for whoever reads it.
+// A running daemon refreshes the cache of guests' states for its readers.
 #include <gtest/gtest.h>
 
 #include <chrono>

@@ -99,7 +99,7 @@ TEST_F(AccountCommands, WrongUsage_SendsNothing) {
   EXPECT_EQ(host.Count("user_add"), 0);
 }
 
-TEST_F(AccountCommands, ImpossibleNames_AreNobody) {
+TEST_F(AccountCommands, Account_InvalidNames_AreUnknown) {
   const ApiHost host(AllWell());
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"user", "del", "a b"},
@@ -108,7 +108,7 @@ TEST_F(AccountCommands, ImpossibleNames_AreNobody) {
                                              {"user", "grant", "a b", kFirst}}) {
     const auto result = RunOn(host, arguments, "good password\n");
     EXPECT_EQ(result.exit_code, 1) << arguments[1];
-    EXPECT_THAT(result.errors, HasSubstr("of an impossible name"));
+    EXPECT_THAT(result.errors, HasSubstr("name is invalid"));
   }
   EXPECT_THAT(host.calls(), IsEmpty());
 }
@@ -257,7 +257,7 @@ TEST_F(AccountCommands, OddData_IsAnErrorNeverACrash) {
              {"user", "list"}, {"group", "list"}, {"user", "grants", "alice"}, {"guest", "grants", kFirst}}) {
       const auto result = RunOn(host, arguments);
       EXPECT_EQ(result.exit_code, 1) << data << arguments[0] << arguments[1];
-      EXPECT_THAT(result.errors, HasSubstr("holds no "));
+      EXPECT_THAT(result.errors, HasSubstr("contains no "));
     }
   }
 }

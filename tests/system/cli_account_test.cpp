@@ -111,7 +111,7 @@ TEST_F(Accounts, UserAddedTwice_IsRefusedAndStays) {
   EXPECT_TRUE(Open()->VerifyPassword("alice", "first password").ok());
 }
 
-TEST_F(Accounts, BadNameUidOrPassword_IsUsageErrorAndAddsNobody) {
+TEST_F(Accounts, UserAdd_InvalidNameUidOrPassword_IsUsageErrorAndAddsNothing) {
   AddAlice();
   EXPECT_EQ(RunHere({"user", "add", "../x", "--password-stdin"}, "good password\n").exit_code, 2);
   EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "short\n").exit_code, 2);
@@ -223,7 +223,7 @@ TEST_F(Accounts, AddedAsAdvanced_HasTheLevel) {
   EXPECT_EQ(RecordOf("users-1026"), R"({"authlevel":"advanced","guests":{},"name":"alice"})");
 }
 
-TEST_F(Accounts, AccountFileOfAnOlderVersion_IsTakenOverByTheFirstCommand) {
+TEST_F(Accounts, OldAccountFile_FirstCommandOnStore_MigratesIt) {
   PutFile("old");
   EXPECT_EQ(RunHere({"user", "list"}).exit_code, 1) << "there is no store, and a list creates none";
   EXPECT_FALSE(Exists("data/store"));
@@ -239,10 +239,10 @@ TEST_F(Accounts, AccountFileOfAnOlderVersion_IsTakenOverByTheFirstCommand) {
   PutFile("OLD");
   const auto again = RunHere({"user", "del", "old"});
   EXPECT_EQ(again.exit_code, 0) << again.errors;
-  EXPECT_THAT(again.errors, AllOf(HasSubstr("'OLD'"), HasSubstr("was not taken over")));
+  EXPECT_THAT(again.errors, AllOf(HasSubstr("'OLD'"), HasSubstr("was not migrated")));
 }
 
-TEST_F(Accounts, StoreElsewhere_IsTheOneThatIsNamed) {
+TEST_F(Accounts, Store_OtherFolder_IsUsedAsConfigured) {
   ASSERT_EQ(
       RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere")}, "good password\n")
           .exit_code,
@@ -253,7 +253,7 @@ TEST_F(Accounts, StoreElsewhere_IsTheOneThatIsNamed) {
   EXPECT_EQ(RunHere({"user", "grant", "Alice", kFirst, "--store", folder_.File("elsewhere")}).exit_code, 0);
 }
 
-TEST_F(Accounts, DaemonTakesUsersFromPam_CommandsSayWhereToGo) {
+TEST_F(Accounts, PamAccounts_AccountCommands_NameTheSystemTools) {
   ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"user", "list"}, {"user", "add", "x"}, {"user", "grant", "root", kFirst}, {"group", "advanced", "root"}}) {
@@ -334,7 +334,7 @@ TEST_F(Accounts, Configuration_NamesFoldersAndTheSourceOfAccounts) {
   EXPECT_THAT(run({"user", "list"}).errors, AllOf(HasSubstr("PAM"), HasSubstr("--system")));
 }
 
-TEST_F(Accounts, ConfigurationThatCannotBeUsed_IsReported) {
+TEST_F(Accounts, Configuration_Invalid_IsReported) {
   const auto missing = Run({"user", "list", "--config", folder_.File("none.conf")});
   EXPECT_EQ(missing.exit_code, 1);
   EXPECT_THAT(missing.errors, HasSubstr("Cannot read the configuration file"));
@@ -456,7 +456,7 @@ TEST_F(Accounts, Changes_AreInTheClusterLogWithoutPasswords) {
                          Not(HasSubstr("first password"))));
 }
 
-TEST_F(Accounts, GrantsOfAnIdThatIsNobodys_CanBeDroppedById) {
+TEST_F(Accounts, DropGrants_UnknownId_RemovesItsGrants) {
   AddAlice();
   ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("groups-4242"), R"({"guests":{"g":true}})"}}}).ok());
   EXPECT_EQ(RunHere({"group", "drop-grants", "--id", "4242"}).exit_code, 0);
@@ -479,7 +479,7 @@ TEST_F(Accounts, CommandsThatAskTheDaemon_AreWrongUsageWithoutIt) {
   }
 }
 
-TEST_F(Accounts, ManyGrantAtOnce_NoneIsLost) {
+TEST_F(Accounts, Grant_ConcurrentCommands_LoseNothing) {
   AddAlice({"--uid", "1026"});
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {

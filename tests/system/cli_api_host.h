@@ -1,4 +1,4 @@
-// A server for tests of the client that answers by what it is asked, several requests at once.
+// A server for tests of the client that answers by what it is asked, several requests concurrently.
 #pragma once
 
 #include <functional>

@@ -64,7 +64,7 @@ TEST_F(Command, CannotBeUnderstood_IsUsageError) {
   }
 }
 
-TEST_F(Command, Call_SendsTheParametersAsTheyAreAndPrintsTheData) {
+TEST_F(Command, Call_SendsParametersUnchangedAndPrintsData) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":[1,2.5,"x"]})")});
   const std::string parameters = "{ \"big\": 12345678901234567890, \"t\": \"\\u00e9\" }";
   for (const bool by_stdin : {false, true}) {
@@ -93,7 +93,7 @@ TEST_F(Command, CallOverPlainHttpToAnotherHost_IsRefused) {
   EXPECT_EQ(Run({"call", "--server", "http://192.0.2.1", "VEXA.Core.Session", "login", "{}"}).exit_code, 2);
 }
 
-TEST_F(Command, Health_SaysWhetherTheServerIsWell) {
+TEST_F(Command, Health_ShowsServerHealth) {
   const ScriptedServer good({HttpReplyOf(200, R"({"store":"ready\u001b","n":1})")});
   SaveLogin(good.url());
   const auto result = Run({"health"});

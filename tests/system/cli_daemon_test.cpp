@@ -35,7 +35,7 @@ class CliOnDaemon : public CliTest {
   TestDaemon daemon_;
 };
 
-TEST_F(CliOnDaemon, Log_ShowsWhatWasWritten) {
+TEST_F(CliOnDaemon, Log_ShowsWrittenEntries) {
   EXPECT_EQ(RunOn({"log"}).output, "");
   for (int i = 0; i < 3; ++i) VexaCCC::ClusterLogAdd("eve", VexaCCC::CLOG_PRIORITY_SUCCESS, "Line %d.", i);
   VexaCCC::ClusterLogAdd("eve", VexaCCC::CLOG_PRIORITY_FAILURE, "Line 3.");
@@ -47,7 +47,7 @@ TEST_F(CliOnDaemon, Log_ShowsWhatWasWritten) {
   EXPECT_EQ(std::ranges::count(all, '\n'), 4) << all;
 }
 
-TEST_F(CliOnDaemon, FollowedLog_ShowsWhatIsWrittenNow) {
+TEST_F(CliOnDaemon, Log_Follow_ShowsNewEntries) {
   VexaCCC::ClusterLogAdd("eve", VexaCCC::CLOG_PRIORITY_SUCCESS, "Before.");
   Process program(ProgramOn({"log", "-f"}));
   ASSERT_TRUE(program.WaitForText("eve: Before.\n", seconds(30))) << program.errors();

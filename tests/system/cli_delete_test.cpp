@@ -40,7 +40,7 @@ class Delete : public CliTest {
   }
 };
 
-TEST_F(Delete, YesOnATerminal_DeletesWhatWasListed) {
+TEST_F(Delete, Delete_YesOnTerminal_DeletesListedParts) {
   const ApiHost host(Answers());
   std::string shown;
   EXPECT_EQ(Type(host, "yes\n", shown), 0) << shown;
@@ -85,7 +85,7 @@ TEST_F(Delete, WithYes_DoesNotAsk) {
   EXPECT_EQ(host.Count("delete"), 1);
 }
 
-TEST_F(Delete, GuestWhoseDisksCannotBeTold_KeepsAll) {
+TEST_F(Delete, Delete_DisksUnreadable_KeepsEverything) {
   for (const char* data : {"", "{}", R"({"vdisks":7})", "null", "[]"}) {
     const std::string text = data;
     const ApiHost host([&](const std::string& method, const Json::Value&) {
@@ -99,7 +99,7 @@ TEST_F(Delete, GuestWhoseDisksCannotBeTold_KeepsAll) {
   }
 }
 
-TEST_F(Delete, RefusalOfTheHost_TellsWhatMayBeInTheWay) {
+TEST_F(Delete, Delete_HostRefuses_NamesPossibleCauses) {
   const ApiHost host([](const std::string& method, const Json::Value&) {
     return method == "list" ? ApiHost::Success(kGuests) : ApiHost::Failure(901, "Not deleted.");
   });
@@ -109,7 +109,7 @@ TEST_F(Delete, RefusalOfTheHost_TellsWhatMayBeInTheWay) {
   EXPECT_THAT(result.output, IsEmpty());
 }
 
-TEST_F(Delete, RefusalWithAReason_TellsThatInsteadOfAGuess) {
+TEST_F(Delete, Delete_RefusalWithReason_ShowsReason) {
   const ApiHost host([](const std::string& method, const Json::Value&) {
     return method == "list" ? ApiHost::Success(kGuests)
                             : ApiHost::Failure(901, "Not deleted.", R"(,"reason":"The host is g\u001b[31mone.")");
@@ -119,9 +119,9 @@ TEST_F(Delete, RefusalWithAReason_TellsThatInsteadOfAGuess) {
   EXPECT_THAT(result.errors, AllOf(HasSubstr("\nThe host is g\\x1b[31mone.\n"), Not(HasSubstr("vexa guest stop"))));
 }
 
-TEST_F(Delete, Help_TellsOfRunningGuestsAndOfYes) {
+TEST_F(Delete, Help_MentionsRunningGuestsAndYes) {
   EXPECT_THAT(Run({"guest", "delete", "--help"}).output,
-              AllOf(HasSubstr("--yes"), HasSubstr("A guest that runs is"), HasSubstr("nothing to wait for"),
+              AllOf(HasSubstr("--yes"), HasSubstr("A running guest is"), HasSubstr("nothing more to wait for"),
                     Not(HasSubstr("--wait"))));
 }
 

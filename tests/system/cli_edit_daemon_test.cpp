@@ -156,7 +156,7 @@ TEST_F(EditOnDaemon, Interfaces_AreAddedChangedAndRemoved) {
   EXPECT_EQ(RecordOf(*store_, "vnic", kNic0)["network_group_id"], Json::Value(""));
 }
 
-TEST_F(EditOnDaemon, DrivesAndPorts_HoldWhatIsNamed) {
+TEST_F(EditOnDaemon, Edit_DrivesAndPorts_GetNamedContents) {
   const std::string file = MakeImageFile("a.iso");
   const auto added = Image({"add", "Debian 12", file});
   ASSERT_EQ(added.exit_code, 0) << added.errors;
@@ -209,7 +209,7 @@ TEST_F(EditOnDaemon, Rights_AreGrantedAndTakenBackByName) {
   EXPECT_EQ(Everything(), before);
 }
 
-TEST_F(EditOnDaemon, RightsOfNobody_AreToldBehindTheEdit) {
+TEST_F(EditOnDaemon, Edit_RightsOfUnknownPrincipal_AreReportedAfterEdit) {
   const auto result = Set({"desc=new", "--allow", "uid:4000000"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.errors, StartsWith("vexa: web: The guest was edited, but the rights of some users or groups on it "
@@ -266,7 +266,7 @@ TEST_F(EditOnDaemon, Refusals_AreSentencesAndChangeNothing) {
 
 TEST_F(EditOnDaemon, OrdinaryUsers_MayChangeDrivesOfTheirGuests) {
   daemon_->BeOnUnixSocket("mallory");
-  // Whose guest it is not is not told its name.
+  // Users without the guest do not learn its name.
   ExpectRefused({"--iso", "none"}, "You may not act on this guest. (error 409, HTTP 403, ", kEdited);
   const auto grants = cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", ::geteuid()));
   PutRecord(*store_, grants, Parsed(std::string(R"({"authlevel":"user","guests":{")") + kEdited + R"(":true}})"));
@@ -277,7 +277,7 @@ TEST_F(EditOnDaemon, OrdinaryUsers_MayChangeDrivesOfTheirGuests) {
 
 // In an editor.
 
-TEST_F(EditOnDaemon, Editor_ChangesWhatIsEdited) {
+TEST_F(EditOnDaemon, Editor_ChangesEditedSettings) {
   WriteFile(
       folder_.File("editor"),
       "#!/bin/sh\nsed -i 's/^vcpu_num = 2$/vcpu_num = 6/; s/^vram_size = 512$/vram_size = 768/; s/^name = \"web\"$/"
@@ -317,7 +317,7 @@ TEST_F(EditOnDaemon, Images_AreListedWithTheirFiles) {
   EXPECT_THAT(Image({"list"}).output, HasSubstr("  Debian 12  -      no       "));
 }
 
-TEST_F(EditOnDaemon, ImagesThatCannotBe_AreRefusedWithASentence) {
+TEST_F(EditOnDaemon, Images_Invalid_AreRefusedWithASentence) {
   const std::string root = images_of_host;
   MakeImageFile("a.iso");
   const std::string outside = ground_.File("outside.iso");
@@ -338,7 +338,7 @@ TEST_F(EditOnDaemon, ImagesThatCannotBe_AreRefusedWithASentence) {
   EXPECT_EQ(Image({"list", "--json"}).output, "[]\n");
 }
 
-TEST_F(EditOnDaemon, ImagesThatAreThere_AreNotAddedAgain) {
+TEST_F(EditOnDaemon, Images_Existing_AreNotAddedAgain) {
   const std::string file = MakeImageFile("a.iso");
   const std::string other = MakeImageFile("b.iso");
   const std::string id = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";

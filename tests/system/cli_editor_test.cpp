@@ -28,8 +28,8 @@ const std::string kGuest = R"({"name":"web-1","desc":"Caf\u00e9\nline \u202e2","
 
 constexpr const char* kShown = R"(# The settings of the guest 'web-1' (g1)
 #
-# Lines that begin with '#' are comments. Change values, save and end the editor; settings that stay as
-# they are, or are removed here, are not touched. With nothing changed nothing is sent.
+# Lines that begin with '#' are comments. Change values, save and exit the editor. Settings that are
+# unchanged or removed here are not touched. If nothing is changed, nothing is sent.
 
 # its name: 1 to 128 bytes that no other guest is called
 name = "web-1"
@@ -149,7 +149,7 @@ TEST_F(GuestEdit, NothingChanged_SendsNothing) {
   }
 }
 
-TEST_F(GuestEdit, Outcome_IsTheJsonThatIsAskedFor) {
+TEST_F(GuestEdit, Edit_Json_ContainsOutcome) {
   const ApiHost host(AllWell());
   for (const auto& [script, told] :
        {std::pair("true", "Nothing was changed"), std::pair("echo 'autorun = 1' > \"$1\"", "edited")}) {
@@ -162,7 +162,7 @@ TEST_F(GuestEdit, Outcome_IsTheJsonThatIsAskedFor) {
   }
 }
 
-TEST_F(GuestEdit, WhatWasChanged_IsSentAlone) {
+TEST_F(GuestEdit, Editor_SendsOnlyChangedSettings) {
   const std::tuple<const char*, const char*, const char*> rows[] = {
       {"sed -i 's/^vcpu_num.*/vcpu_num = 4/' \"$1\"", R"({"guest_id":"g1","vcpu_num":4})", "web-1: edited\n"},
       {"sed -i 's/^vram_size.*/vram_size=8192/' \"$1\"", R"({"guest_id":"g1","vram_size":8192})", "web-1: edited\n"},
@@ -186,11 +186,11 @@ TEST_F(GuestEdit, WhatWasChanged_IsSentAlone) {
   }
 }
 
-TEST_F(GuestEdit, TextThatIsWrong_IsToldAndKept) {
+TEST_F(GuestEdit, Editor_InvalidText_IsReportedAndKept) {
   const std::pair<const char*, const char*> rows[] = {
-      {"vcpu_num", "Line 1: There is no '='; give NAME = VALUE, or a '#' before a comment"},
+      {"vcpu_num", "Line 1: There is no '='. Use NAME = VALUE, or start comments with '#'"},
       {"\\n# x\\nvcpus = 2", "Line 3: There is no setting 'vcpus'; did you mean 'vcpu_num'? The settings are "},
-      {"vcpu_num = 3\\nvcpu_num = 3", "Line 2: The setting 'vcpu_num' is there twice"},
+      {"vcpu_num = 3\\nvcpu_num = 3", "Line 2: The setting 'vcpu_num' occurs twice"},
       {"vcpu_num = \"3\"", "Line 1: The value of 'vcpu_num' is not a whole number"},
       {"vcpu_num = 3.0", "Line 1: The value of 'vcpu_num' is not a whole number"},
       {"vcpu_num =", "Line 1: The value of 'vcpu_num' is not a whole number"},
@@ -225,7 +225,7 @@ TEST_F(GuestEdit, RefusalOfTheServer_KeepsTheText) {
   EXPECT_EQ(Kept(), "name = \"db\"\n");
 }
 
-TEST_F(GuestEdit, FailureBehindTheEdit_KeepsNoText) {
+TEST_F(GuestEdit, Editor_FailureAfterEdit_KeepsNoText) {
   for (const int code : {1001, 1600}) {
     const ApiHost host(With([&](const auto&, const auto&) {
       return ApiHost::Failure(code, "Edited, but.", R"(,"details":{"host_names":"nas-1"})");
@@ -277,14 +277,14 @@ TEST_F(GuestEdit, WhatTheEditorLeaves_MustBeAFile) {
     const ApiHost host(AllWell());
     const auto result = Edit(host, script);
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, StartsWith("vexa: What the editor left cannot be read: "));
+    EXPECT_THAT(result.errors, StartsWith("vexa: Cannot read the edited text: "));
     EXPECT_EQ(host.Count("set"), 0);
     EXPECT_THAT(Left(), IsEmpty());
   }
   const ApiHost host(AllWell());
   const auto large = Edit(host, "head -c 1048577 /dev/zero > \"$1\"");
   EXPECT_EQ(large.exit_code, 1);
-  EXPECT_THAT(large.errors, StartsWith("vexa: What the editor left cannot be read; it is kept in '"));
+  EXPECT_THAT(large.errors, StartsWith("vexa: Cannot read the edited text; it is kept in '"));
   EXPECT_EQ(Kept().size(), 1048577u);
   EXPECT_EQ(host.Count("set"), 0);
 }
@@ -309,7 +309,7 @@ TEST_F(GuestEdit, Editor_IsTheFirstThatThereIs) {
   fallback.environment["PATH"] = folder_.File("bin");
   const auto none = RunProcess(fallback);
   EXPECT_EQ(none.exit_code, 1);
-  EXPECT_EQ(none.errors, "vexa: There is no editor: set $VISUAL or $EDITOR\n");
+  EXPECT_EQ(none.errors, "vexa: No editor was found. Set $VISUAL or $EDITOR\n");
   for (const char* name : {"vi", "editor", "sensible-editor"}) {
     Script("echo \"$0\" > " + folder_.File("ran"), std::string("bin/") + name);
     EXPECT_EQ(RunProcess(fallback).exit_code, 0);
@@ -409,9 +409,9 @@ TEST_F(GuestEdit, CtrlCInTheEditor_IsTheEditors) {
   EXPECT_EQ(host.Count("set"), 1);
 }
 
-// Told to end.
+// Asked to end.
 
-TEST_F(GuestEdit, TerminationDuringTheEdit_LeavesNoFolderAndKeepsWhatWasWritten) {
+TEST_F(GuestEdit, Editor_TerminatedDuringEdit_RemovesFolderAndKeepsText) {
   for (const int signal : {SIGTERM, SIGHUP}) {
     for (const bool is_changed : {false, true}) {
       const ApiHost host(AllWell());
@@ -443,8 +443,9 @@ TEST_F(GuestEdit, InterruptWhileTheServerWorks_KeepsTheText) {
   const auto ended = program.Wait(seconds(30));
   ASSERT_TRUE(ended);
   EXPECT_EQ(ended->code, 130);
-  EXPECT_THAT(program.errors(), StartsWith("vexa: web-1: Interrupted before it was answered, and not taken back.\n"
-                                           "vexa: Your text is kept in '"));
+  EXPECT_THAT(program.errors(),
+              StartsWith("vexa: web-1: Interrupted after the request was sent and before it was answered.\n"
+                         "vexa: Your text is kept in '"));
   EXPECT_EQ(Kept(), "autorun = 1\n");
 }
 

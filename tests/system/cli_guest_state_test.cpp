@@ -35,7 +35,7 @@ class GuestState : public CliTest {
   }
 };
 
-TEST_F(GuestState, List_IsATableThatCannotDriveTheTerminal) {
+TEST_F(GuestState, List_HostileTexts_AreSafeForTerminal) {
   const ScriptedServer server({HttpReplyOf(200, kGuests)});
   const auto result = RunOn(server, {"guest", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -43,7 +43,7 @@ TEST_F(GuestState, List_IsATableThatCannotDriveTheTerminal) {
                                    HasSubstr("  tw\\x1b[31min  shutdown  error"), Not(HasSubstr("\x1b"))));
 }
 
-TEST_F(GuestState, HostThatIsGone_IsToldWithTheTimeAndEveryAgeInWords) {
+TEST_F(GuestState, List_HostGone_ShowsTimeAndAges) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"guests":[
     {"guest_id":"g1","guest_name":"web","host_id":"h1","status":"running","status_type":"healthy","age_s":3},
     {"guest_id":"g2","guest_name":"db","host_id":"h2","status":"inaccessible","status_type":"error","age_s":7300,
@@ -115,7 +115,7 @@ TEST_F(GuestState, StatusById_AsksOnce) {
   EXPECT_EQ(server.requests().size(), 1u);
 }
 
-TEST_F(GuestState, NameThatIsNobodysOrSeverals_IsRefused) {
+TEST_F(GuestState, Status_UnknownOrAmbiguousName_IsRefused) {
   for (const auto& [name, message] : {std::pair("nobody", "There is no guest called 'nobody'; see 'vexa guest list'"),
                                       std::pair("twin", "Several guests are called 'twin': give the id")}) {
     const ScriptedServer server({HttpReplyOf(200, kGuests)});
@@ -132,15 +132,15 @@ TEST_F(GuestState, RepliesOfAnotherForm_AreErrors) {
     const ScriptedServer server({HttpReplyOf(200, reply)});
     const auto result = RunOn(server, {"guest", "list"});
     EXPECT_EQ(result.exit_code, 1) << reply;
-    EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guests"));
+    EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no guests"));
   }
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":7})")});
   const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guest"));
+  EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no guest"));
 }
 
-TEST_F(GuestState, Refusals_AreToldWithTheirCode) {
+TEST_F(GuestState, Status_Refusals_ShowTheirCode) {
   const ScriptedServer server({HttpReplyOf(403, R"({"success":false,"error":{"code":409}})")});
   const auto result = RunOn(server, {"guest", "status", "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"});
   EXPECT_EQ(result.exit_code, 1);

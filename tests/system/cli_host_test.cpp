@@ -33,7 +33,7 @@ class Host : public CliTest {
   }
 };
 
-TEST_F(Host, List_IsATableThatCannotDriveTheTerminal) {
+TEST_F(Host, List_HostileTexts_AreSafeForTerminal) {
   const ScriptedServer server({HttpReplyOf(200, kHosts)});
   const auto result = RunOn(server, {"host", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -96,7 +96,7 @@ TEST_F(Host, ShowById_AsksOnce) {
   EXPECT_THAT(server.requests(), SizeIs(1));
 }
 
-TEST_F(Host, NamesOfNoneAndOfSeveral_AreTold) {
+TEST_F(Host, Host_UnknownOrAmbiguousName_IsReported) {
   for (const auto& [name, sentence] : {std::pair("nobody", "There is no host called 'nobody'"),
                                        std::pair("twin", "Several hosts are called 'twin'")}) {
     const ScriptedServer server({HttpReplyOf(200, kHosts)});
@@ -112,7 +112,7 @@ TEST_F(Host, OddData_IsAnErrorOrEmptyNeverACrash) {
     const ScriptedServer server({HttpReplyOf(200, std::string(R"({"success":true,"data":)") + data + "}")});
     const auto result = RunOn(server, {"host", "list"});
     EXPECT_EQ(result.exit_code, 1) << data;
-    EXPECT_THAT(result.errors, HasSubstr("holds no hosts"));
+    EXPECT_THAT(result.errors, HasSubstr("contains no hosts"));
   }
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"addresses":{},"system":7,"utilization":[],
       "interfaces":"x","ram_size":[]}})")});

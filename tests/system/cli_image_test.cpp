@@ -65,7 +65,7 @@ TEST_F(ImageCommand, Add_SendsAnAbsolutePathAndPrintsTheId) {
                                         R"(add {"name":"d","path":")" + folder_.path() + "/d.iso\"}"));
 }
 
-TEST_F(ImageCommand, Add_WordsThatCannotBe_AreNotSent) {
+TEST_F(ImageCommand, Add_InvalidArguments_AreNotSent) {
   const std::string name_rule = "vexa: An image's name is 1 to 128 bytes of UTF-8 without control characters\n";
   ExpectUsage({"image", "add", "", "/a.iso"}, name_rule);
   ExpectUsage({"image", "add", "a\nb", "/a.iso"}, name_rule);
@@ -79,7 +79,7 @@ TEST_F(ImageCommand, Add_WordsThatCannotBe_AreNotSent) {
   ExpectUsage({"image", "add", "a", "/a.iso", "--data", "/d"}, "--data");
 }
 
-TEST_F(ImageCommand, List_IsATableThatCannotDriveTheTerminal) {
+TEST_F(ImageCommand, List_HostileTexts_AreSafeForTerminal) {
   const ApiHost host(With(kImages));
   const auto result = RunOn(host, {"image", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -132,12 +132,12 @@ TEST_F(ImageCommand, OddData_IsAnErrorNeverACrash) {
   for (const char* data : {"null", "7", "[]", R"({"images":7,"repositories":{}})"}) {
     const ApiHost host(With(data, data));
     for (const auto& [words, sentence] :
-         {std::pair(std::vector<std::string>{"image", "list"}, "holds no images"),
-          std::pair(std::vector<std::string>{"image", "remove", "x"}, "holds no images"),
-          std::pair(std::vector<std::string>{"image", "add", "x", "/x"}, "holds no id of the image"),
-          std::pair(std::vector<std::string>{"repository", "list"}, "holds no repositories"),
-          std::pair(std::vector<std::string>{"repository", "accept", "x"}, "holds no repositories"),
-          std::pair(std::vector<std::string>{"repository", "add", "x"}, "holds no id of the repository")}) {
+         {std::pair(std::vector<std::string>{"image", "list"}, "contains no images"),
+          std::pair(std::vector<std::string>{"image", "remove", "x"}, "contains no images"),
+          std::pair(std::vector<std::string>{"image", "add", "x", "/x"}, "contains no id of the image"),
+          std::pair(std::vector<std::string>{"repository", "list"}, "contains no repositories"),
+          std::pair(std::vector<std::string>{"repository", "accept", "x"}, "contains no repositories"),
+          std::pair(std::vector<std::string>{"repository", "add", "x"}, "contains no id of the repository")}) {
       const auto result = RunOn(host, words);
       EXPECT_EQ(result.exit_code, 1) << words[1] << data;
       EXPECT_THAT(result.errors, HasSubstr(sentence)) << data;
@@ -155,7 +155,7 @@ TEST_F(ImageCommand, WithoutAServer_NothingIsCreated) {
   EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
 }
 
-TEST_F(ImageCommand, RepositoryAdd_SendsWhatWasGivenAndPrintsTheId) {
+TEST_F(ImageCommand, RepositoryAdd_SendsArgumentsAndPrintsId) {
   const ApiHost host(With(kRepositories, R"({"repository_id":"r9"})"));
   const auto result = RunOn(host, {"repository", "add", "pool 9", "--id", kUuid, "--host-id", kUuid});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -167,7 +167,7 @@ TEST_F(ImageCommand, RepositoryAdd_SendsWhatWasGivenAndPrintsTheId) {
                           R"(add {"name":"pool"})"));
 }
 
-TEST_F(ImageCommand, RepositoryAdd_WordsThatCannotBe_AreNotSent) {
+TEST_F(ImageCommand, RepositoryAdd_InvalidArguments_AreNotSent) {
   ExpectUsage({"repository", "add", ""}, "vexa: A repository's name is 1 to 128 bytes of UTF-8 without control");
   ExpectUsage({"repository", "add", "a", "--id", "../x"}, "vexa: '../x' is not a UUID\n");
   ExpectUsage({"repository", "add", "a", "--host-id", "nas-1"}, "vexa: 'nas-1' is not a host's id: give a UUID\n");

@@ -66,7 +66,7 @@ TEST_F(Log, TextsWithControlCharacters_DoNotDriveTheTerminal) {
                                    Not(HasSubstr("\r")), Not(HasSubstr("\u202e"))));
 }
 
-TEST_F(Log, Count_IsWhatIsAskedForPageByPage) {
+TEST_F(Log, Log_Count_ReadsRequestedNumberInPages) {
   const ApiHost host([](const std::string&, const Json::Value& parameters) {
     std::string entries;
     for (int i = 0; i < parameters["limit"].asInt(); ++i) entries += (i == 0 ? "" : ",") + Entry(i, "x");
@@ -121,7 +121,7 @@ TEST_F(Log, RepliesOfAnotherForm_AreErrors) {
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{}, {"-f"}, {"--all"}}) {
       const auto result = RunOn(host, arguments);
       EXPECT_EQ(result.exit_code, 1) << data;
-      EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no entries of the log"));
+      EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no entries of the log"));
     }
   }
 }
@@ -145,7 +145,7 @@ TEST_F(Log, Refusal_EndsIt) {
 
 // Following.
 
-TEST_F(Log, Following_PrintsWhatComesUntilCtrlC) {
+TEST_F(Log, Log_Follow_PrintsNewEntriesUntilCtrlC) {
   ApiHost host([](const std::string&, const Json::Value& parameters) {
     const Json::Int64 after = parameters["after"].asInt64() % 60'000'000 / 1'000'000;
     if (!parameters.isMember("after")) return ApiHost::Success(Page(Entry(2, "b") + "," + Entry(1, "a")));
@@ -165,7 +165,7 @@ TEST_F(Log, Following_PrintsWhatComesUntilCtrlC) {
   EXPECT_EQ(program.errors(), "");
 }
 
-TEST_F(Log, FollowingWithoutOldEntries_StartsBehindTheNewest) {
+TEST_F(Log, Log_FollowWithoutOldEntries_StartsAfterNewest) {
   ApiHost host([](const std::string&, const Json::Value& parameters) {
     if (!parameters.isMember("after")) return ApiHost::Success(Page(Entry(2, "old")));
     return ApiHost::Success(Page(parameters["after"] == Json::Int64{1'772'366'402'000'000} ? Entry(3, "new") : ""));
@@ -176,7 +176,7 @@ TEST_F(Log, FollowingWithoutOldEntries_StartsBehindTheNewest) {
   EXPECT_EQ(host.calls()[0], R"(list {"limit":1})");
 }
 
-TEST_F(Log, CtrlCWhileTheServerIsSilent_EndsAtOnce) {
+TEST_F(Log, Log_CtrlCDuringRequest_EndsImmediately) {
   ApiHost host([](const std::string&, const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
     if (parameters.isMember("after")) return std::nullopt;
     return ApiHost::Success(Page(""));
@@ -189,7 +189,7 @@ TEST_F(Log, CtrlCWhileTheServerIsSilent_EndsAtOnce) {
   EXPECT_EQ(ended->code, 0);
 }
 
-TEST_F(Log, ServerThatRestarts_IsToldOnceAndFollowedOn) {
+TEST_F(Log, Log_ServerRestarts_IsReportedOnceAndFollowContinues) {
   const std::string socket = folder_.File("s");
   auto server = std::make_unique<ScriptedServer>(
       std::vector<ScriptedReply>{HttpReplyOf(200, Reply(Page(Entry(1, "before")))), HttpReplyOf(200, Reply(Page("")))},

@@ -84,7 +84,7 @@ TEST_F(Login, PlainHttpToAnotherHost_IsRefusedBeforeAnythingIsSent) {
   }
 }
 
-TEST_F(Login, NoServerNamed_SaysThatTheSocketNeedsNone) {
+TEST_F(Login, Login_NoServer_AsksForTheUrl) {
   const auto result = Run({"login", "--password-stdin"}, "password\n");
   EXPECT_EQ(result.exit_code, 2);
   EXPECT_THAT(result.errors, HasSubstr("--server URL"));
@@ -146,7 +146,7 @@ TEST_F(Login, LoginFileOpenToOthers_IsRefused) {
   EXPECT_THAT(result.errors, HasSubstr("chmod 600"));
 }
 
-TEST_F(Login, LoginFileDamaged_SaysWhatToDo) {
+TEST_F(Login, Login_DamagedFile_NamesRemedy) {
   std::filesystem::create_directories(folder_.File("config/vexa"));
   for (const char* content :
        {"", "[]", "{\"server\":[],\"token\":{}}", "{\"server\":\"ftp://x\",\"token\":\"t\"}", "\xff"}) {
@@ -207,7 +207,7 @@ TEST_F(Login, Logout_EndsTheSessionAndForgetsIt) {
   EXPECT_EQ(again.output, "You are not logged in.\n");
 }
 
-TEST_F(Login, LogoutSessionExpiredOrServerGone_ForgetsItAllTheSame) {
+TEST_F(Login, Logout_SessionExpiredOrServerUnreachable_RemovesLogin) {
   {
     ScriptedServer server({HttpReplyOf(401, R"({"success":false,"error":{"code":103,"message":"no"}})")});
     SaveLogin(server.url());

@@ -71,7 +71,7 @@ TEST_F(Password, EmptyLine_IsUsageErrorWithEchoRestored) {
   terminal.Finish();
 }
 
-TEST_F(Password, NoTerminal_SaysToUseStandardInput) {
+TEST_F(Password, Password_NoTerminal_SuggestsStandardInput) {
   ProcessOptions program = LoginProgram("http://127.0.0.1:1");
   program.argv.insert(program.argv.begin(), {"setsid", "-w"});
   const auto result = RunProcess(program);

@@ -63,7 +63,7 @@ TEST_F(Power, Start_IsALineForEachGuestWithItsHost) {
                                                      R"(pwr_ctl {"action":"poweron","guest_id":"g1"})"}));
 }
 
-TEST_F(Power, GuestWithoutAHost_IsToldWithTheOneItGot) {
+TEST_F(Power, Start_GuestWithoutHost_ShowsAssignedHost) {
   bool started = false;
   const ApiHost host([&](const std::string& method, const Json::Value&) -> std::optional<ApiHost::Reply> {
     if (method != "list") started = true;
@@ -92,7 +92,7 @@ TEST_F(Power, Verbs_AreTheApisActions) {
   }
 }
 
-TEST_F(Power, Failures_AreToldWithSentenceCodeAndReason) {
+TEST_F(Power, Power_Failures_ShowMessageCodeAndReason) {
   const ApiHost host(With([](const auto&, const Json::Value& parameters) {
     if (Name(parameters, "guest_id") != "g2") return ApiHost::Success();
     return ApiHost::Failure(912, "The guest is b\\u001b[1musy.", R"(,"details":"since \u001b[1mnoon")");
@@ -105,7 +105,7 @@ TEST_F(Power, Failures_AreToldWithSentenceCodeAndReason) {
             "Details: \"since \\u001b[1mnoon\"\n");
 }
 
-TEST_F(Power, NamesThatAreNobodysOrSeverals_StopEverything) {
+TEST_F(Power, Power_UnknownOrAmbiguousNames_SendNothing) {
   const ApiHost host(AllWell());
   const auto result = RunOn(host, {"guest", "kill", "web-1", "twin", "nobody"});
   EXPECT_EQ(result.exit_code, 1);
@@ -119,13 +119,13 @@ TEST_F(Power, NamesThatAreNobodysOrSeverals_StopEverything) {
   EXPECT_EQ(host.Count("pwr_ctl"), 0);
 }
 
-TEST_F(Power, GuestThatIsNamedTwice_IsAskedOnce) {
+TEST_F(Power, Power_GuestNamedTwice_IsSentOnce) {
   const ApiHost host(AllWell());
   EXPECT_EQ(RunOn(host, {"guest", "stop", "web-1", "g1", "web-1"}).output, "web-1: asked to shut down\n");
   EXPECT_EQ(host.Count("pwr_ctl"), 1);
 }
 
-TEST_F(Power, IdThatIsNotListed_IsLeftToTheServer) {
+TEST_F(Power, Power_UnlistedId_IsSentToServer) {
   const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Failure(409, "You may not."); }));
   const auto result = RunOn(host, {"guest", "stop", kUuid});
   EXPECT_EQ(result.exit_code, 1);
@@ -137,7 +137,7 @@ TEST_F(Power, NamesWithControlCharacters_DoNotDriveTheTerminal) {
   EXPECT_EQ(RunOn(host, {"guest", "stop", "g6"}).output, "b\\x1b[31md\\n: asked to shut down\n");
 }
 
-TEST_F(Power, ManyGuests_AreAskedEightAtATimeAndToldInOrder) {
+TEST_F(Power, Power_ManyGuests_EightConcurrentResultsInOrder) {
   std::string list;
   std::string expected;
   std::vector<std::string> arguments{"guest", "stop"};
@@ -160,7 +160,7 @@ TEST_F(Power, ManyGuests_AreAskedEightAtATimeAndToldInOrder) {
   EXPECT_EQ(program.output(), expected);
 }
 
-TEST_F(Power, Timeout_IsTheOneThatIsGiven) {
+TEST_F(Power, Power_Timeout_IsAsGiven) {
   ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   const auto result = RunOn(host, {"--timeout", "1", "guest", "stop", "web-1"});
   EXPECT_EQ(result.exit_code, 1);
@@ -210,7 +210,7 @@ TEST_F(Power, Wait_EndsWhenTheStateIsSo) {
   }
 }
 
-TEST_F(Power, WaitThatIsOver_IsAFailure) {
+TEST_F(Power, Wait_Elapsed_Fails) {
   const ApiHost host(With([](const std::string& method, const auto&) {
     return ApiHost::Success(method == "status" ? R"({"status":"boot\u001bing"})" : "null");
   }));
@@ -220,8 +220,8 @@ TEST_F(Power, WaitThatIsOver_IsAFailure) {
   EXPECT_THAT(result.output, IsEmpty());
 }
 
-TEST_F(Power, WaitForAStateThatCannotBeRead_Fails) {
-  for (const auto& [data, why] : {std::pair("7", "The server's reply holds no guest"),
+TEST_F(Power, Wait_StateUnreadable_Fails) {
+  for (const auto& [data, why] : {std::pair("7", "The server's reply contains no guest"),
                                   std::pair("", "Its state cannot be read: Gone. (error 403")}) {
     const std::string text = data;
     const ApiHost host(With([&](const std::string& method, const auto&) {
@@ -234,7 +234,7 @@ TEST_F(Power, WaitForAStateThatCannotBeRead_Fails) {
   }
 }
 
-TEST_F(Power, OnATerminal_TellsHowFarItIs) {
+TEST_F(Power, Power_OnTerminal_ShowsProgress) {
   int asked = 0;
   const ApiHost host(With([&](const std::string& method, const auto&) -> std::optional<ApiHost::Reply> {
     if (method != "status") return ApiHost::Success();
@@ -255,7 +255,7 @@ TEST_F(Power, RepliesOfAnotherForm_AreErrors) {
     const ApiHost host([&](const auto&, const auto&) { return ApiHost::Success(data); });
     const auto result = RunOn(host, {"guest", "stop", "web-1"});
     EXPECT_EQ(result.exit_code, 1) << list;
-    EXPECT_THAT(result.errors, HasSubstr("The server's reply holds no guests"));
+    EXPECT_THAT(result.errors, HasSubstr("The server's reply contains no guests"));
     EXPECT_EQ(host.Count("pwr_ctl"), 0);
   }
   for (const char* body : {R"({"success":"yes"})", "[1]", "nonsense", ""}) {
@@ -267,7 +267,7 @@ TEST_F(Power, RepliesOfAnotherForm_AreErrors) {
   }
 }
 
-TEST_F(Power, ServerThatHangsUp_IsToldForItsGuest) {
+TEST_F(Power, Power_ServerHangsUp_IsReportedForGuest) {
   const std::string list = R"({"success":true,"data":)" + kGuests + "}";
   const ScriptedServer server({HttpReplyOf(200, list), {"", ScriptedReply::Then::kReset}});
   SaveLogin(server.url());
@@ -276,12 +276,12 @@ TEST_F(Power, ServerThatHangsUp_IsToldForItsGuest) {
   EXPECT_THAT(result.errors, StartsWith("vexa: web-1: No reply from "));
 }
 
-TEST_F(Power, ServerThatIsNotThere_IsUnreachable) {
+TEST_F(Power, Power_ServerMissing_IsUnreachable) {
   SaveLogin("http://127.0.0.1:" + std::to_string(UnusedPort()));
   EXPECT_EQ(Run({"guest", "stop", "web-1"}).exit_code, 3);
 }
 
-TEST_F(Power, Interrupted_TellsWhatIsKnownAndEndsAtOnce) {
+TEST_F(Power, Power_Interrupted_ShowsResultsAndEndsImmediately) {
   std::string list;
   std::vector<std::string> arguments{"guest", "stop"};
   for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j"}) {
@@ -302,12 +302,12 @@ TEST_F(Power, Interrupted_TellsWhatIsKnownAndEndsAtOnce) {
   ASSERT_TRUE(ended);
   EXPECT_EQ(ended->code, 130);
   EXPECT_EQ(program.errors(),
-            "vexa: Interrupted. Answered: vm-a. Not answered yet, and not taken back: vm-b, vm-c, vm-d, vm-e, vm-f, "
+            "vexa: Interrupted. Answered: vm-a. Sent but not answered yet: vm-b, vm-c, vm-d, vm-e, vm-f, "
             "vm-g, vm-h, vm-i. Not sent: vm-j.\n");
   EXPECT_EQ(program.output(), "vm-a: asked to shut down\n");
 }
 
-TEST_F(Power, Help_TellsOfTimesAndWaiting) {
+TEST_F(Power, Help_ExplainsTimeoutsAndWaiting) {
   for (const char* word : {"start", "stop", "kill"}) {
     EXPECT_THAT(Run({"guest", word, "--help"}).output,
                 AllOf(HasSubstr("--wait"), HasSubstr("default 300"), HasSubstr("3600 s"), HasSubstr("Ctrl-C")));

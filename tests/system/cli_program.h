@@ -38,7 +38,7 @@ class CliTest : public ::testing::Test {
     options.input = input;
     const ProcessResult result = RunProcess(options);
     EXPECT_FALSE(result.timed_out);
-    // Whatever happens, the token is nobody's to read.
+    // Nobody else can read the token at any time.
     EXPECT_THAT(result.output + result.errors, ::testing::Not(::testing::HasSubstr(kToken)));
     return result;
   }

@@ -124,7 +124,7 @@ TEST_F(Reply, ThousandsOfDisksWithLongNames_StayReadable) {
   EXPECT_LT(result.output.size(), 1'000'000U);
 }
 
-TEST_F(Reply, ServerRefuses_SaysWhyWithCodeAndRequest) {
+TEST_F(Reply, Reply_Refusal_ShowsReasonCodeAndRequest) {
   const auto result = GetGuest(HttpReplyOf(
       404, R"({"success":false,"error":{"code":403,"message":"No\u001b]0;x\u0007 such guest","details":{"a":"\u001b"}},
                "request_id":"0123456789abcdef"})"));
@@ -135,7 +135,7 @@ TEST_F(Reply, ServerRefuses_SaysWhyWithCodeAndRequest) {
             "Details: {\"a\":\"\\u001b\"}\n");
 }
 
-TEST_F(Reply, SessionExpired_SaysToLogInAgain) {
+TEST_F(Reply, Reply_SessionExpired_SuggestsLogin) {
   const auto result =
       GetGuest(HttpReplyOf(401, R"({"success":false,"error":{"code":103,"message":"You are not logged in"}})"));
   EXPECT_EQ(result.exit_code, 1);
@@ -152,7 +152,7 @@ TEST_F(Reply, ServerEchoesTheToken_ItIsNotShown) {
   EXPECT_THAT(result.errors, HasSubstr("Bearer ***"));  // CliTest::Run looks for the token itself
 }
 
-TEST_F(Reply, Verbose_TellsRequestAndStatusWithoutSecrets) {
+TEST_F(Reply, Verbose_PrintsRequestAndStatusWithoutSecrets) {
   const auto result = GetGuest(HttpReplyOf(200, kGuestReply), {"-v"});
   EXPECT_THAT(result.errors, AllOf(HasSubstr("/webapi/VEXA.Virtualization.Guest/get"), HasSubstr("HTTP 200"),
                                    Not(HasSubstr("Bearer"))));
@@ -189,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadReply{"HangsUpInTheHeader", {"HTTP/1.1 200 OK\r\nConte"}, 1, "it is empty"},
         BadReply{"HangsUpInTheBody", {kOk + R"({"success":true,)"}, 3, "No reply from"},
         BadReply{"ResetsInTheBody", {kOk + R"({"success":true,)", Then::kReset}, 3, "No reply from"},
-        BadReply{"StallsAtOnce", {"", Then::kStall}, 3, "No reply from"},
+        BadReply{"StallsImmediately", {"", Then::kStall}, 3, "No reply from"},
         BadReply{"StallsInTheBody", {kOk + R"({"success":true,)", Then::kStall}, 3, "No reply from"},
         BadReply{"Html", HttpReplyOf(502, "<html>Bad gateway</html>", "text/html"), 1, "(HTTP 502) is not understood"},
         BadReply{"Empty", HttpReplyOf(200, ""), 1, "it is empty"},
@@ -202,7 +202,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadReply{"SuccessWithFailure", HttpReplyOf(500, R"({"success":true,"data":{}})"), 1, "claims success"},
         BadReply{"FailureWithSuccess", HttpReplyOf(200, R"({"success":false,"error":{}})"), 1, "claims failure"},
         BadReply{"NoReason", HttpReplyOf(500, R"({"success":false})"), 1, "refused without a reason"},
-        BadReply{"NoData", HttpReplyOf(200, R"({"success":true})"), 1, "holds no guest"},
+        BadReply{"NoData", HttpReplyOf(200, R"({"success":true})"), 1, "contains no guest"},
         BadReply{"TooLarge", HttpReplyOf(200, std::string(20 << 20, ' ')), 1, "larger than 16 MiB"},
         BadReply{
             "Endless", {"HTTP/1.1 200 OK\r\n\r\n" + std::string(20 << 20, ' '), Then::kStall}, 1, "larger than 16 MiB"},
@@ -219,7 +219,7 @@ TEST_F(Reply, Redirect_IsNotFollowed) {
   EXPECT_THAT(elsewhere.requests(), IsEmpty());
 }
 
-TEST_F(Reply, NobodyListens_IsUnreachable) {
+TEST_F(Reply, Reply_NoListener_IsUnreachable) {
   SaveLogin("http://127.0.0.1:1");
   const auto result = Run({"guest", "get", kGuest});
   EXPECT_EQ(result.exit_code, 3);

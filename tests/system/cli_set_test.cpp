@@ -124,7 +124,7 @@ TEST_F(GuestSet, SeveralChanges_AreOneRequest) {
             R"({"desc":"x","iso_images":["unmounted"],"vcpu_num":2,"vdisks_add":[{"vdisk_size":5}]})");
 }
 
-TEST_F(GuestSet, WrongSettings_AreToldAndNothingIsSent) {
+TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{"vcpus=4"}, std::string("There is no setting 'vcpus'; did you mean 'vcpu_num'? ") + kSettings},
       {{"=4"}, std::string("There is no setting ''. ") + kSettings},
@@ -155,12 +155,14 @@ TEST_F(GuestSet, WrongSettings_AreToldAndNothingIsSent) {
   for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
 }
 
-TEST_F(GuestSet, WrongOptions_AreToldAndNothingIsSent) {
+TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
   const std::string no_size = "' is no size of a disk: give GiB, 1 to 2097151";
   const std::string no_disk = "' is no id of a disk (a UUID); 'vexa guest get' shows them";
   const std::string no_nic = "' is no id of a network interface (a UUID); 'vexa guest get' shows them";
   const std::string no_member = "' is nothing of an interface: give net=ID, type=N, mac=ADDRESS or sriov=true";
-  const std::string nobody = "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
+  const auto unknown = [](const std::string& word) {
+    return "Unknown user or group '" + word + "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
+  };
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{"--add-disk", "0"}, "'0" + no_size},
       {{"--add-disk", "1.5"}, "'1.5" + no_size},
@@ -195,12 +197,12 @@ TEST_F(GuestSet, WrongOptions_AreToldAndNothingIsSent) {
       {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x': give '1234:00ab', '3.14' or 'unmounted'"},
       {{"--usb", "1.1", "--usb", "1.2", "--usb", "1.3", "--usb", "1.4", "--usb", "1.5"},
        "The parameter 'usbs' has more than four devices"},
-      {{"--allow", "alice"}, "'alice" + nobody},
-      {{"--allow", "user:"}, "'user:" + nobody},
-      {{"--allow", "users:alice"}, "'users:alice" + nobody},
-      {{"--allow", "uid:-1"}, "'uid:-1" + nobody},
-      {{"--allow", "uid:4294967295"}, "'uid:4294967295" + nobody},
-      {{"--allow", "uid:12x"}, "'uid:12x" + nobody},
+      {{"--allow", "alice"}, unknown("alice")},
+      {{"--allow", "user:"}, unknown("user:")},
+      {{"--allow", "users:alice"}, unknown("users:alice")},
+      {{"--allow", "uid:-1"}, unknown("uid:-1")},
+      {{"--allow", "uid:4294967295"}, unknown("uid:4294967295")},
+      {{"--allow", "uid:12x"}, unknown("uid:12x")},
       {{"--allow", "uid:7", "--revoke", "uid:7"}, "The rights of 'uid:7' are named twice"},
   };
   for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
@@ -216,7 +218,7 @@ TEST_F(GuestSet, UnknownOptionsAndMissingValues_AreWrongUsage) {
             "vexa: The guest's id or name is empty or not valid UTF-8\n");
 }
 
-TEST_F(GuestSet, NamesThatAreNobodysOrSeverals_SendNothing) {
+TEST_F(GuestSet, Set_UnknownOrAmbiguousNames_SendNothing) {
   const ApiHost host(AllWell());
   const auto several = RunOn(host, {"twin", "vcpu_num=1"});
   EXPECT_EQ(several.exit_code, 1);
@@ -262,7 +264,7 @@ TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
   const int sent = host.Count("set");
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No. (error 980"));
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:carol"}).errors, HasSubstr("give uid:NUMBER or gid:NUMBER"));
-  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("holds no id"));
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("contains no id"));
   EXPECT_EQ(RunOn(host, {"web-1", "--allow", "group:staff", "--revoke", "gid:1026"}).exit_code, 2);
   EXPECT_EQ(host.Count("set"), sent);
 }
@@ -295,7 +297,7 @@ TEST_F(GuestSet, Json_HasTheOutcome) {
       "message":"No. (error 920, HTTP 409, request 0123456789abcdef)"})-"));
 }
 
-TEST_F(GuestSet, Refusals_AreToldWithCodeAndDetails) {
+TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
   for (const int code : {401, 403, 406, 407, 409, 411, 413, 909, 919, 920, 926, 930, 934, 935, 937, 943, 946, 1001}) {
     const ApiHost host(Refuses(code));
     const auto result = RunOn(host, {"web-1", "vcpu_num=1"});
@@ -332,7 +334,7 @@ TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestSet, DryRun_ChecksWhatTheGuestTells) {
+TEST_F(GuestSet, DryRun_ChecksAgainstGuestsParts) {
   const std::string data =
       R"({"vdisks":[7,{"vdisk_id":")" + kA + R"(","size":"3072"}],"vnics":[{"vnic_id":")" + kB + "\"}]}";
   const ApiHost host([&](const std::string& method, const Json::Value&) {
@@ -365,7 +367,7 @@ TEST_F(GuestSet, DryRun_ChecksWhatTheGuestTells) {
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestSet, DryRunOfAGuestThatCannotBeRead_Fails) {
+TEST_F(GuestSet, DryRun_GuestUnreadable_Fails) {
   for (const char* data : {"", "7"}) {
     const std::string text = data;
     const ApiHost host([&](const std::string& method, const Json::Value&) {
@@ -375,20 +377,20 @@ TEST_F(GuestSet, DryRunOfAGuestThatCannotBeRead_Fails) {
     const auto result = RunOn(host, {"web-1", "vcpu_num=4", "--dry-run"});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_THAT(result.errors,
-                StartsWith(text.empty() ? "vexa: You may not." : "vexa: The server's reply holds no guest"));
+                StartsWith(text.empty() ? "vexa: You may not." : "vexa: The server's reply contains no guest"));
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_EQ(host.Count("set"), 0);
   }
 }
 
-TEST_F(GuestSet, Timeout_IsTheOneThatIsGiven) {
+TEST_F(GuestSet, Set_Timeout_IsAsGiven) {
   ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   const auto result = RunOn(host, {"--timeout", "1", "web-1", "vcpu_num=1"});
   EXPECT_EQ(result.exit_code, 3);
   EXPECT_THAT(result.errors, StartsWith("vexa: web-1: No reply from "));
 }
 
-TEST_F(GuestSet, Interrupt_EndsAtOnceAndTellsSo) {
+TEST_F(GuestSet, Set_Interrupt_EndsImmediatelyWithMessage) {
   ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   SaveLogin(host.url());
   Process program(Program({"guest", "set", "web-1", "vcpu_num=1"}));
@@ -397,7 +399,7 @@ TEST_F(GuestSet, Interrupt_EndsAtOnceAndTellsSo) {
   const auto ended = program.Wait(seconds(30));
   ASSERT_TRUE(ended);
   EXPECT_EQ(ended->code, 130);
-  EXPECT_EQ(program.errors(), "vexa: web-1: Interrupted before it was answered, and not taken back.\n");
+  EXPECT_EQ(program.errors(), "vexa: web-1: Interrupted after the request was sent and before it was answered.\n");
 }
 
 TEST_F(GuestSet, NoServer_IsUnreachable) {
@@ -405,7 +407,7 @@ TEST_F(GuestSet, NoServer_IsUnreachable) {
   EXPECT_EQ(result.exit_code, 3);
 }
 
-TEST_F(GuestSet, Help_TellsUnitsAndAllSettings) {
+TEST_F(GuestSet, Help_ListsUnitsAndAllSettings) {
   EXPECT_THAT(Run({"guest", "set", "--help"}).output,
               AllOf(HasSubstr("Sizes of disks are in GiB"), HasSubstr("memory in MiB"), HasSubstr("hyperv_enlighten="),
                     HasSubstr("--dry-run"), HasSubstr("There is nothing to wait for")));

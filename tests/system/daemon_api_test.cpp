@@ -375,7 +375,7 @@ TEST_F(DaemonApi, BadTokens_AreNeverAFallBack) {
   }
 }
 
-TEST_F(DaemonApi, Info_TellsWhoTheCallerIs) {
+TEST_F(DaemonApi, Info_ReturnsCaller) {
   HttpClient client = daemon_->TcpAs("adam");
   const Json::Value data = JsonBody(client.PostJson("/webapi/VEXA.Core.Session/info", ""))["data"];
   EXPECT_EQ(data["user"], "adam");
@@ -404,14 +404,14 @@ TEST_F(DaemonApi, CookieCaller_NeedsTheCsrfToken) {
   EXPECT_EQ(ErrorCode(browser.PostJson(kGetPath, kGetBody)), 0);
 }
 
-TEST_F(DaemonApi, StaleCookie_DoesNotKeepAnybodyFromLoggingIn) {
+TEST_F(DaemonApi, Login_StaleCookie_Succeeds) {
   HttpClient browser = daemon_->Tcp();
   browser.SetHeader("Cookie", "vexa_session=" + std::string(43, 'A'));
   EXPECT_EQ(ErrorCode(browser.PostJson(kLoginPath, LoginBody("grace", kTestPassword))), 0);
   EXPECT_EQ(ErrorCode(browser.PostJson(kGetPath, kGetBody)), 103);
 }
 
-TEST_F(DaemonApi, DeletedUser_LosesTheSessionAtOnce) {
+TEST_F(DaemonApi, DeletedUser_Session_EndsImmediately) {
   const auto accounts = daemon_->Accounts();
   vexa::cluster::AccountStore::NewUser user;
   user.name = "temporary";
@@ -435,7 +435,7 @@ TEST_F(DaemonApi, Health_IsReportedWithoutALogin) {
   EXPECT_EQ(JsonBody(reply)["status"], "ok");
 }
 
-TEST_F(DaemonApi, Metrics_CountWhatWasCalled) {
+TEST_F(DaemonApi, Metrics_CountCalls) {
   HttpClient client = daemon_->TcpAs("grace");
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, kGetBody)), 0);
   const HttpReply reply = client.Get("/metrics");
@@ -528,7 +528,7 @@ TEST(DaemonStop, RequestInFlight_IsAnsweredAndSessionsSurvive) {
   releaser.join();
 }
 
-TEST(DaemonStop, DeadlinePasses_StopSaysSo) {
+TEST(DaemonStop, Stop_DeadlinePasses_ReturnsFalse) {
   TestDaemon daemon;
   const std::string token = daemon.Login("grace");
   std::thread caller([&] {

@@ -184,7 +184,7 @@ TEST_F(FrozenCluster, FolderGoesAway_GuestsAreShownFrozenUntilItIsBack) {
 }
 
 // An empty database would be made in the folder that its storage is to be mounted on.
-TEST_F(FrozenCluster, HostThatStartsWithoutTheFolder_SaysSoAndMakesNone) {
+TEST_F(FrozenCluster, HostStart_StoreFolderMissing_IsReportedAndNotCreated) {
   MoveAway();
   hosts_[2].reset();
   ProcessOptions options;

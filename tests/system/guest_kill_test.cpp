@@ -218,7 +218,7 @@ TEST_F(KilledDaemon, AtAnyMoment_LeavesNothingHalfMade) {
       if (unanswered > 0) ++interrupted;
     }
     if (round % 4 != 3) continue;
-    // The daemon finishes what was begun before guests are made anew.
+    // The daemon finishes what was begun before guests are created again.
     {
       const auto daemon = Start();
       daemon->Signal(SIGTERM);

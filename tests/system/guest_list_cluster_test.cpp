@@ -144,7 +144,7 @@ TEST_F(GuestListCluster, HungHost_DelaysNeitherListsNorStatusOfOthersGuests) {
   Thaw(1);
 }
 
-TEST_F(GuestListCluster, HostThatIsGone_IsShownWithItsGuestsSinceItsLastSignOfLife) {
+TEST_F(GuestListCluster, List_HostGone_ShowsItAndItsGuestsSinceLastSignOfLife) {
   EXPECT_EQ(CodeOf(Power(0, "poweron")), 0);
   EXPECT_EQ(ListedState(0), "running");
   Kill(1);
@@ -170,8 +170,8 @@ TEST_F(GuestListCluster, HostThatIsGone_IsShownWithItsGuestsSinceItsLastSignOfLi
   EXPECT_EQ(host["inaccessible_since"], 1'000'000'000);
 }
 
-// A process that is stopped takes connections, so only its signs of life tell.
-TEST_F(GuestListCluster, HostThatIsGone_IsNotAskedForFigures) {
+// A process that is stopped takes connections, so only its signs of life show it.
+TEST_F(GuestListCluster, Figures_HostGone_IsNotCalled) {
   Freeze(1);
   PutSeen(1, 1'000'000'000);
   const auto begun = Clock::now();
@@ -186,7 +186,7 @@ TEST_F(GuestListCluster, HostThatIsGone_IsNotAskedForFigures) {
   Thaw(1);
 }
 
-TEST_F(GuestListCluster, ActionsOnAGuestOfAHostThatIsGone_SayWhyTheyFail) {
+TEST_F(GuestListCluster, Actions_HostGone_FailWithReason) {
   EXPECT_EQ(CodeOf(Power(0, "poweron")), 0);
   EXPECT_THAT(ReasonOf(Power(0, "poweron")), IsEmpty()) << "it runs, and its host is there";
   Kill(1);
@@ -207,7 +207,7 @@ TEST_F(GuestListCluster, ActionsOnAGuestOfAHostThatIsGone_SayWhyTheyFail) {
 }
 
 // Background calls found the host gone again and again, and the first call that mattered after its return was refused.
-TEST_F(GuestListCluster, HostThatIsBack_TakesTheFirstPowerOn) {
+TEST_F(GuestListCluster, PowerOn_HostBack_SucceedsOnFirstCall) {
   const char* const given = std::getenv("VEXA_RETURN_ROUNDS");
   const int rounds = given != nullptr ? std::atoi(given) : 8;
   std::atomic<bool> ends = false;

@@ -135,7 +135,7 @@ TEST_F(GuestPowerCluster, AGuestWithoutAHost_GoesToTheHostOfItsRepository) {
   EXPECT_THAT(Stored({"dash", "guest", kGuest, "object"}), HasSubstr("\"host_id\":\"" + IdOf(1)));
 }
 
-TEST_F(GuestPowerCluster, AGuestThatFitsNowhere_IsGivenNoHost) {
+TEST_F(GuestPowerCluster, SelectHost_NoHostFits_AssignsNone) {
   PutGuest("");
   std::string record = Stored({"dash", "guest", kGuest, "object"});
   record.replace(record.find("\"vram_size\":16"), 14, "\"vram_size\":2000000");
@@ -159,7 +159,7 @@ TEST_F(GuestPowerCluster, HighAvailability_FencesOnAllHosts) {
   ExpectState(states::shutdown);
 }
 
-TEST_F(GuestPowerCluster, AHostThatDied_KeepsItsGuestFromOthersUntilItIsBack) {
+TEST_F(GuestPowerCluster, DeadHost_GuestCannotStartElsewhereUntilHostReturns) {
   EXPECT_EQ(Power(0, "poweron"), 0);
   hosts_[1]->Signal(SIGKILL);
   EXPECT_TRUE(hosts_[1]->Wait(30s));
@@ -171,7 +171,7 @@ TEST_F(GuestPowerCluster, AHostThatDied_KeepsItsGuestFromOthersUntilItIsBack) {
 }
 
 // The host that was asked does not do what the host that has the files has refused.
-TEST_F(GuestPowerCluster, Delete_RefusedByTheRepositorysHostThatIsAlive_IsNotDoneByAnother) {
+TEST_F(GuestPowerCluster, Delete_RefusedByLiveRepositoryHost_IsNotDoneByAnother) {
   std::ofstream(Folder(1) + "/images/.vexa-deleted-" + kGuest + "-0") << "in the way";
   EXPECT_EQ(Delete(0), 901);
   EXPECT_NE(Stored({"dash", "guest", kGuest, "object"}), "");
@@ -232,14 +232,14 @@ TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
   Freeze(1);
   std::atomic<int> code = 0;
   std::thread stuck([&] { code = Power(0, "poweron"); });
-  // Until the call has left; nobody tells.
+  // Until the call has left, which nothing reports.
   std::this_thread::sleep_for(500ms);
   hosts_[0]->Signal(SIGTERM);
   const auto status = hosts_[0]->Wait(60s);
   ASSERT_TRUE(status) << "an hour is the call's own time-out";
   EXPECT_EQ(status->code, 0) << hosts_[0]->errors();
   stuck.join();
-  EXPECT_EQ(code, 902) << "who asked is told";
+  EXPECT_EQ(code, 902) << "the caller gets the error";
   Thaw(1);
 }
 

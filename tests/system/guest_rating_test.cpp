@@ -101,7 +101,7 @@ ServiceParts PartsThatSay(Rating rating) {
 }
 
 // "host name available words" of each host.
-std::vector<std::string> Told(const Answer& answer) {
+std::vector<std::string> Listed(const Answer& answer) {
   std::vector<std::string> told;
   EXPECT_EQ(answer.code, 0);
   for (const Json::Value& host : json::Elements(json::Member(answer.data, "hosts"))) {
@@ -174,7 +174,7 @@ TEST_F(GuestRating, HostThatRunsNoGuests_IsUnavailable) {
             R"({"available":false,"reasons":["The host runs no guests."],"status":["unavailable"]})");
 }
 
-TEST_F(GuestRating, ErrorsOfRating_AreTold) {
+TEST_F(GuestRating, Rating_Errors_AreReturned) {
   const std::pair<ErrorCode, int> rows[] = {{ErrorCode::kNotFound, 403},
                                             {ErrorCode::kCorrupt, 403},
                                             {ErrorCode::kUnavailable, 100},
@@ -188,7 +188,7 @@ TEST_F(GuestRating, ErrorsOfRating_AreTold) {
   }
 }
 
-TEST_F(GuestRating, GuestWithoutReadableRecords_IsNotAskedAbout) {
+TEST_F(GuestRating, Rating_UnreadableRecords_CallsNoHost) {
   const JsonHost other{std::string(kRated)};
   PutHosts({"a"});
   RatingHost rating({});
@@ -202,7 +202,7 @@ TEST_F(GuestRating, GuestWithoutReadableRecords_IsNotAskedAbout) {
   EXPECT_EQ(other.requests(), 0);
 }
 
-TEST_F(GuestRating, EveryHost_IsAskedTheSameAndToldInOrder) {
+TEST_F(GuestRating, Rating_EveryHost_IsCalledAlikeAndListedInOrder) {
   std::mutex mutex;
   std::vector<std::string> bodies;
   std::string target;
@@ -221,7 +221,7 @@ TEST_F(GuestRating, EveryHost_IsAskedTheSameAndToldInOrder) {
   PutHosts({"c", "b", local, "a"});
   host_.PutText("host", "c", R"({"name":7,"state":"host_inaccessible"})");
   rating.Reach({{"a", other.address()}, {"b", other.address()}, {"c", other.address()}});
-  EXPECT_THAT(Told(rating.CheckHosts()),
+  EXPECT_THAT(Listed(rating.CheckHosts()),
               ElementsAre(local + " name of " + local + " yes []", "a name of a yes []", "b name of b yes []",
                           testing::AllOf(testing::StartsWith("c "), testing::EndsWith(" yes []"))))
       << "the host that is said to be inaccessible too; the local one's best_io is not by the records";
@@ -237,10 +237,10 @@ TEST_F(GuestRating, NoHostListed_TheLocalOneIsAskedAlone) {
   host_.PutText("repository", "repo", R"({"host_id":")" + RatingHost::local() + "\"}");
   RatingHost rating(PartsThatSay({{}, true, {}}));
   rating.Reach({});
-  EXPECT_THAT(Told(rating.CheckHosts()), ElementsAre(RatingHost::local() + R"(  yes ["best_io"])"));
+  EXPECT_THAT(Listed(rating.CheckHosts()), ElementsAre(RatingHost::local() + R"(  yes ["best_io"])"));
 }
 
-TEST_F(GuestRating, ListOfHostsThatCannotBeRead_IsAnError) {
+TEST_F(GuestRating, Rating_HostListUnreadable_IsAnError) {
   RatingHost rating({});
   rating.Reach({});
   host_.store().FailSnapshots();
@@ -255,14 +255,14 @@ TEST_F(GuestRating, StalledHost_CostsThePatienceAndNothingElse) {
   rating.Reach({{"a", other.address()}, {"b", AddressOfUrl(stalled)}, {"c", other.address()}});
   Answer answer;
   const double seconds = SecondsOf([&] { answer = rating.CheckHosts(); });
-  EXPECT_THAT(Told(answer),
+  EXPECT_THAT(Listed(answer),
               ElementsAre("a name of a yes []", R"(b name of b no ["unreachable"])", "c name of c yes []"));
   EXPECT_GE(seconds, 0.9);
   EXPECT_LT(seconds, 15.0);
 }
 
 // One host's part, by what it answers.
-std::string ToldOf(TestHost& host, const std::string& reply) {
+std::string ListedOf(TestHost& host, const std::string& reply) {
   host.PutText("host", "a", R"({"name":"A"})");
   const JsonHost other{std::string(reply)};
   RatingHost rating({});
@@ -283,13 +283,13 @@ TEST_F(GuestRating, ErrorsOfOtherHosts_BecomeWords) {
                                               {0, "failed"}};
   for (const auto& [code, word] : rows) {
     const std::string told =
-        ToldOf(host_, R"({"success":false,"error":{"code":)" + std::to_string(code) + R"(,"message":"x"}})");
+        ListedOf(host_, R"({"success":false,"error":{"code":)" + std::to_string(code) + R"(,"message":"x"}})");
     EXPECT_THAT(told, HasSubstr(R"("available":false)"));
     EXPECT_THAT(told, HasSubstr(std::string(R"("status":[")") + word + R"("])")) << code;
   }
 }
 
-TEST_F(GuestRating, RepliesThatAreNoRating_AreUnreachableHosts) {
+TEST_F(GuestRating, Rating_InvalidReplies_CountAsUnreachable) {
   for (const char* reply :
        {R"({})", R"({"success":1})", R"({"success":"true","data":{"available":true}})", R"({"success":false})",
         R"({"success":false,"error":{"code":"507"}})", R"({"success":false,"error":[507]})", R"({"success":true})",
@@ -297,14 +297,14 @@ TEST_F(GuestRating, RepliesThatAreNoRating_AreUnreachableHosts) {
         R"({"success":true,"data":{"status":["best_io"]}})", R"({"success":true,"data":{"available":1}})",
         R"({"success":true,"data":{"available":"true"}})", R"({"success":true,"data":{"available":null}})",
         R"({"success":true,"data":{"available":[true]}})"}) {
-    EXPECT_THAT(ToldOf(host_, reply), HasSubstr(R"("status":["unreachable"])")) << reply;
-    EXPECT_THAT(ToldOf(host_, reply), HasSubstr(R"("available":false)")) << reply;
+    EXPECT_THAT(ListedOf(host_, reply), HasSubstr(R"("status":["unreachable"])")) << reply;
+    EXPECT_THAT(ListedOf(host_, reply), HasSubstr(R"("available":false)")) << reply;
   }
 }
 
-TEST_F(GuestRating, WhatIsNoPartOfARating_IsDropped) {
+TEST_F(GuestRating, Rating_UnknownMembers_AreDropped) {
   const auto rated = [this](const std::string& members) {
-    return ToldOf(host_, R"({"success":true,"has_fail":1,"data":{"available":false,"secret":1,)" + members + "}}");
+    return ListedOf(host_, R"({"success":true,"has_fail":1,"data":{"available":false,"secret":1,)" + members + "}}");
   };
   EXPECT_EQ(rated(R"("status":7,"reasons":{"a":"b"})"), R"({"available":false,"reasons":[],"status":[]})");
   EXPECT_EQ(rated(R"("status":{"a":"no_memory"},"reasons":null)"), R"({"available":false,"reasons":[],"status":[]})");
@@ -324,31 +324,31 @@ TEST_F(GuestRating, TooMuch_IsCut) {
     words += (i > 0 ? ",\"w" : "\"w") + std::to_string(i) + '"';
     reasons += (i > 0 ? ",\"" : "\"") + std::string(10, 'x') + '"';
   }
-  const Json::Value told = Parsed(ToldOf(
+  const Json::Value told = Parsed(ListedOf(
       host_, R"({"success":true,"data":{"available":true,"status":[)" + words + R"(],"reasons":[)" + reasons + "]}}"));
   EXPECT_EQ(told["status"].size(), 16u);
   EXPECT_EQ(told["reasons"].size(), 16u);
   EXPECT_EQ(told["status"][15], Json::Value("w15"));
-  const Json::Value one = Parsed(ToldOf(
+  const Json::Value one = Parsed(ListedOf(
       host_, R"({"success":true,"data":{"available":true,"reasons":[")" + std::string(10'000'000, 'x') + "\"]}}"));
   ASSERT_EQ(one["reasons"].size(), 1u);
   EXPECT_EQ(one["reasons"][0].asString().size(), 512u);
 }
 
-TEST_F(GuestRating, BestIo_IsForTheRepositorysHostAlone) {
+TEST_F(GuestRating, Rating_BestIo_OnlyForRepositoryHost) {
   const JsonHost liar(R"({"success":true,"data":{"available":true,"status":["best_io","x","best_io"]}})");
   PutHosts({"a", "b"});
   RatingHost rating({});
   rating.Reach({{"a", liar.address()}, {"b", liar.address()}});
-  EXPECT_THAT(Told(rating.CheckHosts()),
+  EXPECT_THAT(Listed(rating.CheckHosts()),
               ElementsAre(R"(a name of a yes ["x"])", R"(b name of b yes ["best_io","x","best_io"])"));
   host_.Remove("repository", "repo");
-  EXPECT_THAT(Told(rating.CheckHosts()), ElementsAre(R"(a name of a yes ["x"])", R"(b name of b yes ["x"])"));
+  EXPECT_THAT(Listed(rating.CheckHosts()), ElementsAre(R"(a name of a yes ["x"])", R"(b name of b yes ["x"])"));
 }
 
 class GuestRatingBadHost : public testing::TestWithParam<Misbehaviour> {};
 
-TEST_P(GuestRatingBadHost, IsUnreachable_AndTheOthersAreTold) {
+TEST_P(GuestRatingBadHost, Rating_BadHost_IsUnreachableAndOthersAreListed) {
   TestHost ground;
   ground.PutText("guest", kGuest, "{}");
   const ScriptedServer bad({GetParam().reply});
@@ -357,7 +357,7 @@ TEST_P(GuestRatingBadHost, IsUnreachable_AndTheOthersAreTold) {
   ground.PutText("host", "z", "{}");
   RatingHost rating({}, std::chrono::seconds(GetParam().reply.then == ScriptedReply::Then::kStall ? 1 : 30));
   rating.Reach({{"other-host", AddressOfUrl(bad)}, {"z", other.address()}});
-  EXPECT_THAT(Told(rating.CheckHosts()), ElementsAre(R"(other-host  no ["unreachable"])", "z  yes []"));
+  EXPECT_THAT(Listed(rating.CheckHosts()), ElementsAre(R"(other-host  no ["unreachable"])", "z  yes []"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, GuestRatingBadHost, testing::ValuesIn(Misbehaviours()),
@@ -367,7 +367,7 @@ TEST_F(GuestRating, HostsThatRefuseConnectionsOrHaveNoAddress_AreUnreachable) {
   PutHosts({"a", "b"});
   RatingHost rating({});
   rating.Reach({{"a", AddressOf(UnusedPort())}});
-  EXPECT_THAT(Told(rating.CheckHosts()),
+  EXPECT_THAT(Listed(rating.CheckHosts()),
               ElementsAre(R"(a name of a no ["unreachable"])", R"(b name of b no ["unreachable"])"));
 }
 
@@ -398,7 +398,7 @@ TEST_F(HostChoice, HostOfTheRepository_IsChosen) {
   EXPECT_THAT(rating_.chosen(), ElementsAre("b"));
 }
 
-TEST_F(HostChoice, HostThatSaysSoWithoutTheRepository_IsNotPreferred) {
+TEST_F(HostChoice, SelectHost_FalseBestIo_IsNotPreferred) {
   Answers(R"({"available":true,"status":["best_io"]})", R"({"available":true})", R"({"available":true})");
   EXPECT_EQ(Select(), 0);
   EXPECT_THAT(rating_.chosen(), ElementsAre("c"));
@@ -424,7 +424,7 @@ TEST_F(HostChoice, LocalHostAlone_IsChosenByItsOwnRating) {
 }
 
 // With the records read and rated.
-TEST_F(HostChoice, LocalHostThatJustFits_IsChosen_AndOneThatDoesNotIsNot) {
+TEST_F(HostChoice, SelectHost_LocalHost_IsChosenOnlyIfItFits) {
   std::uint64_t free_mib = 64;
   ServiceParts parts;
   parts.rate_guest = [&](const std::string& id) -> Result<Rating> {
@@ -442,15 +442,15 @@ TEST_F(HostChoice, LocalHostThatJustFits_IsChosen_AndOneThatDoesNotIsNot) {
   RatingHost rating(parts);
   rating.Reach({{"z", other.address()}});
   const std::string local = RatingHost::local() + " name of " + RatingHost::local();
-  EXPECT_THAT(Told(rating.CheckHosts()), ElementsAre(local + R"( yes ["best_io"])", "z name of z yes []"));
+  EXPECT_THAT(Listed(rating.CheckHosts()), ElementsAre(local + R"( yes ["best_io"])", "z name of z yes []"));
   EXPECT_EQ(Select(), 0);
   free_mib = 63;
-  EXPECT_THAT(Told(rating.CheckHosts()), ElementsAre(local + R"( no ["no_memory","best_io"])", "z name of z yes []"));
+  EXPECT_THAT(Listed(rating.CheckHosts()), ElementsAre(local + R"( no ["no_memory","best_io"])", "z name of z yes []"));
   EXPECT_EQ(Select(), 0);
   EXPECT_THAT(rating.chosen(), ElementsAre(RatingHost::local(), "z"));
 }
 
-TEST_F(HostChoice, UnknownGuest_IsGivenToNobody) {
+TEST_F(HostChoice, SelectHost_UnknownGuest_AssignsNone) {
   host_.Remove("guest", kGuest);
   rating_.Reach({});
   EXPECT_EQ(Select(), -1);

@@ -139,7 +139,7 @@ TEST_F(GuestSetCluster, WithoutTheRepositorysHost_DisksStayAndTheRestIsEdited) {
 }
 
 // Each host is asked at the same time for what no other changes.
-TEST_F(GuestSetCluster, EditsByAllHostsAtOnce_LoseNothing) {
+TEST_F(GuestSetCluster, Set_ConcurrentHosts_LoseNothing) {
   constexpr int kTurns = 10;
   std::vector<std::jthread> threads;
   for (int host = 0; host < kHosts; ++host) {

@@ -83,7 +83,7 @@ constexpr BadMember kBadMembers[] = {
 
 std::string WithIndex(std::string line, int index) { return line.replace(line.find("%u"), 2, std::to_string(index)); }
 
-TEST_F(GuestSetHttp, BadElements_AreToldWithTheirIndex) {
+TEST_F(GuestSetHttp, Set_InvalidElements_AreReportedWithIndex) {
   for (const BadMember& row : kBadMembers) {
     for (const int index : {0, 1}) {
       const std::string members =
@@ -97,7 +97,7 @@ TEST_F(GuestSetHttp, BadElements_AreToldWithTheirIndex) {
   }
 }
 
-TEST_F(GuestSetHttp, AddressesInUse_AreToldInTheDetailsOnly) {
+TEST_F(GuestSetHttp, Set_AddressInUse_IsOnlyInDetails) {
   for (const char* list : {"vnics_add", "vnics_edit"}) {
     const bool is_edit = list == std::string("vnics_edit");
     const std::string good = is_edit ? kGoodNicEdit : kGoodNic;
@@ -115,7 +115,7 @@ TEST_F(GuestSetHttp, AddressesInUse_AreToldInTheDetailsOnly) {
   }
 }
 
-TEST_F(GuestSetHttp, OtherFaults_AreToldInTheirWords) {
+TEST_F(GuestSetHttp, Set_OtherErrors_HaveTheirMessage) {
   const auto told = [](const std::string& members) {
     ClearCapturedSyslog();
     EXPECT_NE(Code(members), 0);
@@ -171,7 +171,7 @@ TEST_F(GuestSetHttp, ImagesOutsideOfTheFolders_AreRefused) {
   }
   EXPECT_EQ(code(ImageFolder() + "/isos/100%2e.iso"), 0) << "nothing in a path is decoded";
   Restore();
-  // A guest's disk is no image, whatever it is named.
+  // A guest's disk is not an image, whatever it is named.
   const std::string disk = ImageFolder() + "/isos/disk.iso";
   std::ofstream(disk) << "the neighbour's data";
   EXPECT_EQ(code(disk), 0);
@@ -182,7 +182,7 @@ TEST_F(GuestSetHttp, ImagesOutsideOfTheFolders_AreRefused) {
 
 // Texts and numbers
 
-TEST_F(GuestSetHttp, HostileNames_AreRefusedOrKeptAsTheyAre) {
+TEST_F(GuestSetHttp, Set_HostileNames_AreRefusedOrStoredUnchanged) {
   const auto name = [](const std::string& text) { return "\"name\":" + json::ToText(Json::Value(text)); };
   ExpectRefused(name(std::string(1'000'000, 'n')), 909);
   EXPECT_EQ(NewestText(), "Failed to edit the virtual machine [web] due to internal read/write error.");
@@ -201,7 +201,7 @@ TEST_F(GuestSetHttp, HostileNames_AreRefusedOrKeptAsTheyAre) {
   EXPECT_EQ(Code(R"("boot_from":"%n%s%n%s")"), 401);
   ASSERT_EQ(GuestLines().size(), 1u);
   EXPECT_THAT(GuestLines()[0], HasSubstr(R"("boot_from":"%n%s%n%s")"));
-  EXPECT_EQ(Code(name(odd)), 0) << "its own name is no conflict";
+  EXPECT_EQ(Code(name(odd)), 0) << "its own name does not conflict";
   EXPECT_EQ(NewestText(), "The virtual machine [" + odd + "] has been successfully edited.");
 }
 
@@ -253,7 +253,7 @@ TEST_F(GuestSetHttp, LongLists_AreRefusedSoon) {
   EXPECT_EQ(Stored(), AtTheStart());
 }
 
-TEST_F(GuestSetHttp, BodiesThatAreTooLargeOrTooDeep_ReachNoHandler) {
+TEST_F(GuestSetHttp, Bodies_TooLargeOrTooDeep_AreRefusedBeforeHandler) {
   const auto status = [](const std::string& body) {
     HttpClient client = daemon().TcpAs("admin");
     return client.PostJson("/webapi/VEXA.Virtualization.Guest/set", body).status;
@@ -267,7 +267,7 @@ TEST_F(GuestSetHttp, BodiesThatAreTooLargeOrTooDeep_ReachNoHandler) {
   EXPECT_TRUE(GuestLines().empty());
 }
 
-TEST_F(GuestSetHttp, IdsThatAreNamedTwice_AreRefusedWhereTheyWouldCountTwice) {
+TEST_F(GuestSetHttp, Set_DuplicateIds_AreRefusedWhereTheyMatter) {
   const auto twice = [](const char* list, const std::string& element) {
     return '"' + std::string(list) + "\":[" + element + "," + element + "]";
   };
@@ -289,7 +289,7 @@ TEST_F(GuestSetHttp, IdsThatAreNamedTwice_AreRefusedWhereTheyWouldCountTwice) {
   }
 }
 
-TEST_F(GuestSetHttp, NamesOfManyNobodies_AreOneBoundedEntry) {
+TEST_F(GuestSetHttp, Set_ManyUnknownPrincipals_AreOneBoundedLogEntry) {
   std::string rules;
   for (int i = 0; i < 15'000; ++i) {
     rules += (i == 0 ? "" : ",") + std::string(R"({"uid":4294967295,"name":"no%n\nbody)") + std::to_string(i) + "\"}";
@@ -304,7 +304,7 @@ TEST_F(GuestSetHttp, NamesOfManyNobodies_AreOneBoundedEntry) {
 
 // Hosts
 
-TEST_F(GuestSetHttp, ARepositorysHostThatIsNotKnown_IsAskedAllTheSame) {
+TEST_F(GuestSetHttp, Action_RepositoryHostUnknown_IsStillSent) {
   const Answer answer = Set("admin", Body(R"("vdisks_add":[{"vdisk_size":1}])", kHomeless));
   EXPECT_EQ(answer.code, 909) << "in place of 403";
   const std::vector<std::string> lines = GuestLines();
@@ -318,7 +318,7 @@ TEST_F(GuestSetHttp, ARepositorysHostThatIsNotKnown_IsAskedAllTheSame) {
   EXPECT_EQ(Set("admin", Body(R"("vdisks_add":[],"desc":"without disks")", kHomeless)).code, 0);
 }
 
-TEST_F(GuestSetHttp, AHostThatCannotBeReached_Is909) {
+TEST_F(GuestSetHttp, Set_HostUnreachable_Is909) {
   Put("repository", kRepository, R"({"name":"pool","host_id":")" + std::string(kNobody) + "\"}");
   EXPECT_EQ(Code(R"("vdisks_add":[{"vdisk_size":1}])"), 909);
   EXPECT_EQ(NewestText(), "Failed to edit the virtual machine [web] due to internal read/write error.");
@@ -327,7 +327,7 @@ TEST_F(GuestSetHttp, AHostThatCannotBeReached_Is909) {
 
 // The cluster log
 
-TEST_F(GuestSetHttp, TheClusterLog_TellsWhoDidWhat) {
+TEST_F(GuestSetHttp, ClusterLog_ContainsUserAndAction) {
   const auto newest = [] {
     const Json::Value entry = NewestEntry();
     return std::to_string(json::Int(entry["priority"])) + " " + json::String(entry["user"]) + ": " +

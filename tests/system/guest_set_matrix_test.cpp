@@ -185,7 +185,7 @@ class GuestSetMatrix : public GuestSetGround {
   static std::vector<Row> AllRows() { return Rows(ImageFolder(), UserId("mallory")); }
 };
 
-TEST_F(GuestSetMatrix, TheIdAlone_IsAnEditByWhoMayEditAnything) {
+TEST_F(GuestSetMatrix, Set_OnlyId_RequiresEditRight) {
   ASSERT_EQ(AllRows().size(), 25u) << "and guest_id";
   for (const Role& role : kRoles) {
     if (role.may_all || role.is_granted) {
@@ -197,7 +197,7 @@ TEST_F(GuestSetMatrix, TheIdAlone_IsAnEditByWhoMayEditAnything) {
   }
 }
 
-TEST_F(GuestSetMatrix, TheIdItself_IsLookedAtBeforeTheRights) {
+TEST_F(GuestSetMatrix, Set_InvalidId_IsReportedBeforeRights) {
   for (const Role& role : kRoles) {
     ExpectRefusal(role, "{}", 401);
     for (const char* wrong : {"7", "null", "true", "[]", "{}", "\"\"", "\"web\"", "\"../8f14e45f\"", "[\"x\"]"}) {
@@ -232,7 +232,7 @@ TEST_F(GuestSetMatrix, RefusedValues_AreRefusedInTheirTurn) {
   }
 }
 
-TEST_F(GuestSetMatrix, ValidValues_CountForWhoMaySetThem) {
+TEST_F(GuestSetMatrix, Set_ValidValues_RequireRights) {
   for (const Row& row : AllRows()) {
     SCOPED_TRACE(row.name);
     for (const Role& role : kRoles) {
@@ -275,7 +275,7 @@ TEST_F(GuestSetMatrix, EmptyLists_AreForGrantedUsersWhenTheyAreOfDisks) {
 }
 
 // One that may be set beside one that may not changes nothing.
-TEST_F(GuestSetMatrix, GrantedUsers_GetNothingOfAnEditThatIsNotTheirs) {
+TEST_F(GuestSetMatrix, Set_GrantedUser_ForbiddenMember_ChangesNothing) {
   for (const Row& row : AllRows()) {
     if (row.granted == Granted::kYes) continue;
     ExpectRefusal({"grace", false, true}, Body(R"("use_ovmf":true,)" + Member(row.name, row.valid)), 409);

@@ -1,4 +1,4 @@
-// How guests are, as a running daemon tells its users.
+// The states of guests, as a running daemon shows them to its users.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -97,7 +97,7 @@ TEST(GuestStates, NewGuest_IsListedWithItsOwnState) {
   EXPECT_THAT(Shown(admin, kOther), testing::AnyOf("booting healthy", "booting warning"));
 }
 
-TEST(GuestStates, Status_TellsTheReason) {
+TEST(GuestStates, Status_ContainsReason) {
   TestDaemon daemon;
   PutRepository(states::Repo::online);
   Json::Value record(Json::objectValue);

@@ -243,7 +243,7 @@ struct UserRow {
   int reboot_second;  // and the second host's
 };
 
-TEST_F(ThreeHosts, KilledHungAndCloned_EachUserSeesAndMayDoWhatIsSo) {
+TEST_F(ThreeHosts, Hosts_KilledHungAndCloned_UsersSeeCorrectStates) {
   const UserRow rows[] = {
       {"all is well", "root", "running healthy|running healthy|running healthy", 0, 0},
       {"all is well", "alice", "running healthy|-|-", 0, 409},

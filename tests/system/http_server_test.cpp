@@ -285,7 +285,7 @@ TEST(HttpServer, ConnectionClose_IsHonoured) {
   EXPECT_EQ(client.ReceiveAll(), "");
 }
 
-TEST(HttpServer, LargeResponse_ArrivesWhole) {
+TEST(HttpServer, Response_Large_ArrivesComplete) {
   const std::string large(20 * 1024 * 1024, 'y');
   TestServer server([&](ServerOptions& options) {
     options.on_request = [&](HttpRequest&&, const Responder& responder) {

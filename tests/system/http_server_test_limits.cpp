@@ -51,7 +51,7 @@ Result<std::unique_ptr<HttpServer>> StartOn(const std::string& path) {
 
 // ---- Deadlines
 
-TEST(HttpDeadlines, HeaderThatDrips_IsCutWith408) {
+TEST(HttpDeadlines, Timeout_SlowHeader_Gets408) {
   TestServer server([](ServerOptions& options) { options.limits.header = milliseconds(600); });
   Client client = server.Connect();
   const auto start = Clock::now();
@@ -73,7 +73,7 @@ TEST(HttpDeadlines, HeaderThatDrips_IsCutWith408) {
   EXPECT_GE(Clock::now() - start, milliseconds(600));
 }
 
-TEST(HttpDeadlines, BodyThatDrips_IsCutWith408) {
+TEST(HttpDeadlines, Timeout_SlowBody_Gets408) {
   TestServer server([](ServerOptions& options) { options.limits.body = milliseconds(600); });
   Client client = server.Connect();
   std::atomic<bool> answered = false;
@@ -86,7 +86,7 @@ TEST(HttpDeadlines, BodyThatDrips_IsCutWith408) {
   drip.join();
 }
 
-TEST(HttpDeadlines, SilentConnections_AreClosedWithoutAWord) {
+TEST(HttpDeadlines, Timeout_SilentConnections_AreClosedWithoutResponse) {
   TestServer server([](ServerOptions& options) {
     options.limits.header = milliseconds(300);
     options.limits.idle = milliseconds(300);
@@ -114,7 +114,7 @@ TEST(HttpDeadlines, RunningHandler_HasNone) {
   EXPECT_EQ(client.Receive().body, "released");
 }
 
-TEST(HttpDeadlines, ReaderThatIsTooSlow_IsCut) {
+TEST(HttpDeadlines, Timeout_SlowReader_IsDisconnected) {
   const std::string large(64 * 1024 * 1024, 'y');
   TestServer server([&](ServerOptions& options) {
     options.limits.write = milliseconds(600);
@@ -133,7 +133,7 @@ TEST(HttpDeadlines, ReaderThatIsTooSlow_IsCut) {
 
 // ---- Limits
 
-TEST(HttpLimits, ConnectionsInTotal_FurtherOnesGet503UntilOneLeaves) {
+TEST(HttpLimits, Connections_AboveTotalLimit_Get503UntilOneCloses) {
   TestServer server([](ServerOptions& options) { options.limits.connections = 3; });
   std::vector<Client> clients;
   for (int i = 0; i < 3; ++i) {
@@ -387,7 +387,7 @@ TEST(HttpListening, PortOfAServerThatJustStopped_CanBeTakenAgain) {
 
 // ---- The end
 
-TEST(HttpStop, RequestsThatHaveBegun_AreFinishedAndIdleConnectionsClosed) {
+TEST(HttpStop, Stop_FinishesRequestsAndClosesIdleConnections) {
   TestServer server;
   Client idle = server.Connect();
   Client running = server.Connect();

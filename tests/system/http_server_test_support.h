@@ -67,7 +67,7 @@ class Client {
   std::string input_;
 };
 
-// Answers every request with a line that tells what was received, unless the test sets `handler`.
+// Answers every request with a line that describes what was received, unless the test sets `handler`.
 // "/wait" is held until Release().
 class TestServer {
  public:

@@ -222,7 +222,7 @@ TEST_F(Tls, Session_IsResumedWithTheClientsName) {
   }
 }
 
-TEST_F(Tls, LargeBodiesBothWays_ArriveWhole) {
+TEST_F(Tls, Bodies_LargeBothWays_ArriveComplete) {
   TestServer server(WithTls());
   TlsClient client(server.port(), nullptr);
   const std::string body(900'000, 'x');
@@ -265,7 +265,7 @@ TEST_F(Tls, ClientLeavesMidHandler_IsNoticed) {
   }
 }
 
-TEST_F(Tls, HandshakeThatNeverComes_IsCut) {
+TEST_F(Tls, Timeout_HandshakeMissing_ClosesConnection) {
   TestServer server([&](ServerOptions& options) {
     options.listeners[0] = Listener();
     options.limits.handshake = milliseconds(300);
@@ -296,7 +296,7 @@ TEST_F(Tls, OverTheConnectionLimit_IsJustClosed) {
   EXPECT_EQ(server->stats().connections_refused, 1U);
 }
 
-TEST_F(Tls, Stop_FinishesWhatHasBegun) {
+TEST_F(Tls, Stop_FinishesCurrentRequests) {
   TestServer server(WithTls());
   TlsClient client(server.port(), nullptr);
   ASSERT_TRUE(client.Send(Get("/wait")));

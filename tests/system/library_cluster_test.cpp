@@ -155,7 +155,7 @@ TEST_F(LibraryCluster, HostThatDied_IsLeftOut) {
   EXPECT_EQ(Library(0, "GetSysInfo", About(IdOf(2)))["result"], Json::Value(false));
 }
 
-TEST_F(LibraryCluster, RunningGuest_IsToldOfByItsHostAlone) {
+TEST_F(LibraryCluster, RunningGuest_OnlyItsHost_ReportsIt) {
   Json::Value arguments(Json::objectValue);
   arguments["guest_id"] = kGuest;
   const Json::Value started = Call(0, "VEXA.Virtualization.Guest.Action/pwr_ctl",
@@ -179,7 +179,7 @@ TEST_F(LibraryCluster, PollTask_IsClearedOnEveryHost) {
                [](const Json::Value& answer) { EXPECT_EQ(answer["result"], Json::Value(0)); });
 }
 
-TEST_F(LibraryCluster, UsedAddress_IsToldByEveryHost) {
+TEST_F(LibraryCluster, MacCheck_UsedAddress_EveryHostReportsIt) {
   Json::Value arguments(Json::objectValue);
   arguments["mac"] = kMac;
   for (int host = 0; host < kHosts; ++host) {
@@ -189,7 +189,7 @@ TEST_F(LibraryCluster, UsedAddress_IsToldByEveryHost) {
   }
 }
 
-TEST_F(LibraryCluster, NewAddresses_AreUniqueAcrossHostsThatMakeThemAtOnce) {
+TEST_F(LibraryCluster, NewMacs_ConcurrentHosts_AreUnique) {
   constexpr int kEach = 25;
   std::vector<std::vector<std::string>> made(kHosts);
   std::vector<std::thread> threads;

@@ -201,7 +201,7 @@ class NetworkHealth : public testing::Test {
   std::unique_ptr<QemuHost> host_;
 };
 
-TEST_F(NetworkHealth, BridgeWithAnUplink_IsAsTheCable) {
+TEST_F(NetworkHealth, Bridge_WithUplink_HasLinkOfItsCable) {
   RunTool({"ip", "link", "add", "br0", "type", "bridge"});
   RunTool({"ip", "link", "set", "br0", "up"});
   const Cable cable("up0");
@@ -285,7 +285,7 @@ class VirtualSwitch {
   std::unique_ptr<Process> datapath_;
 };
 
-TEST_F(NetworkHealth, BridgeOfTheVirtualSwitch_IsAsTheCableWhateverItsName) {
+TEST_F(NetworkHealth, SwitchBridge_AnyName_HasLinkOfItsCable) {
   if (const std::string why_not = VirtualSwitch::WhyNot(); !why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
   const VirtualSwitch virtual_switch;
   const Cable cable("up1");
@@ -303,7 +303,7 @@ TEST_F(NetworkHealth, BridgeOfTheVirtualSwitch_IsAsTheCableWhateverItsName) {
   ExpectNothingIsLeft();
 }
 
-TEST_F(NetworkHealth, Macvtap_IsAsTheCable) {
+TEST_F(NetworkHealth, Macvtap_HasLinkOfItsCable) {
   const Cable cable("up2");
   const std::string image = host_->DiskFolder() + "/boot.img";
   RunTool({"cp", ground_->Image(GuestImage::kWithAgent), image});

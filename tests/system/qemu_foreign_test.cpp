@@ -28,7 +28,7 @@ class QemuForeign : public LibvirtHostTest {
   }
 };
 
-TEST_F(QemuForeign, DomainsOfOthers_WhateverHappensToGuests_StayAsTheyAre) {
+TEST_F(QemuForeign, ForeignDomains_GuestOperations_AreUnchanged) {
   const OwnersDomain idle = MakeOwnersDomain(kOwners, "idle");
   const OwnersDomain running = MakeOwnersDomain(kOwnersRunning, "busy");
   const OwnersDomain saved = MakeOwnersDomain(kOwnersSaved, "asleep");
@@ -86,7 +86,7 @@ TEST_F(QemuForeign, DomainWithTheIdOfAGuest_IsNeitherReplacedNorRemoved) {
   EXPECT_TRUE(AreDisksWhole(domain));
 }
 
-TEST_F(QemuForeign, ImportedGuest_RunsAndIsReleased_KeepsWhatItsOwnerHad) {
+TEST_F(QemuForeign, ImportedGuest_RunAndReleased_KeepsOwnersDefinition) {
   OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
   domain.firmware = OwnersDomain::Firmware::kUefi;
   ASSERT_EQ(user_->Define(OwnersXml(domain)), "");

@@ -231,20 +231,20 @@ TEST_F(QemuGuest, WhoseQemuIsKilled_HasCrashedAndStartsAgain) {
 
 // --- what a guest cannot start without
 
-TEST_F(QemuGuest, WithoutTheFileOfItsDisk_SaysThatTheDiskIsMissing) {
+TEST_F(QemuGuest, Start_DiskFileMissing_ReportsDiskMissing) {
   Define(QemuGuestRecords(kGuest, "disk", ground_->folder() + "/nowhere.img", StartsFrom::kDisk));
   const Outcome<void> started = hypervisor_->Start(kGuest);
   EXPECT_EQ(Word(started), "disk_missing") << Why(started);
   EXPECT_EQ(State(kGuest), GuestState::kOff);
 }
 
-TEST_F(QemuGuest, WithoutItsIsoImage_SaysThatTheDiskIsMissing) {
+TEST_F(QemuGuest, Start_IsoImageMissing_ReportsDiskMissing) {
   Define(QemuGuestRecords(kGuest, "iso", ground_->folder() + "/nowhere.iso"));
   const Outcome<void> started = hypervisor_->Start(kGuest);
   EXPECT_EQ(Word(started), "disk_missing") << Why(started);
 }
 
-TEST_F(QemuGuest, OnABridgeThatIsNotThere_SaysThatTheBridgeIsMissing) {
+TEST_F(QemuGuest, Start_BridgeMissing_ReportsBridgeMissing) {
   GuestRecords records = QemuGuestRecords(kGuest, "bridge", "");
   records.nics[0].second["network_name"] = "vexa-none0";
   Define(records);
@@ -252,7 +252,7 @@ TEST_F(QemuGuest, OnABridgeThatIsNotThere_SaysThatTheBridgeIsMissing) {
   EXPECT_EQ(Word(started), "bridge_missing") << Why(started);
 }
 
-TEST_F(QemuGuest, InANetworkThatIsNotThere_SaysThatTheNetworkIsMissing) {
+TEST_F(QemuGuest, Start_NetworkMissing_ReportsNetworkMissing) {
   GuestRecords records = QemuGuestRecords(kGuest, "network", "");
   records.nics[0].second["network_name"] = "lab";
   Define(records);
@@ -260,7 +260,7 @@ TEST_F(QemuGuest, InANetworkThatIsNotThere_SaysThatTheNetworkIsMissing) {
   EXPECT_EQ(Word(started), "network_missing") << Why(started);
 }
 
-TEST_F(QemuGuest, BiggerThanTheHost_SaysThatThereIsNoMemory) {
+TEST_F(QemuGuest, Start_MoreMemoryThanHost_ReportsNoMemory) {
   GuestRecords records = QemuGuestRecords(kGuest, "big", "");
   records.guest["vram_size"] = 2'000'000;
   Define(records);

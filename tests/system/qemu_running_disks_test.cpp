@@ -1,4 +1,4 @@
-// Disks that a machine writes to are neither removed nor changed, whoever has started it and whatever is known of it.
+// Disks that a machine writes to are neither removed nor changed, however it was started and whatever is known of it.
 #include <thread>
 
 #include "tests/support/qemu_host_test.h"

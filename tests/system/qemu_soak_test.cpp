@@ -1,5 +1,6 @@
 // A host that is killed at any moment while its guests start, stop, are saved and edited beside somebody else's domain:
-// nothing of a guest is lost, nothing of the other changes, and no guest runs twice. VEXA_SOAK_ROUNDS says how often.
+// no part of a guest is lost, the other domain stays unchanged, and no guest runs twice. VEXA_SOAK_ROUNDS says how
+// often.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>

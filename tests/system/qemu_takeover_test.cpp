@@ -115,7 +115,7 @@ class QemuTakeover : public testing::Test {
   std::unique_ptr<QemuHost> second_;
 };
 
-TEST_F(QemuTakeover, HostThatHung_EndsTheMachineThatWasTakenFromIt) {
+TEST_F(QemuTakeover, Takeover_HungHost_EndsTakenMachine) {
   Freeze();
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   ::kill(first_->pid(), SIGCONT);
@@ -123,7 +123,7 @@ TEST_F(QemuTakeover, HostThatHung_EndsTheMachineThatWasTakenFromIt) {
   EXPECT_NE(first_->Log().find("This host is back, as its incarnation"), std::string::npos) << first_->Log();
 }
 
-TEST_F(QemuTakeover, HostThatWasKilled_EndsTheMachineThatWasTakenFromIt) {
+TEST_F(QemuTakeover, Takeover_KilledHost_EndsTakenMachine) {
   first_->Kill();
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   first_->Start();
@@ -131,7 +131,7 @@ TEST_F(QemuTakeover, HostThatWasKilled_EndsTheMachineThatWasTakenFromIt) {
 }
 
 // A host that was removed from the cluster does not start any more, and still ends what others have now.
-TEST_F(QemuTakeover, HostThatWasRemoved_EndsTheMachineThatWasTakenFromIt) {
+TEST_F(QemuTakeover, Takeover_RemovedHost_EndsTakenMachine) {
   first_->Kill();
   EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGonePatience)) << Shown();
   Json::Value parameters(Json::objectValue);
@@ -150,7 +150,7 @@ TEST_F(QemuTakeover, HostThatWasRemoved_EndsTheMachineThatWasTakenFromIt) {
 }
 
 // What the host was in the middle of when it hung is not done when it goes on.
-TEST_F(QemuTakeover, CallThatHungWithItsHost_DoesNothingAfterwards) {
+TEST_F(QemuTakeover, HungHost_ResumedCall_ChangesNothing) {
   Freeze();
   std::thread late([&] { (void)first_->Power(kGuest, "reboot"); });
   ASSERT_NO_FATAL_FAILURE(TakeOver());

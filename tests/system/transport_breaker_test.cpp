@@ -37,7 +37,7 @@ TEST(Breaker, SecondFailureInARow_OpensForAShortPause) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
-  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo) << "once is no reason";
+  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo) << "one failure is not enough";
   breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now);
   EXPECT_EQ(breaker.Enter(kHost, now), Permit::kRefused);
   EXPECT_EQ(breaker.Enter("third-host", now), Permit::kGo);
@@ -75,7 +75,7 @@ TEST(Breaker, AfterThePause_OneProbeAtATime) {
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused);
   breaker.Report(kHost, Permit::kProbe, Outcome::kUnknown, later);
-  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe) << "the first told nothing";
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe) << "the first had no result";
   breaker.Report(kHost, Permit::kProbe, Outcome::kConnected, later);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
@@ -99,7 +99,7 @@ TEST(Breaker, SuccessBetweenFailures_KeepsItClosed) {
   }
 }
 
-TEST(Breaker, CallThatMatters_IsNotRefusedWhileAProbeIsUnderWay) {
+TEST(Breaker, Breaker_OrdinaryCallDuringProbe_IsPermitted) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
@@ -142,7 +142,7 @@ VexaDRCore::Request RequestTo(const char* api, const char* method) {
   return request;
 }
 
-TEST(MethodRules, FiguresAreShort_PowerGoesWhateverTheHostLookedLike) {
+TEST(MethodRules, RuleOf_FiguresAndPower_HaveTheirTimeoutAndWeight) {
   const milliseconds usual(30'000);
   const auto interfaces = transport::RuleOf(RequestTo("VEXA.Core.Network.Interface", "list"), usual);
   EXPECT_EQ(interfaces.timeout, milliseconds(3'000));
@@ -155,7 +155,7 @@ TEST(MethodRules, FiguresAreShort_PowerGoesWhateverTheHostLookedLike) {
             milliseconds(5));
 }
 
-TEST(MethodRules, CompoundRequest_IsAsPatientAsItsItems) {
+TEST(MethodRules, RuleOf_CompoundRequest_UsesLongestItemTimeout) {
   const milliseconds usual(30'000);
   VexaDRCore::Request request = RequestTo("VEXA.Entry.Request", "request");
   EXPECT_EQ(transport::RuleOf(request, usual).timeout, usual);
@@ -189,13 +189,13 @@ TEST(UnansweredScope, FailedReplies_AreCollectedByTheInnermostScope) {
   EXPECT_EQ(outer.hosts(), std::set<std::string>{"unknown"});
 }
 
-TEST(TransportBreaker, DeadHost_IsLeftAloneAndFoundAgain) {
+TEST(TransportBreaker, Breaker_DeadHost_IsPausedAndRediscovered) {
   const std::uint16_t port = UnusedPort();
   const InstalledTransport transport({{kHost, AddressOf(port)}});
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest(5))).find("left alone"), std::string::npos);
+    EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest(5))).find("paused briefly"), std::string::npos);
   }
-  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(5))).find("left alone"), std::string::npos);
+  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(5))).find("paused briefly"), std::string::npos);
   daemon::ListenerOptions listener;
   listener.port = port;
   const JsonHost host(
@@ -219,7 +219,7 @@ TEST(TransportBreaker, TimeoutsOfTheHandler_DoNotOpenIt) {
   }
 }
 
-TEST(Breaker, LongGoneHost_HasPausesThatStillDiffer) {
+TEST(Breaker, Breaker_LongestPause_IsStillRandomised) {
   std::set<milliseconds> pauses;
   for (int i = 0; i < 20; ++i) {
     Breaker breaker;

@@ -51,7 +51,7 @@ TEST_F(ClusterCommand, Help_NamesCommandsAndSettingsAsTheyAreTyped) {
   }
 }
 
-TEST_F(ClusterCommand, InitAndCertificate_MakeWhatAHostTakes) {
+TEST_F(ClusterCommand, InitAndCertificate_FilesAreAcceptedByHost) {
   ASSERT_EQ(Run({"init", "--dir", authority_}).exit_code, 0);
   EXPECT_EQ(ModeOf(authority_), 0700u);
   EXPECT_EQ(ModeOf(authority_ + "/authority.key"), 0600u);
@@ -117,7 +117,7 @@ const ClusterSetting kClusterSettings[] = {
     {"ListenEverywhereV6", "[::]:8643", "", "a.pem", "cluster-address"},
     {"WildcardAddress", "0.0.0.0:8643", "[::]:8643", "a.pem", "cluster-address"},
     {"AddressWithoutPort", "0.0.0.0:8643", "10.0.0.1:0", "a.pem", "cluster-address"},
-    {"NameAsAddress", "10.0.0.1:8643", "nas:8643", "a.pem", "no address"},
+    {"NameAsAddress", "10.0.0.1:8643", "nas:8643", "a.pem", "not an address"},
     {"NoAuthority", "10.0.0.1:8643", "", "", "client-authority"},
     {"AddressWithoutListen", "", "10.0.0.1:8643", "a.pem", "cluster-listen"},
 };

@@ -20,7 +20,7 @@ class TransportCluster : public testing::Test {
   static constexpr int kHosts = 3;
   static std::string IdOf(int host);
 
-  // Returns when every host serves and the database tells where.
+  // Returns when every host serves and the database has its address.
   void SetUp() override;
   // Called with each host's data folder made and the host not started.
   virtual void Prepare(int /*host*/) {}
@@ -41,7 +41,7 @@ class TransportCluster : public testing::Test {
 
   // The reply to a method of VEXA.Test.Host, asked as an administrator.
   Json::Value Ask(int host, const std::string& method, const std::string& body);
-  // The same of any API: "VEXA.Virtualization.Guest/get"; with a token as whoever has logged in with it.
+  // The same of any API: "VEXA.Virtualization.Guest/get"; with a token as the user that it belongs to.
   Json::Value Call(int host, const std::string& api_and_method, const std::string& body, const std::string& token = "");
   // The reply that `from` gets from `to`.
   Json::Value Relay(int from, int to, const std::string& method, int timeout_s = 0,

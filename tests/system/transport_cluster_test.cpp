@@ -19,7 +19,7 @@ TEST_F(TransportCluster, EveryHost_ReachesEveryHostAsItself) {
       EXPECT_EQ(reply["success"], Json::Value(true)) << json::ToText(reply);
       EXPECT_EQ(reply["data"]["host"], Json::Value(IdOf(to)));
       EXPECT_EQ(reply["data"]["caller"], Json::Value(IdOf(from)));
-      EXPECT_EQ(reply["has_fail"], Json::Value(true)) << "further members arrive, and cannot pose as others";
+      EXPECT_EQ(reply["has_fail"], Json::Value(true)) << "extra members arrive, and cannot pose as others";
     }
   }
 }
@@ -34,7 +34,7 @@ TEST_F(TransportCluster, AllHosts_Answer) {
 TEST_F(TransportCluster, LocalAndRemoteHost_AnswerAlike) {
   for (const int to : {0, 1}) {
     EXPECT_EQ(CodeOf(Relay(0, to, "no_such_method")), 507) << to;
-    EXPECT_EQ(CodeOf(Relay(0, to, "user")), 104) << "a host is no user" << to;
+    EXPECT_EQ(CodeOf(Relay(0, to, "user")), 104) << "a host is not a user" << to;
     EXPECT_EQ(CodeOf(Relay(0, to, "throws")), 100) << to;
     EXPECT_EQ(Relay(0, to, "slow", 20, R"({"milliseconds":50})")["data"], Json::Value("done")) << to;
     Json::Value slow;
@@ -45,7 +45,7 @@ TEST_F(TransportCluster, LocalAndRemoteHost_AnswerAlike) {
   }
 }
 
-// Of {"success", "data", "request_id"}, what `whoami` told somewhere inside.
+// Returns what `whoami` reported somewhere inside {"success", "data", "request_id"}.
 void ExpectOrigin(const Json::Value& told, const Json::Value& asked, const std::string& user) {
   EXPECT_EQ(json::Member(told, "acts_for"), Json::Value(user));
   EXPECT_EQ(json::Member(told, "request_id"), json::Member(asked, "request_id"));
@@ -91,7 +91,7 @@ HttpReply PostWith(HttpTarget target, const std::string& method, const std::vect
 
 constexpr const char* kForeignId = "0123456789abcdef";
 
-TEST_F(TransportCluster, UserWhoPosesAsAnother_IsNotBelieved) {
+TEST_F(TransportCluster, OriginHeaders_FromUser_AreIgnored) {
   HttpTarget target;
   target.url = "http://localhost";
   target.unix_socket = Folder(0) + "/s";
@@ -106,7 +106,7 @@ TEST_F(TransportCluster, UserWhoPosesAsAnother_IsNotBelieved) {
   EXPECT_EQ(reply.headers.at("x-request-id"), json::String(relayed["request_id"]));
 }
 
-TEST_F(TransportCluster, HostWithACertificate_IsBelievedWhereWhatItSaysHasItsForm) {
+TEST_F(TransportCluster, OriginHeaders_FromHostCertificate_AreAcceptedWhenWellFormed) {
   const std::string address = AddressOfHost(0);
   const std::string port = address.substr(address.rfind(':'));
   // As host 1. The whole reply, with its header.
@@ -158,7 +158,7 @@ TEST_F(TransportCluster, HostThatIsGone_IsUnreachableAndTheOthersAnswer) {
   EXPECT_EQ(CodeOf(json::Member(data, IdOf(1))), 0);
 }
 
-TEST_F(TransportCluster, UserWithoutACertificate_IsNoHost) {
+TEST_F(TransportCluster, HostMethods_UserWithoutCertificate_AreRefused) {
   HttpTarget target;
   target.url = "https://" + AddressOfHost(0);
   target.ca_file = folder_.File("authority/authority.pem");
@@ -167,7 +167,7 @@ TEST_F(TransportCluster, UserWithoutACertificate_IsNoHost) {
   EXPECT_NE(CodeOf(Ask(0, "whoami", "{}")), 0) << "nor is the administrator on the Unix socket";
 }
 
-TEST_F(TransportCluster, CallThatOutlivesItsTimeout_DoesNoHarmAndIsWaitedForAtTheStop) {
+TEST_F(TransportCluster, LocalCall_OutlivesTimeout_IsAwaitedAtStop) {
   EXPECT_EQ(CodeOf(Relay(0, 0, "slow", 1, R"({"milliseconds":3000})")), 102);
   hosts_[0]->Signal(SIGTERM);
   const auto ended = hosts_[0]->Wait(seconds(60));

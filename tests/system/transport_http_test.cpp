@@ -36,7 +36,7 @@ TEST_P(TransportMisbehaviour, Host_IsAFailedReplyWithHostAndReason) {
 INSTANTIATE_TEST_SUITE_P(Rows, TransportMisbehaviour, testing::ValuesIn(Misbehaviours()),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(TransportReply, OfTheHostItself_IsKeptAsItIs) {
+TEST(TransportReply, Reply_FromHost_IsUnchanged) {
   for (const char* text : {R"({"success":true,"data":{"a":[1,2]},"has_fail":true})",
                            R"({"success":false,"error":{"code":1503,"details":{"h":true}}})", R"({"odd":1})", "{}"}) {
     const JsonHost host{std::string(text)};
@@ -45,7 +45,7 @@ TEST(TransportReply, OfTheHostItself_IsKeptAsItIs) {
   }
 }
 
-TEST(TransportReply, OfAnHttpFailure_IsKeptAsItIs) {
+TEST(TransportReply, Reply_HttpFailure_IsUnchanged) {
   const ScriptedServer server({HttpReplyOf(404, R"({"success":false,"error":{"code":507}})")});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   EXPECT_EQ(Sender(kHost).process(MakeRequest()).getErrCode(), 507);
@@ -60,7 +60,7 @@ TEST(TransportReply, BelowTheLimits_IsAccepted) {
   }
 }
 
-TEST(TransportReply, CommasAndBracketsInTexts_AreNoValues) {
+TEST(TransportReply, ReplyValues_CommasAndBracketsInTexts_AreNotCounted) {
   for (const std::string& part : {std::string(",[{"), std::string("\\\","), std::string(R"(\\\",[)")}) {
     std::string text = R"({"success":true,"data":")";
     for (int i = 0; i < 2'500'000; ++i) text += part;
@@ -93,7 +93,7 @@ std::string HeaderOf(const std::function<void()>& send, const ScriptedServer& se
   return requests.back().substr(0, requests.back().find("\r\n\r\n") + 2);
 }
 
-TEST(TransportRequest, OnTheWire_TellsForWhomTheCallersThreadWorks) {
+TEST(TransportRequest, Request_ContainsOriginOfCallersThread) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   const auto one = [] { EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()); };
@@ -107,10 +107,10 @@ TEST(TransportRequest, OnTheWire_TellsForWhomTheCallersThreadWorks) {
     EXPECT_NE(header.find("\r\nX-Vexa-Request-Id: 0123456789abcdef\r\n"), std::string::npos) << header;
   }
   transport::SetOrigin({});
-  EXPECT_EQ(HeaderOf(one, server).find("X-Vexa"), std::string::npos) << "nobody to be told";
+  EXPECT_EQ(HeaderOf(one, server).find("X-Vexa"), std::string::npos) << "no user to name";
 }
 
-TEST(TransportRequest, UserWhoIsALineEnd_InjectsNoField) {
+TEST(TransportRequest, Request_UserWithLineEnd_InjectsNoHeader) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   transport::SetOrigin({.request_id = "1\r\nX-Evil: 1\r\nX:", .user = "eve\r\nX-Evil: 1"});
@@ -120,7 +120,7 @@ TEST(TransportRequest, UserWhoIsALineEnd_InjectsNoField) {
   EXPECT_EQ(header.find("Evil"), std::string::npos) << header;
 }
 
-TEST(TransportRequest, LongBody_IsSentAtOnce) {
+TEST(TransportRequest, Request_LongBody_IsSentWithoutDelay) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   VexaDRCore::Request request = MakeRequest();
@@ -147,7 +147,7 @@ TEST(TransportRequest, NamesThatCouldEscape_AreNotSent) {
   EXPECT_EQ(host.requests(), 0);
 }
 
-TEST(TransportRequest, EmptyUnknownOrOddHost_FailsAtOnceWithoutASocket) {
+TEST(TransportRequest, Request_InvalidHost_FailsImmediatelyWithoutSocket) {
   const int threads = ProcessThreads();
   const InstalledTransport transport(InstalledTransport::Addresses{{"named-by-record", "localhost:1"},
                                                                    {"no-port", "127.0.0.1"},
@@ -212,7 +212,7 @@ TEST(TransportConnection, SecondRequest_UsesTheSameOne) {
   EXPECT_EQ(connections, 1);
 }
 
-TEST(TransportConnection, OfEveryHostAskedAtOnce_IsKept) {
+TEST(TransportConnection, Connection_ManyHostsConcurrently_EachIsReused) {
   constexpr int kHosts = 16;
   std::atomic<int> connections{0};
   std::vector<std::unique_ptr<RawHost>> hosts;
@@ -270,7 +270,7 @@ TEST(TransportConnection, ClosedByARestart_IsReplaced) {
   EXPECT_EQ(Sender(kHost).process(MakeRequest()).getData(), Json::Value("again"));
 }
 
-// The kernel drops what does not fit into a full queue of connections: connecting takes for ever.
+// The kernel drops what does not fit into a full queue of connections: connecting takes forever.
 class FullQueue {
  public:
   FullQueue() : port_(UnusedPort()) {

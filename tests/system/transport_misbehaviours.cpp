@@ -36,7 +36,7 @@ const std::vector<Misbehaviour>& Misbehaviours() {
       {"HangsUpMidBody",
        {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", Then::kClose},
        "middle of its reply"},
-      {"StallsAtOnce", {"", Then::kStall}, "in time"},
+      {"StallsImmediately", {"", Then::kStall}, "in time"},
       {"StallsMidBody", {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", Then::kStall}, "in time"},
       {"SaysGarbage", {"\x01\x02garbage\r\n\r\n\xff\xfe", Then::kClose}, "'other-host'"},
       {"SpeaksHttp09", {R"({"success":true})", Then::kClose}, "'other-host'"},

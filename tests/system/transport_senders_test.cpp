@@ -27,8 +27,7 @@ using VexaCCC::MultiSender;
 using VexaCCC::Sender;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr double kThousandHostsS =
-    20;  // the measurement is the benchmark's; this tells one after the other from all at once
+constexpr double kThousandHostsS = 20;  // the benchmark measures; this distinguishes sequential from concurrent calls
 #else
 constexpr double kThousandHostsS = 3;
 #endif
@@ -107,7 +106,7 @@ TEST(MultiSender, NoHosts_NoReplies) {
   EXPECT_TRUE(MultiSender({}).process(MakeRequest()).getHostList().empty());
 }
 
-TEST(MultiSender, Hosts_AreAskedAtOnce) {
+TEST(MultiSender, Senders_Hosts_AreCalledConcurrently) {
   AllowManyDescriptors();
   std::atomic<int> threads_while_asked{0};
   const JsonHost quick{std::string(R"({"success":true,"data":"quick"})")};
@@ -278,7 +277,7 @@ TEST(HttpPool, Thread_TakesNoSignals) {
   for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) EXPECT_NE(blocked >> (number - 1) & 1, 0u) << number;
 }
 
-TEST(Transport, ManyCallersAtOnce_EachGetsItsReply) {
+TEST(Transport, Transport_ConcurrentCallers_GetTheirOwnReplies) {
   const JsonHost first{std::string(R"({"success":true,"data":1})")};
   const JsonHost second{std::string(R"({"success":true,"data":2})")};
   const InstalledTransport transport({{"host-a", first.address()}, {"host-b", second.address()}});

@@ -24,7 +24,7 @@ daemon::ListenerOptions ListenerWith(const transport::TlsFiles& files) {
   return listener;
 }
 
-// Tells who called.
+// Reports who called.
 JsonHost MakeHost(const transport::TlsFiles& files) {
   return JsonHost(
       [](const daemon::HttpRequest& request, const daemon::Responder& responder) {
@@ -172,7 +172,7 @@ TEST_F(TransportTls, UnusableFiles_AreRefusedAtTheStart) {
   EXPECT_EQ(code_of(own_, kLocalHost), "denied") << "a key that others can read";
 }
 
-TEST(Certificates, HostIdThatCouldSayMore_IsRefused) {
+TEST(Certificates, Certificate_InvalidHostId_IsRefused) {
   const auto authority = transport::MakeAuthority();
   ASSERT_TRUE(authority.ok());
   for (const std::string& id : {std::string(""), std::string("a,DNS:b"), std::string("*"), std::string("a.b"),

@@ -101,7 +101,7 @@ TEST_F(Vexad, Terminate_EndsWithZeroAndRemovesTheSocket) {
   EXPECT_NE(::stat(folder_.File("s").c_str(), &info), 0);
 }
 
-TEST_F(Vexad, SecondSignal_EndsItAtOnce) {
+TEST_F(Vexad, Vexad_SecondSignal_EndsImmediately) {
   const auto process = Start();
   // A request that has begun and does not end: its body does not come.
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -158,7 +158,7 @@ TEST_F(Vexad, DataFiles_AreReadableByTheirOwnerOnly) {
   }
 }
 
-TEST_F(Vexad, SecondDaemonOnTheSameSocket_SaysSoAndEndsWithOne) {
+TEST_F(Vexad, Vexad_SocketInUse_ReportsAndExitsWithOne) {
   const auto process = Start();
   const auto second = RunProcess({.argv = Arguments({"--data", folder_.File("other")})});
   EXPECT_EQ(second.exit_code, 2) << "a flag given twice";
@@ -177,7 +177,7 @@ TEST_F(Vexad, DamagedSessions_AreRefusedWithTheFilesName) {
   EXPECT_NE(result.errors.find("sessions.json"), std::string::npos) << result.errors;
 }
 
-TEST_F(Vexad, ServiceManager_IsToldReadyAndStopping) {
+TEST_F(Vexad, Vexad_NotifiesReadyAndStopping) {
   const std::string path = folder_.File("notify");
   const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
@@ -198,7 +198,7 @@ TEST_F(Vexad, ServiceManager_IsToldReadyAndStopping) {
   ::close(fd);
 }
 
-TEST_F(Vexad, CheckConfig_TellsWithoutStarting) {
+TEST_F(Vexad, Vexad_CheckConfig_ReportsWithoutStarting) {
   const auto good = RunProcess({.argv = Arguments({"--check-config"})});
   EXPECT_EQ(good.exit_code, 0);
   EXPECT_EQ(good.output, "The configuration is valid.\n");

@@ -15,7 +15,7 @@ struct Line {
   Fill fill = Fill::kNoLine;
 };
 
-// Whether a format asks for the texts that Tell hands it, each with %s, and for nothing else.
+// Whether a format asks for the texts that it is given, each with %s, and for nothing else.
 constexpr bool IsSound(const Line& line) {
   if (line.fill == Fill::kNoLine) return line.format == nullptr;
   int placeholders = 0;

@@ -13,7 +13,7 @@
 namespace VexaVirtualization {
 
 // The handlers set exactly one result on the response and return; they keep nothing between calls.
-// Threads: any number of requests at once.
+// Threads: any number of concurrent requests.
 class VEXA_EXPORT Guest {
  public:
   // "get": the stored configuration of the guest "guest_id" (a UUID) as the edit dialog needs it: general settings,
@@ -30,12 +30,12 @@ class VEXA_EXPORT Guest {
   // caller may not do this; 403 or 406 the new name cannot be checked or is taken; 910 a MAC address is in use, with
   // {"mac_addr", "guest_name" when it is known}; 934 an image's path cannot be used; 1001 the guest was edited but
   // rights were not all set; 1600 it was edited but some hosts could not reserve for it, with {"host_names"}; else what
-  // stands for the host's code in guest_set_report.cpp. Nothing is set when the host fails and tells of no failed
+  // stands for the host's code in guest_set_report.cpp. Nothing is set when the host fails and reports no failed
   // reservation.
   static void Set(VEXA::APIRequest* request, VEXA::APIResponse* response);
 
-  // The rules in a "guest_privilege", one for each element; none when it is no array. Nothing is checked. An id that is
-  // no number, or none of 32 bits without a sign, leaves the rule without an id.
+  // The rules in a "guest_privilege", one for each element; none when it is not an array. Nothing is checked. An id
+  // that is not an unsigned number of 32 bits leaves the rule without an id.
   static std::vector<VexaCCC::tagGuestAdminRule> jsObject2vcGaRuleList(const Json::Value& privileges);
 
   // "delete": removes the guest "guest_id" (a UUID) from the cluster, by the host that holds its repository, else by
@@ -43,7 +43,7 @@ class VEXA_EXPORT Guest {
   // Errors: 409 the caller is neither administrator nor advanced user, or may not act on the guest; 401 "guest_id" is
   // missing or no UUID; 403 the record of the guest or of its repository cannot be read; 407 the host runs a version
   // that cannot delete guests; 901 the guest could not be deleted.
-  // Grants on the guest are taken back after a success only; a failure to do so is told in the system log only.
+  // Grants on the guest are revoked after a success only; a failure to do so is reported in the system log only.
   static void Delete(VEXA::APIRequest* request, VEXA::APIResponse* response);
 
   // Adds to `info` what only the host that runs the guest knows: "ip" (array), "uptime" (text) and "has_agent".

@@ -8,7 +8,7 @@
 
 namespace VexaVirtualization {
 
-// Nothing is kept between calls. Threads: any number of requests at once.
+// Nothing is kept between calls. Threads: any number of concurrent requests.
 class VEXA_EXPORT GuestAction {
  public:
   // Powers the guest "guest_id" as "action" says.
@@ -16,7 +16,7 @@ class VEXA_EXPORT GuestAction {
   // "poweron", "shutdown", "poweroff", "reboot": asks the guest's host, which may take an hour. A guest without a host
   // is given one first when the cluster allows that. The data of a success is null; success and failure of the host are
   // written to the cluster log.
-  // "poweroff_by_ha": asks every host in "host_ids" at once, for 30 seconds. The data is an array of {"host_id",
+  // "poweroff_by_ha": asks all hosts in "host_ids" concurrently, for 30 seconds. The data is an array of {"host_id",
   // "success", "errcode" (when it failed)}, null when no host was asked; a success whatever the hosts answered.
   //
   // Errors, with null details: 401 "guest_id" or "action" missing, empty or unknown, or "poweroff_by_ha" without

@@ -34,8 +34,8 @@ struct FailureRow {
   Line line;
 };
 
-// The first row that fits counts. The wordings of a power-on stand whatever the action was, and those of a reboot for
-// all but a shutdown; that is meant.
+// The first row that fits counts. Intentional: the wordings of a power-on stand whatever the action was, and those of a
+// reboot for all but a shutdown.
 constexpr FailureRow kFailures[] = {
     {410, "", 954,
      {"Failed to power on the virtual machine [%s] because the number of iSCSI LUN has reached the system limit.", Fill::kGuest}},

@@ -1,4 +1,4 @@
-// What power control can be asked for, and what it answers and tells users. For this library only.
+// What power control can be asked for, what it answers, and what users read in the cluster log. For this library only.
 #pragma once
 
 #include <string_view>
@@ -30,7 +30,7 @@ struct Failure {
   Line line;
 };
 
-// What is answered and told when the host failed with this code.
+// What is answered and logged when the host failed with this code.
 Failure FailureOf(const Action& action, int host_code);
 
 // The refusal of an operation that the versions of the cluster do not allow.

@@ -31,7 +31,7 @@ constexpr int kReasonHa = 20;
 
 // 0, or the error code to answer; nothing is logged here.
 int FindHost(const std::string& guest_id, std::string& host_id) {
-  // For every action, not for a power-on alone; that is meant.
+  // Intentional: for every action, not for a power-on alone.
   if (vgConfHostGet(guest_id, host_id) == kGuestHasNoHost && VexaCCC::ClConfAutoSelHostGet() &&
       GuestAction::AutoSelectHost(guest_id) < 0) {
     return kNoHostChosen;
@@ -40,13 +40,13 @@ int FindHost(const std::string& guest_id, std::string& host_id) {
   return vgConfHostGet(guest_id, host_id) == 0 ? 0 : kNoHost;
 }
 
-// During an incompatible upgrade a guest of another host can be started but not stopped; that is meant.
+// Intentional: during an incompatible upgrade a guest of another host can be started but not stopped.
 bool IsRefusedInUpgrade(const Action& action, const std::string& host_id) {
   return CCCIsIncompatibleUpgrading() != 0 && host_id != VexaCCC::DB::DBLocalhostID() &&
          action.in_upgrade == Action::InUpgrade::kRefused;
 }
 
-// Sends to the guest's host, and tells users what came of it. 0, or the error code to answer.
+// Sends to the guest's host, and writes the outcome to the cluster log. 0, or the error code to answer.
 int ControlOnItsHost(const std::string& user, const Action& action, const std::string& guest_id,
                      const VexaDRCore::Request& request) {
   std::string host_id;
@@ -111,7 +111,7 @@ void GuestAction::PwrCtl(VEXA::APIRequest* request, VEXA::APIResponse* response)
   }
   const Action* action = power::FindAction(name.Get());
   const bool is_for_listed = action && action->target == Action::Target::kListedHosts;
-  // Hosts must be named; how well they are, their answers tell.
+  // Hosts must be named; their answers show whether they are usable.
   if (!action || (is_for_listed && !request->HasParam("host_ids"))) {
     VEXA_LOG("guest_action", "Invalid action [%s]", name.Get().c_str());
     return response->SetError(kBadParameter, Json::Value());

@@ -20,7 +20,7 @@ constexpr int kUnreadable = 403;
 constexpr int kNotAllowed = 409;
 constexpr int kUnknownDiskType = 413;
 
-// Members of replies. jsoncpp neither copies nor frees a name that lives for ever.
+// Members of replies. jsoncpp neither copies nor frees a name that lives forever.
 Json::StaticString operator""_name(const char* text, std::size_t /*size*/) { return Json::StaticString(text); }
 
 constexpr Json::ArrayIndex kUsbPorts = 4;

@@ -38,8 +38,8 @@ Refusal CheckCaller(VEXA::APIRequest* request, const Parameters& parameters) {
   return {kNotAllowed, Json::Value()};
 }
 
-// The host that makes the change. A repository's host that is not found is answered with an error, which what comes of
-// the sending replaces, and an empty id: that is meant.
+// The host that makes the change. Intentional: a repository's host that is not found gives an empty id and an error,
+// which the outcome of the sending replaces.
 std::string FindTarget(const Parameters& parameters, VEXA::APIResponse* response) {
   const bool changes_disks = std::ranges::any_of(kDisks, [&](Name n) { return parameters.IsSetAndNotEmpty(n); });
   if (!changes_disks) return VexaCCC::DB::DBLocalhostID();

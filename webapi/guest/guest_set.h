@@ -28,7 +28,7 @@ std::string TextOf(const VEXA::APIRequest& request);
 // checked; "desc", "boot_from" and "use_ovmf" are added in their place among them. Ends at the first refusal.
 Refusal AddDevices(const VEXA::APIRequest& request, const Parameters& parameters, VexaDRCore::Request& order);
 
-// What the cluster log is told of.
+// What the lines of the cluster log are about.
 struct Subject {
   std::string user;
   std::string guest_id;
@@ -36,10 +36,10 @@ struct Subject {
   std::string new_name;  // empty: it is not renamed
 };
 
-// The host has failed: tells the cluster log and sets the answer.
+// The host has failed: writes to the cluster log and sets the answer.
 void ReportFailure(const Subject& subject, const VexaDRCore::Response& reply, VEXA::APIResponse* response);
 
-// The host has made the change: sets the rights in `privileges`, tells the cluster log and sets the answer.
+// The host has made the change: sets the rights in `privileges`, writes to the cluster log and sets the answer.
 void ReportSuccess(const Subject& subject, const Json::Value& privileges, VEXA::APIResponse* response);
 
 }  // namespace VexaVirtualization::edit

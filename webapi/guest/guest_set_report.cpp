@@ -88,7 +88,7 @@ void ReportNotReserved(const Subject& subject, const Json::Value& hosts, VEXA::A
   response->SetError(kEditedWithoutReservation, VexaCCC::Utils::makeJsonObject({{"host_names", joined}}));
 }
 
-// The last part that could not be reserved decides the answer. When all could be, there is none: that is meant.
+// The last part that could not be reserved decides the answer. Intentional: when all could be, there is none.
 void ReportPartsNotReserved(const Subject& subject, const Json::Value& parts, VEXA::APIResponse* response) {
   for (const std::string& part : json::MemberNames(parts)) {
     if (json::Bool(json::Member(parts, part))) continue;

@@ -18,7 +18,7 @@ VexaCCC::tagGuestAdminRule RuleOf(const Json::Value& privilege) {
   rule.name = json::String(json::Member(privilege, "name"));
   const Json::Value* uid = json::FindMember(privilege, "uid");
   rule.kind = uid ? "users" : "groups";
-  // One without either is about group 0; that is meant.
+  // Intentional: one without either is about group 0.
   rule.id = IdOf(uid ? *uid : json::Member(privilege, "gid"));
   return rule;
 }

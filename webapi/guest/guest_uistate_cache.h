@@ -48,7 +48,7 @@ class VEXA_EXPORT GuestUIStatusCache : public VexaDR::Cache::DRCache {
 // Appends every whole record of a cached value. False, with one line in the system log: it is no such value.
 VEXA_EXPORT bool ParseGuestUIStatusCache(const Json::Value& v, std::vector<GuestUIStatus>& out);
 
-// Sets `dict`[guest id] for every guest without waiting. False: the cached value is none.
+// Sets `dict`[guest id] for every guest without waiting. False: the cached value is not valid.
 VEXA_EXPORT bool GetCachedGuestUIStateDict(std::map<std::string, UIState>& dict);
 
 }  // namespace VexaVirtualization

@@ -1,4 +1,4 @@
-// What users are told when a host's version does not know an operation.
+// What users read when a host's version does not know an operation.
 #pragma once
 
 namespace VexaVirtualization {

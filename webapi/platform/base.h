@@ -25,7 +25,7 @@ PSZHASH HLIBGroupInfoHashGet(const char* user, int, int);
 int HLIBCSzHashEnumKey(PSZHASH hash, PSZLIST list);
 void HLIBCSzHashFree(PSZHASH hash);
 
-// 0, or negative when there is no such user or it cannot be told; the outputs are untouched then.
+// 0, or negative when there is no such user or it cannot be determined; the outputs are untouched then.
 int VEXAUserGetUGID(const char* name, uid_t* uid, gid_t* gid);
 
 // The last failure of the functions above on this thread: its code, and the source file and line that found it.

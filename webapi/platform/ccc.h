@@ -43,7 +43,7 @@ class Dashboard {
   // the text of a VexaETCD::Path; a value that was not stored under its own key is looked for among the object's
   // members.
   int Get(Json::Value& out, const std::string& key);
-  // As above; a value that is no string is not found.
+  // As above; a value that is not a string is not found.
   int Get(std::string& out, const std::string& key);
   // The children of a key; none is not an error. 0 or negative, `ids` untouched then.
   int Ls(std::vector<std::string>& ids, const std::string& key);
@@ -64,7 +64,7 @@ namespace Utils {
 bool isUUID(const std::string& text);
 bool IsNotEmpty(const std::string& text);
 
-// Whether an object of the category is called `name`: 0 no, positive yes, negative it cannot be told.
+// Whether an object of the category is called `name`: 0 no, positive yes, negative unknown.
 int CheckNameConflict(const std::string& name, const DB::DashCate& category);
 
 // True: found. Otherwise `name` is untouched.
@@ -79,7 +79,7 @@ bool IsGuestStateOnline(const std::string& state);
 // Whether `array` holds the string; false for anything but an array.
 bool IsFindInSTLContainer(const Json::Value& array, const std::string& text);
 
-// 0: found. Anything else: no such object, or it cannot be told; `name` is untouched then.
+// 0: found. Anything else: no such object, or unknown; `name` is untouched then.
 int GetNameById(const DB::DashCate& category, const std::string& id, std::string& name);
 
 // Whether every step of `path` is a member of an object; false, never an error, for any non-object on the way.
@@ -96,7 +96,7 @@ std::string TrimOVSPrefix(const std::string& name);
 
 }  // namespace Utils
 
-// Exactly 1: `user`, or a group of theirs, is advanced. 0: no. Negative: it cannot be told.
+// Exactly 1: `user`, or a group of theirs, is advanced. 0: no. Negative: unknown.
 int gaIsAdvancedUser(const std::string& user);
 
 // Adds to `ids` what objects of `category` the user may use, by grants of their own and of their groups. 0 on success.

@@ -22,8 +22,8 @@ struct Rule {
 // ("name@directory").
 std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numeric_id);
 
-// Adds the rules to a record, which is made when there is none: grants those that allow, takes back the others. 0 on
-// success; nothing is changed otherwise. The second argument is empty.
+// Adds the rules to a record, which is created when there is none: rules that allow are granted, the others revoked. 0
+// on success; nothing is changed otherwise. The second argument is empty.
 int gaUserSet(const std::string& identifier, const std::string& empty, const std::vector<Rule>& rules);
 
 // The right of one user or group on a guest.

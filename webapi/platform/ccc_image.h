@@ -13,7 +13,7 @@ bool GuestImageIsValidID(const std::string& text);
 // Whether `text` is the path of an image in a shared folder that this host can use now.
 bool GuestImageIsValidDsPath(const std::string& text);
 
-// Whether `text` has the form of such a path. It tells nothing about a file.
+// Whether `text` has the form of such a path. It does not check a file.
 bool GuestImageIsDsPath(const std::string& text);
 
 }  // namespace VexaCCC

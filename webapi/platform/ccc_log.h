@@ -1,4 +1,4 @@
-// Cluster control: the cluster log, which tells users what happened to their guests.
+// Cluster control: the cluster log, which shows users what happened to their guests.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ enum CLOG_PRIORITY : int {
 };
 
 // Adds a line in the name of `user`. Whatever the values hold, the line stays one line of readable text. A failure is
-// told in the system log only.
+// reported in the system log only.
 // Threads: any, at the same time.
 void ClusterLogAdd(const std::string& user, CLOG_PRIORITY priority, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

@@ -7,7 +7,7 @@
 
 namespace VexaCCC {
 
-// 0: no guest uses `mac`. Otherwise somebody does (1, and `guest_id` is set when it is not null) or it cannot be told
+// 0: no guest uses `mac`. Otherwise a guest does (1, and `guest_id` is set when it is not null) or it is unknown
 // (negative, and `guest_id` is empty). Letter case does not matter.
 int VNicMacAddrCheck(const std::string& mac, std::string* guest_id);
 

@@ -45,7 +45,7 @@ class MultiResponse {
   std::map<std::string, VexaDRCore::Response> responses_;
 };
 
-// Sends the same request to several hosts at once.
+// Sends the same request to several hosts concurrently.
 // Threads: one at a time.
 class MultiSender {
  public:

@@ -18,7 +18,7 @@ enum CACHE_LOAD_TYPE : int {
 // is asked for every guest of a list.
 int LoadCache(Json::Value& cache, CACHE_LOAD_TYPE type, int max_age_s);
 
-// The version state of each host by host id: of all hosts, and of those that can be reached. 0, or negative: both maps
+// The version state of each host by host id: of all hosts, and of the reachable ones. 0, or negative: both maps
 // are empty.
 int CCCVersionStateGetAllHosts(std::map<std::string, std::string>& all, std::map<std::string, std::string>& reachable);
 
@@ -27,7 +27,7 @@ bool ClConfAutoSelHostGet();
 
 }  // namespace VexaCCC
 
-// 1 while the cluster is between two incompatible versions, 0 when not, negative when it cannot be told.
+// 1 while the cluster is between two incompatible versions, 0 when not, negative when unknown.
 int CCCIsIncompatibleUpgrading();
 
 // The local guest configuration: this host's copy of every guest's configuration, with the live state of the guests it

@@ -52,19 +52,19 @@ class Request {
   int timeout_s_;
 };
 
-// One host's reply. Whatever the host sent, no member throws. Default-constructed: no reply, which is no success.
-// Threads: reading from any number at once.
+// One host's reply. Whatever the host sent, no member throws. Default-constructed: no reply, which is not a success.
+// Threads: any number may read concurrently.
 class Response {
  public:
   Response();
-  // `reply` is the whole reply as the host sent it; anything but an object is kept as it is and is no success.
+  // `reply` is the whole reply as the host sent it; anything but an object is kept unchanged and is not a success.
   explicit Response(Json::Value reply);
 
   bool isSuccess() const;
   // False for null.
   bool hasData() const;
   Json::Value getData() const;
-  // False when the data is no object; true for a present null.
+  // False when the data is not an object; true for a present null.
   bool hasDataField(const char* name) const;
   Json::Value getDataField(const char* name) const;
   // Top-level members of the reply, "has_fail" for one.

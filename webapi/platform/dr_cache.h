@@ -21,8 +21,8 @@ namespace Cache {
 
 struct DRCacheNames;
 
-// One cached value, named by its group and name. Derived classes say what it is by default, how it is found out anew,
-// and whether a value is one. The order of the virtual operations is fixed: other modules were built against it.
+// One cached value, named by its group and name. Derived classes define its default, how it is computed again, and
+// whether a value is valid. The order of the virtual operations is fixed: other modules were built against it.
 //
 // The value is shared by all objects of the same group and name on this host, in any process. A reader sees a whole
 // value or none. One refresh runs at a time; one that died holds up nobody.
@@ -45,7 +45,7 @@ class DRCache : public DRErrRecorder {
   // What is stored beside the value: {"group", "name", "time" (Unix seconds), "valid_s"}; null when nothing is cached.
   virtual Json::Value GetInfo() const;
   virtual Json::Value GetDefaultValue() const;
-  // Finds the value out anew. False: it failed, and the cached value stays.
+  // Computes the value again. False: it failed, and the cached value stays.
   virtual bool GetUpdatedData(Json::Value& data) const;
   virtual bool IsValid(const Json::Value& value) const;
   // Whether what GetInfo() describes is older than this cache's values stay current, or from the future.
@@ -63,7 +63,7 @@ class DRCache : public DRErrRecorder {
 
 namespace Utils {
 
-// False, and `out` untouched: no such member, or it is no string.
+// False, and `out` untouched: no such member, or it is not a string.
 bool ParseJsonValueFromField(const Json::Value& object, const std::string& field, std::string& out);
 bool JsonFieldIsArray(const Json::Value& object, const std::string& field);
 

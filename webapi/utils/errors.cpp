@@ -29,7 +29,7 @@ bool IsAccumulator(const Json::Value& errors, const Json::Value* known) {
   return known ? known->isArray() : errors.isObject() || errors.isNull();
 }
 
-// What is there comes first even when it is empty, so that a text may begin with the separator; that is meant.
+// Intentional: what is there comes first even when it is empty, so that a text may begin with the separator.
 void Extend(Json::Value& list, Json::ArrayIndex index, const std::string& message) {
   list[index] = json::String(json::Element(list, index)) + ", " + message;
 }

@@ -69,7 +69,7 @@ int Grant(const std::string& identifier, const std::string& guest_id) {
   return kFailed;
 }
 
-// What is no decimal number of a group becomes no group, never group 0.
+// What is not the decimal number of a group becomes no group, never group 0.
 unsigned int GroupNumber(const char* text) {
   if (!text || *text == '\0') return kNoGroup;
   unsigned long long number = 0;

@@ -28,7 +28,7 @@ enum class Severity {
   kError,
 };
 
-// Why a guest was shut down, and what is shown for it. A reason of "" is none.
+// Why a guest was shut down, and what is shown for it. A reason of "" means that there is none.
 struct ShutdownRule {
   int value;
   struct {

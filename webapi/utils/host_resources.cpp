@@ -63,7 +63,7 @@ void AddUsage(const Json::Value& load, const Json::Value& memory, const Json::Va
   const int cores = json::Int(json::Member(record, key::cpu_cores));
   const double clock_mhz = json::Double(json::Member(record, key::cpu_clock_speed));
   host["cpu_usage"] = usage;
-  // Without figures the usage is -1 and 101 percent are free; that is meant to stay.
+  // Intentional: without figures the usage is -1 and 101 percent are free.
   host["free_cpu_ghz"] = WrappingDifference(100, usage) * (cores * (clock_mhz / 1000.0)) / 100.0;
   host["free_ram_size"] = GetFreeRamSize(memory);
   host["total_ram_size"] = json::Member(json::Member(memory, "memory"), "memory_size");
@@ -108,7 +108,7 @@ int GetFreeRamSize(const Json::Value& utilization) {
 
 int GetHostTotalMemory(const std::string& host_id) {
   Json::Value record;
-  // A host without a record has no memory; that is no failure, and the answer is the same.
+  // A host without a record has no memory; that is not a failure, and the answer is the same.
   if (Dashboard(DashCate::Host, host_id).Get(record, key::object) < 0) return 0;
   return json::Int(json::Member(record, "ram_size"));
 }

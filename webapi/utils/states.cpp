@@ -18,8 +18,8 @@ namespace HAGroup = VexaCCC::State::HAGroup;
 
 }  // namespace
 
-// The words differ from the platform's names where a repository or a virtual disk is "missing", and for three states of
-// high-availability groups; "full" stands in two different places. All of that is meant.
+// Intentional: the words differ from the platform's names where a repository or a virtual disk is "missing", and for
+// three states of high-availability groups; "full" stands in two different places.
 const VirtualizationState StateTable[] = {
     {STATE_CATE_HOST, Host::running, "running", "healthy", ""},
     {STATE_CATE_HOST, Host::inaccessible, "inaccessible", "error", ""},

@@ -1,4 +1,4 @@
-// How requests to hosts are built, and how what is wrong with a reply is told. For this library only.
+// How requests to hosts are built, and how errors in replies are reported. For this library only.
 #pragma once
 
 #include <json/value.h>
@@ -13,12 +13,12 @@ namespace VexaVirtualization::transport {
 // A request without parameters, version 1.
 VexaDRCore::Request NewRequest(const char* api, const char* method);
 
-// An item of a compound request, version 1; the API's own parameters are further members.
+// An item of a compound request, version 1; the API's own parameters are more members.
 Json::Value NewItem(const char* api, const char* method);
 // The same with the parameter "resource", an array of names.
 Json::Value NewItem(const char* api, const char* method, std::initializer_list<const char*> resources);
 
-// Asks for all `items`, an array, at once. The data of the reply has one entry per item, in the same order.
+// Asks for all `items`, an array, in one request. The data of the reply has one entry per item, in the same order.
 VexaDRCore::Request NewCompoundRequest(const Json::Value& items);
 
 // The payload of the item at `index` in the data of a reply to a compound request; null when there is none. Whether the

@@ -1,6 +1,6 @@
 // The shared layer's exported interface.
 //
-// Threads: every function may be called from any number of threads at once.
+// Threads: every function may be called from any number of threads concurrently.
 #pragma once
 
 #include <json/value.h>
@@ -16,7 +16,7 @@
 
 namespace VexaVirtualization {
 
-// States. The platform tells the state of an object in a constant of VexaCCC::State; the user interface shows a word
+// States. The platform reports the state of an object as a constant of VexaCCC::State; the user interface shows a word
 // and a severity: "healthy", "warning" or "error".
 
 // The kind of object whose state is looked up.
@@ -100,7 +100,7 @@ VEXA_EXPORT bool GetGuestsConnectedMap(std::map<std::string, int>& connected);
 
 // Names, ids and lists.
 
-// 0: the name is free. 406: it is taken. 403: that cannot be told. One line in the system log unless it is free.
+// 0: the name is free. 406: it is taken. 403: unknown. One line in the system log unless it is free.
 VEXA_EXPORT int CheckNameConflict(const std::string& name, const VexaCCC::DB::DashCate& cate);
 
 // `names` becomes an array with one name per id; "unknown" where there is none.
@@ -132,7 +132,7 @@ VEXA_EXPORT int GetIdByName(const VexaCCC::DB::DashCate& cate, const std::string
 // High availability.
 
 // Judges the hosts of a group. `ha`["hosts"] are the hosts, `warn` the group's warnings; `reason` becomes the first
-// warning's keyword or "", and one record per host is appended to `hosts`, an array. When it is none: one line in the
+// warning's keyword or "", and one record per host is appended to `hosts`, an array. When it is not: one line in the
 // system log and nothing else.
 VEXA_EXPORT void GetHAWarnReason(const Json::Value& ha, const Json::Value& warn, std::string& reason,
                                  Json::Value& hosts);
@@ -164,7 +164,7 @@ VEXA_EXPORT int GetGuestAdvUserCount(const std::string& guest_id);
 // Whether a host's reply says in its top-level "has_fail" that a part of a compound request failed.
 VEXA_EXPORT bool HasFail(const VexaDRCore::Response& response);
 
-// A host's load: the host's answer for `params`["resource"], with "memory" (KiB) as the cluster's member tells it.
+// A host's load: the host's answer for `params`["resource"], with "memory" (KiB) as the cluster's member reports it.
 VEXA_EXPORT bool GetSysUtilization(const std::string& host, const Json::Value& params, Json::Value& out);
 
 // A host's model, serial number, processor, memory, uptime and version.
@@ -230,8 +230,8 @@ VEXA_EXPORT std::string GetVMCheckText(const VMCHECK& check);
 VEXA_EXPORT void AppendError(const std::string& message, int code, Json::Value& errors);
 VEXA_EXPORT void AppendError(const std::string& message, const std::string& second, int code, Json::Value& errors);
 
-// Whether the guest's repository can be used, as the local host tells. 0: `check` is set. 407: the host runs a version
-// that does not know the question; 404: any other failure. `check` is untouched then.
+// Whether the guest's repository can be used, as the local host reports. 0: `check` is set. 407: the host runs a
+// version that does not know the question; 404: any other failure. `check` is untouched then.
 VEXA_EXPORT int CheckGuestRepoCap(const std::string& guest_id, VMCHECK& check);
 
 // Asks a host to forget a polling task. 0, or -1.

@@ -135,7 +135,8 @@ std::vector<webapi::ApiRow> CompoundRows(transport::LocalCall local_call, Compou
   return {HostRow(
       kApi, "request", webapi::LaneKind::kLong,
       [shared, options](const Call& call) { Request(*shared, options, call); },
-      "Call several methods at once. \"result\" has one entry for each, in order; \"has_fail\" beside \"data\" says "
+      "Call several methods in one request. \"result\" has one entry for each, in order; \"has_fail\" beside \"data\" "
+      "says "
       "that "
       "one failed.",
       {{"compound", webapi::ParameterType::kArray, webapi::Necessity::kRequired,

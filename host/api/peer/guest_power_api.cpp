@@ -98,11 +98,11 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
               with({911})),
       HostRow(
           "VEXA.CCC.Guest", "poweroff", kLong, [parts](const Call& call) { PowerOff(parts, call); },
-          "Ends a guest at once.",
+          "Powers a guest off immediately.",
           {guest,
            {"reason", webapi::ParameterType::kInteger, webapi::Necessity::kOptional,
-            "20: for high availability. Whatever else is being done with the guest; one that does not run here is "
-            "a success."}},
+            "20: for high availability. Overrides any other operation on the guest; succeeds if the guest does not "
+            "run here."}},
           with({911})),
       HostRow("VEXA.CCC.Guest", "reboot", kLong, ActionHandler(parts, &GuestControl::Reboot), "Asks a guest to reboot.",
               {guest}, with({911})),
@@ -111,8 +111,8 @@ std::vector<webapi::ApiRow> GuestPowerRows(const ServiceParts& parts) {
       HostRow("VEXA.CCC.Guest", "discard_saved", kLong, ActionHandler(parts, &GuestControl::DiscardSaved),
               "Removes the saved memory of a guest, which is off then.", {guest}, with({911})),
       HostRow("VEXA.CCC.Guest", "release", kLong, ActionHandler(parts, &GuestControl::Release),
-              "Gives a guest that is off back to libvirt: its definition and files stay, its records go.", {guest},
-              with({910, 912})),
+              "Returns a guest that is off to libvirt: its definition and files stay, its records are deleted.",
+              {guest}, with({910, 912})),
       HostRow(
           "VEXA.CCC.Guest", "hostset", kLong, [parts](const Call& call) { SetHost(parts, call); },
           "Makes a host the one that a guest belongs to.", {guest, Text("host_id", "The host's id.")}, with({910})),

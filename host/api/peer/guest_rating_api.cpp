@@ -77,7 +77,7 @@ Json::Value MissingRating(const char* word, const std::string& reason) {
 
 // An error as reported by a host, which may be empty.
 Json::Value FailureRating(const VexaDRCore::Response& reply) {
-  constexpr const char* kNoReadableAnswer = "The host did not answer, or not so that it could be read.";
+  constexpr const char* kNoReadableAnswer = "The host did not answer, or its answer could not be read.";
   const Json::Value success = reply.getField("success");
   const Json::Value code = json::Member(reply.getField("error"), "code");
   if (!success.isBool() || !code.isInt()) return MissingRating("unreachable", kNoReadableAnswer);
@@ -85,7 +85,7 @@ Json::Value FailureRating(const VexaDRCore::Response& reply) {
     case webapi::kErrorUnreachable:
       return MissingRating("unreachable", kNoReadableAnswer);
     case webapi::kErrorUnknownApi:
-      return MissingRating("incompatible_version", "The host's version cannot tell whether it could run the guest.");
+      return MissingRating("incompatible_version", "The host's version does not support this check.");
     default:
       return MissingRating("failed", "The host answered with the error " + std::to_string(reply.getErrCode()) + ".");
   }
@@ -156,20 +156,18 @@ void CheckHostResource(std::chrono::seconds patience, const Call& call) {
 }  // namespace
 
 std::vector<webapi::ApiRow> GuestRatingRows(const ServiceParts& parts, std::chrono::seconds patience) {
-  const std::vector<webapi::Parameter> parameters{
-      Text("guest_id", "The guest's id, a UUID."),
-      Text("type", "What is to be done with the guest: \"poweron\", the only one there is.")};
+  const std::vector<webapi::Parameter> parameters{Text("guest_id", "The guest's id, a UUID."),
+                                                  Text("type", "The intended action; only \"poweron\" is supported.")};
   const std::vector<int> errors{webapi::kErrorBadParameter, kErrorUnreadable};
   return {HostRow(
               "VEXA.CCC.Guest", "check_resource", LaneKind::kLong,
               [rate_guest = parts.rate_guest](const Call& call) { CheckResource(rate_guest, call); },
-              "Whether this host can run a guest now, whether its storage is here, and what is in the way.", parameters,
+              "Whether this host can run a guest now, whether its storage is local, and the obstacles.", parameters,
               errors),
           HostRow(
               "VEXA.Virtualization.Guest.Action", "check_host_resource", LaneKind::kLong,
               [patience](const Call& call) { CheckHostResource(patience, call); },
-              "What every host of the cluster says of itself when it is asked whether it can run a guest now.",
-              parameters, errors)};
+              "Each cluster host's own rating of whether it can run a guest now.", parameters, errors)};
 }
 
 }  // namespace vexa::services

@@ -100,7 +100,7 @@ std::vector<webapi::ApiRow> UtilizationRows(const ServiceParts& parts) {
   const auto sampler = std::make_shared<CpuSampler>(machine);
   const webapi::Parameter resource{
       "resource", webapi::ParameterType::kArray, webapi::Necessity::kOptional,
-      "The names of what is wanted; everything without it, or when it is null. Unknown names are ignored."};
+      "The names of the requested resources. If missing or null: all. Unknown names are ignored."};
   // The long lane: without a recent reading, the call samples the processors for 0.2 s.
   return {
       HostRow("VEXA.Core.System.Utilization", "get", LaneKind::kLong,

@@ -253,7 +253,7 @@ std::vector<webapi::ApiRow> GrantRows(const AccountServices& services) {
        .access = Access::kAdministrator,
        .lane = LaneKind::kLong,
        .handler = [services](const Call& call) { Drop(services, call); },
-       .summary = "Drop all grants and the level of a user or group, whoever they were given to.",
+       .summary = "Drop all grants and the level of a user or group, also of one that no longer exists.",
        .parameters = PrincipalWith({}),
        .errors = AccountErrors({})},
   };

@@ -101,11 +101,11 @@ webapi::ApiRow Row(Deed deed, webapi::Access access, std::string_view summary) {
 
 std::vector<webapi::ApiRow> GuestKeepingRows() {
   return {Row(Deed::kDiscard, webapi::Access::kUser,
-              "Remove the saved memory of a guest, which is shut down then. What it had not written to its disks is "
-              "lost."),
+              "Remove the saved memory of a guest, which is shut down then. Data that it had not written to its "
+              "disks is lost."),
           Row(Deed::kRelease, webapi::Access::kAdministrator,
-              "Give a guest that is off back to libvirt: its definition and its files stay, and the cluster forgets "
-              "it.")};
+              "Return a guest that is off to libvirt: its definition and files stay, and the cluster removes its "
+              "records.")};
 }
 
 }  // namespace vexa::services

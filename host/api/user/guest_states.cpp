@@ -134,7 +134,7 @@ void GuestStates::Note(const store::Change& change, Changes& changes) const {
   }
 }
 
-// Reads the ids in their order; guests that are new to the table are derived, and those that no longer exist are
+// Reads the ids in their order; guests that are new to the table are derived, and guests that no longer exist are
 // removed.
 Status GuestStates::ListIds(Changes& changes) {
   if (!changes.is_everything && !changes.is_list_changed) return {};

@@ -84,16 +84,15 @@ std::string_view HostStateWord(std::string_view state) {
 }
 
 std::vector<webapi::ApiRow> HostListRows() {
-  return {
-      {.api = "VEXA.Virtualization.Host",
-       .method = "list",
-       .version = 1,
-       .access = webapi::Access::kUser,
-       .lane = webapi::LaneKind::kQuick,
-       .handler = List,
-       .summary = "The hosts of the cluster: id, name, state, how their versions stand, and what is shown for them.",
-       .parameters = {},
-       .errors = {kErrorUnreadable}}};
+  return {{.api = "VEXA.Virtualization.Host",
+           .method = "list",
+           .version = 1,
+           .access = webapi::Access::kUser,
+           .lane = webapi::LaneKind::kQuick,
+           .handler = List,
+           .summary = "The hosts of the cluster: id, name, state, version state, and displayed state.",
+           .parameters = {},
+           .errors = {kErrorUnreadable}}};
 }
 
 }  // namespace vexa::services

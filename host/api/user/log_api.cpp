@@ -110,21 +110,22 @@ void List(const Call& call) {
 std::vector<webapi::ApiRow> LogRows() {
   using webapi::Necessity;
   using webapi::ParameterType;
-  return {{.api = "VEXA.Virtualization.Log",
-           .method = "list",
-           .version = 1,
-           .access = webapi::Access::kUser,
-           .lane = webapi::LaneKind::kQuick,
-           .handler = List,
-           .summary =
-               "The cluster log, newest entries first; \"next\" is the cursor of older ones, empty when there are "
-               "none. With \"after\" what came later, oldest first. For administrators and advanced users.",
-           .parameters = {{"cursor", ParameterType::kString, Necessity::kOptional, "The \"next\" of a page."},
-                          {"limit", ParameterType::kInteger, Necessity::kOptional,
-                           "How many entries at most, 1 to 1000; 100 without it."},
-                          {"after", ParameterType::kInteger, Necessity::kOptional,
-                           "Microseconds since 1970, a \"time_us\": only later entries. Not together with a cursor."}},
-           .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
+  return {
+      {.api = "VEXA.Virtualization.Log",
+       .method = "list",
+       .version = 1,
+       .access = webapi::Access::kUser,
+       .lane = webapi::LaneKind::kQuick,
+       .handler = List,
+       .summary =
+           "The cluster log, newest entries first; \"next\" is the cursor of older ones, empty when there are "
+           "none. With \"after\": the entries after that time, oldest first. For administrators and advanced users.",
+       .parameters = {{"cursor", ParameterType::kString, Necessity::kOptional, "The \"next\" of a page."},
+                      {"limit", ParameterType::kInteger, Necessity::kOptional,
+                       "How many entries at most, 1 to 1000; 100 without it."},
+                      {"after", ParameterType::kInteger, Necessity::kOptional,
+                       "Microseconds since 1970, a \"time_us\": only later entries. Not together with a cursor."}},
+       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
 }
 
 }  // namespace vexa::services

@@ -31,7 +31,7 @@ class AccountFileTest : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(AccountFileTest, Read_GoodFile_GivesWhatItHoldsAndTheNextId) {
+TEST_F(AccountFileTest, Read_ValidFile_ReturnsContentAndNextId) {
   Put(kGood);
   const auto file = ReadAccountFile(path());
   ASSERT_TRUE(file.ok()) << file.error().ToString();
@@ -42,7 +42,7 @@ TEST_F(AccountFileTest, Read_GoodFile_GivesWhatItHoldsAndTheNextId) {
   EXPECT_EQ(file->document.next_id, 1900000008u) << "above all that are in use";
 }
 
-TEST_F(AccountFileTest, Fingerprint_OfAnotherContent_IsAnother) {
+TEST_F(AccountFileTest, Fingerprint_DifferentContent_Differs) {
   Put(kGood);
   const std::string first = ReadAccountFile(path())->fingerprint;
   EXPECT_EQ(ReadAccountFile(path())->fingerprint, first);
@@ -97,7 +97,7 @@ constexpr DamageCase kDamages[] = {
     {"VersionTrue", R"({"version":true,"groups":[],"users":[]})", "version"},
     {"VersionReal", R"({"version":1.0,"groups":[],"users":[]})", "version"},
     {"MemberUnknown", R"({"version":1,"groups":[],"users":[],"extra":1})", "'extra'"},
-    {"MemberUnknownWithNewline", R"({"version":1,"groups":[],"users":[],"a\nb":1})", "impossible name"},
+    {"MemberUnknownWithNewline", R"({"version":1,"groups":[],"users":[],"a\nb":1})", "invalid name"},
     {"GroupsMissing", R"({"version":1,"users":[]})", "'groups'"},
     {"UsersMissing", R"({"version":1,"groups":[]})", "'users'"},
     {"UsersObject", HEAD "{}}", "'users'"},
@@ -109,7 +109,7 @@ constexpr DamageCase kDamages[] = {
     {"GroupNameIsPath", R"({"version":1,"groups":[{"name":"../x","gid":1}],"users":[]})", "no valid name"},
     {"GroupGidMissing", R"({"version":1,"groups":[{"name":"g"}],"users":[]})", "gid"},
     {"GroupGidNegative", R"({"version":1,"groups":[{"name":"g","gid":-1}],"users":[]})", "gid"},
-    {"GroupGidIsNone", R"({"version":1,"groups":[{"name":"g","gid":4294967295}],"users":[]})", "gid"},
+    {"GroupGidIsReserved", R"({"version":1,"groups":[{"name":"g","gid":4294967295}],"users":[]})", "gid"},
     {"GroupGidText", R"({"version":1,"groups":[{"name":"g","gid":"1"}],"users":[]})", "gid"},
     {"GroupGidReal", R"({"version":1,"groups":[{"name":"g","gid":1.5}],"users":[]})", "gid"},
     {"GroupMemberUnknown", R"({"version":1,"groups":[{"name":"g","gid":1,"x":1}],"users":[]})", "'x'"},
@@ -120,7 +120,7 @@ constexpr DamageCase kDamages[] = {
     {"UserNameMissing", HEAD R"([{"uid":1,"gid":100,"password":"","groups":[]}]})", "no valid name"},
     {"UserNameWithNul", HEAD R"([{"name":"a\u0000b","uid":1,"gid":100,"password":"","groups":[]}]})", "no valid name"},
     {"UserUidMissing", HEAD R"([{"name":"a","gid":100,"password":"","groups":[]}]})", "uid"},
-    {"UserUidIsNone", HEAD R"([{"name":"a","uid":4294967295,"gid":100,"password":"","groups":[]}]})", "uid"},
+    {"UserUidIsReserved", HEAD R"([{"name":"a","uid":4294967295,"gid":100,"password":"","groups":[]}]})", "uid"},
     {"UserUidHuge", HEAD R"([{"name":"a","uid":4294967296,"gid":100,"password":"","groups":[]}]})", "uid"},
     {"UserGidMissing", HEAD R"([{"name":"a","uid":1,"password":"","groups":[]}]})", "gid"},
     {"UserGidOfNoGroup", HEAD R"([{"name":"a","uid":1,"gid":101,"password":"","groups":[]}]})", "of no group"},
@@ -150,7 +150,7 @@ constexpr DamageCase kDamages[] = {
 
 class DamagedAccountFile : public AccountFileTest, public testing::WithParamInterface<DamageCase> {};
 
-TEST_P(DamagedAccountFile, Read_IsCorruptAndSaysWhy) {
+TEST_P(DamagedAccountFile, Read_InvalidFile_IsCorruptWithReason) {
   Put(GetParam().text);
   const auto read = ReadAccountFile(path());
   ASSERT_FALSE(read.ok());

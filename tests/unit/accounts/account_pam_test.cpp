@@ -110,7 +110,7 @@ TEST_F(PamAccountsTest, VerifyPassword_PamPermits_GivesTheUser) {
   EXPECT_EQ(user->uid, 1u);
 }
 
-TEST_F(PamAccountsTest, VerifyPassword_PamPermitsWhoDoesNotExist_IsDenied) {
+TEST_F(PamAccountsTest, VerifyPassword_PamAcceptsUnknownUser_IsDenied) {
   Service("auth required pam_permit.so\naccount required pam_permit.so\n");
   EXPECT_EQ(CodeOf(Accounts()->VerifyPassword("nobody-has-this-name", "x")), ErrorCode::kDenied);
   for (const std::string& name :

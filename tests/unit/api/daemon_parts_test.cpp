@@ -103,13 +103,13 @@ struct BadConfig {
 
 TEST(Config, WhatCannotWork_IsRefusedWithTheReason) {
   const BadConfig rows[] = {
-      {{"8642"}, "", "", "", "'8642' is no address to listen on"},
-      {{"localhost:80"}, "", "", "", "'localhost:80' is no address"},
-      {{"127.0.0.1:"}, "", "", "", "is no address"},
-      {{"127.0.0.1:65536"}, "", "", "", "is no address"},
-      {{"127.0.0.1:-1"}, "", "", "", "is no address"},
-      {{"127.0.0.1:80x"}, "", "", "", "is no address"},
-      {{"::1:80"}, "", "", "", "is no address"},
+      {{"8642"}, "", "", "", "'8642' is not an address to listen on"},
+      {{"localhost:80"}, "", "", "", "'localhost:80' is not an address"},
+      {{"127.0.0.1:"}, "", "", "", "is not an address"},
+      {{"127.0.0.1:65536"}, "", "", "", "is not an address"},
+      {{"127.0.0.1:-1"}, "", "", "", "is not an address"},
+      {{"127.0.0.1:80x"}, "", "", "", "is not an address"},
+      {{"::1:80"}, "", "", "", "is not an address"},
       {{"0.0.0.0:80"}, "", "", "", "'0.0.0.0' can be reached by other machines"},
       {{"[::]:80"}, "", "", "", "'::' can be reached by other machines"},
       {{"127.0.0.1:80"}, "c", "", "", "go together"},
@@ -173,7 +173,7 @@ TEST(Config, NothingToListenOn_IsRefused) {
   EXPECT_TRUE(CheckConfig(command.config).ok());
 }
 
-TEST(LogLine, ControlCharacters_AreEscapedAndTheIdStandsBehind) {
+TEST(LogLine, LogLine_ControlCharacters_AreEscapedAndIdIsAppended) {
   EXPECT_EQ(MakeLogLine("guest:5 a\nb\tc\x1b[31m\x7f", "00ff"), "guest:5 a\\nb\\tc\\x1B[31m\\x7F [request 00ff]");
   EXPECT_EQ(MakeLogLine("plain ü", ""), "plain ü");
 }

@@ -1,4 +1,4 @@
-// The links of guests that are found out in the background, and who waits for them.
+// The links of guests, which are queried in the background, and the readers that wait for them.
 #include "host/api/user/guest_links.h"
 
 #include <gtest/gtest.h>
@@ -70,14 +70,14 @@ std::chrono::milliseconds TimeOf(const std::function<void()>& work) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun);
 }
 
-TEST(LinkWatcher, FirstReader_GetsWhatIsFoundOutForIt) {
+TEST(LinkWatcher, LinkWatcher_FirstReader_WaitsForQuery) {
   Questions questions;
   LinkWatcher watcher(questions.Options());
   EXPECT_EQ(questions.begun, 0) << "nobody wants to know";
   EXPECT_EQ(watcher.Get()->connected.count(kGuest), 1u);
 }
 
-TEST(LinkWatcher, QuestionThatHangs_CostsItsFirstReaderALittleAndTheNextNothing) {
+TEST(LinkWatcher, LinkWatcher_QueryHangs_DelaysOnlyFirstReader) {
   Questions questions;
   questions.held = true;
   LinkWatcher watcher(questions.Options());
@@ -93,7 +93,7 @@ TEST(LinkWatcher, QuestionThatHangs_CostsItsFirstReaderALittleAndTheNextNothing)
   EXPECT_TRUE(Eventually([&] { return watcher.Get()->connected.contains(kGuest); }));
 }
 
-TEST(LinkWatcher, KnownLinks_AreNotWaitedForWhileTheNextQuestionHangs) {
+TEST(LinkWatcher, LinkWatcher_NextQueryHangs_ReturnsKnownLinks) {
   Questions questions;
   LinkWatcher watcher(questions.Options());
   watcher.Get();
@@ -118,7 +118,7 @@ TEST(LinkWatcher, FailedQuestion_IsNotWaitedForUntilTheNext) {
   EXPECT_EQ(questions.begun, 1);
 }
 
-TEST(LinkWatcher, WithoutReaders_NobodyIsAsked) {
+TEST(LinkWatcher, LinkWatcher_NoReaders_MakesNoQueries) {
   Questions questions;
   LinkWatcherOptions options = questions.Options();
   options.idle_after = 50ms;
@@ -178,7 +178,7 @@ TEST_F(KnownLinksTest, NoLink_IsNotKnownOnceTheGuestOrItsInterfacesHaveChanged) 
   EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(2));
 }
 
-TEST_F(KnownLinksTest, GuestOfAHostThatDidNotAnswer_IsJudgedByTheQuestionBefore) {
+TEST_F(KnownLinksTest, KnownLinks_HostSilentAndStateNewer_IsUnknown) {
   Put(cluster::LiveStateKey(kGuest), "\"running\"");
   GuestLinks links;
   links.connected[kGuest] = 0;

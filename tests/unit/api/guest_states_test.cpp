@@ -99,7 +99,7 @@ TEST_F(GuestStatesTest, OneChangedGuest_IsTheOnlyOneDerived) {
   EXPECT_NE(first.version, second.version);
 }
 
-TEST_F(GuestStatesTest, GuestsThatComeAndGo_AreListedInOrder) {
+TEST_F(GuestStatesTest, GuestStates_AddedAndRemovedGuests_AreListedInOrder) {
   List();
   constexpr char kBetween[] = "00000000-0000-4000-8000-000000000001a";
   Json::Value record(Json::objectValue);
@@ -124,7 +124,7 @@ TEST_F(GuestStatesTest, RepositoryThatCrashes_ChangesItsGuests) {
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy");
 }
 
-TEST_F(GuestStatesTest, HostThatDiesAndComesBack_ChangesItsGuestsAndThoseOfItsRepository) {
+TEST_F(GuestStatesTest, GuestStates_HostGoneAndBack_UpdatesDependentGuests) {
   PutSeen("h2", system_clock::now());
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy");
   PutSeen("h2", system_clock::now() - std::chrono::hours(1));
@@ -150,7 +150,7 @@ TEST_F(GuestStatesTest, HostThatIsNamedForTheFirstTime_IsFollowedFromThenOn) {
   EXPECT_EQ(List().guests->at(0)->shown.state, "inaccessible");
 }
 
-TEST_F(GuestStatesTest, Links_DecideAboutGuestsThatRunAndAreTheirAge) {
+TEST_F(GuestStatesTest, ShownGuest_RunningGuest_StateAndAgeComeFromLinks) {
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy") << "nothing is known";
   SetLinks(0);
   EXPECT_EQ(Shown(List(), 0), "name of 1: running warning");
@@ -165,7 +165,7 @@ TEST_F(GuestStatesTest, Links_DecideAboutGuestsThatRunAndAreTheirAge) {
   EXPECT_EQ(Shown(List(), 0), "name of 1: running warning");
 }
 
-TEST_F(GuestStatesTest, StoreThatFails_IsReadAgainWhole) {
+TEST_F(GuestStatesTest, GuestStates_StoreFails_ReloadsEverything) {
   List();
   PutGuest(kFirst, "h2", states::Guest::crashed);
   host_.store().FailSnapshots();
@@ -197,7 +197,7 @@ std::string ReasonFor(int code, services::NeededHost needed) {
   return further[webapi::kReason].isString() ? further[webapi::kReason].asString() : "";
 }
 
-TEST_F(GuestStatesTest, Reason_IsGivenWhereTheHostThatIsNeededIsGone) {
+TEST_F(GuestStatesTest, Error_NeededHostGone_HasReason) {
   using enum services::NeededHost;
   PutSeen("h2", system_clock::now());
   EXPECT_EQ(ReasonFor(902, kHolderOrNamed), "") << "it is there";
@@ -207,7 +207,7 @@ TEST_F(GuestStatesTest, Reason_IsGivenWhereTheHostThatIsNeededIsGone) {
       "guest with 'vexa guest recover'.";
   EXPECT_EQ(ReasonFor(902, kHolderOrNamed), sentence);
   EXPECT_EQ(ReasonFor(901, kHolder), "") << "the guest is off";
-  EXPECT_EQ(ReasonFor(409, kHolderOrNamed), "") << "who has no right to the guest learns nothing of it";
+  EXPECT_EQ(ReasonFor(409, kHolderOrNamed), "") << "users without rights on the guest learn nothing about it";
   EXPECT_EQ(ReasonFor(0, kHolderOrNamed), "");
   (void)Require(
       cluster::CurrentEnvironment()->store->Commit({{}, {{store::MakeKey({"run", kFirst}), R"({"host_id":"h2"})"}}}));

@@ -78,7 +78,7 @@ class LocalCallerTest : public testing::Test {
   LocalCaller caller_{{&table_, &metrics_, &lane_, "this-host"}};
 };
 
-TEST_F(LocalCallerTest, CallThatHasNotBegunInTime_NeverBegins) {
+TEST_F(LocalCallerTest, LocalCall_TimedOutBeforeStart_NeverStarts) {
   std::thread holder([this] { EXPECT_EQ(Ask("hold", std::chrono::seconds(60)), 0); });
   held_.get_future().wait();
   EXPECT_EQ(Ask("count", milliseconds(50)), 102);
@@ -88,7 +88,7 @@ TEST_F(LocalCallerTest, CallThatHasNotBegunInTime_NeverBegins) {
   EXPECT_EQ(counted_, 0);
 }
 
-TEST_F(LocalCallerTest, CallAfterTheLaneHasStopped_FailsAtOnce) {
+TEST_F(LocalCallerTest, LocalCall_LaneStopped_FailsImmediately) {
   EXPECT_EQ(Ask("count", std::chrono::seconds(60)), 0);
   EXPECT_TRUE(lane_.Stop(std::chrono::seconds(30)));
   EXPECT_EQ(Ask("count", std::chrono::seconds(60)), 102);
@@ -119,7 +119,7 @@ TEST_F(LocalCallerTest, Call_IsForTheUserOfTheCallersThread) {
   EXPECT_EQ(data["id"], "");
 }
 
-TEST_F(LocalCallerTest, ScopeThatEnds_LeavesNoUserBehind) {
+TEST_F(LocalCallerTest, RequestScope_Ends_ClearsActingUser) {
   {
     const RequestIdScope scope("an-id");
     EXPECT_EQ(CurrentActingUser(), "");

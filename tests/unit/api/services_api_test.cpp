@@ -122,7 +122,7 @@ TEST_F(Services, Utilization_RealMachine) {
   EXPECT_FALSE(answer.data["network"].empty());
 }
 
-TEST_F(Services, Utilization_OnlyWhatIsAskedForAndReadable) {
+TEST_F(Services, Utilization_ReturnsOnlyRequestedReadableResources) {
   files_.Put("/proc/meminfo", "MemTotal: 100 kB\nMemFree: 10 kB\n");
   const Answer all = Scripted("VEXA.Core.System.Utilization", "get");
   EXPECT_EQ(all.data, Parsed(R"({"memory":{"memory_size":100,"avail_real":10,"buffer":0,"cached":0}})"));
@@ -197,7 +197,7 @@ TEST_F(Services, Volume_RealMachine) {
   const Json::Value& volume = answer.data["volume"];
   EXPECT_GT(volume["size_total_byte"].asUInt64(), 0u);
   EXPECT_LE(volume["size_free_byte"].asUInt64(), volume["size_total_byte"].asUInt64());
-  // In a changed root the mount point of "/" may lie outside, and its type is not told.
+  // In a changed root the mount point of "/" may lie outside, and its type is unknown.
   EXPECT_EQ(volume["fs_type"] != "", HasMountPointOfRoot());
   EXPECT_EQ(volume["status"], "normal");
   EXPECT_EQ(Real("VEXA.Core.Storage.Volume", "get", R"({"volume_path":"/proc"})").data["volume"]["fs_type"], "proc");
@@ -295,7 +295,7 @@ TEST_F(Services, Interfaces_UnknownAndHostileNames) {
   EXPECT_EQ(Scripted("VEXA.Core.Network.Bond", "get", R"({"ifname":"ovs_sixteen-bytes-xx"})").code, 401);
 }
 
-TEST_F(Services, Bond_IsFoundAsItIsThenWithoutThePrefix) {
+TEST_F(Services, Bond_IsLookedUpByNameThenWithoutPrefix) {
   files_.Put("/sys/class/net/bond0/bonding/slaves", "eth0 eth1\n");
   files_.Put("/sys/class/net/bond0/speed", "2000\n");
   Answer answer = Scripted("VEXA.Core.Network.Bond", "get", R"({"ifname":"ovs_bond0"})");
@@ -327,7 +327,7 @@ TEST_F(Services, InterfaceList_JoinsAddresses) {
 }
 
 // Guests' connections are looked up under the name with "ovs_" in front.
-TEST_F(Services, InterfaceList_NamesWhatGuestsAreOnAgainWithoutAddress) {
+TEST_F(Services, InterfaceList_GuestPorts_AreRepeatedWithoutAddress) {
   const std::string net = "/sys/class/net/";
   files_.Put(net + "eth0/carrier", "1\n");
   files_.MakeFolder(net + "eth0/device");
@@ -358,7 +358,7 @@ TEST_F(Services, InterfaceList_NamesWhatGuestsAreOnAgainWithoutAddress) {
                                    "ovs_docker0 bridge connected "));
 }
 
-TEST_F(Services, WebService_TellsTheConfiguredPorts) {
+TEST_F(Services, WebService_ReturnsConfiguredPorts) {
   EXPECT_EQ(Real("VEXA.Core.Web.Orla", "get").data,
             Parsed(R"({"http_port":8642,"https_port":8643,"enable_https":true,"enable_https_redirect":false})"));
 }
@@ -371,7 +371,7 @@ TEST_F(Services, GuestInfo_OnlyOfGuestsThatRunHere) {
   EXPECT_EQ(answer.data, Parsed(R"({"ip":["192.0.2.7"],"uptime":77,"has_agent":true})"));
   EXPECT_EQ(Real("VEXA.CCC.Guest", "get_info", kGuestParameters).data,
             Parsed(R"({"ip":[],"uptime":0,"has_agent":false})"))
-      << "nothing tells more";
+      << "nothing more is known";
   guests_.running.reset();
   EXPECT_EQ(Scripted("VEXA.CCC.Guest", "get_info", kGuestParameters).code, 403);
   for (const char* changes : {R"({"state":"guest_shutdown"})", R"({"host_id":"other"})", R"({"state":7})",
@@ -409,7 +409,7 @@ TEST_F(Services, RepositoryCheck_NeedsThisHostAndAUsableState) {
 }
 
 // Numbers without a keyword were answered for everything.
-TEST_F(Services, RepositoryCheck_OfAnotherHost_HasTheCodeWhoseWordsAreTrue) {
+TEST_F(Services, RepositoryCheck_OtherHost_ReturnsAccurateCode) {
   host_.PutText("repository", "r1", R"({"host_id":"other","state":"online"})");
   const auto check = [this](const char* changes) {
     PutGuest(Parsed(changes));
@@ -431,7 +431,7 @@ TEST_F(Services, RepositoryCheck_OfAnotherHost_HasTheCodeWhoseWordsAreTrue) {
   EXPECT_EQ(check(R"({"use_ovmf":true})"), 311);
 }
 
-TEST_F(Services, DiskList_TellsSizesInBytes) {
+TEST_F(Services, DiskList_ReturnsSizesInBytes) {
   PutGuest(Parsed("{}"));
   const std::string image = host_.folder().File("image");
   ASSERT_TRUE(WriteFileAtomically(image, std::string(300'000, 'x'), 0600).ok());
@@ -531,7 +531,7 @@ TEST_F(Services, HostList_RunningHostOfAnOlderVersion_IsShownByItsVersion) {
                                  "status_type":"error","age_s":0})"));
 }
 
-TEST_F(Services, HostCondition_IsTheWorstOfWhatIsKnown) {
+TEST_F(Services, HostCondition_IsWorstKnownState) {
   namespace states = VexaCCC::State::Host;
   test::ScriptedGuests guests;
   bool has_trouble = false;

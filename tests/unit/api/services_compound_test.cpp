@@ -113,7 +113,7 @@ TEST_F(Compound, Items_RunAtTheSameTime) {
   for (const Json::Value& result : answer.data["result"]) EXPECT_EQ(result["data"], "met");
 }
 
-TEST_F(Compound, FailedItems_AreToldAndCostTheOthersNothing) {
+TEST_F(Compound, Compound_FailedItems_AreReportedAndOthersSucceed) {
   const Answer answer = Request(R"({"compound":[
       {"api":"VEXA.Test","version":1,"method":"fail"}, {"api":"VEXA.Test","version":1,"method":"echo","a":{"b":[1]}},
       {"api":"VEXA.Test","version":2,"method":"echo"}, {"api":"VEXA.None","method":"echo"},
@@ -135,7 +135,7 @@ TEST_F(Compound, FailedItems_AreToldAndCostTheOthersNothing) {
   EXPECT_EQ(answer.data["result"][1]["data"], Parsed(R"({"a":{"b":[1]}})")) << "without the item's own members";
 }
 
-TEST_F(Compound, WrongRequests_AreRefusedAsAWhole) {
+TEST_F(Compound, Compound_InvalidRequests_AreRefusedCompletely) {
   for (const char* parameters :
        {"{}", R"({"compound":null})", R"({"compound":{}})", R"({"compound":"x"})", R"({"compound":[],"mode":"serial"})",
         R"({"compound":[],"mode":""})", R"({"compound":[],"mode":null})", R"({"compound":[],"mode":1})"}) {
@@ -178,7 +178,7 @@ TEST_F(Compound, Time_IsSharedByAllItems) {
         return Parsed(R"({"success":false,"error":{"code":102}})");
       },
       options);
-  EXPECT_EQ(called, 1) << "those that have no time left are not begun";
+  EXPECT_EQ(called, 1) << "items without time left are not started";
   for (const Json::Value& result : answer.data["result"]) EXPECT_EQ(result["error"]["code"], 102);
 }
 

@@ -46,7 +46,7 @@ inline Answer CallRow(const webapi::ApiRow& row, const Json::Value& parameters) 
   Answer answer;
   row.handler({&request, &response, caller, &headers, &answer.further});
   if (response.IsSet()) answer.code = response.ErrorCode();
-  // As it arrives: jsoncpp tells a signed from an unsigned 7 before, not after.
+  // As it arrives: jsoncpp distinguishes a signed from an unsigned 7 before, not after.
   answer.data = Parsed(VexaVirtualization::json::ToText(response.Data()));
   return answer;
 }

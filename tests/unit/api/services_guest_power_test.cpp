@@ -86,7 +86,7 @@ TEST_F(GuestPowerRowsTest, HostSet_NeedsAHost) {
   EXPECT_THAT(guests_.asked(), ElementsAre(std::string("hostset host-2 ") + kGuest + " //"));
 }
 
-TEST_F(GuestPowerRowsTest, AGuestIdThatIsNone_IsRefusedBeforeAnythingIsAsked) {
+TEST_F(GuestPowerRowsTest, Power_InvalidGuestId_IsRefusedBeforeAnyCall) {
   for (const char* id : {R"("")", R"("../../etc")", R"("8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01\u0000")", R"("a/b")", "7",
                          "null", R"("%2e%2e")", R"(["8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01"])"}) {
     for (const webapi::ApiRow& row : table_.rows()) {
@@ -111,7 +111,7 @@ TEST_F(GuestPowerRowsTest, ARefusal_HasItsCodeAndReason) {
   }
 }
 
-TEST_F(GuestPowerRowsTest, TheUserBehindTheHost_IsToldOn) {
+TEST_F(GuestPowerRowsTest, Power_ActingUser_IsForwarded) {
   VEXA::APIRequest request(Parsed(kParameters), "", VEXA::APIRequest::Privilege::kOrdinary);
   VEXA::APIResponse response;
   webapi::Caller caller;

@@ -31,7 +31,7 @@ class GuestSetRowTest : public ::testing::Test {
   test::ScriptedGuests guests_;
 };
 
-TEST_F(GuestSetRowTest, Edit_GetsAllParametersAsTheyAre) {
+TEST_F(GuestSetRowTest, GuestSet_Parameters_AreForwardedUnchanged) {
   const Answer answer = Call();
   EXPECT_EQ(answer.code, 0);
   EXPECT_TRUE(answer.data.isNull());
@@ -47,7 +47,7 @@ TEST_F(GuestSetRowTest, Refusals_HaveTheirReason_AndPinsTheirObject) {
   EXPECT_EQ(Call().data, Parsed(R"({"pin_reserved":false})"));
 }
 
-TEST_F(GuestSetRowTest, LostDatabase_IsARefusalThatSaysSo) {
+TEST_F(GuestSetRowTest, GuestSet_DatabaseLost_IsRefusedWithReason) {
   ServiceParts parts;
   parts.guests = &guests_;
   parts.store = cluster::CurrentEnvironment()->store;

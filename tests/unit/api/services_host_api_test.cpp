@@ -70,7 +70,7 @@ TEST_F(HostApi, Access_IsForAdministratorsAndForUsers) {
   EXPECT_EQ(table_.Find("VEXA.Virtualization.Guest", "info", 1)->access.value, webapi::Access::kUser);
 }
 
-TEST_F(HostApi, HostThatAnswers_IsShownWhole) {
+TEST_F(HostApi, HostGet_HostAnswers_ReturnsAllMembers) {
   host_.PutText("host", kHost, R"({"name":"one","state":"host_running","ram_size":7,"secret":1})");
   const Answer answer = Get("{}");
   ASSERT_EQ(answer.code, 0);
@@ -81,7 +81,7 @@ TEST_F(HostApi, HostThatAnswers_IsShownWhole) {
                    kHost + R"(","ifname":"eth0"}]})"));
 }
 
-TEST_F(HostApi, HostThatDoesNotAnswer_IsItsRecord) {
+TEST_F(HostApi, HostGet_HostSilent_ReturnsItsRecord) {
   host_answers = false;
   host_.PutText("host", kHost, R"({"name":"one","state":"host_inaccessible"})");
   const Answer answer = Get(std::string("{\"host_id\":\"") + kHost + "\"}");
@@ -95,10 +95,10 @@ TEST_F(HostApi, UnknownAndHostileIds) {
     EXPECT_EQ(Get(std::string("{\"host_id\":") + id + "}").code, 401) << id;
   }
   host_.PutText("host", kHost, "[]");
-  EXPECT_EQ(Get("{}").code, 0) << "a record that is no object has no members";
+  EXPECT_EQ(Get("{}").code, 0) << "a record that is not an object has no members";
 }
 
-TEST_F(HostApi, GuestInfo_IsForWhoMayUseTheGuest) {
+TEST_F(HostApi, GuestInfo_RequiresRightOnGuest) {
   const webapi::ApiRow& row = *table_.Find("VEXA.Virtualization.Guest", "info", 1);
   const auto info = [&](const std::string& user, const std::string& parameters) {
     VEXA::APIRequest request = test::UserRequest(Parsed(parameters), user);

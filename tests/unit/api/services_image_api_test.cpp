@@ -117,7 +117,7 @@ TEST_F(ImageApi, Image_IsAddedListedAndRemoved) {
               ElementsAre("root 3 The image [Debian] has been added.", "root 3 The image [Debian] has been removed."));
 }
 
-TEST_F(ImageApi, ImagesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) {
+TEST_F(ImageApi, ImageAdd_Refused_HasCodeSentenceAndLogLine) {
   ASSERT_EQ(Image("add", Addition("a")).code, 0);
   const Answer same = Image("add", Addition("b"));
   EXPECT_EQ(same.code, 990);
@@ -192,7 +192,7 @@ TEST_F(ImageApi, Repository_WithoutAHost_GetsTheHostThatIsAsked) {
             Json::Value(cluster::CurrentEnvironment()->host_id));
 }
 
-TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) {
+TEST_F(ImageApi, RepositoryAdd_Refused_HasCodeSentenceAndLogLine) {
   ASSERT_EQ(Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + "\"}").code, 0);
   const Answer same = Repository("add", R"({"name":"pool"})");
   EXPECT_EQ(same.code, 990);
@@ -212,7 +212,7 @@ TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) 
                           "root 1 Failed to add the repository [other]."));
 }
 
-TEST_F(ImageApi, StoreThatCannotBeRead_IsAnError) {
+TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
   host_.store().FailSnapshots();
   EXPECT_EQ(Image("list").code, 403);
   EXPECT_EQ(Repository("list").code, 403);

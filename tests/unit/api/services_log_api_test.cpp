@@ -45,7 +45,7 @@ class LogApi : public ::testing::Test {
   webapi::ApiTable table_;
 };
 
-TEST_F(LogApi, Entry_IsToldWithTimeAndNameOfTheHost) {
+TEST_F(LogApi, Log_Entry_HasTimeAndHostName) {
   host_.PutText("host", "h1", R"({"name":"nas-1"})");
   Add(1'772'366'400'000'007);
   Add(1'772'366'400'000'008, "gone");
@@ -101,7 +101,7 @@ TEST_F(LogApi, OrdinaryUsers_AreRefusedAndAdvancedOnesAreNot) {
   EXPECT_EQ(List(R"({"limit":0})", ordinary, "grace").code, 409) << "whatever is asked";
 }
 
-TEST_F(LogApi, StoreThatCannotBeRead_IsAnError) {
+TEST_F(LogApi, LogApi_StoreUnreadable_IsAnError) {
   host_.store().FailSnapshots();
   EXPECT_EQ(List("{}").code, 403);
   EXPECT_EQ(List(R"({"after":1})").code, 403);

@@ -141,7 +141,7 @@ std::string Compact(const Json::Value& value) {
   return text;
 }
 
-TEST(ParseJson, ValidTexts_AreReadAsTheyMean) {
+TEST(ParseJson, Parse_ValidTexts_HaveExpectedValues) {
   const std::vector<Accepted> rows = {
       {"null", "null"},
       {"true", "true"},
@@ -190,14 +190,14 @@ TEST(ReadWithSimdjson, UsualTexts_AreRead) {
   EXPECT_FALSE(ReadWithSimdjson(R"({"a":1,"\u0061":2})", nullptr)) << "one name twice";
 }
 
-TEST(ReadWithSimdjson, LargeTexts_AreReadAsWell) {
+TEST(ReadWithSimdjson, Parse_LargeTexts_AreRead) {
   const std::string text = "[\"" + std::string(1 << 20, 'x') + "\"]";
   const auto value = ReadWithSimdjson(text, nullptr);
   ASSERT_TRUE(value);
   EXPECT_EQ((*value)[0].asString().size(), std::size_t{1} << 20);
 }
 
-TEST(ParseJson, LastingNames_AreNotCopied) {
+TEST(ParseJson, Parse_InternedNames_AreNotCopied) {
   static const char kName[] = "known";
   const auto lasting = [](std::string_view name) -> const char* { return name == "known" ? kName : nullptr; };
   const auto value = ParseJson(R"({"known":1,"other":{"known":2}})", lasting);
@@ -245,7 +245,7 @@ TEST(ParseJson, SixtyFourLevels_AreRead) {
   EXPECT_TRUE(Parsed(objects + "1" + std::string(64, '}')).isObject());
 }
 
-TEST(ParseJson, ManySiblings_AreNoLevels) {
+TEST(ParseJson, Parse_ManySiblings_DoNotCountAsLevels) {
   std::string text = "[";
   for (int i = 0; i < 1000; ++i) text += "[],{},";
   const Json::Value value = Parsed(text + "\"" + std::string(1000, '[') + "\"]");
@@ -312,7 +312,7 @@ TEST(ParseJson, EightThreads_ReadAtTheSameTime) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(IsValidUtf8, EdgesOfEveryLength_AreToldApart) {
+TEST(IsValidUtf8, IsValidUtf8_BoundariesOfEachLength_AreExact) {
   for (const char* good : {"", "a", "\x7F", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
                            "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
     EXPECT_TRUE(IsValidUtf8(good)) << good;

@@ -167,7 +167,7 @@ TEST(Lane, GrowAfterZero_AddsAThreadAtSubmitWhenNoneIsIdle) {
   EXPECT_TRUE(Eventually([&] { return stuck.gate->waiting() == 4; }));
 }
 
-TEST(Lane, QuickJobs_NeedNoFurtherThread) {
+TEST(Lane, Lane_QuickJobs_AddNoThread) {
   LaneOptions options = Options();
   options.grow_after = std::chrono::seconds(30);
   Lane lane(options);
@@ -234,7 +234,7 @@ TEST(Lane, QueueFull_RefusesAndTakesAgainLater) {
   EXPECT_EQ(lane.Submit("", [] {}), Submitted::kAccepted);
 }
 
-TEST(Lane, Stop_WaitsForTakenJobsAndRefusesFurtherOnes) {
+TEST(Lane, Stop_WaitsForAcceptedJobsAndRefusesNewOnes) {
   LaneOptions options = Options();
   options.max_threads = 2;
   Lane lane(options);

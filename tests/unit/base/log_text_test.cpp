@@ -39,7 +39,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, LogTexts,
                                          Row{"CutShort", "a\xE2\x82", "a" + kBad + kBad}),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(LogTextBounds, TextThatFits_StaysWhole) {
+TEST(LogTextBounds, LogText_TextFits_IsUnchanged) {
   EXPECT_EQ(LogText("abcde", 5), "abcde");
   EXPECT_EQ(LogText("a\xE2\x82\xAC", 4), "a\xE2\x82\xAC");
 }

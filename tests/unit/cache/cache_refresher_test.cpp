@@ -77,7 +77,7 @@ class Refresher : public ::testing::Test {
   int valid_s_ = 3600;
 };
 
-TEST_F(Refresher, StaleRead_IsAnsweredAtOnceAndRefreshed) {
+TEST_F(Refresher, Refresher_StaleRead_ReturnsImmediatelyAndRefreshes) {
   Install();
   EXPECT_EQ(Read(), 0);
   EXPECT_TRUE(Soon([&] { return Read() == 1; }));
@@ -161,7 +161,7 @@ TEST_F(Refresher, Removal_WaitsForTheRunningRefresh) {
   EXPECT_EQ(Read(), 1) << "its result is stored";
 }
 
-TEST_F(Refresher, Removal_DropsWhatWaits) {
+TEST_F(Refresher, Refresher_Removal_DropsQueuedRefreshes) {
   HoldRefreshes();
   auto refresher = std::make_unique<cluster::CacheRefresher>();
   std::atomic<int> others = 0;
@@ -280,7 +280,7 @@ TEST_F(Refresher, LockOfAnotherProcess_IsNotWaitedFor) {
   EXPECT_EQ(refreshes_.begun, 0);
   ::close(lock);
   EXPECT_TRUE(Soon([&] { return Read() == 1; }));
-  EXPECT_TRUE(CapturedSyslog().empty()) << "that is no failure";
+  EXPECT_TRUE(CapturedSyslog().empty()) << "that is not a failure";
 }
 
 TEST_F(Refresher, LockOfAnotherProcess_IsTriedNowAndThenOnly) {
@@ -334,7 +334,7 @@ TEST_F(Refresher, BlockedReadWithinARequest_FindsOutFromTheNewestState) {
   EXPECT_EQ(json::String(CountingCache(refreshes_).BlockedRead()["name"]), "after");
 }
 
-TEST_F(Refresher, ValueThatIsNeverCurrent_IsRefreshedAgainAndAgain) {
+TEST_F(Refresher, Refresher_ValueNeverCurrent_IsRefreshedRepeatedly) {
   valid_s_ = 0;
   Install();
   EXPECT_TRUE(Soon([&] { return Read() >= 3; }));

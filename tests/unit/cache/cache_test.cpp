@@ -40,7 +40,7 @@ namespace fs = std::filesystem;
 namespace json = VexaVirtualization::json;
 
 // Caches without a database.
-// time(2) may still tell the last second when other clocks have begun the next.
+// time(2) may still return the last second when other clocks have begun the next.
 std::time_t UnixNow() { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); }
 
 class Cache : public ::testing::Test {
@@ -194,7 +194,7 @@ TEST_F(Cache, LastSecondOfTheLifetime_IsCurrent) {
 TEST_F(Cache, FileThatBecameEmpty_CountsAsNothing) {
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until its times alone tell that it is the same
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until its times alone show that it is the same
   EXPECT_EQ(Number(cache.ReadCachedData()), 1);
   fs::resize_file(File(), 0);
   EXPECT_TRUE(cache.ReadCachedData().isNull());
@@ -215,7 +215,7 @@ TEST_F(Cache, SymbolicLinkInThePlaceOfTheLock_LeadsNowhere) {
   EXPECT_FALSE(fs::exists(File()));
 }
 
-TEST_F(Cache, FilesThatAreNoRecord_CountAsNothing) {
+TEST_F(Cache, Cache_FilesWithoutRecord_CountAsMissing) {
   const std::string good = Record(Now(), R"({"number":50})");
   const std::vector<std::string> texts = {
       "",
@@ -254,7 +254,7 @@ TEST_F(Cache, FilesThatAreNoRecord_CountAsNothing) {
   EXPECT_EQ(Number(cache.NonBlockedRead()), 1);
 }
 
-TEST_F(Cache, ValueThatIsNone_GivesTheDefault) {
+TEST_F(Cache, Cache_InvalidValue_ReturnsDefault) {
   Write(Record(Now(), R"({"no number":1})"));
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.NonBlockedRead()), 0);
@@ -303,7 +303,7 @@ TEST_F(Cache, FileReplacedQuicklyBySameSize_IsSeen) {
   }
 }
 
-TEST_F(Cache, NamesThatAreNoPlainWords_NeverBecomePaths) {
+TEST_F(Cache, Cache_InvalidNames_NeverBecomePaths) {
   const std::vector<std::string> names = {"",
                                           ".",
                                           "..",
@@ -352,7 +352,7 @@ TEST_F(Cache, WithoutAFolder_NothingIsStored) {
   }
 }
 
-TEST_F(Cache, FolderThatCannotBe_FindsOutForTheCallAndLogsOnce) {
+TEST_F(Cache, Cache_FolderUnusable_ComputesForCallAndLogsOnce) {
   std::ofstream(folder_.File("cache")) << "a file in its place";
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
@@ -404,7 +404,7 @@ TEST_F(Cache, ValueThatCouldNotBeRead_IsNotStored) {
   EXPECT_EQ(Number(cache.ReadCachedData()), 50);
 }
 
-TEST_F(Cache, AnyJson_ComesBackAsItWas) {
+TEST_F(Cache, Cache_AnyJson_IsReadBackUnchanged) {
   refreshes_.during = [](int, Json::Value& data) {
     data["odd"] = Parsed(R"(["\u0000\n\"\\ ä", -1, 18446744073709551615, 1.5, true, null, {}, [], {"": {"a/b": 1}}])");
     return true;
@@ -426,7 +426,7 @@ TEST_F(Cache, LeftoversOfKilledWriters_GoWithTheNextRefresh) {
             (std::vector<std::string>{"counting.json", "counting.lock", "counting2.json", "counting2.json.AbCdEf"}));
 }
 
-TEST_F(Cache, Waiters_TakeWhatAnotherThreadHasFound) {
+TEST_F(Cache, Cache_Waiters_UseOtherThreadsRefresh) {
   // Never current, so that only what was found while they waited will do.
   const CountingCache cache(refreshes_, 0);
   std::atomic<int> waiting = 0;
@@ -446,7 +446,7 @@ TEST_F(Cache, Waiters_TakeWhatAnotherThreadHasFound) {
   EXPECT_EQ(refreshes_.begun, 1);
 }
 
-TEST_F(Cache, ReadersThatDoNotWait_AreNotHeldByARefresh) {
+TEST_F(Cache, Cache_NonBlockingReaders_AreNotBlockedByRefresh) {
   Write(Record("1000000000", R"({"number":50})"));
   std::atomic<bool> begun = false;
   std::atomic<bool> release = false;
@@ -464,7 +464,7 @@ TEST_F(Cache, ReadersThatDoNotWait_AreNotHeldByARefresh) {
   EXPECT_EQ(Number(cache.NonBlockedRead()), 1);
 }
 
-TEST_F(Cache, LockThatIsNeverGivenBack_IsWaitedForAWhile) {
+TEST_F(Cache, Cache_LockNeverReleased_WaitTimesOut) {
   Install(folder_.File("cache"), std::chrono::milliseconds(100));
   Write(Record("1000000000", R"({"number":50})"));
   const int lock = ::open(File("counting.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -577,7 +577,7 @@ TEST(CacheUtils, StringFields_AreReadAndOthersLeaveTheOutput) {
   EXPECT_EQ(out, "");
 }
 
-TEST(CacheUtils, Arrays_AreToldApart) {
+TEST(CacheUtils, JsonFieldIsArray_OtherTypes_AreFalse) {
   const Json::Value object = Parsed(R"({"list": [], "object": {}, "text": "[]", "null": null})");
   EXPECT_TRUE(VexaDR::Utils::JsonFieldIsArray(object, "list"));
   for (const char* field : {"object", "text", "null", "missing"}) {

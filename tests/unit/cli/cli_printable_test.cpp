@@ -19,7 +19,7 @@ class Utf8 : public ::testing::Test {
 using PrintableText = Utf8;
 using Tables = Utf8;
 
-TEST_F(PrintableText, OrdinaryText_StaysAsItIs) {
+TEST_F(PrintableText, Printable_OrdinaryText_IsUnchanged) {
   for (const char* text : {"", "plain text", "Grüße", "日本語", "🙂", "%s %n", "'\"<>&"})
     EXPECT_EQ(Printable(text), text);
 }

@@ -60,7 +60,7 @@ TEST(ServerUrl, Rows_AreAcceptedOrRefused) {
 
 TEST(ServerUrl, UnixSocket_IsNotExposed) { EXPECT_FALSE(IsExposed({"", "/run/vexad/vexad.sock"})); }
 
-TEST(Token, WhatCouldChangeARequest_IsNone) {
+TEST(Token, Token_CharactersThatChangeRequests_AreInvalid) {
   EXPECT_TRUE(IsValidToken("aZ09-_.~+/="));
   EXPECT_TRUE(IsValidToken(std::string(4096, 'x')));
   for (const std::string& token : {std::string(), std::string("a b"), std::string("a\r\nX: y"), std::string("a\0b", 3),

@@ -64,7 +64,7 @@ TEST(Process, Signalled_StatusNamesTheSignal) {
   EXPECT_FALSE(status->code.has_value());
 }
 
-TEST(Process, Destroyed_ItsChildrenAreGoneAsWell) {
+TEST(Process, Destroyed_EndsItsChildren) {
   TempDir folder;
   pid_t child = 0;
   {
@@ -85,7 +85,7 @@ TEST(Process, Destroyed_ItsChildrenAreGoneAsWell) {
   EXPECT_EQ(::kill(child, 0), -1);
 }
 
-TEST(Process, TextNeverComes_WaitForTextSaysSo) {
+TEST(Process, WaitForText_TextNeverAppears_ReturnsFalse) {
   Process process({.argv = {"echo", "something"}});
   EXPECT_FALSE(process.WaitForText("something else", seconds(30)));
   EXPECT_TRUE(process.WaitForText("something", seconds(30)));
@@ -123,7 +123,7 @@ TEST(SyslogCapture, LinesLogged_AreKeptInOrderWithPriority) {
   EXPECT_FALSE(SyslogContains("third"));
 }
 
-TEST(SyslogCapture, ThreadsLogAtOnce_NoLineIsLost) {
+TEST(SyslogCapture, SyslogCapture_ConcurrentThreads_LoseNoLine) {
   ClearCapturedSyslog();
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {

@@ -273,7 +273,7 @@ TEST_F(AccountStoreTest, NewIds_UnderWhichGrantsStand_AreSkipped) {
   EXPECT_EQ(Text(GrantsKey(kFirstOwnId)), R"({"guests":{"g":true}})");
 }
 
-TEST_F(AccountStoreTest, GivenUid_UnderWhichGrantsStand_InheritsNothing) {
+TEST_F(AccountStoreTest, AddUser_GivenUidWithOldGrants_InheritsNothing) {
   Put(GrantsKey(1026), R"({"authlevel":"advanced","guests":{"g":true}})");
   Add("alice", {}, 1026);
   EXPECT_EQ(Text(GrantsKey(1026)), "absent");
@@ -345,7 +345,7 @@ TEST_F(AccountStoreTest, StoreCannotBeRead_IsUnavailableAndNotUnknown) {
   EXPECT_EQ(accounts_.ListUsers()->size(), 2u);
 }
 
-TEST_F(AccountStoreTest, DamagedRecord_HarmsOnlyThoseWhoNeedIt) {
+TEST_F(AccountStoreTest, AccountStore_DamagedRecord_AffectsOnlyItsUsers) {
   Add("alice", {"team"});
   Add("bob");
   const std::uint32_t alice = accounts_.FindUser("alice")->uid;

@@ -69,7 +69,7 @@ TEST_F(TakeOverTest, NoFile_ChangesNothing) {
   EXPECT_TRUE(notes_.empty());
 }
 
-TEST_F(TakeOverTest, FirstFile_ComesWholeWithItsIdsInOneCommit) {
+TEST_F(TakeOverTest, Migrate_FirstFile_KeepsIdsInOneCommit) {
   Put(GrantsKey(1900000003), R"({"guests":{"g":true}})");
   const auto before = Revision();
   TakeOverFile(FileOf(GroupText("team", 1900000002), UserText("alice", 1900000003, R"("team","administrators")") + "," +
@@ -116,12 +116,12 @@ TEST_F(TakeOverTest, MachineUidOfASecondHost_IsReplaced) {
 }
 
 // The first user of the second host has the id of the first user of the first.
-TEST_F(TakeOverTest, SecondFile_IdIsSomebodyElses_GetsANewOneWithoutGrants) {
+TEST_F(TakeOverTest, Migrate_IdTaken_GetsNewIdWithoutGrants) {
   TakeOverFile(FileOf("", UserText("alice", 1900000002)));
   Put(GrantsKey(1900000002), R"({"guests":{"g":true}})");
   TakeOverFile(FileOf("", UserText("bob", 1900000002) + "," + UserText("carol", 1900000003)));
   EXPECT_EQ(UidOf("alice"), 1900000002u);
-  EXPECT_EQ(UidOf("carol"), 1900000003u) << "the new id is none that the file has";
+  EXPECT_EQ(UidOf("carol"), 1900000003u) << "the new id is not one of the file's";
   const std::uint32_t bob = UidOf("bob");
   EXPECT_GT(bob, 1900000003u);
   EXPECT_EQ(Text(GrantsKey(bob)), "absent");
@@ -131,7 +131,7 @@ TEST_F(TakeOverTest, SecondFile_IdIsSomebodyElses_GetsANewOneWithoutGrants) {
   EXPECT_TRUE(fs::exists(path() + ".taken-over-2")) << "the older one is kept";
 }
 
-TEST_F(TakeOverTest, IdOfADeletedUser_IsNotTakenOver) {
+TEST_F(TakeOverTest, Migrate_IdOfDeletedUser_IsReplaced) {
   Add("alice", {}, 1026);
   Add("bob");
   const std::uint32_t bob = UidOf("bob");
@@ -179,7 +179,7 @@ const NameRow kNameRows[] = {
 
 class TakeOverNames : public TakeOverTest, public testing::WithParamInterface<NameRow> {};
 
-TEST_P(TakeOverNames, NameThatTheStoreHas_TheStoresAccountStays) {
+TEST_P(TakeOverNames, Migrate_NameExistsInStore_KeepsStoreAccount) {
   const std::string team = GroupText("team", 1900000002);
   TakeOverFile(FileOf(team, UserText("alice", 1900000003, R"("team")")));
   const std::string before = Text(AccountKey(AccountKind::kUser, 1900000003));
@@ -187,20 +187,20 @@ TEST_P(TakeOverNames, NameThatTheStoreHas_TheStoresAccountStays) {
   EXPECT_EQ(Text(AccountKey(AccountKind::kUser, 1900000003)), before);
   EXPECT_EQ(accounts_.ListUsers()->size(), 1u);
   EXPECT_EQ(notes_.size(), GetParam().is_noted ? 1u : 0u);
-  EXPECT_EQ(HasNote({"was not taken over", "'alice'", "vexa user add"}), GetParam().is_noted);
+  EXPECT_EQ(HasNote({"was not migrated", "'alice'", "vexa user add"}), GetParam().is_noted);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, TakeOverNames, testing::ValuesIn(kNameRows),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
-TEST_F(TakeOverTest, TwoUsersOfOneFileThatDifferInCase_TheFirstIsTakenOver) {
+TEST_F(TakeOverTest, Migrate_UsersDifferOnlyInCase_FirstIsMigrated) {
   TakeOverFile(FileOf("", UserText("alice", 1900000002) + "," + UserText("ALICE", 1900000003)));
   EXPECT_EQ(accounts_.FindUser("Alice")->name, "alice");
-  EXPECT_TRUE(HasNote({"'ALICE' of", "was not taken over", "'alice'"}));
+  EXPECT_TRUE(HasNote({"'ALICE' of", "was not migrated", "'alice'"}));
 }
 
 // Between the commit and the renaming.
-TEST_F(TakeOverTest, KilledBeforeTheRenaming_NextStartBringsNobodyBack) {
+TEST_F(TakeOverTest, Migrate_KilledBeforeRename_NextStartAddsNothing) {
   const std::string file = FileOf("", UserText("alice", 1900000002) + "," + UserText("bob", 1900000003));
   TakeOverFile(file);
   ASSERT_TRUE(accounts_.DeleteUser("bob").ok());
@@ -210,7 +210,7 @@ TEST_F(TakeOverTest, KilledBeforeTheRenaming_NextStartBringsNobodyBack) {
   EXPECT_EQ(Revision(), before);
   EXPECT_EQ(CodeOf(accounts_.FindUser("bob")), ErrorCode::kNotFound);
   EXPECT_EQ(GroupNames(*accounts_.FindUser("alice")), (Names{"users", "team"}));
-  EXPECT_TRUE(HasNote({"taken over before"}));
+  EXPECT_TRUE(HasNote({"migrated before"}));
 }
 
 TEST_F(TakeOverTest, StoreThatFails_LeavesTheFile) {
@@ -263,7 +263,7 @@ TEST_F(TakeOverTest, SeveralAtTheSameTime_TakeItOverOnce) {
 }
 
 // Killed at a random time, again and again: in the end everybody is there once.
-TEST(TakeOverProcesses, KilledAtAnyTime_LosesAndDoublesNobody) {
+TEST(TakeOverProcesses, Migrate_KilledAnywhere_NeitherLosesNorDuplicates) {
   const TemporaryFolder folder;
   const std::string path = folder.Path("accounts.json");
   store::LmdbOptions options;

@@ -42,7 +42,7 @@ class ClusterCondition : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(ClusterCondition, Status_SaysWhetherTheDatabaseIsAccessible) {
+TEST_F(ClusterCondition, Status_ReportsDatabaseAccess) {
   EXPECT_EQ(State(0), kDatabaseAccessible);
   host_.store().ReportHealth(Health::kInaccessible);
   EXPECT_EQ(State(0), VexaCCC::State::Etcd::inaccessible);
@@ -78,7 +78,7 @@ TEST_F(ClusterCondition, HundredThousandQuestions_DoNotReachTheStore) {
   EXPECT_EQ(host_.store().reads(), reads);
 }
 
-TEST_F(ClusterCondition, OldStatus_IsFoundOutAnew) {
+TEST_F(ClusterCondition, ClusterStatus_Outdated_IsRefreshed) {
   EXPECT_EQ(State(10), kDatabaseAccessible);
   host_.store().ReportHealth(Health::kInaccessible);
   EXPECT_EQ(State(0), VexaCCC::State::Etcd::inaccessible) << "nothing older will do";
@@ -115,7 +115,7 @@ TEST_F(ClusterCondition, UpgradeFlag_IsTheSetting) {
   EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0);
 }
 
-TEST_F(ClusterCondition, UpgradeFlagThatCannotBeTold_IsNegative) {
+TEST_F(ClusterCondition, UpgradeFlag_Unreadable_IsNegative) {
   for (const char* text : {"{", "", "[]", "true", "null", R"({"incompatible":1})", R"({"incompatible":"true"})",
                            R"({"incompatible":null})"}) {
     PutText(kUpgrade, text);
@@ -144,7 +144,7 @@ TEST_F(ClusterCondition, UpgradeFlag_IsReadOnceInARequest) {
   std::jthread([] { EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1) << "another thread, in no request"; });
 }
 
-TEST_F(ClusterCondition, AutomaticHost_IsAllowedUnlessSaidOtherwise) {
+TEST_F(ClusterCondition, AutoSelectHost_Default_IsAllowed) {
   EXPECT_TRUE(VexaCCC::ClConfAutoSelHostGet());
   ASSERT_TRUE(WriteClusterSettings(host_.store(), {false}).ok());
   EXPECT_FALSE(VexaCCC::ClConfAutoSelHostGet());
@@ -155,7 +155,7 @@ TEST_F(ClusterCondition, AutomaticHost_IsAllowedUnlessSaidOtherwise) {
   EXPECT_TRUE(VexaCCC::ClConfAutoSelHostGet());
 }
 
-TEST_F(ClusterCondition, AutomaticHostThatCannotBeTold_IsNotGiven) {
+TEST_F(ClusterCondition, AutoSelectHost_Unreadable_IsDenied) {
   for (const char* text : {"{", "[]", "null", R"({"auto_select_host":0})", R"({"auto_select_host":"false"})"}) {
     PutText(kCluster, text);
     EXPECT_FALSE(VexaCCC::ClConfAutoSelHostGet()) << text;
@@ -179,7 +179,7 @@ TEST_F(ClusterCondition, WrittenSetting_LeavesTheOthers) {
   EXPECT_TRUE(VexaCCC::ClConfAutoSelHostGet());
 }
 
-TEST_F(ClusterCondition, SettingThatCannotBeWritten_Stays) {
+TEST_F(ClusterCondition, Setting_WriteFails_IsUnchanged) {
   PutText(kCluster, "[]");
   EXPECT_EQ(WriteClusterSettings(host_.store(), {false}).error().code(), ErrorCode::kCorrupt);
   EXPECT_EQ(Text(kCluster), "[]");
@@ -193,7 +193,7 @@ TEST_F(ClusterCondition, SettingThatCannotBeWritten_Stays) {
   EXPECT_EQ(Text(kCluster), "{}");
 }
 
-TEST(ClusterConditionWithoutHost, Everything_CannotBeTold) {
+TEST(ClusterConditionWithoutHost, ClusterCondition_StoreLost_EverythingIsUnknown) {
   Json::Value cache("before");
   EXPECT_LT(LoadCache(cache, CACHE_LOAD_CLUSTER, 10), 0);
   EXPECT_EQ(cache, "before");

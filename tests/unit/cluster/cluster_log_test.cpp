@@ -90,7 +90,7 @@ class ClusterLog : public testing::Test {
 
 // Adding.
 
-TEST_F(ClusterLog, Line_IsKeptWithWhoWhenAndWhere) {
+TEST_F(ClusterLog, ClusterLog_Entry_HasUserTimeAndHost) {
   const std::int64_t before = NowUs();
   ClusterLogAdd("eve", CLOG_PRIORITY_SUCCESS, "The guest [%s] runs on [%s], %d times.", "web", "north", 7);
   const LogPage page = Require(ReadLog("", 10));
@@ -202,7 +202,7 @@ TEST_F(ClusterLog, EntriesOlderThanAYear_GoWhenOneIsAdded) {
   EXPECT_EQ(stored[0].first, KeyAt(kNow - kYearUs));
 }
 
-TEST_F(ClusterLog, WhatIsNoEntry_IsNeitherShownNorTrimmed) {
+TEST_F(ClusterLog, ClusterLog_InvalidEntries_AreNeitherReturnedNorTrimmed) {
   const std::vector<std::string> strange{"/log/0", "/log/zzz", "/log/0000000000000000000x", KeyAt(1) + "/more"};
   for (const std::string& key : strange) PutRaw(key, R"({"text":"strange"})");
   Fill(kNow, static_cast<int>(kMaxLogEntries));
@@ -283,7 +283,7 @@ TEST_F(ClusterLog, LargePages_AreCut) {
   EXPECT_EQ(rest.next, "");
 }
 
-TEST_F(ClusterLog, CursorOfATrimmedEntry_StaysGood) {
+TEST_F(ClusterLog, ClusterLog_CursorOfTrimmedEntry_StaysValid) {
   for (const int time : {10, 20, 30}) Add(time);
   const LogPage page = Require(ReadLog("", 2));
   (void)Require(host_.store().Commit({{}, {{KeyAt(20), std::nullopt}}}));
@@ -341,7 +341,7 @@ TEST_F(ClusterLog, AfterALargeLog_IsCut) {
   EXPECT_EQ(Require(ReadLogAfter(first.back().time_us, 100'000)).size(), 500u);
 }
 
-TEST_F(ClusterLog, AfterDamagedEntries_GoesOnBehindThem) {
+TEST_F(ClusterLog, ClusterLog_DamagedEntries_AreSkipped) {
   PutRaw(KeyAt(20), "nonsense");
   PutRaw(KeyAt(30), R"({"time_us":5,"text":"liar"})");
   PutRaw("/log/99999999999999999999", R"({"text":"beyond all time"})");
@@ -375,7 +375,7 @@ TEST_F(ClusterLog, StoreCannotBeRead_IsALineAndAnError) {
   EXPECT_FALSE(ReadLogAfter(0, 10).ok());
 }
 
-TEST_F(ClusterLog, OthersWriteAllTheTime_IsALineInTheEnd) {
+TEST_F(ClusterLog, ClusterLog_ConstantConflicts_GivesUpWithALogLine) {
   host_.store().ConflictCommits(1'000'000);
   EXPECT_NO_THROW(ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed."));
   EXPECT_TRUE(test::SyslogContains("The cluster log cannot be written: "));

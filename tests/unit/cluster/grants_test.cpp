@@ -154,7 +154,7 @@ TEST_F(Grants, Read_ReportsLevelGuestsAndName) {
   EXPECT_THAT(all.damaged, ElementsAre("users-01026"));
 }
 
-TEST_F(Grants, StoreThatCannotBeRead_IsAnError) {
+TEST_F(Grants, Grants_StoreUnreadable_IsAnError) {
   const GrantPrincipal alice = Alice();
   store_->FailSnapshots();
   EXPECT_FALSE(GrantGuests(*store_, alice, {kFirst}).ok());

@@ -48,13 +48,13 @@ class GuestActionHost : public testing::Test {
   vexa::test::TestHost host_;
 };
 
-TEST_F(GuestActionHost, UnreachableHost_IsToldInTheClusterLog) {
+TEST_F(GuestActionHost, GuestAction_UnreachableHost_IsInClusterLog) {
   EXPECT_EQ(PowerOn(kGuest), 902);
   EXPECT_EQ(ClusterLog(),
             std::vector<std::string>{"Failed to power on the virtual machine [web %s] on the host [north]."});
 }
 
-TEST_F(GuestActionHost, IdsThatLeadElsewhere_FindNoGuest) {
+TEST_F(GuestActionHost, PowerOn_PathLikeIds_FindNoGuest) {
   for (const std::string& id :
        std::vector<std::string>{"../guest/" + kGuest, kGuest + "/", "/" + kGuest, kGuest + "/object", "../host/h-1",
                                 "%38" + kGuest.substr(1), kGuest + std::string(1, '\0'), kGuest + " ", ".", "..", "/",
@@ -64,14 +64,14 @@ TEST_F(GuestActionHost, IdsThatLeadElsewhere_FindNoGuest) {
   EXPECT_TRUE(ClusterLog().empty());
 }
 
-TEST_F(GuestActionHost, GuestWithoutAHost_IsNotSelectedForByAHostThatServesNothing) {
+TEST_F(GuestActionHost, SelectHost_HostWithoutService_AssignsNone) {
   host_.Put("guest", kGuest, Parsed(R"({"name":"web"})"));
   EXPECT_EQ(PowerOn(kGuest), 932);
   EXPECT_TRUE(vexa::test::SyslogContains("check_host_resource"));
   EXPECT_TRUE(ClusterLog().empty());
 }
 
-TEST_F(GuestActionHost, DeleteThatReachesNobody_KeepsTheGrants) {
+TEST_F(GuestActionHost, Delete_NoHostReachable_KeepsGrants) {
   host_.PutGuestAdmin("users", host_.AddUser("alice"), "advanced", {kGuest});
   VEXA::APIRequest request = vexa::test::UserRequest(Parameters(kGuest, ""), "alice");
   VEXA::APIResponse response;

@@ -46,7 +46,7 @@ class HaGroup : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(HaGroup, WholeRecord_IsRead) {
+TEST_F(HaGroup, HaRecord_CompleteRecord_IsRead) {
   PutGroup(R"({"name":"group","state":"hagroup_normal","fail_reason":202,
                "warn":{"ha_warn_host_short_ram":{"h1":true},"ha_warn_host_short_cpu":{},"other":{"h2":1}}})");
   std::string state;
@@ -56,7 +56,7 @@ TEST_F(HaGroup, WholeRecord_IsRead) {
   EXPECT_EQ(Warnings(), Parsed(R"({"ha_warn_host_short_ram":{"h1":true}})")) << "only what some host lacks";
 }
 
-TEST_F(HaGroup, MissingOrOddMembers_AreNoReasonAndNoWarning) {
+TEST_F(HaGroup, HaRecord_MissingOrInvalidMembers_GiveNoReasonOrWarning) {
   for (const char* record :
        {"{}", R"({"fail_reason":null,"warn":null,"state":7})", R"({"fail_reason":"202","warn":[1]})",
         R"({"fail_reason":2.5,"warn":"x"})", R"({"fail_reason":99999999999,"warn":{"a":1}})",
@@ -73,7 +73,7 @@ TEST_F(HaGroup, MissingOrOddMembers_AreNoReasonAndNoWarning) {
   EXPECT_EQ(Reason(), -5) << "it may hold any value";
 }
 
-TEST_F(HaGroup, WhatIsNotThereOrDamaged_Fails) {
+TEST_F(HaGroup, HaRecord_MissingOrDamaged_Fails) {
   for (const std::string& id : std::vector<std::string>{
            "none", "", "..", "../ha_group/h", {"h\0", 2}, "h\n", "%68", std::string(1 << 20, 'h')}) {
     ExpectNothing(id);
@@ -90,7 +90,7 @@ TEST_F(HaGroup, WhatIsNotThereOrDamaged_Fails) {
   ExpectNothing("h");
 }
 
-TEST(HaInfo, Hosts_AreAsTheLibraryTakesThem) {
+TEST(HaInfo, HaInfo_Hosts_HaveLibraryFormat) {
   const Json::Value group = Parsed(R"({"name":"x","hosts":[
     {"host_id":"a","ha_host_role":["repo_host","running_host"],"ha_warn_host_rocky":-1,
      "ha_warn_host_not_compatible":[401,402],"other":1},

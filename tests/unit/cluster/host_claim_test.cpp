@@ -91,12 +91,12 @@ TEST_F(HostClaims, FullDisk_LeavesTheMachineItsClaim) {
   EXPECT_FALSE(Take({"4712-9.1", {}, "boot-1", "beta"}).ok());
 }
 
-TEST_F(HostClaims, ClaimThatARecoveryBegan_IsNobodysMachine) {
+TEST_F(HostClaims, Take_ClaimCreatedByRecovery_BelongsToNoMachine) {
   (void)Require(host_.store().Commit({{}, {{HostClaimKey(kHost), R"({"incarnation":1})"}}}));
   EXPECT_EQ(Require(Take(Original()))->incarnation(), 2u);
 }
 
-TEST_F(HostClaims, CardsThatCannotBeRead_AreThoseThatWereRead) {
+TEST_F(HostClaims, HostClaim_CardsUnreadable_KeepsStoredAddresses) {
   (void)Require(Take(Original()));
   ClaimIdentity blind = Original();
   blind.addresses.clear();
@@ -104,7 +104,7 @@ TEST_F(HostClaims, CardsThatCannotBeRead_AreThoseThatWereRead) {
   EXPECT_FALSE(Take({"4711-1.5", {"5254000000ff"}, "boot-2", "beta"}).ok());
 }
 
-TEST_F(HostClaims, GuestThatWasTakenWhileOthersWereSettled_KeepsTheClaimFenced) {
+TEST_F(HostClaims, SettleFenced_GuestTakenMeanwhile_StaysFenced) {
   const auto claim = Require(Take(Original()));
   Change([](Json::Value& record) { FenceClaim(record); });
   (void)Require(host_.store().Commit({{}, {{FenceKey(kHost, "guest-2"), "{}"}}}));
@@ -143,7 +143,7 @@ TEST_F(HostClaims, Copies_AreRefusedAndChangeNothing) {
   }
 }
 
-TEST_F(HostClaims, MachineThatWasStartedAgain_WaitsForAnotherSignOfLife) {
+TEST_F(HostClaims, Take_MachineRestarted_WaitsForSignOfLife) {
   (void)Require(Take(Original()));
   ClaimIdentity restarted = Original();
   restarted.boot = "boot-2";
@@ -211,8 +211,9 @@ TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   EXPECT_TRUE(host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "1"}}}).ok());
   Change([](Json::Value& record) { EXPECT_EQ(FenceClaim(record), 2u); });
   EXPECT_EQ(*claim->Look(), Standing::kFenced);
-  EXPECT_EQ(claim->Check().error().ToString(),
-            "This host was taken for gone meanwhile, and has not looked yet at what was taken from it");
+  EXPECT_EQ(
+      claim->Check().error().ToString(),
+      "Other hosts considered this host gone meanwhile, and it has not yet settled which guests were taken from it");
   const auto committed = host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "2"}}});
   ASSERT_FALSE(committed.ok());
   EXPECT_EQ(committed.error().code(), ErrorCode::kConflict);

@@ -153,7 +153,7 @@ TEST(HostRecord, OthersWriteAtTheSameTime_NothingIsLost) {
       record["count"] = written + 1;
       snapshot->reset();
       if (host.store().Commit({{{key, revision}}, {{key, record.toStyledString()}}}).ok()) ++written;
-      // One that never pauses could be first for ever.
+      // One that never pauses could be first forever.
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   });
@@ -184,7 +184,7 @@ TEST(HostRecord, Touch_ChangesOnlySeenUnlessTheStateIsWrong) {
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running);
 }
 
-TEST(HostRecord, OtherStates_AreLeftToWhoeverSetThem) {
+TEST(HostRecord, TouchHost_StateSetElsewhere_IsKept) {
   TestHost host;
   host.Put("host", kHost, Parsed(std::string(R"({"state":")") + VexaCCC::State::Host::network_warn + "\"}"));
   ASSERT_TRUE(TouchHost(host.store(), kHost, kNow).ok());
@@ -195,7 +195,7 @@ TEST(HostPresence, Life_IsSeenAndItsEndToo) {
   TestHost host;
   {
     const HostPresence presence(CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
-    EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running) << "at once";
+    EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running) << "immediately";
     ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());  // somebody thought that it was gone
     for (int i = 0; i < 4000 && Read("object")["state"] != VexaCCC::State::Host::running; ++i) {
       std::this_thread::sleep_for(milliseconds(5));
@@ -231,7 +231,7 @@ class ChangingFacts {
     const std::lock_guard lock(mutex_);
     change(facts_);
   }
-  // Until those that are there now were gathered and dealt with.
+  // Returns when the current facts have been gathered and stored.
   void Await() {
     const int until = gathered() + 2;
     while (gathered() < until) std::this_thread::sleep_for(milliseconds(1));
@@ -247,7 +247,7 @@ class ChangingFacts {
   int gathered_ = 0;
 };
 
-TEST(HostPresence, HostThatWasTakenForDead_GetsTheStateBackThatItFinds) {
+TEST(HostPresence, HostRecord_WronglyInaccessible_RestoresOwnState) {
   TestHost host;
   ChangingFacts facts;
   const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
@@ -332,7 +332,7 @@ TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"})["name"], "eth0");
 }
 
-TEST(HostPresence, ChangeThatCannotBeWritten_IsTriedAgain) {
+TEST(HostPresence, HostRecord_WriteFails_IsRetried) {
   TestHost host;
   ChangingFacts facts;
   const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});

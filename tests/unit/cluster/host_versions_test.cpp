@@ -61,7 +61,7 @@ TEST(Version, State_ComparesWithTheHighest) {
   EXPECT_EQ(Judge("2.3.4", "9.9"), states::version_matched) << "an unreadable one is not the highest";
 }
 
-TEST(Version, Package_IsJudgedBesideAndTheMoreUrgentHolds) {
+TEST(Version, Versions_PackageAndHost_MoreUrgentWins) {
   const auto judge = [](const HostVersions& host) {
     return VersionStates({{"host", host}, {"other", {"2.3.4", "5.1.1"}}})["host"];
   };
@@ -141,7 +141,7 @@ TEST_F(HostVersionStates, Reachable_NeedsAStateAndAFreshSign) {
   EXPECT_EQ(reachable_, (Map{{"fresh", states::version_matched}, {"warn", states::version_matched}}));
 }
 
-TEST_F(HostVersionStates, RecordsThatSayNothing_AreUnknown) {
+TEST_F(HostVersionStates, Versions_RecordsWithoutVersion_AreUnknown) {
   AddHost("good", R"({"state":"host_running","version":"1.0.0","package_version":"1.0.0"})");
   for (const char* id : {"none", "../x", "a/b", "%", "n\nl"}) AddHost(id, R"({"state":"host_running"})");
   AddHost("number", R"({"state":"host_running","version":1})");
@@ -181,7 +181,7 @@ TEST(Version, DifferentMajorNumbers_AreIncompatible) {
   EXPECT_FALSE(AreIncompatible({"1.0.0"}));
   EXPECT_FALSE(AreIncompatible({"1.0.0", "1.9.9", "1.0.0"}));
   EXPECT_TRUE(AreIncompatible({"1.0.0", "1.9.9", "2.0.0"}));
-  EXPECT_FALSE(AreIncompatible({"1.0.0", "", "2.0"})) << "what cannot be read is no version";
+  EXPECT_FALSE(AreIncompatible({"1.0.0", "", "2.0"})) << "what cannot be read is not a version";
 }
 
 TEST_F(HostVersionStates, HostsOfDifferentMajorVersions_FreezeTheClusterUnlessGone) {

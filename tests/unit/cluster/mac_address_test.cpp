@@ -111,7 +111,7 @@ TEST(MacAddress, Check_IgnoresLetterCaseAndSeesEscapes) {
   }
 }
 
-TEST(MacAddress, UnreadableStore_CannotTell) {
+TEST(MacAddress, GuestOfMacAddress_StoreUnreadable_Fails) {
   TestHost host;
   host.store().FailSnapshots();
   std::string guest = "before";

@@ -108,7 +108,7 @@ TEST_P(DiskFilesBy, HiddenAndShown_IsTheSameFile) {
   EXPECT_TRUE(files.Sync(path));
 }
 
-TEST_P(DiskFilesBy, WhatIsNotOurs_IsNeitherRenamedNorRemoved) {
+TEST_P(DiskFilesBy, ForeignFiles_AreNeitherRenamedNorRemoved) {
   WriteFile(ground_.Outside("x"));
   std::filesystem::create_symlink(ground_.Outside("x"), ground_.Image("link"));
   std::filesystem::create_directory_symlink(ground_.Outside(""), ground_.Image("out"));

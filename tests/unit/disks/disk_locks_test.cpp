@@ -77,7 +77,7 @@ class DiskLocks : public testing::Test {
   const DiskFiles files_;
 };
 
-TEST_F(DiskLocks, FileThatAMachineHasOpen_IsNeitherHiddenNorRemovedNorChanged) {
+TEST_F(DiskLocks, DiskFiles_OpenInMachine_AreNotChanged) {
   // What a machine that writes holds: it uses 0, 1 and 3, and does not share the others.
   Machine machine(path_, {100, 101, 103, 201, 203});
   for (int i = 0; i < 2; ++i) {  // a probe must not release the locks
@@ -124,7 +124,7 @@ TEST_F(DiskLocks, Probe_TakesNoLockThatAMachineWouldMeet) {
 
 // A machine's files can belong to another account for as long as it runs. The administrator may open them all the same,
 // so another account asks here.
-TEST_F(DiskLocks, FileThatCannotBeOpened_IsLookedUpAmongAllLocks) {
+TEST_F(DiskLocks, DiskLocks_FileCannotBeOpened_IsSearchedAmongAllLocks) {
   for (const bool is_locked : {false, true}) {
     SCOPED_TRACE(is_locked);
     ::chmod(path_.c_str(), 0600);
@@ -168,7 +168,7 @@ TEST(LockTable, OnlyHeldLocksOfTheFileInTheRange_Count) {
   }
 }
 
-TEST_F(DiskLocks, LocksThatCannotBeLookedAt_KeepTheFile) {
+TEST_F(DiskLocks, DiskLocks_UnreadableLocks_KeepTheFile) {
   FileCalls calls;
   calls.has_open = [](int, const char*, bool*) { return EIO; };
   const DiskFiles files({ground_.folder().File("images")}, calls);

@@ -112,7 +112,7 @@ TEST_F(ImageRecords, Add_WithoutAnId_MakesOne) {
   EXPECT_NE(first, added_);
 }
 
-TEST_F(ImageRecords, Check_WordsThatCannotBe_AreInvalid) {
+TEST_F(ImageRecords, Check_InvalidArguments_AreRefused) {
   for (const std::string& name : {std::string(), std::string(129, 'x'), std::string("a\nb"), std::string("a\0b", 3),
                                   std::string("\xFF"), std::string("\x7F")}) {
     const Status checked = CheckImage({name, "/a.iso", ""});
@@ -150,7 +150,7 @@ TEST_F(ImageRecords, Add_PathThatLeadsToNoFileOfTheFolder_IsRefused) {
   }
 }
 
-TEST_F(ImageRecords, Add_WhatIsThere_IsRefused) {
+TEST_F(ImageRecords, Add_Existing_IsRefused) {
   const std::string file = MakeFile("a.iso");
   const std::string other = MakeFile("b.iso");
   ExpectAdded("a", file, kId);

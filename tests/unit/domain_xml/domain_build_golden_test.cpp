@@ -1,5 +1,5 @@
 // The examples: imported, built, and imported again. VEXA_UPDATE_GOLDEN=1 in the environment writes the golden files
-// anew; read the difference before committing it.
+// again; read the difference before committing it.
 #include <json/writer.h>
 
 #include <cstdlib>
@@ -68,7 +68,7 @@ TEST_P(BuiltExample, ImportedAgain_GivesTheSameRecords) {
   const ImportedGuest second = MustParse(MustBuild(RecordsOf(first), ExampleOptions("kvm")));
   Json::Value expected = ToJson(first);
   Json::Value actual = ToJson(second);
-  // Notes tell of what the first XML had besides; a guest without a card gets the default one.
+  // Notes report what else the first XML had; a guest without a card gets the default one.
   for (Json::Value* records : {&expected, &actual}) records->removeMember("notes");
   if (!expected["guest"].isMember("video_card")) expected["guest"]["video_card"] = "cirrus";
   // Which device of the host an interface gets is nothing that its record says.

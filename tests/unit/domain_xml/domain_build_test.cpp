@@ -100,7 +100,7 @@ TEST(DomainBuild, Variables_AreInTheFileOfTheRecord) {
   }
 }
 
-TEST(DomainBuild, Mark_SaysWhoseTheDefinitionIs) {
+TEST(DomainBuild, Mark_IdentifiesDefiningHost) {
   EXPECT_EQ(CountAt(MustBuild(SmallGuest()), "/domain/metadata"), 0u);
   BuildOptions options;
   options.host_id = "a'<b";
@@ -328,7 +328,7 @@ TEST(DomainBuildUsb, Devices_AreThoseOfTheHost) {
   for (const char* bad : {"1234", "1234:", "x:1", "0.1", "1.256", "1234:12345", "1.2'/><evil/>"}) {
     GuestRecords records = SmallGuest();
     records.guest["usbs"] = List({bad});
-    EXPECT_THAT(BuildRefusalOf(records), HasSubstr("is no device")) << bad;
+    EXPECT_THAT(BuildRefusalOf(records), HasSubstr("is not a USB device")) << bad;
   }
 }
 
@@ -366,12 +366,12 @@ INSTANTIATE_TEST_SUITE_P(
                       GuestRow{"vcpu_num", 513, "from 1 to 512"}, GuestRow{"vcpu_num", -1, "from 1 to 512"},
                       GuestRow{"cpu_weight", 1, "from 2 to"}, GuestRow{"cpu_pin_num", 3, "from 0 to 2"},
                       GuestRow{"usb_version", 4, "from 0 to 3"}, GuestRow{"video_card", "vga'/><evil/>", "not known"},
-                      GuestRow{"kb_layout", "de'/><evil/>", "no name of a layout"}, GuestRow{"name", 5, "is no text"},
-                      GuestRow{"usbs", "3.14", "no list"}, GuestRow{"iso_images", "x", "no list"},
-                      GuestRow{"nvram", "", "absolute path"}, GuestRow{"nvram", "vars.fd", "absolute path"},
-                      GuestRow{"nvram", "/a/../b", "absolute path"}, GuestRow{"nvram", "/a\nb", "absolute path"},
-                      GuestRow{"nvram", Json::arrayValue, "is no text"}, GuestRow{"boot_from", 1, "is no text"},
-                      GuestRow{"desc", Json::arrayValue, "is no text"}));
+                      GuestRow{"kb_layout", "de'/><evil/>", "not a keyboard layout"},
+                      GuestRow{"name", 5, "is not a text"}, GuestRow{"usbs", "3.14", "not a list"},
+                      GuestRow{"iso_images", "x", "not a list"}, GuestRow{"nvram", "", "absolute path"},
+                      GuestRow{"nvram", "vars.fd", "absolute path"}, GuestRow{"nvram", "/a/../b", "absolute path"},
+                      GuestRow{"nvram", "/a\nb", "absolute path"}, GuestRow{"nvram", Json::arrayValue, "is not a text"},
+                      GuestRow{"boot_from", 1, "is not a text"}, GuestRow{"desc", Json::arrayValue, "is not a text"}));
 
 // Nothing that a record holds can end an attribute or an element.
 TEST(DomainBuildHostile, Texts_StayTexts) {
@@ -405,7 +405,7 @@ TEST(DomainBuildHostile, Texts_StayTexts) {
   }
 }
 
-TEST(DomainBuildHostile, CharactersThatXmlCannotHold_AreReplaced) {
+TEST(DomainBuildHostile, Build_CharactersInvalidInXml_AreReplaced) {
   GuestRecords records = SmallGuest();
   records.guest["desc"] = std::string(
       "a\0b\x01"
@@ -432,7 +432,7 @@ TEST(DomainBuildHostile, NameThatLibvirtRefuses_IsTheIdInstead) {
 
 TEST(DomainBuildHostile, RecordsOfOtherTypes_AreRefusedOrDefaulted) {
   GuestRecords records;
-  EXPECT_THAT(BuildRefusalOf(records), HasSubstr("no UUID"));  // the id is empty
+  EXPECT_THAT(BuildRefusalOf(records), HasSubstr("not a UUID"));  // the id is empty
   records = SmallGuest();
   records.guest = Json::Value("text");
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("no object"));

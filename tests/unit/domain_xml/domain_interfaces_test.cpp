@@ -72,7 +72,7 @@ TEST(LiveInterfaces, WithoutAUsefulAddress_AreLeftOut) {
   EXPECT_EQ(interfaces->front().mac, "52:54:00:00:00:02");
 }
 
-TEST(LiveInterfaces, OfWhatIsNotADomain_AreAnError) {
+TEST(LiveInterfaces, Interfaces_NotADomain_IsError) {
   for (const char* const xml : {"", "<network/>", "<domain", "text"}) EXPECT_FALSE(ParseGuestInterfaces(xml)) << xml;
   const auto none = ParseGuestInterfaces("<domain/>");
   ASSERT_TRUE(none);
@@ -87,7 +87,7 @@ std::string Resolved(const char* xml, const std::string& bridge) {
   return Words(interface);
 }
 
-TEST(NetworksOfLibvirt, LeadWhereTheirXmlSays) {
+TEST(NetworksOfLibvirt, ResolveNetwork_FollowsNetworkXml) {
   EXPECT_EQ(Resolved("<network><forward mode='nat'/><bridge name='virbr0'/></network>", "virbr0"),
             "network [virbr0] [] [n] up");
   EXPECT_EQ(Resolved("<network><bridge name='virbr1'/></network>", ""), "network [virbr1] [] [n] up");

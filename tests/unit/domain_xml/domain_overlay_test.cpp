@@ -102,7 +102,7 @@ TEST(DomainOverlay, BaseWithoutMetadata_GetsIt) {
 
 class OverlayExample : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(OverlayExample, NothingEdited_StaysAsItIs) {
+TEST_P(OverlayExample, Overlay_NothingEdited_IsUnchanged) {
   const Result<std::string> base = ReadFile(kSource + "/examples/" + GetParam() + ".xml", kMaxDomainXmlBytes);
   ASSERT_TRUE(base.ok());
   EXPECT_EQ(Canonical(Unedited(*base)), Canonical(*base));
@@ -176,7 +176,7 @@ TEST_P(KeptElement, NothingEdited_StaysWordForWord) {
   EXPECT_EQ(Canonical(Unedited(base)), Canonical(base));
 }
 
-TEST_P(KeptElement, AnotherFacetEdited_StaysAsItIs) {
+TEST_P(KeptElement, Overlay_OtherPartEdited_IsUnchanged) {
   const std::string base = Base(GetParam().rest, GetParam().devices);
   EXPECT_EQ(Difference(base, EditedMember("desc", "second", base)),
             "-<description>first</description>\n+<description>second</description>\n");
@@ -350,7 +350,7 @@ TEST(DomainOverlayDisk, Added_GetsAFreePlaceAndTheBootOrder) {
   EXPECT_EQ(At(xml, "//interface[3]/source/@bridge"), "br7");
 }
 
-TEST(DomainOverlayDisk, AddedToScsi_GetsAControllerWhereThereIsNone) {
+TEST(DomainOverlayDisk, AddDisk_ScsiWithoutController_AddsOne) {
   const std::string base = DomainWith("", Disk());
   const std::string xml =
       Edited([](GuestRecords& records) { records.disks.emplace_back("new", DiskRecord("sda", 4)); }, base);
@@ -379,7 +379,7 @@ TEST(DomainOverlayDisk, BadPathOfAnEdit_IsRefused) {
   EXPECT_THAT(BuildRefusalOf(records, Over(Base())), HasSubstr("absolute path"));
 }
 
-TEST(DomainOverlayBoot, DevicesThatBoot_ComeAfterTheDisks) {
+TEST(DomainOverlayBoot, BootOrder_OtherDevices_FollowDisks) {
   const std::string base =
       DomainWith("", Disk("vda", "<boot order='2'/>") + Nic("52:54:00:00:00:01", "<boot order='1'/>"));
   EXPECT_EQ(Canonical(Unedited(base)), Canonical(base));
@@ -408,7 +408,7 @@ TEST(DomainOverlayDrives, ImageOfTheLibrary_IsLookedUp) {
   EXPECT_EQ(At(MustBuild(records, options), "//disk[@device='cdrom']/source/@file"), "/iso/b.iso");
 }
 
-TEST(DomainOverlayProcessor, ProcessorsThatAreSetApart_ReplaceTheOwnersPins) {
+TEST(DomainOverlayProcessor, Overlay_DedicatedProcessors_ReplaceOwnersPins) {
   GuestRecords records = RecordsOfBase(Base());
   BuildOptions options = Over(Base());
   options.pinned_cpus = {6, 7};
@@ -468,7 +468,7 @@ TEST(DomainOverlayOptions, WithoutCgroups_TuningGoesAndPinsStay) {
   EXPECT_EQ(CountAt(xml, "//cputune"), 0u);
 }
 
-TEST(DomainOverlayOptions, Emulation_TakesWhatOnlyKvmHas) {
+TEST(DomainOverlayOptions, Overlay_Emulation_RemovesKvmFeatures) {
   BuildOptions options = Over(Base());
   options.domain_type = "qemu";
   EXPECT_EQ(
@@ -489,7 +489,7 @@ TEST(DomainOverlayOptions, WithoutAUsbBus_HostDevicesAreLeftOut) {
   EXPECT_EQ(CountAt(xml, "//controller[@type='usb']"), 1u);
 }
 
-TEST(DomainOverlayUsb, TurnedOff_TakesWhatIsOnTheBus) {
+TEST(DomainOverlayUsb, Overlay_UsbTurnedOff_RemovesUsbDevices) {
   const std::string base = Base("", "<redirdev bus='usb' type='spicevmc'/><input type='mouse' bus='ps2'/>");
   const std::string xml = Edited(
       [](GuestRecords& records) {
@@ -502,7 +502,7 @@ TEST(DomainOverlayUsb, TurnedOff_TakesWhatIsOnTheBus) {
   EXPECT_EQ(CountAt(xml, "//input[@bus='ps2']"), 1u);
 }
 
-TEST(DomainOverlayEmulator, ThatIsNotHere_IsLeftOut) {
+TEST(DomainOverlayEmulator, Emulator_Missing_IsLeftOut) {
   EXPECT_EQ(CountAt(Unedited(DomainWith("", "<emulator>/no/such/emulator</emulator>")), "//emulator"), 0u);
   EXPECT_EQ(CountAt(Unedited(DomainWith("", "<emulator>/etc/passwd</emulator>")), "//emulator"), 0u);
   EXPECT_EQ(CountAt(Unedited(DomainWith("", "<emulator>/</emulator>")), "//emulator"), 0u);
@@ -541,7 +541,7 @@ TEST(DomainOverlayRunning, IdOfARunningDomain_IsNotDefined) {
   EXPECT_EQ(At(Unedited(base), "/domain/@id"), "");
 }
 
-TEST(DomainOverlayRefusal, BaseThatCannotBeRead_OrOfAnotherGuest_IsNamed) {
+TEST(DomainOverlayRefusal, Base_UnreadableOrOfOtherGuest_IsNamed) {
   const GuestRecords records = RecordsOfBase(Base());
   EXPECT_THAT(BuildRefusalOf(records, Over("<domain>")), HasSubstr("imported with cannot be used"));
   EXPECT_THAT(BuildRefusalOf(records, Over("<domain/>")), HasSubstr("imported with cannot be used"));

@@ -90,7 +90,7 @@ TEST(DiskRecord, FloppyDrive_HasNoRecord) {
   EXPECT_THAT(guest.notes, Not(Contains(HasSubstr("fda"))));
 }
 
-TEST(DiskRecord, LunAndBackingImage_AreNoted_WhatStaysIsNot) {
+TEST(DiskRecord, Disks_LunAndBackingImage_AreNotedAndOtherElementsAreNot) {
   const ImportedGuest guest =
       MustParse(DomainWith("",
                            "<disk type='block' device='lun'><source dev='/dev/sdb'/><target dev='sda' bus='scsi'/>"

@@ -15,7 +15,7 @@ struct DomainParts {
   std::string name = "<name>guest</name>";
   std::string uuid = "<uuid>11111111-2222-4333-8444-555555555555</uuid>";
   std::string memory = "<memory unit='MiB'>512</memory>";
-  std::string rest;  // further children of <domain>
+  std::string rest;  // more children of <domain>
   std::string devices;
 
   std::string Text() const {

@@ -1,4 +1,4 @@
-// The examples, record by record. VEXA_UPDATE_GOLDEN=1 in the environment writes the golden files anew; read the
+// The examples, record by record. VEXA_UPDATE_GOLDEN=1 in the environment writes the golden files again; read the
 // difference before committing it.
 #include <json/writer.h>
 

@@ -188,7 +188,7 @@ std::vector<Refusal> Refusals() {
       {"mac_zero", DomainWith("", Nic("00:00:00:00:00:00")), zero},
       {"mac_short", DomainWith("", Nic("52:54:00:0:0:1")), short_mac},
       {"mac_twice", DomainWith("", Nic("52:54:00:00:00:0a") + Nic("52:54:00:00:00:0A")),
-       "Two network interfaces have the MAC address '52:54:00:00:00:0a': give each one of its own"},
+       "Two network interfaces have the MAC address '52:54:00:00:00:0a'. Give each a different one"},
       {"network_line_end",
        DomainWith("",
                   "<interface type='bridge'><mac address='52:54:00:00:00:01'/><source bridge='a&#9;b'/></interface>"),
@@ -222,7 +222,7 @@ void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.test; 
 
 class RefusedDomain : public ::testing::TestWithParam<Refusal> {};
 
-TEST_P(RefusedDomain, Domain_SaysWhyAndWhatToDo) { EXPECT_EQ(RefusalOf(GetParam().xml), GetParam().sentence); }
+TEST_P(RefusedDomain, Refusal_NamesCauseAndRemedy) { EXPECT_EQ(RefusalOf(GetParam().xml), GetParam().sentence); }
 
 INSTANTIATE_TEST_SUITE_P(Rows, RefusedDomain, ::testing::ValuesIn(Refusals()),
                          [](const auto& parameter) { return std::string(parameter.param.test); });
@@ -238,7 +238,7 @@ TEST(Hostile, UnknownOrForbiddenReference_IsRefused) {
   }
 }
 
-TEST(Hostile, AmpersandInCommentOrCdata_IsNoReference) {
+TEST(Hostile, Ampersand_InCommentOrCdata_IsNotReference) {
   const ImportedGuest guest = MustParse("<?xml version='1.0'?><!-- a & b <!DOCTYPE> -->" +
                                         DomainWith("<description><![CDATA[&x <y>]]></description>"));
   EXPECT_EQ(guest.guest["desc"], "&x <y>");
@@ -247,9 +247,9 @@ TEST(Hostile, AmpersandInCommentOrCdata_IsNoReference) {
 TEST(Hostile, ByteOrderMark_IsSkipped) { EXPECT_EQ(MustParse("\xEF\xBB\xBF" + DomainWith("")).id, kId); }
 
 TEST(Hostile, HundredThousandLevels_AreRefusedQuickly) {
-  EXPECT_EQ(RefusalOf(Repeat("<a>", 100'000)), "The XML is nested more than 64 levels deep: that is no domain XML");
+  EXPECT_EQ(RefusalOf(Repeat("<a>", 100'000)), "The XML is nested more than 64 levels deep. This is not domain XML");
   EXPECT_EQ(RefusalOf("<domain>" + Repeat("<a>", 100'000) + Repeat("</a>", 100'000) + "</domain>"),
-            "The XML is nested more than 64 levels deep: that is no domain XML");
+            "The XML is nested more than 64 levels deep. This is not domain XML");
 }
 
 TEST(Hostile, SixtyFourLevels_AreRead) {
@@ -274,7 +274,7 @@ TEST(Hostile, ManyAttributes_AreRefused) {
   std::string attributes;
   for (int i = 0; i < 65; ++i) attributes += " a" + std::to_string(i) + "='1'";
   EXPECT_EQ(RefusalOf(DomainWith("<cpu" + attributes + "/>")),
-            "An element has more than 64 attributes: that is no domain XML");
+            "An element has more than 64 attributes. This is not domain XML");
 }
 
 TEST(Hostile, EveryPrefixOfADomain_IsRefusedWithoutACrash) {
@@ -304,26 +304,26 @@ TEST(Hostile, MismatchedTags_AreRefusedWithTheirLine) {
   EXPECT_THAT(RefusalOf("</domain>"), HasSubstr("an end tag without a start tag"));
 }
 
-TEST(Options, IdsThatAreNoUuids_AreRefused) {
+TEST(Options, Options_InvalidUuids_AreRefused) {
   ImportOptions options;
   options.repository_id = "../x";
-  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The repository id '../x' is no UUID: give one of the form 8-4-4-4-12");
+  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The repository id '../x' is not a UUID. Use the form 8-4-4-4-12");
   options = {};
   options.host_id = "";
-  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The host id '' is no UUID: give one of the form 8-4-4-4-12");
+  EXPECT_EQ(RefusalOf(DomainWith(""), options), "The host id '' is not a UUID. Use the form 8-4-4-4-12");
   options = {};
   options.networks["lan"] = "1";
   EXPECT_EQ(RefusalOf(DomainWith(""), options),
-            "The id '1' of the network 'lan' is no UUID: give one of the form 8-4-4-4-12");
+            "The id '1' of the network 'lan' is not a UUID. Use the form 8-4-4-4-12");
 }
 
-TEST(Options, SizeOfADiskThatNobodyKnows_NamesTheOption) {
+TEST(Options, DiskSize_Unknown_ErrorNamesOption) {
   ImportOptions options;
   options.size_of = [](const std::string& path, ImageFormat) -> Result<std::uint64_t> {
     return Error(ErrorCode::kNotFound, "Cannot read the image '" + path + "'", "No such file or directory");
   };
   EXPECT_EQ(RefusalOf(DomainWith("", Disk()), options),
-            "The size of the disk 'vda' is not known: give it with --disk-size vda=GiB: Cannot read the image "
+            "The size of the disk 'vda' is unknown. Set it with --disk-size vda=GiB: Cannot read the image "
             "'/images/vda': No such file or directory");
 }
 
@@ -336,7 +336,7 @@ TEST(Options, SizeOutOfRange_IsRefused) {
   }
 }
 
-TEST(Disks, SixtyFour_BesideTwoDrives_AreTaken) {
+TEST(Disks, Disks_SixtyFourAndTwoDrives_AreAccepted) {
   std::string devices;
   for (int i = 0; i < 64; ++i) {
     devices += "<disk><source file='/d" + std::to_string(i) + "'/><target dev='vd" + std::to_string(i) + "'/></disk>";

@@ -103,7 +103,7 @@ const Row kRows[] = {
      "The UEFI variables are of the type 'network': they were not recorded, and are not managed with the guest's "
      "files."},
     {"nvram_odd", Os("<nvram>../vars.fd</nvram>"), "", "nvram", nullptr,
-     "The UEFI variables are at '../vars.fd', which is no absolute path: they were not recorded."},
+     "The UEFI variables are at '../vars.fd', which is not an absolute path. They were not recorded."},
     {"no_hyperv", "<features><acpi/></features>", "", "hyperv_enlighten", nullptr},
     {"hyperv", "<features><hyperv mode='custom'><relaxed state='on'/></hyperv></features>", "", "hyperv_enlighten",
      "true"},
@@ -113,7 +113,8 @@ const Row kRows[] = {
     {"boot_hd", Os("<boot dev='hd'/><boot dev='cdrom'/>"), "", "boot_from", R"("disk")"},
     {"boot_cdrom", Os("<boot dev='cdrom'/><boot dev='hd'/>"), "", "boot_from", R"("iso")"},
     {"boot_network_first", Os("<boot dev='network'/><boot dev='cdrom'/>"), "", "boot_from", R"("iso")",
-     "The guest boots from 'network' first, which no record says: this stays until its disks, drives or 'boot_from' "
+     "The guest boots from 'network' first, which the records cannot express. This stays until its disks, drives or "
+     "'boot_from' "
      "are edited."},
     {"boot_network_only", Os("<boot dev='network'/>"), "", "boot_from", R"("disk")"},
     {"boot_order_disk", "", Cdrom("sdb", "<boot order='2'/>") + Disk("vda", "<boot order='1'/>"), "boot_from",
@@ -122,7 +123,8 @@ const Row kRows[] = {
      R"("iso")"},
     {"boot_order_nic", "", Nic("52:54:00:00:00:01", "<boot order='1'/>") + Cdrom("sdb", "<boot order='2'/>"),
      "boot_from", R"("iso")",
-     "The guest boots from 'network' first, which no record says: this stays until its disks, drives or 'boot_from' "
+     "The guest boots from 'network' first, which the records cannot express. This stays until its disks, drives or "
+     "'boot_from' "
      "are edited."},
     {"boot_order_wins", Os("<boot dev='cdrom'/>"), Disk("vda", "<boot order='1'/>"), "boot_from", R"("disk")"},
     {"cirrus", "", Video("cirrus"), "video_card", R"("cirrus")"},
@@ -161,7 +163,7 @@ const Row kRows[] = {
     {"keyboard_second", "", "<graphics type='spice'/><graphics type='vnc' keymap='fr'/>", "kb_layout", R"("fr")"},
     {"keyboard_missing", "", "<graphics type='vnc'/>", "kb_layout", R"("Default")"},
     {"keyboard_odd", "", "<graphics type='vnc' keymap='../de'/>", "kb_layout", R"("Default")",
-     "The keyboard layout '../de' was not recorded: it is no name of a layout."},
+     "The keyboard layout '../de' was not recorded because it is not a keyboard layout."},
     {"no_iso", "", Disk(), "iso_images", nullptr},
     {"iso", "", Cdrom("sda", "<source file='/iso/a.iso'/>"), "iso_images", R"(["/iso/a.iso"])"},
     {"iso_empty", "", Cdrom("sda", ""), "iso_images", R"(["unmounted"])"},
@@ -171,7 +173,8 @@ const Row kRows[] = {
      "iso_images", R"(["unmounted"])",
      "The medium of the CD-ROM drive 'sda' is of the type 'block': the record shows an empty drive."},
     {"iso_relative", "", Cdrom("sda", "<source file='../../etc/shadow'/>"), "iso_images", R"(["unmounted"])",
-     "The medium of the CD-ROM drive 'sda' is '../../etc/shadow', which is no absolute path: the record shows an empty "
+     "The medium of the CD-ROM drive 'sda' is '../../etc/shadow', which is not an absolute path. The record shows an "
+     "empty "
      "drive."},
     {"no_disks", "", "", "vdisks", "[]"},
     {"no_nics", "", "", "vnics", "[]"},
@@ -221,7 +224,7 @@ TEST(Identity, UpperCaseUuid_IsLowered) {
   EXPECT_EQ(MustParse(domain.Text()).id, "aaaaaaaa-bbbb-4ccc-8ddd-eeeeeeeeeeee");
 }
 
-TEST(Identity, NameWithSlashPercentAndMarkup_StaysAsItIs) {
+TEST(Identity, Name_SlashPercentAndMarkup_IsUnchanged) {
   DomainParts domain;
   domain.name = "<name>../a%2F&lt;b&gt; ü</name>";
   EXPECT_EQ(MustParse(domain.Text()).guest["name"], "../a%2F<b> ü");

@@ -24,7 +24,7 @@ struct StartRow {
   int code;
 };
 
-TEST_F(GuestControlFaults, AStartThatLibvirtRefuses_HasTheCodeThatCallersKnow) {
+TEST_F(GuestControlFaults, PowerOn_LibvirtRefuses_ReturnsKnownCode) {
   const StartRow rows[] = {
       {{VIR_ERR_NO_NETWORK, "network not found", 0, VIR_FROM_NETWORK}, 917},
       {{VIR_ERR_SYSTEM_ERROR, "Cannot get interface MTU on 'br': No such device", ENODEV, VIR_FROM_QEMU}, 917},
@@ -55,7 +55,7 @@ TEST_F(GuestControlFaults, AStartThatLibvirtRefuses_HasTheCodeThatCallersKnow) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 
-TEST_F(GuestControlFaults, APressThatIsLost_IsRepeated) {
+TEST_F(GuestControlFaults, ShutDown_PressLost_IsRepeated) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   test::LosePresses(5);
@@ -66,7 +66,7 @@ TEST_F(GuestControlFaults, APressThatIsLost_IsRepeated) {
   EXPECT_GE(test::Presses(), 6);
 }
 
-TEST_F(GuestControlFaults, AGuestThatNeverListens_RunsOnInTheEnd) {
+TEST_F(GuestControlFaults, ShutDown_GuestNeverResponds_KeepsRunning) {
   GuestControlOptions options = Options();
   options.shut_down_wait = 200ms;
   Start(std::move(options));
@@ -96,7 +96,7 @@ TEST_F(GuestControlFaults, ARebootOrPowerOff_EndsAShutDown) {
   EXPECT_EQ(test::Presses(), pressed);
 }
 
-TEST_F(GuestControlFaults, ALostConnection_BringsBackWhatRan) {
+TEST_F(GuestControlFaults, LostConnection_RunningGuests_AreRestored) {
   PutGuest(kOther, "web-2");
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
@@ -113,7 +113,7 @@ TEST_F(GuestControlFaults, ALostConnection_BringsBackWhatRan) {
   EXPECT_EQ(State(), states::shutdown);
 }
 
-TEST_F(GuestControlFaults, AHypervisorThatCannotBeReached_RefusesUntilItIsThere) {
+TEST_F(GuestControlFaults, Calls_HypervisorUnreachable_AreRefusedUntilReconnected) {
   PutRun(RunHere());
   PutGuest(kGuest, "web-1", Parsed(R"({"state":"guest_running"})"));
   GuestControlOptions options = Options();
@@ -137,7 +137,7 @@ TEST_F(GuestControlFaults, AHypervisorThatCannotBeReached_RefusesUntilItIsThere)
 }
 
 // The look that an event has begun goes on to use the hypervisor.
-TEST_F(GuestControlFaults, TheEnd_WaitsForALookThatIsUnderWay) {
+TEST_F(GuestControlFaults, Stop_DuringReconcile_WaitsForIt) {
   std::mutex mutex;
   std::condition_variable changed;
   bool reached = false;

@@ -73,7 +73,7 @@ TEST_F(GuestControlTest, PowerOn_OfAGuestThatAnotherHostHas_Is910) {
   EXPECT_EQ(RunOf()->host_id, "host-2");
 }
 
-TEST_F(GuestControlTest, PowerOn_OfAGuestThatIsDeleted_Is915WithWhoAndSince) {
+TEST_F(GuestControlTest, PowerOn_GuestBeingDeleted_Is915WithUserAndTime) {
   ASSERT_TRUE(host_.store().Commit(
       {{},
        {{DeletionKey(kGuest),
@@ -92,7 +92,7 @@ TEST_F(GuestControlTest, PowerOn_RefusedByTheRating_LeavesNothing) {
   EXPECT_EQ(State(), states::shutdown);
 }
 
-TEST_F(GuestControlTest, PowerOn_OfARecordThatCannotRun_LeavesNothing) {
+TEST_F(GuestControlTest, PowerOn_RecordCannotRun_LeavesNothing) {
   PutGuest(kGuest, "web-1", Parsed(R"({"usb_version":77})"));
   Start();
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 901, "usb_version");
@@ -103,7 +103,7 @@ TEST_F(GuestControlTest, PowerOn_OfARecordThatCannotRun_LeavesNothing) {
 }
 
 // As in a request, whose reads come from one state of the store.
-TEST_F(GuestControlTest, PowerOn_OfAGuestThatIsChangedMeanwhile_IsRefused) {
+TEST_F(GuestControlTest, PowerOn_GuestChangedMeanwhile_IsRefused) {
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
     if (step == "poweron: reserved") PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
@@ -116,7 +116,7 @@ TEST_F(GuestControlTest, PowerOn_OfAGuestThatIsChangedMeanwhile_IsRefused) {
   EXPECT_EQ(State(), states::shutdown);
 }
 
-TEST_F(GuestControlTest, InARequest_WhatIsStoredNowCounts) {
+TEST_F(GuestControlTest, Power_InRequest_UsesCurrentRecords) {
   Start();
   const cluster::RequestScope scope;
   for (int round = 0; round < 3; ++round) {
@@ -130,7 +130,7 @@ TEST_F(GuestControlTest, InARequest_WhatIsStoredNowCounts) {
   }
 }
 
-TEST_F(GuestControlTest, PowerOn_CountsWhatOthersHaveTaken) {
+TEST_F(GuestControlTest, PowerOn_CountsOtherGuestsResources) {
   const auto cpus = std::thread::hardware_concurrency();
   GuestControlOptions options = Options();
   options.vcpus_per_cpu = 1;
@@ -242,7 +242,7 @@ TEST_F(GuestControlTest, Fence_WhileAStartDoesNotEnd_Is949) {
 }
 
 // What the hypervisor forgets comes back, also when somebody is at work on the guest then.
-TEST_F(GuestControlTest, AForgottenGuest_OfAnActionUnderWay_RunsOn) {
+TEST_F(GuestControlTest, LostConnection_DuringAction_GuestIsRestored) {
   bool is_armed = true;
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
@@ -265,7 +265,7 @@ TEST_F(GuestControlTest, AForgottenGuest_OfAnActionUnderWay_RunsOn) {
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
 }
 
-TEST_F(GuestControlTest, AGuestThatIsOff_WhenThatCouldNotBeStored_StaysOff) {
+TEST_F(GuestControlTest, GuestOff_StateNotStored_StaysOff) {
   std::atomic<bool> is_off = false;
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
@@ -285,7 +285,7 @@ TEST_F(GuestControlTest, AGuestThatIsOff_WhenThatCouldNotBeStored_StaysOff) {
   EXPECT_EQ(RunOf(), std::nullopt);
 }
 
-TEST_F(GuestControlTest, ARunThatEndedWithoutAnEvent_IsSeenAfterAWhile) {
+TEST_F(GuestControlTest, Maintenance_EndWithoutEvent_IsDetected) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
   Start(std::move(options));
@@ -312,7 +312,7 @@ TEST_F(GuestControlTest, SetHost_Refusals) {
   EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, HostId());
 }
 
-TEST_F(GuestControlTest, ASecondActionMeanwhile_IsBusyWithWhoAndSince) {
+TEST_F(GuestControlTest, SecondAction_DuringFirst_IsBusyWithUserAndTime) {
   std::mutex mutex;
   std::condition_variable changed;
   bool reached = false;
@@ -444,7 +444,7 @@ TEST_F(GuestControlTest, ASecondEditMeanwhile_IsBusyInTheEnd) {
   first.join();
 }
 
-TEST_F(GuestControlTest, ManyAtOnce_EndAsOneByOne) {
+TEST_F(GuestControlTest, Actions_Concurrent_EqualSequential) {
   Start();
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
@@ -464,7 +464,7 @@ TEST_F(GuestControlTest, ManyAtOnce_EndAsOneByOne) {
   ExpectNoRun();
 }
 
-TEST_F(GuestControlTest, AStart_StartsAgainWhatRan) {
+TEST_F(GuestControlTest, Start_GuestThatWasRunning_IsRestarted) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   Kill();
@@ -474,7 +474,7 @@ TEST_F(GuestControlTest, AStart_StartsAgainWhatRan) {
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
 }
 
-TEST_F(GuestControlTest, AStart_UndoesAPowerOnThatWasNotFinished) {
+TEST_F(GuestControlTest, ServiceStart_UnfinishedPowerOn_IsUndone) {
   RunRecord run = RunHere();
   run.starting = true;
   PutRun(run);
@@ -484,14 +484,14 @@ TEST_F(GuestControlTest, AStart_UndoesAPowerOnThatWasNotFinished) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 
-TEST_F(GuestControlTest, AStart_ShutsDownByItsRecordWhatCannotRunAgain) {
+TEST_F(GuestControlTest, Start_GuestThatCannotBeRestarted_IsRecordedAsShutDown) {
   PutRun(RunHere());
   host_.PutText("guest", kGuest, "{}");
   Start();
   EXPECT_EQ(RunOf(), std::nullopt);
 }
 
-TEST_F(GuestControlTest, AStart_LeavesOtherHostsGuestsAlone) {
+TEST_F(GuestControlTest, ServiceStart_OtherHostsGuests_AreUnchanged) {
   RunRecord run = RunHere();
   run.host_id = "host-2";
   PutRun(run);
@@ -506,7 +506,7 @@ TEST_F(GuestControlTest, AStart_AfterTheRecordHasGone_CleansUp) {
   EXPECT_EQ(RunOf(), std::nullopt);
 }
 
-TEST_F(GuestControlTest, AStop_BeginsNothingAndLeavesWhatRuns) {
+TEST_F(GuestControlTest, Stop_StartsNothingAndKeepsGuestsRunning) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   control_->Stop(0ms);
@@ -546,7 +546,7 @@ TEST_F(GuestControlTest, AFullDiskAtEachStep_LeavesNothingHalfMade) {
   }
 }
 
-TEST_F(GuestControlTest, AStoreThatCannotBeWritten_StartsNothing) {
+TEST_F(GuestControlTest, PowerOn_StoreReadOnly_StartsNothing) {
   Start();
   host_.store().FailCommits();
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 901, "");
@@ -575,7 +575,7 @@ TEST_F(GuestControlTest, Delete_RemovesGuestAndState) {
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 403, "");
 }
 
-TEST_F(GuestControlTest, OptionsThatCannotBe_AreErrors) {
+TEST_F(GuestControlTest, Options_Invalid_AreRefused) {
   GuestControlOptions options = Options();
   options.hypervisor.mode = "no such thing";
   EXPECT_FALSE(GuestControl::Start(std::move(options)));
@@ -613,7 +613,7 @@ TEST_F(GuestControlTest, NameThatARunningGuestHadWhenItStarted_IsFreeForAnother)
 }
 
 // The store is full for a moment, right when an edit has done all but take back its record.
-TEST_F(GuestControlTest, EditThatCouldNotBeFinished_IsFinishedInTime) {
+TEST_F(GuestControlTest, Maintenance_UnfinishedEdit_IsFinished) {
   Json::Value changes(Json::objectValue);
   changes["repository_id"] = "repository";
   PutGuest(kGuest, "web-1", changes);

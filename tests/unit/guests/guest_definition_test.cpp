@@ -196,7 +196,7 @@ TEST_F(GuestDefinition, ImportedDefinition_AfterAFailedStart_IsStillThere) {
 }
 
 // Else the guest would be refused from then on for want of a file that libvirt makes at the first start.
-TEST_F(GuestDefinition, VariablesThatNoStartHasMade_AreNotRecorded) {
+TEST_F(GuestDefinition, Nvram_NotYetCreated_IsNotRecorded) {
   const std::string path = host_.folder().File("made_VARS.fd");
   std::string xml = UserXml(kGuest, "web-1");
   const std::string os = "<os><type>hvm</type></os>";
@@ -298,7 +298,7 @@ TEST_F(GuestDefinition, DeletedImportedGuest_LosesTheDefinitionMadeHere) {
 }
 
 // Its libvirt would start it with the machine, beside the host that has the guest now.
-TEST_F(GuestDefinition, DefinitionOfAGuestGivenToAnotherHost_Goes) {
+TEST_F(GuestDefinition, SetHost_OldHost_UndefinesGuest) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
   Start(std::move(options));
@@ -315,7 +315,7 @@ TEST_F(GuestDefinition, DefinitionOfAGuestGivenToAnotherHost_Goes) {
   EXPECT_TRUE(HasGuest());
 }
 
-TEST_F(GuestDefinition, GuestThatComesBack_HasItsAutostartAgain) {
+TEST_F(GuestDefinition, SetHost_GuestReturns_RestoresAutostart) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
   Start(std::move(options));
@@ -336,7 +336,7 @@ TEST_F(GuestDefinition, GuestThatComesBack_HasItsAutostartAgain) {
   EXPECT_TRUE(IsAutostartedAsUser(kGuest));
 }
 
-TEST_F(GuestDefinition, SavedGuestThatIsBeingDeleted_IsBusy) {
+TEST_F(GuestDefinition, SavedGuest_BeingDeleted_IsBusy) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   Save();
@@ -361,7 +361,7 @@ TEST_F(GuestDefinition, GuestWhoseMachineRuns_ImportedLater_IsRunningImmediately
   EXPECT_TRUE(RunOf(kOther));
 }
 
-TEST_F(GuestDefinition, MachineThatRuns_OfWhomeverTheGuestIs_IsNotDeletedMovedOrCut) {
+TEST_F(GuestDefinition, RunningMachine_AnyOwner_IsNotDeletedMovedOrEdited) {
   PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
   Start();
   ASSERT_TRUE(DefineAsUser(UserXml(kGuest, "web-1")));
@@ -376,8 +376,8 @@ TEST_F(GuestDefinition, WithoutTheHypervisor_NothingIsDeletedOrMoved) {
   {
     const test::FailingOpenings failing({.code = VIR_ERR_NO_CONNECT, .message = "gone", .domain = VIR_FROM_RPC});
     test::CloseLastConnection();
-    EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 949, "not known whether");
-    EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 949, "not known whether");
+    EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 949, "unknown whether");
+    EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 949, "unknown whether");
   }
   EXPECT_TRUE(HasGuest());
 }

@@ -116,7 +116,7 @@ TEST_F(KilledDeletion, WhoseFinishIsKilledAtEachStep_IsFinishedByTheOneAfter) {
 }
 
 // The same when the deletion cannot be gone on with, and is undone.
-TEST_F(KilledDeletion, ThatCannotGoOn_IsUndone_WhateverKillsThat) {
+TEST_F(KilledDeletion, Deletion_CannotContinue_IsUndoneDespiteKills) {
   int rounds = 0;
   for (int first = 1; first <= 3; ++first) {
     for (int second = 0;; ++second) {

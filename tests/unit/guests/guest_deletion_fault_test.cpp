@@ -69,7 +69,7 @@ class FaultyDeletion : public testing::Test {
   Texts files_;
 };
 
-TEST_F(FaultyDeletion, RenameFails_NamesComeBack_AndTheRefusalSaysWhy) {
+TEST_F(FaultyDeletion, Deletion_RenameFails_RestoresNamesAndReportsWhy) {
   for (const int error_number : {EACCES, EROFS, EIO, ENAMETOOLONG}) {
     for (int fails_at = 0; fails_at < 3; ++fails_at) {
       int calls = 0;
@@ -171,7 +171,7 @@ TEST_F(FaultyDeletion, FullDisk_AtTheCommitOfRecords_IsUndone) {
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, FullDisk_AtTheCommitOfRecordsAlone_IsUndoneWhole) {
+TEST_F(FaultyDeletion, Deletion_DiskFullAtRecordCommit_IsUndone) {
   std::vector<std::string> steps;
   options_.before_step = [&](std::string_view step) {
     steps.emplace_back(step);
@@ -194,7 +194,7 @@ TEST_F(FaultyDeletion, FullDisk_AtTheLastCommit_LeavesThatToTheNextStart) {
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, StoreThatCannotBeRead_AfterAFailedCommit_LeavesItToTheNextStart) {
+TEST_F(FaultyDeletion, Deletion_StoreUnreadableAfterFailedCommit_IsLeftToNextStart) {
   At("commit records", [&] {
     store_->FailCommits();
     store_->FailSnapshots();
@@ -206,7 +206,7 @@ TEST_F(FaultyDeletion, StoreThatCannotBeRead_AfterAFailedCommit_LeavesItToTheNex
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, StoreThatCannotBeRead_Is901) {
+TEST_F(FaultyDeletion, Deletion_StoreUnreadable_Is901) {
   store_->FailReadsOf(KeyOf("guest", kGuest));
   EXPECT_EQ(Delete()->code, guests::kFailed);
   store_->Heal();
@@ -236,7 +236,7 @@ TEST_F(FaultyDeletion, OthersComeFirstForEver_Is915_AndChangesNothing) {
   ExpectAllThere();
 }
 
-TEST_F(FaultyDeletion, EditOfSomethingElse_BetweenHidingAndCommit_IsDeletedAsWell) {
+TEST_F(FaultyDeletion, Deletion_GuestEditedAfterHiding_IsStillDeleted) {
   At("commit records", [&] { ChangeGuest("name", "renamed"); });
   EXPECT_FALSE(Delete());
   ExpectGone();
@@ -266,7 +266,7 @@ TEST_F(FaultyDeletion, EditsOfTheDisksForEver_Are915_AndChangeNothing) {
   EXPECT_TRUE(TextOf(*store_, KeyOf("guest", kGuest)));
 }
 
-TEST_F(FaultyDeletion, DiskThatBecomesAnothers_BetweenHidingAndCommit_IsLeft) {
+TEST_F(FaultyDeletion, Deletion_DiskReassignedAfterHiding_IsKept) {
   At("commit records",
      [&] { PutDisk(*store_, DiskId(kGuest, 1), kBystander, ground_.More(kGuest + std::string("-1.img"))); });
   EXPECT_FALSE(Delete());
@@ -275,7 +275,7 @@ TEST_F(FaultyDeletion, DiskThatBecomesAnothers_BetweenHidingAndCommit_IsLeft) {
   EXPECT_EQ(ground_.Files().size(), Without(files_, kGuest).size() + 1);
 }
 
-TEST_F(FaultyDeletion, FileThatAnotherDiskGets_WhileItIsHidden_IsLeft) {
+TEST_F(FaultyDeletion, Purge_HiddenFileAssignedToOtherDisk_IsKept) {
   At("hide 1", [&] { PutDisk(*store_, "new-disk", kBystander, ground_.Image("a/" + std::string(kGuest) + "-0.img")); });
   EXPECT_FALSE(Delete());
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
@@ -342,7 +342,7 @@ TEST_F(FaultyDeletion, FileThatVanishesMeanwhile_IsSkipped) {
   EXPECT_TRUE(SyslogContains("any more"));
 }
 
-TEST_F(FaultyDeletion, FileThatBecomesALinkMeanwhile_IsLeft) {
+TEST_F(FaultyDeletion, Delete_FileReplacedByLink_IsKept) {
   const std::string path = ground_.More(kGuest + std::string("-1.img"));
   At("hide 1", [&] {
     std::filesystem::remove(path);
@@ -354,7 +354,7 @@ TEST_F(FaultyDeletion, FileThatBecomesALinkMeanwhile_IsLeft) {
   EXPECT_TRUE(SyslogContains("is left: it is a symbolic link"));
 }
 
-TEST_F(FaultyDeletion, FolderThatBecomesALinkMeanwhile_LeadsNowhereElse) {
+TEST_F(FaultyDeletion, Delete_FolderReplacedByLink_IsNotFollowed) {
   const std::string folder = ground_.Image("a");
   At("remove 0", [&] {
     std::filesystem::rename(folder, ground_.Outside("a"));
@@ -386,7 +386,7 @@ TEST_F(FaultyDeletion, TwoThreads_OneDeletes_TheOtherIsRefused) {
   }
 }
 
-TEST_F(FaultyDeletion, EditsAllTheTime_DoNotKeepItFromDeleting) {
+TEST_F(FaultyDeletion, Deletion_ConstantEdits_StillSucceeds) {
   std::atomic<bool> ends = false;
   std::atomic<int> edits = 0;
   std::jthread editor([&] {

@@ -72,7 +72,7 @@ class DeletionAtStart : public testing::Test {
   Texts files_;
 };
 
-TEST_F(DeletionAtStart, NothingBegun_ChangesNothing) {
+TEST_F(DeletionAtStart, FinishAll_NothingUnfinished_ChangesNothing) {
   FinishAll();
   EXPECT_EQ(Everything(*store_), records_);
   EXPECT_EQ(ground_.Files(), files_);
@@ -140,7 +140,7 @@ TEST_F(DeletionAtStart, DamagedRecords_AreLoggedAndLeft) {
   }
 }
 
-TEST_F(DeletionAtStart, RecordThatNamesFilesOfOthers_TouchesThemNot) {
+TEST_F(DeletionAtStart, Finish_RecordNamesForeignFiles_KeepsThem) {
   // Neither is named by the guest's disks, so it is undone and begun anew.
   PutBegun(AllFiles() + "," + FileText(ground_.Image("a/bystander-0.img"), Hidden(7)));
   WriteFile(ground_.Outside(Hidden(0)), "outside");
@@ -156,7 +156,7 @@ TEST_F(DeletionAtStart, RecordThatNamesFilesOfOthers_TouchesThemNot) {
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
 }
 
-TEST_F(DeletionAtStart, DiskAddedMeanwhile_GoesAsWell) {
+TEST_F(DeletionAtStart, Finish_DiskAddedMeanwhile_IsDeleted) {
   PutBegun(AllFiles());
   Hide(0);
   WriteFile(ground_.Image("added.img"));
@@ -177,7 +177,7 @@ TEST_F(DeletionAtStart, DiskTakenFromTheGuestMeanwhile_KeepsItsFile) {
   EXPECT_EQ(ground_.Files()[Path(2)], "content of " + Path(2));
 }
 
-TEST_F(DeletionAtStart, FileThatAnotherDiskNamesMeanwhile_IsNotHidden) {
+TEST_F(DeletionAtStart, Hide_FileNamedByOtherDiskMeanwhile_IsSkipped) {
   PutBegun(AllFiles());
   PutDisk(*store_, "new", kBystander, Path(1));
   FinishAll();
@@ -186,7 +186,7 @@ TEST_F(DeletionAtStart, FileThatAnotherDiskNamesMeanwhile_IsNotHidden) {
   EXPECT_FALSE(ground_.Files().contains(Path(0)));
 }
 
-TEST_F(DeletionAtStart, GuestWhoseRecordHasGone_LosesItsFiles) {
+TEST_F(DeletionAtStart, Finish_GuestRecordMissing_RemovesFiles) {
   PutBegun(AllFiles());
   Hide(0);
   for (const auto& [key, text] : records_) {
@@ -196,7 +196,7 @@ TEST_F(DeletionAtStart, GuestWhoseRecordHasGone_LosesItsFiles) {
   ExpectGone();
 }
 
-TEST_F(DeletionAtStart, GuestThatComesBackMeanwhile_IsAnotherOne) {
+TEST_F(DeletionAtStart, Finish_GuestRecreatedMeanwhile_IsKept) {
   PutBegun(AllFiles());
   Hide(0);
   RemoveKey(*store_, KeyOf("guest", kGuest));
@@ -208,7 +208,7 @@ TEST_F(DeletionAtStart, GuestThatComesBackMeanwhile_IsAnotherOne) {
   EXPECT_EQ(ground_.Files(), files_);
 }
 
-TEST_F(DeletionAtStart, GuestWhoseRecordIsDamaged_GetsItsFilesBack) {
+TEST_F(DeletionAtStart, Finish_GuestRecordDamaged_RestoresFiles) {
   PutBegun(AllFiles());
   Hide(0);
   PutText(*store_, KeyOf("guest", kGuest), "[");
@@ -218,7 +218,7 @@ TEST_F(DeletionAtStart, GuestWhoseRecordIsDamaged_GetsItsFilesBack) {
   EXPECT_TRUE(SyslogContains("is not finished"));
 }
 
-TEST_F(DeletionAtStart, WhatCannotGoOn_IsUndone) {
+TEST_F(DeletionAtStart, Finish_CannotContinue_IsUndone) {
   PutBegun(AllFiles());
   Hide(0);
   options_.file_calls.rename = [](int folder, const char* from, const char* to) {
@@ -250,7 +250,7 @@ TEST_F(DeletionAtStart, SeveralDeletions_OneThatFailsDoesNotHoldTheOthers) {
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
 }
 
-TEST_F(DeletionAtStart, StoreThatCannotBeRead_IsLogged) {
+TEST_F(DeletionAtStart, FinishAll_StoreUnreadable_IsLogged) {
   store_->FailSnapshots();
   FinishAll();
   EXPECT_EQ(CountLines("Deletions that were begun cannot be finished"), 1);
@@ -283,7 +283,7 @@ TEST_F(Leftovers, OfAGuestDeletedFromAfar_AreRemovedByTheRepositorysHost) {
   EXPECT_FALSE(TextOf(*store_, Key()));
 }
 
-TEST_F(Leftovers, FilesThatAreNotToBeRemoved_AreLeftWithALine) {
+TEST_F(Leftovers, RemoveLeftovers_FilesToKeep_AreKeptAndLogged) {
   const std::string link = ground_.Image("link");
   std::filesystem::create_symlink(Path(0), link);
   WriteFile(ground_.Outside("x"));
@@ -316,7 +316,7 @@ TEST_F(Leftovers, OfTwoDeletions_AreRemovedTogether) {
   EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
 }
 
-TEST_F(Leftovers, DamagedRecord_IsLeft_AndToldOnce) {
+TEST_F(Leftovers, RemoveLeftovers_DamagedRecord_IsKeptAndLoggedOnce) {
   for (const char* text : {"", "[]", "{}", R"({"files":{}})", R"({"files":[7]})"}) {
     ClearCapturedSyslog();
     PutText(*store_, Key(), text);

@@ -95,7 +95,7 @@ class GuardedDeletion : public testing::Test {
 
 // Machines.
 
-TEST_F(GuardedDeletion, FileThatAMachineHasOpen_Is910_AndNamesTheFile) {
+TEST_F(GuardedDeletion, OpenFile_Is910AndNamed) {
   Open("-1.img");
   ExpectRefused(910, "A machine has the file '" + Path() + "' open");
   ExpectAsBefore();
@@ -114,7 +114,7 @@ TEST_F(GuardedDeletion, HiddenFileThatAMachineHasOpen_StaysAndIsTriedAgain) {
   ExpectGone();
 }
 
-TEST_F(GuardedDeletion, LeftoverThatAMachineHasOpen_Stays_AndTheOthersGo) {
+TEST_F(GuardedDeletion, RemoveLeftovers_OpenFile_IsKeptAndOthersRemoved) {
   const std::string first = ground_.Image("one.img");
   const std::string second = ground_.Image("two.img");
   WriteFile(first);
@@ -132,7 +132,7 @@ TEST_F(GuardedDeletion, LeftoverThatAMachineHasOpen_Stays_AndTheOthersGo) {
   EXPECT_FALSE(TextOf(*store_, key));
 }
 
-TEST_F(GuardedDeletion, GuestThatTheHypervisorRuns_Is910_BeforeAnythingIsWritten) {
+TEST_F(GuardedDeletion, Delete_GuestRunsInHypervisor_Is910BeforeWriting) {
   std::vector<std::string> steps;
   options_.before_step = [&](std::string_view step) { steps.emplace_back(step); };
   options_.refuse_active = [](const std::string& id) { return Refusal{910, "the hypervisor runs " + id}; };
@@ -141,7 +141,7 @@ TEST_F(GuardedDeletion, GuestThatTheHypervisorRuns_Is910_BeforeAnythingIsWritten
   ExpectAsBefore();
 }
 
-TEST_F(GuardedDeletion, GuestThatRunsOnceItIsWrittenDown_IsUndone) {
+TEST_F(GuardedDeletion, Job_GuestStartsAfterIntent_IsUndone) {
   int asked = 0;
   options_.refuse_active = [&](const std::string&) {
     return ++asked > 1 ? Refused(Refusal{asked == 2 ? 949 : 910, "not now"}) : std::nullopt;
@@ -278,13 +278,13 @@ TEST_F(GuardedDeletion, RecordsThatMayBeOfThisHost_NameTheFile) {
 }
 
 // A second guest that is imported onto the file between the search and the commit.
-TEST_F(GuardedDeletion, FileThatARecordComesToName_RightBeforeTheCommit_IsLeft) {
+TEST_F(GuardedDeletion, Commit_FileNamedByNewRecord_IsKept) {
   At("commit records", [&] { PutNewUser(Path()); });
   EXPECT_FALSE(Delete());
   ExpectLeft("another disk's record names it");
 }
 
-TEST_F(GuardedDeletion, FileThatIsNamedByAnotherPath_WhileItIsHidden_IsLeft) {
+TEST_F(GuardedDeletion, Deletion_HiddenFileNamedByOtherPath_IsKept) {
   std::filesystem::create_directory_symlink(ground_.More(""), ground_.folder().File("alias"));
   At("commit records", [&] { PutNewUser(ground_.folder().File("alias/") + kGuest + "-1.img"); });
   EXPECT_FALSE(Delete());
@@ -359,7 +359,7 @@ TEST_F(GuardedDeletion, Grants_GoInTheSameCommit) {
   EXPECT_TRUE(SyslogContains("grants may be left: The record"));
 }
 
-TEST_F(GuardedDeletion, GrantsOfAGuestWhoseRecordHadGone_GoWhenItIsFinished) {
+TEST_F(GuardedDeletion, FinishAll_GuestRecordGone_RemovesGrants) {
   PutText(*store_, cluster::GuestAdminKey("users-1"), R"({"guests":{")" + std::string(kGuest) + R"(":true}})");
   PutText(*store_, DeletionKey(kGuest),
           R"({"host_id":")" + std::string(kThisHost) + R"(","since":1,"stage":"hiding","files":[]})");
@@ -369,7 +369,7 @@ TEST_F(GuardedDeletion, GrantsOfAGuestWhoseRecordHadGone_GoWhenItIsFinished) {
   EXPECT_EQ(TextOf(*store_, cluster::GuestAdminKey("users-1")), R"({"guests":{}})");
 }
 
-TEST_F(GuardedDeletion, FilesAndHypervisor_AreNotAskedInsideACommit_NorUnderASnapshot) {
+TEST_F(GuardedDeletion, Job_FilesAndHypervisor_AreNotQueriedInCommitOrSnapshot) {
   const auto watched = std::make_shared<WatchedStore>(store_);
   options_.store = watched;
   const auto quiet = [&](const char* where) { watched->ExpectQuiet(where); };

@@ -88,7 +88,7 @@ TEST_F(GuestDeletion, StepsHaveNamesOfTheirOwn_InTheOrderOfTheDescription) {
                                           "sync removed 0", "sync removed 1", "commit end"));
 }
 
-TEST_F(GuestDeletion, Record_TellsWhoAndSinceWhenAndWhichFiles) {
+TEST_F(GuestDeletion, DeletionRecord_ContainsUserTimeAndFiles) {
   PutBoth(ground_, *store_);
   guests::DeletionOptions options = ground_.Options(store_);
   options.now = [] { return std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'900)); };
@@ -128,7 +128,7 @@ TEST_F(GuestDeletion, DamagedRecord_Is403) {
   }
 }
 
-TEST_F(GuestDeletion, GuestThatAHostHas_Is910_AndNamesTheHost) {
+TEST_F(GuestDeletion, Delete_GuestHeldByHost_Is910AndNamesHost) {
   PutBoth(ground_, *store_);
   PutText(*store_, RunKey(kGuest), R"({"host_id":"some host"})");
   ExpectRefused(guests::kRunsAlready, "The host 'some host' has the guest");
@@ -136,7 +136,7 @@ TEST_F(GuestDeletion, GuestThatAHostHas_Is910_AndNamesTheHost) {
   ExpectRefused(guests::kRunsAlready, "A host has the guest, and the record of it is damaged");
 }
 
-TEST_F(GuestDeletion, GuestThatIsBeingDeleted_Is915_WithWhoAndSinceWhen) {
+TEST_F(GuestDeletion, Delete_AlreadyInProgress_Is915WithUserAndTime) {
   PutBoth(ground_, *store_);
   PutText(*store_, DeletionKey(kGuest),
           R"({"host_id":"far","user":"bob","request_id":"","since":1700000000,"stage":"hiding","files":[]})");
@@ -147,7 +147,7 @@ TEST_F(GuestDeletion, GuestThatIsBeingDeleted_Is915_WithWhoAndSinceWhen) {
   ExpectRefused(guests::kBusy, "The guest is being deleted, and the record of it is damaged");
 }
 
-TEST_F(GuestDeletion, DeletionUnderWay_TellsTheSameAsARefusal) {
+TEST_F(GuestDeletion, DeletionUnderWay_GivesTheTextOfTheRefusal) {
   EXPECT_FALSE(guests::JobUnderWay(*store_, kGuest));
   PutText(*store_, DeletionKey(kGuest), R"({"host_id":"far","user":"bob","since":1,"stage":"hiding","files":[]})");
   const Refused refused = guests::JobUnderWay(*store_, kGuest);
@@ -185,7 +185,7 @@ TEST_F(GuestDeletion, SymbolicLinks_AreLeft_WhereverTheyAreOnTheWay) {
   }
 }
 
-TEST_F(GuestDeletion, WhatIsNoRegularFile_IsLeft) {
+TEST_F(GuestDeletion, Delete_NotRegularFile_IsKept) {
   std::filesystem::create_directory(ground_.Image("folder"));
   ExpectLeft(ground_.Image("folder"), "the file [" + ground_.Image("folder") + "] is left: it is no regular file");
   EXPECT_TRUE(std::filesystem::is_directory(ground_.Image("folder")));
@@ -199,7 +199,7 @@ TEST_F(GuestDeletion, WhatIsNoRegularFile_IsLeft) {
   EXPECT_TRUE(std::filesystem::is_block_file(ground_.Image("block")));
 }
 
-TEST_F(GuestDeletion, PathsThatCannotBe_AreLeft_InOneLineEach) {
+TEST_F(GuestDeletion, Delete_InvalidPaths_AreLoggedAndSkipped) {
   const std::string none = "] is left: it is no absolute path of a file";
   ExpectLeft("relative.img", "the file [relative.img" + none);
   ExpectLeft(std::string("/x\0y", 4), "the file [/x y" + none);
@@ -338,7 +338,7 @@ TEST_F(GuestDeletion, ListedDisksAndInterfacesOfOthers_AreLeft) {
                               begin + "vnic [nic-" + std::string(kBystander) + "], which is not its own and is left."));
 }
 
-TEST_F(GuestDeletion, ManyDisks_GoAtOnce) {
+TEST_F(GuestDeletion, Delete_ManyDisks_AreRemovedTogether) {
   std::vector<std::string> paths;
   for (int i = 0; i < 64; ++i) paths.push_back(ground_.Image(std::to_string(i % 7) + "/" + std::to_string(i)));
   for (const std::string& path : paths) WriteFile(path);
@@ -348,7 +348,7 @@ TEST_F(GuestDeletion, ManyDisks_GoAtOnce) {
   EXPECT_THAT(Everything(*store_), testing::IsEmpty());
 }
 
-TEST_F(GuestDeletion, TenThousandListedDisks_GoOrAreRefused_AsAWhole) {
+TEST_F(GuestDeletion, Delete_TenThousandDisks_AllOrNothing) {
   store::Transaction all;
   Json::Value guest(Json::objectValue);
   for (int i = 0; i < 10'000; ++i) {

@@ -248,7 +248,7 @@ class Clients : public GuestControlTest {
   std::atomic<int> busy_ = 0;
 };
 
-TEST_F(Clients, AllAtOnce_LoseNoChange) {
+TEST_F(Clients, Edit_ConcurrentClients_LoseNoChange) {
   const unsigned seed = std::random_device{}();
   std::printf("seed %u\n", seed);
   std::mt19937 seeds(seed);

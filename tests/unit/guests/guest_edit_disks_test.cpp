@@ -281,7 +281,7 @@ TEST_F(DiskEdit, ChangeByAnotherHostMeanwhile_IsNotLost) {
 }
 
 // Somebody starts the guest past all rules: what it runs on stays.
-TEST_F(DiskEdit, GuestThatRunsAllAtOnce_UndoesAll) {
+TEST_F(DiskEdit, Grow_GuestStartsMeanwhile_UndoesAll) {
   options_.before_step = [&](std::string_view now) {
     if (now == "commit records" && !TextOf(*store_, guests::RunKey(kEdited))) PutRun(*store_);
   };

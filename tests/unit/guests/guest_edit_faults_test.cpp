@@ -137,14 +137,14 @@ TEST_F(FailingEdit, CommitsThatFailFromEachStepOn_AreAllOrNothing) {
   ExpectAllOrNothing([this] { store_->FailCommits(); });
 }
 
-TEST_F(FailingEdit, AStoreThatIsGoneFromEachStepOn_IsAllOrNothing) {
+TEST_F(FailingEdit, Edit_StoreLostFromEachStep_IsAllOrNothing) {
   ExpectAllOrNothing([this] {
     store_->FailCommits();
     store_->FailSnapshots();
   });
 }
 
-TEST_F(FailingEdit, WhoseUndoCannotBeCommitted_SaysSo_AndKeepsOthersAway) {
+TEST_F(FailingEdit, Edit_UndoCommitFails_IsReportedAndGuestStaysBusy) {
   Prepare();
   options_.before_step = [&](std::string_view step) {
     if (step == "hide 0") error_ = EROFS;
@@ -170,7 +170,7 @@ TEST_F(FailingEdit, WhoseUndoCannotBeCommitted_SaysSo_AndKeepsOthersAway) {
 }
 
 // Also root cannot remove a folder as if it were a file.
-TEST_F(FailingEdit, FileThatCannotBeRemoved_StaysForTheNextStart) {
+TEST_F(FailingEdit, Purge_RemovalFails_IsRetriedAtNextStart) {
   Prepare();
   std::string hidden;
   options_.before_step = [&](std::string_view step) {

@@ -76,7 +76,7 @@ class GuardedEdit : public testing::Test {
 
 // Machines.
 
-TEST_F(GuardedEdit, FileThatAMachineHasOpen_Is910_AndNamesTheFile) {
+TEST_F(GuardedEdit, OpenFile_Is910AndNamed) {
   bool is_open = true;
   Open(is_open);
   for (const std::string& edit : {Grow(), Remove()}) {
@@ -104,7 +104,7 @@ TEST_F(GuardedEdit, GuestThatTheHypervisorRuns_KeepsItsDisks) {
   EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 0);
 }
 
-TEST_F(GuardedEdit, GuestThatRunsOnceItIsWrittenDown_IsUndone) {
+TEST_F(GuardedEdit, Job_GuestStartsAfterIntent_IsUndone) {
   for (const std::string& edit : {Grow(), Remove()}) {
     int asked = 0;
     options_.refuse_active = [&](const std::string&) { return ++asked > 1 ? Refused({910, "it runs"}) : std::nullopt; };
@@ -162,14 +162,14 @@ TEST_F(GuardedEdit, UndoOfAGrowthOfAFileThatAnotherRecordNamesByNow_LeavesIt) {
   EXPECT_TRUE(SyslogContains("A file is left as it is: Another record names the image"));
 }
 
-TEST_F(GuardedEdit, FileThatARecordComesToName_RightBeforeItWouldGrow_DoesNot) {
+TEST_F(GuardedEdit, Grow_FileNamedByNewRecord_IsRefused) {
   At("commit doing", [&] { PutNewUser(ground_.PathOf(kDisk1)); });
   EXPECT_EQ(Code(Grow()), 904);
   EXPECT_EQ(ground_.Images(), images_);
   EXPECT_FALSE(IsBegun());
 }
 
-TEST_F(GuardedEdit, NewFileThatARecordNamesByNow_IsNotRemovedByTheUndo) {
+TEST_F(GuardedEdit, Undo_NewFileNamedByRecord_IsKept) {
   std::string path;
   At("commit records", [&] {
     for (const auto& [name, size] : ground_.Images()) {
@@ -186,14 +186,14 @@ TEST_F(GuardedEdit, NewFileThatARecordNamesByNow_IsNotRemovedByTheUndo) {
   EXPECT_TRUE(SyslogContains("is left: another disk's record names it"));
 }
 
-TEST_F(GuardedEdit, FileThatARecordComesToName_RightBeforeTheCommit_IsLeft) {
+TEST_F(GuardedEdit, Commit_FileNamedByNewRecord_IsKept) {
   At("commit records", [&] { PutNewUser(ground_.PathOf(kDisk1)); });
   EXPECT_EQ(Code(Remove()), 0);
   EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
   EXPECT_EQ(ground_.Images(), images_);
 }
 
-TEST_F(GuardedEdit, ImageThatADriveOrALibraryNames_NeitherGrowsNorGoes) {
+TEST_F(GuardedEdit, Edit_ImageUsedByDriveOrLibrary_IsNeitherGrownNorRemoved) {
   const std::string path = ground_.PathOf(kDisk1);
   for (const auto& [category, record] : {std::pair<const char*, std::string>("image", R"({"path":")" + path + "\"}"),
                                          {"guest", R"({"iso_images":[")" + path + "\"]}"}}) {
@@ -207,7 +207,7 @@ TEST_F(GuardedEdit, ImageThatADriveOrALibraryNames_NeitherGrowsNorGoes) {
   EXPECT_EQ(ground_.Images(), images_);
 }
 
-TEST_F(GuardedEdit, EditsThatMakeARecordNameAFile_SaySo) {
+TEST_F(GuardedEdit, Edit_RecordNamesFile_WritesFilesKey) {
   const auto revision = [&] {
     const auto snapshot = Require(store_->Read());
     const auto value = Require(snapshot->Get(guests::FilesKey()));
@@ -228,7 +228,7 @@ TEST_F(GuardedEdit, EditsThatMakeARecordNameAFile_SaySo) {
   }
 }
 
-TEST_F(GuardedEdit, ImageThatIsADiskOfAnyHost_IsNotPutIntoADrive) {
+TEST_F(GuardedEdit, InsertImage_DiskOfAnyHost_IsRefused) {
   WriteFile(ground_.File("x.img"));
   PutText(*store_, KeyOf("repository", "far"), R"({"host_id":")" + std::string(kOtherHost) + "\"}");
   PutText(*store_, KeyOf("vdisk", "d"), R"({"repository_id":"far","path":")" + ground_.File("x.img") + "\"}");
@@ -255,7 +255,7 @@ TEST_F(GuardedEdit, RawDisk_IsCalledRaw) {
   EXPECT_EQ(ground_.Images(), images);
 }
 
-TEST_F(GuardedEdit, FilesAndHypervisor_AreNotAskedInsideACommit_NorUnderASnapshot) {
+TEST_F(GuardedEdit, Job_FilesAndHypervisor_AreNotQueriedInCommitOrSnapshot) {
   const auto watched = std::make_shared<WatchedStore>(store_);
   options_.store = watched;
   const auto quiet = [&](const char* where) { watched->ExpectQuiet(where); };

@@ -92,7 +92,7 @@ TEST_F(Images, Qcow2OfVersion2_HasNoFeatures) {
   EXPECT_EQ(Plan(qcow2_, 16 * kMib), std::nullopt);
 }
 
-TEST_F(Images, Qcow2ThatIsLargerThanItsRecordSays_StaysAsItIs) {
+TEST_F(Images, Grow_Qcow2LargerThanRecord_IsUnchanged) {
   EXPECT_EQ(Plan(qcow2_, 8 * kMib), std::nullopt);
   EXPECT_EQ(Plan(qcow2_, 7 * kMib), ErrorCode::kConflict);
   EXPECT_EQ(Plan(raw_, 15 * kMib, ImageFormat::kRaw), ErrorCode::kConflict);
@@ -123,7 +123,7 @@ TEST_F(Images, Growth_GoesBackExactly_AndEachWayTwice) {
   }
 }
 
-TEST_F(Images, ThoseThatSomebodyElseHasChanged_StayAsTheyAre) {
+TEST_F(Images, Undo_ImagesChangedElsewhere_AreKept) {
   const auto raw = guests::PlanGrowth(files_, raw_, ImageFormat::kRaw, 64 * kMib);
   const auto qcow2 = guests::PlanGrowth(files_, qcow2_, ImageFormat::kQcow2, 64 * kMib);
   ASSERT_TRUE(raw.ok() && qcow2.ok());
@@ -138,7 +138,7 @@ TEST_F(Images, ThoseThatSomebodyElseHasChanged_StayAsTheyAre) {
   EXPECT_EQ(ContentOf(qcow2_), head);
 }
 
-TEST_F(Images, WhatIsNoRegularFile_DoesNotGrow_AndNobodyWaits) {
+TEST_F(Images, Grow_NotRegularFile_IsRefusedWithoutBlocking) {
   const std::string fifo = ground_.Folder() + "/fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   const std::string link = ground_.Folder() + "/link";
@@ -155,7 +155,7 @@ TEST_F(Images, WhatIsNoRegularFile_DoesNotGrow_AndNobodyWaits) {
   }
 }
 
-TEST_F(Images, NewFileThatCannotBeWritten_IsNotLeft) {
+TEST_F(Images, AddDisk_WriteFails_LeavesNoFile) {
   guests::FileCalls calls;
   calls.write = [](int, std::string_view, std::uint64_t) { return ENOSPC; };
   const DiskFiles full({ground_.File("images")}, calls);
@@ -195,7 +195,7 @@ TEST_F(Images, DisksThatCannotGrow_AreRefused) {
   }
 }
 
-TEST_F(Images, RepositoryWhoseIdIsNoNameOfAFolder_GetsNoDisk) {
+TEST_F(Images, AddDisk_RepositoryIdNotFolderName_IsRefused) {
   for (const char* id : {"..", "../outside", "a/b", "", ".", "a b"}) {
     Change("guest", kEdited, "repository_id", id);
     EXPECT_EQ(Code(R"({"vdisks_add":[{"vdisk_size":1}]})"), 949) << id;
@@ -210,7 +210,7 @@ TEST_F(Images, EditOfASuspendedGuest_IsPending) {
 }
 
 // There is no host's environment here.
-TEST_F(Images, NameThatCannotBeChecked_IsNotGiven) {
+TEST_F(Images, Rename_NameCannotBeChecked_IsRefused) {
   const Texts before = Everything(*store_);
   EXPECT_EQ(Code(R"({"name":"wanted"})"), 901);
   EXPECT_EQ(Everything(*store_), before);

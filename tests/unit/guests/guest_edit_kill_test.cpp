@@ -308,7 +308,7 @@ class KilledHost : public ::testing::Test {
   int there_ = 0;  // of those
 };
 
-TEST_F(KilledHost, AtAnyMoment_HasEachEditWhollyOrNotAtAll) {
+TEST_F(KilledHost, Edit_KilledAtAnyMoment_IsAllOrNothing) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
@@ -328,7 +328,7 @@ TEST_F(KilledHost, AtAnyMoment_HasEachEditWhollyOrNotAtAll) {
   EXPECT_GT(unanswered_, VEXA_KILL_ROUNDS / 2);
 }
 
-TEST_F(KilledHost, BeforeEachStep_HasEachEditWhollyOrNotAtAll) {
+TEST_F(KilledHost, Edit_KilledBeforeEachStep_IsAllOrNothing) {
   int step = 0;
   for (bool is_killed = true; is_killed && !HasFailure(); ++step) {
     SCOPED_TRACE("before step " + std::to_string(step));

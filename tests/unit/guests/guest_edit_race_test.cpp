@@ -74,7 +74,7 @@ class RacedEdit : public testing::Test {
   std::map<std::string, std::int64_t> images_;
 };
 
-TEST_F(RacedEdit, AnotherHostBeginsAnEditFirst_IsLeftAlone) {
+TEST_F(RacedEdit, Edit_OtherHostStartsFirst_IsNotTouched) {
   const std::string theirs = EditBy(kOtherHost, ground_.PathOf(kNobody));
   At("commit doing", [&] { PutText(*store_, guests::EditKey(kEdited), theirs); });
   EXPECT_EQ(Code(Everyone()), 915);
@@ -82,7 +82,7 @@ TEST_F(RacedEdit, AnotherHostBeginsAnEditFirst_IsLeftAlone) {
   ExpectAsBeforeBut(guests::EditKey(kEdited));
 }
 
-TEST_F(RacedEdit, DeletionThatBeginsFirst_IsLeftAlone) {
+TEST_F(RacedEdit, Edit_DeletionStartsFirst_IsNotTouched) {
   for (const char* step : {"commit", "commit doing"}) {
     SCOPED_TRACE(step);
     At(step, [&] {
@@ -95,7 +95,7 @@ TEST_F(RacedEdit, DeletionThatBeginsFirst_IsLeftAlone) {
 }
 
 // It has read the records as they were before.
-TEST_F(RacedEdit, GuestThatStartsMeanwhile_IsShownWhatIsPending) {
+TEST_F(RacedEdit, Edit_GuestStartsMeanwhile_ShowsPending) {
   At("commit", [&] { PutRun(*store_); });
   EXPECT_EQ(Code(R"({"vcpu_num":4})"), 0);
   EXPECT_EQ(RecordOf(*store_, "guest", kEdited)["pending"], Parsed(R"(["vcpu_num"])"));
@@ -107,7 +107,7 @@ TEST_F(RacedEdit, GuestThatStartsBeforeFilesAreTouched_KeepsThem) {
   ExpectAsBeforeBut(guests::RunKey(kEdited));
 }
 
-TEST_F(RacedEdit, GuestThatLosesItsDiskToAnotherEditor_IsNotGivenItBack) {
+TEST_F(RacedEdit, Edit_DiskRemovedMeanwhile_IsRefusedAndNotRestored) {
   At("commit", [&] {
     EditOptions other = ground_.Options(store_);
     EXPECT_FALSE(Edits(other).Edit(kEdited, Parsed(RemoveDisk1()), Alice()));
@@ -123,7 +123,7 @@ TEST_F(RacedEdit, GuestThatLosesItsDiskToAnotherEditor_IsNotGivenItBack) {
   EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["unmap"], false);
 }
 
-TEST_F(RacedEdit, RecordOfTheEditThatIsChangedOrTakenAway_UndoesAll) {
+TEST_F(RacedEdit, Edit_RecordChangedOrRemoved_UndoesAll) {
   for (const char* step : {"sync done 0", "commit records"}) {
     for (const bool is_changed : {false, true}) {
       SCOPED_TRACE(std::string(step) + (is_changed ? " changed" : " taken away"));
@@ -145,7 +145,7 @@ TEST_F(RacedEdit, RecordOfTheEditThatIsChangedOrTakenAway_UndoesAll) {
 }
 
 // Only the file that the record names when it goes is given up.
-TEST_F(RacedEdit, DiskThatGetsAnotherFileMeanwhile_LosesThatOne) {
+TEST_F(RacedEdit, RemoveDisk_FileChangedMeanwhile_RemovesNewFile) {
   const std::string other = ground_.Folder() + "/other.img";
   WriteFile(other);
   for (const char* step : {"sync done 0", "commit records"}) {
@@ -166,7 +166,7 @@ TEST_F(RacedEdit, DiskThatGetsAnotherFileMeanwhile_LosesThatOne) {
   }
 }
 
-TEST_F(RacedEdit, FileThatIsThereAlready_IsNotRemoved) {
+TEST_F(RacedEdit, AddDisk_FileExists_IsNotRemoved) {
   options_.file_calls.create = [&](int folder, const char* name, int* file) {
     EXPECT_EQ(guests::CreateInFolder(folder, name, file), 0);
     ::close(*file);
@@ -177,7 +177,7 @@ TEST_F(RacedEdit, FileThatIsThereAlready_IsNotRemoved) {
   EXPECT_EQ(ground_.Images().size(), images_.size() + 1);
 }
 
-TEST_F(RacedEdit, EditsOfOtherHosts_AreNotTakenUp) {
+TEST_F(RacedEdit, FinishAll_EditsOfOtherHosts_AreLeftToThem) {
   PutText(*store_, guests::EditKey(kEdited), EditBy(kOtherHost, ground_.PathOf(kDisk0)));
   Remember();
   Edits(options_).FinishAll();
@@ -211,7 +211,7 @@ class ForgetfulStore : public store::Store {
   bool is_done_ = false;
 };
 
-TEST_F(RacedEdit, CommitThatIsMadeAndReportedAsFailed_IsNotUndone) {
+TEST_F(RacedEdit, Commit_ReportedFailedButMade_IsNotUndone) {
   options_.store = std::make_shared<ForgetfulStore>(store_, "\"purging\"");
   EXPECT_EQ(Code(Everyone()), 0);
   EXPECT_EQ(ground_.Images().size(), 2u);
@@ -221,7 +221,7 @@ TEST_F(RacedEdit, CommitThatIsMadeAndReportedAsFailed_IsNotUndone) {
 }
 
 // Else nobody could do anything with the guest until this host starts again.
-TEST_F(RacedEdit, BeginningThatIsMadeAndReportedAsFailed_IsTakenBack) {
+TEST_F(RacedEdit, Edit_BeginCommitReportedFailedButMade_IsRevoked) {
   options_.store = std::make_shared<ForgetfulStore>(store_, "\"doing\"");
   EXPECT_EQ(Code(Everyone()), 901);
   EXPECT_EQ(Everything(*store_), records_);
@@ -269,7 +269,7 @@ class Unsynced {
   std::set<ino_t> inodes_;
 };
 
-TEST_F(RacedEdit, BeforeEachCommit_AllThatWasDoneIsOnTheDisk) {
+TEST_F(RacedEdit, Edit_BeforeEachCommit_ChangesAreSynced) {
   const std::string grow_raw = R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk1) + "}]}";
   for (const bool is_refused : {true, false}) {
     for (const std::string& edit : {grow_raw, Everyone()}) {
@@ -294,7 +294,7 @@ TEST_F(RacedEdit, BeforeEachCommit_AllThatWasDoneIsOnTheDisk) {
 
 // Odd guests.
 
-TEST_F(RacedEdit, FileThatIsAnImageInADriveOfTheGuest_Stays) {
+TEST_F(RacedEdit, RemoveDisk_FileInOwnDrive_IsKept) {
   Json::Value guest = RecordOf(*store_, "guest", kEdited);
   guest["iso_images"].append(ground_.Folder() + "/./" + kDisk1 + ".qcow2");
   PutRecord(*store_, KeyOf("guest", kEdited), guest);
@@ -303,7 +303,7 @@ TEST_F(RacedEdit, FileThatIsAnImageInADriveOfTheGuest_Stays) {
   EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
 }
 
-TEST_F(RacedEdit, FilesOfRemovedDisksThatStayOrAreMissing_AreToldOnce) {
+TEST_F(RacedEdit, Edit_KeptOrMissingFiles_AreReportedOnce) {
   std::filesystem::remove(ground_.PathOf(kDisk1));
   ClearCapturedSyslog();
   EXPECT_EQ(Code(RemoveDisk1()), 0);
@@ -312,7 +312,7 @@ TEST_F(RacedEdit, FilesOfRemovedDisksThatStayOrAreMissing_AreToldOnce) {
       SyslogContains(std::string("Edited guest[") + kEdited + "]: there is no file [" + ground_.PathOf(kDisk1) + "]."));
 }
 
-TEST_F(RacedEdit, GuestThatIsNotWhole_IsRefused) {
+TEST_F(RacedEdit, Edit_GuestWithMissingParts_IsRefused) {
   RemoveKey(*store_, KeyOf("vnic", kNic1));
   Remember();
   EXPECT_EQ(Code(R"({"vcpu_num":4})"), 403);
@@ -325,7 +325,7 @@ TEST_F(RacedEdit, GuestThatIsNotWhole_IsRefused) {
   }
 }
 
-TEST_F(RacedEdit, DisksThatNoMachineHasRoomFor_AreRefused) {
+TEST_F(RacedEdit, AddDisk_BusFull_IsRefused) {
   std::string list;
   for (int i = 0; i < 5; ++i) list += std::string(i ? "," : "") + R"({"vdisk_size":1,"vdisk_mode":2})";
   EXPECT_EQ(Code("{\"vdisks_add\":[" + list + "]}"), 401);

@@ -54,7 +54,7 @@ class SharedEdit : public testing::Test {
 };
 
 // The other guest may be running: neither its image's header nor its length is to change under it.
-TEST_F(SharedEdit, FileThatAnotherGuestsDiskNames_DoesNotGrow) {
+TEST_F(SharedEdit, Grow_FileOfOtherGuestsDisk_IsRefused) {
   std::filesystem::create_directory_symlink(ground_.File("images"), ground_.File("alias"));
   const std::string aliased = ground_.File(std::string("alias/") + kRepository + "/");
   for (const char* disk : {kDisk0, kDisk1}) {
@@ -89,7 +89,7 @@ TEST_F(SharedEdit, FileOfTwoDisksOfTheGuest_GrowsOnceTheOtherDiskGoes) {
 }
 
 // An import, say, of a guest that is to have the file.
-TEST_F(SharedEdit, FileThatAnotherDiskGets_WhileItIsHidden_IsLeft) {
+TEST_F(SharedEdit, Purge_HiddenFileAssignedToOtherDisk_IsKept) {
   At("sync done 0", [&] { PutDisk(*store_, "new-disk", kNeighbour, ground_.PathOf(kDisk1)); });
   EXPECT_EQ(Code(R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"), 0);
   EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
@@ -119,7 +119,7 @@ TEST_F(SharedEdit, NewFolderOfARepository_IsOnTheDiskBeforeTheRecordsAre) {
 }
 
 // Else whoever may put images into drives could look into a disk by another way to it.
-TEST_F(SharedEdit, DiskThatIsNamedByAnotherWay_IsNoImage) {
+TEST_F(SharedEdit, InsertImage_DiskByOtherPath_IsRefused) {
   std::filesystem::create_directory_symlink(ground_.File("images"), ground_.File("alias"));
   const std::string file = std::string("/") + kRepository + "/data.iso";
   WriteFile(ground_.File("images") + file);

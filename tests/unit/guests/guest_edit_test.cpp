@@ -136,7 +136,7 @@ TEST_F(GuestEdit, Lists_AreCheckedElementByElement) {
   ExpectRefused("{\"vdisks_edit\":[{" + disk0 + ",\"vdisk_size\":9,\"vdisk_mode\":0}]}", 401);
 }
 
-TEST_F(GuestEdit, WhatIsNotTheGuests_IsRefused) {
+TEST_F(GuestEdit, Edit_UnknownParts_AreRefused) {
   const std::string nobody = std::string("\"") + kNobody + "\"";
   ExpectRefused("{\"vnics_del\":[{\"vnic_id\":" + nobody + "}]}", 903);
   ExpectRefused("{\"vnics_edit\":[{\"vnic_id\":" + nobody + "}]}", 903);
@@ -250,7 +250,7 @@ TEST_F(GuestEdit, OfARunningGuest_WaitsForTheNextStart_AndIsShownAsPending) {
   EXPECT_FALSE(Guest().isMember("pending"));
 }
 
-TEST_F(GuestEdit, PinsOfARunningGuestThatCannotBeHad_AreRefused) {
+TEST_F(GuestEdit, Set_PinsUnavailableForRunningGuest_AreRefused) {
   options_.rate_pins = [](const guests::Guest& edited) -> Refused {
     if (edited.records.guest["cpu_pin_num"].asInt() < 2) return {};
     return guests::Refusal{guests::kNotPinned, "too many"};
@@ -262,7 +262,7 @@ TEST_F(GuestEdit, PinsOfARunningGuestThatCannotBeHad_AreRefused) {
   EXPECT_EQ(Code(R"({"cpu_pin_num":1})"), 0);
 }
 
-TEST_F(GuestEdit, OfAGuestThatIsBeingDeleted_IsBusy) {
+TEST_F(GuestEdit, Edit_GuestBeingDeleted_IsBusy) {
   PutText(*store_, guests::DeletionKey(kEdited), R"({"host_id":"h","user":"bob","stage":"hiding","files":[]})");
   before_ = Everything(*store_);
   ExpectRefused(R"({"vcpu_num":4})", 915);

@@ -86,7 +86,7 @@ TEST_F(GuestEnd, Fence_IsTheReason) {
   ExpectReason(ShutdownCause::kFenced, true);
 }
 
-TEST_F(GuestEnd, AnEndThatThisHostHasNotSeen_HasAReasonThatIsNotKnown) {
+TEST_F(GuestEnd, EndReason_EndNotObserved_IsUnknown) {
   PutRun(RunHere());
   PutLive(states::freeze);
   PutGuest(kGuest, "web-1", Parsed(R"({"usb_version":77})"));  // it cannot be started again
@@ -95,7 +95,7 @@ TEST_F(GuestEnd, AnEndThatThisHostHasNotSeen_HasAReasonThatIsNotKnown) {
   ExpectReason(ShutdownCause::kNotKnown, false);
 }
 
-TEST_F(GuestEnd, AShutDownThatIsNotHeard_IsNotTheReasonOfALaterEnd) {
+TEST_F(GuestEnd, ShutDown_Ignored_IsNotReasonOfLaterEnd) {
   GuestControlOptions options = Options();
   options.shut_down_wait = 50ms;
   Start(std::move(options));
@@ -156,7 +156,7 @@ TEST_F(GuestEnd, Start_IsBootingUntilTheMachineRuns) {
   EXPECT_EQ(State(), states::running);
 }
 
-TEST_F(GuestEnd, StartThatLibvirtRefuses_LeavesTheStateAndSaysWhy) {
+TEST_F(GuestEnd, PowerOn_LibvirtRefuses_KeepsStateAndStoresReason) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 100ms;
   Start(std::move(options));
@@ -173,7 +173,7 @@ TEST_F(GuestEnd, StartThatLibvirtRefuses_LeavesTheStateAndSaysWhy) {
   }
 }
 
-TEST_F(GuestEnd, StartThatTheRatingRefuses_SaysWhy) {
+TEST_F(GuestEnd, PowerOn_RatingRefuses_StoresReason) {
   const auto start = [&](const char* changes, int code, const char* words, ShutdownCause cause) {
     PutGuest(kGuest, "web-1", Parsed(changes));
     EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), code, words);
@@ -194,7 +194,7 @@ TEST_F(GuestEnd, StartThatTheRatingRefuses_SaysWhy) {
   start(R"({"vdisks":["none"]})", 403, "none", ShutdownCause::kBootFailed);
 }
 
-TEST_F(GuestEnd, StartOfWhatRunsOrIsElsewhere_IsNotAFailedBoot) {
+TEST_F(GuestEnd, PowerOn_RunningOrElsewhere_StoresNoFailedBoot) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 910, "");
@@ -206,7 +206,7 @@ TEST_F(GuestEnd, StartOfWhatRunsOrIsElsewhere_IsNotAFailedBoot) {
 }
 
 // What a kill leaves in the middle of a start.
-TEST_F(GuestEnd, AStartOfTheService_PutsABootingGuestBackToWhatItWas) {
+TEST_F(GuestEnd, ServiceStart_BootingGuest_RestoresEarlierState) {
   RunRecord run = RunHere();
   run.starting = true;
   run.state_before = states::crashed;
@@ -218,7 +218,7 @@ TEST_F(GuestEnd, AStartOfTheService_PutsABootingGuestBackToWhatItWas) {
 }
 
 // What a kill leaves between the end that is stored and the run that is to go.
-TEST_F(GuestEnd, EndThatIsStoredAlready_KeepsItsStateAndReason) {
+TEST_F(GuestEnd, ObserveEnd_AlreadyStored_KeepsStateAndReason) {
   PutRun(RunHere());
   PutLive(states::crashed);
   ASSERT_TRUE(

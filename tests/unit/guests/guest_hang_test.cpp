@@ -24,7 +24,7 @@ ShutDownsOptions Quick() {
   return options;
 }
 
-TEST(ShutDowns, AGuestThatHangs_KeepsNoOtherFromBeingPressed) {
+TEST(ShutDowns, ShutDowns_GuestHangs_OthersAreStillPressed) {
   std::promise<void> go_on;
   const std::shared_future<void> gate = go_on.get_future().share();
   std::promise<void> pressed;
@@ -47,7 +47,7 @@ TEST(ShutDowns, AGuestThatHangs_KeepsNoOtherFromBeingPressed) {
   EXPECT_TRUE(shut_downs.Stop(10s));
 }
 
-TEST(ShutDowns, APressThatThrows_IsMadeAgain) {
+TEST(ShutDowns, ShutDowns_PressThrows_IsRetried) {
   std::atomic<int> presses = 0;
   std::promise<void> again;
   ShutDownsOptions options = Quick();
@@ -80,7 +80,7 @@ TEST(ShutDowns, AfterTheWait_IsGivenUpOnce) {
 
 using GuestHang = GuestControlTest;
 
-TEST_F(GuestHang, AnExceptionInTheMaintenance_IsNotTheEnd) {
+TEST_F(GuestHang, Maintenance_Exception_Continues) {
   std::atomic<bool> is_armed = true;
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
@@ -115,7 +115,7 @@ TEST_F(GuestHang, AnExceptionInTheAnswerToAnEvent_IsNotTheEnd) {
 }
 
 // Storage or networks that hang are asked about outside of the lock that starts take turns on.
-TEST_F(GuestHang, AStartWhoseNetworkIsNotAnswered_DelaysNoOther) {
+TEST_F(GuestHang, PowerOn_NetworkQueryHangs_DelaysNoOtherGuest) {
   std::promise<void> asked;
   std::promise<void> go_on;
   host_.Put("vnic", "nic-1", Parsed(R"({"guest_id":"x","network_name":"br-hangs","mac_address":"02:00:00:00:00:01",
@@ -140,7 +140,7 @@ TEST_F(GuestHang, AStartWhoseNetworkIsNotAnswered_DelaysNoOther) {
 }
 
 // Through whichever host an edit comes.
-TEST_F(GuestHang, PinsOfARunningGuest_AreRatedByTheHostThatHasIt) {
+TEST_F(GuestHang, Set_PinsOfRunningGuest_AreRatedByItsHost) {
   host_.Put("host", "host-2", Parsed(R"({"name":"nas-2","cpu_cores":4})"));
   PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2","vcpu_num":4})"));
   RunRecord run = RunHere();
@@ -149,7 +149,7 @@ TEST_F(GuestHang, PinsOfARunningGuest_AreRatedByTheHostThatHasIt) {
   run.pinned_cpus = {2, 3};
   PutRun(run, kOther);
   Start();
-  EXPECT_REFUSED(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":2})"), kAlice), 2101, "set apart");
+  EXPECT_REFUSED(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":2})"), kAlice), 2101, "dedicated to other guests");
   EXPECT_DONE(control_->Edit(kGuest, Parsed(R"({"cpu_pin_num":1})"), kAlice));
 }
 

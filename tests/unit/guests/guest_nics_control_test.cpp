@@ -41,7 +41,7 @@ class RunningNics : public GuestControlTest {
   }
 };
 
-TEST_F(RunningNics, PowerOnAndOff_AreNotedInTheRecordsOfWhatIsPluggedIn) {
+TEST_F(RunningNics, PowerOnAndOff_AreNotedInRecordsOfPluggedNics) {
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_EQ(Running("nic-1"), "null");
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
@@ -51,7 +51,7 @@ TEST_F(RunningNics, PowerOnAndOff_AreNotedInTheRecordsOfWhatIsPluggedIn) {
   ExpectRunning("nic-1", "null");
 }
 
-TEST_F(RunningNics, GuestThatWasMovedHere_LosesWhatTheOtherHostHasNoted) {
+TEST_F(RunningNics, NicNote_GuestMovedHere_RemovesOtherHostsNote) {
   Json::Value nic = Nic("52:54:00:00:00:01", "lan");
   nic["running"] = Parsed(R"({"host-2":{"bridge_name":"PN-x"}})");
   host_.Put("vnic", "nic-1", nic);
@@ -60,7 +60,7 @@ TEST_F(RunningNics, GuestThatWasMovedHere_LosesWhatTheOtherHostHasNoted) {
   ExpectRunning("nic-1", Here("lan"));
 }
 
-TEST_F(RunningNics, NoteThatSomebodyRemoves_ComesBackWithTheNextLook) {
+TEST_F(RunningNics, NicNote_RemovedElsewhere_IsRestoredByNextReconcile) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 50ms;
   ASSERT_NO_FATAL_FAILURE(Start(std::move(options)));
@@ -70,7 +70,7 @@ TEST_F(RunningNics, NoteThatSomebodyRemoves_ComesBackWithTheNextLook) {
   ExpectRunning("nic-1", Here("lan"));
 }
 
-TEST_F(RunningNics, HostThatIsKilled_FindsTheRunAgainAndNotesItsEnd) {
+TEST_F(RunningNics, KilledHost_Restarts_FindsRunAndNotesItsEnd) {
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   ExpectRunning("nic-1", Here("lan"));

@@ -72,7 +72,7 @@ TEST_F(Places, NetworkOfLibvirt_IsPrivateWhateverItsPorts) {
   EXPECT_EQ(Place(On(PluggedInto::kNetwork, "br0")), "PN-br0 ");
 }
 
-TEST_F(Places, NameThatReadsAsPrivate_IsToldApart) {
+TEST_F(Places, FindPlace_NameWithPrivatePrefix_IsEscaped) {
   net_.Add("PNlan", "bridge");
   net_.Add("eth1", "device");
   net_.MakePort("eth1", "PNlan");
@@ -80,7 +80,7 @@ TEST_F(Places, NameThatReadsAsPrivate_IsToldApart) {
   EXPECT_EQ(Place(On(PluggedInto::kBridge, "PNlan")), "ovs_PNlan PNlan");
 }
 
-TEST_F(Places, EndThatWasMoved_IsWhereTheKernelHasIt) {
+TEST_F(Places, FindPlace_HostEndMoved_UsesKernel) {
   net_.Add("br1", "bridge");
   net_.MakePort("vnet0", "br1");
   EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0")), "PN-br1 ");
@@ -91,7 +91,7 @@ TEST_F(Places, EndThatWasMoved_IsWhereTheKernelHasIt) {
   EXPECT_EQ(Place(On(PluggedInto::kOther, "", "vnet0")), "br0 br0") << "a tap that somebody else put on a bridge";
 }
 
-TEST_F(Places, EndThatCannotBeSeen_IsWhereLibvirtHasIt) {
+TEST_F(Places, FindPlace_HostEndInvisible_UsesLibvirt) {
   EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0", "vnet7")), "br0 br0");
   EXPECT_EQ(Place(On(PluggedInto::kBridge, "gone", "vnet7")), "none");
   EXPECT_EQ(Place(On(PluggedInto::kNetwork, "", "")), "none");
@@ -199,7 +199,7 @@ TEST_F(NoteInRecords, EntriesOfOtherHosts_GoWithARunHereOnly) {
   Expect("nic-1", "null");
 }
 
-TEST_F(NoteInRecords, AddressThatWasEdited_IsFoundByTheOneThatRuns) {
+TEST_F(NoteInRecords, NicNote_AddressEdited_IsMatchedByRunningAddress) {
   ASSERT_TRUE(Note(RunsHere::kYes, {{kMac, "PN-a", ""}}));
   Json::Value edited = Stored(test::TestHost::ObjectKey("vnic", "nic-1"));
   edited["mac_address"] = "52:54:00:00:00:99";

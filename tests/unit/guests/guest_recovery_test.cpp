@@ -124,7 +124,7 @@ TEST_F(GuestRecovery, WithoutConfirmation_IsRefused) {
                 "them: make sure that the host's machine is off, and confirm it");
 }
 
-TEST_F(GuestRecovery, HostWhoseMachineWasStartedAgain_NeedsNoConfirmation) {
+TEST_F(GuestRecovery, Recover_HostMachineRestarted_NeedsNoConfirmation) {
   PutRun(4);  // before the claim's "booted", 5
   EXPECT_FALSE(RecoverGuest(host_.store(), Request(MachineIs::kUnknown)));
 }
@@ -140,7 +140,7 @@ TEST_F(GuestRecovery, RunOfAnOlderVersion_ProvesNothing) {
   EXPECT_EQ(RecoverGuest(host_.store(), Request(MachineIs::kUnknown))->code, 972);
 }
 
-TEST_F(GuestRecovery, HostThatIsAlive_KeepsItsGuest) {
+TEST_F(GuestRecovery, Recover_HostAlive_KeepsItsGuest) {
   PutHost(kGone, "beta", seconds(1));
   ExpectRefused(Request(), 971, "The host 'beta' gives signs of life: use it to shut down or power off the guest");
 }
@@ -169,7 +169,7 @@ TEST_F(GuestRecovery, ImpossibleRequests_AreRefused) {
   request.to_host_id = "no-such-host";
   ExpectRefused(request, 403, "There is no host 'no-such-host'");
   request.to_host_id = kGone;
-  ExpectRefused(request, 971, "The host 'beta', which is to have the guest, is inaccessible itself");
+  ExpectRefused(request, 971, "The host 'beta', the new host of the guest, is itself inaccessible");
   host_.PutText("guest", kOff, R"({"name":"off"})");
   request = Request();
   request.guest_id = kOff;
@@ -187,7 +187,7 @@ TEST_F(GuestRecovery, GuestThatWasOff_LosesItsHostWithoutConfirmation) {
   EXPECT_FALSE(Get(cluster::FenceKey(kGone, kOff)).isNull()) << "the host may have started it, unheard";
 }
 
-TEST_F(GuestRecovery, HostWithoutRecords_WasNeverThere) {
+TEST_F(GuestRecovery, Recover_HostWithoutRecords_CountsAsNeverPresent) {
   guests::Run run;
   run.host_id = "a-host-of-an-import";
   Put(RunKey(kGuest), RunText(run));

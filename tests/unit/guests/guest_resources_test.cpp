@@ -98,12 +98,12 @@ TEST(Rating, HugeNumbersOfVirtualCpus_DoNotWrap) {
   EXPECT_THAT(Codes(MakeGuest(), host), ElementsAre(kNoVcpu));
 }
 
-TEST(Rating, VirtualCpusThatAreNone_AreRefused) {
+TEST(Rating, Rate_InvalidVirtualCpus_AreRefused) {
   for (const char* number : {"0", "513", "-1", "1e300", "-1e300", "1.5", "18446744073709551615", "99999999999999999999",
                              "\"2\"", "true", "[]", "{}", "[2]"}) {
     const Guest guest = MakeGuest(std::string(R"({"vram_size":1,"vcpu_num":)") + number + "}");
     EXPECT_THAT(Codes(guest, LargeHost()), ElementsAre(kNoVcpu)) << number;
-    EXPECT_EQ(Reason(guest, LargeHost()), "The record's 'vcpu_num' is no number from 1 to 512.") << number;
+    EXPECT_EQ(Reason(guest, LargeHost()), "The record's 'vcpu_num' is not a number from 1 to 512.") << number;
   }
   for (const char* number : {"1", "512", "2.0", "null"}) {
     EXPECT_THAT(Codes(MakeGuest(std::string(R"({"vram_size":1,"vcpu_num":)") + number + "}"), LargeHost()), IsEmpty())
@@ -121,12 +121,13 @@ TEST(Rating, OneMiBTooMuch_IsRefusedWithTheNumbers) {
   EXPECT_THAT(Codes(MakeGuest(), host), ElementsAre(kNoMemory));
 }
 
-TEST(Rating, MemoryThatIsNone_IsRefused) {
+TEST(Rating, Rate_InvalidMemory_IsRefused) {
   for (const char* number : {"0", "-1", "2097152", "1e300", "18446744073709551615", "99999999999999999999", "\"1024\"",
                              "true", "[]", "{}", "null", "0.5"}) {
     const Guest guest = MakeGuest(std::string(R"({"vram_size":)") + number + "}");
     EXPECT_THAT(Codes(guest, LargeHost()), ElementsAre(kNoMemory)) << number;
-    EXPECT_EQ(Reason(guest, LargeHost()), "The record's 'vram_size' is no number from 1 to 2097151 (MiB).") << number;
+    EXPECT_EQ(Reason(guest, LargeHost()), "The record's 'vram_size' is not a number from 1 to 2097151 (MiB).")
+        << number;
   }
   EXPECT_THAT(Codes(MakeGuest("{}"), LargeHost()), ElementsAre(kNoMemory));
   EXPECT_THAT(Codes(MakeGuest(R"({"vram_size":2097151})"), LargeHost()), IsEmpty());
@@ -233,7 +234,7 @@ TEST(Rating, DiskWithoutItsFile_IsRefusedForEach) {
   EXPECT_THAT(asked, ElementsAre("/a", "/b\nc"));
 }
 
-TEST(Rating, HostWithoutItsHypervisor_TellsWhatItKnows) {
+TEST(Rating, Rate_HypervisorDisconnected_ReportsRecordErrors) {
   HostResources host = MakeHost();
   host.is_connected = false;
   EXPECT_THAT(Codes(MakeGuest(), host), ElementsAre(kUnavailable));
@@ -268,7 +269,7 @@ TEST(Rating, NetworksThatAreMissing_AreNamedOnceEach) {
   EXPECT_EQ(rating.refusals[1].reason, "The host has no network or bridge 'bad name'.");
 }
 
-TEST(Rating, NetworkThatIsNoText_IsMissing) {
+TEST(Rating, Rate_NetworkNotText_IsMissing) {
   for (const char* name : {"7", "true", "[]", "{}"}) {
     Guest guest = MakeGuest();
     guest.records.nics.emplace_back("n", Parsed(std::string(R"({"network_name":)") + name + "}"));
@@ -308,14 +309,16 @@ TEST(Rating, ProcessorsSetApart_AreTheHighestFreeOnesInOrder) {
   EXPECT_THAT(Rate(PinnedGuest(4), host).pinned_cpus, ElementsAre(2u, 4u, 5u, 7u)) << "1 is left";
   EXPECT_THAT(Codes(PinnedGuest(5), host), ElementsAre(kNoCpuThreads));
   EXPECT_EQ(Reason(PinnedGuest(5), host),
-            "The guest needs 5 processors of its own, and one more must be left: 3 of the host's 8 are set apart.");
+            "The guest needs 5 processors dedicated to it, and one more must remain free. 3 of the host's 8 are "
+            "dedicated to other guests.");
   host.pinned_cpus = {0, 1, 2, 3, 4, 5, 6};
   EXPECT_EQ(Reason(PinnedGuest(1), host),
-            "The guest needs 1 processor of its own, and one more must be left: 7 of the host's 8 are set apart.");
+            "The guest needs 1 processor dedicated to it, and one more must remain free. 7 of the host's 8 are "
+            "dedicated to other guests.");
   EXPECT_THAT(Codes(PinnedGuest(0), host), IsEmpty());
 }
 
-TEST(Rating, OddProcessorsOfOthers_AreNotCounted) {
+TEST(Rating, Rate_InvalidPinsOfOthers_AreIgnored) {
   HostResources host = LargeHost(4);
   host.pinned_cpus = {3, 3, 3, 3, 3, 4, 5, 100, std::numeric_limits<unsigned>::max()};
   EXPECT_THAT(Rate(PinnedGuest(2), host).pinned_cpus, ElementsAre(1u, 2u));
@@ -327,7 +330,7 @@ TEST(Rating, OddProcessorsOfOthers_AreNotCounted) {
 TEST(Rating, HostsOfFewAndOfManyProcessors) {
   EXPECT_THAT(Codes(PinnedGuest(1), LargeHost(1)), ElementsAre(kNoCpuThreads));
   EXPECT_EQ(Reason(PinnedGuest(1), LargeHost(1)),
-            "The guest needs 1 processor of its own, and one more must be left: the host has 1.");
+            "The guest needs 1 processor dedicated to it, and one more must remain free. The host has 1.");
   EXPECT_THAT(Rate(PinnedGuest(1), LargeHost(2)).pinned_cpus, ElementsAre(1u));
   EXPECT_THAT(Codes(PinnedGuest(1), LargeHost(0)), ElementsAre(kNoCpuThreads, kNoVcpu));
   const unsigned most = std::numeric_limits<unsigned>::max();
@@ -337,7 +340,7 @@ TEST(Rating, HostsOfFewAndOfManyProcessors) {
 TEST(Rating, MoreProcessorsThanVirtualCpus_AreRefused) {
   EXPECT_THAT(Rate(PinnedGuest(2, 2), LargeHost()).pinned_cpus, ElementsAre(6u, 7u));
   EXPECT_EQ(Reason(PinnedGuest(3, 2), LargeHost()),
-            "The record's 'cpu_pin_num' is no number from 0 to 2, the guest's virtual CPUs.");
+            "The record's 'cpu_pin_num' is not a number from 0 to 2, the guest's virtual CPUs.");
   for (const char* pins :
        {"-1", "513", "1e300", "18446744073709551615", "99999999999999999999", "\"1\"", "true", "[]", "{}", "0.5"}) {
     const Guest guest = MakeGuest(std::string(R"({"vram_size":1,"vcpu_num":512,"cpu_pin_num":)") + pins + "}");
@@ -356,7 +359,7 @@ TEST(Rating, RefusedGuest_GetsNoProcessors) {
   EXPECT_THAT(rating.pinned_cpus, IsEmpty());
 }
 
-TEST(Rating, EverythingInTheWay_IsToldMostLastingFirst) {
+TEST(Rating, Rate_SeveralObstacles_MostLastingFirst) {
   Guest guest = MakeGuest(R"({"vcpu_num":4,"vram_size":8,"use_ovmf":true,"cpu_pin_num":2})");
   guest.repository_host_id = "north";
   guest.repository_state = repo::crashed;

@@ -22,13 +22,13 @@ TEST_F(Networks, BridgesOfTheKernel_AreThere) {
   MakeFolder("/sys/class/net/br0/bridge");
   MakeFolder("/sys/class/net/eth0/device");
   EXPECT_TRUE(Has("br0"));
-  EXPECT_FALSE(Has("eth0")) << "a card is no bridge";
+  EXPECT_FALSE(Has("eth0")) << "a card is not a bridge";
   EXPECT_FALSE(Has("br1"));
   std::ofstream(folder_.path() + "/sys/class/net/eth0/bridge") << "a file";
   EXPECT_FALSE(Has("eth0"));
 }
 
-TEST_F(Networks, BridgesBehindLinks_AreThere) {
+TEST_F(Networks, HostNetworks_BridgeThroughSymlink_Exists) {
   MakeFolder("/sys/devices/virtual/net/br0/bridge");
   MakeFolder("/sys/class/net");
   std::filesystem::create_directory_symlink("../../devices/virtual/net/br0", folder_.path() + "/sys/class/net/br0");
@@ -48,7 +48,7 @@ TEST_F(Networks, BridgesOfTheVirtualSwitch_AreThoseWithItsName) {
   EXPECT_FALSE(Has("lan"));
 }
 
-TEST_F(Networks, NamesThatLeadElsewhere_AreNone) {
+TEST_F(Networks, HostNetworks_PathLikeNames_DoNotExist) {
   MakeFolder("/sys/class/net/br0/bridge");
   MakeFolder("/sys/class/net/bridge");
   MakeFolder("/sys/class/bridge");
@@ -66,7 +66,7 @@ TEST_F(Networks, NamesThatLeadElsewhere_AreNone) {
   EXPECT_TRUE(Has("fifteen-letters"));
 }
 
-TEST_F(Networks, LibvirtsNetworks_AreAskedForWhatIsNoBridge) {
+TEST_F(Networks, HostNetworks_NotABridge_AsksLibvirt) {
   MakeFolder("/sys/class/net/br0/bridge");
   int asked = 0;
   const HostNetworks networks(
@@ -84,7 +84,7 @@ TEST_F(Networks, LibvirtsNetworks_AreAskedForWhatIsNoBridge) {
   EXPECT_FALSE(networks("")) << "no name names nothing";
 }
 
-TEST(HostNetworksOfThisMachine, Loopback_IsNoNetwork) {
+TEST(HostNetworksOfThisMachine, HostNetworks_Loopback_IsNotNetwork) {
   const std::function<bool(const std::string&)> networks = HostNetworks({});
   EXPECT_FALSE(networks("lo"));
   EXPECT_FALSE(networks("no-such-bridge"));

@@ -51,7 +51,7 @@ TEST_P(Chunks, WithExtensionsAndTrailers_GiveTheBodyOnly) {
   EXPECT_EQ(parser.request().caller_request_id, "");
 }
 
-TEST(RequestParser, FieldsOfRequestsBetweenHosts_AreKeptAsTheyAre) {
+TEST(RequestParser, Fields_OfRequestsBetweenHosts_AreUnchanged) {
   RequestParser parser(kBodyLimit);
   ASSERT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nx-vexa-ACTS-for:  a%20b \r\n"
                              "X-Vexa-Request-Id: 0123\r\nContent-Length: 0\r\n\r\n"),

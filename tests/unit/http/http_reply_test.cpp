@@ -33,7 +33,7 @@ TEST(ReplyHead, PlainResponse_HasExactlyTheServersFields) {
             "\r\n");
 }
 
-TEST(ReplyHead, Closing_SaysSo) {
+TEST(ReplyHead, Reply_Closing_SendsConnectionClose) {
   EXPECT_THAT(Head({}, AfterReply::kClose), HasSubstr("\r\nConnection: close\r\n"));
   EXPECT_THAT(Head({}, AfterReply::kKeepAliveForHttp10), HasSubstr("\r\nConnection: keep-alive\r\n"));
 }

@@ -103,7 +103,7 @@ TEST(HypervisorOpen, EmbedAsRootWithoutItsUser_IsDenied) {
   EXPECT_EQ(OpenWord("embed", folder.path()), "denied");
 }
 
-TEST(HypervisorOpen, DaemonThatIsNotThere_IsAFailure) {
+TEST(HypervisorOpen, Open_DaemonMissing_Fails) {
   const TemporaryFolder folder;
   EXPECT_EQ(OpenWord("test+unix:///default?socket=" + folder.Path("no.sock")), "disconnected");
   EXPECT_EQ(OpenWord("test://" + folder.Path("no.xml")), "invalid");
@@ -129,7 +129,7 @@ TEST(HypervisorOpen, LaterWhenTheDaemonIsNotThere_IsDisconnected) {
   }
 }
 
-TEST(HypervisorOpen, LaterWithWhatNeverWorks_IsAFailure) {
+TEST(HypervisorOpen, Open_LaterWithInvalidOptions_Fails) {
   const TemporaryFolder folder;
   EXPECT_EQ(Word(Hypervisor::Open(Later("test://" + folder.Path("no.xml")))), "invalid");
   {
@@ -140,7 +140,7 @@ TEST(HypervisorOpen, LaterWithWhatNeverWorks_IsAFailure) {
   EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "denied");
 }
 
-TEST(HypervisorOpen, Later_IsOpenedInTheBackgroundAndTold) {
+TEST(HypervisorOpen, Open_Later_ConnectsInBackgroundAndNotifies) {
   test::GuestEvents events;
   HypervisorOptions options = Later("test:///default");
   events.Listen(options);
@@ -171,7 +171,7 @@ TEST(HypervisorOpen, TestMode_IsAMachineOfItsOwnWithoutGuests) {
   EXPECT_EQ(first->DomainType(), "test");
 }
 
-TEST(HypervisorOpen, Uri_IsOpenedAsItIs) {
+TEST(HypervisorOpen, Open_Uri_IsUsedUnchanged) {
   HypervisorOptions options;
   options.mode = "test:///default";
   const auto hypervisor = MustOpen(options);
@@ -190,7 +190,7 @@ TEST(HypervisorTestMode, Machine_IsThisOne) {
   EXPECT_EQ(node->cpu_model, "x86_64");
 }
 
-TEST(KvmProbe, DeviceThatIsNone_DoesNotWork) {
+TEST(KvmProbe, KvmWorks_NotADevice_IsFalse) {
   EXPECT_FALSE(KvmWorks("/dev/null"));
   EXPECT_FALSE(KvmWorks("/nowhere"));
   EXPECT_FALSE(KvmWorks(""));
@@ -202,21 +202,21 @@ TEST_F(TestMode, Networks_OfTheTestDriver_AreNamed) {
   EXPECT_THAT(*networks, ElementsAre("default"));
 }
 
-TEST_F(TestMode, Networks_OfADriverWithoutThem_AreNone) {
+TEST_F(TestMode, Networks_DriverWithoutNetworks_IsEmpty) {
   const test::FailingNetworks none({VIR_ERR_NO_SUPPORT, "this function is not supported"});
   const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
   ASSERT_TRUE(networks.ok());
   EXPECT_THAT(*networks, IsEmpty());
 }
 
-TEST_F(TestMode, Networks_ThatCannotBeListed_AreAFailure) {
+TEST_F(TestMode, Networks_CannotBeListed_Fails) {
   const test::FailingNetworks fault({VIR_ERR_INTERNAL_ERROR, "something"});
   EXPECT_EQ(Word(hypervisor_->Networks()), "failed");
 }
 
 // --- power
 
-TEST_F(TestMode, ShutDown_RunningGuest_IsOffAndTold) {
+TEST_F(TestMode, ShutDown_RunningGuest_GoesOffAndIsReported) {
   Start();
   EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
   EXPECT_EQ(State(), GuestState::kOff);
@@ -224,7 +224,7 @@ TEST_F(TestMode, ShutDown_RunningGuest_IsOffAndTold) {
   EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "not_running");
 }
 
-TEST_F(TestMode, ShutDown_GuestThatIsOffBeforeTheAnswer_Succeeds) {
+TEST_F(TestMode, ShutDown_GuestOffBeforeAnswer_Succeeds) {
   Start();
   const test::QuickPresses quick;
   EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
@@ -247,7 +247,7 @@ TEST_F(TestMode, AddressesOf_GuestInAKnownNetwork_AreInvented) {
   EXPECT_THAT(*addresses, ElementsAre(testing::StartsWith("192.168.122.")));
 }
 
-TEST_F(TestMode, AddressesOf_GuestInAnUnknownNetwork_AreNone) {
+TEST_F(TestMode, AddressesOf_GuestInUnknownNetwork_IsEmpty) {
   Open({}, Xml("nowhere"));
   Start();
   const Outcome<std::vector<std::string>> addresses = hypervisor_->AddressesOf(kGuest);
@@ -268,7 +268,7 @@ TEST_F(TestMode, InterfacesOf_GuestInANetworkOfLibvirts_AreOnItsBridge) {
   EXPECT_TRUE(interface.is_link_up);
 }
 
-TEST_F(TestMode, InterfacesOf_NetworkThatIsNotKnown_SaysNoDevice) {
+TEST_F(TestMode, InterfacesOf_UnknownNetwork_HasNoDevice) {
   Open({}, Xml("nowhere"));
   Start();
   const auto interfaces = hypervisor_->InterfacesOf(kGuest);
@@ -277,12 +277,12 @@ TEST_F(TestMode, InterfacesOf_NetworkThatIsNotKnown_SaysNoDevice) {
   EXPECT_EQ(interfaces->front().network, "nowhere");
 }
 
-TEST_F(TestMode, InterfacesOf_GuestThatIsOffOrUnknown_AreRefused) {
+TEST_F(TestMode, InterfacesOf_GuestOffOrUnknown_IsRefused) {
   EXPECT_EQ(Word(hypervisor_->InterfacesOf(kGuest)), "not_running");
   EXPECT_EQ(Word(hypervisor_->InterfacesOf("99999999-2222-4333-8444-555555555555")), "no_such_guest");
 }
 
-TEST_F(TestMode, HasAgent_ChannelThatIsConnected_IsTrue) {
+TEST_F(TestMode, HasAgent_ChannelConnected_IsTrue) {
   Start();
   const auto channel = [](const std::string& name, const std::string& state) {
     return "<domain><devices><channel type='unix'><target type='virtio' name='" + name + "' state='" + state +
@@ -381,7 +381,7 @@ INSTANTIATE_TEST_SUITE_P(
         StartRow{"Other", {1, "something else"}, Problem::kFailed}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(TestMode, Start_OnABridgeThatIsNotThere_SaysSoWhateverLibvirtSays) {
+TEST_F(TestMode, Start_MissingBridge_IsReportedWhateverLibvirtReturns) {
   const std::string xml = Xml();
   const auto on = [&](const std::string& bridge) {
     std::string text = xml;
@@ -431,7 +431,7 @@ TEST(Problems, EachHasAWordAndACode) {
 
 // --- the connection
 
-TEST_F(TestMode, Reconnect_OpensAgainAndTells) {
+TEST_F(TestMode, Reconnect_ReopensAndNotifies) {
   Start();
   events_.Await(kGuest, 2);
   hypervisor_->Reconnect();
@@ -462,7 +462,7 @@ TEST_F(TestMode, Calls_OnADeadConnection_OpenAnother) {
   EXPECT_EQ(Word(hypervisor_->StateOf(kGuest)), "no_such_guest");
 }
 
-TEST_F(TestMode, Calls_WhileDisconnected_FailAtOnce) {
+TEST_F(TestMode, Calls_Disconnected_FailImmediately) {
   HypervisorOptions options;
   options.first_retry = std::chrono::hours(1);
   options.last_retry = std::chrono::hours(1);

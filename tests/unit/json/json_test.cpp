@@ -110,7 +110,7 @@ TEST(TotalReaders, NotANumber_IsFalseAndZero) {
   EXPECT_FALSE(json::Bool(nan));
 }
 
-TEST(FindMember, PresentNull_IsToldFromAbsent) {
+TEST(FindMember, FindMember_NullMember_DiffersFromAbsent) {
   Value value(Json::objectValue);
   value["null"] = Value();
   ASSERT_NE(json::FindMember(value, "null"), nullptr);
@@ -163,7 +163,7 @@ TEST(ToText, EveryKindOfValue_IsWrittenAsJsoncppDoes) {
   for (const Value& value : all) EXPECT_EQ(json::ToText(value), WrittenByJsoncpp(value));
 }
 
-TEST(AppendText, WhatIsThere_Stays) {
+TEST(AppendText, AppendText_ExistingText_IsKept) {
   std::string text = "data:";
   json::AppendText(text, Value(7));
   json::AppendText(text, Value(true));

@@ -153,7 +153,7 @@ TEST_F(Links, SwitchWithItsDatabase_KnowsThePortsOfEachBridge) {
   EXPECT_EQ(fake.asked(), before + 1) << "one object asks once";
 }
 
-TEST_F(Links, SwitchWithPatches_HasTheUplinksBehindThem) {
+TEST_F(Links, Uplinks_SwitchWithPatches_IncludesPeerBridgeUplinks) {
   for (const char* const name : {"inner", "outer"}) net_.AddTap(name);
   net_.Add("eth0", "device");
   const FakeSwitch fake(net_.root(), SwitchAnswer({{"inner", {{"to-outer", "patch", "to-inner"}, {"tunnel", "vxlan"}}},
@@ -172,7 +172,7 @@ TEST_F(Links, SwitchInUserSpace_HasTheLinkThatItSeesItself) {
   EXPECT_THAT(Uplinks("fast"), ElementsAre("dpdk0 up", "dpdk1 down"));
 }
 
-TEST_F(Links, SwitchWhoseDatabaseCannotBeAsked_IsKnownByItsName) {
+TEST_F(Links, KindOf_SwitchDatabaseUnavailable_UsesName) {
   net_.AddTap("ovs_lan");
   EXPECT_EQ(links().KindOf("ovs_lan"), BridgeKind::kSwitch);
   EXPECT_THAT(Uplinks("ovs_lan"), IsEmpty());
@@ -209,7 +209,7 @@ TEST_F(Links, GuestPorts_AreBridgesWithUplinksAndWhatIsBelowMacvtaps) {
   EXPECT_THAT(links().GuestPorts(), ElementsAre("br0", "eth1"));
 }
 
-TEST_F(Links, HostileNames_AreNoInterfaces) {
+TEST_F(Links, NetworkLinks_HostileNames_AreNotInterfaces) {
   net_.Add("br0", "bridge");
   NetworkLinks found = links();
   for (const std::string& name :
@@ -240,7 +240,7 @@ TEST(NetworkLinksOfThisMachine, Loopback_IsNotABridge) {
   EXPECT_EQ(SystemDriver("no-such"), "");
 }
 
-TEST(SwitchProtocol, Question_AsksForWhatIsRead) {
+TEST(SwitchProtocol, SwitchQuestion_RequestsTheColumnsThatAreRead) {
   const auto question = ParseJson(SwitchQuestion());
   ASSERT_TRUE(question);
   EXPECT_EQ((*question)["method"].asString(), "transact");

@@ -12,7 +12,7 @@
 namespace vexa::services {
 namespace {
 
-// As it is sent: jsoncpp tells a signed from an unsigned 7 before, not after.
+// As it is sent: jsoncpp distinguishes a signed from an unsigned 7 before, not after.
 Json::Value Sent(const Json::Value& value) { return test::Parsed(VexaVirtualization::json::ToText(value)); }
 
 using std::chrono::milliseconds;
@@ -105,7 +105,7 @@ TEST(CpuSampler, Window_IsTheTimeSinceTheLastCallWhenThatIsRecent) {
   EXPECT_EQ(time.slept.size(), 2u);
 }
 
-TEST(CpuSampler, UnreadableFigures_AreNotSetAndRecover) {
+TEST(CpuSampler, Figures_Unreadable_AreNotSetAndRecover) {
   ScriptedTime time;
   CpuSampler sampler(time.files.machine(), time.clock());
   EXPECT_FALSE(sampler.Read());
@@ -226,7 +226,7 @@ TEST(System, UptimeAndVersion_AreReadOrEmpty) {
   EXPECT_EQ(SystemVersion(files.machine()), "\"");
 }
 
-TEST(InterfaceName, OnlyWhatTheKernelTakes) {
+TEST(InterfaceName, IsInterfaceName_AcceptsOnlyKernelNames) {
   for (const char* name : {"eth0", "a", "ovs_bond0", "enp0s31f6.1234", "..."})
     EXPECT_TRUE(IsInterfaceName(name)) << name;
   for (const std::string& name :
@@ -250,7 +250,7 @@ std::vector<std::string> NamesAndTypes(const Machine& machine) {
   return result;
 }
 
-TEST(Interfaces, OnlyWhatLeadsOutOfTheMachine_IsListed) {
+TEST(Interfaces, HostInterfaces_ListsOnlyOutsideConnections) {
   ScriptedMachine files;
   EXPECT_THAT(NamesAndTypes(files.machine()), IsEmpty());
   files.Put("/sys/class/net/lo/type", "772\n");

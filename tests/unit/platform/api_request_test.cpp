@@ -67,7 +67,7 @@ TEST(APIRequest, AbsentParameter_IsInvalidOnlyWhenRequired) {
   EXPECT_EQ(StateOf(request.GetAndCheckArray("p", 1)), 'a');
 }
 
-TEST(APIRequest, Values_AreReadAsTheyAre) {
+TEST(APIRequest, ApiRequest_Values_AreNotConverted) {
   const auto request = vexa::test::AdministratorRequest(Parsed(R"({"s":"x","i":-5,"b":true,"a":[1,"2"]})"));
   EXPECT_EQ(request.GetAndCheckString("s", 0).Get(), "x");
   EXPECT_EQ(request.GetAndCheckInt("i", 0).Get(), -5);
@@ -98,7 +98,7 @@ TEST(APIRequest, GetParam_YieldsValueFallbackOrTheWholeObject) {
   EXPECT_FALSE(request.HasParam("c"));
 }
 
-TEST(APIRequest, ParametersThatAreNoObject_CountAsNone) {
+TEST(APIRequest, ApiRequest_ParametersNotObject_AreEmpty) {
   for (const char* text : {"[1]", "5", "\"guest_id\"", "null"}) {
     const auto request = vexa::test::AdministratorRequest(Parsed(text));
     EXPECT_EQ(request.GetParam("", Json::Value()), Json::Value(Json::objectValue)) << text;
@@ -106,7 +106,7 @@ TEST(APIRequest, ParametersThatAreNoObject_CountAsNone) {
   }
 }
 
-TEST(APIRequest, Caller_IsToldAsGiven) {
+TEST(APIRequest, ApiRequest_Caller_IsReturnedAsGiven) {
   EXPECT_TRUE(vexa::test::AdministratorRequest(Json::Value()).IsAdmin());
   const auto request = vexa::test::UserRequest(Json::Value(), "alice");
   EXPECT_FALSE(request.IsAdmin());

@@ -93,7 +93,7 @@ TEST_F(ClusterNames, Conflict_OfOneRequestSeesItsSnapshot) {
   EXPECT_GT(Conflict("web"), 0);
 }
 
-TEST_F(ClusterNames, Conflict_ThatCannotBeToldIsNegative) {
+TEST_F(ClusterNames, NameConflict_Unknown_IsNegative) {
   host_.PutText("guest", "g", R"({"name":"web"})");
   host_.store().FailReadsOf("/dash/guest");
   EXPECT_LT(Conflict("web"), 0);
@@ -115,7 +115,7 @@ TEST_F(ClusterNames, HostName_IsFoundOrLeftAlone) {
   EXPECT_EQ(name, "alpha");
 }
 
-TEST_F(ClusterNames, NameList_HasTheOrderOfTheIdsOrFailsAsAWhole) {
+TEST_F(ClusterNames, NameList_OrderOfIds_OrFailsCompletely) {
   host_.PutText("guest", "a", R"({"name":"one"})");
   host_.PutText("guest", "b", R"({"name":"two"})");
   host_.PutText("guest", "bad", R"({"name":["x"]})");
@@ -140,7 +140,7 @@ TEST_F(ClusterNames, NameList_HasTheOrderOfTheIdsOrFailsAsAWhole) {
   EXPECT_TRUE(names.empty());
 }
 
-TEST(ClusterStates, Online_IsWhatLivesOnAHost) {
+TEST(ClusterStates, IsGuestStateOnline_StatesOnAHost_AreOnline) {
   namespace s = VexaCCC::State::Guest;
   for (const char* state : {s::running, s::booting, s::shutting_down, s::moving, s::stor_migrating}) {
     EXPECT_TRUE(utils::IsGuestStateOnline(state)) << state;

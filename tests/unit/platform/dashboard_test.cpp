@@ -30,7 +30,7 @@ TEST_F(DashboardTest, StoredObject_IsFound) {
   EXPECT_EQ(object["name"], "web");
 }
 
-TEST_F(DashboardTest, GuestsRecord_TellsItsLiveState) {
+TEST_F(DashboardTest, Dashboard_GuestRecord_ContainsLiveState) {
   const auto put_state = [&](const char* category, const std::string& text) {
     const std::string key = vexa::store::MakeKey({"dash", category, "g", "state"});
     ASSERT_TRUE(host_.store().Commit({{}, {{key, text}}}));
@@ -103,7 +103,7 @@ TEST_F(DashboardTest, KeyOfItsOwn_GoesBeforeTheMember) {
   EXPECT_EQ(text, "new");
 }
 
-TEST_F(DashboardTest, List_TellsEveryIdOfItsCategoryOnly) {
+TEST_F(DashboardTest, Dashboard_List_ReturnsOnlyIdsOfCategory) {
   std::vector<std::string> ids{"before"};
   EXPECT_EQ(DashCate::Guest.List(ids), 0);
   EXPECT_TRUE(ids.empty());
@@ -165,7 +165,7 @@ TEST(Constants, StateTexts_AreDistinctAcrossAllKinds) {
 
 using vexa::cluster::RecordCache;
 
-TEST(SharedNames, AnyRecord_IsEqualToWhatItIsWithout) {
+TEST(SharedNames, SharedName_AnyRecord_EqualsOneParsedWithout) {
   for (const char* text : {R"({"name":"web","vdisks":["d"],"usual":{"name":1},"unusual \u0000":null,"":2,"nam":3})",
                            "{}", "[1]", "null", R"("name")"}) {
     auto shared = vexa::ParseJson(text, vexa::cluster::SharedName);
@@ -187,7 +187,7 @@ TEST(RecordCache, SameRevision_IsParsedOnce) {
   EXPECT_EQ(first->get(), second->get());
 }
 
-TEST(RecordCache, NewRevision_IsParsedAnewAndAnOldReaderDoesNotPushItOut) {
+TEST(RecordCache, RecordCache_NewRevision_IsParsedAndNotEvictedByOldReader) {
   RecordCache cache(1 << 20);
   ASSERT_TRUE(cache.Parse("k", {1, "1"}));
   const auto newer = cache.Parse("k", {2, "2"});
@@ -222,7 +222,7 @@ TEST(RecordCache, DamagedText_IsAnErrorThatNamesTheKey) {
   EXPECT_NE(damaged.error().message().find("/dash/guest/g/object"), std::string::npos);
 }
 
-TEST(IsUuid, Forms_AreToldApart) {
+TEST(IsUuid, IsUuid_OtherForms_AreRefused) {
   EXPECT_TRUE(VexaCCC::Utils::isUUID("8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01"));
   EXPECT_TRUE(VexaCCC::Utils::isUUID("8F14E45F-CEEA-467F-A9D1-0F2B6C1E4A01"));
   for (const char* text : {"", "8f14e45f", "8f14e45fceea467fa9d10f2b6c1e4a01", "{8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01}",

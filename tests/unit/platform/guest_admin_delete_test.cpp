@@ -45,7 +45,7 @@ TEST_F(GuestAdminDelete, Guest_IsTakenOutOfEveryRecordAndTheRestStays) {
   EXPECT_EQ(Text("groups-3"), R"({"guests": {"b":true}})") << "a record without the guest is not written";
 }
 
-TEST_F(GuestAdminDelete, DeletedGuest_IsNobodysAnyMore) {
+TEST_F(GuestAdminDelete, Delete_RemovesAllGrantsOfGuest) {
   host_.PutGuestAdmin("users", host_.AddUser("alice", {"team"}), "advanced", {"g", "h"});
   host_.PutGuestAdmin("groups", host_.GroupId("alice", "team"), "user", {"g"});
   EXPECT_EQ(gaGuestDelete("g"), 0);
@@ -55,7 +55,7 @@ TEST_F(GuestAdminDelete, DeletedGuest_IsNobodysAnyMore) {
   EXPECT_EQ(VexaCCC::gaIsAdvancedUser("alice"), 1);
 }
 
-TEST_F(GuestAdminDelete, NobodyHasTheGuest_ChangesNothing) {
+TEST_F(GuestAdminDelete, Delete_GuestWithoutGrants_ChangesNothing) {
   EXPECT_EQ(gaGuestDelete("g"), 0) << "no records at all";
   Put("users-1", R"({"guests":{"a":true}})");
   Put("users-2", R"({"authlevel":"advanced"})");
@@ -75,7 +75,7 @@ TEST_F(GuestAdminDelete, OddIds_AreTakenOutExactly) {
   EXPECT_EQ(Parsed(Text("users-1")), Parsed(R"({"guests":{"a":true}})"));
 }
 
-TEST_F(GuestAdminDelete, DamagedRecords_AreToldAndKeepTheOthersFromNothing) {
+TEST_F(GuestAdminDelete, Delete_DamagedRecords_AreReportedAndOthersChanged) {
   for (const char* damaged : {"nonsense", "[1]", R"({"guests":["g"]})", R"({"guests":"g"})"}) {
     Put("users-1", damaged);
     Put("users-0", R"({"guests":{"g":true}})");

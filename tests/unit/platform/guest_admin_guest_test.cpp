@@ -108,7 +108,7 @@ TEST_F(GuestAdminGuest, SeveralRulesForOne_TheLastCounts) {
   EXPECT_EQ(Granted("bob"), Texts{kGuest});
 }
 
-TEST_F(GuestAdminGuest, Nobodies_AreToldAndTheOthersAreSet) {
+TEST_F(GuestAdminGuest, Set_UnknownPrincipals_AreReportedAndOthersApplied) {
   EXPECT_EQ(
       Set({User(UINT32_MAX, true, "eve"), User(4'000'000'000u, true), User(alice_, true), Group(alice_, true, "g"),
            User(team_, false, "t"), User(UINT32_MAX, false, "eve"), Group(UINT32_MAX, true)}),
@@ -116,25 +116,25 @@ TEST_F(GuestAdminGuest, Nobodies_AreToldAndTheOthersAreSet) {
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
 }
 
-TEST_F(GuestAdminGuest, OtherKinds_AreNobodies) {
+TEST_F(GuestAdminGuest, Set_OtherKinds_AreUnknownPrincipals) {
   for (const std::string& kind : Texts{"", "user", "Users", "groups ", {"users\0", 6}, "../users"}) {
     EXPECT_EQ(Set({{kind, "", "x", "", alice_, true}}), Texts{"x"}) << kind;
   }
   EXPECT_EQ(Granted("alice"), Texts{});
 }
 
-TEST_F(GuestAdminGuest, TypeAndExtra_AreNotLookedAt) {
+TEST_F(GuestAdminGuest, Set_TypeAndExtra_AreIgnored) {
   EXPECT_EQ(Set({{"users", "\xff", "alice", "../..", alice_, true}}), kFine);
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
 }
 
-TEST_F(GuestAdminGuest, DeletedAccount_IsNobody) {
+TEST_F(GuestAdminGuest, Set_DeletedAccount_IsUnknownPrincipal) {
   ASSERT_TRUE(host_.accounts().DeleteUser("bob").ok());
   EXPECT_EQ(Set({User(bob_, true, "bob"), User(alice_, true)}), Texts{"bob"});
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
 }
 
-TEST_F(GuestAdminGuest, DamagedRecord_IsToldLeftAloneAndTheOthersAreSet) {
+TEST_F(GuestAdminGuest, Set_DamagedRecord_IsReportedUnchangedAndOthersApplied) {
   const std::string identifier = GuestAdminIdentifier(kUsersKind, bob_);
   for (const char* text : {"{", "", "[]", "null", R"({"guests":[1]})", R"({"guests":"a"})"}) {
     host_.PutText("guest_admin", identifier, text);
@@ -145,7 +145,7 @@ TEST_F(GuestAdminGuest, DamagedRecord_IsToldLeftAloneAndTheOthersAreSet) {
   }
 }
 
-TEST_F(GuestAdminGuest, WhatIsNoGuest_IsNobodysRight) {
+TEST_F(GuestAdminGuest, Set_InvalidGuestId_GrantsNothing) {
   const auto before = Revision();
   for (const std::string& guest : Texts{"", "\xff", std::string(1 << 20, 'g')}) {
     EXPECT_EQ(Set({User(alice_, true, "alice")}, guest), Texts{"alice"}) << guest.substr(0, 10);
@@ -153,7 +153,7 @@ TEST_F(GuestAdminGuest, WhatIsNoGuest_IsNobodysRight) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(GuestAdminGuest, StoreThatFails_SetsNobody) {
+TEST_F(GuestAdminGuest, Set_StoreFails_ChangesNothing) {
   const std::vector<tagGuestAdminRule> rules{User(alice_, true, "alice"), User(bob_, true), User(5, true, "x")};
   const Texts all{std::to_string(bob_), "alice", "x"};
   host_.store().FailCommits();
@@ -178,7 +178,7 @@ TEST_F(GuestAdminGuest, GrantWithinARequest_IsSeenByIt) {
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
 }
 
-TEST_F(GuestAdminGuest, FourThreadsAtOnce_LoseNoGrant) {
+TEST_F(GuestAdminGuest, Set_FourThreads_LoseNoGrant) {
   constexpr int kEach = 15;
   std::atomic<int> failed{0};
   {

@@ -191,7 +191,7 @@ TEST_F(GuestAdminName, IdWasOfADeletedUserOfTheStore_TheMachinesUserGetsGrants) 
   EXPECT_EQ(Granted(), 1u);
 }
 
-TEST_F(GuestAdminName, NamesCannotBeTold_NothingIsGranted) {
+TEST_F(GuestAdminName, Set_NamesUnavailable_GrantsNothing) {
   accounts_->fails = true;
   EXPECT_NE(gaUserSet("users-1001", "", {{"guest", "a", true}}), 0);
   std::vector<std::string> failed;

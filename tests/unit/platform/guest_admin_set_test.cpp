@@ -92,7 +92,7 @@ TEST_F(GuestAdminSet, NothingToChange_WritesNothing) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(GuestAdminSet, WhatIsNoRuleOrNoIdentifier_IsRefusedAsAWhole) {
+TEST_F(GuestAdminSet, SetRules_InvalidRuleOrIdentifier_IsRefusedCompletely) {
   const auto before = Revision();
   for (const std::string& identifier : std::vector<std::string>{"",
                                                                 "users",
@@ -126,7 +126,7 @@ TEST_F(GuestAdminSet, WhatIsNoRuleOrNoIdentifier_IsRefusedAsAWhole) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(GuestAdminSet, OddGuestIds_AreKeptAsTheyAre) {
+TEST_F(GuestAdminSet, SetRules_UnusualGuestIds_AreStoredUnchanged) {
   const std::uint32_t uid = host_.AddUser("alice");
   const std::vector<std::string> ids{"..", "a/b", "%s", "n\nl", {"n\0l", 3}, "\"", "ü"};
   for (const std::string& id : ids) ASSERT_EQ(gaUserSet(gaUUIDGet(1, "users", uid), "", {Allow(id)}), 0) << id;
@@ -176,7 +176,7 @@ TEST_F(GuestAdminSet, GrantWithinARequest_IsSeenByIt) {
   EXPECT_TRUE(granted.contains("g"));
 }
 
-TEST_F(GuestAdminSet, EightThreadsAtOnce_LoseNoGrant) {
+TEST_F(GuestAdminSet, SetRules_EightThreads_LoseNoGrant) {
   constexpr int kEach = 20;
   std::atomic<int> failed{0};
   {

@@ -60,7 +60,7 @@ TEST_F(GuestImage, Id_IsThatOfARecordWithAPath) {
 
 TEST_F(GuestImage, EmptyDrive_IsAnId) { EXPECT_TRUE(GuestImageIsValidID("unmounted")); }
 
-TEST_F(GuestImage, OtherTexts_AreNoIds) {
+TEST_F(GuestImage, ImageId_OtherTexts_AreInvalid) {
   host_.Put("image", "short", Parsed(R"({"path":"/srv/debian.iso"})"));
   for (const std::string& text : std::vector<std::string>{"",
                                                           "short",
@@ -106,7 +106,7 @@ TEST_F(GuestImage, WithoutRoots_NoPathIsValid) {
   }
 }
 
-TEST_F(GuestImage, OtherPlaces_AreNotValid) {
+TEST_F(GuestImage, ImagePath_OutsideRoots_IsInvalid) {
   fs::create_directories(root_ + "x");
   std::ofstream(root_ + "x/a.iso") << "x";
   Allow({root_});
@@ -155,7 +155,7 @@ TEST_F(GuestImage, LongPath_IsValidUpToItsLimit) {
   EXPECT_FALSE(GuestImageIsValidDsPath(root_ + "/" + std::string(300, 'x') + ".iso"));
 }
 
-TEST_F(GuestImage, WhatIsNoRegularFile_IsNotValid) {
+TEST_F(GuestImage, ImagePath_NotRegularFile_IsInvalid) {
   Allow({root_});
   fs::create_directory(root_ + "/folder.iso");
   ASSERT_EQ(::mkfifo((root_ + "/fifo.iso").c_str(), 0600), 0);
@@ -171,7 +171,7 @@ TEST_F(GuestImage, WhatIsNoRegularFile_IsNotValid) {
   }
 }
 
-TEST_F(GuestImage, RootBehindALink_IsARoot) {
+TEST_F(GuestImage, ImagePath_RootIsLink_IsValid) {
   fs::create_directory_symlink(root_, host_.folder().File("alias"));
   Allow({host_.folder().File("alias")});
   EXPECT_TRUE(GuestImageIsValidDsPath(host_.folder().File("alias") + "/a.iso"));
@@ -190,7 +190,7 @@ TEST_F(GuestImage, Walking_FindsTheSame) {
   }
 }
 
-TEST_F(GuestImage, ManyLooks_LeaveNoDescriptorOpen) {
+TEST_F(GuestImage, ImagePath_ManyChecks_LeakNoDescriptor) {
   Allow({root_});
   const auto open_files = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());

@@ -129,7 +129,7 @@ TEST(GroupHash, UserWithoutGroups_IsEmpty) {
   EXPECT_EQ(HLIBCSzListCount(list.get()), 0);
 }
 
-TEST(BaseLibrary, ProviderFails_SaysWhy) {
+TEST(BaseLibrary, Hlib_ProviderFails_SetsLastError) {
   const std::vector<std::pair<ErrorCode, base::HlibError>> rows = {
       {ErrorCode::kNotFound, base::HlibError::kNoSuchUser},
       {ErrorCode::kUnavailable, base::HlibError::kUnavailable},
@@ -157,7 +157,7 @@ TEST(BaseLibrary, NoProvider_IsUnavailable) {
   EXPECT_EQ(uid, 7u);
 }
 
-TEST(BaseLibrary, OutputsThatAreNull_AreNotWanted) {
+TEST(BaseLibrary, Hlib_NullOutputs_AreSkipped) {
   const Accounts accounts(base::User{"u", 11, 12, {}, false});
   EXPECT_EQ(VEXAUserGetUGID("u", nullptr, nullptr), 0);
   gid_t gid = 0;
@@ -172,7 +172,7 @@ TEST(BaseLibrary, LastError_NamesFileAndLine) {
   EXPECT_GT(line, 0);
   EXPECT_LT(VEXAUserGetUGID(nullptr, nullptr, nullptr), 0);
   EXPECT_STREQ(HLIBCErrorGetFile(), "hlib_accounts.cpp");
-  EXPECT_NE(HLIBCErrorGetLine(), line) << "the two functions are told apart";
+  EXPECT_NE(HLIBCErrorGetLine(), line) << "the two functions are distinguished";
   EXPECT_EQ(HLIBCSzListAlloc(-1), nullptr);
   EXPECT_STREQ(HLIBCErrorGetFile(), "hlib_lists.cpp");
 }
@@ -211,7 +211,7 @@ TEST(BaseLibrary, RealAccounts_AnswerWhileTheHostIsInstalled) {
   EXPECT_LT(VEXAUserGetUGID("alice", nullptr, nullptr), 0) << "the host is gone";
 }
 
-TEST(BaseLibrary, HostileNames_AreNobody) {
+TEST(BaseLibrary, Hlib_HostileNames_AreUnknown) {
   TestHost host;
   for (const char* name : {"", "a\nb", "../x", "%n%n", "a b"}) {
     EXPECT_LT(VEXAUserGetUGID(name, nullptr, nullptr), 0) << name;

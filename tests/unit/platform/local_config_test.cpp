@@ -72,10 +72,10 @@ TEST_F(LocalConfig, WrittenConfiguration_DoesNotReachTheCache) {
   EXPECT_EQ(again, Parsed(R"({"name":"web","state":"guest_running"})"));
   Json::Value record;
   ASSERT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Guest, "g").Get(record, "object"), 0);
-  EXPECT_EQ(record, again) << "both tell the live state";
+  EXPECT_EQ(record, again) << "both contain the live state";
 }
 
-TEST_F(LocalConfig, WhatIsNotThereOrDamaged_Fails) {
+TEST_F(LocalConfig, LocalConfig_MissingOrDamaged_Fails) {
   for (const std::string& id : std::vector<std::string>{
            "none", "", "..", "../guest/g", "g/object", {"g\0", 2}, "%67", "g\n", std::string(1 << 20, 'g')}) {
     ExpectNothing(id);
@@ -88,7 +88,7 @@ TEST_F(LocalConfig, WhatIsNotThereOrDamaged_Fails) {
   ExpectNothing("ghost");
 }
 
-TEST_F(LocalConfig, StateThatCannotBeUnderstood_IsNotReplacedWithAnOldOne) {
+TEST_F(LocalConfig, State_Damaged_IsNotReplacedByOldOne) {
   host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
   for (const char* text : {"{", "7", "null", R"(["guest_running"])"}) {
     PutState("g", text);
@@ -105,7 +105,7 @@ TEST_F(LocalConfig, StateThatCannotBeUnderstood_IsNotReplacedWithAnOldOne) {
   EXPECT_EQ(state, "before");
 }
 
-TEST_F(LocalConfig, Host_IsToldApartFromNone) {
+TEST_F(LocalConfig, LocalConfig_HostAndNoHost_AreDistinguished) {
   const auto host_of = [this](const char* record, std::string& out) {
     host_.PutText("guest", "g", record);
     return vgConfHostGet("g", out);
@@ -281,7 +281,7 @@ TEST(RecordCacheScan, PassOverManyRecords_LeavesWhatOthersRead) {
   }
 }
 
-TEST(RecordCacheScan, KeptRecordThatChanges_StaysKept) {
+TEST(RecordCacheScan, RecordCache_FrequentRecordChanges_StaysCached) {
   RecordCache cache(kBound);
   ASSERT_TRUE(cache.Parse("repository", {1, RecordText()}, 1));
   ASSERT_TRUE(cache.Parse("repository", {1, RecordText()}, 2));

@@ -34,7 +34,7 @@ class GuestRecordsTest : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(GuestRecordsTest, Run_ReadsAsItWasWritten) {
+TEST_F(GuestRecordsTest, Run_RoundTrip_IsEqual) {
   guests::Run run;
   run.host_id = "host";
   run.since = system_clock::time_point(seconds(1'700'000'000));
@@ -52,7 +52,7 @@ TEST_F(GuestRecordsTest, Run_ReadsAsItWasWritten) {
   EXPECT_GT(stored.revision, 0u);
 }
 
-TEST_F(GuestRecordsTest, NoRun_IsNoError) {
+TEST_F(GuestRecordsTest, ReadRun_Missing_IsNotError) {
   EXPECT_FALSE(Require(guests::ReadRun(host_.store(), "g")).has_value());
   EXPECT_FALSE(Require(guests::ReadRun(host_.store(), "")).has_value());
   EXPECT_FALSE(Require(guests::ReadRun(host_.store(), std::string(1000, 'x'))).has_value());
@@ -68,7 +68,7 @@ TEST_F(GuestRecordsTest, DamagedRun_IsOfNoHost_ButThere) {
   }
 }
 
-TEST_F(GuestRecordsTest, RunWithWrongTypes_HasWhatCanBeUnderstood) {
+TEST_F(GuestRecordsTest, ReadRun_WrongTypes_KeepsValidMembers) {
   const guests::StoredRun stored = ReadRunOf(
       R"({"host_id":"host","since":"x","starting":[],"vcpus":-1,"memory_mib":1e300,"pinned_cpus":[1,"2",-3,{},1e99,7]})");
   EXPECT_EQ(stored.run.host_id, "host");
@@ -76,7 +76,7 @@ TEST_F(GuestRecordsTest, RunWithWrongTypes_HasWhatCanBeUnderstood) {
   EXPECT_FALSE(stored.run.starting);
   EXPECT_EQ(stored.run.vcpus, 0u);
   EXPECT_EQ(stored.run.memory_mib, 0u);
-  // What is no number of a processor sets none apart.
+  // What is not the number of a processor dedicates none.
   EXPECT_THAT(stored.run.pinned_cpus, testing::ElementsAre(1u, 7u));
   EXPECT_THAT(ReadRunOf(R"({"host_id":"host","pinned_cpus":{"0":1}})").run.pinned_cpus, testing::IsEmpty());
 }
@@ -105,7 +105,7 @@ TEST_F(GuestRecordsTest, RunsOf_AreThoseOfOneHost) {
   EXPECT_EQ(nobodys[0].first, "e");
 }
 
-TEST_F(GuestRecordsTest, StoreThatCannotBeRead_IsAnError) {
+TEST_F(GuestRecordsTest, GuestRecords_StoreUnreadable_IsAnError) {
   host_.store().FailReadsOf(RunKey("g"));
   EXPECT_FALSE(guests::ReadRun(host_.store(), "g").ok());
   host_.store().FailReadsOf(store::MakeKey({"run"}));
@@ -181,7 +181,7 @@ TEST_F(GuestRecordsTest, DamagedRecords_AreCorrupt) {
   EXPECT_EQ(ReadGuest("g").error().code(), ErrorCode::kCorrupt);
 }
 
-TEST_F(GuestRecordsTest, ListedThatAreNoIds_AreCorrupt) {
+TEST_F(GuestRecordsTest, ReadGuest_InvalidListedIds_IsCorrupt) {
   for (const char* text : {R"({"vdisks":[7]})", R"({"vdisks":[null]})", R"({"vnics":[{}]})", R"({"vnics":[["n"]]})"}) {
     host_.PutText("guest", "g", text);
     EXPECT_EQ(ReadGuest("g").error().code(), ErrorCode::kCorrupt) << text;

@@ -91,7 +91,7 @@ class LiveState : public testing::Test {
 
 TEST_F(LiveState, NothingObserved_TheRecordsStateHolds) { EXPECT_EQ(State(), states::saved); }
 
-TEST_F(LiveState, Observation_IsTheStateForEveryReaderAndLeavesTheRecordAlone) {
+TEST_F(LiveState, Observe_StoresStateBesideUnchangedRecord) {
   const std::string record = Text(TestHost::ObjectKey("guest", "g"));
   EXPECT_EQ(Tell(Seen(states::running, {1, 1})), Observed::kStored);
   EXPECT_EQ(State(), states::running);
@@ -150,7 +150,7 @@ TEST_F(LiveState, HostThatLostTheGuest_ChangesNothing) {
   EXPECT_EQ(Tell(Seen(states::shutdown, {1, 2}, "a")), Observed::kStored);
 }
 
-TEST_F(LiveState, GuestThatIsLostJustBeforeTheCommit_IsNotChanged) {
+TEST_F(LiveState, Observe_GuestLostBeforeCommit_ChangesNothing) {
   RacedStore moved(host_.store(), [&] { host_.PutText("guest", "g", R"({"host_id":"b","state":"guest_moving"})"); });
   EXPECT_EQ(test::Require(Observe(moved, "g", Seen(states::shutdown, {1, 1}))), Observed::kNotOurs);
   EXPECT_EQ(State(), states::moving);
@@ -159,7 +159,7 @@ TEST_F(LiveState, GuestThatIsLostJustBeforeTheCommit_IsNotChanged) {
   EXPECT_EQ(Text(LiveStateKey("g")), "absent") << "no state of a guest that is not there";
 }
 
-TEST_F(LiveState, GuestWithoutHost_StaysWithWhoSpokeLast) {
+TEST_F(LiveState, Observe_GuestWithoutHost_StaysWithLastReporter) {
   for (const char* record : {"{}", R"({"host_id":""})", R"({"host_id":null})", R"({"host_id":["b"]})"}) {
     host_.PutText("guest", "free", record);
     EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::shutdown, {1, 1}, "a")), Observed::kStored) << record;
@@ -198,7 +198,7 @@ TEST_F(LiveState, WhatCannotBeObserved_IsRefusedAndStoresNothing) {
   EXPECT_EQ(Text(LiveRecordKey("g")), "absent");
 }
 
-TEST_F(LiveState, OddGuestIds_HaveStatesOfTheirOwn) {
+TEST_F(LiveState, LiveState_UnusualGuestIds_HaveSeparateStates) {
   for (const std::string& id : std::vector<std::string>{"a/b", "..", ".", "%", "x\ny", {"x\0y", 3}, "ü"}) {
     host_.PutText("guest", id, R"({"host_id":"a"})");
     EXPECT_EQ(*Observe(host_.store(), id, Seen(states::running, {1, 1})), Observed::kStored);
@@ -284,7 +284,7 @@ TEST_F(LiveState, Epochs_OnlyRise) {
   EXPECT_EQ(StartEpoch(host_.store(), std::string(1 << 20, 'h'), now).error().code(), ErrorCode::kInvalid);
 }
 
-TEST_F(LiveState, EightObserversAtOnce_TheNewestHolds) {
+TEST_F(LiveState, Observe_EightConcurrent_NewestWins) {
   constexpr int kEach = 25;
   Sequencer sequencer(3);
   std::atomic<int> errors{0};
@@ -294,7 +294,7 @@ TEST_F(LiveState, EightObserversAtOnce_TheNewestHolds) {
       threads.emplace_back([&] {
         for (int n = 0; n < kEach; ++n) {
           const Sequence sequence = sequencer.Next();
-          // The state follows from the sequence, so that the stored one tells which observation it was.
+          // The state follows from the sequence, so that the stored one shows which observation it was.
           const char* state = sequence.counter % 2 == 0 ? states::running : states::shutdown;
           if (!Observe(host_.store(), "g", Seen(state, sequence))) ++errors;
         }
@@ -321,7 +321,7 @@ void ObserveInWorker(const char* folder, std::uint64_t worker) {
 }
 
 // Each process runs this test as well, with the store in its environment.
-TEST(LiveStateProcesses, TwoProcessesAtOnce_TheNewestHoldsAndTheStateNeverGoesBack) {
+TEST(LiveStateProcesses, Observe_TwoProcesses_NewestWinsAndStateNeverRegresses) {
   if (const char* folder = std::getenv(kStoreVariable)) {
     return ObserveInWorker(folder, std::strtoull(std::getenv(kWorkerVariable), nullptr, 10));
   }

@@ -69,7 +69,7 @@ TEST_F(ShutdownReasons, RecordsMembers_AreReplaced) {
   EXPECT_EQ(Shown(), "2");
 }
 
-TEST_F(ShutdownReasons, DamagedReason_IsNone) {
+TEST_F(ShutdownReasons, ShutdownReason_Damaged_CountsAsMissing) {
   Tell(states::shutdown);
   for (const char* live : {"{", "[]", "7", R"({"shutdown":[]})", R"({"shutdown":{"value":17}})",
                            R"({"shutdown":{"value":-1}})", R"({"shutdown":{"value":"9"}})", R"({"shutdown":{}})"}) {

@@ -94,7 +94,7 @@ TEST(StateDocs, EachConstant_HasOneRow) {
   for (const std::string& constant : documented) EXPECT_TRUE(constants.contains(constant)) << constant;
 }
 
-TEST(StateDocs, EachRow_NamesSourcesThatNameTheConstantOrWorkToCome) {
+TEST(StateDocs, StateDocs_EachRow_NamesSourcesThatContainTheConstant) {
   for (const Row& row : StateRows()) {
     const std::string name = row.constant.substr(row.constant.rfind(':') + 1);
     if (row.maker.starts_with(" later: ")) continue;

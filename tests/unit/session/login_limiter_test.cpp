@@ -141,7 +141,7 @@ TEST_F(LoginLimiterTest, OptionsBelowOne_CountAsOne) {
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.2", "bob"), 1);
 }
 
-TEST_F(LoginLimiterTest, DefaultClock_LimitsAsWell) {
+TEST_F(LoginLimiterTest, Limiter_DefaultClock_Limits) {
   options_.now = nullptr;
   options_.refill = std::chrono::hours(1);
   LoginLimiter limiter(options_);
@@ -149,7 +149,7 @@ TEST_F(LoginLimiterTest, DefaultClock_LimitsAsWell) {
   EXPECT_GT(limiter.Begin("192.0.2.1", "alice"), std::chrono::minutes(50));
 }
 
-TEST_F(LoginLimiterTest, EightThreads_FailAtOnce_GetTheBurstTogether) {
+TEST_F(LoginLimiterTest, Limiter_EightThreads_ShareTheBurst) {
   LoginLimiter limiter(options_);
   std::atomic<int> allowed{0};
   std::vector<std::thread> threads;

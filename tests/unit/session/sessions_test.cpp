@@ -117,7 +117,7 @@ TEST_F(SessionsTest, Find_UnknownOrMalformed_IsEmpty) {
   EXPECT_EQ(UserOf(*table, alice.token), "alice");
 }
 
-TEST_F(SessionsTest, CheckCsrf_OwnAndAnothers_AreToldApart) {
+TEST_F(SessionsTest, CheckCsrf_OtherSessionsToken_IsRefused) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   const NewSession other = Create(*table, "alice");
@@ -128,7 +128,7 @@ TEST_F(SessionsTest, CheckCsrf_OwnAndAnothers_AreToldApart) {
   EXPECT_FALSE(table->CheckCsrf(alice.token, alice.csrf_token)) << "of an expired session";
 }
 
-TEST_F(SessionsTest, CheckCsrf_OverAndOver_IsNoUse) {
+TEST_F(SessionsTest, CheckCsrf_Repeated_DoesNotCountAsUse) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   now_ += options_.idle.count() - 1;
@@ -146,7 +146,7 @@ TEST_F(SessionsTest, Create_ImpossibleUser_IsInvalid) {
   EXPECT_EQ(table->size(), 0u);
 }
 
-TEST_F(SessionsTest, End_LiveSession_IsGoneForGood) {
+TEST_F(SessionsTest, End_LiveSession_IsRemovedPermanently) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   const NewSession other = Create(*table, "alice");
@@ -209,10 +209,10 @@ TEST_F(SessionsTest, Idle_UsedInTime_LivesOn) {
   }
   now_ += options_.idle.count();
   EXPECT_FALSE(table->Find(alice.token));
-  EXPECT_FALSE(table->End(alice.token)) << "an expired session is none";
+  EXPECT_FALSE(table->End(alice.token)) << "an expired session does not count";
 }
 
-TEST_F(SessionsTest, Absolute_UsedAllTheTime_EndsAllTheSame) {
+TEST_F(SessionsTest, AbsoluteTimeout_ContinuousUse_StillExpires) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   for (int i = 0; i < 719; ++i) {
@@ -334,7 +334,7 @@ TEST_F(SessionsTest, Clock_WasFarAhead_GivesNoEndlessSession) {
   EXPECT_FALSE(table->Find(alice.token));
 }
 
-TEST_F(SessionsTest, Clock_BehindTheFile_CountsFromNow) {
+TEST_F(SessionsTest, Clock_EarlierThanFile_CountsFromNow) {
   NewSession alice;
   now_ = kStart + 1'000'000'000;
   {
@@ -483,7 +483,7 @@ TEST_F(SessionsTest, Open_ExpiredInTheFile_AreDropped) {
 TEST_F(SessionsTest, DefaultClock_IsTheSystems) {
   options_.now = nullptr;
   const auto table = Open();
-  // time(2) may still tell the last second when other clocks have begun the next.
+  // time(2) may still return the last second when other clocks have begun the next.
   const auto now = [] { return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()); };
   const std::int64_t before = now();
   const NewSession alice = Create(*table, "alice");
@@ -542,7 +542,7 @@ TEST_F(SessionsTest, EightThreads_FindWhileOthersCreateEndAndSweep_StayRight) {
   }
 }
 
-TEST_F(SessionsTest, LoginsOfOneUserAtOnce_KeepTheQuota) {
+TEST_F(SessionsTest, Create_ConcurrentLogins_RespectQuota) {
   options_.max_sessions_per_user = 4;
   const auto table = Open();
   std::vector<std::thread> threads;

@@ -109,7 +109,7 @@ TEST_F(RepositoryRecords, Add_WithoutAnId_MakesOne) {
   EXPECT_NE(first, added_);
 }
 
-TEST_F(RepositoryRecords, Add_WhatIsThere_IsRefused) {
+TEST_F(RepositoryRecords, Add_Existing_IsRefused) {
   ExpectAdded({"pool", kId, kHost});
   const std::string id = kId;
   ExpectRefused(
@@ -212,7 +212,7 @@ TEST_F(RepositoryRecords, EightAdditionsOfOneName_OneIsAccepted) {
   }
 }
 
-TEST_F(RepositoryRecords, List_HostThatIsGone_IsShownAsMissing) {
+TEST_F(RepositoryRecords, List_HostGone_IsShownAsMissing) {
   ExpectAdded({"pool", kId, kHost});
   const auto old = std::chrono::system_clock::now() - cluster::kPresenceWindow - std::chrono::seconds(60);
   const auto time = std::chrono::duration_cast<std::chrono::seconds>(old.time_since_epoch()).count();
@@ -243,7 +243,7 @@ TEST_F(RepositoryRecords, Remove_TakesEverythingOfTheRepository) {
               ElementsAre(std::string(kId) + "0"));
 }
 
-TEST_F(RepositoryRecords, Remove_StateWrittenBetweenScanAndCommit_GoesAsWell) {
+TEST_F(RepositoryRecords, Remove_StateWrittenBeforeCommit_IsRemoved) {
   ExpectAdded({"pool", kId, kHost});
   InterruptedStore store(host_.store(), [&] {
     Put(StorageKey(kId), "{}");
@@ -320,7 +320,7 @@ class UnavailableRepository : public RepositoryRecords {
   }
 };
 
-TEST_F(UnavailableRepository, List_ShowsTheLiveStateAndWhatIsNotMounted) {
+TEST_F(UnavailableRepository, List_ShowsLiveStateAndUnmountedFolders) {
   const ListedRepository listed = Only();
   EXPECT_EQ(listed.state, "repo_unavailable");
   EXPECT_EQ(VexaVirtualization::json::ToText(listed.storage),

@@ -36,7 +36,7 @@ class Hang {
   bool is_released_ = false;
 };
 
-TEST(BoundedCallsTest, Wait_ReturnsWhatTheCallDid) {
+TEST(BoundedCallsTest, Wait_CallReturns_ReturnsTrue) {
   BoundedCalls calls(seconds(60));
   const auto value = std::make_shared<int>(0);
   auto call = calls.Begin("a", [value] { *value = 7; });
@@ -44,7 +44,7 @@ TEST(BoundedCallsTest, Wait_ReturnsWhatTheCallDid) {
   EXPECT_EQ(*value, 7);
 }
 
-TEST(BoundedCallsTest, CallThatHangs_IsLeftBehindAndItsNameRefusedUntilItReturns) {
+TEST(BoundedCallsTest, Begin_HangingCall_IsAbandonedAndNameRefusedUntilReturn) {
   Hang hang;
   BoundedCalls calls(seconds(1));
   EXPECT_FALSE(calls.Begin("a", hang.Call()).Wait());
@@ -66,7 +66,7 @@ TEST(BoundedCallsTest, CallsOfOneName_RunAtTheSameTime) {
   EXPECT_TRUE(first.Wait());
 }
 
-TEST(BoundedCallsTest, Stop_LetsThoseWhoWaitGo) {
+TEST(BoundedCallsTest, Stop_ReleasesWaitingCallers) {
   Hang hang;
   BoundedCalls calls(seconds(600));
   auto call = calls.Begin("a", hang.Call());

@@ -39,7 +39,7 @@ TEST(StorageCondition, Use_HasTheStateOfTheLimitThatItHasPassed) {
   EXPECT_EQ(StateOf({Used(96, ~std::uint64_t{0} / 100)}), states::full) << "sizes near 64 bits";
 }
 
-TEST(StorageCondition, LimitThatWasPassed_CountsUntilTheUseIsTwoPointsBelowIt) {
+TEST(StorageCondition, WorstTrouble_ExceededLimit_HasTwoPointHysteresis) {
   EXPECT_EQ(StateOf({Used(94)}, states::full), states::full);
   EXPECT_EQ(StateOf({Used(93)}, states::full), states::full);
   EXPECT_EQ(StateOf({Used(92)}, states::full), states::provision_warning);
@@ -82,7 +82,7 @@ TEST(StorageCondition, Sentences_NameTheFolderAndTheReason) {
   EXPECT_THAT(reason({"/srv/a", ESTALE, false, 0, 0}), ::testing::HasSubstr("the folder '/srv/a' cannot be used"));
 }
 
-TEST(StorageCondition, Failures_AreThoseOfWhatIsBelow) {
+TEST(StorageCondition, IsFailure_DeviceErrors_AreFailures) {
   for (const int error : {EIO, ESTALE, EUCLEAN, ENOTCONN, ESHUTDOWN, ENXIO}) EXPECT_TRUE(IsFailure(error)) << error;
   for (const int error : {0, ENOENT, EACCES, ENOTDIR, ELOOP, ENFILE}) EXPECT_FALSE(IsFailure(error)) << error;
 }

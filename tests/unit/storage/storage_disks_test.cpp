@@ -57,7 +57,7 @@ TEST(DiskFileLook, File_IsFineMissingOrShort) {
   EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 5)), FileState::kShort);
   fs::resize_file(qcow2, 20);
   EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 0)), FileState::kShort) << "without its header";
-  EXPECT_EQ(LookAtFile(Disk("d", raw, true, 1)), FileState::kShort) << "it is no qcow2 image";
+  EXPECT_EQ(LookAtFile(Disk("d", raw, true, 1)), FileState::kShort) << "it is not a qcow2 image";
   EXPECT_EQ(LookAtFile(Disk("d", folder.File("none"))), FileState::kMissing);
   EXPECT_EQ(LookAtFile(Disk("d", raw + "/below")), FileState::kMissing);
   EXPECT_EQ(LookAtFile(Disk("d", folder.path())), FileState::kMissing) << "a folder";
@@ -199,7 +199,7 @@ TEST_F(DiskWatch, Qcow2Disks_AreMeasuredByTheirHeader) {
   EXPECT_EQ(StateOf("d3"), disks_are::crashed);
 }
 
-TEST_F(DiskWatch, ImageOfNoWholeMiB_IsAsLongAsItsImportSays) {
+TEST_F(DiskWatch, CheckFile_SizeNotWholeMib_MatchesImportRounding) {
   test::WriteImage(ground_.File("p/d1"));
   fs::resize_file(ground_.File("p/d1"), (2 << 20) + 512);
   PutDisk("d1", 3);
@@ -208,7 +208,7 @@ TEST_F(DiskWatch, ImageOfNoWholeMiB_IsAsLongAsItsImportSays) {
   EXPECT_EQ(StateOf("d1"), disks_are::online);
 }
 
-TEST_F(DiskWatch, StorageThatIsAway_IsTheStateOfAllItsDisksUntilItIsBack) {
+TEST_F(DiskWatch, DiskStates_StorageMissing_AllDisksShowItUntilItReturns) {
   test::WriteImage(ground_.File("p/d1"));
   PutDisk("d1");
   PutDisk("d2");
@@ -243,7 +243,7 @@ TEST_F(DiskWatch, GuestsThatNeedNoFiles_HaveDisksWithoutThem) {
   EXPECT_EQ(StateOf("d1"), disks_are::online);
 }
 
-TEST_F(DiskWatch, ManyDisks_AreLookedAtAFewAtATime) {
+TEST_F(DiskWatch, DiskStates_ManyDisks_AreCheckedInBatches) {
   constexpr std::size_t kDisks = DiskStates::kFilesPerPass + 100;
   for (std::size_t i = 0; i < kDisks; ++i) PutDisk("d" + std::to_string(10000 + i));
   auto looks = std::make_shared<std::set<std::string>>();
@@ -261,7 +261,7 @@ TEST_F(DiskWatch, ManyDisks_AreLookedAtAFewAtATime) {
   EXPECT_EQ(StateOf("d10355"), disks_are::online);
 }
 
-TEST_F(DiskWatch, DiskThatIsDeletedDuringTheLook_GetsNoState) {
+TEST_F(DiskWatch, DiskStates_DiskDeletedDuringCheck_GetsNoState) {
   test::WriteImage(ground_.File("p/d1"));
   PutDisk("d1");
   StorageOptions options = Options();
@@ -273,7 +273,7 @@ TEST_F(DiskWatch, DiskThatIsDeletedDuringTheLook_GetsNoState) {
   EXPECT_EQ(StateOf("d1"), "");
 }
 
-TEST_F(DiskWatch, FilesThatDoNotAnswer_LeaveTheStatesAsTheyWere) {
+TEST_F(DiskWatch, DiskStates_FilesNotResponding_KeepStates) {
   test::WriteImage(ground_.File("p/d1"));
   PutDisk("d1");
   StorageWatch(Options()).Refresh();

@@ -108,7 +108,7 @@ class TrailTest : public ::testing::Test {
   test::MountGround ground_{"images"};
 };
 
-TEST_F(TrailTest, Look_FindsTheFoldersThatAreThereAndTheFile) {
+TEST_F(TrailTest, Trail_ExistingFoldersAndFile_AreFound) {
   test::WriteImage(ground_.File("pool/web/disk"));
   const auto look = test::Require(LookAlong(Roots(), ground_.File("pool/web/disk")));
   EXPECT_EQ(look.folders.size(), 3u);
@@ -122,7 +122,7 @@ TEST_F(TrailTest, Look_FindsTheFoldersThatAreThereAndTheFile) {
   EXPECT_THAT(TrailAt(ground_.File("pool/web/disk")), IsEmpty());
 }
 
-TEST_F(TrailTest, Look_FollowsALinkThatIsARootAndNoneBelowIt) {
+TEST_F(TrailTest, Trail_LinkBelowRoot_IsRefused) {
   test::WriteImage(ground_.File("pool/disk"));
   fs::create_directory_symlink(ground_.path(), ground_.folder().File("link"));
   fs::create_directory_symlink("pool", ground_.File("below"));
@@ -149,7 +149,7 @@ TEST_F(TrailTest, Check_FolderMadeAgain_IsNotTheSame) {
   const TrailCheck check = CheckTrail(trail);
   EXPECT_EQ(check.outcome, Outcome::kNotMounted);
   EXPECT_THAT(check.folders, ElementsAre(ground_.File("pool")));
-  EXPECT_EQ(check.reason, "the folder '" + ground_.File("pool") + "' is not the one that its disks are in");
+  EXPECT_EQ(check.reason, "the folder '" + ground_.File("pool") + "' is not the folder that holds its disks");
 }
 
 TEST_F(TrailTest, Check_MissingFolder_IsGoneOnlyWhereItsParentIsTheSame) {
@@ -255,7 +255,7 @@ TEST_F(MountedTrailTest, Check_MountMovedElsewhere_IsNotMountedHereAndTheSameThe
   EXPECT_EQ(there.at(elsewhere.File("pool")), trail.at(ground_.File("pool")));
 }
 
-TEST_F(TrailTest, Check_FolderThatCannotBeLookedAt_IsNotMountedWithTheReason) {
+TEST_F(TrailTest, CheckTrail_UnreadableFolder_IsNotMountedWithReason) {
   Trail trail = TrailAt(ground_.File("disk"));
   const std::string too_long = ground_.File(std::string(300, 'x'));
   trail.emplace(too_long, "ino=2 fsid=1");

@@ -73,7 +73,7 @@ class StorageWatchTest : public ::testing::Test {
   Storage StorageOf(const std::string& id = kPool) {
     return test::Require(ReadStorage(*test::Require(host_.store().Read()), id));
   }
-  // As whoever asks for the repository sees it.
+  // As callers that ask for the repository see it.
   static std::string StateOf(const std::string& id = kPool) {
     std::string state;
     VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Repository, id).Get(state, VexaCCC::DB::_k::state);
@@ -98,7 +98,7 @@ class StorageWatchTest : public ::testing::Test {
   }
   std::string NotMounted() const {
     return "The storage of the repository 'pool' is not mounted: the folder '" + Root() +
-           "' is not the one that its disks are in.";
+           "' is not the folder that holds its disks.";
   }
 
   test::MountGround ground_{"images"};
@@ -294,7 +294,7 @@ TEST_F(StorageWatchTest, Refresh_RepositoryTakenFromAnotherHost_IsLearnedFromScr
   EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(ground_.File("a"))));
 }
 
-TEST_F(StorageWatchTest, Refresh_AfterAccept_LearnsWhatIsThere) {
+TEST_F(StorageWatchTest, Refresh_AfterAccept_LearnsCurrentFolders) {
   test::WriteImage(ground_.File("a/disk"));
   PutDisk("d1", ground_.File("a/disk"));
   StorageWatch watch(Options());
@@ -343,7 +343,7 @@ TEST_F(StorageWatchTest, Refresh_StoreThatFails_IsLoggedOnceAndTriedAgain) {
   EXPECT_EQ(StorageOf().folders.size(), 2u);
 }
 
-TEST_F(StorageWatchTest, Refresh_StorageAcceptedDuringTheLook_IsNotOverwritten) {
+TEST_F(StorageWatchTest, Refresh_AcceptedDuringCheck_IsNotOverwritten) {
   test::WriteImage(ground_.File("a/disk"));
   PutDisk("d1", ground_.File("a/disk"));
   StorageWatch(Options()).Refresh();
@@ -361,7 +361,7 @@ TEST_F(StorageWatchTest, Refresh_StorageAcceptedDuringTheLook_IsNotOverwritten) 
   EXPECT_THAT(Logged(), IsEmpty());
 }
 
-// A file system that does not answer: whoever looks at it opens a FIFO that nobody writes to.
+// A file system that does not answer: each check opens a FIFO that nobody writes to.
 class HangingStorageTest : public StorageWatchTest {
  protected:
   HangingStorageTest() : fifo_(ground_.folder().File("fifo")) {
@@ -392,7 +392,7 @@ class HangingStorageTest : public StorageWatchTest {
     ::close(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
     --hanging;
   }
-  // Those that hang go on; returns once they have.
+  // Lets the calls that hang continue; returns once they have.
   void Answer() {
     while (*hanging_ > 1) {
       const int writer = ::open(fifo_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
@@ -407,7 +407,7 @@ class HangingStorageTest : public StorageWatchTest {
   std::shared_ptr<std::atomic<int>> hanging_ = std::make_shared<std::atomic<int>>(1);
 };
 
-TEST_F(HangingStorageTest, Refresh_IsUnavailableAfterTheDeadlineAndOthersAreLookedAt) {
+TEST_F(HangingStorageTest, Refresh_DeadlinePasses_IsUnavailableAndOthersAreChecked) {
   StorageWatch watch(HangingOptions());
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
@@ -452,7 +452,7 @@ TEST_F(HangingStorageTest, Stop_EndsARefreshThatWaits) {
   EXPECT_EQ(*hanging_, 2) << "the thread is left behind";
 }
 
-TEST_F(StorageWatchTest, Refuse_RefusesWhatIsNotTheSameAlone) {
+TEST_F(StorageWatchTest, Refuse_OnlyChangedFolders_AreRefused) {
   test::WriteImage(ground_.File("a/disk"));
   test::WriteImage(ground_.File("b/disk"));
   PutDisk("d1", ground_.File("a/disk"));
@@ -473,11 +473,12 @@ TEST_F(StorageWatchTest, Refuse_RefusesWhatIsNotTheSameAlone) {
   const Refused refused = watch.Refuse(kPool, both, StorageUse::kExisting);
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->code, kUnavailable);
-  EXPECT_EQ(refused->reason, "The storage of the repository '" + std::string(kPool) + "' is not mounted: the folder '" +
-                                 ground_.File("a") +
-                                 "' is not the one that its disks are in. Mount it or, when it was replaced for good, "
-                                 "run 'vexa repository accept " +
-                                 kPool + "'");
+  EXPECT_EQ(refused->reason,
+            "The storage of the repository '" + std::string(kPool) + "' is not mounted: the folder '" +
+                ground_.File("a") +
+                "' is not the folder that holds its disks. Mount it or, when it was replaced for good, "
+                "run 'vexa repository accept " +
+                kPool + "'");
   EXPECT_TRUE(watch.RefuseTrail(kPool, remembered, StorageUse::kExisting));
   EXPECT_FALSE(watch.Refuse(kPool, {both[1]}, StorageUse::kExisting));
   EXPECT_FALSE(watch.Refuse(kOther, both, StorageUse::kExisting));

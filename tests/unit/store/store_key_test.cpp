@@ -62,7 +62,7 @@ TEST(Key, MakeKey_OfHostileSegments_KeepsThemInPlace) {
   EXPECT_EQ(MakeKey({}), "");
 }
 
-TEST(Key, IsKey_HoldsForWhatMakeKeyGives) {
+TEST(Key, IsKey_ResultOfMakeKey_IsTrue) {
   EXPECT_TRUE(IsKey("/a"));
   EXPECT_TRUE(IsKey(MakeKey({"", "..", "a/b", "ä"})));
   EXPECT_TRUE(IsKey("/" + std::string(kMaxKeyBytes - 1, 'k')));

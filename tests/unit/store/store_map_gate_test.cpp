@@ -11,7 +11,7 @@ namespace {
 using std::chrono::milliseconds;
 constexpr std::chrono::seconds kLong{60};
 
-TEST(MapGate, Close_NobodyInside_HasTheMapAlone) {
+TEST(MapGate, Close_GateEmpty_GetsExclusiveAccess) {
   MapGate gate;
   ASSERT_TRUE(gate.Close(milliseconds(0)));
   EXPECT_FALSE(gate.Close(milliseconds(1)));
@@ -19,7 +19,7 @@ TEST(MapGate, Close_NobodyInside_HasTheMapAlone) {
   EXPECT_TRUE(gate.Close(milliseconds(0)));
 }
 
-TEST(MapGate, Close_CallerItselfInside_FailsAtOnce) {
+TEST(MapGate, Close_CallerInside_FailsImmediately) {
   MapGate gate;
   const MapGate::Pass pass = gate.Enter();
   EXPECT_FALSE(gate.Close(kLong));
@@ -71,7 +71,7 @@ TEST(MapGate, Close_AgainstAStreamOfUsers_IsNotStarved) {
   for (std::thread& user : users) user.join();
 }
 
-TEST(MapGate, Pass_LeftOnAnotherThread_IsGivenBack) {
+TEST(MapGate, Pass_DestroyedOnOtherThread_IsReturned) {
   MapGate gate;
   MapGate::Pass pass = gate.Enter();
   std::thread other([moved = std::move(pass)]() mutable { moved.Leave(); });

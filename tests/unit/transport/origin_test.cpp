@@ -16,7 +16,7 @@ constexpr std::string_view kId = "0123456789abcdef";
 
 std::vector<std::string> FieldsOf(std::string_view user) { return OriginFields({.request_id = {}, .user = user}); }
 
-TEST(Origin, Names_ArriveAsTheyAre) {
+TEST(Origin, Origin_Names_ArriveUnchanged) {
   for (const std::string& name : {std::string("eve"), std::string("a b"), std::string(" eve "), std::string("100%41"),
                                   std::string("J\xc3\xbcrgen"), std::string("DOMAIN\\eve"), std::string("a:b,\"c\";"),
                                   std::string(kMaxActingUserBytes, '%')}) {
@@ -31,7 +31,7 @@ TEST(Origin, Names_ArriveAsTheyAre) {
   EXPECT_THAT(FieldsOf("J\xc3\xbcrgen M"), ElementsAre("X-Vexa-Acts-For: J%C3%BCrgen%20M"));
 }
 
-TEST(Origin, WhatIsNoName_IsNotTold) {
+TEST(Origin, Origin_InvalidNames_AreNotSent) {
   for (const std::string& name :
        {std::string(), std::string("a\r\nX-Evil: 1"), std::string("a\nb"), std::string("a\tb"), std::string("a\0b", 3),
         std::string("a\x7f"), std::string("\xff\xfe"), std::string(kMaxActingUserBytes + 1, 'a')}) {
@@ -39,7 +39,7 @@ TEST(Origin, WhatIsNoName_IsNotTold) {
   }
 }
 
-TEST(Origin, ValuesThatNoHostSends_NameNobody) {
+TEST(Origin, Origin_InvalidValues_NameNoUser) {
   for (const std::string& value :
        {std::string(), std::string("%"), std::string("a%4"), std::string("%zz"), std::string("%+1"), std::string("%-1"),
         std::string("% 1"), std::string("a%0d%0ab"), std::string("%00"), std::string("%7F"), std::string("%FF"),
@@ -49,7 +49,7 @@ TEST(Origin, ValuesThatNoHostSends_NameNobody) {
   EXPECT_EQ(ActingUserOf("%c3%bc"), "\xc3\xbc") << "digits of either case";
 }
 
-TEST(Origin, OnlyIdsOfTheirForm_AreTold) {
+TEST(Origin, Origin_InvalidIds_AreNotSent) {
   EXPECT_THAT(OriginFields({.request_id = kId, .user = "eve"}),
               ElementsAre("X-Vexa-Acts-For: eve", "X-Vexa-Request-Id: 0123456789abcdef"));
   for (const std::string& id : {std::string(), std::string("the-id"), std::string("0123456789ABCDEF"),

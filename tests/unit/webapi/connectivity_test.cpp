@@ -137,7 +137,7 @@ TEST_F(Connectivity, HostsThatFailOrHaveNoData_GiveNoLinks) {
   EXPECT_EQ(Map(), (Connected{{"g", 2}}));
 }
 
-TEST_F(Connectivity, InterfaceThatIsLiveOnTwoHosts_IsMarkedTwice) {
+TEST_F(Connectivity, Interface_LiveOnTwoHosts_IsMarkedTwice) {
   AddLinkedHost("h1");
   AddLinkedHost("h2");
   AddGuest("g", R"(["v"])");
@@ -158,7 +158,7 @@ TEST_F(Connectivity, UnusablePlaces_AreSkippedForTheNextHost) {
   EXPECT_EQ(Map(), (Connected{{"g", 1}}));
 }
 
-TEST_F(Connectivity, RecordsThatCannotBeUsed_SetNoBit) {
+TEST_F(Connectivity, Records_Unusable_SetNoBit) {
   AddGuest("g", R"(["unreadable","ownerless","idle","good"])");
   AddGuest("unread", R"(["v"])");
   AddGuest("bare", R"([])");
@@ -175,7 +175,7 @@ TEST_F(Connectivity, RecordsThatCannotBeUsed_SetNoBit) {
   EXPECT_EQ(Map(), (Connected{{"bare", 0}, {"g", 8}, {"stranger", 0}, {"unread", 0}}));
 }
 
-TEST_F(Connectivity, GuestThatWasNotListed_GetsAnEntryWhenItHasALink) {
+TEST_F(Connectivity, ConnectedMap_UnlistedGuestWithLink_IsAdded) {
   AddGuest("new", R"(["v"])");
   AddGuest("other", R"([])");
   Platform().ids["guest"].clear();

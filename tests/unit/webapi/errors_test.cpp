@@ -119,7 +119,7 @@ TEST_F(Errors, FormsMixed_OneMessageExtendsTheFirstHalf) {
   ExpectErrors(R"({"5":["a, b","x"],"6":["c, d",", y"]})");
 }
 
-TEST_F(Errors, MemberThatIsNoArray_IsLeftAlone) {
+TEST_F(Errors, Errors_MemberNotArray_IsUnchanged) {
   for (const char* member : {R"("text")", "null", "5", "true", R"({"0":"a"})"}) {
     errors_ = Json::Value(Json::objectValue);
     errors_["5"] = Parsed(member);
@@ -147,7 +147,7 @@ TEST_F(Errors, NullAccumulator_BecomesAnObject) {
   ExpectNoLine();
 }
 
-TEST_F(Errors, AccumulatorThatIsNotAnObject_IsLeftAlone) {
+TEST_F(Errors, Accumulator_NotObject_IsUnchanged) {
   for (const char* before : {"5", "2.5", R"("text")", "[1]", R"(["5"])", "[]", "true"}) {
     errors_ = Parsed(before);
     AppendError("a", 5, errors_);

@@ -92,7 +92,7 @@ TEST_F(Grants, GroupWithoutARecord_IsSkipped) {
   ExpectGranted("group5");
 }
 
-TEST_F(Grants, NobodyAdvanced_IsRefused) {
+TEST_F(Grants, Grants_NoAdvancedPrincipal_IsRefused) {
   ExpectRefused("utils: Cannot find valid user/group for guest [g]");
   Platform().groups.clear();
   ExpectRefused("utils: Cannot find valid user/group for guest [g]");
@@ -134,7 +134,7 @@ TEST_F(Grants, UserWithAHighNumber_IsNamedUnsigned) {
   ExpectRefused("utils: Failed to get user id [eve], [4294967294]");
 }
 
-TEST_F(Grants, UnreadableUserRecord_IsRefusedWithoutALookAtGroups) {
+TEST_F(Grants, Grants_UnreadableUserRecord_AreRefusedWithoutReadingGroups) {
   SetLevel("group7", "advanced");
   for (const int result : {-1, 1, 3}) {
     Platform().read_results["guest_admin/user/object"] = result;
@@ -143,7 +143,7 @@ TEST_F(Grants, UnreadableUserRecord_IsRefusedWithoutALookAtGroups) {
   EXPECT_EQ(Platform().hashes_made, 0);
 }
 
-TEST_F(Grants, GroupsNotTold_IsRefusedWithTheBaseLibrarysError) {
+TEST_F(Grants, Grants_GroupsUnavailable_AreRefusedWithBaseLibraryError) {
   Platform().base = Base::kNoHash;
   ExpectRefused("utils: HLIBGroupInfoHashGet failed [0x002A base.c:77]");
   Platform().base = Base::kNoKeys;
@@ -166,7 +166,7 @@ TEST_F(Grants, UnreadableGroupRecord_EndsTheSearch) {
   EXPECT_EQ(Platform().hashes_freed, 1);
 }
 
-TEST_F(Grants, GroupKeyThatIsNoNumber_IsNoGroupAndNeverGroupZero) {
+TEST_F(Grants, Grants_NonNumericGroupKey_IsNotGroupZero) {
   Platform().identifiers["1/groups/0"] = "root";
   SetLevel("root", "advanced");
   for (const char* key : {"", "x", "-1", "0x0", " 0", "7 ", "4294967296", "18446744073709551616"}) {
@@ -206,7 +206,7 @@ class GrantCount : public Grants {
   }
 };
 
-TEST_F(GrantCount, AdvancedRecordsThatHoldTheGuest_AreCounted) {
+TEST_F(GrantCount, GuestAdmin_AdvancedRecordsWithGuest_AreCounted) {
   EXPECT_EQ(GetGuestAdvUserCount("g"), 0);
   AddRecord("a", R"({"authlevel":"advanced","guests":{"g":{}}})");
   AddRecord("b", R"({"authlevel":"advanced","guests":{"other":{}}})");

@@ -42,7 +42,7 @@ class GuestDelete : public vexa::test::GuestActions {
     return response;
   }
 
-  // Nothing has been sent, told to users or taken back.
+  // Nothing has been sent, logged for users or revoked.
   static void ExpectNothingDone() {
     EXPECT_TRUE(Platform().sent.empty());
     EXPECT_TRUE(Platform().cluster_log.empty());
@@ -52,7 +52,7 @@ class GuestDelete : public vexa::test::GuestActions {
 
 // The road of a success.
 
-TEST_F(GuestDelete, RepositorysHostSucceeds_GrantsAreTakenBackAndUsersAreTold) {
+TEST_F(GuestDelete, Delete_RepositoryHostSucceeds_RevokesGrantsAndLogs) {
   ExpectNullSuccess(Delete());
   ExpectCalls({"send north/delete", "guest_delete " + kGuest, "log 3"});
   ExpectClusterLog({{"root", 3, "The virtual machine [web] has been successfully deleted."}});
@@ -75,19 +75,19 @@ TEST_F(GuestDelete, GrantsCannotBeTakenBack_IsASuccessWithALine) {
   ExpectLines({"guest: Failed to delete permission settings of guest[" + kGuest + "]."});
 }
 
-TEST_F(GuestDelete, PositiveResultOfTheGrants_IsNoFailure) {
+TEST_F(GuestDelete, Delete_PositiveGrantResult_IsNotFailure) {
   Platform().guest_delete_result = 1;
   ExpectNullSuccess(Delete());
   ExpectNoLine();
 }
 
-TEST_F(GuestDelete, GuestWithoutAName_IsDeletedAndToldSo) {
+TEST_F(GuestDelete, Delete_GuestWithoutName_SucceedsAndIsLogged) {
   Platform().records[kGuestPlace].removeMember("name");
   ExpectNullSuccess(Delete());
   ExpectClusterLog({{"root", 3, "The virtual machine [] has been successfully deleted."}});
 }
 
-TEST_F(GuestDelete, NameWithPlaceholders_IsShownAsItIs) {
+TEST_F(GuestDelete, Log_NameWithPlaceholders_IsNotExpanded) {
   Platform().records[kGuestPlace]["name"] = "%s%n%d";
   ExpectNullSuccess(Delete());
   ExpectClusterLog({{"root", 3, "The virtual machine [%s%n%d] has been successfully deleted."}});
@@ -95,7 +95,7 @@ TEST_F(GuestDelete, NameWithPlaceholders_IsShownAsItIs) {
 
 // Who may.
 
-TEST_F(GuestDelete, OrdinaryUser_IsRefusedBeforeTheIdIsLookedAt) {
+TEST_F(GuestDelete, Delete_OrdinaryUser_IsRefusedBeforeIdCheck) {
   Platform().available = {kGuest};
   for (const std::string& id : {kGuest, std::string("no uuid")}) {
     ExpectError(Delete(AsUser(Parameters(id))), 409);
@@ -105,7 +105,7 @@ TEST_F(GuestDelete, OrdinaryUser_IsRefusedBeforeTheIdIsLookedAt) {
   EXPECT_TRUE(Platform().reads.empty());
 }
 
-TEST_F(GuestDelete, WhatIsNotExactlyAdvanced_IsRefused) {
+TEST_F(GuestDelete, Delete_LevelNotExactlyAdvanced_IsRefused) {
   Platform().available = {kGuest};
   for (const int result : {0, 2, -1}) {
     Platform().advanced_result = result;
@@ -114,7 +114,7 @@ TEST_F(GuestDelete, WhatIsNotExactlyAdvanced_IsRefused) {
   ExpectNothingDone();
 }
 
-TEST_F(GuestDelete, AdvancedUserWithABadId_IsToldOfTheIdFirst) {
+TEST_F(GuestDelete, Delete_AdvancedUserWithBadId_GetsIdErrorFirst) {
   Platform().advanced_result = 1;
   ExpectError(Delete(AsUser(Parameters("short"))), 401);
   ExpectLines({R"(guest: Bad parameters, request: {"guest_id":"short"})"});

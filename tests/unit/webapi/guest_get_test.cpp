@@ -23,11 +23,11 @@ class GuestGet : public testing::Test {
  protected:
   void SetUp() override { vexa::test::ClearCapturedSyslog(); }
 
-  // Stores the guest with the members that every record has, and `further` ones.
-  void PutGuest(const std::string& further = "{}") {
+  // Stores the guest with the members that every record has, and `extra` ones.
+  void PutGuest(const std::string& extra = "{}") {
     Json::Value record = Parsed(R"({"name":"web","repository_id":"repo-1","vcpu_num":2,"vram_size":1024,
                                     "cpu_passthru":false,"use_ovmf":false,"vdisks":[],"vnics":[]})");
-    const Json::Value members = Parsed(further);
+    const Json::Value members = Parsed(extra);
     for (const std::string& name : members.getMemberNames()) record[name] = members[name];
     host_.Put("guest", kGuest, record);
   }
@@ -155,9 +155,9 @@ const Conversion kConversions[] = {
     {"IsoIsCopied", R"({"iso_images":["a",1]})", "iso_images", R"(["a",1])"},
     {"GeneralAbsent", "{}", "is_general_vm", "absent"},
     {"GeneralIsCopied", R"({"is_general_vm":"yes"})", "is_general_vm", R"("yes")"},
-    {"DisksObjectIsNone", R"({"vdisks":{"a":1}})", "vdisks", "[]"},
-    {"DisksNullIsNone", R"({"vdisks":null})", "vdisks", "[]"},
-    {"NicsTextIsNone", R"({"vnics":"x"})", "vnics", "[]"},
+    {"DisksObjectIsEmpty", R"({"vdisks":{"a":1}})", "vdisks", "[]"},
+    {"DisksNullIsEmpty", R"({"vdisks":null})", "vdisks", "[]"},
+    {"NicsTextIsEmpty", R"({"vnics":"x"})", "vnics", "[]"},
 };
 
 class GuestGetConversion : public GuestGet, public testing::WithParamInterface<Conversion> {};
@@ -177,7 +177,7 @@ TEST_P(GuestGetConversion, StoredValue_RepliesConverted) {
 INSTANTIATE_TEST_SUITE_P(Rows, GuestGetConversion, testing::ValuesIn(kConversions),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(GuestGet, RecordThatIsNoObject_RepliesTheDefaults) {
+TEST_F(GuestGet, Get_RecordNotObject_ReturnsDefaults) {
   host_.PutText("guest", kGuest, "[1,2]");
   const Json::Value reply = Reply();
   EXPECT_EQ(reply["video_card"], "cirrus");
@@ -210,7 +210,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, GuestGetDiskType,
 
 class GuestGetUnknownDiskType : public GuestGet, public testing::WithParamInterface<int> {};
 
-TEST_P(GuestGetUnknownDiskType, OneDisk_RefusesTheWholeRequestWith413) {
+TEST_P(GuestGetUnknownDiskType, Get_OneUnreadableDisk_RefusesRequestWith413) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk2 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"format":2,"type":1,"size":1})");
   host_.PutText("vdisk", kDisk2, R"({"format":2,"size":1,"type":)" + std::to_string(GetParam()) + "}");
@@ -325,7 +325,7 @@ INSTANTIATE_TEST_SUITE_P(
                     BadId{"Number", R"({"guest_id":5})"}, BadId{"Array", R"({"guest_id":["a"]})"},
                     BadId{"NoUuid", R"({"guest_id":"web"})"},
                     BadId{"Path", R"({"guest_id":"../../../../../../../../../../../etc"})"},
-                    BadId{"Format", R"({"guest_id":"%s%s%n","further":["\n",1]})"},
+                    BadId{"Format", R"({"guest_id":"%s%s%n","extra":["\n",1]})"},
                     BadId{"TooShort", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a0"})"},
                     BadId{"TooLong", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a012"})"},
                     BadId{"TrailingBlank", R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01 "})"},

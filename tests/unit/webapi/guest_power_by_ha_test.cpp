@@ -34,7 +34,7 @@ class GuestPowerByHa : public vexa::test::GuestPower {
   }
 };
 
-TEST_F(GuestPowerByHa, Hosts_AreAskedAtOnceForHalfAMinuteAndNothingElseIs) {
+TEST_F(GuestPowerByHa, PowerOffByHa_Hosts_AreCalledConcurrentlyWith30sTimeout) {
   Platform().upgrading = 1;
   Platform().guest_hosts.clear();
   EXPECT_EQ(Results(R"(["b","a"])"),

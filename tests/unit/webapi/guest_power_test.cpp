@@ -32,7 +32,7 @@ std::ostream& operator<<(std::ostream& out, const Done& row) { return out << row
 
 class GuestPowerDone : public GuestPower, public testing::WithParamInterface<Done> {};
 
-TEST_P(GuestPowerDone, Host_IsAskedAndUsersAreTold) {
+TEST_P(GuestPowerDone, Power_CallsHostAndLogs) {
   const std::string action = GetParam().action;
   ExpectNullSuccess(Control(action));
   ExpectCalls(
@@ -121,7 +121,7 @@ std::vector<HostFailure> HostFailures() {
 
 class GuestPowerFailure : public GuestPower, public testing::WithParamInterface<HostFailure> {};
 
-TEST_P(GuestPowerFailure, HostsCode_IsAnsweredAndTold) {
+TEST_P(GuestPowerFailure, Power_HostError_IsReturnedAndLogged) {
   const HostFailure& row = GetParam();
   Platform().replies["h"] = Failure(row.host_code);
   ExpectError(Control(row.action), row.answer);
@@ -150,14 +150,14 @@ TEST_F(GuestPower, UnreachableHost_IsAnsweredByTheAction) {
 
 // Names.
 
-TEST_F(GuestPower, UnknownNames_StayEmptyAndAreNoFailure) {
+TEST_F(GuestPower, Power_UnknownNames_AreEmptyAndNotFailure) {
   Platform().names.clear();
   ExpectNullSuccess(Control("poweron"));
   ExpectClusterLog({{"root", 3, "Powering on the virtual machine [] on the host []."}});
   ExpectNoLine();
 }
 
-TEST_F(GuestPower, NamesWithPlaceholders_AreShownAsTheyAre) {
+TEST_F(GuestPower, Log_NamesWithPlaceholders_AreNotExpanded) {
   Platform().names["guest/g"] = "%n%s";
   Platform().names["host/h"] = "%d\n";
   ExpectNullSuccess(Control("poweron"));
@@ -174,7 +174,7 @@ std::ostream& operator<<(std::ostream& out, const BadRequest& row) { return out 
 
 class GuestPowerBadRequest : public GuestPower, public testing::WithParamInterface<BadRequest> {};
 
-TEST_P(GuestPowerBadRequest, Stranger_IsToldOfTheParametersFirst) {
+TEST_P(GuestPowerBadRequest, Power_UserWithoutRights_GetsParameterErrorFirst) {
   const Json::Value parameters = Parsed(GetParam().parameters);
   ExpectError(Control(AsUser(parameters)), 401);
   ExpectLines({"guest_action: Bad parameters, request: " + Text(parameters)});
@@ -204,7 +204,7 @@ TEST_F(GuestPower, UserWithoutTheGrant_IsRefusedAlthoughAdvanced) {
   EXPECT_TRUE(Platform().sent.empty());
 }
 
-TEST_F(GuestPower, OrdinaryUserWithTheGrant_IsToldOfInTheirName) {
+TEST_F(GuestPower, Power_GrantedUser_IsLoggedUnderTheirName) {
   Platform().available = {"g"};
   ExpectNullSuccess(Control(AsUser(Parameters("reboot"))));
   EXPECT_EQ(Platform().calls.front(), "rights");
@@ -221,13 +221,13 @@ TEST_F(GuestPower, UnknownActions_AreInvalid) {
   ExpectNothingAsked();
 }
 
-TEST_F(GuestPower, HostIds_AreNotLookedAtByOtherActions) {
+TEST_F(GuestPower, Power_HostIds_AreIgnoredByOtherActions) {
   Json::Value parameters = Parameters("poweron");
   parameters["host_ids"] = 5;
   ExpectNullSuccess(Control(AsAdministrator(parameters)));
 }
 
-TEST_F(GuestPower, GuestIdsThatLookLikePaths_ReachTheHostAsTheyAre) {
+TEST_F(GuestPower, Power_PathLikeGuestIds_AreForwardedUnchanged) {
   for (const std::string& id : std::vector<std::string>{"../../etc/passwd", "/", "%2e%2e", "a b", "a\nb", "?x=1#y"}) {
     Platform().sent.clear();
     ExpectNullSuccess(Control(AsAdministrator(Parameters("poweron", id))));
@@ -292,7 +292,7 @@ TEST_F(GuestPower, SecondAnswer_AloneDecides) {
   ExpectNoLine();
 }
 
-TEST_F(GuestPower, HostThatCannotBeTold_IsNotSelected) {
+TEST_F(GuestPower, PowerOn_HostUnreadable_SelectsNoHost) {
   Platform().guest_hosts = {{-1, ""}};
   Platform().auto_select = true;
   ExpectError(Control("poweron"), 403);
@@ -330,7 +330,7 @@ TEST_P(GuestPowerUpgrade, GuestOfAnotherHost_IsStartedButNotStopped) {
   }
 }
 
-TEST_P(GuestPowerUpgrade, GuestOfTheLocalHost_GoesOnAsUsual) {
+TEST_P(GuestPowerUpgrade, Power_GuestOfLocalHostDuringUpgrade_Succeeds) {
   Platform().upgrading = 1;
   Platform().guest_hosts = {{0, "local"}};
   Platform().replies["local"] = Success("null");

@@ -1,4 +1,4 @@
-// GuestAction::AutoSelectHost: which host wins, and what is sent and told.
+// GuestAction::AutoSelectHost: which host wins, and what is sent and logged.
 #include "tests/unit/json/spoiled_json.h"
 #include "tests/unit/webapi/guest_action_ground.h"
 #include "webapi/guest/guest_action.h"
@@ -123,14 +123,14 @@ TEST_F(GuestSelect, Requests_GoToTheLocalHostWithoutATimeout) {
   ExpectClusterLog({});
 }
 
-TEST_F(GuestSelect, RatingFails_IsToldAndNothingIsAssigned) {
+TEST_F(GuestSelect, SelectHost_RatingFails_IsReportedAndAssignsNothing) {
   Platform().method_replies[kRate] = Failure(507);
   EXPECT_EQ(GuestAction::AutoSelectHost("g"), -1);
   ExpectCalls({std::string("send ") + kRate});
   ExpectLines({BadResponse("guest_action", 0, Failure(507))});
 }
 
-TEST_F(GuestSelect, RatingWithoutHosts_FindsNobody) {
+TEST_F(GuestSelect, SelectHost_NoHosts_FindsNone) {
   for (const char* data : {"null", "{}", "[]", "5", R"("hosts")"}) {
     Platform().calls.clear();
     Platform().method_replies[kRate] = Success(data);
@@ -138,7 +138,7 @@ TEST_F(GuestSelect, RatingWithoutHosts_FindsNobody) {
   }
 }
 
-TEST_F(GuestSelect, AssignmentFails_IsToldWithoutTheLineOfASuccess) {
+TEST_F(GuestSelect, SelectHost_AssignmentFails_LogsNoSuccess) {
   Rate(R"([{"host_id":"a","available":true}])");
   Platform().method_replies[kAssign] = Failure(900);
   EXPECT_EQ(GuestAction::AutoSelectHost("g"), -1);

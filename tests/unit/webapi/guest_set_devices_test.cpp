@@ -130,7 +130,7 @@ constexpr Message kMessages[] = {
 
 class GuestSetMessages : public vexa::test::GuestSet, public testing::WithParamInterface<Message> {};
 
-TEST_P(GuestSetMessages, WrongElement_IsToldAsItIsWritten) {
+TEST_P(GuestSetMessages, Set_InvalidElement_IsReportedVerbatim) {
   const Json::Value parameters = With(GetParam().members);
   ExpectRefused(parameters, 401, {BadParameters(GetParam().complaint, parameters)});
 }
@@ -138,7 +138,7 @@ TEST_P(GuestSetMessages, WrongElement_IsToldAsItIsWritten) {
 INSTANTIATE_TEST_SUITE_P(Rows, GuestSetMessages, testing::ValuesIn(kMessages),
                          [](const auto& test) { return std::to_string(test.index); });
 
-TEST_F(GuestSetDevices, PercentInParameters_StaysAsItIsInTheLine) {
+TEST_F(GuestSetDevices, Log_PercentInParameters_IsNotExpanded) {
   const Json::Value parameters = With(R"({"vnics_del":[{"vnic_id":"%s%n%d"}],"desc":"%n"})");
   ExpectRefused(parameters, 401, {BadParameters(R"(vincs_del[0]["vnic_id"] is invalid)", parameters)});
 }
@@ -169,14 +169,14 @@ TEST_F(GuestSetDevices, AddressInUse_IsAnsweredWithDetailsAndWithoutALine) {
   ExpectNothingDone();
 }
 
-TEST_F(GuestSetDevices, AddressThatCannotBeChecked_IsRefusedToo) {
+TEST_F(GuestSetDevices, Set_AddressCannotBeChecked_IsRefused) {
   Platform().address_check_result = -1;
   ExpectAddressInUse(Set(With(R"({"vnics_edit":[{"vnic_id":"c9a646d3-9c61-4cc7-9d21-8c3e5b7f2a10","mac":"x"}]})")),
                      R"({"mac_addr":"x"})");
   ExpectNoLine();
 }
 
-TEST_F(GuestSetDevices, AddressOfTheFirst_IsRefusedBeforeWhatIsWrongWithTheSecond) {
+TEST_F(GuestSetDevices, Set_InvalidAddressOfFirstNic_IsReportedBeforeSecond) {
   Platform().address_check_result = 1;
   for (const char* list : {"vnics_add", "vnics_edit"}) {
     Json::Value nics(Json::arrayValue);
@@ -188,7 +188,7 @@ TEST_F(GuestSetDevices, AddressOfTheFirst_IsRefusedBeforeWhatIsWrongWithTheSecon
   }
 }
 
-TEST_F(GuestSetDevices, WhatIsWrongWithTheFirst_IsRefusedBeforeAnyAddressIsAskedFor) {
+TEST_F(GuestSetDevices, Set_FirstNicInvalid_IsRefusedBeforeAddressCheck) {
   Platform().address_check_result = 1;
   const Json::Value parameters =
       With(R"({"vnics_add":[{"prefer_sriov":true,"mac":"x"},{"prefer_sriov":true,"vnic_type":1,"mac":"x"}]})");
@@ -221,7 +221,7 @@ TEST_F(GuestSetDevices, AddressOfAnyType_IsAskedForAsText) {
   }
 }
 
-TEST_F(GuestSetDevices, MissingMembers_AreNotMade) {
+TEST_F(GuestSetDevices, Set_MissingMembers_AreNotAdded) {
   const char* members =
       R"({"vnics_add":[{"prefer_sriov":true,"vnic_type":1}],
           "vnics_edit":[{"vnic_id":"c9a646d3-9c61-4cc7-9d21-8c3e5b7f2a10"}]})";
@@ -234,7 +234,7 @@ TEST_F(GuestSetDevices, TypeAsAWholeRealNumber_CountsAsAnInteger) {
   ExpectEdited(Set(With(R"({"vnics_add":[{"prefer_sriov":true,"vnic_type":2.0}]})")));
 }
 
-TEST_F(GuestSetDevices, TypeBeyond32Bits_IsNoInteger) {
+TEST_F(GuestSetDevices, VnicType_Beyond32Bits_IsNotInteger) {
   const Json::Value parameters = With(R"({"vnics_add":[{"prefer_sriov":true,"vnic_type":2147483648}]})");
   ExpectRefused(parameters, 401, {BadParameters(R"(vincs_add[0]["vinc_type"] is not int)", parameters)});
 }
@@ -256,7 +256,7 @@ TEST_F(GuestSetDevices, Sizes_AreMultipliedIn64Bits) {
   }
 }
 
-TEST_F(GuestSetDevices, SizesThatAreNone_AreRefused) {
+TEST_F(GuestSetDevices, Set_InvalidSizes_AreRefused) {
   for (const char* size : {"0", "-1", "0.9", "-2.5", "\"20\"", "null", "false", "[]", "{}", "2147483648", "4294967297",
                            "-9223372036854775808", "18446744073709551615", "1e300"}) {
     const Json::Value parameters = With(std::string(R"({"vdisks_add":[{"vdisk_size":)") + size + "}]}");
@@ -272,7 +272,7 @@ TEST_F(GuestSetDevices, SizesInTheOrder_AreNotMultiplied) {
 }
 
 // Lists are checked in a fixed order, and before images, and those before USB.
-TEST_F(GuestSetDevices, SeveralWrongLists_TheFirstInOrderIsTold) {
+TEST_F(GuestSetDevices, Set_SeveralInvalidLists_FirstIsReported) {
   Json::Value parameters = With(R"({"iso_images":[5],"usb_version":9})");
   for (const char* list : kLists) parameters[list].append(Json::Value());
   for (const char* list : kLists) {
@@ -319,7 +319,7 @@ TEST_F(GuestSetDevices, FirstBadImage_DecidesBetweenItsForms) {
   }
 }
 
-TEST_F(GuestSetDevices, ImageThatIsNoText_IsNotAskedForAsItsText) {
+TEST_F(GuestSetDevices, Set_ImageNotText_IsNotLookedUp) {
   Platform().image_ids = {"5", "true", ""};
   for (const char* images : {"[5]", "[true]", "[null]", "[[]]"}) {
     const Json::Value parameters = With("iso_images", Parsed(images));
@@ -330,7 +330,7 @@ TEST_F(GuestSetDevices, ImageThatIsNoText_IsNotAskedForAsItsText) {
 
 // USB.
 
-TEST_F(GuestSetDevices, UsbVersion_IsComparedWithoutASignAndToldWithOne) {
+TEST_F(GuestSetDevices, UsbVersion_Negative_ComparedUnsignedAndReportedSigned) {
   for (const int version : {0, 1, 2, 3}) {
     SetUp();
     ExpectEdited(Set(With("usb_version", version)));
@@ -342,7 +342,7 @@ TEST_F(GuestSetDevices, UsbVersion_IsComparedWithoutASignAndToldWithOne) {
   }
 }
 
-TEST_F(GuestSetDevices, UsbDevices_AreSentAsTheyCame) {
+TEST_F(GuestSetDevices, Set_UsbDevices_AreForwardedUnchanged) {
   const char* members = R"({"usbs":[null,{"a":[]},"x",-1,[[]]]})";
   ExpectEdited(Set(With(members)));
   ExpectOrder("south", members);

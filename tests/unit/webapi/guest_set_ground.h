@@ -61,7 +61,7 @@ class GuestSet : public GuestActions {
     return "guest: Bad parameters (" + what + "), request: " + Text(parameters);
   }
 
-  // Nothing has been sent, told to users or set.
+  // Nothing has been sent, logged for users or set.
   static void ExpectNothingDone() {
     EXPECT_TRUE(Platform().sent.empty());
     EXPECT_TRUE(Platform().cluster_log.empty());
@@ -85,7 +85,7 @@ class GuestSet : public GuestActions {
   }
   static void ExpectOrder(const std::string& host, const std::string& members) { ExpectOrderOf(host, Parsed(members)); }
 
-  // Everything went well: rights were set once after the host, and users were told.
+  // Everything went well: rights were set once after the host, and the cluster log has the line.
   static void ExpectEdited(const VEXA::APIResponse& response, const std::string& user = "root") {
     ExpectNullSuccess(response);
     EXPECT_EQ(Platform().guest_sets.size(), 1u);

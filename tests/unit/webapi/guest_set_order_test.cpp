@@ -51,7 +51,7 @@ TEST_F(GuestSetOrder, OneListAmongEmptyOnes_IsForTheRepositorysHost) {
   }
 }
 
-TEST_F(GuestSetOrder, UnknownRepositoryHost_IsToldAndAnEmptyHostAsked) {
+TEST_F(GuestSetOrder, Set_UnknownRepositoryHost_IsLoggedAndEmptyHostCalled) {
   Platform().conf_results["repo_host/" + kGuest] = -1;  // and hands out a host all the same
   ExpectError(Set(WithDisks()), 909);
   EXPECT_EQ(Asked(), "");
@@ -60,13 +60,13 @@ TEST_F(GuestSetOrder, UnknownRepositoryHost_IsToldAndAnEmptyHostAsked) {
   ExpectClusterLog({{"root", 1, "Failed to edit the virtual machine [web] due to internal read/write error."}});
 }
 
-TEST_F(GuestSetOrder, PositiveResultOfTheLookUp_IsAFailure) {
+TEST_F(GuestSetOrder, Set_PositiveLookUpResult_IsFailure) {
   Platform().conf_results["repo_host/" + kGuest] = 1;
   ExpectError(Set(WithDisks()), 909);
   EXPECT_EQ(Asked(), "");
 }
 
-TEST_F(GuestSetOrder, UnknownRepositoryHost_IsReplacedByWhateverComesLater) {
+TEST_F(GuestSetOrder, Set_UnknownRepositoryHost_LaterErrorTakesPrecedence) {
   Platform().conf_results["repo_host/" + kGuest] = -1;
   Platform().replies[""] = Success("null");
   ExpectEdited(Set(WithDisks()));
@@ -119,7 +119,7 @@ TEST_F(GuestSetOrder, HyperV_NeedsTheHostsProcessor) {
 
 // Names.
 
-TEST_F(GuestSetOrder, NewName_IsCheckedSentAndTold) {
+TEST_F(GuestSetOrder, Set_NewName_IsCheckedSentAndLogged) {
   ExpectNullSuccess(Set(With(R"({"name":"shop"})")));
   ExpectOrder("south", R"({"name":"shop"})");
   EXPECT_EQ(Platform().asked_names, std::vector<std::string>{"guest/shop"});
@@ -149,13 +149,13 @@ TEST_F(GuestSetOrder, TakenName_IsAnsweredWithTheConflictAndTwoLines) {
   ExpectRefused(With(R"({"name":"shop"})"), 406, {"utils: [shop] name conflict.", "guest: Guest name[shop] conflict."});
 }
 
-TEST_F(GuestSetOrder, NameThatCannotBeChecked_IsAnsweredSo) {
+TEST_F(GuestSetOrder, NameConflict_Unreadable_IsReported) {
   Platform().conflict_result = -1;
   ExpectRefused(With(R"({"name":"a%s"})"), 403,
                 {"utils: Failed to check name conflict.", "guest: Guest name[a%s] conflict."});
 }
 
-TEST_F(GuestSetOrder, UnknownPreviousName_IsToldAndADash) {
+TEST_F(GuestSetOrder, Set_UnknownPreviousName_IsLoggedAsDash) {
   Platform().names.clear();
   const std::string line = "guest: Failed to get guest [" + kGuest + "] original name.";
   ExpectNullSuccess(Set(With(R"({"name":"shop"})")));
@@ -178,7 +178,7 @@ TEST_F(GuestSetOrder, EmptyPreviousName_IsAName) {
   ExpectClusterLog({{"root", 3, "The virtual machine [] has been successfully edited."}});
 }
 
-TEST_F(GuestSetOrder, NamesWithPlaceholders_AreShownAsTheyAre) {
+TEST_F(GuestSetOrder, Log_NamesWithPlaceholders_AreNotExpanded) {
   Platform().names["guest/" + kGuest] = "%s%n";
   ExpectNullSuccess(Set(With(R"({"name":"%d%x"})")));
   ExpectClusterLog({{"root", 3, "The virtual machine [%s%n] has been successfully edited and renamed to [%d%x]."}});
@@ -194,7 +194,7 @@ TEST_F(GuestSetOrder, Success_IsReachedStepByStep) {
       {"rights", "name guest/" + kGuest, "conflict guest/shop", "send north/set", "guest_set " + kGuest, "log 3"});
 }
 
-TEST_F(GuestSetOrder, WhatIsWrongEarlier_IsToldAndNothingElse) {
+TEST_F(GuestSetOrder, Set_SeveralErrors_OnlyFirstIsReported) {
   Platform().conflict_result = 1;
   Platform().conf_results["repo_host/" + kGuest] = -1;
   Json::Value parameters = WithDisks();
@@ -225,7 +225,7 @@ TEST_F(GuestSetOrder, WhatIsWrongEarlier_IsToldAndNothingElse) {
                 {NoRepositoryHost(), BadParameters(R"(vdisks_add[0]["vdisk_size"] <= 0)", parameters)});
 }
 
-TEST_F(GuestSetOrder, FormIsWrong_NothingIsAskedOfAnybody) {
+TEST_F(GuestSetOrder, Set_MalformedRequest_MakesNoCalls) {
   const Json::Value parameters = With(R"({"vcpu_num":"x"})");
   ExpectRefused(parameters, 401, {BadParameters(parameters)});
   ExpectCalls({});

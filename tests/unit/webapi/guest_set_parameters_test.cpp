@@ -20,7 +20,7 @@ struct Known {
   const char* check;   // "": any; "uuid"; "text": not empty
   const char* rights;  // "all": who was granted the guest may; "none": may not; "empty": only an empty list
   const char* valid;   // one more value that is fine
-  // Of lists: what is said of an element that is no object, at index 0.
+  // For lists: the complaint about an element that is not an object, at index 0.
   const char* complaint;
 };
 
@@ -205,7 +205,7 @@ class GuestSetParameters : public vexa::test::GuestSet, public testing::WithPara
   }
 };
 
-TEST_P(GuestSetParameters, EachValueByEachCaller_IsAnsweredSentAndToldAsItMust) {
+TEST_P(GuestSetParameters, Set_EachValueAndCaller_GivesExpectedReplyRequestAndLog) {
   int edited = 0;
   for (const Role role : kRoles) {
     Check(nullptr, role);
@@ -232,7 +232,7 @@ Json::Value Everything() {
   return parameters;
 }
 
-TEST_F(GuestSetWhole, EverythingAtOnce_IsSentAsItCame) {
+TEST_F(GuestSetWhole, Set_AllParameters_AreForwardedUnchanged) {
   for (const Role role : {Role::kAdministrator, Role::kAdvanced}) {
     SetUp();
     const Json::Value parameters = Everything();
@@ -248,7 +248,7 @@ TEST_F(GuestSetWhole, EverythingAtOnce_IsSentAsItCame) {
   }
 }
 
-TEST_F(GuestSetWhole, EverythingAtOnceByOthers_IsRefused) {
+TEST_F(GuestSetWhole, Set_AllParametersWithoutRights_IsRefused) {
   for (const Role role : {Role::kGranted, Role::kStranger}) {
     ExpectError(Set(Everything(), role), 409);
     ExpectLines({"guest: Action on guest[" + kGuest + "] is not allowed from user[eve]"});
@@ -273,7 +273,7 @@ TEST_F(GuestSetWhole, EverythingButOne_IsSentWithoutIt) {
   }
 }
 
-TEST_F(GuestSetWhole, MembersThatAreNoParameters_AreIgnored) {
+TEST_F(GuestSetWhole, Set_UnknownMembers_AreIgnored) {
   ExpectEdited(Set(With(R"({"host_id":"x","type":[],"api":"VEXA.Other","method":"delete","version":9,"":1})")));
   ExpectOrder("south", "{}");
 }
@@ -293,20 +293,20 @@ TEST_F(GuestSetWhole, AFittingGrantWithAllItAllows_IsSent) {
   EXPECT_TRUE(Platform().conf_reads.empty()) << "empty lists of disks need no repository";
 }
 
-TEST_F(GuestSetWhole, EmptyListsOfAnythingElse_AreNoPartOfAGrant) {
+TEST_F(GuestSetWhole, Set_EmptyListsOutsideGrant_AreRefused) {
   for (const char* name : {"vnics_add", "vnics_del", "vnics_edit", "guest_privilege", "usbs"}) {
     ExpectError(Set(With(name, Json::Value(Json::arrayValue)), Role::kGranted), 409);
     ExpectNothingDone();
   }
 }
 
-TEST_F(GuestSetWhole, GrantsThatCannotBeRead_AreNone) {
+TEST_F(GuestSetWhole, Grants_Unreadable_CountAsNone) {
   Platform().available_result = -1;
   ExpectError(Set(With("{}"), Role::kGranted), 409);
   ExpectNothingDone();
 }
 
-TEST_F(GuestSetWhole, WhatIsNotExactlyAdvanced_IsAsOthers) {
+TEST_F(GuestSetWhole, Set_LevelNotExactlyAdvanced_IsTreatedAsOrdinary) {
   for (const int result : {0, 2, -1}) {
     Platform().advanced_result = result;
     VEXA::APIRequest request = AsUser(With(R"({"desc":""})"));
@@ -316,7 +316,7 @@ TEST_F(GuestSetWhole, WhatIsNotExactlyAdvanced_IsAsOthers) {
   }
 }
 
-TEST_F(GuestSetWhole, AdvancedUserWithoutAGrant_IsNotAskedForOne) {
+TEST_F(GuestSetWhole, AdvancedUser_WithoutGrant_IsPermitted) {
   ExpectEdited(Set(With(R"({"vcpu_num":3})"), Role::kAdvanced), "eve");
   EXPECT_EQ(Platform().rights_calls, 1);
 }

@@ -1,4 +1,4 @@
-// Guest::Set: what is answered and told for each answer of the host.
+// Guest::Set: what is answered and logged for each answer of the host.
 #include "tests/unit/json/spoiled_json.h"
 #include "tests/unit/webapi/guest_set_ground.h"
 
@@ -63,7 +63,7 @@ class GuestSetReport : public vexa::test::GuestSet {
 
 class GuestSetHostCodes : public GuestSetReport, public testing::WithParamInterface<HostCode> {};
 
-TEST_P(GuestSetHostCodes, HostsCode_IsAnsweredLoggedAndTold) {
+TEST_P(GuestSetHostCodes, Set_HostError_IsReturnedAndLogged) {
   for (const Role role : {Role::kAdministrator, Role::kGranted}) {
     for (const char* message : {"null", "\"why\"", R"({"pin_reserved":false,"h1":1})", "[]"}) {
       SetUp();
@@ -76,7 +76,7 @@ TEST_P(GuestSetHostCodes, HostsCode_IsAnsweredLoggedAndTold) {
   }
 }
 
-TEST_P(GuestSetHostCodes, WithoutAPreviousName_ADashIsTold) {
+TEST_P(GuestSetHostCodes, Set_WithoutPreviousName_LogsDash) {
   Platform().names.clear();
   HostFails(GetParam().code);
   ExpectError(Set(With(R"({"name":"shop"})")), GetParam().answer);
@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(Codes, GuestSetHostCodes, testing::ValuesIn(kCodes), []
   return test.param.code < 0 ? std::string("negative") : std::to_string(test.param.code);
 });
 
-TEST_F(GuestSetReport, RefusedNewName_IsToldByThePreviousOne) {
+TEST_F(GuestSetReport, Set_NewNameRefused_LogsPreviousName) {
   HostFails(932);
   ExpectError(Set(With(R"({"name":"shop"})")), 930);
   ExpectClusterLog({{"root", 1, "Failed to edit the virtual machine [web] due to iso images update failure."}});
@@ -99,7 +99,7 @@ TEST_F(GuestSetReport, RefusedNewName_IsToldByThePreviousOne) {
 
 // Reservations that failed after the edit.
 
-TEST_F(GuestSetReport, HostsThatReserveNothing_AreNamedAndRightsLeftAlone) {
+TEST_F(GuestSetReport, Set_HostsReserveNothing_AreNamedAndRightsUnchanged) {
   Platform().names["host/h1"] = "one";
   Platform().names["host/h3"] = "%s three";
   const Json::Value reply = HostFails(1503, R"({"h3":{},"h2":true,"h1":null})");
@@ -187,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, GuestSetParts, testing::ValuesIn(kParts),
                          [](const auto& test) { return std::string(test.param.name); });
 
 // Whatever a host replies, there is at most one line, and rights are set after a success only.
-TEST_F(GuestSetReport, AnyReply_IsTakenAsItIs) {
+TEST_F(GuestSetReport, Set_AnyReply_LogsAtMostOnceAndSetsRightsOnlyOnSuccess) {
   for (const int code : {1503, 2101, 932}) {
     Json::Value reply = Failure(code);
     reply["error"]["message"] = Parsed(R"({"pin_reserved":false,"h1":true})");

@@ -25,7 +25,7 @@ std::vector<Rule> Rules(const Json::Value& privileges) {
 }
 std::vector<Rule> Rules(const char* text) { return Rules(Parsed(text)); }
 
-TEST(GuestAdminRules, WholeElement_IsTaken) {
+TEST(GuestAdminRules, Rules_CompleteElement_IsUsed) {
   EXPECT_EQ(Rules(R"([{"uid":1026,"allow":true,"type":"use","name":"eve"}])"),
             (std::vector<Rule>{{"users", "use", "eve", "", 1026, true}}));
   EXPECT_EQ(Rules(R"([{"gid":100,"allow":false,"type":"use","name":"team"}])"),
@@ -40,13 +40,13 @@ TEST(GuestAdminRules, EmptyElement_IsAboutGroup0) {
   EXPECT_EQ(Rules("[{}]"), (std::vector<Rule>{{"groups", "", "", "", 0, false}}));
 }
 
-TEST(GuestAdminRules, ElementThatIsNoObject_IsAsAnEmptyOne) {
+TEST(GuestAdminRules, Rules_ElementNotObject_CountsAsEmpty) {
   for (const char* text : {"[null]", "[5]", "[\"uid\"]", "[true]", "[[]]", "[[{\"uid\":1}]]", "[2.5]"}) {
     EXPECT_EQ(Rules(text), (std::vector<Rule>{{"groups", "", "", "", 0, false}})) << text;
   }
 }
 
-TEST(GuestAdminRules, WhatIsNoArray_HasNoRules) {
+TEST(GuestAdminRules, Rules_NotArray_AreEmpty) {
   for (const char* text : {"null", "{}", R"({"uid":1})", "5", "\"x\"", "true", "2.5", "[]"}) {
     EXPECT_TRUE(Rules(text).empty()) << text;
   }
@@ -126,7 +126,7 @@ TEST(GuestAdminRules, TypeAndName_AreReadAsTexts) {
   }
 }
 
-TEST(GuestAdminRules, AnyJson_IsConvertedAndStaysAsItIs) {
+TEST(GuestAdminRules, Rules_AnyJson_IsConvertedWithoutChange) {
   Json::Value privileges = Parsed(R"([{"uid":1026,"gid":1,"allow":true,"type":"use","name":"eve"},{"gid":2}])");
   vexa::test::ForEachSpoiled(privileges, [&] {
     const std::string before = Text(privileges);
@@ -161,7 +161,7 @@ TEST_F(GuestSetRights, WithoutRules_TheyAreAppliedAllTheSame) {
   }
 }
 
-TEST_F(GuestSetRights, Failure_IsToldWithTheUsers) {
+TEST_F(GuestSetRights, Rules_Failure_NamesTheUsers) {
   Platform().guest_set_result = -1;
   Platform().guest_set_failures = {"eve", "%s", "team"};
   ExpectError(Set(With(R"({"name":"shop","guest_privilege":[{"uid":7}]})")), 1001);
@@ -172,14 +172,14 @@ TEST_F(GuestSetRights, Failure_IsToldWithTheUsers) {
   EXPECT_EQ(Platform().sent.size(), 1u) << "the edit stays";
 }
 
-TEST_F(GuestSetRights, FailureOfNobodyNamed_HasAnEmptyList) {
+TEST_F(GuestSetRights, Rules_FailureWithoutNames_HasEmptyList) {
   Platform().guest_set_result = -5;
   ExpectError(Set(With("{}"), vexa::test::Role::kGranted), 1001);
   ExpectClusterLog(
       {{"eve", 1, "Failed to configure permission settings for the user [] on the virtual machine [web]."}});
 }
 
-TEST_F(GuestSetRights, PositiveResult_IsNoFailure) {
+TEST_F(GuestSetRights, Rules_PositiveResult_IsNotFailure) {
   Platform().guest_set_result = 1;
   Platform().guest_set_failures = {"eve"};
   ExpectEdited(Set(With("{}")));

@@ -195,7 +195,7 @@ class GuestStateInAll : public vexa::test::StateLibrary {
   int checked_ = 0;
 };
 
-TEST_F(GuestStateInAll, Situations_AreShownAsTheRulesSay) { CheckAll(Oracle, 1); }
+TEST_F(GuestStateInAll, GuestState_EachSituation_MatchesRules) { CheckAll(Oracle, 1); }
 
 TEST_F(GuestStateInAll, SituationsWhileUpgrading_AreFrozen) {
   Platform().upgrading = 1;

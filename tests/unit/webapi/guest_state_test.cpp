@@ -61,7 +61,7 @@ class GuestState : public vexa::test::StateLibrary {
   std::string state_, ui_state_, type_, reason_;
 };
 
-TEST_F(GuestState, Dashboard_IsReadyUnlessTheStatusSaysInaccessible) {
+TEST_F(GuestState, Dashboard_IsReadyUnlessStatusIsInaccessible) {
   EXPECT_TRUE(IsDashboardReady());
   SetDashboard("etcd_healthy");
   EXPECT_TRUE(IsDashboardReady());
@@ -125,7 +125,7 @@ TEST_F(GuestState, RepositoryHostUnknown_OnlyWhenNegative) {
   }
 }
 
-TEST_F(GuestState, RepositoryOnAnotherHost_IsFrozenWithoutAnotherLook) {
+TEST_F(GuestState, State_RepositoryOnOtherHost_IsFrozenWithoutSecondCheck) {
   for (const char* host : {"other", "", "Local"}) {
     Platform().repo_hosts["g"] = host;
     Platform().conf_states["g"] = Guest::running;
@@ -207,7 +207,7 @@ TEST_F(GuestState, UnreadableRepository_CountsAsOneInNoState) {
 
 TEST_F(GuestState, LostGuest_IsDoneWithOnlyWhereTheRepositoryCanBeRead) {
   connected_["g"] = 0;
-  // A platform that holds lost guests to be live tells whether they are looked at any further.
+  // A platform that considers lost guests live shows whether anything else is checked.
   Platform().more_online_states = {Guest::crashed, Guest::inaccessible};
   for (const char* lost : {Guest::crashed, Guest::inaccessible}) {
     SetRepository(Repo::online);

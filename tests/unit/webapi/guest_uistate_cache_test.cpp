@@ -64,7 +64,7 @@ TEST_F(GuestStatusCache, StatusFromJson_NeedsAllThreeTexts) {
   });
 }
 
-TEST_F(GuestStatusCache, StatusFromJson_StopsAtTheFirstThatIsMissing) {
+TEST_F(GuestStatusCache, StatusFromJson_StopsAtFirstMissingMember) {
   GuestUIStatus status("old");
   EXPECT_FALSE(status.FromJson(Parsed(R"({"guest_id":"g","status_type":"t"})")));
   EXPECT_EQ(status.guest_id + status.status + status.status_type, "grunninghealthy");
@@ -198,7 +198,7 @@ TEST_F(GuestStatusCache, BadElements_AreSkippedQuietly) {
   ExpectNoLine();
 }
 
-TEST_F(GuestStatusCache, Dictionary_IsWhatIsCachedWithoutWaiting) {
+TEST_F(GuestStatusCache, Dictionary_ReturnsCachedValueWithoutWaiting) {
   Platform().cached = Parsed(R"({"guests":[)" + Status("a", "s1", "t1") + "," + Status("b", "s2", "t2") + "," +
                              Status("a", "s3", "t3") + "]}");
   std::map<std::string, UIState> dict = {{"b", {"old", "old"}}, {"kept", {"k", "k"}}};

@@ -78,7 +78,7 @@ void PrintTo(const GroupRow& row, std::ostream* out) {
 
 class HaGroupRows : public HaGroup, public testing::WithParamInterface<GroupRow> {};
 
-TEST_P(HaGroupRows, Group_IsShownAsTheRulesSay) {
+TEST_P(HaGroupRows, HaGroup_EachSituation_MatchesRules) {
   Platform().ha_states["g"] = GetParam().state;
   Platform().ha_errors["g"] = GetParam().failure;
   if (GetParam().is_warned) Warn();

@@ -71,7 +71,7 @@ TEST_F(HaWarnings, HealthyHosts_HaveARecordEachAndNoReason) {
   ExpectNoLine();
 }
 
-TEST_F(HaWarnings, OutputThatIsNoArray_WritesLine869AndNothingElse) {
+TEST_F(HaWarnings, Ha_OutputNotArray_LogsOnlyLine869) {
   for (const char* output : {"null", "5", R"("x")", R"({"a":1})"}) {
     reason_ = "untouched";
     hosts_ = Parsed(output);
@@ -104,7 +104,7 @@ TEST_F(HaWarnings, UnreadableHost_IsInaccessibleAndNameless) {
   EXPECT_EQ(hosts_[0]["host_name"], "name of h1");
   EXPECT_EQ(hosts_[1]["ha_host_status"], Host::inaccessible);
   EXPECT_EQ(hosts_[1]["host_name"], "unknown");
-  // That is no reason.
+  // That is not a reason.
   EXPECT_EQ(reason_, "");
 }
 
@@ -266,7 +266,7 @@ TEST_F(HaWarnings, InputOfAnyType_NeverThrowsAndKeepsOneRecordPerHost) {
 }
 
 // The output is the very list that is read: it never ended.
-TEST_F(HaWarnings, OutputThatIsTheInput_GetsTheRecordsOfWhatItHeld) {
+TEST_F(HaWarnings, Ha_OutputAliasesInput_ReturnsRecordsOfInput) {
   Item(1)["ha_warn_host_rocky"] = -1;
   Judge();
   const Json::Value expected = hosts_;

@@ -1,4 +1,4 @@
-// What a host tells about a guest, its repository and its tasks.
+// What a host reports about a guest, its repository and its tasks.
 #include <fstream>
 
 #include "tests/unit/webapi/host_ground.h"
@@ -52,7 +52,7 @@ class HostChecks : public vexa::test::HostLibrary {
   VMCHECK check_ = kUntouched;
 };
 
-TEST_F(HostChecks, Repository_IsUsableOrTheFailedCheckIsTold) {
+TEST_F(HostChecks, RepositoryCheck_ReturnsUsableOrFailedCheck) {
   const std::pair<const char*, int> rows[] = {
       {R"({"repo_usable":true})", 100},
       {R"({"repo_usable":true,"failed_check":311})", 100},
@@ -76,7 +76,7 @@ TEST_F(HostChecks, Repository_IsUsableOrTheFailedCheckIsTold) {
   ExpectNoLine();
 }
 
-TEST_F(HostChecks, RepositoryCheckFails_CheckStaysAndTheCodeTellsWhy) {
+TEST_F(HostChecks, RepositoryCheck_Fails_KeepsCheckAndReturnsCode) {
   const std::pair<Json::Value, int> rows[] = {
       {Failure(507), 407},    {Failure(102), 404},
       {Failure(407), 404},    {Success("{}"), 404},
@@ -128,7 +128,7 @@ class GuestInformation : public vexa::test::HostLibrary {
 
 constexpr const char* kDefaults = R"({"has_agent":false,"ip":[],"uptime":"0"})";
 
-TEST_F(GuestInformation, RunningGuest_IsToldByItsHost) {
+TEST_F(GuestInformation, RunningGuest_ItsHost_ReportsIt) {
   Platform().replies["h"] = Success(R"({"ip":["10.0.0.1"],"uptime":3600,"has_agent":true,"more":1})");
   info_ = Parsed(R"({"name":"web","ip":"old"})");
   EXPECT_TRUE(Guest::GetInformation("g", running_, info_));
@@ -169,7 +169,7 @@ TEST_F(GuestInformation, PresentFields_AreCopiedAsTheyStand) {
   EXPECT_EQ(Text(info_), R"({"has_agent":"yes","ip":null,"uptime":"0"})");
 }
 
-TEST_F(GuestInformation, GuestThatDoesNotRun_AsksNobody) {
+TEST_F(GuestInformation, GuestInfo_GuestOff_CallsNoHost) {
   namespace state = VexaCCC::State;
   Platform().replies["h"] = Success(R"({"ip":["10.0.0.1"],"uptime":3600,"has_agent":true})");
   for (const char* text : {state::Guest::shutdown, state::Guest::booting, state::Guest::unknown, state::Guest::saved,
@@ -193,7 +193,7 @@ TEST_F(GuestInformation, HostFails_LeavesTheDefaultsAndNoLine) {
   ExpectNoLine();
 }
 
-TEST_F(GuestInformation, RecordThatIsTheOutput_IsReadFirst) {
+TEST_F(GuestInformation, GuestInfo_OutputAliasesRecord_IsReadFirst) {
   Platform().replies["h"] = Success(R"({"uptime":5})");
   info_ = running_;
   EXPECT_TRUE(Guest::GetInformation("g", info_, info_));

@@ -58,7 +58,7 @@ TEST(Request, Clear_DropsTheTimeoutToo) {
   EXPECT_EQ(Text(request.toJson()), R"({"api":"","method":"","version":1})");
 }
 
-TEST(Response, New_IsNoSuccess) {
+TEST(Response, Response_New_IsNotSuccess) {
   const Response response;
   EXPECT_FALSE(response.isSuccess());
   EXPECT_FALSE(response.hasData());
@@ -79,7 +79,7 @@ TEST(Response, Success_IsTheJsonTrueAndNothingElse) {
   }
 }
 
-TEST(Response, Data_IsToldFromNullAndFieldsFromAbsent) {
+TEST(Response, Response_NullAndAbsentFields_AreDistinguished) {
   EXPECT_FALSE(Response(Parsed(R"({"success":true,"data":null})")).hasData());
   const Response response(Parsed(R"({"success":true,"data":{"a":null,"b":2}})"));
   EXPECT_TRUE(response.hasData());
@@ -144,7 +144,7 @@ TEST(HasFail, Field_IsReadAtTheTopAsABoolean) {
   }
 }
 
-TEST(WritableValue, AnyValue_BecomesWhatIsWrittenAndKeepsWhatItWas) {
+TEST(WritableValue, AnyValue_IsConvertedWithoutChangingTheInput) {
   namespace json = VexaVirtualization::json;
   for (const char* text : {"null", "true", "5", "2.5", R"("x")", "[1]", R"({"a":1})"}) {
     Json::Value object = Parsed(text);

@@ -89,7 +89,7 @@ TEST_F(HostNetwork, HostsAndNicsThatFail_AreSkipped) {
   ExpectNoLine();
 }
 
-TEST_F(HostNetwork, InterfacesThatAreNoObjects_MatchNoName) {
+TEST_F(HostNetwork, Network_InterfacesNotObjects_MatchNoName) {
   AddHost("h", R"([null,5,"eth0",["eth0"],{"ifname":["eth0"]},{}])");
   AddNic("h", "n0", R"({"name":""})");
   AddNic("h", "n1", R"({"name":"eth0"})");
@@ -151,7 +151,7 @@ TEST_F(HostNetwork, FreeAddress_LeavesTheErrorUntouched) {
   EXPECT_EQ(Platform().checked_addresses.at(0), "02:00:00:00:00:01");
 }
 
-TEST_F(HostNetwork, UsedAddress_IsToldWithTheGuestsName) {
+TEST_F(HostNetwork, MacCheck_UsedAddress_NamesTheGuest) {
   Platform().address_check_result = 1;
   Platform().address_user = "g";
   Platform().names["guest/g"] = "web";
@@ -163,7 +163,7 @@ TEST_F(HostNetwork, UsedAddress_IsToldWithTheGuestsName) {
   ExpectNoLine();
 }
 
-TEST_F(HostNetwork, UsedAddressOfANamelessGuest_IsToldAlone) {
+TEST_F(HostNetwork, MacCheck_UsedByNamelessGuest_ReportsAddressOnly) {
   for (const int result : {1, -1, 7}) {
     Platform().address_check_result = result;
     Platform().address_user = result < 0 ? "" : "g";

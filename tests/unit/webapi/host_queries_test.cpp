@@ -44,7 +44,7 @@ TEST_F(HostQueries, UtilizationWithoutResource_SendsNull) {
 }
 
 // A caller may keep one variable for what goes in and what comes out.
-TEST_F(HostQueries, ParametersThatAreTheOutput_AreReadFirst) {
+TEST_F(HostQueries, Query_OutputAliasesParameters_AreReadFirst) {
   Platform().replies["h"] = Success(R"({"result":[{"data":{"cpu":1}},{"data":{"memory":2}}]})");
   out_ = Parsed(R"({"resource":["cpu","disk"]})");
   EXPECT_TRUE(GetSysUtilization("h", out_, out_));
@@ -86,14 +86,14 @@ TEST_F(HostQueries, UtilizationFails_OutputStaysAndLine256IsWritten) {
                               Text(Parsed(kUtilizationRequest)) + "]");
 }
 
-TEST_F(HostQueries, HasFailOfASingleHost_IsNotLookedAt) {
+TEST_F(HostQueries, Query_HasFailOfSingleHost_IsIgnored) {
   Platform().replies["h"] = Success(R"({"result":[{"data":{"a":1}},{"data":{"memory":2}}]})");
   Platform().replies["h"]["has_fail"] = true;
   EXPECT_TRUE(GetSysUtilization("h", Json::Value(), out_));
   EXPECT_EQ(Text(out_), R"({"a":1,"memory":2})");
 }
 
-TEST_F(HostQueries, SystemInfo_IsTheDataAsItStands) {
+TEST_F(HostQueries, SystemInfo_ReturnsDataUnchanged) {
   Platform().replies["h"] = Success(R"({"model":"m","ram":5})");
   EXPECT_TRUE(GetSysInfo("h", out_));
   EXPECT_EQ(Text(out_), R"({"model":"m","ram":5})");
@@ -200,7 +200,7 @@ TEST_F(HostQueries, NetStat_NamesThatContainBondAreAskedForAsBonds) {
   }
 }
 
-TEST_F(HostQueries, NetStat_CopiesSpeedAndStatusAsTheyStand) {
+TEST_F(HostQueries, NetStat_SpeedAndStatus_AreCopiedUnchanged) {
   Platform().replies["h"] = Success(R"({"speed":null,"status":["up"],"mtu":9})");
   out_ = Parsed(R"({"kept":1})");
   EXPECT_TRUE(GetNetStat("h", "eth0", out_));

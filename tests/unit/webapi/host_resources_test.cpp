@@ -48,7 +48,7 @@ TEST_F(HostResources, WithUsage_EveryHostIsAskedForFourThings) {
   EXPECT_EQ(GetHostResourceInfo(true, out_), 0);
   const std::string host = std::string(R"({"cpu_usage":25,"free_cpu_ghz":7.2,"free_ram_size":321,"http_port":80,)") +
                            kReached + R"(,"total_ram_size":4000})";
-  // The double's text has as many digits as tell it from its neighbours.
+  // The double's text has as many digits as distinguish it from its neighbours.
   EXPECT_DOUBLE_EQ(out_["h1"]["free_cpu_ghz"].asDouble(), 7.2);
   for (const char* id : {"h1", "h2"}) out_[id]["free_cpu_ghz"] = 7.2;
   Json::Value expected;
@@ -109,7 +109,7 @@ TEST_F(HostResources, HostsThatFail_AreLeftOutAndTheirRecordsNotRead) {
   ExpectNoLine();
 }
 
-TEST_F(HostResources, UnreadableRecord_StopsWith403AndKeepsWhatWasAdded) {
+TEST_F(HostResources, Resources_UnreadableRecord_StopsWith403AndKeepsEarlierHosts) {
   for (const int result : {-1, 2, 1}) {
     vexa::test::ResetPlatform();
     for (const char* id : {"b", "a", "c"}) AddHost(id);  // not in the order of their names

@@ -89,7 +89,7 @@ TEST_F(Lookups, Vector_ContainsEqualElements) {
   EXPECT_FALSE(IsContain(Strings{}, ""));
 }
 
-TEST_F(Lookups, Joining_PutsSeparatorsBehindWhatIsNotEmpty) {
+TEST_F(Lookups, Join_EmptyElements_GetSeparatorOnlyAfterText) {
   const std::pair<const char*, const char*> kJoined[] = {
       {R"([])", ""},           {R"(["a"])", "a"},        {R"(["a","b"])", "a,b"}, {R"(["a","","b"])", "a,,b"},
       {R"(["","","a"])", "a"}, {R"(["","a",""])", "a,"}, {R"(["",""])", ""},      {R"(["a",1,"b"])", ""},

@@ -1,4 +1,4 @@
-// The access checks over another provider of the platform, which answers what this test tells it to.
+// The access checks over another provider of the platform, which answers as this test sets it.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -99,7 +99,7 @@ TEST_P(StateRows, Row_IsInItsPlaceAndIsShown) {
   EXPECT_EQ(ui.type, expected.type);
 }
 
-TEST_P(StateRows, StateOfAnotherKind_IsShownAsItIsWithAnError) {
+TEST_P(StateRows, State_OfAnotherKind_IsShownUnchangedWithError) {
   for (int cate = -1; cate <= 8; ++cate) {
     if (cate == GetParam().cate) continue;
     UIState ui;
@@ -118,7 +118,7 @@ TEST(States, StateTable_Has45RowsAndAnEnd) {
   EXPECT_EQ(end.state + end.ui_state + end.type + end.detail, "");
 }
 
-TEST(States, UnknownOrEmptyState_IsShownAsItIsWithAnError) {
+TEST(States, State_UnknownOrEmpty_IsShownUnchangedWithError) {
   const std::string with_nul("guest_running\0", 14);
   for (const std::string& state : {std::string("odd"), std::string("Guest_running"), std::string(), with_nul}) {
     for (int cate = 0; cate <= 7; ++cate) {
