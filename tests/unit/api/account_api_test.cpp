@@ -249,6 +249,8 @@ TEST_F(AccountApi, GroupNameThatChangedHandsMeanwhile_LeavesTheNewGroupAlone) {
   const std::string id = std::to_string(before);
   EXPECT_EQ(CallOn(table, "group_delete", R"({"id":)" + id + "}", Administrator()).code, webapi::kErrorNoAccount);
   EXPECT_NE(Require(host_.accounts().FindGroup("staff")).gid, before);
+}
+
 TEST_F(AccountApi, LastAdministrator_IsNotRemoved) {
   host_.AddUser("alice", {"administrators"});
   const std::pair<const char*, const char*> changes[] = {{"user_delete", R"({"name":"alice"})"},
