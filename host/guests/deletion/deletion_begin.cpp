@@ -141,9 +141,7 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
     return selection.error();
   }
   selection_ = std::move(*selection);
-  std::vector<std::string> paths;
-  for (const HiddenFile& file : selection_.files) paths.push_back(file.path);
-  Result<Trail> storage = TrailOfAll(options_.image_roots, paths);
+  Result<Trail> storage = TrailOfAll(options_.image_roots, PathsOf(selection_.files));
   if (!storage) return storage.error();
   storage_ = std::move(*storage);
   return {};

@@ -81,10 +81,8 @@ class Leftover {
       const Status removed = disk_files_.Remove(files[i].path);
       if (!removed && removed.error().code() != ErrorCode::kNotFound && first_failure) first_failure = removed;
     }
-    std::vector<std::string> paths;
-    for (const HiddenFile& file : files) paths.push_back(file.path);
     const Status synced =
-        SyncFolders(disk_files_, paths, [&](std::size_t index) { Step("sync " + std::to_string(index)); });
+        SyncFolders(disk_files_, PathsOf(files), [&](std::size_t index) { Step("sync " + std::to_string(index)); });
     return synced ? first_failure : synced;
   }
 

@@ -128,6 +128,13 @@ std::string ImageName(const std::string& disk_id, hypervisor::ImageFormat format
   return disk_id + std::string(format == hypervisor::ImageFormat::kRaw ? kSuffixRaw : kSuffixQcow2);
 }
 
+std::vector<std::string> PathsOf(const std::vector<HiddenFile>& files) {
+  std::vector<std::string> paths;
+  paths.reserve(files.size());
+  for (const HiddenFile& file : files) paths.push_back(file.path);
+  return paths;
+}
+
 std::optional<std::vector<std::string>> ParseMade(const Json::Value& list) {
   return ParseList<std::string>(list, ParseMadeFile);
 }

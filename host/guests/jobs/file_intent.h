@@ -18,6 +18,8 @@ struct HiddenFile {
   std::string hidden;  // its name in the same folder while it is hidden
 };
 
+std::vector<std::string> PathsOf(const std::vector<HiddenFile>& files);
+
 // It does not say how much is done: from any point, each step can be repeated and undone.
 struct FileIntent {
   std::vector<std::string> made;   // normal paths of files to create

@@ -27,6 +27,7 @@ std::optional<std::string> WhyLeft(const std::optional<std::string>& normal, con
 
 std::vector<std::string> PathsOf(const std::vector<NamedFile>& files) {
   std::vector<std::string> paths;
+  paths.reserve(files.size());
   for (const NamedFile& file : files) paths.push_back(file.path);
   return paths;
 }
