@@ -13,8 +13,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 using std::chrono::system_clock;
 
 std::string KeyOf(const std::string& host_id, std::string_view key) {

@@ -12,8 +12,6 @@
 namespace vexa::hypervisor::domain_build {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::int64_t kMaxVcpus = 512;
 constexpr std::int64_t kMaxMemoryMib = std::numeric_limits<std::int32_t>::max() / 1024;
 constexpr std::int64_t kDefaultWeight = 256;

@@ -15,9 +15,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
-
 // Rules out most JSON texts cheaply: those in which no string can be the name.
 class NameFinder {
  public:

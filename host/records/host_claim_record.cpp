@@ -6,8 +6,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kIncarnation[] = "incarnation";
 constexpr char kForgotten[] = "forgotten";
 

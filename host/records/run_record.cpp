@@ -12,8 +12,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kHostId[] = "host_id";
 constexpr char kIncarnation[] = "incarnation";
 constexpr char kSince[] = "since";

@@ -100,7 +100,6 @@ Json::Value Parse(const std::string& text) {
 }
 
 std::string FailureOf(const VexaDRCore::Response& response) {
-  namespace json = VexaVirtualization::json;
   EXPECT_FALSE(response.isSuccess());
   const Json::Value reply = response.toJson();
   EXPECT_EQ(json::Member(reply, "success"), Json::Value(false));

@@ -15,7 +15,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::seconds;
 using std::chrono::system_clock;
 

@@ -13,8 +13,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kHostId[] = "host_id";
 constexpr char kUser[] = "user";
 constexpr char kRequestId[] = "request_id";
