@@ -64,8 +64,7 @@ int gaIsAdvancedUser(const std::string& user) {
   const auto records = vexa::cluster::RecordsOf(user);
   if (!records) return -1;
   for (const auto& record : *records) {
-    if (vexa::json::String(vexa::json::Member(*record, DB::_k::authlevel)) ==
-        vexa::cluster::kAdvancedLevel) {
+    if (vexa::json::String(vexa::json::Member(*record, DB::_k::authlevel)) == vexa::cluster::kAdvancedLevel) {
       return 1;
     }
   }
