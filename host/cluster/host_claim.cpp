@@ -122,8 +122,7 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   }
   claim->record["boot"] = options_.identity.boot;
   claim->record["name"] = options_.identity.name;
-  claim->record["since"] = static_cast<Json::Int64>(
-      std::chrono::duration_cast<std::chrono::seconds>(system_clock::now().time_since_epoch()).count());
+  claim->record["since"] = SecondsOf(system_clock::now());
   claim->record.removeMember("released");
   claim->record.removeMember("forgotten");
   incarnation_ = incarnation;

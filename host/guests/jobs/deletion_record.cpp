@@ -15,7 +15,6 @@
 namespace vexa::guests {
 namespace {
 
-using std::chrono::seconds;
 using std::chrono::system_clock;
 
 constexpr char kHostId[] = "host_id";
@@ -89,7 +88,7 @@ std::string DeletionText(const DeletionRecord& record) {
   text[kHostId] = record.host_id;
   text[kUser] = record.user;
   text[kRequestId] = record.request_id;
-  text[kSince] = static_cast<Json::Int64>(std::chrono::duration_cast<seconds>(record.since.time_since_epoch()).count());
+  text[kSince] = SecondsOf(record.since);
   text[kStage] = record.stage == DeletionStage::kHiding ? kHiding : kPurging;
   Json::Value& files = json::MakeArray(text[kFiles]);
   for (const HiddenFile& file : record.files) {

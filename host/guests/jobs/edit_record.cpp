@@ -147,8 +147,7 @@ std::string EditText(const EditRecord& record) {
   text[kHostId] = record.host_id;
   text[kUser] = record.user;
   text[kRequestId] = record.request_id;
-  const auto since = std::chrono::duration_cast<std::chrono::seconds>(record.since.time_since_epoch());
-  text[kSince] = static_cast<Json::Int64>(since.count());
+  text[kSince] = SecondsOf(record.since);
   text[kStage] = record.stage == EditStage::kDoing ? kDoing : kPurging;
   Json::Value& made = json::MakeArray(text[kMade]);
   for (const std::string& path : record.made) made.append(path);
