@@ -1,4 +1,7 @@
 // Makes texts from outside safe to show on a terminal, also in tables.
+//
+// Tables are written by hand because their cells come from other machines: each is escaped, measured in columns of the
+// terminal and cut before it is aligned.
 #pragma once
 
 #include <cstddef>

@@ -55,6 +55,11 @@ const Json::Value& Member(const Json::Value& value, const char* name) { return O
 
 const Json::Value& Member(const Json::Value& value, const std::string& name) { return OrNull(FindMember(value, name)); }
 
+std::string TextMember(const Json::Value& value, const char* name) {
+  const Json::Value& member = Member(value, name);
+  return member.isString() ? String(member) : std::string();
+}
+
 const Json::Value& Element(const Json::Value& value, Json::ArrayIndex index) {
   return value.isArray() ? value[index] : Json::Value::nullSingleton();
 }

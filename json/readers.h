@@ -2,6 +2,8 @@
 //
 // A value that jsoncpp can convert is converted in the same way (2.5 is the integer 2, true the integer 1, 7 the text
 // "7"). A value whose conversion would throw reads like null: 0, "", false, no members, no elements.
+//
+// Written by hand because jsoncpp's own accessors throw on a value of another type, and its operator[] inserts members.
 #pragma once
 
 #include <json/value.h>
@@ -18,6 +20,9 @@ const Json::Value& Member(const Json::Value& value, const std::string& name);
 // The same, but distinguishes a missing member from one that is null: returns a null pointer when it is missing.
 const Json::Value* FindMember(const Json::Value& value, const char* name);
 const Json::Value* FindMember(const Json::Value& value, const std::string& name);
+
+// The member when it is a text; "" when it is missing, of another type, or `value` is not an object.
+std::string TextMember(const Json::Value& value, const char* name);
 
 // The element of an array; null beyond its end, or when `value` is not an array.
 const Json::Value& Element(const Json::Value& value, Json::ArrayIndex index);
@@ -47,3 +52,10 @@ std::string ToText(const Json::Value& value);
 void AppendText(std::string& out, const Json::Value& value);
 
 }  // namespace VexaVirtualization::json
+
+namespace vexa {
+
+// For the host, the command line and the tests, whose code is in vexa.
+namespace json = VexaVirtualization::json;
+
+}  // namespace vexa

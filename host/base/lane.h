@@ -1,4 +1,7 @@
 // A lane: a bounded queue with a pool of threads that grows when jobs wait and shrinks when they do not.
+//
+// Written by hand because handlers block: a pool with a fixed number of threads and an unbounded queue, such as
+// boost::asio::thread_pool, would either stand still behind a few of them or keep a thousand threads for nothing.
 #pragma once
 
 #include <chrono>

@@ -1,12 +1,16 @@
-// Times as text.
+// Times as text and as seconds.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 namespace vexa {
 
 // RFC 3339, UTC, whole seconds: "2026-11-21T09:30:00Z".
 std::string TimeText(std::chrono::system_clock::time_point time);
+
+// Since 1970, as records hold times.
+std::int64_t SecondsOf(std::chrono::system_clock::time_point time);
 
 }  // namespace vexa

@@ -10,8 +10,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 std::int64_t Now() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);

@@ -9,8 +9,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 std::string GrantsKey(std::string_view kind, std::uint32_t id) { return GuestAdminKey(GuestAdminIdentifier(kind, id)); }
 
 std::string NameRecord(const std::string& name) {

@@ -16,8 +16,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 Error Unavailable(const Error& cause) {
   return Error(ErrorCode::kUnavailable, "The accounts cannot be read", cause.ToString());
 }

@@ -20,8 +20,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 bool IsWellKnown(const std::string& group) { return group == base::kAdministratorsGroup || group == base::kUsersGroup; }
 
 std::vector<std::uint32_t> SortedIds(const base::User& user) {

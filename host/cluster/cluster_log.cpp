@@ -18,8 +18,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::string_view kPrefix = "/log";
 constexpr std::size_t kDigits = 20;
 // The limit for names; the rest of an entry is for the text.

@@ -18,9 +18,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
-
 using Edit = std::function<void(Json::Value& record)>;
 
 constexpr char kName[] = "name";

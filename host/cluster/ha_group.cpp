@@ -9,8 +9,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kRole[] = "ha_host_role";
 constexpr char kRocky[] = "ha_warn_host_rocky";
 constexpr char kNotCompatible[] = "ha_warn_host_not_compatible";

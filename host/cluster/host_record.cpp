@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "host/base/time_text.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
@@ -13,8 +14,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 using std::chrono::system_clock;
 
 std::string KeyOf(const std::string& host_id, std::string_view key) {
@@ -23,10 +22,6 @@ std::string KeyOf(const std::string& host_id, std::string_view key) {
 
 std::string NicKey(const std::string& host_id, const std::string& nic_id) {
   return KeyOf(host_id, keys::nics) + "/" + store::EncodeSegment(nic_id);
-}
-
-Json::Int64 SecondsOf(system_clock::time_point time) {
-  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
 bool IsInaccessible(const Json::Value& record) {

@@ -13,9 +13,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
-
 // The object of a host under `key`; null when absent. A damaged one reads as empty: it says nothing about its
 // host, and must not hide the states of the others.
 Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view key) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/base/time_text.h"
 #include "host/records/environment.h"
 #include "host/records/keys.h"
 #include "host/records/reading.h"
@@ -20,7 +21,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::system_clock;
 
 constexpr int kTries = 64;
@@ -67,10 +67,6 @@ std::string FormatMac(std::uint64_t random) {
 }
 
 std::string BucketOf(const std::string& mac) { return store::MakeKey({"mac", std::string_view(mac).substr(15)}); }
-
-Json::Int64 SecondsOf(system_clock::time_point time) {
-  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
-}
 
 // An unreadable reservation counts as expired. So does one from a clock more than a day ahead, which would otherwise
 // stay for as long as that clock was wrong.

@@ -12,8 +12,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kAutoSelectHost[] = "auto_select_host";
 constexpr char kIncompatible[] = "incompatible";
 

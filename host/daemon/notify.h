@@ -1,4 +1,6 @@
-// Reports the daemon's progress to the service manager (sd_notify(3), without its library).
+// Reports the daemon's progress to the service manager (sd_notify(3)).
+//
+// Written by hand because the protocol is one datagram, and the daemon needs nothing else from that library.
 #pragma once
 
 #include <string_view>

@@ -3,6 +3,9 @@
 // A raw image grows by its length. A qcow2 image grows by changing 16 bytes of its header (its size, and the number of
 // entries in its first-level table), as long as the clusters of that table have room; the images created here have room
 // for at least 4 TiB. Both kinds can be restored exactly until the added part is written to.
+//
+// Written by hand because qemu-img opens an image by its path, which somebody could replace by a link after the check
+// (disk_files.h), and changes more than the bytes that an edit can write down before and restore afterwards.
 #pragma once
 
 #include <cstdint>

@@ -11,7 +11,6 @@
 namespace vexa::hypervisor::domain_build {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using domain_xml::Quote;
 using domain_xml::Refused;
 

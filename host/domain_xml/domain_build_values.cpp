@@ -9,8 +9,6 @@
 namespace vexa::hypervisor::domain_build {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // The length of the character at the start of `text`, which is not empty; 0 when it does not start with a valid one.
 std::size_t CharacterLength(std::string_view text) {
   for (std::size_t length = 1; length <= 4 && length <= text.size(); ++length) {

@@ -8,8 +8,6 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 bool IsChanged(const Overlay& overlay) {
   const auto& before = overlay.before.disks;
   const auto& now = overlay.records.disks;

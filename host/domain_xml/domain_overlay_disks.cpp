@@ -9,8 +9,6 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // Attributes of a disk that apply only to its old bus.
 constexpr const char* kDriverOfBus[] = {"iothread", "queues", "queue_size",  "event_idx", "ioeventfd",
                                         "iommu",    "ats",    "page_per_vq", "packed"};

@@ -8,8 +8,6 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // The builder's drive for one entry of "iso_images".
 Status Build(const Overlay& overlay, const Json::Value& entry, pugi::xml_document& scratch) {
   GuestRecords one;

@@ -10,8 +10,6 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // Parts of an interface that apply only to its old kind of network.
 constexpr const char* kOfKind[] = {"virtualport", "vlan",  "actual",    "backend", "portForward", "ip",
                                    "route",       "guest", "bandwidth", "mtu",     "target",      "filterref"};

@@ -9,8 +9,6 @@
 namespace vexa::hypervisor::domain_overlay {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kVersion[] = "usb_version";
 
 bool IsUsbController(pugi::xml_node device) {

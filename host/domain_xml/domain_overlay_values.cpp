@@ -5,8 +5,6 @@
 
 namespace vexa::hypervisor::domain_overlay {
 
-namespace json = VexaVirtualization::json;
-
 bool SameValue(const Json::Value& left, const Json::Value& right) {
   if (left.isBool() || right.isBool()) return left == right;
   if (left.isInt64() && right.isInt64()) return json::Int64(left) == json::Int64(right);

@@ -47,6 +47,7 @@ bool IsReference(std::string_view name) {
 }
 
 // Scans the markup once, without recursion or allocation, so that the parser never sees a document that is too deep.
+// Written by hand because pugixml has no limit of depth, skips document types, and accepts malformed references.
 class MarkupScan {
  public:
   explicit MarkupScan(std::string_view text) : text_(text) {}

@@ -16,7 +16,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 
 // The current results of `has` for the texts under `member` in the first `most` records. All others count as absent.

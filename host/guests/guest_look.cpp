@@ -17,7 +17,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State::Guest;
 using hypervisor::GuestState;

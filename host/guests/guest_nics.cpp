@@ -16,8 +16,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 using hypervisor::GuestInterface;
 using hypervisor::PluggedInto;
 using hypervisor::Problem;

@@ -15,8 +15,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 using hypervisor::Owner;
 using hypervisor::Problem;
 

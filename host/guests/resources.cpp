@@ -15,7 +15,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State::Repo;
 

@@ -1,4 +1,7 @@
 // The HTTP/1.1 server: sockets, framing, limits, deadlines. It does not know what a request means.
+//
+// Written by hand around Boost.Beast's parser: a request is refused by its head before any of its body is read, the
+// head is checked by rules stricter than the parser's (http_rules.h), and limits count connections of all threads.
 #pragma once
 
 #include <sys/types.h>

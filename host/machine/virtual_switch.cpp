@@ -19,7 +19,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSocket = "/run/openvswitch/db.sock";

@@ -16,8 +16,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // Requests ask for the same records repeatedly: one line for each id and name is enough.
 void LogForeignRecord(const std::string& identifier, const Json::Value& record, const std::string& name) {
   constexpr std::size_t kMaxRemembered = 4096;
@@ -66,8 +64,7 @@ int gaIsAdvancedUser(const std::string& user) {
   const auto records = vexa::cluster::RecordsOf(user);
   if (!records) return -1;
   for (const auto& record : *records) {
-    if (vexa::cluster::json::String(vexa::cluster::json::Member(*record, DB::_k::authlevel)) ==
-        vexa::cluster::kAdvancedLevel) {
+    if (vexa::json::String(vexa::json::Member(*record, DB::_k::authlevel)) == vexa::cluster::kAdvancedLevel) {
       return 1;
     }
   }
@@ -80,7 +77,7 @@ int gaUserListAvail(const std::string& user, const std::string& category, std::s
   const auto records = vexa::cluster::RecordsOf(user);
   if (!records) return -1;
   for (const auto& record : *records) {
-    const Json::Value& guests = vexa::cluster::json::Member(*record, DB::_k::guests);
+    const Json::Value& guests = vexa::json::Member(*record, DB::_k::guests);
     if (!guests.isObject()) continue;
     // The names come in byte order, so the last position is usually right.
     for (auto grant = guests.begin(); grant != guests.end(); ++grant) ids.insert(ids.end(), grant.name());

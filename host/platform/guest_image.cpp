@@ -14,8 +14,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // From the C0 and C1 sets, in UTF-8.
 bool HasControlCharacter(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -52,8 +50,8 @@ bool GuestImageIsValidID(const std::string& text) {
   if (!Utils::isUUID(text)) return false;
   const auto image = vexa::cluster::ReadObject(vexa::cluster::kImageCategory, text);
   if (!image) return false;
-  const Json::Value& path = vexa::cluster::json::Member(**image, vexa::cluster::kImagePath);
-  return path.isString() && !vexa::cluster::json::String(path).empty();
+  const Json::Value& path = vexa::json::Member(**image, vexa::cluster::kImagePath);
+  return path.isString() && !vexa::json::String(path).empty();
 }
 
 bool GuestImageIsDsPath(const std::string& text) { return text.size() > 1 && text.front() == '/'; }

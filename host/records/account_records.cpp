@@ -14,8 +14,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::string_view kRoot = "accounts";
 
 Error Damaged(std::string_view key) {

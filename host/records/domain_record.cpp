@@ -9,8 +9,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr char kDomain[] = "domain";
 constexpr char kXml[] = "xml";
 constexpr char kAutostart[] = "autostart";

@@ -11,9 +11,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
-
 // Returns whether the guest was in the record.
 bool RemoveGuestFrom(Json::Value& record, const std::string& guest_id) {
   if (!json::FindMember(json::Member(record, keys::guests), guest_id)) return false;

@@ -13,9 +13,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
-
 // As the command line writes it.
 constexpr char kOrdinaryLevel[] = "user";
 constexpr char kName[] = "name";

@@ -16,8 +16,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State;
 using std::chrono::system_clock;
 
@@ -34,11 +32,6 @@ Result<Record> ReadIntact(const std::string& key) {
 
 std::string HostKey(const std::string& host_id, std::string_view key) {
   return MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, key);
-}
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
 }
 
 system_clock::time_point TimeOf(const Json::Value& seen) {
@@ -89,7 +82,7 @@ Result<HostLife> LifeOf(const std::string& host_id) {
   if (life.is_gone) return life;
   const Result<Record> record = ReadIntact(HostKey(host_id, keys::object));
   if (!record) return record.error();
-  life.is_gone = *record && TextMember(**record, keys::state) == states::Host::inaccessible;
+  life.is_gone = *record && json::TextMember(**record, keys::state) == states::Host::inaccessible;
   return life;
 }
 
@@ -100,7 +93,7 @@ Result<std::optional<std::string_view>> HostStateNow(const std::string& host_id)
 }
 
 Result<std::optional<std::string_view>> RepositoryStateNow(const Json::Value& record) {
-  const std::string host_id = TextMember(record, keys::host_id);
+  const std::string host_id = json::TextMember(record, keys::host_id);
   if (host_id.empty()) return std::optional<std::string_view>();
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
@@ -109,7 +102,7 @@ Result<std::optional<std::string_view>> RepositoryStateNow(const Json::Value& re
 
 Result<std::optional<std::string_view>> GuestStateNow(const Json::Value& record, std::string_view state) {
   if (!IsHeldByItsHost(state)) return std::optional<std::string_view>();
-  const std::string host_id = TextMember(record, keys::host_id);
+  const std::string host_id = json::TextMember(record, keys::host_id);
   if (host_id.empty()) return std::optional<std::string_view>();
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();

@@ -1,7 +1,6 @@
 #include "host/records/keys.h"
 
 #include "host/store/key.h"
-#include "webapi/platform/ccc.h"
 
 namespace vexa::guests {
 

@@ -4,6 +4,15 @@
 #include <string>
 #include <string_view>
 
+#include "webapi/platform/ccc.h"
+
+namespace vexa {
+
+// The names of the members of records.
+namespace keys = VexaCCC::DB::_k;
+
+}  // namespace vexa
+
 namespace vexa::guests {
 
 // The member of a guest's record with the path of the file that holds its UEFI variables.

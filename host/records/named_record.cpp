@@ -13,8 +13,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::size_t kMostShownUsers = 10;
 
 bool IsControl(unsigned char c) { return c < 0x20 || c == 0x7F; }

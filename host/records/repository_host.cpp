@@ -8,8 +8,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
 
 }  // namespace

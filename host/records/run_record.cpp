@@ -6,13 +6,12 @@
 #include <type_traits>
 
 #include "host/base/json_parse.h"
+#include "host/base/time_text.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 
 namespace vexa::guests {
 namespace {
-
-namespace json = VexaVirtualization::json;
 
 constexpr char kHostId[] = "host_id";
 constexpr char kIncarnation[] = "incarnation";
@@ -93,8 +92,7 @@ std::string RunText(const Run& run) {
   Json::Value record(Json::objectValue);
   record[kHostId] = run.host_id;
   record[kIncarnation] = static_cast<Json::UInt64>(run.incarnation);
-  record[kSince] =
-      static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(run.since.time_since_epoch()).count());
+  record[kSince] = SecondsOf(run.since);
   record[kStarting] = run.starting;
   if (run.starting && !run.state_before.empty()) record[kStateBefore] = run.state_before;
   record[kSaved] = run.saved;

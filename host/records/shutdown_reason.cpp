@@ -11,7 +11,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State::Guest;
 

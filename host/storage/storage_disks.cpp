@@ -20,8 +20,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 namespace disks_are = VexaCCC::State::vDisk;
 namespace repositories_are = VexaCCC::State::Repo;
 using VexaCCC::DB::DashCate;

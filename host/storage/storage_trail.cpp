@@ -19,8 +19,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::string_view kInode = "ino=";
 constexpr std::string_view kFileSystem = " fsid=";
 constexpr std::string_view kBorn = " born=";

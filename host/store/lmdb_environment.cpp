@@ -86,10 +86,9 @@ Status LmdbEnvironment::OpenFiles() {
   if (code == 0) code = mdb_env_open(environment_, directory_.c_str(), MDB_NOTLS, S_IRUSR | S_IWUSR);
   if (code == ENOMEM) {
     CloseFiles();
-    return Error(ErrorCode::kNoSpace,
-                 "Cannot map the store in '" + directory_ + "', which takes " + std::to_string(map_bytes_) +
-                     " bytes of address space or more; raise or remove the limit on it (ulimit -v, "
-                     "LimitAS=)");
+    return Error(
+        ErrorCode::kNoSpace, "Cannot map the store in '" + directory_ + "'",
+        "It takes " + std::to_string(map_bytes_) + " bytes of address space; raise its limit (ulimit -v, LimitAS=)");
   }
   if (code != 0) {
     CloseFiles();

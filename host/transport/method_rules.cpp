@@ -9,7 +9,6 @@
 namespace vexa::transport {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::milliseconds;
 using Weight = Breaker::Weight;
 

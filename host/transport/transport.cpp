@@ -46,7 +46,6 @@ Breaker::Outcome ForBreaker(HttpOutcome::Connection connection) {
 }
 
 void NoteUnanswered(const std::vector<std::string>& host_ids, const std::vector<Json::Value>& replies) noexcept {
-  namespace json = VexaVirtualization::json;
   try {
     for (std::size_t i = 0; i < host_ids.size(); ++i) {
       if (!json::Bool(json::Member(replies[i], "success"))) UnansweredScope::Note(host_ids[i]);

@@ -18,8 +18,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 // FNV-1a.
 std::string ChecksumOf(std::string_view text) {
   std::uint64_t sum = 14695981039346656037U;

@@ -22,12 +22,6 @@ Problem ProblemOf(const Outcome<T>& outcome) {
   return outcome.ok() ? Problem::kFailed : outcome.failure().problem();
 }
 
-// The result of a call as one word, "ok" or the problem's.
-template <class T>
-std::string Word(const Outcome<T>& outcome) {
-  return outcome.ok() ? "ok" : std::string(ProblemName(outcome.failure().problem()));
-}
-
 }  // namespace
 
 void HypervisorContract::SetUp() {

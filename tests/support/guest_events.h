@@ -15,6 +15,12 @@ namespace vexa::hypervisor {
 inline void PrintTo(GuestState state, std::ostream* out) { *out << GuestStateName(state); }
 inline void PrintTo(Problem problem, std::ostream* out) { *out << ProblemName(problem); }
 
+// The result of a call as one word, "ok" or the problem's.
+template <class T>
+std::string Word(const Outcome<T>& outcome) {
+  return outcome.ok() ? "ok" : std::string(ProblemName(outcome.failure().problem()));
+}
+
 }  // namespace vexa::hypervisor
 
 namespace vexa::test {

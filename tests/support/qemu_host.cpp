@@ -28,7 +28,6 @@ namespace vexa::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace json = VexaVirtualization::json;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kDiskBytes = 1 << 20;

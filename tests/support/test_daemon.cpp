@@ -20,7 +20,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using webapi::Access;
 using webapi::Call;
 using webapi::LaneKind;

@@ -23,10 +23,6 @@ const std::string kOne = R"({"success":true,"data":{"guest_id":"8d24e9b0-17f5-4c
 
 class GuestState : public CliTest {
  protected:
-  ProcessResult RunOn(const ScriptedServer& server, std::vector<std::string> arguments) {
-    SaveLogin(server.url());
-    return Run(std::move(arguments));
-  }
   ProcessResult RunInUtc(const ScriptedServer& server, std::vector<std::string> arguments) {
     SaveLogin(server.url());
     ProcessOptions options = Program(std::move(arguments));

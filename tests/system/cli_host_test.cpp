@@ -25,13 +25,7 @@ const std::string kOne = R"({"success":true,"data":{"host_id":"8d24e9b0-17f5-4c6
   "interfaces":[{"ifname":"eth0","type":"ethernet","ip":"192.0.2.1","mac":"02:00:00:00:00:01","speed":10000,
   "status":"connected"}]}})";
 
-class Host : public CliTest {
- protected:
-  ProcessResult RunOn(const ScriptedServer& server, std::vector<std::string> arguments) {
-    SaveLogin(server.url());
-    return Run(std::move(arguments));
-  }
-};
+class Host : public CliTest {};
 
 TEST_F(Host, List_HostileTexts_AreSafeForTerminal) {
   const ScriptedServer server({HttpReplyOf(200, kHosts)});

@@ -37,10 +37,6 @@ class ImageCommand : public CliTest {
       return ApiHost::Failure(code, "It is in use.", R"(,"reason":")" + reason + "\"");
     };
   }
-  ProcessResult RunOn(const ApiHost& host, std::vector<std::string> arguments) {
-    SaveLogin(host.url());
-    return Run(std::move(arguments));
-  }
   // A usage error, and nothing was sent.
   void ExpectUsage(std::vector<std::string> arguments, const std::string& sentence) {
     const ApiHost host(With("{}"));

@@ -47,10 +47,6 @@ class Power : public CliTest {
     SaveLogin(url);
     return Program(std::move(arguments));
   }
-  ProcessResult RunOn(const ApiHost& host, std::vector<std::string> arguments) {
-    SaveLogin(host.url());
-    return Run(std::move(arguments));
-  }
 };
 
 TEST_F(Power, Start_IsALineForEachGuestWithItsHost) {

@@ -43,6 +43,13 @@ class CliTest : public ::testing::Test {
     return result;
   }
 
+  // The client of alice, who has logged in to `server`.
+  template <class Server>
+  ProcessResult RunOn(const Server& server, std::vector<std::string> arguments) const {
+    SaveLogin(server.url());
+    return Run(std::move(arguments));
+  }
+
   // As `vexa login` leaves it.
   void SaveLogin(const std::string& server, mode_t mode = 0600) const {
     std::filesystem::create_directories(folder_.File("config/vexa"));

@@ -20,7 +20,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State;
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -46,9 +45,6 @@ class FrozenCluster : public TransportCluster {
     std::this_thread::sleep_for(1s);  // the copies are behind by less
   }
 
-  void Put(const char* category, const std::string& id, const std::string& text) {
-    (void)Require(database().Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
-  }
   void PutGuest(const std::string& id, int host) {
     const std::string disk = "disk-" + std::to_string(host);
     const std::string image = Folder(host) + "/images/" + disk + ".img";

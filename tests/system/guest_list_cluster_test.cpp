@@ -17,7 +17,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;

@@ -17,7 +17,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State::Guest;
 using namespace std::chrono_literals;
 using ::testing::AnyOf;
@@ -38,9 +37,6 @@ class GuestPowerCluster : public TransportCluster {
     PutGuest(IdOf(1));
   }
 
-  void Put(const char* category, const std::string& id, const std::string& text) {
-    (void)Require(database().Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
-  }
   // One that has a disk with the host of its repository.
   void PutGuest(const std::string& host_id) {
     std::filesystem::create_directories(Folder(1) + "/images");
@@ -64,22 +60,12 @@ class GuestPowerCluster : public TransportCluster {
     return CodeOf(Call(host, "VEXA.Virtualization.Guest/delete", R"({"guest_id":")" + std::string(kGuest) + "\"}"));
   }
 
-  std::string Stored(std::initializer_list<std::string_view> key) {
-    const auto snapshot = Require(database().Read());
-    const auto value = Require(snapshot->Get(store::MakeKey(key)));
-    return value ? std::string(value->text) : "";
-  }
   std::string State() { return Stored({"dash", "guest", kGuest, "state"}); }
   void ExpectState(const char* state) {
     const std::string text = json::ToText(state);
     const auto end = std::chrono::steady_clock::now() + 30s;
     while (State() != text && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
     EXPECT_EQ(State(), text);
-  }
-  // The newest line of the cluster log, with who caused it.
-  Json::Value NewestEntry(int host) {
-    const Json::Value reply = Call(host, "VEXA.Virtualization.Log/list", R"({"limit":1})");
-    return json::Element(json::Member(json::Member(reply, "data"), "entries"), 0);
   }
   std::string HostName(int host) {
     const Json::Value reply = Call(0, "VEXA.Virtualization.Host/list", "{}");

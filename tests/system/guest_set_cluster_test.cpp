@@ -16,7 +16,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 
@@ -37,14 +36,6 @@ class GuestSetCluster : public TransportCluster {
             std::string(kRepository) + R"(","host_id":")" + IdOf(1) + "\"}");
   }
 
-  void Put(const char* category, const std::string& id, const std::string& text) {
-    (void)Require(database().Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
-  }
-  std::string Stored(std::initializer_list<std::string_view> key) {
-    const auto snapshot = Require(database().Read());
-    const auto value = Require(snapshot->Get(store::MakeKey(key)));
-    return value ? std::string(value->text) : "";
-  }
   Json::Value Record(const char* category, const std::string& id) {
     const std::string text = Stored({"dash", category, id, "object"});
     return text.empty() ? Json::Value() : Require(ParseJson(text));
@@ -59,10 +50,6 @@ class GuestSetCluster : public TransportCluster {
       if (entry.is_regular_file()) ++count;
     }
     return count;
-  }
-  Json::Value NewestEntry(int host) {
-    const Json::Value reply = Call(host, "VEXA.Virtualization.Log/list", R"({"limit":1})");
-    return json::Element(json::Member(json::Member(reply, "data"), "entries"), 0);
   }
   static std::string Disks(int count) {
     std::string text = R"("vdisks_add":[{"vdisk_size":1})";

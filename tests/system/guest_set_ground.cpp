@@ -16,8 +16,6 @@
 
 namespace vexa::test {
 
-namespace json = VexaVirtualization::json;
-
 namespace {
 
 constexpr std::uintmax_t kGib = std::uintmax_t{1} << 30;

@@ -15,7 +15,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;

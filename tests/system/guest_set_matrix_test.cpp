@@ -14,8 +14,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 enum class Type { kString, kInt, kBool, kArray };
 // Whether it may be set by somebody who was granted the guest and is neither administrator nor advanced user.
 enum class Granted { kYes, kNo, kOnlyEmpty };

@@ -13,7 +13,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State;
 using testing::UnorderedElementsAre;
 

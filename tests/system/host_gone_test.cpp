@@ -22,7 +22,6 @@ namespace vexa::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace json = VexaVirtualization::json;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using ::testing::HasSubstr;
@@ -53,9 +52,6 @@ class HostGone : public TransportCluster {
     for (const auto& host : hosts_) host->Signal(SIGCONT);
   }
 
-  void Put(const char* category, const std::string& id, const std::string& text) {
-    (void)Require(database().Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
-  }
   static std::string GuestParameter(int guest, const std::string& more = "") {
     return R"({"guest_id":")" + std::string(kGuests[static_cast<std::size_t>(guest)]) + "\"" + more + "}";
   }
@@ -84,11 +80,6 @@ class HostGone : public TransportCluster {
     EXPECT_EQ(HostState(asked, host), state);
     EXPECT_EQ(Shown(asked, host), guest);
     return Clock::now() - begin;
-  }
-  std::string Stored(std::initializer_list<std::string_view> key) {
-    const auto snapshot = Require(database().Read());
-    const auto value = Require(snapshot->Get(store::MakeKey(key)));
-    return value ? std::string(value->text) : "";
   }
   void ExpectCopyRefused(int host) {
     const std::string copy = folder_.File("copy");

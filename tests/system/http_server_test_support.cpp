@@ -1,7 +1,6 @@
 #include "tests/system/http_server_test_support.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -48,23 +47,6 @@ Reply ParseHead(const std::string& head) {
 }
 
 }  // namespace
-
-bool Eventually(const std::function<bool()>& condition) {
-  const auto until = std::chrono::steady_clock::now() + kPatience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(milliseconds(2));
-  }
-  return true;
-}
-
-int ProcessThreads() {
-  int threads = 0;
-  DIR* const tasks = opendir("/proc/self/task");
-  while (const dirent* entry = readdir(tasks)) threads += entry->d_name[0] != '.' ? 1 : 0;
-  closedir(tasks);
-  return threads;
-}
 
 std::string Reply::field(const std::string& name) const {
   const auto found = fields.find(name);

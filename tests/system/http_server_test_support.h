@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/http/http_server.h"
+#include "tests/support/waiting.h"
 
 namespace vexa::daemon::testing_support {
 
@@ -23,8 +24,8 @@ using std::chrono::seconds;
 // Generous: a loaded machine must not fail a test.
 inline constexpr seconds kPatience{20};
 
-bool Eventually(const std::function<bool()>& condition);
-int ProcessThreads();
+using test::Eventually;
+using test::ProcessThreads;
 
 struct Reply {
   int status = 0;                             // 0: the connection ended, or nothing came in time

@@ -14,7 +14,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
 
 constexpr const char* kBad = "other-host";

@@ -17,7 +17,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using testing::Gt;
 
 constexpr const char* kGuest = "0b7e9d6c-7a53-4a29-9f0e-3d1f5c2b8a11";

@@ -21,7 +21,6 @@ namespace vexa::test {
 namespace {
 
 using namespace std::chrono_literals;
-namespace json = VexaVirtualization::json;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000011";

@@ -28,7 +28,6 @@ namespace vexa::test {
 namespace {
 
 using namespace std::chrono_literals;
-namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State::Guest;
 
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";

@@ -35,11 +35,6 @@ constexpr const char* kGuest = "11111111-2222-4333-8444-000000000002";
 constexpr auto kPatience = seconds(120);
 
 template <class T>
-std::string Word(const Outcome<T>& outcome) {
-  return outcome.ok() ? "ok" : std::string(ProblemName(outcome.failure().problem()));
-}
-
-template <class T>
 std::string Why(const Outcome<T>& outcome) {
   return outcome.ok() ? "" : outcome.failure().ToString();
 }

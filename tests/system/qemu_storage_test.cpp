@@ -21,7 +21,6 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-namespace json = VexaVirtualization::json;
 
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";
 constexpr int kDisks = 12;

@@ -11,7 +11,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 

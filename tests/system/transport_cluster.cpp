@@ -9,11 +9,11 @@
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
 #include "tests/support/http_client.h"
+#include "tests/support/require.h"
 #include "tests/system/transport_test_support.h"
 
 namespace vexa::test {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::seconds;
 
 std::string TransportCluster::IdOf(int host) { return "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a0" + std::to_string(host); }
@@ -45,6 +45,16 @@ void TransportCluster::StartHost(const transport::TlsFiles& tls, int host) {
   hosts_.push_back(Launch(host));
   ASSERT_TRUE(hosts_.back()->WaitForText("READY ", seconds(60))) << hosts_.back()->errors();
   ASSERT_TRUE(hosts_.back()->WaitForText("\n", seconds(60)));
+}
+
+void TransportCluster::Put(const char* category, const std::string& id, const std::string& text) {
+  (void)Require(database_->Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
+}
+
+std::string TransportCluster::Stored(std::initializer_list<std::string_view> key) {
+  const auto snapshot = Require(database_->Read());
+  const auto value = Require(snapshot->Get(store::MakeKey(key)));
+  return value ? std::string(value->text) : "";
 }
 
 void TransportCluster::Freeze(int host) {
@@ -136,6 +146,11 @@ Json::Value TransportCluster::Library(int host, const std::string& function, Jso
 
 int TransportCluster::CodeOf(const Json::Value& reply) {
   return json::Int(json::Member(json::Member(reply, "error"), "code"));
+}
+
+Json::Value TransportCluster::NewestEntry(int host) {
+  const Json::Value reply = Call(host, "VEXA.Virtualization.Log/list", R"({"limit":1})");
+  return json::Element(json::Member(json::Member(reply, "data"), "entries"), 0);
 }
 
 }  // namespace vexa::test

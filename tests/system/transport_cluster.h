@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/store/store.h"
@@ -30,6 +32,10 @@ class TransportCluster : public testing::Test {
   // Where other hosts reach it.
   std::string AddressOfHost(int host) const;
   store::Store& database() { return *database_; }
+  // Stores the object of a record unchanged.
+  void Put(const char* category, const std::string& id, const std::string& text);
+  // The value below this key; "" when there is none.
+  std::string Stored(std::initializer_list<std::string_view> key);
 
   // Stops a host's process without ending it: it takes connections and answers nothing. Never within a commit, which
   // would keep the other hosts from writing, since all of them share one store here.
@@ -50,6 +56,8 @@ class TransportCluster : public testing::Test {
   Json::Value Library(int host, const std::string& function, Json::Value arguments = Json::Value());
 
   static int CodeOf(const Json::Value& reply);
+  // The newest line of the cluster log, with who caused it.
+  Json::Value NewestEntry(int host);
 
   TempDir folder_;
   std::vector<std::unique_ptr<Process>> hosts_;

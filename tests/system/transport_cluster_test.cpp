@@ -9,7 +9,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::seconds;
 
 TEST_F(TransportCluster, EveryHost_ReachesEveryHostAsItself) {

@@ -14,7 +14,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using VexaCCC::Sender;
 using VexaDRCore::Response;
 

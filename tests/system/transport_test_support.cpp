@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <utility>
 
 #include "host/base/files.h"
@@ -55,20 +54,6 @@ transport::TransportOptions OptionsFor(InstalledTransport::Addresses addresses) 
 
 }  // namespace
 
-int ProcessThreads() {
-  int count = 0;
-  for ([[maybe_unused]] const auto& task : std::filesystem::directory_iterator("/proc/self/task")) ++count;
-  return count;
-}
-
-bool Eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 4000; ++i) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return false;
-}
-
 void AllowManyDescriptors() {
   rlimit limit{};
   Check(::getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
@@ -100,7 +85,6 @@ Json::Value Parse(const std::string& text) {
 }
 
 std::string FailureOf(const VexaDRCore::Response& response) {
-  namespace json = VexaVirtualization::json;
   EXPECT_FALSE(response.isSuccess());
   const Json::Value reply = response.toJson();
   EXPECT_EQ(json::Member(reply, "success"), Json::Value(false));

@@ -15,14 +15,13 @@
 #include "host/transport/certificates.h"
 #include "host/transport/transport.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/waiting.h"
 #include "webapi/platform/ccc_senders.h"
 
 namespace vexa::test {
 
 inline constexpr const char* kLocalHost = "local-host";
 
-int ProcessThreads();
-bool Eventually(const std::function<bool()>& condition);
 // Enough descriptors for a thousand connections with both their ends in this process.
 void AllowManyDescriptors();
 

@@ -13,7 +13,6 @@
 namespace vexa::daemon {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::milliseconds;
 using webapi::Call;
 

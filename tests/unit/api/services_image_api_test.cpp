@@ -20,7 +20,6 @@
 namespace vexa::services {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using test::Answer;
 using test::Parsed;
 using test::Require;

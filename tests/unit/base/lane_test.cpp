@@ -1,6 +1,5 @@
 #include "host/base/lane.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -13,24 +12,19 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/waiting.h"
+
 namespace vexa::daemon {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using test::Eventually;
+using test::ProcessThreads;
 using Submitted = Lane::Submitted;
 
 // Generous: a loaded machine must not fail a test.
 constexpr seconds kPatience{20};
-
-bool Eventually(const std::function<bool()>& condition) {
-  const auto until = std::chrono::steady_clock::now() + kPatience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(milliseconds(2));
-  }
-  return true;
-}
 
 // Jobs wait here until the test opens it. Shared with the jobs, as they may outlive the test's scope.
 class Gate {
@@ -70,14 +64,6 @@ LaneOptions Options() {
   LaneOptions options;
   options.name = "test";
   return options;
-}
-
-int ProcessThreads() {
-  int threads = 0;
-  DIR* const tasks = opendir("/proc/self/task");
-  while (const dirent* entry = readdir(tasks)) threads += entry->d_name[0] != '.' ? 1 : 0;
-  closedir(tasks);
-  return threads;
 }
 
 TEST(Lane, OneThread_RunsJobsInTheOrderOfSubmission) {

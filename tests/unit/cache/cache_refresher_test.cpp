@@ -27,7 +27,6 @@
 namespace vexa::test {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::milliseconds;
 
 class Refresher : public ::testing::Test {

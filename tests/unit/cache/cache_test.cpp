@@ -37,7 +37,6 @@ namespace vexa::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace json = VexaVirtualization::json;
 
 // Caches without a database.
 // time(2) may still return the last second when other clocks have begun the next.

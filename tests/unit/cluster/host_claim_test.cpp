@@ -20,7 +20,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::system_clock;

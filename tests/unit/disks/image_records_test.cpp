@@ -19,8 +19,7 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/interrupted_store.h"
-#include "tests/support/require.h"
-#include "tests/support/test_host.h"
+#include "tests/support/record_test.h"
 
 namespace vexa::guests {
 namespace {
@@ -39,7 +38,7 @@ constexpr char kId[] = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
 constexpr char kOther[] = "99999999-9999-4999-8999-999999999999";
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 
-class ImageRecords : public ::testing::Test {
+class ImageRecords : public test::RecordTest {
  protected:
   ImageRecords() { fs::create_directory(Root()); }
 
@@ -55,15 +54,6 @@ class ImageRecords : public ::testing::Test {
     const Refused refused = Add(name, path, id);
     EXPECT_FALSE(refused) << refused->reason;
   }
-  // Refused with the code and the sentence, and nothing has changed.
-  void ExpectRefused(const std::function<Refused()>& act, int code, const std::string& reason) {
-    const store::Revision before = Revision();
-    const Refused refused = act();
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, reason);
-    EXPECT_EQ(Revision(), before);
-  }
   void ExpectAddRefused(const std::string& name, const std::string& path, const std::string& id,
                         const std::string& reason) {
     ExpectRefused([&] { return Add(name, path, id); }, kRecordExists, reason);
@@ -73,24 +63,12 @@ class ImageRecords : public ::testing::Test {
   }
   Refused Remove(const std::string& id) { return RemoveImage(host_.store(), id, removed_); }
 
-  store::Revision Revision() { return Require(host_.store().Read())->revision(); }
-  // "": absent.
-  std::string TextOf(const std::string& key) {
-    const auto snapshot = Require(host_.store().Read());
-    const auto value = Require(snapshot->Get(key));
-    return value ? std::string(value->text) : std::string();
-  }
-  void Put(const std::string& key, const std::string& text) {
-    (void)Require(host_.store().Commit({{}, {{key, text}}}));
-  }
   std::vector<std::string> Names() {
     std::vector<std::string> names;
     for (const ListedImage& image : Require(ListImages(host_.store()))) names.push_back(image.name);
     return names;
   }
-  static std::string Quoted(const std::string& text) { return '"' + text + '"'; }
 
-  test::TestHost host_;
   std::string added_;
   std::string removed_;
 };

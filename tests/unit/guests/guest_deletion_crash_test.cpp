@@ -9,33 +9,13 @@
 
 #include "host/guests/deletion/deletion.h"
 #include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/job_steps.h"
 
 namespace vexa::test {
 namespace {
 
 using guests::Deletion;
 using guests::DeletionOptions;
-
-enum class End { kKilled, kThrough, kFailed };
-
-// Runs `act` in a process of its own, which opens the store itself and is killed right before its step number
-// `last_step`, counted from 0. This process must not have the store open.
-End RunUntil(const DeletionGround& ground, int last_step, const std::function<bool(DeletionOptions options)>& act) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    DeletionOptions options = ground.Options(ground.OpenStore());
-    int step = 0;
-    options.before_step = [&step, last_step](std::string_view) {
-      if (step++ == last_step) ::kill(::getpid(), SIGKILL);
-    };
-    ::_exit(act(std::move(options)) ? 0 : 1);
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return End::kKilled;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? End::kThrough : End::kFailed;
-}
 
 bool DeleteIt(DeletionOptions options) { return !Deletion(std::move(options)).Delete(kGuest, Alice()); }
 bool FinishIt(DeletionOptions options) {

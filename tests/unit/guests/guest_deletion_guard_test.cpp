@@ -14,6 +14,7 @@
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/job_steps.h"
 #include "tests/unit/guests/watched_store.h"
 
 namespace vexa::test {
@@ -39,10 +40,8 @@ class GuardedDeletion : public testing::Test {
     files_ = ground_.Files();
   }
   Refused Delete() { return Deletion(options_).Delete(kGuest, Alice()); }
-  void At(const std::string& step, std::function<void()> act) {
-    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
-      if (now == step && !std::exchange(done, true)) act();
-    };
+  void At(std::string step, std::function<void()> act) {
+    options_.before_step = OnceAt(std::move(step), std::move(act));
   }
   void ExpectRefused(int code, const std::string& words) {
     const Refused refused = Delete();

@@ -10,7 +10,7 @@
 #include <functional>
 
 #include "host/guests/deletion/deletion.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_fixture.h"
 
 namespace vexa::test {
 namespace {
@@ -22,8 +22,6 @@ using testing::HasSubstr;
 using Images = std::map<std::string, std::int64_t>;
 
 constexpr std::int64_t kMib = 1024 * 1024;
-
-std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
 
 // Adds one disk of each format, grows the qcow2 one, and removes the raw one; also renames nothing, so that no
 // environment is needed.
@@ -288,26 +286,6 @@ TEST_F(DiskEdit, Grow_GuestStartsMeanwhile_UndoesAll) {
   EXPECT_EQ(Code(Everyone()), 904);
   RemoveKey(*store_, guests::RunKey(kEdited));
   ExpectAsBefore();
-}
-
-enum class End { kKilled, kThrough, kFailed };
-
-// In a process of its own that is killed right before its step number `last_step`.
-End RunUntil(const EditGround& ground, int last_step, const std::function<bool(EditOptions options)>& act) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    EditOptions options = ground.Options(ground.OpenStore());
-    int step = 0;
-    options.before_step = [&step, last_step](std::string_view) {
-      if (step++ == last_step) ::kill(::getpid(), SIGKILL);
-    };
-    ::_exit(act(std::move(options)) ? 0 : 1);
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return End::kKilled;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? End::kThrough : End::kFailed;
 }
 
 bool FinishIt(EditOptions options) {

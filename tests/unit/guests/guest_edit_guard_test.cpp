@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "tests/support/syslog_capture.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_fixture.h"
 #include "tests/unit/guests/watched_store.h"
 
 namespace vexa::test {
@@ -20,7 +20,6 @@ using guests::Refused;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
 const std::string& Grow() {
   static const std::string edit = R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(kDisk1) + "}]}";
   return edit;
@@ -30,28 +29,9 @@ const std::string& Remove() {
   return edit;
 }
 
-class GuardedEdit : public testing::Test {
+class GuardedEdit : public EditTest {
  protected:
-  GuardedEdit() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
-    ground_.Fill(*store_);
-    records_ = Everything(*store_);
-    images_ = ground_.Images();
-    ClearCapturedSyslog();
-  }
-  Refused Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
-  int Code(const std::string& edit) {
-    const Refused refused = Edit(edit);
-    return refused ? refused->code : 0;
-  }
-  void At(const std::string& step, std::function<void()> act) {
-    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
-      if (now == step && !std::exchange(done, true)) act();
-    };
-  }
-  void ExpectAsBefore() {
-    EXPECT_EQ(Everything(*store_), records_);
-    EXPECT_EQ(ground_.Images(), images_);
-  }
+  GuardedEdit() { ClearCapturedSyslog(); }
   bool IsBegun() { return !Edits(options_).Begun().empty(); }
   // As importers do.
   void PutNewUser(const std::string& path) {
@@ -66,12 +46,6 @@ class GuardedEdit : public testing::Test {
     };
   }
   std::int64_t SizeOfRaw() const { return ground_.Images().at(std::string(kDisk1) + ".qcow2") >> 20; }
-
-  const EditGround ground_;
-  const std::shared_ptr<FaultyStore> store_;
-  EditOptions options_;
-  Texts records_;
-  std::map<std::string, std::int64_t> images_;
 };
 
 // Machines.

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "host/guests/deletion/deletion.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_fixture.h"
 
 namespace vexa::test {
 namespace {
@@ -24,13 +24,8 @@ using hypervisor::ImageFormat;
 constexpr std::uint64_t kMib = 1024 * 1024;
 constexpr std::uint64_t kGib = 1024 * kMib;
 
-std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
-
-class Images : public testing::Test {
+class Images : public EditTest {
  protected:
-  Images() : store_(ground_.OpenStore()), files_({ground_.File("images")}, {}), options_(ground_.Options(store_)) {
-    ground_.Fill(*store_);
-  }
   static std::string ContentOf(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
@@ -45,20 +40,13 @@ class Images : public testing::Test {
     const auto growth = guests::PlanGrowth(files_, path, format, size);
     return growth ? std::nullopt : std::optional(growth.error().code());
   }
-  int Code(const std::string& edit) {
-    const Refused refused = Edits(options_).Edit(kEdited, Parsed(edit), Alice());
-    return refused ? refused->code : 0;
-  }
   void Change(const char* category, const char* id, const char* member, const Json::Value& value) {
     Json::Value record = RecordOf(*store_, category, id);
     record[member] = value;
     PutRecord(*store_, KeyOf(category, id), record);
   }
 
-  const EditGround ground_;
-  const std::shared_ptr<FaultyStore> store_;
-  const DiskFiles files_;
-  EditOptions options_;
+  const DiskFiles files_{{ground_.File("images")}, {}};
   const std::string qcow2_ = ground_.PathOf(kDisk0);
   const std::string raw_ = ground_.PathOf(kDisk1);
 };

@@ -12,7 +12,7 @@
 #include "host/records/environment.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_fixture.h"
 
 namespace vexa::test {
 namespace {
@@ -25,7 +25,6 @@ using testing::SizeIs;
 
 constexpr std::int64_t kMib = 1024 * 1024;
 
-std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
 std::string RemoveDisk1() { return R"({"vdisks_del":[{)" + Id(kDisk1) + "}]}"; }
 std::string Everyone() {
   return R"({"vdisks_add":[{"vdisk_size":32}],"vdisks_edit":[{"vdisk_size":24,)" + Id(kDisk0) +
@@ -37,26 +36,8 @@ std::string EditBy(const std::string& host, const std::string& path) {
          path + "\"]}";
 }
 
-class RacedEdit : public testing::Test {
+class RacedEdit : public EditTest {
  protected:
-  RacedEdit() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
-    ground_.Fill(*store_);
-    Remember();
-  }
-  void Remember() {
-    records_ = Everything(*store_);
-    images_ = ground_.Images();
-  }
-  int Code(const std::string& edit) {
-    const Refused refused = Edits(options_).Edit(kEdited, Parsed(edit), Alice());
-    return refused ? refused->code : 0;
-  }
-  // Calls `act` before the first step of this name.
-  void At(const std::string& step, std::function<void()> act) {
-    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
-      if (now == step && !std::exchange(done, true)) act();
-    };
-  }
   // All is as it was, but for `key`.
   void ExpectAsBeforeBut(const std::string& key) {
     Texts now = Everything(*store_);
@@ -66,12 +47,6 @@ class RacedEdit : public testing::Test {
     EXPECT_EQ(now, before);
     EXPECT_EQ(ground_.Images(), images_);
   }
-
-  const EditGround ground_;
-  const std::shared_ptr<FaultyStore> store_;
-  EditOptions options_;
-  Texts records_;
-  std::map<std::string, std::int64_t> images_;
 };
 
 TEST_F(RacedEdit, Edit_OtherHostStartsFirst_IsNotTouched) {

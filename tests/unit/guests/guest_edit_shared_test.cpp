@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "host/records/environment.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_fixture.h"
 
 namespace vexa::test {
 namespace {
@@ -17,41 +17,9 @@ using guests::Edits;
 using guests::Refused;
 using testing::HasSubstr;
 
-std::string Id(const char* id) { return std::string(R"("vdisk_id":")") + id + "\""; }
 std::string Grow(const char* id) { return R"({"vdisks_edit":[{"vdisk_size":48,)" + Id(id) + "}]}"; }
 
-class SharedEdit : public testing::Test {
- protected:
-  SharedEdit() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
-    ground_.Fill(*store_);
-    Remember();
-  }
-  void Remember() {
-    records_ = Everything(*store_);
-    images_ = ground_.Images();
-  }
-  Refused Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
-  int Code(const std::string& edit) {
-    const Refused refused = Edit(edit);
-    return refused ? refused->code : 0;
-  }
-  void ExpectAsBefore() {
-    EXPECT_EQ(Everything(*store_), records_);
-    EXPECT_EQ(ground_.Images(), images_);
-  }
-  // Calls `act` before the first step of this name.
-  void At(const std::string& step, std::function<void()> act) {
-    options_.before_step = [step, act = std::move(act), done = false](std::string_view now) mutable {
-      if (now == step && !std::exchange(done, true)) act();
-    };
-  }
-
-  const EditGround ground_;
-  const std::shared_ptr<FaultyStore> store_;
-  EditOptions options_;
-  Texts records_;
-  std::map<std::string, std::int64_t> images_;
-};
+class SharedEdit : public EditTest {};
 
 // The other guest may be running: neither its image's header nor its length is to change under it.
 TEST_F(SharedEdit, Grow_FileOfOtherGuestsDisk_IsRefused) {

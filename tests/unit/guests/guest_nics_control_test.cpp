@@ -6,8 +6,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 class RunningNics : public GuestControlTest {
  protected:
   RunningNics() {

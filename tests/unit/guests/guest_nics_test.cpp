@@ -13,7 +13,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using hypervisor::GuestInterface;
 using hypervisor::PluggedInto;
 using test::FakeInterfaces;

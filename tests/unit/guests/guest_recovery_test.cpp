@@ -20,7 +20,6 @@
 namespace vexa::guests {
 namespace {
 
-namespace json = VexaVirtualization::json;
 namespace states = VexaCCC::State::Guest;
 using std::chrono::seconds;
 using std::chrono::system_clock;

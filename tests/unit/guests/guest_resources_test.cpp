@@ -18,7 +18,6 @@ using test::Parsed;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-namespace json = VexaVirtualization::json;
 namespace repo = VexaCCC::State::Repo;
 
 Guest MakeGuest(const std::string& record = R"({"vcpu_num":2,"vram_size":1024})") {

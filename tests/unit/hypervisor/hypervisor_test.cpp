@@ -38,11 +38,6 @@ std::string Xml(const std::string& network = "default", int memory_mib = 64, con
          network + "'/></interface></devices></domain>";
 }
 
-template <class T>
-std::string Word(const Outcome<T>& outcome) {
-  return outcome.ok() ? "ok" : std::string(ProblemName(outcome.failure().problem()));
-}
-
 std::unique_ptr<Hypervisor> MustOpen(HypervisorOptions options = {}) {
   Outcome<std::unique_ptr<Hypervisor>> opened = Hypervisor::Open(std::move(options));
   EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.failure().ToString());

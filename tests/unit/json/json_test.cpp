@@ -118,6 +118,18 @@ TEST(FindMember, FindMember_NullMember_DiffersFromAbsent) {
   EXPECT_EQ(json::FindMember(value, std::string("absent")), nullptr);
 }
 
+TEST(TextMember, OnlyATextOfAnObject_IsReturned) {
+  Json::Value object(Json::objectValue);
+  object["text"] = std::string("a\0b", 3);
+  object["number"] = 7;
+  object["null"] = Json::Value();
+  EXPECT_EQ(json::TextMember(object, "text"), std::string("a\0b", 3));
+  for (const char* name : {"number", "null", "missing"}) EXPECT_EQ(json::TextMember(object, name), "") << name;
+  for (const Json::Value& other : {Json::Value(), Json::Value("text"), Json::Value(Json::arrayValue)}) {
+    EXPECT_EQ(json::TextMember(other, "text"), "");
+  }
+}
+
 TEST(ToText, AnyTree_IsCompactOnOneLine) {
   Value value(Json::objectValue);
   value["b"].append(1);

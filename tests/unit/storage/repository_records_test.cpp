@@ -19,8 +19,7 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/interrupted_store.h"
-#include "tests/support/require.h"
-#include "tests/support/test_host.h"
+#include "tests/support/record_test.h"
 
 namespace vexa::guests {
 namespace {
@@ -39,7 +38,7 @@ constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr char kId[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 
-class RepositoryRecords : public ::testing::Test {
+class RepositoryRecords : public test::RecordTest {
  protected:
   RepositoryRecords() { host_.PutText("host", kHost, R"({"name":"nas-1"})"); }
 
@@ -50,39 +49,17 @@ class RepositoryRecords : public ::testing::Test {
   }
   Refused Remove(const std::string& id) { return RemoveRepository(host_.store(), id, name_); }
   Refused Accept(const std::string& id) { return AcceptStorage(host_.store(), id, name_); }
-  // Refused with the code and the sentence, and nothing has changed.
-  void ExpectRefused(const std::function<Refused()>& act, int code, const std::string& reason) {
-    const store::Revision before = Revision();
-    const Refused refused = act();
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, reason);
-    EXPECT_EQ(Revision(), before);
-  }
   void ExpectRemoveRefused(const std::string& users) {
     ExpectRefused([&] { return Remove(kId); }, kRecordInUse,
                   "The repository 'pool' is used by " + users + ". Delete them first");
   }
 
-  store::Revision Revision() { return Require(host_.store().Read())->revision(); }
-  // "": absent.
-  std::string TextOf(const std::string& key) {
-    const auto snapshot = Require(host_.store().Read());
-    const auto value = Require(snapshot->Get(key));
-    return value ? std::string(value->text) : std::string();
-  }
-  void Put(const std::string& key, const std::string& text) {
-    (void)Require(host_.store().Commit({{}, {{key, text}}}));
-  }
-  void Delete(const std::string& key) { (void)Require(host_.store().Commit({{}, {{key, std::nullopt}}})); }
   ListedRepository Only() {
     std::vector<ListedRepository> all = Require(ListRepositories(host_.store()));
     EXPECT_EQ(all.size(), 1u);
     return all.empty() ? ListedRepository() : std::move(all.front());
   }
-  static std::string Quoted(const std::string& text) { return '"' + text + '"'; }
 
-  test::TestHost host_;
   std::string added_;
   std::string name_;
 };
