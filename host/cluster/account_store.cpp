@@ -4,11 +4,11 @@
 #include <utility>
 
 #include "host/accounts/account_password.h"
+#include "host/cluster/account_commit.h"
 #include "host/cluster/account_edit.h"
 #include "host/cluster/account_groups.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
-#include "host/records/object_edit.h"
 #include "json/readers.h"
 
 namespace vexa::cluster {
@@ -131,9 +131,9 @@ Result<AccountStore::Accounts> AccountStore::Current() const {
 // `change` (a Status(AccountEdit&)) plans the change. It is called again after another change of an account.
 template <class Change>
 Status AccountStore::Edit(const Change& change) {
-  return CommitPlanned(*store_, [&]() -> Result<store::Transaction> {
+  return CommitAccountChange(*store_, [&]() -> Result<store::Transaction> {
     const auto snapshot = store_->Read();
-    if (!snapshot) return snapshot.error();
+    if (!snapshot) return StoreFailure(snapshot.error());
     auto edit = AccountEdit::Begin(**snapshot);
     if (!edit) return edit.error();
     if (Status planned = change(*edit); !planned) return planned.error();

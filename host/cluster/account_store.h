@@ -26,8 +26,8 @@ class AccountEdit;
 // Readers return kUnavailable when the store cannot be read, or when the requested account may be in a damaged record.
 // Each call checks whether an account has changed since the last one, also in other processes and on other hosts.
 // Writers commit with compares and retry, so of two that add the same name exactly one succeeds. They fail with
-// kConflict (accounts keep changing), kCorrupt (a record is damaged), and the errors of the store. A failed change
-// changes nothing.
+// kUnavailable (accounts keep changing, or the store fails in any way) and kCorrupt (a record is damaged). A failed
+// change changes nothing.
 //
 // Threads: any, at the same time.
 class AccountStore : public base::AccountProvider {

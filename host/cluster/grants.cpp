@@ -7,6 +7,7 @@
 
 #include "host/accounts/account_nss.h"
 #include "host/base/uuid.h"
+#include "host/cluster/account_commit.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
 #include "host/records/object_edit.h"
@@ -31,7 +32,7 @@ std::string KeyOf(AccountKind kind, std::uint32_t id) { return GuestAdminKey(Gue
 // Members of the record that are not known stay.
 Result<store::Transaction> PlanEdit(const store::Store& store, const GrantPrincipal& principal, const Edit& edit) {
   const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
+  if (!snapshot) return StoreFailure(snapshot.error());
   const std::string key = KeyOf(principal.kind, principal.id);
   Result<StoredObject> stored = LoadObject(**snapshot, key);
   if (!stored) return stored.error();
@@ -50,7 +51,7 @@ Result<store::Transaction> PlanEdit(const store::Store& store, const GrantPrinci
 }
 
 Status Change(store::Store& store, const GrantPrincipal& principal, const Edit& edit) {
-  return CommitPlanned(store, [&] { return PlanEdit(store, principal, edit); });
+  return CommitAccountChange(store, [&] { return PlanEdit(store, principal, edit); });
 }
 
 // Guests' ids are in lower case; records of older versions may have others.
@@ -134,7 +135,7 @@ Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, Grant
 
 Status DropGrants(store::Store& store, AccountKind kind, std::uint32_t id) {
   const auto committed = store.Commit({{}, {{KeyOf(kind, id), std::nullopt}}});
-  if (!committed) return committed.error();
+  if (!committed) return StoreFailure(committed.error());
   return {};
 }
 

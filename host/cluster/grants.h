@@ -4,7 +4,7 @@
 // A change is planned on one snapshot and committed with compares, so that other writers lose nothing. A record that
 // was given to somebody of another name is not changed, only dropped.
 //
-// Errors of all that read or write: what the store says.
+// Errors of all that change something: kUnavailable when the store fails in any way. Readers return what it says.
 // Threads: any, at the same time.
 #pragma once
 

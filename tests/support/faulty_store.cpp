@@ -8,8 +8,8 @@ namespace vexa::test {
 struct FaultyStore::Faults {
   mutable std::mutex mutex;
   std::set<std::string, std::less<>> failing;
-  bool no_snapshots = false;
-  bool no_commits = false;
+  std::optional<ErrorCode> snapshots;  // what each attempt to take one fails with
+  std::optional<ErrorCode> commits;
   int conflicts = 0;
   std::optional<store::Health> health;
   int reads = 0;
@@ -59,14 +59,14 @@ void FaultyStore::FailReadsOf(const std::string& key) {
   faults_->failing.insert(key);
 }
 
-void FaultyStore::FailSnapshots() {
+void FaultyStore::FailSnapshots(vexa::ErrorCode code) {
   const std::lock_guard lock(faults_->mutex);
-  faults_->no_snapshots = true;
+  faults_->snapshots = code;
 }
 
-void FaultyStore::FailCommits() {
+void FaultyStore::FailCommits(vexa::ErrorCode code) {
   const std::lock_guard lock(faults_->mutex);
-  faults_->no_commits = true;
+  faults_->commits = code;
 }
 
 void FaultyStore::ConflictCommits(int times) {
@@ -82,8 +82,8 @@ void FaultyStore::ReportHealth(store::Health health) {
 void FaultyStore::Heal() {
   const std::lock_guard lock(faults_->mutex);
   faults_->failing.clear();
-  faults_->no_snapshots = false;
-  faults_->no_commits = false;
+  faults_->snapshots.reset();
+  faults_->commits.reset();
   faults_->conflicts = 0;
   faults_->health.reset();
 }
@@ -101,7 +101,7 @@ int FaultyStore::health_questions() const {
 Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
   {
     const std::lock_guard lock(faults_->mutex);
-    if (faults_->no_snapshots) return Error(ErrorCode::kUnavailable, "The snapshot was made to fail");
+    if (faults_->snapshots) return Error(*faults_->snapshots, "The snapshot was made to fail");
   }
   auto real = real_->Read();
   if (!real) return real.error();
@@ -111,7 +111,7 @@ Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
 Result<store::Revision> FaultyStore::Commit(const store::Transaction& transaction) {
   {
     const std::lock_guard lock(faults_->mutex);
-    if (faults_->no_commits) return Error(ErrorCode::kNoSpace, "The commit was made to fail");
+    if (faults_->commits) return Error(*faults_->commits, "The commit was made to fail");
     if (faults_->conflicts > 0) {
       --faults_->conflicts;
       return Error(ErrorCode::kConflict, "The commit was made to come second");

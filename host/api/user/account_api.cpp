@@ -7,6 +7,7 @@
 #include "host/api/rows.h"
 #include "host/api/user/password_api.h"
 #include "host/base/error_table.h"
+#include "host/cluster/account_commit.h"
 
 namespace vexa::services {
 namespace {
@@ -23,7 +24,7 @@ class AdvancedPrincipals {
  public:
   static Result<AdvancedPrincipals> Read(const store::Store& store) {
     const auto snapshot = store.Read();
-    if (!snapshot) return snapshot.error();
+    if (!snapshot) return cluster::StoreFailure(snapshot.error());
     auto all = cluster::ReadAllGrants(**snapshot);
     if (!all) return all.error();
     AdvancedPrincipals advanced;

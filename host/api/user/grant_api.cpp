@@ -6,6 +6,7 @@
 #include "host/api/rows.h"
 #include "host/base/error_table.h"
 #include "host/base/uuid.h"
+#include "host/cluster/account_commit.h"
 #include "webapi/utils/utils.h"
 
 namespace vexa::services {
@@ -111,7 +112,7 @@ Json::Value Describe(AccountKind kind, std::uint32_t id, const std::string& name
 std::optional<GrantRecord> RecordOf(const AccountServices& services, const Call& call, const GrantPrincipal& owner) {
   const auto snapshot = services.store->Read();
   if (!snapshot) {
-    Refuse(call, snapshot.error());
+    Refuse(call, cluster::StoreFailure(snapshot.error()));
     return std::nullopt;
   }
   auto record = cluster::ReadGrants(**snapshot, owner.kind, owner.id);
@@ -156,7 +157,7 @@ void ListOfGuest(const AccountServices& services, const Call& call) {
       call.request->GetAndCheckString("guest_id", kRequired, [](const std::string& id) { return IsGuestId(id); });
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   const auto snapshot = services.store->Read();
-  if (!snapshot) return Refuse(call, snapshot.error());
+  if (!snapshot) return Refuse(call, cluster::StoreFailure(snapshot.error()));
   const auto all = cluster::ReadAllGrants(**snapshot);
   if (!all) return Refuse(call, all.error());
   Json::Value data(Json::objectValue);

@@ -354,6 +354,45 @@ TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
   EXPECT_EQ(RecordOf("users-0"), "absent");
 }
 
+// No code of the store is one of the refusals "taken", "of another name" or "has members", which have rows of their
+// own.
+TEST_F(AccountApi, StoreThatFailsInAnyWay_IsUnavailableAndLogged) {
+  host_.AddUser("alice", {"staff"});
+  ASSERT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, 0);
+  const std::string alice_and_guest = R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}";
+  const std::pair<const char*, std::string> changes[] = {
+      {"user_add", R"({"name":"bob","password":"good password"})"},
+      {"user_delete", R"({"name":"alice"})"},
+      {"groups_set", R"({"name":"alice","groups":["crew"]})"},
+      {"group_delete", R"({"name":"staff"})"},
+      {"password_set", R"({"name":"alice","password":"good password"})"},
+      {"grant", alice_and_guest},
+      {"revoke", alice_and_guest},
+      {"level_set", R"({"kind":"user","name":"alice","advanced":true})"},
+      {"grants_drop", R"({"kind":"user","name":"alice"})"},
+  };
+  for (const ErrorCode code : {ErrorCode::kDenied, ErrorCode::kConflict, ErrorCode::kInvalid, ErrorCode::kCorrupt,
+                               ErrorCode::kNotFound, ErrorCode::kNoSpace}) {
+    host_.store().FailCommits(code);
+    for (const auto& [method, parameters] : changes) {
+      test::ClearCapturedSyslog();
+      const Answer answer = Call(method, parameters);
+      EXPECT_EQ(answer.code, webapi::kErrorAccountsUnavailable) << method << " " << ErrorCodeName(code);
+      EXPECT_THAT(Reason(answer), HasSubstr("The commit was made to")) << method;
+      EXPECT_TRUE(test::SyslogContains("The commit was made to")) << method;
+    }
+    host_.store().Heal();
+    host_.store().FailSnapshots(code);
+    for (const char* method : {"user_list", "group_list"}) {
+      EXPECT_EQ(Call(method, "{}").code, webapi::kErrorAccountsUnavailable) << method;
+    }
+    EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").code,
+              webapi::kErrorAccountsUnavailable);
+    EXPECT_EQ(Call("grant_list", R"({"kind":"user","id":7})").code, webapi::kErrorAccountsUnavailable);
+    host_.store().Heal();
+  }
+}
+
 TEST_F(AccountApi, StoreThatCannotBeUsed_IsAnError) {
   host_.AddUser("alice");
   host_.store().FailCommits();

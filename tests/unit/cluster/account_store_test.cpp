@@ -285,10 +285,13 @@ TEST_F(AccountStoreTest, StoreCannotBeRead_IsUnavailableAndNotUnknown) {
     EXPECT_FALSE(accounts_.AddUser({"bob", kPassword, {}, {}}).ok());
     store_->Heal();
   }
-  store_->FailCommits();
-  EXPECT_FALSE(accounts_.AddUser({"bob", kPassword, {}, {}}).ok());
-  EXPECT_FALSE(accounts_.DeleteUser("alice").ok());
-  store_->Heal();
+  for (const ErrorCode code : {ErrorCode::kNoSpace, ErrorCode::kDenied, ErrorCode::kConflict}) {
+    store_->FailCommits(code);
+    EXPECT_EQ(CodeOf(accounts_.AddUser({"bob", kPassword, {}, {}})), ErrorCode::kUnavailable);
+    EXPECT_EQ(CodeOf(accounts_.DeleteUser("alice")), ErrorCode::kUnavailable);
+    EXPECT_EQ(CodeOf(accounts_.DeleteGroup("unknown")), ErrorCode::kNotFound) << "a refusal keeps its code";
+    store_->Heal();
+  }
   store_->ConflictCommits(5);
   EXPECT_TRUE(accounts_.AddUser({"bob", kPassword, {}, {}}).ok()) << "tried again";
   EXPECT_EQ(accounts_.ListUsers()->size(), 2u);
