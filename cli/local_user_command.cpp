@@ -56,13 +56,14 @@ ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPlaces& pl
                             PasswordSource source) {
   const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kRefuse);
   if (!accounts) return Report(accounts.error());
-  if (const auto user = (*accounts)->FindUser(name); !user) return Report(user.error());
+  const auto user = (*accounts)->FindUser(name);
+  if (!user) return Report(user.error());
   const Result<std::string> password = GetNewPassword(source, "New password of " + Printable(name));
   if (!password) {
     Report(password.error());
     return ExitCode::kUsage;
   }
-  return Finish(global, places, (*accounts)->SetPassword(name, *password),
+  return Finish(global, places, (*accounts)->SetPassword(user->uid, *password),
                 "The password of the user [" + name + "] has been changed.",
                 "Changed the password of '" + Printable(name) + "'.");
 }

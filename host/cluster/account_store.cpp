@@ -26,6 +26,10 @@ Error UnknownUser(const std::string& name) {
                                          : std::string("There is no user of an impossible name"));
 }
 
+Error UnknownUid(std::uint32_t uid) {
+  return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
+}
+
 // For an account that was not found: the damaged record may be about it.
 Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
   return accounts.damage ? Unavailable(*accounts.damage) : std::move(error);
@@ -154,7 +158,7 @@ Result<base::User> AccountStore::FindUserByUid(std::uint32_t uid) const {
   const auto found = (*accounts)->users.find(uid);
   if (found != (*accounts)->users.end()) return found->second.user;
   if ((*accounts)->damaged_users.contains(uid)) return Unavailable(*(*accounts)->damage);
-  return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
+  return UnknownUid(uid);
 }
 
 Result<base::Group> AccountStore::FindGroup(const std::string& name) const {
@@ -174,12 +178,18 @@ Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
 }
 
 Result<base::User> AccountStore::VerifyPassword(const std::string& name, const std::string& password) const {
+  const auto account = VerifyAccount(name, password);
+  if (!account) return account.error();
+  return account->user;
+}
+
+Result<Account> AccountStore::VerifyAccount(const std::string& name, const std::string& password) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   const Account* account = (*accounts)->FindUser(name);
   switch (base::CheckPassword(account == nullptr ? nullptr : &account->password, password)) {
     case base::PasswordCheck::kMatches:
-      return account->user;
+      return *account;
     case base::PasswordCheck::kDiffers: {
       Error denied(ErrorCode::kDenied, "The name or the password is wrong");
       return account == nullptr ? NotFoundOrDamaged(**accounts, std::move(denied)) : denied;
@@ -199,14 +209,18 @@ Status AccountStore::AddUser(const NewUser& user) {
   return Edit([&](AccountEdit& edit) { return PlanNewUser(edit, user, *hash); });
 }
 
-Status AccountStore::SetPassword(const std::string& name, const std::string& password) {
+Status AccountStore::SetPassword(std::uint32_t uid, const std::string& password,
+                                 const std::optional<std::string>& verified_hash) {
   if (Status possible = base::CheckNewPassword(password); !possible) return possible;
   const auto hash = base::HashPassword(password);
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) -> Status {
-    const Account* found = edit.accounts().FindUser(name);
-    if (found == nullptr) return UnknownUser(name);
-    edit.PutUser({found->user, *hash});
+    const auto found = edit.accounts().users.find(uid);
+    if (found == edit.accounts().users.end()) return UnknownUid(uid);
+    if (verified_hash && found->second.password != *verified_hash) {
+      return Error(ErrorCode::kDenied, "The password has been changed since the old one was checked");
+    }
+    edit.PutUser({found->second.user, *hash});
     return {};
   });
 }

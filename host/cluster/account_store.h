@@ -40,6 +40,8 @@ class AccountStore : public base::AccountProvider {
   Result<base::Group> FindGroup(const std::string& name) const;
   Result<base::Group> FindGroupByGid(std::uint32_t gid) const override;
   Result<base::User> VerifyPassword(const std::string& name, const std::string& password) const override;
+  // The same, with the hash that the password was compared with.
+  Result<Account> VerifyAccount(const std::string& name, const std::string& password) const;
 
   enum class Level { kUser, kAdvanced };
   struct NewUser {
@@ -55,7 +57,10 @@ class AccountStore : public base::AccountProvider {
   // kConflict when the name is taken, ignoring case, or the uid is or was assigned. kInvalid for an invalid name,
   // password, uid or group. The new user starts without grants, even if there were grants for the uid.
   Status AddUser(const NewUser& user);
-  Status SetPassword(const std::string& name, const std::string& password);
+  // kNotFound when there is no user with the uid. kDenied when `verified_hash` is given and is no longer the user's:
+  // the password has been changed since it was verified.
+  Status SetPassword(std::uint32_t uid, const std::string& password,
+                     const std::optional<std::string>& verified_hash = std::nullopt);
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
   // stay.
   Status SetGroups(const std::string& name, const std::vector<std::string>& groups);

@@ -17,29 +17,30 @@ namespace {
 using webapi::Call;
 using webapi::ParameterType;
 
-// Whether the old password is the user's. Guessing is slowed down as at a login. Otherwise the call is answered.
-bool IsOldPassword(const AccountServices& services, const Call& call, const base::User& user,
-                   const std::string& old_password) {
+// The user's hash when the old password is theirs. Guessing is slowed down as at a login. Otherwise the call is
+// answered.
+std::optional<std::string> VerifyOldPassword(const AccountServices& services, const Call& call, const base::User& user,
+                                             const std::string& old_password) {
   const std::string limited_name = base::FoldedName(user.name);
   const std::chrono::milliseconds wait = services.limiter->Begin(call.caller.peer, limited_name);
   if (wait.count() > 0) {
     call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
     Fail(call, webapi::kErrorTooManyLogins);
-    return false;
+    return std::nullopt;
   }
-  const Result<base::User> verified = services.accounts->VerifyPassword(user.name, old_password);
-  if (verified && verified->uid == user.uid) {
+  const Result<cluster::Account> verified = services.accounts->VerifyAccount(user.name, old_password);
+  if (verified && verified->user.uid == user.uid) {
     services.limiter->Succeeded(call.caller.peer, limited_name);
-    return true;
+    return verified->password;
   }
   if (!verified && verified.error().code() != ErrorCode::kDenied) {
     Refuse(call, verified.error());
-    return false;
+    return std::nullopt;
   }
   ::syslog(LOG_WARNING, "The old password of user[%s] that came from [%s] is wrong.", user.name.c_str(),
            call.caller.peer.c_str());
   Fail(call, webapi::kErrorOldPassword);
-  return false;
+  return std::nullopt;
 }
 
 // Nothing: the caller's own.
@@ -69,9 +70,17 @@ void SetPassword(const AccountServices& services, const Call& call) {
   if (!call.request->IsAdmin() && !is_self) return Fail(call, webapi::kErrorDenied);
   const bool needs_old = !call.request->IsAdmin() || !word;
   if (needs_old && !old_password.IsSet()) return Fail(call, webapi::kErrorOldPassword);
-  if (old_password.IsSet() && !IsOldPassword(services, call, *user, old_password.Get())) return;
-  Finish(call, services.accounts->SetPassword(user->name, password.Get()),
-         "The password of the user [" + user->name + "] has been changed.");
+  std::optional<std::string> old_hash;
+  if (old_password.IsSet()) {
+    old_hash = VerifyOldPassword(services, call, *user, old_password.Get());
+    if (!old_hash) return;
+  }
+  // The account may have been deleted, or its password changed, since it was found.
+  const Status changed = services.accounts->SetPassword(user->uid, password.Get(), old_hash);
+  if (!changed && changed.error().code() == ErrorCode::kDenied) {
+    return Refuse(call, changed.error(), webapi::kErrorOldPassword);
+  }
+  Finish(call, changed, "The password of the user [" + user->name + "] has been changed.");
 }
 
 }  // namespace

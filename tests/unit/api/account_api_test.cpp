@@ -7,6 +7,7 @@
 #include "host/api/user/grant_api.h"
 #include "host/cluster/cluster_log.h"
 #include "host/records/guest_admin.h"
+#include "tests/support/interrupted_store.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
@@ -66,6 +67,10 @@ class AccountApi : public ::testing::Test {
   }
   Answer CallAs(const std::string& user, const std::string& method, const std::string& parameters) {
     return CallOn(*table_, method, parameters, Require(host_.accounts().FindUser(user)));
+  }
+  // The rows on another view of the store.
+  webapi::ApiTable TableOn(const std::shared_ptr<store::Store>& store) {
+    return webapi::ApiTable(AllRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_}));
   }
   static base::User Administrator() { return {"root", 0, 0, {}, true}; }
   static std::string Reason(const Answer& answer) {
@@ -222,6 +227,32 @@ TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {
     EXPECT_EQ(CallAs("grace", "password_set", parameters).code, webapi::kErrorDenied) << whose;
   }
   EXPECT_TRUE(HasPassword("mallory", kPassword));
+}
+
+// A thief with the old password must not undo the change that locks them out.
+TEST_F(AccountApi, PasswordChangedSinceTheOldOneWasChecked_Stays) {
+  const std::uint32_t grace = host_.AddUser("grace");
+  const auto interrupted = std::make_shared<test::InterruptedStore>(
+      host_.store(), [&] { ASSERT_TRUE(host_.accounts().SetPassword(grace, "a newer password").ok()); });
+  const webapi::ApiTable table = TableOn(interrupted);
+  const base::User caller = Require(host_.accounts().FindUser("grace"));
+  const Answer answer =
+      CallOn(table, "password_set", R"({"password":"second password","old_password":"correct horse"})", caller);
+  EXPECT_EQ(answer.code, webapi::kErrorOldPassword);
+  EXPECT_TRUE(HasPassword("grace", "a newer password"));
+  EXPECT_EQ(interrupted->commits(), 1) << "the second plan refuses";
+}
+
+TEST_F(AccountApi, PasswordOfAUserWhoIsReplaced_IsNotTheNewUsers) {
+  host_.AddUser("grace");
+  const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+    ASSERT_TRUE(host_.accounts().DeleteUser("grace").ok());
+    ASSERT_TRUE(host_.accounts().AddUser({"grace", "of the next one", {}, {}}).ok());
+  });
+  const webapi::ApiTable table = TableOn(interrupted);
+  EXPECT_EQ(CallOn(table, "password_set", R"({"name":"grace","password":"second password"})", Administrator()).code,
+            webapi::kErrorNoAccount);
+  EXPECT_TRUE(HasPassword("grace", "of the next one"));
 }
 
 TEST_F(AccountApi, Administrators_SetThePasswordsOfOthersWithoutTheOldOne) {

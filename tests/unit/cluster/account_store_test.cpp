@@ -88,7 +88,7 @@ TEST_P(AccountNames, InAnotherCase_AreOneNameWithTheCreatedSpelling) {
   const auto user = accounts_.FindUser(row.first);
   EXPECT_EQ(GroupNames(*user), (Names{"users", "Team", "administrators"}));
   EXPECT_TRUE(user->is_administrator);
-  ASSERT_TRUE(accounts_.SetPassword(row.second, "another password").ok());
+  ASSERT_TRUE(accounts_.SetPassword(accounts_.FindUser(row.second)->uid, "another password").ok());
   EXPECT_TRUE(accounts_.VerifyPassword(row.first, "another password").ok());
   ASSERT_TRUE(accounts_.DeleteUser(row.second).ok());
   EXPECT_EQ(CodeOf(accounts_.FindUser(row.first)), ErrorCode::kNotFound);
