@@ -34,6 +34,9 @@ Json::Value AsJson(const base::User& user) {
 }  // namespace
 
 ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options) {
+  if (const Status checked = options.uid ? cluster::AccountStore::CheckSharedUid(*options.uid) : Status(); !checked) {
+    return Report(checked.error());
+  }
   const Result<Accounts> accounts = OpenAccounts(places, MissingStore::kCreate);
   if (!accounts) return Report(accounts.error());
   if (const auto taken = (*accounts)->FindUser(options.name)) {

@@ -93,6 +93,8 @@ constexpr ErrorRow kErrors[] = {
     {kErrorGrantsOfAnother, 409, "The grants of this id were given to somebody of another name."},
     {kErrorAccountDamaged, 500, "A record of the accounts or grants cannot be understood. Repair or delete it."},
     {kErrorGroupStays, 409, "The group cannot be deleted: it has members, or every cluster has it."},
+    {kErrorLastAdministrator, 409,
+     "The user is the last one in the group \"administrators\". Put another user into it first."},
     {kErrorAccountsUnavailable, 503, "The accounts or grants cannot be read or changed now. Try again later."},
     {990, 409, "The name, the id or the file is already in use."},
     {991, 409, "Guests or disks still use it."},

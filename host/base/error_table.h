@@ -37,6 +37,7 @@ inline constexpr int kErrorAccountsFromPam = 983;
 inline constexpr int kErrorGrantsOfAnother = 984;
 inline constexpr int kErrorAccountDamaged = 985;
 inline constexpr int kErrorGroupStays = 986;
+inline constexpr int kErrorLastAdministrator = 987;
 inline constexpr int kErrorAccountsUnavailable = 988;
 
 // The details of what cannot be done while the cluster database cannot be read.

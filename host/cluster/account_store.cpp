@@ -1,5 +1,7 @@
 #include "host/cluster/account_store.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -76,6 +78,21 @@ Status AssignGroups(AccountEdit& edit, const std::vector<std::string>& names, ba
     if (!is_in) user.groups.push_back(*group);
   }
   return {};
+}
+
+bool IsIn(const base::User& user, std::string_view group_name) {
+  return std::ranges::any_of(user.groups, [&](const base::Group& group) { return group.name == group_name; });
+}
+
+// Of two that take the last two administrators away at the same time, one is planned again and finds the other's.
+Status CheckIsNotLastAdministrator(const AccountEdit& edit, const base::User& user) {
+  const bool is_last = user.is_administrator && std::ranges::none_of(edit.accounts().users, [&](const auto& entry) {
+                         return entry.first != user.uid && entry.second.user.is_administrator;
+                       });
+  if (!is_last) return {};
+  return Error(
+      ErrorCode::kDenied,
+      "The user '" + user.name + "' is the last one in the group 'administrators'. Put another user into it first");
 }
 
 Status PlanNewUser(AccountEdit& edit, const AccountStore::NewUser& user, const std::string& hash) {
@@ -209,6 +226,13 @@ Status AccountStore::AddUser(const NewUser& user) {
   return Edit([&](AccountEdit& edit) { return PlanNewUser(edit, user, *hash); });
 }
 
+Status AccountStore::CheckSharedUid(std::uint32_t uid) {
+  if (uid != 0 && uid != ::geteuid()) return {};
+  return Error(ErrorCode::kInvalid, "The uid " + std::to_string(uid) +
+                                        " is that of root or of the daemon, who are administrators of the machine "
+                                        "without an account. Choose another uid, or none");
+}
+
 Status AccountStore::SetPassword(std::uint32_t uid, const std::string& password,
                                  const std::optional<std::string>& verified_hash) {
   if (Status possible = base::CheckNewPassword(password); !possible) return possible;
@@ -232,6 +256,9 @@ Status AccountStore::SetGroups(const std::string& name, const std::vector<std::s
     if (found == nullptr) return UnknownUser(name);
     Account account = *found;
     if (Status assigned = AssignGroups(edit, groups, account.user); !assigned) return assigned;
+    if (!IsIn(account.user, base::kAdministratorsGroup)) {
+      if (Status other = CheckIsNotLastAdministrator(edit, found->user); !other) return other;
+    }
     edit.PutUser(account);
     return {};
   });
@@ -241,6 +268,7 @@ Status AccountStore::DeleteUser(const std::string& name) {
   return Edit([&](AccountEdit& edit) -> Status {
     const Account* found = edit.accounts().FindUser(name);
     if (found == nullptr) return UnknownUser(name);
+    if (Status other = CheckIsNotLastAdministrator(edit, found->user); !other) return other;
     edit.DeleteUser(found->user.uid);
     return {};
   });

@@ -57,14 +57,18 @@ class AccountStore : public base::AccountProvider {
   // kConflict when the name is taken, ignoring case, or the uid is or was assigned. kInvalid for an invalid name,
   // password, uid or group. The new user starts without grants, even if there were grants for the uid.
   Status AddUser(const NewUser& user);
+  // Whether somebody may declare that this user id of the machines is a user's. kInvalid for root's and for that of
+  // this process: on the Unix sockets they would turn the machine's own administrator into the user.
+  static Status CheckSharedUid(std::uint32_t uid);
   // kNotFound when there is no user with the uid. kDenied when `verified_hash` is given and is no longer the user's:
   // the password has been changed since it was verified.
   Status SetPassword(std::uint32_t uid, const std::string& password,
                      const std::optional<std::string>& verified_hash = std::nullopt);
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
-  // stay.
+  // stay. kDenied when nobody would be left in "administrators".
   Status SetGroups(const std::string& name, const std::vector<std::string>& groups);
-  // Deletes the user and their grants. The user's groups stay. Their sessions end on every host.
+  // Deletes the user and their grants. The user's groups stay. Their sessions end on every host. kDenied for the last
+  // one in "administrators".
   Status DeleteUser(const std::string& name);
   // By name. kUnavailable when a user's record is damaged.
   Result<std::vector<base::User>> ListUsers() const;

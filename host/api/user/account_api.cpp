@@ -106,6 +106,9 @@ void AddUser(const AccountServices& services, const Call& call) {
   if (!groups) return;
   const auto is_advanced = ReadFlag(call, "advanced");
   if (!is_advanced || !HasAccounts(services, call)) return;
+  if (const Status checked = uid ? cluster::AccountStore::CheckSharedUid(*uid) : Status(); !checked) {
+    return Refuse(call, checked.error());
+  }
   using Level = cluster::AccountStore::Level;
   const Status added = services.accounts->AddUser(
       {name.Get(), password.Get(), std::move(*groups), uid, *is_advanced ? Level::kAdvanced : Level::kUser});
@@ -127,10 +130,16 @@ std::optional<base::User> FindUser(const AccountServices& services, const Call& 
   return std::nullopt;
 }
 
+// As Finish. A refusal of the account store is about the last administrator.
+void FinishUnlessLast(const Call& call, const Status& status, const std::string& done) {
+  const bool is_last = !status && status.error().code() == ErrorCode::kDenied;
+  return is_last ? Refuse(call, status.error(), webapi::kErrorLastAdministrator) : Finish(call, status, done);
+}
+
 void DeleteUser(const AccountServices& services, const Call& call) {
   const auto user = FindUser(services, call);
   if (!user) return;
-  Finish(call, services.accounts->DeleteUser(user->name), "The user [" + user->name + "] has been deleted.");
+  FinishUnlessLast(call, services.accounts->DeleteUser(user->name), "The user [" + user->name + "] has been deleted.");
 }
 
 void SetGroups(const AccountServices& services, const Call& call) {
@@ -140,8 +149,8 @@ void SetGroups(const AccountServices& services, const Call& call) {
   if (!user) return;
   std::string shown;
   for (const std::string& group : *groups) shown += (shown.empty() ? "" : ", ") + group;
-  Finish(call, services.accounts->SetGroups(user->name, *groups),
-         "The groups of the user [" + user->name + "] are now [" + shown + "].");
+  FinishUnlessLast(call, services.accounts->SetGroups(user->name, *groups),
+                   "The groups of the user [" + user->name + "] are now [" + shown + "].");
 }
 
 void DeleteGroup(const AccountServices& services, const Call& call) {
@@ -185,7 +194,7 @@ std::vector<webapi::ApiRow> AccountRows(const AccountServices& services) {
                       Text("password", "The password, 8 to 512 bytes of UTF-8."), groups,
                       Optional("uid", ParameterType::kInteger,
                                "The user id of this person on all machines, known to their Unix sockets; without it "
-                               "an id that was never used."),
+                               "an id that was never used. Not root's, nor that of the daemon's own account."),
                       Optional("advanced", ParameterType::kBoolean, "Make the user an advanced one.")},
        .errors = AccountErrors({webapi::kErrorAccountTaken})},
       {.api = kApi,
@@ -194,20 +203,22 @@ std::vector<webapi::ApiRow> AccountRows(const AccountServices& services) {
        .access = Access::kAdministrator,
        .lane = LaneKind::kQuick,
        .handler = [services](const Call& call) { DeleteUser(services, call); },
-       .summary = "Delete a user and what was granted to them. Their sessions end on every host.",
+       .summary =
+           "Delete a user and what was granted to them. Their sessions end on every host. The last administrator "
+           "cannot be deleted.",
        .parameters = {NameOf("The user's name; or:"), Id("the user's id.")},
-       .errors = AccountErrors({})},
+       .errors = AccountErrors({webapi::kErrorLastAdministrator})},
       {.api = kApi,
        .method = "groups_set",
        .version = 1,
        .access = Access::kAdministrator,
        .lane = LaneKind::kQuick,
        .handler = [services](const Call& call) { SetGroups(services, call); },
-       .summary = "Replace the groups of a user, except for the primary one.",
+       .summary = "Replace the groups of a user, except for the primary one. The last administrator stays one.",
        .parameters = {NameOf("The user's name; or:"),
                       Id("the user's id."),
                       {"groups", ParameterType::kArray, Necessity::kRequired, groups.description}},
-       .errors = AccountErrors({})},
+       .errors = AccountErrors({webapi::kErrorLastAdministrator})},
       {.api = kApi,
        .method = "group_list",
        .version = 1,

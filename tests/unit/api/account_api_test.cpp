@@ -2,6 +2,7 @@
 #include "host/api/user/account_api.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include "host/api/reason.h"
 #include "host/api/user/grant_api.h"
@@ -186,6 +187,7 @@ TEST_F(AccountApi, WrongParameters_AreRefused) {
 }
 
 TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
+  host_.AddUser("another-administrator", {"administrators"});
   const std::uint32_t alice = host_.AddUser("alice", {"staff"});
   const std::string id = std::to_string(alice);
   ASSERT_EQ(Call("groups_set", R"({"id":)" + id + R"(,"groups":["crew","administrators"]})").code, 0);
@@ -204,6 +206,32 @@ TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
   EXPECT_EQ(Call("user_delete", R"({"id":)" + id + "}").code, 0);
   EXPECT_EQ(Call("user_delete", R"({"name":"alice"})").code, webapi::kErrorNoAccount);
   EXPECT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, webapi::kErrorNoAccount);
+}
+
+TEST_F(AccountApi, LastAdministrator_IsNotRemoved) {
+  host_.AddUser("alice", {"administrators"});
+  const std::pair<const char*, const char*> changes[] = {{"user_delete", R"({"name":"alice"})"},
+                                                         {"groups_set", R"({"name":"alice","groups":["staff"]})"}};
+  for (const auto& [method, parameters] : changes) {
+    const Answer refused = Call(method, parameters);
+    EXPECT_EQ(refused.code, webapi::kErrorLastAdministrator) << method;
+    EXPECT_EQ(Reason(refused),
+              "The user 'alice' is the last one in the group 'administrators'. Put another user into it first.");
+  }
+  EXPECT_TRUE(Require(host_.accounts().FindUser("alice")).is_administrator);
+  host_.AddUser("bob", {"administrators"});
+  for (const auto& [method, parameters] : {changes[1], changes[0]}) EXPECT_EQ(Call(method, parameters).code, 0);
+}
+
+// On the Unix socket they would turn the machine's own administrator into an ordinary user.
+TEST_F(AccountApi, UidsOfRootAndOfTheDaemon_AreRefusedWithTheReason) {
+  for (const uid_t uid : {uid_t{0}, ::geteuid()}) {
+    const Answer refused =
+        Call("user_add", R"({"name":"alice","password":"good password","uid":)" + std::to_string(uid) + "}");
+    EXPECT_EQ(refused.code, webapi::kErrorBadParameter) << uid;
+    EXPECT_THAT(Reason(refused), HasSubstr("is that of root or of the daemon"));
+  }
+  EXPECT_FALSE(host_.accounts().FindUser("alice").ok());
 }
 
 TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {

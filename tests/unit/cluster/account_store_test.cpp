@@ -7,6 +7,7 @@
 #include <set>
 #include <thread>
 
+#include "tests/support/interrupted_store.h"
 #include "tests/unit/cluster/account_store_fixture.h"
 
 namespace vexa::cluster {
@@ -84,6 +85,7 @@ TEST_P(AccountNames, InAnotherCase_AreOneNameWithTheCreatedSpelling) {
   EXPECT_EQ(accounts_.FindUser(row.second)->name, row.first);
   EXPECT_EQ(accounts_.VerifyPassword(row.second, kPassword)->name, row.first);
   EXPECT_EQ(CodeOf(accounts_.AddUser({row.second, kPassword, {}, {}})), ErrorCode::kConflict);
+  Add("last-administrator", {"administrators"});
   ASSERT_TRUE(accounts_.SetGroups(row.second, {"tEAM", "USERS", "ADMINISTRATORS"}).ok());
   const auto user = accounts_.FindUser(row.first);
   EXPECT_EQ(GroupNames(*user), (Names{"users", "Team", "administrators"}));
@@ -158,17 +160,62 @@ TEST_F(AccountStoreTest, VerifyPassword_WrongOnes_AreDeniedAlike) {
 }
 
 TEST_F(AccountStoreTest, SetGroups_Changed_ReplacesAllButThePrimaryOne) {
+  Add("bob", {"administrators"});
   Add("alice", {"administrators"});
   ASSERT_TRUE(accounts_.SetGroups("alice", {"b", "a", "b"}).ok());
   EXPECT_EQ(GroupNames(*accounts_.FindUser("alice")), (Names{"users", "b", "a"}));
   EXPECT_FALSE(accounts_.FindUser("alice")->is_administrator);
   ASSERT_TRUE(accounts_.SetGroups("alice", {}).ok());
   EXPECT_EQ(GroupNames(*accounts_.FindUser("alice")), Names{"users"});
-  EXPECT_EQ(CodeOf(accounts_.SetGroups("bob", {"made-for-nobody"})), ErrorCode::kNotFound);
+  EXPECT_EQ(CodeOf(accounts_.SetGroups("carol", {"made-for-nobody"})), ErrorCode::kNotFound);
   EXPECT_EQ(CodeOf(accounts_.FindGroup("made-for-nobody")), ErrorCode::kNotFound);
 }
 
+TEST_F(AccountStoreTest, LastAdministrator_StaysOneAndStays) {
+  Add("alice", {"administrators"});
+  Add("bob");
+  EXPECT_EQ(CodeOf(accounts_.SetGroups("alice", {"staff"})), ErrorCode::kDenied);
+  const Status refused = accounts_.DeleteUser("alice");
+  EXPECT_EQ(CodeOf(refused), ErrorCode::kDenied);
+  EXPECT_EQ(refused.error().ToString(),
+            "The user 'alice' is the last one in the group 'administrators'. Put another user into it first");
+  EXPECT_TRUE(accounts_.FindUser("alice")->is_administrator);
+  EXPECT_TRUE(accounts_.SetGroups("alice", {"staff", "Administrators"}).ok()) << "still one";
+  ASSERT_TRUE(accounts_.DeleteUser("bob").ok());
+  Add("carol", {"administrators"});
+  EXPECT_TRUE(accounts_.SetGroups("alice", {}).ok());
+  EXPECT_TRUE(accounts_.DeleteUser("alice").ok());
+  EXPECT_EQ(CodeOf(accounts_.DeleteUser("carol")), ErrorCode::kDenied);
+}
+
+TEST_F(AccountStoreTest, TwoAdministratorsWhoRemoveEachOther_OneStays) {
+  for (const bool is_deleted : {true, false}) {
+    const std::string first = is_deleted ? "alice" : "carol";
+    const std::string second = is_deleted ? "bob" : "dave";
+    Add(first, {"administrators"});
+    Add(second, {"administrators"});
+    if (!is_deleted) {
+      ASSERT_TRUE(accounts_.DeleteUser("bob").ok());
+    }
+    const auto remove = [&](AccountStore& accounts, const std::string& name) {
+      return is_deleted ? accounts.DeleteUser(name) : accounts.SetGroups(name, {});
+    };
+    AccountStore other(real_);
+    AccountStore interrupted(
+        std::make_shared<test::InterruptedStore>(*real_, [&] { EXPECT_TRUE(remove(other, first).ok()); }));
+    EXPECT_EQ(CodeOf(remove(interrupted, second)), ErrorCode::kDenied);
+    EXPECT_TRUE(accounts_.FindUser(second)->is_administrator);
+  }
+}
+
 // Ids.
+
+TEST_F(AccountStoreTest, UidsOfTheMachinesAdministrators_AreNotShared) {
+  for (const std::uint32_t uid : {std::uint32_t{0}, std::uint32_t{::geteuid()}}) {
+    EXPECT_EQ(CodeOf(AccountStore::CheckSharedUid(uid)), ErrorCode::kInvalid) << uid;
+  }
+  EXPECT_TRUE(AccountStore::CheckSharedUid(::geteuid() + 1).ok());
+}
 
 TEST_F(AccountStoreTest, NewUsers_NamedLikeOnesOfTheMachine_GetIdsOfOurs) {
   Add("root", {"daemon"});
@@ -253,6 +300,7 @@ TEST_F(AccountStoreTest, Add_Advanced_IsOneCommitWithTheLevel) {
 
 TEST_F(AccountStoreTest, Reader_AnotherChanges_SeesItWithTheNextCall) {
   AccountStore writer(real_);
+  ASSERT_TRUE(writer.AddUser({"bob", kPassword, {"administrators"}, {}}).ok());
   ASSERT_TRUE(writer.AddUser({"alice", kPassword, {}, {}}).ok());
   for (int i = 0; i < 20; ++i) {
     const bool is_administrator = i % 2 == 0;
