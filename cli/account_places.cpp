@@ -54,20 +54,28 @@ std::string OwnHostId(const AccountPlaces& places) {
 Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing) {
   const Status exists = CheckOwner(places.store_path() + "/data.mdb");
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
+  const bool is_elsewhere = !places.other_store.empty();
+  if (is_elsewhere) {
+    // A folder that is not mounted must not get an empty store.
+    const Status there = store::CheckPrimaryIsThere(places.store_path(), places.mirror_path());
+    if (!there) return there.error();
+  }
   if (!exists && missing == MissingStore::kRefuse) {
     return Error(ErrorCode::kNotFound, "There are no accounts, since there is no store in '" + places.store_path() +
                                            "'; 'vexa user add' creates it, with the same options");
   }
   if (const Status owner = CheckOwnerOrFolder(places.store_path()); !owner) return owner.error();
   if (const Status free = CheckDaemon(places); !free) return free.error();
-  if (!places.other_store.empty()) {
-    // A folder that is not mounted must not get an empty store.
-    const Status there = store::CheckPrimaryIsThere(places.store_path(), places.data_directory + "/mirror");
-    if (!there) return there.error();
-  }
   store::LmdbOptions options;
   options.directory = places.store_path();
-  return store::OpenLmdbStore(options);
+  auto store = store::OpenLmdbStore(options);
+  if (!store) return store.error();
+  if (is_elsewhere && places.daemon == BesideDaemon::kRefuse) {
+    // Nor may an old database be changed that is below the folder where the right one is not mounted.
+    const Status newer = store::CheckPrimaryIsNotOlder(**store, places.mirror_path());
+    if (!newer) return newer.error();
+  }
+  return std::shared_ptr<store::Store>(*std::move(store));
 }
 
 Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces& places, MissingStore missing) {

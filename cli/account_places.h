@@ -23,6 +23,7 @@ struct AccountPlaces {
   BesideDaemon daemon = BesideDaemon::kRefuse;  // whether the store may be opened while the folder's daemon runs
 
   std::string store_path() const { return other_store.empty() ? data_directory + "/store" : other_store; }
+  std::string mirror_path() const { return data_directory + "/mirror"; }
   std::string accounts_path() const {
     return other_accounts_path.empty() ? data_directory + "/accounts.json" : other_accounts_path;
   }
@@ -36,7 +37,8 @@ enum class MissingStore { kRefuse, kCreate };
 Result<AccountPlaces> PlacesInConfiguration(const std::string& path);
 
 // The daemon's store. kNotFound when it does not exist and `missing` refuses; kDenied when another account owns it;
-// kBusy when a daemon runs; kUnavailable when this host had a store there that is gone.
+// kBusy when a daemon runs; kUnavailable when this host had a store there that is gone, and kConflict when it had a
+// newer one.
 Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing);
 
 // The accounts in it, after an account file of an older version has been taken over. What the file's people should know

@@ -31,7 +31,9 @@ Status CheckOwner(const std::string& path) {
 Status CheckOwnerOrFolder(const std::string& path) {
   const Status owner = CheckOwner(path);
   if (owner.ok() || owner.error().code() != ErrorCode::kNotFound) return owner;
-  const std::string folder = std::filesystem::path(path).parent_path();
+  std::filesystem::path plain(path);
+  if (!plain.has_filename()) plain = plain.parent_path();  // of a path that ends with a slash: the same without it
+  const std::string folder = plain.parent_path();
   return CheckOwner(folder.empty() ? "." : folder);
 }
 

@@ -12,6 +12,7 @@
 #include "host/cluster/account_store.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "host/store/mirrored_store.h"
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {
@@ -355,6 +356,56 @@ TEST_F(Accounts, StoreThatIsNotMounted_GetsNoEmptyOne) {
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.errors, HasSubstr("mount it"));
   EXPECT_FALSE(Exists("elsewhere/data.mdb"));
+}
+
+TEST_F(Accounts, StoreThatIsNotMounted_IsNotOneToCreate) {
+  std::filesystem::create_directories(folder_.File("data/mirror"));
+  WriteFile(folder_.File("data/mirror/data.mdb"), "a copy");
+  std::filesystem::create_directory(folder_.File("elsewhere"));
+  const auto list = RunHere({"user", "list", "--store", folder_.File("elsewhere")});
+  EXPECT_EQ(list.exit_code, 1);
+  EXPECT_THAT(list.errors, AllOf(HasSubstr("mount it"), Not(HasSubstr("'vexa user add' creates it"))));
+}
+
+// An old database lies below the folder where the right one is not mounted.
+TEST_F(Accounts, StoreThatIsOlderThanItsCopy_IsNotChanged) {
+  const std::vector<std::string> elsewhere{"--store", folder_.File("elsewhere")};
+  ASSERT_NO_FATAL_FAILURE(AddAlice(elsewhere));
+  store::LmdbOptions options;
+  options.directory = folder_.File("elsewhere");
+  const auto revision = [&options] { return (*(*store::OpenLmdbStore(options))->Read())->revision(); };
+  const store::Revision before = revision();
+  options.directory = folder_.File("newer");
+  {
+    const auto newer = store::OpenLmdbStore(options);
+    ASSERT_TRUE(newer.ok());
+    while ((*(*newer)->Read())->revision() <= before) ASSERT_TRUE((*newer)->Commit({{}, {{"/a", "b"}}}).ok());
+    store::MirrorOptions mirror;
+    mirror.directory = folder_.File("data/mirror");
+    const auto copy = store::MirroredStore::Make(*newer, mirror);
+    ASSERT_TRUE(copy.ok());
+    for (int i = 0; i < 1200 && (*copy)->mirrored() <= before; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_GT((*copy)->mirrored(), before);
+  }
+  options.directory = folder_.File("elsewhere");
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {"user", "list"}, {"user", "del", "alice"}, {"user", "grant", "alice", kFirst}}) {
+    std::vector<std::string> arguments = words;
+    arguments.insert(arguments.end(), elsewhere.begin(), elsewhere.end());
+    const auto result = RunHere(arguments);
+    EXPECT_EQ(result.exit_code, 1) << words[1];
+    EXPECT_THAT(result.errors, HasSubstr("older than this host's copy")) << words[1];
+  }
+  EXPECT_EQ(revision(), before);
+}
+
+TEST_F(Accounts, StoreNamedWithASlashAtItsEnd_IsCreated) {
+  const auto added =
+      RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere/")}, "good password\n");
+  EXPECT_EQ(added.exit_code, 0) << added.errors;
+  EXPECT_TRUE(Exists("elsewhere/data.mdb"));
 }
 
 TEST_F(Accounts, Changes_AreInTheClusterLogWithoutPasswords) {
