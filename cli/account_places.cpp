@@ -28,11 +28,11 @@ Error DaemonRuns(const AccountPlaces& places) {
 }
 
 // Beside a daemon there is its API, which knows who asks and which store is meant.
-Status CheckDaemon(const AccountPlaces& places) {
-  if (places.daemon == BesideDaemon::kAllow) return {};
-  const Status free = DataLock::CheckFree(places.data_directory);
-  if (!free && free.error().code() == ErrorCode::kBusy) return DaemonRuns(places);
-  return free;
+Result<DataLock> LockOutDaemons(const AccountPlaces& places) {
+  if (places.daemon == BesideDaemon::kAllow) return DataLock();
+  Result<DataLock> lock = DataLock::Share(places.data_directory);
+  if (!lock && lock.error().code() == ErrorCode::kBusy) return DaemonRuns(places);
+  return lock;
 }
 
 std::string OwnName() {
@@ -51,7 +51,7 @@ std::string OwnHostId(const AccountPlaces& places) {
 
 }  // namespace
 
-Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing) {
+Result<LocalStore> OpenStore(const AccountPlaces& places, MissingStore missing) {
   const Status exists = CheckOwner(places.store_path() + "/data.mdb");
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
   const bool is_elsewhere = !places.other_store.empty();
@@ -65,7 +65,8 @@ Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, Mis
                                            "'; 'vexa user add' creates it, with the same options");
   }
   if (const Status owner = CheckOwnerOrFolder(places.store_path()); !owner) return owner.error();
-  if (const Status free = CheckDaemon(places); !free) return free.error();
+  Result<DataLock> lock = LockOutDaemons(places);
+  if (!lock) return lock.error();
   store::LmdbOptions options;
   options.directory = places.store_path();
   auto store = store::OpenLmdbStore(options);
@@ -75,10 +76,10 @@ Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, Mis
     const Status newer = store::CheckPrimaryIsNotOlder(**store, places.mirror_path());
     if (!newer) return newer.error();
   }
-  return std::shared_ptr<store::Store>(*std::move(store));
+  return LocalStore{std::move(*lock), std::move(*store)};
 }
 
-Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces& places, MissingStore missing) {
+Result<LocalAccounts> OpenAccounts(const AccountPlaces& places, MissingStore missing) {
   const auto source = places.source ? *places.source : cluster::KnownAccountSource(places.data_directory);
   if (source == cluster::AccountSource::kPam) {
     return Error(ErrorCode::kDenied,
@@ -88,19 +89,21 @@ Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces&
   }
   const Status file = CheckOwner(places.accounts_path());
   if (!file && file.error().code() != ErrorCode::kNotFound) return file.error();
-  const auto store = OpenStore(places, missing);
-  if (!store) return store.error();
+  Result<LocalStore> opened = OpenStore(places, missing);
+  if (!opened) return opened.error();
   if (file) {
-    const Status taken = cluster::TakeOverAccountFile(**store, places.accounts_path(), [](const std::string& sentence) {
-      std::cerr << Printable(sentence) << ".\n";
-      ::syslog(LOG_WARNING, "%s.", sentence.c_str());
-    });
+    const Status taken =
+        cluster::TakeOverAccountFile(*opened->store, places.accounts_path(), [](const std::string& sentence) {
+          std::cerr << Printable(sentence) << ".\n";
+          ::syslog(LOG_WARNING, "%s.", sentence.c_str());
+        });
     if (!taken) return taken.error();
   }
-  return std::make_unique<cluster::AccountStore>(*store);
+  auto accounts = std::make_unique<cluster::AccountStore>(opened->store);
+  return LocalAccounts{std::move(*opened), std::move(accounts)};
 }
 
-void LogLocalChange(const AccountPlaces& places, const std::string& sentence) {
+void LogLocalChange(const AccountPlaces& places, const LocalStore& opened, const std::string& sentence) {
   const std::string user = OwnName();
   ::syslog(LOG_NOTICE, "%s By user[%s] with vexa on this machine.", sentence.c_str(), user.c_str());
   cluster::LogEntry entry;
@@ -110,8 +113,7 @@ void LogLocalChange(const AccountPlaces& places, const std::string& sentence) {
   entry.user = user;
   entry.priority = VexaCCC::CLOG_PRIORITY_SUCCESS;
   entry.text = sentence;
-  const auto store = OpenStore(places, MissingStore::kRefuse);
-  const Status added = store ? cluster::AddLogEntry(**store, std::move(entry)) : Status(store.error());
+  const Status added = cluster::AddLogEntry(*opened.store, std::move(entry));
   if (!added) std::cerr << "vexa: The cluster log cannot be written: " << Printable(added.error().ToString()) << '\n';
 }
 

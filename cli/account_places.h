@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "host/base/data_lock.h"
 #include "host/base/result.h"
 #include "host/cluster/account_source.h"
 #include "host/cluster/account_store.h"
@@ -36,18 +37,28 @@ enum class MissingStore { kRefuse, kCreate };
 // kNotFound, kDenied or kInvalid when the file cannot be read.
 Result<AccountPlaces> PlacesInConfiguration(const std::string& path);
 
-// The daemon's store. kNotFound when it does not exist and `missing` refuses; kDenied when another account owns it;
-// kBusy when a daemon runs; kUnavailable when this host had a store there that is gone, and kConflict when it had a
-// newer one.
-Result<std::shared_ptr<store::Store>> OpenStore(const AccountPlaces& places, MissingStore missing);
+// While it lives no daemon starts on the data folder, except beside one that was allowed.
+struct LocalStore {
+  DataLock lock;
+  std::shared_ptr<store::Store> store;
+};
 
-// The accounts in it, after an account file of an older version has been taken over. What the file's people should know
-// goes to standard error and the system log.
-// kDenied when the daemon takes its users from PAM, or when another account owns the files; kCorrupt and others as
-// cluster::TakeOverAccountFile; those of OpenStore.
-Result<std::unique_ptr<cluster::AccountStore>> OpenAccounts(const AccountPlaces& places, MissingStore missing);
+// The daemon's store. Not to be kept while somebody is asked for a password. kNotFound when it does not exist and
+// `missing` refuses; kDenied when another account owns it; kBusy when a daemon runs; kUnavailable when this host had a
+// store there that is gone, and kConflict when it had a newer one.
+Result<LocalStore> OpenStore(const AccountPlaces& places, MissingStore missing);
+
+struct LocalAccounts {
+  LocalStore opened;
+  std::unique_ptr<cluster::AccountStore> accounts;
+};
+
+// The accounts in the store, after an account file of an older version has been taken over. What the file's people
+// should know goes to standard error and the system log. kDenied when the daemon takes its users from PAM, or when
+// another account owns the files; kCorrupt and others as cluster::TakeOverAccountFile; those of OpenStore.
+Result<LocalAccounts> OpenAccounts(const AccountPlaces& places, MissingStore missing);
 
 // Writes what was changed, a sentence, to the system log and the cluster log, in the name of this program's user.
-void LogLocalChange(const AccountPlaces& places, const std::string& sentence);
+void LogLocalChange(const AccountPlaces& places, const LocalStore& opened, const std::string& sentence);
 
 }  // namespace vexa::cli

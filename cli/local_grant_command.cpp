@@ -24,10 +24,10 @@ struct Change {
 ExitCode RunChange(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
                    const Result<GrantPrincipal>& principal, const Change& change) {
   if (!principal) return Report(principal.error());
-  const auto store = OpenStore(places, MissingStore::kRefuse);
-  if (!store) return Report(store.error());
-  if (const Status made = change.make(**store, *principal); !made) return Report(made.error());
-  LogLocalChange(places, change.logged(Shown(target, *principal)));
+  const Result<LocalStore> opened = OpenStore(places, MissingStore::kRefuse);
+  if (!opened) return Report(opened.error());
+  if (const Status made = change.make(*opened->store, *principal); !made) return Report(made.error());
+  LogLocalChange(places, *opened, change.logged(Shown(target, *principal)));
   return Say(global, change.said);
 }
 
@@ -51,11 +51,9 @@ Result<GrantPrincipal> FindAccount(const AccountPlaces& places, const GrantTarge
   const Result<cluster::PrincipalWord> word = WordOf(target);
   if (!word) return word.error();
   if (target.source == NameSource::kSystem) return cluster::FindSystemPrincipal(target.kind, *word);
-  const auto accounts = OpenAccounts(places, MissingStore::kRefuse);
-  if (!accounts) return accounts.error();
-  const auto store = OpenStore(places, MissingStore::kRefuse);
-  if (!store) return store.error();
-  return cluster::FindPrincipal(**accounts, **store, target.kind, *word);
+  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kRefuse);
+  if (!local) return local.error();
+  return cluster::FindPrincipal(*local->accounts, *local->opened.store, target.kind, *word);
 }
 
 ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,

@@ -37,13 +37,6 @@ Status CheckGroups(const std::vector<std::string>& groups) {
   return {};
 }
 
-Status CheckNewUser(const NewUserOptions& options) {
-  if (!base::IsValidAccountName(options.name)) return Error(ErrorCode::kInvalid, "A user cannot have that name");
-  // (uid_t)-1 means "no id" to system calls.
-  if (options.uid == UINT32_MAX) return Error(ErrorCode::kInvalid, "A user cannot have that uid");
-  return CheckGroups(options.groups);
-}
-
 Json::Value ArrayOf(const std::vector<std::string>& texts) {
   Json::Value array(Json::arrayValue);
   for (const std::string& text : texts) array.append(text);
@@ -54,18 +47,6 @@ Json::Value Named(const std::string& name) {
   Json::Value parameters(Json::objectValue);
   parameters["name"] = name;
   return parameters;
-}
-
-// A new password that can be sent; failures are printed.
-ExitCode AskNewPassword(PasswordSource source, const std::string& prompt, std::string& password) {
-  const Result<std::string> given = GetNewPassword(source, prompt);
-  const Status checked = given ? base::CheckNewPassword(*given) : Status(given.error());
-  if (!checked) {
-    Report(checked.error());
-    return ExitCode::kUsage;
-  }
-  password = *given;
-  return ExitCode::kOk;
 }
 
 CallOutcome WithLocalHint(const HttpClient& client, CallOutcome outcome) {
@@ -120,6 +101,24 @@ std::string Joined(const Json::Value& texts) {
 }
 
 }  // namespace
+
+Status CheckNewUser(const NewUserOptions& options) {
+  if (!base::IsValidAccountName(options.name)) return Error(ErrorCode::kInvalid, "A user cannot have that name");
+  // (uid_t)-1 means "no id" to system calls.
+  if (options.uid == UINT32_MAX) return Error(ErrorCode::kInvalid, "A user cannot have that uid");
+  return CheckGroups(options.groups);
+}
+
+ExitCode AskNewPassword(PasswordSource source, const std::string& prompt, std::string& password) {
+  const Result<std::string> given = GetNewPassword(source, prompt);
+  const Status checked = given ? base::CheckNewPassword(*given) : Status(given.error());
+  if (!checked) {
+    Report(checked.error());
+    return ExitCode::kUsage;
+  }
+  password = *given;
+  return ExitCode::kOk;
+}
 
 CallOutcome CallAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
                         Secrecy secrecy) {

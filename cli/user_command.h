@@ -34,6 +34,11 @@ ExitCode RunGroupList(const GlobalOptions& global);
 // A group that nobody is in, with what was granted to it.
 ExitCode RunGroupDel(const GlobalOptions& global, const std::string& name);
 
+// kInvalid for a name, groups or an id that no user can have.
+Status CheckNewUser(const NewUserOptions& options);
+// Asks for a new password that accounts accept; failures are printed.
+ExitCode AskNewPassword(PasswordSource source, const std::string& prompt, std::string& password);
+
 // Calls a method of VEXA.Core.Account. Failures are printed; where nothing listens on the Unix socket, with what to do.
 CallOutcome CallAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
                         Secrecy secrecy = Secrecy::kPlain);

@@ -39,14 +39,13 @@ Result<DataLock> DataLock::Take(const std::string& data_directory) {
   return InUse(data_directory);
 }
 
-Status DataLock::CheckFree(const std::string& data_directory) {
+Result<DataLock> DataLock::Share(const std::string& data_directory) {
   const std::string path = PathIn(data_directory);
   DataLock lock;
   lock.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (lock.fd_ < 0 && (errno == ENOENT || errno == ENOTDIR)) return {};
+  if (lock.fd_ < 0 && (errno == ENOENT || errno == ENOTDIR)) return lock;
   if (lock.fd_ < 0) return SystemError(ErrorCode::kDenied, "Cannot open '" + path + "'", errno);
-  // Shared: several commands may look at the same time.
-  if (::flock(lock.fd_, LOCK_SH | LOCK_NB) == 0) return {};
+  if (::flock(lock.fd_, LOCK_SH | LOCK_NB) == 0) return lock;
   if (errno != EWOULDBLOCK) return SystemError(ErrorCode::kInternal, "Cannot lock '" + path + "'", errno);
   return InUse(data_directory);
 }

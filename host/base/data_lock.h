@@ -8,7 +8,7 @@
 
 namespace vexa {
 
-// Held while it lives; the system lets it go when the process ends, however that happens. Two daemons would overwrite
+// Held while it lives; the system releases it when the process ends, however that happens. Two daemons would overwrite
 // each other's sessions.
 class DataLock {
  public:
@@ -20,11 +20,12 @@ class DataLock {
   }
   ~DataLock();
 
-  // kBusy when another daemon has it; otherwise what the system says. Waits up to a second for a CheckFree to end.
+  // kBusy when another daemon has it; otherwise what the system says. Waits up to a second for those who share it.
   static Result<DataLock> Take(const std::string& data_directory);
 
-  // kBusy when a daemon has it. A folder without the file, or no folder at all, has no daemon. Nothing is created.
-  static Status CheckFree(const std::string& data_directory);
+  // Keeps daemons from starting; any number of commands share it. kBusy when a daemon has it. Nothing is created: a
+  // folder without the file, or no folder at all, has never had a daemon, and its first one is not kept from starting.
+  static Result<DataLock> Share(const std::string& data_directory);
 
  private:
   int fd_ = -1;

@@ -1,6 +1,8 @@
 // Two daemons could share a data folder; each wrote its own sessions over the other's.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "host/base/data_lock.h"
 #include "tests/support/test_daemon.h"
 
@@ -20,6 +22,24 @@ TEST(TwoDaemons, AfterTheFirstHasGone_TheFolderIsFree) {
   {
     const auto lock = vexa::DataLock::Take(folder.path());
     ASSERT_TRUE(lock.ok());
+    EXPECT_FALSE(vexa::DataLock::Take(folder.path()).ok());
+  }
+  EXPECT_TRUE(vexa::DataLock::Take(folder.path()).ok());
+}
+
+TEST(TwoDaemons, CommandsThatShareTheFolder_KeepDaemonsFromStarting) {
+  const vexa::test::TempDir folder;
+  EXPECT_TRUE(vexa::DataLock::Share(folder.path()).ok()) << "there was no daemon yet, and nothing is created";
+  EXPECT_FALSE(std::filesystem::exists(folder.File("vexad.lock")));
+  {
+    const auto daemon = vexa::DataLock::Take(folder.path());
+    ASSERT_TRUE(daemon.ok());
+    EXPECT_FALSE(vexa::DataLock::Share(folder.path()).ok());
+  }
+  {
+    const auto one = vexa::DataLock::Share(folder.path());
+    const auto other = vexa::DataLock::Share(folder.path());
+    ASSERT_TRUE(one.ok() && other.ok());
     EXPECT_FALSE(vexa::DataLock::Take(folder.path()).ok());
   }
   EXPECT_TRUE(vexa::DataLock::Take(folder.path()).ok());

@@ -14,6 +14,7 @@
 #include "host/store/lmdb_store.h"
 #include "host/store/mirrored_store.h"
 #include "tests/system/cli_program.h"
+#include "tests/system/cli_terminal.h"
 
 namespace vexa::test {
 namespace {
@@ -148,6 +149,18 @@ TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
   AddAlice();
   EXPECT_EQ(RunHere({"user", "list"}).exit_code, 0);
   EXPECT_FALSE(Exists("data/accounts.json"));
+}
+
+TEST_F(Accounts, UserWhoCannotBeAdded_CreatesNoStore) {
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+           {"a b"}, {"bob", "--group", "a b"}, {"bob", "--uid", "4294967295"}, {"bob", "--uid", "0"}}) {
+    std::vector<std::string> arguments{"user", "add", "--password-stdin"};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    EXPECT_EQ(RunHere(arguments, "good password\n").exit_code, 2) << words.back();
+    EXPECT_FALSE(Exists("data/store")) << words.back();
+  }
+  EXPECT_EQ(RunHere({"user", "add", "bob", "--password-stdin"}, "short\n").exit_code, 2);
+  EXPECT_FALSE(Exists("data/store")) << "the password";
 }
 
 TEST_F(Accounts, FilesOfAnotherAccount_AreLeftAlone) {
@@ -345,6 +358,22 @@ TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {
   }
   EXPECT_TRUE(Open()->FindUser("alice").ok());
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0) << "it has stopped";
+}
+
+TEST_F(Accounts, DaemonThatStartsWhileAPasswordIsTyped_IsNotWorkedBeside) {
+  AddAlice();
+  ASSERT_TRUE(DataLock::Take(folder_.File("data")).ok()) << "a daemon has been here";
+  OnTerminal terminal(Program({"user", "passwd", "alice", "--data", folder_.File("data")}));
+  ASSERT_TRUE(terminal.WaitFor("New password of alice: "));
+  const auto lock = DataLock::Take(folder_.File("data"));
+  ASSERT_TRUE(lock.ok()) << "nothing is locked while somebody types";
+  terminal.Type("second password\n");
+  ASSERT_TRUE(terminal.WaitFor("again: "));
+  terminal.Type("second password\n");
+  const int status = terminal.Finish();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << terminal.shown();
+  EXPECT_THAT(terminal.shown(), HasSubstr("A vexad uses the data folder"));
+  EXPECT_TRUE(Open()->VerifyPassword("alice", "first password").ok());
 }
 
 TEST_F(Accounts, StoreThatIsNotMounted_GetsNoEmptyOne) {
