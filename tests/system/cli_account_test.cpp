@@ -344,6 +344,39 @@ TEST_F(Accounts, ConfigurationThatCannotBeUsed_IsReported) {
   EXPECT_EQ(Run({"user", "list", "--config", folder_.File("empty.conf")}).exit_code, 2);
 }
 
+// What the daemon does not start with must not lead to another store.
+TEST_F(Accounts, ConfigurationThatTheDaemonRefuses_IsRefused) {
+  AddAlice();
+  const std::string data = "data = \"" + folder_.File("data") + "\"\n";
+  const std::string file = folder_.File("vexad.conf");
+  const auto list = [&](const std::string& text) {
+    WriteFile(file, text);
+    return Run({"user", "list", "--config", file});
+  };
+  EXPECT_EQ(list(data).exit_code, 0);
+  for (const std::string& text :
+       {data + "stroe = \"/x\"\n", data + "[section]\nstore = \"/x\"\n", data + "io-threads = 0\n",
+        data + "accounts = \"ldap\"\n", std::string("data = \"/a\" \"/b\"\n"), std::string("data = data\n"),
+        data + "store = \"elsewhere\"\n", data + "account-file = \"accounts.json\"\n"}) {
+    const auto result = list(text);
+    EXPECT_EQ(result.exit_code, 2) << text;
+    EXPECT_THAT(result.errors, HasSubstr("Cannot read the configuration file")) << text;
+  }
+  EXPECT_THAT(list("data = \"data\"\n").errors, HasSubstr("'data' is not an absolute path"));
+  const auto twice = list(data + "log = \"both\"\ndata = \"" + folder_.File("elsewhere") + "\"\n");
+  EXPECT_THAT(twice.output, HasSubstr("alice")) << "the first one counts, as for the daemon";
+}
+
+TEST_F(Accounts, ConfigurationThatDoesNotNameAccounts_TheLastStartCounts) {
+  AddAlice();
+  const std::string file = folder_.File("vexad.conf");
+  WriteFile(file, "data = \"" + folder_.File("data") + "\"\n");
+  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
+  EXPECT_THAT(Run({"user", "list", "--config", file}).errors, HasSubstr("takes its users from PAM"));
+  WriteFile(file, "data = \"" + folder_.File("data") + "\"\naccounts = \"store\"\n");
+  EXPECT_THAT(Run({"user", "list", "--config", file}).output, HasSubstr("alice"));
+}
+
 TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {
   AddAlice();
   {
