@@ -310,6 +310,21 @@ TEST_F(AccountApi, GuessingOldPasswords_IsSlowedDown) {
   EXPECT_EQ(slowed, 2);
 }
 
+// Each change takes an entry of the cluster log, which keeps a limited number of them.
+TEST_F(AccountApi, ChangingThePasswordAgainAndAgain_IsSlowedDown) {
+  host_.AddUser("grace");
+  std::string now = kPassword;
+  std::string next = "second password";
+  int slowed = 0;
+  for (int i = 0; i < 12; ++i) {
+    const std::string parameters = R"({"password":")" + next + R"(","old_password":")" + now + "\"}";
+    const int code = CallAs("grace", "password_set", parameters).code;
+    if (code == webapi::kErrorTooManyLogins) ++slowed;
+    if (code == 0) std::swap(now, next);
+  }
+  EXPECT_EQ(slowed, 2);
+}
+
 TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
   const std::string identifier = "users-" + std::to_string(host_.AddUser("bob", {"staff"}));
   host_.PutText("guest", kFirst, R"({"name":"web-1"})");
