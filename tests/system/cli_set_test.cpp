@@ -160,7 +160,8 @@ TEST_F(GuestSet, WrongOptions_AreToldAndNothingIsSent) {
   const std::string no_disk = "' is no id of a disk (a UUID); 'vexa guest get' shows them";
   const std::string no_nic = "' is no id of a network interface (a UUID); 'vexa guest get' shows them";
   const std::string no_member = "' is nothing of an interface: give net=ID, type=N, mac=ADDRESS or sriov=true";
-  const std::string nobody = "' is nobody: give user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
+  const std::string unknown = "Unknown user or group '";
+  const std::string known = "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER.";
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{"--add-disk", "0"}, "'0" + no_size},
       {{"--add-disk", "1.5"}, "'1.5" + no_size},
@@ -195,12 +196,12 @@ TEST_F(GuestSet, WrongOptions_AreToldAndNothingIsSent) {
       {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x': give '1234:00ab', '3.14' or 'unmounted'"},
       {{"--usb", "1.1", "--usb", "1.2", "--usb", "1.3", "--usb", "1.4", "--usb", "1.5"},
        "The parameter 'usbs' has more than four devices"},
-      {{"--allow", "alice"}, "'alice" + nobody},
-      {{"--allow", "user:"}, "'user:" + nobody},
-      {{"--allow", "users:alice"}, "'users:alice" + nobody},
-      {{"--allow", "uid:-1"}, "'uid:-1" + nobody},
-      {{"--allow", "uid:4294967295"}, "'uid:4294967295" + nobody},
-      {{"--allow", "uid:12x"}, "'uid:12x" + nobody},
+      {{"--allow", "alice"}, unknown + "alice" + known},
+      {{"--allow", "user:"}, unknown + "user:" + known},
+      {{"--allow", "users:alice"}, unknown + "users:alice" + known},
+      {{"--allow", "uid:-1"}, unknown + "uid:-1" + known},
+      {{"--allow", "uid:4294967295"}, unknown + "uid:4294967295" + known},
+      {{"--allow", "uid:12x"}, unknown + "uid:12x" + known},
       {{"--allow", "uid:7", "--revoke", "uid:7"}, "The rights of 'uid:7' are named twice"},
   };
   for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
@@ -265,6 +266,21 @@ TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("holds no id"));
   EXPECT_EQ(RunOn(host, {"web-1", "--allow", "group:staff", "--revoke", "gid:1026"}).exit_code, 2);
   EXPECT_EQ(host.Count("set"), sent);
+}
+
+// Other changes of the same call, and revoking, do not depend on the damaged record.
+TEST_F(GuestSet, NameWhoseGrantsAreDamaged_IsFoundInTheList) {
+  const ApiHost host(With([](const std::string& method, const Json::Value&) {
+    if (method == "level_get") return ApiHost::Failure(985, "A record cannot be understood.");
+    if (method == "user_list") return ApiHost::Success(R"({"users":[null,{"name":"Alice","uid":1026}]})");
+    if (method == "group_list") return ApiHost::Success(R"({"groups":[{"name":"staff","gid":7}]})");
+    return ApiHost::Success();
+  }));
+  const auto result = RunOn(host, {"web-1", "--allow", "user:alice", "--revoke", "group:staff"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(host.calls().back(), AllOf(HasSubstr(R"("uid":1026)"), HasSubstr(R"("gid":7)")));
+  EXPECT_EQ(RunOn(host, {"web-1", "--allow", "user:bob"}).exit_code, 1);
+  EXPECT_EQ(host.Count("set"), 1);
 }
 
 TEST_F(GuestSet, UsersOfTheSystem_AreFoundWithSystem) {
