@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/accounts/account_nss.h"
 #include "host/accounts/account_password.h"
 #include "host/api/reason.h"
 #include "host/api/rows.h"
 #include "host/base/error_table.h"
-#include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_log.h"
@@ -37,13 +37,6 @@ int CodeOf(const Error& error) {
     default:
       return webapi::kErrorAccountsUnavailable;
   }
-}
-
-// The machine's own users and groups may have names that accounts cannot have, such as "DOMAIN\domain users".
-bool IsSystemName(std::string_view name) {
-  constexpr std::size_t kMaxBytes = 256;
-  const bool is_plain = std::ranges::none_of(name, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-  return !name.empty() && name.size() <= kMaxBytes && is_plain && IsValidUtf8(name);
 }
 
 }  // namespace
@@ -127,7 +120,7 @@ std::optional<PrincipalParameters> ReadPrincipal(const Call& call) {
   const auto is_system = ReadFlag(call, "system");
   if (!is_system) return std::nullopt;
   principal.is_system = *is_system;
-  auto word = ReadNameOrId(call, principal.is_system ? IsSystemName : IsAccountName);
+  auto word = ReadNameOrId(call, principal.is_system ? base::IsSystemName : IsAccountName);
   if (!word) return std::nullopt;
   principal.word = std::move(*word);
   return principal;
