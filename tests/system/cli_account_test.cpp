@@ -139,7 +139,7 @@ TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
                                              {"user", "del", "alice"},
                                              {"user", "group", "alice", "crew"},
                                              {"user", "grant", "alice", kFirst},
-                                             {"user", "drop-grants", "--system", "root"},
+                                             {"user", "drop-grants", "--id", "1026"},
                                              {"group", "grant", "staff", kFirst}}) {
     const auto result = RunHere(arguments);
     EXPECT_EQ(result.exit_code, 1);
@@ -213,6 +213,11 @@ TEST_F(Accounts, GroupGrant_IsUnderTheGroupsId) {
   EXPECT_EQ(RunHere({"group", "advanced", "staff"}).exit_code, 0);
   EXPECT_THAT(RecordOf("groups-" + std::to_string(gid)), HasSubstr("advanced"));
   EXPECT_EQ(RunHere({"group", "grant", "nobody-here", kFirst}).exit_code, 1);
+  const auto system = RunHere({"group", "grant", "--system", "root", kFirst});
+  EXPECT_EQ(system.exit_code, 2);
+  EXPECT_THAT(system.errors, HasSubstr("takes its users from the store"));
+  EXPECT_EQ(RecordOf("groups-0"), "");
+  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
   EXPECT_EQ(RunHere({"group", "grant", "--system", "root", kFirst}).exit_code, 0);
   EXPECT_THAT(RecordOf("groups-0"), HasSubstr(kFirst));
 }

@@ -132,9 +132,20 @@ bool HasAccounts(const AccountServices& services, const Call& call) {
   return false;
 }
 
+// Rights count by id alone: those of a system user would be those of whichever account of the store has the same id.
+bool IsOfThisDaemon(const AccountServices& services, const Call& call, const PrincipalParameters& principal) {
+  if (!principal.is_system) return HasAccounts(services, call);
+  if (!services.accounts) return true;
+  Refuse(call,
+         Error(ErrorCode::kInvalid,
+               "The machine's own users and groups have no rights here, because the daemon's setting 'accounts' is "
+               "\"store\". Leave 'system' (--system) out"));
+  return false;
+}
+
 std::optional<cluster::GrantPrincipal> Find(const AccountServices& services, const Call& call,
                                             const PrincipalParameters& principal) {
-  if (!principal.is_system && !HasAccounts(services, call)) return std::nullopt;
+  if (!IsOfThisDaemon(services, call, principal)) return std::nullopt;
   Result<cluster::GrantPrincipal> found =
       principal.is_system ? cluster::FindSystemPrincipal(principal.kind, principal.word)
                           : cluster::FindPrincipal(*services.accounts, *services.store, principal.kind, principal.word);

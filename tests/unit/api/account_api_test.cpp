@@ -372,12 +372,27 @@ TEST_F(AccountApi, UnknownPrincipals_AreRefused) {
   const std::string guests = R"("guests":[")" + std::string(kFirst) + "\"]";
   for (const std::string& who :
        {std::string(R"("kind":"user","name":"nobody-here")"), std::string(R"("kind":"group","name":"nobody-here")"),
-        std::string(R"("kind":"user","id":4242)"),
-        std::string(R"("kind":"user","name":"nobody-here","system":true)")}) {
+        std::string(R"("kind":"user","id":4242)")}) {
     const Answer answer = Call("grant", "{" + who + "," + guests + "}");
     EXPECT_EQ(answer.code, webapi::kErrorNoAccount) << who;
     EXPECT_NE(Reason(answer), "") << who;
   }
+}
+
+// Rights count by id: root's would be those of an account with the id 0.
+TEST_F(AccountApi, UsersOfTheMachine_AreRefusedWhereAccountsAreInTheStore) {
+  const std::string guests = R"(,"guests":[")" + std::string(kFirst) + "\"]";
+  for (const std::string method : {"grant", "revoke", "level_set", "level_get", "grant_list", "grants_drop"}) {
+    for (const char* who : {R"("name":"root")", R"("id":0)"}) {
+      const Answer answer =
+          Call(method, R"({"kind":"user","system":true,"advanced":true,)" + std::string(who) + guests + "}");
+      EXPECT_EQ(answer.code, webapi::kErrorBadParameter) << method << who;
+      EXPECT_THAT(Reason(answer), AllOf(HasSubstr("'accounts' is \"store\""), HasSubstr("--system"))) << method;
+    }
+  }
+  EXPECT_EQ(RecordOf("users-0"), "absent");
+  const std::string unknown = R"({"kind":"user","name":"nobody-here","system":true)" + guests + "}";
+  EXPECT_EQ(CallOn(*pam_, "grant", unknown, Administrator()).code, webapi::kErrorNoAccount);
 }
 
 TEST_F(AccountApi, GrantsOfAnotherName_AreNotChangedAndCanBeDroppedById) {
