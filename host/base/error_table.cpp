@@ -98,7 +98,7 @@ constexpr ErrorRow kErrors[] = {
     {kErrorAccountsUnavailable, 503, "The accounts or grants cannot be read or changed now. Try again later."},
     {990, 409, "The name, the id or the file is already in use."},
     {991, 409, "Guests or disks still use it."},
-    {992, 500, "The change could not be made: the cluster database could not be read or written."},
+    {992, 500, "The cluster database could not be read or written."},
     {1001, 500, "The guest was edited, but the rights of some users or groups on it could not be set."},
     {1503, 409, "The guest was edited, but some hosts could not reserve memory or processors for it."},
     {1600, 409, "The guest was edited, but some hosts could not reserve memory or processors for it."},

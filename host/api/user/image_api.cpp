@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "host/api/rows.h"
+#include "host/api/user/record_calls.h"
 #include "host/disks/image_records.h"
 #include "host/records/named_record.h"
 #include "webapi/platform/ccc.h"
@@ -29,7 +30,7 @@ Json::Value Describe(const guests::ListedImage& image, bool with_path) {
 
 void List(const store::Store& store, const Call& call) {
   const auto images = guests::ListImages(store);
-  if (!images) return Fail(call, kErrorUnreadable);
+  if (!images) return FailToList(call, "images", images.error());
   Json::Value data(Json::objectValue);
   Json::Value& list = data["images"] = Json::Value(Json::arrayValue);
   for (const guests::ListedImage& image : *images) list.append(Describe(image, call.request->IsAdmin()));
@@ -95,7 +96,7 @@ std::vector<webapi::ApiRow> ImageRows(std::shared_ptr<store::Store> store, std::
            .summary = "The ISO images that drives of guests can hold: id, name, and the size of the file when this "
                       "host has it. Administrators also see the path.",
            .parameters = {},
-           .errors = {kErrorUnreadable}},
+           .errors = {cluster::kRecordFailed}},
           {.api = "VEXA.Virtualization.Image",
            .method = "add",
            .version = 1,

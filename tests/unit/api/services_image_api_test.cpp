@@ -15,6 +15,7 @@
 #include "host/records/environment.h"
 #include "json/readers.h"
 #include "tests/support/require.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
 
 namespace vexa::services {
@@ -207,8 +208,19 @@ TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) 
 
 TEST_F(ImageApi, StoreThatCannotBeRead_IsAnError) {
   host_.store().FailSnapshots();
-  EXPECT_EQ(Image("list").code, 403);
-  EXPECT_EQ(Repository("list").code, 403);
+  const Answer images = Image("list");
+  EXPECT_EQ(images.code, 992);
+  EXPECT_EQ(ReasonOf(images), "The images cannot be listed: The snapshot was made to fail.");
+  EXPECT_TRUE(test::SyslogContains("The images cannot be listed: The snapshot was made to fail. Asked by user[root]."));
+  const Answer repositories = Repository("list");
+  EXPECT_EQ(repositories.code, 992);
+  EXPECT_EQ(ReasonOf(repositories), "The repositories cannot be listed: The snapshot was made to fail.");
+  EXPECT_TRUE(test::SyslogContains("The repositories cannot be listed: The snapshot was made to fail."));
+  for (const char* api : {kImageApi, kRepositoryApi}) {
+    const Answer answer = Call(api, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary);
+    EXPECT_EQ(answer.code, 992) << api;
+    EXPECT_EQ(ReasonOf(answer), "") << api;
+  }
   EXPECT_EQ(Image("add", Addition("a")).code, 992);
   EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 992);
 }
