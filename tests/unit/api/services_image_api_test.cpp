@@ -198,7 +198,7 @@ TEST_F(ImageApi, RepositoriesThatAreRefused_HaveCodesSentencesAndLinesOfTheLog) 
   host_.PutText("guest", "g", R"({"name":"web","repository_id":")" + std::string(kId) + "\"}");
   const Answer used = Repository("remove", R"({"repository_id":")" + std::string(kId) + "\"}");
   EXPECT_EQ(used.code, 991);
-  EXPECT_EQ(ReasonOf(used), "The repository 'pool' is used by the guest 'web'. Delete them first");
+  EXPECT_EQ(ReasonOf(used), "The repository 'pool' is used by the guest 'web'. Delete the guests first");
   EXPECT_EQ(Repository("accept", R"({"repository_id":"x"})").code, 403);
   EXPECT_THAT(Log(),
               ElementsAre("root 3 The repository [pool] has been added.", "root 1 Failed to add the repository [pool].",
