@@ -23,7 +23,7 @@ constexpr const char* kOwnHint = "Without a name, 'vexa user passwd' sets your o
 
 std::string PathOf(const char* method) { return std::string("/webapi/VEXA.Core.Account/") + method; }
 
-// A name that no account has needs no question.
+// The server need not be asked about a name that no account can have.
 Status CheckKnown(const std::string& name, const std::string& kind) {
   if (base::IsValidAccountName(name)) return {};
   return Error(ErrorCode::kNotFound, "There is no " + kind + " of an impossible name");

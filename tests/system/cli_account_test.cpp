@@ -494,7 +494,7 @@ TEST_F(Accounts, Changes_AreInTheClusterLogWithoutPasswords) {
                          Not(HasSubstr("first password"))));
 }
 
-TEST_F(Accounts, GrantsOfAnIdThatIsNobodys_CanBeDroppedById) {
+TEST_F(Accounts, DropGrants_IdWithoutAnAccount_RemovesTheGrants) {
   AddAlice();
   ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("groups-4242"), R"({"guests":{"g":true}})"}}}).ok());
   EXPECT_EQ(RunHere({"group", "drop-grants", "--id", "4242"}).exit_code, 0);

@@ -162,7 +162,7 @@ void Refuse(const Call& call, const Error& error, int code) {
     ::syslog(LOG_WARNING, "An account or grant could not be changed or read for user[%s]: %s",
              call.request->GetLoginUserName().c_str(), reason.c_str());
   }
-  // Causes name files and records, which are not for everybody.
+  // Causes name files and records, which only administrators may see.
   if (call.request->IsAdmin() || error.code() == ErrorCode::kInvalid) webapi::SetReason(call, reason);
   Fail(call, code);
 }

@@ -104,7 +104,7 @@ class AccountApi : public ::testing::Test {
   std::vector<std::pair<std::string, std::string>> headers_;
 };
 
-TEST_F(AccountApi, Rows_AreForAdministratorsButForOnesOwnPassword) {
+TEST_F(AccountApi, Rows_ExceptPasswordSet_AreForAdministrators) {
   for (const webapi::ApiRow& row : table_->rows()) {
     const bool is_own = row.method == "password_set";
     EXPECT_EQ(row.access.value, is_own ? webapi::Access::kUser : webapi::Access::kAdministrator) << row.method;
