@@ -51,6 +51,10 @@ std::string OwnHostId(const AccountPlaces& places) {
 
 }  // namespace
 
+cluster::AccountSource SourceOf(const AccountPlaces& places) {
+  return places.source ? *places.source : cluster::KnownAccountSource(places.data_directory);
+}
+
 Result<LocalStore> OpenStore(const AccountPlaces& places, MissingStore missing) {
   const Status exists = CheckOwner(places.store_path() + "/data.mdb");
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
@@ -80,8 +84,7 @@ Result<LocalStore> OpenStore(const AccountPlaces& places, MissingStore missing) 
 }
 
 Result<LocalAccounts> OpenAccounts(const AccountPlaces& places, MissingStore missing) {
-  const auto source = places.source ? *places.source : cluster::KnownAccountSource(places.data_directory);
-  if (source == cluster::AccountSource::kPam) {
+  if (SourceOf(places) == cluster::AccountSource::kPam) {
     return Error(ErrorCode::kDenied,
                  "The daemon of '" + places.data_directory +
                      "' takes its users from PAM: change them with the machine's own tools, and name them with "

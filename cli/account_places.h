@@ -30,6 +30,9 @@ struct AccountPlaces {
   }
 };
 
+// Where the daemon's users are.
+cluster::AccountSource SourceOf(const AccountPlaces& places);
+
 enum class MissingStore { kRefuse, kCreate };
 
 // The places that the daemon's configuration file at `path` names. An empty path is the usual file, which may be

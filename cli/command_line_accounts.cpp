@@ -1,5 +1,7 @@
 // The commands about accounts and what they may do: clients of the API, or with --local on the store of this host.
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -13,9 +15,9 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kFooter = R"(
-The daemon is asked, as by all other commands; administrators may ask for everything. Before its first start, and for
-repairs while it is stopped, --local works on the store itself: as the account that owns it, with the folders that the
-daemon's configuration names. --data, --store and --accounts name them instead.
+The daemon is asked, as by all other commands. Everything is for administrators, except setting your own password.
+Before the daemon's first start, and for repairs while it is stopped, --local works on the store itself: as the account
+that owns it, with the folders that the daemon's configuration names. --data, --store and --accounts name them instead.
 
 Examples:
   vexa user add alice --group administrators
@@ -132,8 +134,7 @@ void AddUserCommands(CLI::App& user, Invocation& invocation, const Shared& state
       },
       "The user's name; without it one's own password is set");
   passwd->footer(
-      "\nOf one's own password, --password-stdin reads the old one from the first line and the new one from "
-      "the second.");
+      "\nWithout NAME, --password-stdin reads your old password from the first line and the new one from the second.");
   AddPasswordFlag(*passwd, state);
   OnRun(
       passwd, invocation, state,

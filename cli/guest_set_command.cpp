@@ -12,6 +12,7 @@
 #include "cli/power_command.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
+#include "host/accounts/accounts.h"
 #include "host/base/error_table.h"
 #include "host/base/json_parse.h"
 #include "json/readers.h"
@@ -33,6 +34,8 @@ constexpr char kRight[] = "use";
 enum class Right { kAllow, kRevoke };
 
 constexpr const char* kLevelGet = "/webapi/VEXA.Core.Account/level_get";
+constexpr const char* kUserList = "/webapi/VEXA.Core.Account/user_list";
+constexpr const char* kGroupList = "/webapi/VEXA.Core.Account/group_list";
 constexpr const char* kNumberHint = "\nOnly administrators may look names up: give uid:NUMBER or gid:NUMBER.";
 
 struct Principal {
@@ -83,12 +86,30 @@ Result<std::vector<Principal>> ParsePrincipals(const GuestSetOptions& options) {
   return principals;
 }
 
+// The id of the name in the list of all accounts, which does not depend on the account's record of grants. Failures are
+// printed.
+ExitCode FindInList(HttpClient& client, Principal& principal) {
+  const bool is_user = principal.kind == AccountKind::kUser;
+  const CallOutcome outcome = CallApi(client, is_user ? kUserList : kGroupList, "{}");
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  for (const Json::Value& entry :
+       VexaVirtualization::json::Elements(Member(outcome.data, is_user ? "users" : "groups"))) {
+    if (base::FoldedName(Text(Member(entry, "name"))) != base::FoldedName(principal.name)) continue;
+    const auto id = Integer(Member(entry, is_user ? "uid" : "gid"));
+    if (!id || *id < 0 || *id >= UINT32_MAX) return Report(NotUnderstood("id"));
+    principal.id = static_cast<std::uint32_t>(*id);
+    return ExitCode::kOk;
+  }
+  return Report(Error(ErrorCode::kNotFound, "There is no account '" + principal.word + "'"));
+}
+
 // Asks the server for the id of a name; failures are printed.
 ExitCode AskForId(HttpClient& client, Principal& principal) {
   Json::Value parameters(Json::objectValue);
   parameters["kind"] = principal.kind == AccountKind::kUser ? "user" : "group";
   parameters["name"] = principal.name;
   const CallOutcome outcome = TryApi(client, kLevelGet, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.code == webapi::kErrorAccountDamaged) return FindInList(client, principal);
   if (outcome.exit_code != ExitCode::kOk) {
     const bool is_denied = outcome.code == webapi::kErrorDenied;
     std::cerr << "vexa: " << Printable(principal.word) << ": " << outcome.failure << (is_denied ? kNumberHint : "")

@@ -21,8 +21,16 @@ struct Change {
   std::string said;
 };
 
+// Rights count by id alone: those of a system user would be those of whichever account of the store has the same id.
+Status CheckSource(const AccountPlaces& places, const GrantTarget& target) {
+  if (target.source != NameSource::kSystem || SourceOf(places) == cluster::AccountSource::kPam) return {};
+  return Error(ErrorCode::kInvalid, "The machine's own users and groups have no rights here, because the daemon of '" +
+                                        places.data_directory + "' takes its users from the store. Leave --system out");
+}
+
 ExitCode RunChange(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
                    const Result<GrantPrincipal>& principal, const Change& change) {
+  if (const Status checked = CheckSource(places, target); !checked) return Report(checked.error());
   if (!principal) return Report(principal.error());
   const Result<LocalStore> opened = OpenStore(places, MissingStore::kRefuse);
   if (!opened) return Report(opened.error());

@@ -23,7 +23,7 @@ constexpr const char* kOwnHint = "Without a name, 'vexa user passwd' sets your o
 
 std::string PathOf(const char* method) { return std::string("/webapi/VEXA.Core.Account/") + method; }
 
-// A name that no account has needs no question.
+// The server need not be asked about a name that no account can have.
 Status CheckKnown(const std::string& name, const std::string& kind) {
   if (base::IsValidAccountName(name)) return {};
   return Error(ErrorCode::kNotFound, "The " + kind + " name is invalid");
@@ -54,6 +54,20 @@ CallOutcome WithLocalHint(const HttpClient& client, CallOutcome outcome) {
   return outcome;
 }
 
+// Whether level_get has said that the call which follows cannot succeed. A damaged record of grants, for one, says
+// nothing about the account.
+bool IsFinal(const CallOutcome& outcome) {
+  switch (outcome.code.value_or(0)) {
+    case webapi::kErrorAccountDamaged:
+    case webapi::kErrorAccountsUnavailable:
+    case webapi::kErrorInternal:
+    case webapi::kErrorBusy:
+      return false;
+    default:
+      return true;
+  }
+}
+
 enum class Wanted { kFree, kTaken };
 
 // Before a password is asked for in vain: whether there is a user of the name. Failures are printed.
@@ -71,6 +85,7 @@ ExitCode CheckUser(const GlobalOptions& global, const std::string& name, Wanted 
     return Report(Error(ErrorCode::kConflict, "There is a user '" + known + "' already"));
   }
   if (outcome.code == webapi::kErrorNoAccount && wanted == Wanted::kFree) return ExitCode::kOk;
+  if (!IsFinal(outcome)) return ExitCode::kOk;
   std::cerr << "vexa: " << outcome.failure << '\n';
   if (outcome.code == webapi::kErrorDenied && wanted == Wanted::kTaken) std::cerr << kOwnHint;
   return WithLocalHint(client, std::move(outcome)).exit_code;

@@ -9,6 +9,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "host/base/json_parse.h"
+
 namespace vexa::base {
 namespace {
 
@@ -41,8 +43,14 @@ Group TakeGroup(const group& entry) { return {entry.gr_name, entry.gr_gid}; }
 
 }  // namespace
 
+bool IsSystemName(std::string_view name) {
+  constexpr std::size_t kMaxBytes = 256;
+  const bool is_plain = std::ranges::none_of(name, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+  return !name.empty() && name.size() <= kMaxBytes && is_plain && IsValidUtf8(name);
+}
+
 Result<NssUser> NssFindUser(const std::string& name) {
-  if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "The user name is invalid");
+  if (!IsSystemName(name)) return Error(ErrorCode::kNotFound, "The user name is invalid");
   return Lookup<passwd>(
       "user '" + name + "'",
       [&](passwd* entry, char* buffer, std::size_t size, passwd** found) {
@@ -61,7 +69,7 @@ Result<NssUser> NssFindUserByUid(std::uint32_t uid) {
 }
 
 Result<Group> NssFindGroup(const std::string& name) {
-  if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "The group name is invalid");
+  if (!IsSystemName(name)) return Error(ErrorCode::kNotFound, "The group name is invalid");
   return Lookup<group>(
       "group '" + name + "'",
       [&](group* entry, char* buffer, std::size_t size, group** found) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/accounts/accounts.h"
@@ -18,6 +19,10 @@ struct NssUser {
   std::uint32_t uid = 0;
   std::uint32_t gid = 0;
 };
+
+// Whether the name service can be asked for the name: 1 to 256 bytes of UTF-8 without control characters. Directories
+// have names that accounts of the store cannot have, such as "DOMAIN\domain users".
+bool IsSystemName(std::string_view name);
 
 Result<NssUser> NssFindUser(const std::string& name);
 Result<NssUser> NssFindUserByUid(std::uint32_t uid);

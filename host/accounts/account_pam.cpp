@@ -120,7 +120,10 @@ class PamAccounts : public AccountProvider {
  public:
   explicit PamAccounts(PamOptions options) : options_(std::move(options)) {}
 
-  Result<User> FindUser(const std::string& name) const override { return Complete(NssFindUser(name)); }
+  Result<User> FindUser(const std::string& name) const override {
+    if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "There is no user of an impossible name");
+    return Complete(NssFindUser(name));
+  }
   Result<User> FindUserByUid(std::uint32_t uid) const override { return Complete(NssFindUserByUid(uid)); }
   Result<Group> FindGroupByGid(std::uint32_t gid) const override { return NssFindGroupByGid(gid); }
 

@@ -40,6 +40,11 @@ inline constexpr int kErrorGroupStays = 986;
 inline constexpr int kErrorLastAdministrator = 987;
 inline constexpr int kErrorAccountsUnavailable = 988;
 
+// Codes of images and repositories.
+inline constexpr int kErrorRecordExists = 990;
+inline constexpr int kErrorRecordInUse = 991;
+inline constexpr int kErrorRecordFailed = 992;
+
 // The details of what cannot be done while the cluster database cannot be read.
 inline constexpr char kDatabaseLost[] =
     "The cluster database cannot be reached. Guests are shown as this host last knew them, and nothing can be changed "

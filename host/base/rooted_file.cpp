@@ -49,13 +49,14 @@ Descriptor OpenByWalking(int root, const std::string& below, int flags) {
   return at;
 }
 
-bool IsRegularFile(const std::string& root, const std::string& below, ResolvePath resolve) {
+std::optional<std::uint64_t> SizeOfRegularFile(const std::string& root, const std::string& below, ResolvePath resolve) {
   const Descriptor top(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (top.get() < 0) return false;
+  if (top.get() < 0) return std::nullopt;
   // O_PATH, so that opening never waits and has no side effects.
   const Descriptor file = OpenBelow(top.get(), below, O_PATH | O_NOFOLLOW, resolve);
   struct stat info {};
-  return file.get() >= 0 && ::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
+  if (file.get() < 0 || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+  return static_cast<std::uint64_t>(info.st_size);
 }
 
 }  // namespace
@@ -72,12 +73,19 @@ Descriptor OpenBelow(int root, const std::string& below, int flags, ResolvePath 
 }
 
 bool IsRegularFileBelow(const std::vector<std::string>& roots, const std::string& path, ResolvePath resolve) {
-  if (!IsPlain(path)) return false;
-  return std::ranges::any_of(roots, [&](std::string root) {
-    if (!root.starts_with('/') || root.find('\0') != std::string::npos) return false;
+  return SizeOfRegularFileBelow(roots, path, resolve).has_value();
+}
+
+std::optional<std::uint64_t> SizeOfRegularFileBelow(const std::vector<std::string>& roots, const std::string& path,
+                                                    ResolvePath resolve) {
+  if (!IsPlain(path)) return std::nullopt;
+  for (std::string root : roots) {
+    if (!root.starts_with('/') || root.find('\0') != std::string::npos) continue;
     if (!root.ends_with('/')) root += '/';
-    return path.starts_with(root) && IsRegularFile(root, path.substr(root.size()), resolve);
-  });
+    if (!path.starts_with(root)) continue;
+    if (const auto size = SizeOfRegularFile(root, path.substr(root.size()), resolve)) return size;
+  }
+  return std::nullopt;
 }
 
 }  // namespace vexa

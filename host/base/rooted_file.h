@@ -1,6 +1,8 @@
 // Files named by a caller that is not trusted.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,5 +24,9 @@ Descriptor OpenBelow(int root, const std::string& below, int flags, ResolvePath 
 // is not opened.
 bool IsRegularFileBelow(const std::vector<std::string>& roots, const std::string& path,
                         ResolvePath resolve = ResolvePath::kBySystem);
+
+// The size of that file in bytes; not set when it is none.
+std::optional<std::uint64_t> SizeOfRegularFileBelow(const std::vector<std::string>& roots, const std::string& path,
+                                                    ResolvePath resolve = ResolvePath::kBySystem);
 
 }  // namespace vexa

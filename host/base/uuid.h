@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "host/base/result.h"
-#include "host/base/uuid.h"
 
 namespace vexa {
 

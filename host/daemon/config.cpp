@@ -4,10 +4,16 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <memory>
 #include <system_error>
+
+#include "host/daemon/configured_places.h"
 
 namespace vexa::daemon {
 namespace {
@@ -57,7 +63,26 @@ bool IsWildcard(const std::string& host) {
 
 bool IsLoopback(const std::string& host) { return host == "::1" || host.starts_with("127."); }
 
+// A file is read from wherever the daemon and the commands are started: a relative folder would be another one each
+// time.
+class FileFormat : public CLI::ConfigTOML {
+ public:
+  std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+    std::vector<CLI::ConfigItem> settings = CLI::ConfigTOML::from_config(input);
+    for (const CLI::ConfigItem& item : settings) {
+      const bool is_place = item.name == "data" || item.name == "store" || item.name == "account-file";
+      if (!is_place || !item.parents.empty() || item.inputs.empty()) continue;
+      const std::string& value = item.inputs.front();
+      if (!value.empty() && value.front() != '/') {
+        throw CLI::ValidationError(item.name, "'" + value + "' is not an absolute path");
+      }
+    }
+    return settings;
+  }
+};
+
 void AddOptions(CLI::App& app, Config& config, bool& check_config) {
+  app.config_formatter(std::make_shared<FileFormat>());
   app.set_config("--config", kDefaultFile, "The configuration file")->check([](const std::string& path) {
     return path == kDefaultFile ? std::string() : CLI::ExistingFile(path);
   });
@@ -167,6 +192,21 @@ void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& value, co
       ->group(group);
 }
 
+void AddSettings(CLI::App& app, Config& config, bool& check_config) {
+  app.option_defaults()->always_capture_default();
+  AddOptions(app, config, check_config);
+  AddSeconds(app, "--session-idle", config.sessions.idle, "Seconds without a request after which a login ends",
+             "Accounts");
+  AddSeconds(app, "--session-lifetime", config.sessions.absolute, "Seconds after which a login ends in any case",
+             "Accounts");
+  AddSeconds(app, "--stop-timeout", config.stop_timeout, "Seconds that requests have to finish when the daemon stops",
+             "Work");
+}
+
+Error CannotRead(ErrorCode code, const std::string& file, const std::string& why) {
+  return Error(code, "Cannot read the configuration file '" + file + "'", why);
+}
+
 }  // namespace
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -175,15 +215,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   bool check_config = false;
   CLI::App app("vexad: makes this machine a host of a virtualization cluster.", "vexad");
   app.footer(kFooter);
-  app.option_defaults()->always_capture_default();
   app.set_version_flag("--version", VEXA_VERSION);
-  AddOptions(app, config, check_config);
-  AddSeconds(app, "--session-idle", config.sessions.idle, "Seconds without a request after which a login ends",
-             "Accounts");
-  AddSeconds(app, "--session-lifetime", config.sessions.absolute, "Seconds after which a login ends in any case",
-             "Accounts");
-  AddSeconds(app, "--stop-timeout", config.stop_timeout, "Seconds that requests have to finish when the daemon stops",
-             "Work");
+  AddSettings(app, config, check_config);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -201,6 +234,30 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   if (config.image_roots.empty()) config.image_roots = {data + "/images"};
   if (check_config) result.action = CommandLine::Action::kCheckConfig;
   return result;
+}
+
+Result<ConfiguredPlaces> ReadConfiguredPlaces(const std::string& path) {
+  const std::string file = path.empty() ? kDefaultFile : path;
+  std::error_code failed;
+  if (path.empty() && !std::filesystem::exists(file, failed) && !failed) {
+    return ConfiguredPlaces{Config().data_directory, "", "", std::nullopt};
+  }
+  if (!std::ifstream(file)) {
+    return CannotRead(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied, file, std::strerror(errno));
+  }
+  Config config;
+  bool check_config = false;
+  CLI::App app;
+  AddSettings(app, config, check_config);
+  try {
+    app.parse(std::vector<std::string>{file, "--config"});  // CLI11 takes a vector from its end
+  } catch (const CLI::ParseError& error) {
+    return CannotRead(ErrorCode::kInvalid, file, error.what());
+  }
+  if (config.data_directory.empty()) return CannotRead(ErrorCode::kInvalid, file, "'data' names no folder");
+  ConfiguredPlaces places{config.data_directory, config.store_directory, config.account_file, std::nullopt};
+  if (app.count("--accounts") > 0) places.accounts = config.accounts;
+  return places;
 }
 
 Result<std::vector<ListenerOptions>> ListenersOf(const Config& config) {

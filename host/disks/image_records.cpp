@@ -1,7 +1,5 @@
 #include "host/disks/image_records.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <set>
 #include <string_view>
@@ -78,13 +76,6 @@ Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const N
   transaction.compares.push_back({FilesKey(), *files});
   transaction.operations.push_back({FilesKey(), json::ToText(Json::Value(id))});
   return transaction;
-}
-
-std::optional<std::uint64_t> SizeOfFile(const std::string& path) {
-  struct stat info {};
-  if (!path.starts_with('/') || path.find('\0') != std::string::npos) return std::nullopt;
-  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-  return static_cast<std::uint64_t>(info.st_size);
 }
 
 // Finds the guests whose drives have an image.
@@ -221,7 +212,6 @@ Result<std::vector<ListedImage>> ListImages(const store::Store& store) {
           {std::move(image.id), std::move(image.name), json::TextMember(image.record, cluster::kImagePath), {}});
     }
   }
-  for (ListedImage& image : images) image.size = SizeOfFile(image.path);
   return images;
 }
 

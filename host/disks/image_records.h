@@ -39,7 +39,8 @@ struct ListedImage {
   std::optional<std::uint64_t> size;  // of the file in bytes; not set: this host does not have the file
 };
 
-// All images, by id. Errors: what the store says.
+// All images, by id, without the sizes of their files: host/storage/image_sizes.h finds those. Errors: what the store
+// says.
 Result<std::vector<ListedImage>> ListImages(const store::Store& store);
 
 // Removes the record of an image. Its file stays. `name` becomes what the image is called, also after a refusal, or ""

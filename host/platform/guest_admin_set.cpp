@@ -1,4 +1,4 @@
-// Changes of guest-admin records, and the identifiers that lead to them.
+// Changes guest-admin records.
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,7 +16,7 @@ namespace {
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::Rule;
 
-// What this host calls the user or group; empty when absent.
+// This host's name for the user or group; empty when absent.
 Result<std::string> NameOf(const base::AccountProvider* accounts, const GuestAdminOwner& principal) {
   if (accounts == nullptr) return std::string();
   std::optional<Error> error;
@@ -35,7 +35,7 @@ Result<std::string> NameOf(const base::AccountProvider* accounts, const GuestAdm
 
 bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
 
-// What to commit; nothing when the record is as the rules want it.
+// What to commit; nothing when the record already agrees with the rules.
 Result<store::Transaction> PlanRules(const store::Store& store, const GuestAdminOwner& principal,
                                      const std::string& name, store::Revision seen, const std::vector<Rule>& rules) {
   const auto snapshot = store.Read();

@@ -4,7 +4,7 @@
 //   /accounts/user/<id>                 {"name": "alice", "gid": 1900000001, "groups": [1900000000],
 //                                        "password": "$y$…"}
 //   /accounts/group/<id>                {"name": "users"}
-//   /accounts/deleted_user/<id>         {"name": "bob"}: the id was given to somebody, and is never given again
+//   /accounts/deleted_user/<id>         {"name": "bob"}: the id was assigned once, and is never assigned again
 //   /accounts/deleted_group/<id>        {"name": "crew"}: the same of a group
 //   /accounts/taken_over/<fingerprint>  {"users": 3}: an account file of an older version that is in the store
 //

@@ -22,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/error_table.h"
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/records/object_edit.h"
@@ -30,9 +31,10 @@
 namespace vexa::cluster {
 
 // Codes of the reply, beside guests::kUnreadable: there is no such record.
-inline constexpr int kRecordExists = 990;  // another record has the id or the name, or is the same file
-inline constexpr int kRecordInUse = 991;   // guests or disks name the record
-inline constexpr int kRecordFailed = 992;  // the database could not be read or written
+inline constexpr int kRecordExists =
+    webapi::kErrorRecordExists;  // another record has the id or the name, or is the same file
+inline constexpr int kRecordInUse = webapi::kErrorRecordInUse;    // guests or disks name the record
+inline constexpr int kRecordFailed = webapi::kErrorRecordFailed;  // the database could not be read or written
 
 inline constexpr std::size_t kMaxRecordName = 128;
 

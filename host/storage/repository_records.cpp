@@ -1,5 +1,6 @@
 #include "host/storage/repository_records.h"
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -105,6 +106,18 @@ class RepositoryUsers {
  public:
   RepositoryUsers(const store::Snapshot& snapshot, const std::string& id) : snapshot_(snapshot), id_(id) {}
 
+  // What to do about each kind of what Find has found, in sentences.
+  std::string WayOut() const {
+    std::string text;
+    if (kinds_.has_guests) text += ". Delete the guests first";
+    if (kinds_.has_disks)
+      text +=
+          ". Remove the disks from their guests first; records of disks without a guest have to "
+          "be repaired";
+    if (kinds_.has_deletions) text += ". Deletions end by themselves once the hosts that have the files are back";
+    return text;
+  }
+
   // What they are called, as parts of a sentence. Errors: what the store says.
   Result<std::vector<std::string>> Find() {
     if (Status found = FindGuests(); !found) return found.error();
@@ -147,6 +160,7 @@ class RepositoryUsers {
       if (!guest) return guest.error();
       const std::string shown = *guest ? cluster::ShownName(**guest) : cluster::LogText(id, kShownName);
       users_.push_back("the guest '" + shown + "'");
+      kinds_.has_guests = true;
       guests_.insert(std::move(id));
     }
     return {};
@@ -154,15 +168,23 @@ class RepositoryUsers {
 
   // Those of the guests that were found go with their guests.
   Status FindDisks() {
-    std::set<std::string> segments;
+    std::map<std::string, std::string> guest_ids;  // by the disk's id as in keys
     const Status scanned = EachNaming(DashCate::vDisk, [&](const std::string& segment, const Json::Value& record) {
-      if (!guests_.contains(json::TextMember(record, keys::guest_id))) segments.insert(segment);
+      const std::string guest_id = json::TextMember(record, keys::guest_id);
+      if (!guests_.contains(guest_id)) guest_ids.emplace(segment, guest_id);
     });
     if (!scanned) return scanned;
-    for (const std::string& segment : segments) {
+    for (const auto& [segment, guest_id] : guest_ids) {
       const std::string id = store::DecodeSegment(segment).value_or(segment);
-      users_.push_back("the disk '" + cluster::LogText(id, kShownName) + "'");
+      std::string owner = "without a guest";
+      if (!guest_id.empty()) {
+        const auto guest = cluster::ReadNamedRecord(snapshot_, DashCate::Guest.name(), guest_id);
+        if (!guest) return guest.error();
+        if (*guest) owner = "of the guest '" + cluster::ShownName(**guest) + "'";
+      }
+      users_.push_back("the disk '" + cluster::LogText(id, kShownName) + "' " + owner);
     }
+    kinds_.has_disks = !guest_ids.empty();
     return {};
   }
 
@@ -177,6 +199,7 @@ class RepositoryUsers {
       const std::string guest_id = store::DecodeSegment(segment).value_or(segment);
       if (guests_.insert(guest_id).second) {
         users_.push_back("the unfinished deletion of the guest '" + cluster::LogText(guest_id, kShownName) + "'");
+        kinds_.has_deletions = true;
       }
       return true;
     });
@@ -189,6 +212,12 @@ class RepositoryUsers {
 
   const store::Snapshot& snapshot_;
   const std::string& id_;
+  struct Kinds {
+    bool has_guests = false;
+    bool has_disks = false;
+    bool has_deletions = false;
+  };
+  Kinds kinds_;
   std::set<std::string> guests_;  // ids of those in `users_`
   std::vector<std::string> users_;
 };
@@ -204,11 +233,12 @@ Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const st
     return transaction;
   }
   name = cluster::ShownName(**repository);
-  const auto users = RepositoryUsers(snapshot, id).Find();
+  RepositoryUsers search(snapshot, id);
+  const auto users = search.Find();
   if (!users) return users.error();
   if (!users->empty()) {
-    refused = Refusal{cluster::kRecordInUse, "The repository '" + name + "' is used by " +
-                                                 cluster::ListOfUsers(*users) + ". Delete them first"};
+    refused = Refusal{cluster::kRecordInUse,
+                      "The repository '" + name + "' is used by " + cluster::ListOfUsers(*users) + search.WayOut()};
     return transaction;
   }
   // A guest that is imported, or a disk that is made, meanwhile makes this commit a conflict.

@@ -9,9 +9,8 @@
 //                                    which belongs to an administrator and stays unchanged. A state that is already
 //                                    worse is kept, except for storage that cannot be used at all.
 //
-// Only the host of the repository writes these keys. Any host takes them back when an administrator accepts the storage
-// as it is, or removes the repository (repository_records.h). Knowledge of a host whose repository it no longer is
-// counts as none.
+// Only the repository's host writes these keys. Any host deletes them when an administrator accepts the storage as it
+// is, or removes the repository (repository_records.h). What a former host of the repository knew does not count.
 // Threads: any, at the same time; processes as well.
 #pragma once
 

@@ -59,12 +59,12 @@ void FaultyStore::FailReadsOf(const std::string& key) {
   faults_->failing.insert(key);
 }
 
-void FaultyStore::FailSnapshots(ErrorCode code) {
+void FaultyStore::FailSnapshots(vexa::ErrorCode code) {
   const std::lock_guard lock(faults_->mutex);
   faults_->snapshots = code;
 }
 
-void FaultyStore::FailCommits(ErrorCode code) {
+void FaultyStore::FailCommits(vexa::ErrorCode code) {
   const std::lock_guard lock(faults_->mutex);
   faults_->commits = code;
 }

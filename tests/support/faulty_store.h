@@ -19,9 +19,9 @@ class FaultyStore : public store::Store {
   // From now on reads of `key` fail, and so do scans that begin there.
   void FailReadsOf(const std::string& key);
   // From now on no snapshot can be taken: each attempt fails with `code`.
-  void FailSnapshots(ErrorCode code = ErrorCode::kUnavailable);
+  void FailSnapshots(vexa::ErrorCode code = vexa::ErrorCode::kUnavailable);
   // From now on every commit fails with `code`, or the next `times` commits fail with a conflict.
-  void FailCommits(ErrorCode code = ErrorCode::kNoSpace);
+  void FailCommits(vexa::ErrorCode code = vexa::ErrorCode::kNoSpace);
   void ConflictCommits(int times);
   // From now on the store reports this health.
   void ReportHealth(store::Health health);

@@ -185,6 +185,20 @@ TEST_F(AccountCommands, Passwd_OfOthersAsksForTheNewPasswordOnly) {
   EXPECT_THAT(unknown.errors, HasSubstr("error 980"));
 }
 
+// The password has nothing to do with the damaged record of grants.
+TEST_F(AccountCommands, LevelThatCannotBeRead_DoesNotKeepFromSettingAPassword) {
+  for (const int code : {985, 988}) {
+    const ApiHost host([code](const std::string& method, const Json::Value&) {
+      return method == "level_get" ? ApiHost::Failure(code, "A record cannot be understood.") : ApiHost::Success();
+    });
+    const auto result = RunOn(host, {"user", "passwd", "alice", "--password-stdin"}, "second password\n");
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    EXPECT_EQ(host.Count("password_set"), 1) << code;
+    EXPECT_EQ(RunOn(host, {"user", "add", "bob", "--password-stdin"}, "good password\n").exit_code, 0);
+    EXPECT_EQ(host.Count("user_add"), 1) << code;
+  }
+}
+
 TEST_F(AccountCommands, PasswdWithoutAName_SetsOnesOwnWithTheOldOne) {
   const ApiHost host(AllWell());
   const auto result = RunOn(host, {"user", "passwd", "--password-stdin"}, "old password\nsecond password\n");

@@ -139,7 +139,7 @@ TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
                                              {"user", "del", "alice"},
                                              {"user", "group", "alice", "crew"},
                                              {"user", "grant", "alice", kFirst},
-                                             {"user", "drop-grants", "--system", "root"},
+                                             {"user", "drop-grants", "--id", "1026"},
                                              {"group", "grant", "staff", kFirst}}) {
     const auto result = RunHere(arguments);
     EXPECT_EQ(result.exit_code, 1);
@@ -213,6 +213,11 @@ TEST_F(Accounts, GroupGrant_IsUnderTheGroupsId) {
   EXPECT_EQ(RunHere({"group", "advanced", "staff"}).exit_code, 0);
   EXPECT_THAT(RecordOf("groups-" + std::to_string(gid)), HasSubstr("advanced"));
   EXPECT_EQ(RunHere({"group", "grant", "nobody-here", kFirst}).exit_code, 1);
+  const auto system = RunHere({"group", "grant", "--system", "root", kFirst});
+  EXPECT_EQ(system.exit_code, 2);
+  EXPECT_THAT(system.errors, HasSubstr("takes its users from the store"));
+  EXPECT_EQ(RecordOf("groups-0"), "");
+  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
   EXPECT_EQ(RunHere({"group", "grant", "--system", "root", kFirst}).exit_code, 0);
   EXPECT_THAT(RecordOf("groups-0"), HasSubstr(kFirst));
 }
@@ -342,6 +347,39 @@ TEST_F(Accounts, Configuration_Invalid_IsReported) {
       << "either the file names the folders, or the command does";
   WriteFile(folder_.File("empty.conf"), "data = \"\"\n");
   EXPECT_EQ(Run({"user", "list", "--config", folder_.File("empty.conf")}).exit_code, 2);
+}
+
+// What the daemon does not start with must not lead to another store.
+TEST_F(Accounts, ConfigurationThatTheDaemonRefuses_IsRefused) {
+  AddAlice();
+  const std::string data = "data = \"" + folder_.File("data") + "\"\n";
+  const std::string file = folder_.File("vexad.conf");
+  const auto list = [&](const std::string& text) {
+    WriteFile(file, text);
+    return Run({"user", "list", "--config", file});
+  };
+  EXPECT_EQ(list(data).exit_code, 0);
+  for (const std::string& text :
+       {data + "stroe = \"/x\"\n", data + "[section]\nstore = \"/x\"\n", data + "io-threads = 0\n",
+        data + "accounts = \"ldap\"\n", std::string("data = \"/a\" \"/b\"\n"), std::string("data = data\n"),
+        data + "store = \"elsewhere\"\n", data + "account-file = \"accounts.json\"\n"}) {
+    const auto result = list(text);
+    EXPECT_EQ(result.exit_code, 2) << text;
+    EXPECT_THAT(result.errors, HasSubstr("Cannot read the configuration file")) << text;
+  }
+  EXPECT_THAT(list("data = \"data\"\n").errors, HasSubstr("'data' is not an absolute path"));
+  const auto twice = list(data + "log = \"both\"\ndata = \"" + folder_.File("elsewhere") + "\"\n");
+  EXPECT_THAT(twice.output, HasSubstr("alice")) << "the first one counts, as for the daemon";
+}
+
+TEST_F(Accounts, ConfigurationThatDoesNotNameAccounts_TheLastStartCounts) {
+  AddAlice();
+  const std::string file = folder_.File("vexad.conf");
+  WriteFile(file, "data = \"" + folder_.File("data") + "\"\n");
+  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
+  EXPECT_THAT(Run({"user", "list", "--config", file}).errors, HasSubstr("takes its users from PAM"));
+  WriteFile(file, "data = \"" + folder_.File("data") + "\"\naccounts = \"store\"\n");
+  EXPECT_THAT(Run({"user", "list", "--config", file}).output, HasSubstr("alice"));
 }
 
 TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {

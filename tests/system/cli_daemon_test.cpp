@@ -167,7 +167,8 @@ TEST_F(RecordsOnDaemon, Repository_IsAddedListedAcceptedAndRemoved) {
   const auto used = RunOn({"repository", "remove", "pool-1"});
   EXPECT_EQ(used.exit_code, 1);
   EXPECT_THAT(used.errors, HasSubstr("(error 991, HTTP 409, request "));
-  EXPECT_THAT(used.errors, HasSubstr("\nThe repository 'pool-1' is used by the guest 'shop'. Delete them first\n"));
+  EXPECT_THAT(used.errors,
+              HasSubstr("\nThe repository 'pool-1' is used by the guest 'shop'. Delete the guests first\n"));
   PutGuest("g", R"({"name":"shop"})");
   EXPECT_EQ(RunOn({"repository", "remove", "pool-1"}).output, "Removed the repository 'pool-1'. Its files stay.\n");
   EXPECT_EQ(RunOn({"repository", "list"}).output, "");

@@ -269,6 +269,21 @@ TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
   EXPECT_EQ(host.Count("set"), sent);
 }
 
+// Other changes of the same call, and revoking, do not depend on the damaged record.
+TEST_F(GuestSet, NameWhoseGrantsAreDamaged_IsFoundInTheList) {
+  const ApiHost host(With([](const std::string& method, const Json::Value&) {
+    if (method == "level_get") return ApiHost::Failure(985, "A record cannot be understood.");
+    if (method == "user_list") return ApiHost::Success(R"({"users":[null,{"name":"Alice","uid":1026}]})");
+    if (method == "group_list") return ApiHost::Success(R"({"groups":[{"name":"staff","gid":7}]})");
+    return ApiHost::Success();
+  }));
+  const auto result = RunOn(host, {"web-1", "--allow", "user:alice", "--revoke", "group:staff"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(host.calls().back(), AllOf(HasSubstr(R"("uid":1026)"), HasSubstr(R"("gid":7)")));
+  EXPECT_EQ(RunOn(host, {"web-1", "--allow", "user:bob"}).exit_code, 1);
+  EXPECT_EQ(host.Count("set"), 1);
+}
+
 TEST_F(GuestSet, UsersOfTheSystem_AreFoundWithSystem) {
   EXPECT_EQ(Sent({"--system", "--allow", "user:root", "--revoke", "group:root"}),
             R"({"guest_privilege":[{"allow":true,"name":"root","type":"use","uid":0},)"

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/accounts/account_nss.h"
 #include "host/accounts/account_password.h"
 #include "host/api/reason.h"
 #include "host/api/rows.h"
 #include "host/base/error_table.h"
-#include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_log.h"
@@ -37,13 +37,6 @@ int CodeOf(const Error& error) {
     default:
       return webapi::kErrorAccountsUnavailable;
   }
-}
-
-// The machine's own users and groups may have names that accounts cannot have, such as "DOMAIN\domain users".
-bool IsSystemName(std::string_view name) {
-  constexpr std::size_t kMaxBytes = 256;
-  const bool is_plain = std::ranges::none_of(name, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-  return !name.empty() && name.size() <= kMaxBytes && is_plain && IsValidUtf8(name);
 }
 
 }  // namespace
@@ -127,7 +120,7 @@ std::optional<PrincipalParameters> ReadPrincipal(const Call& call) {
   const auto is_system = ReadFlag(call, "system");
   if (!is_system) return std::nullopt;
   principal.is_system = *is_system;
-  auto word = ReadNameOrId(call, principal.is_system ? IsSystemName : IsAccountName);
+  auto word = ReadNameOrId(call, principal.is_system ? base::IsSystemName : IsAccountName);
   if (!word) return std::nullopt;
   principal.word = std::move(*word);
   return principal;
@@ -139,9 +132,20 @@ bool HasAccounts(const AccountServices& services, const Call& call) {
   return false;
 }
 
+// Rights count by id alone: those of a system user would be those of whichever account of the store has the same id.
+bool IsOfThisDaemon(const AccountServices& services, const Call& call, const PrincipalParameters& principal) {
+  if (!principal.is_system) return HasAccounts(services, call);
+  if (!services.accounts) return true;
+  Refuse(call,
+         Error(ErrorCode::kInvalid,
+               "The machine's own users and groups have no rights here, because the daemon's setting 'accounts' is "
+               "\"store\". Leave 'system' (--system) out"));
+  return false;
+}
+
 std::optional<cluster::GrantPrincipal> Find(const AccountServices& services, const Call& call,
                                             const PrincipalParameters& principal) {
-  if (!principal.is_system && !HasAccounts(services, call)) return std::nullopt;
+  if (!IsOfThisDaemon(services, call, principal)) return std::nullopt;
   Result<cluster::GrantPrincipal> found =
       principal.is_system ? cluster::FindSystemPrincipal(principal.kind, principal.word)
                           : cluster::FindPrincipal(*services.accounts, *services.store, principal.kind, principal.word);
@@ -158,7 +162,7 @@ void Refuse(const Call& call, const Error& error, int code) {
     ::syslog(LOG_WARNING, "An account or grant could not be changed or read for user[%s]: %s",
              call.request->GetLoginUserName().c_str(), reason.c_str());
   }
-  // Causes name files and records, which are not for everybody.
+  // Causes name files and records, which only administrators may see.
   if (call.request->IsAdmin() || error.code() == ErrorCode::kInvalid) webapi::SetReason(call, reason);
   Fail(call, code);
 }

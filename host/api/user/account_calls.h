@@ -47,6 +47,9 @@ std::optional<std::uint32_t> IdOf(const Json::Value& value);
 // Whether the accounts are in the store; otherwise the call is answered.
 bool HasAccounts(const AccountServices& services, const webapi::Call& call);
 
+// Whether the daemon takes its users from where the principal is; otherwise the call is answered.
+bool IsOfThisDaemon(const AccountServices& services, const webapi::Call& call, const PrincipalParameters& principal);
+
 // The principal; otherwise the call is answered.
 std::optional<cluster::GrantPrincipal> Find(const AccountServices& services, const webapi::Call& call,
                                             const PrincipalParameters& principal);

@@ -88,6 +88,7 @@ std::optional<GrantPrincipal> FindOwner(const AccountServices& services, const C
   if (!parameters) return std::nullopt;
   const auto* const id = std::get_if<std::uint32_t>(&parameters->word);
   if (id == nullptr) return Find(services, call, *parameters);
+  if (parameters->is_system && !IsOfThisDaemon(services, call, *parameters)) return std::nullopt;
   return GrantPrincipal{parameters->kind, *id, "", 0};
 }
 
@@ -176,7 +177,7 @@ std::vector<webapi::Parameter> PrincipalWith(std::vector<webapi::Parameter> more
   std::vector<webapi::Parameter> parameters{
       Text("kind", "\"user\" or \"group\"."), NameOf("The name of the user or group; or:"), Id("the id."),
       Optional("system", ParameterType::kBoolean,
-               "true: one of the machine's own, for daemons that take their users from PAM.")};
+               "true: one of the machine's own; only where the daemon takes its users from PAM.")};
   parameters.insert(parameters.end(), more.begin(), more.end());
   return parameters;
 }

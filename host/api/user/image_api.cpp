@@ -3,8 +3,10 @@
 #include <utility>
 
 #include "host/api/rows.h"
+#include "host/api/user/record_calls.h"
 #include "host/disks/image_records.h"
 #include "host/records/named_record.h"
+#include "host/storage/image_sizes.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_log.h"
 
@@ -27,9 +29,10 @@ Json::Value Describe(const guests::ListedImage& image, bool with_path) {
   return shown;
 }
 
-void List(const store::Store& store, const Call& call) {
-  const auto images = guests::ListImages(store);
-  if (!images) return Fail(call, kErrorUnreadable);
+void List(const store::Store& store, guests::ImageSizes& sizes, const Call& call) {
+  auto images = guests::ListImages(store);
+  if (!images) return FailToList(call, "images", images.error());
+  sizes.Measure(*images);
   Json::Value data(Json::objectValue);
   Json::Value& list = data["images"] = Json::Value(Json::arrayValue);
   for (const guests::ListedImage& image : *images) list.append(Describe(image, call.request->IsAdmin()));
@@ -86,16 +89,17 @@ void Remove(store::Store& store, const Call& call) {
 std::vector<webapi::ApiRow> ImageRows(std::shared_ptr<store::Store> store, std::vector<std::string> image_roots) {
   using webapi::Access;
   using webapi::LaneKind;
+  const auto sizes = std::make_shared<guests::ImageSizes>(image_roots);
   return {{.api = "VEXA.Virtualization.Image",
            .method = "list",
            .version = 1,
            .access = Access::kUser,
            .lane = LaneKind::kLong,
-           .handler = [store](const Call& call) { List(*store, call); },
+           .handler = [store, sizes](const Call& call) { List(*store, *sizes, call); },
            .summary = "The ISO images that drives of guests can hold: id, name, and the size of the file when this "
                       "host has it. Administrators also see the path.",
            .parameters = {},
-           .errors = {kErrorUnreadable}},
+           .errors = {cluster::kRecordFailed}},
           {.api = "VEXA.Virtualization.Image",
            .method = "add",
            .version = 1,

@@ -29,10 +29,8 @@ std::optional<std::string> VerifyOldPassword(const AccountServices& services, co
     return std::nullopt;
   }
   const Result<cluster::Account> verified = services.accounts->VerifyAccount(user.name, old_password);
-  if (verified && verified->user.uid == user.uid) {
-    services.limiter->Succeeded(call.caller.peer, limited_name);
-    return verified->password;
-  }
+  // Intentional: unlike a login, a success gives no attempt back. Each change writes to the store and the cluster log.
+  if (verified && verified->user.uid == user.uid) return verified->password;
   if (!verified && verified.error().code() != ErrorCode::kDenied) {
     Refuse(call, verified.error());
     return std::nullopt;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/api/rows.h"
+#include "host/api/user/record_calls.h"
 #include "host/records/named_record.h"
 #include "host/storage/repository_records.h"
 #include "webapi/platform/ccc.h"
@@ -30,7 +31,7 @@ Json::Value Describe(guests::ListedRepository& repository, bool with_storage) {
 
 void List(const store::Store& store, const Call& call) {
   auto repositories = guests::ListRepositories(store);
-  if (!repositories) return Fail(call, kErrorUnreadable);
+  if (!repositories) return FailToList(call, "repositories", repositories.error());
   Json::Value data(Json::objectValue);
   Json::Value& list = data["repositories"] = Json::Value(Json::arrayValue);
   for (guests::ListedRepository& repository : *repositories) {
@@ -120,7 +121,7 @@ std::vector<webapi::ApiRow> RepositoryRows(std::shared_ptr<store::Store> store) 
            .summary = "The repositories of guests' disks: id, name, host and state. Administrators also see the "
                       "folders, and what is wrong with them.",
            .parameters = {},
-           .errors = {kErrorUnreadable}},
+           .errors = {cluster::kRecordFailed}},
           {.api = "VEXA.Virtualization.Repository",
            .method = "add",
            .version = 1,

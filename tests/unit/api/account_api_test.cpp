@@ -104,7 +104,7 @@ class AccountApi : public ::testing::Test {
   std::vector<std::pair<std::string, std::string>> headers_;
 };
 
-TEST_F(AccountApi, Rows_AreForAdministratorsButForOnesOwnPassword) {
+TEST_F(AccountApi, Rows_ExceptPasswordSet_AreForAdministrators) {
   for (const webapi::ApiRow& row : table_->rows()) {
     const bool is_own = row.method == "password_set";
     EXPECT_EQ(row.access.value, is_own ? webapi::Access::kUser : webapi::Access::kAdministrator) << row.method;
@@ -353,6 +353,21 @@ TEST_F(AccountApi, GuessingOldPasswords_IsSlowedDown) {
   EXPECT_EQ(slowed, 2);
 }
 
+// Each change takes an entry of the cluster log, which keeps a limited number of them.
+TEST_F(AccountApi, ChangingThePasswordAgainAndAgain_IsSlowedDown) {
+  host_.AddUser("grace");
+  std::string now = kPassword;
+  std::string next = "second password";
+  int slowed = 0;
+  for (int i = 0; i < 12; ++i) {
+    const std::string parameters = R"({"password":")" + next + R"(","old_password":")" + now + "\"}";
+    const int code = CallAs("grace", "password_set", parameters).code;
+    if (code == webapi::kErrorTooManyLogins) ++slowed;
+    if (code == 0) std::swap(now, next);
+  }
+  EXPECT_EQ(slowed, 2);
+}
+
 TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
   const std::string identifier = "users-" + std::to_string(host_.AddUser("bob", {"staff"}));
   host_.PutText("guest", kFirst, R"({"name":"web-1"})");
@@ -400,12 +415,27 @@ TEST_F(AccountApi, UnknownPrincipals_AreRefused) {
   const std::string guests = R"("guests":[")" + std::string(kFirst) + "\"]";
   for (const std::string& who :
        {std::string(R"("kind":"user","name":"nobody-here")"), std::string(R"("kind":"group","name":"nobody-here")"),
-        std::string(R"("kind":"user","id":4242)"),
-        std::string(R"("kind":"user","name":"nobody-here","system":true)")}) {
+        std::string(R"("kind":"user","id":4242)")}) {
     const Answer answer = Call("grant", "{" + who + "," + guests + "}");
     EXPECT_EQ(answer.code, webapi::kErrorNoAccount) << who;
     EXPECT_NE(Reason(answer), "") << who;
   }
+}
+
+// Rights count by id: root's would be those of an account with the id 0.
+TEST_F(AccountApi, UsersOfTheMachine_AreRefusedWhereAccountsAreInTheStore) {
+  const std::string guests = R"(,"guests":[")" + std::string(kFirst) + "\"]";
+  for (const std::string method : {"grant", "revoke", "level_set", "level_get", "grant_list", "grants_drop"}) {
+    for (const char* who : {R"("name":"root")", R"("id":0)"}) {
+      const Answer answer =
+          Call(method, R"({"kind":"user","system":true,"advanced":true,)" + std::string(who) + guests + "}");
+      EXPECT_EQ(answer.code, webapi::kErrorBadParameter) << method << who;
+      EXPECT_THAT(Reason(answer), AllOf(HasSubstr("'accounts' is \"store\""), HasSubstr("--system"))) << method;
+    }
+  }
+  EXPECT_EQ(RecordOf("users-0"), "absent");
+  const std::string unknown = R"({"kind":"user","name":"nobody-here","system":true)" + guests + "}";
+  EXPECT_EQ(CallOn(*pam_, "grant", unknown, Administrator()).code, webapi::kErrorNoAccount);
 }
 
 TEST_F(AccountApi, GrantsOfAnotherName_AreNotChangedAndCanBeDroppedById) {

@@ -77,6 +77,17 @@ TEST(Config, File_IsReadAndFlagsGoBeforeIt) {
   EXPECT_EQ(command.config.log, LogTarget::kBoth);
 }
 
+// Commands that read the same file are started elsewhere.
+TEST(Config, FoldersInTheFile_AreAbsolutePaths) {
+  const vexa::test::TempDir folder;
+  const std::string path = folder.File("vexad.conf");
+  for (const char* line : {"data = \"data\"", "store = \"../store\"", "account-file = \"accounts.json\""}) {
+    std::ofstream(path) << line << '\n';
+    EXPECT_EQ(Parse({"--config", path.c_str()}).exit_status, 2) << line;
+  }
+  EXPECT_EQ(Parse({"--data", "data"}).action, CommandLine::Action::kRun) << "a flag is typed where it counts";
+}
+
 TEST(Config, WrongUsage_EndsWithTwo) {
   const vexa::test::TempDir folder;
   const std::string path = folder.File("vexad.conf");

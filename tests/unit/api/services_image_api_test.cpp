@@ -15,6 +15,7 @@
 #include "host/records/environment.h"
 #include "json/readers.h"
 #include "tests/support/require.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
 
 namespace vexa::services {
@@ -199,7 +200,7 @@ TEST_F(ImageApi, RepositoryAdd_Refused_HasCodeSentenceAndLogLine) {
   host_.PutText("guest", "g", R"({"name":"web","repository_id":")" + std::string(kId) + "\"}");
   const Answer used = Repository("remove", R"({"repository_id":")" + std::string(kId) + "\"}");
   EXPECT_EQ(used.code, 991);
-  EXPECT_EQ(ReasonOf(used), "The repository 'pool' is used by the guest 'web'. Delete them first");
+  EXPECT_EQ(ReasonOf(used), "The repository 'pool' is used by the guest 'web'. Delete the guests first");
   EXPECT_EQ(Repository("accept", R"({"repository_id":"x"})").code, 403);
   const Answer homeless = Repository("add", R"({"name":"other","host_id":")" + std::string(kId) + "\"}");
   EXPECT_EQ(homeless.code, 403);
@@ -213,8 +214,19 @@ TEST_F(ImageApi, RepositoryAdd_Refused_HasCodeSentenceAndLogLine) {
 
 TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
   host_.store().FailSnapshots();
-  EXPECT_EQ(Image("list").code, 403);
-  EXPECT_EQ(Repository("list").code, 403);
+  const Answer images = Image("list");
+  EXPECT_EQ(images.code, 992);
+  EXPECT_EQ(ReasonOf(images), "The images cannot be listed: The snapshot was made to fail.");
+  EXPECT_TRUE(test::SyslogContains("The images cannot be listed: The snapshot was made to fail. Asked by user[root]."));
+  const Answer repositories = Repository("list");
+  EXPECT_EQ(repositories.code, 992);
+  EXPECT_EQ(ReasonOf(repositories), "The repositories cannot be listed: The snapshot was made to fail.");
+  EXPECT_TRUE(test::SyslogContains("The repositories cannot be listed: The snapshot was made to fail."));
+  for (const char* api : {kImageApi, kRepositoryApi}) {
+    const Answer answer = Call(api, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary);
+    EXPECT_EQ(answer.code, 992) << api;
+    EXPECT_EQ(ReasonOf(answer), "") << api;
+  }
   EXPECT_EQ(Image("add", Addition("a")).code, 992);
   EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 992);
 }

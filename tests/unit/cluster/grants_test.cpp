@@ -84,6 +84,18 @@ TEST_F(Grants, PrincipalsOfTheMachine_AreFoundByNameAndById) {
   EXPECT_THAT(Text(GroupKey(0)), HasSubstr(R"("name":"root")"));
 }
 
+// Directories have names that accounts of the store cannot have.
+TEST_F(Grants, NamesThatOnlyTheMachineCanHave_AreLookedUp) {
+  for (const AccountKind kind : {AccountKind::kUser, AccountKind::kGroup}) {
+    const auto found = FindSystemPrincipal(kind, "NO-SUCH-DOMAIN\\domain users");
+    EXPECT_EQ(CodeOf(found), ErrorCode::kNotFound);
+    EXPECT_THAT(found.error().ToString(), HasSubstr("'NO-SUCH-DOMAIN\\domain users'"));
+    for (const std::string& name : {std::string(), std::string("a\nb"), std::string("\xff"), std::string(257, 'a')}) {
+      EXPECT_THAT(FindSystemPrincipal(kind, name).error().ToString(), HasSubstr("impossible name"));
+    }
+  }
+}
+
 TEST_F(Grants, RecordOfAnotherName_IsNotChangedAndCanBeDropped) {
   const char* text = R"({"authlevel":"user","guests":{"g":true},"name":"bob"})";
   Put(GrantsKey(kAlice), text);

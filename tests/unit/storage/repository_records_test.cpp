@@ -49,9 +49,9 @@ class RepositoryRecords : public test::RecordTest {
   }
   Refused Remove(const std::string& id) { return RemoveRepository(host_.store(), id, name_); }
   Refused Accept(const std::string& id) { return AcceptStorage(host_.store(), id, name_); }
-  void ExpectRemoveRefused(const std::string& users) {
+  void ExpectRemoveRefused(const std::string& users, const std::string& way_out = "Delete the guests first") {
     ExpectRefused([&] { return Remove(kId); }, kRecordInUse,
-                  "The repository 'pool' is used by " + users + ". Delete them first");
+                  "The repository 'pool' is used by " + users + ". " + way_out);
   }
 
   ListedRepository Only() {
@@ -243,9 +243,12 @@ TEST_F(RepositoryRecords, Remove_RepositoryInUse_IsRefusedWithWhatUsesIt) {
   ExpectRemoveRefused("the guest 'web'");
   EXPECT_EQ(name_, "pool");
   host_.PutText("vdisk", "d2", R"({"guest_id":"another",)" + here + "}");
-  ExpectRemoveRefused("the guest 'web', the disk 'd2'");
+  const std::string disks =
+      "Remove the disks from their guests first; records of disks without a guest have to be repaired";
+  ExpectRemoveRefused("the guest 'web', the disk 'd2' without a guest", "Delete the guests first. " + disks);
+  host_.PutText("guest", "another", R"({"name":"shop","repository_id":"other"})");
   host_.Remove("guest", kGuest);
-  ExpectRemoveRefused("the disk 'd1', the disk 'd2'");
+  ExpectRemoveRefused("the disk 'd1' without a guest, the disk 'd2' of the guest 'shop'", disks);
   host_.Remove("vdisk", "d1");
   host_.Remove("vdisk", "d2");
   Put(store::MakeKey({"dash", "guest", kGuest, "object"}), R"({"name":"web"})");
@@ -254,7 +257,8 @@ TEST_F(RepositoryRecords, Remove_RepositoryInUse_IsRefusedWithWhatUsesIt) {
   Delete(store::MakeKey({"dash", "guest", kGuest, "repository_id"}));
   for (const std::string& key : {DeletionKey(kGuest), store::MakeKey({"leftover", kHost, kGuest})}) {
     Put(key, "{" + here + "}");
-    ExpectRemoveRefused("the unfinished deletion of the guest '" + std::string(kGuest) + "'");
+    ExpectRemoveRefused("the unfinished deletion of the guest '" + std::string(kGuest) + "'",
+                        "Deletions end by themselves once the hosts that have the files are back");
     Delete(key);
   }
   host_.PutText("guest", kGuest, R"({"name":"web","desc":")" + std::string(kId) + R"(","repository_id":"other"})");

@@ -1,0 +1,58 @@
+#include "host/storage/image_sizes.h"
+
+#include <map>
+#include <utility>
+
+#include "host/base/rooted_file.h"
+
+namespace vexa::guests {
+namespace {
+
+constexpr std::size_t kMaxGroups = 32;  // as many threads a list takes at most
+
+// The images of one or more folders, asked for by one thread.
+struct Group {
+  std::vector<std::size_t> positions;
+  std::vector<std::string> paths;
+  std::vector<std::optional<std::uint64_t>> sizes;
+};
+
+// A folder is always in the same group, also in other lists.
+std::size_t GroupOf(const std::string& path) {
+  return std::hash<std::string>()(path.substr(0, path.rfind('/') + 1)) % kMaxGroups;
+}
+
+}  // namespace
+
+ImageSizes::ImageSizes(std::vector<std::string> roots, std::chrono::milliseconds deadline)
+    : ImageSizes(std::move(roots), deadline,
+                 [](const auto& below, const std::string& path) { return SizeOfRegularFileBelow(below, path); }) {}
+
+ImageSizes::ImageSizes(std::vector<std::string> roots, std::chrono::milliseconds deadline, SizeOfImage size_of)
+    : roots_(std::make_shared<const std::vector<std::string>>(std::move(roots))),
+      size_of_(std::move(size_of)),
+      calls_(deadline) {}
+
+void ImageSizes::Measure(std::vector<ListedImage>& images) {
+  std::map<std::size_t, std::shared_ptr<Group>> groups;
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    std::shared_ptr<Group>& group = groups[GroupOf(images[i].path)];
+    if (!group) group = std::make_shared<Group>();
+    group->positions.push_back(i);
+    group->paths.push_back(images[i].path);
+  }
+  std::vector<std::pair<BoundedCalls::Call, std::shared_ptr<Group>>> asked;
+  for (const auto& [number, group] : groups) {
+    // It may outlive this object.
+    BoundedCalls::Call call = calls_.Begin(std::to_string(number), [group = group, roots = roots_, size_of = size_of_] {
+      for (const std::string& path : group->paths) group->sizes.push_back(size_of(*roots, path));
+    });
+    asked.emplace_back(std::move(call), group);
+  }
+  for (auto& [call, group] : asked) {
+    if (!call.Wait()) continue;
+    for (std::size_t i = 0; i < group->sizes.size(); ++i) images[group->positions[i]].size = group->sizes[i];
+  }
+}
+
+}  // namespace vexa::guests
