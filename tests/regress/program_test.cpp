@@ -231,4 +231,26 @@ TEST(CheckBorders, HigherOrUnknownRoom_IsRefused) {
   EXPECT_NE(unknown.errors.find("host/attic"), std::string::npos) << unknown.errors;
 }
 
+// Phrases that readers had to decode stayed in comments, messages and names, as nothing found them.
+TEST(CheckWords, PhraseInCommentTextOrName_IsRefused) {
+  const TempDir root;
+  const auto check = [&root](const std::string& text) {
+    std::ofstream(root.File("a.cpp")) << text << "\n";
+    return vexa::test::RunProcess({.argv = {VEXA_SOURCE_DIR "/tools/check-words", root.File("a.cpp")}});
+  };
+  for (const char* fine : {"// The value is not a number.", "const char* text = \"Nobody knows\";", "int told = 0;"}) {
+    const auto result = check(fine);
+    EXPECT_EQ(result.exit_code, 0) << fine << result.output << result.errors;
+  }
+  for (const auto& [text, place] :
+       {std::pair("// The value is no number.", "a.cpp:1: 'is no'"),
+        std::pair("\n// It is\n// no number.", "a.cpp:2: 'is no'"),
+        std::pair("const char* text = \"Nobody is told\";", "a.cpp:1: 'told'"),
+        std::pair("TEST(Value, IsNone_GivesTheDefault) {}", "a.cpp:1: 'IsNone_GivesTheDefault'")}) {
+    const auto result = check(text);
+    EXPECT_EQ(result.exit_code, 1) << text;
+    EXPECT_NE(result.output.find(place), std::string::npos) << result.output << result.errors;
+  }
+}
+
 }  // namespace
