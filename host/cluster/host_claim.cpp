@@ -69,7 +69,7 @@ Error LiveDaemonError(const std::string& host_id, const Json::Value& claim) {
 Result<std::string> PlaceOf(const std::string& path) {
   struct statx found {};
   if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME, &found) != 0) {
-    return SystemError(ErrorCode::kInternal, "Cannot look at '" + path + "'", errno);
+    return SystemError(ErrorCode::kInternal, "Cannot examine '" + path + "'", errno);
   }
   std::string place = std::to_string(found.stx_ino);
   if (found.stx_mask & STATX_BTIME) {
