@@ -63,6 +63,11 @@ std::string String(const Json::Value& value) {
   return value.isArray() || value.isObject() ? std::string() : value.asString();
 }
 
+std::string TextMember(const Json::Value& value, const char* name) {
+  const Json::Value& member = Member(value, name);
+  return member.isString() ? member.asString() : std::string();
+}
+
 int Int(const Json::Value& value) { return ConvertsToInteger<int>(value) ? value.asInt() : 0; }
 
 unsigned int UInt(const Json::Value& value) { return ConvertsToInteger<unsigned int>(value) ? value.asUInt() : 0; }

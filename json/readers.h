@@ -23,6 +23,8 @@ const Json::Value* FindMember(const Json::Value& value, const std::string& name)
 const Json::Value& Element(const Json::Value& value, Json::ArrayIndex index);
 
 std::string String(const Json::Value& value);
+// The member when it is a text; empty for everything else, numbers included.
+std::string TextMember(const Json::Value& value, const char* name);
 int Int(const Json::Value& value);
 unsigned int UInt(const Json::Value& value);
 Json::Int64 Int64(const Json::Value& value);

@@ -14,4 +14,8 @@ std::string TimeText(std::chrono::system_clock::time_point time) {
   return {text.data(), size};
 }
 
+std::int64_t SecondsSinceEpoch(std::chrono::system_clock::time_point time) {
+  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
 }  // namespace vexa

@@ -29,13 +29,8 @@ using std::chrono::system_clock;
 
 constexpr milliseconds kMaxRecheckPause{250};
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
-  if (TextMember(claim, "place") != identity.place) return false;
+  if (json::TextMember(claim, "place") != identity.place) return false;
   const Json::Value& addresses = json::Member(claim, "addresses");
   const auto& known = json::Elements(addresses);
   if (identity.addresses.empty() || known.empty()) return true;
@@ -48,7 +43,8 @@ bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
 Error RemovedHostError(const std::string& host_id, const Json::Value& claim) {
   const Json::Value& forgotten = json::Member(claim, "forgotten");
   return Error(ErrorCode::kDenied,
-               "This host, '" + host_id + "', was removed from the cluster by " + TextMember(forgotten, "by") + " at " +
+               "This host, '" + host_id + "', was removed from the cluster by " + json::TextMember(forgotten, "by") +
+                   " at " +
                    TimeText(std::chrono::system_clock::from_time_t(json::Int64(json::Member(forgotten, "time")))) +
                    ": remove the file 'host-id' from the data folder to join as a new host, or start vexad once with "
                    "--take-host-id to come back as this one");
@@ -56,14 +52,14 @@ Error RemovedHostError(const std::string& host_id, const Json::Value& claim) {
 
 Error OtherMachineError(const std::string& host_id, const Json::Value& claim) {
   return Error(ErrorCode::kDenied,
-               "The host id '" + host_id + "' belongs to the machine '" + TextMember(claim, "name") +
+               "The host id '" + host_id + "' belongs to the machine '" + json::TextMember(claim, "name") +
                    "', and this data folder is a copy of its: remove the file 'host-id' from the data folder to join "
                    "the cluster as a new host. If this machine has replaced that one, which is off for good, start "
                    "vexad once with --take-host-id");
 }
 
 Error LiveDaemonError(const std::string& host_id, const Json::Value& claim) {
-  return Error(ErrorCode::kDenied, "Another vexad on the machine '" + TextMember(claim, "name") +
+  return Error(ErrorCode::kDenied, "Another vexad on the machine '" + json::TextMember(claim, "name") +
                                        "' has the host id '" + host_id +
                                        "' and gives signs of life: stop it first, or remove the file "
                                        "'host-id' from the data folder to join the cluster as a new host");
@@ -102,10 +98,10 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   if (!seen && seen.error().code() != ErrorCode::kCorrupt) return seen.error();
   const store::Revision seen_revision = seen ? seen->revision : 0;
   // A claim without a token was created by another host that took guests from a host of an older version.
-  const bool is_new = TextMember(claim->record, "token").empty() && !IsForgotten(claim->record);
+  const bool is_new = json::TextMember(claim->record, "token").empty() && !IsForgotten(claim->record);
   const bool is_same = is_new || IsOfMachine(claim->record, options_.identity);
   const bool is_same_boot =
-      is_same && !options_.identity.boot.empty() && TextMember(claim->record, "boot") == options_.identity.boot;
+      is_same && !options_.identity.boot.empty() && json::TextMember(claim->record, "boot") == options_.identity.boot;
   if (IsForgotten(claim->record) && !options_.take_over) return RemovedHostError(options_.host_id, claim->record);
   if (!is_same && !options_.take_over) return OtherMachineError(options_.host_id, claim->record);
   const bool may_be_alive = !is_new && !is_same_boot && !json::Bool(json::Member(claim->record, "released")) && seen &&
@@ -185,7 +181,7 @@ bool HostClaim::GoOnUnwritten(const Error& error) {
   if (!claim || claim->revision == 0 || !IsOfMachine(claim->record, options_.identity)) return false;
   ::syslog(LOG_ERR, "The claim of this host's id cannot be written. The existing claim is used: %s",
            error.ToString().c_str());
-  token_ = TextMember(claim->record, "token");
+  token_ = json::TextMember(claim->record, "token");
   incarnation_ = IncarnationOf(claim->record);
   booted_ = BootedIncarnationOf(claim->record);
   revision_ = claim->revision;
@@ -197,7 +193,8 @@ Result<Standing> HostClaim::Look() const {
   if (!snapshot) return snapshot.error();
   const Result<StoredObject> claim = LoadObject(**snapshot, HostClaimKey(options_.host_id));
   if (!claim && claim.error().code() != ErrorCode::kCorrupt) return claim.error();
-  if (!claim || TextMember(claim->record, "token") != token_ || IsForgotten(claim->record)) return Standing::kLost;
+  if (!claim || json::TextMember(claim->record, "token") != token_ || IsForgotten(claim->record))
+    return Standing::kLost;
   return claim->revision == revision_ ? Standing::kHeld : Standing::kFenced;
 }
 
@@ -218,7 +215,7 @@ Status HostClaim::Renew() {
     Result<StoredObject> claim = LoadObject(**snapshot, key);
     if (!claim) return claim.error();
     if (IsForgotten(claim->record)) return RemovedHostError(options_.host_id, claim->record);
-    if (TextMember(claim->record, "token") != token_) return OtherMachineError(options_.host_id, claim->record);
+    if (json::TextMember(claim->record, "token") != token_) return OtherMachineError(options_.host_id, claim->record);
     // Guests that were taken while the others were being settled come first.
     const auto left = (*snapshot)->Children(store::MakeKey({"fence", options_.host_id}));
     if (!left) return left.error();
@@ -243,7 +240,7 @@ Status HostClaim::Release() {
   const std::string key = HostClaimKey(options_.host_id);
   Result<StoredObject> claim = LoadObject(**snapshot, key);
   if (!claim) return claim.error();
-  if (TextMember(claim->record, "token") != token_) return {};
+  if (json::TextMember(claim->record, "token") != token_) return {};
   const bool is_held = claim->revision == revision_;
   claim->record["released"] = true;
   store::Transaction transaction;

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "host/base/time_text.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
@@ -25,10 +26,6 @@ std::string NicKey(const std::string& host_id, const std::string& nic_id) {
   return KeyOf(host_id, keys::nics) + "/" + store::EncodeSegment(nic_id);
 }
 
-Json::Int64 SecondsOf(system_clock::time_point time) {
-  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
-}
-
 bool IsInaccessible(const Json::Value& record) {
   return json::String(json::Member(record, keys::state)) == VexaCCC::State::Host::inaccessible;
 }
@@ -46,7 +43,7 @@ void Fill(Json::Value& record, const HostFacts& facts, system_clock::time_point 
   record[keys::cpu_cores] = facts.cpu_cores;
   record[keys::cpu_clock_speed] = facts.cpu_clock_mhz;
   record["ram_size"] = static_cast<Json::UInt64>(facts.ram_kib);
-  record["started"] = SecondsOf(started);
+  record["started"] = SecondsSinceEpoch(started);
   record["version"] = facts.version;
   if (facts.package_version.empty()) {
     record.removeMember("package_version");
@@ -57,7 +54,7 @@ void Fill(Json::Value& record, const HostFacts& facts, system_clock::time_point 
 
 void PutSeen(store::Transaction& transaction, const std::string& host_id, system_clock::time_point now) {
   Json::Value seen(Json::objectValue);
-  seen["time"] = SecondsOf(now);
+  seen["time"] = SecondsSinceEpoch(now);
   transaction.operations.push_back({KeyOf(host_id, "seen"), json::ToText(seen)});
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/base/time_text.h"
 #include "host/records/environment.h"
 #include "host/records/keys.h"
 #include "host/records/reading.h"
@@ -67,10 +68,6 @@ std::string FormatMac(std::uint64_t random) {
 }
 
 std::string BucketOf(const std::string& mac) { return store::MakeKey({"mac", std::string_view(mac).substr(15)}); }
-
-Json::Int64 SecondsOf(system_clock::time_point time) {
-  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
-}
 
 // An unreadable reservation counts as expired. So does one from a clock more than a day ahead, which would otherwise
 // stay for as long as that clock was wrong.
@@ -152,7 +149,7 @@ Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& sour
     const Result<std::uint64_t> random = source.random();
     if (!random) return random.error();
     std::string mac = FormatMac(*random);
-    const auto plan = PlanReservation(store, mac, SecondsOf(source.now()));
+    const auto plan = PlanReservation(store, mac, SecondsSinceEpoch(source.now()));
     if (!plan) return plan.error();
     if (!plan->has_value()) continue;
     const Result<store::Revision> reserved = store.Commit(**plan);

@@ -26,8 +26,6 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
 
-constexpr char kPath[] = "path";
-
 // A member of a category's records that names files: a text, or a list of texts.
 struct Member {
   const char* category;
@@ -35,10 +33,10 @@ struct Member {
   FileUser user;
 };
 const std::array<Member, 4>& Members() {
-  static const std::array<Member, 4> members{{{DashCate::vDisk.name(), kPath, FileUser::kDisk},
+  static const std::array<Member, 4> members{{{DashCate::vDisk.name(), kDiskPath, FileUser::kDisk},
                                               {DashCate::Guest.name(), kNvramMember, FileUser::kNvram},
                                               {DashCate::Guest.name(), keys::iso_images, FileUser::kDrive},
-                                              {cluster::kImageCategory, kPath, FileUser::kImage}}};
+                                              {cluster::kImageCategory, kDiskPath, FileUser::kImage}}};
   return members;
 }
 
@@ -56,11 +54,6 @@ std::string_view Behind(std::string_view text, std::string_view part) {
   if (!found) return {};
   const auto at = static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
   return text.substr(at + part.size());
-}
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
 }
 
 // A record with a path whose last segment is that of a file.
@@ -228,11 +221,11 @@ class UserSearch {
     if (!record) return record.error();
     if (candidate.member->user == FileUser::kDisk) {
       const bool is_gone = question_.guest == FileQuestion::Guest::kGone;
-      if (is_gone && TextMember(*record, keys::guest_id) == question_.guest_id) return false;
+      if (is_gone && json::TextMember(*record, keys::guest_id) == question_.guest_id) return false;
     }
     if (question_.host_id.empty()) return true;
     if (candidate.member->user == FileUser::kImage) {
-      const std::string host_id = TextMember(*record, keys::host_id);
+      const std::string host_id = json::TextMember(*record, keys::host_id);
       return host_id.empty() || host_id == question_.host_id;
     }
     Result<std::string> repository_host = RepositoryHost(snapshot, *record);
@@ -240,7 +233,7 @@ class UserSearch {
     if (!is_guest) return repository_host->empty() || *repository_host == question_.host_id;
     const Result<Json::Value> own = ReadValue(snapshot, prefix + keys::host_id);
     if (!own) return own.error();
-    const std::string host_id = own->isString() ? json::String(*own) : TextMember(*record, keys::host_id);
+    const std::string host_id = own->isString() ? json::String(*own) : json::TextMember(*record, keys::host_id);
     return host_id.empty() || host_id == question_.host_id || *repository_host == question_.host_id;
   }
 

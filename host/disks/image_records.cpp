@@ -34,11 +34,6 @@ using VexaCCC::DB::DashCate;
 
 constexpr std::size_t kShownName = 128;
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 bool IsPath(const std::string& text) {
   return text.starts_with('/') && text.size() <= cluster::kMaxImagePathBytes && IsValidUtf8(text) &&
          std::ranges::none_of(text, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
@@ -57,7 +52,7 @@ Refused RefuseBeside(const NamedRecord& other, const NewImage& image, const std:
   if (other.name == image.name) {
     return Refusal{kRecordExists, "The image '" + shown_id + "' has the name '" + image.name + "'"};
   }
-  if (TextMember(other.record, cluster::kImagePath) == image.path) {
+  if (json::TextMember(other.record, cluster::kImagePath) == image.path) {
     return Refusal{kRecordExists,
                    "The image '" + shown_id + "' is the file '" + cluster::ShownPath(image.path) + "' already"};
   }
@@ -98,7 +93,7 @@ std::optional<std::uint64_t> SizeOfFile(const std::string& path) {
 class DriveSearch {
  public:
   explicit DriveSearch(const NamedRecord& image)
-      : id_(image.id), path_(NormalPath(TextMember(image.record, cluster::kImagePath))) {
+      : id_(image.id), path_(NormalPath(json::TextMember(image.record, cluster::kImagePath))) {
     if (path_) file_name_ = path_->substr(path_->rfind('/') + 1);
   }
 
@@ -224,7 +219,8 @@ Result<std::vector<ListedImage>> ListImages(const store::Store& store) {
     auto all = cluster::ReadNamedRecords(**snapshot, kImageCategory);
     if (!all) return all.error();
     for (NamedRecord& image : *all) {
-      images.push_back({std::move(image.id), std::move(image.name), TextMember(image.record, cluster::kImagePath), {}});
+      images.push_back(
+          {std::move(image.id), std::move(image.name), json::TextMember(image.record, cluster::kImagePath), {}});
     }
   }
   for (ListedImage& image : images) image.size = SizeOfFile(image.path);

@@ -29,11 +29,6 @@ namespace keys = VexaCCC::DB::_k;
 using hypervisor::Owner;
 using hypervisor::Problem;
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 std::string FolderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 // The path of an image in a drive, which a record names by its path or by the image's id.
@@ -50,7 +45,7 @@ Result<std::string> ImagePath(const std::string& image) {
 // has no image.
 std::string FolderForNvram(const Guest& guest) {
   for (const auto& [id, disk] : guest.records.disks) {
-    const std::optional<std::string> path = NormalPath(TextMember(disk, "path"));
+    const std::optional<std::string> path = NormalPath(json::TextMember(disk, "path"));
     if (path && !path->starts_with("/dev/")) return FolderOf(*path);
   }
   return "";
@@ -60,7 +55,7 @@ std::string FolderForNvram(const Guest& guest) {
 void AddBridges(const Guest& guest, hypervisor::BuildOptions& build) {
   const HostNetworks networks(nullptr);
   for (const auto& [id, nic] : guest.records.nics) {
-    const std::string name = TextMember(nic, "network_name");
+    const std::string name = json::TextMember(nic, "network_name");
     const BridgeKind kind = networks.KindOf(name);
     if (kind == BridgeKind::kSwitch) build.switch_bridges.insert(name);
     if (kind == BridgeKind::kLinux) build.kernel_bridges.insert(name);
@@ -135,7 +130,7 @@ Result<std::string> LibvirtGuestControl::DomainXml(const Guest& guest, const std
     records.guest["name"] = name;
   }
   const bool has_variables = json::Bool(json::Member(records.guest, keys::use_ovmf)) && !ForgetsGuests();
-  if (has_variables && TextMember(records.guest, kNvramMember).empty() && build.base_xml.empty()) {
+  if (has_variables && json::TextMember(records.guest, kNvramMember).empty() && build.base_xml.empty()) {
     const std::string path = NewNvramPath(guest);
     if (!path.empty()) records.guest[kNvramMember] = path;
   }
@@ -156,7 +151,7 @@ std::string LibvirtGuestControl::MachineName(const Guest& guest) {
 
 // libvirt would create an empty file in place of a missing one, and the guest would lose its variables.
 Refused LibvirtGuestControl::RefuseMissingNvram(const Guest& guest) const {
-  const std::string path = TextMember(guest.records.guest, kNvramMember);
+  const std::string path = json::TextMember(guest.records.guest, kNvramMember);
   if (path.empty() || ForgetsGuests() || !json::Bool(json::Member(guest.records.guest, keys::use_ovmf))) return {};
   struct stat info {};
   // The file may be in a place that this process may not read.
@@ -177,7 +172,7 @@ Status LibvirtGuestControl::RecordNvram(const std::string& guest_id, const hyper
     auto guest = cluster::LoadObject(**snapshot, GuestObjectKey(guest_id));
     if (!guest) return guest.error();
     store::Transaction transaction;
-    if (guest->revision == 0 || !TextMember(guest->record, kNvramMember).empty()) return transaction;
+    if (guest->revision == 0 || !json::TextMember(guest->record, kNvramMember).empty()) return transaction;
     guest->record[kNvramMember] = definition.nvram;
     cluster::PutObject(transaction, GuestObjectKey(guest_id), *guest);
     transaction.operations.push_back({FilesKey(), json::ToText(Json::Value(guest_id))});
@@ -305,7 +300,7 @@ Result<bool> LibvirtGuestControl::RemoveDefinition(const std::string& guest_id) 
     if (!guest) return guest.error();
     has_moved = guest->revision != 0;
     // A guest that has returned to this host uses the definition itself.
-    if (has_moved && TextMember(guest->record, keys::host_id) == options_.host_id) return true;
+    if (has_moved && json::TextMember(guest->record, keys::host_id) == options_.host_id) return true;
   }
   const auto definition = hypervisor_->DefinitionOf(guest_id);
   if (!definition) {

@@ -36,11 +36,6 @@ std::string Key(const DashCate& category, const std::string& id, std::string_vie
   return cluster::MemberKey(category.name(), id, key);
 }
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 // Fails in the middle of a plan: the caller gets the refusal.
 Error Stop(Refused& refused, Refusal refusal) {
   refused = std::move(refusal);
@@ -57,7 +52,7 @@ Refused Finish(const Status& committed, Refused refused) {
 
 std::string HostName(const store::Snapshot& snapshot, const std::string& host_id) {
   const auto host = LoadObject(snapshot, Key(DashCate::Host, host_id));
-  const std::string name = host ? TextMember(host->record, keys::name) : std::string();
+  const std::string name = host ? json::TextMember(host->record, keys::name) : std::string();
   return name.empty() ? host_id : name;
 }
 
@@ -148,7 +143,7 @@ class Recovery {
     const auto stored = (*snapshot)->Get(RunKey(request_.guest_id));
     if (!stored) return stored.error();
     const Run run = *stored ? ParseRun((*stored)->text) : Run();
-    const std::string host_id = *stored ? run.host_id : TextMember(guest->record, keys::host_id);
+    const std::string host_id = *stored ? run.host_id : json::TextMember(guest->record, keys::host_id);
     if (host_id.empty()) {
       return Stop(refused, {kNotRunning, "The guest has no host that it could be taken from"});
     }
@@ -219,7 +214,7 @@ Result<GuestsNaming> FindGuests(const store::Store& store, const std::string& ho
     const auto guest = LoadObject(**snapshot, Key(DashCate::Guest, id));
     if (!guest && guest.error().code() == ErrorCode::kCorrupt) continue;
     if (!guest) return guest.error();
-    if (TextMember(guest->record, keys::host_id) == host_id) found.off.push_back(id);
+    if (json::TextMember(guest->record, keys::host_id) == host_id) found.off.push_back(id);
   }
   std::erase_if(found.off,
                 [&](const std::string& id) { return std::ranges::find(found.held, id) != found.held.end(); });
@@ -234,7 +229,7 @@ std::string NamesOf(const store::Store& store, const std::vector<std::string>& g
     if (++shown > kShownNames) return names + " and " + std::to_string(guest_ids.size() - kShownNames) + " more";
     const auto guest =
         snapshot ? LoadObject(**snapshot, Key(DashCate::Guest, id)) : Result<StoredObject>(StoredObject());
-    const std::string name = guest ? TextMember(guest->record, keys::name) : std::string();
+    const std::string name = guest ? json::TextMember(guest->record, keys::name) : std::string();
     names += (names.empty() ? "'" : ", '") + (name.empty() ? id : name) + "'";
   }
   return names;

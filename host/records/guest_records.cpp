@@ -16,11 +16,6 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 constexpr std::size_t kShownId = 64;
 
 // An error about the record of `what`, as a sentence.
@@ -65,9 +60,9 @@ Result<Guest> ReadGuest(const std::string& guest_id) {
   auto nics = ReadListed(**record, keys::vnics, DashCate::vNic, "network interface");
   if (!nics) return nics.error();
   guest.records.nics = std::move(*nics);
-  guest.name = TextMember(**record, keys::name);
-  guest.host_id = TextMember(**record, keys::host_id);
-  guest.repository_id = TextMember(**record, keys::repository_id);
+  guest.name = json::TextMember(**record, keys::name);
+  guest.host_id = json::TextMember(**record, keys::host_id);
+  guest.repository_id = json::TextMember(**record, keys::repository_id);
   if (guest.repository_id.empty()) return guest;
   VexaCCC::DB::Dashboard repository(DashCate::Repository, guest.repository_id);
   // The members stay unchanged unless they are found.

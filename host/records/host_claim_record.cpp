@@ -1,5 +1,6 @@
 #include "host/records/host_claim_record.h"
 
+#include "host/base/time_text.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 
@@ -11,14 +12,10 @@ namespace json = VexaVirtualization::json;
 constexpr char kIncarnation[] = "incarnation";
 constexpr char kForgotten[] = "forgotten";
 
-Json::Int64 SecondsOf(std::chrono::system_clock::time_point time) {
-  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
-}
-
 Json::Value ToJson(const Deed& deed) {
   Json::Value value(Json::objectValue);
   value["by"] = deed.by;
-  value["time"] = SecondsOf(deed.time);
+  value["time"] = SecondsSinceEpoch(deed.time);
   return value;
 }
 

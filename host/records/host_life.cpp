@@ -18,7 +18,6 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
-namespace states = VexaCCC::State;
 using std::chrono::system_clock;
 
 // The last second that the clock, which counts nanoseconds, can represent.
@@ -34,11 +33,6 @@ Result<Record> ReadIntact(const std::string& key) {
 
 std::string HostKey(const std::string& host_id, std::string_view key) {
   return MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, key);
-}
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
 }
 
 system_clock::time_point TimeOf(const Json::Value& seen) {
@@ -60,8 +54,8 @@ bool WasDatabaseLost(const Environment& environment) {
 
 // Whether the guest is running on its host, or has something waiting there.
 bool IsHeldByItsHost(std::string_view state) {
-  return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == states::Guest::freeze ||
-         state == states::Guest::saved;
+  return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == VexaCCC::State::Guest::freeze ||
+         state == VexaCCC::State::Guest::saved;
 }
 
 }  // namespace
@@ -89,31 +83,31 @@ Result<HostLife> LifeOf(const std::string& host_id) {
   if (life.is_gone) return life;
   const Result<Record> record = ReadIntact(HostKey(host_id, keys::object));
   if (!record) return record.error();
-  life.is_gone = *record && TextMember(**record, keys::state) == states::Host::inaccessible;
+  life.is_gone = *record && json::TextMember(**record, keys::state) == VexaCCC::State::Host::inaccessible;
   return life;
 }
 
 Result<std::optional<std::string_view>> HostStateNow(const std::string& host_id) {
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
-  return life->is_gone ? std::optional<std::string_view>(states::Host::inaccessible) : std::nullopt;
+  return life->is_gone ? std::optional<std::string_view>(VexaCCC::State::Host::inaccessible) : std::nullopt;
 }
 
 Result<std::optional<std::string_view>> RepositoryStateNow(const Json::Value& record) {
-  const std::string host_id = TextMember(record, keys::host_id);
+  const std::string host_id = json::TextMember(record, keys::host_id);
   if (host_id.empty()) return std::optional<std::string_view>();
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
-  return life->is_gone ? std::optional<std::string_view>(states::Repo::inaccessible) : std::nullopt;
+  return life->is_gone ? std::optional<std::string_view>(VexaCCC::State::Repo::inaccessible) : std::nullopt;
 }
 
 Result<std::optional<std::string_view>> GuestStateNow(const Json::Value& record, std::string_view state) {
   if (!IsHeldByItsHost(state)) return std::optional<std::string_view>();
-  const std::string host_id = TextMember(record, keys::host_id);
+  const std::string host_id = json::TextMember(record, keys::host_id);
   if (host_id.empty()) return std::optional<std::string_view>();
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
-  return life->is_gone ? std::optional<std::string_view>(states::Guest::inaccessible) : std::nullopt;
+  return life->is_gone ? std::optional<std::string_view>(VexaCCC::State::Guest::inaccessible) : std::nullopt;
 }
 
 }  // namespace vexa::cluster

@@ -41,11 +41,6 @@ Json::Int64 CountOf(system_clock::duration time) {
   return std::chrono::duration_cast<std::chrono::seconds>(time).count();
 }
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 // Like LoadObject, but a damaged record is loaded as empty, to be replaced.
 Result<StoredObject> LoadOrReplace(const store::Snapshot& snapshot, const std::string& key) {
   const auto value = snapshot.Get(key);
@@ -65,8 +60,8 @@ Sequence SequenceOf(const Json::Value& live, const std::string& host_id) {
 
 // Whether the observation counts, according to the guest's record and earlier observations.
 Observed Judge(const Json::Value& guest, const Json::Value& live, const Observation& observation) {
-  std::string speaker = TextMember(guest, keys::host_id);
-  if (speaker.empty()) speaker = TextMember(live, keys::host_id);
+  std::string speaker = json::TextMember(guest, keys::host_id);
+  if (speaker.empty()) speaker = json::TextMember(live, keys::host_id);
   if (!speaker.empty() && speaker != observation.host_id) return Observed::kNotOurs;
   return SequenceOf(live, observation.host_id) < observation.sequence ? Observed::kStored : Observed::kOlder;
 }

@@ -30,11 +30,6 @@ using VexaCCC::DB::DashCate;
 
 constexpr std::size_t kShownName = 128;
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 Refusal NoSuchRepository(const std::string& id) {
   return {kUnreadable, "There is no repository '" + cluster::LogText(id, kShownName) + "'"};
 }
@@ -91,7 +86,7 @@ Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const N
 
 // The state that the repository's host has found, else the record's; and what is known of the storage.
 Status PutLive(const store::Snapshot& snapshot, const NamedRecord& record, ListedRepository& listed) {
-  listed.state = TextMember(record.record, keys::state);
+  listed.state = json::TextMember(record.record, keys::state);
   const auto state = snapshot.Get(RepositoryStateKey(record.id));
   if (!state) return state.error();
   if (state->has_value()) {
@@ -163,7 +158,7 @@ class RepositoryUsers {
   Status FindDisks() {
     std::set<std::string> segments;
     const Status scanned = EachNaming(DashCate::vDisk, [&](const std::string& segment, const Json::Value& record) {
-      if (!guests_.contains(TextMember(record, keys::guest_id))) segments.insert(segment);
+      if (!guests_.contains(json::TextMember(record, keys::guest_id))) segments.insert(segment);
     });
     if (!scanned) return scanned;
     for (const std::string& segment : segments) {
@@ -179,7 +174,7 @@ class RepositoryUsers {
     return snapshot_.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
       if (!MayName(value.text)) return true;
       const Result<Json::Value> parsed = ParseJson(value.text);
-      if (!parsed || TextMember(*parsed, keys::repository_id) != id_) return true;
+      if (!parsed || json::TextMember(*parsed, keys::repository_id) != id_) return true;
       const std::string segment(key.substr(key.rfind('/') + 1));
       const std::string guest_id = store::DecodeSegment(segment).value_or(segment);
       if (guests_.insert(guest_id).second) {
@@ -268,7 +263,7 @@ Result<std::vector<ListedRepository>> ListRepositories(const store::Store& store
     if (!all) return all.error();
     records = std::move(*all);
     for (const NamedRecord& record : records) {
-      ListedRepository listed{record.id, record.name, TextMember(record.record, keys::host_id), "", {}};
+      ListedRepository listed{record.id, record.name, json::TextMember(record.record, keys::host_id), "", {}};
       if (Status put = PutLive(**snapshot, record, listed); !put) return put.error();
       repositories.push_back(std::move(listed));
     }

@@ -31,27 +31,22 @@ std::string RepositoryKey(const std::string& repository_id, std::string_view nam
   return cluster::MemberKey(DashCate::Repository.name(), repository_id, name);
 }
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 Storage FromRecord(const cluster::StoredObject& stored) {
   Storage storage;
   storage.revision = stored.revision;
-  storage.host_id = TextMember(stored.record, keys::host_id);
+  storage.host_id = json::TextMember(stored.record, keys::host_id);
   storage.folders = TrailFromJson(json::Member(stored.record, kFolders));
   // A record without "trouble" was written before states had kinds: the storage was not mounted.
-  const std::string state = TextMember(stored.record, kTrouble);
+  const std::string state = json::TextMember(stored.record, kTrouble);
   if (state.empty() && !json::FindMember(stored.record, kNotMounted)) return storage;
   StorageTrouble& trouble = storage.trouble.emplace();
   if (!state.empty()) trouble.state = state;
   for (const Json::Value& folder : json::Elements(json::Member(stored.record, kNotMounted))) {
     if (folder.isString()) trouble.folders.push_back(json::String(folder));
   }
-  trouble.reason = TextMember(stored.record, kReason);
+  trouble.reason = json::TextMember(stored.record, kReason);
   trouble.since = StoredTime(json::Member(stored.record, kSince));
-  const std::string written = TextMember(stored.record, kWritten);
+  const std::string written = json::TextMember(stored.record, kWritten);
   if (!written.empty()) storage.written = written;
   if (state.empty()) storage.written = trouble.state;
   const Json::Value& before = json::Member(stored.record, kStateBefore);
@@ -100,7 +95,7 @@ Result<std::string> StateBelow(const store::Snapshot& snapshot, const std::strin
   }
   const auto record = cluster::LoadObject(snapshot, RepositoryKey(repository_id, keys::object));
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
-  return record ? TextMember(record->record, keys::state) : std::string();
+  return record ? json::TextMember(record->record, keys::state) : std::string();
 }
 
 // Storage that cannot be used at all is always shown; otherwise the worst state is.

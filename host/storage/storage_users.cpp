@@ -26,11 +26,6 @@ constexpr char kNvram[] = "nvram";
 
 std::string PrefixOf(const DashCate& category) { return cluster::CategoryKey(category.name()); }
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 // `record` is null for a path with a key of its own, which follows the record of the disk and overrides its path.
 void NoteDisk(const Json::Value& record, const std::string& key_segment, const std::string& path,
               std::vector<DiskFile>& disks) {
@@ -42,11 +37,11 @@ void NoteDisk(const Json::Value& record, const std::string& key_segment, const s
   if (!id || !record.isObject()) return;
   DiskFile disk;
   disk.id = std::move(*id);
-  disk.guest_id = TextMember(record, keys::guest_id);
+  disk.guest_id = json::TextMember(record, keys::guest_id);
   disk.path = path;
   // As an edit decides it; "format" is the same for all.
   constexpr int kTypeQcow2 = 2;
-  const std::string driver = TextMember(record, "driver");
+  const std::string driver = json::TextMember(record, "driver");
   disk.is_qcow2 = driver.empty() ? json::Int(json::Member(record, keys::type)) == kTypeQcow2 : driver == "qcow2";
   disk.size_mib = json::UInt64(json::Member(record, keys::size));
   disks.push_back(std::move(disk));
@@ -80,8 +75,8 @@ Status TakePaths(const store::Snapshot& snapshot, const DashCate& category, cons
     if (!is_own && !may_name) return true;
     const Result<Json::Value> parsed = ParseJson(value.text);
     if (!parsed) return true;
-    if (!is_own) repository_id = TextMember(*parsed, keys::repository_id);
-    std::string path = is_own && parsed->isString() ? json::String(*parsed) : TextMember(*parsed, member);
+    if (!is_own) repository_id = json::TextMember(*parsed, keys::repository_id);
+    std::string path = is_own && parsed->isString() ? json::String(*parsed) : json::TextMember(*parsed, member);
     if (repository_id.empty()) return true;
     if (has_disks) NoteDisk(is_own ? Json::Value() : *parsed, last_id, path, files[repository_id].disks);
     if (!path.empty()) files[repository_id].paths.push_back(std::move(path));
@@ -103,7 +98,7 @@ Result<std::map<std::string, std::string>> RepositoriesOf(const store::Snapshot&
     if (host->empty() || *host != host_id) continue;
     const auto record = cluster::LoadObject(snapshot, cluster::ObjectKey(DashCate::Repository.name(), id));
     if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
-    own.emplace(id, record ? TextMember(record->record, keys::name) : std::string());
+    own.emplace(id, record ? json::TextMember(record->record, keys::name) : std::string());
   }
   return own;
 }
