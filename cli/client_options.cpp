@@ -15,11 +15,6 @@ ExitCode ExitCodeOf(const Error& error) {
   return error.code() == ErrorCode::kInvalid ? ExitCode::kUsage : ExitCode::kFailed;
 }
 
-std::string Variable(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
-
 constexpr const char* kLoginHint = "\nRun 'vexa login'.";
 
 std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
@@ -45,12 +40,17 @@ CallOutcome FailureOf(const Error& error) {
 
 }  // namespace
 
+std::string EnvironmentText(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
 Result<Endpoint> ChooseEndpoint(const GlobalOptions& options, const std::optional<SavedLogin>& saved) {
   if (!options.server.empty()) return ParseServerUrl(options.server);
   if (!options.socket.empty()) return Endpoint{"", options.socket};
-  if (const std::string server = Variable("VEXA_SERVER"); !server.empty()) return ParseServerUrl(server);
+  if (const std::string server = EnvironmentText("VEXA_SERVER"); !server.empty()) return ParseServerUrl(server);
   if (saved) return Endpoint{saved->server, ""};
-  const std::string socket = Variable("VEXA_SOCKET");
+  const std::string socket = EnvironmentText("VEXA_SOCKET");
   return Endpoint{"", socket.empty() ? std::string(kDefaultSocket) : socket};
 }
 

@@ -29,6 +29,9 @@ struct GlobalOptions {
   bool insecure_http = false;
 };
 
+// The value of an environment variable; empty without one.
+std::string EnvironmentText(const char* name);
+
 // The server to use: --server or --socket, otherwise $VEXA_SERVER, otherwise the server of `saved`, otherwise
 // $VEXA_SOCKET or kDefaultSocket.
 Result<Endpoint> ChooseEndpoint(const GlobalOptions& options, const std::optional<SavedLogin>& saved);

@@ -19,6 +19,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "cli/client_options.h"
 #include "host/base/files.h"
 
 namespace vexa::cli {
@@ -26,13 +27,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string Variable(const char* name) {
-  const char* const value = std::getenv(name);
-  return value ? value : "";
-}
-
 bool IsInPath(const std::string& program) {
-  const std::string path = Variable("PATH");
+  const std::string path = EnvironmentText("PATH");
   for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
     end = path.find(':', begin);
     const std::filesystem::path folder = path.substr(begin, end == std::string::npos ? end : end - begin);
@@ -44,7 +40,7 @@ bool IsInPath(const std::string& program) {
 // A command for the shell; "" when absent.
 std::string EditorCommand() {
   for (const char* variable : {"VISUAL", "EDITOR"}) {
-    if (std::string command = Variable(variable); !command.empty()) return command;
+    if (std::string command = EnvironmentText(variable); !command.empty()) return command;
   }
   for (const char* program : {"sensible-editor", "editor", "vi"}) {
     if (IsInPath(program)) return program;
@@ -54,7 +50,7 @@ std::string EditorCommand() {
 
 std::string TemporaryFolder() {
   for (const char* variable : {"XDG_RUNTIME_DIR", "TMPDIR"}) {
-    const std::string folder = Variable(variable);
+    const std::string folder = EnvironmentText(variable);
     if (folder.starts_with('/') && ::access(folder.c_str(), W_OK | X_OK) == 0) return folder;
   }
   return "/tmp";

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/api_paths.h"
 #include "cli/printable.h"
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
@@ -13,7 +14,6 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr std::int64_t kUnit = 1024;
 
 enum class Kind { kText, kYesNo, kKib, kMib, kList };
@@ -24,14 +24,14 @@ struct Field {
   Kind kind;
 };
 
-constexpr std::array kDiskColumns = {
+constexpr std::array kDiskFields = {
     Field{"DISK", "vdisk_id", Kind::kText},      Field{"SIZE", "size", Kind::kMib},
     Field{"TYPE", "lun_type", Kind::kText},      Field{"MODE", "vdisk_mode", Kind::kText},
     Field{"DUMMY", "is_dummy", Kind::kYesNo},    Field{"UNMAP", "unmap", Kind::kYesNo},
     Field{"META", "is_meta_disk", Kind::kYesNo},
 };
 
-constexpr std::array kNicColumns = {
+constexpr std::array kNicFields = {
     Field{"INTERFACE", "vnic_id", Kind::kText},
     Field{"NETWORK", "network_id", Kind::kText},
     Field{"MAC", "mac", Kind::kText},
@@ -136,7 +136,7 @@ ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
   HttpClient client(*options);
   Json::Value parameters;
   parameters["guest_id"] = guest_id;
-  const CallOutcome outcome = CallApi(client, kGet, RenderJson(parameters, JsonLayout::kOneLine));
+  const CallOutcome outcome = CallApi(client, kGuestGet, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) {
@@ -150,8 +150,8 @@ ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
     }
   }
   PrintFields(std::cout, fields);
-  PrintList("Virtual disks", Member(outcome.data, "vdisks"), kDiskColumns);
-  PrintList("Network interfaces", Member(outcome.data, "vnics"), kNicColumns);
+  PrintList("Virtual disks", Member(outcome.data, "vdisks"), kDiskFields);
+  PrintList("Network interfaces", Member(outcome.data, "vnics"), kNicFields);
   return ExitCode::kOk;
 }
 

@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "cli/api_paths.h"
 #include "cli/editor.h"
 #include "cli/guest_set_command.h"
 #include "cli/guest_settings_text.h"
@@ -15,7 +16,6 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr int kSignalBase = 128;  // the shells' convention for an end by a signal
 
 void Keep(const std::string& text) {
@@ -88,7 +88,7 @@ ExitCode RunGuestEdit(const GlobalOptions& global, const std::string& word) {
   HttpClient client(*connect);
   NamedGuest guest;
   if (const ExitCode found = FindGuest(client, word, guest); found != ExitCode::kOk) return found;
-  const CallOutcome got = CallApi(client, kGet, OneParameter("guest_id", guest.id));
+  const CallOutcome got = CallApi(client, kGuestGet, OneParameter("guest_id", guest.id));
   if (got.exit_code != ExitCode::kOk) return got.exit_code;
   if (!got.data.isObject()) return Report(NotUnderstood("guest"));
   const Wanted wanted = AskEditor(guest, SettingsOf(got.data));

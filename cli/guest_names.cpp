@@ -3,19 +3,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/reply.h"
 
 namespace vexa::cli {
-namespace {
-
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
-constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
-
-}  // namespace
+namespace {}  // namespace
 
 CallOutcome ListGuests(HttpClient& client) {
-  CallOutcome outcome = CallApi(client, kList, "{}");
+  CallOutcome outcome = CallApi(client, kGuestList, "{}");
   if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "guests").isArray()) {
     outcome.exit_code = Report(NotUnderstood("guests"));
   }
@@ -25,8 +21,8 @@ CallOutcome ListGuests(HttpClient& client) {
 NamedGuest GuestOf(const Json::Value& list, const std::string& id) {
   NamedGuest guest{id, id, ""};
   for (const Json::Value& element : list) {
-    if (Text(Member(element, kNaming.id)) != id) continue;
-    if (const std::string name = Text(Member(element, kNaming.name)); !name.empty()) guest.name = name;
+    if (Text(Member(element, kGuestNaming.id)) != id) continue;
+    if (const std::string name = Text(Member(element, kGuestNaming.name)); !name.empty()) guest.name = name;
     guest.host_id = Text(Member(element, "host_id"));
     break;
   }
@@ -36,7 +32,7 @@ NamedGuest GuestOf(const Json::Value& list, const std::string& id) {
 ExitCode FindGuests(const Json::Value& list, const std::vector<std::string>& words, std::vector<NamedGuest>& guests) {
   ExitCode exit_code = ExitCode::kOk;
   for (const std::string& word : words) {
-    const Result<std::string> id = FindByIdOrName(list, kNaming, word);
+    const Result<std::string> id = FindByIdOrName(list, kGuestNaming, word);
     if (!id) {
       exit_code = Report(id.error());
     } else if (std::ranges::find(guests, *id, &NamedGuest::id) == guests.end()) {

@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -23,8 +24,6 @@ constexpr const char* kPower = "/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl
 constexpr const char* kDelete = "/webapi/VEXA.Virtualization.Guest/delete";
 constexpr const char* kDiscardSaved = "/webapi/VEXA.Virtualization.Guest/discard_saved";
 constexpr const char* kRelease = "/webapi/VEXA.Virtualization.Guest/release";
-constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
 constexpr int kDeletionFailed = 901;
 constexpr auto kPollEvery = std::chrono::seconds(1);
 
@@ -110,7 +109,7 @@ std::optional<std::string> GuestRun::WaitForState(std::size_t index) {
     HttpClientOptions options = parts_.queries;
     options.timeout = std::clamp<std::chrono::milliseconds>(left, kPollEvery, options.timeout);
     HttpClient client(options);
-    const CallOutcome outcome = TryApi(client, kStatus, OneParameter("guest_id", guest.id));
+    const CallOutcome outcome = TryApi(client, kGuestStatus, OneParameter("guest_id", guest.id));
     if (outcome.exit_code == ExitCode::kOk) {
       if (!outcome.data.isObject()) return Printable(NotUnderstood("guest").ToString());
       state = Text(Member(outcome.data, "status"));
@@ -140,7 +139,7 @@ std::string GuestRun::HostOf(const NamedGuest& guest) {
   std::string id = guest.host_id;
   if (id.empty()) {
     HttpClient client(parts_.queries);
-    const CallOutcome outcome = TryApi(client, kList, "{}");
+    const CallOutcome outcome = TryApi(client, kGuestList, "{}");
     const Json::Value& list = Member(outcome.data, "guests");
     if (list.isArray()) id = GuestOf(list, guest.id).host_id;
   }

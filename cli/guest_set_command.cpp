@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/local_grant_command.h"
 #include "cli/parallel.h"
@@ -20,7 +21,6 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
 constexpr const char* kSet = "/webapi/VEXA.Virtualization.Guest/set";
 constexpr int kBadParameter = 401;
 constexpr int kRightsNotSet = 1001;
@@ -214,7 +214,7 @@ Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
 // Prints the parameters on standard output, once it is known that the guest can be read.
 ExitCode ShowDryRun(const GlobalOptions& global, HttpClient& client, const NamedGuest& guest,
                     const Json::Value& parameters) {
-  const CallOutcome got = CallApi(client, kGet, OneParameter("guest_id", guest.id));
+  const CallOutcome got = CallApi(client, kGuestGet, OneParameter("guest_id", guest.id));
   if (got.exit_code != ExitCode::kOk) return got.exit_code;
   if (!got.data.isObject()) return Report(NotUnderstood("guest"));
   if (const Status checked = CheckParts(got.data, parameters); !checked) return Report(checked.error());

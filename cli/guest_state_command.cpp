@@ -4,6 +4,7 @@
 #include <iostream>
 #include <utility>
 
+#include "cli/api_paths.h"
 #include "cli/guest_names.h"
 #include "cli/listing.h"
 #include "cli/moment.h"
@@ -13,10 +14,6 @@
 
 namespace vexa::cli {
 namespace {
-
-constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
-
-constexpr Naming kNaming{"guest", "guest_id", "guest_name"};
 
 constexpr std::array kGuestColumns = {Column{"GUEST", "guest_id"}, Column{"NAME", "guest_name"},
                                       Column{"STATE", "status"},   Column{"SEVERITY", "status_type"},
@@ -80,11 +77,11 @@ ExitCode RunGuestStatus(const GlobalOptions& global, const std::string& guest) {
   if (!IsUuidForm(guest)) {
     const CallOutcome listed = ListGuests(client);
     if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-    const Result<std::string> found = FindByName(Member(listed.data, "guests"), kNaming, guest);
+    const Result<std::string> found = FindByName(Member(listed.data, "guests"), kGuestNaming, guest);
     if (!found) return Report(found.error());
     id = *found;
   }
-  const CallOutcome outcome = CallApi(client, kStatus, OneParameter("guest_id", id));
+  const CallOutcome outcome = CallApi(client, kGuestStatus, OneParameter("guest_id", id));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(NotUnderstood("guest"));

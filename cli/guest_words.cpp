@@ -23,7 +23,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 
 constexpr std::int64_t kMibPerGib = 1024;
-constexpr std::int64_t kMaxDiskGib = static_cast<std::int64_t>(hypervisor::kMaxDiskMib) / kMibPerGib;
+constexpr std::int64_t kLargestDiskGib = static_cast<std::int64_t>(hypervisor::kMaxDiskMib) / kMibPerGib;
 constexpr char kUnmounted[] = "unmounted";
 
 Error Bad(std::string text) { return Error(ErrorCode::kInvalid, std::move(text)); }
@@ -117,8 +117,8 @@ Status AddSettings(const std::vector<std::string>& words, Json::Value& parameter
 
 Result<Json::Value> SizeOf(const std::string& text) {
   const auto size = ParseNumber(text);
-  if (size && *size >= 1 && *size <= kMaxDiskGib) return Json::Value(Json::Int64{*size});
-  return Bad("'" + text + "' is no size of a disk: give GiB, 1 to " + std::to_string(kMaxDiskGib));
+  if (size && *size >= 1 && *size <= kLargestDiskGib) return Json::Value(Json::Int64{*size});
+  return Bad("'" + text + "' is no size of a disk: give GiB, 1 to " + std::to_string(kLargestDiskGib));
 }
 
 Status CheckId(const std::string& text, const char* what) {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/moment.h"
 #include "cli/printable.h"
@@ -18,11 +19,7 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Host/list";
-constexpr const char* kGet = "/webapi/VEXA.Virtualization.Host/get";
 constexpr const char* kInfo = "/webapi/VEXA.Virtualization.Guest/info";
-
-constexpr Naming kNaming{"host", "host_id", "name"};
 
 constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"},
                                      Column{"VERSION", "version_state"}};
@@ -98,7 +95,7 @@ void PrintHost(const Json::Value& host) {
 
 // The data of "list", checked.
 CallOutcome ListHosts(HttpClient& client) {
-  CallOutcome outcome = CallApi(client, kList, "{}");
+  CallOutcome outcome = CallApi(client, kHostList, "{}");
   if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "hosts").isArray()) {
     outcome.exit_code = Report(NotUnderstood("hosts"));
   }
@@ -127,11 +124,11 @@ ExitCode RunHostShow(const GlobalOptions& global, const std::string& host) {
   if (!host.empty() && !IsUuidForm(host)) {
     const CallOutcome listed = ListHosts(client);
     if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-    const Result<std::string> found = FindByName(Member(listed.data, "hosts"), kNaming, host);
+    const Result<std::string> found = FindByName(Member(listed.data, "hosts"), kHostNaming, host);
     if (!found) return Report(found.error());
     id = *found;
   }
-  const CallOutcome outcome = CallApi(client, kGet, id.empty() ? "{}" : OneParameter("host_id", id));
+  const CallOutcome outcome = CallApi(client, kHostGet, id.empty() ? "{}" : OneParameter("host_id", id));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   if (!outcome.data.isObject()) return Report(NotUnderstood("host"));

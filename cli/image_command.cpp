@@ -4,6 +4,7 @@
 #include <iostream>
 #include <system_error>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -13,15 +14,12 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Image/list";
 constexpr const char* kAdd = "/webapi/VEXA.Virtualization.Image/add";
 constexpr const char* kRemove = "/webapi/VEXA.Virtualization.Image/remove";
 
-constexpr Naming kNaming{"image", "image_id", "name"};
-
 // The data of "list", checked; failures are printed.
 CallOutcome ListImages(HttpClient& client) {
-  CallOutcome outcome = CallApi(client, kList, "{}");
+  CallOutcome outcome = CallApi(client, kImageList, "{}");
   if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "images").isArray()) {
     outcome.exit_code = Report(NotUnderstood("images"));
   }
@@ -50,7 +48,7 @@ ExitCode RunImageAdd(const GlobalOptions& global, const ImageAddOptions& options
   const CallOutcome outcome = CallApi(client, kAdd, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  const std::string id = Text(Member(outcome.data, kNaming.id));
+  const std::string id = Text(Member(outcome.data, kImageNaming.id));
   if (id.empty()) return Report(NotUnderstood("id of the image"));
   std::cout << Printable(id) << '\n';
   return ExitCode::kOk;
@@ -67,7 +65,7 @@ ExitCode RunImageList(const GlobalOptions& global) {
   Table table{{"IMAGE", "NAME", "BYTES", "PRESENT", "PATH"}, {}};
   for (const Json::Value& image : images) {
     const bool is_present = IsTrue(Member(image, "present"));
-    table.rows.push_back({Text(Member(image, kNaming.id)), Text(Member(image, kNaming.name)),
+    table.rows.push_back({Text(Member(image, kImageNaming.id)), Text(Member(image, kImageNaming.name)),
                           is_present ? Text(Member(image, "size")) : "-", is_present ? "yes" : "no",
                           Text(Member(image, "path"))});
   }
@@ -82,9 +80,9 @@ ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image) {
   HttpClient client(*connect);
   const CallOutcome listed = ListImages(client);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-  const Result<std::string> id = FindByIdOrName(Member(listed.data, "images"), kNaming, image);
+  const Result<std::string> id = FindByIdOrName(Member(listed.data, "images"), kImageNaming, image);
   if (!id) return Report(id.error());
-  const CallOutcome outcome = CallApi(client, kRemove, OneParameter(kNaming.id, *id));
+  const CallOutcome outcome = CallApi(client, kRemove, OneParameter(kImageNaming.id, *id));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (!global.quiet) std::cout << "Removed the image '" << Printable(image) << "'. Its file stays.\n";
   return ExitCode::kOk;

@@ -13,6 +13,8 @@
 
 namespace vexa::cli {
 
+inline constexpr std::uint64_t kMaxDiskGib = hypervisor::kMaxDiskMib / 1024;
+
 enum class OnExisting { kRefuse, kReplace };
 enum class ImportMode { kWrite, kDryRun };
 

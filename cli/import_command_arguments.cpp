@@ -8,8 +8,6 @@
 namespace vexa::cli {
 namespace {
 
-constexpr std::uint64_t kMaxDiskGib = hypervisor::kMaxDiskMib / 1024;
-
 Error Refused(std::string message) { return Error(ErrorCode::kInvalid, std::move(message)); }
 
 // NAME=VALUE, neither of them empty; split at the last '=', because a network's name may contain one and a value never

@@ -12,7 +12,6 @@ namespace vexa::cli {
 namespace {
 
 constexpr std::size_t kMaxManifestBytes = std::size_t{16} << 20;
-constexpr std::uint64_t kMaxDiskGib = hypervisor::kMaxDiskMib / 1024;
 
 Error Refused(const std::string& where, const std::string& what) {
   return Error(ErrorCode::kInvalid, Printable("The manifest's " + where + " " + what));

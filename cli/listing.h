@@ -29,6 +29,11 @@ struct Naming {
   const char* kinds = nullptr;  // the plural, when it is not the kind with an "s"
 };
 
+inline constexpr Naming kGuestNaming{"guest", "guest_id", "guest_name"};
+inline constexpr Naming kHostNaming{"host", "host_id", "name"};
+inline constexpr Naming kImageNaming{"image", "image_id", "name"};
+inline constexpr Naming kRepositoryNaming{"repository", "repository_id", "name", "repositories"};
+
 // The id of the one object with this name. kNotFound; kConflict, with their ids, when there are several.
 Result<std::string> FindByName(const Json::Value& list, const Naming& naming, const std::string& name);
 

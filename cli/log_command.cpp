@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -20,7 +21,6 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Log/list";
 constexpr std::size_t kPage = 1000;
 // The log keeps a tenth of that; a server that never ends its pages is not followed.
 constexpr std::size_t kMaxPages = 100;
@@ -37,7 +37,7 @@ enum class Order { kNewestFirst, kOldestFirst };
 
 Page ReadPage(HttpClient& client, const Json::Value& parameters, Order order) {
   Page page;
-  page.outcome = TryApi(client, kList, RenderJson(parameters, JsonLayout::kOneLine));
+  page.outcome = TryApi(client, kLogList, RenderJson(parameters, JsonLayout::kOneLine));
   if (page.outcome.exit_code != ExitCode::kOk) return page;
   const Json::Value& entries = Member(page.outcome.data, "entries");
   if (!entries.isArray()) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "cli/api_paths.h"
 #include "cli/guest_names.h"
 #include "cli/guest_run.h"
 #include "cli/listing.h"
@@ -18,14 +19,12 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kGet = "/webapi/VEXA.Virtualization.Guest/get";
-constexpr const char* kHosts = "/webapi/VEXA.Virtualization.Host/list";
 constexpr int kActionTimeoutS = 3600;
 
 // The names of the hosts, by id. Empty when they cannot be read, because they are only additional information.
 std::map<std::string, std::string> HostNames(HttpClient& client) {
   std::map<std::string, std::string> names;
-  const CallOutcome outcome = TryApi(client, kHosts, "{}");
+  const CallOutcome outcome = TryApi(client, kHostList, "{}");
   const Json::Value& hosts = Member(outcome.data, "hosts");
   if (!hosts.isArray()) return names;
   for (const Json::Value& host : hosts) names[Text(Member(host, "host_id"))] = Text(Member(host, "name"));
@@ -36,7 +35,7 @@ std::map<std::string, std::string> HostNames(HttpClient& client) {
 ExitCode Confirm(HttpClient& client, const std::vector<NamedGuest>& guests) {
   Table table{{"NAME", "GUEST", "DISKS"}, {}};
   for (const NamedGuest& guest : guests) {
-    const CallOutcome outcome = CallApi(client, kGet, OneParameter("guest_id", guest.id));
+    const CallOutcome outcome = CallApi(client, kGuestGet, OneParameter("guest_id", guest.id));
     if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
     const Json::Value& disks = Member(outcome.data, "vdisks");
     if (!disks.isArray()) return Report(NotUnderstood("disks"));

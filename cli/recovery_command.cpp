@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "cli/api_paths.h"
 #include "cli/guest_names.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
@@ -14,8 +15,6 @@ namespace {
 
 constexpr const char* kRecover = "/webapi/VEXA.Virtualization.Guest/recover";
 constexpr const char* kForget = "/webapi/VEXA.Virtualization.Host/forget";
-constexpr const char* kHostList = "/webapi/VEXA.Virtualization.Host/list";
-constexpr Naming kHosts{"host", "host_id", "name"};
 
 // The id of the host for `word`; failures are printed.
 ExitCode FindHost(HttpClient& client, const std::string& word, std::string& id) {
@@ -28,7 +27,7 @@ ExitCode FindHost(HttpClient& client, const std::string& word, std::string& id) 
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   const Json::Value& hosts = Member(listed.data, "hosts");
   if (!hosts.isArray()) return Report(NotUnderstood("hosts"));
-  const Result<std::string> found = FindByName(hosts, kHosts, word);
+  const Result<std::string> found = FindByName(hosts, kHostNaming, word);
   if (!found) return Report(found.error());
   id = *found;
   return ExitCode::kOk;

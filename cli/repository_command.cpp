@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -11,16 +12,13 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kList = "/webapi/VEXA.Virtualization.Repository/list";
 constexpr const char* kAdd = "/webapi/VEXA.Virtualization.Repository/add";
 constexpr const char* kRemove = "/webapi/VEXA.Virtualization.Repository/remove";
 constexpr const char* kAccept = "/webapi/VEXA.Virtualization.Repository/accept";
 
-constexpr Naming kNaming{"repository", "repository_id", "name", "repositories"};
-
 // The data of "list", checked; failures are printed.
 CallOutcome ListRepositories(HttpClient& client) {
-  CallOutcome outcome = CallApi(client, kList, "{}");
+  CallOutcome outcome = CallApi(client, kRepositoryList, "{}");
   if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "repositories").isArray()) {
     outcome.exit_code = Report(NotUnderstood("repositories"));
   }
@@ -35,10 +33,10 @@ ExitCode CallFor(const GlobalOptions& global, const std::string& word, const cha
   HttpClient client(*connect);
   const CallOutcome listed = ListRepositories(client);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-  const Result<std::string> found = FindByIdOrName(Member(listed.data, "repositories"), kNaming, word);
+  const Result<std::string> found = FindByIdOrName(Member(listed.data, "repositories"), kRepositoryNaming, word);
   if (!found) return Report(found.error());
   id = *found;
-  return CallApi(client, method, OneParameter(kNaming.id, id)).exit_code;
+  return CallApi(client, method, OneParameter(kRepositoryNaming.id, id)).exit_code;
 }
 
 }  // namespace
@@ -56,7 +54,7 @@ ExitCode RunRepositoryAdd(const GlobalOptions& global, const RepositoryAddOption
   const CallOutcome outcome = CallApi(client, kAdd, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  const std::string id = Text(Member(outcome.data, kNaming.id));
+  const std::string id = Text(Member(outcome.data, kRepositoryNaming.id));
   if (id.empty()) return Report(NotUnderstood("id of the repository"));
   std::cout << Printable(id) << '\n';
   return ExitCode::kOk;
@@ -72,8 +70,8 @@ ExitCode RunRepositoryList(const GlobalOptions& global) {
   if (global.json) return PrintJson(repositories);
   for (const Json::Value& repository : repositories) {
     const auto text = [&](const char* name) { return Printable(Text(Member(repository, name))); };
-    std::cout << text(kNaming.id) << "  " << text("host_id") << "  " << text("state") << "  " << text(kNaming.name)
-              << '\n';
+    std::cout << text(kRepositoryNaming.id) << "  " << text("host_id") << "  " << text("state") << "  "
+              << text(kRepositoryNaming.name) << '\n';
   }
   return ExitCode::kOk;
 }

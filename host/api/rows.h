@@ -11,7 +11,8 @@ namespace vexa::services {
 
 inline constexpr int kRequired = 0;
 inline constexpr int kOptional = 1;
-inline constexpr int kErrorUnreadable = 403;  // a record, interface or volume that does not exist or cannot be read
+inline constexpr int kErrorUnreadable = 403;    // a record, interface or volume that does not exist or cannot be read
+inline constexpr int kErrorNotPermitted = 409;  // the user may not act on the guest, or not call the method
 
 inline void Fail(const webapi::Call& call, int code) { call.response->SetError(code, Json::Value()); }
 

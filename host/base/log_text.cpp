@@ -48,4 +48,6 @@ std::string ShownPath(std::string_view path) {
   return LogText(path, kMaxBytes);
 }
 
+std::string QuotedPath(std::string_view path) { return "'" + ShownPath(path) + "'"; }
+
 }  // namespace vexa::cluster

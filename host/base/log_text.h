@@ -13,5 +13,7 @@ std::string LogText(std::string_view text, std::size_t max_bytes);
 
 // The same for the path of a file, cut after 512 bytes.
 std::string ShownPath(std::string_view path);
+// The same in single quotes, for sentences.
+std::string QuotedPath(std::string_view path);
 
 }  // namespace vexa::cluster

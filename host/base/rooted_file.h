@@ -25,7 +25,7 @@ Descriptor OpenBelow(int root, const std::string& below, int flags, ResolvePath 
 bool IsRegularFileBelow(const std::vector<std::string>& roots, const std::string& path,
                         ResolvePath resolve = ResolvePath::kBySystem);
 
-// The size of that file in bytes; not set when it is none.
+// The size of that file in bytes; not set when there is no such file.
 std::optional<std::uint64_t> SizeOfRegularFileBelow(const std::vector<std::string>& roots, const std::string& path,
                                                     ResolvePath resolve = ResolvePath::kBySystem);
 

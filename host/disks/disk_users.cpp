@@ -24,8 +24,6 @@ namespace {
 
 using VexaCCC::DB::DashCate;
 
-constexpr char kPath[] = "path";
-
 // A member of a category's records that names files: a text, or a list of texts.
 struct Member {
   const char* category;
@@ -33,10 +31,10 @@ struct Member {
   FileUser user;
 };
 const std::array<Member, 4>& Members() {
-  static const std::array<Member, 4> members{{{DashCate::vDisk.name(), kPath, FileUser::kDisk},
+  static const std::array<Member, 4> members{{{DashCate::vDisk.name(), kDiskPath, FileUser::kDisk},
                                               {DashCate::Guest.name(), kNvramMember, FileUser::kNvram},
                                               {DashCate::Guest.name(), keys::iso_images, FileUser::kDrive},
-                                              {cluster::kImageCategory, kPath, FileUser::kImage}}};
+                                              {cluster::kImageCategory, kDiskPath, FileUser::kImage}}};
   return members;
 }
 

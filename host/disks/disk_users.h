@@ -12,6 +12,8 @@
 namespace vexa::guests {
 
 // In this order: of several users of a file, the first is reported.
+inline constexpr char kDiskPath[] = "path";  // a member of disks' records
+
 enum class FileUser { kDisk, kNvram, kDrive, kImage };
 
 // States that `user` names the file, as the end of a sentence: "another disk's record names it".

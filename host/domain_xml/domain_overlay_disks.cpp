@@ -16,7 +16,7 @@ constexpr const char* kTargetOfBus[] = {"rotation_rate", "removable"};
 constexpr const char* kElementsOfBus[] = {"address", "wwn", "vendor", "product"};
 constexpr const char* kDiskOfBus[] = {"model", "sgio", "rawio"};
 
-struct Slot {
+struct DiskSlot {
   pugi::xml_node element;
   const Json::Value* before = nullptr;  // the record that the element stands for
 };
@@ -27,12 +27,12 @@ bool IsHardDisk(pugi::xml_node disk) {
 }
 
 // By id. The base was read in the order of its elements.
-std::map<std::string, Slot> SlotsOf(const Overlay& overlay) {
-  std::map<std::string, Slot> slots;
+std::map<std::string, DiskSlot> DiskSlotsOf(const Overlay& overlay) {
+  std::map<std::string, DiskSlot> slots;
   auto before = overlay.before.disks.begin();
   for (const pugi::xml_node disk : overlay.devices.children("disk")) {
     if (!IsHardDisk(disk) || before == overlay.before.disks.end()) continue;
-    slots.emplace(before->first, Slot{disk, &before->second});
+    slots.emplace(before->first, DiskSlot{disk, &before->second});
     ++before;
   }
   return slots;
@@ -62,11 +62,11 @@ void AddControllers(Overlay& overlay, pugi::xml_node built) {
   }
 }
 
-bool Differs(const Slot& slot, const Json::Value& record, const char* member) {
+bool Differs(const DiskSlot& slot, const Json::Value& record, const char* member) {
   return !SameValue(json::Member(*slot.before, member), json::Member(record, member));
 }
 
-bool FormatDiffers(const Slot& slot, const std::string& format) {
+bool FormatDiffers(const DiskSlot& slot, const std::string& format) {
   return json::Member(*slot.before, "driver") != Json::Value(format);
 }
 
@@ -109,7 +109,7 @@ void ChangeBus(pugi::xml_node disk, const domain_build::Bus& bus) {
   Put(ChildOf(disk, "target"), "bus", bus.name);
 }
 
-Status Change(Overlay& overlay, const std::string& id, const Json::Value& record, const Slot& slot) {
+Status Change(Overlay& overlay, const std::string& id, const Json::Value& record, const DiskSlot& slot) {
   const Result<std::string> format = domain_build::FormatOf(record);
   const Result<std::int64_t> mode = domain_build::ModeOf(record);
   const Result<std::string> name = domain_build::TextOf(record, "name", "");
@@ -167,7 +167,7 @@ Status ApplyDisks(Overlay& overlay) {
   if (records.size() > kMaxDisks) {
     return domain_xml::Refused("The guest has more than " + std::to_string(kMaxDisks) + " disks");
   }
-  std::map<std::string, Slot> slots = SlotsOf(overlay);
+  std::map<std::string, DiskSlot> slots = DiskSlotsOf(overlay);
   // First, to free the positions for others.
   for (const auto& [id, slot] : slots) {
     const bool stays =

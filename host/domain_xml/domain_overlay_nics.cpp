@@ -15,7 +15,7 @@ constexpr const char* kOfKind[] = {"virtualport", "vlan",  "actual",    "backend
                                    "route",       "guest", "bandwidth", "mtu",     "target",      "filterref"};
 constexpr const char* kOfNetwork[] = {"portgroup", "portid"};
 
-struct Slot {
+struct NicSlot {
   pugi::xml_node element;
   const Json::Value* before = nullptr;  // the record that the element stands for
   std::string id;                       // of that record
@@ -24,8 +24,8 @@ struct Slot {
 };
 
 // The base was read in the order of its elements.
-std::vector<Slot> SlotsOf(const Overlay& overlay) {
-  std::vector<Slot> slots;
+std::vector<NicSlot> NicSlotsOf(const Overlay& overlay) {
+  std::vector<NicSlot> slots;
   auto before = overlay.before.nics.begin();
   for (const pugi::xml_node nic : overlay.devices.children("interface")) {
     if (before == overlay.before.nics.end()) break;
@@ -40,12 +40,12 @@ std::string MacOf(const Json::Value& record) {
 }
 
 // The slot of each record, nullptr for a new one. Ids are matched first, because an address can be edited.
-std::vector<Slot*> Match(const GuestRecords& records, std::vector<Slot>& slots) {
-  std::vector<Slot*> matched(records.nics.size(), nullptr);
+std::vector<NicSlot*> Match(const GuestRecords& records, std::vector<NicSlot>& slots) {
+  std::vector<NicSlot*> matched(records.nics.size(), nullptr);
   const auto match = [&](const auto& is_that) {
     for (std::size_t i = 0; i < matched.size(); ++i) {
       if (matched[i] != nullptr) continue;
-      for (Slot& slot : slots) {
+      for (NicSlot& slot : slots) {
         if (slot.is_used || !is_that(slot, records.nics[i])) continue;
         slot.is_used = true;
         matched[i] = &slot;
@@ -53,8 +53,8 @@ std::vector<Slot*> Match(const GuestRecords& records, std::vector<Slot>& slots) 
       }
     }
   };
-  match([](const Slot& slot, const auto& nic) { return slot.id == nic.first; });
-  match([](const Slot& slot, const auto& nic) { return slot.mac == MacOf(nic.second); });
+  match([](const NicSlot& slot, const auto& nic) { return slot.id == nic.first; });
+  match([](const NicSlot& slot, const auto& nic) { return slot.mac == MacOf(nic.second); });
   return matched;
 }
 
@@ -109,7 +109,7 @@ void ChangeNetwork(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node bu
   if (had_none) nic.remove_child("link");
 }
 
-Status Change(const Overlay& overlay, const std::string& id, const Json::Value& record, const Slot& slot) {
+Status Change(const Overlay& overlay, const std::string& id, const Json::Value& record, const NicSlot& slot) {
   const auto differs = [&](const char* member, const Json::Value& fallback) {
     const Json::Value& now = json::Member(record, member);
     return !SameValue(json::Member(*slot.before, member), now.isNull() ? fallback : now);
@@ -148,9 +148,9 @@ Status Check(const GuestRecords& records) {
 
 Status ApplyNics(Overlay& overlay) {
   if (Status checked = Check(overlay.records); !checked) return checked;
-  std::vector<Slot> slots = SlotsOf(overlay);
-  const std::vector<Slot*> matched = Match(overlay.records, slots);
-  for (const Slot& slot : slots) {
+  std::vector<NicSlot> slots = NicSlotsOf(overlay);
+  const std::vector<NicSlot*> matched = Match(overlay.records, slots);
+  for (const NicSlot& slot : slots) {
     if (!slot.is_used) overlay.devices.remove_child(slot.element);
   }
   for (std::size_t i = 0; i < matched.size(); ++i) {

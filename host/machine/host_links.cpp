@@ -9,8 +9,6 @@
 namespace vexa::services {
 namespace {
 
-constexpr int kMaxStack = 8;  // a VLAN on a bridge on a bond on …
-
 bool ReachesOthers(const InterfaceAddress& address) {
   const auto begins = [&](std::string_view prefix) { return address.ip.starts_with(prefix); };
   return !address.ip.empty() && address.ip != "::1" && !begins("127.") && !begins("169.254.") && !begins("fe80:");

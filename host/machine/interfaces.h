@@ -10,6 +10,9 @@
 
 namespace vexa::services {
 
+// How many interfaces can be on top of each other: a VLAN on a bridge on a bond on …
+inline constexpr int kMaxStack = 8;
+
 struct Interface {
   std::string name;
   std::string type;    // "ethernet", "wificlient", "bond", "bridge", "vlan", "loopback", "virtual"

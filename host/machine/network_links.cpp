@@ -17,14 +17,14 @@
 #include <utility>
 
 #include "host/base/files.h"
+#include "host/machine/interfaces.h"
 
 namespace vexa::guests {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kMaxStack = 8;  // a VLAN on a bridge on a bond on …
-constexpr std::size_t kMaxInterfaces = 4096;
+constexpr std::size_t kMaxLinks = 4096;
 constexpr std::size_t kMaxAttribute = 4096;
 constexpr const char* kSwitchDriver = "openvswitch";
 constexpr const char* kSwitchPrefix = "ovs_";
@@ -52,7 +52,7 @@ std::vector<std::string> NamesIn(const std::string& folder) {
   std::vector<std::string> names;
   std::error_code error;
   for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
-    if (names.size() == kMaxInterfaces) break;
+    if (names.size() == kMaxLinks) break;
     names.push_back(entry->path().filename().string());
   }
   std::ranges::sort(names);

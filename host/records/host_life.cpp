@@ -16,7 +16,6 @@
 namespace vexa::cluster {
 namespace {
 
-namespace states = VexaCCC::State;
 using std::chrono::system_clock;
 
 // The last second that the clock, which counts nanoseconds, can represent.
@@ -53,8 +52,8 @@ bool WasDatabaseLost(const Environment& environment) {
 
 // Whether the guest is running on its host, or has something waiting there.
 bool IsHeldByItsHost(std::string_view state) {
-  return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == states::Guest::freeze ||
-         state == states::Guest::saved;
+  return VexaCCC::Utils::IsGuestStateOnline(std::string(state)) || state == VexaCCC::State::Guest::freeze ||
+         state == VexaCCC::State::Guest::saved;
 }
 
 }  // namespace
@@ -82,14 +81,14 @@ Result<HostLife> LifeOf(const std::string& host_id) {
   if (life.is_gone) return life;
   const Result<Record> record = ReadIntact(HostKey(host_id, keys::object));
   if (!record) return record.error();
-  life.is_gone = *record && json::TextMember(**record, keys::state) == states::Host::inaccessible;
+  life.is_gone = *record && json::TextMember(**record, keys::state) == VexaCCC::State::Host::inaccessible;
   return life;
 }
 
 Result<std::optional<std::string_view>> HostStateNow(const std::string& host_id) {
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
-  return life->is_gone ? std::optional<std::string_view>(states::Host::inaccessible) : std::nullopt;
+  return life->is_gone ? std::optional<std::string_view>(VexaCCC::State::Host::inaccessible) : std::nullopt;
 }
 
 Result<std::optional<std::string_view>> RepositoryStateNow(const Json::Value& record) {
@@ -97,7 +96,7 @@ Result<std::optional<std::string_view>> RepositoryStateNow(const Json::Value& re
   if (host_id.empty()) return std::optional<std::string_view>();
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
-  return life->is_gone ? std::optional<std::string_view>(states::Repo::inaccessible) : std::nullopt;
+  return life->is_gone ? std::optional<std::string_view>(VexaCCC::State::Repo::inaccessible) : std::nullopt;
 }
 
 Result<std::optional<std::string_view>> GuestStateNow(const Json::Value& record, std::string_view state) {
@@ -106,7 +105,7 @@ Result<std::optional<std::string_view>> GuestStateNow(const Json::Value& record,
   if (host_id.empty()) return std::optional<std::string_view>();
   const Result<HostLife> life = LifeOf(host_id);
   if (!life) return life.error();
-  return life->is_gone ? std::optional<std::string_view>(states::Guest::inaccessible) : std::nullopt;
+  return life->is_gone ? std::optional<std::string_view>(VexaCCC::State::Guest::inaccessible) : std::nullopt;
 }
 
 }  // namespace vexa::cluster

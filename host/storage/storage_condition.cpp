@@ -25,8 +25,6 @@ constexpr unsigned kHeadroomBack = 5;  // percent above the headroom
 constexpr unsigned kAll = 100;
 constexpr std::uint64_t kGib = std::uint64_t{1} << 30;
 
-std::string Quoted(const std::string& path) { return "'" + cluster::ShownPath(path) + "'"; }
-
 // Reads one entry; a file system that was shut down or lost its device refuses that. 0, or an errno(3) value.
 int ReadEntry(int folder) {
   const int own = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -94,7 +92,7 @@ bool ExceedsLimit(const FolderCondition& condition, unsigned percent, const Spac
 
 std::optional<StorageTrouble> TroubleOf(const FolderCondition& condition, const SpaceLimits& limits,
                                         std::string_view before) {
-  const std::string folder = Quoted(condition.folder);
+  const std::string folder = cluster::QuotedPath(condition.folder);
   const auto trouble = [&](const char* state, std::string reason) {
     StorageTrouble found;
     found.folders = {condition.folder};

@@ -24,8 +24,6 @@ constexpr std::string_view kFileSystem = " fsid=";
 constexpr std::string_view kBorn = " born=";
 constexpr std::size_t kNanosecondDigits = 9;
 
-std::string Quoted(const std::string& path) { return "'" + cluster::ShownPath(path) + "'"; }
-
 bool IsRoot(std::string_view folder) { return folder.ends_with('/'); }
 
 // O_PATH: search permission is enough, and O_DIRECTORY makes automount(8) mount what it passes.
@@ -124,13 +122,14 @@ struct FolderLook {
 };
 
 FolderLook NotThere(const std::string& folder, int error_number) {
-  if (error_number == ENOENT) return {FolderLook::Is::kMissing, "", "there is no folder " + Quoted(folder), ENOENT};
+  if (error_number == ENOENT)
+    return {FolderLook::Is::kMissing, "", "there is no folder " + cluster::QuotedPath(folder), ENOENT};
   // A symbolic link in place of a folder causes one of these.
   if (error_number == ENOTDIR || error_number == ELOOP) {
-    return {FolderLook::Is::kUnknown, "", Quoted(folder) + " is not a folder", error_number};
+    return {FolderLook::Is::kUnknown, "", cluster::QuotedPath(folder) + " is not a folder", error_number};
   }
-  const Error error =
-      SystemError(ErrorCode::kInternal, "the folder " + Quoted(folder) + " cannot be looked at", error_number);
+  const Error error = SystemError(ErrorCode::kInternal,
+                                  "the folder " + cluster::QuotedPath(folder) + " cannot be looked at", error_number);
   return {FolderLook::Is::kUnknown, "", error.ToString(), error_number};
 }
 
@@ -142,8 +141,8 @@ FolderLook LookAt(const std::string& folder, const Way& way) {
     const bool is_automount = ::fstatfs(at.get(), &file_system) == 0 && file_system.f_type == AUTOFS_SUPER_MAGIC;
     at = OpenFolder(at, name);
     if (at.get() < 0 && errno == ENOENT && is_automount) {
-      return {FolderLook::Is::kUnknown, "", "there is no folder " + Quoted(folder) + ", which is mounted on demand",
-              ENOENT};
+      return {FolderLook::Is::kUnknown, "",
+              "there is no folder " + cluster::QuotedPath(folder) + ", which is mounted on demand", ENOENT};
     }
   }
   if (at.get() < 0) return NotThere(folder, errno);
@@ -227,7 +226,8 @@ Trail PartOf(const Trail& known, const std::vector<std::string>& roots, std::str
 
 Result<TrailLook> LookAlong(const std::vector<std::string>& roots, const std::string& path) {
   const std::vector<std::string> folders = TrailFolders(roots, path);
-  if (folders.empty()) return Error(ErrorCode::kInvalid, Quoted(path) + " lies outside of the folders of images");
+  if (folders.empty())
+    return Error(ErrorCode::kInvalid, cluster::QuotedPath(path) + " lies outside of the folders of images");
   TrailLook look;
   Descriptor at(-1);
   for (const std::string& folder : folders) {
@@ -269,12 +269,15 @@ TrailCheck CheckTrail(const Trail& trail) {
   TrailCheck gone;
   for (const auto& [folder, identity] : trail) {
     const std::optional<Way> way = WayTo(trail, folder);
-    if (!way) return {Outcome::kNotMounted, {folder}, Quoted(folder) + " is not the path of a folder that is known"};
+    if (!way)
+      return {
+          Outcome::kNotMounted, {folder}, cluster::QuotedPath(folder) + " is not the path of a folder that is known"};
     const FolderLook look = LookAt(folder, *way);
     if (look.is == Is::kThere && IsSameFolder(identity, look.identity)) continue;
     if (look.is == Is::kThere) {
-      return {
-          Outcome::kNotMounted, {folder}, "the folder " + Quoted(folder) + " is not the folder that holds its disks"};
+      return {Outcome::kNotMounted,
+              {folder},
+              "the folder " + cluster::QuotedPath(folder) + " is not the folder that holds its disks"};
     }
     // Folders follow the folders that contain them, which are therefore unchanged, or missing themselves.
     if (look.is == Is::kUnknown || !HasParent(trail, folder)) {

@@ -1,4 +1,4 @@
-// The embedded store between processes: several at once, killed ones, and full disks.
+// The embedded store between processes: several at the same time, killed ones, and full disks.
 
 #include <signal.h>
 

@@ -19,7 +19,6 @@ namespace {
 
 using webapi::Call;
 
-constexpr int kNotPermitted = 409;
 constexpr int kUserBusy = 912;
 constexpr int kUserFailed = 901;
 constexpr int kTimeoutS = 3600;
@@ -73,7 +72,7 @@ void Log(const std::string& user, Deed deed, bool is_done, const std::string& na
 void Do(const Call& call, Deed deed) {
   const auto guest_id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (guest_id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  if (!VexaVirtualization::IsGuestPermitted(call.request, guest_id.Get())) return Fail(call, kNotPermitted);
+  if (!VexaVirtualization::IsGuestPermitted(call.request, guest_id.Get())) return Fail(call, kErrorNotPermitted);
   std::string host_id;
   if (vgConfHostGet(guest_id.Get(), host_id) != 0) return Fail(call, kErrorUnreadable);
   std::string name;
@@ -93,8 +92,8 @@ webapi::ApiRow Row(Deed deed, webapi::Access access, std::string_view summary) {
           .handler = WithGoneHostReason([deed](const Call& call) { Do(call, deed); }, NeededHost::kHolderOrNamed),
           .summary = summary,
           .parameters = {Text("guest_id", "The guest's id, a UUID.")},
-          .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted, kUserFailed, guests::kRunsAlready,
-                     guests::kNotRunning, kUserBusy, guests::kUnavailable}};
+          .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kErrorNotPermitted, kUserFailed,
+                     guests::kRunsAlready, guests::kNotRunning, kUserBusy, guests::kUnavailable}};
 }
 
 }  // namespace

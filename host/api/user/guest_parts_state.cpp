@@ -14,11 +14,6 @@ namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 std::string StoredState(const DashCate& category, const std::string& id) {
   std::string state;
   return Dashboard(category, id).Get(state, keys::state) == 0 ? state : std::string();
@@ -27,7 +22,7 @@ std::string StoredState(const DashCate& category, const std::string& id) {
 Json::Value StateOfDisk(const std::string& id, const std::string& guests_repository) {
   Json::Value record;
   const bool is_readable = Dashboard(DashCate::vDisk, id).Get(record, keys::object) == 0;
-  std::string repository = TextMember(record, keys::repository_id);
+  std::string repository = json::TextMember(record, keys::repository_id);
   if (repository.empty()) repository = guests_repository;
   const std::string state = is_readable ? guests::ShownDiskState(StoredState(DashCate::Repository, repository),
                                                                  StoredState(DashCate::vDisk, id))
@@ -36,7 +31,7 @@ Json::Value StateOfDisk(const std::string& id, const std::string& guests_reposit
   VexaVirtualization::GetStateType(VexaVirtualization::STATE_CATE_VDISK, state, shown);
   Json::Value disk(Json::objectValue);
   disk["vdisk_id"] = id;
-  disk["name"] = TextMember(record, keys::name);
+  disk["name"] = json::TextMember(record, keys::name);
   disk["status"] = shown.state;
   disk["status_type"] = shown.type;
   return disk;
@@ -45,7 +40,7 @@ Json::Value StateOfDisk(const std::string& id, const std::string& guests_reposit
 }  // namespace
 
 Json::Value DiskStatesOf(const Json::Value& guest) {
-  const std::string repository = TextMember(guest, keys::repository_id);
+  const std::string repository = json::TextMember(guest, keys::repository_id);
   Json::Value disks(Json::arrayValue);
   for (const Json::Value& id : json::Elements(json::Member(guest, keys::vdisks))) {
     disks.append(StateOfDisk(id.isString() ? json::String(id) : std::string(), repository));
@@ -55,7 +50,7 @@ Json::Value DiskStatesOf(const Json::Value& guest) {
 
 Json::Value ShutdownOf(const std::string& guest_id, const Json::Value& guest) {
   namespace states = VexaCCC::State::Guest;
-  const std::string state = TextMember(guest, keys::state);
+  const std::string state = json::TextMember(guest, keys::state);
   if (state != states::shutdown && state != states::crashed) return {};
   const auto reason = cluster::ReadShutdown(guest_id);
   if (!reason || !*reason) return {};

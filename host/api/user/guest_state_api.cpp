@@ -25,8 +25,6 @@ using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 using webapi::Call;
 
-constexpr int kNotPermitted = 409;
-
 // The guests that the caller may see; not set: all. False: unknown.
 bool FindPermitted(const Call& call, std::optional<std::set<std::string>>& permitted) {
   if (call.request->IsAdmin()) return true;
@@ -84,7 +82,7 @@ Json::Value HaOf(const Json::Value& guest) {
 void Status(GuestStates& states, const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kNotPermitted);
+  if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kErrorNotPermitted);
   cluster::RequestScope::ReleaseSnapshot();  // while it waits for links
   const std::shared_ptr<const GuestLinks> links = states.links().Get();
   Json::Value record;
@@ -124,7 +122,7 @@ std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states) {
        .summary = "One guest's state now, with severity, reason and age, those of its disks, why it is off, and its "
                   "high availability.",
        .parameters = {Text("guest_id", "The guest's id, a UUID.")},
-       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
+       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kErrorNotPermitted}}};
 }
 
 }  // namespace vexa::services

@@ -72,10 +72,9 @@ void HostGet(const Call& call) {
 }
 
 void GuestInfo(const Call& call) {
-  constexpr int kNotPermitted = 409;
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kNotPermitted);
+  if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kErrorNotPermitted);
   Json::Value record;
   if (Dashboard(DashCate::Guest, id.Get()).Get(record, keys::object) != 0) return Fail(call, kErrorUnreadable);
   Json::Value info(Json::objectValue);

@@ -57,7 +57,7 @@ Json::Value Describe(const std::string& id, const std::string& version_state) {
   return host;
 }
 
-void List(const Call& call) {
+void ListHosts(const Call& call) {
   std::vector<std::string> ids;
   if (DashCate::Host.List(ids) != 0) return Fail(call, kErrorUnreadable);
   std::map<std::string, std::string> versions;
@@ -89,7 +89,7 @@ std::vector<webapi::ApiRow> HostListRows() {
            .version = 1,
            .access = webapi::Access::kUser,
            .lane = webapi::LaneKind::kQuick,
-           .handler = List,
+           .handler = ListHosts,
            .summary = "The hosts of the cluster: id, name, state, version state, and displayed state.",
            .parameters = {},
            .errors = {kErrorUnreadable}}};

@@ -21,7 +21,6 @@ namespace json = VexaVirtualization::json;
 using cluster::LogEntry;
 using webapi::Call;
 
-constexpr int kNotPermitted = 409;
 constexpr int kDefaultPage = 100;
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
@@ -86,8 +85,8 @@ int CodeOf(const Error& error) {
   return error.code() == ErrorCode::kInvalid ? webapi::kErrorBadParameter : kErrorUnreadable;
 }
 
-void List(const Call& call) {
-  if (!VexaVirtualization::IsAdminOrAdvancedUser(call.request)) return Fail(call, kNotPermitted);
+void ListEntries(const Call& call) {
+  if (!VexaVirtualization::IsAdminOrAdvancedUser(call.request)) return Fail(call, kErrorNotPermitted);
   const auto cursor = call.request->GetAndCheckString("cursor", kOptional);
   const auto limit = call.request->GetAndCheckInt(
       "limit", kOptional, [](const int& n) { return n >= 1 && n <= static_cast<int>(cluster::kMaxLogPage); });
@@ -116,7 +115,7 @@ std::vector<webapi::ApiRow> LogRows() {
        .version = 1,
        .access = webapi::Access::kUser,
        .lane = webapi::LaneKind::kQuick,
-       .handler = List,
+       .handler = ListEntries,
        .summary =
            "The cluster log, newest entries first; \"next\" is the cursor of older ones, empty when there are "
            "none. With \"after\": the entries after that time, oldest first. For administrators and advanced users.",
@@ -125,7 +124,7 @@ std::vector<webapi::ApiRow> LogRows() {
                        "How many entries at most, 1 to 1000; 100 without it."},
                       {"after", ParameterType::kInteger, Necessity::kOptional,
                        "Microseconds since 1970, a \"time_us\": only later entries. Not together with a cursor."}},
-       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kNotPermitted}}};
+       .errors = {webapi::kErrorBadParameter, kErrorUnreadable, kErrorNotPermitted}}};
 }
 
 }  // namespace vexa::services

@@ -26,15 +26,10 @@ std::string ReadText(const std::string& guest_id, const char* key) {
   return text;
 }
 
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
 std::string HostOfRepository(const std::string& repository_id) {
   if (repository_id.empty()) return {};
   const Result<cluster::Record> record = cluster::ReadObject(DashCate::Repository.name(), repository_id);
-  return record ? TextMember(**record, keys::host_id) : std::string();
+  return record ? json::TextMember(**record, keys::host_id) : std::string();
 }
 
 Links MeaningOf(const std::optional<int>& bits) {

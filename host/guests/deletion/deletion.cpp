@@ -9,11 +9,11 @@
 #include "host/guests/deletion/leftovers.h"
 #include "host/guests/jobs/begun_jobs.h"
 #include "host/guests/jobs/deletion_record.h"
+#include "host/guests/jobs/job_record.h"
 
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
 
 ResumeJob ResumeDeletion(const DeletionOptions& options) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/base/log_text.h"
+#include "host/guests/jobs/job_record.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 
@@ -13,7 +14,6 @@ namespace {
 
 constexpr std::size_t kMaxNotes = 256;
 constexpr std::size_t kShownNote = 1024;
-constexpr std::size_t kShownId = 64;
 
 }  // namespace
 

@@ -5,6 +5,7 @@
 #include "host/base/json_parse.h"
 #include "host/base/log_text.h"
 #include "host/disks/disk_users.h"
+#include "host/guests/jobs/job_record.h"
 #include "host/records/keys.h"
 #include "host/records/live_state.h"
 #include "host/records/object_edit.h"
@@ -20,9 +21,6 @@ namespace {
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
-
-constexpr char kPath[] = "path";
-constexpr std::size_t kShownId = 64;
 
 bool IsText(const Json::Value& value, const std::string& text) {
   return value.isString() && json::String(value) == text;
@@ -44,7 +42,7 @@ void RemoveLiveState(const std::string& guest_id, DeletionPlan& plan) {
 }
 
 void TakePath(const Json::Value& disk, std::size_t index, DeletionPlan& plan) {
-  const Json::Value& path = json::Member(disk, kPath);
+  const Json::Value& path = json::Member(disk, kDiskPath);
   if (path.isString() && !json::String(path).empty()) {
     plan.files.push_back({index, json::String(path)});
   } else if (!path.isNull() && !path.isString()) {

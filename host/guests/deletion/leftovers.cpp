@@ -6,13 +6,13 @@
 #include "host/guests/deletion/deletion_plan.h"
 #include "host/guests/jobs/deletion_record.h"
 #include "host/guests/jobs/file_job.h"
+#include "host/guests/jobs/job_record.h"
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
 
 void LogNote(const std::string& guest_id, const std::string& sentence) {

@@ -4,7 +4,9 @@
 #include <set>
 
 #include "host/base/log_text.h"
+#include "host/disks/disk_users.h"
 #include "host/guests/edit/edit_plan.h"
+#include "host/guests/edit/edit_request.h"
 #include "host/guests/jobs/file_intent.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -16,29 +18,20 @@ namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
 using hypervisor::ImageFormat;
 
-constexpr char kPath[] = "path";
 constexpr char kDriver[] = "driver";
 constexpr int kTypeRaw = 1;
 constexpr int kTypeQcow2 = 2;
 constexpr int kShownFormat = 2;  // for all disks that users see
-constexpr std::size_t kShown = 128;
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
-std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
 
 ImageFormat FormatOf(const Json::Value& disk) {
-  const std::string driver = TextMember(disk, kDriver);
+  const std::string driver = json::TextMember(disk, kDriver);
   const bool is_qcow2 = driver.empty() ? json::Int(json::Member(disk, keys::type)) == kTypeQcow2 : driver == "qcow2";
   return is_qcow2 ? ImageFormat::kQcow2 : ImageFormat::kRaw;
 }
 
 EditedPart* Find(EditedGuest& edited, const std::string& id) {
   const auto found = std::ranges::find(edited.disks, id, &EditedPart::id);
-  const bool is_own = found != edited.disks.end() && TextMember(found->before, keys::guest_id) == edited.id;
+  const bool is_own = found != edited.disks.end() && json::TextMember(found->before, keys::guest_id) == edited.id;
   if (is_own) return &*found;
   edited.Refuse(kBadDisk, "The guest has no disk " + Shown(id));
   return nullptr;
@@ -48,7 +41,7 @@ void Remove(EditedGuest& edited, const std::string& id) {
   EditedPart* const disk = Find(edited, id);
   if (!disk) return;
   if (edited.is_running) return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(id) + " stays");
-  const std::string path = TextMember(disk->before, kPath);
+  const std::string path = json::TextMember(disk->before, kDiskPath);
   if (!path.empty()) edited.plan.files.removed.push_back({disk->index, path});
   edited.plan.files.removed_disks.insert(id);
   edited.removed_disks.push_back(id);
@@ -59,7 +52,7 @@ void Remove(EditedGuest& edited, const std::string& id) {
 std::string FreeTarget(const EditedGuest& edited, Json::Int64 mode) {
   constexpr const char* kPrefixes[] = {"vd", "hd", "sd", "sd"};
   std::set<std::string> taken;
-  for (const EditedPart& disk : edited.disks) taken.insert(TextMember(disk.stored.record, keys::name));
+  for (const EditedPart& disk : edited.disks) taken.insert(json::TextMember(disk.stored.record, keys::name));
   const std::string prefix = kPrefixes[mode - 1];
   for (std::size_t index = 0;; ++index) {
     std::string letters;
@@ -79,7 +72,7 @@ void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
   }
   if (edited.is_running)
     return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(disk.id) + " keeps its size");
-  const std::optional<std::string> path = NormalPath(TextMember(disk.before, kPath));
+  const std::optional<std::string> path = NormalPath(json::TextMember(disk.before, kDiskPath));
   if (!path) return edited.Refuse(kBadDisk, where + " has no file that could grow");
   edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
@@ -135,7 +128,7 @@ void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
   record[kDriver] = is_raw ? "raw" : "qcow2";
   record[keys::type] = is_raw ? kTypeRaw : kTypeQcow2;
   record[keys::unmap] = addition.unmap;
-  record[kPath] = path;
+  record[kDiskPath] = path;
   record[keys::vdisk_mode] = addition.mode;
   record[keys::format] = kShownFormat;
   record[keys::is_dummy] = false;

@@ -7,12 +7,12 @@
 
 #include "host/base/log_text.h"
 #include "host/disks/disk_users.h"
+#include "host/guests/jobs/job_record.h"
 #include "host/records/object_edit.h"
 
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownNote = 1024;
 constexpr std::size_t kMaxNotes = 64;
 

@@ -7,6 +7,7 @@
 #include "host/cluster/mac_address.h"
 #include "host/domain_xml/domain_xml.h"
 #include "host/guests/edit/edit_plan.h"
+#include "host/guests/edit/edit_request.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -20,14 +21,6 @@ using VexaCCC::DB::DashCate;
 
 constexpr char kNetworkName[] = "network_name";
 constexpr char kNetworkCategory[] = "network";
-constexpr std::size_t kShown = 128;
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
-
-std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
 
 std::string Lower(std::string text) {
   std::ranges::transform(text, text.begin(),
@@ -45,8 +38,8 @@ Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::str
             value.text.find(network_id) != std::string_view::npos || value.text.find('\\') != std::string_view::npos;
         if (!may_be) return true;
         const Result<Json::Value> record = ParseJson(value.text);
-        if (record && TextMember(*record, keys::network_group_id) == network_id)
-          name = TextMember(*record, kNetworkName);
+        if (record && json::TextMember(*record, keys::network_group_id) == network_id)
+          name = json::TextMember(*record, kNetworkName);
         return name.empty();
       });
   if (!scanned) return scanned.error();
@@ -64,7 +57,7 @@ Result<std::optional<std::string>> NetworkName(const store::Snapshot& snapshot, 
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
   if (!record) return std::optional<std::string>();
   for (const char* member : {keys::bridge_name, keys::name}) {
-    std::string text = TextMember(record->record, member);
+    std::string text = json::TextMember(record->record, member);
     if (!text.empty()) return std::optional(std::move(text));
   }
   return std::optional<std::string>();
@@ -92,7 +85,7 @@ Status SetMac(EditedGuest& edited, Json::Value& nic, const std::string& mac) {
 
 EditedPart* Find(EditedGuest& edited, const std::string& id) {
   const auto found = std::ranges::find(edited.nics, id, &EditedPart::id);
-  const bool is_own = found != edited.nics.end() && TextMember(found->before, keys::guest_id) == edited.id;
+  const bool is_own = found != edited.nics.end() && json::TextMember(found->before, keys::guest_id) == edited.id;
   if (is_own) return &*found;
   edited.Refuse(kBadNic, "The guest has no network interface " + Shown(id));
   return nullptr;
@@ -102,10 +95,10 @@ Status Change(EditedGuest& edited, const NicChange& change) {
   EditedPart* const nic = Find(edited, change.id);
   if (!nic) return {};
   Json::Value& record = nic->stored.record;
-  if (change.network_id && *change.network_id != TextMember(record, keys::network_group_id)) {
+  if (change.network_id && *change.network_id != json::TextMember(record, keys::network_group_id)) {
     if (Status set = SetNetwork(edited, record, *change.network_id); !set) return set;
   }
-  if (change.mac && *change.mac != Lower(TextMember(record, keys::mac_address))) {
+  if (change.mac && *change.mac != Lower(json::TextMember(record, keys::mac_address))) {
     if (Status set = SetMac(edited, record, *change.mac); !set) return set;
   }
   if (change.type) record[keys::vnic_type] = *change.type;
@@ -135,7 +128,7 @@ void CheckAll(EditedGuest& edited) {
   }
   for (const std::string& mac : edited.taken_macs) {
     const auto users = std::ranges::count_if(edited.nics, [&](const EditedPart& nic) {
-      return Lower(TextMember(nic.stored.record, keys::mac_address)) == mac;
+      return Lower(json::TextMember(nic.stored.record, keys::mac_address)) == mac;
     });
     if (users > 1) edited.Refuse(kBadNic, "Two network interfaces of the guest would have the address '" + mac + "'");
   }

@@ -28,15 +28,9 @@ namespace states = VexaCCC::State::Guest;
 using VexaCCC::DB::DashCate;
 
 constexpr std::size_t kMaxParts = 1024;
-constexpr std::size_t kShown = 256;
-constexpr char kUnmounted[] = "unmounted";
+constexpr std::size_t kMaxQuoted = 256;
 
-std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
-
-std::string TextMember(const Json::Value& record, const char* name) {
-  const Json::Value& member = json::Member(record, name);
-  return member.isString() ? json::String(member) : std::string();
-}
+std::string Quoted(const std::string& text) { return "'" + cluster::LogText(text, kMaxQuoted) + "'"; }
 
 std::string PartKey(const DashCate& category, const std::string& id) {
   return store::MakeKey({"dash", category.name(), id, keys::object});
@@ -57,7 +51,7 @@ Status LoadParts(EditedGuest& edited, const char* name, const DashCate& category
     if (!stored && stored.error().code() != ErrorCode::kCorrupt) return stored.error();
     if (!stored || stored->revision == 0) {
       edited.Refuse(kUnreadable, "There is no readable record of the guest's " + std::string(category.name()) + " " +
-                                     Shown(json::String(id)));
+                                     Quoted(json::String(id)));
       break;
     }
     Json::Value before = stored->record;
@@ -81,7 +75,7 @@ Status LoadCondition(EditedGuest& edited) {
   edited.plan.transaction.compares.push_back({DeletionKey(edited.id), 0});
   const auto value = edited.snapshot.Get(store::MakeKey({"dash", DashCate::Guest.name(), edited.id, keys::state}));
   if (!value) return value.error();
-  std::string state = TextMember(edited.before, keys::state);
+  std::string state = json::TextMember(edited.before, keys::state);
   if (value->has_value()) {
     const Result<Json::Value> parsed = ParseJson((*value)->text);
     if (parsed && parsed->isString()) state = json::String(*parsed);
@@ -101,7 +95,7 @@ Status Load(EditedGuest& edited) {
   edited.before = edited.guest.record;
   if (Status loaded = LoadParts(edited, keys::vdisks, DashCate::vDisk, edited.disks); !loaded) return loaded;
   if (Status loaded = LoadParts(edited, keys::vnics, DashCate::vNic, edited.nics); !loaded) return loaded;
-  edited.repository_id = TextMember(edited.before, keys::repository_id);
+  edited.repository_id = json::TextMember(edited.before, keys::repository_id);
   Result<std::string> host_id = RepositoryHost(edited.snapshot, edited.before);
   if (!host_id) return host_id.error();
   edited.repository_host_id = std::move(*host_id);
@@ -109,8 +103,8 @@ Status Load(EditedGuest& edited) {
 }
 
 Status EditName(EditedGuest& edited) {
-  const std::string name = TextMember(edited.request.members, keys::name);
-  if (name.empty() || name == TextMember(edited.before, keys::name)) return {};
+  const std::string name = json::TextMember(edited.request.members, keys::name);
+  if (name.empty() || name == json::TextMember(edited.before, keys::name)) return {};
   const auto turn = edited.snapshot.Get(RenamesKey());
   if (!turn) return turn.error();
   edited.plan.transaction.compares.push_back({RenamesKey(), *turn ? (*turn)->revision : 0});
@@ -119,7 +113,7 @@ Status EditName(EditedGuest& edited) {
   cluster::RequestScope::ReleaseSnapshot();
   const int conflict = VexaCCC::Utils::CheckNameConflict(name, DashCate::Guest);
   if (conflict < 0) return Error(ErrorCode::kInternal, "It cannot be told whether the name is taken");
-  if (conflict > 0) edited.Refuse(kNameTaken, "Another guest has the name " + Shown(name));
+  if (conflict > 0) edited.Refuse(kNameTaken, "Another guest has the name " + Quoted(name));
   return {};
 }
 
@@ -132,7 +126,7 @@ Result<std::string> ImagePath(EditedGuest& edited, const std::string& image) {
   if (!record) return std::string();
   // An absent record may have an invalid key, which a commit could not compare.
   if (record->revision != 0) edited.plan.transaction.compares.push_back({key, record->revision});
-  return NormalPath(TextMember(record->record, "path")).value_or("");
+  return NormalPath(json::TextMember(record->record, "path")).value_or("");
 }
 
 // Images that stay in a drive are not checked: they may be known to be missing.
@@ -146,8 +140,8 @@ Status CheckImages(EditedGuest& edited) {
     if (!path) return path.error();
     const auto fact = path->empty() ? FileFacts::Image::kMissing : edited.facts.ImageAt(*path);
     if (!fact) continue;
-    if (*fact == FileFacts::Image::kMissing) edited.Refuse(kNoImage, "There is no image " + Shown(name));
-    if (*fact == FileFacts::Image::kDisk) edited.Refuse(kNoImage, Shown(*path) + " is a disk of a guest");
+    if (*fact == FileFacts::Image::kMissing) edited.Refuse(kNoImage, "There is no image " + Quoted(name));
+    if (*fact == FileFacts::Image::kDisk) edited.Refuse(kNoImage, Quoted(*path) + " is a disk of a guest");
   }
   return {};
 }
@@ -193,7 +187,7 @@ Result<std::string> Build(const hypervisor::GuestRecords& records) {
   hypervisor::BuildOptions options;
   options.domain_type = "test";
   // Any network name will do: whether the network exists is checked when the guest starts.
-  for (const auto& [id, nic] : records.nics) options.libvirt_networks.insert(TextMember(nic, "network_name"));
+  for (const auto& [id, nic] : records.nics) options.libvirt_networks.insert(json::TextMember(nic, "network_name"));
   options.image_path = [](const std::string& image) -> Result<std::string> {
     return image.starts_with('/') ? image : "/image/" + image;
   };
@@ -213,7 +207,7 @@ void CheckPins(EditedGuest& edited) {
   if (!edited.is_running || !changes || !edited.options.rate_pins) return;
   Guest guest;
   guest.records = RecordsOf(edited, Version::kAfter);
-  guest.host_id = TextMember(record, keys::host_id);
+  guest.host_id = json::TextMember(record, keys::host_id);
   guest.repository_id = edited.repository_id;
   guest.repository_host_id = edited.repository_host_id;
   const std::optional<Refused> rated = edited.facts.Pins(guest);

@@ -19,8 +19,7 @@ namespace keys = VexaCCC::DB::_k;
 using hypervisor::ImageFormat;
 
 constexpr std::size_t kMaxListed = 1024;
-constexpr std::size_t kShown = 128;
-constexpr char kUnmounted[] = "unmounted";
+constexpr std::size_t kMaxShown = 128;
 
 struct NumberRow {
   const char* name;
@@ -207,7 +206,7 @@ class Reader {
       if (!element.isString()) return RefuseType(where, "a text");
       const std::string device = json::String(element);
       const std::string plain = UsbDevice(device);
-      const std::string shown = cluster::LogText(device, kShown);
+      const std::string shown = cluster::LogText(device, kMaxShown);
       if (device != kUnmounted && plain.empty()) {
         return Refuse(kBadUsb, where, "is '" + shown + "': give '1234:00ab', '3.14' or 'unmounted'");
       }
@@ -294,5 +293,7 @@ class Reader {
 }  // namespace
 
 std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit) { return Reader(edit).Read(); }
+
+std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kMaxShown) + "'"; }
 
 }  // namespace vexa::guests

@@ -14,6 +14,8 @@
 
 namespace vexa::guests {
 
+inline constexpr char kUnmounted[] = "unmounted";  // an empty drive or USB port
+
 inline constexpr std::size_t kMaxIsoImages = 2;
 inline constexpr std::size_t kMaxUsbDevices = 4;
 
@@ -65,5 +67,8 @@ struct EditRequest {
 // `edit` has the parameters of the method "set" (docs/guests.md); others are ignored. Refusals: 401 (a type, a range, a
 // text), 932 and 938 (too many images or devices), 936 (an invalid device), each with the parameter.
 std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit);
+
+// At most 128 bytes of a text from a request, in quotes, for sentences.
+std::string Shown(const std::string& text);
 
 }  // namespace vexa::guests

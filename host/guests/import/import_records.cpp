@@ -15,11 +15,6 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-std::string TextMember(const Json::Value& record, const char* member) {
-  const Json::Value& value = json::Member(record, member);
-  return value.isString() ? json::String(value) : "";
-}
-
 // The guest's own disks and network interfaces. Its lists can also name parts of another guest, which keeps them.
 Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const std::string& id,
                                           const Json::Value& record) {
@@ -32,7 +27,7 @@ Result<std::vector<StoredPart>> ReadParts(const store::Snapshot& snapshot, const
       if (!value) return value.error();
       if (!value->has_value()) continue;
       const Result<Json::Value> part = ParseJson((*value)->text);
-      if (part && TextMember(*part, "guest_id") == id) parts.push_back({std::move(key), (*value)->revision});
+      if (part && json::TextMember(*part, "guest_id") == id) parts.push_back({std::move(key), (*value)->revision});
     }
   }
   return parts;
@@ -44,7 +39,7 @@ Status ReadState(const store::Snapshot& snapshot, const std::string& id, StoredG
   if (value->has_value()) stored.live_revision = (*value)->revision;
   if (stored.revision == 0) return {};
   if (!value->has_value()) {
-    stored.state = TextMember(stored.record, "state");
+    stored.state = json::TextMember(stored.record, "state");
     return {};
   }
   const Result<Json::Value> live = ParseJson((*value)->text);

@@ -5,12 +5,12 @@
 #include <optional>
 
 #include "host/base/log_text.h"
+#include "host/guests/jobs/job_record.h"
 #include "host/store/key.h"
 
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownReason = 1024;
 
 Result<std::optional<StoredJob>> ReadOne(const store::Store& store, const JobKind& kind, const std::string& guest_id) {

@@ -13,15 +13,14 @@ namespace {
 namespace json = VexaVirtualization::json;
 
 constexpr char kFiles[] = "files";
-constexpr char kRepositoryId[] = "repository_id";
 
-std::optional<FileIntent> ParseFiles(const Json::Value& record, const std::string& guest_id) {
+std::optional<FileIntent> ParseDeletionFiles(const Json::Value& record, const std::string& guest_id) {
   auto hidden = ParseHidden(json::Member(record, kFiles), guest_id);
   if (!hidden) return std::nullopt;
   return FileIntent{{}, std::move(*hidden), {}, {}, {}};
 }
 
-void PutFiles(const FileIntent& files, Json::Value& record) { record[kFiles] = HiddenJson(files.hidden); }
+void PutDeletionFiles(const FileIntent& files, Json::Value& record) { record[kFiles] = HiddenJson(files.hidden); }
 
 }  // namespace
 
@@ -29,8 +28,8 @@ constinit const JobKind kDeletionKind = {
     .key = DeletionKey,
     .folder = "deletion",
     .doing = "hiding",
-    .parse_files = ParseFiles,
-    .put_files = PutFiles,
+    .parse_files = ParseDeletionFiles,
+    .put_files = PutDeletionFiles,
     .title = "Deletion",
     .titles = "Deletions",
     .word = "deletion",

@@ -11,20 +11,20 @@ namespace {
 namespace json = VexaVirtualization::json;
 
 constexpr char kMade[] = "made";
-constexpr char kHidden[] = "hidden";
+constexpr char kHiddenFiles[] = "hidden";
 constexpr char kGrown[] = "grown";
 
-std::optional<FileIntent> ParseFiles(const Json::Value& record, const std::string& guest_id) {
+std::optional<FileIntent> ParseEditFiles(const Json::Value& record, const std::string& guest_id) {
   auto made = ParseMade(json::Member(record, kMade));
-  auto hidden = ParseHidden(json::Member(record, kHidden), guest_id);
+  auto hidden = ParseHidden(json::Member(record, kHiddenFiles), guest_id);
   auto grown = ParseGrown(json::Member(record, kGrown));
   if (!made || !hidden || !grown) return std::nullopt;
   return FileIntent{std::move(*made), std::move(*hidden), std::move(*grown), {}, {}};
 }
 
-void PutFiles(const FileIntent& files, Json::Value& record) {
+void PutEditFiles(const FileIntent& files, Json::Value& record) {
   record[kMade] = MadeJson(files.made);
-  record[kHidden] = HiddenJson(files.hidden);
+  record[kHiddenFiles] = HiddenJson(files.hidden);
   record[kGrown] = GrownJson(files.grown);
 }
 
@@ -34,8 +34,8 @@ constinit const JobKind kEditKind = {
     .key = EditKey,
     .folder = "edit",
     .doing = "doing",
-    .parse_files = ParseFiles,
-    .put_files = PutFiles,
+    .parse_files = ParseEditFiles,
+    .put_files = PutEditFiles,
     .title = "Edit",
     .titles = "Edits",
     .word = "edit",

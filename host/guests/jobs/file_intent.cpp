@@ -72,7 +72,7 @@ std::optional<std::string> ParseMadeFile(const Json::Value& value) {
 // The name is used in the file system, so it must be one that HiddenName returns for this guest.
 std::optional<HiddenFile> ParseHiddenFile(const Json::Value& value, const std::string& prefix) {
   std::optional<std::string> path = ParsePath(json::Member(value, kPath));
-  std::string hidden = Text(json::Member(value, kHidden));
+  std::string hidden = json::TextMember(value, kHidden);
   if (!path || !hidden.starts_with(prefix)) return std::nullopt;
   const std::string_view index = std::string_view(hidden).substr(prefix.size());
   const bool is_number = !index.empty() && std::ranges::all_of(index, [](char c) { return c >= '0' && c <= '9'; });

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/base/log_text.h"
+#include "host/guests/jobs/job_record.h"
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
 
@@ -12,7 +13,6 @@ namespace vexa::guests {
 namespace {
 
 constexpr std::size_t kStoredName = 256;
-constexpr std::size_t kShownId = 64;
 constexpr std::size_t kShownSentence = 1024;
 
 }  // namespace

@@ -19,28 +19,25 @@ constexpr char kUser[] = "user";
 constexpr char kRequestId[] = "request_id";
 constexpr char kSince[] = "since";
 constexpr char kStage[] = "stage";
-constexpr char kRepositoryId[] = "repository_id";
 constexpr char kStorage[] = "storage";
 constexpr char kPurging[] = "purging";
 constexpr std::size_t kShownName = 256;
-
-std::string Text(const Json::Value& value) { return value.isString() ? json::String(value) : std::string(); }
 
 std::optional<JobRecord> ParseRecord(const JobKind& kind, std::string_view text, const std::string& guest_id) {
   const Result<Json::Value> parsed = ParseJson(text);
   if (!parsed) return std::nullopt;
   JobRecord record;
-  record.host_id = Text(json::Member(*parsed, kHostId));
-  record.user = Text(json::Member(*parsed, kUser));
-  record.request_id = Text(json::Member(*parsed, kRequestId));
+  record.host_id = json::TextMember(*parsed, kHostId);
+  record.user = json::TextMember(*parsed, kUser);
+  record.request_id = json::TextMember(*parsed, kRequestId);
   record.since = StoredTime(json::Member(*parsed, kSince));
-  const std::string stage = Text(json::Member(*parsed, kStage));
+  const std::string stage = json::TextMember(*parsed, kStage);
   if (record.host_id.empty() || (stage != kind.doing && stage != kPurging)) return std::nullopt;
   record.stage = stage == kPurging ? JobStage::kPurging : JobStage::kDoing;
   std::optional<FileIntent> files = kind.parse_files(*parsed, guest_id);
   if (!files) return std::nullopt;
   record.files = std::move(*files);
-  record.files.repository_id = Text(json::Member(*parsed, kRepositoryId));
+  record.files.repository_id = json::TextMember(*parsed, kRepositoryId);
   record.files.storage = TrailFromJson(json::Member(*parsed, kStorage));
   return record;
 }

@@ -5,6 +5,7 @@
 #include <json/value.h>
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,9 @@
 #include "host/store/store.h"
 
 namespace vexa::guests {
+
+// How many bytes of an id or a name are shown in a log line.
+inline constexpr std::size_t kShownId = 64;
 
 enum class JobStage {
   kDoing,    // the files are being changed, and nothing else; undone after a failure
@@ -54,6 +58,8 @@ struct JobKind {
   const char* not_undone;     // that the undo failed; a reason follows
   const char* not_ended;      // that the record could not be removed at the end; a reason follows
 };
+
+inline constexpr char kRepositoryId[] = "repository_id";  // a member of records of jobs
 
 std::string JobText(const JobKind& kind, const JobRecord& record);
 
