@@ -29,10 +29,6 @@ Error NoUserWithUid(std::uint32_t uid) {
   return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
 }
 
-Error UnknownUid(std::uint32_t uid) {
-  return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
-}
-
 // For an account that was not found: the damaged record may be about it.
 Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
   return accounts.damage ? Unavailable(*accounts.damage) : std::move(error);

@@ -22,6 +22,7 @@
 namespace vexa::guests {
 namespace {
 
+using services::kMaxStack;
 namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxLinks = 4096;
