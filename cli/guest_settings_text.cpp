@@ -93,8 +93,8 @@ Json::Value SettingsOf(const Json::Value& guest) {
 std::string SettingsText(const std::string& title, const Json::Value& settings) {
   std::string text =
       "# " + Printable(title) +
-      "\n#\n# Lines that begin with '#' are comments. Change values, save and end the editor; settings that stay as\n"
-      "# they are, or are removed here, are not touched. With nothing changed nothing is sent.\n";
+      "\n#\n# Lines that begin with '#' are comments. Change values, save and exit the editor. Settings that are\n"
+      "# unchanged or removed here are not touched. If nothing is changed, nothing is sent.\n";
   for (const GuestSetting* setting : Settings()) {
     const bool is_there = settings.isMember(setting->name);
     text += std::string("\n# ") + setting->help + (is_there ? "" : "; not set") + "\n";

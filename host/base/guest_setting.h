@@ -18,6 +18,9 @@ enum class SettingType {
   kList,  // texts, or changes of parts that have records of their own
 };
 
+// What a text must be like.
+enum class TextForm { kOneOfWords, kGuestName, kDescription, kKeyboardLayout };
+
 // When a change counts for a guest that runs. Until then, the record's "pending" names it.
 enum class Applies { kImmediately, kAtNextStart };
 
@@ -49,13 +52,13 @@ struct GuestSetting {
   std::int64_t min = 0;  // of a number
   std::int64_t max = 0;
   Unit unit = Unit::kNone;
-  std::span<const std::string_view> words = {};         // of a text: the only ones it can be
-  bool (*is_valid)(const std::string& text) = nullptr;  // of any other text
-  const char* wanted = nullptr;                         // of a text: what a refusal asks for
-  const char* label = nullptr;                          // in "vexa guest get"; null: not shown there
-  const char* help = nullptr;                           // of "vexa guest set"; null: not a setting there
-  const char* for_users;                                // in the API's description
-  const char* for_hosts;                                // likewise; null: hosts do not take it
+  TextForm form = TextForm::kOneOfWords;         // of a text
+  std::span<const std::string_view> words = {};  // of kOneOfWords
+  const char* wanted = nullptr;                  // of a text: what a refusal asks for
+  const char* label = nullptr;                   // in "vexa guest get"; null: not shown there
+  const char* help = nullptr;                    // of "vexa guest set"; null: not a setting there
+  const char* for_users;                         // in the API's description
+  const char* for_hosts;                         // likewise; null: hosts do not take it
 
   // Whether it has one value that is stored.
   constexpr bool IsScalar() const {

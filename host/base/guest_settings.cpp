@@ -30,6 +30,24 @@ bool IsKeyboardLayout(const std::string& text) {
   return text.size() <= kMaxLayoutBytes && std::ranges::all_of(text, IsLayoutCharacter);
 }
 
+namespace {
+
+bool HasForm(const GuestSetting& setting, const std::string& text) {
+  switch (setting.form) {
+    case TextForm::kGuestName:
+      return IsGuestName(text);
+    case TextForm::kDescription:
+      return IsGuestDescription(text);
+    case TextForm::kKeyboardLayout:
+      return IsKeyboardLayout(text);
+    case TextForm::kOneOfWords:
+      break;
+  }
+  return std::ranges::find(setting.words, text) != setting.words.end();
+}
+
+}  // namespace
+
 const GuestSetting* FindGuestSetting(std::string_view name) {
   const auto* const found = std::ranges::find(kGuestSettings, name, &GuestSetting::name);
   return found == std::end(kGuestSettings) ? nullptr : found;
@@ -50,7 +68,7 @@ bool IsValidValue(const GuestSetting& setting, const Json::Value& value) {
     case SettingType::kText: {
       if (!value.isString()) return false;
       const std::string text = json::String(value);
-      return setting.is_valid ? setting.is_valid(text) : std::ranges::find(setting.words, text) != setting.words.end();
+      return HasForm(setting, text);
     }
     case SettingType::kNumber:
       return value.isInt64() && json::Int64(value) >= setting.min && json::Int64(value) <= setting.max;

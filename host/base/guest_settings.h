@@ -32,7 +32,7 @@ inline constexpr GuestSetting kGuestSettings[] = {
      .type = SettingType::kText,
      .applies = Applies::kImmediately,
      .topic = SettingTopic::kIdentity,
-     .is_valid = IsGuestName,
+     .form = TextForm::kGuestName,
      .wanted = "a text of 1 to 128 bytes without control characters",
      .label = "Name",
      .help = "its name: 1 to 128 bytes that no other guest is called",
@@ -81,7 +81,7 @@ inline constexpr GuestSetting kGuestSettings[] = {
      .type = SettingType::kText,
      .applies = Applies::kImmediately,
      .topic = SettingTopic::kIdentity,
-     .is_valid = IsGuestDescription,
+     .form = TextForm::kDescription,
      .wanted = "a text of at most 65536 bytes",
      .label = "Description",
      .help = "its description",
@@ -215,7 +215,7 @@ inline constexpr GuestSetting kGuestSettings[] = {
      .type = SettingType::kText,
      .applies = Applies::kAtNextStart,
      .topic = SettingTopic::kScreen,
-     .is_valid = IsKeyboardLayout,
+     .form = TextForm::kKeyboardLayout,
      .wanted = "the name of a keyboard layout such as 'en-us'",
      .label = "Keyboard",
      .help = "its keyboard's layout, such as en-us, or Default",
@@ -248,9 +248,10 @@ inline constexpr GuestSetting kGuestSettings[] = {
 constexpr bool IsWhole(const GuestSetting& setting) {
   if (!setting.IsScalar()) return !setting.help;
   if (!setting.label || !setting.help || !setting.for_hosts) return false;
-  const bool has_values = setting.is_valid || !setting.words.empty();
+  const bool has_values = (setting.form == TextForm::kOneOfWords) != setting.words.empty();
   if (setting.type == SettingType::kText) return has_values && setting.wanted;
-  return !has_values && (setting.type == SettingType::kNumber) == (setting.min < setting.max);
+  return setting.words.empty() && setting.form == TextForm::kOneOfWords &&
+         (setting.type == SettingType::kNumber) == (setting.min < setting.max);
 }
 static_assert(std::ranges::all_of(kGuestSettings, IsWhole), "a setting lacks a column that its type needs");
 

@@ -162,7 +162,7 @@ TEST_F(ImportCommand, RepliesThatAreNotUnderstood_AreErrors) {
     const ApiHost host([&](const auto&, const auto&) { return ApiHost::Success(data); });
     const auto result = RunOn(host, {}, 1);
     EXPECT_EQ(result.exit_code, 1) << data;
-    EXPECT_THAT(result.errors, HasSubstr("holds no results of the import")) << data;
+    EXPECT_THAT(result.errors, HasSubstr("contains no results of the import")) << data;
     EXPECT_THAT(result.errors, HasSubstr("the next 1 may have been imported or not: see 'vexa guest list'")) << data;
     EXPECT_THAT(result.output, IsEmpty());
   }
@@ -170,7 +170,7 @@ TEST_F(ImportCommand, RepliesThatAreNotUnderstood_AreErrors) {
       [](const auto&, const auto&) { return ApiHost::Success(R"({"results":[7,{"name":{},"notes":3}]})"); });
   const auto result = RunOn(odd, {}, 2);
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("g0.xml: The server's reply holds no result of a guest"));
+  EXPECT_THAT(result.errors, HasSubstr("g0.xml: The server's reply contains no result of a guest"));
   EXPECT_THAT(result.output, HasSubstr("g1.xml: imported '' (): 0 disks, 0 network interfaces\n"));
 }
 
