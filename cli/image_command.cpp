@@ -14,8 +14,8 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kAdd = "/webapi/VEXA.Virtualization.Image/add";
-constexpr const char* kRemove = "/webapi/VEXA.Virtualization.Image/remove";
+constexpr const char* kAddImage = "/webapi/VEXA.Virtualization.Image/add";
+constexpr const char* kRemoveImage = "/webapi/VEXA.Virtualization.Image/remove";
 
 // The data of "list", checked; failures are printed.
 CallOutcome ListImages(HttpClient& client) {
@@ -45,7 +45,7 @@ ExitCode RunImageAdd(const GlobalOptions& global, const ImageAddOptions& options
   parameters["name"] = image.name;
   parameters["path"] = image.path;
   if (!image.id.empty()) parameters["image_id"] = image.id;
-  const CallOutcome outcome = CallApi(client, kAdd, RenderJson(parameters, JsonLayout::kOneLine));
+  const CallOutcome outcome = CallApi(client, kAddImage, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   const std::string id = Text(Member(outcome.data, kImageNaming.id));
@@ -82,7 +82,7 @@ ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image) {
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   const Result<std::string> id = FindByIdOrName(Member(listed.data, "images"), kImageNaming, image);
   if (!id) return Report(id.error());
-  const CallOutcome outcome = CallApi(client, kRemove, OneParameter(kImageNaming.id, *id));
+  const CallOutcome outcome = CallApi(client, kRemoveImage, OneParameter(kImageNaming.id, *id));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (!global.quiet) std::cout << "Removed the image '" << Printable(image) << "'. Its file stays.\n";
   return ExitCode::kOk;

@@ -12,9 +12,9 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kAdd = "/webapi/VEXA.Virtualization.Repository/add";
-constexpr const char* kRemove = "/webapi/VEXA.Virtualization.Repository/remove";
-constexpr const char* kAccept = "/webapi/VEXA.Virtualization.Repository/accept";
+constexpr const char* kAddRepository = "/webapi/VEXA.Virtualization.Repository/add";
+constexpr const char* kRemoveRepository = "/webapi/VEXA.Virtualization.Repository/remove";
+constexpr const char* kAcceptRepository = "/webapi/VEXA.Virtualization.Repository/accept";
 
 // The data of "list", checked; failures are printed.
 CallOutcome ListRepositories(HttpClient& client) {
@@ -51,7 +51,7 @@ ExitCode RunRepositoryAdd(const GlobalOptions& global, const RepositoryAddOption
   parameters["name"] = options.name;
   if (!options.id.empty()) parameters["repository_id"] = options.id;
   if (!options.host_id.empty()) parameters["host_id"] = options.host_id;
-  const CallOutcome outcome = CallApi(client, kAdd, RenderJson(parameters, JsonLayout::kOneLine));
+  const CallOutcome outcome = CallApi(client, kAddRepository, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   const std::string id = Text(Member(outcome.data, kRepositoryNaming.id));
@@ -78,7 +78,7 @@ ExitCode RunRepositoryList(const GlobalOptions& global) {
 
 ExitCode RunRepositoryRemove(const GlobalOptions& global, const std::string& repository) {
   std::string id;
-  const ExitCode removed = CallFor(global, repository, kRemove, id);
+  const ExitCode removed = CallFor(global, repository, kRemoveRepository, id);
   if (removed != ExitCode::kOk) return removed;
   if (!global.quiet) std::cout << "Removed the repository '" << Printable(repository) << "'. Its files stay.\n";
   return ExitCode::kOk;
@@ -86,7 +86,7 @@ ExitCode RunRepositoryRemove(const GlobalOptions& global, const std::string& rep
 
 ExitCode RunRepositoryAccept(const GlobalOptions& global, const std::string& repository) {
   std::string id;
-  const ExitCode accepted = CallFor(global, repository, kAccept, id);
+  const ExitCode accepted = CallFor(global, repository, kAcceptRepository, id);
   if (accepted != ExitCode::kOk) return accepted;
   if (!global.quiet) std::cout << Printable(id) << ": its host takes the storage as it is now\n";
   return ExitCode::kOk;

@@ -121,7 +121,7 @@ class PamAccounts : public AccountProvider {
   explicit PamAccounts(PamOptions options) : options_(std::move(options)) {}
 
   Result<User> FindUser(const std::string& name) const override {
-    if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "There is no user of an impossible name");
+    if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "The user name is invalid");
     return Complete(NssFindUser(name));
   }
   Result<User> FindUserByUid(std::uint32_t uid) const override { return Complete(NssFindUserByUid(uid)); }

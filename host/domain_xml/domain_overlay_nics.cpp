@@ -139,7 +139,7 @@ Status Check(const GuestRecords& records) {
   for (const auto& [id, record] : records.nics) {
     const std::string mac = MacOf(record);
     if (mac.empty() || addresses.insert(mac).second) continue;
-    return domain_xml::Refused("Two network interfaces have the MAC address '" + mac + "': give each one of its own");
+    return domain_xml::Refused("Two network interfaces have the MAC address '" + mac + "'. Give each a different one");
   }
   return {};
 }

@@ -90,7 +90,7 @@ Status ReadNics(pugi::xml_node devices, Context& context) {
                      ": give a unicast address such as 52:54:00:12:34:56");
     }
     if (!addresses.insert(mac).second) {
-      return Refused("Two network interfaces have the MAC address '" + mac + "': give each one of its own");
+      return Refused("Two network interfaces have the MAC address '" + mac + "'. Give each a different one");
     }
     if (addresses.size() > kMaxNics) {
       return Refused("The guest has more than " + std::to_string(kMaxNics) + " network interfaces: remove some");

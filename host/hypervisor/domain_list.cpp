@@ -1,27 +1,12 @@
 #include "host/hypervisor/domain_list.h"
 
-#include <libvirt/libvirt.h>
-#include <libvirt/virterror.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdlib>
+
+#include "host/hypervisor/handles.h"
 
 namespace vexa::hypervisor {
 namespace {
-
-struct CloseConnection {
-  void operator()(virConnectPtr connection) const { virConnectClose(connection); }
-};
-struct FreeDomain {
-  void operator()(virDomainPtr domain) const { virDomainFree(domain); }
-};
-struct FreeText {
-  void operator()(char* text) const { std::free(text); }
-};
-using Connection = std::unique_ptr<virConnect, CloseConnection>;
-using Domain = std::unique_ptr<virDomain, FreeDomain>;
-using Text = std::unique_ptr<char, FreeText>;
 
 Error Failed(std::string message) {
   const char* const cause = virGetLastErrorMessage();
@@ -32,7 +17,7 @@ Result<DomainText> Describe(virDomainPtr domain, unsigned int flags) {
   DomainText result;
   if (const char* const name = virDomainGetName(domain)) result.name = name;
   std::array<char, VIR_UUID_STRING_BUFLEN> id{};
-  const Text xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE | flags));
+  const TextHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE | flags));
   if (!xml || virDomainGetUUIDString(domain, id.data()) != 0) {
     return Failed("Cannot read the XML of the domain '" + result.name + "'");
   }
@@ -55,8 +40,8 @@ Result<DomainText> Describe(virDomainPtr domain, unsigned int flags) {
 
 class DomainConnection::Impl {
  public:
-  Impl(Connection opened, unsigned int flags) : connection(std::move(opened)), xml_flags(flags) {}
-  Connection connection;
+  Impl(ConnectHandle opened, unsigned int flags) : connection(std::move(opened)), xml_flags(flags) {}
+  ConnectHandle connection;
   unsigned int xml_flags;
 };
 
@@ -70,7 +55,7 @@ Result<std::unique_ptr<DomainConnection>> DomainConnection::Open(const std::stri
   if (virInitialize() != 0) return Failed("Cannot use libvirt");
   // Screen passwords are part of the definition, which libvirt shows to callers that may change it.
   unsigned int flags = VIR_DOMAIN_XML_SECURE;
-  Connection connection(virConnectOpen(uri.c_str()));
+  ConnectHandle connection(virConnectOpen(uri.c_str()));
   if (!connection) {
     flags = 0;
     connection.reset(virConnectOpenReadOnly(uri.c_str()));
@@ -83,11 +68,11 @@ Result<std::vector<DomainText>> DomainConnection::List() const {
   virDomainPtr* raw = nullptr;
   const int count = virConnectListAllDomains(impl_->connection.get(), &raw, 0);
   if (count < 0) return Failed("Cannot list the domains");
-  std::vector<Domain> domains(raw, raw + count);
+  std::vector<DomainHandle> domains(raw, raw + count);
   std::free(raw);
 
   std::vector<DomainText> result;
-  for (const Domain& domain : domains) {
+  for (const DomainHandle& domain : domains) {
     Result<DomainText> described = Describe(domain.get(), impl_->xml_flags);
     if (described) {
       result.push_back(std::move(*described));
@@ -101,7 +86,7 @@ Result<std::vector<DomainText>> DomainConnection::List() const {
 }
 
 Result<std::uint64_t> DomainConnection::DiskSize(const std::string& id, const std::string& path) const {
-  const Domain domain(virDomainLookupByUUIDString(impl_->connection.get(), id.c_str()));
+  const DomainHandle domain(virDomainLookupByUUIDString(impl_->connection.get(), id.c_str()));
   virDomainBlockInfo info{};
   if (!domain || virDomainGetBlockInfo(domain.get(), path.c_str(), &info, 0) != 0) {
     return Failed("libvirt does not tell the size of '" + path + "'");

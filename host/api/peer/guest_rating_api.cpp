@@ -32,7 +32,7 @@ constexpr std::size_t kMaxName = 256;
 constexpr std::string_view kBestIo = "best_io";
 
 // The guest's id. If it is not set, the call has been answered.
-std::optional<std::string> NamedGuest(const Call& call) {
+std::optional<std::string> NamedGuestId(const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   const auto type =
       call.request->GetAndCheckString("type", kRequired, [](const std::string& text) { return text == "poweron"; });
@@ -49,7 +49,7 @@ void FailToRead(const Call& call, const Error& error) {
 }
 
 void CheckResource(const std::function<Result<guests::Rating>(const std::string&)>& rate_guest, const Call& call) {
-  const std::optional<std::string> id = NamedGuest(call);
+  const std::optional<std::string> id = NamedGuestId(call);
   if (!id) return;
   guests::Rating rating{{{guests::kUnavailable, "The host runs no guests."}}, false, {}};
   if (rate_guest) {
@@ -122,7 +122,7 @@ std::string NameOf(const std::string& host_id) {
 }
 
 void CheckHostResource(std::chrono::seconds patience, const Call& call) {
-  const std::optional<std::string> id = NamedGuest(call);
+  const std::optional<std::string> id = NamedGuestId(call);
   if (!id) return;
   const Result<guests::Guest> guest = guests::ReadGuest(*id);
   if (!guest) return FailToRead(call, guest.error());

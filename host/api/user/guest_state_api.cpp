@@ -79,7 +79,7 @@ Json::Value HaOf(const Json::Value& guest) {
   return shown;
 }
 
-void Status(GuestStates& states, const Call& call) {
+void ShowStatus(GuestStates& states, const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
   if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kErrorNotPermitted);
@@ -118,7 +118,7 @@ std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states) {
        .version = 1,
        .access = Access::kUser,
        .lane = LaneKind::kQuick,
-       .handler = [&states](const Call& call) { Status(states, call); },
+       .handler = [&states](const Call& call) { ShowStatus(states, call); },
        .summary = "One guest's state now, with severity, reason and age, those of its disks, why it is off, and its "
                   "high availability.",
        .parameters = {Text("guest_id", "The guest's id, a UUID.")},

@@ -24,7 +24,7 @@ constexpr std::size_t kMaxDiskName = 128;
 constexpr std::size_t kMaxNetworkName = 1024;
 constexpr std::size_t kMaxPath = 4096;
 
-Error Refused(const std::string& where, const std::string& what) {
+Error Invalid(const std::string& where, const std::string& what) {
   return Error(ErrorCode::kInvalid, where + " " + what);
 }
 
@@ -37,10 +37,10 @@ bool IsInteger(const Json::Value& value) {
 Status CheckMembers(const Json::Value& guest, const std::string& where) {
   constexpr std::string_view kKnown[] = {"xml",           "guest_id",       "repository_id", "host_id", "autostart",
                                          "has_variables", "disk_sizes_mib", "image_sizes",   "networks"};
-  if (!guest.isObject()) return Refused(where, "is not an object");
+  if (!guest.isObject()) return Invalid(where, "is not an object");
   for (const std::string& name : json::MemberNames(guest)) {
     if (std::ranges::find(kKnown, name) == std::end(kKnown)) {
-      return Refused(where, "has the unknown member " + Shown(name) + ": remove it");
+      return Invalid(where, "has the unknown member " + Shown(name) + ": remove it");
     }
   }
   return {};
@@ -48,9 +48,9 @@ Status CheckMembers(const Json::Value& guest, const std::string& where) {
 
 Status TakeXml(const Json::Value& guest, const std::string& where, ImportRequest& request) {
   const Json::Value& xml = json::Member(guest, "xml");
-  if (!xml.isString()) return Refused(where, "has no 'xml': give the text of its <domain>");
+  if (!xml.isString()) return Invalid(where, "has no 'xml': give the text of its <domain>");
   request.xml = json::String(xml);
-  if (request.xml.empty()) return Refused(where, "has an empty 'xml': give the text of its <domain>");
+  if (request.xml.empty()) return Invalid(where, "has an empty 'xml': give the text of its <domain>");
   return {};
 }
 
@@ -59,7 +59,7 @@ Status TakeUuid(const Json::Value& guest, const char* member, const std::string&
   const Json::Value* const value = json::FindMember(guest, member);
   if (!value) return {};
   std::string uuid = value->isString() ? NormalizeUuid(json::String(*value)) : std::string();
-  if (uuid.empty()) return Refused(where, std::string("has a '") + member + "' that is not a UUID");
+  if (uuid.empty()) return Invalid(where, std::string("has a '") + member + "' that is not a UUID");
   id = std::move(uuid);
   return {};
 }
@@ -67,7 +67,7 @@ Status TakeUuid(const Json::Value& guest, const char* member, const std::string&
 Status TakeFlag(const Json::Value& guest, const char* member, const std::string& where, bool& flag) {
   const Json::Value* const value = json::FindMember(guest, member);
   if (!value) return {};
-  if (!value->isBool()) return Refused(where, std::string("has '") + member + "' that is neither true nor false");
+  if (!value->isBool()) return Invalid(where, std::string("has '") + member + "' that is neither true nor false");
   flag = json::Bool(*value);
   return {};
 }
@@ -78,14 +78,14 @@ Status EachEntry(const Json::Value& guest, const char* member, const std::string
                  const Take& take) {
   const Json::Value* const entries = json::FindMember(guest, member);
   if (!entries) return {};
-  if (!entries->isObject()) return Refused(where, std::string("has '") + member + "' that is not an object");
+  if (!entries->isObject()) return Invalid(where, std::string("has '") + member + "' that is not an object");
   if (entries->size() > kMaxImportEntries) {
-    return Refused(where, std::string("has more than ") + std::to_string(kMaxImportEntries) + " entries in '" + member +
+    return Invalid(where, std::string("has more than ") + std::to_string(kMaxImportEntries) + " entries in '" + member +
                               "': remove some");
   }
   for (const std::string& name : json::MemberNames(*entries)) {
     if (name.empty() || name.size() > max_name) {
-      return Refused(where, std::string("has a name in '") + member + "' that is empty or longer than " +
+      return Invalid(where, std::string("has a name in '") + member + "' that is empty or longer than " +
                                 std::to_string(max_name) + " bytes");
     }
     if (Status taken = take(name, json::Member(*entries, name)); !taken) return taken;
@@ -98,7 +98,7 @@ Status TakeDiskSizes(const Json::Value& guest, const std::string& where, ImportR
       guest, "disk_sizes_mib", where, kMaxDiskName, [&](const std::string& name, const Json::Value& size) -> Status {
         const std::uint64_t mib = IsInteger(size) ? json::UInt64(size) : 0;
         if (mib < 1 || mib > hypervisor::kMaxDiskMib) {
-          return Refused(where, "has a size of the disk " + Shown(name) + " that is not a whole number of 1 to " +
+          return Invalid(where, "has a size of the disk " + Shown(name) + " that is not a whole number of 1 to " +
                                     std::to_string(hypervisor::kMaxDiskMib) + " MiB");
         }
         request.disk_sizes_mib[name] = mib;
@@ -110,7 +110,7 @@ Status TakeImageSizes(const Json::Value& guest, const std::string& where, Import
   return EachEntry(
       guest, "image_sizes", where, kMaxPath, [&](const std::string& path, const Json::Value& size) -> Status {
         if (!size.isNull() && !IsInteger(size)) {
-          return Refused(
+          return Invalid(
               where, "has a size of the image " + Shown(path) + " that is neither a whole number of bytes nor null");
         }
         request.image_sizes[path] = size.isNull() ? std::nullopt : std::optional<std::uint64_t>(json::UInt64(size));
@@ -123,7 +123,7 @@ Status TakeNetworks(const Json::Value& guest, const std::string& where, ImportRe
                    [&](const std::string& name, const Json::Value& id) -> Status {
                      std::string uuid = id.isString() ? NormalizeUuid(json::String(id)) : std::string();
                      if (uuid.empty()) {
-                       return Refused(where, "has an id of the network " + Shown(name) + " that is not a UUID");
+                       return Invalid(where, "has an id of the network " + Shown(name) + " that is not a UUID");
                      }
                      request.networks[name] = std::move(uuid);
                      return {};

@@ -78,7 +78,7 @@ TEST_F(Sources, ImagesOfThisMachine_AreMeasured) {
 TEST_F(Sources, ImagesThatCannotBeRead_NeedASize) {
   const auto missing = PrepareXml(Domain(DiskAt("/no/such/image")));
   ASSERT_FALSE(missing.ok());
-  EXPECT_THAT(missing.error().ToString(), HasSubstr("The size of the disk 'vda' is not known: give it with --disk-size "
+  EXPECT_THAT(missing.error().ToString(), HasSubstr("The size of the disk 'vda' is unknown. Set it with --disk-size "
                                                     "vda=GiB: Cannot read the image '/no/such/image'"));
   EXPECT_FALSE(Require(PrepareXml(Domain(DiskAt("/no/such/image")), {"--disk-size", "vda=1"})).isMember("image_sizes"));
   // Something that is there and is not an image.

@@ -435,7 +435,7 @@ TEST(DomainBuildHostile, RecordsOfOtherTypes_AreRefusedOrDefaulted) {
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("not a UUID"));  // the id is empty
   records = SmallGuest();
   records.guest = Json::Value("text");
-  EXPECT_THAT(BuildRefusalOf(records), HasSubstr("no object"));
+  EXPECT_THAT(BuildRefusalOf(records), HasSubstr("is not an object"));
   records = SmallGuest();
   records.disks.emplace_back(kDiskId, Json::Value(Json::arrayValue));
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("absolute path"));

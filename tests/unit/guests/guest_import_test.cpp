@@ -138,10 +138,9 @@ TEST_F(GuestImports, NewGuest_IsWrittenWithItsDisksAndItsDefinition) {
 TEST_F(GuestImports, DefinitionThatCannotBeTaken_IsRefusedWithItsSentence) {
   ImportRequest request;
   request.xml = Domain(kFirst, "one", Disk("vda"));
-  ExpectRefused(
-      [&] { return Import(request); }, kBadDefinition,
-      "The size of the disk 'vda' is not known: give it with --disk-size vda=GiB: There is no size of the image "
-      "'/no/such/vda'");
+  ExpectRefused([&] { return Import(request); }, kBadDefinition,
+                "The size of the disk 'vda' is unknown. Set it with --disk-size vda=GiB: There is no size of the image "
+                "'/no/such/vda'");
   EXPECT_EQ(imported_.name, "");
   request = RequestOf(Domain(kFirst, "one"));
   request.expected_id = kSecond;
