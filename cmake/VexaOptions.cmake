@@ -20,10 +20,6 @@ if(VEXA_CCACHE)
     CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} ${VEXA_CCACHE})
 endif()
 
-if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # Several sources in one translation unit: gcc takes their anonymous namespaces for those of headers.
-  add_compile_options(-Wno-subobject-linkage)
-endif()
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wformat=2 -Wundef -Werror)
 if(VEXA_SANITIZE)
   # -O1 keeps the sanitizer builds quick enough to run on every change; -g1 keeps line numbers in reports.
