@@ -6,8 +6,6 @@
 namespace vexa {
 namespace {
 
-namespace json = VexaVirtualization::json;
-
 constexpr std::size_t kMaxNameBytes = 128;
 constexpr std::size_t kMaxDescriptionBytes = 65'536;
 constexpr std::size_t kMaxLayoutBytes = 32;
