@@ -21,7 +21,7 @@ ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPlaces& plac
 // Removes the record of the target's id, also when the account no longer exists.
 ExitCode RunLocalDropGrants(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target);
 
-// The user or group. kNotFound when there is none; kDenied and others as OpenAccounts.
+// Finds the user or group. kNotFound when it does not exist; kDenied and others as OpenAccounts.
 Result<cluster::GrantPrincipal> FindAccount(const AccountPlaces& places, const GrantTarget& target);
 
 }  // namespace vexa::cli

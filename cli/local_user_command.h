@@ -12,7 +12,7 @@
 
 namespace vexa::cli {
 
-// Creates the store when there is none. The others never do.
+// Creates the store if it does not exist. The other commands never create one.
 ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options);
 ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
                             PasswordSource source);

@@ -34,7 +34,7 @@ struct GrantPrincipal {
   store::Revision seen = 0;  // of the store, before the look-up
 };
 
-// Among the accounts of the cluster. kNotFound when there is none; kUnavailable when the accounts cannot be read.
+// Searches the accounts of the cluster. kNotFound when no account matches; kUnavailable when they cannot be read.
 Result<GrantPrincipal> FindPrincipal(const AccountStore& accounts, const store::Store& store, AccountKind kind,
                                      const PrincipalWord& word);
 

@@ -114,7 +114,7 @@ TEST_P(HypervisorContract, Define_BadXml_IsRefused) {
   EXPECT_TRUE(hypervisor_->List()->empty());
 }
 
-TEST_P(HypervisorContract, Guest_WholeLifetime_ReportsEachStateInOrder) {
+TEST_P(HypervisorContract, State_FromDefinitionToRemoval_IsReportedAtEachStep) {
   const std::string id = Define(1);
   ASSERT_TRUE(hypervisor_->Start(id).ok());
   EXPECT_EQ(*hypervisor_->StateOf(id), GuestState::kRunning);

@@ -245,7 +245,7 @@ TEST(CheckWords, PhraseInCommentTextOrName_IsRefused) {
   for (const auto& [text, place] :
        {std::pair("// The value is no number.", "a.cpp:1: 'is no'"),
         std::pair("\n// It is\n// no number.", "a.cpp:2: 'is no'"),
-        std::pair("const char* text = \"Nobody is told\";", "a.cpp:1: 'told'"),
+        std::pair("const char* text = \"The user is told\";", "a.cpp:1: 'told'"),
         std::pair("TEST(Value, IsNone_GivesTheDefault) {}", "a.cpp:1: 'IsNone_GivesTheDefault'")}) {
     const auto result = check(text);
     EXPECT_EQ(result.exit_code, 1) << text;

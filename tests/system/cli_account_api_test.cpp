@@ -236,7 +236,7 @@ TEST_F(AccountCommands, GroupList_IsATableOrTheArray) {
   EXPECT_THAT(RunOn(host, {"group", "list", "--json"}).output, StartsWith("["));
 }
 
-TEST_F(AccountCommands, Grants_ShowLevelAndGuestsAndWhatDoesNotCount) {
+TEST_F(AccountCommands, UserGrants_RecordGivenToAnotherName_IsShownWithAWarning) {
   const ApiHost host([](const std::string&, const Json::Value& parameters) {
     const std::string counts = parameters["name"] == "alice" ? "true" : "false";
     return ApiHost::Success(R"({"level":"user","given_to":"carol","counts":)" + counts + R"(,"guests":[")" + kFirst +

@@ -151,7 +151,7 @@ TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
   EXPECT_FALSE(Exists("data/accounts.json"));
 }
 
-TEST_F(Accounts, UserWhoCannotBeAdded_CreatesNoStore) {
+TEST_F(Accounts, AddUser_InvalidUser_DoesNotCreateStore) {
   for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
            {"a b"}, {"bob", "--group", "a b"}, {"bob", "--uid", "4294967295"}, {"bob", "--uid", "0"}}) {
     std::vector<std::string> arguments{"user", "add", "--password-stdin"};

@@ -94,7 +94,7 @@ TEST_F(ImportCommand, Guests_AreSentInBatchesAndReported) {
   for (const char* member : {"replace", "dry_run", "planned"}) EXPECT_FALSE(sent[0].isMember(member)) << member;
 }
 
-TEST_F(ImportCommand, DryRun_PassesWhatEarlierBatchesPlanned) {
+TEST_F(ImportCommand, DryRun_SeveralBatches_SendsEarlierPlansWithEachBatch) {
   const ApiHost host(Accept);
   const auto result = RunOn(host, {"--dry-run", "--replace"}, 20);
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -174,7 +174,7 @@ TEST_F(ImportCommand, RepliesThatAreNotUnderstood_AreErrors) {
   EXPECT_THAT(result.output, HasSubstr("g1.xml: imported '' (): 0 disks, 0 network interfaces\n"));
 }
 
-TEST_F(ImportCommand, JsonAndQuiet_DecideWhatIsPrinted) {
+TEST_F(ImportCommand, Output_WithJsonOrQuiet_ChangesForm) {
   const ApiHost host(Accept);
   EXPECT_EQ(RunOn(host, {"--quiet"}, 2).output, "");
   EXPECT_EQ(Parse(RunOn(host, {"--quiet", "--dry-run"}, 2).output).size(), 2u);

@@ -270,7 +270,7 @@ TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
 }
 
 // Other changes of the same call, and revoking, do not depend on the damaged record.
-TEST_F(GuestSet, NameWhoseGrantsAreDamaged_IsFoundInTheList) {
+TEST_F(GuestSet, Allow_UserWithDamagedGrants_IsLookedUpInUserList) {
   const ApiHost host(With([](const std::string& method, const Json::Value&) {
     if (method == "level_get") return ApiHost::Failure(985, "A record cannot be understood.");
     if (method == "user_list") return ApiHost::Success(R"({"users":[null,{"name":"Alice","uid":1026}]})");

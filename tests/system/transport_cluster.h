@@ -34,7 +34,7 @@ class TransportCluster : public testing::Test {
   store::Store& database() { return *database_; }
   // Stores the object of a record unchanged.
   void Put(const char* category, const std::string& id, const std::string& text);
-  // The value below this key; "" when there is none.
+  // The value stored under this key; "" if absent.
   std::string Stored(std::initializer_list<std::string_view> key);
 
   // Stops a host's process without ending it: it takes connections and answers nothing. Never within a commit, which

@@ -109,7 +109,8 @@ Json::Value Describe(AccountKind kind, std::uint32_t id, const std::string& name
   return data;
 }
 
-// The record of the owner; an ordinary user's without guests when there is none. Otherwise the call is answered.
+// Reads the owner's record. An owner without a record gets that of an ordinary user without guests. On failure, answers
+// the call and returns nothing.
 std::optional<GrantRecord> RecordOf(const AccountServices& services, const Call& call, const GrantPrincipal& owner) {
   const auto snapshot = services.store->Read();
   if (!snapshot) {
