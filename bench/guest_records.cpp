@@ -1,9 +1,13 @@
 #include "bench/guest_records.h"
 
 #include <cstdio>
+#include <ranges>
+#include <string_view>
+#include <variant>
 
 #include "host/store/key.h"
 #include "json/readers.h"
+#include "tests/support/setting_lists.h"
 
 namespace vexa::bench {
 namespace {
@@ -11,6 +15,31 @@ namespace {
 constexpr const char* kRepository = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
 constexpr const char* kHost = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr const char* kNetwork = "03422cd0-4a23-57c4-b939-511a0a1aedce";
+
+struct Setting {
+  const char* name;
+  std::variant<int, bool, const char*> value;
+};
+constexpr Setting kSettings[] = {
+    {"desc", "Web server of the staff pages"},
+    {"autorun", 0},
+    {"boot_from", "disk"},
+    {"cpu_passthru", false},
+    {"cpu_pin_num", 0},
+    {"cpu_weight", 256},
+    {"kb_layout", "Default"},
+    {"usb_version", 3},
+    {"use_ovmf", false},
+    {"vcpu_num", 2},
+    {"video_card", "virtio"},
+    {"vram_size", 2048},
+};
+// The name has a number, and most records do not have Hyper-V's features.
+static_assert(test::ListsExactlySettings(kSettings | std::views::transform(&Setting::name),
+                                         [](const GuestSetting& setting) {
+                                           const std::string_view name = setting.name;
+                                           return setting.IsScalar() && name != "name" && name != "hyperv_enlighten";
+                                         }));
 
 }  // namespace
 
@@ -23,24 +52,15 @@ std::string Id(unsigned kind, int number) {
 Json::Value GuestRecord(int number) {
   Json::Value guest(Json::objectValue);
   guest["name"] = "guest-" + std::to_string(number);
-  guest["desc"] = "Web server of the staff pages";
   guest["host_id"] = kHost;
   guest["repository_id"] = kRepository;
   guest["state"] = "guest_shutdown";
-  guest["autorun"] = 0;
-  guest["boot_from"] = "disk";
-  guest["cpu_passthru"] = false;
-  guest["cpu_pin_num"] = 0;
-  guest["cpu_weight"] = 256;
   guest["is_general_vm"] = true;
-  guest["kb_layout"] = "Default";
-  guest["usb_version"] = 3;
+  for (const auto& [name, value] : kSettings) {
+    guest[name] = std::visit([](auto plain) { return Json::Value(plain); }, value);
+  }
   for (int port = 0; port < 4; ++port) guest["usbs"].append("unmounted");
   for (int drive = 0; drive < 2; ++drive) guest["iso_images"].append("unmounted");
-  guest["use_ovmf"] = false;
-  guest["vcpu_num"] = 2;
-  guest["video_card"] = "virtio";
-  guest["vram_size"] = 2048;
   return guest;
 }
 

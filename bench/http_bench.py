@@ -3,8 +3,8 @@
 
 Usage: http_bench.py [--quick] BUILD_FOLDER
 
-Everything runs on 127.0.0.1 in a temporary folder and ends on its own. Aims are printed beside the figures; a missed aim
-is not a failure, but a figure that could not be measured is.
+Everything runs on 127.0.0.1 in a temporary folder and ends on its own. Targets are printed with the figures; a missed
+target is not a failure, but a figure that could not be measured is.
 """
 import argparse
 import contextlib
@@ -29,10 +29,10 @@ STALL_CONNECTIONS = 8
 IDLE_CONNECTIONS = 5000
 STARTS = 5
 
-AIM_OF_BARE = 0.6
-AIM_MEMORY_MIB = 40
-AIM_START_MS = 200
-AIM_STALL_RATIO = 1.25
+TARGET_RATIO_TO_BARE = 0.6
+TARGET_MEMORY_MIB = 40
+TARGET_START_MS = 200
+TARGET_STALL_RATIO = 1.25
 
 GET = "/webapi/VEXA.Virtualization.Guest/get"
 
@@ -61,7 +61,7 @@ end
 """
 
 
-class Unmeasured(Exception):
+class MeasurementError(Exception):
     """A figure could not be measured."""
 
 
@@ -77,21 +77,21 @@ def metric(port, name):
         for line in reply.read().decode().splitlines():
             if line.startswith(name + " "):
                 return float(line.split()[-1])
-    raise Unmeasured(f"/metrics does not contain {name}")
+    raise MeasurementError(f"/metrics does not contain {name}")
 
 
-def of_process(pid, field):
+def process_status(pid, field):
     for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
         if line.startswith(field + ":"):
             return int(line.split()[1])
-    raise Unmeasured(f"/proc/{pid}/status does not contain {field}")
+    raise MeasurementError(f"/proc/{pid}/status does not contain {field}")
 
 
 def wait_until(condition, seconds, what):
     deadline = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > deadline:
-            raise Unmeasured(f"{what}: not within {seconds} s")
+            raise MeasurementError(f"{what}: not within {seconds} s")
         time.sleep(0.005)
 
 
@@ -100,7 +100,7 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def answers(port, path="/healthz"):
+def is_answering(port, path="/healthz"):
     try:
         with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=1) as reply:
             return reply.status == 200
@@ -120,18 +120,26 @@ class Wrk:
             self.files[name].write_text("\n".join(ids) + "\n")
 
     def run(self, port, path, connections, seconds, ids, token):
-        """`token` "": plain GETs."""
+        """Without a token, sends plain GETs."""
         done = subprocess.run(
             ["wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--timeout", "10s", "-s", str(self.script),
              f"http://127.0.0.1:{port}{path}", "--", str(self.files[ids]), token],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=seconds + 20, check=False)
         lines = [line[4:] for line in done.stdout.splitlines() if line.startswith("JSON")]
         if done.returncode != 0 or not lines:
-            raise Unmeasured(f"wrk failed: {done.stdout.strip()}")
+            raise MeasurementError(f"wrk failed: {done.stdout.strip()}")
         figures = json.loads(lines[-1])
         if figures["errors"] or not figures["requests"]:
-            raise Unmeasured(f"{figures['errors']} of {figures['requests']} requests failed on {path}")
+            raise MeasurementError(f"{figures['errors']} of {figures['requests']} requests failed on {path}")
         return {"rate": figures["requests"] / figures["us"] * 1e6, "p50": figures["p50"], "p99": figures["p99"]}
+
+
+def wait_or_kill(process, seconds):
+    """Waits for the end of the process, and kills it after the time."""
+    with contextlib.suppress(subprocess.TimeoutExpired):
+        process.wait(timeout=seconds)
+    process.kill()
+    process.wait()
 
 
 @contextlib.contextmanager
@@ -144,14 +152,11 @@ def bench_host(build, folder):
             if not line:
                 process.wait(timeout=10)
                 log.seek(0)
-                raise Unmeasured(f"the host did not start: {log.read().strip()}")
+                raise MeasurementError(f"the host did not start: {log.read().strip()}")
             yield json.loads(line)
         finally:
             process.stdin.close()
-            with contextlib.suppress(subprocess.TimeoutExpired):
-                process.wait(timeout=15)
-            process.kill()
-            process.wait()
+            wait_or_kill(process, 15)
 
 
 @contextlib.contextmanager
@@ -171,25 +176,22 @@ def nginx(folder, reply, workers):
           open_file_cache max=10; default_type application/json;
           server {{ listen 127.0.0.1:{port}; root {root}; }}
         }}""")
-    # Started as root, it would switch to a user who may not enter the folder.
+    # When started as root, nginx would switch to a user who cannot access the folder.
     user = ["-g", "user root;"] if os.geteuid() == 0 else []
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", root, "-e", root / "error.log", "-c", root / "nginx.conf",
                                 *user],
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
-        wait_until(lambda: answers(port, "/get"), 5, "nginx's first answer")
+        wait_until(lambda: is_answering(port, "/get"), 5, "nginx's first answer")
         yield port
     finally:
         process.terminate()
-        with contextlib.suppress(subprocess.TimeoutExpired):
-            process.wait(timeout=5)
-        process.kill()
-        process.wait()
+        wait_or_kill(process, 5)
 
 
 @contextlib.contextmanager
 def real_daemon(build, data, log):
-    """vexad itself, and how many milliseconds after its exec it answered."""
+    """Starts vexad. Yields its process id, its port, and the milliseconds from its exec to its first answer."""
     port = free_port()
     command = [build / "host/daemon/vexad", "--data", data, "--listen", f"127.0.0.1:{port}", "--socket", "",
                "--log", "stderr"]
@@ -207,19 +209,16 @@ def real_daemon(build, data, log):
                 pass
             if process.poll() is not None or time.monotonic() - started > 10:
                 lines = pathlib.Path(log.name).read_text(encoding="utf-8").strip().splitlines()
-                raise Unmeasured(f"vexad did not start: {lines[-1] if lines else 'it says nothing'}")
+                raise MeasurementError(f"vexad did not start: {lines[-1] if lines else 'its log is empty'}")
             time.sleep(0.001)
         yield process.pid, port, (time.monotonic() - started) * 1000
     finally:
-        process.send_signal(signal.SIGTERM)
-        with contextlib.suppress(subprocess.TimeoutExpired):
-            process.wait(timeout=10)
-        process.kill()
-        process.wait()
+        process.terminate()
+        wait_or_kill(process, 10)
 
 
-def judged(value, met, aim):
-    return f"{value}   (aim: {aim}: {'met' if met else 'MISSED'})"
+def with_verdict(value, met, target):
+    return f"{value}   (target: {target}: {'met' if met else 'MISSED'})"
 
 
 def measure_rates(wrk, host, nginx_port, rounds, seconds):
@@ -236,7 +235,7 @@ def measure_rates(wrk, host, nginx_port, rounds, seconds):
         wrk.run(port, path, 64, 1, ids, token)
     for _ in range(rounds):
         for count in CONNECTIONS:
-            for name in random.sample(list(targets), len(targets)):  # so that none is always first
+            for name in random.sample(list(targets), len(targets)):  # in another order each time
                 port, path, ids, token = targets[name]
                 results[name, count].append(wrk.run(port, path, count, seconds, ids, token))
 
@@ -255,7 +254,7 @@ def measure_rates(wrk, host, nginx_port, rounds, seconds):
     for name in list(targets)[:3]:
         ratio = median(name, 64, "rate") / median("bare handler", 64, "rate")
         print(f"{name}, of the bare handler at 64 connections: "
-              + judged(f"{ratio:.2f}", ratio >= AIM_OF_BARE, f"at least {AIM_OF_BARE}"))
+              + with_verdict(f"{ratio:.2f}", ratio >= TARGET_RATIO_TO_BARE, f"at least {TARGET_RATIO_TO_BARE}"))
 
 
 @contextlib.contextmanager
@@ -274,7 +273,7 @@ def stalled_calls(port, tokens, count):
         wait_until(lambda: metric(port, 'vexa_lane_busy{lane="long"}') == count, 10, f"{count} calls that hang")
         yield
         if metric(port, 'vexa_lane_busy{lane="long"}') != count:
-            raise Unmeasured("the calls that should hang did not")
+            raise MeasurementError("the calls that should hang have ended")
     finally:
         call(port, "/webapi/VEXA.Bench/release", tokens[0])
         for client in sockets:
@@ -294,7 +293,7 @@ def measure_stall(wrk, host, rounds, seconds):
     ratio = statistics.median(beside) / statistics.median(without)
     print(f"\np99 of get at {STALL_CONNECTIONS} connections: {statistics.median(without) / 1000:.2f} ms; "
           f"beside {STALLED_CALLS} calls that hang: {statistics.median(beside) / 1000:.2f} ms; ratio "
-          + judged(f"{ratio:.2f}", ratio <= AIM_STALL_RATIO, f"not more than {AIM_STALL_RATIO}"))
+          + with_verdict(f"{ratio:.2f}", ratio <= TARGET_STALL_RATIO, f"not more than {TARGET_STALL_RATIO}"))
 
 
 def measure_start(build, data, log):
@@ -302,41 +301,42 @@ def measure_start(build, data, log):
     for _ in range(STARTS):
         with real_daemon(build, data, log) as (_, _, milliseconds):
             times.append(milliseconds)
-    middle = statistics.median(times)
+    median = statistics.median(times)
     print("vexad from exec to its first answer: "
-          + judged(f"{middle:.0f} ms", middle < AIM_START_MS, f"below {AIM_START_MS} ms"))
+          + with_verdict(f"{median:.0f} ms", median < TARGET_START_MS, f"below {TARGET_START_MS} ms"))
 
 
 def idle_connections(port, count):
-    """Connections that have had an answer and say no more."""
+    """Returns connections that have received an answer and are idle."""
     clients = []
     for _ in range(count):
         client = socket.create_connection(("127.0.0.1", port), 5)
         clients.append(client)
         client.sendall(b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n")
         if not client.recv(4096).startswith(b"HTTP/1.1 200"):
-            raise Unmeasured("an idle connection got no answer")
+            raise MeasurementError("an idle connection got no answer")
     return clients
 
 
 def measure_memory(build, data, log, wrk, host, seconds):
     with real_daemon(build, data, log) as (pid, port, _):
-        empty = of_process(pid, "VmRSS") / 1024
+        empty = process_status(pid, "VmRSS") / 1024
         wrk.run(port, GET, 64, seconds, "all", host["tokens"]["admin"])
-        loaded = of_process(pid, "VmRSS")
+        loaded = process_status(pid, "VmRSS")
         print(f"vexad's resident memory: {empty:.1f} MiB after its start, with 1,000 guests after the load "
-              + judged(f"{loaded / 1024:.1f} MiB", loaded / 1024 < AIM_MEMORY_MIB, f"below {AIM_MEMORY_MIB} MiB"))
+              + with_verdict(f"{loaded / 1024:.1f} MiB", loaded / 1024 < TARGET_MEMORY_MIB,
+                             f"below {TARGET_MEMORY_MIB} MiB"))
         count = min(IDLE_CONNECTIONS, resource.getrlimit(resource.RLIMIT_NOFILE)[0] - 200)
         if count < IDLE_CONNECTIONS:
             print(f"The limit on open files allows {count} idle connections only.")
-        threads = of_process(pid, "Threads")
-        loaded = of_process(pid, "VmRSS")
+        threads = process_status(pid, "Threads")
+        loaded = process_status(pid, "VmRSS")
         clients = idle_connections(port, count)
         try:
             if metric(port, "vexa_connections") < count:
-                raise Unmeasured("idle connections were closed")
-            print(f"{count:,} idle connections: {of_process(pid, 'Threads')} threads (before: {threads}), "
-                  f"{(of_process(pid, 'VmRSS') - loaded) / count:.2f} KiB of resident memory each")
+                raise MeasurementError("idle connections were closed")
+            print(f"{count:,} idle connections: {process_status(pid, 'Threads')} threads (before: {threads}), "
+                  f"{(process_status(pid, 'VmRSS') - loaded) / count:.2f} KiB of resident memory each")
         finally:
             for client in clients:
                 client.close()
@@ -360,10 +360,10 @@ def main():
 
     failures = []
 
-    def attempt(measure, *given):
+    def attempt(measure, *inputs):
         try:
-            measure(*given)
-        except (Unmeasured, OSError, subprocess.SubprocessError) as problem:
+            measure(*inputs)
+        except (MeasurementError, OSError, subprocess.SubprocessError) as problem:
             failures.append(str(problem))
             print(f"NOT MEASURED ({measure.__name__}): {problem}")
 
@@ -377,9 +377,9 @@ def main():
                 with nginx(folder, host["reply"], host["io_threads"]) as nginx_port:
                     attempt(measure_rates, wrk, host, nginx_port, rounds, seconds)
                 attempt(measure_stall, wrk, host, stall_rounds, seconds)
-        except (Unmeasured, OSError) as problem:
+        except (MeasurementError, OSError) as problem:
             sys.exit(f"http_bench.py: {problem}")
-        # The host has left its folder behind: guests, accounts and sessions.
+        # The folder of the host is still there, with guests, accounts and sessions.
         attempt(measure_start, build, folder / "data", log)
         attempt(measure_memory, build, folder / "data", log, wrk, host, seconds)
     if failures:

@@ -1,8 +1,8 @@
 #include "bench/http_bench_data.h"
 
-#include <errno.h>
 #include <json/value.h>
 
+#include "bench/bench_util.h"
 #include "bench/guest_records.h"
 #include "host/base/files.h"
 #include "host/cluster/account_store.h"
@@ -18,11 +18,11 @@ constexpr int kGuestsPerCommit = 100;
 void AddGuest(int number, store::Transaction& transaction) {
   const std::string id = Id(0, number);
   Json::Value guest = GuestRecord(number);
-  for (int part = 2 * number; part < 2 * number + 2; ++part) {
-    guest["vdisks"].append(Id(1, part));
-    guest["vnics"].append(Id(2, part));
-    transaction.operations.push_back(Put("vdisk", Id(1, part), DiskRecord(id, part)));
-    transaction.operations.push_back(Put("vnic", Id(2, part), NicRecord(id)));
+  for (int device = 2 * number; device < 2 * number + 2; ++device) {
+    guest["vdisks"].append(Id(1, device));
+    guest["vnics"].append(Id(2, device));
+    transaction.operations.push_back(Put("vdisk", Id(1, device), DiskRecord(id, device)));
+    transaction.operations.push_back(Put("vnic", Id(2, device), NicRecord(id)));
   }
   transaction.operations.push_back(Put("guest", id, guest));
 }
@@ -40,16 +40,11 @@ store::Operation Grant(std::uint32_t uid, int guests) {
   Json::Value record(Json::objectValue);
   record["authlevel"] = "user";
   for (int number = 0; number < guests; ++number) record["guests"][Id(0, number)] = true;
-  return {cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", uid)),
+  return {records::GuestAdminKey(records::GuestAdminIdentifier("users", uid)),
           VexaVirtualization::json::ToText(record)};
 }
 
 }  // namespace
-
-void Fail(const std::string& message) {
-  std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
-  std::exit(1);
-}
 
 std::vector<std::string> GuestIds() {
   std::vector<std::string> ids;
@@ -65,8 +60,8 @@ void Seed(const std::string& folder) {
   cluster::AccountStore accounts(store);
   AddUser(accounts, kAdministrator, {"administrators"});
   store::Transaction grants;
-  grants.operations = {Grant(AddUser(accounts, kUserOfSome, {}), kGrantedToSome),
-                       Grant(AddUser(accounts, kUserOfAll, {}), kGuests)};
+  grants.operations = {Grant(AddUser(accounts, kUserWithSomeGuests, {}), kGrantedGuests),
+                       Grant(AddUser(accounts, kUserWithAllGuests, {}), kGuests)};
   (void)Require(store->Commit(grants));
   for (int first = 0; first < kGuests; first += kGuestsPerCommit) {
     store::Transaction transaction;

@@ -1,9 +1,6 @@
-// The cost of determining every guest's state, of reading the cached result, and of the table behind lists, unchanged
-// and with one changed guest: for growing numbers of guests on 100 hosts, with two network interfaces each. The hosts
-// are simulated by one server in this process.
-#include <sys/resource.h>
-
-#include <algorithm>
+// Measures the cost of computing every guest's state, of reading the cached result, and of listing the guests,
+// unchanged and with one changed guest: for growing numbers of guests on 100 hosts, with two network interfaces each.
+// One server in this process simulates the hosts.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_util.h"
 #include "bench/guest_records.h"
+#include "bench/simulated_host.h"
 #include "host/api/user/guest_states.h"
 #include "host/http/http_server.h"
 #include "host/records/environment.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/transport.h"
@@ -28,7 +27,9 @@
 namespace {
 
 using namespace vexa;
-using std::chrono::steady_clock;
+using bench::Check;
+using bench::Median;
+using bench::MillisecondsOf;
 namespace states = VexaCCC::State;
 
 constexpr int kHosts = 100;
@@ -38,40 +39,16 @@ constexpr const char* kInterfaces =
     R"({"success":true,"data":[{"ifname":"lo","status":"connected"},{"ifname":"ovs_eth0","ip":"192.0.2.1",)"
     R"("status":"connected","type":"ethernet"}]})";
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "state_bench: %s failed\n", what);
-  std::exit(1);
-}
-
-double MillisecondsOf(const auto& work) {
-  const auto start = steady_clock::now();
-  work();
-  return std::chrono::duration<double, std::milli>(steady_clock::now() - start).count();
-}
-
-double Median(std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  return samples[samples.size() / 2];
-}
-
 std::string HostId(int number) { return bench::Id(3, number); }
 std::string RepositoryId(int number) { return bench::Id(4, number); }
 
-// The hosts' ends of the connections.
-std::unique_ptr<daemon::HttpServer> MakeHosts() {
-  daemon::ServerOptions options;
-  options.listeners = {daemon::ListenerOptions()};
-  options.io_threads = 1;
-  options.on_request = [](daemon::HttpRequest&&, const daemon::Responder& responder) {
-    daemon::HttpResponse response;
-    response.body = kInterfaces;
-    responder.Send(std::move(response));
+// The server that simulates all hosts.
+std::unique_ptr<http::HttpServer> StartSimulatedHosts() {
+  http::ServerOptions options = bench::ServerOptionsOf({});
+  options.on_request = [](http::HttpRequest&&, const http::Responder& responder) {
+    bench::Answer(responder, kInterfaces);
   };
-  options.make_error = [](int, const std::string&) { return daemon::HttpResponse(); };
-  auto server = daemon::HttpServer::Start(std::move(options));
-  Check(server.ok(), "server");
-  return std::move(*server);
+  return bench::Require(http::HttpServer::Start(std::move(options)));
 }
 
 void Commit(store::Store& store, store::Transaction& transaction) {
@@ -98,7 +75,7 @@ void SeedHosts(store::Store& store) {
   Commit(store, transaction);
 }
 
-// Two out of three run.
+// Two of three guests run.
 void AddGuest(int number, store::Transaction& transaction) {
   const std::string id = bench::Id(0, number);
   const bool runs = number % 3 != 0;
@@ -107,16 +84,16 @@ void AddGuest(int number, store::Transaction& transaction) {
   guest["repository_id"] = RepositoryId(number % kRepositories);
   guest["state"] = runs ? states::Guest::running : states::Guest::shutdown;
   guest["shutdownreasonvalue"] = number % 17;
-  for (int part = 2 * number; part < 2 * number + 2; ++part) {
-    guest["vdisks"].append(bench::Id(1, part));
-    guest["vnics"].append(bench::Id(2, part));
+  for (int device = 2 * number; device < 2 * number + 2; ++device) {
+    guest["vdisks"].append(bench::Id(1, device));
+    guest["vnics"].append(bench::Id(2, device));
     Json::Value nic = bench::NicRecord(id);
     if (runs) {
-      Json::Value& place = nic["running"][HostId(number % kHosts)];
-      place["bridge_name"] = "ovs_br0";
-      place["nic_id"] = "n0";
+      Json::Value& attachment = nic["running"][HostId(number % kHosts)];
+      attachment["bridge_name"] = "ovs_br0";
+      attachment["nic_id"] = "n0";
     }
-    transaction.operations.push_back(bench::Put("vnic", bench::Id(2, part), nic));
+    transaction.operations.push_back(bench::Put("vnic", bench::Id(2, device), nic));
   }
   transaction.operations.push_back(bench::Put("guest", id, guest));
 }
@@ -130,14 +107,14 @@ struct Figures {
   double changed_list_ms = 0;
 };
 
-void List(services::GuestStates& states, int guests) {
-  const cluster::RequestScope scope;
+void List(api::GuestStates& states, int guests) {
+  const records::RequestScope scope;
   const auto listing = states.List();
   Check(listing.ok() && listing->guests->size() == static_cast<std::size_t>(guests), "list");
 }
 
 void MeasureLists(store::Store& store, int guests, int rounds, Figures& figures) {
-  services::GuestStates states;
+  api::GuestStates states;
   (void)states.links().Get(std::chrono::minutes(1));
   figures.first_list_ms = MillisecondsOf([&] { List(states, guests); });
   std::vector<double> unchanged;
@@ -153,9 +130,9 @@ void MeasureLists(store::Store& store, int guests, int rounds, Figures& figures)
   figures.changed_list_ms = Median(changed);
 }
 
-// As in the daemon: one state of the store for the whole refresh.
+// Reads one snapshot of the store for the whole refresh, as the daemon does.
 void Refresh(int guests) {
-  const cluster::RequestScope scope;
+  const records::RequestScope scope;
   Json::Value data;
   Check(VexaVirtualization::GuestUIStatusCache().GetUpdatedData(data), "refresh");
   Check(data["guests"].size() == static_cast<Json::ArrayIndex>(guests), "every guest");
@@ -174,20 +151,18 @@ Figures Measure(int guests) {
   const test::TempDir folder;
   store::LmdbOptions store_options;
   store_options.directory = folder.File("store");
-  auto opened = store::OpenLmdbStore(store_options);
-  Check(opened.ok(), "store");
-  const std::shared_ptr<store::Store> store = std::move(*opened);
+  const std::shared_ptr<store::Store> store = bench::Require(store::OpenLmdbStore(store_options));
   SeedHosts(*store);
   store::Transaction transaction;
   for (int number = 0; number < guests; ++number) {
     AddGuest(number, transaction);
     if ((number + 1) % kGuestsPerCommit == 0 || number + 1 == guests) Commit(*store, transaction);
   }
-  cluster::Environment environment;
+  records::Environment environment;
   environment.store = store;
   environment.host_id = HostId(0);
   environment.cache_directory = folder.File("cache");
-  cluster::InstallEnvironment(std::move(environment));
+  records::InstallEnvironment(std::move(environment));
 
   Figures figures;
   std::vector<double> samples;
@@ -196,7 +171,7 @@ Figures Measure(int guests) {
   for (int i = 0; i < rounds; ++i) samples.push_back(MillisecondsOf([&] { Refresh(guests); }));
   figures.refresh_ms = Median(samples);
   {
-    const cluster::RequestScope scope;
+    const records::RequestScope scope;
     (void)VexaVirtualization::GuestUIStatusCache().BlockedRead();
   }
   figures.first_read_ms = MillisecondsOf([&] { Read(guests); });
@@ -204,22 +179,20 @@ Figures Measure(int guests) {
   for (int i = 0; i < rounds; ++i) samples.push_back(MillisecondsOf([&] { Read(guests); }));
   figures.read_ms = Median(samples);
   MeasureLists(*store, guests, rounds, figures);
-  cluster::RemoveEnvironment();
+  records::RemoveEnvironment();
   return figures;
 }
 
 }  // namespace
 
 int main() {
-  const auto hosts = MakeHosts();
-  const std::string address = "127.0.0.1:" + std::to_string(hosts->port(0));
+  const auto hosts = StartSimulatedHosts();
+  const std::string address = bench::AddressOf(*hosts);
   transport::TransportOptions options;
-  options.host_id = "none";  // so that all of them are called over sockets
+  options.host_id = "none";  // an id of no host in the records, so that all hosts are called over sockets
   options.remote = transport::TransportOptions::Remote::kPlain;
   options.find_address = [address](const std::string&) { return std::optional(address); };
-  auto made = transport::Transport::Make(std::move(options));
-  Check(made.ok(), "transport");
-  transport::InstallTransport(std::move(*made));
+  transport::InstallTransport(bench::Require(transport::Transport::Make(std::move(options))));
 
   std::printf("%8s %14s %12s %10s %16s %12s %14s %10s %18s\n", "guests", "refresh ms", "us a guest", "of 1000's",
               "first read ms", "read ms", "first list ms", "list ms", "one changed, ms");

@@ -1,4 +1,6 @@
-// The cost of the embedded store: reads in microseconds, commits as a ratio to the disk's bare sync in the same run.
+// Measures the cost of the LMDB store: reads in microseconds, commits as a ratio to bare syncs of the disk in the same
+// run.
+//
 // Usage: store_bench [FOLDER] (a new folder below it is used and removed)
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,13 +9,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench/bench_util.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 
@@ -21,10 +23,12 @@ namespace {
 
 using std::chrono::steady_clock;
 using namespace vexa::store;
+using vexa::bench::Check;
+using vexa::bench::Quantile;
 
 constexpr int kGuests = 10'000;
 constexpr int kReads = 20'000;
-constexpr std::chrono::seconds kPeriod{2};
+constexpr std::chrono::seconds kMeasuredTime{2};
 
 double MicrosecondsOf(const std::function<void()>& work) {
   const auto start = steady_clock::now();
@@ -32,16 +36,8 @@ double MicrosecondsOf(const std::function<void()>& work) {
   return std::chrono::duration<double, std::micro>(steady_clock::now() - start).count();
 }
 
-void PrintQuantiles(const char* what, std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  std::printf("%-44s p50 %8.2f us   p99 %8.2f us\n", what, samples[samples.size() / 2],
-              samples[samples.size() * 99 / 100]);
-}
-
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "store_bench: %s failed\n", what);
-  std::exit(1);
+void PrintQuantiles(const char* what, const std::vector<double>& samples) {
+  std::printf("%-44s p50 %8.2f us   p99 %8.2f us\n", what, Quantile(samples, 0.5), Quantile(samples, 0.99));
 }
 
 std::string GuestKey(int guest, const char* part) { return MakeKey({"dash", "guest", std::to_string(guest), part}); }
@@ -95,7 +91,7 @@ double BareSyncRate(const std::string& directory) {
   Check(::fsync(fd) == 0, "sync");
   int syncs = 0;
   const auto start = steady_clock::now();
-  for (; steady_clock::now() - start < kPeriod; ++syncs) {
+  for (; steady_clock::now() - start < kMeasuredTime; ++syncs) {
     Check(::pwrite(fd, page.data(), page.size(), syncs % 64 * 4096) == 4096 && ::fdatasync(fd) == 0, "sync");
   }
   const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
@@ -110,7 +106,7 @@ double CommitRate(Store& store, int threads) {
   for (int t = 0; t < threads; ++t) {
     running.emplace_back([&, t] {
       const std::string text(800, 'y');
-      for (int i = 0; steady_clock::now() - start < kPeriod; ++i) {
+      for (int i = 0; steady_clock::now() - start < kMeasuredTime; ++i) {
         Check(store.Commit({{}, {{GuestKey((i * threads + t) % kGuests, "state"), text}}}).ok(), "commit");
         ++commits;
       }

@@ -1,32 +1,32 @@
-// The cost of a request to many hosts: the total compared with the slowest host alone, the cost per host, and threads.
-// All hosts are simulated by two servers in this process, which share its processors. Each measurement shows the first
-// request, which connects to every host, and later ones over the same connections.
-#include <sys/resource.h>
-#include <unistd.h>
-
+// Measures the cost of a request to many hosts: the duration compared with that of the slowest host, the cost per host,
+// and threads. Two servers in this process, which share its processors, simulate all hosts. Each measurement prints the
+// first request, which connects to every host, and later requests over the same connections.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "host/base/files.h"
+#include "bench/bench_util.h"
+#include "bench/simulated_host.h"
 #include "host/http/http_server.h"
-#include "host/transport/certificates.h"
 #include "host/transport/transport.h"
+#include "tests/support/temp_dir.h"
 #include "webapi/platform/ccc_senders.h"
 
 namespace {
 
 using namespace vexa;
+using bench::Check;
+using bench::CountThreads;
+using bench::Median;
+using bench::MillisecondsOf;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -35,46 +35,19 @@ constexpr int kRounds = 20;
 constexpr const char* kReply =
     R"({"success":true,"data":{"result":[{"success":true,"data":{"cpu":{"user_load":3}}}]}})";
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "transport_bench: %s failed\n", what);
-  std::exit(1);
-}
-
-double MillisecondsOf(const auto& work) {
-  const auto start = steady_clock::now();
-  work();
-  return std::chrono::duration<double, std::milli>(steady_clock::now() - start).count();
-}
-
-int Threads() {
-  int count = 0;
-  for ([[maybe_unused]] const auto& task : std::filesystem::directory_iterator("/proc/self/task")) ++count;
-  return count;
-}
-
-// Answers after `delay`.
+// A server that responds after `delay`.
 class Host {
  public:
   Host(milliseconds delay, const transport::TlsFiles& tls) : delay_(delay) {
-    daemon::ServerOptions options;
-    daemon::ListenerOptions listener;
-    listener.certificate_file = tls.certificate;
-    listener.key_file = tls.key;
-    listener.client_authority_file = tls.authority;
-    options.listeners = {listener};
-    options.io_threads = 1;
-    options.on_request = [this](daemon::HttpRequest&&, daemon::Responder responder) {
-      threads_ = Threads();
-      if (delay_.count() == 0) return Answer(responder);
+    http::ServerOptions options = bench::ServerOptionsOf(tls);
+    options.on_request = [this](http::HttpRequest&&, http::Responder responder) {
+      threads_ = CountThreads();
+      if (delay_.count() == 0) return bench::Answer(responder, kReply);
       const std::lock_guard lock(mutex_);
-      held_.emplace_back(steady_clock::now() + delay_, std::move(responder));
+      pending_.emplace_back(steady_clock::now() + delay_, std::move(responder));
       changed_.notify_one();
     };
-    options.make_error = [](int, const std::string&) { return daemon::HttpResponse(); };
-    auto server = daemon::HttpServer::Start(std::move(options));
-    Check(server.ok(), "server");
-    server_ = std::move(*server);
+    server_ = bench::Require(http::HttpServer::Start(std::move(options)));
     thread_ = std::thread([this] { Serve(); });
   }
   ~Host() {
@@ -86,31 +59,25 @@ class Host {
     thread_.join();
   }
 
-  std::string address() const { return "127.0.0.1:" + std::to_string(server_->port(0)); }
-  // Of the process, at its last request.
+  std::string address() const { return bench::AddressOf(*server_); }
+  // The number of threads of the process at the last request.
   int threads() const { return threads_; }
 
  private:
-  static void Answer(const daemon::Responder& responder) {
-    daemon::HttpResponse response;
-    response.body = kReply;
-    responder.Send(std::move(response));
-  }
-
   void Serve() {
     std::unique_lock lock(mutex_);
     while (!stop_) {
-      if (held_.empty()) {
+      if (pending_.empty()) {
         changed_.wait(lock);
         continue;
       }
-      const steady_clock::time_point due = held_.front().first;
+      const steady_clock::time_point due = pending_.front().first;
       if (steady_clock::now() < due) {
         changed_.wait_until(lock, due);
         continue;
       }
-      Answer(held_.front().second);
-      held_.pop_front();
+      bench::Answer(pending_.front().second, kReply);
+      pending_.pop_front();
     }
   }
 
@@ -118,9 +85,9 @@ class Host {
   std::atomic<int> threads_{0};
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<std::pair<steady_clock::time_point, daemon::Responder>> held_;
+  std::deque<std::pair<steady_clock::time_point, http::Responder>> pending_;
   bool stop_ = false;
-  std::unique_ptr<daemon::HttpServer> server_;
+  std::unique_ptr<http::HttpServer> server_;
   std::thread thread_;
 };
 
@@ -134,30 +101,28 @@ class Cluster {
       ids_.push_back("host-" + std::to_string(i));
       addresses_[ids_.back()] = slowest == Slowest::kOneSecond && i == hosts / 2 ? slow_.address() : quick_.address();
     }
-    threads_before_ = Threads();
+    threads_before_ = CountThreads();
     transport::TransportOptions options;
     options.host_id = "local-host";
     options.remote = transport::TransportOptions::Remote::kPlain;
     options.find_address = [this](const std::string& id) { return std::optional(addresses_.at(id)); };
-    auto made = transport::Transport::Make(std::move(options));
-    Check(made.ok(), "transport");
-    transport::InstallTransport(std::move(*made));
+    transport::InstallTransport(bench::Require(transport::Transport::Make(std::move(options))));
   }
   ~Cluster() { transport::RemoveTransport(); }
 
-  double Ask() {
+  double CallAllHosts() {
     VexaDRCore::Request request;
     request.setAPI("VEXA.Entry.Request");
     request.setMethod("request");
     request.addParam("mode", "parallel");
     VexaCCC::MultiSender sender(ids_);
     VexaCCC::MultiResponse responses;
-    const double took = MillisecondsOf([&] { responses = sender.process(request); });
+    const double duration_ms = MillisecondsOf([&] { responses = sender.process(request); });
     for (const std::string& id : ids_) Check(responses.getResponse(id).isSuccess(), "reply");
-    return took;
+    return duration_ms;
   }
 
-  int further_threads() const { return std::max(quick_.threads(), slow_.threads()) - threads_before_; }
+  int extra_threads() const { return std::max(quick_.threads(), slow_.threads()) - threads_before_; }
 
  private:
   Host quick_;
@@ -167,44 +132,31 @@ class Cluster {
   int threads_before_ = 0;
 };
 
-double Median(std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  return samples[samples.size() / 2];
-}
-
 void MeasureFanOut(int hosts) {
   Cluster with_slow(hosts, Slowest::kOneSecond);
-  const double first = with_slow.Ask();
+  const double first = with_slow.CallAllHosts();
   std::vector<double> later;
-  for (int i = 0; i < 5; ++i) later.push_back(with_slow.Ask());
+  for (int i = 0; i < 5; ++i) later.push_back(with_slow.CallAllHosts());
   const double slowest = static_cast<double>(kSlowest.count());
   std::printf("%5d hosts, one takes 1 s: first %7.1f ms (%.3f of the slowest), later %7.1f ms (%.3f); threads +%d\n",
-              hosts, first, first / slowest, Median(later), Median(later) / slowest, with_slow.further_threads());
+              hosts, first, first / slowest, Median(later), Median(later) / slowest, with_slow.extra_threads());
 }
 
 void MeasureCost(int hosts) {
   Cluster cluster(hosts, Slowest::kLikeOthers);
-  const double first = cluster.Ask();
+  const double first = cluster.CallAllHosts();
   std::vector<double> later;
-  for (int i = 0; i < kRounds; ++i) later.push_back(cluster.Ask());
+  for (int i = 0; i < kRounds; ++i) later.push_back(cluster.CallAllHosts());
   std::printf("%5d hosts together:       first %7.1f ms (%5.0f us per host), later %7.1f ms (%5.0f us per host)\n",
               hosts, first, 1000 * first / hosts, Median(later), 1000 * Median(later) / hosts);
 }
 
 // One host with TLS: the cost of its connection and of each request.
-void MeasureTls(const std::string& folder) {
-  const auto authority = transport::MakeAuthority();
-  Check(authority.ok(), "authority");
-  Check(WriteFileAtomically(folder + "/authority.pem", authority->certificate, 0644).ok(), "write");
-  const auto files_of = [&](const std::string& id) {
-    const auto made = transport::MakeHostCredentials(*authority, id);
-    Check(made.ok(), "certificate");
-    Check(WriteFileAtomically(folder + "/" + id + ".pem", made->certificate, 0644).ok(), "write");
-    Check(WriteFileAtomically(folder + "/" + id + ".key", made->key, 0600).ok(), "write");
-    return transport::TlsFiles{folder + "/" + id + ".pem", folder + "/" + id + ".key", folder + "/authority.pem"};
-  };
-  const Host host(milliseconds(0), files_of("host-0"));
-  const transport::TlsFiles own = files_of("local-host");
+void MeasureTls() {
+  const test::TempDir folder;
+  const bench::Authority authority(folder.path());
+  const Host host(milliseconds(0), authority.FilesOf("host-0"));
+  const transport::TlsFiles own = authority.FilesOf("local-host");
   VexaDRCore::Request request;
   request.setAPI("VEXA.Core.System");
   request.setMethod("info");
@@ -216,13 +168,11 @@ void MeasureTls(const std::string& folder) {
     options.remote = transport::TransportOptions::Remote::kTls;
     options.tls = own;
     options.find_address = [&](const std::string&) { return std::optional(host.address()); };
-    auto made = transport::Transport::Make(std::move(options));
-    Check(made.ok(), "transport");
-    transport::InstallTransport(std::move(*made));
+    transport::InstallTransport(bench::Require(transport::Transport::Make(std::move(options))));
     VexaCCC::Sender sender("host-0");
-    const auto ask = [&] { Check(sender.process(request).isSuccess(), "reply"); };
-    first.push_back(MillisecondsOf(ask));
-    for (int k = 0; k < 20; ++k) later.push_back(MillisecondsOf(ask));
+    const auto call = [&] { Check(sender.process(request).isSuccess(), "reply"); };
+    first.push_back(MillisecondsOf(call));
+    for (int k = 0; k < 20; ++k) later.push_back(MillisecondsOf(call));
   }
   transport::RemoveTransport();
   std::printf("one host over TLS 1.3:        first %7.2f ms, later %7.3f ms\n", Median(first), Median(later));
@@ -231,15 +181,9 @@ void MeasureTls(const std::string& folder) {
 }  // namespace
 
 int main() {
-  rlimit limit{};
-  Check(::getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
-  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 65'536);
-  Check(::setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
+  bench::AllowManyFiles();
   for (const int hosts : {10, 100, 1'000}) MeasureFanOut(hosts);
   for (const int hosts : {10, 100, 1'000}) MeasureCost(hosts);
-  std::string folder = "/tmp/vexa_transport_bench_XXXXXX";
-  Check(::mkdtemp(folder.data()) != nullptr, "mkdtemp");
-  MeasureTls(folder);
-  std::filesystem::remove_all(folder);
+  MeasureTls();
   return 0;
 }

@@ -1,6 +1,9 @@
 #include "cli/account_output.h"
 
+#include <fmt/format.h>
+
 #include <iostream>
+#include <vector>
 
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -10,19 +13,14 @@ namespace vexa::cli {
 namespace {
 
 std::string GroupNames(const Json::Value& user) {
-  std::string result;
+  std::vector<std::string> names;
   for (const Json::Value& group : VexaVirtualization::json::Elements(Member(user, "groups"))) {
-    result += (result.empty() ? "" : ", ") + Text(Member(group, "name"));
+    names.push_back(Text(Member(group, "name")));
   }
-  return result;
+  return fmt::format("{}", fmt::join(names, ", "));
 }
 
 }  // namespace
-
-ExitCode Say(const GlobalOptions& global, const std::string& sentence) {
-  if (!global.quiet) std::cout << sentence << '\n';
-  return ExitCode::kOk;
-}
 
 ExitCode PrintUsers(const GlobalOptions& global, const Json::Value& users) {
   if (global.json) return PrintJson(users);
@@ -35,11 +33,25 @@ ExitCode PrintUsers(const GlobalOptions& global, const Json::Value& users) {
   return ExitCode::kOk;
 }
 
-std::string Granted(const std::string& name) { return "Granted to '" + Printable(name) + "'."; }
-std::string Revoked(const std::string& name) { return "Revoked from '" + Printable(name) + "'."; }
-std::string LevelIs(const std::string& name, const std::string& level) {
-  return "The level of '" + Printable(name) + "' is now '" + Printable(level) + "'.";
+std::string UserAdded(const std::string& name) { return fmt::format("Added user '{}'.", Printable(name)); }
+std::string UserDeleted(const std::string& name) { return fmt::format("Deleted user '{}'.", Printable(name)); }
+std::string PasswordChanged(const std::string& name) {
+  return fmt::format("Changed the password of '{}'.", Printable(name));
 }
-std::string Dropped(const std::string& name) { return "Dropped what was granted to '" + Printable(name) + "'."; }
+std::string GroupsChanged(const std::string& name) {
+  return fmt::format("Changed the groups of '{}'.", Printable(name));
+}
+std::string GrantsAdded(const std::string& name) { return fmt::format("Granted to '{}'.", Printable(name)); }
+std::string GrantsRevoked(const std::string& name) { return fmt::format("Revoked from '{}'.", Printable(name)); }
+std::string LevelChanged(const std::string& name, const std::string& level) {
+  return fmt::format("The level of '{}' is now '{}'.", Printable(name), Printable(level));
+}
+std::string GrantsDropped(const std::string& name) {
+  return fmt::format("Dropped all grants of '{}'.", Printable(name));
+}
+
+Error UserExists(const std::string& name) {
+  return Error(ErrorCode::kConflict, fmt::format("There is a user '{}' already", name));
+}
 
 }  // namespace vexa::cli

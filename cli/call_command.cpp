@@ -1,5 +1,7 @@
 #include "cli/call_command.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <iostream>
 #include <string_view>
@@ -10,7 +12,7 @@
 namespace vexa::cli {
 namespace {
 
-// Both become part of the request's path.
+// For the names of APIs and methods, which become part of the request's path.
 bool IsValidName(std::string_view name) {
   if (name.empty() || name.size() > 128) return false;
   if (name.find_first_not_of('.') == std::string_view::npos) return false;
@@ -43,13 +45,10 @@ ExitCode RunCall(const GlobalOptions& global, const CallOptions& options) {
     return Report(Error(ErrorCode::kInvalid, "The parameters are not a JSON object, such as '{\"guest_id\": \"…\"}'"));
   }
 
-  const Result<HttpClientOptions> connect = ConnectOptions(global);
-  if (!connect) return Report(connect.error());
-  HttpClient client(*connect);
-  std::string path = "/webapi/" + options.api + "/" + options.method;
-  if (options.version) path += "?version=" + std::to_string(*options.version);
+  std::string path = fmt::format("/webapi/{}/{}", options.api, options.method);
+  if (options.version) path += fmt::format("?version={}", *options.version);
   // Parameters may contain a password, and there is no way to know which ones do.
-  const CallOutcome outcome = CallApi(client, path, *body, Secrecy::kSecret);
+  const CallOutcome outcome = CallServer(global, path, *body, Secrecy::kSecret);
   return outcome.exit_code == ExitCode::kOk ? PrintJson(outcome.data) : outcome.exit_code;
 }
 
@@ -67,9 +66,8 @@ ExitCode RunHealth(const GlobalOptions& global) {
     if (!body) return Report(Error(ErrorCode::kCorrupt, "The server's health report is not JSON"));
     PrintJson(*body);
   } else if (!global.quiet) {
-    Fields fields{
-        {"Server", endpoint->Name()},
-        {"Health", (healthy ? "good" : "bad") + std::string(" (HTTP ") + std::to_string(reply->status) + ")"}};
+    Fields fields{{"Server", endpoint->Name()},
+                  {"Health", fmt::format("{} (HTTP {})", healthy ? "good" : "bad", reply->status)}};
     if (body && body->isObject()) {
       for (const std::string& name : body->getMemberNames()) {
         const Json::Value& value = Member(*body, name.c_str());

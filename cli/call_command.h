@@ -1,4 +1,4 @@
-// vexa call, health: requests without a command of their own.
+// vexa call, vexa health.
 #pragma once
 
 #include <optional>

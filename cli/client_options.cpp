@@ -1,5 +1,7 @@
 #include "cli/client_options.h"
 
+#include <fmt/format.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <utility>
@@ -9,7 +11,7 @@
 namespace vexa::cli {
 namespace {
 
-constexpr int kUnauthorized = 401;
+constexpr int kHttpUnauthorized = 401;
 
 ExitCode ExitCodeOf(const Error& error) {
   return error.code() == ErrorCode::kInvalid ? ExitCode::kUsage : ExitCode::kFailed;
@@ -19,15 +21,16 @@ constexpr const char* kLoginHint = "\nRun 'vexa login'.";
 
 std::string FailureText(const HttpClient& client, const ApiReply& reply, LoginHint hint) {
   const std::string message = reply.message.empty() ? "The server refused without a reason" : reply.message;
-  std::string about = "HTTP " + std::to_string(reply.http_status);
-  if (reply.code) about = "error " + std::to_string(*reply.code) + ", " + about;
+  std::string about = fmt::format("HTTP {}", reply.http_status);
+  if (reply.code) about = fmt::format("error {}, {}", *reply.code, about);
   if (!reply.request_id.empty()) about += ", request " + reply.request_id;
-  std::string text = Printable(client.WithoutToken(message)) + " (" + Printable(client.WithoutToken(about)) + ")";
+  std::string text =
+      fmt::format("{} ({})", Printable(client.WithoutToken(message)), Printable(client.WithoutToken(about)));
   if (!reply.reason.empty()) text += "\n" + Printable(client.WithoutToken(reply.reason));
   if (!reply.details.isNull()) {
     text += "\nDetails: " + client.WithoutToken(RenderJson(reply.details, JsonLayout::kOneLine));
   }
-  if (reply.http_status == kUnauthorized && hint == LoginHint::kGive) text += kLoginHint;
+  if (reply.http_status == kHttpUnauthorized && hint == LoginHint::kShow) text += kLoginHint;
   return text;
 }
 
@@ -40,7 +43,7 @@ CallOutcome FailureOf(const Error& error) {
 
 }  // namespace
 
-std::string EnvironmentText(const char* name) {
+std::string EnvironmentVariable(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
 }
@@ -48,9 +51,9 @@ std::string EnvironmentText(const char* name) {
 Result<Endpoint> ChooseEndpoint(const GlobalOptions& options, const std::optional<SavedLogin>& saved) {
   if (!options.server.empty()) return ParseServerUrl(options.server);
   if (!options.socket.empty()) return Endpoint{"", options.socket};
-  if (const std::string server = EnvironmentText("VEXA_SERVER"); !server.empty()) return ParseServerUrl(server);
+  if (const std::string server = EnvironmentVariable("VEXA_SERVER"); !server.empty()) return ParseServerUrl(server);
   if (saved) return Endpoint{saved->server, ""};
-  const std::string socket = EnvironmentText("VEXA_SOCKET");
+  const std::string socket = EnvironmentVariable("VEXA_SOCKET");
   return Endpoint{"", socket.empty() ? std::string(kDefaultSocket) : socket};
 }
 
@@ -102,18 +105,18 @@ CallOutcome TryApi(HttpClient& client, const std::string& path, const std::strin
   const Result<HttpReply> reply = client.PostJson(path, body, secrecy);
   if (!reply) return FailureOf(reply.error());
   CallOutcome outcome;
-  Result<ApiReply> understood = ReadApiReply(*reply);
-  if (!understood) {
-    outcome = FailureOf(understood.error());
-    // A proxy in front of the server answers in its own words.
-    if (reply->status == kUnauthorized && hint == LoginHint::kGive) outcome.failure += kLoginHint;
-  } else if (!understood->success) {
+  Result<ApiReply> parsed = ReadApiReply(*reply);
+  if (!parsed) {
+    outcome = FailureOf(parsed.error());
+    // The reply of a proxy in front of the server is not in the form of the API.
+    if (reply->status == kHttpUnauthorized && hint == LoginHint::kShow) outcome.failure += kLoginHint;
+  } else if (!parsed->success) {
     outcome.exit_code = ExitCode::kFailed;
-    outcome.failure = FailureText(client, *understood, hint);
-    outcome.code = understood->code;
-    outcome.has_reason = !understood->reason.empty();
+    outcome.failure = FailureText(client, *parsed, hint);
+    outcome.code = parsed->code;
+    outcome.has_reason = !parsed->reason.empty();
   } else {
-    outcome.data = std::move(understood->data);
+    outcome.data = std::move(parsed->data);
   }
   outcome.http_status = reply->status;
   return outcome;
@@ -128,6 +131,26 @@ CallOutcome CallApi(HttpClient& client, const std::string& path, const std::stri
   CallOutcome outcome = TryApi(client, path, body, secrecy, hint);
   if (outcome.exit_code != ExitCode::kOk) std::cerr << "vexa: " << outcome.failure << '\n';
   return outcome;
+}
+
+CallOutcome CallWithClient(const GlobalOptions& global, const std::function<CallOutcome(HttpClient& client)>& call) {
+  const Result<HttpClientOptions> connect = ConnectOptions(global);
+  if (!connect) {
+    CallOutcome outcome;
+    outcome.exit_code = Report(connect.error());
+    return outcome;
+  }
+  HttpClient client(*connect);
+  return call(client);
+}
+
+CallOutcome CallServer(const GlobalOptions& global, const std::string& path, const std::string& body, Secrecy secrecy) {
+  return CallWithClient(global, [&](HttpClient& client) { return CallApi(client, path, body, secrecy); });
+}
+
+ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sentence) {
+  if (!global.quiet) std::cout << sentence << '\n';
+  return ExitCode::kOk;
 }
 
 ExitCode PrintJson(const Json::Value& data) {

@@ -1,7 +1,8 @@
-// The options that every command takes, and what they determine: which server, with which token.
+// The options that every command takes, and how commands use them to find and call the server.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,7 +31,7 @@ struct GlobalOptions {
 };
 
 // The value of an environment variable; empty without one.
-std::string EnvironmentText(const char* name);
+std::string EnvironmentVariable(const char* name);
 
 // The server to use: --server or --socket, otherwise $VEXA_SERVER, otherwise the server of `saved`, otherwise
 // $VEXA_SOCKET or kDefaultSocket.
@@ -43,10 +44,10 @@ HttpClientOptions MakeClientOptions(const GlobalOptions& options, const Endpoint
 // to the server that issued it.
 Result<HttpClientOptions> ConnectOptions(const GlobalOptions& options);
 
-// Prints "vexa: …" for an error of this program on standard error, and returns the exit code for it.
+// Prints "vexa: …" on standard error and returns the exit code: kUsage for kInvalid, otherwise kFailed.
 ExitCode Report(const Error& error);
 
-// The same for errors on the way to a server, where kUnavailable means that it cannot be reached.
+// The same for errors of HttpClient: the exit code is kUnreachable for kUnavailable.
 ExitCode ReportTransport(const Error& error);
 
 // The outcome of calling one method of the API.
@@ -59,11 +60,11 @@ struct CallOutcome {
   bool has_reason = false;           // the server gave a reason; `failure` contains it
   int http_status = 0;               // 0: there was no reply
 };
-enum class LoginHint { kGive, kOmit };
+enum class LoginHint { kShow, kOmit };
 
 // Calls a method and reads the reply; prints nothing. `failure` ends with "Run 'vexa login'." where that helps.
 CallOutcome TryApi(HttpClient& client, const std::string& path, const std::string& body,
-                   Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kGive);
+                   Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kShow);
 
 // Whether a retry a little later may succeed: no complete reply, or one that the server, or a proxy in front of it,
 // gives while it restarts or is overloaded.
@@ -71,7 +72,17 @@ bool IsTemporary(const CallOutcome& outcome);
 
 // Like TryApi, but prints a failure on standard error.
 CallOutcome CallApi(HttpClient& client, const std::string& path, const std::string& body,
-                    Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kGive);
+                    Secrecy secrecy = Secrecy::kPlain, LoginHint hint = LoginHint::kShow);
+
+// Connects, and passes the client to `call`; a failure to connect is printed.
+CallOutcome CallWithClient(const GlobalOptions& global, const std::function<CallOutcome(HttpClient& client)>& call);
+
+// Connects, and calls a method. Failures are printed.
+CallOutcome CallServer(const GlobalOptions& global, const std::string& path, const std::string& body,
+                       Secrecy secrecy = Secrecy::kPlain);
+
+// Prints a sentence about what was done, unless --quiet is set. Returns kOk.
+ExitCode PrintConfirmation(const GlobalOptions& global, const std::string& sentence);
 
 // Writes `data` as JSON on standard output.
 ExitCode PrintJson(const Json::Value& data);

@@ -1,5 +1,7 @@
 #include "cli/cluster_command.h"
 
+#include <fmt/format.h>
+
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 
@@ -27,18 +29,17 @@ struct Wipe {
     delete credentials;
   }
 };
-// Its key is wiped from memory afterwards.
+// The key is wiped from memory when it is destroyed.
 using Secret = std::unique_ptr<Credentials, Wipe>;
 
-Secret Keep(Credentials credentials) { return Secret(new Credentials(std::move(credentials))); }
+Secret MakeSecret(Credentials credentials) { return Secret(new Credentials(std::move(credentials))); }
 
-Status RefusePresent(const std::string& path) {
+bool IsPresent(const std::string& path) {
   struct stat file {};
-  if (::lstat(path.c_str(), &file) != 0 && errno == ENOENT) return {};
-  return Error(ErrorCode::kConflict, "'" + path + "' exists already");
+  return ::lstat(path.c_str(), &file) == 0 || errno != ENOENT;
 }
 
-// The key first: a certificate without its key is useless.
+// Writes the key first, because a certificate is useless without its key.
 Status Write(const Credentials& credentials, const std::string& key_path, const std::string& certificate_path) {
   if (Status key = WriteFileAtomically(key_path, credentials.key, kSecret); !key) return key;
   return WriteFileAtomically(certificate_path, credentials.certificate, kPublic);
@@ -49,12 +50,7 @@ Result<Secret> ReadAuthority(const std::string& directory) {
   if (!certificate) return certificate.error();
   Result<PrivateFile> key = ReadPrivateFile(directory + "/authority.key", kMaxFileBytes);
   if (!key) return key.error();
-  return Keep({std::move(*certificate), std::move(key->content)});
-}
-
-ExitCode Done(const GlobalOptions& global, const std::string& text) {
-  if (!global.quiet) std::cout << Printable(text) << '\n';
-  return ExitCode::kOk;
+  return MakeSecret({std::move(*certificate), std::move(key->content)});
 }
 
 }  // namespace
@@ -64,36 +60,39 @@ ExitCode RunClusterInit(const GlobalOptions& global, const std::string& director
   const std::string certificate_path = directory + "/authority.pem";
   if (Status made = CreateDirectories(directory, 0700); !made) return Report(made.error());
   for (const std::string& path : {key_path, certificate_path}) {
-    if (Status free = RefusePresent(path); !free) return Report(free.error());
+    if (IsPresent(path)) return Report(Error(ErrorCode::kConflict, fmt::format("'{}' already exists", path)));
   }
   Result<Credentials> authority = transport::MakeAuthority();
   if (!authority) return Report(authority.error());
-  const Secret kept = Keep(std::move(*authority));
-  if (Status written = Write(*kept, key_path, certificate_path); !written) return Report(written.error());
-  return Done(global, "Made the authority '" + certificate_path + "'. Anyone who has '" + key_path +
-                          "' can make hosts: keep it safe, and off the hosts.");
+  const Secret secret = MakeSecret(std::move(*authority));
+  if (Status written = Write(*secret, key_path, certificate_path); !written) return Report(written.error());
+  return PrintConfirmation(
+      global,
+      fmt::format(
+          "Created the authority '{}'. Anyone who has '{}' can add hosts to the cluster. Keep it safe, and off the "
+          "hosts.",
+          Printable(certificate_path), Printable(key_path)));
 }
 
-ExitCode RunClusterCertificate(const GlobalOptions& global, const std::string& directory, const std::string& host_id,
-                               const std::string& out, IfPresent if_present) {
-  const std::string key_path = out + "/host.key";
-  const std::string certificate_path = out + "/host.pem";
-  const Result<Secret> authority = ReadAuthority(directory);
+ExitCode RunClusterCertificate(const GlobalOptions& global, const CertificateOptions& options) {
+  const std::string key_path = options.out + "/host.key";
+  const std::string certificate_path = options.out + "/host.pem";
+  const Result<Secret> authority = ReadAuthority(options.directory);
   if (!authority) return Report(authority.error());
-  Result<Credentials> host = transport::MakeHostCredentials(**authority, host_id);
+  Result<Credentials> host = transport::MakeHostCredentials(**authority, options.host_id);
   if (!host) return Report(host.error());
-  const Secret kept = Keep(std::move(*host));
-  if (Status made = CreateDirectories(out, 0700); !made) return Report(made.error());
+  const Secret secret = MakeSecret(std::move(*host));
+  if (Status made = CreateDirectories(options.out, 0700); !made) return Report(made.error());
   for (const std::string& path : {key_path, certificate_path}) {
-    if (if_present == IfPresent::kReplace) break;
-    if (Status free = RefusePresent(path); !free) {
-      return Report(Error(free.error().code(), free.error().message() + "; --replace makes a new one in its place"));
+    if (options.if_present == IfPresent::kRefuse && IsPresent(path)) {
+      return Report(Error(ErrorCode::kConflict, fmt::format("'{}' already exists. Use --replace to replace it", path)));
     }
   }
-  if (Status written = Write(*kept, key_path, certificate_path); !written) return Report(written.error());
-  const Status copied = WriteFileAtomically(out + "/authority.pem", (*authority)->certificate, kPublic);
+  if (Status written = Write(*secret, key_path, certificate_path); !written) return Report(written.error());
+  const Status copied = WriteFileAtomically(options.out + "/authority.pem", (*authority)->certificate, kPublic);
   if (!copied) return Report(copied.error());
-  return Done(global, "Made the certificate '" + certificate_path + "' of host '" + host_id + "'.");
+  return PrintConfirmation(global, fmt::format("Created the certificate '{}' for the host '{}'.",
+                                               Printable(certificate_path), Printable(options.host_id)));
 }
 
 }  // namespace vexa::cli

@@ -12,9 +12,15 @@ ExitCode RunClusterInit(const GlobalOptions& global, const std::string& director
 
 enum class IfPresent { kRefuse, kReplace };
 
-// Creates a key and a certificate for the host `host_id` in the folder `out`: host.key (0600), host.pem, and a copy of
+struct CertificateOptions {
+  std::string directory;  // of the authority
+  std::string host_id;
+  std::string out;
+  IfPresent if_present = IfPresent::kRefuse;
+};
+
+// Creates a key and a certificate for the host in the folder `out`: host.key (0600), host.pem, and a copy of
 // authority.pem. These are that host's settings tls-key, tls-certificate and client-authority.
-ExitCode RunClusterCertificate(const GlobalOptions& global, const std::string& directory, const std::string& host_id,
-                               const std::string& out, IfPresent if_present);
+ExitCode RunClusterCertificate(const GlobalOptions& global, const CertificateOptions& options);
 
 }  // namespace vexa::cli

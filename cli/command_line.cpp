@@ -15,8 +15,8 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kFooter = R"(
-The server is --server or --socket, else $VEXA_SERVER, else the one you are logged in to, else the Unix socket
-$VEXA_SOCKET or /run/vexad/vexad.sock, where the system vouches for who you are.
+The server is that of --server or --socket, otherwise $VEXA_SERVER, otherwise the one you are logged in to, otherwise the
+Unix socket $VEXA_SOCKET or /run/vexad/vexad.sock, where your system account identifies you.
 
 Examples:
   vexa login --server https://nas:8443 alice
@@ -30,46 +30,53 @@ Examples:
 
 Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 the server cannot be reached; 130 interrupted.)";
 
-void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
-  auto* server = app.add_option("--server", options.server, "The server, such as https://nas:8443")->type_name("URL");
-  app.add_option("--socket", options.socket, "The Unix socket of a server on this host")
-      ->type_name("PATH")
-      ->excludes(server);
-  app.add_option("--token-file", options.token_file, "A file with the token to show, instead of the saved login")
-      ->type_name("PATH");
-  app.add_option("--ca-file", options.ca_file, "The authorities to trust instead of the system's (PEM)")
-      ->type_name("PATH");
-  app.add_option("--timeout", options.timeout_s, "How long to wait for a reply, 1 to 86400 s (default 60)")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(1, 86'400));
-  app.add_flag("--json", options.json, "Print the data as JSON");
-  app.add_flag("-q,--quiet", options.quiet, "Print no confirmations");
-  app.add_flag("-v,--verbose", options.verbose, "Print each request and reply on standard error, without secrets");
-  app.add_flag("--insecure-http", options.insecure_http, "Send passwords and tokens unencrypted if need be");
+void AddGlobalOptions(const Command& app, GlobalOptions& options) {
+  const Option server =
+      app.AddOption("--server", options.server, "The server, such as https://nas:8443").Placeholder("URL");
+  app.AddOption("--socket", options.socket, "The Unix socket of a server on this host")
+      .Placeholder("PATH")
+      .Excludes(server);
+  app.AddOption("--token-file", options.token_file, "A file with the token to use instead of the saved login")
+      .Placeholder("PATH");
+  app.AddOption("--ca-file", options.ca_file, "The authorities to trust instead of the system's (PEM)")
+      .Placeholder("PATH");
+  app.AddOption("--timeout", options.timeout_s, "How long to wait for a reply, 1 to 86400 s (default 60)")
+      .Placeholder("SECONDS")
+      .InRange(1, 86'400);
+  app.AddFlag("--json", options.json, "Print the data as JSON");
+  app.AddFlag("-q,--quiet", options.quiet, "Print no confirmations");
+  app.AddFlag("-v,--verbose", options.verbose, "Print each request and reply on standard error, without secrets");
+  app.AddFlag("--insecure-http", options.insecure_http, "Allow sending passwords and tokens unencrypted");
+}
+
+void AddCommands(const Command& app) {
+  AddClientCommands(app);
+  AddHostCommands(app);
+  AddRecoveryCommands(app);
+  AddActionCommands(app);
+  AddEditCommands(app);
+  AddErrorCommand(app);
+  AddAccountCommands(app);
+  AddClusterCommands(app);
+  AddRepositoryCommands(app);
+  AddImageCommands(app);
+  AddImportCommand(app);
 }
 
 }  // namespace
 
 int RunCommandLine(int argc, char** argv) {
-  Invocation invocation;
+  GlobalOptions global;
+  RunFunction run;
   CLI::App app("The command line client of the virtualization server.", "vexa");
   app.set_version_flag("--version", "vexa " VEXA_VERSION, "Print the version and exit");
   app.set_help_flag("-h,--help", "Print this help and exit");
   app.footer("\n'vexa --help' shows the options that all commands take.");  // of the commands below
   app.require_subcommand(1);
   app.fallthrough();  // global options may follow the command
-  AddGlobalOptions(app, invocation.global);
-  AddClientCommands(app, invocation);
-  AddHostCommands(app, invocation);
-  AddRecoveryCommands(app, invocation);
-  AddActionCommands(app, invocation);
-  AddEditCommands(app, invocation);
-  AddErrorCommand(app, invocation);
-  AddAccountCommands(app, invocation);
-  AddClusterCommands(app, invocation);
-  AddRepositoryCommands(app, invocation);
-  AddImageCommands(app, invocation);
-  AddImportCommand(app, invocation);
+  const Command program(app, run);
+  AddGlobalOptions(program, global);
+  AddCommands(program);
   app.footer(kFooter);
   try {
     app.parse(argc, argv);
@@ -79,7 +86,7 @@ int RunCommandLine(int argc, char** argv) {
     std::cerr << "vexa: " << Printable(error.what()) << "\nTry 'vexa --help'.\n";
     return static_cast<int>(ExitCode::kUsage);
   }
-  return static_cast<int>(invocation.run());
+  return static_cast<int>(run(global));
 }
 
 }  // namespace vexa::cli

@@ -1,4 +1,4 @@
-// The command line: which commands and options there are.
+// The command line: parses it and runs the command.
 #pragma once
 
 namespace vexa::cli {

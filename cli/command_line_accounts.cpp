@@ -1,9 +1,11 @@
-// The commands about accounts and what they may do: clients of the API, or with --local on the store of this host.
-#include <CLI/CLI.hpp>
+// The commands about accounts and their rights: through the API, or with --local on the store of this host.
 #include <algorithm>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/grant_command.h"
@@ -15,160 +17,144 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kFooter = R"(
-The daemon is asked, as by all other commands. Everything is for administrators, except setting your own password.
-Before the daemon's first start, and for repairs while it is stopped, --local works on the store itself: as the account
-that owns it, with the folders that the daemon's configuration names. --data, --store and --accounts name them instead.
+The commands call the daemon, as all others do. They are for administrators, except setting your own password. Before
+the daemon's first start, and for repairs while it is stopped, --local works on the store itself: run it as the account
+that owns the store. It takes the folders from the daemon's configuration, or from --data, --store and --accounts.
 
 Examples:
   vexa user add alice --group administrators
   sudo -u vexa vexa user add admin --group administrators --local    # before the first start of vexad
-  vexa user passwd                                                   # one's own
+  vexa user passwd                                                   # your own
   vexa user grant alice 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55)";
 
-// What the account commands share; one is alive for all of them.
+// The parsed options of all account commands, which share one instance.
 struct State {
   NewUserOptions user;
-  std::vector<std::string> words;  // guests or groups
+  std::vector<std::string> guests_or_groups;
   std::string guest;
   bool from_system = false;
   bool by_id = false;
   bool off = false;
   bool show = false;
-  bool has_name = false;
 
-  // Of the work without a daemon.
+  // For --local.
   bool local = false;
   std::string configuration;
-  AccountPlaces named;
-  std::vector<const CLI::Option*> configuration_options;  // each of them means --local as well
-  std::vector<const CLI::Option*> place_options;
+  AccountPaths given_paths;
+  std::vector<Option> configuration_options;  // each of them implies --local
+  std::vector<Option> path_options;           // likewise
 
-  static bool IsGiven(const std::vector<const CLI::Option*>& options) {
-    return std::any_of(options.begin(), options.end(), [](const CLI::Option* option) { return option->count() > 0; });
-  }
-  bool IsLocal() const { return IsGiven(configuration_options) || IsGiven(place_options); }
-  // The configuration counts only where it is asked for: --data may name the folder of another daemon.
-  Result<AccountPlaces> Places() const {
-    return IsGiven(configuration_options) ? PlacesInConfiguration(configuration) : Result<AccountPlaces>(named);
+  static bool IsGiven(const std::vector<Option>& options) { return std::ranges::any_of(options, &Option::IsGiven); }
+  bool IsLocal() const { return IsGiven(configuration_options) || IsGiven(path_options); }
+  // Intentional: with --data and the like, the configuration is not read, because they may name another daemon's
+  // folder.
+  Result<AccountPaths> Paths() const {
+    return IsGiven(configuration_options) ? PathsInConfiguration(configuration) : Result<AccountPaths>(given_paths);
   }
 };
 using Shared = std::shared_ptr<State>;
 
-void AddPlaces(CLI::App& command, const Shared& state) {
-  CLI::Option* const local =
-      command.add_flag("--local", state->local, "Work on the store of this host while no daemon runs");
-  CLI::Option* const configuration =
-      command.add_option("--config", state->configuration, "The daemon's configuration (with --local)")
-          ->type_name("FILE");
-  CLI::Option* const data =
-      command.add_option("--data", state->named.data_directory, "The daemon's data folder (as --local)")
-          ->type_name("DIR");
-  CLI::Option* const store =
-      command
-          .add_option("--store", state->named.other_store, "The store, when it is not in the data folder (as --local)")
-          ->type_name("DIR");
-  CLI::Option* const accounts =
-      command
-          .add_option("--accounts", state->named.other_accounts_path,
-                      "An account file of an older version, when it is not accounts.json in the data folder (as "
-                      "--local)")
-          ->type_name("PATH");
-  for (CLI::Option* const place : {data, store, accounts}) place->excludes(local)->excludes(configuration);
+void AddPathOptions(const Command& group, const Shared& state) {
+  const Option local = group.AddFlag("--local", state->local, "Work on the store of this host while no daemon runs");
+  const Option configuration =
+      group.AddOption("--config", state->configuration, "The daemon's configuration (with --local)")
+          .Placeholder("FILE");
   state->configuration_options.insert(state->configuration_options.end(), {local, configuration});
-  state->place_options.insert(state->place_options.end(), {data, store, accounts});
+  const Option data =
+      group.AddOption("--data", state->given_paths.data_directory, "The daemon's data folder (implies --local)")
+          .Placeholder("DIR");
+  const Option store = group
+                           .AddOption("--store", state->given_paths.store_folder,
+                                      "The store, when it is not in the data folder (implies --local)")
+                           .Placeholder("DIR");
+  const Option accounts =
+      group
+          .AddOption(
+              "--accounts", state->given_paths.account_file_path,
+              "An account file of an older version, when it is not accounts.json in the data folder (implies --local)")
+          .Placeholder("PATH");
+  for (Option option : {data, store, accounts}) {
+    option.Excludes(local).Excludes(configuration);
+    state->path_options.push_back(option);
+  }
 }
 
-void AddPasswordFlag(CLI::App& command, const Shared& state) {
-  command.add_flag_callback(
+void AddPasswordFlag(const Command& command, const Shared& state) {
+  command.AddFlag(
       "--password-stdin", [state] { state->user.password = PasswordSource::kStandardInput; },
       "Read the password from the first line of standard input");
 }
 
-CLI::App* AddNamed(CLI::App& parent, const Shared& state, const char* command, const char* help) {
-  CLI::App* added = parent.add_subcommand(command, help);
-  added->add_option("NAME", state->user.name, "The account's name")->required();
+Command AddForAccount(const Command& group, const Shared& state, const char* name, const char* help) {
+  const Command added = group.AddCommand(name, help);
+  added.AddOption("NAME", state->user.name, "The account's name").Required();
   return added;
 }
 
-using Remote = std::function<ExitCode()>;
-using Local = std::function<ExitCode(const AccountPlaces& places)>;
+using Local = std::function<ExitCode(const GlobalOptions& global, const AccountPaths& paths)>;
 
-// `local` may be empty: then the command needs a daemon.
-void OnRun(CLI::App* command, Invocation& invocation, const Shared& state, Remote remote, Local local = {}) {
-  command->callback([&invocation, state, remote = std::move(remote), local = std::move(local)] {
-    invocation.run = [state, remote, local] {
-      if (!state->IsLocal()) return remote();
-      if (!local)
-        return Report(Error(ErrorCode::kInvalid, "This command asks the daemon, and cannot work with --local"));
-      const Result<AccountPlaces> places = state->Places();
-      return places ? local(*places) : Report(places.error());
-    };
+// `remote` calls the daemon. `local` works without one; when it is empty, the command needs a daemon.
+void OnRun(const Command& command, const Shared& state, RunFunction remote, Local local = {}) {
+  command.OnRun([state, remote = std::move(remote), local = std::move(local)](const GlobalOptions& global) {
+    if (!state->IsLocal()) return remote(global);
+    if (!local) return Report(Error(ErrorCode::kInvalid, "This command needs a running daemon. Leave out --local"));
+    const Result<AccountPaths> paths = state->Paths();
+    return paths ? local(global, *paths) : Report(paths.error());
   });
 }
 
-ExitCode LocalPasswd(const GlobalOptions& global, const AccountPlaces& places, const State& state) {
-  if (state.has_name) return RunLocalUserPasswd(global, places, state.user.name, state.user.password);
-  return Report(Error(ErrorCode::kInvalid, "Name the user whose password is set: --local does not know who you are"));
+void AddUserAdd(const Command& user, const Shared& state) {
+  const Command add = AddForAccount(user, state, "add", "Add a user");
+  add.AddOption("--group", state->user.groups, "A group to be in; may be repeated").Placeholder("G").TakesOneValue();
+  add.AddOption("--uid", state->user.uid, "The uid that identifies this user on the Unix sockets of all hosts")
+      .Placeholder("N");
+  add.AddFlag("--advanced", state->user.advanced, "Make the user an advanced user");
+  AddPasswordFlag(add, state);
+  OnRun(
+      add, state, [state](const auto& global) { return RunUserAdd(global, state->user); },
+      [state](const auto& global, const auto& paths) { return RunLocalUserAdd(global, paths, state->user); });
 }
 
-void AddUserCommands(CLI::App& user, Invocation& invocation, const Shared& state) {
-  const GlobalOptions& global = invocation.global;
-  CLI::App* add = AddNamed(user, state, "add", "Add a user");
-  add->add_option("--group", state->user.groups, "A group to be in; may be repeated")
-      ->type_name("G")
-      ->allow_extra_args(false);
-  add->add_option("--uid", state->user.uid, "The user id of this person on all machines, known to their Unix sockets")
-      ->type_name("N");
-  add->add_flag("--advanced", state->user.advanced, "Make the user an advanced one");
-  AddPasswordFlag(*add, state);
-  OnRun(
-      add, invocation, state, [&global, state] { return RunUserAdd(global, state->user); },
-      [&global, state](const auto& places) { return RunLocalUserAdd(global, places, state->user); });
-
-  CLI::App* passwd = user.add_subcommand("passwd", "Set a user's password, or one's own with the old one");
-  passwd->add_option_function<std::string>(
-      "NAME",
-      [state](const std::string& name) {
-        state->user.name = name;
-        state->has_name = true;
-      },
-      "The user's name; without it one's own password is set");
-  passwd->footer(
+void AddUserPasswd(const Command& user, const Shared& state) {
+  const Command passwd = user.AddCommand("passwd", "Set a user's password, or change your own");
+  const Option name = passwd.AddOption("NAME", state->user.name, "The user's name; without it, your password is set");
+  passwd.Footer(
       "\nWithout NAME, --password-stdin reads your old password from the first line and the new one from the second.");
-  AddPasswordFlag(*passwd, state);
+  AddPasswordFlag(passwd, state);
   OnRun(
-      passwd, invocation, state,
-      [&global, state] {
-        return RunUserPasswd(global, state->has_name ? std::optional(state->user.name) : std::nullopt,
+      passwd, state,
+      [state, name](const auto& global) {
+        return RunUserPasswd(global, name.IsGiven() ? std::optional(state->user.name) : std::nullopt,
                              state->user.password);
       },
-      [&global, state](const auto& places) { return LocalPasswd(global, places, *state); });
-
-  CLI::App* group = AddNamed(user, state, "group", "Replace the groups of a user");
-  group->add_option("GROUP", state->words, "The groups")->required();
-  OnRun(
-      group, invocation, state, [&global, state] { return RunUserGroup(global, state->user.name, state->words); },
-      [&global, state](const auto& places) {
-        return RunLocalUserGroup(global, places, state->user.name, state->words);
+      [state, name](const auto& global, const auto& paths) {
+        if (name.IsGiven()) return RunLocalUserPasswd(global, paths, state->user.name, state->user.password);
+        return Report(Error(ErrorCode::kInvalid, "Name the user: with --local there is no login to take it from"));
       });
-
-  CLI::App* del = AddNamed(user, state, "del", "Delete a user and what was granted to them");
-  OnRun(
-      del, invocation, state, [&global, state] { return RunUserDel(global, state->user.name); },
-      [&global, state](const auto& places) { return RunLocalUserDel(global, places, state->user.name); });
-
-  CLI::App* list = user.add_subcommand("list", "List the users");
-  OnRun(
-      list, invocation, state, [&global] { return RunUserList(global); },
-      [&global](const auto& places) { return RunLocalUserList(global, places); });
 }
 
-void AddGroupCommands(CLI::App& group, Invocation& invocation, const Shared& state) {
-  const GlobalOptions& global = invocation.global;
-  CLI::App* list = group.add_subcommand("list", "List the groups with their members");
-  OnRun(list, invocation, state, [&global] { return RunGroupList(global); });
-  CLI::App* del = AddNamed(group, state, "del", "Delete a group that nobody is in, and what was granted to it");
-  OnRun(del, invocation, state, [&global, state] { return RunGroupDel(global, state->user.name); });
+void AddUserCommands(const Command& user, const Shared& state) {
+  AddUserAdd(user, state);
+  AddUserPasswd(user, state);
+  const Command group = AddForAccount(user, state, "group", "Replace the groups of a user");
+  group.AddOption("GROUP", state->guests_or_groups, "The groups").Required();
+  OnRun(
+      group, state,
+      [state](const auto& global) { return RunUserGroup(global, state->user.name, state->guests_or_groups); },
+      [state](const auto& global, const auto& paths) {
+        return RunLocalUserGroup(global, paths, state->user.name, state->guests_or_groups);
+      });
+  OnRun(
+      AddForAccount(user, state, "del", "Delete a user and their grants"), state,
+      [state](const auto& global) { return RunUserDel(global, state->user.name); },
+      [state](const auto& global, const auto& paths) { return RunLocalUserDel(global, paths, state->user.name); });
+  OnRun(user.AddCommand("list", "List the users"), state, RunUserList, RunLocalUserList);
+}
+
+void AddGroupCommands(const Command& group, const Shared& state) {
+  OnRun(group.AddCommand("list", "List the groups with their members"), state, RunGroupList);
+  OnRun(AddForAccount(group, state, "del", "Delete a group without members, and its grants"), state,
+        [state](const auto& global) { return RunGroupDel(global, state->user.name); });
 }
 
 GrantTarget TargetOf(const State& state, AccountKind kind) {
@@ -176,79 +162,78 @@ GrantTarget TargetOf(const State& state, AccountKind kind) {
           state.by_id ? NameForm::kId : NameForm::kName};
 }
 
-void AddLevelCommand(CLI::App& parent, Invocation& invocation, const Shared& state, AccountKind kind) {
-  const GlobalOptions& global = invocation.global;
-  CLI::App* advanced = AddNamed(parent, state, "advanced", "Make an account an advanced one");
-  CLI::Option* const off = advanced->add_flag("--off", state->off, "Make it an ordinary one again");
-  advanced->add_flag("--show", state->show, "Only show whether it is: 'advanced' or 'user'")->excludes(off);
-  advanced->add_flag("--system", state->from_system,
-                     "NAME is one of the machine's own: for daemons that take their users from PAM");
-  advanced->add_flag("--id", state->by_id, "NAME is a numeric id");
+void AddTargetFlags(const Command& command, const Shared& state) {
+  command.AddFlag("--system", state->from_system,
+                  "NAME is a user or group of the operating system: for daemons that take their users from PAM");
+  command.AddFlag("--id", state->by_id, "NAME is a numeric id");
+}
+
+void AddLevelCommand(const Command& group, const Shared& state, AccountKind kind) {
+  const Command advanced = AddForAccount(group, state, "advanced", "Make an account advanced");
+  const Option off = advanced.AddFlag("--off", state->off, "Make it ordinary again");
+  advanced.AddFlag("--show", state->show, "Only show its level: 'advanced' or 'user'").Excludes(off);
+  AddTargetFlags(advanced, state);
   const auto level = [state] { return state->off ? cluster::GrantLevel::kUser : cluster::GrantLevel::kAdvanced; };
   OnRun(
-      advanced, invocation, state,
-      [&global, state, kind, level] {
+      advanced, state,
+      [state, kind, level](const auto& global) {
         const GrantTarget target = TargetOf(*state, kind);
         return state->show ? RunShowLevel(global, target) : RunSetLevel(global, target, level());
       },
-      [&global, state, kind, level](const auto& places) {
-        if (state->show)
-          return Report(Error(ErrorCode::kInvalid, "--show asks the daemon, and cannot work with --local"));
-        return RunLocalSetLevel(global, places, TargetOf(*state, kind), level());
+      [state, kind, level](const auto& global, const auto& paths) {
+        if (state->show) return Report(Error(ErrorCode::kInvalid, "--show needs a running daemon. Leave out --local"));
+        return RunLocalSetLevel(global, paths, TargetOf(*state, kind), level());
       });
 }
 
-void AddGrantCommands(CLI::App& parent, Invocation& invocation, const Shared& state, AccountKind kind) {
-  const GlobalOptions& global = invocation.global;
-  CLI::App* grant = AddNamed(parent, state, "grant", "Allow the use of guests");
-  CLI::App* revoke = AddNamed(parent, state, "revoke", "Take the use of guests back");
-  CLI::App* drop = AddNamed(parent, state, "drop-grants", "Drop all grants and the level of an account");
-  CLI::App* grants = AddNamed(parent, state, "grants", "Show the guests and the level of an account");
-  for (CLI::App* command : {grant, revoke, drop, grants}) {
-    command->add_flag("--system", state->from_system,
-                      "NAME is one of the machine's own: for daemons that take their users from PAM");
-    command->add_flag("--id", state->by_id, "NAME is a numeric id");
-  }
-  for (CLI::App* command : {grant, revoke}) {
-    command->add_option("GUEST_ID", state->words, "The guests' ids")->required();
+void AddGrantCommands(const Command& group, const Shared& state, AccountKind kind) {
+  const Command grant = AddForAccount(group, state, "grant", "Allow the use of guests");
+  const Command revoke = AddForAccount(group, state, "revoke", "Revoke the use of guests");
+  const Command drop = AddForAccount(group, state, "drop-grants", "Drop all grants and the level of an account");
+  const Command grants = AddForAccount(group, state, "grants", "Show the guests and the level of an account");
+  for (const Command& command : {grant, revoke, drop, grants}) AddTargetFlags(command, state);
+  for (const Command& command : {grant, revoke}) {
+    command.AddOption("GUEST_ID", state->guests_or_groups, "The guests' ids").Required();
   }
   const auto target = [state, kind] { return TargetOf(*state, kind); };
   OnRun(
-      grant, invocation, state, [&global, state, target] { return RunGrant(global, target(), state->words); },
-      [&global, state, target](const auto& places) { return RunLocalGrant(global, places, target(), state->words); });
+      grant, state, [state, target](const auto& global) { return RunGrant(global, target(), state->guests_or_groups); },
+      [state, target](const auto& global, const auto& paths) {
+        return RunLocalGrant(global, paths, target(), state->guests_or_groups);
+      });
   OnRun(
-      revoke, invocation, state, [&global, state, target] { return RunRevoke(global, target(), state->words); },
-      [&global, state, target](const auto& places) { return RunLocalRevoke(global, places, target(), state->words); });
+      revoke, state,
+      [state, target](const auto& global) { return RunRevoke(global, target(), state->guests_or_groups); },
+      [state, target](const auto& global, const auto& paths) {
+        return RunLocalRevoke(global, paths, target(), state->guests_or_groups);
+      });
   OnRun(
-      drop, invocation, state, [&global, target] { return RunDropGrants(global, target()); },
-      [&global, target](const auto& places) { return RunLocalDropGrants(global, places, target()); });
-  OnRun(grants, invocation, state, [&global, target] { return RunListGrants(global, target()); });
-  AddLevelCommand(parent, invocation, state, kind);
+      drop, state, [target](const auto& global) { return RunDropGrants(global, target()); },
+      [target](const auto& global, const auto& paths) { return RunLocalDropGrants(global, paths, target()); });
+  OnRun(grants, state, [target](const auto& global) { return RunListGrants(global, target()); });
+  AddLevelCommand(group, state, kind);
 }
 
 }  // namespace
 
-void AddAccountCommands(CLI::App& app, Invocation& invocation) {
+void AddAccountCommands(const Command& app) {
   const auto state = std::make_shared<State>();
-  CLI::App* user = app.add_subcommand("user", "The users of the cluster, and what they may do");
-  CLI::App* group = app.add_subcommand("group", "The groups of the cluster, and what they may do");
-  for (CLI::App* command : {user, group}) {
-    AddPlaces(*command, state);
-    command->require_subcommand(1);
-  }
-  AddUserCommands(*user, invocation, state);
-  AddGrantCommands(*user, invocation, state, AccountKind::kUser);
-  AddGroupCommands(*group, invocation, state);
-  AddGrantCommands(*group, invocation, state, AccountKind::kGroup);
-  // Behind their commands, which would take the text over.
-  user->footer(kFooter);
-  group->footer(kFooter);
+  const Command user = app.AddGroup("user", "The users of the cluster, and what they may do");
+  const Command group = app.AddGroup("group", "The groups of the cluster, and what they may do");
+  AddPathOptions(user, state);
+  AddPathOptions(group, state);
+  AddUserCommands(user, state);
+  AddGrantCommands(user, state, AccountKind::kUser);
+  AddGroupCommands(group, state);
+  AddGrantCommands(group, state, AccountKind::kGroup);
+  // After their commands are added, because these would inherit the text.
+  user.Footer(kFooter);
+  group.Footer(kFooter);
 
-  CLI::App* of_guest =
-      app.get_subcommand("guest")->add_subcommand("grants", "Show the users and groups that a guest was granted to");
-  of_guest->add_option("GUEST", state->guest, "Its id or name")->required();
-  OnRun(of_guest, invocation, state,
-        [global = &invocation.global, state] { return RunGuestGrants(*global, state->guest); });
+  const Command guest_grants =
+      app.Group("guest").AddCommand("grants", "Show the users and groups that a guest was granted to");
+  guest_grants.AddOption("GUEST", state->guest, "Its id or name").Required();
+  OnRun(guest_grants, state, [state](const auto& global) { return RunGuestGrants(global, state->guest); });
 }
 
 }  // namespace vexa::cli

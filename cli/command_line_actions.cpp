@@ -1,5 +1,6 @@
 // The commands that start, stop and delete guests, and the cluster log.
-#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
 #include <memory>
 
 #include "cli/commands.h"
@@ -9,101 +10,99 @@
 namespace vexa::cli {
 namespace {
 
-using Shared = std::shared_ptr<GuestActionOptions>;
+constexpr const char* kTimeoutFooter = R"(
+Without --timeout the server has 3600 s for each guest. Ctrl-C ends the command immediately and reports for which
+guests the server has answered; requests that were sent are not cancelled. A name that is unknown or belongs to several
+guests stops the command before anything is sent.)";
 
-constexpr const char* kTimes =
-    "\nWithout --timeout the server has 3600 s for each guest. Ctrl-C ends the command immediately and reports\n"
-    "which guests have been answered; requests that were sent are not taken back. A name that is unknown or belongs\n"
-    "to several guests stops the command before anything is sent.";
+constexpr const char* kRestartFooter = R"(
+There is no --wait, because a guest that reboots keeps running.)";
 
-CLI::App* AddAction(CLI::App& guest, Invocation& invocation, GuestAction action, const char* word, const char* help,
-                    Shared& options) {
-  options = std::make_shared<GuestActionOptions>();
-  options->action = action;
-  CLI::App* command = guest.add_subcommand(word, help);
-  command->add_option("GUEST", options->guests, "Ids or names of guests; several are worked on concurrently")
-      ->required();
-  command->callback([&invocation, shared = options] {
-    invocation.run = [&invocation, shared] { return RunGuestAction(invocation.global, *shared); };
-  });
-  return command;
+constexpr const char* kDeleteFooter = R"(
+Asks on the terminal first; without a terminal it refuses unless --yes is given. A running guest is not deleted: its host
+refuses, so shut it down first. When the command succeeds, the guest has been deleted.)";
+
+constexpr const char* kDiscardFooter = R"(
+A guest that libvirt saved ('virsh managedsave', or a shutdown of its host) has the state saved, and 'vexa guest start'
+resumes it. Without its memory it starts as after a power cut: data that it had not written to its disks is lost.)";
+
+constexpr const char* kReleaseFooter = R"(
+libvirt keeps the current definition of each guest, without VEXA's ownership tag, and starts the guest with the host
+again if it did so before the import. All files stay. The cluster removes the guest and its grants; 'vexa import' brings
+it back.)";
+
+// A command that performs an action on guests.
+struct Action {
+  Command command;
+  std::shared_ptr<GuestActionOptions> options;
+};
+
+Action AddAction(const Command& guest, GuestAction action, const char* name, const char* help) {
+  Action added{guest.AddCommand(name, help), std::make_shared<GuestActionOptions>()};
+  added.options->action = action;
+  added.command.AddOption("GUEST", added.options->guests, "Ids or names of guests; several are processed concurrently")
+      .Required();
+  added.command.OnRun(added.options, RunGuestAction);
+  return added;
 }
 
-void AddWaiting(CLI::App* command, const Shared& options, const char* what) {
-  command->add_flag_callback(
-      "--wait", [options] { options->waiting = Waiting::kUntilSo; }, what);
-  command
-      ->add_option("--wait-timeout", options->wait_timeout_s, "How long to wait for that, 1 to 86400 s (default 300)")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(1, 86'400));
-  command->footer(kTimes);
+void AddAwaitedAction(const Command& guest, GuestAction action, const char* name, const char* help,
+                      const char* wait_help) {
+  const Action added = AddAction(guest, action, name, help);
+  added.command.AddFlag(
+      "--wait", [options = added.options] { options->waiting = Waiting::kUntilDone; }, wait_help);
+  added.command
+      .AddOption("--wait-timeout", added.options->wait_timeout_s,
+                 "How long to wait for that, 1 to 86400 s (default 300)")
+      .Placeholder("SECONDS")
+      .InRange(1, 86'400);
+  added.command.Footer(kTimeoutFooter);
 }
 
-void AddLog(CLI::App& app, Invocation& invocation) {
-  constexpr int kMost = 100'000;
-  auto* log = app.add_subcommand("log", "Show the cluster log, the newest entry last (administrators, advanced users)");
-  auto options = std::make_shared<LogOptions>();
-  auto* all = log->add_flag_callback(
-      "--all", [options] { options->range = LogOptions::Range::kAll; }, "Everything that the log has");
-  log->add_option("-n,--lines", options->count, "How many of the newest entries (default 50)")
-      ->type_name("COUNT")
-      ->check(CLI::Range(0, kMost))
-      ->excludes(all);
-  log->add_flag_callback(
+void AddDelete(const Command& guest) {
+  const Action added = AddAction(guest, GuestAction::kDelete, "delete", "Delete guests with all their disks");
+  added.command.AddFlag(
+      "-y,--yes", [options = added.options] { options->confirmation = Confirmation::kGiven; }, "Do not ask");
+  added.command.Footer(fmt::format("{}{}", kDeleteFooter, kTimeoutFooter));
+}
+
+void AddLog(const Command& app) {
+  constexpr int kMaxLines = 100'000;
+  const Command log =
+      app.AddCommand("log", "Show the cluster log, the newest entry last (administrators, advanced users)");
+  const auto options = std::make_shared<LogOptions>();
+  const Option all = log.AddFlag(
+      "--all", [options] { options->range = LogOptions::Range::kAll; }, "All entries of the log");
+  log.AddOption("-n,--lines", options->count, "How many of the newest entries (default 50)")
+      .Placeholder("COUNT")
+      .InRange(0, kMaxLines)
+      .Excludes(all);
+  log.AddFlag(
       "-f,--follow", [options] { options->following = LogOptions::Following::kYes; },
-      "Go on with new entries as they come, until Ctrl-C");
-  log->footer(
+      "Then print new entries as they arrive, until Ctrl-C");
+  log.Footer(
       "\nTimes are local. With --json each entry is an object on a line of its own.\n\nExamples:\n  vexa log -n 20\n"
       "  vexa log -f -n 0\n  vexa log --all --json | jq -r 'select(.priority == 1) | .text'");
-  log->callback([&invocation, options] {
-    invocation.run = [&invocation, options] { return RunLog(invocation.global, *options); };
-  });
-}
-
-void AddKeeping(CLI::App& guest, Invocation& invocation) {
-  Shared options;
-  CLI::App* command = AddAction(guest, invocation, GuestAction::kDiscardSaved, "discard-saved",
-                                "Remove the saved memory of guests, which are shut down then", options);
-  command->footer(
-      "\nA guest that libvirt saved ('virsh managedsave', or a shutdown of its host) is shown as saved, and 'vexa "
-      "guest\n"
-      "start' resumes it. Without its memory it starts as after a power cut: data that it had not written to its\n"
-      "disks is lost.");
-  command = AddAction(guest, invocation, GuestAction::kRelease, "release",
-                      "Return guests that are off to libvirt (administrators)", options);
-  command->footer(
-      "\nlibvirt keeps the current definition of each guest, without VEXA's mark, and starts the guest with the host\n"
-      "again if it did so before the import. All files stay. The cluster removes the guest and its grants;\n"
-      "'vexa import' brings it back.");
+  log.OnRun(options, RunLog);
 }
 
 }  // namespace
 
-void AddActionCommands(CLI::App& app, Invocation& invocation) {
-  auto& guest = *app.get_subcommand("guest");
-  Shared options;
-  CLI::App* command = AddAction(guest, invocation, GuestAction::kStart, "start", "Power guests on", options);
-  AddWaiting(command, options, "Wait until each guest is running");
-  command = AddAction(guest, invocation, GuestAction::kStop, "stop", "Ask guests to shut down", options);
-  AddWaiting(command, options, "Wait until each guest has shut down");
-  command = AddAction(guest, invocation, GuestAction::kKill, "kill", "Power guests off immediately, as if unplugged",
-                      options);
-  AddWaiting(command, options, "Wait until each guest is shown as shut down");
-  command = AddAction(guest, invocation, GuestAction::kRestart, "restart", "Reboot guests", options);
-  command->footer(
-      std::string("\nThere is nothing to wait for beyond the answer: a guest that reboots runs all the while.") +
-      kTimes);
-  command = AddAction(guest, invocation, GuestAction::kDelete, "delete", "Delete guests with all their disks", options);
-  command->add_flag_callback(
-      "-y,--yes", [options] { options->confirmation = Confirmation::kGiven; }, "Do not ask");
-  command->footer(
-      std::string(
-          "\nAsks on the terminal first; without a terminal it refuses unless --yes is given. A running guest is\n"
-          "not deleted: its host refuses, so shut it down first. The answer means that the guest has been deleted;\n"
-          "there is nothing more to wait for.") +
-      kTimes);
-  AddKeeping(guest, invocation);
-  AddLog(app, invocation);
+void AddActionCommands(const Command& app) {
+  const Command guest = app.Group("guest");
+  AddAwaitedAction(guest, GuestAction::kStart, "start", "Power guests on", "Wait until each guest is running");
+  AddAwaitedAction(guest, GuestAction::kStop, "stop", "Ask guests to shut down", "Wait until each guest has shut down");
+  AddAwaitedAction(guest, GuestAction::kKill, "kill", "Power guests off immediately, as if unplugged",
+                   "Wait until the state of each guest is shutdown");
+  AddAction(guest, GuestAction::kRestart, "restart", "Reboot guests")
+      .command.Footer(fmt::format("{}{}", kRestartFooter, kTimeoutFooter));
+  AddDelete(guest);
+  AddAction(guest, GuestAction::kDiscardSaved, "discard-saved",
+            "Remove the saved memory of guests, which are then shut down")
+      .command.Footer(kDiscardFooter);
+  AddAction(guest, GuestAction::kRelease, "release", "Return guests that are off to libvirt (administrators)")
+      .command.Footer(kReleaseFooter);
+  AddLog(app);
 }
 
 }  // namespace vexa::cli

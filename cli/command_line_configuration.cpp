@@ -1,23 +1,23 @@
-// The places that the daemon's configuration file names, read as the daemon reads it.
+// The paths that the daemon's configuration file names, read as the daemon reads it.
 #include <utility>
 
-#include "cli/account_places.h"
-#include "host/daemon/configured_places.h"
+#include "cli/account_paths.h"
+#include "host/daemon/configured_paths.h"
 
 namespace vexa::cli {
 
-Result<AccountPlaces> PlacesInConfiguration(const std::string& path) {
-  Result<daemon::ConfiguredPlaces> configured = daemon::ReadConfiguredPlaces(path);
+Result<AccountPaths> PathsInConfiguration(const std::string& path) {
+  Result<daemon::ConfiguredPaths> configured = daemon::ReadConfiguredPaths(path);
   if (!configured) return configured.error();
-  AccountPlaces places;
-  places.data_directory = std::move(configured->data_directory);
-  places.other_store = std::move(configured->store_directory);
-  places.other_accounts_path = std::move(configured->account_file);
+  AccountPaths paths;
+  paths.data_directory = std::move(configured->data_directory);
+  paths.store_folder = std::move(configured->store_directory);
+  paths.account_file_path = std::move(configured->account_file);
   if (configured->accounts) {
     const bool is_pam = *configured->accounts == "pam";
-    places.source = is_pam ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
+    paths.source = is_pam ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
   }
-  return places;
+  return paths;
 }
 
 }  // namespace vexa::cli

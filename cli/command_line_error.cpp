@@ -1,5 +1,4 @@
 // vexa error.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 
@@ -8,12 +7,11 @@
 
 namespace vexa::cli {
 
-void AddErrorCommand(CLI::App& app, Invocation& invocation) {
-  auto* error = app.add_subcommand("error", "Explain an error code of the API, or list all");
-  auto code = std::make_shared<std::optional<int>>();
-  error->add_option("CODE", *code, "The code");
-  error->callback(
-      [&invocation, code] { invocation.run = [&invocation, code] { return RunError(invocation.global, *code); }; });
+void AddErrorCommand(const Command& app) {
+  const Command error = app.AddCommand("error", "Explain an error code of the API, or list all");
+  const auto code = std::make_shared<std::optional<int>>();
+  error.AddOption("CODE", *code, "The code");
+  error.OnRun(code, RunError);
 }
 
 }  // namespace vexa::cli

@@ -1,5 +1,4 @@
 // vexa image.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
@@ -9,38 +8,35 @@
 namespace vexa::cli {
 namespace {
 
-constexpr const char* kFooter =
-    "\nExamples:\n  vexa image add debian-12 /var/lib/vexa/images/debian-12.iso\n  vexa image list\n"
-    "  vexa image remove debian-12\n\n"
-    "The id is what 'vexa guest set --iso' takes. The file is on the server's machine, below one of the folders that\n"
-    "'image-roots' in the daemon's settings names.";
+constexpr const char* kFooter = R"(
+Examples:
+  vexa image add debian-12 /var/lib/vexa/images/debian-12.iso
+  vexa image list
+  vexa image remove debian-12
+
+'vexa guest set --iso' takes the id. The file is on the server's machine, below one of the folders that the daemon's
+setting 'image-roots' names.)";
 
 }  // namespace
 
-void AddImageCommands(CLI::App& app, Invocation& invocation) {
-  auto* image = app.add_subcommand("image", "The ISO images that guests' drives can hold");
-  image->require_subcommand(1);
-  image->footer(kFooter);
+void AddImageCommands(const Command& app) {
+  const Command image = app.AddGroup("image", "The ISO images for guests' drives");
+  image.Footer(kFooter);
 
-  auto* add = image->add_subcommand("add", "Add an image, and print its id (administrators)");
-  const auto added = std::make_shared<ImageAddOptions>();
-  add->add_option("NAME", added->name, "Its name")->required();
-  add->add_option("FILE", added->file, "Its file; a relative path is below the current folder")->required();
-  add->add_option("--id", added->id, "Its id (default: a new one)")->type_name("UUID");
-  add->callback([&invocation, added] {
-    invocation.run = [&invocation, added] { return RunImageAdd(invocation.global, *added); };
-  });
+  const Command add = image.AddCommand("add", "Add an image, and print its id (administrators)");
+  const auto options = std::make_shared<ImageAddOptions>();
+  add.AddOption("NAME", options->name, "Its name").Required();
+  add.AddOption("FILE", options->file, "Its file; a relative path is below the current folder").Required();
+  add.AddOption("--id", options->id, "Its id (default: a new one)").Placeholder("UUID");
+  add.OnRun(options, RunImageAdd);
 
-  auto* list = image->add_subcommand("list", "Id, name, size, presence and path of each; paths for administrators");
-  list->callback([&invocation] { invocation.run = [&invocation] { return RunImageList(invocation.global); }; });
+  image.AddCommand("list", "List the images (paths are shown to administrators only)").OnRun(RunImageList);
 
-  auto* remove = image->add_subcommand("remove", "Remove an image that is in no guest's drive (administrators)");
+  const Command remove = image.AddCommand("remove", "Remove an image that is not in a guest's drive (administrators)");
+  remove.Footer("\nThe file stays. When drives of guests have the image, the error names these guests.");
   const auto removed = std::make_shared<std::string>();
-  remove->footer("\nThe file stays. When drives of guests have the image, the error names these guests.");
-  remove->add_option("IMAGE", *removed, "Its id or name")->required();
-  remove->callback([&invocation, removed] {
-    invocation.run = [&invocation, removed] { return RunImageRemove(invocation.global, *removed); };
-  });
+  remove.AddOption("IMAGE", *removed, "Its id or name").Required();
+  remove.OnRun(removed, RunImageRemove);
 }
 
 }  // namespace vexa::cli

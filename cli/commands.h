@@ -1,43 +1,30 @@
-// How commands register themselves on the command line. Only command_line*.cpp includes the parser's own header,
-// because it is large.
+// Adds the commands to the program. Each command_line_*.cpp defines some of these functions.
 #pragma once
 
-#include <functional>
-
-#include "cli/client_options.h"
-
-namespace CLI {
-class App;
-}
+#include "cli/command.h"
 
 namespace vexa::cli {
 
-// The result of parsing the command line.
-struct Invocation {
-  GlobalOptions global;
-  std::function<ExitCode()> run;
-};
-
-// Each adds its commands; a command that is used sets `invocation.run`. Both arguments must outlive the parse and the
-// run.
-void AddClientCommands(CLI::App& app, Invocation& invocation);
+// Each adds its commands to the program `app`.
+void AddClientCommands(const Command& app);
 // Call it after AddClientCommands, because it extends "guest".
-void AddHostCommands(CLI::App& app, Invocation& invocation);
+void AddHostCommands(const Command& app);
 // Call it after AddHostCommands: "guest recover" and "host forget".
-void AddRecoveryCommands(CLI::App& app, Invocation& invocation);
+void AddRecoveryCommands(const Command& app);
 // Also after AddClientCommands: the rest of "guest", and "log".
-void AddActionCommands(CLI::App& app, Invocation& invocation);
+void AddActionCommands(const Command& app);
 // Likewise: "guest set" and "guest edit".
-void AddEditCommands(CLI::App& app, Invocation& invocation);
-void AddErrorCommand(CLI::App& app, Invocation& invocation);
-void AddAccountCommands(CLI::App& app, Invocation& invocation);
-void AddClusterCommands(CLI::App& app, Invocation& invocation);
-void AddRepositoryCommands(CLI::App& app, Invocation& invocation);
-void AddImageCommands(CLI::App& app, Invocation& invocation);
-void AddImportCommand(CLI::App& app, Invocation& invocation);
+void AddEditCommands(const Command& app);
+void AddErrorCommand(const Command& app);
+// Also after AddClientCommands: "user", "group", and "guest grants".
+void AddAccountCommands(const Command& app);
+void AddClusterCommands(const Command& app);
+void AddRepositoryCommands(const Command& app);
+void AddImageCommands(const Command& app);
+void AddImportCommand(const Command& app);
 
-// Only the options of `vexa import`, which fill `words`.
-struct ImportWords;
-void AddImportOptions(CLI::App& import, ImportWords& words);
+// Adds only the options of `vexa import`. The parse stores their values in `arguments`, which must outlive it.
+struct RawImportArguments;
+void AddImportOptions(const Command& import, RawImportArguments& arguments);
 
 }  // namespace vexa::cli

@@ -1,5 +1,7 @@
 #include "cli/editor.h"
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -28,7 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 
 bool IsInPath(const std::string& program) {
-  const std::string path = EnvironmentText("PATH");
+  const std::string path = EnvironmentVariable("PATH");
   for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
     end = path.find(':', begin);
     const std::filesystem::path folder = path.substr(begin, end == std::string::npos ? end : end - begin);
@@ -40,7 +42,7 @@ bool IsInPath(const std::string& program) {
 // A command for the shell; "" when absent.
 std::string EditorCommand() {
   for (const char* variable : {"VISUAL", "EDITOR"}) {
-    if (std::string command = EnvironmentText(variable); !command.empty()) return command;
+    if (std::string command = EnvironmentVariable(variable); !command.empty()) return command;
   }
   for (const char* program : {"sensible-editor", "editor", "vi"}) {
     if (IsInPath(program)) return program;
@@ -50,7 +52,7 @@ std::string EditorCommand() {
 
 std::string TemporaryFolder() {
   for (const char* variable : {"XDG_RUNTIME_DIR", "TMPDIR"}) {
-    const std::string folder = EnvironmentText(variable);
+    const std::string folder = EnvironmentVariable(variable);
     if (folder.starts_with('/') && ::access(folder.c_str(), W_OK | X_OK) == 0) return folder;
   }
   return "/tmp";
@@ -81,32 +83,32 @@ Status WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t count = ::write(fd, text.data(), text.size());
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return SystemError(ErrorCode::kUnavailable, "The text to edit cannot be written", errno);
+    if (count < 0) return SystemError(ErrorCode::kUnavailable, "Cannot write the text to edit", errno);
     text.remove_prefix(static_cast<std::size_t>(count));
   }
   return {};
 }
 
-// While it lives, signals that would end or stop this process are held back.
-class HeldSignals {
+// During its lifetime, signals that would end or stop this process are blocked.
+class BlockedSignals {
  public:
-  HeldSignals() {
-    sigemptyset(&held_);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&held_, signal);
-    ::sigprocmask(SIG_BLOCK, &held_, &before_);
-    // The parent of this process may have set it to be ignored, and then the editor's exit status would be lost.
+  BlockedSignals() {
+    sigemptyset(&blocked_);
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&blocked_, signal);
+    ::sigprocmask(SIG_BLOCK, &blocked_, &original_);
+    // If the parent of this process set SIGCHLD to be ignored, the editor's exit status would be lost.
     ::signal(SIGCHLD, SIG_DFL);
   }
-  ~HeldSignals() {
+  ~BlockedSignals() {
     Drop(SIGINT);
     Drop(SIGQUIT);
-    ::sigprocmask(SIG_SETMASK, &before_, nullptr);
+    ::sigprocmask(SIG_SETMASK, &original_, nullptr);
   }
-  HeldSignals(const HeldSignals&) = delete;
-  HeldSignals& operator=(const HeldSignals&) = delete;
+  BlockedSignals(const BlockedSignals&) = delete;
+  BlockedSignals& operator=(const BlockedSignals&) = delete;
 
-  const sigset_t& before() const { return before_; }
-  const sigset_t& held() const { return held_; }
+  const sigset_t& original() const { return original_; }
+  const sigset_t& blocked() const { return blocked_; }
 
  private:
   // Drops what Ctrl-C in the editor has also sent to this process.
@@ -119,24 +121,24 @@ class HeldSignals {
     }
   }
 
-  sigset_t held_{};
-  sigset_t before_{};
+  sigset_t blocked_{};
+  sigset_t original_{};
 };
 
-// What the child does after fork.
-[[noreturn]] void BeEditor(const HeldSignals& signals, const char* command, const char* file) {
-  ::sigprocmask(SIG_SETMASK, &signals.before(), nullptr);
+// Replaces the child process with the editor, after fork.
+[[noreturn]] void ExecEditor(const BlockedSignals& signals, const char* command, const char* file) {
+  ::sigprocmask(SIG_SETMASK, &signals.original(), nullptr);
   ::execl("/bin/sh", "sh", "-c", command, "sh", file, static_cast<char*>(nullptr));
   ::_exit(127);
 }
 
-// Waits for the editor. Returns the signal that asked this process to end meanwhile; 0 without a signal.
-int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
-  constexpr timespec kLook{0, 200'000'000};
+// Waits for the editor and passes SIGTERM and SIGHUP on to it. Returns the last such signal, 0 when there was none.
+int WaitForEditor(pid_t pid, const BlockedSignals& signals, int& status) {
+  constexpr timespec kCheckInterval{0, 200'000'000};
   int received = 0;
-  status = 255 << 8;  // if the exit status is unknown, the editor did not end well
+  status = 255 << 8;  // exit code 255, in case waitpid fails
   while (::waitpid(pid, &status, WNOHANG) == 0) {
-    const int signal = ::sigtimedwait(&signals.held(), nullptr, &kLook);
+    const int signal = ::sigtimedwait(&signals.blocked(), nullptr, &kCheckInterval);
     if (signal != SIGTERM && signal != SIGHUP) continue;
     received = signal;
     ::kill(pid, signal);
@@ -144,40 +146,40 @@ int WaitForEditor(pid_t pid, const HeldSignals& signals, int& status) {
   return received;
 }
 
-std::string KeptName() { return TemporaryFolder() + "/vexa-edit-XXXXXX.txt"; }
-constexpr int kKeptEnding = 4;  // ".txt"
+std::string KeptFileTemplate() { return TemporaryFolder() + "/vexa-edit-XXXXXX.txt"; }
+constexpr int kKeptSuffixLength = 4;  // ".txt"
 
-// Rescues a file that cannot be used as text from the folder that is about to be removed. Returns its new place, for a
-// message.
+// Moves the edited file, which cannot be read, out of the folder that is about to be removed. Returns its new path; ""
+// when it cannot be moved.
 std::string RescueText(const std::string& file) {
   struct stat info {};
   if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return "";
-  std::string kept = KeptName();
-  const int fd = ::mkostemps(kept.data(), kKeptEnding, O_CLOEXEC);
+  std::string kept = KeptFileTemplate();
+  const int fd = ::mkostemps(kept.data(), kKeptSuffixLength, O_CLOEXEC);
   if (fd < 0) return "";
   ::close(fd);
   if (::rename(file.c_str(), kept.c_str()) != 0) return "";
-  return "; it is kept in '" + kept + "'";
+  return kept;
 }
 
 std::string DescribeExit(int status) {
-  if (WIFSIGNALED(status)) return "was ended by signal " + std::to_string(WTERMSIG(status));
-  return "ended with exit code " + std::to_string(WEXITSTATUS(status));
+  if (WIFSIGNALED(status)) return fmt::format("was ended by signal {}", WTERMSIG(status));
+  return fmt::format("ended with exit code {}", WEXITSTATUS(status));
 }
 
 }  // namespace
 
-Result<Edited> RunEditor(const std::string& text) {
+Result<EditorResult> RunEditor(const std::string& text) {
   const std::string editor = EditorCommand();
   if (editor.empty()) return Error(ErrorCode::kNotFound, "No editor was found. Set $VISUAL or $EDITOR");
-  const HeldSignals signals;
+  const BlockedSignals signals;
   const PrivateFolder folder;
   if (folder.error() != 0) {
     return SystemError(ErrorCode::kUnavailable, "Cannot create a folder for the text to edit", folder.error());
   }
   const std::string file = folder.path() + "/guest.txt";
   const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return SystemError(ErrorCode::kUnavailable, "The text to edit cannot be written", errno);
+  if (fd < 0) return SystemError(ErrorCode::kUnavailable, "Cannot write the text to edit", errno);
   const Status written = WriteAll(fd, text);
   ::close(fd);
   if (!written) return written.error();
@@ -186,31 +188,34 @@ Result<Edited> RunEditor(const std::string& text) {
   std::cout.flush();
   std::cerr.flush();
   const pid_t pid = ::fork();
-  if (pid == 0) BeEditor(signals, command.c_str(), file.c_str());
-  if (pid < 0) return SystemError(ErrorCode::kUnavailable, "The editor cannot be started", errno);
+  if (pid == 0) ExecEditor(signals, command.c_str(), file.c_str());
+  if (pid < 0) return SystemError(ErrorCode::kUnavailable, "Cannot start the editor", errno);
   int status = 0;
-  Edited edited;
+  EditorResult edited;
   edited.signal = WaitForEditor(pid, signals, status);
-  const bool is_well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  const bool succeeded = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   Result<std::string> content = ReadFile(file, kMaxEditedBytes);
   if (edited.signal != 0) {
-    edited.end = Edited::End::kInterrupted;
+    edited.outcome = EditorResult::Outcome::kInterrupted;
     edited.text = content ? std::move(content).value() : text;
-  } else if (!is_well) {
-    edited.end = Edited::End::kGivenUp;
-    edited.why = DescribeExit(status);
+  } else if (!succeeded) {
+    edited.outcome = EditorResult::Outcome::kAborted;
+    edited.reason = DescribeExit(status);
   } else if (!content) {
-    return Error(ErrorCode::kUnavailable, "Cannot read the edited text" + RescueText(file), content.error().ToString());
+    const std::string kept = RescueText(file);
+    const std::string message =
+        kept.empty() ? "Cannot read the edited text" : fmt::format("Cannot read the edited text, kept in '{}'", kept);
+    return Error(ErrorCode::kUnavailable, message, content.error().ToString());
   } else {
     edited.text = std::move(*content);
   }
   return edited;
 }
 
-Result<std::string> KeepText(const std::string& text) {
-  std::string path = KeptName();
-  const int fd = ::mkostemps(path.data(), kKeptEnding, O_CLOEXEC);  // of mode 0600
-  if (fd < 0) return SystemError(ErrorCode::kUnavailable, "Your text cannot be kept", errno);
+Result<std::string> SaveForUser(const std::string& text) {
+  std::string path = KeptFileTemplate();
+  const int fd = ::mkostemps(path.data(), kKeptSuffixLength, O_CLOEXEC);  // of mode 0600
+  if (fd < 0) return SystemError(ErrorCode::kUnavailable, "Cannot keep your text", errno);
   const Status written = WriteAll(fd, text);
   ::close(fd);
   if (written) return path;
@@ -218,28 +223,28 @@ Result<std::string> KeepText(const std::string& text) {
   return written.error();
 }
 
-AgainAnswer AskAgain() {
+EditAgainChoice AskToEditAgain() {
   if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDERR_FILENO) == 0) return {};
-  sigset_t held;
+  sigset_t blocked;
   sigset_t before;
-  sigemptyset(&held);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&held, signal);
-  ::sigprocmask(SIG_BLOCK, &held, &before);
-  const int signals = ::signalfd(-1, &held, SFD_CLOEXEC);
+  sigemptyset(&blocked);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&blocked, signal);
+  ::sigprocmask(SIG_BLOCK, &blocked, &before);
+  const int signals = ::signalfd(-1, &blocked, SFD_CLOEXEC);
   std::cerr << "Edit again? [Y/n] " << std::flush;
-  AgainAnswer answer;
+  EditAgainChoice answer;
   std::array<pollfd, 2> polled{{{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}}};
   while (::poll(polled.data(), polled.size(), -1) < 0 && errno == EINTR) {
   }
   signalfd_siginfo information{};
   if (polled[1].revents != 0 && ::read(signals, &information, sizeof information) == sizeof information) {
-    answer = {Again::kInterrupted, static_cast<int>(information.ssi_signo)};
+    answer = {EditAgain::kInterrupted, static_cast<int>(information.ssi_signo)};
     std::cerr << '\n';
   } else {
     std::array<char, 256> line{};  // a terminal delivers whole lines
     const ssize_t count = ::read(STDIN_FILENO, line.data(), line.size());
     const bool is_yes = count > 0 && (line[0] == '\n' || line[0] == 'y' || line[0] == 'Y');
-    answer.again = is_yes ? Again::kYes : Again::kNo;
+    answer.again = is_yes ? EditAgain::kYes : EditAgain::kNo;
   }
   ::close(signals);
   ::sigprocmask(SIG_SETMASK, &before, nullptr);

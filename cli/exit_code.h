@@ -1,4 +1,4 @@
-// How the command line client ends.
+// The exit codes of the command line client.
 #pragma once
 
 namespace vexa::cli {

@@ -1,12 +1,14 @@
 #include "cli/grant_command.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 #include <iostream>
 #include <span>
 
 #include "cli/account_output.h"
-#include "cli/guest_names.h"
 #include "cli/listing.h"
+#include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "cli/user_command.h"
@@ -18,33 +20,33 @@ namespace {
 
 constexpr std::size_t kMaxGuests = 1000;
 
-// With "kind", "name" or "id", and "system".
+// {"kind", "name" or "id", "system"}
 Result<Json::Value> ParametersOf(const GrantTarget& target) {
-  const Result<cluster::PrincipalWord> word = WordOf(target);
-  if (!word) return word.error();
+  const Result<cluster::PrincipalNameOrId> name_or_id = ParsePrincipal(target);
+  if (!name_or_id) return name_or_id.error();
   Json::Value parameters(Json::objectValue);
   parameters["kind"] = target.kind == AccountKind::kUser ? "user" : "group";
-  if (const auto* const id = std::get_if<std::uint32_t>(&*word)) {
+  if (const auto* const id = std::get_if<std::uint32_t>(&*name_or_id)) {
     parameters["id"] = *id;
   } else {
-    parameters["name"] = std::get<std::string>(*word);
+    parameters["name"] = std::get<std::string>(*name_or_id);
   }
   if (target.source == NameSource::kSystem) parameters["system"] = true;
   return parameters;
 }
 
 ExitCode ChangeGuests(const GlobalOptions& global, const char* method, const GrantTarget& target,
-                      const std::vector<std::string>& guest_ids, const std::string& done) {
-  const Result<std::vector<std::string>> ids = NormalGuestIds(guest_ids);
+                      const std::vector<std::string>& guest_ids, const std::string& confirmation) {
+  const Result<std::vector<std::string>> ids = NormalizeGuestIds(guest_ids);
   if (!ids) return Report(ids.error());
   Result<Json::Value> parameters = ParametersOf(target);
   if (!parameters) return Report(parameters.error());
   for (const std::string& id : *ids) (*parameters)["guests"].append(id);
-  return ChangeAccount(global, method, *parameters, done);
+  return ChangeAccount(global, method, *parameters, confirmation);
 }
 
-// The data of a method about the target; failures are printed.
-CallOutcome Ask(const GlobalOptions& global, const char* method, const GrantTarget& target) {
+// Calls a method about the target; failures are printed.
+CallOutcome CallForTarget(const GlobalOptions& global, const char* method, const GrantTarget& target) {
   const Result<Json::Value> parameters = ParametersOf(target);
   if (parameters) return CallAccount(global, method, *parameters);
   CallOutcome outcome;
@@ -52,60 +54,63 @@ CallOutcome Ask(const GlobalOptions& global, const char* method, const GrantTarg
   return outcome;
 }
 
-void WarnOfDamage(const Json::Value& identifiers) {
+void WarnAboutDamage(const Json::Value& identifiers) {
   for (const Json::Value& identifier : VexaVirtualization::json::Elements(identifiers)) {
-    std::cerr << "vexa: The grants of '" << Printable(Text(identifier))
-              << "' cannot be understood, and may have the guest.\n";
+    std::cerr << fmt::format("vexa: Cannot read the grants of '{}'; they may include the guest.\n",
+                             Printable(Text(identifier)));
   }
 }
 
 }  // namespace
 
-Result<cluster::PrincipalWord> WordOf(const GrantTarget& target) {
+Result<cluster::PrincipalNameOrId> ParsePrincipal(const GrantTarget& target) {
   const std::string& text = target.name;
   if (target.form == NameForm::kName) {
-    if (target.source == NameSource::kAccounts && !base::IsValidAccountName(text)) {
+    if (target.source == NameSource::kAccounts && !accounts::IsValidAccountName(text)) {
       const char* const kind = target.kind == AccountKind::kUser ? "user" : "group";
-      return Error(ErrorCode::kNotFound, std::string("The ") + kind + " name is invalid");
+      return Error(ErrorCode::kNotFound, fmt::format("The {} name is invalid", kind));
     }
-    if (text.empty() || !IsValidUtf8(text)) return NotText("account's name");
-    return cluster::PrincipalWord(text);
+    if (text.empty() || !IsValidUtf8(text)) return EmptyOrNotUtf8("account's name");
+    return cluster::PrincipalNameOrId(text);
   }
   std::uint32_t id = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
   if (error != std::errc() || end != text.data() + text.size() || id == UINT32_MAX) {
-    return Error(ErrorCode::kInvalid, "'" + text + "' is not an id: give a number from 0 to 4294967294");
+    return Error(ErrorCode::kInvalid, fmt::format("'{}' is not an id. Use a number from 0 to 4294967294", text));
   }
-  return cluster::PrincipalWord(id);
+  return cluster::PrincipalNameOrId(id);
 }
 
-Result<std::vector<std::string>> NormalGuestIds(const std::vector<std::string>& guest_ids) {
+Result<std::vector<std::string>> NormalizeGuestIds(const std::vector<std::string>& guest_ids) {
   std::vector<std::string> normal;
   for (const std::string& id : guest_ids) {
     normal.push_back(NormalizeUuid(id));
-    if (normal.back().empty()) return Error(ErrorCode::kInvalid, "'" + id + "' is not the id of a guest (a UUID)");
+    if (normal.back().empty()) {
+      return Error(ErrorCode::kInvalid, fmt::format("'{}' is not the id of a guest (a UUID)", id));
+    }
   }
   if (normal.size() > kMaxGuests) return Error(ErrorCode::kInvalid, "At most 1000 guests can be named at a time");
   return normal;
 }
 
 ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
-  return ChangeGuests(global, "grant", target, guest_ids, Granted(target.name));
+  return ChangeGuests(global, "grant", target, guest_ids, GrantsAdded(target.name));
 }
 
 ExitCode RunRevoke(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids) {
-  return ChangeGuests(global, "revoke", target, guest_ids, Revoked(target.name));
+  return ChangeGuests(global, "revoke", target, guest_ids, GrantsRevoked(target.name));
 }
 
 ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, cluster::GrantLevel level) {
   Result<Json::Value> parameters = ParametersOf(target);
   if (!parameters) return Report(parameters.error());
   (*parameters)["advanced"] = level == cluster::GrantLevel::kAdvanced;
-  return ChangeAccount(global, "level_set", *parameters, LevelIs(target.name, std::string(cluster::WordOf(level))));
+  return ChangeAccount(global, "level_set", *parameters,
+                       LevelChanged(target.name, std::string(cluster::GrantLevelName(level))));
 }
 
 ExitCode RunShowLevel(const GlobalOptions& global, const GrantTarget& target) {
-  const CallOutcome outcome = Ask(global, "level_get", target);
+  const CallOutcome outcome = CallForTarget(global, "level_get", target);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
   std::cout << Printable(Text(Member(outcome.data, "level"))) << '\n';
@@ -115,19 +120,20 @@ ExitCode RunShowLevel(const GlobalOptions& global, const GrantTarget& target) {
 ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target) {
   const Result<Json::Value> parameters = ParametersOf(target);
   if (!parameters) return Report(parameters.error());
-  return ChangeAccount(global, "grants_drop", *parameters, Dropped(target.name));
+  return ChangeAccount(global, "grants_drop", *parameters, GrantsDropped(target.name));
 }
 
 ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
-  const CallOutcome outcome = Ask(global, "grant_list", target);
+  const CallOutcome outcome = CallForTarget(global, "grant_list", target);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& guests = Member(outcome.data, "guests");
-  if (!guests.isArray()) return Report(NotUnderstood("grants"));
+  if (!guests.isArray()) return Report(MissingInReply("grants"));
   if (global.json) return PrintJson(outcome.data);
   const Json::Value& counts = Member(outcome.data, "counts");
   if (counts.isBool() && !IsTrue(counts)) {
-    std::cerr << "vexa: This was given to '" << Printable(Text(Member(outcome.data, "given_to")))
-              << "' and does not count; 'drop-grants' removes it.\n";
+    std::cerr << fmt::format(
+        "vexa: These grants belong to another account named '{}' and have no effect. 'drop-grants' removes them.\n",
+        Printable(Text(Member(outcome.data, "given_to"))));
   }
   std::cout << "Level: " << Printable(Text(Member(outcome.data, "level"))) << '\n';
   for (const Json::Value& id : guests) std::cout << Printable(Text(id)) << '\n';
@@ -137,25 +143,19 @@ ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target) {
 ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest) {
   std::string id = NormalizeUuid(guest);
   if (id.empty()) {
-    if (guest.empty() || !IsValidUtf8(guest)) return Report(NotText("guest's id or name"));
     const Result<HttpClientOptions> connect = ConnectOptions(global);
     if (!connect) return Report(connect.error());
     HttpClient client(*connect);
-    const CallOutcome listed = ListGuests(client);
-    if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-    std::vector<NamedGuest> guests;
-    const ExitCode found = FindGuests(Member(listed.data, "guests"), {guest}, guests);
-    if (found != ExitCode::kOk) return found;
-    id = guests.front().id;
+    if (const ExitCode found = FindId(client, kGuests, guest, id); found != ExitCode::kOk) return found;
   }
   Json::Value parameters(Json::objectValue);
   parameters["guest_id"] = id;
   const CallOutcome outcome = CallAccount(global, "guest_grant_list", parameters);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& principals = Member(outcome.data, "principals");
-  if (!principals.isArray()) return Report(NotUnderstood("grants"));
+  if (!principals.isArray()) return Report(MissingInReply("grants"));
   if (global.json) return PrintJson(outcome.data);
-  WarnOfDamage(Member(outcome.data, "damaged"));
+  WarnAboutDamage(Member(outcome.data, "damaged"));
   constexpr Column kColumns[] = {{"KIND", "kind"}, {"NAME", "name"}, {"ID", "id"}, {"LEVEL", "level"}};
   PrintRows(principals, kColumns);
   return ExitCode::kOk;

@@ -1,5 +1,5 @@
 // vexa user|group grant, revoke, advanced, drop-grants, grants and vexa guest grants: which guests users and groups may
-// use, and whether they are advanced, by the API.
+// use, and whether they are advanced. Through the API.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@
 
 namespace vexa::cli {
 
-using cluster::AccountKind;
-enum class NameSource { kAccounts, kSystem };  // the accounts in the store, or a machine's own users and groups (NSS)
+using records::AccountKind;
+enum class NameSource { kAccounts, kSystem };  // accounts in the store, or in the operating system (NSS)
 enum class NameForm { kName, kId };
 
 struct GrantTarget {
@@ -27,17 +27,18 @@ ExitCode RunGrant(const GlobalOptions& global, const GrantTarget& target, const 
 ExitCode RunRevoke(const GlobalOptions& global, const GrantTarget& target, const std::vector<std::string>& guest_ids);
 ExitCode RunSetLevel(const GlobalOptions& global, const GrantTarget& target, cluster::GrantLevel level);
 ExitCode RunShowLevel(const GlobalOptions& global, const GrantTarget& target);
-// Removes the record of the target's id, also when the account no longer exists.
+// Removes the grants and the level of the target's id, also when the account no longer exists.
 ExitCode RunDropGrants(const GlobalOptions& global, const GrantTarget& target);
 ExitCode RunListGrants(const GlobalOptions& global, const GrantTarget& target);
 
 // The users and groups that a guest, an id or name, was granted to.
 ExitCode RunGuestGrants(const GlobalOptions& global, const std::string& guest);
 
-// The name, or the id that it is. kInvalid for a text that can be neither.
-Result<cluster::PrincipalWord> WordOf(const GrantTarget& target);
-// The ids in lower case, as guests have them. kInvalid, with the first text that is not the id of a guest, and for more
-// than one request can hold.
-Result<std::vector<std::string>> NormalGuestIds(const std::vector<std::string>& guest_ids);
+// The name or id of the target, as its form requires. kNotFound for a name that no account can have; kInvalid for a
+// string that is neither a name nor an id.
+Result<cluster::PrincipalNameOrId> ParsePrincipal(const GrantTarget& target);
+// The ids in lower case, as guests have them. kInvalid for a string that is not a UUID, and for more ids than one
+// request may have.
+Result<std::vector<std::string>> NormalizeGuestIds(const std::vector<std::string>& guest_ids);
 
 }  // namespace vexa::cli

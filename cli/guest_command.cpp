@@ -1,5 +1,7 @@
 #include "cli/guest_command.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <iostream>
 #include <limits>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "cli/api_paths.h"
+#include "cli/listing.h"
 #include "cli/printable.h"
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
@@ -14,7 +17,7 @@
 namespace vexa::cli {
 namespace {
 
-constexpr std::int64_t kUnit = 1024;
+constexpr std::int64_t kUnitStep = 1024;
 
 enum class Kind { kText, kYesNo, kKib, kMib, kList };
 
@@ -40,18 +43,18 @@ constexpr std::array kNicFields = {
 };
 
 Kind KindOf(const GuestSetting& setting) {
-  if (setting.unit == Unit::kMib) return Kind::kKib;  // as the reply has it
-  if (setting.type == SettingType::kYesNo) return Kind::kYesNo;
+  if (setting.unit == Unit::kMib) return Kind::kKib;  // "set" takes MiB, the reply has KiB
+  if (setting.type == SettingType::kBoolean) return Kind::kYesNo;
   return setting.type == SettingType::kList ? Kind::kList : Kind::kText;
 }
 
-// The guest's settings and what else the reply says of it, in the order of the table on the screen.
+// The guest's settings and other members of the reply, in the order in which they are printed.
 std::vector<Field> GeneralFields() {
   std::vector<Field> fields;
-  bool has_ha = false;
+  bool has_ha_field = false;
   for (const GuestSetting* setting : GuestSettingsByTopic()) {
-    // It is about the guest's start, like the topic that has just ended.
-    if (setting->topic > SettingTopic::kHostStart && !std::exchange(has_ha, true)) {
+    // High availability concerns the start of a guest, so it follows the settings of that topic.
+    if (setting->topic > SettingTopic::kHostStart && !std::exchange(has_ha_field, true)) {
       fields.push_back({"High availability", "is_ha_enabled", Kind::kYesNo});
     }
     if (setting->label) fields.push_back({setting->label, setting->name, KindOf(*setting)});
@@ -64,20 +67,21 @@ std::vector<Field> GeneralFields() {
 std::string FormatSize(std::int64_t kib) {
   constexpr std::array units = {"KiB", "MiB", "GiB", "TiB"};
   std::size_t unit = 0;
-  while (kib != 0 && kib % kUnit == 0 && unit + 1 < units.size()) {
-    kib /= kUnit;
+  while (kib != 0 && kib % kUnitStep == 0 && unit + 1 < units.size()) {
+    kib /= kUnitStep;
     ++unit;
   }
-  return std::to_string(kib) + " " + units[unit];
+  return fmt::format("{} {}", kib, units[unit]);
 }
 
 // Sizes come as numbers or as text.
-std::string FormatSizeOf(const Json::Value& value, std::int64_t kib_per_unit) {
+std::string FormatSizeValue(const Json::Value& value, std::int64_t kib_per_unit) {
   const std::string text = Text(value);
   std::int64_t number = 0;
   for (const char c : text) {
     if (c < '0' || c > '9') return text;
-    if (number > std::numeric_limits<std::int64_t>::max() / kUnit / 16) return text;
+    // Leaves room for another digit and for the unit.
+    if (number > std::numeric_limits<std::int64_t>::max() / kUnitStep / 16) return text;
     number = number * 10 + (c - '0');
   }
   return text.empty() ? text : FormatSize(number * kib_per_unit);
@@ -100,9 +104,9 @@ std::string Format(const Json::Value& value, Kind kind) {
     case Kind::kYesNo:
       return value.isBool() ? (value.asBool() ? "yes" : "no") : Text(value);
     case Kind::kKib:
-      return FormatSizeOf(value, 1);
+      return FormatSizeValue(value, 1);
     case Kind::kMib:
-      return FormatSizeOf(value, kUnit);
+      return FormatSizeValue(value, kUnitStep);
     case Kind::kList:
       return FormatList(value);
   }
@@ -117,7 +121,7 @@ void PrintList(const char* title, const Json::Value& list, const std::array<Fiel
     return;
   }
   Table table;
-  for (const Field& column : columns) table.head.emplace_back(column.label);
+  for (const Field& column : columns) table.header.emplace_back(column.label);
   for (const Json::Value& element : list) {
     auto& row = table.rows.emplace_back();
     for (const Field& column : columns) row.push_back(Format(Member(element, column.member), column.kind));
@@ -128,20 +132,11 @@ void PrintList(const char* title, const Json::Value& list, const std::array<Fiel
 }  // namespace
 
 ExitCode RunGuestGet(const GlobalOptions& global, const std::string& guest_id) {
-  if (guest_id.empty() || !IsValidUtf8(guest_id)) {
-    return Report(Error(ErrorCode::kInvalid, "The guest's id is empty or not valid UTF-8"));
-  }
-  const Result<HttpClientOptions> options = ConnectOptions(global);
-  if (!options) return Report(options.error());
-  HttpClient client(*options);
-  Json::Value parameters;
-  parameters["guest_id"] = guest_id;
-  const CallOutcome outcome = CallApi(client, kGuestGet, RenderJson(parameters, JsonLayout::kOneLine));
+  if (guest_id.empty() || !IsValidUtf8(guest_id)) return Report(EmptyOrNotUtf8("guest's id"));
+  const CallOutcome outcome = CallServer(global, kGuestGet, ParameterJson("guest_id", guest_id));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   if (global.json) return PrintJson(outcome.data);
-  if (!outcome.data.isObject()) {
-    return Report(Error(ErrorCode::kCorrupt, "The server's reply contains no guest"));
-  }
+  if (!outcome.data.isObject()) return Report(MissingInReply("guest"));
   Fields fields{{"Guest", guest_id}};
   // A field that is missing from the reply is left out.
   for (const Field& field : GeneralFields()) {

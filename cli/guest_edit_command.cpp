@@ -1,5 +1,7 @@
 #include "cli/guest_edit_command.h"
 
+#include <fmt/format.h>
+
 #include <iostream>
 #include <optional>
 #include <utility>
@@ -16,34 +18,34 @@
 namespace vexa::cli {
 namespace {
 
-constexpr int kSignalBase = 128;  // the shells' convention for an end by a signal
+constexpr int kSignalExitBase = 128;  // the shells' convention for an end by a signal
 
-void Keep(const std::string& text) {
-  const Result<std::string> path = KeepText(text);
+void KeepForUser(const std::string& text) {
+  const Result<std::string> path = SaveForUser(text);
   if (path) {
     std::cerr << "vexa: Your text is kept in '" << Printable(*path) << "'\n";
   } else {
     Report(path.error());
-    std::cerr << text;  // the last resort
+    std::cerr << text;  // otherwise the user's work would be lost
   }
 }
 
-// The requested changes, checked; or an exit code when nothing is to be sent.
-struct Wanted {
+// The valid changes that the user made, or the exit code when nothing is to be sent.
+struct EditRequest {
   Json::Value parameters;
-  std::string text;
+  std::string text;  // as the user edited it
   std::optional<ExitCode> exit_code;
 };
 
-Wanted End(ExitCode exit_code) { return {Json::Value(), "", exit_code}; }
+EditRequest StopWith(ExitCode exit_code) { return {Json::Value(), "", exit_code}; }
 
-Wanted EndInterrupted(const std::string& shown, const std::string& text, int signal) {
+EditRequest EndInterrupted(const std::string& original, const std::string& text, int signal) {
   std::cerr << "vexa: Interrupted, and nothing was changed\n";
-  if (text != shown) Keep(text);
-  return End(static_cast<ExitCode>(kSignalBase + signal));
+  if (text != original) KeepForUser(text);
+  return StopWith(static_cast<ExitCode>(kSignalExitBase + signal));
 }
 
-Result<Json::Value> Changes(const Json::Value& before, const std::string& text) {
+Result<Json::Value> ParseChanges(const Json::Value& before, const std::string& text) {
   const Result<Json::Value> after = ParseSettings(text);
   if (!after) return after.error();
   Json::Value changed = ChangedSettings(before, *after);
@@ -51,53 +53,55 @@ Result<Json::Value> Changes(const Json::Value& before, const std::string& text) 
   return changed;
 }
 
-Wanted AskEditor(const NamedGuest& guest, const Json::Value& before) {
-  const std::string shown = SettingsText("The settings of the guest '" + guest.name + "' (" + guest.id + ")", before);
-  std::string text = shown;
+EditRequest EditUntilValid(const NamedGuest& guest, const Json::Value& before) {
+  const std::string original =
+      SettingsText(fmt::format("The settings of the guest '{}' ({})", guest.name, guest.id), before);
+  std::string text = original;
   while (true) {
-    Result<Edited> edited = RunEditor(text);
+    Result<EditorResult> edited = RunEditor(text);
     if (!edited) {
       Report(edited.error());
-      if (text != shown) Keep(text);
-      return End(ExitCode::kFailed);
+      if (text != original) KeepForUser(text);
+      return StopWith(ExitCode::kFailed);
     }
-    if (edited->end == Edited::End::kInterrupted) return EndInterrupted(shown, edited->text, edited->signal);
-    if (edited->end == Edited::End::kGivenUp) {
-      std::cerr << "vexa: The editor " << edited->why << ", so nothing was changed\n";
-      return End(ExitCode::kFailed);
+    if (edited->outcome == EditorResult::Outcome::kInterrupted)
+      return EndInterrupted(original, edited->text, edited->signal);
+    if (edited->outcome == EditorResult::Outcome::kAborted) {
+      std::cerr << "vexa: The editor " << edited->reason << ", so nothing was changed\n";
+      return StopWith(ExitCode::kFailed);
     }
     text = std::move(edited->text);
-    Result<Json::Value> changes = Changes(before, text);
+    Result<Json::Value> changes = ParseChanges(before, text);
     if (changes) return {std::move(*changes), std::move(text), std::nullopt};
     std::cerr << "vexa: " << Printable(changes.error().message()) << '\n';
-    const AgainAnswer answer = AskAgain();
-    if (answer.again == Again::kInterrupted) return EndInterrupted(shown, text, answer.signal);
-    if (answer.again == Again::kYes) continue;
+    const EditAgainChoice answer = AskToEditAgain();
+    if (answer.again == EditAgain::kInterrupted) return EndInterrupted(original, text, answer.signal);
+    if (answer.again == EditAgain::kYes) continue;
     std::cerr << "vexa: Nothing was changed\n";
-    Keep(text);
-    return End(ExitCode::kFailed);
+    KeepForUser(text);
+    return StopWith(ExitCode::kFailed);
   }
 }
 
 }  // namespace
 
-ExitCode RunGuestEdit(const GlobalOptions& global, const std::string& word) {
-  if (word.empty() || !IsValidUtf8(word)) return Report(NotText("guest's id or name"));
+ExitCode RunGuestEdit(const GlobalOptions& global, const std::string& id_or_name) {
+  if (id_or_name.empty() || !IsValidUtf8(id_or_name)) return Report(EmptyOrNotUtf8("guest's id or name"));
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
   HttpClient client(*connect);
   NamedGuest guest;
-  if (const ExitCode found = FindGuest(client, word, guest); found != ExitCode::kOk) return found;
-  const CallOutcome got = CallApi(client, kGuestGet, OneParameter("guest_id", guest.id));
+  if (const ExitCode found = FindGuest(client, id_or_name, guest); found != ExitCode::kOk) return found;
+  const CallOutcome got = CallApi(client, kGuestGet, ParameterJson("guest_id", guest.id));
   if (got.exit_code != ExitCode::kOk) return got.exit_code;
-  if (!got.data.isObject()) return Report(NotUnderstood("guest"));
-  const Wanted wanted = AskEditor(guest, SettingsOf(got.data));
-  if (wanted.exit_code) return *wanted.exit_code;
-  if (wanted.parameters.empty()) return ShowOutcome(global, guest, CallOutcome(), "Nothing was changed");
-  const auto keep = [&] { Keep(wanted.text); };
-  const CallOutcome outcome = SendEdit(global, *connect, guest, wanted.parameters, keep);
-  const ExitCode exit_code = ShowEdit(global, guest, wanted.parameters, outcome);
-  if (!WasEdited(outcome)) keep();
+  if (!got.data.isObject()) return Report(MissingInReply("guest"));
+  const EditRequest request = EditUntilValid(guest, SettingsOf(got.data));
+  if (request.exit_code) return *request.exit_code;
+  if (request.parameters.empty()) return ShowOutcome(global, guest, CallOutcome(), "Nothing was changed");
+  const auto keep = [&] { KeepForUser(request.text); };
+  const CallOutcome outcome = SendEdit(global, *connect, guest, request.parameters, keep);
+  const ExitCode exit_code = ShowEditResult(global, guest, request.parameters, outcome);
+  if (!WasGuestEdited(outcome)) keep();
   return exit_code;
 }
 

@@ -14,15 +14,13 @@ struct NamedGuest {
   std::string host_id;  // "" when it has none
 };
 
-// The data of Guest "list", checked; failures are printed.
-CallOutcome ListGuests(HttpClient& client);
+// Finds guests by id or name (UTF-8) in the list of all guests, which is "guests" in the reply to "list". Appends them
+// to `guests` in the order of `ids_or_names`, without duplicates. An id that is not in the list is passed on, because
+// the server reports the reason. Prints all unknown and ambiguous names; the exit code is not kOk then.
+ExitCode FindGuests(const Json::Value& list, const std::vector<std::string>& ids_or_names,
+                    std::vector<NamedGuest>& guests);
 
-// Finds the guests for `words`, ids or names in UTF-8, in the list from ListGuests, without duplicates and in the order
-// of the words. An id that is not in the list is passed on: the server knows why. Unknown and ambiguous words are all
-// printed, and then the exit code is not kOk.
-ExitCode FindGuests(const Json::Value& list, const std::vector<std::string>& words, std::vector<NamedGuest>& guests);
-
-// The guest with this id.
+// The guest with this id in the list; only the id is known when it is not there.
 NamedGuest GuestOf(const Json::Value& list, const std::string& id);
 
 }  // namespace vexa::cli

@@ -1,5 +1,7 @@
 #include "cli/guest_set_command.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 #include <iostream>
 #include <optional>
@@ -9,76 +11,75 @@
 #include "cli/api_paths.h"
 #include "cli/listing.h"
 #include "cli/local_grant_command.h"
+#include "cli/objects.h"
 #include "cli/parallel.h"
 #include "cli/power_command.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
 #include "host/accounts/accounts.h"
-#include "host/base/error_table.h"
 #include "host/base/json_parse.h"
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 
 namespace vexa::cli {
 namespace {
 
 constexpr const char* kSet = "/webapi/VEXA.Virtualization.Guest/set";
-constexpr int kBadParameter = 401;
-constexpr int kRightsNotSet = 1001;
-constexpr int kNotReserved = 1600;
 
 constexpr const char* kImageHint = "\nIs there an image with this id? 'vexa image list' shows them.";
 
-// This system's word for rights on guests; there is only one.
-constexpr char kRight[] = "use";
+// The only right on guests.
+constexpr char kUseRight[] = "use";
 
 enum class Right { kAllow, kRevoke };
 
 constexpr const char* kLevelGet = "/webapi/VEXA.Core.Account/level_get";
 constexpr const char* kUserList = "/webapi/VEXA.Core.Account/user_list";
 constexpr const char* kGroupList = "/webapi/VEXA.Core.Account/group_list";
-constexpr const char* kNumberHint = "\nOnly administrators may look names up: give uid:NUMBER or gid:NUMBER.";
+constexpr const char* kUseIdHint = "\nOnly administrators may look names up. Use uid:NUMBER or gid:NUMBER.";
 
 struct Principal {
   AccountKind kind = AccountKind::kUser;
-  std::optional<std::uint32_t> id;
-  std::string name;  // "" for a number
+  std::optional<std::uint32_t> id;  // not set until it has been looked up
+  std::string name;                 // "" when the argument has a number
   Right right = Right::kAllow;
-  std::string word;  // as it was given
+  std::string argument;  // of the command line, for messages
 };
 
-Error UnknownPrincipal(const std::string& word) {
-  return Error(ErrorCode::kInvalid,
-               "Unknown user or group '" + word + "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER");
+Error UnknownPrincipal(const std::string& argument) {
+  return Error(
+      ErrorCode::kInvalid,
+      fmt::format("Unknown user or group '{}'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER", argument));
 }
 
-Result<Principal> ParsePrincipal(const std::string& word, Right right) {
-  const std::size_t at = word.find(':');
-  if (at == std::string::npos || at + 1 == word.size() || !IsValidUtf8(word)) return UnknownPrincipal(word);
-  const std::string prefix = word.substr(0, at);
-  const std::string rest = word.substr(at + 1);
+Result<Principal> ParsePrincipal(const std::string& argument, Right right) {
+  const std::size_t at = argument.find(':');
+  if (at == std::string::npos || at + 1 == argument.size() || !IsValidUtf8(argument)) return UnknownPrincipal(argument);
+  const std::string prefix = argument.substr(0, at);
+  const std::string rest = argument.substr(at + 1);
   Principal principal;
   principal.kind = prefix == "user" || prefix == "uid" ? AccountKind::kUser : AccountKind::kGroup;
   principal.right = right;
-  principal.word = word;
+  principal.argument = argument;
   if (prefix == "uid" || prefix == "gid") {
     std::uint32_t id = 0;
     const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), id);
-    if (error != std::errc() || end != rest.data() + rest.size() || id == UINT32_MAX) return UnknownPrincipal(word);
+    if (error != std::errc() || end != rest.data() + rest.size() || id == UINT32_MAX) return UnknownPrincipal(argument);
     principal.id = id;
     return principal;
   }
-  if (prefix != "user" && prefix != "group") return UnknownPrincipal(word);
+  if (prefix != "user" && prefix != "group") return UnknownPrincipal(argument);
   principal.name = rest;
   return principal;
 }
 
-// All of "--allow" and "--revoke", not looked up yet.
+// The principals of "--allow" and "--revoke", before their names are looked up.
 Result<std::vector<Principal>> ParsePrincipals(const GuestSetOptions& options) {
   std::vector<Principal> principals;
-  for (const auto& [words, right] :
+  for (const auto& [arguments, right] :
        {std::pair(&options.allow, Right::kAllow), std::pair(&options.revoke, Right::kRevoke)}) {
-    for (const std::string& word : *words) {
-      Result<Principal> principal = ParsePrincipal(word, right);
+    for (const std::string& argument : *arguments) {
+      Result<Principal> principal = ParsePrincipal(argument, right);
       if (!principal) return principal.error();
       principals.push_back(std::move(*principal));
     }
@@ -86,50 +87,50 @@ Result<std::vector<Principal>> ParsePrincipals(const GuestSetOptions& options) {
   return principals;
 }
 
-// The id of the name in the list of all accounts, which does not depend on the account's record of grants. Failures are
-// printed.
-ExitCode FindInList(HttpClient& client, Principal& principal) {
+// Finds the id in the list of all accounts, which can be read even when the account's record of grants is damaged.
+// Failures are printed.
+ExitCode FindIdInList(HttpClient& client, Principal& principal) {
   const bool is_user = principal.kind == AccountKind::kUser;
   const CallOutcome outcome = CallApi(client, is_user ? kUserList : kGroupList, "{}");
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   for (const Json::Value& entry :
        VexaVirtualization::json::Elements(Member(outcome.data, is_user ? "users" : "groups"))) {
-    if (base::FoldedName(Text(Member(entry, "name"))) != base::FoldedName(principal.name)) continue;
+    if (accounts::LowerCaseName(Text(Member(entry, "name"))) != accounts::LowerCaseName(principal.name)) continue;
     const auto id = Integer(Member(entry, is_user ? "uid" : "gid"));
-    if (!id || *id < 0 || *id >= UINT32_MAX) return Report(NotUnderstood("id"));
+    if (!id || *id < 0 || *id >= UINT32_MAX) return Report(MissingInReply("id"));
     principal.id = static_cast<std::uint32_t>(*id);
     return ExitCode::kOk;
   }
-  return Report(Error(ErrorCode::kNotFound, "There is no account '" + principal.word + "'"));
+  return Report(Error(ErrorCode::kNotFound, fmt::format("There is no account '{}'", principal.argument)));
 }
 
-// Asks the server for the id of a name; failures are printed.
-ExitCode AskForId(HttpClient& client, Principal& principal) {
+// Requests the id of a name from the server; failures are printed.
+ExitCode RequestId(HttpClient& client, Principal& principal) {
   Json::Value parameters(Json::objectValue);
   parameters["kind"] = principal.kind == AccountKind::kUser ? "user" : "group";
   parameters["name"] = principal.name;
   const CallOutcome outcome = TryApi(client, kLevelGet, RenderJson(parameters, JsonLayout::kOneLine));
-  if (outcome.code == webapi::kErrorAccountDamaged) return FindInList(client, principal);
+  if (outcome.code == user_error::kAccountDamaged) return FindIdInList(client, principal);
   if (outcome.exit_code != ExitCode::kOk) {
-    const bool is_denied = outcome.code == webapi::kErrorDenied;
-    std::cerr << "vexa: " << Printable(principal.word) << ": " << outcome.failure << (is_denied ? kNumberHint : "")
+    const bool is_denied = outcome.code == user_error::kDenied;
+    std::cerr << "vexa: " << Printable(principal.argument) << ": " << outcome.failure << (is_denied ? kUseIdHint : "")
               << '\n';
     return outcome.exit_code;
   }
   const auto id = Integer(Member(outcome.data, "id"));
-  if (!id || *id < 0 || *id >= UINT32_MAX) return Report(NotUnderstood("id"));
+  if (!id || *id < 0 || *id >= UINT32_MAX) return Report(MissingInReply("id"));
   principal.id = static_cast<std::uint32_t>(*id);
   return ExitCode::kOk;
 }
 
 // Finds the id of a name; failures are printed.
-ExitCode FindId(HttpClient& client, const GuestSetOptions& options, Principal& principal) {
+ExitCode FindPrincipalId(HttpClient& client, const GuestSetOptions& options, Principal& principal) {
   if (principal.id) return ExitCode::kOk;
-  if (options.names == NamesFrom::kServer && !options.from_system) return AskForId(client, principal);
+  if (options.names == NamesFrom::kServer && !options.from_system) return RequestId(client, principal);
   const auto source = options.from_system ? NameSource::kSystem : NameSource::kAccounts;
-  AccountPlaces places = options.places;
-  places.daemon = BesideDaemon::kAllow;  // the names are looked up, and the daemon changes the guest
-  const Result<cluster::GrantPrincipal> account = FindAccount(places, {principal.kind, principal.name, source});
+  AccountPaths paths = options.paths;
+  paths.running_daemon = RunningDaemon::kAllow;  // the store is only read
+  const Result<cluster::GrantPrincipal> account = FindAccount(paths, {principal.kind, principal.name, source});
   if (!account) return Report(account.error());
   principal.id = account->id;
   return ExitCode::kOk;
@@ -140,14 +141,14 @@ ExitCode AddRights(HttpClient& client, const GuestSetOptions& options, std::vect
                    Json::Value& parameters) {
   std::set<std::pair<AccountKind, std::uint32_t>> seen;
   for (Principal& principal : principals) {
-    if (const ExitCode found = FindId(client, options, principal); found != ExitCode::kOk) return found;
+    if (const ExitCode found = FindPrincipalId(client, options, principal); found != ExitCode::kOk) return found;
     if (!seen.emplace(principal.kind, *principal.id).second) {
-      return Report(Error(ErrorCode::kInvalid, "The rights of '" + principal.word + "' are named twice"));
+      return Report(Error(ErrorCode::kInvalid, fmt::format("The rights of '{}' are named twice", principal.argument)));
     }
     Json::Value element(Json::objectValue);
     element[principal.kind == AccountKind::kUser ? "uid" : "gid"] = *principal.id;
     element["allow"] = principal.right == Right::kAllow;
-    element["type"] = kRight;
+    element["type"] = kUseRight;
     element["name"] = principal.name;
     parameters["guest_privilege"].append(std::move(element));
   }
@@ -159,28 +160,30 @@ Status CheckNotEmpty(const Json::Value& parameters, const std::vector<Principal>
   return Error(ErrorCode::kInvalid, "Nothing to change is named; see 'vexa guest set --help'");
 }
 
-Json::Value WithGuest(Json::Value parameters, const NamedGuest& guest) {
+Json::Value WithGuestId(Json::Value parameters, const NamedGuest& guest) {
   parameters["guest_id"] = guest.id;
   return parameters;
 }
 
-// The element with this id in a list of the reply to "get"; null when absent.
-const Json::Value& PartOf(const Json::Value& guest, const char* list, const char* id_member, const std::string& id) {
-  const Json::Value& parts = VexaVirtualization::json::Elements(Member(guest, list));
-  for (Json::ArrayIndex i = 0; i < parts.size(); ++i) {
-    const Json::Value& part = VexaVirtualization::json::Element(parts, i);
-    if (Text(Member(part, id_member)) == id) return part;
+// The disk or interface with this id in a list of the reply to "get"; null when absent.
+const Json::Value& FindDevice(const Json::Value& guest, const char* list, const char* id_member,
+                              const std::string& id) {
+  const Json::Value& devices = VexaVirtualization::json::Elements(Member(guest, list));
+  for (Json::ArrayIndex i = 0; i < devices.size(); ++i) {
+    const Json::Value& device = VexaVirtualization::json::Element(devices, i);
+    if (Text(Member(device, id_member)) == id) return device;
   }
   return Json::Value::nullSingleton();
 }
 
-struct PartRow {
+// The parameters of "set" that name disks and interfaces of the guest.
+struct DeviceParameter {
   const char* parameter;
   const char* list;  // of the reply to "get"
   const char* id;
   const char* what;
 };
-constexpr PartRow kParts[] = {
+constexpr DeviceParameter kDeviceParameters[] = {
     {"vdisks_del", "vdisks", "vdisk_id", "disk"},
     {"vdisks_edit", "vdisks", "vdisk_id", "disk"},
     {"vdisks_order", "vdisks", "vdisk_id", "disk"},
@@ -188,56 +191,58 @@ constexpr PartRow kParts[] = {
     {"vnics_edit", "vnics", "vnic_id", "network interface"},
 };
 
-// Errors that the guest's host would report but that are visible in the guest itself: parts that it does not have,
-// disks that would shrink.
-Status CheckParts(const Json::Value& guest, const Json::Value& parameters) {
+// Errors that the guest's host would report but that are visible in the guest itself: disks and interfaces that it
+// does not have, disks that would shrink.
+Status CheckDevices(const Json::Value& guest, const Json::Value& parameters) {
   constexpr std::uint64_t kMibPerGib = 1024;
-  for (const PartRow& row : kParts) {
+  for (const DeviceParameter& row : kDeviceParameters) {
     for (const Json::Value& element : Member(parameters, row.parameter)) {
       const std::string id = Text(Member(element, row.id));
-      const Json::Value& part = PartOf(guest, row.list, row.id, id);
-      if (part.isNull()) {
-        return Error(ErrorCode::kNotFound, std::string("The guest has no ") + row.what + " '" + id + "'");
+      const Json::Value& device = FindDevice(guest, row.list, row.id, id);
+      if (device.isNull()) {
+        return Error(ErrorCode::kNotFound, fmt::format("The guest has no {} '{}'", row.what, id));
       }
-      const std::string size = Text(Member(part, "size"));
+      const std::string size = Text(Member(device, "size"));
       const auto wanted = Integer(Member(element, "vdisk_size"));
       std::uint64_t mib = 0;
       const auto [end, error] = std::from_chars(size.data(), size.data() + size.size(), mib);
       if (!wanted || error != std::errc() || end != size.data() + size.size()) continue;
       if (static_cast<std::uint64_t>(*wanted) * kMibPerGib >= mib) continue;
-      return Error(ErrorCode::kConflict, "The disk '" + id + "' has " + size + " MiB, and disks do not shrink");
+      return Error(ErrorCode::kConflict, fmt::format("The disk '{}' has {} MiB, and disks do not shrink", id, size));
     }
   }
   return {};
 }
 
-// Prints the parameters on standard output, once it is known that the guest can be read.
+// Prints the parameters on standard output, after checking them against the guest's configuration.
 ExitCode ShowDryRun(const GlobalOptions& global, HttpClient& client, const NamedGuest& guest,
                     const Json::Value& parameters) {
-  const CallOutcome got = CallApi(client, kGuestGet, OneParameter("guest_id", guest.id));
+  const CallOutcome got = CallApi(client, kGuestGet, ParameterJson("guest_id", guest.id));
   if (got.exit_code != ExitCode::kOk) return got.exit_code;
-  if (!got.data.isObject()) return Report(NotUnderstood("guest"));
-  if (const Status checked = CheckParts(got.data, parameters); !checked) return Report(checked.error());
-  PrintJson(WithGuest(parameters, guest));
+  if (!got.data.isObject()) return Report(MissingInReply("guest"));
+  if (const Status checked = CheckDevices(got.data, parameters); !checked) return Report(checked.error());
+  PrintJson(WithGuestId(parameters, guest));
   if (!global.quiet) {
-    std::cerr << "vexa: " << Printable(guest.name)
-              << ": Nothing was changed, as this is a dry run. What only the guest's host can check was not checked.\n";
+    std::cerr << fmt::format(
+        "vexa: {}: Nothing was changed, as this is a dry run. What only the guest's host can check "
+        "was not checked.\n",
+        Printable(guest.name));
   }
   return ExitCode::kOk;
 }
 
 std::string SuccessText(const NamedGuest& guest, const Json::Value& parameters) {
   const std::string name = Text(Member(parameters, "name"));
-  return name.empty() || name == guest.name ? "edited" : "edited and renamed to " + name;
+  return name.empty() || name == guest.name ? "edited" : fmt::format("edited and renamed to {}", name);
 }
 
 }  // namespace
 
-ExitCode FindGuest(HttpClient& client, const std::string& word, NamedGuest& guest) {
-  const CallOutcome listed = ListGuests(client);
+ExitCode FindGuest(HttpClient& client, const std::string& id_or_name, NamedGuest& guest) {
+  const CallOutcome listed = ListObjects(client, kGuests);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   std::vector<NamedGuest> guests;
-  const ExitCode found = FindGuests(Member(listed.data, "guests"), {word}, guests);
+  const ExitCode found = FindGuests(Member(listed.data, "guests"), {id_or_name}, guests);
   if (found == ExitCode::kOk) guest = guests.front();
   return found;
 }
@@ -249,48 +254,49 @@ CallOutcome SendEdit(const GlobalOptions& global, HttpClientOptions connect, con
   CallOutcome outcome;
   ParallelOptions parallel;
   parallel.on_interrupt = [&] {
-    std::cerr << "vexa: " << Printable(guest.name)
-              << ": Interrupted after the request was sent and before it was answered.\n";
+    std::cerr << fmt::format("vexa: {}: Interrupted after the request was sent and before it was answered.\n",
+                             Printable(guest.name));
     on_interrupt();
   };
-  const std::string body = RenderJson(WithGuest(parameters, guest), JsonLayout::kOneLine);
+  const std::string body = RenderJson(WithGuestId(parameters, guest), JsonLayout::kOneLine);
   RunInParallel(1, parallel, [&](std::size_t) { outcome = TryApi(client, kSet, body); });
   return outcome;
 }
 
-bool WasEdited(const CallOutcome& outcome) {
-  return outcome.exit_code == ExitCode::kOk || outcome.code == kRightsNotSet || outcome.code == kNotReserved;
+bool WasGuestEdited(const CallOutcome& outcome) {
+  return outcome.exit_code == ExitCode::kOk || outcome.code == user_error::kRightsNotSet ||
+         outcome.code == user_error::kEditedWithoutReservation;
 }
 
 ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const CallOutcome& outcome,
                      const std::string& text) {
-  const bool is_well = outcome.exit_code == ExitCode::kOk;
-  if (!is_well) std::cerr << "vexa: " << Printable(guest.name) << ": " << text << '\n';
-  if (is_well && !global.quiet && !global.json) {
+  const bool succeeded = outcome.exit_code == ExitCode::kOk;
+  if (!succeeded) std::cerr << "vexa: " << Printable(guest.name) << ": " << text << '\n';
+  if (succeeded && !global.quiet && !global.json) {
     std::cout << Printable(guest.name) << ": " << Printable(text) << '\n';
   }
   if (!global.json) return outcome.exit_code;
   Json::Value result(Json::objectValue);
   result["guest_id"] = guest.id;
   result["guest_name"] = guest.name;
-  result["success"] = is_well;
+  result["success"] = succeeded;
   result["message"] = text;
   if (outcome.code) result["code"] = Json::Int64{*outcome.code};
   PrintJson(result);
   return outcome.exit_code;
 }
 
-ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
-                  const CallOutcome& outcome) {
+ExitCode ShowEditResult(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
+                        const CallOutcome& outcome) {
   if (outcome.exit_code == ExitCode::kOk) return ShowOutcome(global, guest, outcome, SuccessText(guest, parameters));
-  // All other causes of this answer have been ruled out before.
-  const bool is_unknown_image = outcome.code == kBadParameter && parameters.isMember("iso_images");
+  // The only remaining cause: CheckParameters has ruled out the others.
+  const bool is_unknown_image = outcome.code == user_error::kBadParameter && parameters.isMember("iso_images");
   return ShowOutcome(global, guest, outcome, outcome.failure + (is_unknown_image ? kImageHint : ""));
 }
 
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options) {
-  if (options.guest.empty() || !IsValidUtf8(options.guest)) return Report(NotText("guest's id or name"));
-  Result<Json::Value> parameters = ParametersOf(options.words);
+  if (options.guest.empty() || !IsValidUtf8(options.guest)) return Report(EmptyOrNotUtf8("guest's id or name"));
+  Result<Json::Value> parameters = ParametersOf(options.arguments);
   if (!parameters) return Report(parameters.error());
   Result<std::vector<Principal>> principals = ParsePrincipals(options);
   if (!principals) return Report(principals.error());
@@ -303,7 +309,7 @@ ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options
   NamedGuest guest;
   if (const ExitCode found = FindGuest(client, options.guest, guest); found != ExitCode::kOk) return found;
   if (options.dry_run == DryRun::kYes) return ShowDryRun(global, client, guest, *parameters);
-  return ShowEdit(global, guest, *parameters, SendEdit(global, *connect, guest, *parameters));
+  return ShowEditResult(global, guest, *parameters, SendEdit(global, *connect, guest, *parameters));
 }
 
 }  // namespace vexa::cli

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "cli/account_places.h"
+#include "cli/account_paths.h"
 #include "cli/client_options.h"
 #include "cli/guest_names.h"
-#include "cli/guest_words.h"
+#include "cli/guest_set_arguments.h"
 
 namespace vexa::cli {
 
@@ -19,34 +19,34 @@ enum class NamesFrom { kServer, kStore };
 
 struct GuestSetOptions {
   std::string guest;  // name or id
-  GuestWords words;
+  GuestSetArguments arguments;
   std::vector<std::string> allow;        // "user:alice", "group:staff", "uid:1026", "gid:100"
   std::vector<std::string> revoke;       // the same
   NamesFrom names = NamesFrom::kServer;  // where names of users and groups are looked up
-  AccountPlaces places;                  // kStore only
-  bool from_system = false;              // they are the machine's own instead
+  AccountPaths paths;                    // kStore only
+  bool from_system = false;              // users and groups of the operating system instead
   DryRun dry_run = DryRun::kNo;
 };
 
-// Sends nothing unless all words are valid, each user and group is found, and the name is that of one guest.
+// Sends nothing unless all arguments are valid, each user and group is found, and the name is that of one guest.
 ExitCode RunGuestSet(const GlobalOptions& global, const GuestSetOptions& options);
 
-// The guest for `word`; failures are printed.
-ExitCode FindGuest(HttpClient& client, const std::string& word, NamedGuest& guest);
+// Finds the guest with this id or name; failures are printed.
+ExitCode FindGuest(HttpClient& client, const std::string& id_or_name, NamedGuest& guest);
 
-// Calls "set" for the guest. Ctrl-C calls `on_interrupt` and ends the program with 130.
+// Calls "set" for the guest. Ctrl-C calls `on_interrupt` and ends the program with exit code 130.
 CallOutcome SendEdit(
     const GlobalOptions& global, HttpClientOptions connect, const NamedGuest& guest, const Json::Value& parameters,
     const std::function<void()>& on_interrupt = [] {});
 
-// Whether the guest was edited although the call failed: only a step after the edit failed.
-bool WasEdited(const CallOutcome& outcome);
+// Whether the guest was edited: the call succeeded, or only a step after the edit failed.
+bool WasGuestEdited(const CallOutcome& outcome);
 
-// Prints `text` as the result of `outcome`, in the requested format; returns the exit code.
+// Prints `text` as the result of `outcome`, or with --json an object; returns the exit code.
 ExitCode ShowOutcome(const GlobalOptions& global, const NamedGuest& guest, const CallOutcome& outcome,
                      const std::string& text);
 // Prints the result of SendEdit.
-ExitCode ShowEdit(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
-                  const CallOutcome& outcome);
+ExitCode ShowEditResult(const GlobalOptions& global, const NamedGuest& guest, const Json::Value& parameters,
+                        const CallOutcome& outcome);
 
 }  // namespace vexa::cli

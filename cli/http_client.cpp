@@ -1,10 +1,14 @@
 #include "cli/http_client.h"
 
+#include <fmt/format.h>
+
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <iostream>
+#include <system_error>
 #include <utility>
 
 #include "cli/printable.h"
@@ -17,7 +21,7 @@ struct Received {
   bool too_large = false;
 };
 
-std::size_t Collect(char* data, std::size_t, std::size_t count, void* context) {
+std::size_t AppendToBody(char* data, std::size_t, std::size_t count, void* context) {
   auto* received = static_cast<Received*>(context);
   if (count > kMaxReplyBytes - received->body.size()) {
     received->too_large = true;
@@ -27,7 +31,27 @@ std::size_t Collect(char* data, std::size_t, std::size_t count, void* context) {
   return count;
 }
 
+// Why a Unix socket does not accept connections. libcurl's own message names the host and port of an internal URL.
+std::string WhyNotConnected(int error_number) {
+  switch (error_number) {
+    case ENOENT:
+    case ENOTDIR:
+      return "nothing listens there, because the file does not exist. vexad is not running, or uses another socket";
+    case ECONNREFUSED:
+      return "nothing listens there. Is vexad running?";
+    default:
+      return std::generic_category().message(error_number);
+  }
+}
+
 }  // namespace
+
+Error ExposedError(const Endpoint& endpoint) {
+  return Error(ErrorCode::kInvalid,
+               fmt::format("Refused to send a password or token unencrypted to '{}'. Use https, or --insecure-http if "
+                           "you accept that others can read it",
+                           endpoint.url));
+}
 
 class HttpClient::Impl {
  public:
@@ -43,11 +67,10 @@ class HttpClient::Impl {
   Impl& operator=(const Impl&) = delete;
 
   Result<HttpReply> Send(const std::string& path, const std::string* body, Secrecy secrecy) {
-    if (!handle_) return Error(ErrorCode::kInternal, "The HTTP library cannot be started");
+    if (!handle_) return Error(ErrorCode::kInternal, "Cannot start the HTTP library");
     const bool secret = secrecy == Secrecy::kSecret || !options_.token.empty();
     if (secret && options_.insecure_http == InsecureHttp::kRefuse && IsExposed(options_.endpoint)) {
-      return Error(ErrorCode::kInvalid, "Refused to send a password or token unencrypted to '" + options_.endpoint.url +
-                                            "'; use https, or --insecure-http if you accept that others can read it");
+      return ExposedError(options_.endpoint);
     }
     if (!options_.token.empty() && !IsValidToken(options_.token)) {
       return Error(ErrorCode::kInvalid, "The token contains invalid characters");
@@ -86,13 +109,13 @@ class HttpClient::Impl {
     Set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     Set(CURLOPT_NOSIGNAL, 1L);
     Set(CURLOPT_USERAGENT, "vexa");
-    // Some replies take an hour; a server that loses its power meanwhile sends nothing.
+    // Some replies take an hour. Keep-alive notices a server that loses its power meanwhile.
     Set(CURLOPT_TCP_KEEPALIVE, 1L);
     Set(CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
     Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<std::int64_t>(options_.timeout.count(), 10'000)));
     if (!options_.ca_file.empty()) Set(CURLOPT_CAINFO, options_.ca_file.c_str());
     if (over_unix_socket) Set(CURLOPT_UNIX_SOCKET_PATH, options_.endpoint.unix_socket.c_str());
-    // A proxy could read plain http, even requests meant only for this host.
+    // A proxy could read plain http.
     if (!url.starts_with("https:")) Set(CURLOPT_PROXY, "");
     if (body != nullptr) {
       Set(CURLOPT_POST, 1L);
@@ -100,7 +123,7 @@ class HttpClient::Impl {
       Set(CURLOPT_POSTFIELDS, body->data());
     }
     Set(CURLOPT_HTTPHEADER, headers);
-    Set(CURLOPT_WRITEFUNCTION, Collect);
+    Set(CURLOPT_WRITEFUNCTION, AppendToBody);
     Set(CURLOPT_WRITEDATA, &received);
     Set(CURLOPT_ERRORBUFFER, reason.data());
     if (options_.trace == Trace::kOn) std::cerr << (body ? "> POST " : "> GET ") << Printable(url) << '\n';
@@ -115,8 +138,9 @@ class HttpClient::Impl {
       return Error(ErrorCode::kCorrupt, "The server's reply is larger than 16 MiB and was not read");
     }
     if (code != CURLE_OK) {
-      const std::string why = *reason != '\0' ? reason : curl_easy_strerror(code);
-      return Error(ErrorCode::kUnavailable, "No reply from " + options_.endpoint.Name(), WithoutToken(why));
+      const std::string why = WhyUnavailable(code, reason);
+      return Error(ErrorCode::kUnavailable, fmt::format("No reply from {}", options_.endpoint.Name()),
+                   WithoutToken(why));
     }
     long status = 0;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
@@ -127,6 +151,15 @@ class HttpClient::Impl {
                 << static_cast<long>(seconds * 1000) << " ms\n";
     }
     return HttpReply{static_cast<int>(status), std::move(received.body)};
+  }
+
+  std::string WhyUnavailable(CURLcode code, const char* reason) const {
+    long error_number = 0;
+    curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &error_number);
+    if (code == CURLE_COULDNT_CONNECT && error_number != 0 && !options_.endpoint.unix_socket.empty()) {
+      return WhyNotConnected(static_cast<int>(error_number));
+    }
+    return *reason != '\0' ? reason : curl_easy_strerror(code);
   }
 
   curl_slist* MakeHeaders(bool has_body) const {

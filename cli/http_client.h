@@ -1,4 +1,4 @@
-// The client's connection to a server: one request, one reply, within limits.
+// The HTTP client: sends a request to a server and returns the reply, with limits on time and size.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ struct Endpoint {
   std::string unix_socket;
 
   bool operator==(const Endpoint&) const = default;
-  // For people.
+  // For messages.
   std::string Name() const { return unix_socket.empty() ? url : unix_socket; }
 };
 
@@ -28,11 +28,13 @@ struct Endpoint {
 // port, no trailing slash. kInvalid for everything else.
 Result<Endpoint> ParseServerUrl(const std::string& url);
 
-// Whether others on the way can read what is sent to `endpoint`: plain http to another host.
+// Whether others in the network can read what is sent to `endpoint`: plain http to another host.
 bool IsExposed(const Endpoint& endpoint);
+// kInvalid: refuses to send a secret to an exposed endpoint.
+Error ExposedError(const Endpoint& endpoint);
 
-// Whether `token` is valid: 1 to 4096 visible ASCII characters. Anything else could change the request that it is put
-// in.
+// Whether `token` is valid: 1 to 4096 visible ASCII characters. Anything else could change the header that contains
+// it.
 bool IsValidToken(std::string_view token);
 
 enum class InsecureHttp { kRefuse, kAllow };
@@ -50,7 +52,7 @@ struct HttpClientOptions {
 
 // TLS certificates are verified, redirects are not followed, and no proxy is used for plain http.
 // Errors: kInvalid (refused to send a secret over an exposed connection), kUnavailable (no complete reply), kCorrupt
-// (the reply is larger than kMaxReplyBytes). Error texts never contain the token or the body.
+// (the reply is larger than kMaxReplyBytes). Error messages never contain the token or the body.
 // Threads: one at a time.
 class HttpClient {
  public:
@@ -61,7 +63,7 @@ class HttpClient {
   // `secrecy`: whether the body contains a secret.
   Result<HttpReply> PostJson(const std::string& path, const std::string& body, Secrecy secrecy = Secrecy::kPlain);
 
-  // `text` with the token removed, for texts that a server returned.
+  // `text`, which a server returned, with the token replaced by "***".
   std::string WithoutToken(std::string text) const;
 
   const Endpoint& endpoint() const;

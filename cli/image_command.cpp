@@ -1,14 +1,14 @@
 #include "cli/image_command.h"
 
+#include <fmt/format.h>
+
 #include <filesystem>
 #include <iostream>
 #include <system_error>
 
-#include "cli/api_paths.h"
-#include "cli/listing.h"
+#include "cli/objects.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
-#include "host/base/json_parse.h"
 #include "host/disks/image_records.h"
 
 namespace vexa::cli {
@@ -17,16 +17,7 @@ namespace {
 constexpr const char* kAddImage = "/webapi/VEXA.Virtualization.Image/add";
 constexpr const char* kRemoveImage = "/webapi/VEXA.Virtualization.Image/remove";
 
-// The data of "list", checked; failures are printed.
-CallOutcome ListImages(HttpClient& client) {
-  CallOutcome outcome = CallApi(client, kImageList, "{}");
-  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, "images").isArray()) {
-    outcome.exit_code = Report(NotUnderstood("images"));
-  }
-  return outcome;
-}
-
-// "" when it is not a path. "." and ".." stay: the server refuses them.
+// "" when `file` is empty or the current folder is unknown. "." and ".." are kept: the server refuses them.
 std::string AbsolutePath(const std::string& file) {
   std::error_code failed;
   const std::string path = std::filesystem::absolute(file, failed);
@@ -36,36 +27,24 @@ std::string AbsolutePath(const std::string& file) {
 }  // namespace
 
 ExitCode RunImageAdd(const GlobalOptions& global, const ImageAddOptions& options) {
-  const guests::NewImage image{options.name, AbsolutePath(options.file), options.id};
-  if (const Status checked = guests::CheckImage(image); !checked) return Report(checked.error());
-  const Result<HttpClientOptions> connect = ConnectOptions(global);
-  if (!connect) return Report(connect.error());
-  HttpClient client(*connect);
+  const disks::NewImage image{options.name, AbsolutePath(options.file), options.id};
+  if (const Status checked = disks::CheckImage(image); !checked) return Report(checked.error());
   Json::Value parameters(Json::objectValue);
   parameters["name"] = image.name;
   parameters["path"] = image.path;
   if (!image.id.empty()) parameters["image_id"] = image.id;
-  const CallOutcome outcome = CallApi(client, kAddImage, RenderJson(parameters, JsonLayout::kOneLine));
-  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
-  if (global.json) return PrintJson(outcome.data);
-  const std::string id = Text(Member(outcome.data, kImageNaming.id));
-  if (id.empty()) return Report(NotUnderstood("id of the image"));
-  std::cout << Printable(id) << '\n';
-  return ExitCode::kOk;
+  return AddObject(global, kImages, kAddImage, parameters);
 }
 
 ExitCode RunImageList(const GlobalOptions& global) {
-  const Result<HttpClientOptions> connect = ConnectOptions(global);
-  if (!connect) return Report(connect.error());
-  HttpClient client(*connect);
-  const CallOutcome outcome = ListImages(client);
+  const CallOutcome outcome = ListObjects(global, kImages);
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   const Json::Value& images = Member(outcome.data, "images");
   if (global.json) return PrintJson(images);
   Table table{{"IMAGE", "NAME", "BYTES", "PRESENT", "PATH"}, {}};
   for (const Json::Value& image : images) {
     const bool is_present = IsTrue(Member(image, "present"));
-    table.rows.push_back({Text(Member(image, kImageNaming.id)), Text(Member(image, kImageNaming.name)),
+    table.rows.push_back({Text(Member(image, kImages.id)), Text(Member(image, kImages.name)),
                           is_present ? Text(Member(image, "size")) : "-", is_present ? "yes" : "no",
                           Text(Member(image, "path"))});
   }
@@ -74,18 +53,10 @@ ExitCode RunImageList(const GlobalOptions& global) {
 }
 
 ExitCode RunImageRemove(const GlobalOptions& global, const std::string& image) {
-  if (image.empty() || !IsValidUtf8(image)) return Report(NotText("image's id or name"));
-  const Result<HttpClientOptions> connect = ConnectOptions(global);
-  if (!connect) return Report(connect.error());
-  HttpClient client(*connect);
-  const CallOutcome listed = ListImages(client);
-  if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
-  const Result<std::string> id = FindByIdOrName(Member(listed.data, "images"), kImageNaming, image);
-  if (!id) return Report(id.error());
-  const CallOutcome outcome = CallApi(client, kRemoveImage, OneParameter(kImageNaming.id, *id));
-  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
-  if (!global.quiet) std::cout << "Removed the image '" << Printable(image) << "'. Its file stays.\n";
-  return ExitCode::kOk;
+  std::string id;
+  const ExitCode removed = CallForObject(global, kImages, kRemoveImage, image, id);
+  if (removed != ExitCode::kOk) return removed;
+  return PrintConfirmation(global, fmt::format("Removed the image '{}'. Its file stays.", Printable(image)));
 }
 
 }  // namespace vexa::cli

@@ -1,4 +1,4 @@
-// vexa image: the images that guests' drives can hold.
+// vexa image: the ISO images for guests' drives.
 #pragma once
 
 #include <string>

@@ -1,5 +1,7 @@
 #include "cli/import_command.h"
 
+#include <fmt/format.h>
+
 #include <unistd.h>
 
 #include <chrono>
@@ -11,8 +13,8 @@
 #include "cli/listing.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
-#include "host/base/error_table.h"
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 
 namespace vexa::cli {
 namespace {
@@ -21,14 +23,14 @@ namespace json = VexaVirtualization::json;
 
 constexpr const char* kImport = "/webapi/VEXA.Virtualization.Guest/import";
 constexpr auto kCallTimeout = std::chrono::minutes(10);
-// Several guests in a call, so that hundreds do not take hundreds of round trips, and few enough that the progress is
-// seen, and that replies with their records stay short.
+// Each call imports a batch of guests, so that hundreds do not take hundreds of round trips. Batches are small enough
+// for a visible progress and for short replies with records.
 constexpr std::size_t kBatchGuests = 16;
 constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
-constexpr int kBusyTries = 60;
+constexpr int kMaxBusyTries = 60;
 
 std::string Count(std::size_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
 class Import {
@@ -41,32 +43,32 @@ class Import {
     for (const ImportSource& source : sources.guests()) {
       const Result<Json::Value> request = sources.Prepare(source);
       if (!request) {
-        Fail(source.label, request.error().ToString(), Json::Value(Json::objectValue));
-      } else if (!Add(source.label, *request)) {
+        RecordFailure(source.label, request.error().ToString(), Json::Value(Json::objectValue));
+      } else if (!AddToBatch(source.label, *request)) {
         break;
       }
     }
-    if (is_stopped_ || !Send()) return Stopped();
+    if (has_stopped_ || !SendBatch()) return ReportStop();
     ShowProgress("");
     PrintAll();
     if (failed_ == 0) return ExitCode::kOk;
-    std::cerr << "vexa: " << failed_ << " of " << Count(total_, "guest") << " could not be imported\n";
+    std::cerr << fmt::format("vexa: {} of {} could not be imported\n", failed_, Count(total_, "guest"));
     return ExitCode::kFailed;
   }
 
  private:
-  struct Waiting {
+  struct Pending {
     std::string label;
     std::string request;  // JSON
   };
 
-  bool IsDry() const { return arguments_.mode == ImportMode::kDryRun; }
+  bool IsDryRun() const { return arguments_.mode == ImportMode::kDryRun; }
 
-  // False: a call failed, and no more guests can be sent.
-  bool Add(const std::string& label, const Json::Value& request) {
+  // Adds a guest to the batch, which is sent when it is full. False: a call failed, and no more guests can be sent.
+  bool AddToBatch(const std::string& label, const Json::Value& request) {
     std::string text = json::ToText(request);
     const bool is_full = batch_.size() == kBatchGuests || (!batch_.empty() && batch_bytes_ + text.size() > kBatchBytes);
-    if (is_full && !Send()) return false;
+    if (is_full && !SendBatch()) return false;
     batch_bytes_ += text.size();
     batch_.push_back({label, std::move(text)});
     return true;
@@ -74,107 +76,110 @@ class Import {
 
   std::string Body() const {
     std::string body = "{\"guests\":[";
-    for (const Waiting& guest : batch_) body += (body.back() == '[' ? "" : ",") + guest.request;
+    for (const Pending& guest : batch_) body += (body.back() == '[' ? "" : ",") + guest.request;
     body += "]";
     if (arguments_.on_existing == OnExisting::kReplace) body += ",\"replace\":true";
-    if (IsDry()) body += ",\"dry_run\":true";
-    if (IsDry() && !planned_.empty()) body += ",\"planned\":" + json::ToText(planned_);
+    if (IsDryRun()) body += ",\"dry_run\":true";
+    if (IsDryRun() && !planned_.empty()) body += ",\"planned\":" + json::ToText(planned_);
     return body + "}";
   }
 
-  // A server that is busy has not begun with anything. Definitions contain the passwords of screens.
-  CallOutcome Call() {
+  // A busy server has not started any work, so the call is repeated. The body may contain passwords of graphical
+  // consoles.
+  CallOutcome CallWithRetries() {
     const std::string body = Body();
     CallOutcome outcome = TryApi(client_, kImport, body, Secrecy::kSecret);
-    for (int i = 1; i < kBusyTries && outcome.code == webapi::kErrorBusy; ++i) {
+    for (int i = 1; i < kMaxBusyTries && outcome.code == user_error::kHostBusy; ++i) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
       outcome = TryApi(client_, kImport, body, Secrecy::kSecret);
     }
     return outcome;
   }
 
-  bool Send() {
+  // The same result as AddToBatch.
+  bool SendBatch() {
     if (batch_.empty()) return true;
-    ShowProgress(std::to_string(done_) + " of " + Count(total_, "guest"));
-    CallOutcome outcome = Call();
+    ShowProgress(fmt::format("{} of {}", done_, Count(total_, "guest")));
+    CallOutcome outcome = CallWithRetries();
     const Json::Value& results = Member(outcome.data, "results");
     if (outcome.exit_code == ExitCode::kOk && (!results.isArray() || results.size() != batch_.size())) {
       outcome.exit_code = ExitCode::kFailed;
-      outcome.failure = Printable(NotUnderstood("results of the import").ToString());
+      outcome.failure = Printable(MissingInReply("results of the import").ToString());
     }
     if (outcome.exit_code != ExitCode::kOk) {
       ShowProgress("");
       std::cerr << "vexa: " << outcome.failure << '\n';
-      stopped_with_ = outcome.exit_code;
-      is_stopped_ = true;
+      stop_exit_code_ = outcome.exit_code;
+      has_stopped_ = true;
       is_outcome_unknown_ = !outcome.code;
       return false;
     }
-    for (Json::ArrayIndex i = 0; i < results.size(); ++i) Take(batch_[i].label, json::Element(results, i));
+    for (Json::ArrayIndex i = 0; i < results.size(); ++i) HandleResult(batch_[i].label, json::Element(results, i));
     batch_.clear();
     batch_bytes_ = 0;
     return true;
   }
 
-  void Take(const std::string& label, const Json::Value& result) {
-    if (!result.isObject()) return Fail(label, NotUnderstood("result of a guest").ToString(), Json::Value());
+  void HandleResult(const std::string& label, const Json::Value& result) {
+    if (!result.isObject()) return RecordFailure(label, MissingInReply("result of a guest").ToString(), Json::Value());
     const Json::Value* const error = json::FindMember(result, "error");
     if (error) {
       const std::string reason = Text(Member(*error, "reason"));
-      return Fail(label, reason.empty() ? Text(Member(*error, "message")) : reason, result);
+      return RecordFailure(label, reason.empty() ? Text(Member(*error, "message")) : reason, result);
     }
     ++done_;
-    if (IsDry()) return Plan(label, result);
-    Note(label, result);
+    if (IsDryRun()) return RecordPlan(label, result);
+    AddToOutput(label, result);
     if (global_.quiet || global_.json) return;
     ShowProgress("");
     const auto size = [&](const char* member) {
       return static_cast<std::size_t>(json::UInt64(Member(result, member)));
     };
-    std::cout << Printable(label) << (IsTrue(Member(result, "replaced")) ? ": replaced '" : ": imported '")
-              << Printable(Text(Member(result, "name"))) << "' (" << Printable(Text(Member(result, "guest_id")))
-              << "): " << Count(size("disks"), "disk") << ", " << Count(size("nics"), "network interface") << '\n';
+    std::cout << fmt::format("{}: {} '{}' ({}): {}, {}\n", Printable(label),
+                             IsTrue(Member(result, "replaced")) ? "replaced" : "imported",
+                             Printable(Text(Member(result, "name"))), Printable(Text(Member(result, "guest_id"))),
+                             Count(size("disks"), "disk"), Count(size("nics"), "network interface"));
     for (const Json::Value& note : json::Elements(Member(result, "notes"))) {
       std::cout << "  " << Printable(Text(note)) << '\n';
     }
   }
 
-  void Plan(const std::string& label, const Json::Value& result) {
+  void RecordPlan(const std::string& label, const Json::Value& result) {
     planned_[Text(Member(result, "guest_id"))] = Text(Member(result, "name"));
     Json::Value records = Member(result, "records");
-    if (records.isObject()) Note(label, records);
+    if (records.isObject()) AddToOutput(label, records);
   }
 
-  void Note(const std::string& label, const Json::Value& result) {
-    Json::Value& noted = noted_.append(result);
-    noted["source"] = label;
+  void AddToOutput(const std::string& label, const Json::Value& result) {
+    Json::Value& added = output_.append(result);
+    added["source"] = label;
   }
 
-  // `result` has what the server has said.
-  void Fail(const std::string& label, const std::string& reason, Json::Value result) {
+  // `result` is the server's answer for the guest, if there is one.
+  void RecordFailure(const std::string& label, const std::string& reason, Json::Value result) {
     ++done_;
     ++failed_;
     ShowProgress("");
     std::cerr << Printable(label) << ": " << Printable(reason) << '\n';
-    if (!global_.json || IsDry()) return;
-    json::MakeObject(json::MakeObject(result)["error"])["reason"] = reason;
-    Note(label, result);
+    if (!global_.json || IsDryRun()) return;
+    json::EnsureObject(json::EnsureObject(result)["error"])["reason"] = reason;
+    AddToOutput(label, result);
   }
 
-  ExitCode Stopped() {
+  ExitCode ReportStop() {
     PrintAll();
-    if (done_ == 0 && !is_outcome_unknown_) return stopped_with_;
-    std::cerr << "vexa: Stopped after " << done_ << " of " << Count(total_, "guest");
-    if (is_outcome_unknown_ && !IsDry()) {
-      std::cerr << "; the next " << batch_.size() << " may have been imported or not: see 'vexa guest list'";
+    if (done_ == 0 && !is_outcome_unknown_) return stop_exit_code_;
+    std::cerr << fmt::format("vexa: Stopped after {} of {}", done_, Count(total_, "guest"));
+    if (is_outcome_unknown_ && !IsDryRun()) {
+      std::cerr << fmt::format("; the next {} may have been imported or not. See 'vexa guest list'", batch_.size());
     }
     std::cerr << '\n';
-    return stopped_with_;
+    return stop_exit_code_;
   }
 
   void PrintAll() {
-    if (IsDry() || global_.json) {
-      PrintJson(noted_);
+    if (IsDryRun() || global_.json) {
+      PrintJson(output_);
     } else if (total_ == 0 && !global_.quiet) {
       std::cout << "There was nothing to import.\n";
     }
@@ -192,17 +197,17 @@ class Import {
   const GlobalOptions& global_;
   const ImportArguments& arguments_;
   HttpClient client_;
-  std::vector<Waiting> batch_;
+  std::vector<Pending> batch_;
   std::size_t batch_bytes_ = 0;
   std::size_t total_ = 0;
   std::size_t done_ = 0;  // guests with a result
   std::size_t failed_ = 0;
-  bool is_stopped_ = false;
+  bool has_stopped_ = false;
   bool is_outcome_unknown_ = false;  // of the last call
-  ExitCode stopped_with_ = ExitCode::kFailed;
+  ExitCode stop_exit_code_ = ExitCode::kFailed;
   bool has_progress_ = false;
   Json::Value planned_{Json::objectValue};  // names by id, in a dry run
-  Json::Value noted_{Json::arrayValue};     // what is printed as JSON at the end
+  Json::Value output_{Json::arrayValue};    // what is printed as JSON at the end
 };
 
 }  // namespace

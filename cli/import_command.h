@@ -1,4 +1,4 @@
-// `vexa import`: has the server take guests over that libvirt's domain XML describes.
+// `vexa import`: has the server import the guests that libvirt's domain XML describes.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +9,11 @@
 
 #include "cli/client_options.h"
 #include "host/base/result.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 
 namespace vexa::cli {
 
-inline constexpr std::uint64_t kMaxDiskGib = hypervisor::kMaxDiskMib / 1024;
+inline constexpr std::uint64_t kMaxDiskGib = domain_xml::kMaxDiskMib / 1024;
 
 enum class OnExisting { kRefuse, kReplace };
 enum class ImportMode { kWrite, kDryRun };
@@ -31,8 +31,8 @@ struct ImportArguments {
   ImportMode mode = ImportMode::kWrite;
 };
 
-// The words of the command line, before they are checked.
-struct ImportWords {
+// The arguments of the command line, before they are checked.
+struct RawImportArguments {
   std::vector<std::string> files;
   std::string uri;
   std::string manifest;
@@ -44,8 +44,8 @@ struct ImportWords {
   std::string host_id;
 };
 
-// kInvalid, with a sentence about the first invalid word.
-Result<ImportArguments> ResolveImportArguments(const ImportWords& words);
+// kInvalid, with a sentence about the first invalid argument.
+Result<ImportArguments> ResolveImportArguments(const RawImportArguments& raw);
 
 // Sends the guests to the server, which imports each completely or not at all; a guest that cannot be imported does not
 // prevent the others. Prints a line for each guest and its notes, or a line on standard error; with ImportMode::kDryRun
@@ -59,7 +59,7 @@ struct ImportSource {
   std::optional<std::string> xml;
   bool autostart = false;   // whether libvirt was set to start it
   std::string expected_id;  // refused when the XML has another id; "" accepts any
-  hypervisor::ImportOptions options;
+  domain_xml::ImportOptions options;
 };
 
 // The guests of a manifest. Files are relative to the manifest's folder. kInvalid names the invalid member.

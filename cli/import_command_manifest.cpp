@@ -1,4 +1,5 @@
 // The manifest: one JSON file that lists guests to import, with their options.
+#include <fmt/format.h>
 #include <algorithm>
 #include <filesystem>
 
@@ -13,68 +14,70 @@ namespace {
 
 constexpr std::size_t kMaxManifestBytes = std::size_t{16} << 20;
 
-Error Refused(const std::string& where, const std::string& what) {
-  return Error(ErrorCode::kInvalid, Printable("The manifest's " + where + " " + what));
+Error Invalid(const std::string& where, const std::string& what) {
+  return Error(ErrorCode::kInvalid, Printable(fmt::format("The manifest's {} {}", where, what)));
 }
 
 Status CheckMembers(const Json::Value& object, const std::string& where, std::initializer_list<const char*> known) {
-  if (!object.isObject()) return Refused(where, "is no object");
+  if (!object.isObject()) return Invalid(where, "is not an object");
   for (const std::string& name : object.getMemberNames()) {
     if (std::find(known.begin(), known.end(), name) == known.end()) {
-      return Refused(where, "has the unknown member '" + name + "': remove it");
+      return Invalid(where, fmt::format("has the unknown member '{}'. Remove it", name));
     }
   }
   return {};
 }
 
 // Leaves `id` unchanged when there is no such member.
-Status TakeUuid(const Json::Value& object, const std::string& member, const std::string& where, std::string& id) {
+Status ReadUuid(const Json::Value& object, const std::string& member, const std::string& where, std::string& id) {
   if (!object.isMember(member)) return {};
   const Json::Value& value = object[member];
   const std::string uuid = value.isString() ? NormalizeUuid(value.asString()) : "";
-  if (uuid.empty()) return Refused(where, "has a '" + member + "' that is no UUID");
+  if (uuid.empty()) return Invalid(where, fmt::format("has a '{}' that is not a UUID", member));
   id = uuid;
   return {};
 }
 
-Status TakeNetworks(const Json::Value& networks, hypervisor::ImportOptions& options) {
+Status ReadNetworks(const Json::Value& networks, domain_xml::ImportOptions& options) {
   if (networks.isNull()) return {};
-  if (!networks.isObject()) return Refused("'networks'", "is no object of names and UUIDs");
+  if (!networks.isObject()) return Invalid("'networks'", "is not an object of names and UUIDs");
   for (const std::string& name : networks.getMemberNames()) {
-    if (Status taken = TakeUuid(networks, name, "'networks'", options.networks[name]); !taken) return taken;
+    if (Status read = ReadUuid(networks, name, "'networks'", options.networks[name]); !read) return read;
   }
   return {};
 }
 
-Status TakeDiskSizes(const Json::Value& sizes, const std::string& where, hypervisor::ImportOptions& options) {
+Status ReadDiskSizes(const Json::Value& sizes, const std::string& where, domain_xml::ImportOptions& options) {
   if (sizes.isNull()) return {};
-  if (!sizes.isObject()) return Refused(where, "has 'disk_sizes_gib' that is no object of disk names and numbers");
+  if (!sizes.isObject()) {
+    return Invalid(where, "has a 'disk_sizes_gib' that is not an object of disk names and numbers");
+  }
   for (const std::string& name : sizes.getMemberNames()) {
     const Json::Value& size = sizes[name];
     if (!size.isUInt64() || size.asUInt64() < 1 || size.asUInt64() > kMaxDiskGib) {
-      return Refused(where, "has a size of the disk '" + name + "' that is no whole number of 1 to " +
-                                std::to_string(kMaxDiskGib) + " GiB");
+      return Invalid(where, fmt::format("has a size for the disk '{}' that is not a whole number from 1 to {} GiB",
+                                        name, kMaxDiskGib));
     }
     options.disk_sizes_mib[name] = size.asUInt64() * 1024;
   }
   return {};
 }
 
-Result<ImportSource> TakeGuest(const Json::Value& guest, const std::string& where, const std::filesystem::path& folder,
-                               const hypervisor::ImportOptions& defaults) {
+Result<ImportSource> ReadGuest(const Json::Value& guest, const std::string& where, const std::filesystem::path& folder,
+                               const domain_xml::ImportOptions& defaults) {
   Status members = CheckMembers(guest, where, {"file", "id", "repository_id", "host_id", "disk_sizes_gib"});
   if (!members) return members.error();
   if (!guest["file"].isString() || guest["file"].asString().empty()) {
-    return Refused(where, "has no 'file': give the path of a domain XML file");
+    return Invalid(where, "has no 'file'. Name a domain XML file there");
   }
   ImportSource source;
   source.label = guest["file"].asString();
   source.file = (folder / source.label).string();
   source.options = defaults;
-  if (Status id = TakeUuid(guest, "id", where, source.expected_id); !id) return id.error();
-  if (Status id = TakeUuid(guest, "repository_id", where, source.options.repository_id); !id) return id.error();
-  if (Status id = TakeUuid(guest, "host_id", where, source.options.host_id); !id) return id.error();
-  if (Status sizes = TakeDiskSizes(guest["disk_sizes_gib"], where, source.options); !sizes) return sizes.error();
+  if (Status id = ReadUuid(guest, "id", where, source.expected_id); !id) return id.error();
+  if (Status id = ReadUuid(guest, "repository_id", where, source.options.repository_id); !id) return id.error();
+  if (Status id = ReadUuid(guest, "host_id", where, source.options.host_id); !id) return id.error();
+  if (Status sizes = ReadDiskSizes(guest["disk_sizes_gib"], where, source.options); !sizes) return sizes.error();
   return source;
 }
 
@@ -84,21 +87,22 @@ Result<std::vector<ImportSource>> ReadManifest(const std::string& path) {
   Result<std::string> text = ReadFile(path, kMaxManifestBytes);
   if (!text) return text.error();
   const Result<Json::Value> manifest = ParseJson(*text);
-  if (!manifest) return Error(ErrorCode::kInvalid, "The manifest cannot be read", manifest.error().ToString());
+  if (!manifest) return Error(ErrorCode::kInvalid, "Cannot read the manifest", manifest.error().ToString());
 
   Status members = CheckMembers(*manifest, "root", {"guests", "repository_id", "host_id", "networks"});
   if (!members) return members.error();
-  hypervisor::ImportOptions defaults;
-  if (Status id = TakeUuid(*manifest, "repository_id", "root", defaults.repository_id); !id) return id.error();
-  if (Status id = TakeUuid(*manifest, "host_id", "root", defaults.host_id); !id) return id.error();
-  if (Status networks = TakeNetworks((*manifest)["networks"], defaults); !networks) return networks.error();
+  domain_xml::ImportOptions defaults;
+  if (Status id = ReadUuid(*manifest, "repository_id", "root", defaults.repository_id); !id) return id.error();
+  if (Status id = ReadUuid(*manifest, "host_id", "root", defaults.host_id); !id) return id.error();
+  if (Status networks = ReadNetworks((*manifest)["networks"], defaults); !networks) return networks.error();
 
   const Json::Value& guests = (*manifest)["guests"];
-  if (!guests.isArray()) return Refused("root", "has no 'guests': give an array of objects with a 'file' each");
+  if (!guests.isArray())
+    return Invalid("root", "has no 'guests'. List the guests there, as objects with a 'file' each");
   const std::filesystem::path folder = std::filesystem::path(path).parent_path();
   std::vector<ImportSource> sources;
   for (Json::ArrayIndex i = 0; i < guests.size(); ++i) {
-    Result<ImportSource> source = TakeGuest(guests[i], "guest " + std::to_string(i + 1), folder, defaults);
+    Result<ImportSource> source = ReadGuest(guests[i], fmt::format("guest {}", i + 1), folder, defaults);
     if (!source) return source.error();
     sources.push_back(std::move(*source));
   }

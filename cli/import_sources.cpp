@@ -13,19 +13,19 @@ namespace vexa::cli {
 namespace {
 
 namespace json = VexaVirtualization::json;
-using hypervisor::ImportedGuest;
+using domain_xml::ImportedGuest;
 
-hypervisor::ImportOptions OptionsOf(const ImportArguments& arguments) {
-  hypervisor::ImportOptions options;
+domain_xml::ImportOptions OptionsOf(const ImportArguments& arguments) {
+  domain_xml::ImportOptions options;
   if (arguments.repository_id) options.repository_id = *arguments.repository_id;
   if (arguments.host_id) options.host_id = *arguments.host_id;
   options.disk_sizes_mib = arguments.disk_sizes_mib;
   options.networks = arguments.networks;
-  options.size_of = hypervisor::ReadImageSize;
+  options.size_of = domain_xml::ReadImageSize;
   return options;
 }
 
-// Whether the URI names no other machine: "qemu:///system" does not, "qemu+ssh://other/system" does.
+// Whether the URI is on this machine, such as "qemu:///system"; "qemu+ssh://other/system" is not.
 bool IsLocal(const std::string& uri) { return uri.find(":///") != std::string::npos; }
 
 std::vector<ImportSource> FilesOf(const ImportArguments& arguments) {
@@ -41,41 +41,42 @@ std::vector<ImportSource> FilesOf(const ImportArguments& arguments) {
 
 Result<std::vector<ImportSource>> DomainsOf(const ImportArguments& arguments,
                                             const hypervisor::DomainConnection& connection) {
-  Result<std::vector<hypervisor::DomainText>> domains = connection.List();
+  Result<std::vector<hypervisor::InactiveDomain>> domains = connection.List();
   if (!domains) return domains.error();
   std::vector<ImportSource> sources;
-  for (hypervisor::DomainText& domain : *domains) {
+  for (hypervisor::InactiveDomain& domain : *domains) {
     ImportSource source;
     source.label = domain.name;
     source.xml = std::move(domain.xml);
     source.autostart = domain.autostart;
     source.options = OptionsOf(arguments);
-    // libvirt knows the images of its own machine, which may be another one than this.
+    // libvirt reads the images on its own machine, which may be another machine.
     source.options.size_of = [&connection, id = domain.id, local = IsLocal(arguments.uri)](
-                                 const std::string& path, hypervisor::ImageFormat format) {
+                                 const std::string& path, domain_xml::ImageFormat format) {
       Result<std::uint64_t> size = connection.DiskSize(id, path);
-      return size || !local ? size : hypervisor::ReadImageSize(path, format);
+      return size || !local ? size : domain_xml::ReadImageSize(path, format);
     };
     sources.push_back(std::move(source));
   }
   return sources;
 }
 
-// libvirt names the file before the guest's first start creates it. Until then its absence is normal.
-bool AreVariablesUnmade(const Json::Value& guest) {
+// libvirt names the file of the UEFI variables before the guest's first start creates it. Until then it is missing
+// without an error.
+bool IsNvramFileMissing(const Json::Value& guest) {
   const std::string path = json::String(json::Member(guest, "nvram"));
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) == 0 || errno != ENOENT) return false;
-  // A missing folder may be on storage that is not mounted.
+  // Without its folder, the file may exist on storage that is not mounted.
   return ::stat(path.substr(0, path.rfind('/') + 1).c_str(), &info) == 0;
 }
 
 // The options as the server takes them, without the sizes of images.
-Json::Value RequestOf(const hypervisor::ImportOptions& options) {
+Json::Value RequestOf(const domain_xml::ImportOptions& options) {
   Json::Value request(Json::objectValue);
   request["repository_id"] = options.repository_id;
   request["host_id"] = options.host_id;
-  // Names that nothing can have are refused by the server.
+  // An empty name matches no disk or network, and the server refuses it.
   for (const auto& [name, size] : options.disk_sizes_mib) {
     if (!name.empty()) request["disk_sizes_mib"][name] = Json::UInt64{size};
   }
@@ -93,12 +94,12 @@ Result<ImportSources> ImportSources::Open(const ImportArguments& arguments) {
     Result<std::vector<ImportSource>> listed = ReadManifest(arguments.manifest);
     if (!listed) return listed.error();
     sources.guests_ = std::move(*listed);
-    for (ImportSource& source : sources.guests_) source.options.size_of = hypervisor::ReadImageSize;
+    for (ImportSource& source : sources.guests_) source.options.size_of = domain_xml::ReadImageSize;
   } else if (!arguments.uri.empty()) {
     auto connection = hypervisor::DomainConnection::Open(arguments.uri);
     if (!connection) return connection.error();
     sources.connection_ = std::move(*connection);
-    sources.has_files_here_ = IsLocal(arguments.uri);
+    sources.are_files_local_ = IsLocal(arguments.uri);
     Result<std::vector<ImportSource>> domains = DomainsOf(arguments, *sources.connection_);
     if (!domains) return domains.error();
     sources.guests_ = std::move(*domains);
@@ -113,25 +114,25 @@ Result<Json::Value> ImportSources::Prepare(const ImportSource& guest) const {
   if (guest.xml) {
     xml = *guest.xml;
   } else {
-    Result<std::string> text = ReadFile(guest.file, hypervisor::kMaxDomainXmlBytes);
+    Result<std::string> text = ReadFile(guest.file, domain_xml::kMaxDomainXmlBytes);
     if (!text) return text.error();
     xml = std::move(*text);
   }
   Json::Value request = RequestOf(guest.options);
-  hypervisor::ImportOptions options = guest.options;
+  domain_xml::ImportOptions options = guest.options;
   // The server converts the definition again, with the sizes that this machine knows.
-  options.size_of = [&](const std::string& path, hypervisor::ImageFormat format) {
+  options.size_of = [&](const std::string& path, domain_xml::ImageFormat format) {
     Result<std::uint64_t> size = guest.options.size_of(path, format);
     if (size) request["image_sizes"][path] = Json::UInt64{*size};
     if (!size && size.error().code() != ErrorCode::kNotFound) request["image_sizes"][path] = Json::Value();
     return size;
   };
-  const Result<ImportedGuest> converted = hypervisor::ParseDomainXml(xml, options);
+  const Result<ImportedGuest> converted = domain_xml::ParseDomainXml(xml, options);
   if (!converted) return converted.error();
-  if (has_files_here_ && AreVariablesUnmade(converted->guest)) request["has_variables"] = false;
+  if (are_files_local_ && IsNvramFileMissing(converted->guest)) request["has_variables"] = false;
   if (guest.autostart) request["autostart"] = true;
   if (!guest.expected_id.empty()) request["guest_id"] = guest.expected_id;
-  request["xml"] = std::move(xml);
+  request["xml"] = xml;
   return request;
 }
 

@@ -1,4 +1,4 @@
-// What `vexa import` reads on this machine: definitions, the sizes of images, and the domains of a libvirt.
+// What `vexa import` reads on this machine: domain XML, the sizes of images, and the domains of a libvirt connection.
 #pragma once
 
 #include <json/value.h>
@@ -12,7 +12,7 @@
 
 namespace vexa::cli {
 
-// Threads: one.
+// Threads: one at a time.
 class ImportSources {
  public:
   // Errors: those of the manifest and of libvirt.
@@ -20,16 +20,16 @@ class ImportSources {
 
   const std::vector<ImportSource>& guests() const { return guests_; }
 
-  // The guest as the server's "import" takes it. Errors: kInvalid when the definition cannot be imported, with the
-  // sentence that the server has for it, and why an image could not be read; those of files.
+  // The guest as the server's "import" takes it. kInvalid when the definition cannot be imported, with the sentence
+  // that the server would return; also the errors of reading the file.
   Result<Json::Value> Prepare(const ImportSource& guest) const;
 
  private:
   ImportSources() = default;
 
-  std::unique_ptr<hypervisor::DomainConnection> connection_;  // used by `guests_`
+  std::unique_ptr<hypervisor::DomainConnection> connection_;  // the `size_of` functions of `guests_` refer to it
   std::vector<ImportSource> guests_;
-  bool has_files_here_ = true;  // the guests' files, if anywhere, are on this machine
+  bool are_files_local_ = true;  // whether the guests' files are on this machine
 };
 
 }  // namespace vexa::cli

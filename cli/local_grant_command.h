@@ -5,23 +5,23 @@
 #include <string>
 #include <vector>
 
-#include "cli/account_places.h"
+#include "cli/account_paths.h"
 #include "cli/client_options.h"
 #include "cli/grant_command.h"
 #include "host/cluster/grants.h"
 
 namespace vexa::cli {
 
-ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+ExitCode RunLocalGrant(const GlobalOptions& global, const AccountPaths& paths, const GrantTarget& target,
                        const std::vector<std::string>& guest_ids);
-ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+ExitCode RunLocalRevoke(const GlobalOptions& global, const AccountPaths& paths, const GrantTarget& target,
                         const std::vector<std::string>& guest_ids);
-ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target,
+ExitCode RunLocalSetLevel(const GlobalOptions& global, const AccountPaths& paths, const GrantTarget& target,
                           cluster::GrantLevel level);
-// Removes the record of the target's id, also when the account no longer exists.
-ExitCode RunLocalDropGrants(const GlobalOptions& global, const AccountPlaces& places, const GrantTarget& target);
+// Removes the grants and the level of the target's id, also when the account no longer exists.
+ExitCode RunLocalDropGrants(const GlobalOptions& global, const AccountPaths& paths, const GrantTarget& target);
 
-// Finds the user or group. kNotFound when it does not exist; kDenied and others as OpenAccounts.
-Result<cluster::GrantPrincipal> FindAccount(const AccountPlaces& places, const GrantTarget& target);
+// Finds the user or group. kNotFound when it does not exist; also the errors of OpenAccounts.
+Result<cluster::GrantPrincipal> FindAccount(const AccountPaths& paths, const GrantTarget& target);
 
 }  // namespace vexa::cli

@@ -1,5 +1,7 @@
 #include "cli/local_user_command.h"
 
+#include <fmt/format.h>
+
 #include "cli/account_output.h"
 #include "cli/owner.h"
 #include "cli/printable.h"
@@ -7,42 +9,42 @@
 namespace vexa::cli {
 namespace {
 
-// `logged` and `said` are about what was done when `status` is a success.
-ExitCode Finish(const GlobalOptions& global, const AccountPlaces& places, const LocalAccounts& local,
-                const Status& status, const std::string& logged, const std::string& said) {
+// Reports `status`, and on success the change: `log_text` goes to the logs, `confirmation` to the user.
+ExitCode ReportChange(const GlobalOptions& global, const AccountPaths& paths, const LocalAccounts& local,
+                      const Status& status, const std::string& log_text, const std::string& confirmation) {
   if (!status) return Report(status.error());
-  LogLocalChange(places, local.opened, logged);
-  return Say(global, said);
+  LogLocalChange(paths, local.opened, log_text);
+  return PrintConfirmation(global, confirmation);
 }
 
 Status CheckLocalUser(const NewUserOptions& options) {
   if (Status checked = CheckNewUser(options); !checked) return checked;
-  return options.uid ? cluster::AccountStore::CheckSharedUid(*options.uid) : Status();
+  return options.uid ? cluster::AccountStore::CheckMachineUid(*options.uid) : Status();
 }
 
-// The store is closed again: a password is asked for next, and a daemon may start meanwhile.
-Result<base::User> FindLocalUser(const AccountPlaces& places, const std::string& name) {
-  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kRefuse);
+// Closes the store again, because a password prompt follows and a daemon may start meanwhile.
+Result<accounts::User> FindLocalUser(const AccountPaths& paths, const std::string& name) {
+  const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kRefuse);
   if (!local) return local.error();
   return local->accounts->FindUser(name);
 }
 
-// Before a password is asked for in vain. Creates nothing.
-Status CheckIsFree(const AccountPlaces& places, const std::string& name) {
-  const Result<base::User> taken = FindLocalUser(places, name);
-  if (taken) return Error(ErrorCode::kConflict, "There is a user '" + taken->name + "' already");
+// Fails when the name is taken or the account could not be stored, before the user types a password. Creates nothing.
+Status CheckNameIsFree(const AccountPaths& paths, const std::string& name) {
+  const Result<accounts::User> taken = FindLocalUser(paths, name);
+  if (taken) return UserExists(taken->name);
   if (taken.error().code() != ErrorCode::kNotFound) return taken.error();
-  return CheckOwnerOrFolder(places.store_path());
+  return CheckOwnerOrFolder(paths.store_path());
 }
 
-Json::Value AsJson(const base::User& user) {
+Json::Value AsJson(const accounts::User& user) {
   Json::Value value;
   value["name"] = user.name;
   value["uid"] = user.uid;
   value["gid"] = user.gid;
   value["administrator"] = user.is_administrator;
   value["groups"] = Json::Value(Json::arrayValue);
-  for (const base::Group& group : user.groups) {
+  for (const accounts::Group& group : user.groups) {
     Json::Value& entry = value["groups"].append(Json::Value(Json::objectValue));
     entry["name"] = group.name;
     entry["gid"] = group.gid;
@@ -52,60 +54,59 @@ Json::Value AsJson(const base::User& user) {
 
 }  // namespace
 
-ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options) {
+ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPaths& paths, const NewUserOptions& options) {
   if (const Status checked = CheckLocalUser(options); !checked) return Report(checked.error());
-  if (const Status free = CheckIsFree(places, options.name); !free) return Report(free.error());
+  if (const Status free = CheckNameIsFree(paths, options.name); !free) return Report(free.error());
   std::string password;
-  const ExitCode asked = AskNewPassword(options.password, "Password of " + Printable(options.name), password);
+  const ExitCode asked =
+      AskNewPassword(options.password, fmt::format("Password of {}", Printable(options.name)), password);
   if (asked != ExitCode::kOk) return asked;
-  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kCreate);
+  const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kCreate);
   if (!local) return Report(local.error());
   using Level = cluster::AccountStore::Level;
   const Status added = local->accounts->AddUser(
       {options.name, password, options.groups, options.uid, options.advanced ? Level::kAdvanced : Level::kUser});
-  return Finish(global, places, *local, added, "The user [" + options.name + "] has been added.",
-                "Added user '" + Printable(options.name) + "'.");
+  return ReportChange(global, paths, *local, added, fmt::format("The user [{}] has been added.", options.name),
+                      UserAdded(options.name));
 }
 
-ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
+ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPaths& paths, const std::string& name,
                             PasswordSource source) {
-  const Result<base::User> user = FindLocalUser(places, name);
+  const Result<accounts::User> user = FindLocalUser(paths, name);
   if (!user) return Report(user.error());
   std::string password;
-  const ExitCode asked = AskNewPassword(source, "New password of " + Printable(name), password);
+  const ExitCode asked = AskNewPassword(source, fmt::format("New password of {}", Printable(name)), password);
   if (asked != ExitCode::kOk) return asked;
-  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kRefuse);
+  const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kRefuse);
   if (!local) return Report(local.error());
-  return Finish(global, places, *local, local->accounts->SetPassword(user->uid, password),
-                "The password of the user [" + user->name + "] has been changed.",
-                "Changed the password of '" + Printable(name) + "'.");
+  return ReportChange(global, paths, *local, local->accounts->SetPassword(user->uid, password),
+                      fmt::format("The password of the user [{}] has been changed.", user->name),
+                      PasswordChanged(name));
 }
 
-ExitCode RunLocalUserGroup(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
+ExitCode RunLocalUserGroup(const GlobalOptions& global, const AccountPaths& paths, const std::string& name,
                            const std::vector<std::string>& groups) {
-  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kRefuse);
+  const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kRefuse);
   if (!local) return Report(local.error());
-  std::string shown;
-  for (const std::string& group : groups) shown += (shown.empty() ? "" : ", ") + group;
-  return Finish(global, places, *local, local->accounts->SetGroups(name, groups),
-                "The groups of the user [" + name + "] are now [" + shown + "].",
-                "Changed the groups of '" + Printable(name) + "'.");
+  return ReportChange(global, paths, *local, local->accounts->SetGroups(name, groups),
+                      fmt::format("The groups of the user [{}] are now [{}].", name, fmt::join(groups, ", ")),
+                      GroupsChanged(name));
 }
 
-ExitCode RunLocalUserDel(const GlobalOptions& global, const AccountPlaces& places, const std::string& name) {
-  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kRefuse);
+ExitCode RunLocalUserDel(const GlobalOptions& global, const AccountPaths& paths, const std::string& name) {
+  const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kRefuse);
   if (!local) return Report(local.error());
-  return Finish(global, places, *local, local->accounts->DeleteUser(name), "The user [" + name + "] has been deleted.",
-                "Deleted user '" + Printable(name) + "'.");
+  return ReportChange(global, paths, *local, local->accounts->DeleteUser(name),
+                      fmt::format("The user [{}] has been deleted.", name), UserDeleted(name));
 }
 
-ExitCode RunLocalUserList(const GlobalOptions& global, const AccountPlaces& places) {
-  const Result<LocalAccounts> local = OpenAccounts(places, MissingStore::kRefuse);
+ExitCode RunLocalUserList(const GlobalOptions& global, const AccountPaths& paths) {
+  const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kRefuse);
   if (!local) return Report(local.error());
   const auto users = local->accounts->ListUsers();
   if (!users) return Report(users.error());
   Json::Value all(Json::arrayValue);
-  for (const base::User& user : *users) all.append(AsJson(user));
+  for (const accounts::User& user : *users) all.append(AsJson(user));
   return PrintUsers(global, all);
 }
 

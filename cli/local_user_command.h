@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/account_places.h"
+#include "cli/account_paths.h"
 #include "cli/client_options.h"
 #include "cli/password.h"
 #include "cli/user_command.h"
@@ -13,14 +13,14 @@
 namespace vexa::cli {
 
 // Creates the store if it does not exist. The other commands never create one.
-ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPlaces& places, const NewUserOptions& options);
-ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
+ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPaths& paths, const NewUserOptions& options);
+ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPaths& paths, const std::string& name,
                             PasswordSource source);
 // Replaces the user's groups.
-ExitCode RunLocalUserGroup(const GlobalOptions& global, const AccountPlaces& places, const std::string& name,
+ExitCode RunLocalUserGroup(const GlobalOptions& global, const AccountPaths& paths, const std::string& name,
                            const std::vector<std::string>& groups);
-// With what was granted to the user.
-ExitCode RunLocalUserDel(const GlobalOptions& global, const AccountPlaces& places, const std::string& name);
-ExitCode RunLocalUserList(const GlobalOptions& global, const AccountPlaces& places);
+// Also deletes the user's grants.
+ExitCode RunLocalUserDel(const GlobalOptions& global, const AccountPaths& paths, const std::string& name);
+ExitCode RunLocalUserList(const GlobalOptions& global, const AccountPaths& paths);
 
 }  // namespace vexa::cli

@@ -21,10 +21,10 @@
 namespace vexa::cli {
 namespace {
 
-constexpr std::size_t kPage = 1000;
-// The log keeps a tenth of that; a server that never ends its pages is not followed.
+constexpr std::size_t kPageEntries = 1000;
+// The log keeps at most a tenth of these pages. A server whose pages do not end is refused.
 constexpr std::size_t kMaxPages = 100;
-constexpr auto kPollEvery = std::chrono::seconds(1);
+constexpr auto kPollInterval = std::chrono::seconds(1);
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
 struct Page {
@@ -42,7 +42,7 @@ Page ReadPage(HttpClient& client, const Json::Value& parameters, Order order) {
   const Json::Value& entries = Member(page.outcome.data, "entries");
   if (!entries.isArray()) {
     page.outcome.exit_code = ExitCode::kFailed;
-    page.outcome.failure = NotUnderstood("entries of the log").ToString();
+    page.outcome.failure = MissingInReply("entries of the log").ToString();
     return page;
   }
   page.entries.assign(entries.begin(), entries.end());
@@ -51,7 +51,7 @@ Page ReadPage(HttpClient& client, const Json::Value& parameters, Order order) {
   return page;
 }
 
-ExitCode Tell(const CallOutcome& outcome) {
+ExitCode PrintFailure(const CallOutcome& outcome) {
   std::cerr << "vexa: " << outcome.failure << '\n';
   return outcome.exit_code;
 }
@@ -63,7 +63,7 @@ CallOutcome ReadNewest(HttpClient& client, std::size_t count, std::vector<Json::
   CallOutcome outcome;
   while (count > 0) {
     Json::Value parameters(Json::objectValue);
-    parameters["limit"] = static_cast<Json::UInt>(std::min(count, kPage));
+    parameters["limit"] = static_cast<Json::UInt>(std::min(count, kPageEntries));
     if (!cursor.empty()) parameters["cursor"] = cursor;
     Page page = ReadPage(client, parameters, Order::kNewestFirst);
     outcome = std::move(page.outcome);
@@ -73,7 +73,7 @@ CallOutcome ReadNewest(HttpClient& client, std::size_t count, std::vector<Json::
     if (page.next.empty()) break;
     if (page.next == cursor || pages.size() == kMaxPages) {
       outcome.exit_code = ExitCode::kFailed;
-      outcome.failure = "The server's log does not come to an end";
+      outcome.failure = "The pages of the server's log do not end";
       return outcome;
     }
     cursor = page.next;
@@ -94,12 +94,12 @@ std::string LocalTime(const Json::Value& time_us) {
   return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)};
 }
 
-std::string PriorityWord(const Json::Value& priority) {
+std::string PriorityText(const Json::Value& priority) {
   const std::string text = Text(priority);
   return text == "1" ? "failure" : text == "3" ? "success" : text.empty() ? "-" : text;
 }
 
-std::string OrDash(std::string text) { return text.empty() ? "-" : text; }
+std::string OrDash(const std::string& text) { return text.empty() ? "-" : text; }
 
 void PrintEntry(const GlobalOptions& global, const Json::Value& entry) {
   if (global.json) {
@@ -107,7 +107,7 @@ void PrintEntry(const GlobalOptions& global, const Json::Value& entry) {
     return;
   }
   const std::string host = Text(Member(entry, "host"));
-  std::cout << LocalTime(Member(entry, "time_us")) << ' ' << Printable(PriorityWord(Member(entry, "priority"))) << ' '
+  std::cout << LocalTime(Member(entry, "time_us")) << ' ' << Printable(PriorityText(Member(entry, "priority"))) << ' '
             << Printable(OrDash(host.empty() ? Text(Member(entry, "host_id")) : host)) << ' '
             << Printable(OrDash(Text(Member(entry, "user")))) << ": " << Printable(Text(Member(entry, "text"))) << '\n';
 }
@@ -119,20 +119,20 @@ std::int64_t NewestTime(const std::vector<Json::Value>& entries, std::int64_t ne
   return newest;
 }
 
-// While it lives, Ctrl-C ends the process with 0, and never in the middle of a line.
-class QuietEnd {
+// During its lifetime, Ctrl-C ends the process with exit code 0, but not in the middle of a line.
+class ExitZeroOnInterrupt {
  public:
-  QuietEnd() {
+  ExitZeroOnInterrupt() {
     sigemptyset(&interrupt_);
     sigaddset(&interrupt_, SIGINT);
     struct sigaction action {};
-    if (::sigaction(SIGINT, nullptr, &before_) != 0 || before_.sa_handler == SIG_IGN) return;
+    if (::sigaction(SIGINT, nullptr, &original_) != 0 || original_.sa_handler == SIG_IGN) return;
     action.sa_handler = [](int) { ::_exit(static_cast<int>(ExitCode::kOk)); };
     ::sigaction(SIGINT, &action, nullptr);
   }
-  ~QuietEnd() { ::sigaction(SIGINT, &before_, nullptr); }
-  QuietEnd(const QuietEnd&) = delete;
-  QuietEnd& operator=(const QuietEnd&) = delete;
+  ~ExitZeroOnInterrupt() { ::sigaction(SIGINT, &original_, nullptr); }
+  ExitZeroOnInterrupt(const ExitZeroOnInterrupt&) = delete;
+  ExitZeroOnInterrupt& operator=(const ExitZeroOnInterrupt&) = delete;
 
   void Print(const GlobalOptions& global, const std::vector<Json::Value>& entries) const {
     ::pthread_sigmask(SIG_BLOCK, &interrupt_, nullptr);
@@ -143,30 +143,30 @@ class QuietEnd {
 
  private:
   sigset_t interrupt_{};
-  struct sigaction before_ {};
+  struct sigaction original_ {};
 };
 
-ExitCode Follow(HttpClient& client, const GlobalOptions& global, std::int64_t after, const QuietEnd& end) {
-  bool is_away = false;
+ExitCode Follow(HttpClient& client, const GlobalOptions& global, std::int64_t after, const ExitZeroOnInterrupt& end) {
+  bool is_unreachable = false;
   while (std::cout) {
     Json::Value parameters(Json::objectValue);
     parameters["after"] = Json::Int64{after};
-    parameters["limit"] = static_cast<Json::UInt>(kPage);
+    parameters["limit"] = static_cast<Json::UInt>(kPageEntries);
     const Page page = ReadPage(client, parameters, Order::kOldestFirst);
     const bool is_temporary = IsTemporary(page.outcome);
-    if (page.outcome.exit_code != ExitCode::kOk && !is_temporary) return Tell(page.outcome);
-    if (is_temporary && !is_away) {
-      Tell(page.outcome);
+    if (page.outcome.exit_code != ExitCode::kOk && !is_temporary) return PrintFailure(page.outcome);
+    if (is_temporary && !is_unreachable) {
+      PrintFailure(page.outcome);
       std::cerr << "vexa: Still trying\n";
     }
-    if (!is_temporary && is_away) std::cerr << "vexa: The server answers again\n";
-    is_away = is_temporary;
+    if (!is_temporary && is_unreachable) std::cerr << "vexa: The server answers again\n";
+    is_unreachable = is_temporary;
     end.Print(global, page.entries);
     const std::int64_t newest = NewestTime(page.entries, after);
-    // A full page is followed by more.
-    const bool is_more = page.entries.size() >= kPage && newest > after;
+    // A full page: there may be more entries.
+    const bool has_more = page.entries.size() >= kPageEntries && newest > after;
     after = newest;
-    if (!is_more) std::this_thread::sleep_for(kPollEvery);
+    if (!has_more) std::this_thread::sleep_for(kPollInterval);
   }
   return ExitCode::kFailed;
 }
@@ -181,11 +181,11 @@ ExitCode RunLog(const GlobalOptions& global, const LogOptions& options) {
   std::size_t count = options.count;
   if (options.range == LogOptions::Range::kAll) count = std::numeric_limits<std::size_t>::max();
   std::vector<Json::Value> entries;
-  std::optional<QuietEnd> end;
+  std::optional<ExitZeroOnInterrupt> end;
   if (is_following) end.emplace();
-  // At least one, to know where to follow from.
+  // At least one, because following starts after the newest entry.
   const CallOutcome outcome = ReadNewest(client, is_following ? std::max<std::size_t>(count, 1) : count, entries);
-  if (outcome.exit_code != ExitCode::kOk) return Tell(outcome);
+  if (outcome.exit_code != ExitCode::kOk) return PrintFailure(outcome);
   const std::int64_t newest = NewestTime(entries, 0);
   if (entries.size() > count) {
     entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(count));

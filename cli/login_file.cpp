@@ -1,5 +1,7 @@
 #include "cli/login_file.h"
 
+#include <fmt/format.h>
+
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,11 +26,11 @@ std::string HomeFolder() {
   return entry && entry->pw_dir ? entry->pw_dir : "";
 }
 
-Result<std::string> ReadPrivateFile(const std::string& path) {
+Result<std::string> ReadSecretFile(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & 077) != 0) {
     return Error(ErrorCode::kDenied,
-                 "Others may use '" + path + "', which contains a token. Run: chmod 600 '" + path + "'");
+                 fmt::format("Other users may access '{0}', which contains a token. Run: chmod 600 '{0}'", path));
   }
   return ReadFile(path, kMaxFileBytes);
 }
@@ -40,14 +42,14 @@ Result<std::string> LoginFilePath() {
     return std::string(config) + "/vexa/login.json";
   }
   const std::string home = HomeFolder();
-  if (home.empty()) return Error(ErrorCode::kNotFound, "Neither XDG_CONFIG_HOME nor HOME names a folder");
+  if (home.empty()) return Error(ErrorCode::kNotFound, "Neither XDG_CONFIG_HOME nor HOME is set to a folder");
   return home + "/.config/vexa/login.json";
 }
 
 Result<std::optional<SavedLogin>> LoadLogin() {
   const Result<std::string> path = LoginFilePath();
   if (!path) return std::optional<SavedLogin>();
-  const Result<std::string> content = ReadPrivateFile(*path);
+  const Result<std::string> content = ReadSecretFile(*path);
   if (!content && content.error().code() == ErrorCode::kNotFound) return std::optional<SavedLogin>();
   if (!content) return content.error();
   const Result<Json::Value> parsed = ParseJson(*content);
@@ -59,7 +61,8 @@ Result<std::optional<SavedLogin>> LoadLogin() {
     login.token = Text(Member(*parsed, "token"));
   }
   if (login.server.empty() || !IsValidToken(login.token)) {
-    return Error(ErrorCode::kCorrupt, "The saved login '" + *path + "' is damaged; remove it and run 'vexa login'");
+    return Error(ErrorCode::kCorrupt,
+                 fmt::format("The saved login '{}' is damaged. Remove it and run 'vexa login'", *path));
   }
   return std::optional<SavedLogin>(std::move(login));
 }
@@ -70,7 +73,7 @@ Status SaveLogin(const SavedLogin& login) {
   const std::string folder = std::filesystem::path(*path).parent_path();
   if (const Status created = CreateDirectories(folder, 0700); !created) return created;
   if (::chmod(folder.c_str(), 0700) != 0) {
-    return SystemError(ErrorCode::kDenied, "Cannot keep others out of '" + folder + "'", errno);
+    return SystemError(ErrorCode::kDenied, fmt::format("Cannot keep other users out of '{}'", folder), errno);
   }
   Json::Value content;
   content["server"] = login.server;
@@ -82,15 +85,17 @@ Status SaveLogin(const SavedLogin& login) {
 Status RemoveLogin() {
   const Result<std::string> path = LoginFilePath();
   if (!path || ::unlink(path->c_str()) == 0 || errno == ENOENT || errno == ENOTDIR) return {};
-  return SystemError(ErrorCode::kDenied, "Cannot remove '" + *path + "'", errno);
+  return SystemError(ErrorCode::kDenied, fmt::format("Cannot remove '{}'", *path), errno);
 }
 
 Result<std::string> ReadTokenFile(const std::string& path) {
-  Result<std::string> content = ReadPrivateFile(path);
+  Result<std::string> content = ReadSecretFile(path);
   if (!content) return content;
   if (content->ends_with('\n')) content->pop_back();
   if (content->ends_with('\r')) content->pop_back();
-  if (!IsValidToken(*content)) return Error(ErrorCode::kInvalid, "'" + path + "' does not contain a token on one line");
+  if (!IsValidToken(*content)) {
+    return Error(ErrorCode::kInvalid, fmt::format("'{}' does not contain a token on one line", path));
+  }
   return content;
 }
 

@@ -6,7 +6,7 @@
 #include "cli/exit_code.h"
 
 int main(int argc, char** argv) {
-  // Texts are UTF-8 whatever the caller's locale; the C library determines the width of characters.
+  // All text is UTF-8 in any locale of the caller; wcwidth needs to know that.
   std::setlocale(LC_CTYPE, "C.UTF-8");
   try {
     const int code = vexa::cli::RunCommandLine(argc, argv);

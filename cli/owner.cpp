@@ -1,5 +1,7 @@
 #include "cli/owner.h"
 
+#include <fmt/format.h>
+
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +14,7 @@ namespace {
 
 std::string AccountName(uid_t uid) {
   const passwd* entry = ::getpwuid(uid);
-  return entry && entry->pw_name ? entry->pw_name : "#" + std::to_string(uid);
+  return entry && entry->pw_name ? entry->pw_name : fmt::format("#{}", uid);
 }
 
 }  // namespace
@@ -20,12 +22,13 @@ std::string AccountName(uid_t uid) {
 Status CheckOwner(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) {
-    return SystemError(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied, "Cannot use '" + path + "'", errno);
+    return SystemError(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied,
+                       fmt::format("Cannot use '{}'", path), errno);
   }
   if (info.st_uid == ::geteuid()) return {};
-  const std::string name = AccountName(info.st_uid);
-  return Error(ErrorCode::kDenied, "'" + path + "' belongs to '" + name +
-                                       "'; run the command as that account: sudo -u '" + name + "' vexa …");
+  return Error(ErrorCode::kDenied,
+               fmt::format("'{0}' belongs to '{1}'. Run the command as that account: sudo -u '{1}' vexa …", path,
+                           AccountName(info.st_uid)));
 }
 
 Status CheckOwnerOrFolder(const std::string& path) {

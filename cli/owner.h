@@ -1,4 +1,4 @@
-// Commands that work on the host's own files run as the account that owns them.
+// Checks that a command that works on the daemon's files runs as the account that owns them.
 #pragma once
 
 #include <string>
@@ -7,11 +7,11 @@
 
 namespace vexa::cli {
 
-// kNotFound when `path` does not exist. kDenied when another account owns it: a file that is replaced or created by the
-// wrong account locks the daemon out. The error says which account to use.
+// kNotFound when `path` does not exist. kDenied when another account owns it: the daemon could not open a file that
+// another account replaces or creates. The error names the account to use.
 Status CheckOwner(const std::string& path);
 
-// The same for a file that may be missing: in that case its folder decides.
+// The same for a file that may be missing: the owner of its folder is checked then.
 Status CheckOwnerOrFolder(const std::string& path);
 
 }  // namespace vexa::cli

@@ -7,14 +7,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <iostream>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include "cli/exit_code.h"
+#include "host/base/mutex.h"
 
 namespace vexa::cli {
 namespace {
@@ -24,30 +23,54 @@ bool IsIgnored(int signal) {
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// While it lives, SIGINT is held back in this thread and its children, until it is taken.
-class HeldInterrupt {
+// During its lifetime, SIGINT is blocked in this thread and in the threads that it starts.
+class BlockedInterrupt {
  public:
-  HeldInterrupt() : is_held_(!IsIgnored(SIGINT)) {
+  BlockedInterrupt() : is_blocked_(!IsIgnored(SIGINT)) {
     sigemptyset(&signals_);
     sigaddset(&signals_, SIGINT);
-    if (is_held_) ::pthread_sigmask(SIG_BLOCK, &signals_, &before_);
+    if (is_blocked_) ::pthread_sigmask(SIG_BLOCK, &signals_, &original_);
   }
-  ~HeldInterrupt() {
-    if (is_held_) ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  ~BlockedInterrupt() {
+    if (is_blocked_) ::pthread_sigmask(SIG_SETMASK, &original_, nullptr);
   }
-  HeldInterrupt(const HeldInterrupt&) = delete;
-  HeldInterrupt& operator=(const HeldInterrupt&) = delete;
+  BlockedInterrupt(const BlockedInterrupt&) = delete;
+  BlockedInterrupt& operator=(const BlockedInterrupt&) = delete;
 
-  // Whether SIGINT came.
-  bool Take() const {
+  // Whether SIGINT has arrived since the last call.
+  bool Consume() const {
     const timespec no_time{};
-    return is_held_ && ::sigtimedwait(&signals_, nullptr, &no_time) == SIGINT;
+    return is_blocked_ && ::sigtimedwait(&signals_, nullptr, &no_time) == SIGINT;
   }
 
  private:
-  const bool is_held_;
+  const bool is_blocked_;
   sigset_t signals_{};
-  sigset_t before_{};
+  sigset_t original_{};
+};
+
+// Counts the finished pieces of work. Threads: any.
+class Progress {
+ public:
+  void Add() {
+    const MutexLock lock(mutex_);
+    ++done_;
+    changed_.NotifyOne();
+  }
+
+  // Waits until the count differs from `seen`, at most `timeout`. Returns the count.
+  std::size_t WaitForChange(std::size_t seen, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    const MutexLock lock(mutex_);
+    while (done_ == seen && changed_.WaitUntil(mutex_, end)) {
+    }
+    return done_;
+  }
+
+ private:
+  Mutex mutex_;
+  ConditionVariable changed_;
+  std::size_t done_ VEXA_GUARDED_BY(mutex_) = 0;
 };
 
 [[noreturn]] void EndInterrupted(const ParallelOptions& options) {
@@ -60,36 +83,29 @@ class HeldInterrupt {
 }  // namespace
 
 void RunInParallel(std::size_t count, const ParallelOptions& options, const std::function<void(std::size_t)>& work) {
-  constexpr auto kLook = std::chrono::milliseconds(100);
+  constexpr auto kCheckInterval = std::chrono::milliseconds(100);
   constexpr int kChecksPerSecond = 10;
-  const HeldInterrupt interrupt;
+  const BlockedInterrupt interrupt;
   std::atomic<std::size_t> next = 0;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::size_t done = 0;  // under mutex
+  Progress progress;
   const auto run = [&] {
     for (std::size_t i = next++; i < count; i = next++) {
       work(i);
-      const std::lock_guard lock(mutex);
-      ++done;
-      changed.notify_one();
+      progress.Add();
     }
   };
   std::vector<std::jthread> threads;
   try {
     while (threads.size() < std::min(count, options.threads)) threads.emplace_back(run);
   } catch (const std::system_error&) {
-    if (threads.empty()) throw;  // the existing ones do all the work
+    if (threads.empty()) throw;  // otherwise the existing threads do all the work
   }
   for (std::size_t seen = 0, checks = 1; seen < count; ++checks) {
-    bool is_news = false;
-    {
-      std::unique_lock lock(mutex);
-      is_news = changed.wait_for(lock, kLook, [&] { return done != seen; });
-      seen = done;
-    }
-    if (interrupt.Take()) EndInterrupted(options);
-    if (is_news || checks % kChecksPerSecond == 0) options.on_change();
+    const std::size_t done = progress.WaitForChange(seen, kCheckInterval);
+    const bool has_changed = done != seen;
+    seen = done;
+    if (interrupt.Consume()) EndInterrupted(options);
+    if (has_changed || checks % kChecksPerSecond == 0) options.on_change();
   }
 }
 

@@ -8,8 +8,8 @@ namespace vexa::cli {
 
 struct ParallelOptions {
   std::size_t threads = 8;  // maximum
-  // Both run on the calling thread: the first after each piece of work and once a second, the second when Ctrl-C is
-  // pressed, as the last action before the process ends with 130.
+  // Both run on the calling thread. `on_change` runs after each piece of work and once a second; `on_interrupt` runs
+  // after Ctrl-C, immediately before the process ends with exit code 130.
   std::function<void()> on_change = [] {};
   std::function<void()> on_interrupt = [] {};
 };

@@ -1,5 +1,7 @@
 #include "cli/password.h"
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -14,7 +16,8 @@
 namespace vexa::cli {
 namespace {
 
-// One line of `fd`, read byte by byte, so that what follows it is left for others.
+// Reads one line of `fd`, byte by byte, so that the following input is left for later reads. `interrupt_fd`, if not
+// negative, becomes readable when a signal arrives.
 Result<std::string> ReadLine(int fd, int interrupt_fd) {
   std::string line;
   while (true) {
@@ -32,7 +35,7 @@ Result<std::string> ReadLine(int fd, int interrupt_fd) {
     if (count < 0) return SystemError(ErrorCode::kUnavailable, "Cannot read the password", errno);
     if (count == 0 || c == '\n') break;
     if (line.size() == kMaxPasswordBytes) {
-      return Error(ErrorCode::kInvalid, "The password is longer than " + std::to_string(kMaxPasswordBytes) + " bytes");
+      return Error(ErrorCode::kInvalid, fmt::format("The password is longer than {} bytes", kMaxPasswordBytes));
     }
     line += c;
   }
@@ -41,26 +44,26 @@ Result<std::string> ReadLine(int fd, int interrupt_fd) {
   return line;
 }
 
-// While it lives, the terminal does not echo, and signals that would end or stop the program are held back until the
-// terminal is restored.
+// During its lifetime, the terminal does not echo, and signals that would end or stop the program are blocked, so that
+// the terminal is always restored.
 class SilentTerminal {
  public:
   SilentTerminal() : fd_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)) {
-    if (fd_ < 0 || ::tcgetattr(fd_, &before_) != 0) return;
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) sigaddset(&held, signal);
-    ::sigprocmask(SIG_BLOCK, &held, &mask_before_);
-    signals_ = ::signalfd(-1, &held, SFD_CLOEXEC);
-    termios silent = before_;
+    if (fd_ < 0 || ::tcgetattr(fd_, &original_) != 0) return;
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) sigaddset(&blocked, signal);
+    ::sigprocmask(SIG_BLOCK, &blocked, &original_mask_);
+    signals_ = ::signalfd(-1, &blocked, SFD_CLOEXEC);
+    termios silent = original_;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    ready_ = ::tcsetattr(fd_, TCSAFLUSH, &silent) == 0;
-    masked_ = true;
+    is_silent_ = ::tcsetattr(fd_, TCSAFLUSH, &silent) == 0;
+    are_signals_blocked_ = true;
   }
   ~SilentTerminal() {
-    if (ready_) ::tcsetattr(fd_, TCSAFLUSH, &before_);
-    if (ready_) Show("\n");
-    if (masked_) ::sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
+    if (is_silent_) ::tcsetattr(fd_, TCSAFLUSH, &original_);
+    if (is_silent_) Write("\n");
+    if (are_signals_blocked_) ::sigprocmask(SIG_SETMASK, &original_mask_, nullptr);
     for (const int fd : {signals_, fd_}) {
       if (fd >= 0) ::close(fd);
     }
@@ -68,14 +71,14 @@ class SilentTerminal {
   SilentTerminal(const SilentTerminal&) = delete;
   SilentTerminal& operator=(const SilentTerminal&) = delete;
 
-  bool ready() const { return ready_; }
+  bool is_silent() const { return is_silent_; }
   int fd() const { return fd_; }
   int signals() const { return signals_; }
 
-  void Show(std::string_view text) const {
+  void Write(std::string_view text) const {
     while (!text.empty()) {
       const ssize_t count = ::write(fd_, text.data(), text.size());
-      if (count <= 0) return;  // a prompt that cannot be shown is not a reason to fail
+      if (count <= 0) return;  // Intentional: the password can be read without the prompt
       text.remove_prefix(static_cast<std::size_t>(count));
     }
   }
@@ -83,20 +86,20 @@ class SilentTerminal {
  private:
   int fd_;
   int signals_ = -1;
-  bool ready_ = false;
-  bool masked_ = false;
-  termios before_{};
-  sigset_t mask_before_{};
+  bool is_silent_ = false;
+  bool are_signals_blocked_ = false;
+  termios original_{};
+  sigset_t original_mask_{};
 };
 
 }  // namespace
 
 Result<std::string> AskPassword(const std::string& prompt) {
   const SilentTerminal terminal;
-  if (!terminal.ready()) {
+  if (!terminal.is_silent()) {
     return Error(ErrorCode::kUnavailable, "There is no terminal for a password prompt. Use --password-stdin");
   }
-  terminal.Show(prompt);
+  terminal.Write(prompt);
   return ReadLine(terminal.fd(), terminal.signals());
 }
 

@@ -20,7 +20,7 @@ Result<std::string> AskPassword(const std::string& prompt);
 // The first line of standard input, without its line end; the same errors.
 Result<std::string> ReadPasswordLine();
 
-// The password of something that exists: asked once.
+// An existing password: asked once.
 Result<std::string> GetPassword(PasswordSource source, const std::string& prompt);
 
 // A new password: asked twice on a terminal. kInvalid when the two differ.

@@ -8,9 +8,10 @@
 #include <utility>
 
 #include "cli/api_paths.h"
+#include "cli/guest_action_runner.h"
 #include "cli/guest_names.h"
-#include "cli/guest_run.h"
 #include "cli/listing.h"
+#include "cli/objects.h"
 #include "cli/parallel.h"
 #include "cli/printable.h"
 #include "cli/reply.h"
@@ -21,7 +22,7 @@ namespace {
 
 constexpr int kActionTimeoutS = 3600;
 
-// The names of the hosts, by id. Empty when they cannot be read, because they are only additional information.
+// The names of the hosts, by id. Empty when they cannot be read: the ids are printed then.
 std::map<std::string, std::string> HostNames(HttpClient& client) {
   std::map<std::string, std::string> names;
   const CallOutcome outcome = TryApi(client, kHostList, "{}");
@@ -31,14 +32,14 @@ std::map<std::string, std::string> HostNames(HttpClient& client) {
   return names;
 }
 
-// Shows what would be lost, and makes the user type "yes".
+// Lists the guests to be deleted and asks the user to type "yes".
 ExitCode Confirm(HttpClient& client, const std::vector<NamedGuest>& guests) {
   Table table{{"NAME", "GUEST", "DISKS"}, {}};
   for (const NamedGuest& guest : guests) {
-    const CallOutcome outcome = CallApi(client, kGuestGet, OneParameter("guest_id", guest.id));
+    const CallOutcome outcome = CallApi(client, kGuestGet, ParameterJson("guest_id", guest.id));
     if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
     const Json::Value& disks = Member(outcome.data, "vdisks");
-    if (!disks.isArray()) return Report(NotUnderstood("disks"));
+    if (!disks.isArray()) return Report(MissingInReply("disks"));
     table.rows.push_back({guest.name, guest.id, std::to_string(disks.size())});
   }
   std::cerr << "To be deleted, with all their disks:\n";
@@ -58,17 +59,17 @@ std::chrono::seconds ActionTimeout(const GlobalOptions& global) {
 }
 
 ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& options) {
-  const bool must_ask = options.action == GuestAction::kDelete && options.confirmation == Confirmation::kAsk;
-  if (must_ask && ::isatty(STDIN_FILENO) == 0) {
+  const bool must_confirm = options.action == GuestAction::kDelete && options.confirmation == Confirmation::kAsk;
+  if (must_confirm && ::isatty(STDIN_FILENO) == 0) {
     return Report(Error(ErrorCode::kInvalid,
                         "Cannot ask for confirmation because standard input is not a terminal. "
                         "Use --yes to delete without asking"));
   }
-  const auto is_text = [](const std::string& word) { return !word.empty() && IsValidUtf8(word); };
-  if (!std::ranges::all_of(options.guests, is_text)) return Report(NotText("guest's id or name"));
+  const auto is_valid = [](const std::string& id_or_name) { return !id_or_name.empty() && IsValidUtf8(id_or_name); };
+  if (!std::ranges::all_of(options.guests, is_valid)) return Report(EmptyOrNotUtf8("guest's id or name"));
   const Result<HttpClientOptions> connect = ConnectOptions(global);
   if (!connect) return Report(connect.error());
-  GuestRun::Parts parts;
+  GuestActionRunner::Parts parts;
   parts.queries = *connect;
   parts.calls = *connect;
   parts.calls.timeout = ActionTimeout(global);
@@ -76,21 +77,21 @@ ExitCode RunGuestAction(const GlobalOptions& global, const GuestActionOptions& o
   parts.quiet = global.quiet;
   parts.json = global.json;
   HttpClient client(*connect);
-  const CallOutcome listed = ListGuests(client);
+  const CallOutcome listed = ListObjects(client, kGuests);
   if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
   const ExitCode found = FindGuests(Member(listed.data, "guests"), options.guests, parts.guests);
   if (found != ExitCode::kOk) return found;
-  if (must_ask) {
+  if (must_confirm) {
     if (const ExitCode confirmed = Confirm(client, parts.guests); confirmed != ExitCode::kOk) return confirmed;
   }
   if (options.action == GuestAction::kStart) parts.host_names = HostNames(client);
   const std::size_t count = parts.guests.size();
-  GuestRun run(std::move(parts));
+  GuestActionRunner runner(std::move(parts));
   ParallelOptions parallel;
-  parallel.on_change = [&run] { run.Show(); };
-  parallel.on_interrupt = [&run] { run.ShowInterrupted(); };
-  RunInParallel(count, parallel, [&run](std::size_t index) { run.Work(index); });
-  return run.Finish();
+  parallel.on_change = [&runner] { runner.Show(); };
+  parallel.on_interrupt = [&runner] { runner.ShowInterrupted(); };
+  RunInParallel(count, parallel, [&runner](std::size_t index) { runner.Work(index); });
+  return runner.Finish();
 }
 
 }  // namespace vexa::cli

@@ -10,7 +10,7 @@
 namespace vexa::cli {
 
 enum class GuestAction { kStart, kStop, kKill, kRestart, kDelete, kDiscardSaved, kRelease };
-enum class Waiting { kNo, kUntilSo };
+enum class Waiting { kNo, kUntilDone };
 enum class Confirmation { kAsk, kGiven };
 
 struct GuestActionOptions {
@@ -21,7 +21,7 @@ struct GuestActionOptions {
   Confirmation confirmation = Confirmation::kAsk;  // kDelete
 };
 
-// How long one of them may take: --timeout, otherwise an hour, which is as long as a host may take.
+// The timeout of an action: --timeout, otherwise an hour, which is also the limit on hosts.
 std::chrono::seconds ActionTimeout(const GlobalOptions& global);
 
 // `vexa guest start`, `stop`, `kill`, `restart`, `delete`, `discard-saved` and `release`. Sends nothing unless every

@@ -20,7 +20,7 @@ struct Range {
   std::uint32_t last;
 };
 
-// Invisible characters that change the text around them. Sorted.
+// Invisible characters; some of them change how the text around them is displayed. Sorted.
 constexpr std::array kHidden = {
     Range{0x0000, 0x001F},    // C0 control characters
     Range{0x007F, 0x009F},    // delete, and C1, which includes an 8-bit CSI
@@ -61,10 +61,10 @@ std::size_t WidthOf(std::uint32_t code_point) {
   return width < 0 ? 1 : static_cast<std::size_t>(width);
 }
 
-void AppendEscaped(std::string& result, const char* format_prefix, std::uint32_t value, const char* suffix) {
+void AppendEscaped(std::string& result, const char* prefix, std::uint32_t value, const char* suffix) {
   std::array<char, 16> digits{};
   std::snprintf(digits.data(), digits.size(), "%02x", value);
-  result.append(format_prefix).append(digits.data()).append(suffix);
+  result.append(prefix).append(digits.data()).append(suffix);
 }
 
 void AppendPadded(std::string& line, const std::string& cell, std::size_t width) {
@@ -115,7 +115,7 @@ std::size_t DisplayWidth(std::string_view printable) {
 std::string Shorten(std::string_view printable, std::size_t columns) {
   std::size_t width = 0;
   std::size_t at = 0;
-  std::size_t cut = 0;  // where the text still leaves a column for the ellipsis
+  std::size_t cut = 0;  // the longest prefix that leaves a column for the ellipsis
   while (at < printable.size()) {
     const Decoded decoded = DecodeFirst(printable.substr(at));
     width += decoded.bytes == 0 ? 1 : WidthOf(decoded.code_point);
@@ -138,12 +138,12 @@ void PrintFields(std::ostream& out, const Fields& fields) {
 }
 
 void PrintTable(std::ostream& out, const Table& table) {
-  std::vector<std::vector<std::string>> lines{table.head};
+  std::vector<std::vector<std::string>> lines{table.header};
   for (std::size_t i = 0; i < std::min(table.rows.size(), kMaxRows); ++i) {
     std::vector<std::string>& line = lines.emplace_back();
     for (const std::string& cell : table.rows[i]) line.push_back(Shorten(Printable(cell), kMaxCellColumns));
   }
-  std::vector<std::size_t> widths(table.head.size(), 0);
+  std::vector<std::size_t> widths(table.header.size(), 0);
   for (const auto& line : lines) {
     for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], DisplayWidth(line[i]));
   }

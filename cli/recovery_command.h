@@ -8,12 +8,12 @@
 
 namespace vexa::cli {
 
-enum class MachineIs { kUnknown, kConfirmedOff };
+enum class MachineState { kUnknown, kConfirmedOff };
 
 struct RecoverOptions {
   std::vector<std::string> guests;  // ids or names
-  std::string to_host;              // id or name; empty: one is chosen at the next start
-  MachineIs machine = MachineIs::kUnknown;
+  std::string to_host;              // id or name; empty: any host, chosen when the guest is started next
+  MachineState machine = MachineState::kUnknown;
   bool discard_saved = false;
 };
 
@@ -22,7 +22,7 @@ ExitCode RunGuestRecover(const GlobalOptions& global, const RecoverOptions& opti
 
 struct ForgetOptions {
   std::string host;  // id or name
-  MachineIs machine = MachineIs::kUnknown;
+  MachineState machine = MachineState::kUnknown;
   bool recover_guests = false;
 };
 

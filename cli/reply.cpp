@@ -1,5 +1,7 @@
 #include "cli/reply.h"
 
+#include <fmt/format.h>
+
 #include <json/writer.h>
 
 #include "host/base/json_parse.h"
@@ -8,7 +10,7 @@ namespace vexa::cli {
 namespace {
 
 Error UnknownReply(const HttpReply& reply, std::string why) {
-  return Error(ErrorCode::kCorrupt, "The server's reply (HTTP " + std::to_string(reply.status) + ") is not understood",
+  return Error(ErrorCode::kCorrupt, fmt::format("The server's reply (HTTP {}) cannot be understood", reply.status),
                std::move(why));
 }
 
@@ -49,18 +51,18 @@ Result<ApiReply> ReadApiReply(const HttpReply& reply) {
   const Result<Json::Value> parsed = ParseJson(reply.body);
   if (!parsed) return UnknownReply(reply, reply.body.empty() ? "it is empty" : "it is not JSON");
   const Json::Value& success = Member(*parsed, "success");
-  if (!success.isBool()) return UnknownReply(reply, "it does not say whether the request succeeded");
+  if (!success.isBool()) return UnknownReply(reply, "it does not report whether the request succeeded");
 
   ApiReply result;
   result.http_status = reply.status;
   result.success = success.asBool();
   result.request_id = Text(Member(*parsed, "request_id"));
   if (result.success) {
-    if (reply.status < 200 || reply.status > 299) return UnknownReply(reply, "it claims success all the same");
+    if (reply.status < 200 || reply.status > 299) return UnknownReply(reply, "it reports success nevertheless");
     result.data = Member(*parsed, "data");
     return result;
   }
-  if (reply.status < 400) return UnknownReply(reply, "it claims failure all the same");
+  if (reply.status < 400) return UnknownReply(reply, "it reports failure nevertheless");
   const Json::Value& error = Member(*parsed, "error");
   result.code = Integer(Member(error, "code"));
   result.message = Text(Member(error, "message"));

@@ -1,4 +1,4 @@
-// Reads a server's reply. The server controls every byte of it: nothing here throws or trusts a type.
+// Reads a server's reply. The server controls every byte of it, so no function here throws or relies on a type.
 #pragma once
 
 #include <json/value.h>
@@ -34,12 +34,12 @@ struct ApiReply {
 // reply whose HTTP status and "success" contradict each other is not valid.
 Result<ApiReply> ReadApiReply(const HttpReply& reply);
 
-// Total readers.
+// Readers that accept any JSON value.
 
 using VexaVirtualization::json::Member;
 // Strings unchanged, numbers and booleans as JSON writes them, everything else "".
 std::string Text(const Json::Value& value);
-// Empty unless it is an integer that fits.
+// Not set unless it is an integer that fits.
 std::optional<std::int64_t> Integer(const Json::Value& value);
 // True only for the boolean true.
 bool IsTrue(const Json::Value& value);

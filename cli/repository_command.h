@@ -1,4 +1,4 @@
-// vexa repository: where guests' disks are.
+// vexa repository: the repositories of guests' disks.
 #pragma once
 
 #include <string>
@@ -24,7 +24,7 @@ ExitCode RunRepositoryList(const GlobalOptions& global);
 // `repository`: an id or a name.
 ExitCode RunRepositoryRemove(const GlobalOptions& global, const std::string& repository);
 
-// Has the host of the repository take its storage as it is now.
+// Accepts the current storage of the repository, after it was replaced for good.
 ExitCode RunRepositoryAccept(const GlobalOptions& global, const std::string& repository);
 
 }  // namespace vexa::cli

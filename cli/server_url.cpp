@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <fmt/format.h>
 
 #include <memory>
 
@@ -10,7 +11,7 @@ namespace {
 
 using UrlHandle = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
 
-std::string Part(const UrlHandle& url, CURLUPart part) {
+std::string UrlPart(const UrlHandle& url, CURLUPart part) {
   char* text = nullptr;
   if (curl_url_get(url.get(), part, &text, 0) != CURLUE_OK) return "";
   const std::string result = text;
@@ -26,17 +27,17 @@ UrlHandle Parse(const std::string& text) {
 
 bool IsLoopbackHost(std::string host) {
   if (host == "localhost") return true;  // libcurl never resolves it through a name server
-  in_addr four{};
-  if (::inet_pton(AF_INET, host.c_str(), &four) == 1) return ntohl(four.s_addr) >> 24 == 127;
+  in_addr ipv4{};
+  if (::inet_pton(AF_INET, host.c_str(), &ipv4) == 1) return ntohl(ipv4.s_addr) >> 24 == 127;
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  in6_addr six{};
-  return ::inet_pton(AF_INET6, host.c_str(), &six) == 1 && IN6_IS_ADDR_LOOPBACK(&six);
+  in6_addr ipv6{};
+  return ::inet_pton(AF_INET6, host.c_str(), &ipv6) == 1 && IN6_IS_ADDR_LOOPBACK(&ipv6);
 }
 
 }  // namespace
 
 Result<Endpoint> ParseServerUrl(const std::string& text) {
-  // Errors do not repeat the text: it may contain a password.
+  // Errors do not contain the URL, because it may contain a password.
   const auto refused = [](std::string why) {
     return Error(ErrorCode::kInvalid, "The server's URL cannot be used", std::move(why));
   };
@@ -45,30 +46,31 @@ Result<Endpoint> ParseServerUrl(const std::string& text) {
   }
   const UrlHandle url = Parse(text);
   if (!url) return refused("it does not look like https://host:port");
-  const std::string scheme = Part(url, CURLUPART_SCHEME);
+  const std::string scheme = UrlPart(url, CURLUPART_SCHEME);
   if (scheme != "http" && scheme != "https") return refused("it starts with neither http:// nor https://");
-  if (!Part(url, CURLUPART_USER).empty() || !Part(url, CURLUPART_PASSWORD).empty()) {
-    return refused("user and password do not belong into it; use 'vexa login'");
+  if (!UrlPart(url, CURLUPART_USER).empty() || !UrlPart(url, CURLUPART_PASSWORD).empty()) {
+    return refused("it contains a user or password; use 'vexa login' instead");
   }
   if (text.find_first_of("?#") != std::string::npos) return refused("it has a query or a fragment");
 
-  std::string host = Part(url, CURLUPART_HOST);
-  if (host.empty()) return refused("it names no host");
+  std::string host = UrlPart(url, CURLUPART_HOST);
+  if (host.empty()) return refused("it does not name a host");
   for (char& c : host) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
-  const std::string port = Part(url, CURLUPART_PORT);
-  const bool own_port = port.empty() || port == (scheme == "http" ? "80" : "443");
-  std::string path = Part(url, CURLUPART_PATH);
+  const std::string port = UrlPart(url, CURLUPART_PORT);
+  const bool is_default_port = port.empty() || port == (scheme == "http" ? "80" : "443");
+  std::string path = UrlPart(url, CURLUPART_PATH);
   path.erase(path.find_last_not_of('/') + 1);
-  return Endpoint{scheme + "://" + host + (own_port ? "" : ":" + port) + path, ""};
+  const std::string authority = is_default_port ? host : fmt::format("{}:{}", host, port);
+  return Endpoint{fmt::format("{}://{}{}", scheme, authority, path), ""};
 }
 
 bool IsExposed(const Endpoint& endpoint) {
   if (!endpoint.unix_socket.empty()) return false;
   const UrlHandle url = Parse(endpoint.url);
   if (!url) return true;
-  return Part(url, CURLUPART_SCHEME) != "https" && !IsLoopbackHost(Part(url, CURLUPART_HOST));
+  return UrlPart(url, CURLUPART_SCHEME) != "https" && !IsLoopbackHost(UrlPart(url, CURLUPART_HOST));
 }
 
 bool IsValidToken(std::string_view token) {

@@ -1,5 +1,7 @@
 #include "cli/session_command.h"
 
+#include <fmt/format.h>
+
 #include <pwd.h>
 #include <unistd.h>
 
@@ -20,14 +22,16 @@ std::string OwnName() {
   return entry && entry->pw_name ? entry->pw_name : "";
 }
 
-// Where to log in. The saved login only determines the server; a damaged one is about to be replaced.
+// The server to log in to. A saved login that is damaged is ignored, because the login replaces it.
 Result<Endpoint> ChooseLoginEndpoint(const GlobalOptions& global) {
   const Result<std::optional<SavedLogin>> saved = LoadLogin();
   Result<Endpoint> endpoint = ChooseEndpoint(global, saved ? *saved : std::nullopt);
   if (endpoint && !endpoint->unix_socket.empty()) {
-    return Error(ErrorCode::kInvalid, "Name the server with --server URL; over the Unix socket '" +
-                                          endpoint->unix_socket +
-                                          "' the system vouches for you and there is nothing to log in to");
+    return Error(
+        ErrorCode::kInvalid,
+        fmt::format("Name the server with --server URL. On the Unix socket '{}' your system account identifies you, "
+                    "and no login is needed",
+                    endpoint->unix_socket));
   }
   return endpoint;
 }
@@ -38,15 +42,13 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
   const Result<Endpoint> endpoint = ChooseLoginEndpoint(global);
   if (!endpoint) return Report(endpoint.error());
   if (IsExposed(*endpoint) && !global.insecure_http) {
-    // Before asking for a password in vain.
-    return Report(
-        Error(ErrorCode::kInvalid, "Refused to send a password unencrypted to '" + endpoint->url +
-                                       "'; use https, or --insecure-http if you accept that others can read it"));
+    // Fails before the user types a password.
+    return Report(ExposedError(*endpoint));
   }
   const std::string user = options.user.empty() ? OwnName() : options.user;
   if (!IsValidUtf8(user)) return Report(Error(ErrorCode::kInvalid, "The user's name is not valid UTF-8"));
   const Result<std::string> password =
-      GetPassword(options.password, "Password of " + Printable(user) + " at " + Printable(endpoint->url));
+      GetPassword(options.password, fmt::format("Password of {} at {}", Printable(user), Printable(endpoint->url)));
   if (!password) {
     Report(password.error());
     return ExitCode::kUsage;
@@ -79,9 +81,9 @@ ExitCode RunLogin(const GlobalOptions& global, const LoginOptions& options) {
 }
 
 ExitCode RunLogout(const GlobalOptions& global) {
-  GlobalOptions where = global;
+  GlobalOptions logout_options = global;
   if (global.token_file.empty()) {
-    // Only the saved session is ended, so its own server is used, whatever the environment says.
+    // Only the saved session is ended, so its server is used and not the one in the environment.
     const Result<std::optional<SavedLogin>> saved = LoadLogin();
     if (!saved || !*saved) {
       const ExitCode code = saved ? ExitCode::kOk : Report(saved.error());
@@ -94,11 +96,11 @@ ExitCode RunLogout(const GlobalOptions& global) {
         global.server.empty() ? Endpoint{(*saved)->server, ""} : ParseServerUrl(global.server);
     if (!named) return Report(named.error());
     if (named->url != (*saved)->server || !global.socket.empty()) {
-      return Report(Error(ErrorCode::kInvalid, "The saved login is for '" + (*saved)->server + "'"));
+      return Report(Error(ErrorCode::kInvalid, fmt::format("The saved login is for '{}'", (*saved)->server)));
     }
-    where.server = named->url;
+    logout_options.server = named->url;
   }
-  const Result<HttpClientOptions> options = ConnectOptions(where);
+  const Result<HttpClientOptions> options = ConnectOptions(logout_options);
   if (!options) return Report(options.error());
   HttpClient client(*options);
   const Result<HttpReply> reply = client.PostJson(kLogout, "{}");
@@ -107,15 +109,16 @@ ExitCode RunLogout(const GlobalOptions& global) {
   }
   if (!reply) {
     const ExitCode code = ReportTransport(reply.error());
-    if (global.token_file.empty()) std::cerr << "The login is forgotten here, but the session may live on there.\n";
+    if (global.token_file.empty())
+      std::cerr << "The login was removed here, but the session may still exist on the server.\n";
     return code;
   }
-  const Result<ApiReply> understood = ReadApiReply(*reply);
+  const Result<ApiReply> parsed = ReadApiReply(*reply);
   // 401: the session had already ended.
-  if (reply->status != 401 && !understood) return Report(understood.error());
-  if (reply->status != 401 && !understood->success) {
+  if (reply->status != 401 && !parsed) return Report(parsed.error());
+  if (reply->status != 401 && !parsed->success) {
     return Report(
-        Error(ErrorCode::kInternal, "The server did not end the session", client.WithoutToken(understood->message)));
+        Error(ErrorCode::kInternal, "The server did not end the session", client.WithoutToken(parsed->message)));
   }
   if (!global.quiet) std::cout << "Logged out.\n";
   return ExitCode::kOk;

@@ -1,4 +1,4 @@
-// vexa user add, passwd, group, del, list and vexa group list, del: the accounts of the cluster, by the API.
+// vexa user add, passwd, group, del, list and vexa group list, del: the accounts of the cluster, through the API.
 #pragma once
 
 #include <cstdint>
@@ -20,18 +20,18 @@ struct NewUserOptions {
   bool advanced = false;
 };
 
-// What no server would accept is a usage error, and nothing is sent then.
+// Options that no server would accept are a usage error; nothing is sent then.
 ExitCode RunUserAdd(const GlobalOptions& global, const NewUserOptions& options);
-// Without a name the caller's own password, with the old one.
-ExitCode RunUserPasswd(const GlobalOptions& global, const std::optional<std::string>& whose, PasswordSource source);
+// Without a user, sets the caller's own password, which requires the old one.
+ExitCode RunUserPasswd(const GlobalOptions& global, const std::optional<std::string>& user, PasswordSource source);
 // Replaces the user's groups.
 ExitCode RunUserGroup(const GlobalOptions& global, const std::string& name, const std::vector<std::string>& groups);
-// With what was granted to the user.
+// Also deletes the user's grants.
 ExitCode RunUserDel(const GlobalOptions& global, const std::string& name);
 ExitCode RunUserList(const GlobalOptions& global);
 
 ExitCode RunGroupList(const GlobalOptions& global);
-// A group that nobody is in, with what was granted to it.
+// Deletes a group without members, and its grants.
 ExitCode RunGroupDel(const GlobalOptions& global, const std::string& name);
 
 // kInvalid for a name, groups or an id that no user can have.
@@ -39,11 +39,11 @@ Status CheckNewUser(const NewUserOptions& options);
 // Asks for a new password that accounts accept; failures are printed.
 ExitCode AskNewPassword(PasswordSource source, const std::string& prompt, std::string& password);
 
-// Calls a method of VEXA.Core.Account. Failures are printed; where nothing listens on the Unix socket, with what to do.
+// Calls a method of VEXA.Core.Account. Failures are printed, with a hint if nothing listens on the Unix socket.
 CallOutcome CallAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
                         Secrecy secrecy = Secrecy::kPlain);
-// The same, and a sentence when it is done.
+// The same, and prints `confirmation`, a sentence, on success.
 ExitCode ChangeAccount(const GlobalOptions& global, const char* method, const Json::Value& parameters,
-                       const std::string& done, Secrecy secrecy = Secrecy::kPlain);
+                       const std::string& confirmation, Secrecy secrecy = Secrecy::kPlain);
 
 }  // namespace vexa::cli

@@ -55,15 +55,16 @@ include_directories(${CMAKE_SOURCE_DIR})
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+pkg_check_modules(FMT REQUIRED IMPORTED_TARGET fmt)
 pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
 
 # For code that runs once, such as tests and option parsers: optimising it costs the compiler more time than it saves.
 # Fortified functions need optimisation.
-set(VEXA_RUNS_ONCE -O0 -U_FORTIFY_SOURCE)
+set(VEXA_UNOPTIMIZED -O0 -U_FORTIFY_SOURCE)
 # The same for tests. The tested code is checked for undefined behaviour; checking the tests would double compile time.
-set(VEXA_TESTS_ONLY ${VEXA_RUNS_ONCE})
+set(VEXA_TEST_OPTIONS ${VEXA_UNOPTIMIZED})
 if(VEXA_SANITIZE MATCHES "undefined")
-  list(APPEND VEXA_TESTS_ONLY -fno-sanitize=undefined)
+  list(APPEND VEXA_TEST_OPTIONS -fno-sanitize=undefined)
 endif()
 
 # vexa_precompile(TARGET HEADER...): precompiles the headers for the target, and for others with REUSE_FROM.
@@ -87,7 +88,7 @@ if(NOT VEXA_FUZZ AND (VEXA_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo
   set(VEXA_HEADERS vexa_headers)
   add_library(vexa_headers STATIC ${CMAKE_SOURCE_DIR}/cmake/headers.cpp)
   vexa_precompile(vexa_headers
-    <json/value.h> <algorithm> <chrono> <functional> <map> <memory> <mutex> <optional> <set> <string> <variant> <vector>)
+    <fmt/format.h> <json/value.h> <algorithm> <chrono> <functional> <map> <memory> <mutex> <optional> <set> <string> <variant> <vector>)
   target_link_libraries(vexa_headers PRIVATE PkgConfig::JSONCPP)
 endif()
 
@@ -105,7 +106,7 @@ endfunction()
 # flags must equal those of the tests.
 function(vexa_test_headers)
   add_executable(vexa_test_headers ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
-  target_compile_options(vexa_test_headers PRIVATE ${VEXA_TESTS_ONLY})
+  target_compile_options(vexa_test_headers PRIVATE ${VEXA_TEST_OPTIONS})
   vexa_precompile(vexa_test_headers
     <gmock/gmock.h> <gtest/gtest.h> <json/value.h> <chrono> <functional> <map> <memory> <set> <string> <thread> <vector>)
   target_link_libraries(vexa_test_headers PRIVATE PkgConfig::JSONCPP GTest::gmock GTest::gtest Threads::Threads)
@@ -114,29 +115,56 @@ endfunction()
 # Like ld a part of binutils, and three times as fast with many static libraries and their debug information.
 find_program(VEXA_GOLD ld.gold)
 
-# vexa_test(NAME [ONE_THREAD] SOURCES... LINK ... [TIMEOUT s]): one GoogleTest program, run by CTest as one test. Its label
-# is its folder below tests/: unit, contract, system or regress. ONE_THREAD: it never has a second thread, so the build for
-# the thread sanitizer leaves it out.
+# vexa_test(NAME [SINGLE_THREADED] [ON_QEMU] SOURCES... LINK ... [TIMEOUT s] [SHARDS n]): one GoogleTest program, run by
+# CTest as one test. Its label is its folder below tests/: unit, contract, system or regress.
+#  SINGLE_THREADED  It never has a second thread, so the build for the thread sanitizer leaves it out.
+#  ON_QEMU     CTest reports it as skipped where its program cannot run guests on QEMU.
+#  TIMEOUT     Seconds, instead of 300. Tests with a longer one start first, even before CTest has measured them.
+#  SHARDS      CTest runs it as n tests, NAME_1 to NAME_n, each with its share of the cases. They run beside each other.
 function(vexa_test name)
-  cmake_parse_arguments(arg "ONE_THREAD" "TIMEOUT" "SOURCES;LINK" ${ARGN})
-  if(NOT arg_TIMEOUT)
-    set(arg_TIMEOUT 300)
-  endif()
+  cmake_parse_arguments(arg "SINGLE_THREADED;ON_QEMU" "TIMEOUT;SHARDS" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
-  target_compile_options(${name} PRIVATE ${VEXA_TESTS_ONLY})
+  target_compile_options(${name} PRIVATE ${VEXA_TEST_OPTIONS})
   target_precompile_headers(${name} REUSE_FROM vexa_test_headers)
   if(VEXA_GOLD)
     target_link_options(${name} PRIVATE -fuse-ld=gold)
   endif()
   target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
-  if(arg_ONE_THREAD AND VEXA_SANITIZE MATCHES "thread")
+  if(arg_SINGLE_THREADED AND VEXA_SANITIZE MATCHES "thread")
     set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
     return()
   endif()
-  add_test(NAME ${name} COMMAND ${name})
+  if(NOT arg_SHARDS)
+    add_test(NAME ${name} COMMAND ${name})
+    set(tests ${name})
+  else()
+    set(tests)
+    foreach(shard RANGE 1 ${arg_SHARDS})
+      add_test(NAME ${name}_${shard} COMMAND ${name})
+      math(EXPR index "${shard} - 1")
+      set_tests_properties(${name}_${shard} PROPERTIES
+        ENVIRONMENT "GTEST_TOTAL_SHARDS=${arg_SHARDS};GTEST_SHARD_INDEX=${index}")
+      list(APPEND tests ${name}_${shard})
+    endforeach()
+  endif()
   cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY ${CMAKE_SOURCE_DIR}/tests OUTPUT_VARIABLE label)
   string(REGEX REPLACE "/.*" "" label ${label})
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})
+  set_tests_properties(${tests} PROPERTIES TIMEOUT 300 LABELS ${label})
+  if(arg_TIMEOUT)
+    set_tests_properties(${tests} PROPERTIES TIMEOUT ${arg_TIMEOUT} COST ${arg_TIMEOUT})
+  endif()
+  if(arg_ON_QEMU)
+    set_tests_properties(${tests} PROPERTIES SKIP_REGULAR_EXPRESSION "Guests on QEMU are not tested")
+  endif()
+endfunction()
+
+# vexa_needs_programs(TARGET PROGRAM...): the target runs these programs of the build. It has the path of each as <PROGRAM>_PROGRAM.
+function(vexa_needs_programs target)
+  foreach(program ${ARGN})
+    string(TOUPPER ${program}_PROGRAM path)
+    target_compile_definitions(${target} PRIVATE ${path}="$<TARGET_FILE:${program}>")
+    add_dependencies(${target} ${program})
+  endforeach()
 endfunction()
 
 # vexa_fuzz(NAME SOURCES... LINK ...): one fuzz target, the program NAME_fuzz, whose corpus is fuzz/corpus/NAME. CTest

@@ -1,4 +1,4 @@
-// The text of the account file: every reference in an accepted text resolves, and nothing is duplicated.
+// The account file: in an accepted one, all referenced groups exist, and names and ids are unique.
 #include <set>
 #include <string>
 
@@ -7,28 +7,28 @@
 
 namespace {
 
-using vexa::base::AccountDocument;
+using vexa::accounts::AccountDocument;
 using vexa::fuzz::Check;
 
-void CheckUnderstood(const AccountDocument& document) {
+void CheckParsed(const AccountDocument& document) {
   std::set<std::string> groups;
   std::set<std::uint32_t> gids;
   const auto check_id = [&](std::uint32_t id) {
-    const bool is_ours = id >= vexa::base::kFirstOwnId && id <= vexa::base::kLastOwnId;
-    Check(!is_ours || id < document.next_id, "the next id is above all that were given");
+    const bool is_assigned_id = id >= vexa::accounts::kFirstAssignedId && id <= vexa::accounts::kLastAssignedId;
+    Check(!is_assigned_id || id < document.next_id, "the next id is greater than all assigned ones");
   };
-  for (const vexa::base::Group& group : document.groups) {
-    Check(vexa::base::IsValidAccountName(group.name), "a group's name can be one");
-    Check(groups.insert(group.name).second, "a group has the name alone");
-    Check(gids.insert(group.gid).second, "a group has the id alone");
+  for (const vexa::accounts::Group& group : document.groups) {
+    Check(vexa::accounts::IsValidAccountName(group.name), "a group's name is valid");
+    Check(groups.insert(group.name).second, "names of groups are unique");
+    Check(gids.insert(group.gid).second, "ids of groups are unique");
     check_id(group.gid);
   }
   std::set<std::string> names;
   std::set<std::uint32_t> uids;
-  for (const vexa::base::AccountRecord& user : document.users) {
-    Check(vexa::base::IsValidAccountName(user.name), "a user's name can be one");
-    Check(names.insert(user.name).second, "a user has the name alone");
-    Check(uids.insert(user.uid).second, "a user has the id alone");
+  for (const vexa::accounts::AccountRecord& user : document.users) {
+    Check(vexa::accounts::IsValidAccountName(user.name), "a user's name is valid");
+    Check(names.insert(user.name).second, "names of users are unique");
+    Check(uids.insert(user.uid).second, "ids of users are unique");
     Check(gids.contains(user.gid), "a user's primary group exists");
     for (const std::string& group : user.groups) Check(groups.contains(group), "a user's groups exist");
     check_id(user.uid);
@@ -38,12 +38,12 @@ void CheckUnderstood(const AccountDocument& document) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const auto document = vexa::base::ParseAccounts(vexa::fuzz::Text(data, size));
+  const auto document = vexa::accounts::ParseAccounts(vexa::fuzz::Text(data, size));
   if (document.ok()) {
-    CheckUnderstood(*document);
+    CheckParsed(*document);
     return 0;
   }
-  Check(document.error().code() == vexa::ErrorCode::kCorrupt, "what is not understood is kCorrupt");
-  Check(!document.error().cause().empty(), "there is a reason");
+  Check(document.error().code() == vexa::ErrorCode::kCorrupt, "an unreadable document is kCorrupt");
+  Check(!document.error().cause().empty(), "an error has a reason");
   return 0;
 }

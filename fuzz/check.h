@@ -9,18 +9,20 @@
 
 namespace vexa::fuzz {
 
-// Ends the program when `holds` is false: the fuzzer then keeps the input, and a corpus run fails.
-inline void Check(bool holds, const char* promise) {
-  if (holds) return;
+// Ends the program unless `condition` is true: the fuzzer then keeps the input, and a corpus run fails. `promise` is a
+// sentence that states what must be true.
+inline void Check(bool condition, const char* promise) {
+  if (condition) return;
   std::fprintf(stderr, "Broken promise: %s\n", promise);
   std::abort();
 }
 
+// The input as text.
 inline std::string_view Text(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-// The text up to the next `separator`, which is removed as well; the rest when there is none.
+// Removes and returns the text up to the next `separator`, which is removed as well; all of `rest` without a separator.
 inline std::string_view TakeUntil(std::string_view& rest, std::string_view separator) {
   const std::size_t end = rest.find(separator);
   const std::string_view part = rest.substr(0, end);

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxInputBytes = std::size_t{1} << 20;
 
-// The files of `folder`, by name; none when it cannot be listed.
+// The files of `folder`, sorted by name; none when it cannot be listed.
 std::vector<std::string> FilesOf(const std::string& folder) {
   std::vector<std::string> files;
   std::error_code error;
@@ -39,7 +39,7 @@ bool RunFile(const std::string& file) {
     std::fprintf(stderr, "%s\n", input.error().ToString().c_str());
     return false;
   }
-  // A copy of exactly that size on the heap, so that the address sanitizer detects a read beyond its end.
+  // A copy of exactly the input's size on the heap, so that the address sanitizer detects a read beyond its end.
   const std::vector<std::uint8_t> bytes(input->begin(), input->end());
   // Printed before the run, so that after a crash the last line names the input.
   std::printf("%s\n", file.c_str());

@@ -1,9 +1,9 @@
-// Guest::Set with any parameters, on a platform in any mood: it gives a permitted answer, sends what it was given and
-// nothing that was refused, and sets rights only after a success of the host.
+// Guest::Set with any parameters, on a platform in any condition: it returns a documented response, sends the
+// parameters unless they are refused, and sets rights only after the host has succeeded.
 //
-// The input's lines: the mood, one letter for each condition that holds (see Mood); the host's reply, null without one;
-// the parameters. If the parameters are not JSON, their bytes are used to build well-formed ones, so that the fuzzer's
-// changes are not mostly refused as invalid JSON.
+// The input's lines: one letter for each condition of the platform (see Conditions); the host's reply, null without
+// one; the parameters. If the parameters are not JSON, their bytes are used to build well-formed ones, so that the
+// fuzzer's changes are not mostly refused as invalid JSON.
 #include <set>
 #include <string>
 #include <string_view>
@@ -13,6 +13,7 @@
 #include "host/base/json_parse.h"
 #include "json/readers.h"
 #include "tests/support/scripted_platform.h"
+#include "tests/support/setting_lists.h"
 #include "tests/support/syslog_capture.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/dr.h"
@@ -24,27 +25,34 @@ using vexa::fuzz::Check;
 using vexa::test::Platform;
 
 const std::string kGuest = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
-// All except the name, which is only sent when it is a new one.
+// All parameters that hosts receive, except the name, which is only sent when it is a new one.
 constexpr const char* kSentNames[] = {"guest_id",     "vcpu_num",   "vram_size",  "video_card",  "desc",
                                       "cpu_passthru", "autorun",    "boot_from",  "use_ovmf",    "vnics_add",
                                       "vnics_del",    "vnics_edit", "vdisks_add", "vdisks_del",  "usbs",
                                       "vdisks_edit",  "iso_images", "kb_layout",  "usb_version", "hyperv_enlighten",
                                       "vdisks_order", "cpu_weight", "cpu_pin_num"};
+static_assert(vexa::test::ListsExactlySettings(kSentNames,
+                                               [](const vexa::GuestSetting& setting) {
+                                                 return setting.for_hosts != nullptr &&
+                                                        std::string_view(setting.name) != "name";
+                                               },
+                                               {"guest_id"}));
 constexpr const char* kDiskLists[] = {"vdisks_add", "vdisks_del", "vdisks_edit", "vdisks_order"};
 
-struct Mood {
-  explicit Mood(std::string_view text) : letters(text) {}
+// The first line of the input: a letter for each condition.
+struct Conditions {
+  explicit Conditions(std::string_view text) : letters(text) {}
   bool Has(char letter) const { return letters.find(letter) != std::string_view::npos; }
   bool is_granted() const { return Has('g'); }
   bool is_unnamed() const { return Has('u'); }
   bool has_conflict() const { return Has('c'); }
   bool has_no_repository_host() const { return Has('r'); }
   bool are_addresses_taken() const { return Has('m'); }
-  bool do_rights_fail() const { return Has('f'); }
+  bool rights_fail() const { return Has('f'); }
   std::string_view letters;
 };
 
-// Builds parameters from bytes: which are present, and their values.
+// Builds parameters from bytes, which determine the parameters that are present and their values.
 class Builder {
  public:
   explicit Builder(std::string_view bytes) : rest_(bytes) {}
@@ -54,7 +62,7 @@ class Builder {
     parameters["guest_id"] = kGuest;
     while (!rest_.empty()) {
       const char* const name = Pick(kNames);
-      parameters[name] = Take(3) == 0 ? Odd() : Fitting(name);
+      parameters[name] = Take(3) == 0 ? MalformedValue() : ValidValue(name);
     }
     return parameters;
   }
@@ -65,12 +73,14 @@ class Builder {
       "autorun",    "cpu_passthru", "boot_from",       "use_ovmf",   "vnics_add",   "vnics_del",        "vnics_edit",
       "vdisks_add", "vdisks_del",   "vdisks_edit",     "iso_images", "usb_version", "hyperv_enlighten", "usbs",
       "kb_layout",  "vdisks_order", "guest_privilege", "cpu_weight", "cpu_pin_num"};
+  static_assert(vexa::test::ListsExactlySettings(kNames, [](const vexa::GuestSetting&) { return true; }, {"guest_id"}));
   static constexpr const char* kMembers[] = {"network_id", "vnic_id",    "prefer_sriov", "vnic_type", "mac",
                                              "vdisk_id",   "vdisk_size", "uid",          "gid",       "allow",
                                              "type",       "name",       "more"};
   static constexpr const char* kTexts[] = {
       "", "iso", "disk", "web", "unmounted", "/a/b.iso", "/a/bad.iso", "%s%n", "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211"};
 
+  // The next byte of the input as a number below `end`; 0 at the end of the input.
   unsigned Take(unsigned end) {
     if (rest_.empty()) return 0;
     const auto byte = static_cast<unsigned char>(rest_.front());
@@ -86,20 +96,20 @@ class Builder {
     static const Json::Value numbers[] = {0, 1, 3, 4, -1, 20, 2147483647, Json::Int64{2147483648}, 2.5, 1e300};
     return Pick(numbers);
   }
-  Json::Value Odd() {
-    static const Json::Value odd[] = {Json::Value(), true, Json::Value(Json::arrayValue),
-                                      Json::Value(Json::objectValue)};
+  Json::Value MalformedValue() {
+    static const Json::Value malformed[] = {Json::Value(), true, Json::Value(Json::arrayValue),
+                                            Json::Value(Json::objectValue)};
     switch (Take(3)) {
       case 0:
         return Number();
       case 1:
         return Pick(kTexts);
       default:
-        return Pick(odd);
+        return Pick(malformed);
     }
   }
   Json::Value MemberValue(std::string_view name) {
-    if (Take(8) == 0) return Odd();
+    if (Take(8) == 0) return MalformedValue();
     if (name == "prefer_sriov" || name == "allow") return Take(2) == 1;
     if (name.ends_with("_id")) return kGuest;
     if (name == "mac" || name == "type" || name == "name") return Pick(kTexts);
@@ -117,17 +127,23 @@ class Builder {
           element[member] = MemberValue(member);
         }
       }
-      list.append(Take(8) == 0 ? Odd() : element);
+      list.append(Take(8) == 0 ? MalformedValue() : element);
     }
     return list;
   }
-  Json::Value Fitting(std::string_view name) {
-    if (name.starts_with("v") && name.find("s_") != std::string_view::npos) return List(name);
-    if (name == "iso_images" || name == "usbs" || name == "guest_privilege") return List(name);
-    if (name == "guest_id" || name == "repo_id") return kGuest;
-    if (name == "use_ovmf" || name == "cpu_passthru" || name == "hyperv_enlighten") return Take(2) == 1;
-    if (name == "boot_from" || name == "name" || name == "desc" || name == "kb_layout" || name == "video_card") {
-      return Pick(kTexts);
+  Json::Value ValidValue(std::string_view name) {
+    const vexa::GuestSetting* const setting = vexa::FindGuestSetting(name);
+    switch (setting ? setting->type : vexa::SettingType::kId) {
+      case vexa::SettingType::kList:
+        return List(name);
+      case vexa::SettingType::kId:
+        return kGuest;
+      case vexa::SettingType::kBoolean:
+        return Take(2) == 1;
+      case vexa::SettingType::kString:
+        return Pick(kTexts);
+      case vexa::SettingType::kNumber:
+        break;
     }
     return Take(4);
   }
@@ -135,49 +151,51 @@ class Builder {
   std::string_view rest_;
 };
 
-void SetUpPlatform(const Mood& mood, const Json::Value& reply) {
+void SetUpPlatform(const Conditions& conditions, const Json::Value& reply) {
   vexa::test::ResetPlatform();
   vexa::test::ClearCapturedSyslog();
   auto& platform = Platform();
-  if (mood.is_granted()) platform.available = {kGuest};
-  if (!mood.is_unnamed()) platform.names["guest/" + kGuest] = "web";
-  if (mood.has_conflict()) platform.conflict_result = 1;
+  if (conditions.is_granted()) platform.available = {kGuest};
+  if (!conditions.is_unnamed()) platform.names["guest/" + kGuest] = "web";
+  if (conditions.has_conflict()) platform.conflict_result = 1;
   platform.repo_hosts[kGuest] = "north";
-  if (mood.has_no_repository_host()) platform.conf_results["repo_host/" + kGuest] = -1;
-  if (mood.are_addresses_taken()) platform.address_check_result = 1;
-  if (mood.do_rights_fail()) platform.guest_set_result = -1;
+  if (conditions.has_no_repository_host()) platform.conf_results["repo_host/" + kGuest] = -1;
+  if (conditions.are_addresses_taken()) platform.address_check_result = 1;
+  if (conditions.rights_fail()) platform.guest_set_result = -1;
   platform.image_ids = {"unmounted"};
   platform.image_paths = {"/a/b.iso"};
   platform.image_forms = {"/a/bad.iso"};
   if (reply.isObject()) platform.replies = {{"local", reply}, {"north", reply}};
 }
 
-// A list of disks with the sizes that are sent to hosts.
-Json::Value Scaled(Json::Value disks) {
+// A list of disks with sizes in MiB, as hosts receive them, instead of GiB.
+Json::Value WithSizesInMib(Json::Value disks) {
   for (Json::Value& disk : disks) disk["vdisk_size"] = Json::Int64{json::Int(disk["vdisk_size"])} * 1024;
   return disks;
 }
 
-void CheckSent(const Json::Value& parameters, const Mood& mood) {
+void CheckSent(const Json::Value& parameters, const Conditions& conditions) {
   const vexa::test::SentRequest& sent = Platform().sent[0];
   Check(sent.json["api"] == "VEXA.CCC.Guest" && sent.json["method"] == "set" && sent.json["version"] == 1,
         "the method is the hosts' set");
-  Check(!sent.json.isMember("repo_id") && !sent.json.isMember("guest_privilege"), "some stay here");
+  Check(!sent.json.isMember("repo_id") && !sent.json.isMember("guest_privilege"),
+        "rights and repository stay on this host");
   bool changes_disks = false;
   for (const char* name : kDiskLists) changes_disks = changes_disks || !parameters[name].empty();
   const bool is_known_guest = parameters["guest_id"] == kGuest;
-  const char* const disk_host = mood.has_no_repository_host() || !is_known_guest ? "" : "north";
+  const char* const disk_host = conditions.has_no_repository_host() || !is_known_guest ? "" : "north";
   Check(sent.host_id == (changes_disks ? disk_host : "local"), "the right host is asked");
   for (const std::string& name : json::MemberNames(sent.json)) {
     if (name == "api" || name == "method" || name == "version") continue;
     const bool has_sizes = name == "vdisks_add" || name == "vdisks_edit";
-    Check(json::ToText(sent.json[name]) == json::ToText(has_sizes ? Scaled(parameters[name]) : parameters[name]),
-          "what is sent is what came");
+    Check(
+        json::ToText(sent.json[name]) == json::ToText(has_sizes ? WithSizesInMib(parameters[name]) : parameters[name]),
+        "parameters are sent unchanged");
   }
   for (const char* name : kSentNames) {
     Check(sent.json.isMember(name) == parameters.isMember(name), "what was set is sent, and nothing else");
   }
-  const Json::Value previous = mood.is_unnamed() || !is_known_guest ? "-" : "web";
+  const Json::Value previous = conditions.is_unnamed() || !is_known_guest ? "-" : "web";
   Check(sent.json.isMember("name") == (parameters.isMember("name") && parameters["name"] != previous),
         "a new name is sent");
 }
@@ -189,25 +207,25 @@ struct Outcome {
   std::size_t sent = 0;
 };
 
-Outcome Answer(const Json::Value& parameters, const Mood& mood, const Json::Value& reply, char caller) {
-  SetUpPlatform(mood, reply);
+Outcome CallSet(const Json::Value& parameters, const Conditions& conditions, const Json::Value& reply, char caller) {
+  SetUpPlatform(conditions, reply);
   if (caller == 'v') Platform().advanced_result = 1;
   const auto privilege =
       caller == 'a' ? VEXA::APIRequest::Privilege::kAdministrator : VEXA::APIRequest::Privilege::kOrdinary;
   VEXA::APIRequest request(parameters, "eve", privilege);
   VEXA::APIResponse response;
   VexaVirtualization::Guest::Set(&request, &response);
-  Check(request.GetParam("", Json::Value()) == parameters, "a request stays as it is");
+  Check(request.GetParam("", Json::Value()) == parameters, "a request is not changed");
   const auto& platform = Platform();
-  Check(platform.sent.size() <= 1, "one request at most is sent");
+  Check(platform.sent.size() <= 1, "at most one request is sent");
   const bool is_sent = !platform.sent.empty();
-  if (is_sent) CheckSent(parameters, mood);
+  if (is_sent) CheckSent(parameters, conditions);
   const bool is_done = is_sent && VexaDRCore::Response(reply).isSuccess() && platform.sent[0].host_id != "";
   Check(platform.guest_sets.size() == (is_done ? 1u : 0u), "rights follow a success, and only that");
   Check(is_sent || platform.cluster_log.empty(), "what was not sent is not in the cluster log");
   Check(platform.cluster_log.size() <= 1, "the cluster log has at most one line");
   Check(is_sent || (response.IsSet() && !response.IsSuccess()), "what is not sent is refused");
-  Check(response.IsSuccess() == (is_done && !mood.do_rights_fail()), "success is the host's and the rights'");
+  Check(response.IsSuccess() == (is_done && !conditions.rights_fail()), "success takes the host and the rights");
   static const std::set<int> codes{401, 403, 406, 407, 409, 411, 413, 909, 910,  919,
                                    920, 926, 930, 934, 935, 937, 943, 946, 1001, 1600};
   Check(!response.IsSet() || response.IsSuccess() || codes.contains(response.ErrorCode()), "codes are known");
@@ -216,37 +234,38 @@ Outcome Answer(const Json::Value& parameters, const Mood& mood, const Json::Valu
   return {response.IsSet(), response.ErrorCode(), response.Data(), platform.sent.size()};
 }
 
-// What a user with only a grant on the guest may have sent.
-void CheckGranted(const Json::Value& parameters, const Mood& mood) {
-  Check(mood.is_granted(), "strangers change nothing");
+// Checks that the request contains only what a user with a grant may change.
+void CheckGranted(const Json::Value& parameters, const Conditions& conditions) {
+  Check(conditions.is_granted(), "a user without a grant changes nothing");
   static const std::set<std::string> free{"guest_id", "iso_images", "use_ovmf", "api", "method", "version"};
   const Json::Value& sent = Platform().sent[0].json;
   for (const std::string& name : json::MemberNames(sent)) {
     Check(free.contains(name) || (name.starts_with("vdisks_") && sent[name].isArray() && sent[name].empty()),
           "a grant allows little");
   }
-  Check(!parameters.isMember("guest_privilege") && !parameters.isMember("repo_id"), "and no rights");
+  Check(!parameters.isMember("guest_privilege") && !parameters.isMember("repo_id"),
+        "a grant does not allow changing rights");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view rest = vexa::fuzz::Text(data, size);
-  const Mood mood(vexa::fuzz::TakeUntil(rest, "\n"));
+  const Conditions conditions(vexa::fuzz::TakeUntil(rest, "\n"));
   const auto parsed_reply = vexa::ParseJson(vexa::fuzz::TakeUntil(rest, "\n"));
   const Json::Value reply = parsed_reply.ok() && parsed_reply->isObject() ? *parsed_reply : Json::Value();
   const auto parsed = vexa::ParseJson(rest);
   const Json::Value parameters = parsed.ok() && parsed->isObject() ? *parsed : Builder(rest).Build();
 
-  const Outcome any = Answer(parameters, mood, reply, 'a');
+  const Outcome any = CallSet(parameters, conditions, reply, 'a');
   Check(any.code != 409, "an administrator may change every guest");
-  const Outcome advanced = Answer(parameters, mood, reply, 'v');
+  const Outcome advanced = CallSet(parameters, conditions, reply, 'v');
   Check(advanced.is_set == any.is_set && advanced.code == any.code && advanced.data == any.data,
         "an advanced user gets what an administrator gets");
-  const Outcome ordinary = Answer(parameters, mood, reply, 'o');
-  if (ordinary.sent > 0) CheckGranted(parameters, mood);
+  const Outcome ordinary = CallSet(parameters, conditions, reply, 'o');
+  if (ordinary.sent > 0) CheckGranted(parameters, conditions);
   if (ordinary.code == 409) return 0;
   Check(ordinary.is_set == any.is_set && ordinary.code == any.code && ordinary.data == any.data,
-        "who may do it gets what an administrator gets");
+        "a user who may change a guest gets what an administrator gets");
   return 0;
 }

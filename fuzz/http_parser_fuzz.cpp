@@ -9,12 +9,12 @@
 
 namespace {
 
-using vexa::daemon::RequestParser;
 using vexa::fuzz::Check;
+using vexa::http::RequestParser;
 
 constexpr std::size_t kBodyLimit = 300;
 // Between chunks, fewer bytes than this are not examined yet.
-constexpr std::size_t kShortestChunkEnd = 5;
+constexpr std::size_t kMinBytesBetweenChunks = 5;
 
 struct Outcome {
   int status = 0;
@@ -25,8 +25,8 @@ struct Outcome {
 };
 
 // The refusal of the last bytes may still be pending.
-bool IsUndecided(const Outcome& outcome) {
-  return outcome.status == 0 && !outcome.done && outcome.waiting < kShortestChunkEnd;
+bool MayStillBeRefused(const Outcome& outcome) {
+  return outcome.status == 0 && !outcome.done && outcome.waiting < kMinBytesBetweenChunks;
 }
 
 // Passes `bytes` in pieces of size `piece`, as a network might.
@@ -52,11 +52,11 @@ Outcome ReadBody(RequestParser& parser, std::string_view bytes, std::size_t piec
   return outcome;
 }
 
-Outcome ReadRequest(std::string_view head, std::string_view body, std::size_t piece) {
+Outcome ReadRequest(std::string_view header, std::string_view body, std::size_t piece) {
   RequestParser parser(kBodyLimit);
   Outcome outcome;
-  outcome.status = parser.ParseHead(head);
-  const int by_rules = vexa::daemon::CheckRequestHead(head);
+  outcome.status = parser.ParseHeader(header);
+  const int by_rules = vexa::http::CheckRequestHeader(header);
   Check(by_rules == 0 || outcome.status == by_rules, "what the rules refuse is refused");
   if (outcome.status != 0) return outcome;
   const std::string authorization = parser.request().authorization;
@@ -73,11 +73,11 @@ Outcome ReadRequest(std::string_view head, std::string_view body, std::size_t pi
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view body = vexa::fuzz::Text(data, size);
-  const std::string head = std::string(vexa::fuzz::TakeUntil(body, "\r\n\r\n")) + "\r\n\r\n";
-  const Outcome whole = ReadRequest(head, body, std::string_view::npos);
+  const std::string header = std::string(vexa::fuzz::TakeUntil(body, "\r\n\r\n")) + "\r\n\r\n";
+  const Outcome whole = ReadRequest(header, body, std::string_view::npos);
   for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{7}}) {
-    const Outcome cut = ReadRequest(head, body, piece);
-    if (whole.status != 0 && IsUndecided(cut)) continue;
+    const Outcome cut = ReadRequest(header, body, piece);
+    if (whole.status != 0 && MayStillBeRefused(cut)) continue;
     Check(cut.status == whole.status && cut.done == whole.done, "packets do not change the outcome");
     if (!whole.done) continue;
     Check(cut.consumed == whole.consumed && cut.body == whole.body, "packets do not change the request");

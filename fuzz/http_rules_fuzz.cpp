@@ -1,4 +1,4 @@
-// Request heads from a network: an accepted one can be read in one way only, however careless the reader.
+// Request headers from a network: even a careless reader can read an accepted one in only one way.
 #include <algorithm>
 #include <string>
 
@@ -10,25 +10,25 @@ namespace {
 using vexa::fuzz::Check;
 
 // How often a line begins with `name` and a colon, ignoring case, whatever is between them.
-std::size_t CountFields(std::string_view lower_head, std::string_view name) {
+std::size_t CountFields(std::string_view lower_header, std::string_view name) {
   std::size_t count = 0;
-  for (std::size_t at = lower_head.find(name); at != std::string_view::npos; at = lower_head.find(name, at + 1)) {
-    const std::size_t colon = lower_head.find_first_not_of(" \t", at + name.size());
-    if (lower_head[at - 1] == '\n' && colon != std::string_view::npos && lower_head[colon] == ':') ++count;
+  for (std::size_t at = lower_header.find(name); at != std::string_view::npos; at = lower_header.find(name, at + 1)) {
+    const std::size_t colon = lower_header.find_first_not_of(" \t", at + name.size());
+    if (lower_header[at - 1] == '\n' && colon != std::string_view::npos && lower_header[colon] == ':') ++count;
   }
   return count;
 }
 
-void CheckAccepted(std::string_view head) {
-  Check(head.ends_with("\r\n\r\n") && head.find("\r\n\r\n") == head.size() - 4, "a head has one end");
-  for (std::size_t i = 0; i < head.size(); ++i) {
-    Check(head[i] != '\0', "no NUL");
-    if (head[i] == '\n') Check(i > 0 && head[i - 1] == '\r', "no bare line feed");
-    if (head[i] == '\r') Check(head[i + 1] == '\n', "no bare carriage return");
-    if (i > 0 && head[i - 1] == '\n') Check(head[i] != ' ' && head[i] != '\t', "no continued line");
+void CheckAccepted(std::string_view header) {
+  Check(header.ends_with("\r\n\r\n") && header.find("\r\n\r\n") == header.size() - 4, "a header has one end");
+  for (std::size_t i = 0; i < header.size(); ++i) {
+    Check(header[i] != '\0', "no NUL");
+    if (header[i] == '\n') Check(i > 0 && header[i - 1] == '\r', "no bare line feed");
+    if (header[i] == '\r') Check(header[i + 1] == '\n', "no bare carriage return");
+    if (i > 0 && header[i - 1] == '\n') Check(header[i] != ' ' && header[i] != '\t', "no continued line");
   }
 
-  std::string lower(head);
+  std::string lower(header);
   std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c);
   });
@@ -42,19 +42,19 @@ void CheckAccepted(std::string_view head) {
     Check(CountFields(lower, name) <= 1, "fields that are acted upon come once");
   }
 
-  const std::size_t target = head.find(' ') + 1;
-  const std::size_t target_end = head.find(' ', target);
-  Check(head[target] == '/' && target_end - target <= vexa::daemon::kMaxTargetBytes, "a target is a path");
+  const std::size_t target = header.find(' ') + 1;
+  const std::size_t target_end = header.find(' ', target);
+  Check(header[target] == '/' && target_end - target <= vexa::http::kMaxTargetBytes, "a target is a path");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view head = vexa::fuzz::Text(data, size);
-  const int status = vexa::daemon::CheckRequestHead(head);
+  const std::string_view header = vexa::fuzz::Text(data, size);
+  const int status = vexa::http::CheckRequestHeader(header);
   Check(status == 0 || status == 400 || status == 414 || status == 431 || status == 501 || status == 505,
         "a refusal has one of five statuses");
-  if (status == 0) CheckAccepted(head);
-  Check(!vexa::daemon::IsToken(head) || vexa::daemon::IsFieldValue(head), "a token is a field value");
+  if (status == 0) CheckAccepted(header);
+  Check(!vexa::http::IsToken(header) || vexa::http::IsFieldValue(header), "a token is a field value");
   return 0;
 }

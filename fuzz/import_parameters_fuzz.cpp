@@ -1,4 +1,4 @@
-// The parameters of an import: what is accepted has the types and ranges that an import relies on, and every refusal is
+// The parameters of an import: accepted ones have the types and ranges that an import relies on, and every refusal is
 // one sentence.
 #include <string>
 
@@ -31,7 +31,7 @@ void CheckRequest(const ImportRequest& request) {
   for (const auto& [name, id] : request.networks)
     Check(!name.empty() && NormalizeUuid(id) == id, "a network has an id");
   for (const auto& [name, size_mib] : request.disk_sizes_mib) {
-    Check(!name.empty() && size_mib >= 1 && size_mib <= vexa::hypervisor::kMaxDiskMib, "a disk has an allowed size");
+    Check(!name.empty() && size_mib >= 1 && size_mib <= vexa::domain_xml::kMaxDiskMib, "a disk has an allowed size");
   }
   for (const auto& [path, size] : request.image_sizes) Check(!path.empty(), "an image has a path");
 }
@@ -41,21 +41,22 @@ void CheckRequest(const ImportRequest& request) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto parameters = vexa::ParseJson(vexa::fuzz::Text(data, size));
   if (!parameters) return 0;
-  const auto requests = vexa::services::ReadImportRequests(json::Member(*parameters, "guests"));
+  const auto requests = vexa::api::ReadImportRequests(json::Member(*parameters, "guests"));
   if (requests) {
-    Check(!requests->empty() && requests->size() <= vexa::services::kMaxImportedGuests, "a call has some guests");
+    Check(!requests->empty() && requests->size() <= vexa::api::kMaxImportedGuests,
+          "a call has at least one guest and at most the allowed number");
     for (const ImportRequest& request : *requests) CheckRequest(request);
   } else {
     CheckRefusal(requests.error());
   }
-  const auto planned = vexa::services::ReadPlannedGuests(json::Member(*parameters, "planned"));
+  const auto planned = vexa::api::ReadPlannedGuests(json::Member(*parameters, "planned"));
   if (!planned) {
     CheckRefusal(planned.error());
     return 0;
   }
   for (const auto& [id, name] : *planned) {
     Check(NormalizeUuid(id) == id, "a planned guest has an id");
-    Check(vexa::cluster::IsRecordName(name), "a planned guest has a name");
+    Check(vexa::records::IsRecordName(name), "a planned guest has a name");
   }
   return 0;
 }

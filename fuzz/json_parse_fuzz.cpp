@@ -1,5 +1,5 @@
-// JSON text from outside: an accepted text means the same when it is written and read again, and every total reader
-// handles every value of it.
+// JSON text from outside: an accepted text has the same value when it is written and parsed again, and the readers of
+// json/readers.h handle every value of it.
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -14,7 +14,7 @@ namespace {
 namespace json = VexaVirtualization::json;
 using vexa::fuzz::Check;
 
-// Reads `value` in every possible way, and returns how deep it is nested.
+// Calls every reader on `value` and the values in it. Returns the depth of nesting.
 int ReadEverything(const Json::Value& value, int level) {
   (void)json::String(value);
   (void)json::Int(value);
@@ -31,8 +31,8 @@ int ReadEverything(const Json::Value& value, int level) {
   int depth = level;
   for (const std::string& name : json::MemberNames(value)) {
     const Json::Value* member = json::FindMember(value, name);
-    Check(member != nullptr, "every name has its member");
-    Check(member == &json::Member(value, name), "both ways to a member lead to it");
+    Check(member != nullptr, "every listed member is found");
+    Check(member == &json::Member(value, name), "both functions find the same member");
     depth = std::max(depth, ReadEverything(*member, level + 1));
   }
   Json::ArrayIndex index = 0;
@@ -60,7 +60,7 @@ void CheckAccepted(const Json::Value& value) {
   Check(text.find_first_of(std::string_view("\0\n\r", 3)) == std::string::npos, "a value's text is one line");
   const auto again = vexa::ParseJson(text);
   Check(again.ok(), "a value's text is accepted");
-  Check(*again == value, "a value's text means the value");
+  Check(*again == value, "a value's text has the same value");
   Check(json::ToText(*again) == text, "a value has one text");
 }
 
@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto value = vexa::ParseJson(text);
   if (const auto quick = vexa::ReadWithSimdjson(text, nullptr)) {
     const auto thorough = vexa::ReadWithJsoncpp(text);
-    Check(thorough.ok() && *thorough == *quick, "both readers agree on what the quick one accepts");
+    Check(thorough.ok() && *thorough == *quick, "both parsers agree on what the quick one accepts");
   }
   if (value.ok()) {
     Check(vexa::IsValidUtf8(text), "what is accepted is UTF-8");

@@ -1,4 +1,5 @@
-// An import manifest: an accepted one is complete, and every other text is refused with a sentence.
+// An import manifest: an accepted one has all values that an import needs, and every other text is refused with a
+// sentence.
 #include <string>
 
 #include "cli/import_command.h"
@@ -22,7 +23,7 @@ void CheckSource(const vexa::cli::ImportSource& source) {
   CheckUuid(source.options.host_id);
   for (const auto& [name, id] : source.options.networks) CheckUuid(id);
   for (const auto& [name, size_mib] : source.options.disk_sizes_mib) {
-    Check(size_mib >= 1024 && size_mib <= vexa::hypervisor::kMaxDiskMib, "a disk has a size that is allowed");
+    Check(size_mib >= 1024 && size_mib <= vexa::domain_xml::kMaxDiskMib, "a disk has an allowed size");
   }
 }
 

@@ -6,7 +6,7 @@
 namespace VexaVirtualization::json {
 namespace {
 
-// Whether jsoncpp converts `value` to the integer type T, whose limits as doubles are `low` and below `end`.
+// Whether jsoncpp can convert `value` to the integer type T without throwing.
 template <class T>
 bool ConvertsToInteger(const Json::Value& value) {
   switch (value.type()) {
@@ -55,7 +55,7 @@ const Json::Value& Member(const Json::Value& value, const char* name) { return O
 
 const Json::Value& Member(const Json::Value& value, const std::string& name) { return OrNull(FindMember(value, name)); }
 
-std::string TextMember(const Json::Value& value, const char* name) {
+std::string StringMember(const Json::Value& value, const char* name) {
   const Json::Value& member = Member(value, name);
   return member.isString() ? String(member) : std::string();
 }
@@ -84,12 +84,12 @@ bool Bool(const Json::Value& value) {
   return (value.isNumeric() || value.isBool() || value.isNull()) && value.asBool();
 }
 
-Json::Value& MakeObject(Json::Value& value) {
+Json::Value& EnsureObject(Json::Value& value) {
   if (!value.isObject()) value = Json::Value(Json::objectValue);
   return value;
 }
 
-Json::Value& MakeArray(Json::Value& value) {
+Json::Value& EnsureArray(Json::Value& value) {
   if (!value.isArray()) value = Json::Value(Json::arrayValue);
   return value;
 }

@@ -1,5 +1,5 @@
-// Rendering JSON. The text equals that of jsoncpp's compact writer, which copies every name and value into a string of
-// its own and looks each member up again. Replies are rendered often enough for that to matter.
+// Renders JSON. The output equals that of jsoncpp's compact writer, which copies every name and value into a string of
+// its own and looks up each member a second time. Replies are rendered often enough for that to matter.
 #include <json/writer.h>
 
 #include <string>
@@ -43,7 +43,7 @@ void AppendEscaped(std::string& out, char c) {
 
 void AppendQuoted(std::string& out, std::string_view text) {
   out += '"';
-  std::size_t plain = 0;  // start of the text that needs no escape and is not appended yet
+  std::size_t plain = 0;  // start of the pending run of characters that need no escape
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
     if (static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\') continue;

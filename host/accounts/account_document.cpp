@@ -1,5 +1,6 @@
 #include "host/accounts/account_document.h"
 
+#include <fmt/format.h>
 #include <json/value.h>
 
 #include <algorithm>
@@ -12,42 +13,44 @@
 #include "host/accounts/account_password.h"
 #include "host/base/json_parse.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 namespace {
 
 constexpr std::uint32_t kVersion = 1;
 // (uid_t)-1 means "no id" to system calls.
 constexpr std::uint32_t kLastId = std::numeric_limits<std::uint32_t>::max() - 1;
 
-Error Damaged(std::string why) {
-  return Error(ErrorCode::kCorrupt, "The account file cannot be understood", std::move(why));
+Error Damaged(std::string reason) {
+  return Error(ErrorCode::kCorrupt, "The account file is damaged", std::move(reason));
 }
 
-// A name from the file, for a sentence. A malformed name may be of any length and hold anything.
-std::string Quoted(const std::string& name) {
-  return IsValidAccountName(name) ? "'" + name + "'" : std::string("with an invalid name");
+// A name from the file, for messages. Invalid names are not quoted, because they may be long and contain anything.
+std::string QuotedName(const std::string& name) {
+  return IsValidAccountName(name) ? fmt::format("'{}'", name) : "with an invalid name";
 }
 
-Status CheckMembers(const Json::Value& object, const std::string& what, std::initializer_list<std::string_view> known) {
-  if (!object.isObject()) return Damaged(what + " is not an object");
+Status CheckMembers(const Json::Value& object, const std::string& subject,
+                    std::initializer_list<std::string_view> known) {
+  if (!object.isObject()) return Damaged(fmt::format("{} is not an object", subject));
   for (const std::string& name : object.getMemberNames()) {
     if (std::find(known.begin(), known.end(), name) == known.end()) {
-      return Damaged(what + " has an unknown member: " + Quoted(name));
+      return Damaged(fmt::format("{} has an unknown member: {}", subject, QuotedName(name)));
     }
   }
   return {};
 }
 
-// Integers only: jsoncpp would also convert 1.0, true and null to one.
+// Accepts integers only: jsoncpp would also convert 1.0, true and null to an integer.
 std::optional<std::uint32_t> ReadId(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
   if (!value.isUInt() || value.asUInt() > kLastId) return std::nullopt;
   return value.asUInt();
 }
 
-Result<std::string> ReadName(const Json::Value& object, const std::string& what) {
+Result<std::string> ReadName(const Json::Value& object, const std::string& subject) {
   const Json::Value& name = object["name"];
-  if (!name.isString() || !IsValidAccountName(name.asString())) return Damaged(what + " has no valid name");
+  if (!name.isString() || !IsValidAccountName(name.asString()))
+    return Damaged(fmt::format("{} has an invalid name", subject));
   return name.asString();
 }
 
@@ -56,7 +59,7 @@ Result<Group> ReadGroup(const Json::Value& object) {
   auto name = ReadName(object, "a group");
   if (!name.ok()) return name.error();
   const auto gid = ReadId(object["gid"]);
-  if (!gid) return Damaged("the gid of the group " + Quoted(*name) + " is not an id");
+  if (!gid) return Damaged(fmt::format("the gid of the group {} is not an id", QuotedName(*name)));
   return Group{*name, *gid};
 }
 
@@ -66,20 +69,21 @@ Result<AccountRecord> ReadUser(const Json::Value& object) {
   }
   auto name = ReadName(object, "a user");
   if (!name.ok()) return name.error();
-  const std::string what = "the user " + Quoted(*name);
+  const std::string subject = fmt::format("the user {}", QuotedName(*name));
   const auto uid = ReadId(object["uid"]);
   const auto gid = ReadId(object["gid"]);
-  if (!uid) return Damaged("the uid of " + what + " is not an id");
-  if (!gid) return Damaged("the gid of " + what + " is not an id");
+  if (!uid) return Damaged(fmt::format("the uid of {} is not an id", subject));
+  if (!gid) return Damaged(fmt::format("the gid of {} is not an id", subject));
   const Json::Value& password = object["password"];
   if (!password.isString() || !IsStoredHashValid(password.asString())) {
-    return Damaged("the password of " + what + " is neither a yescrypt hash nor a mark that disables login");
+    return Damaged(
+        fmt::format("the password of {} is neither a yescrypt hash nor a value that disables login", subject));
   }
   const Json::Value& groups = object["groups"];
-  if (!groups.isArray()) return Damaged("the groups of " + what + " are not a list");
+  if (!groups.isArray()) return Damaged(fmt::format("the groups of {} are not a list", subject));
   AccountRecord user{*name, *uid, *gid, password.asString(), {}};
   for (const Json::Value& group : groups) {
-    if (!group.isString()) return Damaged("the groups of " + what + " are not a list of names");
+    if (!group.isString()) return Damaged(fmt::format("the groups of {} are not a list of names", subject));
     user.groups.push_back(group.asString());
   }
   return user;
@@ -92,8 +96,9 @@ Status ReadGroups(const Json::Value& list, AccountDocument& document) {
   for (const Json::Value& entry : list) {
     auto group = ReadGroup(entry);
     if (!group.ok()) return group.error();
-    if (!names.insert(group->name).second) return Damaged("there are two groups " + Quoted(group->name));
-    if (!gids.insert(group->gid).second) return Damaged("two groups have the gid " + std::to_string(group->gid));
+    if (!names.insert(group->name).second)
+      return Damaged(fmt::format("there are two groups {}", QuotedName(group->name)));
+    if (!gids.insert(group->gid).second) return Damaged(fmt::format("two groups have the gid {}", group->gid));
     document.groups.push_back(std::move(group).value());
   }
   return {};
@@ -112,16 +117,18 @@ Status ReadUsers(const Json::Value& list, AccountDocument& document) {
   for (const Json::Value& entry : list) {
     auto user = ReadUser(entry);
     if (!user.ok()) return user.error();
-    if (!names.insert(user->name).second) return Damaged("there are two users " + Quoted(user->name));
-    if (!uids.insert(user->uid).second) return Damaged("two users have the uid " + std::to_string(user->uid));
-    if (gids.count(user->gid) == 0) return Damaged("the gid of the user " + Quoted(user->name) + " is of no group");
+    if (!names.insert(user->name).second) return Damaged(fmt::format("there are two users {}", QuotedName(user->name)));
+    if (!uids.insert(user->uid).second) return Damaged(fmt::format("two users have the uid {}", user->uid));
+    if (gids.count(user->gid) == 0)
+      return Damaged(fmt::format("the gid of the user {} belongs to no group", QuotedName(user->name)));
     std::unordered_set<std::string> own;
     for (const std::string& group : user->groups) {
       if (group_names.count(group) == 0) {
-        return Damaged("the user " + Quoted(user->name) + " is in a group that does not exist: " + Quoted(group));
+        return Damaged(fmt::format("the user {} is in a group that does not exist: {}", QuotedName(user->name),
+                                   QuotedName(group)));
       }
       if (!own.insert(group).second) {
-        return Damaged("the user " + Quoted(user->name) + " is twice in the group " + Quoted(group));
+        return Damaged(fmt::format("the user {} is twice in the group {}", QuotedName(user->name), QuotedName(group)));
       }
     }
     document.users.push_back(std::move(user).value());
@@ -129,18 +136,19 @@ Status ReadUsers(const Json::Value& list, AccountDocument& document) {
   return {};
 }
 
-// Remembers that `id` was assigned, if it is in the range that hosts assign.
-void NoteId(std::uint32_t id, AccountDocument& document) {
-  if (id >= kFirstOwnId && id <= kLastOwnId) document.next_id = std::max(document.next_id, id + 1);
+// Ensures that `id` is not assigned again, if it is in the range that hosts assign.
+void RaiseNextId(std::uint32_t id, AccountDocument& document) {
+  if (id >= kFirstAssignedId && id <= kLastAssignedId) document.next_id = std::max(document.next_id, id + 1);
 }
 
 Status ReadNextId(const Json::Value& value, AccountDocument& document) {
-  document.next_id = kFirstOwnId;
-  for (const Group& group : document.groups) NoteId(group.gid, document);
-  for (const AccountRecord& user : document.users) NoteId(user.uid, document);
+  document.next_id = kFirstAssignedId;
+  for (const Group& group : document.groups) RaiseNextId(group.gid, document);
+  for (const AccountRecord& user : document.users) RaiseNextId(user.uid, document);
   if (value.isNull()) return {};
   const auto next_id = ReadId(value);
-  if (!next_id || *next_id < kFirstOwnId || *next_id > kLastOwnId + 1) return Damaged("'next_id' is not an id of ours");
+  if (!next_id || *next_id < kFirstAssignedId || *next_id > kLastAssignedId + 1)
+    return Damaged("'next_id' is outside the range of assigned ids");
   document.next_id = std::max(document.next_id, *next_id);
   return {};
 }
@@ -159,9 +167,10 @@ Result<AccountDocument> ParseAccounts(std::string_view text) {
   AccountDocument document;
   if (Status status = ReadGroups(root["groups"], document); !status.ok()) return status.error();
   if (Status status = ReadUsers(root["users"], document); !status.ok()) return status.error();
-  if (root.isMember("next_id") && root["next_id"].isNull()) return Damaged("'next_id' is not an id of ours");
+  if (root.isMember("next_id") && root["next_id"].isNull())
+    return Damaged("'next_id' is outside the range of assigned ids");
   if (Status status = ReadNextId(root["next_id"], document); !status.ok()) return status.error();
   return document;
 }
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

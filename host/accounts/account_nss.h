@@ -1,6 +1,6 @@
-// Users and groups as the machine's name service knows them (nsswitch.conf(5)).
+// Looks up users and groups in the machine's name service (nsswitch.conf(5)).
 //
-// Errors of all functions: kNotFound when there is no such entry; kUnavailable when the name service cannot answer now.
+// Errors of all functions: kNotFound when there is no such entry; kUnavailable when the name service fails.
 // Threads: any, at the same time.
 #pragma once
 
@@ -12,7 +12,7 @@
 #include "host/accounts/accounts.h"
 #include "host/base/result.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 
 struct NssUser {
   std::string name;  // as the name service writes it
@@ -20,8 +20,8 @@ struct NssUser {
   std::uint32_t gid = 0;
 };
 
-// Whether the name service can be asked for the name: 1 to 256 bytes of UTF-8 without control characters. Directories
-// have names that accounts of the store cannot have, such as "DOMAIN\domain users".
+// Whether the name service can have the name: 1 to 256 bytes of UTF-8 without control characters. Directories have
+// names that IsValidAccountName refuses, such as "DOMAIN\domain users".
 bool IsSystemName(std::string_view name);
 
 Result<NssUser> NssFindUser(const std::string& name);
@@ -29,8 +29,8 @@ Result<NssUser> NssFindUserByUid(std::uint32_t uid);
 Result<Group> NssFindGroup(const std::string& name);
 Result<Group> NssFindGroupByGid(std::uint32_t gid);
 
-// All groups of the user, the primary one first, without duplicates. Groups without a name are left out: rights are
-// granted to names, and a number used as a name could be the name of another group.
+// All groups of the user, the primary group first, without duplicates. Groups without a name are left out, because
+// rights are granted to names, and a number used as a name could be the name of another group.
 Result<std::vector<Group>> NssGroupsOf(const NssUser& user);
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

@@ -10,7 +10,7 @@
 
 #include "host/accounts/account_nss.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 namespace {
 
 struct Credentials {
@@ -27,13 +27,13 @@ void FreeReplies(pam_response* replies, int count) {
   std::free(replies);
 }
 
-// Answers the prompts of the modules (pam_conv(3)). Their messages are dropped because there is no one to read them.
-// PAM frees the replies, hence malloc(3).
+// Answers the prompts of the modules (pam_conv(3)). Messages of the modules are ignored, because no user would see
+// them. The replies are allocated with calloc(3) and strdup(3), because PAM frees them.
 int Converse(int count, const pam_message** messages, pam_response** replies, void* data) {
   const auto& credentials = *static_cast<const Credentials*>(data);
   if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
-  auto* made = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
-  if (made == nullptr) return PAM_BUF_ERR;
+  auto* responses = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
+  if (responses == nullptr) return PAM_BUF_ERR;
   for (int i = 0; i < count; ++i) {
     const std::string* answer = nullptr;
     switch (messages[i]->msg_style) {
@@ -47,20 +47,20 @@ int Converse(int count, const pam_message** messages, pam_response** replies, vo
       case PAM_TEXT_INFO:
         continue;
       default:
-        FreeReplies(made, count);
+        FreeReplies(responses, count);
         return PAM_CONV_ERR;
     }
-    made[i].resp = ::strdup(answer->c_str());
-    if (made[i].resp == nullptr) {
-      FreeReplies(made, count);
+    responses[i].resp = ::strdup(answer->c_str());
+    if (responses[i].resp == nullptr) {
+      FreeReplies(responses, count);
       return PAM_BUF_ERR;
     }
   }
-  *replies = made;
+  *replies = responses;
   return PAM_SUCCESS;
 }
 
-// One PAM transaction. It is ended with its last status on every path.
+// One PAM transaction. The destructor ends it with its last status.
 class Transaction {
  public:
   Transaction(const PamOptions& options, const Credentials& credentials)
@@ -77,16 +77,17 @@ class Transaction {
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
 
-  // Whether the password is right and the account may be used today. PAM decides how long a failure takes.
-  int Check() {
+  // Checks that the password is right and the account may be used today. Returns a PAM status. After a failure, PAM
+  // delays the return.
+  int Authenticate() {
     constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
     if (status_ == PAM_SUCCESS) status_ = ::pam_authenticate(handle_, kFlags);
     if (status_ == PAM_SUCCESS) status_ = ::pam_acct_mgmt(handle_, kFlags);
     return status_;
   }
 
-  // The user who was let in: a module may have replaced the given name. "" when unknown.
-  std::string User() {
+  // The authenticated user: a PAM module may have changed the name. "" when unknown.
+  std::string UserName() {
     const void* item = nullptr;
     if (handle_ == nullptr || ::pam_get_item(handle_, PAM_USER, &item) != PAM_SUCCESS || item == nullptr) return {};
     return static_cast<const char*>(item);
@@ -98,7 +99,7 @@ class Transaction {
   int status_ = PAM_SYSTEM_ERR;
 };
 
-// PAM refused, as opposed to being unable to decide.
+// Whether the status means that PAM refuses the user, rather than that it could not check.
 bool IsRefusal(int status) {
   switch (status) {
     case PAM_AUTH_ERR:
@@ -122,9 +123,9 @@ class PamAccounts : public AccountProvider {
 
   Result<User> FindUser(const std::string& name) const override {
     if (!IsValidAccountName(name)) return Error(ErrorCode::kNotFound, "The user name is invalid");
-    return Complete(NssFindUser(name));
+    return AddGroups(NssFindUser(name));
   }
-  Result<User> FindUserByUid(std::uint32_t uid) const override { return Complete(NssFindUserByUid(uid)); }
+  Result<User> FindUserByUid(std::uint32_t uid) const override { return AddGroups(NssFindUserByUid(uid)); }
   Result<Group> FindGroupByGid(std::uint32_t gid) const override { return NssFindGroupByGid(gid); }
 
   Result<User> VerifyPassword(const std::string& name, const std::string& password) const override {
@@ -134,19 +135,19 @@ class PamAccounts : public AccountProvider {
     if (password.size() >= PAM_MAX_RESP_SIZE || password.find('\0') != std::string::npos) return denied;
     const Credentials credentials{name, password};
     Transaction transaction(options_, credentials);
-    const int status = transaction.Check();
+    const int status = transaction.Authenticate();
     if (IsRefusal(status)) return denied;
     if (status != PAM_SUCCESS) {
-      // pam_strerror(3) does not use the handle on Linux, and there may be none here.
+      // pam_strerror(3) ignores its handle on Linux, and pam_start may have failed before it created one.
       return Error(ErrorCode::kUnavailable, "The password cannot be checked now", ::pam_strerror(nullptr, status));
     }
-    auto user = FindUser(transaction.User());
+    auto user = FindUser(transaction.UserName());
     if (!user.ok() && user.error().code() == ErrorCode::kNotFound) return denied;
     return user;
   }
 
  private:
-  Result<User> Complete(const Result<NssUser>& entry) const {
+  Result<User> AddGroups(const Result<NssUser>& entry) const {
     if (!entry.ok()) return entry.error();
     auto groups = NssGroupsOf(*entry);
     if (!groups.ok()) return groups.error();
@@ -166,4 +167,4 @@ std::unique_ptr<AccountProvider> MakePamAccounts(const PamOptions& options) {
   return std::make_unique<PamAccounts>(options);
 }
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

@@ -1,5 +1,5 @@
-// The account provider of a managed machine: PAM checks passwords (pam(3)), NSS knows users and groups
-// (nsswitch.conf(5)).
+// The account provider that uses the machine's own accounts: PAM checks passwords (pam(3)), the name service has the
+// users and groups (nsswitch.conf(5)).
 #pragma once
 
 #include <memory>
@@ -7,15 +7,16 @@
 
 #include "host/accounts/accounts.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 
 struct PamOptions {
   std::string service = "vexad";                        // PAM service name
-  std::string config_directory;                         // instead of /etc/pam.d when set
+  std::string config_directory;                         // instead of /etc/pam.d; "": /etc/pam.d
   std::string administrators_group = "administrators";  // members are administrators
 };
 
-// Root (uid 0) is also an administrator. A user without a name service entry does not exist here, whatever PAM says.
+// Root (uid 0) is always an administrator. A user without an entry in the name service does not exist for this
+// provider, even if PAM accepts the password.
 std::unique_ptr<AccountProvider> MakePamAccounts(const PamOptions& options);
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

@@ -6,21 +6,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <semaphore>
 #include <string_view>
 #include <thread>
 #include <utility>
 
 #include "host/base/json_parse.h"
+#include "host/base/mutex.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 namespace {
 
-constexpr const char* kMethod = "$y$";
+constexpr const char* kYescryptPrefix = "$y$";
 constexpr int kMaxParallelHashes = 1024;
 
-// One hash takes 16 MiB and a whole processor. Logins must not take over the machine.
+// Limits how many hashes are computed at the same time, because each takes 16 MiB and a whole processor.
 class HashSlot {
  public:
   HashSlot() { Slots().acquire(); }
@@ -56,7 +56,7 @@ struct WipingDelete {
   }
 };
 
-// "" when the system cannot compute it: unknown method, out of memory.
+// "" when the system cannot compute the hash: unknown method, out of memory.
 std::string CryptOnce(const char* password, const char* setting) {
   const std::unique_ptr<crypt_data, WipingDelete> data(new crypt_data{});
   const char* hash = ::crypt_rn(password, setting, data.get(), sizeof(crypt_data));
@@ -66,8 +66,8 @@ std::string CryptOnce(const char* password, const char* setting) {
 std::string Crypt(const std::string& password, const char* setting) {
   const HashSlot slot;
   if (password.size() < CRYPT_MAX_PASSPHRASE_SIZE) return CryptOnce(password.c_str(), setting);
-  // crypt(3) takes one byte less than we allow. Such a password is hashed in two steps, so that every byte counts. The
-  // time this takes depends on the password alone, not on the user.
+  // The longest password is one byte too long for crypt(3). It is hashed in two steps, so that every byte matters.
+  // Whether there are two steps depends on the password alone, so the time reveals nothing about the user.
   const std::size_t half = password.size() / 2;
   const std::string first_hash = CryptOnce(Secret(password.substr(0, half)).c_str(), setting);
   if (first_hash.empty()) return {};
@@ -75,7 +75,7 @@ std::string Crypt(const std::string& password, const char* setting) {
 }
 
 bool EqualInConstantTime(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;  // of hashes: their lengths are public
+  if (a.size() != b.size()) return false;  // the lengths of hashes are not secret
   volatile unsigned char difference = 0;
   for (std::size_t i = 0; i < a.size(); ++i) {
     difference = static_cast<unsigned char>(difference | (static_cast<unsigned char>(a[i] ^ b[i])));
@@ -83,15 +83,15 @@ bool EqualInConstantTime(const std::string& a, const std::string& b) {
   return difference == 0;
 }
 
-// Unknown users are checked against this hash. It is made on first use, and retried if the system could not make it; ""
-// until then.
+// The hash against which the passwords of unknown users are checked. Computed on first use; "" when the system cannot
+// compute it, which the next call retries.
 std::string DummyHash() {
-  static std::mutex mutex;
-  static std::string hash;
-  const std::lock_guard lock(mutex);
+  static Mutex mutex;
+  static std::string hash VEXA_GUARDED_BY(mutex);
+  const MutexLock lock(mutex);
   if (hash.empty()) {
-    auto made = HashPassword("a password that nobody has");
-    if (made.ok()) hash = std::move(made).value();
+    auto computed = HashPassword("a password that no user has");
+    if (computed.ok()) hash = std::move(computed).value();
   }
   return hash;
 }
@@ -112,8 +112,8 @@ Status CheckNewPassword(const std::string& password) {
 Result<std::string> HashPassword(const std::string& password) {
   char setting[CRYPT_GENSALT_OUTPUT_SIZE] = {};
   // 0 and nullptr: the default cost, and random bytes from the system.
-  if (::crypt_gensalt_rn(kMethod, 0, nullptr, 0, setting, sizeof(setting)) == nullptr) {
-    return SystemError(ErrorCode::kInternal, "Cannot make a salt for a password", errno);
+  if (::crypt_gensalt_rn(kYescryptPrefix, 0, nullptr, 0, setting, sizeof(setting)) == nullptr) {
+    return SystemError(ErrorCode::kInternal, "Cannot generate a salt for a password", errno);
   }
   std::string hash = Crypt(password, setting);
   if (!IsStoredHashValid(hash) || IsLoginDisabled(hash)) {
@@ -128,21 +128,21 @@ bool IsStoredHashValid(const std::string& stored) {
   if (stored.size() >= CRYPT_OUTPUT_SIZE) return false;
   if (stored.find_first_of(std::string_view("\0\n\r", 3)) != std::string::npos) return false;
   if (IsLoginDisabled(stored)) return true;
-  return stored.rfind(kMethod, 0) == 0 && ::crypt_checksalt(stored.c_str()) == CRYPT_SALT_OK;
+  return stored.rfind(kYescryptPrefix, 0) == 0 && ::crypt_checksalt(stored.c_str()) == CRYPT_SALT_OK;
 }
 
 PasswordCheck CheckPassword(const std::string* stored, const std::string& password) {
-  // Computed in every case, so that the extra wait of the first caller does not reveal anything about the user either.
+  // Needed in every case, so that the longer time of the first call reveals nothing about the user either.
   const std::string dummy = DummyHash();
-  if (dummy.empty()) return PasswordCheck::kCannotTell;
-  // crypt(3) ends a password at a NUL, and would take the part before it for the whole password.
+  if (dummy.empty()) return PasswordCheck::kUnavailable;
+  // A password with a NUL never matches: crypt(3) would only see the part before it.
   const bool can_match = stored != nullptr && !IsLoginDisabled(*stored) && password.size() <= kMaxPasswordBytes &&
                          password.find('\0') == std::string::npos;
   const std::string& expected = can_match ? *stored : dummy;
   const std::string hash =
       password.size() <= kMaxPasswordBytes ? Crypt(password, expected.c_str()) : Crypt("too long", expected.c_str());
-  if (hash.empty()) return PasswordCheck::kCannotTell;
-  return EqualInConstantTime(hash, expected) && can_match ? PasswordCheck::kMatches : PasswordCheck::kDiffers;
+  if (hash.empty()) return PasswordCheck::kUnavailable;
+  return EqualInConstantTime(hash, expected) && can_match ? PasswordCheck::kMatches : PasswordCheck::kMismatch;
 }
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

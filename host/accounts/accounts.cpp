@@ -1,8 +1,8 @@
 #include "host/accounts/accounts.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 
-// Written out instead of isalnum(3): the locale must not decide which names are valid.
+// Does not use isalnum(3), because the locale must not decide which names are valid.
 bool IsValidAccountName(std::string_view name) {
   constexpr std::size_t kMaxBytes = 64;
   const auto is_first = [](char c) {
@@ -15,12 +15,12 @@ bool IsValidAccountName(std::string_view name) {
   return true;
 }
 
-std::string FoldedName(std::string_view name) {
-  std::string folded(name);
-  for (char& c : folded) {
+std::string LowerCaseName(std::string_view name) {
+  std::string lower(name);
+  for (char& c : lower) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
-  return folded;
+  return lower;
 }
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

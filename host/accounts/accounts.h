@@ -1,4 +1,4 @@
-// Users and groups: who a caller is, and whether a password is right.
+// The interface to user accounts: finds users and groups and checks passwords.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 #include "host/base/result.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 
 struct Group {
   std::string name;
@@ -25,27 +25,27 @@ struct User {
   bool is_administrator = false;
 };
 
-// Threads: any, at the same time. The next call sees changes made elsewhere (by an administrator's command or in the
-// system's user database).
+// Changes by others, such as an administrator's command or the system's user database, are visible to the next call.
+// Threads: any, at the same time.
 class AccountProvider {
  public:
   virtual ~AccountProvider() = default;
 
-  // kNotFound when there is no such user; kUnavailable when that cannot be determined now.
+  // kNotFound when there is no such user or group; kUnavailable when that cannot be determined now.
   virtual Result<User> FindUser(const std::string& name) const = 0;
   virtual Result<User> FindUserByUid(std::uint32_t uid) const = 0;
   virtual Result<Group> FindGroupByGid(std::uint32_t gid) const = 0;
 
-  // Returns the user when the password is right. kDenied when there is no such user or the password is wrong
-  // (indistinguishable, also in time); kUnavailable when it cannot be checked. Intentional: takes tens of milliseconds,
-  // to slow down guessing.
+  // Returns the user when the password is right. kDenied when there is no such user or the password is wrong; neither
+  // the error nor the time distinguishes these two. kUnavailable when the password cannot be checked. Intentional:
+  // takes tens of milliseconds, to slow down guessing.
   virtual Result<User> VerifyPassword(const std::string& name, const std::string& password) const = 0;
 };
 
-// The first and the last id that hosts assign to users and groups: systemd's UIDS-GIDS document leaves 1879048192 to
-// 2147483647 unused.
-inline constexpr std::uint32_t kFirstOwnId = 1'900'000'000;
-inline constexpr std::uint32_t kLastOwnId = 2'147'483'646;
+// The first and the last id that hosts assign to users and groups. They are in a range that systemd's UIDS-GIDS
+// document leaves unused, 1879048192 to 2147483647.
+inline constexpr std::uint32_t kFirstAssignedId = 1'900'000'000;
+inline constexpr std::uint32_t kLastAssignedId = 2'147'483'646;
 
 inline constexpr std::string_view kAdministratorsGroup = "administrators";
 inline constexpr std::string_view kUsersGroup = "users";  // every user's primary group
@@ -54,7 +54,7 @@ inline constexpr std::string_view kUsersGroup = "users";  // every user's primar
 // a digit or an underscore.
 bool IsValidAccountName(std::string_view name);
 
-// `name` with its ASCII letters in lower case. Names are ASCII; the locale does not matter.
-std::string FoldedName(std::string_view name);
+// `name` with its ASCII letters in lower case, independent of the locale. Account names are ASCII.
+std::string LowerCaseName(std::string_view name);
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace vexa::base {
+namespace vexa::accounts {
 namespace {
 
 std::shared_ptr<const AccountProvider> installed;
@@ -13,4 +13,4 @@ void InstallAccounts(std::shared_ptr<const AccountProvider> accounts) { installe
 
 const AccountProvider* CurrentAccounts() { return installed.get(); }
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

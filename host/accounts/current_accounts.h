@@ -5,12 +5,12 @@
 
 #include "host/accounts/accounts.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 
-// Null uninstalls it. Threads: call it while no request runs.
+// Replaces the account provider; null removes it. Threads: call it only while no request runs.
 void InstallAccounts(std::shared_ptr<const AccountProvider> accounts);
 
-// Null when none is installed. Valid until the next InstallAccounts.
+// The installed account provider, or null. Valid until the next InstallAccounts.
 const AccountProvider* CurrentAccounts();
 
-}  // namespace vexa::base
+}  // namespace vexa::accounts

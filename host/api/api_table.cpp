@@ -1,29 +1,43 @@
 #include "host/api/api_table.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <stdexcept>
 #include <tuple>
 
-namespace vexa::webapi {
+namespace vexa::api {
 namespace {
 
 auto KeyOf(const ApiRow& row) { return std::tuple(row.api, row.method, row.version); }
+
+// Hosts and users have a table each, because the same code may mean something else to hosts.
+bool HasErrorSentence(int code, Audience audience) {
+  return std::ranges::count(audience == Audience::kHosts ? HostErrorTable() : ErrorTable(), code, &ErrorRow::code) > 0;
+}
 
 }  // namespace
 
 ApiTable::ApiTable(std::vector<ApiRow> rows) : rows_(std::move(rows)) {
   std::ranges::sort(rows_, {}, KeyOf);
-  const auto twice = std::ranges::adjacent_find(rows_, {}, KeyOf);
-  if (twice != rows_.end()) {
-    throw std::logic_error("two rows for " + std::string(twice->api) + " " + std::string(twice->method));
+  const auto duplicate = std::ranges::adjacent_find(rows_, {}, KeyOf);
+  if (duplicate != rows_.end()) {
+    throw std::logic_error(fmt::format("The API table has two rows for {} {}", duplicate->api, duplicate->method));
   }
-  const auto is_too_open = [](const ApiRow& row) {
-    return row.body_bytes > kMostBodyBytes ||
-           (row.body_bytes > kBodyBytes && row.access.value != Access::kAdministrator);
+  const auto allows_too_much = [](const ApiRow& row) {
+    return row.body_bytes > kMaxBodyBytes ||
+           (row.body_bytes > kDefaultBodyBytes && row.access.value != Access::kAdministrator);
   };
-  const auto too_open = std::ranges::find_if(rows_, is_too_open);
-  if (too_open != rows_.end()) {
-    throw std::logic_error("too long bodies for " + std::string(too_open->api) + " " + std::string(too_open->method));
+  const auto wrong = std::ranges::find_if(rows_, allows_too_much);
+  if (wrong != rows_.end()) {
+    throw std::logic_error(fmt::format("The API table allows too long bodies for {} {}", wrong->api, wrong->method));
+  }
+  for (const ApiRow& row : rows_) {
+    for (const int code : row.errors) {
+      if (HasErrorSentence(code, AudienceOf(row.access.value))) continue;
+      throw std::logic_error(fmt::format(
+          "The error code {} of {} {} has no sentence for its callers in the error table", code, row.api, row.method));
+    }
   }
 }
 
@@ -33,24 +47,15 @@ const ApiRow* ApiTable::Find(std::string_view api, std::string_view method, int 
   return found != rows_.end() && KeyOf(*found) == key ? &*found : nullptr;
 }
 
-Handler Plain(void (*handler)(VEXA::APIRequest*, VEXA::APIResponse*)) {
+Handler RequestResponseHandler(void (*handler)(VEXA::APIRequest*, VEXA::APIResponse*)) {
   return [handler](const Call& call) { handler(call.request, call.response); };
 }
 
 std::string_view AccessName(Access access) {
-  switch (access) {
-    case Access::kAnyone:
-      return "anyone";
-    case Access::kUser:
-      return "user";
-    case Access::kAdministrator:
-      return "admin";
-    case Access::kHost:
-      return "host";
-  }
-  return "";
+  constexpr std::string_view kNames[] = {"anyone", "user", "admin", "host"};  // in the order of the enumerators
+  return kNames[static_cast<std::size_t>(access)];
 }
 
 std::string_view LaneName(LaneKind lane) { return lane == LaneKind::kQuick ? "quick" : "long"; }
 
-}  // namespace vexa::webapi
+}  // namespace vexa::api

@@ -1,4 +1,4 @@
-// The one table of the methods that this host answers. The dispatcher, the API description, the command line's help and
+// The table of all methods of this host. The dispatcher, the API description, the command line's help and
 // the permission matrix of the tests are all generated from it.
 #pragma once
 
@@ -14,7 +14,7 @@
 #include "host/base/error_table.h"
 #include "webapi/platform/webapi.h"
 
-namespace vexa::webapi {
+namespace vexa::api {
 
 // Who may call a method.
 enum class Access {
@@ -24,7 +24,7 @@ enum class Access {
   kHost,           // only other hosts of the cluster, identified by their certificate
 };
 
-// Who reads the method's replies.
+// The audience for which the method's error messages are worded.
 constexpr Audience AudienceOf(Access access) { return access == Access::kHost ? Audience::kHosts : Audience::kUsers; }
 
 enum class LaneKind {
@@ -32,11 +32,11 @@ enum class LaneKind {
   kLong,   // may wait: for other hosts, the hypervisor, a password check
 };
 
-// A value that must be given: a row that leaves it out does not compile.
+// A value without a default: a row that leaves it out does not compile.
 template <class T>
-struct Declared {
-  constexpr Declared(T given) : value(given) {}  // NOLINT(google-explicit-constructor): reads as the value in a row
-  Declared() = delete;
+struct Required {
+  constexpr Required(T given) : value(given) {}  // NOLINT(google-explicit-constructor): reads as the value in a row
+  Required() = delete;
   T value;
 };
 
@@ -52,13 +52,13 @@ struct Parameter {
 
 // The caller, as determined by the dispatcher.
 struct Caller {
-  enum class Kind { kNobody, kUser, kHost };
-  Kind kind = Kind::kNobody;
-  base::User user;            // kUser only
+  enum class Kind { kAnonymous, kUser, kHost };
+  Kind kind = Kind::kAnonymous;
+  accounts::User user;        // kUser only
   std::string session_token;  // kUser with a session only
   std::string host_id;        // kHost only
-  std::string acts_for;       // kHost only: the user on whose behalf the host says it asks; empty: it does not say
-  std::string peer;           // where the call comes from: an IP address, or "unix:<uid>"
+  std::string acts_for;       // kHost only: the user on whose behalf the host asks; empty when it did not name one
+  std::string peer;           // the address of the caller: an IP address, or "unix:<uid>"
   bool tls = false;
 };
 
@@ -67,36 +67,36 @@ struct Call {
   VEXA::APIResponse* response;
   const Caller& caller;
   std::vector<std::pair<std::string, std::string>>* headers;  // of the HTTP response, for what JSON cannot express
-  // Members of the reply beside "success", "data", "error" and "request_id", which it cannot change: an object. Never
-  // null in a call by the daemon.
-  Json::Value* further = nullptr;
+  // An object: more members for the reply, beside "success", "data", "error" and "request_id", which it cannot
+  // change. Never null in a call by the daemon.
+  Json::Value* extra_members = nullptr;
 };
 
 using Handler = std::function<void(const Call&)>;
 
-// The longest body of a request, unless the row of its method says otherwise, and the longest that a row may allow.
-inline constexpr std::size_t kBodyBytes = std::size_t{1} << 20;
-inline constexpr std::size_t kMostBodyBytes = std::size_t{9} << 20;
+// The maximum body of a request unless the method's row allows more, and the highest maximum that a row may set.
+inline constexpr std::size_t kDefaultBodyBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kMaxBodyBytes = std::size_t{9} << 20;
 
 struct ApiRow {
   std::string_view api;
   std::string_view method;
   int version;
-  Declared<Access> access;
-  Declared<LaneKind> lane;
+  Required<Access> access;
+  Required<LaneKind> lane;
   Handler handler;
   std::string_view summary;
   std::vector<Parameter> parameters;
   std::vector<int> errors;  // its own codes, in addition to the common ones
-  // Longer bodies are refused. More than kBodyBytes only for administrators: bodies are parsed after the caller is
-  // known to be one.
-  std::size_t body_bytes = kBodyBytes;
+  // Longer bodies are refused. More than kDefaultBodyBytes only for administrators: bodies are parsed after the caller
+  // is known to be one.
+  std::size_t body_bytes = kDefaultBodyBytes;
 };
 
 class ApiTable {
  public:
-  // Two rows with the same API, method and version, or a row with bodies that it may not have, are a programming error:
-  // std::logic_error.
+  // Two rows with the same API, method and version, a row whose bodies may be longer than allowed, and a row with an
+  // error code that has no sentence for its callers in error_table.cpp, are programming errors: std::logic_error.
   explicit ApiTable(std::vector<ApiRow> rows);
 
   // Null when there is no such API, method or version.
@@ -108,9 +108,9 @@ class ApiTable {
 };
 
 // The handler of a method that needs only request and response.
-Handler Plain(void (*handler)(VEXA::APIRequest*, VEXA::APIResponse*));
+Handler RequestResponseHandler(void (*handler)(VEXA::APIRequest*, VEXA::APIResponse*));
 
 std::string_view AccessName(Access access);
 std::string_view LaneName(LaneKind lane);
 
-}  // namespace vexa::webapi
+}  // namespace vexa::api

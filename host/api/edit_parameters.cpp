@@ -1,23 +1,16 @@
 #include "host/api/edit_parameters.h"
 
+#include <cstddef>
+
 #include "host/base/guest_settings.h"
 
-namespace vexa::webapi {
+namespace vexa::api {
 namespace {
 
 ParameterType TypeOf(SettingType type) {
-  switch (type) {
-    case SettingType::kText:
-    case SettingType::kId:
-      break;
-    case SettingType::kNumber:
-      return ParameterType::kInteger;
-    case SettingType::kYesNo:
-      return ParameterType::kBoolean;
-    case SettingType::kList:
-      return ParameterType::kArray;
-  }
-  return ParameterType::kString;
+  using enum ParameterType;
+  constexpr ParameterType kTypes[] = {kString, kInteger, kBoolean, kString, kArray};  // in the order of SettingType
+  return kTypes[static_cast<std::size_t>(type)];
 }
 
 }  // namespace
@@ -32,4 +25,4 @@ std::vector<Parameter> EditParameters(Audience audience) {
   return parameters;
 }
 
-}  // namespace vexa::webapi
+}  // namespace vexa::api

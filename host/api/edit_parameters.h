@@ -5,9 +5,9 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::webapi {
+namespace vexa::api {
 
 // "guest_id", and everything that these callers may set.
 std::vector<Parameter> EditParameters(Audience audience);
 
-}  // namespace vexa::webapi
+}  // namespace vexa::api

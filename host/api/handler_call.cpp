@@ -6,66 +6,63 @@
 
 #include "host/api/reason.h"
 #include "host/base/error_table.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
-using webapi::Access;
-using webapi::Caller;
-
-bool IsOwnMember(const std::string& name) {
-  return name == "success" || name == "data" || name == "error" || name == "request_id" || name == webapi::kReason;
+bool IsReservedMember(const std::string& name) {
+  return name == "success" || name == "data" || name == "error" || name == "request_id" || name == kReason;
 }
 
 }  // namespace
 
 int CheckCaller(Access access, const Caller& caller) {
   if (access == Access::kAnyone) return 0;
-  if (caller.kind == Caller::Kind::kNobody) return webapi::kErrorNotLoggedIn;
-  return (access == Access::kHost) == (caller.kind == Caller::Kind::kHost) ? 0 : webapi::kErrorDenied;
+  if (caller.kind == Caller::Kind::kAnonymous) return user_error::kNotLoggedIn;
+  return (access == Access::kHost) == (caller.kind == Caller::Kind::kHost) ? 0 : user_error::kDenied;
 }
 
 int CheckUser(Access access, const Caller& caller) {
-  return access == Access::kAdministrator && !caller.user.is_administrator ? webapi::kErrorDenied : 0;
+  return access == Access::kAdministrator && !caller.user.is_administrator ? user_error::kDenied : 0;
 }
 
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
-                 std::vector<std::pair<std::string, std::string>>& headers, Json::Value& further) {
+                 std::vector<std::pair<std::string, std::string>>& headers, Json::Value& extra_members) {
   using Privilege = VEXA::APIRequest::Privilege;
   VEXA::APIRequest request(std::move(call.parameters), call.caller.user.name,
                            call.caller.user.is_administrator ? Privilege::kAdministrator : Privilege::kOrdinary);
   try {
-    const cluster::RequestScope scope;
-    call.row.handler({&request, &response, call.caller, &headers, &further});
+    const records::RequestScope scope;
+    call.row.handler({&request, &response, call.caller, &headers, &extra_members});
   } catch (const std::exception& exception) {
     // Handlers report errors in the response. An exception is a bug of ours and must not take the host down.
     ::syslog(LOG_ERR, "%s %s failed: %s", call.row.api.data(), call.row.method.data(), exception.what());
     response = VEXA::APIResponse();
-    further = Json::Value(Json::objectValue);
+    extra_members = Json::Value(Json::objectValue);
   }
-  if (!response.IsSet()) response.SetError(webapi::kErrorInternal, Json::Value());
+  if (!response.IsSet()) response.SetError(user_error::kInternal, Json::Value());
 }
 
-Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further, webapi::Audience audience) {
+Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& extra_members, Audience audience) {
   Json::Value reply(Json::objectValue);
-  for (const std::string& name : json::MemberNames(further)) {
-    if (!IsOwnMember(name)) reply[name] = further[name];
+  for (const std::string& name : json::MemberNames(extra_members)) {
+    if (!IsReservedMember(name)) reply[name] = extra_members[name];
   }
   reply["success"] = response.IsSuccess();
   if (response.IsSuccess()) {
     reply["data"] = response.Data();
     return reply;
   }
-  const webapi::ErrorRow* row = webapi::FindError(response.ErrorCode(), audience);
-  if (!row) row = webapi::FindError(webapi::kErrorInternal);
+  const ErrorRow* row = FindError(response.ErrorCode(), audience);
+  if (!row) row = FindError(user_error::kInternal);
   reply["error"]["code"] = response.ErrorCode();
   reply["error"]["message"] = std::string(row->sentence);
   if (!response.Data().isNull()) reply["error"]["details"] = response.Data();
-  if (const Json::Value* reason = json::FindMember(further, webapi::kReason)) reply["error"]["reason"] = *reason;
+  if (const Json::Value* reason = json::FindMember(extra_members, kReason)) reply["error"]["reason"] = *reason;
   return reply;
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

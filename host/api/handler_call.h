@@ -1,4 +1,5 @@
-// Calls a handler and renders its response as a reply; the same for calls from a socket and from within.
+// Calls a handler and makes the reply from its response. Used for calls over a socket and for those of this host
+// itself.
 #pragma once
 
 #include <json/value.h>
@@ -9,30 +10,30 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
-// 0 when callers of this kind may call a method with this access, otherwise the error code. The rights of users are
-// checked once they are known: CheckUser.
-int CheckCaller(webapi::Access access, const webapi::Caller& caller);
+// Returns 0 when callers of this kind may call a method with this access, otherwise the error code. CheckUser checks
+// the rights of users once they are known.
+int CheckCaller(Access access, const Caller& caller);
 
 // The rest of the check, once the user is known.
-int CheckUser(webapi::Access access, const webapi::Caller& caller);
+int CheckUser(Access access, const Caller& caller);
 
 struct HandlerCall {
-  const webapi::ApiRow& row;
-  const webapi::Caller& caller;
+  const ApiRow& row;
+  const Caller& caller;
   Json::Value parameters;
 };
 
 // Runs the handler within a request's read scope. An exception is logged; then, or when the handler does not respond,
-// the response is an internal error. `further` receives the additional members of the reply.
+// the response is an internal error. `extra_members` receives the additional members of the reply.
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
-                 std::vector<std::pair<std::string, std::string>>& headers, Json::Value& further);
+                 std::vector<std::pair<std::string, std::string>>& headers, Json::Value& extra_members);
 
 // {"success": true, "data"} or {"success": false, "error": {"code", "message", "details"?, "reason"?}}, and the members
-// of `further` with other names. A null `details` is left out. The reason is what webapi::SetReason put into `further`.
-// The message is worded for `audience`.
-Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& further,
-                         webapi::Audience audience = webapi::Audience::kUsers);
+// of `extra_members` with other names. A null `details` is left out. The reason is what SetReason added to
+// `extra_members`. The message is worded for `audience`.
+Json::Value MakeEnvelope(const VEXA::APIResponse& response, const Json::Value& extra_members,
+                         Audience audience = Audience::kUsers);
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/base/error_table.h"
+#include "webapi/error_codes.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 namespace {
 
 constexpr std::string_view kBearer = "Bearer ";
@@ -38,46 +38,46 @@ std::string_view FindCookie(std::string_view header, std::string_view name) {
   return {};
 }
 
-webapi::Caller Nobody(const Peer& peer) {
-  webapi::Caller caller;
-  caller.peer = peer.kind == Peer::Kind::kUnix ? "unix:" + std::to_string(peer.uid) : peer.address;
+Caller AnonymousCaller(const http::Peer& peer) {
+  Caller caller;
+  caller.peer = peer.kind == http::Peer::Kind::kUnix ? "unix:" + std::to_string(peer.uid) : peer.address;
   caller.tls = peer.tls;
   return caller;
 }
 
-Identified Identity::Begin(const HttpRequest& request) const {
-  webapi::Caller caller = Nobody(request.peer);
-  const bool by_cookie = request.authorization.empty();
+IdentifyResult Identity::Identify(const http::HttpRequest& request) const {
+  Caller caller = AnonymousCaller(request.peer);
+  const bool uses_cookie = request.authorization.empty();
   const std::string_view token =
-      by_cookie ? FindCookie(request.cookie, kSessionCookie) : BearerToken(request.authorization);
-  if (!by_cookie || !token.empty()) {
-    std::optional<SessionUser> user = sessions_.Find(token);
-    if (!user) return webapi::kErrorNotLoggedIn;
+      uses_cookie ? FindCookie(request.cookie, kSessionCookie) : BearerToken(request.authorization);
+  if (!uses_cookie || !token.empty()) {
+    std::optional<session::SessionUser> user = sessions_.Find(token);
+    if (!user) return user_error::kNotLoggedIn;
     // A page of another site can make a browser send the cookie, but cannot read the CSRF token.
-    if (by_cookie && !sessions_.CheckCsrf(token, request.csrf_token)) return webapi::kErrorCsrf;
-    caller.kind = webapi::Caller::Kind::kUser;
+    if (uses_cookie && !sessions_.CheckCsrf(token, request.csrf_token)) return user_error::kBadCsrfToken;
+    caller.kind = Caller::Kind::kUser;
     caller.user.name = std::move(user->name);
     caller.user.uid = user->uid;
     caller.session_token = token;
   } else if (!request.peer.certificate_name.empty()) {
-    caller.kind = webapi::Caller::Kind::kHost;
+    caller.kind = Caller::Kind::kHost;
     caller.host_id = request.peer.certificate_name;
-  } else if (request.peer.kind == Peer::Kind::kUnix) {
-    caller.kind = webapi::Caller::Kind::kUser;
+  } else if (request.peer.kind == http::Peer::Kind::kUnix) {
+    caller.kind = Caller::Kind::kUser;
     caller.user.uid = request.peer.uid;
   }
   return caller;
 }
 
-int Identity::Complete(webapi::Caller& caller) const {
-  if (caller.kind != webapi::Caller::Kind::kUser) return 0;
+int Identity::LookUpUser(Caller& caller) const {
+  if (caller.kind != Caller::Kind::kUser) return 0;
   const bool by_uid = caller.user.name.empty();
   const uid_t uid = caller.user.uid;
-  Result<base::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);
+  Result<accounts::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);
   if (user) {
     // By name, because a name service may have several names for one id. But the session's account no longer exists
     // when its name now belongs to another id.
-    if (user->uid != uid) return webapi::kErrorNotLoggedIn;
+    if (user->uid != uid) return user_error::kNotLoggedIn;
     caller.user = std::move(*user);
     return 0;
   }
@@ -89,7 +89,7 @@ int Identity::Complete(webapi::Caller& caller) const {
     caller.user.is_administrator = true;
     return 0;
   }
-  return is_unknown ? webapi::kErrorNotLoggedIn : webapi::kErrorInternal;
+  return is_unknown ? user_error::kNotLoggedIn : user_error::kInternal;
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -8,15 +8,15 @@
 #include "host/base/lane.h"
 #include "host/transport/local_call.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
-// Implements transport::LocalCall on the API table. The calls have a lane of their own: callers wait on the threads of
-// the lanes for requests, and if callers took all of those, the calls that they wait for would never get one.
+// Implements transport::LocalCall on the API table. The calls have a lane of their own, because callers block threads
+// of the other lanes while they wait: with all of those blocked, the calls would never run.
 // Threads: any, at the same time.
 class LocalCaller {
  public:
   struct Parts {
-    const webapi::ApiTable* table = nullptr;
+    const ApiTable* table = nullptr;
     Metrics* metrics = nullptr;
     Lane* lane = nullptr;  // without a quota: the callers were counted where their requests arrived
     std::string host_id;   // of this host
@@ -24,8 +24,8 @@ class LocalCaller {
   // What `parts` points to must outlive it, and the lane's threads.
   explicit LocalCaller(Parts parts) : parts_(std::move(parts)) {}
 
-  // See transport::LocalCall. A call that has not begun by the time-out never does; one that has begun continues, and
-  // its reply is dropped.
+  // See transport::LocalCall. A call that has not started by the time-out never starts; one that has started
+  // continues, and its reply is dropped.
   Json::Value Call(const VexaDRCore::Request& request, std::chrono::milliseconds timeout);
 
  private:
@@ -35,4 +35,4 @@ class LocalCaller {
   Parts parts_;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -1,13 +1,13 @@
 #include "host/api/metrics.h"
 
-#include <cstdio>
+#include <fmt/format.h>
 
-namespace vexa::daemon {
+namespace vexa::api {
 namespace {
 
-std::string Labels(const webapi::ApiRow& row) {
+std::string Labels(const ApiRow& row) {
   // Names of APIs and methods contain only letters, digits, dots and underscores: nothing to escape.
-  return "api=\"" + std::string(row.api) + "\",method=\"" + std::string(row.method) + "\"";
+  return fmt::format("api=\"{}\",method=\"{}\"", row.api, row.method);
 }
 
 void Append(std::string& text, const std::string& name, const std::string& labels, const std::string& value) {
@@ -21,24 +21,22 @@ void Append(std::string& text, const std::string& name, const std::string& label
 }
 
 std::string Seconds(std::uint64_t microseconds) {
-  char buffer[40];
-  std::snprintf(buffer, sizeof buffer, "%.6f", static_cast<double>(microseconds) / 1e6);
-  return buffer;
+  return fmt::format("{:.6f}", static_cast<double>(microseconds) / 1e6);
 }
 
 void AppendHelp(std::string& text, const char* name, const char* type, const char* help) {
-  text += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+  text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n", name, help, type);
 }
 
 void AppendLanes(std::string& text, const std::vector<std::pair<std::string, LaneStats>>& lanes) {
   const auto family = [&](const char* name, const char* type, const char* help, auto value) {
     AppendHelp(text, name, type, help);
     for (const auto& [lane, stats] : lanes) {
-      Append(text, name, "lane=\"" + lane + "\"", static_cast<std::uint64_t>(value(stats)));
+      Append(text, name, fmt::format("lane=\"{}\"", lane), static_cast<std::uint64_t>(value(stats)));
     }
   };
   family("vexa_lane_threads", "gauge", "Threads of a lane.", [](const LaneStats& s) { return s.threads; });
-  family("vexa_lane_busy", "gauge", "Threads of a lane that run a request.", [](const LaneStats& s) { return s.busy; });
+  family("vexa_lane_busy", "gauge", "Busy threads of a lane.", [](const LaneStats& s) { return s.busy; });
   family("vexa_lane_queued", "gauge", "Requests that wait in a lane.", [](const LaneStats& s) { return s.queued; });
   family("vexa_lane_refused_total", "counter", "Requests that a lane refused.",
          [](const LaneStats& s) { return s.refused; });
@@ -46,9 +44,9 @@ void AppendLanes(std::string& text, const std::vector<std::pair<std::string, Lan
 
 }  // namespace
 
-Metrics::Metrics(const webapi::ApiTable& table) : table_(table), series_(table.rows().size()) {}
+Metrics::Metrics(const ApiTable& table) : table_(table), series_(table.rows().size()) {}
 
-void Metrics::Count(const webapi::ApiRow& row, int code, std::chrono::nanoseconds took) {
+void Metrics::Count(const ApiRow& row, int code, std::chrono::nanoseconds took) {
   Series& series = series_[static_cast<std::size_t>(&row - table_.rows().data())];
   const std::int64_t us = std::chrono::duration_cast<std::chrono::microseconds>(took).count();
   std::size_t bucket = 0;
@@ -58,18 +56,18 @@ void Metrics::Count(const webapi::ApiRow& row, int code, std::chrono::nanosecond
   if (code == 0) {
     series.successes.fetch_add(1, std::memory_order_relaxed);
   } else {
-    const std::lock_guard lock(series.mutex);
+    const MutexLock lock(series.mutex);
     ++series.errors[code];
   }
 }
 
-void Metrics::AppendSeries(std::string& text, const webapi::ApiRow& row, const Series& series) const {
+void Metrics::AppendSeries(std::string& text, const ApiRow& row, const Series& series) const {
   const std::string labels = Labels(row);
   std::uint64_t count = 0;
   for (std::size_t i = 0; i < kBounds.size(); ++i) {
     count += series.buckets[i].load(std::memory_order_relaxed);
     Append(text, "vexa_request_duration_seconds_bucket",
-           labels + ",le=\"" + Seconds(static_cast<std::uint64_t>(kBounds[i])) + "\"", count);
+           fmt::format("{},le=\"{}\"", labels, Seconds(static_cast<std::uint64_t>(kBounds[i]))), count);
   }
   count += series.buckets[kBounds.size()].load(std::memory_order_relaxed);
   Append(text, "vexa_request_duration_seconds_bucket", labels + ",le=\"+Inf\"", count);
@@ -83,9 +81,9 @@ std::string Metrics::ToText(const Gauges& gauges) const {
   for (std::size_t i = 0; i < series_.size(); ++i) {
     const std::string labels = Labels(table_.rows()[i]);
     Append(text, "vexa_requests_total", labels + ",code=\"0\"", series_[i].successes.load(std::memory_order_relaxed));
-    const std::lock_guard lock(series_[i].mutex);
+    const MutexLock lock(series_[i].mutex);
     for (const auto& [code, count] : series_[i].errors) {
-      Append(text, "vexa_requests_total", labels + ",code=\"" + std::to_string(code) + "\"", count);
+      Append(text, "vexa_requests_total", fmt::format("{},code=\"{}\"", labels, code), count);
     }
   }
   AppendHelp(text, "vexa_request_duration_seconds", "histogram", "Time from a request's header to its answer.");
@@ -104,4 +102,4 @@ std::string Metrics::ToText(const Gauges& gauges) const {
   return text;
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -1,7 +1,7 @@
-// Counts what the daemon has done so far, for a monitoring system.
+// Counts requests, connections and threads, for a monitoring system.
 //
 // Written by hand because the text is a few lines of format, and each row of the API table has its counters at a fixed
-// place: a request costs a few atomic additions and no search for labels.
+// index: a request costs a few atomic additions, and no label is looked up.
 #pragma once
 
 #include <array>
@@ -9,28 +9,28 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "host/api/api_table.h"
 #include "host/base/lane.h"
+#include "host/base/mutex.h"
 #include "host/http/http_server.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
 // Threads: any, at the same time.
 class Metrics {
  public:
   // `table` must outlive it.
-  explicit Metrics(const webapi::ApiTable& table);
+  explicit Metrics(const ApiTable& table);
 
   // Counts one answered request of a method. `code`: 0 for success, otherwise the error code. `took`: from the complete
   // header until the response is handed over.
-  void Count(const webapi::ApiRow& row, int code, std::chrono::nanoseconds took);
+  void Count(const ApiRow& row, int code, std::chrono::nanoseconds took);
 
   struct Gauges {
-    ServerStats server;
+    http::ServerStats server;
     std::vector<std::pair<std::string, LaneStats>> lanes;
     std::size_t sessions = 0;
   };
@@ -45,13 +45,13 @@ class Metrics {
     std::atomic<std::uint64_t> successes{0};
     std::array<std::atomic<std::uint64_t>, kBounds.size() + 1> buckets{};
     std::atomic<std::uint64_t> total_us{0};
-    mutable std::mutex mutex;
-    std::map<int, std::uint64_t> errors;  // by code; under the mutex
+    mutable Mutex mutex;
+    std::map<int, std::uint64_t> errors VEXA_GUARDED_BY(mutex);  // by code
   };
-  void AppendSeries(std::string& text, const webapi::ApiRow& row, const Series& series) const;
+  void AppendSeries(std::string& text, const ApiRow& row, const Series& series) const;
 
-  const webapi::ApiTable& table_;
+  const ApiTable& table_;
   std::vector<Series> series_;  // in the table's order
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -1,33 +1,21 @@
 #include "host/api/openapi.h"
 
+#include <fmt/format.h>
+
 #include <map>
 #include <set>
 
 #include "host/base/error_table.h"
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 namespace {
 
-using webapi::Access;
-using webapi::ApiRow;
-using webapi::Parameter;
-using webapi::ParameterType;
-
 const char* SchemaType(ParameterType type) {
-  switch (type) {
-    case ParameterType::kString:
-      return "string";
-    case ParameterType::kInteger:
-      return "integer";
-    case ParameterType::kBoolean:
-      return "boolean";
-    case ParameterType::kArray:
-      return "array";
-    case ParameterType::kObject:
-      return "object";
-  }
-  return "object";
+  // In the order of the enumerators.
+  constexpr const char* kTypes[] = {"string", "integer", "boolean", "array", "object"};
+  return kTypes[static_cast<std::size_t>(type)];
 }
 
 Json::Value ParametersSchema(const ApiRow& row) {
@@ -38,7 +26,7 @@ Json::Value ParametersSchema(const ApiRow& row) {
     property["type"] = SchemaType(parameter.type);
     property["description"] = std::string(parameter.description);
     if (parameter.type == ParameterType::kArray) property["items"] = Json::Value(Json::objectValue);
-    if (parameter.necessity == webapi::Necessity::kRequired) schema["required"].append(std::string(parameter.name));
+    if (parameter.necessity == Necessity::kRequired) schema["required"].append(std::string(parameter.name));
   }
   return schema;
 }
@@ -46,10 +34,10 @@ Json::Value ParametersSchema(const ApiRow& row) {
 // The codes that a method can return: its own, and those of its access.
 std::set<int> CodesOf(const ApiRow& row) {
   std::set<int> codes(row.errors.begin(), row.errors.end());
-  codes.insert({webapi::kErrorInternal, webapi::kErrorMalformed, webapi::kErrorBusy, webapi::kErrorNotJson,
-                webapi::kErrorTooLarge, webapi::kErrorMethodNotAllowed, webapi::kErrorTimeout});
+  codes.insert({user_error::kInternal, user_error::kMalformed, user_error::kHostBusy, user_error::kNotJson,
+                user_error::kBodyTooLarge, user_error::kHttpMethodNotAllowed, user_error::kRequestTimeout});
   if (row.access.value == Access::kAnyone) return codes;
-  codes.insert({webapi::kErrorNotLoggedIn, webapi::kErrorDenied, webapi::kErrorCsrf});
+  codes.insert({user_error::kNotLoggedIn, user_error::kDenied, user_error::kBadCsrfToken});
   return codes;
 }
 
@@ -59,10 +47,10 @@ Json::Value Responses(const ApiRow& row) {
   responses["200"]["content"]["application/json"]["schema"]["$ref"] = "#/components/schemas/Success";
   std::map<int, std::string> by_status;
   for (const int code : CodesOf(row)) {
-    const webapi::ErrorRow* error = webapi::FindError(code, webapi::AudienceOf(row.access.value));
+    const ErrorRow* error = FindError(code, AudienceOf(row.access.value));
     if (!error) continue;
     std::string& text = by_status[error->http_status];
-    text += (text.empty() ? "" : " ") + std::to_string(code) + ": " + std::string(error->sentence);
+    text += fmt::format("{}{}: {}", text.empty() ? "" : " ", code, error->sentence);
   }
   for (const auto& [status, text] : by_status) {
     Json::Value& response = responses[std::to_string(status)];
@@ -74,11 +62,11 @@ Json::Value Responses(const ApiRow& row) {
 
 Json::Value Operation(const ApiRow& row) {
   Json::Value operation(Json::objectValue);
-  operation["operationId"] = std::string(row.api) + "." + std::string(row.method);
+  operation["operationId"] = fmt::format("{}.{}", row.api, row.method);
   operation["tags"].append(std::string(row.api));
   operation["summary"] = std::string(row.summary);
-  operation["x-vexa-access"] = std::string(webapi::AccessName(row.access.value));
-  operation["x-vexa-lane"] = std::string(webapi::LaneName(row.lane.value));
+  operation["x-vexa-access"] = std::string(AccessName(row.access.value));
+  operation["x-vexa-lane"] = std::string(LaneName(row.lane.value));
   operation["requestBody"]["required"] = false;
   operation["requestBody"]["content"]["application/json"]["schema"] = ParametersSchema(row);
   operation["responses"] = Responses(row);
@@ -125,14 +113,14 @@ Json::Value Schemas() {
 
 }  // namespace
 
-std::string MakeOpenApi(const webapi::ApiTable& table) {
+std::string MakeOpenApi(const ApiTable& table) {
   Json::Value document(Json::objectValue);
   document["openapi"] = "3.0.3";
   document["info"]["title"] = "VEXA Virtualization";
   document["info"]["version"] = VEXA_VERSION;
   document["info"]["description"] =
       "Call a method with POST and its parameters as a JSON object. On the Unix socket the caller is the user of the "
-      "process; on the network a session from VEXA.Core.Session login.";
+      "process; on the network, it is the user of a session from VEXA.Core.Session login.";
   document["components"]["schemas"] = Schemas();
   Json::Value& schemes = document["components"]["securitySchemes"];
   schemes["token"]["type"] = "http";
@@ -147,9 +135,9 @@ std::string MakeOpenApi(const webapi::ApiTable& table) {
   document["security"].append(token);
   document["security"].append(cookie);
   for (const ApiRow& row : table.rows()) {
-    document["paths"]["/webapi/" + std::string(row.api) + "/" + std::string(row.method)]["post"] = Operation(row);
+    document["paths"][fmt::format("/webapi/{}/{}", row.api, row.method)]["post"] = Operation(row);
   }
   return VexaVirtualization::json::ToText(document);
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

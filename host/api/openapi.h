@@ -5,9 +5,9 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
 // The table as an OpenAPI 3.0.3 document, JSON text.
-std::string MakeOpenApi(const webapi::ApiTable& table);
+std::string MakeOpenApi(const ApiTable& table);
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

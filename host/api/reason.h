@@ -1,19 +1,19 @@
-// Why a call failed, in words for users.
+// Why a call failed, as a sentence for users.
 #pragma once
 
 #include <string>
 
 #include "host/api/api_table.h"
 
-namespace vexa::webapi {
+namespace vexa::api {
 
-// The member of Call::further that holds it until the reply is made.
+// The member of Call::extra_members that has the reason until the reply is made.
 inline constexpr const char* kReason = "reason";
 
 // Adds `reason`, a sentence, to the error that the call returns, beside its code and message. Has no effect on a
 // success.
 inline void SetReason(const Call& call, const std::string& reason) {
-  if (call.further) (*call.further)[kReason] = reason;
+  if (call.extra_members) (*call.extra_members)[kReason] = reason;
 }
 
-}  // namespace vexa::webapi
+}  // namespace vexa::api

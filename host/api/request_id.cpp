@@ -2,9 +2,9 @@
 
 #include "host/transport/origin.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
-// Stored where requests to other hosts are made, which carry both.
+// The transport keeps both, because requests to other hosts carry them.
 RequestIdScope::RequestIdScope(std::string_view id, std::string_view user) { transport::SetOrigin({id, user}); }
 
 RequestIdScope::~RequestIdScope() { transport::SetOrigin({}); }
@@ -15,4 +15,4 @@ std::string_view CurrentRequestId() { return transport::CurrentOrigin().request_
 
 std::string_view CurrentActingUser() { return transport::CurrentOrigin().user; }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -3,10 +3,10 @@
 
 #include <string_view>
 
-namespace vexa::daemon {
+namespace vexa::api {
 
-// While a scope lives, the log lines of its thread carry `id`, and the thread's requests to hosts are made on behalf of
-// `user`. Both must outlive it. Scopes of one thread do not nest.
+// While a scope exists, the log lines of its thread carry `id`, and the thread's requests to hosts are made on behalf
+// of `user`. Both must outlive it. Scopes of one thread do not nest.
 class RequestIdScope {
  public:
   explicit RequestIdScope(std::string_view id, std::string_view user = {});
@@ -20,7 +20,7 @@ void SetActingUser(std::string_view user);
 
 // Empty outside of a scope.
 std::string_view CurrentRequestId();
-// Also empty outside of a scope, without a login, and when the asking host does not say.
+// Also empty outside of a scope, without a login, and when the asking host did not name one.
 std::string_view CurrentActingUser();
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

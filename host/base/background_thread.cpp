@@ -12,19 +12,19 @@ class BlockedSignals {
   BlockedSignals() {
     sigset_t all;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
+    pthread_sigmask(SIG_SETMASK, &all, &previous_);
   }
   BlockedSignals(const BlockedSignals&) = delete;
   BlockedSignals& operator=(const BlockedSignals&) = delete;
-  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
 
  private:
-  sigset_t before_{};
+  sigset_t previous_{};
 };
 
 }  // namespace
 
-std::thread StartWithoutSignals(std::function<void()> body) {
+std::thread StartThreadBlockingSignals(std::function<void()> body) {
   const BlockedSignals blocked;
   return std::thread(std::move(body));
 }

@@ -1,4 +1,4 @@
-// Threads that leave signals to the threads that handle them.
+// Threads on which no signal handler runs.
 #pragma once
 
 #include <functional>
@@ -7,7 +7,7 @@
 namespace vexa {
 
 // Runs `body` on a thread that blocks all signals. Among them is SIGPIPE, which OpenSSL's writes would raise. Throws
-// std::system_error when the system has no thread to give.
-std::thread StartWithoutSignals(std::function<void()> body);
+// std::system_error when the system cannot start another thread.
+std::thread StartThreadBlockingSignals(std::function<void()> body);
 
 }  // namespace vexa

@@ -1,4 +1,4 @@
-// One daemon per data folder.
+// A lock file that keeps two daemons from using the same data folder.
 #pragma once
 
 #include <string>
@@ -8,15 +8,17 @@
 
 namespace vexa {
 
-// Held while it lives; the system releases it when the process ends, however that happens. Two daemons would overwrite
-// each other's sessions.
+// The lock is held until the object is destroyed; the system releases it when the process ends, however that happens.
+// Without it, two daemons would overwrite each other's sessions.
 class DataLock {
  public:
-  // kBusy when another daemon has it; otherwise what the system says. Waits up to a second for those who share it.
+  // For the daemon: exclusive. kBusy when another daemon has the lock or commands still share it after a second;
+  // otherwise the system's error.
   static Result<DataLock> Take(const std::string& data_directory);
 
-  // Keeps daemons from starting; any number of commands share it. kBusy when a daemon has it. Nothing is created: a
-  // folder without the file, or no folder at all, has never had a daemon, and its first one is not kept from starting.
+  // For commands: prevents a daemon from starting. Several commands may hold it at the same time. kBusy when a daemon
+  // has the lock. Nothing is created: without the file or its folder, no daemon has run here yet, so nothing is locked
+  // and the first daemon can start.
   static Result<DataLock> Share(const std::string& data_directory);
 
  private:

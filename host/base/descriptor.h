@@ -10,7 +10,7 @@ namespace vexa {
 
 class Descriptor {
  public:
-  // Takes the descriptor; a negative one stands for a call that failed.
+  // Takes ownership. A negative `fd`, the result of a failed call, is kept and not closed.
   explicit Descriptor(int fd = -1) : fd_(fd) {}
   Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   Descriptor& operator=(Descriptor&& other) noexcept {

@@ -1,51 +1,13 @@
-// The numeric codes that a caller meets in "error.code", each with its HTTP status and an English sentence.
+// The HTTP status and the English sentence of every code in webapi/error_codes.h.
+// Threads: the tables never change.
 #pragma once
 
 #include <span>
 #include <string_view>
 
-namespace vexa::webapi {
+namespace vexa {
 
-// Codes of the daemon itself. The handlers' own codes are only in the table.
-inline constexpr int kErrorInternal = 100;
-inline constexpr int kErrorMalformed = 101;
-inline constexpr int kErrorUnreachable = 102;
-inline constexpr int kErrorNotLoggedIn = 103;
-inline constexpr int kErrorDenied = 104;
-inline constexpr int kErrorCsrf = 105;
-inline constexpr int kErrorWrongPassword = 106;
-inline constexpr int kErrorTooManyLogins = 107;
-inline constexpr int kErrorBusy = 108;
-inline constexpr int kErrorNotFound = 109;
-inline constexpr int kErrorMethodNotAllowed = 110;
-inline constexpr int kErrorNotJson = 111;
-inline constexpr int kErrorTooLarge = 112;
-inline constexpr int kErrorHeaderTooLarge = 113;
-inline constexpr int kErrorTimeout = 114;
-inline constexpr int kErrorNotImplemented = 115;
-inline constexpr int kErrorVersionNotSupported = 116;
-inline constexpr int kErrorExpectation = 117;
-inline constexpr int kErrorTargetTooLong = 118;
-inline constexpr int kErrorBadParameter = 401;
-inline constexpr int kErrorUnknownApi = 507;
-
-// Codes of accounts and grants.
-inline constexpr int kErrorNoAccount = 980;
-inline constexpr int kErrorAccountTaken = 981;
-inline constexpr int kErrorOldPassword = 982;
-inline constexpr int kErrorAccountsFromPam = 983;
-inline constexpr int kErrorGrantsOfAnother = 984;
-inline constexpr int kErrorAccountDamaged = 985;
-inline constexpr int kErrorGroupStays = 986;
-inline constexpr int kErrorLastAdministrator = 987;
-inline constexpr int kErrorAccountsUnavailable = 988;
-
-// Codes of images and repositories.
-inline constexpr int kErrorRecordExists = 990;
-inline constexpr int kErrorRecordInUse = 991;
-inline constexpr int kErrorRecordFailed = 992;
-
-// The details of what cannot be done while the cluster database cannot be read.
+// The details of replies to requests that fail because the cluster database cannot be read.
 inline constexpr char kDatabaseLost[] =
     "The cluster database cannot be reached. Guests are shown as this host last knew them, and nothing can be changed "
     "until it is back.";
@@ -56,19 +18,21 @@ struct ErrorRow {
   std::string_view sentence;
 };
 
-// Whom a reply is for. Between hosts several numbers mean something else than to users.
+// Who receives the reply. Several codes have a different meaning between hosts.
 enum class Audience { kUsers, kHosts };
 
-// All codes that users meet, in rising order.
+// All codes that users may see, in ascending order.
 std::span<const ErrorRow> ErrorTable();
 
-// The codes with a meaning of their own between hosts, in rising order.
+// The codes whose meaning between hosts differs from their meaning to users, in ascending order.
 std::span<const ErrorRow> HostErrorTable();
 
-// Between hosts, a code without a meaning of its own has that of users. Null for a code that is in no table.
+// The row of `code`; null if the code is unknown. For kHosts, a code that is not in HostErrorTable has the row that
+// users see.
 const ErrorRow* FindError(int code, Audience audience = Audience::kUsers);
 
-// The row of a failure that the HTTP server found by itself; the row of 100 for a status that has none.
-const ErrorRow& ErrorOfHttpStatus(int http_status);
+// The row for a request that the HTTP server refuses by itself with `http_status`; that of kInternal for any other
+// status.
+const ErrorRow& ErrorForHttpStatus(int http_status);
 
-}  // namespace vexa::webapi
+}  // namespace vexa

@@ -11,13 +11,17 @@
 namespace vexa {
 
 // Returns the whole file. kNotFound when it does not exist, kInvalid when it is larger than `max_bytes` or not a
-// regular file. In all three functions, a path that contains a NUL is kInvalid.
+// regular file. All functions here report a path that contains a NUL as kInvalid.
 Result<std::string> ReadFile(const std::string& path, std::size_t max_bytes);
+
+// Appends the open file `fd`, from its current position, to `content`. `path` is for messages. kInvalid when `content`
+// becomes larger than `max_bytes`.
+Status ReadRest(int fd, const std::string& path, std::size_t max_bytes, std::string& content);
 
 // Replaces the file at `path` atomically and durably: a temporary file in the same folder is written, synced and
 // renamed over it, then the folder is synced. On failure the old file is unchanged and no temporary file is left
 // behind, with one exception: when syncing the folder fails, the new file is in place but may be lost in a power
-// failure. `mode` is the new file's mode, whatever the umask. A symbolic link at `path` is replaced, not followed.
+// failure. `mode` is the new file's mode, regardless of the umask. A symbolic link at `path` is replaced, not followed.
 Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode);
 
 // Creates `path` and its missing parents with `mode` less the umask. An existing folder is not an error. kConflict when

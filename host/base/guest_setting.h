@@ -1,4 +1,4 @@
-// The columns of the table of a guest's settings (host/base/guest_settings.h).
+// The type of a row in the table of guest settings (host/base/guest_settings.h).
 #pragma once
 
 #include <cstdint>
@@ -8,26 +8,26 @@
 
 namespace vexa {
 
-// The first three are settings with one value, which the guest's record and the reply to "get" have under the same
-// name as a request.
+// The first three types are scalars: one value, with the same name in requests, in the guest's record and in the reply
+// to "get".
 enum class SettingType {
-  kText,
+  kString,
   kNumber,
-  kYesNo,
+  kBoolean,
   kId,    // a UUID that is checked and not stored
-  kList,  // texts, or changes of parts that have records of their own
+  kList,  // strings, or changes of disks and interfaces, which have records of their own
 };
 
-// What a text must be like.
-enum class TextForm { kOneOfWords, kGuestName, kDescription, kKeyboardLayout };
+// The format that a string must have.
+enum class TextFormat { kOneOf, kGuestName, kDescription, kKeyboardLayout };
 
-// When a change counts for a guest that runs. Until then, the record's "pending" names it.
-enum class Applies { kImmediately, kAtNextStart };
+// When a change takes effect for a running guest. Until then, the setting is listed in "pending" of the record.
+enum class TakesEffect { kImmediately, kAtNextStart };
 
-// Of a number in requests and records. "get" replies KiB for kMib.
+// The unit of a number in requests and records. "get" replies KiB for kMib.
 enum class Unit { kNone, kMib };
 
-// What people look at together. The command line shows settings in this order.
+// Groups of related settings, in the order in which the command line shows them.
 enum class SettingTopic {
   kIdentity,
   kRepository,
@@ -43,26 +43,27 @@ enum class SettingTopic {
   kGrants,
 };
 
-// A column without a default must be given: a row that leaves it out does not compile.
+// A row that leaves out a member without a default does not compile.
 struct GuestSetting {
   const char* name;
   SettingType type;
-  Applies applies;
+  TakesEffect takes_effect;
   SettingTopic topic;
   std::int64_t min = 0;  // of a number
   std::int64_t max = 0;
   Unit unit = Unit::kNone;
-  TextForm form = TextForm::kOneOfWords;         // of a text
-  std::span<const std::string_view> words = {};  // of kOneOfWords
-  const char* wanted = nullptr;                  // of a text: what a refusal asks for
-  const char* label = nullptr;                   // in "vexa guest get"; null: not shown there
-  const char* help = nullptr;                    // of "vexa guest set"; null: not a setting there
-  const char* for_users;                         // in the API's description
-  const char* for_hosts;                         // likewise; null: hosts do not take it
+  bool is_on_by_default = false;                          // of a boolean: the default if the record lacks it
+  TextFormat format = TextFormat::kOneOf;                 // of a string
+  std::span<const std::string_view> allowed_values = {};  // of kOneOf
+  const char* expected = nullptr;                         // of a string: what the value must be, for messages
+  const char* label = nullptr;                            // in "vexa guest get"; null: not shown there
+  const char* help = nullptr;                             // in "vexa guest set"; null: cannot be set there
+  const char* for_users;                                  // in the API's description
+  const char* for_hosts;  // in the description of the API between hosts; null: not sent between hosts
 
-  // Whether it has one value that is stored.
+  // Whether the setting is a single value that the guest's record stores.
   constexpr bool IsScalar() const {
-    return type == SettingType::kText || type == SettingType::kNumber || type == SettingType::kYesNo;
+    return type == SettingType::kString || type == SettingType::kNumber || type == SettingType::kBoolean;
   }
 };
 

@@ -1,5 +1,7 @@
 #include "host/base/guest_settings.h"
 
+#include <fmt/format.h>
+
 #include "host/base/json_parse.h"
 #include "json/readers.h"
 
@@ -30,18 +32,18 @@ bool IsKeyboardLayout(const std::string& text) {
 
 namespace {
 
-bool HasForm(const GuestSetting& setting, const std::string& text) {
-  switch (setting.form) {
-    case TextForm::kGuestName:
+bool HasFormat(const GuestSetting& setting, const std::string& text) {
+  switch (setting.format) {
+    case TextFormat::kGuestName:
       return IsGuestName(text);
-    case TextForm::kDescription:
+    case TextFormat::kDescription:
       return IsGuestDescription(text);
-    case TextForm::kKeyboardLayout:
+    case TextFormat::kKeyboardLayout:
       return IsKeyboardLayout(text);
-    case TextForm::kOneOfWords:
+    case TextFormat::kOneOf:
       break;
   }
-  return std::ranges::find(setting.words, text) != setting.words.end();
+  return std::ranges::find(setting.allowed_values, text) != setting.allowed_values.end();
 }
 
 }  // namespace
@@ -63,14 +65,14 @@ std::span<const GuestSetting* const> GuestSettingsByTopic() {
 
 bool IsValidValue(const GuestSetting& setting, const Json::Value& value) {
   switch (setting.type) {
-    case SettingType::kText: {
+    case SettingType::kString: {
       if (!value.isString()) return false;
       const std::string text = json::String(value);
-      return HasForm(setting, text);
+      return HasFormat(setting, text);
     }
     case SettingType::kNumber:
       return value.isInt64() && json::Int64(value) >= setting.min && json::Int64(value) <= setting.max;
-    case SettingType::kYesNo:
+    case SettingType::kBoolean:
       return value.isBool();
     case SettingType::kId:
     case SettingType::kList:
@@ -79,14 +81,14 @@ bool IsValidValue(const GuestSetting& setting, const Json::Value& value) {
   return false;
 }
 
-std::string WantedValue(const GuestSetting& setting) {
+std::string DescribeValidValue(const GuestSetting& setting) {
   switch (setting.type) {
     case SettingType::kNumber:
-      return "a number from " + std::to_string(setting.min) + " to " + std::to_string(setting.max);
-    case SettingType::kYesNo:
+      return fmt::format("a number from {} to {}", setting.min, setting.max);
+    case SettingType::kBoolean:
       return "true or false";
-    case SettingType::kText:
-      return setting.wanted;
+    case SettingType::kString:
+      return setting.expected;
     case SettingType::kId:
       return "a UUID";
     case SettingType::kList:

@@ -16,8 +16,8 @@ namespace {
 std::unique_ptr<Json::CharReader> NewReader() {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
-  // Strict mode refuses comments, single quotes, special floats, duplicate names and trailing text. Roots other than
-  // objects and arrays are left to the callers, all of which check the type anyway.
+  // Strict mode refuses comments, single quotes, special floats, duplicate names and trailing text. Any root value is
+  // accepted, because all callers check its type anyway.
   builder.settings_["strictRoot"] = false;
   builder.settings_["skipBom"] = false;
   // The parser counts the document itself, and a value inside the innermost container, as levels.
@@ -28,30 +28,30 @@ std::unique_ptr<Json::CharReader> NewReader() {
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 // The parser accepts more than JSON allows: raw control characters in strings, unpaired surrogates, numbers such as
-// "01", "1." and ".5", NUL as the end of the text; and it recurses as deeply as its stack limit. This pass checks the
-// tokens for all of that first and leaves grammar to the parser. Each fault it finds is a fault wherever the token
-// stands.
+// "01", "1." and ".5", NUL as the end of the text; and it recurses as deeply as its stack limit. This pass checks
+// single tokens and the depth of nesting first, and leaves the grammar to the parser.
 class LexicalCheck {
  public:
   explicit LexicalCheck(std::string_view text) : text_(text) {}
 
-  // The first fault, or null.
+  // Returns a description of the first fault, or null.
   const char* Run() {
-    while (at_ < text_.size()) {
-      if (const char* fault = Token()) return fault;
+    while (position_ < text_.size()) {
+      if (const char* fault = CheckToken()) return fault;
     }
     return nullptr;
   }
 
  private:
-  // The character `ahead` of the current one, NUL beyond the end: no token contains NUL.
-  char Peek(std::size_t ahead = 0) const { return at_ + ahead < text_.size() ? text_[at_ + ahead] : '\0'; }
+  // The character `ahead` positions after the current one. Beyond the end it is NUL, which no token contains.
+  char Peek(std::size_t ahead = 0) const { return position_ + ahead < text_.size() ? text_[position_ + ahead] : '\0'; }
 
-  const char* Token() {
+  // The functions that check one kind of token move position_ behind it and return a description of a fault, or null.
+  const char* CheckToken() {
     const char c = Peek();
-    if (c == '"') return String();
-    if (c == '-' || c == '+' || c == '.' || IsDigit(c)) return Number();
-    ++at_;
+    if (c == '"') return CheckString();
+    if (c == '-' || c == '+' || c == '.' || IsDigit(c)) return CheckNumber();
+    ++position_;
     switch (c) {
       case '[':
       case '{':
@@ -68,35 +68,35 @@ class LexicalCheck {
     }
   }
 
-  const char* String() {
-    ++at_;
-    while (at_ < text_.size()) {
-      const char c = text_[at_];
+  const char* CheckString() {
+    ++position_;
+    while (position_ < text_.size()) {
+      const char c = text_[position_];
       if (static_cast<unsigned char>(c) < 0x20) return "a control character in a string";
-      ++at_;
+      ++position_;
       if (c == '"') return nullptr;
       if (c != '\\') continue;
-      if (const char* fault = Escape()) return fault;
+      if (const char* fault = CheckEscape()) return fault;
     }
     return "a string without its end";
   }
 
-  // After a backslash.
-  const char* Escape() {
+  // The part of an escape sequence after the backslash.
+  const char* CheckEscape() {
     const char c = Peek();
-    ++at_;
+    ++position_;
     if (c != 'u') return c != '\0' && std::strchr("\"\\/bfnrt", c) != nullptr ? nullptr : "an unknown escape";
-    const int unit = HexUnit();
+    const int unit = ReadHexUnit();
     if (unit < 0) return "a malformed escape";
     if (unit < 0xD800 || unit > 0xDFFF) return nullptr;
     if (unit > 0xDBFF || Peek() != '\\' || Peek(1) != 'u') return "half of a surrogate pair";
-    at_ += 2;
-    const int low = HexUnit();
+    position_ += 2;
+    const int low = ReadHexUnit();
     return low >= 0xDC00 && low <= 0xDFFF ? nullptr : "half of a surrogate pair";
   }
 
-  // Takes four hexadecimal digits; -1 when they are not there.
-  int HexUnit() {
+  // Reads four hexadecimal digits as a UTF-16 code unit; -1 if there are not four.
+  int ReadHexUnit() {
     int unit = 0;
     for (int i = 0; i < 4; ++i) {
       const char c = Peek();
@@ -111,43 +111,44 @@ class LexicalCheck {
         return -1;
       }
       unit = unit * 16 + digit;
-      ++at_;
+      ++position_;
     }
     return unit;
   }
 
   // RFC 8259, section 6: -? (0 | [1-9][0-9]*) (. [0-9]+)? ([eE] [+-]? [0-9]+)?
-  const char* Number() {
+  const char* CheckNumber() {
     static constexpr const char* kFault = "a malformed number";
-    if (Peek() == '-') ++at_;
-    const bool zero = Peek() == '0';
-    const std::size_t whole = Digits();
-    if (whole == 0 || (zero && whole > 1)) return kFault;
+    if (Peek() == '-') ++position_;
+    const bool starts_with_zero = Peek() == '0';
+    const std::size_t integer_digits = SkipDigits();
+    if (integer_digits == 0 || (starts_with_zero && integer_digits > 1)) return kFault;
     if (Peek() == '.') {
-      ++at_;
-      if (Digits() == 0) return kFault;
+      ++position_;
+      if (SkipDigits() == 0) return kFault;
     }
     if (Peek() == 'e' || Peek() == 'E') {
-      ++at_;
-      if (Peek() == '+' || Peek() == '-') ++at_;
-      if (Digits() == 0) return kFault;
+      ++position_;
+      if (Peek() == '+' || Peek() == '-') ++position_;
+      if (SkipDigits() == 0) return kFault;
     }
     return nullptr;
   }
 
-  std::size_t Digits() {
-    const std::size_t start = at_;
-    while (IsDigit(Peek())) ++at_;
-    return at_ - start;
+  // Returns how many digits it skipped.
+  std::size_t SkipDigits() {
+    const std::size_t start = position_;
+    while (IsDigit(Peek())) ++position_;
+    return position_ - start;
   }
 
   const std::string_view text_;
-  std::size_t at_ = 0;
+  std::size_t position_ = 0;
   int depth_ = 0;
 };
 
 // The parser's messages quote names and numbers, which may be as long as the text.
-Error Refusal(std::string reason) {
+Error InvalidJson(std::string reason) {
   if (reason.size() > kMaxJsonReason) {
     std::size_t end = kMaxJsonReason;
     while (end > 0 && (static_cast<unsigned char>(reason[end]) & 0xC0) == 0x80) --end;
@@ -163,8 +164,8 @@ Error Refusal(std::string reason) {
 }  // namespace
 
 Result<Json::Value> ReadWithJsoncpp(std::string_view text) {
-  if (!IsValidUtf8(text)) return Refusal("it is not valid UTF-8");
-  if (const char* fault = LexicalCheck(text).Run()) return Refusal(fault);
+  if (!IsValidUtf8(text)) return InvalidJson("it is not valid UTF-8");
+  if (const char* fault = LexicalCheck(text).Run()) return InvalidJson(fault);
   thread_local const std::unique_ptr<Json::CharReader> reader = NewReader();
   Json::Value value;
   std::string errors;
@@ -173,11 +174,11 @@ Result<Json::Value> ReadWithJsoncpp(std::string_view text) {
   } catch (const Json::Exception& exception) {
     errors = exception.what();
   }
-  return Refusal(std::move(errors));
+  return InvalidJson(std::move(errors));
 }
 
-Result<Json::Value> ParseJson(std::string_view text, LastingName lasting_name) {
-  if (std::optional<Json::Value> value = ReadWithSimdjson(text, lasting_name)) return std::move(*value);
+Result<Json::Value> ParseJson(std::string_view text, InternName intern_name) {
+  if (std::optional<Json::Value> value = ReadWithSimdjson(text, intern_name)) return std::move(*value);
   return ReadWithJsoncpp(text);
 }
 

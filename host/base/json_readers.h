@@ -1,10 +1,9 @@
 // The two readers behind ParseJson. For host/base and its tests only.
 //
-// Why two: simdjson reads nearly all texts, but alone it cannot give what ParseJson promises. It reports an integer
-// outside 64 bits, which is valid JSON, with the same error as a malformed number, and a fault only by its kind. The
-// other reader runs for texts that simdjson refuses: it reads such integers as doubles, and says what is wrong, with
-// line and column where it is the grammar, to people who write manifests and requests by hand. Tests and the fuzzer
-// compare the two.
+// Why two: simdjson is fast and reads nearly all input, but alone it does not fulfil the contract of ParseJson. It
+// reports an integer outside 64 bits, which is valid JSON, with the same error as a malformed number, and it names only
+// the kind of a fault. JsonCpp reads whatever simdjson refuses: it reads such integers as doubles, and gives people who
+// write manifests and requests by hand the line and column of a syntax error. Tests and the fuzzer compare the two.
 #pragma once
 
 #include <json/value.h>
@@ -16,11 +15,11 @@
 
 namespace vexa {
 
-// The fast one. Returns nothing for a text that it refuses, and for some valid JSON, such as integers outside 64 bits.
-// What it accepts means the same to the other reader.
-std::optional<Json::Value> ReadWithSimdjson(std::string_view text, LastingName lasting_name);
+// The fast reader. Returns nothing for invalid JSON and for some valid JSON, such as integers outside 64 bits. Whenever
+// it returns a value, ReadWithJsoncpp would return the same value.
+std::optional<Json::Value> ReadWithSimdjson(std::string_view text, InternName intern_name);
 
-// The thorough one, which reports what is wrong.
+// The thorough reader, which reports what is wrong.
 Result<Json::Value> ReadWithJsoncpp(std::string_view text);
 
 }  // namespace vexa

@@ -10,14 +10,15 @@ namespace {
 
 namespace dom = simdjson::dom;
 
-// A reader that has grown beyond this gives its memory back.
-constexpr std::size_t kKeptBytes = std::size_t{64} << 10;
+// Each thread keeps a reader with buffers for input up to this size. Larger input gets a temporary reader, so that its
+// buffers are freed again.
+constexpr std::size_t kMaxCachedReaderBytes = std::size_t{64} << 10;
 
 class Builder {
  public:
-  explicit Builder(LastingName lasting_name) : lasting_name_(lasting_name) {}
+  explicit Builder(InternName intern_name) : intern_name_(intern_name) {}
 
-  // False: duplicate names, or too many levels.
+  // False if there are duplicate names or too many levels of nesting.
   bool Build(const dom::element& element, int level, Json::Value& out) const {
     switch (element.type()) {
       case dom::element_type::OBJECT:
@@ -54,10 +55,10 @@ class Builder {
     out = Json::Value(Json::objectValue);
     Json::ArrayIndex members = 0;
     for (const dom::key_value_pair& member : object) {
-      const char* const lasting = lasting_name_ ? lasting_name_(member.key) : nullptr;
-      Json::Value& place = lasting ? out[Json::StaticString(lasting)]
-                                   : *out.demand(member.key.data(), member.key.data() + member.key.size());
-      if (out.size() != ++members || !Build(member.value, level, place)) return false;
+      const char* const interned = intern_name_ ? intern_name_(member.key) : nullptr;
+      Json::Value& value = interned ? out[Json::StaticString(interned)]
+                                    : *out.demand(member.key.data(), member.key.data() + member.key.size());
+      if (out.size() != ++members || !Build(member.value, level, value)) return false;
     }
     return true;
   }
@@ -71,20 +72,20 @@ class Builder {
     return true;
   }
 
-  const LastingName lasting_name_;
+  const InternName intern_name_;
 };
 
 struct Reader {
   dom::parser parser;
   std::string padded;  // the parser reads slightly beyond the end
 
-  std::optional<Json::Value> Read(std::string_view text, LastingName lasting_name) {
+  std::optional<Json::Value> Read(std::string_view text, InternName intern_name) {
     padded.reserve(text.size() + simdjson::SIMDJSON_PADDING);
     padded.assign(text);
     dom::element root;
     if (parser.parse(padded.data(), text.size(), false).get(root) != simdjson::SUCCESS) return std::nullopt;
     std::optional<Json::Value> value(std::in_place);
-    if (!Builder(lasting_name).Build(root, 0, *value)) return std::nullopt;
+    if (!Builder(intern_name).Build(root, 0, *value)) return std::nullopt;
     return value;
   }
 };
@@ -93,11 +94,11 @@ struct Reader {
 
 bool IsValidUtf8(std::string_view text) { return text.empty() || simdjson::validate_utf8(text.data(), text.size()); }
 
-std::optional<Json::Value> ReadWithSimdjson(std::string_view text, LastingName lasting_name) {
+std::optional<Json::Value> ReadWithSimdjson(std::string_view text, InternName intern_name) {
   if (text.starts_with("\xEF\xBB\xBF")) return std::nullopt;  // a byte order mark
-  if (text.size() > kKeptBytes) return Reader().Read(text, lasting_name);
+  if (text.size() > kMaxCachedReaderBytes) return Reader().Read(text, intern_name);
   thread_local Reader reader;
-  return reader.Read(text, lasting_name);
+  return reader.Read(text, intern_name);
 }
 
 }  // namespace vexa

@@ -1,4 +1,4 @@
-// Files that hold secrets: they are read only when no one else could have read or written them.
+// Files with secrets. They are read only if no other user can read or write them.
 #pragma once
 
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 
 namespace vexa {
 
-// Identifies one state of a file without reading it.
+// The metadata that changes whenever a file changes, to detect a change without reading the file.
 struct FileStamp {
   dev_t device = 0;
   ino_t inode = 0;
@@ -22,18 +22,18 @@ struct FileStamp {
   bool operator==(const FileStamp& other) const;
 };
 
-// The state of the file itself: a symbolic link is not followed. kNotFound when it does not exist.
-Result<FileStamp> StampOf(const std::string& path);
+// The stamp of `path` itself: a symbolic link is not followed. kNotFound when it does not exist.
+Result<FileStamp> ReadFileStamp(const std::string& path);
 
 struct PrivateFile {
   std::string content;
   FileStamp stamp;
-  // A change within the granularity of file times could leave the stamp the same. The content is valid, but the stamp
-  // alone must not be used later to conclude that it still is.
+  // The file changed so recently that another change could leave the stamp the same, because file times are coarse. The
+  // content is valid, but an equal stamp later does not prove that it still is.
   bool stamp_may_repeat = false;
 };
 
-// Reads a file that only its owner, this process's user or root, may read or write.
+// Reads a file that only its owner may read or write. The owner must be this process's user or root.
 // kNotFound: it does not exist. kDenied: permission bits for group or others, another owner, a symbolic link, or the
 // system refuses. kInvalid: not a regular file, or larger than `max_bytes`. kBusy: it kept changing while it was read.
 Result<PrivateFile> ReadPrivateFile(const std::string& path, std::size_t max_bytes);

@@ -1,11 +1,11 @@
 #include "host/base/refusal.h"
 
-namespace vexa::guests {
+namespace vexa {
 
-Refusal FailedBecause(const Error& error) { return {kFailed, error.ToString()}; }
+Refusal RefusalFor(const Error& error) { return {host_error::kFailed, error.ToString()}; }
 
-Refusal FileFailedBecause(const Error& error) {
-  return {error.code() == ErrorCode::kBusy ? kRunsAlready : kFailed, error.ToString()};
+Refusal FileRefusalFor(const Error& error) {
+  return {error.code() == ErrorCode::kBusy ? host_error::kAlreadyRunning : host_error::kFailed, error.ToString()};
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa

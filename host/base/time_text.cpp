@@ -5,7 +5,7 @@
 
 namespace vexa {
 
-std::string TimeText(std::chrono::system_clock::time_point time) {
+std::string FormatUtcTime(std::chrono::system_clock::time_point time) {
   const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
   std::tm fields{};
   if (::gmtime_r(&seconds, &fields) == nullptr) return "an unknown time";
@@ -14,7 +14,7 @@ std::string TimeText(std::chrono::system_clock::time_point time) {
   return {text.data(), size};
 }
 
-std::int64_t SecondsOf(std::chrono::system_clock::time_point time) {
+std::int64_t ToUnixSeconds(std::chrono::system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 

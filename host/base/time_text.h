@@ -1,4 +1,4 @@
-// Times as text and as seconds.
+// Formats of times.
 #pragma once
 
 #include <chrono>
@@ -8,9 +8,9 @@
 namespace vexa {
 
 // RFC 3339, UTC, whole seconds: "2026-11-21T09:30:00Z".
-std::string TimeText(std::chrono::system_clock::time_point time);
+std::string FormatUtcTime(std::chrono::system_clock::time_point time);
 
-// Since 1970, as records hold times.
-std::int64_t SecondsOf(std::chrono::system_clock::time_point time);
+// Seconds since 1970, the format of times in records.
+std::int64_t ToUnixSeconds(std::chrono::system_clock::time_point time);
 
 }  // namespace vexa

@@ -12,7 +12,8 @@
 namespace vexa {
 namespace {
 
-std::string TextOf(boost::uuids::uuid id, unsigned version) {
+// Sets the bits of the version and the variant.
+std::string ToString(boost::uuids::uuid id, unsigned version) {
   id.data[6] = static_cast<unsigned char>((id.data[6] & 0x0F) | (version << 4));
   id.data[8] = static_cast<unsigned char>((id.data[8] & 0x3F) | 0x80);  // the variant of RFC 4122
   return boost::uuids::to_string(id);
@@ -20,13 +21,13 @@ std::string TextOf(boost::uuids::uuid id, unsigned version) {
 
 }  // namespace
 
-// Boost's generator throws when the system provides no random numbers.
+// Uses getrandom(2), because Boost's generator throws when the system provides no random numbers.
 Result<std::string> RandomUuid() {
   boost::uuids::uuid id{};
   if (::getrandom(id.data, id.size(), 0) != static_cast<ssize_t>(id.size())) {
-    return SystemError(ErrorCode::kInternal, "No random numbers for an id", errno);
+    return SystemError(ErrorCode::kInternal, "Cannot get random numbers for an id", errno);
   }
-  return TextOf(id, 4);
+  return ToString(id, 4);
 }
 
 std::string NameBasedUuid(std::string_view name_space, std::string_view name) {
@@ -36,20 +37,20 @@ std::string NameBasedUuid(std::string_view name_space, std::string_view name) {
   EVP_Digest(input.data(), input.size(), hash.data(), &length, EVP_sha1(), nullptr);
   boost::uuids::uuid id{};
   std::copy_n(hash.begin(), id.size(), id.begin());
-  return TextOf(id, 5);
+  return ToString(id, 5);
 }
 
-bool IsUuidForm(std::string_view text) {
+bool HasUuidForm(std::string_view text) {
   constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
-  const auto fits = [](char c, char form) {
+  const auto matches = [](char c, char form) {
     if (form == '-') return c == '-';
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
   };
-  return std::ranges::equal(text, kForm, fits);
+  return std::ranges::equal(text, kForm, matches);
 }
 
 std::string NormalizeUuid(std::string_view text) {
-  if (!IsUuidForm(text) || text.find_first_not_of("0-") == std::string_view::npos) return "";
+  if (!HasUuidForm(text) || text.find_first_not_of("0-") == std::string_view::npos) return "";
   std::string normal(text);
   std::ranges::transform(normal, normal.begin(),
                          [](char c) { return c >= 'A' && c <= 'F' ? static_cast<char>(c | 0x20) : c; });

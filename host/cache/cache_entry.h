@@ -1,4 +1,4 @@
-// State shared by all objects of one cache: its record on disk and in memory.
+// One cache in the installed environment: its record on disk and in memory, which all objects of the cache share.
 #pragma once
 
 #include <json/value.h>
@@ -14,7 +14,7 @@
 
 namespace VexaDR::Cache {
 
-// The arguments of an object's constructor.
+// The arguments that a DRCache object was constructed with. The object must outlive it.
 struct DRCacheNames {
   explicit DRCacheNames(const DRCache& cache) : group(cache.group_), name(cache.name_), valid_s(cache.valid_s_) {}
   const std::string& group;
@@ -24,22 +24,22 @@ struct DRCacheNames {
 
 }  // namespace VexaDR::Cache
 
-namespace vexa::cluster {
+namespace vexa::cache {
 
-// A cache in the installed environment. Must not outlive the object that it was made from.
+// Must not outlive the object that it was made from. Threads: any, at the same time.
 class CacheEntry {
  public:
   explicit CacheEntry(const VexaDR::Cache::DRCache& cache);
 
-  // False: there is no environment, it has no cache folder, or the cache's name cannot be a path. Nothing is ever
-  // loaded then, and functions that need a lock must not be called.
+  // False: there is no environment, it has no cache folder, or the group or name cannot be part of a path. Load then
+  // returns nothing, and TryLock, Refresh and RecordFailure must not be called.
   bool is_stored() const { return paths_.has_value(); }
 
   LoadedCache Load() const;
+  // Errors: those of CacheLock::Try.
   Result<CacheLock> TryLock() const;
 
-  // Whether the record exists, is valid and is not outdated; or is valid and differs from `before`, so it was refreshed
-  // since.
+  // Whether the record is valid, and either is not outdated or differs from `before`, because it was refreshed since.
   bool IsFresh(const LoadedCache& loaded, const LoadedCache& before) const;
 
   struct Refreshed {
@@ -48,14 +48,14 @@ class CacheEntry {
   };
   // Computes the value and stores it, which needs the lock. Failures are logged.
   Refreshed Refresh(const CacheLock& lock) const;
-  // The same without storing it, for one caller; also when is_stored() is false.
-  std::optional<Json::Value> RefreshUnstored() const;
+  // Computes the value for one caller without storing it; also when is_stored() is false.
+  std::optional<Json::Value> ComputeUnstored() const;
 
-  // Logs a refresh that failed for an external reason like the refresh's own failures.
-  void NoteFailure(const Error& error) const;
+  // Logs a failure outside of Refresh in the same way, for instance of locking.
+  void RecordFailure(const Error& error) const;
 
  private:
-  Result<Json::Value> FindOut() const;
+  Result<Json::Value> Compute() const;
   Status Store(const Json::Value& data) const;
 
   const VexaDR::Cache::DRCache& cache_;
@@ -63,14 +63,17 @@ class CacheEntry {
   std::optional<CachePaths> paths_;
 };
 
-// In the background: refreshes when the record is not current and no one else is refreshing it.
 enum class RefreshOutcome {
   kCurrent,  // it has been refreshed here, or elsewhere just now
   kBusy,     // another refresh is in progress
   kFailed,   // logged
 };
-// kAlways: even when the record is young enough to be current.
-enum class WhenDue { kOutdated, kAlways };
-RefreshOutcome RefreshWhenDue(const VexaDR::Cache::DRCache& cache, WhenDue when = WhenDue::kOutdated);
+enum class RefreshMode {
+  kIfOutdated,
+  kForce,  // even when the record is not outdated
+};
+// For background refreshes: refreshes the cache unless the mode is kIfOutdated and the record is current, or another
+// refresh is in progress. Never waits for other refreshes.
+RefreshOutcome RefreshCache(const VexaDR::Cache::DRCache& cache, RefreshMode mode = RefreshMode::kIfOutdated);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::cache

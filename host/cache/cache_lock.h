@@ -5,13 +5,13 @@
 #include "host/base/result.h"
 #include "host/cache/cache_paths.h"
 
-namespace vexa::cluster {
+namespace vexa::cache {
 
-// Held while the object lives, and at most as long as its process: the kernel releases the lock of a killed process.
+// Held while the object lives. When a process is killed, the kernel releases its locks.
 class CacheLock {
  public:
-  // Never waits. kBusy: the lock is held. Any other error: locking is impossible because the cache's folder cannot be
-  // written.
+  // Takes the lock if it is free. Never waits. Errors: kBusy when it is held; any other when the cache's folder cannot
+  // be written.
   static Result<CacheLock> Try(const CachePaths& paths);
 
  private:
@@ -19,4 +19,4 @@ class CacheLock {
   Descriptor fd_;
 };
 
-}  // namespace vexa::cluster
+}  // namespace vexa::cache

@@ -1,53 +1,54 @@
-// Cache records as they were last read, so that each is parsed only once.
+// Keeps the records of caches in memory as they were last read, so that each is parsed only once.
 #pragma once
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "host/base/mutex.h"
 #include "host/base/private_file.h"
 #include "host/cache/cache_paths.h"
 #include "host/cache/cache_record.h"
 
-namespace vexa::cluster {
+namespace vexa::cache {
 
 struct LoadedCache {
   std::shared_ptr<const CacheRecord> record;  // null: nothing is cached, or the file is not a valid record
-  FileStamp stamp;                            // of the record's file; changes with every replacement
+  FileStamp stamp;                            // of the record's file; it changes with every replacement
 };
 
-// Threads: any, at the same time. Readers of the same record wait for the first of them to parse it, and for nothing
+// Threads: any, at the same time. Readers of the same record wait while the first of them parses it, and for nothing
 // else.
 class CacheMemory {
  public:
-  // The record that the file now holds. Anything except a complete record of this cache counts as missing: torn, larger
-  // than kMaxCacheBytes, not a private file of this user.
+  // The record that is now in the file. Anything except a complete record of this cache counts as missing: a file that
+  // is torn, larger than kMaxCacheBytes, or not a private file of this user.
   LoadedCache Load(const CachePaths& paths, const std::string& group, const std::string& name);
 
-  // Announces that the file will hold `text`, whose record is `record`, so that the next Load need not parse it.
-  void Expect(const CachePaths& paths, std::string text, std::shared_ptr<const CacheRecord> record);
+  // Sets the content that the file is known to have: `text`, parsed as `record`. The next Load need not parse it.
+  void Prime(const CachePaths& paths, std::string text, std::shared_ptr<const CacheRecord> record);
 
-  // The outcome of refreshes is logged when it changes: the first failure, and the first success after a failure.
-  void NoteFailure(const CachePaths& paths, const Error& error);
-  void NoteSuccess(const CachePaths& paths);
+  // Record the outcome of a refresh. Only changes are logged: the first failure, and the first success after a failure.
+  void RecordFailure(const CachePaths& paths, const Error& error);
+  void RecordSuccess(const CachePaths& paths);
 
  private:
   struct Slot {
-    std::mutex mutex;
-    bool is_known = false;  // the other members are valid
-    FileStamp stamp;
-    std::shared_ptr<const CacheRecord> record;
-    // Whether the text of `record` is kept, because the stamp alone does not prove that the file is unchanged.
-    bool has_text = false;
-    std::string text;
-    bool has_failed = false;
+    Mutex mutex;
+    bool is_known VEXA_GUARDED_BY(mutex) = false;  // `stamp` and `record` are valid
+    FileStamp stamp VEXA_GUARDED_BY(mutex);
+    std::shared_ptr<const CacheRecord> record VEXA_GUARDED_BY(mutex);
+    // Whether `text` is that of `record`. Set when the stamp alone does not prove that the file is unchanged.
+    bool has_text VEXA_GUARDED_BY(mutex) = false;
+    std::string text VEXA_GUARDED_BY(mutex);
+    bool has_failed VEXA_GUARDED_BY(mutex) = false;
   };
 
   Slot& SlotOf(const CachePaths& paths);
 
-  std::mutex mutex_;
-  std::map<std::string, Slot, std::less<>> slots_;  // by the record's path; entries are never removed
+  Mutex mutex_;
+  // By the record's path. Entries are never removed.
+  std::map<std::string, Slot, std::less<>> slots_ VEXA_GUARDED_BY(mutex_);
 };
 
-}  // namespace vexa::cluster
+}  // namespace vexa::cache

@@ -1,7 +1,7 @@
-// Where a cached value is stored on disk, and how it is replaced.
+// The paths of a cache's files, and the replacement of its record.
 //
 //   <cache folder>/<group>/<name>.json         the record, 0600
-//   <cache folder>/<group>/<name>.json.??????  a record that is being written; a killed writer leaves it behind
+//   <cache folder>/<group>/<name>.json.??????  a new record while it is being written; a killed writer leaves it behind
 //   <cache folder>/<group>/<name>.lock         locked with flock(2) while the value is refreshed
 #pragma once
 
@@ -12,22 +12,23 @@
 
 #include "host/base/result.h"
 
-namespace vexa::cluster {
+namespace vexa::cache {
 
 inline constexpr std::size_t kMaxCacheBytes = std::size_t{256} << 20;
 
 struct CachePaths {
-  std::string folder;
+  std::string folder;  // of the group
   std::string record;
   std::string lock;
 };
 
-// Empty when the value must not be stored: `directory` is empty, or `group` or `name` is not a plain word (1 to 64
-// letters, digits, underscores and hyphens).
+// Not set when the value cannot be stored: `directory` is empty, or `group` or `name` is not a plain name (1 to 64
+// ASCII letters, digits, underscores and hyphens).
 std::optional<CachePaths> PathsOfCache(const std::string& directory, std::string_view group, std::string_view name);
 
 // Replaces the record atomically and removes files that killed writers left behind. The caller must hold the lock. On
-// failure the old record stays. Not synced: a record torn by a power failure counts as missing.
+// failure the old record stays. The file is not synced: a record torn by a power failure counts as missing.
+// Errors: kNoSpace, and kInternal.
 Status ReplaceCacheFile(const CachePaths& paths, std::string_view text);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::cache

@@ -1,5 +1,7 @@
 #include "host/cache/cache_record.h"
 
+#include <fmt/format.h>
+
 #include <ctime>
 #include <utility>
 
@@ -7,9 +9,10 @@
 #include "host/records/record_names.h"
 #include "json/readers.h"
 
-namespace vexa::cluster {
+namespace vexa::cache {
 namespace {
 
+// In Unix seconds.
 std::int64_t Now() {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -25,21 +28,21 @@ Json::Value MakeInfo(const std::string& group, const std::string& name, Json::In
   return info;
 }
 
-bool IsText(const Json::Value& value, const std::string& text) {
-  return value.isString() && json::String(value) == text;
+bool IsString(const Json::Value& value, const std::string& string) {
+  return value.isString() && json::String(value) == string;
 }
 
 }  // namespace
 
 Result<CacheRecord> ParseCacheRecord(std::string_view text, const std::string& group, const std::string& name) {
-  Result<Json::Value> parsed = ParseJson(text, SharedName);
+  Result<Json::Value> parsed = ParseJson(text, records::InternedName);
   if (!parsed) return parsed.error();
   const Json::Value& record = *parsed;
   const Json::Value& time = json::Member(record, "time");
   const Json::Value& valid_s = json::Member(record, "valid_s");
-  if (!IsText(json::Member(record, "group"), group) || !IsText(json::Member(record, "name"), name) || !time.isInt64() ||
-      !valid_s.isInt() || !json::FindMember(record, "data")) {
-    return Error(ErrorCode::kInvalid, "This is not a record of the cache '" + group + "/" + name + "'");
+  if (!IsString(json::Member(record, "group"), group) || !IsString(json::Member(record, "name"), name) ||
+      !time.isInt64() || !valid_s.isInt() || !json::FindMember(record, "data")) {
+    return Error(ErrorCode::kInvalid, fmt::format("This is not a record of the cache '{}/{}'", group, name));
   }
   CacheRecord result;
   result.info = MakeInfo(group, name, json::Int64(time), json::Int(valid_s));
@@ -47,8 +50,8 @@ Result<CacheRecord> ParseCacheRecord(std::string_view text, const std::string& g
   return result;
 }
 
-std::string MakeCacheRecordText(const std::string& group, const std::string& name, int valid_s,
-                                const Json::Value& data) {
+std::string SerializeCacheRecord(const std::string& group, const std::string& name, int valid_s,
+                                 const Json::Value& data) {
   std::string text = json::ToText(MakeInfo(group, name, Now(), valid_s));
   text.back() = ',';
   text += "\"data\":";
@@ -60,9 +63,9 @@ std::string MakeCacheRecordText(const std::string& group, const std::string& nam
 bool IsOutdated(const Json::Value& info, int valid_s) {
   const Json::Value& time = json::Member(info, "time");
   if (!time.isInt64() || valid_s <= 0) return true;
-  const std::int64_t found = json::Int64(time);
+  const std::int64_t computed = json::Int64(time);
   const std::int64_t now = Now();
-  return found > now || found < now - valid_s;
+  return computed > now || computed < now - valid_s;
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::cache

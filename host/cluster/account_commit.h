@@ -1,5 +1,5 @@
-// How accounts and grants use the store: a failure of the store itself is always kUnavailable. Its codes would
-// otherwise be taken for refusals: kDenied for grants of another name, kConflict for a name that is taken.
+// Commits changes of accounts and grants. A failure of the store itself is always kUnavailable: its own kDenied
+// would be read as grants of another name, its kConflict as a name that is taken.
 #pragma once
 
 #include "host/base/result.h"
@@ -8,17 +8,17 @@
 
 namespace vexa::cluster {
 
-// kUnavailable, with what the store says as the cause.
+// kUnavailable, with the store's error as the cause.
 inline Error StoreFailure(const Error& cause) {
   return Error(ErrorCode::kUnavailable, "The accounts and grants cannot be read or written", cause.ToString());
 }
 
-// As CommitPlanned: errors of `plan` are returned as they are, those of the commits as StoreFailure.
+// As CommitWithRetry: errors of `plan` are returned as they are, those of the commits as StoreFailure.
 template <class Plan>
 Status CommitAccountChange(store::Store& store, const Plan& plan) {
   bool is_refused = false;
-  const Status committed = CommitPlanned(store, [&] {
-    Result<store::Transaction> transaction = plan();
+  const Status committed = records::CommitWithRetry(store, [&](const records::Reader& reader) {
+    Result<store::Transaction> transaction = plan(reader);
     is_refused = !transaction.ok();
     return transaction;
   });

@@ -9,7 +9,9 @@
 namespace vexa::cluster {
 namespace {
 
-std::string GrantsKey(std::string_view kind, std::uint32_t id) { return GuestAdminKey(GuestAdminIdentifier(kind, id)); }
+std::string GrantsKey(std::string_view kind, std::uint32_t id) {
+  return records::GuestAdminKey(records::GuestAdminIdentifier(kind, id));
+}
 
 std::string NameRecord(const std::string& name) {
   Json::Value record(Json::objectValue);
@@ -20,12 +22,12 @@ std::string NameRecord(const std::string& name) {
 }  // namespace
 
 Result<AccountEdit> AccountEdit::Begin(const store::Snapshot& snapshot) {
-  auto index = LoadAccounts(snapshot);
+  auto index = records::LoadAccounts(snapshot);
   if (!index) return index.error();
   return AccountEdit(snapshot, std::move(*index));
 }
 
-Status AccountEdit::CheckWhole() const { return index_.damage ? Status(*index_.damage) : Status(); }
+Status AccountEdit::CheckIntact() const { return index_.damage ? Status(*index_.damage) : Status(); }
 
 Result<bool> AccountEdit::Exists(const std::string& key) const {
   const auto value = snapshot_->Get(key);
@@ -33,32 +35,33 @@ Result<bool> AccountEdit::Exists(const std::string& key) const {
   return value->has_value();
 }
 
-Result<bool> AccountEdit::IsFree(AccountKind kind, std::uint32_t id) const {
-  if (IsOwnId(id) && id < index_.next_id) return false;
-  const bool is_user = kind == AccountKind::kUser;
+Result<bool> AccountEdit::IsFree(records::AccountKind kind, std::uint32_t id) const {
+  if (records::IsAssignedId(id) && id < index_.next_id) return false;
+  const bool is_user = kind == records::AccountKind::kUser;
   if (is_user && (index_.users.contains(id) || index_.damaged_users.contains(id))) return false;
   if (!is_user && (index_.groups.contains(id) || index_.damaged_groups.contains(id))) return false;
-  const auto deleted = Exists(is_user ? DeletedUserKey(id) : DeletedGroupKey(id));
+  const auto deleted = Exists(is_user ? records::DeletedUserKey(id) : records::DeletedGroupKey(id));
   if (!deleted) return deleted.error();
   return !*deleted;
 }
 
 // Ids beyond the next one may have been assigned explicitly. Grants under a free id may be for a user whose account is
 // still in the file of another host.
-Result<std::uint32_t> AccountEdit::TakeId() {
-  for (; index_.next_id <= base::kLastOwnId; ++index_.next_id) {
+Result<std::uint32_t> AccountEdit::AllocateId() {
+  for (; index_.next_id <= accounts::kLastAssignedId; ++index_.next_id) {
     const std::uint32_t id = index_.next_id;
     bool is_free = true;
-    for (const AccountKind kind : {AccountKind::kUser, AccountKind::kGroup}) {
+    for (const records::AccountKind kind : {records::AccountKind::kUser, records::AccountKind::kGroup}) {
       const auto unused = IsFree(kind, id);
       if (!unused) return unused.error();
-      const auto has_grants = Exists(GrantsKey(kind == AccountKind::kUser ? kUsersKind : kGroupsKind, id));
+      const auto has_grants =
+          Exists(GrantsKey(kind == records::AccountKind::kUser ? records::kUsersKind : records::kGroupsKind, id));
       if (!has_grants) return has_grants.error();
       is_free = is_free && *unused && !*has_grants;
     }
     if (!is_free) continue;
     ++index_.next_id;
-    for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
+    for (const std::string_view kind : {records::kUsersKind, records::kGroupsKind}) {
       transaction_.compares.push_back({GrantsKey(kind, id), 0});
     }
     return id;
@@ -66,63 +69,64 @@ Result<std::uint32_t> AccountEdit::TakeId() {
   return Error(ErrorCode::kNoSpace, "All ids for users and groups are used up");
 }
 
-void AccountEdit::RaiseNextId(std::uint32_t next_id) { index_.next_id = std::max(index_.next_id, next_id); }
+void AccountEdit::SkipIdsBelow(std::uint32_t next_id) { index_.next_id = std::max(index_.next_id, next_id); }
 
-Status AccountEdit::MakeWellKnownGroups() {
-  for (const std::string_view name : {base::kAdministratorsGroup, base::kUsersGroup}) {
-    if (const auto group = GroupFor(std::string(name)); !group) return group.error();
+Status AccountEdit::EnsureWellKnownGroups() {
+  for (const std::string_view name : {accounts::kAdministratorsGroup, accounts::kUsersGroup}) {
+    if (const auto group = FindOrCreateGroup(std::string(name)); !group) return group.error();
   }
   return {};
 }
 
-Result<base::Group> AccountEdit::GroupFor(const std::string& name) {
-  if (const base::Group* group = index_.FindGroup(name)) return *group;
-  if (Status whole = CheckWhole(); !whole) return whole.error();
-  const auto id = TakeId();
+Result<accounts::Group> AccountEdit::FindOrCreateGroup(const std::string& name) {
+  if (const accounts::Group* group = index_.FindGroup(name)) return *group;
+  if (Status intact = CheckIntact(); !intact) return intact.error();
+  const auto id = AllocateId();
   if (!id) return id.error();
-  const base::Group group{name, *id};
+  const accounts::Group group{name, *id};
   AddGroup(group);
   return group;
 }
 
-void AccountEdit::AddGroup(const base::Group& group) {
+void AccountEdit::AddGroup(const accounts::Group& group) {
   index_.Put(group);
-  transaction_.operations.push_back({AccountKey(AccountKind::kGroup, group.gid), NameRecord(group.name)});
+  transaction_.operations.push_back(
+      {records::AccountKey(records::AccountKind::kGroup, group.gid), NameRecord(group.name)});
 }
 
 void AccountEdit::DeleteGroup(std::uint32_t gid) {
   const auto found = index_.groups.find(gid);
   if (found == index_.groups.end()) return;
-  transaction_.operations.push_back({DeletedGroupKey(gid), NameRecord(found->second.name)});
-  transaction_.operations.push_back({AccountKey(AccountKind::kGroup, gid), std::nullopt});
-  transaction_.operations.push_back({GrantsKey(kGroupsKind, gid), std::nullopt});
+  transaction_.operations.push_back({records::DeletedGroupKey(gid), NameRecord(found->second.name)});
+  transaction_.operations.push_back({records::AccountKey(records::AccountKind::kGroup, gid), std::nullopt});
+  transaction_.operations.push_back({GrantsKey(records::kGroupsKind, gid), std::nullopt});
   index_.RemoveGroup(gid);
 }
 
-void AccountEdit::PutUser(const Account& account) {
+void AccountEdit::PutUser(const records::Account& account) {
   index_.Put(account);
-  transaction_.operations.push_back(
-      {AccountKey(AccountKind::kUser, account.user.uid), json::ToText(AccountRecordOf(account))});
+  transaction_.operations.push_back({records::AccountKey(records::AccountKind::kUser, account.user.uid),
+                                     json::ToText(records::AccountRecordOf(account))});
 }
 
 void AccountEdit::DeleteUser(std::uint32_t uid) {
   const auto found = index_.users.find(uid);
   if (found == index_.users.end()) return;
-  transaction_.operations.push_back({DeletedUserKey(uid), NameRecord(found->second.user.name)});
-  transaction_.operations.push_back({AccountKey(AccountKind::kUser, uid), std::nullopt});
+  transaction_.operations.push_back({records::DeletedUserKey(uid), NameRecord(found->second.user.name)});
+  transaction_.operations.push_back({records::AccountKey(records::AccountKind::kUser, uid), std::nullopt});
   index_.RemoveUser(uid);
-  ForgetGrants(uid);
+  DropGrantsOf(uid);
 }
 
-void AccountEdit::ForgetGrants(std::uint32_t uid) {
-  transaction_.operations.push_back({GrantsKey(kUsersKind, uid), std::nullopt});
+void AccountEdit::DropGrantsOf(std::uint32_t uid) {
+  transaction_.operations.push_back({GrantsKey(records::kUsersKind, uid), std::nullopt});
 }
 
 store::Transaction AccountEdit::Finish() && {
   Json::Value state(Json::objectValue);
   state["next_id"] = index_.next_id;
-  transaction_.compares.push_back({AccountStateKey(), index_.revision});
-  transaction_.operations.push_back({AccountStateKey(), json::ToText(state)});
+  transaction_.compares.push_back({records::AccountStateKey(), index_.revision});
+  transaction_.operations.push_back({records::AccountStateKey(), json::ToText(state)});
   return std::move(transaction_);
 }
 

@@ -1,20 +1,22 @@
 #include "host/cluster/account_groups.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace vexa::cluster {
 namespace {
 
 // "'alice', 'bob' and 3 more"
-std::string ShownNames(const std::vector<std::string>& names) {
-  constexpr std::size_t kMostShown = 10;
+std::string FormatNameList(const std::vector<std::string>& names) {
+  constexpr std::size_t kMaxListed = 10;
   std::string text;
-  for (std::size_t i = 0; i < names.size() && i < kMostShown; ++i) text += (i == 0 ? "'" : ", '") + names[i] + "'";
-  if (names.size() > kMostShown) text += " and " + std::to_string(names.size() - kMostShown) + " more";
+  for (std::size_t i = 0; i < names.size() && i < kMaxListed; ++i) text += (i == 0 ? "'" : ", '") + names[i] + "'";
+  if (names.size() > kMaxListed) text += " and " + std::to_string(names.size() - kMaxListed) + " more";
   return text;
 }
 
-const base::Group* GroupOf(const AccountIndex& accounts, const PrincipalWord& group) {
+const accounts::Group* GroupOf(const records::AccountIndex& accounts, const PrincipalNameOrId& group) {
   if (const auto* const name = std::get_if<std::string>(&group)) return accounts.FindGroup(*name);
   const auto found = accounts.groups.find(std::get<std::uint32_t>(group));
   return found == accounts.groups.end() ? nullptr : &found->second;
@@ -22,40 +24,42 @@ const base::Group* GroupOf(const AccountIndex& accounts, const PrincipalWord& gr
 
 }  // namespace
 
-Error NoGroup(const std::string& name) {
-  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name) ? "There is no group '" + name + "'"
-                                                                    : std::string("The group name is invalid"));
+Error UnknownGroup(const std::string& name) {
+  return Error(ErrorCode::kNotFound, accounts::IsValidAccountName(name) ? fmt::format("There is no group '{}'", name)
+                                                                        : std::string("The group name is invalid"));
 }
 
-Error NoGroupWithGid(std::uint32_t gid) {
-  return Error(ErrorCode::kNotFound, "There is no group with the gid " + std::to_string(gid));
+Error UnknownGid(std::uint32_t gid) {
+  return Error(ErrorCode::kNotFound, fmt::format("There is no group with the gid {}", gid));
 }
 
-std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(const AccountIndex& accounts) {
+std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(const records::AccountIndex& accounts) {
   std::unordered_map<std::uint32_t, std::vector<std::string>> members;
   for (const auto& [uid, account] : accounts.users) {
-    for (const base::Group& group : account.user.groups) members[group.gid].push_back(account.user.name);
+    for (const accounts::Group& group : account.user.groups) members[group.gid].push_back(account.user.name);
   }
   for (auto& [gid, names] : members) std::sort(names.begin(), names.end());
   return members;
 }
 
-Status PlanGroupDeletion(AccountEdit& edit, const PrincipalWord& group) {
-  const base::Group* const found = GroupOf(edit.accounts(), group);
+Status PlanGroupDeletion(AccountEdit& edit, const PrincipalNameOrId& group) {
+  const accounts::Group* const found = GroupOf(edit.accounts(), group);
   if (found == nullptr) {
-    // It may be what the damaged record is about.
-    if (Status whole = edit.CheckWhole(); !whole) return whole;
+    // The damaged record may be the group's.
+    if (Status intact = edit.CheckIntact(); !intact) return intact;
     const auto* const name = std::get_if<std::string>(&group);
-    return name != nullptr ? NoGroup(*name) : NoGroupWithGid(std::get<std::uint32_t>(group));
+    return name != nullptr ? UnknownGroup(*name) : UnknownGid(std::get<std::uint32_t>(group));
   }
-  if (found->name == base::kAdministratorsGroup || found->name == base::kUsersGroup) {
-    return Error(ErrorCode::kDenied, "The group '" + found->name + "' cannot be deleted: every cluster has it");
+  if (found->name == accounts::kAdministratorsGroup || found->name == accounts::kUsersGroup) {
+    return Error(ErrorCode::kDenied,
+                 fmt::format("The group '{}' cannot be deleted, because it is built in", found->name));
   }
-  if (Status whole = edit.CheckWhole(); !whole) return whole;
+  if (Status intact = edit.CheckIntact(); !intact) return intact;
   const auto members = MembersOfGroups(edit.accounts()).extract(found->gid);
   if (!members.empty()) {
-    return Error(ErrorCode::kDenied, "The group '" + found->name + "' has members: " + ShownNames(members.mapped()) +
-                                         ". Take them out of it with 'vexa user group' first");
+    return Error(ErrorCode::kDenied,
+                 fmt::format("The group '{}' has members: {}. Take them out of it with 'vexa user group' first",
+                             found->name, FormatNameList(members.mapped())));
   }
   edit.DeleteGroup(found->gid);
   return {};

@@ -1,4 +1,4 @@
-// Changes of the groups in the store, beside the changes that come with a user.
+// Members and deletion of the groups in the store. Changes that come with a user are in account_store.cpp.
 #pragma once
 
 #include <cstdint>
@@ -13,14 +13,14 @@
 
 namespace vexa::cluster {
 
-// kNotFound, for a name or an id that no group has.
-Error NoGroup(const std::string& name);
-Error NoGroupWithGid(std::uint32_t gid);
+// The error kNotFound for a name or an id that no group has.
+Error UnknownGroup(const std::string& name);
+Error UnknownGid(std::uint32_t gid);
 
-// The names of the users in each group, in order.
-std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(const AccountIndex& accounts);
+// The names of the users in each group, sorted; by gid. Groups without members are absent.
+std::unordered_map<std::uint32_t, std::vector<std::string>> MembersOfGroups(const records::AccountIndex& accounts);
 
-// Plans what AccountStore::DeleteGroup promises, with its errors.
-Status PlanGroupDeletion(AccountEdit& edit, const PrincipalWord& group);
+// Plans AccountStore::DeleteGroup, with its errors.
+Status PlanGroupDeletion(AccountEdit& edit, const PrincipalNameOrId& group);
 
 }  // namespace vexa::cluster

@@ -1,5 +1,6 @@
 #include "host/cluster/account_source.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,14 +17,14 @@ std::string PathIn(const std::string& data_directory) { return data_directory + 
 
 }  // namespace
 
-Status NoteAccountSource(const std::string& data_directory, AccountSource source) {
+Status SaveAccountSource(const std::string& data_directory, AccountSource source) {
   const std::string path = PathIn(data_directory);
   if (source == AccountSource::kPam) return WriteFileAtomically(path, kPam, 0600);
   if (::unlink(path.c_str()) == 0 || errno == ENOENT) return {};
-  return SystemError(ErrorCode::kInternal, "Cannot remove '" + path + "'", errno);
+  return SystemError(ErrorCode::kInternal, fmt::format("Cannot remove '{}'", path), errno);
 }
 
-AccountSource KnownAccountSource(const std::string& data_directory) {
+AccountSource LoadAccountSource(const std::string& data_directory) {
   const auto text = ReadFile(PathIn(data_directory), kMaxBytes);
   return text && *text == kPam ? AccountSource::kPam : AccountSource::kStore;
 }

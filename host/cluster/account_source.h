@@ -1,4 +1,4 @@
-// Where a host's accounts come from, as its daemon last noted: for commands that have only the data folder.
+// Where a host's accounts come from, as its daemon last recorded it: for commands that have only the data folder.
 #pragma once
 
 #include <string>
@@ -9,10 +9,11 @@ namespace vexa::cluster {
 
 enum class AccountSource { kStore, kPam };
 
-// Stores it: the file "accounts-from" in the data folder says "pam", or does not exist. Errors: those of the file.
-Status NoteAccountSource(const std::string& data_directory, AccountSource source);
+// Stores the source in the data folder: the file "accounts-from" contains "pam", or does not exist for kStore. Errors:
+// those of the file.
+Status SaveAccountSource(const std::string& data_directory, AccountSource source);
 
 // The value last stored; kStore when nothing can be read.
-AccountSource KnownAccountSource(const std::string& data_directory);
+AccountSource LoadAccountSource(const std::string& data_directory);
 
 }  // namespace vexa::cluster

@@ -1,5 +1,6 @@
 #include "host/cluster/account_store.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,107 +22,110 @@ Error Unavailable(const Error& cause) {
 }
 
 Error UnknownUser(const std::string& name) {
-  return Error(ErrorCode::kNotFound, base::IsValidAccountName(name) ? "There is no user '" + name + "'"
-                                                                    : std::string("The user name is invalid"));
+  return Error(ErrorCode::kNotFound, accounts::IsValidAccountName(name) ? fmt::format("There is no user '{}'", name)
+                                                                        : std::string("The user name is invalid"));
 }
 
-Error NoUserWithUid(std::uint32_t uid) {
-  return Error(ErrorCode::kNotFound, "There is no user with the uid " + std::to_string(uid));
+Error UnknownUid(std::uint32_t uid) {
+  return Error(ErrorCode::kNotFound, fmt::format("There is no user with the uid {}", uid));
 }
 
-// For an account that was not found: the damaged record may be about it.
-Error NotFoundOrDamaged(const AccountIndex& accounts, Error error) {
+// For an account that was not found: a damaged record may be its record.
+Error NotFoundOrDamaged(const records::AccountIndex& accounts, Error error) {
   return accounts.damage ? Unavailable(*accounts.damage) : std::move(error);
 }
 
 Status CheckNewUser(const AccountStore::NewUser& user) {
-  if (!base::IsValidAccountName(user.name)) return Error(ErrorCode::kInvalid, "A user cannot have that name");
+  if (!accounts::IsValidAccountName(user.name)) return Error(ErrorCode::kInvalid, "A user cannot have that name");
   // (uid_t)-1 means "no id" to system calls.
   if (user.uid == UINT32_MAX) return Error(ErrorCode::kInvalid, "A user cannot have that uid");
-  return base::CheckNewPassword(user.password);
+  return accounts::CheckNewPassword(user.password);
 }
 
 Status CheckGroupNames(const std::vector<std::string>& groups) {
   for (const std::string& group : groups) {
-    if (!base::IsValidAccountName(group)) return Error(ErrorCode::kInvalid, "A group cannot have that name");
+    if (!accounts::IsValidAccountName(group)) return Error(ErrorCode::kInvalid, "A group cannot have that name");
   }
   return {};
 }
 
 Result<std::uint32_t> ChooseUid(AccountEdit& edit, const AccountStore::NewUser& user) {
-  if (!user.uid) return edit.TakeId();
-  const auto is_free = edit.IsFree(AccountKind::kUser, *user.uid);
+  if (!user.uid) return edit.AllocateId();
+  const auto is_free = edit.IsFree(records::AccountKind::kUser, *user.uid);
   if (!is_free) return is_free.error();
   if (*is_free) return *user.uid;
   const std::string number = std::to_string(*user.uid);
   const auto found = edit.accounts().users.find(*user.uid);
   if (found != edit.accounts().users.end()) {
-    return Error(ErrorCode::kConflict, "The user '" + found->second.user.name + "' has the uid " + number);
+    return Error(ErrorCode::kConflict, fmt::format("The user '{}' has the uid {}", found->second.user.name, number));
   }
-  return Error(ErrorCode::kConflict,
-               "The uid " + number + " was given before, and no id is given twice: choose another one");
+  return Error(
+      ErrorCode::kConflict,
+      fmt::format("The uid {} was assigned before, and ids are never assigned again. Choose another one", number));
 }
 
 // The account that a change is about, in the state that the change replaces.
-Result<Account> AccountOf(const AccountEdit& edit, const PrincipalWord& user) {
-  const AccountIndex& accounts = edit.accounts();
+Result<records::Account> AccountOf(const AccountEdit& edit, const PrincipalNameOrId& user) {
+  const records::AccountIndex& accounts = edit.accounts();
   if (const auto* const name = std::get_if<std::string>(&user)) {
-    const Account* const found = accounts.FindUser(*name);
-    return found != nullptr ? Result<Account>(*found) : UnknownUser(*name);
+    const records::Account* const found = accounts.FindUser(*name);
+    return found != nullptr ? Result<records::Account>(*found) : UnknownUser(*name);
   }
   const std::uint32_t uid = std::get<std::uint32_t>(user);
   const auto found = accounts.users.find(uid);
   if (found != accounts.users.end()) return found->second;
-  return accounts.damaged_users.contains(uid) ? *accounts.damage : NoUserWithUid(uid);
+  return accounts.damaged_users.contains(uid) ? *accounts.damage : UnknownUid(uid);
 }
 
 // Assigns the groups to the user, creating missing ones, without duplicates and after the primary one.
-Status AssignGroups(AccountEdit& edit, const std::vector<std::string>& names, base::User& user) {
+Status AssignGroups(AccountEdit& edit, const std::vector<std::string>& names, accounts::User& user) {
   user.groups.erase(std::remove_if(user.groups.begin(), user.groups.end(),
-                                   [&](const base::Group& group) { return group.gid != user.gid; }),
+                                   [&](const accounts::Group& group) { return group.gid != user.gid; }),
                     user.groups.end());
   for (const std::string& name : names) {
-    const auto group = edit.GroupFor(name);
+    const auto group = edit.FindOrCreateGroup(name);
     if (!group) return group.error();
     const bool is_in = std::any_of(user.groups.begin(), user.groups.end(),
-                                   [&](const base::Group& own) { return own.gid == group->gid; });
+                                   [&](const accounts::Group& own) { return own.gid == group->gid; });
     if (!is_in) user.groups.push_back(*group);
   }
   return {};
 }
 
-bool IsIn(const base::User& user, std::string_view group_name) {
-  return std::ranges::any_of(user.groups, [&](const base::Group& group) { return group.name == group_name; });
+bool IsIn(const accounts::User& user, std::string_view group_name) {
+  return std::ranges::any_of(user.groups, [&](const accounts::Group& group) { return group.name == group_name; });
 }
 
-// Of two that take the last two administrators away at the same time, one is planned again and finds the other's.
-Status CheckIsNotLastAdministrator(const AccountEdit& edit, const base::User& user) {
+// Of two concurrent removals of the last two administrators, one conflicts, is planned again and is refused.
+Status CheckIsNotLastAdministrator(const AccountEdit& edit, const accounts::User& user) {
   const bool is_last = user.is_administrator && std::ranges::none_of(edit.accounts().users, [&](const auto& entry) {
                          return entry.first != user.uid && entry.second.user.is_administrator;
                        });
   if (!is_last) return {};
   return Error(
       ErrorCode::kDenied,
-      "The user '" + user.name + "' is the last one in the group 'administrators'. Put another user into it first");
+      fmt::format("The user '{}' is the last one in the group 'administrators'. Put another user into it first",
+                  user.name));
 }
 
 Status PlanNewUser(AccountEdit& edit, const AccountStore::NewUser& user, const std::string& hash) {
-  if (Status whole = edit.CheckWhole(); !whole) return whole;
-  if (const Account* taken = edit.accounts().FindUser(user.name)) {
-    return Error(ErrorCode::kConflict, "There is a user '" + taken->user.name + "' already");
+  if (Status intact = edit.CheckIntact(); !intact) return intact;
+  if (const records::Account* taken = edit.accounts().FindUser(user.name)) {
+    return Error(ErrorCode::kConflict, fmt::format("There is a user '{}' already", taken->user.name));
   }
-  if (Status made = edit.MakeWellKnownGroups(); !made) return made;
+  if (Status made = edit.EnsureWellKnownGroups(); !made) return made;
   const auto uid = ChooseUid(edit, user);
   if (!uid) return uid.error();
-  const auto primary = edit.GroupFor(std::string(base::kUsersGroup));
+  const auto primary = edit.FindOrCreateGroup(std::string(accounts::kUsersGroup));
   if (!primary) return primary.error();
-  Account account{{user.name, *uid, primary->gid, {*primary}, false}, hash};
+  records::Account account{{user.name, *uid, primary->gid, {*primary}, false}, hash};
   if (Status assigned = AssignGroups(edit, user.groups, account.user); !assigned) return assigned;
   edit.PutUser(account);
-  edit.ForgetGrants(*uid);
+  edit.DropGrantsOf(*uid);
   if (user.level == AccountStore::Level::kAdvanced) {
-    edit.transaction().operations.push_back({GuestAdminKey(GuestAdminIdentifier(kUsersKind, *uid)),
-                                             json::ToText(NewGrantRecord(user.name, kAdvancedLevel))});
+    edit.transaction().operations.push_back(
+        {records::GuestAdminKey(records::GuestAdminIdentifier(records::kUsersKind, *uid)),
+         json::ToText(records::NewGrantRecord(user.name, records::kAdvancedLevel))});
   }
   return {};
 }
@@ -131,30 +135,30 @@ Status PlanNewUser(AccountEdit& edit, const AccountStore::NewUser& user, const s
 AccountStore::AccountStore(std::shared_ptr<store::Store> store) : store_(std::move(store)) {}
 AccountStore::~AccountStore() = default;
 
-// The index of the newest state. The snapshot lives for one look-up, or while all accounts are loaded after a change.
+// The index of the latest state: the cached one, or loaded after a change. No snapshot is open while waiting.
 Result<AccountStore::Accounts> AccountStore::Current() const {
   const auto find = [this](store::Revision revision) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return current_ && current_->revision == revision ? current_ : nullptr;
   };
   {
     const auto snapshot = store_->Read();
     if (!snapshot) return Unavailable(snapshot.error());
-    const auto revision = AccountRevision(**snapshot);
+    const auto revision = records::AccountRevision(**snapshot);
     if (!revision) return Unavailable(revision.error());
     if (Accounts accounts = find(*revision)) return accounts;
   }
-  // Wait without a snapshot. The second thread finds what the first has loaded.
-  const std::lock_guard turn(load_mutex_);
+  // Wait without a snapshot. All threads but the first find the index loaded.
+  const MutexLock turn(load_mutex_);
   const auto snapshot = store_->Read();
   if (!snapshot) return Unavailable(snapshot.error());
-  const auto revision = AccountRevision(**snapshot);
+  const auto revision = records::AccountRevision(**snapshot);
   if (!revision) return Unavailable(revision.error());
   if (Accounts accounts = find(*revision)) return accounts;
-  auto loaded = LoadAccounts(**snapshot);
+  auto loaded = records::LoadAccounts(**snapshot);
   if (!loaded) return Unavailable(loaded.error());
-  const auto accounts = std::make_shared<const AccountIndex>(std::move(*loaded));
-  const std::lock_guard lock(mutex_);
+  const auto accounts = std::make_shared<const records::AccountIndex>(std::move(*loaded));
+  const MutexLock lock(mutex_);
   current_ = accounts;
   return accounts;
 }
@@ -162,94 +166,92 @@ Result<AccountStore::Accounts> AccountStore::Current() const {
 // `change` (a Status(AccountEdit&)) plans the change. It is called again after another change of an account.
 template <class Change>
 Status AccountStore::Edit(const Change& change) {
-  return CommitAccountChange(*store_, [&]() -> Result<store::Transaction> {
-    const auto snapshot = store_->Read();
-    if (!snapshot) return StoreFailure(snapshot.error());
-    auto edit = AccountEdit::Begin(**snapshot);
+  return CommitAccountChange(*store_, [&](const records::Reader& reader) -> Result<store::Transaction> {
+    auto edit = AccountEdit::Begin(reader);
     if (!edit) return edit.error();
     if (Status planned = change(*edit); !planned) return planned.error();
     return std::move(*edit).Finish();
   });
 }
 
-Result<base::User> AccountStore::FindUser(const std::string& name) const {
+Result<accounts::User> AccountStore::FindUser(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
-  if (const Account* found = (*accounts)->FindUser(name)) return found->user;
+  if (const records::Account* found = (*accounts)->FindUser(name)) return found->user;
   return NotFoundOrDamaged(**accounts, UnknownUser(name));
 }
 
-Result<base::User> AccountStore::FindUserByUid(std::uint32_t uid) const {
+Result<accounts::User> AccountStore::FindUserByUid(std::uint32_t uid) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   const auto found = (*accounts)->users.find(uid);
   if (found != (*accounts)->users.end()) return found->second.user;
   if ((*accounts)->damaged_users.contains(uid)) return Unavailable(*(*accounts)->damage);
-  return NoUserWithUid(uid);
+  return UnknownUid(uid);
 }
 
-Result<base::Group> AccountStore::FindGroup(const std::string& name) const {
+Result<accounts::Group> AccountStore::FindGroup(const std::string& name) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
-  if (const base::Group* found = (*accounts)->FindGroup(name)) return *found;
-  return NotFoundOrDamaged(**accounts, NoGroup(name));
+  if (const accounts::Group* found = (*accounts)->FindGroup(name)) return *found;
+  return NotFoundOrDamaged(**accounts, UnknownGroup(name));
 }
 
-Result<base::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
+Result<accounts::Group> AccountStore::FindGroupByGid(std::uint32_t gid) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   const auto found = (*accounts)->groups.find(gid);
   if (found != (*accounts)->groups.end()) return found->second;
   if ((*accounts)->damaged_groups.contains(gid)) return Unavailable(*(*accounts)->damage);
-  return NoGroupWithGid(gid);
+  return UnknownGid(gid);
 }
 
-Result<base::User> AccountStore::VerifyPassword(const std::string& name, const std::string& password) const {
+Result<accounts::User> AccountStore::VerifyPassword(const std::string& name, const std::string& password) const {
   const auto account = VerifyAccount(name, password);
   if (!account) return account.error();
   return account->user;
 }
 
-Result<Account> AccountStore::VerifyAccount(const std::string& name, const std::string& password) const {
+Result<records::Account> AccountStore::VerifyAccount(const std::string& name, const std::string& password) const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
-  const Account* account = (*accounts)->FindUser(name);
-  switch (base::CheckPassword(account == nullptr ? nullptr : &account->password, password)) {
-    case base::PasswordCheck::kMatches:
+  const records::Account* account = (*accounts)->FindUser(name);
+  switch (accounts::CheckPassword(account == nullptr ? nullptr : &account->password, password)) {
+    case accounts::PasswordCheck::kMatches:
       return *account;
-    case base::PasswordCheck::kDiffers: {
+    case accounts::PasswordCheck::kMismatch: {
       Error denied(ErrorCode::kDenied, "The name or the password is wrong");
       return account == nullptr ? NotFoundOrDamaged(**accounts, std::move(denied)) : denied;
     }
-    case base::PasswordCheck::kCannotTell:
+    case accounts::PasswordCheck::kUnavailable:
       break;
   }
   return Error(ErrorCode::kUnavailable, "The password cannot be checked now");
 }
 
 Status AccountStore::AddUser(const NewUser& user) {
-  if (Status possible = CheckNewUser(user); !possible) return possible;
-  if (Status possible = CheckGroupNames(user.groups); !possible) return possible;
-  const auto hash = base::HashPassword(user.password);  // only once, however often the commit is retried: hashing takes
-                                                        // long
+  if (Status valid = CheckNewUser(user); !valid) return valid;
+  if (Status valid = CheckGroupNames(user.groups); !valid) return valid;
+  // Hashing is slow, so it is not repeated when the commit is retried.
+  const auto hash = accounts::HashPassword(user.password);
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) { return PlanNewUser(edit, user, *hash); });
 }
 
-Status AccountStore::CheckSharedUid(std::uint32_t uid) {
+Status AccountStore::CheckMachineUid(std::uint32_t uid) {
   if (uid != 0 && uid != ::geteuid()) return {};
-  return Error(ErrorCode::kInvalid, "The uid " + std::to_string(uid) +
-                                        " is that of root or of the daemon, who are administrators of the machine "
-                                        "without an account. Choose another uid, or none");
+  return Error(ErrorCode::kInvalid, fmt::format("The uid {} is that of root or of the daemon, who are administrators "
+                                                "of the machine without an account. Choose another uid, or none",
+                                                uid));
 }
 
-Status AccountStore::SetPassword(const PrincipalWord& user, const std::string& password,
+Status AccountStore::SetPassword(const PrincipalNameOrId& user, const std::string& password,
                                  const std::optional<std::string>& verified_hash) {
-  if (Status possible = base::CheckNewPassword(password); !possible) return possible;
-  const auto hash = base::HashPassword(password);
+  if (Status valid = accounts::CheckNewPassword(password); !valid) return valid;
+  const auto hash = accounts::HashPassword(password);
   if (!hash) return hash.error();
   return Edit([&](AccountEdit& edit) -> Status {
-    const Result<Account> found = AccountOf(edit, user);
+    const Result<records::Account> found = AccountOf(edit, user);
     if (!found) return found.error();
     if (verified_hash && found->password != *verified_hash) {
       return Error(ErrorCode::kDenied, "The password has been changed since the old one was checked");
@@ -259,14 +261,14 @@ Status AccountStore::SetPassword(const PrincipalWord& user, const std::string& p
   });
 }
 
-Status AccountStore::SetGroups(const PrincipalWord& user, const std::vector<std::string>& groups) {
-  if (Status possible = CheckGroupNames(groups); !possible) return possible;
+Status AccountStore::SetGroups(const PrincipalNameOrId& user, const std::vector<std::string>& groups) {
+  if (Status valid = CheckGroupNames(groups); !valid) return valid;
   return Edit([&](AccountEdit& edit) -> Status {
-    Result<Account> account = AccountOf(edit, user);
+    Result<records::Account> account = AccountOf(edit, user);
     if (!account) return account.error();
-    const base::User before = account->user;
+    const accounts::User before = account->user;
     if (Status assigned = AssignGroups(edit, groups, account->user); !assigned) return assigned;
-    if (!IsIn(account->user, base::kAdministratorsGroup)) {
+    if (!IsIn(account->user, accounts::kAdministratorsGroup)) {
       if (Status other = CheckIsNotLastAdministrator(edit, before); !other) return other;
     }
     edit.PutUser(*account);
@@ -274,9 +276,9 @@ Status AccountStore::SetGroups(const PrincipalWord& user, const std::vector<std:
   });
 }
 
-Status AccountStore::DeleteUser(const PrincipalWord& user) {
+Status AccountStore::DeleteUser(const PrincipalNameOrId& user) {
   return Edit([&](AccountEdit& edit) -> Status {
-    const Result<Account> found = AccountOf(edit, user);
+    const Result<records::Account> found = AccountOf(edit, user);
     if (!found) return found.error();
     if (Status other = CheckIsNotLastAdministrator(edit, found->user); !other) return other;
     edit.DeleteUser(found->user.uid);
@@ -284,14 +286,15 @@ Status AccountStore::DeleteUser(const PrincipalWord& user) {
   });
 }
 
-Result<std::vector<base::User>> AccountStore::ListUsers() const {
+Result<std::vector<accounts::User>> AccountStore::ListUsers() const {
   const auto accounts = Current();
   if (!accounts) return accounts.error();
   if ((*accounts)->damage) return Unavailable(*(*accounts)->damage);
-  std::vector<base::User> users;
+  std::vector<accounts::User> users;
   users.reserve((*accounts)->users.size());
   for (const auto& [uid, account] : (*accounts)->users) users.push_back(account.user);
-  std::sort(users.begin(), users.end(), [](const base::User& a, const base::User& b) { return a.name < b.name; });
+  std::sort(users.begin(), users.end(),
+            [](const accounts::User& a, const accounts::User& b) { return a.name < b.name; });
   return users;
 }
 
@@ -309,7 +312,7 @@ Result<std::vector<AccountStore::GroupWithMembers>> AccountStore::ListGroups() c
   return groups;
 }
 
-Status AccountStore::DeleteGroup(const PrincipalWord& group) {
+Status AccountStore::DeleteGroup(const PrincipalNameOrId& group) {
   return Edit([&](AccountEdit& edit) { return PlanGroupDeletion(edit, group); });
 }
 

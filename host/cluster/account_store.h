@@ -10,13 +10,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 #include "host/accounts/accounts.h"
+#include "host/base/mutex.h"
 #include "host/records/account_records.h"
 #include "host/store/store.h"
 
@@ -25,79 +25,79 @@ namespace vexa::cluster {
 class AccountEdit;
 
 // A name in any case, or an id.
-using PrincipalWord = std::variant<std::string, std::uint32_t>;
+using PrincipalNameOrId = std::variant<std::string, std::uint32_t>;
 
-// Readers return kUnavailable when the store cannot be read, or when the requested account may be in a damaged record.
-// Each call checks whether an account has changed since the last one, also in other processes and on other hosts.
-// Writers commit with compares and retry, so of two that add the same name exactly one succeeds. They fail with
-// kNotFound (there is no such user or group), kUnavailable (accounts keep changing, or the store fails in any way) and
-// kCorrupt (a record is damaged). A failed change changes nothing. Callers that looked an account up before should pass
-// its id: the account with the id is changed or none, while its name may belong to another account by now.
+// Look-ups fail with kNotFound (there is no such user or group) and kUnavailable (the store cannot be read, or the
+// requested account may be in a damaged record). Each call sees all changes committed before it, in any process and on
+// any host.
+// Changes are committed with compares and retried, so of two that add the same name exactly one succeeds. They fail
+// with kNotFound (there is no such user or group), kUnavailable (accounts keep changing, or the store fails in any way)
+// and kCorrupt (a record is damaged). A failed change changes nothing. Callers that have looked an account up should
+// pass its id: its name may belong to another account by now.
 //
 // Threads: any, at the same time.
-class AccountStore : public base::AccountProvider {
+class AccountStore : public accounts::AccountProvider {
  public:
   explicit AccountStore(std::shared_ptr<store::Store> store);
   ~AccountStore() override;
 
-  Result<base::User> FindUser(const std::string& name) const override;
-  Result<base::User> FindUserByUid(std::uint32_t uid) const override;
-  Result<base::Group> FindGroup(const std::string& name) const;
-  Result<base::Group> FindGroupByGid(std::uint32_t gid) const override;
-  Result<base::User> VerifyPassword(const std::string& name, const std::string& password) const override;
-  // The same, with the hash that the password was compared with.
-  Result<Account> VerifyAccount(const std::string& name, const std::string& password) const;
+  Result<accounts::User> FindUser(const std::string& name) const override;
+  Result<accounts::User> FindUserByUid(std::uint32_t uid) const override;
+  Result<accounts::Group> FindGroup(const std::string& name) const;
+  Result<accounts::Group> FindGroupByGid(std::uint32_t gid) const override;
+  Result<accounts::User> VerifyPassword(const std::string& name, const std::string& password) const override;
+  // The same, and returns the hash that the password was compared with.
+  Result<records::Account> VerifyAccount(const std::string& name, const std::string& password) const;
 
   enum class Level { kUser, kAdvanced };
   struct NewUser {
     std::string name;
     std::string password;             // 8 to 512 bytes of UTF-8, no NUL
     std::vector<std::string> groups;  // created when missing
-    // Declares that this user id of the machines is this person on all hosts, so that each host's Unix socket
-    // recognises them. Default: our next id, even where the machine has a user of that name, because machines differ in
-    // their ids.
+    // The uid of this user on every machine, so that each host's Unix socket recognises them. Default: the cluster's
+    // next id, even when the machine has a user of that name, because machines may assign different uids.
     std::optional<std::uint32_t> uid;
     Level level = Level::kUser;
   };
   // kConflict when the name is taken, ignoring case, or the uid is or was assigned. kInvalid for an invalid name,
   // password, uid or group. The new user starts without grants, even if there were grants for the uid.
   Status AddUser(const NewUser& user);
-  // Whether somebody may declare that this user id of the machines is a user's. kInvalid for root's and for that of
-  // this process: on the Unix sockets they would turn the machine's own administrator into the user.
-  static Status CheckSharedUid(std::uint32_t uid);
+  // Whether this uid of the machines may be assigned to a user. kInvalid for the uids of root and of this process: on
+  // the Unix sockets, they stand for the machine's own administrator.
+  static Status CheckMachineUid(std::uint32_t uid);
   // kDenied when `verified_hash` is given and is no longer the user's: the password has been changed since it was
   // verified.
-  Status SetPassword(const PrincipalWord& user, const std::string& password,
+  Status SetPassword(const PrincipalNameOrId& user, const std::string& password,
                      const std::optional<std::string>& verified_hash = std::nullopt);
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
-  // stay. kDenied when nobody would be left in "administrators".
-  Status SetGroups(const PrincipalWord& user, const std::vector<std::string>& groups);
+  // stay. kDenied when no user would be left in "administrators".
+  Status SetGroups(const PrincipalNameOrId& user, const std::vector<std::string>& groups);
   // Deletes the user and their grants. The user's groups stay. Their sessions end on every host. kDenied for the last
-  // one in "administrators".
-  Status DeleteUser(const PrincipalWord& user);
-  // By name. kUnavailable when a user's record is damaged.
-  Result<std::vector<base::User>> ListUsers() const;
+  // user in "administrators".
+  Status DeleteUser(const PrincipalNameOrId& user);
+  // All users, sorted by name. kUnavailable when any record is damaged.
+  Result<std::vector<accounts::User>> ListUsers() const;
 
   struct GroupWithMembers {
-    base::Group group;
-    std::vector<std::string> members;  // names of users, in order
+    accounts::Group group;
+    std::vector<std::string> members;  // names of users, sorted
   };
-  // By name; kUnavailable as ListUsers.
+  // All groups, sorted by name. kUnavailable when any record is damaged.
   Result<std::vector<GroupWithMembers>> ListGroups() const;
-  // Deletes a group without members and what was granted to it. kDenied, with the reason, for one that has members and
-  // for "administrators" and "users", which every cluster has.
-  Status DeleteGroup(const PrincipalWord& group);
+  // Deletes a group without members, and its grants. kDenied, with the reason, for one that has members, and for
+  // "administrators" and "users", which every cluster has.
+  Status DeleteGroup(const PrincipalNameOrId& group);
 
  private:
-  using Accounts = std::shared_ptr<const AccountIndex>;
+  using Accounts = std::shared_ptr<const records::AccountIndex>;
   Result<Accounts> Current() const;
   template <class Change>
   Status Edit(const Change& change);
 
   const std::shared_ptr<store::Store> store_;
-  mutable std::mutex mutex_;  // protects only current_
-  mutable Accounts current_;
-  mutable std::mutex load_mutex_;  // one thread loads what all the others wait for
+  mutable Mutex mutex_;
+  mutable Accounts current_ VEXA_GUARDED_BY(mutex_);
+  mutable Mutex load_mutex_;  // so that one thread loads the accounts while the others wait for them
 };
 
 }  // namespace vexa::cluster

@@ -9,9 +9,8 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/records/object_edit.h"
-#include "host/records/reading.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 
@@ -32,7 +31,8 @@ constexpr char kPriority[] = "priority";
 constexpr char kText[] = "text";
 constexpr char kRequest[] = "request_id";
 
-std::string Position(std::int64_t time_us) {
+// The last segment of an entry's key: its time in 20 digits. It is also the cursor of pages.
+std::string PositionAt(std::int64_t time_us) {
   char digits[kDigits + 1];
   std::snprintf(digits, sizeof digits, "%020lld", static_cast<long long>(time_us));
   return digits;
@@ -51,7 +51,7 @@ std::string_view PositionOf(std::string_view key) {
   return IsPosition(position) ? position : std::string_view();
 }
 
-std::string TextOf(const LogEntry& entry) {
+std::string SerializeEntry(const LogEntry& entry) {
   Json::Value value(Json::objectValue);
   value[kTime] = Json::Int64{entry.time_us};
   value[kHost] = entry.host_id;
@@ -62,16 +62,18 @@ std::string TextOf(const LogEntry& entry) {
   return json::ToText(value);
 }
 
-// Cuts the texts so that the stored entry is within its bounds even where JSON escapes parts of them.
-void MakeFit(LogEntry& entry) {
-  for (std::string* name : {&entry.host_id, &entry.user, &entry.request_id}) *name = LogText(*name, kMaxNameBytes);
-  entry.text = LogText(entry.text, kMaxLogEntryBytes);
+// Truncates the strings so that the stored entry is within its limit even when JSON escapes some characters.
+void TruncateToLimit(LogEntry& entry) {
+  for (std::string* name : {&entry.host_id, &entry.user, &entry.request_id})
+    *name = SanitizeForLog(*name, kMaxNameBytes);
+  entry.text = SanitizeForLog(entry.text, kMaxLogEntryBytes);
   while (true) {
-    const std::size_t size = TextOf(entry).size() + kDigits;  // the time may still become longer
+    const std::size_t size = SerializeEntry(entry).size() + kDigits;  // the time may still become longer
     if (size <= kMaxLogEntryBytes) return;
-    // A byte of the text takes at most two, so this does not cut too much; names leave room for most of the text.
+    // A byte of the text takes at most two in JSON, so this does not cut too much; the names' limit leaves room for
+    // most of the text.
     const std::size_t surplus = (size - kMaxLogEntryBytes + 1) / 2;
-    entry.text = LogText(entry.text, entry.text.size() - surplus);
+    entry.text = SanitizeForLog(entry.text, entry.text.size() - surplus);
   }
 }
 
@@ -90,21 +92,22 @@ std::optional<LogEntry> Parse(std::string_view position, std::string_view text) 
   return entry;
 }
 
-// Adds the removal of the oldest entries: those over the limit once one more is added, and those too old at `now_us`.
+// Adds the removal of the oldest entries to `transaction`: those over the limit once one more entry is added, and those
+// older than kMaxLogAge at `now_us`.
 Status AddTrimming(const store::Snapshot& snapshot, std::int64_t now_us, store::Transaction& transaction) {
   const std::int64_t age_us = std::chrono::duration_cast<std::chrono::microseconds>(kMaxLogAge).count();
-  const std::string oldest = Position(std::max<std::int64_t>(now_us - age_us, 0));
+  const std::string oldest = PositionAt(std::max<std::int64_t>(now_us - age_us, 0));
   std::size_t count = 1;
-  std::size_t aged = 0;
-  const auto look = [&](std::string_view key, const store::ValueView&) {
+  std::size_t expired = 0;
+  const auto count_entry = [&](std::string_view key, const store::ValueView&) {
     const std::string_view position = PositionOf(key);
     if (position.empty()) return true;
     ++count;
-    if (position < oldest) ++aged;
+    if (position < oldest) ++expired;
     return true;
   };
-  if (const Status scanned = snapshot.Scan(kPrefix, look); !scanned) return scanned;
-  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), aged), kMaxTrimmedPerCommit);
+  if (const Status scanned = snapshot.Scan(kPrefix, count_entry); !scanned) return scanned;
+  std::size_t surplus = std::min(std::max(count - std::min(count, kMaxLogEntries), expired), kMaxTrimmedPerCommit);
   if (surplus == 0) return {};
   return snapshot.Scan(kPrefix, [&](std::string_view key, const store::ValueView&) {
     if (PositionOf(key).empty()) return true;
@@ -117,26 +120,24 @@ Status AddTrimming(const store::Snapshot& snapshot, std::int64_t now_us, store::
 
 Status AddLogEntry(store::Store& store, LogEntry entry) {
   if (entry.time_us < 0) return Error(ErrorCode::kInvalid, "An entry of the cluster log cannot be older than 1970");
-  MakeFit(entry);
-  return CommitPlanned(store, [&]() -> Result<store::Transaction> {
-    const auto snapshot = store.Read();
-    if (!snapshot) return snapshot.error();
-    std::string key = EntryKey(Position(entry.time_us));
+  TruncateToLimit(entry);
+  return records::CommitWithRetry(store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+    std::string key = EntryKey(PositionAt(entry.time_us));
     while (true) {
-      const auto taken = (*snapshot)->Get(key);
+      const auto taken = reader.Get(key);
       if (!taken) return taken.error();
       if (!taken->has_value()) break;
-      key = EntryKey(Position(++entry.time_us));
+      key = EntryKey(PositionAt(++entry.time_us));
     }
     store::Transaction transaction;
-    if (const Status trimmed = AddTrimming(**snapshot, entry.time_us, transaction); !trimmed) return trimmed.error();
+    if (const Status trimmed = AddTrimming(reader, entry.time_us, transaction); !trimmed) return trimmed.error();
     transaction.compares.push_back({key, 0});
-    transaction.operations.push_back({key, TextOf(entry)});
+    transaction.operations.push_back({key, SerializeEntry(entry)});
     return transaction;
   });
 }
 
-Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
+Result<LogPage> ReadLog(const records::Reader& reader, const std::string& cursor, std::size_t limit) {
   if (!cursor.empty() && !IsPosition(cursor)) {
     return Error(ErrorCode::kInvalid, "This is not a cursor of the cluster log");
   }
@@ -146,8 +147,7 @@ Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
     std::string_view text;
   };
   std::deque<Found> found;  // the newest entries seen so far, and one more
-  const CallScope scope;    // the texts live as long as its snapshot
-  const Status scanned = ScanValues(kPrefix, [&](std::string_view key, const store::ValueView& value) {
+  const Status scanned = reader.Scan(kPrefix, [&](std::string_view key, const store::ValueView& value) {
     const std::string_view position = PositionOf(key);
     if (position.empty()) return true;
     if (!cursor.empty() && position >= cursor) return false;
@@ -168,12 +168,12 @@ Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
   return page;
 }
 
-Result<std::vector<LogEntry>> ReadLogAfter(std::int64_t after_us, std::size_t limit) {
+Result<std::vector<LogEntry>> ReadLogAfter(const records::Reader& reader, std::int64_t after_us, std::size_t limit) {
   if (after_us < 0) return Error(ErrorCode::kInvalid, "No entry of the cluster log is older than 1970");
   limit = std::clamp<std::size_t>(limit, 1, kMaxLogPage);
-  const std::string after = Position(after_us);
+  const std::string after = PositionAt(after_us);
   std::vector<LogEntry> entries;
-  const Status scanned = ScanValues(kPrefix, [&](std::string_view key, const store::ValueView& value) {
+  const Status scanned = reader.Scan(kPrefix, [&](std::string_view key, const store::ValueView& value) {
     const std::string_view position = PositionOf(key);
     if (position.empty() || position <= after) return true;
     if (std::optional<LogEntry> parsed = Parse(position, value.text)) entries.push_back(*std::move(parsed));

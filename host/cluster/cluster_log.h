@@ -1,10 +1,10 @@
-// The cluster log: what happened to the cluster's guests, in the users' words. VexaCCC::ClusterLogAdd writes it.
+// The cluster log: sentences for users about what happened to the cluster's guests. VexaCCC::ClusterLogAdd writes it.
 //
 //   /log/<microseconds since 1970, 20 digits>   {"host_id", "priority", "request_id", "text", "time_us", "user"}
 //
-// An entry is at most 4 KiB. The log keeps the newest 10,000 entries of the last year; adding an entry removes older
-// ones, judged by that entry's time. Two entries never share a key, whichever hosts write them: the later one takes the
-// next microsecond.
+// An entry is at most 4 KiB. The log keeps at most 10,000 entries: adding one removes the oldest ones beyond that, and
+// those more than a year older than the new one. Two entries never share a key, whichever hosts write them: the later
+// one takes the next free microsecond.
 //
 // Threads: any, at the same time.
 #pragma once
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/records/reader.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {
@@ -34,8 +35,8 @@ struct LogEntry {
   std::string request_id;  // empty: not part of a request
 };
 
-// Adds an entry for its time, or for the first free microsecond after it. Texts are sanitised: one line, valid UTF-8,
-// cut where they are too long.
+// Adds an entry at its time, or at the first free microsecond after it. Its strings are sanitised: one line, valid
+// UTF-8, truncated when they are too long.
 // Errors: those of the store; kConflict when the log keeps changing; kInvalid for a time before 1970.
 Status AddLogEntry(store::Store& store, LogEntry entry);
 
@@ -47,11 +48,11 @@ struct LogPage {
 // The newest entries before `cursor`, or of the whole log when it is empty; at most `limit` (1 to kMaxLogPage) of them.
 // Invalid entries are left out. A cursor stays valid whatever is added or trimmed.
 // Errors: kInvalid for a cursor that was not returned by a page; those of the store.
-Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit);
+Result<LogPage> ReadLog(const records::Reader& reader, const std::string& cursor, std::size_t limit);
 
-// For following the log: the entries later than `after_us`, oldest first, at most `limit` (1 to kMaxLogPage) of them.
-// Invalid entries are left out. A host whose clock is behind may add an entry before one that was already read.
+// For following the log, returns the entries later than `after_us`, oldest first, at most `limit` (1 to kMaxLogPage) of
+// them. Invalid entries are left out. A host whose clock is behind may add an entry before one that was already read.
 // Errors: kInvalid for a time before 1970; those of the store.
-Result<std::vector<LogEntry>> ReadLogAfter(std::int64_t after_us, std::size_t limit);
+Result<std::vector<LogEntry>> ReadLogAfter(const records::Reader& reader, std::int64_t after_us, std::size_t limit);
 
 }  // namespace vexa::cluster

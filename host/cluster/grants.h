@@ -1,10 +1,10 @@
-// Grants: which guests a user or group may use, and whether they are advanced (host/records/guest_admin.h has the
+// Grants: which guests a principal (a user or a group) may use, and its level (host/records/guest_admin.h has the
 // records).
 //
-// A change is planned on one snapshot and committed with compares, so that other writers lose nothing. A record that
-// was given to somebody of another name is not changed, only dropped.
+// A change is planned on one snapshot and committed with compares, so that other writers lose nothing. A record of
+// another principal name cannot be changed, only dropped.
 //
-// Errors of all that change something: kUnavailable when the store fails in any way. Readers return what it says.
+// Errors of all changes: kUnavailable when the store fails in any way. Readers return the store's errors.
 // Threads: any, at the same time.
 #pragma once
 
@@ -24,50 +24,51 @@ namespace vexa::cluster {
 enum class GrantLevel { kUser, kAdvanced };
 
 // "user" or "advanced".
-std::string_view WordOf(GrantLevel level);
+std::string_view GrantLevelName(GrantLevel level);
 
-// Whom a grant is for, as the look-up found them.
+// The principal of a grant, as found by the look-up.
 struct GrantPrincipal {
-  AccountKind kind = AccountKind::kUser;
+  records::AccountKind kind = records::AccountKind::kUser;
   std::uint32_t id = 0;
-  std::string name;          // as it was created, or as the name service writes it
-  store::Revision seen = 0;  // of the store, before the look-up
+  std::string name;          // as it was created, or as the name service spells it
+  store::Revision seen = 0;  // the store's revision before the look-up; see RevisionBeforeLookup
 };
 
 // Searches the accounts of the cluster. kNotFound when no account matches; kUnavailable when they cannot be read.
-Result<GrantPrincipal> FindPrincipal(const AccountStore& accounts, const store::Store& store, AccountKind kind,
-                                     const PrincipalWord& word);
+Result<GrantPrincipal> FindPrincipal(const AccountStore& accounts, const store::Store& store, records::AccountKind kind,
+                                     const PrincipalNameOrId& name_or_id);
 
-// Among the users and groups of this machine (NSS). The same errors. May wait for the name service.
-Result<GrantPrincipal> FindSystemPrincipal(AccountKind kind, const PrincipalWord& word);
+// Searches the users and groups of this machine (NSS). The same errors. May wait for the name service.
+Result<GrantPrincipal> FindSystemPrincipal(records::AccountKind kind, const PrincipalNameOrId& name_or_id);
 
-// What was granted to somebody.
+// What was granted to a principal.
 struct GrantRecord {
-  AccountKind kind = AccountKind::kUser;
+  records::AccountKind kind = records::AccountKind::kUser;
   std::uint32_t id = 0;
-  std::string name;  // whom it was given to; empty in records of older versions
+  std::string name;  // the principal's name when the grants were made; empty in records of older versions
   GrantLevel level = GrantLevel::kUser;
-  std::vector<std::string> guest_ids;  // in order
+  std::vector<std::string> guest_ids;  // sorted
 };
 
-// The following three refuse with kDenied when the record was given to another name, kCorrupt when it cannot be
-// understood, and kNotFound when the principal was deleted since it was looked up. The record stays as it is then.
+// The following three functions fail with kDenied when the record belongs to another name, kCorrupt when it is damaged,
+// and kNotFound when the principal was deleted after it was looked up. The record is then unchanged.
 
-// Ids are UUIDs in any case.
+// `guest_ids` are UUIDs in any case.
 Status GrantGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
-// The same; removes an id in whatever case the record has it. A guest that is not granted is not an error.
+// Removes the ids from the record, ignoring case. A guest that is not granted is not an error.
 Status RevokeGuests(store::Store& store, const GrantPrincipal& principal, const std::vector<std::string>& guest_ids);
 Status SetGrantLevel(store::Store& store, const GrantPrincipal& principal, GrantLevel level);
 
-// Removes the record of the id, also when the account no longer exists. No record is not an error.
-Status DropGrants(store::Store& store, AccountKind kind, std::uint32_t id);
+// Removes the record of the id, even when the account no longer exists. A missing record is not an error.
+Status DropGrants(store::Store& store, records::AccountKind kind, std::uint32_t id);
 
-// Nothing when there is no record. kCorrupt when it cannot be understood.
-Result<std::optional<GrantRecord>> ReadGrants(const store::Snapshot& snapshot, AccountKind kind, std::uint32_t id);
+// Not set: there is no record. kCorrupt when it is damaged.
+Result<std::optional<GrantRecord>> ReadGrants(const store::Snapshot& snapshot, records::AccountKind kind,
+                                              std::uint32_t id);
 
 struct AllGrants {
   std::vector<GrantRecord> records;  // users first, each kind in the order of the store's keys
-  std::vector<std::string> damaged;  // identifiers of records that cannot be understood, such as "users-1026"
+  std::vector<std::string> damaged;  // identifiers of damaged records, such as "users-1026"
 };
 // The records of all users and groups.
 Result<AllGrants> ReadAllGrants(const store::Snapshot& snapshot);

@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_ha.h"
 
@@ -35,7 +35,7 @@ Json::Value HostItem(const Json::Value& host) {
   return item;
 }
 
-// The shortages that at least one host has.
+// The shortages of resources that at least one host has.
 Json::Value WarningsOf(const Json::Value& group) {
   Json::Value result(Json::objectValue);
   const Json::Value& warn = json::Member(group, "warn");
@@ -46,7 +46,11 @@ Json::Value WarningsOf(const Json::Value& group) {
   return result;
 }
 
-Result<Record> ReadGroup(const std::string& id) { return ReadObject(kHaGroup.name(), id); }
+Result<records::Record> ReadGroup(const std::string& id) {
+  const auto reader = records::ReaderOfRequest();
+  if (!reader) return reader.error();
+  return (*reader)->ReadObject(kHaGroup.name(), id);
+}
 
 }  // namespace
 
@@ -85,7 +89,7 @@ int haErrorGet(const std::string& group_id, HA_FAIL_REASON& code) {
 namespace DB::HostState {
 
 std::string toString(int bit) {
-  // Bits 0 to 2 also concern a host that only holds the repository.
+  // Bits 0 to 2 also concern a host that only provides the repository.
   constexpr std::array kNames{"offline_storage", "degraded_storage", "unstable_network", "upgrading",
                               "stopped_service"};
   if (bit < 0 || bit >= static_cast<int>(kNames.size())) return {};

@@ -1,6 +1,7 @@
 #include "host/cluster/host_claim.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -26,10 +27,10 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using std::chrono::system_clock;
 
-constexpr milliseconds kMaxRecheckPause{250};
+constexpr milliseconds kMaxRecheckInterval{250};
 
-bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
-  if (json::TextMember(claim, "place") != identity.place) return false;
+bool IsSameMachine(const Json::Value& claim, const ClaimIdentity& identity) {
+  if (json::StringMember(claim, "place") != identity.data_folder_id) return false;
   const Json::Value& addresses = json::Member(claim, "addresses");
   const auto& known = json::Elements(addresses);
   if (identity.addresses.empty() || known.empty()) return true;
@@ -41,41 +42,43 @@ bool IsOfMachine(const Json::Value& claim, const ClaimIdentity& identity) {
 
 Error RemovedHostError(const std::string& host_id, const Json::Value& claim) {
   const Json::Value& forgotten = json::Member(claim, "forgotten");
-  return Error(ErrorCode::kDenied,
-               "This host, '" + host_id + "', was removed from the cluster by " + json::TextMember(forgotten, "by") +
-                   " at " +
-                   TimeText(std::chrono::system_clock::from_time_t(json::Int64(json::Member(forgotten, "time")))) +
-                   ": remove the file 'host-id' from the data folder to join as a new host, or start vexad once with "
-                   "--take-host-id to come back as this one");
+  return Error(
+      ErrorCode::kDenied,
+      fmt::format("This host, '{}', was removed from the cluster by {} at {}. Remove the file 'host-id' from the data "
+                  "folder to join as a new host, or start vexad once with --take-host-id to come back as this one",
+                  host_id, json::StringMember(forgotten, "by"),
+                  FormatUtcTime(std::chrono::system_clock::from_time_t(json::Int64(json::Member(forgotten, "time"))))));
 }
 
 Error OtherMachineError(const std::string& host_id, const Json::Value& claim) {
-  return Error(ErrorCode::kDenied,
-               "The host id '" + host_id + "' belongs to the machine '" + json::TextMember(claim, "name") +
-                   "', and this data folder is a copy of its: remove the file 'host-id' from the data folder to join "
-                   "the cluster as a new host. If this machine has replaced that one, which is off for good, start "
-                   "vexad once with --take-host-id");
+  return Error(
+      ErrorCode::kDenied,
+      fmt::format("The host id '{}' belongs to the machine '{}', and this data folder is a copy of that machine's. "
+                  "Remove the file 'host-id' from the data folder to join the cluster as a new host. If this machine "
+                  "has replaced that one, which is off for good, start vexad once with --take-host-id",
+                  host_id, json::StringMember(claim, "name")));
 }
 
 Error LiveDaemonError(const std::string& host_id, const Json::Value& claim) {
-  return Error(ErrorCode::kDenied, "Another vexad on the machine '" + json::TextMember(claim, "name") +
-                                       "' has the host id '" + host_id +
-                                       "' and gives signs of life: stop it first, or remove the file "
-                                       "'host-id' from the data folder to join the cluster as a new host");
+  return Error(
+      ErrorCode::kDenied,
+      fmt::format("Another vexad on the machine '{}' holds the host id '{}' and still sends heartbeats. Stop it "
+                  "first, or remove the file 'host-id' from the data folder to join the cluster as a new host",
+                  json::StringMember(claim, "name"), host_id));
 }
 
 }  // namespace
 
-Result<std::string> PlaceOf(const std::string& path) {
+Result<std::string> FileInstanceId(const std::string& path) {
   struct statx found {};
   if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME, &found) != 0) {
-    return SystemError(ErrorCode::kInternal, "Cannot examine '" + path + "'", errno);
+    return SystemError(ErrorCode::kInternal, fmt::format("Cannot examine '{}'", path), errno);
   }
-  std::string place = std::to_string(found.stx_ino);
+  std::string id = std::to_string(found.stx_ino);
   if (found.stx_mask & STATX_BTIME) {
-    place += "-" + std::to_string(found.stx_btime.tv_sec) + "." + std::to_string(found.stx_btime.tv_nsec);
+    id += "-" + std::to_string(found.stx_btime.tv_sec) + "." + std::to_string(found.stx_btime.tv_nsec);
   }
-  return place;
+  return id;
 }
 
 std::string BootId() {
@@ -85,36 +88,40 @@ std::string BootId() {
   return *text;
 }
 
-// Nothing to commit: check again after `wait`.
-Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, milliseconds& wait) {
+// The transaction that claims the id. Empty: another daemon may be alive. Plan again after `wait`; if the heartbeat has
+// not changed by then, that daemon has stopped. `heartbeat_revision_before` is 0 at first; it receives the revision of
+// that heartbeat.
+Result<store::Transaction> HostClaim::PlanClaim(store::Revision& heartbeat_revision_before, milliseconds& wait) {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
-  const std::string key = HostClaimKey(options_.host_id);
-  const std::string seen_key = MemberKey(VexaCCC::DB::DashCate::Host.name(), options_.host_id, "seen");
-  Result<StoredObject> claim = LoadObject(**snapshot, key);
+  const std::string key = records::HostClaimKey(options_.host_id);
+  const std::string heartbeat_key = records::MemberKey(VexaCCC::DB::DashCate::Host.name(), options_.host_id, "seen");
+  Result<records::StoredObject> claim = records::LoadObject(**snapshot, key);
   if (!claim) return claim.error();
-  const auto seen = LoadObject(**snapshot, seen_key);
-  if (!seen && seen.error().code() != ErrorCode::kCorrupt) return seen.error();
-  const store::Revision seen_revision = seen ? seen->revision : 0;
+  const auto heartbeat = records::LoadObject(**snapshot, heartbeat_key);
+  if (!heartbeat && heartbeat.error().code() != ErrorCode::kCorrupt) return heartbeat.error();
+  const store::Revision heartbeat_revision = heartbeat ? heartbeat->revision : 0;
   // A claim without a token was created by another host that took guests from a host of an older version.
-  const bool is_new = json::TextMember(claim->record, "token").empty() && !IsForgotten(claim->record);
-  const bool is_same = is_new || IsOfMachine(claim->record, options_.identity);
+  const bool is_new = json::StringMember(claim->record, "token").empty() && !records::IsForgotten(claim->record);
+  const bool is_same = is_new || IsSameMachine(claim->record, options_.identity);
   const bool is_same_boot =
-      is_same && !options_.identity.boot.empty() && json::TextMember(claim->record, "boot") == options_.identity.boot;
-  if (IsForgotten(claim->record) && !options_.take_over) return RemovedHostError(options_.host_id, claim->record);
+      is_same && !options_.identity.boot.empty() && json::StringMember(claim->record, "boot") == options_.identity.boot;
+  if (records::IsForgotten(claim->record) && !options_.take_over)
+    return RemovedHostError(options_.host_id, claim->record);
   if (!is_same && !options_.take_over) return OtherMachineError(options_.host_id, claim->record);
-  const bool may_be_alive = !is_new && !is_same_boot && !json::Bool(json::Member(claim->record, "released")) && seen &&
-                            IsSignOfLife(seen->record, system_clock::now());
-  if (may_be_alive && judged_seen == 0) {
-    judged_seen = seen_revision;
+  const bool may_be_alive = !is_new && !is_same_boot && !json::Bool(json::Member(claim->record, "released")) &&
+                            heartbeat && records::IsRecentHeartbeat(heartbeat->record, system_clock::now());
+  if (may_be_alive && heartbeat_revision_before == 0) {
+    heartbeat_revision_before = heartbeat_revision;
     wait = options_.window;
     return store::Transaction();
   }
-  if (may_be_alive && judged_seen != seen_revision) return LiveDaemonError(options_.host_id, claim->record);
-  const std::uint64_t incarnation = FenceClaim(claim->record);
+  if (may_be_alive && heartbeat_revision_before != heartbeat_revision)
+    return LiveDaemonError(options_.host_id, claim->record);
+  const std::uint64_t incarnation = records::AdvanceIncarnation(claim->record);
   if (!is_same_boot) claim->record["booted"] = static_cast<Json::UInt64>(incarnation);
   claim->record["token"] = token_;
-  claim->record["place"] = options_.identity.place;
+  claim->record["place"] = options_.identity.data_folder_id;
   // If the network cards cannot be read this time, the addresses read earlier are kept.
   if (!is_same || !options_.identity.addresses.empty()) {
     claim->record["addresses"] = Json::Value(Json::arrayValue);
@@ -122,15 +129,15 @@ Result<store::Transaction> HostClaim::PlanTake(store::Revision& judged_seen, mil
   }
   claim->record["boot"] = options_.identity.boot;
   claim->record["name"] = options_.identity.name;
-  claim->record["since"] = SecondsOf(system_clock::now());
+  claim->record["since"] = ToUnixSeconds(system_clock::now());
   claim->record.removeMember("released");
   claim->record.removeMember("forgotten");
   incarnation_ = incarnation;
-  booted_ = BootedIncarnationOf(claim->record);
+  booted_ = records::FirstIncarnationSinceBoot(claim->record);
   store::Transaction transaction;
-  PutObject(transaction, key, *claim);
-  // A sign of life from now on comes from another daemon.
-  if (may_be_alive) transaction.compares.push_back({seen_key, seen_revision});
+  records::PutObject(transaction, key, *claim);
+  // A heartbeat that is written after the snapshot comes from another daemon.
+  if (may_be_alive) transaction.compares.push_back({heartbeat_key, heartbeat_revision});
   return transaction;
 }
 
@@ -138,20 +145,21 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
   Result<std::string> token = RandomUuid();
   if (!token) return token.error();
   std::shared_ptr<HostClaim> claim(new HostClaim(std::move(options), std::move(*token)));
-  store::Revision judged_seen = 0;
-  for (int tries = 0; tries < kCommitTries;) {
+  store::Revision heartbeat_revision_before = 0;
+  for (int attempts = 0; attempts < records::kMaxCommitAttempts;) {
     milliseconds wait{0};
-    const auto plan = claim->PlanTake(judged_seen, wait);
+    const auto plan = claim->PlanClaim(heartbeat_revision_before, wait);
     if (!plan) return plan.error();
     if (plan->operations.empty()) {
-      ::syslog(LOG_INFO, "The host id %s was in use a moment ago: waiting for up to %lld s to see whether it still is.",
+      ::syslog(LOG_INFO, "The host id %s was in use recently. Waiting up to %lld s for another heartbeat.",
                claim->options_.host_id.c_str(),
                static_cast<long long>(std::chrono::ceil<std::chrono::seconds>(wait).count()));
       const auto end = steady_clock::now() + wait;
       while (steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::min(wait, kMaxRecheckPause));
-        milliseconds again{0};
-        if (const auto looked = claim->PlanTake(judged_seen, again); !looked) return looked.error();
+        std::this_thread::sleep_for(std::min(wait, kMaxRecheckInterval));
+        milliseconds unused_wait{0};
+        if (const auto planned = claim->PlanClaim(heartbeat_revision_before, unused_wait); !planned)
+          return planned.error();
       }
       continue;
     }
@@ -161,66 +169,77 @@ Result<std::shared_ptr<HostClaim>> HostClaim::Take(ClaimOptions options) {
       return claim;
     }
     if (committed.error().code() != ErrorCode::kConflict) {
-      if (claim->GoOnUnwritten(committed.error())) return claim;
+      if (claim->AdoptStoredClaim(committed.error())) return claim;
       return committed.error();
     }
-    ++tries;
+    ++attempts;
   }
   return Error(ErrorCode::kConflict, "The claim of this host's id keeps changing: is another vexad starting with it?");
 }
 
-store::Compare HostClaim::Guard() const { return {HostClaimKey(options_.host_id), revision_}; }
+store::Compare HostClaim::Guard() const { return {records::HostClaimKey(options_.host_id), revision_}; }
 
-// No other process can have the claim of this machine: the data folder is locked.
-bool HostClaim::GoOnUnwritten(const Error& error) {
+// Called when the claim cannot be written. If the stored claim is this machine's, continues under it and returns true.
+// No other process can use it: the data folder of this machine is locked.
+bool HostClaim::AdoptStoredClaim(const Error& error) {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return false;
-  const Result<StoredObject> claim = LoadObject(**snapshot, HostClaimKey(options_.host_id));
-  if (!claim || claim->revision == 0 || !IsOfMachine(claim->record, options_.identity)) return false;
+  const Result<records::StoredObject> claim = records::LoadObject(**snapshot, records::HostClaimKey(options_.host_id));
+  if (!claim || claim->revision == 0 || !IsSameMachine(claim->record, options_.identity)) return false;
   ::syslog(LOG_ERR, "The claim of this host's id cannot be written. The existing claim is used: %s",
            error.ToString().c_str());
-  token_ = json::TextMember(claim->record, "token");
-  incarnation_ = IncarnationOf(claim->record);
-  booted_ = BootedIncarnationOf(claim->record);
+  token_ = json::StringMember(claim->record, "token");
+  incarnation_ = records::IncarnationOf(claim->record);
+  booted_ = records::FirstIncarnationSinceBoot(claim->record);
   revision_ = claim->revision;
   return true;
 }
 
-Result<Standing> HostClaim::Look() const {
+Result<ClaimState> HostClaim::ReadClaimState() const {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
-  const Result<StoredObject> claim = LoadObject(**snapshot, HostClaimKey(options_.host_id));
+  return ReadClaimState(**snapshot);
+}
+
+Result<ClaimState> HostClaim::ReadClaimState(const store::Snapshot& snapshot) const {
+  const Result<records::StoredObject> claim = records::LoadObject(snapshot, records::HostClaimKey(options_.host_id));
   if (!claim && claim.error().code() != ErrorCode::kCorrupt) return claim.error();
-  if (!claim || json::TextMember(claim->record, "token") != token_ || IsForgotten(claim->record))
-    return Standing::kLost;
-  return claim->revision == revision_ ? Standing::kHeld : Standing::kFenced;
+  if (!claim || json::StringMember(claim->record, "token") != token_ || records::IsForgotten(claim->record))
+    return ClaimState::kLost;
+  return claim->revision == revision_ ? ClaimState::kHeld : ClaimState::kFenced;
 }
 
 Status HostClaim::Check() const {
-  const Result<Standing> standing = Look();
-  if (!standing) return standing.error();
-  if (*standing == Standing::kHeld) return {};
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return snapshot.error();
+  return Check(**snapshot);
+}
+
+Status HostClaim::Check(const store::Snapshot& snapshot) const {
+  const Result<ClaimState> claim_state = ReadClaimState(snapshot);
+  if (!claim_state) return claim_state.error();
+  if (*claim_state == ClaimState::kHeld) return {};
   return Error(
       ErrorCode::kDenied,
-      "Other hosts considered this host gone meanwhile, and it has not yet settled which guests were taken from it");
+      "Other hosts considered this host gone meanwhile, and it has not yet stopped the guests that were taken from it");
 }
 
 Status HostClaim::Renew() {
-  const std::string key = HostClaimKey(options_.host_id);
-  for (int tries = 0; tries < kCommitTries; ++tries) {
+  const std::string key = records::HostClaimKey(options_.host_id);
+  for (int attempt = 0; attempt < records::kMaxCommitAttempts; ++attempt) {
     const auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
-    Result<StoredObject> claim = LoadObject(**snapshot, key);
+    Result<records::StoredObject> claim = records::LoadObject(**snapshot, key);
     if (!claim) return claim.error();
-    if (IsForgotten(claim->record)) return RemovedHostError(options_.host_id, claim->record);
-    if (json::TextMember(claim->record, "token") != token_) return OtherMachineError(options_.host_id, claim->record);
-    // Guests that were taken while the others were being settled come first.
-    const auto left = (*snapshot)->Children(store::MakeKey({"fence", options_.host_id}));
+    if (records::IsForgotten(claim->record)) return RemovedHostError(options_.host_id, claim->record);
+    if (json::StringMember(claim->record, "token") != token_) return OtherMachineError(options_.host_id, claim->record);
+    // Guests that were taken while this host stopped the others must be stopped first.
+    const auto left = (*snapshot)->Children(records::FencesPrefix(options_.host_id));
     if (!left) return left.error();
     if (!left->empty()) return Error(ErrorCode::kBusy, "More guests were taken from this host meanwhile");
-    const std::uint64_t incarnation = FenceClaim(claim->record);
+    const std::uint64_t incarnation = records::AdvanceIncarnation(claim->record);
     store::Transaction transaction;
-    PutObject(transaction, key, *claim);
+    records::PutObject(transaction, key, *claim);
     const Result<store::Revision> committed = options_.store->Commit(transaction);
     if (committed) {
       incarnation_ = incarnation;
@@ -235,14 +254,14 @@ Status HostClaim::Renew() {
 Status HostClaim::Release() {
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
-  const std::string key = HostClaimKey(options_.host_id);
-  Result<StoredObject> claim = LoadObject(**snapshot, key);
+  const std::string key = records::HostClaimKey(options_.host_id);
+  Result<records::StoredObject> claim = records::LoadObject(**snapshot, key);
   if (!claim) return claim.error();
-  if (json::TextMember(claim->record, "token") != token_) return {};
+  if (json::StringMember(claim->record, "token") != token_) return {};
   const bool is_held = claim->revision == revision_;
   claim->record["released"] = true;
   store::Transaction transaction;
-  PutObject(transaction, key, *claim);
+  records::PutObject(transaction, key, *claim);
   const Result<store::Revision> committed = options_.store->Commit(transaction);
   if (!committed) return committed.error();
   if (is_held) revision_ = *committed;

@@ -6,23 +6,22 @@
 //   /dash/host/<host id>/nics/<nic id>   {"name", "mac_address"}
 //   /dash/host/<host id>/seen            {"time" (Unix seconds)}
 //
-// Members that others put into the first two are kept. Interfaces that disappear keep their record: a cable or a driver
-// may come back, and other records refer to the id.
+// Members that other writers add to the first two are kept. Interfaces that disappear keep their record: a cable or a
+// driver may come back, and other records refer to the id.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "host/base/mutex.h"
 #include "host/base/result.h"
 #include "host/cluster/host_claim.h"
-#include "host/records/host_life.h"
+#include "host/records/host_liveness.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {
@@ -34,6 +33,7 @@ struct HostNic {
   bool operator==(const HostNic&) const = default;
 };
 
+// What is stored about a host. Values that could not be read are 0 or empty.
 struct HostFacts {
   std::string host_id;
   std::string name;
@@ -45,7 +45,8 @@ struct HostFacts {
   std::uint64_t ram_kib = 0;
   std::string version;
   std::string package_version;  // of the hypervisor; empty: unknown, and the member is removed
-  // The host's own assessment, a text of VexaCCC::State::Host. Empty: unchanged, or "running" when it was inaccessible.
+  // The host's own assessment, a value of VexaCCC::State::Host. Empty: unchanged, or "running" when it was
+  // inaccessible.
   std::string state;
   std::vector<HostNic> nics;
   bool operator==(const HostFacts&) const = default;
@@ -62,67 +63,70 @@ struct HostTimes {
   std::chrono::system_clock::time_point now;
 };
 
-// The same for a host that has been running for a while: a state set by others is kept, unless it is "inaccessible".
+// The same for a host that has registered before: a state that others set is kept, unless it is "inaccessible".
 Status UpdateHost(store::Store& store, const HostFacts& facts, const HostTimes& times,
                   const HostClaim* claim = nullptr);
 
-// Records a sign of life. Only the key "seen" changes, unless the record says "inaccessible": then its state becomes
+// Writes a heartbeat. Only the key "seen" changes, unless the record says "inaccessible": then its state becomes
 // `state`, or "running" when `state` is empty. kNotFound, and nothing is written, when the host has no record.
-Status TouchHost(store::Store& store, const std::string& host_id, std::chrono::system_clock::time_point now,
-                 const std::string& state = "", const HostClaim* claim = nullptr);
+Status WriteHeartbeat(store::Store& store, const std::string& host_id, std::chrono::system_clock::time_point now,
+                      const std::string& state = "", const HostClaim* claim = nullptr);
 
 // Sets the state to "inaccessible"; does nothing when the host has no record.
-Status LeaveHost(store::Store& store, const std::string& host_id, const HostClaim* claim = nullptr);
+Status SignOffHost(store::Store& store, const std::string& host_id, const HostClaim* claim = nullptr);
 
-// What a host knows about itself now. Values that cannot be read are 0 or empty.
+// Returns what the host knows about itself now.
 using GatherFacts = std::function<HostFacts()>;
 
-struct PresenceOptions {
-  std::chrono::milliseconds interval = kPresenceInterval;
-  // Null: this host writes its record no matter who else does.
+struct HeartbeatOptions {
+  std::chrono::milliseconds interval = records::kHeartbeatInterval;
+  // Null: this host writes its record without checking whether another daemon has the host id.
   std::shared_ptr<HostClaim> claim{};
-  // Guests were taken from this host while it was gone: ends their machines. False: not all of them yet. Until it is
-  // true, nothing is written, and the host stays gone for the others.
-  std::function<bool()> settle_fenced{};
-  // The claim is lost for good: this host must stop. Called once.
+  // Stops the guests that were taken from this host while it was gone. False while some still run: nothing is written
+  // then, so this host stays gone for the other hosts. Null: there is nothing to stop.
+  std::function<bool()> stop_fenced_guests{};
+  // Called once when the claim is lost for good: this host must stop. `reason` is a sentence.
   std::function<void(const std::string& reason)> on_lost{};
 };
 
-// Keeps the record current while it lives: registers the host, and signs off at the end. At every interval it gathers
-// the facts and writes them when they have changed or the record has disappeared; otherwise it only records a sign of
-// life. A new clock speed alone does not count as a change, because many machines report the momentary one, which
+// Keeps the host's record current while it lives: registers the host, and signs it off at the end. At every interval it
+// gathers the facts and writes them when they have changed or the record has disappeared; otherwise it only writes a
+// heartbeat. A new clock speed alone does not count as a change, because many machines report the current one, which
 // always differs. Values that cannot be read stay as they were. Failures are logged and retried at the next interval: a
 // full disk does not keep a host from serving.
-// Threads: it has one of its own; constructed and destroyed by one thread. `gather` runs in the constructor, then on
-// that thread.
-class HostPresence {
+// Threads: one thread constructs and destroys it; it has a thread of its own. `gather` and the callbacks run in the
+// constructor, then on its own thread.
+class HostHeartbeat {
  public:
-  HostPresence(std::shared_ptr<store::Store> store, GatherFacts gather, PresenceOptions options = {});
-  ~HostPresence();
-  HostPresence(const HostPresence&) = delete;
-  HostPresence& operator=(const HostPresence&) = delete;
+  HostHeartbeat(std::shared_ptr<store::Store> store, GatherFacts gather, HeartbeatOptions options = {});
+  ~HostHeartbeat();
+  HostHeartbeat(const HostHeartbeat&) = delete;
+  HostHeartbeat& operator=(const HostHeartbeat&) = delete;
 
  private:
-  void Announce();
-  // False: this host may not write now.
-  bool MayWrite();
-  void Complain(const Error& error);
+  // Writes the facts or a heartbeat, if the claim allows it.
+  void PublishOnce();
+  // Whether this host may write now. If guests were taken from it, stops them and renews the claim first.
+  bool EnsureMayWrite();
+  // Waits for the next interval. False: this object is being destroyed.
+  bool WaitForInterval();
+  void LogWriteFailure(const Error& error);
   Status Write(const HostFacts& facts, std::chrono::system_clock::time_point now) const;
   void Run();
 
   const std::shared_ptr<store::Store> store_;
   const GatherFacts gather_;
-  const PresenceOptions options_;
+  const HeartbeatOptions options_;
   // Used by the constructor, then by the thread:
   HostFacts facts_;  // as last written
   std::chrono::system_clock::time_point started_;
-  bool registered_ = false;   // whether they were ever written
-  bool failing_ = false;      // so that a lasting failure is logged once
-  bool is_settling_ = false;  // likewise, for guests that were taken from this host
+  bool registered_ = false;                 // whether `facts_` were ever written
+  bool failing_ = false;                    // the last write failed; so that a lasting failure is logged once
+  bool is_stopping_fenced_guests_ = false;  // which is logged once as well
   bool is_lost_ = false;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stop_ = false;
+  Mutex mutex_;
+  ConditionVariable wake_;
+  bool stop_ VEXA_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };
 

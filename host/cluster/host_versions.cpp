@@ -1,11 +1,10 @@
 // Determines the version states of the cluster's hosts from their records.
-#include <chrono>
 #include <utility>
 
 #include "host/cluster/versions.h"
-#include "host/records/host_life.h"
+#include "host/records/host_liveness.h"
 #include "host/records/keys.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -13,58 +12,46 @@
 namespace vexa::cluster {
 namespace {
 
-// The object of a host under `key`; null when absent. A damaged one reads as empty: it says nothing about its
-// host, and must not hide the states of the others.
-Result<Json::Value> ReadHostObject(const std::string& host_id, std::string_view key) {
-  const Result<Record> record = ReadRecord(MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, key));
+// The host's record; null when absent or damaged. A damaged record must not hide the states of the other hosts.
+Result<Json::Value> ReadHostRecord(const records::Reader& reader, const std::string& host_id) {
+  const Result<records::Record> record =
+      reader.ReadRecord(records::ObjectKey(VexaCCC::DB::DashCate::Host.name(), host_id));
   if (record) return *record ? **record : Json::Value();
   if (record.error().code() == ErrorCode::kCorrupt) return Json::Value();
   return record.error();
 }
 
-// A value that is not a text cannot be understood either.
+// The member as a host publishes it; not set when absent. A value that is not a string reads as "", which is not a
+// valid version.
 std::optional<std::string> Published(const Json::Value& record, const char* name) {
   const Json::Value* member = json::FindMember(record, name);
   if (!member) return std::nullopt;
   return member->isString() ? json::String(*member) : std::string();
 }
 
-struct Hosts {
-  std::map<std::string, HostVersions> all;
-  std::vector<std::string> reachable;
-};
-
-Result<Hosts> ReadHosts() {
-  const CallScope scope;
-  const auto ids = ReadChildren(CategoryKey(VexaCCC::DB::DashCate::Host.name()));
+Result<std::map<std::string, HostVersions>> ReadVersions(const records::Reader& reader) {
+  const auto ids = reader.Children(records::CategoryKey(VexaCCC::DB::DashCate::Host.name()));
   if (!ids) return ids.error();
-  const auto now = std::chrono::system_clock::now();
-  Hosts hosts;
+  std::map<std::string, HostVersions> versions;
   for (const std::string& id : *ids) {
-    const Result<Json::Value> record = ReadHostObject(id, keys::object);
+    const Result<Json::Value> record = ReadHostRecord(reader, id);
     if (!record) return record.error();
-    const Result<Json::Value> seen = ReadHostObject(id, "seen");
-    if (!seen) return seen.error();
-    hosts.all[id] = {Published(*record, "version"), Published(*record, "package_version")};
-    const Json::Value& state = json::Member(*record, keys::state);
-    const bool up = state.isString() && json::String(state) != VexaCCC::State::Host::inaccessible;
-    if (up && IsSignOfLife(*seen, now)) hosts.reachable.push_back(id);
+    versions[id] = {Published(*record, "version"), Published(*record, "package_version")};
   }
-  return hosts;
+  return versions;
 }
 
 }  // namespace
 
-Result<bool> HasIncompatibleHosts() {
-  const CallScope scope;
-  const auto ids = ReadChildren(CategoryKey(VexaCCC::DB::DashCate::Host.name()));
+Result<bool> HasIncompatibleHosts(const records::Reader& reader) {
+  const auto ids = reader.Children(records::CategoryKey(VexaCCC::DB::DashCate::Host.name()));
   if (!ids) return ids.error();
   std::vector<std::string> versions;
   for (const std::string& id : *ids) {
-    const Result<HostLife> life = LifeOf(id);
-    if (!life) return life.error();
-    if (life->is_gone) continue;
-    const Result<Json::Value> record = ReadHostObject(id, keys::object);
+    const Result<records::HostLiveness> liveness = records::LivenessOf(reader, id);
+    if (!liveness) return liveness.error();
+    if (liveness->is_gone) continue;
+    const Result<Json::Value> record = ReadHostRecord(reader, id);
     if (!record) return record.error();
     if (std::optional<std::string> version = Published(*record, "version")) versions.push_back(std::move(*version));
   }
@@ -78,10 +65,13 @@ namespace VexaCCC {
 int CCCVersionStateGetAllHosts(std::map<std::string, std::string>& all, std::map<std::string, std::string>& reachable) {
   all.clear();
   reachable.clear();
-  const auto hosts = vexa::cluster::ReadHosts();
-  if (!hosts) return -1;
-  all = vexa::cluster::VersionStates(hosts->all);
-  for (const std::string& id : hosts->reachable) reachable[id] = all[id];
+  const auto reader = vexa::records::ReaderOfRequest();
+  if (!reader) return -1;
+  const auto versions = vexa::cluster::ReadVersions(**reader);
+  const auto alive = vexa::records::ReachableHosts(**reader);
+  if (!versions || !alive) return -1;
+  all = vexa::cluster::VersionStates(*versions);
+  for (const std::string& id : *alive) reachable[id] = all[id];
   return 0;
 }
 

@@ -12,8 +12,6 @@
 #include "host/base/time_text.h"
 #include "host/records/environment.h"
 #include "host/records/keys.h"
-#include "host/records/reading.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_network.h"
@@ -23,8 +21,8 @@ namespace {
 
 using std::chrono::system_clock;
 
-constexpr int kTries = 64;
-constexpr std::size_t kExpiredPerCommit = 16;
+constexpr int kMaxAttempts = 64;
+constexpr std::size_t kMaxExpiredPerCommit = 16;
 constexpr char kTime[] = "time";
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
@@ -35,17 +33,17 @@ std::string LowerCase(std::string_view text) {
   return result;
 }
 
-// Finds a lower-case text in others, ignoring their case. Most do not contain it, so few bytes are examined.
-class TextFinder {
+// Finds a lower-case string in other strings, ignoring their case (Boyer-Moore-Horspool search).
+class CaseInsensitiveFinder {
  public:
-  explicit TextFinder(std::string lower) : lower_(std::move(lower)) {
+  explicit CaseInsensitiveFinder(std::string lower) : lower_(std::move(lower)) {
     skip_.fill(lower_.size());
     for (std::size_t i = 0; i + 1 < lower_.size(); ++i) {
       skip_[static_cast<unsigned char>(lower_[i])] = lower_.size() - 1 - i;
     }
   }
 
-  bool IsIn(std::string_view text) const {
+  bool OccursIn(std::string_view text) const {
     for (std::size_t end = lower_.size(); end <= text.size();) {
       const std::string_view window = text.substr(end - lower_.size(), lower_.size());
       if (std::ranges::equal(window, lower_, {}, Lower)) return true;
@@ -66,42 +64,40 @@ std::string FormatMac(std::uint64_t random) {
   return text;
 }
 
-std::string BucketOf(const std::string& mac) { return store::MakeKey({"mac", std::string_view(mac).substr(15)}); }
-
 // An unreadable reservation counts as expired. So does one from a clock more than a day ahead, which would otherwise
 // stay for as long as that clock was wrong.
 bool IsExpired(std::string_view text, Json::Int64 now_s) {
   const Result<Json::Value> reservation = ParseJson(text);
   if (!reservation) return true;
   const Json::Int64 time = json::Int64(json::Member(*reservation, kTime));
-  const Json::Int64 day = std::chrono::seconds(kMacReservation).count();
+  const Json::Int64 day = std::chrono::seconds(kMacReservationLifetime).count();
   return time <= now_s - day || time >= now_s + day;
 }
 
-// The commit that reserves `mac`; not set when it is already reserved. Expired reservations nearby are deleted with it,
-// so that they do not pile up.
+// The commit that reserves `mac`; not set when it is already reserved. The commit also deletes a few expired
+// reservations with the same last octet, so that they do not accumulate.
 Result<std::optional<store::Transaction>> PlanReservation(const store::Store& store, const std::string& mac,
                                                           Json::Int64 now_s) {
   Result<std::unique_ptr<store::Snapshot>> snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  const std::string bucket = BucketOf(mac);
-  const std::string own = bucket + "/" + store::EncodeSegment(mac);
-  bool held = false;
+  const std::string own = records::MacReservationKey(mac);
+  bool is_reserved = false;
   store::Compare compare{own, 0};
   store::Transaction transaction;
-  const Status scanned = (*snapshot)->Scan(bucket, [&](std::string_view key, const store::ValueView& value) {
-    const bool expired = IsExpired(value.text, now_s);
-    if (key == own) {
-      held = !expired;
-      compare.revision = value.revision;
-    } else if (expired && transaction.operations.size() < kExpiredPerCommit) {
-      transaction.compares.push_back({std::string(key), value.revision});
-      transaction.operations.push_back({std::string(key), std::nullopt});
-    }
-    return !held;
-  });
+  const Status scanned =
+      (*snapshot)->Scan(records::MacReservationsPrefix(mac), [&](std::string_view key, const store::ValueView& value) {
+        const bool expired = IsExpired(value.text, now_s);
+        if (key == own) {
+          is_reserved = !expired;
+          compare.revision = value.revision;
+        } else if (expired && transaction.operations.size() < kMaxExpiredPerCommit) {
+          transaction.compares.push_back({std::string(key), value.revision});
+          transaction.operations.push_back({std::string(key), std::nullopt});
+        }
+        return !is_reserved;
+      });
   if (!scanned) return scanned.error();
-  if (held) return std::optional<store::Transaction>();
+  if (is_reserved) return std::optional<store::Transaction>();
   Json::Value reservation(Json::objectValue);
   reservation[kTime] = now_s;
   transaction.compares.push_back(std::move(compare));
@@ -116,7 +112,7 @@ MacSource SystemMacSource() {
           []() -> Result<std::uint64_t> {
             std::uint64_t random = 0;
             if (::getrandom(&random, sizeof random, 0) == static_cast<ssize_t>(sizeof random)) return random;
-            return SystemError(ErrorCode::kInternal, "No random numbers for a MAC address", errno);
+            return SystemError(ErrorCode::kInternal, "Cannot get random numbers for a MAC address", errno);
           }};
 }
 
@@ -125,14 +121,14 @@ Result<std::optional<std::string>> GuestOfMacAddress(const store::Store& store, 
   Result<std::unique_ptr<store::Snapshot>> snapshot = store.Read();
   if (!snapshot) return snapshot.error();
   const std::string lower = LowerCase(mac);
-  const TextFinder finder(lower);
+  const CaseInsensitiveFinder finder(lower);
   std::optional<std::string> guest;
-  const std::string prefix = CategoryKey(VexaCCC::DB::DashCate::vNic.name());
+  const std::string prefix = records::CategoryKey(VexaCCC::DB::DashCate::vNic.name());
   const Status scanned = (*snapshot)->Scan(prefix, [&](std::string_view, const store::ValueView& value) {
-    // Parsing every record would take most of the time. A text without the address can only contain it in escaped form.
-    if (!finder.IsIn(value.text) && value.text.find('\\') == std::string_view::npos) return true;
+    // Parsing every record would be slow. A record that does not match may still contain the address in escaped form.
+    if (!finder.OccursIn(value.text) && value.text.find('\\') == std::string_view::npos) return true;
     const Result<Json::Value> record = ParseJson(value.text);
-    // An invalid record does not use an address: one damaged record must not make every check fail.
+    // A damaged record uses no address: it must not make every check fail.
     if (!record) return true;
     const Json::Value& used = json::Member(*record, VexaCCC::DB::_k::mac_address);
     if (!used.isString() || LowerCase(json::String(used)) != lower) return true;
@@ -144,17 +140,17 @@ Result<std::optional<std::string>> GuestOfMacAddress(const store::Store& store, 
 }
 
 Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& source) {
-  for (int i = 0; i < kTries; ++i) {
+  for (int i = 0; i < kMaxAttempts; ++i) {
     const Result<std::uint64_t> random = source.random();
     if (!random) return random.error();
     std::string mac = FormatMac(*random);
-    const auto plan = PlanReservation(store, mac, SecondsOf(source.now()));
+    const auto plan = PlanReservation(store, mac, ToUnixSeconds(source.now()));
     if (!plan) return plan.error();
     if (!plan->has_value()) continue;
     const Result<store::Revision> reserved = store.Commit(**plan);
     if (!reserved && reserved.error().code() == ErrorCode::kConflict) continue;
     if (!reserved) return reserved.error();
-    // Only now: a record written before the reservation is seen, and later ones are checked by their writers.
+    // After the reservation: this finds records written before it, and the writers of later records check it.
     const auto guest = GuestOfMacAddress(store, mac);
     if (!guest) return guest.error();
     if (!guest->has_value()) return mac;
@@ -167,7 +163,7 @@ Result<std::string> ReserveMacAddress(store::Store& store, const MacSource& sour
 namespace VexaCCC {
 
 int VNicMacAddrCheck(const std::string& mac, std::string* guest_id) {
-  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
+  const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
   if (guest_id) guest_id->clear();
   if (!environment) return -1;
   auto guest = vexa::cluster::GuestOfMacAddress(*environment->store, mac);
@@ -178,7 +174,7 @@ int VNicMacAddrCheck(const std::string& mac, std::string* guest_id) {
 }
 
 int VNicMacAddrGen(std::string& mac) {
-  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
+  const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
   if (!environment) return -1;
   auto reserved = vexa::cluster::ReserveMacAddress(*environment->store, vexa::cluster::SystemMacSource());
   if (!reserved) return -1;

@@ -3,18 +3,18 @@
 //   /settings/cluster   {"auto_select_host": <bool>}
 //   /settings/upgrade   {"incompatible": <bool>}
 //
-// A missing setting has its default. A setting of another type is kCorrupt: it once had a meaning, which is not
-// replaced with a default.
+// A missing setting has its default. A setting of another type is kCorrupt: it is not silently replaced by the default.
 #pragma once
 
 #include "host/base/result.h"
+#include "host/records/reader.h"
 #include "host/store/store.h"
 
 namespace vexa::cluster {
 
 struct ClusterSettings {
   // Whether a guest without a host may be assigned one when it is powered on. By default it may: a new guest starts
-  // without more steps, and a guest that must stay in one place has a host.
+  // without more steps, and a guest that must run on a certain host names it.
   bool auto_select_host = true;
 };
 
@@ -24,9 +24,9 @@ struct UpgradeSettings {
   bool incompatible = false;
 };
 
-// Within a request, as of its snapshot. Errors: those of the store, kCorrupt, and kUnavailable without an environment.
-Result<ClusterSettings> ReadClusterSettings();
-Result<UpgradeSettings> ReadUpgradeSettings();
+// Errors: those of the store, and kCorrupt.
+Result<ClusterSettings> ReadClusterSettings(const records::Reader& reader);
+Result<UpgradeSettings> ReadUpgradeSettings(const records::Reader& reader);
 
 // Keeps unknown members, and repairs a known one of a wrong type.
 // Errors: those of the store; kCorrupt when the record is not an object; kConflict when the record keeps changing.

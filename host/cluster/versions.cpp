@@ -12,7 +12,7 @@ namespace states = VexaCCC::State::Version;
 // In order of increasing urgency.
 enum class Urgency { kMatched, kPackageSuggested, kSuggested, kPackageRequired, kRequired };
 
-const char* TextOf(Urgency urgency) {
+const char* StateOf(Urgency urgency) {
   switch (urgency) {
     case Urgency::kMatched:
       return states::version_matched;
@@ -28,13 +28,13 @@ const char* TextOf(Urgency urgency) {
   return states::unknown;
 }
 
-Urgency JudgeVersion(const Version& version, const Version& highest) {
+Urgency UrgencyOfVersion(const Version& version, const Version& highest) {
   if (version[0] != highest[0]) return Urgency::kRequired;
   if (version[1] != highest[1]) return Urgency::kSuggested;
   return version[2] != highest[2] ? Urgency::kPackageSuggested : Urgency::kMatched;
 }
 
-Urgency JudgePackage(const Version& version, const Version& highest) {
+Urgency UrgencyOfPackage(const Version& version, const Version& highest) {
   if (version[0] != highest[0]) return Urgency::kPackageRequired;
   return version != highest ? Urgency::kPackageSuggested : Urgency::kMatched;
 }
@@ -89,9 +89,9 @@ std::map<std::string, std::string> VersionStates(const std::map<std::string, Hos
       result[id] = states::unknown;
       continue;
     }
-    const Urgency own = JudgeVersion(*version, *highest);
-    const Urgency of_package = package ? JudgePackage(*package, *highest_package) : Urgency::kMatched;
-    result[id] = TextOf(std::max(own, of_package));
+    const Urgency version_urgency = UrgencyOfVersion(*version, *highest);
+    const Urgency package_urgency = package ? UrgencyOfPackage(*package, *highest_package) : Urgency::kMatched;
+    result[id] = StateOf(std::max(version_urgency, package_urgency));
   }
   return result;
 }

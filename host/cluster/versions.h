@@ -10,7 +10,7 @@
 //   package_version    another major number                package_upgrade_required
 //   package_version    otherwise older                     package_upgrade_suggested
 //
-// The most urgent applicable state wins, in the order upgrade_required, package_upgrade_required, upgrade_suggested,
+// The most urgent applicable state applies, in the order upgrade_required, package_upgrade_required, upgrade_suggested,
 // package_upgrade_suggested, version_matched. A host without a "version", or with one of the two that is not three
 // numbers, is unknown; a missing "package_version" has no effect.
 #pragma once
@@ -24,15 +24,16 @@
 #include <vector>
 
 #include "host/base/result.h"
+#include "host/records/reader.h"
 
 namespace vexa::cluster {
 
 using Version = std::array<std::uint32_t, 3>;
 
-// Empty unless `text` is three numbers of up to nine digits, separated by points.
+// Not set unless `text` is three numbers of up to nine digits each, separated by dots.
 std::optional<Version> ParseVersion(std::string_view text);
 
-// What a host publishes; empty: nothing.
+// What a host publishes; a member that it does not publish is not set.
 struct HostVersions {
   std::optional<std::string> version;
   std::optional<std::string> package_version;
@@ -41,9 +42,9 @@ struct HostVersions {
 // Whether two of the versions have different major numbers, so that their hosts cannot read each other's records.
 // Unreadable versions are ignored.
 bool AreIncompatible(const std::vector<std::string>& versions);
-// The same for the versions that the cluster's hosts publish; hosts that are gone do not count. Within a request, as of
-// its snapshot. Errors: those of the store.
-Result<bool> HasIncompatibleHosts();
+// The same for the versions that the cluster's hosts publish; hosts that are gone do not count. Errors: those of the
+// store.
+Result<bool> HasIncompatibleHosts(const records::Reader& reader);
 
 // The version state (VexaCCC::State::Version) of each host, by host id.
 std::map<std::string, std::string> VersionStates(const std::map<std::string, HostVersions>& hosts);

@@ -7,13 +7,13 @@
 
 namespace vexa::daemon {
 
-// Call it once local calls can reach the handlers, and after the environment and the transport are installed.
-// cluster::RemoveCacheRefresher ends it and must be called before either is removed. The guests' states are taken from
-// `states`, which must outlive it.
-void InstallCacheRefresh(services::GuestStates& states);
+// Starts the refresh. Call it once local calls can reach the handlers, and after the environment and the transport are
+// installed. Call cache::RemoveCacheRefresher, which ends the refresh, before either is removed. Reads guests' states
+// from `states`, which must outlive the refresh.
+void InstallCacheRefresh(api::GuestStates& states);
 
-// Drops the values in `cache_directory` that differ while the cluster database cannot be read, and requests a refresh
-// soon. Threads: any, at any time.
-void FindOutAgain(const std::string& cache_directory);
+// Call it when reads of the cluster database switch to its copy or back (store::MirroredStore): removes the cached
+// values in `cache_directory` that depend on that, and requests a refresh. Threads: any, at any time.
+void InvalidateCaches(const std::string& cache_directory);
 
 }  // namespace vexa::daemon

@@ -24,10 +24,10 @@ bool IsSameFolder(const std::string& a, const std::string& b) {
   return plain(a) == plain(b);
 }
 
-Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder, store::PlaceCheck check) {
+Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder, store::FileCheckMode check) {
   store::LmdbOptions options;
   options.directory = folder;
-  options.place_check = check;
+  options.file_check_mode = check;
   return store::OpenLmdbStore(options);
 }
 
@@ -37,17 +37,19 @@ Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config) {
   const std::string own = config.data_directory + "/store";
   if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) {
     // Without a copy there is nothing to gain from giving up on a slow disk.
-    return OpenFolder(own, store::PlaceCheck::kPath);
+    return OpenFolder(own, store::FileCheckMode::kPath);
   }
   store::MirrorOptions mirror;
   mirror.directory = config.data_directory + "/mirror";
-  if (Status there = store::CheckPrimaryIsThere(config.store_directory, mirror.directory); !there) return there.error();
-  auto primary = OpenFolder(config.store_directory, store::PlaceCheck::kFile);
+  if (Status exists = store::CheckPrimaryExists(config.store_directory, mirror.directory); !exists)
+    return exists.error();
+  auto primary = OpenFolder(config.store_directory, store::FileCheckMode::kFile);
   if (!primary) return primary.error();
-  if (Status newer = store::CheckPrimaryIsNotOlder(**primary, mirror.directory); !newer) return newer.error();
+  if (Status is_current = store::CheckPrimaryIsNotOlder(**primary, mirror.directory); !is_current)
+    return is_current.error();
   mirror.on_change = [caches = config.data_directory + "/cache"] {
-    cluster::NoteConditionChanged();
-    FindOutAgain(caches);
+    records::InvalidateClusterStatus();
+    InvalidateCaches(caches);
   };
   auto mirrored = store::MirroredStore::Make(*primary, std::move(mirror));
   if (mirrored) return std::shared_ptr<store::Store>(*std::move(mirrored));

@@ -9,10 +9,11 @@
 
 namespace vexa::daemon {
 
-// The store that `config` names. If it is in a folder other than the data folder's own "store", a copy of it is kept in
-// "mirror" in the data folder, for times when it cannot be read (store::MirroredStore); a copy in the same folder would
-// be lost together with it. If the copy cannot be opened, that is logged, and the store is used without it.
-// Errors: those of store::OpenLmdbStore, and kUnavailable: the folder contains no database although it used to.
+// The store in the folder that `config` names. If that is not the data folder's own "store", a copy of the store is
+// kept in "mirror" in the data folder, for times when the store cannot be read (store::MirroredStore); a copy of the
+// folder's own store would be lost together with it. If the copy cannot be opened, that is logged, and the store is
+// used without it. Errors: those of store::OpenLmdbStore, and kUnavailable: the folder contains no database although it
+// used to.
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config);
 
 }  // namespace vexa::daemon

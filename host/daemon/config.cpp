@@ -1,19 +1,19 @@
 #include "host/daemon/config.h"
 
 #include <arpa/inet.h>
+#include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <system_error>
 
-#include "host/daemon/configured_places.h"
+#include "host/daemon/configured_paths.h"
 
 namespace vexa::daemon {
 namespace {
@@ -21,7 +21,7 @@ namespace {
 constexpr const char* kDefaultFile = "/etc/vexa/vexad.conf";
 
 constexpr const char* kFooter = R"(
-The configuration file holds the same settings without the dashes, one "name = value" a line, for example:
+The configuration file has the same settings without the dashes, one "name = value" a line, for example:
   data = "/var/lib/vexa"
   listen = "127.0.0.1:8642"
   socket = "/run/vexad/vexad.sock"
@@ -37,9 +37,9 @@ struct Address {
 
 Result<Address> ParseAddress(const std::string& text) {
   const Error refused(ErrorCode::kInvalid,
-                      "'" + text +
-                          "' is not an address to listen on. Use a numeric address and a port, such as "
-                          "127.0.0.1:8642 or [::1]:8642");
+                      fmt::format("'{}' is not an address to listen on. Use a numeric address and a port, such as "
+                                  "127.0.0.1:8642 or [::1]:8642",
+                                  text));
   const std::size_t colon = text.rfind(':');
   if (colon == std::string::npos) return refused;
   std::string host = text.substr(0, colon);
@@ -63,148 +63,136 @@ bool IsWildcard(const std::string& host) {
 
 bool IsLoopback(const std::string& host) { return host == "::1" || host.starts_with("127."); }
 
-// A file is read from wherever the daemon and the commands are started: a relative folder would be another one each
-// time.
+// Refuses relative folders: the daemon and the commands read the same file from different working directories.
 class FileFormat : public CLI::ConfigTOML {
  public:
   std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
     std::vector<CLI::ConfigItem> settings = CLI::ConfigTOML::from_config(input);
     for (const CLI::ConfigItem& item : settings) {
-      const bool is_place = item.name == "data" || item.name == "store" || item.name == "account-file";
-      if (!is_place || !item.parents.empty() || item.inputs.empty()) continue;
+      const bool is_path = item.name == "data" || item.name == "store" || item.name == "account-file";
+      if (!is_path || !item.parents.empty() || item.inputs.empty()) continue;
       const std::string& value = item.inputs.front();
       if (!value.empty() && value.front() != '/') {
-        throw CLI::ValidationError(item.name, "'" + value + "' is not an absolute path");
+        throw CLI::ValidationError(item.name, fmt::format("'{}' is not an absolute path", value));
       }
     }
     return settings;
   }
 };
 
-void AddOptions(CLI::App& app, Config& config, bool& check_config) {
+// CLI11 has no durations; these are read as whole seconds.
+void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& value, const char* help) {
+  app.add_option_function<int>(
+         name, [&value](int seconds) { value = std::chrono::seconds(seconds); }, help)
+      ->check(CLI::Range(1, 31'536'000))
+      ->default_str(std::to_string(value.count()));
+}
+
+void AddDataOptions(CLI::App& app, Config& config) {
+  app.option_defaults()->group("Data");
+  app.add_flag("--take-host-id", config.take_host_id,
+               "Take over the data folder's host id at this start: its previous machine is off for good, or the host "
+               "returns after its removal from the cluster")
+      ->configurable(false);
+  app.add_option("--data", config.data_directory, "The folder of the database, accounts and sessions");
+  app.add_option("--store", config.store_directory,
+                 "The folder of the database, unless it is in the data folder; hosts on one machine may share one");
+}
+
+void AddAccountOptions(CLI::App& app, Config& config) {
+  app.option_defaults()->group("Accounts");
+  app.add_option(
+         "--accounts", config.accounts,
+         "Where users and passwords are kept: \"store\", the store of the cluster, or \"pam\", the machine's PAM and "
+         "NSS; \"file\" means \"store\"")
+      ->check(CLI::IsMember({"store", "pam", "file"}));
+  app.add_option(
+      "--account-file", config.account_file,
+      "An account file of an older version, migrated into the store (default: accounts.json in the data folder)");
+  app.add_option("--pam-service", config.pam_service, "The PAM service's name");
+  app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)");
+  AddSeconds(app, "--session-idle", config.sessions.idle, "Seconds without a request after which a login ends");
+  AddSeconds(app, "--session-lifetime", config.sessions.absolute, "Seconds after which a login ends in any case");
+}
+
+void AddNetworkOptions(CLI::App& app, Config& config) {
+  app.option_defaults()->group("Network");
+  app.add_option("--listen", config.listen,
+                 "Addresses to listen on, \"address:port\"; \"none\" for no network listener");
+  app.add_option("--socket", config.socket, "The Unix socket; an empty value for none");
+  app.add_option("--tls-certificate", config.tls_certificate, "The certificate chain (PEM) of the network listeners");
+  app.add_option("--tls-key", config.tls_key, "Its private key (PEM), readable by the daemon's user only");
+  app.add_option("--client-authority", config.client_authority,
+                 "The authority (PEM) that signs other hosts' certificates");
+  app.add_option("--cluster-listen", config.cluster_listen,
+                 "Where other hosts of the cluster call this one, \"address:port\"; needs the three settings above");
+  app.add_option("--cluster-address", config.cluster_address,
+                 "The address under which they reach it, \"address:port\", if it differs from cluster-listen");
+  app.add_option("--max-connections", config.max_connections, "Open connections in total")
+      ->check(CLI::Range(1, 1'000'000));
+  app.add_option("--max-connections-per-peer", config.max_connections_per_peer,
+                 "Open connections of one address or user")
+      ->check(CLI::Range(1, 1'000'000));
+}
+
+void AddGuestOptions(CLI::App& app, Config& config) {
+  app.option_defaults()->group("Guests");
+  app.add_option(
+      "--hypervisor", config.hypervisor,
+      "What runs guests: \"test\" (libvirt's test driver: nothing runs), \"embed\" (QEMU below this process), a "
+      "libvirt URI such as qemu:///system, or \"none\"");
+  app.add_option("--hypervisor-root", config.hypervisor_root,
+                 "The folder of embedded guests' state, an absolute path (default: embed in the data folder)");
+  app.add_option("--image-roots", config.image_roots,
+                 "Folders, absolute paths, with guests' disks: a guest's deletion removes no file elsewhere (default: "
+                 "images in the data folder)");
+  app.add_option("--repository-warning", config.repository_warning,
+                 "Show a repository with a warning from this percentage of its file system in use; 0: never")
+      ->check(CLI::Range(0, 100));
+  app.add_option("--repository-full", config.repository_full,
+                 "Treat a repository as full from this percentage, and do not start its guests; 0: never")
+      ->check(CLI::Range(0, 100));
+  app.add_option("--repository-headroom", config.repository_headroom,
+                 "A file system with more free GiB than this never counts as short of space or full; 0: use only the "
+                 "percentages")
+      ->check(CLI::Range(0, 1'048'576));
+  app.add_option("--vcpus-per-cpu", config.vcpus_per_cpu,
+                 "The maximum number of running guests' virtual CPUs per logical processor")
+      ->check(CLI::Range(1, 64));
+}
+
+void AddWorkOptions(CLI::App& app, Config& config) {
+  app.option_defaults()->group("Work");
+  app.add_option("--io-threads", config.io_threads, "Threads for network I/O")->check(CLI::Range(1, 64));
+  app.add_option("--long-threads", config.long_threads, "Maximum number of threads for long calls")
+      ->check(CLI::Range(1, 16'384));
+  app.add_option("--calls-per-user", config.calls_per_user, "Maximum number of concurrent long calls per user")
+      ->check(CLI::Range(1, 16'384));
+  static const std::map<std::string, LogTarget> targets{
+      {"syslog", LogTarget::kSyslog}, {"stderr", LogTarget::kStderr}, {"both", LogTarget::kBoth}};
+  app.add_option("--log", config.log, "Where log lines go")
+      ->transform(CLI::CheckedTransformer(targets).description("{syslog,stderr,both}"));
+  AddSeconds(app, "--stop-timeout", config.stop_timeout, "Seconds that requests have to finish when the daemon stops");
+}
+
+void AddSettings(CLI::App& app, Config& config, bool& check_config) {
+  app.option_defaults()->always_capture_default();
   app.config_formatter(std::make_shared<FileFormat>());
   app.set_config("--config", kDefaultFile, "The configuration file")->check([](const std::string& path) {
     return path == kDefaultFile ? std::string() : CLI::ExistingFile(path);
   });
   app.allow_config_extras(CLI::config_extras_mode::error);
   app.add_flag("--check-config", check_config, "Check the configuration, report errors, and exit")->configurable(false);
-
-  app.add_flag("--take-host-id", config.take_host_id,
-               "For one start: this machine has replaced the one that had the host id of the data folder, which is off "
-               "for good; or this host comes back after it was removed from the cluster")
-      ->configurable(false)
-      ->group("Data");
-  app.add_option("--data", config.data_directory, "The folder of the database, accounts and sessions")->group("Data");
-  app.add_option("--store", config.store_directory,
-                 "The folder of the database, when it is not in the data folder; hosts of one machine may share one")
-      ->group("Data");
-  app.add_option(
-         "--accounts", config.accounts,
-         "Who knows users and passwords: \"store\", the store of the cluster, or \"pam\", the machine's PAM and "
-         "NSS; \"file\" means \"store\"")
-      ->check(CLI::IsMember({"store", "pam", "file"}))
-      ->group("Accounts");
-  app.add_option(
-         "--account-file", config.account_file,
-         "An account file of an older version, migrated into the store (default: accounts.json in the data folder)")
-      ->group("Accounts");
-  app.add_option("--pam-service", config.pam_service, "The PAM service's name")->group("Accounts");
-  app.add_option("--administrators-group", config.administrators_group, "The system group of administrators (pam)")
-      ->group("Accounts");
-
-  app.add_option("--listen", config.listen,
-                 "Addresses to listen on, \"address:port\"; \"none\" for no network listener")
-      ->group("Network");
-  app.add_option("--socket", config.socket, "The Unix socket; an empty text for none")->group("Network");
-  app.add_option("--tls-certificate", config.tls_certificate, "The certificate chain (PEM) of the network listeners")
-      ->group("Network");
-  app.add_option("--tls-key", config.tls_key, "Its private key (PEM), readable by the daemon's user only")
-      ->group("Network");
-  app.add_option("--client-authority", config.client_authority,
-                 "The authority (PEM) that signs other hosts' certificates")
-      ->group("Network");
-  app.add_option("--cluster-listen", config.cluster_listen,
-                 "Where other hosts of the cluster call this one, \"address:port\"; needs the three settings above")
-      ->group("Network");
-  app.add_option("--cluster-address", config.cluster_address,
-                 "Where they find it, \"address:port\", when it is not what cluster-listen says")
-      ->group("Network");
-  app.add_option("--max-connections", config.max_connections, "Open connections in total")
-      ->check(CLI::Range(1, 1'000'000))
-      ->group("Network");
-  app.add_option("--max-connections-per-peer", config.max_connections_per_peer,
-                 "Open connections of one address or user")
-      ->check(CLI::Range(1, 1'000'000))
-      ->group("Network");
-
-  app.add_option(
-         "--hypervisor", config.hypervisor,
-         "What runs guests: \"test\" (libvirt's test driver: nothing runs), \"embed\" (QEMU below this process), a "
-         "libvirt URI such as qemu:///system, or \"none\"")
-      ->group("Guests");
-  app.add_option("--hypervisor-root", config.hypervisor_root,
-                 "The folder of embedded guests' state, an absolute path (default: embed in the data folder)")
-      ->group("Guests");
-  app.add_option("--image-roots", config.image_roots,
-                 "Folders, absolute paths, with guests' disks: a guest's deletion removes no file elsewhere (default: "
-                 "images in the data folder)")
-      ->group("Guests");
-  app.add_option(
-         "--repository-warning", config.repository_warning,
-         "Percent of a repository's file system that is used from which it is shown with a warning; 0 for never")
-      ->check(CLI::Range(0, 100))
-      ->group("Guests");
-  app.add_option("--repository-full", config.repository_full,
-                 "Percent of it from which the repository is full and its guests are not started; 0 for never")
-      ->check(CLI::Range(0, 100))
-      ->group("Guests");
-  app.add_option(
-         "--repository-headroom", config.repository_headroom,
-         "A file system with more free GiB than this never counts as short of space or full; 0: only percentages "
-         "alone")
-      ->check(CLI::Range(0, 1'048'576))
-      ->group("Guests");
-  app.add_option("--vcpus-per-cpu", config.vcpus_per_cpu,
-                 "How many virtual CPUs of running guests a logical processor may serve")
-      ->check(CLI::Range(1, 64))
-      ->group("Guests");
-
-  app.add_option("--io-threads", config.io_threads, "Threads for sockets")->check(CLI::Range(1, 64))->group("Work");
-  app.add_option("--long-threads", config.long_threads, "Threads for calls that may wait long, at most")
-      ->check(CLI::Range(1, 16'384))
-      ->group("Work");
-  app.add_option("--calls-per-user", config.calls_per_user, "Calls of one user that may wait long, at a time")
-      ->check(CLI::Range(1, 16'384))
-      ->group("Work");
-  static const std::map<std::string, LogTarget> targets{
-      {"syslog", LogTarget::kSyslog}, {"stderr", LogTarget::kStderr}, {"both", LogTarget::kBoth}};
-  app.add_option("--log", config.log, "Where log lines go")
-      ->transform(CLI::CheckedTransformer(targets).description("{syslog,stderr,both}"))
-      ->group("Work");
-}
-
-// CLI11 has no durations; these are read as whole seconds.
-void AddSeconds(CLI::App& app, const char* name, std::chrono::seconds& value, const char* help, const char* group) {
-  app.add_option_function<int>(
-         name, [&value](int seconds) { value = std::chrono::seconds(seconds); }, help)
-      ->check(CLI::Range(1, 31'536'000))
-      ->default_str(std::to_string(value.count()))
-      ->group(group);
-}
-
-void AddSettings(CLI::App& app, Config& config, bool& check_config) {
-  app.option_defaults()->always_capture_default();
-  AddOptions(app, config, check_config);
-  AddSeconds(app, "--session-idle", config.sessions.idle, "Seconds without a request after which a login ends",
-             "Accounts");
-  AddSeconds(app, "--session-lifetime", config.sessions.absolute, "Seconds after which a login ends in any case",
-             "Accounts");
-  AddSeconds(app, "--stop-timeout", config.stop_timeout, "Seconds that requests have to finish when the daemon stops",
-             "Work");
+  // Each function begins with the group of its settings in the help.
+  AddDataOptions(app, config);
+  AddAccountOptions(app, config);
+  AddNetworkOptions(app, config);
+  AddGuestOptions(app, config);
+  AddWorkOptions(app, config);
 }
 
 Error CannotRead(ErrorCode code, const std::string& file, const std::string& why) {
-  return Error(code, "Cannot read the configuration file '" + file + "'", why);
+  return Error(code, fmt::format("Cannot read the configuration file '{}'", file), why);
 }
 
 }  // namespace
@@ -228,22 +216,23 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
   if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
   if (config.store_directory.empty()) config.store_directory = config.data_directory + "/store";
-  std::error_code no_path;  // an empty one is refused later
-  const std::string data = std::filesystem::absolute(config.data_directory, no_path).lexically_normal();
+  std::error_code ignored;  // an empty path is refused later
+  const std::string data = std::filesystem::absolute(config.data_directory, ignored).lexically_normal();
   if (config.hypervisor_root.empty()) config.hypervisor_root = data + "/embed";
   if (config.image_roots.empty()) config.image_roots = {data + "/images"};
   if (check_config) result.action = CommandLine::Action::kCheckConfig;
   return result;
 }
 
-Result<ConfiguredPlaces> ReadConfiguredPlaces(const std::string& path) {
+Result<ConfiguredPaths> ReadConfiguredPaths(const std::string& path) {
   const std::string file = path.empty() ? kDefaultFile : path;
   std::error_code failed;
   if (path.empty() && !std::filesystem::exists(file, failed) && !failed) {
-    return ConfiguredPlaces{Config().data_directory, "", "", std::nullopt};
+    return ConfiguredPaths{Config().data_directory, "", "", std::nullopt};
   }
   if (!std::ifstream(file)) {
-    return CannotRead(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied, file, std::strerror(errno));
+    return CannotRead(errno == ENOENT ? ErrorCode::kNotFound : ErrorCode::kDenied, file,
+                      std::generic_category().message(errno));
   }
   Config config;
   bool check_config = false;
@@ -254,17 +243,18 @@ Result<ConfiguredPlaces> ReadConfiguredPlaces(const std::string& path) {
   } catch (const CLI::ParseError& error) {
     return CannotRead(ErrorCode::kInvalid, file, error.what());
   }
-  if (config.data_directory.empty()) return CannotRead(ErrorCode::kInvalid, file, "'data' names no folder");
-  ConfiguredPlaces places{config.data_directory, config.store_directory, config.account_file, std::nullopt};
-  if (app.count("--accounts") > 0) places.accounts = config.accounts;
-  return places;
+  if (config.data_directory.empty())
+    return CannotRead(ErrorCode::kInvalid, file, "'data' is empty. Set it to a folder");
+  ConfiguredPaths paths{config.data_directory, config.store_directory, config.account_file, std::nullopt};
+  if (app.count("--accounts") > 0) paths.accounts = config.accounts;
+  return paths;
 }
 
-Result<std::vector<ListenerOptions>> ListenersOf(const Config& config) {
-  std::vector<ListenerOptions> listeners;
+Result<std::vector<http::ListenerOptions>> ListenersOf(const Config& config) {
+  std::vector<http::ListenerOptions> listeners;
   if (!config.socket.empty()) {
-    ListenerOptions listener;
-    listener.kind = ListenerOptions::Kind::kUnix;
+    http::ListenerOptions listener;
+    listener.kind = http::ListenerOptions::Kind::kUnix;
     listener.path = config.socket;
     listeners.push_back(std::move(listener));
   }
@@ -273,7 +263,7 @@ Result<std::vector<ListenerOptions>> ListenersOf(const Config& config) {
   for (const std::string& text : addresses) {
     const Result<Address> address = ParseAddress(text);
     if (!address) return address.error();
-    ListenerOptions listener;
+    http::ListenerOptions listener;
     listener.address = address->host;
     listener.port = address->port;
     listener.certificate_file = config.tls_certificate;
@@ -296,13 +286,14 @@ Status CheckCluster(const Config& config) {
                  "'cluster-listen' needs 'tls-certificate', 'tls-key' and 'client-authority': hosts know each other by "
                  "their certificates; see 'vexa cluster --help'");
   }
-  const bool own = !config.cluster_address.empty();
-  const Result<Address> address = ParseAddress(own ? config.cluster_address : config.cluster_listen);
+  const bool has_own_address = !config.cluster_address.empty();
+  const Result<Address> address = ParseAddress(has_own_address ? config.cluster_address : config.cluster_listen);
   if (!address) return address.error();
-  if (IsWildcard(address->host) || (own && address->port == 0)) {
-    return Error(ErrorCode::kInvalid, "Other hosts cannot connect to '" +
-                                          (own ? config.cluster_address : config.cluster_listen) +
-                                          "': set 'cluster-address' to an address and a port of this host");
+  if (IsWildcard(address->host) || (has_own_address && address->port == 0)) {
+    return Error(
+        ErrorCode::kInvalid,
+        fmt::format("Other hosts cannot connect to '{}'. Set 'cluster-address' to an address and a port of this host",
+                    has_own_address ? config.cluster_address : config.cluster_listen));
   }
   return {};
 }
@@ -323,8 +314,9 @@ Status CheckGuests(const Config& config) {
   }
   for (const std::string& folder : folders) {
     if (folder.starts_with('/') && folder.find('\0') == std::string::npos) continue;
-    return Error(ErrorCode::kInvalid,
-                 "'" + folder + "' is not an absolute path, which 'image-roots' and 'hypervisor-root' require");
+    return Error(
+        ErrorCode::kInvalid,
+        fmt::format("'{}' is not an absolute path, which 'image-roots' and 'hypervisor-root' require", folder));
   }
   return {};
 }
@@ -332,7 +324,7 @@ Status CheckGuests(const Config& config) {
 }  // namespace
 
 Status CheckConfig(const Config& config) {
-  if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' names no folder");
+  if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' is empty. Set it to a folder");
   if (Status guests = CheckGuests(config); !guests) return guests;
   if (config.tls_certificate.empty() != config.tls_key.empty()) {
     return Error(ErrorCode::kInvalid, "'tls-certificate' and 'tls-key' go together: set both or none");
@@ -341,15 +333,15 @@ Status CheckConfig(const Config& config) {
     return Error(ErrorCode::kInvalid, "'client-authority' needs 'tls-certificate' and 'tls-key'");
   }
   if (Status cluster = CheckCluster(config); !cluster) return cluster;
-  const Result<std::vector<ListenerOptions>> listeners = ListenersOf(config);
+  const Result<std::vector<http::ListenerOptions>> listeners = ListenersOf(config);
   if (!listeners) return listeners.error();
   if (listeners->empty()) return Error(ErrorCode::kInvalid, "There is nothing to listen on: set 'socket' or 'listen'");
-  for (const ListenerOptions& listener : *listeners) {
-    if (listener.kind == ListenerOptions::Kind::kTcp && !IsLoopback(listener.address) &&
+  for (const http::ListenerOptions& listener : *listeners) {
+    if (listener.kind == http::ListenerOptions::Kind::kTcp && !IsLoopback(listener.address) &&
         config.tls_certificate.empty()) {
-      return Error(ErrorCode::kInvalid, "'" + listener.address +
-                                            "' can be reached by other machines: set 'tls-certificate' and 'tls-key', "
-                                            "so that passwords are not sent in the clear");
+      return Error(ErrorCode::kInvalid, fmt::format("'{}' can be reached by other machines. Set 'tls-certificate' and "
+                                                    "'tls-key', so that passwords are not sent in the clear",
+                                                    listener.address));
     }
   }
   return {};

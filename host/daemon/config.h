@@ -23,7 +23,7 @@ struct Config {
   std::string tls_key;
   std::string client_authority;
   std::string cluster_listen;      // "address:port" for other hosts; empty: no cluster
-  std::string cluster_address;     // where other hosts reach it, numeric; empty: cluster_listen
+  std::string cluster_address;     // where other hosts reach this one, numeric; empty: cluster_listen
   std::string accounts = "store";  // "store" or "pam"; "file" means "store"
   std::string account_file;        // migrated into the store; empty: accounts.json in the data folder
   std::string pam_service = "vexad";
@@ -32,19 +32,19 @@ struct Config {
   std::string hypervisor_root;           // for embed; empty: "embed" in the data folder
   std::vector<std::string> image_roots;  // folders with guests' disks; empty: "images" in the data folder
   unsigned repository_warning = 90;      // used percentage of a repository's file system; 0: no warning
-  unsigned repository_full = 98;         // likewise; guests are not started then
-  unsigned repository_headroom = 100;    // GiB; with more free space it is neither
+  unsigned repository_full = 98;         // the same for a full repository, whose guests are not started
+  unsigned repository_headroom = 100;    // GiB; with more free space, neither of the two applies
   unsigned vcpus_per_cpu = 8;            // virtual CPUs of guests per logical CPU of the host
   int io_threads = 2;
   std::size_t max_connections = 10'000;
   std::size_t max_connections_per_peer = 6'000;
   int long_threads = 1024;
   int calls_per_user = 64;  // long calls of one user, waiting and running
-  SessionOptions sessions;
+  session::SessionOptions sessions;
   std::chrono::seconds stop_timeout{30};
   LogTarget log = LogTarget::kSyslog;
-  std::function<void()> on_host_lost{};  // called once, when this daemon must stop acting as its host
-  bool take_host_id = false;             // for one start: the machine that had this host's id is off for good
+  std::function<void()> on_claim_lost{};  // called once, when this daemon must stop acting as its host
+  bool take_host_id = false;              // this start takes the host id over: its previous machine is off for good
 };
 
 // What the command line requests.
@@ -58,11 +58,11 @@ struct CommandLine {
 // Reads flags and the configuration file that they name. An unknown setting or a value out of range is a usage error.
 CommandLine ParseCommandLine(int argc, const char* const* argv);
 
-// Checks what the flags alone do not show: unparsable addresses, contradictory TLS settings, a network listener beyond
+// Checks what a single flag cannot show: unparsable addresses, contradictory TLS settings, a network listener beyond
 // loopback without TLS.
 Status CheckConfig(const Config& config);
 
 // The listeners of a checked configuration: the Unix socket, those of `listen`, that of `cluster_listen`.
-Result<std::vector<ListenerOptions>> ListenersOf(const Config& config);
+Result<std::vector<http::ListenerOptions>> ListenersOf(const Config& config);
 
 }  // namespace vexa::daemon

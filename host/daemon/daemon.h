@@ -1,4 +1,4 @@
-// A running host: all parts of vexad, put together.
+// The host that runs in this process: owns and connects all parts of vexad.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@
 
 namespace vexa::daemon {
 
-// One per process.
+// At most one per process. Threads: one, except for port() and cluster_address().
 class Daemon {
  public:
-  // Opens the data folder, starts the lanes and the server. `further_rows` are added to the API table (for tests and
+  // Opens the data folder, starts the lanes and the server. `extra_rows` are added to the API table (for tests and
   // benchmarks).
-  static Result<std::unique_ptr<Daemon>> Start(const Config& config, std::vector<webapi::ApiRow> further_rows = {});
+  static Result<std::unique_ptr<Daemon>> Start(const Config& config, std::vector<api::ApiRow> extra_rows = {});
   // Stops immediately, without time for requests, unless it has been stopped.
   ~Daemon();
 
@@ -27,11 +27,11 @@ class Daemon {
   // Where other hosts reach this one, "address:port" for its record in the database; empty without a cluster.
   std::string cluster_address() const;
 
-  // The work that is due about once a minute: dropping ended sessions.
+  // Call it about once a minute: drops sessions that have ended.
   void Sweep();
 
-  // Lets requests that have begun finish, for at most `deadline`. False when some are left: their threads still use
-  // this object. A second call waits for them again.
+  // Waits at most `deadline` for requests that have begun. False: some are left, and their threads still use this
+  // object; a second call waits for them again.
   bool Stop(std::chrono::milliseconds deadline);
 
  private:

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "host/base/mutex.h"
 
 namespace vexa::daemon {
 
@@ -14,27 +14,32 @@ class DelayedCall {
   // `call` runs on a thread of its own.
   DelayedCall(std::chrono::milliseconds delay, std::function<void()> call)
       : thread_([this, delay, call = std::move(call)] {
-          std::unique_lock lock(mutex_);
-          const bool is_off = changed_.wait_for(lock, delay, [this] { return is_off_; });
-          lock.unlock();
-          if (!is_off) call();
+          if (!IsCancelledWithin(delay)) call();
         }) {}
   // Cancels the call, or waits until it has run.
   ~DelayedCall() {
     {
-      const std::lock_guard lock(mutex_);
-      is_off_ = true;
+      const MutexLock lock(mutex_);
+      is_cancelled_ = true;
     }
-    changed_.notify_all();
+    changed_.NotifyAll();
     thread_.join();
   }
   DelayedCall(const DelayedCall&) = delete;
   DelayedCall& operator=(const DelayedCall&) = delete;
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool is_off_ = false;
+  bool IsCancelledWithin(std::chrono::milliseconds delay) {
+    const auto end = std::chrono::steady_clock::now() + delay;
+    const MutexLock lock(mutex_);
+    while (!is_cancelled_ && changed_.WaitUntil(mutex_, end)) {
+    }
+    return is_cancelled_;
+  }
+
+  Mutex mutex_;
+  ConditionVariable changed_;
+  bool is_cancelled_ VEXA_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };
 

@@ -12,7 +12,7 @@ constexpr std::size_t kOwnFiles = 256;
 
 }  // namespace
 
-std::size_t ConnectionsThatFit(std::size_t connections) {
+std::size_t RaiseFileLimit(std::size_t connections) {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return connections;
   const rlim_t wanted = connections + kOwnFiles;
@@ -23,7 +23,7 @@ std::size_t ConnectionsThatFit(std::size_t connections) {
   }
   if (limit.rlim_cur >= wanted) return connections;
   const std::size_t files = limit.rlim_cur;
-  // With a very low limit, the daemon itself needs most of it.
+  // Under a very low limit, most descriptors are left to the daemon itself.
   return std::max<std::size_t>(1, files > 2 * kOwnFiles ? files - kOwnFiles : files / 4);
 }
 

@@ -1,5 +1,6 @@
 #include "host/daemon/host_id.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,8 +19,9 @@ Result<std::string> LoadHostId(const std::string& data_directory) {
   if (stored) {
     while (!stored->empty() && stored->back() == '\n') stored->pop_back();
     if (VexaCCC::Utils::isUUID(*stored)) return stored;
-    return Error(ErrorCode::kCorrupt,
-                 "'" + path + "' does not contain a UUID. Restore it, or remove it to give this host a new id");
+    return Error(
+        ErrorCode::kCorrupt,
+        fmt::format("'{}' does not contain a UUID. Restore it, or remove it to give this host a new id", path));
   }
   if (stored.error().code() != ErrorCode::kNotFound) return stored.error();
   Result<std::string> id = RandomUuid();
@@ -29,16 +31,16 @@ Result<std::string> LoadHostId(const std::string& data_directory) {
   return id;
 }
 
-Result<cluster::ClaimIdentity> IdentityOfHost(const std::string& data_directory) {
-  Result<std::string> place = cluster::PlaceOf(data_directory + "/host-id");
-  if (!place) return place.error();
+Result<cluster::ClaimIdentity> LoadClaimIdentity(const std::string& data_directory) {
+  Result<std::string> data_folder_id = cluster::FileInstanceId(data_directory + "/host-id");
+  if (!data_folder_id) return data_folder_id.error();
   cluster::ClaimIdentity identity;
-  identity.place = std::move(*place);
+  identity.data_folder_id = std::move(*data_folder_id);
   identity.boot = cluster::BootId();
   std::array<char, 257> name{};
   if (::gethostname(name.data(), name.size() - 1) == 0) identity.name = name.data();
-  for (const services::Interface& found : services::HostInterfaces(services::Machine())) {
-    std::string address = services::SystemPermanentMac(found.name);
+  for (const machine::Interface& found : machine::HostInterfaces(machine::Machine())) {
+    std::string address = machine::SystemPermanentMac(found.name);
     if (!address.empty()) identity.addresses.push_back(std::move(address));
   }
   return identity;

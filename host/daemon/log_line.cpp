@@ -26,7 +26,7 @@ void AppendEscaped(std::string& line, char c) {
 }  // namespace
 
 std::string MakeLogLine(std::string_view text, std::string_view request_id) {
-  constexpr std::string_view kCut = "…";
+  constexpr std::string_view kEllipsis = "…";
   std::string line;
   for (const char c : text) {
     AppendEscaped(line, c);
@@ -35,7 +35,7 @@ std::string MakeLogLine(std::string_view text, std::string_view request_id) {
     // Never cut within a character: continuation bytes begin with the bits 10.
     while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
     line.resize(end);
-    line += kCut;
+    line += kEllipsis;
     break;
   }
   if (!request_id.empty()) line.append(" [request ").append(request_id).append("]");

@@ -6,7 +6,7 @@
 
 namespace vexa::daemon {
 
-// Longer lines are cut: the system log drops datagrams that are too large.
+// In bytes. Longer lines are cut: the system log drops datagrams that are too large.
 inline constexpr std::size_t kMaxLogLine = 8 * 1024;
 
 // `text` cut to kMaxLogLine, with control characters as \n, \t or \xNN, so that nothing from a caller can start a line

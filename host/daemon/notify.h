@@ -1,6 +1,6 @@
 // Reports the daemon's progress to the service manager (sd_notify(3)).
 //
-// Written by hand because the protocol is one datagram, and the daemon needs nothing else from that library.
+// Written by hand because the protocol is a single datagram, and the daemon needs nothing else from libsystemd.
 #pragma once
 
 #include <string_view>

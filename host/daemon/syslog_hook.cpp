@@ -41,7 +41,7 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_
 
 __attribute__((format(printf, 2, 0))) void Log(int priority, const char* format, va_list arguments) {
   using namespace vexa::daemon;
-  const std::string line = MakeLogLine(Format(format, arguments), CurrentRequestId());
+  const std::string line = MakeLogLine(Format(format, arguments), vexa::api::CurrentRequestId());
   const LogTarget target = CurrentLogTarget();
   if (target != LogTarget::kSyslog) std::fprintf(stderr, "vexad: %s\n", line.c_str());
   if (target != LogTarget::kStderr) ToSystemLog(priority, "%s", line.c_str());

@@ -1,6 +1,7 @@
 #include "host/disks/disk_files.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,12 +12,12 @@
 #include <utility>
 
 #include "host/base/descriptor.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 
-namespace vexa::guests {
+namespace vexa::disks {
 namespace {
 
-// The meaning of an error number from a step on the way to a file.
+// The meaning of an error number from opening the folder of a file.
 Error LookupError(const std::string& path, int error_number) {
   switch (error_number) {
     case ENOENT:
@@ -28,7 +29,7 @@ Error LookupError(const std::string& path, int error_number) {
     case ENAMETOOLONG:
       return Error(ErrorCode::kInvalid, "its name is too long");
     default:
-      return SystemError(ErrorCode::kInternal, "Cannot open the folder of '" + cluster::ShownPath(path) + "'",
+      return SystemError(ErrorCode::kInternal, fmt::format("Cannot open the folder of '{}'", SanitizePathForLog(path)),
                          error_number);
   }
 }
@@ -36,13 +37,19 @@ Error LookupError(const std::string& path, int error_number) {
 std::string DescribeKind(mode_t mode) {
   if (S_ISLNK(mode)) return "it is a symbolic link";
   if (S_ISBLK(mode)) return "it is a block device";
-  return "it is no regular file";
+  return "it is not a regular file";
 }
 
-Error Failed(const char* what, const std::string& path, int error_number) {
+// `sentence` has one placeholder, for the path.
+Error FileError(fmt::format_string<const std::string&> sentence, const std::string& path, int error_number) {
   if (error_number == ENOENT) return Error(ErrorCode::kNotFound, "There is no such file");
+  const std::string displayed = SanitizePathForLog(path);
   const ErrorCode code = error_number == EEXIST ? ErrorCode::kConflict : ErrorCode::kInternal;
-  return SystemError(code, std::string("Cannot ") + what + " '" + cluster::ShownPath(path) + "'", error_number);
+  return SystemError(code, fmt::format(sentence, displayed), error_number);
+}
+
+Error ExamineError(const std::string& path, int error_number) {
+  return FileError("Cannot examine '{}'", path, error_number);
 }
 
 }  // namespace
@@ -50,7 +57,7 @@ Error Failed(const char* what, const std::string& path, int error_number) {
 int RenameInFolder(int folder, const char* from, const char* to) {
   if (::renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0) return 0;
   if (errno != ENOSYS && errno != EINVAL) return errno;
-  // For file systems without it.
+  // The file system cannot refuse to replace a file: check before renaming.
   struct stat info {};
   if (::fstatat(folder, to, &info, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
   if (errno != ENOENT) return errno;
@@ -84,9 +91,9 @@ int WriteToFile(int file, std::string_view bytes, std::uint64_t offset) {
 int SyncFile(int file) { return ::fsync(file) == 0 ? 0 : errno; }
 
 std::optional<std::string> NormalPath(std::string_view path) {
-  const bool can_be_one = !path.empty() && path.size() < PATH_MAX && path.front() == '/' && path.back() != '/' &&
-                          path.find('\0') == std::string_view::npos;
-  if (!can_be_one) return std::nullopt;
+  const bool may_be_file = !path.empty() && path.size() < PATH_MAX && path.front() == '/' && path.back() != '/' &&
+                           path.find('\0') == std::string_view::npos;
+  if (!may_be_file) return std::nullopt;
   std::string normal;
   std::string_view last;
   for (std::size_t begin = 1; begin <= path.size();) {
@@ -100,12 +107,12 @@ std::optional<std::string> NormalPath(std::string_view path) {
   return normal;
 }
 
-struct DiskFiles::Place {
+struct DiskFiles::OpenedFolder {
   Descriptor folder;
   std::string name;
 };
 
-DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileCalls calls) : calls_(std::move(calls)) {
+DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileSystemCalls calls) : calls_(std::move(calls)) {
   constexpr std::string_view kBelow = "/x";
   for (const std::string& root : roots) {
     // A folder's path may have forms that a file's path may not.
@@ -115,84 +122,86 @@ DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileCalls calls) : c
   std::ranges::sort(roots_, std::ranges::greater(), &std::string::size);
 }
 
-Result<DiskFiles::Place> DiskFiles::Open(const std::string& path) const {
+Result<DiskFiles::OpenedFolder> DiskFiles::Open(const std::string& path) const {
   if (calls_.before_lookup) calls_.before_lookup();
   const auto root = std::ranges::find_if(roots_, [&](const std::string& candidate) {
     return path.size() > candidate.size() + 1 && path.starts_with(candidate) && path[candidate.size()] == '/';
   });
-  if (root == roots_.end()) return Error(ErrorCode::kInvalid, "it lies outside of the folders of images");
+  if (root == roots_.end()) return Error(ErrorCode::kInvalid, "it is outside the image folders");
   const Descriptor top(::open(root->empty() ? "/" : root->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (top.get() < 0) return LookupError(path, errno);
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash > root->size() ? path.substr(root->size() + 1, slash - root->size() - 1) : "";
-  Descriptor opened = OpenBelow(top.get(), folder, O_RDONLY | O_DIRECTORY, calls_.resolve);
-  if (opened.get() < 0) return LookupError(path, errno);
-  return Place{std::move(opened), path.substr(slash + 1)};
+  Descriptor below = OpenBelow(top.get(), folder, O_RDONLY | O_DIRECTORY, calls_.resolve);
+  if (below.get() < 0) return LookupError(path, errno);
+  return OpenedFolder{std::move(below), path.substr(slash + 1)};
 }
 
-Result<DiskFiles::Look> DiskFiles::Examine(const std::string& path) const {
-  const Result<Place> place = Open(path);
-  if (!place && place.error().code() == ErrorCode::kNotFound) return Look{Kind::kMissing, {}, {}};
-  if (!place && place.error().code() == ErrorCode::kInvalid) return Look{Kind::kLeft, {}, place.error().message()};
-  if (!place) return place.error();
+Result<DiskFiles::FileInfo> DiskFiles::Examine(const std::string& path) const {
+  const Result<OpenedFolder> opened = Open(path);
+  if (!opened && opened.error().code() == ErrorCode::kNotFound) return FileInfo{Kind::kMissing, {}, {}};
+  if (!opened && opened.error().code() == ErrorCode::kInvalid)
+    return FileInfo{Kind::kUntouchable, {}, opened.error().message()};
+  if (!opened) return opened.error();
   struct stat info {};
-  if (::fstatat(place->folder.get(), place->name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
-    if (errno == ENOENT) return Look{Kind::kMissing, {}, {}};
-    if (errno == ENAMETOOLONG) return Look{Kind::kLeft, {}, "its name is too long"};
-    return Failed("look at", path, errno);
+  if (::fstatat(opened->folder.get(), opened->name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT) return FileInfo{Kind::kMissing, {}, {}};
+    if (errno == ENAMETOOLONG) return FileInfo{Kind::kUntouchable, {}, "its name is too long"};
+    return ExamineError(path, errno);
   }
-  if (!S_ISREG(info.st_mode)) return Look{Kind::kLeft, {}, DescribeKind(info.st_mode)};
-  return Look{Kind::kRegular, {info.st_dev, info.st_ino}, {}};
+  if (!S_ISREG(info.st_mode)) return FileInfo{Kind::kUntouchable, {}, DescribeKind(info.st_mode)};
+  return FileInfo{Kind::kRegular, {info.st_dev, info.st_ino}, {}};
 }
 
-// Renaming, shrinking or removing an image under a machine would take its disk away.
-Status DiskFiles::RefuseOpen(const Place& place, const std::string& path, const std::string& name) const {
-  bool has_open = false;
-  if (const int error_number = calls_.has_open(place.folder.get(), name.c_str(), &has_open)) {
-    return Failed("look for locks on", path, error_number);
+// Renaming, shrinking or removing an image in use would take the guest's disk away.
+Status DiskFiles::CheckNotOpenInVm(const OpenedFolder& opened, const std::string& path, const std::string& name) const {
+  bool is_open_in_vm = false;
+  if (const int error_number = calls_.is_open_in_vm(opened.folder.get(), name.c_str(), &is_open_in_vm)) {
+    return FileError("Cannot read the locks on '{}'", path, error_number);
   }
-  if (!has_open) return {};
-  return Error(ErrorCode::kBusy, "A machine has the file '" + cluster::ShownPath(path) + "' open");
+  if (!is_open_in_vm) return {};
+  return Error(ErrorCode::kBusy, fmt::format("A VM process has the file '{}' open", SanitizePathForLog(path)));
 }
 
-Status DiskFiles::Rename(const std::string& path, const std::string& from, const std::string& to, Probe probe) const {
-  const Result<Place> place = Open(path);
-  if (!place) return place.error();
+Status DiskFiles::Rename(const std::string& path, const std::string& from, const std::string& to,
+                         LockCheck lock_check) const {
+  const Result<OpenedFolder> opened = Open(path);
+  if (!opened) return opened.error();
   struct stat info {};
-  if (::fstatat(place->folder.get(), from.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
-    return Failed("look at", path, errno);
+  if (::fstatat(opened->folder.get(), from.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+    return ExamineError(path, errno);
   }
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
-  if (probe == Probe::kNeeded) {
-    if (Status refused = RefuseOpen(*place, path, from); !refused) return refused;
+  if (lock_check == LockCheck::kNeeded) {
+    if (Status refused = CheckNotOpenInVm(*opened, path, from); !refused) return refused;
   }
-  if (const int error_number = calls_.rename(place->folder.get(), from.c_str(), to.c_str())) {
-    return Failed("rename", path, error_number);
+  if (const int error_number = calls_.rename(opened->folder.get(), from.c_str(), to.c_str())) {
+    return FileError("Cannot rename '{}'", path, error_number);
   }
   return {};
 }
 
 Status DiskFiles::Unlink(const std::string& path, const std::string& name) const {
-  const Result<Place> place = Open(path);
-  if (!place) return place.error();
+  const Result<OpenedFolder> opened = Open(path);
+  if (!opened) return opened.error();
   struct stat info {};
-  if (::fstatat(place->folder.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
-    return Failed("look at", path, errno);
+  if (::fstatat(opened->folder.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+    return ExamineError(path, errno);
   }
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
-  if (Status refused = RefuseOpen(*place, path, name); !refused) return refused;
-  if (const int error_number = calls_.unlink(place->folder.get(), name.c_str())) {
-    return Failed("remove", path, error_number);
+  if (Status refused = CheckNotOpenInVm(*opened, path, name); !refused) return refused;
+  if (const int error_number = calls_.unlink(opened->folder.get(), name.c_str())) {
+    return FileError("Cannot remove '{}'", path, error_number);
   }
   return {};
 }
 
 Status DiskFiles::Hide(const std::string& path, const std::string& hidden) const {
-  return Rename(path, path.substr(path.rfind('/') + 1), hidden, Probe::kNeeded);
+  return Rename(path, path.substr(path.rfind('/') + 1), hidden, LockCheck::kNeeded);
 }
 
-Status DiskFiles::Show(const std::string& path, const std::string& hidden) const {
-  return Rename(path, hidden, path.substr(path.rfind('/') + 1), Probe::kNotNeeded);
+Status DiskFiles::Unhide(const std::string& path, const std::string& hidden) const {
+  return Rename(path, hidden, path.substr(path.rfind('/') + 1), LockCheck::kNotNeeded);
 }
 
 Status DiskFiles::Remove(const std::string& path) const { return Unlink(path, path.substr(path.rfind('/') + 1)); }
@@ -202,11 +211,11 @@ Status DiskFiles::RemoveHidden(const std::string& path, const std::string& hidde
 }
 
 Status DiskFiles::Create(const std::string& path, std::uint64_t length, const std::vector<FilePiece>& pieces) const {
-  const Result<Place> place = Open(path);
-  if (!place) return place.error();
+  const Result<OpenedFolder> opened = Open(path);
+  if (!opened) return opened.error();
   int created = -1;
-  if (const int error_number = calls_.create(place->folder.get(), place->name.c_str(), &created)) {
-    return Failed("create", path, error_number);
+  if (const int error_number = calls_.create(opened->folder.get(), opened->name.c_str(), &created)) {
+    return FileError("Cannot create '{}'", path, error_number);
   }
   const Descriptor file(created);
   int error_number = calls_.set_length(file.get(), length);
@@ -215,40 +224,40 @@ Status DiskFiles::Create(const std::string& path, std::uint64_t length, const st
   }
   if (error_number == 0) error_number = calls_.sync_file(file.get());
   if (error_number == 0) return {};
-  (void)calls_.unlink(place->folder.get(), place->name.c_str());
-  return Failed("create", path, error_number);
+  (void)calls_.unlink(opened->folder.get(), opened->name.c_str());
+  return FileError("Cannot create '{}'", path, error_number);
 }
 
-Status DiskFiles::WithFile(const std::string& path, int access, Probe probe,
+Status DiskFiles::WithFile(const std::string& path, int access, LockCheck lock_check,
                            const std::function<Status(int file)>& act) const {
-  const Result<Place> place = Open(path);
-  if (!place) return place.error();
+  const Result<OpenedFolder> opened = Open(path);
+  if (!opened) return opened.error();
   // Non-blocking: opening a FIFO would wait for its other end.
   const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  const Descriptor file(::openat(place->folder.get(), place->name.c_str(), flags));
+  const Descriptor file(::openat(opened->folder.get(), opened->name.c_str(), flags));
   if (file.get() < 0 && errno == ELOOP) return Error(ErrorCode::kInvalid, "it is a symbolic link");
   if (file.get() < 0) {
     const int error_number = errno;
-    // A machine's files can belong to another account while it runs; then that is the better answer.
-    if (probe == Probe::kNeeded && (error_number == EACCES || error_number == EPERM)) {
-      if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
+    // libvirt may give a guest's files to another account while the guest runs. Then the lock is the better reason.
+    if (lock_check == LockCheck::kNeeded && (error_number == EACCES || error_number == EPERM)) {
+      if (Status refused = CheckNotOpenInVm(*opened, path, opened->name); !refused) return refused;
     }
-    return Failed("open", path, error_number);
+    return FileError("Cannot open '{}'", path, error_number);
   }
   struct stat info {};
-  if (::fstat(file.get(), &info) != 0) return Failed("look at", path, errno);
+  if (::fstat(file.get(), &info) != 0) return ExamineError(path, errno);
   if (!S_ISREG(info.st_mode)) return Error(ErrorCode::kInvalid, DescribeKind(info.st_mode));
-  if (probe == Probe::kNeeded) {
-    if (Status refused = RefuseOpen(*place, path, place->name); !refused) return refused;
+  if (lock_check == LockCheck::kNeeded) {
+    if (Status refused = CheckNotOpenInVm(*opened, path, opened->name); !refused) return refused;
   }
   return act(file.get());
 }
 
 Result<std::uint64_t> DiskFiles::Length(const std::string& path) const {
   std::uint64_t length = 0;
-  const Status done = WithFile(path, O_RDONLY, Probe::kNotNeeded, [&](int file) -> Status {
+  const Status done = WithFile(path, O_RDONLY, LockCheck::kNotNeeded, [&](int file) -> Status {
     struct stat info {};
-    if (::fstat(file, &info) != 0) return Failed("look at", path, errno);
+    if (::fstat(file, &info) != 0) return ExamineError(path, errno);
     length = static_cast<std::uint64_t>(info.st_size);
     return {};
   });
@@ -258,12 +267,12 @@ Result<std::uint64_t> DiskFiles::Length(const std::string& path) const {
 
 Result<std::string> DiskFiles::ReadAt(const std::string& path, std::uint64_t offset, std::size_t count) const {
   std::string bytes(count, '\0');
-  const Status done = WithFile(path, O_RDONLY, Probe::kNotNeeded, [&](int file) -> Status {
+  const Status done = WithFile(path, O_RDONLY, LockCheck::kNotNeeded, [&](int file) -> Status {
     std::size_t have = 0;
     while (have < count) {
       const ssize_t more = ::pread(file, bytes.data() + have, count - have, static_cast<off_t>(offset + have));
       if (more < 0 && errno == EINTR) continue;
-      if (more < 0) return Failed("read", path, errno);
+      if (more < 0) return FileError("Cannot read '{}'", path, errno);
       if (more == 0) break;
       have += static_cast<std::size_t>(more);
     }
@@ -275,29 +284,29 @@ Result<std::string> DiskFiles::ReadAt(const std::string& path, std::uint64_t off
 }
 
 Status DiskFiles::SetLength(const std::string& path, std::uint64_t length) const {
-  return WithFile(path, O_RDWR, Probe::kNeeded, [&](int file) -> Status {
+  return WithFile(path, O_RDWR, LockCheck::kNeeded, [&](int file) -> Status {
     int error_number = calls_.set_length(file, length);
     if (error_number == 0) error_number = calls_.sync_file(file);
-    return error_number == 0 ? Status() : Failed("resize", path, error_number);
+    return error_number == 0 ? Status() : FileError("Cannot resize '{}'", path, error_number);
   });
 }
 
 Status DiskFiles::WriteAt(const std::string& path, const FilePiece& piece) const {
-  return WithFile(path, O_RDWR, Probe::kNeeded, [&](int file) -> Status {
+  return WithFile(path, O_RDWR, LockCheck::kNeeded, [&](int file) -> Status {
     int error_number = calls_.write(file, piece.bytes, piece.offset);
     if (error_number == 0) error_number = calls_.sync_file(file);
-    return error_number == 0 ? Status() : Failed("write", path, error_number);
+    return error_number == 0 ? Status() : FileError("Cannot write '{}'", path, error_number);
   });
 }
 
 Status DiskFiles::Sync(const std::string& path) const {
-  const Result<Place> place = Open(path);
-  if (!place && place.error().code() == ErrorCode::kNotFound) return {};
-  if (!place) return place.error();
-  if (const int error_number = calls_.sync(place->folder.get())) {
-    return Failed("sync the folder of", path, error_number);
+  const Result<OpenedFolder> opened = Open(path);
+  if (!opened && opened.error().code() == ErrorCode::kNotFound) return {};
+  if (!opened) return opened.error();
+  if (const int error_number = calls_.sync(opened->folder.get())) {
+    return FileError("Cannot sync the folder of '{}'", path, error_number);
   }
   return {};
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::disks

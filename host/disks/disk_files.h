@@ -1,8 +1,8 @@
 // Accesses the files behind the paths in disks' records without trusting those paths.
 //
 // A path leads to a file only when it is strictly below one of the roots, and neither the file nor any folder below the
-// root is a symbolic link. Every change is made inside the folder opened in this way, and never while a machine has the
-// file open.
+// root is a symbolic link. Every change is made inside the folder opened in this way, and never while a VM process has
+// the file open.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +18,7 @@
 #include "host/base/rooted_file.h"
 #include "host/disks/disk_locks.h"
 
-namespace vexa::guests {
+namespace vexa::disks {
 
 // The system calls that change a folder; tests replace them. Each returns 0 or an errno(3) value.
 int RenameInFolder(int folder, const char* from, const char* to);  // EEXIST when `to` exists
@@ -30,7 +30,7 @@ int SetFileLength(int file, std::uint64_t length);
 int WriteToFile(int file, std::string_view bytes, std::uint64_t offset);  // all of them
 int SyncFile(int file);
 
-struct FileCalls {
+struct FileSystemCalls {
   std::function<int(int folder, const char* from, const char* to)> rename = RenameInFolder;
   std::function<int(int folder, const char* name)> unlink = UnlinkInFolder;
   std::function<int(int folder)> sync = SyncFolder;
@@ -38,19 +38,21 @@ struct FileCalls {
   std::function<int(int file, std::uint64_t length)> set_length = SetFileLength;
   std::function<int(int file, std::string_view bytes, std::uint64_t offset)> write = WriteToFile;
   std::function<int(int file)> sync_file = SyncFile;
-  // Whether a machine has the file open, see disk_locks.h.
-  std::function<int(int folder, const char* name, bool* has_open)> has_open = MachineHasOpen;
-  // Called before each access to the file system; for tests of what is held at that point. Not set: nothing is called.
+  // Whether a VM process has the file open, see disk_locks.h.
+  std::function<int(int folder, const char* name, bool* is_open_in_vm)> is_open_in_vm = IsOpenInVm;
+  // Called before each access to the file system, so that tests can check that no lock or snapshot is held then. May be
+  // empty.
   std::function<void()> before_lookup;
   ResolvePath resolve = ResolvePath::kBySystem;
 };
 
+// Bytes at an offset of a file.
 struct FilePiece {
   std::uint64_t offset = 0;
   std::string bytes;
 };
 
-// Equal for two names of one file.
+// Identifies a file whatever its name.
 struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
@@ -64,50 +66,53 @@ std::optional<std::string> NormalPath(std::string_view path);
 // Threads: any, at the same time.
 class DiskFiles {
  public:
-  DiskFiles(const std::vector<std::string>& roots, FileCalls calls);
+  DiskFiles(const std::vector<std::string>& roots, FileSystemCalls calls);
 
-  enum class Kind { kRegular, kMissing, kLeft };
-  struct Look {
+  // kUntouchable: the path leads to something other than a regular file below a root.
+  enum class Kind { kRegular, kMissing, kUntouchable };
+  struct FileInfo {
     Kind kind = Kind::kMissing;
     FileIdentity identity;  // of a regular file
-    std::string why;        // for kLeft: what it is instead, as the end of a sentence
+    std::string reason;     // for kUntouchable, as a clause: "it is a symbolic link"
   };
-  // Errors: with the path and the system's reason when the result is unknown.
-  Result<Look> Examine(const std::string& path) const;
+  // Errors: when the result is unknown, with the path and the system's reason.
+  Result<FileInfo> Examine(const std::string& path) const;
 
   // `path` comes from NormalPath(). Only regular files are renamed and removed. Errors, for all except Sync: kNotFound
-  // (no such file or folder), kInvalid (the file must not be touched, see Look::why), and those of the system, with the
-  // path; for Hide, Remove, RemoveHidden, SetLength and WriteAt also kBusy (a machine has the file open).
+  // (no such file or folder), kInvalid (the file must not be touched, see FileInfo::reason), and those of the system,
+  // with the path; for Hide, Remove, RemoveHidden, SetLength and WriteAt also kBusy (a VM process has the file open).
   // Renames the file to `hidden` in its folder; kConflict when that name exists.
   Status Hide(const std::string& path, const std::string& hidden) const;
-  // Restores its name; kConflict when a file of that name exists.
-  Status Show(const std::string& path, const std::string& hidden) const;
+  // Undoes Hide; kConflict when a file of that name exists.
+  Status Unhide(const std::string& path, const std::string& hidden) const;
   Status Remove(const std::string& path) const;
   Status RemoveHidden(const std::string& path, const std::string& hidden) const;
   // Creates a file that only its owner can read, `length` bytes long, sparse except for `pieces`, synced to disk.
   // kConflict when it exists. After other errors the file is removed again, as far as possible.
   Status Create(const std::string& path, std::uint64_t length, const std::vector<FilePiece>& pieces) const;
   Result<std::uint64_t> Length(const std::string& path) const;
-  // Returns as many of the bytes as there are.
+  // Returns fewer bytes when the file ends before `offset` + `count`.
   Result<std::string> ReadAt(const std::string& path, std::uint64_t offset, std::size_t count) const;
-  // Both are on the disk when they return.
+  // Both sync the file.
   Status SetLength(const std::string& path, std::uint64_t length) const;
   Status WriteAt(const std::string& path, const FilePiece& piece) const;
-  // Makes the changes in the folder of `path` durable. A missing folder is not an error.
+  // Syncs the folder of `path`, which makes renames and removals in it durable. A missing folder is not an error.
   Status Sync(const std::string& path) const;
 
  private:
-  struct Place;
-  Result<Place> Open(const std::string& path) const;
-  enum class Probe { kNeeded, kNotNeeded };
-  Status RefuseOpen(const Place& place, const std::string& path, const std::string& name) const;
-  Status Rename(const std::string& path, const std::string& from, const std::string& to, Probe probe) const;
+  struct OpenedFolder;
+  // Opens the folder of the file below its root. Errors: those of a lookup, see above.
+  Result<OpenedFolder> Open(const std::string& path) const;
+  enum class LockCheck { kNeeded, kNotNeeded };
+  Status CheckNotOpenInVm(const OpenedFolder& opened, const std::string& path, const std::string& name) const;
+  Status Rename(const std::string& path, const std::string& from, const std::string& to, LockCheck lock_check) const;
   Status Unlink(const std::string& path, const std::string& name) const;
-  // For a regular file.
-  Status WithFile(const std::string& path, int access, Probe probe, const std::function<Status(int file)>& act) const;
+  // Opens the file, which must be a regular one, and calls `act` with it.
+  Status WithFile(const std::string& path, int access, LockCheck lock_check,
+                  const std::function<Status(int file)>& act) const;
 
   std::vector<std::string> roots_;  // normalised, "" for the root of the file system, longest first
-  const FileCalls calls_;
+  const FileSystemCalls calls_;
 };
 
-}  // namespace vexa::guests
+}  // namespace vexa::disks

@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-namespace vexa::guests {
+namespace vexa::disks {
 namespace {
 
-// QEMU's permission bytes begin at 100, those of what it does not share at 200.
+// QEMU locks a byte from 100 on for each permission that it uses, and one from 200 on for each that it does not share.
 constexpr std::uint64_t kFirstByte = 100;
 constexpr std::uint64_t kLastByte = 299;
 constexpr char kLockTable[] = "/proc/locks";
@@ -31,17 +31,18 @@ std::optional<Number> ParseNumber(std::string_view text, int base) {
   return number;
 }
 
-std::vector<std::string_view> Words(std::string_view line) {
-  std::vector<std::string_view> words;
+std::vector<std::string_view> SplitAtSpaces(std::string_view line) {
+  std::vector<std::string_view> fields;
   for (std::size_t begin = 0; (begin = line.find_first_not_of(' ', begin)) != std::string_view::npos;) {
     const std::size_t end = std::min(line.find(' ', begin), line.size());
-    words.push_back(line.substr(begin, end - begin));
+    fields.push_back(line.substr(begin, end - begin));
     begin = end;
   }
-  return words;
+  return fields;
 }
 
-// "08:01:131079": major and minor number in hexadecimal, and the inode.
+// Whether `text` is the file's device and inode, as in "08:01:131079": major and minor number in hexadecimal, and the
+// inode.
 bool IsOfFile(std::string_view text, dev_t device, ino_t inode) {
   const std::size_t first = text.find(':');
   const std::size_t second = first == std::string_view::npos ? first : text.find(':', first + 1);
@@ -51,31 +52,31 @@ bool IsOfFile(std::string_view text, dev_t device, ino_t inode) {
          ParseNumber<std::uint64_t>(text.substr(second + 1), 10) == std::uint64_t{inode};
 }
 
-// A line is "1: OFDLCK ADVISORY READ -1 08:01:131079 100 101"; the last word may be "EOF". A waiting lock has "->"
+// A line is "1: OFDLCK ADVISORY READ -1 08:01:131079 100 101"; the last field may be "EOF". A waiting lock has "->"
 // after its number.
 bool IsImageLock(std::string_view line, dev_t device, ino_t inode) {
-  const std::vector<std::string_view> words = Words(line);
-  if (words.size() != 8 || (words[1] != "OFDLCK" && words[1] != "POSIX")) return false;
-  if (!IsOfFile(words[5], device, inode)) return false;
-  const auto first = ParseNumber<std::uint64_t>(words[6], 10);
-  const auto last = words[7] == "EOF" ? UINT64_MAX : ParseNumber<std::uint64_t>(words[7], 10);
-  // A line that cannot be parsed counts as a lock, so that the file is left alone.
+  const std::vector<std::string_view> fields = SplitAtSpaces(line);
+  if (fields.size() != 8 || (fields[1] != "OFDLCK" && fields[1] != "POSIX")) return false;
+  if (!IsOfFile(fields[5], device, inode)) return false;
+  const auto first = ParseNumber<std::uint64_t>(fields[6], 10);
+  const auto last = fields[7] == "EOF" ? UINT64_MAX : ParseNumber<std::uint64_t>(fields[7], 10);
+  // A line that cannot be parsed counts as a lock, so that the file is not touched.
   return !first || !last || (*first <= kLastByte && *last >= kFirstByte);
 }
 
-int LookUpInTable(int folder, const char* name, bool* has_open) {
+int FindInLockTable(int folder, const char* name, bool* is_open_in_vm) {
   struct stat info {};
   if (::fstatat(folder, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
   if (!S_ISREG(info.st_mode)) return 0;
   std::ifstream in(kLockTable);
   const std::string table{std::istreambuf_iterator<char>(in), {}};
-  // A system that does not show its locks gives no information: the file is left as it is.
+  // The lock table may be hidden from this process. The file is then not touched.
   if (!in.is_open() || in.bad()) return EACCES;
-  *has_open = HasImageLock(table, info.st_dev, info.st_ino);
+  *is_open_in_vm = HasImageLock(table, info.st_dev, info.st_ino);
   return 0;
 }
 
-int AskForLock(int file, bool* has_open) {
+int TestLocks(int file, bool* is_open_in_vm) {
   struct stat info {};
   if (::fstat(file, &info) != 0) return errno;
   if (!S_ISREG(info.st_mode)) return 0;
@@ -85,7 +86,7 @@ int AskForLock(int file, bool* has_open) {
   lock.l_start = kFirstByte;
   lock.l_len = kLastByte - kFirstByte + 1;
   if (::fcntl(file, F_OFD_GETLK, &lock) == 0) {
-    *has_open = lock.l_type != F_UNLCK;
+    *is_open_in_vm = lock.l_type != F_UNLCK;
     return 0;
   }
   switch (errno) {
@@ -111,17 +112,17 @@ bool HasImageLock(std::string_view table, dev_t device, ino_t inode) {
   return false;
 }
 
-int MachineHasOpen(int folder, const char* name, bool* has_open) {
-  *has_open = false;
+int IsOpenInVm(int folder, const char* name, bool* is_open_in_vm) {
+  *is_open_in_vm = false;
   // Non-blocking: opening a FIFO would wait for its other end.
   const int file = ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) {
     if (errno == ELOOP) return 0;  // a symbolic link
-    return errno == EACCES || errno == EPERM ? LookUpInTable(folder, name, has_open) : errno;
+    return errno == EACCES || errno == EPERM ? FindInLockTable(folder, name, is_open_in_vm) : errno;
   }
-  const int error_number = AskForLock(file, has_open);
+  const int error_number = TestLocks(file, is_open_in_vm);
   ::close(file);
   return error_number;
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::disks

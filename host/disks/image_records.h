@@ -1,8 +1,10 @@
-// The ISO images of the cluster that drives of guests can hold: their records, which records/guest_image.h describes.
+// The records of the cluster's ISO images, which CD-ROM drives of guests can contain. Their format is in
+// host/records/guest_image.h.
 //
-// Each image has a name and a file of its own. A record names a file, so the commit that adds one writes FilesKey(). It
-// also compares it: of two additions of one file under two names one plans again, and finds the other's record.
-// Threads: any, at the same time; hosts as well. Asks the file system only while no snapshot is held.
+// Each image has a name and a file of its own. A record refers to a file, so the commit that adds one writes
+// FileReferencesGuardKey(). It also compares it: the second of two commits that add the same file under different names
+// conflicts, is planned again and finds the other's record. Accesses the file system only while no snapshot is open.
+// Threads: any, at the same time; hosts as well.
 #pragma once
 
 #include <cstdint>
@@ -13,24 +15,27 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/store/store.h"
+#include "webapi/error_codes.h"
 
-namespace vexa::guests {
+namespace vexa::disks {
 
-inline constexpr int kNotAnImage = 934;  // the path does not lead to a file below a folder of images
+inline constexpr int kNotAnImage =
+    user_error::kImageUnusable;  // the path does not lead to a file below an image folder
 
 struct NewImage {
-  std::string name;  // see cluster::IsRecordName
-  std::string path;  // absolute, at most cluster::kMaxImagePathBytes of UTF-8 without control characters
+  std::string name;  // see records::IsRecordName
+  std::string path;  // absolute, at most records::kMaxImagePathBytes of UTF-8 without control characters
   std::string id;    // a UUID; empty: a random one
 };
 
-// Whether the texts have these forms; kInvalid with a sentence when not. Reads nothing.
+// Checks the form of the members. Errors: kInvalid with a sentence. Reads nothing from the store or the disk.
 Status CheckImage(const NewImage& image);
 
-// Adds the record of an image that CheckImage accepts, and returns its id in `id`. The file must be a regular one below
+// Adds the record of an image that CheckImage accepts, and sets `id` to its id. The file must be a regular one below
 // one of `roots`, reached without ".", ".." and symbolic links.
-// Refusals: kNotAnImage; cluster::kRecordExists (an image has the id, the name or the file already); kRecordFailed.
-Refused AddImage(store::Store& store, const std::vector<std::string>& roots, const NewImage& image, std::string& id);
+// Refusals: kNotAnImage; records::kRecordExists (an image has the id, the name or the file already); kRecordFailed.
+Result<void, Refusal> AddImage(store::Store& store, const std::vector<std::string>& roots, const NewImage& image,
+                               std::string& id);
 
 struct ListedImage {
   std::string id;
@@ -39,14 +44,14 @@ struct ListedImage {
   std::optional<std::uint64_t> size;  // of the file in bytes; not set: this host does not have the file
 };
 
-// All images, by id, without the sizes of their files: host/storage/image_sizes.h finds those. Errors: what the store
-// says.
+// All images, by id, without the sizes of their files: host/storage/image_sizes.h finds those. Errors: those of the
+// store.
 Result<std::vector<ListedImage>> ListImages(const store::Store& store);
 
-// Removes the record of an image. Its file stays. `name` becomes what the image is called, also after a refusal, or ""
+// Removes the record of an image. Its file stays. Sets `name` to the name of the image, also when it refuses, or to ""
 // when there is no such image.
-// Refusals: kUnreadable (there is no such image); cluster::kRecordInUse (drives of guests have it, by its id or its
-// path; the sentence names up to ten of the guests); kRecordFailed.
-Refused RemoveImage(store::Store& store, const std::string& id, std::string& name);
+// Refusals: kNotFoundOrUnreadable (there is no such image); records::kRecordInUse (drives of guests have it, by its id
+// or its path; the sentence names up to ten of the guests); kRecordFailed.
+Result<void, Refusal> RemoveImage(store::Store& store, const std::string& id, std::string& name);
 
-}  // namespace vexa::guests
+}  // namespace vexa::disks

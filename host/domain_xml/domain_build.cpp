@@ -5,22 +5,18 @@
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_build_internal.h"
 #include "host/domain_xml/domain_overlay.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/domain_xml/domain_xml_internal.h"
 
-namespace vexa::hypervisor {
-namespace domain_build {
+namespace vexa::domain_xml {
+namespace build {
 namespace {
 
 Status Check(const GuestRecords& records, const BuildOptions& options) {
-  using domain_xml::Quote;
-  using domain_xml::Refused;
   if (NormalizeUuid(records.id).empty()) {
-    return Refused("The id of the guest, " + Quote(records.id) + ", is not a UUID. Use the form 8-4-4-4-12");
+    return Invalid("The id of the guest, {}, is not a UUID. Use the form 8-4-4-4-12", Quote(records.id));
   }
-  if (!records.guest.isObject()) return Refused("The record of the guest is not an object");
+  if (!records.guest.isObject()) return Invalid("The record of the guest is not an object");
   if (options.domain_type != "kvm" && options.domain_type != "qemu" && options.domain_type != "test") {
-    return Refused("The type of the domain is " + Quote(options.domain_type) + ": give 'kvm', 'qemu' or 'test'");
+    return Invalid("The type of the domain is {}. Use 'kvm', 'qemu' or 'test'", Quote(options.domain_type));
   }
   return {};
 }
@@ -40,7 +36,7 @@ Status WriteGuest(Context& context) {
   return {};
 }
 
-}  // namespace domain_build
+}  // namespace build
 
 namespace {
 
@@ -53,16 +49,16 @@ std::string Print(const pugi::xml_document& document) {
 }  // namespace
 
 Result<std::string> BuildDomainXml(const GuestRecords& records, const BuildOptions& options) {
-  if (Status valid = domain_build::Check(records, options); !valid) return valid.error();
+  if (Status valid = build::Check(records, options); !valid) return valid.error();
   pugi::xml_document document;
   if (!options.base_xml.empty()) {
-    if (Status laid = domain_overlay::Apply(records, options, document); !laid) return laid.error();
+    if (Status applied = overlay::Apply(records, options, document); !applied) return applied.error();
     return Print(document);
   }
-  domain_build::Context context{records, options};
+  build::Context context{records, options};
   context.domain = document.append_child("domain");
-  if (Status written = domain_build::WriteGuest(context); !written) return written.error();
+  if (Status written = build::WriteGuest(context); !written) return written.error();
   return Print(document);
 }
 
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -1,6 +1,6 @@
-// Builds the domain XML that libvirt runs from the records of a guest, its disks and its network interfaces.
+// Builds domain XML for libvirt from the records of a guest, its disks and its network interfaces.
 // docs/import.md has the mapping, which ParseDomainXml reads in the other direction; docs/hypervisor.md describes what
-// is added, and what happens to the definition that an imported guest had.
+// is added, and how the definition of an imported guest is used.
 #pragma once
 
 #include <json/value.h>
@@ -13,9 +13,9 @@
 
 #include "host/base/result.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 
-// Records as the dashboard stores them. Whatever they contain, the XML has the elements below and no others.
+// Records as the store has them. Whatever they contain, the XML has only the elements that the builder writes.
 struct GuestRecords {
   std::string id;  // UUID
   Json::Value guest;
@@ -23,34 +23,34 @@ struct GuestRecords {
   std::vector<std::pair<std::string, Json::Value>> nics;
 };
 
-// Whether libvirt may set processor shares. That needs cgroups of its own, which an embedded libvirt without rights
-// does not have; it then refuses to start a guest with shares.
-enum class CpuShares { kAllowed, kLeftOut };
+// Whether libvirt may set CPU shares. That needs cgroups of its own, which an unprivileged driver does not have: it
+// refuses to start a guest with shares.
+enum class CpuShares { kAllowed, kOmitted };
 
 // Whether this machine has a USB bus. Without one, the hypervisor fails when it looks for devices on it, even optional
 // ones.
 enum class UsbBus { kPresent, kAbsent };
 
-// Marks a definition as made by a host of this system: <metadata><vexa:guest xmlns:vexa="…" host="…"/>.
-inline constexpr char kMarkNamespace[] = "urn:vexa:guest:1";
+// The namespace of the ownership tag, which says that a host of this system made the definition:
+// <metadata><vexa:guest xmlns:vexa="…" host="…"/>.
+inline constexpr char kOwnershipTagNamespace[] = "urn:vexa:guest:1";
 
 struct BuildOptions {
   std::string domain_type = "kvm";  // as Hypervisor::DomainType returns it: "kvm", "qemu" or "test"
   CpuShares cpu_shares = CpuShares::kAllowed;
 
-  // The processor that guests without cpu_passthru see. Every host of a cluster must support it, so that guests can
-  // move.
+  // The CPU model of guests without cpu_passthru. Every host of a cluster must support it, so that guests can move.
   std::string compatible_cpu = "Nehalem";
 
   // The host's processors dedicated to this guest: its first `cpu_pin_num` virtual CPUs get one each.
   std::vector<unsigned> pinned_cpus;
 
-  // Returns the absolute path for an entry of "iso_images". Not set: the entry is the path.
+  // Returns the absolute path for an entry of "iso_images". May be empty: then the entry is the path.
   std::function<Result<std::string>(const std::string& image)> image_path;
 
   UsbBus usb_bus = UsbBus::kPresent;
 
-  // The id of the host that defines the guest, for the mark in the metadata. Empty: no mark is written.
+  // The id of the host that defines the guest, for the ownership tag. Empty: no tag is written.
   std::string host_id;
 
   // The definition that the guest's owner had before the import (inactive XML). If not empty, the result is this
@@ -66,14 +66,14 @@ struct BuildOptions {
   std::set<std::string> kernel_bridges;
 };
 
-// The XML of a domain, indented, without an XML declaration. The same records and options always give the same text. In
-// texts that a guest can run without (its description, a name that libvirt does not accept), characters that XML does
+// The XML of a domain, indented, without an XML declaration. The same records and options always give the same XML. In
+// strings that a guest can run without (its description, a name that libvirt does not accept), characters that XML does
 // not allow are replaced; the domain of a guest without a usable name is named by its id.
-// With a base, elements whose meaning has not changed stay word for word, and the rest is changed as little as
+// With a base, elements whose records have not changed stay word for word, and the rest is changed as little as
 // possible. An <emulator> that is not an executable file of this machine is then left out.
 // Errors: kInvalid with a sentence that names the record's member, its value and what would be accepted, also when the
 // base cannot be read or belongs to another guest; the errors of image_path. Pure except for options.image_path and the
 // check of the emulator. Threads: any, at the same time.
 Result<std::string> BuildDomainXml(const GuestRecords& records, const BuildOptions& options);
 
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -6,15 +6,10 @@
 
 #include "host/base/guest_settings.h"
 #include "host/domain_xml/domain_build_internal.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/domain_xml/domain_xml_internal.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_build {
+namespace vexa::domain_xml::build {
 namespace {
-
-using domain_xml::Quote;
-using domain_xml::Refused;
 
 constexpr Json::ArrayIndex kUsbPorts = 4;
 constexpr std::int64_t kDefaultUsbVersion = 2;
@@ -46,7 +41,7 @@ std::string Hexadecimal(std::uint32_t number) {
   return text.data();
 }
 
-// "1234:00ab" is a vendor and a product, "3.14" a bus and a device.
+// Adds a <hostdev> for "1234:00ab" (a vendor and a product) or "3.14" (a bus and a device). False for any other name.
 bool WriteHostDevice(Context& context, const std::string& name) {
   const std::size_t colon = name.find(':');
   const std::size_t dot = name.find('.');
@@ -58,8 +53,8 @@ bool WriteHostDevice(Context& context, const std::string& name) {
     source = Add(device, "source");
   };
   if (colon != std::string::npos) {
-    const auto vendor = domain_xml::ParseHex16(std::string_view(name).substr(0, colon));
-    const auto product = domain_xml::ParseHex16(std::string_view(name).substr(colon + 1));
+    const auto vendor = parse::ParseHex16(std::string_view(name).substr(0, colon));
+    const auto product = parse::ParseHex16(std::string_view(name).substr(colon + 1));
     if (!vendor || !product) return false;
     add();
     // A device that is not plugged in must not prevent the start.
@@ -69,8 +64,8 @@ bool WriteHostDevice(Context& context, const std::string& name) {
     return true;
   }
   if (dot == std::string::npos) return false;
-  const auto bus = domain_xml::ParseUnsigned(std::string_view(name).substr(0, dot));
-  const auto device = domain_xml::ParseUnsigned(std::string_view(name).substr(dot + 1));
+  const auto bus = parse::ParseUnsigned(std::string_view(name).substr(0, dot));
+  const auto device = parse::ParseUnsigned(std::string_view(name).substr(dot + 1));
   const auto in_range = [](const std::optional<std::uint64_t>& number) { return number && *number - 1 < 255; };
   if (!in_range(bus) || !in_range(device)) return false;
   add();
@@ -84,38 +79,41 @@ bool WriteHostDevice(Context& context, const std::string& name) {
 Status WriteHostDevices(Context& context, std::int64_t version) {
   const Json::Value& usbs = json::Member(context.guest(), "usbs");
   if (!usbs.isNull() && (!usbs.isArray() || usbs.size() > kUsbPorts)) {
-    return Refused("The member 'usbs' of the guest is not a list of at most four devices");
+    return Invalid("The member 'usbs' of the guest is not a list of at most four devices");
   }
   if (context.options.usb_bus == UsbBus::kAbsent) return {};
   for (const Json::Value& entry : json::Elements(usbs)) {
-    if (!entry.isString()) return Refused("An entry of 'usbs' of the guest is not a text");
+    if (!entry.isString()) return Invalid("An entry of 'usbs' of the guest is not a string");
     const std::string name = json::String(entry);
     if (name.empty() || name == "unmounted") continue;
-    if (version == 0) return Refused("The guest has the USB device " + Quote(name) + " and no USB controller");
+    if (version == 0) return Invalid("The guest has the USB device {} but no USB controller", Quote(name));
     if (!WriteHostDevice(context, name)) {
-      return Refused("The USB device " + Quote(name) +
-                     " is not a USB device. Use a vendor and a product ('1234:00ab') or a bus and a device ('3.14')");
+      return Invalid(
+          "The USB device {} cannot be passed through. Use a vendor and a product ('1234:00ab') or a bus and a device "
+          "('3.14')",
+          Quote(name));
     }
   }
   return {};
 }
 
 Status WriteScreen(Context& context) {
-  const Result<std::string> card = TextOf(context.guest(), "video_card", "cirrus");
+  const Result<std::string> card = StringOf(context.guest(), "video_card", "cirrus");
   if (!card) return card.error();
   if (std::find(kVideoCards.begin(), kVideoCards.end(), *card) == kVideoCards.end()) {
-    return Refused("The video card " + Quote(*card) + " is not known: give cirrus, vga, vmvga, qxl or virtio");
+    return Invalid("The video card {} is unknown. Use cirrus, vga, vmvga, qxl or virtio", Quote(*card));
   }
-  const Result<std::string> layout = TextOf(context.guest(), "kb_layout", "Default");
+  const Result<std::string> layout = StringOf(context.guest(), "kb_layout", "Default");
   if (!layout) return layout.error();
-  const bool own_layout = !layout->empty() && *layout != "Default";
-  if (own_layout && !domain_xml::IsLayoutName(*layout)) {
-    return Refused("The keyboard layout " + Quote(*layout) + " is not a keyboard layout. Use a name such as 'en-us'");
+  const bool has_layout = !layout->empty() && *layout != "Default";
+  if (has_layout && !parse::IsLayoutName(*layout)) {
+    return Invalid("The member 'kb_layout' of the guest is {}. Use the name of a keyboard layout, such as 'en-us'",
+                   Quote(*layout));
   }
-  // On a socket, because with a port every user of the host could see the screen.
+  // On a UNIX socket, because every user of the host could connect to a TCP port.
   pugi::xml_node graphics = Add(context.devices, "graphics");
   Set(graphics, "type", "vnc");
-  if (own_layout) Set(graphics, "keymap", *layout);
+  if (has_layout) Set(graphics, "keymap", *layout);
   Set(Add(graphics, "listen"), "type", "socket");
   Set(Add(Add(context.devices, "video"), "model"), "type", *card);
   return {};
@@ -162,4 +160,4 @@ Status WriteConsole(Context& context) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_build
+}  // namespace vexa::domain_xml::build

@@ -9,21 +9,25 @@
 
 #include "host/base/guest_setting.h"
 #include "host/domain_xml/domain_build.h"
+#include "host/domain_xml/domain_parse_internal.h"
 
-namespace vexa::hypervisor::domain_build {
+namespace vexa::domain_xml::build {
+
+using parse::Invalid;
+using parse::Quote;
 
 // domain_build_values.cpp
 
 // `text` with '?' in place of every byte of an invalid sequence and every character that XML 1.0 does not allow.
 std::string XmlText(std::string_view text);
 
-// The member of a record, `fallback` when it is absent or null. Errors: kInvalid when it is not an integer from `least`
-// to `most`, or not a text.
-Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std::int64_t fallback, std::int64_t least,
-                              std::int64_t most);
-// The same for a setting, in its range.
+// The member of a record, `fallback` when it is absent or null. Errors: kInvalid when it is not an integer from `min`
+// to `max`, or not a string.
+Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std::int64_t fallback, std::int64_t min,
+                              std::int64_t max);
+// The same for a setting; the range is that of the setting.
 Result<std::int64_t> NumberOf(const Json::Value& record, const GuestSetting& setting, std::int64_t fallback);
-Result<std::string> TextOf(const Json::Value& record, const char* member, const std::string& fallback);
+Result<std::string> StringOf(const Json::Value& record, const char* member, const std::string& fallback);
 // False when it is absent or null; any other value as jsoncpp converts it.
 bool FlagOf(const Json::Value& record, const char* member);
 
@@ -32,12 +36,20 @@ pugi::xml_node Add(pugi::xml_node parent, const char* name);
 pugi::xml_node AddText(pugi::xml_node parent, const char* name, const std::string& text);
 void Set(pugi::xml_node element, const char* attribute, const std::string& value);
 
-// Records who made the definition, as the last child of <metadata>, which is added if absent.
-enum class Kept { kNo, kYes };  // whether the definition stays defined while the guest is off
-void WriteMark(pugi::xml_node domain, const std::string& host_id, Kept kept);
+// Whether the definition stays in libvirt while the guest is off.
+enum class Persistence { kNo, kYes };
+// Adds the ownership tag as the last child of <metadata>, which is added if absent: the host made the definition.
+void WriteOwnershipTag(pugi::xml_node domain, const std::string& host_id, Persistence persistence);
 
 // The member "nvram", or "" when it is absent. Errors: kInvalid when it is not a plain absolute path.
 Result<std::string> NvramOf(const Json::Value& guest);
+
+// What the guest boots from: "disk" (also when the member is absent) or "iso". Errors: kInvalid for anything else.
+Result<std::string> BootSourceOf(const Json::Value& guest);
+
+// The member "iso_images" as a list, which is empty when the member is absent. Errors: kInvalid when it is not a list
+// of at most two.
+Result<Json::Value> IsoImagesOf(const Json::Value& guest);
 
 // domain_build_targets.cpp
 
@@ -50,17 +62,15 @@ inline constexpr int kIde = 2;
 inline constexpr int kSata = 3;
 inline constexpr int kScsi = 4;
 inline constexpr std::size_t kMaxIdeDrives = 4;
-inline constexpr Json::ArrayIndex kMaxIsoImages = 2;
 
 const Bus& BusOf(int mode);  // for a known mode
 Result<std::int64_t> ModeOf(const Json::Value& disk);
 Result<std::string> FormatOf(const Json::Value& disk);  // "raw" or "qcow2"
 
-// The name of position `index` on a bus: "vda", …, "vdz", "vdaa", …
+// The target name of position `index` on a bus: "vda", …, "vdz", "vdaa", …
 std::string TargetName(const Bus& bus, std::size_t index);
 
-// The position on `bus` that `name` stands for; not set when it is not such a name. libvirt derives the position from
-// the name.
+// The inverse: the position on `bus` of the target `name`, as libvirt derives it; not set for any other name.
 std::optional<std::size_t> TargetIndex(const std::string& name, const Bus& bus);
 
 // Writers, each for one part of the XML. They add to `context.domain` or `context.devices`.
@@ -71,8 +81,8 @@ struct Context {
   pugi::xml_node domain{};
   pugi::xml_node devices{};
 
-  bool legacy_machine = false;  // an old PC with IDE; otherwise one with PCI Express
-  int boot_order = 0;           // the last one assigned
+  bool legacy_machine = false;  // machine type "pc", which has IDE; otherwise "q35" with PCI Express
+  int boot_order = 0;           // the last number assigned
   std::size_t scsi_controllers = 0;
 
   const Json::Value& guest() const { return records.guest; }
@@ -82,7 +92,7 @@ struct Context {
 // Whether any disk is on IDE, which new machine types do not have. domain_build_disks.cpp
 bool NeedsLegacyMachine(const GuestRecords& records);
 
-// All parts.
+// Calls all writers below.
 Status WriteGuest(Context& context);  // domain_build.cpp
 
 Status WriteIdentity(Context& context);   // domain_build_machine.cpp
@@ -93,4 +103,4 @@ Status WriteNics(Context& context);       // domain_build_nics.cpp
 Status WriteUsb(Context& context);        // domain_build_devices.cpp: controllers and host devices
 Status WriteConsole(Context& context);    // video, keyboard, serial console, agent
 
-}  // namespace vexa::hypervisor::domain_build
+}  // namespace vexa::domain_xml::build

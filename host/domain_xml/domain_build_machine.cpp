@@ -1,15 +1,13 @@
-// The guest's identity, memory and processors, and the machine around them.
+// The guest's identity, memory, processors, firmware, features and clock.
 #include <algorithm>
 
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
 #include "host/base/uuid.h"
 #include "host/domain_xml/domain_build_internal.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/domain_xml/domain_xml_internal.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_build {
+namespace vexa::domain_xml::build {
 namespace {
 
 namespace json = VexaVirtualization::json;
@@ -17,11 +15,11 @@ namespace json = VexaVirtualization::json;
 constexpr std::int64_t kDefaultWeight = 256;
 constexpr std::size_t kMaxNameBytes = 128;
 
-// libvirt makes file names from it.
+// Whether libvirt accepts the name: it makes file names from it.
 bool IsDomainName(const std::string& name) {
   return !name.empty() && name.size() <= kMaxNameBytes && name.find('/') == std::string::npos && name != "." &&
-         name != ".." && IsValidUtf8(name) && !domain_xml::HasControlCharacters(name) && XmlText(name) == name &&
-         domain_xml::Trim(name) == name;
+         name != ".." && IsValidUtf8(name) && !parse::HasControlCharacters(name) && XmlText(name) == name &&
+         parse::Trim(name) == name;
 }
 
 Status WriteTuning(Context& context, std::int64_t vcpus) {
@@ -48,7 +46,7 @@ void WriteCpu(Context& context, std::int64_t vcpus) {
   pugi::xml_node cpu = Add(context.domain, "cpu");
   const bool passthru = FlagOf(context.guest(), "cpu_passthru");
   if (passthru) {
-    // An emulated processor has no host processor to pass through. Everything that the emulator supports comes closest.
+    // Without KVM there is no host processor to pass through. "maximum", all that the emulator supports, comes closest.
     Set(cpu, "mode", context.options.domain_type == "qemu" ? "maximum" : "host-passthrough");
     Set(cpu, "check", "none");
   } else {
@@ -68,7 +66,7 @@ void WriteFeatures(Context& context) {
   Add(features, "acpi");
   Add(features, "apic");
   const Json::Value* const enlighten = json::FindMember(context.guest(), "hyperv_enlighten");
-  // These are services of KVM.
+  // Only KVM provides these.
   if (enlighten == nullptr || enlighten->isNull() || context.options.domain_type == "qemu") return;
   pugi::xml_node hyperv = Add(features, "hyperv");
   Set(hyperv, "mode", "custom");
@@ -122,20 +120,19 @@ Status WriteFirmware(Context& context) {
 }  // namespace
 
 Status WriteIdentity(Context& context) {
-  const Result<std::string> name = TextOf(context.guest(), "name", "");
+  const Result<std::string> name = StringOf(context.guest(), "name", "");
   if (!name) return name.error();
-  const Result<std::string> description = TextOf(context.guest(), "desc", "");
+  const Result<std::string> description = StringOf(context.guest(), "desc", "");
   if (!description) return description.error();
   const std::string id = NormalizeUuid(context.records.id);
   AddText(context.domain, "name", IsDomainName(*name) ? *name : id);
   AddText(context.domain, "uuid", id);
   if (json::FindMember(context.guest(), "desc") != nullptr) AddText(context.domain, "description", *description);
-  if (!context.options.host_id.empty()) WriteMark(context.domain, context.options.host_id, Kept::kNo);
+  if (!context.options.host_id.empty()) WriteOwnershipTag(context.domain, context.options.host_id, Persistence::kNo);
 
   const Result<std::int64_t> memory = NumberOf(context.guest(), GuestSettingOf("vram_size"), 0);
   if (!memory) return memory.error();
-  if (*memory == 0)
-    return domain_xml::Refused("The record of the guest has no 'vram_size': say how much memory it has");
+  if (*memory == 0) return Invalid("The record of the guest has no 'vram_size'. Set how much memory the guest has");
   Set(AddText(context.domain, "memory", std::to_string(*memory)), "unit", "MiB");
   return {};
 }
@@ -159,4 +156,4 @@ Status WriteSystem(Context& context) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_build
+}  // namespace vexa::domain_xml::build

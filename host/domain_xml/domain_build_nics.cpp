@@ -2,15 +2,11 @@
 #include <algorithm>
 #include <set>
 
+#include "host/base/rows.h"
 #include "host/domain_xml/domain_build_internal.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/domain_xml/domain_xml_internal.h"
 
-namespace vexa::hypervisor::domain_build {
+namespace vexa::domain_xml::build {
 namespace {
-
-using domain_xml::Quote;
-using domain_xml::Refused;
 
 constexpr std::size_t kMaxNetworkNameBytes = 255;
 constexpr std::size_t kMaxBridgeNameBytes = 15;
@@ -21,12 +17,10 @@ struct Model {
 };
 constexpr Model kModels[] = {{1, "virtio"}, {2, "e1000"}, {3, "rtl8139"}};
 
-const char* ModelName(std::int64_t type) {
-  return std::find_if(std::begin(kModels), std::end(kModels), [&](const Model& model) { return model.type == type; })
-      ->name;
-}
+// `type` is a known one.
+const char* ModelName(std::int64_t type) { return FindRow(kModels, &Model::type, static_cast<int>(type))->name; }
 
-// Names of network devices that the kernel accepts.
+// Whether the kernel accepts the name for a network device.
 bool IsBridgeName(const std::string& name) {
   return name.size() <= kMaxBridgeNameBytes && name != "." && name != ".." &&
          std::none_of(name.begin(), name.end(), [](char c) {
@@ -38,16 +32,17 @@ bool IsBridgeName(const std::string& name) {
 Status WriteSource(Context& context, pugi::xml_node element, const std::string& mac, const std::string& network) {
   if (context.options.libvirt_networks.count(network) > 0) {
     if (network.size() > kMaxNetworkNameBytes || XmlText(network) != network) {
-      return Refused("The network interface " + mac + " is in the network " + Quote(network) +
-                     ": a network's name has at most 255 bytes without control characters");
+      return parse::InvalidNetworkName(mac, network);
     }
     Set(element, "type", "network");
     Set(Add(element, "source"), "network", network);
     return {};
   }
   if (!IsBridgeName(network)) {
-    return Refused("The network interface " + mac + " is in the network " + Quote(network) +
-                   ": a bridge's name has at most 15 bytes without spaces, '/' and ':'");
+    return Invalid(
+        "The network interface {} is in the network {}: a bridge's name has at most 15 bytes without spaces, '/' and "
+        "':'",
+        mac, Quote(network));
   }
   Set(element, "type", "bridge");
   Set(Add(element, "source"), "bridge", network);
@@ -56,23 +51,21 @@ Status WriteSource(Context& context, pugi::xml_node element, const std::string& 
 }
 
 Status WriteNic(Context& context, const std::string& id, const Json::Value& nic, std::set<std::string>& addresses) {
-  const Result<std::string> address = TextOf(nic, "mac_address", "");
-  const Result<std::string> network = TextOf(nic, "network_name", "");
+  const Result<std::string> address = StringOf(nic, "mac_address", "");
+  const Result<std::string> network = StringOf(nic, "network_name", "");
   const Result<std::int64_t> type = NumberOf(nic, "vnic_type", 1, 1, 3);
   if (!address) return address.error();
   if (!network) return network.error();
   if (!type) return type.error();
-  const std::string mac = domain_xml::NormalizeMac(*address);
+  const std::string mac = parse::NormalizeMac(*address);
   if (mac.empty()) {
-    return Refused("The network interface " + Quote(id) + " has the MAC address " + Quote(*address) +
-                   ": give a unicast address such as 52:54:00:12:34:56");
+    return Invalid("The network interface {} has the MAC address {}. Use a unicast address such as 52:54:00:12:34:56",
+                   Quote(id), Quote(*address));
   }
-  if (!addresses.insert(mac).second) {
-    return Refused("Two network interfaces have the MAC address '" + mac + "'. Give each a different one");
-  }
+  if (!addresses.insert(mac).second) return parse::DuplicateMac(mac);
   pugi::xml_node element = Add(context.devices, "interface");
   if (network->empty()) {
-    // The device exists, but its cable is not plugged in.
+    // The guest has the device, but its link is down, as without a cable.
     Set(element, "type", "user");
   } else if (Status source = WriteSource(context, element, mac, *network); !source) {
     return source;
@@ -86,9 +79,7 @@ Status WriteNic(Context& context, const std::string& id, const Json::Value& nic,
 }  // namespace
 
 Status WriteNics(Context& context) {
-  if (context.records.nics.size() > kMaxNics) {
-    return Refused("The guest has more than " + std::to_string(kMaxNics) + " network interfaces");
-  }
+  if (context.records.nics.size() > kMaxNics) return parse::TooManyNics();
   std::set<std::string> addresses;
   for (const auto& [id, nic] : context.records.nics) {
     if (Status written = WriteNic(context, id, nic, addresses); !written) return written;
@@ -96,4 +87,4 @@ Status WriteNics(Context& context) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_build
+}  // namespace vexa::domain_xml::build

@@ -1,15 +1,9 @@
 // The bus, target name and format of disks.
-#include <algorithm>
-
+#include "host/base/rows.h"
 #include "host/domain_xml/domain_build_internal.h"
-#include "host/domain_xml/domain_xml.h"
-#include "host/domain_xml/domain_xml_internal.h"
 
-namespace vexa::hypervisor::domain_build {
+namespace vexa::domain_xml::build {
 namespace {
-
-using domain_xml::Quote;
-using domain_xml::Refused;
 
 constexpr int kVirtio = 1;
 constexpr Bus kBuses[] = {{kVirtio, "virtio", "vd"}, {kIde, "ide", "hd"}, {kSata, "sata", "sd"}, {kScsi, "scsi", "sd"}};
@@ -23,7 +17,7 @@ std::string Letters(std::size_t index) {
   return letters;
 }
 
-// The inverse: the index of `letters`. Not set for other text, and for an index that is never assigned.
+// The inverse: the index of `letters`. Not set for any other string, and for an index that is never assigned.
 std::optional<std::size_t> IndexOf(std::string_view letters) {
   if (letters.empty() || letters.size() > 2) return std::nullopt;
   std::size_t index = 0;
@@ -37,20 +31,18 @@ std::optional<std::size_t> IndexOf(std::string_view letters) {
 
 }  // namespace
 
-const Bus& BusOf(int mode) {
-  return *std::find_if(std::begin(kBuses), std::end(kBuses), [&](const Bus& bus) { return bus.mode == mode; });
-}
+const Bus& BusOf(int mode) { return *FindRow(kBuses, &Bus::mode, mode); }
 
 Result<std::int64_t> ModeOf(const Json::Value& disk) { return NumberOf(disk, "vdisk_mode", kVirtio, kVirtio, kScsi); }
 
 Result<std::string> FormatOf(const Json::Value& disk) {
   constexpr int kTypeRaw = 1;
   constexpr int kTypeQcow2 = 2;
-  const Result<std::string> driver = TextOf(disk, "driver", "");
+  const Result<std::string> driver = StringOf(disk, "driver", "");
   if (!driver) return driver.error();
   if (*driver == "raw" || *driver == "qcow2") return *driver;
   const Result<std::int64_t> type = NumberOf(disk, "type", kTypeRaw, kTypeRaw, kTypeQcow2);
-  if (!driver->empty()) return Refused("The driver of a disk is " + Quote(*driver) + ": a disk is 'raw' or 'qcow2'");
+  if (!driver->empty()) return Invalid("The driver of a disk is {}. Use 'raw' or 'qcow2'", Quote(*driver));
   if (!type) return type.error();
   return std::string(*type == kTypeQcow2 ? "qcow2" : "raw");
 }
@@ -65,4 +57,4 @@ std::optional<std::size_t> TargetIndex(const std::string& name, const Bus& bus) 
   return index;
 }
 
-}  // namespace vexa::hypervisor::domain_build
+}  // namespace vexa::domain_xml::build

@@ -1,12 +1,11 @@
-// Members of records, and texts in XML.
+// Reads members of records and writes XML elements.
 #include <cmath>
 
 #include "host/base/json_parse.h"
 #include "host/domain_xml/domain_build_internal.h"
-#include "host/domain_xml/domain_xml_internal.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_build {
+namespace vexa::domain_xml::build {
 namespace {
 
 // The length of the character at the start of `text`, which is not empty; 0 when it does not start with a valid one.
@@ -23,9 +22,7 @@ bool IsAllowed(std::string_view character) {
   return character != "\xEF\xBF\xBE" && character != "\xEF\xBF\xBF";  // U+FFFE and U+FFFF
 }
 
-Error Wrong(const char* member, const std::string& what) {
-  return domain_xml::Refused("The member '" + std::string(member) + "' of a record " + what);
-}
+constexpr Json::ArrayIndex kMaxIsoImages = 2;
 
 }  // namespace
 
@@ -44,13 +41,13 @@ std::string XmlText(std::string_view text) {
   return result;
 }
 
-Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std::int64_t fallback, std::int64_t least,
-                              std::int64_t most) {
+Result<std::int64_t> NumberOf(const Json::Value& record, const char* member, std::int64_t fallback, std::int64_t min,
+                              std::int64_t max) {
   const Json::Value& value = json::Member(record, member);
   if (value.isNull()) return fallback;
-  // Beyond 64 bits, a conversion returns 0, which may be in range.
-  if (!value.isInt64() || json::Int64(value) < least || json::Int64(value) > most) {
-    return Wrong(member, "is not a number from " + std::to_string(least) + " to " + std::to_string(most));
+  // isInt64 comes first: the conversion of a larger number returns 0, which may be in range.
+  if (!value.isInt64() || json::Int64(value) < min || json::Int64(value) > max) {
+    return Invalid("The member '{}' of a record is not a number from {} to {}", member, min, max);
   }
   return json::Int64(value);
 }
@@ -59,23 +56,38 @@ Result<std::int64_t> NumberOf(const Json::Value& record, const GuestSetting& set
   return NumberOf(record, setting.name, fallback, setting.min, setting.max);
 }
 
-Result<std::string> TextOf(const Json::Value& record, const char* member, const std::string& fallback) {
+Result<std::string> StringOf(const Json::Value& record, const char* member, const std::string& fallback) {
   const Json::Value& value = json::Member(record, member);
   if (value.isNull()) return fallback;
-  if (!value.isString()) return Wrong(member, "is not a text");
+  if (!value.isString()) return Invalid("The member '{}' of a record is not a string", member);
   return json::String(value);
 }
 
 Result<std::string> NvramOf(const Json::Value& guest) {
   if (json::Member(guest, "nvram").isNull()) return std::string();
-  const Result<std::string> path = TextOf(guest, "nvram", "");
+  const Result<std::string> path = StringOf(guest, "nvram", "");
   if (!path) return path.error();
-  if (!domain_xml::IsPlainPath(*path) || XmlText(*path) != *path) {
-    return domain_xml::Refused("The member 'nvram' of the guest is " + domain_xml::Quote(*path) +
-                               ": UEFI variables are in a file with an absolute path without '..' and control "
-                               "characters");
+  if (!parse::IsPlainPath(*path) || XmlText(*path) != *path) {
+    return Invalid("The member 'nvram' of the guest is {}: use an absolute path without '..' and control characters",
+                   Quote(*path));
   }
   return *path;
+}
+
+Result<std::string> BootSourceOf(const Json::Value& guest) {
+  const Result<std::string> source = StringOf(guest, "boot_from", "disk");
+  if (source && *source != "disk" && *source != "iso") {
+    return Invalid("The member 'boot_from' of the guest is {}. Use 'disk' or 'iso'", Quote(*source));
+  }
+  return source;
+}
+
+Result<Json::Value> IsoImagesOf(const Json::Value& guest) {
+  const Json::Value& images = json::Member(guest, "iso_images");
+  if (!images.isNull() && (!images.isArray() || images.size() > kMaxIsoImages)) {
+    return Invalid("The member 'iso_images' of the guest is not a list of at most two images");
+  }
+  return json::Elements(images);
 }
 
 bool FlagOf(const Json::Value& record, const char* member) { return json::Bool(json::Member(record, member)); }
@@ -92,13 +104,13 @@ void Set(pugi::xml_node element, const char* attribute, const std::string& value
   element.append_attribute(attribute).set_value(XmlText(value).c_str());
 }
 
-void WriteMark(pugi::xml_node domain, const std::string& host_id, Kept kept) {
+void WriteOwnershipTag(pugi::xml_node domain, const std::string& host_id, Persistence persistence) {
   pugi::xml_node metadata = domain.child("metadata");
   if (!metadata) metadata = Add(domain, "metadata");
-  pugi::xml_node mark = Add(metadata, "vexa:guest");
-  Set(mark, "xmlns:vexa", kMarkNamespace);
-  Set(mark, "host", host_id);
-  if (kept == Kept::kYes) Set(mark, "kept", "yes");
+  pugi::xml_node tag = Add(metadata, "vexa:guest");
+  Set(tag, "xmlns:vexa", kOwnershipTagNamespace);
+  Set(tag, "host", host_id);
+  if (persistence == Persistence::kYes) Set(tag, "kept", "yes");
 }
 
-}  // namespace vexa::hypervisor::domain_build
+}  // namespace vexa::domain_xml::build

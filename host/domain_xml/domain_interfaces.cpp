@@ -1,45 +1,44 @@
 #include "host/domain_xml/domain_interfaces.h"
 
-#include <algorithm>
-#include <iterator>
+#include "host/base/rows.h"
+#include "host/domain_xml/domain_parse_internal.h"
 
-#include "host/domain_xml/domain_xml_internal.h"
-
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
 
+// The value of <interface type='…'>.
 struct Type {
   std::string_view name;
-  PluggedInto plugged_into;
+  NicAttachment attachment_kind;
 };
 // For a network that leads to a bridge or device of the host, the XML of a running domain shows that bridge or device.
 constexpr Type kTypes[] = {
-    {"bridge", PluggedInto::kBridge},
-    {"network", PluggedInto::kNetwork},
-    {"direct", PluggedInto::kDevice},
-    {"user", PluggedInto::kUser},
+    {"bridge", NicAttachment::kBridge},
+    {"network", NicAttachment::kNetwork},
+    {"direct", NicAttachment::kDevice},
+    {"user", NicAttachment::kUser},
 };
 
-PluggedInto TypeOf(std::string_view name) {
-  const auto* const found = std::ranges::find(kTypes, name, &Type::name);
-  return found == std::end(kTypes) ? PluggedInto::kOther : found->plugged_into;
+NicAttachment TypeOf(std::string_view name) {
+  const Type* const type = FindRow(kTypes, &Type::name, name);
+  return type != nullptr ? type->attachment_kind : NicAttachment::kOther;
 }
 
 }  // namespace
 
 Result<std::vector<GuestInterface>> ParseGuestInterfaces(std::string_view xml) {
   pugi::xml_document document;
-  if (const Status loaded = domain_xml::Load(xml, document); !loaded) return loaded.error();
+  if (const Status loaded = parse::Load(xml, document); !loaded) return loaded.error();
   std::vector<GuestInterface> interfaces;
   for (const pugi::xml_node nic : document.document_element().child("devices").children("interface")) {
     if (interfaces.size() == kMaxNics) break;
     GuestInterface found;
-    found.mac = domain_xml::NormalizeMac(nic.child("mac").attribute("address").value());
+    found.mac = parse::NormalizeMac(nic.child("mac").attribute("address").value());
     if (found.mac.empty()) continue;
     const pugi::xml_node source = nic.child("source");
-    found.plugged_into = TypeOf(nic.attribute("type").value());
+    found.attachment_kind = TypeOf(nic.attribute("type").value());
     found.network = source.attribute("network").value();
-    found.device = source.attribute(found.plugged_into == PluggedInto::kDevice ? "dev" : "bridge").value();
+    found.device = source.attribute(found.attachment_kind == NicAttachment::kDevice ? "dev" : "bridge").value();
     found.target = nic.child("target").attribute("dev").value();
     found.is_link_up = std::string_view(nic.child("link").attribute("state").value()) != "down";
     interfaces.push_back(std::move(found));
@@ -61,11 +60,11 @@ void ResolveNetwork(std::string_view network_xml, const std::string& bridge, Gue
   const bool uses_bridge = mode == "bridge" && !bridge_in_xml.empty();
   const bool uses_device = !uses_bridge && !device.empty() &&
                            (mode == "bridge" || mode == "private" || mode == "vepa" || mode == "passthrough");
-  if (uses_bridge) interface.plugged_into = PluggedInto::kBridge;
+  if (uses_bridge) interface.attachment_kind = NicAttachment::kBridge;
   if (uses_device) {
-    interface.plugged_into = PluggedInto::kDevice;
+    interface.attachment_kind = NicAttachment::kDevice;
     interface.device = device;
   }
 }
 
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -2,18 +2,17 @@
 #include <algorithm>
 
 #include "host/domain_xml/domain_overlay.h"
-#include "host/domain_xml/domain_xml_internal.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 namespace {
 
-bool IsChanged(const Overlay& overlay) {
-  const auto& before = overlay.before.disks;
+bool IsBootOrderChanged(const Overlay& overlay) {
+  const auto& base = overlay.base.disks;
   const auto& now = overlay.records.disks;
-  const bool same_disks = std::equal(before.begin(), before.end(), now.begin(), now.end(),
+  const bool same_disks = std::equal(base.begin(), base.end(), now.begin(), now.end(),
                                      [](const auto& left, const auto& right) { return left.first == right.first; });
-  const Json::ArrayIndex drives = json::Elements(json::Member(overlay.before.guest, "iso_images")).size();
+  const Json::ArrayIndex drives = json::Elements(json::Member(overlay.base.guest, "iso_images")).size();
   return !same_disks || drives != overlay.drives.size() || !IsUnchanged(overlay, "boot_from", "disk");
 }
 
@@ -23,11 +22,12 @@ std::vector<pugi::xml_node> OtherDevices(const Overlay& overlay) {
   for (const pugi::xml_node device : overlay.devices.children()) {
     const pugi::xml_node boot = device.child("boot");
     if (!boot || std::string_view(device.name()) == "disk") continue;
-    ordered.emplace_back(domain_xml::ParseUnsigned(boot.attribute("order").value()).value_or(0), device);
+    ordered.emplace_back(parse::ParseUnsigned(boot.attribute("order").value()).value_or(0), device);
   }
   std::stable_sort(ordered.begin(), ordered.end(),
                    [](const auto& left, const auto& right) { return left.first < right.first; });
   std::vector<pugi::xml_node> devices;
+  devices.reserve(ordered.size());
   for (const auto& [order, device] : ordered) devices.push_back(device);
   return devices;
 }
@@ -35,13 +35,9 @@ std::vector<pugi::xml_node> OtherDevices(const Overlay& overlay) {
 }  // namespace
 
 Status ApplyBootOrder(Overlay& overlay) {
-  const Result<std::string> from = domain_build::TextOf(overlay.guest(), "boot_from", "disk");
+  const Result<std::string> from = build::BootSourceOf(overlay.guest());
   if (!from) return from.error();
-  if (*from != "disk" && *from != "iso") {
-    return domain_xml::Refused("The member 'boot_from' of the guest says " + domain_xml::Quote(*from) +
-                               ": a guest boots from 'disk' or 'iso'");
-  }
-  if (!IsChanged(overlay)) return {};
+  if (!IsBootOrderChanged(overlay)) return {};
   const bool from_iso = *from == "iso";
   std::vector<pugi::xml_node> order = from_iso ? overlay.drives : overlay.disks;
   const std::vector<pugi::xml_node>& second = from_iso ? overlay.disks : overlay.drives;
@@ -55,4 +51,4 @@ Status ApplyBootOrder(Overlay& overlay) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

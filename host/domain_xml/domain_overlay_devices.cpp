@@ -1,30 +1,31 @@
 // Video card and keyboard layout.
-#include "host/domain_xml/domain_build_internal.h"
 #include "host/domain_xml/domain_overlay.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 namespace {
 
-// The card that counts: the primary one, or the first if none is primary.
+// The video card that the records describe: the primary one, or the first if none is primary.
 pugi::xml_node PrimaryCard(pugi::xml_node devices) {
   pugi::xml_node primary = devices.child("video");
   for (const pugi::xml_node card : devices.children("video")) {
-    if (Says(card.child("model"), "primary", "yes")) primary = card;
+    if (HasAttributeValue(card.child("model"), "primary", "yes")) primary = card;
   }
   return primary;
 }
 
-// The memory, monitors and address belong to the old model.
+// Replaces the whole element, because its memory, monitors and address belong to the old model.
 void ReplaceCard(Overlay& overlay) {
   const pugi::xml_node old = PrimaryCard(overlay.devices);
-  const bool primary = Says(old.child("model"), "primary", "yes");
+  const bool primary = HasAttributeValue(old.child("model"), "primary", "yes");
   const pugi::xml_node card = Replace(overlay.devices, old, overlay.built.child("devices").child("video"));
   if (primary) Put(card.child("model"), "primary", "yes");
 }
 
-bool HasKeyboard(pugi::xml_node graphics) { return Says(graphics, "type", "vnc") || Says(graphics, "type", "spice"); }
+bool CanHaveLayout(pugi::xml_node graphics) {
+  return HasAttributeValue(graphics, "type", "vnc") || HasAttributeValue(graphics, "type", "spice");
+}
 
-// On the screen that already has a layout, otherwise on the first that can have one.
+// Sets the layout of the screen that already has one, otherwise of the first that can have one.
 void PutLayout(pugi::xml_node devices, const std::string& layout) {
   for (pugi::xml_node graphics : devices.children("graphics")) {
     if (!graphics.attribute("keymap")) continue;
@@ -32,7 +33,7 @@ void PutLayout(pugi::xml_node devices, const std::string& layout) {
     return;
   }
   for (pugi::xml_node graphics : devices.children("graphics")) {
-    if (!HasKeyboard(graphics)) continue;
+    if (!CanHaveLayout(graphics)) continue;
     Put(graphics, "keymap", layout);
     return;
   }
@@ -52,4 +53,4 @@ Status ApplyScreen(Overlay& overlay) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

@@ -3,22 +3,22 @@
 #include <map>
 
 #include "host/domain_xml/domain_overlay.h"
-#include "host/domain_xml/domain_xml_internal.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 namespace {
 
-// Attributes of a disk that apply only to its old bus.
-constexpr const char* kDriverOfBus[] = {"iothread", "queues", "queue_size",  "event_idx", "ioeventfd",
-                                        "iommu",    "ats",    "page_per_vq", "packed"};
-constexpr const char* kTargetOfBus[] = {"rotation_rate", "removable"};
-constexpr const char* kElementsOfBus[] = {"address", "wwn", "vendor", "product"};
-constexpr const char* kDiskOfBus[] = {"model", "sgio", "rawio"};
+// Parts of a disk that apply only to its old bus.
+constexpr const char* kBusSpecificDriverAttributes[] = {"iothread", "queues", "queue_size",  "event_idx", "ioeventfd",
+                                                        "iommu",    "ats",    "page_per_vq", "packed"};
+constexpr const char* kBusSpecificTargetAttributes[] = {"rotation_rate", "removable"};
+constexpr const char* kBusSpecificElements[] = {"address", "wwn", "vendor", "product"};
+constexpr const char* kBusSpecificDiskAttributes[] = {"model", "sgio", "rawio"};
 
+// A disk of the base.
 struct DiskSlot {
   pugi::xml_node element;
-  const Json::Value* before = nullptr;  // the record that the element stands for
+  const Json::Value* base_record = nullptr;  // the record parsed from the element
 };
 
 bool IsHardDisk(pugi::xml_node disk) {
@@ -26,14 +26,14 @@ bool IsHardDisk(pugi::xml_node disk) {
   return device == "disk" || device == "lun";
 }
 
-// By id. The base was read in the order of its elements.
+// By the disk's id. The base's records are in the order of its elements.
 std::map<std::string, DiskSlot> DiskSlotsOf(const Overlay& overlay) {
   std::map<std::string, DiskSlot> slots;
-  auto before = overlay.before.disks.begin();
+  auto base_disk = overlay.base.disks.begin();
   for (const pugi::xml_node disk : overlay.devices.children("disk")) {
-    if (!IsHardDisk(disk) || before == overlay.before.disks.end()) continue;
-    slots.emplace(before->first, DiskSlot{disk, &before->second});
-    ++before;
+    if (!IsHardDisk(disk) || base_disk == overlay.base.disks.end()) continue;
+    slots.emplace(base_disk->first, DiskSlot{disk, &base_disk->second});
+    ++base_disk;
   }
   return slots;
 }
@@ -46,39 +46,39 @@ Status Build(const Overlay& overlay, const std::string& id, const Json::Value& r
   one.guest = Json::Value(Json::objectValue);
   one.disks.emplace_back(id, record);
   if (one.disks[0].second.isObject()) one.disks[0].second["name"] = target;
-  domain_build::Context context{one, overlay.options};
+  build::Context context{one, overlay.options};
   context.devices = scratch.append_child("devices");
-  return domain_build::WriteDisks(context);
+  return build::WriteDisks(context);
 }
 
 void AddControllers(Overlay& overlay, pugi::xml_node built) {
   for (const pugi::xml_node controller : built.children("controller")) {
     const auto existing = overlay.devices.children("controller");
-    const bool is_there = std::any_of(existing.begin(), existing.end(), [&](pugi::xml_node other) {
-      return Says(other, "type", "scsi") &&
+    const bool exists = std::any_of(existing.begin(), existing.end(), [&](pugi::xml_node other) {
+      return HasAttributeValue(other, "type", "scsi") &&
              std::string_view(other.attribute("index").as_string("0")) == controller.attribute("index").value();
     });
-    if (!is_there) Insert(overlay.devices, controller);
+    if (!exists) Insert(overlay.devices, controller);
   }
 }
 
 bool Differs(const DiskSlot& slot, const Json::Value& record, const char* member) {
-  return !SameValue(json::Member(*slot.before, member), json::Member(record, member));
+  return !SameValue(json::Member(*slot.base_record, member), json::Member(record, member));
 }
 
 bool FormatDiffers(const DiskSlot& slot, const std::string& format) {
-  return json::Member(*slot.before, "driver") != Json::Value(format);
+  return json::Member(*slot.base_record, "driver") != Json::Value(format);
 }
 
 // Puts another image behind the same disk.
 void ChangeSource(pugi::xml_node disk, pugi::xml_node built) {
-  const bool same_type = Says(built, "type", disk.attribute("type").as_string("file"));
+  const bool same_type = HasAttributeValue(built, "type", disk.attribute("type").as_string("file"));
   pugi::xml_node source = ChildOf(disk, "source");
   if (!same_type) source = Replace(disk, source, built.child("source"));
   const pugi::xml_attribute path = built.child("source").first_attribute();
   Put(source, path.name(), path.value());
   Put(disk, "type", built.attribute("type").value());
-  // libvirt's information about the old image.
+  // What libvirt added about the old image.
   disk.remove_child("backingStore");
   source.remove_attribute("index");
   source.remove_child("slices");
@@ -100,34 +100,34 @@ void ChangeDiscard(pugi::xml_node disk, bool unmap) {
   }
 }
 
-void ChangeBus(pugi::xml_node disk, const domain_build::Bus& bus) {
-  RemoveAttributes(disk.child("driver"), kDriverOfBus);
-  RemoveAttributes(disk.child("target"), kTargetOfBus);
-  RemoveAttributes(disk, kDiskOfBus);
-  RemoveChildren(disk, kElementsOfBus);
-  if (Says(disk, "device", "lun") && bus.mode != domain_build::kScsi) Put(disk, "device", "disk");
+void ChangeBus(pugi::xml_node disk, const build::Bus& bus) {
+  RemoveAttributes(disk.child("driver"), kBusSpecificDriverAttributes);
+  RemoveAttributes(disk.child("target"), kBusSpecificTargetAttributes);
+  RemoveAttributes(disk, kBusSpecificDiskAttributes);
+  RemoveChildren(disk, kBusSpecificElements);
+  if (HasAttributeValue(disk, "device", "lun") && bus.mode != build::kScsi) Put(disk, "device", "disk");
   Put(ChildOf(disk, "target"), "bus", bus.name);
 }
 
 Status Change(Overlay& overlay, const std::string& id, const Json::Value& record, const DiskSlot& slot) {
-  const Result<std::string> format = domain_build::FormatOf(record);
-  const Result<std::int64_t> mode = domain_build::ModeOf(record);
-  const Result<std::string> name = domain_build::TextOf(record, "name", "");
+  const Result<std::string> format = build::FormatOf(record);
+  const Result<std::int64_t> mode = build::ModeOf(record);
+  const Result<std::string> name = build::StringOf(record, "name", "");
   if (!format) return format.error();
   if (!mode) return mode.error();
   if (!name) return name.error();
   const bool path_differs = Differs(slot, record, "path");
-  const bool bus_differs = json::Int64(json::Member(*slot.before, "vdisk_mode")) != *mode;
-  const bool unmap = domain_build::FlagOf(record, "unmap");
-  const bool unmap_differs = domain_build::FlagOf(*slot.before, "unmap") != unmap;
-  const domain_build::Bus& bus = domain_build::BusOf(static_cast<int>(*mode));
+  const bool bus_differs = json::Int64(json::Member(*slot.base_record, "vdisk_mode")) != *mode;
+  const bool unmap = build::FlagOf(record, "unmap");
+  const bool unmap_differs = build::FlagOf(*slot.base_record, "unmap") != unmap;
+  const build::Bus& bus = build::BusOf(static_cast<int>(*mode));
   pugi::xml_node disk = slot.element;
 
   std::string target = disk.child("target").attribute("dev").value();
   if (bus_differs) {
-    const Result<std::string> taken = TakeTarget(overlay, bus, *name, disk);
-    if (!taken) return taken.error();
-    target = *taken;
+    const Result<std::string> assigned = AssignTarget(overlay, bus, *name, disk);
+    if (!assigned) return assigned.error();
+    target = *assigned;
   }
   if (!path_differs && !bus_differs && !unmap_differs && !FormatDiffers(slot, *format)) return {};
   pugi::xml_document scratch;
@@ -145,17 +145,17 @@ Status Change(Overlay& overlay, const std::string& id, const Json::Value& record
 }
 
 Result<pugi::xml_node> AddDisk(Overlay& overlay, const std::string& id, const Json::Value& record) {
-  const Result<std::int64_t> mode = domain_build::ModeOf(record);
-  const Result<std::string> name = domain_build::TextOf(record, "name", "");
+  const Result<std::int64_t> mode = build::ModeOf(record);
+  const Result<std::string> name = build::StringOf(record, "name", "");
   if (!mode) return mode.error();
   if (!name) return name.error();
   const Result<std::string> target =
-      TakeTarget(overlay, domain_build::BusOf(static_cast<int>(*mode)), *name, pugi::xml_node());
+      AssignTarget(overlay, build::BusOf(static_cast<int>(*mode)), *name, pugi::xml_node());
   if (!target) return target.error();
   pugi::xml_document scratch;
   if (Status built = Build(overlay, id, record, *target, scratch); !built) return built.error();
   pugi::xml_node disk = Insert(overlay.devices, scratch.child("devices").child("disk"));
-  disk.remove_child("boot");  // the boot order is written for all of them later
+  disk.remove_child("boot");  // ApplyBootOrder writes the boot order of all devices later
   AddControllers(overlay, scratch.child("devices"));
   return disk;
 }
@@ -164,11 +164,9 @@ Result<pugi::xml_node> AddDisk(Overlay& overlay, const std::string& id, const Js
 
 Status ApplyDisks(Overlay& overlay) {
   const auto& records = overlay.records.disks;
-  if (records.size() > kMaxDisks) {
-    return domain_xml::Refused("The guest has more than " + std::to_string(kMaxDisks) + " disks");
-  }
+  if (records.size() > kMaxDisks) return parse::TooManyDisks();
   std::map<std::string, DiskSlot> slots = DiskSlotsOf(overlay);
-  // First, to free the positions for others.
+  // Disks are removed first, so that other disks can take their positions.
   for (const auto& [id, slot] : slots) {
     const bool stays =
         std::any_of(records.begin(), records.end(),
@@ -193,4 +191,4 @@ Status ApplyDisks(Overlay& overlay) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

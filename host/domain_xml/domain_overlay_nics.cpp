@@ -4,49 +4,51 @@
 #include <set>
 
 #include "host/domain_xml/domain_overlay.h"
-#include "host/domain_xml/domain_xml_internal.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 namespace {
 
 // Parts of an interface that apply only to its old kind of network.
-constexpr const char* kOfKind[] = {"virtualport", "vlan",  "actual",    "backend", "portForward", "ip",
-                                   "route",       "guest", "bandwidth", "mtu",     "target",      "filterref"};
-constexpr const char* kOfNetwork[] = {"portgroup", "portid"};
+constexpr const char* kNetworkTypeElements[] = {"virtualport", "vlan", "actual", "backend",
+                                                "portForward", "ip",   "route",  "guest",
+                                                "bandwidth",   "mtu",  "target", "filterref"};
+constexpr const char* kNetworkSpecificSourceAttributes[] = {"portgroup", "portid"};
 
+// A network interface of the base.
 struct NicSlot {
   pugi::xml_node element;
-  const Json::Value* before = nullptr;  // the record that the element stands for
-  std::string id;                       // of that record
+  const Json::Value* base_record = nullptr;  // the record parsed from the element
+  std::string id;                            // of that record
   std::string mac;
   bool is_used = false;
 };
 
-// The base was read in the order of its elements.
+// The base's records are in the order of its elements.
 std::vector<NicSlot> NicSlotsOf(const Overlay& overlay) {
   std::vector<NicSlot> slots;
-  auto before = overlay.before.nics.begin();
+  auto base_nic = overlay.base.nics.begin();
   for (const pugi::xml_node nic : overlay.devices.children("interface")) {
-    if (before == overlay.before.nics.end()) break;
-    slots.push_back({nic, &before->second, before->first, json::String(json::Member(before->second, "mac_address"))});
-    ++before;
+    if (base_nic == overlay.base.nics.end()) break;
+    slots.push_back(
+        {nic, &base_nic->second, base_nic->first, json::String(json::Member(base_nic->second, "mac_address"))});
+    ++base_nic;
   }
   return slots;
 }
 
 std::string MacOf(const Json::Value& record) {
-  return domain_xml::NormalizeMac(json::String(json::Member(record, "mac_address")));
+  return parse::NormalizeMac(json::String(json::Member(record, "mac_address")));
 }
 
 // The slot of each record, nullptr for a new one. Ids are matched first, because an address can be edited.
 std::vector<NicSlot*> Match(const GuestRecords& records, std::vector<NicSlot>& slots) {
   std::vector<NicSlot*> matched(records.nics.size(), nullptr);
-  const auto match = [&](const auto& is_that) {
+  const auto match = [&](const auto& belongs_to) {
     for (std::size_t i = 0; i < matched.size(); ++i) {
       if (matched[i] != nullptr) continue;
       for (NicSlot& slot : slots) {
-        if (slot.is_used || !is_that(slot, records.nics[i])) continue;
+        if (slot.is_used || !belongs_to(slot, records.nics[i])) continue;
         slot.is_used = true;
         matched[i] = &slot;
         break;
@@ -64,9 +66,9 @@ Status Build(const Overlay& overlay, const std::string& id, const Json::Value& r
   one.id = overlay.records.id;
   one.guest = Json::Value(Json::objectValue);
   one.nics.emplace_back(id, record);
-  domain_build::Context context{one, overlay.options};
+  build::Context context{one, overlay.options};
   context.devices = scratch.append_child("devices");
-  return domain_build::WriteNics(context);
+  return build::WriteNics(context);
 }
 
 void ChangeModel(pugi::xml_node nic, pugi::xml_node built) {
@@ -87,42 +89,42 @@ void ChangeSwitch(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node bui
 }
 
 void ChangeNetwork(const Overlay& overlay, pugi::xml_node nic, pugi::xml_node built) {
-  const bool had_none = Says(nic, "type", "user");
-  const bool has_none = Says(built, "type", "user");
-  if (Says(nic, "type", built.attribute("type").value())) {
+  const bool had_no_network = HasAttributeValue(nic, "type", "user");
+  const bool has_no_network = HasAttributeValue(built, "type", "user");
+  if (HasAttributeValue(nic, "type", built.attribute("type").value())) {
     const pugi::xml_attribute name = built.child("source").first_attribute();
     if (name) Put(ChildOf(nic, "source"), name.name(), name.value());
-    RemoveAttributes(nic.child("source"), kOfNetwork);
-    if (Says(nic, "type", "bridge")) ChangeSwitch(overlay, nic, built);
+    RemoveAttributes(nic.child("source"), kNetworkSpecificSourceAttributes);
+    if (HasAttributeValue(nic, "type", "bridge")) ChangeSwitch(overlay, nic, built);
     return;
   }
-  const bool was_host_device = Says(nic, "type", "hostdev");
-  if (was_host_device || Says(nic.child("driver"), "name", "vfio")) nic.remove_child("driver");
+  const bool was_host_device = HasAttributeValue(nic, "type", "hostdev");
+  if (was_host_device || HasAttributeValue(nic.child("driver"), "name", "vfio")) nic.remove_child("driver");
   if (was_host_device) nic.remove_attribute("managed");
   Put(nic, "type", built.attribute("type").value());
-  RemoveChildren(nic, kOfKind);
+  RemoveChildren(nic, kNetworkTypeElements);
   nic.remove_child("source");
   if (built.child("source")) nic.append_copy(built.child("source"));
   if (built.child("virtualport")) nic.append_copy(built.child("virtualport"));
   if (!nic.child("model")) nic.append_copy(built.child("model"));
-  if (has_none) Put(ChildOf(nic, "link"), "state", "down");
-  if (had_none) nic.remove_child("link");
+  if (has_no_network) Put(ChildOf(nic, "link"), "state", "down");
+  if (had_no_network) nic.remove_child("link");
 }
 
 Status Change(const Overlay& overlay, const std::string& id, const Json::Value& record, const NicSlot& slot) {
   const auto differs = [&](const char* member, const Json::Value& fallback) {
     const Json::Value& now = json::Member(record, member);
-    return !SameValue(json::Member(*slot.before, member), now.isNull() ? fallback : now);
+    return !SameValue(json::Member(*slot.base_record, member), now.isNull() ? fallback : now);
   };
   const bool mac_differs = slot.mac != MacOf(record);
   const bool type_differs = differs("vnic_type", 1);
   const bool network_differs = differs("network_name", "");
   if (!mac_differs && !type_differs && !network_differs) return {};
-  // A network that stays as in the base is not requested.
-  Json::Value asked = record;
-  if (!network_differs && asked.isObject()) asked["network_name"] = "";
+  // An unchanged network stays as the base has it, even with a name that the builder would refuse.
+  Json::Value to_build = record;
+  if (!network_differs && to_build.isObject()) to_build["network_name"] = "";
   pugi::xml_document scratch;
-  if (Status built = Build(overlay, id, asked, scratch); !built) return built;
+  if (Status built = Build(overlay, id, to_build, scratch); !built) return built;
   const pugi::xml_node built = scratch.child("devices").child("interface");
   pugi::xml_node nic = slot.element;
   if (mac_differs) Put(ChildOf(nic, "mac"), "address", built.child("mac").attribute("address").value());
@@ -132,14 +134,11 @@ Status Change(const Overlay& overlay, const std::string& id, const Json::Value& 
 }
 
 Status Check(const GuestRecords& records) {
-  if (records.nics.size() > kMaxNics) {
-    return domain_xml::Refused("The guest has more than " + std::to_string(kMaxNics) + " network interfaces");
-  }
+  if (records.nics.size() > kMaxNics) return parse::TooManyNics();
   std::set<std::string> addresses;
   for (const auto& [id, record] : records.nics) {
     const std::string mac = MacOf(record);
-    if (mac.empty() || addresses.insert(mac).second) continue;
-    return domain_xml::Refused("Two network interfaces have the MAC address '" + mac + "'. Give each a different one");
+    if (!mac.empty() && !addresses.insert(mac).second) return parse::DuplicateMac(mac);
   }
   return {};
 }
@@ -166,4 +165,4 @@ Status ApplyNics(Overlay& overlay) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

@@ -3,16 +3,14 @@
 #include <set>
 
 #include "host/domain_xml/domain_overlay.h"
-#include "host/domain_xml/domain_xml_internal.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 namespace {
 
-using domain_build::Bus;
-using domain_xml::Quote;
+using build::Bus;
 
 // The maximum number of disks, drives and floppies together.
-constexpr std::size_t kMaxPlaces = kMaxDisks + 16;
+constexpr std::size_t kMaxPositions = kMaxDisks + 16;
 
 // The address that libvirt derives from a position: the controller, the bus on it and the unit.
 struct Address {
@@ -22,27 +20,27 @@ struct Address {
 };
 
 Address AddressOf(const Bus& bus, std::size_t index) {
-  constexpr std::size_t kOnIde = 4;
-  constexpr std::size_t kOnSata = 6;
-  constexpr std::size_t kOnScsi = 7;
-  if (bus.mode == domain_build::kIde) return {index / kOnIde, index % kOnIde / 2, index % 2};
-  const std::size_t units = bus.mode == domain_build::kSata ? kOnSata : kOnScsi;
+  constexpr std::size_t kUnitsPerIdeController = 4;
+  constexpr std::size_t kUnitsPerSataController = 6;
+  constexpr std::size_t kUnitsPerScsiController = 7;
+  if (bus.mode == build::kIde) return {index / kUnitsPerIdeController, index % kUnitsPerIdeController / 2, index % 2};
+  const std::size_t units = bus.mode == build::kSata ? kUnitsPerSataController : kUnitsPerScsiController;
   return {index / units, 0, index % units};
 }
 
-bool Is(pugi::xml_node address, const char* attribute, std::uint64_t number) {
-  return domain_xml::ParseUnsigned(address.attribute(attribute).as_string("0")) == number;
+bool AttributeEquals(pugi::xml_node address, const char* attribute, std::uint64_t number) {
+  return parse::ParseUnsigned(address.attribute(attribute).as_string("0")) == number;
 }
 
 // Whether `disk` is at the position, according to its name or to an address that overrides it.
 bool IsAt(pugi::xml_node disk, const Bus& bus, std::size_t index) {
   const pugi::xml_node target = disk.child("target");
-  if (target.attribute("dev").value() == domain_build::TargetName(bus, index)) return true;
+  if (target.attribute("dev").value() == build::TargetName(bus, index)) return true;
   const pugi::xml_node address = disk.child("address");
-  if (!Says(target, "bus", bus.name) || !Says(address, "type", "drive")) return false;
-  const Address place = AddressOf(bus, index);
-  return Is(address, "controller", place.controller) && Is(address, "bus", place.bus) && Is(address, "target", 0) &&
-         Is(address, "unit", place.unit);
+  if (!HasAttributeValue(target, "bus", bus.name) || !HasAttributeValue(address, "type", "drive")) return false;
+  const Address position = AddressOf(bus, index);
+  return AttributeEquals(address, "controller", position.controller) && AttributeEquals(address, "bus", position.bus) &&
+         AttributeEquals(address, "target", 0) && AttributeEquals(address, "unit", position.unit);
 }
 
 bool IsTaken(const Overlay& overlay, const Bus& bus, std::size_t index, pugi::xml_node itself) {
@@ -54,7 +52,7 @@ bool IsTaken(const Overlay& overlay, const Bus& bus, std::size_t index, pugi::xm
 std::set<std::string> NamesInRecords(const Overlay& overlay) {
   std::set<std::string> names;
   for (const auto& [id, disk] : overlay.records.disks) {
-    if (const Result<std::string> name = domain_build::TextOf(disk, "name", ""); name) names.insert(*name);
+    if (const Result<std::string> name = build::StringOf(disk, "name", ""); name) names.insert(*name);
   }
   return names;
 }
@@ -67,23 +65,24 @@ bool HasIde(const Overlay& overlay) {
          machine.starts_with("pc-1.");
 }
 
-Result<std::string> TakeTarget(const Overlay& overlay, const Bus& bus, const std::string& wanted,
-                               pugi::xml_node itself) {
+Result<std::string> AssignTarget(const Overlay& overlay, const Bus& bus, const std::string& wanted,
+                                 pugi::xml_node itself) {
   const std::string_view machine = overlay.domain.child("os").child("type").attribute("machine").value();
-  if (bus.mode == domain_build::kIde && machine.find("q35") != std::string_view::npos) {
-    return domain_xml::Refused("A disk of the guest is on IDE, which the machine " + Quote(machine) +
-                               " of its definition does not have: put it on virtio, SATA or SCSI");
+  if (bus.mode == build::kIde && machine.find("q35") != std::string_view::npos) {
+    return Invalid(
+        "A disk of the guest is on IDE, which the machine type {} of its definition does not have. Put it on virtio, "
+        "SATA or SCSI",
+        Quote(machine));
   }
-  const auto index = domain_build::TargetIndex(wanted, bus);
+  const auto index = build::TargetIndex(wanted, bus);
   if (index && !IsTaken(overlay, bus, *index, itself)) return wanted;
-  const std::size_t places = bus.mode == domain_build::kIde ? domain_build::kMaxIdeDrives : kMaxPlaces;
+  const std::size_t positions = bus.mode == build::kIde ? build::kMaxIdeDrives : kMaxPositions;
   const std::set<std::string> named = NamesInRecords(overlay);
-  for (std::size_t place = 0; place < places; ++place) {
-    const std::string name = domain_build::TargetName(bus, place);
-    if (!named.contains(name) && !IsTaken(overlay, bus, place, itself)) return name;
+  for (std::size_t position = 0; position < positions; ++position) {
+    const std::string name = build::TargetName(bus, position);
+    if (!named.contains(name) && !IsTaken(overlay, bus, position, itself)) return name;
   }
-  return domain_xml::Refused("The guest has no place left for another disk on " + std::string(bus.name) +
-                             ": put it on another bus");
+  return Invalid("The guest has no room for another disk on {}. Put it on another bus", bus.name);
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

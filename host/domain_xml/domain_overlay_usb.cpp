@@ -6,24 +6,24 @@
 #include "host/domain_xml/domain_overlay.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 namespace {
 
 constexpr char kVersion[] = "usb_version";
 
 bool IsUsbController(pugi::xml_node device) {
-  return std::string_view(device.name()) == "controller" && Says(device, "type", "usb");
+  return std::string_view(device.name()) == "controller" && HasAttributeValue(device, "type", "usb");
 }
 
 bool IsHostDevice(pugi::xml_node device) {
-  return std::string_view(device.name()) == "hostdev" && Says(device, "type", "usb");
+  return std::string_view(device.name()) == "hostdev" && HasAttributeValue(device, "type", "usb");
 }
 
-// Devices that exist only on a USB bus, except for disks and host devices, which records name.
+// Devices on the USB bus, except for disks and host devices, which have records.
 bool IsOnUsb(pugi::xml_node device) {
   const std::string_view name = device.name();
-  return name == "redirdev" || name == "redirfilter" || (name == "hub" && Says(device, "type", "usb")) ||
-         (name == "input" && Says(device, "bus", "usb"));
+  return name == "redirdev" || name == "redirfilter" || (name == "hub" && HasAttributeValue(device, "type", "usb")) ||
+         (name == "input" && HasAttributeValue(device, "bus", "usb"));
 }
 
 template <class Predicate>
@@ -42,7 +42,7 @@ std::string Normalized(const std::string& name) {
   return lower;
 }
 
-std::vector<std::string> Names(const Json::Value& guest) {
+std::vector<std::string> DeviceNames(const Json::Value& guest) {
   std::vector<std::string> names;
   for (const Json::Value& entry : json::Elements(json::Member(guest, "usbs"))) {
     std::string name = Normalized(json::String(entry));
@@ -53,11 +53,11 @@ std::vector<std::string> Names(const Json::Value& guest) {
 
 void ReplaceControllers(Overlay& overlay) {
   RemoveDevices(overlay.devices, IsUsbController);
-  // Ports belong to the old controllers.
+  // Addresses are ports of the old controllers.
   for (pugi::xml_node device : overlay.devices.children()) {
     for (pugi::xml_node address = device.child("address"); address;) {
       const pugi::xml_node next = address.next_sibling("address");
-      if (Says(address, "type", "usb")) device.remove_child(address);
+      if (HasAttributeValue(address, "type", "usb")) device.remove_child(address);
       address = next;
     }
   }
@@ -65,30 +65,30 @@ void ReplaceControllers(Overlay& overlay) {
   for (const pugi::xml_node controller : built.children("controller")) {
     if (IsUsbController(controller)) Insert(overlay.devices, controller);
   }
-  const bool had_none = json::Int64(json::Member(overlay.before.guest, kVersion)) == 0;
-  const bool has_none = SameValue(json::Member(overlay.guest(), kVersion), 0);
-  if (has_none) RemoveDevices(overlay.devices, IsOnUsb);
-  if (had_none && built.child("input")) Insert(overlay.devices, built.child("input"));
+  const bool had_no_usb = json::Int64(json::Member(overlay.base.guest, kVersion)) == 0;
+  const bool has_no_usb = SameValue(json::Member(overlay.guest(), kVersion), 0);
+  if (has_no_usb) RemoveDevices(overlay.devices, IsOnUsb);
+  if (had_no_usb && built.child("input")) Insert(overlay.devices, built.child("input"));
 }
 
-// A device of the base stays while a record names it. The i-th device element matches the i-th device of the base's
-// records.
+// A host device of the base stays if it is still in "usbs". The i-th <hostdev> of the base belongs to the i-th name in
+// the base's record.
 void ApplyHostDevices(Overlay& overlay) {
-  const std::vector<std::string> before = Names(overlay.before.guest);
-  const std::vector<std::string> now = Names(overlay.guest());
-  std::vector<std::string> missing = now;
+  const std::vector<std::string> base_names = DeviceNames(overlay.base.guest);
+  const std::vector<std::string> names = DeviceNames(overlay.guest());
+  std::vector<std::string> missing = names;
   std::size_t index = 0;
   RemoveDevices(overlay.devices, [&](pugi::xml_node device) {
     if (!IsHostDevice(device)) return false;
-    const auto wanted = std::find(missing.begin(), missing.end(), before[index++]);
+    const auto wanted = std::find(missing.begin(), missing.end(), base_names[index++]);
     if (wanted == missing.end()) return true;
     missing.erase(wanted);
     return false;
   });
-  // The builder writes one for each name, in their order.
-  std::size_t place = 0;
+  // The builder writes one <hostdev> for each name, in their order.
+  std::size_t position = 0;
   for (const pugi::xml_node built : overlay.built.child("devices").children("hostdev")) {
-    const auto wanted = std::find(missing.begin(), missing.end(), now[place++]);
+    const auto wanted = std::find(missing.begin(), missing.end(), names[position++]);
     if (wanted == missing.end()) continue;
     missing.erase(wanted);
     Insert(overlay.devices, built);
@@ -107,4 +107,4 @@ Status ApplyUsb(Overlay& overlay) {
   return {};
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

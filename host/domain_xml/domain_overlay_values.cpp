@@ -1,9 +1,8 @@
 // Helpers for values and elements.
-#include "host/domain_xml/domain_build_internal.h"
 #include "host/domain_xml/domain_overlay.h"
 #include "json/readers.h"
 
-namespace vexa::hypervisor::domain_overlay {
+namespace vexa::domain_xml::overlay {
 
 bool SameValue(const Json::Value& left, const Json::Value& right) {
   if (left.isBool() || right.isBool()) return left == right;
@@ -12,19 +11,20 @@ bool SameValue(const Json::Value& left, const Json::Value& right) {
 }
 
 bool IsUnchanged(const Overlay& overlay, const char* member, const Json::Value& fallback) {
-  const Json::Value& before = json::Member(overlay.before.guest, member);
+  const Json::Value& base = json::Member(overlay.base.guest, member);
   const Json::Value& now = json::Member(overlay.guest(), member);
-  return SameValue(before.isNull() ? fallback : before, now.isNull() ? fallback : now);
+  return now.isNull() || SameValue(base.isNull() ? fallback : base, now);
 }
 
-bool FlagChanged(const Overlay& overlay, const char* member) {
-  return domain_build::FlagOf(overlay.before.guest, member) != domain_build::FlagOf(overlay.guest(), member);
+bool IsFlagChanged(const Overlay& overlay, const char* member) {
+  const Json::Value& now = json::Member(overlay.guest(), member);
+  return !now.isNull() && json::Bool(json::Member(overlay.base.guest, member)) != json::Bool(now);
 }
 
 void Put(pugi::xml_node element, const char* attribute, const std::string& value) {
   pugi::xml_attribute existing = element.attribute(attribute);
   if (!existing) existing = element.append_attribute(attribute);
-  existing.set_value(domain_build::XmlText(value).c_str());
+  existing.set_value(build::XmlText(value).c_str());
 }
 
 void PutText(pugi::xml_node element, const std::string& text) {
@@ -33,7 +33,7 @@ void PutText(pugi::xml_node element, const std::string& text) {
     if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) element.remove_child(child);
     child = next;
   }
-  element.append_child(pugi::node_pcdata).set_value(domain_build::XmlText(text).c_str());
+  element.append_child(pugi::node_pcdata).set_value(build::XmlText(text).c_str());
 }
 
 pugi::xml_node ChildOf(pugi::xml_node parent, const char* name) {
@@ -74,8 +74,8 @@ pugi::xml_node Insert(pugi::xml_node parent, pugi::xml_node addition) {
   return last ? parent.insert_copy_after(addition, last) : parent.append_copy(addition);
 }
 
-bool Says(pugi::xml_node element, const char* attribute, std::string_view value) {
+bool HasAttributeValue(pugi::xml_node element, const char* attribute, std::string_view value) {
   return element.attribute(attribute).value() == value;
 }
 
-}  // namespace vexa::hypervisor::domain_overlay
+}  // namespace vexa::domain_xml::overlay

@@ -1,4 +1,4 @@
-// Operations on the guests that this host runs: power, and keeping records and hypervisor consistent.
+// Operations on the guests of this host: power, edits, deletion. Keeps records and hypervisor consistent.
 #pragma once
 
 #include <json/value.h>
@@ -30,40 +30,42 @@ struct GuestControlOptions {
   hypervisor::HypervisorOptions hypervisor;  // GuestControl sets its callbacks
   std::vector<std::string> image_roots;      // see deletion.h
   unsigned vcpus_per_cpu = 8;
-  SpaceLimits space;  // of repositories; see storage_condition.h
-  // How long a guest is asked to shut down, and how often, after the request has been answered.
+  storage::SpaceLimits space;  // of repositories; see storage_condition.h
+  // After a shut-down has been requested, the request is repeated at this interval until the guest is off, but no
+  // longer than shut_down_wait.
   std::chrono::milliseconds shut_down_wait = std::chrono::minutes(5);
-  std::chrono::milliseconds press_again = std::chrono::seconds(5);
-  // How often failed work is retried, and running guests are looked at.
+  std::chrono::milliseconds press_interval = std::chrono::seconds(5);
+  // How often failed work is retried, and running guests are reconciled.
   std::chrono::milliseconds maintenance_interval = std::chrono::seconds(5);
   // How long a fence waits for the end of a start that it has cancelled; its caller waits for 30 seconds.
   std::chrono::milliseconds fence_wait = std::chrono::seconds(20);
   // How long an edit waits for another one of the same guest; its caller waits for 30 seconds or more.
-  std::chrono::milliseconds edit_patience = std::chrono::seconds(10);
+  std::chrono::milliseconds edit_wait = std::chrono::seconds(10);
   // Whether the host has a network or bridge. Not set: in test mode it has all, otherwise libvirt and the kernel
   // decide.
   std::function<bool(const std::string& name)> has_network;
-  // This host's actions count only while it holds its claim. Null: always.
+  // Commits of this host take effect only while it holds this claim. Null: always.
   std::shared_ptr<cluster::HostClaim> claim;
   // Whether another host of the cluster is alive; see deletion.h. Not set: none is.
   std::function<bool(const std::string& host_id)> is_alive;
   std::function<void(std::string_view step)> before_step;  // for tests that stop there
 };
 
-// What is known about a running guest beside its records.
+// What is known about a running guest in addition to its records.
 struct RunningGuest {
   std::vector<std::string> addresses;
   std::uint64_t uptime_s = 0;
   bool has_agent = false;
 };
 
-// Only one operation at a time runs on a guest. Others are refused as busy; the reason names the user and the time.
-// Calls block for as long as the hypervisor does. Threads: any, at the same time.
+// Only one operation at a time runs on a guest. Others are refused as busy (915); the reason names the user and the
+// time. Calls block for as long as the hypervisor does. Threads: any, at the same time.
 class GuestControl {
  public:
   // Opens the hypervisor, and then makes records and hypervisor consistent: guests that run according to their records
-  // are started again where the hypervisor forgets them (test mode), its reports are stored, and deletions are
-  // finished. An unreachable hypervisor is not an error: it is retried, and calls are refused with 949 meanwhile.
+  // are started again where the hypervisor forgets them (test mode), the states that it reports are stored, and
+  // deletions are finished. An unreachable hypervisor is not an error: the connection is retried, and calls are refused
+  // with 949 meanwhile.
   // Errors: kInvalid, kDenied and kUnsupported of the hypervisor's options; those of the store.
   static Result<std::unique_ptr<GuestControl>> Start(GuestControlOptions options);
   // Guests keep running. No call may be in progress.
@@ -71,54 +73,56 @@ class GuestControl {
 
   // The guest's record must name this host (912). Returns when the guest runs. Refusals: those of Rate, 910, 915, 912,
   // 403, 901.
-  virtual Refused PowerOn(const std::string& guest_id, const Requester& requester) = 0;
-  // Returns when the guest has been asked; it is then asked repeatedly until it is off, or shut_down_wait is over.
+  virtual Result<void, Refusal> PowerOn(const std::string& guest_id, const Requester& requester) = 0;
+  // Returns when the shut-down has been requested; the request is then repeated until the guest is off, or
+  // shut_down_wait is over.
   // Refusals: 911, 915, 403, 901, 949; the same for Reboot.
-  virtual Refused ShutDown(const std::string& guest_id, const Requester& requester) = 0;
+  virtual Result<void, Refusal> ShutDown(const std::string& guest_id, const Requester& requester) = 0;
   // Overrides any other operation on the guest: a shut-down or a start in progress ends. Refusals: 911, 403, 901, 915
   // (the system cannot end the guest's process now), 949.
-  virtual Refused PowerOff(const std::string& guest_id, const Requester& requester) = 0;
-  virtual Refused Reboot(const std::string& guest_id, const Requester& requester) = 0;
+  virtual Result<void, Refusal> PowerOff(const std::string& guest_id, const Requester& requester) = 0;
+  virtual Result<void, Refusal> Reboot(const std::string& guest_id, const Requester& requester) = 0;
   // For high availability, which must be sure that the guest does not run here: overrides any other operation on it,
   // whichever host the record names, and does nothing when it does not run. A start in progress is cancelled, and has
   // ended when this returns. Refusals: 901, 949.
-  virtual Refused Fence(const std::string& guest_id) = 0;
+  virtual Result<void, Refusal> Fence(const std::string& guest_id) = 0;
 
-  // Ends the machines of the guests that were taken from this host while it was gone, and removes their saved memory,
+  // Stops the domains of the guests that were taken from this host while it was gone, and removes their saved memory,
   // overriding any other operation on them. False: some are left, for instance because the hypervisor cannot be
   // reached.
-  virtual bool SettleFenced() = 0;
+  virtual bool StopFencedGuests() = 0;
 
   // Removes the saved memory of a guest, which is then off. Refusals: 911 (it is not saved), 915, 403, 901, 949.
-  virtual Refused DiscardSaved(const std::string& guest_id, const Requester& requester) = 0;
+  virtual Result<void, Refusal> DiscardSaved(const std::string& guest_id, const Requester& requester) = 0;
   // Hands the guest back to its owner, who uses libvirt without this system: its definition stays, updated from the
-  // records and without this system's mark; its records are deleted, and its files stay. Refusals: 910, 915, 912, 403,
-  // 901, 949.
-  virtual Refused Release(const std::string& guest_id, const Requester& requester) = 0;
+  // records and without this system's ownership tag; its records are deleted, and its files stay. Refusals: 910, 915,
+  // 912, 403, 901, 949.
+  virtual Result<void, Refusal> Release(const std::string& guest_id, const Requester& requester) = 0;
 
   // See Deletion::Delete.
-  virtual Refused Delete(const std::string& guest_id, const Requester& requester) = 0;
+  virtual Result<void, Refusal> Delete(const std::string& guest_id, const Requester& requester) = 0;
   // See Edits::Edit. Changes that a running guest cannot take immediately take effect at its next start, and are in the
   // record's "pending" until then.
-  virtual Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) = 0;
-  // Makes `host_id` the guest's host. Refusals: 403 (no such guest or host), 910 (a host has it), 915, 901.
-  virtual Refused SetHost(const std::string& guest_id, const std::string& host_id) = 0;
+  virtual Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit,
+                                     const Requester& requester) = 0;
+  // Makes `host_id` the guest's host. Refusals: 403 (no such guest or host), 910 (a host holds the guest), 915, 901.
+  virtual Result<void, Refusal> SetHost(const std::string& guest_id, const std::string& host_id) = 0;
 
   // Whether PowerOn would be refused now; a guest of another host is rated as if it belonged to this one. Errors: those
   // of ReadGuest.
   virtual Result<Rating> RateGuest(const std::string& guest_id) = 0;
-  // Not set: the guest does not run here, or the hypervisor cannot be asked.
-  virtual std::optional<RunningGuest> Running(const std::string& guest_id) = 0;
+  // Not set: the guest does not run here, or the hypervisor cannot be reached.
+  virtual std::optional<RunningGuest> FindRunningGuest(const std::string& guest_id) = 0;
 
   // Whether the hypervisor can be reached, and its version as three numbers ("7.2.19", or
   // "" when unknown), both as last known: the call never waits.
-  virtual bool IsControllable() const { return true; }
+  virtual bool IsHypervisorReachable() const { return true; }
   virtual std::string HypervisorVersion() const { return ""; }
 
   // Ignores later events and starts nothing more: calls are refused with 949. Guests keep running, and calls in
   // progress end in their own time. False: one of this object's own threads still hangs by then, and its destructor
   // would wait for it.
-  virtual bool Stop(std::chrono::milliseconds patience) = 0;
+  virtual bool Stop(std::chrono::milliseconds timeout) = 0;
 };
 
 }  // namespace vexa::guests

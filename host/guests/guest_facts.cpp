@@ -1,4 +1,4 @@
-// What this host has for guests, and what they have taken of it.
+// The resources of this host, and what its guests use of them.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -6,10 +6,12 @@
 #include <map>
 #include <utility>
 
-#include "host/domain_xml/domain_xml.h"
+#include "host/base/mutex.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/guests/guest_control_impl.h"
 #include "host/guests/host_networks.h"
-#include "host/records/reading.h"
+#include "host/records/reader.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -18,10 +20,11 @@ namespace {
 
 namespace keys = VexaCCC::DB::_k;
 
-// The current results of `has` for the texts under `member` in the first `most` records. All others count as absent.
-std::function<bool(const std::string&)> AskAll(const std::vector<std::pair<std::string, Json::Value>>& records,
-                                               const char* member, std::size_t most,
-                                               const std::function<bool(const std::string&)>& has) {
+// Calls `has` now for each string under `member` in the first `most` records, and returns a function that looks the
+// results up. It returns false for all other strings.
+std::function<bool(const std::string&)> MakeLookup(const std::vector<std::pair<std::string, Json::Value>>& records,
+                                                   const char* member, std::size_t most,
+                                                   const std::function<bool(const std::string&)>& has) {
   std::map<std::string, bool> answers;
   const std::size_t count = std::min(records.size(), most);
   for (std::size_t i = 0; i < count; ++i) {
@@ -35,52 +38,66 @@ std::function<bool(const std::string&)> AskAll(const std::vector<std::pair<std::
   };
 }
 
-bool IsThere(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+// The number of logical processors in the host's record; 0: unknown.
+unsigned StoredCpuCount(const store::Store& store, const std::string& host_id) {
+  const auto reader = records::Reader::Open(store);
+  if (!reader) return 0;
+  const auto host = reader->ReadObject(VexaCCC::DB::DashCate::Host.name(), host_id);
+  return host ? static_cast<unsigned>(std::max(json::Int(json::Member(**host, keys::cpu_cores)), 0)) : 0;
+}
+
+bool FileExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 }  // namespace
 
-Facts LibvirtGuestControl::GatherFacts(const Guest& guest) {
-  Facts facts;
+Result<records::Guest> LibvirtGuestControl::ReadGuestNow(const std::string& guest_id) const {
+  const auto reader = records::Reader::Open(*options_.store);
+  if (!reader) return reader.error();
+  return records::ReadGuest(*reader, guest_id);
+}
+
+ResourceFacts LibvirtGuestControl::GatherFacts(const records::Guest& guest) {
+  ResourceFacts facts;
   HostResources& resources = facts.resources;
   resources.host_id = options_.host_id;
   resources.vcpus_per_cpu = options_.vcpus_per_cpu;
   resources.is_connected = hypervisor_->IsConnected();
   std::function<bool(const std::string&)> has_network = options_.has_network;
-  if (!ForgetsGuests()) {
+  if (!IsTestMode()) {
     if (!has_network) has_network = HostNetworks([this] { return LibvirtNetworks(); });
-    resources.has_file = AskAll(guest.records.disks, "path", hypervisor::kMaxDisks, IsThere);
+    resources.has_file = MakeLookup(guest.records.disks, "path", domain_xml::kMaxDisks, FileExists);
   }
   if (has_network) {
-    resources.has_network = AskAll(guest.records.nics, "network_name", hypervisor::kMaxNics, has_network);
+    resources.has_network = MakeLookup(guest.records.nics, "network_name", domain_xml::kMaxNics, has_network);
   }
-  // Before the memory: guests that start running from now on are counted by their records.
-  if (const auto runs = RunsOf(*options_.store, options_.host_id)) {
+  // Read before the free memory, so that a guest which starts in between is counted by its run record.
+  if (const auto runs = records::RunsOf(*options_.store, options_.host_id)) {
     for (const auto& [id, stored] : *runs) {
-      if (!stored.run.starting && !stored.run.saved) facts.counted_runs.insert(id);
+      if (!stored.run.starting && !stored.run.saved) facts.guests_already_deducted.insert(id);
     }
   }
-  const auto node = NodeFigures();
+  const auto node = GetNodeInfo();
   if (!node) {
     resources.is_connected = false;
     return facts;
   }
   resources.cpus = node->cpus;
   resources.free_memory_mib = node->memory_mib;
-  if (!ForgetsGuests()) {
+  if (!IsTestMode()) {
     if (const auto free = hypervisor_->FreeMemory()) resources.free_memory_mib = *free >> 20;
   }
   return facts;
 }
 
-Result<hypervisor::Node> LibvirtGuestControl::NodeFigures() {
+Result<hypervisor::NodeInfo> LibvirtGuestControl::GetNodeInfo() {
   {
-    const std::lock_guard lock(node_mutex_);
-    if (node_) return *node_;
+    const MutexLock lock(node_info_mutex_);
+    if (node_info_) return *node_info_;
   }
-  auto node = hypervisor_->NodeFigures();
-  if (!node) return node.failure().error();
-  const std::lock_guard lock(node_mutex_);
-  node_ = *node;
+  auto node = hypervisor_->GetNodeInfo();
+  if (!node) return node.error();
+  const MutexLock lock(node_info_mutex_);
+  node_info_ = *node;
   return *node;
 }
 
@@ -89,45 +106,44 @@ std::vector<std::string> LibvirtGuestControl::LibvirtNetworks() {
   return networks ? std::move(*networks) : std::vector<std::string>();
 }
 
-Status LibvirtGuestControl::AddTaken(const std::string& except_guest_id, Facts& facts) const {
-  const auto runs = RunsOf(*options_.store, options_.host_id);
+Status LibvirtGuestControl::AddAllocated(const std::string& except_guest_id, ResourceFacts& facts) const {
+  const auto runs = records::RunsOf(*options_.store, options_.host_id);
   if (!runs) return runs.error();
   HostResources& resources = facts.resources;
   std::uint64_t memory_mib = 0;
   for (const auto& [id, stored] : *runs) {
     if (id == except_guest_id || stored.run.saved) continue;
-    const Run& run = stored.run;
+    const records::Run& run = stored.run;
     resources.vcpus_taken += run.vcpus;
     resources.pinned_cpus.insert(resources.pinned_cpus.end(), run.pinned_cpus.begin(), run.pinned_cpus.end());
-    // The memory of the other guests is no longer part of the free memory, unless guests take none.
-    if (ForgetsGuests() || !facts.counted_runs.contains(id)) memory_mib += run.memory_mib;
+    // The free memory no longer includes the memory of guests that already ran, except in test mode, where guests use
+    // none.
+    if (IsTestMode() || !facts.guests_already_deducted.contains(id)) memory_mib += run.memory_mib;
   }
   resources.free_memory_mib -= std::min(resources.free_memory_mib, memory_mib);
   return {};
 }
 
 Result<Rating> LibvirtGuestControl::RateGuest(const std::string& guest_id) {
-  const Result<Guest> guest = ReadGuest(guest_id);
+  const records::RequestPause pause;  // the hypervisor may be slow
+  const Result<records::Guest> guest = ReadGuestNow(guest_id);
   if (!guest) return guest.error();
-  cluster::RequestScope::ReleaseSnapshot();
-  Facts facts = GatherFacts(*guest);
-  if (Status added = AddTaken(guest_id, facts); !added) return added.error();
+  ResourceFacts facts = GatherFacts(*guest);
+  if (Status added = AddAllocated(guest_id, facts); !added) return added.error();
   return Rate(*guest, facts.resources);
 }
 
-// Based on the stored data of the guest's host, so that every host returns the same.
-Refused LibvirtGuestControl::RatePins(const Guest& edited) {
+// Uses the stored facts of the guest's host, so that the result is the same on every host.
+Result<void, Refusal> LibvirtGuestControl::CheckPinsAvailable(const records::Guest& edited) {
   HostResources resources;
   resources.host_id = edited.host_id;
-  const auto host = cluster::ReadObject(VexaCCC::DB::DashCate::Host.name(), edited.host_id);
-  if (host) resources.cpus = static_cast<unsigned>(std::max(json::Int(json::Member(**host, keys::cpu_cores)), 0));
-  cluster::RequestScope::ReleaseSnapshot();
+  resources.cpus = StoredCpuCount(*options_.store, edited.host_id);
   if (edited.host_id == options_.host_id) {
-    if (const auto node = NodeFigures()) resources.cpus = node->cpus;
+    if (const auto node = GetNodeInfo()) resources.cpus = node->cpus;
   }
-  // An unknown host is not judged.
+  // Without facts about the host, nothing is refused.
   if (resources.cpus == 0) return {};
-  const auto runs = RunsOf(*options_.store, edited.host_id);
+  const auto runs = records::RunsOf(*options_.store, edited.host_id);
   if (!runs) return RefusalOf(runs.error());
   for (const auto& [id, stored] : *runs) {
     const std::vector<unsigned>& pinned = stored.run.pinned_cpus;
@@ -135,7 +151,7 @@ Refused LibvirtGuestControl::RatePins(const Guest& edited) {
       resources.pinned_cpus.insert(resources.pinned_cpus.end(), pinned.begin(), pinned.end());
   }
   const Rating rating = Rate(edited, resources);
-  const auto found = std::ranges::find(rating.refusals, kNoCpuThreads, &Refusal::code);
+  const auto found = std::ranges::find(rating.refusals, host_error::kNoCpuThreads, &Refusal::code);
   if (found == rating.refusals.end()) return {};
   return Refusal{kNotPinned, found->reason};
 }

@@ -1,4 +1,5 @@
 // Stops the guests of this host, and other operations that run one at a time per guest.
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -8,7 +9,8 @@
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
-#include "host/records/reading.h"
+#include "host/records/object_members.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -16,129 +18,150 @@
 namespace vexa::guests {
 namespace {
 
-using hypervisor::Problem;
+using hypervisor::FailureKind;
 
-int CodeFor(Problem problem) {
-  switch (problem) {
-    case Problem::kAlreadyRunning:
-      return kRunsAlready;
-    case Problem::kNotRunning:
-    case Problem::kNoSuchGuest:
-      return kNotRunning;
-    case Problem::kNetworkMissing:
-    case Problem::kBridgeMissing:
-      return kNoNetwork;
-    case Problem::kDiskMissing:
-    case Problem::kDisconnected:
-      return kUnavailable;
-    case Problem::kNoMemory:
-      return kNoMemory;
-    case Problem::kBusy:
-      return kBusy;
-    case Problem::kCpuIncompatible:
-      return kIncompatibleCpu;
+int RefusalCodeOf(FailureKind kind) {
+  switch (kind) {
+    case FailureKind::kAlreadyRunning:
+      return host_error::kAlreadyRunning;
+    case FailureKind::kNotRunning:
+    case FailureKind::kNoSuchGuest:
+      return host_error::kNotRunning;
+    case FailureKind::kNetworkMissing:
+    case FailureKind::kBridgeMissing:
+      return host_error::kNoNetwork;
+    case FailureKind::kDiskMissing:
+    case FailureKind::kDisconnected:
+      return host_error::kUnavailable;
+    case FailureKind::kNoMemory:
+      return host_error::kNoMemory;
+    case FailureKind::kBusy:
+      return host_error::kBusy;
+    case FailureKind::kCpuIncompatible:
+      return host_error::kIncompatibleCpu;
     default:
-      return kFailed;
+      return host_error::kFailed;
   }
 }
 
-void LogDone(const std::string& guest_id, std::string_view action, const Refused& refused) {
-  if (refused) {
-    ::syslog(LOG_WARNING, "The guest %s was refused '%.*s' with code %d: %s", guest_id.c_str(),
-             static_cast<int>(action.size()), action.data(), refused->code, refused->reason.c_str());
+void LogResult(const std::string& guest_id, std::string_view action, const Result<void, Refusal>& done) {
+  if (!done.ok()) {
+    ::syslog(LOG_WARNING, "Refused '%.*s' on guest %s with code %d: %s", static_cast<int>(action.size()), action.data(),
+             guest_id.c_str(), done.error().code, done.error().reason.c_str());
   } else {
-    ::syslog(LOG_INFO, "The guest %s got '%.*s'.", guest_id.c_str(), static_cast<int>(action.size()), action.data());
+    ::syslog(LOG_INFO, "Performed '%.*s' on guest %s.", static_cast<int>(action.size()), action.data(),
+             guest_id.c_str());
   }
 }
 
-constexpr std::chrono::seconds kMaxWaitForLook{5};
+constexpr std::chrono::seconds kReconcileTimeout{5};
+
+// Whether the guest has a readable record in the newest state.
+Status CheckRecord(const store::Store& store, const std::string& guest_id) {
+  const auto reader = records::Reader::Open(store);
+  if (!reader) return reader.error();
+  const auto record = reader->ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
+  return record ? Status() : Status(record.error());
+}
+
+// The state of the guest's repository; "" when it is unknown.
+std::string RepositoryStateOf(const store::Store& store, const std::string& guest_id) {
+  using VexaCCC::DB::DashCate;
+  const auto reader = records::Reader::Open(store);
+  if (!reader) return {};
+  const std::string id = records::ReadStringOrEmpty(*reader, DashCate::Guest, guest_id, keys::repository_id);
+  return records::ReadStringOrEmpty(*reader, DashCate::Repository, id, keys::state);
+}
 
 }  // namespace
 
-Refusal RefusalOf(const hypervisor::Failure& failure) { return {CodeFor(failure.problem()), failure.ToString()}; }
+Refusal OnOtherHost(const std::string& host_id) {
+  return {host_error::kOnOtherHost, fmt::format("The guest belongs to the host '{}'", host_id)};
+}
+
+Refusal RefusalOf(const hypervisor::Failure& failure) { return {RefusalCodeOf(failure.kind()), failure.ToString()}; }
 
 Refusal RefusalOf(const Error& error) {
   const bool is_unreadable = error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt;
-  return {is_unreadable ? kUnreadable : kFailed, error.ToString()};
+  return {is_unreadable ? host_error::kNotFoundOrUnreadable : host_error::kFailed, error.ToString()};
 }
 
-Refused LibvirtGuestControl::Perform(const std::string& guest_id, std::string_view action, const Requester& requester,
-                                     const std::function<Refused()>& act, std::chrono::milliseconds patience) {
-  if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
-  // This is followed by waits for other hosts' records and the hypervisor.
-  cluster::RequestScope::ReleaseSnapshot();
-  auto taken = claims_.Take(guest_id, {std::string(action), requester, std::chrono::system_clock::now()}, patience);
-  if (const auto* other = std::get_if<Activity>(&taken)) return Refusal{kBusy, Describe(*other)};
-  if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
-  Refused refused = RefuseStale();
-  if (!refused) refused = act();
-  LogDone(guest_id, action, refused);
-  LookAndRelease(std::get<Claims::Claim>(std::move(taken)), guest_id);
-  return refused;
+Result<void, Refusal> LibvirtGuestControl::Perform(const std::string& guest_id, std::string_view action,
+                                                   const Requester& requester,
+                                                   const std::function<Result<void, Refusal>()>& act,
+                                                   std::chrono::milliseconds timeout) {
+  if (stopping_) return Refusal{host_error::kUnavailable, "This host is stopping"};
+  // No snapshot is kept while this waits for other operations and the hypervisor.
+  const records::RequestPause without_reader;
+  auto guard_or_activity =
+      activities_.Take(guest_id, {std::string(action), requester, std::chrono::system_clock::now()}, timeout);
+  if (const auto* other = std::get_if<Activity>(&guard_or_activity))
+    return Refusal{host_error::kBusy, Describe(*other)};
+  if (stopping_) return Refusal{host_error::kUnavailable, "This host is stopping"};
+  Result<void, Refusal> done = CheckClaimHeld();
+  if (done.ok()) done = act();
+  LogResult(guest_id, action, done);
+  ReconcileAndRelease(std::get<GuestActivities::ActivityGuard>(std::move(guard_or_activity)), guest_id);
+  return done;
 }
 
-Refused LibvirtGuestControl::Ask(const std::string& guest_id, const std::function<Done()>& ask) {
-  const Result<cluster::Record> record = cluster::ReadObject(VexaCCC::DB::DashCate::Guest.name(), guest_id);
-  if (!record) return RefusalOf(record.error());
-  cluster::RequestScope::ReleaseSnapshot();
-  const Done done = ask();
+Result<void, Refusal> LibvirtGuestControl::CallHypervisor(const std::string& guest_id,
+                                                          const std::function<HypervisorStatus()>& call) {
+  if (const Status exists = CheckRecord(*options_.store, guest_id); !exists) return RefusalOf(exists.error());
+  const HypervisorStatus done = call();
   if (done) return {};
-  return RefusalOf(done.failure());
+  return RefusalOf(done.error());
 }
 
-Refused LibvirtGuestControl::ShutDown(const std::string& guest_id, const Requester& requester) {
+Result<void, Refusal> LibvirtGuestControl::ShutDown(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "shutdown", requester, [&] {
-    return Ask(guest_id, [&]() -> Done {
+    return CallHypervisor(guest_id, [&]() -> HypervisorStatus {
       const auto state = hypervisor_->StateOf(guest_id);
-      if (!state) return state.failure();
-      Step("shutdown: asked");
-      ends_by_.Expect(guest_id, {cluster::ShutdownCause::kShutDown, false});
-      Done asked = hypervisor_->ShutDown(guest_id);
-      if (asked) shut_downs_->Begin(guest_id);
-      if (!asked) ends_by_.Cancel(guest_id);
-      Step("shutdown: done");
-      return asked;
+      if (!state) return state.error();
+      BeforeStep("shutdown: asked");
+      end_reasons_.Expect(guest_id, {records::ShutdownCause::kShutDown, false});
+      HypervisorStatus requested = hypervisor_->ShutDown(guest_id);
+      if (requested) shut_downs_->Begin(guest_id);
+      if (!requested) end_reasons_.Cancel(guest_id);
+      BeforeStep("shutdown: done");
+      return requested;
     });
   });
 }
 
-// An operation in progress may hang together with the guest, and ends when its machine does: so this waits for nothing.
-Refused LibvirtGuestControl::PowerOff(const std::string& guest_id, const Requester& requester) {
-  if (stopping_) return Refusal{kUnavailable, "This host is stopping"};
-  if (Refused stale = RefuseStale()) return stale;
-  cluster::RequestScope::ReleaseSnapshot();
-  auto taken = claims_.Take(guest_id, {"poweroff", requester, std::chrono::system_clock::now()});
-  const Refused refused = Ask(guest_id, [&] {
-    Step("poweroff: asked");
+// Does not wait for an operation in progress, which may hang together with the guest and ends when its domain does.
+Result<void, Refusal> LibvirtGuestControl::PowerOff(const std::string& guest_id, const Requester& requester) {
+  if (stopping_) return Refusal{host_error::kUnavailable, "This host is stopping"};
+  const records::RequestPause without_reader;
+  if (const auto allowed = CheckClaimHeld(); !allowed.ok()) return allowed;
+  auto guard_or_activity = activities_.Take(guest_id, {"poweroff", requester, std::chrono::system_clock::now()});
+  const auto ended = CallHypervisor(guest_id, [&] {
+    BeforeStep("poweroff: asked");
     shut_downs_->End(guest_id);
-    ends_by_.Expect(guest_id, ReasonOfPowerOff(guest_id));
-    Done done = EndRun(guest_id);
-    if (!done) ends_by_.Cancel(guest_id);
-    Step("poweroff: done");
+    end_reasons_.Expect(guest_id, PowerOffReason(guest_id));
+    HypervisorStatus done = StopDomain(guest_id);
+    if (!done) end_reasons_.Cancel(guest_id);
+    BeforeStep("poweroff: done");
     return done;
   });
-  LogDone(guest_id, "poweroff", refused);
-  if (auto* claim = std::get_if<Claims::Claim>(&taken)) {
-    LookAndRelease(std::move(*claim), guest_id);
+  LogResult(guest_id, "poweroff", ended);
+  if (auto* guard = std::get_if<GuestActivities::ActivityGuard>(&guard_or_activity)) {
+    ReconcileAndRelease(std::move(*guard), guest_id);
   } else {
-    // The shown state is off when this returns, even if another holder has to look.
-    LookWhenFree(guest_id);
-    claims_.AwaitFree(guest_id, kMaxWaitForLook);
+    // Readers see the guest off when this returns, even if the holder has to reconcile it.
+    ReconcileWhenFree(guest_id);
+    activities_.AwaitFree(guest_id, kReconcileTimeout);
   }
-  return refused;
+  return ended;
 }
 
-cluster::ShutdownReason LibvirtGuestControl::ReasonOfPowerOff(const std::string& guest_id) {
+records::ShutdownReason LibvirtGuestControl::PowerOffReason(const std::string& guest_id) {
   namespace states = VexaCCC::State::Repo;
-  using enum cluster::ShutdownCause;
-  const auto has_stopped = hypervisor_->HasStoppedForStorage(guest_id);
-  if (!has_stopped || !*has_stopped) return {kPoweredOff, true};
-  std::string repository_id;
-  std::string state;
-  (void)VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Guest, guest_id).Get(repository_id, keys::repository_id);
-  (void)VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Repository, repository_id).Get(state, keys::state);
-  cluster::RequestScope::ReleaseSnapshot();
-  const std::pair<const char*, cluster::ShutdownCause> causes[] = {{states::full, kRepositoryFull},
+  using enum records::ShutdownCause;
+  const auto is_paused = hypervisor_->IsPausedOnIoError(guest_id);
+  if (!is_paused || !*is_paused) return {kPoweredOff, true};
+  const std::string state = RepositoryStateOf(*options_.store, guest_id);
+  const std::pair<const char*, records::ShutdownCause> causes[] = {{states::full, kRepositoryFull},
                                                                    {states::unavailable, kStorageUnavailable},
                                                                    {states::crashed, kStorageCrashed},
                                                                    {states::degraded, kStorageReadOnly},
@@ -149,118 +172,119 @@ cluster::ShutdownReason LibvirtGuestControl::ReasonOfPowerOff(const std::string&
   return {kPoweredOff, true};
 }
 
-LibvirtGuestControl::Done LibvirtGuestControl::EndRun(const std::string& guest_id) {
-  const CalledOff called_off = starts_.CallOff(guest_id);
-  Step("end: called off");
+LibvirtGuestControl::HypervisorStatus LibvirtGuestControl::StopDomain(const std::string& guest_id) {
+  const CancelResult cancelled = starts_.Cancel(guest_id);
+  BeforeStep("end: start cancelled");
   const auto state = hypervisor_->StateOf(guest_id);
-  Done done = hypervisor_->PowerOff(guest_id);
-  // A guest that ended in between is in the requested state.
+  HypervisorStatus done = hypervisor_->PowerOff(guest_id);
+  // A guest that ended between the two calls is in the requested state.
   const bool was_active = state && IsActive(*state);
-  if (!done && was_active && done.failure().problem() == Problem::kNotRunning) done = Done();
-  if (done || called_off != CalledOff::kTooLate) return done;
-  // It may not have reached the guest's machine yet.
+  if (!done && was_active && done.error().kind() == FailureKind::kNotRunning) done = HypervisorStatus();
+  if (done || cancelled != CancelResult::kTooLate) return done;
+  // The start may have created the domain only after the power-off.
   if (!starts_.AwaitEnd(guest_id, options_.fence_wait)) {
-    return hypervisor::Failure(Problem::kBusy, "The guest is being started, and that does not come to an end");
+    return hypervisor::Failure(FailureKind::kBusy, "The guest is being started, and the start does not finish");
   }
   return hypervisor_->PowerOff(guest_id);
 }
 
-Refused LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester& requester) {
+Result<void, Refusal> LibvirtGuestControl::Reboot(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "reboot", requester, [&] {
-    return Ask(guest_id, [&] {
+    return CallHypervisor(guest_id, [&] {
       shut_downs_->End(guest_id);
-      ends_by_.Cancel(guest_id);
+      end_reasons_.Cancel(guest_id);
       return hypervisor_->Reboot(guest_id);
     });
   });
 }
 
-Refused LibvirtGuestControl::Fence(const std::string& guest_id) {
+Result<void, Refusal> LibvirtGuestControl::Fence(const std::string& guest_id) {
   shut_downs_->End(guest_id);
-  ends_by_.Expect(guest_id, {cluster::ShutdownCause::kFenced, true});
-  const Done done = EndRun(guest_id);
-  if (!done) ends_by_.Cancel(guest_id);
-  LookWhenFree(guest_id);
+  end_reasons_.Expect(guest_id, {records::ShutdownCause::kFenced, true});
+  const HypervisorStatus done = StopDomain(guest_id);
+  if (!done) end_reasons_.Cancel(guest_id);
+  ReconcileWhenFree(guest_id);
   if (done) return {};
-  const Problem problem = done.failure().problem();
-  if (problem == Problem::kNotRunning || problem == Problem::kNoSuchGuest) return {};
-  Refusal refusal = RefusalOf(done.failure());
-  if (problem == Problem::kBusy) refusal.code = kUnavailable;
+  const FailureKind kind = done.error().kind();
+  if (kind == FailureKind::kNotRunning || kind == FailureKind::kNoSuchGuest) return {};
+  Refusal refusal = RefusalOf(done.error());
+  if (kind == FailureKind::kBusy) refusal.code = host_error::kUnavailable;
   return refusal;
 }
 
-Refused LibvirtGuestControl::RefuseActive(const std::string& guest_id) {
+Result<void, Refusal> LibvirtGuestControl::CheckNotRunning(const std::string& guest_id) {
   const auto state = hypervisor_->StateOf(guest_id);
   if (state) {
     if (!IsActive(*state)) return {};
-    return Refusal{kRunsAlready, "The guest's machine runs on this host: power it off first"};
+    return Refusal{host_error::kAlreadyRunning, "The guest still runs on this host. Power it off first"};
   }
-  const Problem problem = state.failure().problem();
-  // libvirt has no machine with an impossible id.
-  if (problem == Problem::kNoSuchGuest || problem == Problem::kInvalid) return {};
-  return Refusal{kUnavailable, "It is unknown whether the guest runs: " + state.failure().ToString()};
+  const FailureKind kind = state.error().kind();
+  // libvirt cannot have a domain with an invalid id.
+  if (kind == FailureKind::kNoSuchGuest || kind == FailureKind::kInvalid) return {};
+  return Refusal{host_error::kUnavailable,
+                 fmt::format("It is unknown whether the guest runs: {}", state.error().ToString())};
 }
 
-Refused LibvirtGuestControl::Delete(const std::string& guest_id, const Requester& requester) {
+Result<void, Refusal> LibvirtGuestControl::Delete(const std::string& guest_id, const Requester& requester) {
   return Perform(guest_id, "delete", requester, [&] {
-    // If the guest has only just gone off, the cleanup may not have been done yet.
-    Look(guest_id);
-    Refused refused = deletion_.Delete(guest_id, requester);
-    if (!refused) RemoveNoted(guest_id);
-    return refused;
+    // The cleanup after the guest's last run may not have been done yet.
+    Reconcile(guest_id);
+    Result<void, Refusal> deleted = deletion_.Delete(guest_id, requester);
+    if (deleted.ok()) RemoveListedDefinition(guest_id);
+    return deleted;
   });
 }
 
-Refused LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester) {
+Result<void, Refusal> LibvirtGuestControl::Edit(const std::string& guest_id, const Json::Value& edit,
+                                                const Requester& requester) {
   return Perform(
-      guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); }, options_.edit_patience);
+      guest_id, "edit", requester, [&] { return edits_.Edit(guest_id, edit, requester); }, options_.edit_wait);
 }
 
-Refused LibvirtGuestControl::SetHost(const std::string& guest_id, const std::string& host_id) {
-  cluster::RequestScope::ReleaseSnapshot();
-  Refused taken = RefuseTaken(guest_id);
-  if (!taken) taken = RefuseActive(guest_id);
-  if (taken) return taken;
-  const Status committed = cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
-    taken.reset();
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    const auto host = cluster::LoadObject(**snapshot, cluster::ObjectKey(VexaCCC::DB::DashCate::Host.name(), host_id));
-    if (!host) return host.error();
-    if (host->revision == 0) return Error(ErrorCode::kNotFound, "There is no host '" + host_id + "'");
-    auto guest = cluster::LoadObject(**snapshot, GuestObjectKey(guest_id));
-    if (!guest) return guest.error();
-    if (guest->revision == 0) return Error(ErrorCode::kNotFound, "There is no such guest");
-    store::Transaction transaction;
-    const Result<bool> is_held = IsHeld(**snapshot, guest_id);
-    if (!is_held) return is_held.error();
-    if (*is_held) {
-      taken = RefuseTaken(guest_id);
-      if (taken) return transaction;
-    }
-    CompareFree(transaction, guest_id);
-    // The definition on the previous host, which would start with its machine, must not run beside the guest.
-    const Json::Value& before = json::Member(guest->record, keys::host_id);
-    const std::string host_before = before.isString() ? json::String(before) : std::string();
-    const std::string note = UndefineKey(host_before, guest_id);
-    if (!host_before.empty() && host_before != host_id && store::IsKey(note)) {
-      transaction.operations.push_back({note, "true"});
-    }
-    guest->record[keys::host_id] = host_id;
-    cluster::PutObject(transaction, GuestObjectKey(guest_id), *guest);
-    return transaction;
-  });
-  if (taken) return taken;
+Result<void, Refusal> LibvirtGuestControl::SetHost(const std::string& guest_id, const std::string& host_id) {
+  const records::RequestPause without_reader;
+  Result<void, Refusal> allowed = CheckNotHeld(guest_id);
+  if (allowed.ok()) allowed = CheckNotRunning(guest_id);
+  if (!allowed.ok()) return allowed;
+  const Status committed =
+      records::CommitWithRetry(*options_.store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+        allowed = {};
+        const auto host = records::LoadObject(reader, records::ObjectKey(VexaCCC::DB::DashCate::Host.name(), host_id));
+        if (!host) return host.error();
+        if (host->revision == 0) return Error(ErrorCode::kNotFound, fmt::format("There is no host '{}'", host_id));
+        auto guest = records::LoadObject(reader, records::GuestObjectKey(guest_id));
+        if (!guest) return guest.error();
+        if (guest->revision == 0) return Error(ErrorCode::kNotFound, "There is no such guest");
+        store::Transaction transaction;
+        const auto lock = FindLock(reader, guest_id);
+        if (!lock) return lock.error();
+        if (*lock) {
+          allowed = CheckNotHeld(guest_id);
+          if (!allowed.ok()) return transaction;
+        }
+        CompareFree(transaction, guest_id);
+        // libvirt on the previous host could start its definition at boot, beside the guest on its new host.
+        const Json::Value& before = json::Member(guest->record, keys::host_id);
+        const std::string host_before = before.isString() ? json::String(before) : std::string();
+        const std::string undefine_key = records::UndefineKey(host_before, guest_id);
+        if (!host_before.empty() && host_before != host_id && store::IsValidKey(undefine_key)) {
+          transaction.operations.push_back({undefine_key, "true"});
+        }
+        guest->record[keys::host_id] = host_id;
+        records::PutObject(transaction, records::GuestObjectKey(guest_id), *guest);
+        return transaction;
+      });
+  if (!allowed.ok()) return allowed;
   if (!committed) return RefusalOf(committed.error());
   return {};
 }
 
-bool LibvirtGuestControl::PressAgain(const std::string& guest_id) {
+bool LibvirtGuestControl::RepeatPress(const std::string& guest_id) {
   if (stopping_) return false;
-  const Done pressed = hypervisor_->ShutDown(guest_id);
+  const HypervisorStatus pressed = hypervisor_->ShutDown(guest_id);
   if (pressed) return true;
-  const Problem problem = pressed.failure().problem();
-  return problem != Problem::kNotRunning && problem != Problem::kNoSuchGuest;
+  const FailureKind kind = pressed.error().kind();
+  return kind != FailureKind::kNotRunning && kind != FailureKind::kNoSuchGuest;
 }
 
 }  // namespace vexa::guests

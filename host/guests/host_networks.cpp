@@ -7,7 +7,7 @@
 namespace vexa::guests {
 namespace {
 
-// Names that a domain's XML can have for a bridge. None of them leads out of the folder of interfaces.
+// Whether domain XML can have this name for a bridge. No such name leaves the kernel's folder of interfaces.
 bool IsInterfaceName(const std::string& name) {
   return !name.empty() && name.size() < IFNAMSIZ && name != "." && name != ".." &&
          std::ranges::none_of(name, [](char c) {
@@ -18,14 +18,14 @@ bool IsInterfaceName(const std::string& name) {
 
 }  // namespace
 
-BridgeKind HostNetworks::KindOf(const std::string& name) const {
-  if (!IsInterfaceName(name)) return BridgeKind::kNone;
-  return NetworkLinks(root_, driver_of_).KindOf(name);
+machine::BridgeKind HostNetworks::KindOf(const std::string& name) const {
+  if (!IsInterfaceName(name)) return machine::BridgeKind::kNone;
+  return machine::NetworkLinks(root_, driver_of_).KindOf(name);
 }
 
 bool HostNetworks::operator()(const std::string& name) const {
   if (name.empty()) return false;
-  if (KindOf(name) != BridgeKind::kNone) return true;
+  if (KindOf(name) != machine::BridgeKind::kNone) return true;
   if (!libvirt_networks_) return false;
   const std::vector<std::string> networks = libvirt_networks_();
   return std::ranges::find(networks, name) != networks.end();

@@ -1,4 +1,4 @@
-// Which networks this host has for its guests.
+// The networks that guests of this host can be attached to.
 #pragma once
 
 #include <functional>
@@ -18,18 +18,18 @@ class HostNetworks {
   // `libvirt_networks` returns the names of the networks that libvirt runs now; not set: none. It is called only for
   // names that are not those of bridges. `root` and `driver_of` are those of NetworkLinks.
   explicit HostNetworks(std::function<std::vector<std::string>()> libvirt_networks, std::string root = "",
-                        DriverReader driver_of = nullptr)
+                        machine::DriverReader driver_of = nullptr)
       : libvirt_networks_(std::move(libvirt_networks)), root_(std::move(root)), driver_of_(std::move(driver_of)) {}
 
   bool operator()(const std::string& name) const;
 
   // The kind of the bridge with this name. kNone for names that a domain's XML cannot have.
-  BridgeKind KindOf(const std::string& name) const;
+  machine::BridgeKind KindOf(const std::string& name) const;
 
  private:
   std::function<std::vector<std::string>()> libvirt_networks_;
   std::string root_;
-  DriverReader driver_of_;
+  machine::DriverReader driver_of_;
 };
 
 }  // namespace vexa::guests

@@ -1,10 +1,10 @@
 // Takes guests from a host that is gone, and removes such a host from the cluster.
 //
-// Only its own host knows whether a guest's machine runs. When the host is gone (cluster/host_life.h), a guest is taken
-// from it only after an administrator has confirmed that its machine is off, or when the number of the host's claim
-// (cluster/host_claim.h) proves that the guest's machine has ended: the host's machine was restarted since. The commit
-// renumbers the host's claim and leaves it a note, so that a host that comes back commits nothing, and ends the guest's
-// machine, before it continues.
+// Only its own host knows whether a guest is still running. When the host is gone (records/host_liveness.h), a guest is
+// taken from it only after an administrator has confirmed that the host's machine is off, or when the number of the
+// host's claim (cluster/host_claim.h) proves that the guest has ended, because the host's machine was restarted since.
+// The commit renumbers the host's claim and writes a fence record for the guest. A host that comes back therefore
+// commits nothing before it has stopped the guest's domain.
 // Threads: any, at the same time; any host of the cluster may do it.
 #pragma once
 
@@ -14,36 +14,37 @@
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/store/store.h"
+#include "webapi/error_codes.h"
 
 namespace vexa::guests {
 
 // Codes that only these operations use.
-inline constexpr int kHostIsAlive = 971;      // the host gives signs of life
-inline constexpr int kNotConfirmed = 972;     // it was not confirmed that the machine is off
-inline constexpr int kHostHasGuests = 973;    // the host still has guests
-inline constexpr int kSavedMemoryLost = 974;  // the guest's saved memory is on the host, and would be lost
+using user_error::kHostHasGuests;
+using user_error::kHostIsAlive;
+using user_error::kNotConfirmed;
+using user_error::kSavedMemoryLost;
 
-enum class MachineIs { kUnknown, kConfirmedOff };
+enum class MachineState { kUnknown, kConfirmedOff };  // of the machine of the host that is gone
 enum class SavedMemory { kKeep, kDiscard };
 
 struct RecoverRequest {
   std::string guest_id;
   std::string to_host_id;  // the guest's new host; empty: one is chosen at its next start
-  MachineIs machine = MachineIs::kUnknown;
+  MachineState machine = MachineState::kUnknown;
   SavedMemory saved = SavedMemory::kKeep;
-  std::string user;  // the caller
+  std::string user;  // who requested it
 };
 
-// Takes the guest from its host. It then counts as shut down, by force and because its host was offline.
-// Refusals: 403 (no such guest, or no host `to_host_id`), 911 (the guest has no host that it could be taken from), 971
-// (also when `to_host_id` is gone: it must be alive), 972, 974, 901. After a refusal nothing has changed.
-Refused RecoverGuest(store::Store& store, const RecoverRequest& request);
+// Takes the guest from its host. The guest is then recorded as shut down, by force and because its host was offline.
+// Refusals: 403 (no such guest, or no host `to_host_id`), 911 (the guest has no host), 971 (its host is alive, or
+// `to_host_id` is not), 972, 974, 901. After a refusal nothing has changed.
+Result<void, Refusal> RecoverGuest(store::Store& store, const RecoverRequest& request);
 
-enum class GuestsOfHost { kKeep, kRecover };
+enum class GuestsOfHost { kKeep, kRecover };  // whether guests that the host still holds are recovered first
 
 struct ForgetRequest {
   std::string host_id;
-  MachineIs machine = MachineIs::kUnknown;
+  MachineState machine = MachineState::kUnknown;
   GuestsOfHost guests = GuestsOfHost::kKeep;
   std::string user;
 };
@@ -53,6 +54,6 @@ struct ForgetRequest {
 // consent on its own machine.
 // Refusals: 403 (no such host), 971 (it is alive, or it is the host that was asked), 972, 973 (with the guests' names),
 // 901. Guests that were recovered before a refusal stay recovered.
-Refused ForgetHost(store::Store& store, const ForgetRequest& request);
+Result<void, Refusal> ForgetHost(store::Store& store, const ForgetRequest& request);
 
 }  // namespace vexa::guests

@@ -14,7 +14,7 @@
 
 namespace vexa::guests {
 
-// What the host has, and what its guests have taken of it.
+// The resources of the host, and what its guests use of them.
 struct HostResources {
   std::string host_id;
   unsigned cpus = 0;                  // logical processors
@@ -22,7 +22,7 @@ struct HostResources {
   std::uint64_t vcpus_taken = 0;      // by the guests that run or start here
   std::vector<unsigned> pinned_cpus;  // dedicated to them, in any order
   unsigned vcpus_per_cpu = 8;         // how many virtual CPUs of guests one logical processor may serve
-  bool is_connected = true;           // whether the hypervisor can be asked
+  bool is_connected = true;           // to the hypervisor
   // Whether the host has the network or bridge of this name. Not set: it has all.
   std::function<bool(const std::string& name)> has_network;
   // Whether a disk's file can be opened here. Not set: all can.
@@ -30,31 +30,31 @@ struct HostResources {
 };
 
 struct Rating {
-  std::vector<Refusal> refusals;      // all obstacles, the most lasting first; empty: it can run here
+  std::vector<Refusal> refusals;      // all obstacles, in the order below; empty: it can run here
   bool has_best_io = false;           // the guest's repository belongs to this host
   std::vector<unsigned> pinned_cpus;  // the processors to dedicate to it, when it can run here
 };
 
-// The refusals, each with the values that decided, in this order; a power-on returns the first.
+// The refusals, each with the values that it is based on, in this order; a power-on returns the first.
 //   945, 935  the repository belongs to another host, and the firmware is EFI, or a disk (the first is named) is not
 //             VirtIO. If a guest's repository names no host, it does not count as another host's.
 //   942       the record requests more dedicated processors than it has virtual CPUs, or all of the host's
-//   927       too many virtual CPUs; also a record whose number of them is not from 1 to 512
+//   927       too many virtual CPUs; also a record with a number of them that is not from 1 to 512
 //   917       one for each missing network
-//   928       too little memory; also a record that does not say how much
+//   928       too little memory; also a record without a valid amount
 //   949       the hypervisor is not connected; the repository cannot be used (see IsUsableRepository); one for each
 //             disk whose file is missing
 //   942       too many processors are dedicated to other guests
-// If the host is not connected, only its id is known: 942, 927 and 928 then only report errors in records, and
+// If the host is not connected, its resources are unknown: 942, 927 and 928 then only report errors in records, and
 // has_network is not called. Dedicated processors are the highest-numbered free ones, in ascending order. Pure except
 // for has_network and has_file, which are called for at most 64 interfaces and disks.
-Rating Rate(const Guest& guest, const HostResources& host);
+Rating Rate(const records::Guest& guest, const HostResources& host);
 
-// The word for a refusal in the "status" of a rating: "no_memory", "no_network", …; "failed" for any other code.
+// The keyword for a refusal in the "status" of a rating: "no_memory", "no_network", …; "failed" for any other code.
 // docs/services.md lists them.
-std::string_view RefusalWord(int code);
+std::string_view RefusalKeyword(int code);
 
-// {"available", "status": [the words of the refusals without duplicates, "best_io"], "reasons": [sentences]}
+// {"available", "status": [the keywords of the refusals without duplicates, "best_io"], "reasons": [sentences]}
 Json::Value RatingData(const Rating& rating);
 
 }  // namespace vexa::guests

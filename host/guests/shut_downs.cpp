@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/base/guarded.h"
+#include "host/base/run_logging_exceptions.h"
 
 namespace vexa::guests {
 
@@ -10,98 +10,102 @@ ShutDowns::ShutDowns(ShutDownsOptions options) : options_(std::move(options)), t
 
 ShutDowns::~ShutDowns() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     stop_ = true;
   }
-  wake_.notify_all();
+  wake_.NotifyAll();
   thread_.join();
-  std::unique_lock lock(mutex_);
-  ended_.wait(lock, [this] { return calls_ == 0; });
+  const MutexLock lock(mutex_);
+  while (calls_ > 0) ended_.Wait(mutex_);
 }
 
 void ShutDowns::Begin(const std::string& guest_id) {
   const Clock::time_point now = Clock::now();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   Pending& pending = pending_[guest_id];
-  pending.next = now + options_.press_again;
+  pending.next = now + options_.press_interval;
   pending.end = now + options_.wait;
-  pending.number = ++begun_;
-  pending.is_called = false;
-  wake_.notify_all();
+  pending.number = ++last_number_;
+  pending.is_call_in_progress = false;
+  wake_.NotifyAll();
 }
 
 void ShutDowns::End(const std::string& guest_id) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   pending_.erase(guest_id);
 }
 
-bool ShutDowns::IsUnderWay(const std::string& guest_id) const {
-  const std::lock_guard lock(mutex_);
+bool ShutDowns::IsInProgress(const std::string& guest_id) const {
+  const MutexLock lock(mutex_);
   return pending_.contains(guest_id);
 }
 
-bool ShutDowns::Stop(std::chrono::milliseconds patience) {
-  std::unique_lock lock(mutex_);
+bool ShutDowns::Stop(std::chrono::milliseconds timeout) {
+  const Clock::time_point end = Clock::now() + timeout;
+  const MutexLock lock(mutex_);
   stop_ = true;
-  wake_.notify_all();
-  return ended_.wait_for(lock, patience, [this] { return calls_ == 0; });
+  wake_.NotifyAll();
+  while (calls_ > 0 && ended_.WaitUntil(mutex_, end)) {
+  }
+  return calls_ == 0;
 }
 
 void ShutDowns::Run() {
-  std::unique_lock lock(mutex_);
+  const MutexLock lock(mutex_);
   while (!stop_) {
     const auto is_later = [](const auto& a, const auto& b) { return a.second.next < b.second.next; };
     const auto due = std::min_element(pending_.begin(), pending_.end(), is_later);
     if (due == pending_.end()) {
-      wake_.wait(lock);
+      wake_.Wait(mutex_);
       continue;
     }
     const Clock::time_point now = Clock::now();
     // A copy: it may end during the wait.
     const Clock::time_point next = due->second.next;
     if (now < next) {
-      wake_.wait_until(lock, next);
+      wake_.WaitUntil(mutex_, next);
       continue;
     }
     Pending& pending = due->second;
-    pending.next = std::min(now + options_.press_again, std::max(pending.end, now));
+    pending.next = std::min(now + options_.press_interval, std::max(pending.end, now));
     const bool is_over = now >= pending.end;
-    if (pending.is_called && !is_over) continue;
+    if (pending.is_call_in_progress && !is_over) continue;
     const std::string guest_id = due->first;
     const std::uint64_t number = pending.number;
-    pending.is_called = true;
+    pending.is_call_in_progress = true;
     if (is_over) pending_.erase(due);
     ++calls_;
-    Guarded("The shut-down of a guest", [&] {
-      try {
-        std::thread([this, guest_id, number, is_over] { Call(guest_id, number, is_over); }).detach();
-      } catch (...) {
-        --calls_;
-        const auto left = pending_.find(guest_id);
-        if (left != pending_.end()) left->second.is_called = false;
-        throw;
-      }
-    });
+    RunLoggingExceptions(
+        "The shut-down of a guest", [&]() VEXA_NO_THREAD_SAFETY_ANALYSIS {  // runs immediately, under the lock
+          try {
+            std::thread([this, guest_id, number, is_over] { Call(guest_id, number, is_over); }).detach();
+          } catch (...) {
+            --calls_;
+            const auto left = pending_.find(guest_id);
+            if (left != pending_.end()) left->second.is_call_in_progress = false;
+            throw;
+          }
+        });
   }
 }
 
 void ShutDowns::Call(const std::string& guest_id, std::uint64_t number, bool is_over) {
-  bool goes_on = true;
-  Guarded("The shut-down of a guest", [&] {
+  bool is_still_running = true;
+  RunLoggingExceptions("The shut-down of a guest", [&] {
     if (is_over) {
       options_.on_given_up(guest_id);
     } else {
-      goes_on = options_.press(guest_id);
+      is_still_running = options_.press(guest_id);
     }
   });
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto pressed = pending_.find(guest_id);
   if (pressed != pending_.end() && pressed->second.number == number) {
-    pressed->second.is_called = false;
-    if (!goes_on) pending_.erase(pressed);
+    pressed->second.is_call_in_progress = false;
+    if (!is_still_running) pending_.erase(pressed);
   }
   --calls_;
-  ended_.notify_all();
+  ended_.NotifyAll();
 }
 
 }  // namespace vexa::guests

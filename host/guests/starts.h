@@ -1,20 +1,20 @@
-// Starts of guests in progress, so that they can be cancelled. For host/guests/*.cpp only.
+// Keeps track of the starts in progress, so that they can be cancelled. For host/guests/*.cpp only.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
+
+#include "host/base/mutex.h"
 
 namespace vexa::guests {
 
 // The effect of cancelling a start.
-enum class CalledOff {
-  kNone,     // no start is in progress
-  kForGood,  // it has not reached the hypervisor, and will not
-  kTooLate,  // it has reached it: the guest may run by now
+enum class CancelResult {
+  kNone,       // no start is in progress
+  kCancelled,  // it has not reached the hypervisor, and will not
+  kTooLate,    // it has reached the hypervisor: the guest may run by now
 };
 
 // A guest has one start at a time. Threads: any, at the same time.
@@ -24,23 +24,23 @@ class Starts {
   class Start {
    public:
     Start(Starts& starts, std::string guest_id) : starts_(starts), guest_id_(std::move(guest_id)) {
-      const std::lock_guard lock(starts_.mutex_);
-      starts_.under_way_.emplace(guest_id_, State());
+      const MutexLock lock(starts_.mutex_);
+      starts_.in_progress_.emplace(guest_id_, State());
     }
     ~Start() {
-      const std::lock_guard lock(starts_.mutex_);
-      starts_.under_way_.erase(guest_id_);
-      starts_.ended_.notify_all();
+      const MutexLock lock(starts_.mutex_);
+      starts_.in_progress_.erase(guest_id_);
+      starts_.ended_.NotifyAll();
     }
     Start(const Start&) = delete;
     Start& operator=(const Start&) = delete;
 
     // Call it before the hypervisor is called. False: the start was cancelled.
-    bool GoOn() const {
-      const std::lock_guard lock(starts_.mutex_);
-      State& state = starts_.under_way_.at(guest_id_);
-      if (!state.is_called_off) state.is_in_hypervisor = true;
-      return !state.is_called_off;
+    bool TryEnterHypervisor() const {
+      const MutexLock lock(starts_.mutex_);
+      State& state = starts_.in_progress_.at(guest_id_);
+      if (!state.is_cancelled) state.is_in_hypervisor = true;
+      return !state.is_cancelled;
     }
 
    private:
@@ -48,28 +48,31 @@ class Starts {
     const std::string guest_id_;
   };
 
-  CalledOff CallOff(const std::string& guest_id) {
-    const std::lock_guard lock(mutex_);
-    const auto start = under_way_.find(guest_id);
-    if (start == under_way_.end()) return CalledOff::kNone;
-    start->second.is_called_off = true;
-    return start->second.is_in_hypervisor ? CalledOff::kTooLate : CalledOff::kForGood;
+  CancelResult Cancel(const std::string& guest_id) {
+    const MutexLock lock(mutex_);
+    const auto start = in_progress_.find(guest_id);
+    if (start == in_progress_.end()) return CancelResult::kNone;
+    start->second.is_cancelled = true;
+    return start->second.is_in_hypervisor ? CancelResult::kTooLate : CancelResult::kCancelled;
   }
 
-  // False: it, or another start, is still in progress.
+  // False: this start, or a later one, is still in progress after `wait`.
   bool AwaitEnd(const std::string& guest_id, std::chrono::milliseconds wait) {
-    std::unique_lock lock(mutex_);
-    return ended_.wait_for(lock, wait, [&] { return !under_way_.contains(guest_id); });
+    const auto end = std::chrono::steady_clock::now() + wait;
+    const MutexLock lock(mutex_);
+    while (in_progress_.contains(guest_id) && ended_.WaitUntil(mutex_, end)) {
+    }
+    return !in_progress_.contains(guest_id);
   }
 
  private:
   struct State {
-    bool is_called_off = false;
+    bool is_cancelled = false;
     bool is_in_hypervisor = false;
   };
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  std::map<std::string, State> under_way_;
+  Mutex mutex_;
+  ConditionVariable ended_;
+  std::map<std::string, State> in_progress_;
 };
 
 }  // namespace vexa::guests

@@ -8,13 +8,13 @@
 #include <cerrno>
 #include <exception>
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 constexpr int kAcceptsPerEvent = 64;
 // After the process or the system has run out of descriptors or memory, an immediate retry would only waste processor
 // time.
-constexpr std::chrono::milliseconds kPause{100};
+constexpr std::chrono::milliseconds kAcceptRetryInterval{100};
 
 void SetOption(int fd, int level, int name, int value) { ::setsockopt(fd, level, name, &value, sizeof value); }
 
@@ -28,8 +28,8 @@ void SetTcpOptions(int fd, std::chrono::milliseconds write_limit) {
   SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 4);
 }
 
-// False when the kernel does not report who a Unix peer is.
-bool Identify(int fd, const sockaddr_storage& address, Peer& peer) {
+// False when the kernel does not report the user id of a Unix peer.
+bool ReadPeer(int fd, const sockaddr_storage& address, Peer& peer) {
   if (address.ss_family == AF_INET || address.ss_family == AF_INET6) {
     char text[INET6_ADDRSTRLEN] = {};
     const void* const binary =
@@ -47,7 +47,7 @@ bool Identify(int fd, const sockaddr_storage& address, Peer& peer) {
   return true;
 }
 
-int Family(int fd) {
+int SocketFamily(int fd) {
   int family = AF_UNIX;
   socklen_t size = sizeof family;
   ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &family, &size);
@@ -57,14 +57,14 @@ int Family(int fd) {
 }  // namespace
 
 Acceptor::Acceptor(boost::asio::io_context& context, ServerShared& server, ListeningSocket listening, TlsContext tls,
-                   std::function<void(Accepted&&)> hand_over)
+                   std::function<void(AcceptedConnection&&)> hand_over)
     : server_(server),
       listening_(std::make_unique<ListeningSocket>(std::move(listening))),
       tls_(std::move(tls)),
       hand_over_(std::move(hand_over)),
       socket_(context.get_executor()),
-      pause_(context.get_executor()) {
-  socket_.assign(boost::asio::generic::stream_protocol(Family(listening_->fd()), 0), listening_->fd());
+      retry_timer_(context.get_executor()) {
+  socket_.assign(boost::asio::generic::stream_protocol(SocketFamily(listening_->fd()), 0), listening_->fd());
   listening_->Release();
 }
 
@@ -73,7 +73,7 @@ void Acceptor::Start() { Arm(); }
 void Acceptor::Close() {
   boost::system::error_code ignored;
   socket_.close(ignored);
-  pause_.cancel();
+  retry_timer_.cancel();
   listening_.reset();
 }
 
@@ -83,14 +83,14 @@ void Acceptor::Arm() {
     try {
       self->AcceptSome();
     } catch (const std::exception&) {
-      self->Pause();  // out of memory: this connection is lost, but the listener must survive
+      self->RetryLater();  // out of memory: this connection is lost, but the listener must survive
     }
   });
 }
 
-void Acceptor::Pause() {
-  pause_.expires_after(kPause);
-  pause_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+void Acceptor::RetryLater() {
+  retry_timer_.expires_after(kAcceptRetryInterval);
+  retry_timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
     if (!error && self->listening_) self->Arm();
   });
 }
@@ -99,23 +99,23 @@ void Acceptor::AcceptSome() {
   for (int i = 0; i < kAcceptsPerEvent; ++i) {
     sockaddr_storage address{};
     socklen_t size = sizeof address;
-    Accepted accepted;
+    AcceptedConnection accepted;
     accepted.fd =
         ::accept4(socket_.native_handle(), reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (accepted.fd < 0) {
       if (errno == EAGAIN) break;
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) return Pause();
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) return RetryLater();
       continue;  // this peer is already gone, or its network failed
     }
     accepted.family = address.ss_family;
-    if (!Identify(accepted.fd, address, accepted.peer)) continue;
+    if (!ReadPeer(accepted.fd, address, accepted.peer)) continue;
     if (accepted.peer.kind == Peer::Kind::kTcp) SetTcpOptions(accepted.fd, server_.options.limits.write);
     accepted.tls = tls_;
-    accepted.place = server_.peers->Enter(accepted.peer);
-    (accepted.place ? server_.accepted : server_.refused_connections).fetch_add(1, std::memory_order_relaxed);
+    accepted.permit = server_.peers->Enter(accepted.peer);
+    (accepted.permit ? server_.accepted : server_.refused_connections).fetch_add(1, std::memory_order_relaxed);
     hand_over_(std::move(accepted));
   }
   Arm();
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -6,13 +6,13 @@
 #include "host/http/http_listen.h"
 #include "host/http/http_shared.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 // Threads: only that of `context`, except for the constructor.
 class Acceptor : public std::enable_shared_from_this<Acceptor> {
  public:
   Acceptor(boost::asio::io_context& context, ServerShared& server, ListeningSocket listening, TlsContext tls,
-           std::function<void(Accepted&&)> hand_over);
+           std::function<void(AcceptedConnection&&)> hand_over);
 
   void Start();
   // Frees the address and removes a Unix socket's file.
@@ -20,15 +20,15 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
 
  private:
   void Arm();
-  void Pause();
+  void RetryLater();
   void AcceptSome();
 
   ServerShared& server_;
   std::unique_ptr<ListeningSocket> listening_;
   TlsContext tls_;
-  std::function<void(Accepted&&)> hand_over_;
+  std::function<void(AcceptedConnection&&)> hand_over_;
   StreamSocket socket_;
-  Timer pause_;
+  Timer retry_timer_;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -4,26 +4,26 @@
 #include <utility>
 
 #include "host/http/http_io_thread.h"
-#include "host/http/http_reply.h"
+#include "host/http/http_response.h"
 #include "host/http/http_rules.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 using boost::system::error_code;
 
-// How much a client may still send after its last response, and for how long.
-constexpr std::size_t kDrainBytes = std::size_t{8} * 1024 * 1024;
+// How much is still read and discarded after the last response, and for how long.
+constexpr std::size_t kLingerBytes = std::size_t{8} * 1024 * 1024;
 constexpr std::chrono::milliseconds kDrainTime{2'000};
-// How many reads one connection gets per event while the others wait.
+// How many times one connection is read per event, while the other connections of the thread wait.
 constexpr int kReadsPerEvent = 16;
 
 }  // namespace
 
-Connection::Connection(IoThread& io, std::size_t slot, Accepted&& accepted)
+Connection::Connection(IoThread& io, std::size_t slot, AcceptedConnection&& accepted)
     : io_(io),
       slot_(slot),
-      place_(std::move(accepted.place)),
+      permit_(std::move(accepted.permit)),
       peer_(std::move(accepted.peer)),
       socket_(io.context().get_executor()),
       transport_(accepted.fd, accepted.tls.get()) {
@@ -35,9 +35,9 @@ Connection::~Connection() = default;
 
 void Connection::Start() {
   const ServerLimits& limits = io_.server().options.limits;
-  if (place_ == nullptr) {
+  if (permit_ == nullptr) {
     NewRequest();
-    close_after_ = true;
+    close_after_response_ = true;
     HttpResponse response = io_.server().MakeError(503, request_id());
     response.headers.emplace_back("Retry-After", "1");
     Respond(std::move(response));
@@ -46,23 +46,23 @@ void Connection::Start() {
     SetDeadline(limits.handshake);
     ArmRead();
   } else {
-    EnterHead(limits.header);
+    EnterHeader(limits.header);
     ArmRead();
   }
 }
 
-void Connection::EnterHead(std::chrono::milliseconds patience) {
-  phase_ = Phase::kHead;
-  head_begun_ = false;
-  head_scan_ = 0;
+void Connection::EnterHeader(std::chrono::milliseconds timeout) {
+  phase_ = Phase::kHeader;
+  header_started_ = false;
+  header_scan_ = 0;
   parser_.reset();
-  SetDeadline(patience);
+  SetDeadline(timeout);
 }
 
 void Connection::OnDeadline() {
   switch (phase_) {
-    case Phase::kHead:
-      if (head_begun_) {
+    case Phase::kHeader:
+      if (header_started_) {
         NewRequest();
         return Refuse(408);
       }
@@ -77,47 +77,47 @@ void Connection::OnDeadline() {
 
 void Connection::BeginStop() {
   // Bytes that the client has already sent count as the start of a request.
-  if (phase_ == Phase::kHead && !head_begun_) ReadInput();
+  if (phase_ == Phase::kHeader && !header_started_) ReadInput();
   if (phase_ == Phase::kHandshake) Close();
-  if (phase_ == Phase::kHead && !head_begun_) {
+  if (phase_ == Phase::kHeader && !header_started_) {
     transport_.ShutdownWrite();
     Close();
   }
 }
 
-void Connection::Settle() {
-  if (!std::exchange(settled_, true)) io_.Settled();
+void Connection::ReportDrained() {
+  if (!std::exchange(drained_reported_, true)) io_.ConnectionDrained();
 }
 
 void Connection::Close() {
   if (phase_ == Phase::kClosed) return;
   const std::shared_ptr<Connection> self = shared_from_this();
-  Settle();
-  io_.Forget(slot_);
+  ReportDrained();
+  io_.ReleaseSlot(slot_);
   phase_ = Phase::kClosed;
   deadline_ = Clock::time_point::max();
   error_code ignored;
   socket_.close(ignored);
-  place_.reset();
+  permit_.reset();
   parser_.reset();
 }
 
-void Connection::StartDrain() {
-  phase_ = Phase::kDrain;
-  Settle();
+void Connection::StartLinger() {
+  phase_ = Phase::kLinger;
+  ReportDrained();
   transport_.ShutdownWrite();
   if (peer_ended_) return Close();
   SetDeadline(kDrainTime);
   ArmRead();
 }
 
-void Connection::Drain() {
+void Connection::Linger() {
   auto& scratch = io_.read_scratch();
   for (int i = 0; i < kReadsPerEvent; ++i) {
     const IoResult result = transport_.Discard(scratch.data(), scratch.size());
-    drained_ += result.bytes;
+    lingered_bytes_ += result.bytes;
     if (result.state == IoState::kWantRead) break;
-    if (result.state != IoState::kDone || drained_ > kDrainBytes) return Close();
+    if (result.state != IoState::kDone || lingered_bytes_ > kLingerBytes) return Close();
   }
   ArmRead();
 }
@@ -142,15 +142,15 @@ void Connection::ArmWrite() {
 
 void Connection::OnReadable() {
   if (phase_ == Phase::kHandshake) return Handshake();
-  if (write_wants_read_ && HasOutput() && Flush()) Continue();
-  if (phase_ == Phase::kDrain) return Drain();
+  if (write_wants_read_ && HasOutput() && Flush()) ResumeInput();
+  if (phase_ == Phase::kLinger) return Linger();
   if (phase_ != Phase::kClosed) ReadInput();
 }
 
 void Connection::OnWritable() {
   if (phase_ == Phase::kHandshake) return Handshake();
-  if (HasOutput() && Flush()) Continue();
-  if (std::exchange(read_wants_write_, false) && phase_ != Phase::kDrain && phase_ != Phase::kClosed) ReadInput();
+  if (HasOutput() && Flush()) ResumeInput();
+  if (std::exchange(read_wants_write_, false) && phase_ != Phase::kLinger && phase_ != Phase::kClosed) ReadInput();
 }
 
 void Connection::Handshake() {
@@ -162,15 +162,15 @@ void Connection::Handshake() {
     case IoState::kDone:
       peer_.tls = true;
       peer_.certificate_name = VerifiedCommonName(transport_.ssl());
-      EnterHead(io_.server().options.limits.header);
+      EnterHeader(io_.server().options.limits.header);
       return ReadInput();  // the request may have arrived together with the end of the handshake
     default:
       return Close();
   }
 }
 
-// Reads and processes the available input. While a request is being answered, it buffers what the client sends ahead,
-// up to a limit, and notices when the client leaves.
+// Reads and processes the available input. While a request is being answered, it buffers requests that the client
+// sends in advance, up to a limit, and detects that the client has left.
 void Connection::ReadInput() {
   auto& scratch = io_.read_scratch();
   for (int i = 0; i < kReadsPerEvent; ++i) {
@@ -178,8 +178,8 @@ void Connection::ReadInput() {
     if (!AwaitsInput()) {
       const std::size_t bound = io_.server().options.limits.header_bytes;
       room = std::min(room, bound - std::min(bound, buffer_.size()));
-      paused_ = room == 0;
-      if (paused_) return;
+      reading_paused_ = room == 0;
+      if (reading_paused_) return;
     }
     const IoResult result = transport_.Read(scratch.data(), room);
     if (result.state == IoState::kWantRead) break;
@@ -187,95 +187,95 @@ void Connection::ReadInput() {
       read_wants_write_ = true;
       return ArmWrite();
     }
-    if (result.state == IoState::kEnd) return OnEnd();
+    if (result.state == IoState::kEnd) return OnPeerEnd();
     if (result.state == IoState::kFailed) return Close();
-    Take(std::string_view(scratch.data(), result.bytes));
-    if (phase_ == Phase::kDrain || phase_ == Phase::kClosed) return;
+    ConsumeInput(std::string_view(scratch.data(), result.bytes));
+    if (phase_ == Phase::kLinger || phase_ == Phase::kClosed) return;
     if (result.bytes < room && !transport_.HasPending()) break;
     if (i + 1 == kReadsPerEvent && transport_.HasPending()) --i;  // there would be no readiness event for it
   }
   ArmRead();
 }
 
-void Connection::OnEnd() {
+void Connection::OnPeerEnd() {
   const bool being_answered = phase_ == Phase::kHandler || phase_ == Phase::kWrite;
   // In practice, the end of TLS ends both directions; the end of a plain stream may be a half-close.
   if (!being_answered || transport_.tls()) return Close();
   peer_ended_ = true;
 }
 
-void Connection::Take(std::string_view fresh) {
+void Connection::ConsumeInput(std::string_view input) {
   if (!AwaitsInput()) {
-    buffer_.append(fresh);
+    buffer_.append(input);
     return;
   }
   if (buffer_.empty()) {
-    const std::size_t used = Process(fresh);
-    buffer_.assign(fresh.substr(used));
+    const std::size_t used = ProcessInput(input);
+    buffer_.assign(input.substr(used));
   } else {
-    buffer_.append(fresh);
-    buffer_.erase(0, Process(buffer_));
+    buffer_.append(input);
+    buffer_.erase(0, ProcessInput(buffer_));
   }
-  const bool over = phase_ == Phase::kDrain || phase_ == Phase::kClosed;
-  if (over || buffer_.empty()) std::string().swap(buffer_);  // an idle connection keeps no memory
+  const bool ended = phase_ == Phase::kLinger || phase_ == Phase::kClosed;
+  if (ended || buffer_.empty()) std::string().swap(buffer_);  // an idle connection keeps no memory
 }
 
-std::size_t Connection::Process(std::string_view bytes) {
+std::size_t Connection::ProcessInput(std::string_view bytes) {
   std::size_t used = 0;
   while (AwaitsInput()) {
     const std::string_view rest = bytes.substr(used);
-    const std::size_t step = phase_ == Phase::kHead ? ProcessHead(rest) : ProcessBody(rest);
+    const std::size_t step = phase_ == Phase::kHeader ? ProcessHeader(rest) : ProcessBody(rest);
     if (step == 0) break;
     used += step;
   }
   return used;
 }
 
-std::size_t Connection::ProcessHead(std::string_view bytes) {
+std::size_t Connection::ProcessHeader(std::string_view bytes) {
   const ServerLimits& limits = io_.server().options.limits;
-  std::size_t blank = 0;
+  std::size_t skipped = 0;
   // Some clients end a body with an empty line that is not part of it.
-  while (!head_begun_ && bytes.substr(blank, 2) == "\r\n") blank += 2;
-  bytes.remove_prefix(blank);
-  if (bytes.empty() || (!head_begun_ && bytes == "\r")) return blank;
-  if (!head_begun_) {
-    head_begun_ = true;
+  while (!header_started_ && bytes.substr(skipped, 2) == "\r\n") skipped += 2;
+  bytes.remove_prefix(skipped);
+  if (bytes.empty() || (!header_started_ && bytes == "\r")) return skipped;
+  if (!header_started_) {
+    header_started_ = true;
     SetDeadline(limits.header);
   }
-  const std::size_t end = bytes.find("\r\n\r\n", head_scan_);
+  const std::size_t end = bytes.find("\r\n\r\n", header_scan_);
   if (end != std::string_view::npos && end + 4 <= limits.header_bytes) {
     BeginRequest(bytes.substr(0, end + 4));
-    return blank + end + 4;
+    return skipped + end + 4;
   }
   int status = 0;
-  for (std::size_t i = bytes.find('\n', head_scan_); i < std::min(bytes.size(), end); i = bytes.find('\n', i + 1)) {
-    if (i == 0 || bytes[i - 1] != '\r') status = 400;  // would never end
+  for (std::size_t i = bytes.find('\n', header_scan_); i < std::min(bytes.size(), end); i = bytes.find('\n', i + 1)) {
+    if (i == 0 || bytes[i - 1] != '\r') status = 400;  // a bare line feed: such a header might never end
   }
   if (bytes.size() >= limits.header_bytes) status = bytes.find('\n') < limits.header_bytes ? 431 : 414;
   if (!IsToken(bytes.substr(0, 1))) status = 400;  // TLS on a plain port, for example
-  head_scan_ = bytes.size() - std::min<std::size_t>(bytes.size(), 3);
-  if (status == 0) return blank;
+  header_scan_ = bytes.size() - std::min<std::size_t>(bytes.size(), 3);
+  if (status == 0) return skipped;
   NewRequest();
   Refuse(status);
-  return blank + bytes.size();
+  return skipped + bytes.size();
 }
 
 void Connection::NewRequest() {
   const std::string id = NewRequestId();
   std::copy(id.begin(), id.end(), request_id_.begin());
   http_1_0_ = false;
-  head_only_ = false;
-  close_after_ = false;
+  is_head_request_ = false;
+  close_after_response_ = false;
   io_.server().requests.fetch_add(1, std::memory_order_relaxed);
 }
 
-void Connection::BeginRequest(std::string_view head) {
+void Connection::BeginRequest(std::string_view header) {
   const ServerOptions& options = io_.server().options;
   NewRequest();
-  head_only_ = head.substr(0, 5) == "HEAD ";
+  is_head_request_ = header.substr(0, 5) == "HEAD ";
   parser_ = std::make_unique<RequestParser>(options.limits.body_bytes);
-  if (const int status = parser_->ParseHead(head); status != 0) return Refuse(status);
-  close_after_ = !parser_->keep_alive();
+  if (const int status = parser_->ParseHeader(header); status != 0) return Refuse(status);
+  close_after_response_ = !parser_->keep_alive();
   http_1_0_ = parser_->is_http_1_0();
   HttpRequest& request = parser_->request();
   request.id = request_id();
@@ -288,17 +288,17 @@ void Connection::BeginRequest(std::string_view head) {
   }
   if (request.id.size() == request_id_.size()) std::copy(request.id.begin(), request.id.end(), request_id_.begin());
   if (refusal) {
-    if (parser_->expects_body()) close_after_ = true;  // instead of reading an unwanted body
+    if (parser_->expects_body()) close_after_response_ = true;  // instead of reading an unwanted body
     return Respond(std::move(*refusal));
   }
   if (!parser_->expects_body()) return Dispatch();
   phase_ = Phase::kBody;
   SetDeadline(options.limits.body);
-  owes_continue_ = parser_->expects_continue();
+  must_send_continue_ = parser_->expects_continue();
 }
 
 std::size_t Connection::ProcessBody(std::string_view bytes) {
-  if (std::exchange(owes_continue_, false) && bytes.empty()) Send("HTTP/1.1 100 Continue\r\n\r\n", std::string());
+  if (std::exchange(must_send_continue_, false) && bytes.empty()) Send("HTTP/1.1 100 Continue\r\n\r\n", std::string());
   if (bytes.empty()) return 0;
   const RequestParser::Progress progress = parser_->ParseBody(bytes);
   const std::size_t left = bytes.size() - progress.consumed;
@@ -307,7 +307,7 @@ std::size_t Connection::ProcessBody(std::string_view bytes) {
   } else if (progress.done) {
     Dispatch();
   } else if (left > io_.server().options.limits.header_bytes) {
-    Refuse(431);  // only a chunk's head or the trailers must fit in one piece
+    Refuse(431);  // only a chunk's header or the trailers must fit in one piece
   }
   return progress.consumed;
 }
@@ -315,10 +315,10 @@ std::size_t Connection::ProcessBody(std::string_view bytes) {
 void Connection::Dispatch() {
   phase_ = Phase::kHandler;
   deadline_ = Clock::time_point::max();
-  request_ = io_.NextRequest();
+  request_number_ = io_.NextRequestNumber();
   HttpRequest request = std::move(parser_->request());
   parser_.reset();
-  const Responder responder(std::make_shared<Responder::Impl>(io_.mailbox(), slot_, request_));
+  const Responder responder(std::make_shared<Responder::Impl>(io_.mailbox(), slot_, request_number_));
   try {
     io_.server().options.on_request(std::move(request), responder);
   } catch (...) {
@@ -326,4 +326,4 @@ void Connection::Dispatch() {
   }
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

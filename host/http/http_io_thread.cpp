@@ -9,24 +9,24 @@
 
 #include "host/base/background_thread.h"
 #include "host/http/http_connection.h"
-#include "host/http/http_reply.h"
+#include "host/http/http_response.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 constexpr std::chrono::milliseconds kSweepInterval{500};
 // Above this number, refused connections are closed without a response.
-constexpr std::size_t kMaxRefusals = 64;
+constexpr std::size_t kMaxRefusedConnections = 64;
 
 }  // namespace
 
-IoThread::IoThread(ServerShared& server, int number, std::function<void()> on_settled)
+IoThread::IoThread(ServerShared& server, int number, std::function<void()> on_drained)
     : server_(server),
       number_(number),
-      on_settled_(std::move(on_settled)),
+      on_drained_(std::move(on_drained)),
       work_(context_.get_executor()),
       sweep_timer_(context_.get_executor()),
-      mailbox_(std::make_shared<Mailbox>(context_, [this](Answer&& answer) { Deliver(std::move(answer)); })),
+      mailbox_(std::make_shared<Mailbox>(context_, [this](PendingResponse&& pending) { Deliver(std::move(pending)); })),
       read_scratch_(std::make_unique<std::array<char, 64 * 1024>>()) {}
 
 IoThread::~IoThread() {
@@ -38,7 +38,7 @@ IoThread::~IoThread() {
 }
 
 void IoThread::Start() {
-  thread_ = StartWithoutSignals([this] { Run(); });
+  thread_ = StartThreadBlockingSignals([this] { Run(); });
 }
 
 void IoThread::Join() {
@@ -60,24 +60,24 @@ void IoThread::Run() {
   }
 }
 
-void IoThread::Adopt(Accepted&& accepted) {
-  const bool refusal = accepted.place == nullptr;
-  if (stopping_ || (refusal && (accepted.tls || refusals_ >= kMaxRefusals))) return;
+void IoThread::AddConnection(AcceptedConnection&& accepted) {
+  const bool refusal = accepted.permit == nullptr;
+  if (stopping_ || (refusal && (accepted.tls || refusals_ >= kMaxRefusedConnections))) return;
   std::size_t slot = slots_.size();
   if (free_slots_.empty()) {
     slots_.emplace_back();
-    free_slots_.reserve(slots_.capacity());  // so that Forget() cannot fail
+    free_slots_.reserve(slots_.capacity());  // so that ReleaseSlot() cannot fail
   } else {
     slot = free_slots_.back();
     free_slots_.pop_back();
   }
   ++connections_;
-  ++unsettled_;
+  ++undrained_;
   try {
     slots_[slot] = std::make_shared<Connection>(*this, slot, std::move(accepted));
   } catch (...) {
-    Settled();
-    Forget(slot);
+    ConnectionDrained();
+    ReleaseSlot(slot);
     throw;
   }
   if (refusal) ++refusals_;
@@ -91,20 +91,20 @@ void IoThread::BeginStop() {
   for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
     if (const std::shared_ptr<Connection> connection = slots_[slot]) connection->BeginStop();
   }
-  if (unsettled_ == 0 && on_settled_) std::exchange(on_settled_, nullptr)();
+  if (undrained_ == 0 && on_drained_) std::exchange(on_drained_, nullptr)();
 }
 
 std::size_t IoThread::Abort() {
   stopping_ = true;
-  on_settled_ = nullptr;
+  on_drained_ = nullptr;
   mailbox_->Close();
-  const std::size_t cut = unsettled_;
+  const std::size_t interrupted = undrained_;
   for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
     if (const std::shared_ptr<Connection> connection = slots_[slot]) connection->Close();
   }
   sweep_timer_.cancel();
   work_.reset();
-  return cut;
+  return interrupted;
 }
 
 std::string_view IoThread::Date() {
@@ -116,24 +116,24 @@ std::string_view IoThread::Date() {
   return date_;
 }
 
-void IoThread::Settled() {
-  --unsettled_;
-  if (stopping_ && unsettled_ == 0 && on_settled_) std::exchange(on_settled_, nullptr)();
+void IoThread::ConnectionDrained() {
+  --undrained_;
+  if (stopping_ && undrained_ == 0 && on_drained_) std::exchange(on_drained_, nullptr)();
 }
 
-void IoThread::Forget(std::size_t slot) {
+void IoThread::ReleaseSlot(std::size_t slot) {
   if (slots_[slot] && slots_[slot]->is_refusal()) --refusals_;
   slots_[slot] = nullptr;
   free_slots_.push_back(slot);
   --connections_;
 }
 
-void IoThread::Deliver(Answer&& answer) {
-  if (answer.slot >= slots_.size()) return;
-  const std::shared_ptr<Connection> connection = slots_[answer.slot];
+void IoThread::Deliver(PendingResponse&& pending) {
+  if (pending.slot >= slots_.size()) return;
+  const std::shared_ptr<Connection> connection = slots_[pending.slot];
   if (!connection) return;
   try {
-    connection->Deliver(std::move(answer));
+    connection->Deliver(std::move(pending));
   } catch (const std::exception&) {
     connection->Close();  // out of memory; the answers after this one must still be delivered
   }
@@ -165,4 +165,4 @@ void IoThread::Sweep() {
   }
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -15,7 +15,7 @@
 #include "host/http/http_mailbox.h"
 #include "host/http/http_shared.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 class Connection;
 
@@ -23,8 +23,8 @@ class Connection;
 // rest.
 class IoThread {
  public:
-  // `on_settled` is called once, when BeginStop() has left no connection with work to do.
-  IoThread(ServerShared& server, int number, std::function<void()> on_settled);
+  // `on_drained` is called once: after BeginStop(), when no connection has work left to do.
+  IoThread(ServerShared& server, int number, std::function<void()> on_drained);
   ~IoThread();
   IoThread(const IoThread&) = delete;
   IoThread& operator=(const IoThread&) = delete;
@@ -34,32 +34,32 @@ class IoThread {
   void Post(std::function<void()> work);
   boost::asio::io_context& context() { return context_; }
 
-  void Adopt(Accepted&& accepted);
+  void AddConnection(AcceptedConnection&& accepted);
   void BeginStop();
   // Closes every connection and lets the loop end. Returns how many still had work to do.
   std::size_t Abort();
 
-  // For connections.
+  // Called by connections.
   ServerShared& server() { return server_; }
   bool stopping() const { return stopping_; }
   const std::shared_ptr<Mailbox>& mailbox() const { return mailbox_; }
-  std::uint64_t NextRequest() { return ++last_request_; }
+  std::uint64_t NextRequestNumber() { return ++last_request_; }
   std::string_view Date();
-  // Memory that one connection at a time uses during one event, so that idle connections need none.
+  // Buffers that are shared by all connections, each during one event only, so that idle connections need no memory.
   std::array<char, 64 * 1024>& read_scratch() { return *read_scratch_; }
-  std::string& head_scratch() { return head_scratch_; }
-  void Settled();
-  void Forget(std::size_t slot);
+  std::string& header_scratch() { return header_scratch_; }
+  void ConnectionDrained();  // once by each connection, when it has no work left to do
+  void ReleaseSlot(std::size_t slot);
 
  private:
   void Run();
-  void Deliver(Answer&& answer);
+  void Deliver(PendingResponse&& pending);
   void ArmSweep();
   void Sweep();
 
   ServerShared& server_;
   const int number_;
-  std::function<void()> on_settled_;
+  std::function<void()> on_drained_;
   boost::asio::io_context context_{1};
   boost::asio::executor_work_guard<Executor> work_;
   Timer sweep_timer_;
@@ -68,15 +68,15 @@ class IoThread {
   std::vector<std::shared_ptr<Connection>> slots_;
   std::vector<std::size_t> free_slots_;
   std::size_t connections_ = 0;
-  std::size_t unsettled_ = 0;
-  std::size_t refusals_ = 0;  // connections that exist only to be refused
+  std::size_t undrained_ = 0;  // connections that may still have work to do
+  std::size_t refusals_ = 0;   // connections that exist only to be refused
   bool stopping_ = false;
   std::uint64_t last_request_ = 0;
   std::unique_ptr<std::array<char, 64 * 1024>> read_scratch_;
-  std::string head_scratch_;
+  std::string header_scratch_;
   std::time_t date_time_ = 0;
   std::string date_;
   std::thread thread_;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

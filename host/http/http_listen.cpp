@@ -1,6 +1,7 @@
 #include "host/http/http_listen.h"
 
 #include <arpa/inet.h>
+#include <fmt/format.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -10,7 +11,7 @@
 #include <cstring>
 #include <utility>
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 constexpr int kBacklog = 4096;  // the kernel lowers it to net.core.somaxconn
@@ -38,8 +39,8 @@ ErrorCode CodeOf(int error_number) {
   }
 }
 
-Error Failed(const std::string& name, int error_number) {
-  return SystemError(CodeOf(error_number), "Cannot listen on '" + name + "'", error_number);
+Error ListenError(const std::string& name, int error_number) {
+  return SystemError(CodeOf(error_number), fmt::format("Cannot listen on '{}'", name), error_number);
 }
 
 Result<Address> ParseTcp(const std::string& text, std::uint16_t port) {
@@ -55,7 +56,7 @@ Result<Address> ParseTcp(const std::string& text, std::uint16_t port) {
     v6->sin6_port = htons(port);
     address.size = sizeof *v6;
   } else {
-    return Error(ErrorCode::kInvalid, "Cannot listen on '" + text + "': not a numeric IP address");
+    return Error(ErrorCode::kInvalid, fmt::format("Cannot listen on '{}': it is not a numeric IP address", text));
   }
   return address;
 }
@@ -64,7 +65,7 @@ Result<Address> ParseUnix(const std::string& path) {
   Address address;
   auto* const unix_address = reinterpret_cast<sockaddr_un*>(&address.storage);
   if (path.empty() || path.size() >= sizeof unix_address->sun_path || path.find('\0') != std::string::npos) {
-    return Error(ErrorCode::kInvalid, "Cannot listen on '" + path + "': a socket's path has 1 to 107 bytes");
+    return Error(ErrorCode::kInvalid, fmt::format("Cannot listen on '{}': a socket's path has 1 to 107 bytes", path));
   }
   unix_address->sun_family = AF_UNIX;
   std::memcpy(unix_address->sun_path, path.c_str(), path.size() + 1);
@@ -75,22 +76,22 @@ Result<Address> ParseUnix(const std::string& path) {
 int NewSocket(int family) { return ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
 
 // Removes the socket that a dead process left behind at `path`.
-Status RemoveStale(const std::string& path, Address address) {
+Status RemoveStaleSocket(const std::string& path, Address address) {
   struct stat file {};
-  if (::lstat(path.c_str(), &file) != 0) return errno == ENOENT ? Status() : Failed(path, errno);
+  if (::lstat(path.c_str(), &file) != 0) return errno == ENOENT ? Status() : ListenError(path, errno);
   if (!S_ISSOCK(file.st_mode)) {
-    return Error(ErrorCode::kConflict, "Cannot listen on '" + path + "': it exists and is not a socket");
+    return Error(ErrorCode::kConflict, fmt::format("Cannot listen on '{}': it exists and is not a socket", path));
   }
   const int probe = NewSocket(AF_UNIX);
-  if (probe < 0) return Failed(path, errno);
+  if (probe < 0) return ListenError(path, errno);
   const int error_number = ::connect(probe, address.get(), address.size) == 0 ? 0 : errno;
   ::close(probe);
   if (error_number == 0 || error_number == EAGAIN) {
-    return Error(ErrorCode::kBusy, "Cannot listen on '" + path + "': another process does");
+    return Error(ErrorCode::kBusy, fmt::format("Cannot listen on '{}': another process is listening there", path));
   }
   if (error_number == ENOENT) return {};
-  if (error_number != ECONNREFUSED) return Failed(path, error_number);
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return Failed(path, errno);
+  if (error_number != ECONNREFUSED) return ListenError(path, error_number);
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return ListenError(path, errno);
   return {};
 }
 
@@ -101,45 +102,45 @@ Result<ListeningSocket> ListeningSocket::Open(const ListenerOptions& options) {
 }
 
 Result<ListeningSocket> ListeningSocket::OpenTcp(const ListenerOptions& options) {
-  const std::string name = options.address + " port " + std::to_string(options.port);
+  const std::string name = fmt::format("{} port {}", options.address, options.port);
   Result<Address> address = ParseTcp(options.address, options.port);
   if (!address) return address.error();
-  ListeningSocket made;
-  made.fd_ = NewSocket(address->get()->sa_family);
-  if (made.fd_ < 0) return Failed(name, errno);
+  ListeningSocket socket;
+  socket.fd_ = NewSocket(address->get()->sa_family);
+  if (socket.fd_ < 0) return ListenError(name, errno);
   const int on = 1;
-  ::setsockopt(made.fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (address->get()->sa_family == AF_INET6) ::setsockopt(made.fd_, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  if (::bind(made.fd_, address->get(), address->size) != 0 || ::listen(made.fd_, kBacklog) != 0) {
-    return Failed(name, errno);
+  ::setsockopt(socket.fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (address->get()->sa_family == AF_INET6) ::setsockopt(socket.fd_, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  if (::bind(socket.fd_, address->get(), address->size) != 0 || ::listen(socket.fd_, kBacklog) != 0) {
+    return ListenError(name, errno);
   }
-  if (::getsockname(made.fd_, address->get(), &address->size) != 0) return Failed(name, errno);
-  made.port_ =
+  if (::getsockname(socket.fd_, address->get(), &address->size) != 0) return ListenError(name, errno);
+  socket.port_ =
       ntohs(address->get()->sa_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&address->storage)->sin_port
                                                  : reinterpret_cast<sockaddr_in6*>(&address->storage)->sin6_port);
-  return made;
+  return socket;
 }
 
 Result<ListeningSocket> ListeningSocket::OpenUnix(const ListenerOptions& options) {
   Result<Address> address = ParseUnix(options.path);
   if (!address) return address.error();
-  if (Status stale = RemoveStale(options.path, *address); !stale) return stale.error();
-  ListeningSocket made;
-  made.fd_ = NewSocket(AF_UNIX);
-  if (made.fd_ < 0) return Failed(options.path, errno);
+  if (Status stale = RemoveStaleSocket(options.path, *address); !stale) return stale.error();
+  ListeningSocket socket;
+  socket.fd_ = NewSocket(AF_UNIX);
+  if (socket.fd_ < 0) return ListenError(options.path, errno);
   // The file inherits the socket's mode. No client can connect before the mode below is set, and the process's umask,
   // which other threads rely on, is not touched.
-  ::fchmod(made.fd_, 0);
-  if (::bind(made.fd_, address->get(), address->size) != 0) return Failed(options.path, errno);
+  ::fchmod(socket.fd_, 0);
+  if (::bind(socket.fd_, address->get(), address->size) != 0) return ListenError(options.path, errno);
   struct stat file {};
-  if (::lstat(options.path.c_str(), &file) != 0) return Failed(options.path, errno);
-  made.path_ = options.path;
-  made.device_ = file.st_dev;
-  made.inode_ = file.st_ino;
-  if (::listen(made.fd_, kBacklog) != 0 || ::chmod(options.path.c_str(), options.mode & 0777) != 0) {
-    return Failed(options.path, errno);
+  if (::lstat(options.path.c_str(), &file) != 0) return ListenError(options.path, errno);
+  socket.path_ = options.path;
+  socket.device_ = file.st_dev;
+  socket.inode_ = file.st_ino;
+  if (::listen(socket.fd_, kBacklog) != 0 || ::chmod(options.path.c_str(), options.mode & 0777) != 0) {
+    return ListenError(options.path, errno);
   }
-  return made;
+  return socket;
 }
 
 ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
@@ -160,4 +161,4 @@ ListeningSocket::~ListeningSocket() {
 
 int ListeningSocket::Release() { return std::exchange(fd_, -1); }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -9,13 +9,13 @@
 #include "host/base/result.h"
 #include "host/http/http_server.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 // A listening, non-blocking socket. The destructor closes it and removes a Unix socket's file.
 class ListeningSocket {
  public:
-  // Errors: kInvalid (not an address or path), kBusy (another process listens there), kConflict (the path exists and is
-  // not a socket), kDenied, kInternal. Each names the address. An IPv6 listener takes IPv6 only.
+  // Errors: kInvalid (not an address or path), kBusy (another process is listening there), kConflict (the path exists
+  // and is not a socket), kDenied, kInternal. Each names the address. An IPv6 listener accepts IPv6 only.
   static Result<ListeningSocket> Open(const ListenerOptions& options);
 
   ListeningSocket(ListeningSocket&& other) noexcept;
@@ -24,7 +24,7 @@ class ListeningSocket {
 
   int fd() const { return fd_; }
   std::uint16_t port() const { return port_; }
-  // The descriptor now belongs to the caller; this object still owns the file.
+  // Gives the descriptor to the caller. This object still removes the file.
   int Release();
 
  private:
@@ -39,4 +39,4 @@ class ListeningSocket {
   ino_t inode_ = 0;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

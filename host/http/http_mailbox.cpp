@@ -2,43 +2,43 @@
 
 #include <boost/asio/post.hpp>
 
-namespace vexa::daemon {
+namespace vexa::http {
 
-void Mailbox::Put(Answer answer) {
-  const std::lock_guard lock(mutex_);
+void Mailbox::Put(PendingResponse pending) {
+  const MutexLock lock(mutex_);
   if (context_ == nullptr) return;
-  waiting_.push_back(std::move(answer));
-  // One wake-up for all answers that gather until the I/O thread runs.
-  if (waiting_.size() == 1) boost::asio::post(*context_, [self = shared_from_this()] { self->Deliver(); });
+  pending_.push_back(std::move(pending));
+  // One wake-up for all responses that are put until the I/O thread runs.
+  if (pending_.size() == 1) boost::asio::post(*context_, [self = shared_from_this()] { self->Deliver(); });
 }
 
 void Mailbox::Deliver() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (context_ == nullptr) return;
-    delivering_.swap(waiting_);
+    delivering_.swap(pending_);
   }
-  for (Answer& answer : delivering_) deliver_(std::move(answer));
+  for (PendingResponse& pending : delivering_) deliver_(std::move(pending));
   delivering_.clear();
 }
 
 void Mailbox::Close() {
-  std::vector<Answer> dropped;
-  const std::lock_guard lock(mutex_);
+  std::vector<PendingResponse> dropped;
+  const MutexLock lock(mutex_);
   context_ = nullptr;
-  dropped.swap(waiting_);
+  dropped.swap(pending_);
 }
 
 Responder::Impl::~Impl() {
-  if (!sent_.load(std::memory_order_relaxed)) mailbox_->Put(Answer{slot_, request_, std::nullopt});
+  if (!sent_.load(std::memory_order_relaxed)) mailbox_->Put(PendingResponse{slot_, request_number_, std::nullopt});
 }
 
 void Responder::Impl::Send(HttpResponse&& response) {
-  if (!sent_.exchange(true)) mailbox_->Put(Answer{slot_, request_, std::move(response)});
+  if (!sent_.exchange(true)) mailbox_->Put(PendingResponse{slot_, request_number_, std::move(response)});
 }
 
 void Responder::Send(HttpResponse response) const {
   if (impl_) impl_->Send(std::move(response));
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -7,23 +7,23 @@
 
 #include "host/http/http_rules.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
 
-// The initial allocation for a body. A client that only announces a large body gets no more than this.
-constexpr std::uint64_t kFirstBodyBytes = 16 * 1024;
+// The initial allocation for a body. A client that only announces a large body cannot make it larger.
+constexpr std::uint64_t kInitialBodyBytes = 16 * 1024;
 // "0" and two line ends: between chunks, at least this many bytes must follow. The parser assumes that it sees this
 // much of a last chunk in one piece; without this check, a client that sends single bytes would end the process.
-constexpr std::size_t kShortestChunkEnd = 5;
+constexpr std::size_t kMinChunkEndBytes = 5;
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
 
 // Whether `bytes`, from the end of one chunk, contain the complete first line of the next one, and that is not the last
 // chunk.
-bool HasChunkHead(std::string_view bytes) {
+bool HasChunkHeader(std::string_view bytes) {
   if (bytes.starts_with("\r\n")) bytes.remove_prefix(2);
   const std::size_t digit = bytes.find_first_not_of('0');
   return digit != std::string_view::npos &&
@@ -42,7 +42,7 @@ int StatusOf(const beast::error_code& error) {
 class RequestParser::Impl : public http::basic_parser<true> {
  public:
   HttpRequest request_;
-  bool head_done_ = false;
+  bool header_done_ = false;
   bool keep_alive_ = false;
   bool http_1_0_ = false;
   bool expects_continue_ = false;
@@ -62,7 +62,7 @@ class RequestParser::Impl : public http::basic_parser<true> {
 
   void on_field_impl(http::field field, beast::string_view name, beast::string_view value,
                      beast::error_code& /*error*/) override {
-    if (head_done_) return;  // a trailer, which must not change the caller's identity
+    if (header_done_) return;  // a trailer, which must not change the caller's identity
     switch (field) {
       case http::field::content_type:
         request_.content_type = View(value);
@@ -81,25 +81,25 @@ class RequestParser::Impl : public http::basic_parser<true> {
         unknown_expectation_ = !expects_continue_;
         break;
       default:
-        SetOwnField(View(name), View(value));
+        SetCustomField(View(name), View(value));
     }
   }
 
   // Fields that the parser has no constant for.
-  void SetOwnField(std::string_view name, std::string_view value) {
+  void SetCustomField(std::string_view name, std::string_view value) {
     if (EqualsIgnoringCase(name, "X-Vexa-CSRF")) request_.csrf_token = value;
     if (EqualsIgnoringCase(name, "X-Vexa-Acts-For")) request_.acts_for = value;
     if (EqualsIgnoringCase(name, "X-Vexa-Request-Id")) request_.caller_request_id = value;
   }
 
-  void on_header_impl(beast::error_code& /*error*/) override { head_done_ = true; }
+  void on_header_impl(beast::error_code& /*error*/) override { header_done_ = true; }
 
   void on_body_init_impl(const boost::optional<std::uint64_t>& length, beast::error_code& error) override {
     if (length && *length > request_.body_limit) {
       error = http::error::body_limit;
       return;
     }
-    if (length) request_.body.reserve(static_cast<std::size_t>(std::min(*length, kFirstBodyBytes)));
+    if (length) request_.body.reserve(static_cast<std::size_t>(std::min(*length, kInitialBodyBytes)));
   }
 
   std::size_t on_body_impl(beast::string_view body, beast::error_code& error) override {
@@ -124,19 +124,19 @@ class RequestParser::Impl : public http::basic_parser<true> {
 };
 
 RequestParser::RequestParser(std::size_t body_limit) : impl_(std::make_unique<Impl>()) {
-  // The caller limits the head, because it has to find its end anyway.
+  // The caller limits the length of the header, because it has to find its end anyway.
   impl_->header_limit(std::numeric_limits<std::uint32_t>::max());
   impl_->body_limit(body_limit);
 }
 
 RequestParser::~RequestParser() = default;
 
-int RequestParser::ParseHead(std::string_view head) {
-  if (const int status = CheckRequestHead(head); status != 0) return status;
+int RequestParser::ParseHeader(std::string_view header) {
+  if (const int status = CheckRequestHeader(header); status != 0) return status;
   beast::error_code error;
-  const std::size_t consumed = impl_->put({head.data(), head.size()}, error);
+  const std::size_t consumed = impl_->put({header.data(), header.size()}, error);
   if (error) return StatusOf(error);
-  if (consumed != head.size() || !impl_->is_header_done()) return 400;
+  if (consumed != header.size() || !impl_->is_header_done()) return 400;
   impl_->keep_alive_ = impl_->keep_alive();
   impl_->chunked_ = impl_->chunked();
   impl_->eager(true);
@@ -152,14 +152,14 @@ bool RequestParser::is_http_1_0() const { return impl_->http_1_0_; }
 RequestParser::Progress RequestParser::ParseBody(std::string_view bytes) {
   Progress progress;
   const bool between_chunks = impl_->chunked_ && impl_->chunk_left_ == 0;
-  if (bytes.size() >= (between_chunks ? kShortestChunkEnd : 1) && !impl_->is_done()) {
+  if (bytes.size() >= (between_chunks ? kMinChunkEndBytes : 1) && !impl_->is_done()) {
     beast::error_code error;
     progress.consumed = impl_->put({bytes.data(), bytes.size()}, error);
     if (error && error != http::error::need_more) progress.status = StatusOf(error);
     // An extension with an open quote: the parser would wait for the rest of a line that has already ended, and
     // subtract the chunk's size from the body limit on each attempt.
     if (error == http::error::need_more && impl_->chunked_ && impl_->chunk_left_ == 0 &&
-        HasChunkHead(bytes.substr(progress.consumed))) {
+        HasChunkHeader(bytes.substr(progress.consumed))) {
       progress.status = 400;
     }
   }
@@ -169,4 +169,4 @@ RequestParser::Progress RequestParser::ParseBody(std::string_view bytes) {
 
 HttpRequest& RequestParser::request() { return impl_->request_; }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

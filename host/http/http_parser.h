@@ -1,4 +1,4 @@
-// Parses one HTTP/1 request from bytes. A narrow interface to the parser library, so that no other file compiles it.
+// Parses one HTTP/1 request from bytes. Hides the parser library, so that no other file has to compile it.
 #pragma once
 
 #include <cstddef>
@@ -7,9 +7,9 @@
 
 #include "host/http/http_server.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
-// Use: ParseHead once, then ParseBody until it is done. After a refusal, do not use the parser again.
+// Use: ParseHeader once, then ParseBody until it is done. After a refusal, do not use the parser again.
 class RequestParser {
  public:
   explicit RequestParser(std::size_t body_limit);
@@ -17,24 +17,24 @@ class RequestParser {
   RequestParser(const RequestParser&) = delete;
   RequestParser& operator=(const RequestParser&) = delete;
 
-  // `head` ends with its empty line. Returns 0, or the status of the refusal: that of CheckRequestHead(), 413 for a
+  // `header` ends with its empty line. Returns 0, or the status of the refusal: that of CheckRequestHeader(), 413 for a
   // Content-Length above the limit, 417 for an expectation other than 100-continue.
-  int ParseHead(std::string_view head);
+  int ParseHeader(std::string_view header);
 
-  // Call after an accepted head.
+  // Valid after ParseHeader has returned 0.
   bool expects_body() const;
   bool expects_continue() const;
   bool keep_alive() const;
   bool is_http_1_0() const;
 
   struct Progress {
-    std::size_t consumed = 0;  // pass the rest again with more bytes appended; or it belongs to the next request
+    std::size_t consumed = 0;  // pass the rest again with more bytes appended; once done, the rest is the next request
     int status = 0;            // of the refusal: 400 or 413
     bool done = false;
   };
   Progress ParseBody(std::string_view bytes);
 
-  // Filled by ParseHead, except for the body, which grows in ParseBody, and id and peer, which the caller sets. A
+  // Filled by ParseHeader, except for the body, which grows in ParseBody, and id and peer, which the caller sets. A
   // body_limit that is lowered before the first ParseBody applies in addition to that of the constructor.
   HttpRequest& request();
 
@@ -43,4 +43,4 @@ class RequestParser {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

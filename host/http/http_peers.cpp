@@ -1,10 +1,10 @@
 #include "host/http/http_peers.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
-std::unique_ptr<PeerCounter::Place> PeerCounter::Enter(const Peer& peer) {
+std::unique_ptr<PeerCounter::Permit> PeerCounter::Enter(const Peer& peer) {
   std::string key = peer.kind == Peer::Kind::kUnix ? "uid " + std::to_string(peer.uid) : peer.address;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (total_ >= max_total_) return nullptr;
   const auto found = per_peer_.find(key);
   if (found == per_peer_.end()) {
@@ -15,19 +15,19 @@ std::unique_ptr<PeerCounter::Place> PeerCounter::Enter(const Peer& peer) {
     ++found->second;
   }
   ++total_;
-  return std::make_unique<Place>(shared_from_this(), std::move(key));
+  return std::make_unique<Permit>(shared_from_this(), std::move(key));
 }
 
 void PeerCounter::Leave(const std::string& key) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = per_peer_.find(key);
   if (--found->second == 0) per_peer_.erase(found);
   --total_;
 }
 
 std::size_t PeerCounter::total() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return total_;
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -3,16 +3,17 @@
 #include <algorithm>
 #include <array>
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
-constexpr int kAcceptable = 0;
+constexpr int kAccepted = 0;
 
 constexpr std::array<std::string_view, 8> kMethods = {"GET",    "POST",    "HEAD",  "PUT",
                                                       "DELETE", "OPTIONS", "PATCH", "TRACE"};
 
-// Fields that decide who calls and what the body is. With two of one kind, the choice would be arbitrary.
-enum Single {
+// Fields that identify the caller or describe the body. Each may occur only once: otherwise it would be arbitrary which
+// one counts.
+enum UniqueField {
   kHost,
   kContentLength,
   kTransferEncoding,
@@ -25,7 +26,7 @@ enum Single {
   kActsFor,
   kRequestId
 };
-constexpr std::array<std::string_view, 11> kSingleFields = {
+constexpr std::array<std::string_view, 11> kUniqueFields = {
     "Host",   "Content-Length", "Transfer-Encoding", "Authorization",    "Cookie", "Content-Type", "X-Vexa-CSRF",
     "Origin", "Expect",         "X-Vexa-Acts-For",   "X-Vexa-Request-Id"};
 
@@ -58,7 +59,7 @@ int CheckTarget(std::string_view target) {
   if (target.size() > kMaxTargetBytes) return 414;
   if (target.empty() || target.front() != '/') return 400;
   const auto visible = [](char c) { return c > 0x20 && c < 0x7f && c != '#'; };
-  return std::all_of(target.begin(), target.end(), visible) ? kAcceptable : 400;
+  return std::all_of(target.begin(), target.end(), visible) ? kAccepted : 400;
 }
 
 int CheckRequestLine(std::string_view line, int& minor_version) {
@@ -74,49 +75,49 @@ int CheckRequestLine(std::string_view line, int& minor_version) {
   }
   if (version != "HTTP/1.1" && version != "HTTP/1.0") return 505;
   minor_version = version[7] - '0';
-  if (const int status = CheckTarget(line.substr(first + 1, second - first - 1)); status != kAcceptable) return status;
-  return std::find(kMethods.begin(), kMethods.end(), method) == kMethods.end() ? 501 : kAcceptable;
+  if (const int status = CheckTarget(line.substr(first + 1, second - first - 1)); status != kAccepted) return status;
+  return std::find(kMethods.begin(), kMethods.end(), method) == kMethods.end() ? 501 : kAccepted;
 }
 
-bool IsHost(std::string_view value) {
-  const auto plain = [](char c) {
+bool IsHostValue(std::string_view value) {
+  const auto allowed = [](char c) {
     return IsTokenCharacter(c) || c == ':' || c == '[' || c == ']' || c == '(' || c == ')' || c == ';' || c == '=';
   };
-  return std::all_of(value.begin(), value.end(), plain);
+  return std::all_of(value.begin(), value.end(), allowed);
 }
 
-bool IsContentLength(std::string_view value) {
+bool IsContentLengthValue(std::string_view value) {
   return !value.empty() && value.size() <= 18 && std::all_of(value.begin(), value.end(), IsDigit);
 }
 
 class FieldChecker {
  public:
-  bool Take(std::string_view line) {
+  bool Accept(std::string_view line) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) return false;
     // A blank before the colon, or at the start of the line (a continued field), is not a token character.
     const std::string_view name = line.substr(0, colon);
     const std::string_view value = Trimmed(line.substr(colon + 1));
     if (!IsToken(name) || !IsFieldValue(value)) return false;
-    for (std::size_t i = 0; i < kSingleFields.size(); ++i) {
-      if (!EqualsIgnoringCase(name, kSingleFields[i])) continue;
+    for (std::size_t i = 0; i < kUniqueFields.size(); ++i) {
+      if (!EqualsIgnoringCase(name, kUniqueFields[i])) continue;
       if (seen_[i]) return false;
       seen_[i] = true;
-      if (i == kHost) return IsHost(value);
-      if (i == kContentLength) return IsContentLength(value);
+      if (i == kHost) return IsHostValue(value);
+      if (i == kContentLength) return IsContentLengthValue(value);
       if (i == kTransferEncoding) return EqualsIgnoringCase(value, "chunked");
       break;
     }
     return true;
   }
 
-  bool Complete(int minor_version) const {
+  bool IsComplete(int minor_version) const {
     if (minor_version == 0) return !seen_[kTransferEncoding];
     return seen_[kHost] && !(seen_[kTransferEncoding] && seen_[kContentLength]);
   }
 
  private:
-  std::array<bool, kSingleFields.size()> seen_{};
+  std::array<bool, kUniqueFields.size()> seen_{};
 };
 
 }  // namespace
@@ -135,18 +136,18 @@ bool EqualsIgnoringCase(std::string_view left, std::string_view right) {
          std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) { return Lower(a) == Lower(b); });
 }
 
-int CheckRequestHead(std::string_view head) {
+int CheckRequestHeader(std::string_view header) {
   std::string_view line;
-  if (!TakeLine(head, line)) return 400;
+  if (!TakeLine(header, line)) return 400;
   int minor_version = 1;
-  if (const int status = CheckRequestLine(line, minor_version); status != kAcceptable) return status;
+  if (const int status = CheckRequestLine(line, minor_version); status != kAccepted) return status;
   FieldChecker fields;
-  for (std::size_t count = 0; TakeLine(head, line); ++count) {
-    if (line.empty()) return head.empty() && fields.Complete(minor_version) ? kAcceptable : 400;
+  for (std::size_t count = 0; TakeLine(header, line); ++count) {
+    if (line.empty()) return header.empty() && fields.IsComplete(minor_version) ? kAccepted : 400;
     if (count == kMaxFields) return 431;
-    if (!fields.Take(line)) return 400;
+    if (!fields.Accept(line)) return 400;
   }
   return 400;
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

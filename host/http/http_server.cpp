@@ -3,23 +3,22 @@
 #include <algorithm>
 #include <atomic>
 #include <boost/asio/post.hpp>
-#include <condition_variable>
 #include <exception>
 #include <future>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "host/base/mutex.h"
 #include "host/http/http_acceptor.h"
 #include "host/http/http_io_thread.h"
 #include "host/http/http_listen.h"
 #include "host/http/http_shared.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 // Longer deadlines would overflow the clock.
-constexpr std::chrono::hours kLongestStop{24 * 365};
+constexpr std::chrono::hours kMaxStopTimeout{24 * 365};
 
 }  // namespace
 
@@ -37,7 +36,7 @@ class HttpServer::Impl {
   ServerStats Stats() const;
 
  private:
-  void HandOver(Accepted&& accepted);
+  void HandOver(AcceptedConnection&& accepted);
   void CloseListeners();
   std::size_t Abort();
 
@@ -48,22 +47,22 @@ class HttpServer::Impl {
   std::size_t next_thread_ = 0;                       // of the first I/O thread
   bool running_ = false;
 
-  std::mutex stop_mutex_;
-  bool stopped_ = false;
-  bool all_finished_ = true;
+  Mutex stop_mutex_;
+  bool stopped_ VEXA_GUARDED_BY(stop_mutex_) = false;
+  bool all_finished_ VEXA_GUARDED_BY(stop_mutex_) = true;
 
-  std::mutex settled_mutex_;
-  std::condition_variable settled_changed_;
-  std::size_t settled_threads_ = 0;
+  Mutex drain_mutex_;
+  ConditionVariable drain_changed_;
+  std::size_t drained_threads_ VEXA_GUARDED_BY(drain_mutex_) = 0;
 };
 
 HttpServer::Impl::Impl(ServerOptions options) : shared_(std::move(options)) {
   const int count = std::max(shared_.options.io_threads, 1);
   for (int i = 0; i < count; ++i) {
     threads_.push_back(std::make_unique<IoThread>(shared_, i, [this] {
-      const std::lock_guard lock(settled_mutex_);
-      ++settled_threads_;
-      settled_changed_.notify_all();
+      const MutexLock lock(drain_mutex_);
+      ++drained_threads_;
+      drain_changed_.NotifyAll();
     }));
   }
 }
@@ -75,8 +74,9 @@ Status HttpServer::Impl::Listen() {
     Result<ListeningSocket> listening = ListeningSocket::Open(options);
     if (!listening) return listening.error();
     ports_.push_back(listening->port());
-    acceptors_.push_back(std::make_shared<Acceptor>(threads_.front()->context(), shared_, std::move(*listening), *tls,
-                                                    [this](Accepted&& accepted) { HandOver(std::move(accepted)); }));
+    acceptors_.push_back(
+        std::make_shared<Acceptor>(threads_.front()->context(), shared_, std::move(*listening), *tls,
+                                   [this](AcceptedConnection&& accepted) { HandOver(std::move(accepted)); }));
   }
   return {};
 }
@@ -84,18 +84,18 @@ Status HttpServer::Impl::Listen() {
 void HttpServer::Impl::Run() {
   for (const auto& thread : threads_) {
     thread->Start();
-    running_ = true;  // the first one runs; if another does not start, Stop() has something to stop
+    running_ = true;  // already with the first one: if another thread does not start, Stop() must stop it
   }
   for (const auto& acceptor : acceptors_) threads_.front()->Post([acceptor] { acceptor->Start(); });
 }
 
-void HttpServer::Impl::HandOver(Accepted&& accepted) {
+void HttpServer::Impl::HandOver(AcceptedConnection&& accepted) {
   IoThread& thread = *threads_[next_thread_++ % threads_.size()];
   if (&thread == threads_.front().get()) {
-    thread.Adopt(std::move(accepted));
+    thread.AddConnection(std::move(accepted));
   } else {
     boost::asio::post(thread.context(),
-                      [&thread, taken = std::move(accepted)]() mutable { thread.Adopt(std::move(taken)); });
+                      [&thread, taken = std::move(accepted)]() mutable { thread.AddConnection(std::move(taken)); });
   }
 }
 
@@ -110,15 +110,15 @@ void HttpServer::Impl::CloseListeners() {
 }
 
 std::size_t HttpServer::Impl::Abort() {
-  std::atomic<std::size_t> cut = 0;
-  for (const auto& thread : threads_) thread->Post([&cut, io = thread.get()] { cut += io->Abort(); });
+  std::atomic<std::size_t> interrupted = 0;
+  for (const auto& thread : threads_) thread->Post([&interrupted, io = thread.get()] { interrupted += io->Abort(); });
   for (const auto& thread : threads_) thread->Join();
-  return cut;
+  return interrupted;
 }
 
 bool HttpServer::Impl::Stop(std::chrono::milliseconds deadline) {
-  const auto until = std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(deadline, kLongestStop);
-  const std::lock_guard stop_lock(stop_mutex_);
+  const auto until = std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(deadline, kMaxStopTimeout);
+  const MutexLock stop_lock(stop_mutex_);
   if (std::exchange(stopped_, true)) return all_finished_;
   if (!running_) {
     for (const auto& acceptor : acceptors_) acceptor->Close();
@@ -127,8 +127,9 @@ bool HttpServer::Impl::Stop(std::chrono::milliseconds deadline) {
   CloseListeners();
   for (const auto& thread : threads_) thread->Post([io = thread.get()] { io->BeginStop(); });
   {
-    std::unique_lock lock(settled_mutex_);
-    settled_changed_.wait_until(lock, until, [this] { return settled_threads_ == threads_.size(); });
+    const MutexLock lock(drain_mutex_);
+    while (drained_threads_ != threads_.size() && drain_changed_.WaitUntil(drain_mutex_, until)) {
+    }
   }
   all_finished_ = Abort() == 0;
   return all_finished_;
@@ -160,4 +161,4 @@ bool HttpServer::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(d
 
 ServerStats HttpServer::stats() const { return impl_->Stats(); }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -1,7 +1,7 @@
 // The HTTP/1.1 server: sockets, framing, limits, deadlines. It does not know what a request means.
 //
-// Written by hand around Boost.Beast's parser: a request is refused by its head before any of its body is read, the
-// head is checked by rules stricter than the parser's (http_rules.h), and limits count connections of all threads.
+// Written by hand around Boost.Beast's parser: a request is refused by its header before any of its body is read, the
+// header is checked by rules stricter than the parser's (http_rules.h), and limits count connections of all threads.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +18,7 @@
 
 #include "host/base/result.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 // The other end of a connection.
 struct Peer {
@@ -58,7 +58,7 @@ struct HttpResponse {
   std::vector<std::pair<std::string, std::string>> headers;  // additional fields; no CR or LF in either part
 };
 
-// Sends the one response of a request. Copyable; every copy stands for the same request.
+// Sends the one response of a request. Copyable; every copy belongs to the same request.
 // Threads: any. Calls after the first do nothing. When the last copy is destroyed without a call, the client gets a
 // 500. Sending after the client has left, or after the server is gone, is harmless.
 class Responder {
@@ -74,17 +74,19 @@ class Responder {
 struct ListenerOptions {
   enum class Kind { kTcp, kUnix };
   Kind kind = Kind::kTcp;
-  std::string address = "127.0.0.1";  // numeric IPv4 or IPv6; an IPv6 listener takes IPv6 only
+  std::string address = "127.0.0.1";  // numeric IPv4 or IPv6; an IPv6 listener accepts IPv6 only
   std::uint16_t port = 0;             // 0: any free port, see HttpServer::port
   std::string path;    // Unix socket; a stale one is replaced, a live one is kBusy, anything else kConflict
-  mode_t mode = 0666;  // of the Unix socket: who may connect at all; the daemon decides what a client may do
-  // TLS when the first two are set. Private keys that others may read are refused.
+  mode_t mode = 0666;  // of the Unix socket: which users may connect at all; the daemon decides what a client may do
+  // TLS is used when the first two are set. Private keys that others may read are refused.
   std::string certificate_file;
   std::string key_file;
   std::string client_authority_file;  // when set, a client may present a certificate signed by it; any other
                                       // certificate fails the handshake
 };
 
+// Times are the longest that a client may take. A request that exceeds a limit gets the response of make_error: 408,
+// 413, 414 or 431; a connection above the limits gets 503. Other connections that take too long are closed.
 struct ServerLimits {
   std::size_t header_bytes = 16 * 1024;
   std::size_t body_bytes = 1024 * 1024;
@@ -94,7 +96,7 @@ struct ServerLimits {
   std::chrono::milliseconds header{10'000};
   std::chrono::milliseconds body{30'000};
   std::chrono::milliseconds write{30'000};
-  std::chrono::milliseconds idle{300'000};
+  std::chrono::milliseconds idle{300'000};  // between requests
 };
 
 struct ServerOptions {
@@ -130,8 +132,8 @@ class HttpServer {
   // The port that listener `index` was bound to.
   std::uint16_t port(std::size_t index) const;
 
-  // Closes the listeners and idle connections, and lets requests that have begun finish (their responses say
-  // "Connection: close") for at most `deadline`; then closes the rest. True when nothing had to be cut off. Removes
+  // Closes the listeners and idle connections, and lets requests in progress finish (with "Connection: close" in
+  // their responses) for at most `deadline`; then closes the rest. True when nothing had to be cut off. Removes
   // Unix sockets. Do not call it from the callbacks in ServerOptions: it waits for the threads that run them.
   bool Stop(std::chrono::milliseconds deadline);
 
@@ -143,4 +145,4 @@ class HttpServer {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

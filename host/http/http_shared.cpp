@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 ServerShared::ServerShared(ServerOptions server_options)
     : options(std::move(server_options)),
@@ -19,7 +19,7 @@ HttpResponse ServerShared::MakeError(int status, const std::string& request_id) 
       if (response.status >= 400 && response.status <= 599) return response;
     }
   } catch (...) {
-    // The client still gets an answer, below.
+    // The client still gets a response, below.
   }
   response = HttpResponse();
   response.status = status;
@@ -27,17 +27,17 @@ HttpResponse ServerShared::MakeError(int status, const std::string& request_id) 
   return response;
 }
 
-Accepted::Accepted(Accepted&& other) noexcept
+AcceptedConnection::AcceptedConnection(AcceptedConnection&& other) noexcept
     : fd(other.Release()),
       family(other.family),
       peer(std::move(other.peer)),
       tls(std::move(other.tls)),
-      place(std::move(other.place)) {}
+      permit(std::move(other.permit)) {}
 
-Accepted::~Accepted() {
+AcceptedConnection::~AcceptedConnection() {
   if (fd >= 0) ::close(fd);
 }
 
-int Accepted::Release() { return std::exchange(fd, -1); }
+int AcceptedConnection::Release() { return std::exchange(fd, -1); }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -14,7 +14,7 @@
 #include "host/http/http_server.h"
 #include "host/http/http_tls.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 // Bound to a context's executor directly: each context has one thread, so there is nothing to serialise and nothing to
 // look up at run time. One socket type for TCP and Unix.
@@ -38,19 +38,19 @@ struct ServerShared {
   HttpResponse MakeError(int status, const std::string& request_id);
 };
 
-// A connection on its way to an I/O thread.
-struct Accepted {
-  Accepted() = default;
-  Accepted(Accepted&& other) noexcept;
-  Accepted& operator=(Accepted&&) = delete;
-  ~Accepted();  // closes the descriptor unless it was released
+// A connection between the acceptor and its I/O thread.
+struct AcceptedConnection {
+  AcceptedConnection() = default;
+  AcceptedConnection(AcceptedConnection&& other) noexcept;
+  AcceptedConnection& operator=(AcceptedConnection&&) = delete;
+  ~AcceptedConnection();  // closes the descriptor unless it was released
   int Release();
 
   int fd = -1;
   int family = 0;
   Peer peer;
   TlsContext tls;
-  std::unique_ptr<PeerCounter::Place> place;  // null: over a limit, to be refused
+  std::unique_ptr<PeerCounter::Permit> permit;  // null: over a limit, to be refused
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

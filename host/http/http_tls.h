@@ -9,15 +9,16 @@
 #include "host/base/result.h"
 #include "host/http/http_server.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 using TlsContext = std::shared_ptr<SSL_CTX>;
 
-// Null when the listener has no certificate. Errors: kInvalid (one of certificate and key is missing, they do not
-// match, a file cannot be parsed), kDenied (someone other than the owner may read the key), kNotFound.
+// Null when the listener has no certificate.
+// Errors: kInvalid (the certificate or the key is missing, they do not
+// match, a file cannot be parsed), kDenied (users other than the owner may read the key), kNotFound.
 Result<TlsContext> MakeTlsContext(const ListenerOptions& options);
 
 // The common name of the verified client certificate; "" when there is no certificate or not exactly one name.
 std::string VerifiedCommonName(SSL* ssl);
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

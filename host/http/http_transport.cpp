@@ -10,7 +10,7 @@
 #include <limits>
 #include <new>
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 IoResult FromSystem(ssize_t result, IoState when_blocked) {
@@ -61,13 +61,13 @@ IoResult Transport::Read(char* buffer, std::size_t size) {
   return FromTls(SSL_read(ssl_.get(), buffer, TlsSize(size)));
 }
 
-IoResult Transport::Write(std::string_view head, std::string_view body) {
+IoResult Transport::Write(std::string_view header, std::string_view body) {
   if (ssl_ != nullptr) {
-    const std::string_view first = head.empty() ? body : head;
+    const std::string_view first = header.empty() ? body : header;
     ERR_clear_error();
     return FromTls(SSL_write(ssl_.get(), first.data(), TlsSize(first.size())));
   }
-  std::array<iovec, 2> parts = {Part(head), Part(body)};
+  std::array<iovec, 2> parts = {Part(header), Part(body)};
   msghdr message{};
   message.msg_iov = parts.data();
   message.msg_iovlen = body.empty() ? 1 : 2;
@@ -87,4 +87,4 @@ IoResult Transport::Discard(char* buffer, std::size_t size) {
   return FromSystem(::recv(fd_, buffer, size, 0), IoState::kWantRead);
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

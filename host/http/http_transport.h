@@ -7,7 +7,7 @@
 #include <memory>
 #include <string_view>
 
-namespace vexa::daemon {
+namespace vexa::http {
 
 enum class IoState {
   kDone,       // some bytes were transferred; for the handshake: it is finished
@@ -33,13 +33,13 @@ class Transport {
 
   IoResult Handshake();
   IoResult Read(char* buffer, std::size_t size);
-  // Sends from `head`, then from `body`. After kWant… the caller must pass the same bytes again.
-  IoResult Write(std::string_view head, std::string_view body);
-  // Bytes that have left the socket but have not been read yet. There is no readiness event for them.
+  // Sends from `header`, then from `body`. After kWant… the caller must pass the same bytes again.
+  IoResult Write(std::string_view header, std::string_view body);
+  // Whether TLS has bytes from the socket that Read() has not returned yet. There is no readiness event for them.
   bool HasPending() const { return ssl_ != nullptr && SSL_has_pending(ssl_.get()) == 1; }
   // Signals the peer that nothing follows.
   void ShutdownWrite();
-  // Reads past TLS and discards.
+  // Reads from the socket without decrypting, and discards what it read.
   IoResult Discard(char* buffer, std::size_t size);
 
  private:
@@ -53,4 +53,4 @@ class Transport {
   bool handshake_done_ = false;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::http

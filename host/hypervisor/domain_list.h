@@ -10,15 +10,16 @@
 
 namespace vexa::hypervisor {
 
-struct DomainText {
+// A domain with its configuration for the next start, whether it runs or not.
+struct InactiveDomain {
   std::string name;
-  std::string id;   // UUID
-  std::string xml;  // of the inactive domain: its configuration at the next start
+  std::string id;  // UUID
+  std::string xml;
   bool autostart = false;
 };
 
-// A read-only user of libvirt. The XML contains screen passwords where the caller has the right to change domains, and
-// lacks them where libvirt grants only reading. Calls block for as long as libvirt does.
+// A connection to libvirt that only reads. The XML contains screen passwords where the caller has the right to change
+// domains, and lacks them where libvirt grants only reading. Calls block for as long as libvirt does.
 // Threads: one at a time.
 class DomainConnection {
  public:
@@ -29,7 +30,7 @@ class DomainConnection {
   ~DomainConnection();
 
   // All domains, running or not, by name. A domain that disappears meanwhile is left out.
-  Result<std::vector<DomainText>> List() const;
+  Result<std::vector<InactiveDomain>> List() const;
 
   // The size in bytes, as the guest sees it, of the disk of domain `id` whose source is `path`, on the machine that the
   // connection leads to. kUnavailable when libvirt does not report it.

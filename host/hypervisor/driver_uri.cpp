@@ -1,5 +1,6 @@
 #include "host/hypervisor/driver_uri.h"
 
+#include <fmt/format.h>
 #include <pwd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -10,16 +11,16 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 
 #include "host/base/files.h"
+#include "host/base/mutex.h"
 #include "host/base/result.h"
 
 namespace vexa::hypervisor {
 namespace {
 
-// "0-1,4-5" counts as four.
+// The number of processors in a list: 4 for "0-1,4-5"; 0 when it is malformed.
 unsigned CountCpus(const std::string& list) {
   std::istringstream ranges(list);
   std::string range;
@@ -65,72 +66,75 @@ std::string PercentEncode(const std::string& text) {
 }
 
 bool HasUser(const char* name) {
-  std::array<char, 16384> texts{};
+  std::array<char, 16384> buffer{};
   passwd entry{};
   passwd* found = nullptr;
-  return getpwnam_r(name, &entry, texts.data(), texts.size(), &found) == 0 && found != nullptr;
+  return getpwnam_r(name, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
 }
 
-// The driver keeps its first root for as long as the process lives.
+Failure SystemFailure(std::string message, int error_number) {
+  const Error error = SystemError(ErrorCode::kInternal, std::move(message), error_number);
+  return Failure(FailureKind::kFailed, error.message(), error.cause());
+}
+
+// Whether the process has used no other root: the driver keeps its first one until the process ends.
 bool IsOnlyRoot(const std::string& root) {
-  static std::mutex mutex;
-  static std::string first;
-  const std::lock_guard lock(mutex);
+  static Mutex mutex;
+  static std::string first VEXA_GUARDED_BY(mutex);
+  const MutexLock lock(mutex);
   if (first.empty()) first = root;
   return first == root;
 }
 
 // By default the driver has a libvirt daemon keep QEMU's output, and does not start without that daemon.
-Outcome<void> WriteConfiguration(const std::string& root) {
+Result<void, Failure> WriteConfiguration(const std::string& root) {
   const std::string folder = root + "/etc";
   const std::string file = folder + "/qemu.conf";
   if (access(file.c_str(), F_OK) == 0) return {};
   if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    const Error error = SystemError(ErrorCode::kInternal, "", errno);
-    return Failure(Problem::kFailed, "Cannot make the folder '" + folder + "'", error.cause());
+    return SystemFailure(fmt::format("Cannot make the folder '{}'", folder), errno);
   }
   if (Status written = WriteFileAtomically(file, "stdio_handler = \"file\"\n", 0600); !written) {
-    return Failure(Problem::kFailed, "Cannot write the configuration of embedded guests", written.error().ToString());
+    return Failure(FailureKind::kFailed, "Cannot write the configuration of embedded guests",
+                   written.error().ToString());
   }
   return {};
 }
 
-Outcome<Target> EmbedTarget(const std::string& root) {
+Result<DriverTarget, Failure> EmbedTarget(const std::string& root) {
   if (root.empty() || root[0] != '/' || root.find('\0') != std::string::npos) {
-    return Failure(Problem::kInvalid, "The folder of embedded guests is '" + root + "': give an absolute path");
+    return Failure(FailureKind::kInvalid,
+                   fmt::format("The folder of embedded guests is '{}'. Use an absolute path", root));
   }
   if (geteuid() == 0 && !HasUser("libvirt-qemu")) {
-    return Failure(Problem::kDenied,
-                   "Guests cannot be embedded as root without a user 'libvirt-qemu': run as another user");
+    return Failure(FailureKind::kDenied,
+                   "Guests cannot be embedded as root without a user 'libvirt-qemu'. Run as another user");
   }
   if (mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
-    const Error error = SystemError(ErrorCode::kInternal, "", errno);
-    return Failure(Problem::kFailed, "Cannot make the folder of embedded guests '" + root + "'", error.cause());
+    return SystemFailure(fmt::format("Cannot make the folder of embedded guests '{}'", root), errno);
   }
   if (!IsOnlyRoot(root)) {
-    return Failure(Problem::kInvalid, "Guests are embedded below another folder already: a process has only one");
+    return Failure(FailureKind::kInvalid,
+                   "This process already embeds guests below another folder, and can have only one");
   }
-  if (Outcome<void> configured = WriteConfiguration(root); !configured) return configured.failure();
-  return Target{TargetKind::kEmbed, "qemu:///embed?root=" + PercentEncode(root), nullptr, root};
+  if (Result<void, Failure> configured = WriteConfiguration(root); !configured) return configured.error();
+  return DriverTarget{DriverKind::kEmbed, "qemu:///embed?root=" + PercentEncode(root), nullptr, root};
 }
 
-// test:///default has a guest of its own, and all users of a process share it. A file gives an empty machine, private
-// to each connection.
-Outcome<Target> TestTarget() {
-  const auto failed = [](int error_number) {
-    const Error error = SystemError(ErrorCode::kInternal, "", error_number);
-    return Failure(Problem::kFailed, "Cannot write what the test driver is to read", error.cause());
-  };
+// test:///default comes with a guest, and all users of a process share it. With a file, each connection has an empty
+// node to itself.
+Result<DriverTarget, Failure> TestTarget() {
+  constexpr const char* kFailed = "Cannot write the test driver's configuration";
   const int fd = memfd_create("vexa-test-node", MFD_CLOEXEC);
-  if (fd < 0) return failed(errno);
+  if (fd < 0) return SystemFailure(kFailed, errno);
   std::shared_ptr<const int> file(new int(fd), [](const int* owned) {
     close(*owned);
     delete owned;
   });
   const std::string xml = TestNodeXml();
   const ssize_t written = write(fd, xml.data(), xml.size());
-  if (written != static_cast<ssize_t>(xml.size())) return failed(written < 0 ? errno : ENOSPC);
-  return Target{TargetKind::kTest, "test:///proc/self/fd/" + std::to_string(fd), std::move(file), ""};
+  if (written != static_cast<ssize_t>(xml.size())) return SystemFailure(kFailed, written < 0 ? errno : ENOSPC);
+  return DriverTarget{DriverKind::kTest, "test:///proc/self/fd/" + std::to_string(fd), std::move(file), ""};
 }
 
 }  // namespace
@@ -152,17 +156,17 @@ std::string TestNodeXml() {
   return xml.str();
 }
 
-Outcome<Target> MakeTarget(const HypervisorOptions& options) {
+Result<DriverTarget, Failure> ResolveDriver(const HypervisorOptions& options) {
   if (options.mode.empty()) {
-    return Failure(Problem::kInvalid, "The hypervisor is not named: give 'test', 'embed' or a libvirt URI");
+    return Failure(FailureKind::kInvalid, "The hypervisor is missing. Use 'test', 'embed' or a libvirt URI");
   }
   if (options.mode == "test") return TestTarget();
   if (options.mode == "embed") return EmbedTarget(options.root);
   const auto is_plain = [](char c) { return c > 0x20 && c < 0x7F; };
   if (options.mode.find(':') == std::string::npos || !std::all_of(options.mode.begin(), options.mode.end(), is_plain)) {
-    return Failure(Problem::kInvalid, "The hypervisor is neither 'test' nor 'embed' nor a libvirt URI");
+    return Failure(FailureKind::kInvalid, "The hypervisor is neither 'test' nor 'embed' nor a libvirt URI");
   }
-  return Target{TargetKind::kUri, options.mode, nullptr, ""};
+  return DriverTarget{DriverKind::kUri, options.mode, nullptr, ""};
 }
 
 }  // namespace vexa::hypervisor

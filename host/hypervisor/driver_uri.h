@@ -8,25 +8,26 @@
 
 namespace vexa::hypervisor {
 
-enum class TargetKind { kTest, kEmbed, kUri };
+enum class DriverKind { kTest, kEmbed, kUri };
 
-struct Target {
-  TargetKind kind = TargetKind::kTest;
+// The driver to open, and what must exist while it is in use.
+struct DriverTarget {
+  DriverKind kind = DriverKind::kTest;
   std::string uri;
-  std::shared_ptr<const int> node_file;  // the file that a test URI refers to; open for as long as it is used
+  std::shared_ptr<const int> node_file;  // open file that a test URI refers to; keep it while the URI is in use
   std::string root;                      // for embed
 
-  // Whether its driver runs without the rights of a system service, and so without cgroups of its own.
+  // Whether the driver runs without the rights of a system service, and so without cgroups of its own.
   bool IsUnprivileged() const {
-    return kind == TargetKind::kEmbed ||
-           (kind == TargetKind::kUri && uri.substr(0, uri.find('?')).ends_with("/session"));
+    return kind == DriverKind::kEmbed ||
+           (kind == DriverKind::kUri && uri.substr(0, uri.find('?')).ends_with("/session"));
   }
 };
 
 // Failures: kInvalid, kDenied, kFailed. Does not touch any connection; creates the root for embed.
-Outcome<Target> MakeTarget(const HypervisorOptions& options);
+Result<DriverTarget, Failure> ResolveDriver(const HypervisorOptions& options);
 
-// The properties of this machine in the test driver's format.
+// The hardware of this machine as the test driver's <node> XML.
 std::string TestNodeXml();
 
 }  // namespace vexa::hypervisor

@@ -11,29 +11,29 @@ namespace vexa::hypervisor {
 namespace {
 
 void Run() {
-  // One failed round, for lack of descriptors perhaps, must not end the host's events, and many must not use up a
-  // processor.
+  // A failed iteration, perhaps for lack of file descriptors, must not end the delivery of events; repeated failures
+  // must not keep a processor busy.
   constexpr std::chrono::milliseconds kPauseAfterFailure{100};
   for (;;) {
     if (virEventRunDefaultImpl() < 0) std::this_thread::sleep_for(kPauseAfterFailure);
   }
 }
 
-Outcome<void> Start() {
+Result<void, Failure> Start() {
   // Errors are returned as results; libvirt would also print them to stderr.
   virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
   if (virInitialize() != 0 || virEventRegisterDefaultImpl() != 0) {
     return LastFailure(Operation::kOpen, "Cannot use libvirt");
   }
-  // It ends with the process: other parts' connections may still need it when main has returned.
-  StartWithoutSignals(Run).detach();
+  // The thread ends with the process: connections may still need it when main has returned.
+  StartThreadBlockingSignals(Run).detach();
   return {};
 }
 
 }  // namespace
 
-Outcome<void> StartEventLoop() {
-  static const Outcome<void> started = Start();
+Result<void, Failure> StartEventLoop() {
+  static const Result<void, Failure> started = Start();
   return started;
 }
 

@@ -1,13 +1,13 @@
 // libvirt's event loop: keeps connections alive and delivers their events.
 #pragma once
 
-#include "host/hypervisor/outcome.h"
+#include "host/hypervisor/failure.h"
 
 namespace vexa::hypervisor {
 
-// Starts the loop on a thread of its own the first time; later calls return the first result. Must be called before any
+// Starts the loop on a separate thread the first time; later calls return the first result. Must be called before any
 // connection is opened: libvirt uses the loop that existed then for its monitors and events. Failures: kFailed.
 // Threads: any.
-Outcome<void> StartEventLoop();
+Result<void, Failure> StartEventLoop();
 
 }  // namespace vexa::hypervisor

@@ -18,12 +18,12 @@ struct FreeDomain {
 struct FreeNetwork {
   void operator()(virNetworkPtr network) const { virNetworkFree(network); }
 };
-struct FreeText {
-  void operator()(char* text) const { std::free(text); }
+struct FreeString {
+  void operator()(char* string) const { std::free(string); }
 };
 using ConnectHandle = std::unique_ptr<virConnect, CloseConnect>;
 using DomainHandle = std::unique_ptr<virDomain, FreeDomain>;
 using NetworkHandle = std::unique_ptr<virNetwork, FreeNetwork>;
-using TextHandle = std::unique_ptr<char, FreeText>;
+using StringHandle = std::unique_ptr<char, FreeString>;
 
 }  // namespace vexa::hypervisor

@@ -10,7 +10,7 @@
 
 #include "host/domain_xml/domain_build.h"
 #include "host/domain_xml/domain_interfaces.h"
-#include "host/hypervisor/outcome.h"
+#include "host/hypervisor/failure.h"
 
 namespace vexa::hypervisor {
 
@@ -18,13 +18,13 @@ enum class GuestState {
   kOff,
   kRunning,
   kPaused,
-  kShuttingDown,  // its system has ended, its machine not yet
+  kShuttingDown,  // its operating system has halted, its VM process still exists
   kSaved,         // off, with its memory in a file of libvirt; starting it restores the memory
   kCrashed,       // ended unexpectedly; it can be started like one that is off
   kGone,          // undefined
 };
 
-// As a word for logs: "off", "running", …
+// The name for logs: "off", "running", …
 std::string_view GuestStateName(GuestState state);
 
 struct GuestEvent {
@@ -40,8 +40,8 @@ struct KnownGuest {
 
 // Who made a guest's definition.
 enum class Owner {
-  kUser,      // a user: it has no mark of this system
-  kHost,      // this system, for one run of a guest
+  kUser,      // a user: it has no ownership tag of this system
+  kHost,      // this system, for one run of the guest
   kImported,  // this system, from the definition that a user had before: it stays defined while the guest is off
 };
 
@@ -60,7 +60,8 @@ enum class UndefineScope {
   kEverything,  // saved memory, the metadata of snapshots and checkpoints, the state of the TPM
 };
 
-struct Node {
+// The hardware of the machine that runs the guests.
+struct NodeInfo {
   std::string cpu_model;
   unsigned cpus = 0;  // logical processors, as the scheduler counts them
   unsigned cores = 0;
@@ -74,10 +75,10 @@ enum class MemoryCheck {
   kAlways,
 };
 
-// What Open does when libvirt cannot be reached at present: its socket does not exist, or it does not answer.
-enum class OpenLater {
-  kNever,            // it fails
-  kWhenUnreachable,  // it succeeds without a connection, which is opened in the background like a lost one
+// What Open does when libvirt cannot be reached now: its socket does not exist, or it does not respond.
+enum class IfUnreachable {
+  kFail,
+  kConnectInBackground,  // Open succeeds, and the connection is opened in the background like a lost one
 };
 
 struct HypervisorOptions {
@@ -90,17 +91,17 @@ struct HypervisorOptions {
   std::string mode = "test";
   std::string root;  // an absolute path; for embed only
 
-  // Called on a thread of the hypervisor's own, one at a time and in order, possibly before Open returns. It may take
-  // long and may call the hypervisor, but must not destroy it.
+  // Called on a thread of the hypervisor, one at a time and in order, possibly before Open returns. It may take long
+  // and may call the hypervisor, but must not destroy it.
   std::function<void(const GuestEvent&)> on_event;
   // The connection was lost and is back: events may be missing, and in test mode all guests are gone. Also called when
   // the first connection comes later than Open.
   std::function<void()> on_reopened;
 
-  // The wait before the first attempt to reopen a lost connection. It doubles up to the last value.
-  std::chrono::milliseconds first_retry{200};
-  std::chrono::milliseconds last_retry{30'000};
-  OpenLater open_later = OpenLater::kNever;
+  // The wait before the first attempt to reopen a lost connection. It doubles with each attempt, up to the maximum.
+  std::chrono::milliseconds initial_retry_wait{200};
+  std::chrono::milliseconds max_retry_wait{30'000};
+  IfUnreachable if_unreachable = IfUnreachable::kFail;
   MemoryCheck memory_check = MemoryCheck::kByMode;
 };
 
@@ -113,70 +114,71 @@ class Hypervisor {
   // Opens the connection. A lost connection is reopened in the background for as long as the object lives. Starts
   // libvirt's event loop, once per process, and silences libvirt's own printing of errors: no other part of the process
   // may have opened a connection before. Failures: kInvalid (options), kDenied (embed as root), kUnsupported (no such
-  // driver), kDisconnected (not with OpenLater::kWhenUnreachable).
-  static Outcome<std::unique_ptr<Hypervisor>> Open(HypervisorOptions options);
+  // driver), kDisconnected (not with IfUnreachable::kConnectInBackground).
+  static Result<std::unique_ptr<Hypervisor>, Failure> Open(HypervisorOptions options);
 
   // No callback runs afterwards.
   virtual ~Hypervisor() = default;
 
   // The value for <domain type='…'> here: "test", "kvm", or "qemu" where KVM does not work. A remote libvirt is asked
-  // once it is connected. Before the first connection the answer is "qemu", which works everywhere; a caller that asked
-  // this early must ask again in on_reopened.
+  // once it is connected. Before the first connection the result is "qemu", which works everywhere; a caller that used
+  // it this early must call again in on_reopened.
   virtual std::string DomainType() const = 0;
 
-  // Whether guests may have processor shares. They need cgroups, which a driver without rights does not have.
-  virtual CpuShares ProcessorShares() const = 0;
+  // Whether guests may have CPU shares. They need cgroups, which an unprivileged driver does not have.
+  virtual domain_xml::CpuShares CpuSharesSupport() const = 0;
 
   // Adds the guest, or replaces its configuration for the next start. Returns its UUID. Failures: kInvalid, kExists.
-  virtual Outcome<std::string> Define(const std::string& xml) = 0;
+  virtual Result<std::string, Failure> Define(const std::string& xml) = 0;
   // Failures: kAlreadyRunning, kHasState (kDefinition, and the guest has more than its definition).
-  virtual Outcome<void> Undefine(const std::string& id, UndefineScope scope) = 0;
+  virtual Result<void, Failure> Undefine(const std::string& id, UndefineScope scope) = 0;
   // Removes the saved memory of a guest that is off. Having none is not an error.
-  virtual Outcome<void> DiscardSaved(const std::string& id) = 0;
+  virtual Result<void, Failure> DiscardSaved(const std::string& id) = 0;
 
-  virtual Outcome<Definition> DefinitionOf(const std::string& id) = 0;
+  virtual Result<Definition, Failure> DefinitionOf(const std::string& id) = 0;
   // The XML of the guest's configuration for its next start.
-  virtual Outcome<std::string> XmlOf(const std::string& id) = 0;
+  virtual Result<std::string, Failure> XmlOf(const std::string& id) = 0;
   // Whether libvirt starts the guest when libvirt starts.
-  virtual Outcome<bool> IsAutostarted(const std::string& id) = 0;
-  virtual Outcome<void> SetAutostart(const std::string& id, bool autostart) = 0;
+  virtual Result<bool, Failure> IsAutostarted(const std::string& id) = 0;
+  virtual Result<void, Failure> SetAutostart(const std::string& id, bool autostart) = 0;
 
-  // Failures: kAlreadyRunning, kNoMemory, kCpuIncompatible, kNetworkMissing, kBridgeMissing, kDiskMissing.
-  virtual Outcome<void> Start(const std::string& id) = 0;
+  // Failures: kAlreadyRunning, kNoMemory, kCpuIncompatible, kNetworkMissing, kBridgeMissing, kDiskMissing, kBusy
+  // (PowerOff ended a start that took too long).
+  virtual Result<void, Failure> Start(const std::string& id) = 0;
   // Asks the guest's agent if there is one, otherwise presses the power button once. Does not wait for the guest to go
-  // off, and a press before the guest's system listens is lost. Failures: kNotRunning.
-  virtual Outcome<void> ShutDown(const std::string& id) = 0;
-  // Ends the guest regardless of other operations on it: a start that hangs is ended together with its QEMU. Failures:
-  // kNotRunning, kBusy (the system cannot end the guest's process now, for instance because its storage does not
-  // respond).
-  virtual Outcome<void> PowerOff(const std::string& id) = 0;
-  virtual Outcome<void> Reboot(const std::string& id) = 0;
+  // off, and a press before the guest's operating system listens is lost. Failures: kNotRunning.
+  virtual Result<void, Failure> ShutDown(const std::string& id) = 0;
+  // Ends the guest regardless of other operations on it: a start that hangs is ended together with its QEMU process.
+  // Failures: kNotRunning, kBusy (the system cannot end the guest's process now, for instance because its storage does
+  // not respond).
+  virtual Result<void, Failure> PowerOff(const std::string& id) = 0;
+  virtual Result<void, Failure> Reboot(const std::string& id) = 0;
 
-  virtual Outcome<GuestState> StateOf(const std::string& id) = 0;
-  // Whether the guest's machine has stopped because its storage returned an error or was full. False: it runs, is off,
-  // or was paused for another reason.
-  virtual Outcome<bool> HasStoppedForStorage(const std::string& id) = 0;
+  virtual Result<GuestState, Failure> StateOf(const std::string& id) = 0;
+  // Whether libvirt paused the guest because its storage returned an error or was full. False: it runs, is off, or was
+  // paused for another reason.
+  virtual Result<bool, Failure> IsPausedOnIoError(const std::string& id) = 0;
   // All guests, by id.
-  virtual Outcome<std::vector<KnownGuest>> List() = 0;
+  virtual Result<std::vector<KnownGuest>, Failure> List() = 0;
 
-  // The addresses of a running guest: those that its agent reports, otherwise those that libvirt's networks assigned;
-  // without loopback and link-local addresses. Empty when they are unknown. Failures: kNotRunning.
-  virtual Outcome<std::vector<std::string>> AddressesOf(const std::string& id) = 0;
+  // The addresses of a running guest, as its agent reports them or else as libvirt's networks assigned them, without
+  // loopback and link-local addresses. Empty when they are unknown. Failures: kNotRunning.
+  virtual Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) = 0;
   // Whether the agent of a running guest is connected. Failures: kNotRunning.
-  virtual Outcome<bool> HasAgent(const std::string& id) = 0;
+  virtual Result<bool, Failure> HasAgent(const std::string& id) = 0;
 
   // What the interfaces of a running guest are plugged into. For a libvirt network that leads to a bridge or device of
-  // the host, this is that bridge or device. Failures: kNotRunning.
-  virtual Outcome<std::vector<GuestInterface>> InterfacesOf(const std::string& id) = 0;
+  // the host, the bridge or device is returned. Failures: kNotRunning.
+  virtual Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) = 0;
 
   // The names of the active networks that libvirt runs, in order; none where the driver has no networks.
-  virtual Outcome<std::vector<std::string>> Networks() = 0;
+  virtual Result<std::vector<std::string>, Failure> Networks() = 0;
 
   // The bytes available to guests: free memory, buffers and caches.
-  virtual Outcome<std::uint64_t> FreeMemory() = 0;
-  virtual Outcome<Node> NodeFigures() = 0;
+  virtual Result<std::uint64_t, Failure> FreeMemory() = 0;
+  virtual Result<NodeInfo, Failure> GetNodeInfo() = 0;
   // The version of the program that runs the guests, as three numbers: "7.2.19".
-  virtual Outcome<std::string> Version() = 0;
+  virtual Result<std::string, Failure> Version() = 0;
 
   virtual bool IsConnected() const = 0;
   // Closes the connection and lets it be reopened, as if it had been lost. Returns immediately.

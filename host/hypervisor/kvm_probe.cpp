@@ -33,7 +33,7 @@ class Mapping {
 constexpr std::size_t kPage = 4096;
 constexpr unsigned char kHalt = 0xF4;
 
-// Real mode, from the start of the page.
+// Starts in real mode at address 0.
 bool SetRegisters(int vcpu) {
   kvm_sregs segments{};
   if (ioctl(vcpu, KVM_GET_SREGS, &segments) < 0) return false;

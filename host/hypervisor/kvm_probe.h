@@ -5,8 +5,8 @@
 
 namespace vexa::hypervisor {
 
-// Runs one instruction in a machine of its own: in a container, or in a guest without nested virtualization, `device`
-// ("/dev/kvm") may exist without working. Threads: any.
+// Whether one instruction runs in a new virtual machine. It is really run because in a container, or in a guest without
+// nested virtualization, `device` ("/dev/kvm") may exist without working. Threads: any.
 bool KvmWorks(const std::string& device);
 
 }  // namespace vexa::hypervisor

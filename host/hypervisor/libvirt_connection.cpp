@@ -1,55 +1,58 @@
 #include "host/hypervisor/libvirt_connection.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <map>
 #include <optional>
 
-#include "host/base/guarded.h"
+#include "host/base/run_logging_exceptions.h"
 #include "host/hypervisor/libvirt_errors.h"
 
 namespace vexa::hypervisor {
 namespace {
 
-// libvirt's callbacks carry a number instead of a pointer, so a late callback whose link is gone finds nothing.
-class Registry {
+// The LibvirtConnection objects that exist, by number. libvirt's callbacks carry the number instead of a pointer, so a
+// late callback whose object has been destroyed finds nothing.
+class ConnectionRegistry {
  public:
-  std::uintptr_t Add(Link& link) {
-    const std::lock_guard lock(mutex_);
-    links_[++last_] = &link;
+  std::uintptr_t Add(LibvirtConnection& connection) {
+    const MutexLock lock(mutex_);
+    connections_[++last_] = &connection;
     return last_;
   }
   void Remove(std::uintptr_t id) {
-    const std::lock_guard lock(mutex_);
-    links_.erase(id);
+    const MutexLock lock(mutex_);
+    connections_.erase(id);
   }
   template <class Action>
   void With(const void* opaque, Action action) {
-    const std::lock_guard lock(mutex_);
-    const auto found = links_.find(reinterpret_cast<std::uintptr_t>(opaque));
-    if (found != links_.end()) action(*found->second);
+    const MutexLock lock(mutex_);
+    const auto found = connections_.find(reinterpret_cast<std::uintptr_t>(opaque));
+    if (found != connections_.end()) action(*found->second);
   }
 
  private:
-  std::mutex mutex_;
-  std::uintptr_t last_ = 0;
-  std::map<std::uintptr_t, Link*> links_;
+  Mutex mutex_;
+  std::uintptr_t last_ VEXA_GUARDED_BY(mutex_) = 0;
+  std::map<std::uintptr_t, LibvirtConnection*> connections_ VEXA_GUARDED_BY(mutex_);
 };
 
 // Never destroyed: the event loop runs until the process ends.
-Registry& Links() {
-  static Registry& registry = *new Registry;
+ConnectionRegistry& LiveConnections() {
+  static ConnectionRegistry& registry = *new ConnectionRegistry;
   return registry;
 }
 
 bool IsEmbedded(const std::string& uri) { return uri.find(":///embed?") != std::string::npos; }
 
-// With each connection, the embedded driver registers itself again in a libvirt table with few entries. So a process
-// has one connection to it, which is never closed: it cannot be lost.
+// With each connection, the embedded driver registers itself again in a libvirt table with few entries. A process
+// therefore has one connection to it, which is never closed and cannot be lost.
 std::shared_ptr<virConnect> OpenEmbedded(const std::string& uri) {
-  static std::mutex mutex;
+  static Mutex mutex;
   static auto& opened = *new std::map<std::string, std::shared_ptr<virConnect>>;
-  const std::lock_guard lock(mutex);
+  const MutexLock lock(mutex);
   const auto found = opened.find(uri);
   if (found != opened.end()) return found->second;
   ConnectHandle connection(virConnectOpen(uri.c_str()));
@@ -57,7 +60,7 @@ std::shared_ptr<virConnect> OpenEmbedded(const std::string& uri) {
   return opened.emplace(uri, std::move(connection)).first->second;
 }
 
-std::shared_ptr<virConnect> OpenConnection(const std::string& uri) {
+std::shared_ptr<virConnect> Connect(const std::string& uri) {
   return IsEmbedded(uri) ? OpenEmbedded(uri) : std::shared_ptr<virConnect>(ConnectHandle(virConnectOpen(uri.c_str())));
 }
 
@@ -95,55 +98,55 @@ std::optional<GuestState> StateAfter(int event, int detail, Activity activity) {
 }
 
 int OnLifecycle(virConnectPtr, virDomainPtr domain, int event, int detail, void* opaque) {
-  // Taken from the event itself, not from a query to the driver.
+  // libvirt sets the id when it creates the event; no query to the driver is needed.
   const bool active = virDomainGetID(domain) != static_cast<unsigned>(-1);
   const std::optional<GuestState> state = StateAfter(event, detail, active ? Activity::kActive : Activity::kOff);
   std::array<char, VIR_UUID_STRING_BUFLEN> id{};
   if (state && virDomainGetUUIDString(domain, id.data()) == 0) {
-    Links().With(opaque, [&](Link& link) { link.Push({id.data(), *state}); });
+    LiveConnections().With(opaque, [&](LibvirtConnection& connection) { connection.Push({id.data(), *state}); });
   }
   return 0;
 }
 
 void OnClose(virConnectPtr, int, void* opaque) {
-  Links().With(opaque, [](Link& link) { link.Lose(); });
+  LiveConnections().With(opaque, [](LibvirtConnection& connection) { connection.MarkLost(); });
 }
 
 }  // namespace
 
-// One connection, from its opening to its end.
-class Link::Attachment {
+// One libvirt connection with its callbacks, from its opening to its end.
+class LibvirtConnection::OpenConnection {
  public:
-  static Outcome<std::unique_ptr<Attachment>> Open(Link& link) {
-    const std::string& uri = link.options_.uri;
-    const std::string failed = "Cannot connect to libvirt at '" + uri + "'";
-    std::shared_ptr<virConnect> opened = OpenConnection(uri);
-    if (!opened) return LastFailure(Operation::kOpen, failed);
-    std::unique_ptr<Attachment> attachment(new Attachment(link, std::move(opened)));
-    if (!attachment->Register()) return LastFailure(Operation::kOpen, failed);
-    return attachment;
+  static Result<std::unique_ptr<OpenConnection>, Failure> Open(LibvirtConnection& owner) {
+    const std::string& uri = owner.options_.uri;
+    const std::string failed = fmt::format("Cannot connect to libvirt at '{}'", uri);
+    std::shared_ptr<virConnect> connection = Connect(uri);
+    if (!connection) return LastFailure(Operation::kOpen, failed);
+    std::unique_ptr<OpenConnection> opened(new OpenConnection(owner, std::move(connection)));
+    if (!opened->Register()) return LastFailure(Operation::kOpen, failed);
+    return opened;
   }
 
-  ~Attachment() {
-    Links().Remove(id_);
+  ~OpenConnection() {
+    LiveConnections().Remove(id_);
     if (callback_ >= 0) virConnectDomainEventDeregisterAny(connection_.get(), callback_);
-    if (!IsEmbedded(link_.options_.uri)) virConnectUnregisterCloseCallback(connection_.get(), OnClose);
+    if (!IsEmbedded(owner_.options_.uri)) virConnectUnregisterCloseCallback(connection_.get(), OnClose);
   }
 
   const std::shared_ptr<virConnect>& connection() const { return connection_; }
 
  private:
-  Attachment(Link& link, std::shared_ptr<virConnect> opened)
-      : link_(link), id_(Links().Add(link)), connection_(std::move(opened)) {}
+  OpenConnection(LibvirtConnection& owner, std::shared_ptr<virConnect> connection)
+      : owner_(owner), id_(LiveConnections().Add(owner)), connection_(std::move(connection)) {}
 
   bool Register() {
-    constexpr int kInterval_s = 5;
-    constexpr unsigned kMissing = 5;
-    // In-process drivers have no peer that could go silent, and report so.
-    virConnectSetKeepAlive(connection_.get(), kInterval_s, kMissing);
+    constexpr int kKeepaliveIntervalS = 5;
+    constexpr unsigned kMaxMissedKeepalives = 5;
+    // Fails for in-process drivers, which have no peer that could stop responding.
+    virConnectSetKeepAlive(connection_.get(), kKeepaliveIntervalS, kMaxMissedKeepalives);
     void* const opaque = reinterpret_cast<void*>(id_);
-    // A connection has room for one such callback, and several links may share an embedded one.
-    if (!IsEmbedded(link_.options_.uri)) {
+    // A connection can have only one close callback, and several of our objects may share an embedded connection.
+    if (!IsEmbedded(owner_.options_.uri)) {
       if (virConnectRegisterCloseCallback(connection_.get(), OnClose, opaque, nullptr) != 0) return false;
     }
     callback_ = virConnectDomainEventRegisterAny(connection_.get(), nullptr, VIR_DOMAIN_EVENT_ID_LIFECYCLE,
@@ -151,109 +154,112 @@ class Link::Attachment {
     return callback_ >= 0;
   }
 
-  const Link& link_;
+  const LibvirtConnection& owner_;
   const std::uintptr_t id_;
   const std::shared_ptr<virConnect> connection_;
   int callback_ = -1;
 };
 
-Link::Link(LinkOptions options) : options_(std::move(options)) {}
+LibvirtConnection::LibvirtConnection(LibvirtConnectionOptions options) : options_(std::move(options)) {}
 
-Outcome<std::unique_ptr<Link>> Link::Open(LinkOptions options) {
-  std::unique_ptr<Link> link(new Link(std::move(options)));
-  Outcome<std::unique_ptr<Attachment>> attachment = Attachment::Open(*link);
-  if (attachment) {
-    link->Adopt(std::move(*attachment));
-  } else if (link->options_.open_later == OpenLater::kNever ||
-             attachment.failure().problem() != Problem::kDisconnected) {
-    return attachment.failure();
+Result<std::unique_ptr<LibvirtConnection>, Failure> LibvirtConnection::Open(LibvirtConnectionOptions options) {
+  std::unique_ptr<LibvirtConnection> connection(new LibvirtConnection(std::move(options)));
+  Result<std::unique_ptr<OpenConnection>, Failure> opened = OpenConnection::Open(*connection);
+  if (opened) {
+    connection->Adopt(std::move(*opened));
+  } else if (connection->options_.if_unreachable == IfUnreachable::kFail ||
+             opened.error().kind() != FailureKind::kDisconnected) {
+    return opened.error();
   }
-  link->thread_ = std::thread([raw = link.get()] { raw->Run(); });
-  return link;
+  connection->thread_ = std::thread([raw = connection.get()] { raw->Run(); });
+  return connection;
 }
 
-Link::~Link() {
+LibvirtConnection::~LibvirtConnection() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     stopping_ = true;
-    woken_.notify_all();
+    woken_.NotifyAll();
   }
   if (thread_.joinable()) thread_.join();
-  attachment_.reset();
+  open_connection_.reset();
 }
 
-std::shared_ptr<virConnect> Link::Current() const {
-  const std::lock_guard lock(mutex_);
+std::shared_ptr<virConnect> LibvirtConnection::Current() const {
+  const MutexLock lock(mutex_);
   return current_;
 }
 
-void Link::Lose() {
-  const std::lock_guard lock(mutex_);
+void LibvirtConnection::MarkLost() {
+  const MutexLock lock(mutex_);
   current_.reset();
-  woken_.notify_all();
+  woken_.NotifyAll();
 }
 
-void Link::Push(GuestEvent event) {
-  const std::lock_guard lock(mutex_);
+void LibvirtConnection::Push(GuestEvent event) {
+  const MutexLock lock(mutex_);
   // For one start, QEMU's driver reports both that the guest was started and that it was resumed.
-  const auto [known, added] = told_.emplace(event.id, event.state);
+  const auto [known, added] = last_reported_.emplace(event.id, event.state);
   if (!added && known->second == event.state) return;
   known->second = event.state;
-  if (event.state == GuestState::kGone) told_.erase(known);
+  if (event.state == GuestState::kGone) last_reported_.erase(known);
   events_.push_back(std::move(event));
-  woken_.notify_all();
+  woken_.NotifyAll();
 }
 
-void Link::Adopt(std::unique_ptr<Attachment> attachment) {
-  const std::lock_guard lock(mutex_);
-  attachment_ = std::move(attachment);
-  current_ = attachment_->connection();
-  told_.clear();
+void LibvirtConnection::Adopt(std::unique_ptr<OpenConnection> opened) {
+  const MutexLock lock(mutex_);
+  open_connection_ = std::move(opened);
+  current_ = open_connection_->connection();
+  last_reported_.clear();
 }
 
-void Link::Run() {
-  std::unique_lock lock(mutex_);
+void LibvirtConnection::Run() {
+  const MutexLock lock(mutex_);
   while (!stopping_) {
-    DeliverEvents(lock);
+    DeliverEvents();
     if (stopping_) return;
     if (!current_) {
-      Reopen(lock);
+      Reopen();
     } else {
-      woken_.wait(lock, [this] { return stopping_ || !events_.empty() || !current_; });
+      while (!stopping_ && events_.empty() && current_) woken_.Wait(mutex_);
     }
   }
 }
 
-void Link::DeliverEvents(std::unique_lock<std::mutex>& lock) {
+void LibvirtConnection::DeliverEvents() {
   while (!stopping_ && !events_.empty()) {
     const GuestEvent event = std::move(events_.front());
     events_.pop_front();
-    lock.unlock();
-    Guarded("The answer to an event of the hypervisor", [&] {
+    const MutexUnlock unlocked(mutex_);
+    RunLoggingExceptions("The handler of a guest's event", [&] {
       if (options_.on_event) options_.on_event(event);
     });
-    lock.lock();
   }
 }
 
-void Link::Reopen(std::unique_lock<std::mutex>& lock) {
-  std::unique_ptr<Attachment> old = std::move(attachment_);
-  lock.unlock();
-  old.reset();
-  lock.lock();
-  // Events of the old connection are delivered before the notice of the new one.
-  DeliverEvents(lock);
-  std::chrono::milliseconds wait = options_.first_retry;
-  while (!woken_.wait_for(lock, wait, [this] { return stopping_; })) {
-    lock.unlock();
-    Outcome<std::unique_ptr<Attachment>> attachment = Attachment::Open(*this);
-    if (attachment) Adopt(std::move(*attachment));
-    Guarded("The answer to a new connection to libvirt", [&] {
-      if (attachment && options_.on_reopened) options_.on_reopened();
+void LibvirtConnection::Reopen() {
+  {
+    std::unique_ptr<OpenConnection> old = std::move(open_connection_);
+    const MutexUnlock unlocked(mutex_);
+    old.reset();
+  }
+  // The owner gets all events of the old connection before on_reopened.
+  DeliverEvents();
+  std::chrono::milliseconds wait = options_.initial_retry_wait;
+  for (;;) {
+    const auto retry = std::chrono::steady_clock::now() + wait;
+    while (!stopping_ && woken_.WaitUntil(mutex_, retry)) {
+    }
+    if (stopping_) return;
+    const MutexUnlock unlocked(mutex_);
+    Result<std::unique_ptr<OpenConnection>, Failure> opened = OpenConnection::Open(*this);
+    if (opened) Adopt(std::move(*opened));
+    RunLoggingExceptions("The handler of a reopened libvirt connection", [&] {
+      if (opened && options_.on_reopened) options_.on_reopened();
     });
-    lock.lock();
-    if (attachment) return;
-    wait = std::min(wait * 2, options_.last_retry);
+    if (opened) return;
+    wait = std::min(wait * 2, options_.max_retry_wait);
   }
 }
 

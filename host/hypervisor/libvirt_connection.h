@@ -2,62 +2,63 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
+#include "host/base/mutex.h"
 #include "host/hypervisor/handles.h"
 #include "host/hypervisor/hypervisor.h"
 
 namespace vexa::hypervisor {
 
-struct LinkOptions {
+struct LibvirtConnectionOptions {
   std::string uri;
   std::function<void(const GuestEvent&)> on_event;
   std::function<void()> on_reopened;
-  std::chrono::milliseconds first_retry{};
-  std::chrono::milliseconds last_retry{};
-  OpenLater open_later = OpenLater::kNever;
+  std::chrono::milliseconds initial_retry_wait{};
+  std::chrono::milliseconds max_retry_wait{};
+  IfUnreachable if_unreachable = IfUnreachable::kFail;
 };
 
-// Threads: any, at the same time. The callbacks run on the link's own thread, one at a time.
-class Link {
+// Threads: any, at the same time. The callbacks run on the object's own thread, one at a time.
+class LibvirtConnection {
  public:
   // The event loop must be running. Failures: those of libvirt, except kDisconnected when it may be opened later.
-  static Outcome<std::unique_ptr<Link>> Open(LinkOptions options);
-  ~Link();
+  static Result<std::unique_ptr<LibvirtConnection>, Failure> Open(LibvirtConnectionOptions options);
+  ~LibvirtConnection();
 
-  // Empty while the connection is lost. A caller that holds one may continue to use it; at worst its calls fail.
+  // Null while the connection is lost. A caller may keep using a connection that was lost meanwhile; its calls then
+  // fail.
   std::shared_ptr<virConnect> Current() const;
   bool IsConnected() const { return Current() != nullptr; }
 
-  // Marks the connection as unusable.
-  void Lose();
+  // Drops the connection, which is then reopened.
+  void MarkLost();
 
-  // For libvirt's callbacks, on its event loop.
+  // Queues an event for delivery. Called by libvirt's callbacks on the event loop.
   void Push(GuestEvent event);
 
  private:
-  class Attachment;
+  class OpenConnection;
 
-  explicit Link(LinkOptions options);
+  explicit LibvirtConnection(LibvirtConnectionOptions options);
   void Run();
-  void DeliverEvents(std::unique_lock<std::mutex>& lock);
-  void Reopen(std::unique_lock<std::mutex>& lock);
-  void Adopt(std::unique_ptr<Attachment> attachment);
+  void DeliverEvents() VEXA_REQUIRES(mutex_);
+  void Reopen() VEXA_REQUIRES(mutex_);
+  void Adopt(std::unique_ptr<OpenConnection> opened);
 
-  const LinkOptions options_;
-  mutable std::mutex mutex_;
-  std::condition_variable woken_;
-  std::deque<GuestEvent> events_;
-  std::map<std::string, GuestState> told_;  // the last event of each guest on this connection
-  std::shared_ptr<virConnect> current_;
-  bool stopping_ = false;
-  std::unique_ptr<Attachment> attachment_;  // owned by the thread once it runs
+  const LibvirtConnectionOptions options_;
+  mutable Mutex mutex_;
+  ConditionVariable woken_;
+  std::deque<GuestEvent> events_ VEXA_GUARDED_BY(mutex_);
+  // The state in the last event of each guest on this connection, by UUID.
+  std::map<std::string, GuestState> last_reported_ VEXA_GUARDED_BY(mutex_);
+  std::shared_ptr<virConnect> current_ VEXA_GUARDED_BY(mutex_);
+  bool stopping_ VEXA_GUARDED_BY(mutex_) = false;
+  std::unique_ptr<OpenConnection> open_connection_;  // owned by the thread once it runs
   std::thread thread_;
 };
 

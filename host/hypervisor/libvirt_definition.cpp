@@ -1,4 +1,6 @@
 // Definitions of guests: who owns them, and what is removed with them.
+#include <fmt/format.h>
+
 #include <pugixml.hpp>
 #include <string_view>
 
@@ -8,14 +10,15 @@
 namespace vexa::hypervisor {
 namespace {
 
-// Based on the definition in effect now. A guest without metadata, or of a driver without metadata, belongs to a user.
+// According to the ownership tag of the definition in effect now. A guest without metadata, or of a driver without
+// metadata, belongs to a user.
 Owner OwnerOf(virDomainPtr domain) {
-  const TextHandle text(
-      virDomainGetMetadata(domain, VIR_DOMAIN_METADATA_ELEMENT, kMarkNamespace, VIR_DOMAIN_AFFECT_CURRENT));
-  pugi::xml_document mark;
-  if (!text || !mark.load_string(text.get())) return Owner::kUser;
-  const std::string_view kept = mark.document_element().attribute("kept").value();
-  return kept == "yes" ? Owner::kImported : Owner::kHost;
+  const StringHandle text(virDomainGetMetadata(domain, VIR_DOMAIN_METADATA_ELEMENT, domain_xml::kOwnershipTagNamespace,
+                                               VIR_DOMAIN_AFFECT_CURRENT));
+  pugi::xml_document tag;
+  if (!text || !tag.load_string(text.get())) return Owner::kUser;
+  const std::string_view persistence = tag.document_element().attribute("kept").value();
+  return persistence == "yes" ? Owner::kImported : Owner::kHost;
 }
 
 std::string NvramIn(const char* xml) {
@@ -27,62 +30,63 @@ std::string NvramIn(const char* xml) {
   return type.empty() ? nvram.child_value() : "";
 }
 
-bool HasSaved(virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; }
+bool HasSavedMemory(virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; }
 
 }  // namespace
 
 // A state that the driver does not support counts as absent.
-bool LibvirtHypervisor::HasState(const Found& guest) const {
-  const virDomainPtr domain = guest.domain.get();
-  return HasSaved(domain) || virDomainSnapshotNum(domain, 0) > 0 || virDomainListAllCheckpoints(domain, nullptr, 0) > 0;
+bool LibvirtHypervisor::HasExtraState(const DomainOnConnection& guest) const {
+  virDomain* const domain = guest.domain.get();
+  return HasSavedMemory(domain) || virDomainSnapshotNum(domain, 0) > 0 ||
+         virDomainListAllCheckpoints(domain, nullptr, 0) > 0;
 }
 
-Outcome<void> LibvirtHypervisor::Undefine(const std::string& id, UndefineScope scope) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  const std::string failed = "Cannot undefine the guest " + id;
+Result<void, Failure> LibvirtHypervisor::Undefine(const std::string& id, UndefineScope scope) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  const std::string failed = fmt::format("Cannot undefine the guest {}", id);
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
-  if (!state) return FailedOn(*guest, Operation::kUndefine, failed);
-  // libvirt would let it run on without a definition.
-  if (IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs: power it off first");
-  const bool is_all = scope == UndefineScope::kEverything;
-  if (!is_all && HasState(*guest)) {
-    return Failure(Problem::kHasState, failed, "It has a saved memory image, snapshots or checkpoints");
+  if (!state) return GuestFailure(*guest, Operation::kUndefine, failed);
+  // libvirt would let it continue to run without a definition.
+  if (IsActive(*state)) return Failure(FailureKind::kAlreadyRunning, failed, "It is running. Power it off first");
+  const bool removes_state = scope == UndefineScope::kEverything;
+  if (!removes_state && HasExtraState(*guest)) {
+    return Failure(FailureKind::kHasState, failed, "It has a saved memory image, snapshots or checkpoints");
   }
-  constexpr unsigned kAll = VIR_DOMAIN_UNDEFINE_MANAGED_SAVE | VIR_DOMAIN_UNDEFINE_SNAPSHOTS_METADATA |
-                            VIR_DOMAIN_UNDEFINE_CHECKPOINTS_METADATA;
+  constexpr unsigned kRemoveSavedState = VIR_DOMAIN_UNDEFINE_MANAGED_SAVE | VIR_DOMAIN_UNDEFINE_SNAPSHOTS_METADATA |
+                                         VIR_DOMAIN_UNDEFINE_CHECKPOINTS_METADATA;
   constexpr unsigned kKeepFiles = VIR_DOMAIN_UNDEFINE_KEEP_NVRAM | VIR_DOMAIN_UNDEFINE_KEEP_TPM;
   // The state of a TPM is kept with its definition and removed with the guest.
-  constexpr unsigned kRemoveState = VIR_DOMAIN_UNDEFINE_KEEP_NVRAM | VIR_DOMAIN_UNDEFINE_TPM;
+  constexpr unsigned kRemoveTpm = VIR_DOMAIN_UNDEFINE_KEEP_NVRAM | VIR_DOMAIN_UNDEFINE_TPM;
   // Drivers refuse flags for features that they lack. Without flags, libvirt keeps what the flags would remove.
-  std::vector<unsigned> tries{kKeepFiles, 0};
-  if (is_all) tries = {kAll | kRemoveState, kAll, VIR_DOMAIN_UNDEFINE_MANAGED_SAVE};
-  for (const unsigned flags : tries) {
+  std::vector<unsigned> attempts{kKeepFiles, 0};
+  if (removes_state) attempts = {kRemoveSavedState | kRemoveTpm, kRemoveSavedState, VIR_DOMAIN_UNDEFINE_MANAGED_SAVE};
+  for (const unsigned flags : attempts) {
     if (virDomainUndefineFlags(guest->domain.get(), flags) == 0) return {};
-    const Problem problem = LastFailure(Operation::kUndefine, "").problem();
-    if (problem != Problem::kInvalid && problem != Problem::kUnsupported) break;
+    const FailureKind kind = LastFailure(Operation::kUndefine, "").kind();
+    if (kind != FailureKind::kInvalid && kind != FailureKind::kUnsupported) break;
   }
-  return FailedOn(*guest, Operation::kUndefine, failed);
+  return GuestFailure(*guest, Operation::kUndefine, failed);
 }
 
-Outcome<void> LibvirtHypervisor::DiscardSaved(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  if (!HasSaved(guest->domain.get())) return {};
+Result<void, Failure> LibvirtHypervisor::DiscardSaved(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  if (!HasSavedMemory(guest->domain.get())) return {};
   if (virDomainManagedSaveRemove(guest->domain.get(), 0) == 0) return {};
-  return FailedOn(*guest, Operation::kUndefine, "Cannot remove the saved memory of the guest " + id);
+  return GuestFailure(*guest, Operation::kUndefine, fmt::format("Cannot remove the saved memory of the guest {}", id));
 }
 
-Outcome<Definition> LibvirtHypervisor::DefinitionOf(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  const virDomainPtr domain = guest->domain.get();
-  const std::string failed = "Cannot read the definition of the guest " + id;
+Result<Definition, Failure> LibvirtHypervisor::DefinitionOf(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  virDomain* const domain = guest->domain.get();
+  const std::string failed = fmt::format("Cannot read the definition of the guest {}", id);
   const std::optional<GuestState> state = StateOfDomain(domain);
-  if (!state) return Failed(guest->connection, Operation::kRead, failed);
+  if (!state) return MakeFailure(guest->connection, Operation::kRead, failed);
   const int is_persistent = virDomainIsPersistent(domain);
-  const TextHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
-  if (is_persistent < 0 || !xml) return Failed(guest->connection, Operation::kRead, failed);
+  const StringHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
+  if (is_persistent < 0 || !xml) return MakeFailure(guest->connection, Operation::kRead, failed);
   Definition definition;
   definition.state = *state;
   const char* const name = virDomainGetName(domain);
@@ -93,28 +97,31 @@ Outcome<Definition> LibvirtHypervisor::DefinitionOf(const std::string& id) {
   return definition;
 }
 
-Outcome<std::string> LibvirtHypervisor::XmlOf(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  // Including secrets: it may be the only copy of the definition that is left.
-  const TextHandle xml(virDomainGetXMLDesc(guest->domain.get(), VIR_DOMAIN_XML_INACTIVE | VIR_DOMAIN_XML_SECURE));
-  if (!xml) return Failed(guest->connection, Operation::kRead, "Cannot read the XML of the guest " + id);
+Result<std::string, Failure> LibvirtHypervisor::XmlOf(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  // Including secrets, because this may be the only remaining copy of the definition.
+  const StringHandle xml(virDomainGetXMLDesc(guest->domain.get(), VIR_DOMAIN_XML_INACTIVE | VIR_DOMAIN_XML_SECURE));
+  if (!xml)
+    return MakeFailure(guest->connection, Operation::kRead, fmt::format("Cannot read the XML of the guest {}", id));
   return std::string(xml.get());
 }
 
-Outcome<bool> LibvirtHypervisor::IsAutostarted(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
+Result<bool, Failure> LibvirtHypervisor::IsAutostarted(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
   int autostart = 0;
   if (virDomainGetAutostart(guest->domain.get(), &autostart) == 0) return autostart != 0;
-  return Failed(guest->connection, Operation::kRead, "Cannot read whether the guest " + id + " is started by itself");
+  return MakeFailure(guest->connection, Operation::kRead,
+                     fmt::format("Cannot read whether the guest {} starts automatically", id));
 }
 
-Outcome<void> LibvirtHypervisor::SetAutostart(const std::string& id, bool autostart) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
+Result<void, Failure> LibvirtHypervisor::SetAutostart(const std::string& id, bool autostart) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
   if (virDomainSetAutostart(guest->domain.get(), autostart ? 1 : 0) == 0) return {};
-  return Failed(guest->connection, Operation::kDefine, "Cannot set whether the guest " + id + " is started by itself");
+  return MakeFailure(guest->connection, Operation::kDefine,
+                     fmt::format("Cannot set whether the guest {} starts automatically", id));
 }
 
 }  // namespace vexa::hypervisor

@@ -4,49 +4,51 @@
 #include <cerrno>
 #include <iterator>
 
+#include "host/base/rows.h"
+
 namespace vexa::hypervisor {
 namespace {
 
 struct Row {
   int code;
-  Problem problem;
+  FailureKind kind;
 };
 // Codes that mean the same in every operation.
 constexpr Row kForEveryOperation[] = {
-    {VIR_ERR_NO_DOMAIN, Problem::kNoSuchGuest},
-    {VIR_ERR_DOM_EXIST, Problem::kExists},
-    {VIR_ERR_NO_NETWORK, Problem::kNetworkMissing},
-    {VIR_ERR_NO_MEMORY, Problem::kNoMemory},
-    {VIR_ERR_CPU_INCOMPATIBLE, Problem::kCpuIncompatible},
-    {VIR_ERR_OPERATION_TIMEOUT, Problem::kBusy},
-    {VIR_ERR_RESOURCE_BUSY, Problem::kBusy},
-    {VIR_ERR_AGENT_UNRESPONSIVE, Problem::kAgentAbsent},
-    {VIR_ERR_AGENT_UNSYNCED, Problem::kAgentAbsent},
-    {VIR_ERR_XML_ERROR, Problem::kInvalid},
-    {VIR_ERR_XML_DETAIL, Problem::kInvalid},
-    {VIR_ERR_XML_INVALID_SCHEMA, Problem::kInvalid},
-    {VIR_ERR_NO_SOURCE, Problem::kInvalid},
-    {VIR_ERR_NO_TARGET, Problem::kInvalid},
-    {VIR_ERR_NO_NAME, Problem::kInvalid},
-    {VIR_ERR_NO_OS, Problem::kInvalid},
-    {VIR_ERR_NO_DEVICE, Problem::kInvalid},
-    {VIR_ERR_INVALID_ARG, Problem::kInvalid},
-    {VIR_ERR_OS_TYPE, Problem::kInvalid},
-    {VIR_ERR_CONFIG_UNSUPPORTED, Problem::kInvalid},
-    {VIR_ERR_NO_SUPPORT, Problem::kUnsupported},
-    {VIR_ERR_ARGUMENT_UNSUPPORTED, Problem::kUnsupported},
-    {VIR_ERR_OPERATION_UNSUPPORTED, Problem::kUnsupported},
-    {VIR_ERR_NO_CONNECT, Problem::kUnsupported},
-    {VIR_ERR_OPERATION_DENIED, Problem::kDenied},
-    {VIR_ERR_ACCESS_DENIED, Problem::kDenied},
-    {VIR_ERR_AUTH_FAILED, Problem::kDenied},
-    {VIR_ERR_AUTH_CANCELLED, Problem::kDenied},
-    {VIR_ERR_AUTH_UNAVAILABLE, Problem::kDenied},
-    {VIR_ERR_INVALID_CONN, Problem::kDisconnected},
+    {VIR_ERR_NO_DOMAIN, FailureKind::kNoSuchGuest},
+    {VIR_ERR_DOM_EXIST, FailureKind::kExists},
+    {VIR_ERR_NO_NETWORK, FailureKind::kNetworkMissing},
+    {VIR_ERR_NO_MEMORY, FailureKind::kNoMemory},
+    {VIR_ERR_CPU_INCOMPATIBLE, FailureKind::kCpuIncompatible},
+    {VIR_ERR_OPERATION_TIMEOUT, FailureKind::kBusy},
+    {VIR_ERR_RESOURCE_BUSY, FailureKind::kBusy},
+    {VIR_ERR_AGENT_UNRESPONSIVE, FailureKind::kAgentAbsent},
+    {VIR_ERR_AGENT_UNSYNCED, FailureKind::kAgentAbsent},
+    {VIR_ERR_XML_ERROR, FailureKind::kInvalid},
+    {VIR_ERR_XML_DETAIL, FailureKind::kInvalid},
+    {VIR_ERR_XML_INVALID_SCHEMA, FailureKind::kInvalid},
+    {VIR_ERR_NO_SOURCE, FailureKind::kInvalid},
+    {VIR_ERR_NO_TARGET, FailureKind::kInvalid},
+    {VIR_ERR_NO_NAME, FailureKind::kInvalid},
+    {VIR_ERR_NO_OS, FailureKind::kInvalid},
+    {VIR_ERR_NO_DEVICE, FailureKind::kInvalid},
+    {VIR_ERR_INVALID_ARG, FailureKind::kInvalid},
+    {VIR_ERR_OS_TYPE, FailureKind::kInvalid},
+    {VIR_ERR_CONFIG_UNSUPPORTED, FailureKind::kInvalid},
+    {VIR_ERR_NO_SUPPORT, FailureKind::kUnsupported},
+    {VIR_ERR_ARGUMENT_UNSUPPORTED, FailureKind::kUnsupported},
+    {VIR_ERR_OPERATION_UNSUPPORTED, FailureKind::kUnsupported},
+    {VIR_ERR_NO_CONNECT, FailureKind::kUnsupported},
+    {VIR_ERR_OPERATION_DENIED, FailureKind::kDenied},
+    {VIR_ERR_ACCESS_DENIED, FailureKind::kDenied},
+    {VIR_ERR_AUTH_FAILED, FailureKind::kDenied},
+    {VIR_ERR_AUTH_CANCELLED, FailureKind::kDenied},
+    {VIR_ERR_AUTH_UNAVAILABLE, FailureKind::kDenied},
+    {VIR_ERR_INVALID_CONN, FailureKind::kDisconnected},
 };
 
-bool Says(const virError& error, std::string_view words) {
-  return error.message != nullptr && std::string_view(error.message).find(words) != std::string_view::npos;
+bool MessageContains(const virError& error, std::string_view text) {
+  return error.message != nullptr && std::string_view(error.message).find(text) != std::string_view::npos;
 }
 
 bool IsProcessorError(const virError& error) {
@@ -57,69 +59,71 @@ bool IsProcessorError(const virError& error) {
       "incompatible with host CPU",
   };
   return std::any_of(std::begin(kSentences), std::end(kSentences),
-                     [&](std::string_view sentence) { return Says(error, sentence); });
+                     [&](std::string_view sentence) { return MessageContains(error, sentence); });
 }
 
-// The system's errno is the first number of such an error. The texts are those of libvirt and QEMU.
-Problem ClassifySystemError(Operation operation, const virError& error) {
-  if (operation == Operation::kOpen) return error.int1 == EACCES ? Problem::kDenied : Problem::kDisconnected;
+// int1 of such an error is errno.
+FailureKind ClassifySystemError(Operation operation, const virError& error) {
+  if (operation == Operation::kOpen) return error.int1 == EACCES ? FailureKind::kDenied : FailureKind::kDisconnected;
   switch (error.int1) {
     case ENODEV:
-      return operation == Operation::kStart ? Problem::kBridgeMissing : Problem::kFailed;
+      return operation == Operation::kStart ? FailureKind::kBridgeMissing : FailureKind::kFailed;
     case ENOENT:
-      return operation == Operation::kStart ? Problem::kDiskMissing : Problem::kFailed;
+      return operation == Operation::kStart ? FailureKind::kDiskMissing : FailureKind::kFailed;
     case ENOMEM:
-      return Problem::kNoMemory;
+      return FailureKind::kNoMemory;
     case EACCES:
     case EPERM:
-      return Problem::kDenied;
+      return FailureKind::kDenied;
     default:
-      return Problem::kFailed;
+      return FailureKind::kFailed;
   }
 }
 
-// Errors that only their sentence distinguishes: the test driver reports guests that run or do not in this way, and
-// QEMU that it got no memory. Processor errors sometimes have the right code and sometimes a general one.
-Problem ClassifyText(const virError& error) {
-  if (Says(error, "already running")) return Problem::kAlreadyRunning;
-  if (Says(error, "not running")) return Problem::kNotRunning;
-  if (IsProcessorError(error)) return Problem::kCpuIncompatible;
-  if (Says(error, "annot allocate memory") || Says(error, "cannot set up guest memory")) return Problem::kNoMemory;
+// Errors that only their message distinguishes, which comes from libvirt or QEMU: the test driver reports this
+// way that a guest is running or stopped, and QEMU that it could not allocate memory. Processor errors sometimes have
+// the right code and sometimes a general one.
+FailureKind ClassifyMessage(const virError& error) {
+  if (MessageContains(error, "already running")) return FailureKind::kAlreadyRunning;
+  if (MessageContains(error, "not running")) return FailureKind::kNotRunning;
+  if (IsProcessorError(error)) return FailureKind::kCpuIncompatible;
+  if (MessageContains(error, "annot allocate memory") || MessageContains(error, "cannot set up guest memory"))
+    return FailureKind::kNoMemory;
   // QEMU's helper program that adds guests of users other than root to bridges.
-  if (Says(error, "access denied by acl file") || Says(error, "failed to parse default acl file")) {
-    return Problem::kDenied;
+  if (MessageContains(error, "access denied by acl file") ||
+      MessageContains(error, "failed to parse default acl file")) {
+    return FailureKind::kDenied;
   }
-  return Problem::kFailed;
+  return FailureKind::kFailed;
 }
 
-Problem ClassifyInvalidOperation(Operation operation, const virError& error) {
-  const Problem by_text = ClassifyText(error);
-  if (by_text != Problem::kFailed) return by_text;
-  if (operation == Operation::kStart && Says(error, "is not active")) return Problem::kNetworkMissing;
+FailureKind ClassifyInvalidOperation(Operation operation, const virError& error) {
+  const FailureKind by_message = ClassifyMessage(error);
+  if (by_message != FailureKind::kFailed) return by_message;
+  if (operation == Operation::kStart && MessageContains(error, "is not active")) return FailureKind::kNetworkMissing;
   switch (operation) {
     case Operation::kStart:
     case Operation::kUndefine:
-      return Problem::kAlreadyRunning;
+      return FailureKind::kAlreadyRunning;
     case Operation::kStop:
     case Operation::kRead:
-      return Problem::kNotRunning;
+      return FailureKind::kNotRunning;
     default:
-      return Problem::kFailed;
+      return FailureKind::kFailed;
   }
 }
 
 }  // namespace
 
-Problem Translate(Operation operation, const virError& error) {
+FailureKind ClassifyError(Operation operation, const virError& error) {
   // However the connection ends, the next call reports it with the code of the transport.
   if (error.domain == VIR_FROM_RPC && operation != Operation::kOpen) {
     // Except for this one, between libvirt's own daemons: the network daemon is not running.
-    if (operation == Operation::kStart && Says(error, "virtnetworkd-sock")) return Problem::kNetworkMissing;
-    return Problem::kDisconnected;
+    if (operation == Operation::kStart && MessageContains(error, "virtnetworkd-sock"))
+      return FailureKind::kNetworkMissing;
+    return FailureKind::kDisconnected;
   }
-  for (const Row& row : kForEveryOperation) {
-    if (row.code == error.code) return row.problem;
-  }
+  if (const Row* const row = FindRow(kForEveryOperation, &Row::code, error.code)) return row->kind;
   switch (error.code) {
     case VIR_ERR_SYSTEM_ERROR:
       return ClassifySystemError(operation, error);
@@ -127,23 +131,23 @@ Problem Translate(Operation operation, const virError& error) {
       return ClassifyInvalidOperation(operation, error);
     case VIR_ERR_OPERATION_FAILED:
       // Another guest has the name with a different UUID, or the UUID with a different name.
-      return operation == Operation::kDefine ? Problem::kExists : ClassifyText(error);
+      return operation == Operation::kDefine ? FailureKind::kExists : ClassifyMessage(error);
     case VIR_ERR_INTERNAL_ERROR:
       // A daemon that ends, or stops responding, while a connection to it is being made.
-      if (error.domain == VIR_FROM_RPC) return Problem::kDisconnected;
-      return ClassifyText(error);
+      if (error.domain == VIR_FROM_RPC) return FailureKind::kDisconnected;
+      return ClassifyMessage(error);
     default:
-      return Problem::kFailed;
+      return FailureKind::kFailed;
   }
 }
 
 Failure LastFailure(Operation operation, std::string message) {
   const virError* const error = virGetLastError();
   if (error == nullptr || error->code == VIR_ERR_OK) {
-    return {Problem::kFailed, std::move(message), "libvirt does not say why"};
+    return {FailureKind::kFailed, std::move(message), "libvirt does not report a reason"};
   }
-  const Problem problem = Translate(operation, *error);
-  return {problem, std::move(message), error->message != nullptr ? error->message : ""};
+  const FailureKind kind = ClassifyError(operation, *error);
+  return {kind, std::move(message), error->message != nullptr ? error->message : ""};
 }
 
 }  // namespace vexa::hypervisor

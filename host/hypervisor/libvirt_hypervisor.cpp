@@ -1,10 +1,13 @@
 #include "host/hypervisor/libvirt_hypervisor.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 
+#include "host/base/rows.h"
 #include "host/base/uuid.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/hypervisor/event_loop.h"
 #include "host/hypervisor/kvm_probe.h"
 
@@ -16,14 +19,14 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// Empty when it is unknown: a remote connection knows only its own kernel, and this one may be lost again already.
-std::string TypeFor(const Target& target, virConnectPtr connection) {
-  if (target.kind == TargetKind::kTest) return "test";
-  if (target.kind == TargetKind::kEmbed) return KvmWorks("/dev/kvm") ? "kvm" : "qemu";
+// The <domain type>. Empty when it is unknown: only a live connection can report whether its host has KVM.
+std::string DomainTypeFor(const DriverTarget& target, virConnectPtr connection) {
+  if (target.kind == DriverKind::kTest) return "test";
+  if (target.kind == DriverKind::kEmbed) return KvmWorks("/dev/kvm") ? "kvm" : "qemu";
   const char* const driver = virConnectGetType(connection);
   const std::string type = Lower(driver != nullptr ? driver : "");
   if (type != "qemu") return type;
-  const TextHandle capabilities(virConnectGetDomainCapabilities(connection, nullptr, "x86_64", nullptr, "kvm", 0));
+  const StringHandle capabilities(virConnectGetDomainCapabilities(connection, nullptr, "x86_64", nullptr, "kvm", 0));
   if (capabilities) return "kvm";
   return virConnectIsAlive(connection) == 1 ? "qemu" : "";
 }
@@ -36,30 +39,25 @@ std::string IdOf(virDomainPtr domain) {
 }  // namespace
 
 std::string_view GuestStateName(GuestState state) {
-  switch (state) {
-    case GuestState::kOff:
-      return "off";
-    case GuestState::kRunning:
-      return "running";
-    case GuestState::kPaused:
-      return "paused";
-    case GuestState::kShuttingDown:
-      return "shutting_down";
-    case GuestState::kSaved:
-      return "saved";
-    case GuestState::kCrashed:
-      return "crashed";
-    case GuestState::kGone:
-      return "gone";
-  }
-  return "off";
+  struct Row {
+    GuestState state;
+    std::string_view name;
+  };
+  constexpr Row kNames[] = {
+      {GuestState::kOff, "off"},       {GuestState::kRunning, "running"},
+      {GuestState::kPaused, "paused"}, {GuestState::kShuttingDown, "shutting_down"},
+      {GuestState::kSaved, "saved"},   {GuestState::kCrashed, "crashed"},
+      {GuestState::kGone, "gone"},
+  };
+  const Row* const row = FindRow(kNames, &Row::state, state);
+  return row != nullptr ? row->name : "off";
 }
 
 bool IsActive(GuestState state) {
   return state == GuestState::kRunning || state == GuestState::kPaused || state == GuestState::kShuttingDown;
 }
 
-// Not virDomainGetInfo, which asks QEMU for its memory and waits seconds for a stopped one.
+// Does not use virDomainGetInfo, which queries QEMU for its memory and waits seconds for a stopped process.
 std::optional<GuestState> StateOfDomain(virDomainPtr domain) {
   int state = 0;
   int reason = 0;
@@ -81,121 +79,145 @@ std::optional<GuestState> StateOfDomain(virDomainPtr domain) {
   }
 }
 
-Outcome<std::unique_ptr<Hypervisor>> Hypervisor::Open(HypervisorOptions options) {
-  if (options.first_retry.count() <= 0 || options.last_retry < options.first_retry) {
-    return Failure(Problem::kInvalid, "The waits before a lost connection is opened again are not above zero, or fall");
+Result<std::unique_ptr<Hypervisor>, Failure> Hypervisor::Open(HypervisorOptions options) {
+  if (options.initial_retry_wait.count() <= 0 || options.max_retry_wait < options.initial_retry_wait) {
+    return Failure(FailureKind::kInvalid,
+                   "The waits before a lost connection is reopened must be above zero and must not decrease");
   }
-  if (Outcome<void> loop = StartEventLoop(); !loop) return loop.failure();
-  Outcome<Target> target = MakeTarget(options);
-  if (!target) return target.failure();
-  Outcome<std::unique_ptr<Link>> link =
-      Link::Open({target->uri, std::move(options.on_event), std::move(options.on_reopened), options.first_retry,
-                  options.last_retry, options.open_later});
-  if (!link) return link.failure();
+  if (Result<void, Failure> loop = StartEventLoop(); !loop) return loop.error();
+  Result<DriverTarget, Failure> target = ResolveDriver(options);
+  if (!target) return target.error();
+  Result<std::unique_ptr<LibvirtConnection>, Failure> connection =
+      LibvirtConnection::Open({target->uri, std::move(options.on_event), std::move(options.on_reopened),
+                               options.initial_retry_wait, options.max_retry_wait, options.if_unreachable});
+  if (!connection) return connection.error();
   return std::unique_ptr<Hypervisor>(
-      std::make_unique<LibvirtHypervisor>(std::move(*target), options.memory_check, std::move(*link)));
+      std::make_unique<LibvirtHypervisor>(std::move(*target), options.memory_check, std::move(*connection)));
 }
 
-LibvirtHypervisor::LibvirtHypervisor(Target target, MemoryCheck memory_check, std::unique_ptr<Link> link)
-    : target_(std::move(target)), memory_check_(memory_check), link_(std::move(link)) {}
+LibvirtHypervisor::LibvirtHypervisor(DriverTarget target, MemoryCheck memory_check,
+                                     std::unique_ptr<LibvirtConnection> connection)
+    : target_(std::move(target)), memory_check_(memory_check), connection_(std::move(connection)) {}
 
 std::string LibvirtHypervisor::DomainType() const {
-  const std::lock_guard lock(type_mutex_);
+  const MutexLock lock(type_mutex_);
   if (!domain_type_.empty()) return domain_type_;
-  const std::shared_ptr<virConnect> connection = link_->Current();
-  if (connection) domain_type_ = TypeFor(target_, connection.get());
+  const std::shared_ptr<virConnect> connection = connection_->Current();
+  if (connection) domain_type_ = DomainTypeFor(target_, connection.get());
   return domain_type_.empty() ? "qemu" : domain_type_;
 }
 
-CpuShares LibvirtHypervisor::ProcessorShares() const {
-  return target_.IsUnprivileged() ? CpuShares::kLeftOut : CpuShares::kAllowed;
+domain_xml::CpuShares LibvirtHypervisor::CpuSharesSupport() const {
+  return target_.IsUnprivileged() ? domain_xml::CpuShares::kOmitted : domain_xml::CpuShares::kAllowed;
 }
 
-Outcome<std::shared_ptr<virConnect>> LibvirtHypervisor::Connection() const {
-  std::shared_ptr<virConnect> connection = link_->Current();
+Result<std::shared_ptr<virConnect>, Failure> LibvirtHypervisor::Connection() const {
+  std::shared_ptr<virConnect> connection = connection_->Current();
   if (!connection) {
-    return Failure(Problem::kDisconnected, "The connection to libvirt is lost: it is being opened again");
+    return Failure(FailureKind::kDisconnected, "The connection to libvirt is lost and is being reopened");
   }
   return connection;
 }
 
-Outcome<LibvirtHypervisor::Found> LibvirtHypervisor::Find(const std::string& id) const {
+Result<LibvirtHypervisor::DomainOnConnection, Failure> LibvirtHypervisor::Find(const std::string& id) const {
   const std::string normal = NormalizeUuid(id);
-  if (normal.empty())
-    return Failure(Problem::kInvalid, "The id of the guest is no UUID: give one of the form 8-4-4-4-12");
-  Outcome<std::shared_ptr<virConnect>> connection = Connection();
-  if (!connection) return connection.failure();
+  if (normal.empty()) {
+    return Failure(FailureKind::kInvalid, "The id of the guest is not a UUID. Use the form 8-4-4-4-12");
+  }
+  Result<std::shared_ptr<virConnect>, Failure> connection = Connection();
+  if (!connection) return connection.error();
   DomainHandle domain(virDomainLookupByUUIDString(connection->get(), normal.c_str()));
-  if (!domain) return Failed(*connection, Operation::kRead, "Cannot find the guest " + normal);
-  return Found{std::move(*connection), std::move(domain)};
+  if (!domain) return MakeFailure(*connection, Operation::kRead, fmt::format("Cannot find the guest {}", normal));
+  return DomainOnConnection{std::move(*connection), std::move(domain)};
 }
 
-Failure LibvirtHypervisor::Failed(const std::shared_ptr<virConnect>& connection, Operation operation,
-                                  std::string message) const {
+Result<LibvirtHypervisor::DomainOnConnection, Failure> LibvirtHypervisor::FindRunning(
+    const std::string& id, const std::string& message) const {
+  Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest;
+  const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
+  if (!state) return GuestFailure(*guest, Operation::kRead, message);
+  if (!IsActive(*state)) return Failure(FailureKind::kNotRunning, message, "It is not running");
+  return guest;
+}
+
+Result<StringHandle, Failure> LibvirtHypervisor::RunningXml(const DomainOnConnection& guest,
+                                                            const std::string& message) const {
+  StringHandle xml(virDomainGetXMLDesc(guest.domain.get(), 0));
+  if (!xml) return GuestFailure(guest, Operation::kRead, message);
+  return xml;
+}
+
+Failure LibvirtHypervisor::MakeFailure(const std::shared_ptr<virConnect>& connection, Operation operation,
+                                       std::string message) const {
   Failure failure = LastFailure(operation, std::move(message));
-  // The check would overwrite the error, which has been copied by now. Only the connection in use is dropped: another
+  // The check overwrites libvirt's error, which has been copied by now. Only the connection in use is dropped: another
   // thread may already have replaced it.
   if (virConnectIsAlive(connection.get()) == 0) {
-    if (link_->Current() == connection) link_->Lose();
-    return {Problem::kDisconnected, failure.error().message(), failure.error().cause()};
+    if (connection_->Current() == connection) connection_->MarkLost();
+    return {FailureKind::kDisconnected, failure.message(), failure.cause()};
   }
-  // An in-process driver has no connection to lose, except to daemons that it asks itself.
-  if (target_.kind == TargetKind::kEmbed && failure.problem() == Problem::kDisconnected) {
-    return {Problem::kFailed, failure.error().message(), failure.error().cause()};
+  // An in-process driver cannot lose its connection. The error is about a daemon that the driver uses.
+  if (target_.kind == DriverKind::kEmbed && failure.kind() == FailureKind::kDisconnected) {
+    return {FailureKind::kFailed, failure.message(), failure.cause()};
   }
   return failure;
 }
 
-Failure LibvirtHypervisor::FailedOn(const Found& guest, Operation operation, std::string message) const {
-  Failure failure = Failed(guest.connection, operation, std::move(message));
-  if (failure.problem() != Problem::kFailed) return failure;
+Failure LibvirtHypervisor::GuestFailure(const DomainOnConnection& guest, Operation operation,
+                                        std::string message) const {
+  Failure failure = MakeFailure(guest.connection, operation, std::move(message));
+  if (failure.kind() != FailureKind::kFailed) return failure;
   const std::optional<GuestState> state = StateOfDomain(guest.domain.get());
   if (!state) return failure;
   const bool start = operation == Operation::kStart;
-  if (start && IsActive(*state)) return {Problem::kAlreadyRunning, failure.error().message(), failure.error().cause()};
+  if (start && IsActive(*state)) return {FailureKind::kAlreadyRunning, failure.message(), failure.cause()};
   const bool needs_running = operation == Operation::kStop || operation == Operation::kRead;
   if (needs_running && !IsActive(*state)) {
-    return {Problem::kNotRunning, failure.error().message(), failure.error().cause()};
+    return {FailureKind::kNotRunning, failure.message(), failure.cause()};
   }
   return failure;
 }
 
-Outcome<std::string> LibvirtHypervisor::Define(const std::string& xml) {
-  if (xml.size() > kMaxDomainXmlBytes || xml.find('\0') != std::string::npos) {
-    return Failure(Problem::kInvalid, "The XML of the guest has more than 4 MiB or a NUL: that is no domain XML");
+Result<std::string, Failure> LibvirtHypervisor::Define(const std::string& xml) {
+  if (xml.size() > domain_xml::kMaxDomainXmlBytes || xml.find('\0') != std::string::npos) {
+    return Failure(FailureKind::kInvalid,
+                   "The XML of the guest is larger than 4 MiB or contains a NUL. This is not domain XML");
   }
-  Outcome<std::shared_ptr<virConnect>> connection = Connection();
-  if (!connection) return connection.failure();
+  Result<std::shared_ptr<virConnect>, Failure> connection = Connection();
+  if (!connection) return connection.error();
   const DomainHandle domain(virDomainDefineXMLFlags(connection->get(), xml.c_str(), 0));
-  if (!domain) return Failed(*connection, Operation::kDefine, "Cannot define the guest");
+  if (!domain) return MakeFailure(*connection, Operation::kDefine, "Cannot define the guest");
   return IdOf(domain.get());
 }
 
-Outcome<GuestState> LibvirtHypervisor::StateOf(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
+Result<GuestState, Failure> LibvirtHypervisor::StateOf(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
-  if (!state) return Failed(guest->connection, Operation::kRead, "Cannot read the state of the guest " + id);
+  if (!state) {
+    return MakeFailure(guest->connection, Operation::kRead, fmt::format("Cannot read the state of the guest {}", id));
+  }
   return *state;
 }
 
-Outcome<bool> LibvirtHypervisor::HasStoppedForStorage(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
+Result<bool, Failure> LibvirtHypervisor::IsPausedOnIoError(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
   int state = 0;
   int reason = 0;
   if (virDomainGetState(guest->domain.get(), &state, &reason, 0) != 0) {
-    return Failed(guest->connection, Operation::kRead, "Cannot read the state of the guest " + id);
+    return MakeFailure(guest->connection, Operation::kRead, fmt::format("Cannot read the state of the guest {}", id));
   }
   return state == VIR_DOMAIN_PAUSED && reason == VIR_DOMAIN_PAUSED_IOERROR;
 }
 
-Outcome<std::vector<KnownGuest>> LibvirtHypervisor::List() {
-  Outcome<std::shared_ptr<virConnect>> connection = Connection();
-  if (!connection) return connection.failure();
+Result<std::vector<KnownGuest>, Failure> LibvirtHypervisor::List() {
+  Result<std::shared_ptr<virConnect>, Failure> connection = Connection();
+  if (!connection) return connection.error();
   virDomainPtr* raw = nullptr;
   const int count = virConnectListAllDomains(connection->get(), &raw, 0);
-  if (count < 0) return Failed(*connection, Operation::kRead, "Cannot list the guests");
+  if (count < 0) return MakeFailure(*connection, Operation::kRead, "Cannot list the guests");
   const std::vector<DomainHandle> domains(raw, raw + count);
   std::free(raw);
 
@@ -206,7 +228,7 @@ Outcome<std::vector<KnownGuest>> LibvirtHypervisor::List() {
       const char* const name = virDomainGetName(domain.get());
       guests.push_back({IdOf(domain.get()), name != nullptr ? name : "", *state});
     } else if (virGetLastErrorCode() != VIR_ERR_NO_DOMAIN) {  // a guest may disappear meanwhile
-      return Failed(*connection, Operation::kRead, "Cannot list the guests");
+      return MakeFailure(*connection, Operation::kRead, "Cannot list the guests");
     }
   }
   std::sort(guests.begin(), guests.end(),

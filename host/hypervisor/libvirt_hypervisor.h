@@ -2,12 +2,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
+#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
+#include <string>
 
+#include "host/base/mutex.h"
 #include "host/hypervisor/driver_uri.h"
 #include "host/hypervisor/libvirt_connection.h"
 #include "host/hypervisor/libvirt_errors.h"
@@ -17,96 +17,115 @@ namespace vexa::hypervisor {
 // Serialises starts and stops per guest: libvirt's monitors corrupt memory when a guest is powered off while it is
 // being started.
 // Threads: any, at the same time.
-class Turns {
+class GuestOperationLocks {
  public:
-  class Turn {
+  class Lock {
    public:
-    Turn(Turns& turns, std::string id);
-    ~Turn();
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
+    // Waits for the guest's lock.
+    Lock(GuestOperationLocks& locks, std::string id);
+    ~Lock();
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+    // Whether EndHolder was called while this lock was held.
+    bool WasEnded() const;
 
    private:
-    friend class Turns;
-    struct Taken {};
-    Turn(Turns& turns, std::string id, Taken) : turns_(turns), id_(std::move(id)) {}
+    friend class GuestOperationLocks;
+    // For a lock that TryLockGuest has acquired.
+    struct Acquired {};
+    Lock(GuestOperationLocks& locks, std::string id, Acquired) : locks_(locks), id_(std::move(id)) {}
 
-    Turns& turns_;
+    GuestOperationLocks& locks_;
     const std::string id_;
   };
 
-  // Null: the other operation has not ended by then.
-  std::unique_ptr<Turn> TryTake(const std::string& id, std::chrono::milliseconds patience);
+  // Null when a single operation has held the lock for `timeout` of this call. Operations that come and go meanwhile
+  // each have that long.
+  std::unique_ptr<Lock> TryLockGuest(const std::string& id, std::chrono::milliseconds timeout);
+
+  // Lets the operation that holds the lock know that it is being ended from outside.
+  void EndHolder(const std::string& id);
 
  private:
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  std::set<std::string> taken_;
+  struct Holder {
+    std::chrono::steady_clock::time_point since = std::chrono::steady_clock::now();
+    bool is_ended = false;
+  };
+
+  mutable Mutex mutex_;
+  ConditionVariable released_;
+  std::map<std::string, Holder> holders_ VEXA_GUARDED_BY(mutex_);  // by guest
 };
 
 class LibvirtHypervisor final : public Hypervisor {
  public:
-  LibvirtHypervisor(Target target, MemoryCheck memory_check, std::unique_ptr<Link> link);
+  LibvirtHypervisor(DriverTarget target, MemoryCheck memory_check, std::unique_ptr<LibvirtConnection> connection);
 
   std::string DomainType() const override;
-  CpuShares ProcessorShares() const override;
-  Outcome<std::string> Define(const std::string& xml) override;
-  Outcome<void> Undefine(const std::string& id, UndefineScope scope) override;
-  Outcome<void> DiscardSaved(const std::string& id) override;
-  Outcome<Definition> DefinitionOf(const std::string& id) override;
-  Outcome<std::string> XmlOf(const std::string& id) override;
-  Outcome<bool> IsAutostarted(const std::string& id) override;
-  Outcome<void> SetAutostart(const std::string& id, bool autostart) override;
-  Outcome<void> Start(const std::string& id) override;
-  Outcome<void> ShutDown(const std::string& id) override;
-  Outcome<void> PowerOff(const std::string& id) override;
-  Outcome<void> Reboot(const std::string& id) override;
-  Outcome<GuestState> StateOf(const std::string& id) override;
-  Outcome<bool> HasStoppedForStorage(const std::string& id) override;
-  Outcome<std::vector<KnownGuest>> List() override;
-  Outcome<std::vector<std::string>> AddressesOf(const std::string& id) override;
-  Outcome<bool> HasAgent(const std::string& id) override;
-  Outcome<std::vector<GuestInterface>> InterfacesOf(const std::string& id) override;
-  Outcome<std::vector<std::string>> Networks() override;
-  Outcome<std::uint64_t> FreeMemory() override;
-  Outcome<Node> NodeFigures() override;
-  Outcome<std::string> Version() override;
-  bool IsConnected() const override { return link_->IsConnected(); }
-  void Reconnect() override { link_->Lose(); }
+  domain_xml::CpuShares CpuSharesSupport() const override;
+  Result<std::string, Failure> Define(const std::string& xml) override;
+  Result<void, Failure> Undefine(const std::string& id, UndefineScope scope) override;
+  Result<void, Failure> DiscardSaved(const std::string& id) override;
+  Result<Definition, Failure> DefinitionOf(const std::string& id) override;
+  Result<std::string, Failure> XmlOf(const std::string& id) override;
+  Result<bool, Failure> IsAutostarted(const std::string& id) override;
+  Result<void, Failure> SetAutostart(const std::string& id, bool autostart) override;
+  Result<void, Failure> Start(const std::string& id) override;
+  Result<void, Failure> ShutDown(const std::string& id) override;
+  Result<void, Failure> PowerOff(const std::string& id) override;
+  Result<void, Failure> Reboot(const std::string& id) override;
+  Result<GuestState, Failure> StateOf(const std::string& id) override;
+  Result<bool, Failure> IsPausedOnIoError(const std::string& id) override;
+  Result<std::vector<KnownGuest>, Failure> List() override;
+  Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) override;
+  Result<bool, Failure> HasAgent(const std::string& id) override;
+  Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) override;
+  Result<std::vector<std::string>, Failure> Networks() override;
+  Result<std::uint64_t, Failure> FreeMemory() override;
+  Result<NodeInfo, Failure> GetNodeInfo() override;
+  Result<std::string, Failure> Version() override;
+  bool IsConnected() const override { return connection_->IsConnected(); }
+  void Reconnect() override { connection_->MarkLost(); }
 
  private:
   // A guest and the connection on which it was found.
-  struct Found {
+  struct DomainOnConnection {
     std::shared_ptr<virConnect> connection;
     DomainHandle domain;
   };
 
-  Outcome<std::shared_ptr<virConnect>> Connection() const;
-  Outcome<Found> Find(const std::string& id) const;
+  Result<std::shared_ptr<virConnect>, Failure> Connection() const;
+  Result<DomainOnConnection, Failure> Find(const std::string& id) const;
+  // A guest that is running. Failures: kNotRunning, with `message`.
+  Result<DomainOnConnection, Failure> FindRunning(const std::string& id, const std::string& message) const;
+  // The XML of the domain as it runs now, not of its next start. Failures: those of libvirt, with `message`.
+  Result<StringHandle, Failure> RunningXml(const DomainOnConnection& guest, const std::string& message) const;
 
-  // The failure of this thread's last libvirt call on `connection`. A connection that has ended is dropped.
-  Failure Failed(const std::shared_ptr<virConnect>& connection, Operation operation, std::string message) const;
-  // The same for a call on a guest. Where libvirt's error does not show whether the guest runs, libvirt is asked.
-  Failure FailedOn(const Found& guest, Operation operation, std::string message) const;
+  // The failure of this thread's last libvirt call on `connection`. Drops a connection that has ended, so that it is
+  // reopened.
+  Failure MakeFailure(const std::shared_ptr<virConnect>& connection, Operation operation, std::string message) const;
+  // The same for a call on a guest. If libvirt's error does not show whether the guest runs, queries its state.
+  Failure GuestFailure(const DomainOnConnection& guest, Operation operation, std::string message) const;
 
-  Outcome<void> CheckMemory(const Found& guest) const;
+  Result<void, Failure> CheckMemory(const DomainOnConnection& guest) const;
   // Whether the guest has more than its definition: saved memory, snapshots, checkpoints.
-  bool HasState(const Found& guest) const;
-  Outcome<std::uint64_t> FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const;
+  bool HasExtraState(const DomainOnConnection& guest) const;
+  Result<std::uint64_t, Failure> FreeMemoryOf(const std::shared_ptr<virConnect>& connection) const;
 
-  const Target target_;
+  const DriverTarget target_;
   const MemoryCheck memory_check_;
-  Turns turns_;
-  mutable std::mutex type_mutex_;
-  mutable std::string domain_type_;  // empty until a connection has reported it
+  GuestOperationLocks guest_locks_;
+  mutable Mutex type_mutex_;
+  mutable std::string domain_type_ VEXA_GUARDED_BY(type_mutex_);  // empty until a connection has reported it
   // Destroyed first: a callback that is still running may use the other members.
-  const std::unique_ptr<Link> link_;
+  const std::unique_ptr<LibvirtConnection> connection_;
 };
 
 // The current state of a domain according to libvirt. Empty: unknown, see libvirt's last error.
 std::optional<GuestState> StateOfDomain(virDomainPtr domain);
 
-// Whether the guest's machine exists: it is running, paused or shutting down.
+// Whether the guest has a VM process: it is running, paused or shutting down.
 bool IsActive(GuestState state);
 
 }  // namespace vexa::hypervisor

@@ -1,34 +1,36 @@
 // What the interfaces of running guests are plugged into.
+#include <fmt/format.h>
+
 #include "host/hypervisor/libvirt_hypervisor.h"
 
 namespace vexa::hypervisor {
 namespace {
 
-// If the network cannot be queried, the interface stays as the domain shows it.
-void AskNetwork(virConnectPtr connection, GuestInterface& interface) {
+// Sets the bridge or device of the host that the interface's network leads to. If libvirt does not return the network,
+// the interface keeps what the domain's XML says.
+void ResolveByName(virConnectPtr connection, domain_xml::GuestInterface& interface) {
   const NetworkHandle network(virNetworkLookupByName(connection, interface.network.c_str()));
   if (!network) return;
-  const TextHandle xml(virNetworkGetXMLDesc(network.get(), 0));
-  const TextHandle bridge(virNetworkGetBridgeName(network.get()));
-  ResolveNetwork(xml ? xml.get() : "", bridge ? bridge.get() : "", interface);
+  const StringHandle xml(virNetworkGetXMLDesc(network.get(), 0));
+  const StringHandle bridge(virNetworkGetBridgeName(network.get()));
+  domain_xml::ResolveNetwork(xml ? xml.get() : "", bridge ? bridge.get() : "", interface);
 }
 
 }  // namespace
 
-Outcome<std::vector<GuestInterface>> LibvirtHypervisor::InterfacesOf(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  const std::string failed = "Cannot read the network interfaces of the guest " + id;
-  const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
-  if (!state) return FailedOn(*guest, Operation::kRead, failed);
-  if (!IsActive(*state)) return Failure(Problem::kNotRunning, failed, "It does not run");
-  const TextHandle xml(virDomainGetXMLDesc(guest->domain.get(), 0));
-  if (!xml) return FailedOn(*guest, Operation::kRead, failed);
-  Result<std::vector<GuestInterface>> interfaces = ParseGuestInterfaces(xml.get());
-  if (!interfaces) return Failure(Problem::kFailed, failed, interfaces.error().ToString());
-  for (GuestInterface& interface : *interfaces) {
-    const bool is_open = interface.plugged_into == PluggedInto::kNetwork && interface.device.empty();
-    if (is_open && !interface.network.empty()) AskNetwork(guest->connection.get(), interface);
+Result<std::vector<domain_xml::GuestInterface>, Failure> LibvirtHypervisor::InterfacesOf(const std::string& id) {
+  const std::string failed = fmt::format("Cannot read the network interfaces of the guest {}", id);
+  const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  if (!guest) return guest.error();
+  const Result<StringHandle, Failure> xml = RunningXml(*guest, failed);
+  if (!xml) return xml.error();
+  Result<std::vector<domain_xml::GuestInterface>> interfaces = domain_xml::ParseGuestInterfaces(xml->get());
+  if (!interfaces) return Failure(FailureKind::kFailed, failed, interfaces.error().ToString());
+
+  for (domain_xml::GuestInterface& interface : *interfaces) {
+    const bool is_unresolved =
+        interface.attachment_kind == domain_xml::NicAttachment::kNetwork && interface.device.empty();
+    if (is_unresolved && !interface.network.empty()) ResolveByName(guest->connection.get(), interface);
   }
   return std::move(*interfaces);
 }

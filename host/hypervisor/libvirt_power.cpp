@@ -1,11 +1,14 @@
 // Starting and stopping guests.
+#include <fmt/format.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <pugixml.hpp>
 #include <string_view>
 
+#include "host/base/mutex.h"
 #include "host/base/uuid.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
 #include "host/hypervisor/qemu_process.h"
 
@@ -17,9 +20,9 @@ constexpr std::uint64_t kKib = 1024;
 constexpr std::chrono::seconds kMaxWaitForStart{5};
 constexpr std::chrono::seconds kMaxWaitForKilledStart{10};
 
-// The name of a bridge that the guest needs and this machine does not have; empty when absent.
+// The name of a bridge that the guest needs and this machine does not have; empty when none is missing.
 std::string MissingBridge(virDomainPtr domain) {
-  const TextHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
+  const StringHandle xml(virDomainGetXMLDesc(domain, VIR_DOMAIN_XML_INACTIVE));
   pugi::xml_document document;
   if (!xml || !document.load_string(xml.get())) return "";
   for (const pugi::xml_node& interface : document.document_element().child("devices").children("interface")) {
@@ -30,98 +33,113 @@ std::string MissingBridge(virDomainPtr domain) {
   return "";
 }
 
-std::string InMib(std::uint64_t bytes) { return std::to_string(bytes >> 20) + " MiB"; }
-
 }  // namespace
 
-Turns::Turn::Turn(Turns& turns, std::string id) : turns_(turns), id_(std::move(id)) {
-  std::unique_lock lock(turns_.mutex_);
-  turns_.ended_.wait(lock, [this] { return turns_.taken_.insert(id_).second; });
+GuestOperationLocks::Lock::Lock(GuestOperationLocks& locks, std::string id) : locks_(locks), id_(std::move(id)) {
+  const MutexLock lock(locks_.mutex_);
+  while (!locks_.holders_.try_emplace(id_).second) locks_.released_.Wait(locks_.mutex_);
 }
 
-std::unique_ptr<Turns::Turn> Turns::TryTake(const std::string& id, std::chrono::milliseconds patience) {
-  std::unique_lock lock(mutex_);
-  if (!ended_.wait_for(lock, patience, [&] { return taken_.insert(id).second; })) return nullptr;
-  return std::unique_ptr<Turn>(new Turn(*this, id, Turn::Taken()));
+GuestOperationLocks::Lock::~Lock() {
+  const MutexLock lock(locks_.mutex_);
+  locks_.holders_.erase(id_);
+  locks_.released_.NotifyAll();
 }
 
-Turns::Turn::~Turn() {
-  const std::lock_guard lock(turns_.mutex_);
-  turns_.taken_.erase(id_);
-  turns_.ended_.notify_all();
+bool GuestOperationLocks::Lock::WasEnded() const {
+  const MutexLock lock(locks_.mutex_);
+  return locks_.holders_.at(id_).is_ended;
 }
 
-// QEMU's error for a lack of memory has no code of its own, and by then the host may have evicted other processes'
-// memory.
-Outcome<void> LibvirtHypervisor::CheckMemory(const Found& guest) const {
+std::unique_ptr<GuestOperationLocks::Lock> GuestOperationLocks::TryLockGuest(const std::string& id,
+                                                                             std::chrono::milliseconds timeout) {
+  const auto begin = std::chrono::steady_clock::now();
+  const MutexLock lock(mutex_);
+  while (!holders_.try_emplace(id).second) {
+    const auto end = std::max(begin, holders_.at(id).since) + timeout;
+    if (std::chrono::steady_clock::now() >= end) return nullptr;
+    released_.WaitUntil(mutex_, end);
+  }
+  return std::unique_ptr<Lock>(new Lock(*this, id, Lock::Acquired()));
+}
+
+void GuestOperationLocks::EndHolder(const std::string& id) {
+  const MutexLock lock(mutex_);
+  if (const auto holder = holders_.find(id); holder != holders_.end()) holder->second.is_ended = true;
+}
+
+// Checked before the start: QEMU's error for a lack of memory has no code of its own, and by then the host may have
+// evicted other processes' memory.
+Result<void, Failure> LibvirtHypervisor::CheckMemory(const DomainOnConnection& guest) const {
   const bool check = memory_check_ == MemoryCheck::kAlways || DomainType() != "test";
   if (!check) return {};
   const std::uint64_t needed = std::uint64_t{virDomainGetMaxMemory(guest.domain.get())} * kKib;
-  const Outcome<std::uint64_t> free = FreeMemoryOf(guest.connection);
+  const Result<std::uint64_t, Failure> free = FreeMemoryOf(guest.connection);
   // A host that does not report its memory is not a reason to refuse guests.
   if (!free || needed <= *free) return {};
-  return Failure(Problem::kNoMemory, "The host has not enough memory for the guest",
-                 "It needs " + InMib(needed) + ", and " + InMib(*free) + " are free");
+  return Failure(FailureKind::kNoMemory, "The host does not have enough memory for the guest",
+                 fmt::format("It needs {} MiB, and {} MiB are free", needed >> 20, *free >> 20));
 }
 
-Outcome<void> LibvirtHypervisor::Start(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  const std::string failed = "Cannot start the guest " + id;
-  const Turns::Turn turn(turns_, NormalizeUuid(id));
-  // First, so that a running guest is not reported as short of the memory that it already has.
+Result<void, Failure> LibvirtHypervisor::Start(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  const std::string failed = fmt::format("Cannot start the guest {}", id);
+  const GuestOperationLocks::Lock lock(guest_locks_, NormalizeUuid(id));
+  // Checked first, so that a running guest is not reported as short of the memory that it already has.
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
-  if (state && IsActive(*state)) return Failure(Problem::kAlreadyRunning, failed, "It runs already");
-  if (Outcome<void> memory = CheckMemory(*guest); !memory) return memory;
+  if (state && IsActive(*state)) return Failure(FailureKind::kAlreadyRunning, failed, "It is already running");
+  if (Result<void, Failure> memory = CheckMemory(*guest); !memory) return memory;
   if (virDomainCreate(guest->domain.get()) == 0) return {};
-  Failure failure = FailedOn(*guest, Operation::kStart, failed);
+  if (lock.WasEnded()) return Failure(FailureKind::kBusy, failed, "It was powered off before the start ended");
+  Failure failure = GuestFailure(*guest, Operation::kStart, failed);
   // The helpers that add guests of users other than root to bridges check their own rights first.
-  const bool unclear = failure.problem() == Problem::kFailed || failure.problem() == Problem::kDenied;
-  if (!unclear || target_.kind == TargetKind::kUri) return failure;
+  const bool unclear = failure.kind() == FailureKind::kFailed || failure.kind() == FailureKind::kDenied;
+  if (!unclear || target_.kind == DriverKind::kUri) return failure;
   const std::string bridge = MissingBridge(guest->domain.get());
   if (bridge.empty()) return failure;
-  return Failure(Problem::kBridgeMissing, failed, "There is no bridge '" + bridge + "'");
+  return Failure(FailureKind::kBridgeMissing, failed, fmt::format("There is no bridge '{}'", bridge));
 }
 
-Outcome<void> LibvirtHypervisor::ShutDown(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  const std::string failed = "Cannot shut down the guest " + id;
+Result<void, Failure> LibvirtHypervisor::ShutDown(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  const std::string failed = fmt::format("Cannot shut down the guest {}", id);
   const std::optional<GuestState> state = StateOfDomain(guest->domain.get());
-  if (state && !IsActive(*state)) return Failure(Problem::kNotRunning, failed, "It does not run");
+  if (state && !IsActive(*state)) return Failure(FailureKind::kNotRunning, failed, "It is not running");
   // Without flags, libvirt asks the agent if one is connected; otherwise it presses the power button.
   if (virDomainShutdown(guest->domain.get()) == 0) return {};
-  Failure failure = FailedOn(*guest, Operation::kStop, failed);
-  // A guest that goes off quickly takes its agent with it before libvirt has the answer.
-  if (state && failure.problem() == Problem::kNotRunning) return {};
+  Failure failure = GuestFailure(*guest, Operation::kStop, failed);
+  // A guest that powers off quickly ends its agent before libvirt has received the reply.
+  if (state && failure.kind() == FailureKind::kNotRunning) return {};
   return failure;
 }
 
-Outcome<void> LibvirtHypervisor::PowerOff(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
-  // A start that hangs would keep its turn forever; it ends when its QEMU does.
+Result<void, Failure> LibvirtHypervisor::PowerOff(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
+  // A start that hangs would keep its lock forever; it ends when its QEMU process does.
   const std::string normal = NormalizeUuid(id);
-  std::unique_ptr<Turns::Turn> turn = turns_.TryTake(normal, kMaxWaitForStart);
-  if (!turn && target_.kind == TargetKind::kEmbed) {
-    KillQemusOf(normal, target_.root);
-    turn = turns_.TryTake(normal, kMaxWaitForKilledStart);
+  std::unique_ptr<GuestOperationLocks::Lock> lock = guest_locks_.TryLockGuest(normal, kMaxWaitForStart);
+  if (!lock && target_.kind == DriverKind::kEmbed) {
+    guest_locks_.EndHolder(normal);
+    KillQemuProcesses(normal, target_.root);
+    lock = guest_locks_.TryLockGuest(normal, kMaxWaitForKilledStart);
   }
-  // A remote libvirt serialises on its own; in this process, two concurrent calls would corrupt memory.
-  if (!turn && target_.kind != TargetKind::kUri) {
-    return Failure(Problem::kBusy, "Cannot power off the guest " + id, "It is being started, and that does not end");
+  // A remote libvirt serialises calls itself; in this process, two concurrent calls would corrupt memory.
+  const std::string failed = fmt::format("Cannot power off the guest {}", id);
+  if (!lock && target_.kind != DriverKind::kUri) {
+    return Failure(FailureKind::kBusy, failed, "It is being started, and the start does not end");
   }
-  if (virDomainDestroy(guest->domain.get()) != 0) {
-    return FailedOn(*guest, Operation::kStop, "Cannot power off the guest " + id);
-  }
+  if (virDomainDestroy(guest->domain.get()) != 0) return GuestFailure(*guest, Operation::kStop, failed);
   return {};
 }
 
-Outcome<void> LibvirtHypervisor::Reboot(const std::string& id) {
-  const Outcome<Found> guest = Find(id);
-  if (!guest) return guest.failure();
+Result<void, Failure> LibvirtHypervisor::Reboot(const std::string& id) {
+  const Result<DomainOnConnection, Failure> guest = Find(id);
+  if (!guest) return guest.error();
   if (virDomainReboot(guest->domain.get(), 0) != 0) {
-    return FailedOn(*guest, Operation::kStop, "Cannot reboot the guest " + id);
+    return GuestFailure(*guest, Operation::kStop, fmt::format("Cannot reboot the guest {}", id));
   }
   return {};
 }

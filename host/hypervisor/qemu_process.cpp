@@ -30,10 +30,11 @@ bool IsQemuOf(const std::string& line, const std::string& id, const std::string&
 
 }  // namespace
 
-int KillQemusOf(const std::string& id, const std::string& root) {
+int KillQemuProcesses(const std::string& id, const std::string& root) {
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(::opendir("/proc"), ::closedir);
   if (!processes) return 0;
   int count = 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): threads may read different directories, see readdir(3).
   while (const dirent* const entry = ::readdir(processes.get())) {
     const std::string_view name = entry->d_name;
     pid_t pid = 0;

@@ -1,4 +1,4 @@
-// Finds QEMU processes on this machine, for when libvirt cannot reach them.
+// Kills QEMU processes on this machine that libvirt cannot reach.
 #pragma once
 
 #include <string>
@@ -9,6 +9,6 @@ namespace vexa::hypervisor {
 // where libvirt passes the UUID as "-uuid"; unless `root` is empty, they must also name a file below `root`. Processes
 // of other users stay when this process may not kill them. Returns how many were killed, without waiting for them to
 // end.
-int KillQemusOf(const std::string& id, const std::string& root);
+int KillQemuProcesses(const std::string& id, const std::string& root);
 
 }  // namespace vexa::hypervisor

@@ -14,9 +14,9 @@
 #include <set>
 #include <string_view>
 
-#include "host/machine/figures.h"
+#include "host/machine/machine_stats.h"
 
-namespace vexa::services {
+namespace vexa::machine {
 namespace {
 
 constexpr std::size_t kMacBytes = 6;
@@ -27,7 +27,7 @@ std::string HostName() {
   return CleanText(name.data());
 }
 
-// Room for one address after ethtool's own structure, which ends in an array without a size.
+// ethtool_perm_addr with space for one address, because that structure ends in an array without a size.
 struct PermanentAddress {
   std::uint32_t command = ETHTOOL_GPERMADDR;
   std::uint32_t size = 32;
@@ -35,7 +35,7 @@ struct PermanentAddress {
 };
 static_assert(offsetof(PermanentAddress, bytes) == sizeof(ethtool_perm_addr));
 
-bool HasDevice(const Interface& found) { return found.type == "ethernet" || found.type == "wificlient"; }
+bool IsCard(const Interface& interface) { return interface.type == "ethernet" || interface.type == "wificlient"; }
 
 }  // namespace
 
@@ -47,10 +47,10 @@ std::string SystemPermanentMac(const std::string& interface) {
   ifreq request{};
   std::memcpy(request.ifr_name, interface.data(), interface.size());
   request.ifr_data = reinterpret_cast<char*>(&address);
-  const bool answered = ::ioctl(fd, SIOCETHTOOL, &request) == 0;
+  const bool succeeded = ::ioctl(fd, SIOCETHTOOL, &request) == 0;
   ::close(fd);
   const auto is_zero = [](unsigned char byte) { return byte == 0; };
-  if (!answered || address.size != kMacBytes || std::all_of(address.bytes.begin(), address.bytes.end(), is_zero)) {
+  if (!succeeded || address.size != kMacBytes || std::all_of(address.bytes.begin(), address.bytes.end(), is_zero)) {
     return "";
   }
   return cluster::HexText(address.bytes.data(), kMacBytes);
@@ -62,25 +62,25 @@ cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string
   facts.host_id = host_id;
   facts.name = HostName();
   facts.version = version;
-  const ProcessorFigures processor = ReadProcessor(machine);
+  const ProcessorInfo processor = ReadProcessor(machine);
   facts.cpu_cores = processor.cores;
   facts.cpu_clock_mhz = processor.clock_mhz;
-  facts.ram_kib = ReadMemory(machine).value_or(MemoryFigures()).total;
+  facts.ram_kib = ReadMemory(machine).value_or(MemoryStats()).total;
   const std::vector<Interface> interfaces = HostInterfaces(machine);
   std::set<std::string> ids;
-  for (const Interface& found : interfaces) {
-    // A bond's ports all use the bond's address, so only the permanent one distinguishes them.
-    const std::string mac = HasDevice(found) ? permanent_mac(found.name) : "";
-    std::string id = cluster::NicId(host_id, mac.empty() ? found.name : mac);
-    // Some cards use one address for several ports.
-    if (!ids.insert(id).second) ids.insert(id = cluster::NicId(host_id, mac + "/" + found.name));
-    facts.nics.push_back({std::move(id), found.name, found.mac});
+  for (const Interface& interface : interfaces) {
+    // All ports of a bond have the bond's address, so only the permanent address distinguishes them.
+    const std::string mac = IsCard(interface) ? permanent_mac(interface.name) : "";
+    std::string id = cluster::NicId(host_id, mac.empty() ? interface.name : mac);
+    // Some cards have the same address for several ports. Their names make the ids differ.
+    if (!ids.insert(id).second) ids.insert(id = cluster::NicId(host_id, mac + "/" + interface.name));
+    facts.nics.push_back({std::move(id), interface.name, interface.mac});
   }
   for (const InterfaceAddress& address : addresses()) {
-    const auto is_its = [&](const Interface& found) { return found.name == address.interface; };
-    if (std::ranges::any_of(interfaces, is_its)) facts.addresses.push_back(address.ip);
+    const auto has_address = [&](const Interface& interface) { return interface.name == address.interface; };
+    if (std::ranges::any_of(interfaces, has_address)) facts.addresses.push_back(address.ip);
   }
   return facts;
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::machine

@@ -1,4 +1,4 @@
-// What this host reports about itself to the cluster.
+// Collects what this host reports about itself to the cluster.
 #pragma once
 
 #include <functional>
@@ -9,17 +9,19 @@
 #include "host/machine/interfaces.h"
 #include "host/machine/machine.h"
 
-namespace vexa::services {
+namespace vexa::machine {
 
-// The permanent address of an interface, whatever it uses now; "" when it has none, as virtual ones do.
+// Returns the permanent MAC address of an interface, which may differ from the current one; "" when it has none, as
+// virtual interfaces do not.
 using PermanentMac = std::function<std::string(const std::string& interface)>;
 std::string SystemPermanentMac(const std::string& interface);
 
 using cluster::NicId;
 
-// Everything except "cluster_address". `host_id` is taken as given; the name is this machine's.
+// Returns all facts except the cluster address. `host_id` and `version` are copied; the name is this machine's host
+// name.
 cluster::HostFacts GatherHostFacts(const std::string& host_id, const std::string& version, const Machine& machine,
                                    const AddressReader& addresses = SystemAddresses,
                                    const PermanentMac& permanent_mac = SystemPermanentMac);
 
-}  // namespace vexa::services
+}  // namespace vexa::machine

@@ -14,24 +14,25 @@
 #include "host/base/json_parse.h"
 #include "host/machine/network_links.h"
 
-namespace vexa::services {
+namespace vexa::machine {
 namespace {
 
 constexpr std::size_t kMaxInterfaces = 1024;
-constexpr std::uint64_t kMaxNumber = 0x7FFFFFFF;
+constexpr std::uint64_t kMaxInt = 0x7FFFFFFF;
 
 std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
 
-int SmallNumber(const Machine& machine, const std::string& path) {
+int ReadIntOrZero(const Machine& machine, const std::string& path) {
   // "-1" and, on older kernels, its unsigned form mean "unknown".
   const std::uint64_t number = machine.ReadNumber(path).value_or(0);
-  return number > kMaxNumber ? 0 : static_cast<int>(number);
+  return number > kMaxInt ? 0 : static_cast<int>(number);
 }
 
-// A bridge also has the carrier of its guests, which does not connect it to anything outside.
-bool IsConnected(guests::NetworkLinks& links, const std::string& name) {
-  const bool is_closed = links.KindOf(name) != guests::BridgeKind::kNone && links.UplinksOf(name).empty();
-  return is_closed ? links.HasCarrier(name) : links.HasLink(name);
+// For a bridge with uplinks, whether one of them has a carrier: the bridge itself also has a carrier because of its
+// guests, which do not connect it to other machines.
+bool IsConnected(NetworkLinks& links, const std::string& name) {
+  const bool is_bridge_without_uplinks = links.KindOf(name) != BridgeKind::kNone && links.UplinksOf(name).empty();
+  return is_bridge_without_uplinks ? links.HasCarrier(name) : links.HasLink(name);
 }
 
 bool IsVlan(const Machine& machine, const std::string& folder) {
@@ -44,43 +45,43 @@ bool IsVlan(const Machine& machine, const std::string& folder) {
   return found;
 }
 
-std::string TypeOf(const Machine& machine, guests::NetworkLinks& links, const std::string& name) {
+std::string TypeOf(const Machine& machine, NetworkLinks& links, const std::string& name) {
   constexpr std::uint64_t kLoopback = 772;  // ARPHRD_LOOPBACK
   const std::string folder = FolderOf(name);
   if (machine.IsFolder(folder + "/bonding")) return "bond";
-  if (links.KindOf(name) != guests::BridgeKind::kNone || name.starts_with("ovs_")) return "bridge";
+  if (links.KindOf(name) != BridgeKind::kNone || name.starts_with("ovs_")) return "bridge";
   if (machine.IsFolder(folder + "/wireless") || machine.IsFolder(folder + "/phy80211")) return "wificlient";
   if (machine.IsFolder(folder + "/device")) return "ethernet";
   if (IsVlan(machine, folder)) return "vlan";
   return machine.ReadNumber(folder + "/type") == kLoopback ? "loopback" : "virtual";
 }
 
-// Whether frames of the interface leave the machine. The kernel may show nothing but the name of a virtual switch.
-bool IsHostInterface(guests::NetworkLinks& links, const Interface& found) {
-  if (found.name.starts_with("ovs_")) return true;
-  const bool may_lead_out = found.type == "ethernet" || found.type == "wificlient" || found.type == "bond" ||
-                            found.type == "bridge" || found.type == "vlan";
-  return may_lead_out && links.IsPhysical(found.name);
+// Whether the interface connects the machine to others. For a virtual switch, the kernel may show only its name.
+bool IsHostInterface(NetworkLinks& links, const Interface& interface) {
+  if (interface.name.starts_with("ovs_")) return true;
+  const bool has_suitable_type = interface.type == "ethernet" || interface.type == "wificlient" ||
+                                 interface.type == "bond" || interface.type == "bridge" || interface.type == "vlan";
+  return has_suitable_type && links.IsPhysical(interface.name);
 }
 
-std::optional<Interface> Read(const Machine& machine, guests::NetworkLinks& links, const std::string& name) {
+std::optional<Interface> Read(const Machine& machine, NetworkLinks& links, const std::string& name) {
   const std::string folder = FolderOf(name);
   if (!IsInterfaceName(name) || !machine.IsFolder(folder)) return std::nullopt;
-  Interface found;
-  found.name = name;
-  found.type = TypeOf(machine, links, name);
-  found.mac = machine.ReadLine(folder + "/address");
-  found.duplex = machine.ReadLine(folder + "/duplex");
-  if (found.duplex.empty()) found.duplex = "unknown";
-  found.speed = SmallNumber(machine, folder + "/speed");
-  found.mtu = SmallNumber(machine, folder + "/mtu");
-  found.connected = IsConnected(links, name);
+  Interface interface;
+  interface.name = name;
+  interface.type = TypeOf(machine, links, name);
+  interface.mac = machine.ReadLine(folder + "/address");
+  interface.duplex = machine.ReadLine(folder + "/duplex");
+  if (interface.duplex.empty()) interface.duplex = "unknown";
+  interface.speed = ReadIntOrZero(machine, folder + "/speed");
+  interface.mtu = ReadIntOrZero(machine, folder + "/mtu");
+  interface.connected = IsConnected(links, name);
   const std::string slaves = machine.ReadLine(folder + "/bonding/slaves");
-  for (const std::string_view slave : Fields(slaves)) found.slaves.emplace_back(slave);
-  return found;
+  for (const std::string_view slave : Fields(slaves)) interface.slaves.emplace_back(slave);
+  return interface;
 }
 
-std::string TextOf(const sockaddr* address) {
+std::string FormatIp(const sockaddr* address) {
   std::array<char, INET6_ADDRSTRLEN> text{};
   if (!address) return "";
   const void* bytes = address->sa_family == AF_INET
@@ -105,8 +106,8 @@ std::vector<InterfaceAddress> SystemAddresses() {
   const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(list, ::freeifaddrs);
   for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
     if (!IsUsable(entry->ifa_addr)) continue;
-    addresses.push_back(
-        {entry->ifa_name, TextOf(entry->ifa_addr), TextOf(entry->ifa_netmask), entry->ifa_addr->sa_family == AF_INET6});
+    addresses.push_back({entry->ifa_name, FormatIp(entry->ifa_addr), FormatIp(entry->ifa_netmask),
+                         entry->ifa_addr->sa_family == AF_INET6});
   }
   return addresses;
 }
@@ -122,34 +123,34 @@ bool IsInterfaceName(const std::string& name) {
 }
 
 std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name) {
-  guests::NetworkLinks links(machine.root());
+  NetworkLinks links(machine.root());
   return Read(machine, links, name);
 }
 
 std::vector<Interface> HostInterfaces(const Machine& machine) {
-  guests::NetworkLinks links(machine.root());
+  NetworkLinks links(machine.root());
   std::vector<Interface> interfaces;
   std::vector<Interface> loopback;
   for (const std::string& name : machine.Names("/sys/class/net")) {
-    std::optional<Interface> found = Read(machine, links, name);
-    if (!found || interfaces.size() == kMaxInterfaces) continue;
-    if (IsHostInterface(links, *found)) {
-      interfaces.push_back(std::move(*found));
-    } else if (found->type == "loopback") {
-      loopback.push_back(std::move(*found));
+    std::optional<Interface> interface = Read(machine, links, name);
+    if (!interface || interfaces.size() == kMaxInterfaces) continue;
+    if (IsHostInterface(links, *interface)) {
+      interfaces.push_back(std::move(*interface));
+    } else if (interface->type == "loopback") {
+      loopback.push_back(std::move(*interface));
     }
   }
   return interfaces.empty() ? loopback : interfaces;
 }
 
-std::vector<Interface> GuestPorts(const Machine& machine) {
-  guests::NetworkLinks links(machine.root());
-  std::vector<Interface> ports;
-  for (const std::string& name : links.GuestPorts()) {
-    std::optional<Interface> found = Read(machine, links, name);
-    if (found && ports.size() < kMaxInterfaces) ports.push_back(std::move(*found));
+std::vector<Interface> GuestUplinks(const Machine& machine) {
+  NetworkLinks links(machine.root());
+  std::vector<Interface> uplinks;
+  for (const std::string& name : links.GuestUplinks()) {
+    std::optional<Interface> interface = Read(machine, links, name);
+    if (interface && uplinks.size() < kMaxInterfaces) uplinks.push_back(std::move(*interface));
   }
-  return ports;
+  return uplinks;
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::machine

@@ -8,10 +8,10 @@
 
 #include "host/machine/machine.h"
 
-namespace vexa::services {
+namespace vexa::machine {
 
-// How many interfaces can be on top of each other: a VLAN on a bridge on a bond on …
-inline constexpr int kMaxStack = 8;
+// The maximum number of interfaces on top of each other (a VLAN on a bridge on a bond …) that are followed.
+inline constexpr int kMaxStackedInterfaces = 8;
 
 struct Interface {
   std::string name;
@@ -20,8 +20,8 @@ struct Interface {
   std::string duplex;  // "full", "half" or "unknown"
   int speed = 0;       // Mb/s; 0 when unknown
   int mtu = 0;
-  bool connected = false;  // it has a carrier; for a bridge with uplinks: one of them has, its guests do not count
-  std::vector<std::string> slaves;  // for a bond
+  bool connected = false;           // whether it has a carrier; for a bridge with uplinks: whether one of them has
+  std::vector<std::string> slaves;  // the ports of a bond
 };
 
 struct InterfaceAddress {
@@ -33,23 +33,24 @@ struct InterfaceAddress {
 
 using AddressReader = std::function<std::vector<InterfaceAddress>()>;
 
-// The addresses of this machine, without link-local IPv6 ones. Empty when they cannot be read.
+// The addresses of this machine except link-local IPv6 addresses. Empty when they cannot be read.
 std::vector<InterfaceAddress> SystemAddresses();
 
-// 1 to 15 bytes of UTF-8 without '/', ':', blanks and control characters, and neither "." nor "..": the names that the
-// kernel accepts, so that a name cannot lead out of its folder.
+// Whether the kernel accepts the name: 1 to 15 bytes of UTF-8 without '/', ':', spaces and control characters, and
+// neither
+// "." nor "..". Such a name cannot lead out of the folder /sys/class/net.
 bool IsInterfaceName(const std::string& name);
 
-// Not set: there is no such interface, or the name is invalid.
+// Not set if there is no such interface, or the name is invalid.
 std::optional<Interface> ReadInterface(const Machine& machine, const std::string& name);
 
-// The interfaces that connect the machine to others, by name: interfaces with a device behind them, bonds, and bridges
-// and VLANs on top of these; those named "ovs_…". Excludes the ends of guests and containers, and bridges that only
-// they use. Loopback when there is nothing else.
+// The interfaces that connect the machine to others, sorted by name: network cards, bonds, bridges and VLANs on top of
+// these, and all interfaces named "ovs_…". Excludes the taps and veth devices of guests and containers, and bridges
+// that only these use. The loopback interface if there is no other.
 std::vector<Interface> HostInterfaces(const Machine& machine);
 
-// The outside connections that guests can use, by name: bridges with uplinks, which need not be hardware, and
-// interfaces below a macvtap. See NetworkLinks.
-std::vector<Interface> GuestPorts(const Machine& machine);
+// The outside connections that guests can use, sorted by name: bridges with uplinks, which need not be hardware, and
+// the interfaces below macvtap devices. See NetworkLinks.
+std::vector<Interface> GuestUplinks(const Machine& machine);
 
-}  // namespace vexa::services
+}  // namespace vexa::machine

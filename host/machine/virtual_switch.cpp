@@ -9,39 +9,39 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <string_view>
 
 #include "host/base/descriptor.h"
 #include "host/base/json_parse.h"
+#include "host/base/mutex.h"
 #include "json/readers.h"
 
-namespace vexa::guests {
+namespace vexa::machine {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSocket = "/run/openvswitch/db.sock";
-constexpr std::chrono::milliseconds kPatience{1000};
-constexpr std::size_t kMaxAnswer = std::size_t{16} << 20;
+constexpr std::chrono::milliseconds kTimeout{1000};
+constexpr std::size_t kMaxReplyBytes = std::size_t{16} << 20;
 
-// Many callers wait in turn, so a switch that hangs is not asked again for a while.
+// After a timeout, the switch is not queried for a while: many requests would otherwise wait for a switch that hangs.
 class BackOff {
  public:
   bool IsBackingOff(const std::string& path) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = until_.find(path);
     return found != until_.end() && Clock::now() < found->second;
   }
-  void Note(const std::string& path) {
-    const std::lock_guard lock(mutex_);
+  void Start(const std::string& path) {
+    const MutexLock lock(mutex_);
     until_[path] = Clock::now() + kBackOffTime;
   }
 
  private:
   static constexpr std::chrono::seconds kBackOffTime{30};
-  std::mutex mutex_;
-  std::map<std::string, Clock::time_point> until_;
+  Mutex mutex_;
+  std::map<std::string, Clock::time_point> until_ VEXA_GUARDED_BY(mutex_);
 };
 
 BackOff& SwitchBackOff() {
@@ -49,10 +49,10 @@ BackOff& SwitchBackOff() {
   return back_off;
 }
 
-// Finds the end of a JSON object in a stream without separators between messages.
-class ObjectEnd {
+// Finds the end of a JSON object in a stream that has no separators between messages.
+class ObjectEndFinder {
  public:
-  // Whether the object ends in `text`, which follows the text of earlier calls.
+  // Whether the object ends in `text`, which continues the text of earlier calls.
   bool IsReached(std::string_view text) {
     for (const char c : text) {
       if (is_escaped_) {
@@ -77,6 +77,7 @@ class ObjectEnd {
   bool is_escaped_ = false;
 };
 
+// A non-blocking connection to the socket; -1 on failure.
 int Connect(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -89,25 +90,26 @@ int Connect(const std::string& path) {
   return -1;
 }
 
-bool AwaitReady(int fd, short events, Clock::time_point end) {
+bool AwaitReady(int fd, short events, Clock::time_point deadline) {
   for (;;) {
-    // Rounded up: a wait that ends before `end` would look like a switch that hung up, and not like one that hangs.
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    // Rounded up, so that a timeout never ends before the deadline: ReadSwitch compares the time with it to distinguish
+    // a switch that hangs from one that closed the connection.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) return false;
-    pollfd waiting{fd, events, 0};
-    const int ready = ::poll(&waiting, 1, static_cast<int>(left));
+    pollfd request{fd, events, 0};
+    const int ready = ::poll(&request, 1, static_cast<int>(left));
     if (ready > 0) return true;
     if (ready == 0 || errno != EINTR) return false;
   }
 }
 
-bool SendAll(int fd, std::string_view text, Clock::time_point end) {
+bool SendAll(int fd, std::string_view text, Clock::time_point deadline) {
   while (!text.empty()) {
     const ssize_t sent = ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
     if (sent > 0) {
       text.remove_prefix(static_cast<std::size_t>(sent));
     } else if (errno == EAGAIN || errno == EINTR) {
-      if (!AwaitReady(fd, POLLOUT, end)) return false;
+      if (!AwaitReady(fd, POLLOUT, deadline)) return false;
     } else {
       return false;
     }
@@ -115,23 +117,23 @@ bool SendAll(int fd, std::string_view text, Clock::time_point end) {
   return true;
 }
 
-std::optional<std::string> ReceiveObject(int fd, Clock::time_point end) {
+std::optional<std::string> ReceiveObject(int fd, Clock::time_point deadline) {
   std::string text;
-  ObjectEnd object_end;
+  ObjectEndFinder object_end;
   std::array<char, 16384> buffer{};
-  while (AwaitReady(fd, POLLIN, end)) {
+  while (AwaitReady(fd, POLLIN, deadline)) {
     const ssize_t count = ::recv(fd, buffer.data(), buffer.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (count <= 0) break;
     const std::string_view part(buffer.data(), static_cast<std::size_t>(count));
     text += part;
     if (object_end.IsReached(part)) return text;
-    if (text.size() > kMaxAnswer) break;
+    if (text.size() > kMaxReplyBytes) break;
   }
   return std::nullopt;
 }
 
-// The elements of a column with any number of values: a single one, or ["set", [one, …]].
+// The elements of a column with any number of values, which is either a single value or ["set", [value, …]].
 std::vector<const Json::Value*> ElementsOf(const Json::Value& column) {
   const bool is_set = column.isArray() && json::String(json::Element(column, 0)) == "set";
   std::vector<const Json::Value*> elements;
@@ -140,13 +142,13 @@ std::vector<const Json::Value*> ElementsOf(const Json::Value& column) {
   return elements;
 }
 
-// The UUID in ["uuid", "…"].
+// The UUID in ["uuid", "…"]; "" for any other value.
 std::string UuidIn(const Json::Value& value) {
   return json::String(json::Element(value, 0)) == "uuid" ? json::String(json::Element(value, 1)) : std::string();
 }
 
-// The value for `name` in ["map", [["name", "value"], …]].
-std::string InMap(const Json::Value& map, std::string_view name) {
+// The value for `name` in ["map", [["name", "value"], …]]; "" when absent.
+std::string MapValue(const Json::Value& map, std::string_view name) {
   for (const Json::Value& pair : json::Elements(json::Element(map, 1))) {
     if (json::String(json::Element(pair, 0)) == name) return json::String(json::Element(pair, 1));
   }
@@ -168,21 +170,21 @@ const Json::Value& Rows(const Json::Value& results, Json::ArrayIndex index) {
 
 }  // namespace
 
-std::string SwitchQuestion() {
-  Json::Value question(Json::objectValue);
-  question["id"] = 1;
-  question["method"] = "transact";
-  Json::Value& parameters = question["params"];
+std::string SwitchQuery() {
+  Json::Value query(Json::objectValue);
+  query["id"] = 1;
+  query["method"] = "transact";
+  Json::Value& parameters = query["params"];
   parameters.append("Open_vSwitch");
   parameters.append(Select("Bridge", {"name", "ports"}));
   parameters.append(Select("Port", {"_uuid", "interfaces"}));
   parameters.append(Select("Interface", {"_uuid", "name", "type", "options", "link_state"}));
-  return json::ToText(question);
+  return json::ToText(query);
 }
 
-std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer) {
-  const Json::Value& results = json::Member(answer, "result");
-  if (!json::Member(answer, "error").isNull() || json::Elements(results).size() != 3) return std::nullopt;
+std::optional<SwitchBridges> ParseSwitchReply(const Json::Value& reply) {
+  const Json::Value& results = json::Member(reply, "result");
+  if (!json::Member(reply, "error").isNull() || json::Elements(results).size() != 3) return std::nullopt;
   for (const Json::Value& result : results) {
     if (!json::Member(result, "rows").isArray()) return std::nullopt;
   }
@@ -191,11 +193,11 @@ std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer) {
     SwitchPort port;
     port.name = json::String(json::Member(row, "name"));
     port.type = json::String(json::Member(row, "type"));
-    port.peer = InMap(json::Member(row, "options"), "peer");
+    port.peer = MapValue(json::Member(row, "options"), "peer");
     port.has_link = json::String(json::Member(row, "link_state")) == "up";
     interfaces.emplace(UuidIn(json::Member(row, "_uuid")), std::move(port));
   }
-  // A bond is one port with several interfaces.
+  // A port has several interfaces if it is a bond.
   std::map<std::string, std::vector<SwitchPort>> ports;
   for (const Json::Value& row : Rows(results, 1)) {
     std::vector<SwitchPort>& members = ports[UuidIn(json::Member(row, "_uuid"))];
@@ -220,13 +222,13 @@ std::optional<SwitchBridges> ReadSwitch(const std::string& root) {
   if (SwitchBackOff().IsBackingOff(path)) return std::nullopt;
   const Descriptor connection(Connect(path));
   if (connection.get() < 0) return std::nullopt;
-  const Clock::time_point end = Clock::now() + kPatience;
+  const Clock::time_point deadline = Clock::now() + kTimeout;
   std::optional<std::string> text;
-  if (SendAll(connection.get(), SwitchQuestion(), end)) text = ReceiveObject(connection.get(), end);
-  if (!text && Clock::now() >= end) SwitchBackOff().Note(path);
+  if (SendAll(connection.get(), SwitchQuery(), deadline)) text = ReceiveObject(connection.get(), deadline);
+  if (!text && Clock::now() >= deadline) SwitchBackOff().Start(path);
   if (!text) return std::nullopt;
-  const Result<Json::Value> answer = ParseJson(*text);
-  return answer ? ParseSwitchAnswer(*answer) : std::nullopt;
+  const Result<Json::Value> reply = ParseJson(*text);
+  return reply ? ParseSwitchReply(*reply) : std::nullopt;
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::machine

@@ -1,8 +1,8 @@
-// The Open vSwitch bridges and what is plugged into them, according to its database.
+// The bridges of Open vSwitch and their ports, from its database.
 //
-// The kernel does not show which port is on which of its bridges, and with the datapath in user space it shows nothing.
-// The database is queried over its socket (RFC 7047), /run/openvswitch/db.sock. Only its owner, root, may use that
-// unless an administrator has opened it. If it cannot be queried, callers fall back to what the kernel shows.
+// The kernel does not show which port is on which bridge, and with the datapath in user space it shows no ports at all.
+// The database is queried over its socket (RFC 7047), /run/openvswitch/db.sock, which only root may use unless an
+// administrator permits others. If it cannot be queried, callers fall back to what the kernel shows.
 #pragma once
 
 #include <json/value.h>
@@ -12,24 +12,25 @@
 #include <string>
 #include <vector>
 
-namespace vexa::guests {
+namespace vexa::machine {
 
 struct SwitchPort {
-  std::string name;       // of the interface
+  std::string name;       // the name of the interface
   std::string type;       // "" for a kernel interface, "internal", "patch", "vxlan", "dpdk", …
-  std::string peer;       // for a patch port: the name of the other one
-  bool has_link = false;  // as the switch sees it
+  std::string peer;       // of a patch port: the name of the patch port that it connects to
+  bool has_link = false;  // as the switch reports it
 };
 
-// By the bridge's name.
+// The ports by the name of their bridge.
 using SwitchBridges = std::map<std::string, std::vector<SwitchPort>>;
 
-// Not set: there is no such switch, access is denied, or it did not answer within a second, now or in the last 30 s.
-// `root` is prepended to the socket's path. Threads: any, at the same time.
+// Queries the database. Not set if there is no switch, access is denied, the reply is malformed, or the switch did not
+// reply within a second, in this call or in one of the last 30 s. `root` is prepended to the socket's path.
+// Threads: any, at the same time.
 std::optional<SwitchBridges> ReadSwitch(const std::string& root = "");
 
-// The query, and the parser of its answer. Not set: the answer is an error or malformed.
-std::string SwitchQuestion();
-std::optional<SwitchBridges> ParseSwitchAnswer(const Json::Value& answer);
+// The query that ReadSwitch sends, and the parser of its reply. Not set if the reply is an error or malformed.
+std::string SwitchQuery();
+std::optional<SwitchBridges> ParseSwitchReply(const Json::Value& reply);
 
-}  // namespace vexa::guests
+}  // namespace vexa::machine

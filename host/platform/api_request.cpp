@@ -7,13 +7,13 @@ namespace {
 namespace json = VexaVirtualization::json;
 
 bool IsString(const Json::Value& value) { return value.isString(); }
-// An integer itself, not a number that happens to be whole: 2.0 is refused.
+// True only for values of an integer type: 2.0 is not one.
 bool IsInt(const Json::Value& value) {
   return (value.type() == Json::intValue || value.type() == Json::uintValue) && value.isInt();
 }
 bool IsBool(const Json::Value& value) { return value.isBool(); }
 bool IsArray(const Json::Value& value) { return value.isArray(); }
-const Json::Value& Same(const Json::Value& value) { return value; }
+const Json::Value& Unconverted(const Json::Value& value) { return value; }
 
 template <class T, class Convert>
 APIParameter<T> Check(const Json::Value& parameters, const std::string& name, int necessity,
@@ -51,7 +51,7 @@ APIParameter<bool> APIRequest::GetAndCheckBool(const std::string& name, int nece
 
 APIParameter<Json::Value> APIRequest::GetAndCheckArray(const std::string& name, int necessity,
                                                        bool (*validator)(const Json::Value&)) const {
-  return Check<Json::Value>(parameters_, name, necessity, IsArray, Same, validator);
+  return Check<Json::Value>(parameters_, name, necessity, IsArray, Unconverted, validator);
 }
 
 Json::Value APIRequest::GetParam(const std::string& name, const Json::Value& fallback) const {

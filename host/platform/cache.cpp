@@ -7,54 +7,59 @@
 #include "host/cache/cache_entry.h"
 #include "host/cache/cache_refresher.h"
 #include "host/records/environment.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/dr_cache.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 // A caller that waits for a refresh polls with back-off.
-constexpr milliseconds kFirstPause{1};
-constexpr milliseconds kLastPause{50};
+constexpr milliseconds kInitialBackoff{1};
+constexpr milliseconds kMaxBackoff{50};
 
-// The value of this cache once it is refreshed; nothing when that fails or takes too long.
-std::optional<Json::Value> WaitForRefresh(const CacheEntry& entry, const LoadedCache& before) {
-  // The computed value is stored for others as the newest, and this request's snapshot may be older than theirs.
-  RequestScope::ReleaseSnapshot();
-  const auto deadline = steady_clock::now() + CurrentEnvironment()->cache_wait;
-  for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLastPause)) {
-    const Result<CacheLock> lock = entry.TryLock();
+// Waits until another thread or process has refreshed this cache, or refreshes it itself if no other does. Nothing when
+// that fails or takes longer than cache_wait. `before` is what the caller loaded.
+std::optional<Json::Value> WaitForRefresh(const cache::CacheEntry& entry, const cache::LoadedCache& before) {
+  const records::RequestPause pause_reader;
+  const auto deadline = steady_clock::now() + records::CurrentEnvironment()->cache_wait;
+  for (milliseconds pause = kInitialBackoff;; pause = std::min(2 * pause, kMaxBackoff)) {
+    const Result<cache::CacheLock> lock = entry.TryLock();
     if (!lock && lock.error().code() != ErrorCode::kBusy) {
-      entry.NoteFailure(lock.error());
-      return entry.RefreshUnstored();
+      entry.RecordFailure(lock.error());
+      const records::RequestScope newest;
+      return entry.ComputeUnstored();
     }
-    const LoadedCache now = entry.Load();
+    const cache::LoadedCache now = entry.Load();
     if (entry.IsFresh(now, before)) return now.record->data;
-    if (lock) return entry.Refresh(*lock).value;
+    if (lock) {
+      // The computed value is stored for other requests, so it is computed from the newest data. The snapshot of this
+      // request may be older than theirs.
+      const records::RequestScope newest;
+      return entry.Refresh(*lock).value;
+    }
     if (steady_clock::now() >= deadline) return std::nullopt;
-    RequestScope::ReleaseSnapshot();
     std::this_thread::sleep_for(pause);
   }
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform
 
 namespace VexaDR {
 
-// No code has a text of its own.
+// The codes have no descriptions, so a code is displayed as a number.
 std::string DRErrRecorder::GetErrCodeStr(int code) const { return std::to_string(code); }
 
 DRErrRecorder::~DRErrRecorder() = default;
 
 namespace Cache {
 
-using vexa::cluster::CacheEntry;
-using vexa::cluster::LoadedCache;
+using vexa::cache::CacheEntry;
+using vexa::cache::LoadedCache;
 
 DRCache::DRCache(const std::string& group, const std::string& name, int valid_s, int)
     : group_(group), name_(name), valid_s_(valid_s) {}
@@ -67,9 +72,9 @@ Json::Value DRCache::BlockedRead() const {
   if (entry.is_stored()) {
     const LoadedCache loaded = entry.Load();
     if (entry.IsFresh(loaded, loaded)) return loaded.record->data;
-    value = vexa::cluster::WaitForRefresh(entry, loaded);
+    value = vexa::platform::WaitForRefresh(entry, loaded);
   } else {
-    value = entry.RefreshUnstored();
+    value = entry.ComputeUnstored();
   }
   return value ? std::move(*value) : NonBlockedRead();
 }
@@ -79,9 +84,9 @@ Json::Value DRCache::NonBlockedRead() const {
   const LoadedCache loaded = entry.Load();
   const bool is_valid = loaded.record && IsValid(loaded.record->data);
   if (entry.is_stored() && (!is_valid || IsDataTimeout(loaded.record->info))) {
-    vexa::cluster::RequestCacheRefresh(group_, name_);
+    vexa::cache::RequestCacheRefresh(group_, name_);
   }
-  if (entry.is_stored()) vexa::cluster::NoteCacheRead(group_, name_);
+  if (entry.is_stored()) vexa::cache::MarkCacheRead(group_, name_);
   return is_valid ? loaded.record->data : GetDefaultValue();
 }
 
@@ -101,7 +106,7 @@ bool DRCache::GetUpdatedData(Json::Value&) const { return false; }
 
 bool DRCache::IsValid(const Json::Value& value) const { return !value.isNull(); }
 
-bool DRCache::IsDataTimeout(const Json::Value& info) const { return vexa::cluster::IsOutdated(info, valid_s_); }
+bool DRCache::IsDataTimeout(const Json::Value& info) const { return vexa::cache::IsOutdated(info, valid_s_); }
 
 }  // namespace Cache
 

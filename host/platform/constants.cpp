@@ -1,4 +1,5 @@
-// A key's text is its name; a state's text is the kind of object plus the state's name, so that no two kinds share one.
+// The value of a key is its name. The value of a state is the kind of object and the name of the state, so that states
+// of different kinds differ.
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_constants.h"
 

@@ -1,4 +1,4 @@
-// The base of the senders. A sender keeps no error: every failure is in the reply.
+// The base class of the senders. A sender does not store an error: every failure is in the reply.
 #include "webapi/platform/dr.h"
 
 namespace VexaDRCore {

@@ -2,51 +2,55 @@
 
 #include <syslog.h>
 
-#include <mutex>
 #include <set>
 #include <utility>
 #include <vector>
 
+#include "host/base/mutex.h"
 #include "host/records/environment.h"
 #include "host/records/guest_admin_record.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-// Requests ask for the same records repeatedly: one line for each id and name is enough.
+// Logs that `record` belongs to a principal with another name. Requests read the same records repeatedly, so this logs
+// each id and name only once.
 void LogForeignRecord(const std::string& identifier, const Json::Value& record, const std::string& name) {
   constexpr std::size_t kMaxRemembered = 4096;
-  static std::mutex mutex;
-  static std::set<std::string> logged;
+  static Mutex mutex;
+  static std::set<std::string> logged VEXA_GUARDED_BY(mutex);
   {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (logged.size() >= kMaxRemembered || !logged.insert(identifier + ' ' + name).second) return;
   }
-  const Status refused = CheckGivenTo(record, GuestAdminKey(identifier), name);
+  const Status refused = records::CheckBelongsTo(record, records::GuestAdminKey(identifier), name);
   if (!refused) ::syslog(LOG_WARNING, "%s.", refused.error().ToString().c_str());
 }
 
-// The guest-admin records that apply to `user`: their own first, then those of their groups. Left out are missing
-// records, and those given to another name, because hosts may assign an id to different users.
-Result<std::vector<Record>> RecordsOf(const std::string& user) {
-  const Environment* environment = CurrentEnvironment();
+// Returns the guest-admin records that apply to `user`: the user's own first, then those of the user's groups. Skips
+// missing records, and records that belong to a principal with another name, because hosts may assign the same id to
+// different users.
+Result<std::vector<records::Record>> ReadRecordsForUser(const std::string& user) {
+  const records::Environment* environment = records::CurrentEnvironment();
   if (!environment) return Error(ErrorCode::kUnavailable, "The cluster database is not open");
-  const Result<base::User> found = environment->accounts->FindUser(user);
+  const Result<accounts::User> found = environment->accounts->FindUser(user);
   if (!found) return found.error();
   std::vector<std::pair<std::string, std::string>> principals{
-      {GuestAdminIdentifier(kUsersKind, found->uid), found->name}};
-  for (const base::Group& group : found->groups) {
-    principals.emplace_back(GuestAdminIdentifier(kGroupsKind, group.gid), group.name);
+      {records::GuestAdminIdentifier(records::kUsersKind, found->uid), found->name}};
+  for (const accounts::Group& group : found->groups) {
+    principals.emplace_back(records::GuestAdminIdentifier(records::kGroupsKind, group.gid), group.name);
   }
-  std::vector<Record> records;
+  const auto reader = records::ReaderOfRequest();
+  if (!reader) return reader.error();
+  std::vector<records::Record> records;
   for (const auto& [identifier, name] : principals) {
-    Result<Record> record = ReadRecord(GuestAdminKey(identifier));
+    Result<records::Record> record = (*reader)->ReadRecord(records::GuestAdminKey(identifier));
     if (!record) return record.error();
     if (!*record) continue;
-    if (IsGivenTo(**record, name)) {
+    if (records::BelongsTo(**record, name)) {
       records.push_back(std::move(*record));
     } else {
       LogForeignRecord(identifier, **record, name);
@@ -56,15 +60,15 @@ Result<std::vector<Record>> RecordsOf(const std::string& user) {
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform
 
 namespace VexaCCC {
 
 int gaIsAdvancedUser(const std::string& user) {
-  const auto records = vexa::cluster::RecordsOf(user);
+  const auto records = vexa::platform::ReadRecordsForUser(user);
   if (!records) return -1;
   for (const auto& record : *records) {
-    if (vexa::json::String(vexa::json::Member(*record, DB::_k::authlevel)) == vexa::cluster::kAdvancedLevel) {
+    if (vexa::json::String(vexa::json::Member(*record, DB::_k::authlevel)) == vexa::records::kAdvancedLevel) {
       return 1;
     }
   }
@@ -74,12 +78,12 @@ int gaIsAdvancedUser(const std::string& user) {
 int gaUserListAvail(const std::string& user, const std::string& category, std::set<std::string>& ids) {
   // There are no grants for other kinds of objects.
   if (category != DB::_k::guest) return -1;
-  const auto records = vexa::cluster::RecordsOf(user);
+  const auto records = vexa::platform::ReadRecordsForUser(user);
   if (!records) return -1;
   for (const auto& record : *records) {
     const Json::Value& guests = vexa::json::Member(*record, DB::_k::guests);
     if (!guests.isObject()) continue;
-    // The names come in byte order, so the last position is usually right.
+    // The names come in byte order, so the end is usually the right position.
     for (auto grant = guests.begin(); grant != guests.end(); ++grant) ids.insert(ids.end(), grant.name());
   }
   return 0;

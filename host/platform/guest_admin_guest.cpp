@@ -1,4 +1,4 @@
-// Changes who may use one guest, in the records of several users and groups in one commit.
+// Sets which users and groups may use one guest, by changing their records in one commit.
 #include <cstdint>
 #include <map>
 #include <set>
@@ -13,7 +13,7 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
 using VexaCCC::Rule;
@@ -21,19 +21,19 @@ using VexaCCC::tagGuestAdminRule;
 
 constexpr std::uint32_t kNoId = UINT32_MAX;
 
-// The requested change of one user's or group's record.
-struct Request {
-  std::string known_name;  // this host's name for them
+// The requested change of one principal's record.
+struct RecordChange {
+  std::string local_name;  // the principal's name on this host
   std::vector<Rule> rules;
-  std::set<std::string> names;  // the names that the rules use for the user or group, for messages
+  std::set<std::string> names;  // the names that the rules use for the principal, for messages
 };
 using PrincipalKey = std::pair<std::string, std::uint32_t>;  // kind and id
 
 std::string NameOf(const tagGuestAdminRule& rule) { return rule.name.empty() ? std::to_string(rule.id) : rule.name; }
 
-// This host's name for the user or group; empty when absent, or when it is unknown.
-std::string KnownName(const base::AccountProvider& accounts, const PrincipalKey& principal) {
-  if (principal.first == kUsersKind) {
+// The principal's name on this host; "" if there is no such user or group, or it cannot be determined.
+std::string LocalPrincipalName(const accounts::AccountProvider& accounts, const PrincipalKey& principal) {
+  if (principal.first == records::kUsersKind) {
     const auto user = accounts.FindUserByUid(principal.second);
     return user ? user->name : std::string();
   }
@@ -43,90 +43,92 @@ std::string KnownName(const base::AccountProvider& accounts, const PrincipalKey&
 
 class GuestRights {
  public:
-  GuestRights(const Environment& environment, const std::string& guest_id)
-      : environment_(environment), id_(guest_id), seen_(RevisionBeforeLookup(*environment.store)) {}
+  GuestRights(const records::Environment& environment, const std::string& guest_id)
+      : environment_(environment),
+        guest_id_(guest_id),
+        lookup_revision_(records::RevisionBeforeLookup(*environment.store)) {}
 
   void Add(const tagGuestAdminRule& rule) {
-    const bool has_kind = rule.kind == kUsersKind || rule.kind == kGroupsKind;
-    if (!CanBeGuestId(id_) || !has_kind || rule.id == kNoId) {
-      impossible_.insert(NameOf(rule));
+    const bool has_kind = rule.kind == records::kUsersKind || rule.kind == records::kGroupsKind;
+    if (!records::IsValidGuestId(guest_id_) || !has_kind || rule.id == kNoId) {
+      invalid_names_.insert(NameOf(rule));
       return;
     }
     const PrincipalKey principal{rule.kind, rule.id};
-    const std::string name = KnownName(*environment_.accounts, principal);
+    const std::string name = LocalPrincipalName(*environment_.accounts, principal);
     if (name.empty()) {
-      impossible_.insert(NameOf(rule));
+      invalid_names_.insert(NameOf(rule));
       return;
     }
-    Request& request = requests_[principal];
-    request.known_name = name;
-    request.rules.push_back({VexaCCC::DB::_k::guest, id_, rule.allow});
-    request.names.insert(NameOf(rule));
+    RecordChange& change = changes_[principal];
+    change.local_name = name;
+    change.rules.push_back({VexaCCC::DB::_k::guest, guest_id_, rule.allow});
+    change.names.insert(NameOf(rule));
   }
 
   // Returns the users and groups that could not be set.
   std::vector<std::string> Commit() {
     std::set<std::string> failed;
-    if (!CommitPlanned(*environment_.store, [&] { return Plan(failed); })) {
-      for (const auto& [principal, request] : requests_) failed.insert(request.names.begin(), request.names.end());
+    if (!records::CommitWithRetry(*environment_.store,
+                                  [&](const records::Reader& reader) { return Plan(reader, failed); })) {
+      for (const auto& [principal, change] : changes_) failed.insert(change.names.begin(), change.names.end());
     }
-    failed.insert(impossible_.begin(), impossible_.end());
+    failed.insert(invalid_names_.begin(), invalid_names_.end());
     return {failed.begin(), failed.end()};
   }
 
  private:
-  // What to commit. `failed` includes users who have been deleted meanwhile, and those whose record is damaged or was
-  // given to another principal; such a record is left unchanged.
-  Result<store::Transaction> Plan(std::set<std::string>& failed) const {
+  // Returns what to commit. `failed` receives the principals that have been deleted meanwhile, and those whose record
+  // is damaged or belongs to another principal; such a record is left unchanged.
+  Result<store::Transaction> Plan(const records::Reader& reader, std::set<std::string>& failed) const {
     failed.clear();
     store::Transaction transaction;
-    if (requests_.empty()) return transaction;
-    const auto snapshot = environment_.store->Read();
-    if (!snapshot) return snapshot.error();
-    for (const auto& [principal, request] : requests_) {
-      const Status put = PutChanged(**snapshot, principal, request, transaction);
+    if (changes_.empty()) return transaction;
+    for (const auto& [principal, change] : changes_) {
+      const Status put = PutChangedRecord(reader, principal, change, transaction);
       if (put) continue;
       const ErrorCode code = put.error().code();
-      const bool is_theirs_alone =
+      const bool affects_only_this_principal =
           code == ErrorCode::kCorrupt || code == ErrorCode::kDenied || code == ErrorCode::kNotFound;
-      if (!is_theirs_alone) return put.error();
-      failed.insert(request.names.begin(), request.names.end());
+      if (!affects_only_this_principal) return put.error();
+      failed.insert(change.names.begin(), change.names.end());
     }
     return transaction;
   }
 
-  Status PutChanged(const store::Snapshot& snapshot, const PrincipalKey& principal, const Request& request,
-                    store::Transaction& transaction) const {
-    const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.first, principal.second));
-    Result<StoredObject> stored = LoadObject(snapshot, key);
+  Status PutChangedRecord(const store::Snapshot& snapshot, const PrincipalKey& principal, const RecordChange& change,
+                          store::Transaction& transaction) const {
+    const std::string key = records::GuestAdminKey(records::GuestAdminIdentifier(principal.first, principal.second));
+    Result<records::StoredObject> stored = records::LoadObject(snapshot, key);
     if (!stored) return stored.error();
-    const Result<bool> differs = ApplyRules(*stored, key, request.known_name, request.rules);
+    const Result<bool> differs = records::ApplyGrantRules(*stored, key, change.local_name, change.rules);
     if (!differs) return differs.error();
     if (!*differs) return {};
-    // First, so that a refusal leaves nothing in the transaction of the others.
-    const Status compared = CompareAccount(snapshot, principal.first, principal.second, seen_, transaction);
-    if (compared) PutObject(transaction, key, *stored);
-    return compared;
+    // Checked first, so that a refusal adds nothing to the shared transaction.
+    const Status checked =
+        records::AddAccountCompare(snapshot, principal.first, principal.second, lookup_revision_, transaction);
+    if (checked) records::PutObject(transaction, key, *stored);
+    return checked;
   }
 
-  const Environment& environment_;
-  const std::string& id_;
-  const store::Revision seen_;
-  std::map<PrincipalKey, Request> requests_;
-  std::set<std::string> impossible_;
+  const records::Environment& environment_;
+  const std::string& guest_id_;
+  const store::Revision lookup_revision_;
+  std::map<PrincipalKey, RecordChange> changes_;
+  std::set<std::string> invalid_names_;
 };
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform
 
 namespace VexaCCC {
 
 int gaGuestSet(const std::string& guest_id, const std::vector<tagGuestAdminRule>& rules,
                std::vector<std::string>& failed_users) {
   failed_users.clear();
-  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
+  const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
   if (!environment) return -1;
-  vexa::cluster::GuestRights rights(*environment, guest_id);
+  vexa::platform::GuestRights rights(*environment, guest_id);
   for (const tagGuestAdminRule& rule : rules) rights.Add(rule);
   failed_users = rights.Commit();
   return failed_users.empty() ? 0 : -1;

@@ -6,21 +6,22 @@
 #include "host/records/environment.h"
 #include "host/records/guest_admin.h"
 #include "host/records/guest_admin_record.h"
+#include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-namespace keys = VexaCCC::DB::_k;
 using VexaCCC::Rule;
 
-// This host's name for the user or group; empty when absent.
-Result<std::string> NameOf(const base::AccountProvider* accounts, const GuestAdminOwner& principal) {
+// The principal's name on this host; "" if there is no such user or group, or no account provider.
+Result<std::string> LocalPrincipalName(const accounts::AccountProvider* accounts,
+                                       const records::GuestAdminPrincipal& principal) {
   if (accounts == nullptr) return std::string();
   std::optional<Error> error;
-  if (principal.kind == kUsersKind) {
+  if (principal.kind == records::kUsersKind) {
     const auto user = accounts->FindUserByUid(principal.id);
     if (user) return user->name;
     error = user.error();
@@ -33,65 +34,69 @@ Result<std::string> NameOf(const base::AccountProvider* accounts, const GuestAdm
   return *error;
 }
 
-bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && CanBeGuestId(rule.id); }
+bool IsGuestRule(const Rule& rule) { return rule.category == keys::guest && records::IsValidGuestId(rule.id); }
 
-// What to commit; nothing when the record already agrees with the rules.
-Result<store::Transaction> PlanRules(const store::Store& store, const GuestAdminOwner& principal,
-                                     const std::string& name, store::Revision seen, const std::vector<Rule>& rules) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  const std::string key = GuestAdminKey(GuestAdminIdentifier(principal.kind, principal.id));
-  Result<StoredObject> stored = LoadObject(**snapshot, key);
+// Returns what to commit: an empty transaction if the record already agrees with the rules. `lookup_revision` is that
+// of the store before `name` was looked up.
+Result<store::Transaction> PlanRules(const records::Reader& reader, const records::GuestAdminPrincipal& principal,
+                                     const std::string& name, store::Revision lookup_revision,
+                                     const std::vector<Rule>& rules) {
+  const std::string key = records::GuestAdminKey(records::GuestAdminIdentifier(principal.kind, principal.id));
+  Result<records::StoredObject> stored = records::LoadObject(reader, key);
   if (!stored) return stored.error();
-  const Result<bool> differs = ApplyRules(*stored, key, name, rules);
+  const Result<bool> differs = records::ApplyGrantRules(*stored, key, name, rules);
   if (!differs) return differs.error();
   store::Transaction transaction;
   if (!*differs) return transaction;
-  PutObject(transaction, key, *stored);
-  if (Status compared = CompareAccount(**snapshot, principal.kind, principal.id, seen, transaction); !compared) {
-    return compared.error();
+  records::PutObject(transaction, key, *stored);
+  if (Status checked = records::AddAccountCompare(reader, principal.kind, principal.id, lookup_revision, transaction);
+      !checked) {
+    return checked.error();
   }
   return transaction;
 }
 
-Status SetRules(const Environment& environment, const std::string& identifier, const std::vector<Rule>& rules) {
-  const auto principal = ParseGuestAdminIdentifier(identifier);
-  if (!principal) return Error(ErrorCode::kInvalid, "This is the identifier of no user and no group");
+Status SetRules(const records::Environment& environment, const std::string& identifier,
+                const std::vector<Rule>& rules) {
+  const auto principal = records::ParseGuestAdminIdentifier(identifier);
+  if (!principal) return Error(ErrorCode::kInvalid, "The identifier does not belong to a user or group");
   for (const Rule& rule : rules) {
     if (!IsGuestRule(rule)) return Error(ErrorCode::kInvalid, "A rule is not about a guest");
   }
   store::Store& store = *environment.store;
-  RequestScope::ReleaseSnapshot();
-  const store::Revision seen = RevisionBeforeLookup(store);
-  const Result<std::string> name = NameOf(environment.accounts.get(), *principal);
+  const records::RequestPause pause;
+  const store::Revision lookup_revision = records::RevisionBeforeLookup(store);
+  const Result<std::string> name = LocalPrincipalName(environment.accounts.get(), *principal);
   if (!name) return name.error();
-  return CommitPlanned(store, [&] { return PlanRules(store, *principal, *name, seen, rules); });
+  return records::CommitWithRetry(store, [&](const records::Reader& reader) {
+    return PlanRules(reader, *principal, *name, lookup_revision, rules);
+  });
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform
 
 namespace VexaCCC {
 
 std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numeric_id) {
-  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
-  // Local, domain and directory accounts: the account provider knows all of them by the same number.
+  const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
+  // 1, 2 and 8 are local, domain and directory accounts. The account provider knows all of them by the same number.
   if (!environment || (auth_type != 1 && auth_type != 2 && auth_type != 8)) return {};
-  const vexa::base::AccountProvider& accounts = *environment->accounts;
-  if (kind == vexa::cluster::kUsersKind) {
+  const vexa::accounts::AccountProvider& accounts = *environment->accounts;
+  if (kind == vexa::records::kUsersKind) {
     if (!accounts.FindUserByUid(numeric_id)) return {};
-  } else if (kind == vexa::cluster::kGroupsKind) {
+  } else if (kind == vexa::records::kGroupsKind) {
     if (!accounts.FindGroupByGid(numeric_id)) return {};
   } else {
     return {};
   }
-  return vexa::cluster::GuestAdminIdentifier(kind, numeric_id);
+  return vexa::records::GuestAdminIdentifier(kind, numeric_id);
 }
 
 int gaUserSet(const std::string& identifier, const std::string& empty, const std::vector<Rule>& rules) {
-  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
+  const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
   if (!environment || !empty.empty()) return -1;
-  return vexa::cluster::SetRules(*environment, identifier, rules) ? 0 : -1;
+  return vexa::platform::SetRules(*environment, identifier, rules) ? 0 : -1;
 }
 
 }  // namespace VexaCCC

@@ -6,15 +6,15 @@
 #include "host/base/json_parse.h"
 #include "host/base/rooted_file.h"
 #include "host/records/environment.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-// From the C0 and C1 sets, in UTF-8.
+// Whether `text`, in UTF-8, has a control character: C0, DEL or C1.
 bool HasControlCharacter(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -24,41 +24,44 @@ bool HasControlCharacter(std::string_view text) {
   return false;
 }
 
-// Whether the last segment is a name followed by ".iso", in any case.
-bool IsNamedAsImage(std::string_view path) {
-  constexpr std::string_view kEnding = ".iso";
+// Whether the last segment is a name with the extension ".iso" in upper or lower case.
+bool HasIsoExtension(std::string_view path) {
+  constexpr std::string_view kExtension = ".iso";
   const std::string_view name = path.substr(path.rfind('/') + 1);
-  return name.size() > kEnding.size() &&
-         std::ranges::equal(name.substr(name.size() - kEnding.size()), kEnding,
+  return name.size() > kExtension.size() &&
+         std::ranges::equal(name.substr(name.size() - kExtension.size()), kExtension,
                             [](unsigned char a, unsigned char b) { return std::tolower(a) == b; });
 }
 
-// Whether it is valid as a path in a shared folder. The file system is not checked.
-bool CanBeImagePath(std::string_view path) {
+// Whether `path` has the form of an image's path in a shared folder. Does not check that the file exists.
+bool HasImagePathForm(std::string_view path) {
   const bool has_folder = path.starts_with('/') && path.find('/', 1) != std::string_view::npos;
-  return has_folder && path.size() <= kMaxImagePathBytes && IsNamedAsImage(path) && IsValidUtf8(path) &&
+  return has_folder && path.size() <= records::kMaxImagePathBytes && HasIsoExtension(path) && IsValidUtf8(path) &&
          !HasControlCharacter(path);
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform
 
 namespace VexaCCC {
 
 bool GuestImageIsValidID(const std::string& text) {
-  if (text == vexa::cluster::kEmptyDrive) return true;
+  if (text == vexa::records::kEmptyDrive) return true;
   if (!Utils::isUUID(text)) return false;
-  const auto image = vexa::cluster::ReadObject(vexa::cluster::kImageCategory, text);
+  const auto reader = vexa::records::ReaderOfRequest();
+  if (!reader) return false;
+  const auto image = (*reader)->ReadObject(vexa::records::kImageCategory, text);
   if (!image) return false;
-  const Json::Value& path = vexa::json::Member(**image, vexa::cluster::kImagePath);
+  const Json::Value& path = vexa::json::Member(**image, vexa::records::kImagePath);
   return path.isString() && !vexa::json::String(path).empty();
 }
 
 bool GuestImageIsDsPath(const std::string& text) { return text.size() > 1 && text.front() == '/'; }
 
 bool GuestImageIsValidDsPath(const std::string& text) {
-  const vexa::cluster::Environment* environment = vexa::cluster::CurrentEnvironment();
-  return environment && vexa::cluster::CanBeImagePath(text) && vexa::IsRegularFileBelow(environment->image_roots, text);
+  const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
+  return environment && vexa::platform::HasImagePathForm(text) &&
+         vexa::IsRegularFileBelow(environment->image_roots, text);
 }
 
 }  // namespace VexaCCC

@@ -1,4 +1,4 @@
-// Users and groups of webapi/platform/base.h, from the installed account provider.
+// The user and group functions of webapi/platform/base.h, on top of the installed account provider.
 #include <exception>
 #include <memory>
 #include <optional>
@@ -8,25 +8,26 @@
 #include "host/platform/hlib_types.h"
 #include "webapi/platform/base.h"
 
-using vexa::base::HlibError;
-using vexa::base::SetHlibError;
+using vexa::platform::HlibError;
+using vexa::platform::SetHlibError;
 
 namespace {
 
-// Empty, with the last error set to `place`: there is no such user, or that is unknown.
-std::optional<vexa::base::User> FindUser(const char* name, vexa::base::Place place = vexa::base::Place::Here()) {
+// On failure, sets the last error with `location`.
+std::optional<vexa::accounts::User> FindUser(
+    const char* name, vexa::platform::SourceLocation location = vexa::platform::SourceLocation::Current()) {
   if (!name) {
-    SetHlibError(HlibError::kBadArgument, place);
+    SetHlibError(HlibError::kBadArgument, location);
     return std::nullopt;
   }
-  const vexa::base::AccountProvider* accounts = vexa::base::CurrentAccounts();
+  const vexa::accounts::AccountProvider* accounts = vexa::accounts::CurrentAccounts();
   if (!accounts) {
-    SetHlibError(HlibError::kUnavailable, place);
+    SetHlibError(HlibError::kUnavailable, location);
     return std::nullopt;
   }
-  vexa::Result<vexa::base::User> user = accounts->FindUser(name);
+  vexa::Result<vexa::accounts::User> user = accounts->FindUser(name);
   if (user) return std::move(*user);
-  SetHlibError(vexa::base::HlibErrorOf(user.error()), place);
+  SetHlibError(vexa::platform::HlibErrorFor(user.error()), location);
   return std::nullopt;
 }
 
@@ -36,14 +37,14 @@ PSZHASH HLIBGroupInfoHashGet(const char* user, int, int) try {
   const auto found = FindUser(user);
   if (!found) return nullptr;
   auto hash = std::make_unique<HLIBCSzHash>();
-  for (const vexa::base::Group& group : found->groups) hash->values.emplace(group.gid, group.name);
+  for (const vexa::accounts::Group& group : found->groups) hash->values.emplace(group.gid, group.name);
   return hash.release();
 } catch (const std::exception&) {
   SetHlibError(HlibError::kNoMemory);
   return nullptr;
 }
 
-// A null output is not requested.
+// `uid` and `gid` may be null.
 int VEXAUserGetUGID(const char* name, uid_t* uid, gid_t* gid) try {
   const auto found = FindUser(name);
   if (!found) return -1;

@@ -4,12 +4,12 @@
 
 #include "webapi/platform/base.h"
 
-namespace vexa::base {
+namespace vexa::platform {
 namespace {
 
 struct LastError {
   HlibError code = HlibError::kNone;
-  const char* file = "";  // part of a literal
+  const char* file = "";  // points into a string literal
   int line = 0;
 };
 
@@ -17,13 +17,13 @@ thread_local LastError last_error;
 
 }  // namespace
 
-void SetHlibError(HlibError code, Place place) {
-  const char* const path = place.file;
+void SetHlibError(HlibError code, SourceLocation location) {
+  const char* const path = location.file;
   const char* const slash = std::strrchr(path, '/');
-  last_error = {code, slash ? slash + 1 : path, place.line};
+  last_error = {code, slash ? slash + 1 : path, location.line};
 }
 
-HlibError HlibErrorOf(const Error& error) {
+HlibError HlibErrorFor(const Error& error) {
   switch (error.code()) {
     case ErrorCode::kNotFound:
       return HlibError::kNoSuchUser;
@@ -35,8 +35,8 @@ HlibError HlibErrorOf(const Error& error) {
   }
 }
 
-}  // namespace vexa::base
+}  // namespace vexa::platform
 
-unsigned int HLIBCErrGet() { return static_cast<unsigned int>(vexa::base::last_error.code); }
-const char* HLIBCErrorGetFile() { return vexa::base::last_error.file; }
-int HLIBCErrorGetLine() { return vexa::base::last_error.line; }
+unsigned int HLIBCErrGet() { return static_cast<unsigned int>(vexa::platform::last_error.code); }
+const char* HLIBCErrorGetFile() { return vexa::platform::last_error.file; }
+int HLIBCErrorGetLine() { return vexa::platform::last_error.line; }

@@ -3,29 +3,31 @@
 
 #include "host/base/result.h"
 
-namespace vexa::base {
+namespace vexa::platform {
 
-// In the order of the numbers; logs show them as four hexadecimal digits.
+// Logs display the codes as four hexadecimal digits.
 enum class HlibError : unsigned int {
   kNone = 0x0000,         // nothing has failed on this thread yet
   kBadArgument = 0x0100,  // a null pointer, a negative capacity, an index outside the list
   kNoMemory = 0x0200,
   kNoSuchUser = 0x0300,
-  kUnavailable = 0x0400,  // no account provider is installed, or it cannot answer now
-  kInternal = 0x0500,     // the provider failed for a reason of its own
+  kUnavailable = 0x0400,  // no account provider is installed, or it is currently unavailable
+  kInternal = 0x0500,     // any other failure of the provider
 };
 
-// A source line. (The compiler of the fuzz targets does not have std::source_location.)
-struct Place {
+// As std::source_location, which the compiler of the fuzz targets does not have.
+struct SourceLocation {
   const char* file;
   int line;
-  static constexpr Place Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) { return {file, line}; }
+  static constexpr SourceLocation Current(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return {file, line};
+  }
 };
 
-// Sets the calling thread's last error; the place is the caller's.
-void SetHlibError(HlibError code, Place place = Place::Here());
+// Sets the calling thread's last error. `location` defaults to the source line of the call.
+void SetHlibError(HlibError code, SourceLocation location = SourceLocation::Current());
 
 // The code for an account provider's error.
-HlibError HlibErrorOf(const Error& error);
+HlibError HlibErrorFor(const Error& error);
 
-}  // namespace vexa::base
+}  // namespace vexa::platform

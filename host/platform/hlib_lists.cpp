@@ -1,5 +1,5 @@
-// String lists and hashes of webapi/platform/base.h. Callers do not expect exceptions: running out of memory is a
-// failure like any other.
+// The string lists and hashes of webapi/platform/base.h. Callers do not expect exceptions, so running out of memory is
+// reported as a failure.
 #include <algorithm>
 #include <exception>
 #include <iterator>
@@ -9,12 +9,12 @@
 #include "host/platform/hlib_types.h"
 #include "webapi/platform/base.h"
 
-using vexa::base::HlibError;
-using vexa::base::SetHlibError;
+using vexa::platform::HlibError;
+using vexa::platform::SetHlibError;
 
 namespace {
 
-// Lists grow automatically; a wrong capacity must not take all memory.
+// Lists grow automatically, so a capacity above this one is reduced: a wrong one must not take all memory.
 constexpr int kMaxReserved = 65536;
 
 }  // namespace
@@ -55,7 +55,7 @@ int HLIBCSzHashEnumKey(PSZHASH hash, PSZLIST list) {
     std::vector<std::string> keys;
     keys.reserve(hash->values.size());
     for (const auto& [number, value] : hash->values) keys.push_back(std::to_string(number));
-    // Reserve first: on failure the list is unchanged.
+    // Reserve first, so that the list is unchanged if this fails.
     list->strings.reserve(list->strings.size() + keys.size());
     std::move(keys.begin(), keys.end(), std::back_inserter(list->strings));
     return 0;

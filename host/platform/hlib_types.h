@@ -10,7 +10,7 @@ struct HLIBCSzList {
   std::vector<std::string> strings;
 };
 
-// Indexed by the number that the key spells, so that entries come in numeric order.
+// A key is a decimal number. The map has it as an integer, so that the entries are in numeric order.
 struct HLIBCSzHash {
   std::map<std::uint32_t, std::string> values;
 };

@@ -1,15 +1,15 @@
-// The local guest configuration: the guests' records in this host's own copy of the cluster's keyspace, with the live
-// state in place of the record's. Nothing here checks the health of the cluster database: the copy is read as it is.
+// The local guest configuration: the guests' records in this host's copy of the cluster database, with the live state
+// instead of the record's state. The copy is read even while the cluster database cannot be reached.
 #include <json/value.h>
 
 #include <optional>
 #include <utility>
 
 #include "host/records/environment.h"
-#include "host/records/host_life.h"
+#include "host/records/host_liveness.h"
 #include "host/records/keys.h"
 #include "host/records/live_state.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/records/shutdown_reason.h"
 #include "host/records/unstored_states.h"
 #include "json/readers.h"
@@ -20,37 +20,38 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
-using vexa::cluster::CallScope;
+using vexa::records::Reader;
+using vexa::records::ReaderOfRequest;
 using VexaCCC::DB::DashCate;
 
 constexpr int kFailed = -1;
 constexpr int kNoHost = -2;
 
-std::string GuestKey(const std::string& id) { return vexa::cluster::ObjectKey(DashCate::Guest.name(), id); }
+std::string GuestKey(const std::string& id) { return vexa::records::ObjectKey(DashCate::Guest.name(), id); }
 
-// A value of the caller's own, and an object: called for every guest of a list.
-vexa::Result<Json::Value> ReadGuest(const std::string& id) {
-  auto record = vexa::cluster::ReadOnce(GuestKey(id));
+// Returns a copy of the record, always a JSON object. Not cached, because it is called for every guest of a list.
+vexa::Result<Json::Value> ReadGuest(const Reader& reader, const std::string& id) {
+  auto record = reader.ReadUncached(GuestKey(id));
   if (!record) return record.error();
   if (!*record) return vexa::Error(vexa::ErrorCode::kNotFound, "There is no such guest");
   if (!(*record)->isObject()) return vexa::Error(vexa::ErrorCode::kCorrupt, "The guest's record is not an object");
   return *std::move(*record);
 }
 
-// A string; not set when the guest has no live state. An invalid one is an error, because the record's state may be
-// long outdated.
-vexa::Result<std::optional<Json::Value>> ReadLiveState(const std::string& guest_id) {
-  auto state = vexa::cluster::ReadOnce(vexa::cluster::LiveStateKey(guest_id));
+// Returns a string, or nothing if the guest has no live state. An invalid live state is an error: the record's state,
+// the alternative, may be long outdated.
+vexa::Result<std::optional<Json::Value>> ReadLiveState(const Reader& reader, const std::string& guest_id) {
+  auto state = reader.ReadUncached(vexa::records::LiveStateKey(guest_id));
   if (!state || !*state || (*state)->isString()) return state;
-  return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is not a text");
+  return vexa::Error(vexa::ErrorCode::kCorrupt, "The live state is not a string");
 }
 
-// What this host has observed of the guest since the database was lost; nothing when the database is not lost, or
-// nothing was observed.
+// Returns the state of the guest that this host has observed since the cluster database was lost. Nothing if the
+// database is not lost, or no state was observed.
 std::optional<std::string> UnstoredLiveState(const std::string& guest_id) {
-  auto state = vexa::cluster::UnstoredState(guest_id);
+  auto state = vexa::records::UnstoredState(guest_id);
   if (!state) return state;
-  const vexa::cluster::Environment* const environment = vexa::cluster::CurrentEnvironment();
+  const vexa::records::Environment* const environment = vexa::records::CurrentEnvironment();
   const bool is_lost = environment && environment->store->health() == vexa::store::Health::kInaccessible;
   return is_lost ? state : std::nullopt;
 }
@@ -58,47 +59,52 @@ std::optional<std::string> UnstoredLiveState(const std::string& guest_id) {
 }  // namespace
 
 int vgConfGet(const std::string& guest_id, Json::Value& conf) {
-  const CallScope scope;
-  auto record = ReadGuest(guest_id);
+  const auto reader = ReaderOfRequest();
+  if (!reader) return kFailed;
+  auto record = ReadGuest(**reader, guest_id);
   if (!record) return kFailed;
-  auto state = ReadLiveState(guest_id);
+  auto state = ReadLiveState(**reader, guest_id);
   if (!state) return kFailed;
   if (*state) (*record)[Json::StaticString(keys::state)] = *std::move(*state);
   const Json::Value& stored = json::Member(*record, keys::state);
-  const auto now = vexa::cluster::GuestStateNow(*record, stored.isString() ? json::String(stored) : std::string());
-  if (!now) return kFailed;
-  if (*now) (*record)[Json::StaticString(keys::state)] = std::string(**now);
-  if (!vexa::cluster::PutShutdown(guest_id, *record)) return kFailed;
+  const auto effective =
+      vexa::records::GuestStateIfHostGone(**reader, *record, stored.isString() ? json::String(stored) : std::string());
+  if (!effective) return kFailed;
+  if (*effective) (*record)[Json::StaticString(keys::state)] = std::string(**effective);
+  if (!vexa::records::PutShutdownReason(**reader, guest_id, *record)) return kFailed;
   conf = std::move(*record);
   return 0;
 }
 
 int vgConfStateGet(const std::string& guest_id, std::string& state) {
-  const CallScope scope;
   if (auto unstored = UnstoredLiveState(guest_id)) {
     state = *std::move(unstored);
     return 0;
   }
-  const auto live = ReadLiveState(guest_id);
+  const auto reader = ReaderOfRequest();
+  if (!reader) return kFailed;
+  const auto live = ReadLiveState(**reader, guest_id);
   if (!live) return kFailed;
-  const auto record = ReadGuest(guest_id);
+  const auto record = ReadGuest(**reader, guest_id);
   // A live state is valid even if the record is damaged, but not for a guest that no longer exists.
-  const bool is_there = record || record.error().code() == vexa::ErrorCode::kCorrupt;
-  if (!is_there || (!record && !*live)) return kFailed;
+  const bool guest_exists = record || record.error().code() == vexa::ErrorCode::kCorrupt;
+  if (!guest_exists || (!record && !*live)) return kFailed;
   const Json::Value& found = *live ? **live : json::Member(*record, keys::state);
   if (!found.isString()) return kFailed;
   std::string text = json::String(found);
   if (record) {
-    const auto now = vexa::cluster::GuestStateNow(*record, text);
-    if (!now) return kFailed;
-    if (*now) text = **now;
+    const auto effective = vexa::records::GuestStateIfHostGone(**reader, *record, text);
+    if (!effective) return kFailed;
+    if (*effective) text = **effective;
   }
   state = std::move(text);
   return 0;
 }
 
 int vgConfHostGet(const std::string& guest_id, std::string& host) {
-  const auto record = ReadGuest(guest_id);
+  const auto reader = ReaderOfRequest();
+  if (!reader) return kFailed;
+  const auto record = ReadGuest(**reader, guest_id);
   if (!record) return kFailed;
   const Json::Value& found = json::Member(*record, keys::host_id);
   if (found.isNull()) return kNoHost;
@@ -110,12 +116,13 @@ int vgConfHostGet(const std::string& guest_id, std::string& host) {
 }
 
 int vgConfRepoHostIdGet(const std::string& guest_id, std::string& host) {
-  const CallScope scope;
-  const auto guest = ReadGuest(guest_id);
+  const auto reader = ReaderOfRequest();
+  if (!reader) return kFailed;
+  const auto guest = ReadGuest(**reader, guest_id);
   if (!guest) return kFailed;
   const Json::Value& repository = json::Member(*guest, keys::repository_id);
   if (!repository.isString()) return kFailed;
-  const auto record = vexa::cluster::ReadObject(DashCate::Repository.name(), json::String(repository));
+  const auto record = (*reader)->ReadObject(DashCate::Repository.name(), json::String(repository));
   if (!record) return kFailed;
   const Json::Value& found = json::Member(**record, keys::host_id);
   if (!found.isString()) return kFailed;

@@ -1,25 +1,26 @@
-// Small helpers of the cluster-control library that other code calls by name.
+// Names of objects by their ids, and small helpers for JSON and strings.
 #include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
 
 #include "host/records/keys.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
 namespace VexaCCC::Utils {
 namespace {
 
-// Like GetNameById, for passes over many objects.
-bool ReadNameOnce(const DB::DashCate& category, const std::string& id, std::string& name) {
-  const auto key = [&](const char* last) { return vexa::cluster::MemberKey(category.name(), id, last); };
-  auto value = vexa::cluster::ReadOnce(key(DB::_k::name));
-  const bool is_apart = value && *value;
-  if (value && !*value) value = vexa::cluster::ReadOnce(key(DB::_k::object));
+// As GetNameById, but does not fill the cache of parsed records, for passes over many objects.
+bool ReadNameUncached(const vexa::records::Reader& reader, const DB::DashCate& category, const std::string& id,
+                      std::string& name) {
+  const auto key = [&](const char* member) { return vexa::records::MemberKey(category.name(), id, member); };
+  auto value = reader.ReadUncached(key(DB::_k::name));
+  const bool has_own_key = value && *value;
+  if (value && !*value) value = reader.ReadUncached(key(DB::_k::object));
   if (!value || !*value) return false;
-  const Json::Value& found = is_apart ? **value : VexaVirtualization::json::Member(**value, DB::_k::name);
+  const Json::Value& found = has_own_key ? **value : VexaVirtualization::json::Member(**value, DB::_k::name);
   if (!found.isString()) return false;
   name = VexaVirtualization::json::String(found);
   return true;
@@ -36,20 +37,21 @@ bool GetHostNameById(const std::string& id, std::string& name) {
 }
 
 int GetNameList(const DB::DashCate& category, const std::vector<std::string>& ids, std::vector<std::string>& names) {
-  const vexa::cluster::CallScope scope;
+  const auto reader = vexa::records::ReaderOfRequest();
+  if (!reader) return -1;
   std::vector<std::string> found(ids.size());
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (!ReadNameOnce(category, ids[i], found[i])) return -1;
+    if (!ReadNameUncached(**reader, category, ids[i], found[i])) return -1;
   }
   names = std::move(found);
   return 0;
 }
 
 bool jsChkMemberInDepth(const Json::Value& value, std::initializer_list<const char*> path) {
-  const Json::Value* step = &value;
+  const Json::Value* current = &value;
   for (const char* member : path) {
-    step = member ? VexaVirtualization::json::FindMember(*step, member) : nullptr;
-    if (!step) return false;
+    current = member ? VexaVirtualization::json::FindMember(*current, member) : nullptr;
+    if (!current) return false;
   }
   return true;
 }

@@ -20,8 +20,7 @@ void Request::setTimeout(int seconds) { timeout_s_ = seconds; }
 void Request::clear() { *this = Request(); }
 
 Json::Value Request::toJson() const {
-  // The request's own three members come last: a parameter of the same name must not lead the reader of a log to
-  // another API.
+  // Set last, so that a parameter of the same name cannot make a log name another API.
   Json::Value json = parameters_;
   json["api"] = api_;
   json["method"] = method_;

@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 #include "webapi/platform/dr.h"
 
 namespace VexaDRCore {
@@ -8,16 +9,14 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 
-constexpr int kUnreadableFailure = 100;
-
 }  // namespace
 
 Response::Response() = default;
 Response::Response(Json::Value reply) : reply_(std::move(reply)) {}
 
 bool Response::isSuccess() const {
-  // Nothing but true: a host that answers 1 or "true" does not follow the protocol, and the rest of its reply may not
-  // either.
+  // Only the boolean true: a host that replies 1 or "true" does not follow the protocol, so the rest of its reply
+  // cannot be trusted either.
   const Json::Value& success = json::Member(reply_, "success");
   return success.isBool() && json::Bool(success);
 }
@@ -35,10 +34,10 @@ Json::Value Response::getField(const char* name) const { return json::Member(rep
 
 int Response::getErrCode() const {
   if (isSuccess()) return 0;
-  // A failure whose code is 0 or out of range would read as a success.
+  // A failure with a code of 0 or out of range would look like a success.
   const Json::Value& code = json::Member(json::Member(reply_, "error"), "code");
   const int number = code.isInt() ? json::Int(code) : 0;
-  return number != 0 ? number : kUnreadableFailure;
+  return number != 0 ? number : vexa::host_error::kInternal;
 }
 
 Json::Value Response::getErrMsg() const {

@@ -11,12 +11,12 @@ namespace {
 
 using vexa::transport::CurrentTransport;
 
-std::vector<Json::Value> Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request) {
-  if (const auto transport = CurrentTransport()) return transport->Ask(host_ids, request);
+std::vector<Json::Value> SendToHosts(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request) {
+  if (const auto transport = CurrentTransport()) return transport->Call(host_ids, request);
   std::vector<Json::Value> replies;
   replies.reserve(host_ids.size());
   for (const std::string& id : host_ids) {
-    replies.push_back(vexa::transport::FailedReply(id, "this host serves no requests"));
+    replies.push_back(vexa::transport::FailedReply(id, "this host is not serving requests"));
   }
   return replies;
 }
@@ -31,7 +31,7 @@ Sender Sender::localhost() { return Sender(DB::DBLocalhostID()); }
 void Sender::setHost(const std::string& host_id) { host_id_ = host_id; }
 
 VexaDRCore::Response Sender::process(const VexaDRCore::Request& request) {
-  return VexaDRCore::Response(std::move(Ask({host_id_}, request).front()));
+  return VexaDRCore::Response(std::move(SendToHosts({host_id_}, request).front()));
 }
 
 MultiResponse::MultiResponse(std::vector<std::string> host_ids, std::map<std::string, VexaDRCore::Response> responses)
@@ -53,13 +53,13 @@ MultiSender MultiSender::allHosts() {
 }
 
 MultiResponse MultiSender::process(const VexaDRCore::Request& request) {
-  // A host that is named twice is asked once: it has one response.
+  // A host that is named twice gets the request once, because there is one response for each host.
   const std::set<std::string> distinct(host_ids_.begin(), host_ids_.end());
-  const std::vector<std::string> asked(distinct.begin(), distinct.end());
-  std::vector<Json::Value> replies = Ask(asked, request);
+  const std::vector<std::string> receivers(distinct.begin(), distinct.end());
+  std::vector<Json::Value> replies = SendToHosts(receivers, request);
   std::map<std::string, VexaDRCore::Response> responses;
-  for (std::size_t i = 0; i < asked.size(); ++i) {
-    responses.emplace_hint(responses.end(), asked[i], VexaDRCore::Response(std::move(replies[i])));
+  for (std::size_t i = 0; i < receivers.size(); ++i) {
+    responses.emplace_hint(responses.end(), receivers[i], VexaDRCore::Response(std::move(replies[i])));
   }
   return MultiResponse(host_ids_, std::move(responses));
 }

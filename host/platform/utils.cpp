@@ -1,4 +1,4 @@
-// Helpers that need no environment.
+// Helpers that do not access the cluster database.
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -9,7 +9,7 @@
 
 namespace VexaCCC::Utils {
 
-bool isUUID(const std::string& text) { return vexa::IsUuidForm(text); }
+bool isUUID(const std::string& text) { return vexa::HasUuidForm(text); }
 
 bool IsNotEmpty(const std::string& text) { return !text.empty(); }
 

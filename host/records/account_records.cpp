@@ -1,5 +1,7 @@
 #include "host/records/account_records.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <functional>
@@ -11,20 +13,19 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 constexpr std::string_view kRoot = "accounts";
 
 Error Damaged(std::string_view key) {
   return Error(ErrorCode::kCorrupt,
-               "The account record '" + std::string(key) + "' cannot be understood: restore the store from a backup");
+               fmt::format("The account record '{}' cannot be understood. Restore the store from a backup", key));
 }
 
-std::string_view WordOf(AccountKind kind) { return kind == AccountKind::kUser ? "user" : "group"; }
+std::string_view KindName(AccountKind kind) { return kind == AccountKind::kUser ? "user" : "group"; }
 
-// Integers only: jsoncpp would also convert 1.0, true and null to one. The largest number means "no id" to system
-// calls.
+// Integers only: jsoncpp would also convert 1.0, true and null. The largest number means "no id" to system calls.
 std::optional<std::uint32_t> ReadId(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
   if (!value.isUInt() || json::UInt(value) == UINT32_MAX) return std::nullopt;
@@ -33,7 +34,7 @@ std::optional<std::uint32_t> ReadId(const Json::Value& value) {
 
 std::optional<std::string> ReadName(const Json::Value& record) {
   const Json::Value& name = json::Member(record, "name");
-  if (!name.isString() || !base::IsValidAccountName(json::String(name))) return std::nullopt;
+  if (!name.isString() || !accounts::IsValidAccountName(json::String(name))) return std::nullopt;
   return json::String(name);
 }
 
@@ -47,10 +48,10 @@ std::optional<std::uint32_t> IdOfKey(std::string_view key, std::string_view pref
   return id;
 }
 
-std::optional<base::Group> ReadGroup(std::uint32_t gid, const Json::Value& record) {
+std::optional<accounts::Group> ReadGroup(std::uint32_t gid, const Json::Value& record) {
   const auto name = ReadName(record);
   if (!name) return std::nullopt;
-  return base::Group{*name, gid};
+  return accounts::Group{*name, gid};
 }
 
 std::optional<Account> ReadAccount(std::uint32_t uid, const Json::Value& record, const AccountIndex& index) {
@@ -60,7 +61,7 @@ std::optional<Account> ReadAccount(std::uint32_t uid, const Json::Value& record,
   const Json::Value& groups = json::Member(record, "groups");
   if (!name || !gid || !password.isString() || !groups.isArray()) return std::nullopt;
   Account account{{*name, uid, *gid, {}, false}, json::String(password)};
-  if (!base::IsStoredHashValid(account.password)) return std::nullopt;
+  if (!accounts::IsStoredHashValid(account.password)) return std::nullopt;
   std::vector<std::uint32_t> gids{*gid};
   for (const Json::Value& entry : groups) {
     const auto other = ReadId(entry);
@@ -71,7 +72,7 @@ std::optional<Account> ReadAccount(std::uint32_t uid, const Json::Value& record,
     const auto group = index.groups.find(id);
     if (group == index.groups.end()) return std::nullopt;
     account.user.groups.push_back(group->second);
-    account.user.is_administrator |= group->second.name == base::kAdministratorsGroup;
+    account.user.is_administrator |= group->second.name == accounts::kAdministratorsGroup;
   }
   return account;
 }
@@ -79,7 +80,7 @@ std::optional<Account> ReadAccount(std::uint32_t uid, const Json::Value& record,
 // Calls `read` with the id and the record of every account of one kind. If it returns false, the record is damaged.
 Status ReadAll(const store::Snapshot& snapshot, AccountKind kind, AccountIndex& index,
                const std::function<bool(std::uint32_t id, const Json::Value& record)>& read) {
-  const std::string prefix = store::MakeKey({kRoot, WordOf(kind)});
+  const std::string prefix = store::MakeKey({kRoot, KindName(kind)});
   return snapshot.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
     const auto id = IdOfKey(key, prefix);
     const Result<Json::Value> record = ParseJson(value.text);
@@ -95,21 +96,21 @@ Status ReadAll(const store::Snapshot& snapshot, AccountKind kind, AccountIndex& 
 std::string AccountStateKey() { return store::MakeKey({kRoot, "state"}); }
 
 std::string AccountKey(AccountKind kind, std::uint32_t id) {
-  return store::MakeKey({kRoot, WordOf(kind), std::to_string(id)});
+  return store::MakeKey({kRoot, KindName(kind), std::to_string(id)});
 }
 
 std::string DeletedUserKey(std::uint32_t uid) { return store::MakeKey({kRoot, "deleted_user", std::to_string(uid)}); }
 
 std::string DeletedGroupKey(std::uint32_t gid) { return store::MakeKey({kRoot, "deleted_group", std::to_string(gid)}); }
 
-std::string TakenOverKey(std::string_view fingerprint) { return store::MakeKey({kRoot, "taken_over", fingerprint}); }
+std::string MigratedFileKey(std::string_view fingerprint) { return store::MakeKey({kRoot, "taken_over", fingerprint}); }
 
 Json::Value AccountRecordOf(const Account& account) {
   Json::Value record(Json::objectValue);
   record["name"] = account.user.name;
   record["gid"] = account.user.gid;
   record["groups"] = Json::Value(Json::arrayValue);
-  for (const base::Group& group : account.user.groups) {
+  for (const accounts::Group& group : account.user.groups) {
     if (group.gid != account.user.gid) record["groups"].append(group.gid);
   }
   record["password"] = account.password;
@@ -117,38 +118,38 @@ Json::Value AccountRecordOf(const Account& account) {
 }
 
 const Account* AccountIndex::FindUser(std::string_view name) const {
-  const auto id = user_ids.find(base::FoldedName(name));
+  const auto id = user_ids.find(accounts::LowerCaseName(name));
   return id == user_ids.end() ? nullptr : &users.at(id->second);
 }
 
-const base::Group* AccountIndex::FindGroup(std::string_view name) const {
-  const auto id = group_ids.find(base::FoldedName(name));
+const accounts::Group* AccountIndex::FindGroup(std::string_view name) const {
+  const auto id = group_ids.find(accounts::LowerCaseName(name));
   return id == group_ids.end() ? nullptr : &groups.at(id->second);
 }
 
 void AccountIndex::Put(Account account) {
   const std::uint32_t uid = account.user.uid;
-  user_ids.insert_or_assign(base::FoldedName(account.user.name), uid);
+  user_ids.insert_or_assign(accounts::LowerCaseName(account.user.name), uid);
   users.insert_or_assign(uid, std::move(account));
 }
 
-void AccountIndex::Put(base::Group group) {
+void AccountIndex::Put(accounts::Group group) {
   const std::uint32_t gid = group.gid;
-  group_ids.insert_or_assign(base::FoldedName(group.name), gid);
+  group_ids.insert_or_assign(accounts::LowerCaseName(group.name), gid);
   groups.insert_or_assign(gid, std::move(group));
 }
 
 void AccountIndex::RemoveUser(std::uint32_t uid) {
   const auto found = users.find(uid);
   if (found == users.end()) return;
-  user_ids.erase(base::FoldedName(found->second.user.name));
+  user_ids.erase(accounts::LowerCaseName(found->second.user.name));
   users.erase(found);
 }
 
 void AccountIndex::RemoveGroup(std::uint32_t gid) {
   const auto found = groups.find(gid);
   if (found == groups.end()) return;
-  group_ids.erase(base::FoldedName(found->second.name));
+  group_ids.erase(accounts::LowerCaseName(found->second.name));
   groups.erase(found);
 }
 
@@ -168,9 +169,10 @@ Result<AccountIndex> LoadAccounts(const store::Snapshot& snapshot) {
   index.revision = (*state)->revision;
   const Result<Json::Value> record = ParseJson((*state)->text);
   const auto next_id = record ? ReadId(json::Member(*record, "next_id")) : std::nullopt;
-  if (!next_id || *next_id < base::kFirstOwnId || *next_id > base::kLastOwnId + 1) return Damaged(state_key);
+  if (!next_id || *next_id < accounts::kFirstAssignedId || *next_id > accounts::kLastAssignedId + 1)
+    return Damaged(state_key);
   index.next_id = *next_id;
-  // It is impossible to know which of two users with one name is meant, so both count as damaged.
+  // When two users have the same name, nothing shows which one is valid, so both count as damaged.
   Status read = ReadAll(snapshot, AccountKind::kGroup, index, [&](std::uint32_t gid, const Json::Value& value) {
     auto group = ReadGroup(gid, value);
     if (!group || index.FindGroup(group->name) != nullptr) return false;
@@ -181,8 +183,8 @@ Result<AccountIndex> LoadAccounts(const store::Snapshot& snapshot) {
   read = ReadAll(snapshot, AccountKind::kUser, index, [&](std::uint32_t uid, const Json::Value& value) {
     auto account = ReadAccount(uid, value, index);
     if (!account) return false;
-    if (const Account* twin = index.FindUser(account->user.name)) {
-      const std::uint32_t other = twin->user.uid;
+    if (const Account* duplicate = index.FindUser(account->user.name)) {
+      const std::uint32_t other = duplicate->user.uid;
       index.damaged_users.insert(other);
       index.RemoveUser(other);
       return false;
@@ -194,4 +196,4 @@ Result<AccountIndex> LoadAccounts(const store::Snapshot& snapshot) {
   return index;
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -1,12 +1,14 @@
 #include "host/records/domain_record.h"
 
+#include <fmt/format.h>
+
 #include "host/base/json_parse.h"
 #include "host/records/keys.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::records {
 namespace {
 
 constexpr char kDomain[] = "domain";
@@ -16,14 +18,14 @@ constexpr char kAutostart[] = "autostart";
 }  // namespace
 
 std::string DomainKey(const std::string& guest_id) {
-  return cluster::MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, kDomain);
+  return MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, kDomain);
 }
 
 std::string UndefineKey(const std::string& host_id, const std::string& guest_id) {
   return store::MakeKey({"undefine", host_id, guest_id});
 }
 
-std::string DomainText(const DomainRecord& domain) {
+std::string SerializeDomain(const DomainRecord& domain) {
   Json::Value record(Json::objectValue);
   record[kXml] = domain.xml;
   record[kAutostart] = domain.autostart;
@@ -43,9 +45,10 @@ Result<std::optional<StoredDomain>> ReadDomain(const store::Snapshot& snapshot, 
     stored.domain.autostart = json::Bool(json::Member(*parsed, kAutostart));
   }
   if (stored.domain.xml.empty()) {
-    return Error(ErrorCode::kCorrupt, "The imported definition of the guest '" + guest_id + "' cannot be read");
+    return Error(ErrorCode::kCorrupt,
+                 fmt::format("The imported definition of the guest '{}' cannot be read", guest_id));
   }
   return std::optional(std::move(stored));
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::records

@@ -1,11 +1,11 @@
-// What the store knows about the definitions that libvirt has of guests.
+// Records about the guests' domain definitions in libvirt.
 //
 //   /dash/guest/<guest id>/domain      {"xml": libvirt's XML of the inactive domain, "autostart"}: the definition that
 //                                      the guest's owner had before the guest was imported
-//   /undefine/<host id>/<guest id>     true: the guest was deleted or given to another host, and the host must remove
-//                                      its definition from its libvirt
+//   /undefine/<host id>/<guest id>     true: the host must remove the guest from its libvirt, because the guest was
+//                                      deleted or assigned to another host
 //
-// An import hands over the guest's definition: from the first start on, this host defines the guest for libvirt from
+// An import hands over the guest's definition: from the first start on, its host defines the guest for libvirt from
 // this XML and the records, and keeps everything in it that the records do not cover. A guest without this key has only
 // ever been defined by this system. The key is deleted with the guest's record.
 #pragma once
@@ -16,7 +16,7 @@
 #include "host/base/result.h"
 #include "host/store/store.h"
 
-namespace vexa::guests {
+namespace vexa::records {
 
 struct DomainRecord {
   std::string xml;
@@ -24,7 +24,8 @@ struct DomainRecord {
 };
 
 std::string DomainKey(const std::string& guest_id);
-std::string DomainText(const DomainRecord& domain);
+// The JSON text of the record.
+std::string SerializeDomain(const DomainRecord& domain);
 
 std::string UndefineKey(const std::string& host_id, const std::string& guest_id);
 
@@ -36,4 +37,4 @@ struct StoredDomain {
 // Not set: the guest has no such key. Errors: kCorrupt (its value has no XML), and those of the store.
 Result<std::optional<StoredDomain>> ReadDomain(const store::Snapshot& snapshot, const std::string& guest_id);
 
-}  // namespace vexa::guests
+}  // namespace vexa::records

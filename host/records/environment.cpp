@@ -6,7 +6,7 @@
 #include "host/accounts/current_accounts.h"
 #include "host/records/environment_internal.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 struct Installed {
@@ -17,27 +17,27 @@ struct Installed {
 };
 
 std::optional<Installed> installed;
-std::uint64_t installed_number = 0;
+std::uint64_t environment_generation = 0;
 
 }  // namespace
 
 void InstallEnvironment(Environment environment) {
-  base::InstallAccounts(environment.accounts);
+  accounts::InstallAccounts(environment.accounts);
   installed.emplace(std::move(environment));
-  ++installed_number;
+  ++environment_generation;
 }
 
 void RemoveEnvironment() {
-  base::InstallAccounts(nullptr);
+  accounts::InstallAccounts(nullptr);
   installed.reset();
 }
 
 const Environment* CurrentEnvironment() { return installed ? &installed->environment : nullptr; }
 
-std::uint64_t EnvironmentNumber() { return installed_number; }
+std::uint64_t EnvironmentGeneration() { return environment_generation; }
 
 RecordCache& CurrentRecordCache() { return installed->records; }
 
 ClusterStatus& CurrentClusterStatus() { return installed->status; }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -1,4 +1,4 @@
-// The basis of the cluster-control operations: the store, the accounts, and this host's id.
+// What the cluster-control operations of this process work on: the store, the accounts, and this host's id.
 #pragma once
 
 #include <chrono>
@@ -11,22 +11,24 @@
 #include "host/accounts/accounts.h"
 #include "host/store/store.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 struct Environment {
   std::shared_ptr<store::Store> store;
-  std::shared_ptr<const base::AccountProvider> accounts;
+  std::shared_ptr<const accounts::AccountProvider> accounts;
   std::string host_id;
+  // The memory for parsed records, as RecordCache estimates it.
   std::size_t record_cache_bytes = std::size_t{16} << 20;
-  // Where the values of caches are stored; created when missing. Empty: nothing is stored, non-blocking reads return
-  // the default value, and blocking reads compute the value each time.
+  // The folder for the stored values of caches; created when missing. Empty: nothing is stored, non-blocking reads
+  // return the default value, and blocking reads compute the value each time.
   std::string cache_directory{};
   // How long a blocking read of a cache waits for a refresh by another caller.
   std::chrono::milliseconds cache_wait = std::chrono::seconds(60);
   // Returns the id of the request that the calling thread works for, empty without one; for entries of the cluster log.
   // Null: entries have no request id.
   std::string_view (*request_id)() = nullptr;
-  // The folders below which a guest's drive may use an image that a user names by its path. Empty: no path is valid.
+  // Folders of images: a user may name an image for a guest's drive by its path when the file is below one of them.
+  // Empty: no path is valid.
   std::vector<std::string> image_roots{};
 };
 
@@ -40,6 +42,6 @@ const Environment* CurrentEnvironment();
 
 // Increases with every environment that is installed. Identifies data that must not be carried over to the next
 // environment.
-std::uint64_t EnvironmentNumber();
+std::uint64_t EnvironmentGeneration();
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

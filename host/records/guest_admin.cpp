@@ -3,12 +3,13 @@
 #include <charconv>
 #include <system_error>
 
+#include "host/records/guest_admin_record.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 // Returns whether the guest was in the record.
@@ -24,14 +25,14 @@ std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id
   return std::string(kind) + "-" + std::to_string(numeric_id);
 }
 
-std::optional<GuestAdminOwner> ParseGuestAdminIdentifier(std::string_view text) {
+std::optional<GuestAdminPrincipal> ParseGuestAdminIdentifier(std::string_view text) {
   for (const std::string_view kind : {kUsersKind, kGroupsKind}) {
     if (!text.starts_with(kind) || text.size() <= kind.size() + 1) continue;
     const std::string_view digits = text.substr(kind.size() + 1);
     std::uint32_t number = 0;
     const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
     if (parsed.ec != std::errc() || text != GuestAdminIdentifier(kind, number)) return std::nullopt;
-    return GuestAdminOwner{kind, number};
+    return GuestAdminPrincipal{kind, number};
   }
   return std::nullopt;
 }
@@ -53,10 +54,8 @@ Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& gues
       damage.push_back(stored.error());
       continue;
     }
-    const Json::Value& guests = json::Member(stored->record, keys::guests);
-    if (!guests.isNull() && !guests.isObject()) {
-      damage.emplace_back(ErrorCode::kCorrupt,
-                          "The grants in '" + key + "' are not an object. Repair or delete the record");
+    if (const Status intact = CheckBelongsTo(stored->record, key, ""); !intact) {
+      damage.push_back(intact.error());
     } else if (RemoveGuestFrom(stored->record, guest_id)) {
       PutObject(transaction, key, *stored);
     }
@@ -64,4 +63,4 @@ Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& gues
   return {};
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

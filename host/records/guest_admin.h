@@ -1,10 +1,10 @@
-// Guest-admin records: who is advanced, and which guests a principal may use.
+// Guest-admin records: which guests a principal (a user or a group) may use, and whether it has the level "advanced".
 //
 // One record per user or group in the dashboard category "guest_admin", under its identifier:
 //   {"authlevel": "advanced", "guests": {"<guest id>": true}, "name": "alice"}
-// "authlevel" is "advanced" or anything else; the member names of "guests" are the granted guests. "name" is the
-// principal that the record was given to: on a host where the id belongs to another name, the record grants nothing.
-// Records of older versions have no name until their next change.
+// Any "authlevel" other than "advanced" is the ordinary level. The member names of "guests" are the ids of the granted
+// guests. "name" is the principal's name when the grants were made: on a host where the id belongs to another name, the
+// record grants nothing. Records of older versions have no name until their next change.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@
 #include "host/base/result.h"
 #include "host/store/store.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 inline constexpr std::string_view kUsersKind = "users";
 inline constexpr std::string_view kGroupsKind = "groups";
@@ -25,16 +25,16 @@ inline constexpr std::string_view kAdvancedLevel = "advanced";
 // The identifier of a user (kind "users") or group (kind "groups") with this numeric id: "users-1026".
 std::string GuestAdminIdentifier(std::string_view kind, std::uint32_t numeric_id);
 
-// Whose record an identifier names.
-struct GuestAdminOwner {
+// The principal that an identifier stands for.
+struct GuestAdminPrincipal {
   std::string_view kind;  // kUsersKind or kGroupsKind
   std::uint32_t id = 0;
 };
 
-// From exactly what GuestAdminIdentifier gives for some number; nothing for any other text.
-std::optional<GuestAdminOwner> ParseGuestAdminIdentifier(std::string_view text);
+// Parses a result of GuestAdminIdentifier. Not set for any other string.
+std::optional<GuestAdminPrincipal> ParseGuestAdminIdentifier(std::string_view text);
 
-// The store's key of that record.
+// The store's key of the record with this identifier.
 std::string GuestAdminKey(std::string_view identifier);
 
 // Adds operations to `transaction` that remove the guest from every guest-admin record, with a compare for each changed
@@ -42,4 +42,4 @@ std::string GuestAdminKey(std::string_view identifier);
 Status AddGrantRemovals(const store::Snapshot& snapshot, const std::string& guest_id, store::Transaction& transaction,
                         std::vector<Error>& damage);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

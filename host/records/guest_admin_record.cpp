@@ -1,5 +1,7 @@
 #include "host/records/guest_admin_record.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "host/base/json_parse.h"
@@ -10,10 +12,10 @@
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
-// As the command line writes it.
+// The same word as in the command line.
 constexpr char kOrdinaryLevel[] = "user";
 constexpr char kName[] = "name";
 
@@ -28,9 +30,9 @@ void Apply(Json::Value& guests, const VexaCCC::Rule& rule) {
 
 }  // namespace
 
-bool CanBeGuestId(const std::string& id) {
+bool IsValidGuestId(const std::string& id) {
   if (id.empty() || !IsValidUtf8(id)) return false;
-  return store::IsKey(ObjectKey(VexaCCC::DB::DashCate::Guest.name(), id));
+  return store::IsValidKey(ObjectKey(VexaCCC::DB::DashCate::Guest.name(), id));
 }
 
 Json::Value NewGrantRecord(const std::string& name, std::string_view level) {
@@ -41,27 +43,28 @@ Json::Value NewGrantRecord(const std::string& name, std::string_view level) {
   return record;
 }
 
-bool IsGivenTo(const Json::Value& record, const std::string& name) {
+bool BelongsTo(const Json::Value& record, const std::string& name) {
   const Json::Value* owner = json::FindMember(record, kName);
   return owner == nullptr || name.empty() || (owner->isString() && json::String(*owner) == name);
 }
 
-Status CheckGivenTo(const Json::Value& record, const std::string& key, const std::string& name) {
+Status CheckBelongsTo(const Json::Value& record, const std::string& key, const std::string& name) {
   const Json::Value& guests = json::Member(record, keys::guests);
   if (!guests.isNull() && !guests.isObject()) {
-    return Error(ErrorCode::kCorrupt, "The grants in '" + key + "' are not an object. Repair or delete the record");
+    return Error(ErrorCode::kCorrupt,
+                 fmt::format("The grants in '{}' are not an object. Repair or delete the record", key));
   }
-  if (IsGivenTo(record, name)) return {};
-  return Error(ErrorCode::kDenied, "The grants in '" + key + "' were given to '" +
-                                       json::String(json::Member(record, kName)) + "', and this host calls the id '" +
-                                       name +
-                                       "'. Make ids and names the same on all hosts, or drop the grants with "
-                                       "'vexa user drop-grants' or 'vexa group drop-grants'");
+  if (BelongsTo(record, name)) return {};
+  return Error(
+      ErrorCode::kDenied,
+      fmt::format("The grants in '{}' were given to '{}', and this host calls the id '{}'. Make ids and names the same "
+                  "on all hosts, or drop the grants with 'vexa user drop-grants' or 'vexa group drop-grants'",
+                  key, json::String(json::Member(record, kName)), name));
 }
 
-Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::string& name,
-                        const std::vector<VexaCCC::Rule>& rules) {
-  if (Status owner = CheckGivenTo(stored.record, key, name); !owner) return owner.error();
+Result<bool> ApplyGrantRules(StoredObject& stored, const std::string& key, const std::string& name,
+                             const std::vector<VexaCCC::Rule>& rules) {
+  if (Status owner = CheckBelongsTo(stored.record, key, name); !owner) return owner.error();
   const Json::Value before = json::Member(stored.record, keys::guests);
   Json::Value guests = before.isNull() ? Json::Value(Json::objectValue) : before;
   for (const VexaCCC::Rule& rule : rules) Apply(guests, rule);
@@ -78,9 +81,10 @@ store::Revision RevisionBeforeLookup(const store::Store& store) {
   return snapshot ? (*snapshot)->revision() : 0;
 }
 
-// A deletion noted before the look-up says nothing: the provider of the accounts may have changed since then.
-Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
-                      store::Transaction& transaction) {
+// A deletion recorded before the look-up proves nothing: the id may belong to an account of another provider since
+// then.
+Status AddAccountCompare(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
+                         store::Transaction& transaction) {
   const bool is_user = kind == kUsersKind;
   const std::string deleted_key = is_user ? DeletedUserKey(id) : DeletedGroupKey(id);
   const auto deleted = snapshot.Get(deleted_key);
@@ -93,4 +97,4 @@ Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, st
   return {};
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -13,35 +13,35 @@
 #include "host/store/store.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 // Whether a guest can have this id. An id that is not UTF-8 would make a record unreadable.
-bool CanBeGuestId(const std::string& id);
+bool IsValidGuestId(const std::string& id);
 
 // A record without grants.
 Json::Value NewGrantRecord(const std::string& name, std::string_view level);
 
-// Whether the record was given to the principal `name`. Also true for a record without a name, and for any record when
-// `name` is empty, which means that this host's name for the id is unknown.
-bool IsGivenTo(const Json::Value& record, const std::string& name);
+// Whether the record's grants were made to the principal `name`. Also true for a record without a name, and for any
+// record when `name` is empty, which means that this host's name for the id is unknown.
+bool BelongsTo(const Json::Value& record, const std::string& name);
 
-// Whether the record may be changed for the principal `name`. kDenied when it was given to another one; kCorrupt when
-// its grants are not an object, because they may be all that is left of the grants.
-Status CheckGivenTo(const Json::Value& record, const std::string& key, const std::string& name);
+// Whether the record may be changed for the principal `name`. kDenied when it belongs to another principal; kCorrupt
+// when "guests" is not an object: overwriting the damaged value could destroy the only trace of the grants.
+Status CheckBelongsTo(const Json::Value& record, const std::string& key, const std::string& name);
 
-// Applies the rules, in order, to the record that was loaded from `key`; a new record becomes that of an ordinary user.
-// Returns whether the record differs now. A changed record gets the owner's `name`, unless that is empty. Errors: those
-// of CheckGivenTo; the record is then unchanged.
-Result<bool> ApplyRules(StoredObject& stored, const std::string& key, const std::string& name,
-                        const std::vector<VexaCCC::Rule>& rules);
+// Applies the rules, in order, to the record that was loaded from `key`; a new record gets the level "user".
+// Returns whether the record has changed. A changed record gets the owner's `name`, unless that is empty. Errors: those
+// of CheckBelongsTo; the record is then unchanged.
+Result<bool> ApplyGrantRules(StoredObject& stored, const std::string& key, const std::string& name,
+                             const std::vector<VexaCCC::Rule>& rules);
 
-// The store's revision, to be read before an account is looked up: look-ups may take long, so no snapshot is open
-// meanwhile. 0 when the store cannot return it.
+// The store's current revision, for AddAccountCompare. Read it before looking an account up: the look-up may take long,
+// so no snapshot is kept open during it. 0 when the store cannot be read.
 store::Revision RevisionBeforeLookup(const store::Store& store);
 
 // Adds compares to `transaction`, so that nothing is granted to a user or group that is deleted. kNotFound when it was
 // deleted after the revision `seen`.
-Status CompareAccount(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
-                      store::Transaction& transaction);
+Status AddAccountCompare(const store::Snapshot& snapshot, std::string_view kind, std::uint32_t id, store::Revision seen,
+                         store::Transaction& transaction);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

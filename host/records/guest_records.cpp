@@ -1,44 +1,52 @@
 #include "host/records/guest_records.h"
 
+#include <fmt/format.h>
+
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "host/base/log_text.h"
-#include "host/records/reading.h"
+#include "host/base/sanitize_for_log.h"
+#include "host/records/object_members.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::records {
 namespace {
 
 namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
 
-constexpr std::size_t kShownId = 64;
+constexpr std::size_t kMaxLoggedIdBytes = 64;
 
-// An error about the record of `what`, as a sentence.
-Error About(const std::string& what, const Error& error) {
-  if (error.code() == ErrorCode::kNotFound) return Error(error.code(), "There is no record of " + what);
-  return Error(error.code(), "The record of " + what + " cannot be read", error.ToString());
+// `error` as a sentence about the record of `what`.
+Error RecordError(const std::string& what, const Error& error) {
+  if (error.code() == ErrorCode::kNotFound) return Error(error.code(), fmt::format("There is no record of {}", what));
+  return Error(error.code(), fmt::format("The record of {} cannot be read", what), error.ToString());
 }
 
-// The records that the guest lists under `name`, with their ids; `kind` is the singular for messages.
-Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::Value& guest, const char* name,
-                                                                    const DashCate& category, const std::string& kind) {
+// The records whose ids the guest lists in its member `name`, with these ids; `kind` is the singular for messages.
+Result<std::vector<std::pair<std::string, Json::Value>>> ReadListedRecords(const Reader& reader,
+                                                                           const Json::Value& guest, const char* name,
+                                                                           const DashCate& category,
+                                                                           const std::string& kind) {
   std::vector<std::pair<std::string, Json::Value>> listed;
   const Json::Value& elements = json::Elements(json::Member(guest, name));
   if (elements.size() > kMaxGuestParts) {
-    return Error(ErrorCode::kCorrupt, "The guest's record names more than " + std::to_string(kMaxGuestParts) +
-                                          " of the kind '" + kind + "': repair it");
+    return Error(
+        ErrorCode::kCorrupt,
+        fmt::format("The guest's record lists more than {} entries of the kind '{}'. Repair it", kMaxGuestParts, kind));
   }
   for (const Json::Value& element : elements) {
     if (!element.isString()) {
-      return Error(ErrorCode::kCorrupt, "The guest's record names a " + kind + " by an invalid id. Repair it");
+      return Error(ErrorCode::kCorrupt,
+                   fmt::format("The guest's record lists a {} with an invalid id. Repair it", kind));
     }
     std::string id = json::String(element);
-    const Result<cluster::Record> record = cluster::ReadObject(category.name(), id);
-    if (!record) return About("the guest's " + kind + " '" + cluster::LogText(id, kShownId) + "'", record.error());
+    const Result<Record> record = reader.ReadObject(category.name(), id);
+    if (!record)
+      return RecordError(fmt::format("the guest's {} '{}'", kind, SanitizeForLog(id, kMaxLoggedIdBytes)),
+                         record.error());
     listed.emplace_back(std::move(id), **record);
   }
   return listed;
@@ -46,28 +54,25 @@ Result<std::vector<std::pair<std::string, Json::Value>>> ReadListed(const Json::
 
 }  // namespace
 
-Result<Guest> ReadGuest(const std::string& guest_id) {
-  const cluster::CallScope scope;
-  const Result<cluster::Record> record = cluster::ReadObject(DashCate::Guest.name(), guest_id);
-  if (!record) return About("the guest", record.error());
+Result<Guest> ReadGuest(const Reader& reader, const std::string& guest_id) {
+  const Result<Record> record = reader.ReadObject(DashCate::Guest.name(), guest_id);
+  if (!record) return RecordError("the guest", record.error());
   Guest guest;
   guest.records.id = guest_id;
   guest.records.guest = **record;
-  auto disks = ReadListed(**record, keys::vdisks, DashCate::vDisk, "disk");
+  auto disks = ReadListedRecords(reader, **record, keys::vdisks, DashCate::vDisk, "disk");
   if (!disks) return disks.error();
   guest.records.disks = std::move(*disks);
-  auto nics = ReadListed(**record, keys::vnics, DashCate::vNic, "network interface");
+  auto nics = ReadListedRecords(reader, **record, keys::vnics, DashCate::vNic, "network interface");
   if (!nics) return nics.error();
   guest.records.nics = std::move(*nics);
-  guest.name = json::TextMember(**record, keys::name);
-  guest.host_id = json::TextMember(**record, keys::host_id);
-  guest.repository_id = json::TextMember(**record, keys::repository_id);
+  guest.name = json::StringMember(**record, keys::name);
+  guest.host_id = json::StringMember(**record, keys::host_id);
+  guest.repository_id = json::StringMember(**record, keys::repository_id);
   if (guest.repository_id.empty()) return guest;
-  VexaCCC::DB::Dashboard repository(DashCate::Repository, guest.repository_id);
-  // The members stay unchanged unless they are found.
-  repository.Get(guest.repository_host_id, keys::host_id);
-  repository.Get(guest.repository_state, keys::state);
+  guest.repository_host_id = ReadStringOrEmpty(reader, DashCate::Repository, guest.repository_id, keys::host_id);
+  guest.repository_state = ReadStringOrEmpty(reader, DashCate::Repository, guest.repository_id, keys::state);
   return guest;
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::records

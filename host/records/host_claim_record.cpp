@@ -4,22 +4,24 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 constexpr char kIncarnation[] = "incarnation";
 constexpr char kForgotten[] = "forgotten";
 
-Json::Value ToJson(const Deed& deed) {
+Json::Value ToJson(const ChangeAuthor& author) {
   Json::Value value(Json::objectValue);
-  value["by"] = deed.by;
-  value["time"] = SecondsOf(deed.time);
+  value["by"] = author.by;
+  value["time"] = ToUnixSeconds(author.time);
   return value;
 }
 
 }  // namespace
 
 std::string HostClaimKey(const std::string& host_id) { return store::MakeKey({"host_claim", host_id}); }
+
+std::string FencesPrefix(const std::string& host_id) { return store::MakeKey({"fence", host_id}); }
 
 std::string FenceKey(const std::string& host_id, const std::string& guest_id) {
   return store::MakeKey({"fence", host_id, guest_id});
@@ -29,29 +31,31 @@ bool IsForgotten(const Json::Value& claim) { return !json::Member(claim, kForgot
 
 std::uint64_t IncarnationOf(const Json::Value& claim) { return json::UInt64(json::Member(claim, kIncarnation)); }
 
-std::uint64_t BootedIncarnationOf(const Json::Value& claim) { return json::UInt64(json::Member(claim, "booted")); }
+std::uint64_t FirstIncarnationSinceBoot(const Json::Value& claim) {
+  return json::UInt64(json::Member(claim, "booted"));
+}
 
-std::uint64_t FenceClaim(Json::Value& claim) {
+std::uint64_t AdvanceIncarnation(Json::Value& claim) {
   const std::uint64_t incarnation = IncarnationOf(claim) + 1;
   claim[kIncarnation] = static_cast<Json::UInt64>(incarnation);
   return incarnation;
 }
 
-void ForgetClaim(Json::Value& claim, const Deed& deed) {
-  FenceClaim(claim);
-  claim[kForgotten] = ToJson(deed);
+void ForgetClaim(Json::Value& claim, const ChangeAuthor& author) {
+  AdvanceIncarnation(claim);
+  claim[kForgotten] = ToJson(author);
 }
 
-std::string FenceNote(std::uint64_t incarnation, const Deed& deed) {
-  Json::Value note = ToJson(deed);
-  note[kIncarnation] = static_cast<Json::UInt64>(incarnation);
-  return json::ToText(note);
+std::string SerializeFence(std::uint64_t incarnation, const ChangeAuthor& author) {
+  Json::Value record = ToJson(author);
+  record[kIncarnation] = static_cast<Json::UInt64>(incarnation);
+  return json::ToText(record);
 }
 
 Result<std::vector<std::string>> FencedGuests(const store::Store& store, const std::string& host_id) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  return (*snapshot)->Children(store::MakeKey({"fence", host_id}));
+  return (*snapshot)->Children(FencesPrefix(host_id));
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

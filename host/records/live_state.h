@@ -1,12 +1,12 @@
 // What hosts observe about the guests that they run, and how it becomes the stored state of a guest.
 //
-//   /dash/guest/<guest id>/state   the state, a text of VexaCCC::State::Guest
+//   /dash/guest/<guest id>/state   the state, a value of VexaCCC::State::Guest
 //   /live/<guest id>               {"host_id", "time" (Unix seconds),
 //                                   "sequences": {"<host id>": {"epoch", "counter"}},
 //                                   "shutdown": see shutdown_reason.h}:
-//                                  which host observed it last, how far each host that ever ran the guest has counted,
-//                                  and why the guest is off
-//   /live_epoch/<host id>          {"epoch"}
+//                                  which host observed the guest last, the last sequence of each host that ever
+//                                  observed it, and why the guest is off
+//   /live_epoch/<host id>          {"epoch"}: the host's current epoch, see Sequence
 //
 // The state is a key of its own beside the guest's record and, for every reader of the dashboard, overrides the
 // record's member of that name; so a guest can start and stop without its record changing. Both keys are always written
@@ -24,7 +24,7 @@
 #include "host/records/shutdown_reason.h"
 #include "host/store/store.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 // Orders the observations of one host: by epoch, then by counter. A host begins a new epoch when it starts.
 struct Sequence {
@@ -34,7 +34,7 @@ struct Sequence {
 };
 
 struct Observation {
-  std::string state;
+  std::string state;  // a value of VexaCCC::State::Guest
   Sequence sequence;
   std::string host_id;
   std::chrono::system_clock::time_point time;
@@ -43,10 +43,10 @@ struct Observation {
   std::optional<store::Compare> guard{};  // nothing is stored once this has changed (HostClaim::Guard)
 };
 
-enum class Observed {
+enum class ObserveResult {
   kStored,
-  kOlder,    // the same host has already reported something newer, or the same
-  kNotOurs,  // the guest belongs to another host
+  kOutdated,  // the same host has already reported something newer, or the same
+  kNotOurs,   // the guest belongs to another host than the observer
 };
 
 // Stores an observation. A host reports on the guests whose record names it as "host_id"; for a guest whose record
@@ -56,15 +56,15 @@ enum class Observed {
 // Errors: kInvalid (not a state of guests, or a host id that is empty or not UTF-8), kNotFound (no such guest),
 // kCorrupt (its record cannot be read), kConflict (the records keep changing), and those of the store. Nothing is
 // stored then. A damaged "/live" record counts as missing and is replaced.
-Result<Observed> Observe(store::Store& store, const std::string& guest_id, const Observation& observation);
+Result<ObserveResult> Observe(store::Store& store, const std::string& guest_id, const Observation& observation);
 
 // A new epoch of this host, above all earlier ones: the stored one plus 1, or the clock's milliseconds when that is
-// more, so that a lost or damaged record does not lead back. Errors: those of the store, kConflict.
+// more, so that the epoch increases even after the record was lost or damaged. Errors: those of the store, kConflict.
 Result<std::uint64_t> StartEpoch(store::Store& store, const std::string& host_id,
                                  std::chrono::system_clock::time_point now);
 
-// Issues the sequences of one epoch. Take one before observing the guest: of two overlapping observers, the one that
-// observed later then has the higher sequence, unless both observed at the same time.
+// Issues the sequences of one epoch. Take one before observing the guest: then an observer that starts later, and so
+// sees a later state, has the higher sequence. Only observers that overlap in time may be ordered either way.
 // Threads: any, at the same time.
 class Sequencer {
  public:
@@ -77,13 +77,13 @@ class Sequencer {
 };
 
 // Adds the removal of the live state to the transaction that deletes a guest.
-void ForgetLiveState(store::Transaction& transaction, const std::string& guest_id);
+void AddLiveStateRemoval(store::Transaction& transaction, const std::string& guest_id);
 
 // The member of LiveRecordKey() that contains the reason.
-inline constexpr char kShutdown[] = "shutdown";
+inline constexpr char kShutdownMember[] = "shutdown";
 
-// Where a guest's state is stored, and who reported it.
+// The keys of a guest's state, and of the record about who observed it.
 std::string LiveStateKey(const std::string& guest_id);
 std::string LiveRecordKey(const std::string& guest_id);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

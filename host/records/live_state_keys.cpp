@@ -1,10 +1,10 @@
-// The keys of live states: all that a program needs that does not observe guests.
+// The keys of live states, apart from live_state.cpp for programs that do not observe guests.
 #include "host/records/keys.h"
 #include "host/records/live_state.h"
 #include "host/store/key.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 std::string LiveStateKey(const std::string& guest_id) {
   return MemberKey(VexaCCC::DB::DashCate::Guest.name(), guest_id, VexaCCC::DB::_k::state);
@@ -12,9 +12,9 @@ std::string LiveStateKey(const std::string& guest_id) {
 
 std::string LiveRecordKey(const std::string& guest_id) { return store::MakeKey({"live", guest_id}); }
 
-void ForgetLiveState(store::Transaction& transaction, const std::string& guest_id) {
+void AddLiveStateRemoval(store::Transaction& transaction, const std::string& guest_id) {
   transaction.operations.push_back({LiveStateKey(guest_id), std::nullopt});
   transaction.operations.push_back({LiveRecordKey(guest_id), std::nullopt});
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

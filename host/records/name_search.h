@@ -4,30 +4,38 @@
 #include <string>
 #include <string_view>
 
-namespace vexa::cluster {
+#include "host/base/result.h"
+#include "host/store/store.h"
+#include "webapi/platform/ccc.h"
 
-// Searches "<category>/<id>/name" and "<category>/<id>/object"; the first overrides the member of the second. It parses
-// only records that can hold the name. Values must come in the order of their keys.
-// Threads: one.
+namespace vexa::records {
+
+// Searches the values of "<category>/<id>/name" and the member "name" of "<category>/<id>/object"; the first overrides
+// the second. Parses only values that may contain the name. Must be fed the values in the order of their keys. Threads:
+// one.
 class NameSearch {
  public:
   explicit NameSearch(const std::string& name);
 
-  // `rest` is the key after the category and a slash. Returns whether this value gives a record the name. A damaged
-  // record has no name: one damaged record must not make every search fail.
+  // Whether the value `text` gives a record this name. `rest` is its key without "<category>/". A damaged record has no
+  // name: one damaged record must not make every search fail.
   bool Matches(std::string_view rest, std::string_view text);
 
  private:
-  enum class Place { kValue, kMember };
+  enum class NameSource { kNameKey, kObjectMember };
 
-  bool MayBeIn(std::string_view text) const;
-  bool HasUsableEscape(std::string_view text) const;
-  bool Holds(std::string_view text, Place place) const;
+  bool MayContainName(std::string_view text) const;
+  bool MayContainNameInEscapes(std::string_view text) const;
+  bool HasName(std::string_view text, NameSource source) const;
 
   const std::string name_;
   const std::string quoted_;
-  const bool is_escaped_;    // in JSON
-  std::string named_apart_;  // the last id with a separate name key; "name" sorts before "object"
+  const bool is_escaped_;         // whether JSON must escape a character of the name
+  std::string id_with_name_key_;  // the last id with a separate name key; "name" sorts before "object"
 };
 
-}  // namespace vexa::cluster
+// Whether a record of the category has the name. Errors: those of the store.
+Result<bool> IsNameTaken(const store::Snapshot& snapshot, const std::string& name,
+                         const VexaCCC::DB::DashCate& category);
+
+}  // namespace vexa::records

@@ -5,15 +5,15 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/records/keys.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
-constexpr std::size_t kMostShownUsers = 10;
+constexpr std::size_t kMaxListedReferrers = 10;
 
 bool IsControl(unsigned char c) { return c < 0x20 || c == 0x7F; }
 
@@ -29,7 +29,7 @@ NamedRecord FromValue(std::string id, const store::ValueView& value) {
   return named;
 }
 
-// Adds that the key of the record's name is missing now and is written.
+// Adds the key of the record's name to `transaction` if it is missing.
 Status PutMissingName(const store::Snapshot& snapshot, std::string_view category, const NamedRecord& record,
                       store::Transaction& transaction) {
   std::string key = NameKey(category, record.name);
@@ -48,8 +48,8 @@ bool IsRecordName(std::string_view text) {
   return !text.empty() && text.size() <= kMaxRecordName && IsValidUtf8(text) && std::ranges::none_of(text, IsControl);
 }
 
-std::string ShownName(const NamedRecord& record) {
-  return LogText(record.name.empty() ? record.id : record.name, kMaxRecordName);
+std::string DisplayName(const NamedRecord& record) {
+  return SanitizeForLog(record.name.empty() ? record.id : record.name, kMaxRecordName);
 }
 
 Result<std::optional<NamedRecord>> ReadNamedRecord(const store::Snapshot& snapshot, std::string_view category,
@@ -67,7 +67,7 @@ Result<std::vector<NamedRecord>> ReadNamedRecords(const store::Snapshot& snapsho
   for (const std::string& id : *ids) {
     Result<std::optional<NamedRecord>> one = ReadNamedRecord(snapshot, category, id);
     if (!one) return one.error();
-    // What remains of a record that was removed has no object.
+    // Without an object, it is only what remains of a removed record.
     if (one->has_value()) all.push_back(std::move(**one));
   }
   return all;
@@ -78,12 +78,12 @@ Status AddNamedRecord(const store::Snapshot& snapshot, std::string_view category
   const std::string name_key = NameKey(category, added.name);
   const auto before = snapshot.Get(name_key);
   if (!before) return before.error();
-  // A key that is there belongs to a record that has gone, since no record has the name.
+  // An existing key belongs to a record that was removed, since no record has the name.
   transaction.compares.push_back({name_key, before->has_value() ? (*before)->revision : 0});
   transaction.operations.push_back({name_key, json::ToText(Json::Value(added.id))});
   transaction.compares.push_back({ObjectKey(category, added.id), 0});
   transaction.operations.push_back({ObjectKey(category, added.id), json::ToText(added.record)});
-  // Older versions may have given a name twice: the first record gets the key.
+  // Under older versions, two records may have got one name: the first one gets the key.
   std::set<std::string_view> named;
   for (const NamedRecord& other : all) {
     if (!IsRecordName(other.name) || !named.insert(other.name).second) continue;
@@ -111,12 +111,12 @@ Status RemoveNamedRecord(const store::Snapshot& snapshot, std::string_view categ
   return {};
 }
 
-std::string ListOfUsers(const std::vector<std::string>& users) {
+std::string FormatReferrers(const std::vector<std::string>& users) {
   std::string list;
-  const std::size_t shown = std::min(users.size(), kMostShownUsers);
-  for (std::size_t i = 0; i < shown; ++i) list += (i == 0 ? "" : ", ") + users[i];
-  if (users.size() > shown) list += " and " + std::to_string(users.size() - shown) + " more";
+  const std::size_t listed = std::min(users.size(), kMaxListedReferrers);
+  for (std::size_t i = 0; i < listed; ++i) list += (i == 0 ? "" : ", ") + users[i];
+  if (users.size() > listed) list += " and " + std::to_string(users.size() - listed) + " more";
   return list;
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

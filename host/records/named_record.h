@@ -5,13 +5,13 @@
 //   /name/<category>/<name>        the id of the record with this name
 //
 // A scan of the records decides whether a name is taken, because records of older versions have no key of their name.
-// The commit that adds a record also writes the key of its name, and compares that nobody else has written it since the
-// scan. Of several additions of one name at the same time one commits; the others plan again, and find its record.
+// The commit that adds a record also writes the key of its name, and compares that no other writer has written the key
+// since the scan. Of several concurrent additions of one name, one commits; the others plan again and find its record.
 //
-// An addition writes the missing keys of other names as well, with compares of their records, so that from the first
-// addition on each name is protected by its key. A counter of the category would protect them without that, but it
-// would make all additions at the same time conflict, whatever their names are.
-// Threads: any, at the same time; hosts as well.
+// An addition also writes the missing keys of other records' names, with compares of these records, so that from the
+// first addition on every name is protected by its key. A counter of the category would not need that, but would make
+// all concurrent additions conflict, whatever their names are.
+// Threads and hosts: any, at the same time.
 #pragma once
 
 #include <json/value.h>
@@ -22,23 +22,22 @@
 #include <string_view>
 #include <vector>
 
-#include "host/base/error_table.h"
 #include "host/base/refusal.h"
 #include "host/base/result.h"
 #include "host/records/object_edit.h"
 #include "host/store/store.h"
+#include "webapi/error_codes.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
-// Codes of the reply, beside guests::kUnreadable: there is no such record.
-inline constexpr int kRecordExists =
-    webapi::kErrorRecordExists;  // another record has the id or the name, or is the same file
-inline constexpr int kRecordInUse = webapi::kErrorRecordInUse;    // guests or disks name the record
-inline constexpr int kRecordFailed = webapi::kErrorRecordFailed;  // the database could not be read or written
+// Error codes of replies about these records, beside host_error::kNotFoundOrUnreadable (there is no such record).
+using user_error::kRecordExists;
+using user_error::kRecordFailed;
+using user_error::kRecordInUse;
 
 inline constexpr std::size_t kMaxRecordName = 128;
 
-// Whether it can be a name: 1 to kMaxRecordName bytes of UTF-8 without control characters.
+// Whether `text` can be a record's name: 1 to kMaxRecordName bytes of UTF-8 without control characters.
 bool IsRecordName(std::string_view text);
 
 struct NamedRecord {
@@ -48,43 +47,42 @@ struct NamedRecord {
   std::string name;                       // "" when it has none
 };
 
-// The record's name, else its id, fit to be shown: one line, and not too long.
-std::string ShownName(const NamedRecord& record);
+// The record's name, or its id without one, for messages: one line of at most kMaxRecordName bytes.
+std::string DisplayName(const NamedRecord& record);
 
-// All of the category, by id. Errors: what the store says.
+// All records of the category, in the order of their ids. Errors: those of the store.
 Result<std::vector<NamedRecord>> ReadNamedRecords(const store::Snapshot& snapshot, std::string_view category);
 
-// Not set: there is no record with this id. Errors: what the store says.
+// Not set: there is no record with this id. Errors: those of the store.
 Result<std::optional<NamedRecord>> ReadNamedRecord(const store::Snapshot& snapshot, std::string_view category,
                                                    std::string_view id);
 
-// Adds to `transaction` that `added`, whose name is one (IsRecordName), becomes a record. `all` are the records of the
-// same snapshot; none of them has its id or name. Errors: what the store says.
+// Adds to `transaction` the operations and compares that create the record `added`. Its name must satisfy IsRecordName.
+// `all` are the records in the same snapshot, none of which may have its id or name. Errors: those of the store.
 Status AddNamedRecord(const store::Snapshot& snapshot, std::string_view category, const std::vector<NamedRecord>& all,
                       const NamedRecord& added, store::Transaction& transaction);
 
-// Adds to `transaction` that the record is removed with all its keys. Errors: what the store says.
+// Adds to `transaction` the operations and compares that remove the record with all its keys. Errors: those of the
+// store.
 Status RemoveNamedRecord(const store::Snapshot& snapshot, std::string_view category, const NamedRecord& removed,
                          store::Transaction& transaction);
 
-// The members of a sentence's list, of which at most ten are shown: "'a', 'b' and 3 more".
-std::string ListOfUsers(const std::vector<std::string>& users);
+// A list for messages: at most ten of `users`, separated by commas, then how many more there are: "'a', 'b' and 3
+// more".
+std::string FormatReferrers(const std::vector<std::string>& users);
 
-// Commits what `plan`, a Result<store::Transaction>(const store::Snapshot&, guests::Refused&), makes of the current
-// state, and asks it again after a conflict. A plan that refuses returns an empty transaction. Nothing has changed
-// after a refusal: the plan's, or kRecordFailed.
+// Commits the result of `plan`, a Result<store::Transaction>(const Reader&, std::optional<Refusal>&), for the
+// latest state, and calls it again after a conflict. To refuse, the plan sets its second argument and returns an empty
+// transaction. Returns the plan's refusal, or kRecordFailed when the plan or the store fails; nothing has changed then.
 template <class Plan>
-guests::Refused CommitRecord(store::Store& store, const Plan& plan) {
-  RequestScope::ReleaseSnapshot();
-  guests::Refused refused;
-  const Status committed = CommitPlanned(store, [&]() -> Result<store::Transaction> {
+Result<void, Refusal> CommitRecord(store::Store& store, const Plan& plan) {
+  std::optional<Refusal> refused;
+  const Status committed = CommitWithRetry(store, [&](const Reader& reader) {
     refused.reset();
-    const auto snapshot = store.Read();
-    if (!snapshot) return snapshot.error();
-    return plan(**snapshot, refused);
+    return plan(reader, refused);
   });
-  if (!committed) return guests::Refusal{kRecordFailed, committed.error().ToString()};
-  return refused;
+  if (!committed) return Refusal{kRecordFailed, committed.error().ToString()};
+  return OkUnless(std::move(refused));
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -1,11 +1,13 @@
 #include "host/records/object_edit.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "host/base/json_parse.h"
 #include "json/readers.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 Result<StoredObject> LoadObject(const store::Snapshot& snapshot, const std::string& key) {
   const auto value = snapshot.Get(key);
@@ -14,7 +16,7 @@ Result<StoredObject> LoadObject(const store::Snapshot& snapshot, const std::stri
   if (!value->has_value()) return stored;
   Result<Json::Value> parsed = ParseJson((*value)->text);
   if (!parsed || !parsed->isObject()) {
-    return Error(ErrorCode::kCorrupt, "The record '" + key + "' is no JSON object: repair or delete it");
+    return Error(ErrorCode::kCorrupt, fmt::format("The record '{}' is not a JSON object. Repair or delete it", key));
   }
   stored.revision = (*value)->revision;
   stored.record = std::move(*parsed);
@@ -26,9 +28,9 @@ void PutObject(store::Transaction& transaction, const std::string& key, const St
   transaction.operations.push_back({key, VexaVirtualization::json::ToText(stored.record)});
 }
 
-std::mutex& RetryMutex() {
-  static std::mutex mutex;
+Mutex& RetryMutex() {
+  static Mutex mutex;
   return mutex;
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -4,54 +4,70 @@
 
 #include <json/value.h>
 
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "host/base/mutex.h"
 #include "host/base/result.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/store.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
 struct StoredObject {
   store::Revision revision = 0;  // 0: absent
   Json::Value record{Json::objectValue};
 };
 
-// kCorrupt when the stored value is not an object: it may contain others' members, so it is not overwritten with a
-// guess.
+// The object under `key`; revision 0 and an empty object when absent. Errors: those of the store; kCorrupt when the
+// stored value is not an object: it is not overwritten, because what it contained is unknown.
 Result<StoredObject> LoadObject(const store::Snapshot& snapshot, const std::string& key);
 
-// Adds to `transaction` that the record is written, unless it has changed since it was loaded.
+// Adds to `transaction` a write of the record, and a compare that fails when it has changed since it was loaded.
 void PutObject(store::Transaction& transaction, const std::string& key, const StoredObject& stored);
 
-// A writer that never pauses is nearly always in mid-commit when others read, and wins nine times out of ten.
-inline constexpr int kCommitTries = 256;
+// A writer that never pauses wins most races against the others, so many attempts are needed.
+inline constexpr int kMaxCommitAttempts = 256;
 
 // Held by a thread of this process while it retries. Without it, one of many threads that change the same record could
-// lose every time.
-std::mutex& RetryMutex();
+// starve.
+Mutex& RetryMutex();
 
-// Commits the result of `plan` (a Result<store::Transaction>()) for the current state, and calls it again after a
-// conflict. A transaction without operations ends the loop without a commit. The request's snapshot is released before
-// a commit. Errors: those of `plan` and the store; kConflict when the record keeps changing.
+// The result of `plan` for the latest state of `store`; the reader passed to it is closed on return.
 template <class Plan>
-Status CommitPlanned(store::Store& store, const Plan& plan) {
+Result<store::Transaction> PlanOnLatestState(const store::Store& store, const Plan& plan) {
+  const Result<Reader> reader = Reader::Open(store);
+  if (!reader) return reader.error();
+  return plan(*reader);
+}
+
+// One attempt of CommitWithRetry. Not set: a conflict, which is stored in `conflict`.
+template <class Plan>
+std::optional<Status> TryCommit(store::Store& store, const Plan& plan, std::optional<Error>& conflict) {
+  const Result<store::Transaction> transaction = PlanOnLatestState(store, plan);
+  if (!transaction) return transaction.error();
+  if (transaction->operations.empty()) return Status();
+  const Result<store::Revision> committed = store.Commit(*transaction);
+  if (committed) return Status();
+  if (committed.error().code() != ErrorCode::kConflict) return committed.error();
+  conflict = committed.error();
+  return std::nullopt;
+}
+
+// Commits the result of `plan` (a Result<store::Transaction>(const Reader&)) for the latest state, and calls it again
+// with a new reader after a conflict. A transaction without operations ends the loop without a commit. No reader is
+// open during a commit: the plan's is closed before it, and the thread's RequestScope is paused. Errors: those of
+// `plan` and the store; kConflict when the record keeps changing.
+template <class Plan>
+Status CommitWithRetry(store::Store& store, const Plan& plan) {
+  const RequestPause pause;
   std::optional<Error> conflict;
-  std::unique_lock turn(RetryMutex(), std::defer_lock);
-  for (int i = 0; i < kCommitTries; ++i) {
-    const Result<store::Transaction> transaction = plan();
-    if (!transaction) return transaction.error();
-    if (transaction->operations.empty()) return {};
-    RequestScope::ReleaseSnapshot();
-    const Result<store::Revision> committed = store.Commit(*transaction);
-    if (committed) return {};
-    if (committed.error().code() != ErrorCode::kConflict) return committed.error();
-    conflict = committed.error();
-    if (!turn.owns_lock()) turn.lock();
+  if (std::optional<Status> done = TryCommit(store, plan, conflict)) return *std::move(done);
+  const MutexLock turn(RetryMutex());
+  for (int i = 1; i < kMaxCommitAttempts; ++i) {
+    if (std::optional<Status> done = TryCommit(store, plan, conflict)) return *std::move(done);
   }
   return *conflict;
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -6,14 +6,14 @@
 #include "host/base/guest_settings.h"
 #include "webapi/platform/ccc_constants.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 namespace k = VexaCCC::DB::_k;
 
-// The keys of the cluster's records (those of guests' settings from their table), keys that an import adds, and keys
-// stored about guests' states.
-const std::unordered_set<std::string_view>& SharedNames() {
+// The names of members in the cluster's records, including those from an import and in guests' states. The names of
+// guests' settings come from their table.
+const std::unordered_set<std::string_view>& InternedNames() {
   static const std::unordered_set<std::string_view> names = [] {
     std::unordered_set<std::string_view> all{
         k::object,
@@ -67,9 +67,9 @@ const std::unordered_set<std::string_view>& SharedNames() {
 
 }  // namespace
 
-const char* SharedName(std::string_view name) {
-  const auto found = SharedNames().find(name);
-  return found == SharedNames().end() ? nullptr : found->data();
+const char* InternedName(std::string_view name) {
+  const auto found = InternedNames().find(name);
+  return found == InternedNames().end() ? nullptr : found->data();
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

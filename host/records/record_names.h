@@ -1,12 +1,12 @@
-// The well-known names of record members, interned so that they take no memory in each record.
+// The well-known names of record members, interned so that records share them instead of each holding a copy.
 #pragma once
 
 #include <string_view>
 
-namespace vexa::cluster {
+namespace vexa::records {
 
-// `name` as a text that is never freed, if it is a common name in records; otherwise null. For ParseJson: records
-// become smaller and are copied faster.
-const char* SharedName(std::string_view name);
+// `name` as a string that is never freed, if it is a well-known name; otherwise null. For ParseJson: records become
+// smaller and are copied faster. Threads: any, at the same time.
+const char* InternedName(std::string_view name);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -5,7 +5,7 @@
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::records {
 namespace {
 
 using VexaCCC::DB::DashCate;
@@ -16,7 +16,7 @@ Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::
   const Json::Value& id = json::Member(guest, keys::repository_id);
   if (!id.isString()) return std::string();
   for (const char* name : {keys::host_id, keys::object}) {
-    const auto value = snapshot.Get(cluster::MemberKey(DashCate::Repository.name(), json::String(id), name));
+    const auto value = snapshot.Get(MemberKey(DashCate::Repository.name(), json::String(id), name));
     if (!value) return value.error();
     if (!value->has_value()) continue;
     const Result<Json::Value> parsed = ParseJson((*value)->text);
@@ -27,4 +27,4 @@ Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::
   return std::string();
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::records

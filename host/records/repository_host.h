@@ -8,10 +8,10 @@
 #include "host/base/result.h"
 #include "host/store/store.h"
 
-namespace vexa::guests {
+namespace vexa::records {
 
-// For the repository that the guest's record names; "" when it is unknown. A separate key overrides the record's
-// member. Errors: those of the store.
+// The id of the host of the repository that the guest's record names; "" when it is unknown. A separate key "host_id"
+// overrides the member of the repository's record. Errors: those of the store.
 Result<std::string> RepositoryHost(const store::Snapshot& snapshot, const Json::Value& guest);
 
-}  // namespace vexa::guests
+}  // namespace vexa::records

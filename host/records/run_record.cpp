@@ -10,7 +10,7 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 
-namespace vexa::guests {
+namespace vexa::records {
 namespace {
 
 constexpr char kHostId[] = "host_id";
@@ -23,14 +23,14 @@ constexpr char kVcpus[] = "vcpus";
 constexpr char kMemory[] = "memory_mib";
 constexpr char kPinned[] = "pinned_cpus";
 
-// The last second that the clock, which counts nanoseconds, can represent.
-constexpr Json::Int64 kLastSecond = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
+// The latest second that the clock, which counts nanoseconds, can represent.
+constexpr Json::Int64 kMaxSeconds = std::numeric_limits<std::int64_t>::max() / 1'000'000'000;
 static_assert(std::is_same_v<std::chrono::system_clock::period, std::nano>);
 
 }  // namespace
 
-std::chrono::system_clock::time_point StoredTime(const Json::Value& seconds) {
-  const Json::Int64 count = std::clamp<Json::Int64>(json::Int64(seconds), 0, kLastSecond);
+std::chrono::system_clock::time_point TimeFromJson(const Json::Value& seconds) {
+  const Json::Int64 count = std::clamp<Json::Int64>(json::Int64(seconds), 0, kMaxSeconds);
   return std::chrono::system_clock::time_point(std::chrono::seconds(count));
 }
 
@@ -41,7 +41,7 @@ Run ParseRun(std::string_view text) {
   const Json::Value& host_id = json::Member(*parsed, kHostId);
   if (host_id.isString()) run.host_id = json::String(host_id);
   run.incarnation = json::UInt64(json::Member(*parsed, kIncarnation));
-  run.since = StoredTime(json::Member(*parsed, kSince));
+  run.since = TimeFromJson(json::Member(*parsed, kSince));
   run.starting = json::Bool(json::Member(*parsed, kStarting));
   const Json::Value& before = json::Member(*parsed, kStateBefore);
   if (before.isString()) run.state_before = json::String(before);
@@ -57,29 +57,32 @@ Run ParseRun(std::string_view text) {
 std::string RunKey(const std::string& guest_id) { return store::MakeKey({"run", guest_id}); }
 std::string DeletionKey(const std::string& guest_id) { return store::MakeKey({"deletion", guest_id}); }
 
-std::string RenamesKey() { return store::MakeKey({"renames"}); }
+std::string GuestNamesGuardKey() { return store::MakeKey({"renames"}); }
 
-std::string FilesKey() { return store::MakeKey({"files"}); }
+std::string FileReferencesGuardKey() { return store::MakeKey({"files"}); }
 
 std::string EditKey(const std::string& guest_id) { return store::MakeKey({"edit", guest_id}); }
 
-Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  const auto value = (*snapshot)->Get(RunKey(guest_id));
+Result<std::optional<StoredRun>> ReadRun(const store::Snapshot& snapshot, const std::string& guest_id) {
+  const auto value = snapshot.Get(RunKey(guest_id));
   if (!value) return value.error();
   if (!value->has_value()) return std::optional<StoredRun>();
   return std::optional(StoredRun{ParseRun((*value)->text), (*value)->revision});
 }
 
-Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store& store, const std::string& host_id) {
+Result<std::optional<StoredRun>> ReadRun(const store::Store& store, const std::string& guest_id) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
-  const auto ids = (*snapshot)->Children(store::MakeKey({"run"}));
+  return ReadRun(**snapshot, guest_id);
+}
+
+Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Snapshot& snapshot,
+                                                              const std::string& host_id) {
+  const auto ids = snapshot.Children(store::MakeKey({"run"}));
   if (!ids) return ids.error();
   std::vector<std::pair<std::string, StoredRun>> runs;
   for (const std::string& id : *ids) {
-    const auto value = (*snapshot)->Get(RunKey(id));
+    const auto value = snapshot.Get(RunKey(id));
     if (!value) return value.error();
     if (!value->has_value()) continue;
     Run run = ParseRun((*value)->text);
@@ -88,11 +91,17 @@ Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store
   return runs;
 }
 
-std::string RunText(const Run& run) {
+Result<std::vector<std::pair<std::string, StoredRun>>> RunsOf(const store::Store& store, const std::string& host_id) {
+  const auto snapshot = store.Read();
+  if (!snapshot) return snapshot.error();
+  return RunsOf(**snapshot, host_id);
+}
+
+std::string SerializeRun(const Run& run) {
   Json::Value record(Json::objectValue);
   record[kHostId] = run.host_id;
   record[kIncarnation] = static_cast<Json::UInt64>(run.incarnation);
-  record[kSince] = SecondsOf(run.since);
+  record[kSince] = ToUnixSeconds(run.since);
   record[kStarting] = run.starting;
   if (run.starting && !run.state_before.empty()) record[kStateBefore] = run.state_before;
   record[kSaved] = run.saved;
@@ -103,4 +112,4 @@ std::string RunText(const Run& run) {
   return json::ToText(record);
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::records

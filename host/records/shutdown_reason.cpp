@@ -4,11 +4,10 @@
 #include <utility>
 
 #include "host/records/live_state.h"
-#include "host/records/reading.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 namespace keys = VexaCCC::DB::_k;
@@ -18,7 +17,7 @@ constexpr char kValue[] = "value";
 constexpr char kForced[] = "forced";
 
 // Indexed by value.
-constexpr std::array<std::string_view, 17> kWords{"not_known",
+constexpr std::array<std::string_view, 17> kNames{"not_known",
                                                   "ended_from_inside",
                                                   "shut_down",
                                                   "powered_off",
@@ -38,9 +37,9 @@ constexpr std::array<std::string_view, 17> kWords{"not_known",
 
 }  // namespace
 
-std::string_view ShutdownWord(ShutdownCause cause) { return kWords[static_cast<std::size_t>(cause)]; }
+std::string_view ShutdownCauseName(ShutdownCause cause) { return kNames[static_cast<std::size_t>(cause)]; }
 
-Json::Value ShutdownJson(const ShutdownReason& reason) {
+Json::Value ShutdownToJson(const ShutdownReason& reason) {
   Json::Value value(Json::objectValue);
   value[kValue] = static_cast<int>(reason.cause);
   value[kForced] = reason.is_forced;
@@ -49,23 +48,23 @@ Json::Value ShutdownJson(const ShutdownReason& reason) {
 
 std::optional<ShutdownReason> ShutdownFromJson(const Json::Value& value) {
   const Json::Value& cause = json::Member(value, kValue);
-  if (!cause.isUInt() || json::UInt(cause) >= kWords.size()) return std::nullopt;
+  if (!cause.isUInt() || json::UInt(cause) >= kNames.size()) return std::nullopt;
   return ShutdownReason{static_cast<ShutdownCause>(json::UInt(cause)), json::Bool(json::Member(value, kForced))};
 }
 
-Result<std::optional<ShutdownReason>> ReadShutdown(const std::string& guest_id) {
-  const auto live = ReadOnce(LiveRecordKey(guest_id));
+Result<std::optional<ShutdownReason>> ReadShutdown(const Reader& reader, const std::string& guest_id) {
+  const auto live = reader.ReadUncached(LiveRecordKey(guest_id));
   if (!live && live.error().code() != ErrorCode::kCorrupt) return live.error();
   if (!live || !*live) return std::optional<ShutdownReason>();
-  return ShutdownFromJson(json::Member(**live, kShutdown));
+  return ShutdownFromJson(json::Member(**live, kShutdownMember));
 }
 
-Status PutShutdown(const std::string& guest_id, Json::Value& record) {
+Status PutShutdownReason(const Reader& reader, const std::string& guest_id, Json::Value& record) {
   const Json::Value& state = json::Member(record, keys::state);
-  const std::string text = state.isString() ? json::String(state) : std::string();
+  const std::string name = state.isString() ? json::String(state) : std::string();
   // Called for every guest of a list: running guests have no reason.
-  if (!record.isObject() || (text != states::shutdown && text != states::crashed)) return {};
-  const auto reason = ReadShutdown(guest_id);
+  if (!record.isObject() || (name != states::shutdown && name != states::crashed)) return {};
+  const auto reason = ReadShutdown(reader, guest_id);
   if (!reason) return reason.error();
   if (!*reason) return {};
   record[Json::StaticString(keys::shutdownreasonvalue)] = static_cast<int>((*reason)->cause);
@@ -73,4 +72,4 @@ Status PutShutdown(const std::string& guest_id, Json::Value& record) {
   return {};
 }
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

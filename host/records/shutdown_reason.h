@@ -13,23 +13,24 @@
 #include <string_view>
 
 #include "host/base/result.h"
+#include "host/records/reader.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 
-// The values from 5 on have fixed meanings for programs that show guests. docs/states.md lists which code produces
-// which value.
+// The numbers are stored; those from 5 on have fixed meanings for programs that display guests. docs/states.md lists
+// which code produces which value.
 enum class ShutdownCause : int {
-  kNotKnown = 0,              // this host did not see it end
-  kFromInside = 1,            // its system ended, or its machine was ended without this system
+  kUnknown = 0,               // this host did not see it end
+  kByGuest = 1,               // its operating system shut down, or its domain was ended by another program
   kShutDown = 2,              // a user shut it down
   kPoweredOff = 3,            // a user powered it off
-  kCrashed = 4,               // its machine ended unexpectedly
-  kRepositoryFull = 5,        // its machine had stopped because its repository was full, and was powered off
+  kCrashed = 4,               // its VM process ended unexpectedly
+  kRepositoryFull = 5,        // it was powered off after its domain had paused because its repository was full
   kStorageUnavailable = 6,    // likewise: its repository was not mounted or did not respond
   kStorageCrashed = 7,        // likewise: its repository failed
   kStorageReadOnly = 8,       // likewise: its repository could not be written
-  kFenced = 9,                // ended by high availability, or by a cluster that had frozen
-  kHostOffline = 10,          // its host went away, and the guest was given up there
+  kFenced = 9,                // ended by high availability, or because the cluster had frozen
+  kHostOffline = 10,          // its host was gone, and an administrator recovered the guest
   kStorageInaccessible = 11,  // as 6: the host of its repository was gone
   kNoResources = 12,          // it could not be started: not enough memory or processors
   kBootRefused = 13,          // it could not be started: the hypervisor refused
@@ -39,23 +40,23 @@ enum class ShutdownCause : int {
 };
 
 struct ShutdownReason {
-  ShutdownCause cause = ShutdownCause::kNotKnown;
-  bool is_forced = false;  // its system had no chance to shut down
+  ShutdownCause cause = ShutdownCause::kUnknown;
+  bool is_forced = false;  // its operating system had no chance to shut down
   bool operator==(const ShutdownReason&) const = default;
 };
 
-// As a word for programs: "powered_off", "no_resources", …
-std::string_view ShutdownWord(ShutdownCause cause);
+// The name of the cause in the API: "powered_off", "start_failed_no_resources", …
+std::string_view ShutdownCauseName(ShutdownCause cause);
 
-Json::Value ShutdownJson(const ShutdownReason& reason);
+Json::Value ShutdownToJson(const ShutdownReason& reason);
 // Not set: the value is not a reason.
 std::optional<ShutdownReason> ShutdownFromJson(const Json::Value& value);
 
 // The stored reason; not set without one. Damaged records count as missing. Errors: those of the store.
-Result<std::optional<ShutdownReason>> ReadShutdown(const std::string& guest_id);
+Result<std::optional<ShutdownReason>> ReadShutdown(const Reader& reader, const std::string& guest_id);
 
 // Puts the stored reason into the guest's record, which must already contain "state". Does nothing for a guest that is
 // not off. Errors: those of ReadShutdown.
-Status PutShutdown(const std::string& guest_id, Json::Value& record);
+Status PutShutdownReason(const Reader& reader, const std::string& guest_id, Json::Value& record);
 
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -11,14 +11,14 @@
 #include "host/accounts/accounts.h"
 #include "host/base/json_parse.h"
 
-namespace vexa::daemon {
+namespace vexa::session {
 namespace {
 
-Error Damaged(std::string why) {
-  return Error(ErrorCode::kCorrupt, "The session file cannot be understood", std::move(why));
+Error Damaged(std::string reason) {
+  return Error(ErrorCode::kCorrupt, "The session file is damaged", std::move(reason));
 }
 
-bool HasOnly(const Json::Value& object, std::initializer_list<std::string_view> known) {
+bool HasOnlyMembers(const Json::Value& object, std::initializer_list<std::string_view> known) {
   if (!object.isObject()) return false;
   for (const std::string& name : object.getMemberNames()) {
     if (std::find(known.begin(), known.end(), name) == known.end()) return false;
@@ -26,10 +26,10 @@ bool HasOnly(const Json::Value& object, std::initializer_list<std::string_view> 
   return true;
 }
 
-// Integers only: jsoncpp would also convert 1.0, true and null to one.
+// Accepts integers only: jsoncpp would also convert 1.0, true and null to an integer.
 std::optional<std::int64_t> ReadTime(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
-  // Far enough for any clock, and far from an overflow when times are subtracted.
+  // Later than any clock shows, and small enough that the difference of two times does not overflow.
   constexpr std::int64_t kLatest = std::int64_t{1} << 60;
   if (!value.isInt64() || value.asInt64() < 0 || value.asInt64() > kLatest) return std::nullopt;
   return value.asInt64();
@@ -39,29 +39,30 @@ std::optional<Hash> ReadHash(const Json::Value& value) {
   return value.isString() ? DecodeHash(value.asString()) : std::nullopt;
 }
 
-// The largest number means "no id" to system calls.
+// UINT32_MAX is refused because it means "no id" to system calls.
 std::optional<std::uint32_t> ReadUid(const Json::Value& value) {
   if (value.type() != Json::intValue && value.type() != Json::uintValue) return std::nullopt;
   if (!value.isUInt() || value.asUInt() == UINT32_MAX) return std::nullopt;
   return value.asUInt();
 }
 
-// Empty: a session of an older version.
+// Not set for a session that an older version wrote.
 Result<std::optional<SessionRecord>> ReadSession(const Json::Value& object) {
-  if (!HasOnly(object, {"hash", "csrf_hash", "user", "uid", "created", "last_used"})) {
-    return Damaged("a session is not an object of the known members");
+  if (!HasOnlyMembers(object, {"hash", "csrf_hash", "user", "uid", "created", "last_used"})) {
+    return Damaged("a session is not an object or has an unknown member");
   }
   const auto hash = ReadHash(object["hash"]);
   const auto csrf_hash = ReadHash(object["csrf_hash"]);
-  if (!hash || !csrf_hash) return Damaged("a session has no valid hashes");
+  if (!hash || !csrf_hash) return Damaged("a session has an invalid hash");
   const Json::Value& user = object["user"];
-  if (!user.isString() || !base::IsValidAccountName(user.asString())) return Damaged("a session has no valid user");
+  if (!user.isString() || !accounts::IsValidAccountName(user.asString()))
+    return Damaged("a session has an invalid user");
   const auto created = ReadTime(object["created"]);
   const auto last_used = ReadTime(object["last_used"]);
-  if (!created || !last_used) return Damaged("a session has no valid times");
+  if (!created || !last_used) return Damaged("a session has an invalid time");
   if (!object.isMember("uid")) return std::optional<SessionRecord>();
   const auto uid = ReadUid(object["uid"]);
-  if (!uid) return Damaged("a session has no valid uid");
+  if (!uid) return Damaged("a session has an invalid uid");
   return std::optional(SessionRecord{*hash, *csrf_hash, user.asString(), *uid, *created, *last_used});
 }
 
@@ -71,7 +72,7 @@ Result<std::vector<SessionRecord>> ParseSessions(std::string_view text) {
   auto json = ParseJson(text);
   if (!json.ok()) return Damaged(json.error().ToString());
   const Json::Value& root = *json;
-  if (!HasOnly(root, {"version", "sessions"})) return Damaged("it is not an object of the known members");
+  if (!HasOnlyMembers(root, {"version", "sessions"})) return Damaged("it is not an object or has an unknown member");
   if (root["version"].type() != Json::intValue || root["version"] != 1) return Damaged("its version is not 1");
   if (!root["sessions"].isArray()) return Damaged("'sessions' is not a list");
   std::vector<SessionRecord> sessions;
@@ -86,9 +87,9 @@ Result<std::vector<SessionRecord>> ParseSessions(std::string_view text) {
   return sessions;
 }
 
-// By hand: a file of 100,000 sessions is written at every login, and building a tree of JSON values would take a
-// second.
-std::string RenderSessions(const std::vector<SessionRecord>& sessions) {
+// Written by hand for speed: a file of up to 100,000 sessions is written at every login, and building a tree of JSON
+// values would take a second.
+std::string SerializeSessions(const std::vector<SessionRecord>& sessions) {
   std::string text = R"({"version":1,"sessions":[)";
   text.reserve(text.size() + sessions.size() * 256 + 16);
   bool is_first = true;
@@ -96,7 +97,7 @@ std::string RenderSessions(const std::vector<SessionRecord>& sessions) {
     if (!std::exchange(is_first, false)) text += ',';
     text += "\n{\"hash\":\"" + EncodeHash(session.hash) + "\",\"csrf_hash\":\"" + EncodeHash(session.csrf_hash);
     text += "\",\"user\":\"";
-    // A valid name contains at most one kind of character that JSON escapes.
+    // The backslash is the only character of valid names that JSON escapes.
     for (const char c : session.user) {
       if (c == '\\') text += '\\';
       text += c;
@@ -108,4 +109,4 @@ std::string RenderSessions(const std::vector<SessionRecord>& sessions) {
   return text + "\n]}\n";
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::session

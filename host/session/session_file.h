@@ -1,4 +1,4 @@
-// The sessions file, parsed and fully checked.
+// Parses and writes the content of the session file; sessions.h has an example of it.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include "host/base/result.h"
 #include "host/session/session_token.h"
 
-namespace vexa::daemon {
+namespace vexa::session {
 
 struct SessionRecord {
   Hash hash;
@@ -20,9 +20,9 @@ struct SessionRecord {
   std::int64_t last_used = 0;  // Unix seconds
 };
 
-// Sessions without a uid, as older versions wrote them, are left out: their owner is unknown. kCorrupt, with a sentence
-// that says what is wrong.
+// Checks the whole content. Errors: kCorrupt, with what is wrong. Sessions without a uid, which older versions wrote,
+// are left out, because their owner is unknown.
 Result<std::vector<SessionRecord>> ParseSessions(std::string_view text);
-std::string RenderSessions(const std::vector<SessionRecord>& sessions);
+std::string SerializeSessions(const std::vector<SessionRecord>& sessions);
 
-}  // namespace vexa::daemon
+}  // namespace vexa::session

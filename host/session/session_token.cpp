@@ -7,12 +7,13 @@
 #include <cerrno>
 #include <memory>
 
-namespace vexa::daemon {
+namespace vexa::session {
 namespace {
 
 constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
-int DigitOf(char c) {
+// The value of a character of kAlphabet, or -1.
+int DigitValue(char c) {
   if (c >= 'A' && c <= 'Z') return c - 'A';
   if (c >= 'a' && c <= 'z') return c - 'a' + 26;
   if (c >= '0' && c <= '9') return c - '0' + 52;
@@ -25,7 +26,7 @@ struct ContextFree {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-// Looked up once: finding an algorithm by name takes longer than hashing a token.
+// Looked up once, because finding an algorithm by name takes longer than hashing a token.
 const EVP_MD* Sha256() {
   static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   return algorithm;
@@ -39,21 +40,21 @@ Result<std::string> NewToken() {
   while (filled < bytes.size()) {
     const ssize_t count = ::getrandom(bytes.data() + filled, bytes.size() - filled, 0);
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return SystemError(ErrorCode::kInternal, "The system gives no random bytes", errno);
+    if (count <= 0) return SystemError(ErrorCode::kInternal, "Cannot get random bytes for a token", errno);
     filled += static_cast<std::size_t>(count);
   }
   return EncodeHash(bytes);
 }
 
-bool IsTokenShaped(std::string_view text) {
+bool HasTokenForm(std::string_view text) {
   if (text.size() != kTokenCharacters) return false;
   for (const char c : text) {
-    if (DigitOf(c) < 0) return false;
+    if (DigitValue(c) < 0) return false;
   }
   return true;
 }
 
-std::optional<Hash> HashOf(std::string_view text) {
+std::optional<Hash> HashToken(std::string_view text) {
   thread_local const std::unique_ptr<EVP_MD_CTX, ContextFree> context(EVP_MD_CTX_new());
   Hash hash;
   if (context == nullptr || Sha256() == nullptr || EVP_DigestInit_ex2(context.get(), Sha256(), nullptr) != 1 ||
@@ -79,27 +80,27 @@ std::string EncodeHash(const Hash& hash) {
       text += kAlphabet[(bits >> count) & 63];
     }
   }
-  // 256 bits are 42 digits and 4 bits.
+  // 256 bits are 42 digits of 6 bits, and 4 remaining bits.
   text += kAlphabet[(bits << (6 - count)) & 63];
   return text;
 }
 
 std::optional<Hash> DecodeHash(std::string_view text) {
-  if (!IsTokenShaped(text)) return std::nullopt;
+  if (!HasTokenForm(text)) return std::nullopt;
   Hash hash{};
-  std::size_t at = 0;
+  std::size_t position = 0;
   std::uint32_t bits = 0;
   int count = 0;
   for (const char c : text) {
-    bits = (bits << 6) | static_cast<std::uint32_t>(DigitOf(c));
+    bits = (bits << 6) | static_cast<std::uint32_t>(DigitValue(c));
     count += 6;
     if (count < 8) continue;
     count -= 8;
-    hash[at++] = static_cast<std::uint8_t>(bits >> count);
+    hash[position++] = static_cast<std::uint8_t>(bits >> count);
   }
-  // The remaining bits must be 0, or two texts would mean the same.
+  // The remaining bits must be 0, because otherwise several strings would decode to the same hash.
   if ((bits & ((1U << count) - 1)) != 0) return std::nullopt;
   return hash;
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::session

@@ -1,4 +1,4 @@
-// Random tokens, their text, and their hashes.
+// Random tokens, their base64url form, and their hashes.
 #pragma once
 
 #include <array>
@@ -9,25 +9,26 @@
 
 #include "host/base/result.h"
 
-namespace vexa::daemon {
+namespace vexa::session {
 
 inline constexpr std::size_t kTokenCharacters = 43;  // 32 bytes as base64url without padding
 
 using Hash = std::array<std::uint8_t, 32>;
 
-// 256 bits from the system's generator, as text.
+// A token of 256 random bits from the system, in base64url. Errors: kInternal when the system provides no random bytes.
 Result<std::string> NewToken();
 
-// Whether `text` has the shape of a token.
-bool IsTokenShaped(std::string_view text);
+// Whether `text` has the length and the characters of a token.
+bool HasTokenForm(std::string_view text);
 
-// SHA-256. Empty only when libcrypto fails, which means out of memory.
-std::optional<Hash> HashOf(std::string_view text);
+// The SHA-256 of `text`. Not set if libcrypto fails, which happens only when memory is exhausted.
+std::optional<Hash> HashToken(std::string_view text);
 
 bool EqualInConstantTime(const Hash& a, const Hash& b);
 
-// base64url without padding (RFC 4648, section 5). Decoding accepts only what encoding produces.
+// base64url without padding (RFC 4648, section 5). DecodeHash accepts exactly the strings that EncodeHash returns; not
+// set for others.
 std::string EncodeHash(const Hash& hash);
 std::optional<Hash> DecodeHash(std::string_view text);
 
-}  // namespace vexa::daemon
+}  // namespace vexa::session

@@ -1,23 +1,25 @@
 #include "host/session/sessions.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <ctime>
 #include <map>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "host/accounts/accounts.h"
 #include "host/base/files.h"
+#include "host/base/mutex.h"
 #include "host/base/private_file.h"
 #include "host/session/session_file.h"
 #include "host/session/session_token.h"
 
-namespace vexa::daemon {
+namespace vexa::session {
 namespace {
 
 // A session takes at most 350 bytes in the file.
@@ -30,13 +32,13 @@ struct Session {
   std::uint32_t uid = 0;
   std::int64_t created = 0;
   std::int64_t last_used = 0;
-  std::uint64_t order = 0;   // of creation
-  bool is_expired = false;   // sticky: once seen as expired, no clock change revives it
-  bool is_replaced = false;  // a newer session of the user replaces it as soon as that is in the file
+  std::uint64_t order = 0;   // of creation, ascending
+  bool is_expired = false;   // never reset, so that a change of the clock cannot revive the session
+  bool is_replaced = false;  // ends as soon as the newer session that replaces it is in the file
 };
 
-// Part of a uniformly distributed hash is uniformly distributed, too. The first byte chooses the shard.
-struct HashPart {
+// Hashes by 8 bytes of the SHA-256, which are uniformly distributed. Not by the first byte, which selects the shard.
+struct Sha256Hasher {
   std::size_t operator()(const Hash& hash) const {
     std::size_t part = 0;
     std::memcpy(&part, hash.data() + 8, sizeof(part));
@@ -44,16 +46,17 @@ struct HashPart {
   }
 };
 
-// Lookups of different sessions seldom meet, and unlike a read lock, a plain mutex does not let them starve a change.
+// Sessions are spread over shards, so that lookups of different sessions rarely wait for each other. A plain mutex
+// rather than a read-write lock, under which lookups could starve a change.
 struct alignas(64) Shard {
-  std::mutex mutex;
-  std::unordered_map<Hash, Session, HashPart> sessions;
+  Mutex mutex;
+  std::unordered_map<Hash, Session, Sha256Hasher> sessions VEXA_GUARDED_BY(mutex);
 };
 
 }  // namespace
 
-// Locks, in this order: write_mutex_, change_mutex_, one shard's. The shape of the maps changes only under
-// change_mutex_ and the shard's mutex together.
+// Lock order: write_mutex_, change_mutex_, the mutex of one shard. Sessions are added and removed only under
+// change_mutex_ and the mutex of their shard together.
 class SessionTable::Impl {
  public:
   Impl(std::string path, SessionOptions options) : path_(std::move(path)), options_(std::move(options)) {
@@ -67,7 +70,7 @@ class SessionTable::Impl {
   std::optional<SessionUser> Find(std::string_view token);
   bool CheckCsrf(std::string_view token, std::string_view csrf_token);
   bool End(std::string_view token);
-  std::size_t EndAllOf(const std::string& user);
+  std::size_t EndAllOfUser(const std::string& user);
   Status Sweep();
   std::size_t size() const { return count_; }
 
@@ -76,41 +79,41 @@ class SessionTable::Impl {
   using OrderedHashes = std::map<std::uint64_t, Hash>;
 
   Shard& ShardOf(const Hash& hash) { return shards_[hash[0] % shards_.size()]; }
-  // Requires the shard's mutex.
+  // Requires the mutex of the session's shard, unless the session is in no shard.
   bool IsLive(Session& session, std::int64_t now) const;
 
-  // These require change_mutex_.
-  void Insert(const Hash& hash, Session session);
-  std::optional<Liveness> Remove(const Hash& hash);
-  std::size_t RemoveExpired(const std::vector<Hash>& candidates);
-  std::size_t RemoveAllExpired();
-  Status MakeRoom(const std::string& user, std::vector<Hash>& replaced);
-  void SetReplaced(const Hash& hash, bool is_replaced);
+  void Insert(const Hash& hash, Session session) VEXA_REQUIRES(change_mutex_);
+  std::optional<Liveness> Remove(const Hash& hash) VEXA_REQUIRES(change_mutex_);
+  std::size_t RemoveExpired(const std::vector<Hash>& candidates) VEXA_REQUIRES(change_mutex_);
+  std::size_t RemoveAllExpired() VEXA_REQUIRES(change_mutex_);
+  Status MakeRoom(const std::string& user, std::vector<Hash>& replaced) VEXA_REQUIRES(change_mutex_);
+  void SetReplaced(const Hash& hash, bool is_replaced) VEXA_REQUIRES(change_mutex_);
 
   std::vector<SessionRecord> Snapshot(std::uint64_t& generation);
   Status WriteUpTo(std::uint64_t generation);
-  Status WriteWithWriteMutexHeld();
+  Status Write() VEXA_REQUIRES(write_mutex_);
 
   const std::string path_;
   SessionOptions options_;
 
   std::array<Shard, 16> shards_;
   std::atomic<std::size_t> count_{0};
-  // A use that the file does not have yet. Set by Find, hence not part of the generation.
+  // Whether there is a last use that is not in the file yet. Set by Find, which does not take change_mutex_, so it is
+  // not counted in generation_.
   std::atomic<bool> has_new_uses_{false};
 
-  std::mutex change_mutex_;
-  std::unordered_map<std::string, OrderedHashes> by_user_;
-  std::size_t replaced_ = 0;  // sessions marked is_replaced
-  std::uint64_t next_order_ = 0;
-  std::uint64_t generation_ = 0;  // counts changes
+  Mutex change_mutex_;
+  std::unordered_map<std::string, OrderedHashes> by_user_ VEXA_GUARDED_BY(change_mutex_);
+  std::size_t replaced_ VEXA_GUARDED_BY(change_mutex_) = 0;  // sessions marked is_replaced
+  std::uint64_t next_order_ VEXA_GUARDED_BY(change_mutex_) = 0;
+  std::uint64_t generation_ VEXA_GUARDED_BY(change_mutex_) = 0;  // counts changes that the file must have
 
-  std::mutex write_mutex_;
-  std::uint64_t written_generation_ = 0;
+  Mutex write_mutex_;
+  std::uint64_t written_generation_ VEXA_GUARDED_BY(write_mutex_) = 0;
 };
 
 bool SessionTable::Impl::IsLive(Session& session, std::int64_t now) const {
-  // Clamped to now, or a session from a clock that was ahead would live longer by that lead.
+  // Clamped to now, because a session created while the clock was ahead would otherwise live longer.
   session.created = std::min(session.created, now);
   session.is_expired = session.is_expired || now - session.created >= options_.absolute.count() ||
                        now - session.last_used >= options_.idle.count();
@@ -121,15 +124,16 @@ void SessionTable::Impl::Insert(const Hash& hash, Session session) {
   by_user_[session.user].emplace(session.order, hash);
   ++count_;
   Shard& shard = ShardOf(hash);
-  const std::lock_guard lock(shard.mutex);
+  const MutexLock lock(shard.mutex);
   shard.sessions.emplace(hash, std::move(session));
 }
 
 std::optional<SessionTable::Impl::Liveness> SessionTable::Impl::Remove(const Hash& hash) {
   Shard& shard = ShardOf(hash);
-  std::unique_lock lock(shard.mutex);
-  auto node = shard.sessions.extract(hash);
-  lock.unlock();
+  auto node = [&] {
+    const MutexLock lock(shard.mutex);
+    return shard.sessions.extract(hash);
+  }();
   if (node.empty()) return std::nullopt;
   Session& session = node.mapped();
   --count_;
@@ -146,7 +150,7 @@ std::size_t SessionTable::Impl::RemoveExpired(const std::vector<Hash>& candidate
   for (const Hash& hash : candidates) {
     {
       Shard& shard = ShardOf(hash);
-      const std::lock_guard lock(shard.mutex);
+      const MutexLock lock(shard.mutex);
       const auto found = shard.sessions.find(hash);
       if (found == shard.sessions.end() || IsLive(found->second, now)) continue;
     }
@@ -160,7 +164,7 @@ std::size_t SessionTable::Impl::RemoveAllExpired() {
   const std::int64_t now = options_.now();
   std::vector<Hash> expired;
   for (Shard& shard : shards_) {
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     for (auto& [hash, session] : shard.sessions) {
       if (!IsLive(session, now)) expired.push_back(hash);
     }
@@ -170,32 +174,35 @@ std::size_t SessionTable::Impl::RemoveAllExpired() {
 
 void SessionTable::Impl::SetReplaced(const Hash& hash, bool is_replaced) {
   Shard& shard = ShardOf(hash);
-  const std::lock_guard lock(shard.mutex);
+  const MutexLock lock(shard.mutex);
   const auto found = shard.sessions.find(hash);
   if (found == shard.sessions.end() || found->second.is_replaced == is_replaced) return;
   found->second.is_replaced = is_replaced;
   replaced_ += is_replaced ? 1 : std::size_t{0} - 1;
 }
 
-// Marks the user's oldest sessions that exceed the quota once there is one more, and lists them in `replaced`.
+// Makes room for one more session of the user: marks the oldest ones that then exceed the quota as replaced, and
+// returns them in `replaced`. kBusy when the table is full.
 Status SessionTable::Impl::MakeRoom(const std::string& user, std::vector<Hash>& replaced) {
   std::vector<Hash> own;  // the oldest first
   if (const auto found = by_user_.find(user); found != by_user_.end()) {
     for (const auto& [order, hash] : found->second) own.push_back(hash);
   }
   RemoveExpired(own);
-  std::vector<Hash> standing;
+  std::vector<Hash> active_hashes;
   for (const Hash& hash : own) {
     Shard& shard = ShardOf(hash);
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     const auto found = shard.sessions.find(hash);
-    if (found != shard.sessions.end() && !found->second.is_replaced) standing.push_back(hash);
+    if (found != shard.sessions.end() && !found->second.is_replaced) active_hashes.push_back(hash);
   }
   const std::size_t quota = std::max<std::size_t>(1, options_.max_sessions_per_user);
-  if (standing.size() >= quota) {
-    replaced.assign(standing.begin(), standing.end() - static_cast<std::ptrdiff_t>(quota - 1));
+  if (active_hashes.size() >= quota) {
+    replaced.assign(active_hashes.begin(), active_hashes.end() - static_cast<std::ptrdiff_t>(quota - 1));
   }
-  const auto is_full = [&] { return count_ - replaced_ - replaced.size() >= options_.max_sessions; };
+  const auto is_full = [&]() VEXA_REQUIRES(change_mutex_) {
+    return count_ - replaced_ - replaced.size() >= options_.max_sessions;
+  };
   if (is_full()) RemoveAllExpired();
   if (is_full()) return Error(ErrorCode::kBusy, "Too many users are logged in; try again later");
   for (const Hash& hash : replaced) SetReplaced(hash, true);
@@ -203,32 +210,32 @@ Status SessionTable::Impl::MakeRoom(const std::string& user, std::vector<Hash>& 
 }
 
 Result<NewSession> SessionTable::Impl::Create(const SessionUser& user) {
-  if (!base::IsValidAccountName(user.name))
-    return Error(ErrorCode::kInvalid, "A session cannot be of a user of that name");
+  if (!accounts::IsValidAccountName(user.name))
+    return Error(ErrorCode::kInvalid, "The user name of the session is invalid");
   auto token = NewToken();
   if (!token.ok()) return token.error();
   auto csrf_token = NewToken();
   if (!csrf_token.ok()) return csrf_token.error();
-  const auto hash = HashOf(*token);
-  const auto csrf_hash = HashOf(*csrf_token);
+  const auto hash = HashToken(*token);
+  const auto csrf_hash = HashToken(*csrf_token);
   if (!hash || !csrf_hash) return Error(ErrorCode::kInternal, "Cannot hash a token");
 
   std::vector<Hash> replaced;
-  std::unique_lock lock(change_mutex_);
+  ReleasableMutexLock lock(change_mutex_);
   if (Status status = MakeRoom(user.name, replaced); !status.ok()) return status.error();
   const std::int64_t now = options_.now();
   Insert(*hash, Session{*csrf_hash, user.name, user.uid, now, now, next_order_++, false, false});
   const std::uint64_t generation = ++generation_;
-  lock.unlock();
+  lock.Unlock();
 
-  // No one knows the token yet, and the sessions that it replaces stay valid until it is in the file.
+  // The token has not been returned to the caller yet, and the replaced sessions stay valid until it is in the file.
   const Status written = WriteUpTo(generation);
 
-  lock.lock();
+  lock.Lock();
   if (!written.ok()) {
     for (const Hash& old : replaced) SetReplaced(old, false);
     Remove(*hash);
-    ++generation_;  // another thread's write may have put it into the file
+    ++generation_;  // the write of another thread may have included the session
     return written.error();
   }
   for (const Hash& old : replaced) Remove(old);
@@ -236,12 +243,12 @@ Result<NewSession> SessionTable::Impl::Create(const SessionUser& user) {
 }
 
 std::optional<SessionUser> SessionTable::Impl::Find(std::string_view token) {
-  if (!IsTokenShaped(token)) return std::nullopt;
-  const auto hash = HashOf(token);
+  if (!HasTokenForm(token)) return std::nullopt;
+  const auto hash = HashToken(token);
   if (!hash) return std::nullopt;
   const std::int64_t now = options_.now();
   Shard& shard = ShardOf(*hash);
-  const std::lock_guard lock(shard.mutex);
+  const MutexLock lock(shard.mutex);
   const auto found = shard.sessions.find(*hash);
   if (found == shard.sessions.end() || !IsLive(found->second, now)) return std::nullopt;
   Session& session = found->second;
@@ -253,34 +260,34 @@ std::optional<SessionUser> SessionTable::Impl::Find(std::string_view token) {
 }
 
 bool SessionTable::Impl::CheckCsrf(std::string_view token, std::string_view csrf_token) {
-  if (!IsTokenShaped(token) || !IsTokenShaped(csrf_token)) return false;
-  const auto hash = HashOf(token);
-  const auto csrf_hash = HashOf(csrf_token);
+  if (!HasTokenForm(token) || !HasTokenForm(csrf_token)) return false;
+  const auto hash = HashToken(token);
+  const auto csrf_hash = HashToken(csrf_token);
   if (!hash || !csrf_hash) return false;
   const std::int64_t now = options_.now();
   Shard& shard = ShardOf(*hash);
-  const std::lock_guard lock(shard.mutex);
+  const MutexLock lock(shard.mutex);
   const auto found = shard.sessions.find(*hash);
   return found != shard.sessions.end() && IsLive(found->second, now) &&
          EqualInConstantTime(found->second.csrf_hash, *csrf_hash);
 }
 
 bool SessionTable::Impl::End(std::string_view token) {
-  if (!IsTokenShaped(token)) return false;
-  const auto hash = HashOf(token);
+  if (!HasTokenForm(token)) return false;
+  const auto hash = HashToken(token);
   if (!hash) return false;
-  std::unique_lock lock(change_mutex_);
+  ReleasableMutexLock lock(change_mutex_);
   const auto removed = Remove(*hash);
   if (!removed) return false;
   const std::uint64_t generation = ++generation_;
-  lock.unlock();
-  // A failure leaves the generation unwritten, and the next writer makes up for it.
+  lock.Unlock();
+  // After a failure the generation stays unwritten, and the next writer writes it.
   static_cast<void>(WriteUpTo(generation));
   return *removed == Liveness::kLive;
 }
 
-std::size_t SessionTable::Impl::EndAllOf(const std::string& user) {
-  std::unique_lock lock(change_mutex_);
+std::size_t SessionTable::Impl::EndAllOfUser(const std::string& user) {
+  ReleasableMutexLock lock(change_mutex_);
   const auto found = by_user_.find(user);
   if (found == by_user_.end()) return 0;
   const OrderedHashes own = found->second;  // a copy: removing the last one removes the entry
@@ -289,34 +296,34 @@ std::size_t SessionTable::Impl::EndAllOf(const std::string& user) {
     if (Remove(hash) == Liveness::kLive) ++ended;
   }
   const std::uint64_t generation = ++generation_;
-  lock.unlock();
+  lock.Unlock();
   static_cast<void>(WriteUpTo(generation));  // as in End
   return ended;
 }
 
 Status SessionTable::Impl::Sweep() {
   {
-    const std::lock_guard lock(change_mutex_);
+    const MutexLock lock(change_mutex_);
     RemoveAllExpired();
   }
-  const std::lock_guard write_lock(write_mutex_);
+  const MutexLock write_lock(write_mutex_);
   {
-    const std::lock_guard lock(change_mutex_);
+    const MutexLock lock(change_mutex_);
     if (generation_ == written_generation_ && !has_new_uses_) return {};
   }
-  return WriteWithWriteMutexHeld();
+  return Write();
 }
 
-// The sessions in the table now, the oldest first, and which generation that is.
+// Returns the current sessions, the oldest first, and their generation.
 std::vector<SessionRecord> SessionTable::Impl::Snapshot(std::uint64_t& generation) {
   std::vector<std::pair<std::uint64_t, SessionRecord>> ordered;
   {
-    const std::lock_guard lock(change_mutex_);
+    const MutexLock lock(change_mutex_);
     generation = generation_;
-    has_new_uses_ = false;  // before reading them: a use that comes meanwhile sets it again
+    has_new_uses_ = false;  // reset before the uses are read, because a concurrent use sets it again
     ordered.reserve(count_);
     for (Shard& shard : shards_) {
-      const std::lock_guard shard_lock(shard.mutex);
+      const MutexLock shard_lock(shard.mutex);
       for (const auto& [hash, session] : shard.sessions) {
         if (session.is_replaced || session.is_expired) continue;
         ordered.emplace_back(session.order, SessionRecord{hash, session.csrf_hash, session.user, session.uid,
@@ -331,19 +338,19 @@ std::vector<SessionRecord> SessionTable::Impl::Snapshot(std::uint64_t& generatio
   return records;
 }
 
-// Returns when the file has all changes up to `generation`. Callers that had to wait find their changes written by the
-// first of them, so many concurrent logins share one write.
+// Returns when the file has all changes up to `generation`. While one thread writes, others wait, and the next write
+// includes the changes of all of them, so many concurrent logins share one write.
 Status SessionTable::Impl::WriteUpTo(std::uint64_t generation) {
-  const std::lock_guard lock(write_mutex_);
+  const MutexLock lock(write_mutex_);
   if (written_generation_ >= generation) return {};
-  return WriteWithWriteMutexHeld();
+  return Write();
 }
 
-// The snapshot is taken under the same lock as the write, so an older one never follows a newer one.
-Status SessionTable::Impl::WriteWithWriteMutexHeld() {
+// The snapshot and the write are under the same lock, so an older snapshot never overwrites a newer one.
+Status SessionTable::Impl::Write() {
   std::uint64_t generation = 0;
-  const std::string text = RenderSessions(Snapshot(generation));
-  // A file that cannot be read back would keep the daemon from starting.
+  const std::string text = SerializeSessions(Snapshot(generation));
+  // A larger file could not be loaded, and the daemon would not start.
   Status status = text.size() > kMaxFileBytes ? Error(ErrorCode::kNoSpace, "The session file would become too large")
                                               : WriteFileAtomically(path_, text, kFileMode);
   if (status.ok()) {
@@ -362,9 +369,9 @@ Status SessionTable::Impl::Load() {
     return error.code() == ErrorCode::kInvalid ? Error(ErrorCode::kCorrupt, error.message(), error.cause()) : error;
   }
   auto records = ParseSessions(file->content);
-  if (!records.ok()) return Error(records.error().code(), "'" + path_ + "': " + records.error().ToString());
+  if (!records.ok()) return Error(records.error().code(), fmt::format("'{}': {}", path_, records.error().ToString()));
   const std::int64_t now = options_.now();
-  const std::lock_guard lock(change_mutex_);
+  const MutexLock lock(change_mutex_);
   for (const SessionRecord& record : *records) {
     const std::int64_t created = std::min(record.created, now);
     const std::int64_t last_used = std::clamp(record.last_used, created, now);
@@ -390,8 +397,8 @@ bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token
   return impl_->CheckCsrf(token, csrf_token);
 }
 bool SessionTable::End(std::string_view token) { return impl_->End(token); }
-std::size_t SessionTable::EndAllOf(const std::string& user) { return impl_->EndAllOf(user); }
+std::size_t SessionTable::EndAllOfUser(const std::string& user) { return impl_->EndAllOfUser(user); }
 Status SessionTable::Sweep() { return impl_->Sweep(); }
 std::size_t SessionTable::size() const { return impl_->size(); }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::session

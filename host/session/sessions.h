@@ -1,4 +1,4 @@
-// Login sessions: random tokens, stored only as hashes.
+// Login sessions. A session is identified by a random token, of which only the hash is stored.
 #pragma once
 
 #include <chrono>
@@ -12,18 +12,18 @@
 
 #include "host/base/result.h"
 
-namespace vexa::daemon {
+namespace vexa::session {
 
 struct SessionOptions {
-  std::chrono::seconds idle{30 * 60};
-  std::chrono::seconds absolute{12 * 60 * 60};
+  std::chrono::seconds idle{30 * 60};           // a session ends after this long without use
+  std::chrono::seconds absolute{12 * 60 * 60};  // and this long after the login
   std::size_t max_sessions = 100'000;
   std::size_t max_sessions_per_user = 100;  // one more login ends the user's oldest session
-  // Unix seconds; time(2) when empty. Any thread; must not call the table.
+  // The time in Unix seconds; time(2) if empty. Called on any thread; must not call the table.
   std::function<std::int64_t()> now;
 };
 
-// The owner of a session. Both members count: a name can be given to a new account later, and an id to a new name.
+// The owner of a session. Compare both members: a name can later belong to a new account, and an id to another name.
 struct SessionUser {
   std::string name;
   std::uint32_t uid = 0;
@@ -31,50 +31,51 @@ struct SessionUser {
 
 struct NewSession {
   std::string token;       // 256 random bits, base64url without padding (RFC 4648), 43 characters
-  std::string csrf_token;  // the same shape; a caller with a cookie must present it as well
+  std::string csrf_token;  // in the same form; a caller that uses a cookie must present it as well
 };
 
-// Sessions survive a restart: they are kept in a file (0600, replaced atomically) that holds SHA-256 hashes of the
-// tokens, never the tokens themselves:
+// Sessions survive a restart. They are stored in a file (mode 0600, replaced atomically) that contains SHA-256 hashes
+// of the tokens, never the tokens themselves:
 //   {"version": 1, "sessions": [{"hash": "…", "csrf_hash": "…", "user": "alice", "uid": 1026, "created": 1,
 //                                "last_used": 1}]}
-// Hashes are base64url without padding, times are Unix seconds. Last uses are saved with every write, but only Sweep
-// writes because of them. Sessions without "uid", as older versions wrote them, have ended.
+// Hashes are base64url without padding, times are Unix seconds. Every write saves the times of last use, but only Sweep
+// writes the file just for them. Sessions without "uid", which older versions wrote, are ignored.
 //
-// When the clock jumps, a negative elapsed time counts as zero, a creation in the future as now, a last use never moves
-// backwards, and an expired session stays expired.
+// Clock jumps: negative ages count as zero, creation times in the future as now; the last use never goes back; expired
+// sessions stay expired.
 //
-// Threads: any, at the same time; Find and CheckCsrf take no lock that a file write holds.
+// Threads: any, at the same time; Find and CheckCsrf never wait for a write of the file.
 class SessionTable {
  public:
-  // An unreadable or damaged file is an error: kCorrupt; kDenied when it is not private (others may use it, it is a
-  // symbolic link, neither this process's user nor root owns it). A missing file starts an empty table.
+  // Loads the file; a missing file is an empty table. Errors: kCorrupt when the file is damaged; kDenied when it is not
+  // private (its mode permits access by others, it is a symbolic link, or neither this process's user nor root owns
+  // it); the errors of reading a file.
   static Result<std::unique_ptr<SessionTable>> Open(const std::string& path, const SessionOptions& options);
   ~SessionTable();
 
-  // The session is in the file before this returns.
-  // kInvalid when `user.name` is not a valid user name; kBusy when max_sessions are in use; the file's error when it
-  // cannot be written. After an error there is no new session, and no older one has been ended.
+  // Returns once the session is in the file.
+  // Errors: kInvalid when `user.name` is not a valid user name; kBusy when there are max_sessions already; the errors
+  // of writing the file. After an error there is no new session, and no older session has been ended.
   Result<NewSession> Create(const SessionUser& user);
 
-  // Returns the user of a live session and records a use of it. Empty for an unknown, expired or malformed token.
+  // Returns the user of a live session and records a use of it. Not set for an unknown, expired or malformed token.
   std::optional<SessionUser> Find(std::string_view token);
 
   // Whether `csrf_token` belongs to the session of `token`, compared in constant time.
   bool CheckCsrf(std::string_view token, std::string_view csrf_token) const;
 
-  // Ends the session; true when there was one. It is removed from the file before this returns. When the file cannot be
-  // written, the session is over all the same, and the next successful write by Create, End or Sweep removes it. Until
-  // then only a restart would bring it back.
+  // Ends the session and removes it from the file; false if there was no live session. If the file cannot be written,
+  // the session has ended nevertheless, and the next successful write by Create, End or Sweep removes it. Until then, a
+  // restart would bring it back.
   bool End(std::string_view token);
-  // Ends all sessions of a user name, as End does, and returns how many there were.
-  std::size_t EndAllOf(const std::string& user);
+  // Ends all sessions of a user name, as End does, and returns how many were live.
+  std::size_t EndAllOfUser(const std::string& user);
 
-  // Drops expired sessions and writes last uses. Call it about once a minute, and before the process ends. An error
-  // when the file cannot be written; the changes then remain to be written.
+  // Removes expired sessions and writes the times of last use. Call it about once a minute, and before the process
+  // ends. After an error of writing the file, the next write includes the changes.
   Status Sweep();
 
-  // Includes the sessions that have expired since the last Sweep.
+  // The number of sessions, including sessions that have expired since the last Sweep.
   std::size_t size() const;
 
  private:
@@ -83,4 +84,4 @@ class SessionTable {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace vexa::daemon
+}  // namespace vexa::session

@@ -1,4 +1,4 @@
-// The sizes of image files, found without waiting for file systems that hang.
+// The sizes of image files, read with a timeout because file systems can hang.
 #pragma once
 
 #include <chrono>
@@ -10,25 +10,25 @@
 #include <vector>
 
 #include "host/disks/image_records.h"
-#include "host/storage/storage_calls.h"
+#include "host/storage/bounded_calls.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 
-// The size of the file in bytes when it is one that may be an image below one of the roots. May hang.
+// The size in bytes of a regular file below one of the roots; not set for anything else. May hang.
 using SizeOfImage =
     std::function<std::optional<std::uint64_t>(const std::vector<std::string>& roots, const std::string& path)>;
 
-// A folder that does not respond is asked again once its last question has returned: however many ask for the images,
-// few threads hang.
+// A folder that does not respond is probed again only after its last probe has returned, so few threads hang however
+// many callers ask for the images.
 // Threads: any, at the same time.
 class ImageSizes {
  public:
-  explicit ImageSizes(std::vector<std::string> roots, std::chrono::milliseconds deadline = std::chrono::seconds(2));
-  ImageSizes(std::vector<std::string> roots, std::chrono::milliseconds deadline, SizeOfImage size_of);
+  explicit ImageSizes(std::vector<std::string> roots, std::chrono::milliseconds timeout = std::chrono::seconds(2));
+  ImageSizes(std::vector<std::string> roots, std::chrono::milliseconds timeout, SizeOfImage size_of);
 
-  // Sets the size of each image that this host has. Without one remain those in folders that do not respond before the
-  // deadline, which is for all of them together.
-  void Measure(std::vector<ListedImage>& images);
+  // Sets the size of each image that this host has, except for those in folders that do not respond in time. The
+  // timeout is for all images together.
+  void Measure(std::vector<disks::ListedImage>& images);
 
  private:
   const std::shared_ptr<const std::vector<std::string>> roots_;
@@ -36,4 +36,4 @@ class ImageSizes {
   BoundedCalls calls_;
 };
 
-}  // namespace vexa::guests
+}  // namespace vexa::storage

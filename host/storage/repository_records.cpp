@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/base/uuid.h"
-#include "host/disks/disk_users.h"
-#include "host/records/host_life.h"
+#include "host/disks/file_referrers.h"
+#include "host/records/host_liveness.h"
 #include "host/records/keys.h"
 #include "host/records/named_record.h"
 #include "host/records/run_record.h"
@@ -19,58 +19,59 @@
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
-using cluster::kRecordExists;
-using cluster::kRecordFailed;
-using cluster::NamedRecord;
+using records::kRecordExists;
+using records::kRecordFailed;
+using records::NamedRecord;
 using VexaCCC::DB::DashCate;
 
-constexpr std::size_t kShownName = 128;
+constexpr std::size_t kMaxDisplayedName = 128;
 
 Refusal NoSuchRepository(const std::string& id) {
-  return {kUnreadable, "There is no repository '" + cluster::LogText(id, kShownName) + "'"};
+  return {host_error::kNotFoundOrUnreadable, "There is no repository '" + SanitizeForLog(id, kMaxDisplayedName) + "'"};
 }
 
-// Why the repository cannot be added beside `other`.
-Refused RefuseBeside(const NamedRecord& other, const NewRepository& repository, const std::string& id) {
+// Why the repository cannot be added while `other` exists; not set when it can.
+std::optional<Refusal> ConflictWith(const NamedRecord& other, const NewRepository& repository, const std::string& id) {
   if (other.id == id) return Refusal{kRecordExists, "There is a repository '" + id + "' already"};
-  if (other.name != repository.name) return {};
-  return Refusal{kRecordExists, "The repository '" + cluster::LogText(other.id, kShownName) + "' has the name '" +
+  if (other.name != repository.name) return std::nullopt;
+  return Refusal{kRecordExists, "The repository '" + SanitizeForLog(other.id, kMaxDisplayedName) + "' has the name '" +
                                     repository.name + "'"};
 }
 
 Refusal NoSuchHost(const std::string& id) {
-  return {kUnreadable,
+  return {host_error::kNotFoundOrUnreadable,
           "There is no host '" + id +
               "' in this cluster: give the id of one that 'vexa host list' shows, or start the host first"};
 }
 
-// Adds that the host is there: one that is removed meanwhile makes the commit a conflict. Refused when it is not.
-Result<Refused> CompareHost(const store::Snapshot& snapshot, const std::string& host_id,
-                            store::Transaction& transaction) {
-  std::string key = cluster::ObjectKey(DashCate::Host.name(), host_id);
+// Adds the compare that the host's record exists: if it is removed meanwhile, the commit conflicts. Returns the refusal
+// for a host without a record.
+Result<std::optional<Refusal>> CompareHost(const store::Snapshot& snapshot, const std::string& host_id,
+                                           store::Transaction& transaction) {
+  std::string key = records::ObjectKey(DashCate::Host.name(), host_id);
   const auto host = snapshot.Get(key);
   if (!host) return host.error();
-  if (!host->has_value()) return Refused(NoSuchHost(host_id));
+  if (!host->has_value()) return std::optional<Refusal>(NoSuchHost(host_id));
   transaction.compares.push_back({std::move(key), (*host)->revision});
-  return Refused();
+  return std::optional<Refusal>();
 }
 
 Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const NewRepository& repository,
-                                        const std::string& id, Refused& refused) {
+                                        const std::string& id, std::optional<Refusal>& refused) {
   store::Transaction transaction;
-  const auto all = cluster::ReadNamedRecords(snapshot, DashCate::Repository.name());
+  const auto all = records::ReadNamedRecords(snapshot, DashCate::Repository.name());
   if (!all) return all.error();
   for (const NamedRecord& other : *all) {
-    refused = RefuseBeside(other, repository, id);
+    refused = ConflictWith(other, repository, id);
     if (refused) return transaction;
   }
   const std::string host_id = NormalizeUuid(repository.host_id);
-  Result<Refused> without_host = CompareHost(snapshot, host_id, transaction);
-  if (!without_host) return without_host.error();
-  refused = std::move(*without_host);
+  Result<std::optional<Refusal>> missing_host = CompareHost(snapshot, host_id, transaction);
+  if (!missing_host) return missing_host.error();
+  refused = std::move(*missing_host);
   if (refused) return transaction;
   NamedRecord added;
   added.id = id;
@@ -78,14 +79,14 @@ Result<store::Transaction> PlanAddition(const store::Snapshot& snapshot, const N
   added.record[keys::name] = repository.name;
   added.record[keys::host_id] = host_id;
   added.record[keys::state] = VexaCCC::State::Repo::online;
-  const Status put = cluster::AddNamedRecord(snapshot, DashCate::Repository.name(), *all, added, transaction);
+  const Status put = records::AddNamedRecord(snapshot, DashCate::Repository.name(), *all, added, transaction);
   if (!put) return put.error();
   return transaction;
 }
 
-// The state that the repository's host has found, else the record's; and what is known of the storage.
-Status PutLive(const store::Snapshot& snapshot, const NamedRecord& record, ListedRepository& listed) {
-  listed.state = json::TextMember(record.record, keys::state);
+// Sets the state, which is the one that the repository's host has found or else that of the record, and the storage.
+Status ReadStorageState(const store::Snapshot& snapshot, const NamedRecord& record, ListedRepository& listed) {
+  listed.state = json::StringMember(record.record, keys::state);
   const auto state = snapshot.Get(RepositoryStateKey(record.id));
   if (!state) return state.error();
   if (state->has_value()) {
@@ -101,42 +102,43 @@ Status PutLive(const store::Snapshot& snapshot, const NamedRecord& record, Liste
   return {};
 }
 
-// Finds what keeps a repository.
-class RepositoryUsers {
+// Finds the guests, disks and unfinished deletions that refer to a repository, which cannot be removed meanwhile.
+class RepositoryReferrers {
  public:
-  RepositoryUsers(const store::Snapshot& snapshot, const std::string& id) : snapshot_(snapshot), id_(id) {}
+  RepositoryReferrers(const store::Snapshot& snapshot, const std::string& id) : snapshot_(snapshot), id_(id) {}
 
-  // What to do about each kind of what Find has found, in sentences.
-  std::string WayOut() const {
+  // Advice for each kind of referrer that Find has found, as sentences to append.
+  std::string Remedy() const {
     std::string text;
     if (kinds_.has_guests) text += ". Delete the guests first";
     if (kinds_.has_disks)
       text +=
           ". Remove the disks from their guests first; records of disks without a guest have to "
           "be repaired";
-    if (kinds_.has_deletions) text += ". Deletions end by themselves once the hosts that have the files are back";
+    if (kinds_.has_deletions) text += ". Deletions finish on their own once the hosts that hold the files are back";
     return text;
   }
 
-  // What they are called, as parts of a sentence. Errors: what the store says.
+  // Returns the referrers as parts of a sentence: "the guest 'web'". Errors: those of the store.
   Result<std::vector<std::string>> Find() {
     if (Status found = FindGuests(); !found) return found.error();
     if (Status found = FindDisks(); !found) return found.error();
-    // Removing files needs what is known of the storage: without it, files on storage that is not mounted count as
-    // gone.
+    // A deletion needs the stored state of the storage: without it, files on storage that is not mounted count
+    // as gone.
     for (const char* job : {"deletion", "leftover"}) {
       if (Status found = FindJobs(job); !found) return found.error();
     }
-    return std::move(users_);
+    return std::move(referrers_);
   }
 
  private:
-  // Calls `visit` with the id of each object of the category that names the repository, as it is in keys.
+  // Calls `visit` with the id (encoded as in keys) and the value of each object of the category that refers to the
+  // repository.
   template <class Visit>
-  Status EachNaming(const DashCate& category, const Visit& visit) {
-    const std::string prefix = cluster::CategoryKey(category.name());
+  Status ForEachReferring(const DashCate& category, const Visit& visit) {
+    const std::string prefix = records::CategoryKey(category.name());
     return snapshot_.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
-      if (key.size() <= prefix.size() || !MayName(value.text)) return true;
+      if (key.size() <= prefix.size() || !MayRefer(value.text)) return true;
       const std::string_view rest = key.substr(prefix.size() + 1);
       const std::size_t slash = rest.find('/');
       const std::string_view name = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
@@ -151,62 +153,64 @@ class RepositoryUsers {
 
   Status FindGuests() {
     std::set<std::string> segments;
-    const Status scanned =
-        EachNaming(DashCate::Guest, [&](const std::string& segment, const Json::Value&) { segments.insert(segment); });
+    const Status scanned = ForEachReferring(
+        DashCate::Guest, [&](const std::string& segment, const Json::Value&) { segments.insert(segment); });
     if (!scanned) return scanned;
     for (const std::string& segment : segments) {
       std::string id = store::DecodeSegment(segment).value_or(segment);
-      const auto guest = cluster::ReadNamedRecord(snapshot_, DashCate::Guest.name(), id);
+      const auto guest = records::ReadNamedRecord(snapshot_, DashCate::Guest.name(), id);
       if (!guest) return guest.error();
-      const std::string shown = *guest ? cluster::ShownName(**guest) : cluster::LogText(id, kShownName);
-      users_.push_back("the guest '" + shown + "'");
+      const std::string displayed = *guest ? records::DisplayName(**guest) : SanitizeForLog(id, kMaxDisplayedName);
+      referrers_.push_back("the guest '" + displayed + "'");
       kinds_.has_guests = true;
       guests_.insert(std::move(id));
     }
     return {};
   }
 
-  // Those of the guests that were found go with their guests.
+  // Without the disks of the guests that were found: those are deleted with their guests.
   Status FindDisks() {
-    std::map<std::string, std::string> guest_ids;  // by the disk's id as in keys
-    const Status scanned = EachNaming(DashCate::vDisk, [&](const std::string& segment, const Json::Value& record) {
-      const std::string guest_id = json::TextMember(record, keys::guest_id);
-      if (!guests_.contains(guest_id)) guest_ids.emplace(segment, guest_id);
-    });
+    std::map<std::string, std::string> guest_ids;  // by the disk's id, encoded as in keys
+    const Status scanned =
+        ForEachReferring(DashCate::vDisk, [&](const std::string& segment, const Json::Value& record) {
+          const std::string guest_id = json::StringMember(record, keys::guest_id);
+          if (!guests_.contains(guest_id)) guest_ids.emplace(segment, guest_id);
+        });
     if (!scanned) return scanned;
     for (const auto& [segment, guest_id] : guest_ids) {
       const std::string id = store::DecodeSegment(segment).value_or(segment);
       std::string owner = "without a guest";
       if (!guest_id.empty()) {
-        const auto guest = cluster::ReadNamedRecord(snapshot_, DashCate::Guest.name(), guest_id);
+        const auto guest = records::ReadNamedRecord(snapshot_, DashCate::Guest.name(), guest_id);
         if (!guest) return guest.error();
-        if (*guest) owner = "of the guest '" + cluster::ShownName(**guest) + "'";
+        if (*guest) owner = "of the guest '" + records::DisplayName(**guest) + "'";
       }
-      users_.push_back("the disk '" + cluster::LogText(id, kShownName) + "' " + owner);
+      referrers_.push_back("the disk '" + SanitizeForLog(id, kMaxDisplayedName) + "' " + owner);
     }
     kinds_.has_disks = !guest_ids.empty();
     return {};
   }
 
-  // "/deletion/<guest id>", "/leftover/<host id>/<guest id>".
+  // `job` is the first segment of keys "/deletion/<guest id>" or "/leftover/<host id>/<guest id>".
   Status FindJobs(const char* job) {
     const std::string prefix = store::MakeKey({job});
     return snapshot_.Scan(prefix, [&](std::string_view key, const store::ValueView& value) {
-      if (!MayName(value.text)) return true;
+      if (!MayRefer(value.text)) return true;
       const Result<Json::Value> parsed = ParseJson(value.text);
-      if (!parsed || json::TextMember(*parsed, keys::repository_id) != id_) return true;
+      if (!parsed || json::StringMember(*parsed, keys::repository_id) != id_) return true;
       const std::string segment(key.substr(key.rfind('/') + 1));
       const std::string guest_id = store::DecodeSegment(segment).value_or(segment);
       if (guests_.insert(guest_id).second) {
-        users_.push_back("the unfinished deletion of the guest '" + cluster::LogText(guest_id, kShownName) + "'");
+        referrers_.push_back("the unfinished deletion of the guest '" + SanitizeForLog(guest_id, kMaxDisplayedName) +
+                             "'");
         kinds_.has_deletions = true;
       }
       return true;
     });
   }
 
-  // Decided without parsing. What is behind an escape may be anything.
-  bool MayName(std::string_view text) const {
+  // Whether `text` must be parsed: it contains the id, or escapes that could hide it.
+  bool MayRefer(std::string_view text) const {
     return text.find(id_) != std::string_view::npos || text.find('\\') != std::string_view::npos;
   }
 
@@ -218,34 +222,32 @@ class RepositoryUsers {
     bool has_deletions = false;
   };
   Kinds kinds_;
-  std::set<std::string> guests_;  // ids of those in `users_`
-  std::vector<std::string> users_;
+  std::set<std::string> guests_;  // ids of those in `referrers_`
+  std::vector<std::string> referrers_;
 };
 
 Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const std::string& id, std::string& name,
-                                       Refused& refused) {
+                                       std::optional<Refusal>& refused) {
   store::Transaction transaction;
   name.clear();
-  const auto repository = cluster::ReadNamedRecord(snapshot, DashCate::Repository.name(), id);
+  const auto repository = records::ReadNamedRecord(snapshot, DashCate::Repository.name(), id);
   if (!repository) return repository.error();
   if (!*repository) {
     refused = NoSuchRepository(id);
     return transaction;
   }
-  name = cluster::ShownName(**repository);
-  RepositoryUsers search(snapshot, id);
-  const auto users = search.Find();
-  if (!users) return users.error();
-  if (!users->empty()) {
-    refused = Refusal{cluster::kRecordInUse,
-                      "The repository '" + name + "' is used by " + cluster::ListOfUsers(*users) + search.WayOut()};
+  name = records::DisplayName(**repository);
+  RepositoryReferrers search(snapshot, id);
+  const auto referrers = search.Find();
+  if (!referrers) return referrers.error();
+  if (!referrers->empty()) {
+    refused = Refusal{records::kRecordInUse, "The repository '" + name + "' is used by " +
+                                                 records::FormatReferrers(*referrers) + search.Remedy()};
     return transaction;
   }
   // A guest that is imported, or a disk that is made, meanwhile makes this commit a conflict.
-  const Result<store::Revision> files = FilesRevision(snapshot);
-  if (!files) return files.error();
-  transaction.compares.push_back({FilesKey(), *files});
-  const Status removed = cluster::RemoveNamedRecord(snapshot, DashCate::Repository.name(), **repository, transaction);
+  if (Status compared = disks::CompareFileReferencesRevision(snapshot, transaction); !compared) return compared.error();
+  const Status removed = records::RemoveNamedRecord(snapshot, DashCate::Repository.name(), **repository, transaction);
   if (!removed) return removed.error();
   // The repository's host may write these until the record is gone.
   transaction.operations.push_back({StorageKey(id), std::nullopt});
@@ -256,74 +258,67 @@ Result<store::Transaction> PlanRemoval(const store::Snapshot& snapshot, const st
 }  // namespace
 
 Status CheckRepository(const NewRepository& repository) {
-  if (!cluster::IsRecordName(repository.name)) {
+  if (!records::IsRecordName(repository.name)) {
     return Error(ErrorCode::kInvalid, "A repository's name is 1 to 128 bytes of UTF-8 without control characters");
   }
   if (!repository.id.empty() && NormalizeUuid(repository.id).empty()) {
-    return Error(ErrorCode::kInvalid, "'" + cluster::LogText(repository.id, kShownName) + "' is not a UUID");
+    return Error(ErrorCode::kInvalid, "'" + SanitizeForLog(repository.id, kMaxDisplayedName) + "' is not a UUID");
   }
   if (!repository.host_id.empty() && NormalizeUuid(repository.host_id).empty()) {
     return Error(ErrorCode::kInvalid,
-                 "'" + cluster::LogText(repository.host_id, kShownName) + "' is not a host's id: give a UUID");
+                 "'" + SanitizeForLog(repository.host_id, kMaxDisplayedName) + "' is not a host's id: give a UUID");
   }
   return {};
 }
 
-Refused AddRepository(store::Store& store, const NewRepository& repository, std::string& id) {
+Result<void, Refusal> AddRepository(store::Store& store, const NewRepository& repository, std::string& id) {
   id = NormalizeUuid(repository.id);
   if (id.empty()) {
-    Result<std::string> made = RandomUuid();
-    if (!made) return Refusal{kRecordFailed, made.error().ToString()};
-    id = std::move(*made);
+    Result<std::string> random = RandomUuid();
+    if (!random) return Refusal{kRecordFailed, random.error().ToString()};
+    id = std::move(*random);
   }
-  return cluster::CommitRecord(store, [&](const store::Snapshot& snapshot, Refused& refused) {
-    return PlanAddition(snapshot, repository, id, refused);
+  return records::CommitRecord(store, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
+    return PlanAddition(reader, repository, id, refused);
   });
 }
 
 Result<std::vector<ListedRepository>> ListRepositories(const store::Store& store) {
+  const Result<records::Reader> reader = records::Reader::Open(store);
+  if (!reader) return reader.error();
+  const auto records = records::ReadNamedRecords(*reader, DashCate::Repository.name());
+  if (!records) return records.error();
   std::vector<ListedRepository> repositories;
-  std::vector<NamedRecord> records;
-  {
-    const auto snapshot = store.Read();
-    if (!snapshot) return snapshot.error();
-    auto all = cluster::ReadNamedRecords(**snapshot, DashCate::Repository.name());
-    if (!all) return all.error();
-    records = std::move(*all);
-    for (const NamedRecord& record : records) {
-      ListedRepository listed{record.id, record.name, json::TextMember(record.record, keys::host_id), "", {}};
-      if (Status put = PutLive(**snapshot, record, listed); !put) return put.error();
-      repositories.push_back(std::move(listed));
-    }
-  }
-  for (std::size_t i = 0; i < records.size(); ++i) {
-    const auto state = cluster::RepositoryStateNow(records[i].record);
+  for (const NamedRecord& record : *records) {
+    ListedRepository listed{record.id, record.name, json::StringMember(record.record, keys::host_id), "", {}};
+    if (Status put = ReadStorageState(*reader, record, listed); !put) return put.error();
+    const auto state = records::RepositoryStateIfHostGone(*reader, record.record);
     if (!state) return state.error();
-    if (*state) repositories[i].state = **state;
+    if (*state) listed.state = **state;
+    repositories.push_back(std::move(listed));
   }
   return repositories;
 }
 
-Refused RemoveRepository(store::Store& store, const std::string& id, std::string& name) {
-  return cluster::CommitRecord(store, [&](const store::Snapshot& snapshot, Refused& refused) {
-    return PlanRemoval(snapshot, id, name, refused);
+Result<void, Refusal> RemoveRepository(store::Store& store, const std::string& id, std::string& name) {
+  return records::CommitRecord(store, [&](const records::Reader& reader, std::optional<Refusal>& refused) {
+    return PlanRemoval(reader, id, name, refused);
   });
 }
 
-Refused AcceptStorage(store::Store& store, const std::string& id, std::string& name) {
-  cluster::RequestScope::ReleaseSnapshot();
+Result<void, Refusal> AcceptStorage(store::Store& store, const std::string& id, std::string& name) {
   name.clear();
   {
     const auto snapshot = store.Read();
     if (!snapshot) return Refusal{kRecordFailed, snapshot.error().ToString()};
-    const auto repository = cluster::ReadNamedRecord(**snapshot, DashCate::Repository.name(), id);
+    const auto repository = records::ReadNamedRecord(**snapshot, DashCate::Repository.name(), id);
     if (!repository) return Refusal{kRecordFailed, repository.error().ToString()};
     if (!*repository) return NoSuchRepository(id);
-    name = cluster::ShownName(**repository);
+    name = records::DisplayName(**repository);
   }
   const Status forgotten = ForgetStorage(store, id);
   if (!forgotten) return Refusal{kRecordFailed, forgotten.error().ToString()};
   return {};
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::storage

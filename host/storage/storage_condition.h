@@ -11,7 +11,7 @@
 
 #include "host/storage/storage_record.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 
 // When a repository counts as short of space. By default never.
 struct SpaceLimits {
@@ -22,7 +22,7 @@ struct SpaceLimits {
   std::uint64_t headroom_gib = 0;
 };
 
-// The result for one file system, obtained through a folder on it.
+// The condition of one file system, found through a folder on it.
 struct FolderCondition {
   std::string folder;
   int error_number = 0;  // errno(3) of the failure; the other members are then unknown
@@ -31,24 +31,25 @@ struct FolderCondition {
   std::uint64_t available = 0;  // bytes, for users other than root
 };
 
-// Asks each file system once, through the first of `folders` on it: its figures, and whether the folder's entries can
-// be read. Nothing is written. Folders that are missing or may not be read are left out: they are judged elsewhere. May
-// wait forever for a file system that does not respond.
+// Probes each file system once, through the first of `folders` on it: its space, and whether the folder's entries can
+// be read. Nothing is written. Folders that are missing or may not be read are left out; CheckFolderChain() evaluates
+// them. May wait forever for a file system that does not respond.
 std::vector<FolderCondition> ProbeFolders(const std::vector<std::string>& folders);
 
 // Whether errno(3) indicates that the file system or what is below it is broken, as opposed to a folder that is missing
 // or may not be read.
-bool IsFailure(int error_number);
+bool IsFileSystemFailure(int error_number);
 
-// The worst of the conditions, without a time. `before` is the state found last, "" the first time: an exceeded
-// limit counts until the use is two points below it, so that the state does not flap.
-std::optional<StorageTrouble> WorstTrouble(const std::vector<FolderCondition>& conditions, const SpaceLimits& limits,
+// The problem of the worst condition, without `since`. `before` is the previous state of the repository, "" the first
+// time: a limit that was exceeded counts until the usage is two percentage points below it, so that the state does not
+// flap.
+std::optional<StorageProblem> WorstProblem(const std::vector<FolderCondition>& conditions, const SpaceLimits& limits,
                                            std::string_view before);
 
-// The order of VexaCCC::State::Repo from the best, 0, to the worst; 0 for any other text.
+// How bad a VexaCCC::State::Repo is, from 0 for the best; 0 for any other string.
 int RepositoryRank(std::string_view state);
 
 // Whether guests can use a repository in this state: "online", "degraded" or "provision_warning".
 bool IsUsableRepository(std::string_view state);
 
-}  // namespace vexa::guests
+}  // namespace vexa::storage

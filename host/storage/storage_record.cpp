@@ -11,7 +11,7 @@
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
 using VexaCCC::DB::DashCate;
@@ -26,27 +26,27 @@ constexpr char kWritten[] = "written";
 constexpr char kStateBefore[] = "state_before";
 
 std::string RepositoryKey(const std::string& repository_id, std::string_view name) {
-  return cluster::MemberKey(DashCate::Repository.name(), repository_id, name);
+  return records::MemberKey(DashCate::Repository.name(), repository_id, name);
 }
 
-Storage FromRecord(const cluster::StoredObject& stored) {
+Storage FromRecord(const records::StoredObject& stored) {
   Storage storage;
   storage.revision = stored.revision;
-  storage.host_id = json::TextMember(stored.record, keys::host_id);
-  storage.folders = TrailFromJson(json::Member(stored.record, kFolders));
+  storage.host_id = json::StringMember(stored.record, keys::host_id);
+  storage.folders = FolderChainFromJson(json::Member(stored.record, kFolders));
   // A record without "trouble" was written before states had kinds: the storage was not mounted.
-  const std::string state = json::TextMember(stored.record, kTrouble);
+  const std::string state = json::StringMember(stored.record, kTrouble);
   if (state.empty() && !json::FindMember(stored.record, kNotMounted)) return storage;
-  StorageTrouble& trouble = storage.trouble.emplace();
-  if (!state.empty()) trouble.state = state;
+  StorageProblem& problem = storage.problem.emplace();
+  if (!state.empty()) problem.state = state;
   for (const Json::Value& folder : json::Elements(json::Member(stored.record, kNotMounted))) {
-    if (folder.isString()) trouble.folders.push_back(json::String(folder));
+    if (folder.isString()) problem.folders.push_back(json::String(folder));
   }
-  trouble.reason = json::TextMember(stored.record, kReason);
-  trouble.since = StoredTime(json::Member(stored.record, kSince));
-  const std::string written = json::TextMember(stored.record, kWritten);
+  problem.reason = json::StringMember(stored.record, kReason);
+  problem.since = records::TimeFromJson(json::Member(stored.record, kSince));
+  const std::string written = json::StringMember(stored.record, kWritten);
   if (!written.empty()) storage.written = written;
-  if (state.empty()) storage.written = trouble.state;
+  if (state.empty()) storage.written = problem.state;
   const Json::Value& before = json::Member(stored.record, kStateBefore);
   if (before.isString()) storage.state_before = json::String(before);
   return storage;
@@ -60,109 +60,108 @@ Json::Value ToRecord(const Storage& storage) {
   return record;
 }
 
-struct StoredText {
+struct StoredValue {
   store::Revision revision = 0;
   std::optional<std::string> text;
 };
-Result<StoredText> ReadText(const store::Snapshot& snapshot, const std::string& key) {
+Result<StoredValue> ReadStoredValue(const store::Snapshot& snapshot, const std::string& key) {
   const auto value = snapshot.Get(key);
   if (!value) return value.error();
-  if (!value->has_value()) return StoredText();
-  return StoredText{(*value)->revision, std::string((*value)->text)};
+  if (!value->has_value()) return StoredValue();
+  return StoredValue{(*value)->revision, std::string((*value)->text)};
 }
 
-// The text of the state's key, disregarding what was written there for a trouble.
-std::optional<std::string> TextBelow(const Storage& storage, const StoredText& state) {
+// The value of the state's key as if no state had been written there for a problem.
+std::optional<std::string> ValueWithoutProblem(const Storage& storage, const StoredValue& state) {
   const bool is_ours = storage.written && state.text == json::ToText(*storage.written);
   return is_ours ? storage.state_before : state.text;
 }
 
-void PutState(const std::string& repository_id, const StoredText& now, const std::optional<std::string>& text,
-              store::Transaction& transaction) {
+void PlanState(const std::string& repository_id, const StoredValue& now, const std::optional<std::string>& text,
+               store::Transaction& transaction) {
   const std::string key = RepositoryStateKey(repository_id);
   transaction.compares.push_back({key, now.revision});
   if (now.text != text) transaction.operations.push_back({key, text});
 }
 
-// The state in a text of the state's key, otherwise the one in the repository's record.
-Result<std::string> StateBelow(const store::Snapshot& snapshot, const std::string& repository_id,
-                               const std::optional<std::string>& text) {
+// The state in a value of the state's key; without a value, the one in the repository's record.
+Result<std::string> StateWithoutProblem(const store::Snapshot& snapshot, const std::string& repository_id,
+                                        const std::optional<std::string>& text) {
   if (text) {
     const Result<Json::Value> parsed = ParseJson(*text);
     return parsed && parsed->isString() ? json::String(*parsed) : std::string();
   }
-  const auto record = cluster::LoadObject(snapshot, RepositoryKey(repository_id, keys::object));
+  const auto record = records::LoadObject(snapshot, RepositoryKey(repository_id, keys::object));
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
-  return record ? json::TextMember(record->record, keys::state) : std::string();
+  return record ? json::StringMember(record->record, keys::state) : std::string();
 }
 
-// Storage that cannot be used at all is always shown; otherwise the worst state is.
-bool IsShown(const StorageTrouble& trouble, const std::string& below) {
+// Whether the problem's state replaces the state without it: always when the storage cannot be used at all, otherwise
+// when it is worse.
+bool OverridesState(const StorageProblem& problem, const std::string& base_state) {
   const bool is_lost =
-      trouble.state == VexaCCC::State::Repo::unavailable || trouble.state == VexaCCC::State::Repo::crashed;
-  return is_lost || RepositoryRank(trouble.state) > RepositoryRank(below);
+      problem.state == VexaCCC::State::Repo::unavailable || problem.state == VexaCCC::State::Repo::crashed;
+  return is_lost || RepositoryRank(problem.state) > RepositoryRank(base_state);
 }
 
-// The part of the record that applies to this host.
-Storage OwnPart(const Storage& before, const std::string& host_id) {
+// The record as this host uses it: without the folders of another host.
+Storage WithoutForeignFolders(const Storage& before, const std::string& host_id) {
   Storage own = before;
   own.host_id = host_id;
   if (before.host_id != host_id) own.folders.clear();
   return own;
 }
 
-// `below`: the state without the one written for a trouble, from the text `text_below`.
-Storage Apply(const Storage& before, const std::string& host_id, const StorageNews& news, const std::string& below,
-              const std::optional<std::string>& text_below) {
-  Storage after = OwnPart(before, host_id);
-  std::erase_if(after.folders, [&](const auto& known) { return !news.used.contains(known.first); });
-  after.folders.insert(news.learned.begin(), news.learned.end());
-  after.trouble = news.trouble;
+// `base_state` is the repository's state without a problem, read from the value `base_text` of the state's key.
+Storage Apply(const Storage& before, const std::string& host_id, const StorageUpdate& update,
+              const std::string& base_state, const std::optional<std::string>& base_text) {
+  Storage after = WithoutForeignFolders(before, host_id);
+  std::erase_if(after.folders, [&](const auto& known) { return !update.used.contains(known.first); });
+  after.folders.insert(update.learned.begin(), update.learned.end());
+  after.problem = update.problem;
   after.written.reset();
   after.state_before.reset();
-  if (after.trouble && IsShown(*after.trouble, below)) {
-    after.written = after.trouble->state;
-    after.state_before = text_below;
+  if (after.problem && OverridesState(*after.problem, base_state)) {
+    after.written = after.problem->state;
+    after.state_before = base_text;
   }
-  const bool goes_on = before.trouble && after.trouble && before.trouble->state == after.trouble->state;
-  if (goes_on) after.trouble->since = before.trouble->since;
+  const bool continues = before.problem && after.problem && before.problem->state == after.problem->state;
+  if (continues) after.problem->since = before.problem->since;
   return after;
 }
 
-Result<store::Transaction> PlanUpdate(const store::Store& store, const std::string& repository_id,
-                                      const std::string& host_id, const StorageNews& news, StorageChange& change) {
-  const auto snapshot = store.Read();
-  if (!snapshot) return snapshot.error();
-  Result<Storage> before = ReadStorage(**snapshot, repository_id);
+Result<store::Transaction> PlanUpdate(const store::Snapshot& snapshot, const std::string& repository_id,
+                                      const std::string& host_id, const StorageUpdate& update, StorageChange& change) {
+  Result<Storage> before = ReadStorage(snapshot, repository_id);
   if (!before) return before.error();
   change = {*before, *before, ""};
   store::Transaction transaction;
   Json::Value named(Json::objectValue);
   named[keys::repository_id] = repository_id;
-  const Result<std::string> host = RepositoryHost(**snapshot, named);
+  const Result<std::string> host = records::RepositoryHost(snapshot, named);
   if (!host) return host.error();
-  if (*host != host_id || before->revision != news.seen) return transaction;
-  const Result<StoredText> state = ReadText(**snapshot, RepositoryStateKey(repository_id));
+  if (*host != host_id || before->revision != update.based_on) return transaction;
+  const Result<StoredValue> state = ReadStoredValue(snapshot, RepositoryStateKey(repository_id));
   if (!state) return state.error();
-  const std::optional<std::string> text_below = TextBelow(*before, *state);
-  const Result<std::string> below = StateBelow(**snapshot, repository_id, text_below);
-  if (!below) return below.error();
-  const Storage after = Apply(*before, host_id, news, *below, text_below);
-  change.state = after.written.value_or(*below);
-  const std::optional<std::string> text = after.written ? json::ToText(*after.written) : text_below;
+  const std::optional<std::string> base_text = ValueWithoutProblem(*before, *state);
+  const Result<std::string> base_state = StateWithoutProblem(snapshot, repository_id, base_text);
+  if (!base_state) return base_state.error();
+  const Storage after = Apply(*before, host_id, update, *base_state, base_text);
+  change.state = after.written.value_or(*base_state);
+  const std::optional<std::string> text = after.written ? json::ToText(*after.written) : base_text;
   const Json::Value record = ToRecord(after);
-  const bool is_new = before->revision == 0 && (!after.folders.empty() || after.trouble);
+  const bool is_new = before->revision == 0 && (!after.folders.empty() || after.problem);
   const bool is_changed = before->revision != 0 && record != ToRecord(*before);
   if (!is_new && !is_changed && state->text == text) return transaction;
   change.after = after;
   for (const char* name : {keys::object, keys::host_id}) {
-    const Result<StoredText> owner = ReadText(**snapshot, RepositoryKey(repository_id, name));
+    const Result<StoredValue> owner = ReadStoredValue(snapshot, RepositoryKey(repository_id, name));
     if (!owner) return owner.error();
     transaction.compares.push_back({RepositoryKey(repository_id, name), owner->revision});
   }
   transaction.compares.push_back({StorageKey(repository_id), before->revision});
   transaction.operations.push_back({StorageKey(repository_id), json::ToText(record)});
-  PutState(repository_id, *state, text, transaction);
+  PlanState(repository_id, *state, text, transaction);
   return transaction;
 }
 
@@ -174,59 +173,58 @@ std::string RepositoryStateKey(const std::string& repository_id) { return Reposi
 
 Json::Value StorageJson(const Storage& storage) {
   Json::Value record(Json::objectValue);
-  record[kFolders] = TrailJson(storage.folders);
-  if (!storage.trouble) return record;
-  record[kTrouble] = storage.trouble->state;
-  if (storage.trouble->state == VexaCCC::State::Repo::unavailable) {
+  record[kFolders] = FolderChainJson(storage.folders);
+  if (!storage.problem) return record;
+  record[kTrouble] = storage.problem->state;
+  if (storage.problem->state == VexaCCC::State::Repo::unavailable) {
     record[kNotMounted] = Json::Value(Json::arrayValue);
-    for (const std::string& folder : storage.trouble->folders) record[kNotMounted].append(folder);
+    for (const std::string& folder : storage.problem->folders) record[kNotMounted].append(folder);
   }
-  record[kReason] = storage.trouble->reason;
-  const auto since = storage.trouble->since.time_since_epoch();
+  record[kReason] = storage.problem->reason;
+  const auto since = storage.problem->since.time_since_epoch();
   record[kSince] = static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
   return record;
 }
 
 Result<Storage> ReadStorage(const store::Snapshot& snapshot, const std::string& repository_id) {
-  const Result<cluster::StoredObject> stored = cluster::LoadObject(snapshot, StorageKey(repository_id));
+  const Result<records::StoredObject> stored = records::LoadObject(snapshot, StorageKey(repository_id));
   if (!stored) return stored.error();
   return FromRecord(*stored);
 }
 
-Result<Trail> KnownFolders(const store::Store& store, const std::string& repository_id, const std::string& host_id) {
+Result<FolderChain> KnownFolders(const store::Store& store, const std::string& repository_id,
+                                 const std::string& host_id) {
   const auto snapshot = store.Read();
   if (!snapshot) return snapshot.error();
   const Result<Storage> storage = ReadStorage(**snapshot, repository_id);
   if (!storage) return storage.error();
-  return OwnPart(*storage, host_id).folders;
+  return WithoutForeignFolders(*storage, host_id).folders;
 }
 
 Result<StorageChange> UpdateStorage(store::Store& store, const std::string& repository_id, const std::string& host_id,
-                                    const StorageNews& news) {
+                                    const StorageUpdate& update) {
   StorageChange change;
-  const Status committed =
-      cluster::CommitPlanned(store, [&] { return PlanUpdate(store, repository_id, host_id, news, change); });
+  const Status committed = records::CommitWithRetry(
+      store, [&](const records::Reader& reader) { return PlanUpdate(reader, repository_id, host_id, update, change); });
   if (!committed) return committed.error();
   return change;
 }
 
 Status ForgetStorage(store::Store& store, const std::string& repository_id) {
-  return cluster::CommitPlanned(store, [&]() -> Result<store::Transaction> {
-    const auto snapshot = store.Read();
-    if (!snapshot) return snapshot.error();
-    const Result<StoredText> stored = ReadText(**snapshot, StorageKey(repository_id));
+  return records::CommitWithRetry(store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+    const Result<StoredValue> stored = ReadStoredValue(reader, StorageKey(repository_id));
     if (!stored) return stored.error();
     store::Transaction transaction;
     if (!stored->text) return transaction;
-    const Result<StoredText> state = ReadText(**snapshot, RepositoryStateKey(repository_id));
+    const Result<StoredValue> state = ReadStoredValue(reader, RepositoryStateKey(repository_id));
     if (!state) return state.error();
-    const Result<Storage> storage = ReadStorage(**snapshot, repository_id);
+    const Result<Storage> storage = ReadStorage(reader, repository_id);
     if (!storage && storage.error().code() != ErrorCode::kCorrupt) return storage.error();
     transaction.compares.push_back({StorageKey(repository_id), stored->revision});
     transaction.operations.push_back({StorageKey(repository_id), std::nullopt});
-    if (storage) PutState(repository_id, *state, TextBelow(*storage, *state), transaction);
+    if (storage) PlanState(repository_id, *state, ValueWithoutProblem(*storage, *state), transaction);
     return transaction;
   });
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::storage

@@ -4,26 +4,26 @@
 
 #include <utility>
 
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/records/run_record.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
-constexpr std::size_t kShown = 128;
-constexpr char kNoAnswer[] = "it does not answer";
+constexpr std::size_t kMaxDisplayed = 128;
+constexpr char kNotResponding[] = "it does not answer";
 
-std::string Quoted(const std::string& text) { return "'" + cluster::LogText(text, kShown) + "'"; }
+std::string Quoted(const std::string& text) { return "'" + SanitizeForLog(text, kMaxDisplayed) + "'"; }
 
 namespace states = VexaCCC::State::Repo;
 
-// How long the files of a repository are checked in one pass; the rest waits for the next one.
-constexpr std::chrono::seconds kTimeForFiles{2};
+// The files of a repository are checked for at most this long in one pass; the others wait for the next pass.
+constexpr std::chrono::seconds kMaxFileCheckTime{2};
 
-// A sentence without its end.
-std::string WhatIsWrong(const std::string& repository, const std::string& state, const std::string& reason) {
+// A sentence without its full stop.
+std::string DescribeProblem(const std::string& repository, const std::string& state, const std::string& reason) {
   const std::string storage = "The storage of the repository " + Quoted(repository);
-  if (reason == kNoAnswer) return storage + " does not answer";
+  if (reason == kNotResponding) return storage + " does not answer";
   if (state == states::crashed) return storage + " fails: " + reason;
   if (state == states::full) return storage + " is full: " + reason;
   if (state == states::degraded) return storage + " cannot be written: " + reason;
@@ -31,101 +31,104 @@ std::string WhatIsWrong(const std::string& repository, const std::string& state,
   return storage + " is not mounted: " + reason;
 }
 
-const char* StateOf(const TrailCheck& check) {
-  return IsFailure(check.error_number) ? states::crashed : states::unavailable;
+const char* StateOf(const FolderChainCheck& check) {
+  return IsFileSystemFailure(check.error_number) ? states::crashed : states::unavailable;
 }
 
 bool IsWarning(const std::string& state) { return state == states::degraded || state == states::provision_warning; }
 
-Refused Unavailable(const std::string& repository_id, const TrailCheck& check, StorageUse use) {
-  using Outcome = TrailCheck::Outcome;
+Result<void, Refusal> CheckFinding(const std::string& repository_id, const FolderChainCheck& check, StorageUse use) {
+  using Finding = FolderChainCheck::Finding;
   const bool is_refused =
-      check.outcome == Outcome::kNotMounted || (check.outcome == Outcome::kFolderGone && use == StorageUse::kNew);
-  if (!is_refused) return std::nullopt;
-  const std::string wrong = WhatIsWrong(repository_id, StateOf(check), check.reason);
-  if (IsFailure(check.error_number)) return Refusal{kUnavailable, wrong + ". Repair it and try again"};
-  return Refusal{kUnavailable, wrong + ". Mount it or, when it was replaced for good, run 'vexa repository accept " +
-                                   cluster::LogText(repository_id, kShown) + "'"};
+      check.finding == Finding::kNotMounted || (check.finding == Finding::kFolderGone && use == StorageUse::kNew);
+  if (!is_refused) return {};
+  const std::string wrong = DescribeProblem(repository_id, StateOf(check), check.reason);
+  if (IsFileSystemFailure(check.error_number))
+    return Refusal{host_error::kUnavailable, wrong + ". Repair it and try again"};
+  return Refusal{host_error::kUnavailable,
+                 wrong + ". Mount it or, when it was replaced for good, run 'vexa repository accept " +
+                     SanitizeForLog(repository_id, kMaxDisplayed) + "'"};
 }
 
-Refusal NoAnswerRefusal(const std::string& repository_id) {
-  return {kUnavailable, WhatIsWrong(repository_id, states::unavailable, kNoAnswer) + ". Try again once it does"};
+Refusal NotRespondingRefusal(const std::string& repository_id) {
+  return {host_error::kUnavailable,
+          DescribeProblem(repository_id, states::unavailable, kNotResponding) + ". Try again once it does"};
 }
 
-Refused RefuseDamaged(const std::string& repository_id, const Error& error) {
-  return Refusal{kUnavailable, "The stored state of the storage of the repository " + Quoted(repository_id) +
-                                   " cannot be read (" + error.ToString() + ")"};
+Result<void, Refusal> DamagedStorageRefusal(const std::string& repository_id, const Error& error) {
+  return Refusal{host_error::kUnavailable, "The stored state of the storage of the repository " +
+                                               Quoted(repository_id) + " cannot be read (" + error.ToString() + ")"};
 }
 
 }  // namespace
 
-// A question in progress, with a place for its answer that outlives the watch.
-struct StorageWatch::Asked {
+// A probe in progress. Its result is shared, because the probe may outlive the watch.
+struct StorageWatch::PendingProbe {
   std::string repository_id;
   std::string name;
   Storage storage;
-  std::shared_ptr<StorageAnswer> answer;
+  std::shared_ptr<ProbeResult> result;
   BoundedCalls::Call call;
 };
 
-StorageWatch::StorageWatch(StorageOptions options) : options_(std::move(options)), calls_(options_.deadline) {}
+StorageWatch::StorageWatch(StorageOptions options) : options_(std::move(options)), calls_(options_.timeout) {}
 
 void StorageWatch::Stop() {
   is_stopped_ = true;
   calls_.Stop();
 }
 
-StorageWatch::Asked StorageWatch::Begin(const std::string& repository_id, const std::string& name,
-                                        const Storage& storage, const std::vector<std::string>& paths) {
+StorageWatch::PendingProbe StorageWatch::BeginProbe(const std::string& repository_id, const std::string& name,
+                                                    const Storage& storage, const std::vector<std::string>& paths) {
   const bool is_needed = options_.files == StorageOptions::Files::kNeeded;
-  StorageQuestion question{
-      options_.roots, {}, paths, repository_id, is_needed ? UnlearnedRoots::kMissing : UnlearnedRoots::kIgnored};
-  // Another host's knowledge is about its own folders.
-  if (storage.host_id == options_.host_id) question.known = storage.folders;
-  auto answer = std::make_shared<StorageAnswer>();
+  ProbeRequest request{
+      options_.roots, {}, paths, repository_id, is_needed ? UnusedRootPolicy::kMissing : UnusedRootPolicy::kIgnored};
+  // The folders that another host has stored are its own.
+  if (storage.host_id == options_.host_id) request.known = storage.folders;
+  auto result = std::make_shared<ProbeResult>();
   BoundedCalls::Call call = calls_.Begin(
-      repository_id, [answer, ask = options_.ask, question = std::move(question)] { *answer = ask(question); });
-  return {repository_id, name, storage, std::move(answer), std::move(call)};
+      repository_id, [result, probe = options_.probe, request = std::move(request)] { *result = probe(request); });
+  return {repository_id, name, storage, std::move(result), std::move(call)};
 }
 
-std::optional<StorageTrouble> StorageWatch::TroubleIn(Asked& asked) const {
-  const TrailCheck& check = asked.answer->check;
-  std::optional<StorageTrouble> trouble;
-  if (check.outcome == TrailCheck::Outcome::kNotMounted) {
-    trouble = StorageTrouble{check.folders, check.reason, {}, StateOf(check)};
+std::optional<StorageProblem> StorageWatch::ProblemFound(PendingProbe& pending) const {
+  const FolderChainCheck& check = pending.result->check;
+  std::optional<StorageProblem> problem;
+  if (check.finding == FolderChainCheck::Finding::kNotMounted) {
+    problem = StorageProblem{check.folders, check.reason, {}, StateOf(check)};
   } else {
-    const auto& before = asked.storage.trouble;
-    trouble = WorstTrouble(asked.answer->conditions, options_.limits, before ? before->state : "");
+    const auto& before = pending.storage.problem;
+    problem = WorstProblem(pending.result->conditions, options_.limits, before ? before->state : "");
   }
-  if (trouble) trouble->since = options_.now();
-  return trouble;
+  if (problem) problem->since = options_.now();
+  return problem;
 }
 
-std::string StorageWatch::Take(Asked& asked) {
-  StorageNews news;
-  news.seen = asked.storage.revision;
-  const bool has_answered = asked.call.Wait();
+std::string StorageWatch::ApplyProbe(PendingProbe& pending) {
+  StorageUpdate update;
+  update.based_on = pending.storage.revision;
+  const bool has_answered = pending.call.Wait();
   if (is_stopped_) return "";
   if (!has_answered) {
-    news.trouble = StorageTrouble{{}, kNoAnswer, options_.now()};
-    for (const auto& [folder, identity] : asked.storage.folders) news.used.insert(folder);
+    update.problem = StorageProblem{{}, kNotResponding, options_.now()};
+    for (const auto& [folder, identity] : pending.storage.folders) update.used.insert(folder);
   } else {
-    news.learned = asked.answer->learned;
-    news.used = asked.answer->used;
-    news.trouble = TroubleIn(asked);
+    update.learned = pending.result->learned;
+    update.used = pending.result->used;
+    update.problem = ProblemFound(pending);
   }
-  const Result<StorageChange> change = UpdateStorage(*options_.store, asked.repository_id, options_.host_id, news);
+  const Result<StorageChange> change = UpdateStorage(*options_.store, pending.repository_id, options_.host_id, update);
   if (!change) {
-    Complain(asked.repository_id, change.error().ToString());
+    LogOnce(pending.repository_id, change.error().ToString());
     return "";
   }
-  complaints_.erase(asked.repository_id);
-  Log(asked.repository_id, asked.name, *change);
+  last_logged_.erase(pending.repository_id);
+  LogChange(pending.repository_id, pending.name, *change);
   return change->state;
 }
 
-// A check of the files of a repository's disks, with a place for its results that outlives the watch.
-struct StorageWatch::Checked {
+// A check of the files of a repository's disks, in progress. Its results are shared, because it may outlive the watch.
+struct StorageWatch::PendingFileCheck {
   struct Found {
     std::string disk_id;
     FileState state;
@@ -137,42 +140,43 @@ struct StorageWatch::Checked {
   std::optional<BoundedCalls::Call> call;
 };
 
-StorageWatch::Checked StorageWatch::BeginFiles(const std::string& repository_id, const std::string& state,
-                                               const std::vector<DiskFile>& disks) {
-  Checked checked{repository_id, state, &disks, std::make_shared<std::vector<Checked::Found>>(), std::nullopt};
+StorageWatch::PendingFileCheck StorageWatch::BeginFileCheck(const std::string& repository_id, const std::string& state,
+                                                            const std::vector<DiskFile>& disks) {
+  PendingFileCheck pending{repository_id, state, &disks, std::make_shared<std::vector<PendingFileCheck::Found>>(),
+                           std::nullopt};
   DiskStates& known = disks_[repository_id];
   if (options_.files == StorageOptions::Files::kNotNeeded) {
-    for (const DiskFile& disk : disks) known.Take(disk.id, FileState::kFine);
-    return checked;
+    for (const DiskFile& disk : disks) known.RecordCheck(disk.id, FileState::kFine);
+    return pending;
   }
-  // What exists in place of missing storage means nothing.
-  if (state == states::unavailable || state == states::crashed || state == states::inaccessible) return checked;
+  // Files found where storage is missing are not its files.
+  if (state == states::unavailable || state == states::crashed || state == states::inaccessible) return pending;
   std::vector<DiskFile> chosen = known.Choose(disks, RunningGuests());
-  if (chosen.empty()) return checked;
-  const auto look = [found = checked.found, look_at = options_.look, chosen = std::move(chosen)] {
-    const auto end = std::chrono::steady_clock::now() + kTimeForFiles;
+  if (chosen.empty()) return pending;
+  const auto check_files = [found = pending.found, check_file = options_.check_file, chosen = std::move(chosen)] {
+    const auto end = std::chrono::steady_clock::now() + kMaxFileCheckTime;
     for (const DiskFile& disk : chosen) {
-      found->push_back({disk.id, look_at(disk)});
+      found->push_back({disk.id, check_file(disk)});
       if (std::chrono::steady_clock::now() >= end) return;
     }
   };
-  checked.call = calls_.Begin(repository_id + "/files", look);
-  return checked;
+  pending.call = calls_.Begin(repository_id + "/files", check_files);
+  return pending;
 }
 
-void StorageWatch::TakeFiles(Checked& checked) {
-  // Without an answer the files count as unchanged; the repository's own state will show it soon.
-  if (checked.call && checked.call->Wait()) {
-    for (const auto& [disk_id, state] : *checked.found) disks_[checked.repository_id].Take(disk_id, state);
+void StorageWatch::ApplyFileCheck(PendingFileCheck& pending) {
+  // If the check hangs, the files count as unchanged; the next Refresh will report that the storage does not respond.
+  if (pending.call && pending.call->Wait()) {
+    for (const auto& [disk_id, state] : *pending.found) disks_[pending.repository_id].RecordCheck(disk_id, state);
   }
   if (is_stopped_) return;
-  const Status written = disks_[checked.repository_id].Write(*options_.store, *checked.disks, checked.state);
-  if (!written) Complain(checked.repository_id, written.error().ToString());
+  const Status written = disks_[pending.repository_id].Write(*options_.store, *pending.disks, pending.state);
+  if (!written) LogOnce(pending.repository_id, written.error().ToString());
 }
 
 std::set<std::string> StorageWatch::RunningGuests() const {
   std::set<std::string> ids;
-  if (const auto runs = RunsOf(*options_.store, options_.host_id)) {
+  if (const auto runs = records::RunsOf(*options_.store, options_.host_id)) {
     for (const auto& [id, stored] : *runs) {
       if (!stored.run.saved) ids.insert(id);
     }
@@ -180,97 +184,103 @@ std::set<std::string> StorageWatch::RunningGuests() const {
   return ids;
 }
 
-void StorageWatch::Log(const std::string& repository_id, const std::string& name, const StorageChange& change) const {
-  const std::string& shown = name.empty() ? repository_id : name;
-  const auto& before = change.before.trouble;
-  const auto& after = change.after.trouble;
+void StorageWatch::LogChange(const std::string& repository_id, const std::string& name,
+                             const StorageChange& change) const {
+  const std::string& displayed = name.empty() ? repository_id : name;
+  const auto& before = change.before.problem;
+  const auto& after = change.after.problem;
   if (after && (!before || before->state != after->state || before->reason != after->reason)) {
     const int priority = IsWarning(after->state) ? LOG_WARNING : LOG_ERR;
-    ::syslog(priority, "%s.", WhatIsWrong(shown, after->state, after->reason).c_str());
+    ::syslog(priority, "%s.", DescribeProblem(displayed, after->state, after->reason).c_str());
   } else if (before && !after) {
-    const char* const what = IsWarning(before->state) ? "is in order again" : "can be used again";
-    ::syslog(LOG_NOTICE, "The storage of the repository %s %s.", Quoted(shown).c_str(), what);
+    const char* const what = IsWarning(before->state) ? "has recovered" : "can be used again";
+    ::syslog(LOG_NOTICE, "The storage of the repository %s %s.", Quoted(displayed).c_str(), what);
   }
 }
 
-void StorageWatch::Complain(const std::string& about, const std::string& what) {
-  std::string& last = complaints_[about];
-  if (last == what) return;
-  last = what;
-  const std::string storage = about.empty() ? "repositories" : "the repository " + Quoted(about);
-  ::syslog(LOG_ERR, "The storage of %s cannot be checked: %s.", storage.c_str(), what.c_str());
+void StorageWatch::LogOnce(const std::string& repository_id, const std::string& reason) {
+  std::string& last = last_logged_[repository_id];
+  if (last == reason) return;
+  last = reason;
+  const std::string storage = repository_id.empty() ? "repositories" : "the repository " + Quoted(repository_id);
+  ::syslog(LOG_ERR, "The storage of %s cannot be checked: %s.", storage.c_str(), reason.c_str());
 }
 
 void StorageWatch::Refresh() {
-  const std::lock_guard refreshing(refreshing_);
+  const MutexLock refreshing(refreshing_);
   const Result<const FilesByRepository::Files*> files = files_.Find(*options_.store);
-  if (!files) return Complain("", files.error().ToString());
+  if (!files) return LogOnce("", files.error().ToString());
   static const RepositoryFiles kNone;
   const auto files_of = [&](const std::string& id) -> const RepositoryFiles& {
     const auto found = (*files)->find(id);
     return found == (*files)->end() ? kNone : found->second;
   };
-  std::vector<Asked> all;
+  std::vector<PendingProbe> probes;
   {
     const auto snapshot = options_.store->Read();
-    if (!snapshot) return Complain("", snapshot.error().ToString());
+    if (!snapshot) return LogOnce("", snapshot.error().ToString());
     const auto repositories = RepositoriesOf(**snapshot, options_.host_id);
-    if (!repositories) return Complain("", repositories.error().ToString());
-    std::erase_if(complaints_, [&](const auto& one) { return !repositories->contains(one.first); });
+    if (!repositories) return LogOnce("", repositories.error().ToString());
+    std::erase_if(last_logged_, [&](const auto& one) { return !repositories->contains(one.first); });
     std::erase_if(disks_, [&](const auto& one) { return !repositories->contains(one.first); });
     for (const auto& [id, name] : *repositories) {
       const Result<Storage> storage = ReadStorage(**snapshot, id);
       if (!storage) {
-        Complain(id, storage.error().ToString());
+        LogOnce(id, storage.error().ToString());
         continue;
       }
-      all.push_back(Begin(id, name, *storage, files_of(id).paths));
+      probes.push_back(BeginProbe(id, name, *storage, files_of(id).paths));
     }
   }
-  std::vector<Checked> checked;
-  for (Asked& asked : all) {
-    const std::string state = Take(asked);
+  std::vector<PendingFileCheck> file_checks;
+  for (PendingProbe& probe : probes) {
+    const std::string state = ApplyProbe(probe);
     if (is_stopped_) return;
-    if (!state.empty()) checked.push_back(BeginFiles(asked.repository_id, state, files_of(asked.repository_id).disks));
+    if (!state.empty())
+      file_checks.push_back(BeginFileCheck(probe.repository_id, state, files_of(probe.repository_id).disks));
   }
-  for (Checked& one : checked) TakeFiles(one);
+  for (PendingFileCheck& one : file_checks) ApplyFileCheck(one);
 }
 
-Refused StorageWatch::RefuseStart(const std::string& repository_id) const {
-  if (repository_id.empty()) return std::nullopt;
+Result<void, Refusal> StorageWatch::CheckStorageForStart(const std::string& repository_id) const {
+  if (repository_id.empty()) return {};
   const auto snapshot = options_.store->Read();
-  if (!snapshot) return std::nullopt;
+  if (!snapshot) return {};
   const Result<Storage> storage = ReadStorage(**snapshot, repository_id);
-  if (!storage || !storage->trouble || storage->host_id != options_.host_id) return std::nullopt;
-  const StorageTrouble& trouble = *storage->trouble;
-  const std::string wrong = WhatIsWrong(repository_id, trouble.state, trouble.reason);
-  if (trouble.state == states::full) {
-    return Refusal{kUnavailable, wrong + ". Make room in it, or move disks to another repository, and try again"};
+  if (!storage || !storage->problem || storage->host_id != options_.host_id) return {};
+  const StorageProblem& problem = *storage->problem;
+  const std::string wrong = DescribeProblem(repository_id, problem.state, problem.reason);
+  if (problem.state == states::full) {
+    return Refusal{host_error::kUnavailable,
+                   wrong + ". Make room in it, or move disks to another repository, and try again"};
   }
-  // Intentional: read-only does not refuse. This process may see another mount than a libvirt elsewhere.
-  return std::nullopt;
+  // Intentional: read-only storage is not refused. This process may see another mount than a libvirt elsewhere.
+  return {};
 }
 
-Refused StorageWatch::CheckWithin(const std::string& repository_id, const Trail& part, StorageUse use) {
-  if (part.empty()) return std::nullopt;
-  const auto answer = std::make_shared<TrailCheck>();
+Result<void, Refusal> StorageWatch::CheckWithTimeout(const std::string& repository_id, const FolderChain& part,
+                                                     StorageUse use) {
+  if (part.empty()) return {};
+  const auto result = std::make_shared<FolderChainCheck>();
   BoundedCalls::Call call =
-      calls_.Begin(repository_id, [answer, part, check = options_.check] { *answer = check(part); });
-  if (!call.Wait()) return NoAnswerRefusal(repository_id);
-  return Unavailable(repository_id, *answer, use);
+      calls_.Begin(repository_id, [result, part, check_chain = options_.check_chain] { *result = check_chain(part); });
+  if (!call.Wait()) return NotRespondingRefusal(repository_id);
+  return CheckFinding(repository_id, *result, use);
 }
 
-Refused StorageWatch::Refuse(const std::string& repository_id, const std::vector<std::string>& paths, StorageUse use) {
-  if (repository_id.empty()) return std::nullopt;
-  const Result<Trail> known = KnownFolders(*options_.store, repository_id, options_.host_id);
-  if (!known) return RefuseDamaged(repository_id, known.error());
-  Trail part;
-  for (const std::string& path : paths) part.merge(PartOf(*known, options_.roots, path));
-  return CheckWithin(repository_id, part, use);
+Result<void, Refusal> StorageWatch::CheckFolders(const std::string& repository_id,
+                                                 const std::vector<std::string>& paths, StorageUse use) {
+  if (repository_id.empty()) return {};
+  const Result<FolderChain> known = KnownFolders(*options_.store, repository_id, options_.host_id);
+  if (!known) return DamagedStorageRefusal(repository_id, known.error());
+  FolderChain part;
+  for (const std::string& path : paths) part.merge(SubChain(*known, options_.roots, path));
+  return CheckWithTimeout(repository_id, part, use);
 }
 
-Refused StorageWatch::RefuseTrail(const std::string& repository_id, const Trail& remembered, StorageUse use) {
-  return CheckWithin(repository_id, remembered, use);
+Result<void, Refusal> StorageWatch::CheckStoredFolders(const std::string& repository_id, const FolderChain& stored,
+                                                       StorageUse use) {
+  return CheckWithTimeout(repository_id, stored, use);
 }
 
-}  // namespace vexa::guests
+}  // namespace vexa::storage

@@ -1,5 +1,7 @@
 #include "host/store/embedded_store.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "host/store/key.h"
@@ -21,20 +23,19 @@ std::size_t BytesOf(const Transaction& transaction) {
 
 Status Validate(const Transaction& transaction) {
   for (const Compare& compare : transaction.compares) {
-    if (!IsKey(compare.key)) return Error(ErrorCode::kInvalid, "A compare names a key that cannot be stored");
+    if (!IsValidKey(compare.key)) return Error(ErrorCode::kInvalid, "A compare names a key that cannot be stored");
   }
   for (const Operation& operation : transaction.operations) {
-    if (!IsKey(operation.key)) return Error(ErrorCode::kInvalid, "An operation names a key that cannot be stored");
+    if (!IsValidKey(operation.key)) return Error(ErrorCode::kInvalid, "An operation names a key that cannot be stored");
     if (operation.text && operation.text->size() > kMaxTextBytes) {
-      return Error(ErrorCode::kInvalid, "The value of '" + operation.key + "' is too large");
+      return Error(ErrorCode::kInvalid, fmt::format("The value of '{}' is too large", operation.key));
     }
   }
   return {};
 }
 
 Error Conflict(const Compare& compare, Revision found) {
-  return Error(ErrorCode::kConflict, "'" + compare.key + "' has revision " + std::to_string(found) + ", not " +
-                                         std::to_string(compare.revision));
+  return Error(ErrorCode::kConflict, fmt::format("'{}' has revision {}, not {}", compare.key, found, compare.revision));
 }
 
 // One transaction of a batch, inside its LMDB transaction.
@@ -53,32 +54,32 @@ Result<Revision> RunOne(KeyspaceWriter& writer, const Transaction& transaction) 
 
 Result<Revision> EmbeddedStore::Commit(const Transaction& transaction) {
   if (Status valid = Validate(transaction); !valid.ok()) return valid.error();
-  if (transaction.operations.empty()) return CheckOnly(transaction);
-  Waiting own;
+  if (transaction.operations.empty()) return CheckCompares(transaction);
+  PendingCommit own;
   own.transaction = &transaction;
   if (keyspace_->ThisThreadHoldsSnapshot()) {
-    Waiting* const alone = &own;
+    PendingCommit* const alone = &own;
     return RunBatch({&alone, 1}).front();
   }
-  std::unique_lock lock(mutex_);
+  ReleasableMutexLock lock(mutex_);
   queue_.push_back(&own);
-  own.turn.wait(lock, [&] { return own.outcome || (!leading_ && queue_.front() == &own); });
+  while (!own.outcome && (leading_ || queue_.front() != &own)) own.done_or_leader.Wait(mutex_);
   if (own.outcome) return *std::move(own.outcome);
   leading_ = true;
-  const std::vector<Waiting*> batch = TakeBatch();
-  lock.unlock();
+  const std::vector<PendingCommit*> batch = TakeBatch();
+  lock.Unlock();
   std::vector<Result<Revision>> outcomes = RunBatch(batch);
-  lock.lock();
+  lock.Lock();
   leading_ = false;
   for (std::size_t i = 0; i < batch.size(); ++i) {
     batch[i]->outcome = std::move(outcomes[i]);
-    batch[i]->turn.notify_one();
+    batch[i]->done_or_leader.NotifyOne();
   }
-  if (!queue_.empty()) queue_.front()->turn.notify_one();
+  if (!queue_.empty()) queue_.front()->done_or_leader.NotifyOne();
   return *std::move(own.outcome);
 }
 
-Result<Revision> EmbeddedStore::CheckOnly(const Transaction& transaction) const {
+Result<Revision> EmbeddedStore::CheckCompares(const Transaction& transaction) const {
   const Result<std::unique_ptr<Snapshot>> snapshot = Read();
   if (!snapshot.ok()) return snapshot.error();
   for (const Compare& compare : transaction.compares) {
@@ -90,8 +91,8 @@ Result<Revision> EmbeddedStore::CheckOnly(const Transaction& transaction) const 
   return snapshot.value()->revision();
 }
 
-std::vector<EmbeddedStore::Waiting*> EmbeddedStore::TakeBatch() {
-  std::vector<Waiting*> batch;
+std::vector<EmbeddedStore::PendingCommit*> EmbeddedStore::TakeBatch() {
+  std::vector<PendingCommit*> batch;
   std::size_t bytes = 0;
   while (!queue_.empty() && batch.size() < kMaxBatch) {
     bytes += BytesOf(*queue_.front()->transaction);
@@ -103,9 +104,9 @@ std::vector<EmbeddedStore::Waiting*> EmbeddedStore::TakeBatch() {
 }
 
 // An exception here would leave every waiting thread without an outcome, so it ends the process instead.
-std::vector<Result<Revision>> EmbeddedStore::RunBatch(std::span<Waiting* const> batch) noexcept {
+std::vector<Result<Revision>> EmbeddedStore::RunBatch(std::span<PendingCommit* const> batch) noexcept {
   std::vector<Result<Revision>> outcomes;
-  const Status together = RunTogether(batch, outcomes);
+  const Status together = RunInOneTransaction(batch, outcomes);
   if (together.ok()) return outcomes;
   if (together.error().code() != ErrorCode::kNoSpace || batch.size() == 1) {
     return std::vector<Result<Revision>>(batch.size(), together.error());
@@ -114,16 +115,17 @@ std::vector<Result<Revision>> EmbeddedStore::RunBatch(std::span<Waiting* const> 
   outcomes.clear();
   for (std::size_t i = 0; i < batch.size(); ++i) {
     std::vector<Result<Revision>> single;
-    const Status alone = RunTogether(batch.subspan(i, 1), single);
+    const Status alone = RunInOneTransaction(batch.subspan(i, 1), single);
     outcomes.push_back(alone.ok() ? std::move(single.front()) : Result<Revision>(alone.error()));
   }
   return outcomes;
 }
 
-Status EmbeddedStore::RunTogether(std::span<Waiting* const> batch, std::vector<Result<Revision>>& outcomes) {
+Status EmbeddedStore::RunInOneTransaction(std::span<PendingCommit* const> batch,
+                                          std::vector<Result<Revision>>& outcomes) {
   return keyspace_->Update([&](KeyspaceWriter& writer) -> Status {
-    for (const Waiting* waiting : batch) {
-      outcomes.push_back(RunOne(writer, *waiting->transaction));
+    for (const PendingCommit* pending : batch) {
+      outcomes.push_back(RunOne(writer, *pending->transaction));
       const Result<Revision>& last = outcomes.back();
       // No partial effect of a failed transaction may remain, so the whole batch is abandoned.
       if (!last.ok() && last.error().code() != ErrorCode::kConflict) return last.error();

@@ -9,8 +9,8 @@ namespace {
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 constexpr std::string_view kEmptySegment = "%";
 
-// Indexed by byte. A table, because every byte of every key that is read or written is looked up.
-constexpr std::array<bool, 256> kPlain = [] {
+// Bytes that are not escaped, indexed by byte. A table is fast: every byte of every key is looked up.
+constexpr std::array<bool, 256> kIsPlain = [] {
   std::array<bool, 256> plain{};
   for (const char c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.~:@+")) {
     plain[static_cast<unsigned char>(c)] = true;
@@ -18,7 +18,7 @@ constexpr std::array<bool, 256> kPlain = [] {
   return plain;
 }();
 
-bool IsPlain(char c) { return kPlain[static_cast<unsigned char>(c)]; }
+bool IsPlain(char c) { return kIsPlain[static_cast<unsigned char>(c)]; }
 
 void AppendEscaped(std::string& out, char c) {
   const auto byte = static_cast<unsigned char>(c);
@@ -68,7 +68,7 @@ std::optional<std::string> DecodeSegment(std::string_view encoded) {
     out += static_cast<char>(high * 16 + low);
     i += 2;
   }
-  // A text has exactly one encoding: "%41", a bare space and an empty segment are refused here.
+  // A segment has exactly one encoding: "%41", a bare space and an empty segment are refused here.
   if (EncodeSegment(out) != encoded) return std::nullopt;
   return out;
 }
@@ -84,7 +84,7 @@ std::string MakeKey(std::initializer_list<std::string_view> segments) {
   return key;
 }
 
-bool IsKey(std::string_view key) {
+bool IsValidKey(std::string_view key) {
   if (key.empty() || key.size() > kMaxKeyBytes || key.front() != '/') return false;
   while (!key.empty()) {
     key.remove_prefix(1);

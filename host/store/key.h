@@ -1,4 +1,4 @@
-// Keys of the store: paths whose segments can hold any text and stay one segment.
+// Keys of the store: paths of encoded segments. A segment can be any string, also one with slashes.
 #pragma once
 
 #include <initializer_list>
@@ -15,14 +15,14 @@ inline constexpr std::size_t kMaxKeyBytes = 511;
 // first dot is encoded; the empty segment is "%". So no segment is empty, contains a slash, or is "." or "..".
 std::string EncodeSegment(std::string_view segment);
 
-// The inverse; empty when `encoded` is not a possible result of EncodeSegment.
+// The inverse; not set when `encoded` is not a possible result of EncodeSegment.
 std::optional<std::string> DecodeSegment(std::string_view encoded);
 
 // "/a/b/c" for {"a", "b", "c"}, each encoded.
 std::string MakeKey(std::initializer_list<std::string_view> segments);
 
 // Whether `key` can be stored: MakeKey can return it for at least one segment, and it is not longer than kMaxKeyBytes.
-bool IsKey(std::string_view key);
+bool IsValidKey(std::string_view key);
 
 // Whether `key` is `prefix` or lies below it: "/a/b" contains "/a/b" and "/a/b/c", not "/a/bc". The empty prefix
 // contains everything.

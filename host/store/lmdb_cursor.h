@@ -7,7 +7,8 @@
 
 namespace vexa::store {
 
-// Every move returns 0, MDB_NOTFOUND at the end, or another LMDB code. Keys and values live as long as LMDB's do.
+// Every move returns 0, MDB_NOTFOUND at the end, or another LMDB code. Keys and values are valid until the next
+// write or the end of the transaction.
 class LmdbCursor {
  public:
   LmdbCursor(MDB_txn* transaction, MDB_dbi database) : opened_(mdb_cursor_open(transaction, database, &cursor_)) {}

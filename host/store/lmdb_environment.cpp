@@ -1,5 +1,6 @@
 #include "host/store/lmdb_environment.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -18,8 +19,8 @@ using std::chrono::milliseconds;
 
 constexpr unsigned kMaxReaders = 1024;
 constexpr std::size_t kMaxIdleReaders = 64;
-constexpr milliseconds kPatience{2000};  // for snapshots that keep the store from being reopened
-constexpr milliseconds kSlotPause{10};
+constexpr milliseconds kReopenTimeout{2000};  // for snapshots that keep the store from being reopened
+constexpr milliseconds kReaderSlotRetryInterval{10};
 constexpr int kMaxAttempts = 100;
 
 }  // namespace
@@ -34,7 +35,7 @@ ReadTransaction::ReadTransaction(ReadTransaction&& other) noexcept
 
 ReadTransaction::~ReadTransaction() {
   if (transaction_ == nullptr) return;
-  environment_->GiveBack(transaction_);
+  environment_->ReturnReader(transaction_);
   pass_.Leave();
 }
 
@@ -58,7 +59,7 @@ void WriteTransaction::Abort() {
 }
 
 LmdbEnvironment::LmdbEnvironment(const LmdbOptions& options)
-    : directory_(options.directory), place_check_(options.place_check), map_bytes_(options.map_bytes) {}
+    : directory_(options.directory), file_check_mode_(options.file_check_mode), map_bytes_(options.map_bytes) {}
 
 LmdbEnvironment::~LmdbEnvironment() { CloseFiles(); }
 
@@ -68,17 +69,17 @@ Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const LmdbOptions
   return OpenOnce<LmdbEnvironment>(*folder, [&]() -> Result<std::unique_ptr<LmdbEnvironment>> {
     std::unique_ptr<LmdbEnvironment> environment(new LmdbEnvironment(options));
     if (Status opened = environment->OpenFiles(); !opened.ok()) return opened.error();
-    if (Status remembered = environment->RememberPlace(); !remembered.ok()) return remembered.error();
+    if (Status remembered = environment->StartFileCheck(); !remembered.ok()) return remembered.error();
     return environment;
   });
 }
 
 Status LmdbEnvironment::OpenFiles() {
   const FolderLock lock(directory_);
-  if (lock.code() != 0) return LmdbError("Cannot lock the folder '" + directory_ + "'", lock.code());
+  if (lock.code() != 0) return LmdbError(fmt::format("Cannot lock the folder '{}'", directory_), lock.code());
   if (Status sound = CheckStoreFiles(directory_); !sound.ok()) return sound;
   int code = mdb_env_create(&environment_);
-  if (code != 0) return LmdbError("Cannot prepare the store in '" + directory_ + "'", code);
+  if (code != 0) return LmdbError(fmt::format("Cannot prepare the store in '{}'", directory_), code);
   code = mdb_env_set_maxdbs(environment_, 3);
   if (code == 0) code = mdb_env_set_maxreaders(environment_, kMaxReaders);
   if (code == 0) code = mdb_env_set_mapsize(environment_, map_bytes_);
@@ -87,14 +88,14 @@ Status LmdbEnvironment::OpenFiles() {
   if (code == ENOMEM) {
     CloseFiles();
     return Error(
-        ErrorCode::kNoSpace, "Cannot map the store in '" + directory_ + "'",
-        "It takes " + std::to_string(map_bytes_) + " bytes of address space; raise its limit (ulimit -v, LimitAS=)");
+        ErrorCode::kNoSpace, fmt::format("Cannot map the store in '{}'", directory_),
+        fmt::format("It takes {} bytes of address space. Raise their limit (ulimit -v, LimitAS=)", map_bytes_));
   }
   if (code != 0) {
     CloseFiles();
-    return LmdbError("Cannot open the store in '" + directory_ + "'", code);
+    return LmdbError(fmt::format("Cannot open the store in '{}'", directory_), code);
   }
-  TightenStoreFiles(directory_);
+  RestrictStoreFileModes(directory_);
   int dead_readers = 0;
   mdb_reader_check(environment_, &dead_readers);
   if (Status opened = OpenDatabases(); !opened.ok()) {
@@ -102,22 +103,22 @@ Status LmdbEnvironment::OpenFiles() {
     return opened;
   }
   // LMDB syncs what it writes, but not the name of a new file.
-  if (const int synced = lock.SyncNames(); synced != 0) {
+  if (const int synced = lock.SyncDirectories(); synced != 0) {
     CloseFiles();
-    return LmdbError("Cannot sync the folder '" + directory_ + "'", synced);
+    return LmdbError(fmt::format("Cannot sync the folder '{}'", directory_), synced);
   }
   return {};
 }
 
 // Only once, even when the files are reopened later.
-Status LmdbEnvironment::RememberPlace() {
+Status LmdbEnvironment::StartFileCheck() {
   int fd = -1;
   struct stat info {};
   if (mdb_env_get_fd(environment_, &fd) != 0 || ::fstat(fd, &info) != 0) {
-    return LmdbError("Cannot look at the store in '" + directory_ + "'", errno);
+    return LmdbError(fmt::format("Cannot examine the store in '{}'", directory_), errno);
   }
-  place_ = std::make_unique<StorePlace>(directory_ + "/data.mdb", FolderId(info.st_dev, info.st_ino),
-                                        std::function<Status()>(), place_check_);
+  file_check_ = std::make_unique<StoreFileCheck>(directory_ + "/data.mdb", FolderId(info.st_dev, info.st_ino),
+                                                 std::function<Status()>(), file_check_mode_);
   return {};
 }
 
@@ -131,7 +132,7 @@ Status LmdbEnvironment::OpenDatabases() {
   if (code == MDB_NOTFOUND) code = OpenDatabasesIn(0);
   if (code == MDB_SUCCESS) return {};
   if (code == MDB_NOTFOUND) code = MDB_INVALID;
-  return LmdbError("'" + directory_ + "' holds no store that this version can use", code);
+  return LmdbError(fmt::format("'{}' does not contain a store that this version can use", directory_), code);
 }
 
 // In a transaction with these flags; only a write transaction creates the databases. MDB_NOTFOUND when one is missing.
@@ -157,10 +158,11 @@ int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
   return code;
 }
 
-// Repeats `begin` until it returns 0; `pass` is then for its transaction.
+// Begins a transaction with `begin`, which returns 0 or LMDB's code, and recovers from the failures that can be
+// recovered from. On success, `pass` keeps the map in place for as long as the transaction needs it.
 Result<MDB_txn*> LmdbEnvironment::Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin) {
   for (int attempt = 0;; ++attempt) {
-    if (Status in_place = InPlace(); !in_place.ok()) return in_place.error();
+    if (Status unchanged = CheckFileUnchanged(); !unchanged.ok()) return unchanged.error();
     pass = gate_.Enter();
     MDB_txn* transaction = nullptr;
     const int code = environment_ == nullptr ? MDB_PANIC : begin(transaction);
@@ -180,7 +182,7 @@ Result<ReadTransaction> LmdbEnvironment::BeginRead() {
 // An idle reader when there is one, otherwise a new one. 0, or LMDB's code.
 int LmdbEnvironment::BeginReader(MDB_txn*& transaction) {
   {
-    const std::lock_guard lock(idle_mutex_);
+    const MutexLock lock(idle_mutex_);
     if (!idle_readers_.empty()) {
       transaction = idle_readers_.back();
       idle_readers_.pop_back();
@@ -200,27 +202,27 @@ Result<WriteTransaction> LmdbEnvironment::BeginWrite() {
   return WriteTransaction(*begun, std::move(pass));
 }
 
-// Fixes the cause so that the transaction can be retried, or returns why that is not possible.
+// Removes the cause of `code`, so that the transaction can be retried, or returns the error when that is not possible.
 Status LmdbEnvironment::Recover(int code, int attempt) {
   if (attempt < kMaxAttempts) {
     // MDB_MAP_RESIZED: a process with a larger map wrote beyond ours. Opening maps at least the whole file.
-    if (code == MDB_PANIC || code == MDB_MAP_RESIZED) return OpenAgain();
+    if (code == MDB_PANIC || code == MDB_MAP_RESIZED) return Reopen();
     if (code == MDB_READERS_FULL) {
       DropIdleReaders();
       int dead_readers = 0;
       const MapGate::Pass pass = gate_.Enter();
       if (environment_ != nullptr) mdb_reader_check(environment_, &dead_readers);
-      if (dead_readers == 0) std::this_thread::sleep_for(kSlotPause);
+      if (dead_readers == 0) std::this_thread::sleep_for(kReaderSlotRetryInterval);
       return {};
     }
   }
-  return LmdbError("Cannot begin a transaction in '" + directory_ + "'", code);
+  return LmdbError(fmt::format("Cannot begin a transaction in '{}'", directory_), code);
 }
 
-// After a failed write of its head, LMDB refuses everything until the environment is reopened.
-Status LmdbEnvironment::OpenAgain() {
-  if (!gate_.Close(kPatience)) {
-    return Error(ErrorCode::kUnavailable, "The store must be opened again, and open snapshots keep it in use");
+// After a failed write of its header, LMDB refuses everything until the environment is reopened.
+Status LmdbEnvironment::Reopen() {
+  if (!gate_.Close(kReopenTimeout)) {
+    return Error(ErrorCode::kUnavailable, "The store must be reopened, but open snapshots still use it");
   }
   MDB_txn* probe = nullptr;
   const bool works = environment_ != nullptr && mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &probe) == 0;
@@ -230,22 +232,22 @@ Status LmdbEnvironment::OpenAgain() {
     CloseFiles();
     opened = OpenFiles();
   }
-  gate_.OpenAgain();
+  gate_.Reopen();
   if (opened.ok()) return {};
-  return Error(ErrorCode::kUnavailable, "Cannot open the store again", opened.error().ToString());
+  return Error(ErrorCode::kUnavailable, "Cannot reopen the store", opened.error().ToString());
 }
 
-std::uint64_t LmdbEnvironment::LastTransaction() {
+std::uint64_t LmdbEnvironment::LastTransactionNumber() {
   const MapGate::Pass pass = gate_.Enter();
   MDB_envinfo info{};
   if (environment_ == nullptr || mdb_env_info(environment_, &info) != 0) return 0;
   return info.me_last_txnid;
 }
 
-void LmdbEnvironment::GiveBack(MDB_txn* transaction) {
+void LmdbEnvironment::ReturnReader(MDB_txn* transaction) {
   mdb_txn_reset(transaction);
   {
-    const std::lock_guard lock(idle_mutex_);
+    const MutexLock lock(idle_mutex_);
     if (idle_readers_.size() < kMaxIdleReaders) {
       idle_readers_.push_back(transaction);
       return;
@@ -255,7 +257,7 @@ void LmdbEnvironment::GiveBack(MDB_txn* transaction) {
 }
 
 void LmdbEnvironment::DropIdleReaders() {
-  const std::lock_guard lock(idle_mutex_);
+  const MutexLock lock(idle_mutex_);
   for (MDB_txn* const transaction : idle_readers_) mdb_txn_abort(transaction);
   idle_readers_.clear();
 }

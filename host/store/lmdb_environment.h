@@ -8,13 +8,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "host/base/mutex.h"
 #include "host/base/result.h"
 #include "host/store/map_gate.h"
-#include "host/store/store_place.h"
+#include "host/store/store_file_check.h"
 
 namespace vexa::store {
 
@@ -72,48 +72,48 @@ class LmdbEnvironment {
   MDB_dbi meta() const { return meta_; }
   const std::string& directory() const { return directory_; }
 
-  // Whether the data file is where it was first opened; see StorePlace.
-  Status InPlace() const { return place_->Check(); }
+  // kUnavailable when the data file is no longer the one that was opened, or cannot be read; see StoreFileCheck.
+  Status CheckFileUnchanged() const { return file_check_->Check(); }
 
-  // Errors: kBusy (no reader slot), kUnavailable (the file is not in its place, or the folder cannot be
-  // reopened, maybe because a snapshot of this process stays open), and those of LmdbError.
+  // Errors: kBusy (no reader slot), kUnavailable (CheckFileUnchanged() failed, or the folder
+  // cannot be reopened, maybe because a snapshot of this process stays open), and those of LmdbError.
   Result<ReadTransaction> BeginRead();
   // Waits for the writers of all processes. Errors: those of BeginRead.
   Result<WriteTransaction> BeginWrite();
 
   // Whether a transaction that this thread began is still open.
-  bool ThisThreadIsInside() { return gate_.ThisThreadIsInside(); }
+  bool IsHeldByThisThread() { return gate_.IsHeldByThisThread(); }
 
   // A number that changes with every commit of any process; 0 when it is unknown.
-  std::uint64_t LastTransaction();
+  std::uint64_t LastTransactionNumber();
 
  private:
   friend class ReadTransaction;
 
   explicit LmdbEnvironment(const LmdbOptions& options);
   Status OpenFiles();
-  Status RememberPlace();
+  Status StartFileCheck();
   Status OpenDatabases();
   int OpenDatabasesIn(unsigned transaction_flags);
   void CloseFiles();
   Result<MDB_txn*> Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin);
   int BeginReader(MDB_txn*& transaction);
   Status Recover(int code, int attempt);
-  Status OpenAgain();
-  void GiveBack(MDB_txn* transaction);
+  Status Reopen();
+  void ReturnReader(MDB_txn* transaction);
   void DropIdleReaders();
 
   const std::string directory_;
-  const PlaceCheck place_check_;
+  const FileCheckMode file_check_mode_;
   const std::size_t map_bytes_;
-  std::unique_ptr<const StorePlace> place_;  // does not change once the environment has been returned
+  std::unique_ptr<const StoreFileCheck> file_check_;  // does not change once the environment has been returned
   MapGate gate_;
   MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when reopening failed
   MDB_dbi data_ = 0;
   MDB_dbi changes_ = 0;
   MDB_dbi meta_ = 0;
-  std::mutex idle_mutex_;
-  std::vector<MDB_txn*> idle_readers_;  // reset: they hold a reader slot and no pages
+  Mutex idle_mutex_;
+  std::vector<MDB_txn*> idle_readers_ VEXA_GUARDED_BY(idle_mutex_);  // reset: they keep a reader slot, but no pages
 };
 
 }  // namespace vexa::store

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "host/base/rows.h"
+
 namespace vexa::store {
 namespace {
 
@@ -33,10 +35,8 @@ constexpr CodeRow kCodes[] = {
 };
 
 ErrorCode CodeOf(int lmdb_code) {
-  for (const CodeRow& row : kCodes) {
-    if (row.lmdb_code == lmdb_code) return row.code;
-  }
-  return ErrorCode::kInternal;
+  const CodeRow* const row = FindRow(kCodes, &CodeRow::lmdb_code, lmdb_code);
+  return row != nullptr ? row->code : ErrorCode::kInternal;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "host/store/lmdb_files.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -24,9 +25,10 @@ namespace {
 
 constexpr std::string_view kDataFile = "data.mdb";
 constexpr std::string_view kLockFile = "lock.mdb";
-constexpr std::string_view kMountedFolder = "lost+found";
+constexpr std::string_view kMountPointFolder = "lost+found";  // in the root of a new file system
 
-// The head of a data file: two pages like this one. The one with the greater transaction number is valid.
+// The layout of LMDB's data file (format version 1). Its header consists of two meta pages; the one with the greater
+// transaction number is valid.
 struct Tree {
   std::uint32_t page_bytes;  // of the file in the first tree, unused in the second
   std::uint16_t flags;
@@ -37,7 +39,7 @@ struct Tree {
   std::uint64_t entries;
   std::uint64_t root;
 };
-struct PageHead {
+struct PageHeader {
   std::uint64_t number;
   std::uint16_t pad;
   std::uint16_t flags;
@@ -45,7 +47,7 @@ struct PageHead {
   std::uint16_t upper;
 };
 struct MetaPage {
-  PageHead head;
+  PageHeader header;
   std::uint32_t magic;
   std::uint32_t version;
   std::uint64_t address;
@@ -54,7 +56,7 @@ struct MetaPage {
   std::uint64_t last_page;
   std::uint64_t transaction;
 };
-static_assert(sizeof(PageHead) == 16 && sizeof(Tree) == 48 && sizeof(MetaPage) == 152);
+static_assert(sizeof(PageHeader) == 16 && sizeof(Tree) == 48 && sizeof(MetaPage) == 152);
 
 constexpr std::uint32_t kMagic = 0xBEEFC0DE;
 constexpr std::uint32_t kVersion = 1;
@@ -85,42 +87,44 @@ class DataFile {
 
 bool IsPageSize(std::uint32_t bytes) { return bytes >= 512 && bytes <= 32768 && (bytes & (bytes - 1)) == 0; }
 
-bool IsSoundMeta(const MetaPage& meta) {
-  return (meta.head.flags & kMetaFlag) != 0 && meta.magic == kMagic && meta.version == kVersion &&
+bool IsValidMetaPage(const MetaPage& meta) {
+  return (meta.header.flags & kMetaFlag) != 0 && meta.magic == kMagic && meta.version == kVersion &&
          IsPageSize(meta.trees[0].page_bytes) && meta.last_page < kMaxPages;
 }
 
-bool IsSoundRoot(const DataFile& file, const MetaPage& meta, const Tree& tree) {
+bool HasValidRoot(const DataFile& file, const MetaPage& meta, const Tree& tree) {
   if (tree.root == kNoPage) return true;
   const std::uint64_t page_bytes = meta.trees[0].page_bytes;
   if (tree.root < 2 || tree.root > meta.last_page || tree.depth == 0 || tree.depth > kMaxDepth) return false;
   if ((tree.root + 1) * page_bytes > file.size()) return false;
-  PageHead head{};
-  if (!file.Read(tree.root * page_bytes, head) || head.number != tree.root) return false;
-  const bool has_kind = (head.flags & (kBranchFlag | kLeafFlag)) != 0;
-  return has_kind && head.lower >= sizeof(PageHead) && head.lower <= head.upper && head.upper <= page_bytes;
+  PageHeader header{};
+  if (!file.Read(tree.root * page_bytes, header) || header.number != tree.root) return false;
+  const bool is_tree_page = (header.flags & (kBranchFlag | kLeafFlag)) != 0;
+  return is_tree_page && header.lower >= sizeof(PageHeader) && header.lower <= header.upper &&
+         header.upper <= page_bytes;
 }
 
-bool IsSoundHead(const DataFile& file) {
+bool HasValidHeader(const DataFile& file) {
   MetaPage first{};
   MetaPage second{};
-  if (!file.Read(0, first) || !IsSoundMeta(first)) return false;
+  if (!file.Read(0, first) || !IsValidMetaPage(first)) return false;
   const std::uint32_t page_bytes = first.trees[0].page_bytes;
-  if (!file.Read(page_bytes, second) || !IsSoundMeta(second) || second.trees[0].page_bytes != page_bytes) return false;
+  if (!file.Read(page_bytes, second) || !IsValidMetaPage(second) || second.trees[0].page_bytes != page_bytes)
+    return false;
   const MetaPage& valid = second.transaction > first.transaction ? second : first;
-  return IsSoundRoot(file, valid, valid.trees[0]) && IsSoundRoot(file, valid, valid.trees[1]);
+  return HasValidRoot(file, valid, valid.trees[0]) && HasValidRoot(file, valid, valid.trees[1]);
 }
 
 Status CheckDataFile(const std::string& path) {
   const DataFile file(path);
-  if (!file.open()) return LmdbError("Cannot open '" + path + "'", errno);
+  if (!file.open()) return LmdbError(fmt::format("Cannot open '{}'", path), errno);
   // Another process may be in the middle of a commit, so a bad result is rechecked before it counts.
-  constexpr int kLooks = 5;
-  for (int look = 0; look < kLooks; ++look) {
-    if (file.size() == 0 || IsSoundHead(file)) return {};
+  constexpr int kMaxAttempts = 5;
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    if (file.size() == 0 || HasValidHeader(file)) return {};
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  return Error(ErrorCode::kCorrupt, "'" + path + "' is damaged or not the data file of a store");
+  return Error(ErrorCode::kCorrupt, fmt::format("'{}' is damaged or not the data file of a store", path));
 }
 
 }  // namespace
@@ -133,15 +137,16 @@ Status CheckStoreFiles(const std::string& directory) {
     const std::string name = at->path().filename().string();
     const bool ours = name == kDataFile || name == kLockFile;
     if (ours && at->symlink_status(failure).type() != std::filesystem::file_type::regular) {
-      return Error(ErrorCode::kCorrupt, "'" + at->path().string() + "' is not a regular file");
+      return Error(ErrorCode::kCorrupt, fmt::format("'{}' is not a regular file", at->path().string()));
     }
     has_data = has_data || name == kDataFile;
-    has_others = has_others || (!ours && name != kMountedFolder);
+    has_others = has_others || (!ours && name != kMountPointFolder);
   }
-  if (failure) return LmdbError("Cannot list the folder '" + directory + "'", failure.value());
+  if (failure) return LmdbError(fmt::format("Cannot list the folder '{}'", directory), failure.value());
   if (has_data) return CheckDataFile(directory + "/" + std::string(kDataFile));
   if (!has_others) return {};
-  return Error(ErrorCode::kCorrupt, "The folder '" + directory + "' holds files but no store; choose an empty folder");
+  return Error(ErrorCode::kCorrupt,
+               fmt::format("The folder '{}' contains files but no store. Choose an empty folder", directory));
 }
 
 FolderLock::FolderLock(const std::string& directory)
@@ -157,13 +162,13 @@ FolderLock::FolderLock(const std::string& directory)
   }
 }
 
-int FolderLock::SyncNames() const {
+int FolderLock::SyncDirectories() const {
   const Descriptor parent(::openat(fd_.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  // We did not create a parent that we may enter but not read.
+  // A parent that cannot be opened existed before and has no new name to sync.
   return ::fsync(fd_.get()) != 0 || (parent.get() >= 0 && ::fsync(parent.get()) != 0) ? errno : 0;
 }
 
-void TightenStoreFiles(const std::string& directory) {
+void RestrictStoreFileModes(const std::string& directory) {
   // A file of another owner that lets us write keeps its mode: it is not ours to change, and not a reason to fail.
   for (const std::string_view name : {kDataFile, kLockFile}) {
     const std::string path = directory + "/" + std::string(name);

@@ -24,18 +24,18 @@ inline constexpr std::string_view kLogStartName = "log_start";
 inline constexpr std::uint64_t kFormatVersion = 1;
 inline constexpr std::size_t kNumberBytes = 8;
 
-void StoreNumber(char* out, std::uint64_t number);
-std::uint64_t LoadNumber(const char* in);
+void StoreBigEndian(char* out, std::uint64_t number);
+std::uint64_t LoadBigEndian(const char* in);
 
 // LMDB's view of bytes; LMDB does not write through it.
 MDB_val ToVal(std::string_view bytes);
 std::string_view ToView(const MDB_val& value);
 
-// 0 or LMDB's code; MDB_CORRUPTED when the stored number has another length.
+// 0 or LMDB's code; MDB_NOTFOUND when the number is missing, MDB_CORRUPTED when it does not have 8 bytes.
 int GetNumber(MDB_txn* transaction, MDB_dbi database, std::string_view name, std::uint64_t& number);
 int PutNumber(MDB_txn* transaction, MDB_dbi database, std::string_view name, std::uint64_t number);
 
-// The revision and text of a stored value; empty when it is too short to be one.
+// The revision and text of a stored value; not set when `stored` is too short.
 std::optional<ValueView> ParseValue(std::string_view stored);
 
 enum class ChangeKind : char { kPut = 'p', kDelete = 'd' };
@@ -48,8 +48,8 @@ struct EncodedChange {
   ChangeKind kind = ChangeKind::kPut;
 };
 
-// Takes the next change off the front of `record`. Empty at the end and where the record is damaged; at the end,
-// `record` is empty as well.
+// Removes the next change from the front of `record` and returns it. Not set at the end, where `record` is empty, and
+// where the record is damaged, where it is not.
 std::optional<EncodedChange> DecodeChange(std::string_view& record);
 
 }  // namespace vexa::store

@@ -1,5 +1,7 @@
 #include "host/store/lmdb_keyspace.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -15,9 +17,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kLookInterval{50};  // for commits of other processes, which must be seen within 100 ms
+constexpr milliseconds kCheckInterval{50};  // for commits of other processes, which must be seen within 100 ms
 constexpr milliseconds kProbeInterval{1000};
-constexpr milliseconds kLongestWait = std::chrono::hours(24);
+constexpr milliseconds kMaxWait = std::chrono::hours(24);
 constexpr std::size_t kMaxChangesPerBatch = 10'000;
 
 }  // namespace
@@ -32,7 +34,7 @@ Result<std::unique_ptr<LmdbKeyspace>> LmdbKeyspace::Open(const LmdbOptions& opti
 Result<std::unique_ptr<Snapshot>> LmdbKeyspace::Read() const {
   Result<std::unique_ptr<LmdbSnapshot>> snapshot = LmdbSnapshot::Take(environment_);
   if (snapshot.ok()) return std::unique_ptr<Snapshot>(std::move(snapshot).value());
-  NoteFailure(snapshot.error(), Health::kInaccessible);
+  RecordFailure(snapshot.error(), Health::kInaccessible);
   return snapshot.error();
 }
 
@@ -48,7 +50,7 @@ Status LmdbKeyspace::Apply(std::span<const RevisionedOperations> commits) {
 
 Status LmdbKeyspace::Update(const std::function<Status(KeyspaceWriter&)>& body) {
   Status updated = TryUpdate(body);
-  if (!updated.ok()) NoteFailure(updated.error(), Health::kReadOnly);
+  if (!updated.ok()) RecordFailure(updated.error(), Health::kReadOnly);
   return updated;
 }
 
@@ -61,45 +63,46 @@ Status LmdbKeyspace::TryUpdate(const std::function<Status(KeyspaceWriter&)>& bod
   if (code == 0) code = writer.code_;
   if (code == 0 && (!done.ok() || !writer.wrote_)) return done;
   if (code == 0) code = transaction->Commit();
-  if (code != 0) return CommitFailed(code);
-  NoteCommit();
+  if (code != 0) return CommitError(code);
+  RecordCommit();
   return {};
 }
 
-Error LmdbKeyspace::CommitFailed(int code) const {
+Error LmdbKeyspace::CommitError(int code) const {
   // LMDB reports a write that a full disk cut short as an I/O error.
   if (code == EIO && DiskIsFull(environment_->directory())) code = ENOSPC;
-  return LmdbError("Cannot commit to the store in '" + environment_->directory() + "'", code);
+  return LmdbError(fmt::format("Cannot commit to the store in '{}'", environment_->directory()), code);
 }
 
-void LmdbKeyspace::NoteCommit() {
+void LmdbKeyspace::RecordCommit() {
   health_ = Health::kReady;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   ++commits_;
-  committed_.notify_all();
+  committed_.NotifyAll();
 }
 
-// A refusal because of the caller's input or the current moment says nothing about the store.
-void LmdbKeyspace::NoteFailure(const Error& error, Health consequence) const {
+// Errors caused by the input (kInvalid) or by contention (kBusy) do not affect the store's health.
+void LmdbKeyspace::RecordFailure(const Error& error, Health consequence) const {
   if (error.code() == ErrorCode::kInvalid || error.code() == ErrorCode::kBusy) return;
-  // Whether the file is in its place is checked each time. The state ends once it is back.
-  if (!environment_->InPlace().ok()) return;
+  // A missing file is not recorded: health() checks for it each time, so that the store counts as
+  // accessible again once the file is back.
+  if (!environment_->CheckFileUnchanged().ok()) return;
   const bool unreadable = error.code() == ErrorCode::kUnavailable || error.code() == ErrorCode::kCorrupt;
   health_ = unreadable ? Health::kInaccessible : consequence;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   next_probe_ = steady_clock::now() + kProbeInterval;
 }
 
 Health LmdbKeyspace::health() const {
-  if (!environment_->InPlace().ok()) return Health::kInaccessible;
+  if (!environment_->CheckFileUnchanged().ok()) return Health::kInaccessible;
   const Health known = health_;
   if (known == Health::kReady) return known;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (steady_clock::now() < next_probe_) return known;
     next_probe_ = steady_clock::now() + kProbeInterval;
   }
-  // Overwrites the revision with itself: for the disk a commit like any other, for readers no change.
+  // The probe overwrites the revision with itself: a normal commit for the disk, but no change for readers.
   auto* const self = const_cast<LmdbKeyspace*>(this);
   static_cast<void>(self->Update([](KeyspaceWriter& writer) -> Status {
     const int code = writer.StoreRevision(writer.revision());
@@ -109,14 +112,14 @@ Health LmdbKeyspace::health() const {
 }
 
 Result<ChangeBatch> LmdbKeyspace::Watch(std::string_view prefix, Revision from, milliseconds timeout) const {
-  const auto deadline = steady_clock::now() + std::clamp(timeout, milliseconds(0), kLongestWait);
+  const auto deadline = steady_clock::now() + std::clamp(timeout, milliseconds(0), kMaxWait);
   while (true) {
     std::uint64_t seen = 0;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       seen = commits_;
     }
-    const std::uint64_t seen_transaction = environment_->LastTransaction();
+    const std::uint64_t seen_transaction = environment_->LastTransactionNumber();
     Result<ChangeBatch> batch = [&]() -> Result<ChangeBatch> {
       const Result<std::unique_ptr<LmdbSnapshot>> snapshot = LmdbSnapshot::Take(environment_);
       if (!snapshot.ok()) return snapshot.error();
@@ -132,13 +135,13 @@ Result<ChangeBatch> LmdbKeyspace::Watch(std::string_view prefix, Revision from, 
 // Waits for a commit newer than those already seen, by this process or another, or until `deadline`.
 void LmdbKeyspace::WaitForCommit(std::uint64_t seen, std::uint64_t seen_transaction,
                                  steady_clock::time_point deadline) const {
-  std::unique_lock lock(mutex_);
+  ReleasableMutexLock lock(mutex_);
   while (commits_ == seen && steady_clock::now() < deadline) {
-    committed_.wait_until(lock, std::min(deadline, steady_clock::now() + kLookInterval));
-    lock.unlock();
-    const bool elsewhere = environment_->LastTransaction() != seen_transaction;
-    lock.lock();
-    if (elsewhere) return;
+    committed_.WaitUntil(mutex_, std::min(deadline, steady_clock::now() + kCheckInterval));
+    lock.Unlock();
+    const bool other_process_committed = environment_->LastTransactionNumber() != seen_transaction;
+    lock.Lock();
+    if (other_process_committed) return;
   }
 }
 

@@ -1,15 +1,14 @@
-// The keyspace in LMDB, independent of who chooses the revisions: the embedded store counts its own; a mirror of a
-// cluster database applies the given ones.
+// The keyspace in LMDB. Its callers choose the revisions: the embedded store counts its own; a mirror of a cluster
+// database copies those of the database.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 
+#include "host/base/mutex.h"
 #include "host/store/lmdb_environment.h"
 #include "host/store/lmdb_store.h"
 #include "host/store/store.h"
@@ -32,19 +31,19 @@ class KeyspaceWriter {
   Result<Revision> RevisionOf(std::string_view key);
 
   // Applies `operations` as commit `revision` and logs their changes. Deleting an absent key changes nothing, but the
-  // commit counts. Errors: kInvalid (`revision` is not greater than the last one, or a key or text has an impossible
-  // size; the transaction must then be abandoned), and what LMDB reports.
+  // commit counts. Errors: kInvalid (`revision` is not greater than the last one, or a key or value has a size
+  // that cannot be stored; the transaction must then be abandoned), and those of LmdbError.
   Status Apply(Revision revision, std::span<const Operation> operations);
 
   // For a copy of another keyspace. The copy has the other's revisions and no change log, so it cannot be watched.
-  // Errors: what LMDB reports; the transaction must then be abandoned.
+  // Errors: those of LmdbError; the transaction must then be abandoned.
 
-  // Makes `key` the copy of `value`. Writes nothing when it already is.
+  // Stores `value` with its revision under `key`. Writes nothing when it is already stored.
   Status Copy(std::string_view key, const ValueView& value);
   Status Remove(std::string_view key);
   // Removes every key for which `is_gone` returns true. Fails when `is_gone` fails.
   Status RemoveIf(const std::function<Result<bool>(std::string_view key)>& is_gone);
-  // Declares that the copy now holds the other keyspace's state at `revision`.
+  // Records that the copy is now equal to the other keyspace at `revision`.
   Status SetRevision(Revision revision);
 
  private:
@@ -62,7 +61,7 @@ class KeyspaceWriter {
   MDB_txn* const transaction_;
   const std::size_t change_log_length_;
   Revision revision_ = 0;
-  int code_ = 0;  // the first failure of LMDB
+  int code_ = 0;  // LMDB's first error in this transaction, or 0
   bool wrote_ = false;
 };
 
@@ -74,7 +73,7 @@ class LmdbKeyspace {
 
   Result<std::unique_ptr<Snapshot>> Read() const;
 
-  bool ThisThreadHoldsSnapshot() const { return environment_->ThisThreadIsInside(); }
+  bool ThisThreadHoldsSnapshot() const { return environment_->IsHeldByThisThread(); }
 
   // Applies whole commits in order, all of them or none, durably. Their revisions must increase strictly, starting
   // above the last one. Errors: kInvalid, and those of Update.
@@ -88,28 +87,28 @@ class LmdbKeyspace {
   // Same as Store::Watch.
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) const;
 
-  // kInaccessible while the data file is not in its place (StorePlace). That is noticed within 3 s and ends as soon as
-  // the file is back. Otherwise the result of the last accesses: after a failure, the disk is probed with a small
-  // commit, at most once a second.
+  // kInaccessible while the data file is missing or replaced (StoreFileCheck). This is detected within 3 s and ends as
+  // soon as the file is back. Otherwise the result of the last accesses: after a failure, the disk is probed with a
+  // small commit, at most once a second.
   Health health() const;
 
  private:
   LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, std::size_t change_log_length)
       : environment_(std::move(environment)), change_log_length_(change_log_length) {}
   Status TryUpdate(const std::function<Status(KeyspaceWriter&)>& body);
-  Error CommitFailed(int code) const;
-  void NoteCommit();
-  void NoteFailure(const Error& error, Health consequence) const;
+  Error CommitError(int code) const;
+  void RecordCommit();
+  void RecordFailure(const Error& error, Health consequence) const;
   void WaitForCommit(std::uint64_t seen, std::uint64_t seen_transaction,
                      std::chrono::steady_clock::time_point deadline) const;
 
   const std::shared_ptr<LmdbEnvironment> environment_;
   const std::size_t change_log_length_;
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable committed_;
-  std::uint64_t commits_ = 0;                                 // of this process, under mutex_
-  mutable std::chrono::steady_clock::time_point next_probe_;  // under mutex_
+  mutable Mutex mutex_;
+  mutable ConditionVariable committed_;
+  std::uint64_t commits_ VEXA_GUARDED_BY(mutex_) = 0;  // of this process
+  mutable std::chrono::steady_clock::time_point next_probe_ VEXA_GUARDED_BY(mutex_);
   mutable std::atomic<Health> health_{Health::kReady};
 };
 

@@ -1,5 +1,7 @@
 #include "host/store/lmdb_snapshot.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -11,8 +13,8 @@
 namespace vexa::store {
 namespace {
 
-Error Damaged(std::string_view what) {
-  return Error(ErrorCode::kCorrupt, "The store holds " + std::string(what) + " that cannot be understood");
+Error CorruptError(std::string_view what) {
+  return Error(ErrorCode::kCorrupt, fmt::format("The store contains {} that cannot be understood", what));
 }
 
 // 0 when `name` is missing: there has been no commit yet.
@@ -41,9 +43,9 @@ Result<std::optional<ValueView>> LmdbSnapshot::Get(std::string_view key) const {
   MDB_val value{};
   const int code = mdb_get(transaction_.get(), environment_->data(), &name, &value);
   if (code == MDB_NOTFOUND) return std::optional<ValueView>();
-  if (code != 0) return LmdbError("Cannot read '" + std::string(key) + "'", code);
+  if (code != 0) return LmdbError(fmt::format("Cannot read '{}'", key), code);
   const std::optional<ValueView> parsed = ParseValue(ToView(value));
-  if (!parsed) return Damaged("a value");
+  if (!parsed) return CorruptError("a value");
   return parsed;
 }
 
@@ -58,7 +60,7 @@ Result<std::vector<std::string>> LmdbSnapshot::Children(std::string_view prefix)
     const std::size_t end = rest.find('/');
     encoded.emplace_back(rest.substr(0, end));
     if (end == std::string_view::npos) {
-      // "a-b" and "a.b" sort between "a" and "a/…", so after a key comes the very next one.
+      // Continue with the next key: "a-b" and "a.b" sort between "a" and "a/…" and must not be skipped.
       code = cursor.Next();
     } else {
       // All keys below "a/" sort before "a0", and nothing else does: '0' follows '/'.
@@ -66,7 +68,7 @@ Result<std::vector<std::string>> LmdbSnapshot::Children(std::string_view prefix)
     }
   }
   if (code != 0 && code != MDB_NOTFOUND) {
-    return LmdbError("Cannot list the children of '" + std::string(prefix) + "'", code);
+    return LmdbError(fmt::format("Cannot list the children of '{}'", prefix), code);
   }
   // For the same reason "a-b" can come before the folder "a", and "a" can appear twice.
   std::sort(encoded.begin(), encoded.end());
@@ -90,32 +92,32 @@ Status LmdbSnapshot::Scan(std::string_view prefix,
   int code = cursor.Seek(base);
   for (; code == 0 && cursor.key().starts_with(base); code = cursor.Next()) {
     const std::optional<ValueView> value = ParseValue(cursor.value());
-    if (!value) return Damaged("a value");
+    if (!value) return CorruptError("a value");
     if (!visit(cursor.key(), *value)) return {};
   }
   if (code == 0 || code == MDB_NOTFOUND) return {};
-  return LmdbError("Cannot read what is below '" + std::string(prefix) + "'", code);
+  return LmdbError(fmt::format("Cannot read the keys below '{}'", prefix), code);
 }
 
 Result<ChangeBatch> LmdbSnapshot::ChangesAfter(Revision from, std::string_view prefix, std::size_t max_changes) const {
   ChangeBatch batch;
   batch.revision = revision_;
-  // A revision in the future was issued by another store, so nothing is known about the time since.
+  // A revision in the future was issued by another store, so the changes since are unknown.
   batch.lost = from < log_start_ || from > revision_;
   if (batch.lost || from == revision_) return batch;
   char first[kNumberBytes];
-  StoreNumber(first, from + 1);
+  StoreBigEndian(first, from + 1);
   LmdbCursor cursor(transaction_.get(), environment_->changes());
   int code = cursor.Seek({first, sizeof first});
   for (; code == 0 && batch.changes.size() < max_changes; code = cursor.Next()) {
-    if (cursor.key().size() != kNumberBytes) return Damaged("a change record");
-    const Revision revision = LoadNumber(cursor.key().data());
+    if (cursor.key().size() != kNumberBytes) return CorruptError("a change record");
+    const Revision revision = LoadBigEndian(cursor.key().data());
     std::string_view record = cursor.value();
     while (const std::optional<EncodedChange> change = DecodeChange(record)) {
       if (!IsAtOrBelow(change->key, prefix)) continue;
       batch.changes.push_back({revision, std::string(change->key), change->kind == ChangeKind::kDelete});
     }
-    if (!record.empty()) return Damaged("a change record");
+    if (!record.empty()) return CorruptError("a change record");
     batch.revision = revision;
   }
   if (code != 0 && code != MDB_NOTFOUND) return LmdbError("Cannot read the change log", code);

@@ -10,7 +10,8 @@
 
 namespace vexa::store {
 
-// Texts are returned without a copy: they are in the memory map, which stays in place while the snapshot exists.
+// Values are returned without a copy: they are in the memory map, which stays mapped while the snapshot exists.
+// Threads: one at a time.
 class LmdbSnapshot final : public Snapshot {
  public:
   // `environment` stays alive as long as the snapshot. Errors: those of LmdbEnvironment::BeginRead, kCorrupt.

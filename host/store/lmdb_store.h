@@ -8,10 +8,10 @@
 
 namespace vexa::store {
 
-// How to detect that the files of an open store are gone; see store_place.h.
-enum class PlaceCheck {
-  kPath,  // another file, or none, is in their place
-  kFile,  // also a file that cannot be read within 1.5 s: for stores with a fallback to read from
+// What StoreFileCheck (store_file_check.h) checks while a store is open.
+enum class FileCheckMode {
+  kPath,  // the path leads to the file that was opened
+  kFile,  // also, the file can be read within 1.5 s: for stores with a copy to fall back to
 };
 
 // The size of the memory map, and so the most that a store can hold. LMDB's documentation (lmdb.h,
@@ -19,7 +19,8 @@ enum class PlaceCheck {
 // The map costs address space only: its file is as long as what was written, pages take memory when they are touched,
 // and a container counts those, not the map. 64 GiB are more than ten times what the records of 100,000 guests take,
 // and small beside the 128 TiB of a process on amd64 and the 256 TiB on arm64; a few stores still fit into what a
-// thread sanitizer leaves of it. Only a limit on the address space (`ulimit -v`, LimitAS=) can be in the way.
+// thread sanitizer leaves of the address space. Only a limit on the address space (`ulimit -v`, LimitAS=) can be in the
+// way.
 inline constexpr std::size_t kStoreMapBytes = std::size_t{64} << 30;
 static_assert(sizeof(std::size_t) == 8, "A 32-bit process has no address space for the map of a store");
 
@@ -27,15 +28,15 @@ struct LmdbOptions {
   std::string directory;                    // created (0700) when missing; its files are 0600
   std::size_t map_bytes = kStoreMapBytes;   // a multiple of the page size; a file that is larger is mapped as a whole
   std::size_t change_log_length = 100'000;  // commits that a watch can look back on
-  PlaceCheck place_check = PlaceCheck::kFile;
+  FileCheckMode file_check_mode = FileCheckMode::kFile;
 };
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind. One
 // environment per folder and process: opening a folder that this process already has open returns the same store, with
 // its original options. A process forks only while it has no store open, or to exec another program.
-// Errors: kCorrupt (not a store of ours, or a damaged head; deeper damage is found when it is read), kDenied,
+// Errors: kCorrupt (not a store of ours, or a damaged header; deeper damage is found when it is read), kDenied,
 // kNoSpace (the disk is full, or the map does not fit into the address space), kInvalid (no folder given), kConflict (a
-// file is in the folder's place), kInternal.
+// file has the folder's name), kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 
 }  // namespace vexa::store

@@ -9,21 +9,23 @@
 #include "host/store/lmdb_format.h"
 #include "host/store/lmdb_keyspace.h"
 
+#include <fmt/format.h>
+
 namespace vexa::store {
 namespace {
 
-bool HasPossibleSize(const Operation& operation) {
+bool HasStorableSize(const Operation& operation) {
   constexpr std::size_t kMaxTextBytes = std::numeric_limits<std::uint32_t>::max() - kNumberBytes;
   return !operation.key.empty() && operation.key.size() <= kMaxKeyBytes &&
          (!operation.text || operation.text->size() <= kMaxTextBytes);
 }
 
 // For each key, the position of its last operation.
-std::unordered_map<std::string_view, std::size_t> LastPlaces(std::span<const Operation> operations) {
-  std::unordered_map<std::string_view, std::size_t> places;
-  places.reserve(operations.size());
-  for (std::size_t i = 0; i < operations.size(); ++i) places[operations[i].key] = i;
-  return places;
+std::unordered_map<std::string_view, std::size_t> LastOperationByKey(std::span<const Operation> operations) {
+  std::unordered_map<std::string_view, std::size_t> positions;
+  positions.reserve(operations.size());
+  for (std::size_t i = 0; i < operations.size(); ++i) positions[operations[i].key] = i;
+  return positions;
 }
 
 }  // namespace
@@ -47,23 +49,22 @@ Result<Revision> KeyspaceWriter::RevisionOf(std::string_view key) {
   const std::optional<ValueView> parsed = code == 0 ? ParseValue(ToView(value)) : std::nullopt;
   if (parsed) return parsed->revision;
   if (code == 0) code = MDB_CORRUPTED;
-  return Fail("Cannot read '" + std::string(key) + "'", code).error();
+  return Fail(fmt::format("Cannot read '{}'", key), code).error();
 }
 
 Status KeyspaceWriter::Apply(Revision revision, std::span<const Operation> operations) {
   if (revision <= revision_) {
-    return Error(ErrorCode::kInvalid,
-                 "Revision " + std::to_string(revision) + " does not follow revision " + std::to_string(revision_));
+    return Error(ErrorCode::kInvalid, fmt::format("Revision {} does not follow revision {}", revision, revision_));
   }
   for (const Operation& operation : operations) {
-    if (!HasPossibleSize(operation))
+    if (!HasStorableSize(operation))
       return Error(ErrorCode::kInvalid, "A key or value has a size that cannot be stored");
   }
-  const auto last_places = LastPlaces(operations);
+  const auto last_operations = LastOperationByKey(operations);
   std::string record;
   int code = 0;
   for (std::size_t i = 0; code == 0 && i < operations.size(); ++i) {
-    if (last_places.at(operations[i].key) == i) code = ApplyOne(revision, operations[i], record);
+    if (last_operations.at(operations[i].key) == i) code = ApplyOne(revision, operations[i], record);
   }
   if (code == 0) code = LogChanges(revision, record);
   if (code == 0) code = StoreRevision(revision);
@@ -79,11 +80,11 @@ int KeyspaceWriter::ApplyOne(Revision revision, const Operation& operation, std:
     if (code == 0) EncodeChange(record, operation.key, ChangeKind::kDelete);
     return code;
   }
-  MDB_val place{kNumberBytes + operation.text->size(), nullptr};
-  const int code = mdb_put(transaction_, environment_.data(), &name, &place, MDB_RESERVE);
+  MDB_val space{kNumberBytes + operation.text->size(), nullptr};
+  const int code = mdb_put(transaction_, environment_.data(), &name, &space, MDB_RESERVE);
   if (code != 0) return code;
-  char* const out = static_cast<char*>(place.mv_data);
-  StoreNumber(out, revision);
+  char* const out = static_cast<char*>(space.mv_data);
+  StoreBigEndian(out, revision);
   if (!operation.text->empty()) std::memcpy(out + kNumberBytes, operation.text->data(), operation.text->size());
   EncodeChange(record, operation.key, ChangeKind::kPut);
   return 0;
@@ -98,13 +99,13 @@ Status KeyspaceWriter::Copy(std::string_view key, const ValueView& value) {
     const std::optional<ValueView> known = ParseValue(ToView(stored));
     if (known && known->revision == value.revision && known->text == value.text) return {};
   }
-  if (code != 0 && code != MDB_NOTFOUND) return Fail("Cannot read the copy of '" + std::string(key) + "'", code);
-  MDB_val place{kNumberBytes + value.text.size(), nullptr};
-  code = mdb_put(transaction_, environment_.data(), &name, &place, MDB_RESERVE);
-  if (code != 0) return Fail("Cannot write the copy of '" + std::string(key) + "'", code);
+  if (code != 0 && code != MDB_NOTFOUND) return Fail(fmt::format("Cannot read the copy of '{}'", key), code);
+  MDB_val space{kNumberBytes + value.text.size(), nullptr};
+  code = mdb_put(transaction_, environment_.data(), &name, &space, MDB_RESERVE);
+  if (code != 0) return Fail(fmt::format("Cannot write the copy of '{}'", key), code);
   wrote_ = true;
-  char* const out = static_cast<char*>(place.mv_data);
-  StoreNumber(out, value.revision);
+  char* const out = static_cast<char*>(space.mv_data);
+  StoreBigEndian(out, value.revision);
   if (!value.text.empty()) std::memcpy(out + kNumberBytes, value.text.data(), value.text.size());
   return {};
 }
@@ -113,7 +114,7 @@ Status KeyspaceWriter::Remove(std::string_view key) {
   MDB_val name = ToVal(key);
   const int code = mdb_del(transaction_, environment_.data(), &name, nullptr);
   if (code == MDB_NOTFOUND) return {};
-  if (code != 0) return Fail("Cannot remove the copy of '" + std::string(key) + "'", code);
+  if (code != 0) return Fail(fmt::format("Cannot remove the copy of '{}'", key), code);
   wrote_ = true;
   return {};
 }
@@ -144,7 +145,7 @@ Status KeyspaceWriter::SetRevision(Revision revision) {
 
 int KeyspaceWriter::LogChanges(Revision revision, const std::string& record) {
   char number[kNumberBytes];
-  StoreNumber(number, revision);
+  StoreBigEndian(number, revision);
   MDB_val key{sizeof number, number};
   MDB_val value = ToVal(record);
   const int code = mdb_put(transaction_, environment_.changes(), &key, &value, MDB_APPEND);
@@ -161,7 +162,7 @@ int KeyspaceWriter::PruneLog() {
     code = cursor.First();
     if (code == 0 && cursor.key().size() != kNumberBytes) code = MDB_CORRUPTED;
     if (code != 0) return code;
-    pruned = LoadNumber(cursor.key().data());
+    pruned = LoadBigEndian(cursor.key().data());
     code = cursor.Delete();
     if (code != 0) return code;
   }

@@ -21,47 +21,48 @@ void MapGate::Pass::Leave() {
 
 MapGate::Pass MapGate::Enter() {
   const std::thread::id self = std::this_thread::get_id();
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return !closed_ && (closing_ == 0 || inside_.contains(self)); });
-  ++inside_[self];
+  const MutexLock lock(mutex_);
+  while (closed_ || (closing_ > 0 && !passes_by_thread_.contains(self))) changed_.Wait(mutex_);
+  ++passes_by_thread_[self];
   return Pass(this, self);
 }
 
-bool MapGate::ThisThreadIsInside() {
-  const std::lock_guard lock(mutex_);
-  return inside_.contains(std::this_thread::get_id());
+bool MapGate::IsHeldByThisThread() {
+  const MutexLock lock(mutex_);
+  return passes_by_thread_.contains(std::this_thread::get_id());
 }
 
 void MapGate::Leave(std::thread::id holder) {
-  const std::lock_guard lock(mutex_);
-  const auto found = inside_.find(holder);
+  const MutexLock lock(mutex_);
+  const auto found = passes_by_thread_.find(holder);
   if (--found->second > 0) return;
-  inside_.erase(found);
-  if (inside_.empty()) changed_.notify_all();
+  passes_by_thread_.erase(found);
+  if (passes_by_thread_.empty()) changed_.NotifyAll();
 }
 
-bool MapGate::Close(std::chrono::milliseconds patience) {
-  const auto alone = [&] { return !closed_ && inside_.empty(); };
-  std::unique_lock lock(mutex_);
-  const bool waits_for_itself = inside_.contains(std::this_thread::get_id());
-  if (!alone() && !waits_for_itself && patience.count() > 0) {
+bool MapGate::Close(std::chrono::milliseconds timeout) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  const MutexLock lock(mutex_);
+  const bool waits_for_itself = passes_by_thread_.contains(std::this_thread::get_id());
+  if (!IsFree() && !waits_for_itself && timeout.count() > 0) {
     ++closing_;
-    changed_.wait_for(lock, patience, alone);
+    while (!IsFree() && changed_.WaitUntil(mutex_, end)) {
+    }
     --closing_;
   }
-  const bool won = alone();
-  if (won) {
+  const bool has_exclusive_access = IsFree();
+  if (has_exclusive_access) {
     closed_ = true;
   } else {
-    changed_.notify_all();  // the threads that were held back
+    changed_.NotifyAll();  // the threads that were held back
   }
-  return won;
+  return has_exclusive_access;
 }
 
-void MapGate::OpenAgain() {
-  const std::lock_guard lock(mutex_);
+void MapGate::Reopen() {
+  const MutexLock lock(mutex_);
   closed_ = false;
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 }  // namespace vexa::store

@@ -1,22 +1,22 @@
-// Controls who may use the memory map of a store, and who may replace it.
+// Lets many threads use the memory map of a store, or one thread replace it.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
+
+#include "host/base/mutex.h"
 
 namespace vexa::store {
 
 // Many users of the map, or one thread that replaces it. A waiting replacement holds new users back, so that a stream
 // of short users cannot starve it; but it never holds back a thread that is already inside, which would then wait for
-// itself. Every wait for the replacement is bounded, so a user that waits for another thread's commit delays it but
-// cannot block it.
+// itself. Every wait for the replacement is bounded, so a user that waits for another thread's commit delays the
+// replacement but cannot block it.
 // Threads: any, at the same time.
 class MapGate {
  public:
-  // The right to use the map. Returned when destroyed, on any thread.
+  // The right to use the map, until it is destroyed. That may happen on another thread.
   class Pass {
    public:
     Pass() = default;
@@ -34,22 +34,23 @@ class MapGate {
 
   Pass Enter();
 
-  // Whether a pass that this thread obtained is still in use, wherever it is now.
-  bool ThisThreadIsInside();
+  // Whether a pass that this thread entered with still exists, even if another thread has it now.
+  bool IsHeldByThisThread();
 
-  // Waits up to `patience` until no thread is inside. True: the caller has the map to itself until OpenAgain(). Does
+  // Waits up to `timeout` until no thread is inside. True: the caller has the map to itself until Reopen(). Does
   // not wait when the calling thread itself is inside.
-  bool Close(std::chrono::milliseconds patience);
-  void OpenAgain();
+  bool Close(std::chrono::milliseconds timeout);
+  void Reopen();
 
  private:
   void Leave(std::thread::id holder);
+  bool IsFree() const VEXA_REQUIRES(mutex_) { return !closed_ && passes_by_thread_.empty(); }
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::unordered_map<std::thread::id, int> inside_;  // passes per thread that entered
-  int closing_ = 0;                                  // callers that wait in Close()
-  bool closed_ = false;
+  Mutex mutex_;
+  ConditionVariable changed_;
+  std::unordered_map<std::thread::id, int> passes_by_thread_ VEXA_GUARDED_BY(mutex_);  // by the thread that entered
+  int closing_ VEXA_GUARDED_BY(mutex_) = 0;                                            // threads that wait in Close()
+  bool closed_ VEXA_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace vexa::store

@@ -1,5 +1,6 @@
 #include "host/store/mirrored_store.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -17,8 +18,8 @@ using std::chrono::milliseconds;
 constexpr const char* kDataFile = "/data.mdb";
 constexpr const char* kLockFile = "/lock.mdb";
 constexpr milliseconds kWatchTimeout{500};
-constexpr milliseconds kRepeatNoticeAfter{1000};
-constexpr milliseconds kCopyRetry{5000};  // after the copy could not be written
+constexpr milliseconds kRepeatReportAfter{1000};
+constexpr milliseconds kCopyRetryInterval{5000};  // after the copy could not be written
 // Above this many changed keys, or bytes, everything is compared instead, which keeps none of it in memory.
 constexpr std::size_t kMaxChangedKeys = 100'000;
 constexpr std::size_t kMaxChangedBytes = std::size_t{64} << 20;
@@ -35,7 +36,7 @@ Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   options.directory = directory;
   auto opened = LmdbKeyspace::Open(options);
   if (opened.ok() || opened.error().code() != ErrorCode::kCorrupt || !Exists(directory + kDataFile)) return opened;
-  ::syslog(LOG_WARNING, "The copy of the cluster database is damaged and is made again: %s",
+  ::syslog(LOG_WARNING, "The copy of the cluster database is damaged and is being rebuilt: %s",
            opened.error().ToString().c_str());
   ::unlink((directory + kDataFile).c_str());
   ::unlink((directory + kLockFile).c_str());
@@ -65,143 +66,147 @@ MirroredStore::MirroredStore(std::shared_ptr<Store> primary, std::unique_ptr<Lmd
 
 MirroredStore::~MirroredStore() {
   {
-    const std::lock_guard lock(mutex_);
-    ends_ = true;
-    wake_.notify_all();
+    const MutexLock lock(mutex_);
+    stopping_ = true;
+    wake_.NotifyAll();
   }
   if (thread_.joinable()) thread_.join();
 }
 
 Result<std::unique_ptr<Snapshot>> MirroredStore::Read() const {
-  if (!serving_.load(std::memory_order_acquire)) {
+  if (!serving_from_copy_.load(std::memory_order_acquire)) {
     auto snapshot = primary_->Read();
     // Too many snapshots are not a fault of the primary.
     if (snapshot.ok() || snapshot.error().code() == ErrorCode::kBusy) return snapshot;
-    TakeOver(snapshot.error());
-    if (mirrored_ == 0) return snapshot;
+    SwitchToCopy(snapshot.error());
+    if (mirrored_revision_ == 0) return snapshot;
   }
-  if (mirrored_ != 0) return copy_->Read();
-  if (const auto failure = Failure()) return *failure;
+  if (mirrored_revision_ != 0) return copy_->Read();
+  if (const auto failure = PrimaryFailure()) return *failure;
   return primary_->Read();
 }
 
 Result<Revision> MirroredStore::Commit(const Transaction& transaction) {
-  if (const auto failure = Failure()) return *failure;
+  if (const auto failure = PrimaryFailure()) return *failure;
   return primary_->Commit(transaction);
 }
 
 Result<ChangeBatch> MirroredStore::Watch(std::string_view prefix, Revision from, milliseconds timeout) {
-  if (const auto failure = Failure()) return *failure;
+  if (const auto failure = PrimaryFailure()) return *failure;
   return primary_->Watch(prefix, from, timeout);
 }
 
 Health MirroredStore::health() const {
-  if (serving_.load(std::memory_order_acquire)) return Health::kInaccessible;
+  if (serving_from_copy_.load(std::memory_order_acquire)) return Health::kInaccessible;
   const Health health = primary_->health();
   if (health == Health::kInaccessible) {
     const auto snapshot = primary_->Read();
-    TakeOver(snapshot.ok() ? Error(ErrorCode::kUnavailable, "The cluster database says that it cannot be read")
-                           : snapshot.error());
+    SwitchToCopy(snapshot.ok() ? Error(ErrorCode::kUnavailable, "The cluster database reports that it cannot be read")
+                               : snapshot.error());
   }
   return health;
 }
 
-// Why the primary is not used.
-std::optional<Error> MirroredStore::Failure() const {
-  if (!serving_.load(std::memory_order_acquire)) return std::nullopt;
-  const std::lock_guard lock(mutex_);
-  return failure_;
+std::optional<Error> MirroredStore::PrimaryFailure() const {
+  if (!serving_from_copy_.load(std::memory_order_acquire)) return std::nullopt;
+  const MutexLock lock(mutex_);
+  return primary_failure_;
 }
 
-void MirroredStore::TakeOver(const Error& error) const {
-  const std::lock_guard lock(mutex_);
-  if (serving_) return;
-  failure_ = Error(error.code(), "The cluster database cannot be reached", error.ToString());
-  serving_.store(true, std::memory_order_release);
-  wake_.notify_all();
+void MirroredStore::SwitchToCopy(const Error& error) const {
+  const MutexLock lock(mutex_);
+  if (serving_from_copy_) return;
+  primary_failure_ = Error(error.code(), "The cluster database cannot be reached", error.ToString());
+  serving_from_copy_.store(true, std::memory_order_release);
+  wake_.NotifyAll();
 }
 
-void MirroredStore::GiveBackWhenWell() {
+void MirroredStore::SwitchBackWhenHealthy() {
   if (primary_->health() == Health::kInaccessible || !primary_->Read().ok()) return;
-  const std::lock_guard lock(mutex_);
-  serving_.store(false, std::memory_order_release);
-  failure_.reset();
+  const MutexLock lock(mutex_);
+  serving_from_copy_.store(false, std::memory_order_release);
+  primary_failure_.reset();
 }
 
-// On the mirror's thread, so that no reader waits for it.
-void MirroredStore::TellChange() {
-  const std::optional<Error> failure = Failure();
+// Logs a switch to the copy or back, and calls on_change. On the mirror's thread, so that no reader waits for it.
+void MirroredStore::ReportSwitch() {
+  const std::optional<Error> failure = PrimaryFailure();
   const auto now = std::chrono::steady_clock::now();
-  if (failure.has_value() == told_serving_) {
-    if (tell_again_ && now >= *tell_again_) {
-      tell_again_.reset();
+  if (failure.has_value() == reported_copy_in_use_) {
+    if (repeat_report_at_ && now >= *repeat_report_at_) {
+      repeat_report_at_.reset();
       if (options_.on_change) options_.on_change();
     }
     return;
   }
-  told_serving_ = failure.has_value();
-  tell_again_ = now + kRepeatNoticeAfter;
+  reported_copy_in_use_ = failure.has_value();
+  repeat_report_at_ = now + kRepeatReportAfter;
   if (failure) {
-    ::syslog(LOG_ERR, "%s. This host shows what it knew last (revision %llu); nothing can be changed until it is back.",
-             failure->ToString().c_str(), static_cast<unsigned long long>(mirrored_.load()));
+    ::syslog(
+        LOG_ERR,
+        "%s. This host shows its last known state (revision %llu). Changes are refused until the database is back.",
+        failure->ToString().c_str(), static_cast<unsigned long long>(mirrored_revision_.load()));
   } else {
     ::syslog(LOG_NOTICE, "The cluster database can be reached again.");
   }
   if (options_.on_change) options_.on_change();
 }
 
-// False: the thread must end.
-bool MirroredStore::Pause(milliseconds pause) {
-  std::unique_lock lock(mutex_);
-  const bool was_serving = serving_;
-  wake_.wait_for(lock, pause, [&] { return ends_ || serving_ != was_serving; });
-  return !ends_;
+// Wakes early when reads switch to the copy or back. False: the thread must end.
+bool MirroredStore::Sleep(milliseconds pause) {
+  const auto end = std::chrono::steady_clock::now() + pause;
+  const MutexLock lock(mutex_);
+  const bool was_serving = serving_from_copy_;
+  while (!stopping_ && serving_from_copy_ == was_serving && wake_.WaitUntil(mutex_, end)) {
+  }
+  return !stopping_;
 }
 
 void MirroredStore::Run() {
   milliseconds pause{0};
-  while (Pause(pause)) {
-    pause = options_.retry;
+  while (Sleep(pause)) {
+    pause = options_.retry_interval;
     try {
-      TellChange();
-      if (serving_) {
-        GiveBackWhenWell();
-        TellChange();
+      ReportSwitch();
+      if (serving_from_copy_) {
+        SwitchBackWhenHealthy();
+        ReportSwitch();
         continue;
       }
       static_cast<void>(health());
-      TellChange();
-      if (serving_) continue;
-      const Status followed = Follow();
-      NoteOutcome(followed);
-      pause = followed.ok() ? options_.gather : kCopyRetry;
+      ReportSwitch();
+      if (serving_from_copy_) continue;
+      const Status updated = UpdateCopy();
+      LogCopyOutcome(updated);
+      pause = updated.ok() ? options_.batch_delay : kCopyRetryInterval;
     } catch (const std::exception& exception) {
       ::syslog(LOG_ERR, "The copy of the cluster database was not written: %s", exception.what());
-      pause = kCopyRetry;
+      pause = kCopyRetryInterval;
     }
   }
 }
 
-// A failing primary is not a failure here: health() reports it, and so does everything that uses it.
-void MirroredStore::NoteOutcome(const Status& outcome) {
+// Logs when writing the copy starts to fail or works again. A failing primary counts as success here: health()
+// reports it, and so does everything that uses it.
+void MirroredStore::LogCopyOutcome(const Status& outcome) {
   const bool fails = !outcome.ok();
-  if (fails && !copy_fails_) {
+  if (fails && !copy_is_failing_) {
     ::syslog(LOG_ERR, "The copy of the cluster database cannot be written and falls behind: %s",
              outcome.error().ToString().c_str());
-  } else if (!fails && copy_fails_) {
+  } else if (!fails && copy_is_failing_) {
     ::syslog(LOG_NOTICE, "The copy of the cluster database is written again.");
   }
-  copy_fails_ = fails;
+  copy_is_failing_ = fails;
 }
 
 // Brings the copy to the current state of the primary, or waits a little when it is already there.
-Status MirroredStore::Follow() {
-  if (mirrored_ == 0) return CopyAll();
-  const auto batch = primary_->Watch("", mirrored_, tell_again_ ? options_.gather : kWatchTimeout);
+Status MirroredStore::UpdateCopy() {
+  if (mirrored_revision_ == 0) return CopyAll();
+  const auto batch = primary_->Watch("", mirrored_revision_, repeat_report_at_ ? options_.batch_delay : kWatchTimeout);
   if (!batch.ok()) return {};
   if (batch->lost) return CopyAll();
   // Also for commits without relevant operations, because a change log does not reach back forever.
-  return batch->revision == mirrored_ ? Status() : CopyChanged(*batch);
+  return batch->revision == mirrored_revision_ ? Status() : CopyChanged(*batch);
 }
 
 Status MirroredStore::CopyAll() {
@@ -223,13 +228,13 @@ Status MirroredStore::CopyAll() {
     });
     return removed.ok() ? writer.SetRevision(primary.revision()) : removed;
   });
-  if (written.ok()) mirrored_ = primary.revision();
+  if (written.ok()) mirrored_revision_ = primary.revision();
   return written;
 }
 
 // Collects the keys that changed after `from` and up to `until`. False: the log no longer reaches back, or there are
 // too many.
-Result<bool> MirroredStore::GatherKeys(Revision from, Revision until, std::set<std::string>& keys) {
+Result<bool> MirroredStore::CollectChangedKeys(Revision from, Revision until, std::set<std::string>& keys) {
   while (from < until) {
     const auto batch = primary_->Watch("", from, milliseconds(0));
     if (!batch.ok()) return batch.error();
@@ -254,8 +259,8 @@ Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
     const auto snapshot = primary_->Read();
     if (!snapshot.ok()) return {};
     revision = (*snapshot)->revision();
-    const auto gathered = GatherKeys(batch.revision, revision, keys);
-    if (!gathered.ok()) return {};
+    const auto complete = CollectChangedKeys(batch.revision, revision, keys);
+    if (!complete.ok()) return {};
     for (const std::string& key : keys) {
       const auto value = (*snapshot)->Get(key);
       if (!value.ok()) return value.error();
@@ -266,7 +271,7 @@ Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
       bytes += changed.back().text->size();
       if (bytes > kMaxChangedBytes) break;
     }
-    if (!*gathered || bytes > kMaxChangedBytes) revision = 0;
+    if (!*complete || bytes > kMaxChangedBytes) revision = 0;
   }
   if (revision == 0) return CopyAll();
   const Status written = copy_->Update([&](KeyspaceWriter& writer) -> Status {
@@ -277,17 +282,16 @@ Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
     }
     return writer.SetRevision(revision);
   });
-  if (written.ok()) mirrored_ = revision;
+  if (written.ok()) mirrored_revision_ = revision;
   return written;
 }
 
-Status CheckPrimaryIsThere(const std::string& primary_directory, const std::string& mirror_directory) {
+Status CheckPrimaryExists(const std::string& primary_directory, const std::string& mirror_directory) {
   if (Exists(primary_directory + kDataFile) || !Exists(mirror_directory + kDataFile)) return {};
   return Error(ErrorCode::kUnavailable,
-               "The folder '" + primary_directory +
-                   "' holds no database, although this host has used one there: mount it, or move it back. To begin "
-                   "with an empty database, remove the folder '" +
-                   mirror_directory + "'");
+               fmt::format("The folder '{}' does not contain a database, although this host used one there before. "
+                           "Mount it, or move it back. To start with an empty database, remove the folder '{}'",
+                           primary_directory, mirror_directory));
 }
 
 Status CheckPrimaryIsNotOlder(const Store& primary, const std::string& mirror_directory) {
@@ -298,9 +302,9 @@ Status CheckPrimaryIsNotOlder(const Store& primary, const std::string& mirror_di
   const auto now = primary.Read();
   if (!copied.ok() || !now.ok() || (*now)->revision() >= (*copied)->revision()) return {};
   return Error(ErrorCode::kConflict,
-               "The cluster database is older than this host's copy of it: mount the right folder. If the database was "
-               "put back from a backup, or is to begin empty, remove the folder '" +
-                   mirror_directory + "'");
+               fmt::format("The cluster database is older than this host's copy of it. Mount the right folder. If the "
+                           "database was put back from a backup, or is meant to be empty, remove the folder '{}'",
+                           mirror_directory));
 }
 
 }  // namespace vexa::store

@@ -1,75 +1,76 @@
 #include "host/store/open_once.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <tuple>
 
+#include "host/base/mutex.h"
 #include "host/store/lmdb_error.h"
 
 namespace vexa::store {
 namespace {
 
-using Place = std::pair<FolderId, std::type_index>;
+using ObjectId = std::pair<FolderId, std::type_index>;
 
 struct Registry {
-  std::mutex mutex;
-  std::condition_variable changed;
+  Mutex mutex;
+  ConditionVariable changed;
   // Expired while the object is being opened or closed.
-  std::map<Place, std::weak_ptr<void>> objects;
+  std::map<ObjectId, std::weak_ptr<void>> objects VEXA_GUARDED_BY(mutex);
 };
 
 // Never destroyed: stores may outlive static destructors.
-Registry& CurrentRegistry() {
+Registry& GlobalRegistry() {
   static Registry* const registry = new Registry;
   return *registry;
 }
 
-void Forget(const Place& place) {
-  Registry& current = CurrentRegistry();
-  const std::lock_guard lock(current.mutex);
-  current.objects.erase(place);
-  current.changed.notify_all();
+void Unregister(const ObjectId& id) {
+  Registry& registry = GlobalRegistry();
+  const MutexLock lock(registry.mutex);
+  registry.objects.erase(id);
+  registry.changed.NotifyAll();
 }
 
 }  // namespace
 
 Result<FolderId> IdOfFolder(const std::string& directory) {
   struct stat info {};
-  if (::stat(directory.c_str(), &info) != 0) return LmdbError("Cannot use the folder '" + directory + "'", errno);
+  if (::stat(directory.c_str(), &info) != 0)
+    return LmdbError(fmt::format("Cannot use the folder '{}'", directory), errno);
   return FolderId(info.st_dev, info.st_ino);
 }
 
 Result<detail::AnyObject> detail::OpenOnce(const FolderId& folder, std::type_index type,
                                            const std::function<Result<AnyObject>()>& open) {
-  const Place place(folder, type);
-  Registry& current = CurrentRegistry();
+  const ObjectId id(folder, type);
+  Registry& registry = GlobalRegistry();
   {
-    std::unique_lock lock(current.mutex);
+    const MutexLock lock(registry.mutex);
     while (true) {
-      const auto [found, inserted] = current.objects.try_emplace(place);
+      const auto [found, inserted] = registry.objects.try_emplace(id);
       if (inserted) break;
       if (AnyObject object = found->second.lock()) return object;
-      current.changed.wait(lock);
+      registry.changed.Wait(registry.mutex);
     }
   }
   Result<AnyObject> opened = open();
   if (!opened.ok()) {
-    Forget(place);
+    Unregister(id);
     return opened.error();
   }
   void* const raw = opened->get();
-  // Closes the object first and frees its place afterwards, so that no other thread opens the folder in between.
-  AnyObject shared(raw, [owned = std::move(opened.value()), place](void*) mutable {
+  // Closes the object first and unregisters it afterwards, so that no other thread opens the folder in between.
+  AnyObject shared(raw, [owned = std::move(opened.value()), id](void*) mutable {
     owned.reset();
-    Forget(place);
+    Unregister(id);
   });
-  const std::lock_guard lock(current.mutex);
-  current.objects[place] = shared;
-  current.changed.notify_all();
+  const MutexLock lock(registry.mutex);
+  registry.objects[id] = shared;
+  registry.changed.NotifyAll();
   return shared;
 }
 

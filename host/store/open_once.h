@@ -1,4 +1,4 @@
-// One object per folder and process, shared by all that open the folder.
+// One object per type, folder and process, shared by all that open the folder.
 #pragma once
 
 #include <sys/types.h>

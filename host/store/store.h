@@ -19,13 +19,13 @@ namespace vexa::store {
 
 using Revision = std::uint64_t;
 
-// A value inside a snapshot. The text is valid until the snapshot is destroyed.
+// A value inside a snapshot. `text` is JSON and is valid until the snapshot is destroyed.
 struct ValueView {
   Revision revision = 0;
   std::string_view text;
 };
 
-// One consistent state of the whole store. Keep it short: while it exists, the store cannot reuse space, or be
+// One consistent state of the whole store. Keep it only briefly: while it exists, the store cannot reuse space, or be
 // reopened after a failed write. Release it before a commit: a commit by a thread that holds a snapshot cannot share
 // the disk's sync with others. Threads: one at a time.
 class Snapshot {
@@ -35,7 +35,7 @@ class Snapshot {
   // The revision of the last commit that this snapshot contains.
   virtual Revision revision() const = 0;
 
-  // The value of `key`. An empty optional when absent, also for a key that can never exist (empty, too long).
+  // The value of `key`. Not set when absent, also for a key that can never exist (empty, too long).
   virtual Result<std::optional<ValueView>> Get(std::string_view key) const = 0;
 
   // The distinct next path segments below `prefix`, decoded, in byte order of their encoded form. `prefix` is a path
@@ -89,18 +89,18 @@ class Store {
   virtual Result<std::unique_ptr<Snapshot>> Read() const = 0;
 
   // Commits all operations or none, durably, and returns the revision that wrote them.
-  // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsKey(), or a text above 256
-  // MiB), kNoSpace (the disk or the store is full; nothing changed), kDenied, kUnavailable, kCorrupt, kInternal. A
+  // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsValidKey(), or a text above
+  // 256 MiB), kNoSpace (the disk or the store is full; nothing changed), kDenied, kUnavailable, kCorrupt, kInternal. A
   // transaction without operations checks its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
   // The changes after `from` at or below `prefix`. Waits up to `timeout` for the first one, then returns an empty
-  // batch. Commits of other processes are seen as well, within 100 ms. Very many changes come in several batches.
+  // batch. Commits of other processes are seen as well, within 100 ms. Many changes come in several batches.
   virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
 
   // The result of the last accesses: kReadOnly after a failed commit, kInaccessible after a failed read or while the
-  // store is not where it was opened; kReady again once a commit works. While it is not kReady, this call may write a
-  // little as a probe, at most once a second.
+  // store's file is missing or replaced; kReady again once a commit works. While it is not kReady, this call may write
+  // a little as a probe, at most once a second.
   virtual Health health() const = 0;
 };
 

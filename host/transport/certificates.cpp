@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "host/transport/host_name.h"
+#include "host/transport/host_id_form.h"
 
 namespace vexa::transport {
 namespace {
@@ -38,7 +38,7 @@ struct Extension {
   std::string value;
 };
 
-Error Failed(const char* what) {
+Error OpenSslError(const char* what) {
   char text[256] = "no reason given";
   if (const unsigned long code = ERR_get_error(); code != 0) ERR_error_string_n(code, text, sizeof text);
   ERR_clear_error();
@@ -63,8 +63,8 @@ bool SetSerial(X509* certificate) {
          BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)) != nullptr;
 }
 
-// Not beyond the end of `issuer`, when there is one.
-bool SetTimes(X509* certificate, const X509* issuer) {
+// The validity ends no later than that of `issuer`; null: none.
+bool SetValidity(X509* certificate, const X509* issuer) {
   const long lifetime = static_cast<long>(std::chrono::seconds(kCertificateLifetime).count());
   if (!X509_gmtime_adj(X509_getm_notBefore(certificate), -kClockSkewS)) return false;
   if (!X509_gmtime_adj(X509_getm_notAfter(certificate), lifetime)) return false;
@@ -96,20 +96,20 @@ Result<Credentials> Make(const std::string& common_name, const Parsed* issuer,
   ERR_clear_error();
   const Owned<EVP_PKEY> key(EVP_EC_gen("P-256"));
   const Owned<X509> certificate(X509_new());
-  if (!key || !certificate) return Failed("Cannot make a key");
+  if (!key || !certificate) return OpenSslError("Cannot make a key");
   X509* const signer = issuer ? issuer->certificate.get() : certificate.get();
-  const bool made = X509_set_version(certificate.get(), X509_VERSION_3) == 1 && SetSerial(certificate.get()) &&
-                    SetTimes(certificate.get(), issuer ? signer : nullptr) && SetName(certificate.get(), common_name) &&
-                    X509_set_issuer_name(certificate.get(), X509_get_subject_name(signer)) == 1 &&
-                    X509_set_pubkey(certificate.get(), key.get()) == 1 &&
-                    AddExtensions(certificate.get(), signer, extensions) &&
-                    X509_sign(certificate.get(), issuer ? issuer->key.get() : key.get(), EVP_sha256()) > 0;
-  if (!made) return Failed("Cannot make a certificate");
+  const bool made =
+      X509_set_version(certificate.get(), X509_VERSION_3) == 1 && SetSerial(certificate.get()) &&
+      SetValidity(certificate.get(), issuer ? signer : nullptr) && SetName(certificate.get(), common_name) &&
+      X509_set_issuer_name(certificate.get(), X509_get_subject_name(signer)) == 1 &&
+      X509_set_pubkey(certificate.get(), key.get()) == 1 && AddExtensions(certificate.get(), signer, extensions) &&
+      X509_sign(certificate.get(), issuer ? issuer->key.get() : key.get(), EVP_sha256()) > 0;
+  if (!made) return OpenSslError("Cannot make a certificate");
   const Owned<BIO> certificate_text(BIO_new(BIO_s_mem()));
   const Owned<BIO> key_text(BIO_new(BIO_s_secmem()));
   if (!certificate_text || !key_text || PEM_write_bio_X509(certificate_text.get(), certificate.get()) != 1 ||
       PEM_write_bio_PKCS8PrivateKey(key_text.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-    return Failed("Cannot write a certificate");
+    return OpenSslError("Cannot write a certificate");
   }
   return Credentials{TextOf(certificate_text.get()), TextOf(key_text.get())};
 }
@@ -121,13 +121,13 @@ Result<Parsed> ParseAuthority(const Credentials& authority) {
   };
   Parsed parsed{Owned<X509>(PEM_read_bio_X509(BioOf(authority.certificate).get(), nullptr, &NoPassword, nullptr)),
                 Owned<EVP_PKEY>(PEM_read_bio_PrivateKey(BioOf(authority.key).get(), nullptr, &NoPassword, nullptr))};
-  if (!parsed.certificate) return refuse("its certificate cannot be understood");
-  if (!parsed.key) return refuse("its key cannot be understood");
+  if (!parsed.certificate) return refuse("its certificate cannot be parsed");
+  if (!parsed.key) return refuse("its key cannot be parsed");
   if (X509_check_private_key(parsed.certificate.get(), parsed.key.get()) != 1) {
-    return refuse("its key and certificate do not belong together");
+    return refuse("its key and certificate do not match");
   }
   if (X509_check_ca(parsed.certificate.get()) != 1) return refuse("its certificate is not that of an authority");
-  if (X509_cmp_current_time(X509_get0_notAfter(parsed.certificate.get())) <= 0) return refuse("it has ended");
+  if (X509_cmp_current_time(X509_get0_notAfter(parsed.certificate.get())) <= 0) return refuse("it has expired");
   return parsed;
 }
 
@@ -142,7 +142,8 @@ Result<Credentials> MakeAuthority() {
 
 Result<Credentials> MakeHostCredentials(const Credentials& authority, const std::string& host_id) {
   if (!IsHostId(host_id)) {
-    return Error(ErrorCode::kInvalid, "A host's id has letters, digits and inner hyphens, 63 at most; a UUID for one");
+    return Error(ErrorCode::kInvalid,
+                 "A host id consists of at most 63 letters, digits and inner hyphens, such as a UUID");
   }
   const Result<Parsed> issuer = ParseAuthority(authority);
   if (!issuer) return issuer.error();

@@ -11,7 +11,7 @@
 namespace vexa::transport {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestWait{60'000};
+constexpr std::chrono::milliseconds kMaxWait{60'000};
 
 std::uint32_t EventsFor(int wanted) {
   std::uint32_t events = 0;
@@ -35,7 +35,7 @@ CurlLoop::CurlLoop()
     : multi_(curl_multi_init()),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (!IsWhole()) return;
+  if (!IsValid()) return;
   epoll_event woken{};
   woken.events = EPOLLIN;
   woken.data.fd = wake_;
@@ -77,8 +77,7 @@ int CurlLoop::OnTimer(CURLM*, long timeout_ms, void* self) {
   return 0;
 }
 
-// libcurl reports this before it closes a socket, so that no descriptor number is watched that now means another
-// socket.
+// libcurl reports this before it closes a socket, so a reused descriptor number is never watched by mistake.
 int CurlLoop::Watch(curl_socket_t socket, int wanted, bool is_known) {
   if (wanted == CURL_POLL_REMOVE) {
     ::epoll_ctl(epoll_, EPOLL_CTL_DEL, socket, nullptr);
@@ -95,9 +94,9 @@ int CurlLoop::Watch(curl_socket_t socket, int wanted, bool is_known) {
 }
 
 int CurlLoop::TimeoutMs() const {
-  if (!due_) return static_cast<int>(kLongestWait.count());
+  if (!due_) return static_cast<int>(kMaxWait.count());
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due_ - Clock::now());
-  return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), kLongestWait).count());
+  return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), kMaxWait).count());
 }
 
 bool CurlLoop::Act(const epoll_event& event) {
@@ -109,7 +108,7 @@ bool CurlLoop::Act(const epoll_event& event) {
   return curl_multi_socket_action(multi_, event.data.fd, SelectBits(event.events), &running) == CURLM_OK;
 }
 
-bool CurlLoop::Turn() {
+bool CurlLoop::RunOnce() {
   const int count = ::epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), TimeoutMs());
   if (count < 0) return errno == EINTR;
   bool is_well = true;

@@ -9,23 +9,23 @@
 #include <chrono>
 #include <optional>
 
+#include "host/base/not_copyable.h"
+
 namespace vexa::transport {
 
 // Threads: one, except for Wake().
-class CurlLoop {
+class CurlLoop : private NotCopyable {
  public:
   CurlLoop();
   ~CurlLoop();
-  CurlLoop(const CurlLoop&) = delete;
-  CurlLoop& operator=(const CurlLoop&) = delete;
 
-  // False: memory or descriptors were short, and no other function may be called.
-  bool IsWhole() const { return multi_ != nullptr && epoll_ >= 0 && wake_ >= 0; }
+  // False: memory or descriptors ran out, and no other function may be called.
+  bool IsValid() const { return multi_ != nullptr && epoll_ >= 0 && wake_ >= 0; }
   CURLM* multi() const { return multi_; }
 
   // Waits until a socket is ready, a timer expires or Wake() is called, and lets libcurl act. False: waiting or acting
   // failed.
-  bool Turn();
+  bool RunOnce();
   // Ends the current wait, or the next one. Any thread.
   void Wake();
 
@@ -41,7 +41,7 @@ class CurlLoop {
   CURLM* multi_ = nullptr;
   int epoll_ = -1;
   int wake_ = -1;
-  std::optional<Clock::time_point> due_;  // when libcurl wants to act, whatever the sockets do
+  std::optional<Clock::time_point> due_;  // when libcurl's timer expires
   std::array<epoll_event, 64> events_{};
 };
 

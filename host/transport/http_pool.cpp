@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "host/base/background_thread.h"
+#include "host/base/mutex.h"
 #include "host/transport/curl_loop.h"
 #include "host/transport/http_transfer.h"
 
@@ -24,10 +24,10 @@ constexpr std::chrono::milliseconds kPauseAfterFault{50};
 
 using Transfers = std::vector<std::unique_ptr<HttpTransfer>>;
 
-// Not joinable when the system has no thread to give.
+// Not joinable when the system cannot start another thread.
 std::thread TryStart(const std::function<void()>& body) {
   try {
-    return StartWithoutSignals(body);
+    return StartThreadBlockingSignals(body);
   } catch (const std::system_error&) {
     return {};
   }
@@ -41,7 +41,7 @@ class HttpPool::Impl {
     static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (initialised != CURLE_OK) return;
     loop_.emplace();
-    if (!loop_->IsWhole()) {
+    if (!loop_->IsValid()) {
       loop_.reset();
       return;
     }
@@ -54,25 +54,25 @@ class HttpPool::Impl {
   }
 
   void Stop() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     stopping_ = true;
     if (thread_.joinable()) loop_->Wake();
   }
 
   void Start(HttpCall call, Done done) {
     auto transfer = std::make_unique<HttpTransfer>(std::move(call), std::move(done));
-    std::unique_lock lock(mutex_);
+    ReleasableMutexLock lock(mutex_);
     if (loop_ && !stopping_ && !thread_.joinable()) {
       thread_ = TryStart([this] { Run(); });
     }
     const bool stopping = stopping_;
     if (stopping || !thread_.joinable()) {
-      lock.unlock();
+      lock.Unlock();
       return transfer->Fail(stopping ? "this host is stopping" : "this host cannot start a thread");
     }
     const bool first = queue_.empty();
     queue_.push_back(std::move(transfer));
-    lock.unlock();
+    lock.Unlock();
     if (first) loop_->Wake();
   }
 
@@ -80,7 +80,7 @@ class HttpPool::Impl {
   void Run() {
     pthread_setname_np(pthread_self(), "transport");
     while (TakeQueued()) {
-      const bool is_well = loop_->Turn();
+      const bool is_well = loop_->RunOnce();
       FinishDone();
       if (!is_well) std::this_thread::sleep_for(kPauseAfterFault);
     }
@@ -96,7 +96,7 @@ class HttpPool::Impl {
     Transfers taken;
     bool stopping = false;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       taken.swap(queue_);
       stopping = stopping_;
     }
@@ -111,17 +111,17 @@ class HttpPool::Impl {
   }
 
   void Begin(std::unique_ptr<HttpTransfer> transfer) {
-    HttpTransfer& begun = *transfer;
+    HttpTransfer& started = *transfer;
     try {
-      if (!begun.Prepare(tls_ ? &*tls_ : nullptr)) return begun.Fail("it cannot be called");
-      active_.try_emplace(begun.handle());
+      if (!started.Prepare(tls_ ? &*tls_ : nullptr)) return started.Fail("it cannot be called");
+      active_.try_emplace(started.handle());
     } catch (const std::bad_alloc&) {
-      return begun.Fail("no memory for a connection");
+      return started.Fail("no memory for a connection");
     }
-    active_[begun.handle()] = std::move(transfer);
-    if (curl_multi_add_handle(loop_->multi(), begun.handle()) == CURLM_OK) return;
-    begun.Fail("no memory for a connection");
-    active_.erase(begun.handle());
+    active_[started.handle()] = std::move(transfer);
+    if (curl_multi_add_handle(loop_->multi(), started.handle()) == CURLM_OK) return;
+    started.Fail("no memory for a connection");
+    active_.erase(started.handle());
   }
 
   void FinishDone() {
@@ -138,10 +138,10 @@ class HttpPool::Impl {
 
   const std::optional<TlsMaterial> tls_;
   std::optional<CurlLoop> loop_;  // not set: it could not be created
-  std::mutex mutex_;
-  std::thread thread_;                                               // under mutex_
-  Transfers queue_;                                                  // under mutex_
-  bool stopping_ = false;                                            // under mutex_
+  Mutex mutex_;
+  std::thread thread_ VEXA_GUARDED_BY(mutex_);
+  Transfers queue_ VEXA_GUARDED_BY(mutex_);
+  bool stopping_ VEXA_GUARDED_BY(mutex_) = false;
   std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // used by the thread only
 };
 

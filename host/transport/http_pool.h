@@ -16,10 +16,10 @@ namespace vexa::transport {
 inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 
 struct HttpCall {
-  std::string host_id;              // a valid IsHostId; the name in the host's certificate
+  std::string host_id;              // satisfies IsHostId(); the name in the host's certificate
   std::string address;              // where it listens: a numeric address and a port, "127.0.0.1:8643" or "[::1]:8643"
   std::string path;                 // including the query
-  std::vector<std::string> fields;  // additional header lines, without line ends
+  std::vector<std::string> fields;  // additional header fields, "Name: value" without line ends
   std::shared_ptr<const std::string> body;  // JSON text, not empty
   std::chrono::steady_clock::time_point deadline;
   std::chrono::milliseconds connect_timeout = kConnectTimeout;
@@ -33,7 +33,7 @@ struct HttpOutcome {
   };
   Connection connection = Connection::kNotTried;
   std::string failure;  // why there is no reply; empty when there is one
-  std::string body;     // the reply, whatever its HTTP status
+  std::string body;     // the reply, regardless of its HTTP status
 };
 
 // One thread serves all calls; the first call starts it. Connections are kept for the next call to the same host.

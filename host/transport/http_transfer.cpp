@@ -17,8 +17,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr long kMaxAgeOfIdleS = 120;  // hosts close idle connections after 300 s; none must close just as we send
-constexpr milliseconds kLongest = std::chrono::hours(24 * 7);
+constexpr long kMaxIdleAgeS =
+    120;  // hosts close idle connections after 300 s, which must not happen while a request is sent
+constexpr milliseconds kMaxTimeout = std::chrono::hours(24 * 7);
 
 // A numeric address only: resolving a name would take time and a thread.
 bool IsNumericAddress(const std::string& text) {
@@ -81,17 +82,17 @@ bool HttpTransfer::Prepare(const TlsMaterial* tls) {
   Set(CURLOPT_NOSIGNAL, 1L);
   Set(CURLOPT_USERAGENT, "vexad");
   Set(CURLOPT_ERRORBUFFER, reason_.data());
-  SetTimes(left);
+  SetTimeouts(left);
   SetBody();
   if (tls) SetTls(*tls);
   return true;
 }
 
-void HttpTransfer::SetTimes(milliseconds left) {
-  Set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min(left, kLongest).count()));
+void HttpTransfer::SetTimeouts(milliseconds left) {
+  Set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min(left, kMaxTimeout).count()));
   Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(left, call_.connect_timeout).count()));
-  Set(CURLOPT_MAXAGE_CONN, kMaxAgeOfIdleS);
-  // A call may wait an hour for its reply; a host that loses its power meanwhile sends nothing.
+  Set(CURLOPT_MAXAGE_CONN, kMaxIdleAgeS);
+  // A call may wait an hour for its reply. Keep-alive probes notice a host that loses its power meanwhile.
   Set(CURLOPT_TCP_KEEPALIVE, 1L);
   Set(CURLOPT_TCP_KEEPIDLE, 30L);
   Set(CURLOPT_TCP_KEEPINTVL, 10L);
@@ -138,7 +139,7 @@ void HttpTransfer::Finish(CURLcode code) {
   try {
     if (code != CURLE_OK) outcome_.failure = ReasonOf(code);
   } catch (const std::bad_alloc&) {
-    // No body and no reason: that is not a reply either.
+    // Without a body and a reason, the caller still sees a failed call.
   }
   done_(std::move(outcome_));
 }

@@ -24,8 +24,8 @@ class HttpTransfer {
   bool Prepare(const TlsMaterial* tls);
   CURL* handle() const { return handle_; }
 
-  // Each ends the transfer with the one call of `done`, even when memory runs out. A reason from Prepare takes
-  // precedence over `reason`.
+  // Each ends the transfer and calls `done`, even when memory runs out. Exactly one of them may be called, once. A
+  // reason from Prepare takes precedence over `reason`.
   void Finish(CURLcode code);
   void Fail(const char* reason);
 
@@ -34,7 +34,7 @@ class HttpTransfer {
   void Set(CURLoption option, Value value) {
     curl_easy_setopt(handle_, option, value);
   }
-  void SetTimes(std::chrono::milliseconds left);
+  void SetTimeouts(std::chrono::milliseconds left);
   void SetTls(const TlsMaterial& tls);
   void SetBody();
   std::string ReasonOf(CURLcode code) const;
@@ -52,7 +52,7 @@ class HttpTransfer {
   std::size_t sent_ = 0;
   HttpOutcome outcome_;
   bool too_large_ = false;
-  const char* refusal_ = nullptr;  // why Prepare gave up
+  const char* refusal_ = nullptr;  // why Prepare failed
   std::array<char, CURL_ERROR_SIZE> reason_{};
 };
 

@@ -1,10 +1,12 @@
 #include "host/transport/messages.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
-#include "host/base/error_table.h"
 #include "host/base/json_parse.h"
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 
 namespace vexa::transport {
 namespace {
@@ -28,8 +30,8 @@ std::string Quotable(std::string_view text) {
   return result;
 }
 
-// Every value except the first of its container follows a comma, and the first one an opening bracket. In every valid
-// JSON text, strings end here where they end for the parser.
+// Each value follows a comma or an opening bracket, so these are counted, outside of strings. In every valid JSON text,
+// strings end here where they end for the parser.
 bool HasTooManyValues(std::string_view text) {
   if (text.size() <= kMaxReplyValues) return false;
   std::size_t values = 1;
@@ -51,7 +53,7 @@ bool HasTooManyValues(std::string_view text) {
 
 std::string PathOf(const VexaDRCore::Request& request) {
   if (!IsName(request.api()) || !IsName(request.method())) return {};
-  return "/webapi/" + request.api() + "/" + request.method() + "?version=" + std::to_string(request.version());
+  return fmt::format("/webapi/{}/{}?version={}", request.api(), request.method(), request.version());
 }
 
 std::string BodyOf(const VexaDRCore::Request& request) {
@@ -61,19 +63,19 @@ std::string BodyOf(const VexaDRCore::Request& request) {
 Json::Value FailedReply(std::string_view host_id, std::string_view reason) {
   Json::Value reply(Json::objectValue);
   reply["success"] = false;
-  reply["error"]["code"] = webapi::kErrorUnreachable;
-  reply["error"]["message"] = "No reply from host '" + Quotable(host_id) + "': " + Quotable(reason);
+  reply["error"]["code"] = user_error::kUnreachable;
+  reply["error"]["message"] = fmt::format("No reply from host '{}': {}", Quotable(host_id), Quotable(reason));
   return reply;
 }
 
 Json::Value ParseReply(std::string_view host_id, std::string_view body) {
   if (HasTooManyValues(body)) {
-    return FailedReply(host_id, "it answered with more than " + std::to_string(kMaxReplyValues) + " values");
+    return FailedReply(host_id, fmt::format("its reply has more than {} values", kMaxReplyValues));
   }
   Result<Json::Value> parsed = ParseJson(body);
   // The parser's reason quotes the text, which belongs to the other host and does not concern our caller.
-  if (!parsed) return FailedReply(host_id, "its answer is not JSON, or is nested too deeply");
-  if (!parsed->isObject()) return FailedReply(host_id, "its answer is not a JSON object");
+  if (!parsed) return FailedReply(host_id, "its reply is not JSON, or is nested too deeply");
+  if (!parsed->isObject()) return FailedReply(host_id, "its reply is not a JSON object");
   return std::move(parsed).value();
 }
 

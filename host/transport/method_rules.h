@@ -10,11 +10,11 @@ namespace vexa::transport {
 
 struct MethodRule {
   std::chrono::milliseconds timeout;  // of a request that sets none
-  // Refusable methods are not called at all on a host that is gone according to its signs of life.
-  Breaker::Weight weight = Breaker::Weight::kOrdinary;
+  // Methods with kSkippable are not called at all on a host that is gone according to its heartbeat.
+  Breaker::CallPriority priority = Breaker::CallPriority::kOrdinary;
 };
 
-// A compound request has the longest time-out of its items, and is refusable when all of them are. No method has a
+// A compound request has the longest time-out of its items, and is skippable when all of them are. No method has a
 // longer time-out than `default_timeout`.
 MethodRule RuleOf(const VexaDRCore::Request& request, std::chrono::milliseconds default_timeout);
 

@@ -45,7 +45,7 @@ bool IsRequestId(std::string_view text) {
          std::ranges::all_of(text, [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
-std::vector<std::string> OriginFields(const Origin& origin) {
+std::vector<std::string> OriginHeaders(const Origin& origin) {
   std::vector<std::string> fields;
   const auto add = [&fields](std::string_view name, std::string_view value) {
     fields.emplace_back(name).append(": ").append(value);

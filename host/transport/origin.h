@@ -1,5 +1,5 @@
-// On whose behalf a thread works. Its requests to other hosts carry this, so that they can report who keeps a guest
-// busy, and so that the log lines of one request have the same id on all hosts.
+// The user and the request on whose behalf a thread works. Its requests to other hosts carry both as header fields: the
+// hosts can then report which user keeps a guest busy, and the log lines of one request have the same id on all hosts.
 //
 //   X-Vexa-Acts-For     the acting user's name, percent-encoded where it is not visible ASCII
 //   X-Vexa-Request-Id   the id of the request that this one is part of
@@ -34,9 +34,9 @@ bool IsRequestId(std::string_view text);
 // The header lines for it, without line ends. Invalid values are left out instead of changed, because a changed name
 // would be another user's: an id of another form; a name that is empty, longer than kMaxActingUserBytes, not valid
 // UTF-8, or has control characters.
-std::vector<std::string> OriginFields(const Origin& origin);
+std::vector<std::string> OriginHeaders(const Origin& origin);
 
-// The name in a value of X-Vexa-Acts-For; empty when it could not have come from OriginFields.
+// The name in a value of X-Vexa-Acts-For; empty when it could not have come from OriginHeaders.
 std::string ActingUserOf(std::string_view value);
 
 }  // namespace vexa::transport

@@ -1,5 +1,6 @@
 #include "host/transport/tls_material.h"
 
+#include <fmt/format.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -40,7 +41,7 @@ Certificate ParseCertificate(const std::string& pem) {
 Status Check(const TlsMaterial& material, const TlsFiles& files) {
   const auto refuse = [](const std::string& path, const char* why) {
     ERR_clear_error();
-    return Error(ErrorCode::kInvalid, "Cannot use '" + path + "': " + why);
+    return Error(ErrorCode::kInvalid, fmt::format("Cannot use '{}': {}", path, why));
   };
   const Certificate certificate = ParseCertificate(material.certificate);
   if (!certificate) return refuse(files.certificate, "it does not contain a certificate");
@@ -116,7 +117,7 @@ bool RequireCommonName(void* ssl_context, const std::string& host_id) {
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, &VerifyCallback);
   auto name = std::make_unique<std::string>(host_id);
   if (SSL_CTX_set_ex_data(context, ExpectedNameIndex(), name.get()) != 1) return false;
-  name.release();
+  (void)name.release();  // the context owns it now
   return true;
 }
 

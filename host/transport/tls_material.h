@@ -13,7 +13,7 @@ struct TlsFiles {
   std::string authority;    // PEM; signs the certificates of all hosts
 };
 
-// The files' contents, so that a connection does not read files. The key is wiped at the end.
+// The contents of TlsFiles, read once, so that a new connection does not read files. The destructor wipes the key.
 struct TlsMaterial {
   TlsMaterial() = default;
   ~TlsMaterial();

@@ -1,4 +1,4 @@
-// The basis of the senders: this host's identity, the addresses of the others, and the way to reach them.
+// Sends requests to hosts of the cluster. VexaCCC::Sender and MultiSender (webapi/platform/ccc_senders.h) use it.
 #pragma once
 
 #include <json/value.h>
@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/records/host_life.h"
+#include "host/records/host_liveness.h"
 #include "host/transport/local_call.h"
 #include "host/transport/tls_material.h"
 #include "webapi/platform/dr.h"
@@ -33,11 +33,12 @@ struct TransportOptions {
   LocalCall local_call;
   // "address:port" of another host, numeric; nothing for an unknown host. Runs on the caller's thread.
   std::function<std::optional<std::string>(const std::string& host_id)> find_address;
-  // According to its signs of life. Runs on the caller's thread. Without this function, every host counts as alive.
-  std::function<cluster::HostLife(const std::string& host_id)> life;
+  // Whether the host is alive according to its heartbeat. Runs on the caller's thread. Without this function, every
+  // host counts as alive.
+  std::function<records::HostLiveness(const std::string& host_id)> liveness;
   Remote remote = Remote::kNone;
   TlsFiles tls;
-  // For a request that sets none, of a method that has no shorter one (method_rules.h).
+  // The time-out of a request that sets none, unless the method has a shorter one (method_rules.h).
   std::chrono::milliseconds default_timeout = kDefaultTimeout;
 };
 
@@ -52,7 +53,7 @@ class Transport {
   // Calls all hosts concurrently, on behalf of the calling thread's Origin (origin.h), and returns when each has
   // replied, failed or timed out. The replies are in the order of `host_ids`, which must not contain duplicates. No
   // snapshot of the store is held while waiting.
-  std::vector<Json::Value> Ask(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
+  std::vector<Json::Value> Call(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
 
   // Fails the requests to other hosts that are under way; later ones fail immediately. Does not wait.
   void StopRemote();

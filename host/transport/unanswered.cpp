@@ -3,14 +3,14 @@
 namespace vexa::transport {
 namespace {
 
-thread_local UnansweredScope* innermost = nullptr;
+thread_local FailedHostsScope* innermost = nullptr;
 
 }  // namespace
 
-UnansweredScope::UnansweredScope() : outer_(innermost) { innermost = this; }
-UnansweredScope::~UnansweredScope() { innermost = outer_; }
+FailedHostsScope::FailedHostsScope() : outer_(innermost) { innermost = this; }
+FailedHostsScope::~FailedHostsScope() { innermost = outer_; }
 
-void UnansweredScope::Note(const std::string& host_id) {
+void FailedHostsScope::Add(const std::string& host_id) {
   if (innermost != nullptr) innermost->hosts_.insert(host_id);
 }
 

@@ -1,4 +1,4 @@
-// One cache between threads and processes, of which some are killed.
+// A cache that threads and processes share, some of which are killed.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -23,7 +23,6 @@ namespace vexa::test {
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
@@ -32,7 +31,7 @@ constexpr int kProcesses = 4;
 constexpr auto kDuration = seconds(8);
 
 std::unique_ptr<Process> StartWorker(const std::string& folder, const std::string& command) {
-  // The program lies beside the test.
+  // The program is in the folder of the test.
   const fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / "cache_test_worker";
   ProcessOptions options;
   options.argv = {program.string(), command, folder};
@@ -42,22 +41,22 @@ std::unique_ptr<Process> StartWorker(const std::string& folder, const std::strin
 class CacheProcesses : public ::testing::Test {
  protected:
   CacheProcesses() {
-    cluster::Environment environment;
+    records::Environment environment;
     environment.cache_directory = folder_.File("cache");
-    cluster::InstallEnvironment(std::move(environment));
+    records::InstallEnvironment(std::move(environment));
   }
   ~CacheProcesses() override {
-    cluster::RemoveCacheRefresher();
-    cluster::RemoveEnvironment();
+    cache::RemoveCacheRefresher();
+    records::RemoveEnvironment();
   }
 
   std::string directory() const { return folder_.File("cache"); }
 
-  // A refresh succeeds immediately, and leaves the record and the lock alone.
-  void ExpectWhole() const {
+  // Expects that a refresh succeeds, without waiting for a lock, and leaves only the record and the lock file.
+  void ExpectCompleteValue() const {
     const auto start = steady_clock::now();
-    // Whatever is stored is old for this one.
-    EXPECT_TRUE(IsWholeValue(ChecksummedCache(folder_.path(), 0).BlockedRead()));
+    // With a validity of 0 s, the stored value is too old, so this refreshes it.
+    EXPECT_TRUE(IsCompleteValue(ChecksummedCache(folder_.path(), 0).BlockedRead()));
     EXPECT_LT(steady_clock::now() - start, seconds(30)) << "a dead process still holds the lock";
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(directory() + "/test")) {
@@ -71,9 +70,9 @@ class CacheProcesses : public ::testing::Test {
 };
 
 TEST_F(CacheProcesses, ReadersAndRefreshers_KilledAtRandom_SeeCompleteValues) {
-  auto refresher = std::make_unique<cluster::CacheRefresher>();
+  auto refresher = std::make_unique<cache::CacheRefresher>();
   refresher->Add("test", "checksummed", [this] { return std::make_unique<ChecksummedCache>(folder_.path(), 0); });
-  cluster::InstallCacheRefresher(std::move(refresher));
+  cache::InstallCacheRefresher(std::move(refresher));
 
   std::atomic<bool> is_done = false;
   std::atomic<int> reads = 0;
@@ -83,8 +82,8 @@ TEST_F(CacheProcesses, ReadersAndRefreshers_KilledAtRandom_SeeCompleteValues) {
       while (!is_done) {
         const ChecksummedCache cache(folder_.path(), 0);
         const Json::Value value = is_blocking ? cache.BlockedRead() : cache.NonBlockedRead();
-        // Before the first refresh there is nothing yet.
-        EXPECT_TRUE(IsWholeValue(value) || (value.isNull() && !is_blocking));
+        // Before the first refresh, a read that does not block has no value.
+        EXPECT_TRUE(IsCompleteValue(value) || (value.isNull() && !is_blocking));
         ++reads;
       }
     });
@@ -95,13 +94,13 @@ TEST_F(CacheProcesses, ReadersAndRefreshers_KilledAtRandom_SeeCompleteValues) {
   std::mt19937 random(20261);
   int killed = 0;
   for (const auto end = steady_clock::now() + kDuration; steady_clock::now() < end;) {
-    std::this_thread::sleep_for(milliseconds(random() % 60));
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 60));
     auto& worker = workers[random() % workers.size()];
     ASSERT_TRUE(worker->IsRunning()) << worker->errors();
     worker->Signal(SIGKILL);
     const auto status = worker->Wait(seconds(30));
     ASSERT_TRUE(status.has_value());
-    // One that had seen something torn would have ended by itself.
+    // A worker that reads an incomplete value exits by itself.
     ASSERT_EQ(status->signal, SIGKILL) << worker->errors();
     worker = StartWorker(folder_.path(), "read");
     ++killed;
@@ -113,50 +112,50 @@ TEST_F(CacheProcesses, ReadersAndRefreshers_KilledAtRandom_SeeCompleteValues) {
   }
   is_done = true;
   for (std::thread& thread : threads) thread.join();
-  cluster::RemoveCacheRefresher();
+  cache::RemoveCacheRefresher();
   EXPECT_GT(killed, 20);
   EXPECT_GT(reads, kThreads);
-  EXPECT_EQ(OverlapsSeen(folder_.path()), 0) << "two refreshes ran at the same time";
-  ExpectWhole();
+  EXPECT_EQ(CountOverlaps(folder_.path()), 0) << "two refreshes ran at the same time";
+  ExpectCompleteValue();
 }
 
-TEST_F(CacheProcesses, Refresher_KilledDuringRefresh_BlocksNoOne) {
+TEST_F(CacheProcesses, Refresher_KilledDuringRefresh_DoesNotBlockOthers) {
   for (int round = 0; round < 5; ++round) {
     const auto hanging = StartWorker(folder_.path(), "hang");
     ASSERT_TRUE(hanging->WaitForText("refreshing", seconds(30))) << hanging->errors();
-    // Who does not wait is not held up by one that hangs.
+    // A read that does not block is not delayed by a refresh that hangs.
     const Json::Value value = ChecksummedCache(folder_.path(), 0).NonBlockedRead();
-    EXPECT_TRUE(round == 0 ? value.isNull() : IsWholeValue(value));
-    std::thread waiter([this] { EXPECT_TRUE(IsWholeValue(ChecksummedCache(folder_.path(), 0).BlockedRead())); });
-    std::this_thread::sleep_for(milliseconds(20));
+    EXPECT_TRUE(round == 0 ? value.isNull() : IsCompleteValue(value));
+    std::thread waiter([this] { EXPECT_TRUE(IsCompleteValue(ChecksummedCache(folder_.path(), 0).BlockedRead())); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     hanging->Signal(SIGKILL);
     waiter.join();
-    ExpectWhole();
+    ExpectCompleteValue();
   }
 }
 
-TEST_F(CacheProcesses, RefresherThatHangs_IsWaitedForAWhile) {
-  cluster::RemoveEnvironment();
-  cluster::Environment environment;
+TEST_F(CacheProcesses, Read_OtherRefresherHangs_WaitsLimitedTime) {
+  records::RemoveEnvironment();
+  records::Environment environment;
   environment.cache_directory = directory();
-  environment.cache_wait = milliseconds(200);
-  cluster::InstallEnvironment(std::move(environment));
-  ExpectWhole();
+  environment.cache_wait = std::chrono::milliseconds(200);
+  records::InstallEnvironment(std::move(environment));
+  ExpectCompleteValue();
   const auto hanging = StartWorker(folder_.path(), "hang");
   ASSERT_TRUE(hanging->WaitForText("refreshing", seconds(30))) << hanging->errors();
   hanging->Signal(SIGSTOP);
-  EXPECT_TRUE(IsWholeValue(ChecksummedCache(folder_.path(), 0).BlockedRead())) << "the old value";
+  EXPECT_TRUE(IsCompleteValue(ChecksummedCache(folder_.path(), 0).BlockedRead())) << "the old value";
   hanging->Signal(SIGKILL);
   ASSERT_TRUE(hanging->Wait(seconds(30)).has_value());
-  ExpectWhole();
+  ExpectCompleteValue();
 }
 
 TEST_F(CacheProcesses, Waiter_OtherProcessRefreshes_UsesItsValue) {
   const auto slow = StartWorker(folder_.path(), "slow");
   ASSERT_TRUE(slow->WaitForText("refreshing", seconds(30))) << slow->errors();
   const Json::Value value = ChecksummedCache(folder_.path(), 0).BlockedRead();
-  ASSERT_TRUE(IsWholeValue(value));
-  EXPECT_EQ(FinderOf(value), slow->pid());
+  ASSERT_TRUE(IsCompleteValue(value));
+  EXPECT_EQ(RefresherOf(value), slow->pid());
 }
 
 }  // namespace

@@ -25,10 +25,10 @@ std::string ChecksumOf(std::string_view text) {
   return std::to_string(sum);
 }
 
-// Up to 400 KiB, of another size each time.
+// A value of up to 400 KiB; the size differs each time.
 Json::Value MakeValue(int number) {
   Json::Value value;
-  value["finder"] = static_cast<Json::Int64>(::getpid());
+  value["refresher"] = static_cast<Json::Int64>(::getpid());
   value["number"] = number;
   Json::Value& items = value["items"] = Json::Value(Json::arrayValue);
   const int count = 50 + (number * 37 + ::getpid() * 11) % 350;
@@ -39,31 +39,31 @@ Json::Value MakeValue(int number) {
   return value;
 }
 
-// A lock of the test's own beside the cache's; nobody else may hold it while a refresh runs. A killed process gives its
-// locks back one after the other, so only one that is kept for a while belongs to a refresh.
-class OverlapWatch {
+// Detects a refresh that begins while another one runs: each holds a lock of the test's own. The kernel releases the
+// locks of a killed process one after the other, so only a lock that is held for longer belongs to another refresh.
+class OverlapDetector {
  public:
-  explicit OverlapWatch(const std::string& folder)
+  explicit OverlapDetector(const std::string& folder)
       : fd_(::open((folder + "/refreshing").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
     if (fd_ < 0) std::abort();
-    const auto end = std::chrono::steady_clock::now() + kDyingTime;
+    const auto end = std::chrono::steady_clock::now() + kUnlockTime;
     while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
       if (std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         continue;
       }
-      Note(folder + "/overlaps");
+      RecordOverlap(folder + "/overlaps");
       return;
     }
   }
-  ~OverlapWatch() { ::close(fd_); }
-  OverlapWatch(const OverlapWatch&) = delete;
-  OverlapWatch& operator=(const OverlapWatch&) = delete;
+  ~OverlapDetector() { ::close(fd_); }
+  OverlapDetector(const OverlapDetector&) = delete;
+  OverlapDetector& operator=(const OverlapDetector&) = delete;
 
-  static constexpr std::chrono::milliseconds kDyingTime{150};
+  static constexpr std::chrono::milliseconds kUnlockTime{150};
 
  private:
-  static void Note(const std::string& path) {
+  static void RecordOverlap(const std::string& path) {
     const int overlaps = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (overlaps < 0 || ::write(overlaps, "x", 1) != 1) std::abort();
     ::close(overlaps);
@@ -74,15 +74,17 @@ class OverlapWatch {
 
 }  // namespace
 
-bool IsWholeValue(const Json::Value& value) {
+bool IsCompleteValue(const Json::Value& value) {
   const Json::Value& items = json::Member(value, "items");
   return items.isArray() && items.size() >= 50 &&
          json::String(json::Member(value, "sum")) == ChecksumOf(json::ToText(items));
 }
 
-pid_t FinderOf(const Json::Value& value) { return static_cast<pid_t>(json::Int64(json::Member(value, "finder"))); }
+pid_t RefresherOf(const Json::Value& value) {
+  return static_cast<pid_t>(json::Int64(json::Member(value, "refresher")));
+}
 
-int OverlapsSeen(const std::string& folder) {
+int CountOverlaps(const std::string& folder) {
   std::error_code error;
   const auto size = std::filesystem::file_size(folder + "/overlaps", error);
   return error ? 0 : static_cast<int>(size);
@@ -93,11 +95,11 @@ ChecksummedCache::ChecksummedCache(std::string folder, int valid_s, std::functio
 
 bool ChecksummedCache::GetUpdatedData(Json::Value& data) const {
   static std::atomic<int> number = 0;
-  const OverlapWatch watch(folder_);
+  const OverlapDetector detector(folder_);
   if (during_) during_();
   data = MakeValue(++number);
-  // Some take long enough for an overlap to be seen.
-  if (number % 16 == 0) std::this_thread::sleep_for(2 * OverlapWatch::kDyingTime);
+  // Some refreshes take long enough for an overlap to be detected.
+  if (number % 16 == 0) std::this_thread::sleep_for(2 * OverlapDetector::kUnlockTime);
   return true;
 }
 

@@ -1,4 +1,4 @@
-// A cache whose large values prove that they are whole, for tests with several processes.
+// A cache with large values that have a checksum, for tests with several processes.
 #pragma once
 
 #include <json/value.h>
@@ -12,15 +12,15 @@
 namespace vexa::test {
 
 // Whether `value` is complete and unchanged.
-bool IsWholeValue(const Json::Value& value);
+bool IsCompleteValue(const Json::Value& value);
 
-// The process that found the value out.
-pid_t FinderOf(const Json::Value& value);
+// The process that computed the value.
+pid_t RefresherOf(const Json::Value& value);
 
-// How often a refresh began while another one of the same `folder` ran.
-int OverlapsSeen(const std::string& folder);
+// The number of refreshes that began while another refresh of the same `folder` ran.
+int CountOverlaps(const std::string& folder);
 
-// "test" / "checksummed". Refreshes note in `folder` when two run at the same time.
+// The cache "test" / "checksummed". A refresh that runs at the same time as another is recorded in `folder`.
 class ChecksummedCache : public VexaDR::Cache::DRCache {
  public:
   // `during` is called within a refresh, if it is not empty.

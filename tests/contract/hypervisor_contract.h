@@ -1,5 +1,4 @@
-// What every mode of the hypervisor promises. A mode joins the suite by instantiating HypervisorContract with a
-// factory.
+// The contract of every mode of the hypervisor. A mode is tested by instantiating HypervisorContract with a factory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,7 +13,7 @@ namespace vexa::hypervisor {
 
 struct HypervisorFactory {
   std::string name;
-  std::function<HypervisorOptions()> options;  // of a machine without guests
+  std::function<HypervisorOptions()> options;  // for a connection without guests
 };
 
 inline void PrintTo(const HypervisorFactory& factory, std::ostream* out) { *out << factory.name; }
@@ -22,15 +21,16 @@ inline void PrintTo(const HypervisorFactory& factory, std::ostream* out) { *out 
 class HypervisorContract : public testing::TestWithParam<HypervisorFactory> {
  protected:
   void SetUp() override;
-  void TearDown() override;  // leaves no guest behind
+  void TearDown() override;  // removes all guests
 
-  // XML of the guest with this number, which a machine of this mode can start.
+  // The domain XML of the guest with this number, which this mode can start. Without `name`, it is "guest-<number>".
   std::string Xml(int number, const std::string& name = "") const;
+  // The id of the guest with this number.
   static std::string Id(int number);
   // The reported states of a guest, once there are `count` of them. Without kShuttingDown, which some drivers report
   // for a guest that is powered off.
   std::vector<GuestState> AwaitStates(const std::string& id, std::size_t count) const;
-  // Defines it and waits for the event.
+  // Defines the guest with this number and waits for the event. Returns its id.
   std::string Define(int number);
 
   test::GuestEvents events_;

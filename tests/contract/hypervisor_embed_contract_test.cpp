@@ -4,35 +4,36 @@
 namespace vexa::hypervisor {
 namespace {
 
-// One folder for all tests: a process can embed guests below one only. Each test leaves it empty.
-class Ground : public testing::Environment {
+// One folder for all tests, because a process can embed guests below only one folder. Each test leaves it empty.
+class EmbedEnvironment : public testing::Environment {
  public:
   void SetUp() override {
-    const std::string why_not = test::WhyNoQemuGuests();
+    const std::string why_not = test::QemuUnavailableReason();
     if (!why_not.empty()) GTEST_SKIP() << test::SkipNotice(why_not);
-    ground_ = std::make_unique<test::QemuGround>();
+    environment_ = std::make_unique<test::QemuEnvironment>();
   }
-  void TearDown() override { ground_.reset(); }
+  void TearDown() override { environment_.reset(); }
 
   HypervisorOptions Options() const {
     HypervisorOptions options;
     options.mode = "embed";
-    options.root = ground_->root();
+    options.root = environment_->root();
     return options;
   }
 
  private:
-  std::unique_ptr<test::QemuGround> ground_;
+  std::unique_ptr<test::QemuEnvironment> environment_;
 };
 
-const Ground& TheGround() {
-  static const auto* const ground = static_cast<Ground*>(testing::AddGlobalTestEnvironment(new Ground));
-  return *ground;
+const EmbedEnvironment& TheEnvironment() {
+  static const auto* const environment =
+      static_cast<EmbedEnvironment*>(testing::AddGlobalTestEnvironment(new EmbedEnvironment));
+  return *environment;
 }
-[[maybe_unused]] const Ground& registered = TheGround();
+[[maybe_unused]] const EmbedEnvironment& registered = TheEnvironment();
 
 INSTANTIATE_TEST_SUITE_P(Embed, HypervisorContract,
-                         testing::Values(HypervisorFactory{"EmbedMode", [] { return TheGround().Options(); }}),
+                         testing::Values(HypervisorFactory{"EmbedMode", [] { return TheEnvironment().Options(); }}),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "tests/contract/store_contract.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/matchers.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,8 +9,6 @@ namespace vexa::store {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 std::vector<std::string> ChildrenOf(const Store& store, const std::string& prefix) {
   const auto snapshot = ReadOf(store);
@@ -38,7 +35,7 @@ TEST_P(StoreContract, Get_AbsentKey_IsEmpty) {
   EXPECT_EQ(TextOf(*store_, "/" + std::string(100'000, 'k')), "(absent)");
 }
 
-TEST_P(StoreContract, Get_AfterPut_GivesTextAndRevision) {
+TEST_P(StoreContract, Get_AfterPut_ReturnsTextAndRevision) {
   const Revision first = Put(*store_, "/a", "{\"x\":1}");
   EXPECT_GT(first, 0u);
   EXPECT_EQ(TextOf(*store_, "/a"), "{\"x\":1}");
@@ -50,7 +47,7 @@ TEST_P(StoreContract, Get_AfterPut_GivesTextAndRevision) {
   EXPECT_EQ(ReadOf(*store_)->revision(), second);
 }
 
-TEST_P(StoreContract, Put_EmptyText_IsAValueAndNoDeletion) {
+TEST_P(StoreContract, Put_EmptyText_IsAValue) {
   const Revision revision = Put(*store_, "/a", "");
   EXPECT_EQ(TextOf(*store_, "/a"), "");
   EXPECT_EQ(RevisionOf(*store_, "/a"), revision);
@@ -118,7 +115,7 @@ TEST_P(StoreContract, Children_WhoseNamesSortAroundTheSlash_AreAllFoundInOrder) 
   EXPECT_THAT(ChildrenOf(*store_, ""), ElementsAre("p", "p-q", "p0"));
 }
 
-TEST_P(StoreContract, Children_OfNothing_IsEmpty) {
+TEST_P(StoreContract, Children_KeyWithoutChildren_IsEmpty) {
   Put(*store_, "/a", "1");
   EXPECT_THAT(ChildrenOf(*store_, "/a"), IsEmpty());
   EXPECT_THAT(ChildrenOf(*store_, "/b"), IsEmpty());
@@ -150,14 +147,14 @@ TEST_P(StoreContract, Scan_VisitorReadsTheSnapshot_SeesTheSameState) {
   Put(*store_, "/a/1", "one");
   Put(*store_, "/a/2", "two");
   const auto snapshot = ReadOf(*store_);
-  std::string texts;
+  std::string values;
   const Status scanned = snapshot->Scan("/a", [&](std::string_view key, const ValueView&) {
     const auto value = snapshot->Get(key);
-    if (value.ok() && *value) texts += std::string((*value)->text) + std::to_string(snapshot->Children("/a")->size());
+    if (value.ok() && *value) values += std::string((*value)->text) + std::to_string(snapshot->Children("/a")->size());
     return true;
   });
   EXPECT_TRUE(scanned.ok());
-  EXPECT_EQ(texts, "one2two2");
+  EXPECT_EQ(values, "one2two2");
 }
 
 TEST_P(StoreContract, Commit_CompareHolds_Commits) {
@@ -183,7 +180,7 @@ TEST_P(StoreContract, Commit_CompareFails_ConflictsAndChangesNothing) {
   EXPECT_EQ(store_->health(), Health::kReady);
 }
 
-TEST_P(StoreContract, Commit_WithoutOperations_ChecksAndGivesTheRevision) {
+TEST_P(StoreContract, Commit_WithoutOperations_ComparesAndReturnsRevision) {
   const Revision first = Put(*store_, "/a", "1");
   const Result<Revision> held = store_->Commit({{{"/a", first}, {"/b", 0}}, {}});
   ASSERT_TRUE(held.ok());
@@ -266,7 +263,7 @@ TEST_P(StoreContract, Watch_FromOldRevision_ReturnsLaterChangesInOrder) {
   EXPECT_EQ(store_->Watch("/a/b", first, milliseconds(0))->changes.size(), 2u);
 }
 
-TEST_P(StoreContract, Watch_NothingHappens_GivesAnEmptyBatchToGoOnFrom) {
+TEST_P(StoreContract, Watch_NoChanges_ReturnsEmptyBatchWithRevision) {
   const Revision before = Put(*store_, "/a", "1");
   const Revision elsewhere = Put(*store_, "/b", "1");
   const auto started = std::chrono::steady_clock::now();
@@ -293,7 +290,7 @@ TEST_P(StoreContract, Watch_WhileWaiting_WakesForItsPrefixOnly) {
   EXPECT_EQ(batch->changes[0].key, "/a/b/c");
 }
 
-TEST_P(StoreContract, Watch_ByManyInTurns_SeesEveryCommitOnce) {
+TEST_P(StoreContract, Watch_SeveralWatchers_EachSeesEveryCommitOnce) {
   constexpr int kCommits = 100;
   std::vector<std::thread> watchers;
   std::atomic<int> wrong{0};
@@ -325,14 +322,14 @@ TEST_P(StoreContract, Watch_RevisionBeforeLogStart_ReportsLost) {
   ASSERT_TRUE(lost.ok());
   EXPECT_TRUE(lost->lost);
   EXPECT_EQ(lost->revision, last);
-  const auto whole = store_->Watch("/a", last - 5, milliseconds(0));
-  ASSERT_TRUE(whole.ok());
-  EXPECT_FALSE(whole->lost);
-  EXPECT_EQ(whole->changes.size(), 5u);
+  const auto complete = store_->Watch("/a", last - 5, milliseconds(0));
+  ASSERT_TRUE(complete.ok());
+  EXPECT_FALSE(complete->lost);
+  EXPECT_EQ(complete->changes.size(), 5u);
   EXPECT_FALSE(store_->Watch("/a", lost->revision, milliseconds(0))->lost);
 }
 
-TEST_P(StoreContract, Watch_FromARevisionToCome_IsLost) {
+TEST_P(StoreContract, Watch_FutureRevision_ReportsLost) {
   const Revision last = Put(*store_, "/a", "1");
   const auto batch = store_->Watch("/a", last + 1000, milliseconds(0));
   ASSERT_TRUE(batch.ok());
@@ -340,13 +337,13 @@ TEST_P(StoreContract, Watch_FromARevisionToCome_IsLost) {
   EXPECT_EQ(batch->revision, last);
 }
 
-TEST_P(StoreContract, Watch_AfterVeryManyChanges_GivesThemInParts) {
+TEST_P(StoreContract, Watch_AfterVeryManyChanges_ReturnsThemInBatches) {
   Transaction transaction;
   for (int i = 0; i < 6000; ++i) transaction.operations.push_back({MakeKey({"n", std::to_string(i)}), "1"});
   for (int i = 0; i < 4; ++i) ASSERT_TRUE(store_->Commit(transaction).ok());
   std::size_t changes = 0;
-  int parts = 0;
-  for (Revision from = 0; changes < 24'000 && parts < 100; ++parts) {
+  int batches = 0;
+  for (Revision from = 0; changes < 24'000 && batches < 100; ++batches) {
     const auto batch = store_->Watch("/n", from, milliseconds(0));
     ASSERT_TRUE(batch.ok());
     ASSERT_FALSE(batch->lost);

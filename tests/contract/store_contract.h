@@ -1,4 +1,4 @@
-// What every store promises. A store joins the suite by instantiating StoreContract with a factory.
+// The contract of every store. A store is tested by instantiating StoreContract with a factory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,18 +8,17 @@
 #include <memory>
 #include <string>
 
+#include "host/base/not_copyable.h"
 #include "host/store/key.h"
 #include "host/store/store.h"
 
 namespace vexa::store {
 
-// A folder of its own for each test, gone afterwards unless the test failed: then a person may want to look into it.
-class TemporaryFolder {
+// A folder for one test. It is removed afterwards, unless the test failed: then it is left for inspection.
+class TemporaryFolder : private NotCopyable {
  public:
   TemporaryFolder();
   ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
   const std::string& path() const { return path_; }
 
  private:
@@ -46,14 +45,14 @@ class StoreContract : public testing::TestWithParam<StoreFactory> {
   std::shared_ptr<Store> store_;
 };
 
-// Short forms for tests. Each fails the test when the store answers with an error.
+// Shorthand for tests. Each function fails the test when the store returns an error.
 Revision Put(Store& store, const std::string& key, const std::string& text);
 Revision Erase(Store& store, const std::string& key);
 std::string TextOf(const Store& store, const std::string& key);  // "(absent)" when absent
 Revision RevisionOf(const Store& store, const std::string& key);
 std::unique_ptr<Snapshot> ReadOf(const Store& store);
 
-// Adds one to the number at `key` with compare and retry; returns how often somebody else was faster, -1 on an error.
+// Adds one to the number at `key` with compare and retry. Returns the number of conflicts, -1 on an error.
 int Increment(Store& store, const std::string& key);
 
 }  // namespace vexa::store

@@ -1,4 +1,4 @@
-// The embedded store on a disk that fails. The calls that LMDB makes to write are replaced in this program.
+// The LMDB store on a disk that fails. This program replaces the system calls by which LMDB writes.
 #include <errno.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -12,18 +12,18 @@
 
 namespace {
 
-// errno(3) to fail with; 0: the call works.
+// The errno with which the calls fail; 0: they succeed.
 std::atomic<int> page_write_error{0};
-std::atomic<int> head_write_error{0};
+std::atomic<int> header_write_error{0};
 std::atomic<int> sync_error{0};
 
-// The head of the file is written alone and is smaller than a page.
-bool IsHead(std::size_t bytes) { return bytes < 512; }
+// The header of the file is written alone and is smaller than a page.
+bool IsHeader(std::size_t bytes) { return bytes < 512; }
 
 }  // namespace
 
 extern "C" ssize_t pwrite(int fd, const void* bytes, size_t count, off_t offset) {
-  const int error_number = IsHead(count) ? head_write_error : page_write_error;
+  const int error_number = IsHeader(count) ? header_write_error : page_write_error;
   if (error_number == 0) return ::syscall(SYS_pwrite64, fd, bytes, count, offset);
   errno = error_number;
   return -1;
@@ -50,19 +50,19 @@ class StoreOnAFailingDisk : public testing::Test {
     Reopen();
     before_ = Put(*store_, "/a", "1");
   }
-  void TearDown() override { Heal(); }
+  void TearDown() override { RepairDisk(); }
   void Reopen() {
     store_.reset();
     auto store = OpenLmdbStore({folder_.path(), kStoreMapBytes, 1000});
     ASSERT_TRUE(store.ok()) << store.error().ToString();
     store_ = *store;
   }
-  static void Heal() {
+  static void RepairDisk() {
     page_write_error = 0;
-    head_write_error = 0;
+    header_write_error = 0;
     sync_error = 0;
   }
-  // A commit that must fail with `code` and leave no trace.
+  // Expects that a commit fails with `code`.
   void ExpectRefused(ErrorCode code) {
     const Result<Revision> done = store_->Commit({{}, {{"/a", "2"}, {"/b", std::string(20'000, 'b')}}});
     ASSERT_FALSE(done.ok());
@@ -81,6 +81,13 @@ class StoreOnAFailingDisk : public testing::Test {
     Reopen();
     EXPECT_EQ(TextOf(*store_, "/a"), "3");
   }
+  void ExpectRefusesAndRecovers(std::atomic<int>& fault, int error_number, ErrorCode code) {
+    fault = error_number;
+    ExpectRefused(code);
+    ExpectUnchanged();
+    RepairDisk();
+    ExpectWorksAgain();
+  }
 
   TemporaryFolder folder_;
   std::shared_ptr<Store> store_;
@@ -88,45 +95,33 @@ class StoreOnAFailingDisk : public testing::Test {
 };
 
 TEST_F(StoreOnAFailingDisk, Pages_NoSpace_RefusesAndRecovers) {
-  page_write_error = ENOSPC;
-  ExpectRefused(ErrorCode::kNoSpace);
-  ExpectUnchanged();
-  Heal();
-  ExpectWorksAgain();
+  ExpectRefusesAndRecovers(page_write_error, ENOSPC, ErrorCode::kNoSpace);
 }
 
 TEST_F(StoreOnAFailingDisk, Pages_InputOutputError_RefusesAndRecovers) {
-  page_write_error = EIO;
-  ExpectRefused(ErrorCode::kInternal);
-  ExpectUnchanged();
-  Heal();
-  ExpectWorksAgain();
+  ExpectRefusesAndRecovers(page_write_error, EIO, ErrorCode::kInternal);
 }
 
 TEST_F(StoreOnAFailingDisk, Sync_Fails_RefusesAndRecovers) {
-  sync_error = EIO;
-  ExpectRefused(ErrorCode::kInternal);
-  ExpectUnchanged();
-  Heal();
-  ExpectWorksAgain();
+  ExpectRefusesAndRecovers(sync_error, EIO, ErrorCode::kInternal);
 }
 
-TEST_F(StoreOnAFailingDisk, Head_CannotBeWritten_IsOpenedAgainAndRecovers) {
-  head_write_error = EIO;
+TEST_F(StoreOnAFailingDisk, Header_CannotBeWritten_IsReopenedAndRecovers) {
+  header_write_error = EIO;
   ExpectRefused(ErrorCode::kInternal);
   ExpectUnchanged();
   ExpectRefused(ErrorCode::kInternal);
-  Heal();
+  RepairDisk();
   ExpectUnchanged();
   ExpectWorksAgain();
 }
 
-TEST_F(StoreOnAFailingDisk, Head_CannotBeWrittenWhileASnapshotIsOpen_WaitsForItsEnd) {
+TEST_F(StoreOnAFailingDisk, Header_CannotBeWrittenWhileASnapshotIsOpen_WaitsForItsEnd) {
   auto snapshot = ReadOf(*store_);
-  head_write_error = EIO;
+  header_write_error = EIO;
   const Result<Revision> failed = store_->Commit({{}, {{"/a", "2"}}});
   EXPECT_FALSE(failed.ok());
-  Heal();
+  RepairDisk();
   EXPECT_EQ(snapshot->Get("/a").value()->text, "1");
   const auto refused = store_->Read();
   ASSERT_FALSE(refused.ok());
@@ -142,7 +137,7 @@ TEST_F(StoreOnAFailingDisk, Health_WithoutCommits_RecoversAutomatically) {
   ExpectRefused(ErrorCode::kInternal);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   EXPECT_EQ(store_->health(), Health::kReadOnly);
-  Heal();
+  RepairDisk();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (store_->health() != Health::kReady && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -151,7 +146,7 @@ TEST_F(StoreOnAFailingDisk, Health_WithoutCommits_RecoversAutomatically) {
   ExpectUnchanged();
 }
 
-TEST_F(StoreOnAFailingDisk, Commits_OfManyThreads_AllGetAnAnswer) {
+TEST_F(StoreOnAFailingDisk, Commits_FailingDiskManyThreads_AllReturn) {
   sync_error = EIO;
   std::atomic<int> refused{0};
   std::vector<std::thread> threads;
@@ -161,7 +156,7 @@ TEST_F(StoreOnAFailingDisk, Commits_OfManyThreads_AllGetAnAnswer) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(refused, 8);
   ExpectUnchanged();
-  Heal();
+  RepairDisk();
   ExpectWorksAgain();
 }
 

@@ -52,7 +52,7 @@ Revision RevisionOf(const Store& store, const std::string& key) {
 }
 
 int Increment(Store& store, const std::string& key) {
-  for (int lost_races = 0;; ++lost_races) {
+  for (int conflicts = 0;; ++conflicts) {
     Transaction transaction;
     {
       const auto snapshot = store.Read();
@@ -64,7 +64,7 @@ int Increment(Store& store, const std::string& key) {
       transaction.operations.push_back({key, std::to_string(count + 1)});
     }
     const Result<Revision> done = store.Commit(transaction);
-    if (done.ok()) return lost_races;
+    if (done.ok()) return conflicts;
     if (done.error().code() != ErrorCode::kConflict) return -1;
   }
 }

@@ -1,4 +1,4 @@
-// The embedded store against the contract of every store.
+// The LMDB store meets the contract of every store.
 #include "host/store/lmdb_store.h"
 #include "tests/contract/store_contract.h"
 
@@ -11,7 +11,7 @@ std::shared_ptr<Store> OpenEmbedded(const std::string& directory, std::size_t ch
   return store.ok() ? *store : nullptr;
 }
 
-INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, testing::Values(StoreFactory{"Embedded", OpenEmbedded}),
+INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, testing::Values(StoreFactory{"Lmdb", OpenEmbedded}),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What the embedded store promises beyond the contract of every store: its folder, its map, damage.
+// Properties of the LMDB store beyond the contract of every store: its folder, its memory map, damaged files.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +15,7 @@
 namespace vexa::store {
 namespace {
 
-LmdbOptions Small(const std::string& directory) { return {directory, std::size_t{64} << 20, 1000}; }
+LmdbOptions SmallMap(const std::string& directory) { return {directory, std::size_t{64} << 20, 1000}; }
 
 std::shared_ptr<Store> Open(const LmdbOptions& options) {
   auto store = OpenLmdbStore(options);
@@ -24,7 +24,7 @@ std::shared_ptr<Store> Open(const LmdbOptions& options) {
 }
 
 ErrorCode OpenError(const std::string& directory) {
-  const auto store = OpenLmdbStore(Small(directory));
+  const auto store = OpenLmdbStore(SmallMap(directory));
   EXPECT_FALSE(store.ok());
   return store.ok() ? ErrorCode::kInvalid : store.error().code();
 }
@@ -39,7 +39,7 @@ TEST(LmdbStore, Open_NewFolder_IsPrivate) {
   const TemporaryFolder folder;
   const std::string directory = folder.path() + "/new/store";
   const mode_t before = ::umask(0);
-  const auto store = Open(Small(directory));
+  const auto store = Open(SmallMap(directory));
   ::umask(before);
   EXPECT_EQ(ModeOf(directory), 0700u);
   EXPECT_EQ(ModeOf(directory + "/data.mdb"), 0600u);
@@ -48,10 +48,10 @@ TEST(LmdbStore, Open_NewFolder_IsPrivate) {
 
 TEST(LmdbStore, Open_FilesWithLooseModes_AreTightened) {
   const TemporaryFolder folder;
-  Open(Small(folder.path()));
+  Open(SmallMap(folder.path()));
   ::chmod((folder.path() + "/data.mdb").c_str(), 0644);
   ::chmod((folder.path() + "/lock.mdb").c_str(), 0666);
-  Open(Small(folder.path()));
+  Open(SmallMap(folder.path()));
   EXPECT_EQ(ModeOf(folder.path() + "/data.mdb"), 0600u);
   EXPECT_EQ(ModeOf(folder.path() + "/lock.mdb"), 0600u);
 }
@@ -60,10 +60,10 @@ TEST(LmdbStore, Open_SameFolderTwice_IsTheSameStore) {
   const TemporaryFolder folder;
   const std::string other_name = folder.path() + "/link";
   const std::string directory = folder.path() + "/store";
-  const auto first = Open(Small(directory));
+  const auto first = Open(SmallMap(directory));
   std::filesystem::create_directory_symlink(directory, other_name);
-  EXPECT_EQ(Open(Small(directory)), first);
-  EXPECT_EQ(Open(Small(other_name)), first);
+  EXPECT_EQ(Open(SmallMap(directory)), first);
+  EXPECT_EQ(Open(SmallMap(other_name)), first);
 }
 
 TEST(LmdbStore, Open_AndCloseFromManyThreads_NeverOpensTwice) {
@@ -73,19 +73,19 @@ TEST(LmdbStore, Open_AndCloseFromManyThreads_NeverOpensTwice) {
   for (int t = 0; t < 6; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 25; ++i) {
-        const auto store = OpenLmdbStore(Small(folder.path()));
+        const auto store = OpenLmdbStore(SmallMap(folder.path()));
         if (!store.ok() || Increment(**store, "/shared") < 0) ++failures;
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(failures, 0);
-  EXPECT_EQ(TextOf(*Open(Small(folder.path())), "/shared"), "150");
+  EXPECT_EQ(TextOf(*Open(SmallMap(folder.path())), "/shared"), "150");
 }
 
 TEST(LmdbStore, Snapshots_TwoInOneThreadUnderLoad_NeverFail) {
   const TemporaryFolder folder;
-  const auto store = Open(Small(folder.path()));
+  const auto store = Open(SmallMap(folder.path()));
   std::atomic<bool> stop{false};
   std::atomic<int> failures{0};
   std::vector<std::thread> readers;
@@ -114,7 +114,7 @@ TEST(LmdbStore, Snapshots_TwoInOneThreadUnderLoad_NeverFail) {
   for (int w = 0; w < 4; ++w) EXPECT_EQ(ReadOf(*store)->Children(MakeKey({"w", std::to_string(w)}))->size(), 40u);
 }
 
-TEST(LmdbStore, Map_Full_RefusesAndOpensAgainWithALargerOne) {
+TEST(LmdbStore, Map_Full_RefusesAndReopensWithALargerMap) {
   const TemporaryFolder folder;
   auto store = Open({folder.path(), std::size_t{1} << 20, 1000});
   Put(*store, "/kept", "1");
@@ -132,14 +132,14 @@ TEST(LmdbStore, Map_Full_RefusesAndOpensAgainWithALargerOne) {
   EXPECT_EQ(TextOf(*store, "/kept"), "1");
   EXPECT_EQ(ReadOf(*store)->Children("/fill")->size(), static_cast<std::size_t>(written));
   store.reset();
-  store = Open(Small(folder.path()));
+  store = Open(SmallMap(folder.path()));
   Put(*store, "/large", std::string(2'000'000, 'l'));
   EXPECT_EQ(ReadOf(*store)->Children("/fill")->size(), static_cast<std::size_t>(written));
 }
 
-TEST(LmdbStore, Map_SmallerThanTheFile_StillHoldsAllOfIt) {
+TEST(LmdbStore, Map_SmallerThanFile_StillContainsAllValues) {
   const TemporaryFolder folder;
-  auto store = Open(Small(folder.path()));
+  auto store = Open(SmallMap(folder.path()));
   Put(*store, "/large", std::string(4'000'000, 'l'));
   Put(*store, "/small", "1");
   store.reset();
@@ -148,18 +148,18 @@ TEST(LmdbStore, Map_SmallerThanTheFile_StillHoldsAllOfIt) {
   EXPECT_EQ(TextOf(*store, "/small"), "1");
 }
 
-TEST(LmdbStore, Map_LargerThanTheAddressSpace_IsRefusedWithTheLimitToRaise) {
+TEST(LmdbStore, Map_LargerThanAddressSpace_IsRefusedNamingTheLimit) {
   const TemporaryFolder folder;
   const auto refused = OpenLmdbStore({folder.path(), std::size_t{1} << 48, 1000});
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.error().code(), ErrorCode::kNoSpace);
   EXPECT_NE(refused.error().ToString().find("ulimit -v"), std::string::npos) << refused.error().ToString();
-  Put(*Open(Small(folder.path())), "/a", "1");
+  Put(*Open(SmallMap(folder.path())), "/a", "1");
 }
 
 TEST(LmdbStore, Snapshots_MoreThanReaderSlots_AreBusyAndThenWork) {
   const TemporaryFolder folder;
-  const auto store = Open(Small(folder.path()));
+  const auto store = Open(SmallMap(folder.path()));
   Put(*store, "/a", "1");
   std::vector<std::unique_ptr<Snapshot>> held;
   ErrorCode refusal = ErrorCode::kInternal;
@@ -199,14 +199,14 @@ TEST(LmdbStore, Open_NoFolder_IsAnError) {
   EXPECT_FALSE(OpenLmdbStore({}).ok());
   const TemporaryFolder folder;
   std::ofstream(folder.path() + "/file") << "x";
-  EXPECT_FALSE(OpenLmdbStore(Small(folder.path() + "/file")).ok());
-  EXPECT_FALSE(OpenLmdbStore(Small(folder.path() + "/file/store")).ok());
+  EXPECT_FALSE(OpenLmdbStore(SmallMap(folder.path() + "/file")).ok());
+  EXPECT_FALSE(OpenLmdbStore(SmallMap(folder.path() + "/file/store")).ok());
 }
 
 class DamagedStore : public testing::Test {
  protected:
   void SetUp() override {
-    const auto store = Open(Small(folder_.path()));
+    const auto store = Open(SmallMap(folder_.path()));
     for (int i = 0; i < 50; ++i) Put(*store, MakeKey({"k", std::to_string(i)}), std::string(500, 'v'));
     std::ifstream in(data_file_, std::ios::binary);
     content_.assign(std::istreambuf_iterator<char>(in), {});
@@ -222,7 +222,7 @@ class DamagedStore : public testing::Test {
   std::string content_;
 };
 
-TEST_F(DamagedStore, Head_IsGarbage_IsCorrupt) {
+TEST_F(DamagedStore, Header_IsGarbage_IsCorrupt) {
   std::mt19937 random(7);
   for (int round = 0; round < 20; ++round) {
     std::string damaged = content_;
@@ -235,7 +235,7 @@ TEST_F(DamagedStore, Head_IsGarbage_IsCorrupt) {
   Write("this is a text");
   EXPECT_EQ(OpenError(folder_.path()), ErrorCode::kCorrupt);
   Write(content_);
-  EXPECT_EQ(TextOf(*Open(Small(folder_.path())), "/k/49"), std::string(500, 'v'));
+  EXPECT_EQ(TextOf(*Open(SmallMap(folder_.path())), "/k/49"), std::string(500, 'v'));
 }
 
 TEST_F(DamagedStore, File_CutShort_IsCorrupt) {
@@ -246,7 +246,7 @@ TEST_F(DamagedStore, File_CutShort_IsCorrupt) {
   }
 }
 
-TEST_F(DamagedStore, AnyByteOfTheHead_Changed_EndsInAnAnswer) {
+TEST_F(DamagedStore, Header_AnyByteChanged_OpensOrFailsCleanly) {
   int refused = 0;
   for (std::size_t page = 0; page < 2; ++page) {
     for (std::size_t offset = 0; offset < 152; ++offset) {
@@ -255,7 +255,7 @@ TEST_F(DamagedStore, AnyByteOfTheHead_Changed_EndsInAnAnswer) {
         char& byte = damaged[page * 4096 + offset];
         byte = static_cast<char>(byte ^ mask);
         Write(damaged);
-        const auto store = OpenLmdbStore(Small(folder_.path()));
+        const auto store = OpenLmdbStore(SmallMap(folder_.path()));
         if (!store.ok()) ++refused;
       }
     }
@@ -265,7 +265,7 @@ TEST_F(DamagedStore, AnyByteOfTheHead_Changed_EndsInAnAnswer) {
 
 TEST(LmdbKeyspace, Apply_GivenRevisions_AreKeptWithTheirGaps) {
   const TemporaryFolder folder;
-  auto opened = LmdbKeyspace::Open(Small(folder.path()));
+  auto opened = LmdbKeyspace::Open(SmallMap(folder.path()));
   ASSERT_TRUE(opened.ok()) << opened.error().ToString();
   LmdbKeyspace& keyspace = **opened;
   const std::vector<RevisionedOperations> commits = {
@@ -285,7 +285,7 @@ TEST(LmdbKeyspace, Apply_GivenRevisions_AreKeptWithTheirGaps) {
 
 TEST(LmdbKeyspace, Apply_RevisionNotGreater_IsInvalidAndAppliesNothing) {
   const TemporaryFolder folder;
-  auto opened = LmdbKeyspace::Open(Small(folder.path()));
+  auto opened = LmdbKeyspace::Open(SmallMap(folder.path()));
   ASSERT_TRUE(opened.ok());
   LmdbKeyspace& keyspace = **opened;
   ASSERT_TRUE(keyspace.Apply(std::vector<RevisionedOperations>{{7, {{"/a", "7"}}}}).ok());

@@ -1,4 +1,4 @@
-// A store with a copy against the contract of every store: all is well, so it is the primary.
+// The mirrored store meets the contract of every store while its primary works.
 #include "host/store/lmdb_store.h"
 #include "host/store/mirrored_store.h"
 #include "tests/contract/store_contract.h"
@@ -14,13 +14,13 @@ std::shared_ptr<Store> OpenMirrored(const std::string& directory, std::size_t ch
   }
   MirrorOptions options;
   options.directory = directory + "/mirror";
-  options.gather = std::chrono::milliseconds(10);
+  options.batch_delay = std::chrono::milliseconds(10);
   auto store = MirroredStore::Make(*primary, options);
   if (!store.ok()) ADD_FAILURE() << store.error().ToString();
   return store.ok() ? *store : nullptr;
 }
 
-INSTANTIATE_TEST_SUITE_P(Mirrored, StoreContract, testing::Values(StoreFactory{"Lmdb", OpenMirrored}),
+INSTANTIATE_TEST_SUITE_P(Mirrored, StoreContract, testing::Values(StoreFactory{"Mirrored", OpenMirrored}),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace

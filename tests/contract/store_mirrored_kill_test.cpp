@@ -1,4 +1,4 @@
-// A process that copies a store is killed at any point. The copy then is a state that the primary had.
+// A process that mirrors a store is killed at any point. The mirror must be a state that the primary had.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -30,7 +30,7 @@ Transaction CommitOf(int n) {
   return transaction;
 }
 
-// What the slots hold after commit n: those written and not emptied since.
+// The expected values of the slots after commit n; "-" for an empty slot.
 std::string ExpectedSlots(int n) {
   std::string slots;
   for (int slot = 0; slot < kSlots; ++slot) {
@@ -49,7 +49,7 @@ int CounterOf(const Store& store) {
   return text == "(absent)" ? 0 : std::atoi(text.c_str());
 }
 
-void ExpectAState(const Store& store) {
+void ExpectConsistentState(const Store& store) {
   const auto snapshot = ReadOf(store);
   const auto counter = snapshot->Get("/counter").value();
   if (!counter) {
@@ -73,12 +73,12 @@ std::shared_ptr<Store> Open(const std::string& directory) {
   return store.ok() ? *store : nullptr;
 }
 
-// In the child: commits and copies until it is killed.
-[[noreturn]] void Work(const std::string& folder) {
+// Runs in the child process: commits and mirrors until it is killed.
+[[noreturn]] void CommitUntilKilled(const std::string& folder) {
   const std::shared_ptr<Store> primary = Open(folder + "/store");
   MirrorOptions options;
   options.directory = folder + "/mirror";
-  options.gather = 1ms;
+  options.batch_delay = 1ms;
   auto mirrored = MirroredStore::Make(primary, options);
   if (!primary || !mirrored.ok()) std::_Exit(3);
   for (int n = CounterOf(*primary) + 1;; ++n) {
@@ -92,11 +92,11 @@ TEST(MirrorKilled, Copy_KilledAtAnyPoint_EqualsAPrimaryState) {
 #endif
   const TemporaryFolder folder;
   std::mt19937 random(20);
-  int finished = 0;
+  int complete_copies = 0;
   for (int round = 0; round < 40; ++round) {
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
-    if (child == 0) Work(folder.path());
+    if (child == 0) CommitUntilKilled(folder.path());
     std::this_thread::sleep_for(std::chrono::milliseconds(5 + random() % 120));
     ::kill(child, SIGKILL);
     int status = 0;
@@ -107,22 +107,22 @@ TEST(MirrorKilled, Copy_KilledAtAnyPoint_EqualsAPrimaryState) {
     const std::shared_ptr<Store> primary = Open(folder.path() + "/store");
     ASSERT_NE(copy, nullptr);
     ASSERT_NE(primary, nullptr);
-    ExpectAState(*primary);
-    ExpectAState(*copy);
+    ExpectConsistentState(*primary);
+    ExpectConsistentState(*copy);
     EXPECT_LE(ReadOf(*copy)->revision(), ReadOf(*primary)->revision()) << "behind, never ahead";
-    if (ReadOf(*copy)->revision() > 0) ++finished;
+    if (ReadOf(*copy)->revision() > 0) ++complete_copies;
   }
-  EXPECT_GT(finished, 10) << "most rounds leave a copy";
+  EXPECT_GT(complete_copies, 10) << "most rounds leave a copy";
   MirrorOptions options;
   options.directory = folder.path() + "/mirror";
   const std::shared_ptr<Store> primary = Open(folder.path() + "/store");
   auto mirrored = MirroredStore::Make(primary, options);
   ASSERT_TRUE(mirrored.ok());
   const auto end = std::chrono::steady_clock::now() + 20s;
-  while ((*mirrored)->mirrored() != ReadOf(*primary)->revision() && std::chrono::steady_clock::now() < end) {
+  while ((*mirrored)->mirrored_revision() != ReadOf(*primary)->revision() && std::chrono::steady_clock::now() < end) {
     std::this_thread::sleep_for(10ms);
   }
-  EXPECT_EQ((*mirrored)->mirrored(), ReadOf(*primary)->revision()) << "the next run catches up";
+  EXPECT_EQ((*mirrored)->mirrored_revision(), ReadOf(*primary)->revision()) << "the next run catches up";
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-// What a store with a copy answers while its primary fails, and how the copy follows the primary.
+// How a mirrored store behaves while its primary fails, and how the mirror follows the primary.
 #include "host/store/mirrored_store.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,6 +11,7 @@
 #include "host/store/lmdb_store.h"
 #include "tests/contract/store_contract.h"
 #include "tests/support/faulty_store.h"
+#include "tests/support/matchers.h"
 #include "tests/support/syslog_capture.h"
 
 namespace vexa::store {
@@ -19,19 +19,18 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::FaultyStore;
-using ::testing::HasSubstr;
 
 template <class Condition>
-bool Within(std::chrono::milliseconds limit, const Condition& is_so) {
+bool Within(std::chrono::milliseconds limit, const Condition& condition) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  while (!is_so()) {
+  while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(5ms);
   }
   return true;
 }
 
-// Every key with its revision and text, and the revision of the whole.
+// All keys with their revisions and values, and the revision of the store.
 std::string Dump(const Store& store) {
   const auto snapshot = ReadOf(store);
   std::string all = std::to_string(snapshot->revision()) + "\n";
@@ -64,23 +63,23 @@ class Mirrored : public testing::Test {
     store_.reset();
     MirrorOptions options;
     options.directory = Folder();
-    options.retry = 20ms;
-    options.gather = 10ms;
+    options.retry_interval = 20ms;
+    options.batch_delay = 10ms;
     options.on_change = [this] { ++changes_; };
     auto store = MirroredStore::Make(primary_, options);
     ASSERT_TRUE(store.ok()) << store.error().ToString();
     store_ = *store;
   }
   std::string Folder() const { return folder_.path() + "/mirror"; }
-  bool Caught() const {
-    return Within(20s, [&] { return store_->mirrored() == ReadOf(*primary_)->revision(); });
+  bool HasMirrorCaughtUp() const {
+    return Within(20s, [&] { return store_->mirrored_revision() == ReadOf(*primary_)->revision(); });
   }
   void Fail() {
     primary_->FailSnapshots();
     primary_->FailCommits();
   }
   std::string DumpOfMirror() {
-    EXPECT_TRUE(Caught());
+    EXPECT_TRUE(HasMirrorCaughtUp());
     const std::string expected = Dump(*primary_);
     Fail();
     EXPECT_EQ(Dump(*store_), expected);
@@ -95,8 +94,8 @@ class Mirrored : public testing::Test {
   std::atomic<int> changes_{0};
 };
 
-TEST_F(Mirrored, PrimaryFails_CopyIsRead_AndNothingIsCommitted) {
-  ASSERT_TRUE(Caught());
+TEST_F(Mirrored, PrimaryFails_CopyIsRead_CommitsAreRefused) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   EXPECT_EQ(store_->health(), Health::kReady);
   const std::string before = Dump(*store_);
   Fail();
@@ -115,8 +114,8 @@ TEST_F(Mirrored, PrimaryFails_CopyIsRead_AndNothingIsCommitted) {
   EXPECT_TRUE(Within(5s, [&] { return changes_ >= 3; })) << "at both ends, and once more after each";
 }
 
-TEST_F(Mirrored, HealthInaccessible_IsEnoughForTheCopy) {
-  ASSERT_TRUE(Caught());
+TEST_F(Mirrored, Read_HealthInaccessible_UsesCopy) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   primary_->ReportHealth(Health::kInaccessible);
   EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kInaccessible; }));
   EXPECT_EQ(TextOf(*store_, "/a"), "1");
@@ -125,9 +124,9 @@ TEST_F(Mirrored, HealthInaccessible_IsEnoughForTheCopy) {
   EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReadOnly; })) << "reads are the primary's again";
 }
 
-// Nobody reads, and nobody asks how it is.
+// There are no reads and no calls of health().
 TEST_F(Mirrored, PrimaryFailure_WithoutReaders_IsDetected) {
-  ASSERT_TRUE(Caught());
+  ASSERT_TRUE(HasMirrorCaughtUp());
   test::ClearCapturedSyslog();
   primary_->ReportHealth(Health::kInaccessible);
   EXPECT_TRUE(Within(3s, [&] { return changes_ >= 1; }));
@@ -136,15 +135,15 @@ TEST_F(Mirrored, PrimaryFailure_WithoutReaders_IsDetected) {
 }
 
 TEST_F(Mirrored, Read_OneValueUnreadable_FailsOnlyThatRead) {
-  ASSERT_TRUE(Caught());
+  ASSERT_TRUE(HasMirrorCaughtUp());
   primary_->FailReadsOf("/a");
   EXPECT_FALSE(ReadOf(*store_)->Get("/a").ok());
   EXPECT_EQ(TextOf(*store_, "/b/c"), "2");
   EXPECT_EQ(store_->health(), Health::kReady);
 }
 
-// An empty copy would say that there are no guests.
-TEST_F(Mirrored, PrimaryFailsBeforeTheCopyIsMade_IsAnError) {
+// With an empty copy, the cluster would seem to have no guests.
+TEST_F(Mirrored, Read_PrimaryFailsBeforeFirstCopy_IsAnError) {
   store_.reset();
   std::filesystem::remove_all(Folder());
   Fail();
@@ -154,21 +153,21 @@ TEST_F(Mirrored, PrimaryFailsBeforeTheCopyIsMade_IsAnError) {
   EXPECT_EQ(store_->health(), Health::kInaccessible);
   primary_->Heal();
   EXPECT_TRUE(Within(5s, [&] { return store_->health() == Health::kReady; }));
-  EXPECT_TRUE(Caught());
+  EXPECT_TRUE(HasMirrorCaughtUp());
 }
 
-// What was copied before the start may be of another database.
-TEST_F(Mirrored, CopyOfAnEarlierRun_IsNotReadBeforeItHasBeenCompared) {
-  ASSERT_TRUE(Caught());
+// The copy may be of another database, until it has been compared with the primary.
+TEST_F(Mirrored, Read_CopyOfEarlierRun_WaitsForComparison) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   Fail();
   OpenMirror();
   EXPECT_FALSE(store_->Read().ok());
   primary_->Heal();
-  EXPECT_TRUE(Caught());
+  EXPECT_TRUE(HasMirrorCaughtUp());
 }
 
-TEST_F(Mirrored, PutBackFromABackup_IsComparedByText) {
-  ASSERT_TRUE(Caught());
+TEST_F(Mirrored, Mirror_PrimaryRestoredFromBackup_ComparesValues) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   store_.reset();
   OpenPrimary("/other", 1000);
   Put(*primary_, "/a", "another");
@@ -178,9 +177,9 @@ TEST_F(Mirrored, PutBackFromABackup_IsComparedByText) {
   EXPECT_THAT(DumpOfMirror(), HasSubstr("/a@1=another"));
 }
 
-TEST_F(Mirrored, OlderPrimary_TakesTheCopyBack) {
+TEST_F(Mirrored, Mirror_OlderPrimary_ResetsCopyToIt) {
   for (int i = 0; i < 50; ++i) Put(*primary_, "/a", std::to_string(i));
-  ASSERT_TRUE(Caught());
+  ASSERT_TRUE(HasMirrorCaughtUp());
   store_.reset();
   OpenPrimary("/other", 1000);
   Put(*primary_, "/x", "1");
@@ -188,7 +187,7 @@ TEST_F(Mirrored, OlderPrimary_TakesTheCopyBack) {
   EXPECT_EQ(DumpOfMirror(), "1\n/x@1=1\n");
 }
 
-TEST_F(Mirrored, ChangesWhileTheChangeLogIsShort_AreAllCopied) {
+TEST_F(Mirrored, Changes_ShortChangeLog_AreAllCopied) {
   store_.reset();
   OpenPrimary("/other", 3);
   OpenMirror();
@@ -205,9 +204,9 @@ TEST_F(Mirrored, ChangesWhileTheChangeLogIsShort_AreAllCopied) {
   (void)DumpOfMirror();
 }
 
-// More than one batch of a watch holds.
+// A watch returns these changes in several batches.
 TEST_F(Mirrored, Changes_MoreThanAWatchBatch_AreCopiedAsOneState) {
-  ASSERT_TRUE(Caught());
+  ASSERT_TRUE(HasMirrorCaughtUp());
   for (int round = 0; round < 3; ++round) {
     Transaction transaction;
     for (int i = 0; i < 12'000; ++i) {
@@ -218,8 +217,8 @@ TEST_F(Mirrored, Changes_MoreThanAWatchBatch_AreCopiedAsOneState) {
   (void)DumpOfMirror();
 }
 
-TEST_F(Mirrored, DamagedCopy_IsMadeAgain) {
-  ASSERT_TRUE(Caught());
+TEST_F(Mirrored, Mirror_DamagedCopy_IsRecreated) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   store_.reset();
   std::ofstream(Folder() + "/data.mdb", std::ios::binary) << std::string(8192, 'x');
   OpenMirror();
@@ -227,17 +226,17 @@ TEST_F(Mirrored, DamagedCopy_IsMadeAgain) {
 }
 
 TEST_F(Mirrored, ReadersAndWriters_PrimaryFailsAndRecovers_SeeCompleteStates) {
-  ASSERT_TRUE(Caught());
+  ASSERT_TRUE(HasMirrorCaughtUp());
   Transaction first;
   first.operations = {{"/x", "0"}, {"/y", "0"}};
   ASSERT_TRUE(primary_->Commit(first).ok());
-  ASSERT_TRUE(Caught());
-  std::atomic<bool> ends{false};
+  ASSERT_TRUE(HasMirrorCaughtUp());
+  std::atomic<bool> is_done{false};
   std::atomic<int> reads{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&] {
-      while (!ends) {
+      while (!is_done) {
         const auto snapshot = store_->Read();
         ASSERT_TRUE(snapshot.ok()) << snapshot.error().ToString();
         const auto x = (*snapshot)->Get("/x");
@@ -263,7 +262,7 @@ TEST_F(Mirrored, ReadersAndWriters_PrimaryFailsAndRecovers_SeeCompleteStates) {
     }
   }
   primary_->Heal();
-  ends = true;
+  is_done = true;
   for (std::thread& thread : threads) thread.join();
   EXPECT_GT(committed, 50);
   EXPECT_GT(reads, 1000);
@@ -272,8 +271,8 @@ TEST_F(Mirrored, ReadersAndWriters_PrimaryFailsAndRecovers_SeeCompleteStates) {
 }
 
 // A folder that is not mounted, or an old one, must not replace the last copy of the right database.
-TEST_F(Mirrored, EmptyOrOlderDatabaseInThePlaceOfThePrimary_IsRefused) {
-  ASSERT_TRUE(Caught());
+TEST_F(Mirrored, CheckPrimary_EmptyOrOlderDatabase_IsRefused) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   store_.reset();
   EXPECT_TRUE(CheckPrimaryIsNotOlder(*primary_, Folder()).ok()) << "as old as its copy";
   const LmdbOptions small{folder_.path() + "/other", kStoreMapBytes, 10};
@@ -290,8 +289,8 @@ TEST_F(Mirrored, EmptyOrOlderDatabaseInThePlaceOfThePrimary_IsRefused) {
   EXPECT_TRUE(CheckPrimaryIsNotOlder(*primary_, Folder()).ok());
 }
 
-TEST_F(Mirrored, WithoutAReadableCopy_NoDatabaseIsTooOld) {
-  ASSERT_TRUE(Caught());
+TEST_F(Mirrored, CheckPrimary_NoReadableCopy_AcceptsAnyDatabase) {
+  ASSERT_TRUE(HasMirrorCaughtUp());
   store_.reset();
   const auto empty = OpenLmdbStore({folder_.path() + "/other", kStoreMapBytes, 10});
   ASSERT_TRUE(empty.ok());
@@ -300,18 +299,18 @@ TEST_F(Mirrored, WithoutAReadableCopy_NoDatabaseIsTooOld) {
   EXPECT_TRUE(CheckPrimaryIsNotOlder(**empty, Folder()).ok());
 }
 
-TEST(PrimaryFolder, WithoutADatabaseWhereOneWas_IsRefused) {
+TEST(PrimaryFolder, CheckPrimaryExists_DatabaseGone_IsRefused) {
   const TemporaryFolder folder;
   const std::string primary = folder.path() + "/primary";
   const std::string mirror = folder.path() + "/mirror";
-  EXPECT_TRUE(CheckPrimaryIsThere(primary, mirror).ok()) << "a first start";
+  EXPECT_TRUE(CheckPrimaryExists(primary, mirror).ok()) << "a first start";
   ASSERT_TRUE(OpenLmdbStore({mirror, kStoreMapBytes, 10}).ok());
-  const Status refused = CheckPrimaryIsThere(primary, mirror);
+  const Status refused = CheckPrimaryExists(primary, mirror);
   ASSERT_FALSE(refused.ok());
   EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable);
-  EXPECT_THAT(refused.error().ToString(), HasSubstr("mount it"));
+  EXPECT_THAT(refused.error().ToString(), HasSubstr("Mount it"));
   ASSERT_TRUE(OpenLmdbStore({primary, kStoreMapBytes, 10}).ok());
-  EXPECT_TRUE(CheckPrimaryIsThere(primary, mirror).ok());
+  EXPECT_TRUE(CheckPrimaryExists(primary, mirror).ok());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The embedded store between processes: several at the same time, killed ones, and full disks.
+// The LMDB store with several processes, killed processes, and full disks.
 
 #include <signal.h>
 
@@ -55,7 +55,7 @@ TEST(StoreProcesses, Readers_OtherProcesses_SeeCompleteTransactions) {
   EXPECT_EQ(first.ReadLine(), "ready");
   EXPECT_EQ(second.ReadLine(), "ready");
   for (int i = 0; i < 300; ++i) {
-    // Ever larger, so that the readers meet pages that were written after they opened the store.
+    // The values grow, so that the readers use pages that were written after they opened the store.
     const std::string text = std::to_string(i) + std::string(static_cast<std::size_t>(i) * 100, 'x');
     ASSERT_TRUE(store->Commit({{}, {{"/l", text}, {"/r", text}}}).ok());
   }
@@ -81,7 +81,7 @@ TEST(StoreProcesses, Watch_CommitOfAnotherProcess_IsSeen) {
   EXPECT_EQ(batch->changes[0].key, "/shared");
 }
 
-TEST(StoreProcesses, Map_GrownByAnotherProcess_IsFollowed) {
+TEST(StoreProcesses, Map_GrownByAnotherProcess_GrowsToo) {
   const TemporaryFolder folder;
   const auto opened = OpenLmdbStore({folder.path(), std::size_t{1} << 20, 1000});
   ASSERT_TRUE(opened.ok()) << opened.error().ToString();
@@ -92,7 +92,7 @@ TEST(StoreProcesses, Map_GrownByAnotherProcess_IsFollowed) {
   EXPECT_EQ(ReadOf(**opened)->revision(), 101u);
 }
 
-// What a killed writer acknowledged is there, what it did not is there whole or not at all.
+// Every transaction that a killed writer acknowledged is there; the next one is there completely or not at all.
 void CheckAcknowledged(const Store& store, long acknowledged) {
   const auto snapshot = ReadOf(store);
   const auto last = snapshot->Get("/last").value();
@@ -127,7 +127,7 @@ TEST(StoreProcesses, Writer_KilledAtAnyMoment_LosesNothingAcknowledged) {
     EXPECT_EQ(writer.Wait(), 128 + SIGKILL);
     CheckAcknowledged(*Open(folder.path()), acknowledged);
     if (HasFatalFailure()) return;
-    // A number may have been committed and not yet said.
+    // The last number may have been committed and not yet printed.
     acknowledged = std::stol(TextOf(*Open(folder.path()), "/last"));
   }
 }

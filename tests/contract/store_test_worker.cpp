@@ -1,5 +1,4 @@
-// Another process on a store, for tests: store_test_worker COMMAND FOLDER [ARGUMENT]. Exit code 0: all was as it must
-// be.
+// A process that uses a store, for tests: store_test_worker COMMAND FOLDER [ARGUMENT]. Exit code 0: all checks passed.
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -21,8 +20,8 @@ namespace {
 
 constexpr int kNotPermitted = 77;
 
-void Require(bool holds, const std::string& what) {
-  if (holds) return;
+void Require(bool condition, const std::string& what) {
+  if (condition) return;
   std::cerr << "store_test_worker: " << what << "\n";
   std::_Exit(1);
 }
@@ -41,7 +40,7 @@ std::string TextOf(const Store& store, const std::string& key) {
   return *value ? std::string((*value)->text) : "";
 }
 
-// Adds one to "/shared" so many times.
+// Adds one to "/shared", `times` times.
 int IncrementMany(const std::string& directory, const std::string& times) {
   const auto store = Open(directory);
   for (int left = std::stoi(times); left > 0;) {
@@ -62,7 +61,7 @@ int IncrementMany(const std::string& directory, const std::string& times) {
   return 0;
 }
 
-// Commits forever, each time two keys with one number, and says the number once Commit has returned.
+// Commits two keys with the next number until it is killed, and prints each number after its commit.
 int Acknowledge(const std::string& directory, const std::string&) {
   const auto store = Open(directory);
   const std::string last = TextOf(*store, "/last");
@@ -77,7 +76,7 @@ int Acknowledge(const std::string& directory, const std::string&) {
   }
 }
 
-// Reads "/l" and "/r", which are always committed together, until they say "end".
+// Reads "/l" and "/r", which are always committed together, until their value is "end".
 int ReadPairs(const std::string& directory, const std::string&) {
   const auto store = Open(directory);
   std::printf("ready\n");
@@ -94,8 +93,9 @@ int ReadPairs(const std::string& directory, const std::string&) {
   }
 }
 
-// Fills the store until it is refused, and sees that nothing broke. `more_room` lifts the limit.
-int FillUp(const std::string& directory, const std::function<void()>& more_room) {
+// Fills the store until a commit is refused, and checks that all values are unchanged and that commits work again after
+// `lift_limit`.
+int FillUp(const std::string& directory, const std::function<void()>& lift_limit) {
   const auto store = Open(directory);
   Require(store->Commit({{}, {{"/keep", "kept"}}}).ok(), "the first commit was refused");
   ErrorCode refusal = ErrorCode::kInvalid;
@@ -111,14 +111,14 @@ int FillUp(const std::string& directory, const std::function<void()>& more_room)
   }
   Require(refusal == ErrorCode::kNoSpace || refusal == ErrorCode::kInternal, "refused for a wrong reason, or never");
   Require(written > 3, "refused immediately");
-  Require(store->health() == Health::kReadOnly, "the store calls itself ready");
+  Require(store->health() == Health::kReadOnly, "the store reports that it is ready");
   Require(store->Read().value()->revision() == last, "the refused commit left a revision");
   Require(TextOf(*store, MakeKey({"fill", std::to_string(written)})).empty(), "the refused commit left a value");
   Require(TextOf(*store, "/keep") == "kept", "a value was lost");
-  more_room();
+  lift_limit();
   const auto again = store->Commit({{}, {{"/after", std::string(30'000, 'a')}}});
   Require(again.ok(), "refused although there is room again");
-  Require(store->health() == Health::kReady, "the store does not call itself ready again");
+  Require(store->health() == Health::kReady, "the store does not report that it is ready again");
   for (int i = 0; i < written; ++i) {
     Require(TextOf(*store, MakeKey({"fill", std::to_string(i)})) == std::string(30'000, 'f'), "a value was damaged");
   }
@@ -139,7 +139,7 @@ int FillUpToFileLimit(const std::string& directory, const std::string& bytes) {
   });
 }
 
-// On a small disk of its own, which goes with this process.
+// The disk is a small file system in the mount namespace of this process, and disappears with it.
 int FillUpDisk(const std::string& directory, const std::string& bytes) {
   if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       ::mount("tmpfs", directory.c_str(), "tmpfs", 0, ("size=" + bytes).c_str()) != 0) {
@@ -150,8 +150,8 @@ int FillUpDisk(const std::string& directory, const std::string& bytes) {
   });
 }
 
-// Grows the store far beyond the map of everybody else.
-int GrowBy(const std::string& directory, const std::string& values) {
+// Grows the store beyond the memory maps of other processes.
+int Grow(const std::string& directory, const std::string& values) {
   const auto store = Open(directory);
   for (int i = 0; i < std::stoi(values); ++i) {
     const auto done = store->Commit({{}, {{MakeKey({"grown", std::to_string(i)}), std::string(100'000, 'g')}}});
@@ -166,7 +166,7 @@ struct Command {
 };
 constexpr Command kCommands[] = {
     {"increment", IncrementMany},         {"acknowledge", Acknowledge}, {"read_pairs", ReadPairs},
-    {"fill_to_limit", FillUpToFileLimit}, {"fill_disk", FillUpDisk},    {"grow", GrowBy},
+    {"fill_to_limit", FillUpToFileLimit}, {"fill_disk", FillUpDisk},    {"grow", Grow},
 };
 
 }  // namespace

@@ -13,24 +13,24 @@
 namespace vexa::store {
 
 Worker::Worker(const std::vector<std::string>& arguments) {
-  // The program lies beside the test.
+  // The program is in the folder of the test.
   const std::string program =
       (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "store_test_worker").string();
   std::vector<char*> argv = {const_cast<char*>(program.c_str())};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) {
+  int pipe_ends[2];
+  if (::pipe2(pipe_ends, O_CLOEXEC) != 0) {
     ADD_FAILURE() << "no pipe";
     return;
   }
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, pipe_ends[1], STDOUT_FILENO);
   const int failed = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
   ::posix_spawn_file_actions_destroy(&actions);
-  ::close(ends[1]);
-  output_ = ends[0];
+  ::close(pipe_ends[1]);
+  output_ = pipe_ends[0];
   if (failed != 0) {
     ADD_FAILURE() << "cannot start " << program;
     pid_ = -1;

@@ -1,4 +1,4 @@
-// Starts store_test_worker: another process on the same store.
+// Starts store_test_worker, a process that uses the same store.
 #pragma once
 
 #include <sys/types.h>
@@ -8,7 +8,7 @@
 
 namespace vexa::store {
 
-// Killed and reaped when destroyed, if it still runs.
+// The destructor kills the process, if it still runs, and waits for its end.
 class Worker {
  public:
   explicit Worker(const std::vector<std::string>& arguments);
@@ -18,9 +18,9 @@ class Worker {
 
   // The next line of its output without the newline; empty at the end.
   std::string ReadLine();
-  // kill -9; what it had written before can still be read.
+  // Sends SIGKILL. Output from before can still be read.
   void Kill();
-  // Its exit code, or 128 and the signal.
+  // Waits for its end. Returns its exit code, or 128 plus the signal.
   int Wait();
 
  private:

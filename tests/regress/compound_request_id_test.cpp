@@ -1,4 +1,4 @@
-// Items of a compound request that a helping thread ran had lost the request's id: their log lines named none.
+// Items of a compound request that ran on other threads had lost the request's id, so their log lines had no id.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -13,9 +13,9 @@
 namespace {
 
 // Slow enough that several threads take part.
-void TellRequestId(const vexa::webapi::Call& call) {
+void ReturnRequestId(const vexa::api::Call& call) {
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  call.response->SetSuccess(Json::Value(std::string(vexa::daemon::CurrentRequestId())));
+  call.response->SetSuccess(Json::Value(std::string(vexa::api::CurrentRequestId())));
 }
 
 TEST(CompoundRequest, EveryItem_HasTheIdOfItsRequest) {
@@ -29,9 +29,9 @@ TEST(CompoundRequest, EveryItem_HasTheIdOfItsRequest) {
       vexa::daemon::Daemon::Start(config, {{.api = "VEXA.Test",
                                             .method = "id",
                                             .version = 1,
-                                            .access = vexa::webapi::Access::kHost,
-                                            .lane = vexa::webapi::LaneKind::kQuick,
-                                            .handler = TellRequestId,
+                                            .access = vexa::api::Access::kHost,
+                                            .lane = vexa::api::LaneKind::kQuick,
+                                            .handler = ReturnRequestId,
                                             .summary = "The id of the request that the thread works for.",
                                             .parameters = {},
                                             .errors = {}}}));
@@ -44,7 +44,7 @@ TEST(CompoundRequest, EveryItem_HasTheIdOfItsRequest) {
   request.setAPI("VEXA.Entry.Request");
   request.setMethod("request");
   request.addParam("compound", items);
-  const vexa::daemon::RequestIdScope scope("the-id");
+  const vexa::api::RequestIdScope scope("the-id");
   const VexaDRCore::Response response = VexaCCC::Sender::localhost().process(request);
   ASSERT_TRUE(response.isSuccess()) << response.getErrCode();
   const Json::Value results = response.getDataField("result");

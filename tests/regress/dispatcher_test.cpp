@@ -1,4 +1,5 @@
-// What no test over loopback can see: callers from other machines and by certificate, and a failure beside the handler.
+// Cases that tests over loopback cannot reach: callers from other machines or with a certificate, and exceptions
+// outside of the handler.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -14,15 +15,14 @@
 
 namespace {
 
-using namespace vexa::daemon;
-using vexa::webapi::Access;
-using vexa::webapi::LaneKind;
+using vexa::api::Access;
+using vexa::api::LaneKind;
 
 constexpr const char* kPassword = "correct horse";
 
-void Succeed(const vexa::webapi::Call& call) { call.response->SetSuccess(Json::Value()); }
+void Succeed(const vexa::api::Call& call) { call.response->SetSuccess(Json::Value()); }
 
-vexa::webapi::ApiRow Row(std::string_view method, Access access) {
+vexa::api::ApiRow Row(std::string_view method, Access access) {
   return {.api = "T",
           .method = method,
           .version = 1,
@@ -34,16 +34,16 @@ vexa::webapi::ApiRow Row(std::string_view method, Access access) {
           .errors = {}};
 }
 
-class DispatcherAlone : public testing::Test {
+class DispatcherWithoutServer : public testing::Test {
  protected:
-  DispatcherAlone() {
+  DispatcherWithoutServer() {
     vexa::store::LmdbOptions options;
     options.directory = folder_.File("store");
     store_ = vexa::store::OpenLmdbStore(options).value();
     accounts_ = std::make_unique<vexa::cluster::AccountStore>(store_);
-    sessions_ = SessionTable::Open(folder_.File("sessions.json"), {}).value();
-    identity_ = std::make_unique<Identity>(*sessions_, *accounts_);
-    Dispatcher::Parts parts;
+    sessions_ = vexa::session::SessionTable::Open(folder_.File("sessions.json"), {}).value();
+    identity_ = std::make_unique<vexa::api::Identity>(*sessions_, *accounts_);
+    vexa::api::Dispatcher::Parts parts;
     parts.table = &table_;
     parts.identity = identity_.get();
     parts.metrics = &metrics_;
@@ -51,7 +51,7 @@ class DispatcherAlone : public testing::Test {
     parts.long_running = &lane_;
     parts.metrics_text = [this] { return metrics_text_(); };
     parts.health = [] { return std::string(); };
-    dispatcher_ = std::make_unique<Dispatcher>(std::move(parts));
+    dispatcher_ = std::make_unique<vexa::api::Dispatcher>(std::move(parts));
   }
 
   std::string TokenOf(const char* name, std::vector<std::string> groups) {
@@ -63,8 +63,9 @@ class DispatcherAlone : public testing::Test {
     return sessions_->Create({name, accounts_->FindUser(name)->uid})->token;
   }
 
-  HttpRequest Request(const std::string& method, const std::string& target, const std::string& token) const {
-    HttpRequest request;
+  vexa::http::HttpRequest Request(const std::string& method, const std::string& target,
+                                  const std::string& token) const {
+    vexa::http::HttpRequest request;
     request.method = method;
     request.target = target;
     request.content_type = "application/json";
@@ -73,15 +74,17 @@ class DispatcherAlone : public testing::Test {
     return request;
   }
 
-  // The status of the answer; 0 when every responder was dropped, which the server answers with 500.
-  int Send(HttpRequest request) {
+  // The status of the response; 0 when the request was dropped without a response, for which the server sends 500.
+  int Send(vexa::http::HttpRequest request) {
     if (const auto refusal = dispatcher_->OnHeader(request)) return refusal->status;
     int status = -1;
     boost::asio::io_context context;
-    const auto mailbox = std::make_shared<Mailbox>(
-        context, [&](Answer&& answer) { status = answer.response ? answer.response->status : 0; });
+    const auto mailbox = std::make_shared<vexa::http::Mailbox>(context, [&](vexa::http::PendingResponse&& pending) {
+      status = pending.response ? pending.response->status : 0;
+    });
     const auto busy = boost::asio::make_work_guard(context);
-    dispatcher_->OnRequest(std::move(request), Responder(std::make_shared<Responder::Impl>(mailbox, 0, 0)));
+    dispatcher_->OnRequest(std::move(request),
+                           vexa::http::Responder(std::make_shared<vexa::http::Responder::Impl>(mailbox, 0, 0)));
     while (status == -1 && context.run_one_for(std::chrono::seconds(30)) > 0) {
     }
     mailbox->Close();
@@ -91,17 +94,17 @@ class DispatcherAlone : public testing::Test {
   vexa::test::TempDir folder_;
   std::shared_ptr<vexa::store::Store> store_;
   std::unique_ptr<vexa::cluster::AccountStore> accounts_;
-  std::unique_ptr<SessionTable> sessions_;
-  std::unique_ptr<Identity> identity_;
-  vexa::webapi::ApiTable table_{{Row("user", Access::kUser), Row("host", Access::kHost)}};
-  Metrics metrics_{table_};
-  Lane lane_{LaneOptions{.name = "t"}};
+  std::unique_ptr<vexa::session::SessionTable> sessions_;
+  std::unique_ptr<vexa::api::Identity> identity_;
+  vexa::api::ApiTable table_{{Row("user", Access::kUser), Row("host", Access::kHost)}};
+  vexa::api::Metrics metrics_{table_};
+  vexa::Lane lane_{vexa::LaneOptions{.name = "t"}};
   std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
   std::string address_ = "192.0.2.1";
-  std::unique_ptr<Dispatcher> dispatcher_;
+  std::unique_ptr<vexa::api::Dispatcher> dispatcher_;
 };
 
-TEST_F(DispatcherAlone, MetricsFromAnotherMachine_NeedAnAdministrator) {
+TEST_F(DispatcherWithoutServer, MetricsFromAnotherMachine_NeedAnAdministrator) {
   EXPECT_EQ(Send(Request("GET", "/metrics", "")), 401);
   EXPECT_EQ(Send(Request("GET", "/metrics", TokenOf("mallory", {}))), 403);
   EXPECT_EQ(Send(Request("GET", "/metrics", TokenOf("admin", {"administrators"}))), 200);
@@ -111,8 +114,8 @@ TEST_F(DispatcherAlone, MetricsFromAnotherMachine_NeedAnAdministrator) {
   }
 }
 
-TEST_F(DispatcherAlone, OtherHost_MayCallTheMethodsOfHostsOnly) {
-  HttpRequest request = Request("POST", "/webapi/T/user", "");
+TEST_F(DispatcherWithoutServer, OtherHost_MayCallTheMethodsOfHostsOnly) {
+  vexa::http::HttpRequest request = Request("POST", "/webapi/T/user", "");
   request.peer.certificate_name = "host-2";
   EXPECT_EQ(Send(std::move(request)), 403);
   request = Request("POST", "/webapi/T/host", "");
@@ -120,37 +123,37 @@ TEST_F(DispatcherAlone, OtherHost_MayCallTheMethodsOfHostsOnly) {
   EXPECT_EQ(Send(std::move(request)), 200);
 }
 
-TEST_F(DispatcherAlone, InvalidToken_WithCertificate_IsRefused) {
-  HttpRequest request = Request("POST", "/webapi/T/host", "x");
+TEST_F(DispatcherWithoutServer, InvalidToken_WithCertificate_IsRefused) {
+  vexa::http::HttpRequest request = Request("POST", "/webapi/T/host", "x");
   request.peer.certificate_name = "host-2";
   EXPECT_EQ(Send(std::move(request)), 401);
 }
 
-// An exception beside the handler, such as for want of memory, ended the process.
-TEST_F(DispatcherAlone, ExceptionOnALane_AnswersAndTheHostServesOn) {
+// An exception outside of the handler, such as std::bad_alloc, ended the process.
+TEST_F(DispatcherWithoutServer, Handler_Throws_RepliesAndServerKeepsServing) {
   const std::string token = TokenOf("admin", {"administrators"});
   metrics_text_ = []() -> std::string { throw std::bad_alloc(); };
   EXPECT_EQ(Send(Request("GET", "/metrics", token)), 0);
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 200);
 }
 
-TEST_F(DispatcherAlone, AccountsCannotBeRead_IsAFailureAndNotALogout) {
+TEST_F(DispatcherWithoutServer, Token_AccountsUnreadable_FailsWithoutLogout) {
   const std::string token = TokenOf("grace", {});
-  ASSERT_TRUE(store_->Commit({{}, {{vexa::cluster::AccountStateKey(), "{"}}}).ok());
+  ASSERT_TRUE(store_->Commit({{}, {{vexa::records::AccountStateKey(), "{"}}}).ok());
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 500);
 }
 
-TEST_F(DispatcherAlone, AccountsCannotBeRead_RootOnTheUnixSocketIsStillServed) {
-  ASSERT_TRUE(store_->Commit({{}, {{vexa::cluster::AccountStateKey(), "{"}}}).ok());
-  HttpRequest request = Request("POST", "/webapi/T/user", "");
-  request.peer.kind = vexa::daemon::Peer::Kind::kUnix;
+TEST_F(DispatcherWithoutServer, AccountsCannotBeRead_RootOnTheUnixSocketIsStillServed) {
+  ASSERT_TRUE(store_->Commit({{}, {{vexa::records::AccountStateKey(), "{"}}}).ok());
+  vexa::http::HttpRequest request = Request("POST", "/webapi/T/user", "");
+  request.peer.kind = vexa::http::Peer::Kind::kUnix;
   request.peer.uid = 0;
   EXPECT_EQ(Send(request), 200);
   request.peer.uid = 65533;
   EXPECT_EQ(Send(std::move(request)), 500);
 }
 
-TEST_F(DispatcherAlone, DeletedAccount_Token_IsRefusedEvenIfNameIsReused) {
+TEST_F(DispatcherWithoutServer, DeletedAccount_Token_IsRefusedEvenIfNameIsReused) {
   const std::string token = TokenOf("grace", {});
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 200);
   ASSERT_TRUE(accounts_->DeleteUser("grace").ok());

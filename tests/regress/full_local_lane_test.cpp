@@ -1,4 +1,4 @@
-// Compound requests of a host to itself waited for threads of the lane that they had filled themselves.
+// Compound requests of a host to itself waited for free threads of a lane whose threads they occupied themselves.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -31,27 +31,27 @@ VexaDRCore::Request CompoundOfTwo() {
   return request;
 }
 
-TEST(FullLocalLane, AsManyCompoundRequestsAsThreads_AllGetTheirItems) {
+TEST(FullLocalLane, CompoundRequests_OnePerThread_AllFinish) {
   TestDaemon daemon([](vexa::daemon::Config& config) {
     config.long_threads = kThreads;
-    config.calls_per_user = 1;  // of users, which this host is not to itself
+    config.calls_per_user = 1;  // must not limit the host's requests to itself
   });
   std::barrier start(kCallers);
-  std::atomic<int> whole = 0;
-  const auto begun = std::chrono::steady_clock::now();
+  std::atomic<int> complete = 0;
+  const auto start_time = std::chrono::steady_clock::now();
   {
     std::vector<std::jthread> callers;
     for (int i = 0; i < kCallers; ++i) {
       callers.emplace_back([&] {
         start.arrive_and_wait();
         const auto reply = VexaCCC::Sender::localhost().process(CompoundOfTwo());
-        if (reply.isSuccess() && !reply.hasField("has_fail")) ++whole;
+        if (reply.isSuccess() && !reply.hasField("has_fail")) ++complete;
       });
     }
   }
-  EXPECT_EQ(whole, kCallers);
-  // An item that gets no thread costs its request 25 s.
-  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(20));
+  EXPECT_EQ(complete, kCallers);
+  // A request with an item that gets no thread takes 25 s.
+  EXPECT_LT(std::chrono::steady_clock::now() - start_time, std::chrono::seconds(20));
 }
 
 }  // namespace

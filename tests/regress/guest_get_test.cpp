@@ -1,4 +1,4 @@
-// The flags of a disk could be read from each other's keys without any test noticing: all were true, or all false.
+// If a flag of a disk was read from the key of another flag, no test failed, because all flags had the same value.
 #include <gtest/gtest.h>
 
 #include "tests/support/test_host.h"

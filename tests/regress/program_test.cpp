@@ -1,4 +1,4 @@
-// The daemon as a program, and the script that shows it: signals, the limit of open files, log lines.
+// The programs vexad and run-sample-host, and the checks in tools/.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -22,7 +22,7 @@ using vexa::test::HttpClient;
 using vexa::test::Process;
 using vexa::test::TempDir;
 
-constexpr std::chrono::seconds kPatience{60};
+constexpr std::chrono::seconds kTimeout{60};
 
 int PortIn(const std::string& log) {
   std::smatch match;
@@ -43,13 +43,13 @@ class Connection {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    is_connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   }
-  Connection(Connection&& other) noexcept : fd_(std::exchange(other.fd_, -1)), connected_(other.connected_) {}
+  Connection(Connection&& other) noexcept : fd_(std::exchange(other.fd_, -1)), is_connected_(other.is_connected_) {}
   ~Connection() {
     if (fd_ >= 0) ::close(fd_);
   }
-  bool connected() const { return connected_; }
+  bool connected() const { return is_connected_; }
   bool Send(const std::string& text) const {
     return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
   }
@@ -64,29 +64,29 @@ class Connection {
 
  private:
   int fd_;
-  bool connected_ = false;
+  bool is_connected_ = false;
 };
 
-// The first half of a request, which then counts as begun.
-std::string HalfARequest() {
+// The header and the first byte of the body: the daemon waits for the rest of the request.
+std::string FirstHalfOfRequest() {
   return "POST /webapi/VEXA.Core.Session/login HTTP/1.1\r\nHost: a\r\nContent-Type: application/json\r\n"
          "Content-Length: 2\r\n\r\n{";
 }
 
-TEST(DaemonProgram, FewOpenFiles_ConnectionsOfAStrangerLeaveRoomForTheRest) {
+TEST(DaemonProgram, Connections_LowFileLimit_LeaveDescriptorsForOtherWork) {
   const TempDir folder;
   // `ulimit` sets the hard limit as well: the daemon cannot raise it.
   Process daemon(
       {.argv = {"sh", "-c", "ulimit -n 512; exec \"$0\" \"$@\"", VEXAD_PROGRAM, "--data", folder.File("data"),
                 "--socket", folder.File("s"), "--listen", "127.0.0.1:0", "--log", "stderr"}});
-  ASSERT_TRUE(daemon.WaitForText("Ready.", kPatience)) << daemon.errors();
+  ASSERT_TRUE(daemon.WaitForText("Ready.", kTimeout)) << daemon.errors();
   HttpClient local = OnSocket(folder.File("s"));
   EXPECT_EQ(local.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200);
   std::vector<Connection> idle;
   for (int i = 0; i < 700; ++i) idle.emplace_back(PortIn(daemon.errors()));
   EXPECT_EQ(local.PostJson("/webapi/VEXA.Core.Session/info", "").status, 200) << daemon.errors();
   daemon.Signal(SIGTERM);
-  const auto status = daemon.Wait(kPatience);
+  const auto status = daemon.Wait(kTimeout);
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(status->code, 0);
 }
@@ -95,41 +95,41 @@ TEST(DaemonProgram, LogLines_EndInTheRequestsId) {
   const TempDir folder;
   Process daemon({.argv = {VEXAD_PROGRAM, "--data", folder.File("data"), "--socket", folder.File("s"), "--listen",
                            "none", "--log", "stderr"}});
-  ASSERT_TRUE(daemon.WaitForText("Ready.", kPatience)) << daemon.errors();
+  ASSERT_TRUE(daemon.WaitForText("Ready.", kTimeout)) << daemon.errors();
   const auto reply =
       OnSocket(folder.File("s")).PostJson("/webapi/VEXA.Virtualization.Guest/get", R"({"guest_id":"\n%s"})");
   ASSERT_TRUE(reply.headers.contains("x-request-id"));
   EXPECT_TRUE(daemon.WaitForText(
       R"( Bad parameters, request: {"guest_id":"\n%s"} [request )" + reply.headers.at("x-request-id") + "]\n",
-      kPatience))
+      kTimeout))
       << daemon.errors();
 }
 
 TEST(DaemonProgram, StopSignal_FinishesRequests_SecondEndsImmediately) {
   const TempDir folder;
-  for (const bool is_twice : {false, true}) {
+  for (const bool sends_second_signal : {false, true}) {
     Process daemon({.argv = {VEXAD_PROGRAM, "--data", folder.File("data"), "--socket", folder.File("s"), "--listen",
                              "127.0.0.1:0", "--log", "stderr"}});
-    ASSERT_TRUE(daemon.WaitForText("Ready.", kPatience)) << daemon.errors();
+    ASSERT_TRUE(daemon.WaitForText("Ready.", kTimeout)) << daemon.errors();
     const Connection client(PortIn(daemon.errors()));
-    ASSERT_TRUE(client.Send(HalfARequest()));
+    ASSERT_TRUE(client.Send(FirstHalfOfRequest()));
     EXPECT_EQ(OnSocket(folder.File("s")).Get("/healthz").status, 200);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until the half has arrived
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until the daemon has received it
     daemon.Signal(SIGTERM);
-    ASSERT_TRUE(daemon.WaitForText("Stopping.", kPatience));
-    if (is_twice) {
+    ASSERT_TRUE(daemon.WaitForText("Stopping.", kTimeout));
+    if (sends_second_signal) {
       daemon.Signal(SIGTERM);
     } else {
       ASSERT_TRUE(client.Send("}"));
       EXPECT_TRUE(client.ReadAll().starts_with("HTTP/1.1 400 "));
     }
-    const auto status = daemon.Wait(kPatience);
+    const auto status = daemon.Wait(kTimeout);
     ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(status->code, is_twice ? 128 + SIGTERM : 0);
+    EXPECT_EQ(status->code, sends_second_signal ? 128 + SIGTERM : 0);
   }
 }
 
-// The script's own tree: its tools and examples, and the programs of this build where it looks for them.
+// A copy of the tree for the script: tools and examples, and links to the programs where the script expects them.
 void MakeTree(const TempDir& folder) {
   const std::string script = std::string("set -e; cd '") + folder.path() + "'; mkdir -p 't r/build/release/cli' " +
                              "'t r/build/release/host/daemon'; cp -r '" VEXA_SOURCE_DIR "/tools' '" VEXA_SOURCE_DIR
@@ -140,27 +140,28 @@ void MakeTree(const TempDir& folder) {
   ASSERT_EQ(made.exit_code, 0) << made.errors;
 }
 
-vexa::test::ProcessOptions Script(const TempDir& folder, const char* once) {
-  return {.argv = {folder.File("t r/tools/run-sample-host"), once},
-          .environment = {{"VEXA_RUN_DIR", once == std::string("no") ? std::optional(folder.File("r")) : std::nullopt},
-                          {"VEXA_PORT", once == std::string("no") ? std::optional("0") : std::nullopt}}};
+vexa::test::ProcessOptions Script(const TempDir& folder, const char* single_request) {
+  return {.argv = {folder.File("t r/tools/run-sample-host"), single_request},
+          .environment = {
+              {"VEXA_RUN_DIR", single_request == std::string("no") ? std::optional(folder.File("r")) : std::nullopt},
+              {"VEXA_PORT", single_request == std::string("no") ? std::optional("0") : std::nullopt}}};
 }
 
-// Ctrl-C reached the daemon and the script, which sent it a second signal.
+// Ctrl-C reached the daemon and the script, and the script sent the daemon a second signal.
 TEST(SampleHost, CtrlC_FinishesCurrentRequests) {
   const TempDir folder;
   MakeTree(folder);
   Process script(Script(folder, "no"));
-  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kPatience)) << script.errors();
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
   const Connection client(PortIn(script.output()));
-  ASSERT_TRUE(client.Send(HalfARequest()));
+  ASSERT_TRUE(client.Send(FirstHalfOfRequest()));
   EXPECT_EQ(OnSocket(folder.File("r/vexad.sock")).Get("/healthz").status, 200);
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   ::kill(-script.pid(), SIGINT);
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   EXPECT_TRUE(client.Send("}"));
   EXPECT_TRUE(client.ReadAll().starts_with("HTTP/1.1 400 "));
-  EXPECT_TRUE(script.Wait(kPatience).has_value());
+  EXPECT_TRUE(script.Wait(kTimeout).has_value());
 }
 
 // A single request, or a second host, replaced the records of the running one and its log.
@@ -168,21 +169,21 @@ TEST(SampleHost, RunSampleHost_HostRunning_OneRequestWorksAndSecondHostIsRefused
   const TempDir folder;
   MakeTree(folder);
   Process script(Script(folder, "no"));
-  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kPatience)) << script.errors();
+  ASSERT_TRUE(script.WaitForText("Ctrl-C stops it.", kTimeout)) << script.errors();
   const auto log = vexa::ReadFile(folder.File("r/vexad.log"), 1 << 20);
-  const auto once = vexa::test::RunProcess(Script(folder, "yes"));
-  EXPECT_EQ(once.exit_code, 0) << once.errors;
+  const auto single_request = vexa::test::RunProcess(Script(folder, "yes"));
+  EXPECT_EQ(single_request.exit_code, 0) << single_request.errors;
   const auto second = vexa::test::RunProcess(Script(folder, "no"));
   EXPECT_EQ(second.exit_code, 1);
   EXPECT_NE(second.errors.find("Another host runs in"), std::string::npos) << second.errors;
   EXPECT_EQ(second.output, "") << "nothing was imported";
   EXPECT_EQ(*vexa::ReadFile(folder.File("r/vexad.log"), 1 << 20), *log);
   ::kill(-script.pid(), SIGINT);
-  EXPECT_TRUE(script.Wait(kPatience).has_value());
+  EXPECT_TRUE(script.Wait(kTimeout).has_value());
 }
 
-// The script made up a new password and went on to show it, while the account kept the old one.
-TEST(SampleHost, KeptPasswordIsLost_TheShownOneWorks) {
+// The script generated and printed a new password, while the account kept the old one.
+TEST(SampleHost, SavedPassword_FileDeleted_PrintedPasswordWorks) {
   const TempDir folder;
   MakeTree(folder);
   vexa::test::ProcessOptions options = Script(folder, "yes");
@@ -193,7 +194,7 @@ TEST(SampleHost, KeptPasswordIsLost_TheShownOneWorks) {
   EXPECT_EQ(again.exit_code, 0) << again.errors;
 }
 
-// A tab before an include, or a pointer before an accessor, got past the check.
+// The check did not find an include after a tab, or an accessor after a pointer.
 TEST(CheckBorders, UnusualSpelling_IsRefused) {
   for (const char* line : {"\t#include <thread>", "#\tinclude <fstream>", "int n = value->asInt();"}) {
     const TempDir root;
@@ -208,7 +209,7 @@ TEST(CheckBorders, UnusualSpelling_IsRefused) {
   }
 }
 
-// Rooms of the host were folders that happened to be; now a lower one may not include a higher one.
+// Folders of the host could include each other freely. Now a lower one must not include a higher one.
 TEST(CheckBorders, HigherOrUnknownRoom_IsRefused) {
   const TempDir root;
   for (const char* room :
@@ -231,25 +232,67 @@ TEST(CheckBorders, HigherOrUnknownRoom_IsRefused) {
   EXPECT_NE(unknown.errors.find("host/attic"), std::string::npos) << unknown.errors;
 }
 
-// Phrases that readers had to decode stayed in comments, messages and names, as nothing found them.
-TEST(CheckWords, PhraseInCommentTextOrName_IsRefused) {
+// Clang cannot check what a std::mutex guards, so access without the lock was not found.
+TEST(CheckBorders, LockThatClangCannotCheck_IsRefused) {
+  const TempDir root;
+  for (const char* room : {"host/base", "cli", "webapi/guest", "webapi/utils", "webapi/platform"}) {
+    ASSERT_TRUE(vexa::CreateDirectories(root.File(room), 0700).ok());
+  }
+  const auto check = [&root] {
+    return vexa::test::RunProcess({.argv = {VEXA_SOURCE_DIR "/tools/check-borders", root.path()}});
+  };
+  std::ofstream(root.File("host/base/mutex.h")) << "#include <mutex>\n";
+  EXPECT_EQ(check().exit_code, 0);
+  for (const char* file : {"host/base/other.h", "cli/other.cpp"}) {
+    std::ofstream(root.File(file)) << "#include <mutex>\n";
+    const auto refused = check();
+    EXPECT_EQ(refused.exit_code, 1) << file;
+    EXPECT_NE(refused.errors.find(std::string(file) + ":1:"), std::string::npos) << refused.errors;
+    ASSERT_EQ(::unlink(root.File(file).c_str()), 0);
+  }
+}
+
+// Error codes were defined in many places, because the library and the host had no header in common.
+TEST(CheckBorders, ErrorCodes_AreForAllRoomsAndIncludeNothing) {
+  const TempDir root;
+  for (const char* room : {"host/base", "webapi/guest", "webapi/utils", "webapi/platform"}) {
+    ASSERT_TRUE(vexa::CreateDirectories(root.File(room), 0700).ok());
+  }
+  const auto check = [&root] {
+    return vexa::test::RunProcess({.argv = {VEXA_SOURCE_DIR "/tools/check-borders", root.path()}}).exit_code;
+  };
+  std::ofstream(root.File("webapi/error_codes.h")) << "#pragma once\n";
+  std::ofstream(root.File("webapi/utils/a.cpp")) << "#include \"webapi/error_codes.h\"\n";
+  std::ofstream(root.File("host/base/a.cpp")) << "#include \"webapi/error_codes.h\"\n";
+  EXPECT_EQ(check(), 0);
+  std::ofstream(root.File("webapi/platform/a.h")) << "#include \"webapi/error_codes.h\"\n";
+  EXPECT_EQ(check(), 1) << "the platform's declarations stay apart from the codes";
+  std::ofstream(root.File("webapi/platform/a.h")) << "#include <string>\n";
+  EXPECT_EQ(check(), 0);
+  std::ofstream(root.File("webapi/error_codes.h")) << "#include <string>\n";
+  EXPECT_EQ(check(), 1);
+}
+
+// No check found unclear phrases in comments, messages and names.
+TEST(CheckWords, CheckWords_BannedPhrase_IsRefused) {
   const TempDir root;
   const auto check = [&root](const std::string& text) {
     std::ofstream(root.File("a.cpp")) << text << "\n";
     return vexa::test::RunProcess({.argv = {VEXA_SOURCE_DIR "/tools/check-words", root.File("a.cpp")}});
   };
-  for (const char* fine : {"// The value is not a number.", "const char* text = \"Nobody knows\";", "int told = 0;"}) {
-    const auto result = check(fine);
-    EXPECT_EQ(result.exit_code, 0) << fine << result.output << result.errors;
+  for (const char* allowed :
+       {"// The value is not a number.", "const char* text = \"Nobody knows\";", "int told = 0;"}) {
+    const auto result = check(allowed);
+    EXPECT_EQ(result.exit_code, 0) << allowed << result.output << result.errors;
   }
-  for (const auto& [text, place] :
+  for (const auto& [text, position] :
        {std::pair("// The value is no number.", "a.cpp:1: 'is no'"),
         std::pair("\n// It is\n// no number.", "a.cpp:2: 'is no'"),
         std::pair("const char* text = \"The user is told\";", "a.cpp:1: 'told'"),
         std::pair("TEST(Value, IsNone_GivesTheDefault) {}", "a.cpp:1: 'IsNone_GivesTheDefault'")}) {
     const auto result = check(text);
     EXPECT_EQ(result.exit_code, 1) << text;
-    EXPECT_NE(result.output.find(place), std::string::npos) << result.output << result.errors;
+    EXPECT_NE(result.output.find(position), std::string::npos) << result.output << result.errors;
   }
 }
 

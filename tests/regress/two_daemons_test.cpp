@@ -1,4 +1,4 @@
-// Two daemons could share a data folder; each wrote its own sessions over the other's.
+// Two daemons could use one data folder, and overwrote each other's sessions.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(TwoDaemons, OnOneDataFolder_TheSecondDoesNotStart) {
+TEST(TwoDaemons, SecondDaemon_SameDataFolder_DoesNotStart) {
   const vexa::test::TestDaemon first;
   vexa::daemon::Config config = first.config();
   config.socket = first.folder().File("other");
@@ -17,7 +17,7 @@ TEST(TwoDaemons, OnOneDataFolder_TheSecondDoesNotStart) {
   EXPECT_EQ(second.error().code(), vexa::ErrorCode::kBusy);
 }
 
-TEST(TwoDaemons, AfterTheFirstHasGone_TheFolderIsFree) {
+TEST(TwoDaemons, SecondLock_FirstReleased_IsTaken) {
   const vexa::test::TempDir folder;
   {
     const auto lock = vexa::DataLock::Take(folder.path());
@@ -27,7 +27,7 @@ TEST(TwoDaemons, AfterTheFirstHasGone_TheFolderIsFree) {
   EXPECT_TRUE(vexa::DataLock::Take(folder.path()).ok());
 }
 
-TEST(TwoDaemons, CommandsThatShareTheFolder_KeepDaemonsFromStarting) {
+TEST(TwoDaemons, SharedLock_WhileHeld_KeepsDaemonsFromStarting) {
   const vexa::test::TempDir folder;
   EXPECT_TRUE(vexa::DataLock::Share(folder.path()).ok()) << "there was no daemon yet, and nothing is created";
   EXPECT_FALSE(std::filesystem::exists(folder.File("vexad.lock")));

@@ -13,17 +13,17 @@
 namespace vexa::test {
 
 // State shared by all objects of one cache. Valid values are objects with a member "number".
-struct CountedRefreshes {
-  std::atomic<int> begun = 0;
+struct RefreshCounters {
+  std::atomic<int> started = 0;
   std::atomic<int> running = 0;
-  std::atomic<int> most_at_once = 0;
+  std::atomic<int> max_concurrent = 0;
   // Called within refresh `number`, counted from 1; returning false fails the refresh. May be empty.
   std::function<bool(int number, Json::Value& data)> during;
 };
 
 class CountingCache : public VexaDR::Cache::DRCache {
  public:
-  explicit CountingCache(CountedRefreshes& shared, int valid_s = 3600, const std::string& group = "test",
+  explicit CountingCache(RefreshCounters& shared, int valid_s = 3600, const std::string& group = "test",
                          const std::string& name = "counting")
       : DRCache(group, name, valid_s, 0), shared_(shared) {}
 
@@ -34,10 +34,10 @@ class CountingCache : public VexaDR::Cache::DRCache {
   }
 
   bool GetUpdatedData(Json::Value& data) const override {
-    const int number = ++shared_.begun;
-    const int at_once = ++shared_.running;
-    for (int most = shared_.most_at_once; most < at_once;) {
-      if (shared_.most_at_once.compare_exchange_weak(most, at_once)) break;
+    const int number = ++shared_.started;
+    const int concurrent = ++shared_.running;
+    for (int max = shared_.max_concurrent; max < concurrent;) {
+      if (shared_.max_concurrent.compare_exchange_weak(max, concurrent)) break;
     }
     data["number"] = number;
     const bool done = !shared_.during || shared_.during(number, data);
@@ -48,7 +48,7 @@ class CountingCache : public VexaDR::Cache::DRCache {
   bool IsValid(const Json::Value& value) const override { return value.isObject() && value.isMember("number"); }
 
  private:
-  CountedRefreshes& shared_;
+  RefreshCounters& shared_;
 };
 
 }  // namespace vexa::test

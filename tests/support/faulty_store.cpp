@@ -13,7 +13,7 @@ struct FaultyStore::Faults {
   int conflicts = 0;
   std::optional<store::Health> health;
   int reads = 0;
-  int health_questions = 0;
+  int health_reads = 0;
 
   bool CountAndCheck(std::string_view key) {
     const std::lock_guard lock(mutex);
@@ -93,9 +93,9 @@ int FaultyStore::reads() const {
   return faults_->reads;
 }
 
-int FaultyStore::health_questions() const {
+int FaultyStore::health_reads() const {
   const std::lock_guard lock(faults_->mutex);
-  return faults_->health_questions;
+  return faults_->health_reads;
 }
 
 Result<std::unique_ptr<store::Snapshot>> FaultyStore::Read() const {
@@ -128,7 +128,7 @@ Result<store::ChangeBatch> FaultyStore::Watch(std::string_view prefix, store::Re
 store::Health FaultyStore::health() const {
   {
     const std::lock_guard lock(faults_->mutex);
-    ++faults_->health_questions;
+    ++faults_->health_reads;
     if (faults_->health) return *faults_->health;
   }
   return real_->health();

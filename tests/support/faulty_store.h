@@ -30,7 +30,7 @@ class FaultyStore : public store::Store {
   // How many reads of keys and children, and scans, reached the store.
   int reads() const;
   // How often its health was requested.
-  int health_questions() const;
+  int health_reads() const;
 
   Result<std::unique_ptr<store::Snapshot>> Read() const override;
   Result<store::Revision> Commit(const store::Transaction& transaction) override;

@@ -13,12 +13,14 @@
 namespace vexa::hypervisor {
 
 inline void PrintTo(GuestState state, std::ostream* out) { *out << GuestStateName(state); }
-inline void PrintTo(Problem problem, std::ostream* out) { *out << ProblemName(problem); }
+inline void PrintTo(FailureKind kind, std::ostream* out) { *out << FailureKindName(kind); }
 
-// The result of a call as one word, "ok" or the problem's.
+// "ok", or the name of the kind of failure; for kFailed, with the text, which names the cause.
 template <class T>
-std::string Word(const Outcome<T>& outcome) {
-  return outcome.ok() ? "ok" : std::string(ProblemName(outcome.failure().problem()));
+std::string OutcomeName(const Result<T, Failure>& outcome) {
+  if (outcome.ok()) return "ok";
+  const std::string kind(FailureKindName(outcome.error().kind()));
+  return outcome.error().kind() == FailureKind::kFailed ? kind + ": " + outcome.error().ToString() : kind;
 }
 
 }  // namespace vexa::hypervisor
@@ -54,13 +56,13 @@ class GuestEvents {
   // The states of a guest once there are `count` of them; fewer when a minute has passed.
   std::vector<State> Await(const std::string& id, std::size_t count) const {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kPatience, [&] { return Find(id).size() >= count; });
+    changed_.wait_for(lock, kTimeout, [&] { return Find(id).size() >= count; });
     return Find(id);
   }
 
   bool AwaitReopenings(int count) const {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return reopenings_ >= count; });
+    return changed_.wait_for(lock, kTimeout, [&] { return reopenings_ >= count; });
   }
   int reopenings() const {
     const std::lock_guard lock(mutex_);
@@ -68,7 +70,7 @@ class GuestEvents {
   }
 
  private:
-  static constexpr std::chrono::minutes kPatience{1};
+  static constexpr std::chrono::minutes kTimeout{1};
 
   std::vector<State> Find(const std::string& id) const {
     std::vector<State> states;

@@ -16,7 +16,7 @@
 namespace vexa::test {
 namespace {
 
-constexpr uid_t kNobody = 65534;
+constexpr uid_t kNobodyUid = 65534;
 
 std::string Refusal(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
@@ -38,7 +38,7 @@ std::string EnterNamespaces() {
 }
 
 // The storage is an in-memory file system that is mounted permanently at `keep`, and also shown at other places.
-[[noreturn]] void CarryOut(int orders, int answers, const std::string& keep) {
+[[noreturn]] void ServeMountRequests(int orders, int answers, const std::string& keep) {
   std::array<char, 4096> order{};
   for (;;) {
     const ssize_t size = ::read(orders, order.data(), order.size() - 1);
@@ -54,16 +54,16 @@ std::string EnterNamespaces() {
   ::_exit(0);
 }
 
-LateStorage& Instance() {
-  static LateStorage storage;
+RemovableStorage& Instance() {
+  static RemovableStorage storage;
   return storage;
 }
 
 }  // namespace
 
-LateStorage& LateStorage::Get() { return Instance(); }
+RemovableStorage& RemovableStorage::Get() { return Instance(); }
 
-std::string LateStorage::Enter() {
+std::string RemovableStorage::Enter() {
   static const std::string why_not = []() -> std::string {
     std::string refused = EnterNamespaces();
     if (!refused.empty()) return refused;
@@ -72,7 +72,7 @@ std::string LateStorage::Enter() {
     if (::mount("vexa-late", keep.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700,size=128m") != 0) {
       return Refusal("storage cannot be mounted");
     }
-    if (::geteuid() == 0 && ::chown(keep.c_str(), kNobody, kNobody) != 0) return Refusal("chown");
+    if (::geteuid() == 0 && ::chown(keep.c_str(), kNobodyUid, kNobodyUid) != 0) return Refusal("chown");
     std::array<int, 2> orders{};
     std::array<int, 2> answers{};
     if (::pipe2(orders.data(), O_CLOEXEC | O_DIRECT) != 0 || ::pipe2(answers.data(), O_CLOEXEC) != 0) {
@@ -84,7 +84,7 @@ std::string LateStorage::Enter() {
       ::setsid();
       ::close(orders[1]);
       ::close(answers[0]);
-      CarryOut(orders[0], answers[1], keep);
+      ServeMountRequests(orders[0], answers[1], keep);
     }
     ::close(orders[0]);
     ::close(answers[1]);
@@ -95,10 +95,10 @@ std::string LateStorage::Enter() {
   return why_not;
 }
 
-bool LateStorage::Mount(const std::string& folder) { return Order('m', folder); }
-bool LateStorage::Unmount(const std::string& folder) { return Order('u', folder); }
+bool RemovableStorage::Mount(const std::string& folder) { return Order('m', folder); }
+bool RemovableStorage::Unmount(const std::string& folder) { return Order('u', folder); }
 
-bool LateStorage::Order(char what, const std::string& folder) const {
+bool RemovableStorage::Order(char what, const std::string& folder) const {
   const std::string order = what + folder;
   if (::write(orders_, order.data(), order.size()) != static_cast<ssize_t>(order.size())) return false;
   char answer = 'n';

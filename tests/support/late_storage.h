@@ -9,13 +9,13 @@ namespace vexa::test {
 
 // A mount namespace for the test program and everything that it starts. Create it first: before the process gives up
 // its rights, and before there are threads.
-class LateStorage {
+class RemovableStorage {
  public:
   // One for the process: mounts stay with it. Returns why it is not possible, as a sentence; empty when it is.
   static std::string Enter();
 
-  // Empty storage that belongs to the user of a QemuGround. It is not mounted yet.
-  static LateStorage& Get();
+  // Empty storage that belongs to the user of a QemuEnvironment. It is not mounted yet.
+  static RemovableStorage& Get();
 
   // At an existing folder. When unmounting, no one may be using the storage. False: the kernel refuses.
   bool Mount(const std::string& folder);

@@ -25,12 +25,12 @@ std::mutex openings_mutex;
 std::optional<vexa::test::LibvirtError> opening_error;
 std::atomic<int> openings{0};
 thread_local bool connections_dead = false;
-thread_local std::string pretended_xml;
-std::atomic<int> presses_to_lose{0};
+thread_local std::string fake_xml_text;
+std::atomic<int> presses_to_ignore{0};
 std::atomic<int> presses{0};
-std::atomic<bool> presses_are_quick{false};
-std::atomic<int> pretended_state{-1};
-std::atomic<int> pretended_reason{0};
+std::atomic<bool> shut_down_before_reply{false};
+std::atomic<int> fake_state{-1};
+std::atomic<int> fake_reason{0};
 
 struct LastConnection {
   std::mutex mutex;
@@ -53,17 +53,17 @@ FailingStarts::~FailingStarts() {
   met.reset();
 }
 
-FailingOpenings::FailingOpenings(const LibvirtError& error) {
+FailingConnects::FailingConnects(const LibvirtError& error) {
   const std::lock_guard lock(openings_mutex);
   opening_error = error;
   openings = 0;
 }
-FailingOpenings::~FailingOpenings() {
+FailingConnects::~FailingConnects() {
   const std::lock_guard lock(openings_mutex);
   opening_error.reset();
   met.reset();
 }
-int Openings() { return openings; }
+int ConnectAttempts() { return openings; }
 
 FailingNetworks::FailingNetworks(const LibvirtError& error) { networks_error = error; }
 FailingNetworks::~FailingNetworks() {
@@ -74,22 +74,22 @@ FailingNetworks::~FailingNetworks() {
 DeadConnections::DeadConnections() { connections_dead = true; }
 DeadConnections::~DeadConnections() { connections_dead = false; }
 
-void LosePresses(int count) {
+void IgnoreButtonPresses(int count) {
   presses = 0;
-  presses_to_lose = count;
+  presses_to_ignore = count;
 }
-int Presses() { return presses; }
+int ButtonPresses() { return presses; }
 
-QuickPresses::QuickPresses() { presses_are_quick = true; }
-QuickPresses::~QuickPresses() { presses_are_quick = false; }
+ShutDownsBeforeReply::ShutDownsBeforeReply() { shut_down_before_reply = true; }
+ShutDownsBeforeReply::~ShutDownsBeforeReply() { shut_down_before_reply = false; }
 
-PretendedReason::PretendedReason(int state, int reason) {
-  pretended_reason = reason;
-  pretended_state = state;
+FakeStateReason::FakeStateReason(int state, int reason) {
+  fake_reason = reason;
+  fake_state = state;
 }
-PretendedReason::~PretendedReason() { pretended_state = -1; }
+FakeStateReason::~FakeStateReason() { fake_state = -1; }
 
-void PretendXml(const std::string& xml) { pretended_xml = xml; }
+void FakeXml(const std::string& xml) { fake_xml_text = xml; }
 
 namespace {
 
@@ -125,7 +125,7 @@ bool SaveAsUser(const std::string& id) {
   return WithGuest(id, false, [](virDomainPtr domain) { return virDomainManagedSave(domain, 0) == 0; });
 }
 
-bool EndAsUser(const std::string& id) {
+bool DestroyAsUser(const std::string& id) {
   return WithGuest(id, false, [](virDomainPtr domain) { return virDomainDestroy(domain) == 0; });
 }
 
@@ -202,11 +202,11 @@ virErrorPtr virGetLastError() {
 int virDomainShutdown(virDomainPtr domain) {
   static auto* const real = Real<int(virDomainPtr)>("virDomainShutdown");
   ++presses;
-  if (presses_to_lose > 0) {
-    --presses_to_lose;
+  if (presses_to_ignore > 0) {
+    --presses_to_ignore;
     return 0;
   }
-  if (presses_are_quick) virDomainDestroy(domain);
+  if (shut_down_before_reply) virDomainDestroy(domain);
   return real(domain);
 }
 
@@ -218,13 +218,13 @@ int virConnectIsAlive(virConnectPtr connection) {
 int virDomainGetState(virDomainPtr domain, int* state, int* reason, unsigned int flags) {
   static auto* const real = Real<int(virDomainPtr, int*, int*, unsigned int)>("virDomainGetState");
   const int result = real(domain, state, reason, flags);
-  if (result == 0 && state != nullptr && reason != nullptr && *state == pretended_state) *reason = pretended_reason;
+  if (result == 0 && state != nullptr && reason != nullptr && *state == fake_state) *reason = fake_reason;
   return result;
 }
 
 char* virDomainGetXMLDesc(virDomainPtr domain, unsigned int flags) {
   static auto* const real = Real<char*(virDomainPtr, unsigned int)>("virDomainGetXMLDesc");
-  return pretended_xml.empty() ? real(domain, flags) : strdup(pretended_xml.c_str());
+  return fake_xml_text.empty() ? real(domain, flags) : strdup(fake_xml_text.c_str());
 }
 
 int virConnectRegisterCloseCallback(virConnectPtr connection, virConnectCloseFunc callback, void* opaque,

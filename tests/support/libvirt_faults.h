@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "host/base/not_copyable.h"
+
 namespace vexa::test {
 
 struct LibvirtError {
@@ -17,74 +19,62 @@ struct LibvirtError {
 };
 
 // While it lives, this thread's attempts to start a guest fail with the error and do nothing.
-class FailingStarts {
+class FailingStarts : private NotCopyable {
  public:
   explicit FailingStarts(const LibvirtError& error);
   ~FailingStarts();
-  FailingStarts(const FailingStarts&) = delete;
-  FailingStarts& operator=(const FailingStarts&) = delete;
 };
 
 // While it lives, no connection can be opened, in any thread: attempts fail with the error.
-class FailingOpenings {
+class FailingConnects : private NotCopyable {
  public:
-  explicit FailingOpenings(const LibvirtError& error);
-  ~FailingOpenings();
-  FailingOpenings(const FailingOpenings&) = delete;
-  FailingOpenings& operator=(const FailingOpenings&) = delete;
+  explicit FailingConnects(const LibvirtError& error);
+  ~FailingConnects();
 };
-// How many attempts to open a connection there have been since the last FailingOpenings began.
-int Openings();
+// How many attempts to open a connection there have been since the last FailingConnects began.
+int ConnectAttempts();
 
 // While it lives, this thread's lists of networks fail with the error.
-class FailingNetworks {
+class FailingNetworks : private NotCopyable {
  public:
   explicit FailingNetworks(const LibvirtError& error);
   ~FailingNetworks();
-  FailingNetworks(const FailingNetworks&) = delete;
-  FailingNetworks& operator=(const FailingNetworks&) = delete;
 };
 
 // While it lives, this thread's connections are reported as dead.
-class DeadConnections {
+class DeadConnections : private NotCopyable {
  public:
   DeadConnections();
   ~DeadConnections();
-  DeadConnections(const DeadConnections&) = delete;
-  DeadConnections& operator=(const DeadConnections&) = delete;
 };
 
 // The next `count` presses of power buttons, in all threads, succeed and have no effect.
-void LosePresses(int count);
-// How often a power button was pressed since the last LosePresses.
-int Presses();
+void IgnoreButtonPresses(int count);
+// How often a power button was pressed since the last IgnoreButtonPresses.
+int ButtonPresses();
 
 // While it lives, guests go off before libvirt has the answer to a press, which then fails.
-class QuickPresses {
+class ShutDownsBeforeReply : private NotCopyable {
  public:
-  QuickPresses();
-  ~QuickPresses();
-  QuickPresses(const QuickPresses&) = delete;
-  QuickPresses& operator=(const QuickPresses&) = delete;
+  ShutDownsBeforeReply();
+  ~ShutDownsBeforeReply();
 };
 
 // While it lives, libvirt reports this reason for the state of guests that are in `state`, in all threads.
-class PretendedReason {
+class FakeStateReason : private NotCopyable {
  public:
-  PretendedReason(int state, int reason);
-  ~PretendedReason();
-  PretendedReason(const PretendedReason&) = delete;
-  PretendedReason& operator=(const PretendedReason&) = delete;
+  FakeStateReason(int state, int reason);
+  ~FakeStateReason();
 };
 
 // The XML of guests that libvirt reports to this thread; empty: the real XML.
-void PretendXml(const std::string& xml);
+void FakeXml(const std::string& xml);
 
 // The actions of a user with virsh, on the last connection that was opened. False: libvirt refuses.
 bool DefineAsUser(const std::string& xml);
 bool StartAsUser(const std::string& id);
-bool SaveAsUser(const std::string& id);  // its memory is saved to a file of libvirt
-bool EndAsUser(const std::string& id);   // the machine goes off, as if its system had ended
+bool SaveAsUser(const std::string& id);     // its memory is saved to a file of libvirt
+bool DestroyAsUser(const std::string& id);  // the machine goes off, as if its system had ended
 bool PauseAsUser(const std::string& id);
 bool AutostartAsUser(const std::string& id);
 // libvirt's inactive XML; empty when it has no such guest.

@@ -11,6 +11,8 @@ extern "C" const char* __tsan_default_suppressions() {
       // An object is freed with its mutex by the thread that drops the last reference, after another thread has
       // unlocked it.
       "race:libvirt.so.0\n"
+      // The metadata of such an object is a tree of libxml2, which only libvirt uses here.
+      "race:libxml2.so.2\n"
       // A connection that cannot be opened is freed while it is locked.
       "mutex:libvirt.so.0\n"
       // The same for QEMU's driver; it also takes the locks of guests and of their list in two orders, all of them its

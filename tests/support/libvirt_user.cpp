@@ -55,9 +55,9 @@ void AddDisk(std::ostream& xml, const std::string& path, char letter, bool is_sh
 
 }  // namespace
 
-std::string OwnersXml(const OwnersDomain& domain) {
+std::string UserDomainXml(const UserDomain& domain) {
   std::ostringstream xml;
-  const bool uefi = domain.firmware == OwnersDomain::Firmware::kUefi;
+  const bool uefi = domain.firmware == UserDomain::Firmware::kUefi;
   xml << "<domain type='qemu'><name>" << domain.name << "</name><uuid>" << domain.id << "</uuid>\n"
       << "<title>The owner's own title</title>\n"
       << "<metadata><note xmlns='urn:owner:note' colour='green'>Keep me</note></metadata>\n"
@@ -81,7 +81,7 @@ std::string OwnersXml(const OwnersDomain& domain) {
   return xml.str();
 }
 
-std::string LostOfOwner(const std::string& xml) {
+std::string MissingUserElements(const std::string& xml) {
   std::string lost;
   for (const char* const part : {"The owner&apos;s own title", "urn:owner:note", "Keep me", "colour=", "'localtime'",
                                  "<sound model='ich9'", "cache='writethrough'", "<graphics type='vnc'"}) {
@@ -119,7 +119,7 @@ std::string LibvirtUser::ManagedSave(const std::string& id) const {
   return Act(uri_, id, [](virDomainPtr domain) { return virDomainManagedSave(domain, 0); });
 }
 
-std::string LibvirtUser::StartWithTheHost(const std::string& id) const {
+std::string LibvirtUser::EnableAutostart(const std::string& id) const {
   return Act(uri_, id, [](virDomainPtr domain) { return virDomainSetAutostart(domain, 1); });
 }
 
@@ -132,8 +132,8 @@ std::string LibvirtUser::Xml(const std::string& id) const {
   });
 }
 
-std::string LibvirtUser::Everything(const std::string& id) const {
-  return Xml(id) + (StartsWithTheHost(id) ? "autostart, " : "no autostart, ") + (IsActive(id) ? "active" : "inactive") +
+std::string LibvirtUser::Snapshot(const std::string& id) const {
+  return Xml(id) + (IsAutostarting(id) ? "autostart, " : "no autostart, ") + (IsActive(id) ? "active" : "inactive") +
          (IsSaved(id) ? ", saved" : "");
 }
 
@@ -146,7 +146,7 @@ bool LibvirtUser::IsSaved(const std::string& id) const {
                             [](virDomainPtr domain) { return virDomainHasManagedSaveImage(domain, 0) == 1; });
 }
 
-bool LibvirtUser::StartsWithTheHost(const std::string& id) const {
+bool LibvirtUser::IsAutostarting(const std::string& id) const {
   return CallOnDomain<bool>(uri_, id, false, [](virDomainPtr domain) {
     int autostart = 0;
     return virDomainGetAutostart(domain, &autostart) == 0 && autostart == 1;

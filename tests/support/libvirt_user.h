@@ -1,4 +1,4 @@
-// A user of libvirt beside a host, as people are with virsh.
+// A user who works with libvirt directly, beside a host, as with virsh.
 #pragma once
 
 #include <string>
@@ -6,9 +6,9 @@
 
 namespace vexa::test {
 
-// A domain made by its owner, with much that a guest's records do not cover: a title, metadata, a clock in local time,
-// sound, a screen on a socket of their choice, disks with write-through.
-struct OwnersDomain {
+// A domain defined by that user, with much that a guest's records do not cover: a title, metadata, a clock in local
+// time, sound, a screen on a socket of their choice, disks with write-through.
+struct UserDomain {
   std::string id;  // UUID
   std::string name;
   std::string boot_image;          // its first disk
@@ -16,10 +16,10 @@ struct OwnersDomain {
   std::string screen;              // path of the socket; empty: 192.0.2.99, an address that this machine does not have
   enum class Firmware { kBios, kUefi } firmware = Firmware::kBios;
 };
-std::string OwnersXml(const OwnersDomain& domain);
-// The parts of OwnersXml that records do not cover and that are missing in `xml`: a line for each. Empty: none is
+std::string UserDomainXml(const UserDomain& domain);
+// The parts of UserDomainXml that records do not cover and that are missing in `xml`: a line for each. Empty: none is
 // missing.
-std::string LostOfOwner(const std::string& xml);
+std::string MissingUserElements(const std::string& xml);
 
 // Each call has a connection of its own, so that libvirtd may come and go. Actions return an empty text, or libvirt's
 // sentence. Domains are identified by their ids.
@@ -33,16 +33,16 @@ class LibvirtUser {
   std::string Start(const std::string& id) const;
   std::string Destroy(const std::string& id) const;
   std::string ManagedSave(const std::string& id) const;
-  std::string StartWithTheHost(const std::string& id) const;  // sets autostart
+  std::string EnableAutostart(const std::string& id) const;  // sets autostart
 
   // The XML of the inactive domain; empty when libvirt does not know it.
   std::string Xml(const std::string& id) const;
-  // What must stay unchanged in another owner's domain: XML, autostart, whether it runs and is saved.
-  std::string Everything(const std::string& id) const;
+  // What must stay unchanged in a user's domain, as one text: XML, autostart, whether it runs and is saved.
+  std::string Snapshot(const std::string& id) const;
   bool IsKnown(const std::string& id) const { return !Xml(id).empty(); }
   bool IsActive(const std::string& id) const;
   bool IsSaved(const std::string& id) const;
-  bool StartsWithTheHost(const std::string& id) const;
+  bool IsAutostarting(const std::string& id) const;
 
  private:
   std::string uri_;

@@ -68,7 +68,7 @@ void MakeOwnFolders() {
 }
 
 // Also reaps all other children: otherwise guests whose libvirtd is gone would count as running.
-[[noreturn]] void ExitLike(pid_t program) {
+[[noreturn]] void ExitWithStatusOf(pid_t program) {
   for (;;) {
     int status = 0;
     const pid_t ended = ::waitpid(-1, &status, 0);
@@ -92,15 +92,15 @@ void EnterNetworkNamespace(char** argv) {
     MakeOwnFolders();
     const pid_t program = ::fork();
     if (program < 0) Fail("fork");
-    if (program != 0) ExitLike(program);
+    if (program != 0) ExitWithStatusOf(program);
     ::setenv(kEntered, "1", 1);
     ::execv("/proc/self/exe", argv);
     Fail("exec");
   }
-  ExitLike(child);
+  ExitWithStatusOf(child);
 }
 
-std::string WhyNoNetworkNamespace() {
+std::string NamespaceUnavailableReason() {
   const char* const refused = std::getenv(kRefused);
   return refused != nullptr ? refused : "";
 }

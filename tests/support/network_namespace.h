@@ -9,11 +9,11 @@ namespace vexa::test {
 // Must be the first call in main(). Continues in a child process with network, mount and process namespaces of its own,
 // where it is root: empty folders replace /run and those of libvirt, and everything ends with the program. It then
 // returns only in that process. It also returns where the machine does not permit namespaces: see
-// WhyNoNetworkNamespace.
+// NamespaceUnavailableReason.
 void EnterNetworkNamespace(char** argv);
 
 // Why the program has no networks of its own: a sentence. Empty: it has them.
-std::string WhyNoNetworkNamespace();
+std::string NamespaceUnavailableReason();
 
 // Runs the program with these arguments and returns its output. The test program ends when it fails.
 std::string RunTool(const std::vector<std::string>& words);

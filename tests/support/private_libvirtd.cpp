@@ -1,6 +1,5 @@
 #include "tests/support/private_libvirtd.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,33 +8,29 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "tests/support/check.h"
+#include "tests/support/logged_program.h"
 
 namespace vexa::test {
 namespace {
 
 constexpr char kProgram[] = "/usr/sbin/libvirtd";
 
-[[noreturn]] void Fail(const std::string& what) {
-  std::fprintf(stderr, "%s\n", what.c_str());
-  std::abort();
-}
-
 }  // namespace
 
-std::string WhyNoPrivateLibvirtd() {
-  std::string why_not = WhyNoQemuGuests();
+std::string LibvirtdUnavailableReason() {
+  std::string why_not = QemuUnavailableReason();
   if (!why_not.empty()) return why_not;
-  static const bool can_run = CanNobodyRun(kProgram);
+  static const bool can_run = CanUserNobodyRun(kProgram);
   return can_run ? "" : std::string("there is no ") + kProgram + ": install libvirt-daemon";
 }
 
-PrivateLibvirtd::PrivateLibvirtd(const QemuGround& ground) : folder_(ground.folder()) {
+PrivateLibvirtd::PrivateLibvirtd(const QemuEnvironment& environment) : folder_(environment.folder()) {
   ::mkdir((folder_ + "/libvirt").c_str(), 0700);
   // Without it no guest starts: QEMU's output would go to the daemon virtlogd.
   std::ofstream(folder_ + "/libvirt/qemu.conf") << "stdio_handler = \"file\"\n";
@@ -52,17 +47,7 @@ std::string PrivateLibvirtd::Log() const {
 
 void PrivateLibvirtd::Start() {
   if (pid_ > 0) return;
-  const std::string pid_file = folder_ + "/libvirtd.pid";
-  const std::string log = folder_ + "/libvirtd.log";
-  pid_ = ::fork();
-  if (pid_ < 0) Fail("Cannot fork");
-  if (pid_ == 0) {
-    const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::dup2(output, 1);
-    ::dup2(output, 2);
-    ::execl(kProgram, kProgram, "--pid-file", pid_file.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
+  pid_ = StartLogged(kProgram, {kProgram, "--pid-file", folder_ + "/libvirtd.pid"}, folder_ + "/libvirtd.log");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!IsListening()) {
     if (::waitpid(pid_, nullptr, WNOHANG) != 0) Fail("libvirtd has ended: " + Log());

@@ -5,22 +5,21 @@
 
 #include <string>
 
+#include "host/base/not_copyable.h"
 #include "tests/support/qemu_guest.h"
 
 namespace vexa::test {
 
-// Why it is not possible: WhyNoQemuGuests, or what else is missing. Empty: it is possible.
-std::string WhyNoPrivateLibvirtd();
+// Why it is not possible: QemuUnavailableReason, or what else is missing. Empty: it is possible.
+std::string LibvirtdUnavailableReason();
 
-// Runs as the user of the ground. It ends with the ground at the latest, together with its guests.
+// Runs as the user of the environment. It ends with the environment at the latest, together with its guests.
 // Threads: one at a time.
-class PrivateLibvirtd {
+class PrivateLibvirtd : private NotCopyable {
  public:
   // Starts it, and ends the test program when that fails.
-  explicit PrivateLibvirtd(const QemuGround& ground);
+  explicit PrivateLibvirtd(const QemuEnvironment& environment);
   ~PrivateLibvirtd();
-  PrivateLibvirtd(const PrivateLibvirtd&) = delete;
-  PrivateLibvirtd& operator=(const PrivateLibvirtd&) = delete;
 
   // For virConnectOpen, and as a host's hypervisor.
   std::string uri() const { return "qemu:///session?socket=" + Socket(); }

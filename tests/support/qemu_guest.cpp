@@ -36,7 +36,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uid_t kNobody = 65534;
+constexpr uid_t kNobodyUid = 65534;
 constexpr std::array<const char*, 2> kImageNames = {"guest.iso", "guest-no-agent.iso"};
 
 [[noreturn]] void Die(const std::string& what) {
@@ -47,7 +47,7 @@ constexpr std::array<const char*, 2> kImageNames = {"guest.iso", "guest-no-agent
 std::string ImageSource(const char* name) { return std::string(VEXA_TEST_GUEST_FOLDER) + "/" + name; }
 
 // Opened while the process may still read it, and kept open: "nobody" may have no access to the build folder.
-int KeptOpen(const std::string& path) {
+int OpenAndKeep(const std::string& path) {
   static std::map<std::string, int> descriptors;
   const auto [entry, is_new] = descriptors.emplace(path, -1);
   if (is_new) entry->second = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -56,7 +56,7 @@ int KeptOpen(const std::string& path) {
 }
 
 void Copy(const std::string& from, const std::string& to, mode_t mode) {
-  const int source = KeptOpen(from);
+  const int source = OpenAndKeep(from);
   struct stat status {};
   const int copy = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (copy < 0 || ::fstat(source, &status) != 0) Die("Cannot copy " + from);
@@ -70,16 +70,16 @@ void Copy(const std::string& from, const std::string& to, mode_t mode) {
 
 void BecomeNobody() {
   if (::geteuid() != 0) return;
-  if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-      ::setresuid(kNobody, kNobody, kNobody) != 0) {
+  if (::setgroups(0, nullptr) != 0 || ::setresgid(kNobodyUid, kNobodyUid, kNobodyUid) != 0 ||
+      ::setresuid(kNobodyUid, kNobodyUid, kNobodyUid) != 0) {
     Die("Cannot become the user 65534");
   }
   // The file was root's: /proc/self is then closed to the remaining user, and sanitizers read it.
   ::prctl(PR_SET_DUMPABLE, 1);
 }
 
-// The result of `question` as the user that a ground switches to.
-std::string AskNobody(const std::function<std::string()>& question) {
+// The result of `question` as the user that an environment switches to.
+std::string CallAsUserNobody(const std::function<std::string()>& question) {
   std::array<int, 2> pipe{};
   if (::pipe2(pipe.data(), O_CLOEXEC) != 0) Die("Cannot make a pipe");
   const pid_t child = ::fork();
@@ -134,10 +134,10 @@ std::string CommandLine(const std::string& pid) {
 std::string ProgramOf(const std::string& line) { return fs::path(line.substr(0, line.find('\0'))).filename().string(); }
 
 bool IsQemu(const std::string& program) { return program.starts_with("qemu-system-"); }
-bool IsHost(const std::string& program) { return program == "vexad" || program == "libvirtd"; }
+bool IsHostProgram(const std::string& program) { return program == "vexad" || program == "libvirtd"; }
 
-std::vector<pid_t> RunningBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&),
-                                const std::string& word = "") {
+std::vector<pid_t> FindProcessesBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&),
+                                      const std::string& word = "") {
   std::vector<pid_t> found;
   DIR* const processes = ::opendir("/proc");
   if (processes == nullptr) return found;
@@ -155,11 +155,11 @@ std::vector<pid_t> RunningBelow(const std::string& folder, bool (*is_wanted_prog
 }
 
 // Kills them, and waits for their ends. Returns how many there were.
-int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&)) {
+int KillProcessesBelow(const std::string& folder, bool (*is_wanted_program)(const std::string&)) {
   int count = 0;
   // One that is just starting may appear late, and one that is killed takes a while to disappear.
   for (int round = 0; round < 200; ++round) {
-    const std::vector<pid_t> running = RunningBelow(folder, is_wanted_program);
+    const std::vector<pid_t> running = FindProcessesBelow(folder, is_wanted_program);
     if (running.empty()) return count;
     if (round == 0) count = static_cast<int>(running.size());
     for (const pid_t pid : running) ::kill(pid, SIGKILL);
@@ -169,7 +169,7 @@ int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::st
   return count;
 }
 
-// The guard of a ground: it outlives the test program and cleans up after it.
+// The guard of an environment: it outlives the test program and cleans up after it.
 [[noreturn]] void Guard(int news, const std::string& folder) {
   char word = 0;
   ssize_t got = 0;
@@ -187,16 +187,16 @@ int KillBelow(const std::string& folder, bool (*is_wanted_program)(const std::st
 
 }  // namespace
 
-std::string WhyNoQemuGuests() {
+std::string QemuUnavailableReason() {
   // Once: by a later call the process may have become "nobody", who cannot see what is already open.
   static const std::string why_not = [] {
     for (const char* const image : kImageNames) {
       if (::access(ImageSource(image).c_str(), R_OK) != 0) {
         return "there is no " + ImageSource(image) + ", which tools/make-test-guest makes";
       }
-      KeptOpen(ImageSource(image));
+      OpenAndKeep(ImageSource(image));
     }
-    return AskNobody([]() -> std::string {
+    return CallAsUserNobody([]() -> std::string {
       if (!IsInPath("qemu-system-x86_64")) return "there is no qemu-system-x86_64: install qemu-system-x86";
       if (!HasQemuDriver()) return "libvirt has no driver of QEMU: install libvirt-daemon-driver-qemu";
       return "";
@@ -205,14 +205,14 @@ std::string WhyNoQemuGuests() {
   return why_not;
 }
 
-std::string WhyNoFirmware() {
-  const std::string why_not = WhyNoQemuGuests();
+std::string FirmwareUnavailableReason() {
+  const std::string why_not = QemuUnavailableReason();
   if (!why_not.empty() || ::access(kFirmwareVariables, R_OK) == 0) return why_not;
   return std::string("there is no ") + kFirmwareVariables + ": install ovmf";
 }
 
-bool CanNobodyRun(const std::string& program) {
-  return AskNobody([&] { return ::access(program.c_str(), X_OK) == 0 ? "yes" : "no"; }) == "yes";
+bool CanUserNobodyRun(const std::string& program) {
+  return CallAsUserNobody([&] { return ::access(program.c_str(), X_OK) == 0 ? "yes" : "no"; }) == "yes";
 }
 
 std::string SkipNotice(const std::string& why) { return "Guests on QEMU are not tested: " + why; }
@@ -222,25 +222,25 @@ int CountQemus(const std::string& folder, const std::string& word) {
 }
 
 std::vector<int> QemusOf(const std::string& folder, const std::string& word) {
-  return RunningBelow(folder, IsQemu, word);
+  return FindProcessesBelow(folder, IsQemu, word);
 }
 
-int KillQemus(const std::string& folder) { return KillBelow(folder, IsQemu); }
+int KillQemus(const std::string& folder) { return KillProcessesBelow(folder, IsQemu); }
 
 void EndPrograms(const std::string& folder) {
   // First the programs that would start another QEMU.
-  KillBelow(folder, IsHost);
-  KillBelow(folder, IsQemu);
+  KillProcessesBelow(folder, IsHostProgram);
+  KillProcessesBelow(folder, IsQemu);
 }
 
-QemuGround::Dropped::Dropped(const GroundFiles& files) {
-  for (const char* const image : kImageNames) KeptOpen(ImageSource(image));
-  for (const std::string& program : files.programs) KeptOpen(program);
-  for (const std::string& library : files.libraries) KeptOpen(library);
-  if (files.user == GroundUser::kNobody) BecomeNobody();
+QemuEnvironment::Dropped::Dropped(const QemuFiles& files) {
+  for (const char* const image : kImageNames) OpenAndKeep(ImageSource(image));
+  for (const std::string& program : files.programs) OpenAndKeep(program);
+  for (const std::string& library : files.libraries) OpenAndKeep(library);
+  if (files.user == QemuUser::kNobody) BecomeNobody();
 }
 
-QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files_) {
+QemuEnvironment::QemuEnvironment(const QemuFiles& files) : files_(files), dropped_(files_) {
   // libvirt stores a few files outside of its root: "nobody" has no home, and a test must not touch those of others.
   for (const char* const name : {"HOME", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
     ::setenv(name, folder().c_str(), 1);
@@ -252,30 +252,30 @@ QemuGround::QemuGround(const GroundFiles& files) : files_(files), dropped_(files
   StartGuard();
 }
 
-QemuGround::~QemuGround() {
+QemuEnvironment::~QemuEnvironment() {
   EndPrograms(folder());
   // Folders are kept for people who search for a bug, which is not in the images.
   for (const char* const name : kImageNames) ::unlink(folder_.File(name).c_str());
   std::error_code ignored;
   fs::remove_all(LibraryFolder(), ignored);
-  if (guard_ >= 0 && ::write(guard_, "k", 1) != 1) std::fprintf(stderr, "The guard of the ground is gone\n");
-  LetGo();
+  if (guard_ >= 0 && ::write(guard_, "k", 1) != 1) std::fprintf(stderr, "The guard of the environment is gone\n");
+  ReleaseInChild();
 }
 
-void QemuGround::LetGo() {
+void QemuEnvironment::ReleaseInChild() {
   if (guard_ >= 0) ::close(guard_);
   guard_ = -1;
 }
 
-std::string QemuGround::Image(GuestImage image) const {
+std::string QemuEnvironment::Image(GuestImage image) const {
   return folder_.File(kImageNames[image == GuestImage::kWithAgent ? 0 : 1]);
 }
 
-void QemuGround::CopyImages() const {
+void QemuEnvironment::CopyImages() const {
   for (const char* const name : kImageNames) Copy(ImageSource(name), folder_.File(name), 0600);
 }
 
-void QemuGround::CopyLibraries() const {
+void QemuEnvironment::CopyLibraries() const {
   if (files_.libraries.empty()) return;
   if (::mkdir(LibraryFolder().c_str(), 0700) != 0) Die("Cannot make the folder of libraries");
   for (const std::string& library : files_.libraries) {
@@ -283,15 +283,15 @@ void QemuGround::CopyLibraries() const {
   }
 }
 
-std::string QemuGround::Program(const std::string& name) const {
+std::string QemuEnvironment::Program(const std::string& name) const {
   for (const std::string& program : files_.programs) {
-    if (fs::path(program).filename() == name) return "/proc/self/fd/" + std::to_string(KeptOpen(program));
+    if (fs::path(program).filename() == name) return "/proc/self/fd/" + std::to_string(OpenAndKeep(program));
   }
   std::fprintf(stderr, "The test environment does not know the program '%s'\n", name.c_str());
   std::abort();
 }
 
-void QemuGround::StartGuard() {
+void QemuEnvironment::StartGuard() {
   std::array<int, 2> pipe{};
   if (::pipe2(pipe.data(), O_CLOEXEC) != 0) Die("Cannot make a pipe");
   const pid_t child = ::fork();
@@ -310,9 +310,9 @@ void QemuGround::StartGuard() {
   guard_ = pipe[1];
 }
 
-hypervisor::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,
-                                          StartsFrom from) {
-  hypervisor::GuestRecords records;
+domain_xml::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,
+                                          BootMedium from) {
+  domain_xml::GuestRecords records;
   records.id = id;
   records.guest["name"] = name;
   records.guest["vram_size"] = 192;
@@ -321,7 +321,7 @@ hypervisor::GuestRecords QemuGuestRecords(const std::string& id, const std::stri
   nic["mac_address"] = "52:54:00:00:00:" + id.substr(id.size() - 2);
   nic["network_name"] = "";
   records.nics.emplace_back("nic-" + id, nic);
-  if (from == StartsFrom::kIso) {
+  if (from == BootMedium::kIso) {
     records.guest["iso_images"].append(image);
     records.guest["boot_from"] = "iso";
     return records;

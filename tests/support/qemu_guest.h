@@ -22,42 +22,43 @@ inline constexpr std::string_view kGuestAddress = "192.0.2.10";
 
 // Why no guest can run on QEMU here: a sentence that names what is missing. Empty: it can. Tests that are skipped for
 // this reason print SkipNotice, which ./dev searches for. The answer is determined once, before the process gives up
-// its rights: the images are read with its original rights, everything else is run as the user that QemuGround switches
-// to.
-std::string WhyNoQemuGuests();
+// its rights: the images are read with its original rights, everything else is run as the user that QemuEnvironment
+// switches to.
+std::string QemuUnavailableReason();
 // The same for guests whose firmware is UEFI.
-std::string WhyNoFirmware();
+std::string FirmwareUnavailableReason();
 std::string SkipNotice(const std::string& why);
 
 // The initial variables of a guest with UEFI firmware.
 inline constexpr const char* kFirmwareVariables = "/usr/share/OVMF/OVMF_VARS_4M.fd";
 
-// Whether the user that QemuGround switches to may run `program`, an absolute path.
-bool CanNobodyRun(const std::string& program);
+// Whether the user that QemuEnvironment switches to may run `program`, an absolute path.
+bool CanUserNobodyRun(const std::string& program);
 
-// Files that tests run and that "nobody" may be unable to reach, for instance in a build folder below a closed one:
-// absolute paths.
-enum class GroundUser {
+// The user that the test program becomes.
+enum class QemuUser {
   kNobody,  // instead of root
   kSame,    // stays root: for programs that create networks
 };
-struct GroundFiles {
+// Files that tests run and that "nobody" may be unable to reach, for instance in a build folder below a closed one:
+// absolute paths.
+struct QemuFiles {
   std::vector<std::string> programs;   // opened while that is possible
   std::vector<std::string> libraries;  // copied, to LibraryFolder
-  GroundUser user = GroundUser::kNobody;
+  QemuUser user = QemuUser::kNobody;
 };
 
 // A folder below which guests can be embedded, containing the images. A process that is root becomes "nobody" for good,
 // unless the files say otherwise: QEMU's driver refuses root without a user of its own. All QEMUs with files below the
 // folder end with this object, and so do hosts and libvirtds with files there, also when the process ends in any other
 // way. Create it before there are threads.
-class QemuGround {
+class QemuEnvironment {
  public:
   // Aborts the test program when the folder cannot be made, or a file is missing.
-  explicit QemuGround(const GroundFiles& files = {});
-  ~QemuGround();
-  QemuGround(const QemuGround&) = delete;
-  QemuGround& operator=(const QemuGround&) = delete;
+  explicit QemuEnvironment(const QemuFiles& files = {});
+  ~QemuEnvironment();
+  QemuEnvironment(const QemuEnvironment&) = delete;
+  QemuEnvironment& operator=(const QemuEnvironment&) = delete;
 
   const std::string& folder() const { return folder_.path(); }
   // For HypervisorOptions::root.
@@ -67,8 +68,8 @@ class QemuGround {
   std::string Program(const std::string& name) const;
   std::string LibraryFolder() const { return folder_.File("lib"); }
 
-  // A forked child must call this: the QEMUs end when no process holds the ground any more.
-  void LetGo();
+  // A forked child must call this: the QEMUs end when the last process has closed the environment.
+  void ReleaseInChild();
 
  private:
   void CopyImages() const;
@@ -76,9 +77,9 @@ class QemuGround {
   void StartGuard();
 
   struct Dropped {
-    explicit Dropped(const GroundFiles& files);
+    explicit Dropped(const QemuFiles& files);
   };
-  GroundFiles files_;
+  QemuFiles files_;
   Dropped dropped_;  // before the folder, which then belongs to the new user
   TempDir folder_;
   int guard_ = -1;  // closing it notifies the guard
@@ -99,8 +100,8 @@ int KillQemus(const std::string& folder);
 
 // The records of a guest with one interface in no network, which boots from `image`: as a CD-ROM, or as a disk on
 // VirtIO.
-enum class StartsFrom { kIso, kDisk };
-hypervisor::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,
-                                          StartsFrom from = StartsFrom::kIso);
+enum class BootMedium { kIso, kDisk };
+domain_xml::GuestRecords QemuGuestRecords(const std::string& id, const std::string& name, const std::string& image,
+                                          BootMedium from = BootMedium::kIso);
 
 }  // namespace vexa::test

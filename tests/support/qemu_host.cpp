@@ -1,12 +1,10 @@
 #include "tests/support/qemu_host.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,7 +17,9 @@
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
+#include "tests/support/check.h"
 #include "tests/support/http_client.h"
+#include "tests/support/logged_program.h"
 #include "tests/support/process.h"
 #include "tests/support/require.h"
 #include "webapi/platform/ccc_constants.h"
@@ -32,11 +32,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kDiskBytes = 1 << 20;
 
-[[noreturn]] void Fail(const std::string& what) {
-  std::fprintf(stderr, "%s\n", what.c_str());
-  std::abort();
-}
-
 std::string ObjectKey(const std::string& category, const std::string& id) {
   return store::MakeKey({"dash", category, id, "object"});
 }
@@ -47,10 +42,10 @@ void MakeFolder(const std::string& path) {
 
 }  // namespace
 
-GroundFiles HostPrograms() { return {{VEXAD_PROGRAM, VEXA_PROGRAM}, {VEXA_LIBRARY}}; }
+QemuFiles HostFiles() { return {{VEXAD_PROGRAM, VEXA_PROGRAM}, {VEXA_LIBRARY}}; }
 
-bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience) {
-  const auto end = Clock::now() + patience;
+bool Await(const std::function<bool()>& holds, std::chrono::milliseconds timeout) {
+  const auto end = Clock::now() + timeout;
   while (!holds()) {
     if (Clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -58,7 +53,7 @@ bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patienc
   return true;
 }
 
-bool IsThere(const std::string& path) {
+bool FileExists(const std::string& path) {
   std::error_code ignored;
   return fs::exists(path, ignored);
 }
@@ -69,9 +64,9 @@ std::string Content(const std::string& path) {
   return content.str();
 }
 
-QemuHost::QemuHost(const QemuGround& ground, QemuHostOptions options)
-    : ground_(ground), folder_(ground.folder()), options_(std::move(options)) {
-  if (options_.embed_root.empty()) options_.embed_root = ground.root();
+QemuHost::QemuHost(const QemuEnvironment& environment, QemuHostOptions options)
+    : environment_(environment), folder_(environment.folder()), options_(std::move(options)) {
+  if (options_.embed_root.empty()) options_.embed_root = environment.root();
   if (options_.image_root.empty()) options_.image_root = folder_ + "/disks";
   MakeFolder(DataFolder());
   MakeFolder(options_.image_root);
@@ -113,29 +108,14 @@ std::vector<std::string> QemuHost::Arguments() const {
 }
 
 void QemuHost::Launch() {
-  const std::string log = LogFile();
-  const std::string program = ground_.Program("vexad");
-  std::vector<std::string> words = Arguments();
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  ::setenv("LD_LIBRARY_PATH", ground_.LibraryFolder().c_str(), 1);
-  pid_ = ::fork();
-  if (pid_ < 0) Fail("Cannot fork");
-  if (pid_ == 0) {
-    const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::dup2(output, 1);
-    ::dup2(output, 2);
-    if (!options_.runtime.empty()) ::setenv("XDG_RUNTIME_DIR", options_.runtime.c_str(), 1);
-    ::execv(program.c_str(), argv.data());
-    ::_exit(127);
-  }
+  ::setenv("LD_LIBRARY_PATH", environment_.LibraryFolder().c_str(), 1);
+  pid_ = StartLogged(environment_.Program("vexad"), Arguments(), LogFile(), options_.runtime);
 }
 
 void QemuHost::Start() {
   const std::size_t before = Log().size();
   Launch();
-  const auto end = Clock::now() + kGuestPatience;
+  const auto end = Clock::now() + kGuestTimeout;
   while (Log().find("Ready.", before) == std::string::npos) {
     if (::waitpid(pid_, nullptr, WNOHANG) != 0) Fail("The host has ended: " + Log().substr(before));
     if (Clock::now() > end) Fail("The host does not become ready: " + Log().substr(before));
@@ -143,7 +123,7 @@ void QemuHost::Start() {
   }
 }
 
-int QemuHost::StartInVain() {
+int QemuHost::StartExpectingFailure() {
   Launch();
   int status = 0;
   if (!Await([&] { return ::waitpid(pid_, &status, WNOHANG) != 0; })) {
@@ -161,10 +141,10 @@ void QemuHost::Kill() {
   pid_ = 0;
 }
 
-std::optional<std::chrono::milliseconds> QemuHost::Stop(std::chrono::milliseconds patience) {
+std::optional<std::chrono::milliseconds> QemuHost::Stop(std::chrono::milliseconds timeout) {
   const auto begin = Clock::now();
   ::kill(pid_, SIGTERM);
-  const bool ended = Await([this] { return ::waitpid(pid_, nullptr, WNOHANG) != 0; }, patience);
+  const bool ended = Await([this] { return ::waitpid(pid_, nullptr, WNOHANG) != 0; }, timeout);
   if (!ended) {
     Kill();
     return std::nullopt;
@@ -179,9 +159,9 @@ void QemuHost::Restart() {
 }
 
 std::string QemuHost::Vexa(std::vector<std::string> arguments) const {
-  arguments.insert(arguments.begin(), ground_.Program("vexa"));
+  arguments.insert(arguments.begin(), environment_.Program("vexa"));
   const ProcessResult result =
-      RunProcess({.argv = arguments, .environment = {{"LD_LIBRARY_PATH", ground_.LibraryFolder()}}});
+      RunProcess({.argv = arguments, .environment = {{"LD_LIBRARY_PATH", environment_.LibraryFolder()}}});
   if (result.exit_code != 0) Fail("vexa " + arguments[1] + " fails: " + result.output + result.errors);
   return result.output;
 }
@@ -193,13 +173,13 @@ std::shared_ptr<store::Store> QemuHost::Store() const {
 }
 
 void QemuHost::PutGuest(const HostGuest& guest) {
-  std::string image = ground_.Image(guest.image);
+  std::string image = environment_.Image(guest.image);
   if (!guest.has_drive) {
     image = DiskFolder() + "/" + DiskId(guest.id, 99) + ".img";
-    fs::copy_file(ground_.Image(guest.image), image, fs::copy_options::overwrite_existing);
+    fs::copy_file(environment_.Image(guest.image), image, fs::copy_options::overwrite_existing);
   }
-  hypervisor::GuestRecords records =
-      QemuGuestRecords(guest.id, guest.name, image, guest.has_drive ? StartsFrom::kIso : StartsFrom::kDisk);
+  domain_xml::GuestRecords records =
+      QemuGuestRecords(guest.id, guest.name, image, guest.has_drive ? BootMedium::kIso : BootMedium::kDisk);
   for (int disk = 0; disk < guest.disks; ++disk) {
     std::string bytes = DiskText(guest.id, disk);
     bytes.resize(kDiskBytes, '\0');
@@ -238,9 +218,9 @@ void QemuHost::Put(const std::string& category, const std::string& id, const Jso
   (void)Require(Store()->Commit(transaction));
 }
 
-void QemuHost::ForgetRun(const std::string& guest) const {
+void QemuHost::DeleteRunRecord(const std::string& guest) const {
   store::Transaction transaction;
-  transaction.operations.push_back({guests::RunKey(guest), std::nullopt});
+  transaction.operations.push_back({records::RunKey(guest), std::nullopt});
   (void)Require(Store()->Commit(transaction));
 }
 
@@ -274,7 +254,7 @@ std::string QemuHost::DiskFile(const std::string& guest, int disk) const {
 
 std::string QemuHost::DiskText(const std::string& guest, int disk) { return "What is on " + DiskId(guest, disk); }
 
-std::string QemuHost::LostDisks(const std::string& guest, int disks) const {
+std::string QemuHost::ChangedDisks(const std::string& guest, int disks) const {
   std::string lost;
   for (int disk = 0; disk < disks; ++disk) {
     if (!Content(DiskFile(guest, disk)).starts_with(DiskText(guest, disk))) lost += DiskFile(guest, disk) + "\n";
@@ -282,21 +262,23 @@ std::string QemuHost::LostDisks(const std::string& guest, int disks) const {
   return lost;
 }
 
-Json::Value QemuHost::Ask(const std::string& api_and_method, const std::string& guest, Json::Value further) const {
+Json::Value QemuHost::Ask(const std::string& api_and_method, const std::string& guest,
+                          Json::Value extra_members) const {
   HttpTarget target;
   target.url = "http://localhost";
   target.unix_socket = Socket();
   HttpClient client(target);
-  client.SetTimeout(kGuestPatience);
-  if (further.isNull()) further = Json::Value(Json::objectValue);
-  further["guest_id"] = guest;
-  const HttpReply reply = client.PostJson("/webapi/" + api_and_method, json::ToText(further));
+  client.SetTimeout(kGuestTimeout);
+  if (extra_members.isNull()) extra_members = Json::Value(Json::objectValue);
+  extra_members["guest_id"] = guest;
+  const HttpReply reply = client.PostJson("/webapi/" + api_and_method, json::ToText(extra_members));
   const auto parsed = ParseJson(reply.body);
   return reply.arrived() && parsed ? *parsed : Json::Value();
 }
 
-int QemuHost::Code(const std::string& api_and_method, const std::string& guest, const Json::Value& further) const {
-  const Json::Value reply = Ask(api_and_method, guest, further);
+int QemuHost::Code(const std::string& api_and_method, const std::string& guest,
+                   const Json::Value& extra_members) const {
+  const Json::Value reply = Ask(api_and_method, guest, extra_members);
   if (!reply.isObject()) return -1;
   if (json::Bool(json::Member(reply, "success"))) return 0;
   const int code = static_cast<int>(json::Int(json::Member(json::Member(reply, "error"), "code")));
@@ -304,9 +286,9 @@ int QemuHost::Code(const std::string& api_and_method, const std::string& guest, 
 }
 
 int QemuHost::Power(const std::string& guest, const std::string& action) const {
-  Json::Value further(Json::objectValue);
-  further["action"] = action;
-  return Code("VEXA.Virtualization.Guest.Action/pwr_ctl", guest, further);
+  Json::Value extra_members(Json::objectValue);
+  extra_members["action"] = action;
+  return Code("VEXA.Virtualization.Guest.Action/pwr_ctl", guest, extra_members);
 }
 
 int QemuHost::Set(const std::string& guest, const Json::Value& edit) const {
@@ -323,11 +305,11 @@ std::string QemuHost::Addresses(const std::string& guest) const {
 }
 
 bool QemuHost::AwaitState(const std::string& guest, const std::string& state) const {
-  return Await([&] { return State(guest) == state; }, kStatePatience);
+  return Await([&] { return State(guest) == state; }, kStateTimeout);
 }
 
 bool QemuHost::AwaitOff(const std::string& guest) const {
-  return Await([&] { return Qemus(guest) == 0 && Stored(guests::RunKey(guest)).empty(); }, kStatePatience);
+  return Await([&] { return Qemus(guest) == 0 && Stored(records::RunKey(guest)).empty(); }, kStateTimeout);
 }
 
 }  // namespace vexa::test

@@ -15,8 +15,8 @@
 
 namespace vexa::test {
 
-// The files for a ground on which hosts run.
-GroundFiles HostPrograms();
+// The files for an environment in which hosts run.
+QemuFiles HostFiles();
 
 // A guest that boots from the test guest's image in its drive.
 struct HostGuest {
@@ -25,15 +25,15 @@ struct HostGuest {
   GuestImage image = GuestImage::kWithAgent;
   int disks = 1;  // of 1 MiB, with a text at their beginning
   bool has_uefi = false;
-  bool has_drive = true;  // false: the image is its first disk, copied below the folder of images
+  bool has_drive = true;  // false: the image is its first disk, copied below the image folder
 };
 
 struct QemuHostOptions {
   std::string hypervisor = "embed";
-  std::string embed_root;  // empty: the ground's
-  std::string image_root;  // empty: "disks" below the ground
+  std::string embed_root;  // empty: the environment's
+  std::string image_root;  // empty: "disks" below the environment
   std::chrono::seconds stop_timeout{30};
-  // For another host on the same ground: "-b" is appended to the names of its data folder, socket and log.
+  // For another host in the same environment: "-b" is appended to the names of its data folder, socket and log.
   std::string suffix;
   std::string store;    // the folder of the database; empty: "store" in the data folder
   std::string runtime;  // XDG_RUNTIME_DIR: each host with embedded guests needs its own; empty: unchanged
@@ -41,22 +41,22 @@ struct QemuHostOptions {
 
 inline constexpr const char* kHostRepository = "11111111-2222-4333-8444-00000000000a";
 // For waiting on a guest's own system, and for calls.
-inline constexpr auto kGuestPatience = std::chrono::seconds(90);
+inline constexpr auto kGuestTimeout = std::chrono::seconds(90);
 // For waiting on what the host stores after an event: without one, it checks every 5 s.
-inline constexpr auto kStatePatience = std::chrono::seconds(30);
+inline constexpr auto kStateTimeout = std::chrono::seconds(30);
 
 // Whether `holds` becomes true in time.
-bool Await(const std::function<bool()>& holds, std::chrono::milliseconds patience = kGuestPatience);
+bool Await(const std::function<bool()>& holds, std::chrono::milliseconds timeout = kGuestTimeout);
 
 // Whether a file exists, and its content.
-bool IsThere(const std::string& path);
+bool FileExists(const std::string& path);
 std::string Content(const std::string& path);
 
 // Threads: any for the queries and actions on guests, one for everything else.
 class QemuHost {
  public:
   // Writes the record of the repository; starts nothing.
-  explicit QemuHost(const QemuGround& ground, QemuHostOptions options = {});
+  explicit QemuHost(const QemuEnvironment& environment, QemuHostOptions options = {});
   ~QemuHost();
   QemuHost(const QemuHost&) = delete;
   QemuHost& operator=(const QemuHost&) = delete;
@@ -70,11 +70,11 @@ class QemuHost {
   // A test cannot continue without a host: the test program ends when it does not become ready.
   void Start();
   // For a host that must fail to start. Returns its exit code; -1 when it had to be killed.
-  int StartInVain();
+  int StartExpectingFailure();
   // As the system does when memory runs out: no step is finished.
   void Kill();
-  // SIGTERM. Returns how long it took; not set when the host had to be killed after `patience`.
-  std::optional<std::chrono::milliseconds> Stop(std::chrono::milliseconds patience);
+  // SIGTERM. Returns how long it took; not set when the host had to be killed after `timeout`.
+  std::optional<std::chrono::milliseconds> Stop(std::chrono::milliseconds timeout);
   void Restart();  // Kill and Start
 
   std::string Socket() const { return folder_ + "/s" + options_.suffix; }
@@ -85,7 +85,7 @@ class QemuHost {
   void PutGuest(const HostGuest& guest);
   void Put(const std::string& category, const std::string& id, const Json::Value& record) const;
   Json::Value Record(const std::string& category, const std::string& id) const;
-  void ForgetRun(const std::string& guest) const;  // as if no host had the guest
+  void DeleteRunRecord(const std::string& guest) const;  // as if no host had the guest
   bool Has(const std::string& guest) const { return !Record("guest", guest).isNull(); }
   std::string Stored(const std::string& key) const;
   std::string State(const std::string& guest) const;  // "guest_running"
@@ -94,12 +94,12 @@ class QemuHost {
   std::string DiskFile(const std::string& guest, int disk) const;
   static std::string DiskText(const std::string& guest, int disk);
   // The guest's disks that are not as PutGuest created them: a line for each.
-  std::string LostDisks(const std::string& guest, int disks) const;
+  std::string ChangedDisks(const std::string& guest, int disks) const;
 
   // --- Calls ---
-  Json::Value Ask(const std::string& api_and_method, const std::string& guest, Json::Value further = {}) const;
+  Json::Value Ask(const std::string& api_and_method, const std::string& guest, Json::Value extra_members = {}) const;
   // The code of the error; 0 for a success, -1 when no reply came.
-  int Code(const std::string& api_and_method, const std::string& guest, const Json::Value& further = {}) const;
+  int Code(const std::string& api_and_method, const std::string& guest, const Json::Value& extra_members = {}) const;
   int Power(const std::string& guest, const std::string& action) const;
   int Delete(const std::string& guest) const { return Code("VEXA.Virtualization.Guest/delete", guest); }
   int Set(const std::string& guest, const Json::Value& edit) const;
@@ -117,7 +117,7 @@ class QemuHost {
   std::string LogFile() const { return folder_ + "/vexad" + options_.suffix + ".log"; }
   std::shared_ptr<store::Store> Store() const;
 
-  const QemuGround& ground_;
+  const QemuEnvironment& environment_;
   std::string folder_;
   QemuHostOptions options_;
   std::string host_id_;

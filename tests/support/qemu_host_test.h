@@ -17,20 +17,29 @@ namespace vexa::test {
 class EmbeddedHostTest : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string why_not = WhyNot();
+    const std::string why_not = UnavailableReason();
     if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
-    ground_ = std::make_unique<QemuGround>(HostPrograms());
+    environment_ = std::make_unique<QemuEnvironment>(HostFiles());
     MakeHost();
   }
   void TearDown() override {
     host_.reset();
-    ground_.reset();
+    environment_.reset();
   }
 
-  virtual std::string WhyNot() { return WhyNoFirmware(); }
-  virtual void MakeHost() { host_ = std::make_unique<QemuHost>(*ground_); }
+  virtual std::string UnavailableReason() { return FirmwareUnavailableReason(); }
+  virtual void MakeHost() { host_ = std::make_unique<QemuHost>(*environment_); }
 
-  std::unique_ptr<QemuGround> ground_;
+  // Starts the host with one guest.
+  void StartHostWith(const std::string& guest_id, const std::string& name) {
+    HostGuest guest;
+    guest.id = guest_id;
+    guest.name = name;
+    host_->PutGuest(guest);
+    host_->Start();
+  }
+
+  std::unique_ptr<QemuEnvironment> environment_;
   std::unique_ptr<QemuHost> host_;
 };
 
@@ -40,38 +49,38 @@ class LibvirtHostTest : public EmbeddedHostTest {
   void TearDown() override {
     host_.reset();
     libvirtd_.reset();
-    ground_.reset();
+    environment_.reset();
   }
 
-  std::string WhyNot() override {
-    const std::string why_not = WhyNoPrivateLibvirtd();
-    return why_not.empty() ? WhyNoFirmware() : why_not;
+  std::string UnavailableReason() override {
+    const std::string why_not = LibvirtdUnavailableReason();
+    return why_not.empty() ? FirmwareUnavailableReason() : why_not;
   }
   void MakeHost() override {
-    libvirtd_ = std::make_unique<PrivateLibvirtd>(*ground_);
+    libvirtd_ = std::make_unique<PrivateLibvirtd>(*environment_);
     user_ = std::make_unique<LibvirtUser>(libvirtd_->uri());
     QemuHostOptions options;
     options.hypervisor = libvirtd_->uri();
-    host_ = std::make_unique<QemuHost>(*ground_, options);
+    host_ = std::make_unique<QemuHost>(*environment_, options);
   }
 
   // A domain with an image to boot from and a disk of its own, both in the place of the host's own guests.
-  OwnersDomain MakeOwnersDomain(const std::string& id, const std::string& name) const {
-    OwnersDomain domain;
+  UserDomain MakeUserDomain(const std::string& id, const std::string& name) const {
+    UserDomain domain;
     domain.id = id;
     domain.name = name;
-    domain.screen = ground_->folder() + "/" + name + ".vnc";
+    domain.screen = environment_->folder() + "/" + name + ".vnc";
     domain.boot_image = host_->DiskFile(id, 0);
     domain.disks = {host_->DiskFile(id, 1)};
-    std::filesystem::copy_file(ground_->Image(GuestImage::kWithAgent), domain.boot_image);
+    std::filesystem::copy_file(environment_->Image(GuestImage::kWithAgent), domain.boot_image);
     std::string bytes = QemuHost::DiskText(id, 1);
     bytes.resize(1 << 20, '\0');
     std::ofstream(domain.disks[0], std::ios::binary) << bytes;
     return domain;
   }
-  // Whether both are as MakeOwnersDomain created them.
-  bool AreDisksWhole(const OwnersDomain& domain) const {
-    return Content(domain.boot_image).size() == Content(ground_->Image(GuestImage::kWithAgent)).size() &&
+  // Whether both are as MakeUserDomain created them.
+  bool AreDisksIntact(const UserDomain& domain) const {
+    return Content(domain.boot_image).size() == Content(environment_->Image(GuestImage::kWithAgent)).size() &&
            Content(domain.disks[0]).starts_with(QemuHost::DiskText(domain.id, 1));
   }
   // Turns every domain that libvirt knows now into a guest of `host_id`. The host of the test must be running.
@@ -80,10 +89,10 @@ class LibvirtHostTest : public EmbeddedHostTest {
                  "--repository-id", kHostRepository});
   }
   // The files of libvirt with saved memory.
-  int SavedFiles() const {
+  int CountSavedMemoryFiles() const {
     int count = 0;
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(ground_->folder(), ignored)) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(environment_->folder(), ignored)) {
       count += entry.path().extension() == ".save" ? 1 : 0;
     }
     return count;
@@ -94,7 +103,7 @@ class LibvirtHostTest : public EmbeddedHostTest {
 };
 
 // The files with UEFI variables below `folder`, and a text in them that firmware does not touch.
-inline std::vector<std::string> VariablesBelow(const std::string& folder) {
+inline std::vector<std::string> FindNvramFiles(const std::string& folder) {
   namespace fs = std::filesystem;
   std::vector<std::string> found;
   std::error_code ignored;
@@ -109,14 +118,14 @@ inline std::vector<std::string> VariablesBelow(const std::string& folder) {
 }
 
 // Near the end of the part that is only written while the firmware compacts its variables.
-inline constexpr int kMarkFromEnd = 64;
+inline constexpr int kNvramMarkOffset = 64;
 inline constexpr const char* kMark = "What the guest has stored";
 
 inline void Mark(const std::string& path) {
   std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
-  file.seekp(-kMarkFromEnd, std::ios::end);
+  file.seekp(-kNvramMarkOffset, std::ios::end);
   file << kMark;
 }
-inline bool IsMarked(const std::string& path) { return Content(path).find(kMark) != std::string::npos; }
+inline bool HasNvramMark(const std::string& path) { return Content(path).find(kMark) != std::string::npos; }
 
 }  // namespace vexa::test

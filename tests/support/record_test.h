@@ -6,8 +6,11 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/base/refusal.h"
+#include "host/records/keys.h"
+#include "host/records/named_record.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 
@@ -15,13 +18,17 @@ namespace vexa::test {
 
 class RecordTest : public ::testing::Test {
  protected:
+  static constexpr int kRecordExists = records::kRecordExists;
+  static constexpr int kRecordFailed = records::kRecordFailed;
+  static constexpr int kRecordInUse = records::kRecordInUse;
+
   // Refused with the code and the sentence, and nothing has changed.
-  void ExpectRefused(const std::function<guests::Refused()>& act, int code, const std::string& reason) {
+  void ExpectRefused(const std::function<Result<void, Refusal>()>& act, int code, const std::string& reason) {
     const store::Revision before = Revision();
-    const guests::Refused refused = act();
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, reason);
+    const auto refused = act();
+    ASSERT_FALSE(refused.ok()) << reason;
+    EXPECT_EQ(refused.error().code, code);
+    EXPECT_EQ(refused.error().reason, reason);
     EXPECT_EQ(Revision(), before);
   }
 
@@ -40,5 +47,17 @@ class RecordTest : public ::testing::Test {
 
   TestHost host_;
 };
+
+// How many of several additions were accepted; the others must be refused with kRecordExists.
+inline int CountAccepted(const std::vector<Result<void, Refusal>>& results) {
+  int accepted = 0;
+  for (const Result<void, Refusal>& refused : results) {
+    accepted += refused.ok() ? 1 : 0;
+    if (!refused.ok()) {
+      EXPECT_EQ(refused.error().code, records::kRecordExists) << refused.error().reason;
+    }
+  }
+  return accepted;
+}
 
 }  // namespace vexa::test

@@ -25,3 +25,7 @@ inline void Require(const Status& status) {
 }
 
 }  // namespace vexa::test
+
+namespace vexa {
+using test::Require;  // so that the tests of every room see it
+}

@@ -66,7 +66,7 @@ namespace VexaCCC {
 
 std::string gaUUIDGet(int auth_type, const std::string& kind, unsigned int numeric_id) {
   const std::string place = std::to_string(auth_type) + "/" + kind + "/" + std::to_string(numeric_id);
-  Platform().asked_identifiers.push_back(place);
+  Platform().requested_identifiers.push_back(place);
   const auto identifier = Platform().identifiers.find(place);
   return identifier == Platform().identifiers.end() ? "" : identifier->second;
 }

@@ -20,17 +20,17 @@ int gaGuestSet(const std::string& guest_id, const std::vector<tagGuestAdminRule>
 }
 
 bool GuestImageIsValidID(const std::string& text) {
-  Platform().asked_images.push_back("id " + text);
+  Platform().requested_images.push_back("id " + text);
   return Platform().image_ids.contains(text);
 }
 
 bool GuestImageIsValidDsPath(const std::string& text) {
-  Platform().asked_images.push_back("path " + text);
+  Platform().requested_images.push_back("path " + text);
   return Platform().image_paths.contains(text);
 }
 
 bool GuestImageIsDsPath(const std::string& text) {
-  Platform().asked_images.push_back("form " + text);
+  Platform().requested_images.push_back("form " + text);
   return Platform().image_paths.contains(text) || Platform().image_forms.contains(text);
 }
 

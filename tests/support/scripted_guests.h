@@ -11,29 +11,34 @@ namespace vexa::test {
 
 class ScriptedGuests final : public guests::GuestControl {
  public:
-  using Refused = guests::Refused;
   using Requester = guests::Requester;
 
-  Refused PowerOn(const std::string& id, const Requester& by) override { return Note("poweron", id, by); }
-  Refused ShutDown(const std::string& id, const Requester& by) override { return Note("shutdown", id, by); }
-  Refused PowerOff(const std::string& id, const Requester& by) override { return Note("poweroff", id, by); }
-  Refused Reboot(const std::string& id, const Requester& by) override { return Note("reboot", id, by); }
-  Refused Fence(const std::string& id) override { return Note("fence", id, {}); }
-  Refused Delete(const std::string& id, const Requester& by) override { return Note("delete", id, by); }
-  Refused Edit(const std::string& id, const Json::Value& edit, const Requester& by) override {
+  Result<void, Refusal> PowerOn(const std::string& id, const Requester& by) override { return Note("poweron", id, by); }
+  Result<void, Refusal> ShutDown(const std::string& id, const Requester& by) override {
+    return Note("shutdown", id, by);
+  }
+  Result<void, Refusal> PowerOff(const std::string& id, const Requester& by) override {
+    return Note("poweroff", id, by);
+  }
+  Result<void, Refusal> Reboot(const std::string& id, const Requester& by) override { return Note("reboot", id, by); }
+  Result<void, Refusal> Fence(const std::string& id) override { return Note("fence", id, {}); }
+  Result<void, Refusal> Delete(const std::string& id, const Requester& by) override { return Note("delete", id, by); }
+  Result<void, Refusal> Edit(const std::string& id, const Json::Value& edit, const Requester& by) override {
     last_edit = edit;
     return Note("edit", id, by);
   }
-  Refused SetHost(const std::string& id, const std::string& host_id) override {
+  Result<void, Refusal> SetHost(const std::string& id, const std::string& host_id) override {
     return Note("hostset " + host_id, id, {});
   }
-  bool SettleFenced() override { return true; }
+  bool StopFencedGuests() override { return true; }
   Result<guests::Rating> RateGuest(const std::string&) override { return rating; }
-  std::optional<guests::RunningGuest> Running(const std::string&) override { return running; }
-  bool IsControllable() const override { return is_controllable; }
+  std::optional<guests::RunningGuest> FindRunningGuest(const std::string&) override { return running; }
+  bool IsHypervisorReachable() const override { return is_hypervisor_reachable; }
   std::string HypervisorVersion() const override { return hypervisor_version; }
-  Refused DiscardSaved(const std::string& id, const Requester& by) override { return Note("discard_saved", id, by); }
-  Refused Release(const std::string& id, const Requester& by) override { return Note("release", id, by); }
+  Result<void, Refusal> DiscardSaved(const std::string& id, const Requester& by) override {
+    return Note("discard_saved", id, by);
+  }
+  Result<void, Refusal> Release(const std::string& id, const Requester& by) override { return Note("release", id, by); }
   bool Stop(std::chrono::milliseconds) override { return true; }
 
   // "<action> <guest id> <user>/<host>/<request>"
@@ -42,18 +47,18 @@ class ScriptedGuests final : public guests::GuestControl {
     return asked_;
   }
 
-  Refused refused;  // the answer to every action
+  std::optional<Refusal> refused;  // the answer to every action
   guests::Rating rating;
   Json::Value last_edit;
-  bool is_controllable = true;
+  bool is_hypervisor_reachable = true;
   std::string hypervisor_version;
   std::optional<guests::RunningGuest> running = guests::RunningGuest{{"192.0.2.7"}, 77, true};
 
  private:
-  Refused Note(const std::string& action, const std::string& id, const Requester& by) {
+  Result<void, Refusal> Note(const std::string& action, const std::string& id, const Requester& by) {
     const std::lock_guard lock(mutex_);
     asked_.push_back(action + " " + id + " " + by.user + "/" + by.host_id + "/" + by.request_id);
-    return refused;
+    return OkUnless(refused);
   }
 
   mutable std::mutex mutex_;

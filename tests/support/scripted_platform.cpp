@@ -148,8 +148,8 @@ namespace Utils {
 bool isUUID(const std::string& text) { return text.size() == 36; }
 
 int CheckNameConflict(const std::string& name, const DB::DashCate& category) {
-  Platform().asked_names.push_back(std::string(category.name()) + "/" + name);
-  Platform().calls.push_back("conflict " + Platform().asked_names.back());
+  Platform().requested_names.push_back(std::string(category.name()) + "/" + name);
+  Platform().calls.push_back("conflict " + Platform().requested_names.back());
   return Platform().conflict_result;
 }
 
@@ -167,7 +167,7 @@ int GetNameList(const DB::DashCate& category, const std::vector<std::string>& id
 bool IsGuestStateOnline(const std::string& state) {
   namespace Guest = State::Guest;
   return state == Guest::running || state == Guest::booting || state == Guest::shutting_down ||
-         state == Guest::moving || state == Guest::stor_migrating || Platform().more_online_states.contains(state);
+         state == Guest::moving || state == Guest::stor_migrating || Platform().extra_online_states.contains(state);
 }
 
 bool IsFindInSTLContainer(const Json::Value& array, const std::string& text) {
@@ -199,15 +199,15 @@ std::string TrimOVSPrefix(const std::string& name) { return name.starts_with("ov
 int gaIsAdvancedUser(const std::string& user) {
   ++Platform().rights_calls;
   Platform().calls.emplace_back("rights");
-  Platform().asked_user = user;
+  Platform().requested_user = user;
   return Platform().advanced_result;
 }
 
 int gaUserListAvail(const std::string& user, const std::string& category, std::set<std::string>& ids) {
   ++Platform().rights_calls;
   Platform().calls.emplace_back("rights");
-  Platform().asked_user = user;
-  Platform().asked_category = category;
+  Platform().requested_user = user;
+  Platform().requested_category = category;
   ids = Platform().available;
   return Platform().available_result;
 }

@@ -45,23 +45,23 @@ struct ScriptedPlatform {
   std::map<std::string, std::vector<std::string>> ids;
   std::map<std::string, std::vector<int>> category_results;
 
-  // Names, under "<category>/<id>"; the objects whose names were requested are in `asked_names` in the same form. A
+  // Names, under "<category>/<id>"; the objects whose names were requested are in `requested_names` in the same form. A
   // list of names has "" for an object without one, and lacks the last `names_dropped`; it is provided whatever its
   // result.
   std::map<std::string, std::string> names;
   int name_list_result = 0;
   std::size_t names_dropped = 0;
   int conflict_result = 0;
-  std::vector<std::string> asked_names;
+  std::vector<std::string> requested_names;
 
   // The cluster's condition. A status is added whatever the result of loading it.
   Json::Value cluster_status = Json::Value(Json::objectValue);
   int load_result = 0;
   std::vector<std::pair<int, int>> loads;  // type and age
-  std::set<std::string> more_online_states;
+  std::set<std::string> extra_online_states;
   int upgrading = 0;
   int upgrade_calls = 0;
-  std::map<std::string, std::string> versions_of_all;
+  std::map<std::string, std::string> versions_of_all_hosts;
   std::map<std::string, std::string> versions_of_reachable;
   int versions_result = 0;
 
@@ -93,12 +93,12 @@ struct ScriptedPlatform {
   int guest_set_result = 0;
   std::vector<std::string> guest_set_failures;
 
-  // The ids and paths of usable images, and the paths that only look usable. `asked_images` has the checks, as "id
+  // The ids and paths of usable images, and the paths that only look usable. `requested_images` has the checks, as "id
   // <text>", "path <text>" and "form <text>".
   std::set<std::string> image_ids;
   std::set<std::string> image_paths;
   std::set<std::string> image_forms;
-  std::vector<std::string> asked_images;
+  std::vector<std::string> requested_images;
 
   // The calls in their order: "send <host>/<method>", "guest_host <guest>", "auto_select", "upgrading", "name
   // <category>/<id>", "conflict <category>/<name>", "log <priority>", "guest_delete <guest>", "guest_set <guest>",
@@ -128,14 +128,14 @@ struct ScriptedPlatform {
   int available_result = 0;
   std::set<std::string> available;
   int rights_calls = 0;
-  std::string asked_user;
-  std::string asked_category;
+  std::string requested_user;
+  std::string requested_category;
 
   // Users by name, and their groups as the base library's keys. Identifiers are under "<type>/<kind>/<number>".
   std::map<std::string, std::pair<unsigned int, unsigned int>> users;
   std::map<std::string, std::vector<std::string>> groups;
   std::map<std::string, std::string> identifiers;
-  std::vector<std::string> asked_identifiers;
+  std::vector<std::string> requested_identifiers;
   struct Grant {
     std::string identifier, empty;
     std::vector<VexaCCC::Rule> rules;

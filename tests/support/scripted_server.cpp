@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -17,14 +16,10 @@
 #include <thread>
 #include <utility>
 
+#include "tests/support/check.h"
+
 namespace vexa::test {
 namespace {
-
-void Check(bool good, const char* what) {
-  if (good) return;
-  std::perror(what);
-  std::abort();
-}
 
 // The length of the whole request, 0 while it is unknown.
 std::size_t LengthOf(const std::string& request) {

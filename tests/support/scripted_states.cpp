@@ -6,8 +6,8 @@
 #include "webapi/platform/ccc_state.h"
 #include "webapi/platform/dr_cache.h"
 
-using vexa::test::HandOut;
 using vexa::test::Platform;
+using vexa::test::ProvideScripted;
 
 namespace VexaCCC {
 
@@ -23,21 +23,21 @@ int LoadCache(Json::Value& cache, CACHE_LOAD_TYPE type, int max_age_s) {
 }
 
 int CCCVersionStateGetAllHosts(std::map<std::string, std::string>& all, std::map<std::string, std::string>& reachable) {
-  all = Platform().versions_of_all;
+  all = Platform().versions_of_all_hosts;
   reachable = Platform().versions_of_reachable;
   return Platform().versions_result;
 }
 
 int haStateGet(const std::string& group_id, std::string& state) {
-  return HandOut(Platform().ha_states, group_id, Platform().ha_results, "state", state);
+  return ProvideScripted(Platform().ha_states, group_id, Platform().ha_results, "state", state);
 }
 
 int haWarnGet(const std::string& group_id, Json::Value& warn) {
-  return HandOut(Platform().ha_warnings, group_id, Platform().ha_results, "warn", warn);
+  return ProvideScripted(Platform().ha_warnings, group_id, Platform().ha_results, "warn", warn);
 }
 
 int haErrorGet(const std::string& group_id, HA_FAIL_REASON& code) {
-  return HandOut(Platform().ha_errors, group_id, Platform().ha_results, "error", code);
+  return ProvideScripted(Platform().ha_errors, group_id, Platform().ha_results, "error", code);
 }
 
 namespace DB {
@@ -59,17 +59,17 @@ int CCCIsIncompatibleUpgrading() {
 
 int vgConfGet(const std::string& guest_id, Json::Value& conf) {
   Platform().conf_reads.push_back("conf/" + guest_id);
-  return HandOut(Platform().confs, guest_id, Platform().conf_results, "conf/" + guest_id, conf);
+  return ProvideScripted(Platform().confs, guest_id, Platform().conf_results, "conf/" + guest_id, conf);
 }
 
 int vgConfStateGet(const std::string& guest_id, std::string& state) {
   Platform().conf_reads.push_back("state/" + guest_id);
-  return HandOut(Platform().conf_states, guest_id, Platform().conf_results, "state/" + guest_id, state);
+  return ProvideScripted(Platform().conf_states, guest_id, Platform().conf_results, "state/" + guest_id, state);
 }
 
 int vgConfRepoHostIdGet(const std::string& guest_id, std::string& host_id) {
   Platform().conf_reads.push_back("repo_host/" + guest_id);
-  return HandOut(Platform().repo_hosts, guest_id, Platform().conf_results, "repo_host/" + guest_id, host_id);
+  return ProvideScripted(Platform().repo_hosts, guest_id, Platform().conf_results, "repo_host/" + guest_id, host_id);
 }
 
 namespace VexaDR {

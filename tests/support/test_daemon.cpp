@@ -16,26 +16,19 @@
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
 #include "tests/support/require.h"
+#include "tests/support/test_row.h"
 
 namespace vexa::test {
 namespace {
 
-using webapi::Access;
-using webapi::Call;
-using webapi::LaneKind;
+using api::Access;
+using api::Call;
+using api::LaneKind;
 
 void Succeed(const Call& call) { call.response->SetSuccess(Json::Value("done")); }
 
-webapi::ApiRow Row(std::string_view method, Access access, LaneKind lane, webapi::Handler handler) {
-  return {.api = "VEXA.Test",
-          .method = method,
-          .version = 1,
-          .access = access,
-          .lane = lane,
-          .handler = std::move(handler),
-          .summary = "A method of the tests.",
-          .parameters = {},
-          .errors = {}};
+api::ApiRow Row(std::string_view method, Access access, LaneKind lane, api::Handler handler) {
+  return TestRow("VEXA.Test", method, access, lane, std::move(handler));
 }
 
 store::Operation PutObject(const char* category, const std::string& id, const std::string& text) {
@@ -105,19 +98,19 @@ void TestDaemon::PutRecords() {
     return Require(accounts->FindUser(name));
   };
   const auto grant = [&](std::string_view kind, std::uint32_t id, const std::string& text) {
-    transaction.operations.push_back({cluster::GuestAdminKey(cluster::GuestAdminIdentifier(kind, id)), text});
+    transaction.operations.push_back({records::GuestAdminKey(records::GuestAdminIdentifier(kind, id)), text});
   };
   add("admin", {"administrators"});
   add("mallory", {});
   grant("users", add("adam", {}).uid, GuestAdmin("advanced", false));
   grant("users", add("grace", {}).uid, GuestAdmin("user", true));
-  for (const base::Group& group : add("carol", {"operators"}).groups) {
+  for (const accounts::Group& group : add("carol", {"operators"}).groups) {
     if (group.name == "operators") grant("groups", group.gid, GuestAdmin("user", true));
   }
   (void)Require(store->Commit(transaction));
 }
 
-std::vector<webapi::ApiRow> TestDaemon::Rows() {
+std::vector<api::ApiRow> TestDaemon::Rows() {
   const auto stall = stall_;
   return {
       Row("anyone", Access::kAnyone, LaneKind::kQuick, Succeed),
@@ -170,7 +163,7 @@ HttpClient TestDaemon::TcpAs(const std::string& user) const {
   return client;
 }
 
-void TestDaemon::BeOnUnixSocket(const std::string& role) {
+void TestDaemon::ActAsOnUnixSocket(const std::string& role) {
   const auto accounts = Accounts();
   cluster::AccountStore::NewUser me;
   me.name = "me";
@@ -181,7 +174,7 @@ void TestDaemon::BeOnUnixSocket(const std::string& role) {
   // The same account in each role: an id is never assigned twice.
   Require(accounts->FindUser("me").ok() ? accounts->SetGroups("me", me.groups) : accounts->AddUser(me));
   const auto store = StoreOf(config_);
-  const std::string key = cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", ::geteuid()));
+  const std::string key = records::GuestAdminKey(records::GuestAdminIdentifier("users", ::geteuid()));
   (void)Require(store->Commit({{}, {{key, GuestAdmin(role == "adam" ? "advanced" : "user", role == "grace")}}}));
 }
 

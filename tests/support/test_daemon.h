@@ -40,17 +40,18 @@ class TestDaemon {
   std::string Login(const std::string& user) const;
   HttpClient TcpAs(const std::string& user) const;
 
-  // Gives the account `name` this process's user id, so that the Unix socket's peer is that user, with the grants of
-  // the role's user: "admin", "adam", "grace", "carol" or "mallory".
-  void BeOnUnixSocket(const std::string& role);
+  // Gives the account "me" this process's user id and the grants of the user `role` ("admin", "adam", "grace", "carol"
+  // or "mallory"), so that calls over the Unix socket are made as that user.
+  void ActAsOnUnixSocket(const std::string& role);
 
-  // Lets the calls of "stall" return. Returns how many were waiting.
+  // Lets the calls of "stall" return.
   void ReleaseStalled();
+  // How many calls of "stall" are waiting.
   int stalled() const;
 
  private:
   void PutRecords();
-  std::vector<webapi::ApiRow> Rows();
+  std::vector<api::ApiRow> Rows();
 
   TempDir folder_;
   daemon::Config config_;

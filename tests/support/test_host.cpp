@@ -20,15 +20,15 @@ TestHost::TestHost() {
   store_ = std::make_shared<FaultyStore>(store);
   // Without the faults, which are only for the code under test.
   accounts_ = std::make_shared<cluster::AccountStore>(store);
-  cluster::Environment environment;
+  records::Environment environment;
   environment.store = store_;
   environment.accounts = accounts_;
   environment.host_id = "11111111-2222-4333-8444-555555555555";
   environment.cache_directory = folder_.File("cache");
-  cluster::InstallEnvironment(std::move(environment));
+  records::InstallEnvironment(std::move(environment));
 }
 
-TestHost::~TestHost() { cluster::RemoveEnvironment(); }
+TestHost::~TestHost() { records::RemoveEnvironment(); }
 
 std::uint32_t TestHost::AddUser(const std::string& name, const std::vector<std::string>& groups) {
   cluster::AccountStore::NewUser user;
@@ -40,7 +40,7 @@ std::uint32_t TestHost::AddUser(const std::string& name, const std::vector<std::
 }
 
 std::uint32_t TestHost::GroupId(const std::string& user, const std::string& group) {
-  for (const base::Group& candidate : Require(accounts_->FindUser(user)).groups) {
+  for (const accounts::Group& candidate : Require(accounts_->FindUser(user)).groups) {
     if (candidate.name == group) return candidate.gid;
   }
   std::abort();
@@ -64,7 +64,7 @@ void TestHost::PutGuestAdmin(const std::string& kind, std::uint32_t id, const st
   record["authlevel"] = level;
   record["guests"] = Json::Value(Json::objectValue);
   for (const std::string& guest : guests) record["guests"][guest] = true;
-  Put("guest_admin", cluster::GuestAdminIdentifier(kind, id), record);
+  Put("guest_admin", records::GuestAdminIdentifier(kind, id), record);
 }
 
 std::string TestHost::ObjectKey(const std::string& category, const std::string& id) {

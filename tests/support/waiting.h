@@ -1,4 +1,4 @@
-// Waiting for what happens on other threads.
+// Waiting for conditions that other threads bring about.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// Two hosts with one store, whose accounts were made on each by itself.
+// Two hosts with one store, whose accounts were created separately.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -11,10 +11,10 @@
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
-#include "tests/support/http_client.h"
 #include "tests/support/process.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/vexad_client.h"
 #include "webapi/platform/ccc_constants.h"
 
 namespace {
@@ -73,7 +73,7 @@ class AccountCluster : public testing::Test {
         R"({"version":1,"groups":[{"name":"administrators","gid":1900000000},{"name":"users","gid":1900000001}],"users":[
            {"name":")" +
         user + R"(","uid":)" + std::to_string(kFirstUser) + R"(,"gid":1900000001,"password":")" +
-        Require(vexa::base::HashPassword(kPassword)) + R"(","groups":[]}]})";
+        Require(vexa::accounts::HashPassword(kPassword)) + R"(","groups":[]}]})";
     Require(vexa::WriteFileAtomically(folder_.File(host) + "/accounts.json", text, 0600));
   }
 
@@ -103,12 +103,7 @@ class AccountCluster : public testing::Test {
   }
 
   static HttpClient Tcp(const Process& process) {
-    std::smatch match;
-    const std::string log = process.errors();
-    EXPECT_TRUE(std::regex_search(log, match, std::regex(R"(Listening on (http://127\.0\.0\.1:[0-9]+)\.)"))) << log;
-    vexa::test::HttpTarget target;
-    target.url = match[1];
-    HttpClient client(target);
+    HttpClient client(vexa::test::NetworkOf(process));
     client.SetTimeout(60s);
     return client;
   }
@@ -127,10 +122,7 @@ class AccountCluster : public testing::Test {
     return client;
   }
   HttpClient Root(const std::string& host) const {
-    vexa::test::HttpTarget target;
-    target.url = "http://localhost";
-    target.unix_socket = folder_.File("socket-" + host);
-    HttpClient client(target);
+    HttpClient client(vexa::test::UnixSocket(folder_.File("socket-" + host)));
     client.SetTimeout(60s);
     return client;
   }
@@ -180,7 +172,7 @@ TEST_F(AccountCluster, Accounts_FirstUsersOfTwoHosts_DoNotShareGrants) {
   EXPECT_NE(b->errors().find("'bob'"), std::string::npos) << "the log says that bob has another id";
 }
 
-TEST_F(AccountCluster, AccountIsDeletedOnOneHost_ItsGrantsAndSessionsEndOnTheOther) {
+TEST_F(AccountCluster, Account_DeletedOnOneHost_LosesGrantsAndSessionsOnOther) {
   PutFile("a", "alice");
   const auto a = Start("a");
   const auto b = Start("b");
@@ -202,7 +194,7 @@ TEST_F(AccountCluster, AccountIsDeletedOnOneHost_ItsGrantsAndSessionsEndOnTheOth
   EXPECT_FALSE(IsListed(again));
 }
 
-TEST_F(AccountCluster, AccountIsAddedOnOneHost_LogsInOnTheOther) {
+TEST_F(AccountCluster, Account_AddedOnOneHost_LogsInOnOther) {
   const auto a = Start("a");
   const auto b = Start("b");
   ASSERT_EQ(Vexa({"user", "add", "Carol", "--password-stdin"}, std::string(kPassword) + "\n").exit_code, 0);
@@ -229,7 +221,7 @@ TEST_F(AccountCluster, AccountSource_IsLoggedAndReportedByCommands) {
 }
 
 // A name in another case must not be another name to who slows guessing down. Each guess is of another address.
-TEST_F(AccountCluster, GuessingInManySpellings_IsSlowedDownAsOneName) {
+TEST_F(AccountCluster, Login_GuessesInManySpellings_AreLimitedAsOneName) {
   const auto a = Start("a");
   std::smatch match;
   const std::string log = a->errors();

@@ -19,7 +19,7 @@
 namespace vexa::test {
 namespace {
 
-TEST(CacheDaemon, GuestsStates_AreFoundOutInTheBackgroundAndKept) {
+TEST(CacheDaemon, GuestStates_Read_AreRefreshedInBackgroundAndCached) {
   TestDaemon daemon;
   const std::string path = daemon.config().data_directory + "/cache/virtualization/guest_ui_status.json";
   EXPECT_FALSE(std::filesystem::exists(path));
@@ -36,7 +36,7 @@ TEST(CacheDaemon, GuestsStates_AreFoundOutInTheBackgroundAndKept) {
   EXPECT_TRUE(daemon.daemon().Stop(std::chrono::seconds(30)));
 }
 
-TEST(CacheDaemon, ChangedGuest_IsInTheKeptValueWithoutAnotherRead) {
+TEST(CacheDaemon, CachedStates_GuestChanged_AreRefreshedWithoutRead) {
   TestDaemon daemon;
   std::map<std::string, VexaVirtualization::UIState> states;
   EXPECT_TRUE(VexaVirtualization::GetCachedGuestUIStateDict(states));
@@ -56,7 +56,7 @@ TEST(CacheDaemon, ChangedGuest_IsInTheKeptValueWithoutAnotherRead) {
       {},
       {{store::MakeKey({"dash", "guest", kTestGuest, "object"}),
         R"({"name":"test","state":")" + std::string(VexaCCC::State::Guest::crashed) + "\"}"}}};
-  ASSERT_TRUE(cluster::CurrentEnvironment()->store->Commit(change).ok());
+  ASSERT_TRUE(records::CurrentEnvironment()->store->Commit(change).ok());
   EXPECT_TRUE(within(std::chrono::seconds(30), [&] { return kept().find("crashed") != std::string::npos; })) << kept();
 }
 

@@ -1,16 +1,9 @@
-// vexa user, vexa group and vexa guest grants against a server that answers by what it is asked.
+// vexa user, vexa group and vexa guest grants against a scripted server.
 #include "tests/system/cli_api_host.h"
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr const char* kFirst = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
 constexpr const char* kSecond = "00000000-0000-4000-8000-00000000000a";
@@ -29,7 +22,7 @@ class AccountCommands : public CliTest {
     return Run(std::move(arguments), input);
   }
   // Knows alice, and does whatever it is asked.
-  static ApiHost::Answer AllWell() {
+  static ApiHost::Answer SucceedAlways() {
     return [](const std::string& method, const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
       if (method == "user_list") return ApiHost::Success(kUsers);
       if (method == "level_get" && parameters["name"] != "alice") return NoAccount();
@@ -41,8 +34,8 @@ class AccountCommands : public CliTest {
   }
 };
 
-TEST_F(AccountCommands, List_IsATableOrTheArray) {
-  const ApiHost host(AllWell());
+TEST_F(AccountCommands, UserList_TableOrJson_ShowsUsers) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"user", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output,
@@ -54,8 +47,8 @@ TEST_F(AccountCommands, List_IsATableOrTheArray) {
   EXPECT_EQ((*json)[0]["name"], "alice");
 }
 
-TEST_F(AccountCommands, Add_AsksWhetherTheNameIsFreeAndSendsThePassword) {
-  const ApiHost host(AllWell());
+TEST_F(AccountCommands, UserAdd_NameFree_SendsPassword) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(
       host,
       {"user", "add", "bob", "--group", "staff", "--group", "crew", "--uid", "1026", "--advanced", "--password-stdin"},
@@ -67,8 +60,8 @@ TEST_F(AccountCommands, Add_AsksWhetherTheNameIsFreeAndSendsThePassword) {
                                         R"("password":"good password","uid":1026})"));
 }
 
-TEST_F(AccountCommands, AddOfATakenName_AsksForNoPassword) {
-  const ApiHost host(AllWell());
+TEST_F(AccountCommands, UserAdd_NameTaken_AsksForNoPassword) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"user", "add", "alice"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.errors, "vexa: There is a user 'alice' already\n");
@@ -76,7 +69,7 @@ TEST_F(AccountCommands, AddOfATakenName_AsksForNoPassword) {
 }
 
 TEST_F(AccountCommands, WrongUsage_SendsNothing) {
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"user", "add", "../x", "--password-stdin"},
                                              {"user", "add", "bob", "--uid", "x", "--password-stdin"},
@@ -99,8 +92,8 @@ TEST_F(AccountCommands, WrongUsage_SendsNothing) {
   EXPECT_EQ(host.Count("user_add"), 0);
 }
 
-TEST_F(AccountCommands, Account_InvalidNames_AreUnknown) {
-  const ApiHost host(AllWell());
+TEST_F(AccountCommands, Commands_InvalidNames_AreReportedAsUnknown) {
+  const ApiHost host(SucceedAlways());
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"user", "del", "a b"},
                                              {"user", "passwd", "", "--password-stdin"},
@@ -153,17 +146,17 @@ const Row kRows[] = {
     {"Drop",
      {"user", "drop-grants", "alice"},
      R"(grants_drop {"kind":"user","name":"alice"})",
-     "Dropped what was granted to 'alice'.\n"},
+     "Dropped all grants of 'alice'.\n"},
     {"DropById",
      {"user", "drop-grants", "--id", "1026"},
      R"(grants_drop {"id":1026,"kind":"user"})",
-     "Dropped what was granted to '1026'.\n"},
+     "Dropped all grants of '1026'.\n"},
 };
 
 class AccountChange : public AccountCommands, public ::testing::WithParamInterface<Row> {};
 
-TEST_P(AccountChange, Command_IsOneCallAndOneLine) {
-  const ApiHost host(AllWell());
+TEST_P(AccountChange, Command_Succeeds_MakesOneCallAndPrintsOneLine) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, GetParam().arguments);
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(result.output, GetParam().output);
@@ -173,8 +166,8 @@ TEST_P(AccountChange, Command_IsOneCallAndOneLine) {
 INSTANTIATE_TEST_SUITE_P(Rows, AccountChange, ::testing::ValuesIn(kRows),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(AccountCommands, Passwd_OfOthersAsksForTheNewPasswordOnly) {
-  const ApiHost host(AllWell());
+TEST_F(AccountCommands, Passwd_OtherUser_AsksForNewPasswordOnly) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"user", "passwd", "alice", "--password-stdin"}, "second password\n");
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(result.output, "Changed the password of 'alice'.\n");
@@ -186,7 +179,7 @@ TEST_F(AccountCommands, Passwd_OfOthersAsksForTheNewPasswordOnly) {
 }
 
 // The password has nothing to do with the damaged record of grants.
-TEST_F(AccountCommands, LevelThatCannotBeRead_DoesNotKeepFromSettingAPassword) {
+TEST_F(AccountCommands, Passwd_LevelUnreadable_StillSetsPassword) {
   for (const int code : {985, 988}) {
     const ApiHost host([code](const std::string& method, const Json::Value&) {
       return method == "level_get" ? ApiHost::Failure(code, "A record cannot be understood.") : ApiHost::Success();
@@ -199,8 +192,8 @@ TEST_F(AccountCommands, LevelThatCannotBeRead_DoesNotKeepFromSettingAPassword) {
   }
 }
 
-TEST_F(AccountCommands, PasswdWithoutAName_SetsOnesOwnWithTheOldOne) {
-  const ApiHost host(AllWell());
+TEST_F(AccountCommands, Passwd_NoName_ChangesOwnPasswordWithOldOne) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"user", "passwd", "--password-stdin"}, "old password\nsecond password\n");
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(result.output, "Changed your password.\n");
@@ -208,7 +201,7 @@ TEST_F(AccountCommands, PasswdWithoutAName_SetsOnesOwnWithTheOldOne) {
               ElementsAre(R"(password_set {"old_password":"old password","password":"second password"})"));
 }
 
-TEST_F(AccountCommands, Refusals_AreShownWithCodeAndReason) {
+TEST_F(AccountCommands, Command_Refused_ShowsCodeAndReason) {
   const ApiHost host([](const std::string&, const Json::Value&) {
     return ApiHost::Failure(984, "The grants of this id were given to somebody of another name.",
                             R"(,"reason":"They were given to 'b\u001bob'.")");
@@ -220,13 +213,13 @@ TEST_F(AccountCommands, Refusals_AreShownWithCodeAndReason) {
   EXPECT_THAT(result.output, IsEmpty());
 }
 
-TEST_F(AccountCommands, NoDaemon_IsUnreachableWithAWayOut) {
+TEST_F(AccountCommands, UserList_NoDaemon_SuggestsLocal) {
   const auto result = Run({"user", "list"});
   EXPECT_EQ(result.exit_code, 3);
   EXPECT_THAT(result.errors, HasSubstr("vexa user add --local"));
 }
 
-TEST_F(AccountCommands, GroupList_IsATableOrTheArray) {
+TEST_F(AccountCommands, GroupList_TableOrJson_ShowsGroups) {
   const ApiHost host([](const std::string&, const Json::Value&) {
     return ApiHost::Success(R"({"groups":[{"name":"staff","gid":7,"advanced":true,"members":["alice","bob"]}, null]})");
   });
@@ -236,7 +229,7 @@ TEST_F(AccountCommands, GroupList_IsATableOrTheArray) {
   EXPECT_THAT(RunOn(host, {"group", "list", "--json"}).output, StartsWith("["));
 }
 
-TEST_F(AccountCommands, UserGrants_RecordGivenToAnotherName_IsShownWithAWarning) {
+TEST_F(AccountCommands, UserGrants_RecordOfOtherName_IsShownWithWarning) {
   const ApiHost host([](const std::string&, const Json::Value& parameters) {
     const std::string counts = parameters["name"] == "alice" ? "true" : "false";
     return ApiHost::Success(R"({"level":"user","given_to":"carol","counts":)" + counts + R"(,"guests":[")" + kFirst +
@@ -249,7 +242,7 @@ TEST_F(AccountCommands, UserGrants_RecordGivenToAnotherName_IsShownWithAWarning)
   EXPECT_THAT(RunOn(host, {"user", "grants", "bob"}).errors, HasSubstr("'carol'"));
 }
 
-TEST_F(AccountCommands, GuestGrants_FindTheGuestByName) {
+TEST_F(AccountCommands, GuestGrants_GuestName_IsResolved) {
   const ApiHost host([](const std::string& method, const Json::Value&) {
     if (method == "list") {
       return ApiHost::Success(std::string(R"({"guests":[{"guest_id":")") + kFirst + R"(","guest_name":"web-1"}]})");
@@ -264,7 +257,7 @@ TEST_F(AccountCommands, GuestGrants_FindTheGuestByName) {
   EXPECT_THAT(host.calls(), ElementsAre("list {}", std::string(R"(guest_grant_list {"guest_id":")") + kFirst + "\"}"));
 }
 
-TEST_F(AccountCommands, OddData_IsAnErrorNeverACrash) {
+TEST_F(AccountCommands, Reply_UnexpectedTypes_IsAnErrorNotACrash) {
   for (const char* data : {"null", "7", "[]", R"({"users":7,"groups":{},"guests":"x","principals":null})"}) {
     const ApiHost host([data](const std::string&, const Json::Value&) { return ApiHost::Success(data); });
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{

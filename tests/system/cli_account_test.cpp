@@ -1,4 +1,4 @@
-// vexa user and vexa group on a real store, without a daemon. cli_account_api_test.cpp has their calls of the API.
+// vexa user and vexa group on a real store, without a daemon. Their API calls are in cli_account_api_test.cpp.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,11 +18,6 @@
 
 namespace vexa::test {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 constexpr const char* kFirst = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
 constexpr const char* kSecond = "00000000-0000-4000-8000-00000000000a";
@@ -46,7 +41,7 @@ class Accounts : public CliTest {
   std::unique_ptr<cluster::AccountStore> Open() const { return std::make_unique<cluster::AccountStore>(OpenStore()); }
   // The account file that an older version has left.
   void PutFile(const std::string& user) const {
-    const auto hash = base::HashPassword("old password");
+    const auto hash = accounts::HashPassword("old password");
     ASSERT_TRUE(hash.ok());
     const std::string text = R"({"version":1,"groups":[{"name":"users","gid":1900000001}],"users":[{"name":")" + user +
                              R"(","uid":1900000002,"gid":1900000001,"password":")" + *hash + R"(","groups":[]}]})";
@@ -54,10 +49,10 @@ class Accounts : public CliTest {
   }
   bool Exists(const std::string& name) const { return std::filesystem::exists(folder_.File(name)); }
 
-  base::User Alice() const {
+  accounts::User Alice() const {
     const auto user = Open()->FindUser("alice");
     EXPECT_TRUE(user.ok());
-    return user ? *user : base::User();
+    return user ? *user : accounts::User();
   }
 
   std::shared_ptr<store::Store> OpenStore() const {
@@ -97,14 +92,14 @@ TEST_F(Accounts, UserAdded_CanLogIn) {
   EXPECT_FALSE((*json)[0].isMember("password"));
 }
 
-TEST_F(Accounts, SeveralGroupsNamed_UserIsInAll) {
+TEST_F(Accounts, UserAdd_SeveralGroups_JoinsAll) {
   const auto result =
       RunHere({"user", "add", "--group", "staff", "--group", "crew", "bob", "--password-stdin"}, "good password\n");
   ASSERT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(RunHere({"user", "list"}).output, AllOf(HasSubstr("staff"), HasSubstr("crew"), HasSubstr("bob")));
 }
 
-TEST_F(Accounts, UserAddedTwice_IsRefusedAndStays) {
+TEST_F(Accounts, UserAdd_ExistingName_IsRefusedAndUserIsKept) {
   AddAlice();
   const auto result = RunHere({"user", "add", "alice", "--password-stdin"}, "other password\n");
   EXPECT_EQ(result.exit_code, 1);
@@ -122,7 +117,7 @@ TEST_F(Accounts, UserAdd_InvalidNameUidOrPassword_IsUsageErrorAndAddsNothing) {
   EXPECT_FALSE(Open()->FindUser("bob").ok());
 }
 
-TEST_F(Accounts, PasswordAndGroupsChanged_AreTheNewOnes) {
+TEST_F(Accounts, User_PasswordAndGroupsChanged_UsesNewOnes) {
   AddAlice();
   EXPECT_EQ(RunHere({"user", "passwd", "alice", "--password-stdin"}, "second password\n").exit_code, 0);
   EXPECT_TRUE(Open()->VerifyPassword("alice", "second password").ok());
@@ -133,7 +128,7 @@ TEST_F(Accounts, PasswordAndGroupsChanged_AreTheNewOnes) {
   EXPECT_EQ(RunHere({"user", "group", "nobody-here", "crew"}).exit_code, 1);
 }
 
-TEST_F(Accounts, NoStore_OnlyAddCreatesOne) {
+TEST_F(Accounts, Commands_NoStore_OnlyAddCreatesOne) {
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"user", "list"},
                                              {"user", "del", "alice"},
@@ -163,7 +158,7 @@ TEST_F(Accounts, AddUser_InvalidUser_DoesNotCreateStore) {
   EXPECT_FALSE(Exists("data/store")) << "the password";
 }
 
-TEST_F(Accounts, FilesOfAnotherAccount_AreLeftAlone) {
+TEST_F(Accounts, Commands_FilesOfOtherUser_AreNotChanged) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
   AddAlice();
   for (const char* file : {"data/store/data.mdb", "data/accounts.json"}) {
@@ -171,7 +166,7 @@ TEST_F(Accounts, FilesOfAnotherAccount_AreLeftAlone) {
     ASSERT_EQ(::chown(folder_.File(file).c_str(), 1, 1), 0);
     const auto result = RunHere({"user", "del", "alice"});
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, HasSubstr("run the command as that account"));
+    EXPECT_THAT(result.errors, HasSubstr("Run the command as that account"));
     ASSERT_EQ(::chown(folder_.File(file).c_str(), 0, 0), 0);
     EXPECT_TRUE(Open()->FindUser("alice").ok());
   }
@@ -202,7 +197,7 @@ TEST_F(Accounts, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
   EXPECT_THAT(RecordOf(identifier), HasSubstr(R"("authlevel":"user")"));
 }
 
-TEST_F(Accounts, GroupGrant_IsUnderTheGroupsId) {
+TEST_F(Accounts, Grant_ToGroup_IsStoredUnderGroupId) {
   AddAlice();
   std::uint32_t gid = 0;
   for (const auto& group : Alice().groups) {
@@ -217,12 +212,12 @@ TEST_F(Accounts, GroupGrant_IsUnderTheGroupsId) {
   EXPECT_EQ(system.exit_code, 2);
   EXPECT_THAT(system.errors, HasSubstr("takes its users from the store"));
   EXPECT_EQ(RecordOf("groups-0"), "");
-  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
+  ASSERT_TRUE(cluster::SaveAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
   EXPECT_EQ(RunHere({"group", "grant", "--system", "root", kFirst}).exit_code, 0);
   EXPECT_THAT(RecordOf("groups-0"), HasSubstr(kFirst));
 }
 
-TEST_F(Accounts, AddedAsAdvanced_HasTheLevel) {
+TEST_F(Accounts, UserAdd_Advanced_StoresLevel) {
   AddAlice({"--advanced", "--uid", "1026"});
   EXPECT_EQ(Alice().uid, 1026U);
   EXPECT_EQ(RecordOf("users-1026"), R"({"authlevel":"advanced","guests":{},"name":"alice"})");
@@ -259,7 +254,7 @@ TEST_F(Accounts, Store_OtherFolder_IsUsedAsConfigured) {
 }
 
 TEST_F(Accounts, PamAccounts_AccountCommands_NameTheSystemTools) {
-  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
+  ASSERT_TRUE(cluster::SaveAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"user", "list"}, {"user", "add", "x"}, {"user", "grant", "root", kFirst}, {"group", "advanced", "root"}}) {
     const auto result = RunHere(arguments);
@@ -273,7 +268,7 @@ TEST_F(Accounts, PamAccounts_AccountCommands_NameTheSystemTools) {
   EXPECT_THAT(RecordOf("users-0"), HasSubstr(R"("name":"root")"));
 }
 
-TEST_F(Accounts, GrantsOfAnotherName_AreNotChangedAndCanBeDropped) {
+TEST_F(Accounts, Grants_RecordOfOtherName_CannotBeChangedButDropped) {
   AddAlice({"--uid", "1026"});
   const char* text = R"({"authlevel":"user","guests":{"g":true},"name":"bob"})";
   ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("users-1026"), text}}}).ok());
@@ -289,7 +284,7 @@ TEST_F(Accounts, GrantsOfAnotherName_AreNotChangedAndCanBeDropped) {
   EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
 }
 
-TEST_F(Accounts, UserDeleted_GrantsGoAndTheIdIsNotGivenAgain) {
+TEST_F(Accounts, UserDelete_UserWithGrants_RemovesGrantsAndRetiresId) {
   AddAlice({"--uid", "1026"});
   EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0);
@@ -298,10 +293,10 @@ TEST_F(Accounts, UserDeleted_GrantsGoAndTheIdIsNotGivenAgain) {
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 1);
   const auto again = RunHere({"user", "add", "bob", "--uid", "1026", "--password-stdin"}, "good password\n");
   EXPECT_EQ(again.exit_code, 1);
-  EXPECT_THAT(again.errors, HasSubstr("choose another one"));
+  EXPECT_THAT(again.errors, HasSubstr("Choose another one"));
 }
 
-TEST_F(Accounts, NotAGuestsId_IsUsageErrorAndChangesNothing) {
+TEST_F(Accounts, Grant_InvalidGuestId_IsUsageErrorAndChangesNothing) {
   AddAlice();
   for (const char* id : {"", "x", "../../../dash/guest", "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c5", "\x1b[31m"}) {
     const auto result = RunHere({"user", "grant", "alice", kFirst, id});
@@ -311,7 +306,7 @@ TEST_F(Accounts, NotAGuestsId_IsUsageErrorAndChangesNothing) {
   EXPECT_EQ(RecordOf("users-" + std::to_string(Alice().uid)), "");
 }
 
-TEST_F(Accounts, DamagedRecord_IsReportedAndNotOverwritten) {
+TEST_F(Accounts, Grant_DamagedRecord_IsReportedAndNotOverwritten) {
   AddAlice({"--uid", "1026"});
   for (const char* text : {"[]", "\"x\"", R"({"guests":[]})", R"({"guests":"x"})"}) {
     ASSERT_TRUE(OpenStore()->Commit({{}, {{KeyOf("users-1026"), text}}}).ok());
@@ -320,7 +315,7 @@ TEST_F(Accounts, DamagedRecord_IsReportedAndNotOverwritten) {
   }
 }
 
-TEST_F(Accounts, Configuration_NamesFoldersAndTheSourceOfAccounts) {
+TEST_F(Accounts, Configuration_FoldersAndAccountSource_AreUsed) {
   const std::string file = folder_.File("vexad.conf");
   WriteFile(file, "# The daemon's.\nlisten = \"127.0.0.1:8642\"\ndata = \"" + folder_.File("data") + "\"\nstore = '" +
                       folder_.File("elsewhere") + "' # of two hosts\nimage-roots = [\"/a\", \"/b\"]\n");
@@ -350,7 +345,7 @@ TEST_F(Accounts, Configuration_Invalid_IsReported) {
 }
 
 // What the daemon does not start with must not lead to another store.
-TEST_F(Accounts, ConfigurationThatTheDaemonRefuses_IsRefused) {
+TEST_F(Accounts, Configuration_RefusedByDaemon_IsRefusedByCommands) {
   AddAlice();
   const std::string data = "data = \"" + folder_.File("data") + "\"\n";
   const std::string file = folder_.File("vexad.conf");
@@ -372,17 +367,17 @@ TEST_F(Accounts, ConfigurationThatTheDaemonRefuses_IsRefused) {
   EXPECT_THAT(twice.output, HasSubstr("alice")) << "the first one counts, as for the daemon";
 }
 
-TEST_F(Accounts, ConfigurationThatDoesNotNameAccounts_TheLastStartCounts) {
+TEST_F(Accounts, Configuration_NoAccountSource_UsesThatOfLastStart) {
   AddAlice();
   const std::string file = folder_.File("vexad.conf");
   WriteFile(file, "data = \"" + folder_.File("data") + "\"\n");
-  ASSERT_TRUE(cluster::NoteAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
+  ASSERT_TRUE(cluster::SaveAccountSource(folder_.File("data"), cluster::AccountSource::kPam).ok());
   EXPECT_THAT(Run({"user", "list", "--config", file}).errors, HasSubstr("takes its users from PAM"));
   WriteFile(file, "data = \"" + folder_.File("data") + "\"\naccounts = \"store\"\n");
   EXPECT_THAT(Run({"user", "list", "--config", file}).output, HasSubstr("alice"));
 }
 
-TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {
+TEST_F(Accounts, Local_DaemonRunning_IsRefused) {
   AddAlice();
   {
     const auto lock = DataLock::Take(folder_.File("data"));
@@ -398,13 +393,13 @@ TEST_F(Accounts, DaemonRuns_NothingIsDoneBesideIt) {
   EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0) << "it has stopped";
 }
 
-TEST_F(Accounts, DaemonThatStartsWhileAPasswordIsTyped_IsNotWorkedBeside) {
+TEST_F(Accounts, Passwd_DaemonStartsDuringPrompt_IsRefused) {
   AddAlice();
   ASSERT_TRUE(DataLock::Take(folder_.File("data")).ok()) << "a daemon has been here";
   OnTerminal terminal(Program({"user", "passwd", "alice", "--data", folder_.File("data")}));
   ASSERT_TRUE(terminal.WaitFor("New password of alice: "));
   const auto lock = DataLock::Take(folder_.File("data"));
-  ASSERT_TRUE(lock.ok()) << "nothing is locked while somebody types";
+  ASSERT_TRUE(lock.ok()) << "nothing is locked while a user types";
   terminal.Type("second password\n");
   ASSERT_TRUE(terminal.WaitFor("again: "));
   terminal.Type("second password\n");
@@ -414,28 +409,28 @@ TEST_F(Accounts, DaemonThatStartsWhileAPasswordIsTyped_IsNotWorkedBeside) {
   EXPECT_TRUE(Open()->VerifyPassword("alice", "first password").ok());
 }
 
-TEST_F(Accounts, StoreThatIsNotMounted_GetsNoEmptyOne) {
+TEST_F(Accounts, UserAdd_StoreNotMounted_CreatesNoStore) {
   std::filesystem::create_directories(folder_.File("data/mirror"));
   WriteFile(folder_.File("data/mirror/data.mdb"), "a copy");
   std::filesystem::create_directory(folder_.File("elsewhere"));
   const auto result =
       RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere")}, "good password\n");
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("mount it"));
+  EXPECT_THAT(result.errors, HasSubstr("Mount it"));
   EXPECT_FALSE(Exists("elsewhere/data.mdb"));
 }
 
-TEST_F(Accounts, StoreThatIsNotMounted_IsNotOneToCreate) {
+TEST_F(Accounts, UserList_StoreNotMounted_SuggestsMounting) {
   std::filesystem::create_directories(folder_.File("data/mirror"));
   WriteFile(folder_.File("data/mirror/data.mdb"), "a copy");
   std::filesystem::create_directory(folder_.File("elsewhere"));
   const auto list = RunHere({"user", "list", "--store", folder_.File("elsewhere")});
   EXPECT_EQ(list.exit_code, 1);
-  EXPECT_THAT(list.errors, AllOf(HasSubstr("mount it"), Not(HasSubstr("'vexa user add' creates it"))));
+  EXPECT_THAT(list.errors, AllOf(HasSubstr("Mount it"), Not(HasSubstr("'vexa user add' creates it"))));
 }
 
 // An old database lies below the folder where the right one is not mounted.
-TEST_F(Accounts, StoreThatIsOlderThanItsCopy_IsNotChanged) {
+TEST_F(Accounts, Local_StoreOlderThanItsCopy_IsNotChanged) {
   const std::vector<std::string> elsewhere{"--store", folder_.File("elsewhere")};
   ASSERT_NO_FATAL_FAILURE(AddAlice(elsewhere));
   store::LmdbOptions options;
@@ -451,10 +446,10 @@ TEST_F(Accounts, StoreThatIsOlderThanItsCopy_IsNotChanged) {
     mirror.directory = folder_.File("data/mirror");
     const auto copy = store::MirroredStore::Make(*newer, mirror);
     ASSERT_TRUE(copy.ok());
-    for (int i = 0; i < 1200 && (*copy)->mirrored() <= before; ++i) {
+    for (int i = 0; i < 1200 && (*copy)->mirrored_revision() <= before; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    ASSERT_GT((*copy)->mirrored(), before);
+    ASSERT_GT((*copy)->mirrored_revision(), before);
   }
   options.directory = folder_.File("elsewhere");
   for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
@@ -468,14 +463,14 @@ TEST_F(Accounts, StoreThatIsOlderThanItsCopy_IsNotChanged) {
   EXPECT_EQ(revision(), before);
 }
 
-TEST_F(Accounts, StoreNamedWithASlashAtItsEnd_IsCreated) {
+TEST_F(Accounts, Store_PathEndsWithSlash_IsCreated) {
   const auto added =
       RunHere({"user", "add", "alice", "--password-stdin", "--store", folder_.File("elsewhere/")}, "good password\n");
   EXPECT_EQ(added.exit_code, 0) << added.errors;
   EXPECT_TRUE(Exists("elsewhere/data.mdb"));
 }
 
-TEST_F(Accounts, Changes_AreInTheClusterLogWithoutPasswords) {
+TEST_F(Accounts, ClusterLog_AccountChanges_AreLoggedWithoutPasswords) {
   AddAlice();
   EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
   std::string log;
@@ -503,7 +498,7 @@ TEST_F(Accounts, DropGrants_UnknownId_RemovesItsGrants) {
   EXPECT_EQ(RunHere({"user", "grant", "--id", "4242", kFirst}).exit_code, 1);
 }
 
-TEST_F(Accounts, CommandsThatAskTheDaemon_AreWrongUsageWithoutIt) {
+TEST_F(Accounts, Local_CommandThatNeedsDaemon_IsUsageError) {
   AddAlice();
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"group", "list"},

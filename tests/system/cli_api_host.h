@@ -1,4 +1,4 @@
-// A server for tests of the client that answers by what it is asked, several requests concurrently.
+// A server for client tests whose replies depend on the request. It serves several requests concurrently.
 #pragma once
 
 #include <functional>
@@ -52,23 +52,23 @@ class ApiHost {
   }
   // Answers what is held with a success.
   void Release() {
-    std::vector<daemon::Responder> held;
+    std::vector<http::Responder> held;
     {
       const std::lock_guard lock(mutex_);
       held.swap(held_);
     }
-    for (const daemon::Responder& responder : held) Send(responder, Success());
+    for (const http::Responder& responder : held) Send(responder, Success());
   }
 
  private:
-  static void Send(const daemon::Responder& responder, Reply reply) {
-    daemon::HttpResponse response;
+  static void Send(const http::Responder& responder, Reply reply) {
+    http::HttpResponse response;
     response.status = reply.status;
     response.body = std::move(reply.body);
     responder.Send(std::move(response));
   }
 
-  void Take(const daemon::HttpRequest& request, daemon::Responder responder) {
+  void Take(const http::HttpRequest& request, http::Responder responder) {
     const std::string method = request.target.substr(request.target.rfind('/') + 1);
     const std::lock_guard lock(mutex_);
     calls_.push_back(method + " " + request.body);
@@ -80,7 +80,7 @@ class ApiHost {
   const Answer answer_;
   mutable std::mutex mutex_;
   std::vector<std::string> calls_;
-  std::vector<daemon::Responder> held_;
+  std::vector<http::Responder> held_;
   JsonHost host_;  // the last: it answers from now on
 };
 

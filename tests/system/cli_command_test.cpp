@@ -4,14 +4,6 @@
 namespace vexa::test {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-
 class Command : public CliTest {};
 
 TEST_F(Command, Help_ShowsCommandsExamplesAndExitCodes) {
@@ -29,7 +21,7 @@ TEST_F(Command, Version_IsPrinted) {
   EXPECT_THAT(result.output, StartsWith("vexa "));
 }
 
-TEST_F(Command, CannotBeUnderstood_IsUsageError) {
+TEST_F(Command, Usage_Invalid_IsUsageError) {
   const std::vector<std::vector<std::string>> rows = {
       {},
       {"nonsense"},
@@ -81,7 +73,7 @@ TEST_F(Command, Call_SendsParametersUnchangedAndPrintsData) {
   }
 }
 
-TEST_F(Command, CallWithoutParameters_SendsAnEmptyObject) {
+TEST_F(Command, Call_NoParameters_SendsEmptyObject) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{}})")}, folder_.File("vexad.sock"));
   EXPECT_EQ(Run({"call", "VEXA.Core.Session", "info"}).output, "{}\n");
   EXPECT_EQ(Run({"call", "VEXA.Core.Session", "info", "{}"}).exit_code, 0);
@@ -89,7 +81,7 @@ TEST_F(Command, CallWithoutParameters_SendsAnEmptyObject) {
   for (const auto& request : server.requests()) EXPECT_THAT(request, EndsWith("\r\n\r\n{}"));
 }
 
-TEST_F(Command, CallOverPlainHttpToAnotherHost_IsRefused) {
+TEST_F(Command, Call_PlainHttpToOtherHost_IsRefused) {
   EXPECT_EQ(Run({"call", "--server", "http://192.0.2.1", "VEXA.Core.Session", "login", "{}"}).exit_code, 2);
 }
 

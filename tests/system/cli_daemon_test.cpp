@@ -1,4 +1,4 @@
-// The client's commands on guests, images, repositories and the log against a real daemon: both ends mean the same.
+// The client's commands on guests, images, repositories and the log against a real daemon: client and server agree.
 #include <signal.h>
 
 #include "host/store/key.h"
@@ -14,11 +14,6 @@ namespace vexa::test {
 namespace {
 
 using std::chrono::seconds;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 class CliOnDaemon : public CliTest {
  protected:
@@ -60,8 +55,8 @@ TEST_F(CliOnDaemon, Log_Follow_ShowsNewEntries) {
   EXPECT_EQ(std::ranges::count(program.output(), '\n'), 2) << program.output();
 }
 
-TEST_F(CliOnDaemon, LogAndGuestsOfOthers_AreRefused) {
-  daemon_.BeOnUnixSocket("mallory");
+TEST_F(CliOnDaemon, OrdinaryUser_LogOrOtherUsersGuest_IsRefused) {
+  daemon_.ActAsOnUnixSocket("mallory");
   const auto log = RunOn({"log"});
   EXPECT_EQ(log.exit_code, 1);
   EXPECT_THAT(log.errors, HasSubstr("error 409"));
@@ -72,7 +67,7 @@ TEST_F(CliOnDaemon, LogAndGuestsOfOthers_AreRefused) {
 }
 
 // The guest has neither a host nor a repository that is known.
-TEST_F(CliOnDaemon, ActionsThatFail_TellTheServersSentence) {
+TEST_F(CliOnDaemon, FailedAction_ShowsServersMessage) {
   const auto start = RunOn({"guest", "start", "web"});
   EXPECT_EQ(start.exit_code, 1);
   EXPECT_THAT(start.errors,
@@ -131,7 +126,7 @@ class RecordsOnDaemon : public CliTest {
   }();
 };
 
-TEST_F(RecordsOnDaemon, Image_IsAddedToTheStoreOfTheDaemon) {
+TEST_F(RecordsOnDaemon, ImageAdd_ConfiguredStore_IsWrittenToDaemonsStore) {
   const std::string file = MakeImageFile("a.iso");
   const auto added = RunOn({"image", "add", "Debian 12", file});
   EXPECT_EQ(added.exit_code, 0) << added.errors;
@@ -145,7 +140,7 @@ TEST_F(RecordsOnDaemon, Image_IsAddedToTheStoreOfTheDaemon) {
                            "[^\n]* success [^\n]*: The image \\[Debian 12\\] has been removed\\.\n"));
 }
 
-TEST_F(RecordsOnDaemon, EightProgramsThatAddOneName_OneIsAccepted) {
+TEST_F(RecordsOnDaemon, ImageAdd_EightConcurrentWithOneName_OneIsAccepted) {
   std::vector<ProcessOptions> images;
   std::vector<ProcessOptions> repositories;
   for (int i = 0; i < 8; ++i) {
@@ -158,11 +153,12 @@ TEST_F(RecordsOnDaemon, EightProgramsThatAddOneName_OneIsAccepted) {
   EXPECT_EQ(Parsed(RunOn({"repository", "list", "--json"}).output).size(), 1u);
 }
 
-TEST_F(RecordsOnDaemon, Repository_IsAddedListedAcceptedAndRemoved) {
+TEST_F(RecordsOnDaemon, Repository_AddListAcceptRemove_Works) {
   const std::string id = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
   EXPECT_EQ(RunOn({"repository", "add", "pool-1", "--id", id}).output, id + "\n");
   EXPECT_EQ(RunOn({"repository", "list"}).output, id + "  " + VexaCCC::DB::DBLocalhostID() + "  repo_online  pool-1\n");
-  EXPECT_EQ(RunOn({"repository", "accept", "pool-1"}).output, id + ": its host takes the storage as it is now\n");
+  EXPECT_EQ(RunOn({"repository", "accept", "pool-1"}).output,
+            "Accepted the current storage of the repository '" + id + "'\n");
   PutGuest("g", R"({"name":"shop","repository_id":")" + id + "\"}");
   const auto used = RunOn({"repository", "remove", "pool-1"});
   EXPECT_EQ(used.exit_code, 1);
@@ -174,11 +170,11 @@ TEST_F(RecordsOnDaemon, Repository_IsAddedListedAcceptedAndRemoved) {
   EXPECT_EQ(RunOn({"repository", "list"}).output, "");
 }
 
-TEST_F(RecordsOnDaemon, OrdinaryUsers_SeeImagesWithoutPathsAndChangeNothing) {
+TEST_F(RecordsOnDaemon, OrdinaryUser_Images_AreListedWithoutPathsAndReadOnly) {
   const std::string file = MakeImageFile("a.iso");
   ASSERT_EQ(RunOn({"image", "add", "a", file}).exit_code, 0);
   ASSERT_EQ(RunOn({"repository", "add", "pool-1"}).exit_code, 0);
-  daemon_->BeOnUnixSocket("mallory");
+  daemon_->ActAsOnUnixSocket("mallory");
   const auto images = RunOn({"image", "list"});
   EXPECT_THAT(images.output, HasSubstr("  a     12     yes\n"));
   EXPECT_THAT(images.output, Not(HasSubstr(images_of_host)));
@@ -232,8 +228,8 @@ TEST_F(CliOnDaemon, Grants_AreGivenAndShown) {
   EXPECT_EQ(RunOn({"group", "grant", "nobody-here", kTestGuest}).exit_code, 1);
 }
 
-TEST_F(CliOnDaemon, OrdinaryUsers_ChangeTheirOwnPasswordOnly) {
-  daemon_.BeOnUnixSocket("mallory");
+TEST_F(CliOnDaemon, OrdinaryUser_Passwd_ChangesOwnPasswordOnly) {
+  daemon_.ActAsOnUnixSocket("mallory");
   const std::string lines = std::string(kTestPassword) + "\nsecond password\n";
   const auto own = RunOn({"user", "passwd", "--password-stdin"}, lines);
   EXPECT_EQ(own.exit_code, 0) << own.errors;
@@ -250,7 +246,7 @@ TEST_F(CliOnDaemon, OrdinaryUsers_ChangeTheirOwnPasswordOnly) {
 }
 
 // The command opened a second store in the data folder, beside that of the daemon.
-TEST(CliOnDaemonElsewhere, StoreOfTheSetting_IsTheOneThatChanges) {
+TEST(CliOnDaemonElsewhere, Commands_ConfiguredStore_ChangeThatStore) {
   TestDaemon daemon([](daemon::Config& config) { config.store_directory = config.data_directory + "-store"; });
   ProcessOptions program;
   program.argv = {VEXA_PROGRAM, "--socket", daemon.config().socket, "user", "add", "eve", "--password-stdin"};

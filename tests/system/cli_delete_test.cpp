@@ -1,16 +1,10 @@
-// vexa guest delete: nothing goes without a yes.
+// vexa guest delete: nothing is deleted without confirmation.
 #include "tests/system/cli_api_host.h"
 #include "tests/system/cli_program.h"
 #include "tests/system/cli_terminal.h"
 
 namespace vexa::test {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},
     {"guest_id":"g2","guest_name":"b\u001b[31md"}]})";
@@ -49,7 +43,7 @@ TEST_F(Delete, Delete_YesOnTerminal_DeletesListedParts) {
   EXPECT_THAT(host.calls(), ::testing::IsSupersetOf({R"(delete {"guest_id":"g1"})", R"(delete {"guest_id":"g2"})"}));
 }
 
-TEST_F(Delete, AnythingElseOnATerminal_DeletesNothing) {
+TEST_F(Delete, Delete_AnyAnswerButYes_DeletesNothing) {
   for (const char* typed : {"y\n", "YES\n", "\n", "yes please\n", "no\n", "\x04"}) {
     const ApiHost host(Answers());
     std::string shown;
@@ -59,14 +53,14 @@ TEST_F(Delete, AnythingElseOnATerminal_DeletesNothing) {
   }
 }
 
-TEST_F(Delete, InterruptedQuestion_DeletesNothing) {
+TEST_F(Delete, Delete_QuestionInterrupted_DeletesNothing) {
   const ApiHost host(Answers());
   std::string shown;
   EXPECT_NE(Type(host, "\x03", shown), 0);
   EXPECT_EQ(host.Count("delete"), 0);
 }
 
-TEST_F(Delete, WithoutATerminal_IsRefusedAndNothingIsSent) {
+TEST_F(Delete, Delete_NoTerminal_IsRefusedAndNothingIsSent) {
   const ApiHost host(Answers());
   ProcessOptions program = ProgramOn(host, {"web-1"});
   program.input = "yes\n";
@@ -76,7 +70,7 @@ TEST_F(Delete, WithoutATerminal_IsRefusedAndNothingIsSent) {
   EXPECT_THAT(host.calls(), IsEmpty());
 }
 
-TEST_F(Delete, WithYes_DoesNotAsk) {
+TEST_F(Delete, Delete_OptionYes_DoesNotAsk) {
   const ApiHost host(Answers());
   const auto result = RunProcess(ProgramOn(host, {"web-1", "--yes"}));
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -121,8 +115,8 @@ TEST_F(Delete, Delete_RefusalWithReason_ShowsReason) {
 
 TEST_F(Delete, Help_MentionsRunningGuestsAndYes) {
   EXPECT_THAT(Run({"guest", "delete", "--help"}).output,
-              AllOf(HasSubstr("--yes"), HasSubstr("A running guest is"), HasSubstr("nothing more to wait for"),
-                    Not(HasSubstr("--wait"))));
+              AllOf(HasSubstr("--yes"), HasSubstr("A running guest is"),
+                    HasSubstr("When the command succeeds, the guest has been deleted"), Not(HasSubstr("--wait"))));
 }
 
 }  // namespace

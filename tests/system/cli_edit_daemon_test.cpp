@@ -2,23 +2,19 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <set>
 
 #include "host/daemon/host_id.h"
 #include "host/records/guest_admin.h"
+#include "tests/support/setting_values.h"
 #include "tests/support/test_daemon.h"
 #include "tests/system/cli_program.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_environment.h"
 
 namespace vexa::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::AllOf;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::StartsWith;
 
 std::string images_of_host;  // for the function that configures it
 
@@ -28,7 +24,7 @@ class EditOnDaemon : public CliTest {
     store::LmdbOptions options;
     options.directory = daemon_->config().data_directory + "/store";
     store_ = Require(store::OpenLmdbStore(options));
-    ground_.Fill(*store_, Require(daemon::LoadHostId(daemon_->config().data_directory)));
+    environment_.Fill(*store_, Require(daemon::LoadHostId(daemon_->config().data_directory)));
   }
 
   ProcessOptions ProgramOn(std::vector<std::string> arguments) {
@@ -40,17 +36,17 @@ class EditOnDaemon : public CliTest {
     words.insert(words.begin(), {"guest", "set", kEdited});
     return RunOn(std::move(words));
   }
-  void ExpectSet(std::vector<std::string> words, const std::string& told = "web: edited\n") {
+  void ExpectSet(std::vector<std::string> words, const std::string& expected = "web: edited\n") {
     const auto result = Set(std::move(words));
     EXPECT_EQ(result.exit_code, 0);
-    EXPECT_EQ(result.output, told);
+    EXPECT_EQ(result.output, expected);
     EXPECT_THAT(result.errors, IsEmpty());
   }
-  void ExpectRefused(std::vector<std::string> words, const std::string& told, const std::string& shown = "web") {
+  void ExpectRefused(std::vector<std::string> words, const std::string& expected, const std::string& shown = "web") {
     const std::string before = Everything();
     const auto result = Set(std::move(words));
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, StartsWith("vexa: " + shown + ": " + told));
+    EXPECT_THAT(result.errors, StartsWith("vexa: " + shown + ": " + expected));
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_EQ(Everything(), before);
   }
@@ -70,7 +66,7 @@ class EditOnDaemon : public CliTest {
         if (value) all += id + " " + std::to_string(value->revision) + " " + std::string(value->text) + "\n";
       }
     }
-    for (const auto& [name, size] : ground_.Images()) all += name + " " + std::to_string(size) + "\n";
+    for (const auto& [name, size] : environment_.Images()) all += name + " " + std::to_string(size) + "\n";
     return all;
   }
   std::string MakeImageFile(const std::string& name) const {
@@ -79,7 +75,7 @@ class EditOnDaemon : public CliTest {
   }
   std::uint32_t UidOf(const std::string& name) const { return Require(daemon_->Accounts()->FindUser(name)).uid; }
   bool HasGrant(const std::string& user) const {
-    const auto text = TextOf(*store_, cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", UidOf(user))));
+    const auto text = TextOf(*store_, records::GuestAdminKey(records::GuestAdminIdentifier("users", UidOf(user))));
     return text && Parsed(*text)["guests"].isMember(kEdited);
   }
 
@@ -88,15 +84,15 @@ class EditOnDaemon : public CliTest {
     config.image_roots = {images_of_host};
   }
 
-  EditGround ground_;
+  EditEnvironment environment_;
   std::unique_ptr<TestDaemon> daemon_ = [&] {
-    images_of_host = ground_.File("images");
+    images_of_host = environment_.File("images");
     return std::make_unique<TestDaemon>(Configure);
   }();
   std::shared_ptr<store::Store> store_;
 };
 
-TEST_F(EditOnDaemon, EverySetting_IsStored) {
+TEST_F(EditOnDaemon, Set_EverySetting_IsStored) {
   const std::tuple<const char*, const char*, Json::Value> rows[] = {
       {"desc=The shop", "desc", "The shop"},
       {"desc=", "desc", ""},
@@ -113,10 +109,13 @@ TEST_F(EditOnDaemon, EverySetting_IsStored) {
       {"cpu_pin_num=1", "cpu_pin_num", 1},
       {"cpu_weight=512", "cpu_weight", 512},
   };
+  std::set<std::string> members{"name"};
   for (const auto& [word, member, value] : rows) {
     ExpectSet({word});
     EXPECT_EQ(Guest()[member], value) << word;
+    members.insert(member);
   }
+  for (const GuestSetting* setting : ScalarSettings()) EXPECT_TRUE(members.contains(setting->name)) << setting->name;
   ExpectSet({"name=shop"}, "web: edited and renamed to shop\n");
   EXPECT_EQ(Guest()["name"], Json::Value("shop"));
   EXPECT_THAT(RunOn({"guest", "get", kEdited}).output,
@@ -129,13 +128,13 @@ TEST_F(EditOnDaemon, Disks_AreAddedGrownOrderedAndRemoved) {
   const std::string added = Guest()["vdisks"][2].asString();
   EXPECT_EQ(RecordOf(*store_, "vdisk", added)["size"], Json::Value(2048));
   EXPECT_EQ(RecordOf(*store_, "vdisk", kDisk0)["size"], Json::Value(1024));
-  EXPECT_EQ(ground_.Images()[added + ".qcow2"], 2048LL << 20);
-  EXPECT_EQ(ground_.Images()[std::string(kDisk0) + ".qcow2"], 1024LL << 20);
+  EXPECT_EQ(environment_.Images()[added + ".qcow2"], 2048LL << 20);
+  EXPECT_EQ(environment_.Images()[std::string(kDisk0) + ".qcow2"], 1024LL << 20);
   ExpectSet({"--order-disks", added + "," + kDisk1});
   EXPECT_EQ(Guest()["vdisks"], Parsed("[\"" + added + "\",\"" + kDisk1 + "\",\"" + kDisk0 + "\"]"));
   ExpectSet({"--del-disk", kDisk0, "--del-disk", kDisk1});
   EXPECT_EQ(Guest()["vdisks"], Parsed("[\"" + added + "\"]"));
-  EXPECT_EQ(ground_.Images().size(), 1u);
+  EXPECT_EQ(environment_.Images().size(), 1u);
 }
 
 TEST_F(EditOnDaemon, Interfaces_AreAddedChangedAndRemoved) {
@@ -202,9 +201,9 @@ TEST_F(EditOnDaemon, Rights_AreGrantedAndTakenBackByName) {
   EXPECT_TRUE(HasGrant("mallory"));
   const std::string before = Everything();
   const std::vector<std::string> unknown{"vcpu_num=7", "--allow", "user:nobody-of-this-name"};
-  for (const auto& nobody : {Set(unknown), Set(with(unknown))}) {
-    EXPECT_EQ(nobody.exit_code, 1);
-    EXPECT_THAT(nobody.errors, StartsWith("vexa: "));
+  for (const auto& result : {Set(unknown), Set(with(unknown))}) {
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, StartsWith("vexa: "));
   }
   EXPECT_EQ(Everything(), before);
 }
@@ -226,29 +225,30 @@ TEST_F(EditOnDaemon, DryRun_ChangesNothing) {
   EXPECT_EQ(Parsed(result.output)["vdisks_add"], Parsed(R"([{"vdisk_size":1}])"));
   EXPECT_EQ(Parsed(result.output)["guest_id"], Json::Value(kEdited));
   EXPECT_EQ(Everything(), before);
-  const auto unreadable = RunOn({"guest", "set", kNobody, "vcpu_num=3", "--dry-run"});
+  const auto unreadable = RunOn({"guest", "set", kUnknownId, "vcpu_num=3", "--dry-run"});
   EXPECT_EQ(unreadable.exit_code, 1);
   EXPECT_THAT(unreadable.errors, StartsWith("vexa: A record, host or repository could not be read. (error 403"));
 }
 
-TEST_F(EditOnDaemon, NameOfTwoGuests_IsNotGuessed) {
+TEST_F(EditOnDaemon, Set_NameOfTwoGuests_IsRefused) {
   const std::string before = Everything();
   const auto result = RunOn({"guest", "set", "web", "vcpu_num=3"});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, StartsWith("vexa: Several guests are called 'web': give the id, one of "));
+  EXPECT_THAT(result.errors, StartsWith("vexa: Several guests are called 'web'. Use one of the ids "));
   EXPECT_EQ(Everything(), before);
 }
 
-TEST_F(EditOnDaemon, Refusals_AreSentencesAndChangeNothing) {
-  const std::string nobody = kNobody;
+TEST_F(EditOnDaemon, Set_Refused_ShowsSentenceAndChangesNothing) {
+  const std::string unknown_id = kUnknownId;
   ExpectRefused({"name=db"}, "The name is already in use. (error 406, HTTP 409, request ");
-  ExpectRefused({"--del-disk", nobody},
-                "The guest could not be edited because a virtual disk of it cannot be edited. (error 920, HTTP 409, ");
-  ExpectRefused({"--del-nic", nobody},
+  ExpectRefused(
+      {"--del-disk", unknown_id},
+      "The guest could not be edited because one of its virtual disks cannot be edited. (error 920, HTTP 409, ");
+  ExpectRefused({"--del-nic", unknown_id},
                 "The guest could not be edited because of its network configuration. (error 919, HTTP 409, ");
-  ExpectRefused({"--add-nic", "net=" + nobody},
+  ExpectRefused({"--add-nic", "net=" + unknown_id},
                 "The guest could not be edited because of its network configuration. (error 919, HTTP 409, ");
-  ExpectRefused({"--iso", nobody}, "A parameter is missing or not valid. (error 401, HTTP 400, ");
+  ExpectRefused({"--iso", unknown_id}, "A parameter is missing or not valid. (error 401, HTTP 400, ");
   ExpectRefused({"--iso", "/no/such.iso"},
                 "The path of an ISO image does not lead to an image that can be used. (error 934, HTTP 400, ");
   ExpectRefused({"usb_version=0", "--usb", "1.1"},
@@ -264,11 +264,11 @@ TEST_F(EditOnDaemon, Refusals_AreSentencesAndChangeNothing) {
   EXPECT_EQ(Guest()["vnics"].size(), 2u);
 }
 
-TEST_F(EditOnDaemon, OrdinaryUsers_MayChangeDrivesOfTheirGuests) {
-  daemon_->BeOnUnixSocket("mallory");
+TEST_F(EditOnDaemon, OrdinaryUser_GrantedGuest_MayChangeOnlyDrivesAndFirmware) {
+  daemon_->ActAsOnUnixSocket("mallory");
   // Users without the guest do not learn its name.
   ExpectRefused({"--iso", "none"}, "You may not act on this guest. (error 409, HTTP 403, ", kEdited);
-  const auto grants = cluster::GuestAdminKey(cluster::GuestAdminIdentifier("users", ::geteuid()));
+  const auto grants = records::GuestAdminKey(records::GuestAdminIdentifier("users", ::geteuid()));
   PutRecord(*store_, grants, Parsed(std::string(R"({"authlevel":"user","guests":{")") + kEdited + R"(":true}})"));
   ExpectSet({"--iso", "none", "use_ovmf=true"});
   ExpectRefused({"vcpu_num=1"}, "You may not act on this guest. (error 409, HTTP 403, ");
@@ -317,10 +317,10 @@ TEST_F(EditOnDaemon, Images_AreListedWithTheirFiles) {
   EXPECT_THAT(Image({"list"}).output, HasSubstr("  Debian 12  -      no       "));
 }
 
-TEST_F(EditOnDaemon, Images_Invalid_AreRefusedWithASentence) {
+TEST_F(EditOnDaemon, ImageAdd_Invalid_IsRefusedWithReason) {
   const std::string root = images_of_host;
   MakeImageFile("a.iso");
-  const std::string outside = ground_.File("outside.iso");
+  const std::string outside = environment_.File("outside.iso");
   std::ofstream(outside) << "x";
   fs::create_directory(root + "/deep");
   fs::create_symlink(outside, root + "/link.iso");
@@ -332,31 +332,31 @@ TEST_F(EditOnDaemon, Images_Invalid_AreRefusedWithASentence) {
     EXPECT_EQ(result.exit_code, 1) << path;
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 934, HTTP 400, request "),
-                                     HasSubstr("\n'" + path + "' leads to no regular file below '" + root +
+                                     HasSubstr("\n'" + path + "' is not a regular file below '" + root +
                                                "' without '.', '..' and symbolic links\n")));
   }
   EXPECT_EQ(Image({"list", "--json"}).output, "[]\n");
 }
 
-TEST_F(EditOnDaemon, Images_Existing_AreNotAddedAgain) {
+TEST_F(EditOnDaemon, ImageAdd_Existing_IsRefused) {
   const std::string file = MakeImageFile("a.iso");
   const std::string other = MakeImageFile("b.iso");
   const std::string id = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
   ASSERT_EQ(Image({"add", "a", file, "--id", id}).exit_code, 0);
   const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
       {"b", other, id, "There is an image '" + id + "' already"},
-      {"a", other, kNobody, "The image '" + id + "' has the name 'a'"},
-      {"b", file, kNobody, "The image '" + id + "' is the file '" + file + "' already"},
+      {"a", other, kUnknownId, "The image '" + id + "' has the name 'a'"},
+      {"b", file, kUnknownId, "The image '" + id + "' is the file '" + file + "' already"},
   };
-  for (const auto& [name, path, new_id, told] : rows) {
+  for (const auto& [name, path, new_id, expected] : rows) {
     const auto result = Image({"add", name, path, "--id", new_id});
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 990, HTTP 409, request "), EndsWith("\n" + told + "\n")));
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("(error 990, HTTP 409, request "), EndsWith("\n" + expected + "\n")));
   }
   EXPECT_EQ(Parsed(Image({"list", "--json"}).output).size(), 1u);
 }
 
-TEST_F(EditOnDaemon, ImageInADrive_IsRemovedOnlyWhenItHasBeenTakenOut) {
+TEST_F(EditOnDaemon, ImageRemove_ImageInDrive_IsRefusedUntilEjected) {
   const std::string file = MakeImageFile("a.iso");
   MakeImageFile("b.iso");
   const std::string id = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";

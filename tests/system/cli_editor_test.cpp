@@ -13,12 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 const std::string kGuests = R"({"guests":[{"guest_id":"g1","guest_name":"web-1"},
     {"guest_id":"g2","guest_name":"b\u001b[31md\n\"x"}]})";
@@ -40,10 +34,10 @@ desc = "Caf\u00e9\nline \u202e2"
 # virtual CPUs, 1 to 512
 vcpu_num = 2
 
-# processors of its own, 0 to its virtual CPUs
+# dedicated processors, 0 to its virtual CPUs
 cpu_pin_num = 0
 
-# its share of short processors, 2 to 262144 (normally 256)
+# its share under CPU contention, 2 to 262144 (normally 256)
 cpu_weight = 256
 
 # whether it sees the host's own processor
@@ -91,7 +85,7 @@ class GuestEdit : public CliTest {
       return set(method, parameters);
     };
   }
-  static ApiHost::Answer AllWell() {
+  static ApiHost::Answer SucceedAlways() {
     return With([](const auto&, const auto&) { return ApiHost::Success(); });
   }
   // A program that runs `script` with the file as "$1".
@@ -117,7 +111,7 @@ class GuestEdit : public CliTest {
     return left;
   }
   // The one text that is kept, for the user alone.
-  std::string Kept() const {
+  std::string KeptText() const {
     const auto left = Left();
     EXPECT_EQ(left.size(), 1u);
     if (left.empty()) return "";
@@ -127,8 +121,8 @@ class GuestEdit : public CliTest {
   }
 };
 
-TEST_F(GuestEdit, Text_ShowsTheSettingsToTheUserAlone) {
-  const ApiHost host(AllWell());
+TEST_F(GuestEdit, EditorFile_Opened_ShowsSettingsAndIsPrivate) {
+  const ApiHost host(SucceedAlways());
   const auto result = Edit(host, "cat \"$1\" > " + folder_.File("seen") +
                                      "; stat -c '%a' \"$1\" \"$(dirname \"$1\")\" > " + folder_.File("modes"));
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -137,10 +131,10 @@ TEST_F(GuestEdit, Text_ShowsTheSettingsToTheUserAlone) {
   EXPECT_THAT(Left(), IsEmpty());
 }
 
-TEST_F(GuestEdit, NothingChanged_SendsNothing) {
+TEST_F(GuestEdit, Editor_NothingChanged_SendsNothing) {
   for (const char* script : {"true", "touch \"$1\"", "> \"$1\"", "sed -i '/vcpu_num/d; s/ = /=/' \"$1\"",
                              "printf 'vcpu_num = 2' > \"$1\"", "cp \"$1\" \"$1~\"; mv \"$1~\" \"$1\""}) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     const auto result = Edit(host, script);
     EXPECT_EQ(result.exit_code, 0) << result.errors;
     EXPECT_EQ(result.output, "web-1: Nothing was changed\n");
@@ -150,13 +144,14 @@ TEST_F(GuestEdit, NothingChanged_SendsNothing) {
 }
 
 TEST_F(GuestEdit, Edit_Json_ContainsOutcome) {
-  const ApiHost host(AllWell());
-  for (const auto& [script, told] :
+  const ApiHost host(SucceedAlways());
+  for (const auto& [script, expected] :
        {std::pair("true", "Nothing was changed"), std::pair("echo 'autorun = 1' > \"$1\"", "edited")}) {
     ProcessOptions program = ProgramOn(host, Script(script));
     program.argv.push_back("--json");
-    EXPECT_EQ(Parse(RunProcess(program).output),
-              Parse(std::string(R"({"guest_id":"g1","guest_name":"web-1","success":true,"message":")") + told + "\"}"));
+    EXPECT_EQ(
+        Parse(RunProcess(program).output),
+        Parse(std::string(R"({"guest_id":"g1","guest_name":"web-1","success":true,"message":")") + expected + "\"}"));
     program.argv.back() = "-q";
     EXPECT_EQ(RunProcess(program).output, "");
   }
@@ -175,11 +170,11 @@ TEST_F(GuestEdit, Editor_SendsOnlyChangedSettings) {
       {"echo 'autorun = 2' > \"$1.new\"; mv \"$1.new\" \"$1\"; touch \"$1.swp\"", R"({"autorun":2,"guest_id":"g1"})",
        "web-1: edited\n"},
   };
-  for (const auto& [script, sent, told] : rows) {
-    const ApiHost host(AllWell());
+  for (const auto& [script, sent, expected] : rows) {
+    const ApiHost host(SucceedAlways());
     const auto result = Edit(host, script);
     EXPECT_EQ(result.exit_code, 0) << result.errors;
-    EXPECT_EQ(result.output, told);
+    EXPECT_EQ(result.output, expected);
     EXPECT_EQ(host.calls().back(), std::string("set ") + sent);
     EXPECT_EQ(host.Count("set"), 1);
     EXPECT_THAT(Left(), IsEmpty());
@@ -195,34 +190,34 @@ TEST_F(GuestEdit, Editor_InvalidText_IsReportedAndKept) {
       {"vcpu_num = 3.0", "Line 1: The value of 'vcpu_num' is not a whole number"},
       {"vcpu_num =", "Line 1: The value of 'vcpu_num' is not a whole number"},
       {"vcpu_num = 3 # three", "Line 1: The value of 'vcpu_num' is not a whole number"},
-      {"name = web-2", "Line 1: The value of 'name' is not a text in double quotes"},
-      {"name = \"\\377\"", "Line 1: The value of 'name' is not a text in double quotes"},
+      {"name = web-2", "Line 1: The value of 'name' is not a string in double quotes"},
+      {"name = \"\\377\"", "Line 1: The value of 'name' is not a string in double quotes"},
       {"use_ovmf = yes", "Line 1: The value of 'use_ovmf' is not true or false"},
       {"vcpu_num = 0", "The parameter 'vcpu_num' is not a number from 1 to 512"},
       {"boot_from = \"net\"", "The parameter 'boot_from' is not 'disk' or 'iso'"},
       {"x\\033[31m = 1", "Line 1: There is no setting 'x\\x1b[31m'"},
   };
-  for (const auto& [text, told] : rows) {
-    const ApiHost host(AllWell());
+  for (const auto& [text, expected] : rows) {
+    const ApiHost host(SucceedAlways());
     const auto result = Edit(host, std::string("printf '") + text + "' > \"$1\"; cp \"$1\" " + folder_.File("mine"));
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, StartsWith(std::string("vexa: ") + told));
+    EXPECT_THAT(result.errors, StartsWith(std::string("vexa: ") + expected));
     EXPECT_THAT(result.errors,
                 HasSubstr("\nvexa: Nothing was changed\nvexa: Your text is kept in '" + folder_.File("run")));
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_EQ(host.Count("set"), 0);
-    EXPECT_EQ(Kept(), ContentOf(folder_.File("mine")));
+    EXPECT_EQ(KeptText(), ContentOf(folder_.File("mine")));
     for (const auto& path : Left()) fs::remove(path);
   }
 }
 
-TEST_F(GuestEdit, RefusalOfTheServer_KeepsTheText) {
+TEST_F(GuestEdit, Editor_ServerRefuses_KeepsText) {
   const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Failure(406, "Taken."); }));
   const auto result = Edit(host, "echo 'name = \"db\"' > \"$1\"");
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.errors, MatchesRegex("vexa: web-1: Taken\\. \\(error 406, HTTP 409, request 0123456789abcdef\\)\n"
                                           "vexa: Your text is kept in '.*/run/vexa-edit-[A-Za-z0-9]*\\.txt'\n"));
-  EXPECT_EQ(Kept(), "name = \"db\"\n");
+  EXPECT_EQ(KeptText(), "name = \"db\"\n");
 }
 
 TEST_F(GuestEdit, Editor_FailureAfterEdit_KeepsNoText) {
@@ -238,14 +233,14 @@ TEST_F(GuestEdit, Editor_FailureAfterEdit_KeepsNoText) {
   }
 }
 
-TEST_F(GuestEdit, ServerThatHangsUp_KeepsTheText) {
+TEST_F(GuestEdit, Editor_ServerHangsUp_KeepsText) {
   const ApiHost host(With([](const auto&, const auto&) { return ApiHost::Reply{502, "away"}; }));
   EXPECT_EQ(Edit(host, "echo 'autorun = 1' > \"$1\"").exit_code, 1);
-  EXPECT_EQ(Kept(), "autorun = 1\n");
+  EXPECT_EQ(KeptText(), "autorun = 1\n");
 }
 
-TEST_F(GuestEdit, EditorThatFails_SendsNothing) {
-  const ApiHost host(AllWell());
+TEST_F(GuestEdit, Editor_Fails_SendsNothing) {
+  const ApiHost host(SucceedAlways());
   const auto result = Edit(host, "echo 'autorun = 1' > \"$1\"; exit 3");
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.errors, "vexa: The editor ended with exit code 3, so nothing was changed\n");
@@ -261,9 +256,9 @@ TEST_F(GuestEdit, EditorThatFails_SendsNothing) {
   EXPECT_THAT(Left(), IsEmpty());
 }
 
-TEST_F(GuestEdit, EditorThatFailsUnderAParentWithoutChildren_SendsNothing) {
+TEST_F(GuestEdit, Editor_FailsWithSigchldIgnored_SendsNothing) {
   // As those leave it who do not want to hear of theirs.
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   ProcessOptions program = ProgramOn(host, Script("echo 'autorun = 1' > \"$1\"; exit 3"));
   program.argv.insert(program.argv.begin(), {"/bin/sh", "-c", "trap '' CHLD; exec \"$@\"", "sh"});
   const auto result = RunProcess(program);
@@ -272,25 +267,25 @@ TEST_F(GuestEdit, EditorThatFailsUnderAParentWithoutChildren_SendsNothing) {
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestEdit, WhatTheEditorLeaves_MustBeAFile) {
+TEST_F(GuestEdit, Edit_EditorLeavesNoReadableFile_IsRefused) {
   for (const char* script : {"rm \"$1\"", "rm \"$1\"; mkfifo \"$1\"", "rm \"$1\"; mkdir \"$1\""}) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     const auto result = Edit(host, script);
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_THAT(result.errors, StartsWith("vexa: Cannot read the edited text: "));
     EXPECT_EQ(host.Count("set"), 0);
     EXPECT_THAT(Left(), IsEmpty());
   }
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   const auto large = Edit(host, "head -c 1048577 /dev/zero > \"$1\"");
   EXPECT_EQ(large.exit_code, 1);
-  EXPECT_THAT(large.errors, StartsWith("vexa: Cannot read the edited text; it is kept in '"));
-  EXPECT_EQ(Kept().size(), 1048577u);
+  EXPECT_THAT(large.errors, StartsWith("vexa: Cannot read the edited text, kept in '"));
+  EXPECT_EQ(KeptText().size(), 1048577u);
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestEdit, Editor_IsTheFirstThatThereIs) {
-  const ApiHost host(AllWell());
+TEST_F(GuestEdit, Editor_FirstAvailable_IsUsed) {
+  const ApiHost host(SucceedAlways());
   const std::string good = Script("echo \"$0 $1\" > " + folder_.File("ran"), "good");
   const std::string bad = Script("exit 9", "bad");
   ProcessOptions both = ProgramOn(host, bad);
@@ -317,8 +312,8 @@ TEST_F(GuestEdit, Editor_IsTheFirstThatThereIs) {
   }
 }
 
-TEST_F(GuestEdit, FoldersForTheText_AreTriedInOrder) {
-  const ApiHost host(AllWell());
+TEST_F(GuestEdit, EditorFile_Folders_AreTriedInOrder) {
+  const ApiHost host(SucceedAlways());
   fs::create_directory(folder_.File("tmp"));
   const std::string script = Script("dirname \"$(dirname \"$1\")\" > " + folder_.File("where"));
   ProcessOptions options = ProgramOn(host, script);
@@ -332,7 +327,7 @@ TEST_F(GuestEdit, FoldersForTheText_AreTriedInOrder) {
   }
 }
 
-TEST_F(GuestEdit, NamesWithControlCharacters_StayOnTheirLine) {
+TEST_F(GuestEdit, EditorFile_ControlCharacterInName_StaysOnItsLine) {
   const ApiHost host([](const std::string& method, const Json::Value&) {
     return ApiHost::Success(method == "list" ? kGuests : method == "get" ? R"({"name":"b\u001b[31md\n\"x"})" : "null");
   });
@@ -346,8 +341,8 @@ TEST_F(GuestEdit, NamesWithControlCharacters_StayOnTheirLine) {
   EXPECT_EQ(host.calls().back(), R"(set {"autorun":1,"guest_id":"g2"})");
 }
 
-TEST_F(GuestEdit, UnknownGuest_OpensNoEditor) {
-  const ApiHost host(AllWell());
+TEST_F(GuestEdit, Edit_UnknownGuest_OpensNoEditor) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunProcess(ProgramOn(host, Script("touch " + folder_.File("ran")), "web-9"));
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.errors, "vexa: There is no guest called 'web-9'; see 'vexa guest list'\n");
@@ -367,9 +362,9 @@ ProcessOptions OnOne(ProcessOptions options) {
   return options;
 }
 
-TEST_F(GuestEdit, OnATerminal_AsksWhetherToEditAgain) {
+TEST_F(GuestEdit, Edit_BadTextOnATerminal_AsksWhetherToEditAgain) {
   for (const char* yes : {"\n", "y\n", "Yes\n"}) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     OnTerminal terminal(OnOne(ProgramOn(host, Script(kWrongThenRight))));
     EXPECT_TRUE(terminal.WaitFor("Edit again? [Y/n] ")) << terminal.shown();
     EXPECT_EQ(host.Count("set"), 0);
@@ -382,24 +377,24 @@ TEST_F(GuestEdit, OnATerminal_AsksWhetherToEditAgain) {
   }
 }
 
-TEST_F(GuestEdit, OnATerminal_NoKeepsTheText) {
+TEST_F(GuestEdit, Edit_AnswerNoOnATerminal_KeepsTheText) {
   const std::pair<const char*, int> rows[] = {{"n\n", 1}, {"\x04", 1}, {"\x03", 130}};
   for (const auto& [typed, exit_code] : rows) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     OnTerminal terminal(OnOne(ProgramOn(host, Script(kWrongThenRight))));
     EXPECT_TRUE(terminal.WaitFor("Edit again? [Y/n] ")) << terminal.shown();
     terminal.Type(typed);
     const int status = terminal.Finish();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exit_code) << terminal.shown();
     EXPECT_THAT(terminal.shown(), HasSubstr("Your text is kept in '"));
-    EXPECT_EQ(Kept(), "oops\n");
+    EXPECT_EQ(KeptText(), "oops\n");
     EXPECT_EQ(host.Count("set"), 0);
     for (const auto& path : Left()) fs::remove(path);
   }
 }
 
-TEST_F(GuestEdit, CtrlCInTheEditor_IsTheEditors) {
-  const ApiHost host(AllWell());
+TEST_F(GuestEdit, CtrlC_InEditor_IsHandledByEditor) {
+  const ApiHost host(SucceedAlways());
   OnTerminal terminal(OnOne(ProgramOn(
       host, Script("trap 'echo \"autorun = 1\" > \"$1\"; exit 0' INT; echo ready; while :; do sleep 0.05; done"))));
   EXPECT_TRUE(terminal.WaitFor("ready"));
@@ -414,7 +409,7 @@ TEST_F(GuestEdit, CtrlCInTheEditor_IsTheEditors) {
 TEST_F(GuestEdit, Editor_TerminatedDuringEdit_RemovesFolderAndKeepsText) {
   for (const int signal : {SIGTERM, SIGHUP}) {
     for (const bool is_changed : {false, true}) {
-      const ApiHost host(AllWell());
+      const ApiHost host(SucceedAlways());
       const std::string change = is_changed ? "echo 'autorun = 1' > \"$1\"; " : "";
       Process program(ProgramOn(host, Script(change + "echo ready; exec sleep 60")));
       ASSERT_TRUE(program.WaitForText("ready", seconds(30)));
@@ -425,7 +420,7 @@ TEST_F(GuestEdit, Editor_TerminatedDuringEdit_RemovesFolderAndKeepsText) {
       EXPECT_THAT(program.errors(), StartsWith("vexa: Interrupted, and nothing was changed\n"));
       EXPECT_EQ(host.Count("set"), 0);
       if (is_changed) {
-        EXPECT_EQ(Kept(), "autorun = 1\n");
+        EXPECT_EQ(KeptText(), "autorun = 1\n");
       } else {
         EXPECT_THAT(Left(), IsEmpty());
       }
@@ -434,7 +429,7 @@ TEST_F(GuestEdit, Editor_TerminatedDuringEdit_RemovesFolderAndKeepsText) {
   }
 }
 
-TEST_F(GuestEdit, InterruptWhileTheServerWorks_KeepsTheText) {
+TEST_F(GuestEdit, Interrupt_DuringRequest_KeepsText) {
   const ApiHost host(With([](const auto&, const auto&) { return std::nullopt; }));
   Process program(ProgramOn(host, Script("echo 'autorun = 1' > \"$1\"")));
   ASSERT_TRUE(Eventually([&] { return host.held() == 1; }));
@@ -446,7 +441,7 @@ TEST_F(GuestEdit, InterruptWhileTheServerWorks_KeepsTheText) {
   EXPECT_THAT(program.errors(),
               StartsWith("vexa: web-1: Interrupted after the request was sent and before it was answered.\n"
                          "vexa: Your text is kept in '"));
-  EXPECT_EQ(Kept(), "autorun = 1\n");
+  EXPECT_EQ(KeptText(), "autorun = 1\n");
 }
 
 }  // namespace

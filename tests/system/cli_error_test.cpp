@@ -1,20 +1,17 @@
-// vexa error: every row of the table can be asked for.
+// vexa error: every row of the error table can be displayed.
 #include "host/base/error_table.h"
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-
 class ErrorCommand : public CliTest {};
 
 TEST_F(ErrorCommand, EveryCode_IsListedAndExplained) {
   const auto all = Run({"error"});
   EXPECT_EQ(all.exit_code, 0);
-  ASSERT_FALSE(webapi::ErrorTable().empty());
-  for (const auto& row : webapi::ErrorTable()) {
+  ASSERT_FALSE(ErrorTable().empty());
+  for (const auto& row : ErrorTable()) {
     EXPECT_THAT(all.output, HasSubstr(std::to_string(row.code) + " "));
     const auto one = Run({"error", std::to_string(row.code)});
     EXPECT_EQ(one.exit_code, 0);
@@ -30,7 +27,7 @@ TEST_F(ErrorCommand, UnknownCode_Fails) {
 }
 
 TEST_F(ErrorCommand, AsJson_IsOneObjectOrAll) {
-  const auto& row = webapi::ErrorTable().front();
+  const auto& row = ErrorTable().front();
   EXPECT_THAT(Run({"error", "--json", std::to_string(row.code)}).output,
               HasSubstr("\"http_status\" : " + std::to_string(row.http_status)));
   EXPECT_THAT(Run({"error", "--json"}).output, ::testing::StartsWith("["));

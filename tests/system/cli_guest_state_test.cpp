@@ -4,12 +4,6 @@
 namespace vexa::test {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
-
 const std::string kGuests = R"({"success":true,"data":{"guests":[
   {"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","guest_name":"web","host_id":"h1","status":"running",
    "status_type":"healthy"},
@@ -61,7 +55,7 @@ TEST_F(GuestState, List_HostGone_ShowsTimeAndAges) {
   EXPECT_THAT(one.output, HasSubstr("As of     2 h ago\n"));
 }
 
-TEST_F(GuestState, StatusByName_AsksForTheIdOfThatGuest) {
+TEST_F(GuestState, Status_Name_RequestsIdOfThatGuest) {
   const ScriptedServer server({HttpReplyOf(200, kGuests), HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"guest", "status", "web"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -71,7 +65,7 @@ Host               h1
 State              shutdown
 Severity           warning (shutdown_repo_full)
 High availability  warning
-Severity of it     warning (ha_warn_host_short_ram)
+HA severity        warning (ha_warn_host_short_ram)
 
 Hosts of its group
 HOST  NAME  STATE
@@ -81,7 +75,7 @@ h1    one   warning
   EXPECT_THAT(server.requests()[1], HasSubstr(R"({"guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8"})"));
 }
 
-TEST_F(GuestState, Status_HasALineForEachDiskAndWhyTheGuestIsOff) {
+TEST_F(GuestState, Status_GuestOff_ShowsDisksAndReason) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{
     "guest_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","guest_name":"web","host_id":"h1","status":"shutdown",
     "status_type":"healthy","status_reason":"","shutdown":{"reason":"powered_off","forced":true},"disks":[
@@ -103,7 +97,7 @@ d2          missing  error
 )");
 }
 
-TEST_F(GuestState, StatusById_AsksOnce) {
+TEST_F(GuestState, Status_Id_MakesOneCall) {
   const ScriptedServer server({HttpReplyOf(200, kOne)});
   const auto result = RunOn(server, {"guest", "status", "8D24e9b0-17f5-4c6a-b3de-0f9a6c5271e8", "--json"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -113,16 +107,14 @@ TEST_F(GuestState, StatusById_AsksOnce) {
 
 TEST_F(GuestState, Status_UnknownOrAmbiguousName_IsRefused) {
   for (const auto& [name, message] : {std::pair("nobody", "There is no guest called 'nobody'; see 'vexa guest list'"),
-                                      std::pair("twin", "Several guests are called 'twin': give the id")}) {
+                                      std::pair("twin", "Several guests are called 'twin'. Use one of the ids")}) {
     const ScriptedServer server({HttpReplyOf(200, kGuests)});
     const auto result = RunOn(server, {"guest", "status", name});
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.errors, HasSubstr(message));
-    EXPECT_THAT(result.output, IsEmpty());
+    ExpectFailed(result, message);
   }
 }
 
-TEST_F(GuestState, RepliesOfAnotherForm_AreErrors) {
+TEST_F(GuestState, Reply_UnexpectedForm_IsAnError) {
   for (const char* reply : {R"({"success":true,"data":{}})", R"({"success":true,"data":{"guests":{}}})",
                             R"({"success":true,"data":[]})", R"({"success":true,"data":null})"}) {
     const ScriptedServer server({HttpReplyOf(200, reply)});

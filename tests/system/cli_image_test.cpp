@@ -5,13 +5,6 @@
 namespace vexa::test {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
-
 constexpr const char* kUuid = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
 
 const std::string kImages = R"({"images":[
@@ -48,7 +41,7 @@ class ImageCommand : public CliTest {
   }
 };
 
-TEST_F(ImageCommand, Add_SendsAnAbsolutePathAndPrintsTheId) {
+TEST_F(ImageCommand, Add_RelativePath_SendsAbsolutePathAndPrintsId) {
   const ApiHost host(With(kImages, R"({"image_id":"i9"})"));
   auto result = RunOn(host, {"image", "add", "Debian 12", "/images/d.iso", "--id", kUuid});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -67,8 +60,8 @@ TEST_F(ImageCommand, Add_InvalidArguments_AreNotSent) {
   ExpectUsage({"image", "add", "a\nb", "/a.iso"}, name_rule);
   ExpectUsage({"image", "add", "\xFF", "/a.iso"}, name_rule);
   ExpectUsage({"image", "add", std::string(129, 'x'), "/a.iso"}, name_rule);
-  ExpectUsage({"image", "add", "a", ""}, "vexa: '' cannot be the path of an image: give an absolute path");
-  ExpectUsage({"image", "add", "a", "/\xFF"}, "cannot be the path of an image");
+  ExpectUsage({"image", "add", "a", ""}, "vexa: '' is not a valid image path: give an absolute path");
+  ExpectUsage({"image", "add", "a", "/\xFF"}, "is not a valid image path");
   ExpectUsage({"image", "add", "a", "/a.iso", "--id", "5"}, "vexa: '5' is not a UUID\n");
   ExpectUsage({"image", "add", "a"}, "FILE");
   ExpectUsage({"image", "remove", ""}, "id or name is empty");
@@ -105,11 +98,11 @@ TEST_F(ImageCommand, Remove_UnknownAndAmbiguousNames_SendNothing) {
   EXPECT_EQ(unknown.errors, "vexa: There is no image called 'nobody'; see 'vexa image list'\n");
   const auto twin = RunOn(host, {"image", "remove", "twin"});
   EXPECT_EQ(twin.exit_code, 1);
-  EXPECT_EQ(twin.errors, "vexa: Several images are called 'twin': give the id, one of i3, i4\n");
+  EXPECT_EQ(twin.errors, "vexa: Several images are called 'twin'. Use one of the ids i3, i4\n");
   EXPECT_EQ(host.Count("remove"), 0);
 }
 
-TEST_F(ImageCommand, Refusals_AreShownWithTheirReason) {
+TEST_F(ImageCommand, Command_Refused_ShowsReason) {
   const ApiHost images(Refusing(kImages, 991, "The image 'debian-12' is in a drive"));
   const auto image = RunOn(images, {"image", "remove", "i1"});
   EXPECT_EQ(image.exit_code, 1);
@@ -124,7 +117,7 @@ TEST_F(ImageCommand, Refusals_AreShownWithTheirReason) {
   EXPECT_THAT(repository.errors, HasSubstr("(error 990, HTTP 409, request 0123456789abcdef)\nThe repository 'r1' has"));
 }
 
-TEST_F(ImageCommand, OddData_IsAnErrorNeverACrash) {
+TEST_F(ImageCommand, Reply_UnexpectedTypes_IsAnErrorNotACrash) {
   for (const char* data : {"null", "7", "[]", R"({"images":7,"repositories":{}})"}) {
     const ApiHost host(With(data, data));
     for (const auto& [words, sentence] :
@@ -142,7 +135,7 @@ TEST_F(ImageCommand, OddData_IsAnErrorNeverACrash) {
   }
 }
 
-TEST_F(ImageCommand, WithoutAServer_NothingIsCreated) {
+TEST_F(ImageCommand, Command_NoServer_CreatesNothing) {
   for (const char* group : {"image", "repository"}) {
     const auto result = Run({group, "list"});
     EXPECT_EQ(result.exit_code, 3) << group;
@@ -170,7 +163,7 @@ TEST_F(ImageCommand, RepositoryAdd_InvalidArguments_AreNotSent) {
   ExpectUsage({"repository", "list", "--data", "/d"}, "--data");
 }
 
-TEST_F(ImageCommand, RepositoryList_IsALineEach) {
+TEST_F(ImageCommand, RepositoryList_SeveralRepositories_HasOneLineEach) {
   const ApiHost host(With(kRepositories));
   const auto result = RunOn(host, {"repository", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -178,15 +171,16 @@ TEST_F(ImageCommand, RepositoryList_IsALineEach) {
   EXPECT_EQ(Parse(RunOn(host, {"repository", "list", "--json"}).output), Parse(kRepositories)["repositories"]);
 }
 
-TEST_F(ImageCommand, RepositoryAcceptAndRemove_SendTheIdOfTheName) {
+TEST_F(ImageCommand, RepositoryAcceptAndRemove_Name_SendItsId) {
   const ApiHost host(With(kRepositories));
-  EXPECT_EQ(RunOn(host, {"repository", "accept", "pool-1"}).output, "r1: its host takes the storage as it is now\n");
+  EXPECT_EQ(RunOn(host, {"repository", "accept", "pool-1"}).output,
+            "Accepted the current storage of the repository 'r1'\n");
   EXPECT_EQ(RunOn(host, {"repository", "remove", "pool-1"}).output,
             "Removed the repository 'pool-1'. Its files stay.\n");
   EXPECT_THAT(host.calls(), ElementsAre("list {}", R"(accept {"repository_id":"r1"})", "list {}",
                                         R"(remove {"repository_id":"r1"})"));
   EXPECT_EQ(RunOn(host, {"repository", "accept", "twin"}).errors,
-            "vexa: Several repositories are called 'twin': give the id, one of r3, r4\n");
+            "vexa: Several repositories are called 'twin'. Use one of the ids r3, r4\n");
   EXPECT_EQ(RunOn(host, {"repository", "accept", "poo"}).errors,
             "vexa: There is no repository called 'poo'; see 'vexa repository list'\n");
 }

@@ -13,12 +13,6 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 using std::chrono::minutes;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 
 constexpr int kPrograms = 8;
 
@@ -65,7 +59,7 @@ class ImportOnDaemon : public CliTest {
     std::erase(guests, kTestGuest);
     return guests;
   }
-  // The revision of each value, except for the host's own signs of life.
+  // The revision of each value, except for the host's own heartbeats.
   std::map<std::string, store::Revision> Revisions() const {
     const auto store = Store();
     const auto snapshot = Require(store->Read());
@@ -99,13 +93,13 @@ class ImportOnDaemon : public CliTest {
   TestDaemon daemon_{Configure};
 };
 
-TEST_F(ImportOnDaemon, Guest_IsImportedIntoTheStoreOfTheDaemon) {
+TEST_F(ImportOnDaemon, Import_ConfiguredStore_IsWrittenToDaemonsStore) {
   const std::string file = File("a.xml", Domain(IdOf(1), "one"));
   const auto imported = Import({file});
   EXPECT_EQ(imported.exit_code, 0) << imported.errors;
   EXPECT_THAT(imported.output,
               StartsWith(file + ": imported 'one' (" + IdOf(1) + "): 0 disks, 0 network interfaces\n"));
-  EXPECT_THAT(imported.output, HasSubstr("  The guest has no video card: it gets one when a card is set.\n"));
+  EXPECT_THAT(imported.output, HasSubstr("  The guest has no video card, and gets one when 'video_card' is set.\n"));
   EXPECT_EQ(imported.errors, "");
   EXPECT_FALSE(std::filesystem::exists(daemon_.config().data_directory + "/store"));
   EXPECT_THAT(Run({"--socket", daemon_.config().socket, "guest", "list"}).output, HasSubstr("one"));
@@ -144,7 +138,7 @@ TEST_F(ImportOnDaemon, DryRun_LeavesTheStoreUntouched) {
   EXPECT_EQ(Revisions(), before);
 }
 
-TEST_F(ImportOnDaemon, ManifestOfHundreds_IsImportedAndFoundAgain) {
+TEST_F(ImportOnDaemon, Import_ManifestOfHundreds_IsImportedAndFoundAgain) {
   constexpr int kGuests = 300;
   const std::string manifest = Manifest("web-", 0, kGuests);
   File("web-7.xml", Domain("x", "web-7"));
@@ -165,7 +159,7 @@ TEST_F(ImportOnDaemon, ManifestOfHundreds_IsImportedAndFoundAgain) {
 }
 
 // A call takes 9 MiB, and each definition may have 4 MiB.
-TEST_F(ImportOnDaemon, LongDefinitions_GoThroughInSeveralCalls) {
+TEST_F(ImportOnDaemon, Import_LongDefinitions_AreSentInSeveralCalls) {
   const std::string filling = "<!--" + std::string(3'500'000, '"') + "-->";
   std::vector<std::string> files;
   for (int i = 0; i < 3; ++i) {
@@ -206,7 +200,7 @@ TEST_F(ImportOnDaemon, EightImportsOfOtherGuests_AllSucceed) {
   EXPECT_THAT(Guests(), SizeIs(kPrograms * kGuests));
 }
 
-TEST_F(ImportOnDaemon, EightImportsOfOneManifest_WriteEachGuestOnce) {
+TEST_F(ImportOnDaemon, EightImportsOfOneManifest_Concurrent_WriteEachGuestOnce) {
   constexpr int kGuests = 20;
   const std::string manifest = Manifest("same-", 0, kGuests);
   const std::vector<ProcessOptions> programs(kPrograms, Importing({"--manifest", manifest}));
@@ -221,17 +215,17 @@ TEST_F(ImportOnDaemon, EightImportsOfOneManifest_WriteEachGuestOnce) {
   EXPECT_THAT(Guests(), SizeIs(kGuests));
 }
 
-TEST_F(ImportOnDaemon, ManifestWithAnotherId_IsRefused) {
+TEST_F(ImportOnDaemon, Import_ManifestWithOtherId_IsRefused) {
   File("a.xml", Domain(IdOf(1), "one"));
   const auto refused =
       Import({"--manifest", File("m.json", R"({"guests": [{"file": "a.xml", "id": ")" + IdOf(2) + R"("}]})")});
   EXPECT_EQ(refused.exit_code, 1);
-  EXPECT_THAT(refused.errors, HasSubstr("the manifest says '" + IdOf(2) + "'; correct one of them"));
+  EXPECT_THAT(refused.errors, HasSubstr("and the manifest has '" + IdOf(2) + "'; correct one of them"));
   EXPECT_THAT(Guests(), IsEmpty());
 }
 
-TEST_F(ImportOnDaemon, OrdinaryUsers_ImportNothing) {
-  daemon_.BeOnUnixSocket("mallory");
+TEST_F(ImportOnDaemon, Import_OrdinaryUser_IsRefused) {
+  daemon_.ActAsOnUnixSocket("mallory");
   for (const std::vector<std::string>& words : {std::vector<std::string>{}, {"--dry-run"}}) {
     std::vector<std::string> arguments = words;
     arguments.push_back(File("a.xml", Domain(IdOf(1), "one")));

@@ -11,12 +11,6 @@ namespace vexa::test {
 namespace {
 
 namespace json = VexaVirtualization::json;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 
 // The id of the guest with this number.
 std::string IdOf(int number) { return "11111111-2222-4333-8444-5555" + std::to_string(10'000'000 + number); }
@@ -75,7 +69,7 @@ class ImportCommand : public CliTest {
   }
 };
 
-TEST_F(ImportCommand, Guests_AreSentInBatchesAndReported) {
+TEST_F(ImportCommand, Import_ManyGuests_AreSentInBatchesAndReported) {
   const ApiHost host(Accept);
   const auto result = RunOn(host, {}, 40);
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -111,7 +105,7 @@ TEST_F(ImportCommand, DryRun_SeveralBatches_SendsEarlierPlansWithEachBatch) {
   EXPECT_EQ(sent[1]["planned"][IdOf(3)], "g3");
 }
 
-TEST_F(ImportCommand, GuestsThatFail_AreReportedAndTheOthersSent) {
+TEST_F(ImportCommand, Import_SomeGuestsFail_AreReportedAndOthersSent) {
   const ApiHost host([](const std::string&, const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
     Json::Value data = Results(parameters);
     data["results"][0].removeMember("notes");
@@ -131,7 +125,7 @@ TEST_F(ImportCommand, GuestsThatFail_AreReportedAndTheOthersSent) {
   EXPECT_EQ(Sent(host)[0]["guests"].size(), 3u);
 }
 
-TEST_F(ImportCommand, BusyServer_IsAskedAgain) {
+TEST_F(ImportCommand, Import_ServerBusy_IsRetried) {
   std::atomic<int> asked = 0;
   const ApiHost host([&](const std::string& method, const Json::Value& parameters) {
     return ++asked < 3 ? ApiHost::Failure(108, "The host is busy. Try again later.") : Accept(method, parameters);
@@ -142,7 +136,7 @@ TEST_F(ImportCommand, BusyServer_IsAskedAgain) {
   EXPECT_EQ(asked, 3);
 }
 
-TEST_F(ImportCommand, CallThatIsRefused_EndsTheImport) {
+TEST_F(ImportCommand, Import_CallRefused_EndsImport) {
   std::atomic<int> asked = 0;
   const ApiHost host([&](const std::string& method, const Json::Value& parameters) {
     return ++asked == 1 ? Accept(method, parameters) : ApiHost::Failure(104, "You may not call this method.");
@@ -157,13 +151,13 @@ TEST_F(ImportCommand, CallThatIsRefused_EndsTheImport) {
   EXPECT_THAT(denied.errors, Not(HasSubstr("Stopped")));
 }
 
-TEST_F(ImportCommand, RepliesThatAreNotUnderstood_AreErrors) {
+TEST_F(ImportCommand, Reply_UnexpectedForm_IsAnError) {
   for (const char* data : {"null", "[]", "{}", R"({"results":7})", R"({"results":[]})", R"({"results":[{},{}]})"}) {
     const ApiHost host([&](const auto&, const auto&) { return ApiHost::Success(data); });
     const auto result = RunOn(host, {}, 1);
     EXPECT_EQ(result.exit_code, 1) << data;
     EXPECT_THAT(result.errors, HasSubstr("contains no results of the import")) << data;
-    EXPECT_THAT(result.errors, HasSubstr("the next 1 may have been imported or not: see 'vexa guest list'")) << data;
+    EXPECT_THAT(result.errors, HasSubstr("the next 1 may have been imported or not. See 'vexa guest list'")) << data;
     EXPECT_THAT(result.output, IsEmpty());
   }
   const ApiHost odd(
@@ -185,7 +179,7 @@ TEST_F(ImportCommand, Output_WithJsonOrQuiet_ChangesForm) {
   EXPECT_EQ(results[1]["name"], "g0");
 }
 
-TEST_F(ImportCommand, Terminal_ShowsTheProgress) {
+TEST_F(ImportCommand, Import_OnTerminal_ShowsProgress) {
   const ApiHost host(Accept);
   OnTerminal terminal(ProgramOn(host, {}, 20));
   EXPECT_TRUE(terminal.WaitFor("0 of 20 guests")) << terminal.shown();
@@ -195,7 +189,7 @@ TEST_F(ImportCommand, Terminal_ShowsTheProgress) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << terminal.shown();
 }
 
-TEST_F(ImportCommand, NothingToImport_IsSaidAndNotSent) {
+TEST_F(ImportCommand, Import_EmptyManifest_IsReportedAndNotSent) {
   const ApiHost host(Accept);
   SaveLogin(host.url());
   WriteFile(folder_.File("m.json"), R"({"guests":[]})");
@@ -204,7 +198,7 @@ TEST_F(ImportCommand, NothingToImport_IsSaidAndNotSent) {
   EXPECT_THAT(host.calls(), IsEmpty());
 }
 
-TEST_F(ImportCommand, WordsThatCannotBe_AreNotSent) {
+TEST_F(ImportCommand, Import_InvalidArguments_AreNotSent) {
   const ApiHost host(Accept);
   EXPECT_EQ(RunOn(host, {"--data", "/d"}, 1).exit_code, 2);
   EXPECT_EQ(RunOn(host, {}, 0).exit_code, 2);
@@ -212,7 +206,7 @@ TEST_F(ImportCommand, WordsThatCannotBe_AreNotSent) {
   EXPECT_THAT(host.calls(), IsEmpty());
 }
 
-TEST_F(ImportCommand, WithoutAServer_NothingIsCreated) {
+TEST_F(ImportCommand, Import_NoServer_CreatesNothing) {
   const std::vector<std::string> files = MakeFiles(1);
   const auto result = Run({"import", files[0]});
   EXPECT_EQ(result.exit_code, 3);

@@ -8,12 +8,6 @@ namespace vexa::test {
 namespace {
 
 using std::chrono::seconds;
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 // 2026-03-01 12:00:00 UTC and later, by seconds.
 std::string Entry(int second, const std::string& text, int priority = 3) {
@@ -42,7 +36,7 @@ class Log : public CliTest {
   }
 };
 
-TEST_F(Log, Entries_AreLinesInLocalTimeTheNewestLast) {
+TEST_F(Log, Log_Entries_AreLinesInLocalTimeNewestLast) {
   const ApiHost host([](const auto&, const auto&) {
     return ApiHost::Success(Page(Entry(2, "Powered on.", 1) + "," + Entry(1, "Deleted.") +
                                  R"(,{"time_us":"x","priority":7,"host_id":"h9","text":5},7,null)"));
@@ -55,7 +49,7 @@ TEST_F(Log, Entries_AreLinesInLocalTimeTheNewestLast) {
   EXPECT_THAT(host.calls(), ElementsAre(R"(list {"limit":50})"));
 }
 
-TEST_F(Log, TextsWithControlCharacters_DoNotDriveTheTerminal) {
+TEST_F(Log, Log_ControlCharacters_AreEscaped) {
   const ApiHost host([](const auto&, const auto&) {
     return ApiHost::Success(
         Page(Entry(1, R"(a\u001b[31m\nb)") +
@@ -82,7 +76,7 @@ TEST_F(Log, Log_Count_ReadsRequestedNumberInPages) {
   EXPECT_EQ(RunOn(host, {"-n", "1", "--all"}).exit_code, 2);
 }
 
-TEST_F(Log, All_IsEveryPageTheOldestFirst) {
+TEST_F(Log, Log_All_ShowsEveryPageOldestFirst) {
   const ApiHost host([](const std::string&, const Json::Value& parameters) {
     if (parameters["cursor"] == "older") return ApiHost::Success(Page(Entry(2, "b") + "," + Entry(1, "a")));
     return ApiHost::Success(Page(Entry(4, "d") + "," + Entry(3, "c"), "older"));
@@ -96,15 +90,15 @@ TEST_F(Log, All_IsEveryPageTheOldestFirst) {
   EXPECT_EQ(texts, "abcd") << result.output;
 }
 
-TEST_F(Log, LogWithoutAnEnd_IsAnError) {
+TEST_F(Log, Log_PagesNeverEnd_IsAnError) {
   const ApiHost host([](const auto&, const auto&) { return ApiHost::Success(Page(Entry(1, "a"), "again")); });
   const auto result = RunOn(host, {"--all"});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("does not come to an end"));
+  EXPECT_THAT(result.errors, HasSubstr("do not end"));
   EXPECT_THAT(result.output, IsEmpty());
 }
 
-TEST_F(Log, Json_IsAnObjectALine) {
+TEST_F(Log, Log_Json_HasOneObjectPerLine) {
   const ApiHost host(
       [](const auto&, const auto&) { return ApiHost::Success(Page(Entry(2, "b\\u001b") + "," + Entry(1, "a"))); });
   const auto result = RunOn(host, {"--json"});
@@ -114,7 +108,7 @@ TEST_F(Log, Json_IsAnObjectALine) {
   EXPECT_THAT(result.output, Not(HasSubstr("\x1b")));
 }
 
-TEST_F(Log, RepliesOfAnotherForm_AreErrors) {
+TEST_F(Log, Reply_UnexpectedForm_IsAnError) {
   for (const char* data : {"{}", R"({"entries":{}})", "[]", "null", "7"}) {
     const std::string text = data;
     const ApiHost host([&](const auto&, const auto&) { return ApiHost::Success(text); });
@@ -126,7 +120,7 @@ TEST_F(Log, RepliesOfAnotherForm_AreErrors) {
   }
 }
 
-TEST_F(Log, ServerThatIsNotThereOrHangsUp_IsUnreachable) {
+TEST_F(Log, Log_ServerMissingOrHangsUp_IsUnreachable) {
   const std::string nowhere = "http://127.0.0.1:" + std::to_string(UnusedPort());
   EXPECT_EQ(RunProcess(ProgramOn(nowhere, {})).exit_code, 3);
   EXPECT_EQ(RunProcess(ProgramOn(nowhere, {"-f"})).exit_code, 3) << "nothing has been followed yet";
@@ -134,7 +128,7 @@ TEST_F(Log, ServerThatIsNotThereOrHangsUp_IsUnreachable) {
   EXPECT_EQ(RunProcess(ProgramOn(server.url(), {})).exit_code, 3);
 }
 
-TEST_F(Log, Refusal_EndsIt) {
+TEST_F(Log, Log_Refused_EndsWithError) {
   const ApiHost host([](const auto&, const auto&) { return ApiHost::Failure(409, "You may not."); });
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{}, {"-f"}}) {
     const auto result = RunOn(host, arguments);

@@ -6,13 +6,6 @@
 namespace vexa::test {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-
 const std::string kGoodLogin = std::string(R"({"success":true,"data":{"token":")") + kToken +
                                R"(","csrf_token":"c","user":"alice","expires_in":1800}})";
 
@@ -45,7 +38,7 @@ TEST_F(Login, ServerAccepts_SavesTokenForOwnerOnly) {
   EXPECT_THAT(SavedText(), AllOf(HasSubstr(kToken), HasSubstr(server.url()), Not(HasSubstr("pa ss"))));
 }
 
-TEST_F(Login, FolderIsOpenToOthers_IsClosed) {
+TEST_F(Login, Login_FolderOpenToOthers_IsMadePrivate) {
   std::filesystem::create_directories(folder_.File("config/vexa"));
   std::filesystem::permissions(folder_.File("config/vexa"), std::filesystem::perms(0755));
   ScriptedServer server({HttpReplyOf(200, kGoodLogin)});
@@ -53,7 +46,7 @@ TEST_F(Login, FolderIsOpenToOthers_IsClosed) {
   EXPECT_EQ(ModeOf(folder_.File("config/vexa")), 0700U);
 }
 
-TEST_F(Login, WrongPassword_FailsAndKeepsTheOlderLogin) {
+TEST_F(Login, Login_WrongPassword_FailsAndKeepsEarlierLogin) {
   ScriptedServer server(
       {HttpReplyOf(401, R"({"success":false,"error":{"code":106,"message":"Wrong user or password"}})")});
   SaveLogin(server.url());
@@ -112,7 +105,7 @@ TEST_F(Login, NextCommand_SendsTheSavedToken) {
   EXPECT_THAT(server.requests()[0], HasSubstr(std::string("Authorization: Bearer ") + kToken + "\r\n"));
 }
 
-TEST_F(Login, AnotherServerNamed_DoesNotGetTheToken) {
+TEST_F(Login, Token_OtherServerNamed_IsNotSent) {
   ScriptedServer other({HttpReplyOf(401, R"({"success":false,"error":{"code":103,"message":"Not logged in"}})")});
   ScriptedServer socket({HttpReplyOf(401, "{}")}, folder_.File("other.sock"));
   SaveLogin("http://127.0.0.1:1");
@@ -128,7 +121,7 @@ TEST_F(Login, AnotherServerNamed_DoesNotGetTheToken) {
   }
 }
 
-TEST_F(Login, ProxyInTheEnvironment_GetsNoPlainHttp) {
+TEST_F(Login, Proxy_PlainHttp_IsNotUsed) {
   ScriptedServer proxy({HttpReplyOf(200, "{}")});
   ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{}})")});
   SaveLogin(server.url());
@@ -139,7 +132,7 @@ TEST_F(Login, ProxyInTheEnvironment_GetsNoPlainHttp) {
   EXPECT_THAT(server.requests(), SizeIs(1));
 }
 
-TEST_F(Login, LoginFileOpenToOthers_IsRefused) {
+TEST_F(Login, LoginFile_OpenToOthers_IsRefused) {
   SaveLogin("http://127.0.0.1:1", 0644);
   const auto result = Run({"whoami"});
   EXPECT_EQ(result.exit_code, 1);
@@ -174,16 +167,16 @@ TEST_F(Login, TokenFile_IsUsedAndChecked) {
   EXPECT_THAT(server.requests(), SizeIs(1));
 }
 
-TEST_F(Login, TokenToAnotherHostOverPlainHttp_IsRefused) {
+TEST_F(Login, Token_PlainHttpToOtherHost_IsRefused) {
   SaveLogin("http://192.0.2.1:8080");
   const auto result = Run({"whoami"});
   EXPECT_EQ(result.exit_code, 2);
   EXPECT_THAT(result.errors, HasSubstr("unencrypted"));
   const auto allowed = Run({"whoami", "--insecure-http", "--timeout", "1"});
-  EXPECT_EQ(allowed.exit_code, 3);  // an address for documentation: nobody answers
+  EXPECT_EQ(allowed.exit_code, 3);  // an address for documentation: nothing answers
 }
 
-TEST_F(Login, UnixSocket_NeedsNoToken) {
+TEST_F(Login, UnixSocket_NoToken_IsAccepted) {
   ScriptedServer server({HttpReplyOf(200, R"({"success":true,"data":{"user":"root","uid":0,"administrator":true}})")},
                         folder_.File("vexad.sock"));
   const auto result = Run({"whoami"});

@@ -7,21 +7,25 @@
 namespace vexa::test {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 class Password : public CliTest {
  protected:
   ProcessOptions LoginProgram(const std::string& url) { return Program({"login", "--server", url, "alice"}); }
+  // In a shell that keeps the terminal open, so that its settings can be looked at when the client has gone. `before`
+  // is run first.
+  ProcessOptions LoginInShell(const std::string& before = "") {
+    ProcessOptions program = LoginProgram("http://127.0.0.1:1");
+    const std::string script = before + "\"$0\" \"$@\"; echo ended $?; read -r line";
+    program.argv.insert(program.argv.begin(), {"/bin/sh", "-c", script});
+    return program;
+  }
 };
 
-TEST_F(Password, Typed_IsSentAndNeverShown) {
+TEST_F(Password, Password_Typed_IsSentAndNeverShown) {
   ScriptedServer server({HttpReplyOf(
       200, std::string(R"({"success":true,"data":{"token":")") + kToken + R"(","user":"alice","expires_in":60}})")});
   OnTerminal terminal(LoginProgram(server.url()));
   ASSERT_TRUE(terminal.WaitFor("Password of alice at " + server.url() + ": "));
-  EXPECT_FALSE(terminal.Echoes());
+  EXPECT_FALSE(terminal.IsEchoOn());
   terminal.Type("open sesame\n");
   const int status = terminal.Finish();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << terminal.shown();
@@ -30,43 +34,24 @@ TEST_F(Password, Typed_IsSentAndNeverShown) {
   EXPECT_THAT(server.requests()[0], HasSubstr("\"password\":\"open sesame\""));
 }
 
-TEST_F(Password, Interrupted_EndsByTheSignalWithEchoRestored) {
-  // The shell keeps the terminal open, so that its settings can be looked at when the client has gone.
-  ProcessOptions program = LoginProgram("http://127.0.0.1:1");
-  program.argv = {"/bin/sh",
-                  "-c",
-                  "trap : INT; \"$0\" \"$@\"; echo ended $?; read -r line",
-                  VEXA_PROGRAM,
-                  "login",
-                  "--server",
-                  "http://127.0.0.1:1",
-                  "alice"};
-  OnTerminal terminal(program);
+TEST_F(Password, Password_Interrupted_EndsBySignalWithEchoRestored) {
+  OnTerminal terminal(LoginInShell("trap : INT; "));
   ASSERT_TRUE(terminal.WaitFor(": "));
-  EXPECT_FALSE(terminal.Echoes());
+  EXPECT_FALSE(terminal.IsEchoOn());
   terminal.Type("half\x03");
   ASSERT_TRUE(terminal.WaitFor("ended 130"));  // 128 + SIGINT
-  EXPECT_TRUE(terminal.Echoes());
+  EXPECT_TRUE(terminal.IsEchoOn());
   EXPECT_THAT(terminal.shown(), Not(HasSubstr("half")));
   terminal.Type("\n");
   terminal.Finish();
 }
 
-TEST_F(Password, EmptyLine_IsUsageErrorWithEchoRestored) {
-  ProcessOptions program = LoginProgram("http://127.0.0.1:1");
-  program.argv = {"/bin/sh",
-                  "-c",
-                  "\"$0\" \"$@\"; echo ended $?; read -r line",
-                  VEXA_PROGRAM,
-                  "login",
-                  "--server",
-                  "http://127.0.0.1:1",
-                  "alice"};
-  OnTerminal terminal(program);
+TEST_F(Password, Password_EmptyLine_IsUsageErrorWithEchoRestored) {
+  OnTerminal terminal(LoginInShell());
   ASSERT_TRUE(terminal.WaitFor(": "));
   terminal.Type("\n");
   ASSERT_TRUE(terminal.WaitFor("ended 2"));
-  EXPECT_TRUE(terminal.Echoes());
+  EXPECT_TRUE(terminal.IsEchoOn());
   terminal.Type("\n");
   terminal.Finish();
 }

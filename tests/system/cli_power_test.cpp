@@ -9,12 +9,6 @@ namespace vexa::test {
 namespace {
 
 using std::chrono::seconds;
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr const char* kUuid = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 
@@ -40,7 +34,7 @@ class Power : public CliTest {
       return power(method, parameters);
     };
   }
-  static ApiHost::Answer AllWell() {
+  static ApiHost::Answer SucceedAlways() {
     return With([](const auto&, const auto&) { return ApiHost::Success(); });
   }
   ProcessOptions ProgramOn(const std::string& url, std::vector<std::string> arguments) {
@@ -49,8 +43,8 @@ class Power : public CliTest {
   }
 };
 
-TEST_F(Power, Start_IsALineForEachGuestWithItsHost) {
-  const ApiHost host(AllWell());
+TEST_F(Power, Start_SeveralGuests_PrintsOneLineEachWithHost) {
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"guest", "start", "web-2", "g1", "g7"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(result.output, "web-2: started on na\\x1bs\nweb-1: started on nas-1\ng7: started\n");
@@ -73,17 +67,17 @@ TEST_F(Power, Start_GuestWithoutHost_ShowsAssignedHost) {
 struct Verb {
   const char* word;
   const char* action;
-  const char* told;
+  const char* expected;
 };
 
-TEST_F(Power, Verbs_AreTheApisActions) {
+TEST_F(Power, Command_SendsMatchingApiAction) {
   for (const Verb& verb :
        {Verb{"start", "poweron", "web-1: started on nas-1\n"}, Verb{"stop", "shutdown", "web-1: asked to shut down\n"},
         Verb{"kill", "poweroff", "web-1: powered off\n"}, Verb{"restart", "reboot", "web-1: rebooting\n"}}) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     const auto result = RunOn(host, {"guest", verb.word, "web-1"});
     EXPECT_EQ(result.exit_code, 0) << result.errors;
-    EXPECT_EQ(result.output, verb.told);
+    EXPECT_EQ(result.output, verb.expected);
     EXPECT_EQ(host.calls().back(), std::string(R"(pwr_ctl {"action":")") + verb.action + R"(","guest_id":"g1"})");
   }
 }
@@ -102,10 +96,10 @@ TEST_F(Power, Power_Failures_ShowMessageCodeAndReason) {
 }
 
 TEST_F(Power, Power_UnknownOrAmbiguousNames_SendNothing) {
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"guest", "kill", "web-1", "twin", "nobody"});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("Several guests are called 'twin': give the id, one of g4, g5"),
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("Several guests are called 'twin'. Use one of the ids g4, g5"),
                                    HasSubstr("There is no guest called 'nobody'; see 'vexa guest list'")));
   EXPECT_THAT(result.output, IsEmpty());
   EXPECT_EQ(host.Count("pwr_ctl"), 0);
@@ -116,7 +110,7 @@ TEST_F(Power, Power_UnknownOrAmbiguousNames_SendNothing) {
 }
 
 TEST_F(Power, Power_GuestNamedTwice_IsSentOnce) {
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   EXPECT_EQ(RunOn(host, {"guest", "stop", "web-1", "g1", "web-1"}).output, "web-1: asked to shut down\n");
   EXPECT_EQ(host.Count("pwr_ctl"), 1);
 }
@@ -128,8 +122,8 @@ TEST_F(Power, Power_UnlistedId_IsSentToServer) {
   EXPECT_THAT(result.errors, StartsWith(std::string("vexa: ") + kUuid + ": You may not. (error 409"));
 }
 
-TEST_F(Power, NamesWithControlCharacters_DoNotDriveTheTerminal) {
-  const ApiHost host(AllWell());
+TEST_F(Power, Power_ControlCharactersInNames_AreEscaped) {
+  const ApiHost host(SucceedAlways());
   EXPECT_EQ(RunOn(host, {"guest", "stop", "g6"}).output, "b\\x1b[31md\\n: asked to shut down\n");
 }
 
@@ -187,8 +181,8 @@ TEST_F(Power, Json_HasEachGuest) {
 
 // Waiting.
 
-TEST_F(Power, Wait_EndsWhenTheStateIsSo) {
-  for (const auto& [word, state, told] :
+TEST_F(Power, Wait_StateReached_Ends) {
+  for (const auto& [word, state, expected] :
        {std::tuple("start", "running", "web-1: started on nas-1\n"),
         std::tuple("stop", "shutdown", "web-1: shut down\n"), std::tuple("kill", "shutdown", "web-1: powered off\n")}) {
     int asked = 0;
@@ -201,7 +195,7 @@ TEST_F(Power, Wait_EndsWhenTheStateIsSo) {
     }));
     const auto result = RunOn(host, {"guest", word, "web-1", "--wait"});
     EXPECT_EQ(result.exit_code, 0) << result.errors;
-    EXPECT_EQ(result.output, told);
+    EXPECT_EQ(result.output, expected);
     EXPECT_EQ(host.Count("status"), 3);
   }
 }
@@ -245,7 +239,7 @@ TEST_F(Power, Power_OnTerminal_ShowsProgress) {
 
 // Servers that fail.
 
-TEST_F(Power, RepliesOfAnotherForm_AreErrors) {
+TEST_F(Power, Reply_UnexpectedForm_IsAnError) {
   for (const char* list : {"{}", R"({"guests":{}})", "[]", "null", "7"}) {
     const std::string data = list;
     const ApiHost host([&](const auto&, const auto&) { return ApiHost::Success(data); });
@@ -259,7 +253,7 @@ TEST_F(Power, RepliesOfAnotherForm_AreErrors) {
     const ApiHost host(With([&](const auto&, const auto&) { return ApiHost::Reply{200, text}; }));
     const auto result = RunOn(host, {"guest", "stop", "web-1"});
     EXPECT_EQ(result.exit_code, 1) << body;
-    EXPECT_THAT(result.errors, HasSubstr("web-1: The server's reply (HTTP 200) is not understood"));
+    EXPECT_THAT(result.errors, HasSubstr("web-1: The server's reply (HTTP 200) cannot be understood"));
   }
 }
 
@@ -308,8 +302,9 @@ TEST_F(Power, Help_ExplainsTimeoutsAndWaiting) {
     EXPECT_THAT(Run({"guest", word, "--help"}).output,
                 AllOf(HasSubstr("--wait"), HasSubstr("default 300"), HasSubstr("3600 s"), HasSubstr("Ctrl-C")));
   }
-  EXPECT_THAT(Run({"guest", "restart", "--help"}).output,
-              AllOf(HasSubstr("nothing to wait for beyond the answer"), Not(HasSubstr("--wait"))));
+  EXPECT_THAT(
+      Run({"guest", "restart", "--help"}).output,
+      AllOf(HasSubstr("There is no --wait, because a guest that reboots keeps running."), Not(HasSubstr("--wait "))));
 }
 
 }  // namespace

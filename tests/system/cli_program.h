@@ -1,7 +1,6 @@
 // Runs the real client in an environment of its own.
 #pragma once
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -9,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/matchers.h"
 #include "tests/support/process.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temp_dir.h"
@@ -39,8 +39,15 @@ class CliTest : public ::testing::Test {
     const ProcessResult result = RunProcess(options);
     EXPECT_FALSE(result.timed_out);
     // Nobody else can read the token at any time.
-    EXPECT_THAT(result.output + result.errors, ::testing::Not(::testing::HasSubstr(kToken)));
+    EXPECT_THAT(result.output + result.errors, Not(HasSubstr(kToken)));
     return result;
+  }
+
+  // With this part of a message, and nothing printed.
+  static void ExpectFailed(const ProcessResult& result, const std::string& part) {
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr(part));
+    EXPECT_THAT(result.output, IsEmpty());
   }
 
   // The client of alice, who has logged in to `server`.

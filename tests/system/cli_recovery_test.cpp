@@ -1,4 +1,4 @@
-// vexa guest recover and vexa host forget: ids are found by names, and nothing is confirmed that was not confirmed.
+// vexa guest recover and vexa host forget: names are resolved to ids, and only explicit confirmations are sent.
 #include "tests/system/cli_api_host.h"
 #include "tests/system/cli_program.h"
 
@@ -6,8 +6,6 @@ namespace vexa::test {
 namespace {
 
 namespace json = VexaVirtualization::json;
-using ::testing::Contains;
-using ::testing::HasSubstr;
 
 constexpr char kDown[] = "0a0a0a0a-0000-4000-8000-000000000001";
 // Both lists in one: each command reads its own.
@@ -32,7 +30,7 @@ class Recovery : public CliTest {
   }
 };
 
-TEST_F(Recovery, GuestByItsName_IsRecovered) {
+TEST_F(Recovery, Recover_GuestName_SendsItsId) {
   const ApiHost host(Answers());
   const auto result = RunProcess(ProgramOn(host, {"guest", "recover", "web-1"}));
   EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -40,7 +38,7 @@ TEST_F(Recovery, GuestByItsName_IsRecovered) {
   EXPECT_THAT(host.calls(), Contains(R"(recover {"discard_saved":false,"guest_id":"g1","machine_is_off":false})"));
 }
 
-TEST_F(Recovery, WithConfirmationAndAHost_BothAreSent) {
+TEST_F(Recovery, Recover_ConfirmationAndHostGiven_SendsBoth) {
   const ApiHost host(Answers());
   const auto result = RunProcess(
       ProgramOn(host, {"guest", "recover", "web-1", "db", "--to", "nas-1", "--machine-is-off", "--discard-saved"}));
@@ -51,7 +49,7 @@ TEST_F(Recovery, WithConfirmationAndAHost_BothAreSent) {
   EXPECT_EQ(host.Count("recover"), 2) << "a refusal does not keep the others";
 }
 
-TEST_F(Recovery, UnknownGuest_NothingIsSent) {
+TEST_F(Recovery, Recover_UnknownGuest_SendsNothing) {
   const ApiHost host(Answers());
   const auto result = RunProcess(ProgramOn(host, {"guest", "recover", "mail"}));
   EXPECT_NE(result.exit_code, 0);
@@ -59,7 +57,7 @@ TEST_F(Recovery, UnknownGuest_NothingIsSent) {
   EXPECT_EQ(host.Count("recover"), 0);
 }
 
-TEST_F(Recovery, HostByItsName_IsForgotten) {
+TEST_F(Recovery, Forget_HostName_SendsItsId) {
   const ApiHost host(Answers());
   const auto result = RunProcess(ProgramOn(host, {"host", "forget", "nas-1", "--machine-is-off"}));
   EXPECT_EQ(result.exit_code, 0) << result.errors;

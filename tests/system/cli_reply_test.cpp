@@ -1,15 +1,14 @@
 // The client against servers that answer well, badly, or not at all.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "host/base/guest_settings.h"
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 using Then = ScriptedReply::Then;
 
 constexpr const char* kGuest = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
@@ -21,7 +20,8 @@ const std::string kGuestReply = R"({"success":true,"data":{
     {"vdisk_id":"d-2-long","size":"100","lun_type":"alun","vdisk_mode":2,"is_dummy":true,"unmap":false,"is_meta_disk":true}],
   "vnics":[{"vnic_id":"n-1","network_id":"net","prefer_sriov":false,"mac":"02:11:32:00:00:01","vnic_type":1}],
   "autorun":0,"is_ha_enabled":false,"desc":"日本","boot_from":"disk","use_ovmf":true,"usb_version":2,
-  "usbs":["unmounted","unmounted",null,"1-2"],"kb_layout":"Default","cpu_pin_num":0,"cpu_weight":256}})";
+  "usbs":["unmounted","unmounted",null,"1-2"],"kb_layout":"Default","cpu_pin_num":0,"cpu_weight":256,
+  "hyperv_enlighten":true}})";
 
 class Reply : public CliTest {
  protected:
@@ -34,7 +34,14 @@ class Reply : public CliTest {
   }
 };
 
-TEST_F(Reply, Guest_IsShownAlignedAndCannotDriveTheTerminal) {
+TEST(ReplyText, Guest_EachScalarSetting_IsShown) {
+  for (const GuestSetting& setting : kGuestSettings) {
+    if (!setting.IsScalar()) continue;
+    EXPECT_THAT(kGuestReply, HasSubstr("\"" + std::string(setting.name) + "\":"));
+  }
+}
+
+TEST_F(Reply, Guest_HostileTexts_AreAlignedAndEscaped) {
   const auto result = GetGuest(HttpReplyOf(200, kGuestReply));
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(result.output, R"(Guest              6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55
@@ -45,6 +52,7 @@ Virtual CPUs       4
 Pinned CPUs        0
 CPU weight         256
 CPU passthrough    no
+Hyper-V features   yes
 Memory             4 GiB
 Video card         vga
 Keyboard           Default
@@ -74,7 +82,7 @@ TEST_F(Reply, GuestAsJson_IsTheDataInAscii) {
   for (const char c : result.output) ASSERT_TRUE((c >= ' ' && c <= '~') || c == '\n');
 }
 
-TEST_F(Reply, GuestIdWithOddCharacters_IsSentAsOneText) {
+TEST_F(Reply, GuestId_UnusualCharacters_IsSentAsOneString) {
   const ScriptedServer server({HttpReplyOf(400, R"({"success":false,"error":{"code":401,"message":"Bad"}})")});
   SaveLogin(server.url());
   EXPECT_EQ(Run({"guest", "get", "../\"x\",\"y\":1"}).exit_code, 1);
@@ -85,16 +93,13 @@ TEST_F(Reply, GuestIdWithOddCharacters_IsSentAsOneText) {
   EXPECT_EQ(Run({"guest", "get", "\xff"}).exit_code, 2);
 }
 
-TEST_F(Reply, WrongTypesEverywhere_AreShownAsNothing) {
+TEST_F(Reply, Guest_WrongTypesEverywhere_AreShownAsEmpty) {
   for (const char* wrong :
        {"null", "[]", "{}", "-1", "1e300", "18446744073709551615", "\"\"", "[[{}]]", "true", "{\"a\":[]}"}) {
     std::string data = "{";
-    for (const char* name :
-         {"name",  "repo_id",   "vcpu_num",      "vram_size",  "video_card",       "cpu_passthru", "vdisks",
-          "vnics", "autorun",   "is_ha_enabled", "desc",       "boot_from",        "use_ovmf",     "usb_version",
-          "usbs",  "kb_layout", "cpu_pin_num",   "cpu_weight", "hyperv_enlighten", "iso_images"}) {
-      data += std::string("\"") + name + "\":" + wrong + ",";
-    }
+    const auto add = [&](const char* name) { data += std::string("\"") + name + "\":" + wrong + ","; };
+    for (const GuestSetting& setting : kGuestSettings) add(setting.name);
+    for (const char* name : {"vdisks", "vnics", "is_ha_enabled"}) add(name);
     data += std::string("\"is_general_vm\":") + wrong + "}";
     const auto whole = GetGuest(HttpReplyOf(200, R"({"success":true,"data":)" + data + "}"));
     EXPECT_EQ(whole.exit_code, 0) << wrong << whole.errors;
@@ -113,7 +118,7 @@ TEST_F(Reply, WrongTypesEverywhere_AreShownAsNothing) {
   }
 }
 
-TEST_F(Reply, ThousandsOfDisksWithLongNames_StayReadable) {
+TEST_F(Reply, Guest_ThousandsOfDisksWithLongNames_StayReadable) {
   std::string disks;
   for (int i = 0; i < 5000; ++i) {
     disks += (i ? ",{" : "{") + std::string("\"vdisk_id\":\"") + std::string(i == 0 ? 100'000 : 10, 'x') + "\"}";
@@ -145,7 +150,7 @@ TEST_F(Reply, Reply_SessionExpired_SuggestsLogin) {
   EXPECT_THAT(by_proxy.errors, HasSubstr("Run 'vexa login'."));
 }
 
-TEST_F(Reply, ServerEchoesTheToken_ItIsNotShown) {
+TEST_F(Reply, Token_EchoedByServer_IsNotShown) {
   const std::string echo = std::string("Authorization: Bearer ") + kToken;
   const auto result = GetGuest(HttpReplyOf(
       400, R"({"success":false,"error":{"code":101,"message":")" + echo + R"(","details":[")" + echo + "\"]}}"));
@@ -191,7 +196,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadReply{"ResetsInTheBody", {kOk + R"({"success":true,)", Then::kReset}, 3, "No reply from"},
         BadReply{"StallsImmediately", {"", Then::kStall}, 3, "No reply from"},
         BadReply{"StallsInTheBody", {kOk + R"({"success":true,)", Then::kStall}, 3, "No reply from"},
-        BadReply{"Html", HttpReplyOf(502, "<html>Bad gateway</html>", "text/html"), 1, "(HTTP 502) is not understood"},
+        BadReply{"Html", HttpReplyOf(502, "<html>Bad gateway</html>", "text/html"), 1,
+                 "(HTTP 502) cannot be understood"},
         BadReply{"Empty", HttpReplyOf(200, ""), 1, "it is empty"},
         BadReply{"NotUtf8", HttpReplyOf(200, "{\"success\":true,\"data\":\"\xff\"}"), 1, "it is not JSON"},
         BadReply{"TooDeep", HttpReplyOf(200, std::string(100'000, '[')), 1, "it is not JSON"},
@@ -199,8 +205,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadReply{"Array", HttpReplyOf(200, "[]"), 1, "whether the request succeeded"},
         BadReply{"SuccessIsText", HttpReplyOf(200, R"({"success":"true","data":{}})"), 1,
                  "whether the request succeeded"},
-        BadReply{"SuccessWithFailure", HttpReplyOf(500, R"({"success":true,"data":{}})"), 1, "claims success"},
-        BadReply{"FailureWithSuccess", HttpReplyOf(200, R"({"success":false,"error":{}})"), 1, "claims failure"},
+        BadReply{"SuccessWithFailure", HttpReplyOf(500, R"({"success":true,"data":{}})"), 1, "reports success"},
+        BadReply{"FailureWithSuccess", HttpReplyOf(200, R"({"success":false,"error":{}})"), 1, "reports failure"},
         BadReply{"NoReason", HttpReplyOf(500, R"({"success":false})"), 1, "refused without a reason"},
         BadReply{"NoData", HttpReplyOf(200, R"({"success":true})"), 1, "contains no guest"},
         BadReply{"TooLarge", HttpReplyOf(200, std::string(20 << 20, ' ')), 1, "larger than 16 MiB"},
@@ -224,10 +230,31 @@ TEST_F(Reply, Reply_NoListener_IsUnreachable) {
   const auto result = Run({"guest", "get", kGuest});
   EXPECT_EQ(result.exit_code, 3);
   EXPECT_THAT(result.errors, HasSubstr("No reply from http://127.0.0.1:1"));
-  EXPECT_EQ(Run({"guest", "get", kGuest, "--socket", folder_.File("none.sock")}).exit_code, 3);
 }
 
-TEST_F(Reply, OutputCannotBeWritten_Fails) {
+// The message named "localhost port 80", as libcurl does.
+TEST_F(Reply, UnixSocket_NoListener_IsNamedWithTheReason) {
+  const std::string missing = folder_.File("none.sock");
+  const auto nowhere = Run({"guest", "get", kGuest, "--socket", missing});
+  EXPECT_EQ(nowhere.exit_code, 3);
+  EXPECT_EQ(nowhere.errors, "vexa: No reply from " + missing +
+                                ": nothing listens there, because the file does not exist. vexad is not running, or "
+                                "uses another socket\n");
+
+  const std::string left = folder_.File("left.sock");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(left.size(), sizeof address.sun_path);
+  left.copy(address.sun_path, left.size());
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ::close(listener);
+  const auto closed = Run({"guest", "get", kGuest, "--socket", left});
+  EXPECT_EQ(closed.exit_code, 3);
+  EXPECT_EQ(closed.errors, "vexa: No reply from " + left + ": nothing listens there. Is vexad running?\n");
+}
+
+TEST_F(Reply, Output_CannotBeWritten_Fails) {
   const ScriptedServer server({HttpReplyOf(200, kGuestReply)});
   SaveLogin(server.url());
   ProcessOptions program = Program({});

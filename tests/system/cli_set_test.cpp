@@ -1,4 +1,4 @@
-// vexa guest set against servers that answer by what they are asked: what is sent, and what is refused before.
+// vexa guest set against scripted servers: what is sent, and what is refused before that.
 #include <signal.h>
 
 #include "tests/system/cli_api_host.h"
@@ -8,10 +8,6 @@ namespace vexa::test {
 namespace {
 
 using std::chrono::seconds;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 const std::string kA = "0a000000-0000-4000-8000-00000000000a";
 const std::string kB = "0b000000-0000-4000-8000-00000000000b";
@@ -32,7 +28,7 @@ class GuestSet : public CliTest {
       return set(method, parameters);
     };
   }
-  static ApiHost::Answer AllWell() {
+  static ApiHost::Answer SucceedAlways() {
     return With([](const auto&, const auto&) { return ApiHost::Success(); });
   }
   static ApiHost::Answer Refuses(int code, const std::string& details = "") {
@@ -45,7 +41,7 @@ class GuestSet : public CliTest {
   }
   // What is sent for these words after the guest's id.
   std::string Sent(std::vector<std::string> words) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     words.insert(words.begin(), "web-1");
     const auto result = RunOn(host, std::move(words));
     EXPECT_EQ(result.exit_code, 0) << result.errors;
@@ -56,9 +52,9 @@ class GuestSet : public CliTest {
     parameters.removeMember("guest_id");
     return VexaVirtualization::json::ToText(parameters);
   }
-  // How words are refused; nobody is asked anything.
+  // How arguments are refused; no request is sent.
   std::string Refusal(std::vector<std::string> words) {
-    const ApiHost host(AllWell());
+    const ApiHost host(SucceedAlways());
     words.insert(words.begin(), "web-1");
     const auto result = RunOn(host, std::move(words));
     EXPECT_EQ(result.exit_code, 2) << result.output;
@@ -68,7 +64,7 @@ class GuestSet : public CliTest {
   }
 };
 
-TEST_F(GuestSet, Settings_AreSentWithTheirTypes) {
+TEST_F(GuestSet, Set_Settings_AreSentWithTheirTypes) {
   const std::pair<const char*, const char*> rows[] = {
       {"name=web-2", R"({"name":"web-2"})"},
       {"name=1", R"({"name":"1"})"},
@@ -92,7 +88,7 @@ TEST_F(GuestSet, Settings_AreSentWithTheirTypes) {
   for (const auto& [word, sent] : rows) EXPECT_EQ(Sent({word}), sent);
 }
 
-TEST_F(GuestSet, Options_AreSentAsTheApiNamesThem) {
+TEST_F(GuestSet, Set_Options_AreSentUnderApiNames) {
   EXPECT_EQ(Sent({"--add-disk", "20", "--add-disk", "1"}), R"({"vdisks_add":[{"vdisk_size":20},{"vdisk_size":1}]})");
   EXPECT_EQ(Sent({"--del-disk", kA, "--del-disk", kB}),
             R"({"vdisks_del":[{"vdisk_id":")" + kA + R"("},{"vdisk_id":")" + kB + "\"}]}");
@@ -119,7 +115,7 @@ TEST_F(GuestSet, Options_AreSentAsTheApiNamesThem) {
             R"({"allow":true,"gid":100,"name":"","type":"use"},{"allow":false,"name":"","type":"use","uid":7}]})");
 }
 
-TEST_F(GuestSet, SeveralChanges_AreOneRequest) {
+TEST_F(GuestSet, Set_SeveralChanges_AreOneRequest) {
   EXPECT_EQ(Sent({"vcpu_num=2", "--add-disk", "5", "desc=x", "--iso", "none"}),
             R"({"desc":"x","iso_images":["unmounted"],"vcpu_num":2,"vdisks_add":[{"vdisk_size":5}]})");
 }
@@ -131,11 +127,11 @@ TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
       {{"repo_id=x"}, std::string("There is no setting 'repo_id'. ") + kSettings},
       {{"somethingelse=1"}, std::string("There is no setting 'somethingelse'. ") + kSettings},
       {{"guest_id=x"}, std::string("There is no setting 'guest_id'. ") + kSettings},
-      {{"vcpu_num"}, "'vcpu_num' is no setting: give NAME=VALUE"},
+      {{"vcpu_num"}, "'vcpu_num' is not a setting. Use NAME=VALUE"},
       {{"vcpu_num=2", "vcpu_num=2"}, "The setting 'vcpu_num' is given twice"},
-      {{"vcpu_num="}, "'' is no number, as 'vcpu_num' needs it"},
-      {{"vcpu_num=2.0"}, "'2.0' is no number, as 'vcpu_num' needs it"},
-      {{"vcpu_num=99999999999999999999"}, "'99999999999999999999' is no number, as 'vcpu_num' needs it"},
+      {{"vcpu_num="}, "'' is not a number, which is required for 'vcpu_num'"},
+      {{"vcpu_num=2.0"}, "'2.0' is not a number, which is required for 'vcpu_num'"},
+      {{"vcpu_num=99999999999999999999"}, "'99999999999999999999' is not a number, which is required for 'vcpu_num'"},
       {{"vcpu_num=0"}, "The parameter 'vcpu_num' is not a number from 1 to 512"},
       {{"vcpu_num=4294967297"}, "The parameter 'vcpu_num' is not a number from 1 to 512"},
       {{"vram_size=0"}, "The parameter 'vram_size' is not a number from 1 to 2097151"},
@@ -143,8 +139,8 @@ TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
       {{"cpu_pin_num=-1"}, "The parameter 'cpu_pin_num' is not a number from 0 to 512"},
       {{"cpu_weight=1"}, "The parameter 'cpu_weight' is not a number from 2 to 262144"},
       {{"usb_version=-1"}, "The parameter 'usb_version' is not a number from 0 to 3"},
-      {{"use_ovmf=1"}, "'1' is neither true nor false, as 'use_ovmf' needs it"},
-      {{"name="}, "The parameter 'name' is not a text of 1 to 128 bytes without control characters"},
+      {{"use_ovmf=1"}, "'1' is neither true nor false, one of which is required for 'use_ovmf'"},
+      {{"name="}, "The parameter 'name' is not a string of 1 to 128 bytes without control characters"},
       {{"name=\xff"}, "The value of 'name' is not valid UTF-8"},
       {{"boot_from=ISO"}, "The parameter 'boot_from' is not 'disk' or 'iso'"},
       {{"video_card=s3"}, "The parameter 'video_card' is not cirrus, vga, vmvga, qxl or virtio"},
@@ -152,14 +148,14 @@ TEST_F(GuestSet, Set_InvalidSettings_AreReportedAndNothingIsSent) {
       {{"hyperv_enlighten=true", "cpu_passthru=false"}, "The parameter 'hyperv_enlighten' needs 'cpu_passthru'"},
       {{}, "Nothing to change is named; see 'vexa guest set --help'"},
   };
-  for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
+  for (const auto& [words, expected] : rows) EXPECT_EQ(Refusal(words), "vexa: " + expected + "\n");
 }
 
 TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
-  const std::string no_size = "' is no size of a disk: give GiB, 1 to 2097151";
-  const std::string no_disk = "' is no id of a disk (a UUID); 'vexa guest get' shows them";
-  const std::string no_nic = "' is no id of a network interface (a UUID); 'vexa guest get' shows them";
-  const std::string no_member = "' is nothing of an interface: give net=ID, type=N, mac=ADDRESS or sriov=true";
+  const std::string no_size = "' is not a disk size. Use GiB, 1 to 2097151";
+  const std::string no_disk = "' is not the id of a disk (a UUID); 'vexa guest get' shows them";
+  const std::string no_nic = "' is not the id of a network interface (a UUID); 'vexa guest get' shows them";
+  const std::string no_member = "' is not a property of an interface. Use net=ID, type=N, mac=ADDRESS or sriov=true";
   const auto unknown = [](const std::string& word) {
     return "Unknown user or group '" + word + "'. Use user:NAME, group:NAME, uid:NUMBER or gid:NUMBER";
   };
@@ -170,31 +166,31 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
       {{"--add-disk", "2097152"}, "'2097152" + no_size},
       {{"--del-disk", "vda"}, "'vda" + no_disk},
       {{"--del-disk", kA, "--del-disk", kA}, "The disk '" + kA + "' is named twice"},
-      {{"--grow-disk", kA}, "'" + kA + "' is no new size of a disk: give ID=GIB"},
+      {{"--grow-disk", kA}, "'" + kA + "' is not a new disk size. Use ID=GIB"},
       {{"--grow-disk", "vda=20"}, "'vda" + no_disk},
       {{"--grow-disk", kA + "=x"}, "'x" + no_size},
       {{"--grow-disk", kA + "=2", "--grow-disk", kA + "=3"}, "The disk '" + kA + "' is named twice"},
       {{"--order-disks", kA + ","}, "'" + no_disk},
       {{"--order-disks", kA + "," + kA}, "The disk '" + kA + "' is named twice"},
-      {{"--add-nic", "type=1"}, "'type=1' names no network: give net=ID, or net=none"},
-      {{"--add-nic", "net=office"}, "'office' is no id of a network (a UUID), nor 'none'"},
+      {{"--add-nic", "type=1"}, "'type=1' does not name a network. Use net=ID or net=none"},
+      {{"--add-nic", "net=office"}, "'office' is neither the id of a network (a UUID) nor 'none'"},
       {{"--add-nic", "net=none,speed=1"}, "'speed=1" + no_member},
       {{"--add-nic", "net=none,sriov"}, "'sriov" + no_member},
       {{"--add-nic", "net=none,net=none"}, "'net' is given twice for one interface"},
-      {{"--add-nic", "net=none,type=x"}, "'x' is no number, as 'type' needs it"},
+      {{"--add-nic", "net=none,type=x"}, "'x' is not a number, which is required for 'type'"},
       {{"--add-nic", "net=none,type=4"}, "The parameter 'vnics_add[0].vnic_type' is not a number from 1 to 3"},
-      {{"--add-nic", "net=none,sriov=1"}, "'1' is neither true nor false, as 'sriov' needs it"},
+      {{"--add-nic", "net=none,sriov=1"}, "'1' is neither true nor false, one of which is required for 'sriov'"},
       {{"--add-nic", "net=none,mac=01:00:5e:10:00:01"},
        "The parameter 'vnics_add[0].mac' is not a MAC address of one interface, such as 02:00:5e:10:00:01"},
       {{"--del-nic", "eth0"}, "'eth0" + no_nic},
       {{"--edit-nic", "net=none"}, "'net=none" + no_nic},
-      {{"--edit-nic", kA}, "Nothing is to change of the network interface '" + kA + "'"},
+      {{"--edit-nic", kA}, "No change of the network interface '" + kA + "' is named"},
       {{"--edit-nic", kA + ",type=1", "--edit-nic", kA + ",type=2"},
        "The network interface '" + kA + "' is named twice"},
       {{"--iso", "debian.iso"},
-       "The parameter 'iso_images[0]' is no image: give the id of one, an absolute path, or 'unmounted'"},
+       "The parameter 'iso_images[0]' is not an image. Use an image id, an absolute path, or 'unmounted'"},
       {{"--iso", "none", "--iso", "none", "--iso", "none"}, "The parameter 'iso_images' has more than two images"},
-      {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x': give '1234:00ab', '3.14' or 'unmounted'"},
+      {{"--usb", "1.x"}, "The parameter 'usbs[0]' is '1.x'. Use the form '1234:00ab' or '3.14', or 'unmounted'"},
       {{"--usb", "1.1", "--usb", "1.2", "--usb", "1.3", "--usb", "1.4", "--usb", "1.5"},
        "The parameter 'usbs' has more than four devices"},
       {{"--allow", "alice"}, unknown("alice")},
@@ -205,10 +201,10 @@ TEST_F(GuestSet, Set_InvalidOptions_AreReportedAndNothingIsSent) {
       {{"--allow", "uid:12x"}, unknown("uid:12x")},
       {{"--allow", "uid:7", "--revoke", "uid:7"}, "The rights of 'uid:7' are named twice"},
   };
-  for (const auto& [words, told] : rows) EXPECT_EQ(Refusal(words), "vexa: " + told + "\n");
+  for (const auto& [words, expected] : rows) EXPECT_EQ(Refusal(words), "vexa: " + expected + "\n");
 }
 
-TEST_F(GuestSet, UnknownOptionsAndMissingValues_AreWrongUsage) {
+TEST_F(GuestSet, Set_UnknownOptionsOrMissingValues_AreUsageErrors) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"--add-disk"}, {"--del-disks", kA}, {"--wait", "vcpu_num=1"}, {"--dry-run=maybe"}}) {
     EXPECT_THAT(Refusal(words), HasSubstr("Try 'vexa --help'."));
@@ -219,23 +215,23 @@ TEST_F(GuestSet, UnknownOptionsAndMissingValues_AreWrongUsage) {
 }
 
 TEST_F(GuestSet, Set_UnknownOrAmbiguousNames_SendNothing) {
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   const auto several = RunOn(host, {"twin", "vcpu_num=1"});
   EXPECT_EQ(several.exit_code, 1);
-  EXPECT_EQ(several.errors, "vexa: Several guests are called 'twin': give the id, one of g2, g3\n");
-  const auto nobody = RunOn(host, {"web-9", "vcpu_num=1"});
-  EXPECT_EQ(nobody.exit_code, 1);
-  EXPECT_EQ(nobody.errors, "vexa: There is no guest called 'web-9'; see 'vexa guest list'\n");
+  EXPECT_EQ(several.errors, "vexa: Several guests are called 'twin'. Use one of the ids g2, g3\n");
+  const auto unlisted = RunOn(host, {"web-9", "vcpu_num=1"});
+  EXPECT_EQ(unlisted.exit_code, 1);
+  EXPECT_EQ(unlisted.errors, "vexa: There is no guest called 'web-9'; see 'vexa guest list'\n");
   EXPECT_EQ(host.Count("set"), 0);
 }
 
-TEST_F(GuestSet, UnknownUsersAndGroups_SendNothing) {
+TEST_F(GuestSet, Set_UnknownUsersAndGroups_SendNothing) {
   // With a store, so that the names are looked for.
   std::filesystem::create_directory(folder_.File("data"));
   ASSERT_EQ(
       Run({"user", "add", "somebody", "--password-stdin", "--data", folder_.File("data")}, "good password\n").exit_code,
       0);
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   for (const char* who : {"user:nobody-of-this-name", "group:nobody-of-this-name"}) {
     for (const std::vector<std::string>& where :
          {std::vector<std::string>{"--data", folder_.File("data")}, {"--system"}}) {
@@ -250,7 +246,7 @@ TEST_F(GuestSet, UnknownUsersAndGroups_SendNothing) {
   EXPECT_THAT(host.calls(), IsEmpty());
 }
 
-TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
+TEST_F(GuestSet, Set_UserAndGroupNames_AreResolvedByServer) {
   const ApiHost host(With([](const std::string& method, const Json::Value& parameters) {
     if (method != "level_get") return ApiHost::Success();
     const bool is_staff = parameters["kind"] == "group" && parameters["name"] == "staff";
@@ -263,7 +259,7 @@ TEST_F(GuestSet, NamesOfUsersAndGroups_AreAskedOfTheServer) {
               HasSubstr(R"("guest_privilege":[{"allow":false,"gid":1026,"name":"staff","type":"use"}])"));
   const int sent = host.Count("set");
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:bob"}).errors, StartsWith("vexa: user:bob: No. (error 980"));
-  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:carol"}).errors, HasSubstr("give uid:NUMBER or gid:NUMBER"));
+  EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:carol"}).errors, HasSubstr("Use uid:NUMBER or gid:NUMBER"));
   EXPECT_THAT(RunOn(host, {"web-1", "--allow", "user:odd"}).errors, HasSubstr("contains no id"));
   EXPECT_EQ(RunOn(host, {"web-1", "--allow", "group:staff", "--revoke", "gid:1026"}).exit_code, 2);
   EXPECT_EQ(host.Count("set"), sent);
@@ -284,7 +280,7 @@ TEST_F(GuestSet, Allow_UserWithDamagedGrants_IsLookedUpInUserList) {
   EXPECT_EQ(host.Count("set"), 1);
 }
 
-TEST_F(GuestSet, UsersOfTheSystem_AreFoundWithSystem) {
+TEST_F(GuestSet, Allow_SystemUser_IsFoundWithSystemOption) {
   EXPECT_EQ(Sent({"--system", "--allow", "user:root", "--revoke", "group:root"}),
             R"({"guest_privilege":[{"allow":true,"name":"root","type":"use","uid":0},)"
             R"({"allow":false,"gid":0,"name":"root","type":"use"}]})");
@@ -292,8 +288,8 @@ TEST_F(GuestSet, UsersOfTheSystem_AreFoundWithSystem) {
 
 // What comes of it.
 
-TEST_F(GuestSet, Success_IsALine) {
-  const ApiHost host(AllWell());
+TEST_F(GuestSet, Set_Succeeds_PrintsOneLine) {
+  const ApiHost host(SucceedAlways());
   EXPECT_EQ(RunOn(host, {"web-1", "vcpu_num=1"}).output, "web-1: edited\n");
   EXPECT_EQ(RunOn(host, {"g1", "name=web-1"}).output, "web-1: edited\n");
   EXPECT_EQ(RunOn(host, {"g1", "name=web\xe2\x80\xae"}).output, "web-1: edited and renamed to web\\u{202e}\n");
@@ -301,8 +297,8 @@ TEST_F(GuestSet, Success_IsALine) {
   EXPECT_EQ(RunOn(host, {"-q", "web-1", "vcpu_num=1"}).output, "");
 }
 
-TEST_F(GuestSet, Json_HasTheOutcome) {
-  const ApiHost well(AllWell());
+TEST_F(GuestSet, Set_Json_ContainsOutcome) {
+  const ApiHost well(SucceedAlways());
   EXPECT_EQ(Parse(RunOn(well, {"--json", "web-1", "vcpu_num=1"}).output),
             Parse(R"({"guest_id":"g1","guest_name":"web-1","success":true,"message":"edited"})"));
   const ApiHost badly(Refuses(920));
@@ -335,7 +331,7 @@ TEST_F(GuestSet, Set_Refusals_ShowCodeAndDetails) {
 }
 
 TEST_F(GuestSet, DryRun_PrintsTheRequestAndSendsNothing) {
-  const ApiHost host(AllWell());
+  const ApiHost host(SucceedAlways());
   const auto result = RunOn(host, {"web-1", "vcpu_num=4", "--add-disk", "2", "--dry-run"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_EQ(Parse(result.output), Parse(R"({"guest_id":"g1","vcpu_num":4,"vdisks_add":[{"vdisk_size":2}]})"));
@@ -373,10 +369,10 @@ TEST_F(GuestSet, DryRun_ChecksAgainstGuestsParts) {
       {"--del-nic", kA, "The guest has no network interface '" + kA + "'"},
       {"--edit-nic", kA + ",type=2", "The guest has no network interface '" + kA + "'"},
   };
-  for (const auto& [option, value, told] : rows) {
+  for (const auto& [option, value, expected] : rows) {
     const auto result = dry(option, value);
     EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.errors, "vexa: " + told + "\n");
+    EXPECT_EQ(result.errors, "vexa: " + expected + "\n");
     EXPECT_THAT(result.output, IsEmpty());
   }
   EXPECT_EQ(host.Count("set"), 0);
@@ -425,7 +421,7 @@ TEST_F(GuestSet, NoServer_IsUnreachable) {
 TEST_F(GuestSet, Help_ListsUnitsAndAllSettings) {
   EXPECT_THAT(Run({"guest", "set", "--help"}).output,
               AllOf(HasSubstr("Sizes of disks are in GiB"), HasSubstr("memory in MiB"), HasSubstr("hyperv_enlighten="),
-                    HasSubstr("--dry-run"), HasSubstr("There is nothing to wait for")));
+                    HasSubstr("--dry-run"), HasSubstr("applies from its next start")));
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ class OnTerminal {
     EXPECT_EQ(::write(master_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
 
-  bool Echoes() const {
+  bool IsEchoOn() const {
     termios settings{};
     EXPECT_EQ(::tcgetattr(master_, &settings), 0);
     return (settings.c_lflag & ECHO) != 0;

@@ -1,12 +1,10 @@
-// https: whom the client trusts.
+// https: which certificates the client trusts.
 #include <thread>
 
 #include "tests/system/cli_program.h"
 
 namespace vexa::test {
 namespace {
-
-using ::testing::HasSubstr;
 
 class Tls : public CliTest {
  protected:
@@ -36,31 +34,33 @@ class Tls : public CliTest {
     url = "https://" + shown.substr(at, shown.find('\n', at) - at);
     return server;
   }
+
+  // What 'vexa health' answers about a server whose certificate is for `subject`. `trust` are the client's flags.
+  ProcessResult HealthOf(const std::string& subject, const std::vector<std::string>& trust) {
+    MakeCertificate("server", subject);
+    std::string url;
+    const auto server = Serve("server", url);
+    std::vector<std::string> arguments{"health", "--server", url};
+    arguments.insert(arguments.end(), trust.begin(), trust.end());
+    return Run(arguments);
+  }
+  std::vector<std::string> TrustingServer() const { return {"--ca-file", folder_.File("server.pem")}; }
 };
 
-TEST_F(Tls, CertificateIsNotTrusted_IsUnreachable) {
-  MakeCertificate("good", "IP:127.0.0.1");
-  std::string url;
-  const auto server = Serve("good", url);
-  const auto result = Run({"health", "--server", url, "--insecure-http"});
+TEST_F(Tls, Connect_CertificateNotTrusted_IsUnreachable) {
+  const auto result = HealthOf("IP:127.0.0.1", {"--insecure-http"});
   EXPECT_EQ(result.exit_code, 3);
   EXPECT_THAT(result.errors, HasSubstr("certificate"));
 }
 
-TEST_F(Tls, AuthorityNamed_IsTrusted) {
-  MakeCertificate("good", "IP:127.0.0.1");
-  std::string url;
-  const auto server = Serve("good", url);
-  const auto result = Run({"health", "--server", url, "--ca-file", folder_.File("good.pem")});
+TEST_F(Tls, Connect_AuthorityGiven_IsTrusted) {
+  const auto result = HealthOf("IP:127.0.0.1", TrustingServer());
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output, HasSubstr("ready"));
 }
 
-TEST_F(Tls, CertificateOfAnotherHost_IsUnreachable) {
-  MakeCertificate("other", "DNS:other.example");
-  std::string url;
-  const auto server = Serve("other", url);
-  const auto result = Run({"health", "--server", url, "--ca-file", folder_.File("other.pem")});
+TEST_F(Tls, Connect_CertificateOfOtherHost_IsUnreachable) {
+  const auto result = HealthOf("DNS:other.example", TrustingServer());
   EXPECT_EQ(result.exit_code, 3);
 }
 

@@ -1,4 +1,4 @@
-// The daemon over real sockets: who may call what, and what every kind of request is answered.
+// The daemon over real sockets: access to each method, and the reply to each kind of request.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,6 +44,7 @@ class DaemonApi : public testing::Test {
     daemon_ = nullptr;
   }
   void SetUp() override { vexa::test::ClearCapturedSyslog(); }
+  static std::vector<std::thread> Stall(int calls, const std::string& token);
   static TestDaemon* daemon_;
 };
 
@@ -96,7 +97,7 @@ void CheckRole(HttpClient client, const Role& role, const std::map<std::string, 
   EXPECT_EQ(get, role.name == std::string("nobody") ? 103 : role.may_get ? 0 : 409) << role.name;
 }
 
-TEST_F(DaemonApi, PermissionMatrix_OverHttp) {
+TEST_F(DaemonApi, PermissionMatrix_OverHttp_IsAsDocumented) {
   const auto access_by_path = AccessByPath(daemon_->Tcp());
   ASSERT_GE(access_by_path.size(), 11u);
   for (const std::string& path : {kGetPath, kSetPath, kDeletePath, kPowerPath, kLogPath}) {
@@ -108,9 +109,9 @@ TEST_F(DaemonApi, PermissionMatrix_OverHttp) {
   }
 }
 
-// Of the methods that decide themselves. The guest has neither a repository that is known nor a host, so that nobody
-// gets further than 403 and 932: no host could be chosen.
-TEST_F(DaemonApi, PermissionMatrix_OfPowerDeletionAndLog) {
+// Methods that check rights themselves. The guest has no host and its repository is unknown, so that permitted calls
+// end with 403 or 932: no host could be chosen.
+TEST_F(DaemonApi, PermissionMatrix_PowerDeletionAndLog_IsAsDocumented) {
   struct Row {
     const char* role;
     int power;
@@ -129,7 +130,7 @@ TEST_F(DaemonApi, PermissionMatrix_OfPowerDeletionAndLog) {
 }
 
 // What the host answers to those who may is not looked at here: anything but a refusal of the caller or of the form.
-TEST_F(DaemonApi, PermissionMatrix_OfEditing) {
+TEST_F(DaemonApi, PermissionMatrix_Editing_IsAsDocumented) {
   constexpr int kDone = -1;
   struct Row {
     const char* role;
@@ -156,7 +157,7 @@ TEST_F(DaemonApi, PermissionMatrix_OfEditing) {
   }
 }
 
-TEST_F(DaemonApi, PermissionMatrix_OfAccounts) {
+TEST_F(DaemonApi, PermissionMatrix_Accounts_IsAsDocumented) {
   struct Row {
     const char* role;
     int list;
@@ -177,12 +178,12 @@ TEST_F(DaemonApi, PermissionMatrix_OfAccounts) {
   EXPECT_FALSE(vexa::test::SyslogContains("good password"));
 }
 
-TEST_F(DaemonApi, PermissionMatrix_OverTheUnixSocket) {
+TEST_F(DaemonApi, PermissionMatrix_OverUnixSocket_IsAsDocumented) {
   const auto access_by_path = AccessByPath(daemon_->Unix());
   for (const Role& role : kRoles) {
     if (role.name == std::string("nobody")) continue;  // needs another user id; see below
     SCOPED_TRACE(role.name);
-    daemon_->BeOnUnixSocket(role.name);
+    daemon_->ActAsOnUnixSocket(role.name);
     CheckRole(daemon_->Unix(), role, access_by_path);
   }
   ASSERT_TRUE(daemon_->Accounts()->DeleteUser("me").ok());
@@ -192,7 +193,7 @@ TEST_F(DaemonApi, PermissionMatrix_OverTheUnixSocket) {
   EXPECT_EQ(info["data"]["administrator"], true);
 }
 
-TEST_F(DaemonApi, UnknownUserIdOnTheUnixSocket_IsNotLoggedIn) {
+TEST_F(DaemonApi, UnixSocket_UnknownUserId_IsNotLoggedIn) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   ::chmod(daemon_->folder().path().c_str(), 0711);
   const auto result = vexa::test::RunProcess(
@@ -203,7 +204,7 @@ TEST_F(DaemonApi, UnknownUserIdOnTheUnixSocket_IsNotLoggedIn) {
   EXPECT_NE(result.output.find("\"code\":103"), std::string::npos) << result.output;
 }
 
-TEST_F(DaemonApi, Get_RepliesTheGuestWithARequestId) {
+TEST_F(DaemonApi, Get_Guest_IsReturnedWithRequestId) {
   HttpClient client = daemon_->TcpAs("grace");
   const HttpReply reply = client.PostJson(kGetPath, kGetBody);
   EXPECT_EQ(reply.status, 200);
@@ -272,7 +273,7 @@ TEST_P(DaemonApiRefusal, Request_IsAnsweredWithCodeStatusAndSentence) {
 INSTANTIATE_TEST_SUITE_P(Rows, DaemonApiRefusal, testing::ValuesIn(kRefusals),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(DaemonApi, DeepBody_IsRefusedBeforeTheHandler) {
+TEST_F(DaemonApi, Body_TooDeep_IsRefusedBeforeHandler) {
   HttpClient client = daemon_->TcpAs("admin");
   const std::string deep = "{\"a\":" + std::string(64, '[') + std::string(64, ']') + "}";
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, deep)), 101);
@@ -280,14 +281,14 @@ TEST_F(DaemonApi, DeepBody_IsRefusedBeforeTheHandler) {
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, fits)), 401);
 }
 
-TEST_F(DaemonApi, OversizedBody_IsRefusedWithAReadableAnswer) {
+TEST_F(DaemonApi, Body_TooLarge_IsRefusedWithReadableReply) {
   HttpClient client = daemon_->TcpAs("admin");
   const HttpReply reply = client.PostJson(kGetPath, "{\"a\":\"" + std::string(1024 * 1024, 'x') + "\"}");
   EXPECT_EQ(reply.status, 413);
   EXPECT_EQ(ErrorCode(reply), 112);
 }
 
-TEST_F(DaemonApi, OtherContentTypes_AreRefused) {
+TEST_F(DaemonApi, Body_OtherContentType_IsRefused) {
   HttpClient client = daemon_->TcpAs("admin");
   for (const char* type : {"Content-Type: text/plain", "Content-Type: application/jsonx",
                            "Content-Type: application/x-www-form-urlencoded", "Content-Type:"}) {
@@ -300,7 +301,7 @@ TEST_F(DaemonApi, OtherContentTypes_AreRefused) {
   }
 }
 
-TEST_F(DaemonApi, OtherHttpMethods_AreRefused) {
+TEST_F(DaemonApi, Request_OtherHttpMethod_IsRefused) {
   HttpClient client = daemon_->TcpAs("admin");
   for (const char* method : {"GET", "PUT", "DELETE", "PATCH"}) {
     const HttpReply reply = client.Send(method, kGetPath, {"Content-Type: application/json"}, "");
@@ -313,7 +314,7 @@ TEST_F(DaemonApi, OtherHttpMethods_AreRefused) {
   EXPECT_EQ(reply.headers.at("allow"), "GET, HEAD");
 }
 
-TEST_F(DaemonApi, Handler_LogsOneLineAndTheExceptionIsLogged) {
+TEST_F(DaemonApi, Call_HandlerThrows_LogsOneLineAndTheException) {
   HttpClient client = daemon_->TcpAs("mallory");
   vexa::test::ClearCapturedSyslog();
   EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, kGetBody)), 409);
@@ -326,7 +327,7 @@ TEST_F(DaemonApi, Handler_LogsOneLineAndTheExceptionIsLogged) {
 
 // Logging in and out.
 
-TEST_F(DaemonApi, WrongPasswordAndUnknownUser_AreAnsweredAlike) {
+TEST_F(DaemonApi, Login_WrongPasswordOrUnknownUser_HasSameReply) {
   HttpClient client = daemon_->Tcp();
   const HttpReply wrong = client.PostJson(kLoginPath, LoginBody("grace", "wrong"));
   const HttpReply unknown = client.PostJson(kLoginPath, LoginBody("ghost", "wrong"));
@@ -363,9 +364,9 @@ TEST_F(DaemonApi, Logout_EndsTheSession) {
   EXPECT_EQ(reply.headers.at("www-authenticate"), "Bearer");
 }
 
-TEST_F(DaemonApi, BadTokens_AreNeverAFallBack) {
+TEST_F(DaemonApi, InvalidToken_IsRefusedInsteadOfIgnored) {
   for (const char* header : {"Bearer x", "Bearer ", "Bearer", "Basic Z3JhY2U6eA==", "bearer", "x"}) {
-    // Also on the Unix socket, where the caller would be somebody without it.
+    // Also on the Unix socket, where the caller would be identified without it.
     HttpClient tcp = daemon_->Tcp();
     HttpClient local = daemon_->Unix();
     for (HttpClient* client : {&tcp, &local}) {
@@ -383,7 +384,7 @@ TEST_F(DaemonApi, Info_ReturnsCaller) {
   EXPECT_EQ(data["advanced"], true);
 }
 
-TEST_F(DaemonApi, CookieCaller_NeedsTheCsrfToken) {
+TEST_F(DaemonApi, Cookie_WithoutCsrfToken_IsRefused) {
   HttpClient client = daemon_->Tcp();
   const HttpReply login = client.PostJson(
       kLoginPath, std::string(R"({"user":"grace","password":")") + kTestPassword + R"(","cookie":true})");
@@ -449,38 +450,35 @@ TEST_F(DaemonApi, Metrics_CountCalls) {
 
 // Lanes.
 
-TEST_F(DaemonApi, StuckCalls_DoNotHoldTheOthers) {
-  constexpr int kStuck = 40;
+// Calls that last until they are released, each in a thread. Returns when all of them are in their handlers.
+std::vector<std::thread> DaemonApi::Stall(int calls, const std::string& token) {
   std::vector<std::thread> stuck;
-  const std::string token = daemon_->Login("mallory");
-  for (int i = 0; i < kStuck; ++i) {
-    stuck.emplace_back([&] {
+  for (int i = 0; i < calls; ++i) {
+    stuck.emplace_back([token] {
       HttpClient client = daemon_->Tcp();
       client.SetHeader("Authorization", "Bearer " + token);
       client.SetTimeout(std::chrono::seconds(120));
       EXPECT_EQ(ErrorCode(client.PostJson("/webapi/VEXA.Test/stall", "{}")), 0);
     });
   }
-  while (daemon_->stalled() < kStuck) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  while (daemon_->stalled() < calls) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  return stuck;
+}
+
+TEST_F(DaemonApi, StuckCalls_DoNotDelayOthers) {
+  constexpr int kStuck = 40;
+  const std::string token = daemon_->Login("mallory");
+  std::vector<std::thread> stuck = Stall(kStuck, token);
   HttpClient client = daemon_->TcpAs("grace");
   for (int i = 0; i < 50; ++i) EXPECT_EQ(ErrorCode(client.PostJson(kGetPath, kGetBody)), 0);
   daemon_->ReleaseStalled();
   for (std::thread& thread : stuck) thread.join();
 }
 
-TEST_F(DaemonApi, QuotaOfAUser_AnswersBusyAndLeavesOthersAlone) {
+TEST_F(DaemonApi, Quota_UserExceedsIt_IsBusyAndOthersAreServed) {
   const int quota = daemon_->config().calls_per_user;
-  std::vector<std::thread> stuck;
   const std::string token = daemon_->Login("mallory");
-  for (int i = 0; i < quota; ++i) {
-    stuck.emplace_back([&] {
-      HttpClient client = daemon_->Tcp();
-      client.SetHeader("Authorization", "Bearer " + token);
-      client.SetTimeout(std::chrono::seconds(120));
-      EXPECT_EQ(ErrorCode(client.PostJson("/webapi/VEXA.Test/stall", "{}")), 0);
-    });
-  }
-  while (daemon_->stalled() < quota) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  std::vector<std::thread> stuck = Stall(quota, token);
   HttpClient client = daemon_->Tcp();
   client.SetHeader("Authorization", "Bearer " + token);
   const HttpReply refused = client.PostJson("/webapi/VEXA.Test/stall", "{}");
@@ -493,7 +491,7 @@ TEST_F(DaemonApi, QuotaOfAUser_AnswersBusyAndLeavesOthersAlone) {
   for (std::thread& thread : stuck) thread.join();
 }
 
-TEST(DaemonLogin, TooManyFailures_AreSlowedDown) {
+TEST(DaemonLogin, Login_TooManyFailures_IsSlowedDown) {
   TestDaemon daemon;
   HttpClient client = daemon.Tcp();
   HttpReply reply;
@@ -508,7 +506,7 @@ TEST(DaemonLogin, TooManyFailures_AreSlowedDown) {
   EXPECT_GE(tries, 10);
 }
 
-TEST(DaemonStop, RequestInFlight_IsAnsweredAndSessionsSurvive) {
+TEST(DaemonStop, Stop_RequestInFlight_IsAnsweredAndSessionsAreKept) {
   auto daemon = std::make_unique<TestDaemon>();
   const std::string token = daemon->Login("grace");
   std::thread caller([&] {

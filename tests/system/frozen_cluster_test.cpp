@@ -1,4 +1,4 @@
-// The folder of the cluster database goes away under three hosts, and comes back.
+// The folder of the cluster database is unmounted under three running hosts, and mounted again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,7 +22,6 @@ namespace {
 
 namespace states = VexaCCC::State;
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 
 constexpr char kRunning[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";  // on host 1, as its repository
 constexpr char kOff[] = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c";      // on host 0, as its repository
@@ -30,12 +29,9 @@ constexpr char kPassword[] = "correct horse";
 
 class FrozenCluster : public TransportCluster {
  protected:
-  void SetUp() override {
-    TransportCluster::SetUp();
-    if (HasFatalFailure()) return;
+  void PutRecords() override {
     for (int host = 0; host < 2; ++host) {
-      Put("repository", "repository-" + std::to_string(host),
-          R"({"name":"pool","state":")" + std::string(states::Repo::online) + R"(","host_id":")" + IdOf(host) + "\"}");
+      PutRepository("repository-" + std::to_string(host), host);
     }
     PutGuest(kRunning, 1);
     PutGuest(kOff, 0);
@@ -64,9 +60,9 @@ class FrozenCluster : public TransportCluster {
     user.name = "grace";
     user.password = kPassword;
     Require(accounts.AddUser(user));
-    const std::string identifier = cluster::GuestAdminIdentifier("users", Require(accounts.FindUser("grace")).uid);
+    const std::string identifier = records::GuestAdminIdentifier("users", Require(accounts.FindUser("grace")).uid);
     (void)Require(database().Commit({{},
-                                     {{cluster::GuestAdminKey(identifier),
+                                     {{records::GuestAdminKey(identifier),
                                        R"({"authlevel":"user","guests":{")" + std::string(kOff) + "\":true}}"}}}));
     const Json::Value login =
         Call(0, "VEXA.Core.Session/login", R"({"user":"grace","password":")" + std::string(kPassword) + "\"}");
@@ -147,10 +143,10 @@ class FrozenCluster : public TransportCluster {
   std::string token_;
 };
 
-TEST_F(FrozenCluster, FolderGoesAway_GuestsAreShownFrozenUntilItIsBack) {
+TEST_F(FrozenCluster, StoreFolder_Unmounted_ShowsGuestsFrozenUntilMounted) {
   auto since = std::chrono::steady_clock::now();
   MoveAway();
-  // A host's own guests live while it runs them; all others are as they were, which nobody can know.
+  // A host's own guests live while it runs them; the others keep their last known state, which cannot be verified.
   ExpectShown({"freeze, freeze; freeze, freeze", "running, freeze; running, freeze", "freeze, freeze; freeze, freeze"},
               since);
   for (int host = 0; host < kHosts; ++host) EXPECT_EQ(Health(host), 503) << host;
@@ -184,11 +180,12 @@ TEST_F(FrozenCluster, HostStart_StoreFolderMissing_IsReportedAndNotCreated) {
   MoveAway();
   hosts_[2].reset();
   ProcessOptions options;
-  options.argv = {TRANSPORT_HOST, "--data",         Folder(2), "--store", folder_.File("store"), "--listen", "none",
-                  "--socket",     Folder(2) + "/s", "--log",   "stderr"};
+  options.argv = {TRANSPORT_HOST_PROGRAM, "--data",   Folder(2), "--store",
+                  folder_.File("store"),  "--listen", "none",    "--socket",
+                  Folder(2) + "/s",       "--log",    "stderr"};
   const ProcessResult host = RunProcess(options);
   EXPECT_EQ(host.exit_code, 1);
-  EXPECT_THAT(host.errors, HasSubstr("holds no database, although this host has used one there"));
+  EXPECT_THAT(host.errors, HasSubstr("does not contain a database, although this host used one there before"));
   EXPECT_FALSE(std::filesystem::exists(folder_.File("store") + "/data.mdb"));
 }
 

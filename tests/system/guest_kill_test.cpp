@@ -17,10 +17,10 @@
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
-#include "tests/support/http_client.h"
 #include "tests/support/process.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/vexad_client.h"
 #include "webapi/platform/ccc_constants.h"
 
 namespace {
@@ -35,7 +35,7 @@ using vexa::test::Require;
 constexpr int kGuests = 4;
 constexpr int kDisks = 2;
 constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
-constexpr int kRunsAlready = 939;
+constexpr int kAlreadyRunning = 939;
 
 std::string GuestId(int i) { return "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c21" + std::to_string(i); }
 std::string DiskId(int i, int disk) { return "disk-" + std::to_string(i) + "-" + std::to_string(disk); }
@@ -99,12 +99,7 @@ class KilledDaemon : public testing::Test {
     return process;
   }
 
-  HttpClient Client() const {
-    vexa::test::HttpTarget target;
-    target.url = "http://localhost";
-    target.unix_socket = folder_.File("s");
-    return HttpClient(target);
-  }
+  HttpClient Client() const { return HttpClient(vexa::test::UnixSocket(folder_.File("s"))); }
 
   // The error code, 0 for a success, -1 for no reply.
   static int Ask(HttpClient& client, int guest, const std::string& action) {
@@ -131,12 +126,12 @@ class KilledDaemon : public testing::Test {
     return keys;
   }
 
-  bool IsThere(int i) const {
+  bool GuestExists(int i) const {
     const auto snapshot = Require(store_->Read());
     return Require(snapshot->Get(Key("guest", GuestId(i)))).has_value();
   }
 
-  // Whether everything says the same of the guest, when nothing is under way.
+  // Whether records and hypervisor agree about the guest, when no job runs.
   void ExpectAgreement(int i, HttpClient& client) {
     const std::map<std::string, std::string> keys = Keys();
     const std::string id = GuestId(i);
@@ -161,11 +156,11 @@ class KilledDaemon : public testing::Test {
     if (state != keys.end() && !is_running) {
       EXPECT_EQ(state->second, json::ToText(states::shutdown));
     }
-    const auto run = keys.find(vexa::guests::RunKey(id));
+    const auto run = keys.find(vexa::records::RunKey(id));
     EXPECT_EQ(run != keys.end(), is_running);
     EXPECT_TRUE(run == keys.end() || run->second.find("\"starting\":true") == std::string::npos) << run->second;
     // The hypervisor knows best what it runs.
-    EXPECT_EQ(Ask(client, i, "poweron"), is_running ? kRunsAlready : 0);
+    EXPECT_EQ(Ask(client, i, "poweron"), is_running ? kAlreadyRunning : 0);
     if (!is_running) {
       EXPECT_EQ(Ask(client, i, "poweroff"), 0);
     }
@@ -182,7 +177,7 @@ class KilledDaemon : public testing::Test {
   std::shared_ptr<vexa::store::Store> store_;
 };
 
-TEST_F(KilledDaemon, AtAnyMoment_LeavesNothingHalfMade) {
+TEST_F(KilledDaemon, Kill_AtAnyMoment_LeavesNothingHalfMade) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
@@ -225,7 +220,7 @@ TEST_F(KilledDaemon, AtAnyMoment_LeavesNothingHalfMade) {
       EXPECT_TRUE(daemon->Wait(60s));
     }
     for (int i = 0; i < kGuests; ++i) {
-      if (!IsThere(i)) PutGuest(i);
+      if (!GuestExists(i)) PutGuest(i);
     }
   }
   const auto daemon = Start();
@@ -236,7 +231,7 @@ TEST_F(KilledDaemon, AtAnyMoment_LeavesNothingHalfMade) {
   EXPECT_GE(interrupted, VEXA_KILL_ROUNDS / 2);
 }
 
-TEST_F(KilledDaemon, ByAGracefulStop_LosesNoRunningGuest) {
+TEST_F(KilledDaemon, GracefulStop_LosesNoRunningGuest) {
   {
     const auto daemon = Start();
     HttpClient client = Client();
@@ -248,7 +243,7 @@ TEST_F(KilledDaemon, ByAGracefulStop_LosesNoRunningGuest) {
   }
   const auto daemon = Start();
   HttpClient client = Client();
-  for (int i = 0; i < kGuests; ++i) EXPECT_EQ(Ask(client, i, "poweron"), kRunsAlready);
+  for (int i = 0; i < kGuests; ++i) EXPECT_EQ(Ask(client, i, "poweron"), kAlreadyRunning);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Lists and states of guests in a cluster of three hosts that are three processes: how new they are, and what a host
-// that hangs or has died costs those who ask.
+// Lists and states of guests in a cluster of three hosts that are three processes: how current they are, and how
+// a hung or dead host delays callers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -20,9 +20,6 @@ namespace {
 namespace states = VexaCCC::State;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using ::testing::AnyOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";  // of host 1
 constexpr char kOther[] = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c";  // of host 2
@@ -37,11 +34,8 @@ std::string GuestId(const std::string& id) { return R"({"guest_id":")" + id + "\
 
 class GuestListCluster : public TransportCluster {
  protected:
-  void SetUp() override {
-    TransportCluster::SetUp();
-    if (HasFatalFailure()) return;
-    Put("repository", kRepository,
-        R"({"name":"pool","state":")" + std::string(states::Repo::online) + R"(","host_id":")" + IdOf(0) + "\"}");
+  void PutRecords() override {
+    PutRepository(kRepository, 0);
     PutGuest(kGuest, "web-1", 1);
     PutGuest(kOther, "free", 2);
   }
@@ -54,7 +48,7 @@ class GuestListCluster : public TransportCluster {
         R"({"name":")" + name + R"(","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"state":")" +
             states::Guest::shutdown + R"(","repository_id":")" + kRepository + R"(","host_id":")" + IdOf(host) + "\"}");
   }
-  // The host's last sign of life was given at this Unix second. It must not run, or it gives another one.
+  // Makes this Unix second the time of the host's last heartbeat. The host must not run, or it writes another one.
   void PutSeen(int host, long second) { Put("host", IdOf(host), R"({"time":)" + std::to_string(second) + "}", "seen"); }
 
   Json::Value Power(int host, const std::string& action, const std::string& guest = kGuest) {
@@ -125,7 +119,7 @@ TEST_F(GuestListCluster, List_AfterChangesOfRecords_ShowsThemOnEveryHost) {
 TEST_F(GuestListCluster, HungHost_DelaysNeitherListsNorStatusOfOthersGuests) {
   EXPECT_EQ(CodeOf(Power(0, "poweron", kOther)), 0);
   EXPECT_EQ(CodeOf(Power(0, "poweron")), 0) << "now there is a connection, over which a call can hang";
-  Freeze(1);
+  Suspend(1);
   double longest = 0;
   const auto end = Clock::now() + 16s;  // beyond the time after which it counts as gone
   for (int round = 0; Clock::now() < end; ++round) {
@@ -140,10 +134,10 @@ TEST_F(GuestListCluster, HungHost_DelaysNeitherListsNorStatusOfOthersGuests) {
   EXPECT_LT(longest, 1.0);
   RecordProperty("longest_ms", static_cast<int>(longest * 1000));
   EXPECT_EQ(ListedState(0), "inaccessible") << "the guest of the host that hangs";
-  Thaw(1);
+  Resume(1);
 }
 
-TEST_F(GuestListCluster, List_HostGone_ShowsItAndItsGuestsSinceLastSignOfLife) {
+TEST_F(GuestListCluster, List_HostGone_ShowsItAndItsGuestsSinceLastHeartbeat) {
   EXPECT_EQ(CodeOf(Power(0, "poweron")), 0);
   EXPECT_EQ(ListedState(0), "running");
   Kill(1);
@@ -169,9 +163,9 @@ TEST_F(GuestListCluster, List_HostGone_ShowsItAndItsGuestsSinceLastSignOfLife) {
   EXPECT_EQ(host["inaccessible_since"], 1'000'000'000);
 }
 
-// A process that is stopped takes connections, so only its signs of life show it.
+// A stopped process still accepts connections, so only its missing heartbeats show that it is gone.
 TEST_F(GuestListCluster, Figures_HostGone_IsNotCalled) {
-  Freeze(1);
+  Suspend(1);
   PutSeen(1, 1'000'000'000);
   const auto begun = Clock::now();
   Json::Value arguments;
@@ -182,7 +176,7 @@ TEST_F(GuestListCluster, Figures_HostGone_IsNotCalled) {
   EXPECT_TRUE(resources.isMember(IdOf(0)) && resources.isMember(IdOf(2))) << json::ToText(resources);
   EXPECT_FALSE(resources.isMember(IdOf(1)));
   EXPECT_LT(Seconds(begun), 3.0) << "the two that live take a sample of 0.2 s each";
-  Thaw(1);
+  Resume(1);
 }
 
 TEST_F(GuestListCluster, Actions_HostGone_FailWithReason) {

@@ -19,8 +19,6 @@ namespace {
 
 namespace states = VexaCCC::State::Guest;
 using namespace std::chrono_literals;
-using ::testing::AnyOf;
-using ::testing::HasSubstr;
 
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr char kOther[] = "c4a9e7d2-5b31-4f86-a07c-1e2d3f4a5b6c";
@@ -28,12 +26,8 @@ constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
 
 class GuestPowerCluster : public TransportCluster {
  protected:
-  void SetUp() override {
-    TransportCluster::SetUp();
-    if (HasFatalFailure()) return;
-    Put("repository", kRepository,
-        R"({"name":"pool","state":")" + std::string(VexaCCC::State::Repo::online) + R"(","host_id":")" + IdOf(1) +
-            "\"}");
+  void PutRecords() override {
+    PutRepository(kRepository, 1);
     PutGuest(IdOf(1));
   }
 
@@ -76,7 +70,7 @@ class GuestPowerCluster : public TransportCluster {
   }
 };
 
-TEST_F(GuestPowerCluster, AGuestOfAnotherHost_GoesThroughItsLife) {
+TEST_F(GuestPowerCluster, Actions_GuestOfOtherHost_AreCarriedOutThere) {
   EXPECT_EQ(Power(0, "poweron"), 0);
   ExpectState(states::running);
   EXPECT_THAT(Stored({"run", kGuest}), HasSubstr(IdOf(1)));
@@ -104,17 +98,17 @@ TEST_F(GuestPowerCluster, AGuestOfAnotherHost_GoesThroughItsLife) {
   EXPECT_EQ(State(), "");
 }
 
-TEST_F(GuestPowerCluster, InformationOfARunningGuest_ComesFromItsHost) {
+TEST_F(GuestPowerCluster, GuestInfo_RunningOnOtherHost_ComesFromThatHost) {
   EXPECT_EQ(Power(0, "poweron"), 0);
-  const Json::Value told = Library(2, "GetInformation", [] {
+  const Json::Value answer = Library(2, "GetInformation", [] {
     Json::Value arguments;
     arguments["guest_id"] = kGuest;
     return arguments;
   }());
-  EXPECT_TRUE(told["out"].isMember("uptime") || told["out"].isMember("has_agent")) << json::ToText(told);
+  EXPECT_TRUE(answer["out"].isMember("uptime") || answer["out"].isMember("has_agent")) << json::ToText(answer);
 }
 
-TEST_F(GuestPowerCluster, AGuestWithoutAHost_GoesToTheHostOfItsRepository) {
+TEST_F(GuestPowerCluster, PowerOn_GuestWithoutHost_UsesRepositoryHost) {
   PutGuest("");
   EXPECT_EQ(Power(2, "poweron"), 0);
   EXPECT_THAT(Stored({"run", kGuest}), HasSubstr(IdOf(1)));
@@ -157,7 +151,7 @@ TEST_F(GuestPowerCluster, DeadHost_GuestCannotStartElsewhereUntilHostReturns) {
 }
 
 // The host that was asked does not do what the host that has the files has refused.
-TEST_F(GuestPowerCluster, Delete_RefusedByLiveRepositoryHost_IsNotDoneByAnother) {
+TEST_F(GuestPowerCluster, Delete_LiveRepositoryHostRefuses_NoOtherHostDeletes) {
   std::ofstream(Folder(1) + "/images/.vexa-deleted-" + kGuest + "-0") << "in the way";
   EXPECT_EQ(Delete(0), 901);
   EXPECT_NE(Stored({"dash", "guest", kGuest, "object"}), "");
@@ -167,12 +161,12 @@ TEST_F(GuestPowerCluster, Delete_RefusedByLiveRepositoryHost_IsNotDoneByAnother)
   EXPECT_TRUE(std::filesystem::exists(Image()));
 }
 
-TEST_F(GuestPowerCluster, AGuestDeletedWithoutItsRepositorysHost_LeavesItTheFiles) {
+TEST_F(GuestPowerCluster, Delete_RepositoryHostDown_LeavesFilesToThatHost) {
   hosts_[1]->Signal(SIGKILL);
   EXPECT_TRUE(hosts_[1]->Wait(30s));
   EXPECT_EQ(Delete(0), 901) << "a moment ago it was alive";
   EXPECT_NE(Stored({"dash", "guest", kGuest, "object"}), "");
-  // Its last sign of life is long ago.
+  // Its last heartbeat is long ago.
   (void)Require(database().Commit({{}, {{store::MakeKey({"dash", "host", IdOf(1), "seen"}), R"({"time":1})"}}}));
   EXPECT_EQ(Delete(0), 0);
   EXPECT_EQ(Stored({"dash", "guest", kGuest, "object"}), "");
@@ -180,7 +174,7 @@ TEST_F(GuestPowerCluster, AGuestDeletedWithoutItsRepositorysHost_LeavesItTheFile
   EXPECT_THAT(Stored({"leftover", IdOf(1), kGuest}), HasSubstr("disk-1.img"));
 }
 
-TEST_F(GuestPowerCluster, Release_OfAGuestOfAnotherHost_IsDoneThere) {
+TEST_F(GuestPowerCluster, Release_GuestOfOtherHost_IsDoneThere) {
   const std::string parameters = R"({"guest_id":")" + std::string(kGuest) + "\"}";
   EXPECT_EQ(CodeOf(Call(0, "VEXA.Virtualization.Guest/discard_saved", parameters)), 911) << "it is not saved";
   EXPECT_EQ(Power(0, "poweron"), 0);
@@ -197,9 +191,9 @@ TEST_F(GuestPowerCluster, Release_OfAGuestOfAnotherHost_IsDoneThere) {
   EXPECT_THAT(log, HasSubstr("The virtual machine [web-1] has been released to libvirt."));
 }
 
-TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {
+TEST_F(GuestPowerCluster, StalledHost_Actions_OtherHostsGuestsAreNotDelayed) {
   EXPECT_EQ(Power(0, "reboot"), 905) << "now there is a connection, over which a call can hang";
-  Freeze(1);
+  Suspend(1);
   std::thread stuck([&] { EXPECT_EQ(Power(0, "poweron"), 0) << "when it goes on, so does the call"; });
   Put("guest", kOther,
       R"({"name":"free","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"host_id":")" + IdOf(2) + "\"}");
@@ -208,14 +202,14 @@ TEST_F(GuestPowerCluster, AStalledHost_DelaysNoOthersGuests) {
             0);
   EXPECT_EQ(Stored({"dash", "guest", kOther, "state"}), json::ToText(states::running));
   EXPECT_EQ(State(), "");
-  Thaw(1);
+  Resume(1);
   stuck.join();
   ExpectState(states::running);
 }
 
-TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
+TEST_F(GuestPowerCluster, GracefulStop_OtherHostStalled_DoesNotWait) {
   EXPECT_EQ(Power(0, "reboot"), 905);
-  Freeze(1);
+  Suspend(1);
   std::atomic<int> code = 0;
   std::thread stuck([&] { code = Power(0, "poweron"); });
   // Until the call has left, which nothing reports.
@@ -226,7 +220,7 @@ TEST_F(GuestPowerCluster, AGracefulStop_DoesNotWaitForAStalledHost) {
   EXPECT_EQ(status->code, 0) << hosts_[0]->errors();
   stuck.join();
   EXPECT_EQ(code, 902) << "the caller gets the error";
-  Thaw(1);
+  Resume(1);
 }
 
 }  // namespace

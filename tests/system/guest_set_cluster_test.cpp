@@ -1,4 +1,5 @@
-// Edits in a cluster of three hosts that are three processes: who carries one out, for whom, and what others see of it.
+// Edits in a cluster of three hosts, each a process: which host carries one out, for which user, and what the others
+// see.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,26 +12,20 @@
 #include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
-#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::test {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
 
 class GuestSetCluster : public TransportCluster {
  protected:
-  void SetUp() override {
-    TransportCluster::SetUp();
-    if (HasFatalFailure()) return;
+  void PutRecords() override {
     for (int host = 0; host < kHosts; ++host) std::filesystem::create_directories(Folder(host) + "/images");
-    Put("repository", kRepository,
-        R"({"name":"pool","state":")" + std::string(VexaCCC::State::Repo::online) + R"(","host_id":")" + IdOf(1) +
-            "\"}");
+    PutRepository(kRepository, 1);
     Put("guest", kGuest,
         R"({"name":"web-1","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"repository_id":")" +
             std::string(kRepository) + R"(","host_id":")" + IdOf(1) + "\"}");
@@ -58,7 +53,7 @@ class GuestSetCluster : public TransportCluster {
   }
 };
 
-TEST_F(GuestSetCluster, AnEditOfDisks_IsMadeByTheHostOfTheRepository) {
+TEST_F(GuestSetCluster, Set_Disks_IsDoneByRepositoryHost) {
   const Json::Value reply = Set(0, Disks(1) + R"(,"name":"web-2","boot_from":"iso")");
   ASSERT_EQ(CodeOf(reply), 0) << json::ToText(reply);
   const Json::Value guest = Record("guest", kGuest);
@@ -81,7 +76,7 @@ TEST_F(GuestSetCluster, AnEditOfDisks_IsMadeByTheHostOfTheRepository) {
   EXPECT_EQ(Files(1), 0u);
 }
 
-TEST_F(GuestSetCluster, TheRecordOfAnEdit_NamesTheUserAndTheRequest) {
+TEST_F(GuestSetCluster, EditRecord_ForwardedRequest_NamesUserAndRequest) {
   // The record is there while files are made, so there must be time to see it.
   Json::Value seen;
   Json::Value reply;
@@ -112,7 +107,7 @@ TEST_F(GuestSetCluster, TheRecordOfAnEdit_NamesTheUserAndTheRequest) {
   EXPECT_EQ(Files(1), 60u);
 }
 
-TEST_F(GuestSetCluster, WithoutTheRepositorysHost_DisksStayAndTheRestIsEdited) {
+TEST_F(GuestSetCluster, Set_RepositoryHostDown_KeepsDisksAndEditsRest) {
   EXPECT_EQ(CodeOf(Set(0, Disks(1) + R"(,"name":"other")")), 0);
   const std::string before = Stored({"dash", "guest", kGuest, "object"});
   hosts_[1]->Signal(SIGKILL);

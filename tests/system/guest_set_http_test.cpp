@@ -1,5 +1,4 @@
 // Elements of lists, hostile texts and numbers, and what the cluster log says, of edits over HTTP.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,23 +8,20 @@
 
 #include "host/base/json_parse.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/test_host.h"
-#include "tests/system/guest_set_ground.h"
+#include "tests/system/guest_set_fixture.h"
 
 namespace vexa::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
-
-class GuestSetHttp : public GuestSetGround {
+class GuestSetHttp : public GuestSetFixture {
  protected:
   static int Code(const std::string& members) { return Set("admin", Body(members)).code; }
   static void ExpectRefused(const std::string& members, int code) {
     const Answer answer = Set("admin", Body(members));
     EXPECT_EQ(answer.code, code) << members.substr(0, 300) << json::ToText(answer.reply);
-    EXPECT_EQ(Stored(), AtTheStart()) << members.substr(0, 300);
+    EXPECT_EQ(Stored(), Initial()) << members.substr(0, 300);
   }
   static std::string NewestText() { return json::String(NewestEntry()["text"]); }
 };
@@ -109,13 +105,13 @@ TEST_F(GuestSetHttp, Set_AddressInUse_IsOnlyInDetails) {
       EXPECT_EQ(answer.details["mac_addr"], kTakenMac);
       EXPECT_EQ(answer.details["guest_name"], "db");
       EXPECT_TRUE(GuestLines().empty());
-      EXPECT_EQ(Stored(), AtTheStart());
+      EXPECT_EQ(Stored(), Initial());
     }
   }
 }
 
 TEST_F(GuestSetHttp, Set_OtherErrors_HaveTheirMessage) {
-  const auto told = [](const std::string& members) {
+  const auto message_of = [](const std::string& members) {
     ClearCapturedSyslog();
     EXPECT_NE(Code(members), 0);
     const std::vector<std::string> lines = GuestLines();
@@ -125,20 +121,20 @@ TEST_F(GuestSetHttp, Set_OtherErrors_HaveTheirMessage) {
     return "Bad parameters" + what + ", request: " + json::ToText(Parsed(Body(members)));
   };
   std::string members = R"("vcpu_num":"two")";
-  EXPECT_EQ(told(members), bad("", members));
+  EXPECT_EQ(message_of(members), bad("", members));
   members = R"("boot_from":"ISO")";
-  EXPECT_EQ(told(members), bad(" (boot_from is invalid)", members));
+  EXPECT_EQ(message_of(members), bad(" (boot_from is invalid)", members));
   members = R"("iso_images":["unmounted",5])";
-  EXPECT_EQ(told(members), bad(" (iso_images is invalid)", members));
-  EXPECT_EQ(told(R"("hyperv_enlighten":true,"cpu_passthru":false)"),
+  EXPECT_EQ(message_of(members), bad(" (iso_images is invalid)", members));
+  EXPECT_EQ(message_of(R"("hyperv_enlighten":true,"cpu_passthru":false)"),
             "Cpu compatible mode and hyper-V are mutual exclusive.");
-  EXPECT_EQ(told(R"("usb_version":-1)"), "Unknown usb version (-1)");
-  EXPECT_EQ(told(R"("name":"db")"), "Guest name[db] conflict.");
+  EXPECT_EQ(message_of(R"("usb_version":-1)"), "Unknown usb version (-1)");
+  EXPECT_EQ(message_of(R"("name":"db")"), "Guest name[db] conflict.");
 }
 
 // Images
 
-TEST_F(GuestSetHttp, ImagesOutsideOfTheFolders_AreRefused) {
+TEST_F(GuestSetHttp, Set_ImageOutsideFolders_IsRefused) {
   const std::string outside = daemon().folder().File("outside.iso");
   std::ofstream(outside) << "not below the folder";
   std::filesystem::create_symlink(outside, ImageFolder() + "/isos/link.iso");
@@ -162,11 +158,11 @@ TEST_F(GuestSetHttp, ImagesOutsideOfTheFolders_AreRefused) {
            "/a/" + std::string(100'000, 'a') + ".iso",
        }) {
     EXPECT_EQ(code(path), 934) << path.substr(0, 200);
-    EXPECT_EQ(Stored(), AtTheStart());
+    EXPECT_EQ(Stored(), Initial());
   }
   for (const char* path : {"", "/", "..", "../isos/tools.iso", "%2e%2e/tools.iso", "tools.iso", "Unmounted"}) {
     EXPECT_EQ(code(path), 401) << path;
-    EXPECT_EQ(Stored(), AtTheStart());
+    EXPECT_EQ(Stored(), Initial());
   }
   EXPECT_EQ(code(ImageFolder() + "/isos/100%2e.iso"), 0) << "nothing in a path is decoded";
   Restore();
@@ -204,7 +200,7 @@ TEST_F(GuestSetHttp, Set_HostileNames_AreRefusedOrStoredUnchanged) {
   EXPECT_EQ(NewestText(), "The virtual machine [" + odd + "] has been successfully edited.");
 }
 
-TEST_F(GuestSetHttp, TextsThatEndLines_EndNoneOfTheLog) {
+TEST_F(GuestSetHttp, Set_LineEndsInTexts_DoNotSplitLogLines) {
   ClearCapturedSyslog();
   EXPECT_NE(Code(R"("boot_from":"iso\nguest:1 forged\u0000\r")"), 0);
   ASSERT_EQ(GuestLines().size(), 1u);
@@ -212,7 +208,7 @@ TEST_F(GuestSetHttp, TextsThatEndLines_EndNoneOfTheLog) {
   EXPECT_THAT(GuestLines()[0], HasSubstr(R"(iso\nguest:1 forged\u0000\r)"));
 }
 
-TEST_F(GuestSetHttp, LargeNumbers_DoNotWrap) {
+TEST_F(GuestSetHttp, Set_LargeNumbers_DoNotWrap) {
   // Times 1024 these would be small, or negative, in 32 bits.
   for (const char* size : {"4194304", "4194305", "2097152", "2147483647"}) {
     ExpectRefused(std::string(R"("vdisks_add":[{"vdisk_size":)") + size + "}]", 909);
@@ -227,11 +223,11 @@ TEST_F(GuestSetHttp, LargeNumbers_DoNotWrap) {
   for (const char* number : {"2147483648", "-2147483649", "9223372036854775808", "1e400", "1e9", "-0.0"}) {
     const int code = Code(std::string("\"vcpu_num\":") + number);
     EXPECT_TRUE(code == 401 || code == 101 || code == 106) << number << " " << code;
-    EXPECT_EQ(Stored(), AtTheStart());
+    EXPECT_EQ(Stored(), Initial());
   }
 }
 
-TEST_F(GuestSetHttp, LongLists_AreRefusedSoon) {
+TEST_F(GuestSetHttp, Set_LongLists_AreRefusedQuickly) {
   const auto list = [](const char* name, const std::string& element, int count) {
     std::string text = '"' + std::string(name) + "\":[" + element;
     for (int i = 1; i < count; ++i) text += "," + element;
@@ -249,7 +245,7 @@ TEST_F(GuestSetHttp, LongLists_AreRefusedSoon) {
   EXPECT_EQ(Code(list("guest_privilege", R"({"uid":4294967295,"name":"nobody"})", 20'000)), 1001);
   EXPECT_EQ(NewestText(),
             "Failed to configure permission settings for the user [nobody] on the virtual machine [web].");
-  EXPECT_EQ(Stored(), AtTheStart());
+  EXPECT_EQ(Stored(), Initial());
 }
 
 TEST_F(GuestSetHttp, Bodies_TooLargeOrTooDeep_AreRefusedBeforeHandler) {
@@ -262,7 +258,7 @@ TEST_F(GuestSetHttp, Bodies_TooLargeOrTooDeep_AreRefusedBeforeHandler) {
   EXPECT_EQ(status(Body("\"usbs\":[" + std::string(63, '[') + std::string(63, ']') + "]")), 400) << "65 levels";
   EXPECT_EQ(status(Body("\"name\":\"a\",\"name\":\"b\"")), 400) << "which of both?";
   EXPECT_EQ(status(Body("\"name\":\"\xff\"")), 400);
-  EXPECT_EQ(Stored(), AtTheStart());
+  EXPECT_EQ(Stored(), Initial());
   EXPECT_TRUE(GuestLines().empty());
 }
 
@@ -298,27 +294,28 @@ TEST_F(GuestSetHttp, Set_ManyUnknownPrincipals_AreOneBoundedLogEntry) {
   EXPECT_THAT(text, ::testing::StartsWith("Failed to configure permission settings for the user [no%n"));
   EXPECT_THAT(text, Not(HasSubstr("\n")));
   EXPECT_LE(text.size(), 4096u);
-  EXPECT_EQ(Stored(), AtTheStart());
+  EXPECT_EQ(Stored(), Initial());
 }
 
 // Hosts
 
 TEST_F(GuestSetHttp, Action_RepositoryHostUnknown_IsStillSent) {
-  const Answer answer = Set("admin", Body(R"("vdisks_add":[{"vdisk_size":1}])", kHomeless));
+  const Answer answer = Set("admin", Body(R"("vdisks_add":[{"vdisk_size":1}])", kGuestWithoutRepositoryHost));
   EXPECT_EQ(answer.code, 909) << "in place of 403";
   const std::vector<std::string> lines = GuestLines();
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], std::string("Failed to get host of guest[") + kHomeless + "]'s repo");
+  EXPECT_EQ(lines[0], std::string("Failed to get host of guest[") + kGuestWithoutRepositoryHost + "]'s repo");
   EXPECT_THAT(lines[1], HasSubstr("Bad response ["));
   EXPECT_THAT(lines[1], HasSubstr(R"("vdisk_size":1024)"));
   EXPECT_EQ(NewestText(), "Failed to edit the virtual machine [homeless] due to internal read/write error.");
   // What refuses later takes its place, too.
-  EXPECT_EQ(Set("admin", Body(R"("vdisks_add":[{"vdisk_size":1}],"boot_from":"x")", kHomeless)).code, 401);
-  EXPECT_EQ(Set("admin", Body(R"("vdisks_add":[],"desc":"without disks")", kHomeless)).code, 0);
+  EXPECT_EQ(Set("admin", Body(R"("vdisks_add":[{"vdisk_size":1}],"boot_from":"x")", kGuestWithoutRepositoryHost)).code,
+            401);
+  EXPECT_EQ(Set("admin", Body(R"("vdisks_add":[],"desc":"without disks")", kGuestWithoutRepositoryHost)).code, 0);
 }
 
 TEST_F(GuestSetHttp, Set_HostUnreachable_Is909) {
-  Put("repository", kRepository, R"({"name":"pool","host_id":")" + std::string(kNobody) + "\"}");
+  Put("repository", kRepository, R"({"name":"pool","host_id":")" + std::string(kUnknownId) + "\"}");
   EXPECT_EQ(Code(R"("vdisks_add":[{"vdisk_size":1}])"), 909);
   EXPECT_EQ(NewestText(), "Failed to edit the virtual machine [web] due to internal read/write error.");
   EXPECT_EQ(Code(R"("desc":"needs no repository")"), 0);
@@ -353,12 +350,12 @@ TEST_F(GuestSetHttp, ClusterLog_ContainsUserAndAction) {
     EXPECT_EQ(Code(members), code) << members;
     return newest();
   };
-  const std::string nobody = std::string("\"") + kNobody + '"';
+  const std::string unknown_id = std::string("\"") + kUnknownId + '"';
   EXPECT_EQ(refused(R"("iso_images":["unmounted","unmounted","unmounted"])", 930),
             "1 admin: Failed to edit the virtual machine [store] due to iso images update failure.");
-  EXPECT_EQ(refused(R"("vnics_del":[{"vnic_id":)" + nobody + "}]", 919),
+  EXPECT_EQ(refused(R"("vnics_del":[{"vnic_id":)" + unknown_id + "}]", 919),
             "1 admin: Failed to edit the virtual machine [store] due to network configuration error.");
-  EXPECT_EQ(refused(R"("vdisks_del":[{"vdisk_id":)" + nobody + "}]", 920),
+  EXPECT_EQ(refused(R"("vdisks_del":[{"vdisk_id":)" + unknown_id + "}]", 920),
             "1 admin: Failed to edit the virtual machine [store] because the virtual disk cannot be edited.");
   EXPECT_EQ(refused(R"("usbs":["no device"])", 935),
             "1 admin: Failed to do usb passthrough in the virtual machine [store].");

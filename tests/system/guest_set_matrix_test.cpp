@@ -1,21 +1,22 @@
 // Every parameter of an edit, absent, valid, of a wrong type and refused, by every kind of user, over HTTP.
 //
-// What is expected follows from the table below: a parameter of a wrong type, or that its own check refuses, is 401 for
-// everybody, also for who may do nothing; then come the rights (409); then everything else, for all alike.
+// What is expected follows from the table below: a parameter of a wrong type, or that its own check refuses, gives 401
+// to every caller, even one without rights. Rights are checked next (409), then everything else, for all callers alike.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <vector>
 
+#include "host/base/guest_settings.h"
 #include "json/readers.h"
 #include "tests/support/test_host.h"
-#include "tests/system/guest_set_ground.h"
+#include "tests/system/guest_set_fixture.h"
 
 namespace vexa::test {
 namespace {
 
 enum class Type { kString, kInt, kBool, kArray };
-// Whether it may be set by somebody who was granted the guest and is neither administrator nor advanced user.
+// Whether a user who was granted the guest, and is neither administrator nor advanced, may set it.
 enum class Granted { kYes, kNo, kOnlyEmpty };
 // Who looks at the value: the form before all rights, or a later check.
 enum class Stage { kForm, kLater };
@@ -57,7 +58,7 @@ std::vector<Row> Rows(const std::string& image_folder, std::uint32_t user) {
   const auto form = [](const std::string& name, const std::string& value) {
     return Refused{Member(name, value), Stage::kForm, 401};
   };
-  const std::string nobody = std::string("\"") + kNobody + '"';
+  const std::string unknown_id = std::string("\"") + kUnknownId + '"';
   const auto of_id = [](const char* member, const std::string& id) {
     return std::string("[{\"") + member + "\":\"" + id + "\"}]";
   };
@@ -70,7 +71,7 @@ std::vector<Row> Rows(const std::string& image_folder, std::uint32_t user) {
       {"vcpu_num", kInt, kNo, "4", {later("vcpu_num", "0", 909), later("vcpu_num", "-1", 909)}},
       {"vram_size", kInt, kNo, "1024", {later("vram_size", "0", 909), later("vram_size", "2147483647", 909)}},
       {"video_card", kString, kNo, "\"qxl\"", {later("video_card", "\"none\"", 909)}},
-      {"repo_id", kString, kNo, nobody, {form("repo_id", "\"pool\""), form("repo_id", "\"\"")}},
+      {"repo_id", kString, kNo, unknown_id, {form("repo_id", "\"pool\""), form("repo_id", "\"\"")}},
       {"desc", kString, kNo, "\"\"", {later("desc", '"' + std::string(70'000, 'd') + '"', 909)}},
       {"cpu_passthru", kBool, kNo, "false", {both}},
       {"autorun", kInt, kNo, "2", {later("autorun", "3", 909)}},
@@ -81,18 +82,18 @@ std::vector<Row> Rows(const std::string& image_folder, std::uint32_t user) {
        kNo,
        R"([{"network_id":"","prefer_sriov":false,"vnic_type":1}])",
        {later("vnics_add", "[7]", 401),
-        later("vnics_add", R"([{"network_id":)" + nobody + R"(,"prefer_sriov":false,"vnic_type":1}])", 919)}},
+        later("vnics_add", R"([{"network_id":)" + unknown_id + R"(,"prefer_sriov":false,"vnic_type":1}])", 919)}},
       {"vnics_del",
        kArray,
        kNo,
        of_id("vnic_id", kNic0),
-       {later("vnics_del", "[{}]", 401), later("vnics_del", of_id("vnic_id", kNobody), 919)}},
+       {later("vnics_del", "[{}]", 401), later("vnics_del", of_id("vnic_id", kUnknownId), 919)}},
       {"vnics_edit",
        kArray,
        kNo,
        R"([{"vnic_id":")" + std::string(kNic1) + R"(","network_id":")" + kNetwork + R"("}])",
        {later("vnics_edit", R"([{"network_id":""}])", 401),
-        later("vnics_edit", R"([{"network_id":"","vnic_id":)" + nobody + "}]", 919)}},
+        later("vnics_edit", R"([{"network_id":"","vnic_id":)" + unknown_id + "}]", 919)}},
       {"vdisks_add",
        kArray,
        kOnlyEmpty,
@@ -102,18 +103,18 @@ std::vector<Row> Rows(const std::string& image_folder, std::uint32_t user) {
        kArray,
        kOnlyEmpty,
        of_id("vdisk_id", kDisk0),
-       {later("vdisks_del", "[{}]", 401), later("vdisks_del", of_id("vdisk_id", kNobody), 920)}},
+       {later("vdisks_del", "[{}]", 401), later("vdisks_del", of_id("vdisk_id", kUnknownId), 920)}},
       {"vdisks_edit",
        kArray,
        kOnlyEmpty,
        R"([{"vdisk_size":2,"vdisk_id":")" + std::string(kDisk1) + R"("}])",
        {later("vdisks_edit", R"([{"vdisk_size":2}])", 401),
-        later("vdisks_edit", R"([{"vdisk_size":2,"vdisk_id":)" + nobody + "}]", 920)}},
+        later("vdisks_edit", R"([{"vdisk_size":2,"vdisk_id":)" + unknown_id + "}]", 920)}},
       {"vdisks_order",
        kArray,
        kOnlyEmpty,
        of_id("vdisk_id", kDisk1),
-       {later("vdisks_order", "[null]", 401), later("vdisks_order", of_id("vdisk_id", kNobody), 920)}},
+       {later("vdisks_order", "[null]", 401), later("vdisks_order", of_id("vdisk_id", kUnknownId), 920)}},
       {"guest_privilege",
        kArray,
        kNo,
@@ -123,7 +124,7 @@ std::vector<Row> Rows(const std::string& image_folder, std::uint32_t user) {
        kArray,
        kYes,
        "[\"" + image_folder + "/isos/tools.iso\",\"" + kImage + "\"]",
-       {later("iso_images", "[5]", 401), later("iso_images", "[" + nobody + "]", 401),
+       {later("iso_images", "[5]", 401), later("iso_images", "[" + unknown_id + "]", 401),
         later("iso_images", "[\"/none/none.iso\"]", 934)}},
       {"usb_version", kInt, kNo, "3", {later("usb_version", "4", 401), later("usb_version", "-1", 401)}},
       {"usbs",
@@ -148,7 +149,7 @@ constexpr Role kRoles[] = {
     {"carol", false, true}, {"mallory", false, false},
 };
 
-class GuestSetMatrix : public GuestSetGround {
+class GuestSetMatrix : public GuestSetFixture {
  protected:
   // Sends it, looks at the answer and its lines, and has everything as it was before.
   static void ExpectRefusal(const Role& role, const std::string& body, int code) {
@@ -157,7 +158,7 @@ class GuestSetMatrix : public GuestSetGround {
     const Answer answer = Set(role.name, body);
     EXPECT_EQ(answer.code, code) << role.name << " " << body.substr(0, 300) << json::ToText(answer.reply);
     EXPECT_TRUE(answer.details.isNull()) << json::ToText(answer.details);
-    EXPECT_EQ(Stored(), AtTheStart()) << role.name << " " << body.substr(0, 300);
+    EXPECT_EQ(Stored(), Initial()) << role.name << " " << body.substr(0, 300);
     const std::vector<std::string> lines = GuestLines();
     if (code == 409) {
       ASSERT_EQ(lines.size(), 1u);
@@ -183,12 +184,19 @@ class GuestSetMatrix : public GuestSetGround {
   static std::vector<Row> AllRows() { return Rows(ImageFolder(), UserId("mallory")); }
 };
 
+TEST_F(GuestSetMatrix, Rows_OfMatrix_CoverAllSettings) {
+  std::vector<std::string> names;
+  for (const Row& row : AllRows()) names.push_back(row.name);
+  std::vector<std::string> expected;
+  for (const GuestSetting& setting : kGuestSettings) expected.emplace_back(setting.name);
+  EXPECT_EQ(names, expected);
+}
+
 TEST_F(GuestSetMatrix, Set_OnlyId_RequiresEditRight) {
-  ASSERT_EQ(AllRows().size(), 25u) << "and guest_id";
   for (const Role& role : kRoles) {
     if (role.may_all || role.is_granted) {
       ExpectSuccess(role, Body(""));
-      EXPECT_EQ(Stored(), AtTheStart());
+      EXPECT_EQ(Stored(), Initial());
     } else {
       ExpectRefusal(role, Body(""), 409);
     }
@@ -202,13 +210,13 @@ TEST_F(GuestSetMatrix, Set_InvalidId_IsReportedBeforeRights) {
       ExpectRefusal(role, Member("guest_id", wrong).insert(0, "{") + "}", 401);
     }
     // A guest that does not exist: administrators get the host's answer, others learn nothing.
-    const Answer answer = Set(role.name, Body("", kNobody));
+    const Answer answer = Set(role.name, Body("", kUnknownId));
     EXPECT_EQ(answer.code, role.may_all ? 909 : 409);
   }
   EXPECT_EQ(ErrorCode(daemon().Tcp().PostJson("/webapi/VEXA.Virtualization.Guest/set", Body(""))), 103);
 }
 
-TEST_F(GuestSetMatrix, WrongTypes_AreRefusedBeforeTheRights) {
+TEST_F(GuestSetMatrix, Set_WrongTypes_AreRefusedBeforeRights) {
   for (const Row& row : AllRows()) {
     SCOPED_TRACE(row.name);
     for (const Role& role : kRoles) {
@@ -217,7 +225,7 @@ TEST_F(GuestSetMatrix, WrongTypes_AreRefusedBeforeTheRights) {
   }
 }
 
-TEST_F(GuestSetMatrix, RefusedValues_AreRefusedInTheirTurn) {
+TEST_F(GuestSetMatrix, Set_InvalidValues_AreRefusedInDocumentedOrder) {
   for (const Row& row : AllRows()) {
     SCOPED_TRACE(row.name);
     for (const Role& role : kRoles) {
@@ -241,9 +249,9 @@ TEST_F(GuestSetMatrix, Set_ValidValues_RequireRights) {
       }
       ExpectSuccess(role, body);
       if (row.name == "repo_id") {
-        EXPECT_EQ(Stored(), AtTheStart()) << "it is checked and never sent";
+        EXPECT_EQ(Stored(), Initial()) << "it is checked and never sent";
       } else {
-        EXPECT_NE(Stored(), AtTheStart());
+        EXPECT_NE(Stored(), Initial());
       }
       if (row.type != Type::kArray && row.name != "repo_id") {
         EXPECT_EQ(json::ToText(GuestRecord()[row.name]), row.valid);
@@ -253,7 +261,7 @@ TEST_F(GuestSetMatrix, Set_ValidValues_RequireRights) {
   }
 }
 
-TEST_F(GuestSetMatrix, EmptyLists_AreForGrantedUsersWhenTheyAreOfDisks) {
+TEST_F(GuestSetMatrix, Set_EmptyLists_GrantedUserMaySetDiskListsOnly) {
   for (const Row& row : AllRows()) {
     if (row.type != Type::kArray) continue;
     SCOPED_TRACE(row.name);
@@ -280,7 +288,7 @@ TEST_F(GuestSetMatrix, Set_GrantedUser_ForbiddenMember_ChangesNothing) {
   }
 }
 
-TEST_F(GuestSetMatrix, Lists_ChangeTheRecordsAndFiles) {
+TEST_F(GuestSetMatrix, Set_Lists_ChangeRecordsAndFiles) {
   const auto set = [](const std::string& members) {
     Restore();
     EXPECT_EQ(Set("adam", Body(members)).code, 0) << members;
@@ -314,12 +322,12 @@ TEST_F(GuestSetMatrix, Lists_ChangeTheRecordsAndFiles) {
   EXPECT_EQ(Record("vnic", kNic1)["network_group_id"], kNetwork);
 
   guest = set(R"("iso_images":[")" + ImageFolder() + R"(/isos/tools.iso","unmounted"])");
-  EXPECT_EQ(guest["iso_images"][0], ImageFolder() + "/isos/tools.iso") << "below the daemon's own folder of images";
+  EXPECT_EQ(guest["iso_images"][0], ImageFolder() + "/isos/tools.iso") << "below the daemon's own image folder";
   guest = set(R"("usbs":["3.14"])");
   EXPECT_EQ(guest["usbs"][0], "3.14");
 }
 
-TEST_F(GuestSetMatrix, Privileges_CountFromTheNextCall) {
+TEST_F(GuestSetMatrix, Privileges_Changed_ApplyFromNextCall) {
   const std::string uid = std::to_string(UserId("mallory"));
   const auto grant = [&](const char* allow) {
     return Set("admin", Body(R"("guest_privilege":[{"type":"local","name":"mallory","uid":)" + uid + R"(,"allow":)" +

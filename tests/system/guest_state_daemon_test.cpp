@@ -1,5 +1,4 @@
 // The states of guests, as a running daemon shows them to its users.
-#include <gmock/gmock.h>
 
 #include <chrono>
 #include <thread>
@@ -7,6 +6,7 @@
 #include "host/records/environment.h"
 #include "host/store/key.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/test_daemon.h"
 #include "webapi/platform/ccc_constants.h"
 
@@ -14,7 +14,6 @@ namespace vexa::test {
 namespace {
 
 namespace states = VexaCCC::State;
-using testing::UnorderedElementsAre;
 
 constexpr const char* kList = "/webapi/VEXA.Virtualization.Guest/list";
 constexpr const char* kStatus = "/webapi/VEXA.Virtualization.Guest/status";
@@ -24,7 +23,7 @@ constexpr const char* kGroup = "77f0c1de-04b9-4c35-8a6e-2d91b3e5f808";
 
 void Put(const std::string& category, const std::string& id, const Json::Value& record) {
   const store::Transaction transaction{{}, {{store::MakeKey({"dash", category, id, "object"}), json::ToText(record)}}};
-  ASSERT_TRUE(cluster::CurrentEnvironment()->store->Commit(transaction).ok());
+  ASSERT_TRUE(records::CurrentEnvironment()->store->Commit(transaction).ok());
 }
 
 void PutGuest(const std::string& id, const std::string& state, Json::Value record = Json::Value(Json::objectValue)) {
@@ -62,7 +61,7 @@ Json::Value StatusOf(HttpClient client, const std::string& id) {
   return JsonBody(client.PostJson(kStatus, "{\"guest_id\":\"" + id + "\"}"))["data"];
 }
 
-TEST(GuestStates, List_HasTheGuestsThatTheCallerMayUse) {
+TEST(GuestStates, List_Caller_SeesOnlyPermittedGuests) {
   TestDaemon daemon;
   PutGuest(kOther, states::Guest::running);
   EXPECT_THAT(Listed(daemon.TcpAs("admin")), UnorderedElementsAre(kTestGuest, kOther));
@@ -72,7 +71,7 @@ TEST(GuestStates, List_HasTheGuestsThatTheCallerMayUse) {
   EXPECT_EQ(ErrorCode(daemon.Tcp().PostJson(kList, "{}")), 103);
 }
 
-TEST(GuestStates, List_ShowsEveryChangeThatWasMadeBefore) {
+TEST(GuestStates, List_AfterChange_ShowsIt) {
   TestDaemon daemon;
   PutGuest(kOther, states::Guest::running);
   HttpClient admin = daemon.TcpAs("admin");
@@ -87,7 +86,7 @@ TEST(GuestStates, List_ShowsEveryChangeThatWasMadeBefore) {
   }
 }
 
-TEST(GuestStates, NewGuest_IsListedWithItsOwnState) {
+TEST(GuestStates, List_NewGuest_HasItsState) {
   TestDaemon daemon;
   HttpClient admin = daemon.TcpAs("admin");
   EXPECT_EQ(Shown(admin, kOther), "not listed");
@@ -108,7 +107,7 @@ TEST(GuestStates, Status_ContainsReason) {
             R"("status":"shutdown","status_reason":"booting_failed_no_resource","status_type":"error"})");
 }
 
-TEST(GuestStates, StatusOfARunningGuestWithoutLinks_IsAWarning) {
+TEST(GuestStates, Status_RunningWithoutLinks_IsWarning) {
   TestDaemon daemon;
   PutRepository(states::Repo::online);
   PutGuest(kOther, states::Guest::running);
@@ -122,7 +121,7 @@ TEST(GuestStates, StatusOfARunningGuestWithoutLinks_IsAWarning) {
   EXPECT_EQ(status["status_reason"], "network_unconnectable");
 }
 
-TEST(GuestStates, StatusWithoutRightRecordOrId_IsRefused) {
+TEST(GuestStates, Status_NoRightRecordOrId_IsRefused) {
   TestDaemon daemon;
   PutGuest(kOther, states::Guest::running);
   const std::string ask = std::string("{\"guest_id\":\"") + kOther + "\"}";
@@ -136,7 +135,7 @@ TEST(GuestStates, StatusWithoutRightRecordOrId_IsRefused) {
       403);
 }
 
-TEST(GuestStates, StatusOfAProtectedGuest_JudgesTheHostsOfItsGroup) {
+TEST(GuestStates, Status_ProtectedGuest_EvaluatesHostsOfItsGroup) {
   TestDaemon daemon;
   PutRepository(states::Repo::online);
   Json::Value record(Json::objectValue);

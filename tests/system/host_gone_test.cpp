@@ -1,4 +1,4 @@
-// Three hosts: what is shown of one that was killed, of one that hangs, and what a copy of one can do.
+// Three hosts: the states of one that was killed and of one that hangs, and what a copy of a host can do.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,7 +16,6 @@
 #include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_cluster.h"
-#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::test {
 namespace {
@@ -24,7 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using ::testing::HasSubstr;
 
 constexpr const char* kGuests[] = {"0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c210", "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211",
                                    "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c212"};
@@ -34,14 +32,10 @@ constexpr const char* kRepositories[] = {"3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f0",
 // One running guest a host, each in a repository of the host.
 class HostGone : public TransportCluster {
  protected:
-  void SetUp() override {
-    TransportCluster::SetUp();
-    if (HasFatalFailure()) return;
+  void PutRecords() override {
     for (int host = 0; host < kHosts; ++host) {
       const auto index = static_cast<std::size_t>(host);
-      Put("repository", kRepositories[index],
-          R"({"name":"pool","state":")" + std::string(VexaCCC::State::Repo::online) + R"(","host_id":")" + IdOf(host) +
-              "\"}");
+      PutRepository(kRepositories[index], host);
       Put("guest", kGuests[index],
           R"({"name":"web-)" + std::to_string(host) + R"(","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],)" +
               R"("repository_id":")" + kRepositories[index] + R"(","host_id":")" + IdOf(host) + "\"}");
@@ -90,10 +84,11 @@ class HostGone : public TransportCluster {
     }
     const std::string record = Stored({"dash", "host", IdOf(host), "object"});
     const std::string claim = Stored({"host_claim", IdOf(host)});
-    const ProcessResult result = RunProcess({.argv = {TRANSPORT_HOST, "--data", copy, "--store", folder_.File("store"),
-                                                      "--socket", copy + "/s", "--listen", "none", "--log", "stderr"}});
+    const ProcessResult result =
+        RunProcess({.argv = {TRANSPORT_HOST_PROGRAM, "--data", copy, "--store", folder_.File("store"), "--socket",
+                             copy + "/s", "--listen", "none", "--log", "stderr"}});
     EXPECT_NE(result.exit_code, 0);
-    EXPECT_THAT(result.errors, HasSubstr("and this data folder is a copy of its"));
+    EXPECT_THAT(result.errors, HasSubstr("and this data folder is a copy of that machine's"));
     EXPECT_EQ(Stored({"dash", "host", IdOf(host), "object"}), record) << "its address is the first one's";
     EXPECT_EQ(Stored({"host_claim", IdOf(host)}), claim);
     EXPECT_THAT(Stored({"run", kGuests[static_cast<std::size_t>(host)]}), HasSubstr(IdOf(host)));
@@ -106,7 +101,7 @@ class HostGone : public TransportCluster {
   }
 };
 
-TEST_F(HostGone, KilledHost_IsShownInaccessibleWithItsGuestInTime) {
+TEST_F(HostGone, KilledHost_AfterTimeout_IsInaccessibleWithItsGuest) {
   EXPECT_EQ(Shown(0, 1), "running healthy");
   hosts_[1]->Signal(SIGKILL);
   ASSERT_TRUE(hosts_[1]->Wait(30s));
@@ -116,20 +111,20 @@ TEST_F(HostGone, KilledHost_IsShownInaccessibleWithItsGuestInTime) {
   EXPECT_EQ(Shown(0, 2), "running healthy");
 }
 
-TEST_F(HostGone, HungHost_IsShownInaccessibleUntilItGoesOn) {
-  Freeze(2);
+TEST_F(HostGone, HungHost_IsInaccessibleUntilItResumes) {
+  Suspend(2);
   EXPECT_LT(AwaitShown(0, 2, "inaccessible", "inaccessible error"), 15s);
-  Thaw(2);
+  Resume(2);
   EXPECT_LT(AwaitShown(0, 2, "running", "running healthy"), 15s);
 }
 
-TEST_F(HostGone, CopyOfAHost_IsRefusedAndChangesNothing) {
+TEST_F(HostGone, CopiedHost_Start_IsRefusedAndChangesNothing) {
   ExpectCopyRefused(0);
   EXPECT_EQ(Shown(1, 0), "running healthy");
   EXPECT_EQ(Power(1, 0, "reboot"), 0) << "it is reached where it was";
 }
 
-TEST_F(HostGone, GuestOfAKilledHost_IsRecoveredAndStartsElsewhere) {
+TEST_F(HostGone, Recover_GuestOfKilledHost_StartsElsewhere) {
   // Its disks are not on the host that goes.
   Put("guest", kGuests[1],
       R"({"name":"web-1","vcpu_num":1,"vram_size":16,"vdisks":[],"vnics":[],"repository_id":")" +
@@ -164,7 +159,7 @@ class ThreeHosts : public HostGone {
     const std::string text =
         R"({"version":1,"groups":[{"name":"administrators","gid":1900000000},{"name":"users","gid":1900000001}],"users":[
            {"name":")" +
-        user + R"(","uid":1900000002,"gid":1900000001,"password":")" + Require(base::HashPassword(kPassword)) +
+        user + R"(","uid":1900000002,"gid":1900000001,"password":")" + Require(accounts::HashPassword(kPassword)) +
         R"(","groups":[]}]})";
     Require(WriteFileAtomically(Folder(host) + "/accounts.json", text, 0600));
   }
@@ -211,7 +206,7 @@ class ThreeHosts : public HostGone {
     }
     return text;
   }
-  std::array<std::string, kHosts> ListedApart(const std::string& user) {
+  std::array<std::string, kHosts> ListedStatePerGuest(const std::string& user) {
     std::array<std::string, kHosts> parts;
     std::istringstream text(Listed(user));
     for (std::string& part : parts) std::getline(text, part, '|');
@@ -263,14 +258,14 @@ TEST_F(ThreeHosts, Hosts_KilledHungAndCloned_UsersSeeCorrectStates) {
           std::string(kRepositories[0]) + R"(","host_id":")" + IdOf(1) + "\"}");
   expect("all is well");
   hosts_[1]->Signal(SIGKILL);
-  Freeze(2);
+  Suspend(2);
   const auto begin = Clock::now();
   ExpectCopyRefused(0);
   // Second by second: each guest is as it was until it is shown inaccessible, and then stays so.
   std::array<std::string, kHosts> before;
   before.fill("running healthy");
   for (auto now = begin; now - begin < 15s; now = Clock::now()) {
-    const std::array<std::string, kHosts> listed = ListedApart("root");
+    const std::array<std::string, kHosts> listed = ListedStatePerGuest("root");
     EXPECT_EQ(listed[0], "running healthy");
     for (std::size_t i = 1; i < listed.size(); ++i) {
       const bool is_possible = listed[i] == before[i] || listed[i] == "inaccessible error";
@@ -283,7 +278,7 @@ TEST_F(ThreeHosts, Hosts_KilledHungAndCloned_UsersSeeCorrectStates) {
   EXPECT_EQ(Recover(0, 1, R"(,"machine_is_off":true,"host_id":")" + IdOf(0) + "\""), 0);
   EXPECT_EQ(Power(0, 1, "poweron"), 0);
   expect("recovered");
-  Thaw(2);
+  Resume(2);
   AwaitShown(0, 2, "running", "running healthy");
   expect("goes on");
 }

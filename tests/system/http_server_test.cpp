@@ -4,7 +4,7 @@
 #include "host/base/lane.h"
 #include "tests/system/http_server_test_support.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 using namespace testing_support;  // NOLINT(google-build-using-namespace)
@@ -13,7 +13,7 @@ std::string Post(const std::string& fields, const std::string& body) {
   return "POST /p HTTP/1.1\r\nHost: nas\r\n" + fields + "\r\n" + body;
 }
 
-TEST(HttpServer, Get_IsAnsweredWithTheServersFields) {
+TEST(HttpServer, Get_Reply_HasServerFields) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/a?b=c")));
@@ -47,7 +47,7 @@ TEST(HttpServer, KeptConnection_ServesManyRequestsWithDifferentIds) {
   EXPECT_EQ(server->stats().requests, 50U);
 }
 
-TEST(HttpServer, RequestByteByByte_IsUnderstood) {
+TEST(HttpServer, Request_ByteByByte_IsUnderstood) {
   TestServer server;
   Client client = server.Connect();
   for (const char byte : Post("Transfer-Encoding: chunked\r\n", "3\r\nabc\r\n0\r\n\r\n")) {
@@ -68,7 +68,7 @@ TEST(HttpServer, PipelinedRequests_AreAnsweredInOrder) {
   }
 }
 
-TEST(HttpServer, PipelinedWhileAHandlerRuns_IsKeptWithABoundAndAnsweredLater) {
+TEST(HttpServer, Pipelined_DuringHandler_IsBufferedUpToLimitAndAnsweredLater) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/wait")));
@@ -93,7 +93,7 @@ TEST(HttpServer, EmptyLinesBetweenRequests_AreSkipped) {
   EXPECT_EQ(client.Receive().body, "GET /2 ");
 }
 
-TEST(HttpServer, TrailersThatInject_ChangeNothing) {
+TEST(HttpServer, Trailers_InjectedFields_AreIgnored) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Post("Transfer-Encoding: chunked\r\nCookie: id=own\r\n",
@@ -148,7 +148,7 @@ TEST(HttpServer, SmugglingAttempts_EndTheConnection) {
   EXPECT_EQ(server->stats().refused_by_server, std::size(attempts));
 }
 
-TEST(HttpServer, RefusedHeads_GetTheirStatus) {
+TEST(HttpServer, RefusedHeaders_GetTheirStatus) {
   TestServer server;
   const struct {
     std::string bytes;
@@ -174,14 +174,14 @@ TEST(HttpServer, RefusedHeads_GetTheirStatus) {
   }
 }
 
-TEST(HttpServer, BodyAboveTheLimit_AnswerIsReadableThoughTheClientSendsOn) {
+TEST(HttpServer, Body_AboveLimit_ReplyIsReadableWhileClientKeepsSending) {
   TestServer server;
   const std::string much(3 * 1024 * 1024, 'x');
   for (const bool chunked : {false, true}) {
     Client client = server.Connect();
-    const std::string head =
+    const std::string header =
         Post(chunked ? "Transfer-Encoding: chunked\r\n" : "Content-Length: 3145728\r\n", chunked ? "300000\r\n" : "");
-    ASSERT_TRUE(client.Send(head));
+    ASSERT_TRUE(client.Send(header));
     EXPECT_TRUE(client.Send(much));
     const Reply reply = client.Receive();
     EXPECT_EQ(reply.status, 413);
@@ -189,7 +189,7 @@ TEST(HttpServer, BodyAboveTheLimit_AnswerIsReadableThoughTheClientSendsOn) {
   }
 }
 
-TEST(HttpServer, ManyChunksAboveTheLimit_AreRefused) {
+TEST(HttpServer, Chunks_AboveLimit_AreRefused) {
   TestServer server([](ServerOptions& options) { options.limits.body_bytes = 10'000; });
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Post("Transfer-Encoding: chunked\r\n", "")));
@@ -205,7 +205,7 @@ TEST(HttpServer, EndlessChunkExtension_IsRefused) {
   EXPECT_EQ(client.Receive().status, 431);
 }
 
-TEST(HttpServer, BodyOfExactlyTheLimit_IsTaken) {
+TEST(HttpServer, Body_ExactlyAtLimit_IsAccepted) {
   TestServer server([](ServerOptions& options) { options.limits.body_bytes = 100'000; });
   Client client = server.Connect();
   const std::string body(100'000, 'x');
@@ -217,7 +217,7 @@ TEST(HttpServer, ExpectContinue_IsAnsweredBeforeTheBody) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Post("Expect: 100-continue\r\nContent-Length: 3\r\n", "")));
-  EXPECT_EQ(client.Receive().raw_head, "HTTP/1.1 100 Continue\r\n\r\n");
+  EXPECT_EQ(client.Receive().raw_header, "HTTP/1.1 100 Continue\r\n\r\n");
   ASSERT_TRUE(client.Send("abc"));
   EXPECT_EQ(client.Receive().body, "POST /p abc");
 }
@@ -229,7 +229,7 @@ TEST(HttpServer, ExpectContinueTooLarge_IsRefusedWithoutContinue) {
   EXPECT_EQ(client.Receive().status, 413);
 }
 
-TEST(HttpServer, OnHeaderRefuses_NeitherBodyNorContinueIsAskedFor) {
+TEST(HttpServer, OnHeader_Refuses_ReadsNoBodyAndSendsNoContinue) {
   TestServer server([](ServerOptions& options) {
     options.on_header = [](const HttpRequest& request) -> std::optional<HttpResponse> {
       if (request.authorization == "Bearer good") return std::nullopt;
@@ -256,11 +256,11 @@ TEST(HttpServer, OnHeaderRefuses_NeitherBodyNorContinueIsAskedFor) {
   EXPECT_EQ(client.ReceiveAll(), "");
 }
 
-TEST(HttpServer, Head_IsAnsweredWithoutABody) {
+TEST(HttpServer, Head_Reply_HasNoBody) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send("HEAD /h HTTP/1.1\r\nHost: nas\r\n\r\n" + Get("/next")));
-  EXPECT_EQ(client.Receive(Client::Expect::kHead).field("content-length"), "8");
+  EXPECT_EQ(client.Receive(Client::Expect::kHeaderOnly).field("content-length"), "8");
   EXPECT_EQ(client.Receive().body, "GET /next ");
 }
 
@@ -327,7 +327,7 @@ TEST(HttpServer, HalfClosedClientWithPipelinedRequests_GetsAllAnswers) {
   EXPECT_EQ(client.ReceiveAll(), "");
 }
 
-TEST(HttpServer, ClientLeavesMidHandler_OnlyTheAnswerIsDropped) {
+TEST(HttpServer, Client_LeavesDuringHandler_OnlyReplyIsDropped) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/wait")));
@@ -342,7 +342,7 @@ TEST(HttpServer, ClientLeavesMidHandler_OnlyTheAnswerIsDropped) {
   EXPECT_EQ(next.Receive().body, "GET /next ");
 }
 
-TEST(HttpServer, AnswerForAnEarlierConnectionInTheSamePlace_GoesNowhere) {
+TEST(HttpServer, Reply_ConnectionSlotReused_IsDropped) {
   TestServer server([](ServerOptions& options) { options.io_threads = 1; });
   Client first = server.Connect();
   ASSERT_TRUE(first.Send(Get("/wait")));
@@ -358,7 +358,7 @@ TEST(HttpServer, AnswerForAnEarlierConnectionInTheSamePlace_GoesNowhere) {
   EXPECT_TRUE(second.QuietFor(milliseconds(100)));
 }
 
-TEST(HttpServer, DroppedResponder_GivesA500) {
+TEST(HttpServer, Responder_Dropped_Sends500) {
   TestServer server([](ServerOptions& options) { options.on_request = [](HttpRequest&&, const Responder&) {}; });
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/")));
@@ -367,7 +367,7 @@ TEST(HttpServer, DroppedResponder_GivesA500) {
   EXPECT_EQ(reply.body, "error 500 " + reply.field("x-request-id"));
 }
 
-TEST(HttpServer, ThrowingHandlers_GiveA500) {
+TEST(HttpServer, Handler_Throws_Sends500) {
   TestServer server([](ServerOptions& options) {
     options.on_header = [](const HttpRequest& request) -> std::optional<HttpResponse> {
       if (request.target == "/header") throw std::runtime_error("on purpose");
@@ -383,7 +383,7 @@ TEST(HttpServer, ThrowingHandlers_GiveA500) {
   }
 }
 
-TEST(HttpServer, ResponderUsedTwice_SendsOnce) {
+TEST(HttpServer, Responder_UsedTwice_SendsOnce) {
   TestServer server([](ServerOptions& options) {
     options.on_request = [](HttpRequest&&, const Responder& responder) {
       const Responder copy = responder;
@@ -402,7 +402,7 @@ TEST(HttpServer, ResponderUsedTwice_SendsOnce) {
   EXPECT_TRUE(client.QuietFor(milliseconds(50)));
 }
 
-TEST(HttpServer, ImpossibleStatus_IsA500) {
+TEST(HttpServer, Handler_InvalidStatus_Sends500) {
   TestServer server([](ServerOptions& options) {
     options.on_request = [](HttpRequest&&, const Responder& responder) {
       HttpResponse response;
@@ -415,7 +415,7 @@ TEST(HttpServer, ImpossibleStatus_IsA500) {
   EXPECT_EQ(client.Receive().status, 500);
 }
 
-TEST(HttpServer, ManyClientsThroughALane_AllGetTheirOwnAnswer) {
+TEST(HttpServer, Lane_ManyClients_GetTheirOwnReplies) {
   LaneOptions lane_options;
   lane_options.name = "test";
   lane_options.min_threads = 3;
@@ -427,7 +427,7 @@ TEST(HttpServer, ManyClientsThroughALane_AllGetTheirOwnAnswer) {
         response.body = target;
         responder.Send(std::move(response));
       });
-      EXPECT_EQ(taken, Lane::Submitted::kAccepted);
+      EXPECT_EQ(taken, Lane::SubmitResult::kAccepted);
     };
   });
   std::vector<std::thread> clients;
@@ -446,4 +446,4 @@ TEST(HttpServer, ManyClientsThroughALane_AllGetTheirOwnAnswer) {
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::http

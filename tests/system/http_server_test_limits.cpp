@@ -15,7 +15,7 @@
 
 #include "tests/system/http_server_test_support.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 using namespace testing_support;  // NOLINT(google-build-using-namespace)
@@ -58,7 +58,7 @@ TEST(HttpDeadlines, Timeout_SlowHeader_Gets408) {
   std::atomic<bool> answered = false;
   // An earlier request on the connection must not colour the answer: neither its id nor its missing body.
   ASSERT_TRUE(client.Send("HEAD / HTTP/1.1\r\nHost: nas\r\n\r\n"));
-  const std::string earlier_id = client.Receive(Client::Expect::kHead).field("x-request-id");
+  const std::string earlier_id = client.Receive(Client::Expect::kHeaderOnly).field("x-request-id");
   ASSERT_TRUE(client.Send("GET / HTTP/1.1\r\n"));
   std::thread drip([&] {
     while (!answered && client.Send("X")) std::this_thread::sleep_for(milliseconds(50));
@@ -100,7 +100,7 @@ TEST(HttpDeadlines, Timeout_SilentConnections_AreClosedWithoutResponse) {
   EXPECT_TRUE(Eventually([&] { return server->stats().connections == 0; }));
 }
 
-TEST(HttpDeadlines, RunningHandler_HasNone) {
+TEST(HttpDeadlines, Timeout_HandlerRuns_DoesNotApply) {
   TestServer server([](ServerOptions& options) {
     options.limits.header = milliseconds(100);
     options.limits.body = milliseconds(100);
@@ -159,7 +159,7 @@ TEST(HttpLimits, Connections_AboveTotalLimit_Get503UntilOneCloses) {
   EXPECT_EQ(next.Receive().status, 200);
 }
 
-TEST(HttpLimits, ConnectionsPerPeer_OtherAddressesAreStillServed) {
+TEST(HttpLimits, ConnectionsPerPeer_LimitReached_OtherAddressesAreServed) {
   TestServer server([](ServerOptions& options) { options.limits.connections_per_peer = 1; });
   Client first = server.Connect();
   ASSERT_TRUE(first.Send(Get("/")));
@@ -171,7 +171,7 @@ TEST(HttpLimits, ConnectionsPerPeer_OtherAddressesAreStillServed) {
   EXPECT_EQ(server.last_request()->peer.address, "127.0.0.2");
 }
 
-TEST(HttpLimits, ClientThatSendsAheadForever_IsNotRead) {
+TEST(HttpLimits, Reading_ClientSendsAheadForever_Pauses) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/wait")));
@@ -192,7 +192,7 @@ TEST(HttpLimits, ClientThatSendsAheadForever_IsNotRead) {
   EXPECT_LT(sent, 64 * block.size() * 16);
 }
 
-TEST(HttpLimits, ThousandIdleConnections_NeedNoThread) {
+TEST(HttpLimits, Connections_ThousandIdle_NeedNoThread) {
   TestServer server;
   const int threads = ProcessThreads();
   std::vector<Client> clients;
@@ -217,13 +217,13 @@ double ProcessorSeconds() {
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-TEST(HttpLimits, OutOfDescriptors_PausesAndGoesOnLater) {
+TEST(HttpLimits, Accept_OutOfDescriptors_PausesAndResumes) {
   TestServer server;
   std::vector<Client> clients;
   for (int i = 0; i < 3; ++i) clients.push_back(server.Connect());
   ASSERT_TRUE(Eventually([&] { return server->stats().connections == 3; }));
-  // Made before, as after this nobody gets a descriptor: the limit is below those in use. (poll(2) needs it above
-  // zero.)
+  // Created before, because no descriptor can be opened after this: the limit is below those in use. (poll(2) needs it
+  // above zero.)
   const int unconnected = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -252,7 +252,7 @@ TEST(HttpLimits, OutOfDescriptors_PausesAndGoesOnLater) {
 
 // ---- Unix sockets
 
-TEST(HttpUnixSocket, Peer_IsTheUserFromTheKernel) {
+TEST(HttpUnixSocket, Peer_OfConnection_IsUserFromKernel) {
   const TemporaryFolder folder;
   TestServer server(OnUnix(folder / "s", 0640));
   Client client = Client::Unix(folder / "s");
@@ -278,7 +278,7 @@ TEST(HttpUnixSocket, ConnectionsPerUser_AreLimited) {
   EXPECT_EQ(Client::Unix(folder / "s").Receive().status, 503);
 }
 
-TEST(HttpUnixSocket, StaleFile_IsReplaced) {
+TEST(HttpUnixSocket, Listen_StaleFile_IsReplaced) {
   const TemporaryFolder folder;
   const int left = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
@@ -292,7 +292,7 @@ TEST(HttpUnixSocket, StaleFile_IsReplaced) {
   EXPECT_EQ(client.Receive().status, 200);
 }
 
-TEST(HttpUnixSocket, LiveListener_IsLeftAloneAndBusy) {
+TEST(HttpUnixSocket, Listen_PathHasLiveListener_IsBusyAndKeepsIt) {
   const TemporaryFolder folder;
   TestServer server(OnUnix(folder / "s"));
   auto second = StartOn(folder / "s");
@@ -304,7 +304,7 @@ TEST(HttpUnixSocket, LiveListener_IsLeftAloneAndBusy) {
   EXPECT_EQ(client.Receive().status, 200);
 }
 
-TEST(HttpUnixSocket, OtherFileOrLink_IsLeftAloneAndAConflict) {
+TEST(HttpUnixSocket, Listen_PathIsOtherFileOrLink_IsConflictAndKeepsIt) {
   const TemporaryFolder folder;
   std::ofstream(folder / "file") << "precious";
   std::filesystem::create_symlink(folder / "nowhere", folder / "link");
@@ -316,7 +316,7 @@ TEST(HttpUnixSocket, OtherFileOrLink_IsLeftAloneAndAConflict) {
   }
 }
 
-TEST(HttpUnixSocket, ImpossiblePaths_AreInvalid) {
+TEST(HttpUnixSocket, Listen_ImpossiblePath_IsInvalid) {
   for (const std::string& path : {std::string(), std::string(200, 'a'), std::string("/tmp/a\0b", 8)}) {
     auto server = StartOn(path);
     ASSERT_FALSE(server);
@@ -324,7 +324,7 @@ TEST(HttpUnixSocket, ImpossiblePaths_AreInvalid) {
   }
 }
 
-TEST(HttpUnixSocket, Stop_RemovesTheFileUnlessItIsAnothers) {
+TEST(HttpUnixSocket, Stop_SocketFile_IsRemovedUnlessReplaced) {
   const TemporaryFolder folder;
   TestServer first(OnUnix(folder / "s"));
   EXPECT_TRUE(first->Stop(milliseconds(0)));
@@ -338,7 +338,7 @@ TEST(HttpUnixSocket, Stop_RemovesTheFileUnlessItIsAnothers) {
 
 // ---- Listening
 
-TEST(HttpListening, PortInUse_IsBusy) {
+TEST(HttpListening, Listen_PortInUse_IsBusy) {
   TestServer server;
   ServerOptions options;
   options.listeners.emplace_back();
@@ -349,7 +349,7 @@ TEST(HttpListening, PortInUse_IsBusy) {
   EXPECT_NE(second.error().message().find(std::to_string(server.port())), std::string::npos);
 }
 
-TEST(HttpListening, NamesInsteadOfAddresses_AreInvalid) {
+TEST(HttpListening, Listen_NameInsteadOfAddress_IsInvalid) {
   ServerOptions options;
   options.listeners.emplace_back();
   options.listeners[0].address = "localhost";
@@ -358,7 +358,7 @@ TEST(HttpListening, NamesInsteadOfAddresses_AreInvalid) {
   EXPECT_EQ(server.error().code(), ErrorCode::kInvalid);
 }
 
-TEST(HttpListening, SeveralListeners_AllServe) {
+TEST(HttpListening, Listen_SeveralAddresses_AllServe) {
   const TemporaryFolder folder;
   TestServer server([&](ServerOptions& options) {
     options.listeners.emplace_back();
@@ -374,7 +374,7 @@ TEST(HttpListening, SeveralListeners_AllServe) {
   }
 }
 
-TEST(HttpListening, PortOfAServerThatJustStopped_CanBeTakenAgain) {
+TEST(HttpListening, Listen_PortOfStoppedServer_Succeeds) {
   TestServer first;
   const std::uint16_t port = first.port();
   Client client = first.Connect();
@@ -396,7 +396,7 @@ TEST(HttpStop, Stop_FinishesRequestsAndClosesIdleConnections) {
   ASSERT_TRUE(sending.Send("POST /p HTTP/1.1\r\nHost: nas\r\nContent-Length: 3\r\n\r\na"));
   ASSERT_TRUE(Eventually([&] { return server.held() == 1 && server->stats().requests == 2; }));
   bool clean = false;
-  std::thread stopper([&] { clean = server->Stop(kPatience); });
+  std::thread stopper([&] { clean = server->Stop(kTimeout); });
   EXPECT_TRUE(idle.SilentlyClosed());
   EXPECT_FALSE(server.Connect().connected());
   ASSERT_TRUE(sending.Send("bc"));
@@ -412,19 +412,19 @@ TEST(HttpStop, Stop_FinishesRequestsAndClosesIdleConnections) {
   EXPECT_EQ(running.ReceiveAll(), "");
 }
 
-TEST(HttpStop, RequestSentJustBefore_IsStillAnswered) {
+TEST(HttpStop, Stop_RequestSentJustBefore_IsAnswered) {
   for (int i = 0; i < 20; ++i) {
     TestServer server;
     Client client = server.Connect();
     ASSERT_TRUE(client.Send(Get("/1")));
     ASSERT_EQ(client.Receive().status, 200);
     ASSERT_TRUE(client.Send(Get("/2")));
-    EXPECT_TRUE(server->Stop(kPatience));
+    EXPECT_TRUE(server->Stop(kTimeout));
     EXPECT_EQ(client.Receive().body, "GET /2 ");
   }
 }
 
-TEST(HttpStop, StuckHandler_IsCutAtTheDeadlineAndItsResponderIsHarmless) {
+TEST(HttpStop, Stop_StuckHandler_ReturnsAtDeadlineAndLateReplyIsDropped) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/wait")));
@@ -438,7 +438,7 @@ TEST(HttpStop, StuckHandler_IsCutAtTheDeadlineAndItsResponderIsHarmless) {
   server.Release();  // the responders are used after Stop()
 }
 
-TEST(HttpStop, RespondersThatOutliveTheServer_AreHarmless) {
+TEST(HttpStop, Responder_OutlivesServer_IsHarmless) {
   TestServer server;
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/wait")));
@@ -447,7 +447,7 @@ TEST(HttpStop, RespondersThatOutliveTheServer_AreHarmless) {
   server.Release();
 }
 
-TEST(HttpStop, WhileAnswersComeFromOtherThreads_NothingBreaks) {
+TEST(HttpStop, Stop_RepliesFromOtherThreads_IsSafe) {
   for (int round = 0; round < 20; ++round) {
     TestServer server;
     std::vector<Client> clients;
@@ -462,11 +462,11 @@ TEST(HttpStop, WhileAnswersComeFromOtherThreads_NothingBreaks) {
   }
 }
 
-TEST(HttpStop, ManyServers_LeaveNoThread) {
+TEST(HttpStop, Servers_ManyStartedAndStopped_LeaveNoThread) {
   const int before = ProcessThreads();
   for (int i = 0; i < 20; ++i) TestServer server;
   EXPECT_TRUE(Eventually([&] { return ProcessThreads() <= before; }));
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -13,7 +13,7 @@
 #include <thread>
 #include <utility>
 
-namespace vexa::daemon::testing_support {
+namespace vexa::http::testing_support {
 namespace {
 
 sockaddr_in Loopback(const char* address, std::uint16_t port) {
@@ -29,18 +29,18 @@ std::string Small(std::string text) {
   return text;
 }
 
-Reply ParseHead(const std::string& head) {
+Reply ParseHeader(const std::string& header) {
   Reply reply;
-  reply.raw_head = head;
-  if (head.substr(0, 9) != "HTTP/1.1 ") return reply;
-  reply.status = std::atoi(head.c_str() + 9);
-  for (std::size_t at = head.find("\r\n") + 2; at + 2 < head.size();) {
-    const std::size_t end = head.find("\r\n", at);
-    const std::size_t colon = head.find(": ", at);
-    EXPECT_LT(colon, end) << head;
-    const std::string name = Small(head.substr(at, colon - at));
-    EXPECT_EQ(reply.fields.count(name), 0U) << head;
-    reply.fields[name] = head.substr(colon + 2, end - colon - 2);
+  reply.raw_header = header;
+  if (header.substr(0, 9) != "HTTP/1.1 ") return reply;
+  reply.status = std::atoi(header.c_str() + 9);
+  for (std::size_t at = header.find("\r\n") + 2; at + 2 < header.size();) {
+    const std::size_t end = header.find("\r\n", at);
+    const std::size_t colon = header.find(": ", at);
+    EXPECT_LT(colon, end) << header;
+    const std::string name = Small(header.substr(at, colon - at));
+    EXPECT_EQ(reply.fields.count(name), 0U) << header;
+    reply.fields[name] = header.substr(colon + 2, end - colon - 2);
     at = end + 2;
   }
   return reply;
@@ -106,7 +106,7 @@ bool Client::Send(const std::string& bytes) {
 
 bool Client::Fill() {
   pollfd readable{fd_, POLLIN, 0};
-  if (::poll(&readable, 1, static_cast<int>(milliseconds(kPatience).count())) != 1) return false;
+  if (::poll(&readable, 1, static_cast<int>(milliseconds(kTimeout).count())) != 1) return false;
   char buffer[65536];
   const ssize_t got = ::recv(fd_, buffer, sizeof buffer, 0);
   if (got <= 0) return false;
@@ -119,10 +119,10 @@ Reply Client::Receive(Expect expect) {
   while ((end = input_.find("\r\n\r\n")) == std::string::npos) {
     if (!Fill()) return {};
   }
-  Reply reply = ParseHead(input_.substr(0, end + 4));
+  Reply reply = ParseHeader(input_.substr(0, end + 4));
   input_.erase(0, end + 4);
   const auto length = static_cast<std::size_t>(std::atoll(reply.field("content-length").c_str()));
-  if (expect == Expect::kHead || reply.status == 100) return reply;
+  if (expect == Expect::kHeaderOnly || reply.status == 100) return reply;
   while (input_.size() < length) {
     if (!Fill()) {
       ADD_FAILURE() << "the body ends after " << input_.size() << " of " << length << " bytes";
@@ -142,7 +142,7 @@ std::string Client::ReceiveAll() {
 
 bool Client::SilentlyClosed() {
   pollfd readable{fd_, POLLIN, 0};
-  if (::poll(&readable, 1, static_cast<int>(milliseconds(kPatience).count())) != 1) return false;
+  if (::poll(&readable, 1, static_cast<int>(milliseconds(kTimeout).count())) != 1) return false;
   char byte;
   return input_.empty() && ::recv(fd_, &byte, 1, 0) <= 0;
 }
@@ -214,4 +214,4 @@ std::optional<HttpRequest> TestServer::last_request() {
 
 std::string Get(const std::string& target) { return "GET " + target + " HTTP/1.1\r\nHost: nas\r\n\r\n"; }
 
-}  // namespace vexa::daemon::testing_support
+}  // namespace vexa::http::testing_support

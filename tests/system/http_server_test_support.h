@@ -16,13 +16,13 @@
 #include "host/http/http_server.h"
 #include "tests/support/waiting.h"
 
-namespace vexa::daemon::testing_support {
+namespace vexa::http::testing_support {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 // Generous: a loaded machine must not fail a test.
-inline constexpr seconds kPatience{20};
+inline constexpr seconds kTimeout{20};
 
 using test::Eventually;
 using test::ProcessThreads;
@@ -31,11 +31,11 @@ struct Reply {
   int status = 0;                             // 0: the connection ended, or nothing came in time
   std::map<std::string, std::string> fields;  // names in small letters
   std::string body;
-  std::string raw_head;
+  std::string raw_header;
   std::string field(const std::string& name) const;
 };
 
-// A blocking byte stream to the server. Reads give up after kPatience.
+// A blocking byte stream to the server. Reads give up after kTimeout.
 class Client {
  public:
   static Client Tcp(std::uint16_t port, const char* local_address = nullptr);
@@ -51,12 +51,12 @@ class Client {
   void ShutdownWrite();
   void Reset();  // closes with RST
   void Close();
-  // One response. `kHead`: the answer to HEAD, without a body.
-  enum class Expect { kBody, kHead };
+  // One response. `kHeaderOnly`: the response to HEAD, without a body.
+  enum class Expect { kBody, kHeaderOnly };
   Reply Receive(Expect expect = Expect::kBody);
   // Everything up to the end of the stream.
   std::string ReceiveAll();
-  // Whether the server closes (or resets) within kPatience, sending nothing.
+  // Whether the server closes (or resets) within kTimeout, sending nothing.
   bool SilentlyClosed();
   // Nothing has come for this long, and the connection is still open.
   bool QuietFor(milliseconds time);
@@ -68,7 +68,7 @@ class Client {
   std::string input_;
 };
 
-// Answers every request with a line that describes what was received, unless the test sets `handler`.
+// Answers every request with a line that describes what was received, unless `configure` sets on_request.
 // "/wait" is held until Release().
 class TestServer {
  public:
@@ -98,4 +98,4 @@ class TestServer {
 
 std::string Get(const std::string& target);
 
-}  // namespace vexa::daemon::testing_support
+}  // namespace vexa::http::testing_support

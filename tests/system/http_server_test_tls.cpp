@@ -15,7 +15,7 @@
 
 #include "tests/system/http_server_test_support.h"
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 using namespace testing_support;  // NOLINT(google-build-using-namespace)
@@ -118,8 +118,8 @@ class TlsClient {
       SSL_CTX_use_PrivateKey(context_.get(), identity->key.get());
     }
     ssl_.reset(SSL_new(context_.get()));
-    timeval patience{20, 0};
-    setsockopt(connection_.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    timeval timeout{20, 0};
+    setsockopt(connection_.fd(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     SSL_set_fd(ssl_.get(), connection_.fd());
     if (session != nullptr) SSL_set_session(ssl_.get(), session);
     connected_ = SSL_connect(ssl_.get()) == 1;
@@ -157,7 +157,7 @@ class TlsClient {
   bool connected_ = false;
 };
 
-TEST_F(Tls, WithoutClientCertificate_IsServedWithoutAName) {
+TEST_F(Tls, Request_NoClientCertificate_IsServedWithoutName) {
   TestServer server(WithTls());
   for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
     TlsClient client(server.port(), nullptr, version);
@@ -169,7 +169,7 @@ TEST_F(Tls, WithoutClientCertificate_IsServedWithoutAName) {
   }
 }
 
-TEST_F(Tls, WithClientCertificate_TheHandlerSeesItsName) {
+TEST_F(Tls, Request_ClientCertificate_HandlerGetsItsName) {
   TestServer server(WithTls());
   const Identity host = MakeIdentity("host-b", &authority_);
   for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
@@ -179,7 +179,7 @@ TEST_F(Tls, WithClientCertificate_TheHandlerSeesItsName) {
   }
 }
 
-TEST_F(Tls, ListenerWithoutAuthority_IgnoresClientCertificates) {
+TEST_F(Tls, Listener_NoAuthority_IgnoresClientCertificates) {
   TestServer server([&](ServerOptions& options) {
     options.listeners[0] = Listener();
     options.listeners[0].client_authority_file.clear();
@@ -190,7 +190,7 @@ TEST_F(Tls, ListenerWithoutAuthority_IgnoresClientCertificates) {
   EXPECT_EQ(server.last_request()->peer.certificate_name, "");
 }
 
-TEST_F(Tls, CertificateOfAForeignAuthority_EndsTheHandshake) {
+TEST_F(Tls, Handshake_ForeignAuthority_Fails) {
   TestServer server(WithTls());
   const Identity stranger = MakeIdentity("host-b", &foreign_authority_);
   const Identity self_signed = MakeIdentity("host-b", nullptr);
@@ -203,12 +203,12 @@ TEST_F(Tls, CertificateOfAForeignAuthority_EndsTheHandshake) {
   EXPECT_FALSE(server.last_request());
 }
 
-TEST_F(Tls, OldVersions_AreRefused) {
+TEST_F(Tls, Handshake_OldVersion_Fails) {
   TestServer server(WithTls());
   EXPECT_FALSE(TlsClient(server.port(), nullptr, TLS1_1_VERSION).connected());
 }
 
-TEST_F(Tls, Session_IsResumedWithTheClientsName) {
+TEST_F(Tls, Session_Resumed_KeepsClientName) {
   TestServer server(WithTls());
   const Identity host = MakeIdentity("host-b", &authority_);
   for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
@@ -233,7 +233,7 @@ TEST_F(Tls, Bodies_LargeBothWays_ArriveComplete) {
   EXPECT_EQ(answer.substr(answer.size() - body.size()), body);
 }
 
-TEST_F(Tls, PipelinedInOneRecord_AllAnswered) {
+TEST_F(Tls, Pipelined_InOneRecord_AreAllAnswered) {
   TestServer server(WithTls());
   TlsClient client(server.port(), nullptr);
   std::string all;
@@ -244,7 +244,7 @@ TEST_F(Tls, PipelinedInOneRecord_AllAnswered) {
   EXPECT_NE(last.find("GET /last "), std::string::npos);
 }
 
-TEST_F(Tls, BodyAboveTheLimit_AnswerIsReadable) {
+TEST_F(Tls, Body_AboveLimit_ReplyIsReadable) {
   TestServer server(WithTls());
   TlsClient client(server.port(), nullptr);
   ASSERT_TRUE(client.Send("POST /p HTTP/1.1\r\nHost: nas\r\nContent-Length: 3000000\r\n\r\n"));
@@ -252,7 +252,7 @@ TEST_F(Tls, BodyAboveTheLimit_AnswerIsReadable) {
   EXPECT_EQ(client.Receive(std::string::npos).substr(0, 12), "HTTP/1.1 413");
 }
 
-TEST_F(Tls, ClientLeavesMidHandler_IsNoticed) {
+TEST_F(Tls, Client_LeavesDuringHandler_IsDetected) {
   TestServer server(WithTls());
   for (const bool politely : {true, false}) {
     TlsClient client(server.port(), nullptr);
@@ -277,7 +277,7 @@ TEST_F(Tls, Timeout_HandshakeMissing_ClosesConnection) {
   EXPECT_TRUE(drips.SilentlyClosed());
 }
 
-TEST_F(Tls, PlainHttpOnATlsPort_IsNotAnswered) {
+TEST_F(Tls, PlainHttp_OnTlsPort_GetsNoReply) {
   TestServer server(WithTls());
   Client client = server.Connect();
   ASSERT_TRUE(client.Send(Get("/")));
@@ -285,7 +285,7 @@ TEST_F(Tls, PlainHttpOnATlsPort_IsNotAnswered) {
   EXPECT_FALSE(server.last_request());
 }
 
-TEST_F(Tls, OverTheConnectionLimit_IsJustClosed) {
+TEST_F(Tls, Connection_AboveLimit_IsClosed) {
   TestServer server([&](ServerOptions& options) {
     options.listeners[0] = Listener();
     options.limits.connections = 1;
@@ -302,7 +302,7 @@ TEST_F(Tls, Stop_FinishesCurrentRequests) {
   ASSERT_TRUE(client.Send(Get("/wait")));
   ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
   bool clean = false;
-  std::thread stopper([&] { clean = server->Stop(kPatience); });
+  std::thread stopper([&] { clean = server->Stop(kTimeout); });
   std::this_thread::sleep_for(milliseconds(50));
   server.Release();
   const std::string answer = client.Receive(std::string::npos);
@@ -312,7 +312,7 @@ TEST_F(Tls, Stop_FinishesCurrentRequests) {
   EXPECT_TRUE(clean);
 }
 
-TEST_F(Tls, UnusableFiles_AreRefusedWithTheirName) {
+TEST_F(Tls, Listen_UnusableFiles_AreRefusedByName) {
   const Identity other = MakeIdentity("other", &authority_);
   WriteKey(folder_ + "/other.key", other);
   WriteKey(folder_ + "/open.key", server_identity_);
@@ -345,4 +345,4 @@ TEST_F(Tls, UnusableFiles_AreRefusedWithTheirName) {
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::http

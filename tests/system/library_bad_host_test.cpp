@@ -1,4 +1,4 @@
-// The library's questions to hosts, over real sockets to a host that misbehaves.
+// The library's calls to hosts, over real sockets to a host that misbehaves.
 #include <syslog.h>
 
 #include "host/store/key.h"
@@ -20,38 +20,38 @@ constexpr const char* kBad = "other-host";
 constexpr const char* kUntouched = "untouched";
 
 // How a host is called, and what is reported when it does not answer.
-struct Question {
+struct LibraryCall {
   const char* name;
-  void (*ask_in_vain)();
+  void (*call_and_fail)();
   int lines;     // in the system log
   int priority;  // of the line
 };
 
-void ExpectUntouched(bool told, const Json::Value& out) {
-  EXPECT_FALSE(told);
+void ExpectUntouched(bool reported, const Json::Value& out) {
+  EXPECT_FALSE(reported);
   EXPECT_EQ(out, Json::Value(kUntouched));
 }
 
-const Question kQuestions[] = {
+const LibraryCall kLibraryCalls[] = {
     {"Utilization",
      [] {
        Json::Value out = kUntouched;
-       const bool told = GetSysUtilization(kBad, Parsed(R"({"resource":["cpu"]})"), out);
-       ExpectUntouched(told, out);
+       const bool reported = GetSysUtilization(kBad, Parsed(R"({"resource":["cpu"]})"), out);
+       ExpectUntouched(reported, out);
      },
      1, LOG_ERR},
     {"System",
      [] {
        Json::Value out = kUntouched;
-       const bool told = GetSysInfo(kBad, out);
-       ExpectUntouched(told, out);
+       const bool reported = GetSysInfo(kBad, out);
+       ExpectUntouched(reported, out);
      },
      1, LOG_ERR},
     {"Volume",
      [] {
        Json::Value out = kUntouched;
-       const bool told = GetVolumeInfo(kBad, Parsed(R"({"volume_path":"/"})"), out);
-       ExpectUntouched(told, out);
+       const bool reported = GetVolumeInfo(kBad, Parsed(R"({"volume_path":"/"})"), out);
+       ExpectUntouched(reported, out);
      },
      1, LOG_ERR},
     {"DiskUsage",
@@ -64,8 +64,8 @@ const Question kQuestions[] = {
     {"NetworkInterface",
      [] {
        Json::Value out = kUntouched;
-       const bool told = GetNetStat(kBad, "eth0", out);
-       ExpectUntouched(told, out);
+       const bool reported = GetNetStat(kBad, "eth0", out);
+       ExpectUntouched(reported, out);
      },
      0, 0},
     {"HostResources",
@@ -95,11 +95,11 @@ const Question kQuestions[] = {
     {"PollTask", [] { EXPECT_EQ(ClearPollTaskOnHost(kBad, "task"), -1); }, 1, LOG_ERR},
 };
 
-void ExpectLinesOf(const Question& question) {
+void ExpectLinesOf(const LibraryCall& call) {
   const auto lines = CapturedSyslog();
-  ASSERT_EQ(lines.size(), static_cast<std::size_t>(question.lines)) << question.name;
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(call.lines)) << call.name;
   for (const SyslogLine& line : lines) {
-    EXPECT_EQ(line.level(), question.priority) << question.name;
+    EXPECT_EQ(line.level(), call.priority) << call.name;
     EXPECT_TRUE(line.text.starts_with("utils:")) << line.text;
     EXPECT_NE(line.text.find(" Bad response [{\"error\":{\"code\":102"), std::string::npos) << line.text;
     EXPECT_NE(line.text.find("]/ request [{\"api\":\"VEXA."), std::string::npos) << line.text;
@@ -107,9 +107,9 @@ void ExpectLinesOf(const Question& question) {
 }
 
 // A database in which the bad host is the only one, with an interface.
-class LibraryGround {
+class BadHostCluster {
  public:
-  LibraryGround() {
+  BadHostCluster() {
     host_.Put("host", kBad, Parsed(R"({"name":"bad"})"));
     const store::Transaction nic{{}, {{store::MakeKey({"dash", "host", kBad, "nics", "n1"}), R"({"name":"eth0"})"}}};
     EXPECT_TRUE(host_.store().Commit(nic).ok());
@@ -121,59 +121,59 @@ class LibraryGround {
 
 class LibraryBadHost : public testing::TestWithParam<Misbehaviour> {};
 
-TEST_P(LibraryBadHost, EveryQuestion_FailsInItsForm) {
-  const LibraryGround ground;
-  for (const Question& question : kQuestions) {
-    SCOPED_TRACE(question.name);
+TEST_P(LibraryBadHost, EachCall_BadHost_FailsAsDocumented) {
+  const BadHostCluster cluster;
+  for (const LibraryCall& call : kLibraryCalls) {
+    SCOPED_TRACE(call.name);
     const ScriptedServer server({GetParam().reply});
     const InstalledTransport transport({{kBad, AddressOfUrl(server)}}, {}, std::chrono::milliseconds(400));
     ClearCapturedSyslog();
-    question.ask_in_vain();
-    ExpectLinesOf(question);
+    call.call_and_fail();
+    ExpectLinesOf(call);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, LibraryBadHost, testing::ValuesIn(Misbehaviours()),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(LibraryHost, ThatRefusesConnections_FailsEveryQuestionInItsForm) {
-  const LibraryGround ground;
-  for (const Question& question : kQuestions) {
-    SCOPED_TRACE(question.name);
+TEST(LibraryHost, EachCall_ConnectionRefused_FailsAsDocumented) {
+  const BadHostCluster cluster;
+  for (const LibraryCall& call : kLibraryCalls) {
+    SCOPED_TRACE(call.name);
     const InstalledTransport transport({{kBad, AddressOf(UnusedPort())}});
     ClearCapturedSyslog();
-    question.ask_in_vain();
-    ExpectLinesOf(question);
+    call.call_and_fail();
+    ExpectLinesOf(call);
   }
 }
 
-TEST(LibraryHost, WithAnotherHostsCertificate_FailsEveryQuestionInItsForm) {
-  const LibraryGround ground;
+TEST(LibraryHost, EachCall_CertificateOfOtherHost_FailsAsDocumented) {
+  const BadHostCluster cluster;
   const TempDir folder;
   const TestAuthority authority(folder.File("authority"));
   const transport::TlsFiles files = authority.FilesOf("third-host");
-  daemon::ListenerOptions listener;
+  http::ListenerOptions listener;
   listener.certificate_file = files.certificate;
   listener.key_file = files.key;
   listener.client_authority_file = files.authority;
   const JsonHost host(
-      [](const daemon::HttpRequest&, const daemon::Responder& responder) {
-        daemon::HttpResponse response;
+      [](const http::HttpRequest&, const http::Responder& responder) {
+        http::HttpResponse response;
         response.body = R"({"success":true,"data":{}})";
         responder.Send(std::move(response));
       },
       listener);
-  for (const Question& question : kQuestions) {
-    SCOPED_TRACE(question.name);
+  for (const LibraryCall& call : kLibraryCalls) {
+    SCOPED_TRACE(call.name);
     const InstalledTransport transport({{kBad, host.address()}}, authority.FilesOf(kLocalHost), kLocalHost);
     ClearCapturedSyslog();
-    question.ask_in_vain();
-    ExpectLinesOf(question);
+    call.call_and_fail();
+    ExpectLinesOf(call);
   }
   EXPECT_EQ(host.requests(), 0);
 }
 
-// Replies that succeed, with data that no question expects.
+// Replies that succeed, with data that no call expects.
 constexpr const char* kOddData[] = {
     R"({"success":true,"data":[]})",
     R"({"success":true,"data":"text"})",
@@ -182,7 +182,7 @@ constexpr const char* kOddData[] = {
     R"({"success":true,"data":[{"ifname":1},{"ifname":["eth0"]},7,null,{"ifname":{"eth0":1}}]})",
 };
 
-void ExpectTotalAnswers() {
+void ExpectWellFormedResults() {
   Json::Value out;
   EXPECT_TRUE(GetSysUtilization(kBad, Json::Value(), out));
   EXPECT_EQ(json::ToText(out), R"({"memory":null})");
@@ -205,21 +205,21 @@ void ExpectTotalAnswers() {
   EXPECT_EQ(ClearPollTaskOnHost(kBad, "task"), 0);
 }
 
-TEST(LibraryHost, ThatAnswersWrongTypes_IsReadWithoutFault) {
-  const LibraryGround ground;
+TEST(LibraryHost, EachCall_ReplyOfWrongTypes_DoesNotCrash) {
+  const BadHostCluster cluster;
   for (const char* reply : kOddData) {
     SCOPED_TRACE(reply);
     const JsonHost host{std::string(reply)};
     const InstalledTransport transport({{kBad, host.address()}});
-    ExpectTotalAnswers();
+    ExpectWellFormedResults();
   }
 }
 
-TEST(LibraryHost, ThatAnswersTenMegabytes_IsReadWithoutFault) {
-  const LibraryGround ground;
+TEST(LibraryHost, EachCall_ReplyOfTenMegabytes_IsRead) {
+  const BadHostCluster cluster;
   const JsonHost host{ObjectOfSize(10'000'000)};
   const InstalledTransport transport({{kBad, host.address()}});
-  ExpectTotalAnswers();
+  ExpectWellFormedResults();
 }
 
 }  // namespace

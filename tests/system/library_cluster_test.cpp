@@ -17,8 +17,6 @@
 namespace vexa::test {
 namespace {
 
-using testing::Gt;
-
 constexpr const char* kGuest = "0b7e9d6c-7a53-4a29-9f0e-3d1f5c2b8a11";
 constexpr const char* kDisk = "1c8fae7d-8b64-4b3a-8a1f-4e2a6d3c9b22";
 constexpr const char* kNic = "2d90bf8e-9c75-4c4b-9b2a-5f3b7e4dac33";
@@ -61,7 +59,7 @@ class LibraryCluster : public TransportCluster {
   void ForEveryHost(const std::string& function, Json::Value arguments,
                     const std::function<void(const Json::Value& answer)>& expect) {
     for (int host = 0; host < kHosts; ++host) {
-      json::MakeObject(arguments)["host_id"] = IdOf(host);
+      json::EnsureObject(arguments)["host_id"] = IdOf(host);
       const Json::Value answer = Library(0, function, arguments);
       SCOPED_TRACE(function + " of host " + std::to_string(host) + ": " + json::ToText(answer));
       expect(answer);
@@ -69,13 +67,13 @@ class LibraryCluster : public TransportCluster {
   }
 };
 
-TEST_F(LibraryCluster, Figures_AreTheMachines) {
+TEST_F(LibraryCluster, Utilization_MatchesMachine) {
   ForEveryHost("GetSysUtilization", Parse(R"({"resource":["cpu","disk","network"]})"), [](const Json::Value& answer) {
     EXPECT_EQ(answer["result"], Json::Value(true));
     const Json::Value& cpu = answer["out"]["cpu"];
     EXPECT_THAT(cpu["user_load"].asInt() + cpu["system_load"].asInt() + cpu["other_load"].asInt(),
                 testing::AllOf(testing::Ge(0), testing::Le(102)));
-    EXPECT_THAT(answer["out"]["memory"]["memory_size"].asUInt64(), Gt(100'000u)) << "KiB";
+    EXPECT_THAT(answer["out"]["memory"]["memory_size"].asUInt64(), testing::Gt(100'000u)) << "KiB";
     EXPECT_TRUE(answer["out"]["network"].isArray());
   });
   // Without naming what is wanted it was the memory alone.
@@ -85,18 +83,18 @@ TEST_F(LibraryCluster, Figures_AreTheMachines) {
   });
   ForEveryHost("GetSysInfo", Json::Value(), [](const Json::Value& answer) {
     EXPECT_EQ(answer["result"], Json::Value(true));
-    EXPECT_THAT(answer["out"]["cpu"]["cores"].asInt(), Gt(0));
-    EXPECT_THAT(answer["out"]["memory"].asUInt64(), Gt(100'000u));
-    EXPECT_THAT(answer["out"]["uptime"].asUInt64(), Gt(0u));
+    EXPECT_THAT(answer["out"]["cpu"]["cores"].asInt(), testing::Gt(0));
+    EXPECT_THAT(answer["out"]["memory"].asUInt64(), testing::Gt(100'000u));
+    EXPECT_THAT(answer["out"]["uptime"].asUInt64(), testing::Gt(0u));
   });
   ForEveryHost("GetVolumeInfo", Parse(R"({"volume_path":"/"})"), [](const Json::Value& answer) {
     EXPECT_EQ(answer["result"], Json::Value(true));
-    EXPECT_THAT(answer["out"]["volume"]["size_total_byte"].asUInt64(), Gt(kMiB));
+    EXPECT_THAT(answer["out"]["volume"]["size_total_byte"].asUInt64(), testing::Gt(kMiB));
     EXPECT_EQ(answer["out"]["volume"]["status"], Json::Value("normal"));
   });
 }
 
-TEST_F(LibraryCluster, DisksOfAGuest_HaveTheSizesOfTheirFiles) {
+TEST_F(LibraryCluster, DiskUsage_GuestsDisks_MatchesFileSizes) {
   Json::Value arguments(Json::objectValue);
   arguments["guest_id"] = kGuest;
   ForEveryHost("GetVdiskUsage", arguments, [](const Json::Value& answer) {
@@ -107,7 +105,7 @@ TEST_F(LibraryCluster, DisksOfAGuest_HaveTheSizesOfTheirFiles) {
   });
 }
 
-TEST_F(LibraryCluster, Interfaces_HaveIdsNamesAndALink) {
+TEST_F(LibraryCluster, Interfaces_OfEachHost_HaveIdNameAndLink) {
   const Json::Value all = Library(0, "GetAllInterfaceInfo")["out"];
   std::set<std::string> hosts;
   for (const Json::Value& interface : all) {
@@ -131,21 +129,22 @@ TEST_F(LibraryCluster, Interfaces_HaveIdsNamesAndALink) {
   EXPECT_EQ(Library(0, "GetNetStat", arguments)["result"], Json::Value(false));
 }
 
-TEST_F(LibraryCluster, Resources_AreThoseOfEveryHostWithItsRecord) {
+TEST_F(LibraryCluster, Resources_EveryHost_AreReturnedWithItsRecord) {
   const Json::Value answer = Library(1, "GetHostResourceInfo");
   EXPECT_EQ(answer["result"], Json::Value(0));
   ASSERT_EQ(answer["out"].size(), static_cast<Json::ArrayIndex>(kHosts)) << json::ToText(answer);
   for (int host = 0; host < kHosts; ++host) {
-    const Json::Value& told = answer["out"][IdOf(host)];
-    EXPECT_TRUE(told["https_enable"].asBool()) << json::ToText(told);
-    EXPECT_THAT(told["cpu_usage"].asInt(), testing::AllOf(testing::Ge(0), testing::Le(101)));
-    EXPECT_THAT(told["free_cpu_ghz"].asDouble(), testing::Ge(0.0));
-    EXPECT_THAT(told["free_ram_size"].asInt(), Gt(0));
-    EXPECT_EQ(told["total_ram_size"].asInt(), Library(2, "GetHostTotalMemory", About(IdOf(host)))["result"].asInt());
+    const Json::Value& resources = answer["out"][IdOf(host)];
+    EXPECT_TRUE(resources["https_enable"].asBool()) << json::ToText(resources);
+    EXPECT_THAT(resources["cpu_usage"].asInt(), testing::AllOf(testing::Ge(0), testing::Le(101)));
+    EXPECT_THAT(resources["free_cpu_ghz"].asDouble(), testing::Ge(0.0));
+    EXPECT_THAT(resources["free_ram_size"].asInt(), testing::Gt(0));
+    EXPECT_EQ(resources["total_ram_size"].asInt(),
+              Library(2, "GetHostTotalMemory", About(IdOf(host)))["result"].asInt());
   }
 }
 
-TEST_F(LibraryCluster, HostThatDied_IsLeftOut) {
+TEST_F(LibraryCluster, Resources_HostDied_OmitsIt) {
   hosts_[2]->Signal(SIGKILL);
   ASSERT_TRUE(hosts_[2]->Wait(std::chrono::seconds(20)));
   const Json::Value answer = Library(0, "GetHostResourceInfo");
@@ -173,7 +172,7 @@ TEST_F(LibraryCluster, RunningGuest_OnlyItsHost_ReportsIt) {
   }
 }
 
-TEST_F(LibraryCluster, PollTask_IsClearedOnEveryHost) {
+TEST_F(LibraryCluster, ClearPollTask_EveryHost_Succeeds) {
   ForEveryHost("ClearPollTaskOnHost", Parse(R"({"task_id":"task-1"})"),
                [](const Json::Value& answer) { EXPECT_EQ(answer["result"], Json::Value(0)); });
 }

@@ -1,4 +1,4 @@
-// Bodies that only imports may have: how long they can be, whose they can be, and how many there are at a time.
+// Long request bodies, which only imports may have: their size limit, who may send them, and how many concurrently.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,8 +11,8 @@
 namespace vexa::test {
 namespace {
 
-using daemon::testing_support::Client;
-using daemon::testing_support::Eventually;
+using http::testing_support::Client;
+using http::testing_support::Eventually;
 
 const std::string kImportPath = "/webapi/VEXA.Virtualization.Guest/import";
 const std::string kGetPath = "/webapi/VEXA.Virtualization.Guest/get";
@@ -21,7 +21,7 @@ constexpr std::size_t kMib = std::size_t{1} << 20;
 std::string BodyOf(std::size_t bytes) { return R"({"guests":[{"xml":")" + std::string(bytes, ' ') + R"("}]})"; }
 
 // A request whose body is still to come, and that the daemon has admitted or refused.
-Client HalfARequest(const TestDaemon& daemon, const std::string& token, int& status) {
+Client FirstHalfOfRequest(const TestDaemon& daemon, const std::string& token, int& status) {
   Client client = Client::Unix(daemon.config().socket);
   EXPECT_TRUE(client.Send("POST " + kImportPath +
                           " HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\nAuthorization: Bearer " +
@@ -30,7 +30,7 @@ Client HalfARequest(const TestDaemon& daemon, const std::string& token, int& sta
   return client;
 }
 
-TEST(LongBody, OfAnImport_IsTakenFromAdministratorsOnly) {
+TEST(LongBody, LongBody_Import_IsAcceptedFromAdministratorsOnly) {
   const TestDaemon daemon;
   HttpClient admin = daemon.TcpAs("admin");
   const HttpReply taken = admin.PostJson(kImportPath, BodyOf(8 * kMib));
@@ -45,22 +45,22 @@ TEST(LongBody, OfAnImport_IsTakenFromAdministratorsOnly) {
 }
 
 // They are in memory before it is known who sends them.
-TEST(LongBody, MoreThanThereArePlacesFor_IsRefusedAsBusy) {
+TEST(LongBody, LongBodies_MoreThanAllowed_AreRefusedAsBusy) {
   const TestDaemon daemon;
   const std::string token = daemon.Login("grace");
   std::vector<Client> clients;
   int status = 0;
   for (int i = 0; i < 16; ++i) {
-    clients.push_back(HalfARequest(daemon, token, status));
+    clients.push_back(FirstHalfOfRequest(daemon, token, status));
     ASSERT_EQ(status, 100) << i;
   }
-  HalfARequest(daemon, token, status).Close();
+  FirstHalfOfRequest(daemon, token, status).Close();
   EXPECT_EQ(status, 503);
   EXPECT_EQ(ErrorCode(daemon.TcpAs("admin").PostJson(kGetPath, "{}")), 401) << "other methods have no such places";
   // Clients that leave give their places back.
   clients.clear();
   EXPECT_TRUE(Eventually([&] {
-    HalfARequest(daemon, token, status).Close();
+    FirstHalfOfRequest(daemon, token, status).Close();
     return status == 100;
   }));
 }

@@ -103,16 +103,16 @@ class SystemLibvirtd {
 class NetworkHealth : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string why_not = WhyNot();
+    const std::string why_not = UnavailableReason();
     if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
     RunTool({"ip", "link", "set", "lo", "up"});
-    GroundFiles files = HostPrograms();
-    files.user = GroundUser::kSame;
-    ground_ = std::make_unique<QemuGround>(files);
+    QemuFiles files = HostFiles();
+    files.user = QemuUser::kSame;
+    environment_ = std::make_unique<QemuEnvironment>(files);
     libvirtd_ = std::make_unique<SystemLibvirtd>();
     QemuHostOptions options;
     options.hypervisor = kUri;
-    host_ = std::make_unique<QemuHost>(*ground_, options);
+    host_ = std::make_unique<QemuHost>(*environment_, options);
   }
   void TearDown() override {
     if (HasFailure() && host_) {
@@ -123,12 +123,12 @@ class NetworkHealth : public testing::Test {
     host_.reset();
     if (libvirtd_) libvirtd_->Forget(kGuest);
     libvirtd_.reset();
-    ground_.reset();
+    environment_.reset();
   }
 
-  static std::string WhyNot() {
-    std::string why_not = WhyNoNetworkNamespace();
-    if (why_not.empty()) why_not = WhyNoQemuGuests();
+  static std::string UnavailableReason() {
+    std::string why_not = NamespaceUnavailableReason();
+    if (why_not.empty()) why_not = QemuUnavailableReason();
     if (!why_not.empty()) return why_not;
     if (!IsInstalled("/usr/sbin/libvirtd")) return "there is no libvirtd: install libvirt-daemon";
     return IsInstalled("ip") ? "" : "there is no ip: install iproute2";
@@ -153,13 +153,13 @@ class NetworkHealth : public testing::Test {
   // As `vexa guest status` shows it: "healthy", "warning network_unconnectable".
   std::string Severity() const {
     const auto status =
-        ParseJson(host_->Vexa({"guest", "status", kGuest, "--json", "--socket", ground_->folder() + "/s"}));
+        ParseJson(host_->Vexa({"guest", "status", kGuest, "--json", "--socket", environment_->folder() + "/s"}));
     if (!status) return "no answer";
     const std::string reason = json::String(json::Member(*status, "status_reason"));
     return json::String(json::Member(*status, "status_type")) + (reason.empty() ? "" : " " + reason);
   }
   // Within what is promised.
-  void ExpectSoon(const std::string& severity, const std::string& after) const {
+  void ExpectWithinPromisedTime(const std::string& severity, const std::string& after) const {
     const auto begin = Clock::now();
     std::string seen;
     do {
@@ -177,16 +177,16 @@ class NetworkHealth : public testing::Test {
   // The guest's own cable, which is the machine's.
   void ExpectOwnCableCounts() {
     libvirtd_->SetLink(kGuest, "down");
-    ExpectSoon(kUnconnectable, "the guest's own link is down");
+    ExpectWithinPromisedTime(kUnconnectable, "the guest's own link is down");
     libvirtd_->SetLink(kGuest, "up");
-    ExpectSoon(kHealthy, "the guest's own link is up");
+    ExpectWithinPromisedTime(kHealthy, "the guest's own link is up");
   }
   void ExpectCableCounts(const Cable& cable) {
-    ExpectSoon(kHealthy, "the guest runs");
+    ExpectWithinPromisedTime(kHealthy, "the guest runs");
     cable.PullOut();
-    ExpectSoon(kUnconnectable, "the cable is out");
+    ExpectWithinPromisedTime(kUnconnectable, "the cable is out");
     cable.PlugIn();
-    ExpectSoon(kHealthy, "the cable is in");
+    ExpectWithinPromisedTime(kHealthy, "the cable is in");
   }
   void ExpectNothingIsLeft() {
     ASSERT_EQ(host_->Power(kGuest, "poweroff"), 0);
@@ -195,12 +195,12 @@ class NetworkHealth : public testing::Test {
   }
 
   static inline const std::string kNic = std::string("nic-") + kGuest;
-  std::unique_ptr<QemuGround> ground_;
+  std::unique_ptr<QemuEnvironment> environment_;
   std::unique_ptr<SystemLibvirtd> libvirtd_;
   std::unique_ptr<QemuHost> host_;
 };
 
-TEST_F(NetworkHealth, Bridge_WithUplink_HasLinkOfItsCable) {
+TEST_F(NetworkHealth, Bridge_WithUplink_FollowsItsCable) {
   RunTool({"ip", "link", "add", "br0", "type", "bridge"});
   RunTool({"ip", "link", "set", "br0", "up"});
   const Cable cable("up0");
@@ -210,24 +210,24 @@ TEST_F(NetworkHealth, Bridge_WithUplink_HasLinkOfItsCable) {
   ExpectOwnCableCounts();
   const std::string tap = "vnet0";
   RunTool({"ip", "link", "set", tap, "nomaster"});
-  ExpectSoon(kUnconnectable, "the guest's end was taken off the bridge");
+  ExpectWithinPromisedTime(kUnconnectable, "the guest's end was taken off the bridge");
   RunTool({"ip", "link", "set", tap, "master", "br0"});
-  ExpectSoon(kHealthy, "the guest's end is on the bridge");
+  ExpectWithinPromisedTime(kHealthy, "the guest's end is on the bridge");
   host_->Restart();
-  ExpectSoon(kHealthy, "the host was killed and started");
+  ExpectWithinPromisedTime(kHealthy, "the host was killed and started");
   ExpectNothingIsLeft();
   RunTool({"ip", "link", "delete", "br0"});
 }
 
-TEST_F(NetworkHealth, BridgeWithoutUplinks_IsPrivate) {
+TEST_F(NetworkHealth, Bridge_NoUplinks_IsPrivate) {
   RunTool({"ip", "link", "add", "br1", "type", "bridge"});
   RunTool({"ip", "link", "set", "br1", "up"});
   ASSERT_NO_FATAL_FAILURE(StartGuest("br1"));
-  ExpectSoon(kHealthy, "the guest runs");
+  ExpectWithinPromisedTime(kHealthy, "the guest runs");
   RunTool({"ip", "link", "set", "br1", "down"});
-  ExpectSoon(kUnconnectable, "the bridge is switched off");
+  ExpectWithinPromisedTime(kUnconnectable, "the bridge is switched off");
   RunTool({"ip", "link", "set", "br1", "up"});
-  ExpectSoon(kHealthy, "the bridge is switched on");
+  ExpectWithinPromisedTime(kHealthy, "the bridge is switched on");
   ExpectNothingIsLeft();
   RunTool({"ip", "link", "delete", "br1"});
 }
@@ -235,19 +235,19 @@ TEST_F(NetworkHealth, BridgeWithoutUplinks_IsPrivate) {
 class NetworkOfLibvirt : public NetworkHealth,
                          public testing::WithParamInterface<std::pair<const char*, const char*>> {};
 
-TEST_P(NetworkOfLibvirt, IsConnectedWhileItsBridgeIsUp) {
+TEST_P(NetworkOfLibvirt, Guest_BridgeUp_IsHealthy) {
   const bool is_nat = std::string(GetParam().first) == "Nat";
   if (is_nat && !IsInstalled("iptables")) GTEST_SKIP() << SkipNotice("there is no iptables, which NAT needs");
   ASSERT_NO_FATAL_FAILURE(libvirtd_->StartNetwork(GetParam().second));
   ASSERT_NO_FATAL_FAILURE(StartGuest("inside"));
-  ExpectSoon(kHealthy, "the guest runs");
+  ExpectWithinPromisedTime(kHealthy, "the guest runs");
   ExpectOwnCableCounts();
   RunTool({"ip", "link", "set", "virbr7", "down"});
-  ExpectSoon(kUnconnectable, "the bridge of the network is switched off");
+  ExpectWithinPromisedTime(kUnconnectable, "the bridge of the network is switched off");
   RunTool({"ip", "link", "set", "virbr7", "up"});
-  ExpectSoon(kHealthy, "the bridge of the network is switched on");
+  ExpectWithinPromisedTime(kHealthy, "the bridge of the network is switched on");
   ASSERT_NO_FATAL_FAILURE(libvirtd_->StopNetwork());
-  ExpectSoon(kUnconnectable, "the network was stopped");
+  ExpectWithinPromisedTime(kUnconnectable, "the network was stopped");
 }
 
 INSTANTIATE_TEST_SUITE_P(NetworkHealth, NetworkOfLibvirt,
@@ -257,7 +257,7 @@ INSTANTIATE_TEST_SUITE_P(NetworkHealth, NetworkOfLibvirt,
 // The datapath is in user space, which every kernel can run.
 class VirtualSwitch {
  public:
-  static std::string WhyNot() {
+  static std::string UnavailableReason() {
     return IsInstalled("ovs-vswitchd") ? "" : "there is no ovs-vswitchd: install openvswitch-switch";
   }
   VirtualSwitch() {
@@ -284,8 +284,9 @@ class VirtualSwitch {
   std::unique_ptr<Process> datapath_;
 };
 
-TEST_F(NetworkHealth, SwitchBridge_AnyName_HasLinkOfItsCable) {
-  if (const std::string why_not = VirtualSwitch::WhyNot(); !why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
+TEST_F(NetworkHealth, SwitchBridge_AnyName_FollowsItsCable) {
+  if (const std::string why_not = VirtualSwitch::UnavailableReason(); !why_not.empty())
+    GTEST_SKIP() << SkipNotice(why_not);
   const VirtualSwitch virtual_switch;
   const Cable cable("up1");
   virtual_switch.AddBridge("lan");
@@ -294,18 +295,18 @@ TEST_F(NetworkHealth, SwitchBridge_AnyName_HasLinkOfItsCable) {
   ExpectCableCounts(cable);
   ExpectOwnCableCounts();
   virtual_switch.DeletePort("lan", "up1");
-  ExpectSoon(kHealthy, "a bridge without uplinks is private");
+  ExpectWithinPromisedTime(kHealthy, "a bridge without uplinks is private");
   virtual_switch.DeletePort("lan", "vnet0");
-  ExpectSoon(kUnconnectable, "the guest's end was taken off the bridge");
+  ExpectWithinPromisedTime(kUnconnectable, "the guest's end was taken off the bridge");
   virtual_switch.AddPort("lan", "vnet0");
-  ExpectSoon(kHealthy, "the guest's end is on the bridge");
+  ExpectWithinPromisedTime(kHealthy, "the guest's end is on the bridge");
   ExpectNothingIsLeft();
 }
 
-TEST_F(NetworkHealth, Macvtap_HasLinkOfItsCable) {
+TEST_F(NetworkHealth, Macvtap_OnCard_FollowsItsCable) {
   const Cable cable("up2");
   const std::string image = host_->DiskFolder() + "/boot.img";
-  RunTool({"cp", ground_->Image(GuestImage::kWithAgent), image});
+  RunTool({"cp", environment_->Image(GuestImage::kWithAgent), image});
   const LibvirtUser user(kUri);
   const std::string defined = user.Define(
       std::string("<domain type='qemu'><name>direct</name><uuid>") + kGuest +

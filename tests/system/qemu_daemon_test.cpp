@@ -28,27 +28,26 @@ namespace vexa::test {
 namespace {
 
 using namespace std::chrono_literals;
-namespace states = VexaCCC::State::Guest;
 
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";
 constexpr char kRepository[] = "11111111-2222-4333-8444-00000000000a";
 constexpr char kDisk[] = "11111111-2222-4333-8444-00000000000d";
-constexpr auto kPatience = 120s;
+constexpr auto kTimeout = 120s;
 
 class QemuDaemon : public testing::Test {
  protected:
   // Hosts are forked, so the test program itself has no threads and keeps no store open.
   void SetUp() override {
-    const std::string why_not = WhyNoQemuGuests();
+    const std::string why_not = QemuUnavailableReason();
     if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
-    ground_ = std::make_unique<QemuGround>();
-    config_.data_directory = ground_->folder() + "/data";
+    environment_ = std::make_unique<QemuEnvironment>();
+    config_.data_directory = environment_->folder() + "/data";
     config_.store_directory = config_.data_directory + "/store";
-    config_.socket = ground_->folder() + "/s";
+    config_.socket = environment_->folder() + "/s";
     config_.listen.clear();
     config_.hypervisor = "embed";
-    config_.hypervisor_root = ground_->root();
-    config_.image_roots = {ground_->folder() + "/disks"};
+    config_.hypervisor_root = environment_->root();
+    config_.image_roots = {environment_->folder() + "/disks"};
     ::mkdir(config_.data_directory.c_str(), 0700);
     ::mkdir(config_.image_roots[0].c_str(), 0700);
     PutRecords();
@@ -56,15 +55,15 @@ class QemuDaemon : public testing::Test {
   }
   void TearDown() override {
     if (host_ > 0) KillHost();
-    ground_.reset();
+    environment_.reset();
   }
 
   std::string DiskFile() const { return config_.image_roots[0] + "/disk.img"; }
 
   void PutRecords() {
     const std::string host_id = Require(daemon::LoadHostId(config_.data_directory));
-    hypervisor::GuestRecords records =
-        QemuGuestRecords(kGuest, "small", ground_->Image(GuestImage::kWithAgent), StartsFrom::kIso);
+    domain_xml::GuestRecords records =
+        QemuGuestRecords(kGuest, "small", environment_->Image(GuestImage::kWithAgent), BootMedium::kIso);
     std::ofstream(DiskFile()) << std::string(1 << 20, '\0');
     Json::Value disk(Json::objectValue);
     disk["guest_id"] = kGuest;
@@ -112,7 +111,7 @@ class QemuDaemon : public testing::Test {
     ASSERT_GE(host_, 0);
     if (host_ == 0) {
       ::close(answer[0]);
-      ground_->LetGo();
+      environment_->ReleaseInChild();
       const auto started = daemon::Daemon::Start(config_);
       const std::string said = started ? "ready" : started.error().ToString();
       if (::write(answer[1], said.data(), said.size()) < 0) ::_exit(1);
@@ -139,13 +138,13 @@ class QemuDaemon : public testing::Test {
     target.url = "http://localhost";
     target.unix_socket = config_.socket;
     HttpClient client(target);
-    client.SetTimeout(kPatience);
+    client.SetTimeout(kTimeout);
     return client;
   }
-  Json::Value Ask(const std::string& api_and_method, const std::string& further = "") const {
+  Json::Value Ask(const std::string& api_and_method, const std::string& extra_members = "") const {
     HttpClient client = Client();
-    const HttpReply reply =
-        client.PostJson("/webapi/" + api_and_method, R"({"guest_id":")" + std::string(kGuest) + "\"" + further + "}");
+    const HttpReply reply = client.PostJson("/webapi/" + api_and_method,
+                                            R"({"guest_id":")" + std::string(kGuest) + "\"" + extra_members + "}");
     EXPECT_TRUE(reply.arrived()) << reply.transport_error;
     return Parsed(reply.body);
   }
@@ -161,7 +160,7 @@ class QemuDaemon : public testing::Test {
   }
   Json::Value Info() const { return json::Member(Ask("VEXA.Virtualization.Guest/info"), "data"); }
   bool IsAnswered() const { return json::Bool(json::Member(Info(), "answered")); }
-  bool TellsItsAddress() const {
+  bool ReportsItsAddress() const {
     const Json::Value info = Info();
     for (const Json::Value& address : json::Elements(json::Member(info, "ip"))) {
       if (json::String(address) == kGuestAddress) return true;
@@ -169,7 +168,7 @@ class QemuDaemon : public testing::Test {
     return false;
   }
   static bool Await(const std::function<bool()>& holds) {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
+    const auto end = std::chrono::steady_clock::now() + kTimeout;
     while (!holds()) {
       if (std::chrono::steady_clock::now() > end) return false;
       std::this_thread::sleep_for(50ms);
@@ -179,7 +178,7 @@ class QemuDaemon : public testing::Test {
 
   // QEMUs of this test that run the guest now. libvirt has others, for a moment, to ask what QEMU can do; those of a
   // host that was killed meanwhile stay.
-  int Qemus() const { return CountQemus(ground_->folder(), kGuest); }
+  int Qemus() const { return CountQemus(environment_->folder(), kGuest); }
   std::string Stored(const std::string& key) const {
     const auto store = Store();
     const auto snapshot = Require(store->Read());
@@ -189,28 +188,28 @@ class QemuDaemon : public testing::Test {
 
   std::string Seen() const {
     return std::to_string(Qemus()) + " QEMUs run, the state is " +
-           Stored(store::MakeKey({"dash", "guest", kGuest, "state"})) + ", the run " + Stored(guests::RunKey(kGuest));
+           Stored(store::MakeKey({"dash", "guest", kGuest, "state"})) + ", the run " + Stored(records::RunKey(kGuest));
   }
 
-  std::unique_ptr<QemuGround> ground_;
+  std::unique_ptr<QemuEnvironment> environment_;
   daemon::Config config_;
   pid_t host_ = 0;
 };
 
-TEST_F(QemuDaemon, AGuest_LivesThroughTheDeathOfItsHost) {
+TEST_F(QemuDaemon, Guest_HostKilled_KeepsRunning) {
   ASSERT_EQ(Power("poweron"), 0);
   EXPECT_EQ(Qemus(), 1);
-  ASSERT_TRUE(Await([&] { return TellsItsAddress(); })) << json::ToText(Info());
+  ASSERT_TRUE(Await([&] { return ReportsItsAddress(); })) << json::ToText(Info());
   EXPECT_EQ(Info()["has_agent"], Json::Value(true));
   KillHost();
   EXPECT_EQ(Qemus(), 1);
   StartHost();
   EXPECT_EQ(Power("poweron"), 939) << "it is adopted";
-  EXPECT_TRUE(Await([&] { return TellsItsAddress(); })) << "its agent has a new listener";
+  EXPECT_TRUE(Await([&] { return ReportsItsAddress(); })) << "its agent has a new listener";
   EXPECT_EQ(json::Int(json::Member(json::Member(Ask("VEXA.Virtualization.Guest/delete"), "error"), "code")), 901);
   EXPECT_EQ(Power("reboot"), 0);
-  EXPECT_TRUE(Await([&] { return !TellsItsAddress(); })) << "it goes down";
-  ASSERT_TRUE(Await([&] { return TellsItsAddress(); })) << "it is up again";
+  EXPECT_TRUE(Await([&] { return !ReportsItsAddress(); })) << "it goes down";
+  ASSERT_TRUE(Await([&] { return ReportsItsAddress(); })) << "it is up again";
   EXPECT_EQ(Power("shutdown"), 0);
   ASSERT_TRUE(Await([&] { return !IsAnswered(); }));
   ASSERT_TRUE(Await([&] { return Qemus() == 0; }));
@@ -222,10 +221,10 @@ TEST_F(QemuDaemon, AGuest_LivesThroughTheDeathOfItsHost) {
   EXPECT_FALSE(std::filesystem::exists(DiskFile()));
   KillHost();
   EXPECT_EQ(Stored(store::MakeKey({"dash", "guest", kGuest, "object"})), "");
-  EXPECT_EQ(Stored(guests::RunKey(kGuest)), "");
+  EXPECT_EQ(Stored(records::RunKey(kGuest)), "");
 }
 
-TEST_F(QemuDaemon, KilledWhileItStartsAndStopsAGuest_AgreesWithQemuAfterwards) {
+TEST_F(QemuDaemon, Kill_DuringStartAndStop_RecordsMatchQemuAfterRestart) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
@@ -234,7 +233,7 @@ TEST_F(QemuDaemon, KilledWhileItStartsAndStopsAGuest_AgreesWithQemuAfterwards) {
     const pid_t asker = ::fork();
     ASSERT_GE(asker, 0);
     if (asker == 0) {
-      ground_->LetGo();
+      environment_->ReleaseInChild();
       HttpClient client = Client();
       for (int i = 0;; ++i) {
         const HttpReply reply = client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl",
@@ -252,8 +251,8 @@ TEST_F(QemuDaemon, KilledWhileItStartsAndStopsAGuest_AgreesWithQemuAfterwards) {
     const auto agrees = [&] {
       const bool runs = Qemus() == 1;
       const std::string state = Stored(store::MakeKey({"dash", "guest", kGuest, "state"}));
-      return Qemus() <= 1 && (state == json::ToText(states::running)) == runs &&
-             Stored(guests::RunKey(kGuest)).empty() != runs;
+      return Qemus() <= 1 && (state == json::ToText(VexaCCC::State::Guest::running)) == runs &&
+             Stored(records::RunKey(kGuest)).empty() != runs;
     };
     EXPECT_TRUE(Await(agrees)) << Seen();
     const bool runs = Qemus() == 1;

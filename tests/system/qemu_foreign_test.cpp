@@ -1,4 +1,4 @@
-// What somebody else has defined for libvirt stays theirs: beside the host's guests, and when it becomes one of them.
+// Domains that users define in libvirt are not changed: beside the host's guests, and after they are imported.
 #include "tests/support/qemu_host_test.h"
 
 namespace vexa::test {
@@ -20,25 +20,25 @@ class QemuForeign : public LibvirtHostTest {
     guest.name = name;
     host_->PutGuest(guest);
   }
-  void ExpectOwners(const OwnersDomain& domain, const char* after) const {
+  void ExpectUserDomainUnchanged(const UserDomain& domain, const char* after) const {
     EXPECT_TRUE(user_->IsKnown(domain.id)) << after;
-    EXPECT_EQ(LostOfOwner(user_->Xml(domain.id)), "") << after;
-    EXPECT_TRUE(user_->StartsWithTheHost(domain.id)) << after;
-    EXPECT_TRUE(AreDisksWhole(domain)) << after;
+    EXPECT_EQ(MissingUserElements(user_->Xml(domain.id)), "") << after;
+    EXPECT_TRUE(user_->IsAutostarting(domain.id)) << after;
+    EXPECT_TRUE(AreDisksIntact(domain)) << after;
   }
 };
 
 TEST_F(QemuForeign, ForeignDomains_GuestOperations_AreUnchanged) {
-  const OwnersDomain idle = MakeOwnersDomain(kOwners, "idle");
-  const OwnersDomain running = MakeOwnersDomain(kOwnersRunning, "busy");
-  const OwnersDomain saved = MakeOwnersDomain(kOwnersSaved, "asleep");
-  for (const OwnersDomain* domain : {&idle, &running, &saved}) ASSERT_EQ(user_->Define(OwnersXml(*domain)), "");
-  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+  const UserDomain idle = MakeUserDomain(kOwners, "idle");
+  const UserDomain running = MakeUserDomain(kOwnersRunning, "busy");
+  const UserDomain saved = MakeUserDomain(kOwnersSaved, "asleep");
+  for (const UserDomain* domain : {&idle, &running, &saved}) ASSERT_EQ(user_->Define(UserDomainXml(*domain)), "");
+  ASSERT_EQ(user_->EnableAutostart(kOwners), "");
   ASSERT_EQ(user_->Start(kOwnersRunning), "") << libvirtd_->Log();
   ASSERT_EQ(user_->Start(kOwnersSaved), "");
   ASSERT_EQ(user_->ManagedSave(kOwnersSaved), "");
   const auto everything = [&] {
-    return user_->Everything(kOwners) + user_->Everything(kOwnersRunning) + user_->Everything(kOwnersSaved);
+    return user_->Snapshot(kOwners) + user_->Snapshot(kOwnersRunning) + user_->Snapshot(kOwnersSaved);
   };
   const std::string before = everything();
   PutGuest(kGuest, "busy");  // libvirt cannot have two of a name
@@ -65,11 +65,11 @@ TEST_F(QemuForeign, ForeignDomains_GuestOperations_AreUnchanged) {
   EXPECT_FALSE(user_->IsKnown(kGuest));
 }
 
-TEST_F(QemuForeign, DomainWithTheIdOfAGuest_IsNeitherReplacedNorRemoved) {
-  const OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
-  ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
-  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
-  const std::string before = user_->Everything(kOwners);
+TEST_F(QemuForeign, ForeignDomain_IdOfGuest_IsNeitherReplacedNorRemoved) {
+  const UserDomain domain = MakeUserDomain(kOwners, "mine");
+  ASSERT_EQ(user_->Define(UserDomainXml(domain)), "");
+  ASSERT_EQ(user_->EnableAutostart(kOwners), "");
+  const std::string before = user_->Snapshot(kOwners);
   HostGuest guest;
   guest.id = kOwners;
   guest.name = "ours";
@@ -77,68 +77,68 @@ TEST_F(QemuForeign, DomainWithTheIdOfAGuest_IsNeitherReplacedNorRemoved) {
   host_->PutGuest(guest);
   host_->Start();
   EXPECT_NE(host_->Power(kOwners, "poweron"), 0);
-  EXPECT_EQ(user_->Everything(kOwners), before) << "after a start";
+  EXPECT_EQ(user_->Snapshot(kOwners), before) << "after a start";
   host_->Restart();
   EXPECT_NE(host_->Power(kOwners, "poweron"), 0);
-  EXPECT_EQ(user_->Everything(kOwners), before) << "after the host was killed";
+  EXPECT_EQ(user_->Snapshot(kOwners), before) << "after the host was killed";
   (void)host_->Delete(kOwners);
-  EXPECT_EQ(user_->Everything(kOwners), before) << "after a deletion";
-  EXPECT_TRUE(AreDisksWhole(domain));
+  EXPECT_EQ(user_->Snapshot(kOwners), before) << "after a deletion";
+  EXPECT_TRUE(AreDisksIntact(domain));
 }
 
-TEST_F(QemuForeign, ImportedGuest_RunAndReleased_KeepsOwnersDefinition) {
-  OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
-  domain.firmware = OwnersDomain::Firmware::kUefi;
-  ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
-  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+TEST_F(QemuForeign, ImportedGuest_RunAndReleased_KeepsUsersDefinition) {
+  UserDomain domain = MakeUserDomain(kOwners, "mine");
+  domain.firmware = UserDomain::Firmware::kUefi;
+  ASSERT_EQ(user_->Define(UserDomainXml(domain)), "");
+  ASSERT_EQ(user_->EnableAutostart(kOwners), "");
   ASSERT_EQ(user_->Start(kOwners), "") << libvirtd_->Log();
   ASSERT_EQ(user_->Destroy(kOwners), "");
-  const std::vector<std::string> variables = VariablesBelow(ground_->folder());
+  const std::vector<std::string> variables = FindNvramFiles(environment_->folder());
   ASSERT_THAT(variables, testing::SizeIs(1));
   Mark(variables[0]);
   host_->Start();
   ImportAll(host_->id());
 
   ASSERT_EQ(host_->Power(kOwners, "poweron"), 0) << host_->Log();
-  ExpectOwners(domain, "while it runs");
+  ExpectUserDomainUnchanged(domain, "while it runs");
   EXPECT_NE(user_->Xml(kOwners).find(kOurMark), std::string::npos);
   EXPECT_NE(user_->Xml(kOwners).find("kept="), std::string::npos);
   host_->Restart();
   EXPECT_TRUE(host_->AwaitState(kOwners, "guest_running"));
   EXPECT_EQ(host_->Power(kOwners, "poweroff"), 0);
   EXPECT_TRUE(host_->AwaitOff(kOwners));
-  ExpectOwners(domain, "after a run");
+  ExpectUserDomainUnchanged(domain, "after a run");
   Json::Value edit(Json::objectValue);
   edit["vcpu_num"] = 2;
   EXPECT_EQ(host_->Set(kOwners, edit), 0);
   EXPECT_EQ(host_->Power(kOwners, "poweron"), 0);
-  KillQemus(ground_->folder());
+  KillQemus(environment_->folder());
   EXPECT_TRUE(host_->AwaitOff(kOwners));
-  ExpectOwners(domain, "after a crash");
+  ExpectUserDomainUnchanged(domain, "after a crash");
   EXPECT_NE(user_->Xml(kOwners).find(">2</vcpu>"), std::string::npos) << user_->Xml(kOwners);
-  EXPECT_EQ(VariablesBelow(ground_->folder()), variables);
-  EXPECT_TRUE(IsMarked(variables[0]));
+  EXPECT_EQ(FindNvramFiles(environment_->folder()), variables);
+  EXPECT_TRUE(HasNvramMark(variables[0]));
 
   EXPECT_EQ(host_->Code("VEXA.Virtualization.Guest/release", kOwners), 0);
-  ExpectOwners(domain, "after the release");
+  ExpectUserDomainUnchanged(domain, "after the release");
   EXPECT_EQ(user_->Xml(kOwners).find(kOurMark), std::string::npos);
   EXPECT_FALSE(host_->Has(kOwners));
-  EXPECT_EQ(VariablesBelow(ground_->folder()), variables);
-  EXPECT_TRUE(IsMarked(variables[0]));
+  EXPECT_EQ(FindNvramFiles(environment_->folder()), variables);
+  EXPECT_TRUE(HasNvramMark(variables[0]));
   EXPECT_EQ(user_->Start(kOwners), "");
 }
 
 TEST_F(QemuForeign, ImportedGuest_CannotBeStarted_StaysDefined) {
-  OwnersDomain domain = MakeOwnersDomain(kOwners, "mine");
+  UserDomain domain = MakeUserDomain(kOwners, "mine");
   domain.screen.clear();
-  ASSERT_EQ(user_->Define(OwnersXml(domain)), "");
-  ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
+  ASSERT_EQ(user_->Define(UserDomainXml(domain)), "");
+  ASSERT_EQ(user_->EnableAutostart(kOwners), "");
   host_->Start();
   ImportAll(host_->id());
   EXPECT_NE(host_->Power(kOwners, "poweron"), 0) << "this machine does not have the address of its screen";
-  ExpectOwners(domain, "after a start that failed");
+  ExpectUserDomainUnchanged(domain, "after a start that failed");
   host_->Restart();
-  ExpectOwners(domain, "after the host was killed");
+  ExpectUserDomainUnchanged(domain, "after the host was killed");
   EXPECT_EQ(user_->IsActive(kOwners), false);
 }
 

@@ -1,4 +1,5 @@
-// Disks that a machine writes to are neither removed nor changed, however it was started and whatever is known of it.
+// Disks that a VM process writes to are neither removed nor changed, however the VM was started, even if the host has
+// no record of it.
 #include <thread>
 
 #include "tests/support/qemu_host_test.h"
@@ -29,9 +30,9 @@ class QemuRunningDisks : public LibvirtHostTest {
  protected:
   // A domain that its owner has started, with an image that is named twice, becomes a guest of `host_id`.
   void StartAndImport(const std::string& host_id) {
-    domain_ = MakeOwnersDomain(kOwners, "mine");
+    domain_ = MakeUserDomain(kOwners, "mine");
     domain_.disks.push_back(domain_.disks[0]);
-    ASSERT_EQ(user_->Define(OwnersXml(domain_)), "");
+    ASSERT_EQ(user_->Define(UserDomainXml(domain_)), "");
     ASSERT_EQ(user_->Start(kOwners), "") << libvirtd_->Log();
     host_->Start();
     ImportAll(host_id);
@@ -41,14 +42,14 @@ class QemuRunningDisks : public LibvirtHostTest {
     ASSERT_EQ(disks.size(), 3U) << when << ": the guest's record is gone";
     // Not one of the two whose image would stay anyway, since the other names it.
     ExpectDiskRefusals(*host_, kOwners, disks[0].asString(), when);
-    EXPECT_TRUE(AreDisksWhole(domain_)) << when;
+    EXPECT_TRUE(AreDisksIntact(domain_)) << when;
     EXPECT_EQ(Content(domain_.disks[0]).size(), 1U << 20) << when;
-    EXPECT_EQ(CountQemus(ground_->folder(), kOwners), 1) << when;
+    EXPECT_EQ(CountQemus(environment_->folder(), kOwners), 1) << when;
   }
-  OwnersDomain domain_;
+  UserDomain domain_;
 };
 
-TEST_F(QemuRunningDisks, ImportedWhileItRuns_KeepsItsDisksUntilItIsOff) {
+TEST_F(QemuRunningDisks, ImportedGuest_StillRunning_KeepsDisksUntilOff) {
   ASSERT_NO_FATAL_FAILURE(StartAndImport(host_->id()));
   ASSERT_NO_FATAL_FAILURE(ExpectRefusals("right after the import"));
   libvirtd_->Kill();
@@ -62,10 +63,10 @@ TEST_F(QemuRunningDisks, ImportedWhileItRuns_KeepsItsDisksUntilItIsOff) {
   EXPECT_EQ(host_->Power(kOwners, "poweroff"), 0);
   EXPECT_TRUE(host_->AwaitOff(kOwners));
   EXPECT_EQ(host_->Delete(kOwners), 0);
-  EXPECT_FALSE(IsThere(domain_.disks[0]));
+  EXPECT_FALSE(FileExists(domain_.disks[0]));
 }
 
-TEST_F(QemuRunningDisks, ImportedForAnotherHostWhileItRunsHere_KeepsItsDisks) {
+TEST_F(QemuRunningDisks, ImportedGuest_RunsHereButAssignedElsewhere_KeepsDisks) {
   ASSERT_NO_FATAL_FAILURE(StartAndImport(kOtherHost));
   ASSERT_NO_FATAL_FAILURE(ExpectRefusals("right after the import"));
   libvirtd_->Kill();
@@ -74,10 +75,10 @@ TEST_F(QemuRunningDisks, ImportedForAnotherHostWhileItRunsHere_KeepsItsDisks) {
 
 class QemuEmbeddedDisks : public EmbeddedHostTest {
  protected:
-  std::string WhyNot() override { return WhyNoQemuGuests(); }
+  std::string UnavailableReason() override { return QemuUnavailableReason(); }
 };
 
-TEST_F(QemuEmbeddedDisks, HypervisorHasAnotherFolder_DisksOfMachinesOfTheOldOneAreKept) {
+TEST_F(QemuEmbeddedDisks, Delete_DomainRunsUnderOldHypervisorFolder_KeepsDisks) {
   HostGuest guest;
   guest.id = kGuest;
   guest.name = "left behind";
@@ -85,24 +86,24 @@ TEST_F(QemuEmbeddedDisks, HypervisorHasAnotherFolder_DisksOfMachinesOfTheOldOneA
   host_->Start();
   ASSERT_EQ(host_->Power(kGuest, "poweron"), 0);
   host_->Kill();
-  host_->options().embed_root = ground_->folder() + "/other";
+  host_->options().embed_root = environment_->folder() + "/other";
   host_->Start();
   // It finds that the guest does not run, as far as it can see.
   (void)Await([&] { return host_->State(kGuest) != "guest_running"; }, std::chrono::seconds(10));
   const std::string disk = QemuHost::DiskId(kGuest, 0);
   ASSERT_NO_FATAL_FAILURE(ExpectDiskRefusals(*host_, kGuest, disk, "with another folder"));
-  host_->ForgetRun(kGuest);
+  host_->DeleteRunRecord(kGuest);
   ExpectDiskRefusals(*host_, kGuest, disk, "with another folder, and no host that has the guest");
-  EXPECT_EQ(host_->LostDisks(kGuest, 1), "");
+  EXPECT_EQ(host_->ChangedDisks(kGuest, 1), "");
   EXPECT_EQ(Content(host_->DiskFile(kGuest, 0)).size(), 1U << 20);
   EXPECT_EQ(host_->Qemus(kGuest), 1);
-  KillQemus(ground_->folder());
+  KillQemus(environment_->folder());
   EXPECT_EQ(host_->Delete(kGuest), 0) << "its machine has ended";
 }
 
-TEST_F(QemuEmbeddedDisks, ImageOfTheLibraryIsTheDiskOfADeletedGuest_StaysInTheDriveOfAnother) {
+TEST_F(QemuEmbeddedDisks, Delete_DiskIsImageInOtherGuestsDrive_KeepsFile) {
   const std::string file = host_->options().image_root + "/shared.iso";
-  std::filesystem::copy_file(ground_->Image(GuestImage::kWithAgent), file);
+  std::filesystem::copy_file(environment_->Image(GuestImage::kWithAgent), file);
   Json::Value image(Json::objectValue);
   image["name"] = "shared";
   image["path"] = file;
@@ -125,7 +126,7 @@ TEST_F(QemuEmbeddedDisks, ImageOfTheLibraryIsTheDiskOfADeletedGuest_StaysInTheDr
   ASSERT_EQ(host_->Power(kOther, "poweron"), 0) << host_->Log();
   EXPECT_EQ(host_->Delete(kGuest), 0);
   EXPECT_FALSE(host_->Has(kGuest));
-  EXPECT_TRUE(IsThere(file));
+  EXPECT_TRUE(FileExists(file));
   EXPECT_EQ(host_->Power(kOther, "poweroff"), 0);
   EXPECT_TRUE(host_->AwaitOff(kOther));
   EXPECT_EQ(host_->Power(kOther, "poweron"), 0);

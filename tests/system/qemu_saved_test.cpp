@@ -1,4 +1,4 @@
-// A guest whose memory libvirt has saved for somebody: it stays saved until it is started, discarded or deleted.
+// A guest whose memory a user has saved with libvirt: it stays saved until it is started, discarded or deleted.
 #include <algorithm>
 #include <sstream>
 #include <thread>
@@ -20,11 +20,7 @@ class QemuSaved : public LibvirtHostTest {
  protected:
   void MakeHost() override {
     LibvirtHostTest::MakeHost();
-    HostGuest guest;
-    guest.id = kGuest;
-    guest.name = "sleeper";
-    host_->PutGuest(guest);
-    host_->Start();
+    StartHostWith(kGuest, "sleeper");
   }
 
   // The address that is another at each start of the guest's system.
@@ -49,7 +45,7 @@ class QemuSaved : public LibvirtHostTest {
   }
 };
 
-TEST_F(QemuSaved, HostAndLibvirtAreKilledAndStarted_IsRestoredAsItWas) {
+TEST_F(QemuSaved, SavedGuest_HostAndLibvirtKilled_IsRestored) {
   ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
   const std::string address = AddressOfThisRun();
   ASSERT_NO_FATAL_FAILURE(Save());
@@ -72,7 +68,7 @@ TEST_F(QemuSaved, HostAndLibvirtAreKilledAndStarted_IsRestoredAsItWas) {
   edit["vdisks_edit"][0]["vdisk_id"] = QemuHost::DiskId(kGuest, 0);
   edit["vdisks_edit"][0]["vdisk_size"] = 1;
   EXPECT_EQ(host_->Set(kGuest, edit), kIsSaved);
-  EXPECT_EQ(host_->LostDisks(kGuest, 1), "");
+  EXPECT_EQ(host_->ChangedDisks(kGuest, 1), "");
 
   EXPECT_EQ(host_->Power(kGuest, "poweron"), 0);
   EXPECT_TRUE(host_->AwaitState(kGuest, "guest_running"));
@@ -80,12 +76,12 @@ TEST_F(QemuSaved, HostAndLibvirtAreKilledAndStarted_IsRestoredAsItWas) {
   EXPECT_FALSE(user_->IsSaved(kGuest));
 }
 
-TEST_F(QemuSaved, SavedMemoryIsDiscardedOrTheGuestDeleted_NothingIsLeftOfIt) {
+TEST_F(QemuSaved, SavedMemory_DiscardedOrGuestDeleted_IsRemoved) {
   ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
   ASSERT_NO_FATAL_FAILURE(Save());
-  EXPECT_EQ(SavedFiles(), 1);
+  EXPECT_EQ(CountSavedMemoryFiles(), 1);
   EXPECT_EQ(host_->Code("VEXA.Virtualization.Guest/discard_saved", kGuest), 0);
-  EXPECT_EQ(SavedFiles(), 0);
+  EXPECT_EQ(CountSavedMemoryFiles(), 0);
   EXPECT_TRUE(host_->AwaitState(kGuest, "guest_shutdown")) << host_->State(kGuest);
   EXPECT_NE(host_->Code("VEXA.Virtualization.Guest/discard_saved", kGuest), 0) << "nothing is saved";
   ASSERT_EQ(host_->Power(kGuest, "poweron"), 0);
@@ -94,9 +90,9 @@ TEST_F(QemuSaved, SavedMemoryIsDiscardedOrTheGuestDeleted_NothingIsLeftOfIt) {
 
   ASSERT_NO_FATAL_FAILURE(Save());
   EXPECT_EQ(host_->Delete(kGuest), 0);
-  EXPECT_EQ(SavedFiles(), 0);
+  EXPECT_EQ(CountSavedMemoryFiles(), 0);
   EXPECT_FALSE(user_->IsKnown(kGuest));
-  EXPECT_FALSE(IsThere(host_->DiskFile(kGuest, 0)));
+  EXPECT_FALSE(FileExists(host_->DiskFile(kGuest, 0)));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A host that is killed at any moment while its guests start, stop, are saved and edited beside somebody else's domain:
+// A host that is killed at any moment while its guests start, stop, are saved and edited beside a user's own domain:
 // no part of a guest is lost, the other domain stays unchanged, and no guest runs twice. VEXA_SOAK_ROUNDS says how
 // often.
 #include <signal.h>
@@ -29,16 +29,16 @@ class QemuSoak : public LibvirtHostTest {
  protected:
   void MakeHost() override {
     LibvirtHostTest::MakeHost();
-    imported_ = MakeOwnersDomain(kImported, "taken over");
-    ASSERT_EQ(user_->Define(OwnersXml(imported_)), "");
-    ASSERT_EQ(user_->StartWithTheHost(kImported), "");
+    imported_ = MakeUserDomain(kImported, "taken over");
+    ASSERT_EQ(user_->Define(UserDomainXml(imported_)), "");
+    ASSERT_EQ(user_->EnableAutostart(kImported), "");
     host_->Start();
     ImportAll(host_->id());
     host_->Kill();
-    owners_ = MakeOwnersDomain(kOwners, "not ours");
-    ASSERT_EQ(user_->Define(OwnersXml(owners_)), "");
-    ASSERT_EQ(user_->StartWithTheHost(kOwners), "");
-    foreign_ = user_->Everything(kOwners);
+    owners_ = MakeUserDomain(kOwners, "not ours");
+    ASSERT_EQ(user_->Define(UserDomainXml(owners_)), "");
+    ASSERT_EQ(user_->EnableAutostart(kOwners), "");
+    foreign_ = user_->Snapshot(kOwners);
     for (const char* const id : {kUefi, kPlain, kSaved}) {
       HostGuest guest;
       guest.id = id;
@@ -51,7 +51,7 @@ class QemuSoak : public LibvirtHostTest {
     for (const char* const id : {kUefi, kSaved}) ASSERT_EQ(host_->Power(id, "poweron"), 0) << host_->Log();
     ASSERT_EQ(host_->Power(kUefi, "poweroff"), 0);
     ASSERT_TRUE(host_->AwaitOff(kUefi));
-    const auto variables = VariablesBelow(ground_->folder());
+    const auto variables = FindNvramFiles(environment_->folder());
     ASSERT_THAT(variables, testing::SizeIs(1));
     variables_ = variables[0];
     Mark(variables_);
@@ -60,10 +60,10 @@ class QemuSoak : public LibvirtHostTest {
   }
 
   // Asks without end, until no host answers.
-  pid_t StartAsking(unsigned seed) const {
+  pid_t StartRandomActions(unsigned seed) const {
     const pid_t asker = ::fork();
     if (asker != 0) return asker;
-    ground_->LetGo();
+    environment_->ReleaseInChild();
     std::mt19937 random(seed);
     for (int code = 0; code != -1;) {
       const char* const guest = kBusy[random() % std::size(kBusy)];
@@ -85,29 +85,29 @@ class QemuSoak : public LibvirtHostTest {
   }
 
   void ExpectNothingLost() const {
-    EXPECT_EQ(host_->LostDisks(kUefi, 2) + host_->LostDisks(kPlain, 2) + host_->LostDisks(kSaved, 2), "");
-    EXPECT_TRUE(AreDisksWhole(imported_));
-    EXPECT_TRUE(IsMarked(variables_));
-    EXPECT_EQ(VariablesBelow(ground_->folder()).size(), 1U);
-    EXPECT_EQ(SavedFiles(), 1);
-    EXPECT_EQ(user_->Everything(kOwners), foreign_);
-    EXPECT_EQ(LostOfOwner(user_->Xml(kImported)), "");
-    EXPECT_TRUE(user_->StartsWithTheHost(kImported));
+    EXPECT_EQ(host_->ChangedDisks(kUefi, 2) + host_->ChangedDisks(kPlain, 2) + host_->ChangedDisks(kSaved, 2), "");
+    EXPECT_TRUE(AreDisksIntact(imported_));
+    EXPECT_TRUE(HasNvramMark(variables_));
+    EXPECT_EQ(FindNvramFiles(environment_->folder()).size(), 1U);
+    EXPECT_EQ(CountSavedMemoryFiles(), 1);
+    EXPECT_EQ(user_->Snapshot(kOwners), foreign_);
+    EXPECT_EQ(MissingUserElements(user_->Xml(kImported)), "");
+    EXPECT_TRUE(user_->IsAutostarting(kImported));
     for (const char* const guest : kBusy) EXPECT_LE(host_->Qemus(guest), 1) << guest;
   }
   // What is stored of a guest, and what runs of it.
-  bool DoAgree(const char* guest) const {
+  bool RecordsMatchMachines(const char* guest) const {
     const bool runs = host_->Qemus(guest) == 1;
-    return runs == (host_->State(guest) == "guest_running") && runs != host_->Stored(guests::RunKey(guest)).empty();
+    return runs == (host_->State(guest) == "guest_running") && runs != host_->Stored(records::RunKey(guest)).empty();
   }
 
-  OwnersDomain imported_;
-  OwnersDomain owners_;
+  UserDomain imported_;
+  UserDomain owners_;
   std::string foreign_;
   std::string variables_;
 };
 
-TEST_F(QemuSoak, HostIsKilledAtAnyMoment_NothingIsLostOrRunsTwice) {
+TEST_F(QemuSoak, Kill_AtAnyMoment_NothingIsLostOrRunsTwice) {
   const char* const rounds_text = std::getenv("VEXA_SOAK_ROUNDS");
   const int rounds = rounds_text != nullptr ? std::atoi(rounds_text) : kRounds;
   const unsigned seed = std::random_device{}();
@@ -115,7 +115,7 @@ TEST_F(QemuSoak, HostIsKilledAtAnyMoment_NothingIsLostOrRunsTwice) {
   std::mt19937 random(seed);
   for (int round = 0; round < rounds && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    const pid_t asker = StartAsking(static_cast<unsigned>(random()));
+    const pid_t asker = StartRandomActions(static_cast<unsigned>(random()));
     ASSERT_GT(asker, 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % 4000));
     host_->Kill();
@@ -123,9 +123,9 @@ TEST_F(QemuSoak, HostIsKilledAtAnyMoment_NothingIsLostOrRunsTwice) {
     ExpectNothingLost();
     host_->Start();
     for (const char* const guest : kBusy) {
-      EXPECT_TRUE(Await([&] { return DoAgree(guest); }))
+      EXPECT_TRUE(Await([&] { return RecordsMatchMachines(guest); }))
           << guest << ": " << host_->Qemus(guest) << " QEMUs, " << host_->State(guest) << ", "
-          << host_->Stored(guests::RunKey(guest)) << "\n"
+          << host_->Stored(records::RunKey(guest)) << "\n"
           << host_->Log();
     }
     EXPECT_EQ(host_->State(kSaved), "guest_saved");

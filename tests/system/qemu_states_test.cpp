@@ -15,24 +15,20 @@ class QemuStates : public EmbeddedHostTest {
  protected:
   void MakeHost() override {
     EmbeddedHostTest::MakeHost();
-    HostGuest guest;
-    guest.id = kGuest;
-    guest.name = "stateful";
-    host_->PutGuest(guest);
-    host_->Start();
+    StartHostWith(kGuest, "stateful");
   }
   // {"value", "forced"}; null without one.
   Json::Value Reason() const {
-    const std::string text = host_->Stored(cluster::LiveRecordKey(kGuest));
+    const std::string text = host_->Stored(records::LiveRecordKey(kGuest));
     return text.empty() ? Json::Value() : Parsed(text)["shutdown"];
   }
 };
 
-TEST_F(QemuStates, KilledQemu_IsShownAsCrashedUntilTheNextStart) {
+TEST_F(QemuStates, Qemu_Killed_IsShownAsCrashedUntilNextStart) {
   ASSERT_EQ(host_->Power(kGuest, "poweron"), 0) << host_->Log();
   ASSERT_TRUE(host_->AwaitState(kGuest, "guest_running"));
   EXPECT_TRUE(Reason().isNull());
-  KillQemus(ground_->folder());
+  KillQemus(environment_->folder());
   EXPECT_TRUE(host_->AwaitState(kGuest, "guest_crashed")) << host_->State(kGuest);
   EXPECT_EQ(Reason(), Parsed(R"({"value":4,"forced":true})"));
   host_->Restart();
@@ -45,18 +41,18 @@ TEST_F(QemuStates, KilledQemu_IsShownAsCrashedUntilTheNextStart) {
   EXPECT_EQ(Reason(), Parsed(R"({"value":3,"forced":true})"));
 }
 
-TEST_F(QemuStates, DiskThatIsMissing_IsShownAndKeepsTheGuestFromStarting) {
+TEST_F(QemuStates, Disk_Missing_IsShownAndPreventsStart) {
   const std::string disk = QemuHost::DiskId(kGuest, 0);
   const std::string file = host_->DiskFile(kGuest, 0);
   const auto state = [&] { return host_->Stored("/dash/vdisk/" + disk + "/state"); };
-  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_online\""; }, kStatePatience)) << state();
+  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_online\""; }, kStateTimeout)) << state();
   std::filesystem::rename(file, file + ".away");
-  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_inaccessible\""; }, kStatePatience)) << state();
+  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_inaccessible\""; }, kStateTimeout)) << state();
   EXPECT_NE(host_->Power(kGuest, "poweron"), 0);
   EXPECT_EQ(host_->State(kGuest), "guest_shutdown");
   EXPECT_EQ(Reason(), Parsed(R"({"value":14,"forced":false})"));
   std::filesystem::rename(file + ".away", file);
-  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_online\""; }, kStatePatience)) << state();
+  EXPECT_TRUE(Await([&] { return state() == "\"vdisk_online\""; }, kStateTimeout)) << state();
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Storage that is away when a host starts, and comes later: what was begun on it is finished or undone when it is back.
+// Storage that is not mounted when a host starts: unfinished jobs on it are finished or undone once it is mounted.
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
@@ -36,17 +36,17 @@ int RoundsOf(const char* variable, int otherwise) {
 
 class QemuStorage : public EmbeddedHostTest {
  protected:
-  std::string WhyNot() override {
-    const std::string why_not = LateStorage::Enter();
-    return why_not.empty() ? WhyNoQemuGuests() : why_not;
+  std::string UnavailableReason() override {
+    const std::string why_not = RemovableStorage::Enter();
+    return why_not.empty() ? QemuUnavailableReason() : why_not;
   }
   void MakeHost() override {
     QemuHostOptions options;
-    options.image_root = ground_->folder() + "/disks";
+    options.image_root = environment_->folder() + "/disks";
     fs::create_directory(options.image_root);
-    ASSERT_TRUE(Bring(options.image_root));
+    ASSERT_TRUE(MountStorage(options.image_root));
     for (const auto& entry : fs::directory_iterator(options.image_root)) fs::remove_all(entry.path());
-    host_ = std::make_unique<QemuHost>(*ground_, options);
+    host_ = std::make_unique<QemuHost>(*environment_, options);
     PutGuest();
     host_->Start();
     // The host learns which storage the disks are in soon after its start.
@@ -55,9 +55,9 @@ class QemuStorage : public EmbeddedHostTest {
   }
   void TearDown() override {
     host_.reset();
-    if (ground_) EndPrograms(ground_->folder());
-    EXPECT_TRUE(!is_there_ || TakeAway());
-    ground_.reset();
+    if (environment_) EndPrograms(environment_->folder());
+    EXPECT_TRUE(!is_mounted_ || UnmountStorage());
+    environment_.reset();
   }
 
   void PutGuest() const {
@@ -67,36 +67,36 @@ class QemuStorage : public EmbeddedHostTest {
     guest.disks = kDisks;
     host_->PutGuest(guest);
   }
-  bool Bring(const std::string& folder) { return is_there_ = LateStorage::Get().Mount(folder); }
-  bool Bring() { return Bring(host_->options().image_root); }
-  bool TakeAway() {
-    is_there_ = !LateStorage::Get().Unmount(ground_->folder() + "/disks");
-    return !is_there_;
+  bool MountStorage(const std::string& folder) { return is_mounted_ = RemovableStorage::Get().Mount(folder); }
+  bool MountStorage() { return MountStorage(host_->options().image_root); }
+  bool UnmountStorage() {
+    is_mounted_ = !RemovableStorage::Get().Unmount(environment_->folder() + "/disks");
+    return !is_mounted_;
   }
 
-  // Asks from another process, and kills the host as soon as something happens to a file, or after `patience`.
-  void AskAndKill(const std::function<void()>& ask, std::uint32_t event, std::chrono::milliseconds patience = 20s) {
+  // Asks from another process, and kills the host as soon as something happens to a file, or after `timeout`.
+  void AskAndKill(const std::function<void()>& ask, std::uint32_t event, std::chrono::milliseconds timeout = 20s) {
     const int watch = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     ASSERT_GE(::inotify_add_watch(watch, host_->DiskFolder().c_str(), event), 0);
     const pid_t asker = ::fork();
     ASSERT_GE(asker, 0);
     if (asker == 0) {
-      ground_->LetGo();
+      environment_->ReleaseInChild();
       ask();
       ::_exit(0);
     }
     pollfd news{watch, POLLIN, 0};
-    (void)::poll(&news, 1, static_cast<int>(patience.count()));
+    (void)::poll(&news, 1, static_cast<int>(timeout.count()));
     host_->Kill();
     ::close(watch);
     ::waitpid(asker, nullptr, 0);
   }
 
-  bool IsUnderWay() const {
-    return !host_->Stored(guests::DeletionKey(kGuest)).empty() || !host_->Stored(guests::EditKey(kGuest)).empty();
+  bool HasUnfinishedJobs() const {
+    return !host_->Stored(records::DeletionKey(kGuest)).empty() || !host_->Stored(records::EditKey(kGuest)).empty();
   }
   std::string Journals() const {
-    return host_->Stored(guests::DeletionKey(kGuest)) + host_->Stored(guests::EditKey(kGuest));
+    return host_->Stored(records::DeletionKey(kGuest)) + host_->Stored(records::EditKey(kGuest));
   }
   static std::multiset<std::string> FilesIn(const std::string& folder) {
     std::multiset<std::string> files;
@@ -123,48 +123,49 @@ class QemuStorage : public EmbeddedHostTest {
   }
 
   // What a host does that starts without the storage, and then gets it.
-  void StartWithoutAndBring(const std::string& what) {
-    const bool was_under_way = IsUnderWay();
-    ASSERT_TRUE(TakeAway());
+  void RestartWithLateStorage(const std::string& what) {
+    const bool was_under_way = HasUnfinishedJobs();
+    ASSERT_TRUE(UnmountStorage());
     host_->Start();
     std::this_thread::sleep_for(kRecovery);
-    EXPECT_EQ(IsUnderWay(), was_under_way) << what << ": settled without the storage\n" << host_->Log();
+    EXPECT_EQ(HasUnfinishedJobs(), was_under_way) << what << ": settled without the storage\n" << host_->Log();
     EXPECT_THAT(FilesIn(host_->options().image_root), testing::IsEmpty())
         << what << ": a file where nothing is mounted";
-    ASSERT_TRUE(Bring());
-    EXPECT_TRUE(Await([&] { return !IsUnderWay(); }, 45s)) << what << ": not settled: " << Journals() << host_->Log();
+    ASSERT_TRUE(MountStorage());
+    EXPECT_TRUE(Await([&] { return !HasUnfinishedJobs(); }, 45s))
+        << what << ": not settled: " << Journals() << host_->Log();
     ExpectWhole(what);
   }
 
-  bool is_there_ = false;
+  bool is_mounted_ = false;
 };
 
 // The programs that write to the storage are ended before it goes.
-TEST_F(QemuStorage, HostIsKilledWhileItHidesTheDisksOfADeletedGuest_NothingIsLost) {
+TEST_F(QemuStorage, Kill_WhileHidingDisks_LosesNothing) {
   AskAndKill([this] { (void)host_->Delete(kGuest); }, IN_MOVED_TO);
-  StartWithoutAndBring("killed while it hides");
+  RestartWithLateStorage("killed while it hides");
 }
 
-TEST_F(QemuStorage, HostIsKilledWhileItRemovesTheDisksOfADeletedGuest_NothingIsOrphaned) {
+TEST_F(QemuStorage, Kill_WhileRemovingDisks_OrphansNothing) {
   AskAndKill([this] { (void)host_->Delete(kGuest); }, IN_DELETE);
   EXPECT_FALSE(host_->Has(kGuest));
-  StartWithoutAndBring("killed while it removes");
+  RestartWithLateStorage("killed while it removes");
 }
 
-TEST_F(QemuStorage, HostIsKilledInEdits_DisksAndRecordsAgreeAfterwards) {
+TEST_F(QemuStorage, Kill_DuringEdits_DisksMatchRecordsAfterwards) {
   Json::Value edit(Json::objectValue);
   for (Json::ArrayIndex i = 0; i < 6; ++i) edit["vdisks_add"][i]["vdisk_size"] = 1;
   AskAndKill([&] { (void)host_->Set(kGuest, edit); }, IN_CREATE | IN_MOVED_TO);
-  StartWithoutAndBring("killed while it adds disks");
+  RestartWithLateStorage("killed while it adds disks");
   edit = Json::Value(Json::objectValue);
   for (int i = 0; i < 6; ++i) edit["vdisks_del"][i]["vdisk_id"] = QemuHost::DiskId(kGuest, i + 3);
   AskAndKill([&] { (void)host_->Set(kGuest, edit); }, IN_MOVED_TO);
-  StartWithoutAndBring("killed while it deletes disks");
+  RestartWithLateStorage("killed while it deletes disks");
 }
 
-TEST_F(QemuStorage, StorageIsAway_NothingIsMadeOrForgottenUntilItIsThere) {
+TEST_F(QemuStorage, Storage_Unmounted_CreatesAndForgetsNothingUntilMounted) {
   host_->Kill();
-  ASSERT_TRUE(TakeAway());
+  ASSERT_TRUE(UnmountStorage());
   host_->Start();
   Json::Value edit(Json::objectValue);
   edit["vdisks_add"][0]["vdisk_size"] = 1;
@@ -175,7 +176,7 @@ TEST_F(QemuStorage, StorageIsAway_NothingIsMadeOrForgottenUntilItIsThere) {
   EXPECT_NE(host_->Delete(kGuest), 0) << "a guest was forgotten whose files nobody could remove";
   EXPECT_NE(host_->Power(kGuest, "poweron"), 0);
   EXPECT_THAT(FilesIn(host_->options().image_root), testing::IsEmpty());
-  ASSERT_TRUE(Bring());
+  ASSERT_TRUE(MountStorage());
   ASSERT_TRUE(host_->Has(kGuest));
   ExpectWhole("once it is there");
   EXPECT_TRUE(Await([&] { return host_->Power(kGuest, "poweron") == 0; }, 30s)) << host_->Log();
@@ -186,7 +187,7 @@ TEST_F(QemuStorage, StorageIsAway_NothingIsMadeOrForgottenUntilItIsThere) {
 }
 
 // VEXA_STORAGE_ROUNDS says how often.
-TEST_F(QemuStorage, StorageGoesAtAnyMoment_NothingIsLostOrOrphaned) {
+TEST_F(QemuStorage, Storage_UnmountedAtAnyMoment_LosesAndOrphansNothing) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
@@ -211,7 +212,7 @@ TEST_F(QemuStorage, StorageGoesAtAnyMoment_NothingIsLostOrOrphaned) {
     };
     const int milliseconds = static_cast<int>(random() % 60);
     AskAndKill(ask, kNothing, std::chrono::milliseconds(milliseconds));
-    StartWithoutAndBring("round " + std::to_string(round) + ", killed after " + std::to_string(milliseconds) + " ms");
+    RestartWithLateStorage("round " + std::to_string(round) + ", killed after " + std::to_string(milliseconds) + " ms");
   }
 }
 

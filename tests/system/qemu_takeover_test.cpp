@@ -1,5 +1,5 @@
-// A guest that was taken from a host which was gone is not touched by that host when it comes back, although its QEMU
-// there still runs.
+// A host that returns does not act on a guest that was recovered from it meanwhile, although the guest's QEMU still
+// runs there.
 #include <signal.h>
 
 #include <future>
@@ -16,23 +16,20 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kGuest[] = "11111111-2222-4333-8444-000000000001";
 // 15 s by the promise, and what a machine that is busy with other tests takes.
-constexpr auto kGonePatience = 20s;
+constexpr auto kGoneTimeout = 20s;
 
-class QemuTakeover : public testing::Test {
+class QemuTakeover : public EmbeddedHostTest {
  protected:
-  void SetUp() override {
-    const std::string why_not = WhyNoFirmware();
-    if (!why_not.empty()) GTEST_SKIP() << SkipNotice(why_not);
-    ground_ = std::make_unique<QemuGround>(HostPrograms());
+  void MakeHost() override {
     QemuHostOptions options;
-    options.store = ground_->folder() + "/store";
-    options.runtime = ground_->folder() + "/run-a";
-    first_ = std::make_unique<QemuHost>(*ground_, options);
+    options.store = environment_->folder() + "/store";
+    options.runtime = environment_->folder() + "/run-a";
+    first_ = std::make_unique<QemuHost>(*environment_, options);
     options.suffix = "-b";
-    options.embed_root = ground_->folder() + "/qemu-b";
-    options.runtime = ground_->folder() + "/run-b";
+    options.embed_root = environment_->folder() + "/qemu-b";
+    options.runtime = environment_->folder() + "/run-b";
     // The repository is the second host's from now on, so that only the guest's host is gone.
-    second_ = std::make_unique<QemuHost>(*ground_, options);
+    second_ = std::make_unique<QemuHost>(*environment_, options);
     HostGuest guest;
     guest.id = kGuest;
     guest.name = "web-1";
@@ -48,11 +45,11 @@ class QemuTakeover : public testing::Test {
     if (first_ && first_->pid() > 0) ::kill(first_->pid(), SIGCONT);
     first_.reset();
     second_.reset();
-    ground_.reset();
+    EmbeddedHostTest::TearDown();
   }
 
   // Stops the first host where it is not in the middle of a commit, which would keep the other from its own.
-  void Freeze() const {
+  void Suspend() const {
     while (true) {
       ::kill(first_->pid(), SIGSTOP);
       auto commit = std::async(std::launch::async, [this] { second_->Put("test", "freeze", Json::Value(true)); });
@@ -72,7 +69,7 @@ class QemuTakeover : public testing::Test {
   }
   // The second host takes the guest over and starts it.
   void TakeOver() {
-    EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGonePatience)) << Shown();
+    EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGoneTimeout)) << Shown();
     EXPECT_EQ(first_->Qemus(kGuest), 1) << "its machine runs on";
     EXPECT_NE(second_->Power(kGuest, "poweron"), 0) << "the host that is gone has the guest";
     EXPECT_EQ(Recover(false), 972);
@@ -99,30 +96,29 @@ class QemuTakeover : public testing::Test {
     EXPECT_FALSE(is_touched);
     EXPECT_EQ(first_->Qemus(kGuest), 1);
     EXPECT_NE(first_->Log().find("The guest " + std::string(kGuest) +
-                                 " was taken from this host while it was gone: its machine here has been ended."),
+                                 " was taken from this host while it was gone: its domain here has been stopped."),
               std::string::npos)
         << first_->Log();
     EXPECT_EQ(Shown().substr(0, 7), "running");
     EXPECT_EQ(first_->Stored("/fence/" + first_->id() + "/" + kGuest), "");
     // The host is one like all others again.
     EXPECT_EQ(second_->Power(kGuest, "poweroff"), 0);
-    EXPECT_EQ(first_->Qemus(kGuest), 0) << "the machine that was left is the second host's";
+    EXPECT_EQ(first_->Qemus(kGuest), 0) << "the remaining domain is the second host's";
   }
 
-  std::unique_ptr<QemuGround> ground_;
   std::unique_ptr<QemuHost> first_;
   std::unique_ptr<QemuHost> second_;
 };
 
-TEST_F(QemuTakeover, Takeover_HungHost_EndsTakenMachine) {
-  Freeze();
+TEST_F(QemuTakeover, Takeover_HungHost_EndsTakenDomain) {
+  Suspend();
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   ::kill(first_->pid(), SIGCONT);
   ExpectTakenOver();
   EXPECT_NE(first_->Log().find("This host is back, as its incarnation"), std::string::npos) << first_->Log();
 }
 
-TEST_F(QemuTakeover, Takeover_KilledHost_EndsTakenMachine) {
+TEST_F(QemuTakeover, Takeover_KilledHost_EndsTakenDomain) {
   first_->Kill();
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   first_->Start();
@@ -130,9 +126,9 @@ TEST_F(QemuTakeover, Takeover_KilledHost_EndsTakenMachine) {
 }
 
 // A host that was removed from the cluster does not start any more, and still ends what others have now.
-TEST_F(QemuTakeover, Takeover_RemovedHost_EndsTakenMachine) {
+TEST_F(QemuTakeover, Takeover_RemovedHost_EndsTakenDomain) {
   first_->Kill();
-  EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGonePatience)) << Shown();
+  EXPECT_TRUE(Await([&] { return Shown() == "inaccessible error"; }, kGoneTimeout)) << Shown();
   Json::Value parameters(Json::objectValue);
   parameters["host_id"] = first_->id();
   parameters["machine_is_off"] = true;
@@ -141,16 +137,16 @@ TEST_F(QemuTakeover, Takeover_RemovedHost_EndsTakenMachine) {
   ASSERT_EQ(second_->Code("VEXA.Virtualization.Host/forget", kGuest, parameters), 0);
   ASSERT_EQ(second_->Power(kGuest, "poweron"), 0) << second_->Log();
   EXPECT_EQ(first_->Qemus(kGuest), 2);
-  EXPECT_EQ(first_->StartInVain(), 1);
+  EXPECT_EQ(first_->StartExpectingFailure(), 1);
   EXPECT_NE(first_->Log().find("was removed from the cluster by root"), std::string::npos) << first_->Log();
   EXPECT_EQ(first_->Qemus(kGuest), 1);
   EXPECT_EQ(second_->Power(kGuest, "poweroff"), 0);
-  EXPECT_EQ(first_->Qemus(kGuest), 0) << "the machine that was left is the second host's";
+  EXPECT_EQ(first_->Qemus(kGuest), 0) << "the remaining domain is the second host's";
 }
 
-// What the host was in the middle of when it hung is not done when it goes on.
+// A call that was in progress when the host hung is not carried out when the host resumes.
 TEST_F(QemuTakeover, HungHost_ResumedCall_ChangesNothing) {
-  Freeze();
+  Suspend();
   std::thread late([&] { (void)first_->Power(kGuest, "reboot"); });
   ASSERT_NO_FATAL_FAILURE(TakeOver());
   ::kill(first_->pid(), SIGCONT);

@@ -1,4 +1,4 @@
-// The variables of UEFI firmware belong to the guest: they go through every end of a run, and end with the guest.
+// UEFI variables belong to the guest: they survive every way a run can end, and are deleted with the guest.
 #include <thread>
 
 #include "tests/support/qemu_host_test.h"
@@ -22,7 +22,7 @@ class QemuVariables : public EmbeddedHostTest {
 
   // Of the only guest there is; fails when it has none, or several.
   std::string File() const {
-    const std::vector<std::string> files = VariablesBelow(ground_->folder());
+    const std::vector<std::string> files = FindNvramFiles(environment_->folder());
     EXPECT_THAT(files, testing::SizeIs(1));
     return files.empty() ? "" : files[0];
   }
@@ -41,11 +41,11 @@ class QemuVariables : public EmbeddedHostTest {
   }
   void ExpectMarked(const std::string& file, const char* after) const {
     EXPECT_EQ(File(), file) << after;
-    EXPECT_TRUE(IsMarked(file)) << after;
+    EXPECT_TRUE(HasNvramMark(file)) << after;
   }
 };
 
-TEST_F(QemuVariables, FirmwareHasWrittenThem_PowerOffAndStart_KeepEveryByteUntilDeletion) {
+TEST_F(QemuVariables, Nvram_AfterPowerCycle_IsUnchangedAndDeletedWithGuest) {
   PowerOn();
   const std::string file = File();
   EXPECT_NE(file.find(kGuest), std::string::npos) << file << " is not named by the guest's id";
@@ -61,16 +61,16 @@ TEST_F(QemuVariables, FirmwareHasWrittenThem_PowerOffAndStart_KeepEveryByteUntil
   EXPECT_EQ(Content(file), written);
   PowerOff();
   EXPECT_EQ(host_->Delete(kGuest), 0);
-  EXPECT_THAT(VariablesBelow(ground_->folder()), testing::IsEmpty());
+  EXPECT_THAT(FindNvramFiles(environment_->folder()), testing::IsEmpty());
   EXPECT_FALSE(host_->Has(kGuest));
 }
 
-TEST_F(QemuVariables, GuestOrHostIsKilled_AreKept) {
+TEST_F(QemuVariables, Nvram_GuestOrHostKilled_IsKept) {
   MakeMarked();
   const std::string file = File();
   PowerOn();
   ExpectMarked(file, "after a start");
-  KillQemus(ground_->folder());
+  KillQemus(environment_->folder());
   EXPECT_TRUE(host_->AwaitOff(kGuest));
   ExpectMarked(file, "after a crash");
   PowerOn();
@@ -82,13 +82,13 @@ TEST_F(QemuVariables, GuestOrHostIsKilled_AreKept) {
   ExpectMarked(file, "after a power-off by the host that follows a killed one");
   PowerOn();
   host_->Kill();
-  KillQemus(ground_->folder());
+  KillQemus(environment_->folder());
   host_->Start();
   EXPECT_TRUE(host_->AwaitOff(kGuest));
   ExpectMarked(file, "after guest and host were killed");
 }
 
-TEST_F(QemuVariables, GuestIsRenamedAndEdited_AreKeptUnderTheSameName) {
+TEST_F(QemuVariables, Nvram_GuestRenamedAndEdited_KeepsItsFileName) {
   MakeMarked();
   const std::string file = File();
   Json::Value edit(Json::objectValue);

@@ -1,5 +1,5 @@
 // Loads a module as a host does: the program provides the platform. usage: sibling_loader MODULE PREFIX. Exits with 0
-// when the module is answered, by the library below PREFIX and no other.
+// when the module's calls are answered by the library below PREFIX and no other.
 #include <dlfcn.h>
 #include <link.h>
 

@@ -7,7 +7,7 @@
 
 namespace api = VexaVirtualization;
 
-// What the library answers to a few questions: of its own, about a request, and of the platform.
+// Results of a few library calls: its own, one about a request, and one of the platform.
 extern "C" __attribute__((visibility("default"))) const char* AskLibrary() {
   static std::string answers;
   Json::Value errors;

@@ -33,20 +33,20 @@ milliseconds PauseFrom(Breaker& breaker, Breaker::Clock::time_point now) {
   return pause;  // the probe has begun
 }
 
-TEST(Breaker, SecondFailureInARow_OpensForAShortPause) {
+TEST(Breaker, Breaker_TwoFailuresInARow_OpensForShortPause) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
-  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo) << "one failure is not enough";
-  breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now);
+  EXPECT_EQ(breaker.Enter(kHost, now), Permit::kAllowed) << "one failure is not enough";
+  breaker.Report(kHost, Permit::kAllowed, Outcome::kNotConnected, now);
   EXPECT_EQ(breaker.Enter(kHost, now), Permit::kRefused);
-  EXPECT_EQ(breaker.Enter("third-host", now), Permit::kGo);
+  EXPECT_EQ(breaker.Enter("third-host", now), Permit::kAllowed);
   const milliseconds pause = PauseFrom(breaker, now);
   EXPECT_GE(pause, milliseconds(500));
   EXPECT_LE(pause, milliseconds(1'000));
 }
 
-TEST(Breaker, Pauses_DoubleUpToTheLongestAndAreSpread) {
+TEST(Breaker, Pauses_RepeatedFailures_DoubleUpToMaximumWithJitter) {
   std::set<milliseconds::rep> firsts;
   for (int round = 0; round < 20; ++round) {
     Breaker breaker;
@@ -66,7 +66,7 @@ TEST(Breaker, Pauses_DoubleUpToTheLongestAndAreSpread) {
   EXPECT_GT(firsts.size(), 3u);
 }
 
-TEST(Breaker, AfterThePause_OneProbeAtATime) {
+TEST(Breaker, Breaker_PauseOver_PermitsOneProbeAtATime) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
@@ -77,25 +77,25 @@ TEST(Breaker, AfterThePause_OneProbeAtATime) {
   breaker.Report(kHost, Permit::kProbe, Outcome::kUnknown, later);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe) << "the first had no result";
   breaker.Report(kHost, Permit::kProbe, Outcome::kConnected, later);
-  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
-  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kAllowed);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kAllowed);
 }
 
-TEST(Breaker, FailuresOfCallsAlreadyUnderWay_DoNotLengthenThePause) {
+TEST(Breaker, Pause_FailuresOfEarlierCalls_DoNotExtendIt) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
-  for (int i = 0; i < 50; ++i) ASSERT_EQ(breaker.Enter(kHost, now), Permit::kGo);
-  for (int i = 0; i < 50; ++i) breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now);
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(breaker.Enter(kHost, now), Permit::kAllowed);
+  for (int i = 0; i < 50; ++i) breaker.Report(kHost, Permit::kAllowed, Outcome::kNotConnected, now);
   EXPECT_LE(PauseFrom(breaker, now), milliseconds(1'000));
 }
 
-TEST(Breaker, SuccessBetweenFailures_KeepsItClosed) {
+TEST(Breaker, Breaker_SuccessBetweenFailures_StaysClosed) {
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   for (int i = 0; i < 10; ++i) {
     FailOnce(breaker, now);
-    EXPECT_EQ(breaker.Enter(kHost, now), Permit::kGo);
-    breaker.Report(kHost, Permit::kGo, Outcome::kConnected, now);
+    EXPECT_EQ(breaker.Enter(kHost, now), Permit::kAllowed);
+    breaker.Report(kHost, Permit::kAllowed, Outcome::kConnected, now);
   }
 }
 
@@ -104,35 +104,35 @@ TEST(Breaker, Breaker_OrdinaryCallDuringProbe_IsPermitted) {
   const auto now = Breaker::Clock::now();
   FailOnce(breaker, now);
   FailOnce(breaker, now);
-  const Breaker::Attempt ordinary{Breaker::Weight::kOrdinary, {}};
-  const Breaker::Attempt must_go{Breaker::Weight::kMustGo, {}};
+  const Breaker::Attempt ordinary{Breaker::CallPriority::kOrdinary, {}};
+  const Breaker::Attempt must_go{Breaker::CallPriority::kAlways, {}};
   EXPECT_EQ(breaker.Enter(kHost, now, ordinary), Permit::kRefused) << "within the pause";
-  EXPECT_EQ(breaker.Enter(kHost, now, must_go), Permit::kTry);
+  EXPECT_EQ(breaker.Enter(kHost, now, must_go), Permit::kAllowedBriefly);
   const auto later = now + milliseconds(6'000);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kProbe);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused);
-  EXPECT_EQ(breaker.Enter(kHost, later, ordinary), Permit::kTry);
-  EXPECT_EQ(breaker.Enter(kHost, later, must_go), Permit::kTry);
-  breaker.Report(kHost, Permit::kTry, Outcome::kNotConnected, later);
+  EXPECT_EQ(breaker.Enter(kHost, later, ordinary), Permit::kAllowedBriefly);
+  EXPECT_EQ(breaker.Enter(kHost, later, must_go), Permit::kAllowedBriefly);
+  breaker.Report(kHost, Permit::kAllowedBriefly, Outcome::kNotConnected, later);
   EXPECT_EQ(breaker.Enter(kHost, later), Permit::kRefused) << "the probe is still under way";
-  breaker.Report(kHost, Permit::kTry, Outcome::kConnected, later);
-  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kGo);
+  breaker.Report(kHost, Permit::kAllowedBriefly, Outcome::kConnected, later);
+  EXPECT_EQ(breaker.Enter(kHost, later), Permit::kAllowed);
 }
 
-TEST(Breaker, SignOfLifeNewerThanTheFailures_EndsThePause) {
+TEST(Breaker, Pause_HeartbeatNewerThanFailures_EndsIt) {
   const std::chrono::system_clock::time_point old{std::chrono::seconds(100)};
   const auto fresh = old + std::chrono::seconds(3);
   Breaker breaker;
   const auto now = Breaker::Clock::now();
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, old}), Permit::kGo);
-    breaker.Report(kHost, Permit::kGo, Outcome::kNotConnected, now, old);
+    EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::CallPriority::kSkippable, old}), Permit::kAllowed);
+    breaker.Report(kHost, Permit::kAllowed, Outcome::kNotConnected, now, old);
   }
-  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, old}), Permit::kRefused);
-  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, fresh}), Permit::kProbe);
+  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::CallPriority::kSkippable, old}), Permit::kRefused);
+  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::CallPriority::kSkippable, fresh}), Permit::kProbe);
   breaker.Report(kHost, Permit::kProbe, Outcome::kNotConnected, now, fresh);
-  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::Weight::kRefusable, fresh}), Permit::kRefused)
-      << "the sign of life has had its call";
+  EXPECT_EQ(breaker.Enter(kHost, now, {Breaker::CallPriority::kSkippable, fresh}), Permit::kRefused)
+      << "the heartbeat has had its call";
 }
 
 VexaDRCore::Request RequestTo(const char* api, const char* method) {
@@ -146,11 +146,11 @@ TEST(MethodRules, RuleOf_FiguresAndPower_HaveTheirTimeoutAndWeight) {
   const milliseconds usual(30'000);
   const auto interfaces = transport::RuleOf(RequestTo("VEXA.Core.Network.Interface", "list"), usual);
   EXPECT_EQ(interfaces.timeout, milliseconds(3'000));
-  EXPECT_EQ(interfaces.weight, Breaker::Weight::kRefusable);
+  EXPECT_EQ(interfaces.priority, Breaker::CallPriority::kSkippable);
   const auto power = transport::RuleOf(RequestTo("VEXA.CCC.Guest", "poweron"), usual);
   EXPECT_EQ(power.timeout, usual);
-  EXPECT_EQ(power.weight, Breaker::Weight::kMustGo);
-  EXPECT_EQ(transport::RuleOf(RequestTo("VEXA.CCC.Guest", "set"), usual).weight, Breaker::Weight::kOrdinary);
+  EXPECT_EQ(power.priority, Breaker::CallPriority::kAlways);
+  EXPECT_EQ(transport::RuleOf(RequestTo("VEXA.CCC.Guest", "set"), usual).priority, Breaker::CallPriority::kOrdinary);
   EXPECT_EQ(transport::RuleOf(RequestTo("VEXA.Core.Network.Interface", "list"), milliseconds(5)).timeout,
             milliseconds(5));
 }
@@ -167,20 +167,20 @@ TEST(MethodRules, RuleOf_CompoundRequest_UsesLongestItemTimeout) {
   }
   request.addParam("compound", items);
   EXPECT_EQ(transport::RuleOf(request, usual).timeout, milliseconds(5'000));
-  EXPECT_EQ(transport::RuleOf(request, usual).weight, Breaker::Weight::kRefusable);
+  EXPECT_EQ(transport::RuleOf(request, usual).priority, Breaker::CallPriority::kSkippable);
   items.append(7);
   request.addParam("compound", items);
   EXPECT_EQ(transport::RuleOf(request, usual).timeout, usual);
-  EXPECT_EQ(transport::RuleOf(request, usual).weight, Breaker::Weight::kOrdinary);
+  EXPECT_EQ(transport::RuleOf(request, usual).priority, Breaker::CallPriority::kOrdinary);
 }
 
-TEST(UnansweredScope, FailedReplies_AreCollectedByTheInnermostScope) {
+TEST(FailedHostsScope, FailedReplies_AreCollectedByTheInnermostScope) {
   const JsonHost good(R"({"success":true})");
   const JsonHost bad(R"({"success":false,"error":{"code":403}})");
   const InstalledTransport transport({{"good", good.address()}, {"bad", bad.address()}, {"ugly", "nowhere"}});
-  const transport::UnansweredScope outer;
+  const transport::FailedHostsScope outer;
   {
-    const transport::UnansweredScope inner;
+    const transport::FailedHostsScope inner;
     VexaCCC::MultiSender({"good", "bad", "ugly", "unknown"}).process(MakeRequest(5));
     EXPECT_EQ(inner.hosts(), (std::set<std::string>{"bad", "ugly", "unknown"}));
   }
@@ -196,11 +196,11 @@ TEST(TransportBreaker, Breaker_DeadHost_IsPausedAndRediscovered) {
     EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest(5))).find("paused briefly"), std::string::npos);
   }
   EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(5))).find("paused briefly"), std::string::npos);
-  daemon::ListenerOptions listener;
+  http::ListenerOptions listener;
   listener.port = port;
   const JsonHost host(
-      [](daemon::HttpRequest&&, const daemon::Responder& responder) {
-        daemon::HttpResponse response;
+      [](http::HttpRequest&&, const http::Responder& responder) {
+        http::HttpResponse response;
         response.body = R"({"success":true})";
         responder.Send(std::move(response));
       },
@@ -209,10 +209,9 @@ TEST(TransportBreaker, Breaker_DeadHost_IsPausedAndRediscovered) {
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(Sender(kHost).process(MakeRequest(5)).isSuccess());
 }
 
-TEST(TransportBreaker, TimeoutsOfTheHandler_DoNotOpenIt) {
-  std::vector<daemon::Responder> held;  // on the one I/O thread
-  const JsonHost host(
-      [&held](daemon::HttpRequest&&, const daemon::Responder& responder) { held.push_back(responder); });
+TEST(TransportBreaker, Breaker_HandlerTimeouts_StaysClosed) {
+  std::vector<http::Responder> held;  // on the one I/O thread
+  const JsonHost host([&held](http::HttpRequest&&, const http::Responder& responder) { held.push_back(responder); });
   const InstalledTransport transport({{kHost, host.address()}});
   for (int i = 0; i < 4; ++i) {
     EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(1))).find("no reply in time"), std::string::npos);
@@ -232,7 +231,7 @@ TEST(Breaker, Breaker_LongestPause_IsStillRandomised) {
     pauses.insert(PauseFrom(breaker, now));
   }
   EXPECT_GT(pauses.size(), 2u);
-  EXPECT_LE(*pauses.rbegin(), Breaker::kLongestPause);
+  EXPECT_LE(*pauses.rbegin(), Breaker::kMaxBackoff);
 }
 
 }  // namespace

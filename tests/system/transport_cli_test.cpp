@@ -21,9 +21,9 @@ class ClusterCommand : public testing::Test {
     options.argv.insert(options.argv.end(), words.begin(), words.end());
     return RunProcess(options);
   }
-  ProcessResult Certificate(const std::string& host_id, std::vector<std::string> further = {}) const {
+  ProcessResult Certificate(const std::string& host_id, std::vector<std::string> extra_members = {}) const {
     std::vector<std::string> words{"certificate", "--dir", authority_, "--host-id", host_id, "--out", out_};
-    words.insert(words.end(), further.begin(), further.end());
+    words.insert(words.end(), extra_members.begin(), extra_members.end());
     return Run(std::move(words));
   }
   std::string Content(const std::string& path) const {
@@ -69,16 +69,16 @@ TEST_F(ClusterCommand, InitAndCertificate_FilesAreAcceptedByHost) {
   EXPECT_TRUE(usable.ok()) << usable.error().ToString();
 }
 
-TEST_F(ClusterCommand, SecondInit_LeavesTheAuthorityAlone) {
+TEST_F(ClusterCommand, Init_AuthorityExists_KeepsIt) {
   ASSERT_EQ(Run({"init", "--dir", authority_}).exit_code, 0);
   const std::string key = Content(authority_ + "/authority.key");
   const ProcessResult again = Run({"init", "--dir", authority_});
   EXPECT_EQ(again.exit_code, 1);
-  EXPECT_NE(again.errors.find("exists already"), std::string::npos) << again.errors;
+  EXPECT_NE(again.errors.find("already exists"), std::string::npos) << again.errors;
   EXPECT_EQ(Content(authority_ + "/authority.key"), key);
 }
 
-TEST_F(ClusterCommand, SecondCertificate_NeedsReplace) {
+TEST_F(ClusterCommand, Certificate_Exists_NeedsReplaceOption) {
   ASSERT_EQ(Run({"init", "--dir", authority_}).exit_code, 0);
   ASSERT_EQ(Certificate(kHost).exit_code, 0);
   const std::string key = Content(out_ + "/host.key");
@@ -88,7 +88,7 @@ TEST_F(ClusterCommand, SecondCertificate_NeedsReplace) {
   EXPECT_NE(Content(out_ + "/host.key"), key);
 }
 
-TEST_F(ClusterCommand, RefusedInput_MakesNothing) {
+TEST_F(ClusterCommand, Command_InvalidInput_CreatesNothing) {
   EXPECT_EQ(Certificate(kHost).exit_code, 1) << "there is no authority";
   ASSERT_EQ(Run({"init", "--dir", authority_}).exit_code, 0);
   for (const char* id : {"../x", "a,DNS:b", "", "a.b", "a b"}) EXPECT_NE(Certificate(id).exit_code, 0) << id;
@@ -124,7 +124,7 @@ const ClusterSetting kClusterSettings[] = {
 
 class ClusterConfig : public testing::TestWithParam<ClusterSetting> {};
 
-TEST_P(ClusterConfig, Setting_IsAcceptedOrRefusedWithAReason) {
+TEST_P(ClusterConfig, Setting_EachRow_IsAcceptedOrRefusedWithReason) {
   const ClusterSetting& row = GetParam();
   daemon::Config config;
   config.tls_certificate = "c.pem";

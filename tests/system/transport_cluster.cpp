@@ -11,6 +11,7 @@
 #include "tests/support/http_client.h"
 #include "tests/support/require.h"
 #include "tests/system/transport_test_support.h"
+#include "webapi/platform/ccc_constants.h"
 
 namespace vexa::test {
 
@@ -35,6 +36,7 @@ void TransportCluster::SetUp() {
     ASSERT_TRUE(record.ok() && *record) << "a host that serves has registered itself";
     EXPECT_EQ(json::Member(Parse(std::string((*record)->text)), "cluster_address"), Json::Value(AddressOfHost(i)));
   }
+  ASSERT_NO_FATAL_FAILURE(PutRecords());
 }
 
 void TransportCluster::StartHost(const transport::TlsFiles& tls, int host) {
@@ -51,13 +53,19 @@ void TransportCluster::Put(const char* category, const std::string& id, const st
   (void)Require(database_->Commit({{}, {{store::MakeKey({"dash", category, id, "object"}), text}}}));
 }
 
+void TransportCluster::PutRepository(const std::string& id, int host) {
+  Put("repository", id,
+      R"({"name":"pool","state":")" + std::string(VexaCCC::State::Repo::online) + R"(","host_id":")" + IdOf(host) +
+          "\"}");
+}
+
 std::string TransportCluster::Stored(std::initializer_list<std::string_view> key) {
   const auto snapshot = Require(database_->Read());
   const auto value = Require(snapshot->Get(store::MakeKey(key)));
   return value ? std::string(value->text) : "";
 }
 
-void TransportCluster::Freeze(int host) {
+void TransportCluster::Suspend(int host) {
   Process& process = *hosts_[static_cast<std::size_t>(host)];
   while (true) {
     process.Signal(SIGSTOP);
@@ -69,7 +77,7 @@ void TransportCluster::Freeze(int host) {
   }
 }
 
-void TransportCluster::Thaw(int host) { hosts_[static_cast<std::size_t>(host)]->Signal(SIGCONT); }
+void TransportCluster::Resume(int host) { hosts_[static_cast<std::size_t>(host)]->Signal(SIGCONT); }
 
 void TransportCluster::Restart(int host) {
   auto& process = hosts_[static_cast<std::size_t>(host)];
@@ -83,7 +91,7 @@ std::unique_ptr<Process> TransportCluster::Launch(int host) {
   const transport::TlsFiles& tls = tls_[static_cast<std::size_t>(host)];
   Prepare(host);
   ProcessOptions options;
-  options.argv = {TRANSPORT_HOST,
+  options.argv = {TRANSPORT_HOST_PROGRAM,
                   "--data",
                   data,
                   "--store",
@@ -138,7 +146,7 @@ Json::Value TransportCluster::Relay(int from, int to, const std::string& method,
 }
 
 Json::Value TransportCluster::Library(int host, const std::string& function, Json::Value arguments) {
-  json::MakeObject(arguments)["function"] = function;
+  json::EnsureObject(arguments)["function"] = function;
   const Json::Value reply = Ask(host, "library", json::ToText(arguments));
   EXPECT_EQ(CodeOf(reply), 0) << json::ToText(reply);
   return json::Member(reply, "data");

@@ -12,6 +12,7 @@
 
 #include "host/store/store.h"
 #include "host/transport/tls_material.h"
+#include "tests/support/matchers.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
@@ -22,10 +23,12 @@ class TransportCluster : public testing::Test {
   static constexpr int kHosts = 3;
   static std::string IdOf(int host);
 
-  // Returns when every host serves and the database has its address.
+  // Returns when every host serves, and the database has its address and the test's records.
   void SetUp() override;
   // Called with each host's data folder made and the host not started.
   virtual void Prepare(int /*host*/) {}
+  // Called once when all hosts serve.
+  virtual void PutRecords() {}
 
   // The folder of a host's data.
   std::string Folder(int host) const;
@@ -34,13 +37,15 @@ class TransportCluster : public testing::Test {
   store::Store& database() { return *database_; }
   // Stores the object of a record unchanged.
   void Put(const char* category, const std::string& id, const std::string& text);
+  // Stores the record of a repository that is online.
+  void PutRepository(const std::string& id, int host);
   // The value stored under this key; "" if absent.
   std::string Stored(std::initializer_list<std::string_view> key);
 
   // Stops a host's process without ending it: it takes connections and answers nothing. Never within a commit, which
   // would keep the other hosts from writing, since all of them share one store here.
-  void Freeze(int host);
-  void Thaw(int host);
+  void Suspend(int host);
+  void Resume(int host);
 
   // Starts a host that has ended again, with the same data. Returns when it serves.
   void Restart(int host);

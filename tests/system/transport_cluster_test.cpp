@@ -11,7 +11,7 @@ namespace {
 
 using std::chrono::seconds;
 
-TEST_F(TransportCluster, EveryHost_ReachesEveryHostAsItself) {
+TEST_F(TransportCluster, Call_BetweenAllHosts_IdentifiesCallerAndTarget) {
   for (int from = 0; from < kHosts; ++from) {
     for (int to = 0; to < kHosts; ++to) {
       const Json::Value reply = Relay(from, to, "whoami");
@@ -23,14 +23,14 @@ TEST_F(TransportCluster, EveryHost_ReachesEveryHostAsItself) {
   }
 }
 
-TEST_F(TransportCluster, AllHosts_Answer) {
+TEST_F(TransportCluster, AllHosts_Called_Answer) {
   const Json::Value data = json::Member(Ask(1, "relay_to_all", R"({"method":"whoami"})"), "data");
   for (int i = 0; i < kHosts; ++i) {
     EXPECT_EQ(json::Member(json::Member(json::Member(data, IdOf(i)), "data"), "host"), Json::Value(IdOf(i)));
   }
 }
 
-TEST_F(TransportCluster, LocalAndRemoteHost_AnswerAlike) {
+TEST_F(TransportCluster, Call_LocalOrRemote_HasSameReply) {
   for (const int to : {0, 1}) {
     EXPECT_EQ(CodeOf(Relay(0, to, "no_such_method")), 507) << to;
     EXPECT_EQ(CodeOf(Relay(0, to, "user")), 104) << "a host is not a user" << to;
@@ -50,7 +50,7 @@ void ExpectOrigin(const Json::Value& told, const Json::Value& asked, const std::
   EXPECT_EQ(json::Member(told, "request_id"), json::Member(asked, "request_id"));
 }
 
-TEST_F(TransportCluster, LocalAndRemoteHost_LearnTheUserAndTheIdOfTheRequest) {
+TEST_F(TransportCluster, Call_LocalAndRemote_ForwardsUserAndRequestId) {
   for (const int to : {0, 1}) {
     const Json::Value asked = Ask(0, "relay", R"({"method":"whoami","host_id":")" + IdOf(to) + "\"}");
     const Json::Value& reply = json::Member(asked, "data");
@@ -65,7 +65,7 @@ TEST_F(TransportCluster, LocalAndRemoteHost_LearnTheUserAndTheIdOfTheRequest) {
   }
 }
 
-TEST_F(TransportCluster, ItemsOfACompoundRequest_AreForItsUser) {
+TEST_F(TransportCluster, CompoundRequest_Items_RunOnBehalfOfItsUser) {
   std::string items;
   for (int i = 0; i < 16; ++i)
     items += std::string(i == 0 ? "" : ",") + R"({"api":"VEXA.Test.Host","method":"whoami"})";
@@ -148,7 +148,7 @@ TEST_F(TransportCluster, OriginHeaders_FromHostCertificate_AreAcceptedWhenWellFo
   EXPECT_NE(odd["data"]["request_id"], Json::Value("0123456789ABCDEF"));
 }
 
-TEST_F(TransportCluster, HostThatIsGone_IsUnreachableAndTheOthersAnswer) {
+TEST_F(TransportCluster, Call_HostGone_IsUnreachableAndOthersAnswer) {
   EXPECT_EQ(CodeOf(Relay(0, 2, "whoami")), 0);
   hosts_[2]->Signal(SIGKILL);
   ASSERT_TRUE(hosts_[2]->Wait(seconds(20)));

@@ -1,4 +1,4 @@
-// A daemon as a program of its own, with methods for tests of a cluster. Takes vexad's flags; says "READY <address>"
+// A daemon as a program of its own, with methods for tests of a cluster. Takes vexad's flags; prints "READY <address>"
 // when it serves, and stops on SIGTERM.
 #include <signal.h>
 
@@ -8,9 +8,10 @@
 #include <thread>
 
 #include "host/api/request_id.h"
-#include "host/base/error_table.h"
 #include "host/daemon/daemon.h"
 #include "json/readers.h"
+#include "tests/support/test_row.h"
+#include "webapi/error_codes.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
@@ -19,10 +20,9 @@
 namespace {
 
 namespace json = VexaVirtualization::json;
-using vexa::webapi::Access;
-using vexa::webapi::ApiRow;
-using vexa::webapi::Call;
-using vexa::webapi::LaneKind;
+using vexa::api::Access;
+using vexa::api::Call;
+using vexa::api::LaneKind;
 
 Json::Value Parameter(const Call& call, const char* name) { return call.request->GetParam(name, Json::Value()); }
 
@@ -31,11 +31,11 @@ void WhoAmI(const Call& call) {
   data["host"] = VexaCCC::DB::DBLocalhostID();
   data["caller"] = call.caller.host_id;
   data["acts_for"] = call.caller.acts_for;
-  data["request_id"] = std::string(vexa::daemon::CurrentRequestId());
+  data["request_id"] = std::string(vexa::api::CurrentRequestId());
   call.response->SetSuccess(data);
-  (*call.further)["has_fail"] = true;
-  (*call.further)["success"] = "cannot be changed";
-  (*call.further)["data"] = "cannot be changed";
+  (*call.extra_members)["has_fail"] = true;
+  (*call.extra_members)["success"] = "cannot be changed";
+  (*call.extra_members)["data"] = "cannot be changed";
 }
 
 void Slow(const Call& call) {
@@ -119,23 +119,15 @@ void Library(const Call& call) {
        }},
   };
   const auto function = functions.find(text("function"));
-  if (function == functions.end()) return call.response->SetError(vexa::webapi::kErrorBadParameter, Json::Value());
+  if (function == functions.end()) return call.response->SetError(vexa::user_error::kBadParameter, Json::Value());
   Json::Value data(Json::objectValue);
   data["result"] = function->second();
   data["out"] = std::move(out);
   call.response->SetSuccess(data);
 }
 
-ApiRow Row(const char* method, Access access, LaneKind lane, vexa::webapi::Handler handler) {
-  return {.api = "VEXA.Test.Host",
-          .method = method,
-          .version = 1,
-          .access = access,
-          .lane = lane,
-          .handler = std::move(handler),
-          .summary = "A method of the tests.",
-          .parameters = {},
-          .errors = {}};
+vexa::api::ApiRow Row(const char* method, Access access, LaneKind lane, vexa::api::Handler handler) {
+  return vexa::test::TestRow("VEXA.Test.Host", method, access, lane, std::move(handler));
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ using VexaDRCore::Response;
 constexpr const char* kHost = "other-host";
 class TransportMisbehaviour : public testing::TestWithParam<Misbehaviour> {};
 
-TEST_P(TransportMisbehaviour, Host_IsAFailedReplyWithHostAndReason) {
+TEST_P(TransportMisbehaviour, Call_HostMisbehaves_FailsWithHostAndReason) {
   const ScriptedServer server({GetParam().reply});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   Response response;
@@ -50,7 +50,7 @@ TEST(TransportReply, Reply_HttpFailure_IsUnchanged) {
   EXPECT_EQ(Sender(kHost).process(MakeRequest()).getErrCode(), 507);
 }
 
-TEST(TransportReply, BelowTheLimits_IsAccepted) {
+TEST(TransportReply, Reply_BelowLimits_IsAccepted) {
   for (const std::string& text : {ObjectOfSize(10 * kMiB), ObjectOfSize(16 * kMiB), Nested(64),
                                   ObjectOfValues(2'000'000, "0"), ObjectOfValues(1'000'000, "[]")}) {
     const JsonHost host{std::string(text)};
@@ -69,7 +69,7 @@ TEST(TransportReply, ReplyValues_CommasAndBracketsInTexts_AreNotCounted) {
   }
 }
 
-TEST(TransportRequest, OnTheWire_CarriesParametersInTheBodyOnly) {
+TEST(TransportRequest, Request_Parameters_AreInBodyOnly) {
   const ScriptedServer server({HttpReplyOf(200, R"({"success":true})")});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   VexaDRCore::Request request = MakeRequest();
@@ -130,7 +130,7 @@ TEST(TransportRequest, Request_LongBody_IsSentWithoutDelay) {
   EXPECT_EQ(sent.substr(0, sent.find("\r\n\r\n")).find("Expect"), std::string::npos) << "nobody answers with 100";
 }
 
-TEST(TransportRequest, NamesThatCouldEscape_AreNotSent) {
+TEST(TransportRequest, Request_NamesThatCouldInject_AreNotSent) {
   const JsonHost host{std::string(R"({"success":true})")};
   const InstalledTransport transport({{kHost, host.address()}});
   for (const std::string& name : {std::string(""), std::string("a/b"), std::string(".."), std::string("."),
@@ -168,7 +168,7 @@ TEST(TransportRequest, Request_InvalidHost_FailsImmediatelyWithoutSocket) {
   EXPECT_NE(FailureOf(Sender().process(MakeRequest())), "");
 }
 
-TEST(TransportRequest, OddHost_IsQuotedShortAndPrintable) {
+TEST(TransportRequest, Failure_UnprintableOrLongHost_IsEscapedAndTruncated) {
   const InstalledTransport transport(InstalledTransport::Addresses{});
   for (const std::string& host : {std::string("a\r\n\x1b[2J\0\xff", 10), std::string(100'000, 'a')}) {
     const std::string failure = FailureOf(Sender(host).process(MakeRequest()));
@@ -177,18 +177,18 @@ TEST(TransportRequest, OddHost_IsQuotedShortAndPrintable) {
   }
 }
 
-TEST(TransportRequest, IPv6Address_IsAnAddress) {
+TEST(TransportRequest, Request_IPv6Address_IsSent) {
   const InstalledTransport transport({{kHost, "[::1]:" + std::to_string(UnusedPort())}, {"bare", "::1:80"}});
   EXPECT_EQ(FailureOf(Sender(kHost).process(MakeRequest())).find("not a numeric address"), std::string::npos);
   EXPECT_NE(FailureOf(Sender("bare").process(MakeRequest())).find("not a numeric address"), std::string::npos);
 }
 
-TEST(TransportRequest, WithoutATransport_Fails) {
+TEST(TransportRequest, Request_NoTransport_Fails) {
   EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest())), "");
   EXPECT_NE(FailureOf(VexaCCC::MultiSender({kHost}).process(MakeRequest()).getResponse(kHost)), "");
 }
 
-TEST(TransportRequest, Proxy_IsNotUsed) {
+TEST(TransportRequest, Request_ProxyInEnvironment_IsIgnored) {
   const JsonHost host{std::string(R"({"success":true})")};
   ::setenv("http_proxy", "http://127.0.0.1:1", 1);
   ::setenv("ALL_PROXY", "http://127.0.0.1:1", 1);
@@ -200,7 +200,7 @@ TEST(TransportRequest, Proxy_IsNotUsed) {
   ::unsetenv("ALL_PROXY");
 }
 
-TEST(TransportConnection, SecondRequest_UsesTheSameOne) {
+TEST(TransportConnection, Connection_SecondRequest_IsReused) {
   std::atomic<int> connections{0};
   const RawHost host([&](int fd) {
     ++connections;
@@ -235,7 +235,7 @@ TEST(TransportConnection, Connection_ManyHostsConcurrently_EachIsReused) {
   EXPECT_EQ(connections, kHosts);
 }
 
-TEST(TransportConnection, BreaksAfterTheRequestOnAKeptOne_RequestIsNotSentAgain) {
+TEST(TransportConnection, KeptConnection_BreaksAfterRequest_RequestIsNotResent) {
   std::atomic<int> requests{0};
   const RawHost host([&](int fd) {
     for (int here = 0; !ReceiveRequest(fd).empty(); ++here) {
@@ -251,17 +251,17 @@ TEST(TransportConnection, BreaksAfterTheRequestOnAKeptOne_RequestIsNotSentAgain)
   EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess()) << "with a connection of its own";
 }
 
-TEST(TransportConnection, ClosedByARestart_IsReplaced) {
+TEST(TransportConnection, Connection_HostRestarted_IsReplaced) {
   auto host = std::make_unique<JsonHost>(std::string(R"({"success":true})"));
   const std::uint16_t port = host->port();
   const InstalledTransport transport({{kHost, AddressOf(port)}});
   EXPECT_TRUE(Sender(kHost).process(MakeRequest()).isSuccess());
   host.reset();
-  daemon::ListenerOptions listener;
+  http::ListenerOptions listener;
   listener.port = port;
   const JsonHost again(
-      [](daemon::HttpRequest&&, const daemon::Responder& responder) {
-        daemon::HttpResponse response;
+      [](http::HttpRequest&&, const http::Responder& responder) {
+        http::HttpResponse response;
         response.body = R"({"success":true,"data":"again"})";
         responder.Send(std::move(response));
       },
@@ -297,7 +297,7 @@ class FullQueue {
   int fillers_[8] = {};
 };
 
-TEST(TransportTimeout, ShorterThanConnecting_CountsFromTheCall) {
+TEST(TransportTimeout, Timeout_ShorterThanConnectTimeout_AppliesToConnecting) {
   const FullQueue queue;
   const InstalledTransport transport({{kHost, queue.address()}});
   std::string failure;
@@ -307,7 +307,7 @@ TEST(TransportTimeout, ShorterThanConnecting_CountsFromTheCall) {
   EXPECT_LT(seconds, 4);
 }
 
-TEST(TransportTimeout, Connecting_TakesFiveSecondsAtMost) {
+TEST(TransportTimeout, Timeout_Connecting_IsFiveSecondsAtMost) {
   const FullQueue queue;
   const InstalledTransport transport({{kHost, queue.address()}});
   std::string failure;
@@ -317,7 +317,7 @@ TEST(TransportTimeout, Connecting_TakesFiveSecondsAtMost) {
   EXPECT_LT(seconds, 15);
 }
 
-TEST(TransportTimeout, OfAStallingHost_IsTheRequests) {
+TEST(TransportTimeout, Timeout_HostStalls_IsThatOfRequest) {
   const ScriptedServer server({{"", ScriptedReply::Then::kStall}});
   const InstalledTransport transport({{kHost, AddressOfUrl(server)}});
   std::string failure;

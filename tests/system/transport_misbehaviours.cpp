@@ -12,9 +12,9 @@ std::string Reply(const std::string& body) { return HttpReplyOf(200, body).bytes
 std::string AddressOfUrl(const ScriptedServer& server) { return server.url().substr(7); }
 
 std::string ObjectOfSize(std::size_t bytes) {
-  const std::string head = R"({"success":true,"data":{"text":")";
+  const std::string prefix = R"({"success":true,"data":{"text":")";
   const std::string tail = "\"}}";
-  return head + std::string(bytes - head.size() - tail.size(), 'x') + tail;
+  return prefix + std::string(bytes - prefix.size() - tail.size(), 'x') + tail;
 }
 
 std::string Nested(std::size_t levels) {

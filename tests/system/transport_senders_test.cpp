@@ -11,10 +11,11 @@
 #include <new>
 
 #include "host/records/environment.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "host/transport/http_pool.h"
+#include "tests/support/require.h"
 #include "tests/system/transport_test_support.h"
 #include "webapi/platform/ccc.h"
 
@@ -38,7 +39,7 @@ class SlowHost {
   explicit SlowHost(
       milliseconds delay, std::function<void()> when_asked = [] {})
       : delay_(delay),
-        host_([this, when_asked = std::move(when_asked)](daemon::HttpRequest&&, daemon::Responder responder) {
+        host_([this, when_asked = std::move(when_asked)](http::HttpRequest&&, http::Responder responder) {
           when_asked();
           const std::lock_guard lock(mutex_);
           held_.push_back({std::chrono::steady_clock::now() + delay_, std::move(responder)});
@@ -58,7 +59,7 @@ class SlowHost {
  private:
   struct Held {
     std::chrono::steady_clock::time_point due;
-    daemon::Responder responder;
+    http::Responder responder;
   };
 
   void Serve() {
@@ -69,7 +70,7 @@ class SlowHost {
       } else if (std::chrono::steady_clock::now() < held_.front().due) {
         changed_.wait_until(lock, std::chrono::steady_clock::time_point(held_.front().due));
       } else {
-        daemon::HttpResponse response;
+        http::HttpResponse response;
         response.body = R"({"success":true,"data":"slow"})";
         held_.front().responder.Send(std::move(response));
         held_.erase(held_.begin());
@@ -86,7 +87,7 @@ class SlowHost {
   std::thread thread_;
 };
 
-TEST(MultiSender, Replies_AreInTheOrderGivenWithDuplicates) {
+TEST(MultiSender, Replies_DuplicateHosts_AreInGivenOrder) {
   const JsonHost first{std::string(R"({"success":true,"data":1})")};
   const JsonHost second{std::string(R"({"success":true,"data":2})")};
   const InstalledTransport transport({{"host-a", first.address()}, {"host-b", second.address()}});
@@ -101,7 +102,7 @@ TEST(MultiSender, Replies_AreInTheOrderGivenWithDuplicates) {
   EXPECT_EQ(second.requests(), 1) << "a host that is named twice is asked once";
 }
 
-TEST(MultiSender, NoHosts_NoReplies) {
+TEST(MultiSender, MultiSender_NoHosts_HasNoReplies) {
   const InstalledTransport transport({});
   EXPECT_TRUE(MultiSender({}).process(MakeRequest()).getHostList().empty());
 }
@@ -131,11 +132,11 @@ TEST(MultiSender, Senders_Hosts_AreCalledConcurrently) {
   EXPECT_EQ(threads_while_asked, threads + 1);
 }
 
-TEST(MultiSender, LocalHost_RunsBesideTheOthers) {
+TEST(MultiSender, LocalHost_SentToAll_RunsConcurrently) {
   std::atomic<bool> remote_asked{false};
-  const JsonHost host([&](daemon::HttpRequest&&, const daemon::Responder& responder) {
+  const JsonHost host([&](http::HttpRequest&&, const http::Responder& responder) {
     remote_asked = true;
-    daemon::HttpResponse response;
+    http::HttpResponse response;
     response.body = R"({"success":true})";
     responder.Send(std::move(response));
   });
@@ -153,21 +154,28 @@ TEST(MultiSender, LocalHost_RunsBesideTheOthers) {
   EXPECT_TRUE(responses.getResponse("host-a").isSuccess());
 }
 
-TEST(MultiSender, AllHosts_AreThoseOfTheDatabase) {
-  const TempDir folder;
+std::shared_ptr<store::Store> OpenStoreIn(const TempDir& folder) {
   store::LmdbOptions options;
   options.directory = folder.File("store");
-  const auto store = store::OpenLmdbStore(options);
-  ASSERT_TRUE(store.ok());
+  return Require(store::OpenLmdbStore(options));
+}
+
+void InstallStore(const std::shared_ptr<store::Store>& store) {
+  records::Environment environment;
+  environment.store = store;
+  environment.host_id = kLocalHost;
+  records::InstallEnvironment(std::move(environment));
+}
+
+TEST(MultiSender, AllHosts_Listed_AreThoseOfDatabase) {
+  const TempDir folder;
+  const std::shared_ptr<store::Store> store = OpenStoreIn(folder);
   store::Transaction transaction;
   for (const char* id : {"host-a", "host-b", kLocalHost}) {
     transaction.operations.push_back({store::MakeKey({"dash", "host", id, "object"}), "{}"});
   }
-  ASSERT_TRUE((*store)->Commit(transaction).ok());
-  cluster::Environment environment;
-  environment.store = *store;
-  environment.host_id = kLocalHost;
-  cluster::InstallEnvironment(std::move(environment));
+  ASSERT_TRUE(store->Commit(transaction).ok());
+  InstallStore(store);
   {
     const InstalledTransport transport({}, [](const auto&, milliseconds) { return Parse(R"({"success":true})"); });
     const MultiResponse responses = MultiSender::allHosts().process(MakeRequest());
@@ -175,33 +183,27 @@ TEST(MultiSender, AllHosts_AreThoseOfTheDatabase) {
     EXPECT_TRUE(responses.getResponse(kLocalHost).isSuccess());
     EXPECT_TRUE(Sender::localhost().process(MakeRequest()).isSuccess());
   }
-  cluster::RemoveEnvironment();
+  records::RemoveEnvironment();
   EXPECT_TRUE(MultiSender::allHosts().process(MakeRequest()).getHostList().empty());
 }
 
-TEST(Transport, WaitingCaller_HoldsNoSnapshot) {
+TEST(Transport, Call_Waiting_HoldsNoSnapshot) {
   const TempDir folder;
-  store::LmdbOptions options;
-  options.directory = folder.File("store");
-  const auto store = store::OpenLmdbStore(options);
-  ASSERT_TRUE(store.ok());
+  const std::shared_ptr<store::Store> store = OpenStoreIn(folder);
   const auto put = [&](const char* text) {
-    EXPECT_TRUE((*store)->Commit({{}, {{store::MakeKey({"dash", "host", "host-a", "object"}), text}}}).ok());
+    EXPECT_TRUE(store->Commit({{}, {{store::MakeKey({"dash", "host", "host-a", "object"}), text}}}).ok());
   };
   put(R"({"name":"before"})");
-  cluster::Environment environment;
-  environment.store = *store;
-  environment.host_id = kLocalHost;
-  cluster::InstallEnvironment(std::move(environment));
-  const JsonHost host([&](daemon::HttpRequest&&, const daemon::Responder& responder) {
+  InstallStore(store);
+  const JsonHost host([&](http::HttpRequest&&, const http::Responder& responder) {
     put(R"({"name":"after"})");
-    daemon::HttpResponse response;
+    http::HttpResponse response;
     response.body = R"({"success":true})";
     responder.Send(std::move(response));
   });
   {
     const InstalledTransport transport({{"host-a", host.address()}});
-    const cluster::RequestScope scope;
+    const records::RequestScope scope;
     std::string name;
     EXPECT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, "host-a").Get(name, "name"), 0);
     EXPECT_EQ(name, "before");
@@ -209,10 +211,10 @@ TEST(Transport, WaitingCaller_HoldsNoSnapshot) {
     EXPECT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, "host-a").Get(name, "name"), 0);
     EXPECT_EQ(name, "after") << "the next read takes a snapshot of its own";
   }
-  cluster::RemoveEnvironment();
+  records::RemoveEnvironment();
 }
 
-TEST(HttpPool, DestroyedWithCallsWaiting_EndsEachOfThem) {
+TEST(HttpPool, HttpPool_DestroyedDuringCalls_EndsThem) {
   constexpr int kCalls = 500;
   std::atomic<int> ended{0};
   std::atomic<int> failed{0};
@@ -236,7 +238,7 @@ TEST(HttpPool, DestroyedWithCallsWaiting_EndsEachOfThem) {
   EXPECT_EQ(failed, kCalls);
 }
 
-TEST(HttpPool, CallWhoseTimeIsUp_FailsWithoutBeingTried) {
+TEST(HttpPool, Call_DeadlinePassed_FailsWithoutConnecting) {
   const JsonHost host{std::string(R"({"success":true})")};
   std::promise<transport::HttpOutcome> ended;
   transport::HttpPool pool(std::nullopt);
@@ -267,7 +269,7 @@ std::vector<std::string> BlockedSignals(const std::string& thread) {
   return masks;
 }
 
-TEST(HttpPool, Thread_TakesNoSignals) {
+TEST(HttpPool, Thread_Signals_AreBlocked) {
   const JsonHost host{std::string(R"({"success":true})")};
   const InstalledTransport transport({{"host-a", host.address()}});
   EXPECT_TRUE(Sender("host-a").process(MakeRequest()).isSuccess());
@@ -293,7 +295,7 @@ TEST(Transport, Transport_ConcurrentCallers_GetTheirOwnReplies) {
   for (std::thread& caller : callers) caller.join();
 }
 
-TEST(Transport, RemovedDuringACall_CallEndsWithItsReply) {
+TEST(Transport, Transport_RemovedDuringCall_CallGetsItsReply) {
   std::atomic<bool> asked{false};
   const SlowHost slow(milliseconds(300), [&] { asked = true; });
   auto transport = std::make_unique<InstalledTransport>(InstalledTransport::Addresses{{"host-a", slow.address()}});
@@ -303,7 +305,7 @@ TEST(Transport, RemovedDuringACall_CallEndsWithItsReply) {
   caller.join();
 }
 
-TEST(TransportDeathTest, ProcessThatExitsWithATransport_Ends) {
+TEST(TransportDeathTest, Transport_ProcessExits_Ends) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {

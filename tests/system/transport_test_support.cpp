@@ -13,15 +13,10 @@
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "json/readers.h"
+#include "tests/support/check.h"
 
 namespace vexa::test {
 namespace {
-
-void Check(bool good, const char* what) {
-  if (good) return;
-  std::perror(what);
-  std::abort();
-}
 
 // A socket that is bound to a free port of 127.0.0.1, and the port.
 std::pair<int, std::uint16_t> BoundSocket() {
@@ -117,28 +112,28 @@ InstalledTransport::InstalledTransport(Addresses addresses, transport::TlsFiles 
 
 InstalledTransport::~InstalledTransport() { transport::RemoveTransport(); }
 
-JsonHost::JsonHost(Answer answer, daemon::ListenerOptions listener) {
-  daemon::ServerOptions options;
+JsonHost::JsonHost(Answer answer, http::ListenerOptions listener) {
+  http::ServerOptions options;
   options.listeners = {std::move(listener)};
   options.io_threads = 1;
-  options.on_request = [count = requests_, answer = std::move(answer)](daemon::HttpRequest&& request,
-                                                                       daemon::Responder responder) {
+  options.on_request = [count = requests_, answer = std::move(answer)](http::HttpRequest&& request,
+                                                                       http::Responder responder) {
     ++*count;
     answer(std::move(request), std::move(responder));
   };
   options.make_error = [](int status, const std::string&) {
-    daemon::HttpResponse response;
+    http::HttpResponse response;
     response.status = status;
     return response;
   };
-  auto server = daemon::HttpServer::Start(std::move(options));
+  auto server = http::HttpServer::Start(std::move(options));
   Check(server.ok(), server.ok() ? "" : server.error().ToString().c_str());
   server_ = std::move(*server);
 }
 
 JsonHost::JsonHost(std::string body)
-    : JsonHost([body = std::move(body)](daemon::HttpRequest&&, const daemon::Responder& responder) {
-        daemon::HttpResponse response;
+    : JsonHost([body = std::move(body)](http::HttpRequest&&, const http::Responder& responder) {
+        http::HttpResponse response;
         response.body = body;
         responder.Send(std::move(response));
       }) {}

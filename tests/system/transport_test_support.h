@@ -49,8 +49,8 @@ class InstalledTransport {
 // An HTTP server whose replies a test makes.
 class JsonHost {
  public:
-  using Answer = std::function<void(daemon::HttpRequest&&, daemon::Responder)>;
-  explicit JsonHost(Answer answer, daemon::ListenerOptions listener = {});
+  using Answer = std::function<void(http::HttpRequest&&, http::Responder)>;
+  explicit JsonHost(Answer answer, http::ListenerOptions listener = {});
   // Answers each request with `body`.
   explicit JsonHost(std::string body);
 
@@ -60,7 +60,7 @@ class JsonHost {
 
  private:
   std::shared_ptr<std::atomic<int>> requests_ = std::make_shared<std::atomic<int>>(0);
-  std::unique_ptr<daemon::HttpServer> server_;
+  std::unique_ptr<http::HttpServer> server_;
 };
 
 // A listening socket and a thread that serves one connection after the other.

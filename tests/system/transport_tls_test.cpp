@@ -1,4 +1,4 @@
-// Who is believed to be a host.
+// Which callers and servers are accepted as hosts.
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -16,8 +16,8 @@ using VexaCCC::Sender;
 constexpr const char* kHost = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
 constexpr const char* kOther = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a02";
 
-daemon::ListenerOptions ListenerWith(const transport::TlsFiles& files) {
-  daemon::ListenerOptions listener;
+http::ListenerOptions ListenerWith(const transport::TlsFiles& files) {
+  http::ListenerOptions listener;
   listener.certificate_file = files.certificate;
   listener.key_file = files.key;
   listener.client_authority_file = files.authority;
@@ -27,8 +27,8 @@ daemon::ListenerOptions ListenerWith(const transport::TlsFiles& files) {
 // Reports who called.
 JsonHost MakeHost(const transport::TlsFiles& files) {
   return JsonHost(
-      [](const daemon::HttpRequest& request, const daemon::Responder& responder) {
-        daemon::HttpResponse response;
+      [](const http::HttpRequest& request, const http::Responder& responder) {
+        http::HttpResponse response;
         response.body = R"({"success":true,"data":")" + request.peer.certificate_name + "\"}";
         responder.Send(std::move(response));
       },
@@ -79,18 +79,18 @@ class TransportTls : public testing::Test {
   transport::TlsFiles own_;
 };
 
-TEST_F(TransportTls, HostsOfOneAuthority_KnowEachOther) {
+TEST_F(TransportTls, Hosts_SameAuthority_Connect) {
   const JsonHost host = MakeHost(authority_.FilesOf(kHost));
   EXPECT_EQ(Ask(host.address()).getData(), Json::Value(kLocalHost));
 }
 
-TEST_F(TransportTls, HostWithAnotherHostsCertificate_IsRefused) {
+TEST_F(TransportTls, Host_CertificateOfOtherHost_IsRefused) {
   const JsonHost host = MakeHost(authority_.FilesOf(kOther));
   EXPECT_NE(FailureOf(Ask(host.address())), "");
   EXPECT_EQ(host.requests(), 0);
 }
 
-TEST_F(TransportTls, HostWithOneOfTwoNamesOnly_IsRefused) {
+TEST_F(TransportTls, Host_OnlyOneOfTwoNamesMatches_IsRefused) {
   const auto authority = transport::MakeAuthority();
   ASSERT_TRUE(authority.ok());
   const auto own = transport::MakeHostCredentials(*authority, kLocalHost);
@@ -108,14 +108,14 @@ TEST_F(TransportTls, HostWithOneOfTwoNamesOnly_IsRefused) {
   EXPECT_NE(FailureOf(ask(kOther, kHost)), "");
 }
 
-TEST_F(TransportTls, HostOfAForeignAuthority_IsRefused) {
+TEST_F(TransportTls, Host_ForeignAuthority_IsRefused) {
   transport::TlsFiles files = foreign_.FilesOf(kHost);
   const JsonHost host = MakeHost(files);
   EXPECT_NE(FailureOf(Ask(host.address())), "");
   EXPECT_EQ(host.requests(), 0);
 }
 
-TEST_F(TransportTls, CallerOfAForeignAuthority_IsRefused) {
+TEST_F(TransportTls, Caller_ForeignAuthority_IsRefused) {
   const JsonHost host = MakeHost(authority_.FilesOf(kHost));
   own_ = foreign_.FilesOf(kLocalHost);
   own_.authority = folder_.File("ours/authority.pem");  // believes the host, which does not believe it
@@ -123,7 +123,7 @@ TEST_F(TransportTls, CallerOfAForeignAuthority_IsRefused) {
   EXPECT_EQ(host.requests(), 0);
 }
 
-TEST_F(TransportTls, HostWithTls12Only_IsRefused) {
+TEST_F(TransportTls, Host_Tls12Only_IsRefused) {
   const transport::TlsFiles files = authority_.FilesOf(kHost);
   std::atomic<bool> finished{false};
   const RawHost host([&](int fd) {
@@ -142,13 +142,13 @@ TEST_F(TransportTls, HostWithTls12Only_IsRefused) {
   EXPECT_FALSE(finished);
 }
 
-TEST_F(TransportTls, HostWithoutTls_IsRefused) {
+TEST_F(TransportTls, Host_WithoutTls_IsRefused) {
   const JsonHost host{std::string(R"({"success":true})")};
   EXPECT_NE(FailureOf(Ask(host.address())), "");
   EXPECT_EQ(host.requests(), 0);
 }
 
-TEST_F(TransportTls, UnusableFiles_AreRefusedAtTheStart) {
+TEST_F(TransportTls, Start_UnusableTlsFiles_IsRefused) {
   const auto code_of = [](transport::TlsFiles files, const std::string& host_id) {
     transport::TransportOptions options;
     options.host_id = host_id;
@@ -181,7 +181,7 @@ TEST(Certificates, Certificate_InvalidHostId_IsRefused) {
   }
 }
 
-TEST(Certificates, HostsCertificate_CannotSignOthers) {
+TEST(Certificates, Certificate_OfHost_CannotSignOthers) {
   const auto authority = transport::MakeAuthority();
   ASSERT_TRUE(authority.ok());
   const auto host = transport::MakeHostCredentials(*authority, kHost);

@@ -13,9 +13,9 @@
 #include "host/accounts/account_password.h"
 #include "host/base/files.h"
 #include "host/daemon/host_id.h"
-#include "tests/support/http_client.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/vexad_client.h"
 
 namespace {
 
@@ -24,13 +24,13 @@ using vexa::test::HttpReply;
 using vexa::test::Process;
 using vexa::test::RunProcess;
 
-constexpr std::chrono::seconds kPatience{60};
+constexpr std::chrono::seconds kTimeout{60};
 const std::string kGetPath = "/webapi/VEXA.Virtualization.Guest/get";
 
 class Vexad : public testing::Test {
  protected:
   void SetUp() override {
-    const auto hash = vexa::base::HashPassword("correct horse");
+    const auto hash = vexa::accounts::HashPassword("correct horse");
     ASSERT_TRUE(hash.ok());
     const std::string accounts = R"({"version":1,"groups":[{"name":"administrators","gid":1900000000}],"users":[
         {"name":"admin","uid":1900000001,"gid":1900000000,"password":")" +
@@ -38,38 +38,25 @@ class Vexad : public testing::Test {
     ASSERT_TRUE(vexa::WriteFileAtomically(folder_.File("accounts.json"), accounts, 0600).ok());
   }
 
-  std::vector<std::string> Arguments(const std::vector<std::string>& further = {}) const {
+  std::vector<std::string> Arguments(const std::vector<std::string>& extra_members = {}) const {
     std::vector<std::string> arguments{
         VEXAD_PROGRAM, "--data",          folder_.File("data"), "--account-file", folder_.File("accounts.json"),
         "--socket",    folder_.File("s"), "--listen",           "127.0.0.1:0",    "--log",
         "stderr"};
-    arguments.insert(arguments.end(), further.begin(), further.end());
+    arguments.insert(arguments.end(), extra_members.begin(), extra_members.end());
     return arguments;
   }
 
-  std::unique_ptr<Process> Start(const std::vector<std::string>& further = {},
+  std::unique_ptr<Process> Start(const std::vector<std::string>& extra_members = {},
                                  const std::map<std::string, std::optional<std::string>>& environment = {}) const {
-    auto process =
-        std::make_unique<Process>(vexa::test::ProcessOptions{.argv = Arguments(further), .environment = environment});
-    EXPECT_TRUE(process->WaitForText("Ready.", kPatience)) << process->errors();
+    auto process = std::make_unique<Process>(
+        vexa::test::ProcessOptions{.argv = Arguments(extra_members), .environment = environment});
+    EXPECT_TRUE(process->WaitForText("Ready.", kTimeout)) << process->errors();
     return process;
   }
 
-  static HttpClient Tcp(const Process& process) {
-    std::smatch match;
-    const std::string log = process.errors();
-    EXPECT_TRUE(std::regex_search(log, match, std::regex(R"(Listening on (http://127\.0\.0\.1:[0-9]+)\.)"))) << log;
-    vexa::test::HttpTarget target;
-    target.url = match[1];
-    return HttpClient(target);
-  }
-
-  HttpClient Unix() const {
-    vexa::test::HttpTarget target;
-    target.url = "http://localhost";
-    target.unix_socket = folder_.File("s");
-    return HttpClient(target);
-  }
+  static HttpClient Tcp(const Process& process) { return HttpClient(vexa::test::NetworkOf(process)); }
+  HttpClient Unix() const { return HttpClient(vexa::test::UnixSocket(folder_.File("s"))); }
 
   static void ExpectCode(const std::optional<vexa::test::ExitStatus>& status, int code) {
     ASSERT_TRUE(status.has_value()) << "it still runs";
@@ -79,23 +66,23 @@ class Vexad : public testing::Test {
   vexa::test::TempDir folder_;
 };
 
-TEST_F(Vexad, LogLinesOfARequest_CarryTheIdOfItsReply) {
+TEST_F(Vexad, LogLines_OfRequest_HaveIdOfItsReply) {
   const auto process = Start();
   HttpClient client = Unix();
   const HttpReply reply = client.PostJson(kGetPath, "{\"guest_id\":\"a\\nb\"}");
   EXPECT_EQ(reply.status, 400);
   const std::string line =
       "Bad parameters, request: {\"guest_id\":\"a\\nb\"} [request " + reply.headers.at("x-request-id") + "]\n";
-  EXPECT_TRUE(process->WaitForText(line, kPatience)) << process->errors();
+  EXPECT_TRUE(process->WaitForText(line, kTimeout)) << process->errors();
   EXPECT_TRUE(std::regex_search(process->errors(), std::regex("vexad: guest:[0-9]+ Bad parameters")))
       << process->errors();
 }
 
-TEST_F(Vexad, Terminate_EndsWithZeroAndRemovesTheSocket) {
+TEST_F(Vexad, Vexad_Terminated_ExitsWithZeroAndRemovesSocket) {
   const auto process = Start();
   EXPECT_EQ(Unix().Get("/healthz").status, 200);
   process->Signal(SIGTERM);
-  ExpectCode(process->Wait(kPatience), 0);
+  ExpectCode(process->Wait(kTimeout), 0);
   EXPECT_FALSE(std::ifstream(folder_.File("s")).good());
   struct stat info {};
   EXPECT_NE(::stat(folder_.File("s").c_str(), &info), 0);
@@ -109,14 +96,14 @@ TEST_F(Vexad, Vexad_SecondSignal_EndsImmediately) {
   address.sun_family = AF_UNIX;
   folder_.File("s").copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  const std::string head = "POST " + kGetPath +
-                           " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: 9\r\n"
-                           "Expect: 100-continue\r\n\r\n";
-  ASSERT_EQ(::send(fd, head.data(), head.size(), MSG_NOSIGNAL), static_cast<ssize_t>(head.size()));
+  const std::string header = "POST " + kGetPath +
+                             " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: 9\r\n"
+                             "Expect: 100-continue\r\n\r\n";
+  ASSERT_EQ(::send(fd, header.data(), header.size(), MSG_NOSIGNAL), static_cast<ssize_t>(header.size()));
   char buffer[64];
   ASSERT_GT(::recv(fd, buffer, sizeof buffer, 0), 0) << "100 Continue: the request has begun";
   process->Signal(SIGTERM);
-  EXPECT_TRUE(process->WaitForText("Stopping.", kPatience));
+  EXPECT_TRUE(process->WaitForText("Stopping.", kTimeout));
   EXPECT_FALSE(process->Wait(std::chrono::milliseconds(500)).has_value()) << "it waits for the request";
   process->Signal(SIGTERM);
   ExpectCode(process->Wait(std::chrono::seconds(10)), 128 + SIGTERM);
@@ -135,7 +122,7 @@ TEST_F(Vexad, Restart_KeepsSessionsAndTheHostId) {
     token = match[1];
     // No chance to write anything.
     process->Signal(SIGKILL);
-    ASSERT_TRUE(process->Wait(kPatience).has_value());
+    ASSERT_TRUE(process->Wait(kTimeout).has_value());
   }
   const auto host_id = vexa::daemon::LoadHostId(folder_.File("data"));
   ASSERT_TRUE(host_id.ok());
@@ -146,7 +133,7 @@ TEST_F(Vexad, Restart_KeepsSessionsAndTheHostId) {
   EXPECT_EQ(*vexa::daemon::LoadHostId(folder_.File("data")), *host_id);
 }
 
-TEST_F(Vexad, DataFiles_AreReadableByTheirOwnerOnly) {
+TEST_F(Vexad, DataFiles_Created_AreReadableByOwnerOnly) {
   const auto process = Start();
   HttpClient client = Tcp(*process);
   (void)client.PostJson("/webapi/VEXA.Core.Session/login", R"({"user":"admin","password":"correct horse"})");
@@ -169,7 +156,7 @@ TEST_F(Vexad, Vexad_SocketInUse_ReportsAndExitsWithOne) {
   EXPECT_NE(other.errors.find(folder_.File("s")), std::string::npos) << other.errors;
 }
 
-TEST_F(Vexad, DamagedSessions_AreRefusedWithTheFilesName) {
+TEST_F(Vexad, Vexad_DamagedSessionsFile_IsRefusedByName) {
   Start()->Signal(SIGTERM);
   std::ofstream(folder_.File("data/sessions.json"), std::ios::trunc) << "{";
   const auto result = RunProcess({.argv = Arguments()});
@@ -184,8 +171,8 @@ TEST_F(Vexad, Vexad_NotifiesReadyAndStopping) {
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  const timeval patience{.tv_sec = 60, .tv_usec = 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const timeval timeout{.tv_sec = 60, .tv_usec = 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   const auto process = Start({}, {{"NOTIFY_SOCKET", path}});
   char buffer[32] = {};
   ASSERT_GT(::recv(fd, buffer, sizeof buffer - 1, 0), 0);
@@ -194,7 +181,7 @@ TEST_F(Vexad, Vexad_NotifiesReadyAndStopping) {
   char stopping[32] = {};
   ASSERT_GT(::recv(fd, stopping, sizeof stopping - 1, 0), 0);
   EXPECT_STREQ(stopping, "STOPPING=1");
-  ExpectCode(process->Wait(kPatience), 0);
+  ExpectCode(process->Wait(kTimeout), 0);
   ::close(fd);
 }
 
@@ -218,7 +205,7 @@ TEST_F(Vexad, HelpAndVersion_ArePrinted) {
   EXPECT_EQ(RunProcess({.argv = {VEXAD_PROGRAM, "--version"}}).exit_code, 0);
 }
 
-TEST_F(Vexad, TheCommandLine_ReadsAGuestOverTheUnixSocket) {
+TEST_F(Vexad, CommandLine_ReadsAGuestOverTheUnixSocket) {
   const std::string manifest = std::string(VEXA_SOURCE_DIR) + "/examples/cluster.json";
   const auto process = Start();
   const auto import =

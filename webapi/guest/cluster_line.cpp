@@ -2,10 +2,12 @@
 
 namespace VexaVirtualization {
 
-void Tell(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line, const LineValues& values) {
-  if (line.fill == Fill::kNoLine) return;
-  const std::string& first = line.fill == Fill::kOperation ? values.operation : values.guest;
-  // Formats are rows of tables, which have been checked; a value that a line has no place for is ignored.
+void AddToClusterLog(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line,
+                     const LineValues& values) {
+  if (line.placeholders == Placeholders::kNoLine) return;
+  const std::string& first = line.placeholders == Placeholders::kOperation ? values.operation : values.guest;
+  // The formats come from tables that are checked at compile time. Arguments beyond a format's placeholders are
+  // ignored.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
   VexaCCC::ClusterLogAdd(user, priority, line.format, first.c_str(), values.host.c_str());

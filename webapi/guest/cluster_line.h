@@ -1,4 +1,4 @@
-// Lines of the cluster log that stand in tables. For this library only.
+// Lines of the cluster log, for use in tables. Internal to this library.
 #pragma once
 
 #include <string>
@@ -7,34 +7,36 @@
 
 namespace VexaVirtualization {
 
-// What fills the placeholders of a line, in order.
-enum class Fill { kNoLine, kGuest, kGuestAndHost, kOperation };
+// Which values a line's placeholders take, in this order. kNoLine: nothing is logged.
+enum class Placeholders { kNoLine, kGuest, kGuestAndHost, kOperation };
 
 struct Line {
   const char* format = nullptr;
-  Fill fill = Fill::kNoLine;
+  Placeholders placeholders = Placeholders::kNoLine;
 };
 
-// Whether a format asks for the texts that it is given, each with %s, and for nothing else.
-constexpr bool IsSound(const Line& line) {
-  if (line.fill == Fill::kNoLine) return line.format == nullptr;
+// Whether a format has exactly one %s for each of its values and no other placeholder. Checked at compile time.
+constexpr bool HasMatchingPlaceholders(const Line& line) {
+  if (line.placeholders == Placeholders::kNoLine) return line.format == nullptr;
   int placeholders = 0;
   for (const char* c = line.format; *c; ++c) {
     if (*c != '%') continue;
     if (*++c != 's') return false;
     ++placeholders;
   }
-  return placeholders == (line.fill == Fill::kGuestAndHost ? 2 : 1);
+  return placeholders == (line.placeholders == Placeholders::kGuestAndHost ? 2 : 1);
 }
 
-// The values of a line's placeholders.
+// The values for a line's placeholders.
 struct LineValues {
   std::string guest;
   std::string host;
   std::string operation;
 };
 
-// Writes the line, if it is one, to the cluster log. It must be sound.
-void Tell(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line, const LineValues& values);
+// Writes the line to the cluster log in the name of `user`; does nothing for kNoLine. The placeholders must match (see
+// HasMatchingPlaceholders).
+void AddToClusterLog(const std::string& user, VexaCCC::CLOG_PRIORITY priority, const Line& line,
+                     const LineValues& values);
 
 }  // namespace VexaVirtualization

@@ -1,4 +1,5 @@
-// What power control can be asked for, what it answers, and what users read in the cluster log. For this library only.
+// The power actions: how hosts are asked for them, their error codes, and their lines in the cluster log. Internal to
+// this library.
 #pragma once
 
 #include <string_view>
@@ -8,32 +9,32 @@
 namespace VexaVirtualization::power {
 
 struct Action {
-  enum class Target { kGuestsHost, kListedHosts };
-  // Whether a guest of another host is left alone while the cluster is in an incompatible upgrade.
-  enum class InUpgrade { kAsUsual, kRefused };
+  enum class Target { kHostOfGuest, kListedHosts };
+  // Whether the action is refused for guests of other hosts during an incompatible upgrade.
+  enum class InUpgrade { kAllowed, kRefused };
 
   std::string_view name;
-  const char* method;  // of the hosts
+  const char* method;  // that hosts provide for it
   Target target;
   InUpgrade in_upgrade;
   Line success;
-  // For host codes that have no row of their own.
-  int other_answer;
-  Line other_failure;
+  // For failure codes of the host that have no row of their own.
+  int default_error;
+  Line default_failure_line;
 };
 
-// Null for anything but the exact name of one.
+// Returns null for an unknown action. Names are case-sensitive.
 const Action* FindAction(std::string_view name);
 
 struct Failure {
-  int answer;
+  int error;
   Line line;
 };
 
-// What is answered and logged when the host failed with this code.
+// The error code and log line for a failure code of the host.
 Failure FailureOf(const Action& action, int host_code);
 
-// The refusal of an operation that the versions of the cluster do not allow.
+// The log line for an operation that is refused because of incompatible versions.
 Line IncompatibleLine();
 
 }  // namespace VexaVirtualization::power

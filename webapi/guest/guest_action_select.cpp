@@ -18,9 +18,9 @@ bool HasBestStorage(const Json::Value& host) {
                      [](const Json::Value& tag) { return json::String(tag) == kBestStorage; });
 }
 
-// The id of the first available host with the best storage access, else of the last available one; the choice of the
-// last is meant. Empty: there is none, or the chosen one has no id.
-std::string Choose(const Json::Value& hosts) {
+// The id of the first available host with the best storage access, otherwise (intentionally) of the last available one.
+// Empty when no host is available or the chosen one has no id.
+std::string ChooseHost(const Json::Value& hosts) {
   std::string chosen;
   if (!hosts.isArray() && !hosts.isObject()) return chosen;
   for (const Json::Value& host : hosts) {
@@ -43,7 +43,7 @@ int GuestAction::AutoSelectHost(const std::string& guest_id) {
     transport::LogBadResponse(LOG_ERR, __LINE__, reply, request, "guest_action");
     return -1;
   }
-  const std::string chosen = Choose(reply.getDataField("hosts"));
+  const std::string chosen = ChooseHost(reply.getDataField("hosts"));
   if (chosen.empty()) {
     VEXA_LOG("guest_action", "Failed to find a available host to poweron guest[%s]", guest_id.c_str());
     return -1;
@@ -56,7 +56,7 @@ int GuestAction::AutoSelectHost(const std::string& guest_id) {
     transport::LogBadResponse(LOG_ERR, __LINE__, reply, request, "guest_action");
     return -1;
   }
-  // The spelling is what log watchers look for.
+  // Log monitors match this spelling.
   VEXA_LOG("guest_action", "Succeccfully auto select host[%s] to poweron guest[%s]", chosen.c_str(), guest_id.c_str());
   return 0;
 }

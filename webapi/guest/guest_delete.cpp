@@ -1,6 +1,7 @@
 #include <string>
 
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 #include "webapi/guest/guest.h"
 #include "webapi/guest/incompatible.h"
 #include "webapi/platform/ccc.h"
@@ -18,18 +19,13 @@ namespace key = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-constexpr int kBadParameter = 401;
-constexpr int kUnreadable = 403;
-constexpr int kNotAllowed = 409;
-constexpr int kNotDeleted = 901;
-
-// What deleting needs to know of a guest.
+// The facts about a guest that its deletion needs.
 struct Target {
   std::string name;
-  std::string host_id;  // the host that holds the repository
+  std::string host_id;  // the host that owns the guest's repository
 };
 
-// False when a record cannot be read. Logs nothing.
+// Returns false when a record cannot be read. Logs nothing.
 bool FindTarget(const std::string& guest_id, Target& target) {
   Json::Value guest;
   if (Dashboard(DashCate::Guest, guest_id).Get(guest, key::object) != 0) return false;
@@ -41,9 +37,9 @@ bool FindTarget(const std::string& guest_id, Target& target) {
   return true;
 }
 
-// Asks the repository's host, and the local host when that failed for another reason than its version. Gives the last
-// reply; each failed one is in the system log.
-VexaDRCore::Response AskHosts(const std::string& guest_id, const std::string& host_id) {
+// Sends the deletion to the repository's host and, unless that host is too old, retries on the local host. Returns the
+// last reply. Failures are logged.
+VexaDRCore::Response SendDeletion(const std::string& guest_id, const std::string& host_id) {
   VexaDRCore::Request request = transport::NewRequest("VEXA.CCC.Guest", "delete");
   request.addParam("guest_id", guest_id);
   VexaCCC::Sender sender;
@@ -51,7 +47,7 @@ VexaDRCore::Response AskHosts(const std::string& guest_id, const std::string& ho
   VexaDRCore::Response reply = sender.process(request);
   if (reply.isSuccess()) return reply;
   transport::LogBadResponse(LOG_ERR, __LINE__, reply, request, "guest");
-  if (reply.getErrCode() == kHostTooOld) return reply;
+  if (reply.getErrCode() == host_error::kUnknownApi) return reply;
 
   const std::string local_id = VexaCCC::DB::DBLocalhostID();
   if (host_id == local_id) return reply;
@@ -63,22 +59,22 @@ VexaDRCore::Response AskHosts(const std::string& guest_id, const std::string& ho
   return reply;
 }
 
-// 0, or the error code to answer; the log lines are written then.
+// Returns 0, or the error code for the reply; the refusal is already logged.
 int CheckCaller(VEXA::APIRequest* request, const VEXA::APIParameter<std::string>& guest_id) {
   const std::string user = request->GetLoginUserName();
-  // Rights come before the parameter: one who may delete nothing learns nothing about the form of a request.
+  // Permissions are checked before parameters, so that unauthorized callers learn nothing about the request format.
   if (!IsAdminOrAdvancedUser(request)) {
     VEXA_LOG("guest", "Action not allowed from user[%s]", user.c_str());
-    return kNotAllowed;
+    return user_error::kNotPermitted;
   }
   if (guest_id.IsInvalid()) {
     const std::string parameters = json::ToText(request->GetParam("", Json::Value()));
     VEXA_LOG("guest", "Bad parameters, request: %s", parameters.c_str());
-    return kBadParameter;
+    return user_error::kBadParameter;
   }
   if (!IsGuestPermitted(request, guest_id.Get())) {
     VEXA_LOG("guest", "Action on guest[%s] is not allowed from user[%s]", guest_id.Get().c_str(), user.c_str());
-    return kNotAllowed;
+    return user_error::kNotPermitted;
   }
   return 0;
 }
@@ -90,18 +86,18 @@ void Guest::Delete(VEXA::APIRequest* request, VEXA::APIResponse* response) {
   if (const int refusal = CheckCaller(request, guest_id)) return response->SetError(refusal, Json::Value());
   const std::string& id = guest_id.Get();
   Target target;
-  if (!FindTarget(id, target)) return response->SetError(kUnreadable, Json::Value());
+  if (!FindTarget(id, target)) return response->SetError(user_error::kNotFoundOrUnreadable, Json::Value());
 
-  const VexaDRCore::Response reply = AskHosts(id, target.host_id);
+  const VexaDRCore::Response reply = SendDeletion(id, target.host_id);
   const std::string user = request->GetLoginUserName();
-  if (!reply.isSuccess() && reply.getErrCode() == kHostTooOld) {
+  if (!reply.isSuccess() && reply.getErrCode() == host_error::kUnknownApi) {
     VexaCCC::ClusterLogAdd(user, VexaCCC::CLOG_PRIORITY_FAILURE, kIncompatibleLine, "delete virtual machine");
-    return response->SetError(kIncompatibleHost, Json::Value());
+    return response->SetError(user_error::kIncompatibleHost, Json::Value());
   }
   if (!reply.isSuccess()) {
     VexaCCC::ClusterLogAdd(user, VexaCCC::CLOG_PRIORITY_FAILURE, "Failed to delete the virtual machine [%s].",
                            target.name.c_str());
-    return response->SetError(kNotDeleted, Json::Value());
+    return response->SetError(user_error::kActionFailed, Json::Value());
   }
   if (VexaCCC::gaGuestDelete(id) < 0) {
     VEXA_LOG("guest", "Failed to delete permission settings of guest[%s].", id.c_str());

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/log.h"
@@ -15,25 +16,20 @@ namespace key = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-constexpr int kBadParameter = 401;
-constexpr int kUnreadable = 403;
-constexpr int kNotAllowed = 409;
-constexpr int kUnknownDiskType = 413;
-
-// Members of replies. jsoncpp neither copies nor frees a name that lives forever.
+// Names of reply members. jsoncpp does not copy a StaticString, so it must be a literal.
 Json::StaticString operator""_name(const char* text, std::size_t /*size*/) { return Json::StaticString(text); }
 
 constexpr Json::ArrayIndex kUsbPorts = 4;
-constexpr int kShownDiskFormat = 2;
+constexpr int kReportedDiskFormat = 2;
 
-// Only disks of the shown format have their type looked at, so each word stands for the type's number in the record.
+// The type numbers in the records of disks with kReportedDiskFormat. Disks of other formats are left out of the reply.
 constexpr std::pair<int, const char*> kDiskTypes[] = {
     {1, "alun"}, {2, "blun"}, {4, "blun_sink"}, {8, "blun_cow"}, {16, "blun_compress"},
 };
 
-const char* DiskTypeWord(int type) {
-  for (const auto& [number, word] : kDiskTypes) {
-    if (number == type) return word;
+const char* DiskTypeName(int type) {
+  for (const auto& [number, name] : kDiskTypes) {
+    if (number == type) return name;
   }
   return nullptr;
 }
@@ -42,7 +38,7 @@ bool ReadObject(const DashCate& category, const std::string& id, Json::Value& re
   return Dashboard(category, id).Get(record, key::object) == 0;
 }
 
-// Absent keys take the default; a present null converts.
+// A missing member yields the default; a null is converted.
 std::string StringOr(const Json::Value& record, const char* name, const char* fallback) {
   const Json::Value* value = json::FindMember(record, name);
   return value ? json::String(*value) : fallback;
@@ -58,7 +54,7 @@ Json::Value UsbPorts(const Json::Value& record) {
   for (Json::ArrayIndex port = 0; port < kUsbPorts; ++port) ports.append("unmounted");
   const Json::Value& stored = json::Member(record, key::usbs);
   if (stored.isArray()) {
-    // All four, whatever the stored length: a shorter array leaves null behind.
+    // Intentional: all four ports are copied, so a shorter stored array yields null for the missing ones.
     for (Json::ArrayIndex port = 0; port < kUsbPorts; ++port) ports[port] = json::Element(stored, port);
   }
   return ports;
@@ -93,11 +89,11 @@ Json::Value GeneralSettings(const Json::Value& record) {
   return reply;
 }
 
-Json::Value Disk(const std::string& id, const Json::Value& record, const char* type_word) {
+Json::Value Disk(const std::string& id, const Json::Value& record, const char* type_name) {
   Json::Value disk(Json::objectValue);
   disk["vdisk_id"_name] = id;
   disk["size"_name] = json::String(json::Member(record, key::size));
-  disk["lun_type"_name] = type_word;
+  disk["lun_type"_name] = type_name;
   disk["vdisk_mode"_name] = IntOr(record, key::vdisk_mode, 1);
   disk["is_dummy"_name] = json::Bool(json::Member(record, key::is_dummy));
   disk["unmap"_name] = json::Bool(json::Member(record, key::unmap));
@@ -115,23 +111,23 @@ Json::Value Nic(const std::string& id, const Json::Value& record) {
   return nic;
 }
 
-// Appends the guest's disks, in the record's order. 0, or the error code to answer; the line is written then.
+// Appends the guest's disks, in the record's order. Returns 0, or the error code for the reply; already logged.
 int AppendDisks(const Json::Value& ids, Json::Value& disks) {
   for (const Json::Value& element : json::Elements(ids)) {
     const std::string id = json::String(element);
     Json::Value record;
     if (!ReadObject(DashCate::vDisk, id, record)) {
       VEXA_LOG("guest", "Failed to get info of vdisk[%s] from dashboard.", id.c_str());
-      return kUnreadable;
+      return user_error::kNotFoundOrUnreadable;
     }
-    if (json::Int(json::Member(record, key::format)) != kShownDiskFormat) continue;
+    if (json::Int(json::Member(record, key::format)) != kReportedDiskFormat) continue;
     const int type = json::Int(json::Member(record, key::type));
-    const char* type_word = DiskTypeWord(type);
-    if (!type_word) {
+    const char* type_name = DiskTypeName(type);
+    if (!type_name) {
       VEXA_LOG("guest", "Unknown vdisk type[%d].", type);
-      return kUnknownDiskType;
+      return user_error::kUnknownDiskTypeOrNotReserved;
     }
-    disks.append(Disk(id, record, type_word));
+    disks.append(Disk(id, record, type_name));
   }
   return 0;
 }
@@ -142,7 +138,7 @@ int AppendNics(const Json::Value& ids, Json::Value& nics) {
     Json::Value record;
     if (!ReadObject(DashCate::vNic, id, record)) {
       VEXA_LOG("guest", "Failed to get info of vnic[%s] from dashboard.", id.c_str());
-      return kUnreadable;
+      return user_error::kNotFoundOrUnreadable;
     }
     nics.append(Nic(id, record));
   }
@@ -156,18 +152,18 @@ void Guest::Get(VEXA::APIRequest* request, VEXA::APIResponse* response) {
   if (guest_id.IsInvalid()) {
     const std::string parameters = json::ToText(request->GetParam("", Json::Value()));
     VEXA_LOG("guest", "Bad parameters, request: %s", parameters.c_str());
-    return response->SetError(kBadParameter, Json::Value());
+    return response->SetError(user_error::kBadParameter, Json::Value());
   }
   const std::string& id = guest_id.Get();
   if (!IsGuestPermitted(request, id)) {
     const std::string user = request->GetLoginUserName();
     VEXA_LOG("guest", "Action on guest[%s] is not allowed from user[%s]", id.c_str(), user.c_str());
-    return response->SetError(kNotAllowed, Json::Value());
+    return response->SetError(user_error::kNotPermitted, Json::Value());
   }
   Json::Value record;
   if (!ReadObject(DashCate::Guest, id, record)) {
     VEXA_LOG("guest", "Failed to get info of guest[%s] from dashboard.", id.c_str());
-    return response->SetError(kUnreadable, Json::Value());
+    return response->SetError(user_error::kNotFoundOrUnreadable, Json::Value());
   }
   Json::Value reply = GeneralSettings(record);
   int failure = AppendDisks(json::Member(record, key::vdisks), reply["vdisks"_name]);

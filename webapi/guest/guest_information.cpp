@@ -10,10 +10,10 @@ namespace VexaVirtualization {
 
 bool Guest::GetInformation(const std::string& guest_id, const Json::Value& record, Json::Value& info) {
   namespace key = VexaCCC::DB::_k;
-  // Read before anything is written: `info` may be the record itself.
+  // Read first, because `info` may alias `record`.
   const std::string host_id = json::String(json::Member(record, key::host_id));
   const std::string state = json::String(json::Member(record, key::state));
-  json::MakeObject(info);
+  json::EnsureObject(info);
   info["ip"] = Json::Value(Json::arrayValue);
   info["uptime"] = "0";
   info["has_agent"] = false;
@@ -24,7 +24,7 @@ bool Guest::GetInformation(const std::string& guest_id, const Json::Value& recor
   const VexaDRCore::Response response = VexaCCC::Sender(host_id).process(request);
   if (!response.isSuccess()) return false;
   if (response.hasDataField("ip")) info["ip"] = response.getDataField("ip");
-  // JSON text: a number's digits, and a text with its quotes.
+  // Intentional: rendered as JSON, so a string keeps its quotes.
   if (response.hasDataField("uptime")) info["uptime"] = json::ToText(response.getDataField("uptime"));
   if (response.hasDataField("has_agent")) info["has_agent"] = response.getDataField("has_agent");
   return true;

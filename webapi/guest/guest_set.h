@@ -1,4 +1,4 @@
-// The halves of editing a guest. For this library only.
+// The steps of editing a guest: checking the request and reporting the outcome. Internal to this library.
 #pragma once
 
 #include <json/value.h>
@@ -11,35 +11,34 @@
 
 namespace VexaVirtualization::edit {
 
-inline constexpr int kBadParameter = 401;
-
-// Why the request ends here; what had to be logged is logged.
+// Why the request is refused; already logged.
 struct Refusal {
-  int code = 0;  // 0: it goes on
+  int code = 0;  // 0: not refused
   Json::Value details;
 
   explicit operator bool() const { return code != 0; }
 };
 
-// The whole request's parameters as text, for log lines.
-std::string TextOf(const VEXA::APIRequest& request);
+// All parameters of the request as JSON text, for log lines.
+std::string RequestText(const VEXA::APIRequest& request);
 
-// Checks the arrays of devices, the images and the USB settings, and adds each to the order for the host once it is
-// checked; "desc", "boot_from" and "use_ovmf" are added in their place among them. Ends at the first refusal.
-Refusal AddDevices(const VEXA::APIRequest& request, const Parameters& parameters, VexaDRCore::Request& order);
+// Checks the arrays of devices, the images and the USB settings, and adds each to the host request once it is checked,
+// with "desc", "boot_from" and "use_ovmf" in between. Stops at the first refusal.
+Refusal AddDevices(const VEXA::APIRequest& request, const Parameters& parameters, VexaDRCore::Request& host_request);
 
-// What the lines of the cluster log are about.
+// The guest and user that the lines of the cluster log mention.
 struct Subject {
   std::string user;
   std::string guest_id;
   std::string previous_name;
-  std::string new_name;  // empty: it is not renamed
+  std::string new_name;  // empty: not renamed
 };
 
-// The host has failed: writes to the cluster log and sets the answer.
+// Called when the host failed: writes to the cluster log and sets the error.
 void ReportFailure(const Subject& subject, const VexaDRCore::Response& reply, VEXA::APIResponse* response);
 
-// The host has made the change: sets the rights in `privileges`, writes to the cluster log and sets the answer.
+// Called when the host made the change: sets the permissions in `privileges`, writes to the cluster log and sets the
+// result.
 void ReportSuccess(const Subject& subject, const Json::Value& privileges, VEXA::APIResponse* response);
 
 }  // namespace VexaVirtualization::edit

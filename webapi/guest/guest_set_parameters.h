@@ -1,4 +1,4 @@
-// What a guest can be edited with. For this library only.
+// The parameters of an edit of a guest. Internal to this library.
 #pragma once
 
 #include <json/value.h>
@@ -40,23 +40,23 @@ enum Name : std::size_t {
   kNameCount,
 };
 
-// As requests and orders call it.
-const char* TextOf(Name name);
+// The parameter's name, in requests from users and to hosts.
+const char* ParameterName(Name name);
 
 // The parameters of one request, read once.
 class Parameters {
  public:
   explicit Parameters(const VEXA::APIRequest& request);
 
-  // Whether one has a wrong type, or is missing or refused.
+  // Whether any parameter has the wrong type, fails its validator, or is required but missing.
   bool IsAnyInvalid() const;
-  // Whether only what somebody may change who was granted the guest, and nothing more, is set. Empty lists of disks
-  // change nothing and may be sent; an empty list of anything else may not.
-  bool AreForGranted() const;
+  // Whether only parameters are set that a user who was granted the guest may change. Empty lists of disks change
+  // nothing and are allowed; other empty lists are not.
+  bool AreAllowedForGrantee() const;
 
   bool IsSet(Name name) const { return values_[name].is_set; }
   bool IsSetAndNotEmpty(Name name) const { return IsSet(name) && !values_[name].value.empty(); }
-  // Null unless it is set.
+  // Null unless set.
   const Json::Value& Get(Name name) const { return values_[name].value; }
 
  private:
@@ -66,7 +66,7 @@ class Parameters {
     Json::Value value;
   };
   template <class T>
-  static Value Taken(const VEXA::APIParameter<T>& parameter);
+  static Value ToValue(const VEXA::APIParameter<T>& parameter);
   static Value Read(const VEXA::APIRequest& request, Name name);
 
   std::array<Value, kNameCount> values_;

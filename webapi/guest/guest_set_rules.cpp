@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::uint32_t kNoId = UINT32_MAX;
 
-// What is no such number must not read as 0, which is somebody's id.
+// An invalid number must not become 0, which is a valid id.
 std::uint32_t IdOf(const Json::Value& value) {
   return value.isConvertibleTo(Json::uintValue) ? json::UInt(value) : kNoId;
 }
@@ -18,7 +18,7 @@ VexaCCC::tagGuestAdminRule RuleOf(const Json::Value& privilege) {
   rule.name = json::String(json::Member(privilege, "name"));
   const Json::Value* uid = json::FindMember(privilege, "uid");
   rule.kind = uid ? "users" : "groups";
-  // Intentional: one without either is about group 0.
+  // Intentional: a rule with neither "uid" nor "gid" applies to group 0.
   rule.id = IdOf(uid ? *uid : json::Member(privilege, "gid"));
   return rule;
 }

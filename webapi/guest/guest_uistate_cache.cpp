@@ -13,9 +13,9 @@ namespace {
 namespace key = VexaCCC::DB::_k;
 using VexaCCC::DB::DashCate;
 
-constexpr int kCurrent_s = 5;
+constexpr int kValidSeconds = 5;
 
-// What a listing gives for a category that was never created.
+// List() returns this for a category that was never created.
 constexpr int kNeverCreated = 2;
 
 bool ListGuests(std::vector<std::string>& ids) {
@@ -23,14 +23,15 @@ bool ListGuests(std::vector<std::string>& ids) {
   return result == 0 || result == kNeverCreated;
 }
 
-// Calls `fill` with the status and the configuration of every guest that has one, and appends what it makes of them.
-template <class Fill>
-void AppendGuests(const std::vector<std::string>& ids, Json::Value& guests, const Fill& fill) {
+// Calls `set_status` with the configuration and the status of every guest whose configuration can be read, and appends
+// the results.
+template <class SetStatus>
+void AppendGuests(const std::vector<std::string>& ids, Json::Value& guests, const SetStatus& set_status) {
   for (const std::string& id : ids) {
     Json::Value conf(Json::objectValue);
     if (vgConfGet(id, conf) != 0) continue;
     GuestUIStatus status(id);
-    fill(conf, status);
+    set_status(conf, status);
     guests.append(status.ToJson());
   }
 }
@@ -55,7 +56,7 @@ bool GuestUIStatus::FromJson(const Json::Value& v) {
          ParseJsonValueFromField(v, "status", status) && ParseJsonValueFromField(v, "status_type", status_type);
 }
 
-GuestUIStatusCache::GuestUIStatusCache() : DRCache("virtualization", "guest_ui_status", kCurrent_s, 0) {}
+GuestUIStatusCache::GuestUIStatusCache() : DRCache("virtualization", "guest_ui_status", kValidSeconds, 0) {}
 
 GuestUIStatusCache::~GuestUIStatusCache() = default;
 
@@ -75,11 +76,11 @@ Json::Value GuestUIStatusCache::GetDefaultValue() const {
 }
 
 bool GuestUIStatusCache::GetUpdatedData(Json::Value& data) const {
-  // A derived cache's own default, when it has one.
+  // GetDefaultValue may be overridden by a derived cache.
   data = GetDefaultValue();
   std::vector<std::string> ids;
   if (!ListGuests(ids)) return true;
-  Json::Value& guests = json::MakeObject(data)["guests"] = Json::Value(Json::arrayValue);
+  Json::Value& guests = json::EnsureObject(data)["guests"] = Json::Value(Json::arrayValue);
   std::map<std::string, int> connected;
   GetGuestsConnectedMap(connected);
   AppendGuests(ids, guests, [&connected](const Json::Value& conf, GuestUIStatus& guest) {

@@ -1,4 +1,4 @@
-// The state of every guest as the user interface shows it, kept for list pages that cannot wait for it to be found out.
+// The state of every guest as the user interface displays it, cached for list pages that cannot wait for it.
 #pragma once
 
 #include <json/value.h>
@@ -15,12 +15,12 @@ namespace VexaVirtualization {
 
 struct VEXA_EXPORT GuestUIStatus {
   GuestUIStatus() = default;
-  // A running guest.
+  // The status of a running guest.
   explicit GuestUIStatus(const std::string& guest_id);
 
   // {"guest_id", "status", "status_type"}
   Json::Value ToJson() const;
-  // False when one of the three is missing or no string: those before it have been taken over.
+  // Returns false when a member is missing or not a string; earlier members have then already been set.
   bool FromJson(const Json::Value& v);
 
   std::string guest_id;
@@ -28,8 +28,8 @@ struct VEXA_EXPORT GuestUIStatus {
   std::string status_type;  // the severity
 };
 
-// {"guests": [<GuestUIStatus>]}, in the order of the platform's list of guests.
-// Threads: any, at the same time.
+// The cached value is {"guests": [<GuestUIStatus>]}, in the order of the platform's list of guests.
+// Threads: any number, concurrently.
 class VEXA_EXPORT GuestUIStatusCache : public VexaDR::Cache::DRCache {
  public:
   GuestUIStatusCache();
@@ -37,18 +37,20 @@ class VEXA_EXPORT GuestUIStatusCache : public VexaDR::Cache::DRCache {
 
   static bool IsValidData(const Json::Value& v);
 
-  // The guests' states by the local configuration alone. Guests whose configuration cannot be read are left out, here
-  // and below.
+  // The guests' states according to the local configuration only. Guests whose configuration cannot be read are left
+  // out.
   Json::Value GetDefaultValue() const override;
-  // The guests' full states; asks every host for its links. Always true: what cannot be found out keeps the default.
+  // The guests' full states; queries every host for its network links. Guests are left out as above. Always true:
+  // when the guests cannot be listed, `data` is the default value.
   bool GetUpdatedData(Json::Value& data) const override;
   bool IsValid(const Json::Value& v) const override;
 };
 
-// Appends every whole record of a cached value. False, with one line in the system log: it is no such value.
+// Appends every complete record of a cached value. Returns false, with one line logged, when the value is not valid.
 VEXA_EXPORT bool ParseGuestUIStatusCache(const Json::Value& v, std::vector<GuestUIStatus>& out);
 
-// Sets `dict`[guest id] for every guest without waiting. False: the cached value is not valid.
+// Sets `dict`[guest id] for every cached guest without waiting; other entries stay. Returns false when the cached value
+// is not valid.
 VEXA_EXPORT bool GetCachedGuestUIStateDict(std::map<std::string, UIState>& dict);
 
 }  // namespace VexaVirtualization

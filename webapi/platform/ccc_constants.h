@@ -1,5 +1,5 @@
-// The texts of the cluster-control library: keys of records, and states of objects. Logic code compares against these
-// constants and never holds their text.
+// Strings of the cluster-control library: keys of records, and states of objects. Other code uses these constants and
+// never repeats their values.
 #pragma once
 
 #pragma GCC visibility push(default)
@@ -61,7 +61,7 @@ extern const char* const nic_id;
 }  // namespace _k
 }  // namespace DB
 
-// What an object is in. The texts are distinct across all kinds of object.
+// The states of objects. The values are distinct across all kinds of object.
 namespace State {
 
 namespace Host {

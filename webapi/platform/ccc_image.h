@@ -1,4 +1,4 @@
-// Cluster control: the images that a guest's drives can hold.
+// Cluster control: the ISO images for the drives of guests.
 #pragma once
 
 #include <string>
@@ -7,13 +7,13 @@
 
 namespace VexaCCC {
 
-// Whether `text` is the id of an image of the cluster, or the word for an empty drive.
+// Whether `text` is the id of an image of the cluster, or the keyword for an empty drive.
 bool GuestImageIsValidID(const std::string& text);
 
-// Whether `text` is the path of an image in a shared folder that this host can use now.
+// Whether `text` is the path of an image in a shared folder that is currently accessible to this host.
 bool GuestImageIsValidDsPath(const std::string& text);
 
-// Whether `text` has the form of such a path. It does not check a file.
+// Whether `text` has the form of such a path. Does not check that the file exists.
 bool GuestImageIsDsPath(const std::string& text);
 
 }  // namespace VexaCCC

@@ -12,9 +12,9 @@ enum CLOG_PRIORITY : int {
   CLOG_PRIORITY_SUCCESS = 3,
 };
 
-// Adds a line in the name of `user`. Whatever the values hold, the line stays one line of readable text. A failure is
-// reported in the system log only.
-// Threads: any, at the same time.
+// Adds a line in the name of `user`. Control characters in the values are replaced, so that it stays one readable line.
+// A failure is only reported in the system log.
+// Threads: any number, concurrently.
 void ClusterLogAdd(const std::string& user, CLOG_PRIORITY priority, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 

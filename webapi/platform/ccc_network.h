@@ -1,4 +1,4 @@
-// Cluster control: addresses of guests' network interfaces.
+// Cluster control: MAC addresses of guests' network interfaces.
 #pragma once
 
 #include <string>
@@ -7,11 +7,12 @@
 
 namespace VexaCCC {
 
-// 0: no guest uses `mac`. Otherwise a guest does (1, and `guest_id` is set when it is not null) or it is unknown
-// (negative, and `guest_id` is empty). Letter case does not matter.
+// Whether a guest uses `mac`; letter case does not matter. Returns 0 when no guest does, 1 when one does, and a
+// negative number on failure. Unless null, `guest_id` is set to that guest on 1, and is otherwise emptied.
 int VNicMacAddrCheck(const std::string& mac, std::string* guest_id);
 
-// A new address that no guest of the cluster uses and no other call has been given: 0, or negative on failure.
+// Generates a MAC address that no guest of the cluster uses and no earlier call has returned. Returns 0, or a negative
+// number on failure.
 int VNicMacAddrGen(std::string& mac);
 
 }  // namespace VexaCCC

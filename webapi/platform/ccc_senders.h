@@ -11,18 +11,18 @@
 
 namespace VexaCCC {
 
-// Sends to one host and waits for its reply. The local host is called in this process.
+// Sends requests to one host and waits for the replies. The local host is called within this process.
 // Threads: one at a time.
 class Sender : public VexaDRNode::BaseSender {
  public:
-  // Addresses no host: every request fails until setHost.
+  // A sender without a host: every request fails until setHost is called.
   Sender();
   explicit Sender(const std::string& host_id);
   static Sender localhost();
   void setHost(const std::string& host_id);
 
-  // A failure of any kind is a failed reply: code 102 for an empty, unknown or unreachable host, and for one that did
-  // not answer in time or not in JSON.
+  // Every failure is returned as a failed reply. Its code is 102 when the host id is empty or unknown, the host is
+  // unreachable, or it did not reply in time or not in JSON.
   VexaDRCore::Response process(const VexaDRCore::Request& request);
 
  private:
@@ -35,9 +35,9 @@ class MultiResponse {
   MultiResponse() = default;
   MultiResponse(std::vector<std::string> host_ids, std::map<std::string, VexaDRCore::Response> responses);
 
-  // In the order in which the hosts were given.
+  // The ids of the hosts, in the order in which they were given to the sender.
   std::vector<std::string> getHostList() const;
-  // An empty response for a host that was not asked.
+  // An empty response for a host that the request was not sent to.
   VexaDRCore::Response getResponse(const std::string& host_id) const;
 
  private:
@@ -50,10 +50,10 @@ class MultiResponse {
 class MultiSender {
  public:
   explicit MultiSender(const std::vector<std::string>& host_ids);
-  // Every host of the cluster; none when they cannot be listed.
+  // A sender to every host of the cluster; to none when the hosts cannot be listed.
   static MultiSender allHosts();
 
-  // Returns when every host has answered, failed or timed out.
+  // Returns when every host has replied, failed or timed out.
   MultiResponse process(const VexaDRCore::Request& request);
 
  private:

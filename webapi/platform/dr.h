@@ -9,7 +9,7 @@
 
 namespace VexaDRCore {
 
-// Remembers the last error of what derives from it; 0 when there is none.
+// Base of classes that record their last error; 0 when there is none.
 class ErrRecorder {
  public:
   virtual int GetErr() const;
@@ -18,7 +18,7 @@ class ErrRecorder {
   ~ErrRecorder() = default;
 };
 
-// A request to one or several hosts. Version 1 unless set.
+// A request to one or several hosts. The version is 1 unless set.
 // Threads: one at a time.
 class Request {
  public:
@@ -30,12 +30,13 @@ class Request {
   // Merges every member of `object` into the parameters; anything but an object adds nothing.
   void addParam(const Json::Value& object);
   void addParam(const std::string& name, const Json::Value& value);
-  // Seconds for the whole call, connecting included. Never called, or not positive: the transport's default, 30 s.
+  // The timeout of the whole call, including connecting. If this is not called, or `seconds` is not positive, the
+  // transport's default of 30 s applies.
   void setTimeout(int seconds);
-  // As newly constructed, the time-out too.
+  // Resets everything, including the timeout, to the state after construction.
   void clear();
 
-  // {"api", "method", "version", and the parameters}; for log lines.
+  // {"api", "method", "version", and the parameters}. For log lines.
   Json::Value toJson() const;
 
   const std::string& api() const { return api_; }
@@ -52,27 +53,27 @@ class Request {
   int timeout_s_;
 };
 
-// One host's reply. Whatever the host sent, no member throws. Default-constructed: no reply, which is not a success.
-// Threads: any number may read concurrently.
+// A reply of one host. No member function throws, whatever the host sent. A default-constructed Response has no reply
+// and is not a success. Threads: any number may read concurrently.
 class Response {
  public:
   Response();
-  // `reply` is the whole reply as the host sent it; anything but an object is kept unchanged and is not a success.
+  // `reply` is the whole reply as the host sent it. Anything but an object is kept unchanged and is not a success.
   explicit Response(Json::Value reply);
 
   bool isSuccess() const;
-  // False for null.
+  // Whether there is data other than null.
   bool hasData() const;
   Json::Value getData() const;
-  // False when the data is not an object; true for a present null.
+  // Whether the data is an object with this member; true even if the member is null.
   bool hasDataField(const char* name) const;
   Json::Value getDataField(const char* name) const;
-  // Top-level members of the reply, "has_fail" for one.
+  // Members at the top level of the reply, such as "has_fail".
   bool hasField(const char* name) const;
   Json::Value getField(const char* name) const;
-  // 0 on success. A failure without a readable code is 100.
+  // 0 on success; 100 for a failure without a readable code.
   int getErrCode() const;
-  // The error's details when it has some, else its message; text or structure, as the host sent it.
+  // The error's details if it has any, otherwise its message; any JSON value, as the host sent it.
   Json::Value getErrMsg() const;
   Json::Value toJson() const;
   void clear();

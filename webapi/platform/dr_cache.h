@@ -1,4 +1,4 @@
-// A value that takes long to find out, kept on disk with the time it was found.
+// A cache on disk for values that are slow to compute.
 #pragma once
 
 #include <json/value.h>
@@ -21,38 +21,40 @@ namespace Cache {
 
 struct DRCacheNames;
 
-// One cached value, named by its group and name. Derived classes define its default, how it is computed again, and
-// whether a value is valid. The order of the virtual operations is fixed: other modules were built against it.
+// One cached value, identified by its group and name. Derived classes define its default, how it is computed, and which
+// values are valid. The order of the virtual functions must not change: other modules were built against it.
 //
-// The value is shared by all objects of the same group and name on this host, in any process. A reader sees a whole
-// value or none. One refresh runs at a time; one that died holds up nobody.
-// Threads: any, at the same time.
+// All objects with the same group and name on this host share the value, across processes. Readers never see a partly
+// written value. Only one refresh runs at a time; one whose process died does not block later ones.
+// Threads: any number, concurrently.
 class DRCache : public DRErrRecorder {
  public:
-  // `group` and `name` are plain words. A value is current for `valid_s` seconds. `flags` is 0.
+  // `group` and `name` must be usable in file names. A value stays current for `valid_s` seconds. Pass 0 as `flags`.
   DRCache(const std::string& group, const std::string& name, int valid_s, int flags);
   ~DRCache() override;
   DRCache(const DRCache&) = delete;
   DRCache& operator=(const DRCache&) = delete;
 
-  // The current value; waits for a refresh when there is none. When the refresh fails: as NonBlockedRead.
+  // Returns the current value; waits for a refresh when there is none. If the refresh fails, the result is that of
+  // NonBlockedRead.
   virtual Json::Value BlockedRead() const;
-  // The cached value however old it is, or GetDefaultValue() when nothing valid is cached. Never waits: when the value
-  // is not current, one refresh is started in the background.
+  // Returns the cached value, however old, or GetDefaultValue() when no valid value is cached. Never waits: when the
+  // value is not current, one refresh is started in the background.
   virtual Json::Value NonBlockedRead() const;
-  // The cached value however old it is; null when nothing is cached or it cannot be read.
+  // Returns the cached value, however old; null when nothing is cached or it cannot be read.
   virtual Json::Value ReadCachedData() const;
-  // What is stored beside the value: {"group", "name", "time" (Unix seconds), "valid_s"}; null when nothing is cached.
+  // Returns what is stored with the value: {"group", "name", "time" (Unix seconds), "valid_s"}; null when nothing is
+  // cached.
   virtual Json::Value GetInfo() const;
   virtual Json::Value GetDefaultValue() const;
-  // Computes the value again. False: it failed, and the cached value stays.
+  // Computes the value. Returns false on failure; the cached value then stays.
   virtual bool GetUpdatedData(Json::Value& data) const;
   virtual bool IsValid(const Json::Value& value) const;
-  // Whether what GetInfo() describes is older than this cache's values stay current, or from the future.
+  // Whether the value that `info`, a result of GetInfo(), describes is no longer current, or has a time in the future.
   virtual bool IsDataTimeout(const Json::Value& info) const;
 
  private:
-  friend struct DRCacheNames;  // for the provider alone
+  friend struct DRCacheNames;  // gives the platform's implementation access to the members below
 
   const std::string group_;
   const std::string name_;
@@ -63,7 +65,7 @@ class DRCache : public DRErrRecorder {
 
 namespace Utils {
 
-// False, and `out` untouched: no such member, or it is not a string.
+// Returns false, with `out` unchanged, when there is no such member or it is not a string.
 bool ParseJsonValueFromField(const Json::Value& object, const std::string& field, std::string& out);
 bool JsonFieldIsArray(const Json::Value& object, const std::string& field);
 

@@ -8,12 +8,12 @@
 
 namespace VexaETCD {
 
-// The key text that Dashboard::Get and Ls take for something below a key. Each part is encoded so that it can never
-// become two.
+// The key that Dashboard::Get and Ls take for a value below another key. Each part is encoded, so that a part can never
+// be taken for two.
 class Path {
  public:
   Path(std::initializer_list<std::string> parts);
-  operator std::string() const { return text_; }  // NOLINT(google-explicit-constructor): it is used as the key
+  operator std::string() const { return text_; }  // NOLINT(google-explicit-constructor): passed as the `key` argument
 
  private:
   std::string text_;

@@ -1,4 +1,4 @@
-// The web-API framework: a parsed request, and the response a handler fills.
+// The web-API framework: a parsed request, and the response that a handler sets.
 #pragma once
 
 #include <json/value.h>
@@ -10,8 +10,8 @@
 
 namespace VEXA {
 
-// One parameter as read from a request: absent, set, or invalid (wrong type, refused by its validator, or missing
-// although required).
+// One parameter as read from a request: absent, set, or invalid (it has the wrong type, its validator refused it, or it
+// is required but missing).
 template <class T>
 class APIParameter {
  public:
@@ -32,18 +32,18 @@ class APIParameter {
   T value_{};
 };
 
-// A request on its way to a handler. Reading never changes it.
+// A request as a handler receives it. Reading never changes it.
 // Threads: one handler at a time.
 class APIRequest {
  public:
   enum class Privilege { kOrdinary, kAdministrator };
 
-  // `parameters` is an object; anything else counts as one without members.
+  // `parameters` is an object; anything else counts as an empty object.
   APIRequest(Json::Value parameters, std::string login_user, Privilege privilege);
 
-  // `necessity`: 0 required, 1 optional. Types are strict: a JSON string, an integer that fits int, a JSON boolean, a
-  // JSON array. An explicit null is a wrong type, and numeric strings are strings. The validator, when given, sees
-  // values of the right type only.
+  // Read a parameter and check it. `necessity` is 0 for required, 1 for optional. Types are strict: a JSON string, an
+  // integer that fits int, a JSON boolean, a JSON array. An explicit null is a wrong type; numeric strings are strings.
+  // The validator, if given, is called only for values of the right type.
   APIParameter<std::string> GetAndCheckString(const std::string& name, int necessity,
                                               bool (*validator)(const std::string&) = nullptr) const;
   APIParameter<int> GetAndCheckInt(const std::string& name, int necessity,
@@ -53,9 +53,9 @@ class APIRequest {
   APIParameter<Json::Value> GetAndCheckArray(const std::string& name, int necessity,
                                              bool (*validator)(const Json::Value&) = nullptr) const;
 
-  // The raw parameter, or `fallback` when it is absent. The empty name yields the whole parameter object.
+  // The unchecked parameter, or `fallback` when it is absent. An empty name returns the whole parameter object.
   Json::Value GetParam(const std::string& name, const Json::Value& fallback) const;
-  // Present, whatever its type.
+  // Whether the parameter is present, whatever its type.
   bool HasParam(const std::string& name) const;
 
   std::string GetLoginUserName() const;
@@ -67,8 +67,8 @@ class APIRequest {
   Privilege privilege_;
 };
 
-// A handler's answer: nothing set, success, or error. The last setter wins. "Nothing set" reaches the caller as a
-// generic internal failure.
+// A handler's result: not set, success, or error. The last call of a setter wins. If nothing is set, the caller
+// receives a generic internal failure.
 class APIResponse {
  public:
   void SetSuccess(const Json::Value& data);

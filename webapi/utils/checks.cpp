@@ -3,28 +3,19 @@
 #include <string>
 
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 #include "webapi/platform/ccc_senders.h"
 #include "webapi/utils/transport.h"
 #include "webapi/utils/utils.h"
 
 namespace VexaVirtualization {
-namespace {
-
-// What a host answers whose version does not know the operation.
-constexpr int kUnknownToHost = 507;
-
-constexpr int kCheckFailed = 404;
-constexpr int kIncompatibleHost = 407;
-
-}  // namespace
-
 int CheckGuestRepoCap(const std::string& guest_id, VMCHECK& check) {
   VexaDRCore::Request request = transport::NewRequest("VEXA.CCC.Guest", "check_repo_cap");
   request.addParam("guest_id", guest_id);
   const VexaDRCore::Response response = VexaCCC::Sender::localhost().process(request);
   if (!response.isSuccess() || !response.hasDataField("repo_usable")) {
     transport::LogBadResponse(LOG_ERR, __LINE__, response, request);
-    return response.getErrCode() == kUnknownToHost ? kIncompatibleHost : kCheckFailed;
+    return response.getErrCode() == host_error::kUnknownApi ? user_error::kIncompatibleHost : user_error::kCheckFailed;
   }
   check = json::Bool(response.getDataField("repo_usable"))
               ? VMCHECK_USABLE

@@ -16,12 +16,13 @@ namespace key = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-// Bridges that need no port of a host begin so.
-constexpr const char* kPrivateBridge = "PN";
+// Prefix of private bridges, which need no host port.
+constexpr const char* kPrivateBridgePrefix = "PN";
 
+// The size of a guest's bit mask of connected interfaces.
 constexpr Json::ArrayIndex kBits = 32;
 
-// The links of the hosts' ports. Guests share few ports, so each is looked up once.
+// Which ports of the hosts have a link. Guests share few ports, so each port is looked up once.
 class PortLinks {
  public:
   explicit PortLinks(const VexaCCC::MultiResponse& responses) {
@@ -36,11 +37,11 @@ class PortLinks {
     }
   }
 
-  // Whether the port with this id has a link, under the name that the virtual switch gives it.
+  // Whether the port has a link; it is looked up by its name with the "ovs_" prefix.
   bool IsUp(const std::string& host_id, const std::string& nic_id) {
-    const auto [known, is_new] = known_.try_emplace({host_id, nic_id}, false);
-    if (is_new) known->second = Find(host_id, nic_id);
-    return known->second;
+    const auto [cached, is_new] = cache_.try_emplace({host_id, nic_id}, false);
+    if (is_new) cached->second = Find(host_id, nic_id);
+    return cached->second;
   }
 
  private:
@@ -52,19 +53,19 @@ class PortLinks {
   }
 
   std::map<std::string, bool> links_;                          // by "<host id>_<interface name>"
-  std::map<std::pair<std::string, std::string>, bool> known_;  // by host id and port id
+  std::map<std::pair<std::string, std::string>, bool> cache_;  // by host id and port id
 };
 
-// Whether a guest's interface is connected by what it is on one host. `place` is its entry for that host.
-bool IsConnectedOn(const std::string& host_id, const Json::Value& place, PortLinks& links) {
-  const Json::Value* bridge = json::FindMember(place, key::bridge_name);
+// Whether a guest's interface is connected on this host, according to its entry for the host.
+bool IsConnectedOn(const std::string& host_id, const Json::Value& host_entry, PortLinks& links) {
+  const Json::Value* bridge = json::FindMember(host_entry, key::bridge_name);
   if (!bridge) return false;
-  if (json::String(*bridge).starts_with(kPrivateBridge)) return true;
-  const Json::Value* port = json::FindMember(place, key::nic_id);
+  if (json::String(*bridge).starts_with(kPrivateBridgePrefix)) return true;
+  const Json::Value* port = json::FindMember(host_entry, key::nic_id);
   return port && links.IsUp(host_id, json::String(*port));
 }
 
-// Sets the bit of the interface's position in its guest's list, when it is there.
+// Sets the bit at the interface's position in its guest's list, if the list has the interface.
 void MarkConnected(const std::string& guest_id, const Json::Value& vnic_id, std::map<std::string, int>& connected) {
   Json::Value guest;
   if (Dashboard(DashCate::Guest, guest_id).Get(guest, key::object) != 0) return;
@@ -83,10 +84,10 @@ void AddVnic(const std::string& vnic_id, PortLinks& links, std::map<std::string,
   Json::Value vnic;
   if (Dashboard(DashCate::vNic, vnic_id).Get(vnic, key::object) != 0) return;
   const Json::Value* guest_id = json::FindMember(vnic, key::guest_id);
-  const Json::Value* places = json::FindMember(vnic, key::running);
-  if (!guest_id || !places) return;
-  for (const std::string& host_id : json::MemberNames(*places)) {
-    if (IsConnectedOn(host_id, json::Member(*places, host_id), links)) {
+  const Json::Value* host_entries = json::FindMember(vnic, key::running);
+  if (!guest_id || !host_entries) return;
+  for (const std::string& host_id : json::MemberNames(*host_entries)) {
+    if (IsConnectedOn(host_id, json::Member(*host_entries, host_id), links)) {
       MarkConnected(json::String(*guest_id), Json::Value(vnic_id), connected);
     }
   }
@@ -99,7 +100,7 @@ bool GetGuestsConnectedMap(std::map<std::string, int>& connected) {
   std::vector<std::string> host_ids;
   std::vector<std::string> guest_ids;
   std::vector<std::string> vnic_ids;
-  // Here a category that was never created is a failure too.
+  // Unlike elsewhere, a category that was never created is a failure.
   if (DashCate::Host.List(host_ids) != 0 || DashCate::Guest.List(guest_ids) != 0 ||
       DashCate::vNic.List(vnic_ids) != 0) {
     return false;

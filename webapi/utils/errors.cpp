@@ -7,12 +7,12 @@
 namespace VexaVirtualization {
 namespace {
 
-struct CheckText {
+struct CheckKeyword {
   VMCHECK check;
-  const char* text;
+  const char* keyword;
 };
 
-constexpr CheckText kCheckTexts[] = {
+constexpr CheckKeyword kCheckKeywords[] = {
     {VMCHECK_NO_CPU_THREADS, "no_cpu_threads"},
     {VMCHECK_NO_RAM, "no_ram"},
     {VMCHECK_NO_NETWORK, "no_network"},
@@ -24,53 +24,53 @@ constexpr CheckText kCheckTexts[] = {
     {VMCHECK_SRIOV_ENABLED, "sriov_enabled"},
 };
 
-// Whether `errors` can take a message under a code whose member is `known`.
-bool IsAccumulator(const Json::Value& errors, const Json::Value* known) {
-  return known ? known->isArray() : errors.isObject() || errors.isNull();
+// Whether a message can be appended: `current` is the code's member, or null.
+bool CanAppendError(const Json::Value& errors, const Json::Value* current) {
+  return current ? current->isArray() : errors.isObject() || errors.isNull();
 }
 
-// Intentional: what is there comes first even when it is empty, so that a text may begin with the separator.
-void Extend(Json::Value& list, Json::ArrayIndex index, const std::string& message) {
+// Intentional: an empty existing text is kept, so the result may begin with the separator.
+void AppendMessage(Json::Value& list, Json::ArrayIndex index, const std::string& message) {
   list[index] = json::String(json::Element(list, index)) + ", " + message;
 }
 
 }  // namespace
 
 std::string GetVMCheckText(const VMCHECK& check) {
-  for (const CheckText& row : kCheckTexts) {
-    if (row.check == check) return row.text;
+  for (const CheckKeyword& row : kCheckKeywords) {
+    if (row.check == check) return row.keyword;
   }
   return "unknown[" + std::to_string(static_cast<int>(check)) + "]";
 }
 
 void AppendError(const std::string& message, int code, Json::Value& errors) {
   const std::string code_text = std::to_string(code);
-  const Json::Value* known = json::FindMember(errors, code_text);
-  if (!IsAccumulator(errors, known)) {
+  const Json::Value* current = json::FindMember(errors, code_text);
+  if (!CanAppendError(errors, current)) {
     VEXA_LOG("utils", "AppendError used in the wrong way");
     return;
   }
-  Json::Value& list = json::MakeObject(errors)[code_text];
-  if (known) {
-    Extend(list, 0, message);
+  Json::Value& list = json::EnsureObject(errors)[code_text];
+  if (current) {
+    AppendMessage(list, 0, message);
   } else {
-    json::MakeArray(list).append(message);
+    json::EnsureArray(list).append(message);
   }
 }
 
 void AppendError(const std::string& message, const std::string& second, int code, Json::Value& errors) {
   const std::string code_text = std::to_string(code);
-  const Json::Value* known = json::FindMember(errors, code_text);
-  if (!IsAccumulator(errors, known)) {
+  const Json::Value* current = json::FindMember(errors, code_text);
+  if (!CanAppendError(errors, current)) {
     VEXA_LOG("utils", "AppendError2 used in the wrong way");
     return;
   }
-  Json::Value& list = json::MakeObject(errors)[code_text];
-  if (known) {
-    if (!message.empty()) Extend(list, 0, message);
-    if (!second.empty()) Extend(list, 1, second);
+  Json::Value& list = json::EnsureObject(errors)[code_text];
+  if (current) {
+    if (!message.empty()) AppendMessage(list, 0, message);
+    if (!second.empty()) AppendMessage(list, 1, second);
   } else {
-    json::MakeArray(list).append(message);
+    json::EnsureArray(list).append(message);
     list.append(second);
   }
 }

@@ -1,4 +1,4 @@
-// Marks what libvexavirtualization.so exports; everything else in it is hidden.
+// Marks the symbols that libvexavirtualization.so exports; all others are hidden.
 #pragma once
 
 #define VEXA_EXPORT __attribute__((visibility("default")))

@@ -18,13 +18,13 @@ using VexaCCC::DB::DashCate;
 
 constexpr int kFailed = -1;
 
-// What reading gives for a record that is not there, and listing for a category that was never created.
-constexpr int kNone = 2;
+// Get() returns this for a missing record, and List() for a category that was never created.
+constexpr int kAbsent = 2;
 
-constexpr int kGroupsAtFirst = 1024;
+constexpr int kInitialGroupCapacity = 1024;
 
-// What no group is called.
-constexpr unsigned int kNoGroup = 0xFFFFFFFF;
+// Not the id of any group.
+constexpr unsigned int kInvalidGroupId = 0xFFFFFFFF;
 
 struct ListFree {
   void operator()(PSZLIST list) const { HLIBCSzListFree(list); }
@@ -35,9 +35,10 @@ struct HashFree {
 using List = std::unique_ptr<HLIBCSzList, ListFree>;
 using Hash = std::unique_ptr<HLIBCSzHash, HashFree>;
 
-enum class Record { kAdvanced, kOtherOrNone, kUnreadable };
+// Whether the record of a user or group makes them advanced. A missing record does not.
+enum class AdvancedStatus { kAdvanced, kNotAdvanced, kUnreadable };
 
-// A domain's account may have an at sign behind the backslash.
+// The type of an account, from the form of its name. A domain account ("DOMAIN\user") may contain an "@".
 int AuthTypeOf(const std::string& user) {
   if (user.find('\\') != std::string::npos) return 2;
   return user.find('@') != std::string::npos ? 8 : 1;
@@ -45,19 +46,19 @@ int AuthTypeOf(const std::string& user) {
 
 bool IsAdvanced(const Json::Value& record) { return json::String(json::Member(record, key::authlevel)) == "advanced"; }
 
-Record ReadRecord(const std::string& identifier) {
+AdvancedStatus ReadAdvancedStatus(const std::string& identifier) {
   Json::Value record;
   const int result = Dashboard(DashCate::GuestAdmin, identifier).Get(record, key::object);
-  if (result == 0) return IsAdvanced(record) ? Record::kAdvanced : Record::kOtherOrNone;
-  if (result == kNone) return Record::kOtherOrNone;
+  if (result == 0) return IsAdvanced(record) ? AdvancedStatus::kAdvanced : AdvancedStatus::kNotAdvanced;
+  if (result == kAbsent) return AdvancedStatus::kNotAdvanced;
   VEXA_LOG("utils", "Failed to get guest admin object of [%s]", identifier.c_str());
-  return Record::kUnreadable;
+  return AdvancedStatus::kUnreadable;
 }
 
-// "" with a line in the system log: there is no such user or group.
-std::string IdentifierOf(const std::string& user, const std::string& kind, unsigned int number) {
-  std::string identifier = VexaCCC::gaUUIDGet(AuthTypeOf(user), kind, number);
-  if (identifier.empty()) VEXA_LOG("utils", "Failed to get user id [%s], [%u]", user.c_str(), number);
+// The identifier of a user's or group's record; "", with one line logged, when there is no such user or group.
+std::string IdentifierOf(const std::string& user, const std::string& kind, unsigned int numeric_id) {
+  std::string identifier = VexaCCC::gaUUIDGet(AuthTypeOf(user), kind, numeric_id);
+  if (identifier.empty()) VEXA_LOG("utils", "Failed to get user id [%s], [%u]", user.c_str(), numeric_id);
   return identifier;
 }
 
@@ -69,16 +70,16 @@ int Grant(const std::string& identifier, const std::string& guest_id) {
   return kFailed;
 }
 
-// What is not the decimal number of a group becomes no group, never group 0.
-unsigned int GroupNumber(const char* text) {
-  if (!text || *text == '\0') return kNoGroup;
-  unsigned long long number = 0;
+// Returns kInvalidGroupId unless the text is a decimal group id; never 0 by mistake.
+unsigned int ParseGroupId(const char* text) {
+  if (!text || *text == '\0') return kInvalidGroupId;
+  unsigned long long numeric_id = 0;
   for (; *text != '\0'; ++text) {
-    if (*text < '0' || *text > '9') return kNoGroup;
-    number = number * 10 + static_cast<unsigned int>(*text - '0');
-    if (number >= kNoGroup) return kNoGroup;
+    if (*text < '0' || *text > '9') return kInvalidGroupId;
+    numeric_id = numeric_id * 10 + static_cast<unsigned int>(*text - '0');
+    if (numeric_id >= kInvalidGroupId) return kInvalidGroupId;
   }
-  return static_cast<unsigned int>(number);
+  return static_cast<unsigned int>(numeric_id);
 }
 
 bool ListGroups(const std::string& user, PSZLIST groups) {
@@ -99,11 +100,11 @@ bool ListGroups(const std::string& user, PSZLIST groups) {
 int GrantToFirstAdvancedGroup(const std::string& user, PSZLIST groups, const std::string& guest_id) {
   const int count = HLIBCSzListCount(groups);
   for (int i = 0; i < count; ++i) {
-    const std::string identifier = IdentifierOf(user, "groups", GroupNumber(HLIBCSzListGet(groups, i)));
+    const std::string identifier = IdentifierOf(user, "groups", ParseGroupId(HLIBCSzListGet(groups, i)));
     if (identifier.empty()) return kFailed;
-    const Record record = ReadRecord(identifier);
-    if (record == Record::kUnreadable) return kFailed;
-    if (record == Record::kAdvanced) return Grant(identifier, guest_id);
+    const AdvancedStatus status = ReadAdvancedStatus(identifier);
+    if (status == AdvancedStatus::kUnreadable) return kFailed;
+    if (status == AdvancedStatus::kAdvanced) return Grant(identifier, guest_id);
   }
   VEXA_LOG("utils", "Cannot find valid user/group for guest [%s]", guest_id.c_str());
   return kFailed;
@@ -112,7 +113,7 @@ int GrantToFirstAdvancedGroup(const std::string& user, PSZLIST groups, const std
 }  // namespace
 
 int AdvancedUserAddGuest(const std::string& user, const std::string& guest_id) {
-  const List groups(HLIBCSzListAlloc(kGroupsAtFirst));
+  const List groups(HLIBCSzListAlloc(kInitialGroupCapacity));
   if (!groups) {
     VEXA_LOG("utils", "Failed to alloc list");
     return kFailed;
@@ -125,9 +126,9 @@ int AdvancedUserAddGuest(const std::string& user, const std::string& guest_id) {
   }
   const std::string identifier = IdentifierOf(user, "users", uid);
   if (identifier.empty()) return kFailed;
-  const Record record = ReadRecord(identifier);
-  if (record == Record::kUnreadable) return kFailed;
-  if (record == Record::kAdvanced) return Grant(identifier, guest_id);
+  const AdvancedStatus status = ReadAdvancedStatus(identifier);
+  if (status == AdvancedStatus::kUnreadable) return kFailed;
+  if (status == AdvancedStatus::kAdvanced) return Grant(identifier, guest_id);
   if (!ListGroups(user, groups.get())) return kFailed;
   return GrantToFirstAdvancedGroup(user, groups.get(), guest_id);
 }
@@ -135,14 +136,14 @@ int AdvancedUserAddGuest(const std::string& user, const std::string& guest_id) {
 int GetGuestAdvUserCount(const std::string& guest_id) {
   std::vector<std::string> identifiers;
   const int listed = DashCate::GuestAdmin.List(identifiers);
-  if (listed != 0 && listed != kNone) {
+  if (listed != 0 && listed != kAbsent) {
     VEXA_LOG("utils", "List GuestAdmin failed [%d]", listed);
     return kFailed;
   }
   int count = 0;
   for (const std::string& identifier : identifiers) {
     Json::Value record;
-    // Unlike above, a record that is not there is a failure: it has just been listed.
+    // Unlike above, a missing record is a failure: it has just been listed.
     if (Dashboard(DashCate::GuestAdmin, identifier).Get(record, key::object) != 0) {
       VEXA_LOG("utils", "Failed to get object of GuestAdmin[%s]", identifier.c_str());
       return kFailed;

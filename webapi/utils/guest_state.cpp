@@ -16,35 +16,35 @@ namespace GuestIs = VexaCCC::State::Guest;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-// How old the cluster's status may be.
-constexpr int kStatusAge_s = 10;
+// The maximum age of the cached cluster status.
+constexpr int kMaxStatusAgeS = 10;
 
-// What the severity of a shut-down guest comes from.
+// Where the severity of a shut-down guest comes from.
 enum class Severity {
-  kAsItIs,
-  kByRepository,
-  kByHost,
-  kAsItIsAfterHost,  // the host's state is read, and deliberately not used
+  kUnchanged,
+  kFromRepository,
+  kFromHost,
+  kUnchangedAfterReadingHost,  // the host's state is read, but deliberately not used
   kError,
 };
 
-// Why a guest was shut down, and what is shown for it. A reason of "" means that there is none.
+// What is displayed for a guest that was shut down.
 struct ShutdownRule {
-  int value;
+  int value;  // the stored cause of the shutdown
   struct {
-    const char* reason;
+    const char* reason;  // "": none
     Severity severity;
-  } forced, otherwise;
+  } forced, not_forced;
 };
 
 constexpr ShutdownRule kShutdownRules[] = {
-    {5, {"shutdown_repo_full", Severity::kByRepository}, {"shutdown_repo_full", Severity::kByRepository}},
-    {6, {"shutdown_abnormal_storage_state", Severity::kByRepository}, {"", Severity::kByRepository}},
-    {7, {"shutdown_abnormal_storage_state", Severity::kByRepository}, {"", Severity::kByRepository}},
-    {8, {"shutdown_abnormal_storage_state", Severity::kByRepository}, {"", Severity::kByRepository}},
-    {9, {"shutdown_cluster_is_frozen", Severity::kByHost}, {"", Severity::kAsItIsAfterHost}},
-    {10, {"shutdown_host_offline", Severity::kByHost}, {"", Severity::kAsItIsAfterHost}},
-    {11, {"shutdown_abnormal_storage_state", Severity::kByRepository}, {"", Severity::kAsItIs}},
+    {5, {"shutdown_repo_full", Severity::kFromRepository}, {"shutdown_repo_full", Severity::kFromRepository}},
+    {6, {"shutdown_abnormal_storage_state", Severity::kFromRepository}, {"", Severity::kFromRepository}},
+    {7, {"shutdown_abnormal_storage_state", Severity::kFromRepository}, {"", Severity::kFromRepository}},
+    {8, {"shutdown_abnormal_storage_state", Severity::kFromRepository}, {"", Severity::kFromRepository}},
+    {9, {"shutdown_cluster_is_frozen", Severity::kFromHost}, {"", Severity::kUnchangedAfterReadingHost}},
+    {10, {"shutdown_host_offline", Severity::kFromHost}, {"", Severity::kUnchangedAfterReadingHost}},
+    {11, {"shutdown_abnormal_storage_state", Severity::kFromRepository}, {"", Severity::kUnchanged}},
     {12, {"booting_failed_no_resource", Severity::kError}, {"booting_failed_no_resource", Severity::kError}},
     {13, {"booting_failed", Severity::kError}, {"booting_failed", Severity::kError}},
     {14, {"booting_failed", Severity::kError}, {"booting_failed", Severity::kError}},
@@ -52,14 +52,14 @@ constexpr ShutdownRule kShutdownRules[] = {
     {16, {"booting_failed", Severity::kError}, {"booting_failed", Severity::kError}},
 };
 
-// What the state of something that a shut-down guest depends on makes of it. Never "healthy".
-const char* SeverityBy(STATE_CATE cate, const std::string& state) {
-  UIState shown;
-  GetStateType(cate, state, shown);
-  return shown.type == "error" ? "error" : "warning";
+// The severity for a shut-down guest, from the state of its host or repository: "error" or "warning".
+const char* SeverityFrom(STATE_CATE cate, const std::string& state) {
+  UIState displayed;
+  GetStateType(cate, state, displayed);
+  return displayed.type == "error" ? "error" : "warning";
 }
 
-// False: the host cannot be read. Without a host the state is empty.
+// Returns false when the host's state cannot be read. Without a host, the state stays empty.
 bool ReadHostState(const std::string& host_id, std::string& state) {
   return host_id.empty() || Dashboard(DashCate::Host, host_id).Get(state, key::state) == 0;
 }
@@ -71,19 +71,19 @@ void ApplyShutdownRules(const Json::Value& record, const std::string& host_id, c
                                         [value](const ShutdownRule& row) { return row.value == value; });
   if (rule == std::end(kShutdownRules)) return;
   const bool is_forced = json::Bool(json::Member(record, key::is_forced_shutdown));
-  const auto& shown = is_forced ? rule->forced : rule->otherwise;
-  if (*shown.reason != '\0') reason = shown.reason;
+  const auto& displayed = is_forced ? rule->forced : rule->not_forced;
+  if (*displayed.reason != '\0') reason = displayed.reason;
   std::string host_state;
-  switch (shown.severity) {
-    case Severity::kAsItIs:
+  switch (displayed.severity) {
+    case Severity::kUnchanged:
       break;
-    case Severity::kByRepository:
-      type = SeverityBy(STATE_CATE_REPOSITORY, repo_state);
+    case Severity::kFromRepository:
+      type = SeverityFrom(STATE_CATE_REPOSITORY, repo_state);
       break;
-    case Severity::kByHost:
-      if (ReadHostState(host_id, host_state)) type = SeverityBy(STATE_CATE_HOST, host_state);
+    case Severity::kFromHost:
+      if (ReadHostState(host_id, host_state)) type = SeverityFrom(STATE_CATE_HOST, host_state);
       break;
-    case Severity::kAsItIsAfterHost:
+    case Severity::kUnchangedAfterReadingHost:
       static_cast<void>(ReadHostState(host_id, host_state));
       break;
     case Severity::kError:
@@ -105,7 +105,7 @@ bool IsLost(const std::string& state) { return state == GuestIs::inaccessible ||
 
 bool IsDashboardReady() {
   Json::Value cache(Json::objectValue);
-  VexaCCC::LoadCache(cache, VexaCCC::CACHE_LOAD_CLUSTER, kStatusAge_s);
+  VexaCCC::LoadCache(cache, VexaCCC::CACHE_LOAD_CLUSTER, kMaxStatusAgeS);
   return json::String(json::Member(cache, key::state)) != VexaCCC::State::Etcd::inaccessible;
 }
 
@@ -150,7 +150,7 @@ void GetGuestStateType(const Json::Value& record, const std::map<std::string, in
       state = repo_state == VexaCCC::State::Repo::crashed ? GuestIs::crashed : GuestIs::inaccessible;
       GetStateType(STATE_CATE_GUEST, state, ui_state, type, reason);
     }
-    // Nothing more is said about a lost guest, but only where the repository could be asked.
+    // No reason is added for a lost guest, provided that the repository could be read.
     if (IsLost(state)) return;
   }
   if (state == GuestIs::shutdown) {

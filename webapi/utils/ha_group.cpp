@@ -10,22 +10,22 @@ namespace {
 
 namespace HAGroup = VexaCCC::State::HAGroup;
 
-// A switchover that waits is a failure to the platform but is shown as a state of its own.
-constexpr int kSwitchoverWaits = 202;
+// The platform reports a pending switchover as a failure; users see it as a separate state.
+constexpr int kSwitchoverPending = 202;
 
-struct FailText {
+struct FailureKeywordRow {
   int code;
-  const char* text;
+  const char* keyword;
 };
 
-constexpr FailText kFailTexts[] = {
+constexpr FailureKeywordRow kFailureKeywords[] = {
     {100, "ha_fail_no_avail_fo_host"},     {101, "ha_fail_poweron_guest"}, {102, "ha_fail_poweron_guest"},
     {103, "ha_fail_storage_inaccessible"}, {200, "ha_fail_move_guest"},    {201, "ha_fail_move_guest"},
 };
 
-const char* TextOf(int code) {
-  for (const FailText& row : kFailTexts) {
-    if (row.code == code) return row.text;
+const char* FailureKeyword(int code) {
+  for (const FailureKeywordRow& row : kFailureKeywords) {
+    if (row.code == code) return row.keyword;
   }
   return "unknown";
 }
@@ -40,17 +40,17 @@ int ReadFailure(const std::string& group_id) {
   return VexaCCC::haErrorGet(group_id, code) == 0 ? code : VexaCCC::HA_FAIL_NONE;
 }
 
-// What the group's state is shown as; `reason` is set only where there is one.
-void Decide(const std::string& warn_reason, int failure, std::string& state, std::string& reason) {
+// Sets the displayed state of the group; `reason` is set only if there is one.
+void ApplyWarningOrFailure(const std::string& warn_reason, int failure, std::string& state, std::string& reason) {
   if (state == HAGroup::pause) return;
   if (state == HAGroup::normal && !warn_reason.empty()) {
     state = HAGroup::warning;
     reason = warn_reason;
-  } else if (failure == kSwitchoverWaits) {
+  } else if (failure == kSwitchoverPending) {
     if (state == HAGroup::error) state = HAGroup::switchover_waiting;
   } else if (failure != VexaCCC::HA_FAIL_NONE) {
     state = HAGroup::error;
-    reason = TextOf(failure);
+    reason = FailureKeyword(failure);
   }
 }
 
@@ -66,7 +66,7 @@ void GetGuestHAStateType(const Json::Value& guest, Json::Value& info, std::strin
     std::string warn_reason;
     Json::Value hosts(Json::arrayValue);
     GetHAWarnReason(json::Member(info, "ha"), warn, warn_reason, hosts);
-    Decide(warn_reason, failure, state, reason);
+    ApplyWarningOrFailure(warn_reason, failure, state, reason);
     GetStateType(STATE_CATE_HA_GROUP, state, ui_state, type);
   }
   if (info.isObject()) info.removeMember("ha");

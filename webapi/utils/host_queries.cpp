@@ -14,13 +14,13 @@ using VexaCCC::Sender;
 using VexaDRCore::Request;
 using VexaDRCore::Response;
 
-// What log watchers know the lines by.
+// Log monitors match these positions; they must not change.
 constexpr int kUtilizationPosition = 256;
 constexpr int kSystemPosition = 297;
 constexpr int kVolumePosition = 323;
 constexpr int kDiskUsagePosition = 352;
 
-// Asks `host`; the whole data of its answer becomes `out`.
+// Sends the request to `host` and sets `out` to the data of the reply.
 bool QueryData(const std::string& host, const Request& request, int log_position, Json::Value& out) {
   const Response response = Sender(host).process(request);
   if (!response.isSuccess() || !response.hasData()) {
@@ -42,9 +42,9 @@ bool GetSysUtilization(const std::string& host, const Json::Value& params, Json:
   const Request request = transport::NewCompoundRequest(items);
   Json::Value data;
   if (!QueryData(host, request, kUtilizationPosition, data)) return false;
-  // An answer without entries is a success without figures.
+  // A reply without entries is a success without data.
   out = transport::ItemData(data, 0);
-  json::MakeObject(out)["memory"] = json::Member(transport::ItemData(data, 1), "memory");
+  json::EnsureObject(out)["memory"] = json::Member(transport::ItemData(data, 1), "memory");
   return true;
 }
 
@@ -62,7 +62,7 @@ void GetVdiskUsage(const std::string& guest_id, const std::string& host, Json::V
   Request request = transport::NewRequest("VEXA.CCC.VDisk", "list");
   request.addParam("guest_id", guest_id);
   const Response response = Sender(host).process(request);
-  json::MakeObject(out);
+  json::EnsureObject(out);
   Json::UInt64 total_size = 0;
   Json::UInt64 total_used = 0;
   if (response.isSuccess() && response.hasDataField("vdisks")) {
@@ -83,6 +83,7 @@ void GetVdiskUsage(const std::string& guest_id, const std::string& host, Json::V
   out["total_used"] = total_used;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the declaration is fixed.
 bool GetNetStat(std::string host, std::string ifname, Json::Value& out) {
   const char* api = "VEXA.Core.Network.Ethernet";
   if (ifname.find("bond") != std::string::npos) {
@@ -93,7 +94,7 @@ bool GetNetStat(std::string host, std::string ifname, Json::Value& out) {
   request.addParam("ifname", ifname);
   const Response response = Sender(host).process(request);
   if (!response.isSuccess() || !response.hasDataField("speed") || !response.hasDataField("status")) return false;
-  json::MakeObject(out);
+  json::EnsureObject(out);
   out["speed"] = response.getDataField("speed");
   out["status"] = response.getDataField("status");
   return true;

@@ -1,6 +1,7 @@
 #include <string>
 
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
 #include "webapi/utils/transport.h"
@@ -13,24 +14,23 @@ namespace key = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-constexpr int kUnreadable = 403;
-
-// The order of the items of the compound request, and so of the entries of its replies.
+// The positions of the items in the compound request, and of the entries in its replies.
 enum Item : Json::ArrayIndex { kWeb, kInterfaces, kLoad, kMemory };
 
-enum class Usage { kNotAsked, kAsked };
+enum class IncludeUsage { kNo, kYes };
 
-// Sums and differences of what hosts report are kept in 32 bits and wrap around; signed arithmetic must not overflow.
+// Hosts can report any numbers. Sums and differences wrap around at 32 bits; computed unsigned, since signed overflow
+// is undefined.
 int WrappingSum(int a, int b) { return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b)); }
 int WrappingDifference(int a, int b) {
   return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
 }
 
-VexaDRCore::Request ResourceRequest(Usage usage) {
+VexaDRCore::Request ResourceRequest(IncludeUsage usage) {
   Json::Value items(Json::arrayValue);
   items.append(transport::NewItem("VEXA.Core.Web.Orla", "get"));
   items.append(transport::NewItem("VEXA.Core.Network.Interface", "list"));
-  if (usage == Usage::kAsked) {
+  if (usage == IncludeUsage::kYes) {
     items.append(transport::NewItem("VEXA.Core.System.Utilization", "get", {"cpu"}));
     items.append(transport::NewItem("VEXA.CCC.Cluster.Member", "utilization_get", {"memory"}));
   }
@@ -54,7 +54,7 @@ void AddAddresses(const Json::Value& interfaces, Json::Value& host) {
   for (const Json::Value& interface : json::Elements(interfaces)) {
     if (!IsUsable(interface)) continue;
     const Json::Value& ip = json::Member(interface, "ip");
-    if (!json::String(ip).empty()) json::MakeArray(host["ipList"]).append(ip);
+    if (!json::String(ip).empty()) json::EnsureArray(host["ipList"]).append(ip);
   }
 }
 
@@ -63,7 +63,7 @@ void AddUsage(const Json::Value& load, const Json::Value& memory, const Json::Va
   const int cores = json::Int(json::Member(record, key::cpu_cores));
   const double clock_mhz = json::Double(json::Member(record, key::cpu_clock_speed));
   host["cpu_usage"] = usage;
-  // Intentional: without figures the usage is -1 and 101 percent are free.
+  // Intentional: without data the usage is -1, and 101 percent are free.
   host["free_cpu_ghz"] = WrappingDifference(100, usage) * (cores * (clock_mhz / 1000.0)) / 100.0;
   host["free_ram_size"] = GetFreeRamSize(memory);
   host["total_ram_size"] = json::Member(json::Member(memory, "memory"), "memory_size");
@@ -72,18 +72,18 @@ void AddUsage(const Json::Value& load, const Json::Value& memory, const Json::Va
 }  // namespace
 
 int GetHostResourceInfo(bool with_usage, Json::Value& out) {
-  const Usage usage = with_usage ? Usage::kAsked : Usage::kNotAsked;
+  const IncludeUsage usage = with_usage ? IncludeUsage::kYes : IncludeUsage::kNo;
   const VexaCCC::MultiResponse responses = VexaCCC::MultiSender::allHosts().process(ResourceRequest(usage));
   for (const std::string& host_id : responses.getHostList()) {
     const VexaDRCore::Response response = responses.getResponse(host_id);
-    if (!transport::IsWholeReply(response)) continue;
+    if (!transport::IsCompleteReply(response)) continue;
     Json::Value record;
-    if (Dashboard(DashCate::Host, host_id).Get(record, key::object) != 0) return kUnreadable;
+    if (Dashboard(DashCate::Host, host_id).Get(record, key::object) != 0) return user_error::kNotFoundOrUnreadable;
     const Json::Value data = response.getData();
-    Json::Value& host = json::MakeObject(json::MakeObject(out)[host_id]);
+    Json::Value& host = json::EnsureObject(json::EnsureObject(out)[host_id]);
     AddWebService(transport::ItemData(data, kWeb), record, host);
     AddAddresses(transport::ItemData(data, kInterfaces), host);
-    if (usage == Usage::kAsked) {
+    if (usage == IncludeUsage::kYes) {
       AddUsage(transport::ItemData(data, kLoad), transport::ItemData(data, kMemory), record, host);
     }
   }
@@ -108,7 +108,7 @@ int GetFreeRamSize(const Json::Value& utilization) {
 
 int GetHostTotalMemory(const std::string& host_id) {
   Json::Value record;
-  // A host without a record has no memory; that is not a failure, and the answer is the same.
+  // Not found is positive: the empty record has no memory either.
   if (Dashboard(DashCate::Host, host_id).Get(record, key::object) < 0) return 0;
   return json::Int(json::Member(record, "ram_size"));
 }

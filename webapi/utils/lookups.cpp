@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "json/readers.h"
+#include "webapi/error_codes.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/log.h"
 #include "webapi/utils/utils.h"
@@ -14,17 +15,13 @@ namespace {
 
 using VexaCCC::DB::DashCate;
 
-// Codes of the web API.
-constexpr int kUnreadable = 403;
-constexpr int kNameConflict = 406;
-
-// What a listing gives for a category that was never created.
+// List() returns this for a category that was never created.
 constexpr int kNeverCreated = 2;
 
 constexpr int kNotListed = -1;
 constexpr int kNotFound = -2;
 
-// Whether there is a separator depends on what has been joined, not on the position.
+// No separator is added while the result is empty.
 void AppendJoined(std::string& joined, const std::string& element, const std::string& sep) {
   if (!joined.empty()) joined += sep;
   joined += element;
@@ -36,11 +33,11 @@ int CheckNameConflict(const std::string& name, const DashCate& cate) {
   const int result = VexaCCC::Utils::CheckNameConflict(name, cate);
   if (result < 0) {
     VEXA_LOG("utils", "Failed to check name conflict.");
-    return kUnreadable;
+    return user_error::kNotFoundOrUnreadable;
   }
   if (result == 0) return 0;
   VEXA_LOG("utils", "[%s] name conflict.", name.c_str());
-  return kNameConflict;
+  return user_error::kNameInUse;
 }
 
 void GetHostNamesByIds(const std::vector<std::string>& ids, Json::Value& names) {
@@ -85,18 +82,18 @@ std::string JoinVecString(const std::vector<std::string>& v, const std::string& 
 
 Json::Value ConcatJsonArray(const Json::Value& a, const Json::Value& b) {
   Json::Value all = a;
-  for (const Json::Value& element : json::Elements(b)) json::MakeArray(all).append(element);
+  for (const Json::Value& element : json::Elements(b)) json::EnsureArray(all).append(element);
   return all;
 }
 
 int GetAllHosts(Json::Value& hosts) {
   std::vector<std::string> ids;
-  // Unlike elsewhere, a category that was never created is refused: a cluster has a host.
-  if (DashCate::Host.List(ids) != 0) return kUnreadable;
+  // Unlike elsewhere, a missing category is an error: every cluster has a host.
+  if (DashCate::Host.List(ids) != 0) return user_error::kNotFoundOrUnreadable;
   for (const std::string& id : ids) {
     Json::Value host(Json::objectValue);
     host["host_id"] = id;
-    json::MakeArray(hosts).append(std::move(host));
+    json::EnsureArray(hosts).append(std::move(host));
   }
   return 0;
 }

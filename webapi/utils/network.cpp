@@ -18,7 +18,7 @@ namespace key = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
-// What log watchers know the line by.
+// Log monitors match this position; it must not change.
 constexpr int kNoAddressPosition = 1737;
 
 constexpr int kDefaultVnicType = 1;
@@ -29,12 +29,12 @@ bool ReadNic(Dashboard& host, const std::string& id, Json::Value& record) {
   return host.Get(record, VexaETCD::Path{key::nics, id}) == 0;
 }
 
-// Appends the interfaces among those of `host_id` that have the record's name, a switch's prefix included.
-void AppendNamed(const Json::Value& interfaces, const std::string& name, const std::string& nic_id,
-                 const std::string& host_id, Json::Value& out) {
+// Appends the elements of `interfaces` with exactly this name, including a virtual switch's prefix.
+void AppendMatchingInterfaces(const Json::Value& interfaces, const std::string& name, const std::string& nic_id,
+                              const std::string& host_id, Json::Value& out) {
   for (const Json::Value& interface : json::Elements(interfaces)) {
     if (!interface.isObject() || json::String(json::Member(interface, "ifname")) != name) continue;
-    Json::Value& appended = json::MakeArray(out).append(interface);
+    Json::Value& appended = json::EnsureArray(out).append(interface);
     appended["interface_id"] = nic_id;
     appended["host_id"] = host_id;
   }
@@ -48,7 +48,7 @@ void AppendInterfacesOf(const std::string& host_id, const Json::Value& interface
     Json::Value record;
     if (!ReadNic(host, nic_id, record)) continue;
     const Json::Value* name = json::FindMember(record, key::name);
-    if (name) AppendNamed(interfaces, json::String(*name), nic_id, host_id, out);
+    if (name) AppendMatchingInterfaces(interfaces, json::String(*name), nic_id, host_id, out);
   }
 }
 
@@ -59,7 +59,7 @@ void GetAllInterfaceInfo(Json::Value& out) {
   const VexaCCC::MultiResponse responses = VexaCCC::MultiSender::allHosts().process(request);
   for (const std::string& host_id : responses.getHostList()) {
     const VexaDRCore::Response response = responses.getResponse(host_id);
-    if (transport::IsWholeReply(response)) AppendInterfacesOf(host_id, response.getData(), out);
+    if (transport::IsCompleteReply(response)) AppendInterfacesOf(host_id, response.getData(), out);
   }
 }
 
@@ -97,7 +97,7 @@ int GetDefaultVnic(Json::Value& vnics) {
   vnic["mac"] = mac;
   // Not yet attached to a network.
   vnic["network_id"] = "";
-  json::MakeArray(vnics).append(vnic);
+  json::EnsureArray(vnics).append(vnic);
   return 0;
 }
 

@@ -11,7 +11,7 @@ bool IsAdminOrAdvancedUser(VEXA::APIRequest* request) {
 }
 
 bool IsGuestPermitted(VEXA::APIRequest* request, const std::string& guest_id) {
-  // The administrator test comes first: an administrator causes no call into the cluster-control library.
+  // Administrators are checked first, which avoids a platform call.
   if (request->IsAdmin()) return true;
   std::set<std::string> permitted;
   if (VexaCCC::gaUserListAvail(request->GetLoginUserName(), VexaCCC::DB::_k::guest, permitted) != 0) return false;

@@ -18,8 +18,9 @@ namespace HAGroup = VexaCCC::State::HAGroup;
 
 }  // namespace
 
-// Intentional: the words differ from the platform's names where a repository or a virtual disk is "missing", and for
-// three states of high-availability groups; "full" stands in two different places.
+// Intentional: the displayed names differ from the platform's for inaccessible repositories and virtual disks
+// ("missing") and for three states of high-availability groups. "full" comes before "provision_warning" for
+// repositories, and after it for virtual disks.
 const VirtualizationState StateTable[] = {
     {STATE_CATE_HOST, Host::running, "running", "healthy", ""},
     {STATE_CATE_HOST, Host::inaccessible, "inaccessible", "error", ""},
@@ -69,7 +70,7 @@ const VirtualizationState StateTable[] = {
     {STATE_CATE_NONE, "", "", "", ""},
 };
 
-// An inaccessible host has no row for the two package versions, and none is wanted.
+// Intentional: there are no rows for inaccessible hosts with the two package versions.
 const HostState HostStateTable[] = {
     {Host::running, Version::version_matched, STATE_CATE_HOST},
     {Host::running, Version::upgrade_suggested, STATE_CATE_VERSION},
@@ -96,7 +97,7 @@ const HostState HostStateTable[] = {
     {"", "", STATE_CATE_NONE},
 };
 
-// Not the order in which StateTable has them.
+// The order differs from StateTable.
 const std::string VersionStatePriorityTable[] = {
     Version::version_matched,          Version::package_upgrade_suggested, Version::upgrade_suggested,
     Version::package_upgrade_required, Version::upgrade_required,

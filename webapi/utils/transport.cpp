@@ -53,7 +53,7 @@ const Json::Value& ItemData(const Json::Value& data, Json::ArrayIndex index) {
   return json::Member(json::Element(json::Member(data, "result"), index), "data");
 }
 
-bool IsWholeReply(const VexaDRCore::Response& response) {
+bool IsCompleteReply(const VexaDRCore::Response& response) {
   return response.isSuccess() && !HasFail(response) && response.hasData();
 }
 

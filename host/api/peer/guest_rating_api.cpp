@@ -1,5 +1,6 @@
 #include "host/api/peer/guest_rating_api.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -8,91 +9,98 @@
 #include <utility>
 
 #include "host/api/peer/rows.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/records/guest_records.h"
-#include "host/records/reading.h"
+#include "host/records/keys.h"
+#include "host/records/object_members.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_senders.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using VexaCCC::DB::DashCate;
-using webapi::Call;
-using webapi::LaneKind;
 
-// The limit for a list in another host's answer.
+// The limit for a list in another host's reply.
 constexpr Json::ArrayIndex kMaxEntries = 16;
-constexpr std::size_t kMaxWord = 32;
+constexpr std::size_t kMaxStatusName = 32;
 constexpr std::size_t kMaxReason = 512;
 constexpr std::size_t kMaxName = 256;
 
 constexpr std::string_view kBestIo = "best_io";
 
-// The guest's id. If it is not set, the call has been answered.
-std::optional<std::string> NamedGuestId(const Call& call) {
+// The guest's id. Not set: a parameter is not valid, and the call has been answered.
+std::optional<std::string> ReadGuestId(const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
   const auto type =
       call.request->GetAndCheckString("type", kRequired, [](const std::string& text) { return text == "poweron"; });
   if (!id.IsInvalid() && !type.IsInvalid()) return id.Get();
-  Fail(call, webapi::kErrorBadParameter);
+  Fail(call, host_error::kBadParameter);
   return std::nullopt;
 }
 
-void FailToRead(const Call& call, const Error& error) {
-  const bool unreadable = error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt;
-  if (unreadable) return Fail(call, kErrorUnreadable);
-  ::syslog(LOG_ERR, "Cannot rate a guest: %s", error.ToString().c_str());
-  Fail(call, webapi::kErrorInternal);
+bool IsAboutRecord(const Error& error) {
+  return error.code() == ErrorCode::kNotFound || error.code() == ErrorCode::kCorrupt;
+}
+
+void LogFailure(const Error& error) { ::syslog(LOG_ERR, "Cannot rate a guest: %s", error.ToString().c_str()); }
+
+void RespondRatingError(const Call& call, const Error& error) {
+  if (IsAboutRecord(error)) return Fail(call, host_error::kNotFoundOrUnreadable);
+  LogFailure(error);
+  Fail(call, host_error::kInternal);
+}
+
+void RespondReadError(const Call& call, const Error& error) {
+  if (!IsAboutRecord(error)) LogFailure(error);
+  Fail(call, host_error::kNotFoundOrUnreadable);
 }
 
 void CheckResource(const std::function<Result<guests::Rating>(const std::string&)>& rate_guest, const Call& call) {
-  const std::optional<std::string> id = NamedGuestId(call);
+  const std::optional<std::string> id = ReadGuestId(call);
   if (!id) return;
-  guests::Rating rating{{{guests::kUnavailable, "The host runs no guests."}}, false, {}};
+  guests::Rating rating{{{host_error::kUnavailable, "The host runs no guests."}}, false, {}};
   if (rate_guest) {
-    cluster::RequestScope::ReleaseSnapshot();  // the call may wait for the hypervisor
     Result<guests::Rating> rated = rate_guest(*id);
-    if (!rated) return FailToRead(call, rated.error());
+    if (!rated) return RespondRatingError(call, rated.error());
     rating = std::move(*rated);
   }
   call.response->SetSuccess(guests::RatingData(rating));
 }
 
-bool IsWord(const std::string& text) {
-  return !text.empty() && text.size() <= kMaxWord &&
+bool IsStatusName(const std::string& text) {
+  return !text.empty() && text.size() <= kMaxStatusName &&
          std::ranges::all_of(text, [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_'; });
 }
 
-// What this host reports about a host from which it got no rating.
-Json::Value MissingRating(const char* word, const std::string& reason) {
+// The rating that stands in for that of a host that did not return one.
+Json::Value MissingRating(const char* name, const std::string& reason) {
   Json::Value rating(Json::objectValue);
   rating["available"] = false;
-  rating["status"].append(word);
+  rating["status"].append(name);
   rating["reasons"].append(reason);
   return rating;
 }
 
-// An error as reported by a host, which may be empty.
+// For a reply with an error, or without a readable reply.
 Json::Value FailureRating(const VexaDRCore::Response& reply) {
-  constexpr const char* kNoReadableAnswer = "The host did not answer, or its answer could not be read.";
+  constexpr const char* kNoReadableReply = "The host did not answer, or its answer could not be read.";
   const Json::Value success = reply.getField("success");
   const Json::Value code = json::Member(reply.getField("error"), "code");
-  if (!success.isBool() || !code.isInt()) return MissingRating("unreachable", kNoReadableAnswer);
+  if (!success.isBool() || !code.isInt()) return MissingRating("unreachable", kNoReadableReply);
   switch (reply.getErrCode()) {
-    case webapi::kErrorUnreachable:
-      return MissingRating("unreachable", kNoReadableAnswer);
-    case webapi::kErrorUnknownApi:
+    case host_error::kUnreachable:
+      return MissingRating("unreachable", kNoReadableReply);
+    case host_error::kUnknownApi:
       return MissingRating("incompatible_version", "The host's version does not support this check.");
     default:
-      return MissingRating("failed", "The host answered with the error " + std::to_string(reply.getErrCode()) + ".");
+      return MissingRating("failed", fmt::format("The host answered with the error {}.", reply.getErrCode()));
   }
 }
 
-// A host's rating, reduced to the known members. `may_have_best_io`: according to the records, which also determine
-// this.
+// A host's rating, reduced to the known members. `may_have_best_io`: whether the host has the guest's repository
+// according to the records. Otherwise "best_io" is removed from its rating.
 Json::Value RatingOf(const VexaDRCore::Response& reply, bool may_have_best_io) {
   if (!reply.isSuccess()) return FailureRating(reply);
   const Json::Value available = reply.getDataField("available");
@@ -100,54 +108,71 @@ Json::Value RatingOf(const VexaDRCore::Response& reply, bool may_have_best_io) {
   Json::Value rating(Json::objectValue);
   rating["available"] = json::Bool(available);
   Json::Value& status = rating["status"] = Json::Value(Json::arrayValue);
-  const Json::Value words = reply.getDataField("status");
-  for (const Json::Value& element : json::Elements(words)) {
+  const Json::Value names = reply.getDataField("status");
+  for (const Json::Value& element : json::Elements(names)) {
     if (status.size() == kMaxEntries) break;
-    const std::string word = element.isString() ? json::String(element) : std::string();
-    if (IsWord(word) && (word != kBestIo || may_have_best_io)) status.append(word);
+    const std::string name = element.isString() ? json::String(element) : std::string();
+    if (IsStatusName(name) && (name != kBestIo || may_have_best_io)) status.append(name);
   }
   Json::Value& reasons = rating["reasons"] = Json::Value(Json::arrayValue);
   const Json::Value sentences = reply.getDataField("reasons");
   for (const Json::Value& element : json::Elements(sentences)) {
     if (reasons.size() == kMaxEntries) break;
-    if (element.isString()) reasons.append(cluster::LogText(json::String(element), kMaxReason));
+    if (element.isString()) reasons.append(SanitizeForLog(json::String(element), kMaxReason));
   }
   return rating;
 }
 
-std::string NameOf(const std::string& host_id) {
+struct RatedHost {
+  std::string id;
   std::string name;
-  VexaCCC::Utils::GetHostNameById(host_id, name);
-  return cluster::LogText(name, kMaxName);
+};
+
+// The hosts to ask, and the host of the guest's repository, from the records.
+struct RatingInput {
+  std::string repository_host_id;
+  std::vector<RatedHost> hosts;
+};
+
+Result<RatingInput> ReadRatingInput(const std::string& guest_id) {
+  const Result<records::Reader> reader = records::Reader::OpenCurrent();
+  if (!reader) return reader.error();
+  Result<records::Guest> guest = records::ReadGuest(*reader, guest_id);
+  if (!guest) return guest.error();
+  auto ids = reader->Children(records::CategoryKey(DashCate::Host.name()));
+  if (!ids) return ids.error();
+  if (ids->empty()) ids->push_back(VexaCCC::DB::DBLocalhostID());
+  std::ranges::sort(*ids);
+  RatingInput input{guest->repository_host_id, {}};
+  for (std::string& id : *ids) {
+    const std::string name = records::ReadStringOrEmpty(*reader, DashCate::Host, id, keys::name);
+    input.hosts.push_back({std::move(id), SanitizeForLog(name, kMaxName)});
+  }
+  return input;
 }
 
-void CheckHostResource(std::chrono::seconds patience, const Call& call) {
-  const std::optional<std::string> id = NamedGuestId(call);
+void CheckHostResource(std::chrono::seconds timeout, const Call& call) {
+  const std::optional<std::string> id = ReadGuestId(call);
   if (!id) return;
-  const Result<guests::Guest> guest = guests::ReadGuest(*id);
-  if (!guest) return FailToRead(call, guest.error());
+  const Result<RatingInput> input = ReadRatingInput(*id);
+  if (!input) return RespondReadError(call, input.error());
   std::vector<std::string> host_ids;
-  if (DashCate::Host.List(host_ids) != 0) return Fail(call, kErrorUnreadable);
-  if (host_ids.empty()) host_ids.push_back(VexaCCC::DB::DBLocalhostID());
-  std::ranges::sort(host_ids);
-  std::vector<std::string> names;
-  names.reserve(host_ids.size());
-  for (const std::string& host_id : host_ids) names.push_back(NameOf(host_id));
+  for (const RatedHost& host : input->hosts) host_ids.push_back(host.id);
 
   VexaDRCore::Request request;
   request.setAPI("VEXA.CCC.Guest");
   request.setMethod("check_resource");
   request.addParam("guest_id", *id);
   request.addParam("type", "poweron");
-  request.setTimeout(static_cast<int>(patience.count()));
+  request.setTimeout(static_cast<int>(timeout.count()));
   const VexaCCC::MultiResponse replies = VexaCCC::MultiSender(host_ids).process(request);
 
   Json::Value data(Json::objectValue);
   Json::Value& hosts = data["hosts"] = Json::Value(Json::arrayValue);
-  for (std::size_t i = 0; i < host_ids.size(); ++i) {
-    Json::Value host = RatingOf(replies.getResponse(host_ids[i]), guest->repository_host_id == host_ids[i]);
-    host["host_id"] = host_ids[i];
-    host["host"] = names[i];
+  for (const RatedHost& rated : input->hosts) {
+    Json::Value host = RatingOf(replies.getResponse(rated.id), input->repository_host_id == rated.id);
+    host["host_id"] = rated.id;
+    host["host"] = rated.name;
     hosts.append(std::move(host));
   }
   call.response->SetSuccess(data);
@@ -155,10 +180,10 @@ void CheckHostResource(std::chrono::seconds patience, const Call& call) {
 
 }  // namespace
 
-std::vector<webapi::ApiRow> GuestRatingRows(const ServiceParts& parts, std::chrono::seconds patience) {
-  const std::vector<webapi::Parameter> parameters{Text("guest_id", "The guest's id, a UUID."),
-                                                  Text("type", "The intended action; only \"poweron\" is supported.")};
-  const std::vector<int> errors{webapi::kErrorBadParameter, kErrorUnreadable};
+std::vector<ApiRow> GuestRatingRows(const ServiceParts& parts, std::chrono::seconds timeout) {
+  const std::vector<Parameter> parameters{Text("guest_id", "The guest's id, a UUID."),
+                                          Text("type", "The intended action; only \"poweron\" is supported.")};
+  const std::vector<int> errors{host_error::kBadParameter, host_error::kNotFoundOrUnreadable};
   return {HostRow(
               "VEXA.CCC.Guest", "check_resource", LaneKind::kLong,
               [rate_guest = parts.rate_guest](const Call& call) { CheckResource(rate_guest, call); },
@@ -166,8 +191,8 @@ std::vector<webapi::ApiRow> GuestRatingRows(const ServiceParts& parts, std::chro
               errors),
           HostRow(
               "VEXA.Virtualization.Guest.Action", "check_host_resource", LaneKind::kLong,
-              [patience](const Call& call) { CheckHostResource(patience, call); },
+              [timeout](const Call& call) { CheckHostResource(timeout, call); },
               "Each cluster host's own rating of whether it can run a guest now.", parameters, errors)};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

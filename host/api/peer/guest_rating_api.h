@@ -6,12 +6,11 @@
 
 #include "host/api/peer/services.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // "VEXA.CCC.Guest" "check_resource", and "VEXA.Virtualization.Guest.Action" "check_host_resource", which asks every
-// host for it through the platform's senders and waits at most `patience` (whole seconds). docs/services.md describes
-// the answers.
-std::vector<webapi::ApiRow> GuestRatingRows(const ServiceParts& parts,
-                                            std::chrono::seconds patience = std::chrono::seconds(10));
+// host for it through the platform's senders and waits at most `timeout` (whole seconds). docs/services.md describes
+// the replies.
+std::vector<ApiRow> GuestRatingRows(const ServiceParts& parts, std::chrono::seconds timeout = std::chrono::seconds(10));
 
-}  // namespace vexa::services
+}  // namespace vexa::api

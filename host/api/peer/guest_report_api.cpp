@@ -2,27 +2,25 @@
 #include <sys/stat.h>
 
 #include <limits>
-#include <map>
 #include <optional>
 #include <utility>
 
 #include "host/api/peer/rows.h"
-#include "host/records/reading.h"
+#include "host/records/host_liveness.h"
+#include "host/records/keys.h"
+#include "host/records/object_members.h"
 #include "host/storage/storage_condition.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State;
-using VexaCCC::DB::Dashboard;
+using records::Reader;
+using records::ReadStringOrEmpty;
 using VexaCCC::DB::DashCate;
-using webapi::Call;
-using webapi::LaneKind;
 
 constexpr Json::UInt64 kMib = Json::UInt64{1} << 20;
 constexpr std::uint64_t kBlockBytes = 512;  // of st_blocks, independent of the file system's own block size
@@ -33,7 +31,8 @@ struct FailedCheck {
   const char* reason = "";
 };
 
-// The shared layer has keywords for these two. For the next two it has no accurate keyword, and reports their number.
+// The library has keywords for the first two codes. For the other two it has no accurate keyword, and reports the
+// number.
 constexpr FailedCheck kHostOffline{307, "The repository belongs to another host, which does not answer."};
 constexpr FailedCheck kRemoteFirmware{
     311, "The repository belongs to another host, and guests with EFI firmware cannot run that way."};
@@ -41,39 +40,57 @@ constexpr FailedCheck kRepositoryOffline{
     303, "The repository is neither online nor degraded: its storage is missing, full or damaged."};
 constexpr FailedCheck kRepositoryElsewhere{304, "The repository belongs to another host, or has no readable record."};
 
-std::string ReadText(const DashCate& category, const std::string& id, const char* key) {
-  std::string text;
-  return Dashboard(category, id).Get(text, key) == 0 ? text : std::string();
+// The newest state of the store. If it is not set, the call has been answered.
+std::optional<Reader> OpenReader(const Call& call) {
+  Result<Reader> reader = Reader::OpenCurrent();
+  if (reader) return *std::move(reader);
+  Fail(call, host_error::kNotFoundOrUnreadable);
+  return std::nullopt;
 }
 
-// The guest that the call names, and its record. If it is not set, the call has been answered.
+// The guest that the call names, and its record.
 struct NamedGuest {
   std::string id;
   Json::Value record;
 };
-std::optional<NamedGuest> ReadGuest(const Call& call) {
+// If it is not set, the call has been answered.
+std::optional<std::string> ReadGuestId(const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
-  if (id.IsInvalid()) {
-    Fail(call, webapi::kErrorBadParameter);
-    return std::nullopt;
-  }
-  NamedGuest guest{id.Get(), {}};
-  if (Dashboard(DashCate::Guest, guest.id).Get(guest.record, keys::object) != 0) {
-    Fail(call, kErrorUnreadable);
-    return std::nullopt;
-  }
-  return guest;
+  if (!id.IsInvalid()) return id.Get();
+  Fail(call, host_error::kBadParameter);
+  return std::nullopt;
 }
 
+// If it is not set, the call has been answered.
+std::optional<NamedGuest> ReadGuest(const Reader& reader, const Call& call, const std::string& id) {
+  auto record = records::ReadMember(reader, DashCate::Guest, id, keys::object);
+  if (record && *record) return NamedGuest{id, **std::move(record)};
+  Fail(call, host_error::kNotFoundOrUnreadable);
+  return std::nullopt;
+}
+
+// The guest that the call names, which is running here. If it is not set, the call has been answered.
+std::optional<std::string> RunningGuestId(const Call& call) {
+  const auto id = ReadGuestId(call);
+  if (!id) return std::nullopt;
+  const auto reader = OpenReader(call);
+  if (!reader) return std::nullopt;
+  const auto guest = ReadGuest(*reader, call, *id);
+  if (!guest) return std::nullopt;
+  const auto text_of = [&](const char* key) { return ReadStringOrEmpty(*reader, DashCate::Guest, guest->id, key); };
+  if (text_of(keys::state) == states::Guest::running && text_of(keys::host_id) == VexaCCC::DB::DBLocalhostID()) {
+    return guest->id;
+  }
+  Fail(call, host_error::kNotFoundOrUnreadable);
+  return std::nullopt;
+}
+
+// Waits for the hypervisor, without a reader.
 void GuestInfo(guests::GuestControl* guests, const Call& call) {
-  const auto guest = ReadGuest(call);
-  if (!guest) return;
-  const bool runs_here = ReadText(DashCate::Guest, guest->id, keys::state) == states::Guest::running &&
-                         ReadText(DashCate::Guest, guest->id, keys::host_id) == VexaCCC::DB::DBLocalhostID();
-  if (!runs_here) return Fail(call, kErrorUnreadable);
-  cluster::RequestScope::ReleaseSnapshot();  // the call may wait for the hypervisor
-  const std::optional<guests::RunningGuest> live = guests ? guests->Running(guest->id) : guests::RunningGuest();
-  if (!live) return Fail(call, kErrorUnreadable);
+  const std::optional<std::string> id = RunningGuestId(call);
+  if (!id) return;
+  const std::optional<guests::RunningGuest> live = guests ? guests->FindRunningGuest(*id) : guests::RunningGuest();
+  if (!live) return Fail(call, host_error::kNotFoundOrUnreadable);
   Json::Value data(Json::objectValue);
   data["ip"] = Json::Value(Json::arrayValue);
   for (const std::string& address : live->addresses) data["ip"].append(address);
@@ -83,30 +100,33 @@ void GuestInfo(guests::GuestControl* guests, const Call& call) {
 }
 
 // A host whose state is unknown may be alive.
-bool IsGone(const std::string& host_id) {
-  std::map<std::string, std::string> all;
-  std::map<std::string, std::string> reachable;
-  return VexaCCC::CCCVersionStateGetAllHosts(all, reachable) == 0 && !reachable.contains(host_id);
+bool IsGone(const Reader& reader, const std::string& host_id) {
+  const auto reachable = records::ReachableHosts(reader);
+  return reachable && !reachable->contains(host_id);
 }
 
 // Not set: the repository can be used.
-std::optional<FailedCheck> CheckRepository(const Json::Value& guest) {
+std::optional<FailedCheck> CheckRepository(const Reader& reader, const Json::Value& guest) {
   const std::string id = json::String(json::Member(guest, keys::repository_id));
-  const std::string host_id = ReadText(DashCate::Repository, id, keys::host_id);
+  const std::string host_id = ReadStringOrEmpty(reader, DashCate::Repository, id, keys::host_id);
   if (host_id != VexaCCC::DB::DBLocalhostID()) {
-    if (!host_id.empty() && IsGone(host_id)) return kHostOffline;
+    if (!host_id.empty() && IsGone(reader, host_id)) return kHostOffline;
     const bool has_efi = json::Bool(json::Member(guest, keys::use_ovmf));
     return !host_id.empty() && has_efi ? kRemoteFirmware : kRepositoryElsewhere;
   }
-  const std::string state = ReadText(DashCate::Repository, id, keys::state);
-  if (guests::IsUsableRepository(state)) return std::nullopt;
+  const std::string state = ReadStringOrEmpty(reader, DashCate::Repository, id, keys::state);
+  if (storage::IsUsableRepository(state)) return std::nullopt;
   return kRepositoryOffline;
 }
 
 void CheckRepoCap(const Call& call) {
-  const auto guest = ReadGuest(call);
+  const auto id = ReadGuestId(call);
+  if (!id) return;
+  const auto reader = OpenReader(call);
+  if (!reader) return;
+  const auto guest = ReadGuest(*reader, call, *id);
   if (!guest) return;
-  const std::optional<FailedCheck> failed = CheckRepository(guest->record);
+  const std::optional<FailedCheck> failed = CheckRepository(*reader, guest->record);
   Json::Value data(Json::objectValue);
   data["repo_usable"] = !failed.has_value();
   data["failed_check"] = failed ? failed->code : 0;
@@ -119,7 +139,7 @@ bool IsPlainPath(const std::string& path) {
          (path + "/").find("/../") == std::string::npos;
 }
 
-// The space of the disk's file on its file system; for a block device, its whole size. 0: unknown.
+// The space that the disk's file takes on its file system, or the whole size of a block device. 0: unknown.
 Json::UInt64 UsedBytes(const std::string& path, Json::UInt64 total) {
   struct stat info {};
   if (!IsPlainPath(path) || ::stat(path.c_str(), &info) != 0) return 0;
@@ -127,24 +147,38 @@ Json::UInt64 UsedBytes(const std::string& path, Json::UInt64 total) {
   return S_ISREG(info.st_mode) ? static_cast<Json::UInt64>(info.st_blocks) * kBlockBytes : 0;
 }
 
-void DiskList(const Call& call) {
-  const auto guest = ReadGuest(call);
-  if (!guest) return;
-  std::vector<std::pair<std::string, Json::Value>> disks;
+// The records of the disks of the guest that the call names, by id. If it is not set, the call has been answered.
+using DiskRecords = std::vector<std::pair<std::string, Json::Value>>;
+std::optional<DiskRecords> ReadDisks(const Call& call) {
+  const auto guest_id = ReadGuestId(call);
+  if (!guest_id) return std::nullopt;
+  const auto reader = OpenReader(call);
+  if (!reader) return std::nullopt;
+  const auto guest = ReadGuest(*reader, call, *guest_id);
+  if (!guest) return std::nullopt;
+  DiskRecords disks;
   for (const Json::Value& element : json::Elements(json::Member(guest->record, keys::vdisks))) {
-    Json::Value record;
     std::string id = json::String(element);
-    if (Dashboard(DashCate::vDisk, id).Get(record, keys::object) != 0) return Fail(call, kErrorUnreadable);
-    disks.emplace_back(std::move(id), std::move(record));
+    auto record = records::ReadMember(*reader, DashCate::vDisk, id, keys::object);
+    if (!record || !*record) {
+      Fail(call, host_error::kNotFoundOrUnreadable);
+      return std::nullopt;
+    }
+    disks.emplace_back(std::move(id), **std::move(record));
   }
-  // What follows waits for file systems, which may be slow.
-  cluster::RequestScope::ReleaseSnapshot();
+  return disks;
+}
+
+// Waits for file systems, which may be slow, without a reader.
+void DiskList(const Call& call) {
+  const auto disks = ReadDisks(call);
+  if (!disks) return;
   Json::Value data(Json::objectValue);
   data["vdisks"] = Json::Value(Json::arrayValue);
-  for (const auto& [id, record] : disks) {
+  for (const auto& [id, record] : *disks) {
     const Json::UInt64 size_mib = json::UInt64(json::Member(record, keys::size));
-    const Json::UInt64 most = std::numeric_limits<Json::UInt64>::max();
-    const Json::UInt64 total = size_mib > most / kMib ? most : size_mib * kMib;
+    const Json::UInt64 max_bytes = std::numeric_limits<Json::UInt64>::max();
+    const Json::UInt64 total = size_mib > max_bytes / kMib ? max_bytes : size_mib * kMib;
     Json::Value disk(Json::objectValue);
     disk["vdisk_id"] = id;
     disk["total_size"] = total;
@@ -156,9 +190,9 @@ void DiskList(const Call& call) {
 
 }  // namespace
 
-std::vector<webapi::ApiRow> GuestReportRows(const ServiceParts& parts) {
-  const webapi::Parameter guest = Text("guest_id", "The guest's id, a UUID.");
-  const std::vector<int> errors{webapi::kErrorBadParameter, kErrorUnreadable};
+std::vector<ApiRow> GuestReportRows(const ServiceParts& parts) {
+  const Parameter guest = Text("guest_id", "The guest's id, a UUID.");
+  const std::vector<int> errors{host_error::kBadParameter, host_error::kNotFoundOrUnreadable};
   return {
       HostRow(
           "VEXA.CCC.Guest", "get_info", LaneKind::kLong,
@@ -167,7 +201,7 @@ std::vector<webapi::ApiRow> GuestReportRows(const ServiceParts& parts) {
       HostRow("VEXA.CCC.Guest", "check_repo_cap", LaneKind::kQuick, CheckRepoCap,
               "Whether this host can run a guest from its repository; if not, why.", {guest}, errors),
       HostRow("VEXA.CCC.VDisk", "list", LaneKind::kLong, DiskList,
-              "A guest's disks, with their sizes and what they take, in bytes.", {guest}, errors)};
+              "A guest's disks: their sizes and the space that they take, in bytes.", {guest}, errors)};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

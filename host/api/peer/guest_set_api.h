@@ -5,9 +5,9 @@
 
 #include "host/api/peer/services.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // One row. docs/guests.md describes the parameters and the codes.
-std::vector<webapi::ApiRow> GuestSetRows(const ServiceParts& parts);
+std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,15 +1,13 @@
-// Polling tasks: clients ask about them until a longer job is done.
+// Polling tasks: records that clients poll until a longer job is done.
 #include <syslog.h>
 
 #include "host/api/peer/rows.h"
 #include "host/store/key.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-using webapi::Call;
-
-bool IsTaskId(const std::string& id) { return !id.empty() && store::IsKey(store::MakeKey({"poll", id})); }
+bool IsTaskId(const std::string& id) { return !id.empty() && store::IsValidKey(store::MakeKey({"poll", id})); }
 
 Result<bool> Exists(const store::Store& store, const std::string& key) {
   const auto snapshot = store.Read();
@@ -19,7 +17,7 @@ Result<bool> Exists(const store::Store& store, const std::string& key) {
   return value->has_value();
 }
 
-// Deleting a missing key would still wait for the disk.
+// Reads first, because even the deletion of a missing key waits for the disk.
 Status Remove(store::Store& store, const std::string& key) {
   const Result<bool> exists = Exists(store, key);
   if (!exists) return exists.error();
@@ -31,22 +29,22 @@ Status Remove(store::Store& store, const std::string& key) {
 
 void ClearPollTask(store::Store& store, const Call& call) {
   const auto id = call.request->GetAndCheckString("task_id", kRequired, IsTaskId);
-  if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  if (id.IsInvalid()) return Fail(call, host_error::kBadParameter);
   const Status removed = Remove(store, store::MakeKey({"poll", id.Get()}));
   if (!removed) {
     ::syslog(LOG_ERR, "A polling task cannot be cleared: %s", removed.error().ToString().c_str());
-    return Fail(call, webapi::kErrorInternal);
+    return Fail(call, host_error::kInternal);
   }
   call.response->SetSuccess(Json::Value(Json::objectValue));
 }
 
 }  // namespace
 
-std::vector<webapi::ApiRow> PollTaskRows(const ServiceParts& parts) {
-  return {HostRow("VEXA.Virtualization.Cluster", "clear_poll_task", webapi::LaneKind::kQuick,
+std::vector<ApiRow> PollTaskRows(const ServiceParts& parts) {
+  return {HostRow("VEXA.Virtualization.Cluster", "clear_poll_task", LaneKind::kQuick,
                   [store = parts.store](const Call& call) { ClearPollTask(*store, call); },
-                  "Forget a polling task; one that does not exist is forgotten already.",
-                  {Text("task_id", "The task's id.")}, {webapi::kErrorBadParameter})};
+                  "Forgets a polling task. A task that does not exist is not an error.",
+                  {Text("task_id", "The task's id.")}, {host_error::kBadParameter})};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -6,23 +6,10 @@
 #include "host/api/peer/guest_rating_api.h"
 #include "host/api/peer/rows.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-webapi::ApiRow HostRow(std::string_view api, std::string_view method, webapi::LaneKind lane, webapi::Handler handler,
-                       std::string_view summary, std::vector<webapi::Parameter> parameters, std::vector<int> errors) {
-  return {.api = api,
-          .method = method,
-          .version = 1,
-          .access = webapi::Access::kHost,
-          .lane = lane,
-          .handler = std::move(handler),
-          .summary = summary,
-          .parameters = std::move(parameters),
-          .errors = std::move(errors)};
-}
-
-std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts) {
-  std::vector<webapi::ApiRow> rows;
+std::vector<ApiRow> ServiceRows(const ServiceParts& parts) {
+  std::vector<ApiRow> rows;
   for (const auto make : {UtilizationRows, SystemRows, VolumeRows, NetworkRows, GuestReportRows, GuestPowerRows,
                           GuestSetRows, PollTaskRows}) {
     auto part = make(parts);
@@ -33,4 +20,4 @@ std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts) {
   return rows;
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,5 +1,5 @@
 // What this host reports to other hosts about itself and the guests that it runs. docs/services.md describes each
-// answer.
+// reply.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@
 #include "host/machine/machine.h"
 #include "host/store/store.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // How browsers and clients reach this host; a port is 0 when there is no such listener.
 struct WebPorts {
@@ -28,17 +28,17 @@ struct WebPorts {
 
 struct ServiceParts {
   std::shared_ptr<store::Store> store;
-  Machine machine{};
-  AddressReader addresses = SystemAddresses;
+  machine::Machine machine{};
+  machine::AddressReader addresses = machine::SystemAddresses;
   std::vector<std::string> volume_roots{"/"};  // folders below which volumes may be queried
   std::function<WebPorts()> web_ports;
-  // Outlives the rows. Null: this host does not run guests, and knows only what their records say.
+  // Outlives the rows. Null: this host does not run guests, and reports only what is in their records.
   guests::GuestControl* guests = nullptr;
-  // Whether this host can run a guest now: its GuestControl::RateGuest. Without this function it cannot run any.
+  // Whether this host can run a guest now: its GuestControl::RateGuest. Not set: it cannot run any.
   std::function<Result<guests::Rating>(const std::string& guest_id)> rate_guest;
 };
 
 // The rows, all for hosts only. Their handlers may be called concurrently.
-std::vector<webapi::ApiRow> ServiceRows(const ServiceParts& parts);
+std::vector<ApiRow> ServiceRows(const ServiceParts& parts);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,15 +1,12 @@
 // This host's identity and addresses.
 #include "host/api/peer/rows.h"
-#include "host/machine/figures.h"
+#include "host/machine/machine_stats.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-using webapi::Call;
-using webapi::LaneKind;
-
-void SystemInfo(const Machine& machine, const Call& call) {
-  const ProcessorFigures processor = ReadProcessor(machine);
+void SystemInfo(const machine::Machine& machine, const Call& call) {
+  const machine::ProcessorInfo processor = machine::ReadProcessor(machine);
   Json::Value data(Json::objectValue);
   // Only root may read the serial number; "" means unknown.
   data["model"] = machine.ReadLine("/sys/class/dmi/id/product_name");
@@ -17,9 +14,9 @@ void SystemInfo(const Machine& machine, const Call& call) {
   data["cpu"]["model"] = processor.model;
   data["cpu"]["cores"] = processor.cores;
   data["cpu"]["clock_speed"] = processor.clock_mhz;
-  data["memory"] = static_cast<Json::UInt64>(ReadMemory(machine).value_or(MemoryFigures()).total);
-  data["uptime"] = static_cast<Json::UInt64>(UptimeSeconds(machine));
-  data["version"] = SystemVersion(machine);
+  data["memory"] = static_cast<Json::UInt64>(machine::ReadMemory(machine).value_or(machine::MemoryStats()).total);
+  data["uptime"] = static_cast<Json::UInt64>(machine::UptimeSeconds(machine));
+  data["version"] = machine::SystemVersion(machine);
   call.response->SetSuccess(data);
 }
 
@@ -35,7 +32,7 @@ void WebService(const std::function<WebPorts()>& web_ports, const Call& call) {
 
 }  // namespace
 
-std::vector<webapi::ApiRow> SystemRows(const ServiceParts& parts) {
+std::vector<ApiRow> SystemRows(const ServiceParts& parts) {
   return {HostRow(
               "VEXA.Core.System", "info", LaneKind::kQuick,
               [machine = parts.machine](const Call& call) { SystemInfo(machine, call); },
@@ -46,4 +43,4 @@ std::vector<webapi::ApiRow> SystemRows(const ServiceParts& parts) {
               "The ports of the host's web service.")};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

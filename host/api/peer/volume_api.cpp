@@ -11,18 +11,15 @@
 
 #include "host/api/peer/rows.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
-
-using webapi::Call;
-using webapi::LaneKind;
 
 bool IsBelow(std::string_view path, std::string_view folder) {
   if (folder == "/") return true;
   return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
-// Absolute, without "..", and nothing that the system would interpret as another path.
+// An absolute path without "..", shorter than PATH_MAX and without NUL.
 bool IsVolumePath(const std::string& path) {
   if (path.empty() || path.front() != '/' || path.size() >= PATH_MAX || path.find('\0') != std::string::npos) {
     return false;
@@ -33,7 +30,7 @@ bool IsVolumePath(const std::string& path) {
   return true;
 }
 
-// Without symbolic links, because one must not lead out of the roots. Not set: there is no such folder below a root.
+// Resolves symbolic links, because one must not lead out of the roots. Not set: there is no such folder below a root.
 std::optional<std::string> Resolve(const std::vector<std::string>& roots, const std::string& path) {
   const std::unique_ptr<char, void (*)(void*)> real(::realpath(path.c_str(), nullptr), ::free);
   if (!real) return std::nullopt;
@@ -61,19 +58,19 @@ std::string Unescape(std::string_view text) {
 
 // The type of the file system that contains `path`: that of the deepest mount point, or the last one mounted there. ""
 // when unknown.
-std::string FileSystemOf(const Machine& machine, const std::string& path) {
+std::string FileSystemOf(const machine::Machine& machine, const std::string& path) {
   std::string type;
   std::size_t deepest = 0;
   const std::string text = machine.Read("/proc/self/mountinfo").value_or("");
-  ForEachLine(text, [&](std::string_view line) {
+  machine::ForEachLine(text, [&](std::string_view line) {
     // id parent device root mount-point options [tags…] - type source options
-    const std::vector<std::string_view> fields = Fields(line);
+    const std::vector<std::string_view> fields = machine::Fields(line);
     const auto dash = std::ranges::find(fields, "-");
     if (fields.size() < 7 || dash == fields.end() || dash + 1 == fields.end()) return true;
     const std::string point = Unescape(fields[4]);
     if (point.size() >= deepest && IsBelow(path, point)) {
       deepest = point.size();
-      type = CleanText(*(dash + 1));
+      type = machine::CleanText(*(dash + 1));
     }
     return true;
   });
@@ -85,16 +82,16 @@ Json::UInt64 Bytes(std::uint64_t blocks, std::uint64_t block_bytes) {
   return __builtin_mul_overflow(blocks, block_bytes, &bytes) ? std::numeric_limits<Json::UInt64>::max() : bytes;
 }
 
-void VolumeGet(const Machine& machine, const std::vector<std::string>& roots, const Call& call) {
+void VolumeGet(const machine::Machine& machine, const std::vector<std::string>& roots, const Call& call) {
   const auto path = call.request->GetAndCheckString("volume_path", kRequired, IsVolumePath);
-  if (path.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  if (path.IsInvalid()) return Fail(call, host_error::kBadParameter);
   const std::optional<std::string> folder = Resolve(roots, path.Get());
-  struct statvfs figures {};
-  if (!folder || ::statvfs(folder->c_str(), &figures) != 0) return Fail(call, kErrorUnreadable);
+  struct statvfs stats {};
+  if (!folder || ::statvfs(folder->c_str(), &stats) != 0) return Fail(call, host_error::kNotFoundOrUnreadable);
   Json::Value data(Json::objectValue);
   Json::Value& volume = data["volume"];
-  volume["size_total_byte"] = Bytes(figures.f_blocks, figures.f_frsize);
-  volume["size_free_byte"] = Bytes(figures.f_bavail, figures.f_frsize);
+  volume["size_total_byte"] = Bytes(stats.f_blocks, stats.f_frsize);
+  volume["size_free_byte"] = Bytes(stats.f_bavail, stats.f_frsize);
   volume["fs_type"] = FileSystemOf(machine, *folder);
   volume["status"] = "normal";
   call.response->SetSuccess(data);
@@ -102,13 +99,14 @@ void VolumeGet(const Machine& machine, const std::vector<std::string>& roots, co
 
 }  // namespace
 
-std::vector<webapi::ApiRow> VolumeRows(const ServiceParts& parts) {
+std::vector<ApiRow> VolumeRows(const ServiceParts& parts) {
   // The long lane: a file system that has lost its server does not respond.
   return {HostRow(
       "VEXA.Core.Storage.Volume", "get", LaneKind::kLong,
       [machine = parts.machine, roots = parts.volume_roots](const Call& call) { VolumeGet(machine, roots, call); },
-      "The size in bytes and the file system of the volume that holds a folder.",
-      {Text("volume_path", "An absolute path of a folder.")}, {webapi::kErrorBadParameter, kErrorUnreadable})};
+      "The size in bytes and the file system of the volume that a folder is on.",
+      {Text("volume_path", "An absolute path of a folder.")},
+      {host_error::kBadParameter, host_error::kNotFoundOrUnreadable})};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

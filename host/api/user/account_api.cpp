@@ -1,25 +1,22 @@
 #include "host/api/user/account_api.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <map>
 #include <utility>
 
 #include "host/api/rows.h"
 #include "host/api/user/password_api.h"
-#include "host/base/error_table.h"
 #include "host/cluster/account_commit.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-using cluster::AccountKind;
-using webapi::Access;
-using webapi::Call;
-using webapi::LaneKind;
-using webapi::Necessity;
-using webapi::ParameterType;
+using records::AccountKind;
 
-// The users and groups that are advanced by their own record.
+// The users and groups whose own grant record has the level "advanced".
 class AdvancedPrincipals {
  public:
   static Result<AdvancedPrincipals> Read(const store::Store& store) {
@@ -35,12 +32,12 @@ class AdvancedPrincipals {
     return advanced;
   }
 
-  // A record that was given to another name does not count.
+  // A record that was created for another name does not count: the id belonged to another account then.
   bool Has(AccountKind kind, std::uint32_t id, const std::string& name) const {
     const auto found = ids_.find(Key{kind, id});
     return found != ids_.end() && (found->second.empty() || found->second == name);
   }
-  bool Has(const base::User& user) const {
+  bool Has(const accounts::User& user) const {
     if (Has(AccountKind::kUser, user.uid, user.name)) return true;
     return std::any_of(user.groups.begin(), user.groups.end(),
                        [this](const auto& group) { return Has(AccountKind::kGroup, group.gid, group.name); });
@@ -48,18 +45,18 @@ class AdvancedPrincipals {
 
  private:
   using Key = std::pair<AccountKind, std::uint32_t>;
-  std::map<Key, std::string> ids_;  // with whom the record was given to
+  std::map<Key, std::string> ids_;  // with the name for which the record was created
 };
 
 void ListUsers(const AccountServices& services, const Call& call) {
-  if (!HasAccounts(services, call)) return;
+  if (!RequireStoreAccounts(services, call)) return;
   const auto users = services.accounts->ListUsers();
   if (!users) return Refuse(call, users.error());
   const auto advanced = AdvancedPrincipals::Read(*services.store);
   if (!advanced) return Refuse(call, advanced.error());
   Json::Value data(Json::objectValue);
   Json::Value& list = data["users"] = Json::Value(Json::arrayValue);
-  for (const base::User& user : *users) {
+  for (const accounts::User& user : *users) {
     Json::Value& entry = list.append(Json::Value(Json::objectValue));
     entry["name"] = user.name;
     entry["uid"] = user.uid;
@@ -67,17 +64,17 @@ void ListUsers(const AccountServices& services, const Call& call) {
     entry["administrator"] = user.is_administrator;
     entry["advanced"] = advanced->Has(user);
     entry["groups"] = Json::Value(Json::arrayValue);
-    for (const base::Group& group : user.groups) {
-      Json::Value& of_user = entry["groups"].append(Json::Value(Json::objectValue));
-      of_user["name"] = group.name;
-      of_user["gid"] = group.gid;
+    for (const accounts::Group& group : user.groups) {
+      Json::Value& group_entry = entry["groups"].append(Json::Value(Json::objectValue));
+      group_entry["name"] = group.name;
+      group_entry["gid"] = group.gid;
     }
   }
   call.response->SetSuccess(data);
 }
 
 void ListGroups(const AccountServices& services, const Call& call) {
-  if (!HasAccounts(services, call)) return;
+  if (!RequireStoreAccounts(services, call)) return;
   const auto groups = services.accounts->ListGroups();
   if (!groups) return Refuse(call, groups.error());
   const auto advanced = AdvancedPrincipals::Read(*services.store);
@@ -100,147 +97,122 @@ void AddUser(const AccountServices& services, const Call& call) {
       call.request->GetAndCheckString("name", kRequired, [](const std::string& text) { return IsAccountName(text); });
   const auto password = call.request->GetAndCheckString("password", kRequired, IsPasswordLength);
   const bool has_uid = call.request->HasParam("uid");
-  const auto uid = IdOf(call.request->GetParam("uid", Json::Value()));
-  if (name.IsInvalid() || password.IsInvalid() || (has_uid && !uid)) return Fail(call, webapi::kErrorBadParameter);
-  auto groups = ReadTexts(call, "groups", kOptional, IsAccountName);
+  const auto uid = ParseId(call.request->GetParam("uid", Json::Value()));
+  if (name.IsInvalid() || password.IsInvalid() || (has_uid && !uid)) return Fail(call, user_error::kBadParameter);
+  auto groups = ReadStrings(call, "groups", kOptional, IsAccountName);
   if (!groups) return;
   const auto is_advanced = ReadFlag(call, "advanced");
-  if (!is_advanced || !HasAccounts(services, call)) return;
-  if (const Status checked = uid ? cluster::AccountStore::CheckSharedUid(*uid) : Status(); !checked) {
+  if (!is_advanced || !RequireStoreAccounts(services, call)) return;
+  if (const Status checked = uid ? cluster::AccountStore::CheckMachineUid(*uid) : Status(); !checked) {
     return Refuse(call, checked.error());
   }
   using Level = cluster::AccountStore::Level;
   const Status added = services.accounts->AddUser(
       {name.Get(), password.Get(), std::move(*groups), uid, *is_advanced ? Level::kAdvanced : Level::kUser});
   if (!added && added.error().code() == ErrorCode::kConflict) {
-    return Refuse(call, added.error(), webapi::kErrorAccountTaken);
+    return Refuse(call, added.error(), user_error::kAccountTaken);
   }
-  Finish(call, added, "The user [" + name.Get() + "] has been added.");
+  Finish(call, added, fmt::format("The user [{}] has been added.", name.Get()));
 }
 
-// The user that "name" or "id" names; otherwise the call is answered. Callers change the account with its id: the name
-// may belong to another account by then.
-std::optional<base::User> FindUser(const AccountServices& services, const Call& call) {
-  const auto word = ReadNameOrId(call, IsAccountName);
-  if (!word || !HasAccounts(services, call)) return std::nullopt;
-  const auto* const name = std::get_if<std::string>(&*word);
-  auto user =
-      name ? services.accounts->FindUser(*name) : services.accounts->FindUserByUid(std::get<std::uint32_t>(*word));
+// Finds the user by "name" or "id". Not set: the call has been answered. Callers change the account by its id,
+// because the name may belong to another account by then.
+std::optional<accounts::User> FindUser(const AccountServices& services, const Call& call) {
+  const auto name_or_id = ReadNameOrId(call, IsAccountName);
+  if (!name_or_id || !RequireStoreAccounts(services, call)) return std::nullopt;
+  const auto* const name = std::get_if<std::string>(&*name_or_id);
+  auto user = name ? services.accounts->FindUser(*name)
+                   : services.accounts->FindUserByUid(std::get<std::uint32_t>(*name_or_id));
   if (user) return std::move(*user);
   Refuse(call, user.error());
   return std::nullopt;
 }
 
-// As Finish. A refusal of the account store is about the last administrator.
-void FinishUnlessLast(const Call& call, const Status& status, const std::string& done) {
+// Like Finish, for changes that the account store denies only if they affect the last administrator.
+void FinishUnlessLastAdministrator(const Call& call, const Status& status, const std::string& done) {
   const bool is_last = !status && status.error().code() == ErrorCode::kDenied;
-  return is_last ? Refuse(call, status.error(), webapi::kErrorLastAdministrator) : Finish(call, status, done);
+  return is_last ? Refuse(call, status.error(), user_error::kLastAdministrator) : Finish(call, status, done);
 }
 
 void DeleteUser(const AccountServices& services, const Call& call) {
   const auto user = FindUser(services, call);
   if (!user) return;
-  FinishUnlessLast(call, services.accounts->DeleteUser(user->uid), "The user [" + user->name + "] has been deleted.");
+  FinishUnlessLastAdministrator(call, services.accounts->DeleteUser(user->uid),
+                                fmt::format("The user [{}] has been deleted.", user->name));
 }
 
 void SetGroups(const AccountServices& services, const Call& call) {
-  const auto groups = ReadTexts(call, "groups", kRequired, IsAccountName);
+  const auto groups = ReadStrings(call, "groups", kRequired, IsAccountName);
   if (!groups) return;
   const auto user = FindUser(services, call);
   if (!user) return;
-  std::string shown;
-  for (const std::string& group : *groups) shown += (shown.empty() ? "" : ", ") + group;
-  FinishUnlessLast(call, services.accounts->SetGroups(user->uid, *groups),
-                   "The groups of the user [" + user->name + "] are now [" + shown + "].");
+  FinishUnlessLastAdministrator(
+      call, services.accounts->SetGroups(user->uid, *groups),
+      fmt::format("The groups of the user [{}] are now [{}].", user->name, fmt::join(*groups, ", ")));
 }
 
 void DeleteGroup(const AccountServices& services, const Call& call) {
-  const auto word = ReadNameOrId(call, IsAccountName);
-  if (!word || !HasAccounts(services, call)) return;
-  const auto* const name = std::get_if<std::string>(&*word);
-  const auto group =
-      name ? services.accounts->FindGroup(*name) : services.accounts->FindGroupByGid(std::get<std::uint32_t>(*word));
+  const auto name_or_id = ReadNameOrId(call, IsAccountName);
+  if (!name_or_id || !RequireStoreAccounts(services, call)) return;
+  const auto* const name = std::get_if<std::string>(&*name_or_id);
+  const auto group = name ? services.accounts->FindGroup(*name)
+                          : services.accounts->FindGroupByGid(std::get<std::uint32_t>(*name_or_id));
   if (!group) return Refuse(call, group.error());
   const Status deleted = services.accounts->DeleteGroup(group->gid);
   if (!deleted && deleted.error().code() == ErrorCode::kDenied) {
-    return Refuse(call, deleted.error(), webapi::kErrorGroupStays);
+    return Refuse(call, deleted.error(), user_error::kGroupCannotBeDeleted);
   }
-  Finish(call, deleted, "The group [" + group->name + "] has been deleted.");
+  Finish(call, deleted, fmt::format("The group [{}] has been deleted.", group->name));
 }
 
 }  // namespace
 
-std::vector<webapi::ApiRow> AccountRows(const AccountServices& services) {
+std::vector<ApiRow> AccountRows(const AccountServices& services) {
   constexpr std::string_view kApi = "VEXA.Core.Account";
-  const webapi::Parameter groups{"groups", ParameterType::kArray, Necessity::kOptional,
-                                 "Names of groups, at most 1000; missing ones are created."};
-  std::vector<webapi::ApiRow> rows{
-      {.api = kApi,
-       .method = "user_list",
-       .version = 1,
-       .access = Access::kAdministrator,
-       .lane = LaneKind::kQuick,
-       .handler = [services](const Call& call) { ListUsers(services, call); },
-       .summary = "The users of the cluster with their ids and groups, by name.",
-       .parameters = {},
-       .errors = {webapi::kErrorAccountsFromPam, webapi::kErrorAccountDamaged, webapi::kErrorAccountsUnavailable}},
-      {.api = kApi,
-       .method = "user_add",
-       .version = 1,
-       .access = Access::kAdministrator,
-       .lane = LaneKind::kLong,
-       .handler = [services](const Call& call) { AddUser(services, call); },
-       .summary = "Add a user. The user starts without grants.",
-       .parameters = {Text("name", "The user's name: 1 to 64 letters, digits and . _ - @ \\."),
-                      Text("password", "The password, 8 to 512 bytes of UTF-8."), groups,
-                      Optional("uid", ParameterType::kInteger,
-                               "The user id of this person on all machines, known to their Unix sockets; without it "
-                               "an id that was never used. Not root's, nor that of the daemon's own account."),
-                      Optional("advanced", ParameterType::kBoolean, "Make the user an advanced one.")},
-       .errors = AccountErrors({webapi::kErrorAccountTaken})},
-      {.api = kApi,
-       .method = "user_delete",
-       .version = 1,
-       .access = Access::kAdministrator,
-       .lane = LaneKind::kQuick,
-       .handler = [services](const Call& call) { DeleteUser(services, call); },
-       .summary =
-           "Delete a user and what was granted to them. Their sessions end on every host. The last administrator "
-           "cannot be deleted.",
-       .parameters = {NameOf("The user's name; or:"), Id("the user's id.")},
-       .errors = AccountErrors({webapi::kErrorLastAdministrator})},
-      {.api = kApi,
-       .method = "groups_set",
-       .version = 1,
-       .access = Access::kAdministrator,
-       .lane = LaneKind::kQuick,
-       .handler = [services](const Call& call) { SetGroups(services, call); },
-       .summary = "Replace the groups of a user, except for the primary one. The last administrator stays one.",
-       .parameters = {NameOf("The user's name; or:"),
-                      Id("the user's id."),
-                      {"groups", ParameterType::kArray, Necessity::kRequired, groups.description}},
-       .errors = AccountErrors({webapi::kErrorLastAdministrator})},
-      {.api = kApi,
-       .method = "group_list",
-       .version = 1,
-       .access = Access::kAdministrator,
-       .lane = LaneKind::kQuick,
-       .handler = [services](const Call& call) { ListGroups(services, call); },
-       .summary = "The groups of the cluster with their ids and members, by name.",
-       .parameters = {},
-       .errors = {webapi::kErrorAccountsFromPam, webapi::kErrorAccountDamaged, webapi::kErrorAccountsUnavailable}},
-      {.api = kApi,
-       .method = "group_delete",
-       .version = 1,
-       .access = Access::kAdministrator,
-       .lane = LaneKind::kQuick,
-       .handler = [services](const Call& call) { DeleteGroup(services, call); },
-       .summary = "Delete a group that nobody is in, and what was granted to it.",
-       .parameters = {NameOf("The group's name; or:"), Id("the group's id.")},
-       .errors = AccountErrors({webapi::kErrorGroupStays})},
+  const Parameter groups{"groups", ParameterType::kArray, Necessity::kOptional,
+                         "Names of groups, at most 1000; missing ones are created."};
+  std::vector<ApiRow> rows{
+      AdministratorRow(kApi, "user_list", LaneKind::kQuick, [services](const Call& call) { ListUsers(services, call); },
+                       "The users of the cluster with their ids and groups, by name.", {},
+                       {user_error::kAccountsFromPam, user_error::kAccountDamaged, user_error::kAccountsUnavailable}),
+      AdministratorRow(
+          kApi, "user_add", LaneKind::kLong, [services](const Call& call) { AddUser(services, call); },
+          "Add a user. The user starts without grants.",
+          {Text("name", "The user's name: 1 to 64 letters, digits and . _ - @ \\."),
+           Text("password", "The password, 8 to 512 bytes of UTF-8."), groups,
+           Optional("uid", ParameterType::kInteger,
+                    "The user id of this person on all machines, known to their Unix sockets; default: "
+                    "an id that has never been used. Not root's, nor that of the daemon's own account."),
+           Optional("advanced", ParameterType::kBoolean, "Whether the user is advanced.")},
+          AccountErrors({user_error::kAccountTaken})),
+      AdministratorRow(
+          kApi, "user_delete", LaneKind::kQuick, [services](const Call& call) { DeleteUser(services, call); },
+          "Delete a user and their grants. Their sessions end on every host. The last administrator cannot be "
+          "deleted.",
+          {NameParameter("The user's name, unless the id is given."),
+           IdParameter("The user's id, unless the name is given.")},
+          AccountErrors({user_error::kLastAdministrator})),
+      AdministratorRow(
+          kApi, "groups_set", LaneKind::kQuick, [services](const Call& call) { SetGroups(services, call); },
+          "Replace the groups of a user, except for the primary one. The last administrator cannot be removed from the "
+          "administrators' group.",
+          {NameParameter("The user's name, unless the id is given."),
+           IdParameter("The user's id, unless the name is given."),
+           {"groups", ParameterType::kArray, Necessity::kRequired, groups.description}},
+          AccountErrors({user_error::kLastAdministrator})),
+      AdministratorRow(kApi, "group_list", LaneKind::kQuick,
+                       [services](const Call& call) { ListGroups(services, call); },
+                       "The groups of the cluster with their ids and members, by name.", {},
+                       {user_error::kAccountsFromPam, user_error::kAccountDamaged, user_error::kAccountsUnavailable}),
+      AdministratorRow(
+          kApi, "group_delete", LaneKind::kQuick, [services](const Call& call) { DeleteGroup(services, call); },
+          "Delete a group without members, and its grants.",
+          {NameParameter("The group's name, unless the id is given."),
+           IdParameter("The group's id, unless the name is given.")},
+          AccountErrors({user_error::kGroupCannotBeDeleted})),
   };
   rows.push_back(PasswordRow(services));
   return rows;
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

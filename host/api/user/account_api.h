@@ -6,10 +6,10 @@
 #include "host/api/api_table.h"
 #include "host/api/user/account_calls.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-// For administrators, but for "password_set": users set their own password when they give the old one.
-// Where the daemon takes its users from PAM, all of them are refused.
-std::vector<webapi::ApiRow> AccountRows(const AccountServices& services);
+// For administrators, except for "password_set": users may set their own password if they know the old one.
+// If the daemon takes its users from PAM, all of them are refused.
+std::vector<ApiRow> AccountRows(const AccountServices& services);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

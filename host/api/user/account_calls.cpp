@@ -3,108 +3,86 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "host/accounts/account_nss.h"
 #include "host/accounts/account_password.h"
 #include "host/api/reason.h"
 #include "host/api/rows.h"
-#include "host/base/error_table.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_log.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
-using cluster::AccountKind;
-using webapi::Call;
+using records::AccountKind;
 
 constexpr std::size_t kMaxReason = 1024;
 constexpr std::size_t kMaxLine = 1024;
 
+constexpr std::pair<ErrorCode, int> kCodes[] = {{ErrorCode::kInvalid, user_error::kBadParameter},
+                                                {ErrorCode::kNotFound, user_error::kNoAccount},
+                                                {ErrorCode::kDenied, user_error::kGrantsOfOtherAccount},
+                                                {ErrorCode::kCorrupt, user_error::kAccountDamaged}};
+
 int CodeOf(const Error& error) {
-  switch (error.code()) {
-    case ErrorCode::kInvalid:
-      return webapi::kErrorBadParameter;
-    case ErrorCode::kNotFound:
-      return webapi::kErrorNoAccount;
-    case ErrorCode::kDenied:
-      return webapi::kErrorGrantsOfAnother;
-    case ErrorCode::kCorrupt:
-      return webapi::kErrorAccountDamaged;
-    default:
-      return webapi::kErrorAccountsUnavailable;
-  }
+  const auto* const row = std::ranges::find(kCodes, error.code(), &std::pair<ErrorCode, int>::first);
+  return row == std::end(kCodes) ? user_error::kAccountsUnavailable : row->second;
 }
 
 }  // namespace
 
-bool IsAccountName(std::string_view name) { return base::IsValidAccountName(name); }
+bool IsAccountName(std::string_view name) { return accounts::IsValidAccountName(name); }
 
 bool IsPasswordLength(const std::string& password) {
-  return !password.empty() && password.size() <= base::kMaxPasswordBytes;
+  return !password.empty() && password.size() <= accounts::kMaxPasswordBytes;
 }
 
-webapi::Parameter Optional(std::string_view name, webapi::ParameterType type, std::string_view description) {
-  return {name, type, webapi::Necessity::kOptional, description};
-}
+Parameter NameParameter(std::string_view description) { return OptionalString("name", description); }
 
-webapi::Parameter NameOf(std::string_view description) {
-  return Optional("name", webapi::ParameterType::kString, description);
-}
-
-webapi::Parameter Id(std::string_view description) {
-  return Optional("id", webapi::ParameterType::kInteger, description);
-}
+Parameter IdParameter(std::string_view description) { return Optional("id", ParameterType::kInteger, description); }
 
 std::vector<int> AccountErrors(std::vector<int> more) {
-  more.insert(more.end(), {webapi::kErrorBadParameter, webapi::kErrorNoAccount, webapi::kErrorAccountsFromPam,
-                           webapi::kErrorAccountDamaged, webapi::kErrorAccountsUnavailable});
+  more.insert(more.end(), {user_error::kBadParameter, user_error::kNoAccount, user_error::kAccountsFromPam,
+                           user_error::kAccountDamaged, user_error::kAccountsUnavailable});
   std::sort(more.begin(), more.end());
   return more;
 }
 
-std::string_view WordOf(AccountKind kind) { return kind == AccountKind::kUser ? "user" : "group"; }
+std::string_view AccountKindName(AccountKind kind) { return kind == AccountKind::kUser ? "user" : "group"; }
 
-std::optional<std::uint32_t> IdOf(const Json::Value& value) {
+std::optional<std::uint32_t> ParseId(const Json::Value& value) {
   const bool is_integer = value.type() == Json::intValue || value.type() == Json::uintValue;
   if (!is_integer || !value.isUInt() || json::UInt(value) == UINT32_MAX) return std::nullopt;
   return json::UInt(value);
 }
 
-std::optional<bool> ReadFlag(const Call& call, const char* name) {
-  const auto flag = call.request->GetAndCheckBool(name, kOptional);
-  if (!flag.IsInvalid()) return flag.IsSet() && flag.Get();
-  Fail(call, webapi::kErrorBadParameter);
-  return std::nullopt;
-}
-
-std::optional<cluster::PrincipalWord> ReadNameOrId(const Call& call, bool is_valid_name(std::string_view)) {
+std::optional<cluster::PrincipalNameOrId> ReadNameOrId(const Call& call, bool is_valid_name(std::string_view)) {
   const auto name = call.request->GetAndCheckString("name", kOptional);
   const bool has_id = call.request->HasParam("id");
-  const auto id = IdOf(call.request->GetParam("id", Json::Value()));
-  const bool is_wrong =
+  const auto id = ParseId(call.request->GetParam("id", Json::Value()));
+  const bool is_invalid =
       name.IsInvalid() || name.IsSet() == has_id || (has_id && !id) || (name.IsSet() && !is_valid_name(name.Get()));
-  if (!is_wrong) return has_id ? cluster::PrincipalWord(*id) : cluster::PrincipalWord(name.Get());
-  Fail(call, webapi::kErrorBadParameter);
+  if (!is_invalid) return has_id ? cluster::PrincipalNameOrId(*id) : cluster::PrincipalNameOrId(name.Get());
+  Fail(call, user_error::kBadParameter);
   return std::nullopt;
 }
 
-std::optional<std::vector<std::string>> ReadTexts(const Call& call, const char* name, int necessity,
-                                                  bool is_valid(std::string_view)) {
+std::optional<std::vector<std::string>> ReadStrings(const Call& call, const char* name, int necessity,
+                                                    bool is_valid(std::string_view)) {
   const auto list = call.request->GetAndCheckArray(name, necessity);
-  bool is_wrong = list.IsInvalid() || list.Get().size() > kMaxAccountList;
-  std::vector<std::string> texts;
-  if (!is_wrong) {
+  bool is_invalid = list.IsInvalid() || list.Get().size() > kMaxAccountList;
+  std::vector<std::string> strings;
+  if (!is_invalid) {
     for (const Json::Value& element : json::Elements(list.Get())) {
-      texts.push_back(json::String(element));
-      is_wrong = is_wrong || !element.isString() || !is_valid(texts.back());
+      strings.push_back(json::String(element));
+      is_invalid = is_invalid || !element.isString() || !is_valid(strings.back());
     }
   }
-  if (!is_wrong) return texts;
-  Fail(call, webapi::kErrorBadParameter);
+  if (!is_invalid) return strings;
+  Fail(call, user_error::kBadParameter);
   return std::nullopt;
 }
 
@@ -113,42 +91,45 @@ std::optional<PrincipalParameters> ReadPrincipal(const Call& call) {
   const auto kind = call.request->GetAndCheckString(
       "kind", kRequired, [](const std::string& text) { return text == "user" || text == "group"; });
   if (kind.IsInvalid()) {
-    Fail(call, webapi::kErrorBadParameter);
+    Fail(call, user_error::kBadParameter);
     return std::nullopt;
   }
   principal.kind = kind.Get() == "user" ? AccountKind::kUser : AccountKind::kGroup;
   const auto is_system = ReadFlag(call, "system");
   if (!is_system) return std::nullopt;
   principal.is_system = *is_system;
-  auto word = ReadNameOrId(call, principal.is_system ? base::IsSystemName : IsAccountName);
-  if (!word) return std::nullopt;
-  principal.word = std::move(*word);
+  auto name_or_id = ReadNameOrId(call, principal.is_system ? accounts::IsSystemName : IsAccountName);
+  if (!name_or_id) return std::nullopt;
+  principal.name_or_id = std::move(*name_or_id);
   return principal;
 }
 
-bool HasAccounts(const AccountServices& services, const Call& call) {
+bool RequireStoreAccounts(const AccountServices& services, const Call& call) {
   if (services.accounts) return true;
-  Fail(call, webapi::kErrorAccountsFromPam);
+  Fail(call, user_error::kAccountsFromPam);
   return false;
 }
 
-// Rights count by id alone: those of a system user would be those of whichever account of the store has the same id.
-bool IsOfThisDaemon(const AccountServices& services, const Call& call, const PrincipalParameters& principal) {
-  if (!principal.is_system) return HasAccounts(services, call);
+// Grants are looked up by id alone: a system user would have those of the account in the store with the same id.
+bool RequireSupportedPrincipal(const AccountServices& services, const Call& call,
+                               const PrincipalParameters& principal) {
+  if (!principal.is_system) return RequireStoreAccounts(services, call);
   if (!services.accounts) return true;
-  Refuse(call,
-         Error(ErrorCode::kInvalid,
-               "The machine's own users and groups have no rights here, because the daemon's setting 'accounts' is "
-               "\"store\". Leave 'system' (--system) out"));
+  Refuse(
+      call,
+      Error(ErrorCode::kInvalid,
+            "Users and groups of the operating system have no rights here, because the daemon's setting 'accounts' is "
+            "\"store\". Leave out 'system' (--system)"));
   return false;
 }
 
-std::optional<cluster::GrantPrincipal> Find(const AccountServices& services, const Call& call,
-                                            const PrincipalParameters& principal) {
-  if (!IsOfThisDaemon(services, call, principal)) return std::nullopt;
+std::optional<cluster::GrantPrincipal> FindPrincipal(const AccountServices& services, const Call& call,
+                                                     const PrincipalParameters& principal) {
+  if (!RequireSupportedPrincipal(services, call, principal)) return std::nullopt;
   Result<cluster::GrantPrincipal> found =
-      principal.is_system ? cluster::FindSystemPrincipal(principal.kind, principal.word)
-                          : cluster::FindPrincipal(*services.accounts, *services.store, principal.kind, principal.word);
+      principal.is_system
+          ? cluster::FindSystemPrincipal(principal.kind, principal.name_or_id)
+          : cluster::FindPrincipal(*services.accounts, *services.store, principal.kind, principal.name_or_id);
   if (found) return std::move(*found);
   Refuse(call, found.error());
   return std::nullopt;
@@ -157,23 +138,23 @@ std::optional<cluster::GrantPrincipal> Find(const AccountServices& services, con
 void Refuse(const Call& call, const Error& error) { Refuse(call, error, CodeOf(error)); }
 
 void Refuse(const Call& call, const Error& error, int code) {
-  const std::string reason = cluster::LogText(error.ToString() + ".", kMaxReason);
-  if (code == webapi::kErrorAccountDamaged || code == webapi::kErrorAccountsUnavailable) {
+  const std::string reason = SanitizeForLog(error.ToString() + ".", kMaxReason);
+  if (code == user_error::kAccountDamaged || code == user_error::kAccountsUnavailable) {
     ::syslog(LOG_WARNING, "An account or grant could not be changed or read for user[%s]: %s",
              call.request->GetLoginUserName().c_str(), reason.c_str());
   }
   // Causes name files and records, which only administrators may see.
-  if (call.request->IsAdmin() || error.code() == ErrorCode::kInvalid) webapi::SetReason(call, reason);
+  if (call.request->IsAdmin() || error.code() == ErrorCode::kInvalid) SetReason(call, reason);
   Fail(call, code);
 }
 
 void Finish(const Call& call, const Status& status, const std::string& done) {
   if (!status) return Refuse(call, status.error());
   const std::string user = call.request->GetLoginUserName();
-  const std::string line = cluster::LogText(done, kMaxLine);
+  const std::string line = SanitizeForLog(done, kMaxLine);
   ::syslog(LOG_NOTICE, "%s By user[%s] from [%s].", line.c_str(), user.c_str(), call.caller.peer.c_str());
   VexaCCC::ClusterLogAdd(user, VexaCCC::CLOG_PRIORITY_SUCCESS, "%s", line.c_str());
   call.response->SetSuccess(Json::Value(Json::objectValue));
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

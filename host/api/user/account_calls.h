@@ -1,4 +1,4 @@
-// What the methods of VEXA.Core.Account share: their services, how they read parameters, refuse, and log.
+// Shared by the methods of VEXA.Core.Account: their services, and functions that read parameters, refuse and log.
 #pragma once
 
 #include <cstdint>
@@ -15,63 +15,63 @@
 #include "host/session/login_limiter.h"
 #include "host/store/store.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 inline constexpr std::size_t kMaxAccountList = 1000;  // names or ids in one parameter
 
 struct AccountServices {
   std::shared_ptr<store::Store> store;
   std::shared_ptr<cluster::AccountStore> accounts;  // null: the daemon takes its users from PAM
-  daemon::LoginLimiter* limiter = nullptr;          // outlives the rows' handlers
+  session::LoginLimiter* limiter = nullptr;         // outlives the rows' handlers
 };
 
-// Whom the parameters "kind", "name" or "id", and "system" name.
+// The user or group that the parameters "kind", "name" or "id", and "system" identify.
 struct PrincipalParameters {
-  cluster::AccountKind kind = cluster::AccountKind::kUser;
-  cluster::PrincipalWord word;
+  records::AccountKind kind = records::AccountKind::kUser;
+  cluster::PrincipalNameOrId name_or_id;
   bool is_system = false;
 };
 
-// Each answers the call, and gives nothing, when a parameter is missing or not valid.
-std::optional<PrincipalParameters> ReadPrincipal(const webapi::Call& call);
-// Of "name" or "id": exactly one of them.
-std::optional<cluster::PrincipalWord> ReadNameOrId(const webapi::Call& call, bool is_valid_name(std::string_view));
-// A list of at most kMaxAccountList texts. Optional and absent: an empty list.
-std::optional<std::vector<std::string>> ReadTexts(const webapi::Call& call, const char* name, int necessity,
-                                                  bool is_valid(std::string_view));
-std::optional<bool> ReadFlag(const webapi::Call& call, const char* name);
+// Not set when a parameter is missing or not valid; the call has then been answered.
+std::optional<PrincipalParameters> ReadPrincipal(const Call& call);
+// Reads "name" or "id"; exactly one of them must be given.
+std::optional<cluster::PrincipalNameOrId> ReadNameOrId(const Call& call, bool is_valid_name(std::string_view));
+// Reads a list of at most kMaxAccountList strings; an empty list when it is optional and absent.
+std::optional<std::vector<std::string>> ReadStrings(const Call& call, const char* name, int necessity,
+                                                    bool is_valid(std::string_view));
 
 // An id in a parameter: 0 to 4294967294.
-std::optional<std::uint32_t> IdOf(const Json::Value& value);
+std::optional<std::uint32_t> ParseId(const Json::Value& value);
 
-// Whether the accounts are in the store; otherwise the call is answered.
-bool HasAccounts(const AccountServices& services, const webapi::Call& call);
+// Whether the accounts are in the store. If not, answers the call.
+bool RequireStoreAccounts(const AccountServices& services, const Call& call);
 
-// Whether the daemon takes its users from where the principal is; otherwise the call is answered.
-bool IsOfThisDaemon(const AccountServices& services, const webapi::Call& call, const PrincipalParameters& principal);
+// Whether the daemon takes its users from the store, or for a system principal, from the machine. If not, answers the
+// call.
+bool RequireSupportedPrincipal(const AccountServices& services, const Call& call, const PrincipalParameters& principal);
 
-// The principal; otherwise the call is answered.
-std::optional<cluster::GrantPrincipal> Find(const AccountServices& services, const webapi::Call& call,
-                                            const PrincipalParameters& principal);
+// Not set when there is no such user or group; the call has then been answered.
+std::optional<cluster::GrantPrincipal> FindPrincipal(const AccountServices& services, const Call& call,
+                                                     const PrincipalParameters& principal);
 
 // Answers with the code for `error`, or with `code`, and with the error's sentence as the reason.
-void Refuse(const webapi::Call& call, const Error& error);
-void Refuse(const webapi::Call& call, const Error& error, int code);
+void Refuse(const Call& call, const Error& error);
+void Refuse(const Call& call, const Error& error, int code);
 
-// Answers with success when `status` is, after `done`, a sentence, has been written to the system log and the cluster
-// log with who did it.
-void Finish(const webapi::Call& call, const Status& status, const std::string& done);
+// Refuses with the error in `status`. Without one, writes the sentence `done` and the caller to the system log and the
+// cluster log, and answers with success.
+void Finish(const Call& call, const Status& status, const std::string& done);
 
-std::string_view WordOf(cluster::AccountKind kind);  // "user" or "group"
+std::string_view AccountKindName(records::AccountKind kind);  // "user" or "group"
 
 bool IsAccountName(std::string_view name);
-// Whether it has the length that a password may have. The account store says what else is wrong with a new one.
+// Whether its length is allowed for a password. The account store checks everything else about a new one.
 bool IsPasswordLength(const std::string& password);
 
-// Parameters of rows, and the codes that most of the methods can answer with those in `more`, in rising order.
-webapi::Parameter Optional(std::string_view name, webapi::ParameterType type, std::string_view description);
-webapi::Parameter NameOf(std::string_view description);
-webapi::Parameter Id(std::string_view description);
+// Parameters of rows.
+Parameter NameParameter(std::string_view description);
+Parameter IdParameter(std::string_view description);
+// The error codes that most of the methods share, and those in `more`, in ascending order.
 std::vector<int> AccountErrors(std::vector<int> more);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

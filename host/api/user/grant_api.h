@@ -6,10 +6,10 @@
 #include "host/api/api_table.h"
 #include "host/api/user/account_calls.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-// For administrators. Users and groups are those of the cluster, or with "system" the machine's own: for daemons that
-// take their users from PAM, which refuse the others.
-std::vector<webapi::ApiRow> GrantRows(const AccountServices& services);
+// For administrators. Users and groups are those of the cluster or, with "system", of the operating system. Daemons
+// that take their users from PAM refuse those of the cluster, and the others refuse those of the operating system.
+std::vector<ApiRow> GrantRows(const AccountServices& services);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -5,8 +5,8 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
-std::vector<webapi::ApiRow> GuestRows();
+std::vector<ApiRow> GuestRows();
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

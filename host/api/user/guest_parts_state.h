@@ -5,13 +5,16 @@
 
 #include <string>
 
-namespace vexa::services {
+#include "host/records/reader.h"
+
+namespace vexa::api {
 
 // An entry for each disk that the guest's record lists, in its order: {"vdisk_id", "name" ("" without one), "status",
 // "status_type"}, the last two as users see them. Unreadable parts of a disk count as missing.
-Json::Value DiskStatesOf(const Json::Value& guest);
+Json::Value DiskStatesOf(const records::Reader& reader, const Json::Value& guest);
 
-// {"reason": a word of ShutdownWord(), "forced"}; null for a guest that is not off, or when the reason is not stored.
-Json::Value ShutdownOf(const std::string& guest_id, const Json::Value& guest);
+// {"reason": a name from ShutdownCauseName(), "forced"}; null for a guest that is not off, or when the reason is not
+// stored.
+Json::Value ShutdownOf(const records::Reader& reader, const std::string& guest_id, const Json::Value& guest);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

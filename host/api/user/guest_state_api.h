@@ -6,10 +6,10 @@
 #include "host/api/api_table.h"
 #include "host/api/user/guest_states.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-// "list" and "status": the current records, and links that are a few seconds old. Neither waits for a host for more
-// than a moment. `states` must outlive the rows.
-std::vector<webapi::ApiRow> GuestStateRows(GuestStates& states);
+// "list" and "status". They use the current records, and link states that may be a few seconds old. Neither waits for a
+// host for more than a second. `states` must outlive the rows.
+std::vector<ApiRow> GuestStateRows(GuestStates& states);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,25 +1,26 @@
 #include "host/api/user/host_api.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "host/api/rows.h"
-#include "host/api/user/gone_host.h"
 #include "host/api/user/host_list_api.h"
+#include "host/api/user/unreachable_host.h"
+#include "host/records/keys.h"
+#include "host/records/object_members.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/utils.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
-using webapi::Call;
 
 Json::Value UtilizationParameters() {
   Json::Value parameters(Json::objectValue);
@@ -28,14 +29,19 @@ Json::Value UtilizationParameters() {
   return parameters;
 }
 
-// The contents of its record, which are known even when the host does not answer.
-Json::Value FromRecord(const std::string& host_id, const Json::Value& record) {
+// The members from the host's record, which are known even when the host does not answer. Not set when it cannot be
+// read.
+std::optional<Json::Value> FromRecord(const std::string& host_id) {
+  const auto reader = records::ReaderOfRequest();
+  if (!reader) return std::nullopt;
+  const auto record = records::ReadMember(**reader, DashCate::Host, host_id, keys::object);
+  if (!record || !*record) return std::nullopt;
   Json::Value host(Json::objectValue);
   host["host_id"] = host_id;
-  host["state"] = std::string(HostStateWord(json::String(json::Member(record, keys::state))));
-  ShowLife(LifeOrAlive(host_id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
+  host["state"] = std::string(HostStateName(json::String(json::Member(**record, keys::state))));
+  AddLiveness(LivenessOrAlive(**reader, host_id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
   for (const char* name : {"name", "version", "addresses", "cpu_cores", "cpu_clock_speed", "ram_size", "started"}) {
-    if (const Json::Value* member = json::FindMember(record, name)) host[name] = *member;
+    if (const Json::Value* member = json::FindMember(**record, name)) host[name] = *member;
   }
   return host;
 }
@@ -49,7 +55,8 @@ void AskHost(const std::string& host_id, Json::Value& host) {
     host["utilization"] = std::move(answer);
   }
   answer = Json::Value(Json::objectValue);
-  // A partial answer is valid even when another host's record cannot be read.
+  // Intentional: the result is ignored, because a partial answer is valid even when another host's record cannot be
+  // read.
   (void)VexaVirtualization::GetHostResourceInfo(true, answer);
   if (const Json::Value* resources = json::FindMember(answer, host_id)) host["resources"] = *resources;
   answer = Json::Value(Json::arrayValue);
@@ -62,21 +69,21 @@ void AskHost(const std::string& host_id, Json::Value& host) {
 
 void HostGet(const Call& call) {
   const auto id = call.request->GetAndCheckString("host_id", kOptional, VexaCCC::Utils::isUUID);
-  if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  if (id.IsInvalid()) return Fail(call, user_error::kBadParameter);
   const std::string host_id = id.IsSet() ? id.Get() : VexaCCC::DB::DBLocalhostID();
-  Json::Value record;
-  if (Dashboard(DashCate::Host, host_id).Get(record, keys::object) != 0) return Fail(call, kErrorUnreadable);
-  Json::Value host = FromRecord(host_id, record);
-  AskHost(host_id, host);
-  call.response->SetSuccess(host);
+  std::optional<Json::Value> host = FromRecord(host_id);
+  if (!host) return Fail(call, user_error::kNotFoundOrUnreadable);
+  AskHost(host_id, *host);
+  call.response->SetSuccess(*host);
 }
 
 void GuestInfo(const Call& call) {
   const auto id = call.request->GetAndCheckString("guest_id", kRequired, VexaCCC::Utils::isUUID);
-  if (id.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, kErrorNotPermitted);
+  if (id.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  if (!VexaVirtualization::IsGuestPermitted(call.request, id.Get())) return Fail(call, user_error::kNotPermitted);
   Json::Value record;
-  if (Dashboard(DashCate::Guest, id.Get()).Get(record, keys::object) != 0) return Fail(call, kErrorUnreadable);
+  if (Dashboard(DashCate::Guest, id.Get()).Get(record, keys::object) != 0)
+    return Fail(call, user_error::kNotFoundOrUnreadable);
   Json::Value info(Json::objectValue);
   info["guest_id"] = id.Get();
   info["answered"] = VexaVirtualization::Guest::GetInformation(id.Get(), record, info);
@@ -85,28 +92,16 @@ void GuestInfo(const Call& call) {
 
 }  // namespace
 
-std::vector<webapi::ApiRow> HostQueryRows() {
-  using webapi::Access;
-  using webapi::LaneKind;
-  return {{.api = "VEXA.Virtualization.Host",
-           .method = "get",
-           .version = 1,
-           .access = Access::kAdministrator,
-           .lane = LaneKind::kLong,
-           .handler = HostGet,
-           .summary = "One host: its record, and its system, load, free resources and interfaces when it answers.",
-           .parameters = {{"host_id", webapi::ParameterType::kString, webapi::Necessity::kOptional,
-                           "The host's id, a UUID; the host that is asked without it."}},
-           .errors = {webapi::kErrorBadParameter, kErrorUnreadable}},
-          {.api = "VEXA.Virtualization.Guest",
-           .method = "info",
-           .version = 1,
-           .access = Access::kUser,
-           .lane = LaneKind::kLong,
-           .handler = GuestInfo,
-           .summary = "What a running guest's host knows: addresses, uptime, and whether the guest's agent answers.",
-           .parameters = {Text("guest_id", "The guest's id, a UUID.")},
-           .errors = {webapi::kErrorBadParameter, kErrorUnreadable, 409}}};
+std::vector<ApiRow> HostQueryRows() {
+  return {AdministratorRow("VEXA.Virtualization.Host", "get", LaneKind::kLong, HostGet,
+                           "One host: its record, and its system, load, free resources and interfaces when it answers.",
+                           {{"host_id", ParameterType::kString, Necessity::kOptional,
+                             "The host's id, a UUID (default: the host that is asked)."}},
+                           {user_error::kBadParameter, user_error::kNotFoundOrUnreadable}),
+          UserRow("VEXA.Virtualization.Guest", "info", LaneKind::kLong, GuestInfo,
+                  "What a running guest's host knows: addresses, uptime, and whether the guest's agent answers.",
+                  {Text("guest_id", "The guest's id, a UUID.")},
+                  {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kNotPermitted})};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -5,8 +5,8 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-std::vector<webapi::ApiRow> HostQueryRows();
+std::vector<ApiRow> HostQueryRows();
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -6,93 +6,88 @@
 #include <utility>
 
 #include "host/api/rows.h"
-#include "host/api/user/gone_host.h"
+#include "host/api/user/unreachable_host.h"
+#include "host/records/keys.h"
+#include "host/records/object_members.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 #include "webapi/utils/utils.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
-namespace keys = VexaCCC::DB::_k;
 namespace states = VexaCCC::State::Host;
-using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
-using webapi::Call;
 
-std::string VersionWord(const std::string& state) {
+std::string VersionStateName(const std::string& state) {
   if (state.empty() || state == VexaCCC::State::Version::unknown) return "unknown";
-  VexaVirtualization::UIState shown;
-  VexaVirtualization::GetStateType(VexaVirtualization::STATE_CATE_VERSION, state, shown);
-  return shown.state;
+  VexaVirtualization::UIState displayed;
+  VexaVirtualization::GetStateType(VexaVirtualization::STATE_CATE_VERSION, state, displayed);
+  return displayed.state;
 }
 
-// What is shown for the host: a running host whose version differs from the others' is shown by its version.
-void PutShown(const std::string& state, const std::string& version_state, Json::Value& host) {
-  const bool is_by_version =
+// The displayed state of a running host whose version differs from the others' is that of its version.
+void AddDisplayedState(const std::string& state, const std::string& version_state, Json::Value& host) {
+  const bool uses_version =
       VexaVirtualization::GetHostStateCate(state, version_state) == VexaVirtualization::STATE_CATE_VERSION;
-  VexaVirtualization::UIState shown;
+  VexaVirtualization::UIState displayed;
   VexaVirtualization::GetStateType(
-      is_by_version ? VexaVirtualization::STATE_CATE_VERSION : VexaVirtualization::STATE_CATE_HOST,
-      is_by_version ? version_state : state, shown);
-  host["status_of"] = is_by_version ? "version" : "host";
-  host["status"] = is_by_version ? shown.state : std::string(HostStateWord(state));
-  host["status_type"] = shown.type;
+      uses_version ? VexaVirtualization::STATE_CATE_VERSION : VexaVirtualization::STATE_CATE_HOST,
+      uses_version ? version_state : state, displayed);
+  host["status_of"] = uses_version ? "version" : "host";
+  host["status"] = uses_version ? displayed.state : std::string(HostStateName(state));
+  host["status_type"] = displayed.type;
 }
 
 // A host whose record cannot be read is still listed, without a name: its existence is worth knowing.
-Json::Value Describe(const std::string& id, const std::string& version_state) {
-  Json::Value record;
-  const bool readable = Dashboard(DashCate::Host, id).Get(record, keys::object) == 0;
-  const std::string state = readable ? json::String(json::Member(record, keys::state)) : std::string();
+Json::Value Describe(const records::Reader& reader, const std::string& id, const std::string& version_state) {
+  const auto found = records::ReadMember(reader, DashCate::Host, id, keys::object);
+  const Json::Value& record = found && *found ? **found : Json::Value::nullSingleton();
+  const std::string state = json::String(json::Member(record, keys::state));
   Json::Value host(Json::objectValue);
   host["host_id"] = id;
   host["name"] = json::String(json::Member(record, keys::name));
-  host["state"] = std::string(HostStateWord(state));
-  ShowLife(LifeOrAlive(id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
-  host["version_state"] = VersionWord(version_state);
-  PutShown(state, version_state, host);
+  host["state"] = std::string(HostStateName(state));
+  AddLiveness(LivenessOrAlive(reader, id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
+  host["version_state"] = VersionStateName(version_state);
+  AddDisplayedState(state, version_state, host);
   return host;
 }
 
 void ListHosts(const Call& call) {
-  std::vector<std::string> ids;
-  if (DashCate::Host.List(ids) != 0) return Fail(call, kErrorUnreadable);
+  const auto reader = records::ReaderOfRequest();
+  if (!reader) return Fail(call, user_error::kNotFoundOrUnreadable);
+  const auto ids = (*reader)->Children(records::CategoryKey(DashCate::Host.name()));
+  if (!ids) return Fail(call, user_error::kNotFoundOrUnreadable);
   std::map<std::string, std::string> versions;
   std::map<std::string, std::string> reachable;
-  // Without them the hosts are listed with unknown versions.
+  // When this fails, the hosts are listed with unknown versions.
   (void)VexaCCC::CCCVersionStateGetAllHosts(versions, reachable);
   Json::Value data(Json::objectValue);
   data["hosts"] = Json::Value(Json::arrayValue);
-  for (const std::string& id : ids) data["hosts"].append(Describe(id, versions[id]));
+  for (const std::string& id : *ids) data["hosts"].append(Describe(**reader, id, versions[id]));
   call.response->SetSuccess(data);
 }
 
 }  // namespace
 
-std::string_view HostStateWord(std::string_view state) {
-  const std::pair<const char*, std::string_view> words[] = {{states::running, "running"},
+std::string_view HostStateName(std::string_view state) {
+  const std::pair<const char*, std::string_view> names[] = {{states::running, "running"},
                                                             {states::inaccessible, "inaccessible"},
                                                             {states::network_warn, "network_warn"},
                                                             {states::control_unavail, "control_unavail"}};
-  for (const auto& [known, word] : words) {
-    if (state == known) return word;
+  for (const auto& [known, name] : names) {
+    if (state == known) return name;
   }
   return "unknown";
 }
 
-std::vector<webapi::ApiRow> HostListRows() {
-  return {{.api = "VEXA.Virtualization.Host",
-           .method = "list",
-           .version = 1,
-           .access = webapi::Access::kUser,
-           .lane = webapi::LaneKind::kQuick,
-           .handler = ListHosts,
-           .summary = "The hosts of the cluster: id, name, state, version state, and displayed state.",
-           .parameters = {},
-           .errors = {kErrorUnreadable}}};
+std::vector<ApiRow> HostListRows() {
+  return {UserRow("VEXA.Virtualization.Host", "list", LaneKind::kQuick, ListHosts,
+                  "The hosts of the cluster: id, name, state, version state, and displayed state.", {},
+                  {user_error::kNotFoundOrUnreadable})};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -5,13 +5,13 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // "list".
-std::vector<webapi::ApiRow> HostListRows();
+std::vector<ApiRow> HostListRows();
 
-// The word for a host's stored state: "running", "inaccessible", "network_warn", "control_unavail"; otherwise
+// The name of a host's stored state: "running", "inaccessible", "network_warn", "control_unavail"; otherwise
 // "unknown".
-std::string_view HostStateWord(std::string_view state);
+std::string_view HostStateName(std::string_view state);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,4 +1,4 @@
-// VEXA.Virtualization.Image: the ISO images that drives of guests can hold.
+// VEXA.Virtualization.Image: the ISO images for the drives of guests.
 #pragma once
 
 #include <memory>
@@ -8,9 +8,9 @@
 #include "host/api/api_table.h"
 #include "host/store/store.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // "list", "add", "remove". Files must be below one of `image_roots`.
-std::vector<webapi::ApiRow> ImageRows(std::shared_ptr<store::Store> store, std::vector<std::string> image_roots);
+std::vector<ApiRow> ImageRows(const std::shared_ptr<store::Store>& store, std::vector<std::string> image_roots);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -12,19 +12,16 @@
 #include "json/readers.h"
 #include "webapi/platform/ccc_log.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using guests::GuestImport;
 using guests::ImportedGuest;
 using guests::ImportRequest;
-using guests::Refused;
-using webapi::Call;
 
-void LogImport(const std::string& user, const Refused& refused, const ImportedGuest& imported) {
+void LogImport(const std::string& user, const Result<void, Refusal>& outcome, const ImportedGuest& imported) {
   using namespace VexaCCC;
-  if (refused) {
+  if (!outcome.ok()) {
     ClusterLogAdd(user, CLOG_PRIORITY_FAILURE, "Failed to import the virtual machine [%s].", imported.name.c_str());
   } else if (imported.is_replacement) {
     ClusterLogAdd(user, CLOG_PRIORITY_SUCCESS, "The virtual machine [%s] has been replaced by an import.",
@@ -34,23 +31,23 @@ void LogImport(const std::string& user, const Refused& refused, const ImportedGu
   }
 }
 
-Json::Value DescribeRefusal(const guests::Refusal& refusal) {
+Json::Value DescribeRefusal(const Refusal& refusal) {
   Json::Value error(Json::objectValue);
   error["code"] = refusal.code;
-  const webapi::ErrorRow* const row = webapi::FindError(refusal.code);
+  const ErrorRow* const row = FindError(refusal.code);
   error["message"] = row ? std::string(row->sentence) : std::string();
-  error[webapi::kReason] = refusal.reason;
+  error[kReason] = refusal.reason;
   return error;
 }
 
-Json::Value Describe(const Refused& refused, const ImportedGuest& imported, guests::ImportMode mode) {
+Json::Value Describe(const Result<void, Refusal>& outcome, const ImportedGuest& imported, guests::ImportMode mode) {
   Json::Value result(Json::objectValue);
   if (!imported.id.empty()) {
     result["guest_id"] = imported.id;
     result["name"] = imported.name;
   }
-  if (refused) {
-    result["error"] = DescribeRefusal(*refused);
+  if (!outcome.ok()) {
+    result["error"] = DescribeRefusal(outcome.error());
     return result;
   }
   result["replaced"] = imported.is_replacement;
@@ -61,7 +58,7 @@ Json::Value Describe(const Refused& refused, const ImportedGuest& imported, gues
   return result;
 }
 
-// The flags and what was planned before; otherwise the call is answered.
+// Reads the flags and the guests that were planned by earlier calls. Not set: the call has been answered.
 std::optional<GuestImport::Options> ReadOptions(const Call& call) {
   const auto replace = ReadFlag(call, "replace");
   if (!replace) return std::nullopt;
@@ -73,7 +70,7 @@ std::optional<GuestImport::Options> ReadOptions(const Call& call) {
   if (!call.request->HasParam("planned")) return options;
   auto planned = ReadPlannedGuests(*dry_run ? call.request->GetParam("planned", Json::Value()) : Json::Value());
   if (!planned) {
-    Fail(call, webapi::kErrorBadParameter, planned.error().message());
+    Fail(call, user_error::kBadParameter, planned.error().message());
     return std::nullopt;
   }
   options.planned = std::move(*planned);
@@ -84,49 +81,48 @@ void Import(store::Store& store, const Call& call) {
   auto options = ReadOptions(call);
   if (!options) return;
   const auto requests = ReadImportRequests(call.request->GetParam("guests", Json::Value()));
-  if (!requests) return Fail(call, webapi::kErrorBadParameter, requests.error().message());
+  if (!requests) return Fail(call, user_error::kBadParameter, requests.error().message());
   const guests::ImportMode mode = options->mode;
   GuestImport importer(store, std::move(*options));
   Json::Value data(Json::objectValue);
   Json::Value& results = data["results"] = Json::Value(Json::arrayValue);
   for (const ImportRequest& request : *requests) {
     ImportedGuest imported;
-    const Refused refused = importer.Import(request, imported);
-    // A definition that cannot be understood has no name that could be logged.
+    const auto outcome = importer.Import(request, imported);
+    // A definition that cannot be parsed has no name to log.
     if (mode == guests::ImportMode::kWrite && !imported.name.empty()) {
-      LogImport(call.request->GetLoginUserName(), refused, imported);
+      LogImport(call.request->GetLoginUserName(), outcome, imported);
     }
-    results.append(Describe(refused, imported, mode));
+    results.append(Describe(outcome, imported, mode));
   }
   call.response->SetSuccess(data);
 }
 
 }  // namespace
 
-std::vector<webapi::ApiRow> ImportRows(std::shared_ptr<store::Store> store) {
-  using webapi::ParameterType;
+std::vector<ApiRow> ImportRows(std::shared_ptr<store::Store> store) {
   return {
       {.api = "VEXA.Virtualization.Guest",
        .method = "import",
        .version = 1,
-       .access = webapi::Access::kAdministrator,
-       .lane = webapi::LaneKind::kLong,
+       .access = Access::kAdministrator,
+       .lane = LaneKind::kLong,
        .handler = [store = std::move(store)](const Call& call) { Import(*store, call); },
-       .summary = "Take guests over from libvirt's domain XML, each whole or not at all. The reply has a result for "
-                  "each guest, in order: what it has become, or the error.",
-       .parameters = {{"guests", ParameterType::kArray, webapi::Necessity::kRequired,
+       .summary = "Import guests from libvirt's domain XML, each completely or not at all. The reply has a result for "
+                  "each guest, in order: its id and its parts, or the error.",
+       .parameters = {{"guests", ParameterType::kArray, Necessity::kRequired,
                        "1 to 100 objects: xml, and optionally guest_id (refused when the XML has another one), "
                        "repository_id, host_id, autostart, has_variables, disk_sizes_mib (by the disk's target), "
                        "image_sizes (bytes by path; null for an image that cannot be read), networks (ids by name)."},
                       Optional("replace", ParameterType::kBoolean,
-                               "Replace guests that exist already and are shut down. Without it they are refused."),
+                               "Replace guests that already exist and are shut down. Without it, they are refused."),
                       Optional("dry_run", ParameterType::kBoolean,
-                               "Check everything, answer the records, and change nothing."),
+                               "Check everything and return the records, but change nothing."),
                       Optional("planned", ParameterType::kObject,
-                               "In a dry run: names by id of guests that earlier calls have accepted.")},
-       .errors = {webapi::kErrorBadParameter, guests::kRunsAlready, guests::kImportBusy, cluster::kRecordExists,
-                  cluster::kRecordFailed},
-       .body_bytes = webapi::kMostBodyBytes}};
+                               "In a dry run: the names, by id, of guests that earlier calls have accepted.")},
+       .errors = {user_error::kBadParameter, user_error::kAddressInUseOrGuestRuns, user_error::kGuestBusy,
+                  user_error::kRecordExists, user_error::kRecordFailed},
+       .body_bytes = kMaxBodyBytes}};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

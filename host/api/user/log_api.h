@@ -5,9 +5,9 @@
 
 #include "host/api/api_table.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // "list": for administrators and advanced users, because the log names all guests.
-std::vector<webapi::ApiRow> LogRows();
+std::vector<ApiRow> LogRows();
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,5 +1,6 @@
 #include "host/api/user/password_api.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <chrono>
@@ -9,65 +10,62 @@
 #include <variant>
 
 #include "host/api/rows.h"
-#include "host/base/error_table.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-using webapi::Call;
-using webapi::ParameterType;
-
-// The user's hash when the old password is theirs. Guessing is slowed down as at a login. Otherwise the call is
-// answered.
-std::optional<std::string> VerifyOldPassword(const AccountServices& services, const Call& call, const base::User& user,
-                                             const std::string& old_password) {
-  const std::string limited_name = base::FoldedName(user.name);
-  const std::chrono::milliseconds wait = services.limiter->Begin(call.caller.peer, limited_name);
+// The hash of the user's password, if the old password is right. Attempts are limited like logins. Not set when it is
+// wrong or cannot be checked; the call has then been answered.
+std::optional<std::string> VerifyOldPassword(const AccountServices& services, const Call& call,
+                                             const accounts::User& user, const std::string& old_password) {
+  const std::string limiter_key = accounts::LowerCaseName(user.name);
+  const std::chrono::milliseconds wait = services.limiter->TakeToken(call.caller.peer, limiter_key);
   if (wait.count() > 0) {
     call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
-    Fail(call, webapi::kErrorTooManyLogins);
+    Fail(call, user_error::kTooManyLogins);
     return std::nullopt;
   }
-  const Result<cluster::Account> verified = services.accounts->VerifyAccount(user.name, old_password);
-  // Intentional: unlike a login, a success gives no attempt back. Each change writes to the store and the cluster log.
+  const Result<records::Account> verified = services.accounts->VerifyAccount(user.name, old_password);
+  // Intentional: unlike a login, a success does not return the attempt to the limiter, because each change writes to
+  // the store and the cluster log.
   if (verified && verified->user.uid == user.uid) return verified->password;
   if (!verified && verified.error().code() != ErrorCode::kDenied) {
     Refuse(call, verified.error());
     return std::nullopt;
   }
-  ::syslog(LOG_WARNING, "The old password of user[%s] that came from [%s] is wrong.", user.name.c_str(),
-           call.caller.peer.c_str());
-  Fail(call, webapi::kErrorOldPassword);
+  ::syslog(LOG_WARNING, "Wrong old password for user[%s] from [%s].", user.name.c_str(), call.caller.peer.c_str());
+  Fail(call, user_error::kWrongOldPassword);
   return std::nullopt;
 }
 
-// Nothing: the caller's own.
-bool IsOwn(const Call& call, const std::optional<cluster::PrincipalWord>& word) {
-  if (!word) return true;
-  if (const auto* id = std::get_if<std::uint32_t>(&*word)) return *id == call.caller.user.uid;
-  return base::FoldedName(std::get<std::string>(*word)) == base::FoldedName(call.caller.user.name);
+// Whether `name_or_id` is that of the caller. Without one, the caller is meant.
+bool IsOwn(const Call& call, const std::optional<cluster::PrincipalNameOrId>& name_or_id) {
+  if (!name_or_id) return true;
+  if (const auto* id = std::get_if<std::uint32_t>(&*name_or_id)) return *id == call.caller.user.uid;
+  return accounts::LowerCaseName(std::get<std::string>(*name_or_id)) == accounts::LowerCaseName(call.caller.user.name);
 }
 
 void SetPassword(const AccountServices& services, const Call& call) {
   const auto password = call.request->GetAndCheckString("password", kRequired, IsPasswordLength);
   const auto old_password = call.request->GetAndCheckString("old_password", kOptional, IsPasswordLength);
-  if (password.IsInvalid() || old_password.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
-  std::optional<cluster::PrincipalWord> word;
+  if (password.IsInvalid() || old_password.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  std::optional<cluster::PrincipalNameOrId> name_or_id;
   if (call.request->HasParam("name") || call.request->HasParam("id")) {
-    word = ReadNameOrId(call, IsAccountName);
-    if (!word) return;
+    name_or_id = ReadNameOrId(call, IsAccountName);
+    if (!name_or_id) return;
   }
-  if (!call.request->IsAdmin() && !IsOwn(call, word)) return Fail(call, webapi::kErrorDenied);
-  if (!HasAccounts(services, call)) return;
-  const auto* const id = word ? std::get_if<std::uint32_t>(&*word) : nullptr;
-  const auto user = id ? services.accounts->FindUserByUid(*id)
-                       : services.accounts->FindUser(word ? std::get<std::string>(*word) : call.caller.user.name);
+  if (!call.request->IsAdmin() && !IsOwn(call, name_or_id)) return Fail(call, user_error::kDenied);
+  if (!RequireStoreAccounts(services, call)) return;
+  const auto* const id = name_or_id ? std::get_if<std::uint32_t>(&*name_or_id) : nullptr;
+  const auto user =
+      id ? services.accounts->FindUserByUid(*id)
+         : services.accounts->FindUser(name_or_id ? std::get<std::string>(*name_or_id) : call.caller.user.name);
   if (!user) return Refuse(call, user.error());
-  // Users of other accounts than these cannot be meant, whatever they are called.
+  // Not by name alone: the caller's account may have been replaced by another one with the same name.
   const bool is_self = user->uid == call.caller.user.uid && user->name == call.caller.user.name;
-  if (!call.request->IsAdmin() && !is_self) return Fail(call, webapi::kErrorDenied);
-  const bool needs_old = !call.request->IsAdmin() || !word;
-  if (needs_old && !old_password.IsSet()) return Fail(call, webapi::kErrorOldPassword);
+  if (!call.request->IsAdmin() && !is_self) return Fail(call, user_error::kDenied);
+  const bool needs_old_password = !call.request->IsAdmin() || !name_or_id;
+  if (needs_old_password && !old_password.IsSet()) return Fail(call, user_error::kWrongOldPassword);
   std::optional<std::string> old_hash;
   if (old_password.IsSet()) {
     old_hash = VerifyOldPassword(services, call, *user, old_password.Get());
@@ -76,29 +74,28 @@ void SetPassword(const AccountServices& services, const Call& call) {
   // The account may have been deleted, or its password changed, since it was found.
   const Status changed = services.accounts->SetPassword(user->uid, password.Get(), old_hash);
   if (!changed && changed.error().code() == ErrorCode::kDenied) {
-    return Refuse(call, changed.error(), webapi::kErrorOldPassword);
+    return Refuse(call, changed.error(), user_error::kWrongOldPassword);
   }
-  Finish(call, changed, "The password of the user [" + user->name + "] has been changed.");
+  Finish(call, changed, fmt::format("The password of the user [{}] has been changed.", user->name));
 }
 
 }  // namespace
 
-webapi::ApiRow PasswordRow(const AccountServices& services) {
+ApiRow PasswordRow(const AccountServices& services) {
   constexpr std::string_view kApi = "VEXA.Core.Account";
-  return {
-      .api = kApi,
-      .method = "password_set",
-      .version = 1,
-      .access = webapi::Access::kUser,
-      .lane = webapi::LaneKind::kLong,
-      .handler = [services](const Call& call) { SetPassword(services, call); },
-      .summary = "Set a password: one's own with the old one, or as an administrator that of the user who is named.",
-      .parameters = {Text("password", "The new password, 8 to 512 bytes of UTF-8."),
-                     Optional("old_password", ParameterType::kString,
-                              "The password until now. Only administrators who name a user may leave it out."),
-                     NameOf("The user's name; without name and id the caller's own password is set; or:"),
-                     Id("the user's id.")},
-      .errors = AccountErrors({webapi::kErrorDenied, webapi::kErrorTooManyLogins, webapi::kErrorOldPassword})};
+  return {.api = kApi,
+          .method = "password_set",
+          .version = 1,
+          .access = Access::kUser,
+          .lane = LaneKind::kLong,
+          .handler = [services](const Call& call) { SetPassword(services, call); },
+          .summary = "Set a password: the caller's own, with the old one, or, as an administrator, that of any user.",
+          .parameters = {Text("password", "The new password, 8 to 512 bytes of UTF-8."),
+                         Optional("old_password", ParameterType::kString,
+                                  "The current password. Only administrators who name a user may leave it out."),
+                         NameParameter("The user's name. Without a name or id, the caller's own password is set."),
+                         IdParameter("The user's id, unless the name is given.")},
+          .errors = AccountErrors({user_error::kDenied, user_error::kTooManyLogins, user_error::kWrongOldPassword})};
 }
 
-}  // namespace vexa::services
+}  // namespace vexa::api

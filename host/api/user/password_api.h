@@ -4,8 +4,8 @@
 #include "host/api/api_table.h"
 #include "host/api/user/account_calls.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-webapi::ApiRow PasswordRow(const AccountServices& services);
+ApiRow PasswordRow(const AccountServices& services);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

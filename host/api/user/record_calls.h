@@ -1,27 +1,28 @@
-// What the methods about images and repositories share.
+// Shared by the methods about images and repositories: they list, add and change named records.
 #pragma once
-
-#include <syslog.h>
 
 #include <string>
 #include <string_view>
 
-#include "host/api/rows.h"
-#include "host/base/log_text.h"
+#include "host/api/api_table.h"
+#include "host/api/user/outcome_log.h"
+#include "host/base/refusal.h"
 #include "host/base/result.h"
-#include "host/records/named_record.h"
+#include "host/store/store.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-// Answers that `what` cannot be listed; the reason goes to the system log, and to administrators.
-inline void FailToList(const webapi::Call& call, std::string_view what, const Error& error) {
-  constexpr std::size_t kMaxReason = 1024;
-  const std::string reason =
-      cluster::LogText("The " + std::string(what) + " cannot be listed: " + error.ToString() + ".", kMaxReason);
-  ::syslog(LOG_WARNING, "%s Asked by user[%s].", reason.c_str(), call.request->GetLoginUserName().c_str());
-  Fail(call, cluster::kRecordFailed);
-  // Causes name files and records.
-  if (call.request->IsAdmin()) webapi::SetReason(call, reason);
-}
+// Responds that `what` cannot be listed. The reason is written to the system log, and returned to administrators.
+void RespondListError(const Call& call, std::string_view what, const Error& error);
 
-}  // namespace vexa::services
+// Responds with the result of adding a record: {`id_member`: id}, or the refusal.
+void RespondToAddition(const Call& call, const Result<void, Refusal>& done, const char* id_member,
+                       const std::string& id);
+
+// Changes one record and logs the outcome. `change` gets the id in the parameter `id_parameter`, and sets the record's
+// name, or "" when that is unknown. `log` gets the name or, without one, the id.
+void ChangeRecord(store::Store& store, const Call& call, const char* id_parameter,
+                  Result<void, Refusal> change(store::Store& store, const std::string& id, std::string& name),
+                  void log(const Call& call, Outcome outcome, const std::string& name));
+
+}  // namespace vexa::api

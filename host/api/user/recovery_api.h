@@ -8,8 +8,8 @@
 #include "host/api/api_table.h"
 #include "host/store/store.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
-std::vector<webapi::ApiRow> RecoveryRows(std::shared_ptr<store::Store> store);
+std::vector<ApiRow> RecoveryRows(const std::shared_ptr<store::Store>& store);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

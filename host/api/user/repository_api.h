@@ -7,9 +7,9 @@
 #include "host/api/api_table.h"
 #include "host/store/store.h"
 
-namespace vexa::services {
+namespace vexa::api {
 
 // "list", "add", "remove", "accept".
-std::vector<webapi::ApiRow> RepositoryRows(std::shared_ptr<store::Store> store);
+std::vector<ApiRow> RepositoryRows(const std::shared_ptr<store::Store>& store);
 
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,60 +1,50 @@
 #include "host/api/user/session_api.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
+#include "host/accounts/account_password.h"
 #include "host/api/identity.h"
-#include "host/base/error_table.h"
+#include "host/api/rows.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 namespace {
 
-using webapi::Access;
-using webapi::Call;
-using webapi::LaneKind;
-using webapi::Necessity;
-using webapi::ParameterType;
-
-constexpr int kRequired = 0;
-constexpr int kOptional = 1;
-constexpr std::size_t kMaxPassword = 512;
-
-void Fail(const Call& call, int code) { call.response->SetError(code, Json::Value()); }
-
-std::string SessionCookie(std::string_view token, const webapi::Caller& caller, std::chrono::seconds max_age) {
-  std::string cookie = std::string(kSessionCookie) + "=" + std::string(token) + "; Path=/; HttpOnly; SameSite=Strict";
-  cookie += "; Max-Age=" + std::to_string(max_age.count());
-  if (caller.tls) cookie += "; Secure";
-  return cookie;
+std::string SessionCookie(std::string_view token, const Caller& caller, std::chrono::seconds max_age) {
+  return fmt::format("{}={}; Path=/; HttpOnly; SameSite=Strict; Max-Age={}{}", kSessionCookie, token, max_age.count(),
+                     caller.tls ? "; Secure" : "");
 }
 
-// A wrong name and a wrong password get the same answer, and are logged with the name but never the password.
+// A wrong name and a wrong password get the same response. Failures are logged with the name, but never the password.
 void Login(const SessionServices& services, const Call& call) {
   const auto user = call.request->GetAndCheckString(
-      "user", kRequired, [](const std::string& name) { return base::IsValidAccountName(name); });
-  const auto password = call.request->GetAndCheckString(
-      "password", kRequired, [](const std::string& text) { return !text.empty() && text.size() <= kMaxPassword; });
+      "user", kRequired, [](const std::string& name) { return accounts::IsValidAccountName(name); });
+  const auto password = call.request->GetAndCheckString("password", kRequired, [](const std::string& text) {
+    return !text.empty() && text.size() <= accounts::kMaxPasswordBytes;
+  });
   const auto as_cookie = call.request->GetAndCheckBool("cookie", kOptional);
-  if (user.IsInvalid() || password.IsInvalid() || as_cookie.IsInvalid()) return Fail(call, webapi::kErrorBadParameter);
+  if (user.IsInvalid() || password.IsInvalid() || as_cookie.IsInvalid()) return Fail(call, user_error::kBadParameter);
   // The accounts treat different spellings of a name as one, and so must the limiter.
-  const std::string limited_name = base::FoldedName(user.Get());
-  const std::chrono::milliseconds wait = services.limiter->Begin(call.caller.peer, limited_name);
+  const std::string limiter_key = accounts::LowerCaseName(user.Get());
+  const std::chrono::milliseconds wait = services.limiter->TakeToken(call.caller.peer, limiter_key);
   if (wait.count() > 0) {
     call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
-    return Fail(call, webapi::kErrorTooManyLogins);
+    return Fail(call, user_error::kTooManyLogins);
   }
-  const Result<base::User> verified = services.accounts->VerifyPassword(user.Get(), password.Get());
+  const Result<accounts::User> verified = services.accounts->VerifyPassword(user.Get(), password.Get());
   if (!verified) {
     const bool denied = verified.error().code() == ErrorCode::kDenied;
     ::syslog(denied ? LOG_WARNING : LOG_ERR, "Login of user[%s] from [%s] failed: %s", user.Get().c_str(),
              call.caller.peer.c_str(), verified.error().ToString().c_str());
-    return Fail(call, denied ? webapi::kErrorWrongPassword : webapi::kErrorInternal);
+    return Fail(call, denied ? user_error::kWrongPassword : user_error::kInternal);
   }
-  services.limiter->Succeeded(call.caller.peer, limited_name);
-  const Result<NewSession> session = services.sessions->Create({verified->name, verified->uid});
+  services.limiter->ReturnToken(call.caller.peer, limiter_key);
+  const Result<session::NewSession> session = services.sessions->Create({verified->name, verified->uid});
   if (!session) {
-    ::syslog(LOG_ERR, "No session for user[%s]: %s", verified->name.c_str(), session.error().ToString().c_str());
-    return Fail(call, session.error().code() == ErrorCode::kBusy ? webapi::kErrorBusy : webapi::kErrorInternal);
+    ::syslog(LOG_ERR, "No session could be created for user[%s]: %s", verified->name.c_str(),
+             session.error().ToString().c_str());
+    return Fail(call, session.error().code() == ErrorCode::kBusy ? user_error::kHostBusy : user_error::kInternal);
   }
   ::syslog(LOG_INFO, "User[%s] logged in from [%s].", verified->name.c_str(), call.caller.peer.c_str());
   Json::Value data(Json::objectValue);
@@ -78,7 +68,7 @@ void Logout(const SessionServices& services, const Call& call) {
 }
 
 void Info(const Call& call) {
-  const base::User& user = call.caller.user;
+  const accounts::User& user = call.caller.user;
   Json::Value data(Json::objectValue);
   data["user"] = user.name;
   data["uid"] = user.uid;
@@ -89,7 +79,7 @@ void Info(const Call& call) {
 
 }  // namespace
 
-std::vector<webapi::ApiRow> SessionRows(const SessionServices& services) {
+std::vector<ApiRow> SessionRows(const SessionServices& services) {
   constexpr std::string_view kApi = "VEXA.Core.Session";
   return {
       {.api = kApi,
@@ -98,31 +88,17 @@ std::vector<webapi::ApiRow> SessionRows(const SessionServices& services) {
        .access = Access::kAnyone,
        .lane = LaneKind::kLong,
        .handler = [services](const Call& call) { Login(services, call); },
-       .summary = "Log in. The result holds a token for the Authorization header, or sets a cookie.",
-       .parameters = {{"user", ParameterType::kString, Necessity::kRequired, "The user's name."},
-                      {"password", ParameterType::kString, Necessity::kRequired, "The password."},
-                      {"cookie", ParameterType::kBoolean, Necessity::kOptional,
-                       "true: the token comes as a cookie, and calls must show \"csrf_token\" as X-Vexa-CSRF."}},
-       .errors = {webapi::kErrorBadParameter, webapi::kErrorWrongPassword, webapi::kErrorTooManyLogins}},
-      {.api = kApi,
-       .method = "logout",
-       .version = 1,
-       .access = Access::kUser,
-       .lane = LaneKind::kLong,
-       .handler = [services](const Call& call) { Logout(services, call); },
-       .summary = "End the caller's session.",
-       .parameters = {},
-       .errors = {}},
-      {.api = kApi,
-       .method = "info",
-       .version = 1,
-       .access = Access::kUser,
-       .lane = LaneKind::kQuick,
-       .handler = Info,
-       .summary = "Who the caller is.",
-       .parameters = {},
-       .errors = {}},
+       .summary = "Log in. The reply has a token for the Authorization header, or sets a cookie.",
+       .parameters =
+           {{"user", ParameterType::kString, Necessity::kRequired, "The user's name."},
+            {"password", ParameterType::kString, Necessity::kRequired, "The password."},
+            {"cookie", ParameterType::kBoolean, Necessity::kOptional,
+             "true: the token is set as a cookie, and calls must send \"csrf_token\" in the header X-Vexa-CSRF."}},
+       .errors = {user_error::kBadParameter, user_error::kWrongPassword, user_error::kTooManyLogins}},
+      UserRow(kApi, "logout", LaneKind::kLong, [services](const Call& call) { Logout(services, call); },
+              "End the caller's session.", {}, {}),
+      UserRow(kApi, "info", LaneKind::kQuick, Info, "The caller's name, id and rights.", {}, {}),
   };
 }
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -9,16 +9,16 @@
 #include "host/session/login_limiter.h"
 #include "host/session/sessions.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 
 // All must outlive the rows' handlers.
 struct SessionServices {
-  SessionTable* sessions;
-  const base::AccountProvider* accounts;
-  LoginLimiter* limiter;
+  session::SessionTable* sessions;
+  const accounts::AccountProvider* accounts;
+  session::LoginLimiter* limiter;
   std::chrono::seconds lifetime;
 };
 
-std::vector<webapi::ApiRow> SessionRows(const SessionServices& services);
+std::vector<ApiRow> SessionRows(const SessionServices& services);
 
-}  // namespace vexa::daemon
+}  // namespace vexa::api

@@ -4,27 +4,27 @@
 
 #include <utility>
 
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/guests/deletion/deletion_job.h"
 #include "host/guests/deletion/leftovers.h"
-#include "host/guests/jobs/begun_jobs.h"
 #include "host/guests/jobs/deletion_record.h"
 #include "host/guests/jobs/job_record.h"
+#include "host/guests/jobs/unfinished_jobs.h"
 
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kShownReason = 1024;
+constexpr std::size_t kMaxLoggedReasonBytes = 1024;
 
 ResumeJob ResumeDeletion(const DeletionOptions& options) {
-  return [&options](const std::string& guest_id, const StoredJob& begun) {
-    return DeletionJob(options, guest_id).Resume(begun);
+  return [&options](const std::string& guest_id, const StoredJob& unfinished) {
+    return DeletionJob(options, guest_id).Resume(unfinished);
   };
 }
 
 }  // namespace
 
-Refused Deletion::Delete(const std::string& guest_id, const Requester& requester) {
+Result<void, Refusal> Deletion::Delete(const std::string& guest_id, const Requester& requester) {
   return DeletionJob(options_, guest_id).Start(requester);
 }
 
@@ -37,19 +37,22 @@ void Deletion::Finish(const std::string& guest_id) {
   FinishJob(*options_.store, kDeletionKind, options_.host_id, guest_id, ResumeDeletion(options_));
 }
 
-std::vector<std::string> Deletion::Begun() const { return BegunJobs(*options_.store, kDeletionKind, options_.host_id); }
+std::vector<std::string> Deletion::Unfinished() const {
+  return UnfinishedJobs(*options_.store, kDeletionKind, options_.host_id);
+}
 
 // Called repeatedly, so the same problem is not logged each time.
 void Deletion::RemoveLeftovers() {
-  std::map<std::string, std::string> in_the_way = guests::RemoveLeftovers(options_);
-  const std::lock_guard lock(told_mutex_);
-  for (const auto& [guest_id, reason] : in_the_way) {
-    const auto told = told_.find(guest_id);
-    if (told != told_.end() && told->second == reason) continue;
-    ::syslog(LOG_ERR, "Files that are left of the deleted guest[%s] could not be removed: %s",
-             cluster::LogText(guest_id, kShownId).c_str(), cluster::LogText(reason, kShownReason).c_str());
+  std::map<std::string, std::string> obstacles = guests::RemoveLeftovers(options_);
+  const MutexLock lock(logged_mutex_);
+  for (const auto& [guest_id, reason] : obstacles) {
+    const auto logged = logged_.find(guest_id);
+    if (logged != logged_.end() && logged->second == reason) continue;
+    ::syslog(LOG_ERR, "The remaining files of the deleted guest[%s] could not be removed: %s",
+             SanitizeForLog(guest_id, kMaxLoggedIdBytes).c_str(),
+             SanitizeForLog(reason, kMaxLoggedReasonBytes).c_str());
   }
-  told_ = std::move(in_the_way);
+  logged_ = std::move(obstacles);
 }
 
 }  // namespace vexa::guests

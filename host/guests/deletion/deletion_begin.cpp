@@ -1,9 +1,11 @@
 // The first half of a deletion: determines what is deleted with the guest, and records the intent.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
 #include <utility>
 
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/guests/deletion/deletion_job.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/object_edit.h"
@@ -12,9 +14,9 @@
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kStoredName = 256;
-// How often the plan's needs are looked up while the guest's disks change.
-constexpr int kLooks = 16;
+constexpr std::size_t kMaxStoredNameBytes = 256;
+// How often facts for the plan are gathered, at most, while the guest's disks change.
+constexpr int kMaxPlanAttempts = 16;
 
 // Errors about the guest's record, as opposed to the store.
 bool IsAboutRecord(const Error& error) {
@@ -28,106 +30,101 @@ bool IsAmong(const std::vector<HiddenFile>& files, const std::string& path) {
 
 }  // namespace
 
-// What the plan needs to know about files and the hypervisor is looked up between commits: both take time, and a commit
-// must not wait for that.
+// Facts about files and the hypervisor are gathered between attempts to commit, because gathering takes time and a plan
+// must not wait.
 DeletionJob::Outcome DeletionJob::Begin(const Requester& requester) {
   // The results of an earlier attempt may have been undone.
   plan_.reset();
   is_gone_ = false;
-  for (int look = 0; look < kLooks; ++look) {
-    Refused refused;
-    std::optional<DeletionPlan> unseen;
-    const Status committed =
-        cluster::CommitPlanned(*options_.store, [&] { return PlanBegin(requester, refused, unseen); });
+  for (int attempt = 0; attempt < kMaxPlanAttempts; ++attempt) {
+    std::optional<Refusal> refused;
+    std::optional<DeletionPlan> unexamined;
+    const Status committed = records::CommitWithRetry(*options_.store, [&](const records::Reader& reader) {
+      return PlanBegin(reader, requester, refused, unexamined);
+    });
     if (!committed && committed.error().code() == ErrorCode::kConflict) break;
-    if (!committed) return Refuse(FailedBecause(committed.error()));
+    if (!committed) return Refuse(RefusalFor(committed.error()));
     if (refused) return Refuse(std::move(*refused));
-    if (!unseen) {
-      Refused lost = job_.TakeBegun();
-      return lost ? Refuse(std::move(*lost)) : Outcome::kReady;
+    if (!unexamined) {
+      Result<void, Refusal> loaded = job_.LoadUnfinished();
+      return !loaded.ok() ? Refuse(loaded.error()) : Outcome::kReady;
     }
-    if (Refused not_now = LookInto(std::move(*unseen))) return Refuse(std::move(*not_now));
+    if (const auto allowed = GatherFacts(std::move(*unexamined)); !allowed.ok()) return Refuse(allowed.error());
   }
-  return Refuse(KeepsChanging());
+  return Refuse(GuestKeepsChanging());
 }
 
-// Nothing to commit when it is refused, or when the files of the plan have not been examined yet (`unseen`).
-Result<store::Transaction> DeletionJob::PlanBegin(const Requester& requester, Refused& refused,
-                                                  std::optional<DeletionPlan>& unseen) {
+// Returns an empty transaction when the deletion is refused (`refused`), or when the files of the plan have not been
+// examined yet (`unexamined`).
+Result<store::Transaction> DeletionJob::PlanBegin(const records::Reader& reader, const Requester& requester,
+                                                  std::optional<Refusal>& refused,
+                                                  std::optional<DeletionPlan>& unexamined) {
   refused.reset();
-  unseen.reset();
-  std::optional<DeletionPlan> plan;
-  {
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    Result<DeletionPlan> planned = PlanDeletion(**snapshot, guest_id_);
-    if (!planned && !IsAboutRecord(planned.error())) return planned.error();
-    if (!planned) {
-      refused = Refusal{kUnreadable, planned.error().ToString()};
-      return store::Transaction();
-    }
-    plan = std::move(*planned);
-  }
-  Result<Refused> taken = RefuseTaken();
-  if (!taken) return taken.error();
-  refused = std::move(*taken);
-  if (refused) return store::Transaction();
-  if (!IsSeen(*plan)) {
-    unseen = std::move(plan);
+  unexamined.reset();
+  Result<DeletionPlan> plan = PlanDeletion(reader, guest_id_);
+  if (!plan && !IsAboutRecord(plan.error())) return plan.error();
+  if (!plan) {
+    refused = Refusal{host_error::kNotFoundOrUnreadable, plan.error().ToString()};
     return store::Transaction();
   }
-  plan_ = std::move(plan);
+  Result<std::optional<Refusal>> holder = FindHolder(reader);
+  if (!holder) return holder.error();
+  refused = std::move(*holder);
+  if (refused) return store::Transaction();
+  if (!IsExamined(*plan)) {
+    unexamined = std::move(*plan);
+    return store::Transaction();
+  }
+  plan_ = std::move(*plan);
   store::Transaction transaction;
-  transaction.compares = {{RunKey(guest_id_), run_revision_}, plan_->compares.front()};
+  transaction.compares = {{records::RunKey(guest_id_), run_revision_}, plan_->compares.front()};
   CompareFree(transaction, guest_id_, {GuestLock::kRun, GuestLock::kDeletion});
   job_.AddIntent(requester, {{}, selection_.files, {}, plan_->repository_id, storage_}, transaction);
   return transaction;
 }
 
-// One read for everything that is usually absent: the longer it takes, the more often the guest changes meanwhile.
-Result<Refused> DeletionJob::RefuseTaken() {
+Result<std::optional<Refusal>> DeletionJob::FindHolder(const store::Snapshot& snapshot) {
   run_revision_ = 0;
-  {
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    Result<Refused> job = FindJob(**snapshot, guest_id_);
-    if (!job || *job) return job;
-    const auto run = (*snapshot)->Get(RunKey(guest_id_));
-    if (!run) return run.error();
-    if (!*run) return Refused();
-  }
-  const auto run = ReadRun(*options_.store, guest_id_);
+  Result<std::optional<Refusal>> job = FindJob(snapshot, guest_id_);
+  if (!job || *job) return job;
+  const auto run = records::ReadRun(snapshot, guest_id_);
   if (!run) return run.error();
-  if (!*run) return Refused();
-  // Saved memory is deleted with the guest; its host removes it.
+  if (!*run) return std::optional<Refusal>();
+  // Saved memory is not an obstacle: its host removes it with the guest.
   if ((*run)->run.saved) {
     run_revision_ = (*run)->revision;
-    return Refused();
+    return std::optional<Refusal>();
   }
   const std::string& host_id = (*run)->run.host_id;
-  if (host_id.empty()) return Refused({kRunsAlready, "A host has the guest, and the record of it is damaged"});
-  return Refused({kRunsAlready, "The host '" + cluster::LogText(host_id, kStoredName) + "' has the guest"});
+  if (host_id.empty())
+    return std::optional<Refusal>(
+        {host_error::kAlreadyRunning,
+         "The run record of the guest is damaged, so a host may still be running it. Restore the store from a backup"});
+  return std::optional<Refusal>(
+      {host_error::kAlreadyRunning,
+       fmt::format("The guest may be running on the host '{}'", SanitizeForLog(host_id, kMaxStoredNameBytes))});
 }
 
-bool DeletionJob::IsSeen(const DeletionPlan& plan) const {
+bool DeletionJob::IsExamined(const DeletionPlan& plan) const {
   return plan_ && plan_->files == plan.files && plan_->disks == plan.disks && plan_->images == plan.images &&
          plan_->repository_host_id == plan.repository_host_id;
 }
 
-// Whether it may continue, and which files exist.
-Refused DeletionJob::LookInto(DeletionPlan plan) {
-  cluster::RequestScope::ReleaseSnapshot();
-  if (Refused active = job_.RefuseActive()) return active;
+// Checks whether the deletion may continue, and selects the files.
+Result<void, Refusal> DeletionJob::GatherFacts(DeletionPlan plan) {
+  if (const auto allowed = job_.CheckNotRunning(); !allowed.ok()) return allowed;
   const bool is_remote = !plan.repository_host_id.empty() && plan.repository_host_id != options_.host_id;
   if (!is_remote) {
     const std::vector<std::string> paths = PathsOf(plan.files);
-    if (Refused storage = job_.RefuseStorage(plan.repository_id, paths, StorageUse::kExisting)) return storage;
+    if (const auto allowed = job_.CheckStorage(plan.repository_id, paths, storage::StorageUse::kExisting);
+        !allowed.ok())
+      return allowed;
   }
   const Status selected = SelectFor(std::move(plan));
-  if (!selected) return FailedBecause(selected.error());
-  // Missing files may have disappeared with their storage in between.
-  if (Refused storage = RefuseStorage()) return storage;
-  return RefuseAlive();
+  if (!selected) return RefusalFor(selected.error());
+  // Files that were not found may have disappeared together with their storage.
+  if (const auto allowed = CheckStorage(); !allowed.ok()) return allowed;
+  return CheckRepositoryHostGone();
 }
 
 Status DeletionJob::SelectFor(DeletionPlan plan) {
@@ -135,57 +132,58 @@ Status DeletionJob::SelectFor(DeletionPlan plan) {
   selection_ = Selection();
   if (IsRemote()) return {};
   Result<Selection> selection =
-      SelectFiles(guest_id_, plan_->files, plan_->images, Question(), job_.disk_files(), *options_.store);
+      SelectFiles(guest_id_, plan_->files, plan_->images, MakeReferrerQuery(), job_.disk_files(), *options_.store);
   if (!selection) {
     plan_.reset();
     return selection.error();
   }
   selection_ = std::move(*selection);
-  Result<Trail> storage = TrailOfAll(options_.image_roots, PathsOf(selection_.files));
+  Result<storage::FolderChain> storage = storage::ReadFolderChains(options_.image_roots, PathsOf(selection_.files));
   if (!storage) return storage.error();
   storage_ = std::move(*storage);
   return {};
 }
 
-// Determines what is left to do of a deletion that was started earlier.
-DeletionJob::Outcome DeletionJob::TakeUp(const StoredJob& begun) {
-  const std::vector<HiddenFile>& begun_files = begun.record->files.hidden;
+// Plans again, to continue a deletion that this host started earlier.
+DeletionJob::Outcome DeletionJob::ResumeFrom(const StoredJob& unfinished) {
+  const std::vector<HiddenFile>& recorded_files = unfinished.record->files.hidden;
   std::optional<Result<DeletionPlan>> plan;
   {
     const auto snapshot = options_.store->Read();
-    if (!snapshot) return Refuse(FailedBecause(snapshot.error()));
+    if (!snapshot) return Refuse(RefusalFor(snapshot.error()));
     plan = PlanDeletion(**snapshot, guest_id_);
     is_gone_ = !*plan && plan->error().code() == ErrorCode::kNotFound;
-    if (is_gone_) plan = PlanGoneGuest(**snapshot, guest_id_);
+    if (is_gone_) plan = PlanDeletedGuest(**snapshot, guest_id_);
   }
-  if (!*plan && !IsAboutRecord(plan->error())) return Refuse(FailedBecause(plan->error()));
-  if (!*plan) return Undo({kUnreadable, plan->error().ToString()}, Outcome::kRefused);
+  if (!*plan && !IsAboutRecord(plan->error())) return Refuse(RefusalFor(plan->error()));
+  if (!*plan) return Undo({host_error::kNotFoundOrUnreadable, plan->error().ToString()}, Outcome::kRefused);
   if (is_gone_) {
-    for (const HiddenFile& file : begun_files) (*plan)->files.push_back({(*plan)->files.size(), file.path});
+    for (const HiddenFile& file : recorded_files) (*plan)->files.push_back({(*plan)->files.size(), file.path});
   }
   const Status selected = SelectFor(std::move(**plan));
-  if (!selected) return Undo(FailedBecause(selected.error()), Outcome::kRefused);
-  // Hidden files are missing from their original paths.
+  if (!selected) return Undo(RefusalFor(selected.error()), Outcome::kRefused);
+  // Files that are already hidden are not at their original paths, so these notes are wrong.
   std::erase_if(selection_.notes, [](const std::string& note) { return note.starts_with("there is no file"); });
-  if (!is_gone_ && !FitsRecord()) return Undo({kBusy, "The guest's record was changed"}, Outcome::kChanged);
+  if (!is_gone_ && !MatchesRecord())
+    return Undo({host_error::kBusy, "The guest's record was changed"}, Outcome::kChanged);
   for (HiddenFile& file : selection_.files) {
-    file.hidden = std::ranges::find(begun_files, file.path, &HiddenFile::path)->hidden;
+    file.hidden = std::ranges::find(recorded_files, file.path, &HiddenFile::path)->hidden;
   }
   return Outcome::kReady;
 }
 
-// Whether the guest's record still names the recorded files.
-bool DeletionJob::FitsRecord() const {
+// Whether the guest's records still refer to the files in the job's record, and to no others.
+bool DeletionJob::MatchesRecord() const {
   std::set<std::string> named;
-  for (const NamedFile& file : plan_->files) {
-    if (std::optional<std::string> path = NormalPath(file.path)) named.insert(std::move(*path));
+  for (const RecordedFile& file : plan_->files) {
+    if (std::optional<std::string> path = disks::NormalPath(file.path)) named.insert(std::move(*path));
   }
   const std::vector<HiddenFile>& recorded = job_.record().files.hidden;
-  const bool is_all_named =
+  const bool all_still_named =
       std::ranges::all_of(recorded, [&](const HiddenFile& file) { return named.contains(file.path); });
-  const bool is_all_known =
+  const bool all_recorded =
       std::ranges::all_of(selection_.files, [&](const HiddenFile& file) { return IsAmong(recorded, file.path); });
-  return is_all_named && is_all_known && !(IsRemote() && !recorded.empty());
+  return all_still_named && all_recorded && !(IsRemote() && !recorded.empty());
 }
 
 }  // namespace vexa::guests

@@ -1,9 +1,11 @@
 // The point of no return of a deletion: the commit that deletes the guest's records, and the checks before it.
+#include <fmt/format.h>
+
 #include <set>
 #include <utility>
 
-#include "host/base/log_text.h"
-#include "host/disks/disk_users.h"
+#include "host/base/sanitize_for_log.h"
+#include "host/disks/file_referrers.h"
 #include "host/guests/deletion/deletion_job.h"
 #include "host/records/domain_record.h"
 #include "host/records/guest_admin.h"
@@ -13,167 +15,163 @@
 
 namespace vexa::guests {
 
-// Passes the point of no return, or returns to the beginning.
+// Commits, and searches again for referrers of the files when new ones may have been added.
 DeletionJob::Outcome DeletionJob::CommitRecords() {
-  for (int search = 0; search < kFileSearches; ++search) {
+  for (int search = 0; search < kMaxFileSearches; ++search) {
     const Outcome outcome = CommitOnce();
     if (outcome != Outcome::kOutdated) return outcome;
   }
-  return Undo(FilesKeepChanging(), Outcome::kRefused);
+  return Undo(ReferencesKeepChanging(), Outcome::kRefused);
 }
 
 DeletionJob::Outcome DeletionJob::CommitOnce() {
-  if (const Refused alive = RefuseAlive()) return Undo(*alive, Outcome::kRefused);
-  // Files that could not be found for hiding may exist on storage that has disappeared meanwhile.
-  if (const Refused storage = RefuseStorage()) return Undo(*storage, Outcome::kRefused);
-  const Result<bool> wanted = AreFilesNamedByOthers();
-  if (!wanted) return SettleFailedCommit(wanted.error());
-  const Outcome again = is_gone_ ? Outcome::kRefused : Outcome::kChanged;
-  if (*wanted) return Undo(FilesKeepBeingNamed(), again);
-  std::optional<Outcome> instead;
-  const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
-  if (!committed) return SettleFailedCommit(committed.error());
-  if (instead == Outcome::kOutdated) return *instead;
-  if (instead == Outcome::kChanged) return Undo(KeepsChanging(), again);
-  if (instead) return Lost();
+  if (const auto allowed = CheckRepositoryHostGone(); !allowed.ok()) return Undo(allowed.error(), Outcome::kRefused);
+  // Files that could not be found may exist on storage that has disappeared meanwhile.
+  if (const auto allowed = CheckStorage(); !allowed.ok()) return Undo(allowed.error(), Outcome::kRefused);
+  const Result<bool> is_referenced = AreFilesReferencedElsewhere();
+  if (!is_referenced) return HandleFailedCommit(is_referenced.error());
+  const Outcome after_undo = is_gone_ ? Outcome::kRefused : Outcome::kChanged;
+  if (*is_referenced) return Undo(FilesKeepBeingReferenced(), after_undo);
+  std::optional<Outcome> early_outcome;
+  const Status committed = records::CommitWithRetry(
+      *options_.store, [&](const records::Reader& reader) { return PlanCommit(reader, early_outcome); });
+  if (!committed) return HandleFailedCommit(committed.error());
+  if (early_outcome == Outcome::kOutdated) return *early_outcome;
+  if (early_outcome == Outcome::kChanged) return Undo(GuestKeepsChanging(), after_undo);
+  if (early_outcome) return HandleLostRecord();
   LogNotes();
-  job_.Purge(RefuseStorage());
+  job_.Purge(CheckStorage());
   return Outcome::kDeleted;
 }
 
-// Whether a record added since the files were selected names one of them. Checked before the commit, which must be
-// quick and compares that no other record has been added since.
-Result<bool> DeletionJob::AreFilesNamedByOthers() {
+// Whether a record that was added since the files were selected refers to one of them. This search takes time, so it
+// runs before the commit, which compares that no such record has been added since.
+Result<bool> DeletionJob::AreFilesReferencedElsewhere() {
   if (job_.record().files.hidden.empty()) return false;
-  if (const Status begun = job_.BeginSearch(); !begun) return begun.error();
-  const Result<SoughtFiles> files = job_.SeekHidden();
+  if (const Status started = job_.BeginSearch(); !started) return started.error();
+  const Result<QueriedFiles> files = job_.QueryHidden();
   if (!files) return files.error();
-  return job_.AreNamed(*files, Question());
+  return job_.AreReferenced(*files, MakeReferrerQuery());
 }
 
-FileQuestion DeletionJob::Question() const {
-  FileQuestion question = job_.Question(plan_->disks);
-  question.guest = is_gone_ ? FileQuestion::Guest::kGone : FileQuestion::Guest::kLeaving;
-  question.guest_id = guest_id_;
-  return question;
+disks::FileReferrerQuery DeletionJob::MakeReferrerQuery() const {
+  disks::FileReferrerQuery query = job_.MakeReferrerQuery(plan_->disks);
+  query.guest = is_gone_ ? disks::FileReferrerQuery::Guest::kGone : disks::FileReferrerQuery::Guest::kBeingDeleted;
+  query.guest_id = guest_id_;
+  return query;
 }
 
-// `instead`: kChanged when the guest's record now names other files, kOutdated when another record has come to name
-// files, kRefused when the deletion no longer belongs to this job.
-Result<store::Transaction> DeletionJob::PlanCommit(std::optional<Outcome>& instead) {
-  instead.reset();
+// `early_outcome`: kChanged when the guest's record now names other files, kOutdated when another record has started to
+// refer to files, kRefused when the deletion no longer belongs to this job.
+Result<store::Transaction> DeletionJob::PlanCommit(const records::Reader& reader,
+                                                   std::optional<Outcome>& early_outcome) {
+  early_outcome.reset();
   store::Transaction transaction;
-  {
-    const auto snapshot = options_.store->Read();
-    if (!snapshot) return snapshot.error();
-    const Result<bool> is_ours = job_.IsOurs(**snapshot);
-    if (!is_ours) return is_ours.error();
-    Result<DeletionPlan> plan = PlanAgain(**snapshot);
-    if (!plan) return plan.error();
-    // A guest that reappears under the id of a deleted one is another guest.
-    const bool is_same = is_gone_
-                             ? plan->compares.front().revision == 0
-                             : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
-    if (!*is_ours || !is_same) {
-      instead = *is_ours ? Outcome::kChanged : Outcome::kRefused;
-      return store::Transaction();
-    }
-    transaction.compares = std::move(plan->compares);
-    transaction.operations = std::move(plan->removals);
-    plan_->notes = std::move(plan->notes);
-    if (!job_.record().files.hidden.empty()) {
-      const Result<bool> is_current = job_.CompareFiles(FilesRevision(**snapshot), transaction);
-      if (!is_current) return is_current.error();
-      if (!*is_current) {
-        instead = Outcome::kOutdated;
-        return store::Transaction();
-      }
-    }
-    const Status left_over = AddLeftover(**snapshot, transaction);
-    if (!left_over) return left_over.error();
-    const Result<bool> is_off = AddRun(**snapshot, transaction);
-    if (!is_off) return is_off.error();
-    if (!*is_off) {
-      instead = Outcome::kChanged;
-      return store::Transaction();
-    }
-    const Status grants = RemoveGrants(**snapshot, transaction);
-    if (!grants) return grants.error();
+  const Result<bool> is_ours = job_.IsOurs(reader);
+  if (!is_ours) return is_ours.error();
+  Result<DeletionPlan> plan = PlanAgain(reader);
+  if (!plan) return plan.error();
+  // A guest that reappears under the id of a deleted one is another guest.
+  const bool is_same = is_gone_ ? plan->compares.front().revision == 0
+                                : plan->files == plan_->files && plan->repository_host_id == plan_->repository_host_id;
+  if (!*is_ours || !is_same) {
+    early_outcome = *is_ours ? Outcome::kChanged : Outcome::kRefused;
+    return store::Transaction();
   }
+  transaction.compares = std::move(plan->compares);
+  transaction.operations = std::move(plan->removals);
+  plan_->notes = std::move(plan->notes);
+  if (!job_.record().files.hidden.empty()) {
+    const Result<bool> is_current = job_.CompareReferencesRevision(disks::FileReferencesRevision(reader), transaction);
+    if (!is_current) return is_current.error();
+    if (!*is_current) {
+      early_outcome = Outcome::kOutdated;
+      return store::Transaction();
+    }
+  }
+  const Status left_over = AddLeftover(reader, transaction);
+  if (!left_over) return left_over.error();
+  const Result<bool> is_off = AddRunRemoval(reader, transaction);
+  if (!is_off) return is_off.error();
+  if (!*is_off) {
+    early_outcome = Outcome::kChanged;
+    return store::Transaction();
+  }
+  const Status grants = RemoveGrants(reader, transaction);
+  if (!grants) return grants.error();
   job_.AddPurging(transaction);
   return transaction;
 }
 
-// What hosts have of the guest beside its files: saved memory, and libvirt's definition. False: it runs by now.
-Result<bool> DeletionJob::AddRun(const store::Snapshot& snapshot, store::Transaction& transaction) {
+// Adds the removal of what hosts keep of the guest in addition to its files: saved memory, and libvirt's definition.
+// False: the guest runs by now.
+Result<bool> DeletionJob::AddRunRemoval(const store::Snapshot& snapshot, store::Transaction& transaction) {
   std::set<std::string> hosts;
   if (!plan_->host_id.empty()) hosts.insert(plan_->host_id);
-  const auto stored = snapshot.Get(RunKey(guest_id_));
+  const auto stored = snapshot.Get(records::RunKey(guest_id_));
   if (!stored) return stored.error();
-  transaction.compares.push_back({RunKey(guest_id_), *stored ? (*stored)->revision : 0});
+  transaction.compares.push_back({records::RunKey(guest_id_), *stored ? (*stored)->revision : 0});
   if (*stored) {
-    const Run run = ParseRun((*stored)->text);
+    const records::Run run = records::ParseRun((*stored)->text);
     if (!run.saved) return false;
     hosts.insert(run.host_id);
-    transaction.operations.push_back({RunKey(guest_id_), std::nullopt});
+    transaction.operations.push_back({records::RunKey(guest_id_), std::nullopt});
   }
   for (const std::string& host_id : hosts) {
-    const bool has_hypervisor = host_id != options_.host_id || options_.refuse_active;
+    const bool has_hypervisor = host_id != options_.host_id || options_.check_not_running;
     if (!has_hypervisor) continue;
-    const std::string key = UndefineKey(host_id, guest_id_);
-    if (store::IsKey(key)) transaction.operations.push_back({key, "true"});
+    const std::string key = records::UndefineKey(host_id, guest_id_);
+    if (store::IsValidKey(key)) transaction.operations.push_back({key, "true"});
   }
   return true;
 }
 
-// Remaining grants would apply to the next guest with this id.
+// Grants that remained would apply to the next guest with this id.
 Status DeletionJob::RemoveGrants(const store::Snapshot& snapshot, store::Transaction& transaction) {
   std::vector<Error> damage;
-  const Status added = cluster::AddGrantRemovals(snapshot, guest_id_, transaction, damage);
-  for (const Error& error : damage) plan_->notes.push_back("grants may be left: " + error.ToString());
+  const Status added = records::AddGrantRemovals(snapshot, guest_id_, transaction, damage);
+  for (const Error& error : damage) plan_->notes.push_back(fmt::format("grants may remain: {}", error.ToString()));
   return added;
 }
 
-// If the guest's records have been deleted meanwhile, its files are deleted all the same.
+// Plans the deletion again. If the guest's record has been deleted meanwhile, the job still deletes the files.
 Result<DeletionPlan> DeletionJob::PlanAgain(const store::Snapshot& snapshot) const {
   Result<DeletionPlan> plan = PlanDeletion(snapshot, guest_id_);
   if (plan || plan.error().code() != ErrorCode::kNotFound) return plan;
-  plan = PlanGoneGuest(snapshot, guest_id_);
+  plan = PlanDeletedGuest(snapshot, guest_id_);
   if (!plan) return plan;
   plan->files = plan_->files;
   plan->repository_host_id = plan_->repository_host_id;
   return plan;
 }
 
-// Files in another host's repository are left to that host.
+// Adds the record that leaves files in another host's repository to that host.
 Status DeletionJob::AddLeftover(const store::Snapshot& snapshot, store::Transaction& transaction) {
   if (!IsRemote() || plan_->files.empty()) return {};
   const std::string& host_id = plan_->repository_host_id;
   const std::string key = LeftoverKey(host_id, guest_id_);
   later_notes_.clear();
-  if (!store::IsKey(key)) {
-    later_notes_.emplace_back("its files are left, since the repository's record names no host");
+  if (!store::IsValidKey(key)) {
+    later_notes_.emplace_back("its files are kept because the repository's record names no host");
     return {};
   }
   Result<StoredLeftover> stored = ReadLeftover(snapshot, host_id, guest_id_);
   if (!stored) return stored.error();
   std::vector<std::string> paths = std::move(stored->paths).value_or(std::vector<std::string>());
   std::set<std::string> known(paths.begin(), paths.end());
-  for (const NamedFile& file : plan_->files) {
-    const std::optional<std::string> path = NormalPath(file.path);
+  for (const RecordedFile& file : plan_->files) {
+    const std::optional<std::string> path = disks::NormalPath(file.path);
     if (!path) {
-      later_notes_.push_back("the file [" + cluster::ShownPath(file.path) +
-                             "] is left: it is no absolute path of a file");
+      later_notes_.push_back(KeptFile(file.path, "the path is not a valid absolute path"));
     } else if (plan_->images.contains(*path)) {
-      later_notes_.push_back("the file [" + cluster::ShownPath(*path) +
-                             "] is left: it is an image in a drive of the guest");
+      later_notes_.push_back(KeptFile(*path, "it is an image in a drive of the guest"));
     } else if (known.insert(*path).second) {
       paths.push_back(*path);
     }
   }
   if (paths.empty()) return {};
   transaction.compares.push_back({key, stored->revision});
-  transaction.operations.push_back({key, LeftoverText(paths, plan_->repository_id)});
+  transaction.operations.push_back({key, SerializeLeftover(paths, plan_->repository_id)});
   return {};
 }
 

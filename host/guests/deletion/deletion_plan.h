@@ -1,4 +1,4 @@
-// What is deleted with a guest: its records, and the files that they name.
+// What is deleted with a guest: its records, and the files that they refer to.
 #pragma once
 
 #include <json/value.h>
@@ -15,25 +15,26 @@
 
 namespace vexa::guests {
 
-// The records in one state of the store. A disk or interface belongs to the guest when the guest lists it and its own
+// The plan for one state of the store. A disk or interface belongs to the guest when the guest lists it and its own
 // record names the guest.
 struct DeletionPlan {
   std::string host_id;                   // "" when the record names none
-  std::string repository_id;             // likewise
+  std::string repository_id;             // "" when the record names none
   std::string repository_host_id;        // "" when unknown
-  std::vector<NamedFile> files;          // of the guest's disks and its UEFI variables
+  std::vector<RecordedFile> files;       // of the guest's disks and its UEFI variables
   std::set<std::string> disks;           // their ids
   std::set<std::string> images;          // normal paths of its ISO images
-  std::vector<store::Compare> compares;  // that all these records are still as read; the guest's first
+  std::vector<store::Compare> compares;  // of all these records with what was read; the guest's first
   std::vector<store::Operation> removals;
   Notes notes;
 };
 
-// Errors: kNotFound (no such guest), kCorrupt (its record is not an object), kInvalid (it names too many parts), and
-// those of the store.
+// Errors: kNotFound (no such guest), kCorrupt (its record is not an object), kInvalid (it lists too many disks or
+// interfaces), and those of the store.
 Result<DeletionPlan> PlanDeletion(const store::Snapshot& snapshot, const std::string& guest_id);
 
-// The same for a guest whose record is gone: compares that it still is, and removes what may be left of the guest.
-Result<DeletionPlan> PlanGoneGuest(const store::Snapshot& snapshot, const std::string& guest_id);
+// The same for a guest that has no record any more: compares that there is still none, and removes what may be left of
+// the guest.
+Result<DeletionPlan> PlanDeletedGuest(const store::Snapshot& snapshot, const std::string& guest_id);
 
 }  // namespace vexa::guests

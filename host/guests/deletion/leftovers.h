@@ -1,4 +1,4 @@
-// Files of guests that were deleted while this host, which owns their repository, was unreachable.
+// Removes the files of guests that other hosts deleted while this host, which owns their repository, was unreachable.
 #pragma once
 
 #include <map>

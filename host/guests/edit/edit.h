@@ -1,20 +1,21 @@
-// Edits guests: their records and the files of their disks, the whole edit or nothing.
+// Edits guests: their records and the files of their disks, the whole edit or no part of it.
 //
 //   /edit/<guest id>   {"host_id", "user", "request_id", "since" (Unix seconds), "stage": "doing" | "purging",
 //                       "made": [path], "hidden": [{"path", "hidden"}],
 //                       "grown": [{"path", "from", "to"}] (lengths, or 16 bytes of a header in hexadecimal)}
 //
 // An edit that does not touch any file is one commit. All others proceed in this order:
-// 1. "doing" is committed with compares: no deletion or edit of the guest is in progress, its records are as read, and
-//    so is whether a host has it.
+// 1. "doing" is committed with compares: no deletion or edit of the guest is in progress, and its records
+//    and its run record are as read.
 // 2. New files are created, files of removed disks get hidden names (as in deletion.h), images grow.
 // 3. One commit writes all records and changes the stage to "purging". This is the point of no return. Records that
 //    have been changed elsewhere since 1 are reread, and the edit is applied to them.
 // 4. The hidden files are removed, then the "/edit" record.
-// The commit of 3 compares that no record has come to name a file since the search for other users of the files to be
-// removed or grown (FilesKey()). A failure before the point of no return is undone in reverse order. An image that
-// another record names by then, or that a machine has open, stays grown; while the guest runs, the undo waits. A host
-// that starts undoes what it left as "doing", because its caller never got a success, and finishes "purging".
+// The commit of 3 compares that no record has started to refer to a file since the search for other referrers of the
+// files to be removed or grown (FileReferencesGuardKey()). A failure before the point of no return is undone in reverse
+// order. An image that another record refers to by then, or that a process has open, is not shrunk back; while the
+// guest runs, the undo waits. When a host starts, it undoes its edits in the stage "doing", because their callers have
+// not got a success, and finishes those in "purging".
 #pragma once
 
 #include <json/value.h>
@@ -34,11 +35,11 @@ namespace vexa::guests {
 // New files are created in "<root>/<repository's id>" of the first of the image roots that has such a folder, or else
 // in a new one below the first root.
 struct EditOptions : JobOptions {
-  // Like refuse_active, these are never called inside a commit or while a snapshot of the store is held.
+  // Like check_not_running, these are never called inside a plan or while a snapshot of the store is open.
   // Whether the processors that the edited records request could be dedicated to a guest running on this host. Not set:
   // yes.
-  std::function<Refused(const Guest& edited)> rate_pins;
-  // Whether there is a file at a path. Not set: always true, as for guests that only pretend to run.
+  std::function<Result<void, Refusal>(const records::Guest& edited)> check_pins;
+  // Whether there is a file at a path. Not set: always true, as in test mode.
   std::function<bool(const std::string& path)> has_file;
 };
 
@@ -49,16 +50,16 @@ class Edits {
 
   // `edit` has the parameters that docs/guests.md lists. Refusals: 401, 403, 410, 901, 902, 903, 904, 910, 912, 915,
   // 932, 936, 938, 944, 949, 2101. After a refusal, everything is as it was.
-  Refused Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester);
+  Result<void, Refusal> Edit(const std::string& guest_id, const Json::Value& edit, const Requester& requester);
 
   // Finishes the edits that this host had started when it ended. Call it at the start, before any Edit. Failures are
-  // logged and remain for the next time.
+  // logged and retried at the next call.
   void FinishAll();
   // The same for one guest, which must not be being edited meanwhile.
   void Finish(const std::string& guest_id);
   // The guests with edits that this host has started, and has in progress or could not finish. Empty when they cannot
   // be read.
-  std::vector<std::string> Begun() const;
+  std::vector<std::string> Unfinished() const;
 
  private:
   const EditOptions options_;

@@ -1,10 +1,12 @@
 // Edits the disks of a guest.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <optional>
 #include <set>
 
-#include "host/base/log_text.h"
-#include "host/disks/disk_users.h"
+#include "host/base/sanitize_for_log.h"
+#include "host/disks/file_referrers.h"
 #include "host/guests/edit/edit_plan.h"
 #include "host/guests/edit/edit_request.h"
 #include "host/guests/jobs/file_intent.h"
@@ -16,43 +18,45 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
-using hypervisor::ImageFormat;
+using domain_xml::ImageFormat;
 
 constexpr char kDriver[] = "driver";
 constexpr int kTypeRaw = 1;
 constexpr int kTypeQcow2 = 2;
-constexpr int kShownFormat = 2;  // for all disks that users see
+constexpr int kUserDiskFormat = 2;  // "format" in the record of every disk that users see
 
 ImageFormat FormatOf(const Json::Value& disk) {
-  const std::string driver = json::TextMember(disk, kDriver);
+  const std::string driver = json::StringMember(disk, kDriver);
   const bool is_qcow2 = driver.empty() ? json::Int(json::Member(disk, keys::type)) == kTypeQcow2 : driver == "qcow2";
   return is_qcow2 ? ImageFormat::kQcow2 : ImageFormat::kRaw;
 }
 
 EditedPart* Find(EditedGuest& edited, const std::string& id) {
   const auto found = std::ranges::find(edited.disks, id, &EditedPart::id);
-  const bool is_own = found != edited.disks.end() && json::TextMember(found->before, keys::guest_id) == edited.id;
+  const bool is_own = found != edited.disks.end() && json::StringMember(found->before, keys::guest_id) == edited.id;
   if (is_own) return &*found;
-  edited.Refuse(kBadDisk, "The guest has no disk " + Shown(id));
+  edited.Refuse(host_error::kBadDisk, fmt::format("The guest has no disk {}", QuoteForMessage(id)));
   return nullptr;
 }
 
 void Remove(EditedGuest& edited, const std::string& id) {
   EditedPart* const disk = Find(edited, id);
   if (!disk) return;
-  if (edited.is_running) return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(id) + " stays");
-  const std::string path = json::TextMember(disk->before, kDiskPath);
+  if (edited.is_running)
+    return edited.Refuse(host_error::kBadDisk,
+                         fmt::format("The disk {} cannot be removed while the guest runs", QuoteForMessage(id)));
+  const std::string path = json::StringMember(disk->before, disks::kDiskPath);
   if (!path.empty()) edited.plan.files.removed.push_back({disk->index, path});
   edited.plan.files.removed_disks.insert(id);
   edited.removed_disks.push_back(id);
   std::erase_if(edited.disks, [&](const EditedPart& part) { return part.id == id; });
 }
 
-// A target name that no disk has: "vda", "vdb", …
+// The first target name that no disk of the guest has: "vda", "vdb", …
 std::string FreeTarget(const EditedGuest& edited, Json::Int64 mode) {
   constexpr const char* kPrefixes[] = {"vd", "hd", "sd", "sd"};
   std::set<std::string> taken;
-  for (const EditedPart& disk : edited.disks) taken.insert(json::TextMember(disk.stored.record, keys::name));
+  for (const EditedPart& disk : edited.disks) taken.insert(json::StringMember(disk.stored.record, keys::name));
   const std::string prefix = kPrefixes[mode - 1];
   for (std::size_t index = 0;; ++index) {
     std::string letters;
@@ -66,14 +70,18 @@ std::string FreeTarget(const EditedGuest& edited, Json::Int64 mode) {
 void Grow(EditedGuest& edited, EditedPart& disk, std::uint64_t size_mib) {
   const std::uint64_t now_mib = json::UInt64(json::Member(disk.before, keys::size));
   if (size_mib == now_mib) return;
-  const std::string where = "The disk " + Shown(disk.id);
+  const std::string quoted_id = QuoteForMessage(disk.id);
   if (size_mib < now_mib) {
-    return edited.Refuse(kBadDisk, where + " has " + std::to_string(now_mib) + " MiB and cannot shrink");
+    return edited.Refuse(host_error::kBadDisk,
+                         fmt::format("The disk {} has {} MiB and cannot shrink", quoted_id, now_mib));
   }
-  if (edited.is_running)
-    return edited.Refuse(kBadDisk, "The guest runs, so its disk " + Shown(disk.id) + " keeps its size");
-  const std::optional<std::string> path = NormalPath(json::TextMember(disk.before, kDiskPath));
-  if (!path) return edited.Refuse(kBadDisk, where + " has no file that could grow");
+  if (edited.is_running) {
+    return edited.Refuse(host_error::kBadDisk,
+                         fmt::format("The size of the disk {} cannot be changed while the guest runs", quoted_id));
+  }
+  const std::optional<std::string> path = disks::NormalPath(json::StringMember(disk.before, disks::kDiskPath));
+  if (!path)
+    return edited.Refuse(host_error::kBadDisk, fmt::format("The disk {} has no file that could grow", quoted_id));
   edited.plan.files.grown.push_back({disk.id, *path, FormatOf(disk.before), size_mib});
   disk.stored.record[keys::size] = static_cast<Json::Int64>(size_mib);
 }
@@ -82,26 +90,27 @@ void Change(EditedGuest& edited, const DiskChange& change) {
   EditedPart* const disk = Find(edited, change.id);
   if (!disk) return;
   if (disk->stored.record != disk->before)
-    return edited.Refuse(kBadDisk, "The disk " + Shown(change.id) + " is changed twice");
+    return edited.Refuse(host_error::kBadDisk, fmt::format("The disk {} is changed twice", QuoteForMessage(change.id)));
   Grow(edited, *disk, change.size_mib);
   Json::Value& record = disk->stored.record;
   if (change.mode && json::Int64(json::Member(record, keys::vdisk_mode)) != *change.mode) {
     record[keys::vdisk_mode] = *change.mode;
-    // The name depends on the bus.
+    // The target name depends on the bus. Its old name is free.
     record[keys::name] = "";
     record[keys::name] = FreeTarget(edited, *change.mode);
   }
   if (change.unmap) record[keys::unmap] = *change.unmap;
 }
 
-// The others follow in their existing order.
+// Puts the disks of the request's order first. The others follow in their existing order.
 void Order(EditedGuest& edited) {
   std::vector<EditedPart> ordered;
   for (const std::string& id : edited.request.disks_order) {
     const auto found = std::ranges::find(edited.disks, id, &EditedPart::id);
     if (found == edited.disks.end()) {
-      return edited.Refuse(kBadDisk,
-                           "The order names the disk " + Shown(id) + ", which the guest does not have, or twice");
+      return edited.Refuse(
+          host_error::kBadDisk,
+          fmt::format("The order names the disk {} twice, or the guest does not have it", QuoteForMessage(id)));
     }
     ordered.push_back(std::move(*found));
     edited.disks.erase(found);
@@ -114,11 +123,12 @@ void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
   const std::optional<std::string> folder = edited.facts.FolderOf(edited.repository_id);
   if (!folder) return;
   if (folder->empty()) {
-    return edited.Refuse(kUnavailable, "The guest's repository " + Shown(edited.repository_id) + " has no folder here");
+    return edited.Refuse(host_error::kUnavailable, fmt::format("The guest's repository {} has no folder here",
+                                                               QuoteForMessage(edited.repository_id)));
   }
   EditedPart disk;
   disk.id = edited.ids.disks[index];
-  const std::string path = *NormalPath(*folder + "/" + ImageName(disk.id, addition.format));
+  const std::string path = *disks::NormalPath(*folder + "/" + ImageName(disk.id, addition.format));
   const bool is_raw = addition.format == ImageFormat::kRaw;
   Json::Value& record = disk.stored.record;
   record[keys::guest_id] = edited.id;
@@ -128,9 +138,9 @@ void Add(EditedGuest& edited, const DiskAddition& addition, std::size_t index) {
   record[kDriver] = is_raw ? "raw" : "qcow2";
   record[keys::type] = is_raw ? kTypeRaw : kTypeQcow2;
   record[keys::unmap] = addition.unmap;
-  record[kDiskPath] = path;
+  record[disks::kDiskPath] = path;
   record[keys::vdisk_mode] = addition.mode;
-  record[keys::format] = kShownFormat;
+  record[keys::format] = kUserDiskFormat;
   record[keys::is_dummy] = false;
   record[keys::is_meta_disk] = false;
   edited.plan.files.made.push_back({path, addition.format, addition.size_mib});
@@ -144,15 +154,18 @@ void EditDisks(EditedGuest& edited) {
   if (!request.HasDisks() || edited.plan.refused) return;
   const std::string& host_id = edited.repository_host_id;
   if (!host_id.empty() && host_id != edited.options.host_id) {
-    return edited.Refuse(kElsewhere, "The guest's repository belongs to the host " + Shown(host_id));
+    return edited.Refuse(host_error::kOnOtherHost,
+                         fmt::format("The guest's repository belongs to the host {}", QuoteForMessage(host_id)));
   }
-  if (edited.is_suspended) return edited.Refuse(kSuspended, "The guest is suspended, so its disks stay as they are");
+  if (edited.is_suspended)
+    return edited.Refuse(host_error::kSuspended, "The disks cannot be changed because the guest is suspended");
   for (const std::string& id : request.disks_del) Remove(edited, id);
   for (const DiskChange& change : request.disks_edit) Change(edited, change);
   if (edited.plan.refused) return;
   Order(edited);
-  if (edited.disks.size() + request.disks_add.size() > hypervisor::kMaxDisks && !request.disks_add.empty()) {
-    edited.Refuse(kTooManyDisks, "The guest would have more than " + std::to_string(hypervisor::kMaxDisks) + " disks");
+  if (edited.disks.size() + request.disks_add.size() > domain_xml::kMaxDisks && !request.disks_add.empty()) {
+    edited.Refuse(host_error::kTooManyDisks,
+                  fmt::format("The guest would have more than {} disks", domain_xml::kMaxDisks));
   }
   if (edited.plan.refused) return;
   for (std::size_t i = 0; i < request.disks_add.size(); ++i) Add(edited, request.disks_add[i], i);

@@ -1,11 +1,12 @@
 #include "host/guests/edit/edit_facts.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <utility>
 
-#include "host/disks/disk_users.h"
+#include "host/disks/file_referrers.h"
 #include "json/readers.h"
 
 namespace vexa::guests {
@@ -15,7 +16,7 @@ namespace json = VexaVirtualization::json;
 
 constexpr std::size_t kMaxFolderBytes = 128;
 
-// Returns the value under `name`. When it is not known yet, returns nothing and adds the name to `wanted`.
+// Returns the value under `name`. Not set: it is not known yet, and the name has been added to `wanted`.
 template <class Value>
 std::optional<Value> Find(const std::map<std::string, Value>& known, const std::string& name,
                           std::set<std::string>& wanted) {
@@ -25,7 +26,7 @@ std::optional<Value> Find(const std::map<std::string, Value>& known, const std::
   return std::nullopt;
 }
 
-std::string TextOf(const Guest& guest) {
+std::string KeyOf(const records::Guest& guest) {
   std::string text = json::ToText(guest.records.guest);
   for (const auto* parts : {&guest.records.disks, &guest.records.nics}) {
     for (const auto& [id, record] : *parts) text += id + json::ToText(record);
@@ -39,7 +40,7 @@ bool IsFolderName(const std::string& name) {
   });
 }
 
-void NoteLookup(const EditOptions& options) {
+void BeforeLookup(const EditOptions& options) {
   if (options.file_calls.before_lookup) options.file_calls.before_lookup();
 }
 
@@ -48,20 +49,21 @@ std::string FindFolder(const EditOptions& options, const std::string& repository
   if (!IsFolderName(repository_id)) return "";
   std::string first;
   for (const std::string& root : options.image_roots) {
-    const std::string folder = root + "/" + repository_id;
-    if (!NormalPath(folder + "/x")) continue;
+    const std::string folder = fmt::format("{}/{}", root, repository_id);
+    if (!disks::NormalPath(folder + "/x")) continue;
     struct stat info {};
-    NoteLookup(options);
+    BeforeLookup(options);
     if (::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return folder;
     if (first.empty()) first = folder;
   }
   return first;
 }
 
-// The file that a path leads to, also through links; none when there is nothing.
-FileIdentity IdentityOf(const EditOptions& options, const std::string& path) {
+// The identity of the file at `path`, following symbolic links; FileIdentity() when the file does not exist or cannot
+// be examined.
+disks::FileIdentity IdentityOf(const EditOptions& options, const std::string& path) {
   struct stat info {};
-  NoteLookup(options);
+  BeforeLookup(options);
   if (::stat(path.c_str(), &info) != 0) return {};
   return {info.st_dev, info.st_ino};
 }
@@ -76,44 +78,44 @@ std::optional<std::string> FileFacts::FolderOf(const std::string& repository_id)
   return Find(folders_, repository_id, folders_wanted_);
 }
 
-std::optional<Refused> FileFacts::Pins(const Guest& edited) {
-  const auto found = pins_.find(TextOf(edited));
+std::optional<Result<void, Refusal>> FileFacts::Pins(const records::Guest& edited) {
+  const auto found = pins_.find(KeyOf(edited));
   if (found != pins_.end()) return found->second;
   pins_wanted_ = edited;
   return std::nullopt;
 }
 
-std::optional<Refused> FileFacts::Active() {
-  active_wanted_ = !active_;
-  return active_;
+std::optional<Result<void, Refusal>> FileFacts::NotRunning() {
+  not_running_wanted_ = !not_running_;
+  return not_running_;
 }
 
 Status FileFacts::Gather(const EditOptions& options, const std::string& guest_id) {
-  if (std::exchange(active_wanted_, false)) {
-    active_ = options.refuse_active ? options.refuse_active(guest_id) : Refused();
+  if (std::exchange(not_running_wanted_, false)) {
+    not_running_ = options.check_not_running ? options.check_not_running(guest_id) : Result<void, Refusal>();
   }
   for (const std::string& repository_id : std::exchange(folders_wanted_, {})) {
     folders_[repository_id] = FindFolder(options, repository_id);
   }
-  if (const std::optional<Guest> guest = std::exchange(pins_wanted_, std::nullopt)) {
-    pins_[TextOf(*guest)] = options.rate_pins ? options.rate_pins(*guest) : Refused();
+  if (const std::optional<records::Guest> guest = std::exchange(pins_wanted_, std::nullopt)) {
+    pins_[KeyOf(*guest)] = options.check_pins ? options.check_pins(*guest) : Result<void, Refusal>();
   }
   return GatherImages(options);
 }
 
-// Otherwise a user with the right to insert images into drives could read all disks. Disks of other hosts count too:
-// the guest may be moved to one of them.
+// Determines whether images are disks of guests: if disks could be inserted into CD-ROM drives, a user with the right
+// to insert images could read all disks. Disks of other hosts count too, because the guest may be moved to one of them.
 Status FileFacts::GatherImages(const EditOptions& options) {
-  std::map<std::string, SoughtFile> files;
+  std::map<std::string, disks::QueriedFile> files;
   for (const std::string& path : std::exchange(images_wanted_, {})) {
     images_[path] = Image::kMissing;
     if (options.has_file && !options.has_file(path)) continue;
     images_[path] = Image::kUsable;
-    files.emplace(path, SoughtFile{IdentityOf(options, path), ""});
+    files.emplace(path, disks::QueriedFile{IdentityOf(options, path), ""});
   }
-  FileQuestion question;
-  question.users = {FileUser::kDisk, FileUser::kNvram};
-  const auto disks = FindFileUsers(*options.store, question, files);
+  disks::FileReferrerQuery query;
+  query.kinds = {disks::FileReferrer::kDisk, disks::FileReferrer::kNvram};
+  const auto disks = disks::FindFileReferrers(*options.store, query, files);
   if (!disks) {
     for (const auto& [path, file] : files) images_.erase(path);
     return disks.error();

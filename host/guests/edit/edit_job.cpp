@@ -5,15 +5,15 @@
 #include <set>
 #include <utility>
 
-#include "host/base/log_text.h"
-#include "host/disks/disk_users.h"
+#include "host/base/sanitize_for_log.h"
+#include "host/disks/file_referrers.h"
 #include "host/guests/jobs/job_record.h"
 #include "host/records/object_edit.h"
 
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kShownNote = 1024;
+constexpr std::size_t kMaxLoggedNoteBytes = 1024;
 constexpr std::size_t kMaxNotes = 64;
 
 }  // namespace
@@ -21,163 +21,160 @@ constexpr std::size_t kMaxNotes = 64;
 EditJob::EditJob(const EditOptions& options, std::string guest_id)
     : options_(options), guest_id_(std::move(guest_id)), job_(kEditKind, options, guest_id_) {}
 
-Refused EditJob::Start(const Json::Value& edit, const Requester& requester) {
+Result<void, Refusal> EditJob::Start(const Json::Value& edit, const Requester& requester) {
   auto parsed = ParseEdit(edit);
   if (auto* refusal = std::get_if<Refusal>(&parsed)) return std::move(*refusal);
   request_ = std::move(std::get<EditRequest>(parsed));
-  // Work on files can take long.
-  cluster::RequestScope::ReleaseSnapshot();
-  for (int turn = 0; turn < kJobTurns; ++turn) {
+  for (int attempt = 0; attempt < kMaxJobAttempts; ++attempt) {
     Outcome outcome = Begin(requester);
-    if (outcome == Outcome::kBegun) {
-      const Refused failed = DoFiles();
-      outcome = failed ? Undo(*failed, Outcome::kRefused) : CommitRecords();
+    if (outcome == Outcome::kStarted) {
+      const auto changed = ChangeFiles();
+      outcome = !changed.ok() ? Undo(changed.error(), Outcome::kRefused) : CommitRecords();
     }
-    if (outcome == Outcome::kDone) return std::nullopt;
+    if (outcome == Outcome::kDone) return {};
     if (outcome == Outcome::kRefused) return refusal_;
   }
   return refusal_;
 }
 
-Refused EditJob::Resume(const StoredJob& begun) {
-  job_.TakeUp(begun);
-  if (Refused storage = RefuseStorage()) return storage;
-  if (begun.record->stage == JobStage::kPurging) {
-    job_.Purge(RefuseStorage());
-    return std::nullopt;
+Result<void, Refusal> EditJob::Resume(const StoredJob& unfinished) {
+  job_.ResumeFrom(unfinished);
+  if (const auto allowed = CheckStorage(); !allowed.ok()) return allowed;
+  if (unfinished.record->stage == JobStage::kPurging) {
+    job_.Purge(CheckStorage());
+    return {};
   }
-  const Refusal because{kFailed, "The host ended in the middle of it"};
-  Undo(because, Outcome::kRefused);
-  if (refusal_.reason == because.reason) return std::nullopt;
+  const Refusal interrupted{host_error::kFailed, "The host ended in the middle of it"};
+  Undo(interrupted, Outcome::kRefused);
+  if (refusal_.reason == interrupted.reason) return {};
   return refusal_;
 }
 
-Refused EditJob::DoFiles() {
-  if (Refused failed = job_.Make(files_->made)) return failed;
-  if (Refused failed = DoActiveFiles()) return failed;
-  if (const Status synced = job_.SyncAll("sync done"); !synced) return FailedBecause(synced.error());
-  return std::nullopt;
+Result<void, Refusal> EditJob::ChangeFiles() {
+  if (const auto allowed = job_.Make(files_->made); !allowed.ok()) return allowed;
+  if (const auto allowed = ChangeExistingFiles(); !allowed.ok()) return allowed;
+  if (const Status synced = job_.SyncAll("sync done"); !synced) return RefusalFor(synced.error());
+  return {};
 }
 
-// Files that a machine could have open.
-Refused EditJob::DoActiveFiles() {
+// Hides and grows files, which a running guest could have open.
+Result<void, Refusal> EditJob::ChangeExistingFiles() {
   const FileIntent& intent = job_.record().files;
-  if (intent.hidden.empty() && intent.grown.empty()) return std::nullopt;
-  if (Refused active = job_.RefuseActive()) return active;
+  if (intent.hidden.empty() && intent.grown.empty()) return {};
+  if (const auto allowed = job_.CheckNotRunning(); !allowed.ok()) return allowed;
   for (std::size_t i = 0; i < intent.hidden.size(); ++i) {
     const Status hidden = job_.Hide(intent.hidden[i], i);
-    if (!hidden && !IsCode(hidden, ErrorCode::kNotFound)) return FileFailedBecause(hidden.error());
+    if (!hidden && !HasErrorCode(hidden, ErrorCode::kNotFound)) return FileRefusalFor(hidden.error());
   }
   for (std::size_t i = 0; i < intent.grown.size(); ++i) {
-    job_.Step("grow", i);
-    const Status grown = Grow(job_.disk_files(), intent.grown[i]);
-    if (!grown) return FileFailedBecause(grown.error());
+    job_.BeforeStep("grow", i);
+    const Status grown = disks::Grow(job_.disk_files(), intent.grown[i]);
+    if (!grown) return FileRefusalFor(grown.error());
   }
-  return std::nullopt;
+  return {};
 }
 
-// Passes the point of no return, or returns to the beginning.
+// Commits, and searches again for referrers of the files when new ones may have been added.
 EditJob::Outcome EditJob::CommitRecords() {
   facts_.ForgetImages();
-  for (int search = 0; search < kFileSearches; ++search) {
+  for (int search = 0; search < kMaxFileSearches; ++search) {
     const Outcome outcome = CommitOnce();
     if (outcome != Outcome::kOutdated) return outcome;
   }
-  return Undo(FilesKeepChanging(), Outcome::kRefused);
+  return Undo(ReferencesKeepChanging(), Outcome::kRefused);
 }
 
 EditJob::Outcome EditJob::CommitOnce() {
-  cluster::RequestScope::ReleaseSnapshot();
-  if (const Refused storage = RefuseStorage()) return Undo(*storage, Outcome::kRefused);
+  if (const auto allowed = CheckStorage(); !allowed.ok()) return Undo(allowed.error(), Outcome::kRefused);
   if (const Status gathered = facts_.Gather(options_, guest_id_); !gathered)
-    return SettleFailedCommit(gathered.error());
-  const Result<bool> wanted = AreFilesNamedByOthers();
-  if (!wanted) return SettleFailedCommit(wanted.error());
-  if (*wanted) return Undo(FilesKeepBeingNamed(), Outcome::kChanged);
-  std::optional<Outcome> instead;
-  const Status committed = cluster::CommitPlanned(*options_.store, [&] { return PlanCommit(instead); });
-  if (!committed) return SettleFailedCommit(committed.error());
-  if (instead == Outcome::kOutdated) return *instead;
-  if (instead == Outcome::kChanged) return Undo(KeepsChanging(), Outcome::kChanged);
-  if (instead) return Undo(Refusal(refusal_), Outcome::kRefused);
+    return HandleFailedCommit(gathered.error());
+  const Result<bool> is_referenced = AreFilesReferencedElsewhere();
+  if (!is_referenced) return HandleFailedCommit(is_referenced.error());
+  if (*is_referenced) return Undo(FilesKeepBeingReferenced(), Outcome::kChanged);
+  std::optional<Outcome> early_outcome;
+  const Status committed = records::CommitWithRetry(
+      *options_.store, [&](const records::Reader& reader) { return PlanCommit(reader, early_outcome); });
+  if (!committed) return HandleFailedCommit(committed.error());
+  if (early_outcome == Outcome::kOutdated) return *early_outcome;
+  if (early_outcome == Outcome::kChanged) return Undo(GuestKeepsChanging(), Outcome::kChanged);
+  if (early_outcome) return Undo(Refusal(refusal_), Outcome::kRefused);
   std::size_t count = 0;
   for (const std::string& note : notes_) {
     if (++count > kMaxNotes) break;
-    ::syslog(LOG_WARNING, "Edited guest[%s]: %s.", cluster::LogText(guest_id_, kShownId).c_str(),
-             cluster::LogText(note, kShownNote).c_str());
+    ::syslog(LOG_WARNING, "Edited guest[%s]: %s.", SanitizeForLog(guest_id_, kMaxLoggedIdBytes).c_str(),
+             SanitizeForLog(note, kMaxLoggedNoteBytes).c_str());
   }
-  job_.Purge(RefuseStorage());
+  job_.Purge(CheckStorage());
   return Outcome::kDone;
 }
 
-// Whether a record added since the files were selected names one that is to be removed or has grown. As for deletions,
-// checked before the commit, which must be quick and compares that no other record has been added since.
-Result<bool> EditJob::AreFilesNamedByOthers() {
+// Whether a record that was added since the files were selected refers to one that is to be removed or has grown. This
+// search takes time, so it runs before the commit, which compares that no such record has been added since.
+Result<bool> EditJob::AreFilesReferencedElsewhere() {
   const FileIntent& intent = job_.record().files;
   if (intent.hidden.empty() && intent.grown.empty()) return false;
-  if (const Status begun = job_.BeginSearch(); !begun) return begun.error();
-  const Result<SoughtFiles> hidden = job_.SeekHidden();
+  if (const Status started = job_.BeginSearch(); !started) return started.error();
+  const Result<QueriedFiles> hidden = job_.QueryHidden();
   if (!hidden) return hidden.error();
-  SoughtFiles grown;
-  for (const Growth& growth : intent.grown) {
-    Result<SoughtFile> sought = job_.Seek(growth.path);
-    if (!sought) return sought.error();
-    grown.emplace(growth.path, std::move(*sought));
+  QueriedFiles grown;
+  for (const disks::Growth& growth : intent.grown) {
+    Result<disks::QueriedFile> queried = job_.QueryFile(growth.path);
+    if (!queried) return queried.error();
+    grown.emplace(growth.path, std::move(*queried));
   }
-  const Result<bool> is_hidden_named = job_.AreNamed(*hidden, job_.Question(files_->removed_disks));
-  if (!is_hidden_named || *is_hidden_named) return is_hidden_named;
+  const Result<bool> is_hidden_referenced = job_.AreReferenced(*hidden, job_.MakeReferrerQuery(files_->removed_disks));
+  if (!is_hidden_referenced || *is_hidden_referenced) return is_hidden_referenced;
   std::set<std::string> own = files_->removed_disks;
   for (const GrownFile& file : files_->grown) own.insert(file.disk_id);
-  return job_.AreNamed(grown, job_.Question(std::move(own)));
+  return job_.AreReferenced(grown, job_.MakeReferrerQuery(std::move(own)));
 }
 
-// `instead`: kChanged when the records now name other files, kOutdated when facts are missing or another record has
-// come to name files, kRefused when the records no longer allow the edit.
-Result<store::Transaction> EditJob::PlanCommit(std::optional<Outcome>& instead) {
-  instead.reset();
-  const auto snapshot = options_.store->Read();
-  if (!snapshot) return snapshot.error();
-  Result<EditPlan> plan = PlanEdit(options_, guest_id_, request_, ids_, **snapshot, facts_);
+// `early_outcome`: kChanged when the records now refer to other files, kOutdated when facts are missing or another
+// record has started to refer to files, kRefused when the records no longer allow the edit.
+Result<store::Transaction> EditJob::PlanCommit(const records::Reader& reader, std::optional<Outcome>& early_outcome) {
+  early_outcome.reset();
+  Result<EditPlan> plan = PlanEdit(options_, guest_id_, request_, ids_, reader, facts_);
   if (!plan) return plan.error();
   if (plan->refused) {
     refusal_ = std::move(*plan->refused);
-    instead = Outcome::kRefused;
+    early_outcome = Outcome::kRefused;
     return store::Transaction();
   }
-  if (facts_.IsLacking()) {
-    instead = Outcome::kOutdated;
+  if (facts_.HasMissingFacts()) {
+    early_outcome = Outcome::kOutdated;
     return store::Transaction();
   }
   if (plan->files != *files_) {
-    instead = Outcome::kChanged;
+    early_outcome = Outcome::kChanged;
     return store::Transaction();
   }
   const FileIntent& intent = job_.record().files;
   if (!intent.hidden.empty() || !intent.grown.empty()) {
-    const Result<bool> is_current = job_.CompareFiles(FilesRevision(**snapshot), plan->transaction);
+    const Result<bool> is_current =
+        job_.CompareReferencesRevision(disks::FileReferencesRevision(reader), plan->transaction);
     if (!is_current) return is_current.error();
     if (!*is_current) {
-      instead = Outcome::kOutdated;
+      early_outcome = Outcome::kOutdated;
       return store::Transaction();
     }
   }
-  const Result<bool> is_ours = job_.IsOurs(**snapshot);
+  const Result<bool> is_ours = job_.IsOurs(reader);
   if (!is_ours) return is_ours.error();
   if (!*is_ours) {
-    refusal_ = Refusal{kFailed, "Somebody has changed the record of the guest's edit"};
-    instead = Outcome::kRefused;
+    refusal_ = Refusal{host_error::kFailed, "The record of the guest's edit was changed"};
+    early_outcome = Outcome::kRefused;
     return store::Transaction();
   }
   job_.AddPurging(plan->transaction);
   return std::move(plan->transaction);
 }
 
-EditJob::Outcome EditJob::SettleFailedCommit(const Error& error) {
+EditJob::Outcome EditJob::HandleFailedCommit(const Error& error) {
   using State = FileJob::FailedCommit::State;
-  FileJob::FailedCommit settled = job_.SettleFailedCommit(error);
-  if (settled.state == State::kUnknown) return Refuse(std::move(settled.refusal));
-  if (settled.state != State::kPurging) return Undo(settled.refusal, Outcome::kRefused);
-  job_.Purge(RefuseStorage());
+  FileJob::FailedCommit failed_commit = job_.InspectFailedCommit(error);
+  if (failed_commit.state == State::kUnknown) return Refuse(std::move(failed_commit.refusal));
+  if (failed_commit.state != State::kPurging) return Undo(failed_commit.refusal, Outcome::kRefused);
+  job_.Purge(CheckStorage());
   return Outcome::kDone;
 }
 

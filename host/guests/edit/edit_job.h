@@ -14,6 +14,7 @@
 #include "host/guests/edit/edit_request.h"
 #include "host/guests/jobs/edit_record.h"
 #include "host/guests/jobs/file_job.h"
+#include "host/records/reader.h"
 
 namespace vexa::guests {
 
@@ -23,45 +24,44 @@ class EditJob {
   EditJob(const EditOptions& options, std::string guest_id);
 
   // From the beginning. Refusals: those of Edits::Edit.
-  Refused Start(const Json::Value& edit, const Requester& requester);
+  Result<void, Refusal> Start(const Json::Value& edit, const Requester& requester);
 
-  // Resumes an edit that this host had started when it ended. A refusal says why it is not finished.
-  Refused Resume(const StoredJob& begun);
+  // Resumes an edit that this host had started when it ended. A refusal has the reason why it is not finished.
+  Result<void, Refusal> Resume(const StoredJob& unfinished);
 
  private:
   enum class Outcome {
-    kBegun,  // the intent is recorded: the files come next
+    kStarted,  // the intent is recorded: the files come next
     kDone,
-    kChanged,   // undone, because the records now name other files: start again
-    kOutdated,  // facts are missing, or records have come to name files since the search for other users of the guest's
-                // files
-    kRefused,   // refusal_ says why
+    kChanged,   // undone, because the records now refer to other files: start again
+    kOutdated,  // facts are missing, or records have started to refer to files since the search for other referrers
+    kRefused,   // refusal_ has the reason
   };
 
   Status MakeIds();
   Outcome Begin(const Requester& requester);
-  Outcome TakeBegun();
-  Refused LookInto();
-  // 949 while the folders of the files are not the expected ones, or those that the edit started with: nothing is known
-  // about the files.
-  Refused RefuseStorage(const FileChanges& files) const;
-  Refused RefuseStorage() const;
-  Outcome SettleFailedBegin(const Error& error);
-  Result<store::Transaction> PlanBegin(const Requester& requester);
+  Outcome LoadUnfinished();
+  Result<void, Refusal> GatherFacts();
+  // 949 while the folders of the files are not the expected ones, or differ from the folders at the start of the edit:
+  // nothing is known about the files.
+  Result<void, Refusal> CheckStorage(const FileChanges& files) const;
+  Result<void, Refusal> CheckStorage() const;
+  Outcome HandleFailedBegin(const Error& error);
+  Result<store::Transaction> PlanBegin(const records::Reader& reader, const Requester& requester);
   Status SelectFor(const FileChanges& files);
   Status SelectGrown(const FileChanges& files);
   Status SelectRemoved(const FileChanges& files);
-  Refused DoFiles();
-  Refused DoActiveFiles();
+  Result<void, Refusal> ChangeFiles();
+  Result<void, Refusal> ChangeExistingFiles();
   Outcome CommitRecords();
   Outcome CommitOnce();
-  Result<bool> AreFilesNamedByOthers();
-  Result<store::Transaction> PlanCommit(std::optional<Outcome>& instead);
-  Outcome SettleFailedCommit(const Error& error);
+  Result<bool> AreFilesReferencedElsewhere();
+  Result<store::Transaction> PlanCommit(const records::Reader& reader, std::optional<Outcome>& early_outcome);
+  Outcome HandleFailedCommit(const Error& error);
   Outcome Undo(const Refusal& refusal, Outcome outcome);
   Status UndoFiles();
   Status UndoGrown();
-  Status Shrink(const Growth& growth, const std::set<std::string>& own_disks);
+  Status Shrink(const disks::Growth& growth, const std::set<std::string>& own_disks);
   Result<std::set<std::string>> OwnDisks() const;
 
   Outcome Refuse(Refusal refusal);
@@ -73,8 +73,8 @@ class EditJob {
   EditRequest request_;
   NewIds ids_;
   FileFacts facts_;
-  std::optional<FileChanges> files_;   // the changes that intent_ was selected by; not set: not yet
-  std::optional<FileChanges> unseen_;  // the changes to select them by
+  std::optional<FileChanges> files_;       // the changes that intent_ was made from; not set: none yet
+  std::optional<FileChanges> unexamined_;  // the changes to make intent_ from
   FileIntent intent_;
   Notes notes_;
   Refusal refusal_;

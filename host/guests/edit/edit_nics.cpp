@@ -1,14 +1,16 @@
 // Edits the network interfaces of a guest.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <optional>
 
 #include "host/base/json_parse.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/cluster/mac_address.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/guests/edit/edit_plan.h"
 #include "host/guests/edit/edit_request.h"
-#include "host/store/key.h"
+#include "host/records/keys.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -28,18 +30,19 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// The network's name according to another interface that is in it. "": unknown.
+// The name of the network according to any network interface that is in it. "": unknown.
 Result<std::string> NameFromNics(const store::Snapshot& snapshot, const std::string& network_id) {
   std::string name;
-  const Status scanned = snapshot.Scan(
-      store::MakeKey({"dash", DashCate::vNic.name()}), [&](std::string_view, const store::ValueView& value) {
-        // Parsing all of them would take most of the time. A text without the id can only contain it in escaped form.
-        const bool may_be =
+  const Status scanned =
+      snapshot.Scan(records::CategoryKey(DashCate::vNic.name()), [&](std::string_view, const store::ValueView& value) {
+        // Parsing every record would be slow. A record that does not contain the id literally can only contain it with
+        // escapes.
+        const bool may_contain_id =
             value.text.find(network_id) != std::string_view::npos || value.text.find('\\') != std::string_view::npos;
-        if (!may_be) return true;
+        if (!may_contain_id) return true;
         const Result<Json::Value> record = ParseJson(value.text);
-        if (record && json::TextMember(*record, keys::network_group_id) == network_id)
-          name = json::TextMember(*record, kNetworkName);
+        if (record && json::StringMember(*record, keys::network_group_id) == network_id)
+          name = json::StringMember(*record, kNetworkName);
         return name.empty();
       });
   if (!scanned) return scanned.error();
@@ -52,12 +55,11 @@ Result<std::optional<std::string>> NetworkName(const store::Snapshot& snapshot, 
   Result<std::string> name = NameFromNics(snapshot, network_id);
   if (!name) return name.error();
   if (!name->empty()) return std::optional(std::move(*name));
-  const auto record =
-      cluster::LoadObject(snapshot, store::MakeKey({"dash", kNetworkCategory, network_id, keys::object}));
+  const auto record = records::LoadObject(snapshot, records::ObjectKey(kNetworkCategory, network_id));
   if (!record && record.error().code() != ErrorCode::kCorrupt) return record.error();
   if (!record) return std::optional<std::string>();
   for (const char* member : {keys::bridge_name, keys::name}) {
-    std::string text = json::TextMember(record->record, member);
+    std::string text = json::StringMember(record->record, member);
     if (!text.empty()) return std::optional(std::move(text));
   }
   return std::optional<std::string>();
@@ -66,28 +68,29 @@ Result<std::optional<std::string>> NetworkName(const store::Snapshot& snapshot, 
 Status SetNetwork(EditedGuest& edited, Json::Value& nic, const std::string& network_id) {
   Result<std::optional<std::string>> name = NetworkName(edited.snapshot, network_id);
   if (!name) return name.error();
-  if (!*name) edited.Refuse(kBadNic, "There is no network " + Shown(network_id));
+  if (!*name) edited.Refuse(host_error::kBadNic, fmt::format("There is no network {}", QuoteForMessage(network_id)));
   nic[keys::network_group_id] = network_id;
   nic[kNetworkName] = name->value_or("");
   return {};
 }
 
-// An address that no other guest uses.
+// Sets an address, which no other guest may use.
 Status SetMac(EditedGuest& edited, Json::Value& nic, const std::string& mac) {
   nic[keys::mac_address] = mac;
   edited.taken_macs.push_back(mac);
-  // Reads the current state of the store, which is at least as new as what the commit compares.
+  // Reads the newest state of the store, which is at least as new as the snapshot.
   const auto user = cluster::GuestOfMacAddress(*edited.options.store, mac);
   if (!user) return user.error();
-  if (*user && **user != edited.id) edited.Refuse(kBadNic, "Another guest has the MAC address '" + mac + "'");
+  if (*user && **user != edited.id)
+    edited.Refuse(host_error::kBadNic, fmt::format("Another guest has the MAC address '{}'", mac));
   return {};
 }
 
 EditedPart* Find(EditedGuest& edited, const std::string& id) {
   const auto found = std::ranges::find(edited.nics, id, &EditedPart::id);
-  const bool is_own = found != edited.nics.end() && json::TextMember(found->before, keys::guest_id) == edited.id;
+  const bool is_own = found != edited.nics.end() && json::StringMember(found->before, keys::guest_id) == edited.id;
   if (is_own) return &*found;
-  edited.Refuse(kBadNic, "The guest has no network interface " + Shown(id));
+  edited.Refuse(host_error::kBadNic, fmt::format("The guest has no network interface {}", QuoteForMessage(id)));
   return nullptr;
 }
 
@@ -95,10 +98,10 @@ Status Change(EditedGuest& edited, const NicChange& change) {
   EditedPart* const nic = Find(edited, change.id);
   if (!nic) return {};
   Json::Value& record = nic->stored.record;
-  if (change.network_id && *change.network_id != json::TextMember(record, keys::network_group_id)) {
+  if (change.network_id && *change.network_id != json::StringMember(record, keys::network_group_id)) {
     if (Status set = SetNetwork(edited, record, *change.network_id); !set) return set;
   }
-  if (change.mac && *change.mac != Lower(json::TextMember(record, keys::mac_address))) {
+  if (change.mac && *change.mac != Lower(json::StringMember(record, keys::mac_address))) {
     if (Status set = SetMac(edited, record, *change.mac); !set) return set;
   }
   if (change.type) record[keys::vnic_type] = *change.type;
@@ -122,19 +125,23 @@ Status Add(EditedGuest& edited, const NicAddition& addition, std::size_t index) 
 }
 
 void CheckAll(EditedGuest& edited) {
-  if (edited.nics.size() > hypervisor::kMaxNics) {
-    edited.Refuse(kBadNic,
-                  "The guest would have more than " + std::to_string(hypervisor::kMaxNics) + " network interfaces");
+  if (edited.nics.size() > domain_xml::kMaxNics) {
+    edited.Refuse(host_error::kBadNic,
+                  fmt::format("The guest would have more than {} network interfaces", domain_xml::kMaxNics));
   }
   for (const std::string& mac : edited.taken_macs) {
     const auto users = std::ranges::count_if(edited.nics, [&](const EditedPart& nic) {
-      return Lower(json::TextMember(nic.stored.record, keys::mac_address)) == mac;
+      return Lower(json::StringMember(nic.stored.record, keys::mac_address)) == mac;
     });
-    if (users > 1) edited.Refuse(kBadNic, "Two network interfaces of the guest would have the address '" + mac + "'");
+    if (users > 1)
+      edited.Refuse(host_error::kBadNic,
+                    fmt::format("Two network interfaces of the guest would have the address '{}'", mac));
   }
 }
 
 }  // namespace
+
+std::string TooManyNics() { return fmt::format("A guest has at most {} network interfaces", domain_xml::kMaxNics); }
 
 Status EditNics(EditedGuest& edited) {
   const EditRequest& request = edited.request;
@@ -146,14 +153,14 @@ Status EditNics(EditedGuest& edited) {
   for (const NicChange& change : request.nics_edit) {
     if (Status changed = Change(edited, change); !changed) return changed;
   }
-  if (request.nics_add.size() > hypervisor::kMaxNics) {
-    edited.Refuse(kBadNic, "A guest has at most " + std::to_string(hypervisor::kMaxNics) + " network interfaces");
+  if (request.nics_add.size() > domain_xml::kMaxNics) {
+    edited.Refuse(host_error::kBadNic, TooManyNics());
     return {};
   }
   for (std::size_t i = 0; i < request.nics_add.size(); ++i) {
     if (Status added = Add(edited, request.nics_add[i], i); !added) return added;
   }
-  // An existing guest may exceed the limits; an edit that does not touch its interfaces does not complain.
+  // An existing guest may exceed the limits, which does not prevent edits that leave its interfaces alone.
   if (!request.nics_add.empty() || !request.nics_edit.empty()) CheckAll(edited);
   return {};
 }

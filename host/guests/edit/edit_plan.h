@@ -1,4 +1,4 @@
-// The changes of a guest's edit, based on one state of the store. For host/guests/edit/edit*.cpp only.
+// Plans an edit of a guest, based on one state of the store. For host/guests/edit/edit*.cpp only.
 #pragma once
 
 #include <set>
@@ -17,25 +17,28 @@
 
 namespace vexa::guests {
 
-// Values that are new regardless of the records, so that they stay the same when an edit is planned again.
+// Ids and MAC addresses for what the edit adds. Made before the plan, so that they stay the same when the edit is
+// planned again.
 struct NewIds {
   std::vector<std::string> nics;   // one for each of nics_add
-  std::vector<std::string> macs;   // likewise; "" where the request has one
+  std::vector<std::string> macs;   // one for each of nics_add; "" where the request has an address
   std::vector<std::string> disks;  // one for each of disks_add
 };
 
+// A file of a disk to grow.
 struct GrownFile {
   std::string disk_id;
   std::string path;
-  hypervisor::ImageFormat format = hypervisor::ImageFormat::kQcow2;
+  domain_xml::ImageFormat format = domain_xml::ImageFormat::kQcow2;
   std::uint64_t size_mib = 0;
   bool operator==(const GrownFile&) const = default;
 };
 
+// The files that the edit creates, grows and removes.
 struct FileChanges {
   std::vector<NewFile> made;
   std::vector<GrownFile> grown;
-  std::vector<NamedFile> removed;
+  std::vector<RecordedFile> removed;
   std::set<std::string> removed_disks;  // their ids
   std::set<std::string> images;         // normal paths of the guest's ISO images
   std::string repository_id;            // of the guest
@@ -44,20 +47,20 @@ struct FileChanges {
 };
 
 struct EditPlan {
-  Refused refused;                 // if set, the other members have no meaning; also when facts are missing
-  store::Transaction transaction;  // without operations: nothing changes
+  std::optional<Refusal> refused;  // if set, or when facts are missing, the other members have no meaning
+  store::Transaction transaction;  // without operations when nothing changes
   FileChanges files;
 };
 
 // One record of a disk or interface during an edit.
 struct EditedPart {
   std::string id;
-  cluster::StoredObject stored;  // revision 0: it is new
+  records::StoredObject stored;  // revision 0: it is new
   Json::Value before;            // the original record
   std::size_t index = 0;         // its position in the guest's record
 };
 
-// An edit under construction: the parts of PlanEdit() change it.
+// The state of PlanEdit(): the guest's records as they become, and the plan so far.
 struct EditedGuest {
   const EditOptions& options;
   const EditRequest& request;
@@ -65,7 +68,7 @@ struct EditedGuest {
   const store::Snapshot& snapshot;
   FileFacts& facts;
   std::string id;
-  cluster::StoredObject guest;
+  records::StoredObject guest;
   Json::Value before;
   std::vector<EditedPart> disks;
   std::vector<EditedPart> nics;
@@ -74,23 +77,27 @@ struct EditedGuest {
   std::vector<std::string> taken_macs;  // addresses that the edit assigns to interfaces
   std::string repository_id;
   std::string repository_host_id;
-  bool is_running = false;    // a host has the guest
-  bool is_suspended = false;  // its state is saved, or it is frozen
+  bool is_running = false;    // a host holds the guest
+  bool is_suspended = false;  // its memory is saved, or it is paused
   EditPlan plan;
 
   void Refuse(int code, std::string reason) {
     if (!plan.refused) plan.refused = Refusal{code, std::move(reason)};
   }
-  bool IsOver() const { return plan.refused || facts.IsLacking(); }
+  // Whether planning must stop here.
+  bool MustStop() const { return plan.refused || facts.HasMissingFacts(); }
 };
 
 // The transaction compares everything that was read, so that any change meanwhile becomes a conflict. Uses only the
-// store and `facts`; when a fact is missing, the plan ends there and must be made again. Errors: those of the store.
+// snapshot, the store and `facts`. When a fact is missing, the plan is incomplete and must be made again. Errors: those
+// of the store.
 Result<EditPlan> PlanEdit(const EditOptions& options, const std::string& guest_id, const EditRequest& request,
                           const NewIds& ids, const store::Snapshot& snapshot, FileFacts& facts);
 
 // edit_nics.cpp
 Status EditNics(EditedGuest& edited);
+// The reason for refusing an edit that adds more network interfaces than a guest may have.
+std::string TooManyNics();
 // edit_disks.cpp
 void EditDisks(EditedGuest& edited);
 

@@ -1,5 +1,7 @@
 #include "host/guests/edit/edit_request.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <set>
@@ -7,7 +9,7 @@
 
 #include "host/base/guest_settings.h"
 #include "host/base/json_parse.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -16,19 +18,20 @@ namespace {
 
 namespace json = VexaVirtualization::json;
 namespace keys = VexaCCC::DB::_k;
-using hypervisor::ImageFormat;
+using domain_xml::ImageFormat;
 
-constexpr std::size_t kMaxListed = 1024;
-constexpr std::size_t kMaxShown = 128;
+constexpr std::size_t kMaxElements = 1024;
+constexpr std::size_t kMaxQuotedBytes = 128;
 
-struct NumberRow {
+// The range of a numeric parameter.
+struct NumberRange {
   const char* name;
   Json::Int64 least;
   Json::Int64 most;
 };
-constexpr NumberRow kMode{"vdisk_mode", 1, 4};
-constexpr NumberRow kNicType{"vnic_type", 1, 3};
-constexpr NumberRow kSize{"vdisk_size", 1, static_cast<Json::Int64>(hypervisor::kMaxDiskMib)};
+constexpr NumberRange kMode{"vdisk_mode", 1, 4};
+constexpr NumberRange kNicType{"vnic_type", 1, 3};
+constexpr NumberRange kSize{"vdisk_size", 1, static_cast<Json::Int64>(domain_xml::kMaxDiskMib)};
 
 bool HasControls(std::string_view text) {
   return std::ranges::any_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
@@ -44,9 +47,9 @@ std::optional<std::uint32_t> Number(std::string_view text, int base, std::uint32
   return number;
 }
 
-// "1234:00ab" is a vendor and a product, "3.14" a bus and a device. Returns the same text for every way to write a
-// device; "" when it is not a device.
-std::string UsbDevice(std::string_view text) {
+// Parses "1234:00ab" (vendor and product) or "3.14" (bus and device). Returns the canonical form of the device; "" when
+// `text` has neither form.
+std::string CanonicalUsbDevice(std::string_view text) {
   const std::size_t at = text.find_first_of(":.");
   if (at == std::string_view::npos || at == 0 || at > 4 || text.size() - at > 5) return "";
   const bool is_product = text[at] == ':';
@@ -75,12 +78,12 @@ std::string UnicastMac(const std::string& text) {
   return is_group || is_zero ? "" : mac;
 }
 
-// Reads one request; the first error ends it.
-class Reader {
+// Parses one request. Only the first error is reported.
+class RequestParser {
  public:
-  explicit Reader(const Json::Value& edit) : edit_(edit) {}
+  explicit RequestParser(const Json::Value& edit) : edit_(edit) {}
 
-  std::variant<EditRequest, Refusal> Read() {
+  std::variant<EditRequest, Refusal> Parse() {
     ReadMembers();
     ReadImages();
     ReadDevices();
@@ -91,87 +94,92 @@ class Reader {
   }
 
  private:
-  void Refuse(int code, const std::string& where, const std::string& what) {
-    if (!refusal_) refusal_ = Refusal{code, "The parameter '" + where + "' " + what};
+  void Refuse(int code, const std::string& parameter, const std::string& what) {
+    if (!refusal_) refusal_ = Refusal{code, fmt::format("The parameter '{}' {}", parameter, what)};
   }
-  void RefuseType(const std::string& where, const std::string& wanted) { Refuse(kBadEdit, where, "is not " + wanted); }
+  void RefuseType(const std::string& parameter, const std::string& wanted) {
+    Refuse(kBadEdit, parameter, fmt::format("is not {}", wanted));
+  }
 
-  std::optional<Json::Int64> NumberIn(const Json::Value& value, const NumberRow& row, const std::string& where) {
-    if (value.isInt64() && json::Int64(value) >= row.least && json::Int64(value) <= row.most) return json::Int64(value);
-    RefuseType(where, "a number from " + std::to_string(row.least) + " to " + std::to_string(row.most));
+  std::optional<Json::Int64> NumberIn(const Json::Value& value, const NumberRange& range,
+                                      const std::string& parameter) {
+    if (value.isInt64() && json::Int64(value) >= range.least && json::Int64(value) <= range.most)
+      return json::Int64(value);
+    RefuseType(parameter, fmt::format("a number from {} to {}", range.least, range.most));
     return std::nullopt;
   }
-  std::optional<Json::Int64> NumberAt(const Json::Value& object, const NumberRow& row, const std::string& where) {
-    const Json::Value* const value = json::FindMember(object, row.name);
+  std::optional<Json::Int64> NumberAt(const Json::Value& object, const NumberRange& range,
+                                      const std::string& parameter) {
+    const Json::Value* const value = json::FindMember(object, range.name);
     if (!value) return std::nullopt;
-    return NumberIn(*value, row, where + "." + row.name);
+    return NumberIn(*value, range, parameter + "." + range.name);
   }
-  std::optional<bool> FlagAt(const Json::Value& object, const char* name, const std::string& where) {
+  std::optional<bool> FlagAt(const Json::Value& object, const char* name, const std::string& parameter) {
     const Json::Value* const value = json::FindMember(object, name);
     if (!value) return std::nullopt;
     if (value->isBool()) return json::Bool(*value);
-    RefuseType(where + "." + name, "true or false");
+    RefuseType(parameter + "." + name, "true or false");
     return std::nullopt;
   }
-  std::string IdAt(const Json::Value& object, const char* name, const std::string& where) {
+  std::string IdAt(const Json::Value& object, const char* name, const std::string& parameter) {
     const Json::Value& value = json::Member(object, name);
     if (value.isString() && VexaCCC::Utils::isUUID(json::String(value))) return json::String(value);
-    RefuseType(where + "." + name, "a UUID");
+    RefuseType(parameter + "." + name, "a UUID");
     return "";
   }
-  std::optional<std::string> NetworkAt(const Json::Value& object, const std::string& where) {
+  std::optional<std::string> NetworkAt(const Json::Value& object, const std::string& parameter) {
     const Json::Value* const value = json::FindMember(object, "network_id");
     if (!value) return std::nullopt;
     const std::string id = value->isString() ? json::String(*value) : std::string(1, '?');
     if (id.empty() || VexaCCC::Utils::isUUID(id)) return id;
-    RefuseType(where + ".network_id", "a UUID or empty");
+    RefuseType(parameter + ".network_id", "a UUID or empty");
     return std::nullopt;
   }
-  std::optional<std::string> MacAt(const Json::Value& object, const std::string& where) {
+  std::optional<std::string> MacAt(const Json::Value& object, const std::string& parameter) {
     const Json::Value* const value = json::FindMember(object, "mac");
     if (!value) return std::nullopt;
     std::string mac = value->isString() ? UnicastMac(json::String(*value)) : "";
-    if (mac.empty()) RefuseType(where + ".mac", "a MAC address of one interface, such as 02:00:5e:10:00:01");
+    if (mac.empty()) RefuseType(parameter + ".mac", "a MAC address of one interface, such as 02:00:5e:10:00:01");
     return mac;
   }
 
-  // Calls `read` with each element and a name for it. A missing list counts as empty.
+  // Calls `read` with each element and its name for messages, such as "usbs[0]". A missing list counts as empty.
   template <class Read>
   void ForEach(const char* name, const Read& read) {
     const Json::Value* const list = json::FindMember(edit_, name);
     if (!list) return;
-    if (!list->isArray() || list->size() > kMaxListed) return RefuseType(name, "a list");
+    if (!list->isArray() || list->size() > kMaxElements) return RefuseType(name, "a list");
     for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
       const Json::Value& element = json::Element(*list, i);
-      const std::string where = name + ("[" + std::to_string(i) + "]");
-      read(element, where);
+      const std::string parameter = fmt::format("{}[{}]", name, i);
+      read(element, parameter);
     }
   }
   template <class Read>
   void ForEachObject(const char* name, const Read& read) {
-    ForEach(name, [&](const Json::Value& element, const std::string& where) {
-      if (!element.isObject()) return RefuseType(where, "an object");
-      read(element, where);
+    ForEach(name, [&](const Json::Value& element, const std::string& parameter) {
+      if (!element.isObject()) return RefuseType(parameter, "an object");
+      read(element, parameter);
     });
   }
 
-  // Returns false when the value is refused. A missing one is not.
+  // False: the value is refused. A missing value is not an error.
   bool ReadScalar(const GuestSetting& setting) {
     const Json::Value* const value = json::FindMember(edit_, setting.name);
     if (!value) return true;
     if (!IsValidValue(setting, *value)) {
-      RefuseType(setting.name, WantedValue(setting));
+      RefuseType(setting.name, DescribeValidValue(setting));
       return false;
     }
-    // A whole number may have arrived as 2.0.
+    // A JSON number such as 2.0 counts as a whole number.
     const bool is_number = setting.type == SettingType::kNumber;
     request_.members[setting.name] = is_number ? Json::Value(json::Int64(*value)) : *value;
     return true;
   }
 
   void ReadMembers() {
-    // The first wrong value is reported: a number, then a truth value, then a text.
-    for (const SettingType type : {SettingType::kNumber, SettingType::kYesNo, SettingType::kText}) {
+    // In this order, which determines the error that is reported: numbers, booleans, strings.
+    for (const SettingType type : {SettingType::kNumber, SettingType::kBoolean, SettingType::kString}) {
       for (const GuestSetting& setting : kGuestSettings) {
         if (setting.type == type && !ReadScalar(setting)) return;
       }
@@ -185,103 +193,105 @@ class Reader {
   void ReadImages() {
     if (!json::FindMember(edit_, keys::iso_images)) return;
     Json::Value images(Json::arrayValue);
-    ForEach(keys::iso_images, [&](const Json::Value& element, const std::string& where) {
-      if (!element.isString()) return RefuseType(where, "a text");
+    ForEach(keys::iso_images, [&](const Json::Value& element, const std::string& parameter) {
+      if (!element.isString()) return RefuseType(parameter, "a string");
       const std::string image = json::String(element);
       const bool can_be_one = VexaCCC::Utils::isUUID(image) || image == kUnmounted || image.starts_with('/');
       if (!can_be_one || !IsPath(image) || HasControls(image)) {
-        return Refuse(kNoImage, where, "is no image: give the id of one, an absolute path, or 'unmounted'");
+        return Refuse(host_error::kNoImage, parameter,
+                      "is not an image. Use an image id, an absolute path, or 'unmounted'");
       }
       images.append(element);
     });
-    if (images.size() > kMaxIsoImages) Refuse(kNoImage, keys::iso_images, "has more than two images");
+    if (images.size() > kMaxIsoImages) Refuse(host_error::kNoImage, keys::iso_images, "has more than two images");
     request_.members[keys::iso_images] = std::move(images);
   }
 
   void ReadDevices() {
     if (!json::FindMember(edit_, keys::usbs)) return;
     Json::Value devices(Json::arrayValue);
-    std::set<std::string> named;
-    ForEach(keys::usbs, [&](const Json::Value& element, const std::string& where) {
-      if (!element.isString()) return RefuseType(where, "a text");
+    std::set<std::string> seen;
+    ForEach(keys::usbs, [&](const Json::Value& element, const std::string& parameter) {
+      if (!element.isString()) return RefuseType(parameter, "a string");
       const std::string device = json::String(element);
-      const std::string plain = UsbDevice(device);
-      const std::string shown = cluster::LogText(device, kMaxShown);
-      if (device != kUnmounted && plain.empty()) {
-        return Refuse(kBadUsb, where, "is '" + shown + "': give '1234:00ab', '3.14' or 'unmounted'");
+      const std::string canonical = CanonicalUsbDevice(device);
+      const std::string shown = SanitizeForLog(device, kMaxQuotedBytes);
+      if (device != kUnmounted && canonical.empty()) {
+        return Refuse(host_error::kBadUsb, parameter,
+                      fmt::format("is '{}'. Use the form '1234:00ab' or '3.14', or 'unmounted'", shown));
       }
-      // A machine cannot have it in two ports.
-      if (device != kUnmounted && !named.insert(plain).second) {
-        return Refuse(kBadUsb, where, "names the device '" + shown + "' once more");
+      // A device cannot be in two ports of a guest.
+      if (device != kUnmounted && !seen.insert(canonical).second) {
+        return Refuse(host_error::kBadUsb, parameter, fmt::format("has the device '{}' again", shown));
       }
       devices.append(element);
     });
-    if (devices.size() > kMaxUsbDevices) Refuse(kNoUsbPort, keys::usbs, "has more than four devices");
+    if (devices.size() > kMaxUsbDevices) Refuse(host_error::kNoUsbPort, keys::usbs, "has more than four devices");
     while (devices.size() < kMaxUsbDevices) devices.append(kUnmounted);
     request_.members[keys::usbs] = std::move(devices);
   }
 
   void ReadNics() {
-    ForEachObject("vnics_add", [&](const Json::Value& element, const std::string& where) {
+    ForEachObject("vnics_add", [&](const Json::Value& element, const std::string& parameter) {
       NicAddition nic;
-      const auto network = NetworkAt(element, where);
-      const auto type = NumberAt(element, kNicType, where);
-      const auto prefer_sriov = FlagAt(element, keys::prefer_sriov, where);
-      if (!network) RefuseType(where + ".network_id", "a UUID or empty");
+      const auto network = NetworkAt(element, parameter);
+      const auto type = NumberAt(element, kNicType, parameter);
+      const auto prefer_sriov = FlagAt(element, keys::prefer_sriov, parameter);
+      if (!network) RefuseType(parameter + ".network_id", "a UUID or empty");
       nic.network_id = network.value_or("");
       nic.type = type.value_or(1);
       nic.prefer_sriov = prefer_sriov.value_or(false);
-      nic.mac = MacAt(element, where).value_or("");
+      nic.mac = MacAt(element, parameter).value_or("");
       request_.nics_add.push_back(std::move(nic));
     });
-    ForEachObject("vnics_del", [&](const Json::Value& element, const std::string& where) {
-      request_.nics_del.push_back(IdAt(element, "vnic_id", where));
+    ForEachObject("vnics_del", [&](const Json::Value& element, const std::string& parameter) {
+      request_.nics_del.push_back(IdAt(element, "vnic_id", parameter));
     });
-    ForEachObject("vnics_edit", [&](const Json::Value& element, const std::string& where) {
+    ForEachObject("vnics_edit", [&](const Json::Value& element, const std::string& parameter) {
       NicChange nic;
-      nic.id = IdAt(element, "vnic_id", where);
-      nic.network_id = NetworkAt(element, where);
-      nic.mac = MacAt(element, where);
-      nic.type = NumberAt(element, kNicType, where);
-      nic.prefer_sriov = FlagAt(element, keys::prefer_sriov, where);
+      nic.id = IdAt(element, "vnic_id", parameter);
+      nic.network_id = NetworkAt(element, parameter);
+      nic.mac = MacAt(element, parameter);
+      nic.type = NumberAt(element, kNicType, parameter);
+      nic.prefer_sriov = FlagAt(element, keys::prefer_sriov, parameter);
       request_.nics_edit.push_back(std::move(nic));
     });
   }
 
-  std::uint64_t SizeAt(const Json::Value& object, const std::string& where) {
+  std::uint64_t SizeAt(const Json::Value& object, const std::string& parameter) {
     return static_cast<std::uint64_t>(
-        NumberIn(json::Member(object, kSize.name), kSize, where + "." + kSize.name).value_or(0));
+        NumberIn(json::Member(object, kSize.name), kSize, parameter + "." + kSize.name).value_or(0));
   }
-  ImageFormat FormatAt(const Json::Value& object, const std::string& where) {
+  ImageFormat FormatAt(const Json::Value& object, const std::string& parameter) {
     const Json::Value* const value = json::FindMember(object, keys::format);
     if (!value) return ImageFormat::kQcow2;
     const std::string format = value->isString() ? json::String(*value) : "";
-    if (format != "raw" && format != "qcow2") RefuseType(where + ".format", "'raw' or 'qcow2'");
+    if (format != "raw" && format != "qcow2") RefuseType(parameter + ".format", "'raw' or 'qcow2'");
     return format == "raw" ? ImageFormat::kRaw : ImageFormat::kQcow2;
   }
 
   void ReadDisks() {
-    ForEachObject("vdisks_add", [&](const Json::Value& element, const std::string& where) {
+    ForEachObject("vdisks_add", [&](const Json::Value& element, const std::string& parameter) {
       DiskAddition disk;
-      disk.size_mib = SizeAt(element, where);
-      disk.mode = NumberAt(element, kMode, where).value_or(1);
-      disk.unmap = FlagAt(element, keys::unmap, where).value_or(false);
-      disk.format = FormatAt(element, where);
+      disk.size_mib = SizeAt(element, parameter);
+      disk.mode = NumberAt(element, kMode, parameter).value_or(1);
+      disk.unmap = FlagAt(element, keys::unmap, parameter).value_or(false);
+      disk.format = FormatAt(element, parameter);
       request_.disks_add.push_back(disk);
     });
-    ForEachObject("vdisks_del", [&](const Json::Value& element, const std::string& where) {
-      request_.disks_del.push_back(IdAt(element, "vdisk_id", where));
+    ForEachObject("vdisks_del", [&](const Json::Value& element, const std::string& parameter) {
+      request_.disks_del.push_back(IdAt(element, "vdisk_id", parameter));
     });
-    ForEachObject("vdisks_edit", [&](const Json::Value& element, const std::string& where) {
+    ForEachObject("vdisks_edit", [&](const Json::Value& element, const std::string& parameter) {
       DiskChange disk;
-      disk.id = IdAt(element, "vdisk_id", where);
-      disk.size_mib = SizeAt(element, where);
-      disk.mode = NumberAt(element, kMode, where);
-      disk.unmap = FlagAt(element, keys::unmap, where);
+      disk.id = IdAt(element, "vdisk_id", parameter);
+      disk.size_mib = SizeAt(element, parameter);
+      disk.mode = NumberAt(element, kMode, parameter);
+      disk.unmap = FlagAt(element, keys::unmap, parameter);
       request_.disks_edit.push_back(std::move(disk));
     });
-    ForEachObject("vdisks_order", [&](const Json::Value& element, const std::string& where) {
-      request_.disks_order.push_back(IdAt(element, "vdisk_id", where));
+    ForEachObject("vdisks_order", [&](const Json::Value& element, const std::string& parameter) {
+      request_.disks_order.push_back(IdAt(element, "vdisk_id", parameter));
     });
   }
 
@@ -292,8 +302,8 @@ class Reader {
 
 }  // namespace
 
-std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit) { return Reader(edit).Read(); }
+std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit) { return RequestParser(edit).Parse(); }
 
-std::string Shown(const std::string& text) { return "'" + cluster::LogText(text, kMaxShown) + "'"; }
+std::string QuoteForMessage(const std::string& text) { return "'" + SanitizeForLog(text, kMaxQuotedBytes) + "'"; }
 
 }  // namespace vexa::guests

@@ -1,4 +1,4 @@
-// A requested edit of a guest, checked as far as that is possible without records.
+// The parameters of an edit, parsed and checked as far as that is possible without records.
 #pragma once
 
 #include <json/value.h>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "host/base/refusal.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 
 namespace vexa::guests {
 
@@ -38,7 +38,7 @@ struct DiskAddition {
   std::uint64_t size_mib = 0;
   Json::Int64 mode = 1;
   bool unmap = false;
-  hypervisor::ImageFormat format = hypervisor::ImageFormat::kQcow2;
+  domain_xml::ImageFormat format = domain_xml::ImageFormat::kQcow2;
 };
 
 struct DiskChange {
@@ -49,7 +49,7 @@ struct DiskChange {
 };
 
 struct EditRequest {
-  // The members to be set in the guest's record, as they are stored; "usbs" has all four entries.
+  // The members to be set in the guest's record, as they are stored; "usbs" always has kMaxUsbDevices entries.
   Json::Value members{Json::objectValue};
   std::vector<NicAddition> nics_add;
   std::vector<std::string> nics_del;
@@ -64,11 +64,11 @@ struct EditRequest {
   }
 };
 
-// `edit` has the parameters of the method "set" (docs/guests.md); others are ignored. Refusals: 401 (a type, a range, a
-// text), 932 and 938 (too many images or devices), 936 (an invalid device), each with the parameter.
+// `edit` has the parameters of the method "set" (docs/guests.md); others are ignored. Refusals: 401 (a wrong type or
+// value), 932 and 938 (too many images or devices), 936 (an invalid device), each with the name of the parameter.
 std::variant<EditRequest, Refusal> ParseEdit(const Json::Value& edit);
 
-// At most 128 bytes of a text from a request, in quotes, for sentences.
-std::string Shown(const std::string& text);
+// At most 128 bytes of a string from a request, in quotes, for a message.
+std::string QuoteForMessage(const std::string& text);
 
 }  // namespace vexa::guests

@@ -1,14 +1,15 @@
-// Undoes an edit that touched files. It repeats the checks of the edit, because files may have other users by now.
+// Undoes an edit that has changed files. Repeats the checks of the edit, because files may have other referrers by now.
+#include <fmt/format.h>
+
 #include <optional>
 #include <set>
 #include <string>
 #include <utility>
 
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/guests/edit/edit_job.h"
 #include "host/records/keys.h"
 #include "host/records/object_edit.h"
-#include "host/store/key.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 
@@ -21,45 +22,47 @@ using VexaCCC::DB::DashCate;
 
 }  // namespace
 
-Refused EditJob::RefuseStorage() const {
+Result<void, Refusal> EditJob::CheckStorage() const {
   if (files_ && !files_->removed.empty()) {
     const std::vector<std::string> paths = PathsOf(files_->removed);
-    if (Refused storage = job_.RefuseStorage(files_->repository_id, paths, StorageUse::kExisting)) return storage;
+    if (const auto allowed = job_.CheckStorage(files_->repository_id, paths, storage::StorageUse::kExisting);
+        !allowed.ok())
+      return allowed;
   }
-  return job_.RefuseTrail();
+  return job_.CheckStoredFolders();
 }
 
 EditJob::Outcome EditJob::Undo(const Refusal& refusal, Outcome outcome) {
   refusal_ = refusal;
-  cluster::RequestScope::ReleaseSnapshot();
-  const bool is_undone = job_.Undo(RefuseStorage(), refusal_, [this] { return UndoFiles(); });
+  const bool is_undone = job_.Undo(CheckStorage(), refusal_, [this] { return UndoFiles(); });
   return is_undone ? outcome : Outcome::kRefused;
 }
 
-// An image that must stay grown for now does not prevent undoing everything else.
+// Undoes everything else even when an image cannot be shrunk back yet.
 Status EditJob::UndoFiles() {
   const Status shrunk = UndoGrown();
-  if (!shrunk && !IsCode(shrunk, ErrorCode::kUnavailable)) return shrunk;
-  if (Status shown = job_.ShowAll(FileJob::Order::kBackwards); !shown) return shown;
-  if (Status removed = job_.UnmakeAll(); !removed) return removed;
+  if (!shrunk && !HasErrorCode(shrunk, ErrorCode::kUnavailable)) return shrunk;
+  if (Status shown = job_.RestoreNames(FileJob::Order::kBackwards); !shown) return shown;
+  if (Status removed = job_.RemoveCreated(); !removed) return removed;
   if (Status synced = job_.SyncAll("sync undone"); !synced) return synced;
   return shrunk;
 }
 
-// kUnavailable: the guest runs, or that is unknown, so the image stays grown until the next attempt.
+// kUnavailable: the guest runs, or that is unknown, so the image is shrunk back at the next attempt.
 Status EditJob::UndoGrown() {
   std::optional<std::set<std::string>> own_disks;
-  std::optional<Refused> active;
-  const std::vector<Growth>& grown = job_.record().files.grown;
+  std::optional<Result<void, Refusal>> not_running;
+  const std::vector<disks::Growth>& grown = job_.record().files.grown;
   for (std::size_t i = grown.size(); i-- > 0;) {
-    const Growth& growth = grown[i];
-    job_.Step("shrink", i);
-    const auto state = StateOf(job_.disk_files(), growth);
-    if (state && *state == GrowthState::kBefore) continue;
-    if (!active) active = job_.RefuseActive();
-    if (state && *active) {
-      return Error(ErrorCode::kUnavailable, "The image '" + cluster::ShownPath(growth.path) + "' stays grown for now",
-                   (*active)->reason);
+    const disks::Growth& growth = grown[i];
+    job_.BeforeStep("shrink", i);
+    const auto state = disks::StateOf(job_.disk_files(), growth);
+    if (state && *state == disks::GrowthState::kBefore) continue;
+    if (!not_running) not_running = job_.CheckNotRunning();
+    if (state && !not_running->ok()) {
+      return Error(ErrorCode::kUnavailable,
+                   fmt::format("The image '{}' was not shrunk back yet", SanitizePathForLog(growth.path)),
+                   not_running->error().reason);
     }
     if (!own_disks) {
       auto own = OwnDisks();
@@ -67,11 +70,11 @@ Status EditJob::UndoGrown() {
       own_disks = std::move(*own);
     }
     const Status shrunk = Shrink(growth, *own_disks);
-    // It was changed or removed meanwhile, or is in use: it must not be touched.
-    const bool is_left = IsCode(shrunk, ErrorCode::kConflict) || IsCode(shrunk, ErrorCode::kNotFound) ||
-                         IsCode(shrunk, ErrorCode::kBusy);
-    if (is_left) {
-      job_.LogFailure("A file is left as it is: " + shrunk.error().ToString());
+    // The file was changed or removed meanwhile, or is in use, so it must not be touched.
+    const bool stays_grown = HasErrorCode(shrunk, ErrorCode::kConflict) || HasErrorCode(shrunk, ErrorCode::kNotFound) ||
+                             HasErrorCode(shrunk, ErrorCode::kBusy);
+    if (stays_grown) {
+      job_.LogFailure(fmt::format("A file was left unchanged: {}", shrunk.error().ToString()));
     } else if (!shrunk) {
       return shrunk;
     }
@@ -79,16 +82,16 @@ Status EditJob::UndoGrown() {
   return {};
 }
 
-Status EditJob::Shrink(const Growth& growth, const std::set<std::string>& own_disks) {
-  const Result<SoughtFile> sought = job_.Seek(growth.path);
-  if (!sought) return sought.error();
-  const Result<bool> is_named = job_.AreNamed({{growth.path, *sought}}, job_.Question(own_disks));
-  if (!is_named) return Error(ErrorCode::kInternal, is_named.error().ToString());
-  if (*is_named) {
+Status EditJob::Shrink(const disks::Growth& growth, const std::set<std::string>& own_disks) {
+  const Result<disks::QueriedFile> queried = job_.QueryFile(growth.path);
+  if (!queried) return queried.error();
+  const Result<bool> is_referenced = job_.AreReferenced({{growth.path, *queried}}, job_.MakeReferrerQuery(own_disks));
+  if (!is_referenced) return Error(ErrorCode::kInternal, is_referenced.error().ToString());
+  if (*is_referenced) {
     return Error(ErrorCode::kConflict,
-                 "Another record names the image '" + cluster::ShownPath(growth.path) + "' by now");
+                 fmt::format("Another record refers to the image '{}' by now", SanitizePathForLog(growth.path)));
   }
-  return UndoGrowth(job_.disk_files(), growth);
+  return disks::UndoGrowth(job_.disk_files(), growth);
 }
 
 // The disks that the guest lists and whose records name the guest.
@@ -96,13 +99,12 @@ Result<std::set<std::string>> EditJob::OwnDisks() const {
   std::set<std::string> own;
   const auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
-  const auto guest = cluster::LoadObject(**snapshot, GuestObjectKey(guest_id_));
+  const auto guest = records::LoadObject(**snapshot, records::GuestObjectKey(guest_id_));
   if (!guest && guest.error().code() != ErrorCode::kCorrupt) return guest.error();
   if (!guest) return own;
   for (const Json::Value& id : json::Elements(json::Member(guest->record, keys::vdisks))) {
     if (!id.isString()) continue;
-    const auto disk = cluster::LoadObject(
-        **snapshot, store::MakeKey({"dash", DashCate::vDisk.name(), json::String(id), keys::object}));
+    const auto disk = records::LoadObject(**snapshot, records::ObjectKey(DashCate::vDisk.name(), json::String(id)));
     if (!disk && disk.error().code() != ErrorCode::kCorrupt) return disk.error();
     if (!disk) continue;
     const Json::Value& owner = json::Member(disk->record, keys::guest_id);

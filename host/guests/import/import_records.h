@@ -1,4 +1,4 @@
-// The store's side of an import: what is stored of a guest, and what one commit writes.
+// Reads the stored records of a guest to be imported, and makes the transaction of the import.
 #pragma once
 
 #include <json/value.h>
@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/base/result.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/records/domain_record.h"
 #include "host/store/store.h"
 
@@ -23,16 +23,16 @@ struct StoredPart {
 struct StoredGuest {
   store::Revision revision = 0;
   Json::Value record;
-  // As every reader of the guest sees it: the live one, otherwise the record's. "" when neither is there, and without a
-  // guest: what remains of an earlier guest is not a state of the new one.
+  // The live state, or else the state in the record, as for every reader of the guest. "" when there is neither, or no
+  // record: a live state that remains of an earlier guest does not count.
   std::string state;
   store::Revision live_revision = 0;
-  store::Revision renames_revision = 0;  // of RenamesKey()
+  store::Revision renames_revision = 0;  // of GuestNamesGuardKey()
   // The records of disks and network interfaces that the guest's record lists and that name this guest as their owner.
   std::vector<StoredPart> parts;
 };
 
-// Errors: those of the store; kCorrupt when the live state of the guest is invalid, because the record's may be long
+// Errors: those of the store; kCorrupt when the live state of the guest is invalid: the state in its record may be
 // outdated.
 Result<StoredGuest> ReadStoredGuest(const store::Snapshot& snapshot, const std::string& id);
 
@@ -40,8 +40,8 @@ Result<StoredGuest> ReadStoredGuest(const store::Snapshot& snapshot, const std::
 // `replaced`. What domain XML does not contain ("autorun", "ha_group_id", and "nvram" where the XML names none) is kept
 // from the replaced record; records of disks and network interfaces that belong to the replaced guest and are not used
 // by the new one are deleted. The live state and its sequences stay while the guest stays on the same host, and are
-// removed otherwise: one host's report says nothing about another.
-store::Transaction MakeImportTransaction(const hypervisor::ImportedGuest& guest, const DomainRecord& domain,
+// removed otherwise: one host's report does not apply to another.
+store::Transaction MakeImportTransaction(const domain_xml::ImportedGuest& guest, const records::DomainRecord& domain,
                                          const StoredGuest& replaced);
 
 }  // namespace vexa::guests

@@ -25,27 +25,26 @@ void PutDeletionFiles(const FileIntent& files, Json::Value& record) { record[kFi
 }  // namespace
 
 constinit const JobKind kDeletionKind = {
-    .key = DeletionKey,
+    .key = records::DeletionKey,
     .folder = "deletion",
-    .doing = "hiding",
+    .changing_stage = "hiding",
     .parse_files = ParseDeletionFiles,
     .put_files = PutDeletionFiles,
     .title = "Deletion",
-    .titles = "Deletions",
-    .word = "deletion",
-    .being = "The guest is being deleted",
-    .changed = "Somebody else has changed the record of the guest's deletion",
-    .begun_unknown = "It is taken up again later: ",
-    .done_unknown = "Whether its records are deleted is unknown, so its files stay hidden until it is taken up again: ",
-    .not_undone = "What was done could not be undone, and is taken up again: ",
-    .not_ended = "The record of its deletion could not be removed: ",
+    .plural = "deletions",
+    .noun = "deletion",
+    .busy_sentence = "The guest is being deleted",
+    .start_unknown = "It is resumed later",
+    .commit_unknown =
+        "It is unknown whether its records were deleted, so its files stay hidden until the deletion is resumed",
+    .not_undone = "What was done could not be undone, and the deletion is resumed later",
 };
 
 Result<std::optional<StoredJob>> ReadDeletion(const store::Snapshot& snapshot, const std::string& guest_id) {
   return ReadJob(snapshot, kDeletionKind, guest_id);
 }
 
-Refusal DeletedByOther(const StoredJob& deletion) { return HeldByJob(kDeletionKind, deletion); }
+Refusal HeldByDeletion(const StoredJob& deletion) { return HeldByJob(kDeletionKind, deletion); }
 
 std::string LeftoverKey(const std::string& host_id, const std::string& guest_id) {
   return store::MakeKey({"leftover", host_id, guest_id});
@@ -70,11 +69,11 @@ Result<StoredLeftover> ReadLeftover(const store::Snapshot& snapshot, const std::
   return stored;
 }
 
-std::string LeftoverText(const std::vector<std::string>& paths, const std::string& repository_id) {
-  Json::Value text(Json::objectValue);
-  text[kFiles] = MadeJson(paths);
-  if (!repository_id.empty()) text[kRepositoryId] = repository_id;
-  return json::ToText(text);
+std::string SerializeLeftover(const std::vector<std::string>& paths, const std::string& repository_id) {
+  Json::Value object(Json::objectValue);
+  object[kFiles] = MadeJson(paths);
+  if (!repository_id.empty()) object[kRepositoryId] = repository_id;
+  return json::ToText(object);
 }
 
 }  // namespace vexa::guests

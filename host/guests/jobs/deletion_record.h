@@ -17,10 +17,10 @@ extern const JobKind kDeletionKind;
 // Not set: the guest is not being deleted. Errors: those of the store.
 Result<std::optional<StoredJob>> ReadDeletion(const store::Snapshot& snapshot, const std::string& guest_id);
 
-// Reports that the guest is being deleted, by whom and since when: 915.
-Refusal DeletedByOther(const StoredJob& deletion);
+// The refusal 915: the guest is being deleted; who started that and when.
+Refusal HeldByDeletion(const StoredJob& deletion);
 
-// The files that hosts have left for this one, by the guest's id.
+// The files of a deleted guest that another host has left for this host to remove.
 std::string LeftoverKey(const std::string& host_id, const std::string& guest_id);
 struct StoredLeftover {
   store::Revision revision = 0;                   // 0: absent
@@ -29,6 +29,6 @@ struct StoredLeftover {
 };
 Result<StoredLeftover> ReadLeftover(const store::Snapshot& snapshot, const std::string& host_id,
                                     const std::string& guest_id);
-std::string LeftoverText(const std::vector<std::string>& paths, const std::string& repository_id);
+std::string SerializeLeftover(const std::vector<std::string>& paths, const std::string& repository_id);
 
 }  // namespace vexa::guests

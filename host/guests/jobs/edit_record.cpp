@@ -31,20 +31,18 @@ void PutEditFiles(const FileIntent& files, Json::Value& record) {
 }  // namespace
 
 constinit const JobKind kEditKind = {
-    .key = EditKey,
+    .key = records::EditKey,
     .folder = "edit",
-    .doing = "doing",
+    .changing_stage = "doing",
     .parse_files = ParseEditFiles,
     .put_files = PutEditFiles,
     .title = "Edit",
-    .titles = "Edits",
-    .word = "edit",
-    .being = "The guest is being edited",
-    .changed = "Somebody else has changed the record of the guest's edit",
-    .begun_unknown = "It is undone later: ",
-    .done_unknown = "Whether it is done is unknown, so its files stay until it is taken up again: ",
-    .not_undone = "What was done could not be undone, which is tried again: ",
-    .not_ended = "The record of it could not be removed: ",
+    .plural = "edits",
+    .noun = "edit",
+    .busy_sentence = "The guest is being edited",
+    .start_unknown = "It is undone later",
+    .commit_unknown = "It is unknown whether the edit was committed, so its files stay until it is resumed",
+    .not_undone = "What was done could not be undone; the undo is retried",
 };
 
 }  // namespace vexa::guests

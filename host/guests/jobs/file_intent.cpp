@@ -20,9 +20,9 @@ constexpr char kTo[] = "to";
 constexpr std::string_view kSuffixQcow2 = ".qcow2";
 constexpr std::string_view kSuffixRaw = ".raw";
 constexpr std::string_view kDigits = "0123456789abcdef";
-constexpr std::size_t kHeadBytes = 16;
+constexpr std::size_t kHeaderBytes = 16;  // of an image, as stored for a growth
 
-std::string Text(const Json::Value& value) { return value.isString() ? json::String(value) : std::string(); }
+std::string StringOrEmpty(const Json::Value& value) { return value.isString() ? json::String(value) : std::string(); }
 
 std::string PrefixOf(const std::string& guest_id) {
   return std::string(kHiddenPrefix) + store::EncodeSegment(guest_id) + "-";
@@ -37,9 +37,9 @@ std::string ToHex(const std::string& bytes) {
   return text;
 }
 
-// Not set: it is not the head of an image.
+// Not set: `text` is not the header of an image in hexadecimal.
 std::optional<std::string> FromHex(const std::string& text) {
-  if (text.size() != 2 * kHeadBytes) return std::nullopt;
+  if (text.size() != 2 * kHeaderBytes) return std::nullopt;
   std::string bytes;
   for (std::size_t i = 0; i < text.size(); i += 2) {
     const std::size_t high = kDigits.find(text[i]);
@@ -51,8 +51,8 @@ std::optional<std::string> FromHex(const std::string& text) {
 }
 
 std::optional<std::string> ParsePath(const Json::Value& value) {
-  std::optional<std::string> path = NormalPath(Text(value));
-  if (!path || *path != Text(value)) return std::nullopt;
+  std::optional<std::string> path = disks::NormalPath(StringOrEmpty(value));
+  if (!path || *path != StringOrEmpty(value)) return std::nullopt;
   return path;
 }
 
@@ -72,7 +72,7 @@ std::optional<std::string> ParseMadeFile(const Json::Value& value) {
 // The name is used in the file system, so it must be one that HiddenName returns for this guest.
 std::optional<HiddenFile> ParseHiddenFile(const Json::Value& value, const std::string& prefix) {
   std::optional<std::string> path = ParsePath(json::Member(value, kPath));
-  std::string hidden = json::TextMember(value, kHidden);
+  std::string hidden = json::StringMember(value, kHidden);
   if (!path || !hidden.starts_with(prefix)) return std::nullopt;
   const std::string_view index = std::string_view(hidden).substr(prefix.size());
   const bool is_number = !index.empty() && std::ranges::all_of(index, [](char c) { return c >= '0' && c <= '9'; });
@@ -80,32 +80,32 @@ std::optional<HiddenFile> ParseHiddenFile(const Json::Value& value, const std::s
   return HiddenFile{std::move(*path), std::move(hidden)};
 }
 
-std::optional<Growth> ParseGrowth(const Json::Value& value) {
+std::optional<disks::Growth> ParseGrowth(const Json::Value& value) {
   const std::optional<std::string> path = ParsePath(json::Member(value, kPath));
   const Json::Value& from = json::Member(value, kFrom);
   const Json::Value& to = json::Member(value, kTo);
   if (!path) return std::nullopt;
-  if (from.isUInt64() && to.isUInt64()) return Growth{*path, json::UInt64(from), json::UInt64(to), {}, {}};
-  std::optional<std::string> from_head = FromHex(Text(from));
-  std::optional<std::string> to_head = FromHex(Text(to));
-  if (!from_head || !to_head) return std::nullopt;
-  return Growth{*path, 0, 0, std::move(*from_head), std::move(*to_head)};
+  if (from.isUInt64() && to.isUInt64()) return disks::Growth{*path, json::UInt64(from), json::UInt64(to), {}, {}};
+  std::optional<std::string> from_header = FromHex(StringOrEmpty(from));
+  std::optional<std::string> to_header = FromHex(StringOrEmpty(to));
+  if (!from_header || !to_header) return std::nullopt;
+  return disks::Growth{*path, 0, 0, std::move(*from_header), std::move(*to_header)};
 }
 
-Json::Value GrowthJson(const Growth& growth) {
+Json::Value GrowthJson(const disks::Growth& growth) {
   Json::Value value(Json::objectValue);
   value[kPath] = growth.path;
-  if (growth.to_head.empty()) {
+  if (growth.to_header.empty()) {
     value[kFrom] = static_cast<Json::UInt64>(growth.from_length);
     value[kTo] = static_cast<Json::UInt64>(growth.to_length);
   } else {
-    value[kFrom] = ToHex(growth.from_head);
-    value[kTo] = ToHex(growth.to_head);
+    value[kFrom] = ToHex(growth.from_header);
+    value[kTo] = ToHex(growth.to_header);
   }
   return value;
 }
 
-// Set when `parse` understood every element.
+// Not set: `value` is not a list, or `parse` refuses an element.
 template <class Element, class Parse>
 std::optional<std::vector<Element>> ParseList(const Json::Value& value, const Parse& parse) {
   if (!value.isArray()) return std::nullopt;
@@ -124,8 +124,8 @@ std::string HiddenName(const std::string& guest_id, std::size_t index) {
   return PrefixOf(guest_id) + std::to_string(index);
 }
 
-std::string ImageName(const std::string& disk_id, hypervisor::ImageFormat format) {
-  return disk_id + std::string(format == hypervisor::ImageFormat::kRaw ? kSuffixRaw : kSuffixQcow2);
+std::string ImageName(const std::string& disk_id, domain_xml::ImageFormat format) {
+  return disk_id + std::string(format == domain_xml::ImageFormat::kRaw ? kSuffixRaw : kSuffixQcow2);
 }
 
 std::vector<std::string> PathsOf(const std::vector<HiddenFile>& files) {
@@ -144,7 +144,9 @@ std::optional<std::vector<HiddenFile>> ParseHidden(const Json::Value& list, cons
   return ParseList<HiddenFile>(list, [&](const Json::Value& value) { return ParseHiddenFile(value, prefix); });
 }
 
-std::optional<std::vector<Growth>> ParseGrown(const Json::Value& list) { return ParseList<Growth>(list, ParseGrowth); }
+std::optional<std::vector<disks::Growth>> ParseGrown(const Json::Value& list) {
+  return ParseList<disks::Growth>(list, ParseGrowth);
+}
 
 Json::Value MadeJson(const std::vector<std::string>& made) {
   Json::Value list(Json::arrayValue);
@@ -162,9 +164,9 @@ Json::Value HiddenJson(const std::vector<HiddenFile>& hidden) {
   return list;
 }
 
-Json::Value GrownJson(const std::vector<Growth>& grown) {
+Json::Value GrownJson(const std::vector<disks::Growth>& grown) {
   Json::Value list(Json::arrayValue);
-  for (const Growth& growth : grown) list.append(GrowthJson(growth));
+  for (const disks::Growth& growth : grown) list.append(GrowthJson(growth));
   return list;
 }
 

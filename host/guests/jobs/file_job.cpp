@@ -1,10 +1,11 @@
 #include "host/guests/jobs/file_job.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <utility>
 
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/guests/jobs/job_record.h"
 #include "host/records/object_edit.h"
 #include "host/records/run_record.h"
@@ -12,17 +13,26 @@
 namespace vexa::guests {
 namespace {
 
-constexpr std::size_t kStoredName = 256;
-constexpr std::size_t kShownSentence = 1024;
+constexpr std::size_t kMaxStoredNameBytes = 256;
+constexpr std::size_t kMaxLoggedSentenceBytes = 1024;
+
+std::string NotFinished(const std::string& reason) {
+  return fmt::format("It is not finished and is retried: {}", reason);
+}
 
 }  // namespace
 
-Refusal KeepsChanging() { return {kBusy, "The guest's record keeps changing"}; }
+Refusal GuestKeepsChanging() { return {host_error::kBusy, "The guest's record keeps changing. Try again"}; }
 
-Refusal FilesKeepBeingNamed() { return {kBusy, "Other records keep naming the guest's files"}; }
+Refusal FilesKeepBeingReferenced() {
+  return {host_error::kBusy, "Other records keep referring to the guest's files. Try again"};
+}
 
-Refusal FilesKeepChanging() {
-  return {kBusy, "Other records keep naming files, so that nobody knows which are the guest's own: try again"};
+Refusal ReferencesKeepChanging() {
+  return {
+      host_error::kBusy,
+      "Other records keep changing the files that they refer to, so it is unknown which files only the guest uses. Try "
+      "again"};
 }
 
 FileJob::FileJob(const JobKind& kind, const JobOptions& options, std::string guest_id)
@@ -33,38 +43,40 @@ FileJob::FileJob(const JobKind& kind, const JobOptions& options, std::string gue
 
 void FileJob::AddIntent(const Requester& requester, FileIntent files, store::Transaction& transaction) {
   record_.host_id = options_.host_id;
-  record_.user = cluster::LogText(requester.user, kStoredName);
-  record_.request_id = cluster::LogText(requester.request_id, kStoredName);
+  record_.user = SanitizeForLog(requester.user, kMaxStoredNameBytes);
+  record_.request_id = SanitizeForLog(requester.request_id, kMaxStoredNameBytes);
   record_.since = std::chrono::floor<std::chrono::seconds>(options_.now());
-  record_.stage = JobStage::kDoing;
+  record_.stage = JobStage::kChanging;
   record_.files = std::move(files);
   revision_ = 0;
   transaction.compares.push_back({kind_.key(guest_id_), 0});
-  transaction.operations.push_back({kind_.key(guest_id_), JobText(kind_, record_)});
-  Step("commit " + std::string(kind_.doing));
+  transaction.operations.push_back({kind_.key(guest_id_), SerializeJob(kind_, record_)});
+  BeforeStep("commit " + std::string(kind_.changing_stage));
 }
 
-Refused FileJob::TakeBegun() {
+Result<void, Refusal> FileJob::LoadUnfinished() {
   const auto now = ReadNow();
   if (!now) {
-    LogFailure(kind_.begun_unknown + now.error().ToString());
-    return FailedBecause(now.error());
+    LogFailure(fmt::format("{}: {}", kind_.start_unknown, now.error().ToString()));
+    return RefusalFor(now.error());
   }
-  if (!*now || (*now)->text != JobText(kind_, record_)) return Refusal{kBusy, kind_.changed};
+  if (!*now || (*now)->text != SerializeJob(kind_, record_)) {
+    return Refusal{host_error::kBusy, fmt::format("The record of the guest's {} was changed elsewhere", kind_.noun)};
+  }
   revision_ = (*now)->revision;
-  return std::nullopt;
+  return {};
 }
 
-bool FileJob::HasBegunAllTheSame() {
+bool FileJob::HasBegunDespiteFailure() {
   const auto now = ReadNow();
-  if (!now || !*now || (*now)->text != JobText(kind_, record_)) return false;
+  if (!now || !*now || (*now)->text != SerializeJob(kind_, record_)) return false;
   revision_ = (*now)->revision;
   return true;
 }
 
-void FileJob::TakeUp(const StoredJob& begun) {
-  record_ = *begun.record;
-  revision_ = begun.revision;
+void FileJob::ResumeFrom(const StoredJob& unfinished) {
+  record_ = *unfinished.record;
+  revision_ = unfinished.revision;
 }
 
 Result<std::optional<StoredJob>> FileJob::ReadNow() const {
@@ -83,50 +95,51 @@ void FileJob::AddPurging(store::Transaction& transaction) const {
   JobRecord purging = record_;
   purging.stage = JobStage::kPurging;
   transaction.compares.push_back({kind_.key(guest_id_), revision_});
-  transaction.operations.push_back({kind_.key(guest_id_), JobText(kind_, purging)});
-  Step("commit records");
+  transaction.operations.push_back({kind_.key(guest_id_), SerializeJob(kind_, purging)});
+  BeforeStep("commit records");
 }
 
-FileJob::FailedCommit FileJob::SettleFailedCommit(const Error& error) const {
+FileJob::FailedCommit FileJob::InspectFailedCommit(const Error& error) const {
   using State = FailedCommit::State;
   const auto now = ReadNow();
   // While the database is lost, reads return a state from before the commit.
   const bool is_old = options_.store->health() == store::Health::kInaccessible;
   if (!now || is_old) {
-    LogFailure(kind_.done_unknown + (now ? error : now.error()).ToString());
-    return {State::kUnknown, FailedBecause(error)};
+    LogFailure(fmt::format("{}: {}", kind_.commit_unknown, (now ? error : now.error()).ToString()));
+    return {State::kUnknown, RefusalFor(error)};
   }
-  const Refusal refusal = error.code() == ErrorCode::kConflict ? KeepsChanging() : FailedBecause(error);
+  const Refusal refusal = error.code() == ErrorCode::kConflict ? GuestKeepsChanging() : RefusalFor(error);
   const bool is_purging = *now && (*now)->record && (*now)->record->stage == JobStage::kPurging;
   if (!is_purging) return {State::kNotDone, refusal};
   return {(*now)->record->host_id == options_.host_id ? State::kPurging : State::kPurgedElsewhere, refusal};
 }
 
-Refused FileJob::RefuseActive() const {
-  return options_.refuse_active ? options_.refuse_active(guest_id_) : std::nullopt;
+Result<void, Refusal> FileJob::CheckNotRunning() const {
+  return options_.check_not_running ? options_.check_not_running(guest_id_) : Result<void, Refusal>();
 }
 
-Refused FileJob::RefuseStorage(const std::string& repository_id, const std::vector<std::string>& paths,
-                               StorageUse use) const {
-  return options_.storage ? options_.storage->Refuse(repository_id, paths, use) : std::nullopt;
+Result<void, Refusal> FileJob::CheckStorage(const std::string& repository_id, const std::vector<std::string>& paths,
+                                            storage::StorageUse use) const {
+  return options_.storage ? options_.storage->CheckFolders(repository_id, paths, use) : Result<void, Refusal>();
 }
 
-Refused FileJob::RefuseTrail() const {
-  if (!options_.storage) return std::nullopt;
-  return options_.storage->RefuseTrail(record_.files.repository_id, record_.files.storage, StorageUse::kExisting);
+Result<void, Refusal> FileJob::CheckStoredFolders() const {
+  if (!options_.storage) return {};
+  return options_.storage->CheckStoredFolders(record_.files.repository_id, record_.files.storage,
+                                              storage::StorageUse::kExisting);
 }
 
 Status FileJob::BeginSearch() {
-  const Result<store::Revision> revision = FilesRevision(*options_.store);
+  const Result<store::Revision> revision = disks::FileReferencesRevision(*options_.store);
   if (!revision) return revision.error();
   files_revision_ = *revision;
   return {};
 }
 
-Result<SoughtFiles> FileJob::SeekHidden() const {
-  SoughtFiles files;
+Result<QueriedFiles> FileJob::QueryHidden() const {
+  QueriedFiles files;
   for (const auto& [path, hidden] : record_.files.hidden) {
-    Result<SoughtFile> file = Seek(path.substr(0, path.rfind('/') + 1) + hidden);
+    Result<disks::QueriedFile> file = QueryFile(path.substr(0, path.rfind('/') + 1) + hidden);
     if (!file) return file.error();
     file->hidden = hidden;
     files.emplace(path, std::move(*file));
@@ -134,66 +147,68 @@ Result<SoughtFiles> FileJob::SeekHidden() const {
   return files;
 }
 
-Result<SoughtFile> FileJob::Seek(const std::string& path) const {
-  const auto look = disk_files_.Examine(path);
-  if (!look) return look.error();
-  return SoughtFile{look->identity, ""};
+Result<disks::QueriedFile> FileJob::QueryFile(const std::string& path) const {
+  const auto found = disk_files_.Examine(path);
+  if (!found) return found.error();
+  return disks::QueriedFile{found->identity, ""};
 }
 
-FileQuestion FileJob::Question(std::set<std::string> except_disks) const {
-  FileQuestion question;
-  question.host_id = options_.host_id;
-  question.except_disks = std::move(except_disks);
-  return question;
+disks::FileReferrerQuery FileJob::MakeReferrerQuery(std::set<std::string> except_disks) const {
+  disks::FileReferrerQuery query;
+  query.host_id = options_.host_id;
+  query.except_disks = std::move(except_disks);
+  return query;
 }
 
-Result<bool> FileJob::AreNamed(const SoughtFiles& files, const FileQuestion& question) const {
-  const auto named = FindFileUsers(*options_.store, question, files);
-  if (!named) return named.error();
-  return !named->empty();
+Result<bool> FileJob::AreReferenced(const QueriedFiles& files, const disks::FileReferrerQuery& query) const {
+  const auto referrers = disks::FindFileReferrers(*options_.store, query, files);
+  if (!referrers) return referrers.error();
+  return !referrers->empty();
 }
 
-Result<bool> FileJob::CompareFiles(const Result<store::Revision>& now, store::Transaction& transaction) const {
+Result<bool> FileJob::CompareReferencesRevision(const Result<store::Revision>& now,
+                                                store::Transaction& transaction) const {
   if (!now) return now.error();
   if (*now != files_revision_) return false;
-  transaction.compares.push_back({FilesKey(), *now});
+  transaction.compares.push_back({records::FileReferencesGuardKey(), *now});
   return true;
 }
 
-// Failures are retried: the point of no return is passed all the same.
-void FileJob::Purge(const Refused& storage) {
-  if (storage) return LogFailure("It is not finished, and tried again: " + storage->reason);
-  bool is_all = true;
+// Beyond the point of no return, failures are only logged and retried.
+void FileJob::Purge(const Result<void, Refusal>& storage) {
+  if (!storage.ok()) return LogFailure(NotFinished(storage.error().reason));
+  bool all_removed = true;
   for (std::size_t i = 0; i < record_.files.hidden.size(); ++i) {
     const auto& [path, hidden] = record_.files.hidden[i];
-    Step("remove", i);
+    BeforeStep("remove", i);
     const Status removed = disk_files_.RemoveHidden(path, hidden);
-    if (removed || IsCode(removed, ErrorCode::kNotFound)) continue;
-    is_all = false;
-    LogFailure("The file [" + cluster::ShownPath(path) + "], which now is named [" + hidden +
-               "], could not be removed; this is tried again: " + removed.error().ToString());
+    if (removed || HasErrorCode(removed, ErrorCode::kNotFound)) continue;
+    all_removed = false;
+    LogFailure(fmt::format("The file [{}], which is now named [{}], could not be removed; this is retried: {}",
+                           SanitizePathForLog(path), hidden, removed.error().ToString()));
   }
   const Status synced = record_.files.hidden.empty() ? Status() : SyncAll("sync removed");
-  if (!synced) LogFailure("It is not finished, and tried again: " + synced.error().ToString());
-  if (!is_all || !synced) return;
+  if (!synced) LogFailure(NotFinished(synced.error().ToString()));
+  if (!all_removed || !synced) return;
   const Status ended = RemoveRecord("commit end");
-  if (!ended) LogFailure(kind_.not_ended + ended.error().ToString());
+  if (!ended)
+    LogFailure(fmt::format("The record of the {} could not be removed: {}", kind_.noun, ended.error().ToString()));
 }
 
-bool FileJob::Undo(const Refused& storage, Refusal& refusal, const std::function<Status()>& undo_files) {
-  Status undone = storage ? Status(Error(ErrorCode::kUnavailable, storage->reason)) : undo_files();
+bool FileJob::Undo(const Result<void, Refusal>& storage, Refusal& refusal, const std::function<Status()>& undo_files) {
+  Status undone = !storage.ok() ? Status(Error(ErrorCode::kUnavailable, storage.error().reason)) : undo_files();
   if (undone) undone = RemoveRecord("commit undo");
   if (undone) return true;
-  const std::string more = kind_.not_undone + undone.error().ToString();
-  LogFailure(more);
-  refusal.reason += ". " + more;
+  const std::string failure = fmt::format("{}: {}", kind_.not_undone, undone.error().ToString());
+  LogFailure(failure);
+  refusal.reason = fmt::format("{}. {}", refusal.reason, failure);
   return false;
 }
 
-// Unless it was already removed elsewhere.
+// Does nothing if the record was removed or replaced elsewhere.
 Status FileJob::RemoveRecord(std::string_view step) const {
-  return cluster::CommitPlanned(*options_.store, [&]() -> Result<store::Transaction> {
-    const auto now = ReadNow();
+  return records::CommitWithRetry(*options_.store, [&](const records::Reader& reader) -> Result<store::Transaction> {
+    const auto now = ReadJob(reader, kind_, guest_id_);
     if (!now) return now.error();
     store::Transaction transaction;
     const bool is_ours = *now && (*now)->record && (*now)->record->host_id == options_.host_id &&
@@ -201,22 +216,22 @@ Status FileJob::RemoveRecord(std::string_view step) const {
     if (!is_ours) return transaction;
     transaction.compares.push_back({kind_.key(guest_id_), (*now)->revision});
     transaction.operations.push_back({kind_.key(guest_id_), std::nullopt});
-    Step(step);
+    BeforeStep(step);
     return transaction;
   });
 }
 
-void FileJob::Step(std::string_view step) const {
+void FileJob::BeforeStep(std::string_view step) const {
   if (options_.before_step) options_.before_step(step);
 }
 
-void FileJob::Step(std::string_view step, std::size_t index) const {
+void FileJob::BeforeStep(std::string_view step, std::size_t index) const {
   if (options_.before_step) options_.before_step(std::string(step) + " " + std::to_string(index));
 }
 
 void FileJob::LogFailure(const std::string& sentence) const {
-  ::syslog(LOG_ERR, "%s of guest[%s]: %s.", kind_.title, cluster::LogText(guest_id_, kShownId).c_str(),
-           cluster::LogText(sentence, kShownSentence).c_str());
+  ::syslog(LOG_ERR, "%s of guest[%s]: %s.", kind_.title, SanitizeForLog(guest_id_, kMaxLoggedIdBytes).c_str(),
+           SanitizeForLog(sentence, kMaxLoggedSentenceBytes).c_str());
 }
 
 }  // namespace vexa::guests

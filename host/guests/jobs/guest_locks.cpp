@@ -10,48 +10,55 @@
 namespace vexa::guests {
 namespace {
 
-struct LockKey {
+struct Lock {
   GuestLock lock;
-  std::string (*key)(const std::string& guest_id);
+  const JobKind* job;  // null: the guest's run, which is not a job
 };
 
-constexpr std::array kLocks = {LockKey{GuestLock::kRun, RunKey}, LockKey{GuestLock::kDeletion, DeletionKey},
-                               LockKey{GuestLock::kEdit, EditKey}};
+// In the order in which they are reported.
+constexpr std::array kLocks = {Lock{GuestLock::kRun, nullptr}, Lock{GuestLock::kDeletion, &kDeletionKind},
+                               Lock{GuestLock::kEdit, &kEditKind}};
+
+std::string KeyOf(const Lock& entry, const std::string& guest_id) {
+  return entry.job != nullptr ? entry.job->key(guest_id) : records::RunKey(guest_id);
+}
 
 }  // namespace
 
 void CompareFree(store::Transaction& transaction, const std::string& guest_id,
                  std::initializer_list<GuestLock> except) {
-  for (const LockKey& entry : kLocks) {
+  for (const Lock& entry : kLocks) {
     if (std::ranges::find(except, entry.lock) != except.end()) continue;
-    transaction.compares.push_back({entry.key(guest_id), 0});
+    transaction.compares.push_back({KeyOf(entry, guest_id), 0});
   }
 }
 
-Result<bool> IsHeld(const store::Snapshot& snapshot, const std::string& guest_id) {
-  for (const LockKey& entry : kLocks) {
-    const auto held = snapshot.Get(entry.key(guest_id));
+Result<std::optional<GuestLock>> FindLock(const store::Snapshot& snapshot, const std::string& guest_id) {
+  for (const Lock& entry : kLocks) {
+    const auto held = snapshot.Get(KeyOf(entry, guest_id));
     if (!held) return held.error();
-    if (held->has_value()) return true;
+    if (held->has_value()) return std::optional(entry.lock);
   }
-  return false;
+  return std::optional<GuestLock>();
 }
 
-Result<Refused> FindJob(const store::Snapshot& snapshot, const std::string& guest_id) {
-  for (const JobKind* kind : {&kDeletionKind, &kEditKind}) {
+Result<std::optional<Refusal>> FindJob(const store::Snapshot& snapshot, const std::string& guest_id) {
+  for (const Lock& entry : kLocks) {
+    const JobKind* const kind = entry.job;
+    if (kind == nullptr) continue;
     const auto job = ReadJob(snapshot, *kind, guest_id);
     if (!job) return job.error();
-    if (*job) return Refused(HeldByJob(*kind, **job));
+    if (*job) return std::optional<Refusal>(HeldByJob(*kind, **job));
   }
-  return Refused();
+  return std::optional<Refusal>();
 }
 
-Refused JobUnderWay(const store::Store& store, const std::string& guest_id) {
+Result<void, Refusal> CheckNoUnfinishedJob(const store::Store& store, const std::string& guest_id) {
   const auto snapshot = store.Read();
-  if (!snapshot) return FailedBecause(snapshot.error());
-  Result<Refused> job = FindJob(**snapshot, guest_id);
-  if (!job) return FailedBecause(job.error());
-  return std::move(*job);
+  if (!snapshot) return RefusalFor(snapshot.error());
+  Result<std::optional<Refusal>> job = FindJob(**snapshot, guest_id);
+  if (!job) return RefusalFor(job.error());
+  return OkUnless(*std::move(job));
 }
 
 }  // namespace vexa::guests

@@ -1,4 +1,4 @@
-// What every job that changes files of a guest needs.
+// The options of all jobs that change files of a guest.
 #pragma once
 
 #include <chrono>
@@ -19,18 +19,18 @@ struct JobOptions {
   std::shared_ptr<store::Store> store;
   std::string host_id;  // of this host
   // Folders that contain the files of guests' disks. Only regular files below them are created, changed and removed,
-  // and none that another record names (disk_users.h).
+  // except files of other records (file_referrers.h).
   std::vector<std::string> image_roots;
   // Checks that the folders of files are still the same. Null: they always are.
-  std::shared_ptr<StorageWatch> storage;
-  // Asks the hypervisor whether the guest runs: 910 when it does, 949 when that is unknown. Not set: guests cannot run
-  // here.
-  std::function<Refused(const std::string& guest_id)> refuse_active;
+  std::shared_ptr<storage::StorageWatch> storage;
+  // Checks with the hypervisor that the guest does not run: 910 when it does, 949 when that is unknown. Not set: guests
+  // cannot run here.
+  std::function<Result<void, Refusal>(const std::string& guest_id)> check_not_running;
   std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
-  // Called before each step (every commit, change of a file and sync of a folder) with a name that is unique within one
-  // job; for tests that stop there.
+  // For tests that stop there: called before each step (every commit, change of a file and sync of a folder) with a
+  // name that is unique within one job.
   std::function<void(std::string_view step)> before_step;
-  FileCalls file_calls;  // tests replace those of the system
+  disks::FileSystemCalls file_calls;  // tests replace those of the system
 };
 
 }  // namespace vexa::guests

@@ -1,10 +1,12 @@
 #include "host/guests/jobs/job_record.h"
 
+#include <fmt/format.h>
+
 #include <string_view>
 #include <utility>
 
 #include "host/base/json_parse.h"
-#include "host/base/log_text.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/base/time_text.h"
 #include "host/records/run_record.h"
 #include "json/readers.h"
@@ -21,41 +23,41 @@ constexpr char kSince[] = "since";
 constexpr char kStage[] = "stage";
 constexpr char kStorage[] = "storage";
 constexpr char kPurging[] = "purging";
-constexpr std::size_t kShownName = 256;
+constexpr std::size_t kMaxLoggedNameBytes = 256;
 
 std::optional<JobRecord> ParseRecord(const JobKind& kind, std::string_view text, const std::string& guest_id) {
   const Result<Json::Value> parsed = ParseJson(text);
   if (!parsed) return std::nullopt;
   JobRecord record;
-  record.host_id = json::TextMember(*parsed, kHostId);
-  record.user = json::TextMember(*parsed, kUser);
-  record.request_id = json::TextMember(*parsed, kRequestId);
-  record.since = StoredTime(json::Member(*parsed, kSince));
-  const std::string stage = json::TextMember(*parsed, kStage);
-  if (record.host_id.empty() || (stage != kind.doing && stage != kPurging)) return std::nullopt;
-  record.stage = stage == kPurging ? JobStage::kPurging : JobStage::kDoing;
+  record.host_id = json::StringMember(*parsed, kHostId);
+  record.user = json::StringMember(*parsed, kUser);
+  record.request_id = json::StringMember(*parsed, kRequestId);
+  record.since = records::TimeFromJson(json::Member(*parsed, kSince));
+  const std::string stage = json::StringMember(*parsed, kStage);
+  if (record.host_id.empty() || (stage != kind.changing_stage && stage != kPurging)) return std::nullopt;
+  record.stage = stage == kPurging ? JobStage::kPurging : JobStage::kChanging;
   std::optional<FileIntent> files = kind.parse_files(*parsed, guest_id);
   if (!files) return std::nullopt;
   record.files = std::move(*files);
-  record.files.repository_id = json::TextMember(*parsed, kRepositoryId);
-  record.files.storage = TrailFromJson(json::Member(*parsed, kStorage));
+  record.files.repository_id = json::StringMember(*parsed, kRepositoryId);
+  record.files.storage = storage::FolderChainFromJson(json::Member(*parsed, kStorage));
   return record;
 }
 
 }  // namespace
 
-std::string JobText(const JobKind& kind, const JobRecord& record) {
-  Json::Value text(Json::objectValue);
-  text[kHostId] = record.host_id;
-  text[kUser] = record.user;
-  text[kRequestId] = record.request_id;
+std::string SerializeJob(const JobKind& kind, const JobRecord& record) {
+  Json::Value object(Json::objectValue);
+  object[kHostId] = record.host_id;
+  object[kUser] = record.user;
+  object[kRequestId] = record.request_id;
   const auto since = std::chrono::duration_cast<std::chrono::seconds>(record.since.time_since_epoch());
-  text[kSince] = static_cast<Json::Int64>(since.count());
-  text[kStage] = record.stage == JobStage::kDoing ? kind.doing : kPurging;
-  kind.put_files(record.files, text);
-  if (!record.files.repository_id.empty()) text[kRepositoryId] = record.files.repository_id;
-  if (!record.files.storage.empty()) text[kStorage] = TrailJson(record.files.storage);
-  return json::ToText(text);
+  object[kSince] = static_cast<Json::Int64>(since.count());
+  object[kStage] = record.stage == JobStage::kChanging ? kind.changing_stage : kPurging;
+  kind.put_files(record.files, object);
+  if (!record.files.repository_id.empty()) object[kRepositoryId] = record.files.repository_id;
+  if (!record.files.storage.empty()) object[kStorage] = storage::FolderChainJson(record.files.storage);
+  return json::ToText(object);
 }
 
 Result<std::optional<StoredJob>> ReadJob(const store::Snapshot& snapshot, const JobKind& kind,
@@ -68,11 +70,16 @@ Result<std::optional<StoredJob>> ReadJob(const store::Snapshot& snapshot, const 
 }
 
 Refusal HeldByJob(const JobKind& kind, const StoredJob& job) {
-  if (!job.record) return {kBusy, std::string(kind.being) + ", and the record of it is damaged"};
+  if (!job.record)
+    return {host_error::kBusy, fmt::format("{}, but the record of the {} is damaged", kind.busy_sentence, kind.noun)};
   const JobRecord& record = *job.record;
-  const std::string who = record.user.empty() ? "by the host '" + cluster::LogText(record.host_id, kShownName) + "'"
-                                              : "by '" + cluster::LogText(record.user, kShownName) + "'";
-  return {kBusy, std::string(kind.being) + " " + who + " since " + TimeText(record.since)};
+  const std::string since = FormatUtcTime(record.since);
+  if (record.user.empty()) {
+    return {host_error::kBusy, fmt::format("{} (started by the host '{}' at {})", kind.busy_sentence,
+                                           SanitizeForLog(record.host_id, kMaxLoggedNameBytes), since)};
+  }
+  return {host_error::kBusy, fmt::format("{} (started by '{}' at {})", kind.busy_sentence,
+                                         SanitizeForLog(record.user, kMaxLoggedNameBytes), since)};
 }
 
 }  // namespace vexa::guests

@@ -1,4 +1,4 @@
-// Who requested an operation on a guest from this host.
+// The user, and the host, that requested an operation on a guest.
 #pragma once
 
 #include <string>

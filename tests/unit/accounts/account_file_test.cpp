@@ -10,7 +10,7 @@
 #include "host/base/files.h"
 #include "tests/unit/storage/temporary_folder.h"
 
-namespace vexa::base {
+namespace vexa::accounts {
 namespace {
 
 namespace fs = std::filesystem;
@@ -56,7 +56,7 @@ TEST_F(AccountFileTest, Read_NoFile_IsNotFound) {
   EXPECT_EQ(CodeOf(path() + std::string("\0x", 2)), ErrorCode::kInvalid);
 }
 
-TEST_F(AccountFileTest, Read_FileForOthers_IsDenied) {
+TEST_F(AccountFileTest, Read_FileReadableByOthers_IsDenied) {
   Put(kGood);
   for (const mode_t mode : {0640, 0620, 0604, 0602, 0660, 0666}) {
     ASSERT_EQ(::chmod(path().c_str(), mode), 0);
@@ -66,7 +66,7 @@ TEST_F(AccountFileTest, Read_FileForOthers_IsDenied) {
   EXPECT_TRUE(ReadAccountFile(path()).ok());
 }
 
-TEST_F(AccountFileTest, Read_AnothersFile_IsDenied) {
+TEST_F(AccountFileTest, Read_FileOfOtherUser_IsDenied) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   Put(kGood);
   ASSERT_EQ(::chown(path().c_str(), 12345, 0), 0);
@@ -85,7 +85,7 @@ struct DamageCase {
   const char* reason;  // a part of the sentence
 };
 
-#define HEAD R"({"version":1,"groups":[{"name":"users","gid":100}],"users":)"
+#define PREFIX R"({"version":1,"groups":[{"name":"users","gid":100}],"users":)"
 constexpr DamageCase kDamages[] = {
     {"Empty", "", "JSON"},
     {"NotJson", "users:", "JSON"},
@@ -100,13 +100,13 @@ constexpr DamageCase kDamages[] = {
     {"MemberUnknownWithNewline", R"({"version":1,"groups":[],"users":[],"a\nb":1})", "invalid name"},
     {"GroupsMissing", R"({"version":1,"users":[]})", "'groups'"},
     {"UsersMissing", R"({"version":1,"groups":[]})", "'users'"},
-    {"UsersObject", HEAD "{}}", "'users'"},
+    {"UsersObject", PREFIX "{}}", "'users'"},
     {"NextIdNull", R"({"version":1,"next_id":null,"groups":[],"users":[]})", "next_id"},
     {"NextIdTooLow", R"({"version":1,"next_id":1000,"groups":[],"users":[]})", "next_id"},
     {"NextIdTooHigh", R"({"version":1,"next_id":4000000000,"groups":[],"users":[]})", "next_id"},
     {"GroupIsText", R"({"version":1,"groups":["users"],"users":[]})", "not an object"},
-    {"GroupNameMissing", R"({"version":1,"groups":[{"gid":1}],"users":[]})", "no valid name"},
-    {"GroupNameIsPath", R"({"version":1,"groups":[{"name":"../x","gid":1}],"users":[]})", "no valid name"},
+    {"GroupNameMissing", R"({"version":1,"groups":[{"gid":1}],"users":[]})", "an invalid name"},
+    {"GroupNameIsPath", R"({"version":1,"groups":[{"name":"../x","gid":1}],"users":[]})", "an invalid name"},
     {"GroupGidMissing", R"({"version":1,"groups":[{"name":"g"}],"users":[]})", "gid"},
     {"GroupGidNegative", R"({"version":1,"groups":[{"name":"g","gid":-1}],"users":[]})", "gid"},
     {"GroupGidIsReserved", R"({"version":1,"groups":[{"name":"g","gid":4294967295}],"users":[]})", "gid"},
@@ -116,37 +116,39 @@ constexpr DamageCase kDamages[] = {
     {"GroupNameTwice", R"({"version":1,"groups":[{"name":"g","gid":1},{"name":"g","gid":2}],"users":[]})",
      "two groups"},
     {"GroupGidTwice", R"({"version":1,"groups":[{"name":"g","gid":1},{"name":"h","gid":1}],"users":[]})", "gid 1"},
-    {"UserIsNull", HEAD "[null]}", "not an object"},
-    {"UserNameMissing", HEAD R"([{"uid":1,"gid":100,"password":"","groups":[]}]})", "no valid name"},
-    {"UserNameWithNul", HEAD R"([{"name":"a\u0000b","uid":1,"gid":100,"password":"","groups":[]}]})", "no valid name"},
-    {"UserUidMissing", HEAD R"([{"name":"a","gid":100,"password":"","groups":[]}]})", "uid"},
-    {"UserUidIsReserved", HEAD R"([{"name":"a","uid":4294967295,"gid":100,"password":"","groups":[]}]})", "uid"},
-    {"UserUidHuge", HEAD R"([{"name":"a","uid":4294967296,"gid":100,"password":"","groups":[]}]})", "uid"},
-    {"UserGidMissing", HEAD R"([{"name":"a","uid":1,"password":"","groups":[]}]})", "gid"},
-    {"UserGidOfNoGroup", HEAD R"([{"name":"a","uid":1,"gid":101,"password":"","groups":[]}]})", "of no group"},
-    {"UserPasswordMissing", HEAD R"([{"name":"a","uid":1,"gid":100,"groups":[]}]})", "password"},
-    {"UserPasswordPlain", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"secret","groups":[]}]})", "password"},
-    {"UserPasswordOldHash", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"$1$abc$def","groups":[]}]})",
+    {"UserIsNull", PREFIX "[null]}", "not an object"},
+    {"UserNameMissing", PREFIX R"([{"uid":1,"gid":100,"password":"","groups":[]}]})", "an invalid name"},
+    {"UserNameWithNul", PREFIX R"([{"name":"a\u0000b","uid":1,"gid":100,"password":"","groups":[]}]})",
+     "an invalid name"},
+    {"UserUidMissing", PREFIX R"([{"name":"a","gid":100,"password":"","groups":[]}]})", "uid"},
+    {"UserUidIsReserved", PREFIX R"([{"name":"a","uid":4294967295,"gid":100,"password":"","groups":[]}]})", "uid"},
+    {"UserUidHuge", PREFIX R"([{"name":"a","uid":4294967296,"gid":100,"password":"","groups":[]}]})", "uid"},
+    {"UserGidMissing", PREFIX R"([{"name":"a","uid":1,"password":"","groups":[]}]})", "gid"},
+    {"UserGidOfNoGroup", PREFIX R"([{"name":"a","uid":1,"gid":101,"password":"","groups":[]}]})",
+     "belongs to no group"},
+    {"UserPasswordMissing", PREFIX R"([{"name":"a","uid":1,"gid":100,"groups":[]}]})", "password"},
+    {"UserPasswordPlain", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"secret","groups":[]}]})", "password"},
+    {"UserPasswordOldHash", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"$1$abc$def","groups":[]}]})",
      "password"},
-    {"UserPasswordNumber", HEAD R"([{"name":"a","uid":1,"gid":100,"password":1,"groups":[]}]})", "password"},
-    {"UserPasswordWithNul", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"!\u0000","groups":[]}]})", "password"},
-    {"UserGroupsMissing", HEAD R"([{"name":"a","uid":1,"gid":100,"password":""}]})", "groups"},
-    {"UserGroupsText", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"","groups":"users"}]})", "groups"},
-    {"UserGroupNumber", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"","groups":[100]}]})", "groups"},
-    {"UserGroupUnknown", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"","groups":["wheel"]}]})", "'wheel'"},
-    {"UserGroupTwice", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"","groups":["users","users"]}]})", "twice"},
-    {"UserMemberUnknown", HEAD R"([{"name":"a","uid":1,"gid":100,"password":"","groups":[],"admin":true}]})",
+    {"UserPasswordNumber", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":1,"groups":[]}]})", "password"},
+    {"UserPasswordWithNul", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"!\u0000","groups":[]}]})", "password"},
+    {"UserGroupsMissing", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":""}]})", "groups"},
+    {"UserGroupsText", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"","groups":"users"}]})", "groups"},
+    {"UserGroupNumber", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"","groups":[100]}]})", "groups"},
+    {"UserGroupUnknown", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"","groups":["wheel"]}]})", "'wheel'"},
+    {"UserGroupTwice", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"","groups":["users","users"]}]})", "twice"},
+    {"UserMemberUnknown", PREFIX R"([{"name":"a","uid":1,"gid":100,"password":"","groups":[],"admin":true}]})",
      "'admin'"},
     {"UserNameTwice",
-     HEAD
+     PREFIX
      R"([{"name":"a","uid":1,"gid":100,"password":"","groups":[]},{"name":"a","uid":2,"gid":100,"password":"","groups":[]}]})",
      "two users"},
     {"UserUidTwice",
-     HEAD
+     PREFIX
      R"([{"name":"a","uid":1,"gid":100,"password":"","groups":[]},{"name":"b","uid":1,"gid":100,"password":"","groups":[]}]})",
      "uid 1"},
 };
-#undef HEAD
+#undef PREFIX
 
 class DamagedAccountFile : public AccountFileTest, public testing::WithParamInterface<DamageCase> {};
 
@@ -163,4 +165,4 @@ INSTANTIATE_TEST_SUITE_P(All, DamagedAccountFile, testing::ValuesIn(kDamages),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
 }  // namespace
-}  // namespace vexa::base
+}  // namespace vexa::accounts

@@ -25,7 +25,7 @@ extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() { return "race:ld-linux-x86-64.so.2\n"; }
 #endif
 
-namespace vexa::base {
+namespace vexa::accounts {
 namespace {
 
 // pam_start(3) of Linux-PAM 1.5.2 loses 96 bytes when there is no service file, and gives no handle to end.
@@ -102,7 +102,7 @@ TEST_F(PamAccountsTest, FindUser_UnknownOrImpossible_IsNotFound) {
   EXPECT_EQ(CodeOf(Accounts()->FindGroupByGid(3'999'999'999)), ErrorCode::kNotFound);
 }
 
-TEST_F(PamAccountsTest, VerifyPassword_PamPermits_GivesTheUser) {
+TEST_F(PamAccountsTest, VerifyPassword_PamPermits_ReturnsUser) {
   Service("auth required pam_permit.so\naccount required pam_permit.so\n");
   const auto user = Accounts()->VerifyPassword("daemon", "whatever it is");
   ASSERT_TRUE(user.ok()) << user.error().ToString();
@@ -134,7 +134,7 @@ TEST_F(PamAccountsTest, VerifyPassword_PamDenies_IsDenied) {
       << "the account phase counts as well";
 }
 
-TEST_F(PamAccountsTest, VerifyPassword_AProgramChecks_OnlyTheRightPasswordPasses) {
+TEST_F(PamAccountsTest, VerifyPassword_PamExecChecks_OnlyRightPasswordPasses) {
   ServiceThatChecks("daemon", "right Passw\xC3\xB6rd %s");
   EXPECT_TRUE(Accounts()->VerifyPassword("daemon", "right Passw\xC3\xB6rd %s").ok());
   for (const char* wrong : {"", "right Passw\xC3\xB6rd %", "right Passw\xC3\xB6rd %s ", "wrong"}) {
@@ -185,7 +185,7 @@ TEST_F(PamAccountsTest, VerifyPassword_ServiceCannotWork_IsUnavailable) {
 
 // The real module, with the account that runs the test. Whether its password is known here is not: a wrong one must be
 // refused (or, without the right to read the hashes, be impossible to check), and never pass.
-TEST_F(PamAccountsTest, VerifyPassword_PamUnixAndAWrongPassword_IsNotLetIn) {
+TEST_F(PamAccountsTest, VerifyPassword_PamUnixWrongPassword_IsDenied) {
   if (OwnName().empty()) GTEST_SKIP() << "the user who runs this has no name service entry";
   Service("auth required pam_unix.so nodelay\naccount required pam_unix.so\n");
   const auto result = Accounts()->VerifyPassword(OwnName(), "surely not the password");
@@ -195,7 +195,7 @@ TEST_F(PamAccountsTest, VerifyPassword_PamUnixAndAWrongPassword_IsNotLetIn) {
   }
 }
 
-TEST_F(PamAccountsTest, EightThreads_AskAtTheSameTime_AllAreAnswered) {
+TEST_F(PamAccountsTest, VerifyPassword_EightThreads_AllAreAnswered) {
   Service("auth required pam_permit.so\naccount required pam_permit.so\n");
   const auto accounts = Accounts();
   std::vector<std::thread> threads;
@@ -212,4 +212,4 @@ TEST_F(PamAccountsTest, EightThreads_AskAtTheSameTime_AllAreAnswered) {
 }
 
 }  // namespace
-}  // namespace vexa::base
+}  // namespace vexa::accounts

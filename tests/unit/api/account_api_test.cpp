@@ -1,24 +1,22 @@
 // VEXA.Core.Account on a real store: users, groups, passwords and grants, who may change them, and what the logs say.
 #include "host/api/user/account_api.h"
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include "host/api/reason.h"
 #include "host/api/user/grant_api.h"
 #include "host/cluster/cluster_log.h"
 #include "host/records/guest_admin.h"
-#include "tests/support/interrupted_store.h"
+#include "tests/support/matchers.h"
+#include "tests/support/racing_store.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
+#include "webapi/error_codes.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
-using test::Parsed;
-using test::Require;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
@@ -26,9 +24,9 @@ constexpr const char* kFirst = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
 constexpr const char* kSecond = "00000000-0000-4000-8000-00000000000a";
 constexpr const char* kPassword = "correct horse";  // of the users that TestHost adds
 
-std::vector<webapi::ApiRow> AllRows(const AccountServices& services) {
-  std::vector<webapi::ApiRow> rows = AccountRows(services);
-  for (webapi::ApiRow& row : GrantRows(services)) rows.push_back(std::move(row));
+std::vector<ApiRow> AllRows(const AccountServices& services) {
+  std::vector<ApiRow> rows = AccountRows(services);
+  for (ApiRow& row : GrantRows(services)) rows.push_back(std::move(row));
   return rows;
 }
 
@@ -38,30 +36,14 @@ class AccountApi : public ::testing::Test {
     // The store is the test's: it outlives the rows.
     const std::shared_ptr<store::Store> store(&host_.store(), [](store::Store*) {});
     const std::shared_ptr<cluster::AccountStore> accounts(&host_.accounts(), [](cluster::AccountStore*) {});
-    table_ = std::make_unique<webapi::ApiTable>(AllRows({store, accounts, &limiter_}));
-    pam_ = std::make_unique<webapi::ApiTable>(AllRows({store, nullptr, &limiter_}));
+    table_ = std::make_unique<ApiTable>(AllRows({store, accounts, &limiter_}));
+    pam_ = std::make_unique<ApiTable>(AllRows({store, nullptr, &limiter_}));
     test::ClearCapturedSyslog();
   }
 
-  Answer CallOn(const webapi::ApiTable& table, const std::string& method, const std::string& parameters,
-                const base::User& user) {
-    const auto privilege =
-        user.is_administrator ? VEXA::APIRequest::Privilege::kAdministrator : VEXA::APIRequest::Privilege::kOrdinary;
-    VEXA::APIRequest request(Parsed(parameters), user.name, privilege);
-    VEXA::APIResponse response;
-    webapi::Caller caller;
-    caller.kind = webapi::Caller::Kind::kUser;
-    caller.user = user;
-    caller.peer = "192.0.2.1";
-    headers_.clear();
-    Answer answer;
-    const webapi::ApiRow* const row = table.Find("VEXA.Core.Account", method, 1);
-    EXPECT_NE(row, nullptr) << method;
-    if (row == nullptr) return answer;
-    row->handler({&request, &response, caller, &headers_, &answer.further});
-    if (response.IsSet()) answer.code = response.ErrorCode();
-    answer.data = Parsed(VexaVirtualization::json::ToText(response.Data()));
-    return answer;
+  Answer CallOn(const ApiTable& table, const std::string& method, const std::string& parameters,
+                const accounts::User& user) {
+    return CallTable(table, "VEXA.Core.Account", method, parameters, UserCaller(user));
   }
   Answer Call(const std::string& method, const std::string& parameters) {
     return CallOn(*table_, method, parameters, Administrator());
@@ -70,48 +52,43 @@ class AccountApi : public ::testing::Test {
     return CallOn(*table_, method, parameters, Require(host_.accounts().FindUser(user)));
   }
   // The rows on another view of the store.
-  webapi::ApiTable TableOn(const std::shared_ptr<store::Store>& store) {
-    return webapi::ApiTable(AllRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_}));
-  }
-  static base::User Administrator() { return {"root", 0, 0, {}, true}; }
-  static std::string Reason(const Answer& answer) {
-    return VexaVirtualization::json::String(VexaVirtualization::json::Member(answer.further, webapi::kReason));
+  ApiTable TableOn(const std::shared_ptr<store::Store>& store) {
+    return ApiTable(AllRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_}));
   }
   bool HasPassword(const std::string& user, const std::string& password) {
     return host_.accounts().VerifyPassword(user, password).ok();
   }
   std::string RecordOf(const std::string& identifier) {
     const auto snapshot = Require(host_.store().Read());
-    const auto value = Require(snapshot->Get(cluster::GuestAdminKey(identifier)));
+    const auto value = Require(snapshot->Get(records::GuestAdminKey(identifier)));
     return value ? std::string(value->text) : "absent";
   }
   static std::string NewestLogEntry() {
-    const auto page = cluster::ReadLog("", 1);
+    const auto page = cluster::ReadLog(Require(records::Reader::OpenCurrent()), "", 1);
     return page.ok() && !page->entries.empty() ? page->entries[0].user + ": " + page->entries[0].text : "";
   }
 
   test::TestHost host_;
   // Its clock stands still, so that slow machines do not let more guesses pass.
-  static daemon::LoginLimiterOptions Limits() {
-    daemon::LoginLimiterOptions limits;
+  static session::LoginLimiterOptions Limits() {
+    session::LoginLimiterOptions limits;
     limits.now = [] { return std::int64_t{1}; };
     return limits;
   }
 
-  daemon::LoginLimiter limiter_{Limits()};
-  std::unique_ptr<webapi::ApiTable> table_;
-  std::unique_ptr<webapi::ApiTable> pam_;
-  std::vector<std::pair<std::string, std::string>> headers_;
+  session::LoginLimiter limiter_{Limits()};
+  std::unique_ptr<ApiTable> table_;
+  std::unique_ptr<ApiTable> pam_;
 };
 
 TEST_F(AccountApi, Rows_ExceptPasswordSet_AreForAdministrators) {
-  for (const webapi::ApiRow& row : table_->rows()) {
+  for (const ApiRow& row : table_->rows()) {
     const bool is_own = row.method == "password_set";
-    EXPECT_EQ(row.access.value, is_own ? webapi::Access::kUser : webapi::Access::kAdministrator) << row.method;
-    for (const int code : row.errors) EXPECT_NE(webapi::FindError(code), nullptr) << row.method << " " << code;
+    EXPECT_EQ(row.access.value, is_own ? Access::kUser : Access::kAdministrator) << row.method;
+    for (const int code : row.errors) EXPECT_NE(FindError(code), nullptr) << row.method << " " << code;
   }
   for (const char* method : {"user_add", "password_set", "grant", "revoke", "grants_drop"}) {
-    EXPECT_EQ(table_->Find("VEXA.Core.Account", method, 1)->lane.value, webapi::LaneKind::kLong) << method;
+    EXPECT_EQ(table_->Find("VEXA.Core.Account", method, 1)->lane.value, LaneKind::kLong) << method;
   }
 }
 
@@ -134,17 +111,17 @@ TEST_F(AccountApi, UserAdded_IsListedAndLoggedWithoutThePassword) {
   EXPECT_FALSE(test::SyslogContains("first password"));
 }
 
-TEST_F(AccountApi, TakenNamesAndIds_AreRefusedWithTheReason) {
+TEST_F(AccountApi, Add_NameOrIdTaken_IsRefusedWithReason) {
   ASSERT_EQ(Call("user_add", R"({"name":"alice","password":"good password","uid":1026})").code, 0);
   const Answer name = Call("user_add", R"({"name":"ALICE","password":"good password"})");
-  EXPECT_EQ(name.code, webapi::kErrorAccountTaken);
-  EXPECT_EQ(Reason(name), "There is a user 'alice' already.");
+  EXPECT_EQ(name.code, user_error::kAccountTaken);
+  EXPECT_EQ(ReasonOf(name), "There is a user 'alice' already.");
   const Answer uid = Call("user_add", R"({"name":"bob","password":"good password","uid":1026})");
-  EXPECT_EQ(uid.code, webapi::kErrorAccountTaken);
-  EXPECT_THAT(Reason(uid), HasSubstr("'alice' has the uid 1026"));
+  EXPECT_EQ(uid.code, user_error::kAccountTaken);
+  EXPECT_THAT(ReasonOf(uid), HasSubstr("'alice' has the uid 1026"));
 }
 
-TEST_F(AccountApi, WrongParameters_AreRefused) {
+TEST_F(AccountApi, Parameters_Invalid_AreRefused) {
   const std::string long_list = "[\"a\"" + [] {
     std::string rest;
     for (int i = 0; i < 1000; ++i) rest += ",\"a\"";
@@ -181,12 +158,12 @@ TEST_F(AccountApi, WrongParameters_AreRefused) {
       {"guest_grant_list", R"({"guest_id":"x"})"},
   };
   for (const auto& [method, parameters] : rows) {
-    EXPECT_EQ(Call(method, parameters).code, webapi::kErrorBadParameter) << method << " " << parameters;
+    EXPECT_EQ(Call(method, parameters).code, user_error::kBadParameter) << method << " " << parameters;
   }
   EXPECT_FALSE(host_.accounts().FindUser("alice").ok());
 }
 
-TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
+TEST_F(AccountApi, Change_ByNameOrById_Works) {
   host_.AddUser("another-administrator", {"administrators"});
   const std::uint32_t alice = host_.AddUser("alice", {"staff"});
   const std::string id = std::to_string(alice);
@@ -199,32 +176,31 @@ TEST_F(AccountApi, GroupsAndDeletion_WorkByNameAndById) {
   EXPECT_EQ(groups.data["groups"][1]["members"], Parsed(R"(["alice"])"));
   EXPECT_EQ(groups.data["groups"][2]["members"], Parsed("[]")) << "staff";
   const Answer full = Call("group_delete", R"({"name":"crew"})");
-  EXPECT_EQ(full.code, webapi::kErrorGroupStays);
-  EXPECT_THAT(Reason(full), HasSubstr("'alice'"));
+  EXPECT_EQ(full.code, user_error::kGroupCannotBeDeleted);
+  EXPECT_THAT(ReasonOf(full), HasSubstr("'alice'"));
   EXPECT_EQ(Call("group_delete", R"({"name":"staff"})").code, 0);
-  EXPECT_EQ(Call("group_delete", R"({"name":"staff"})").code, webapi::kErrorNoAccount);
+  EXPECT_EQ(Call("group_delete", R"({"name":"staff"})").code, user_error::kNoAccount);
   EXPECT_EQ(Call("user_delete", R"({"id":)" + id + "}").code, 0);
-  EXPECT_EQ(Call("user_delete", R"({"name":"alice"})").code, webapi::kErrorNoAccount);
-  EXPECT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, webapi::kErrorNoAccount);
+  EXPECT_EQ(Call("user_delete", R"({"name":"alice"})").code, user_error::kNoAccount);
+  EXPECT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, user_error::kNoAccount);
 }
 
-// The look-up found an account, and somebody else takes over its name before the commit.
-TEST_F(AccountApi, NameThatChangedHandsMeanwhile_LeavesTheNewAccountAlone) {
+// The look-up found an account, and another account gets its name before the commit.
+TEST_F(AccountApi, Change_NameReassignedMeanwhile_LeavesNewAccountUnchanged) {
   for (const auto& [method, more] : {std::pair{"user_delete", ""}, std::pair{"groups_set", R"(,"groups":["crew"])"},
                                      std::pair{"password_set", R"(,"password":"second password")"}}) {
     for (const bool is_by_name : {true, false}) {
       SCOPED_TRACE(std::string(method) + (is_by_name ? " by name" : " by id"));
       const std::uint32_t before = host_.AddUser("alice");
       std::uint32_t heir = 0;
-      const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+      const auto interrupted = std::make_shared<test::RacingStore>(host_.store(), [&] {
         ASSERT_TRUE(host_.accounts().DeleteUser(before).ok());
         heir = host_.AddUser("alice");
       });
-      const webapi::ApiTable table(
-          AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
+      const ApiTable table(AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
       const std::string who = is_by_name ? R"("name":"alice")" : R"("id":)" + std::to_string(before);
-      EXPECT_EQ(CallOn(table, method, "{" + who + more + "}", Administrator()).code, webapi::kErrorNoAccount);
-      const base::User alice = Require(host_.accounts().FindUser("alice"));
+      EXPECT_EQ(CallOn(table, method, "{" + who + more + "}", Administrator()).code, user_error::kNoAccount);
+      const accounts::User alice = Require(host_.accounts().FindUser("alice"));
       EXPECT_EQ(alice.uid, heir);
       EXPECT_EQ(alice.groups.size(), 1U) << "only the primary one";
       EXPECT_TRUE(HasPassword("alice", kPassword));
@@ -233,21 +209,20 @@ TEST_F(AccountApi, NameThatChangedHandsMeanwhile_LeavesTheNewAccountAlone) {
   }
 }
 
-TEST_F(AccountApi, GroupNameThatChangedHandsMeanwhile_LeavesTheNewGroupAlone) {
+TEST_F(AccountApi, DeleteGroup_NameReassignedMeanwhile_LeavesNewGroupUnchanged) {
   const std::uint32_t before = [&] {
     host_.AddUser("alice", {"staff"});
     return host_.GroupId("alice", "staff");
   }();
   ASSERT_TRUE(host_.accounts().SetGroups("alice", {}).ok());
-  const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+  const auto interrupted = std::make_shared<test::RacingStore>(host_.store(), [&] {
     ASSERT_TRUE(host_.accounts().DeleteGroup(before).ok());
     ASSERT_TRUE(host_.accounts().SetGroups("alice", {"staff"}).ok());
     ASSERT_TRUE(host_.accounts().SetGroups("alice", {}).ok());
   });
-  const webapi::ApiTable table(
-      AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
+  const ApiTable table(AccountRows({interrupted, std::make_shared<cluster::AccountStore>(interrupted), &limiter_}));
   const std::string id = std::to_string(before);
-  EXPECT_EQ(CallOn(table, "group_delete", R"({"id":)" + id + "}", Administrator()).code, webapi::kErrorNoAccount);
+  EXPECT_EQ(CallOn(table, "group_delete", R"({"id":)" + id + "}", Administrator()).code, user_error::kNoAccount);
   EXPECT_NE(Require(host_.accounts().FindGroup("staff")).gid, before);
 }
 
@@ -257,8 +232,8 @@ TEST_F(AccountApi, LastAdministrator_IsNotRemoved) {
                                                          {"groups_set", R"({"name":"alice","groups":["staff"]})"}};
   for (const auto& [method, parameters] : changes) {
     const Answer refused = Call(method, parameters);
-    EXPECT_EQ(refused.code, webapi::kErrorLastAdministrator) << method;
-    EXPECT_EQ(Reason(refused),
+    EXPECT_EQ(refused.code, user_error::kLastAdministrator) << method;
+    EXPECT_EQ(ReasonOf(refused),
               "The user 'alice' is the last one in the group 'administrators'. Put another user into it first.");
   }
   EXPECT_TRUE(Require(host_.accounts().FindUser("alice")).is_administrator);
@@ -267,94 +242,94 @@ TEST_F(AccountApi, LastAdministrator_IsNotRemoved) {
 }
 
 // On the Unix socket they would turn the machine's own administrator into an ordinary user.
-TEST_F(AccountApi, UidsOfRootAndOfTheDaemon_AreRefusedWithTheReason) {
+TEST_F(AccountApi, Add_UidOfRootOrDaemon_IsRefusedWithReason) {
   for (const uid_t uid : {uid_t{0}, ::geteuid()}) {
     const Answer refused =
         Call("user_add", R"({"name":"alice","password":"good password","uid":)" + std::to_string(uid) + "}");
-    EXPECT_EQ(refused.code, webapi::kErrorBadParameter) << uid;
-    EXPECT_THAT(Reason(refused), HasSubstr("is that of root or of the daemon"));
+    EXPECT_EQ(refused.code, user_error::kBadParameter) << uid;
+    EXPECT_THAT(ReasonOf(refused), HasSubstr("is that of root or of the daemon"));
   }
   EXPECT_FALSE(host_.accounts().FindUser("alice").ok());
 }
 
-TEST_F(AccountApi, OwnPassword_NeedsTheOldOne) {
+TEST_F(AccountApi, PasswordSet_OwnPassword_NeedsOldOne) {
   host_.AddUser("grace");
   host_.AddUser("mallory");
   const char* with_old = R"({"password":"second password","old_password":"correct horse"})";
-  EXPECT_EQ(CallAs("grace", "password_set", R"({"password":"second password"})").code, webapi::kErrorOldPassword);
+  EXPECT_EQ(CallAs("grace", "password_set", R"({"password":"second password"})").code, user_error::kWrongOldPassword);
   EXPECT_EQ(CallAs("grace", "password_set", R"({"password":"second password","old_password":"wrong"})").code,
-            webapi::kErrorOldPassword);
+            user_error::kWrongOldPassword);
   EXPECT_TRUE(HasPassword("grace", kPassword));
   ASSERT_EQ(CallAs("grace", "password_set", with_old).code, 0);
   EXPECT_TRUE(HasPassword("grace", "second password"));
   EXPECT_EQ(NewestLogEntry(), "grace: The password of the user [grace] has been changed.");
   EXPECT_FALSE(test::SyslogContains("second password"));
   EXPECT_EQ(CallAs("grace", "password_set", R"({"name":"GRACE","password":"x","old_password":"second password"})").code,
-            webapi::kErrorBadParameter)
+            user_error::kBadParameter)
       << "too short";
   for (const char* whose : {R"("name":"mallory")", R"("name":"nobody-here")", R"("id":0)"}) {
     const std::string parameters =
         std::string("{") + whose + R"(,"password":"third password","old_password":"correct horse"})";
-    EXPECT_EQ(CallAs("grace", "password_set", parameters).code, webapi::kErrorDenied) << whose;
+    EXPECT_EQ(CallAs("grace", "password_set", parameters).code, user_error::kDenied) << whose;
   }
   EXPECT_TRUE(HasPassword("mallory", kPassword));
 }
 
 // A thief with the old password must not undo the change that locks them out.
-TEST_F(AccountApi, PasswordChangedSinceTheOldOneWasChecked_Stays) {
+TEST_F(AccountApi, PasswordSet_ChangedSinceOldOneWasChecked_KeepsIt) {
   const std::uint32_t grace = host_.AddUser("grace");
-  const auto interrupted = std::make_shared<test::InterruptedStore>(
+  const auto interrupted = std::make_shared<test::RacingStore>(
       host_.store(), [&] { ASSERT_TRUE(host_.accounts().SetPassword(grace, "a newer password").ok()); });
-  const webapi::ApiTable table = TableOn(interrupted);
-  const base::User caller = Require(host_.accounts().FindUser("grace"));
+  const ApiTable table = TableOn(interrupted);
+  const accounts::User caller = Require(host_.accounts().FindUser("grace"));
   const Answer answer =
       CallOn(table, "password_set", R"({"password":"second password","old_password":"correct horse"})", caller);
-  EXPECT_EQ(answer.code, webapi::kErrorOldPassword);
+  EXPECT_EQ(answer.code, user_error::kWrongOldPassword);
   EXPECT_TRUE(HasPassword("grace", "a newer password"));
   EXPECT_EQ(interrupted->commits(), 1) << "the second plan refuses";
 }
 
-TEST_F(AccountApi, PasswordOfAUserWhoIsReplaced_IsNotTheNewUsers) {
+TEST_F(AccountApi, PasswordSet_UserRecreatedMeanwhile_LeavesNewPassword) {
   host_.AddUser("grace");
-  const auto interrupted = std::make_shared<test::InterruptedStore>(host_.store(), [&] {
+  const auto interrupted = std::make_shared<test::RacingStore>(host_.store(), [&] {
     ASSERT_TRUE(host_.accounts().DeleteUser("grace").ok());
     ASSERT_TRUE(host_.accounts().AddUser({"grace", "of the next one", {}, {}}).ok());
   });
-  const webapi::ApiTable table = TableOn(interrupted);
+  const ApiTable table = TableOn(interrupted);
   EXPECT_EQ(CallOn(table, "password_set", R"({"name":"grace","password":"second password"})", Administrator()).code,
-            webapi::kErrorNoAccount);
+            user_error::kNoAccount);
   EXPECT_TRUE(HasPassword("grace", "of the next one"));
 }
 
-TEST_F(AccountApi, Administrators_SetThePasswordsOfOthersWithoutTheOldOne) {
+TEST_F(AccountApi, PasswordSet_ByAdministrator_NeedsNoOldOne) {
   host_.AddUser("grace");
   ASSERT_EQ(Call("password_set", R"({"name":"grace","password":"second password"})").code, 0);
   EXPECT_TRUE(HasPassword("grace", "second password"));
   EXPECT_EQ(Call("password_set", R"({"name":"nobody-here","password":"second password"})").code,
-            webapi::kErrorNoAccount);
-  EXPECT_EQ(Call("password_set", R"({"password":"second password"})").code, webapi::kErrorNoAccount)
+            user_error::kNoAccount);
+  EXPECT_EQ(Call("password_set", R"({"password":"second password"})").code, user_error::kNoAccount)
       << "the machine's root has no account";
   EXPECT_EQ(Call("password_set", R"({"name":"grace","password":"third password","old_password":"wrong"})").code,
-            webapi::kErrorOldPassword)
+            user_error::kWrongOldPassword)
       << "one that is given is checked";
 }
 
-TEST_F(AccountApi, GuessingOldPasswords_IsSlowedDown) {
+TEST_F(AccountApi, PasswordSet_GuessedOldPasswords_IsSlowedDown) {
   host_.AddUser("grace");
   int slowed = 0;
   for (int i = 0; i < 12; ++i) {
     const Answer answer =
         CallAs("grace", "password_set", R"({"password":"second password","old_password":"a wrong guess"})");
-    if (answer.code != webapi::kErrorTooManyLogins) continue;
+    if (answer.code != user_error::kTooManyLogins) continue;
     ++slowed;
-    ASSERT_FALSE(headers_.empty());
-    EXPECT_EQ(headers_[0].first, "Retry-After");
+    ASSERT_FALSE(answer.headers.empty());
+    EXPECT_EQ(answer.headers[0].first, "Retry-After");
   }
   EXPECT_EQ(slowed, 2);
 }
 
 // Each change takes an entry of the cluster log, which keeps a limited number of them.
-TEST_F(AccountApi, ChangingThePasswordAgainAndAgain_IsSlowedDown) {
+TEST_F(AccountApi, PasswordSet_Repeated_IsSlowedDown) {
   host_.AddUser("grace");
   std::string now = kPassword;
   std::string next = "second password";
@@ -362,13 +337,13 @@ TEST_F(AccountApi, ChangingThePasswordAgainAndAgain_IsSlowedDown) {
   for (int i = 0; i < 12; ++i) {
     const std::string parameters = R"({"password":")" + next + R"(","old_password":")" + now + "\"}";
     const int code = CallAs("grace", "password_set", parameters).code;
-    if (code == webapi::kErrorTooManyLogins) ++slowed;
+    if (code == user_error::kTooManyLogins) ++slowed;
     if (code == 0) std::swap(now, next);
   }
   EXPECT_EQ(slowed, 2);
 }
 
-TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
+TEST_F(AccountApi, Grants_GrantShowRevokeAndDrop_Work) {
   const std::string identifier = "users-" + std::to_string(host_.AddUser("bob", {"staff"}));
   host_.PutText("guest", kFirst, R"({"name":"web-1"})");
   const std::string guests = R"("guests":[")" + std::string(kFirst) + "\",\"" + kSecond + "\"]";
@@ -398,7 +373,7 @@ TEST_F(AccountApi, Grants_AreGivenShownTakenBackAndDropped) {
   EXPECT_EQ(list.data["guests"], Parsed("[]"));
 }
 
-TEST_F(AccountApi, GuestIdsInUpperCase_NameTheSameGuests) {
+TEST_F(AccountApi, Grants_GuestIdInUpperCase_IsSameGuest) {
   const std::string identifier = "users-" + std::to_string(host_.AddUser("bob"));
   host_.PutText("guest", kFirst, R"({"name":"web-1"})");
   const std::string upper = "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55";
@@ -411,39 +386,39 @@ TEST_F(AccountApi, GuestIdsInUpperCase_NameTheSameGuests) {
   EXPECT_EQ(RecordOf(identifier), R"({"authlevel":"user","guests":{},"name":"bob"})");
 }
 
-TEST_F(AccountApi, UnknownPrincipals_AreRefused) {
+TEST_F(AccountApi, Grants_UnknownPrincipal_IsRefused) {
   const std::string guests = R"("guests":[")" + std::string(kFirst) + "\"]";
   for (const std::string& who :
        {std::string(R"("kind":"user","name":"nobody-here")"), std::string(R"("kind":"group","name":"nobody-here")"),
         std::string(R"("kind":"user","id":4242)")}) {
     const Answer answer = Call("grant", "{" + who + "," + guests + "}");
-    EXPECT_EQ(answer.code, webapi::kErrorNoAccount) << who;
-    EXPECT_NE(Reason(answer), "") << who;
+    EXPECT_EQ(answer.code, user_error::kNoAccount) << who;
+    EXPECT_NE(ReasonOf(answer), "") << who;
   }
 }
 
 // Rights count by id: root's would be those of an account with the id 0.
-TEST_F(AccountApi, UsersOfTheMachine_AreRefusedWhereAccountsAreInTheStore) {
+TEST_F(AccountApi, Grants_SystemUserWithStoreAccounts_IsRefused) {
   const std::string guests = R"(,"guests":[")" + std::string(kFirst) + "\"]";
   for (const std::string method : {"grant", "revoke", "level_set", "level_get", "grant_list", "grants_drop"}) {
     for (const char* who : {R"("name":"root")", R"("id":0)"}) {
       const Answer answer =
           Call(method, R"({"kind":"user","system":true,"advanced":true,)" + std::string(who) + guests + "}");
-      EXPECT_EQ(answer.code, webapi::kErrorBadParameter) << method << who;
-      EXPECT_THAT(Reason(answer), AllOf(HasSubstr("'accounts' is \"store\""), HasSubstr("--system"))) << method;
+      EXPECT_EQ(answer.code, user_error::kBadParameter) << method << who;
+      EXPECT_THAT(ReasonOf(answer), AllOf(HasSubstr("'accounts' is \"store\""), HasSubstr("--system"))) << method;
     }
   }
   EXPECT_EQ(RecordOf("users-0"), "absent");
   const std::string unknown = R"({"kind":"user","name":"nobody-here","system":true)" + guests + "}";
-  EXPECT_EQ(CallOn(*pam_, "grant", unknown, Administrator()).code, webapi::kErrorNoAccount);
+  EXPECT_EQ(CallOn(*pam_, "grant", unknown, Administrator()).code, user_error::kNoAccount);
 }
 
-TEST_F(AccountApi, GrantsOfAnotherName_AreNotChangedAndCanBeDroppedById) {
+TEST_F(AccountApi, Grants_RecordOfOtherName_CannotBeChangedButDroppedById) {
   const std::string id = std::to_string(host_.AddUser("alice"));
   host_.PutText("guest_admin", "users-" + id, R"({"authlevel":"advanced","guests":{"g":true},"name":"bob"})");
   const Answer refused = Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}");
-  EXPECT_EQ(refused.code, webapi::kErrorGrantsOfAnother);
-  EXPECT_THAT(Reason(refused), AllOf(HasSubstr("'bob'"), HasSubstr("drop-grants")));
+  EXPECT_EQ(refused.code, user_error::kGrantsOfOtherAccount);
+  EXPECT_THAT(ReasonOf(refused), AllOf(HasSubstr("'bob'"), HasSubstr("drop-grants")));
   EXPECT_EQ(Call("level_get", R"({"kind":"user","name":"alice"})").data["level"], "user");
   EXPECT_EQ(Call("user_list", "{}").data["users"][0]["advanced"], false);
   const Answer list = Call("grant_list", R"({"kind":"user","name":"alice"})");
@@ -453,18 +428,18 @@ TEST_F(AccountApi, GrantsOfAnotherName_AreNotChangedAndCanBeDroppedById) {
   EXPECT_EQ(RecordOf("users-" + id), "absent");
 }
 
-TEST_F(AccountApi, DamagedRecords_AreReported) {
+TEST_F(AccountApi, Grants_DamagedRecord_IsReported) {
   const std::string id = std::to_string(host_.AddUser("alice"));
   host_.PutText("guest_admin", "users-" + id, "[]");
   EXPECT_EQ(Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}").code,
-            webapi::kErrorAccountDamaged);
-  EXPECT_EQ(Call("grant_list", R"({"kind":"user","name":"alice"})").code, webapi::kErrorAccountDamaged);
+            user_error::kAccountDamaged);
+  EXPECT_EQ(Call("grant_list", R"({"kind":"user","name":"alice"})").code, user_error::kAccountDamaged);
   EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").data["damaged"],
             Parsed("[\"users-" + id + "\"]"));
   EXPECT_EQ(Call("user_list", "{}").code, 0);
 }
 
-TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
+TEST_F(AccountApi, PamAccounts_Calls_OnlyGrantsOfSystemUsersWork) {
   for (const auto& [method, parameters] : std::vector<std::pair<std::string, std::string>>{
            {"user_list", "{}"},
            {"group_list", "{}"},
@@ -475,9 +450,9 @@ TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
            {"password_set", R"({"name":"x","password":"good password"})"},
            {"level_set", R"({"kind":"group","name":"root","advanced":true})"},
            {"grant", R"({"kind":"user","name":"root","guests":["6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55"]})"}}) {
-    EXPECT_EQ(CallOn(*pam_, method, parameters, Administrator()).code, webapi::kErrorAccountsFromPam) << method;
+    EXPECT_EQ(CallOn(*pam_, method, parameters, Administrator()).code, user_error::kAccountsFromPam) << method;
   }
-  EXPECT_THAT(std::string(webapi::FindError(webapi::kErrorAccountsFromPam)->sentence),
+  EXPECT_THAT(std::string(FindError(user_error::kAccountsFromPam)->sentence),
               AllOf(HasSubstr("PAM"), HasSubstr("--system")));
   const std::string grant = R"({"kind":"user","name":"root","system":true,"guests":[")" + std::string(kFirst) + "\"]}";
   EXPECT_EQ(CallOn(*pam_, "grant", grant, Administrator()).code, 0);
@@ -488,7 +463,7 @@ TEST_F(AccountApi, UsersFromPam_OnlyGrantsOfTheMachinesOwnWork) {
 
 // No code of the store is one of the refusals "taken", "of another name" or "has members", which have rows of their
 // own.
-TEST_F(AccountApi, StoreThatFailsInAnyWay_IsUnavailableAndLogged) {
+TEST_F(AccountApi, StoreFails_EachCall_IsUnavailableAndLogged) {
   host_.AddUser("alice", {"staff"});
   ASSERT_EQ(Call("groups_set", R"({"name":"alice","groups":[]})").code, 0);
   const std::string alice_and_guest = R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}";
@@ -504,7 +479,7 @@ TEST_F(AccountApi, StoreThatFailsInAnyWay_IsUnavailableAndLogged) {
       {"grants_drop", R"({"kind":"user","name":"alice"})"},
   };
   // The fixture's accounts are on the store without the faults.
-  const webapi::ApiTable table = TableOn(std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {}));
+  const ApiTable table = TableOn(std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {}));
   const auto call = [&](const char* method, const std::string& parameters) {
     return CallOn(table, method, parameters, Administrator());
   };
@@ -514,23 +489,23 @@ TEST_F(AccountApi, StoreThatFailsInAnyWay_IsUnavailableAndLogged) {
     for (const auto& [method, parameters] : changes) {
       test::ClearCapturedSyslog();
       const Answer answer = call(method, parameters);
-      EXPECT_EQ(answer.code, webapi::kErrorAccountsUnavailable) << method << " " << ErrorCodeName(code);
-      EXPECT_THAT(Reason(answer), HasSubstr("The commit was made to")) << method;
+      EXPECT_EQ(answer.code, user_error::kAccountsUnavailable) << method << " " << ErrorCodeName(code);
+      EXPECT_THAT(ReasonOf(answer), HasSubstr("The commit was made to")) << method;
       EXPECT_TRUE(test::SyslogContains("The commit was made to")) << method;
     }
     host_.store().Heal();
     host_.store().FailSnapshots(code);
     for (const char* method : {"user_list", "group_list"}) {
-      EXPECT_EQ(call(method, "{}").code, webapi::kErrorAccountsUnavailable) << method;
+      EXPECT_EQ(call(method, "{}").code, user_error::kAccountsUnavailable) << method;
     }
     EXPECT_EQ(Call("guest_grant_list", R"({"guest_id":")" + std::string(kFirst) + "\"}").code,
-              webapi::kErrorAccountsUnavailable);
-    EXPECT_EQ(Call("grant_list", R"({"kind":"user","id":7})").code, webapi::kErrorAccountsUnavailable);
+              user_error::kAccountsUnavailable);
+    EXPECT_EQ(Call("grant_list", R"({"kind":"user","id":7})").code, user_error::kAccountsUnavailable);
     host_.store().Heal();
   }
 }
 
-TEST_F(AccountApi, StoreThatCannotBeUsed_IsAnError) {
+TEST_F(AccountApi, StoreUnusable_EachCall_IsAnError) {
   host_.AddUser("alice");
   host_.store().FailCommits();
   EXPECT_NE(Call("grant", R"({"kind":"user","name":"alice","guests":[")" + std::string(kFirst) + "\"]}").code, 0);
@@ -540,4 +515,4 @@ TEST_F(AccountApi, StoreThatCannotBeUsed_IsAnError) {
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -24,21 +24,22 @@ namespace {
 
 using namespace vexa::daemon;
 
-CommandLine Parse(std::vector<const char*> arguments) {
+vexa::daemon::CommandLine Parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "vexad");
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  CommandLine result = ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+  vexa::daemon::CommandLine result =
+      vexa::daemon::ParseCommandLine(static_cast<int>(arguments.size()), arguments.data());
   (void)testing::internal::GetCapturedStdout();
   (void)testing::internal::GetCapturedStderr();
   return result;
 }
 
 TEST(Config, NoFlags_ListensOnLoopbackOnly) {
-  const CommandLine command = Parse({});
-  ASSERT_EQ(command.action, CommandLine::Action::kRun);
-  EXPECT_TRUE(CheckConfig(command.config).ok());
-  const auto listeners = ListenersOf(command.config);
+  const vexa::daemon::CommandLine command = Parse({});
+  ASSERT_EQ(command.action, vexa::daemon::CommandLine::Action::kRun);
+  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
+  const auto listeners = vexa::daemon::ListenersOf(command.config);
   ASSERT_TRUE(listeners.ok());
   ASSERT_EQ(listeners->size(), 2u);
   EXPECT_EQ((*listeners)[0].path, "/run/vexad/vexad.sock");
@@ -49,10 +50,10 @@ TEST(Config, NoFlags_ListensOnLoopbackOnly) {
 }
 
 TEST(Config, Flags_AreRead) {
-  const CommandLine command = Parse({"--data", "/d", "--listen", "127.0.0.1:1", "[::1]:2", "--socket", "/s",
-                                     "--accounts", "pam", "--session-idle", "60", "--session-lifetime", "3600",
-                                     "--stop-timeout", "5", "--log", "stderr", "--io-threads", "3"});
-  ASSERT_EQ(command.action, CommandLine::Action::kRun);
+  const vexa::daemon::CommandLine command = Parse(
+      {"--data", "/d", "--listen", "127.0.0.1:1", "[::1]:2", "--socket", "/s", "--accounts", "pam", "--session-idle",
+       "60", "--session-lifetime", "3600", "--stop-timeout", "5", "--log", "stderr", "--io-threads", "3"});
+  ASSERT_EQ(command.action, vexa::daemon::CommandLine::Action::kRun);
   EXPECT_EQ(command.config.data_directory, "/d");
   EXPECT_EQ(command.config.listen, (std::vector<std::string>{"127.0.0.1:1", "[::1]:2"}));
   EXPECT_EQ(command.config.socket, "/s");
@@ -60,35 +61,36 @@ TEST(Config, Flags_AreRead) {
   EXPECT_EQ(command.config.sessions.idle.count(), 60);
   EXPECT_EQ(command.config.sessions.absolute.count(), 3600);
   EXPECT_EQ(command.config.stop_timeout.count(), 5);
-  EXPECT_EQ(command.config.log, LogTarget::kStderr);
+  EXPECT_EQ(command.config.log, vexa::daemon::LogTarget::kStderr);
   EXPECT_EQ(command.config.io_threads, 3);
-  EXPECT_TRUE(CheckConfig(command.config).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
 }
 
-TEST(Config, File_IsReadAndFlagsGoBeforeIt) {
+TEST(Config, File_Read_IsOverriddenByFlags) {
   const vexa::test::TempDir folder;
   const std::string path = folder.File("vexad.conf");
   std::ofstream(path) << "data = \"/from/file\"\nlisten = \"127.0.0.1:7\"\nstop-timeout = 9\nlog = \"both\"\n";
-  const CommandLine command = Parse({"--config", path.c_str(), "--data", "/from/flag", "--check-config"});
-  ASSERT_EQ(command.action, CommandLine::Action::kCheckConfig);
+  const vexa::daemon::CommandLine command = Parse({"--config", path.c_str(), "--data", "/from/flag", "--check-config"});
+  ASSERT_EQ(command.action, vexa::daemon::CommandLine::Action::kCheckConfig);
   EXPECT_EQ(command.config.data_directory, "/from/flag");
   EXPECT_EQ(command.config.listen, std::vector<std::string>{"127.0.0.1:7"});
   EXPECT_EQ(command.config.stop_timeout.count(), 9);
-  EXPECT_EQ(command.config.log, LogTarget::kBoth);
+  EXPECT_EQ(command.config.log, vexa::daemon::LogTarget::kBoth);
 }
 
 // Commands that read the same file are started elsewhere.
-TEST(Config, FoldersInTheFile_AreAbsolutePaths) {
+TEST(Config, File_Folders_MustBeAbsolutePaths) {
   const vexa::test::TempDir folder;
   const std::string path = folder.File("vexad.conf");
   for (const char* line : {"data = \"data\"", "store = \"../store\"", "account-file = \"accounts.json\""}) {
     std::ofstream(path) << line << '\n';
     EXPECT_EQ(Parse({"--config", path.c_str()}).exit_status, 2) << line;
   }
-  EXPECT_EQ(Parse({"--data", "data"}).action, CommandLine::Action::kRun) << "a flag is typed where it counts";
+  EXPECT_EQ(Parse({"--data", "data"}).action, vexa::daemon::CommandLine::Action::kRun)
+      << "a flag is typed where it counts";
 }
 
-TEST(Config, WrongUsage_EndsWithTwo) {
+TEST(Config, Usage_Invalid_ExitsWithTwo) {
   const vexa::test::TempDir folder;
   const std::string path = folder.File("vexad.conf");
   std::ofstream(path) << "no-such-setting = 5\n";
@@ -98,8 +100,8 @@ TEST(Config, WrongUsage_EndsWithTwo) {
       {"--log", "file"},         {"--stop-timeout", "0"},    {"--session-idle", "-1"},
       {"--max-connections", "0"}};
   for (const auto& row : rows) {
-    const CommandLine command = Parse(row);
-    EXPECT_EQ(command.action, CommandLine::Action::kExit) << row[0];
+    const vexa::daemon::CommandLine command = Parse(row);
+    EXPECT_EQ(command.action, vexa::daemon::CommandLine::Action::kExit) << row[0];
     EXPECT_EQ(command.exit_status, 2) << row[0];
   }
   EXPECT_EQ(Parse({"--help"}).exit_status, 0);
@@ -112,7 +114,7 @@ struct BadConfig {
   std::string message;
 };
 
-TEST(Config, WhatCannotWork_IsRefusedWithTheReason) {
+TEST(Config, Settings_Invalid_AreRefusedWithReason) {
   const BadConfig rows[] = {
       {{"8642"}, "", "", "", "'8642' is not an address to listen on"},
       {{"localhost:80"}, "", "", "", "'localhost:80' is not an address"},
@@ -128,88 +130,91 @@ TEST(Config, WhatCannotWork_IsRefusedWithTheReason) {
       {{"127.0.0.1:80"}, "", "", "a", "'client-authority' needs"},
   };
   for (const BadConfig& row : rows) {
-    Config config;
+    vexa::daemon::Config config;
     config.listen = row.listen;
     config.tls_certificate = row.certificate;
     config.tls_key = row.key;
     config.client_authority = row.authority;
-    const vexa::Status checked = CheckConfig(config);
+    const vexa::Status checked = vexa::daemon::CheckConfig(config);
     ASSERT_FALSE(checked.ok()) << row.message;
     EXPECT_NE(checked.error().message().find(row.message), std::string::npos) << checked.error().message();
   }
 }
 
 TEST(Config, GuestsFolders_AreAbsolute) {
-  const Config from_data = Parse({"--data", "some/data"}).config;
+  const vexa::daemon::Config from_data = Parse({"--data", "some/data"}).config;
   EXPECT_EQ(from_data.image_roots, (std::vector<std::string>{std::filesystem::current_path() / "some/data/images"}));
   EXPECT_EQ(from_data.hypervisor_root, std::filesystem::current_path() / "some/data/embed");
   EXPECT_EQ(from_data.hypervisor, "test");
-  const Config named = Parse({"--image-roots", "/a", "--image-roots", "/b", "--vcpus-per-cpu", "2"}).config;
+  const vexa::daemon::Config named =
+      Parse({"--image-roots", "/a", "--image-roots", "/b", "--vcpus-per-cpu", "2"}).config;
   EXPECT_EQ(named.image_roots, (std::vector<std::string>{"/a", "/b"}));
   EXPECT_EQ(named.vcpus_per_cpu, 2u);
-  EXPECT_TRUE(CheckConfig(named).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(named).ok());
   for (const std::vector<const char*>& flags : {std::vector<const char*>{"--image-roots", "a"},
                                                 {"--hypervisor", "embed", "--hypervisor-root", "a"},
                                                 {"--hypervisor", ""},
                                                 {"--data", ""}}) {
-    EXPECT_FALSE(CheckConfig(Parse(flags).config).ok()) << flags[0];
+    EXPECT_FALSE(vexa::daemon::CheckConfig(Parse(flags).config).ok()) << flags[0];
   }
-  EXPECT_EQ(Parse({"--vcpus-per-cpu", "0"}).action, CommandLine::Action::kExit);
+  EXPECT_EQ(Parse({"--vcpus-per-cpu", "0"}).action, vexa::daemon::CommandLine::Action::kExit);
 }
 
-TEST(Config, LimitsOfRepositories_AreReadAndWarnBeforeTheyAreFull) {
-  const Config defaults = Parse({}).config;
+TEST(Config, RepositoryLimits_Read_WarnBeforeFull) {
+  const vexa::daemon::Config defaults = Parse({}).config;
   EXPECT_EQ(defaults.repository_warning, 90u);
   EXPECT_EQ(defaults.repository_full, 98u);
   EXPECT_EQ(defaults.repository_headroom, 100u);
-  Config config = Parse({"--repository-warning", "70", "--repository-full", "80", "--repository-headroom", "0"}).config;
+  vexa::daemon::Config config =
+      Parse({"--repository-warning", "70", "--repository-full", "80", "--repository-headroom", "0"}).config;
   EXPECT_EQ(config.repository_warning, 70u);
   EXPECT_EQ(config.repository_full, 80u);
   EXPECT_EQ(config.repository_headroom, 0u);
-  EXPECT_TRUE(CheckConfig(config));
+  EXPECT_TRUE(vexa::daemon::CheckConfig(config));
   config.repository_warning = 81;
-  const auto refused = CheckConfig(config);
+  const auto refused = vexa::daemon::CheckConfig(config);
   ASSERT_FALSE(refused);
   EXPECT_NE(refused.error().ToString().find("'repository-warning' is above 'repository-full'"), std::string::npos);
   config.repository_full = 0;
-  EXPECT_TRUE(CheckConfig(config)) << "never full";
-  EXPECT_EQ(Parse({"--repository-full", "101"}).action, CommandLine::Action::kExit);
+  EXPECT_TRUE(vexa::daemon::CheckConfig(config)) << "never full";
+  EXPECT_EQ(Parse({"--repository-full", "101"}).action, vexa::daemon::CommandLine::Action::kExit);
 }
 
-TEST(Config, NothingToListenOn_IsRefused) {
-  CommandLine command = Parse({"--listen", "none", "--socket", ""});
+TEST(Config, NoListener_Configured_IsRefused) {
+  vexa::daemon::CommandLine command = Parse({"--listen", "none", "--socket", ""});
   EXPECT_TRUE(command.config.listen.empty());
-  EXPECT_FALSE(CheckConfig(command.config).ok());
+  EXPECT_FALSE(vexa::daemon::CheckConfig(command.config).ok());
   command = Parse({"--listen", "none"});
-  EXPECT_TRUE(CheckConfig(command.config).ok());
+  EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
 }
 
 TEST(LogLine, LogLine_ControlCharacters_AreEscapedAndIdIsAppended) {
-  EXPECT_EQ(MakeLogLine("guest:5 a\nb\tc\x1b[31m\x7f", "00ff"), "guest:5 a\\nb\\tc\\x1B[31m\\x7F [request 00ff]");
-  EXPECT_EQ(MakeLogLine("plain ü", ""), "plain ü");
+  EXPECT_EQ(vexa::daemon::MakeLogLine("guest:5 a\nb\tc\x1b[31m\x7f", "00ff"),
+            "guest:5 a\\nb\\tc\\x1B[31m\\x7F [request 00ff]");
+  EXPECT_EQ(vexa::daemon::MakeLogLine("plain ü", ""), "plain ü");
 }
 
-TEST(LogLine, LongText_IsCutBetweenCharacters) {
+TEST(LogLine, LogLine_LongText_IsCutBetweenCharacters) {
   std::string text;
-  while (text.size() < 3 * kMaxLogLine) text += "ü";
-  const std::string line = MakeLogLine(text, "1");
-  EXPECT_LT(line.size(), kMaxLogLine + 64);
+  while (text.size() < 3 * vexa::daemon::kMaxLogLine) text += "ü";
+  const std::string line = vexa::daemon::MakeLogLine(text, "1");
+  EXPECT_LT(line.size(), vexa::daemon::kMaxLogLine + 64);
   EXPECT_TRUE(line.ends_with("ü… [request 1]")) << line.substr(line.size() - 24);
 }
 
 TEST(FindCookie, Headers_AreSearchedByWholeName) {
-  EXPECT_EQ(FindCookie("a=1; vexa_session=tok; b=2", "vexa_session"), "tok");
-  EXPECT_EQ(FindCookie("vexa_session=tok", "vexa_session"), "tok");
-  EXPECT_EQ(FindCookie("a=1;vexa_session=tok ", "vexa_session"), "tok");
-  EXPECT_EQ(FindCookie("xvexa_session=tok", "vexa_session"), "");
-  EXPECT_EQ(FindCookie("vexa_sessions=tok", "vexa_session"), "");
-  EXPECT_EQ(FindCookie("vexa_session", "vexa_session"), "");
-  EXPECT_EQ(FindCookie("", "vexa_session"), "");
-  EXPECT_EQ(FindCookie(";;;", "vexa_session"), "");
+  EXPECT_EQ(vexa::api::FindCookie("a=1; vexa_session=tok; b=2", "vexa_session"), "tok");
+  EXPECT_EQ(vexa::api::FindCookie("vexa_session=tok", "vexa_session"), "tok");
+  EXPECT_EQ(vexa::api::FindCookie("a=1;vexa_session=tok ", "vexa_session"), "tok");
+  EXPECT_EQ(vexa::api::FindCookie("xvexa_session=tok", "vexa_session"), "");
+  EXPECT_EQ(vexa::api::FindCookie("vexa_sessions=tok", "vexa_session"), "");
+  EXPECT_EQ(vexa::api::FindCookie("vexa_session", "vexa_session"), "");
+  EXPECT_EQ(vexa::api::FindCookie("", "vexa_session"), "");
+  EXPECT_EQ(vexa::api::FindCookie(";;;", "vexa_session"), "");
 }
 
 TEST(Metrics, Counts_AppearByMethodCodeAndBucket) {
-  using namespace vexa::webapi;
+  using namespace vexa::api;
   const ApiTable table({{.api = "VEXA.A",
                          .method = "get",
                          .version = 1,
@@ -253,31 +258,31 @@ TEST(NotifyServiceManager, Socket_GetsTheState) {
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-  NotifyServiceManager("READY=1");
+  vexa::daemon::NotifyServiceManager("READY=1");
   char buffer[32] = {};
   EXPECT_EQ(::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT), 7);
   EXPECT_STREQ(buffer, "READY=1");
   for (const char* nowhere : {"", "relative", "/no/such/socket"}) {
     ::setenv("NOTIFY_SOCKET", nowhere, 1);
-    NotifyServiceManager("READY=1");
+    vexa::daemon::NotifyServiceManager("READY=1");
   }
   ::unsetenv("NOTIFY_SOCKET");
-  NotifyServiceManager("READY=1");
+  vexa::daemon::NotifyServiceManager("READY=1");
   EXPECT_LT(::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT), 0);
   ::close(fd);
 }
 
-TEST(HostId, FirstStart_WritesAUuidThatStays) {
+TEST(HostId, HostId_FirstStart_WritesPermanentUuid) {
   const vexa::test::TempDir folder;
-  const auto first = LoadHostId(folder.path());
+  const auto first = vexa::daemon::LoadHostId(folder.path());
   ASSERT_TRUE(first.ok());
   EXPECT_TRUE(VexaCCC::Utils::isUUID(*first));
-  EXPECT_EQ(*LoadHostId(folder.path()), *first);
+  EXPECT_EQ(*vexa::daemon::LoadHostId(folder.path()), *first);
   ASSERT_TRUE(vexa::WriteFileAtomically(folder.File("host-id"), "not an id\n", 0600));
-  const auto damaged = LoadHostId(folder.path());
+  const auto damaged = vexa::daemon::LoadHostId(folder.path());
   ASSERT_FALSE(damaged.ok());
   EXPECT_EQ(damaged.error().code(), vexa::ErrorCode::kCorrupt);
-  EXPECT_FALSE(LoadHostId(folder.File("missing")).ok());
+  EXPECT_FALSE(vexa::daemon::LoadHostId(folder.File("missing")).ok());
 }
 
 }  // namespace

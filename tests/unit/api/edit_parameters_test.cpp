@@ -1,17 +1,15 @@
-// The parameters of edits in the API: for each row of the table of settings one, for those who may set it.
+// The parameters of edits in the API: one per row of the settings table, for callers that may set it.
 #include "host/api/edit_parameters.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "host/base/guest_settings.h"
+#include "tests/support/matchers.h"
 
-namespace vexa::webapi {
+namespace vexa::api {
 namespace {
-
-using ::testing::ElementsAre;
 
 // Null when no parameter has this name.
 const Parameter* Find(const std::vector<Parameter>& parameters, std::string_view name) {
@@ -19,7 +17,7 @@ const Parameter* Find(const std::vector<Parameter>& parameters, std::string_view
   return found == parameters.end() ? nullptr : &*found;
 }
 
-TEST(EditParameters, OfUsers_AreAllRowsInTheirOrder) {
+TEST(EditParameters, UserParameters_AreAllRowsInOrder) {
   const std::vector<Parameter> parameters = EditParameters(Audience::kUsers);
   ASSERT_EQ(parameters.size(), std::size(kGuestSettings) + 1);
   EXPECT_EQ(parameters[0].name, "guest_id");
@@ -31,7 +29,7 @@ TEST(EditParameters, OfUsers_AreAllRowsInTheirOrder) {
   }
 }
 
-TEST(EditParameters, OfHosts_AreAllButWhatTheLibraryDoesItself) {
+TEST(EditParameters, HostParameters_OmitOnlyWhatTheLibraryHandles) {
   const std::vector<Parameter> parameters = EditParameters(Audience::kHosts);
   EXPECT_EQ(parameters[0].necessity, Necessity::kRequired);
   std::vector<std::string> missing;
@@ -62,4 +60,4 @@ TEST(EditParameters, Types_AreThoseOfTheRows) {
 }
 
 }  // namespace
-}  // namespace vexa::webapi
+}  // namespace vexa::api

@@ -9,8 +9,7 @@
 
 #include "host/records/environment.h"
 #include "host/records/live_state.h"
-#include "host/records/reading.h"
-#include "host/records/revisions.h"
+#include "host/records/reader.h"
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/require.h"
@@ -20,10 +19,10 @@ namespace vexa::test {
 namespace {
 
 using namespace std::chrono_literals;
-using services::GuestLinks;
-using services::LinkWatcher;
-using services::LinkWatcherOptions;
-using Clock = GuestLinks::Clock;
+using api::GuestLinkStates;
+using api::LinkWatcher;
+using api::LinkWatcherOptions;
+using Clock = GuestLinkStates::Clock;
 
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 
@@ -36,8 +35,8 @@ bool Eventually(const std::function<bool()>& holds) {
   return true;
 }
 
-GuestLinks Found() {
-  GuestLinks links;
+GuestLinkStates Found() {
+  GuestLinkStates links;
   links.connected[kGuest] = 1;
   links.origin.asked = Clock::now();
   return links;
@@ -52,10 +51,10 @@ struct Questions {
   LinkWatcherOptions Options() {
     LinkWatcherOptions options;
     options.interval = 20ms;
-    options.longest_wait = 300ms;
-    options.find = [this](const GuestLinks*) -> std::optional<GuestLinks> {
+    options.max_wait = 300ms;
+    options.query = [this](const GuestLinkStates*) -> std::optional<GuestLinkStates> {
       ++begun;
-      GuestLinks links = Found();
+      GuestLinkStates links = Found();
       while (held) std::this_thread::sleep_for(1ms);
       if (fail) return std::nullopt;
       return links;
@@ -104,7 +103,7 @@ TEST(LinkWatcher, LinkWatcher_NextQueryHangs_ReturnsKnownLinks) {
   questions.held = false;
 }
 
-TEST(LinkWatcher, FailedQuestion_IsNotWaitedForUntilTheNext) {
+TEST(LinkWatcher, Get_QueryFailed_ReturnsWithoutWaitingForNextQuery) {
   Questions questions;
   questions.fail = true;
   LinkWatcherOptions options = questions.Options();
@@ -132,11 +131,11 @@ TEST(LinkWatcher, LinkWatcher_NoReaders_MakesNoQueries) {
   EXPECT_TRUE(Eventually([&] { return questions.begun > after; }));
 }
 
-TEST(LinkWatcher, Stop_WaitsForTheQuestionAndFreesReaders) {
+TEST(LinkWatcher, Stop_DuringQuery_WaitsForItAndReleasesReaders) {
   Questions questions;
   questions.held = true;
   LinkWatcherOptions options = questions.Options();
-  options.longest_wait = 60s;
+  options.max_wait = 60s;
   LinkWatcher watcher(options);
   std::thread reader([&] { watcher.Get(); });
   EXPECT_TRUE(Eventually([&] { return questions.begun == 1; }));
@@ -151,40 +150,43 @@ TEST(LinkWatcher, Stop_WaitsForTheQuestionAndFreesReaders) {
 class KnownLinksTest : public ::testing::Test {
  protected:
   static void Put(const std::string& key, const std::string& text) {
-    (void)Require(cluster::CurrentEnvironment()->store->Commit({{}, {{key, text}}}));
+    (void)Require(records::CurrentEnvironment()->store->Commit({{}, {{key, text}}}));
   }
   static void PutNic() { Put(store::MakeKey({"dash", "vnic", "nic-1", "object"}), "{}"); }
 
   TestHost host_;
 };
 
-TEST_F(KnownLinksTest, NoLink_IsNotKnownOnceTheGuestOrItsInterfacesHaveChanged) {
-  Put(cluster::LiveStateKey(kGuest), "\"running\"");
+TEST_F(KnownLinksTest, KnownLinks_GuestOrNicsChanged_ForgetsMissingLink) {
+  Put(records::LiveStateKey(kGuest), "\"running\"");
   PutNic();
   Json::Value record(Json::objectValue);
   record["vnics"].append("nic-1");
-  GuestLinks links;
-  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::nullopt);
+  GuestLinkStates links;
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, record), std::nullopt);
   links.connected[kGuest] = 0;
-  links.origin.revision = Require(cluster::CurrentRevision());
-  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(0));
+  links.origin.revision = host_.store().Read().value()->revision();
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, record), std::optional(0));
   PutNic();
-  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::nullopt) << "plugged elsewhere";
-  links.origin.revision = Require(cluster::CurrentRevision());
-  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(0));
-  Put(cluster::LiveStateKey(kGuest), "\"running\"");
-  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::nullopt) << "started after the question";
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, record), std::nullopt)
+      << "plugged elsewhere";
+  links.origin.revision = host_.store().Read().value()->revision();
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, record), std::optional(0));
+  Put(records::LiveStateKey(kGuest), "\"running\"");
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, record), std::nullopt)
+      << "started after the question";
   links.connected[kGuest] = 2;
-  EXPECT_EQ(services::KnownLinks(links, kGuest, record), std::optional(2));
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, record), std::optional(2));
 }
 
 TEST_F(KnownLinksTest, KnownLinks_HostSilentAndStateNewer_IsUnknown) {
-  Put(cluster::LiveStateKey(kGuest), "\"running\"");
-  GuestLinks links;
+  Put(records::LiveStateKey(kGuest), "\"running\"");
+  GuestLinkStates links;
   links.connected[kGuest] = 0;
-  links.origin.revision = Require(cluster::CurrentRevision());
-  links.older[kGuest].revision = links.origin.revision - 1;
-  EXPECT_EQ(services::KnownLinks(links, kGuest, Json::Value(Json::objectValue)), std::nullopt);
+  links.origin.revision = host_.store().Read().value()->revision();
+  links.older_origins[kGuest].revision = links.origin.revision - 1;
+  EXPECT_EQ(api::KnownLinks(Require(records::Reader::OpenCurrent()), links, kGuest, Json::Value(Json::objectValue)),
+            std::nullopt);
 }
 
 }  // namespace

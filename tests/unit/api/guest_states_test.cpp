@@ -6,10 +6,10 @@
 #include <chrono>
 
 #include "host/api/reason.h"
-#include "host/api/user/gone_host.h"
+#include "host/api/user/unreachable_host.h"
 #include "host/records/environment.h"
 #include "host/records/live_state.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
@@ -19,10 +19,10 @@ namespace vexa::test {
 namespace {
 
 namespace states = VexaCCC::State;
-using services::GuestLinks;
-using services::GuestListing;
-using services::GuestStates;
-using services::ShownGuest;
+using api::GuestLinkStates;
+using api::GuestListing;
+using api::GuestStates;
+using api::GuestView;
 using std::chrono::system_clock;
 
 constexpr char kFirst[] = "00000000-0000-4000-8000-000000000001";
@@ -54,34 +54,34 @@ class GuestStatesTest : public ::testing::Test {
   }
   static void PutSeen(const char* host_id, system_clock::time_point time) {
     const auto count = std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
-    (void)Require(cluster::CurrentEnvironment()->store->Commit(
+    (void)Require(records::CurrentEnvironment()->store->Commit(
         {{},
          {{store::MakeKey({"dash", "host", host_id, "object"}), "{}"},
           {store::MakeKey({"dash", "host", host_id, "seen"}), R"({"time":)" + std::to_string(count) + "}"}}}));
   }
 
   GuestListing List() {
-    const cluster::RequestScope scope;
+    const records::RequestScope scope;
     return Require(states_.ListWith(links_));
   }
   static std::string Shown(const GuestListing& listing, std::size_t index) {
-    const ShownGuest& guest = *listing.guests->at(index);
-    return guest.name + ": " + guest.shown.state + " " + guest.shown.type;
+    const GuestView& guest = *listing.guests->at(index);
+    return guest.name + ": " + guest.displayed.state + " " + guest.displayed.type;
   }
   void SetLinks(int bits) {
-    GuestLinks links;
+    GuestLinkStates links;
     links.connected[kFirst] = bits;
-    links.origin.asked = GuestLinks::Clock::now();
-    links.origin.revision = Require(cluster::CurrentEnvironment()->store->Read())->revision();
-    links_ = std::make_shared<const GuestLinks>(std::move(links));
+    links.origin.asked = GuestLinkStates::Clock::now();
+    links.origin.revision = Require(records::CurrentEnvironment()->store->Read())->revision();
+    links_ = std::make_shared<const GuestLinkStates>(std::move(links));
   }
 
   TestHost host_;
   GuestStates states_;
-  std::shared_ptr<const GuestLinks> links_ = std::make_shared<const GuestLinks>();
+  std::shared_ptr<const GuestLinkStates> links_ = std::make_shared<const GuestLinkStates>();
 };
 
-TEST_F(GuestStatesTest, UnchangedList_DerivesNothing) {
+TEST_F(GuestStatesTest, List_NothingChanged_DerivesNothing) {
   const GuestListing first = List();
   EXPECT_EQ(Shown(first, 0), "name of 1: running healthy");
   EXPECT_EQ(Shown(first, 1), "name of 2: shutdown healthy");
@@ -90,7 +90,7 @@ TEST_F(GuestStatesTest, UnchangedList_DerivesNothing) {
   EXPECT_EQ(first.version, second.version);
 }
 
-TEST_F(GuestStatesTest, OneChangedGuest_IsTheOnlyOneDerived) {
+TEST_F(GuestStatesTest, List_OneGuestChanged_DerivesOnlyIt) {
   const GuestListing first = List();
   PutGuest(kSecond, "h3", states::Guest::crashed);
   const GuestListing second = List();
@@ -116,7 +116,7 @@ TEST_F(GuestStatesTest, GuestStates_AddedAndRemovedGuests_AreListedInOrder) {
   EXPECT_EQ(listing.guests->at(1)->name, "name of 2");
 }
 
-TEST_F(GuestStatesTest, RepositoryThatCrashes_ChangesItsGuests) {
+TEST_F(GuestStatesTest, List_RepositoryCrashes_UpdatesItsGuests) {
   List();
   PutRepository(states::Repo::crashed, "h2");
   EXPECT_EQ(Shown(List(), 0), "name of 1: crashed error");
@@ -129,28 +129,28 @@ TEST_F(GuestStatesTest, GuestStates_HostGoneAndBack_UpdatesDependentGuests) {
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy");
   PutSeen("h2", system_clock::now() - std::chrono::hours(1));
   const GuestListing gone = List();
-  EXPECT_EQ(gone.guests->at(0)->shown.state, "inaccessible");
+  EXPECT_EQ(gone.guests->at(0)->displayed.state, "inaccessible");
   Json::Value shown(Json::objectValue);
-  ShowAge(*gone.guests->at(0), gone, shown);
+  AddAge(*gone.guests->at(0), gone, shown);
   EXPECT_GE(shown["age_s"].asInt64(), 3600);
   EXPECT_LE(shown["age_s"].asInt64(), 3700);
   EXPECT_TRUE(shown.isMember("inaccessible_since"));
-  EXPECT_EQ(gone.guests->at(1)->shown.state, "inaccessible") << "its disks are in a repository of that host";
+  EXPECT_EQ(gone.guests->at(1)->displayed.state, "inaccessible") << "its disks are in a repository of that host";
   PutSeen("h2", system_clock::now());
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy");
   EXPECT_EQ(Shown(List(), 1), "name of 2: shutdown healthy");
 }
 
-TEST_F(GuestStatesTest, HostThatIsNamedForTheFirstTime_IsFollowedFromThenOn) {
+TEST_F(GuestStatesTest, List_HostReferencedForFirstTime_IsWatched) {
   List();
   PutSeen("h9", system_clock::now());
   PutGuest(kFirst, "h9", states::Guest::running);
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy");
   PutSeen("h9", system_clock::now() - std::chrono::hours(1));
-  EXPECT_EQ(List().guests->at(0)->shown.state, "inaccessible");
+  EXPECT_EQ(List().guests->at(0)->displayed.state, "inaccessible");
 }
 
-TEST_F(GuestStatesTest, ShownGuest_RunningGuest_StateAndAgeComeFromLinks) {
+TEST_F(GuestStatesTest, List_RunningGuest_GetsStateAndAgeFromLinks) {
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy") << "nothing is known";
   SetLinks(0);
   EXPECT_EQ(Shown(List(), 0), "name of 1: running warning");
@@ -158,8 +158,8 @@ TEST_F(GuestStatesTest, ShownGuest_RunningGuest_StateAndAgeComeFromLinks) {
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy");
   SetLinks(0);
   EXPECT_EQ(Shown(List(), 0), "name of 1: running warning");
-  (void)Require(cluster::CurrentEnvironment()->store->Commit(
-      {{}, {{cluster::LiveStateKey(kFirst), "\"" + std::string(states::Guest::running) + "\""}}}));
+  (void)Require(records::CurrentEnvironment()->store->Commit(
+      {{}, {{records::LiveStateKey(kFirst), "\"" + std::string(states::Guest::running) + "\""}}}));
   EXPECT_EQ(Shown(List(), 0), "name of 1: running healthy") << "it was started after the hosts were asked";
   SetLinks(0);
   EXPECT_EQ(Shown(List(), 0), "name of 1: running warning");
@@ -170,7 +170,7 @@ TEST_F(GuestStatesTest, GuestStates_StoreFails_ReloadsEverything) {
   PutGuest(kFirst, "h2", states::Guest::crashed);
   host_.store().FailSnapshots();
   {
-    const cluster::RequestScope scope;
+    const records::RequestScope scope;
     EXPECT_FALSE(states_.ListWith(links_).ok());
   }
   host_.store().Heal();
@@ -178,9 +178,9 @@ TEST_F(GuestStatesTest, GuestStates_StoreFails_ReloadsEverything) {
 }
 
 // The reason that an action on the first guest gives when it is answered with `code`; 0 is a success.
-std::string ReasonFor(int code, services::NeededHost needed) {
-  const webapi::Handler handler = services::WithGoneHostReason(
-      [code](const webapi::Call& call) {
+std::string ReasonFor(int code, api::NeededHost needed) {
+  const api::Handler handler = api::WithGoneHostReason(
+      [code](const api::Call& call) {
         if (code == 0) return call.response->SetSuccess(Json::Value());
         call.response->SetError(code, Json::Value());
       },
@@ -189,28 +189,28 @@ std::string ReasonFor(int code, services::NeededHost needed) {
   parameters["guest_id"] = kFirst;
   VEXA::APIRequest request = AdministratorRequest(parameters);
   VEXA::APIResponse response;
-  Json::Value further(Json::objectValue);
+  Json::Value extra_members(Json::objectValue);
   std::vector<std::pair<std::string, std::string>> headers;
-  const webapi::Caller caller;
-  const cluster::RequestScope scope;
-  handler({&request, &response, caller, &headers, &further});
-  return further[webapi::kReason].isString() ? further[webapi::kReason].asString() : "";
+  const api::Caller caller;
+  const records::RequestScope scope;
+  handler({&request, &response, caller, &headers, &extra_members});
+  return extra_members[api::kReason].isString() ? extra_members[api::kReason].asString() : "";
 }
 
 TEST_F(GuestStatesTest, Error_NeededHostGone_HasReason) {
-  using enum services::NeededHost;
+  using enum api::NeededHost;
   PutSeen("h2", system_clock::now());
-  EXPECT_EQ(ReasonFor(902, kHolderOrNamed), "") << "it is there";
+  EXPECT_EQ(ReasonFor(902, kHolderOrAssigned), "") << "it is there";
   PutSeen("h2", system_clock::time_point(std::chrono::seconds(1'000'000'000)));
   const std::string sentence =
       "The guest's host 'h2' has been inaccessible since 2001-09-09T01:46:40Z; when its machine is off, release the "
       "guest with 'vexa guest recover'.";
-  EXPECT_EQ(ReasonFor(902, kHolderOrNamed), sentence);
+  EXPECT_EQ(ReasonFor(902, kHolderOrAssigned), sentence);
   EXPECT_EQ(ReasonFor(901, kHolder), "") << "the guest is off";
-  EXPECT_EQ(ReasonFor(409, kHolderOrNamed), "") << "users without rights on the guest learn nothing about it";
-  EXPECT_EQ(ReasonFor(0, kHolderOrNamed), "");
+  EXPECT_EQ(ReasonFor(409, kHolderOrAssigned), "") << "users without rights on the guest learn nothing about it";
+  EXPECT_EQ(ReasonFor(0, kHolderOrAssigned), "");
   (void)Require(
-      cluster::CurrentEnvironment()->store->Commit({{}, {{store::MakeKey({"run", kFirst}), R"({"host_id":"h2"})"}}}));
+      records::CurrentEnvironment()->store->Commit({{}, {{store::MakeKey({"run", kFirst}), R"({"host_id":"h2"})"}}}));
   EXPECT_EQ(ReasonFor(901, kHolder), sentence);
 }
 

@@ -10,18 +10,17 @@
 #include "host/api/request_id.h"
 #include "json/readers.h"
 
-namespace vexa::daemon {
+namespace vexa::api {
 namespace {
 
 using std::chrono::milliseconds;
-using webapi::Call;
 
-webapi::ApiRow Row(std::string_view method, webapi::Access access, webapi::Handler handler) {
+ApiRow Row(std::string_view method, Access access, Handler handler) {
   return {.api = "VEXA.Test",
           .method = method,
           .version = 1,
           .access = access,
-          .lane = webapi::LaneKind::kQuick,
+          .lane = LaneKind::kQuick,
           .handler = std::move(handler),
           .summary = "A method of the tests.",
           .parameters = {},
@@ -50,28 +49,27 @@ class LocalCallerTest : public testing::Test {
   std::promise<void> held_;
   std::promise<void> release_;
   std::atomic<int> counted_ = 0;
-  webapi::ApiTable table_{
-      {Row("hold", webapi::Access::kHost,
-           [this](const Call& call) {
-             held_.set_value();
-             release_.get_future().wait();
-             call.response->SetSuccess(Json::Value());
-           }),
-       Row("count", webapi::Access::kHost,
-           [this](const Call& call) {
-             ++counted_;
-             call.response->SetSuccess(Json::Value());
-           }),
-       Row("origin", webapi::Access::kHost,
-           [](const Call& call) {
-             Json::Value data;
-             data["acts_for"] = call.caller.acts_for;
-             data["user"] = std::string(CurrentActingUser());
-             data["id"] = std::string(CurrentRequestId());
-             call.response->SetSuccess(data);
-           }),
-       Row("refuse", webapi::Access::kHost, [](const Call& call) { call.response->SetError(912, Json::Value()); }),
-       Row("user", webapi::Access::kUser, [this](const Call&) { ++counted_; })}};
+  ApiTable table_{{Row("hold", Access::kHost,
+                       [this](const Call& call) {
+                         held_.set_value();
+                         release_.get_future().wait();
+                         call.response->SetSuccess(Json::Value());
+                       }),
+                   Row("count", Access::kHost,
+                       [this](const Call& call) {
+                         ++counted_;
+                         call.response->SetSuccess(Json::Value());
+                       }),
+                   Row("origin", Access::kHost,
+                       [](const Call& call) {
+                         Json::Value data;
+                         data["acts_for"] = call.caller.acts_for;
+                         data["user"] = std::string(CurrentActingUser());
+                         data["id"] = std::string(CurrentRequestId());
+                         call.response->SetSuccess(data);
+                       }),
+                   Row("refuse", Access::kHost, [](const Call& call) { call.response->SetError(912, Json::Value()); }),
+                   Row("user", Access::kUser, [this](const Call&) { ++counted_; })}};
   Metrics metrics_{table_};
   Lane lane_{OneThread()};
   LocalCaller caller_{{&table_, &metrics_, &lane_, "this-host"}};
@@ -94,13 +92,13 @@ TEST_F(LocalCallerTest, LocalCall_LaneStopped_FailsImmediately) {
   EXPECT_EQ(counted_, 1);
 }
 
-TEST_F(LocalCallerTest, UsersMethodsAndUnknownOnes_AreRefused) {
+TEST_F(LocalCallerTest, LocalCall_UserMethodOrUnknown_IsRefused) {
   EXPECT_EQ(Ask("user", std::chrono::seconds(60)), 104);
   EXPECT_EQ(Ask("nothing", std::chrono::seconds(60)), 507);
   EXPECT_EQ(counted_, 0);
 }
 
-TEST_F(LocalCallerTest, Call_IsForTheUserOfTheCallersThread) {
+TEST_F(LocalCallerTest, Call_RunsOnBehalfOfCallersUser) {
   VexaDRCore::Request request;
   request.setAPI("VEXA.Test");
   request.setMethod("origin");
@@ -131,7 +129,7 @@ TEST_F(LocalCallerTest, RequestScope_Ends_ClearsActingUser) {
 }
 
 // The line about it in the system log said that the guest is busy, which is what 912 means to users.
-TEST_F(LocalCallerTest, RefusalToAHost_IsInTheWordsOfHosts) {
+TEST_F(LocalCallerTest, Refusal_ToHost_HasHostSentence) {
   VexaDRCore::Request request;
   request.setAPI("VEXA.Test");
   request.setMethod("refuse");
@@ -141,4 +139,4 @@ TEST_F(LocalCallerTest, RefusalToAHost_IsInTheWordsOfHosts) {
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::api

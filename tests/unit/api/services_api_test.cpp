@@ -1,5 +1,4 @@
 // What the rows for other hosts answer: on the real machine, on a scripted one, and to wrong parameters.
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,18 +9,18 @@
 #include "host/api/user/guest_parts_state.h"
 #include "host/api/user/host_list_api.h"
 #include "host/base/files.h"
-#include "host/daemon/host_condition.h"
+#include "host/daemon/host_state.h"
 #include "host/store/key.h"
+#include "tests/support/matchers.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/unit/api/services_fixture.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
 using test::CallRow;
-using test::Parsed;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
@@ -35,7 +34,7 @@ class Services : public ::testing::Test {
 
   ServiceParts RealParts() {
     ServiceParts parts;
-    parts.store = cluster::CurrentEnvironment()->store;
+    parts.store = records::CurrentEnvironment()->store;
     parts.web_ports = [] { return WebPorts{8642, 8643, true, false}; };
     return parts;
   }
@@ -49,31 +48,31 @@ class Services : public ::testing::Test {
   }
 
   Answer Scripted(const char* api, const char* method, const std::string& parameters = "{}") {
-    return test::CallTable(scripted_, api, method, parameters);
+    return CallTable(scripted_, api, method, parameters);
   }
   Answer Real(const char* api, const char* method, const std::string& parameters = "{}") {
-    return test::CallTable(real_, api, method, parameters);
+    return CallTable(real_, api, method, parameters);
   }
 
   void PutGuest(const Json::Value& changes) {
     Json::Value guest = Parsed(R"({"name":"web","state":"guest_running","repository_id":"r1","vdisks":["d1","d2"]})");
-    guest["host_id"] = cluster::CurrentEnvironment()->host_id;
+    guest["host_id"] = records::CurrentEnvironment()->host_id;
     for (const std::string& name : changes.getMemberNames()) guest[name] = changes[name];
     host_.Put("guest", kGuest, guest);
   }
 
   test::TestHost host_;
   test::ScriptedMachine files_;
-  std::vector<InterfaceAddress> addresses_;
+  std::vector<machine::InterfaceAddress> addresses_;
   test::ScriptedGuests guests_;
-  webapi::ApiTable scripted_;
-  webapi::ApiTable real_;
+  ApiTable scripted_;
+  ApiTable real_;
 };
 
-TEST_F(Services, EveryRow_IsForHostsAndVersionOne) {
+TEST_F(Services, Rows_Each_IsForHostsAndVersionOne) {
   std::set<std::string> names;
-  for (const webapi::ApiRow& row : real_.rows()) {
-    EXPECT_EQ(row.access.value, webapi::Access::kHost) << row.api;
+  for (const ApiRow& row : real_.rows()) {
+    EXPECT_EQ(row.access.value, Access::kHost) << row.api;
     EXPECT_EQ(row.version, 1);
     names.insert(std::string(row.api) + " " + std::string(row.method));
   }
@@ -93,14 +92,14 @@ TEST_F(Services, EveryRow_IsForHostsAndVersionOne) {
 TEST_F(Services, WrongTypes_AreBadParameters) {
   const std::vector<std::string> values{"null", "true", "7", "2.5", "\"\"", "[]", "[7]", "[null]", "{}"};
   int checked = 0;
-  for (const webapi::ApiRow& row : real_.rows()) {
-    for (const webapi::Parameter& parameter : row.parameters) {
+  for (const ApiRow& row : real_.rows()) {
+    for (const Parameter& parameter : row.parameters) {
       const std::string name(parameter.name);
-      if (parameter.necessity == webapi::Necessity::kRequired) {
+      if (parameter.necessity == Necessity::kRequired) {
         EXPECT_EQ(CallRow(row, Parsed("{}")).code, 401) << name;
       }
       for (const std::string& value : values) {
-        if (parameter.type == webapi::ParameterType::kArray && (value == "[]" || value == "null")) continue;
+        if (parameter.type == ParameterType::kArray && (value == "[]" || value == "null")) continue;
         EXPECT_EQ(CallRow(row, Parsed("{\"" + name + "\":" + value + "}")).code, 401)
             << row.api << " " << name << " " << value;
         ++checked;
@@ -110,7 +109,7 @@ TEST_F(Services, WrongTypes_AreBadParameters) {
   EXPECT_GE(checked, 70);
 }
 
-TEST_F(Services, Utilization_RealMachine) {
+TEST_F(Services, Utilization_RealMachine_HasAllFigures) {
   const Answer answer = Real("VEXA.Core.System.Utilization", "get");
   ASSERT_EQ(answer.code, 0);
   EXPECT_THAT(answer.data.getMemberNames(), UnorderedElementsAre("cpu", "memory", "disk", "network"));
@@ -227,7 +226,7 @@ TEST_F(Services, Volume_HostilePaths_AreRefused) {
   EXPECT_EQ(code(root + "/missing\n%s"), 403);
 }
 
-TEST_F(Services, Volume_DeepestMountPointCounts) {
+TEST_F(Services, Volume_NestedMounts_UsesDeepestMountPoint) {
   const std::string root = host_.folder().path();
   const auto type = [&] {
     return Scripted("VEXA.Core.Storage.Volume", "get", "{\"volume_path\":\"" + root + "/a b\"}")
@@ -295,7 +294,7 @@ TEST_F(Services, Interfaces_UnknownAndHostileNames) {
   EXPECT_EQ(Scripted("VEXA.Core.Network.Bond", "get", R"({"ifname":"ovs_sixteen-bytes-xx"})").code, 401);
 }
 
-TEST_F(Services, Bond_IsLookedUpByNameThenWithoutPrefix) {
+TEST_F(Services, Bond_Name_IsLookedUpThenWithoutPrefix) {
   files_.Put("/sys/class/net/bond0/bonding/slaves", "eth0 eth1\n");
   files_.Put("/sys/class/net/bond0/speed", "2000\n");
   Answer answer = Scripted("VEXA.Core.Network.Bond", "get", R"({"ifname":"ovs_bond0"})");
@@ -309,7 +308,7 @@ TEST_F(Services, Bond_IsLookedUpByNameThenWithoutPrefix) {
   EXPECT_EQ(answer.data["slaves"], Parsed("[]"));
 }
 
-TEST_F(Services, InterfaceList_JoinsAddresses) {
+TEST_F(Services, InterfaceList_SeveralAddresses_AreJoined) {
   files_.MakeFolder("/sys/class/net/eth0/device");
   files_.MakeFolder("/sys/class/net/eth1/device");
   addresses_ = {{"eth0", "2001:db8::1", "ffff::", true},
@@ -363,7 +362,7 @@ TEST_F(Services, WebService_ReturnsConfiguredPorts) {
             Parsed(R"({"http_port":8642,"https_port":8643,"enable_https":true,"enable_https_redirect":false})"));
 }
 
-TEST_F(Services, GuestInfo_OnlyOfGuestsThatRunHere) {
+TEST_F(Services, GuestInfo_GuestRunsElsewhere_IsRefused) {
   EXPECT_EQ(Scripted("VEXA.CCC.Guest", "get_info", kGuestParameters).code, 403) << "unknown";
   PutGuest(Parsed("{}"));
   const Answer answer = Scripted("VEXA.CCC.Guest", "get_info", kGuestParameters);
@@ -393,7 +392,7 @@ TEST_F(Services, RepositoryCheck_NeedsThisHostAndAUsableState) {
     EXPECT_EQ(answer.data["repo_usable"].asBool(), answer.data["failed_check"] == 0);
     return answer.data["failed_check"].asInt();
   };
-  const std::string here = cluster::CurrentEnvironment()->host_id;
+  const std::string here = records::CurrentEnvironment()->host_id;
   const auto repository = [&](const std::string& state) {
     return "{\"host_id\":\"" + here + "\",\"state\":\"" + state + "\"}";
   };
@@ -420,7 +419,7 @@ TEST_F(Services, RepositoryCheck_OtherHost_ReturnsAccurateCode) {
   };
   EXPECT_EQ(check("{}"), 307) << "the host has no record";
   host_.Put("host", "other", Parsed(R"({"name":"b","state":"host_running","version":"1"})"));
-  EXPECT_EQ(check("{}"), 307) << "the host gave no sign of life";
+  EXPECT_EQ(check("{}"), 307) << "the host has sent no heartbeat";
   Json::Value seen;
   seen["time"] = static_cast<Json::Int64>(::time(nullptr));
   store::Transaction sign;
@@ -471,7 +470,7 @@ TEST_F(Services, DiskList_OddRecords) {
   }
 }
 
-TEST_F(Services, PollTask_IsForgotten) {
+TEST_F(Services, PollTask_Cleared_IsRemoved) {
   const auto clear = [this](const std::string& id) {
     return Real("VEXA.Virtualization.Cluster", "clear_poll_task", "{\"task_id\":\"" + id + "\"}").code;
   };
@@ -491,10 +490,10 @@ TEST_F(Services, PollTask_IsForgotten) {
 }
 
 TEST_F(Services, HostList_NamesAndStates) {
-  const webapi::ApiTable table(HostListRows());
-  const auto list = [&] { return test::CallTable(table, "VEXA.Virtualization.Host", "list", "{}"); };
+  const ApiTable table(HostListRows());
+  const auto list = [&] { return CallTable(table, "VEXA.Virtualization.Host", "list", "{}"); };
   EXPECT_EQ(list().data, Parsed(R"({"hosts":[]})"));
-  EXPECT_EQ(table.rows()[0].access.value, webapi::Access::kUser);
+  EXPECT_EQ(table.rows()[0].access.value, Access::kUser);
   host_.PutText("host", "h1", R"({"name":"one","state":"host_running"})");
   host_.PutText("host", "h2", "damaged");
   host_.PutText("host", "h3", R"({"name":7,"state":["x"]})");
@@ -515,12 +514,12 @@ TEST_F(Services, HostList_NamesAndStates) {
   EXPECT_EQ(list().code, 403);
 }
 
-TEST_F(Services, HostList_RunningHostOfAnOlderVersion_IsShownByItsVersion) {
-  const webapi::ApiTable table(HostListRows());
+TEST_F(Services, HostList_RunningHostOfOlderVersion_ShowsVersionState) {
+  const ApiTable table(HostListRows());
   host_.PutText("host", "h1", R"({"name":"one","state":"host_running","version":"1.2.3"})");
   host_.PutText("host", "h2", R"({"name":"two","state":"host_running","version":"2.0.0"})");
   host_.PutText("host", "h3", R"({"name":"three","state":"host_control_unavail","version":"1.2.3"})");
-  const Json::Value hosts = test::CallTable(table, "VEXA.Virtualization.Host", "list", "{}").data["hosts"];
+  const Json::Value hosts = CallTable(table, "VEXA.Virtualization.Host", "list", "{}").data["hosts"];
   ASSERT_EQ(hosts.size(), 3u);
   EXPECT_EQ(hosts[0], Parsed(R"({"host_id":"h1","name":"one","state":"running","version_state":"upgrade_required",
                                  "status_of":"version","status":"upgrade_required","status_type":"warning","age_s":0})"));
@@ -535,30 +534,31 @@ TEST_F(Services, HostCondition_IsWorstKnownState) {
   namespace states = VexaCCC::State::Host;
   test::ScriptedGuests guests;
   bool has_trouble = false;
-  const auto condition = [&] { return HostConditionOf({&guests, [&] { return has_trouble; }}); };
-  EXPECT_EQ(HostConditionOf({}), states::running);
-  EXPECT_EQ(HostConditionOf({&guests, {}}), states::running);
+  const auto condition = [&] { return daemon::HostStateFor({&guests, [&] { return has_trouble; }}); };
+  EXPECT_EQ(daemon::HostStateFor({}), states::running);
+  EXPECT_EQ(daemon::HostStateFor({&guests, {}}), states::running);
   EXPECT_EQ(condition(), states::running);
   has_trouble = true;
   EXPECT_EQ(condition(), states::network_warn);
-  guests.is_controllable = false;
+  guests.is_hypervisor_reachable = false;
   EXPECT_EQ(condition(), states::control_unavail);
   has_trouble = false;
   EXPECT_EQ(condition(), states::control_unavail);
 }
 
-TEST_F(Services, DiskStates_AreAsUsersSeeThem) {
+TEST_F(Services, DiskStates_Listed_MatchUsersView) {
   host_.PutText("repository", "r1", R"({"name":"pool","state":"repo_online"})");
   host_.PutText("repository", "r2", R"({"name":"away","state":"repo_inaccessible"})");
   host_.PutText("vdisk", "d1", R"({"name":"boot","repository_id":"r1"})");
   host_.PutText("vdisk", "d2", R"({"repository_id":"r2","state":"vdisk_online"})");
   host_.PutText("vdisk", "d3", R"({"state":"vdisk_crashed"})");
-  EXPECT_EQ(DiskStatesOf(Parsed(R"({"repository_id":"r1","vdisks":["d1","d2","d3","d4"]})")),
-            Parsed(R"([{"vdisk_id":"d1","name":"boot","status":"online","status_type":"healthy"},
+  EXPECT_EQ(
+      DiskStatesOf(*records::Reader::OpenCurrent(), Parsed(R"({"repository_id":"r1","vdisks":["d1","d2","d3","d4"]})")),
+      Parsed(R"([{"vdisk_id":"d1","name":"boot","status":"online","status_type":"healthy"},
                        {"vdisk_id":"d2","name":"","status":"missing","status_type":"error"},
                        {"vdisk_id":"d3","name":"","status":"crashed","status_type":"error"},
                        {"vdisk_id":"d4","name":"","status":"missing","status_type":"error"}])"));
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

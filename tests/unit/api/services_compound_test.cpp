@@ -11,20 +11,18 @@
 #include "host/api/peer/compound_api.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using std::chrono::milliseconds;
 using test::Answer;
-using test::Parsed;
-using webapi::Call;
 
 // Calls rows directly, as a daemon's own would on another thread.
-transport::LocalCall CallOver(const webapi::ApiTable& table) {
+transport::LocalCall CallOver(const ApiTable& table) {
   return [&table](const VexaDRCore::Request& request, milliseconds) {
     Json::Value reply(Json::objectValue);
-    const webapi::ApiRow* row = table.Find(request.api(), request.method(), request.version());
-    const Answer answer = row ? test::CallRow(*row, request.parameters()) : Answer{507, {}, {}};
+    const ApiRow* row = table.Find(request.api(), request.method(), request.version());
+    const Answer answer = row ? CallRow(*row, request.parameters()) : Answer{507, {}, {}};
     reply["success"] = answer.code == 0;
     reply["request_id"] = "not an item's";
     if (answer.code == 0) {
@@ -36,12 +34,12 @@ transport::LocalCall CallOver(const webapi::ApiTable& table) {
   };
 }
 
-webapi::ApiRow Row(std::string_view method, webapi::Handler handler) {
+ApiRow Row(std::string_view method, Handler handler) {
   return {.api = "VEXA.Test",
           .method = method,
           .version = 1,
-          .access = webapi::Access::kHost,
-          .lane = webapi::LaneKind::kQuick,
+          .access = Access::kHost,
+          .lane = LaneKind::kQuick,
           .handler = std::move(handler),
           .summary = "",
           .parameters = {},
@@ -49,9 +47,9 @@ webapi::ApiRow Row(std::string_view method, webapi::Handler handler) {
 }
 
 // Returns only once as many callers are there as it was made for.
-class Meeting {
+class Rendezvous {
  public:
-  explicit Meeting(int expected) : expected_(expected) {}
+  explicit Rendezvous(int expected) : expected_(expected) {}
   bool Join() {
     std::unique_lock lock(mutex_);
     ++present_;
@@ -79,8 +77,8 @@ class Compound : public ::testing::Test {
     return Request(parameters, CallOver(table_), options);
   }
   static Answer Request(const std::string& parameters, transport::LocalCall local_call, CompoundOptions options = {}) {
-    const webapi::ApiTable table(CompoundRows(std::move(local_call), options));
-    return test::CallTable(table, "VEXA.Entry.Request", "request", parameters);
+    const ApiTable table(CompoundRows(std::move(local_call), options));
+    return CallTable(table, "VEXA.Entry.Request", "request", parameters);
   }
   static std::string Items(int count, const std::string& method) {
     std::string items;
@@ -91,14 +89,14 @@ class Compound : public ::testing::Test {
     return "{\"mode\":\"parallel\",\"compound\":[" + items + "]}";
   }
 
-  Meeting meeting_{8};
-  webapi::ApiTable table_;
+  Rendezvous meeting_{8};
+  ApiTable table_;
 };
 
 TEST_F(Compound, Results_AreInTheOrderOfTheItems) {
   const Answer answer = Request(Items(64, "echo"));
   ASSERT_EQ(answer.code, 0);
-  EXPECT_EQ(answer.further, Parsed("{}")) << "nothing failed";
+  EXPECT_EQ(answer.extra_members, Parsed("{}")) << "nothing failed";
   ASSERT_EQ(answer.data["result"].size(), 64u);
   for (Json::ArrayIndex i = 0; i < 64; ++i) {
     Json::Value expected = Parsed(R"({"success":true,"data":{}})");
@@ -107,7 +105,7 @@ TEST_F(Compound, Results_AreInTheOrderOfTheItems) {
   }
 }
 
-TEST_F(Compound, Items_RunAtTheSameTime) {
+TEST_F(Compound, Items_Independent_RunConcurrently) {
   const Answer answer = Request(Items(8, "meet"));
   ASSERT_EQ(answer.data["result"].size(), 8u);
   for (const Json::Value& result : answer.data["result"]) EXPECT_EQ(result["data"], "met");
@@ -122,7 +120,7 @@ TEST_F(Compound, Compound_FailedItems_AreReportedAndOthersSucceed) {
       {"api":"VEXA.Test","method":"echo","version":"1"}, {"api":"VEXA.Test","method":"echo","version":0},
       {"api":"VEXA.Test","method":"echo","version":99999999999}]})");
   ASSERT_EQ(answer.code, 0);
-  EXPECT_EQ(answer.further, Parsed(R"({"has_fail":true})"));
+  EXPECT_EQ(answer.extra_members, Parsed(R"({"has_fail":true})"));
   const int codes[] = {403, 0, 507, 507, 401, 401, 401, 401, 401, 401, 401, 401, 401, 401};
   ASSERT_EQ(answer.data["result"].size(), std::size(codes));
   for (Json::ArrayIndex i = 0; i < std::size(codes); ++i) {
@@ -145,13 +143,13 @@ TEST_F(Compound, Compound_InvalidRequests_AreRefusedCompletely) {
   EXPECT_EQ(Request(R"({"compound":[]})").data, Parsed(R"({"result":[]})"));
 }
 
-TEST_F(Compound, OddReplies_AreFailures) {
+TEST_F(Compound, Replies_UnexpectedForm_AreFailures) {
   for (const char* reply : {"null", "7", "[]", "{}", R"({"success":"yes","data":1})", R"({"success":1})",
                             R"({"success":false,"error":"text"})"}) {
     const Answer answer =
         Request(Items(1, "echo"), [reply](const VexaDRCore::Request&, milliseconds) { return Parsed(reply); });
     EXPECT_EQ(answer.data["result"][0], Parsed(R"({"success":false,"error":{"code":100}})")) << reply;
-    EXPECT_EQ(answer.further["has_fail"], true);
+    EXPECT_EQ(answer.extra_members["has_fail"], true);
   }
   const Answer thrown = Request(Items(3, "echo"), [](const VexaDRCore::Request&, milliseconds) -> Json::Value {
     throw std::runtime_error("a fault");
@@ -163,7 +161,7 @@ TEST_F(Compound, OddReplies_AreFailures) {
   EXPECT_EQ(without_data.data["result"][0], Parsed(R"({"success":true,"data":null})"));
 }
 
-TEST_F(Compound, Time_IsSharedByAllItems) {
+TEST_F(Compound, Timeout_AllItems_ShareIt) {
   std::atomic<int> called = 0;
   CompoundOptions options;
   options.timeout = milliseconds(60);
@@ -182,7 +180,7 @@ TEST_F(Compound, Time_IsSharedByAllItems) {
   for (const Json::Value& result : answer.data["result"]) EXPECT_EQ(result["error"]["code"], 102);
 }
 
-TEST_F(Compound, Threads_AreLimited) {
+TEST_F(Compound, Threads_ManyItems_AreLimited) {
   std::mutex mutex;
   int running = 0;
   int most = 0;
@@ -201,9 +199,9 @@ TEST_F(Compound, Threads_AreLimited) {
         return Parsed(R"({"success":true,"data":{}})");
       },
       options);
-  EXPECT_EQ(answer.further, Parsed("{}"));
+  EXPECT_EQ(answer.extra_members, Parsed("{}"));
   EXPECT_LE(most, 4);
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,4 +1,4 @@
-// A scripted machine, and calls of the rows that answer other hosts.
+// A scripted machine, and calls of rows by other hosts and by users.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,8 +10,11 @@
 #include <vector>
 
 #include "host/api/peer/services.h"
+#include "host/api/reason.h"
+#include "host/cluster/cluster_log.h"
 #include "host/records/environment.h"
 #include "json/readers.h"
+#include "tests/support/require.h"
 #include "tests/support/test_host.h"
 
 namespace vexa::test {
@@ -24,7 +27,7 @@ class ScriptedMachine {
     std::ofstream(folder_.path() + path, std::ios::binary) << content;
   }
   void MakeFolder(const std::string& path) { std::filesystem::create_directories(folder_.path() + path); }
-  services::Machine machine() const { return services::Machine(folder_.path()); }
+  machine::Machine machine() const { return machine::Machine(folder_.path()); }
   const std::string& root() const { return folder_.path(); }
 
  private:
@@ -34,28 +37,74 @@ class ScriptedMachine {
 struct Answer {
   int code = -1;  // 0: success; -1: no answer
   Json::Value data;
-  Json::Value further{Json::objectValue};
+  Json::Value extra_members{Json::objectValue};
+  std::vector<std::pair<std::string, std::string>> headers = {};
 };
 
-inline Answer CallRow(const webapi::ApiRow& row, const Json::Value& parameters) {
-  VEXA::APIRequest request(parameters, "", VEXA::APIRequest::Privilege::kOrdinary);
+inline std::string ReasonOf(const Answer& answer) {
+  return json::String(json::Member(answer.extra_members, api::kReason));
+}
+
+inline api::Caller HostCaller() {
+  api::Caller caller;
+  caller.kind = api::Caller::Kind::kHost;
+  caller.host_id = "h";
+  return caller;
+}
+
+inline api::Caller UserCaller(const accounts::User& user) {
+  api::Caller caller;
+  caller.kind = api::Caller::Kind::kUser;
+  caller.user = user;
+  caller.peer = "192.0.2.1";
+  return caller;
+}
+
+inline accounts::User Administrator() { return {"root", 0, 0, {}, true}; }
+
+inline Answer CallRow(const api::ApiRow& row, const Json::Value& parameters, const api::Caller& caller = HostCaller()) {
+  using Privilege = VEXA::APIRequest::Privilege;
+  VEXA::APIRequest request(parameters, caller.user.name,
+                           caller.user.is_administrator ? Privilege::kAdministrator : Privilege::kOrdinary);
   VEXA::APIResponse response;
-  const webapi::Caller caller{
-      .kind = webapi::Caller::Kind::kHost, .user = {}, .session_token = {}, .host_id = "h", .acts_for = {}, .peer = {}};
-  std::vector<std::pair<std::string, std::string>> headers;
   Answer answer;
-  row.handler({&request, &response, caller, &headers, &answer.further});
+  row.handler({&request, &response, caller, &answer.headers, &answer.extra_members});
   if (response.IsSet()) answer.code = response.ErrorCode();
   // As it arrives: jsoncpp distinguishes a signed from an unsigned 7 before, not after.
-  answer.data = Parsed(VexaVirtualization::json::ToText(response.Data()));
+  answer.data = Parsed(json::ToText(response.Data()));
   return answer;
 }
 
-inline Answer CallTable(const webapi::ApiTable& table, const std::string& api, const std::string& method,
-                        const std::string& parameters) {
-  const webapi::ApiRow* row = table.Find(api, method, 1);
+inline Answer CallTable(const api::ApiTable& table, const std::string& api, const std::string& method,
+                        const std::string& parameters, const api::Caller& caller = HostCaller()) {
+  const api::ApiRow* row = table.Find(api, method, 1);
   EXPECT_NE(row, nullptr) << api << " " << method;
-  return row ? CallRow(*row, Parsed(parameters)) : Answer();
+  return row ? CallRow(*row, Parsed(parameters), caller) : Answer();
+}
+
+// The lines of the cluster log, newest last: "<user> <priority> <text>".
+inline std::vector<std::string> ClusterLogLines() {
+  std::vector<std::string> lines;
+  for (const cluster::LogEntry& entry :
+       Require(cluster::ReadLogAfter(Require(records::Reader::OpenCurrent()), 0, 100))) {
+    lines.push_back(entry.user + " " + std::to_string(entry.priority) + " " + entry.text);
+  }
+  return lines;
 }
 
 }  // namespace vexa::test
+
+// The tests of methods are in this namespace.
+namespace vexa::api {
+
+using test::Administrator;
+using test::Answer;
+using test::CallRow;
+using test::CallTable;
+using test::ClusterLogLines;
+using test::Parsed;
+using test::ReasonOf;
+using test::Require;
+using test::UserCaller;
+
+}  // namespace vexa::api

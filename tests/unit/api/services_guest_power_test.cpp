@@ -1,19 +1,18 @@
 // The rows by which other hosts start, stop and delete this host's guests.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "host/api/peer/rows.h"
+#include "tests/support/matchers.h"
 #include "tests/support/scripted_guests.h"
 #include "tests/support/test_host.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
-using test::Parsed;
 using ::testing::ElementsAre;
 
 constexpr char kGuest[] = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
@@ -23,22 +22,22 @@ class GuestPowerRowsTest : public ::testing::Test {
  protected:
   GuestPowerRowsTest() : table_(Rows(&guests_)), without_(Rows(nullptr)) {}
 
-  static std::vector<webapi::ApiRow> Rows(guests::GuestControl* guests) {
+  static std::vector<ApiRow> Rows(guests::GuestControl* guests) {
     ServiceParts parts;
     parts.guests = guests;
     return GuestPowerRows(parts);
   }
   Answer Call(const char* method, const std::string& parameters = kParameters) {
-    return test::CallTable(table_, "VEXA.CCC.Guest", method, parameters);
+    return CallTable(table_, "VEXA.CCC.Guest", method, parameters);
   }
 
   test::TestHost host_;
   test::ScriptedGuests guests_;
-  webapi::ApiTable table_;
-  webapi::ApiTable without_;
+  ApiTable table_;
+  ApiTable without_;
 };
 
-TEST_F(GuestPowerRowsTest, EachMethod_DoesItsOwn) {
+TEST_F(GuestPowerRowsTest, EachMethod_CallsItsGuestControlFunction) {
   const char* const methods[] = {"poweron", "shutdown", "poweroff", "reboot", "delete", "discard_saved", "release"};
   for (const char* method : methods) EXPECT_EQ(Call(method).code, 0);
   const std::string by = std::string(" ") + kGuest + " /h/";
@@ -56,28 +55,28 @@ TEST_F(GuestPowerRowsTest, PowerOffForHighAvailability_Fences) {
               ElementsAre(std::string("fence ") + kGuest + " //", std::string("poweroff ") + kGuest + " /h/"));
 }
 
-// What is done could not be stored. A guest must be ended all the same when high availability says so.
-TEST_F(GuestPowerRowsTest, LostDatabase_RefusesAllButFencing) {
+// The action could not be stored. High availability must be able to end a guest anyway.
+TEST_F(GuestPowerRowsTest, Power_DatabaseLost_OnlyFencingIsPermitted) {
   ServiceParts parts;
   parts.guests = &guests_;
-  parts.store = cluster::CurrentEnvironment()->store;
-  const std::vector<webapi::ApiRow> rows = GuestPowerRows(parts);
+  parts.store = records::CurrentEnvironment()->store;
+  const std::vector<ApiRow> rows = GuestPowerRows(parts);
   host_.store().ReportHealth(store::Health::kInaccessible);
   const Json::Value parameters = Parsed(std::string(R"({"host_id":"x","guest_id":")") + kGuest + "\"}");
-  for (const webapi::ApiRow& row : rows) {
-    const Answer answer = test::CallRow(row, parameters);
+  for (const ApiRow& row : rows) {
+    const Answer answer = CallRow(row, parameters);
     EXPECT_EQ(answer.code, 949) << row.method;
-    EXPECT_EQ(answer.data, Json::Value(webapi::kDatabaseLost)) << row.method;
+    EXPECT_EQ(answer.data, Json::Value(kDatabaseLost)) << row.method;
   }
   EXPECT_THAT(guests_.asked(), ElementsAre());
   const std::string fence = std::string(R"({"reason":20,"guest_id":")") + kGuest + "\"}";
-  EXPECT_EQ(test::CallTable(webapi::ApiTable(rows), "VEXA.CCC.Guest", "poweroff", fence).code, 0);
+  EXPECT_EQ(CallTable(ApiTable(rows), "VEXA.CCC.Guest", "poweroff", fence).code, 0);
   EXPECT_THAT(guests_.asked(), ElementsAre(std::string("fence ") + kGuest + " //"));
   host_.store().ReportHealth(store::Health::kReadOnly);
-  EXPECT_EQ(test::CallRow(rows.front(), parameters).code, 0) << "the store itself refuses what it cannot write";
+  EXPECT_EQ(CallRow(rows.front(), parameters).code, 0) << "the store itself refuses what it cannot write";
 }
 
-TEST_F(GuestPowerRowsTest, HostSet_NeedsAHost) {
+TEST_F(GuestPowerRowsTest, HostSet_NoHost_IsRefused) {
   const std::string id = std::string(R"({"guest_id":")") + kGuest + "\"";
   EXPECT_EQ(Call("hostset", id + R"(,"host_id":"host-2"})").code, 0);
   EXPECT_EQ(Call("hostset", id + "}").code, 401);
@@ -89,22 +88,22 @@ TEST_F(GuestPowerRowsTest, HostSet_NeedsAHost) {
 TEST_F(GuestPowerRowsTest, Power_InvalidGuestId_IsRefusedBeforeAnyCall) {
   for (const char* id : {R"("")", R"("../../etc")", R"("8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01\u0000")", R"("a/b")", "7",
                          "null", R"("%2e%2e")", R"(["8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01"])"}) {
-    for (const webapi::ApiRow& row : table_.rows()) {
-      const Answer answer = test::CallRow(row, Parsed(std::string(R"({"host_id":"host-2","guest_id":)") + id + "}"));
+    for (const ApiRow& row : table_.rows()) {
+      const Answer answer = CallRow(row, Parsed(std::string(R"({"host_id":"host-2","guest_id":)") + id + "}"));
       EXPECT_EQ(answer.code, 401) << row.method << " " << id;
     }
   }
   EXPECT_THAT(guests_.asked(), ElementsAre());
 }
 
-TEST_F(GuestPowerRowsTest, ARefusal_HasItsCodeAndReason) {
-  guests_.refused = guests::Refusal{915, "It is busy with 'poweron' for alice since 2026-01-02T03:04:05Z"};
-  for (const webapi::ApiRow& row : table_.rows()) {
+TEST_F(GuestPowerRowsTest, Refusal_HasItsCodeAndReason) {
+  guests_.refused = Refusal{915, "It has been busy with 'poweron' for alice since 2026-01-02T03:04:05Z"};
+  for (const ApiRow& row : table_.rows()) {
     VEXA::APIRequest request(Parsed(std::string(R"({"host_id":"x","guest_id":")") + kGuest + "\"}"), "",
                              VEXA::APIRequest::Privilege::kOrdinary);
     VEXA::APIResponse response;
-    webapi::Caller caller;
-    caller.kind = webapi::Caller::Kind::kHost;
+    Caller caller;
+    caller.kind = Caller::Kind::kHost;
     row.handler({&request, &response, caller, nullptr});
     EXPECT_EQ(response.ErrorCode(), 915) << row.method;
     EXPECT_EQ(response.Data(), Json::Value(guests_.refused->reason)) << row.method;
@@ -114,28 +113,28 @@ TEST_F(GuestPowerRowsTest, ARefusal_HasItsCodeAndReason) {
 TEST_F(GuestPowerRowsTest, Power_ActingUser_IsForwarded) {
   VEXA::APIRequest request(Parsed(kParameters), "", VEXA::APIRequest::Privilege::kOrdinary);
   VEXA::APIResponse response;
-  webapi::Caller caller;
-  caller.kind = webapi::Caller::Kind::kHost;
+  Caller caller;
+  caller.kind = Caller::Kind::kHost;
   caller.host_id = "nas-2";
   caller.acts_for = "alice";
   table_.Find("VEXA.CCC.Guest", "reboot", 1)->handler({&request, &response, caller, nullptr});
   EXPECT_THAT(guests_.asked(), ElementsAre(std::string("reboot ") + kGuest + " alice/nas-2/"));
 }
 
-TEST_F(GuestPowerRowsTest, AHostThatRunsNoGuests_IsUnavailable) {
-  for (const webapi::ApiRow& row : without_.rows()) {
-    const Answer answer = test::CallRow(row, Parsed(std::string(R"({"host_id":"x","guest_id":")") + kGuest + "\"}"));
+TEST_F(GuestPowerRowsTest, Power_NoHypervisor_IsUnavailable) {
+  for (const ApiRow& row : without_.rows()) {
+    const Answer answer = CallRow(row, Parsed(std::string(R"({"host_id":"x","guest_id":")") + kGuest + "\"}"));
     EXPECT_EQ(answer.code, 949) << row.method;
   }
 }
 
-TEST_F(GuestPowerRowsTest, EveryRow_IsLongAndForHosts) {
+TEST_F(GuestPowerRowsTest, Rows_Each_UsesLongLaneAndIsForHosts) {
   EXPECT_EQ(table_.rows().size(), 8u);
-  for (const webapi::ApiRow& row : table_.rows()) {
-    EXPECT_EQ(row.access.value, webapi::Access::kHost) << row.method;
-    EXPECT_EQ(row.lane.value, webapi::LaneKind::kLong) << row.method;
+  for (const ApiRow& row : table_.rows()) {
+    EXPECT_EQ(row.access.value, Access::kHost) << row.method;
+    EXPECT_EQ(row.lane.value, LaneKind::kLong) << row.method;
   }
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -8,23 +8,21 @@
 #include "tests/support/test_host.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
-using test::Parsed;
-
 constexpr char kParameters[] = R"({"guest_id":"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01","vcpu_num":4,"desc":7})";
 
 class GuestSetRowTest : public ::testing::Test {
  protected:
-  static std::vector<webapi::ApiRow> Rows(guests::GuestControl* guests) {
+  static std::vector<ApiRow> Rows(guests::GuestControl* guests) {
     ServiceParts parts;
     parts.guests = guests;
     return GuestSetRows(parts);
   }
   Answer Call(const std::string& parameters = kParameters) {
-    return test::CallTable(webapi::ApiTable(Rows(&guests_)), "VEXA.CCC.Guest", "set", parameters);
+    return CallTable(ApiTable(Rows(&guests_)), "VEXA.CCC.Guest", "set", parameters);
   }
 
   test::TestHost host_;
@@ -38,11 +36,11 @@ TEST_F(GuestSetRowTest, GuestSet_Parameters_AreForwardedUnchanged) {
   EXPECT_EQ(guests_.last_edit, Parsed(kParameters));
 }
 
-TEST_F(GuestSetRowTest, Refusals_HaveTheirReason_AndPinsTheirObject) {
-  guests_.refused = guests::Refusal{903, "no network"};
+TEST_F(GuestSetRowTest, GuestSet_Refused_HasReasonAndPinsObject) {
+  guests_.refused = Refusal{903, "no network"};
   EXPECT_EQ(Call().code, 903);
   EXPECT_EQ(Call().data, Json::Value("no network"));
-  guests_.refused = guests::Refusal{2101, "no processors"};
+  guests_.refused = Refusal{2101, "no processors"};
   EXPECT_EQ(Call().code, 2101);
   EXPECT_EQ(Call().data, Parsed(R"({"pin_reserved":false})"));
 }
@@ -50,20 +48,20 @@ TEST_F(GuestSetRowTest, Refusals_HaveTheirReason_AndPinsTheirObject) {
 TEST_F(GuestSetRowTest, GuestSet_DatabaseLost_IsRefusedWithReason) {
   ServiceParts parts;
   parts.guests = &guests_;
-  parts.store = cluster::CurrentEnvironment()->store;
+  parts.store = records::CurrentEnvironment()->store;
   host_.store().ReportHealth(store::Health::kInaccessible);
-  const Answer answer = test::CallTable(webapi::ApiTable(GuestSetRows(parts)), "VEXA.CCC.Guest", "set", kParameters);
+  const Answer answer = CallTable(ApiTable(GuestSetRows(parts)), "VEXA.CCC.Guest", "set", kParameters);
   EXPECT_EQ(answer.code, 949);
-  EXPECT_EQ(answer.data, Json::Value(webapi::kDatabaseLost));
+  EXPECT_EQ(answer.data, Json::Value(kDatabaseLost));
   EXPECT_TRUE(guests_.asked().empty());
 }
 
-TEST_F(GuestSetRowTest, WithoutAGuestIdOrGuests_IsRefused) {
+TEST_F(GuestSetRowTest, GuestSet_NoGuestIdOrNoGuests_IsRefused) {
   EXPECT_EQ(Call("{}").code, 401);
   EXPECT_EQ(Call(R"({"guest_id":"web"})").code, 401);
   EXPECT_TRUE(guests_.asked().empty());
-  EXPECT_EQ(test::CallTable(webapi::ApiTable(Rows(nullptr)), "VEXA.CCC.Guest", "set", kParameters).code, 949);
+  EXPECT_EQ(CallTable(ApiTable(Rows(nullptr)), "VEXA.CCC.Guest", "set", kParameters).code, 949);
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -46,28 +46,24 @@ bool Guest::GetInformation(const std::string&, const Json::Value& record, Json::
 
 }  // namespace VexaVirtualization
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
-using test::Parsed;
-
 constexpr const char* kHost = "11111111-2222-4333-8444-555555555555";  // the test's own
 constexpr const char* kGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
 
 class HostApi : public ::testing::Test {
  protected:
   HostApi() : table_(HostQueryRows()) { host_answers = true; }
-  Answer Get(const std::string& parameters) {
-    return test::CallTable(table_, "VEXA.Virtualization.Host", "get", parameters);
-  }
+  Answer Get(const std::string& parameters) { return CallTable(table_, "VEXA.Virtualization.Host", "get", parameters); }
   test::TestHost host_;
-  webapi::ApiTable table_;
+  ApiTable table_;
 };
 
 TEST_F(HostApi, Access_IsForAdministratorsAndForUsers) {
-  EXPECT_EQ(table_.Find("VEXA.Virtualization.Host", "get", 1)->access.value, webapi::Access::kAdministrator);
-  EXPECT_EQ(table_.Find("VEXA.Virtualization.Guest", "info", 1)->access.value, webapi::Access::kUser);
+  EXPECT_EQ(table_.Find("VEXA.Virtualization.Host", "get", 1)->access.value, Access::kAdministrator);
+  EXPECT_EQ(table_.Find("VEXA.Virtualization.Guest", "info", 1)->access.value, Access::kUser);
 }
 
 TEST_F(HostApi, HostGet_HostAnswers_ReturnsAllMembers) {
@@ -89,7 +85,7 @@ TEST_F(HostApi, HostGet_HostSilent_ReturnsItsRecord) {
                                 R"(","name":"one","state":"inaccessible","age_s":0,"interfaces":[]})"));
 }
 
-TEST_F(HostApi, UnknownAndHostileIds) {
+TEST_F(HostApi, Get_UnknownOrHostileId_IsRefused) {
   EXPECT_EQ(Get("{}").code, 403);
   for (const char* id : {"null", "7", "\"\"", "\"../guest\"", "[]", "{}"}) {
     EXPECT_EQ(Get(std::string("{\"host_id\":") + id + "}").code, 401) << id;
@@ -99,11 +95,11 @@ TEST_F(HostApi, UnknownAndHostileIds) {
 }
 
 TEST_F(HostApi, GuestInfo_RequiresRightOnGuest) {
-  const webapi::ApiRow& row = *table_.Find("VEXA.Virtualization.Guest", "info", 1);
+  const ApiRow& row = *table_.Find("VEXA.Virtualization.Guest", "info", 1);
   const auto info = [&](const std::string& user, const std::string& parameters) {
     VEXA::APIRequest request = test::UserRequest(Parsed(parameters), user);
     VEXA::APIResponse response;
-    const webapi::Caller caller;
+    const Caller caller;
     row.handler({&request, &response, caller, nullptr});
     return response;
   };
@@ -120,4 +116,4 @@ TEST_F(HostApi, GuestInfo_RequiresRightOnGuest) {
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

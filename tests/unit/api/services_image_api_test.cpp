@@ -1,6 +1,5 @@
 // VEXA.Virtualization.Image and VEXA.Virtualization.Repository on a real store: who sees what, codes, sentences, the
 // log.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,29 +7,26 @@
 #include <string>
 #include <vector>
 
-#include "host/api/reason.h"
 #include "host/api/user/image_api.h"
 #include "host/api/user/repository_api.h"
-#include "host/cluster/cluster_log.h"
 #include "host/records/environment.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
-using test::Parsed;
-using test::Require;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using webapi::Access;
 
 constexpr char kImageApi[] = "VEXA.Virtualization.Image";
 constexpr char kRepositoryApi[] = "VEXA.Virtualization.Repository";
 constexpr char kId[] = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
+const accounts::User kOrdinary{"root", 0, 0, {}, false};
 constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 
 class ImageApi : public ::testing::Test {
@@ -38,7 +34,7 @@ class ImageApi : public ::testing::Test {
   ImageApi() : table_(Rows()) {
     std::filesystem::create_directory(Root());
     std::ofstream(File()) << "twelve bytes";
-    for (const std::string& host : {std::string(kHost), cluster::CurrentEnvironment()->host_id}) {
+    for (const std::string& host : {std::string(kHost), records::CurrentEnvironment()->host_id}) {
       host_.PutText("host", host, R"({"name":"nas-1"})");
     }
   }
@@ -46,19 +42,8 @@ class ImageApi : public ::testing::Test {
   std::string Root() const { return host_.folder().File("images"); }
   std::string File() const { return Root() + "/a.iso"; }
   Answer Call(const std::string& api, const std::string& method, const std::string& parameters,
-              VEXA::APIRequest::Privilege privilege = VEXA::APIRequest::Privilege::kAdministrator) {
-    const webapi::ApiRow* const row = table_.Find(api, method, 1);
-    if (!row) ADD_FAILURE() << api << " " << method;
-    if (!row) return {};
-    VEXA::APIRequest request(Parsed(parameters), "root", privilege);
-    VEXA::APIResponse response;
-    const webapi::Caller caller;
-    std::vector<std::pair<std::string, std::string>> headers;
-    Answer answer;
-    row->handler({&request, &response, caller, &headers, &answer.further});
-    if (response.IsSet()) answer.code = response.ErrorCode();
-    answer.data = Parsed(json::ToText(response.Data()));
-    return answer;
+              const accounts::User& user = Administrator()) {
+    return CallTable(table_, api, method, parameters, UserCaller(user));
   }
   Answer Image(const std::string& method, const std::string& parameters = "{}") {
     return Call(kImageApi, method, parameters);
@@ -66,54 +51,43 @@ class ImageApi : public ::testing::Test {
   Answer Repository(const std::string& method, const std::string& parameters = "{}") {
     return Call(kRepositoryApi, method, parameters);
   }
-  static std::string ReasonOf(const Answer& answer) {
-    return json::String(json::Member(answer.further, webapi::kReason));
-  }
   std::string Addition(const std::string& name) const {
     return R"({"name":")" + name + R"(","path":")" + File() + R"(","image_id":")" + kId + "\"}";
   }
-  // Newest last: "<user> <priority> <text>".
-  static std::vector<std::string> Log() {
-    std::vector<std::string> lines;
-    for (const cluster::LogEntry& entry : Require(cluster::ReadLogAfter(0, 100))) {
-      lines.push_back(entry.user + " " + std::to_string(entry.priority) + " " + entry.text);
-    }
-    return lines;
-  }
 
   test::TestHost host_;
-  webapi::ApiTable table_;
+  ApiTable table_;
 
  private:
-  std::vector<webapi::ApiRow> Rows() {
-    const auto& store = cluster::CurrentEnvironment()->store;
-    std::vector<webapi::ApiRow> rows = ImageRows(store, {Root()});
-    for (webapi::ApiRow& row : RepositoryRows(store)) rows.push_back(std::move(row));
+  std::vector<ApiRow> Rows() {
+    const auto& store = records::CurrentEnvironment()->store;
+    std::vector<ApiRow> rows = ImageRows(store, {Root()});
+    for (ApiRow& row : RepositoryRows(store)) rows.push_back(std::move(row));
     return rows;
   }
 };
 
 TEST_F(ImageApi, Rows_AreForAdministratorsExceptLists) {
   ASSERT_EQ(table_.rows().size(), 7u);
-  for (const webapi::ApiRow& row : table_.rows()) {
+  for (const ApiRow& row : table_.rows()) {
     EXPECT_EQ(row.access.value, row.method == "list" ? Access::kUser : Access::kAdministrator) << row.method;
-    for (const int code : row.errors) EXPECT_NE(webapi::FindError(code), nullptr) << row.method << " " << code;
+    for (const int code : row.errors) EXPECT_NE(FindError(code), nullptr) << row.method << " " << code;
   }
 }
 
-TEST_F(ImageApi, Image_IsAddedListedAndRemoved) {
+TEST_F(ImageApi, Image_AddListRemove_Works) {
   const Answer added = Image("add", Addition("Debian"));
   EXPECT_EQ(added.code, 0) << ReasonOf(added);
   EXPECT_EQ(added.data, Parsed(R"({"image_id":")" + std::string(kId) + "\"}"));
   EXPECT_EQ(Image("list").data, Parsed(R"({"images":[{"image_id":")" + std::string(kId) +
                                        R"(","name":"Debian","present":true,"size":12,"path":")" + File() + "\"}]}"));
   std::filesystem::remove(File());
-  const Answer seen_by_user = Call(kImageApi, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary);
+  const Answer seen_by_user = Call(kImageApi, "list", "{}", kOrdinary);
   EXPECT_EQ(seen_by_user.data,
             Parsed(R"({"images":[{"image_id":")" + std::string(kId) + R"(","name":"Debian","present":false}]})"));
   EXPECT_EQ(Image("remove", R"({"image_id":")" + std::string(kId) + "\"}").code, 0);
   EXPECT_EQ(Image("list").data, Parsed(R"({"images":[]})"));
-  EXPECT_THAT(Log(),
+  EXPECT_THAT(ClusterLogLines(),
               ElementsAre("root 3 The image [Debian] has been added.", "root 3 The image [Debian] has been removed."));
 }
 
@@ -129,12 +103,13 @@ TEST_F(ImageApi, ImageAdd_Refused_HasCodeSentenceAndLogLine) {
   EXPECT_EQ(used.code, 991);
   EXPECT_EQ(ReasonOf(used), "The image 'a' is in a drive of these guests: 'web'. Take it out of the drives first");
   EXPECT_EQ(Image("remove", R"({"image_id":"x"})").code, 403);
-  EXPECT_THAT(Log(), ElementsAre("root 3 The image [a] has been added.", "root 1 Failed to add the image [b].",
-                                 "root 1 Failed to add the image [b].", "root 1 Failed to remove the image [a].",
-                                 "root 1 Failed to remove the image [x]."));
+  EXPECT_THAT(ClusterLogLines(),
+              ElementsAre("root 3 The image [a] has been added.", "root 1 Failed to add the image [b].",
+                          "root 1 Failed to add the image [b].", "root 1 Failed to remove the image [a].",
+                          "root 1 Failed to remove the image [x]."));
 }
 
-TEST_F(ImageApi, WrongParameters_AreRefusedAndNotLogged) {
+TEST_F(ImageApi, Parameters_Invalid_AreRefusedAndNotLogged) {
   const std::string path = R"("path":")" + File() + "\"";
   for (const std::string& parameters :
        {std::string("{}"), "{" + path + "}", "{\"name\":7," + path + "}", "{\"name\":\"\"," + path + "}",
@@ -156,14 +131,13 @@ TEST_F(ImageApi, WrongParameters_AreRefusedAndNotLogged) {
     EXPECT_EQ(Repository("remove", "{\"repository_id\":" + id + "}").code, 401) << id;
     EXPECT_EQ(Repository("accept", "{\"repository_id\":" + id + "}").code, 401) << id;
   }
-  EXPECT_EQ(
-      ReasonOf(Image("add", R"({"name":"a","path":"a.iso"})")),
-      "'a.iso' cannot be the path of an image: give an absolute path of up to 4096 bytes of UTF-8 without control "
-      "characters");
-  EXPECT_THAT(Log(), IsEmpty());
+  EXPECT_EQ(ReasonOf(Image("add", R"({"name":"a","path":"a.iso"})")),
+            "'a.iso' is not a valid image path: give an absolute path of up to 4096 bytes of UTF-8 without control "
+            "characters");
+  EXPECT_THAT(ClusterLogLines(), IsEmpty());
 }
 
-TEST_F(ImageApi, Repository_IsAddedListedAcceptedAndRemoved) {
+TEST_F(ImageApi, Repository_AddListAcceptRemove_Works) {
   const std::string named = R"({"repository_id":")" + std::string(kId) + "\"}";
   const Answer added =
       Repository("add", R"({"name":"pool","repository_id":")" + std::string(kId) + R"(","host_id":")" + kHost + "\"}");
@@ -175,21 +149,21 @@ TEST_F(ImageApi, Repository_IsAddedListedAcceptedAndRemoved) {
                             R"(","state":"repo_online")";
   EXPECT_EQ(Repository("list").data,
             Parsed(R"({"repositories":[)" + shown + R"(,"storage":{"folders":{"/srv/":"ino=2"}}}]})"));
-  EXPECT_EQ(Call(kRepositoryApi, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary).data,
-            Parsed(R"({"repositories":[)" + shown + "}]}"));
+  EXPECT_EQ(Call(kRepositoryApi, "list", "{}", kOrdinary).data, Parsed(R"({"repositories":[)" + shown + "}]}"));
   EXPECT_EQ(Repository("accept", named).code, 0);
   EXPECT_EQ(Repository("list").data, Parsed(R"({"repositories":[)" + shown + "}]}"));
   EXPECT_EQ(Repository("remove", named).code, 0);
   EXPECT_EQ(Repository("list").data, Parsed(R"({"repositories":[]})"));
-  EXPECT_THAT(Log(), ElementsAre("root 3 The repository [pool] has been added.",
-                                 "root 3 The storage of the repository [pool] has been accepted as it is now.",
-                                 "root 3 The repository [pool] has been removed."));
+  EXPECT_THAT(ClusterLogLines(),
+              ElementsAre("root 3 The repository [pool] has been added.",
+                          "root 3 The storage of the repository [pool] has been accepted as it is now.",
+                          "root 3 The repository [pool] has been removed."));
 }
 
-TEST_F(ImageApi, Repository_WithoutAHost_GetsTheHostThatIsAsked) {
+TEST_F(ImageApi, RepositoryAdd_NoHost_UsesCalledHost) {
   EXPECT_EQ(Repository("add", R"({"name":"pool"})").code, 0);
   EXPECT_EQ(json::Element(Repository("list").data["repositories"], 0)["host_id"],
-            Json::Value(cluster::CurrentEnvironment()->host_id));
+            Json::Value(records::CurrentEnvironment()->host_id));
 }
 
 TEST_F(ImageApi, RepositoryAdd_Refused_HasCodeSentenceAndLogLine) {
@@ -205,7 +179,7 @@ TEST_F(ImageApi, RepositoryAdd_Refused_HasCodeSentenceAndLogLine) {
   const Answer homeless = Repository("add", R"({"name":"other","host_id":")" + std::string(kId) + "\"}");
   EXPECT_EQ(homeless.code, 403);
   EXPECT_EQ(ReasonOf(homeless).find("There is no host '" + std::string(kId) + "' in this cluster"), 0u);
-  EXPECT_THAT(Log(),
+  EXPECT_THAT(ClusterLogLines(),
               ElementsAre("root 3 The repository [pool] has been added.", "root 1 Failed to add the repository [pool].",
                           "root 1 Failed to remove the repository [pool].",
                           "root 1 Failed to accept the storage of the repository [x].",
@@ -223,7 +197,7 @@ TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
   EXPECT_EQ(ReasonOf(repositories), "The repositories cannot be listed: The snapshot was made to fail.");
   EXPECT_TRUE(test::SyslogContains("The repositories cannot be listed: The snapshot was made to fail."));
   for (const char* api : {kImageApi, kRepositoryApi}) {
-    const Answer answer = Call(api, "list", "{}", VEXA::APIRequest::Privilege::kOrdinary);
+    const Answer answer = Call(api, "list", "{}", kOrdinary);
     EXPECT_EQ(answer.code, 992) << api;
     EXPECT_EQ(ReasonOf(answer), "") << api;
   }
@@ -232,4 +206,4 @@ TEST_F(ImageApi, ImageApi_StoreUnreadable_IsAnError) {
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

@@ -1,27 +1,22 @@
 // VEXA.Virtualization.Guest import on a real store: hostile parameters, results for each guest, dry runs, the log.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "host/api/reason.h"
 #include "host/api/user/import_api.h"
 #include "host/api/user/import_parameters.h"
-#include "host/cluster/cluster_log.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/records/environment.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
-namespace json = VexaVirtualization::json;
 using test::Answer;
-using test::Parsed;
-using test::Require;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -49,21 +44,10 @@ Json::Value CallOf(const std::vector<Json::Value>& guests) {
 
 class ImportApi : public ::testing::Test {
  protected:
-  ImportApi() : table_(ImportRows(cluster::CurrentEnvironment()->store)) {}
+  ImportApi() : table_(ImportRows(records::CurrentEnvironment()->store)) {}
 
   Answer Import(const Json::Value& parameters) {
-    VEXA::APIRequest request(parameters, "root", VEXA::APIRequest::Privilege::kAdministrator);
-    VEXA::APIResponse response;
-    const webapi::Caller caller;
-    std::vector<std::pair<std::string, std::string>> headers;
-    Answer answer;
-    table_.rows()[0].handler({&request, &response, caller, &headers, &answer.further});
-    if (response.IsSet()) answer.code = response.ErrorCode();
-    answer.data = Parsed(json::ToText(response.Data()));
-    return answer;
-  }
-  static std::string ReasonOf(const Answer& answer) {
-    return json::String(json::Member(answer.further, webapi::kReason));
+    return CallRow(table_.rows()[0], parameters, UserCaller(Administrator()));
   }
   // Refused as a whole, and nothing has changed.
   void ExpectRefused(const Json::Value& parameters, const std::string& reason) {
@@ -78,29 +62,21 @@ class ImportApi : public ::testing::Test {
   }
   store::Revision Revision() { return Require(host_.store().Read())->revision(); }
   std::vector<std::string> Guests() { return Require(Require(host_.store().Read())->Children("/dash/guest")); }
-  // Newest last: "<user> <priority> <text>".
-  static std::vector<std::string> Log() {
-    std::vector<std::string> lines;
-    for (const cluster::LogEntry& entry : Require(cluster::ReadLogAfter(0, 100))) {
-      lines.push_back(entry.user + " " + std::to_string(entry.priority) + " " + entry.text);
-    }
-    return lines;
-  }
 
   test::TestHost host_;
-  webapi::ApiTable table_;
+  ApiTable table_;
 };
 
 TEST_F(ImportApi, Row_IsForAdministratorsAndTakesLongBodies) {
   ASSERT_EQ(table_.rows().size(), 1u);
-  const webapi::ApiRow& row = table_.rows()[0];
-  EXPECT_EQ(row.access.value, webapi::Access::kAdministrator);
-  EXPECT_EQ(row.lane.value, webapi::LaneKind::kLong);
-  EXPECT_GT(row.body_bytes, 2 * hypervisor::kMaxDomainXmlBytes) << "every byte of a definition may be escaped";
-  for (const int code : row.errors) EXPECT_NE(webapi::FindError(code), nullptr) << code;
+  const ApiRow& row = table_.rows()[0];
+  EXPECT_EQ(row.access.value, Access::kAdministrator);
+  EXPECT_EQ(row.lane.value, LaneKind::kLong);
+  EXPECT_GT(row.body_bytes, 2 * domain_xml::kMaxDomainXmlBytes) << "every byte of a definition may be escaped";
+  for (const int code : row.errors) EXPECT_NE(FindError(code), nullptr) << code;
 }
 
-TEST_F(ImportApi, Guests_AreWrittenLoggedAndDescribed) {
+TEST_F(ImportApi, Import_Guests_AreWrittenLoggedAndDescribed) {
   Json::Value second =
       GuestOf(Domain(kSecond, "two", "<disk><source file='/i/a'/><target dev='vda' bus='virtio'/></disk>"));
   second["guest_id"] = kSecond;
@@ -123,12 +99,12 @@ TEST_F(ImportApi, Guests_AreWrittenLoggedAndDescribed) {
   Json::Value again = CallOf({GuestOf(Domain(kFirst, "uno"))});
   again["replace"] = true;
   EXPECT_EQ(Import(again).data["results"][0]["replaced"], true);
-  EXPECT_THAT(Log(), ElementsAre("root 3 The virtual machine [one] has been imported.",
-                                 "root 3 The virtual machine [two] has been imported.",
-                                 "root 3 The virtual machine [uno] has been replaced by an import."));
+  EXPECT_THAT(ClusterLogLines(), ElementsAre("root 3 The virtual machine [one] has been imported.",
+                                             "root 3 The virtual machine [two] has been imported.",
+                                             "root 3 The virtual machine [uno] has been replaced by an import."));
 }
 
-TEST_F(ImportApi, GuestsThatFail_DoNotKeepTheOthersBack) {
+TEST_F(ImportApi, Import_SomeGuestsFail_OthersAreImported) {
   host_.PutText("guest", "g", R"({"name":"taken"})");
   const Answer answer =
       Import(CallOf({GuestOf("<domain>"), GuestOf(Domain(kSecond, "taken")), GuestOf(Domain(kFirst, "one"))}));
@@ -143,11 +119,11 @@ TEST_F(ImportApi, GuestsThatFail_DoNotKeepTheOthersBack) {
   EXPECT_EQ(results[1]["error"]["message"], "The name, the id or the file is already in use.");
   EXPECT_EQ(results[1]["error"]["reason"], "The name 'taken' belongs to the guest 'g': rename one of the two");
   EXPECT_EQ(results[2]["guest_id"], kFirst);
-  EXPECT_THAT(Log(), ElementsAre("root 1 Failed to import the virtual machine [taken].",
-                                 "root 3 The virtual machine [one] has been imported."));
+  EXPECT_THAT(ClusterLogLines(), ElementsAre("root 1 Failed to import the virtual machine [taken].",
+                                             "root 3 The virtual machine [one] has been imported."));
 }
 
-TEST_F(ImportApi, DryRun_AnswersTheRecordsAndChangesNothing) {
+TEST_F(ImportApi, Import_DryRun_ReturnsRecordsAndChangesNothing) {
   const store::Revision before = Revision();
   Json::Value parameters = CallOf({GuestOf(Domain(kFirst, "one")), GuestOf(Domain(kSecond, "one"))});
   parameters["dry_run"] = true;
@@ -160,10 +136,10 @@ TEST_F(ImportApi, DryRun_AnswersTheRecordsAndChangesNothing) {
   parameters["planned"][kFirst] = "one";
   EXPECT_EQ(Import(parameters).data["results"][0]["error"]["code"], 990);
   EXPECT_EQ(Revision(), before);
-  EXPECT_THAT(Log(), IsEmpty());
+  EXPECT_THAT(ClusterLogLines(), IsEmpty());
 }
 
-TEST_F(ImportApi, CallsOfTheWrongForm_AreRefusedAsAWhole) {
+TEST_F(ImportApi, Import_MalformedCall_IsRefusedCompletely) {
   const std::string guests = "'guests' must be an array of 1 to 100 guests";
   ExpectRefused(Parsed("{}"), guests);
   for (const char* text : {"null", "7", "{}", "\"x\"", "[]"}) {
@@ -175,7 +151,7 @@ TEST_F(ImportApi, CallsOfTheWrongForm_AreRefusedAsAWhole) {
     parameters[flag] = 1;
     ExpectRefused(parameters, "");
   }
-  const std::string planned = "'planned' must be an object of at most 10000 ids";
+  const std::string planned = "'planned' must be an object that maps at most 10000 guest ids";
   for (const char* text : {"null", "[]", "7", R"({"x":"one"})", R"({"11111111-2222-4333-8444-555555555551":7})",
                            R"({"11111111-2222-4333-8444-555555555551":"a\nb"})"}) {
     Json::Value parameters = CallOf({GuestOf(Domain(kFirst, "one"))});
@@ -189,7 +165,7 @@ TEST_F(ImportApi, CallsOfTheWrongForm_AreRefusedAsAWhole) {
   EXPECT_THAT(Guests(), IsEmpty());
 }
 
-TEST_F(ImportApi, GuestsOfTheWrongForm_AreRefusedBeforeAnythingIsWritten) {
+TEST_F(ImportApi, Import_MalformedGuests_AreRefusedBeforeAnyWrite) {
   for (const char* text : {"7", "null", "[]", "\"<domain/>\""}) ExpectGuestRefused(Parsed(text), "is not an object");
   ExpectGuestRefused(Parsed("{}"), "has no 'xml'");
   ExpectGuestRefused(Parsed(R"({"xml":7})"), "has no 'xml'");
@@ -204,28 +180,28 @@ TEST_F(ImportApi, GuestsOfTheWrongForm_AreRefusedBeforeAnythingIsWritten) {
       {R"("host_id":7)", "has a 'host_id' that is not a UUID"},
       {R"("repository_id":null)", "has a 'repository_id' that is not a UUID"},
       {R"("repository_id":"00000000-0000-0000-0000-000000000000")", "has a 'repository_id' that is not a UUID"},
-      {R"("autostart":1)", "has 'autostart' that is neither true nor false"},
-      {R"("has_variables":"yes")", "has 'has_variables' that is neither true nor false"},
-      {R"("disk_sizes_mib":[])", "has 'disk_sizes_mib' that is not an object"},
+      {R"("autostart":1)", "has a value of 'autostart' that is neither true nor false"},
+      {R"("has_variables":"yes")", "has a value of 'has_variables' that is neither true nor false"},
+      {R"("disk_sizes_mib":[])", "has a value of 'disk_sizes_mib' that is not an object"},
       {R"("disk_sizes_mib":{"":1})", "has a name in 'disk_sizes_mib' that is empty"},
-      {R"("disk_sizes_mib":{"vda":0})", "has a size of the disk 'vda' that is not a whole number of 1 to"},
-      {R"("disk_sizes_mib":{"vda":-1})", "has a size of the disk 'vda'"},
-      {R"("disk_sizes_mib":{"vda":1.5})", "has a size of the disk 'vda'"},
-      {R"("disk_sizes_mib":{"vda":2147483648})", "has a size of the disk 'vda'"},
-      {R"("disk_sizes_mib":{"vda":"20"})", "has a size of the disk 'vda'"},
-      {R"("image_sizes":7)", "has 'image_sizes' that is not an object"},
-      {R"("image_sizes":{"/a":-1})", "has a size of the image '/a' that is neither"},
-      {R"("image_sizes":{"/a":"1"})", "has a size of the image '/a' that is neither"},
-      {R"("image_sizes":{"/a":1e30})", "has a size of the image '/a' that is neither"},
-      {R"("networks":{"lan":"x"})", "has an id of the network 'lan' that is not a UUID"},
-      {R"("networks":{"lan":[]})", "has an id of the network 'lan' that is not a UUID"},
+      {R"("disk_sizes_mib":{"vda":0})", "has a size for the disk 'vda' that is not a whole number of 1 to"},
+      {R"("disk_sizes_mib":{"vda":-1})", "has a size for the disk 'vda'"},
+      {R"("disk_sizes_mib":{"vda":1.5})", "has a size for the disk 'vda'"},
+      {R"("disk_sizes_mib":{"vda":2147483648})", "has a size for the disk 'vda'"},
+      {R"("disk_sizes_mib":{"vda":"20"})", "has a size for the disk 'vda'"},
+      {R"("image_sizes":7)", "has a value of 'image_sizes' that is not an object"},
+      {R"("image_sizes":{"/a":-1})", "has a size for the image '/a' that is neither"},
+      {R"("image_sizes":{"/a":"1"})", "has a size for the image '/a' that is neither"},
+      {R"("image_sizes":{"/a":1e30})", "has a size for the image '/a' that is neither"},
+      {R"("networks":{"lan":"x"})", "has an id for the network 'lan' that is not a UUID"},
+      {R"("networks":{"lan":[]})", "has an id for the network 'lan' that is not a UUID"},
   };
   for (const auto& [members, reason] : kRows) {
     ExpectGuestRefused(Parsed(std::string(R"({"xml":"<domain/>",)") + members + "}"), reason);
   }
 }
 
-TEST_F(ImportApi, GuestsOfTooMuch_AreRefused) {
+TEST_F(ImportApi, Import_TooManyOrTooLongEntries_AreRefused) {
   Json::Value guest = GuestOf(Domain(kFirst, "one"));
   for (std::size_t i = 0; i <= kMaxImportEntries; ++i) guest["networks"][std::to_string(i)] = kFirst;
   ExpectGuestRefused(guest, "has more than 1000 entries in 'networks'");
@@ -238,11 +214,11 @@ TEST_F(ImportApi, GuestsOfTooMuch_AreRefused) {
     const std::string number = std::to_string(1'000'000 + i);
     parameters["planned"]["11111111-2222-4333-8444-55555" + number] = "n" + number;
   }
-  ExpectRefused(parameters, "'planned' must be an object of at most 10000 ids");
+  ExpectRefused(parameters, "'planned' must be an object that maps at most 10000 guest ids");
 }
 
 // What a definition can contain is tested with the conversion; here, that it reaches it as it is.
-TEST_F(ImportApi, HostileDefinitions_AreRefusedAlone) {
+TEST_F(ImportApi, Import_HostileDefinition_OnlyItIsRefused) {
   const std::string deep = [] {
     std::string text = "<domain>";
     for (int i = 0; i < 70; ++i) text += "<a>";
@@ -251,7 +227,7 @@ TEST_F(ImportApi, HostileDefinitions_AreRefusedAlone) {
   std::vector<Json::Value> guests;
   for (const std::string& xml :
        {std::string("x"), std::string("<domain/>\0<domain/>", 18), deep, std::string("<!DOCTYPE a><domain/>"),
-        std::string(hypervisor::kMaxDomainXmlBytes + 1, ' '), Domain("../x", "one"), Domain(kFirst, "a&#10;b"),
+        std::string(domain_xml::kMaxDomainXmlBytes + 1, ' '), Domain("../x", "one"), Domain(kFirst, "a&#10;b"),
         Domain(kFirst, std::string(129, 'x'))}) {
     guests.push_back(GuestOf(xml));
   }
@@ -263,10 +239,10 @@ TEST_F(ImportApi, HostileDefinitions_AreRefusedAlone) {
     EXPECT_NE(result["error"]["reason"], "");
   }
   EXPECT_THAT(Guests(), IsEmpty());
-  EXPECT_THAT(Log(), IsEmpty());
+  EXPECT_THAT(ClusterLogLines(), IsEmpty());
 }
 
-TEST_F(ImportApi, StoreThatCannotBeRead_FailsEachGuest) {
+TEST_F(ImportApi, Import_StoreUnreadable_FailsEachGuest) {
   host_.store().FailSnapshots();
   const Answer answer = Import(CallOf({GuestOf(Domain(kFirst, "one")), GuestOf(Domain(kSecond, "two"))}));
   host_.store().Heal();
@@ -276,4 +252,4 @@ TEST_F(ImportApi, StoreThatCannotBeRead_FailsEachGuest) {
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

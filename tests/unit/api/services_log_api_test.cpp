@@ -7,12 +7,10 @@
 #include "tests/support/require.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::api {
 namespace {
 
 using test::Answer;
-using test::Parsed;
-
 class LogApi : public ::testing::Test {
  protected:
   LogApi() : table_(LogRows()) {}
@@ -20,20 +18,8 @@ class LogApi : public ::testing::Test {
   void Add(std::int64_t time_us, const std::string& host_id = "h1") {
     ASSERT_TRUE(cluster::AddLogEntry(host_.store(), {time_us, host_id, "eve", 3, "A \"text\".", "id"}).ok());
   }
-  Answer List(const std::string& parameters, VEXA::APIRequest::Privilege privilege, const std::string& user) {
-    VEXA::APIRequest request(Parsed(parameters), user, privilege);
-    VEXA::APIResponse response;
-    const webapi::Caller caller;
-    std::vector<std::pair<std::string, std::string>> headers;
-    Answer answer;
-    table_.Find("VEXA.Virtualization.Log", "list", 1)
-        ->handler({&request, &response, caller, &headers, &answer.further});
-    if (response.IsSet()) answer.code = response.ErrorCode();
-    answer.data = Parsed(VexaVirtualization::json::ToText(response.Data()));
-    return answer;
-  }
-  Answer List(const std::string& parameters) {
-    return List(parameters, VEXA::APIRequest::Privilege::kAdministrator, "root");
+  Answer List(const std::string& parameters, const accounts::User& user = Administrator()) {
+    return CallTable(table_, "VEXA.Virtualization.Log", "list", parameters, UserCaller(user));
   }
   static std::vector<int> Times(const Answer& answer) {
     std::vector<int> times;
@@ -42,7 +28,7 @@ class LogApi : public ::testing::Test {
   }
 
   test::TestHost host_;
-  webapi::ApiTable table_;
+  ApiTable table_;
 };
 
 TEST_F(LogApi, Log_Entry_HasTimeAndHostName) {
@@ -67,13 +53,13 @@ TEST_F(LogApi, Pages_AreReadByCursor) {
   EXPECT_EQ(answer.data["next"], "");
 }
 
-TEST_F(LogApi, Limit_IsAHundredWithoutOne) {
+TEST_F(LogApi, Limit_Missing_IsOneHundred) {
   for (int time = 1; time <= 101; ++time) Add(time);
   EXPECT_EQ(Times(List("{}")).size(), 100u);
   EXPECT_EQ(Times(List(R"({"after":0})")).size(), 100u);
 }
 
-TEST_F(LogApi, After_FollowsFromOldToNew) {
+TEST_F(LogApi, After_Cursor_ReturnsNewerEntriesOldestFirst) {
   for (int time = 1; time <= 5; ++time) Add(time);
   const Answer answer = List(R"({"after":2,"limit":2})");
   EXPECT_EQ(Times(answer), (std::vector<int>{3, 4}));
@@ -82,7 +68,7 @@ TEST_F(LogApi, After_FollowsFromOldToNew) {
   EXPECT_EQ(Times(List(R"({"after":9223372036854775807})")), std::vector<int>());
 }
 
-TEST_F(LogApi, WrongParameters_AreRefused) {
+TEST_F(LogApi, Parameters_Invalid_AreRefused) {
   for (const char* parameters : {R"({"limit":0})", R"({"limit":1001})", R"({"limit":"5"})", R"({"limit":null})",
                                  R"({"cursor":7})", R"({"cursor":"x"})", R"({"after":-1})", R"({"after":"1"})",
                                  R"({"after":1.5})", R"({"after":2.0})", R"({"after":null})", R"({"after":true})",
@@ -91,14 +77,14 @@ TEST_F(LogApi, WrongParameters_AreRefused) {
   }
 }
 
-TEST_F(LogApi, OrdinaryUsers_AreRefusedAndAdvancedOnesAreNot) {
-  const auto ordinary = VEXA::APIRequest::Privilege::kOrdinary;
+TEST_F(LogApi, Access_OrdinaryUser_IsRefusedAndAdvancedIsPermitted) {
+  const auto ordinary = [](const std::string& name) { return accounts::User{name, 1026, 100, {}, false}; };
   host_.PutGuestAdmin("users", host_.AddUser("adam"), "advanced", {});
   host_.PutGuestAdmin("users", host_.AddUser("grace"), "user", {"g"});
-  EXPECT_EQ(List("{}", ordinary, "adam").code, 0);
-  EXPECT_EQ(List("{}", ordinary, "grace").code, 409);
-  EXPECT_EQ(List("{}", ordinary, "").code, 409);
-  EXPECT_EQ(List(R"({"limit":0})", ordinary, "grace").code, 409) << "whatever is asked";
+  EXPECT_EQ(List("{}", ordinary("adam")).code, 0);
+  EXPECT_EQ(List("{}", ordinary("grace")).code, 409);
+  EXPECT_EQ(List("{}", ordinary("")).code, 409);
+  EXPECT_EQ(List(R"({"limit":0})", ordinary("grace")).code, 409) << "whatever is asked";
 }
 
 TEST_F(LogApi, LogApi_StoreUnreadable_IsAnError) {
@@ -108,4 +94,4 @@ TEST_F(LogApi, LogApi_StoreUnreadable_IsAnError) {
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::api

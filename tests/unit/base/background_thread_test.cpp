@@ -7,14 +7,14 @@
 namespace vexa {
 namespace {
 
-TEST(BackgroundThread, BlocksAllSignals_AndTheStarterKeepsItsMask) {
+TEST(BackgroundThread, Thread_Started_BlocksSignalsAndKeepsStartersMask) {
   sigset_t own;
   sigemptyset(&own);
   sigaddset(&own, SIGUSR2);
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &own, nullptr), 0);
   sigset_t inside;
   sigemptyset(&inside);
-  StartWithoutSignals([&] { pthread_sigmask(SIG_SETMASK, nullptr, &inside); }).join();
+  StartThreadBlockingSignals([&] { pthread_sigmask(SIG_SETMASK, nullptr, &inside); }).join();
   for (const int signal : {SIGPIPE, SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
     EXPECT_EQ(sigismember(&inside, signal), 1) << signal;
   }

@@ -41,7 +41,7 @@ class Files : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(Files, Write_ThenRead_GivesTheSameBytes) {
+TEST_F(Files, Write_ThenRead_ReturnsSameBytes) {
   std::string content;
   for (int i = 0; i < 300'000; ++i) content += static_cast<char>(i * 7);
   ASSERT_TRUE(WriteFileAtomically(Path("f"), content, 0600).ok());
@@ -51,21 +51,21 @@ TEST_F(Files, Write_ThenRead_GivesTheSameBytes) {
   EXPECT_EQ(Entries(), 1u);
 }
 
-TEST_F(Files, Write_EmptyContent_MakesAnEmptyFile) {
+TEST_F(Files, Write_EmptyContent_CreatesEmptyFile) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "", 0600).ok());
   const auto read = ReadFile(Path("f"), 0);
   ASSERT_TRUE(read.ok());
   EXPECT_EQ(*read, "");
 }
 
-TEST_F(Files, Write_OverAnOldFile_ReplacesContentAndMode) {
+TEST_F(Files, Write_FileExists_ReplacesContentAndMode) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "a longer old content", 0644).ok());
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "new", 0600).ok());
   EXPECT_EQ(*ReadFile(Path("f"), 100), "new");
   EXPECT_EQ(ModeOf(Path("f")), 0600u);
 }
 
-TEST_F(Files, Write_WithAnyUmask_HasTheModeAskedFor) {
+TEST_F(Files, Write_AnyUmask_HasRequestedMode) {
   for (const mode_t umask_now : {0000, 0077, 0777}) {
     const mode_t before = ::umask(umask_now);
     const Status status = WriteFileAtomically(Path("f"), "x", 0640);
@@ -75,7 +75,7 @@ TEST_F(Files, Write_WithAnyUmask_HasTheModeAskedFor) {
   }
 }
 
-TEST_F(Files, Write_OverASymbolicLink_ReplacesTheLink) {
+TEST_F(Files, Write_PathIsSymbolicLink_ReplacesLink) {
   ASSERT_TRUE(WriteFileAtomically(Path("target"), "old", 0600).ok());
   fs::create_symlink(Path("target"), Path("link"));
   ASSERT_TRUE(WriteFileAtomically(Path("link"), "new", 0600).ok());
@@ -84,21 +84,21 @@ TEST_F(Files, Write_OverASymbolicLink_ReplacesTheLink) {
   EXPECT_EQ(*ReadFile(Path("link"), 100), "new");
 }
 
-TEST_F(Files, Write_WithoutTheFolder_IsNotFound) {
+TEST_F(Files, Write_FolderMissing_IsNotFound) {
   const Status status = WriteFileAtomically(Path("none/f"), "x", 0600);
   ASSERT_FALSE(status.ok());
   EXPECT_EQ(status.error().code(), ErrorCode::kNotFound);
   EXPECT_NE(status.error().message().find("none/f"), std::string::npos);
 }
 
-TEST_F(Files, Write_OverAFolder_FailsAndLeavesNothingBehind) {
+TEST_F(Files, Write_PathIsFolder_FailsAndLeavesNothing) {
   fs::create_directory(Path("f"));
   EXPECT_FALSE(WriteFileAtomically(Path("f"), "x", 0600).ok());
   EXPECT_TRUE(fs::is_directory(Path("f")));
   EXPECT_EQ(Entries(), 1u);
 }
 
-TEST_F(Files, Write_PathWithANul_IsInvalidAndWritesNothing) {
+TEST_F(Files, Write_NulInPath_IsInvalidAndWritesNothing) {
   const std::string path = Path("f") + std::string("\0g", 2);
   EXPECT_EQ(WriteFileAtomically(path, "x", 0600).error().code(), ErrorCode::kInvalid);
   EXPECT_EQ(CreateDirectories(path, 0700).error().code(), ErrorCode::kInvalid);
@@ -106,7 +106,7 @@ TEST_F(Files, Write_PathWithANul_IsInvalidAndWritesNothing) {
   EXPECT_EQ(Entries(), 0u);
 }
 
-TEST_F(Files, Write_RelativePathWithoutAFolder_Works) {
+TEST_F(Files, Write_RelativePathWithoutFolder_Works) {
   const fs::path before = fs::current_path();
   fs::current_path(folder_.path());
   const Status status = WriteFileAtomically("f", "x", 0600);
@@ -116,7 +116,7 @@ TEST_F(Files, Write_RelativePathWithoutAFolder_Works) {
 }
 
 // The write fails half-way, as on a full disk: a child may not make files of more than 4 KiB.
-TEST_F(Files, Write_FailsHalfWay_LeavesTheOldFileAndNoOther) {
+TEST_F(Files, Write_FailsHalfway_KeepsOldFileAndLeavesNoTemporary) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "old", 0600).ok());
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
@@ -134,7 +134,7 @@ TEST_F(Files, Write_FailsHalfWay_LeavesTheOldFileAndNoOther) {
   EXPECT_EQ(Entries(), 1u);
 }
 
-TEST_F(Files, Write_WhileOthersRead_IsNeverSeenHalf) {
+TEST_F(Files, Write_ConcurrentReads_NeverSeePartialContent) {
   const std::string a(200'000, 'a');
   const std::string b(150'000, 'b');
   ASSERT_TRUE(WriteFileAtomically(Path("f"), a, 0600).ok());
@@ -157,21 +157,21 @@ TEST_F(Files, Read_LargerThanAllowed_IsInvalid) {
   EXPECT_EQ(ReadCode(Path("f"), 4), ErrorCode::kInvalid);
 }
 
-TEST_F(Files, Read_NoRegularFile_IsInvalidWithoutWaiting) {
+TEST_F(Files, Read_NotRegularFile_IsInvalidWithoutBlocking) {
   ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);
   EXPECT_EQ(ReadCode(Path("fifo")), ErrorCode::kInvalid);
   EXPECT_EQ(ReadCode(folder_.path()), ErrorCode::kInvalid);
   EXPECT_EQ(ReadCode("/dev/zero"), ErrorCode::kInvalid);
 }
 
-TEST_F(Files, Read_EndlessFileOfTheSystem_StopsAtTheLimit) {
+TEST_F(Files, Read_EndlessFile_StopsAtLimit) {
   // Says that its size is 0.
   const auto read = ReadFile("/proc/self/status", 1 << 20);
   ASSERT_TRUE(read.ok());
   EXPECT_NE(read->find("Pid:"), std::string::npos);
 }
 
-TEST_F(Files, CreateDirectories_MissingParents_AreMade) {
+TEST_F(Files, CreateDirectories_MissingParents_AreCreated) {
   ASSERT_TRUE(CreateDirectories(Path("a/b/c"), 0700).ok());
   EXPECT_TRUE(fs::is_directory(Path("a/b/c")));
   EXPECT_EQ(ModeOf(Path("a")), 0700u);
@@ -182,14 +182,14 @@ TEST_F(Files, CreateDirectories_MissingParents_AreMade) {
   EXPECT_TRUE(fs::is_directory(Path("a/b/d")));
 }
 
-TEST_F(Files, CreateDirectories_ThroughALinkToAFolder_Works) {
+TEST_F(Files, CreateDirectories_LinkToFolder_Works) {
   fs::create_directory(Path("real"));
   fs::create_directory_symlink(Path("real"), Path("link"));
   ASSERT_TRUE(CreateDirectories(Path("link/a"), 0700).ok());
   EXPECT_TRUE(fs::is_directory(Path("real/a")));
 }
 
-TEST_F(Files, CreateDirectories_AFileInTheWay_IsConflict) {
+TEST_F(Files, CreateDirectories_FileInPath_IsConflict) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "x", 0600).ok());
   EXPECT_EQ(CreateDirectories(Path("f"), 0700).error().code(), ErrorCode::kConflict);
   EXPECT_EQ(CreateDirectories(Path("f/a/b"), 0700).error().code(), ErrorCode::kConflict);
@@ -197,16 +197,16 @@ TEST_F(Files, CreateDirectories_AFileInTheWay_IsConflict) {
 
 TEST_F(Files, CreateDirectories_EmptyPath_Fails) { EXPECT_FALSE(CreateDirectories("", 0700).ok()); }
 
-TEST_F(Files, ReadPrivate_OwnFile_GivesContentAndItsStamp) {
+TEST_F(Files, ReadPrivate_OwnFile_ReturnsContentAndStamp) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "secret", 0600).ok());
   const auto file = ReadPrivateFile(Path("f"), 100);
   ASSERT_TRUE(file.ok());
   EXPECT_EQ(file->content, "secret");
-  EXPECT_TRUE(file->stamp == *StampOf(Path("f")));
+  EXPECT_TRUE(file->stamp == *ReadFileStamp(Path("f")));
   EXPECT_TRUE(file->stamp_may_repeat);
 }
 
-TEST_F(Files, ReadPrivate_OldFile_HasAStampToRelyOn) {
+TEST_F(Files, ReadPrivate_OldFile_HasUniqueStamp) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "secret", 0600).ok());
   bool may_repeat = true;
   for (int i = 0; may_repeat && i < 500; ++i) {
@@ -216,7 +216,7 @@ TEST_F(Files, ReadPrivate_OldFile_HasAStampToRelyOn) {
   EXPECT_FALSE(may_repeat);
 }
 
-TEST_F(Files, ReadPrivate_AnyBitForOthers_IsDenied) {
+TEST_F(Files, ReadPrivate_AnyPermissionForOthers_IsDenied) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "secret", 0600).ok());
   for (const mode_t bit : {0040, 0020, 0010, 0004, 0002, 0001}) {
     ASSERT_EQ(::chmod(Path("f").c_str(), 0600 | bit), 0);
@@ -224,14 +224,14 @@ TEST_F(Files, ReadPrivate_AnyBitForOthers_IsDenied) {
   }
 }
 
-TEST_F(Files, ReadPrivate_AnothersFile_IsDenied) {
+TEST_F(Files, ReadPrivate_FileOfOtherUser_IsDenied) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "secret", 0600).ok());
   ASSERT_EQ(::chown(Path("f").c_str(), 12345, 0), 0);
   EXPECT_EQ(ReadPrivateFile(Path("f"), 100).error().code(), ErrorCode::kDenied);
 }
 
-TEST_F(Files, ReadPrivate_NoPlainFile_IsRefused) {
+TEST_F(Files, ReadPrivate_NotRegularFile_IsRefused) {
   ASSERT_TRUE(WriteFileAtomically(Path("f"), "secret", 0600).ok());
   fs::create_symlink(Path("f"), Path("link"));
   EXPECT_EQ(ReadPrivateFile(Path("link"), 100).error().code(), ErrorCode::kDenied);

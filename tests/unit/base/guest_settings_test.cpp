@@ -1,13 +1,13 @@
 // The table of a guest's settings: its rows do not contradict each other or their texts.
 #include "host/base/guest_settings.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <regex>
 #include <set>
 #include <utility>
 
+#include "tests/support/matchers.h"
 #include "tests/support/setting_values.h"
 
 namespace vexa {
@@ -17,14 +17,13 @@ using test::InvalidValues;
 using test::ScalarSettings;
 using test::SettingText;
 using test::ValidValues;
-using ::testing::HasSubstr;
 
 TEST(GuestSettings, Names_AreUnique) {
   std::set<std::string> names;
   for (const GuestSetting& setting : kGuestSettings) EXPECT_TRUE(names.insert(setting.name).second) << setting.name;
 }
 
-TEST(GuestSettings, EachValidValue_IsValidAndNoOther) {
+TEST(GuestSettings, Check_EachSetting_AcceptsOnlyValidValues) {
   for (const GuestSetting* setting : ScalarSettings()) {
     for (const Json::Value& value : ValidValues(*setting)) {
       EXPECT_TRUE(IsValidValue(*setting, value)) << setting->name << " " << SettingText(value);
@@ -35,21 +34,21 @@ TEST(GuestSettings, EachValidValue_IsValidAndNoOther) {
   }
 }
 
-TEST(GuestSettings, ListsAndIds_HaveNoValueToCheck) {
+TEST(GuestSettings, Check_ListsAndIds_AreNotChecked) {
   for (const GuestSetting& setting : kGuestSettings) {
     if (setting.IsScalar()) continue;
     EXPECT_FALSE(IsValidValue(setting, Json::Value(Json::arrayValue))) << setting.name;
-    EXPECT_EQ(WantedValue(setting), setting.type == SettingType::kId ? "a UUID" : "a list");
+    EXPECT_EQ(DescribeValidValue(setting), setting.type == SettingType::kId ? "a UUID" : "a list");
   }
 }
 
 // "0 to 3" or "0 (none) to 3" in a text is the range of the row.
-TEST(GuestSettings, RangesInTexts_AreThoseOfTheRow) {
+TEST(GuestSettings, Descriptions_Ranges_MatchRows) {
   const std::regex range(R"((\d+)(?: \([a-z ]+\))? to (\d+))");
   for (const GuestSetting* setting : ScalarSettings()) {
     if (setting->type != SettingType::kNumber) continue;
     const std::string expected = std::to_string(setting->min) + " to " + std::to_string(setting->max);
-    EXPECT_EQ(WantedValue(*setting), "a number from " + expected);
+    EXPECT_EQ(DescribeValidValue(*setting), "a number from " + expected);
     int ranges_in_help = 0;
     for (const char* text : {setting->help, setting->for_users, setting->for_hosts}) {
       std::cmatch match;
@@ -63,10 +62,10 @@ TEST(GuestSettings, RangesInTexts_AreThoseOfTheRow) {
   }
 }
 
-TEST(GuestSettings, WordsInTexts_AreThoseOfTheRow) {
+TEST(GuestSettings, Descriptions_Words_MatchRows) {
   for (const GuestSetting* setting : ScalarSettings()) {
-    for (const std::string_view word : setting->words) {
-      for (const char* text : {setting->help, setting->wanted, setting->for_hosts}) {
+    for (const std::string_view word : setting->allowed_values) {
+      for (const char* text : {setting->help, setting->expected, setting->for_hosts}) {
         EXPECT_THAT(text, HasSubstr(std::string(word))) << setting->name;
       }
     }
@@ -80,7 +79,7 @@ TEST(GuestSettings, Unit_IsInTheHelp) {
   }
 }
 
-TEST(GuestSettings, ByTopic_HasEachRowOnceAndKeepsTheirOrder) {
+TEST(GuestSettings, ByTopic_EachRow_AppearsOnceInOrder) {
   const auto settings = GuestSettingsByTopic();
   ASSERT_EQ(settings.size(), std::size(kGuestSettings));
   for (std::size_t i = 1; i < settings.size(); ++i) {
@@ -89,7 +88,7 @@ TEST(GuestSettings, ByTopic_HasEachRowOnceAndKeepsTheirOrder) {
   }
 }
 
-TEST(GuestSettings, Find_ReturnsTheRowOfTheWholeName) {
+TEST(GuestSettings, Find_WholeName_ReturnsItsRow) {
   ASSERT_NE(FindGuestSetting("vcpu_num"), nullptr);
   EXPECT_EQ(FindGuestSetting("vcpu_num"), &GuestSettingOf("vcpu_num"));
   for (const char* name : {"", "vcpu", "vcpu_num ", "VCPU_NUM", "guest_id"}) EXPECT_EQ(FindGuestSetting(name), nullptr);

@@ -42,14 +42,14 @@ Json::Value Parsed(const std::string& text) {
 
 class RefusedText : public testing::TestWithParam<std::string> {};
 
-TEST_P(RefusedText, IsRefusedWithAReason) {
+TEST_P(RefusedText, Text_BadForm_IsRefusedWithAReason) {
   const auto result = ParseExact(GetParam());
   ASSERT_FALSE(result.ok()) << result->toStyledString();
   EXPECT_EQ(result.error().code(), ErrorCode::kInvalid);
   EXPECT_FALSE(result.error().cause().empty());
 }
 
-TEST_P(RefusedText, AsAMembersValue_IsRefused) {
+TEST_P(RefusedText, Text_InsideObjectOrArray_IsRefused) {
   EXPECT_FALSE(ParseExact("{\"a\":" + GetParam() + "}").ok());
   EXPECT_FALSE(ParseExact("[" + GetParam() + ",1]").ok() && GetParam() != "1,2");
 }
@@ -180,7 +180,7 @@ TEST(ParseJson, IntegersOutside64Bits_AreDoubles) {
   EXPECT_DOUBLE_EQ(Parsed("1" + std::string(300, '0')).asDouble(), 1e300);
 }
 
-TEST(ReadWithSimdjson, UsualTexts_AreRead) {
+TEST(ReadWithSimdjson, Parse_UsualTexts_AreRead) {
   const std::string text = R"({"a":[1,-1,2.5,true,false,null,"b\u0000\ud83d\ude00"],"c":18446744073709551615,"":{}})";
   const auto value = ReadWithSimdjson(text, nullptr);
   ASSERT_TRUE(value);
@@ -236,7 +236,7 @@ TEST(ParseJson, EscapedNul_StaysInStringsAndNames) {
   EXPECT_EQ(object.getMemberNames(), (std::vector<std::string>{"a", "a\0"s, "a\0b"s}));
 }
 
-TEST(ParseJson, SixtyFourLevels_AreRead) {
+TEST(ParseJson, Parse_SixtyFourLevels_Succeeds) {
   for (const char* inside : {"", "1", "\"a\"", "null", "1,2"}) EXPECT_TRUE(Parsed(Nested(64, inside)).isArray());
   EXPECT_TRUE(Parsed(Nested(63, "{}")).isArray());
   EXPECT_TRUE(Parsed(Nested(63, "{\"a\":1}")).isArray());
@@ -252,7 +252,7 @@ TEST(ParseJson, Parse_ManySiblings_DoNotCountAsLevels) {
   EXPECT_EQ(value.size(), 2001u);
 }
 
-TEST(ParseJson, AfterARefusedText_ReadsTheNextOne) {
+TEST(ParseJson, Parse_AfterRefusal_ReadsNextText) {
   for (const std::string& text : {std::string("{\"a\":[1,2,{\"b\":"), std::string("[1,2,x]"), Nested(70, ""),
                                   std::string("{\"a\":1,\"a\":2}"), std::string("1e999")}) {
     EXPECT_FALSE(ParseExact(text).ok());
@@ -260,7 +260,7 @@ TEST(ParseJson, AfterARefusedText_ReadsTheNextOne) {
   }
 }
 
-TEST(ParseJson, LongReasons_AreCutAndHoldNoControlCharacters) {
+TEST(ParseJson, Reason_Long_IsTruncatedAndPrintable) {
   const std::string name(5000, 'k');
   for (const std::string& text : {"{\"" + name + "\":1,\"" + name + "\":2}", std::string(5000, '9'),
                                   "{\"\\n\\n" + name + "\":1,\"\\n\\n" + name + "\":2}"}) {
@@ -272,7 +272,7 @@ TEST(ParseJson, LongReasons_AreCutAndHoldNoControlCharacters) {
   }
 }
 
-TEST(ParseJson, ReasonCutInsideACharacter_StaysUtf8) {
+TEST(ParseJson, Reason_CutInsideCharacter_StaysUtf8) {
   for (int shift = 0; shift < 4; ++shift) {
     std::string name(static_cast<std::size_t>(shift), 'a');
     for (int i = 0; i < 300; ++i) name += "\xE2\x82\xAC";
@@ -283,7 +283,7 @@ TEST(ParseJson, ReasonCutInsideACharacter_StaysUtf8) {
 }
 
 // Every prefix and every one-byte change of a text with all kinds of token: the sanitizers watch.
-TEST(ParseJson, DamagedTexts_AreRefusedOrReadWithoutHarm) {
+TEST(ParseJson, Parse_DamagedTexts_NeverCrashes) {
   const std::string text = R"({"a":[-0.5e+10,12,true,false,null,"\u00e9\ud83d\ude00\n"],"b":{"c":""}})";
   ASSERT_TRUE(ParseExact(text).ok());
   for (std::size_t size = 0; size < text.size(); ++size) EXPECT_FALSE(ParseExact(text.substr(0, size)).ok()) << size;
@@ -297,7 +297,7 @@ TEST(ParseJson, DamagedTexts_AreRefusedOrReadWithoutHarm) {
   }
 }
 
-TEST(ParseJson, EightThreads_ReadAtTheSameTime) {
+TEST(ParseJson, Parse_EightThreads_GetTheirOwnResults) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([i] {

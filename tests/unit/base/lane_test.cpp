@@ -14,17 +14,17 @@
 
 #include "tests/support/waiting.h"
 
-namespace vexa::daemon {
+namespace vexa {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using test::Eventually;
 using test::ProcessThreads;
-using Submitted = Lane::Submitted;
+using SubmitResult = Lane::SubmitResult;
 
 // Generous: a loaded machine must not fail a test.
-constexpr seconds kPatience{20};
+constexpr seconds kTimeout{20};
 
 // Jobs wait here until the test opens it. Shared with the jobs, as they may outlive the test's scope.
 class Gate {
@@ -71,8 +71,8 @@ TEST(Lane, OneThread_RunsJobsInTheOrderOfSubmission) {
   options.max_threads = 1;
   Lane lane(options);
   std::vector<int> seen;
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(lane.Submit("", [&seen, i] { seen.push_back(i); }), Submitted::kAccepted);
-  ASSERT_TRUE(lane.Stop(kPatience));
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(lane.Submit("", [&seen, i] { seen.push_back(i); }), SubmitResult::kAccepted);
+  ASSERT_TRUE(lane.Stop(kTimeout));
   ASSERT_EQ(seen.size(), 1000U);
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(seen[static_cast<std::size_t>(i)], i);
 }
@@ -91,8 +91,8 @@ TEST(Lane, NoMinimum_StartsAThreadWithTheFirstJob) {
   Lane lane(options);
   EXPECT_EQ(lane.stats().threads, 0);
   std::promise<void> ran;
-  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), Submitted::kAccepted);
-  EXPECT_EQ(ran.get_future().wait_for(kPatience), std::future_status::ready);
+  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
 }
 
 TEST(Lane, ThreadNames_CarryTheLaneAndANumber) {
@@ -104,7 +104,7 @@ TEST(Lane, ThreadNames_CarryTheLaneAndANumber) {
                           pthread_getname_np(pthread_self(), text, sizeof text);
                           name.set_value(text);
                         }),
-            Submitted::kAccepted);
+            SubmitResult::kAccepted);
   EXPECT_EQ(name.get_future().get(), "test-1");
 }
 
@@ -114,39 +114,39 @@ TEST(Lane, AllThreadsStuck_GrowsForTheNextJobs) {
   options.min_threads = 2;
   options.max_threads = 8;
   Lane lane(options);
-  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), Submitted::kAccepted);
+  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 6; }));
   std::promise<void> ran;
-  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), Submitted::kAccepted);
-  EXPECT_EQ(ran.get_future().wait_for(kPatience), std::future_status::ready);
+  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
   EXPECT_TRUE(Eventually([&] { return lane.stats().busy == 6; }));
   EXPECT_EQ(lane.stats().threads, 7);
 }
 
-TEST(Lane, MoreStuckJobsThanThreads_NeverExceedsTheMaximum) {
+TEST(Lane, Threads_MoreStuckJobsThanThreads_NeverExceedMaximum) {
   const GateOpener stuck;
   LaneOptions options = Options();
   options.max_threads = 3;
   options.grow_after = milliseconds(1);
   Lane lane(options);
-  for (int i = 0; i < 10; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), Submitted::kAccepted);
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return lane.stats().busy == 3; }));
   std::this_thread::sleep_for(milliseconds(50));
   EXPECT_EQ(lane.stats().threads, 3);
   EXPECT_EQ(lane.stats().queued, 7U);
   stuck.gate->Open();
-  EXPECT_TRUE(lane.Stop(kPatience));
+  EXPECT_TRUE(lane.Stop(kTimeout));
   EXPECT_EQ(lane.stats().done, 10U);
 }
 
-TEST(Lane, GrowAfterZero_AddsAThreadAtSubmitWhenNoneIsIdle) {
+TEST(Lane, Submit_GrowAfterZeroAndNoneIdle_AddsThread) {
   const GateOpener stuck;
   LaneOptions options = Options();
   options.grow_after = milliseconds(0);
   options.max_threads = 4;
   Lane lane(options);
   for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(lane.Submit("", stuck.job()), Submitted::kAccepted);
+    ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
     EXPECT_LE(lane.stats().threads, i + 1);
   }
   EXPECT_EQ(lane.stats().threads, 4);
@@ -159,7 +159,7 @@ TEST(Lane, Lane_QuickJobs_AddNoThread) {
   Lane lane(options);
   for (int i = 0; i < 500; ++i) {
     std::promise<void> ran;
-    ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), Submitted::kAccepted);
+    ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
     ran.get_future().wait();
   }
   EXPECT_EQ(lane.stats().threads, 1);
@@ -172,7 +172,7 @@ TEST(Lane, ThreadsAboveTheMinimum_EndWhenIdle) {
   options.grow_after = milliseconds(1);
   options.idle_exit = seconds(1);
   Lane lane(options);
-  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), Submitted::kAccepted);
+  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return lane.stats().threads == 6; }));
   stuck.gate->Open();
   // A trickle of jobs, which the thread that slept last takes, keeps no other thread alive.
@@ -181,8 +181,8 @@ TEST(Lane, ThreadsAboveTheMinimum_EndWhenIdle) {
     return lane.stats().threads == 1;
   }));
   std::promise<void> ran;
-  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), Submitted::kAccepted);
-  EXPECT_EQ(ran.get_future().wait_for(kPatience), std::future_status::ready);
+  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
 }
 
 TEST(Lane, Quota_CountsWaitingAndRunningJobsOfOneUser) {
@@ -191,36 +191,36 @@ TEST(Lane, Quota_CountsWaitingAndRunningJobsOfOneUser) {
   options.max_threads = 1;
   options.max_per_user = 2;
   Lane lane(options);
-  ASSERT_EQ(lane.Submit("ann", stuck.job()), Submitted::kAccepted);
+  ASSERT_EQ(lane.Submit("ann", stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 1; }));
-  ASSERT_EQ(lane.Submit("ann", [] {}), Submitted::kAccepted);
-  EXPECT_EQ(lane.Submit("ann", [] {}), Submitted::kOverQuota);
-  EXPECT_EQ(lane.Submit("bob", [] {}), Submitted::kAccepted);
+  ASSERT_EQ(lane.Submit("ann", [] {}), SubmitResult::kAccepted);
+  EXPECT_EQ(lane.Submit("ann", [] {}), SubmitResult::kOverQuota);
+  EXPECT_EQ(lane.Submit("bob", [] {}), SubmitResult::kAccepted);
   EXPECT_EQ(lane.stats().refused, 1U);
   stuck.gate->Open();
   ASSERT_TRUE(Eventually([&] { return lane.stats().done == 3; }));
   for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(Eventually([&] { return lane.Submit("ann", [] {}) == Submitted::kAccepted; })) << i;
+    ASSERT_TRUE(Eventually([&] { return lane.Submit("ann", [] {}) == SubmitResult::kAccepted; })) << i;
   }
 }
 
-TEST(Lane, QueueFull_RefusesAndTakesAgainLater) {
+TEST(Lane, Submit_QueueFull_IsRefusedUntilThereIsRoom) {
   GateOpener stuck;
   LaneOptions options = Options();
   options.max_threads = 1;
   options.max_queued = 2;
   Lane lane(options);
-  ASSERT_EQ(lane.Submit("", stuck.job()), Submitted::kAccepted);
+  ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 1; }));
-  EXPECT_EQ(lane.Submit("", [] {}), Submitted::kAccepted);
-  EXPECT_EQ(lane.Submit("", [] {}), Submitted::kAccepted);
-  EXPECT_EQ(lane.Submit("", [] {}), Submitted::kQueueFull);
+  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kAccepted);
+  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kAccepted);
+  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kQueueFull);
   stuck.gate->Open();
   ASSERT_TRUE(Eventually([&] { return lane.stats().done == 3; }));
-  EXPECT_EQ(lane.Submit("", [] {}), Submitted::kAccepted);
+  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kAccepted);
 }
 
-TEST(Lane, Stop_WaitsForAcceptedJobsAndRefusesNewOnes) {
+TEST(Lane, Stop_AcceptedJobs_AreFinishedAndNewOnesRefused) {
   LaneOptions options = Options();
   options.max_threads = 2;
   Lane lane(options);
@@ -231,15 +231,15 @@ TEST(Lane, Stop_WaitsForAcceptedJobsAndRefusesNewOnes) {
                             std::this_thread::sleep_for(milliseconds(1));
                             ++ran;
                           }),
-              Submitted::kAccepted);
+              SubmitResult::kAccepted);
   }
-  EXPECT_TRUE(lane.Stop(kPatience));
+  EXPECT_TRUE(lane.Stop(kTimeout));
   EXPECT_EQ(ran, 50);
   EXPECT_EQ(lane.stats().threads, 0);
-  EXPECT_EQ(lane.Submit("", [] {}), Submitted::kStopped);
+  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kStopped);
 }
 
-TEST(Lane, StopWithStuckJobs_ReturnsAtTheDeadlineAndDropsTheWaiting) {
+TEST(Lane, Stop_StuckJobs_ReturnsAtDeadlineAndDropsQueue) {
   const auto gate = std::make_shared<Gate>();
   const auto dropped = std::make_shared<std::atomic<int>>(0);
   const auto ran = std::make_shared<std::atomic<int>>(0);
@@ -254,31 +254,31 @@ TEST(Lane, StopWithStuckJobs_ReturnsAtTheDeadlineAndDropsTheWaiting) {
                             gate->Pass();
                             ended->set_value();
                           }),
-              Submitted::kAccepted);
+              SubmitResult::kAccepted);
     ASSERT_TRUE(Eventually([&] { return gate->waiting() == 1; }));
     for (int i = 0; i < 3; ++i) {
       std::shared_ptr<void> token(nullptr, [dropped](void*) { ++*dropped; });
-      ASSERT_EQ(lane.Submit("ann", [token, ran] { ++*ran; }), Submitted::kAccepted);
+      ASSERT_EQ(lane.Submit("ann", [token, ran] { ++*ran; }), SubmitResult::kAccepted);
     }
     EXPECT_FALSE(lane.Stop(milliseconds(50)));
     EXPECT_EQ(*dropped, 3);
   }
   // The lane is gone; the stuck job must still be able to end.
   gate->Open();
-  EXPECT_EQ(ended->get_future().wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(ended->get_future().wait_for(kTimeout), std::future_status::ready);
   EXPECT_EQ(*ran, 0);
 }
 
-TEST(Lane, DroppedJobThatSubmitsAgain_IsRefusedWithoutDeadlock) {
+TEST(Lane, Submit_FromDroppedJob_IsRefusedWithoutDeadlock) {
   const GateOpener stuck;
   LaneOptions options = Options();
   options.max_threads = 1;
   Lane lane(options);
-  ASSERT_EQ(lane.Submit("", stuck.job()), Submitted::kAccepted);
+  ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 1; }));
   std::atomic<bool> refused = false;
-  std::shared_ptr<void> token(nullptr, [&](void*) { refused = lane.Submit("", [] {}) == Submitted::kStopped; });
-  ASSERT_EQ(lane.Submit("", [held = std::move(token)] {}), Submitted::kAccepted);
+  std::shared_ptr<void> token(nullptr, [&](void*) { refused = lane.Submit("", [] {}) == SubmitResult::kStopped; });
+  ASSERT_EQ(lane.Submit("", [held = std::move(token)] {}), SubmitResult::kAccepted);
   EXPECT_FALSE(lane.Stop(milliseconds(10)));
   EXPECT_TRUE(refused);
 }
@@ -297,18 +297,18 @@ TEST(Lane, EightSubmittersTenThousandJobsEach_AllRunExactlyOnce) {
       const std::string user = "user" + std::to_string(s % 3);
       for (int i = 0; i < 10'000; ++i) {
         std::atomic<int>& cell = ran[static_cast<std::size_t>(s * 10'000 + i)];
-        if (lane.Submit(user, [&cell] { ++cell; }) != Submitted::kAccepted) std::abort();
+        if (lane.Submit(user, [&cell] { ++cell; }) != SubmitResult::kAccepted) std::abort();
       }
     });
   }
   for (std::thread& submitter : submitters) submitter.join();
-  ASSERT_TRUE(lane.Stop(kPatience));
+  ASSERT_TRUE(lane.Stop(kTimeout));
   for (const std::atomic<int>& cell : ran) ASSERT_EQ(cell, 1);
   EXPECT_EQ(lane.stats().done, 80'000U);
   EXPECT_EQ(lane.stats().queued, 0U);
 }
 
-TEST(Lane, ManyLanesComingAndGoing_LeaveNoThread) {
+TEST(Lane, Lanes_ManyCreatedAndDestroyed_LeaveNoThread) {
   const int before = ProcessThreads();
   for (int i = 0; i < 50; ++i) {
     LaneOptions options = Options();
@@ -320,15 +320,15 @@ TEST(Lane, ManyLanesComingAndGoing_LeaveNoThread) {
   EXPECT_TRUE(Eventually([&] { return ProcessThreads() <= before; }));
 }
 
-TEST(Lane, SystemRefusesTheOnlyThread_RefusesTheJob) {
+TEST(Lane, Submit_FirstThreadCannotStart_IsRefused) {
   LaneOptions options = Options();
   options.min_threads = 0;
   options.stack_bytes = std::size_t{1} << 46;  // no address space has room for it
   Lane lane(options);
-  EXPECT_EQ(lane.Submit("", [] {}), Submitted::kQueueFull);
+  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kQueueFull);
   EXPECT_EQ(lane.stats().refused, 1U);
   EXPECT_EQ(lane.stats().threads, 0);
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa

@@ -9,7 +9,7 @@
 namespace vexa {
 namespace {
 
-TEST(Result, HoldsAValue_IsOkAndGivesIt) {
+TEST(Result, Result_WithValue_IsOkAndReturnsIt) {
   Result<std::string> result = std::string("value");
   ASSERT_TRUE(result.ok());
   EXPECT_TRUE(static_cast<bool>(result));
@@ -19,7 +19,7 @@ TEST(Result, HoldsAValue_IsOkAndGivesIt) {
   EXPECT_EQ(result.value(), "values");
 }
 
-TEST(Result, HoldsAnError_IsNotOkAndGivesIt) {
+TEST(Result, Result_WithError_IsNotOkAndReturnsIt) {
   const Result<int> result = Error(ErrorCode::kConflict, "It exists");
   ASSERT_FALSE(result.ok());
   EXPECT_FALSE(static_cast<bool>(result));
@@ -27,7 +27,7 @@ TEST(Result, HoldsAnError_IsNotOkAndGivesIt) {
   EXPECT_EQ(result.error().message(), "It exists");
 }
 
-TEST(Result, HoldsAMoveOnlyValue_GivesItAway) {
+TEST(Result, Result_MoveOnlyValue_CanBeMovedOut) {
   Result<std::unique_ptr<int>> result = std::make_unique<int>(7);
   const std::unique_ptr<int> taken = std::move(result).value();
   EXPECT_EQ(*taken, 7);
@@ -38,17 +38,17 @@ TEST(Status, Default_IsOk) {
   EXPECT_TRUE(status.ok());
 }
 
-TEST(Status, HoldsAnError_GivesIt) {
+TEST(Status, Status_WithError_ReturnsIt) {
   const Status status = Error(ErrorCode::kBusy, "Later");
   ASSERT_FALSE(status.ok());
   EXPECT_EQ(status.error().code(), ErrorCode::kBusy);
 }
 
-TEST(Error, WithoutACause_ReadsAsItsMessage) {
+TEST(Error, Text_ErrorWithoutACause_IsItsMessage) {
   EXPECT_EQ(Error(ErrorCode::kInvalid, "It is wrong").ToString(), "It is wrong");
 }
 
-TEST(Error, WithACause_ReadsAsBoth) {
+TEST(Error, Text_ErrorWithACause_HasBoth) {
   const Error error(ErrorCode::kInvalid, "It is wrong", "a comma");
   EXPECT_EQ(error.ToString(), "It is wrong: a comma");
   EXPECT_EQ(error.cause(), "a comma");

@@ -1,4 +1,4 @@
-// Caches: what is stored, what counts as stored, and who finds it out.
+// Caches: what is stored, which files count as stored, and who computes a value.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -48,14 +48,14 @@ class Cache : public ::testing::Test {
     Install(folder_.File("cache"));
     ClearCapturedSyslog();
   }
-  ~Cache() override { cluster::RemoveEnvironment(); }
+  ~Cache() override { records::RemoveEnvironment(); }
 
   static void Install(const std::string& directory, std::chrono::milliseconds wait = std::chrono::seconds(60)) {
-    cluster::RemoveEnvironment();
-    cluster::Environment environment;
+    records::RemoveEnvironment();
+    records::Environment environment;
     environment.cache_directory = directory;
     environment.cache_wait = wait;
-    cluster::InstallEnvironment(std::move(environment));
+    records::InstallEnvironment(std::move(environment));
   }
 
   std::string File(const std::string& name = "counting.json") const { return folder_.File("cache/test/" + name); }
@@ -83,7 +83,7 @@ class Cache : public ::testing::Test {
   }
 
   TempDir folder_;
-  CountedRefreshes refreshes_;
+  RefreshCounters refreshes_;
 };
 
 mode_t ModeOf(const std::string& path) {
@@ -91,7 +91,7 @@ mode_t ModeOf(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
-TEST_F(Cache, NothingCached_BlockedReadFindsOutAndStores) {
+TEST_F(Cache, BlockedRead_NothingCached_ComputesAndStores) {
   const CountingCache cache(refreshes_);
   const std::time_t before = UnixNow();
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
@@ -111,12 +111,12 @@ TEST_F(Cache, NothingCached_BlockedReadFindsOutAndStores) {
   EXPECT_EQ(Files(), (std::vector<std::string>{"counting.json", "counting.lock"}));
 }
 
-TEST_F(Cache, NothingCached_NonBlockedReadGivesTheDefault) {
+TEST_F(Cache, NonBlockedRead_NothingCached_ReturnsDefault) {
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.NonBlockedRead()), 0);
   EXPECT_TRUE(cache.ReadCachedData().isNull());
   EXPECT_TRUE(cache.GetInfo().isNull());
-  EXPECT_EQ(refreshes_.begun, 0);
+  EXPECT_EQ(refreshes_.started, 0);
   EXPECT_FALSE(fs::exists(folder_.File("cache"))) << "a read stores nothing";
 }
 
@@ -127,14 +127,14 @@ TEST_F(Cache, StoredFile_IsOneJsonObject) {
   EXPECT_EQ(Number(record["data"]), 1);
 }
 
-TEST_F(Cache, ValueOfAnotherObject_IsShared) {
+TEST_F(Cache, Read_ValueStoredByOtherObject_IsShared) {
   EXPECT_EQ(Number(CountingCache(refreshes_).BlockedRead()), 1);
   Install(folder_.File("cache"));  // forgets what is in memory, as another process does not know it
   EXPECT_EQ(Number(CountingCache(refreshes_).BlockedRead()), 1);
   EXPECT_EQ(Number(CountingCache(refreshes_, 3600, "test", "other").BlockedRead()), 2);
 }
 
-TEST_F(Cache, OldValue_IsReadWithoutWaitingAndRefreshedByWaiters) {
+TEST_F(Cache, Read_OldValue_IsReturnedWithoutWaitingAndRefreshedByWaiters) {
   Write(Record(Now(-3602), R"({"number":50})"));
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.NonBlockedRead()), 50);
@@ -144,7 +144,7 @@ TEST_F(Cache, OldValue_IsReadWithoutWaitingAndRefreshedByWaiters) {
   EXPECT_EQ(Number(cache.NonBlockedRead()), 1);
 }
 
-TEST_F(Cache, TimeInTheFuture_IsTimedOut) {
+TEST_F(Cache, Timeout_TimeInFuture_IsExpired) {
   Write(Record(Now(1000), R"({"number":50})"));
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.NonBlockedRead()), 50);
@@ -177,7 +177,7 @@ TEST_F(Cache, Timeout_ByTimeAndLifetime) {
   EXPECT_FALSE(CountingCache(refreshes_, std::numeric_limits<int>::max()).IsDataTimeout(info(now)));
 }
 
-TEST_F(Cache, LastSecondOfTheLifetime_IsCurrent) {
+TEST_F(Cache, Timeout_LastSecondOfLifetime_IsCurrent) {
   const CountingCache cache(refreshes_, 100);
   Json::Value info;
   std::time_t before = 0;
@@ -190,7 +190,7 @@ TEST_F(Cache, LastSecondOfTheLifetime_IsCurrent) {
   EXPECT_TRUE(is_current);
 }
 
-TEST_F(Cache, FileThatBecameEmpty_CountsAsNothing) {
+TEST_F(Cache, Read_FileBecameEmpty_CountsAsMissing) {
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
   std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until its times alone show that it is the same
@@ -199,14 +199,14 @@ TEST_F(Cache, FileThatBecameEmpty_CountsAsNothing) {
   EXPECT_TRUE(cache.ReadCachedData().isNull());
 }
 
-TEST_F(Cache, RefreshInTheBackground_IsMadeWhenDueOnly) {
+TEST_F(Cache, BackgroundRefresh_NotDue_IsNotMade) {
   const CountingCache cache(refreshes_);
-  EXPECT_EQ(cluster::RefreshWhenDue(cache), cluster::RefreshOutcome::kCurrent);
-  EXPECT_EQ(cluster::RefreshWhenDue(cache), cluster::RefreshOutcome::kCurrent);
-  EXPECT_EQ(refreshes_.begun, 1);
+  EXPECT_EQ(cache::RefreshCache(cache), cache::RefreshOutcome::kCurrent);
+  EXPECT_EQ(cache::RefreshCache(cache), cache::RefreshOutcome::kCurrent);
+  EXPECT_EQ(refreshes_.started, 1);
 }
 
-TEST_F(Cache, SymbolicLinkInThePlaceOfTheLock_LeadsNowhere) {
+TEST_F(Cache, LockFile_IsSymbolicLink_IsNotFollowed) {
   Require(CreateDirectories(folder_.File("cache/test"), 0700));
   fs::create_symlink(folder_.File("elsewhere"), File("counting.lock"));
   EXPECT_EQ(Number(CountingCache(refreshes_).BlockedRead()), 1) << "for this call alone";
@@ -247,7 +247,7 @@ TEST_F(Cache, Cache_FilesWithoutRecord_CountAsMissing) {
     Write(good);
     EXPECT_EQ(Number(cache.NonBlockedRead()), 50) << text.substr(0, 100);
   }
-  EXPECT_EQ(refreshes_.begun, 0);
+  EXPECT_EQ(refreshes_.started, 0);
   Write("garbage");
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
   EXPECT_EQ(Number(cache.NonBlockedRead()), 1);
@@ -261,7 +261,7 @@ TEST_F(Cache, Cache_InvalidValue_ReturnsDefault) {
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
 }
 
-TEST_F(Cache, FilesOfOthers_CountAsNothing) {
+TEST_F(Cache, Read_FileOfOtherUser_CountsAsMissing) {
   const CountingCache cache(refreshes_);
   Write(Record(Now(), R"({"number":50})"));
   for (const mode_t mode : {0644, 0660, 0606}) {
@@ -283,16 +283,16 @@ TEST_F(Cache, FilesOfOthers_CountAsNothing) {
   EXPECT_EQ(Number(cache.NonBlockedRead()), 0) << "a folder";
 }
 
-TEST_F(Cache, FileLargerThanTheLimit_CountsAsNothing) {
+TEST_F(Cache, Read_FileAboveLimit_CountsAsMissing) {
   Write(Record(Now(), R"({"number":50})"));
   const CountingCache cache(refreshes_);
   EXPECT_EQ(Number(cache.NonBlockedRead()), 50);
-  fs::resize_file(File(), cluster::kMaxCacheBytes + 1);  // sparse
+  fs::resize_file(File(), cache::kMaxCacheBytes + 1);  // sparse
   EXPECT_EQ(Number(cache.NonBlockedRead()), 0);
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
 }
 
-TEST_F(Cache, FileReplacedQuicklyBySameSize_IsSeen) {
+TEST_F(Cache, Read_FileReplacedWithSameSize_SeesNewContent) {
   const CountingCache cache(refreshes_);
   for (int i = 100; i < 400; ++i) {
     // As a stranger may write it: in place, so that the inode stays, and the time's granularity is the kernel's.
@@ -319,7 +319,7 @@ TEST_F(Cache, Cache_InvalidNames_NeverBecomePaths) {
   for (const std::string& name : names) {
     for (const auto& [group, own] : {std::pair{std::string("test"), name}, std::pair{name, std::string("counting")}}) {
       const CountingCache cache(refreshes_, 3600, group, own);
-      refreshes_.begun = 0;
+      refreshes_.started = 0;
       EXPECT_EQ(Number(cache.NonBlockedRead()), 0);
       EXPECT_EQ(Number(cache.BlockedRead()), 1);
       EXPECT_EQ(Number(cache.BlockedRead()), 2) << "it was not stored";
@@ -332,14 +332,14 @@ TEST_F(Cache, Cache_InvalidNames_NeverBecomePaths) {
   EXPECT_TRUE(fs::exists(folder_.File("cache/A-b_9/" + longest + ".json")));
 }
 
-TEST_F(Cache, WithoutAFolder_NothingIsStored) {
+TEST_F(Cache, Refresh_NoFolder_StoresNothing) {
   for (int round = 0; round < 2; ++round) {
     if (round == 0) {
       Install("");
     } else {
-      cluster::RemoveEnvironment();
+      records::RemoveEnvironment();
     }
-    refreshes_.begun = 0;
+    refreshes_.started = 0;
     const CountingCache cache(refreshes_);
     EXPECT_EQ(Number(cache.NonBlockedRead()), 0);
     EXPECT_EQ(Number(cache.BlockedRead()), 1);
@@ -365,7 +365,7 @@ TEST_F(Cache, Cache_FolderUnusable_ComputesForCallAndLogsOnce) {
   EXPECT_TRUE(SyslogContains("can be refreshed again"));
 }
 
-TEST_F(Cache, FailedRefresh_KeepsTheValueAndIsLoggedOnce) {
+TEST_F(Cache, Refresh_Fails_KeepsValueAndIsLoggedOnce) {
   Write(Record("1000000000", R"({"number":50})"));
   const std::vector<std::function<bool(int, Json::Value&)>> failures = {
       [](int, Json::Value&) { return false; },
@@ -381,11 +381,11 @@ TEST_F(Cache, FailedRefresh_KeepsTheValueAndIsLoggedOnce) {
     EXPECT_EQ(Number(cache.BlockedRead()), 50);
     EXPECT_EQ(Number(cache.ReadCachedData()), 50);
   }
-  EXPECT_EQ(refreshes_.begun, 3);
+  EXPECT_EQ(refreshes_.started, 3);
   EXPECT_EQ(CapturedSyslog().size(), 1u);
 }
 
-TEST_F(Cache, ValueThatCouldNotBeRead_IsNotStored) {
+TEST_F(Cache, Refresh_ValueNotReadableBack_IsNotStored) {
   Write(Record("1000000000", R"({"number":50})"));
   const CountingCache cache(refreshes_);
   refreshes_.during = [](int, Json::Value& data) {
@@ -415,7 +415,7 @@ TEST_F(Cache, Cache_AnyJson_IsReadBackUnchanged) {
   EXPECT_EQ(cache.ReadCachedData(), found);
 }
 
-TEST_F(Cache, LeftoversOfKilledWriters_GoWithTheNextRefresh) {
+TEST_F(Cache, Refresh_LeftoversOfKilledWriters_AreRemoved) {
   Write(Record("1000000000", R"({"number":50})"));
   for (const char* name : {"counting.json.AbCdEf", "counting.json.zzzzzz", "counting2.json.AbCdEf", "counting2.json"}) {
     std::ofstream(File(name)) << "half";
@@ -442,7 +442,7 @@ TEST_F(Cache, Cache_Waiters_UseOtherThreadsRefresh) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(refreshes_.begun, 1);
+  EXPECT_EQ(refreshes_.started, 1);
 }
 
 TEST_F(Cache, Cache_NonBlockingReaders_AreNotBlockedByRefresh) {
@@ -472,14 +472,14 @@ TEST_F(Cache, Cache_LockNeverReleased_WaitTimesOut) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(Number(cache.BlockedRead()), 50);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
-  EXPECT_EQ(refreshes_.begun, 0);
+  EXPECT_EQ(refreshes_.started, 0);
   fs::remove(File());
   EXPECT_EQ(Number(cache.BlockedRead()), 0) << "the default";
   ::close(lock);
   EXPECT_EQ(Number(cache.BlockedRead()), 1);
 }
 
-TEST_F(Cache, LockFileThatWasRemoved_LocksAgain) {
+TEST_F(Cache, LockFile_Removed_IsCreatedAgain) {
   std::atomic<bool> release = false;
   std::atomic<bool> begun = false;
   const CountingCache cache(refreshes_);
@@ -498,10 +498,10 @@ TEST_F(Cache, LockFileThatWasRemoved_LocksAgain) {
   release = true;
   first.join();
   second.join();
-  EXPECT_EQ(refreshes_.most_at_once, 1);
+  EXPECT_EQ(refreshes_.max_concurrent, 1);
 }
 
-TEST_F(Cache, BaseClass_KnowsNothing) {
+TEST_F(Cache, BaseClass_AllReads_AreNull) {
   const VexaDR::Cache::DRCache cache("test", "base", 5, 0);
   EXPECT_TRUE(cache.NonBlockedRead().isNull());
   EXPECT_TRUE(cache.BlockedRead().isNull());
@@ -523,7 +523,7 @@ std::size_t SlotOf(Function function) {
   return (static_cast<std::size_t>(words[0]) - 1) / sizeof(void*);
 }
 
-TEST(CacheTable, Operations_StandInTheirOrder) {
+TEST(CacheTable, VirtualTable_HasDocumentedOrder) {
   using VexaDR::DRErrRecorder;
   using VexaDR::Cache::DRCache;
   const std::size_t slots[] = {SlotOf(&VexaDRCore::ErrRecorder::GetErr), SlotOf(&DRErrRecorder::GetErrCodeStr),
@@ -536,7 +536,7 @@ TEST(CacheTable, Operations_StandInTheirOrder) {
   for (std::size_t i = 0; i < std::size(expected); ++i) EXPECT_EQ(slots[i], expected[i]) << i;
 }
 
-TEST_F(Cache, TableOfADerivedClass_HoldsItsOperations) {
+TEST_F(Cache, VirtualTable_DerivedClass_ContainsItsOperations) {
   // As a caller that was built elsewhere calls it: by place, with nothing but the object.
   const CountingCache cache(refreshes_);
   void* const* table = nullptr;
@@ -559,7 +559,7 @@ TEST_F(Cache, TableOfADerivedClass_HoldsItsOperations) {
   EXPECT_EQ(get_err(&cache), 0);
 }
 
-TEST(CacheUtils, StringFields_AreReadAndOthersLeaveTheOutput) {
+TEST(CacheUtils, StringFields_OtherTypes_LeaveOutputUnchanged) {
   const Json::Value object = Parsed(R"({"text": "a", "empty": "", "number": 7, "null": null, "list": ["a"]})");
   std::string out = "before";
   for (const char* field : {"number", "null", "list", "missing", ""}) {

@@ -1,6 +1,6 @@
 #include "cli/printable.h"
+#include "tests/support/matchers.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -8,9 +8,6 @@
 
 namespace vexa::cli {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class Utf8 : public ::testing::Test {
  protected:
@@ -24,7 +21,7 @@ TEST_F(PrintableText, Printable_OrdinaryText_IsUnchanged) {
     EXPECT_EQ(Printable(text), text);
 }
 
-TEST_F(PrintableText, WhatDrivesATerminal_IsEscaped) {
+TEST_F(PrintableText, TerminalControls_AreEscaped) {
   EXPECT_EQ(Printable("\x1b[2J"), "\\x1b[2J");
   EXPECT_EQ(Printable("a\nb\tc\rd"), "a\\nb\\tc\\x0dd");
   EXPECT_EQ(Printable(std::string_view("\0\x07\x08\x7f", 4)), "\\x00\\x07\\x08\\x7f");
@@ -34,14 +31,14 @@ TEST_F(PrintableText, WhatDrivesATerminal_IsEscaped) {
   EXPECT_EQ(Printable("C:\\x1b"), "C:\\\\x1b");
 }
 
-TEST_F(PrintableText, EveryControlByte_NeverComesThrough) {
+TEST_F(PrintableText, Printable_ControlBytes_AreEscaped) {
   for (int c = 0; c < 256; ++c) {
-    const std::string shown = Printable(std::string(1, static_cast<char>(c)));
-    for (const char byte : shown) EXPECT_TRUE(byte >= ' ' && byte <= '~') << c;
+    const std::string printable = Printable(std::string(1, static_cast<char>(c)));
+    for (const char byte : printable) EXPECT_TRUE(byte >= ' ' && byte <= '~') << c;
   }
 }
 
-TEST_F(PrintableText, NotUtf8_IsShownByteByByte) {
+TEST_F(PrintableText, NotUtf8_IsEscapedByteByByte) {
   EXPECT_EQ(Printable("\xff\xc3"), "\\xff\\xc3");
   EXPECT_EQ(Printable("\xc0\x9b"), "\\xc0\\x9b");           // an overlong form
   EXPECT_EQ(Printable("\xed\xa0\x80"), "\\xed\\xa0\\x80");  // a surrogate

@@ -9,7 +9,7 @@ namespace {
 struct Row {
   const char* text;
   const char* url;  // "": refused
-  bool exposed = false;
+  bool is_exposed = false;
 };
 
 constexpr Row kRows[] = {
@@ -54,7 +54,7 @@ TEST(ServerUrl, Rows_AreAcceptedOrRefused) {
       continue;
     }
     EXPECT_EQ(endpoint->url, row.url) << row.text;
-    EXPECT_EQ(IsExposed(*endpoint), row.exposed) << row.text;
+    EXPECT_EQ(IsExposed(*endpoint), row.is_exposed) << row.text;
   }
 }
 

@@ -1,9 +1,9 @@
-// Each setting of the table as a word of "vexa guest set" and as a line of "vexa guest edit".
-#include <gmock/gmock.h>
+// Each setting of the table as an argument of "vexa guest set" and as a line of "vexa guest edit".
 #include <gtest/gtest.h>
 
+#include "cli/guest_set_arguments.h"
 #include "cli/guest_settings_text.h"
-#include "cli/guest_words.h"
+#include "tests/support/matchers.h"
 #include "tests/support/setting_values.h"
 
 namespace vexa::cli {
@@ -13,23 +13,21 @@ using test::InvalidValues;
 using test::ScalarSettings;
 using test::SettingText;
 using test::ValidValues;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr std::int64_t kKibPerMib = 1024;
 
-// The value as a word of the command line has it.
-std::string WordOf(const GuestSetting& setting, const Json::Value& value) {
+// The setting as an argument of the command line: NAME=VALUE.
+std::string ArgumentOf(const GuestSetting& setting, const Json::Value& value) {
   return std::string(setting.name) + "=" + (value.isString() ? value.asString() : SettingText(value));
 }
 
 Result<Json::Value> ParametersOfSetting(const GuestSetting& setting, const Json::Value& value) {
-  GuestWords words;
-  words.settings = {WordOf(setting, value)};
-  return ParametersOf(words);
+  GuestSetArguments arguments;
+  arguments.settings = {ArgumentOf(setting, value)};
+  return ParametersOf(arguments);
 }
 
-TEST(CliSettings, Settings_AreInTheOrderInWhichPeopleSeeThem) {
+TEST(CliSettings, Settings_AreInDisplayOrder) {
   std::vector<std::string> names;
   for (const GuestSetting* setting : Settings()) names.emplace_back(setting->name);
   EXPECT_THAT(names,
@@ -37,7 +35,7 @@ TEST(CliSettings, Settings_AreInTheOrderInWhichPeopleSeeThem) {
                           "vram_size", "video_card", "kb_layout", "boot_from", "use_ovmf", "autorun", "usb_version"));
 }
 
-TEST(CliSettings, EachSetting_AsAWord_IsAParameter) {
+TEST(CliSettings, EachSetting_AsArgument_IsAParameter) {
   for (const GuestSetting* setting : ScalarSettings()) {
     for (const Json::Value& value : ValidValues(*setting)) {
       const Result<Json::Value> parameters = ParametersOfSetting(*setting, value);
@@ -49,24 +47,24 @@ TEST(CliSettings, EachSetting_AsAWord_IsAParameter) {
   }
 }
 
-TEST(CliSettings, EachSetting_OutsideItsRangeOrWords_IsRefusedAsTheHostRefusesIt) {
+TEST(CliSettings, EachSetting_InvalidValue_IsRefusedWithTheSentenceOfHosts) {
   for (const GuestSetting* setting : ScalarSettings()) {
     for (const Json::Value& value : InvalidValues(*setting)) {
       const bool has_type = setting->type == SettingType::kNumber ? value.isInt64() : value.isString();
       if (!has_type) continue;
       const Result<Json::Value> parameters = ParametersOfSetting(*setting, value);
-      if (setting->type == SettingType::kYesNo) {
+      if (setting->type == SettingType::kBoolean) {
         EXPECT_FALSE(parameters) << setting->name;
         continue;
       }
       ASSERT_FALSE(parameters) << setting->name << " " << SettingText(value);
       EXPECT_EQ(parameters.error().message(),
-                "The parameter '" + std::string(setting->name) + "' is not " + WantedValue(*setting));
+                "The parameter '" + std::string(setting->name) + "' is not " + DescribeValidValue(*setting));
     }
   }
 }
 
-TEST(CliSettings, EachSetting_OfTheReplyOfGet_IsALineThatReadsBack) {
+TEST(CliSettings, EachSetting_InReplyOfGet_IsALineThatCanBeParsed) {
   Json::Value guest(Json::objectValue);
   Json::Value expected(Json::objectValue);
   for (const GuestSetting* setting : ScalarSettings()) {
@@ -85,7 +83,21 @@ TEST(CliSettings, EachSetting_OfTheReplyOfGet_IsALineThatReadsBack) {
   EXPECT_EQ(SettingText(*read), SettingText(expected));
 }
 
-TEST(CliSettings, WhatHasNoSingleValue_IsNotASetting) {
+// A guest without the setting has its default, so the text must not display the opposite.
+TEST(CliSettings, MissingYesNo_IsACommentWithItsDefault) {
+  const std::string text = SettingsText("The settings of a guest", Json::Value(Json::objectValue));
+  for (const GuestSetting* setting : ScalarSettings()) {
+    if (setting->type != SettingType::kBoolean) continue;
+    EXPECT_THAT(text, HasSubstr(std::string("\n#") + setting->name + " = " + ExampleOf(*setting) + "\n"));
+    GuestSetting changed = *setting;
+    for (const bool is_on : {false, true}) {
+      changed.is_on_by_default = is_on;
+      EXPECT_STREQ(ExampleOf(changed), is_on ? "true" : "false");
+    }
+  }
+}
+
+TEST(CliSettings, FindSetting_NotScalar_ReturnsNull) {
   for (const GuestSetting& setting : kGuestSettings) {
     EXPECT_EQ(FindSetting(setting.name), setting.IsScalar() ? &setting : nullptr) << setting.name;
   }

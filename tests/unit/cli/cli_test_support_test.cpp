@@ -1,4 +1,4 @@
-// The helpers that other tests stand on: a helper that reports success wrongly would hide every fault.
+// Tests of the helpers in tests/support: a helper that wrongly reports success would hide errors.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,14 +32,14 @@ TEST(RunProcess, ProgramReadsAndWrites_AllIsCollected) {
   EXPECT_EQ(result.errors, "hello\n");
 }
 
-TEST(RunProcess, ProgramDoesNotReadItsInput_EndsAllTheSame) {
+TEST(RunProcess, ProgramDoesNotReadItsInput_StillEnds) {
   ProcessOptions options;
   options.argv = {"true"};
   options.input = std::string(1'000'000, 'x');
   EXPECT_EQ(RunProcess(options).exit_code, 0);
 }
 
-TEST(RunProcess, VariableTakenAway_ProgramDoesNotSeeIt) {
+TEST(RunProcess, VariableRemoved_ProgramDoesNotSeeIt) {
   ASSERT_EQ(::setenv("VEXA_SEEN", "yes", 1), 0);
   ProcessOptions options;
   options.argv = {"sh", "-c", "echo \"[$VEXA_SEEN]\""};
@@ -109,7 +109,7 @@ TEST(SyslogCapture, LinesLogged_AreKeptInOrderWithPriority) {
   syslog(LOG_ERR, "first %d", 1);
   errno = ENOENT;
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"  // %m is syslog's own, and no part of the C++ standard
+#pragma GCC diagnostic ignored "-Wformat"  // %m is an extension of syslog
   syslog(LOG_INFO | LOG_DAEMON, "second %s %m", "x");
 #pragma GCC diagnostic pop
   EXPECT_EQ(errno, ENOENT);

@@ -1,4 +1,4 @@
-// Which time-out holds when none is given.
+// The default timeouts of commands.
 #include <gtest/gtest.h>
 
 #include "cli/power_command.h"
@@ -6,10 +6,10 @@
 namespace vexa::cli {
 namespace {
 
-TEST(CliTimeout, OfActionsOnGuests_IsAnHourUnlessGiven) {
+TEST(CliTimeout, Timeout_OfGuestActions_DefaultsToAnHour) {
   GlobalOptions global;
   EXPECT_EQ(ActionTimeout(global), std::chrono::hours(1));
-  EXPECT_EQ(MakeClientOptions(global, Endpoint()).timeout, std::chrono::seconds(60)) << "of everything else";
+  EXPECT_EQ(MakeClientOptions(global, Endpoint()).timeout, std::chrono::seconds(60)) << "of all other commands";
   global.timeout_s = 5;
   EXPECT_EQ(ActionTimeout(global), std::chrono::seconds(5));
   EXPECT_EQ(MakeClientOptions(global, Endpoint()).timeout, std::chrono::seconds(5));

@@ -1,31 +1,26 @@
-// `vexa import` up to the server: arguments, manifests, and the domains of libvirt.
+// The parts of `vexa import` before the server: arguments, manifests, and the domains of libvirt.
 #include "cli/import_command.h"
 
-#include <gmock/gmock.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "host/hypervisor/domain_list.h"
-#include "tests/unit/cli/import_words.h"
+#include "tests/support/matchers.h"
+#include "tests/unit/cli/import_arguments.h"
 
 namespace vexa::cli {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Pair;
-using ::testing::SizeIs;
-
 constexpr const char* kUuid = "abcdef00-0000-4000-8000-000000000001";
 
-std::string RefusalOf(const std::vector<std::string>& words) {
-  const Result<ImportArguments> arguments = ParseImportArguments(words);
-  return arguments.ok() ? "" : arguments.error().ToString();
+std::string RefusalOf(const std::vector<std::string>& arguments) {
+  const Result<ImportArguments> parsed = ParseImportArguments(arguments);
+  return parsed.ok() ? "" : parsed.error().ToString();
 }
 
-TEST(ImportArguments, FilesAndEveryOption_AreTaken) {
+TEST(ImportArguments, Parse_FilesAndEveryOption_AreSet) {
   const Result<ImportArguments> arguments = ParseImportArguments(
       {"a.xml", "--replace", "--dry-run", "--disk-size", "vda=20", "--disk-size=vdb=1", "--network",
        std::string("lan=x=") + kUuid, "--repository-id", kUuid, "--host-id", kUuid, "--", "-b.xml"});
@@ -46,29 +41,29 @@ TEST(ImportArguments, OptionBeforeAFile_TakesOneValue) {
   EXPECT_THAT(arguments->files, ElementsAre("a.xml", "b.xml"));
 }
 
-TEST(ImportArguments, NothingSaid_RefusesExistingGuestsAndWrites) {
+TEST(ImportArguments, Parse_NoOptions_RefusesExistingAndWrites) {
   const Result<ImportArguments> arguments = ParseImportArguments({"a.xml"});
   ASSERT_TRUE(arguments.ok());
   EXPECT_EQ(arguments->on_existing, OnExisting::kRefuse);
   EXPECT_EQ(arguments->mode, ImportMode::kWrite);
 }
 
-TEST(ImportArguments, AllOrManifest_IsTaken) {
+TEST(ImportArguments, Parse_AllOrManifest_IsSet) {
   EXPECT_EQ(ParseImportArguments({"--all", "test:///default"})->uri, "test:///default");
   EXPECT_EQ(ParseImportArguments({"--manifest=m.json"})->manifest, "m.json");
 }
 
-TEST(ImportArguments, WrongOnes_AreRefusedWithASentence) {
-  const std::string sources = "Say what to import: files, or --all URI, or --manifest FILE";
+TEST(ImportArguments, Parse_InvalidArguments_ReportReason) {
+  const std::string sources = "Name one source of guests to import: files, --all URI or --manifest FILE";
   const auto size = [](const std::string& text) {
-    return "--disk-size says '" + text + "': give NAME=GiB, such as 'vda=20', with 1 to 2097151 GiB";
+    return "'" + text + "' is not a value for --disk-size. Use NAME=GiB, such as 'vda=20', with 1 to 2097151 GiB";
   };
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{}, sources},
       {{"--replace"}, sources},
       {{"a.xml", "--all", "test:///default"}, sources},
       {{"--all=test:///default", "--manifest=m"}, sources},
-      {{""}, "A file name is empty: give the path of a domain XML file"},
+      {{""}, "A file name is empty. Use the path of a domain XML file"},
       {{"a", "--disk-size", "vda"}, size("vda")},
       {{"--disk-size", "vda=", "a"}, size("vda=")},
       {{"--disk-size", "=1", "a"}, size("=1")},
@@ -78,15 +73,15 @@ TEST(ImportArguments, WrongOnes_AreRefusedWithASentence) {
       {{"--disk-size", "vda=2097152", "a"}, size("vda=2097152")},
       {{"--disk-size", "vda=18446744073709551617", "a"}, size("vda=18446744073709551617")},
       {{"--network", "lan=1", "a"},
-       "--network says 'lan=1': give NAME=UUID, the name of a network or bridge and its id"},
-      {{"--host-id", "host", "a"}, "--host-id says 'host': give a UUID of the form 8-4-4-4-12"},
+       "'lan=1' is not a value for --network. Use NAME=UUID, the name of a network or bridge and its id"},
+      {{"--host-id", "host", "a"}, "'host' is not a value for --host-id. Use a UUID of the form 8-4-4-4-12"},
       {{"--manifest", "m", "--disk-size", "vda=1"},
-       "--manifest takes ids, networks and disk sizes from the file: leave the other options out"},
+       "--manifest takes ids, networks and disk sizes from the file. Leave out the other options"},
   };
-  for (const auto& [words, sentence] : rows) EXPECT_EQ(RefusalOf(words), sentence);
-  for (const std::vector<std::string>& words :
+  for (const auto& [arguments, sentence] : rows) EXPECT_EQ(RefusalOf(arguments), sentence);
+  for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{"--force", "a"}, {"-r", "a"}, {"--all"}, {"a", "--disk-size"}}) {
-    EXPECT_NE(RefusalOf(words), "");
+    EXPECT_NE(RefusalOf(arguments), "");
   }
 }
 
@@ -110,7 +105,7 @@ class Manifest : public ::testing::Test {
   std::string folder_;
 };
 
-TEST_F(Manifest, Guests_HaveTheirOwnOptionsAndTheCommonOnes) {
+TEST_F(Manifest, Read_OwnAndCommonOptions_AreMerged) {
   const auto sources = Read(R"({
     "repository_id": "ABCDEF00-0000-4000-8000-000000000001", "host_id": "abcdef00-0000-4000-8000-000000000002",
     "networks": {"lan": "abcdef00-0000-4000-8000-000000000003"},
@@ -136,39 +131,40 @@ TEST_F(Manifest, Guests_HaveTheirOwnOptionsAndTheCommonOnes) {
   EXPECT_THAT(second.options.disk_sizes_mib, ElementsAre(Pair("vda", 2048)));
 }
 
-TEST_F(Manifest, WrongMembers_AreRefusedWithASentence) {
-  const std::string range = " that is no whole number of 1 to 2097151 GiB";
+TEST_F(Manifest, Read_InvalidMembers_ReportReason) {
+  const std::string range = " that is not a whole number from 1 to 2097151 GiB";
   const std::pair<std::string, std::string> rows[] = {
-      {"[]", "The manifest's root is no object"},
-      {"{}", "The manifest's root has no 'guests': give an array of objects with a 'file' each"},
-      {R"({"guests": {}})", "The manifest's root has no 'guests': give an array of objects with a 'file' each"},
-      {R"({"guest": []})", "The manifest's root has the unknown member 'guest': remove it"},
-      {R"({"guests": [], "a\nb": 1})", "The manifest's root has the unknown member 'a\\nb': remove it"},
-      {R"({"guests": [], "host_id": 1})", "The manifest's root has a 'host_id' that is no UUID"},
-      {R"({"guests": [], "repository_id": ""})", "The manifest's root has a 'repository_id' that is no UUID"},
-      {R"({"guests": [], "networks": []})", "The manifest's 'networks' is no object of names and UUIDs"},
-      {R"({"guests": [], "networks": {"lan": 5}})", "The manifest's 'networks' has a 'lan' that is no UUID"},
-      {R"({"guests": [1]})", "The manifest's guest 1 is no object"},
-      {R"({"guests": [{}]})", "The manifest's guest 1 has no 'file': give the path of a domain XML file"},
+      {"[]", "The manifest's root is not an object"},
+      {"{}", "The manifest's root has no 'guests'. List the guests there, as objects with a 'file' each"},
+      {R"({"guests": {}})",
+       "The manifest's root has no 'guests'. List the guests there, as objects with a 'file' each"},
+      {R"({"guest": []})", "The manifest's root has the unknown member 'guest'. Remove it"},
+      {R"({"guests": [], "a\nb": 1})", "The manifest's root has the unknown member 'a\\nb'. Remove it"},
+      {R"({"guests": [], "host_id": 1})", "The manifest's root has a 'host_id' that is not a UUID"},
+      {R"({"guests": [], "repository_id": ""})", "The manifest's root has a 'repository_id' that is not a UUID"},
+      {R"({"guests": [], "networks": []})", "The manifest's 'networks' is not an object of names and UUIDs"},
+      {R"({"guests": [], "networks": {"lan": 5}})", "The manifest's 'networks' has a 'lan' that is not a UUID"},
+      {R"({"guests": [1]})", "The manifest's guest 1 is not an object"},
+      {R"({"guests": [{}]})", "The manifest's guest 1 has no 'file'. Name a domain XML file there"},
       {R"({"guests": [{"file": "a"}, {"file": 1}]})",
-       "The manifest's guest 2 has no 'file': give the path of a domain XML file"},
-      {R"({"guests": [{"file": "a", "id": "x"}]})", "The manifest's guest 1 has a 'id' that is no UUID"},
+       "The manifest's guest 2 has no 'file'. Name a domain XML file there"},
+      {R"({"guests": [{"file": "a", "id": "x"}]})", "The manifest's guest 1 has a 'id' that is not a UUID"},
       {R"({"guests": [{"file": "a", "disk_sizes_gib": 1}]})",
-       "The manifest's guest 1 has 'disk_sizes_gib' that is no object of disk names and numbers"},
+       "The manifest's guest 1 has a 'disk_sizes_gib' that is not an object of disk names and numbers"},
       {R"({"guests": [{"file": "a", "disk_sizes_gib": {"vda": "20"}}]})",
-       "The manifest's guest 1 has a size of the disk 'vda'" + range},
+       "The manifest's guest 1 has a size for the disk 'vda'" + range},
       {R"({"guests": [{"file": "a", "disk_sizes_gib": {"vda": 0}}]})",
-       "The manifest's guest 1 has a size of the disk 'vda'" + range},
+       "The manifest's guest 1 has a size for the disk 'vda'" + range},
       {R"({"guests": [{"file": "a", "disk_sizes_gib": {"vda": -1}}]})",
-       "The manifest's guest 1 has a size of the disk 'vda'" + range},
+       "The manifest's guest 1 has a size for the disk 'vda'" + range},
       {R"({"guests": [{"file": "a", "disk_sizes_gib": {"vda": 2097152}}]})",
-       "The manifest's guest 1 has a size of the disk 'vda'" + range},
+       "The manifest's guest 1 has a size for the disk 'vda'" + range},
   };
   for (const auto& [text, sentence] : rows) EXPECT_EQ(RefusalOf(text), sentence) << text;
-  EXPECT_THAT(RefusalOf("{"), HasSubstr("The manifest cannot be read"));
+  EXPECT_THAT(RefusalOf("{"), HasSubstr("Cannot read the manifest"));
 }
 
-TEST_F(Manifest, Missing_IsNotFound) {
+TEST_F(Manifest, Read_FileMissing_IsNotFound) {
   const auto sources = ReadManifest(folder_ + "/none.json");
   ASSERT_FALSE(sources.ok());
   EXPECT_EQ(sources.error().code(), ErrorCode::kNotFound);
@@ -181,9 +177,9 @@ TEST(Libvirt, DefaultTestConnection_ListsADomainThatCanBeImported) {
   ASSERT_TRUE(domains.ok()) << domains.error().ToString();
   ASSERT_THAT(*domains, SizeIs(1));
   EXPECT_EQ((*domains)[0].name, "test");
-  hypervisor::ImportOptions options;
+  domain_xml::ImportOptions options;
   options.disk_sizes_mib["vda"] = 1024;
-  const auto guest = hypervisor::ParseDomainXml((*domains)[0].xml, options);
+  const auto guest = domain_xml::ParseDomainXml((*domains)[0].xml, options);
   ASSERT_TRUE(guest.ok()) << guest.error().ToString();
   EXPECT_EQ(guest->id, (*domains)[0].id);
   EXPECT_EQ(guest->guest["name"], "test");
@@ -194,7 +190,7 @@ TEST(Libvirt, DefaultTestConnection_ListsADomainThatCanBeImported) {
   EXPECT_TRUE((*connection)->DiskSize(guest->id, "/guest/diskimage1").ok());
 }
 
-TEST(Libvirt, SizeOfADiskThatTheDomainHasNot_IsUnavailable) {
+TEST(Libvirt, DiskSize_NotADiskOfTheDomain_IsUnavailable) {
   const auto connection = hypervisor::DomainConnection::Open("test:///default");
   ASSERT_TRUE(connection.ok());
   for (const char* id : {"6695eb01-f6a4-8304-79aa-97f2502e193f", kUuid, "x"}) {
@@ -204,7 +200,7 @@ TEST(Libvirt, SizeOfADiskThatTheDomainHasNot_IsUnavailable) {
   }
 }
 
-TEST(Libvirt, WrongUri_IsASentenceAndNothingIsPrinted) {
+TEST(Libvirt, Open_InvalidUri_ReportsReasonAndPrintsNothing) {
   ::testing::internal::CaptureStderr();
   const auto connection = hypervisor::DomainConnection::Open("qemu+unix:///system?socket=/no/such/socket");
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");

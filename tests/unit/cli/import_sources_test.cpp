@@ -1,30 +1,24 @@
-// What `vexa import` reads on this machine, and sends to the server.
+// The requests that `vexa import` prepares from the files and libvirt of this machine.
 #include "cli/import_sources.h"
-
-#include <gmock/gmock.h>
 
 #include <fstream>
 
 #include "host/hypervisor/handles.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
-#include "tests/unit/cli/import_words.h"
+#include "tests/unit/cli/import_arguments.h"
 
 namespace vexa::cli {
 namespace {
-
-using test::Require;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::SizeIs;
 
 constexpr char kFirst[] = "11111111-2222-4333-8444-555555555551";
 constexpr char kSecond[] = "11111111-2222-4333-8444-555555555552";
 constexpr char kTestDomain[] = "6695eb01-f6a4-8304-79aa-97f2502e193f";
 
-std::string Domain(const std::string& more) {
-  return "<domain><name>one</name><uuid>" + std::string(kFirst) + "</uuid><memory unit='MiB'>64</memory>" + more +
+std::string Domain(const std::string& extra_xml) {
+  return "<domain><name>one</name><uuid>" + std::string(kFirst) + "</uuid><memory unit='MiB'>64</memory>" + extra_xml +
          "</domain>";
 }
 
@@ -34,28 +28,28 @@ std::string DiskAt(const std::string& path) {
 
 class Sources : public ::testing::Test {
  protected:
-  ImportSources Open(const std::vector<std::string>& words) {
-    return Require(ImportSources::Open(Require(ParseImportArguments(words))));
+  ImportSources Open(const std::vector<std::string>& arguments) {
+    return Require(ImportSources::Open(Require(ParseImportArguments(arguments))));
   }
   std::string File(const std::string& name, const std::string& content) const {
     std::ofstream(folder_.File(name)) << content;
     return folder_.File(name);
   }
-  // The only guest.
-  Result<Json::Value> Prepare(const std::vector<std::string>& words) {
-    const ImportSources sources = Open(words);
+  // Prepares the only guest.
+  Result<Json::Value> Prepare(const std::vector<std::string>& arguments) {
+    const ImportSources sources = Open(arguments);
     EXPECT_THAT(sources.guests(), SizeIs(1));
     return sources.Prepare(sources.guests().at(0));
   }
-  Result<Json::Value> PrepareXml(const std::string& xml, std::vector<std::string> words = {}) {
-    words.push_back(File("a.xml", xml));
-    return Prepare(words);
+  Result<Json::Value> PrepareXml(const std::string& xml, std::vector<std::string> arguments = {}) {
+    arguments.push_back(File("a.xml", xml));
+    return Prepare(arguments);
   }
 
   test::TempDir folder_;
 };
 
-TEST_F(Sources, Definition_IsSentUnchangedWithTheOptions) {
+TEST_F(Sources, Prepare_Definition_IsSentUnchangedWithTheOptions) {
   const std::string xml = Domain("") + "<!-- mine \xC3\xBC -->";
   const Json::Value request = Require(PrepareXml(xml, {"--repository-id", kFirst, "--host-id", kSecond, "--network",
                                                        std::string("lan=") + kFirst, "--disk-size=vda=20"}));
@@ -69,24 +63,24 @@ TEST_F(Sources, Definition_IsSentUnchangedWithTheOptions) {
   }
 }
 
-TEST_F(Sources, ImagesOfThisMachine_AreMeasured) {
+TEST_F(Sources, Prepare_ImageOnThisMachine_HasItsSize) {
   const std::string image = File("image", std::string(4096, 'x'));
   const Json::Value request = Require(PrepareXml(Domain(DiskAt(image))));
   EXPECT_EQ(VexaVirtualization::json::ToText(request["image_sizes"]), "{\"" + image + "\":4096}");
 }
 
-TEST_F(Sources, ImagesThatCannotBeRead_NeedASize) {
+TEST_F(Sources, Prepare_UnreadableImage_NeedsASize) {
   const auto missing = PrepareXml(Domain(DiskAt("/no/such/image")));
   ASSERT_FALSE(missing.ok());
   EXPECT_THAT(missing.error().ToString(), HasSubstr("The size of the disk 'vda' is unknown. Set it with --disk-size "
                                                     "vda=GiB: Cannot read the image '/no/such/image'"));
   EXPECT_FALSE(Require(PrepareXml(Domain(DiskAt("/no/such/image")), {"--disk-size", "vda=1"})).isMember("image_sizes"));
-  // Something that is there and is not an image.
+  // A file that exists and is not an image.
   const Json::Value odd = Require(PrepareXml(Domain(DiskAt("/dev/null")), {"--disk-size", "vda=1"}));
   EXPECT_EQ(VexaVirtualization::json::ToText(odd["image_sizes"]), R"({"/dev/null":null})");
 }
 
-TEST_F(Sources, VariablesThatAreNotMadeYet_AreSaidToBeMissing) {
+TEST_F(Sources, Prepare_NvramNotCreatedYet_ReportsItMissing) {
   const auto with_variables = [](const std::string& path) { return Domain("<os><nvram>" + path + "</nvram></os>"); };
   EXPECT_EQ(Require(PrepareXml(with_variables(folder_.File("one.fd"))))["has_variables"], false);
   EXPECT_FALSE(Require(PrepareXml(with_variables(File("two.fd", "x")))).isMember("has_variables"));
@@ -94,13 +88,13 @@ TEST_F(Sources, VariablesThatAreNotMadeYet_AreSaidToBeMissing) {
   EXPECT_FALSE(Require(PrepareXml(with_variables(folder_.File("none/one.fd")))).isMember("has_variables"));
 }
 
-TEST_F(Sources, DefinitionsThatCannotBeRead_AreErrors) {
+TEST_F(Sources, Prepare_UnreadableDefinition_IsAnError) {
   EXPECT_EQ(Prepare({folder_.File("none.xml")}).error().code(), ErrorCode::kNotFound);
   EXPECT_EQ(PrepareXml("x").error().code(), ErrorCode::kInvalid);
   EXPECT_FALSE(ImportSources::Open(Require(ParseImportArguments({"--manifest", folder_.File("none.json")}))).ok());
 }
 
-TEST_F(Sources, Manifest_GivesEachGuestItsOptionsAndId) {
+TEST_F(Sources, Prepare_GuestOfManifest_HasItsOptionsAndId) {
   File("a.xml", Domain(DiskAt("/no/such/image")));
   const std::string manifest =
       File("m.json", R"({"host_id": ")" + std::string(kSecond) + R"(", "guests": [{"file": "a.xml", "id": ")" + kFirst +
@@ -111,7 +105,7 @@ TEST_F(Sources, Manifest_GivesEachGuestItsOptionsAndId) {
   EXPECT_EQ(request["disk_sizes_mib"]["vda"].asInt(), 2048);
 }
 
-TEST_F(Sources, ExamplesManifest_CanBeSent) {
+TEST_F(Sources, Prepare_ExampleManifest_Succeeds) {
   const ImportSources sources = Open({"--manifest", std::string(VEXA_SOURCE_DIR) + "/examples/cluster.json"});
   ASSERT_THAT(sources.guests(), SizeIs(3));
   for (const ImportSource& guest : sources.guests()) {
@@ -120,8 +114,8 @@ TEST_F(Sources, ExamplesManifest_CanBeSent) {
   }
 }
 
-// All connections to the driver's default machine in one process see the same one.
-TEST_F(Sources, DomainsOfALibvirtConnection_AreSentWithTheirAutomaticStart) {
+// libvirt's test driver has one default node, which all connections of a process share.
+TEST_F(Sources, Prepare_DomainWithAutostart_SendsAutostart) {
   const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
   ASSERT_TRUE(connection);
   const hypervisor::DomainHandle domain(virDomainLookupByName(connection.get(), "test"));
@@ -137,7 +131,7 @@ TEST_F(Sources, DomainsOfALibvirtConnection_AreSentWithTheirAutomaticStart) {
   EXPECT_THAT(request["image_sizes"].getMemberNames(), ElementsAre("/guest/diskimage1"));
 }
 
-TEST_F(Sources, PasswordOfAScreen_IsAPartOfTheDefinition) {
+TEST_F(Sources, Prepare_DomainWithVncPassword_SendsThePassword) {
   const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
   ASSERT_TRUE(connection);
   const std::string xml =
@@ -152,7 +146,7 @@ TEST_F(Sources, PasswordOfAScreen_IsAPartOfTheDefinition) {
   EXPECT_THAT(Require(sources.Prepare(sources.guests()[0]))["xml"].asString(), HasSubstr("passwd='hush'"));
 }
 
-TEST_F(Sources, ConnectionThatCannotBeOpened_IsAnError) {
+TEST_F(Sources, Open_UnreachableConnection_IsAnError) {
   const auto sources =
       ImportSources::Open(Require(ParseImportArguments({"--all", "qemu+unix:///system?socket=/no/such/socket"})));
   ASSERT_FALSE(sources.ok());

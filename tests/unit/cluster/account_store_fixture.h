@@ -37,9 +37,9 @@ class AccountStoreTest : public testing::Test {
     EXPECT_FALSE(result.ok());
     return result.ok() ? ErrorCode::kInternal : result.error().code();
   }
-  static std::vector<std::string> GroupNames(const base::User& user) {
+  static std::vector<std::string> GroupNames(const accounts::User& user) {
     std::vector<std::string> names;
-    for (const base::Group& group : user.groups) names.push_back(group.name);
+    for (const accounts::Group& group : user.groups) names.push_back(group.name);
     return names;
   }
 
@@ -50,7 +50,9 @@ class AccountStoreTest : public testing::Test {
     const auto value = test::Require(snapshot->Get(key));
     return value ? std::string(value->text) : "absent";
   }
-  static std::string GrantsKey(std::uint32_t uid) { return GuestAdminKey(GuestAdminIdentifier(kUsersKind, uid)); }
+  static std::string GrantsKey(std::uint32_t uid) {
+    return records::GuestAdminKey(records::GuestAdminIdentifier(records::kUsersKind, uid));
+  }
   store::Revision Revision() const { return test::Require(real_->Read())->revision(); }
 
   TemporaryFolder folder_;

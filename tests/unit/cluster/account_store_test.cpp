@@ -7,26 +7,26 @@
 #include <set>
 #include <thread>
 
-#include "tests/support/interrupted_store.h"
+#include "tests/support/racing_store.h"
 #include "tests/unit/cluster/account_store_fixture.h"
 
 namespace vexa::cluster {
 namespace {
 
-using base::kFirstOwnId;
-using base::kLastOwnId;
+using accounts::kFirstAssignedId;
+using accounts::kLastAssignedId;
 using Names = std::vector<std::string>;
 
-TEST_F(AccountStoreTest, Add_ThenFind_GivesTheUserWithGroups) {
+TEST_F(AccountStoreTest, Add_ThenFind_ReturnsUserWithGroups) {
   Add("alice", {"administrators", "operators", "operators", "users"});
   const auto user = accounts_.FindUser("alice");
   ASSERT_TRUE(user.ok()) << user.error().ToString();
   EXPECT_TRUE(user->is_administrator);
   EXPECT_EQ(GroupNames(*user), (Names{"users", "administrators", "operators"}));
   EXPECT_EQ(user->groups.front().gid, user->gid);
-  EXPECT_GE(user->uid, kFirstOwnId);
+  EXPECT_GE(user->uid, kFirstAssignedId);
   EXPECT_EQ(accounts_.FindUserByUid(user->uid)->name, "alice");
-  for (const base::Group& group : user->groups) {
+  for (const accounts::Group& group : user->groups) {
     EXPECT_EQ(accounts_.FindGroupByGid(group.gid)->name, group.name);
     EXPECT_EQ(accounts_.FindGroup(group.name)->gid, group.gid);
   }
@@ -75,7 +75,7 @@ constexpr NameRow kNameRows[] = {
 
 class AccountNames : public AccountStoreTest, public testing::WithParamInterface<NameRow> {};
 
-TEST_P(AccountNames, InAnotherCase_AreOneNameWithTheCreatedSpelling) {
+TEST_P(AccountNames, Find_OtherLetterCase_ReturnsCreatedSpelling) {
   const NameRow& row = GetParam();
   Add(row.first, {"Team"});
   if (!row.is_same) {
@@ -117,7 +117,7 @@ TEST_F(AccountStoreTest, Add_ImpossibleNames_AreInvalid) {
   }
 }
 
-TEST_F(AccountStoreTest, Passwords_OfEveryBound_AreAcceptedOrRefused) {
+TEST_F(AccountStoreTest, Passwords_AtEachLimit_AreAcceptedOrRefused) {
   const auto add = [&](const std::string& name, const std::string& password) {
     return accounts_.AddUser({name, password, {}, {}});
   };
@@ -137,9 +137,9 @@ TEST_F(AccountStoreTest, Passwords_OfEveryBound_AreAcceptedOrRefused) {
   EXPECT_EQ(CodeOf(accounts_.VerifyPassword("u512", other)), ErrorCode::kDenied) << "every byte counts";
 }
 
-TEST_F(AccountStoreTest, VerifyPassword_WrongOnes_AreDeniedAlike) {
+TEST_F(AccountStoreTest, VerifyPassword_Wrong_IsDeniedWithSameError) {
   Add("alice");
-  const std::string stored = Text(AccountKey(AccountKind::kUser, accounts_.FindUser("alice")->uid));
+  const std::string stored = Text(records::AccountKey(records::AccountKind::kUser, accounts_.FindUser("alice")->uid));
   EXPECT_NE(stored.find("\"$y$"), std::string::npos);
   EXPECT_EQ(stored.find(kPassword), std::string::npos);
   const std::string with_nul = std::string(kPassword) + std::string("\0x", 2);
@@ -159,7 +159,7 @@ TEST_F(AccountStoreTest, VerifyPassword_WrongOnes_AreDeniedAlike) {
   EXPECT_EQ(messages.size(), 1u);
 }
 
-TEST_F(AccountStoreTest, SetGroups_Changed_ReplacesAllButThePrimaryOne) {
+TEST_F(AccountStoreTest, SetGroups_Changed_ReplacesAllButPrimary) {
   Add("bob", {"administrators"});
   Add("alice", {"administrators"});
   ASSERT_TRUE(accounts_.SetGroups("alice", {"b", "a", "b"}).ok());
@@ -171,7 +171,7 @@ TEST_F(AccountStoreTest, SetGroups_Changed_ReplacesAllButThePrimaryOne) {
   EXPECT_EQ(CodeOf(accounts_.FindGroup("made-for-nobody")), ErrorCode::kNotFound);
 }
 
-TEST_F(AccountStoreTest, LastAdministrator_StaysOneAndStays) {
+TEST_F(AccountStoreTest, LastAdministrator_CannotBeDemotedOrDeleted) {
   Add("alice", {"administrators"});
   Add("bob");
   EXPECT_EQ(CodeOf(accounts_.SetGroups("alice", {"staff"})), ErrorCode::kDenied);
@@ -188,7 +188,7 @@ TEST_F(AccountStoreTest, LastAdministrator_StaysOneAndStays) {
   EXPECT_EQ(CodeOf(accounts_.DeleteUser("carol")), ErrorCode::kDenied);
 }
 
-TEST_F(AccountStoreTest, TwoAdministratorsWhoRemoveEachOther_OneStays) {
+TEST_F(AccountStoreTest, Delete_TwoAdministratorsConcurrently_OneRemains) {
   for (const bool is_deleted : {true, false}) {
     const std::string first = is_deleted ? "alice" : "carol";
     const std::string second = is_deleted ? "bob" : "dave";
@@ -202,7 +202,7 @@ TEST_F(AccountStoreTest, TwoAdministratorsWhoRemoveEachOther_OneStays) {
     };
     AccountStore other(real_);
     AccountStore interrupted(
-        std::make_shared<test::InterruptedStore>(*real_, [&] { EXPECT_TRUE(remove(other, first).ok()); }));
+        std::make_shared<test::RacingStore>(*real_, [&] { EXPECT_TRUE(remove(other, first).ok()); }));
     EXPECT_EQ(CodeOf(remove(interrupted, second)), ErrorCode::kDenied);
     EXPECT_TRUE(accounts_.FindUser(second)->is_administrator);
   }
@@ -210,31 +210,31 @@ TEST_F(AccountStoreTest, TwoAdministratorsWhoRemoveEachOther_OneStays) {
 
 // Ids.
 
-TEST_F(AccountStoreTest, UidsOfTheMachinesAdministrators_AreNotShared) {
+TEST_F(AccountStoreTest, CheckMachineUid_RootOrDaemon_IsInvalid) {
   for (const std::uint32_t uid : {std::uint32_t{0}, std::uint32_t{::geteuid()}}) {
-    EXPECT_EQ(CodeOf(AccountStore::CheckSharedUid(uid)), ErrorCode::kInvalid) << uid;
+    EXPECT_EQ(CodeOf(AccountStore::CheckMachineUid(uid)), ErrorCode::kInvalid) << uid;
   }
-  EXPECT_TRUE(AccountStore::CheckSharedUid(::geteuid() + 1).ok());
+  EXPECT_TRUE(AccountStore::CheckMachineUid(::geteuid() + 1).ok());
 }
 
-TEST_F(AccountStoreTest, NewUsers_NamedLikeOnesOfTheMachine_GetIdsOfOurs) {
+TEST_F(AccountStoreTest, AddUser_NameOfSystemUser_GetsAssignedId) {
   Add("root", {"daemon"});
-  EXPECT_GE(accounts_.FindUser("root")->uid, kFirstOwnId);
-  EXPECT_GE(accounts_.FindGroup("daemon")->gid, kFirstOwnId);
+  EXPECT_GE(accounts_.FindUser("root")->uid, kFirstAssignedId);
+  EXPECT_GE(accounts_.FindGroup("daemon")->gid, kFirstAssignedId);
 }
 
-TEST_F(AccountStoreTest, Ids_OfDeletedUsers_AreNeverGivenAgain) {
+TEST_F(AccountStoreTest, AssignId_IdOfDeletedUser_IsNotReused) {
   Add("alice");
   Add("bob", {}, 1026);
-  Add("carol", {}, kFirstOwnId + 50);
+  Add("carol", {}, kFirstAssignedId + 50);
   std::set<std::uint32_t> given;
   for (const char* name : {"alice", "bob", "carol"}) {
     given.insert(accounts_.FindUser(name)->uid);
     ASSERT_TRUE(accounts_.DeleteUser(name).ok());
   }
   EXPECT_EQ(CodeOf(accounts_.AddUser({"dave", kPassword, {}, 1026})), ErrorCode::kConflict);
-  EXPECT_EQ(CodeOf(accounts_.AddUser({"dave", kPassword, {}, kFirstOwnId})), ErrorCode::kConflict) << "a group's";
-  EXPECT_EQ(CodeOf(accounts_.AddUser({"dave", kPassword, {}, kFirstOwnId + 50})), ErrorCode::kConflict);
+  EXPECT_EQ(CodeOf(accounts_.AddUser({"dave", kPassword, {}, kFirstAssignedId})), ErrorCode::kConflict) << "a group's";
+  EXPECT_EQ(CodeOf(accounts_.AddUser({"dave", kPassword, {}, kFirstAssignedId + 50})), ErrorCode::kConflict);
   const Names many = [] {
     Names names;
     for (int i = 0; i < 60; ++i) names.push_back("g" + std::to_string(i));
@@ -244,7 +244,7 @@ TEST_F(AccountStoreTest, Ids_OfDeletedUsers_AreNeverGivenAgain) {
   ASSERT_TRUE(another.AddUser({"alice", kPassword, many, {}}).ok());
   const auto alice = another.FindUser("alice");
   EXPECT_FALSE(given.contains(alice->uid));
-  for (const base::Group& group : alice->groups) EXPECT_FALSE(given.contains(group.gid));
+  for (const accounts::Group& group : alice->groups) EXPECT_FALSE(given.contains(group.gid));
 }
 
 TEST_F(AccountStoreTest, Add_TakenUid_IsConflictAndChangesNothing) {
@@ -255,22 +255,22 @@ TEST_F(AccountStoreTest, Add_TakenUid_IsConflictAndChangesNothing) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(AccountStoreTest, Ids_LastOneIsUsed_IsNoSpaceExceptForGivenOnes) {
+TEST_F(AccountStoreTest, AssignId_LastIdUsed_IsNoSpaceExceptForGivenIds) {
   Add("alice");
-  Put(AccountStateKey(), R"({"next_id":2147483646})");
+  Put(records::AccountStateKey(), R"({"next_id":2147483646})");
   Add("last");
-  EXPECT_EQ(accounts_.FindUser("last")->uid, kLastOwnId);
+  EXPECT_EQ(accounts_.FindUser("last")->uid, kLastAssignedId);
   EXPECT_EQ(CodeOf(accounts_.AddUser({"bob", kPassword, {}, {}})), ErrorCode::kNoSpace);
   EXPECT_EQ(CodeOf(accounts_.SetGroups("alice", {"one-more"})), ErrorCode::kNoSpace);
   EXPECT_TRUE(accounts_.AddUser({"bob", kPassword, {}, 5000}).ok());
 }
 
 // The account that the grants are for may still be in the file of another host.
-TEST_F(AccountStoreTest, NewIds_UnderWhichGrantsStand_AreSkipped) {
-  for (int i = 0; i < 5; ++i) Put(GrantsKey(kFirstOwnId + i), R"({"guests":{"g":true}})");
+TEST_F(AccountStoreTest, AssignId_IdHasOldGrants_IsSkipped) {
+  for (int i = 0; i < 5; ++i) Put(GrantsKey(kFirstAssignedId + i), R"({"guests":{"g":true}})");
   Add("alice");
-  EXPECT_GE(accounts_.FindUser("alice")->uid, kFirstOwnId + 5);
-  EXPECT_EQ(Text(GrantsKey(kFirstOwnId)), R"({"guests":{"g":true}})");
+  EXPECT_GE(accounts_.FindUser("alice")->uid, kFirstAssignedId + 5);
+  EXPECT_EQ(Text(GrantsKey(kFirstAssignedId)), R"({"guests":{"g":true}})");
 }
 
 TEST_F(AccountStoreTest, AddUser_GivenUidWithOldGrants_InheritsNothing) {
@@ -279,7 +279,7 @@ TEST_F(AccountStoreTest, AddUser_GivenUidWithOldGrants_InheritsNothing) {
   EXPECT_EQ(Text(GrantsKey(1026)), "absent");
 }
 
-TEST_F(AccountStoreTest, Delete_TakesGrantsInTheSameCommit) {
+TEST_F(AccountStoreTest, Delete_UserWithGrants_RemovesThemInSameCommit) {
   Add("alice");
   const std::uint32_t uid = accounts_.FindUser("alice")->uid;
   Put(GrantsKey(uid), R"({"authlevel":"advanced","guests":{"g":true}})");
@@ -289,7 +289,7 @@ TEST_F(AccountStoreTest, Delete_TakesGrantsInTheSameCommit) {
   EXPECT_EQ(Text(GrantsKey(uid)), "absent");
 }
 
-TEST_F(AccountStoreTest, Add_Advanced_IsOneCommitWithTheLevel) {
+TEST_F(AccountStoreTest, Add_Advanced_StoresLevelInSameCommit) {
   ASSERT_TRUE(accounts_.AddUser({"alice", kPassword, {}, {}, AccountStore::Level::kAdvanced}).ok());
   EXPECT_EQ(Revision(), 1u);
   EXPECT_EQ(Text(GrantsKey(accounts_.FindUser("alice")->uid)),
@@ -298,7 +298,7 @@ TEST_F(AccountStoreTest, Add_Advanced_IsOneCommitWithTheLevel) {
 
 // Others.
 
-TEST_F(AccountStoreTest, Reader_AnotherChanges_SeesItWithTheNextCall) {
+TEST_F(AccountStoreTest, Reader_OtherProcessChanges_SeesItInNextCall) {
   AccountStore writer(real_);
   ASSERT_TRUE(writer.AddUser({"bob", kPassword, {"administrators"}, {}}).ok());
   ASSERT_TRUE(writer.AddUser({"alice", kPassword, {}, {}}).ok());
@@ -320,10 +320,10 @@ TEST_F(AccountStoreTest, Reader_NothingHasChanged_ReadsOneKey) {
   EXPECT_EQ(store_->reads(), before + 1);
 }
 
-TEST_F(AccountStoreTest, StoreCannotBeRead_IsUnavailableAndNotUnknown) {
+TEST_F(AccountStoreTest, Find_StoreUnreadable_IsUnavailableNotUnknown) {
   Add("alice");
   for (int fault = 0; fault < 2; ++fault) {
-    fault == 0 ? store_->FailSnapshots() : store_->FailReadsOf(AccountStateKey());
+    fault == 0 ? store_->FailSnapshots() : store_->FailReadsOf(records::AccountStateKey());
     EXPECT_EQ(CodeOf(accounts_.FindUser("alice")), ErrorCode::kUnavailable);
     EXPECT_EQ(CodeOf(accounts_.FindUserByUid(1)), ErrorCode::kUnavailable);
     EXPECT_EQ(CodeOf(accounts_.FindGroup("users")), ErrorCode::kUnavailable);
@@ -349,15 +349,15 @@ TEST_F(AccountStoreTest, AccountStore_DamagedRecord_AffectsOnlyItsUsers) {
   Add("alice", {"team"});
   Add("bob");
   const std::uint32_t alice = accounts_.FindUser("alice")->uid;
-  const std::string key = AccountKey(AccountKind::kUser, alice);
+  const std::string key = records::AccountKey(records::AccountKind::kUser, alice);
   const std::string good = Text(key);
-  const std::string twin = Text(AccountKey(AccountKind::kUser, accounts_.FindUser("bob")->uid));
-  const std::string state = Text(AccountStateKey());
+  const std::string twin = Text(records::AccountKey(records::AccountKind::kUser, accounts_.FindUser("bob")->uid));
+  const std::string state = Text(records::AccountStateKey());
   for (const std::string& text :
        {std::string("{"), std::string("[]"), std::string("{}"), std::string(R"({"name":"a b"})"), good.substr(0, 40),
         std::string(R"({"name":"alice","gid":1,"groups":[],"password":""})"), twin}) {
     Put(key, text);
-    Put(AccountStateKey(), state);
+    Put(records::AccountStateKey(), state);
     EXPECT_EQ(CodeOf(accounts_.FindUserByUid(alice)), ErrorCode::kUnavailable) << text;
     EXPECT_EQ(CodeOf(accounts_.FindUser("alice")), ErrorCode::kUnavailable) << text;
     EXPECT_EQ(CodeOf(accounts_.VerifyPassword("alice", kPassword)), ErrorCode::kUnavailable) << text;
@@ -367,13 +367,13 @@ TEST_F(AccountStoreTest, AccountStore_DamagedRecord_AffectsOnlyItsUsers) {
     EXPECT_EQ(CodeOf(accounts_.FindUserByUid(4242)), ErrorCode::kNotFound) << text;
   }
   Put(key, good);
-  Put(AccountStateKey(), "{");
+  Put(records::AccountStateKey(), "{");
   EXPECT_EQ(CodeOf(accounts_.FindUser("bob")), ErrorCode::kUnavailable);
-  Put(AccountStateKey(), state);
+  Put(records::AccountStateKey(), state);
   EXPECT_EQ(GroupNames(*accounts_.FindUser("alice")), (Names{"users", "team"}));
 }
 
-TEST_F(AccountStoreTest, ManyThreadsAddOneName_ExactlyOneWins) {
+TEST_F(AccountStoreTest, Add_ManyThreadsOneName_ExactlyOneSucceeds) {
   constexpr int kThreads = 6;
   std::atomic<int> added{0};
   std::atomic<int> refused{0};
@@ -393,7 +393,7 @@ TEST_F(AccountStoreTest, ManyThreadsAddOneName_ExactlyOneWins) {
   EXPECT_EQ(accounts_.ListUsers()->size(), 1u);
 }
 
-TEST_F(AccountStoreTest, EightThreads_ReadWhileOneWrites_NeverSeeHalf) {
+TEST_F(AccountStoreTest, Read_EightThreadsDuringWrites_NeverSeePartialChange) {
   Add("alice", {"a", "b"});
   std::atomic<bool> is_done{false};
   std::atomic<int> wrong{0};
@@ -414,7 +414,7 @@ TEST_F(AccountStoreTest, EightThreads_ReadWhileOneWrites_NeverSeeHalf) {
 }
 
 // Each child opens the store for itself: the first ones find none.
-TEST(AccountStoreProcesses, AddAtTheSameTime_LoseNothingAndShareNoNameOrId) {
+TEST(AccountStoreProcesses, Add_Concurrent_LosesNothingAndSharesNoNameOrId) {
   constexpr int kProcesses = 4;
   constexpr int kUsers = 6;
   const TemporaryFolder folder;
@@ -454,9 +454,9 @@ TEST(AccountStoreProcesses, AddAtTheSameTime_LoseNothingAndShareNoNameOrId) {
   EXPECT_EQ(users->size(), static_cast<std::size_t>(kProcesses * kUsers + kUsers));
   std::set<std::uint32_t> ids;
   std::set<std::uint32_t> gids;
-  for (const base::User& user : *users) {
+  for (const accounts::User& user : *users) {
     EXPECT_TRUE(ids.insert(user.uid).second) << user.name;
-    for (const base::Group& group : user.groups) gids.insert(group.gid);
+    for (const accounts::Group& group : user.groups) gids.insert(group.gid);
   }
   EXPECT_EQ(gids.size(), 1u + kUsers);
   for (const std::uint32_t gid : gids) EXPECT_FALSE(ids.contains(gid));

@@ -6,7 +6,7 @@
 
 #include "host/cluster/settings.h"
 #include "host/records/cluster_status.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -15,8 +15,6 @@ namespace vexa::cluster {
 namespace {
 
 using store::Health;
-using test::Parsed;
-using test::TestHost;
 using VexaCCC::CACHE_LOAD_CLUSTER;
 using VexaCCC::LoadCache;
 
@@ -39,63 +37,63 @@ class ClusterCondition : public testing::Test {
     return cache["state"].asString();
   }
 
-  TestHost host_;
+  test::TestHost host_;
 };
 
 TEST_F(ClusterCondition, Status_ReportsDatabaseAccess) {
-  EXPECT_EQ(State(0), kDatabaseAccessible);
+  EXPECT_EQ(State(0), records::kDatabaseAccessible);
   host_.store().ReportHealth(Health::kInaccessible);
   EXPECT_EQ(State(0), VexaCCC::State::Etcd::inaccessible);
   host_.store().ReportHealth(Health::kReadOnly);
-  EXPECT_EQ(State(0), kDatabaseAccessible);
-  EXPECT_STRNE(kDatabaseAccessible, VexaCCC::State::Etcd::inaccessible);
+  EXPECT_EQ(State(0), records::kDatabaseAccessible);
+  EXPECT_STRNE(records::kDatabaseAccessible, VexaCCC::State::Etcd::inaccessible);
 }
 
-TEST_F(ClusterCondition, Status_IsAddedToWhatTheCallerHas) {
+TEST_F(ClusterCondition, Status_OutputHasMembers_IsAdded) {
   Json::Value cache = Parsed(R"({"other":1})");
   EXPECT_EQ(LoadCache(cache, CACHE_LOAD_CLUSTER, 10), 0);
   EXPECT_EQ(cache["other"], 1);
-  EXPECT_EQ(cache["state"], kDatabaseAccessible);
+  EXPECT_EQ(cache["state"], records::kDatabaseAccessible);
   Json::Value array = Parsed("[1]");
   EXPECT_EQ(LoadCache(array, CACHE_LOAD_CLUSTER, 10), 0);
-  EXPECT_EQ(array["state"], kDatabaseAccessible);
+  EXPECT_EQ(array["state"], records::kDatabaseAccessible);
 }
 
-TEST_F(ClusterCondition, UnknownKindOfCache_FailsAndLeavesTheOutputAlone) {
+TEST_F(ClusterCondition, Status_UnknownCacheType_FailsAndLeavesOutputUnchanged) {
   Json::Value cache("before");
   EXPECT_LT(LoadCache(cache, static_cast<VexaCCC::CACHE_LOAD_TYPE>(1), 10), 0);
   EXPECT_LT(LoadCache(cache, static_cast<VexaCCC::CACHE_LOAD_TYPE>(-1), 10), 0);
   EXPECT_EQ(cache, "before");
 }
 
-TEST_F(ClusterCondition, HundredThousandQuestions_DoNotReachTheStore) {
+TEST_F(ClusterCondition, Status_HundredThousandCalls_DoNotReachStore) {
   const int reads = host_.store().reads();
   const auto begin = std::chrono::steady_clock::now();
-  for (int i = 0; i < 100'000; ++i) ASSERT_EQ(State(10), kDatabaseAccessible);
+  for (int i = 0; i < 100'000; ++i) ASSERT_EQ(State(10), records::kDatabaseAccessible);
   // At most one question a second, and the first.
   const auto took = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin);
-  EXPECT_LE(host_.store().health_questions(), 2 + took.count());
+  EXPECT_LE(host_.store().health_reads(), 2 + took.count());
   EXPECT_EQ(host_.store().reads(), reads);
 }
 
 TEST_F(ClusterCondition, ClusterStatus_Outdated_IsRefreshed) {
-  EXPECT_EQ(State(10), kDatabaseAccessible);
+  EXPECT_EQ(State(10), records::kDatabaseAccessible);
   host_.store().ReportHealth(Health::kInaccessible);
   EXPECT_EQ(State(0), VexaCCC::State::Etcd::inaccessible) << "nothing older will do";
   host_.store().Heal();
-  std::this_thread::sleep_for(kStatusAge + std::chrono::milliseconds(10));
-  EXPECT_EQ(State(10), kDatabaseAccessible) << "although the caller would take ten seconds";
+  std::this_thread::sleep_for(records::kMaxStatusAge + std::chrono::milliseconds(10));
+  EXPECT_EQ(State(10), records::kDatabaseAccessible) << "although the caller would take ten seconds";
 }
 
 // Who knows that it has changed does not let a second pass in which everybody believes the old one.
-TEST_F(ClusterCondition, StatusAfterAChange_IsFoundOutAgain) {
-  EXPECT_EQ(State(10), kDatabaseAccessible);
+TEST_F(ClusterCondition, Status_Invalidated_IsReread) {
+  EXPECT_EQ(State(10), records::kDatabaseAccessible);
   host_.store().ReportHealth(Health::kInaccessible);
-  NoteConditionChanged();
+  records::InvalidateClusterStatus();
   EXPECT_EQ(State(10), VexaCCC::State::Etcd::inaccessible);
 }
 
-TEST_F(ClusterCondition, Status_IsForAnyNumberOfThreads) {
+TEST_F(ClusterCondition, Status_ManyThreads_DoNotRace) {
   std::vector<std::jthread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([this] {
@@ -104,7 +102,7 @@ TEST_F(ClusterCondition, Status_IsForAnyNumberOfThreads) {
   }
 }
 
-TEST_F(ClusterCondition, UpgradeFlag_IsTheSetting) {
+TEST_F(ClusterCondition, UpgradeFlag_Set_ReflectsSetting) {
   EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0) << "no record";
   ASSERT_TRUE(WriteUpgradeSettings(host_.store(), {true}).ok());
   EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1);
@@ -131,15 +129,15 @@ TEST_F(ClusterCondition, UpgradeFlag_Unreadable_IsNegative) {
 
 TEST_F(ClusterCondition, UpgradeFlag_IsReadOnceInARequest) {
   {
-    const RequestScope scope;
+    const records::RequestScope scope;
     const int reads = host_.store().reads();
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(CCCIsIncompatibleUpgrading(), 0);
     EXPECT_EQ(host_.store().reads(), reads + 2) << "the setting, and which hosts there are";
-    RequestScope::ReleaseSnapshot();
+    { const records::RequestPause pause; }
     PutText(kUpgrade, R"({"incompatible":true})");
     EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0) << "all guests of a request are judged alike";
   }
-  const RequestScope next;
+  const records::RequestScope next;
   EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1);
   std::jthread([] { EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1) << "another thread, in no request"; });
 }
@@ -148,7 +146,7 @@ TEST_F(ClusterCondition, AutoSelectHost_Default_IsAllowed) {
   EXPECT_TRUE(VexaCCC::ClConfAutoSelHostGet());
   ASSERT_TRUE(WriteClusterSettings(host_.store(), {false}).ok());
   EXPECT_FALSE(VexaCCC::ClConfAutoSelHostGet());
-  EXPECT_FALSE(ReadClusterSettings()->auto_select_host);
+  EXPECT_FALSE(ReadClusterSettings(*records::Reader::OpenCurrent())->auto_select_host);
   ASSERT_TRUE(WriteClusterSettings(host_.store(), {true}).ok());
   EXPECT_TRUE(VexaCCC::ClConfAutoSelHostGet());
   PutText(kCluster, R"({"other":false})");
@@ -159,14 +157,14 @@ TEST_F(ClusterCondition, AutoSelectHost_Unreadable_IsDenied) {
   for (const char* text : {"{", "[]", "null", R"({"auto_select_host":0})", R"({"auto_select_host":"false"})"}) {
     PutText(kCluster, text);
     EXPECT_FALSE(VexaCCC::ClConfAutoSelHostGet()) << text;
-    EXPECT_EQ(ReadClusterSettings().error().code(), ErrorCode::kCorrupt) << text;
+    EXPECT_EQ(ReadClusterSettings(*records::Reader::OpenCurrent()).error().code(), ErrorCode::kCorrupt) << text;
   }
   host_.store().FailSnapshots();
   EXPECT_FALSE(VexaCCC::ClConfAutoSelHostGet());
-  EXPECT_EQ(ReadClusterSettings().error().code(), ErrorCode::kUnavailable);
+  EXPECT_EQ(records::Reader::OpenCurrent().error().code(), ErrorCode::kUnavailable);
 }
 
-TEST_F(ClusterCondition, WrittenSetting_LeavesTheOthers) {
+TEST_F(ClusterCondition, Setting_Written_KeepsOthers) {
   PutText(kCluster, R"({"auto_select_host":"damaged","other":[1]})");
   ASSERT_TRUE(WriteClusterSettings(host_.store(), {false}).ok());
   EXPECT_EQ(Parsed(Text(kCluster)), Parsed(R"({"auto_select_host":false,"other":[1]})"));

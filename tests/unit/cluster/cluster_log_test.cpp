@@ -15,7 +15,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/records/environment.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
@@ -24,12 +24,24 @@
 namespace vexa::cluster {
 namespace {
 
-using test::Require;
 using VexaCCC::CLOG_PRIORITY_FAILURE;
 using VexaCCC::CLOG_PRIORITY_SUCCESS;
 using VexaCCC::ClusterLogAdd;
 
 using Timestamps = std::vector<std::int64_t>;
+
+// As the request reads it.
+Result<LogPage> ReadLog(const std::string& cursor, std::size_t limit) {
+  const auto reader = records::ReaderOfRequest();
+  if (!reader) return reader.error();
+  return cluster::ReadLog(**reader, cursor, limit);
+}
+
+Result<std::vector<LogEntry>> ReadLogAfter(std::int64_t after_us, std::size_t limit) {
+  const auto reader = records::ReaderOfRequest();
+  if (!reader) return reader.error();
+  return cluster::ReadLogAfter(**reader, after_us, limit);
+}
 
 constexpr std::int64_t kYearUs = std::int64_t{365} * 24 * 3600 * 1'000'000;
 
@@ -99,7 +111,7 @@ TEST_F(ClusterLog, ClusterLog_Entry_HasUserTimeAndHost) {
   EXPECT_EQ(entry.text, "The guest [web] runs on [north], 7 times.");
   EXPECT_EQ(entry.user, "eve");
   EXPECT_EQ(entry.priority, 3);
-  EXPECT_EQ(entry.host_id, CurrentEnvironment()->host_id);
+  EXPECT_EQ(entry.host_id, records::CurrentEnvironment()->host_id);
   EXPECT_EQ(entry.request_id, "");
   EXPECT_GE(entry.time_us, before);
   EXPECT_LE(entry.time_us, NowUs());
@@ -107,10 +119,10 @@ TEST_F(ClusterLog, ClusterLog_Entry_HasUserTimeAndHost) {
   EXPECT_TRUE(test::CapturedSyslog().empty());
 }
 
-TEST_F(ClusterLog, LineOfARequest_NamesItsId) {
-  Environment environment = *CurrentEnvironment();
+TEST_F(ClusterLog, Log_DuringRequest_ContainsRequestId) {
+  records::Environment environment = *records::CurrentEnvironment();
   environment.request_id = OddRequestId;
-  InstallEnvironment(std::move(environment));
+  records::InstallEnvironment(std::move(environment));
   ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed.");
   const LogPage page = Require(ReadLog("", 10));
   ASSERT_EQ(page.entries.size(), 1u);
@@ -118,8 +130,8 @@ TEST_F(ClusterLog, LineOfARequest_NamesItsId) {
   EXPECT_EQ(page.entries[0].priority, 1);
 }
 
-TEST_F(ClusterLog, LinesOfARequest_AreSeenByItsLaterReads) {
-  const RequestScope scope;
+TEST_F(ClusterLog, Log_DuringRequest_IsVisibleToItsLaterReads) {
+  const records::RequestScope scope;
   EXPECT_TRUE(Require(ReadLog("", 10)).entries.empty());
   ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "One.");
   ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Two.");
@@ -129,7 +141,7 @@ TEST_F(ClusterLog, LinesOfARequest_AreSeenByItsLaterReads) {
   EXPECT_EQ(page.entries[1].text, "One.");
 }
 
-TEST_F(ClusterLog, SameMicrosecond_TakesTheNextFreeOne) {
+TEST_F(ClusterLog, Add_TimestampTaken_UsesNextMicrosecond) {
   Add(kNow, "a");
   Add(kNow, "b");
   Add(kNow + 3, "d");
@@ -140,13 +152,13 @@ TEST_F(ClusterLog, SameMicrosecond_TakesTheNextFreeOne) {
   EXPECT_EQ(page.entries[3].text, "a");
 }
 
-TEST_F(ClusterLog, OthersWereFirst_IsTriedAgain) {
+TEST_F(ClusterLog, Add_CommitConflicts_IsRetried) {
   host_.store().ConflictCommits(5);
   Add(kNow);
   EXPECT_EQ(Stored().size(), 1u);
 }
 
-TEST_F(ClusterLog, WritersOfTheSameMicrosecond_LoseNothing) {
+TEST_F(ClusterLog, Add_ConcurrentInSameMicrosecond_LosesNothing) {
   constexpr int kThreads = 4;
   constexpr int kEach = 25;
   std::vector<std::thread> threads;
@@ -161,7 +173,7 @@ TEST_F(ClusterLog, WritersOfTheSameMicrosecond_LoseNothing) {
   EXPECT_EQ(texts.size(), static_cast<std::size_t>(kThreads * kEach));
 }
 
-TEST_F(ClusterLog, TimeBefore1970_IsRefused) {
+TEST_F(ClusterLog, Add_TimeBefore1970_IsRefused) {
   LogEntry entry;
   entry.time_us = -1;
   const Status added = AddLogEntry(host_.store(), entry);
@@ -171,7 +183,7 @@ TEST_F(ClusterLog, TimeBefore1970_IsRefused) {
 
 // Bounds.
 
-TEST_F(ClusterLog, FullLog_LosesItsOldestEntry) {
+TEST_F(ClusterLog, Add_LogFull_RemovesOldestEntry) {
   Fill(kNow, static_cast<int>(kMaxLogEntries) - 1);
   Add(kNow + 20'000);
   EXPECT_EQ(Stored().size(), kMaxLogEntries);
@@ -183,7 +195,7 @@ TEST_F(ClusterLog, FullLog_LosesItsOldestEntry) {
   EXPECT_EQ(stored.back().first, KeyAt(kNow + 30'000));
 }
 
-TEST_F(ClusterLog, OverfullLog_ShrinksStepByStep) {
+TEST_F(ClusterLog, Add_LogOverfull_ShrinksStepByStep) {
   Fill(kNow, static_cast<int>(kMaxLogEntries) + 600);
   Add(kNow + 20'000);
   EXPECT_EQ(Stored().size(), kMaxLogEntries + 600 + 1 - 500);
@@ -191,7 +203,7 @@ TEST_F(ClusterLog, OverfullLog_ShrinksStepByStep) {
   EXPECT_EQ(Stored().size(), kMaxLogEntries);
 }
 
-TEST_F(ClusterLog, EntriesOlderThanAYear_GoWhenOneIsAdded) {
+TEST_F(ClusterLog, Add_EntriesOlderThanAYear_AreRemoved) {
   Add(kNow - kYearUs - 5'000'000);
   Add(kNow - kYearUs - 1);
   Add(kNow - kYearUs);
@@ -217,7 +229,7 @@ TEST_F(ClusterLog, ClusterLog_InvalidEntries_AreNeitherReturnedNorTrimmed) {
 
 // Hostile texts.
 
-TEST_F(ClusterLog, HostileTexts_AreKeptInBoundsAndInOneLine) {
+TEST_F(ClusterLog, Add_HostileTexts_AreBoundedAndOnOneLine) {
   const std::string bad("a\n\0\x1B[2J\xFF\xC2\x85\"\\", 12);
   for (const std::string& text : {bad, std::string(9000, '"'), std::string(9000, '\\'), std::string(1 << 20, 'x'),
                                   std::string(5000, '\n'), std::string(5000, '\xFF')}) {
@@ -243,7 +255,7 @@ TEST_F(ClusterLog, HostileTexts_AreKeptInBoundsAndInOneLine) {
   EXPECT_TRUE(test::CapturedSyslog().empty());
 }
 
-TEST_F(ClusterLog, LongText_KeepsItsBeginning) {
+TEST_F(ClusterLog, Add_LongText_KeepsItsBeginning) {
   Add(kNow, "begin " + std::string(9000, 'x'));
   const LogPage page = Require(ReadLog("", 1));
   ASSERT_EQ(page.entries.size(), 1u);
@@ -254,7 +266,7 @@ TEST_F(ClusterLog, LongText_KeepsItsBeginning) {
 
 // Reading.
 
-TEST_F(ClusterLog, Pages_GoFromNewToOld) {
+TEST_F(ClusterLog, Read_Pages_AreNewestFirst) {
   for (const int time : {30, 10, 50, 20, 40}) Add(time);
   LogPage page = Require(ReadLog("", 2));
   EXPECT_EQ(Times(page), (Timestamps{50, 40}));
@@ -268,13 +280,13 @@ TEST_F(ClusterLog, Pages_GoFromNewToOld) {
   EXPECT_EQ(Times(Require(ReadLog("", 0))), (Timestamps{60})) << "a page has one entry at least";
 }
 
-TEST_F(ClusterLog, EmptyLog_IsAnEmptyPage) {
+TEST_F(ClusterLog, Read_EmptyLog_IsAnEmptyPage) {
   const LogPage page = Require(ReadLog("", 10));
   EXPECT_TRUE(page.entries.empty());
   EXPECT_EQ(page.next, "");
 }
 
-TEST_F(ClusterLog, LargePages_AreCut) {
+TEST_F(ClusterLog, Read_LargePage_IsTruncated) {
   Fill(kNow, 1500);
   const LogPage page = Require(ReadLog("", 100'000));
   EXPECT_EQ(page.entries.size(), kMaxLogPage);
@@ -290,7 +302,7 @@ TEST_F(ClusterLog, ClusterLog_CursorOfTrimmedEntry_StaysValid) {
   EXPECT_EQ(Times(Require(ReadLog(page.next, 2))), (Timestamps{10}));
 }
 
-TEST_F(ClusterLog, StrangeCursors_AreRefused) {
+TEST_F(ClusterLog, Read_InvalidCursor_IsRefused) {
   const std::string good(20, '0');
   EXPECT_TRUE(ReadLog(good, 10).ok());
   for (const std::string& cursor : {std::string("x"), std::string("1"), good + "0", "../" + good.substr(3),
@@ -301,7 +313,7 @@ TEST_F(ClusterLog, StrangeCursors_AreRefused) {
   }
 }
 
-TEST_F(ClusterLog, DamagedEntries_AreLeftOut) {
+TEST_F(ClusterLog, Read_DamagedEntries_AreOmitted) {
   Add(10, "good");
   for (const auto& [time, text] : std::vector<std::pair<int, std::string>>{{20, "nonsense"}, {30, "[1]"}, {40, ""}}) {
     PutRaw(KeyAt(time), text);
@@ -320,7 +332,7 @@ TEST_F(ClusterLog, DamagedEntries_AreLeftOut) {
 
 // Following.
 
-TEST_F(ClusterLog, After_GoesFromOldToNew) {
+TEST_F(ClusterLog, ReadAfter_Cursor_ReturnsOldestFirst) {
   const auto times = [](std::int64_t after, std::size_t limit) {
     return Times({Require(ReadLogAfter(after, limit)), ""});
   };
@@ -334,7 +346,7 @@ TEST_F(ClusterLog, After_GoesFromOldToNew) {
   EXPECT_EQ(ReadLogAfter(-1, 10).error().code(), ErrorCode::kInvalid);
 }
 
-TEST_F(ClusterLog, AfterALargeLog_IsCut) {
+TEST_F(ClusterLog, ReadAfter_LargeLog_IsTruncated) {
   Fill(kNow, 1500);
   const auto first = Require(ReadLogAfter(0, 100'000));
   ASSERT_EQ(first.size(), kMaxLogPage);
@@ -355,7 +367,7 @@ TEST_F(ClusterLog, ClusterLog_DamagedEntries_AreSkipped) {
 
 // Failures.
 
-TEST_F(ClusterLog, CommitFails_IsALineInTheSystemLog) {
+TEST_F(ClusterLog, Add_CommitFails_IsInSystemLog) {
   host_.store().FailCommits();
   EXPECT_NO_THROW(ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed to start [%s].", "w\neb"));
   const auto lines = test::CapturedSyslog();
@@ -367,7 +379,7 @@ TEST_F(ClusterLog, CommitFails_IsALineInTheSystemLog) {
   EXPECT_TRUE(Stored().empty());
 }
 
-TEST_F(ClusterLog, StoreCannotBeRead_IsALineAndAnError) {
+TEST_F(ClusterLog, Read_StoreUnreadable_IsLoggedAndAnError) {
   host_.store().FailSnapshots();
   EXPECT_NO_THROW(ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed."));
   EXPECT_TRUE(test::SyslogContains("The cluster log cannot be written: "));
@@ -381,8 +393,8 @@ TEST_F(ClusterLog, ClusterLog_ConstantConflicts_GivesUpWithALogLine) {
   EXPECT_TRUE(test::SyslogContains("The cluster log cannot be written: "));
 }
 
-TEST_F(ClusterLog, NoEnvironment_IsALineAndAnError) {
-  RemoveEnvironment();
+TEST_F(ClusterLog, Read_NoEnvironment_FailsWithALogLine) {
+  records::RemoveEnvironment();
   EXPECT_NO_THROW(ClusterLogAdd("eve", CLOG_PRIORITY_FAILURE, "Failed."));
   EXPECT_TRUE(test::SyslogContains("The cluster log cannot be written: The cluster database is not open"));
   EXPECT_FALSE(ReadLog("", 10).ok());

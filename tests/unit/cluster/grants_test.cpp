@@ -1,19 +1,13 @@
 // Grants: what a change leaves in the record, whom it refuses, and what can be read of all records.
 #include "host/cluster/grants.h"
 
-#include <gmock/gmock.h>
-
 #include <thread>
 
+#include "tests/support/matchers.h"
 #include "tests/unit/cluster/account_store_fixture.h"
 
 namespace vexa::cluster {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr const char* kFirst = "6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55";
 constexpr const char* kSecond = "00000000-0000-4000-8000-00000000000a";
@@ -23,13 +17,15 @@ class Grants : public AccountStoreTest {
  protected:
   Grants() { Add("alice", {"staff"}, kAlice); }
 
-  GrantPrincipal Find(AccountKind kind, const PrincipalWord& word) const {
+  GrantPrincipal Find(records::AccountKind kind, const PrincipalNameOrId& word) const {
     return test::Require(FindPrincipal(accounts_, *store_, kind, word));
   }
-  GrantPrincipal Alice() const { return Find(AccountKind::kUser, "alice"); }
-  GrantPrincipal Staff() const { return Find(AccountKind::kGroup, "staff"); }
+  GrantPrincipal Alice() const { return Find(records::AccountKind::kUser, "alice"); }
+  GrantPrincipal Staff() const { return Find(records::AccountKind::kGroup, "staff"); }
   std::string RecordOfAlice() const { return Text(GrantsKey(kAlice)); }
-  static std::string GroupKey(std::uint32_t gid) { return GuestAdminKey(GuestAdminIdentifier(kGroupsKind, gid)); }
+  static std::string GroupKey(std::uint32_t gid) {
+    return records::GuestAdminKey(records::GuestAdminIdentifier(records::kGroupsKind, gid));
+  }
   AllGrants ReadAll() const { return test::Require(ReadAllGrants(*test::Require(real_->Read()))); }
 };
 
@@ -45,7 +41,7 @@ TEST_F(Grants, GrantAndRevoke_EditTheRecordAndKeepTheRest) {
   EXPECT_THAT(RecordOfAlice(), HasSubstr(R"("authlevel":"user")"));
 }
 
-TEST_F(Grants, IdsInUpperCase_AreThoseInLowerCase) {
+TEST_F(Grants, Grant_GuestIdInUpperCase_IsStoredInLowerCase) {
   const std::string upper = "6F1C2A0E-4A57-4F0C-8B2E-0D9B1F6F3C55";
   ASSERT_TRUE(GrantGuests(*store_, Alice(), {upper}).ok());
   EXPECT_EQ(RecordOfAlice(), std::string(R"({"authlevel":"user","guests":{")") + kFirst + R"(":true},"name":"alice"})");
@@ -55,25 +51,25 @@ TEST_F(Grants, IdsInUpperCase_AreThoseInLowerCase) {
   EXPECT_EQ(RecordOfAlice(), R"({"authlevel":"user","guests":{"g":true},"name":"alice"})");
 }
 
-TEST_F(Grants, GroupGrant_IsUnderTheGroupsId) {
+TEST_F(Grants, Grant_ToGroup_IsStoredUnderGroupId) {
   const GrantPrincipal staff = Staff();
   ASSERT_TRUE(GrantGuests(*store_, staff, {kFirst}).ok());
   EXPECT_THAT(Text(GroupKey(staff.id)), AllOf(HasSubstr(kFirst), HasSubstr(R"("name":"staff")")));
   EXPECT_EQ(RecordOfAlice(), "absent");
 }
 
-TEST_F(Grants, Principals_AreFoundByNameInAnyCaseAndById) {
-  const GrantPrincipal by_name = Find(AccountKind::kUser, "ALICE");
+TEST_F(Grants, Principals_ByNameInAnyCaseOrId_AreFound) {
+  const GrantPrincipal by_name = Find(records::AccountKind::kUser, "ALICE");
   EXPECT_EQ(by_name.name, "alice");
   EXPECT_EQ(by_name.id, kAlice);
-  EXPECT_EQ(Find(AccountKind::kUser, kAlice).name, "alice");
-  EXPECT_EQ(Find(AccountKind::kGroup, Staff().id).name, "staff");
-  EXPECT_EQ(CodeOf(FindPrincipal(accounts_, *store_, AccountKind::kUser, "staff")), ErrorCode::kNotFound);
-  EXPECT_EQ(CodeOf(FindPrincipal(accounts_, *store_, AccountKind::kGroup, kAlice)), ErrorCode::kNotFound);
+  EXPECT_EQ(Find(records::AccountKind::kUser, kAlice).name, "alice");
+  EXPECT_EQ(Find(records::AccountKind::kGroup, Staff().id).name, "staff");
+  EXPECT_EQ(CodeOf(FindPrincipal(accounts_, *store_, records::AccountKind::kUser, "staff")), ErrorCode::kNotFound);
+  EXPECT_EQ(CodeOf(FindPrincipal(accounts_, *store_, records::AccountKind::kGroup, kAlice)), ErrorCode::kNotFound);
 }
 
-TEST_F(Grants, PrincipalsOfTheMachine_AreFoundByNameAndById) {
-  for (const AccountKind kind : {AccountKind::kUser, AccountKind::kGroup}) {
+TEST_F(Grants, SystemPrincipals_ByNameOrId_AreFound) {
+  for (const records::AccountKind kind : {records::AccountKind::kUser, records::AccountKind::kGroup}) {
     const GrantPrincipal by_name = test::Require(FindSystemPrincipal(kind, "root"));
     EXPECT_EQ(by_name.id, 0U);
     EXPECT_EQ(test::Require(FindSystemPrincipal(kind, std::uint32_t{0})).name, "root");
@@ -85,8 +81,8 @@ TEST_F(Grants, PrincipalsOfTheMachine_AreFoundByNameAndById) {
 }
 
 // Directories have names that accounts of the store cannot have.
-TEST_F(Grants, NamesThatOnlyTheMachineCanHave_AreLookedUp) {
-  for (const AccountKind kind : {AccountKind::kUser, AccountKind::kGroup}) {
+TEST_F(Grants, SystemPrincipals_NamesInvalidForAccounts_AreLookedUp) {
+  for (const records::AccountKind kind : {records::AccountKind::kUser, records::AccountKind::kGroup}) {
     const auto found = FindSystemPrincipal(kind, "NO-SUCH-DOMAIN\\domain users");
     EXPECT_EQ(CodeOf(found), ErrorCode::kNotFound);
     EXPECT_THAT(found.error().ToString(), HasSubstr("'NO-SUCH-DOMAIN\\domain users'"));
@@ -96,7 +92,7 @@ TEST_F(Grants, NamesThatOnlyTheMachineCanHave_AreLookedUp) {
   }
 }
 
-TEST_F(Grants, RecordOfAnotherName_IsNotChangedAndCanBeDropped) {
+TEST_F(Grants, Grants_RecordOfOtherName_CannotBeChangedButDropped) {
   const char* text = R"({"authlevel":"user","guests":{"g":true},"name":"bob"})";
   Put(GrantsKey(kAlice), text);
   const GrantPrincipal alice = Alice();
@@ -106,9 +102,9 @@ TEST_F(Grants, RecordOfAnotherName_IsNotChangedAndCanBeDropped) {
     EXPECT_THAT(status.error().ToString(), AllOf(HasSubstr("'bob'"), HasSubstr("'alice'"), HasSubstr("drop-grants")));
   }
   EXPECT_EQ(RecordOfAlice(), text);
-  ASSERT_TRUE(DropGrants(*store_, AccountKind::kUser, kAlice).ok());
+  ASSERT_TRUE(DropGrants(*store_, records::AccountKind::kUser, kAlice).ok());
   EXPECT_EQ(RecordOfAlice(), "absent");
-  EXPECT_TRUE(DropGrants(*store_, AccountKind::kUser, kAlice).ok()) << "there is nothing left to drop";
+  EXPECT_TRUE(DropGrants(*store_, records::AccountKind::kUser, kAlice).ok()) << "there is nothing left to drop";
   EXPECT_TRUE(GrantGuests(*store_, alice, {kFirst}).ok());
 }
 
@@ -117,12 +113,13 @@ TEST_F(Grants, DamagedRecord_IsReportedAndNotOverwritten) {
     Put(GrantsKey(kAlice), text);
     EXPECT_EQ(CodeOf(GrantGuests(*store_, Alice(), {kFirst})), ErrorCode::kCorrupt) << text;
     EXPECT_EQ(RecordOfAlice(), text);
-    EXPECT_EQ(CodeOf(ReadGrants(*test::Require(real_->Read()), AccountKind::kUser, kAlice)), ErrorCode::kCorrupt);
+    EXPECT_EQ(CodeOf(ReadGrants(*test::Require(real_->Read()), records::AccountKind::kUser, kAlice)),
+              ErrorCode::kCorrupt);
     EXPECT_THAT(ReadAll().damaged, ElementsAre("users-1026"));
   }
 }
 
-TEST_F(Grants, PrincipalDeletedSinceTheLookUp_GetsNothing) {
+TEST_F(Grants, Grant_PrincipalDeletedSinceLookUp_IsRefused) {
   const GrantPrincipal alice = Alice();
   const GrantPrincipal staff = Staff();
   ASSERT_TRUE(accounts_.DeleteUser("alice").ok());
@@ -133,7 +130,7 @@ TEST_F(Grants, PrincipalDeletedSinceTheLookUp_GetsNothing) {
   EXPECT_EQ(Text(GroupKey(staff.id)), "absent");
 }
 
-TEST_F(Grants, ManyGrantAtTheSameTime_NoneIsLost) {
+TEST_F(Grants, Grant_Concurrent_NoneIsLost) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([this, i] {
@@ -148,19 +145,19 @@ TEST_F(Grants, ManyGrantAtTheSameTime_NoneIsLost) {
 
 TEST_F(Grants, Read_ReportsLevelGuestsAndName) {
   const auto snapshot = [this] { return test::Require(real_->Read()); };
-  EXPECT_FALSE(test::Require(ReadGrants(*snapshot(), AccountKind::kUser, kAlice)).has_value());
+  EXPECT_FALSE(test::Require(ReadGrants(*snapshot(), records::AccountKind::kUser, kAlice)).has_value());
   ASSERT_TRUE(GrantGuests(*store_, Alice(), {kFirst, kSecond}).ok());
   ASSERT_TRUE(SetGrantLevel(*store_, Staff(), GrantLevel::kAdvanced).ok());
-  const auto record = test::Require(ReadGrants(*snapshot(), AccountKind::kUser, kAlice));
+  const auto record = test::Require(ReadGrants(*snapshot(), records::AccountKind::kUser, kAlice));
   ASSERT_TRUE(record.has_value());
   EXPECT_EQ(record->name, "alice");
   EXPECT_EQ(record->level, GrantLevel::kUser);
   EXPECT_THAT(record->guest_ids, ElementsAre(kSecond, kFirst));
-  Put(GuestAdminKey("users-01026"), "{}");
+  Put(records::GuestAdminKey("users-01026"), "{}");
   const AllGrants all = ReadAll();
   ASSERT_EQ(all.records.size(), 2U);
   EXPECT_EQ(all.records[0].id, kAlice);
-  EXPECT_EQ(all.records[1].kind, AccountKind::kGroup);
+  EXPECT_EQ(all.records[1].kind, records::AccountKind::kGroup);
   EXPECT_EQ(all.records[1].level, GrantLevel::kAdvanced);
   EXPECT_THAT(all.records[1].guest_ids, IsEmpty());
   EXPECT_THAT(all.damaged, ElementsAre("users-01026"));
@@ -170,7 +167,7 @@ TEST_F(Grants, Grants_StoreUnreadable_IsAnError) {
   const GrantPrincipal alice = Alice();
   store_->FailSnapshots();
   EXPECT_FALSE(GrantGuests(*store_, alice, {kFirst}).ok());
-  EXPECT_FALSE(FindPrincipal(accounts_, *store_, AccountKind::kUser, "alice").ok());
+  EXPECT_FALSE(FindPrincipal(accounts_, *store_, records::AccountKind::kUser, "alice").ok());
   EXPECT_EQ(RecordOfAlice(), "absent");
 }
 
@@ -189,10 +186,10 @@ TEST_F(AccountGroups, List_HasMembersInOrderAndEmptyGroups) {
   EXPECT_THAT(shown, ElementsAre("administrators:", "crew:", "staff: alice bob", "users: alice bob"));
 }
 
-TEST_F(AccountGroups, Delete_TakesEmptyGroupsOnlyAndTheirGrantsWithThem) {
+TEST_F(AccountGroups, DeleteGroup_Empty_RemovesItsGrantsToo) {
   Add("bob", {"staff"});
-  const base::Group staff = test::Require(accounts_.FindGroup("staff"));
-  const std::string key = GuestAdminKey(GuestAdminIdentifier(kGroupsKind, staff.gid));
+  const accounts::Group staff = test::Require(accounts_.FindGroup("staff"));
+  const std::string key = records::GuestAdminKey(records::GuestAdminIdentifier(records::kGroupsKind, staff.gid));
   Put(key, R"({"guests":{"g":true},"name":"staff"})");
   const Status refused = accounts_.DeleteGroup("staff");
   EXPECT_EQ(CodeOf(refused), ErrorCode::kDenied);
@@ -207,17 +204,17 @@ TEST_F(AccountGroups, Delete_TakesEmptyGroupsOnlyAndTheirGrantsWithThem) {
   EXPECT_NE(test::Require(accounts_.FindGroup("staff")).gid, staff.gid) << "an id is given once";
 }
 
-TEST_F(AccountGroups, DeleteOfAGroupThatEveryClusterHas_IsRefused) {
+TEST_F(AccountGroups, DeleteGroup_BuiltIn_IsRefused) {
   Add("bob");
   for (const char* name : {"administrators", "users", "Users"}) {
     EXPECT_EQ(CodeOf(accounts_.DeleteGroup(name)), ErrorCode::kDenied) << name;
   }
 }
 
-TEST_F(AccountGroups, DeleteBesideADamagedUser_IsRefused) {
+TEST_F(AccountGroups, DeleteGroup_SomeUserDamaged_IsRefused) {
   Add("bob", {"staff"});
   ASSERT_TRUE(accounts_.SetGroups("bob", {}).ok());
-  Put(AccountKey(AccountKind::kUser, test::Require(accounts_.FindUser("bob")).uid), "[]");
+  Put(records::AccountKey(records::AccountKind::kUser, test::Require(accounts_.FindUser("bob")).uid), "[]");
   EXPECT_EQ(CodeOf(accounts_.DeleteGroup("staff")), ErrorCode::kCorrupt);
   EXPECT_EQ(CodeOf(accounts_.DeleteGroup("unknown")), ErrorCode::kCorrupt) << "its record may be the damaged one";
 }

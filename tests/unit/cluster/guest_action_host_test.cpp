@@ -41,7 +41,9 @@ class GuestActionHost : public testing::Test {
   }
   static std::vector<std::string> ClusterLog() {
     std::vector<std::string> texts;
-    for (const auto& entry : Require(vexa::cluster::ReadLog("", 100)).entries) texts.push_back(entry.text);
+    for (const auto& entry :
+         Require(vexa::cluster::ReadLog(Require(vexa::records::Reader::OpenCurrent()), "", 100)).entries)
+      texts.push_back(entry.text);
     return texts;
   }
 

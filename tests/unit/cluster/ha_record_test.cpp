@@ -11,7 +11,6 @@
 namespace vexa::cluster {
 namespace {
 
-using test::Parsed;
 using test::TestHost;
 using VexaCCC::HA_FAIL_REASON;
 using VexaCCC::haErrorGet;
@@ -101,7 +100,7 @@ TEST(HaInfo, HaInfo_Hosts_HaveLibraryFormat) {
     {"host_id":"b","ha_host_role":["recovery_host"]}]})"));
 }
 
-TEST(HaInfo, OddHosts_AreMadeHarmless) {
+TEST(HaInfo, HaInfo_UnexpectedHosts_AreSanitized) {
   const Json::Value none = Parsed(R"({"hosts":[]})");
   for (const char* group : {"{}", "null", "[]", "7", R"("x")", R"({"hosts":null})", R"({"hosts":{"a":{}}})",
                             R"({"hosts":[1,"a",null,[]]})"}) {

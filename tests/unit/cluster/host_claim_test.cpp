@@ -1,8 +1,6 @@
 // One running daemon per host id: who may claim it, and what a daemon that lost its claim can still do.
 #include "host/cluster/host_claim.h"
 
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +12,7 @@
 #include "host/records/object_edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
 
@@ -23,8 +22,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::system_clock;
-using test::Require;
-using ::testing::HasSubstr;
 
 constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr milliseconds kWindow{300};
@@ -55,21 +52,21 @@ class HostClaims : public testing::Test {
   }
   store::Revision RevisionOfStore() { return Require(host_.store().Read())->revision(); }
   void Change(const std::function<void(Json::Value&)>& change) {
-    const std::string key = HostClaimKey(kHost);
-    ASSERT_TRUE(CommitPlanned(host_.store(), [&]() -> Result<store::Transaction> {
-                  const auto snapshot = Require(host_.store().Read());
-                  StoredObject claim = Require(LoadObject(*snapshot, key));
-                  change(claim.record);
-                  store::Transaction transaction;
-                  PutObject(transaction, key, claim);
-                  return transaction;
-                }).ok());
+    const std::string key = records::HostClaimKey(kHost);
+    ASSERT_TRUE(
+        records::CommitWithRetry(host_.store(), [&](const records::Reader& reader) -> Result<store::Transaction> {
+          records::StoredObject claim = Require(records::LoadObject(reader, key));
+          change(claim.record);
+          store::Transaction transaction;
+          records::PutObject(transaction, key, claim);
+          return transaction;
+        }).ok());
   }
 
   test::TestHost host_;
 };
 
-TEST_F(HostClaims, RestartOnTheSameMachine_TakesTheNextNumberImmediately) {
+TEST_F(HostClaims, Take_RestartOnSameMachine_TakesNextNumberImmediately) {
   const auto first = Require(Take(Original()));
   EXPECT_EQ(first->incarnation(), 1u);
   PutSeen(seconds(0));
@@ -78,20 +75,20 @@ TEST_F(HostClaims, RestartOnTheSameMachine_TakesTheNextNumberImmediately) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, kWindow);
   EXPECT_EQ(second->incarnation(), 2u);
   EXPECT_EQ(second->booted(), 1u) << "the machine runs on";
-  EXPECT_EQ(*first->Look(), Standing::kLost);
+  EXPECT_EQ(*first->ReadClaimState(), ClaimState::kLost);
 }
 
-TEST_F(HostClaims, FullDisk_LeavesTheMachineItsClaim) {
+TEST_F(HostClaims, Take_CommitFails_KeepsExistingClaim) {
   (void)Require(Take(Original()));
   host_.store().FailCommits();
   const auto claim = Require(Take(Original()));
   EXPECT_EQ(claim->incarnation(), 1u);
-  EXPECT_EQ(*claim->Look(), Standing::kHeld);
+  EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kHeld);
   EXPECT_FALSE(Take({"4712-9.1", {}, "boot-1", "beta"}).ok());
 }
 
-TEST_F(HostClaims, Take_ClaimCreatedByRecovery_BelongsToNoMachine) {
-  (void)Require(host_.store().Commit({{}, {{HostClaimKey(kHost), R"({"incarnation":1})"}}}));
+TEST_F(HostClaims, Take_ClaimCreatedByRecovery_IsFree) {
+  (void)Require(host_.store().Commit({{}, {{records::HostClaimKey(kHost), R"({"incarnation":1})"}}}));
   EXPECT_EQ(Require(Take(Original()))->incarnation(), 2u);
 }
 
@@ -103,14 +100,14 @@ TEST_F(HostClaims, HostClaim_CardsUnreadable_KeepsStoredAddresses) {
   EXPECT_FALSE(Take({"4711-1.5", {"5254000000ff"}, "boot-2", "beta"}).ok());
 }
 
-TEST_F(HostClaims, SettleFenced_GuestTakenMeanwhile_StaysFenced) {
+TEST_F(HostClaims, Renew_GuestTakenMeanwhile_StaysFenced) {
   const auto claim = Require(Take(Original()));
-  Change([](Json::Value& record) { FenceClaim(record); });
-  (void)Require(host_.store().Commit({{}, {{FenceKey(kHost, "guest-2"), "{}"}}}));
+  Change([](Json::Value& record) { records::AdvanceIncarnation(record); });
+  (void)Require(host_.store().Commit({{}, {{records::FenceKey(kHost, "guest-2"), "{}"}}}));
   EXPECT_EQ(claim->Renew().error().code(), ErrorCode::kBusy);
-  EXPECT_EQ(*claim->Look(), Standing::kFenced);
+  EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kFenced);
   ASSERT_TRUE(claim->Release().ok());
-  EXPECT_EQ(*claim->Look(), Standing::kFenced) << "a stop settles nothing";
+  EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kFenced) << "a stop settles nothing";
 }
 
 struct CopyRow {
@@ -119,7 +116,7 @@ struct CopyRow {
   bool is_refused;
 };
 
-TEST_F(HostClaims, Copies_AreRefusedAndChangeNothing) {
+TEST_F(HostClaims, Take_ByCopy_IsRefusedAndChangesNothing) {
   const CopyRow rows[] = {
       {"a copied data folder", {"4712-9.1", {"525400000001"}, "boot-1", "beta"}, true},
       {"a copied disk in another machine", {"4711-1.5", {"5254000000ff"}, "boot-2", "beta"}, true},
@@ -132,17 +129,18 @@ TEST_F(HostClaims, Copies_AreRefusedAndChangeNothing) {
     const auto taken = Take(row.identity);
     EXPECT_EQ(!taken.ok(), row.is_refused) << row.what;
     if (!row.is_refused) continue;
-    EXPECT_EQ(taken.error().ToString(),
-              "The host id '" + std::string(kHost) +
-                  "' belongs to the machine 'alpha', and this data folder is a copy of its: remove the file 'host-id' "
-                  "from the data folder to join the cluster as a new host. If this machine has replaced that one, "
-                  "which is off for good, start vexad once with --take-host-id")
+    EXPECT_EQ(
+        taken.error().ToString(),
+        "The host id '" + std::string(kHost) +
+            "' belongs to the machine 'alpha', and this data folder is a copy of that machine's. Remove the file "
+            "'host-id' from the data folder to join the cluster as a new host. If this machine has replaced that one, "
+            "which is off for good, start vexad once with --take-host-id")
         << row.what;
     EXPECT_EQ(RevisionOfStore(), before) << row.what;
   }
 }
 
-TEST_F(HostClaims, Take_MachineRestarted_WaitsForSignOfLife) {
+TEST_F(HostClaims, Take_MachineRestarted_WaitsForHeartbeat) {
   (void)Require(Take(Original()));
   ClaimIdentity restarted = Original();
   restarted.boot = "boot-2";
@@ -153,7 +151,7 @@ TEST_F(HostClaims, Take_MachineRestarted_WaitsForSignOfLife) {
   EXPECT_EQ(claim->booted(), claim->incarnation());
 }
 
-TEST_F(HostClaims, SignOfLifeWhileAnotherWaits_RefusesIt) {
+TEST_F(HostClaims, Take_OwnerHeartbeatDuringWait_IsRefused) {
   (void)Require(Take(Original()));
   PutSeen(seconds(1));
   std::thread alive([&] {
@@ -162,16 +160,17 @@ TEST_F(HostClaims, SignOfLifeWhileAnotherWaits_RefusesIt) {
   });
   ClaimIdentity twin = Original();
   twin.boot = "boot-2";
-  EXPECT_EQ(ReasonOf(twin), "Another vexad on the machine 'alpha' has the host id '" + std::string(kHost) +
-                                "' and gives signs of life: stop it first, or remove the file 'host-id' from the data "
-                                "folder to join the cluster as a new host");
+  EXPECT_EQ(ReasonOf(twin),
+            "Another vexad on the machine 'alpha' holds the host id '" + std::string(kHost) +
+                "' and still sends heartbeats. Stop it first, or remove the file 'host-id' from the data "
+                "folder to join the cluster as a new host");
   alive.join();
 }
 
-TEST_F(HostClaims, NoRecentLifeOrAProperStop_NeedNoWait) {
+TEST_F(HostClaims, Claim_OwnerSilentOrStopped_NeedsNoWait) {
   ClaimIdentity restarted = Original();
   (void)Require(Take(Original()));
-  PutSeen(kPresenceWindow + seconds(2));
+  PutSeen(records::kHeartbeatTimeout + seconds(2));
   restarted.boot = "boot-2";
   const auto begin = std::chrono::steady_clock::now();
   const auto second = Require(Take(restarted));
@@ -182,37 +181,39 @@ TEST_F(HostClaims, NoRecentLifeOrAProperStop_NeedNoWait) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, kWindow);
 }
 
-TEST_F(HostClaims, Administrator_GivesTheIdToAnotherMachine) {
+TEST_F(HostClaims, Take_Forced_MovesIdToOtherMachine) {
   const auto original = Require(Take(Original()));
   const auto claim = Require(Take({"1-1", {"5254000000ff"}, "boot-9", "beta"}, true));
   EXPECT_EQ(claim->incarnation(), 2u);
-  EXPECT_EQ(*original->Look(), Standing::kLost);
+  EXPECT_EQ(*original->ReadClaimState(), ClaimState::kLost);
   EXPECT_EQ(original->Renew().error().code(), ErrorCode::kDenied);
   EXPECT_THAT(ReasonOf(Original()), HasSubstr("belongs to the machine 'beta'"));
 }
 
-TEST_F(HostClaims, ForgottenHost_StartsOnlyWithConsent) {
+TEST_F(HostClaims, Take_HostForgotten_NeedsConsent) {
   const auto claim = Require(Take(Original()));
-  Change([](Json::Value& record) { ForgetClaim(record, {"alice", system_clock::time_point(seconds(1'800'000'000))}); });
-  EXPECT_EQ(*claim->Look(), Standing::kLost);
+  Change([](Json::Value& record) {
+    records::ForgetClaim(record, {"alice", system_clock::time_point(seconds(1'800'000'000))});
+  });
+  EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kLost);
   EXPECT_EQ(ReasonOf(Original()),
             "This host, '" + std::string(kHost) +
-                "', was removed from the cluster by alice at 2027-01-15T08:00:00Z: remove the file 'host-id' from the "
+                "', was removed from the cluster by alice at 2027-01-15T08:00:00Z. Remove the file 'host-id' from the "
                 "data folder to join as a new host, or start vexad once with --take-host-id to come back as this one");
   const auto back = Require(Take(Original(), true));
   EXPECT_EQ(back->incarnation(), 3u);
-  EXPECT_EQ(*back->Look(), Standing::kHeld);
+  EXPECT_EQ(*back->ReadClaimState(), ClaimState::kHeld);
 }
 
-TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
+TEST_F(HostClaims, Commit_Fenced_IsRefusedUntilRenewed) {
   const auto claim = Require(Take(Original()));
-  EXPECT_EQ(*claim->Look(), Standing::kHeld);
+  EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kHeld);
   EXPECT_TRUE(host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "1"}}}).ok());
-  Change([](Json::Value& record) { EXPECT_EQ(FenceClaim(record), 2u); });
-  EXPECT_EQ(*claim->Look(), Standing::kFenced);
+  Change([](Json::Value& record) { EXPECT_EQ(records::AdvanceIncarnation(record), 2u); });
+  EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kFenced);
   EXPECT_EQ(
       claim->Check().error().ToString(),
-      "Other hosts considered this host gone meanwhile, and it has not yet settled which guests were taken from it");
+      "Other hosts considered this host gone meanwhile, and it has not yet stopped the guests that were taken from it");
   const auto committed = host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "2"}}});
   ASSERT_FALSE(committed.ok());
   EXPECT_EQ(committed.error().code(), ErrorCode::kConflict);
@@ -221,8 +222,8 @@ TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   for (const Status& written :
        {RegisterHost(host_.store(), facts, system_clock::now(), claim.get()),
         UpdateHost(host_.store(), facts, {system_clock::now(), system_clock::now()}, claim.get()),
-        TouchHost(host_.store(), kHost, system_clock::now(), "", claim.get()),
-        LeaveHost(host_.store(), kHost, claim.get())}) {
+        WriteHeartbeat(host_.store(), kHost, system_clock::now(), "", claim.get()),
+        SignOffHost(host_.store(), kHost, claim.get())}) {
     ASSERT_FALSE(written.ok());
     EXPECT_EQ(written.error().code(), ErrorCode::kDenied);
   }
@@ -232,14 +233,14 @@ TEST_F(HostClaims, FencedDaemon_CommitsNothingUntilItHasRenewed) {
   EXPECT_TRUE(host_.store().Commit({.compares = {claim->Guard()}, .operations = {{"/x", "3"}}}).ok());
 }
 
-TEST_F(HostClaims, Presence_SettlesBeforeItShowsTheHostAgain) {
+TEST_F(HostClaims, Heartbeat_FencedGuestsLeft_IsWrittenOnceTheyAreStopped) {
   std::shared_ptr<HostClaim> claim = Require(Take(Original()));
-  std::atomic<bool> may_settle = false;
+  std::atomic<bool> may_finish = false;
   std::atomic<int> lost = 0;
-  PresenceOptions options;
+  HeartbeatOptions options;
   options.interval = milliseconds(5);
   options.claim = claim;
-  options.settle_fenced = [&] { return may_settle.load(); };
+  options.stop_fenced_guests = [&] { return may_finish.load(); };
   options.on_lost = [&](const std::string&) { ++lost; };
   const auto gather = [] {
     HostFacts facts;
@@ -257,15 +258,15 @@ TEST_F(HostClaims, Presence_SettlesBeforeItShowsTheHostAgain) {
     return holds();
   };
   {
-    const HostPresence presence(std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {}), gather, options);
-    Change([](Json::Value& record) { FenceClaim(record); });
+    const HostHeartbeat heartbeat(std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {}), gather, options);
+    Change([](Json::Value& record) { records::AdvanceIncarnation(record); });
     std::this_thread::sleep_for(milliseconds(50));  // a renewal that has begun may still come
     const store::Revision before = seen();
     std::this_thread::sleep_for(milliseconds(50));
     EXPECT_EQ(seen(), before);
-    may_settle = true;
+    may_finish = true;
     EXPECT_TRUE(await([&] { return seen() > before; }));
-    EXPECT_EQ(*claim->Look(), Standing::kHeld);
+    EXPECT_EQ(*claim->ReadClaimState(), ClaimState::kHeld);
     EXPECT_EQ(lost, 0);
     Change([](Json::Value& record) { record["token"] = "somebody else's"; });
     EXPECT_TRUE(await([&] { return lost == 1; }));
@@ -274,15 +275,15 @@ TEST_F(HostClaims, Presence_SettlesBeforeItShowsTheHostAgain) {
   EXPECT_EQ(lost, 1);
 }
 
-TEST(HostPlace, File_KeepsItThroughARenameAndACopyHasAnother) {
+TEST(HostPlace, PlaceIdentity_FileRenamed_IsKeptAndCopyDiffers) {
   const test::TempDir folder;
   std::ofstream(folder.File("a")) << "x";
-  const std::string place = Require(PlaceOf(folder.File("a")));
+  const std::string place = Require(FileInstanceId(folder.File("a")));
   std::filesystem::copy_file(folder.File("a"), folder.File("b"));
-  EXPECT_NE(Require(PlaceOf(folder.File("b"))), place);
+  EXPECT_NE(Require(FileInstanceId(folder.File("b"))), place);
   std::filesystem::rename(folder.File("a"), folder.File("c"));
-  EXPECT_EQ(Require(PlaceOf(folder.File("c"))), place);
-  EXPECT_FALSE(PlaceOf(folder.File("a")).ok());
+  EXPECT_EQ(Require(FileInstanceId(folder.File("c"))), place);
+  EXPECT_FALSE(FileInstanceId(folder.File("a")).ok());
   EXPECT_FALSE(BootId().empty());
 }
 

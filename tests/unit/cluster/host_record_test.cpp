@@ -20,15 +20,10 @@ namespace vexa::cluster {
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
-using std::chrono::system_clock;
-using test::Parsed;
 using test::TestHost;
-using VexaCCC::DB::Dashboard;
-using VexaCCC::DB::DashCate;
 
 constexpr const char* kHost = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
-const system_clock::time_point kNow{seconds(1'800'000'000)};
+const std::chrono::system_clock::time_point kNow{std::chrono::seconds(1'800'000'000)};
 
 HostFacts Facts() {
   HostFacts facts;
@@ -46,7 +41,7 @@ HostFacts Facts() {
 
 // As it is stored: what readers are shown depends on the clock.
 Json::Value Read(const std::string& key) {
-  const auto snapshot = CurrentEnvironment()->store->Read();
+  const auto snapshot = records::CurrentEnvironment()->store->Read();
   const auto value = (*snapshot)->Get(store::MakeKey({"dash", "host", kHost}) + "/" + key);
   EXPECT_TRUE(value.ok() && value->has_value()) << key;
   return value.ok() && value->has_value() ? Parsed(std::string((*value)->text)) : Json::Value();
@@ -68,7 +63,7 @@ TEST(HostRecord, Registration_WritesWhatOthersRead) {
   EXPECT_EQ(Read("object"), expected);
   EXPECT_EQ(Read("seen"), Parsed(R"({"time":1800000000})"));
   std::vector<std::string> nics;
-  ASSERT_EQ(Dashboard(DashCate::Host, kHost).Ls(nics, "nics"), 0);
+  ASSERT_EQ(VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, kHost).Ls(nics, "nics"), 0);
   EXPECT_EQ(nics, std::vector<std::string>{"nic-1"});
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"}), Parsed(R"({"name":"eth0","mac_address":"02:00:00:00:00:01"})"));
 }
@@ -90,8 +85,8 @@ TEST(HostRecord, Registration_KeepsWhatOthersWrote) {
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "gone"})["name"], "eth9");
 }
 
-// The address of an earlier start would send other hosts to a port that nobody, or somebody else, listens on.
-TEST(HostRecord, StartWithoutAClusterAddress_RemovesTheOldOne) {
+// The address of an earlier start would send other hosts to a port that nothing, or another program, listens on.
+TEST(HostRecord, Registration_NoClusterAddress_RemovesOldOne) {
   TestHost host;
   ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
   HostFacts facts = Facts();
@@ -110,7 +105,7 @@ TEST(HostRecord, Update_KeepsTheStartAndStatesOfOthers) {
     host.Put("host", kHost, record);
     HostFacts facts = Facts();
     facts.addresses = {"192.0.2.7"};
-    ASSERT_TRUE(UpdateHost(host.store(), facts, {kNow, kNow + seconds(60)}).ok());
+    ASSERT_TRUE(UpdateHost(host.store(), facts, {kNow, kNow + std::chrono::seconds(60)}).ok());
     EXPECT_EQ(Read("object")["addresses"], Parsed(R"(["192.0.2.7"])"));
     EXPECT_EQ(Read("object")["state"], after);
     EXPECT_EQ(Read("object")["started"], 1'800'000'000);
@@ -118,27 +113,27 @@ TEST(HostRecord, Update_KeepsTheStartAndStatesOfOthers) {
   }
 }
 
-TEST(HostRecord, DamagedRecord_IsNotOverwritten) {
+TEST(HostRecord, Registration_DamagedRecord_IsNotOverwritten) {
   TestHost host;
   for (const char* text : {"damaged", "[]", "7"}) {
     host.PutText("host", kHost, text);
     EXPECT_EQ(RegisterHost(host.store(), Facts(), kNow).error().code(), ErrorCode::kCorrupt) << text;
-    EXPECT_EQ(LeaveHost(host.store(), kHost).error().code(), ErrorCode::kCorrupt) << text;
+    EXPECT_EQ(SignOffHost(host.store(), kHost).error().code(), ErrorCode::kCorrupt) << text;
   }
 }
 
-TEST(HostRecord, HostileTexts_StayInTheirPlace) {
+TEST(HostRecord, Registration_HostileTexts_AreStoredAsValues) {
   TestHost host;
   HostFacts facts = Facts();
   facts.nics = {{"../../guest/x", "a\"b\n", "%s"}};
   ASSERT_TRUE(RegisterHost(host.store(), facts, kNow).ok());
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "../../guest/x"})["name"], "a\"b\n");
   std::vector<std::string> guests;
-  EXPECT_EQ(DashCate::Guest.List(guests), 0);
+  EXPECT_EQ(VexaCCC::DB::DashCate::Guest.List(guests), 0);
   EXPECT_TRUE(guests.empty());
 }
 
-TEST(HostRecord, OthersWriteAtTheSameTime_NothingIsLost) {
+TEST(HostRecord, Update_ConcurrentWriters_LoseNothing) {
   TestHost host;
   ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
   const std::string key = TestHost::ObjectKey("host", kHost);
@@ -159,7 +154,7 @@ TEST(HostRecord, OthersWriteAtTheSameTime_NothingIsLost) {
   });
   for (int i = 0; i < 20; ++i) {
     EXPECT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
-    EXPECT_TRUE(LeaveHost(host.store(), kHost).ok());
+    EXPECT_TRUE(SignOffHost(host.store(), kHost).ok());
   }
   stop = true;
   other.join();
@@ -168,35 +163,35 @@ TEST(HostRecord, OthersWriteAtTheSameTime_NothingIsLost) {
 
 TEST(HostRecord, Touch_ChangesOnlySeenUnlessTheStateIsWrong) {
   TestHost host;
-  EXPECT_EQ(TouchHost(host.store(), kHost, kNow).error().code(), ErrorCode::kNotFound);
+  EXPECT_EQ(WriteHeartbeat(host.store(), kHost, kNow).error().code(), ErrorCode::kNotFound);
   ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
   const std::string key = TestHost::ObjectKey("host", kHost);
   const store::Revision before = RevisionOf(host, key);
-  ASSERT_TRUE(TouchHost(host.store(), kHost, kNow + seconds(10)).ok());
+  ASSERT_TRUE(WriteHeartbeat(host.store(), kHost, kNow + std::chrono::seconds(10)).ok());
   EXPECT_EQ(Read("seen")["time"], 1'800'000'010);
   EXPECT_EQ(RevisionOf(host, key), before);
-  ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());
+  ASSERT_TRUE(SignOffHost(host.store(), kHost).ok());
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::inaccessible);
   const store::Revision left = RevisionOf(host, key);
-  ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());
+  ASSERT_TRUE(SignOffHost(host.store(), kHost).ok());
   EXPECT_EQ(RevisionOf(host, key), left) << "nothing to do";
-  ASSERT_TRUE(TouchHost(host.store(), kHost, kNow).ok());
+  ASSERT_TRUE(WriteHeartbeat(host.store(), kHost, kNow).ok());
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running);
 }
 
 TEST(HostRecord, TouchHost_StateSetElsewhere_IsKept) {
   TestHost host;
   host.Put("host", kHost, Parsed(std::string(R"({"state":")") + VexaCCC::State::Host::network_warn + "\"}"));
-  ASSERT_TRUE(TouchHost(host.store(), kHost, kNow).ok());
+  ASSERT_TRUE(WriteHeartbeat(host.store(), kHost, kNow).ok());
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::network_warn);
 }
 
-TEST(HostPresence, Life_IsSeenAndItsEndToo) {
+TEST(HostHeartbeat, StartAndStop_AreRecorded) {
   TestHost host;
   {
-    const HostPresence presence(CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
+    const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
     EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running) << "immediately";
-    ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());  // somebody thought that it was gone
+    ASSERT_TRUE(SignOffHost(host.store(), kHost).ok());  // another host considered it gone
     for (int i = 0; i < 4000 && Read("object")["state"] != VexaCCC::State::Host::running; ++i) {
       std::this_thread::sleep_for(milliseconds(5));
     }
@@ -205,13 +200,14 @@ TEST(HostPresence, Life_IsSeenAndItsEndToo) {
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::inaccessible);
 }
 
-TEST(HostPresence, UnreadableStoreAtTheStart_IsTriedAgain) {
+TEST(HostHeartbeat, Start_StoreUnreadable_IsRetried) {
   TestHost host;
   host.store().FailSnapshots();
-  const HostPresence presence(CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, Facts, {.interval = milliseconds(5)});
   host.store().Heal();
   Json::Value record;
-  for (int i = 0; i < 4000 && Dashboard(DashCate::Host, kHost).Get(record, "object") != 0; ++i) {
+  for (int i = 0; i < 4000 && VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Host, kHost).Get(record, "object") != 0;
+       ++i) {
     std::this_thread::sleep_for(milliseconds(5));
   }
   EXPECT_EQ(record["name"], "one");
@@ -247,14 +243,14 @@ class ChangingFacts {
   int gathered_ = 0;
 };
 
-TEST(HostPresence, HostRecord_WronglyInaccessible_RestoresOwnState) {
+TEST(HostHeartbeat, HostRecord_WronglyInaccessible_RestoresOwnState) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   facts.Change([](HostFacts& all) { all.state = VexaCCC::State::Host::control_unavail; });
   facts.Await();
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::control_unavail);
-  ASSERT_TRUE(LeaveHost(host.store(), kHost).ok());
+  ASSERT_TRUE(SignOffHost(host.store(), kHost).ok());
   facts.Await();
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::control_unavail);
   facts.Change([](HostFacts& all) { all.state = VexaCCC::State::Host::running; });
@@ -262,10 +258,10 @@ TEST(HostPresence, HostRecord_WronglyInaccessible_RestoresOwnState) {
   EXPECT_EQ(Read("object")["state"], VexaCCC::State::Host::running);
 }
 
-TEST(HostPresence, ChangedFacts_AreWritten) {
+TEST(HostHeartbeat, Update_FactsChanged_AreWritten) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   const Json::Value started = Read("object")["started"];
   facts.Change([](HostFacts& all) {
     all.name = "two";
@@ -289,10 +285,10 @@ TEST(HostPresence, ChangedFacts_AreWritten) {
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-2"})["name"], "lan1");
 }
 
-TEST(HostPresence, NothingNew_LeavesTheRecordAlone) {
+TEST(HostHeartbeat, Update_NothingNew_LeavesRecordUnchanged) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   const store::Revision before = RevisionOf(host, TestHost::ObjectKey("host", kHost));
   const store::Revision seen = RevisionOf(host, std::string("/dash/host/") + kHost + "/seen");
   facts.Await();
@@ -309,20 +305,20 @@ TEST(HostPresence, NothingNew_LeavesTheRecordAlone) {
   EXPECT_GT(RevisionOf(host, std::string("/dash/host/") + kHost + "/seen"), seen);
 }
 
-TEST(HostPresence, ClockThatBecomesKnown_IsWritten) {
+TEST(HostHeartbeat, Update_CpuClockBecomesKnown_IsWritten) {
   TestHost host;
   ChangingFacts facts;
   facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 0; });
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   facts.Change([](HostFacts& all) { all.cpu_clock_mhz = 2400; });
   facts.Await();
   EXPECT_EQ(Read("object")["cpu_clock_speed"], 2400.0);
 }
 
-TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
+TEST(HostHeartbeat, Update_RecordMissing_IsWrittenAgain) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   const Json::Value before = Read("object");
   const std::string nic = std::string("/dash/host/") + kHost + "/nics/nic-1";
   ASSERT_TRUE(
@@ -332,10 +328,10 @@ TEST(HostPresence, RecordThatHasGone_IsWrittenAgain) {
   EXPECT_EQ(Read(VexaETCD::Path{"nics", "nic-1"})["name"], "eth0");
 }
 
-TEST(HostPresence, HostRecord_WriteFails_IsRetried) {
+TEST(HostHeartbeat, HostRecord_WriteFails_IsRetried) {
   TestHost host;
   ChangingFacts facts;
-  const HostPresence presence(CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
+  const HostHeartbeat heartbeat(records::CurrentEnvironment()->store, facts.gather(), {.interval = milliseconds(1)});
   host.store().FailCommits();
   facts.Change([](HostFacts& all) { all.addresses.clear(); });
   facts.Await();
@@ -346,15 +342,15 @@ TEST(HostPresence, HostRecord_WriteFails_IsRetried) {
 
 std::string MacOf(const std::string& name) { return name == "eth0" || name == "renamed0" ? "020000000001" : ""; }
 
-TEST(HostFacts, NicIds_SurviveARestartAndANewName) {
+TEST(HostFacts, NicIds_RestartedOrRenamed_AreKept) {
   test::ScriptedMachine files;
   files.MakeFolder("/sys/class/net/eth0/device");
   files.MakeFolder("/sys/class/net/eth1/device");
   const auto addresses = [] {
-    return std::vector<services::InterfaceAddress>{{"eth0", "192.0.2.1", "255.0.0.0", false},
-                                                   {"docker0", "172.17.0.1", "255.0.0.0", false}};
+    return std::vector<machine::InterfaceAddress>{{"eth0", "192.0.2.1", "255.0.0.0", false},
+                                                  {"docker0", "172.17.0.1", "255.0.0.0", false}};
   };
-  const auto gather = [&] { return services::GatherHostFacts(kHost, "1.0", files.machine(), addresses, MacOf); };
+  const auto gather = [&] { return machine::GatherHostFacts(kHost, "1.0", files.machine(), addresses, MacOf); };
   const HostFacts first = gather();
   ASSERT_EQ(first.nics.size(), 2u);
   EXPECT_TRUE(VexaCCC::Utils::isUUID(first.nics[0].id));
@@ -366,26 +362,26 @@ TEST(HostFacts, NicIds_SurviveARestartAndANewName) {
   const HostFacts renamed = gather();
   EXPECT_EQ(renamed.nics[1].name, "renamed0");
   EXPECT_EQ(renamed.nics[1].id, first.nics[0].id);
-  EXPECT_NE(services::NicId(kHost, "eth0"), services::NicId("another", "eth0"));
+  EXPECT_NE(machine::NicId(kHost, "eth0"), machine::NicId("another", "eth0"));
 }
 
-TEST(HostFacts, PortsWithOneAddress_HaveDifferentIds) {
+TEST(HostFacts, NicIds_PortsWithSameAddress_AreDifferent) {
   test::ScriptedMachine files;
   files.MakeFolder("/sys/class/net/eth0/device");
   files.MakeFolder("/sys/class/net/renamed0/device");
-  const HostFacts facts = services::GatherHostFacts(
-      kHost, "1.0", files.machine(), [] { return std::vector<services::InterfaceAddress>(); }, MacOf);
+  const HostFacts facts = machine::GatherHostFacts(
+      kHost, "1.0", files.machine(), [] { return std::vector<machine::InterfaceAddress>(); }, MacOf);
   ASSERT_EQ(facts.nics.size(), 2u);
   EXPECT_NE(facts.nics[0].id, facts.nics[1].id);
 }
 
-TEST(HostFacts, RealMachine_HasFiguresAndStableIds) {
-  const HostFacts facts = services::GatherHostFacts(kHost, "1.0", services::Machine());
+TEST(HostFacts, Facts_RealMachine_HaveFiguresAndStableIds) {
+  const HostFacts facts = machine::GatherHostFacts(kHost, "1.0", machine::Machine());
   EXPECT_FALSE(facts.name.empty());
   EXPECT_GT(facts.cpu_cores, 0);
   EXPECT_GT(facts.ram_kib, 0u);
   ASSERT_FALSE(facts.nics.empty());
-  const HostFacts again = services::GatherHostFacts(kHost, "1.0", services::Machine());
+  const HostFacts again = machine::GatherHostFacts(kHost, "1.0", machine::Machine());
   ASSERT_EQ(again.nics.size(), facts.nics.size());
   for (std::size_t i = 0; i < facts.nics.size(); ++i) EXPECT_EQ(again.nics[i].id, facts.nics[i].id);
 }

@@ -19,7 +19,7 @@ using test::TestHost;
 using Map = std::map<std::string, std::string>;
 namespace states = VexaCCC::State::Version;
 
-std::string Judge(const std::string& version, const std::string& highest) {
+std::string StateOfVersion(const std::string& version, const std::string& highest) {
   return VersionStates({{"host", {version, {}}}, {"other", {highest, {}}}})["host"];
 }
 
@@ -50,15 +50,15 @@ TEST(Version, Text_IsThreeNumbers) {
 }
 
 TEST(Version, State_ComparesWithTheHighest) {
-  EXPECT_EQ(Judge("2.3.4", "2.3.4"), states::version_matched);
-  EXPECT_EQ(Judge("2.3.4", "1.9.9"), states::version_matched) << "it is the highest";
-  EXPECT_EQ(Judge("1.9.9", "2.0.0"), states::upgrade_required);
-  EXPECT_EQ(Judge("2.3.4", "2.10.0"), states::upgrade_suggested) << "numbers, not texts";
-  EXPECT_EQ(Judge("2.10.0", "2.9.9"), states::version_matched);
-  EXPECT_EQ(Judge("2.3.4", "2.3.10"), states::package_upgrade_suggested);
-  EXPECT_EQ(Judge("", "2.3.4"), states::unknown);
-  EXPECT_EQ(Judge("2.3", "2.3.4"), states::unknown);
-  EXPECT_EQ(Judge("2.3.4", "9.9"), states::version_matched) << "an unreadable one is not the highest";
+  EXPECT_EQ(StateOfVersion("2.3.4", "2.3.4"), states::version_matched);
+  EXPECT_EQ(StateOfVersion("2.3.4", "1.9.9"), states::version_matched) << "it is the highest";
+  EXPECT_EQ(StateOfVersion("1.9.9", "2.0.0"), states::upgrade_required);
+  EXPECT_EQ(StateOfVersion("2.3.4", "2.10.0"), states::upgrade_suggested) << "numbers, not texts";
+  EXPECT_EQ(StateOfVersion("2.10.0", "2.9.9"), states::version_matched);
+  EXPECT_EQ(StateOfVersion("2.3.4", "2.3.10"), states::package_upgrade_suggested);
+  EXPECT_EQ(StateOfVersion("", "2.3.4"), states::unknown);
+  EXPECT_EQ(StateOfVersion("2.3", "2.3.4"), states::unknown);
+  EXPECT_EQ(StateOfVersion("2.3.4", "9.9"), states::version_matched) << "an unreadable one is not the highest";
 }
 
 TEST(Version, Versions_PackageAndHost_MoreUrgentWins) {
@@ -97,14 +97,14 @@ class HostVersionStates : public testing::Test {
   Map reachable_{{"before", "x"}};
 };
 
-TEST_F(HostVersionStates, NoHosts_GiveEmptyMaps) {
+TEST_F(HostVersionStates, Versions_NoHosts_AreEmptyMaps) {
   Ask();
   EXPECT_EQ(result_, 0);
   EXPECT_TRUE(all_.empty());
   EXPECT_TRUE(reachable_.empty());
 }
 
-TEST_F(HostVersionStates, RegisteredHost_IsMatchedAndReachableUntilItLeaves) {
+TEST_F(HostVersionStates, Versions_RegisteredHost_IsReachableUntilItStops) {
   HostFacts facts;
   facts.host_id = "a";
   facts.version = "0.1.0";
@@ -113,17 +113,17 @@ TEST_F(HostVersionStates, RegisteredHost_IsMatchedAndReachableUntilItLeaves) {
   EXPECT_EQ(result_, 0);
   EXPECT_EQ(all_, (Map{{"a", states::version_matched}}));
   EXPECT_EQ(reachable_, all_);
-  ASSERT_TRUE(LeaveHost(host_.store(), "a").ok());
+  ASSERT_TRUE(SignOffHost(host_.store(), "a").ok());
   Ask();
   EXPECT_EQ(all_.size(), 1u);
   EXPECT_TRUE(reachable_.empty());
 }
 
-TEST_F(HostVersionStates, Reachable_NeedsAStateAndAFreshSign) {
+TEST_F(HostVersionStates, Reachable_NoStateOrOldHeartbeat_IsFalse) {
   const std::string up = R"({"state":"host_running","version":"1.0.0"})";
-  AddHost("fresh", up, kPresenceWindow - seconds(2));
+  AddHost("fresh", up, records::kHeartbeatTimeout - seconds(2));
   AddHost("warn", R"({"state":"host_network_warn","version":"1.0.0"})");
-  AddHost("old", up, kPresenceWindow + seconds(2));
+  AddHost("old", up, records::kHeartbeatTimeout + seconds(2));
   AddHost("ahead", up, seconds(-3600));
   AddHost("left", R"({"state":"host_inaccessible","version":"1.0.0"})");
   AddHost("stateless", R"({"version":"1.0.0"})");
@@ -159,7 +159,7 @@ TEST_F(HostVersionStates, Versions_RecordsWithoutVersion_AreUnknown) {
   EXPECT_FALSE(reachable_.contains("damaged"));
 }
 
-TEST_F(HostVersionStates, UnreadableDatabase_FailsWithEmptyMaps) {
+TEST_F(HostVersionStates, Versions_DatabaseUnreadable_FailsWithEmptyMaps) {
   AddHost("a", R"({"state":"host_running","version":"1.0.0"})");
   const std::string keys[] = {"/dash/host", TestHost::ObjectKey("host", "a"), "/dash/host/a/seen"};
   for (const std::string& key : keys) {
@@ -184,11 +184,11 @@ TEST(Version, DifferentMajorNumbers_AreIncompatible) {
   EXPECT_FALSE(AreIncompatible({"1.0.0", "", "2.0"})) << "what cannot be read is not a version";
 }
 
-TEST_F(HostVersionStates, HostsOfDifferentMajorVersions_FreezeTheClusterUnlessGone) {
+TEST_F(HostVersionStates, Cluster_DifferentMajorVersions_IsFrozenUnlessHostGone) {
   host_.PutText("host", "a", R"({"state":"host_running","version":"1.4.0"})");
   EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0);
   host_.PutText("host", "b", R"({"state":"host_running","version":"2.0.0"})");
-  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1) << "no sign of life was ever stored: it is not gone";
+  EXPECT_EQ(CCCIsIncompatibleUpgrading(), 1) << "no heartbeat was ever stored: it is not gone";
   PutSeen("b", R"({"time":1})");
   EXPECT_EQ(CCCIsIncompatibleUpgrading(), 0) << "gone";
   const auto now = std::chrono::duration_cast<seconds>(system_clock::now().time_since_epoch()).count();

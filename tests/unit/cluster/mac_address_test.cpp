@@ -1,8 +1,6 @@
 // Addresses of network interfaces: unique under concurrency, found again whatever the letter case.
 #include "host/cluster/mac_address.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -12,6 +10,7 @@
 #include "host/records/environment.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
+#include "tests/support/matchers.h"
 #include "tests/support/process.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
@@ -24,7 +23,6 @@ namespace {
 using std::chrono::hours;
 using std::chrono::system_clock;
 using test::TestHost;
-using ::testing::MatchesRegex;
 
 constexpr const char* kStoreVariable = "VEXA_TEST_MAC_STORE";
 constexpr int kPerWorker = 50;
@@ -39,7 +37,7 @@ struct Scripted {
   }
 };
 
-TEST(MacAddress, New_IsLocallyAdministeredUnicastInLowerCase) {
+TEST(MacAddress, New_Address_IsLocallyAdministeredUnicastInLowerCase) {
   TestHost host;
   for (int i = 0; i < 20; ++i) {
     std::string mac;
@@ -49,7 +47,7 @@ TEST(MacAddress, New_IsLocallyAdministeredUnicastInLowerCase) {
   }
 }
 
-TEST(MacAddress, ReservedOrUsed_IsNotGivenAgain) {
+TEST(MacAddress, New_ReservedOrUsed_IsNotReturnedAgain) {
   TestHost host;
   Scripted script;
   script.numbers = {1, 1, 1, 0xABCDEF0123, 2};
@@ -73,7 +71,7 @@ std::vector<std::string> Reservations(TestHost& host) {
   return macs;
 }
 
-TEST(MacAddress, Reservations_EndAfterADayAndDoNotPileUp) {
+TEST(MacAddress, Reservations_AfterADay_ExpireAndAreRemoved) {
   TestHost host;
   Scripted script;
   script.numbers = {1};
@@ -122,7 +120,7 @@ TEST(MacAddress, GuestOfMacAddress_StoreUnreadable_Fails) {
   EXPECT_EQ(mac, "before");
 }
 
-TEST(MacAddress, EightThreads_AreGivenDifferentOnes) {
+TEST(MacAddress, New_EightThreads_AreUnique) {
   TestHost host;
   std::vector<std::vector<std::string>> given(8);
   {
@@ -164,13 +162,13 @@ void ReserveAndPrint(const char* folder) {
 }
 
 // Each process runs this test as well, with the store in its environment.
-TEST(MacAddress, FourProcesses_AreGivenDifferentOnes) {
+TEST(MacAddress, New_FourProcesses_AreUnique) {
   if (const char* folder = std::getenv(kStoreVariable)) return ReserveAndPrint(folder);
   TestHost host;
   std::vector<std::unique_ptr<test::Process>> workers;
   for (int i = 0; i < 4; ++i) {
     test::ProcessOptions options;
-    options.argv = {"/proc/self/exe", "--gtest_filter=MacAddress.FourProcesses_*"};
+    options.argv = {"/proc/self/exe", "--gtest_filter=MacAddress.New_FourProcesses_*"};
     options.environment[kStoreVariable] = host.folder().File("store");
     workers.push_back(std::make_unique<test::Process>(options));
   }
@@ -204,7 +202,7 @@ TEST(Names, GetNameById_ReadsTheName) {
   EXPECT_NE(VexaCCC::Utils::GetNameById(VexaCCC::DB::DashCate::Guest, "../guest/g", name), 0);
 }
 
-TEST(Names, MemberInDepth_IsFalseForAnythingButObjects) {
+TEST(Names, MemberInDepth_NotObject_IsFalse) {
   const Json::Value value = test::Parsed(R"({"cpu":{"user_load":null,"list":[{"x":1}]},"text":"cpu"})");
   EXPECT_TRUE(VexaCCC::Utils::jsChkMemberInDepth(value, {"cpu", "user_load"})) << "a present null";
   EXPECT_TRUE(VexaCCC::Utils::jsChkMemberInDepth(value, {"cpu"}));
@@ -216,7 +214,7 @@ TEST(Names, MemberInDepth_IsFalseForAnythingButObjects) {
   EXPECT_FALSE(VexaCCC::Utils::jsChkMemberInDepth(value, {"cpu", nullptr}));
 }
 
-TEST(Names, OvsPrefix_IsTrimmedOnceAndInFrontOnly) {
+TEST(Names, OvsPrefix_Repeated_IsTrimmedOnceAtStart) {
   EXPECT_EQ(VexaCCC::Utils::TrimOVSPrefix("ovs_eth0"), "eth0");
   EXPECT_EQ(VexaCCC::Utils::TrimOVSPrefix("ovs_ovs_eth0"), "ovs_eth0");
   EXPECT_EQ(VexaCCC::Utils::TrimOVSPrefix("eth0ovs_"), "eth0ovs_");
@@ -224,7 +222,7 @@ TEST(Names, OvsPrefix_IsTrimmedOnceAndInFrontOnly) {
   EXPECT_EQ(VexaCCC::Utils::TrimOVSPrefix(""), "");
 }
 
-TEST(Path, Parts_NeverBecomeTwo) {
+TEST(Path, Path_SlashInSegment_IsEncoded) {
   const std::string path = VexaETCD::Path{"nics", "../a/b\n%"};
   EXPECT_EQ(path, "nics/..%2Fa%2Fb%0A%25");
   EXPECT_EQ(std::string(VexaETCD::Path{"nics", ""}), "nics/%");

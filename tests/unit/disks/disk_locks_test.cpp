@@ -1,4 +1,4 @@
-// Locks as QEMU holds them on images, and what is not done to a file under them.
+// Locks as QEMU holds them on images, and the operations that they prevent.
 #include "host/disks/disk_locks.h"
 
 #include <fcntl.h>
@@ -12,13 +12,13 @@
 #include <fstream>
 #include <iterator>
 
-#include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/guest_deletion_environment.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::DiskFiles;
-using guests::FileCalls;
+using disks::DiskFiles;
+using disks::FileSystemCalls;
 
 // Another process that has a file open as QEMU has, until it is ended.
 class Machine {
@@ -64,16 +64,16 @@ std::string ContentOf(const std::string& path) {
 
 class DiskLocks : public testing::Test {
  protected:
-  DiskLocks() : files_({ground_.folder().File("images")}, {}) { WriteFile(path_, "data"); }
+  DiskLocks() : files_({environment_.folder().File("images")}, {}) { WriteFile(path_, "data"); }
 
   static void ExpectBusy(const Status& status, const std::string& path) {
     ASSERT_FALSE(status);
     EXPECT_EQ(status.error().code(), ErrorCode::kBusy);
-    EXPECT_EQ(status.error().message(), "A machine has the file '" + path + "' open");
+    EXPECT_EQ(status.error().message(), "A VM process has the file '" + path + "' open");
   }
 
-  const DeletionGround ground_;
-  const std::string path_ = ground_.Image("x");
+  const DeletionEnvironment environment_;
+  const std::string path_ = environment_.Image("x");
   const DiskFiles files_;
 };
 
@@ -87,16 +87,16 @@ TEST_F(DiskLocks, DiskFiles_OpenInMachine_AreNotChanged) {
     ExpectBusy(files_.WriteAt(path_, {0, "other"}), path_);
   }
   EXPECT_EQ(ContentOf(path_), "data");
-  EXPECT_TRUE(files_.Create(ground_.Image("new"), 1, {}));
-  std::filesystem::rename(path_, ground_.Image(".h"));
+  EXPECT_TRUE(files_.Create(environment_.Image("new"), 1, {}));
+  std::filesystem::rename(path_, environment_.Image(".h"));
   ExpectBusy(files_.RemoveHidden(path_, ".h"), path_);
-  EXPECT_TRUE(files_.Show(path_, ".h")) << "a name is given back in any case";
+  EXPECT_TRUE(files_.Unhide(path_, ".h")) << "a name is given back in any case";
   machine.End();
   EXPECT_TRUE(files_.SetLength(path_, 2));
   EXPECT_TRUE(files_.Remove(path_));
 }
 
-TEST_F(DiskLocks, EachOfTheBytes_Counts_AndNoOther) {
+TEST_F(DiskLocks, Probe_EachLockByte_CountsAndNoOther) {
   for (const auto& [byte, is_image] : {std::pair<off_t, bool>{99, false},
                                        {100, true},
                                        {199, true},
@@ -110,10 +110,10 @@ TEST_F(DiskLocks, EachOfTheBytes_Counts_AndNoOther) {
   }
 }
 
-TEST_F(DiskLocks, Probe_TakesNoLockThatAMachineWouldMeet) {
+TEST_F(DiskLocks, Probe_File_TakesNoLockThatQemuWouldMeet) {
   const int file = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_TRUE(files_.Hide(path_, ".h"));
-  ASSERT_TRUE(files_.Show(path_, ".h"));
+  ASSERT_TRUE(files_.Unhide(path_, ".h"));
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
@@ -122,38 +122,38 @@ TEST_F(DiskLocks, Probe_TakesNoLockThatAMachineWouldMeet) {
   ::close(file);
 }
 
-// A machine's files can belong to another account for as long as it runs. The administrator may open them all the same,
-// so another account asks here.
+// A machine's files can belong to another account for as long as it runs. An administrator can open them anyway, so
+// another account asks here.
 TEST_F(DiskLocks, DiskLocks_FileCannotBeOpened_IsSearchedAmongAllLocks) {
   for (const bool is_locked : {false, true}) {
     SCOPED_TRACE(is_locked);
     ::chmod(path_.c_str(), 0600);
     const Machine machine(path_, is_locked ? std::vector<off_t>{100} : std::vector<off_t>{});
     ::chmod(path_.c_str(), 0);
-    ::chmod(ground_.folder().File("").c_str(), 0755);
-    ::chmod(ground_.Image("").c_str(), 0777);
+    ::chmod(environment_.folder().File("").c_str(), 0755);
+    ::chmod(environment_.Image("").c_str(), 0777);
     const pid_t child = ::fork();
     if (child == 0) {
       constexpr uid_t kOther = 65534;
       if (::geteuid() == 0 && ::setuid(kOther) != 0) ::_exit(10);
-      const int folder = ::open(ground_.Image("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      const int folder = ::open(environment_.Image("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
       const int unreadable = ::openat(folder, "x", O_RDONLY | O_CLOEXEC);
       if (folder < 0 || unreadable >= 0) ::_exit(11);
-      bool has_open = false;
-      if (guests::MachineHasOpen(folder, "x", &has_open) != 0) ::_exit(12);
+      bool is_open_in_vm = false;
+      if (disks::IsOpenInVm(folder, "x", &is_open_in_vm) != 0) ::_exit(12);
       if (files_.Hide(path_, ".h").ok() == is_locked) ::_exit(13);
-      ::_exit(has_open ? 1 : 0);
+      ::_exit(is_open_in_vm ? 1 : 0);
     }
     int how = 0;
     ASSERT_EQ(::waitpid(child, &how, 0), child);
     ASSERT_TRUE(WIFEXITED(how));
     EXPECT_EQ(WEXITSTATUS(how), is_locked ? 1 : 0);
-    if (!is_locked) std::filesystem::rename(ground_.Image(".h"), path_);
+    if (!is_locked) std::filesystem::rename(environment_.Image(".h"), path_);
   }
 }
 
-TEST(LockTable, OnlyHeldLocksOfTheFileInTheRange_Count) {
-  const auto has = [](const std::string& table) { return guests::HasImageLock(table, 0x0801, 131079); };
+TEST(LockTable, LockTable_OtherFilesRangesOrWaiters_AreIgnored) {
+  const auto has = [](const std::string& table) { return disks::HasImageLock(table, 0x0801, 131079); };
   EXPECT_TRUE(has("1: OFDLCK ADVISORY  READ  -1 08:01:131079 100 101\n"));
   EXPECT_TRUE(has("1: POSIX  ADVISORY  WRITE 1234 08:01:131079 0 EOF"));
   EXPECT_TRUE(has("x\n1: FLOCK  ADVISORY  WRITE 1 08:01:5 0 EOF\n\n2: OFDLCK ADVISORY READ -1 08:01:131079 299 299\n"));
@@ -169,9 +169,9 @@ TEST(LockTable, OnlyHeldLocksOfTheFileInTheRange_Count) {
 }
 
 TEST_F(DiskLocks, DiskLocks_UnreadableLocks_KeepTheFile) {
-  FileCalls calls;
-  calls.has_open = [](int, const char*, bool*) { return EIO; };
-  const DiskFiles files({ground_.folder().File("images")}, calls);
+  FileSystemCalls calls;
+  calls.is_open_in_vm = [](int, const char*, bool*) { return EIO; };
+  const DiskFiles files({environment_.folder().File("images")}, calls);
   EXPECT_EQ(files.Remove(path_).error().code(), ErrorCode::kInternal);
   EXPECT_EQ(ContentOf(path_), "data");
 }

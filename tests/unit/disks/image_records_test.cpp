@@ -1,7 +1,6 @@
 // Records of images: what can be added and removed, and that names and files stay unique.
 #include "host/disks/image_records.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -18,21 +17,12 @@
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
-#include "tests/support/interrupted_store.h"
+#include "tests/support/matchers.h"
+#include "tests/support/racing_store.h"
 #include "tests/support/record_test.h"
 
-namespace vexa::guests {
+namespace vexa::disks {
 namespace {
-
-namespace fs = std::filesystem;
-using cluster::kRecordExists;
-using cluster::kRecordFailed;
-using cluster::kRecordInUse;
-using cluster::NameKey;
-using test::InterruptedStore;
-using test::Require;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr char kId[] = "5b1c7d0a-3e84-4f96-b2a7-91c0de45f3b8";
 constexpr char kOther[] = "99999999-9999-4999-8999-999999999999";
@@ -40,19 +30,19 @@ constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 
 class ImageRecords : public test::RecordTest {
  protected:
-  ImageRecords() { fs::create_directory(Root()); }
+  ImageRecords() { std::filesystem::create_directory(Root()); }
 
   std::string Root() const { return host_.folder().File("images"); }
   std::string MakeFile(const std::string& name) const {
     std::ofstream(Root() + "/" + name) << "twelve bytes";
     return Root() + "/" + name;
   }
-  Refused Add(const std::string& name, const std::string& path, const std::string& id = "") {
+  Result<void, Refusal> Add(const std::string& name, const std::string& path, const std::string& id = "") {
     return AddImage(host_.store(), {Root()}, {name, path, id}, added_);
   }
   void ExpectAdded(const std::string& name, const std::string& path, const std::string& id = "") {
-    const Refused refused = Add(name, path, id);
-    EXPECT_FALSE(refused) << refused->reason;
+    const auto refused = Add(name, path, id);
+    EXPECT_TRUE(refused.ok()) << refused.error().reason;
   }
   void ExpectAddRefused(const std::string& name, const std::string& path, const std::string& id,
                         const std::string& reason) {
@@ -61,7 +51,7 @@ class ImageRecords : public test::RecordTest {
   void ExpectRemoveRefused(const std::string& id, int code, const std::string& reason) {
     ExpectRefused([&] { return Remove(id); }, code, reason);
   }
-  Refused Remove(const std::string& id) { return RemoveImage(host_.store(), id, removed_); }
+  Result<void, Refusal> Remove(const std::string& id) { return RemoveImage(host_.store(), id, removed_); }
 
   std::vector<std::string> Names() {
     std::vector<std::string> names;
@@ -77,12 +67,12 @@ TEST_F(ImageRecords, Add_WritesRecordNameAndFilesKey) {
   const std::string file = MakeFile("a.iso");
   ExpectAdded("Debian 12/amd64", file, "5B1C7D0A-3E84-4F96-B2A7-91C0DE45F3B8");
   EXPECT_EQ(added_, kId);
-  EXPECT_EQ(TextOf(cluster::ObjectKey("image", kId)), R"({"name":"Debian 12/amd64","path":")" + file + "\"}");
+  EXPECT_EQ(TextOf(records::ObjectKey("image", kId)), R"({"name":"Debian 12/amd64","path":")" + file + "\"}");
   EXPECT_EQ(TextOf("/name/image/Debian%2012%2Famd64"), Quoted(kId));
-  EXPECT_EQ(TextOf(FilesKey()), Quoted(kId));
+  EXPECT_EQ(TextOf(records::FileReferencesGuardKey()), Quoted(kId));
 }
 
-TEST_F(ImageRecords, Add_WithoutAnId_MakesOne) {
+TEST_F(ImageRecords, Add_NoId_CreatesOne) {
   ExpectAdded("a", MakeFile("a.iso"));
   const std::string first = added_;
   ExpectAdded("b", MakeFile("b.iso"));
@@ -106,25 +96,24 @@ TEST_F(ImageRecords, Check_InvalidArguments_AreRefused) {
                                   "/" + std::string(4096, 'x')}) {
     const Status checked = CheckImage({"a", path, ""});
     ASSERT_FALSE(checked) << path;
-    EXPECT_THAT(checked.error().message(), HasSubstr("cannot be the path of an image: give an absolute path"));
+    EXPECT_THAT(checked.error().message(), HasSubstr("is not a valid image path: give an absolute path"));
     EXPECT_LT(checked.error().message().size(), 700u);
   }
   EXPECT_TRUE(CheckImage({std::string(128, 'x'), "/" + std::string(4095, 'x'), kId}));
 }
 
-TEST_F(ImageRecords, Add_PathThatLeadsToNoFileOfTheFolder_IsRefused) {
+TEST_F(ImageRecords, Add_PathIsNotFileBelowFolder_IsRefused) {
   const std::string outside = host_.folder().File("outside.iso");
   std::ofstream(outside) << "x";
   MakeFile("a.iso");
-  fs::create_directory(Root() + "/deep");
-  fs::create_symlink(outside, Root() + "/link.iso");
-  fs::create_directory_symlink(fs::path(outside).parent_path(), Root() + "/folder");
+  std::filesystem::create_directory(Root() + "/deep");
+  std::filesystem::create_symlink(outside, Root() + "/link.iso");
+  std::filesystem::create_directory_symlink(std::filesystem::path(outside).parent_path(), Root() + "/folder");
   ASSERT_EQ(::mkfifo((Root() + "/fifo.iso").c_str(), 0600), 0);
   for (const std::string& path : {outside, Root() + "/link.iso", Root() + "/folder/outside.iso", Root() + "/deep",
                                   Root(), Root() + "/none.iso", Root() + "/fifo.iso", Root() + "/deep/../a.iso"}) {
-    ExpectRefused(
-        [&] { return Add("x", path); }, kNotAnImage,
-        "'" + path + "' leads to no regular file below '" + Root() + "' without '.', '..' and symbolic links");
+    ExpectRefused([&] { return Add("x", path); }, kNotAnImage,
+                  "'" + path + "' is not a regular file below '" + Root() + "' without '.', '..' and symbolic links");
   }
 }
 
@@ -145,7 +134,7 @@ TEST_F(ImageRecords, Add_IdOfADamagedRecord_IsRefused) {
 }
 
 // Records of older versions have no keys of their names.
-TEST_F(ImageRecords, Add_BesideOlderRecords_FindsTheirNamesAndGivesThemKeys) {
+TEST_F(ImageRecords, Add_OlderRecordsExist_FindsTheirNamesAndAddsKeys) {
   host_.PutText("image", "old-1", R"({"name":"old","path":"/a.iso"})");
   host_.PutText("image", "old-2", R"({"name":"twin","path":"/b.iso"})");
   host_.PutText("image", "old-3", R"({"name":"twin","path":"/c.iso"})");
@@ -155,58 +144,58 @@ TEST_F(ImageRecords, Add_BesideOlderRecords_FindsTheirNamesAndGivesThemKeys) {
   const std::string file = MakeFile("a.iso");
   ExpectAddRefused("old", file, "", "The image 'old-1' has the name 'old'");
   ExpectAdded("new", file);
-  EXPECT_EQ(TextOf(NameKey("image", "old")), Quoted("old-1"));
-  EXPECT_EQ(TextOf(NameKey("image", "twin")), Quoted("old-2")) << "the first of the records with the name";
-  EXPECT_EQ(TextOf(NameKey("image", "new")), Quoted(added_));
+  EXPECT_EQ(TextOf(records::NameKey("image", "old")), Quoted("old-1"));
+  EXPECT_EQ(TextOf(records::NameKey("image", "twin")), Quoted("old-2")) << "the first of the records with the name";
+  EXPECT_EQ(TextOf(records::NameKey("image", "new")), Quoted(added_));
   EXPECT_EQ(Require(Require(host_.store().Read())->Children("/name/image")).size(), 3u);
 }
 
-TEST_F(ImageRecords, Add_KeyOfANameWhoseRecordIsGone_IsTakenOver) {
+TEST_F(ImageRecords, Add_NameKeyWithoutRecord_IsReused) {
   ExpectAdded("a", MakeFile("a.iso"), kId);
   host_.Remove("image", kId);
   ExpectAdded("a", MakeFile("a.iso"), kOther);
-  EXPECT_EQ(TextOf(NameKey("image", "a")), Quoted(kOther));
+  EXPECT_EQ(TextOf(records::NameKey("image", "a")), Quoted(kOther));
 }
 
 TEST_F(ImageRecords, Add_NameGivenBetweenScanAndCommit_IsFoundByASecondScan) {
   const std::string file = MakeFile("a.iso");
-  // Without FilesKey(): the key of the name alone makes the commit a conflict.
-  InterruptedStore store(host_.store(), [&] {
+  // Without FileReferencesGuardKey(): the key of the name alone makes the commit a conflict.
+  test::RacingStore store(host_.store(), [&] {
     (void)Require(host_.store().Commit({{},
-                                        {{cluster::ObjectKey("image", kOther), R"({"name":"a","path":"/b.iso"})"},
-                                         {NameKey("image", "a"), Quoted(kOther)}}}));
+                                        {{records::ObjectKey("image", kOther), R"({"name":"a","path":"/b.iso"})"},
+                                         {records::NameKey("image", "a"), Quoted(kOther)}}}));
   });
   std::string id;
-  const Refused refused = AddImage(store, {Root()}, {"a", file, ""}, id);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kRecordExists);
+  const auto refused = AddImage(store, {Root()}, {"a", file, ""}, id);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, kRecordExists);
   EXPECT_EQ(store.commits(), 1);
   EXPECT_THAT(Names(), ElementsAre("a"));
 }
 
 TEST_F(ImageRecords, Add_FileTakenBetweenScanAndCommit_IsFoundByASecondScan) {
   const std::string file = MakeFile("a.iso");
-  InterruptedStore store(host_.store(), [&] { ExpectAdded("b", file); });
+  test::RacingStore store(host_.store(), [&] { ExpectAdded("b", file); });
   std::string id;
-  const Refused refused = AddImage(store, {Root()}, {"a", file, ""}, id);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kRecordExists);
+  const auto refused = AddImage(store, {Root()}, {"a", file, ""}, id);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, kRecordExists);
   EXPECT_THAT(Names(), ElementsAre("b"));
 }
 
 TEST_F(ImageRecords, Add_OlderRecordRemovedBetweenScanAndCommit_GetsNoKey) {
   host_.PutText("image", "old", R"({"name":"old","path":"/a.iso"})");
-  InterruptedStore store(host_.store(), [&] { host_.Remove("image", "old"); });
-  EXPECT_FALSE(AddImage(store, {Root()}, {"a", MakeFile("a.iso"), ""}, added_));
+  test::RacingStore store(host_.store(), [&] { host_.Remove("image", "old"); });
+  EXPECT_TRUE(AddImage(store, {Root()}, {"a", MakeFile("a.iso"), ""}, added_).ok());
   EXPECT_EQ(store.commits(), 2);
-  EXPECT_EQ(TextOf(NameKey("image", "old")), "");
+  EXPECT_EQ(TextOf(records::NameKey("image", "old")), "");
 }
 
 // How many of eight additions at the same time are accepted; the others must be refused with kRecordExists.
-int CountAccepted(const std::function<Refused(int index)>& add) {
+int CountAcceptedOfEight(const std::function<Result<void, Refusal>(int index)>& add) {
   constexpr int kThreads = 8;
   std::latch start(kThreads);
-  std::vector<Refused> results(kThreads);
+  std::vector<Result<void, Refusal>> results(kThreads);
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
@@ -215,20 +204,15 @@ int CountAccepted(const std::function<Refused(int index)>& add) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  int accepted = 0;
-  for (const Refused& refused : results) {
-    accepted += refused ? 0 : 1;
-    EXPECT_EQ(refused ? refused->code : kRecordExists, kRecordExists) << refused->reason;
-  }
-  return accepted;
+  return test::CountAccepted(results);
 }
 
-TEST_F(ImageRecords, EightAdditionsOfOneName_OneIsAccepted) {
+TEST_F(ImageRecords, Add_EightConcurrentWithOneName_OneIsAccepted) {
   for (int round = 0; round < 5; ++round) {
     const std::string name = "round " + std::to_string(round);
     std::vector<std::string> files;
     for (int i = 0; i < 8; ++i) files.push_back(MakeFile(std::to_string(round) + "-" + std::to_string(i) + ".iso"));
-    EXPECT_EQ(CountAccepted([&](int i) {
+    EXPECT_EQ(CountAcceptedOfEight([&](int i) {
                 std::string id;
                 return AddImage(host_.store(), {Root()}, {name, files[static_cast<std::size_t>(i)], ""}, id);
               }),
@@ -237,9 +221,9 @@ TEST_F(ImageRecords, EightAdditionsOfOneName_OneIsAccepted) {
   }
 }
 
-TEST_F(ImageRecords, EightAdditionsOfOneFile_OneIsAccepted) {
+TEST_F(ImageRecords, Add_EightConcurrentWithOneFile_OneIsAccepted) {
   const std::string file = MakeFile("a.iso");
-  EXPECT_EQ(CountAccepted([&](int i) {
+  EXPECT_EQ(CountAcceptedOfEight([&](int i) {
               std::string id;
               return AddImage(host_.store(), {Root()}, {"name " + std::to_string(i), file, ""}, id);
             }),
@@ -248,7 +232,7 @@ TEST_F(ImageRecords, EightAdditionsOfOneFile_OneIsAccepted) {
   EXPECT_EQ(Require(Require(host_.store().Read())->Children("/name/image")).size(), 1u);
 }
 
-TEST_F(ImageRecords, List_HasNamesAndPathsAndAsksNoFileSystem) {
+TEST_F(ImageRecords, List_Images_HasNamesAndPathsWithoutFileSystemAccess) {
   const std::string file = MakeFile("a.iso");
   ExpectAdded("a", file, kId);
   host_.PutText("image", "x", R"({"name":"gone","path":"/no/such.iso"})");
@@ -265,35 +249,35 @@ TEST_F(ImageRecords, List_HasNamesAndPathsAndAsksNoFileSystem) {
   EXPECT_EQ(images[2].name, "");
 }
 
-TEST_F(ImageRecords, Remove_TakesRecordAndNameAndLeavesTheFile) {
+TEST_F(ImageRecords, Remove_Image_DeletesRecordAndNameAndKeepsFile) {
   const std::string file = MakeFile("a.iso");
   ExpectAdded("a", file, kId);
-  const Refused refused = Remove(kId);
-  EXPECT_FALSE(refused) << refused->reason;
+  const auto refused = Remove(kId);
+  EXPECT_TRUE(refused.ok()) << refused.error().reason;
   EXPECT_EQ(removed_, "a");
-  EXPECT_EQ(TextOf(cluster::ObjectKey("image", kId)), "");
-  EXPECT_EQ(TextOf(NameKey("image", "a")), "");
-  EXPECT_TRUE(fs::exists(file));
+  EXPECT_EQ(TextOf(records::ObjectKey("image", kId)), "");
+  EXPECT_EQ(TextOf(records::NameKey("image", "a")), "");
+  EXPECT_TRUE(std::filesystem::exists(file));
   ExpectAdded("a", file, kId);
 }
 
-TEST_F(ImageRecords, Remove_RecordOfAnOlderVersion_LeavesTheNameToAnother) {
+TEST_F(ImageRecords, Remove_RecordOfOlderVersion_KeepsNameOfOtherImage) {
   ExpectAdded("a", MakeFile("a.iso"), kId);
   host_.PutText("image", "old", R"({"name":"a","path":"/b.iso"})");
-  EXPECT_FALSE(Remove("old"));
-  EXPECT_EQ(TextOf(NameKey("image", "a")), Quoted(kId));
+  EXPECT_TRUE(Remove("old").ok());
+  EXPECT_EQ(TextOf(records::NameKey("image", "a")), Quoted(kId));
 }
 
 TEST_F(ImageRecords, Remove_UnknownImage_IsRefused) {
-  ExpectRemoveRefused(kId, kUnreadable, "There is no image '" + std::string(kId) + "'");
-  ExpectRemoveRefused("../x", kUnreadable, "There is no image '../x'");
+  ExpectRemoveRefused(kId, host_error::kNotFoundOrUnreadable, "There is no image '" + std::string(kId) + "'");
+  ExpectRemoveRefused("../x", host_error::kNotFoundOrUnreadable, "There is no image '../x'");
   EXPECT_EQ(removed_, "");
 }
 
 TEST_F(ImageRecords, Remove_DamagedRecord_IsDone) {
   host_.PutText("image", kId, "[");
-  EXPECT_FALSE(Remove(kId));
-  EXPECT_EQ(TextOf(cluster::ObjectKey("image", kId)), "");
+  EXPECT_TRUE(Remove(kId).ok());
+  EXPECT_EQ(TextOf(records::ObjectKey("image", kId)), "");
 }
 
 TEST_F(ImageRecords, Remove_ImageInADrive_IsRefusedWithTheGuests) {
@@ -320,12 +304,12 @@ TEST_F(ImageRecords, Remove_ImageInADrive_IsRefusedWithTheGuests) {
     std::string text = record;
     if (const std::size_t at = text.find('%'); at != std::string::npos) text.replace(at, 1, kId);
     host_.PutText("guest", kGuest, text);
-    EXPECT_FALSE(Remove(kId)) << text;
+    EXPECT_TRUE(Remove(kId).ok()) << text;
     ExpectAdded("a", file, kId);
   }
 }
 
-TEST_F(ImageRecords, Remove_ImageOfManyGuests_NamesTenOfThem) {
+TEST_F(ImageRecords, Remove_ImageUsedByManyGuests_NamesTen) {
   ExpectAdded("a", MakeFile("a.iso"), kId);
   for (int i = 10; i < 23; ++i) {
     host_.PutText("guest", "g" + std::to_string(i),
@@ -339,32 +323,32 @@ TEST_F(ImageRecords, Remove_ImageOfManyGuests_NamesTenOfThem) {
 // As an edit of the guest commits it.
 TEST_F(ImageRecords, Remove_GuestGetsTheImageBetweenScanAndCommit_IsRefused) {
   ExpectAdded("a", MakeFile("a.iso"), kId);
-  InterruptedStore store(host_.store(), [&] {
+  test::RacingStore store(host_.store(), [&] {
     (void)Require(host_.store().Commit(
         {{},
-         {{cluster::ObjectKey("guest", kGuest), R"({"name":"web","iso_images":[")" + std::string(kId) + "\"]}"},
-          {FilesKey(), Quoted(kGuest)}}}));
+         {{records::ObjectKey("guest", kGuest), R"({"name":"web","iso_images":[")" + std::string(kId) + "\"]}"},
+          {records::FileReferencesGuardKey(), Quoted(kGuest)}}}));
   });
-  const Refused refused = RemoveImage(store, kId, removed_);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kRecordInUse);
-  EXPECT_NE(TextOf(cluster::ObjectKey("image", kId)), "");
+  const auto refused = RemoveImage(store, kId, removed_);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, kRecordInUse);
+  EXPECT_NE(TextOf(records::ObjectKey("image", kId)), "");
 }
 
-TEST_F(ImageRecords, StoreThatFails_IsReportedAndChangesNothing) {
+TEST_F(ImageRecords, Calls_StoreFails_AreReportedAndChangeNothing) {
   const std::string file = MakeFile("a.iso");
   ExpectAdded("a", file, kId);
   host_.store().FailCommits();
-  EXPECT_EQ(Add("b", MakeFile("b.iso"))->code, kRecordFailed);
-  EXPECT_EQ(Remove(kId)->code, kRecordFailed);
+  EXPECT_EQ(Add("b", MakeFile("b.iso")).error().code, kRecordFailed);
+  EXPECT_EQ(Remove(kId).error().code, kRecordFailed);
   host_.store().Heal();
   host_.store().FailSnapshots();
-  EXPECT_EQ(Add("b", MakeFile("b.iso"))->code, kRecordFailed);
-  EXPECT_EQ(Remove(kId)->code, kRecordFailed);
+  EXPECT_EQ(Add("b", MakeFile("b.iso")).error().code, kRecordFailed);
+  EXPECT_EQ(Remove(kId).error().code, kRecordFailed);
   EXPECT_FALSE(ListImages(host_.store()));
   host_.store().Heal();
   EXPECT_THAT(Names(), ElementsAre("a"));
 }
 
 }  // namespace
-}  // namespace vexa::guests
+}  // namespace vexa::disks

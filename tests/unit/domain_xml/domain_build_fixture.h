@@ -7,9 +7,9 @@
 #include <string>
 
 #include "host/domain_xml/domain_build.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 
 inline GuestRecords SmallGuest() {
   GuestRecords records;
@@ -64,4 +64,4 @@ inline std::size_t CountAt(const std::string& xml, const std::string& path) {
   return document.select_nodes(path.c_str()).size();
 }
 
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -10,7 +10,7 @@
 #include "tests/unit/domain_xml/domain_build_fixture.h"
 #include "tests/unit/domain_xml/domain_xml_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
 
 const std::string kSource = VEXA_SOURCE_DIR;
@@ -42,16 +42,17 @@ std::string Print(const Json::Value& value) {
 
 // Whether libvirt's own schema of domain XML takes it. The test driver's parser is the one of all drivers.
 std::string SchemaComplaint(const std::string& xml) {
-  EXPECT_TRUE(StartEventLoop().ok());
-  const ConnectHandle connection(virConnectOpen("test:///default"));
+  EXPECT_TRUE(hypervisor::StartEventLoop().ok());
+  const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
   if (!connection) return "no connection";
-  const DomainHandle domain(virDomainDefineXMLFlags(connection.get(), xml.c_str(), VIR_DOMAIN_DEFINE_VALIDATE));
+  const hypervisor::DomainHandle domain(
+      virDomainDefineXMLFlags(connection.get(), xml.c_str(), VIR_DOMAIN_DEFINE_VALIDATE));
   return domain ? "" : virGetLastErrorMessage();
 }
 
 class BuiltExample : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(BuiltExample, Built_IsTheGoldenXml) {
+TEST_P(BuiltExample, Build_Example_MatchesGoldenXml) {
   const std::string name = GetParam();
   const std::string actual = MustBuild(RecordsOf(ImportExample(name)), ExampleOptions("kvm"));
   const std::string path = kSource + "/tests/unit/domain_xml/golden/" + name + "-built.xml";
@@ -63,7 +64,7 @@ TEST_P(BuiltExample, Built_IsTheGoldenXml) {
   EXPECT_EQ(actual, *golden);
 }
 
-TEST_P(BuiltExample, ImportedAgain_GivesTheSameRecords) {
+TEST_P(BuiltExample, Import_BuiltXml_ReturnsSameRecords) {
   const ImportedGuest first = ImportExample(GetParam());
   const ImportedGuest second = MustParse(MustBuild(RecordsOf(first), ExampleOptions("kvm")));
   Json::Value expected = ToJson(first);
@@ -76,7 +77,7 @@ TEST_P(BuiltExample, ImportedAgain_GivesTheSameRecords) {
   EXPECT_EQ(Print(expected), Print(actual));
 }
 
-TEST_P(BuiltExample, OfEveryType_PleasesLibvirtsSchema) {
+TEST_P(BuiltExample, Build_EveryDomainType_MatchesLibvirtSchema) {
   for (const char* type : {"kvm", "qemu", "test"}) {
     GuestRecords records = RecordsOf(ImportExample(GetParam()));
     records.guest["nvram"] = "/vars/guest.fd";
@@ -94,4 +95,4 @@ INSTANTIATE_TEST_SUITE_P(Files, BuiltExample, ::testing::Values("web-1", "deskto
 });
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -1,14 +1,11 @@
 // Single members of records, and what they become.
+#include "tests/support/matchers.h"
 #include "tests/unit/domain_xml/domain_build_fixture.h"
-
-#include <gmock/gmock.h>
 
 #include "tests/unit/domain_xml/domain_xml_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
-
-using ::testing::HasSubstr;
 
 constexpr const char* kDiskId = "22222222-2222-4333-8444-555555555555";
 constexpr const char* kNicId = "33333333-2222-4333-8444-555555555555";
@@ -19,6 +16,12 @@ std::string BuildWith(const char* member, const Json::Value& value) {
   return MustBuild(records);
 }
 
+BuildOptions WithoutKvm() {
+  BuildOptions options;
+  options.domain_type = "qemu";
+  return options;
+}
+
 Json::Value List(std::initializer_list<const char*> entries) {
   Json::Value list(Json::arrayValue);
   for (const char* entry : entries) list.append(entry);
@@ -27,52 +30,51 @@ Json::Value List(std::initializer_list<const char*> entries) {
 
 TEST(DomainBuild, SmallGuest_HasDefaults) {
   const std::string xml = MustBuild(SmallGuest());
-  EXPECT_EQ(At(xml, "/domain/@type"), "kvm");
-  EXPECT_EQ(At(xml, "/domain/name"), "guest");
-  EXPECT_EQ(At(xml, "/domain/uuid"), "11111111-2222-4333-8444-555555555555");
-  EXPECT_EQ(At(xml, "/domain/memory"), "512");
-  EXPECT_EQ(At(xml, "/domain/memory/@unit"), "MiB");
-  EXPECT_EQ(At(xml, "/domain/vcpu"), "2");
-  EXPECT_EQ(At(xml, "/domain/cputune/shares"), "256");
-  EXPECT_EQ(At(xml, "/domain/os/type/@machine"), "q35");
-  EXPECT_EQ(At(xml, "/domain/os/@firmware"), "");
-  EXPECT_EQ(At(xml, "/domain/cpu/@mode"), "custom");
-  EXPECT_EQ(At(xml, "/domain/devices/video/model/@type"), "cirrus");
-  EXPECT_EQ(At(xml, "/domain/devices/channel/target/@name"), "org.qemu.guest_agent.0");
-  EXPECT_EQ(At(xml, "/domain/devices/console/target/@type"), "serial");
+  constexpr std::pair<const char*, const char*> kDefaults[] = {
+      {"/domain/@type", "kvm"},
+      {"/domain/name", "guest"},
+      {"/domain/uuid", "11111111-2222-4333-8444-555555555555"},
+      {"/domain/memory", "512"},
+      {"/domain/memory/@unit", "MiB"},
+      {"/domain/vcpu", "2"},
+      {"/domain/cputune/shares", "256"},
+      {"/domain/os/type/@machine", "q35"},
+      {"/domain/os/@firmware", ""},
+      {"/domain/cpu/@mode", "custom"},
+      {"/domain/devices/video/model/@type", "cirrus"},
+      {"/domain/devices/channel/target/@name", "org.qemu.guest_agent.0"},
+      {"/domain/devices/console/target/@type", "serial"},
+  };
+  for (const auto& [path, value] : kDefaults) EXPECT_EQ(At(xml, path), value) << path;
   EXPECT_EQ(CountAt(xml, "//disk"), 0u);
   EXPECT_EQ(CountAt(xml, "//interface"), 0u);
 }
 
-TEST(DomainBuild, SameRecords_GiveTheSameText) { EXPECT_EQ(MustBuild(SmallGuest()), MustBuild(SmallGuest())); }
+TEST(DomainBuild, Build_SameRecords_IsSameText) { EXPECT_EQ(MustBuild(SmallGuest()), MustBuild(SmallGuest())); }
 
-TEST(DomainBuild, CpuPassthru_DependsOnWhatRunsTheGuest) {
+TEST(DomainBuild, CpuPassthru_EachDomainType_IsBuiltForIt) {
   GuestRecords records = SmallGuest();
   records.guest["cpu_passthru"] = true;
   EXPECT_EQ(At(MustBuild(records), "/domain/cpu/@mode"), "host-passthrough");
-  BuildOptions options;
-  options.domain_type = "qemu";
-  EXPECT_EQ(At(MustBuild(records, options), "/domain/cpu/@mode"), "maximum");
+  EXPECT_EQ(At(MustBuild(records, WithoutKvm()), "/domain/cpu/@mode"), "maximum");
 }
 
-TEST(DomainBuild, Hyperv_IsLeftOutWhereThereIsNoKvm) {
+TEST(DomainBuild, Hyperv_WithoutKvm_IsOmitted) {
   GuestRecords records = SmallGuest();
   records.guest["hyperv_enlighten"] = true;
   EXPECT_EQ(At(MustBuild(records), "//hyperv/relaxed/@state"), "on");
-  BuildOptions options;
-  options.domain_type = "qemu";
-  EXPECT_EQ(CountAt(MustBuild(records, options), "//hyperv"), 0u);
+  EXPECT_EQ(CountAt(MustBuild(records, WithoutKvm()), "//hyperv"), 0u);
   records.guest["hyperv_enlighten"] = false;
   EXPECT_EQ(At(MustBuild(records), "//hyperv/relaxed/@state"), "off");
 }
 
-TEST(DomainBuild, CpuShares_CanBeLeftOut) {
+TEST(DomainBuild, CpuShares_WithoutCgroups_AreOmitted) {
   BuildOptions options;
-  options.cpu_shares = CpuShares::kLeftOut;
+  options.cpu_shares = CpuShares::kOmitted;
   EXPECT_EQ(CountAt(MustBuild(SmallGuest(), options), "//cputune"), 0u);
 }
 
-TEST(DomainBuild, PinnedCpus_AreThoseOfTheFirstVirtualCpus) {
+TEST(DomainBuild, PinnedCpus_Built_PinFirstVirtualCpus) {
   GuestRecords records = SmallGuest();
   records.guest["cpu_pin_num"] = 1;
   BuildOptions options;
@@ -110,7 +112,7 @@ TEST(DomainBuild, Mark_IdentifiesDefiningHost) {
   EXPECT_EQ(CountAt(xml, "/domain/metadata/*/@kept"), 0u);
 }
 
-TEST(DomainBuild, TestType_NamesNoMachine) {
+TEST(DomainBuild, TestType_Built_HasNoMachineType) {
   BuildOptions options;
   options.domain_type = "test";
   EXPECT_EQ(At(MustBuild(SmallGuest(), options), "/domain/os/type/@machine"), "");
@@ -124,7 +126,7 @@ struct BusRow {
 };
 class DiskBus : public ::testing::TestWithParam<BusRow> {};
 
-TEST_P(DiskBus, OfAMode_IsBuilt) {
+TEST_P(DiskBus, Bus_OfEachMode_IsBuilt) {
   GuestRecords records = SmallGuest();
   records.disks.emplace_back(kDiskId, DiskRecord("no_target", GetParam().mode));
   const std::string xml = MustBuild(records);
@@ -138,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, DiskBus,
                                            BusRow{3, "sata", "sda", "q35"}, BusRow{4, "scsi", "sda", "q35"}),
                          [](const auto& row) { return std::string(row.param.bus); });
 
-TEST(DomainBuildDisk, Target_IsKeptWhereItFitsTheBus) {
+TEST(DomainBuildDisk, Target_FitsBus_IsKept) {
   GuestRecords records = SmallGuest();
   records.disks.emplace_back("a", DiskRecord("vda", 3));  // another bus since it was recorded
   records.disks.emplace_back("b", DiskRecord("sda", 3));
@@ -151,7 +153,7 @@ TEST(DomainBuildDisk, Target_IsKeptWhereItFitsTheBus) {
   EXPECT_EQ(At(xml, "//disk[4]/target/@dev"), "vdc");
 }
 
-TEST(DomainBuildDisk, SixtyFour_HaveTargetsOfTheirOwnAndControllers) {
+TEST(DomainBuildDisk, SixtyFour_Disks_HaveUniqueTargetsAndControllers) {
   GuestRecords records = SmallGuest();
   for (int i = 0; i < 64; ++i) records.disks.emplace_back(std::to_string(i), DiskRecord("", 4));
   for (auto& [id, disk] : records.disks) disk["path"] = "/images/x";
@@ -187,7 +189,7 @@ TEST(DomainBuildDisk, Unmap_IsDiscard) {
   EXPECT_EQ(At(MustBuild(records), "//disk/driver/@discard"), "unmap");
 }
 
-TEST(DomainBuildDisk, BelowDev_IsABlockDevice) {
+TEST(DomainBuildDisk, PathBelowDev_Disk_IsBlockDevice) {
   GuestRecords records = SmallGuest();
   records.disks.emplace_back(kDiskId, DiskRecord("vda", 1));
   records.disks[0].second["path"] = "/dev/pool/disk";
@@ -209,13 +211,13 @@ TEST(DomainBuildDisk, BadPath_IsRefused) {
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("absolute path"));
 }
 
-TEST(DomainBuildDisk, FiveOnIde_AreRefused) {
+TEST(DomainBuildDisk, FiveDisks_OnIde_AreRefused) {
   GuestRecords records = SmallGuest();
   for (int i = 0; i < 5; ++i) records.disks.emplace_back(std::to_string(i), DiskRecord("hda", 2));
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("four disks on IDE"));
 }
 
-TEST(DomainBuildBoot, FromIso_PutsTheDrivesFirst) {
+TEST(DomainBuildBoot, BootFromIso_Drives_ComeFirst) {
   GuestRecords records = SmallGuest();
   records.disks.emplace_back(kDiskId, DiskRecord("vda", 1));
   records.guest["iso_images"] = List({"/iso/install.iso", "unmounted"});
@@ -233,7 +235,7 @@ TEST(DomainBuildBoot, FromIso_PutsTheDrivesFirst) {
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("'disk' or 'iso'"));
 }
 
-TEST(DomainBuildDrives, OnAnOldMachine_AreOnIdeWhileThereIsRoom) {
+TEST(DomainBuildDrives, Drives_OldMachineType_AreOnIdeWhileThereIsRoom) {
   GuestRecords records = SmallGuest();
   records.disks.emplace_back("a", DiskRecord("hda", 2));
   records.guest["iso_images"] = List({"unmounted", "unmounted"});
@@ -256,7 +258,7 @@ TEST(DomainBuildDrives, ImageIds_AreLookedUp) {
   EXPECT_EQ(failed.error().code(), ErrorCode::kNotFound);
 }
 
-TEST(DomainBuildNic, Source_IsABridgeANetworkOrNothing) {
+TEST(DomainBuildNic, Source_EachKind_IsBridgeNetworkOrNone) {
   GuestRecords records = SmallGuest();
   records.nics.emplace_back("a", NicRecord("52:54:00:00:00:01", "br0"));
   records.nics.emplace_back("b", NicRecord("52:54:00:00:00:02", "default"));
@@ -272,7 +274,7 @@ TEST(DomainBuildNic, Source_IsABridgeANetworkOrNothing) {
   EXPECT_EQ(CountAt(xml, "//interface[3]/source"), 0u);
 }
 
-TEST(DomainBuildNic, Model_IsThatOfTheType) {
+TEST(DomainBuildNic, Model_EachType_IsMapped) {
   const std::pair<int, const char*> kRows[] = {{1, "virtio"}, {2, "e1000"}, {3, "rtl8139"}};
   for (const auto& [type, model] : kRows) {
     GuestRecords records = SmallGuest();
@@ -282,7 +284,7 @@ TEST(DomainBuildNic, Model_IsThatOfTheType) {
   }
 }
 
-TEST(DomainBuildNic, BridgeOfAVirtualSwitch_HasItsPort) {
+TEST(DomainBuildNic, Bridge_OfVirtualSwitch_HasVirtualPort) {
   GuestRecords records = SmallGuest();
   records.nics.emplace_back(kNicId, NicRecord("52:54:00:00:00:01", "lan"));
   EXPECT_EQ(CountAt(MustBuild(records), "//interface/virtualport"), 0u);
@@ -309,7 +311,7 @@ TEST(DomainBuildNic, BadValues_AreRefused) {
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("Two network interfaces"));
 }
 
-TEST(DomainBuildUsb, Version_ChoosesTheController) {
+TEST(DomainBuildUsb, UsbVersion_Each_SelectsController) {
   const std::pair<int, const char*> kRows[] = {{0, "none"}, {1, "piix3-uhci"}, {2, "ich9-ehci1"}, {3, "qemu-xhci"}};
   for (const auto& [version, model] : kRows) {
     const std::string xml = BuildWith("usb_version", version);
@@ -319,7 +321,7 @@ TEST(DomainBuildUsb, Version_ChoosesTheController) {
   }
 }
 
-TEST(DomainBuildUsb, Devices_AreThoseOfTheHost) {
+TEST(DomainBuildUsb, UsbDevices_Listed_ArePassedThrough) {
   const std::string xml = BuildWith("usbs", List({"1234:00ab", "unmounted", "3.14", "unmounted"}));
   EXPECT_EQ(At(xml, "//hostdev[1]/source/vendor/@id"), "0x1234");
   EXPECT_EQ(At(xml, "//hostdev[1]/source/product/@id"), "0x00ab");
@@ -328,11 +330,11 @@ TEST(DomainBuildUsb, Devices_AreThoseOfTheHost) {
   for (const char* bad : {"1234", "1234:", "x:1", "0.1", "1.256", "1234:12345", "1.2'/><evil/>"}) {
     GuestRecords records = SmallGuest();
     records.guest["usbs"] = List({bad});
-    EXPECT_THAT(BuildRefusalOf(records), HasSubstr("is not a USB device")) << bad;
+    EXPECT_THAT(BuildRefusalOf(records), HasSubstr("cannot be passed through")) << bad;
   }
 }
 
-TEST(DomainBuildUsb, DevicesWithoutABus_AreLeftOut) {
+TEST(DomainBuildUsb, UsbDevices_NoUsbController_AreOmitted) {
   GuestRecords records = SmallGuest();
   records.guest["usbs"] = List({"1234:00ab", "unmounted"});
   BuildOptions options;
@@ -342,39 +344,39 @@ TEST(DomainBuildUsb, DevicesWithoutABus_AreLeftOut) {
   EXPECT_EQ(CountAt(xml, "//controller[@type='usb']"), 4u);
 }
 
-// What a refusal says of a member of the guest's record.
+// A part of the message for a bad member of the guest's record.
 struct GuestRow {
   const char* member;
   Json::Value value;
-  const char* says;
+  const char* sentence;
 };
 void PrintTo(const GuestRow& row, std::ostream* out) { *out << row.member << " " << row.value.toStyledString(); }
 class BadMember : public ::testing::TestWithParam<GuestRow> {};
 
-TEST_P(BadMember, OfAGuest_IsRefused) {
+TEST_P(BadMember, Guest_BadMember_IsRefused) {
   GuestRecords records = SmallGuest();
   records.guest[GetParam().member] = GetParam().value;
-  EXPECT_THAT(BuildRefusalOf(records), HasSubstr(GetParam().says));
+  EXPECT_THAT(BuildRefusalOf(records), HasSubstr(GetParam().sentence));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, BadMember,
-    ::testing::Values(GuestRow{"vram_size", 0, "from 1 to 2097151"},
-                      GuestRow{"vram_size", Json::nullValue, "no 'vram_size'"},
-                      GuestRow{"vram_size", 2'097'152, "from 1 to"}, GuestRow{"vram_size", "512", "from 1 to"},
-                      GuestRow{"vram_size", 1e30, "from 1 to"}, GuestRow{"vcpu_num", 0, "from 1 to 512"},
-                      GuestRow{"vcpu_num", 513, "from 1 to 512"}, GuestRow{"vcpu_num", -1, "from 1 to 512"},
-                      GuestRow{"cpu_weight", 1, "from 2 to"}, GuestRow{"cpu_pin_num", 3, "from 0 to 2"},
-                      GuestRow{"usb_version", 4, "from 0 to 3"}, GuestRow{"video_card", "vga'/><evil/>", "not known"},
-                      GuestRow{"kb_layout", "de'/><evil/>", "not a keyboard layout"},
-                      GuestRow{"name", 5, "is not a text"}, GuestRow{"usbs", "3.14", "not a list"},
-                      GuestRow{"iso_images", "x", "not a list"}, GuestRow{"nvram", "", "absolute path"},
-                      GuestRow{"nvram", "vars.fd", "absolute path"}, GuestRow{"nvram", "/a/../b", "absolute path"},
-                      GuestRow{"nvram", "/a\nb", "absolute path"}, GuestRow{"nvram", Json::arrayValue, "is not a text"},
-                      GuestRow{"boot_from", 1, "is not a text"}, GuestRow{"desc", Json::arrayValue, "is not a text"}));
+    ::testing::Values(
+        GuestRow{"vram_size", 0, "from 1 to 2097151"}, GuestRow{"vram_size", Json::nullValue, "no 'vram_size'"},
+        GuestRow{"vram_size", 2'097'152, "from 1 to"}, GuestRow{"vram_size", "512", "from 1 to"},
+        GuestRow{"vram_size", 1e30, "from 1 to"}, GuestRow{"vcpu_num", 0, "from 1 to 512"},
+        GuestRow{"vcpu_num", 513, "from 1 to 512"}, GuestRow{"vcpu_num", -1, "from 1 to 512"},
+        GuestRow{"cpu_weight", 1, "from 2 to"}, GuestRow{"cpu_pin_num", 3, "from 0 to 2"},
+        GuestRow{"usb_version", 4, "from 0 to 3"}, GuestRow{"video_card", "vga'/><evil/>", "is unknown"},
+        GuestRow{"kb_layout", "de'/><evil/>", "name of a keyboard layout"}, GuestRow{"name", 5, "is not a string"},
+        GuestRow{"usbs", "3.14", "not a list"}, GuestRow{"iso_images", "x", "not a list"},
+        GuestRow{"nvram", "", "absolute path"}, GuestRow{"nvram", "vars.fd", "absolute path"},
+        GuestRow{"nvram", "/a/../b", "absolute path"}, GuestRow{"nvram", "/a\nb", "absolute path"},
+        GuestRow{"nvram", Json::arrayValue, "is not a string"}, GuestRow{"boot_from", 1, "is not a string"},
+        GuestRow{"desc", Json::arrayValue, "is not a string"}));
 
 // Nothing that a record holds can end an attribute or an element.
-TEST(DomainBuildHostile, Texts_StayTexts) {
+TEST(DomainBuildHostile, Build_MarkupInTexts_IsEscaped) {
   const std::string hostile[] = {
       "</name><evil/><name>", "\"'><evil/>", "&evil;", "]]><evil/>", "<!--", "<![CDATA[", "<?evil ?>", "%s%n", "&#0;",
       "&lt;evil/&gt;"};
@@ -417,7 +419,7 @@ TEST(DomainBuildHostile, Build_CharactersInvalidInXml_AreReplaced) {
   EXPECT_EQ(At(MustBuild(records), "/domain/description"), "a?b?c?d?e???f\xC3\xA4\n\t");
 }
 
-TEST(DomainBuildHostile, NameThatLibvirtRefuses_IsTheIdInstead) {
+TEST(DomainBuildHostile, Build_NameInvalidForLibvirt_UsesIdInstead) {
   for (const char* name : {"", ".", "..", "a/b", "a\nb", " a", "a ", "\xFF", "a\xEF\xBF\xBE"}) {
     GuestRecords records = SmallGuest();
     records.guest["name"] = name;
@@ -430,7 +432,7 @@ TEST(DomainBuildHostile, NameThatLibvirtRefuses_IsTheIdInstead) {
   EXPECT_EQ(At(MustBuild(records), "/domain/name"), std::string(128, 'a'));
 }
 
-TEST(DomainBuildHostile, RecordsOfOtherTypes_AreRefusedOrDefaulted) {
+TEST(DomainBuildHostile, Build_WrongTypes_AreRefusedOrDefaulted) {
   GuestRecords records;
   EXPECT_THAT(BuildRefusalOf(records), HasSubstr("not a UUID"));  // the id is empty
   records = SmallGuest();
@@ -448,4 +450,4 @@ TEST(DomainBuildHostile, RecordsOfOtherTypes_AreRefusedOrDefaulted) {
 }
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -1,9 +1,9 @@
-// What running domains say of their interfaces.
+// Interfaces as the XML of running domains describes them.
 #include "host/domain_xml/domain_interfaces.h"
 
 #include <gtest/gtest.h>
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
 
 std::string Domain(const std::string& interfaces) {
@@ -13,7 +13,7 @@ std::string Domain(const std::string& interfaces) {
 // "into device target network up" of the only interface.
 std::string Words(const GuestInterface& interface) {
   constexpr const char* kNames[] = {"bridge", "network", "device", "user", "other"};
-  return std::string(kNames[static_cast<int>(interface.plugged_into)]) + " [" + interface.device + "] [" +
+  return std::string(kNames[static_cast<int>(interface.attachment_kind)]) + " [" + interface.device + "] [" +
          interface.target + "] [" + interface.network + "] " + (interface.is_link_up ? "up" : "down");
 }
 
@@ -26,7 +26,7 @@ void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 class LiveInterface : public testing::TestWithParam<Row> {};
 
-TEST_P(LiveInterface, IsReadAsLibvirtShowsIt) {
+TEST_P(LiveInterface, Read_EachType_MatchesWhatLibvirtShows) {
   const auto interfaces = ParseGuestInterfaces(Domain(GetParam().xml));
   ASSERT_TRUE(interfaces);
   ASSERT_EQ(interfaces->size(), 1U);
@@ -63,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
             "other [] [tap7] [] up"}),
     [](const testing::TestParamInfo<Row>& row) { return row.param.name; });
 
-TEST(LiveInterfaces, WithoutAUsefulAddress_AreLeftOut) {
+TEST(LiveInterfaces, Parse_NoUsableMacAddress_OmitsInterface) {
   const auto interfaces = ParseGuestInterfaces(
       Domain("<interface type='bridge'/><interface type='bridge'><mac address='01:00:5e:00:00:01'/></interface>"
              "<interface type='user'><mac address='52:54:00:00:00:02'/></interface>"));
@@ -81,7 +81,7 @@ TEST(LiveInterfaces, Interfaces_NotADomain_IsError) {
 
 std::string Resolved(const char* xml, const std::string& bridge) {
   GuestInterface interface;
-  interface.plugged_into = PluggedInto::kNetwork;
+  interface.attachment_kind = NicAttachment::kNetwork;
   interface.network = "n";
   ResolveNetwork(xml, bridge, interface);
   return Words(interface);
@@ -103,4 +103,4 @@ TEST(NetworksOfLibvirt, ResolveNetwork_FollowsNetworkXml) {
 }
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

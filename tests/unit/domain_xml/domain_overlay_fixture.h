@@ -1,4 +1,4 @@
-// An imported guest whose definition has something of everything, and what becomes of it.
+// An imported guest whose definition contains every kind of element, and helpers to edit and inspect it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include "tests/unit/domain_xml/domain_build_fixture.h"
 #include "tests/unit/domain_xml/domain_xml_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 
 inline constexpr const char* kOverlayHost = "99999999-2222-4333-8444-555555555555";
 
@@ -102,4 +102,4 @@ inline std::string Canonical(const std::string& xml) {
   return text.str();
 }
 
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

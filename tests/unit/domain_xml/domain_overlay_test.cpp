@@ -1,5 +1,4 @@
 // The definition of an imported guest: what stays in it, and what an edit changes.
-#include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <functional>
@@ -7,12 +6,11 @@
 #include "host/base/files.h"
 #include "host/hypervisor/event_loop.h"
 #include "host/hypervisor/handles.h"
+#include "tests/support/matchers.h"
 #include "tests/unit/domain_xml/domain_overlay_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
-
-using ::testing::HasSubstr;
 
 const std::string kSource = VEXA_SOURCE_DIR;
 
@@ -64,16 +62,16 @@ std::string Difference(const std::string& base, const std::string& xml) {
 }
 
 std::string TestDriverComplaint(const std::string& xml, unsigned flags) {
-  EXPECT_TRUE(StartEventLoop().ok());
-  const ConnectHandle connection(virConnectOpen("test:///default"));
+  EXPECT_TRUE(hypervisor::StartEventLoop().ok());
+  const hypervisor::ConnectHandle connection(virConnectOpen("test:///default"));
   if (!connection) return "no connection";
-  const DomainHandle domain(virDomainDefineXMLFlags(connection.get(), xml.c_str(), flags));
+  const hypervisor::DomainHandle domain(virDomainDefineXMLFlags(connection.get(), xml.c_str(), flags));
   if (!domain) return virGetLastErrorMessage();
   virDomainUndefine(domain.get());
   return "";
 }
 
-TEST(DomainOverlay, NothingEdited_OnlyTheMarkIsAdded) {
+TEST(DomainOverlay, Overlay_NothingEdited_AddsOnlyOwnershipTag) {
   const std::string xml = Unedited(Base());
   EXPECT_EQ(Canonical(xml), Canonical(Base()));
   EXPECT_EQ(At(xml, "/domain/metadata/*[local-name()='guest']/@host"), kOverlayHost);
@@ -81,13 +79,13 @@ TEST(DomainOverlay, NothingEdited_OnlyTheMarkIsAdded) {
   EXPECT_THAT(xml, HasSubstr("<vexa:guest xmlns:vexa=\"urn:vexa:guest:1\" host=\""));
 }
 
-TEST(DomainOverlay, BuiltAgainOverItsOwnResult_IsTheSame) {
+TEST(DomainOverlay, Overlay_AppliedToItsResult_IsUnchanged) {
   const std::string once = Unedited(Base());
   EXPECT_EQ(Unedited(once), once);
   EXPECT_EQ(CountAt(once, "/domain/metadata/*[local-name()='guest']"), 1u);
 }
 
-TEST(DomainOverlay, MarkOfAnyPrefix_IsReplaced) {
+TEST(DomainOverlay, OwnershipTag_AnyXmlPrefix_IsReplaced) {
   std::string base = Base();
   const std::string place = "<metadata>";
   base.insert(base.find(place) + place.size(), "<old:guest xmlns:old='urn:vexa:guest:1' host='elsewhere'/>");
@@ -96,7 +94,7 @@ TEST(DomainOverlay, MarkOfAnyPrefix_IsReplaced) {
   EXPECT_EQ(CountAt(xml, "/domain/metadata/*"), 2u);
 }
 
-TEST(DomainOverlay, BaseWithoutMetadata_GetsIt) {
+TEST(DomainOverlay, Overlay_BaseWithoutMetadata_AddsIt) {
   EXPECT_EQ(At(Unedited(DomainWith("")), "/domain/metadata/*/@host"), kOverlayHost);
 }
 
@@ -112,15 +110,15 @@ INSTANTIATE_TEST_SUITE_P(Files, OverlayExample, ::testing::Values("web-1", "desk
                          [](const auto& row) { return std::string(row.param).substr(0, 3); });
 
 // Elements that no record has a place for.
-struct Kept {
+struct Persistence {
   const char* name;
   std::string rest;
   std::string devices;
 };
-void PrintTo(const Kept& row, std::ostream* out) { *out << row.name; }
-class KeptElement : public ::testing::TestWithParam<Kept> {};
+void PrintTo(const Persistence& row, std::ostream* out) { *out << row.name; }
+class KeptElement : public ::testing::TestWithParam<Persistence> {};
 
-const Kept kKept[] = {
+const Persistence kKept[] = {
     {"genid", "<genid>43dc0cf8-809b-4adb-9bea-a9abb5f3d90e</genid>", ""},
     {"memory_backing", "<memoryBacking><hugepages/><locked/></memoryBacking>", ""},
     {"memtune", "<memtune><hard_limit unit='KiB'>2097152</hard_limit></memtune>", ""},
@@ -171,7 +169,7 @@ const Kept kKept[] = {
      "<model type='virtio-transitional'/><link state='down'/></interface>"},
 };
 
-TEST_P(KeptElement, NothingEdited_StaysWordForWord) {
+TEST_P(KeptElement, Overlay_NothingEdited_KeepsElementVerbatim) {
   const std::string base = Base(GetParam().rest, GetParam().devices);
   EXPECT_EQ(Canonical(Unedited(base)), Canonical(base));
 }
@@ -186,15 +184,15 @@ INSTANTIATE_TEST_SUITE_P(Rows, KeptElement, ::testing::ValuesIn(kKept),
                          [](const auto& row) { return std::string(row.param.name); });
 
 // One facet edited: exactly these lines of the definition change.
-struct Facet {
+struct SettingEdit {
   const char* name;
   std::function<void(GuestRecords&)> edit;
   const char* difference;
   std::string rest = "";
   std::string devices = "";
 };
-void PrintTo(const Facet& row, std::ostream* out) { *out << row.name; }
-class EditedFacet : public ::testing::TestWithParam<Facet> {};
+void PrintTo(const SettingEdit& row, std::ostream* out) { *out << row.name; }
+class EditedSetting : public ::testing::TestWithParam<SettingEdit> {};
 
 std::function<void(GuestRecords&)> Member(const char* member, Json::Value value) {
   return [=](GuestRecords& records) { records.guest[member] = value; };
@@ -206,7 +204,7 @@ std::function<void(GuestRecords&)> NicMember(std::size_t nic, const char* member
   return [=](GuestRecords& records) { records.nics[nic].second[member] = value; };
 }
 
-const Facet kFacets[] = {
+const SettingEdit kFacets[] = {
     {"name", Member("name", "other"), "-<name>guest</name>\n+<name>other</name>\n"},
     {"no_name", [](GuestRecords& records) { records.guest.removeMember("name"); },
      "-<name>guest</name>\n+<name>11111111-2222-4333-8444-555555555555</name>\n"},
@@ -306,12 +304,12 @@ const Facet kFacets[] = {
      "+<boot order=\"3\" />\n"},
 };
 
-TEST_P(EditedFacet, ChangesTheseLinesOnly) {
+TEST_P(EditedSetting, Edit_OneSetting_ChangesOnlyItsLines) {
   const std::string base = Base(GetParam().rest, GetParam().devices);
   EXPECT_EQ(Difference(base, Edited(GetParam().edit, base)), GetParam().difference);
 }
 
-TEST_P(EditedFacet, PleasesTheTestDriver) {
+TEST_P(EditedSetting, Edit_OneSetting_IsAcceptedByTestDriver) {
   const std::string base = Base(GetParam().rest, GetParam().devices);
   GuestRecords records = RecordsOfBase(base);
   GetParam().edit(records);
@@ -320,11 +318,11 @@ TEST_P(EditedFacet, PleasesTheTestDriver) {
   EXPECT_EQ(TestDriverComplaint(MustBuild(records, options), 0), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, EditedFacet, ::testing::ValuesIn(kFacets),
+INSTANTIATE_TEST_SUITE_P(Rows, EditedSetting, ::testing::ValuesIn(kFacets),
                          [](const auto& row) { return std::string(row.param.name); });
 
 // The first interface of the base is on a virtual switch, the second on a device.
-TEST(DomainOverlayNic, OtherBridge_KeepsLosesOrGetsThePortOfASwitch) {
+TEST(DomainOverlayNic, SetBridge_OfSwitchOrNot_UpdatesVirtualPort) {
   const std::string base = Base("", "");
   GuestRecords records = RecordsOfBase(base);
   for (auto& [id, nic] : records.nics) nic["network_name"] = "br1";
@@ -338,7 +336,7 @@ TEST(DomainOverlayNic, OtherBridge_KeepsLosesOrGetsThePortOfASwitch) {
   EXPECT_EQ(ports(), 2u);
 }
 
-TEST(DomainOverlayDisk, Added_GetsAFreePlaceAndTheBootOrder) {
+TEST(DomainOverlayDisk, AddDisk_NoTargetGiven_GetsFreeTargetAndBootOrder) {
   const std::string xml = Edited([](GuestRecords& records) {
     records.disks.emplace_back("new", DiskRecord("vda", 1));
     records.nics.emplace_back("new", NicRecord("52:54:00:00:00:0b", "br7"));
@@ -361,19 +359,19 @@ TEST(DomainOverlayDisk, AddDisk_ScsiWithoutController_AddsOne) {
   EXPECT_EQ(At(full, "//controller[@type='scsi']/driver/@queues"), "2");
 }
 
-TEST(DomainOverlayDisk, Removed_GoesAndTheRestBoots) {
+TEST(DomainOverlayDisk, RemoveDisk_FirstDisk_RestGetsBootOrder) {
   const std::string xml = Edited([](GuestRecords& records) { records.disks.erase(records.disks.begin()); });
   EXPECT_EQ(CountAt(xml, "//disk[target/@dev='vda']"), 0u);
   EXPECT_EQ(At(xml, "//disk[target/@dev='sdb']/boot/@order"), "1");
 }
 
-TEST(DomainOverlayDisk, OnIdeOfAMachineWithoutIt_IsRefused) {
+TEST(DomainOverlayDisk, AddDisk_IdeOnMachineWithoutIde_IsRefused) {
   GuestRecords records = RecordsOfBase(Base());
   records.disks[0].second["vdisk_mode"] = 2;
-  EXPECT_THAT(BuildRefusalOf(records, Over(Base())), HasSubstr("the machine 'pc-q35-7.2'"));
+  EXPECT_THAT(BuildRefusalOf(records, Over(Base())), HasSubstr("the machine type 'pc-q35-7.2'"));
 }
 
-TEST(DomainOverlayDisk, BadPathOfAnEdit_IsRefused) {
+TEST(DomainOverlayDisk, EditDisk_InvalidPath_IsRefused) {
   GuestRecords records = RecordsOfBase(Base());
   records.disks[0].second["path"] = "/images/../etc/shadow";
   EXPECT_THAT(BuildRefusalOf(records, Over(Base())), HasSubstr("absolute path"));
@@ -390,7 +388,7 @@ TEST(DomainOverlayBoot, BootOrder_OtherDevices_FollowDisks) {
   EXPECT_EQ(At(xml, "//interface/boot/@order"), "3");
 }
 
-TEST(DomainOverlayDrives, Added_GoesWhereThereIsRoom) {
+TEST(DomainOverlayDrives, AddDrive_Buses_UsesOneWithRoom) {
   const std::string xml = EditedMember("iso_images", List({"/iso/a.iso", "/iso/b.iso"}));
   EXPECT_EQ(At(xml, "//disk[source/@file='/iso/b.iso']/target/@bus"), "sata");
   EXPECT_EQ(At(xml, "//disk[source/@file='/iso/b.iso']/target/@dev"), "sda");
@@ -398,7 +396,7 @@ TEST(DomainOverlayDrives, Added_GoesWhereThereIsRoom) {
   EXPECT_EQ(CountAt(none, "//disk[@device='cdrom']"), 0u);
 }
 
-TEST(DomainOverlayDrives, ImageOfTheLibrary_IsLookedUp) {
+TEST(DomainOverlayDrives, Drive_ImageId_IsResolved) {
   GuestRecords records = RecordsOfBase(Base());
   records.guest["iso_images"] = List({"44444444-2222-4333-8444-555555555555"});
   BuildOptions options = Over(Base());
@@ -408,7 +406,7 @@ TEST(DomainOverlayDrives, ImageOfTheLibrary_IsLookedUp) {
   EXPECT_EQ(At(MustBuild(records, options), "//disk[@device='cdrom']/source/@file"), "/iso/b.iso");
 }
 
-TEST(DomainOverlayProcessor, Overlay_DedicatedProcessors_ReplaceOwnersPins) {
+TEST(DomainOverlayProcessor, Overlay_DedicatedProcessors_ReplaceUsersPins) {
   GuestRecords records = RecordsOfBase(Base());
   BuildOptions options = Over(Base());
   options.pinned_cpus = {6, 7};
@@ -417,14 +415,14 @@ TEST(DomainOverlayProcessor, Overlay_DedicatedProcessors_ReplaceOwnersPins) {
   EXPECT_EQ(At(xml, "//vcpupin[@vcpu='1']/@cpuset"), "7");
 }
 
-TEST(DomainOverlayProcessor, FewerVirtualCpus_LosePinsAndArrangement) {
+TEST(DomainOverlayProcessor, SetVirtualCpus_Fewer_RemovesPinsAndTopology) {
   const std::string base = Base("<vcpus><vcpu id='0' enabled='yes'/></vcpus>");
   const std::string xml = EditedMember("vcpu_num", 2, base);
   EXPECT_EQ(CountAt(xml, "//vcpupin"), 1u);
   EXPECT_EQ(CountAt(xml, "/domain/vcpus"), 0u);
 }
 
-TEST(DomainOverlayMemory, Cells_ShareTheNewMemory) {
+TEST(DomainOverlayMemory, SetMemory_NumaCells_ShareNewSize) {
   const std::string cells =
       "<cpu mode='host-model'><numa><cell id='0' cpus='0' memory='256' unit='MiB'/>"
       "<cell id='1' cpus='1' memory='256' unit='MiB'/></numa></cpu>";
@@ -436,7 +434,7 @@ TEST(DomainOverlayMemory, Cells_ShareTheNewMemory) {
   EXPECT_EQ(CountAt(xml, "/domain/devices/memory"), 0u);
 }
 
-TEST(DomainOverlayFirmware, OwnLoader_StaysAndVariablesAreTheRecords) {
+TEST(DomainOverlayFirmware, Firmware_OwnLoader_IsKeptWithRecordsNvram) {
   const std::string base = DomainWith(
       "<os><type>hvm</type><loader readonly='yes' type='pflash'>/fw.fd</loader>"
       "<nvram template='/fw-vars.fd'>/vars/old.fd</nvram></os>");
@@ -455,9 +453,9 @@ TEST(DomainOverlayFirmware, OwnLoader_StaysAndVariablesAreTheRecords) {
   EXPECT_EQ(At(EditedMember("nvram", "/vars/b.fd", without), "/domain/os/nvram"), "/vars/b.fd");
 }
 
-TEST(DomainOverlayOptions, WithoutCgroups_TuningGoesAndPinsStay) {
+TEST(DomainOverlayOptions, Overlay_WithoutCgroups_RemovesTuningAndKeepsPins) {
   BuildOptions options = Over(Base("<blkiotune><weight>500</weight></blkiotune><memtune/>"));
-  options.cpu_shares = CpuShares::kLeftOut;
+  options.cpu_shares = CpuShares::kOmitted;
   std::string xml = Unedited(options.base_xml, options);
   EXPECT_EQ(CountAt(xml, "//shares | //blkiotune | //memtune"), 0u);
   EXPECT_EQ(CountAt(xml, "//vcpupin"), 2u);
@@ -481,7 +479,7 @@ TEST(DomainOverlayOptions, Overlay_Emulation_RemovesKvmFeatures) {
       "+<cpu mode=\"maximum\" check=\"none\">\n");
 }
 
-TEST(DomainOverlayOptions, WithoutAUsbBus_HostDevicesAreLeftOut) {
+TEST(DomainOverlayOptions, Overlay_NoUsbBus_OmitsHostDevices) {
   BuildOptions options = Over(Base());
   options.usb_bus = UsbBus::kAbsent;
   const std::string xml = Unedited(Base(), options);
@@ -502,20 +500,20 @@ TEST(DomainOverlayUsb, Overlay_UsbTurnedOff_RemovesUsbDevices) {
   EXPECT_EQ(CountAt(xml, "//input[@bus='ps2']"), 1u);
 }
 
-TEST(DomainOverlayEmulator, Emulator_Missing_IsLeftOut) {
+TEST(DomainOverlayEmulator, Emulator_Missing_IsOmitted) {
   EXPECT_EQ(CountAt(Unedited(DomainWith("", "<emulator>/no/such/emulator</emulator>")), "//emulator"), 0u);
   EXPECT_EQ(CountAt(Unedited(DomainWith("", "<emulator>/etc/passwd</emulator>")), "//emulator"), 0u);
   EXPECT_EQ(CountAt(Unedited(DomainWith("", "<emulator>/</emulator>")), "//emulator"), 0u);
   EXPECT_EQ(At(Unedited(DomainWith("", "<emulator>/bin/sh</emulator>")), "//emulator"), "/bin/sh");
 }
 
-TEST(DomainOverlayFirmware, OddVariables_AreRefused) {
+TEST(DomainOverlayFirmware, Nvram_InvalidRecord_IsRefused) {
   GuestRecords records = RecordsOfBase(Base());
   records.guest["nvram"] = "vars.fd";
   EXPECT_THAT(BuildRefusalOf(records, Over(Base())), HasSubstr("'nvram'"));
 }
 
-TEST(DomainOverlayDrives, BlockDeviceInADrive_GivesWayToAFile) {
+TEST(DomainOverlayDrives, SetDrive_HoldsBlockDevice_IsReplacedByFile) {
   const std::string base =
       DomainWith("", "<disk type='block' device='cdrom'><source dev='/dev/sr0'/><target dev='sda' bus='sata'/></disk>");
   const std::string xml = EditedMember("iso_images", List({"/iso/a.iso"}), base);
@@ -524,18 +522,18 @@ TEST(DomainOverlayDrives, BlockDeviceInADrive_GivesWayToAFile) {
   EXPECT_EQ(CountAt(xml, "//disk/source/@dev"), 0u);
 }
 
-TEST(DomainOverlayNic, RecordWithAnotherId_BelongsToItsMacAddress) {
+TEST(DomainOverlayNic, Nic_OtherRecordId_IsMatchedByMacAddress) {
   const std::string xml = Edited([](GuestRecords& records) { records.nics[0].first = "another"; });
   EXPECT_EQ(Canonical(xml), Canonical(Base()));
 }
 
-TEST(DomainOverlayNic, TwoWithOneMac_AreRefused) {
+TEST(DomainOverlayNic, Nics_DuplicateMac_AreRefused) {
   GuestRecords records = RecordsOfBase(Base());
   records.nics[0].second["mac_address"] = "52:54:00:00:00:02";
   EXPECT_THAT(BuildRefusalOf(records, Over(Base())), HasSubstr("Two network interfaces"));
 }
 
-TEST(DomainOverlayRunning, IdOfARunningDomain_IsNotDefined) {
+TEST(DomainOverlayRunning, Overlay_BaseOfRunningDomain_OmitsItsId) {
   std::string base = Base();
   base.insert(std::string("<domain").size(), " id='7'");
   EXPECT_EQ(At(Unedited(base), "/domain/@id"), "");
@@ -547,11 +545,11 @@ TEST(DomainOverlayRefusal, Base_UnreadableOrOfOtherGuest_IsNamed) {
   EXPECT_THAT(BuildRefusalOf(records, Over("<domain/>")), HasSubstr("imported with cannot be used"));
   DomainParts other;
   other.uuid = "<uuid>21111111-2222-4333-8444-555555555555</uuid>";
-  EXPECT_THAT(BuildRefusalOf(records, Over(other.Text())), HasSubstr("is that of the guest '21111111"));
+  EXPECT_THAT(BuildRefusalOf(records, Over(other.Text())), HasSubstr("with the definition of the guest '21111111"));
 }
 
 // Only edits are checked: libvirt took the rest before.
-TEST(DomainOverlayNic, NetworkThatTheBuilderWouldRefuse_StaysWhileItIsNotEdited) {
+TEST(DomainOverlayNic, Nic_NetworkInvalidForBuilder_IsKeptUnlessEdited) {
   const std::string nic =
       "<interface type='network'><mac address='52:54:00:00:00:01'/><source network='a very long network name'/>"
       "<model type='virtio'/></interface>";
@@ -562,8 +560,8 @@ TEST(DomainOverlayNic, NetworkThatTheBuilderWouldRefuse_StaysWhileItIsNotEdited)
             "a very long network name");
 }
 
-TEST(DomainOverlayDriver, RowsOfKeptElements_PleaseTheTestDriver) {
-  for (const Kept& row : kKept) {
+TEST(DomainOverlayDriver, KeptElements_EachRow_IsAcceptedByTestDriver) {
+  for (const Persistence& row : kKept) {
     const std::string base = Base(row.rest, row.devices);
     BuildOptions options = Over(base);
     options.domain_type = "test";
@@ -572,4 +570,4 @@ TEST(DomainOverlayDriver, RowsOfKeptElements_PleaseTheTestDriver) {
 }
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -1,8 +1,8 @@
-// Each setting of the table in the machine: of a new guest, in the definition of an imported one, and back in a record.
+// Each setting in domain XML: of a new guest, of an imported one, and read back into a record.
 #include "tests/support/setting_values.h"
 #include "tests/unit/domain_xml/domain_overlay_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
 
 using test::OtherValue;
@@ -13,7 +13,8 @@ using test::ValidValues;
 // The settings that the machine has. What counts immediately is not of the machine, or has tests of its own.
 std::vector<const GuestSetting*> MachineSettings() {
   std::vector<const GuestSetting*> settings = ScalarSettings();
-  std::erase_if(settings, [](const GuestSetting* setting) { return setting->applies != Applies::kAtNextStart; });
+  std::erase_if(settings,
+                [](const GuestSetting* setting) { return setting->takes_effect != TakesEffect::kAtNextStart; });
   return settings;
 }
 
@@ -32,7 +33,7 @@ BuildOptions WithProcessors() {
   return options;
 }
 
-TEST(DomainSettings, EachSetting_ChangesTheMachineOfANewGuest) {
+TEST(DomainSettings, EachSetting_NewGuest_ChangesDomainXml) {
   const GuestRecords before = WholeGuest();
   const std::string machine = MustBuild(before, WithProcessors());
   for (const GuestSetting* setting : MachineSettings()) {
@@ -43,7 +44,7 @@ TEST(DomainSettings, EachSetting_ChangesTheMachineOfANewGuest) {
   }
 }
 
-TEST(DomainSettings, EachSetting_ChangesTheDefinitionOfAnImportedGuest) {
+TEST(DomainSettings, EachSetting_ImportedGuest_ChangesDefinition) {
   const std::string base = Base();
   const GuestRecords before = RecordsOfBase(base);
   const std::string definition = MustBuild(before, Over(base));
@@ -55,7 +56,27 @@ TEST(DomainSettings, EachSetting_ChangesTheDefinitionOfAnImportedGuest) {
   }
 }
 
-TEST(DomainSettings, EachSetting_IsReadFromTheMachineThatHasIt) {
+// A guest that was imported before a setting existed has a record without it, and a definition in which its user may
+// have chosen a value.
+TEST(DomainSettings, Setting_MissingInRecord_KeepsValueOfImportedDefinition) {
+  const GuestRecords imported = RecordsOfBase(Base());
+  for (const GuestSetting* setting : MachineSettings()) {
+    const std::string_view name = setting->name;
+    if (name == "vram_size") continue;  // a record without it is refused
+    const Json::Value own = imported.guest[setting->name];
+    for (const Json::Value& value : {own, OtherValue(*setting, own)}) {
+      SCOPED_TRACE(std::string(setting->name) + " " + SettingText(value));
+      GuestRecords records = imported;
+      records.guest[setting->name] = value;
+      if (name == "vcpu_num") records.guest["cpu_pin_num"] = 0;  // at most the number that is taken away
+      const std::string base = MustBuild(records, Over(Base()));
+      records.guest.removeMember(setting->name);
+      EXPECT_EQ(Canonical(MustBuild(records, Over(base))), Canonical(base));
+    }
+  }
+}
+
+TEST(DomainSettings, EachSetting_Imported_IsReadFromDomainXml) {
   for (const GuestSetting* setting : MachineSettings()) {
     SCOPED_TRACE(setting->name);
     GuestRecords records = WholeGuest();
@@ -69,4 +90,4 @@ TEST(DomainSettings, EachSetting_IsReadFromTheMachineThatHasIt) {
 }
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

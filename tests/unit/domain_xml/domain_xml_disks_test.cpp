@@ -1,5 +1,4 @@
-// Disks and network interfaces: each member of their records, sizes, and what becomes of the odd ones.
-#include <gmock/gmock.h>
+// Disks and network interfaces: each member of their records, sizes, and unsupported kinds.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -7,14 +6,11 @@
 #include <fstream>
 
 #include "host/base/json_parse.h"
+#include "tests/support/matchers.h"
 #include "tests/unit/domain_xml/domain_xml_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
-
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 std::string Print(const Json::Value& value) { return value.toStyledString(); }
 
@@ -35,7 +31,7 @@ TEST(DiskRecord, Qcow2OnVirtio_HasEveryMember) {
     "is_dummy": false, "unmap": false, "is_meta_disk": false})")));
 }
 
-TEST(DiskRecord, BlockDevice_IsRawAndKeepsItsPath) {
+TEST(DiskRecord, BlockDevice_Imported_IsRawAndKeepsPath) {
   const ImportedGuest guest = MustParse(
       DomainWith("", "<disk type='block'><driver type='raw'/><source dev='/dev/vg/x'/><target dev='vda'/></disk>"));
   const Json::Value& disk = guest.disks.at(0).second;
@@ -73,7 +69,7 @@ TEST(DiskRecord, EveryBus_HasItsMode) {
   }
 }
 
-TEST(DiskRecord, OtherBus_IsNotedAndRecordedAsSata) {
+TEST(DiskRecord, Bus_Unsupported_IsNotedAndRecordedAsSata) {
   const ImportedGuest guest =
       MustParse(DomainWith("", "<disk><source file='/a'/><target dev='sda' bus='usb'/></disk>"));
   EXPECT_EQ(guest.disks.at(0).second["vdisk_mode"], 3);
@@ -83,7 +79,7 @@ TEST(DiskRecord, OtherBus_IsNotedAndRecordedAsSata) {
                "bus is edited."));
 }
 
-TEST(DiskRecord, FloppyDrive_HasNoRecord) {
+TEST(DiskRecord, FloppyDrive_Imported_HasNoRecord) {
   const ImportedGuest guest =
       MustParse(DomainWith("", "<disk device='floppy'><source file='/a'/><target dev='fda'/></disk>"));
   EXPECT_TRUE(guest.disks.empty());
@@ -100,7 +96,7 @@ TEST(DiskRecord, Disks_LunAndBackingImage_AreNotedAndOtherElementsAreNot) {
   EXPECT_THAT(guest.notes, Not(Contains(HasSubstr("iotune"))));
 }
 
-TEST(DiskSize, OneByteMoreThanAMib_IsRoundedUp) {
+TEST(DiskSize, Size_OneByteMoreThanMib_IsRoundedUp) {
   ImportOptions options;
   options.size_of = [](const std::string& path, ImageFormat format) -> Result<std::uint64_t> {
     EXPECT_EQ(path, "/images/vda");
@@ -110,38 +106,39 @@ TEST(DiskSize, OneByteMoreThanAMib_IsRoundedUp) {
   EXPECT_EQ(MustParse(DomainWith("", Disk()), options).disks.at(0).second["size"], 2);
 }
 
-TEST(DiskSize, NoImage_IsTakenFromTheOption) {
-  ImportOptions options;
+// The guest with one disk, for which the caller gives a size.
+ImportedGuest ParseWithGivenSize(ImportOptions options) {
   options.disk_sizes_mib["vda"] = 20480;
-  const ImportedGuest guest = MustParse(DomainWith("", Disk()), options);
+  return MustParse(DomainWith("", Disk()), options);
+}
+
+TEST(DiskSize, Size_NoImage_ComesFromOption) {
+  const ImportedGuest guest = ParseWithGivenSize({});
   EXPECT_EQ(guest.disks.at(0).second["size"], 20480);
   EXPECT_THAT(guest.notes, Not(Contains(HasSubstr("size"))));
 }
 
-TEST(DiskSize, UnreadableImage_IsTakenFromTheOptionWithANote) {
+TEST(DiskSize, Size_ImageUnreadable_ComesFromOptionWithNote) {
   ImportOptions options;
-  options.disk_sizes_mib["vda"] = 20480;
   options.size_of = [](const std::string&, ImageFormat) -> Result<std::uint64_t> {
     return Error(ErrorCode::kDenied, "no");
   };
-  const ImportedGuest guest = MustParse(DomainWith("", Disk()), options);
+  const ImportedGuest guest = ParseWithGivenSize(std::move(options));
   EXPECT_EQ(guest.disks.at(0).second["size"], 20480);
   EXPECT_THAT(guest.notes, Contains("The image of the disk 'vda' could not be read: the size given for it was used."));
 }
 
-TEST(DiskSize, ImageAndOptionDiffer_TheImageWins) {
-  ImportOptions options = WithImages();
-  options.disk_sizes_mib["vda"] = 20480;
-  const ImportedGuest guest = MustParse(DomainWith("", Disk()), options);
+TEST(DiskSize, Size_ImageAndOptionDiffer_ComesFromImage) {
+  const ImportedGuest guest = ParseWithGivenSize(WithImages());
   EXPECT_EQ(guest.disks.at(0).second["size"], 3072);
   EXPECT_THAT(guest.notes, Contains("The image of the disk 'vda' has 3072 MiB: the size given for it was not used."));
 }
 
-TEST(DiskSize, OptionForNoDisk_IsNoted) {
+TEST(DiskSize, Size_OptionForMissingDisk_IsNoted) {
   ImportOptions options = WithImages();
   options.disk_sizes_mib["vdz"] = 1024;
   EXPECT_THAT(MustParse(DomainWith("", Disk()), options).notes,
-              Contains("The size given for 'vdz' was not used: the guest has no such disk."));
+              Contains("The size given for 'vdz' was not used: the guest does not have this disk."));
 }
 
 TEST(NicRecord, VirtioOnANetwork_HasEveryMember) {
@@ -170,24 +167,23 @@ TEST(NicRecord, NetworkWithAGivenId_HasThatId) {
             "abcdef00-0000-4000-8000-000000000009");
 }
 
-TEST(NicRecord, NoSource_IsInNoNetwork) {
+TEST(NicRecord, Nic_NoSource_HasNoNetwork) {
   const ImportedGuest guest =
       MustParse(DomainWith("", "<interface type='network'><mac address='52:54:00:00:00:01'/></interface>"));
   EXPECT_EQ(guest.nics.at(0).second["network_group_id"], "");
   EXPECT_EQ(guest.nics.at(0).second["network_name"], "");
 }
 
-TEST(NicRecord, OtherType_IsNotedAndInNoNetwork) {
+TEST(NicRecord, Nic_UnsupportedType_IsNotedWithoutNetwork) {
   const ImportedGuest guest = MustParse(
       DomainWith("", "<interface type='user'><mac address='52:54:00:00:00:01'/><model type='virtio'/></interface>"));
   EXPECT_EQ(guest.nics.at(0).second["network_group_id"], "");
-  EXPECT_THAT(
-      guest.notes,
-      Contains("The network interface 52:54:00:00:00:01 is of the type 'user': it was recorded as one without a "
-               "network, and stays as it is until it gets one."));
+  EXPECT_THAT(guest.notes,
+              Contains("The network interface 52:54:00:00:00:01 has the type 'user': it was recorded without a "
+                       "network, and stays unchanged until it gets one."));
 }
 
-TEST(NicRecord, HostDeviceOrNetworkOfThem_PrefersSriov) {
+TEST(NicRecord, Nic_HostDeviceOrItsNetwork_PrefersSriov) {
   const std::string mac = "<mac address='52:54:00:00:00:01'/>";
   for (const std::string& nic :
        {"<interface type='hostdev'>" + mac + "<source><address type='pci'/></source></interface>",
@@ -197,7 +193,7 @@ TEST(NicRecord, HostDeviceOrNetworkOfThem_PrefersSriov) {
   }
 }
 
-TEST(NicRecord, UpperCaseMac_IsLowered) {
+TEST(NicRecord, Mac_UpperCase_IsLowered) {
   EXPECT_EQ(MustParse(DomainWith("", Nic("52:54:00:AB:CD:EF"))).nics.at(0).second["mac_address"], "52:54:00:ab:cd:ef");
 }
 
@@ -215,14 +211,14 @@ TEST(NicRecord, EveryModel_HasItsType) {
   }
 }
 
-TEST(NicRecord, OtherModel_IsNotedAndRecordedAsVirtio) {
+TEST(NicRecord, Model_Unsupported_IsNotedAndRecordedAsVirtio) {
   const ImportedGuest guest = MustParse(DomainWith(
       "",
       "<interface type='bridge'><mac address='52:54:00:00:00:01'/><source bridge='b'/><model type='ne2k_pci'/>"
       "</interface>"));
   EXPECT_EQ(guest.nics.at(0).second["vnic_type"], 1);
   EXPECT_THAT(guest.notes,
-              Contains("The model 'ne2k_pci' of the network interface 52:54:00:00:00:01 is not known: virtio was "
+              Contains("The model 'ne2k_pci' of the network interface 52:54:00:00:00:01 is unknown: virtio was "
                        "recorded, and the model stays until it is edited."));
 }
 
@@ -261,7 +257,7 @@ class ImageFile : public ::testing::Test {
 using namespace std::string_literals;
 const std::string kMagic = "QFI\xfb";
 
-TEST_F(ImageFile, Qcow2Header_GivesTheVirtualSize) {
+TEST_F(ImageFile, Qcow2_Header_HasVirtualSize) {
   for (const std::string& version : {"\0\0\0\2"s, "\0\0\0\3"s}) {
     const auto size = ReadImageSize(Write(Header(kMagic, version, "\0\0\0\5\0\0\0\0"s)), ImageFormat::kQcow2);
     ASSERT_TRUE(size.ok());
@@ -269,7 +265,7 @@ TEST_F(ImageFile, Qcow2Header_GivesTheVirtualSize) {
   }
 }
 
-TEST_F(ImageFile, RawFile_GivesItsLength) {
+TEST_F(ImageFile, RawFile_Size_IsItsLength) {
   const std::string path = Write("");
   std::filesystem::resize_file(path, std::uintmax_t{5} << 30);  // sparse
   const auto size = ReadImageSize(path, ImageFormat::kRaw);
@@ -277,7 +273,7 @@ TEST_F(ImageFile, RawFile_GivesItsLength) {
   EXPECT_EQ(*size, std::uint64_t{5} << 30);
 }
 
-TEST_F(ImageFile, WrongMagicVersionOrLength_IsInvalid) {
+TEST_F(ImageFile, Qcow2_WrongMagicVersionOrLength_IsInvalid) {
   for (const std::string& content :
        {""s, kMagic, Header("QFI\xfa", "\0\0\0\3"s, "\0\0\0\5\0\0\0\0"s),
         Header(kMagic, "\0\0\0\1"s, "\0\0\0\5\0\0\0\0"s), Header(kMagic, "\0\0\0\4"s, "\0\0\0\5\0\0\0\0"s)}) {
@@ -287,7 +283,7 @@ TEST_F(ImageFile, WrongMagicVersionOrLength_IsInvalid) {
   }
 }
 
-TEST_F(ImageFile, HeaderWithAnAbsurdSize_IsRefusedByTheImport) {
+TEST_F(ImageFile, Qcow2_AbsurdSize_IsRefusedByImport) {
   Write(Header(kMagic, "\0\0\0\3"s, "\xff\xff\xff\xff\xff\xff\xff\xff"));
   ImportOptions options;
   options.size_of = [this](const std::string&, ImageFormat format) {
@@ -305,7 +301,7 @@ TEST_F(ImageFile, Missing_IsNotFound) {
   }
 }
 
-TEST_F(ImageFile, FolderOrFifo_IsInvalidAndDoesNotHang) {
+TEST_F(ImageFile, Open_FolderOrFifo_IsInvalidWithoutBlocking) {
   const std::string fifo = folder_ + "/fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string& path : {folder_, fifo}) {
@@ -316,4 +312,4 @@ TEST_F(ImageFile, FolderOrFifo_IsInvalidAndDoesNotHang) {
 }
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

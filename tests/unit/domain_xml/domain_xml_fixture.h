@@ -1,13 +1,13 @@
-// Domain XML to try things on: a small valid guest with places to put elements into.
+// Domain XML for tests: a small valid guest into which elements can be inserted.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 
 inline constexpr const char* kId = "11111111-2222-4333-8444-555555555555";
 
@@ -61,4 +61,4 @@ inline std::string RefusalOf(const std::string& xml, const ImportOptions& option
   return guest.error().ToString();
 }
 
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

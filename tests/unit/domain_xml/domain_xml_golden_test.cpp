@@ -9,7 +9,7 @@
 #include "host/base/json_parse.h"
 #include "tests/unit/domain_xml/domain_xml_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
 
 const std::string kSource = VEXA_SOURCE_DIR;
@@ -30,7 +30,7 @@ void PrintTo(const ExampleFile& example, std::ostream* out) { *out << example.na
 
 class Example : public ::testing::TestWithParam<ExampleFile> {};
 
-TEST_P(Example, Imported_GivesTheGoldenRecords) {
+TEST_P(Example, Import_Example_MatchesGoldenRecords) {
   const std::string name = GetParam().name;
   const Result<std::string> xml = ReadFile(kSource + "/examples/" + name + ".xml", kMaxDomainXmlBytes);
   ASSERT_TRUE(xml.ok()) << xml.error().ToString();
@@ -63,4 +63,4 @@ INSTANTIATE_TEST_SUITE_P(Files, Example, ::testing::ValuesIn(kExamples), [](cons
 });
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -1,13 +1,10 @@
-// What is refused, and in which words; hostile XML.
-#include <gmock/gmock.h>
+// Refused domain XML and the sentences for it; hostile XML.
 
+#include "tests/support/matchers.h"
 #include "tests/unit/domain_xml/domain_xml_fixture.h"
 
-namespace vexa::hypervisor {
+namespace vexa::domain_xml {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 struct Refusal {
   const char* test;
@@ -53,17 +50,17 @@ std::string UsbSource(const std::string& source) {
 }
 
 constexpr const char* kNameRule = ": a guest's name has 1 to 128 bytes without control characters and line ends";
-constexpr const char* kMacRule = ": give a unicast address such as 52:54:00:12:34:56";
+constexpr const char* kMacRule = ". Use a unicast address such as 52:54:00:12:34:56";
 constexpr const char* kUsbRule =
-    "<hostdev> of type 'usb' names no device: give <vendor> and <product>, or <address> with a bus and a device";
-constexpr const char* kDoctype = "The XML has a DOCTYPE: document types and entities are not read; remove it";
+    "<hostdev> of type 'usb' does not name a device. Use <vendor> and <product>, or <address> with a bus and a device";
+constexpr const char* kDoctype = "The XML has a DOCTYPE. Document types and entities are not read: remove it";
 
 std::vector<Refusal> Refusals() {
-  const std::string line_end_name = std::string("<name> says 'a?b'") + kNameRule;
-  const std::string empty_name = std::string("<name> says ''") + kNameRule;
-  const std::string c1_name = std::string("<name> says 'a?b'") + kNameRule;
-  const std::string long_name = "<name> says '" + std::string(80, 'n') + "…'" + kNameRule;
-  const std::string wide_name = "<name> says '" + Repeat("ü", 39) + "…'" + kNameRule;
+  const std::string line_end_name = std::string("<name> is 'a?b'") + kNameRule;
+  const std::string empty_name = std::string("<name> is ''") + kNameRule;
+  const std::string c1_name = std::string("<name> is 'a?b'") + kNameRule;
+  const std::string long_name = "<name> is '" + std::string(80, 'n') + "…'" + kNameRule;
+  const std::string wide_name = "<name> is '" + Repeat("ü", 39) + "…'" + kNameRule;
   const std::string multicast = std::string("<mac> of an <interface> has the address '01:00:5e:00:00:01'") + kMacRule;
   const std::string broadcast = std::string("<mac> of an <interface> has the address 'ff:ff:ff:ff:ff:ff'") + kMacRule;
   const std::string zero = std::string("<mac> of an <interface> has the address '00:00:00:00:00:00'") + kMacRule;
@@ -88,50 +85,49 @@ std::vector<Refusal> Refusals() {
       {"name_130_bytes_of_two", WithName(Repeat("ü", 65)), wide_name},
       {"name_twice", DomainWith("<name>b</name>"), "<domain> has more than one <name>: remove all but one"},
       {"devices_twice", DomainWith("<devices/>"), "<domain> has more than one <devices>: remove all but one"},
-      {"uuid_missing", WithUuid(""), "<uuid> says '': give the guest's UUID in the form 8-4-4-4-12, not all zero"},
+      {"uuid_missing", WithUuid(""), "<uuid> is ''. Use the guest's UUID in the form 8-4-4-4-12, not all zeros"},
       {"uuid_malformed", WithUuid("<uuid>../../x</uuid>"),
-       "<uuid> says '../../x': give the guest's UUID in the form 8-4-4-4-12, not all zero"},
+       "<uuid> is '../../x'. Use the guest's UUID in the form 8-4-4-4-12, not all zeros"},
       {"uuid_zero", WithUuid("<uuid>00000000-0000-0000-0000-000000000000</uuid>"),
-       "<uuid> says '00000000-0000-0000-0000-000000000000': give the guest's UUID in the form 8-4-4-4-12, not all "
-       "zero"},
-      {"vcpu_zero", DomainWith("<vcpu>0</vcpu>"), "<vcpu> says '0': a guest has 1 to 512 virtual CPUs"},
-      {"vcpu_513", DomainWith("<vcpu>513</vcpu>"), "<vcpu> says '513': a guest has 1 to 512 virtual CPUs"},
-      {"vcpu_negative", DomainWith("<vcpu>-1</vcpu>"), "<vcpu> says '-1': a guest has 1 to 512 virtual CPUs"},
-      {"vcpu_plus", DomainWith("<vcpu>+1</vcpu>"), "<vcpu> says '+1': a guest has 1 to 512 virtual CPUs"},
-      {"vcpu_hex", DomainWith("<vcpu>0x2</vcpu>"), "<vcpu> says '0x2': a guest has 1 to 512 virtual CPUs"},
-      {"vcpu_fraction", DomainWith("<vcpu>1.5</vcpu>"), "<vcpu> says '1.5': a guest has 1 to 512 virtual CPUs"},
-      {"vcpu_empty", DomainWith("<vcpu/>"), "<vcpu> says '': a guest has 1 to 512 virtual CPUs"},
+       "<uuid> is '00000000-0000-0000-0000-000000000000'. Use the guest's UUID in the form 8-4-4-4-12, not all "
+       "zeros"},
+      {"vcpu_zero", DomainWith("<vcpu>0</vcpu>"), "<vcpu> is '0': a guest has 1 to 512 virtual CPUs"},
+      {"vcpu_513", DomainWith("<vcpu>513</vcpu>"), "<vcpu> is '513': a guest has 1 to 512 virtual CPUs"},
+      {"vcpu_negative", DomainWith("<vcpu>-1</vcpu>"), "<vcpu> is '-1': a guest has 1 to 512 virtual CPUs"},
+      {"vcpu_plus", DomainWith("<vcpu>+1</vcpu>"), "<vcpu> is '+1': a guest has 1 to 512 virtual CPUs"},
+      {"vcpu_hex", DomainWith("<vcpu>0x2</vcpu>"), "<vcpu> is '0x2': a guest has 1 to 512 virtual CPUs"},
+      {"vcpu_fraction", DomainWith("<vcpu>1.5</vcpu>"), "<vcpu> is '1.5': a guest has 1 to 512 virtual CPUs"},
+      {"vcpu_empty", DomainWith("<vcpu/>"), "<vcpu> is '': a guest has 1 to 512 virtual CPUs"},
       {"vcpu_wraps_64_bits", DomainWith("<vcpu>18446744073709551617</vcpu>"),
-       "<vcpu> says '18446744073709551617': a guest has 1 to 512 virtual CPUs"},
+       "<vcpu> is '18446744073709551617': a guest has 1 to 512 virtual CPUs"},
       {"vcpu_wraps_32_bits", DomainWith("<vcpu>4294967298</vcpu>"),
-       "<vcpu> says '4294967298': a guest has 1 to 512 virtual CPUs"},
-      {"memory_missing", WithMemory(""), "<memory> is missing: say how much memory the guest has"},
+       "<vcpu> is '4294967298': a guest has 1 to 512 virtual CPUs"},
+      {"memory_missing", WithMemory(""), "<memory> is missing. Set how much memory the guest has"},
       {"memory_unit", WithMemory("<memory unit='PiB'>1</memory>"),
-       "<memory> has the unit 'PiB': use b, KB, KiB, MB, MiB, GB, GiB, TB or TiB"},
+       "<memory> has the unit 'PiB'. Use b, KB, KiB, MB, MiB, GB, GiB, TB or TiB"},
       {"memory_unit_case", WithMemory("<memory unit='mib'>1</memory>"),
-       "<memory> has the unit 'mib': use b, KB, KiB, MB, MiB, GB, GiB, TB or TiB"},
-      {"memory_zero", WithMemory("<memory>0</memory>"),
-       "<memory> says '0' KiB: a guest has 1 to 2097151 MiB of memory"},
+       "<memory> has the unit 'mib'. Use b, KB, KiB, MB, MiB, GB, GiB, TB or TiB"},
+      {"memory_zero", WithMemory("<memory>0</memory>"), "<memory> is '0' KiB: a guest has 1 to 2097151 MiB of memory"},
       {"memory_negative", WithMemory("<memory unit='MiB'>-512</memory>"),
-       "<memory> says '-512' MiB: a guest has 1 to 2097151 MiB of memory"},
+       "<memory> is '-512' MiB: a guest has 1 to 2097151 MiB of memory"},
       {"memory_too_much", WithMemory("<memory unit='TiB'>2</memory>"),
-       "<memory> says '2' TiB: a guest has 1 to 2097151 MiB of memory"},
+       "<memory> is '2' TiB: a guest has 1 to 2097151 MiB of memory"},
       {"memory_product_wraps", WithMemory("<memory unit='TiB'>16777217</memory>"),
-       "<memory> says '16777217' TiB: a guest has 1 to 2097151 MiB of memory"},
+       "<memory> is '16777217' TiB: a guest has 1 to 2097151 MiB of memory"},
       {"memory_most_bytes", WithMemory("<memory unit='b'>18446744073709551615</memory>"),
-       "<memory> says '18446744073709551615' b: a guest has 1 to 2097151 MiB of memory"},
+       "<memory> is '18446744073709551615' b: a guest has 1 to 2097151 MiB of memory"},
       {"shares_one", DomainWith("<cputune><shares>1</shares></cputune>"),
-       "<shares> says '1': a guest's CPU weight is 2 to 262144"},
+       "<shares> is '1': a guest's CPU weight is 2 to 262144"},
       {"shares_much", DomainWith("<cputune><shares>262145</shares></cputune>"),
-       "<shares> says '262145': a guest's CPU weight is 2 to 262144"},
+       "<shares> is '262145': a guest's CPU weight is 2 to 262144"},
       {"shares_word", DomainWith("<cputune><shares>high</shares></cputune>"),
-       "<shares> says 'high': a guest's CPU weight is 2 to 262144"},
+       "<shares> is 'high': a guest's CPU weight is 2 to 262144"},
       {"pin_beyond", DomainWith("<vcpu>2</vcpu><cputune><vcpupin vcpu='2' cpuset='0'/></cputune>"),
        "<vcpupin> names the virtual CPU '2': the guest has the virtual CPUs 0 to 1"},
       {"pin_word", DomainWith("<cputune><vcpupin cpuset='0'/></cputune>"),
        "<vcpupin> names the virtual CPU '': the guest has the virtual CPUs 0 to 0"},
       {"container", DomainWith("<os><type>exe</type></os>"),
-       "<type> of <os> says 'exe': that is a container; only virtual machines can be imported"},
+       "<type> of <os> is 'exe', which is a container. Only virtual machines can be imported"},
       {"boot_order_zero", DomainWith("", Disk("vda", "<boot order='0'/>")),
        "<boot> of the device 'disk' has the order '0': an order is a number from 1"},
       {"boot_order_word", DomainWith("", Nic("52:54:00:00:00:01", "<boot order='first'/>")),
@@ -149,39 +145,39 @@ std::vector<Refusal> Refusals() {
        "<hostdev> of type 'usb' names the vendor '0x12345' and the product '-1': both are hexadecimal numbers of up to "
        "four digits"},
       {"disk_network", DiskOf("type='network'", "<source protocol='rbd' name='pool/a'/><target dev='vda'/>"),
-       "The disk 'vda' is of the type 'network': only disks in files and block devices can be imported; copy it into a "
+       "The disk 'vda' has the type 'network'. Only disks in files and block devices can be imported: copy it into a "
        "file first"},
       {"disk_volume", DiskOf("type='volume'", "<source pool='p' volume='v'/><target dev='vda'/>"),
-       "The disk 'vda' is of the type 'volume': only disks in files and block devices can be imported; copy it into a "
+       "The disk 'vda' has the type 'volume'. Only disks in files and block devices can be imported: copy it into a "
        "file first"},
       {"disk_vmdk", DiskOf("type='file'", "<driver type='vmdk'/><source file='/a'/><target dev='vda'/>"),
        "The disk 'vda' has the format 'vmdk': convert the image to qcow2 or raw first"},
       {"disk_no_source", DiskOf("type='file'", "<target dev='vda'/>"),
-       "The source of the disk 'vda' is '': give an absolute path without '..' and control characters"},
+       "The source of the disk 'vda' is '': use an absolute path without '..' and control characters"},
       {"disk_relative", DiskOf("type='file'", "<source file='a.img'/><target dev='vda'/>"),
-       "The source of the disk 'vda' is 'a.img': give an absolute path without '..' and control characters"},
+       "The source of the disk 'vda' is 'a.img': use an absolute path without '..' and control characters"},
       {"disk_dots", DiskOf("type='file'", "<source file='/images/../etc/shadow'/><target dev='vda'/>"),
-       "The source of the disk 'vda' is '/images/../etc/shadow': give an absolute path without '..' and control "
+       "The source of the disk 'vda' is '/images/../etc/shadow': use an absolute path without '..' and control "
        "characters"},
       {"disk_dots_last", DiskOf("type='file'", "<source file='/images/..'/><target dev='vda'/>"),
-       "The source of the disk 'vda' is '/images/..': give an absolute path without '..' and control characters"},
+       "The source of the disk 'vda' is '/images/..': use an absolute path without '..' and control characters"},
       {"disk_line_end", DiskOf("type='file'", "<source file='/a&#10;b'/><target dev='vda'/>"),
-       "The source of the disk 'vda' is '/a?b': give an absolute path without '..' and control characters"},
+       "The source of the disk 'vda' is '/a?b': use an absolute path without '..' and control characters"},
       {"disk_device", DiskOf("device='tape'", "<source file='/a'/><target dev='vda'/>"),
-       "The disk 'vda' is of the device type 'tape': a disk is 'disk', 'lun', 'cdrom' or 'floppy'"},
+       "The disk 'vda' has the device type 'tape': a disk is 'disk', 'lun', 'cdrom' or 'floppy'"},
       {"target_missing", DiskOf("type='file'", "<source file='/a'/>"),
-       "<target> of a <disk> has the dev '': give a name such as 'vda', of letters, digits and '_'"},
+       "<target> of a <disk> has the dev ''. Use a name of letters, digits and '_', such as 'vda'"},
       {"target_path", DiskOf("type='file'", "<source file='/a'/><target dev='../vda'/>"),
-       "<target> of a <disk> has the dev '../vda': give a name such as 'vda', of letters, digits and '_'"},
+       "<target> of a <disk> has the dev '../vda'. Use a name of letters, digits and '_', such as 'vda'"},
       {"target_twice", DomainWith("", Disk("vda") + Disk("vda")),
-       "Two disks have the target 'vda': give each a name of its own"},
+       "Two disks have the target 'vda'. Give each a different one"},
       {"cdroms",
        DomainWith("",
                   "<disk device='cdrom'><target dev='sda'/></disk><disk device='cdrom'><target dev='sdb'/>"
                   "</disk><disk device='cdrom'><target dev='sdc'/></disk>"),
        "The guest has more than two CD-ROM drives: remove a <disk> with device='cdrom'"},
-      {"disks_65", ManyDisks(65), "The guest has more than 64 disks: remove some"},
-      {"nics_65", ManyNics(65), "The guest has more than 64 network interfaces: remove some"},
+      {"disks_65", ManyDisks(65), "The guest has more than 64 disks. Remove some"},
+      {"nics_65", ManyNics(65), "The guest has more than 64 network interfaces. Remove some"},
       {"mac_missing", DomainWith("", "<interface type='user'/>"), no_mac},
       {"mac_multicast", DomainWith("", Nic("01:00:5e:00:00:01")), multicast},
       {"mac_broadcast", DomainWith("", Nic("ff:ff:ff:ff:ff:ff")), broadcast},
@@ -195,12 +191,12 @@ std::vector<Refusal> Refusals() {
        "The network interface 52:54:00:00:00:01 is in the network 'a?b': a network's name has at most 255 bytes "
        "without "
        "control characters"},
-      {"empty", "", "The XML is empty: give what 'virsh dumpxml' prints"},
-      {"blank", " \n\t ", "The XML is empty: give what 'virsh dumpxml' prints"},
+      {"empty", "", "The XML is empty. Use the output of 'virsh dumpxml'"},
+      {"blank", " \n\t ", "The XML is empty. Use the output of 'virsh dumpxml'"},
       {"root_snapshot", "<domainsnapshot><domain/></domainsnapshot>",
-       "The root element is 'domainsnapshot': give a <domain>, as 'virsh dumpxml' prints it"},
+       "The root element is 'domainsnapshot'. Use a <domain>, as 'virsh dumpxml' prints it"},
       {"root_two", DomainWith("") + DomainWith(""),
-       "The XML has more than one root element: import each <domain> from a file of its own"},
+       "The XML has more than one root element: import each <domain> from a separate file"},
       {"attribute_twice", DiskOf("type='file' type='block'", ""),
        "An element has the attribute 'type' twice: remove one"},
       {"doctype", "<!DOCTYPE domain>" + DomainWith(""), kDoctype},
@@ -231,10 +227,10 @@ TEST(Hostile, UnknownOrForbiddenReference_IsRefused) {
   for (const char* text : {"&unknown;", "&#0;", "&#x0;", "&#1;", "&#xD800;", "&#x110000;", "&#xFFFE;", "&#4294967297;",
                            "&;", "&#;", "&#x;", "&#-1;", "&amp", "& ", "&"}) {
     EXPECT_EQ(RefusalOf(WithName("a" + std::string(text))),
-              "The XML is malformed at line 1: '&' begins no character that XML knows; write '&amp;' for the character "
-              "itself")
+              "The XML is malformed at line 1: '&' does not begin a character that XML knows; write '&amp;' for the "
+              "character itself")
         << text;
-    EXPECT_THAT(RefusalOf(DiskOf("type='" + std::string(text) + "'", "")), HasSubstr("'&' begins no character"));
+    EXPECT_THAT(RefusalOf(DiskOf("type='" + std::string(text) + "'", "")), HasSubstr("'&' does not begin a character"));
   }
 }
 
@@ -260,7 +256,7 @@ TEST(Hostile, SixtyFourLevels_AreRead) {
   EXPECT_THAT(RefusalOf(metadata(64)), StartsWith("The XML is nested more than 64 levels"));
 }
 
-TEST(Hostile, MoreThan4Mib_IsRefused) {
+TEST(Hostile, Import_MoreThan4Mib_IsRefused) {
   const std::string small = DomainWith("<description></description>");
   const auto padded = [&](std::size_t size) {
     return DomainWith("<description>" + std::string(size - small.size(), 'x') + "</description>");
@@ -277,14 +273,14 @@ TEST(Hostile, ManyAttributes_AreRefused) {
             "An element has more than 64 attributes. This is not domain XML");
 }
 
-TEST(Hostile, EveryPrefixOfADomain_IsRefusedWithoutACrash) {
+TEST(Hostile, Import_EveryPrefix_IsRefusedWithoutCrash) {
   const std::string xml = "<?xml version='1.0'?><!-- c -->" +
                           DomainWith("<description><![CDATA[x]]>&amp;&#65;</description>", Disk() + Nic());
   for (std::size_t length = 0; length < xml.size(); ++length) EXPECT_NE(RefusalOf(xml.substr(0, length)), "") << length;
   EXPECT_EQ(RefusalOf(xml), "");
 }
 
-TEST(Hostile, EveryByteReplaced_DoesNotCrash) {
+TEST(Hostile, Import_EveryByteReplaced_DoesNotCrash) {
   const std::string xml = DomainWith("<description>&amp;</description>", Disk() + Nic());
   for (std::size_t i = 0; i < xml.size(); ++i) {
     for (const char c : {'<', '>', '&', '\'', '/', '!', '\0', '9', '\x80'}) {
@@ -327,7 +323,7 @@ TEST(Options, DiskSize_Unknown_ErrorNamesOption) {
             "'/images/vda': No such file or directory");
 }
 
-TEST(Options, SizeOutOfRange_IsRefused) {
+TEST(Options, DiskSize_OutOfRange_IsRefused) {
   ImportOptions options;
   for (const std::uint64_t mib : {std::uint64_t{0}, kMaxDiskMib + 1}) {
     options.disk_sizes_mib["vda"] = mib;
@@ -353,4 +349,4 @@ TEST(Disks, Disks_SixtyFourAndTwoDrives_AreAccepted) {
 }
 
 }  // namespace
-}  // namespace vexa::hypervisor
+}  // namespace vexa::domain_xml

@@ -6,21 +6,22 @@
 #include <cerrno>
 #include <csignal>
 
-#include "tests/unit/guests/file_job_ground.h"
+#include "tests/unit/guests/swap_job.h"
 
 namespace vexa::test {
 namespace {
 
 using guests::JobOptions;
 
-enum class End { kKilled, kThrough };
+enum class End { kKilled, kCompleted };
 
 // Runs `act` in a process of its own, which opens the store itself and is killed right before its step number
 // `last_step`, counted from 0. This process must not have the store open.
-End RunUntil(const DeletionGround& ground, int last_step, const std::function<void(const JobOptions& options)>& act) {
+End RunUntil(const DeletionEnvironment& environment, int last_step,
+             const std::function<void(const JobOptions& options)>& act) {
   const pid_t child = ::fork();
   if (child == 0) {
-    JobOptions options = ground.Options(ground.OpenStore());
+    JobOptions options = environment.Options(environment.OpenStore());
     int step = 0;
     options.before_step = [&step, last_step](std::string_view) {
       if (step++ == last_step) ::kill(::getpid(), SIGKILL);
@@ -33,36 +34,37 @@ End RunUntil(const DeletionGround& ground, int last_step, const std::function<vo
   }
   if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return End::kKilled;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  return End::kThrough;
+  return End::kCompleted;
 }
 
-TEST(KilledFileJob, AtEachStep_AndAtEachOfItsFinish_HasItsOldStateOrItsNewOne) {
+TEST(KilledFileJob, Kill_AtEachStepOfJobOrFinish_LeavesOldOrNewState) {
   constexpr int kPointOfNoReturn = 5;  // the step "commit records"
   int step = 0;
   int rounds = 0;
   for (bool is_through = false; !is_through && !testing::Test::HasFailure(); ++step) {
     for (int second = 0;; ++second) {
       SCOPED_TRACE("killed before step " + std::to_string(step) + ", then " + std::to_string(second));
-      const DeletionGround ground;
-      std::unique_ptr<Ends> ends;
+      const DeletionEnvironment environment;
+      std::unique_ptr<ExpectedStates> states;
       {
-        const auto store = ground.OpenStore();
-        PutBoth(ground, *store);
-        ends = std::make_unique<Ends>(ground, *store);
+        const auto store = environment.OpenStore();
+        PutBoth(environment, *store);
+        states = std::make_unique<ExpectedStates>(environment, *store);
       }
-      const End end = RunUntil(ground, step, [&](const JobOptions& options) {
-        if (Swap(ground, options).Run()) ::_exit(1);
+      const End end = RunUntil(environment, step, [&](const JobOptions& options) {
+        if (!Swap(environment, options).Run().ok()) ::_exit(1);
       });
-      is_through = end == End::kThrough;
-      const End finish = RunUntil(ground, second, [&](const JobOptions& options) { FinishSwaps(ground, options); });
-      const JobOptions options = ground.Options(ground.OpenStore());
-      FinishSwaps(ground, options);
+      is_through = end == End::kCompleted;
+      const End finish =
+          RunUntil(environment, second, [&](const JobOptions& options) { FinishSwaps(environment, options); });
+      const JobOptions options = environment.Options(environment.OpenStore());
+      FinishSwaps(environment, options);
       if (step <= kPointOfNoReturn) {
-        ends->ExpectOld(ground, *options.store);
+        states->ExpectOld(environment, *options.store);
       } else {
-        ends->ExpectNew(ground, *options.store);
+        states->ExpectNew(environment, *options.store);
       }
-      if (finish == End::kThrough || testing::Test::HasFailure()) break;
+      if (finish == End::kCompleted || testing::Test::HasFailure()) break;
       ++rounds;
     }
   }

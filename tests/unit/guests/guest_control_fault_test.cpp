@@ -1,16 +1,16 @@
-// What a host does with its guests when libvirt fails it.
+// Actions on guests when calls of libvirt fail.
 #include <condition_variable>
 #include <mutex>
 
 #include "tests/support/libvirt_faults.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
 namespace {
 
 class GuestControlFaults : public GuestControlTest {
  protected:
-  ~GuestControlFaults() override { test::LosePresses(0); }
+  ~GuestControlFaults() override { test::IgnoreButtonPresses(0); }
 
   static void Await(const std::function<bool()>& holds) {
     const auto end = std::chrono::steady_clock::now() + 30s;
@@ -55,15 +55,15 @@ TEST_F(GuestControlFaults, PowerOn_LibvirtRefuses_ReturnsKnownCode) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 
-TEST_F(GuestControlFaults, ShutDown_PressLost_IsRepeated) {
+TEST_F(GuestControlFaults, ShutDown_ButtonPressLost_IsRepeated) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
-  test::LosePresses(5);
+  test::IgnoreButtonPresses(5);
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   EXPECT_EQ(State(), states::shutting_down);
   ExpectState(states::shutdown);
   ExpectNoRun();
-  EXPECT_GE(test::Presses(), 6);
+  EXPECT_GE(test::ButtonPresses(), 6);
 }
 
 TEST_F(GuestControlFaults, ShutDown_GuestNeverResponds_KeepsRunning) {
@@ -71,19 +71,19 @@ TEST_F(GuestControlFaults, ShutDown_GuestNeverResponds_KeepsRunning) {
   options.shut_down_wait = 200ms;
   Start(std::move(options));
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
-  test::LosePresses(1'000'000);
+  test::IgnoreButtonPresses(1'000'000);
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   EXPECT_EQ(State(), states::shutting_down);
   ExpectState(states::running);
-  const int pressed = test::Presses();
+  const int pressed = test::ButtonPresses();
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(test::Presses(), pressed) << "it is left alone";
+  EXPECT_EQ(test::ButtonPresses(), pressed) << "it is left alone";
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
 }
 
-TEST_F(GuestControlFaults, ARebootOrPowerOff_EndsAShutDown) {
+TEST_F(GuestControlFaults, RebootOrPowerOff_WhileShuttingDown_EndsTheShutDown) {
   Start();
-  test::LosePresses(1'000'000);
+  test::IgnoreButtonPresses(1'000'000);
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   EXPECT_DONE(control_->Reboot(kGuest, kAlice));
@@ -91,9 +91,9 @@ TEST_F(GuestControlFaults, ARebootOrPowerOff_EndsAShutDown) {
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
   EXPECT_EQ(State(), states::shutdown);
-  const int pressed = test::Presses();
+  const int pressed = test::ButtonPresses();
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(test::Presses(), pressed);
+  EXPECT_EQ(test::ButtonPresses(), pressed);
 }
 
 TEST_F(GuestControlFaults, LostConnection_RunningGuests_AreRestored) {
@@ -102,11 +102,11 @@ TEST_F(GuestControlFaults, LostConnection_RunningGuests_AreRestored) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   test::CloseLastConnection();
   // The test driver has forgotten the guest, which is started again.
-  Await([&] { return control_->Running(kGuest).has_value(); });
+  Await([&] { return control_->FindRunningGuest(kGuest).has_value(); });
   ExpectState(states::running);
   Await([&] {
-    const Refused refused = control_->PowerOn(kGuest, kAlice);
-    return refused && refused->code == 910;
+    const auto refused = control_->PowerOn(kGuest, kAlice);
+    return !refused.ok() && refused.error().code == 910;
   });
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
@@ -117,33 +117,33 @@ TEST_F(GuestControlFaults, Calls_HypervisorUnreachable_AreRefusedUntilReconnecte
   PutRun(RunHere());
   PutGuest(kGuest, "web-1", Parsed(R"({"state":"guest_running"})"));
   GuestControlOptions options = Options();
-  options.hypervisor.first_retry = 20ms;
-  std::optional<test::FailingOpenings> failing;
+  options.hypervisor.initial_retry_wait = 20ms;
+  std::optional<test::FailingConnects> failing;
   failing.emplace(test::LibvirtError{VIR_ERR_SYSTEM_ERROR, "Failed to connect socket", ECONNREFUSED, VIR_FROM_RPC});
   Start(std::move(options));
   EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 403, "");
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 949, "");
   EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 949, "");
   EXPECT_REFUSED(control_->Fence(kGuest), 949, "");
-  EXPECT_FALSE(control_->Running(kGuest));
+  EXPECT_FALSE(control_->FindRunningGuest(kGuest));
   const auto rating = control_->RateGuest(kGuest);
   ASSERT_TRUE(rating);
   ASSERT_FALSE(rating->refusals.empty());
   EXPECT_EQ(rating->refusals.front().code, 949);
   EXPECT_TRUE(RunOf()) << "nobody knows whether it runs";
   failing.reset();
-  Await([&] { return control_->Running(kGuest).has_value(); });
+  Await([&] { return control_->FindRunningGuest(kGuest).has_value(); });
   ExpectState(states::running);
 }
 
-// The look that an event has begun goes on to use the hypervisor.
+// The reconcile that an event started still uses the hypervisor.
 TEST_F(GuestControlFaults, Stop_DuringReconcile_WaitsForIt) {
   std::mutex mutex;
   std::condition_variable changed;
   bool reached = false;
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
-    if (step != "look: state stored" || State() != states::shutdown) return;
+    if (step != "reconcile: state stored" || State() != states::shutdown) return;
     {
       const std::lock_guard lock(mutex);
       reached = true;
@@ -154,7 +154,7 @@ TEST_F(GuestControlFaults, Stop_DuringReconcile_WaitsForIt) {
   Start(std::move(options));
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   // The second press ends it, with nobody but the event's thread to look.
-  test::LosePresses(1);
+  test::IgnoreButtonPresses(1);
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   {
     std::unique_lock lock(mutex);

@@ -1,5 +1,4 @@
-// What libvirt has of guests beside their runs: saved memory, and definitions that others made.
-#include <gmock/gmock.h>
+// Guests in libvirt beyond their runs: saved memory, and definitions made by users.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -8,7 +7,8 @@
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/support/matchers.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
 namespace {
@@ -20,7 +20,6 @@ using test::IsAutostartedAsUser;
 using test::SaveAsUser;
 using test::StartAsUser;
 using test::XmlAsUser;
-using ::testing::Not;
 
 constexpr char kGrantsKey[] = "/dash/guest_admin/users_1000/object";
 constexpr char kMark[] = "urn:vexa:guest:1";
@@ -38,7 +37,17 @@ class GuestDefinition : public GuestControlTest {
  protected:
   // As an import does.
   void PutImported(const std::string& xml, bool autostart = false) {
-    ASSERT_TRUE(host_.store().Commit({{}, {{DomainKey(kGuest), DomainText({xml, autostart})}}}));
+    ASSERT_TRUE(host_.store().Commit({{}, {{records::DomainKey(kGuest), records::SerializeDomain({xml, autostart})}}}));
+  }
+  // A host that looks after its guests often, and a guest that libvirt starts with the machine.
+  void StartWithAutostartedGuest(bool is_imported_with_autostart) {
+    GuestControlOptions options = Options();
+    options.maintenance_interval = 20ms;
+    Start(std::move(options));
+    const std::string xml = UserXml(kGuest, "web-1");
+    ASSERT_TRUE(DefineAsUser(xml));
+    ASSERT_TRUE(AutostartAsUser(kGuest));
+    PutImported(xml, is_imported_with_autostart);
   }
   bool HasGuest() { return StoredGuest().has_value(); }
   void Save() {
@@ -49,7 +58,7 @@ class GuestDefinition : public GuestControlTest {
 
 // --- saved memory
 
-TEST_F(GuestDefinition, SavedGuest_IsShownAsSavedAndStaysThisHosts) {
+TEST_F(GuestDefinition, SavedGuest_Observed_IsSavedAndKeepsItsHost) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   Save();
@@ -57,7 +66,7 @@ TEST_F(GuestDefinition, SavedGuest_IsShownAsSavedAndStaysThisHosts) {
   ASSERT_TRUE(run);
   EXPECT_TRUE(run->saved);
   EXPECT_EQ(run->host_id, HostId());
-  EXPECT_FALSE(control_->Running(kGuest));
+  EXPECT_FALSE(control_->FindRunningGuest(kGuest));
   EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, "saved memory");
   EXPECT_REFUSED(control_->PowerOff(kGuest, kAlice), 911, "");
   EXPECT_REFUSED(control_->ShutDown(kGuest, kAlice), 911, "");
@@ -65,20 +74,15 @@ TEST_F(GuestDefinition, SavedGuest_IsShownAsSavedAndStaysThisHosts) {
   EXPECT_EQ(State(), states::saved);
 }
 
-TEST_F(GuestDefinition, SavedGuest_TakesNoProcessorsAndMemory) {
-  const auto cpus = std::thread::hardware_concurrency();
-  GuestControlOptions options = Options();
-  options.vcpus_per_cpu = 1;
-  PutGuest(kGuest, "web-1", Parsed(R"({"vcpu_num":)" + std::to_string(cpus) + "}"));
-  PutGuest(kOther, "web-2");
-  Start(std::move(options));
+TEST_F(GuestDefinition, SavedGuest_Rated_UsesNoProcessorsOrMemory) {
+  StartWithLargeGuest();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_REFUSED(control_->PowerOn(kOther, kAlice), 927, "");
   Save();
   EXPECT_DONE(control_->PowerOn(kOther, kAlice));
 }
 
-TEST_F(GuestDefinition, SavedGuest_Started_GoesOn) {
+TEST_F(GuestDefinition, PowerOn_SavedGuest_Resumes) {
   PutGuest(kGuest, "web-1", Parsed(R"({"pending":["vcpu_num"]})"));
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
@@ -91,7 +95,7 @@ TEST_F(GuestDefinition, SavedGuest_Started_GoesOn) {
   EXPECT_THAT(*StoredGuest(), HasSubstr("pending")) << "it runs with what it was saved with";
 }
 
-TEST_F(GuestDefinition, SavedGuestThatAUserStarts_IsRunning) {
+TEST_F(GuestDefinition, SavedGuest_StartedByUser_IsRunning) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   Save();
@@ -100,7 +104,7 @@ TEST_F(GuestDefinition, SavedGuestThatAUserStarts_IsRunning) {
   EXPECT_FALSE(RunOf()->saved);
 }
 
-TEST_F(GuestDefinition, DiscardSaved_ShutsTheGuestDown) {
+TEST_F(GuestDefinition, DiscardSaved_SavedGuest_IsShutDown) {
   Start();
   EXPECT_REFUSED(control_->DiscardSaved(kGuest, kAlice), 911, "");
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
@@ -113,7 +117,7 @@ TEST_F(GuestDefinition, DiscardSaved_ShutsTheGuestDown) {
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 
-TEST_F(GuestDefinition, SavedGuest_Deleted_TakesItsMemoryWithIt) {
+TEST_F(GuestDefinition, SavedGuest_Deleted_LosesSavedMemory) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   Save();
@@ -122,10 +126,10 @@ TEST_F(GuestDefinition, SavedGuest_Deleted_TakesItsMemoryWithIt) {
   EXPECT_EQ(RunOf(), std::nullopt);
   EXPECT_EQ(XmlAsUser(kGuest), "");
   const auto snapshot = test::Require(host_.store().Read());
-  EXPECT_FALSE(test::Require(snapshot->Get(UndefineKey(HostId(), kGuest))));
+  EXPECT_FALSE(test::Require(snapshot->Get(records::UndefineKey(HostId(), kGuest))));
 }
 
-TEST_F(GuestDefinition, SavedGuestOfAnUnknownMachine_IsLeftAlone) {
+TEST_F(GuestDefinition, SavedDomain_NotAGuest_IsUnchanged) {
   Start();
   ASSERT_TRUE(DefineAsUser(UserXml(kOther, "foreign")));
   ASSERT_TRUE(StartAsUser(kOther));
@@ -138,7 +142,7 @@ TEST_F(GuestDefinition, SavedGuestOfAnUnknownMachine_IsLeftAlone) {
 
 // --- definitions of others
 
-TEST_F(GuestDefinition, DefinitionOfThisHost_GoesWithTheRun) {
+TEST_F(GuestDefinition, Definition_MadeByHost_IsRemovedAfterRun) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_THAT(XmlAsUser(kGuest), HasSubstr(kMark));
@@ -146,7 +150,7 @@ TEST_F(GuestDefinition, DefinitionOfThisHost_GoesWithTheRun) {
   EXPECT_EQ(XmlAsUser(kGuest), "");
 }
 
-TEST_F(GuestDefinition, DefinitionOfAUser_NotHandedOver_RefusesTheStartAndStays) {
+TEST_F(GuestDefinition, PowerOn_UserDefinedDomainNotImported_IsRefusedAndKept) {
   Start();
   ASSERT_TRUE(DefineAsUser(UserXml(kGuest, "web-1")));
   ASSERT_TRUE(AutostartAsUser(kGuest));
@@ -158,7 +162,7 @@ TEST_F(GuestDefinition, DefinitionOfAUser_NotHandedOver_RefusesTheStartAndStays)
   EXPECT_EQ(State(), states::shutdown);
 }
 
-TEST_F(GuestDefinition, MachineThatAUserStartedAndStopped_KeepsItsDefinition) {
+TEST_F(GuestDefinition, UserDomain_StartedAndStoppedByUser_KeepsDefinition) {
   Start();
   ASSERT_TRUE(DefineAsUser(UserXml(kGuest, "web-1")));
   const std::string before = XmlAsUser(kGuest);
@@ -169,7 +173,7 @@ TEST_F(GuestDefinition, MachineThatAUserStartedAndStopped_KeepsItsDefinition) {
   EXPECT_EQ(XmlAsUser(kGuest), before);
 }
 
-TEST_F(GuestDefinition, ImportedDefinition_IsKeptWithWhatTheRecordsDoNotKnow) {
+TEST_F(GuestDefinition, ImportedDefinition_AfterRun_KeepsUnrecordedParts) {
   Start();
   const std::string xml = UserXml(kGuest, "web-1");
   ASSERT_TRUE(DefineAsUser(xml));
@@ -182,7 +186,7 @@ TEST_F(GuestDefinition, ImportedDefinition_IsKeptWithWhatTheRecordsDoNotKnow) {
   EXPECT_TRUE(IsAutostartedAsUser(kGuest));
 }
 
-TEST_F(GuestDefinition, ImportedDefinition_AfterAFailedStart_IsStillThere) {
+TEST_F(GuestDefinition, ImportedDefinition_StartFails_IsKept) {
   Start();
   const std::string xml = UserXml(kGuest, "web-1");
   ASSERT_TRUE(DefineAsUser(xml));
@@ -217,7 +221,7 @@ TEST_F(GuestDefinition, Nvram_NotYetCreated_IsNotRecorded) {
 }
 
 // What the user has changed since the import counts, and is what is given back.
-TEST_F(GuestDefinition, ImportedDefinition_ChangedByItsUserBeforeTheFirstStart_IsTaken) {
+TEST_F(GuestDefinition, ImportedDefinition_ChangedByUserBeforeFirstStart_IsUsed) {
   Start();
   PutImported(UserXml(kGuest, "web-1"));
   std::string changed = UserXml(kGuest, "web-1");
@@ -226,13 +230,13 @@ TEST_F(GuestDefinition, ImportedDefinition_ChangedByItsUserBeforeTheFirstStart_I
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_THAT(XmlAsUser(kGuest), HasSubstr("Changed since!"));
   const auto snapshot = test::Require(host_.store().Read());
-  const auto stored = test::Require(ReadDomain(*snapshot, kGuest));
+  const auto stored = test::Require(records::ReadDomain(*snapshot, kGuest));
   ASSERT_TRUE(stored);
   EXPECT_THAT(stored->domain.xml, HasSubstr("Changed since!"));
   EXPECT_THAT(stored->domain.xml, Not(HasSubstr(kMark)));
 }
 
-TEST_F(GuestDefinition, Release_GivesTheDefinitionBackAndForgetsTheGuest) {
+TEST_F(GuestDefinition, Release_ImportedGuest_RestoresDefinitionAndRemovesGuest) {
   Start();
   const std::string xml = UserXml(kGuest, "web-1");
   ASSERT_TRUE(DefineAsUser(xml));
@@ -254,7 +258,7 @@ TEST_F(GuestDefinition, Release_GivesTheDefinitionBackAndForgetsTheGuest) {
 }
 
 // Whatever ends the host in between, asking again does all of it.
-TEST_F(GuestDefinition, Release_CutOff_GivesTheAutostartBackWhenAskedAgain) {
+TEST_F(GuestDefinition, Release_Interrupted_RestoresAutostartOnRetry) {
   GuestControlOptions options = Options();
   bool is_armed = true;
   options.before_step = [&](std::string_view step) {
@@ -270,7 +274,7 @@ TEST_F(GuestDefinition, Release_CutOff_GivesTheAutostartBackWhenAskedAgain) {
   EXPECT_THAT(XmlAsUser(kGuest), Not(HasSubstr(kMark)));
 }
 
-TEST_F(GuestDefinition, Release_OfAGuestMadeHere_LeavesADefinitionWithoutAMark) {
+TEST_F(GuestDefinition, Release_NativeGuest_LeavesUntaggedDefinition) {
   Start();
   EXPECT_DONE(control_->Release(kGuest, kAlice));
   EXPECT_FALSE(HasGuest());
@@ -278,14 +282,14 @@ TEST_F(GuestDefinition, Release_OfAGuestMadeHere_LeavesADefinitionWithoutAMark) 
   EXPECT_THAT(XmlAsUser(kGuest), Not(HasSubstr(kMark)));
 }
 
-TEST_F(GuestDefinition, Release_Refusals) {
+TEST_F(GuestDefinition, Release_NotPossible_IsRefused) {
   PutGuest(kOther, "web-2", Parsed(R"({"host_id":"host-2"})"));
   Start();
   EXPECT_REFUSED(control_->Release(kOther, kAlice), 912, "host-2");
   EXPECT_REFUSED(control_->Release("c4a9e7d2-5b31-4f86-a07c-000000000000", kAlice), 403, "");
 }
 
-TEST_F(GuestDefinition, DeletedImportedGuest_LosesTheDefinitionMadeHere) {
+TEST_F(GuestDefinition, Delete_ImportedGuest_RemovesDefinitionMadeByHost) {
   Start();
   const std::string xml = UserXml(kGuest, "web-1");
   ASSERT_TRUE(DefineAsUser(xml));
@@ -299,13 +303,7 @@ TEST_F(GuestDefinition, DeletedImportedGuest_LosesTheDefinitionMadeHere) {
 
 // Its libvirt would start it with the machine, beside the host that has the guest now.
 TEST_F(GuestDefinition, SetHost_OldHost_UndefinesGuest) {
-  GuestControlOptions options = Options();
-  options.maintenance_interval = 20ms;
-  Start(std::move(options));
-  const std::string xml = UserXml(kGuest, "web-1");
-  ASSERT_TRUE(DefineAsUser(xml));
-  ASSERT_TRUE(AutostartAsUser(kGuest));
-  PutImported(xml);
+  ASSERT_NO_FATAL_FAILURE(StartWithAutostartedGuest(false));
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
   EXPECT_DONE(control_->SetHost(kGuest, "host-2"));
@@ -316,13 +314,7 @@ TEST_F(GuestDefinition, SetHost_OldHost_UndefinesGuest) {
 }
 
 TEST_F(GuestDefinition, SetHost_GuestReturns_RestoresAutostart) {
-  GuestControlOptions options = Options();
-  options.maintenance_interval = 20ms;
-  Start(std::move(options));
-  const std::string xml = UserXml(kGuest, "web-1");
-  ASSERT_TRUE(DefineAsUser(xml));
-  ASSERT_TRUE(AutostartAsUser(kGuest));
-  PutImported(xml, true);
+  ASSERT_NO_FATAL_FAILURE(StartWithAutostartedGuest(true));
   EXPECT_DONE(control_->SetHost(kGuest, "host-2"));
   // Never started here: it is its owner's, and must not start beside the other host's.
   const auto end = std::chrono::steady_clock::now() + 20s;
@@ -342,7 +334,7 @@ TEST_F(GuestDefinition, SavedGuest_BeingDeleted_IsBusy) {
   Save();
   ASSERT_TRUE(host_.store().Commit(
       {{},
-       {{DeletionKey(kGuest),
+       {{records::DeletionKey(kGuest),
          R"({"host_id":"host-2","user":"bob","since":1700000000,"stage":"hiding","files":[]})"}}}));
   EXPECT_REFUSED(control_->PowerOn(kGuest, kAlice), 915, "bob");
   EXPECT_EQ(State(), states::saved);
@@ -350,7 +342,7 @@ TEST_F(GuestDefinition, SavedGuest_BeingDeleted_IsBusy) {
 
 // --- machines that run although nobody has them
 
-TEST_F(GuestDefinition, GuestWhoseMachineRuns_ImportedLater_IsRunningImmediately) {
+TEST_F(GuestDefinition, Import_DomainRunning_GuestIsRunningImmediately) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 1h;
   Start(std::move(options));
@@ -361,20 +353,20 @@ TEST_F(GuestDefinition, GuestWhoseMachineRuns_ImportedLater_IsRunningImmediately
   EXPECT_TRUE(RunOf(kOther));
 }
 
-TEST_F(GuestDefinition, RunningMachine_AnyOwner_IsNotDeletedMovedOrEdited) {
+TEST_F(GuestDefinition, RunningDomain_StartedByAnyone_CannotBeDeletedMovedOrEdited) {
   PutGuest(kGuest, "web-1", Parsed(R"({"host_id":"host-2"})"));
   Start();
   ASSERT_TRUE(DefineAsUser(UserXml(kGuest, "web-1")));
   ASSERT_TRUE(StartAsUser(kGuest));
-  EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 910, "machine runs");
-  EXPECT_REFUSED(control_->SetHost(kGuest, HostId()), 910, "machine runs");
+  EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 910, "still runs on this host");
+  EXPECT_REFUSED(control_->SetHost(kGuest, HostId()), 910, "still runs on this host");
   EXPECT_TRUE(HasGuest());
 }
 
-TEST_F(GuestDefinition, WithoutTheHypervisor_NothingIsDeletedOrMoved) {
+TEST_F(GuestDefinition, DeleteAndMove_HypervisorUnreachable_AreRefused) {
   Start();
   {
-    const test::FailingOpenings failing({.code = VIR_ERR_NO_CONNECT, .message = "gone", .domain = VIR_FROM_RPC});
+    const test::FailingConnects failing({.code = VIR_ERR_NO_CONNECT, .message = "gone", .domain = VIR_FROM_RPC});
     test::CloseLastConnection();
     EXPECT_REFUSED(control_->Delete(kGuest, kAlice), 949, "unknown whether");
     EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 949, "unknown whether");

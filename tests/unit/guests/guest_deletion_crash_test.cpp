@@ -8,16 +8,13 @@
 #include <functional>
 
 #include "host/guests/deletion/deletion.h"
-#include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/guest_deletion_environment.h"
 #include "tests/unit/guests/job_steps.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::Deletion;
-using guests::DeletionOptions;
-
-bool DeleteIt(DeletionOptions options) { return !Deletion(std::move(options)).Delete(kGuest, Alice()); }
+bool DeleteIt(DeletionOptions options) { return Deletion(std::move(options)).Delete(kGuest, Alice()).ok(); }
 bool FinishIt(DeletionOptions options) {
   Deletion(std::move(options)).FinishAll();
   return true;
@@ -25,20 +22,20 @@ bool FinishIt(DeletionOptions options) {
 
 class KilledDeletion : public testing::Test {
  protected:
-  // A new ground with both guests, as they are before anything is done.
+  // A new environment with both guests, as they are before anything is done.
   void Prepare(const std::string& repository_host = kThisHost) {
-    ground_ = std::make_unique<DeletionGround>();
-    const auto store = ground_->OpenStore();
-    PutBoth(*ground_, *store);
+    environment_ = std::make_unique<DeletionEnvironment>();
+    const auto store = environment_->OpenStore();
+    PutBoth(*environment_, *store);
     PutRepository(*store, repository_host);
     records_ = Everything(*store);
-    files_ = ground_->Files();
+    files_ = environment_->Files();
   }
 
-  // What Prepare() made, whole, or nothing of the guest; the other one's in any case.
+  // Either everything that Prepare() made or nothing of the guest; the other guest's parts in any case.
   void ExpectAllOrNothing() {
-    const Texts records = Everything(*ground_->OpenStore());
-    const Texts files = ground_->Files();
+    const Texts records = Everything(*environment_->OpenStore());
+    const Texts files = environment_->Files();
     if (records.contains(KeyOf("guest", kGuest))) {
       EXPECT_EQ(records, records_);
       EXPECT_EQ(files, files_);
@@ -48,22 +45,22 @@ class KilledDeletion : public testing::Test {
     }
   }
 
-  bool IsDeleted() { return !Everything(*ground_->OpenStore()).contains(KeyOf("guest", kGuest)); }
+  bool IsDeleted() { return !Everything(*environment_->OpenStore()).contains(KeyOf("guest", kGuest)); }
 
-  std::unique_ptr<DeletionGround> ground_;
+  std::unique_ptr<DeletionEnvironment> environment_;
   Texts records_;
   Texts files_;
 };
 
-TEST_F(KilledDeletion, AtEachStep_IsFinishedByTheNextStart) {
+TEST_F(KilledDeletion, Kill_AtEachStep_IsFinishedByTheNextStart) {
   int step = 0;
   for (;; ++step) {
     SCOPED_TRACE("killed before step " + std::to_string(step));
     Prepare();
-    const End end = RunUntil(*ground_, step, DeleteIt);
+    const End end = RunUntil(*environment_, step, DeleteIt);
     ASSERT_NE(end, End::kFailed);
-    if (end == End::kThrough) break;
-    FinishIt(ground_->Options(ground_->OpenStore()));
+    if (end == End::kCompleted) break;
+    FinishIt(environment_->Options(environment_->OpenStore()));
     ExpectAllOrNothing();
     // Once it is written down that it goes, it goes.
     EXPECT_EQ(IsDeleted(), step > 0);
@@ -74,21 +71,21 @@ TEST_F(KilledDeletion, AtEachStep_IsFinishedByTheNextStart) {
   EXPECT_EQ(step, 13);
 }
 
-TEST_F(KilledDeletion, WhoseFinishIsKilledAtEachStep_IsFinishedByTheOneAfter) {
+TEST_F(KilledDeletion, Kill_AtEachStepOfFinish_IsFinishedByNextStart) {
   int rounds = 0;
   // With some files hidden; with all; with the records deleted and some files removed.
   for (const int first : {2, 6, 8}) {
     for (int second = 0;; ++second) {
       SCOPED_TRACE("killed before step " + std::to_string(first) + ", then " + std::to_string(second));
       Prepare();
-      ASSERT_EQ(RunUntil(*ground_, first, DeleteIt), End::kKilled);
-      const End end = RunUntil(*ground_, second, FinishIt);
+      ASSERT_EQ(RunUntil(*environment_, first, DeleteIt), End::kKilled);
+      const End end = RunUntil(*environment_, second, FinishIt);
       ASSERT_NE(end, End::kFailed);
-      if (end == End::kKilled) FinishIt(ground_->Options(ground_->OpenStore()));
+      if (end == End::kKilled) FinishIt(environment_->Options(environment_->OpenStore()));
       ExpectAllOrNothing();
       EXPECT_TRUE(IsDeleted());
       if (HasFailure()) return;
-      if (end == End::kThrough) break;
+      if (end == End::kCompleted) break;
       ++rounds;
     }
   }
@@ -102,17 +99,17 @@ TEST_F(KilledDeletion, Deletion_CannotContinue_IsUndoneDespiteKills) {
     for (int second = 0;; ++second) {
       SCOPED_TRACE("killed before step " + std::to_string(first) + ", then " + std::to_string(second));
       Prepare();
-      ASSERT_EQ(RunUntil(*ground_, first, DeleteIt), End::kKilled);
-      const std::string blocked = ground_->Image("a/.vexa-deleted-" + std::string(kGuest) + "-2");
+      ASSERT_EQ(RunUntil(*environment_, first, DeleteIt), End::kKilled);
+      const std::string blocked = environment_->Image("a/.vexa-deleted-" + std::string(kGuest) + "-2");
       WriteFile(blocked);
       files_[blocked] = "content of " + blocked;
-      const End end = RunUntil(*ground_, second, FinishIt);
+      const End end = RunUntil(*environment_, second, FinishIt);
       ASSERT_NE(end, End::kFailed);
-      if (end == End::kKilled) FinishIt(ground_->Options(ground_->OpenStore()));
+      if (end == End::kKilled) FinishIt(environment_->Options(environment_->OpenStore()));
       EXPECT_FALSE(IsDeleted());
       ExpectAllOrNothing();
       if (HasFailure()) return;
-      if (end == End::kThrough) break;
+      if (end == End::kCompleted) break;
       ++rounds;
     }
   }
@@ -120,25 +117,25 @@ TEST_F(KilledDeletion, Deletion_CannotContinue_IsUndoneDespiteKills) {
 }
 
 // This host deletes the records, the other one the files.
-TEST_F(KilledDeletion, OfAnotherHostsRepository_IsFinishedByBoth) {
+TEST_F(KilledDeletion, Kill_RepositoryOfAnotherHost_IsFinishedByBoth) {
   for (int step = 0;; ++step) {
     SCOPED_TRACE("killed before step " + std::to_string(step));
     Prepare(kOtherHost);
-    const End end = RunUntil(*ground_, step, DeleteIt);
+    const End end = RunUntil(*environment_, step, DeleteIt);
     ASSERT_NE(end, End::kFailed);
-    EXPECT_EQ(ground_->Files(), files_);
-    if (end == End::kKilled) FinishIt(ground_->Options(ground_->OpenStore()));
-    EXPECT_EQ(ground_->Files(), files_);
-    const bool is_through = end == End::kThrough;
+    EXPECT_EQ(environment_->Files(), files_);
+    if (end == End::kKilled) FinishIt(environment_->Options(environment_->OpenStore()));
+    EXPECT_EQ(environment_->Files(), files_);
+    const bool is_through = end == End::kCompleted;
     EXPECT_EQ(IsDeleted(), step > 0);
     for (int other_step = 0;; ++other_step) {
-      const End other_end = RunUntil(*ground_, other_step, [](DeletionOptions options) {
+      const End other_end = RunUntil(*environment_, other_step, [](DeletionOptions options) {
         options.host_id = kOtherHost;
         Deletion(std::move(options)).RemoveLeftovers();
         return true;
       });
       ASSERT_NE(other_end, End::kFailed);
-      if (other_end == End::kThrough) break;
+      if (other_end == End::kCompleted) break;
     }
     ExpectAllOrNothing();
     if (HasFailure()) return;

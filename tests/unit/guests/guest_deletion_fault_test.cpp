@@ -1,4 +1,4 @@
-// Deletions in which calls of the system and the store fail, and others that do something with the guest meanwhile.
+// Deletions in which calls of the system and the store fail, and concurrent operations on the guest.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
@@ -12,38 +12,13 @@
 #include "host/guests/deletion/deletion.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/guest_deletion_fixture.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::Deletion;
-using guests::DeletionKey;
-using guests::DeletionOptions;
-using guests::Refused;
-using guests::RunKey;
-using testing::HasSubstr;
-
-class FaultyDeletion : public testing::Test {
+class FaultyDeletion : public DeletionTest {
  protected:
-  FaultyDeletion() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
-    PutBoth(ground_, *store_);
-    records_ = Everything(*store_);
-    files_ = ground_.Files();
-    ClearCapturedSyslog();
-  }
-
-  Refused Delete() { return Deletion(options_).Delete(kGuest, Alice()); }
-
-  void ExpectAllThere() {
-    EXPECT_EQ(Everything(*store_), records_);
-    EXPECT_EQ(ground_.Files(), files_);
-  }
-  void ExpectGone() {
-    EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
-    EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
-  }
-
   // What happens right before the first step of this name.
   void At(const std::string& step, std::function<void()> act) {
     options_.before_step = [step, act = std::move(act), done = std::make_shared<bool>()](std::string_view now) {
@@ -61,12 +36,6 @@ class FaultyDeletion : public testing::Test {
     guest[member] = value;
     PutRecord(*store_, KeyOf("guest", kGuest), guest);
   }
-
-  const DeletionGround ground_;
-  const std::shared_ptr<FaultyStore> store_;
-  DeletionOptions options_;
-  Texts records_;
-  Texts files_;
 };
 
 TEST_F(FaultyDeletion, Deletion_RenameFails_RestoresNamesAndReportsWhy) {
@@ -74,97 +43,98 @@ TEST_F(FaultyDeletion, Deletion_RenameFails_RestoresNamesAndReportsWhy) {
     for (int fails_at = 0; fails_at < 3; ++fails_at) {
       int calls = 0;
       options_.file_calls.rename = [&](int folder, const char* from, const char* to) {
-        return calls++ == fails_at ? error_number : guests::RenameInFolder(folder, from, to);
+        return calls++ == fails_at ? error_number : disks::RenameInFolder(folder, from, to);
       };
-      const Refused refused = Delete();
-      ASSERT_TRUE(refused);
-      EXPECT_EQ(refused->code, guests::kFailed);
-      EXPECT_THAT(refused->reason, HasSubstr(kGuest + std::string("-") + std::to_string(fails_at) + ".img"));
-      EXPECT_THAT(refused->reason, HasSubstr(std::strerror(error_number)));
-      ExpectAllThere();
+      const auto refused = Delete();
+      ASSERT_FALSE(refused.ok());
+      EXPECT_EQ(refused.error().code, host_error::kFailed);
+      EXPECT_THAT(refused.error().reason, HasSubstr(kGuest + std::string("-") + std::to_string(fails_at) + ".img"));
+      EXPECT_THAT(refused.error().reason, HasSubstr(std::strerror(error_number)));
+      ExpectUnchanged();
     }
   }
 }
 
-TEST_F(FaultyDeletion, SyncOfHiddenNamesFails_NamesComeBack) {
+TEST_F(FaultyDeletion, Hide_SyncFails_NamesAreRestored) {
   bool has_failed = false;
   options_.file_calls.sync = [&](int folder) {
-    return std::exchange(has_failed, true) ? guests::SyncFolder(folder) : EIO;
+    return std::exchange(has_failed, true) ? disks::SyncFolder(folder) : EIO;
   };
-  EXPECT_EQ(Delete()->code, guests::kFailed);
-  ExpectAllThere();
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
+  ExpectUnchanged();
 }
 
-TEST_F(FaultyDeletion, FileOfTheHiddenName_IsNotReplaced) {
-  const std::string path = ground_.Image("a/.vexa-deleted-" + std::string(kGuest) + "-2");
+TEST_F(FaultyDeletion, Hide_HiddenNameExists_IsNotReplaced) {
+  const std::string path = environment_.Image("a/.vexa-deleted-" + std::string(kGuest) + "-2");
   WriteFile(path, "somebody's");
-  files_ = ground_.Files();
-  const Refused refused = Delete();
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, guests::kFailed);
-  EXPECT_THAT(refused->reason, HasSubstr("since there is a file '.vexa-deleted-" + std::string(kGuest) + "-2'"));
-  ExpectAllThere();
+  files_ = environment_.Files();
+  const auto refused = Delete();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kFailed);
+  EXPECT_THAT(refused.error().reason,
+              HasSubstr("because there is a file '.vexa-deleted-" + std::string(kGuest) + "-2'"));
+  ExpectUnchanged();
 }
 
-TEST_F(FaultyDeletion, UndoFails_IsTakenUpAtTheNextStart) {
+TEST_F(FaultyDeletion, Undo_Fails_IsResumedAtNextStart) {
   int calls = 0;
   options_.file_calls.rename = [&](int folder, const char* from, const char* to) {
-    return calls++ >= 1 ? EIO : guests::RenameInFolder(folder, from, to);
+    return calls++ >= 1 ? EIO : disks::RenameInFolder(folder, from, to);
   };
-  const Refused refused = Delete();
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, guests::kFailed);
-  EXPECT_THAT(refused->reason, HasSubstr("is taken up again"));
+  const auto refused = Delete();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kFailed);
+  EXPECT_THAT(refused.error().reason, HasSubstr("the deletion is resumed later"));
   EXPECT_TRUE(SyslogContains("could not be undone"));
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
-  EXPECT_EQ(Delete()->code, guests::kBusy);
+  EXPECT_EQ(Delete().error().code, host_error::kBusy);
   options_.file_calls = {};
   Deletion(options_).FinishAll();
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, RemovalFails_GuestIsDeleted_AndTheNextStartTriesAgain) {
+TEST_F(FaultyDeletion, Purge_RemovalFails_GuestIsDeletedAndNextStartRetries) {
   options_.file_calls.unlink = [&](int folder, const char* name) {
-    return std::string(name).ends_with("-1") ? EPERM : guests::UnlinkInFolder(folder, name);
+    return std::string(name).ends_with("-1") ? EPERM : disks::UnlinkInFolder(folder, name);
   };
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
-  EXPECT_TRUE(SyslogContains("could not be removed; this is tried again"));
-  const std::string hidden = ground_.More(".vexa-deleted-" + std::string(kGuest) + "-1");
-  EXPECT_TRUE(ground_.Files().contains(hidden));
+  EXPECT_TRUE(SyslogContains("could not be removed; this is retried"));
+  const std::string hidden = environment_.More(".vexa-deleted-" + std::string(kGuest) + "-1");
+  EXPECT_TRUE(environment_.Files().contains(hidden));
   Deletion(options_).FinishAll();
-  EXPECT_TRUE(ground_.Files().contains(hidden));
+  EXPECT_TRUE(environment_.Files().contains(hidden));
   options_.file_calls = {};
   Deletion(options_).FinishAll();
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, SyncOfRemovalsFails_RecordStaysForTheNextStart) {
+TEST_F(FaultyDeletion, Purge_SyncFails_RecordIsKeptForNextStart) {
   options_.file_calls.sync = [&](int folder) {
-    return TextOf(*store_, KeyOf("guest", kGuest)) ? guests::SyncFolder(folder) : EIO;
+    return TextOf(*store_, KeyOf("guest", kGuest)) ? disks::SyncFolder(folder) : EIO;
   };
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
   options_.file_calls = {};
   Deletion(options_).FinishAll();
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, FullDisk_AtTheFirstCommit_ChangesNothing) {
+TEST_F(FaultyDeletion, Delete_DiskFullAtFirstCommit_ChangesNothing) {
   At("commit hiding", [&] { store_->FailCommits(); });
-  EXPECT_EQ(Delete()->code, guests::kFailed);
-  ExpectAllThere();
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
+  ExpectUnchanged();
 }
 
-TEST_F(FaultyDeletion, FullDisk_AtTheCommitOfRecords_IsUndone) {
+TEST_F(FaultyDeletion, Delete_DiskFullAtCommitOfRecords_IsUndone) {
   At("commit records", [&] { store_->FailCommits(); });
-  const Refused refused = Delete();
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, guests::kFailed);
-  EXPECT_THAT(refused->reason, HasSubstr("The commit was made to fail"));
+  const auto refused = Delete();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kFailed);
+  EXPECT_THAT(refused.error().reason, HasSubstr("The commit was made to fail"));
   // The names are back; that it is being deleted could not be taken back.
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
   store_->Heal();
   Deletion(options_).FinishAll();
@@ -178,16 +148,16 @@ TEST_F(FaultyDeletion, Deletion_DiskFullAtRecordCommit_IsUndone) {
     if (step == "commit records") store_->FailCommits();
     if (step == "show 0") store_->Heal();
   };
-  EXPECT_EQ(Delete()->code, guests::kFailed);
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
   EXPECT_THAT(steps,
               testing::IsSupersetOf({"show 0", "show 1", "show 2", "sync shown 0", "sync shown 1", "commit undo"}));
-  ExpectAllThere();
+  ExpectUnchanged();
 }
 
-TEST_F(FaultyDeletion, FullDisk_AtTheLastCommit_LeavesThatToTheNextStart) {
+TEST_F(FaultyDeletion, Delete_DiskFullAtLastCommit_IsLeftToNextStart) {
   At("commit end", [&] { store_->FailCommits(); });
-  EXPECT_FALSE(Delete());
-  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  EXPECT_TRUE(Delete().ok());
+  EXPECT_EQ(environment_.Files(), Without(files_, kGuest));
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
   store_->Heal();
   Deletion(options_).FinishAll();
@@ -199,189 +169,191 @@ TEST_F(FaultyDeletion, Deletion_StoreUnreadableAfterFailedCommit_IsLeftToNextSta
     store_->FailCommits();
     store_->FailSnapshots();
   });
-  EXPECT_EQ(Delete()->code, guests::kFailed);
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
   store_->Heal();
-  EXPECT_TRUE(SyslogContains("Whether its records are deleted is unknown"));
+  EXPECT_TRUE(SyslogContains("It is unknown whether its records were deleted"));
   Deletion(options_).FinishAll();
   ExpectGone();
 }
 
 TEST_F(FaultyDeletion, Deletion_StoreUnreadable_Is901) {
   store_->FailReadsOf(KeyOf("guest", kGuest));
-  EXPECT_EQ(Delete()->code, guests::kFailed);
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
   store_->Heal();
   store_->FailReadsOf(store::MakeKey({"dash", "vdisk"}));
-  EXPECT_EQ(Delete()->code, guests::kFailed);
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
   store_->Heal();
-  ExpectAllThere();
+  ExpectUnchanged();
 }
 
-TEST_F(FaultyDeletion, OthersComeFirst_IsTriedAgain) {
+TEST_F(FaultyDeletion, Delete_CommitConflicts_IsRetried) {
   options_.before_step = [&](std::string_view step) {
     if (step == "hide 0") store_->ConflictCommits(5);
   };
   store_->ConflictCommits(5);
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, OthersComeFirstForEver_Is915_AndChangesNothing) {
+TEST_F(FaultyDeletion, Delete_CommitAlwaysConflicts_Is915AndChangesNothing) {
   At("commit records", [&] { store_->ConflictCommits(256); });
-  EXPECT_EQ(Delete()->code, guests::kBusy);
-  ExpectAllThere();
+  EXPECT_EQ(Delete().error().code, host_error::kBusy);
+  ExpectUnchanged();
   store_->ConflictCommits(1'000'000);
-  EXPECT_EQ(Delete()->code, guests::kBusy);
+  EXPECT_EQ(Delete().error().code, host_error::kBusy);
   store_->Heal();
   store_->ConflictCommits(0);
-  ExpectAllThere();
+  ExpectUnchanged();
 }
 
 TEST_F(FaultyDeletion, Deletion_GuestEditedAfterHiding_IsStillDeleted) {
   At("commit records", [&] { ChangeGuest("name", "renamed"); });
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, EditOfTheDisks_BetweenHidingAndCommit_BeginsAgain) {
-  WriteFile(ground_.Image("new.img"));
-  At("commit records", [&] { PutDisk(*store_, DiskId(kGuest, 1), kGuest, ground_.Image("new.img")); });
-  EXPECT_FALSE(Delete());
+TEST_F(FaultyDeletion, Delete_DisksEditedAfterHiding_StartsOver) {
+  WriteFile(environment_.Image("new.img"));
+  At("commit records", [&] { PutDisk(*store_, DiskId(kGuest, 1), kGuest, environment_.Image("new.img")); });
+  EXPECT_TRUE(Delete().ok());
   EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
   Texts files = Without(files_, kGuest);
-  // The disk's file is another one now; the former belongs to nobody, and comes back.
-  const std::string former = ground_.More(kGuest + std::string("-1.img"));
+  // The disk has another file now; no record refers to the former one, so it is unhidden.
+  const std::string former = environment_.More(kGuest + std::string("-1.img"));
   files[former] = files_[former];
-  EXPECT_EQ(ground_.Files(), files);
+  EXPECT_EQ(environment_.Files(), files);
 }
 
-TEST_F(FaultyDeletion, EditsOfTheDisksForEver_Are915_AndChangeNothing) {
+TEST_F(FaultyDeletion, Delete_DisksKeepChanging_Is915AndChangesNothing) {
   int edits = 0;
   options_.before_step = [&](std::string_view step) {
-    if (step == "commit records") PutDisk(*store_, DiskId(kGuest, 1), kGuest, ground_.Image(std::to_string(++edits)));
+    if (step == "commit records")
+      PutDisk(*store_, DiskId(kGuest, 1), kGuest, environment_.Image(std::to_string(++edits)));
   };
-  EXPECT_EQ(Delete()->code, guests::kBusy);
+  EXPECT_EQ(Delete().error().code, host_error::kBusy);
   EXPECT_GT(edits, 1);
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
   EXPECT_TRUE(TextOf(*store_, KeyOf("guest", kGuest)));
 }
 
 TEST_F(FaultyDeletion, Deletion_DiskReassignedAfterHiding_IsKept) {
   At("commit records",
-     [&] { PutDisk(*store_, DiskId(kGuest, 1), kBystander, ground_.More(kGuest + std::string("-1.img"))); });
-  EXPECT_FALSE(Delete());
+     [&] { PutDisk(*store_, DiskId(kGuest, 1), kBystander, environment_.More(kGuest + std::string("-1.img"))); });
+  EXPECT_TRUE(Delete().ok());
   EXPECT_TRUE(TextOf(*store_, KeyOf("vdisk", DiskId(kGuest, 1))));
-  EXPECT_TRUE(ground_.Files().contains(ground_.More(kGuest + std::string("-1.img"))));
-  EXPECT_EQ(ground_.Files().size(), Without(files_, kGuest).size() + 1);
+  EXPECT_TRUE(environment_.Files().contains(environment_.More(kGuest + std::string("-1.img"))));
+  EXPECT_EQ(environment_.Files().size(), Without(files_, kGuest).size() + 1);
 }
 
 TEST_F(FaultyDeletion, Purge_HiddenFileAssignedToOtherDisk_IsKept) {
-  At("hide 1", [&] { PutDisk(*store_, "new-disk", kBystander, ground_.Image("a/" + std::string(kGuest) + "-0.img")); });
-  EXPECT_FALSE(Delete());
+  At("hide 1",
+     [&] { PutDisk(*store_, "new-disk", kBystander, environment_.Image("a/" + std::string(kGuest) + "-0.img")); });
+  EXPECT_TRUE(Delete().ok());
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
   EXPECT_TRUE(TextOf(*store_, KeyOf("vdisk", "new-disk")));
-  EXPECT_TRUE(ground_.Files().contains(ground_.Image("a/" + std::string(kGuest) + "-0.img")));
+  EXPECT_TRUE(environment_.Files().contains(environment_.Image("a/" + std::string(kGuest) + "-0.img")));
 }
 
-TEST_F(FaultyDeletion, RecordDamagedBetweenHidingAndCommit_IsUndone) {
+TEST_F(FaultyDeletion, Delete_RecordDamagedAfterHiding_IsUndone) {
   At("commit records", [&] {
     PutText(*store_, KeyOf("guest", kGuest), "[");
     store_->ConflictCommits(1);
   });
-  EXPECT_TRUE(Delete());
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_FALSE(Delete().ok());
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
 }
 
-TEST_F(FaultyDeletion, RecordDeletedByOthersMeanwhile_TakesTheFilesAlong) {
+TEST_F(FaultyDeletion, Delete_GuestRecordDeletedMeanwhile_RemovesFiles) {
   At("commit records", [&] {
     for (const auto& [key, text] : records_) {
       if (key.find(kGuest) != std::string::npos) RemoveKey(*store_, key);
     }
   });
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, DeletionTakenByOthers_IsNotFinishedTwice) {
+TEST_F(FaultyDeletion, Finish_DeletionTakenByOtherHost_IsSkipped) {
   const std::string theirs = R"({"host_id":"far","user":"bob","since":1,"stage":"hiding","files":[]})";
   At("commit records", [&] { PutText(*store_, DeletionKey(kGuest), theirs); });
-  const Refused refused = Delete();
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, guests::kBusy);
-  EXPECT_THAT(refused->reason, HasSubstr("by 'bob'"));
+  const auto refused = Delete();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kBusy);
+  EXPECT_THAT(refused.error().reason, HasSubstr("by 'bob'"));
   EXPECT_EQ(TextOf(*store_, DeletionKey(kGuest)), theirs);
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_TRUE(TextOf(*store_, KeyOf("guest", kGuest)));
 }
 
-TEST_F(FaultyDeletion, RecordOfTheDeletionRemovedByOthers_IsUndone) {
+TEST_F(FaultyDeletion, Delete_DeletionRecordRemovedElsewhere_IsUndone) {
   At("commit records", [&] { RemoveKey(*store_, DeletionKey(kGuest)); });
-  EXPECT_EQ(Delete()->code, guests::kFailed);
-  ExpectAllThere();
+  EXPECT_EQ(Delete().error().code, host_error::kFailed);
+  ExpectUnchanged();
 }
 
-TEST_F(FaultyDeletion, TwoFinishersOfOneDeletion_BothSeeItDone) {
-  At("commit records", [&] { Deletion(ground_.Options(store_)).FinishAll(); });
-  EXPECT_FALSE(Delete());
+TEST_F(FaultyDeletion, Finish_TwoFinishers_BothSucceed) {
+  At("commit records", [&] { Deletion(environment_.Options(store_)).FinishAll(); });
+  EXPECT_TRUE(Delete().ok());
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, GuestThatStartsFirst_IsNotDeleted) {
+TEST_F(FaultyDeletion, Delete_GuestStartsFirst_IsRefused) {
   At("commit hiding", [&] { PutText(*store_, RunKey(kGuest), R"({"host_id":"there"})"); });
-  const Refused refused = Delete();
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, guests::kRunsAlready);
-  EXPECT_EQ(ground_.Files(), files_);
+  const auto refused = Delete();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kAlreadyRunning);
+  EXPECT_EQ(environment_.Files(), files_);
 }
 
-TEST_F(FaultyDeletion, FileThatVanishesMeanwhile_IsSkipped) {
-  At("hide 1", [&] { std::filesystem::remove(ground_.More(kGuest + std::string("-1.img"))); });
-  EXPECT_FALSE(Delete());
+TEST_F(FaultyDeletion, Delete_FileVanishes_IsSkipped) {
+  At("hide 1", [&] { std::filesystem::remove(environment_.More(kGuest + std::string("-1.img"))); });
+  EXPECT_TRUE(Delete().ok());
   ExpectGone();
-  EXPECT_TRUE(SyslogContains("any more"));
+  EXPECT_TRUE(SyslogContains("no longer exists"));
 }
 
 TEST_F(FaultyDeletion, Delete_FileReplacedByLink_IsKept) {
-  const std::string path = ground_.More(kGuest + std::string("-1.img"));
+  const std::string path = environment_.More(kGuest + std::string("-1.img"));
   At("hide 1", [&] {
     std::filesystem::remove(path);
-    std::filesystem::create_symlink(ground_.Image("a/bystander-0.img"), path);
+    std::filesystem::create_symlink(environment_.Image("a/bystander-0.img"), path);
   });
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   EXPECT_TRUE(std::filesystem::is_symlink(path));
   EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
-  EXPECT_TRUE(SyslogContains("is left: it is a symbolic link"));
+  EXPECT_TRUE(SyslogContains("is kept: it is a symbolic link"));
 }
 
 TEST_F(FaultyDeletion, Delete_FolderReplacedByLink_IsNotFollowed) {
-  const std::string folder = ground_.Image("a");
+  const std::string folder = environment_.Image("a");
   At("remove 0", [&] {
-    std::filesystem::rename(folder, ground_.Outside("a"));
-    std::filesystem::create_directory_symlink(ground_.Outside("a"), folder);
+    std::filesystem::rename(folder, environment_.Outside("a"));
+    std::filesystem::create_directory_symlink(environment_.Outside("a"), folder);
   });
-  EXPECT_FALSE(Delete());
-  EXPECT_EQ(ground_.Files().count(ground_.Outside("a/.vexa-deleted-" + std::string(kGuest) + "-0")), 1u);
+  EXPECT_TRUE(Delete().ok());
+  EXPECT_EQ(environment_.Files().count(environment_.Outside("a/.vexa-deleted-" + std::string(kGuest) + "-0")), 1u);
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
 }
 
-TEST_F(FaultyDeletion, TwoThreads_OneDeletes_TheOtherIsRefused) {
+TEST_F(FaultyDeletion, Delete_TwoThreads_OneSucceedsOtherIsRefused) {
   for (int round = 0; round < 20; ++round) {
-    PutBoth(ground_, *store_);
+    PutBoth(environment_, *store_);
     std::latch start(2);
-    std::array<Refused, 2> refused;
+    std::array<Result<void, Refusal>, 2> refused;
     {
       std::vector<std::jthread> threads;
-      for (Refused& mine : refused) {
+      for (Result<void, Refusal>& mine : refused) {
         threads.emplace_back([&] {
           start.arrive_and_wait();
           mine = Delete();
         });
       }
     }
-    ASSERT_NE(refused[0].has_value(), refused[1].has_value()) << round;
-    const int code = (refused[0] ? refused[0] : refused[1])->code;
-    EXPECT_TRUE(code == guests::kBusy || code == guests::kUnreadable) << code;
+    ASSERT_NE(!refused[0].ok(), !refused[1].ok()) << round;
+    const int code = (refused[0].ok() ? refused[1] : refused[0]).error().code;
+    EXPECT_TRUE(code == host_error::kBusy || code == host_error::kNotFoundOrUnreadable) << code;
     ExpectGone();
   }
 }
@@ -401,21 +373,21 @@ TEST_F(FaultyDeletion, Deletion_ConstantEdits_StillSucceeds) {
     }
   });
   while (edits < 5) std::this_thread::yield();
-  const Refused refused = Delete();
+  const auto refused = Delete();
   ends = true;
   editor.join();
-  EXPECT_FALSE(refused) << refused->reason;
+  EXPECT_TRUE(refused.ok()) << refused.error().reason;
   ExpectGone();
 }
 
-TEST_F(FaultyDeletion, PowerOnAtTheSameTime_NeverBoth) {
+TEST_F(FaultyDeletion, DeleteAndPowerOn_Concurrent_OnlyOneSucceeds) {
   int deleted = 0;
   int started = 0;
   for (int round = 0; round < 200; ++round) {
     PutGuest(*store_, kGuest, {});
     std::latch start(2);
     bool runs = false;
-    Refused refused;
+    Result<void, Refusal> refused;
     {
       const std::jthread power([&] {
         start.arrive_and_wait();
@@ -432,10 +404,10 @@ TEST_F(FaultyDeletion, PowerOnAtTheSameTime_NeverBoth) {
         refused = Delete();
       });
     }
-    ASSERT_NE(runs, !refused) << round;
+    ASSERT_NE(runs, refused.ok()) << round;
     EXPECT_EQ(TextOf(*store_, KeyOf("guest", kGuest)).has_value(), runs);
     if (runs) {
-      EXPECT_EQ(refused->code, guests::kRunsAlready);
+      EXPECT_EQ(refused.error().code, host_error::kAlreadyRunning);
     }
     ++(runs ? started : deleted);
     RemoveKey(*store_, RunKey(kGuest));

@@ -1,4 +1,4 @@
-// What a host finishes when it starts, and what others have left for it.
+// Deletions that a host finishes when it starts, and leftovers of deletions by other hosts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
@@ -9,28 +9,16 @@
 #include "host/guests/deletion/deletion.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/guest_deletion_fixture.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::Deletion;
-using guests::DeletionKey;
-using guests::DeletionOptions;
-using testing::HasSubstr;
-
-class DeletionAtStart : public testing::Test {
+class DeletionAtStart : public DeletionTest {
  protected:
-  DeletionAtStart() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
-    PutBoth(ground_, *store_);
-    records_ = Everything(*store_);
-    files_ = ground_.Files();
-    ClearCapturedSyslog();
-  }
-
   std::string Path(int index) const {
     const std::string name = kGuest + std::string("-") + std::to_string(index) + ".img";
-    return index == 1 ? ground_.More(name) : ground_.Image("a/" + name);
+    return index == 1 ? environment_.More(name) : environment_.Image("a/" + name);
   }
   static std::string Hidden(int index) { return ".vexa-deleted-" + std::string(kGuest) + "-" + std::to_string(index); }
 
@@ -39,7 +27,8 @@ class DeletionAtStart : public testing::Test {
   }
 
   // As a host leaves it that ends while it hides.
-  void PutBegun(const std::string& files, const std::string& host_id = kThisHost, const std::string& stage = "hiding") {
+  void PutUnfinishedDeletion(const std::string& files, const std::string& host_id = kThisHost,
+                             const std::string& stage = "hiding") {
     PutText(*store_, DeletionKey(kGuest),
             R"({"host_id":")" + host_id + R"(","user":"bob","request_id":"r","since":1,"stage":")" + stage +
                 R"(","files":[)" + files + "]}");
@@ -54,50 +43,39 @@ class DeletionAtStart : public testing::Test {
 
   void FinishAll() { Deletion(options_).FinishAll(); }
 
-  void ExpectGone() {
-    EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
-    EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
-  }
-
   static long CountLines(const std::string& text) {
     const std::vector<SyslogLine> lines = CapturedSyslog();
     return std::ranges::count_if(lines,
                                  [&](const SyslogLine& line) { return line.text.find(text) != std::string::npos; });
   }
-
-  const DeletionGround ground_;
-  const std::shared_ptr<FaultyStore> store_;
-  DeletionOptions options_;
-  Texts records_;
-  Texts files_;
 };
 
 TEST_F(DeletionAtStart, FinishAll_NothingUnfinished_ChangesNothing) {
   FinishAll();
   EXPECT_EQ(Everything(*store_), records_);
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_THAT(CapturedSyslog(), testing::IsEmpty());
 }
 
-TEST_F(DeletionAtStart, SomeHidden_GoesOn) {
-  PutBegun(AllFiles());
+TEST_F(DeletionAtStart, Deletion_SomeFilesHidden_IsResumed) {
+  PutUnfinishedDeletion(AllFiles());
   Hide(1);
   FinishAll();
   ExpectGone();
   EXPECT_THAT(CapturedSyslog(), testing::IsEmpty());
 }
 
-TEST_F(DeletionAtStart, DeletionOfAnotherHost_IsLeftToIt) {
-  PutBegun(AllFiles(), kOtherHost);
+TEST_F(DeletionAtStart, FinishAll_DeletionOfOtherHost_IsSkipped) {
+  PutUnfinishedDeletion(AllFiles(), kOtherHost);
   Hide(1);
   const Texts before = Everything(*store_);
-  const Texts files = ground_.Files();
+  const Texts files = environment_.Files();
   FinishAll();
   EXPECT_EQ(Everything(*store_), before);
-  EXPECT_EQ(ground_.Files(), files);
+  EXPECT_EQ(environment_.Files(), files);
 }
 
-TEST_F(DeletionAtStart, DamagedRecords_AreLoggedAndLeft) {
+TEST_F(DeletionAtStart, FinishAll_DamagedRecords_AreLoggedAndKept) {
   const std::string good = FileText(Path(0), Hidden(0));
   const std::vector<std::string> damaged = {"",
                                             "{",
@@ -115,7 +93,7 @@ TEST_F(DeletionAtStart, DamagedRecords_AreLoggedAndLeft) {
     PutText(*store_, DeletionKey(kGuest), text);
     FinishAll();
     EXPECT_EQ(TextOf(*store_, DeletionKey(kGuest)), text);
-    EXPECT_EQ(CountLines("the record of it is damaged and is left as it is"), 1) << text;
+    EXPECT_EQ(CountLines("the record of it is damaged and was left unchanged"), 1) << text;
   }
   const std::vector<std::string> files = {"7",
                                           "{}",
@@ -131,63 +109,63 @@ TEST_F(DeletionAtStart, DamagedRecords_AreLoggedAndLeft) {
   for (const char* stage : {"hiding", "purging"}) {
     for (const std::string& file : files) {
       ClearCapturedSyslog();
-      PutBegun(good + "," + file, kThisHost, stage);
+      PutUnfinishedDeletion(good + "," + file, kThisHost, stage);
       FinishAll();
       EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
-      EXPECT_EQ(CountLines("the record of it is damaged and is left as it is"), 1) << file;
-      EXPECT_EQ(ground_.Files(), files_);
+      EXPECT_EQ(CountLines("the record of it is damaged and was left unchanged"), 1) << file;
+      EXPECT_EQ(environment_.Files(), files_);
     }
   }
 }
 
 TEST_F(DeletionAtStart, Finish_RecordNamesForeignFiles_KeepsThem) {
-  // Neither is named by the guest's disks, so it is undone and begun anew.
-  PutBegun(AllFiles() + "," + FileText(ground_.Image("a/bystander-0.img"), Hidden(7)));
-  WriteFile(ground_.Outside(Hidden(0)), "outside");
-  files_[ground_.Outside(Hidden(0))] = "outside";
+  // The guest's disks refer to neither, so the deletion is undone and started again.
+  PutUnfinishedDeletion(AllFiles() + "," + FileText(environment_.Image("a/bystander-0.img"), Hidden(7)));
+  WriteFile(environment_.Outside(Hidden(0)), "outside");
+  files_[environment_.Outside(Hidden(0))] = "outside";
   FinishAll();
-  EXPECT_TRUE(ground_.Files().contains(ground_.Image("a/bystander-0.img")));
+  EXPECT_TRUE(environment_.Files().contains(environment_.Image("a/bystander-0.img")));
   EXPECT_EQ(Everything(*store_), Without(records_, kGuest));
 
-  PutBegun(FileText(ground_.Outside("x"), Hidden(0)), kThisHost, "purging");
+  PutUnfinishedDeletion(FileText(environment_.Outside("x"), Hidden(0)), kThisHost, "purging");
   FinishAll();
-  EXPECT_EQ(ground_.Files()[ground_.Outside(Hidden(0))], "outside");
-  EXPECT_TRUE(SyslogContains("it lies outside of the folders of images"));
+  EXPECT_EQ(environment_.Files()[environment_.Outside(Hidden(0))], "outside");
+  EXPECT_TRUE(SyslogContains("it is outside the image folders"));
   EXPECT_TRUE(TextOf(*store_, DeletionKey(kGuest)));
 }
 
 TEST_F(DeletionAtStart, Finish_DiskAddedMeanwhile_IsDeleted) {
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
-  WriteFile(ground_.Image("added.img"));
-  PutGuest(*store_, kGuest, {Path(0), Path(1), Path(2), ground_.Image("added.img")});
+  WriteFile(environment_.Image("added.img"));
+  PutGuest(*store_, kGuest, {Path(0), Path(1), Path(2), environment_.Image("added.img")});
   FinishAll();
   ExpectGone();
 }
 
-TEST_F(DeletionAtStart, DiskTakenFromTheGuestMeanwhile_KeepsItsFile) {
-  PutBegun(AllFiles());
+TEST_F(DeletionAtStart, Finish_DiskDetachedMeanwhile_KeepsItsFile) {
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
   Hide(2);
   PutGuest(*store_, kGuest, {Path(0)});
   PutDisk(*store_, DiskId(kGuest, 2), kBystander, Path(2));
   FinishAll();
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
-  EXPECT_FALSE(ground_.Files().contains(Path(0)));
-  EXPECT_EQ(ground_.Files()[Path(2)], "content of " + Path(2));
+  EXPECT_FALSE(environment_.Files().contains(Path(0)));
+  EXPECT_EQ(environment_.Files()[Path(2)], "content of " + Path(2));
 }
 
 TEST_F(DeletionAtStart, Hide_FileNamedByOtherDiskMeanwhile_IsSkipped) {
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   PutDisk(*store_, "new", kBystander, Path(1));
   FinishAll();
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
-  EXPECT_TRUE(ground_.Files().contains(Path(1)));
-  EXPECT_FALSE(ground_.Files().contains(Path(0)));
+  EXPECT_TRUE(environment_.Files().contains(Path(1)));
+  EXPECT_FALSE(environment_.Files().contains(Path(0)));
 }
 
 TEST_F(DeletionAtStart, Finish_GuestRecordMissing_RemovesFiles) {
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
   for (const auto& [key, text] : records_) {
     if (key.find(kGuest) != std::string::npos && !key.starts_with("/live")) RemoveKey(*store_, key);
@@ -197,7 +175,7 @@ TEST_F(DeletionAtStart, Finish_GuestRecordMissing_RemovesFiles) {
 }
 
 TEST_F(DeletionAtStart, Finish_GuestRecreatedMeanwhile_IsKept) {
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
   RemoveKey(*store_, KeyOf("guest", kGuest));
   options_.before_step = [&](std::string_view step) {
@@ -205,46 +183,46 @@ TEST_F(DeletionAtStart, Finish_GuestRecreatedMeanwhile_IsKept) {
   };
   FinishAll();
   EXPECT_EQ(Everything(*store_), records_);
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
 }
 
 TEST_F(DeletionAtStart, Finish_GuestRecordDamaged_RestoresFiles) {
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
   PutText(*store_, KeyOf("guest", kGuest), "[");
   FinishAll();
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
   EXPECT_TRUE(SyslogContains("is not finished"));
 }
 
 TEST_F(DeletionAtStart, Finish_CannotContinue_IsUndone) {
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
   options_.file_calls.rename = [](int folder, const char* from, const char* to) {
-    return std::string_view(from).ends_with("-1.img") ? EROFS : guests::RenameInFolder(folder, from, to);
+    return std::string_view(from).ends_with("-1.img") ? EROFS : disks::RenameInFolder(folder, from, to);
   };
   FinishAll();
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_EQ(Everything(*store_), records_);
   EXPECT_TRUE(SyslogContains("is not finished: Cannot rename"));
 }
 
-TEST_F(DeletionAtStart, FileInTheHiddenOnesPlace_IsLeft_AndSoIsTheHiddenOne) {
-  PutBegun(AllFiles());
+TEST_F(DeletionAtStart, Finish_FileUnderOldName_KeepsBothFiles) {
+  PutUnfinishedDeletion(AllFiles());
   Hide(0);
   WriteFile(Path(0), "new");
   FinishAll();
   EXPECT_TRUE(TextOf(*store_, KeyOf("guest", kGuest)));
-  EXPECT_EQ(ground_.Files()[Path(0)], "new");
-  EXPECT_EQ(ground_.Files()[ground_.Image("a/" + Hidden(0))], "content of " + Path(0));
-  EXPECT_TRUE(SyslogContains("both are left"));
+  EXPECT_EQ(environment_.Files()[Path(0)], "new");
+  EXPECT_EQ(environment_.Files()[environment_.Image("a/" + Hidden(0))], "content of " + Path(0));
+  EXPECT_TRUE(SyslogContains("Both were kept"));
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
 }
 
-TEST_F(DeletionAtStart, SeveralDeletions_OneThatFailsDoesNotHoldTheOthers) {
+TEST_F(DeletionAtStart, FinishAll_OneDeletionFails_OthersAreFinished) {
   PutText(*store_, DeletionKey("0-damaged"), "{");
-  PutBegun(AllFiles());
+  PutUnfinishedDeletion(AllFiles());
   FinishAll();
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
@@ -253,7 +231,7 @@ TEST_F(DeletionAtStart, SeveralDeletions_OneThatFailsDoesNotHoldTheOthers) {
 TEST_F(DeletionAtStart, FinishAll_StoreUnreadable_IsLogged) {
   store_->FailSnapshots();
   FinishAll();
-  EXPECT_EQ(CountLines("Deletions that were begun cannot be finished"), 1);
+  EXPECT_EQ(CountLines("Unfinished deletions cannot be completed"), 1);
 }
 
 class Leftovers : public DeletionAtStart {
@@ -262,58 +240,58 @@ class Leftovers : public DeletionAtStart {
   static std::string Key() { return store::MakeKey({"leftover", kOtherHost, kGuest}); }
 
   // By this host, of a guest in the other's repository.
-  void DeleteFromAfar() {
+  void DeleteOnOtherHost() {
     PutRepository(*store_, kOtherHost);
-    EXPECT_FALSE(Deletion(ground_.Options(store_)).Delete(kGuest, Alice()));
+    EXPECT_TRUE(Deletion(environment_.Options(store_)).Delete(kGuest, Alice()).ok());
   }
 };
 
-TEST_F(Leftovers, OfAGuestDeletedFromAfar_AreRemovedByTheRepositorysHost) {
-  DeleteFromAfar();
-  EXPECT_EQ(ground_.Files(), files_);
+TEST_F(Leftovers, Leftovers_GuestDeletedByOtherHost_AreRemovedByRepositoryHost) {
+  DeleteOnOtherHost();
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_EQ(TextOf(*store_, Key()), R"({"files":[")" + Path(0) + R"(",")" + Path(1) + R"(",")" + Path(2) +
                                         R"("],"repository_id":"repository"})");
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
   EXPECT_FALSE(TextOf(*store_, DeletionKey(kGuest)));
 
-  Deletion(ground_.Options(store_)).RemoveLeftovers();
-  EXPECT_EQ(ground_.Files(), files_) << "they are the other host's";
+  Deletion(environment_.Options(store_)).RemoveLeftovers();
+  EXPECT_EQ(environment_.Files(), files_) << "they are the other host's";
   Deletion(options_).RemoveLeftovers();
-  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  EXPECT_EQ(environment_.Files(), Without(files_, kGuest));
   EXPECT_FALSE(TextOf(*store_, Key()));
 }
 
 TEST_F(Leftovers, RemoveLeftovers_FilesToKeep_AreKeptAndLogged) {
-  const std::string link = ground_.Image("link");
+  const std::string link = environment_.Image("link");
   std::filesystem::create_symlink(Path(0), link);
-  WriteFile(ground_.Outside("x"));
-  files_ = ground_.Files();
-  const std::string bystander = ground_.Image("a/bystander-0.img");
+  WriteFile(environment_.Outside("x"));
+  files_ = environment_.Files();
+  const std::string bystander = environment_.Image("a/bystander-0.img");
   PutText(*store_, Key(),
-          R"({"files":[")" + bystander + R"(",")" + link + R"(",")" + ground_.Outside("x") + R"(",")" +
-              ground_.Image("../outside/x") + R"(","","relative\n",")" + ground_.Image("none") + R"("]})");
+          R"({"files":[")" + bystander + R"(",")" + link + R"(",")" + environment_.Outside("x") + R"(",")" +
+              environment_.Image("../outside/x") + R"(","","relative\n",")" + environment_.Image("none") + R"("]})");
   FinishAll();
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_FALSE(TextOf(*store_, Key()));
   EXPECT_EQ(CapturedSyslog().size(), 7u);
-  EXPECT_EQ(CountLines("another disk's record names it"), 1);
+  EXPECT_EQ(CountLines("the record of another disk refers to it"), 1);
   EXPECT_EQ(CountLines("[relative ]"), 1);
 }
 
-TEST_F(Leftovers, OfAGuestThatCameBack_AreLeft) {
-  DeleteFromAfar();
-  PutBoth(ground_, *store_);
+TEST_F(Leftovers, Leftovers_GuestExistsAgain_AreKept) {
+  DeleteOnOtherHost();
+  PutBoth(environment_, *store_);
   FinishAll();
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_FALSE(TextOf(*store_, Key()));
 }
 
-TEST_F(Leftovers, OfTwoDeletions_AreRemovedTogether) {
-  WriteFile(ground_.Image("former.img"));
-  PutText(*store_, Key(), R"({"files":[")" + ground_.Image("former.img") + R"(",")" + Path(0) + R"("]})");
-  DeleteFromAfar();
+TEST_F(Leftovers, Leftovers_OfTwoDeletions_AreRemovedTogether) {
+  WriteFile(environment_.Image("former.img"));
+  PutText(*store_, Key(), R"({"files":[")" + environment_.Image("former.img") + R"(",")" + Path(0) + R"("]})");
+  DeleteOnOtherHost();
   FinishAll();
-  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  EXPECT_EQ(environment_.Files(), Without(files_, kGuest));
 }
 
 TEST_F(Leftovers, RemoveLeftovers_DamagedRecord_IsKeptAndLoggedOnce) {
@@ -328,8 +306,8 @@ TEST_F(Leftovers, RemoveLeftovers_DamagedRecord_IsKeptAndLoggedOnce) {
   }
 }
 
-TEST_F(Leftovers, FailedRemoval_IsTriedAgain) {
-  DeleteFromAfar();
+TEST_F(Leftovers, RemoveLeftovers_RemovalFails_IsRetried) {
+  DeleteOnOtherHost();
   options_.file_calls.unlink = [](int, const char*) { return EROFS; };
   FinishAll();
   EXPECT_TRUE(TextOf(*store_, Key()));
@@ -341,27 +319,27 @@ TEST_F(Leftovers, FailedRemoval_IsTriedAgain) {
   store_->Heal();
   FinishAll();
   EXPECT_FALSE(TextOf(*store_, Key()));
-  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  EXPECT_EQ(environment_.Files(), Without(files_, kGuest));
 }
 
-TEST_F(Leftovers, HostOfTheRepositoryWithoutAUsableId_LeavesTheFiles) {
+TEST_F(Leftovers, Leftovers_RepositoryHostIdInvalid_AreKept) {
   PutRepository(*store_, std::string(600, 'h'));
-  EXPECT_FALSE(Deletion(ground_.Options(store_)).Delete(kGuest, Alice()));
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_TRUE(Deletion(environment_.Options(store_)).Delete(kGuest, Alice()).ok());
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_FALSE(TextOf(*store_, KeyOf("guest", kGuest)));
-  EXPECT_TRUE(SyslogContains("its files are left, since the repository's record names no host"));
+  EXPECT_TRUE(SyslogContains("its files are kept because the repository's record names no host"));
 }
 
-TEST_F(Leftovers, RepositoryWithoutAHost_CountsAsThisHosts) {
+TEST_F(Leftovers, Leftovers_RepositoryWithoutHost_BelongToThisHost) {
   PutText(*store_, KeyOf("repository", "repository"), "{}");
-  EXPECT_FALSE(Deletion(options_).Delete(kGuest, Alice()));
-  EXPECT_EQ(ground_.Files(), Without(files_, kGuest));
+  EXPECT_TRUE(Deletion(options_).Delete(kGuest, Alice()).ok());
+  EXPECT_EQ(environment_.Files(), Without(files_, kGuest));
 }
 
-TEST_F(Leftovers, HostIdBesideTheRepositorysRecord_GoesBeforeIt) {
+TEST_F(Leftovers, RepositoryHost_SeparateKey_OverridesRecord) {
   PutText(*store_, KeyOf("repository", "repository", "host_id"), '"' + std::string(kOtherHost) + '"');
-  EXPECT_FALSE(Deletion(ground_.Options(store_)).Delete(kGuest, Alice()));
-  EXPECT_EQ(ground_.Files(), files_);
+  EXPECT_TRUE(Deletion(environment_.Options(store_)).Delete(kGuest, Alice()).ok());
+  EXPECT_EQ(environment_.Files(), files_);
   EXPECT_TRUE(TextOf(*store_, Key()));
 }
 

@@ -12,43 +12,39 @@
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/guest_deletion_environment.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::Deletion;
-using guests::DeletionKey;
-using guests::Refused;
-using guests::RunKey;
-using testing::HasSubstr;
-
 class GuestDeletion : public testing::Test {
  protected:
-  GuestDeletion() : store_(ground_.OpenStore()) { ClearCapturedSyslog(); }
+  GuestDeletion() : store_(environment_.OpenStore()) { ClearCapturedSyslog(); }
 
-  Refused Delete(const std::string& id = kGuest) { return Deletion(ground_.Options(store_)).Delete(id, Alice()); }
+  Result<void, Refusal> Delete(const std::string& id = kGuest) {
+    return Deletion(environment_.Options(store_)).Delete(id, Alice());
+  }
 
   void ExpectRefused(int code, const std::string& words) {
     const Texts records = Everything(*store_);
-    const Texts files = ground_.Files();
-    const Refused refused = Delete();
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->code, code) << refused->reason;
-    EXPECT_THAT(refused->reason, HasSubstr(words));
+    const Texts files = environment_.Files();
+    const auto refused = Delete();
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.error().code, code) << refused.error().reason;
+    EXPECT_THAT(refused.error().reason, HasSubstr(words));
     EXPECT_EQ(Everything(*store_), records);
-    EXPECT_EQ(ground_.Files(), files);
+    EXPECT_EQ(environment_.Files(), files);
   }
 
   // Deletes a guest whose only disk is at `path`, which is left, with a line that says why.
   void ExpectLeft(const Json::Value& path, const std::string& why) {
     PutGuest(*store_, kGuest, {"x"});
     PutDisk(*store_, DiskId(kGuest, 0), kGuest, path);
-    const Texts files = ground_.Files();
+    const Texts files = environment_.Files();
     ClearCapturedSyslog();
-    const Refused refused = Delete();
-    ASSERT_FALSE(refused) << refused->reason;
-    EXPECT_EQ(ground_.Files(), files);
+    const auto refused = Delete();
+    ASSERT_TRUE(refused.ok()) << refused.error().reason;
+    EXPECT_EQ(environment_.Files(), files);
     EXPECT_EQ(Warnings(), std::vector<std::string>{"Deleted guest[" + std::string(kGuest) + "]: " + why + "."});
     EXPECT_EQ(Everything(*store_), Without(Everything(*store_), kGuest));
   }
@@ -62,42 +58,42 @@ class GuestDeletion : public testing::Test {
     return texts;
   }
 
-  const DeletionGround ground_;
+  const DeletionEnvironment environment_;
   const std::shared_ptr<FaultyStore> store_;
 };
 
-TEST_F(GuestDeletion, RemovesRecordsAndFiles_AndNothingOfOthers) {
-  PutBoth(ground_, *store_);
+TEST_F(GuestDeletion, Delete_Guest_RemovesOnlyItsRecordsAndFiles) {
+  PutBoth(environment_, *store_);
   const Texts records = Without(Everything(*store_), kGuest);
-  const Texts files = Without(ground_.Files(), kGuest);
-  ASSERT_EQ(files.size() + 3, ground_.Files().size());
-  EXPECT_FALSE(Delete());
+  const Texts files = Without(environment_.Files(), kGuest);
+  ASSERT_EQ(files.size() + 3, environment_.Files().size());
+  EXPECT_TRUE(Delete().ok());
   EXPECT_EQ(Everything(*store_), records);
-  EXPECT_EQ(ground_.Files(), files);
+  EXPECT_EQ(environment_.Files(), files);
   EXPECT_THAT(Warnings(), testing::IsEmpty());
 }
 
-TEST_F(GuestDeletion, StepsHaveNamesOfTheirOwn_InTheOrderOfTheDescription) {
-  PutBoth(ground_, *store_);
+TEST_F(GuestDeletion, Steps_Names_AreUniqueAndInDocumentedOrder) {
+  PutBoth(environment_, *store_);
   std::vector<std::string> steps;
-  guests::DeletionOptions options = ground_.Options(store_);
+  guests::DeletionOptions options = environment_.Options(store_);
   options.before_step = [&](std::string_view step) { steps.emplace_back(step); };
-  EXPECT_FALSE(Deletion(options).Delete(kGuest, Alice()));
+  EXPECT_TRUE(Deletion(options).Delete(kGuest, Alice()).ok());
   EXPECT_THAT(steps, testing::ElementsAre("commit hiding", "hide 0", "hide 1", "hide 2", "sync hidden 0",
                                           "sync hidden 1", "commit records", "remove 0", "remove 1", "remove 2",
                                           "sync removed 0", "sync removed 1", "commit end"));
 }
 
 TEST_F(GuestDeletion, DeletionRecord_ContainsUserTimeAndFiles) {
-  PutBoth(ground_, *store_);
-  guests::DeletionOptions options = ground_.Options(store_);
+  PutBoth(environment_, *store_);
+  guests::DeletionOptions options = environment_.Options(store_);
   options.now = [] { return std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'900)); };
   std::map<std::string, std::string> records;
   options.before_step = [&](std::string_view step) {
     records[std::string(step)] = TextOf(*store_, DeletionKey(kGuest)).value_or("none");
   };
-  EXPECT_FALSE(Deletion(options).Delete(kGuest, Alice()));
-  const std::string path = ground_.Image(std::string("a/") + kGuest + "-0.img");
+  EXPECT_TRUE(Deletion(options).Delete(kGuest, Alice()).ok());
+  const std::string path = environment_.Image(std::string("a/") + kGuest + "-0.img");
   EXPECT_EQ(records["commit hiding"], "none");
   EXPECT_THAT(records["hide 0"],
               HasSubstr(R"("host_id":"11111111-1111-4111-8111-111111111111","repository_id":"repository",)"
@@ -111,149 +107,160 @@ TEST_F(GuestDeletion, DeletionRecord_ContainsUserTimeAndFiles) {
   EXPECT_EQ(records["commit end"], records["remove 0"]);
 }
 
-TEST_F(GuestDeletion, NoRecord_Is403) { ExpectRefused(guests::kUnreadable, "There is no such guest"); }
+TEST_F(GuestDeletion, Delete_NoRecord_Is403) {
+  ExpectRefused(host_error::kNotFoundOrUnreadable, "There is no such guest");
+}
 
-TEST_F(GuestDeletion, ImpossibleId_Is403) {
+TEST_F(GuestDeletion, Delete_InvalidId_Is403) {
   for (const std::string& id : {std::string(), std::string("../x"), std::string("\0x", 2), std::string(600, 'x')}) {
-    const Refused refused = Delete(id);
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->code, guests::kUnreadable);
+    const auto refused = Delete(id);
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.error().code, host_error::kNotFoundOrUnreadable);
   }
 }
 
-TEST_F(GuestDeletion, DamagedRecord_Is403) {
+TEST_F(GuestDeletion, Delete_DamagedRecord_Is403) {
   for (const char* text : {"[]", "\"x\"", "{", "", "null"}) {
     PutText(*store_, KeyOf("guest", kGuest), text);
-    ExpectRefused(guests::kUnreadable, "is no JSON object");
+    ExpectRefused(host_error::kNotFoundOrUnreadable, "is not a JSON object");
   }
 }
 
 TEST_F(GuestDeletion, Delete_GuestHeldByHost_Is910AndNamesHost) {
-  PutBoth(ground_, *store_);
+  PutBoth(environment_, *store_);
   PutText(*store_, RunKey(kGuest), R"({"host_id":"some host"})");
-  ExpectRefused(guests::kRunsAlready, "The host 'some host' has the guest");
+  ExpectRefused(host_error::kAlreadyRunning, "The guest may be running on the host 'some host'");
   PutText(*store_, RunKey(kGuest), "damaged");
-  ExpectRefused(guests::kRunsAlready, "A host has the guest, and the record of it is damaged");
+  ExpectRefused(
+      host_error::kAlreadyRunning,
+      "The run record of the guest is damaged, so a host may still be running it. Restore the store from a backup");
 }
 
 TEST_F(GuestDeletion, Delete_AlreadyInProgress_Is915WithUserAndTime) {
-  PutBoth(ground_, *store_);
+  PutBoth(environment_, *store_);
   PutText(*store_, DeletionKey(kGuest),
           R"({"host_id":"far","user":"bob","request_id":"","since":1700000000,"stage":"hiding","files":[]})");
-  ExpectRefused(guests::kBusy, "The guest is being deleted by 'bob' since 2023-11-14T22:13:20Z");
+  ExpectRefused(host_error::kBusy, "The guest is being deleted (started by 'bob' at 2023-11-14T22:13:20Z)");
   PutText(*store_, DeletionKey(kGuest), R"({"host_id":"far\n","since":1e300,"stage":"purging","files":[]})");
-  ExpectRefused(guests::kBusy, "The guest is being deleted by the host 'far ' since 1970-01-01T00:00:00Z");
+  ExpectRefused(host_error::kBusy, "The guest is being deleted (started by the host 'far ' at 1970-01-01T00:00:00Z)");
   PutText(*store_, DeletionKey(kGuest), "damaged");
-  ExpectRefused(guests::kBusy, "The guest is being deleted, and the record of it is damaged");
+  ExpectRefused(host_error::kBusy, "The guest is being deleted, but the record of the deletion is damaged");
 }
 
-TEST_F(GuestDeletion, DeletionUnderWay_GivesTheTextOfTheRefusal) {
-  EXPECT_FALSE(guests::JobUnderWay(*store_, kGuest));
+TEST_F(GuestDeletion, FindCurrentJob_DeletionInProgress_HasRefusalSentence) {
+  EXPECT_TRUE(guests::CheckNoUnfinishedJob(*store_, kGuest).ok());
   PutText(*store_, DeletionKey(kGuest), R"({"host_id":"far","user":"bob","since":1,"stage":"hiding","files":[]})");
-  const Refused refused = guests::JobUnderWay(*store_, kGuest);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, guests::kBusy);
-  EXPECT_EQ(refused->reason, "The guest is being deleted by 'bob' since 1970-01-01T00:00:01Z");
+  const auto refused = guests::CheckNoUnfinishedJob(*store_, kGuest);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kBusy);
+  EXPECT_EQ(refused.error().reason, "The guest is being deleted (started by 'bob' at 1970-01-01T00:00:01Z)");
   store_->FailSnapshots();
-  EXPECT_EQ(guests::JobUnderWay(*store_, kGuest)->code, guests::kFailed);
+  EXPECT_EQ(guests::CheckNoUnfinishedJob(*store_, kGuest).error().code, host_error::kFailed);
 }
 
-TEST_F(GuestDeletion, FileOutsideOfTheRoots_IsLeft) {
-  WriteFile(ground_.Outside("x.img"));
-  ExpectLeft(ground_.Outside("x.img"),
-             "the file [" + ground_.Outside("x.img") + "] is left: it lies outside of the folders of images");
-  const std::string beside = ground_.folder().File("images-2");
-  ExpectLeft(beside, "the file [" + beside + "] is left: it lies outside of the folders of images");
+TEST_F(GuestDeletion, Delete_FileOutsideRoots_IsKept) {
+  WriteFile(environment_.Outside("x.img"));
+  ExpectLeft(environment_.Outside("x.img"),
+             "the file [" + environment_.Outside("x.img") + "] is kept: it is outside the image folders");
+  const std::string beside = environment_.folder().File("images-2");
+  ExpectLeft(beside, "the file [" + beside + "] is kept: it is outside the image folders");
 }
 
-TEST_F(GuestDeletion, PathThatLeadsUpwards_IsLeft) {
-  WriteFile(ground_.Outside("x.img"));
-  const std::string path = ground_.Image("../outside/x.img");
-  ExpectLeft(path, "the file [" + path + "] is left: it is no absolute path of a file");
+TEST_F(GuestDeletion, Delete_PathWithDotDot_IsKept) {
+  WriteFile(environment_.Outside("x.img"));
+  const std::string path = environment_.Image("../outside/x.img");
+  ExpectLeft(path, "the file [" + path + "] is kept: the path is not a valid absolute path");
 }
 
-TEST_F(GuestDeletion, SymbolicLinks_AreLeft_WhereverTheyAreOnTheWay) {
-  WriteFile(ground_.Outside("x.img"));
-  WriteFile(ground_.Image("real/x.img"));
-  std::filesystem::create_symlink(ground_.Outside("x.img"), ground_.Image("link.img"));
-  std::filesystem::create_directory_symlink(ground_.Outside(""), ground_.Image("out"));
-  std::filesystem::create_directory_symlink("real", ground_.Image("inside"));
-  ExpectLeft(ground_.Image("link.img"), "the file [" + ground_.Image("link.img") + "] is left: it is a symbolic link");
+TEST_F(GuestDeletion, Delete_SymbolicLinkAnywhereInPath_IsKept) {
+  WriteFile(environment_.Outside("x.img"));
+  WriteFile(environment_.Image("real/x.img"));
+  std::filesystem::create_symlink(environment_.Outside("x.img"), environment_.Image("link.img"));
+  std::filesystem::create_directory_symlink(environment_.Outside(""), environment_.Image("out"));
+  std::filesystem::create_directory_symlink("real", environment_.Image("inside"));
+  ExpectLeft(environment_.Image("link.img"),
+             "the file [" + environment_.Image("link.img") + "] is kept: it is a symbolic link");
   for (const char* name : {"out/x.img", "inside/x.img"}) {
-    ExpectLeft(ground_.Image(name),
-               "the file [" + ground_.Image(name) + "] is left: it is reached through a symbolic link");
+    ExpectLeft(environment_.Image(name),
+               "the file [" + environment_.Image(name) + "] is kept: it is reached through a symbolic link");
   }
 }
 
 TEST_F(GuestDeletion, Delete_NotRegularFile_IsKept) {
-  std::filesystem::create_directory(ground_.Image("folder"));
-  ExpectLeft(ground_.Image("folder"), "the file [" + ground_.Image("folder") + "] is left: it is no regular file");
-  EXPECT_TRUE(std::filesystem::is_directory(ground_.Image("folder")));
-  ASSERT_EQ(::mkfifo(ground_.Image("fifo").c_str(), 0600), 0);
-  ExpectLeft(ground_.Image("fifo"), "the file [" + ground_.Image("fifo") + "] is left: it is no regular file");
-  EXPECT_TRUE(std::filesystem::is_fifo(ground_.Image("fifo")));
-  if (::mknod(ground_.Image("block").c_str(), S_IFBLK | 0600, makedev(7, 255)) != 0) {
+  std::filesystem::create_directory(environment_.Image("folder"));
+  ExpectLeft(environment_.Image("folder"),
+             "the file [" + environment_.Image("folder") + "] is kept: it is not a regular file");
+  EXPECT_TRUE(std::filesystem::is_directory(environment_.Image("folder")));
+  ASSERT_EQ(::mkfifo(environment_.Image("fifo").c_str(), 0600), 0);
+  ExpectLeft(environment_.Image("fifo"),
+             "the file [" + environment_.Image("fifo") + "] is kept: it is not a regular file");
+  EXPECT_TRUE(std::filesystem::is_fifo(environment_.Image("fifo")));
+  if (::mknod(environment_.Image("block").c_str(), S_IFBLK | 0600, makedev(7, 255)) != 0) {
     GTEST_SKIP() << "no right to make a device";
   }
-  ExpectLeft(ground_.Image("block"), "the file [" + ground_.Image("block") + "] is left: it is a block device");
-  EXPECT_TRUE(std::filesystem::is_block_file(ground_.Image("block")));
+  ExpectLeft(environment_.Image("block"),
+             "the file [" + environment_.Image("block") + "] is kept: it is a block device");
+  EXPECT_TRUE(std::filesystem::is_block_file(environment_.Image("block")));
 }
 
 TEST_F(GuestDeletion, Delete_InvalidPaths_AreLoggedAndSkipped) {
-  const std::string none = "] is left: it is no absolute path of a file";
+  const std::string none = "] is kept: the path is not a valid absolute path";
   ExpectLeft("relative.img", "the file [relative.img" + none);
   ExpectLeft(std::string("/x\0y", 4), "the file [/x y" + none);
   ExpectLeft("line\nbreak\x1b[31m", "the file [line break [31m" + none);
-  ExpectLeft(ground_.Image("x/"), "the file [" + ground_.Image("x/") + none);
-  ExpectLeft(7, "the path of its disk 0 is no text; no file of it is removed");
-  ExpectLeft(Json::Value(Json::arrayValue), "the path of its disk 0 is no text; no file of it is removed");
+  ExpectLeft(environment_.Image("x/"), "the file [" + environment_.Image("x/") + none);
+  ExpectLeft(7, "the path of its disk 0 is not a string, so no file of the disk is removed");
+  ExpectLeft(Json::Value(Json::arrayValue),
+             "the path of its disk 0 is not a string, so no file of the disk is removed");
   const std::string long_name(300, 'n');
-  ExpectLeft(ground_.Image(long_name), "the file [" + ground_.Image(long_name) + "] is left: its name is too long");
-  ExpectLeft(ground_.Image(long_name + "/x"),
-             "the file [" + ground_.Image(long_name + "/x") + "] is left: its name is too long");
+  ExpectLeft(environment_.Image(long_name),
+             "the file [" + environment_.Image(long_name) + "] is kept: its name is too long");
+  ExpectLeft(environment_.Image(long_name + "/x"),
+             "the file [" + environment_.Image(long_name + "/x") + "] is kept: its name is too long");
 }
 
-TEST_F(GuestDeletion, VeryLongPath_IsCutInItsLine) {
+TEST_F(GuestDeletion, Delete_VeryLongPath_IsTruncatedInLog) {
   PutGuest(*store_, kGuest, {"/" + std::string(1'000'000, 'x')});
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   ASSERT_EQ(Warnings().size(), 1u);
   EXPECT_LT(Warnings()[0].size(), 1000u);
 }
 
-TEST_F(GuestDeletion, MissingFile_IsSkippedWithALine) {
-  ExpectLeft(ground_.Image("none.img"), "there is no file [" + ground_.Image("none.img") + "]");
-  ExpectLeft(ground_.Image("no/folder/none.img"), "there is no file [" + ground_.Image("no/folder/none.img") + "]");
-  WriteFile(ground_.Image("file"));
-  ExpectLeft(ground_.Image("file/none.img"), "there is no file [" + ground_.Image("file/none.img") + "]");
+TEST_F(GuestDeletion, Delete_FileMissing_IsSkippedAndLogged) {
+  ExpectLeft(environment_.Image("none.img"), "there is no file [" + environment_.Image("none.img") + "]");
+  ExpectLeft(environment_.Image("no/folder/none.img"),
+             "there is no file [" + environment_.Image("no/folder/none.img") + "]");
+  WriteFile(environment_.Image("file"));
+  ExpectLeft(environment_.Image("file/none.img"), "there is no file [" + environment_.Image("file/none.img") + "]");
 }
 
-TEST_F(GuestDeletion, DiskWithoutAPath_NeedsNoLine) {
+TEST_F(GuestDeletion, Delete_DiskWithoutPath_IsNotLogged) {
   for (const Json::Value& path : {Json::Value(), Json::Value("")}) {
     PutGuest(*store_, kGuest, {"x"});
     PutDisk(*store_, DiskId(kGuest, 0), kGuest, path);
-    EXPECT_FALSE(Delete());
+    EXPECT_TRUE(Delete().ok());
     EXPECT_THAT(Warnings(), testing::IsEmpty());
   }
 }
 
-TEST_F(GuestDeletion, FileOfAnotherDisk_IsLeft_HoweverThatNamesIt) {
-  WriteFile(ground_.Image("shared.img"));
-  std::filesystem::create_directory_symlink(ground_.Image(""), ground_.folder().File("alias"));
-  const std::string path = ground_.Image("shared.img");
-  const std::string why = "the file [" + path + "] is left: another disk's record names it";
+TEST_F(GuestDeletion, Delete_FileOfOtherDiskByAnyPath_IsKept) {
+  WriteFile(environment_.Image("shared.img"));
+  std::filesystem::create_directory_symlink(environment_.Image(""), environment_.folder().File("alias"));
+  const std::string path = environment_.Image("shared.img");
+  const std::string why = "the file [" + path + "] is kept: the record of another disk refers to it";
   const std::string other = KeyOf("vdisk", "other");
   std::string escaped = path;
   escaped.replace(escaped.rfind("shared"), 1, "\\u0073");
   const std::vector<std::string> texts = {
       R"({"path":")" + path + R"("})",
-      R"({ "path" : ")" + ground_.Image("./x//..//shared.img") + R"(" })",
-      R"({"path":")" + ground_.Image(".//shared.img") + R"("})",
-      R"({"path":")" + ground_.folder().File("alias/shared.img") + R"("})",
+      R"({ "path" : ")" + environment_.Image("./x//..//shared.img") + R"(" })",
+      R"({"path":")" + environment_.Image(".//shared.img") + R"("})",
+      R"({"path":")" + environment_.folder().File("alias/shared.img") + R"("})",
       R"({"path":")" + escaped + R"("})",
       R"({"p\u0061th":")" + path + R"("})",
       R"({"name":"path","path":")" + path + R"(","guest_id":")" + kGuest + R"("})",
   };
-  std::filesystem::create_directory(ground_.Image("x"));
+  std::filesystem::create_directory(environment_.Image("x"));
   for (const std::string& text : texts) {
     PutText(*store_, other, text);
     ExpectLeft(path, why);
@@ -263,11 +270,11 @@ TEST_F(GuestDeletion, FileOfAnotherDisk_IsLeft_HoweverThatNamesIt) {
   ExpectLeft(path, why);
 }
 
-TEST_F(GuestDeletion, RecordsThatDoNotNameTheFile_DoNotKeepIt) {
-  const std::string path = ground_.Image("shared.img");
+TEST_F(GuestDeletion, Delete_SimilarPathsInRecords_DoNotKeepFile) {
+  const std::string path = environment_.Image("shared.img");
   const std::vector<std::string> texts = {
-      R"({"path":")" + ground_.Image("other/shared.img") + R"("})",
-      R"({"path":")" + ground_.Image("shared.img.bak") + R"("})",
+      R"({"path":")" + environment_.Image("other/shared.img") + R"("})",
+      R"({"path":")" + environment_.Image("shared.img.bak") + R"("})",
       R"({"name":")" + path + R"(","path":7})",
       R"({"inner":{"path":")" + path + R"("}})",
       R"({"path":")" + path + R"(")",
@@ -278,40 +285,40 @@ TEST_F(GuestDeletion, RecordsThatDoNotNameTheFile_DoNotKeepIt) {
     WriteFile(path);
     PutText(*store_, KeyOf("vdisk", "other"), text);
     PutGuest(*store_, kGuest, {path});
-    EXPECT_FALSE(Delete());
+    EXPECT_TRUE(Delete().ok());
     EXPECT_FALSE(std::filesystem::exists(path)) << text;
   }
 }
 
-TEST_F(GuestDeletion, TwoDisksWithOneFile_RemoveItOnce) {
-  WriteFile(ground_.Image("a.img"));
-  PutGuest(*store_, kGuest, {ground_.Image("a.img"), ground_.Image("./a.img")});
-  EXPECT_FALSE(Delete());
-  EXPECT_THAT(ground_.Files(), testing::IsEmpty());
+TEST_F(GuestDeletion, Delete_TwoDisksWithOneFile_RemovesItOnce) {
+  WriteFile(environment_.Image("a.img"));
+  PutGuest(*store_, kGuest, {environment_.Image("a.img"), environment_.Image("./a.img")});
+  EXPECT_TRUE(Delete().ok());
+  EXPECT_THAT(environment_.Files(), testing::IsEmpty());
   EXPECT_THAT(Warnings(), testing::IsEmpty());
 }
 
-TEST_F(GuestDeletion, ImagesInDrives_AreLeft) {
-  WriteFile(ground_.Image("system.iso"));
-  PutGuest(*store_, kGuest, {ground_.Image("system.iso")});
+TEST_F(GuestDeletion, Delete_ImagesInDrives_AreKept) {
+  WriteFile(environment_.Image("system.iso"));
+  PutGuest(*store_, kGuest, {environment_.Image("system.iso")});
   Json::Value guest(Json::objectValue);
   guest["vdisks"].append(DiskId(kGuest, 0));
-  guest["iso_images"].append(ground_.Image("system.iso"));
+  guest["iso_images"].append(environment_.Image("system.iso"));
   guest["iso_images"].append(7);
   PutRecord(*store_, KeyOf("guest", kGuest), guest);
-  EXPECT_FALSE(Delete());
-  EXPECT_EQ(ground_.Files().size(), 1u);
+  EXPECT_TRUE(Delete().ok());
+  EXPECT_EQ(environment_.Files().size(), 1u);
   EXPECT_THAT(Warnings(), testing::ElementsAre(HasSubstr("it is an image in a drive of the guest")));
 }
 
-TEST_F(GuestDeletion, HiddenFileOfAnotherDeletion_IsLeft) {
-  const std::string path = ground_.Image(".vexa-deleted-" + std::string(kBystander) + "-0");
+TEST_F(GuestDeletion, Delete_HiddenFileOfOtherDeletion_IsKept) {
+  const std::string path = environment_.Image(".vexa-deleted-" + std::string(kBystander) + "-0");
   WriteFile(path);
-  ExpectLeft(path, "the file [" + path + "] is left: it belongs to a deletion");
+  ExpectLeft(path, "the file [" + path + "] is kept: it belongs to a deletion");
 }
 
-TEST_F(GuestDeletion, ListedDisksAndInterfacesOfOthers_AreLeft) {
-  PutBoth(ground_, *store_);
+TEST_F(GuestDeletion, Delete_ListsPartsOfOtherGuests_KeepsThem) {
+  PutBoth(environment_, *store_);
   Json::Value guest(Json::objectValue);
   guest["vdisks"].append(DiskId(kBystander, 0));
   guest["vdisks"].append("no such disk");
@@ -325,26 +332,27 @@ TEST_F(GuestDeletion, ListedDisksAndInterfacesOfOthers_AreLeft) {
   PutRecord(*store_, KeyOf("guest", kGuest), guest);
   PutText(*store_, KeyOf("vdisk", "damaged"), "[");
   const Texts others = Without(Everything(*store_), kGuest);
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   EXPECT_EQ(Without(Everything(*store_), kGuest), others);
   // What it does not list stays.
   EXPECT_TRUE(TextOf(*store_, KeyOf("vdisk", DiskId(kGuest, 1))));
   EXPECT_TRUE(TextOf(*store_, KeyOf("vnic", "nic-" + std::string(kGuest))));
   EXPECT_FALSE(TextOf(*store_, KeyOf("vdisk", DiskId(kGuest, 0))));
   const std::string begin = "Deleted guest[" + std::string(kGuest) + "]: it lists the ";
-  EXPECT_THAT(Warnings(), testing::ElementsAre(
-                              begin + "vdisk [" + DiskId(kBystander, 0) + "], which is not its own and is left.",
-                              begin + "vdisk [damaged], whose record is damaged and is left.",
-                              begin + "vnic [nic-" + std::string(kBystander) + "], which is not its own and is left."));
+  EXPECT_THAT(Warnings(),
+              testing::ElementsAre(
+                  begin + "vdisk [" + DiskId(kBystander, 0) + "], which does not belong to it and is kept.",
+                  begin + "vdisk [damaged], whose record is damaged and is kept.",
+                  begin + "vnic [nic-" + std::string(kBystander) + "], which does not belong to it and is kept."));
 }
 
 TEST_F(GuestDeletion, Delete_ManyDisks_AreRemovedTogether) {
   std::vector<std::string> paths;
-  for (int i = 0; i < 64; ++i) paths.push_back(ground_.Image(std::to_string(i % 7) + "/" + std::to_string(i)));
+  for (int i = 0; i < 64; ++i) paths.push_back(environment_.Image(std::to_string(i % 7) + "/" + std::to_string(i)));
   for (const std::string& path : paths) WriteFile(path);
   PutGuest(*store_, kGuest, paths);
-  EXPECT_FALSE(Delete());
-  EXPECT_THAT(ground_.Files(), testing::IsEmpty());
+  EXPECT_TRUE(Delete().ok());
+  EXPECT_THAT(environment_.Files(), testing::IsEmpty());
   EXPECT_THAT(Everything(*store_), testing::IsEmpty());
 }
 
@@ -358,32 +366,33 @@ TEST_F(GuestDeletion, Delete_TenThousandDisks_AllOrNothing) {
   }
   (void)Require(store_->Commit(all));
   PutRecord(*store_, KeyOf("guest", kGuest), guest);
-  EXPECT_FALSE(Delete());
+  EXPECT_TRUE(Delete().ok());
   EXPECT_THAT(Everything(*store_), testing::IsEmpty());
   // A line each, but not without end.
   EXPECT_EQ(Warnings().size(), 257u);
 
   for (int i = 0; i < 10'000; ++i) guest["vdisks"].append("e" + std::to_string(i));
   PutRecord(*store_, KeyOf("guest", kGuest), guest);
-  ExpectRefused(guests::kUnreadable, "names 20000 of the kind 'vdisk', and at most 16384 are deleted with a guest");
+  ExpectRefused(host_error::kNotFoundOrUnreadable,
+                "lists 20000 entries of the kind 'vdisk', and at most 16384 are deleted with a guest");
 }
 
-TEST_F(GuestDeletion, RecordsOfWrongTypes_AreDeleted) {
+TEST_F(GuestDeletion, Delete_RecordsOfWrongTypes_Succeeds) {
   for (const char* text : {R"({})", R"({"vdisks":7,"vnics":"x","repository_id":[],"iso_images":{}})",
                            R"({"vdisks":{"a":1},"vnics":[null,[],{}],"repository_id":"\u0000"})"}) {
     PutText(*store_, KeyOf("guest", kGuest), text);
-    EXPECT_FALSE(Delete());
+    EXPECT_TRUE(Delete().ok());
     EXPECT_THAT(Everything(*store_), testing::IsEmpty());
   }
 }
 
-TEST_F(GuestDeletion, WithoutRoots_LeavesAllFiles) {
-  PutBoth(ground_, *store_);
-  const Texts files = ground_.Files();
-  guests::DeletionOptions options = ground_.Options(store_);
+TEST_F(GuestDeletion, Delete_NoRoots_KeepsAllFiles) {
+  PutBoth(environment_, *store_);
+  const Texts files = environment_.Files();
+  guests::DeletionOptions options = environment_.Options(store_);
   options.image_roots = {"", "relative", "/no/../where"};
-  EXPECT_FALSE(Deletion(options).Delete(kGuest, Alice()));
-  EXPECT_EQ(ground_.Files(), files);
+  EXPECT_TRUE(Deletion(options).Delete(kGuest, Alice()).ok());
+  EXPECT_EQ(environment_.Files(), files);
   EXPECT_EQ(Everything(*store_), Without(Everything(*store_), kGuest));
 }
 

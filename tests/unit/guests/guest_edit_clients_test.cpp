@@ -1,5 +1,5 @@
-// Eight clients that edit the same few guests at once, two of them by another host, while one guest starts and stops:
-// no change is lost, and nothing is left over.
+// Eight clients that edit the same few guests concurrently, two of them by another host, while one guest starts and
+// stops: no change is lost, and nothing is left over.
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -9,11 +9,11 @@
 #include <regex>
 #include <set>
 
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/guests/edit/edit.h"
 #include "host/store/key.h"
 #include "json/readers.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
 namespace {
@@ -87,16 +87,16 @@ class Clients : public GuestControlTest {
     return "";
   }
 
-  // Until it is answered otherwise than with "busy", who says for whom and since when.
+  // Repeats the edit while the answer is "busy", which must name who edits, and since when.
   int Edit(int client, int guest, const Json::Value& edit) {
     static const std::regex busy(".* (for|by) '?(client-[0-9]|alice)'? since 20[0-9T:-]+Z");
     const Requester requester{"client-" + std::to_string(client), "nas-1", "request"};
     for (;;) {
-      const Refused refused = client < kAway ? control_->Edit(GuestId(guest), edit, requester)
-                                             : away_->Edit(GuestId(guest), edit, requester);
-      if (!refused) return 0;
-      if (refused->code != kBusy) return refused->code;
-      EXPECT_TRUE(std::regex_match(refused->reason, busy)) << refused->reason;
+      const auto refused = client < kAway ? control_->Edit(GuestId(guest), edit, requester)
+                                          : away_->Edit(GuestId(guest), edit, requester);
+      if (refused.ok()) return 0;
+      if (refused.error().code != host_error::kBusy) return refused.error().code;
+      EXPECT_TRUE(std::regex_match(refused.error().reason, busy)) << refused.error().reason;
       ++busy_;
       std::this_thread::sleep_for(1ms);
     }
@@ -169,8 +169,9 @@ class Clients : public GuestControlTest {
       ++answers_[static_cast<std::size_t>(client)][code];
       if (code == 0) note();
       // What is contested may be another's; a guest that runs keeps its disks.
-      const bool may_be = code == 0 || (edit.isMember("name") && (code == kBadNic || code == kNameTaken)) ||
-                          (code == kBadDisk && guest == 0 && !edit.isMember("vdisks_add"));
+      const bool may_be = code == 0 ||
+                          (edit.isMember("name") && (code == host_error::kBadNic || code == host_error::kNameTaken)) ||
+                          (code == host_error::kBadDisk && guest == 0 && !edit.isMember("vdisks_add"));
       EXPECT_TRUE(may_be) << code << " for " << ToText(edit);
     }
   }
@@ -196,8 +197,8 @@ class Clients : public GuestControlTest {
         EXPECT_TRUE(listed.insert(disk["id"].asString()).second);
         EXPECT_TRUE(paths.insert(disk["path"].asString()).second);
         sizes.insert(disk["size"].asInt64());
-        const auto format = disk["driver"] == "raw" ? hypervisor::ImageFormat::kRaw : hypervisor::ImageFormat::kQcow2;
-        const auto size = hypervisor::ReadImageSize(disk["path"].asString(), format);
+        const auto format = disk["driver"] == "raw" ? domain_xml::ImageFormat::kRaw : domain_xml::ImageFormat::kQcow2;
+        const auto size = domain_xml::ReadImageSize(disk["path"].asString(), format);
         EXPECT_TRUE(size && static_cast<std::int64_t>(*size >> 20) == disk["size"].asInt64()) << ToText(disk);
       }
       const Json::Value record = Parsed(std::string(

@@ -1,20 +1,16 @@
-// Edits of disks on which everything fails from some step on, also what would undo them: what was answered as done is
-// done, all else is as before, at the latest when the host starts again.
+// Edits of disks where every call fails from some step on, also the calls that would undo the edit. An edit that was
+// answered with success is complete; any other is undone, at the latest when the host starts again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_environment.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::EditOptions;
-using guests::Edits;
-using guests::FileCalls;
-using guests::Refused;
-using testing::HasSubstr;
+using disks::FileSystemCalls;
 
 constexpr char kEverything[] = R"({"vcpu_num":4,"vdisks_add":[{"vdisk_size":32},{"vdisk_size":64,"format":"raw"}],)"
                                R"("vdisks_edit":[{"vdisk_size":24,"vdisk_id":"d0000000-0000-4000-8000-000000000000"}],)"
@@ -25,46 +21,46 @@ class FailingEdit : public testing::Test {
   void Prepare() {
     options_ = {};
     store_.reset();
-    ground_ = std::make_unique<EditGround>();
-    store_ = ground_->OpenStore();
-    ground_->Fill(*store_);
+    environment_ = std::make_unique<EditEnvironment>();
+    store_ = environment_->OpenStore();
+    environment_->Fill(*store_);
     records_ = Everything(*store_);
-    images_ = ground_->Images();
-    options_ = ground_->Options(store_);
+    images_ = environment_->Images();
+    options_ = environment_->Options(store_);
     error_ = 0;
     let_go_ = false;
-    FileCalls& calls = options_.file_calls;
+    FileSystemCalls& calls = options_.file_calls;
     calls.create = [this](int folder, const char* name, int* file) {
-      return error_ ? error_ : guests::CreateInFolder(folder, name, file);
+      return error_ ? error_ : disks::CreateInFolder(folder, name, file);
     };
     calls.set_length = [this](int file, std::uint64_t length) {
-      return error_ ? error_ : guests::SetFileLength(file, length);
+      return error_ ? error_ : disks::SetFileLength(file, length);
     };
     calls.write = [this](int file, std::string_view bytes, std::uint64_t offset) {
-      return error_ ? error_ : guests::WriteToFile(file, bytes, offset);
+      return error_ ? error_ : disks::WriteToFile(file, bytes, offset);
     };
-    calls.sync_file = [this](int file) { return error_ ? error_ : guests::SyncFile(file); };
+    calls.sync_file = [this](int file) { return error_ ? error_ : disks::SyncFile(file); };
     calls.rename = [this](int folder, const char* from, const char* to) {
-      return error_ && !let_go_ ? error_ : guests::RenameInFolder(folder, from, to);
+      return error_ && !let_go_ ? error_ : disks::RenameInFolder(folder, from, to);
     };
     calls.unlink = [this](int folder, const char* name) {
-      return error_ && !let_go_ ? error_ : guests::UnlinkInFolder(folder, name);
+      return error_ && !let_go_ ? error_ : disks::UnlinkInFolder(folder, name);
     };
-    calls.sync = [this](int folder) { return error_ ? error_ : guests::SyncFolder(folder); };
+    calls.sync = [this](int folder) { return error_ ? error_ : disks::SyncFolder(folder); };
   }
 
-  Refused Edit() { return Edits(options_).Edit(kEdited, Parsed(kEverything), Alice()); }
+  Result<void, Refusal> Edit() { return Edits(options_).Edit(kEdited, Parsed(kEverything), Alice()); }
   // The next start, on a machine that works again.
   void Restart() {
     error_ = 0;
     store_->Heal();
-    Edits(ground_->Options(store_)).FinishAll();
+    Edits(environment_->Options(store_)).FinishAll();
   }
-  bool IsBegun() const { return TextOf(*store_, guests::EditKey(kEdited)).has_value(); }
+  bool IsBegun() const { return TextOf(*store_, records::EditKey(kEdited)).has_value(); }
 
-  void ExpectAsBefore() {
+  void ExpectUnchanged() {
     EXPECT_EQ(Everything(*store_), records_);
-    EXPECT_EQ(ground_->Images(), images_);
+    EXPECT_EQ(environment_->Images(), images_);
   }
   void ExpectDone() {
     const auto records = RecordsOf(*store_);
@@ -76,7 +72,7 @@ class FailingEdit : public testing::Test {
       EXPECT_EQ(records.disks[i].second["size"].asInt64(), sizes[i]);
       images[FileOf(records.disks[i].second)] = sizes[i] << 20;
     }
-    EXPECT_EQ(ground_->Images(), images);
+    EXPECT_EQ(environment_->Images(), images);
     EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
     EXPECT_FALSE(IsBegun());
   }
@@ -97,11 +93,11 @@ class FailingEdit : public testing::Test {
         has_failed = true;
         fail();
       };
-      const Refused refused = Edit();
+      const auto refused = Edit();
       Restart();
       SCOPED_TRACE(last);
-      if (refused) {
-        ExpectAsBefore();
+      if (!refused.ok()) {
+        ExpectUnchanged();
       } else {
         ++done;
         ExpectDone();
@@ -112,16 +108,16 @@ class FailingEdit : public testing::Test {
     EXPECT_LT(done, steps);
   }
 
-  std::unique_ptr<EditGround> ground_;
+  std::unique_ptr<EditEnvironment> environment_;
   std::shared_ptr<FaultyStore> store_;
   EditOptions options_;
   Texts records_;
   std::map<std::string, std::int64_t> images_;
   int error_ = 0;        // of calls of the system; 0: they work
-  bool let_go_ = false;  // files can be renamed and removed all the same
+  bool let_go_ = false;  // files can be renamed and removed anyway
 };
 
-TEST_F(FailingEdit, AFullDiskFromEachStepOn_IsAllOrNothing) {
+TEST_F(FailingEdit, FullDisk_FromEachStepOn_AppliesAllOrNothing) {
   ExpectAllOrNothing([this] {
     error_ = ENOSPC;
     let_go_ = true;
@@ -129,11 +125,11 @@ TEST_F(FailingEdit, AFullDiskFromEachStepOn_IsAllOrNothing) {
   });
 }
 
-TEST_F(FailingEdit, FilesThatFailFromEachStepOn_AreAllOrNothing) {
+TEST_F(FailingEdit, FailingFiles_FromEachStepOn_ApplyAllOrNothing) {
   ExpectAllOrNothing([this] { error_ = EIO; });
 }
 
-TEST_F(FailingEdit, CommitsThatFailFromEachStepOn_AreAllOrNothing) {
+TEST_F(FailingEdit, FailingCommits_FromEachStepOn_ApplyAllOrNothing) {
   ExpectAllOrNothing([this] { store_->FailCommits(); });
 }
 
@@ -151,21 +147,21 @@ TEST_F(FailingEdit, Edit_UndoCommitFails_IsReportedAndGuestStaysBusy) {
     if (step == "shrink 0") error_ = 0;
     if (step == "commit undo") store_->FailCommits();
   };
-  const Refused refused = Edit();
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, 901);
-  EXPECT_THAT(refused->reason, HasSubstr("could not be undone, which is tried again"));
+  const auto refused = Edit();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 901);
+  EXPECT_THAT(refused.error().reason, HasSubstr("could not be undone; the undo is retried"));
   store_->Heal();
   options_.before_step = nullptr;
-  EXPECT_EQ(ground_->Images(), images_);
+  EXPECT_EQ(environment_->Images(), images_);
   ASSERT_TRUE(IsBegun());
-  const Refused next = Edit();
-  ASSERT_TRUE(next);
-  EXPECT_EQ(next->code, 915);
-  EXPECT_THAT(next->reason, HasSubstr("by 'alice' since 20"));
+  const auto next = Edit();
+  ASSERT_FALSE(next.ok());
+  EXPECT_EQ(next.error().code, 915);
+  EXPECT_THAT(next.error().reason, HasSubstr("by 'alice' at 20"));
   Restart();
-  ExpectAsBefore();
-  EXPECT_FALSE(Edit());
+  ExpectUnchanged();
+  EXPECT_TRUE(Edit().ok());
   ExpectDone();
 }
 
@@ -175,22 +171,22 @@ TEST_F(FailingEdit, Purge_RemovalFails_IsRetriedAtNextStart) {
   std::string hidden;
   options_.before_step = [&](std::string_view step) {
     if (step != "remove 0") return;
-    for (const auto& [name, size] : ground_->Images()) {
-      if (name.starts_with('.')) hidden = ground_->Folder() + "/" + name;
+    for (const auto& [name, size] : environment_->Images()) {
+      if (name.starts_with('.')) hidden = environment_->Folder() + "/" + name;
     }
     ASSERT_FALSE(hidden.empty());
     std::filesystem::remove(hidden);
     std::filesystem::create_directory(hidden);
   };
-  const Refused refused = Edit();
-  EXPECT_FALSE(refused) << refused->reason;
+  const auto refused = Edit();
+  EXPECT_TRUE(refused.ok()) << refused.error().reason;
   ASSERT_TRUE(IsBegun());
   EXPECT_TRUE(RecordOf(*store_, "vdisk", kDisk1).isNull());
   options_.before_step = nullptr;
-  const Refused next = Edit();
-  ASSERT_TRUE(next);
+  const auto next = Edit();
+  ASSERT_FALSE(next.ok());
   // Its first disk has the size that is asked for, its second one is gone.
-  EXPECT_EQ(next->code, 904);
+  EXPECT_EQ(next.error().code, 904);
   Restart();
   EXPECT_TRUE(IsBegun());
   std::filesystem::remove(hidden);

@@ -1,4 +1,4 @@
-// A test of edits on an EditGround, which remembers what was there.
+// Base of edit tests on an EditEnvironment. It remembers the records and files to compare with.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/unit/guests/guest_edit_environment.h"
 #include "tests/unit/guests/job_steps.h"
 
 namespace vexa::test {
@@ -20,30 +20,32 @@ inline std::string Id(const char* disk) { return std::string(R"("vdisk_id":")") 
 
 class EditTest : public testing::Test {
  protected:
-  EditTest() : store_(ground_.OpenStore()), options_(ground_.Options(store_)) {
-    ground_.Fill(*store_);
+  EditTest() : store_(environment_.OpenStore()), options_(environment_.Options(store_)) {
+    environment_.Fill(*store_);
     Remember();
   }
   void Remember() {
     records_ = Everything(*store_);
-    images_ = ground_.Images();
+    images_ = environment_.Images();
   }
-  guests::Refused Edit(const std::string& edit) { return guests::Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
+  Result<void, Refusal> Edit(const std::string& edit) {
+    return guests::Edits(options_).Edit(kEdited, Parsed(edit), Alice());
+  }
   // The code of the refusal, 0 for an edit that is done.
   int Code(const std::string& edit) {
-    const guests::Refused refused = Edit(edit);
-    return refused ? refused->code : 0;
+    const auto refused = Edit(edit);
+    return !refused.ok() ? refused.error().code : 0;
   }
   // Calls `act` before the first step of this name.
   void At(std::string step, std::function<void()> act) {
     options_.before_step = OnceAt(std::move(step), std::move(act));
   }
-  void ExpectAsBefore() {
+  void ExpectUnchanged() {
     EXPECT_EQ(Everything(*store_), records_);
-    EXPECT_EQ(ground_.Images(), images_);
+    EXPECT_EQ(environment_.Images(), images_);
   }
 
-  const EditGround ground_;
+  const EditEnvironment environment_;
   const std::shared_ptr<FaultyStore> store_;
   guests::EditOptions options_;
   Texts records_;

@@ -12,23 +12,18 @@
 #include <random>
 #include <sstream>
 
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
 #include "tests/support/temp_dir.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 #include "tests/unit/guests/guest_edit_model.h"
 
 namespace vexa::guests {
 namespace {
 
 namespace fs = std::filesystem;
-using test::EditModel;
-using test::ModelGuest;
-using test::ModelOutcome;
-using test::ModelPart;
-using test::Require;
 using VexaVirtualization::json::ToText;
 
 constexpr int kClients = 4;  // each with a guest of its own
@@ -63,11 +58,11 @@ Json::Value RecordIn(const store::Store& store, const char* category, const std:
 class Host {
  public:
   Host(const test::TempDir& folder, int last_step) : store_(OpenStore(folder)) {
-    cluster::Environment environment;
+    records::Environment environment;
     environment.store = store_;
     environment.host_id = kHost;
     environment.cache_directory = folder.File("cache");
-    cluster::InstallEnvironment(std::move(environment));
+    records::InstallEnvironment(std::move(environment));
     GuestControlOptions options;
     options.store = store_;
     options.host_id = kHost;
@@ -183,9 +178,9 @@ class KilledHost : public ::testing::Test {
 
   static void EditOn(Host& host, Journal& journal, int client, const Json::Value& edit) {
     journal.Write(ToText(edit));
-    const Refused refused = host.control().Edit(GuestId(client), edit, kAlice);
-    if (refused) {
-      journal.Write("refused " + std::to_string(refused->code) + " " + refused->reason);
+    const auto refused = host.control().Edit(GuestId(client), edit, kAlice);
+    if (!refused.ok()) {
+      journal.Write("refused " + std::to_string(refused.error().code) + " " + refused.error().reason);
     } else {
       journal.Write("done " + ToText(RecordIn(host.store(), "guest", GuestId(client))));
     }
@@ -222,7 +217,7 @@ class KilledHost : public ::testing::Test {
     EXPECT_FALSE(Await(child));
   }
 
-  // The model after what the client was told; the edit that it was not told about may be there or not.
+  // The model after the replies that the client got; the edit without a reply may be there or not.
   void Follow(int client, const store::Store& store) {
     ModelGuest& guest = model_.guests.at(GuestId(client));
     const Json::Value stored = RecordIn(store, "guest", guest.id);
@@ -276,8 +271,8 @@ class KilledHost : public ::testing::Test {
     for (const auto& [key, text] : stored) EXPECT_TRUE(expected.contains(key)) << "too much: " << key << ": " << text;
     std::map<std::string, std::int64_t> files;
     for (const auto& entry : fs::directory_iterator(Folder())) {
-      auto size = hypervisor::ReadImageSize(entry.path(), hypervisor::ImageFormat::kQcow2);
-      if (!size) size = hypervisor::ReadImageSize(entry.path(), hypervisor::ImageFormat::kRaw);
+      auto size = domain_xml::ReadImageSize(entry.path(), domain_xml::ImageFormat::kQcow2);
+      if (!size) size = domain_xml::ReadImageSize(entry.path(), domain_xml::ImageFormat::kRaw);
       files[entry.path()] = size ? static_cast<std::int64_t>(*size) : -1;
     }
     EXPECT_EQ(files, model_.Files());
@@ -285,7 +280,7 @@ class KilledHost : public ::testing::Test {
   }
 
   static void ExpectMachine(const ModelGuest& guest, const store::Store& store) {
-    hypervisor::GuestRecords records;
+    domain_xml::GuestRecords records;
     records.id = guest.id;
     records.guest = RecordIn(store, "guest", guest.id);
     for (const Json::Value& id : records.guest["vdisks"]) {
@@ -294,7 +289,7 @@ class KilledHost : public ::testing::Test {
     for (const Json::Value& id : records.guest["vnics"]) {
       records.nics.emplace_back(id.asString(), RecordIn(store, "vnic", id.asString()));
     }
-    const auto xml = hypervisor::BuildDomainXml(records, {});
+    const auto xml = domain_xml::BuildDomainXml(records, {});
     ASSERT_TRUE(xml) << xml.error().ToString();
     for (const ModelPart& disk : guest.disks)
       EXPECT_THAT(*xml, HasSubstr("\"" + disk.record["path"].asString() + "\""));

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "tests/support/setting_lists.h"
+
 namespace vexa::test {
 namespace {
 
@@ -10,6 +12,17 @@ constexpr std::size_t kMostParts = 64;
 constexpr const char* kScalars[] = {"name",       "desc",        "vcpu_num",         "vram_size",  "video_card",
                                     "boot_from",  "use_ovmf",    "cpu_passthru",     "autorun",    "kb_layout",
                                     "cpu_weight", "cpu_pin_num", "hyperv_enlighten", "usb_version"};
+static_assert(ListsExactlyScalars(kScalars));
+
+// What the domain XML always has.
+constexpr const char* kOfTheMachine[] = {"desc",     "vcpu_num",   "vram_size", "cpu_weight", "cpu_passthru",
+                                         "use_ovmf", "video_card", "kb_layout", "usb_version"};
+// The name has a comparison of its own; "autorun" is not of the machine; pins depend on what else runs; an emulated
+// guest has no Hyper-V; and the boot device depends on what there is to boot from.
+constexpr const char* kNotOfTheMachine[] = {"name", "autorun", "cpu_pin_num", "hyperv_enlighten", "boot_from"};
+static_assert(std::ranges::all_of(kScalars, [](const char* name) {
+  return ContainsOnce(kOfTheMachine, name) != ContainsOnce(kNotOfTheMachine, name);
+}));
 
 std::string Lower(std::string text) {
   std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -78,8 +91,8 @@ class Prediction {
     }
   }
 
-  // Whether something still tells the name of the network.
-  bool IsTold(const std::string& network_id) const {
+  // Whether a record still contains the name of the network.
+  bool IsNetworkNameKnown(const std::string& network_id) const {
     if (model_.networks_with_record.contains(network_id)) return true;
     for (const auto& [id, guest] : model_.guests) {
       if (!guest.is_whole) continue;  // its interface is not stored
@@ -90,7 +103,7 @@ class Prediction {
     return false;
   }
   void Network(Json::Value& nic, const std::string& id) {
-    const auto known = IsTold(id) ? model_.networks.find(id) : model_.networks.end();
+    const auto known = IsNetworkNameKnown(id) ? model_.networks.find(id) : model_.networks.end();
     if (!id.empty() && known == model_.networks.end()) Refuse(903);
     nic["network_group_id"] = id;
     nic["network_name"] = known == model_.networks.end() ? "" : known->second;
@@ -329,10 +342,7 @@ std::string MachineOf(const Json::Value& guest, const std::vector<Json::Value>& 
   const auto add = [&](const Json::Value& record, const char* member) {
     text += std::string(member) + "=" + record[member].asString() + "\n";
   };
-  for (const char* member : {"desc", "vcpu_num", "vram_size", "cpu_weight", "cpu_passthru", "use_ovmf", "video_card",
-                             "kb_layout", "usb_version"}) {
-    add(guest, member);
-  }
+  for (const char* member : kOfTheMachine) add(guest, member);
   // Else there is nothing to choose from.
   if (!disks.empty() && !guest["iso_images"].empty()) add(guest, "boot_from");
   for (const Json::Value& entry : guest["iso_images"]) text += "image " + entry.asString() + "\n";

@@ -1,5 +1,5 @@
-// What edits of guests must do, written down once more and without the service's code: the records, files and refusals
-// that follow from an edit. Tests compare the host with it.
+// An independent model of what edits must do, without the service's code: the records, files and refusals that follow
+// from an edit. Tests compare the host with it.
 #pragma once
 
 #include <json/value.h>
@@ -51,14 +51,14 @@ class EditModel {
   std::map<std::string, std::string> repository_folders;
   std::set<std::string> blocked_repositories;   // where no file can be made
   std::map<std::string, std::string> networks;  // names by id
-  std::set<std::string> networks_with_record;   // of the others the interfaces in them tell
+  std::set<std::string> networks_with_record;   // the others are known from their interfaces
   std::map<std::string, std::string> images;    // paths by id
   std::map<std::string, ModelGuest> guests;
   std::int64_t cpus = 0;  // of the host
   std::int64_t most_vcpus = 0;
   std::int64_t memory_mib = 0;
 
-  // `edit` must be of the right types and ranges: what each parameter may be is tested by what is sent wrongly.
+  // `edit` must be of the right types and ranges: invalid parameters are tested elsewhere.
   ModelOutcome Predict(const std::string& guest_id, const Json::Value& edit) const;
   // The same of starting and of powering off.
   std::set<int> PredictPower(const ModelGuest& guest, bool is_on) const;
@@ -72,3 +72,13 @@ class EditModel {
 };
 
 }  // namespace vexa::test
+
+// Tests of the host's own code are in its namespace.
+namespace vexa::guests {
+
+using test::EditModel;
+using test::ModelGuest;
+using test::ModelOutcome;
+using test::ModelPart;
+
+}  // namespace vexa::guests

@@ -1,5 +1,5 @@
-// Random edits of guests that start and stop meanwhile, in order and not, on a host with a real store, libvirt's test
-// driver and real folders. After each, everything is compared with a model.
+// Random edits, sequential and concurrent, of guests that start and stop meanwhile, on a host with a real store,
+// libvirt's test driver and real folders. After each, everything is compared with a model.
 //
 // VEXA_TEST_EDITS and VEXA_TEST_SEED say how many, and which.
 #include <dlfcn.h>
@@ -13,12 +13,12 @@
 #include <random>
 
 #include "host/disks/image_file.h"
-#include "host/domain_xml/domain_xml.h"
+#include "host/domain_xml/domain_parse.h"
 #include "host/guests/jobs/deletion_record.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "json/readers.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 #include "tests/unit/guests/guest_edit_model.h"
 
 namespace {
@@ -35,17 +35,13 @@ namespace vexa::guests {
 namespace {
 
 namespace fs = std::filesystem;
-using test::EditModel;
-using test::ModelGuest;
-using test::ModelOutcome;
-using test::ModelPart;
 using VexaVirtualization::json::ToText;
 using Texts = std::map<std::string, std::string>;
 
 constexpr char kRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f6";
 constexpr char kRemoteRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f7";
 constexpr char kBlockedRepository[] = "3f1c7a52-6b0e-4d8f-9a43-5e2d81c0b7f8";
-constexpr char kNobody[] = "99999999-9999-4999-8999-999999999999";
+constexpr char kUnknownId[] = "99999999-9999-4999-8999-999999999999";
 constexpr char kImage[] = "aaaaaaaa-0000-4000-8000-000000000000";
 constexpr char kNetworkOfRecord[] = "f0000000-0000-4000-8000-000000000000";
 constexpr char kNetworkOfNic[] = "f0000000-0000-4000-8000-000000000001";
@@ -110,9 +106,9 @@ class RandomEdits : public GuestControlTest {
     for (int i = 0; i < kPlayers; ++i) MakeGuest(i, kRepository);
     MakeGuest(kRemote, kRemoteRepository);
     MakeGuest(kBlocked, kBlockedRepository);
-    MakeGuest(kHomeless, "");
+    MakeGuest(kGuestWithoutRepositoryHost, "");
     MakeGuest(kBroken, kRepository);
-    // Nobody edits it, so that there is always an interface that tells what its network is called.
+    // It is never edited, so that there is always an interface with the name of its network.
     MakeGuest(kLeftAlone, "");
     model_.guests[GuestId(kBroken)].is_whole = false;
     host_.Remove("vnic", PartId('e', kBroken));
@@ -130,7 +126,7 @@ class RandomEdits : public GuestControlTest {
   }
   static constexpr int kRemote = kPlayers;
   static constexpr int kBlocked = kPlayers + 1;
-  static constexpr int kHomeless = kPlayers + 2;
+  static constexpr int kGuestWithoutRepositoryHost = kPlayers + 2;
   static constexpr int kBroken = kPlayers + 3;  // the next one is not there
   static constexpr int kLeftAlone = kPlayers + 5;
 
@@ -159,8 +155,8 @@ class RandomEdits : public GuestControlTest {
       disk["path"] = Folder() + "/" + PartId('d', i) + ".qcow2";
       guest.disks.push_back({PartId('d', i), disk});
       host_.Put("vdisk", guest.disks[0].id, disk);
-      const auto image = MakeEmptyImage(hypervisor::ImageFormat::kQcow2, 8 << 20);
-      ASSERT_TRUE(DiskFiles({Folder()}, {}).Create(disk["path"].asString(), image.length, image.pieces));
+      const auto image = disks::MakeEmptyImage(domain_xml::ImageFormat::kQcow2, 8 << 20);
+      ASSERT_TRUE(disks::DiskFiles({Folder()}, {}).Create(disk["path"].asString(), image.length, image.pieces));
     }
     host_.Put("guest", guest.id, StoredRecord(guest));
     model_.guests[guest.id] = guest;
@@ -237,12 +233,12 @@ class RandomEdits : public GuestControlTest {
     edit["iso_images"] = Json::Value(Json::arrayValue);
     const auto files = model_.Files();
     const std::vector<std::string> images{"unmounted", "/a.iso", "/isos//b.iso", kImage, kImage, "/c d.iso"};
-    const std::vector<std::string> bad{kNobody, "/isos/../a.iso", files.empty() ? kNobody : files.begin()->first};
+    const std::vector<std::string> bad{kUnknownId, "/isos/../a.iso", files.empty() ? kUnknownId : files.begin()->first};
     for (int count = Below(3); count > 0; --count) edit["iso_images"].append(OneIn(8) ? Any(bad) : Any(images));
   }
 
   std::string AnyId(const std::vector<ModelPart>& parts) {
-    return parts.empty() || OneIn(15) ? kNobody : Any(parts).id;
+    return parts.empty() || OneIn(15) ? kUnknownId : Any(parts).id;
   }
   // One, or of many most.
   void RemoveSome(Json::Value& list, const char* member, const std::vector<ModelPart>& parts) {
@@ -254,7 +250,7 @@ class RandomEdits : public GuestControlTest {
   }
   std::string AnyNetwork() {
     static const std::vector<std::string> networks{"", kNetworkOfRecord, kNetworkOfNic};
-    return OneIn(15) ? kNobody : Any(networks);
+    return OneIn(15) ? kUnknownId : Any(networks);
   }
   // Mostly a free one, in either case of letters.
   std::string AnyMac() {
@@ -317,7 +313,7 @@ class RandomEdits : public GuestControlTest {
       for (int count = 1 + OneIn(4); count > 0; --count) {
         Json::Value& change = edit["vdisks_edit"].append(Json::objectValue);
         const ModelPart& disk = Any(guest.disks);
-        change["vdisk_id"] = OneIn(15) ? kNobody : disk.id;
+        change["vdisk_id"] = OneIn(15) ? kUnknownId : disk.id;
         const std::int64_t more = OneIn(2) ? 0 : Below(1000) - (OneIn(6) ? 2 : 0);
         change["vdisk_size"] = Json::Int64{std::max<std::int64_t>(1, disk.record["size"].asInt64() + more)};
         if (OneIn(3)) change["vdisk_mode"] = AnyMode();
@@ -460,15 +456,14 @@ class RandomEdits : public GuestControlTest {
 
   // What the records of `guest` would be started as, read back.
   void ExpectMachine(const ModelGuest& guest) {
-    const cluster::CallScope scope;
-    const auto read = ReadGuest(guest.id);
+    const auto read = records::ReadGuest(test::Require(records::Reader::Open(host_.store())), guest.id);
     ASSERT_TRUE(read) << read.error().ToString();
-    hypervisor::BuildOptions build;
+    domain_xml::BuildOptions build;
     build.domain_type = "test";
     build.image_path = [&](const std::string& image) -> Result<std::string> {
       return model_.images.contains(image) ? model_.images.at(image) : image;
     };
-    const auto xml = hypervisor::BuildDomainXml(read->records, build);
+    const auto xml = domain_xml::BuildDomainXml(read->records, build);
     ASSERT_TRUE(xml) << xml.error().ToString();
     ASSERT_EQ(ReadBack(*xml, Order::kOfRecords), Machine(guest, Order::kOfRecords));
   }
@@ -486,9 +481,9 @@ class RandomEdits : public GuestControlTest {
   enum class Order { kOfRecords, kOfTargets };  // libvirt sorts disks; the boot order says which comes first
 
   std::string ReadBack(const std::string& xml, Order order) {
-    hypervisor::ImportOptions reading;
-    reading.size_of = [](const std::string&, hypervisor::ImageFormat) -> Result<std::uint64_t> { return 1 << 20; };
-    const auto parsed = hypervisor::ParseDomainXml(xml, reading);
+    domain_xml::ImportOptions reading;
+    reading.size_of = [](const std::string&, domain_xml::ImageFormat) -> Result<std::uint64_t> { return 1 << 20; };
+    const auto parsed = domain_xml::ParseDomainXml(xml, reading);
     EXPECT_TRUE(parsed) << parsed.error().ToString() << xml;
     if (!parsed) return "";
     std::vector<Json::Value> disks, nics;
@@ -512,10 +507,10 @@ class RandomEdits : public GuestControlTest {
   void Power(ModelGuest& guest) {
     const bool is_on = OneIn(4) == guest.is_running;
     const std::set<int> codes = model_.PredictPower(guest, is_on);
-    const Refused refused = is_on ? control_->PowerOn(guest.id, kAlice) : control_->PowerOff(guest.id, kAlice);
-    ++powers_[refused ? refused->code : 0];
-    if (refused) {
-      ASSERT_TRUE(codes.contains(refused->code)) << refused->code << ": " << refused->reason;
+    const auto refused = is_on ? control_->PowerOn(guest.id, kAlice) : control_->PowerOff(guest.id, kAlice);
+    ++powers_[refused.ok() ? 0 : refused.error().code];
+    if (!refused.ok()) {
+      ASSERT_TRUE(codes.contains(refused.error().code)) << refused.error().code << ": " << refused.error().reason;
       return;
     }
     ASSERT_TRUE(codes.empty()) << "it should have been " << *codes.begin();
@@ -527,16 +522,18 @@ class RandomEdits : public GuestControlTest {
   }
 
   // What is the matter with the guest, for one edit.
-  void Trouble(ModelGuest& guest) {
+  void Disturb(ModelGuest& guest) {
     switch (Below(4)) {
       case 0:
         guest.is_edited = true;
-        test::Require(host_.store().Commit({{}, {{EditKey(guest.id), R"({"host_id":"host-2","user":"bob","since":0,
+        test::Require(
+            host_.store().Commit({{}, {{records::EditKey(guest.id), R"({"host_id":"host-2","user":"bob","since":0,
             "stage":"doing","made":[],"hidden":[],"grown":[]})"}}}));
         break;
       case 1:
         guest.is_deleted = true;
-        test::Require(host_.store().Commit({{}, {{DeletionKey(guest.id), R"({"host_id":"host-2","user":"bob","since":0,
+        test::Require(
+            host_.store().Commit({{}, {{records::DeletionKey(guest.id), R"({"host_id":"host-2","user":"bob","since":0,
             "stage":"hiding","files":[]})"}}}));
         break;
       case 2:
@@ -555,9 +552,9 @@ class RandomEdits : public GuestControlTest {
   static std::string StateKey(const std::string& id) { return store::MakeKey({"dash", "guest", id, "state"}); }
   std::string Away(const ModelPart& disk) { return host_.folder().File("away-" + disk.id); }
 
-  void EndTrouble(ModelGuest& guest) {
-    if (guest.is_edited) test::Require(host_.store().Commit({{}, {{EditKey(guest.id), std::nullopt}}}));
-    if (guest.is_deleted) test::Require(host_.store().Commit({{}, {{DeletionKey(guest.id), std::nullopt}}}));
+  void UndoDisturbance(ModelGuest& guest) {
+    if (guest.is_edited) test::Require(host_.store().Commit({{}, {{records::EditKey(guest.id), std::nullopt}}}));
+    if (guest.is_deleted) test::Require(host_.store().Commit({{}, {{records::DeletionKey(guest.id), std::nullopt}}}));
     if (guest.is_suspended) {
       test::Require(host_.store().Commit({{}, {{StateKey(guest.id), "\"guest_shutdown\""}}}));
     }
@@ -581,7 +578,7 @@ class RandomEdits : public GuestControlTest {
     static ModelGuest nobody;
     const bool is_known = model_.guests.contains(id);
     ModelGuest& guest = is_known ? model_.guests.at(id) : nobody;
-    if (is_known && guest.is_whole && OneIn(6)) Trouble(guest);
+    if (is_known && guest.is_whole && OneIn(6)) Disturb(guest);
     Json::Value edit = RandomEdit(guest);
     int wrong = 0;
     if (OneIn(12)) {
@@ -593,30 +590,31 @@ class RandomEdits : public GuestControlTest {
     SCOPED_TRACE(id + (guest.is_running ? " (runs): " : ": ") + ToText(edit));
     ModelOutcome outcome = wrong ? ModelOutcome{{wrong}, {}, {}, 0} : model_.Predict(id, edit);
     const Texts before = Stored();
-    const Refused refused = control_->Edit(id, edit, kAlice);
+    const auto refused = control_->Edit(id, edit, kAlice);
     const Texts after = Stored();
-    ++answers_[refused ? refused->code : 0];
+    ++answers_[refused.ok() ? 0 : refused.error().code];
     if (outcome.codes.empty()) {
-      ASSERT_FALSE(refused) << refused->code << ": " << refused->reason;
+      ASSERT_TRUE(refused.ok()) << refused.error().code << ": " << refused.error().reason;
       EditModel::Learn(outcome.after, Parsed(after.at(host_.ObjectKey("guest", id))));
       LearnMacs(outcome.after, after);
       guest = outcome.after;
     } else {
-      ASSERT_TRUE(refused) << "it should have been " << *outcome.codes.begin();
-      ASSERT_TRUE(outcome.codes.contains(refused->code)) << refused->code << ": " << refused->reason;
+      ASSERT_FALSE(refused.ok()) << "it should have been " << *outcome.codes.begin();
+      ASSERT_TRUE(outcome.codes.contains(refused.error().code))
+          << refused.error().code << ": " << refused.error().reason;
       Texts kept = after;
       std::erase_if(kept,
                     [&](const auto& one) { return one.first.starts_with("/mac/") && !before.contains(one.first); });
       ASSERT_EQ(kept, before);
-      if (refused->code == kBusy && guest.is_edited && !guest.is_deleted) {
-        ASSERT_THAT(refused->reason, HasSubstr("by 'bob' since 1970-01-01T00:00:00Z"));
+      if (refused.error().code == host_error::kBusy && guest.is_edited && !guest.is_deleted) {
+        ASSERT_THAT(refused.error().reason, HasSubstr("by 'bob' at 1970-01-01T00:00:00Z"));
       }
     }
-    if (!wrong) ExpectMacs(before, after, outcome, !refused.has_value());
+    if (!wrong) ExpectMacs(before, after, outcome, refused.ok());
     if (HasFatalFailure()) return;
     ExpectFiles();
     ExpectRecords(after);
-    if (is_known) EndTrouble(guest);
+    if (is_known) UndoDisturbance(guest);
     if (HasFatalFailure() || !is_known || !guest.is_whole || !outcome.codes.empty()) return;
     ExpectMachine(guest);
     if (guest.is_running) ExpectRuns(guest, machines_.at(id));
@@ -650,7 +648,7 @@ class RandomEdits : public GuestControlTest {
   std::map<int, int> powers_;
 };  // namespace
 
-TEST_F(RandomEdits, AgreeWithTheModel_InRecordsFilesAndMachines) {
+TEST_F(RandomEdits, RandomEdits_Guests_MatchModelInRecordsFilesAndDomains) {
   const unsigned edits = FromEnvironment("VEXA_TEST_EDITS", VEXA_EDITS);
   std::cout << "VEXA_TEST_SEED=" << seed_ << " VEXA_TEST_EDITS=" << edits << std::endl;
   SCOPED_TRACE("VEXA_TEST_SEED=" + std::to_string(seed_));

@@ -5,29 +5,25 @@
 #include <thread>
 
 #include "host/records/environment.h"
-#include "tests/unit/guests/guest_edit_ground.h"
+#include "tests/support/setting_values.h"
+#include "tests/unit/guests/guest_edit_environment.h"
 
 namespace vexa::test {
 namespace {
 
-using guests::Edits;
-using guests::Refused;
-using testing::ElementsAre;
-using testing::HasSubstr;
-
 class GuestEdit : public testing::Test {
  protected:
-  GuestEdit() : store_(cluster::CurrentEnvironment()->store), options_(ground_.Options(store_)) {
-    ground_.Fill(*store_);
+  GuestEdit() : store_(records::CurrentEnvironment()->store), options_(environment_.Options(store_)) {
+    environment_.Fill(*store_);
     before_ = Everything(*store_);
-    images_ = ground_.Images();
+    images_ = environment_.Images();
   }
 
-  Refused Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
+  Result<void, Refusal> Edit(const std::string& edit) { return Edits(options_).Edit(kEdited, Parsed(edit), Alice()); }
   int Code(const std::string& edit) {
-    const Refused refused = Edit(edit);
-    EXPECT_TRUE(!refused || !refused->reason.empty());
-    return refused ? refused->code : 0;
+    const auto refused = Edit(edit);
+    EXPECT_TRUE(refused.ok() || !refused.error().reason.empty());
+    return !refused.ok() ? refused.error().code : 0;
   }
   Json::Value Guest() { return RecordOf(*store_, "guest", kEdited); }
   // Refused with `code`, and nothing happened. Addresses may have been reserved.
@@ -37,11 +33,11 @@ class GuestEdit : public testing::Test {
     Texts now = Everything(*store_);
     std::erase_if(now, [](const auto& entry) { return entry.first.starts_with("/mac/"); });
     EXPECT_EQ(now, before_);
-    EXPECT_EQ(ground_.Images(), images_);
+    EXPECT_EQ(environment_.Images(), images_);
   }
 
   TestHost host_;
-  const EditGround ground_;
+  const EditEnvironment environment_;
   const std::shared_ptr<store::Store> store_;
   guests::EditOptions options_;
   Texts before_;
@@ -70,12 +66,20 @@ const std::vector<Row> kRows = {
     {"kb_layout", {"\"en-us\"", "\"\""}, {"\"a b\"", "\"../x\"", "7", "true", "[]", "{}"}},
 };
 
+TEST(GuestEditRows, Members_OfEdit_AreTheScalarSettings) {
+  std::vector<std::string> members;
+  for (const Row& row : kRows) members.emplace_back(row.name);
+  std::vector<std::string> settings;
+  for (const GuestSetting* setting : ScalarSettings()) settings.emplace_back(setting->name);
+  EXPECT_THAT(members, testing::UnorderedElementsAreArray(settings));
+}
+
 TEST_F(GuestEdit, EachMember_IsStoredAsGiven) {
   for (const Row& row : kRows) {
     for (const char* value : row.valid) {
       SCOPED_TRACE(std::string(row.name) + " " + value);
-      const Refused refused = Edit(std::string("{\"") + row.name + "\":" + value + "}");
-      EXPECT_FALSE(refused) << refused->reason;
+      const auto refused = Edit(std::string("{\"") + row.name + "\":" + value + "}");
+      EXPECT_TRUE(refused.ok()) << refused.error().reason;
       EXPECT_EQ(Guest()[row.name], Parsed(value));
       EXPECT_FALSE(Guest().isMember("pending"));
       Json::Value other = Guest();
@@ -88,7 +92,7 @@ TEST_F(GuestEdit, EachMember_IsStoredAsGiven) {
   }
 }
 
-TEST_F(GuestEdit, EachMember_OfAnotherTypeOrRange_IsRefused) {
+TEST_F(GuestEdit, EachMember_WrongTypeOrRange_IsRefused) {
   for (const Row& row : kRows) {
     ExpectRefused(std::string("{\"") + row.name + "\":null}", 401);
     for (const char* value : row.invalid) ExpectRefused(std::string("{\"") + row.name + "\":" + value + "}", 401);
@@ -98,7 +102,7 @@ TEST_F(GuestEdit, EachMember_OfAnotherTypeOrRange_IsRefused) {
   ExpectRefused(R"({"vcpu_num":4,"autorun":9})", 401);
 }
 
-TEST_F(GuestEdit, Lists_AreCheckedElementByElement) {
+TEST_F(GuestEdit, Lists_InvalidElement_IsRefused) {
   const std::string nic0 = std::string("\"vnic_id\":\"") + kNic0 + "\"";
   const std::string disk0 = std::string("\"vdisk_id\":\"") + kDisk0 + "\"";
   for (const char* list : {"vnics_add", "vnics_del", "vnics_edit", "vdisks_add", "vdisks_del", "vdisks_edit",
@@ -137,24 +141,24 @@ TEST_F(GuestEdit, Lists_AreCheckedElementByElement) {
 }
 
 TEST_F(GuestEdit, Edit_UnknownParts_AreRefused) {
-  const std::string nobody = std::string("\"") + kNobody + "\"";
+  const std::string nobody = std::string("\"") + kUnknownId + "\"";
   ExpectRefused("{\"vnics_del\":[{\"vnic_id\":" + nobody + "}]}", 903);
   ExpectRefused("{\"vnics_edit\":[{\"vnic_id\":" + nobody + "}]}", 903);
   ExpectRefused("{\"vnics_add\":[{\"network_id\":" + nobody + "}]}", 903);
   ExpectRefused("{\"vdisks_del\":[{\"vdisk_id\":" + nobody + "}]}", 904);
   ExpectRefused("{\"vdisks_edit\":[{\"vdisk_size\":9,\"vdisk_id\":" + nobody + "}]}", 904);
   ExpectRefused("{\"vdisks_order\":[{\"vdisk_id\":" + nobody + "}]}", 904);
-  const Refused refused = Edits(options_).Edit(kNobody, Parsed("{}"), Alice());
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, 403);
+  const auto refused = Edits(options_).Edit(kUnknownId, Parsed("{}"), Alice());
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 403);
 }
 
-TEST_F(GuestEdit, NameOfAnotherGuest_IsRefused_AndItsOwnIsNot) {
+TEST_F(GuestEdit, Rename_NameOfOtherGuest_IsRefusedButOwnIsNot) {
   ExpectRefused(R"({"name":"db"})", 902);
   ExpectRefused(R"({"name":"web"})", 0);
 }
 
-TEST_F(GuestEdit, UsbDevices) {
+TEST_F(GuestEdit, UsbDevices_ValidAndInvalid_AreStoredOrRefused) {
   EXPECT_EQ(Code(R"({"usbs":["1234:00ab","3.14"]})"), 0);
   EXPECT_EQ(Guest()["usbs"], Parsed(R"(["1234:00ab","3.14","unmounted","unmounted"])"));
   EXPECT_EQ(Code(R"({"usb_version":0})"), 938);
@@ -172,22 +176,22 @@ TEST_F(GuestEdit, UsbDevices) {
   }
 }
 
-TEST_F(GuestEdit, IsoImages_MustBeThere_AndNoDisks) {
-  WriteFile(ground_.File("a.iso"));
+TEST_F(GuestEdit, IsoImages_MissingOrDisk_AreRefused) {
+  WriteFile(environment_.File("a.iso"));
   Json::Value image(Json::objectValue);
-  image["path"] = ground_.File("a.iso");
-  PutRecord(*store_, KeyOf("image", kNobody), image);
+  image["path"] = environment_.File("a.iso");
+  PutRecord(*store_, KeyOf("image", kUnknownId), image);
   before_ = Everything(*store_);
   options_.has_file = [](const std::string& path) { return std::filesystem::exists(path); };
-  for (const std::string& bad : {std::string("relative.iso"), ground_.File("b.iso"), std::string("/a/../b"),
-                                 std::string(kNetwork0), std::string(""), ground_.PathOf(kDisk0)}) {
+  for (const std::string& bad : {std::string("relative.iso"), environment_.File("b.iso"), std::string("/a/../b"),
+                                 std::string(kNetwork0), std::string(""), environment_.PathOf(kDisk0)}) {
     ExpectRefused("{\"iso_images\":[\"" + bad + "\"]}", 932);
   }
   ExpectRefused(R"({"iso_images":["unmounted","unmounted","unmounted"]})", 932);
-  const std::string both = "[\"" + ground_.File("a.iso") + "\",\"" + kNobody + "\"]";
+  const std::string both = "[\"" + environment_.File("a.iso") + "\",\"" + kUnknownId + "\"]";
   EXPECT_EQ(Code("{\"iso_images\":" + both + "}"), 0);
   EXPECT_EQ(Guest()["iso_images"], Parsed(both));
-  std::filesystem::remove(ground_.File("a.iso"));
+  std::filesystem::remove(environment_.File("a.iso"));
   EXPECT_EQ(Code("{\"iso_images\":" + both + "}"), 0);  // they are in the drives already
 }
 
@@ -196,8 +200,8 @@ TEST_F(GuestEdit, Interfaces_AreAddedChangedAndRemoved) {
                            R"(","vnic_type":2,"prefer_sriov":true},{"network_id":")" + kNetworkByRecord +
                            R"(","mac":"02:AA:00:00:00:09"}],"vnics_del":[{"vnic_id":")" + kNic1 +
                            R"("}],"vnics_edit":[{"network_id":"","vnic_type":3,"vnic_id":")" + kNic0 + "\"}]}";
-  const Refused refused = Edit(edit);
-  ASSERT_FALSE(refused) << refused->reason;
+  const auto refused = Edit(edit);
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
   const auto records = RecordsOf(*store_);
   ASSERT_EQ(records.nics.size(), 3u);
   EXPECT_EQ(records.nics[0].first, kNic0);
@@ -212,7 +216,7 @@ TEST_F(GuestEdit, Interfaces_AreAddedChangedAndRemoved) {
   EXPECT_TRUE(RecordOf(*store_, "vnic", kNic1).isNull());
 }
 
-TEST_F(GuestEdit, MacInUse_IsRefused) {
+TEST_F(GuestEdit, SetMac_InUse_IsRefused) {
   ExpectRefused(R"({"vnics_add":[{"network_id":"","mac":"02:00:00:00:00:03"}]})", 903);
   ExpectRefused(R"({"vnics_add":[{"network_id":"","mac":"02:00:00:00:00:01"}]})", 903);
   ExpectRefused(
@@ -221,39 +225,39 @@ TEST_F(GuestEdit, MacInUse_IsRefused) {
   ExpectRefused(std::string(R"({"vnics_edit":[{"mac":"02:00:00:00:00:02","vnic_id":")") + kNic0 + "\"}]}", 903);
 }
 
-TEST_F(GuestEdit, MoreThan64Interfaces_AreRefused) {
+TEST_F(GuestEdit, AddNic_MoreThan64_IsRefused) {
   std::string list;
   for (int i = 0; i < 63; ++i) list += std::string(i ? "," : "") + R"({"network_id":""})";
   EXPECT_EQ(Code("{\"vnics_add\":[" + list + "]}"), 903);
   EXPECT_EQ(RecordsOf(*store_).nics.size(), 2u);
 }
 
-TEST_F(GuestEdit, OfARunningGuest_WaitsForTheNextStart_AndIsShownAsPending) {
+TEST_F(GuestEdit, Edit_GuestRunning_IsPendingUntilNextStart) {
   PutRun(*store_);
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.name);
-    const Refused refused = Edit(std::string("{\"") + row.name + "\":" + row.valid.back() + "}");
-    EXPECT_FALSE(refused) << refused->reason;
+    const auto refused = Edit(std::string("{\"") + row.name + "\":" + row.valid.back() + "}");
+    EXPECT_TRUE(refused.ok()) << refused.error().reason;
     EXPECT_EQ(Guest()[row.name], Parsed(row.valid.back()));
     const std::string name = row.name;
-    const bool is_at_once = name == "name" || name == "desc" || name == "autorun";
+    const bool is_immediate = FindGuestSetting(name)->takes_effect == TakesEffect::kImmediately;
     const Json::Value pending = Guest()["pending"];
-    EXPECT_EQ(std::find(pending.begin(), pending.end(), Json::Value(name)) == pending.end(), is_at_once);
-    EXPECT_EQ(pending.size(), is_at_once ? 0u : 1u);
+    EXPECT_EQ(std::find(pending.begin(), pending.end(), Json::Value(name)) == pending.end(), is_immediate);
+    EXPECT_EQ(pending.size(), is_immediate ? 0u : 1u);
     PutText(*store_, KeyOf("guest", kEdited), before_.at(KeyOf("guest", kEdited)));
   }
   EXPECT_EQ(Code(R"({"vnics_add":[{"network_id":""}],"vcpu_num":8})"), 0);
   EXPECT_EQ(Code(R"({"vram_size":8})"), 0);
   EXPECT_EQ(Guest()["pending"], Parsed(R"(["vcpu_num","vnics","vram_size"])"));
-  RemoveKey(*store_, guests::RunKey(kEdited));
+  RemoveKey(*store_, records::RunKey(kEdited));
   EXPECT_EQ(Code(R"({"vram_size":16})"), 0);
   EXPECT_FALSE(Guest().isMember("pending"));
 }
 
 TEST_F(GuestEdit, Set_PinsUnavailableForRunningGuest_AreRefused) {
-  options_.rate_pins = [](const guests::Guest& edited) -> Refused {
+  options_.check_pins = [](const records::Guest& edited) -> Result<void, Refusal> {
     if (edited.records.guest["cpu_pin_num"].asInt() < 2) return {};
-    return guests::Refusal{guests::kNotPinned, "too many"};
+    return Refusal{kNotPinned, "too many"};
   };
   EXPECT_EQ(Code(R"({"cpu_pin_num":2})"), 0);  // it does not run
   EXPECT_EQ(Code(R"({"cpu_pin_num":0})"), 0);
@@ -263,13 +267,13 @@ TEST_F(GuestEdit, Set_PinsUnavailableForRunningGuest_AreRefused) {
 }
 
 TEST_F(GuestEdit, Edit_GuestBeingDeleted_IsBusy) {
-  PutText(*store_, guests::DeletionKey(kEdited), R"({"host_id":"h","user":"bob","stage":"hiding","files":[]})");
+  PutText(*store_, records::DeletionKey(kEdited), R"({"host_id":"h","user":"bob","stage":"hiding","files":[]})");
   before_ = Everything(*store_);
   ExpectRefused(R"({"vcpu_num":4})", 915);
-  EXPECT_THAT(Edit(R"({"vcpu_num":4})")->reason, HasSubstr("by 'bob'"));
+  EXPECT_THAT(Edit(R"({"vcpu_num":4})").error().reason, HasSubstr("by 'bob'"));
 }
 
-TEST_F(GuestEdit, ByManyAtTheSameTime_LosesNothing) {
+TEST_F(GuestEdit, Edit_Concurrent_LosesNothing) {
   constexpr int kThreads = 4;
   constexpr int kEach = 10;
   std::vector<std::thread> threads;
@@ -280,7 +284,7 @@ TEST_F(GuestEdit, ByManyAtTheSameTime_LosesNothing) {
       guests::EditOptions options = options_;
       options.host_id = "host-" + std::to_string(t);
       for (int i = 0; i < kEach; ++i) {
-        if (Edits(options).Edit(kEdited, Parsed(R"({"vnics_add":[{"network_id":""}]})"), Alice())) ++failed;
+        if (!Edits(options).Edit(kEdited, Parsed(R"({"vnics_add":[{"network_id":""}]})"), Alice()).ok()) ++failed;
       }
     });
   }
@@ -293,7 +297,7 @@ TEST_F(GuestEdit, ByManyAtTheSameTime_LosesNothing) {
   EXPECT_EQ(macs.size(), records.nics.size());
 }
 
-TEST_F(GuestEdit, OneNameOrMacForManyGuestsAtTheSameTime_GoesToOne) {
+TEST_F(GuestEdit, Edit_SameNameOrMacConcurrently_OneSucceeds) {
   constexpr int kGuests = 4;
   std::vector<std::thread> threads;
   std::atomic<int> named = 0;
@@ -302,9 +306,9 @@ TEST_F(GuestEdit, OneNameOrMacForManyGuestsAtTheSameTime_GoesToOne) {
     const std::string id = std::string("a0000000-0000-4000-8000-00000000000") + std::to_string(t);
     PutRecord(*store_, KeyOf("guest", id), Parsed(R"({"name":"g)" + id + R"(","vcpu_num":1,"vram_size":64})"));
     threads.emplace_back([&, id] {
-      if (!Edits(options_).Edit(id, Parsed(R"({"name":"wanted"})"), Alice())) ++named;
+      if (Edits(options_).Edit(id, Parsed(R"({"name":"wanted"})"), Alice()).ok()) ++named;
       const auto edit = Parsed(R"({"vnics_add":[{"network_id":"","mac":"02:00:00:00:00:77"}]})");
-      if (!Edits(options_).Edit(id, edit, Alice())) ++addressed;
+      if (Edits(options_).Edit(id, edit, Alice()).ok()) ++addressed;
     });
   }
   for (std::thread& thread : threads) thread.join();

@@ -1,23 +1,23 @@
-// Why guests are off, and what is shown of starts that are under way or came to nothing.
+// Why guests are off, and the states during a start and after a failed one.
 #include <set>
 #include <vector>
 
 #include "host/records/live_state.h"
 #include "host/records/shutdown_reason.h"
 #include "tests/support/libvirt_faults.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
 namespace {
 
-using cluster::ShutdownCause;
-using cluster::ShutdownReason;
+using records::ShutdownCause;
+using records::ShutdownReason;
 constexpr char kRepository[] = "5f0e6c1a-9b1d-4a52-8b76-2f3c8f6e7d10";
 
 class GuestEnd : public GuestControlTest {
  protected:
   static std::optional<ShutdownReason> Reason(const std::string& id = kGuest) {
-    return test::Require(cluster::ReadShutdown(id));
+    return test::Require(records::ReadShutdown(test::Require(records::Reader::OpenCurrent()), id));
   }
   // With an end that comes as an event.
   static void ExpectReason(ShutdownCause cause, bool is_forced) {
@@ -25,7 +25,7 @@ class GuestEnd : public GuestControlTest {
     const auto end = std::chrono::steady_clock::now() + 20s;
     while (Reason() != expected && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
     ASSERT_TRUE(Reason());
-    EXPECT_EQ(cluster::ShutdownWord(Reason()->cause), cluster::ShutdownWord(cause));
+    EXPECT_EQ(records::ShutdownCauseName(Reason()->cause), records::ShutdownCauseName(cause));
     EXPECT_EQ(Reason()->is_forced, is_forced);
   }
   void PutRepository(const char* state) {
@@ -35,11 +35,11 @@ class GuestEnd : public GuestControlTest {
     host_.Put("repository", kRepository, record);
   }
   void PutLive(const char* state) {
-    ASSERT_TRUE(host_.store().Commit({{}, {{cluster::LiveStateKey(kGuest), '"' + std::string(state) + '"'}}}));
+    ASSERT_TRUE(host_.store().Commit({{}, {{records::LiveStateKey(kGuest), '"' + std::string(state) + '"'}}}));
   }
 };
 
-TEST_F(GuestEnd, ShutDownByAUser_IsTheReason) {
+TEST_F(GuestEnd, EndReason_ShutDownByUser_IsStored) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_EQ(Reason(), std::nullopt);
@@ -48,7 +48,7 @@ TEST_F(GuestEnd, ShutDownByAUser_IsTheReason) {
   ExpectReason(ShutdownCause::kShutDown, false);
 }
 
-TEST_F(GuestEnd, PoweredOffByAUser_IsTheReasonUntilItRunsAgain) {
+TEST_F(GuestEnd, EndReason_PoweredOffByUser_IsKeptUntilNextRun) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
@@ -61,24 +61,24 @@ TEST_F(GuestEnd, PoweredOffByAUser_IsTheReasonUntilItRunsAgain) {
   EXPECT_EQ(Reason(), std::nullopt);
 }
 
-TEST_F(GuestEnd, EndFromInside_IsTheReason) {
+TEST_F(GuestEnd, EndReason_ShutDownFromInside_IsStored) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
-  ASSERT_TRUE(test::EndAsUser(kGuest));
+  ASSERT_TRUE(test::DestroyAsUser(kGuest));
   ExpectState(states::shutdown);
-  ExpectReason(ShutdownCause::kFromInside, false);
+  ExpectReason(ShutdownCause::kByGuest, false);
 }
 
-TEST_F(GuestEnd, EndByCrash_IsShownAsCrashedWithItsReason) {
+TEST_F(GuestEnd, EndReason_Crash_IsShownAsCrashed) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
-  const test::PretendedReason crashed(VIR_DOMAIN_SHUTOFF, VIR_DOMAIN_SHUTOFF_CRASHED);
-  ASSERT_TRUE(test::EndAsUser(kGuest));
+  const test::FakeStateReason crashed(VIR_DOMAIN_SHUTOFF, VIR_DOMAIN_SHUTOFF_CRASHED);
+  ASSERT_TRUE(test::DestroyAsUser(kGuest));
   ExpectState(states::crashed);
   ExpectReason(ShutdownCause::kCrashed, true);
 }
 
-TEST_F(GuestEnd, Fence_IsTheReason) {
+TEST_F(GuestEnd, EndReason_Fenced_IsStored) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_DONE(control_->Fence(kGuest));
@@ -92,7 +92,7 @@ TEST_F(GuestEnd, EndReason_EndNotObserved_IsUnknown) {
   PutGuest(kGuest, "web-1", Parsed(R"({"usb_version":77})"));  // it cannot be started again
   Start();
   EXPECT_EQ(State(), states::shutdown);
-  ExpectReason(ShutdownCause::kNotKnown, false);
+  ExpectReason(ShutdownCause::kUnknown, false);
 }
 
 TEST_F(GuestEnd, ShutDown_Ignored_IsNotReasonOfLaterEnd) {
@@ -100,14 +100,14 @@ TEST_F(GuestEnd, ShutDown_Ignored_IsNotReasonOfLaterEnd) {
   options.shut_down_wait = 50ms;
   Start(std::move(options));
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
-  test::LosePresses(1000);
+  test::IgnoreButtonPresses(1000);
   EXPECT_DONE(control_->ShutDown(kGuest, kAlice));
   ExpectState(states::shutting_down);
   ExpectState(states::running);
-  test::LosePresses(0);
-  ASSERT_TRUE(test::EndAsUser(kGuest));
+  test::IgnoreButtonPresses(0);
+  ASSERT_TRUE(test::DestroyAsUser(kGuest));
   ExpectState(states::shutdown);
-  ExpectReason(ShutdownCause::kFromInside, false);
+  ExpectReason(ShutdownCause::kByGuest, false);
 }
 
 struct StorageRow {
@@ -115,7 +115,7 @@ struct StorageRow {
   ShutdownCause cause;
 };
 
-TEST_F(GuestEnd, MachineThatStoppedForItsStorage_PoweredOff_NamesTheStorage) {
+TEST_F(GuestEnd, EndReason_PausedOnIoErrorThenPoweredOff_IsStorage) {
   namespace repository = VexaCCC::State::Repo;
   const StorageRow rows[] = {{repository::full, ShutdownCause::kRepositoryFull},
                              {repository::unavailable, ShutdownCause::kStorageUnavailable},
@@ -129,7 +129,7 @@ TEST_F(GuestEnd, MachineThatStoppedForItsStorage_PoweredOff_NamesTheStorage) {
     PutRepository(repository::online);
     EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
     PutRepository(row.repository);
-    const test::PretendedReason stopped(VIR_DOMAIN_PAUSED, VIR_DOMAIN_PAUSED_IOERROR);
+    const test::FakeStateReason stopped(VIR_DOMAIN_PAUSED, VIR_DOMAIN_PAUSED_IOERROR);
     ASSERT_TRUE(test::PauseAsUser(kGuest));
     ExpectState(states::freeze);
     EXPECT_DONE(control_->PowerOff(kGuest, kAlice));
@@ -144,7 +144,7 @@ TEST_F(GuestEnd, MachineThatStoppedForItsStorage_PoweredOff_NamesTheStorage) {
   ExpectReason(ShutdownCause::kPoweredOff, true);
 }
 
-TEST_F(GuestEnd, Start_IsBootingUntilTheMachineRuns) {
+TEST_F(GuestEnd, PowerOn_UntilDomainRuns_IsBooting) {
   std::set<std::string> seen;
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
@@ -222,14 +222,14 @@ TEST_F(GuestEnd, ObserveEnd_AlreadyStored_KeepsStateAndReason) {
   PutRun(RunHere());
   PutLive(states::crashed);
   ASSERT_TRUE(
-      host_.store().Commit({{}, {{cluster::LiveRecordKey(kGuest), R"({"shutdown":{"value":4,"forced":true}})"}}}));
+      host_.store().Commit({{}, {{records::LiveRecordKey(kGuest), R"({"shutdown":{"value":4,"forced":true}})"}}}));
   Start();
   EXPECT_EQ(RunOf(), std::nullopt);
   EXPECT_EQ(State(), states::crashed);
   ExpectReason(ShutdownCause::kCrashed, true);
 }
 
-TEST_F(GuestEnd, DeletedGuest_LeavesNoReason) {
+TEST_F(GuestEnd, Delete_Guest_RemovesReason) {
   Start();
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_DONE(control_->PowerOff(kGuest, kAlice));

@@ -11,7 +11,7 @@
 
 #include "host/guests/shut_downs.h"
 #include "tests/support/libvirt_faults.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
 namespace {
@@ -19,7 +19,7 @@ namespace {
 ShutDownsOptions Quick() {
   ShutDownsOptions options;
   options.wait = 10s;
-  options.press_again = 5ms;
+  options.press_interval = 5ms;
   options.on_given_up = [](const std::string&) {};
   return options;
 }
@@ -61,7 +61,7 @@ TEST(ShutDowns, ShutDowns_PressThrows_IsRetried) {
   EXPECT_EQ(again.get_future().wait_for(10s), std::future_status::ready);
 }
 
-TEST(ShutDowns, AfterTheWait_IsGivenUpOnce) {
+TEST(ShutDowns, ShutDown_WaitIsOver_IsGivenUpOnce) {
   std::atomic<int> given_up = 0;
   std::promise<void> done;
   ShutDownsOptions options = Quick();
@@ -73,7 +73,7 @@ TEST(ShutDowns, AfterTheWait_IsGivenUpOnce) {
   ShutDowns shut_downs(std::move(options));
   shut_downs.Begin("guest");
   EXPECT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
-  EXPECT_FALSE(shut_downs.IsUnderWay("guest"));
+  EXPECT_FALSE(shut_downs.IsInProgress("guest"));
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(given_up, 1);
 }
@@ -85,7 +85,7 @@ TEST_F(GuestHang, Maintenance_Exception_Continues) {
   GuestControlOptions options = Options();
   options.maintenance_interval = 20ms;
   options.before_step = [&](std::string_view step) {
-    if (step == "look: off noted" && is_armed.exchange(false)) throw std::bad_alloc();
+    if (step == "reconcile: off recorded" && is_armed.exchange(false)) throw std::bad_alloc();
   };
   Start(std::move(options));
   PutRun(RunHere());
@@ -97,11 +97,11 @@ TEST_F(GuestHang, Maintenance_Exception_Continues) {
   ExpectNoRun();
 }
 
-TEST_F(GuestHang, AnExceptionInTheAnswerToAnEvent_IsNotTheEnd) {
+TEST_F(GuestHang, EventHandler_Throws_LaterEventsAreHandled) {
   std::atomic<bool> is_armed = false;
   GuestControlOptions options = Options();
   options.before_step = [&](std::string_view step) {
-    if (step == "look: state stored" && is_armed.exchange(false)) throw std::runtime_error("no");
+    if (step == "reconcile: state stored" && is_armed.exchange(false)) throw std::runtime_error("no");
   };
   Start(std::move(options));
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));

@@ -1,7 +1,6 @@
 // Imports on a real store: what is written, what is refused, and what others do at the same time.
 #include "host/guests/import/guest_import.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -16,24 +15,16 @@
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
-#include "tests/support/interrupted_store.h"
-#include "tests/support/require.h"
-#include "tests/support/test_host.h"
+#include "tests/support/matchers.h"
+#include "tests/support/racing_store.h"
+#include "tests/support/record_test.h"
 
 namespace vexa::guests {
 namespace {
 
-using cluster::kRecordExists;
-using cluster::kRecordFailed;
-using cluster::LiveRecordKey;
-using cluster::LiveStateKey;
-using test::InterruptedStore;
-using test::Parsed;
-using test::Require;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
+using records::kRecordExists;
+using records::kRecordFailed;
+using test::CountAccepted;
 
 constexpr char kFirst[] = "11111111-2222-4333-8444-555555555551";
 constexpr char kSecond[] = "11111111-2222-4333-8444-555555555552";
@@ -55,87 +46,66 @@ ImportRequest RequestOf(const std::string& xml) {
   return request;
 }
 
-cluster::Observation Observed(const std::string& state, std::uint64_t counter, const std::string& host = "a") {
+records::Observation Observed(const std::string& state, std::uint64_t counter, const std::string& host = "a") {
   return {state, {1, counter}, host, std::chrono::system_clock::time_point(std::chrono::seconds(1'800'000'000))};
 }
 
-class GuestImports : public ::testing::Test {
+class GuestImports : public test::RecordTest {
  protected:
-  Refused ImportInto(store::Store& store, const ImportRequest& request, GuestImport::Options options = {}) {
+  Result<void, Refusal> ImportInto(store::Store& store, const ImportRequest& request,
+                                   GuestImport::Options options = {}) {
     return GuestImport(store, std::move(options)).Import(request, imported_);
   }
-  Refused Import(const ImportRequest& request, OnExisting on_existing = OnExisting::kRefuse) {
+  Result<void, Refusal> Import(const ImportRequest& request, OnExisting on_existing = OnExisting::kRefuse) {
     return ImportInto(host_.store(), request, {.on_existing = on_existing});
   }
-  Refused Replace(const std::string& xml) { return Import(RequestOf(xml), OnExisting::kReplace); }
+  Result<void, Refusal> Replace(const std::string& xml) { return Import(RequestOf(xml), OnExisting::kReplace); }
   void ExpectImported(const std::string& xml) {
-    const Refused refused = Import(RequestOf(xml));
-    EXPECT_FALSE(refused) << refused->reason;
+    const auto refused = Import(RequestOf(xml));
+    EXPECT_TRUE(refused.ok()) << refused.error().reason;
   }
   void ExpectReplaced(const std::string& xml) {
-    const Refused refused = Replace(xml);
-    EXPECT_FALSE(refused) << refused->reason;
+    const auto refused = Replace(xml);
+    EXPECT_TRUE(refused.ok()) << refused.error().reason;
     EXPECT_TRUE(imported_.is_replacement);
   }
-  // Refused with the code and the sentence, and nothing has changed.
-  void ExpectRefused(const std::function<Refused()>& act, int code, const std::string& reason) {
-    const store::Revision before = Revision();
-    const Refused refused = act();
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, reason);
-    EXPECT_EQ(Revision(), before);
-  }
-
-  store::Revision Revision() { return Require(host_.store().Read())->revision(); }
-  // "": absent.
-  std::string Text(const std::string& key) {
-    const auto snapshot = Require(host_.store().Read());
-    const auto value = Require(snapshot->Get(key));
-    return value ? std::string(value->text) : std::string();
-  }
   Json::Value Record(const std::string& category, const std::string& id) {
-    const std::string text = Text(cluster::ObjectKey(category, id));
+    const std::string text = TextOf(records::ObjectKey(category, id));
     return text.empty() ? Json::Value() : Parsed(text);
   }
   std::vector<std::string> Ids(const std::string& category) {
     return Require(Require(host_.store().Read())->Children("/dash/" + category));
   }
-  DomainRecord Definition() {
-    const auto domain = Require(ReadDomain(*Require(host_.store().Read()), kFirst));
-    return domain ? domain->domain : DomainRecord();
+  records::DomainRecord Definition() {
+    const auto domain = Require(records::ReadDomain(*Require(host_.store().Read()), kFirst));
+    return domain ? domain->domain : records::DomainRecord();
   }
-  void Put(const std::string& key, const std::string& text) {
-    (void)Require(host_.store().Commit({{}, {{key, text}}}));
-  }
-  void Delete(const std::string& key) { (void)Require(host_.store().Commit({{}, {{key, std::nullopt}}})); }
   void Report(const std::string& state, std::uint64_t counter, const std::string& host = "a") {
-    ASSERT_EQ(Require(cluster::Observe(host_.store(), kFirst, Observed(state, counter, host))),
-              cluster::Observed::kStored);
+    ASSERT_EQ(Require(records::Observe(host_.store(), kFirst, Observed(state, counter, host))),
+              records::ObserveResult::kStored);
   }
 
-  test::TestHost host_;
   ImportedGuest imported_;
 };
 
-TEST_F(GuestImports, NewGuest_IsWrittenWithItsDisksAndItsDefinition) {
+TEST_F(GuestImports, Import_NewGuest_WritesDisksAndDefinition) {
   ImportRequest request = RequestOf(Domain(kFirst, "one", Disk("vda")) + "<!-- mine -->");
   request.autostart = true;
-  const Refused refused = Import(request);
-  ASSERT_FALSE(refused) << refused->reason;
+  const auto refused = Import(request);
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
   EXPECT_EQ(imported_.id, kFirst);
   EXPECT_EQ(imported_.name, "one");
   EXPECT_FALSE(imported_.is_replacement);
-  EXPECT_EQ(Text(GuestObjectKey(kFirst)), VexaVirtualization::json::ToText(imported_.records["guest"]));
+  EXPECT_EQ(TextOf(records::GuestObjectKey(kFirst)), VexaVirtualization::json::ToText(imported_.records["guest"]));
   EXPECT_EQ(Record("guest", kFirst)["name"], "one");
   ASSERT_THAT(Ids("vdisk"), SizeIs(1));
   EXPECT_EQ(Record("vdisk", Ids("vdisk")[0])["size"], 1024);
   EXPECT_EQ(Definition().xml, request.xml);
   EXPECT_TRUE(Definition().autostart);
-  EXPECT_EQ(Text(FilesKey()), "\"" + std::string(kFirst) + "\"");
+  EXPECT_EQ(TextOf(records::FileReferencesGuardKey()), "\"" + std::string(kFirst) + "\"");
 }
 
-TEST_F(GuestImports, DefinitionThatCannotBeTaken_IsRefusedWithItsSentence) {
+TEST_F(GuestImports, Import_DefinitionUnusable_IsRefusedWithSentence) {
   ImportRequest request;
   request.xml = Domain(kFirst, "one", Disk("vda"));
   ExpectRefused([&] { return Import(request); }, kBadDefinition,
@@ -145,16 +115,16 @@ TEST_F(GuestImports, DefinitionThatCannotBeTaken_IsRefusedWithItsSentence) {
   request = RequestOf(Domain(kFirst, "one"));
   request.expected_id = kSecond;
   ExpectRefused([&] { return Import(request); }, kBadDefinition,
-                "<uuid> says '" + std::string(kFirst) + "': the manifest says '" + kSecond + "'; correct one of them");
+                "<uuid> is '" + std::string(kFirst) + "' and the manifest has '" + kSecond + "'; correct one of them");
   EXPECT_EQ(imported_.name, "one");
 }
 
-TEST_F(GuestImports, SizesOfImages_GoBeforeTheGivenOnes) {
+TEST_F(GuestImports, Import_ImageSizes_OverrideGivenSizes) {
   ImportRequest request = RequestOf(Domain(kFirst, "one", Disk("vda") + Disk("vdb")));
   request.image_sizes["/no/such/vda"] = std::uint64_t{5} << 20;
   request.image_sizes["/no/such/vdb"] = std::nullopt;
-  const Refused refused = Import(request);
-  ASSERT_FALSE(refused) << refused->reason;
+  const auto refused = Import(request);
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
   EXPECT_EQ(imported_.records["disks"][0]["object"]["size"], 5);
   EXPECT_EQ(imported_.records["disks"][1]["object"]["size"], 1024);
   const std::string notes = VexaVirtualization::json::ToText(imported_.records["notes"]);
@@ -162,19 +132,19 @@ TEST_F(GuestImports, SizesOfImages_GoBeforeTheGivenOnes) {
   EXPECT_THAT(notes, HasSubstr("The image of the disk 'vdb' could not be read: the size given for it was used."));
 }
 
-TEST_F(GuestImports, VariablesThatAreNotMadeYet_AreLeftOut) {
+TEST_F(GuestImports, Import_NvramNotCreatedYet_IsOmitted) {
   ImportRequest request =
       RequestOf("<domain><name>one</name><uuid>" + std::string(kFirst) +
                 "</uuid><memory unit='MiB'>64</memory><os><nvram>/vars/one.fd</nvram></os></domain>");
   request.has_variables = false;
-  EXPECT_FALSE(Import(request));
-  EXPECT_FALSE(Record("guest", kFirst).isMember(kNvramMember));
+  EXPECT_TRUE(Import(request).ok());
+  EXPECT_FALSE(Record("guest", kFirst).isMember(records::kNvramMember));
   request.has_variables = true;
-  EXPECT_FALSE(Import(request, OnExisting::kReplace));
-  EXPECT_EQ(Record("guest", kFirst)[kNvramMember], "/vars/one.fd");
+  EXPECT_TRUE(Import(request, OnExisting::kReplace).ok());
+  EXPECT_EQ(Record("guest", kFirst)[records::kNvramMember], "/vars/one.fd");
 }
 
-TEST_F(GuestImports, GuestThatExists_IsRefusedAndLeftAsItIs) {
+TEST_F(GuestImports, Import_GuestExists_IsRefusedAndUnchanged) {
   ExpectImported(Domain(kFirst, "one"));
   ExpectRefused([&] { return Import(RequestOf(Domain(kFirst, "one"))); }, kRecordExists,
                 "The guest '" + std::string(kFirst) + "' exists already: use --replace to replace it");
@@ -188,7 +158,7 @@ TEST_F(GuestImports, Replace_DropsDisksThatAreNoLongerUsed) {
   EXPECT_EQ(Record("guest", kFirst)["name"], "renamed");
 }
 
-TEST_F(GuestImports, Replace_TakesTheNewDefinitionAndKeepsTheVariables) {
+TEST_F(GuestImports, Replace_NewDefinition_IsUsedAndNvramKept) {
   ExpectImported(Domain(kFirst, "one"));
   host_.PutText("guest", kFirst, R"({"name":"one","nvram":"/vars/old.fd","pending":["vram_size"]})");
   ExpectReplaced(Domain(kFirst, "two"));
@@ -197,7 +167,7 @@ TEST_F(GuestImports, Replace_TakesTheNewDefinitionAndKeepsTheVariables) {
   EXPECT_EQ(Definition().xml, Domain(kFirst, "two"));
 }
 
-TEST_F(GuestImports, Replace_LeavesDisksOfOthersAlone) {
+TEST_F(GuestImports, Replace_DisksOfOtherGuests_AreKept) {
   host_.PutText("guest", kFirst, R"({"name":"one","vdisks":["theirs","lost","mine"],"vnics":["n"]})");
   host_.PutText("vdisk", "theirs", R"({"guest_id":"somebody"})");
   host_.PutText("vdisk", "mine", R"({"guest_id":")" + std::string(kFirst) + R"("})");
@@ -207,65 +177,67 @@ TEST_F(GuestImports, Replace_LeavesDisksOfOthersAlone) {
   EXPECT_THAT(Ids("vnic"), ElementsAre("n"));
 }
 
-TEST_F(GuestImports, ReplaceOfARunningGuest_IsRefused) {
+TEST_F(GuestImports, Replace_GuestRunning_IsRefused) {
   const std::string running =
       "The guest '" + std::string(kFirst) + "' is in the state 'guest_running': shut it down before it is replaced";
   const auto replace = [&] { return Replace(Domain(kFirst, "one")); };
   host_.PutText("guest", kFirst, R"({"name":"one","state":"guest_running"})");
-  ExpectRefused(replace, kRunsAlready, running);
+  ExpectRefused(replace, host_error::kAlreadyRunning, running);
   host_.PutText("guest", kFirst, R"({"name":"one","state":"guest_shutdown","host_id":"a"})");
   Report("guest_running", 1);
-  ExpectRefused(replace, kRunsAlready, running);
+  ExpectRefused(replace, host_error::kAlreadyRunning, running);
   Report("guest_shutdown", 2);
-  EXPECT_FALSE(replace());
+  EXPECT_TRUE(replace().ok());
 }
 
-TEST_F(GuestImports, LiveStateOfAShutDownGuest_GoesBeforeItsRecords) {
+TEST_F(GuestImports, Replace_LiveStateShutDown_OverridesRecord) {
   host_.PutText("guest", kFirst, R"({"name":"one","state":"guest_running","host_id":"a"})");
   Report("guest_shutdown", 1);
   ExpectReplaced(Domain(kFirst, "one"));
 }
 
-TEST_F(GuestImports, LiveStateThatCannotBeUnderstood_RefusesTheReplacement) {
+TEST_F(GuestImports, Replace_LiveStateDamaged_IsRefused) {
   host_.PutText("guest", kFirst, R"({"name":"one","state":"guest_shutdown"})");
   for (const char* text : {"{", "7", "null", "{}", "\"\""}) {
-    Put(LiveStateKey(kFirst), text);
+    Put(records::LiveStateKey(kFirst), text);
     ExpectRefused([&] { return Replace(Domain(kFirst, "two")); }, kRecordFailed,
                   "The live state of the guest '" + std::string(kFirst) + "' cannot be read");
   }
 }
 
-TEST_F(GuestImports, ReplacedOnTheSameHost_OlderObservationsStayOlder) {
+TEST_F(GuestImports, Replace_SameHost_KeepsStateSequence) {
   ImportRequest request = RequestOf(Domain(kFirst, "one"));
   request.host_id = kHost;
-  ASSERT_FALSE(Import(request));
+  ASSERT_TRUE(Import(request).ok());
   Report("guest_shutdown", 5, kHost);
-  ASSERT_FALSE(Import(request, OnExisting::kReplace));
-  EXPECT_EQ(Text(LiveStateKey(kFirst)), "\"guest_shutdown\"");
-  EXPECT_EQ(*cluster::Observe(host_.store(), kFirst, Observed("guest_running", 4, kHost)), cluster::Observed::kOlder);
-  EXPECT_EQ(*cluster::Observe(host_.store(), kFirst, Observed("guest_running", 6, kHost)), cluster::Observed::kStored);
+  ASSERT_TRUE(Import(request, OnExisting::kReplace).ok());
+  EXPECT_EQ(TextOf(records::LiveStateKey(kFirst)), "\"guest_shutdown\"");
+  EXPECT_EQ(*records::Observe(host_.store(), kFirst, Observed("guest_running", 4, kHost)),
+            records::ObserveResult::kOutdated);
+  EXPECT_EQ(*records::Observe(host_.store(), kFirst, Observed("guest_running", 6, kHost)),
+            records::ObserveResult::kStored);
 }
 
-TEST_F(GuestImports, ReplacedForAnotherHost_BeginsWithoutALiveState) {
+TEST_F(GuestImports, Replace_OtherHost_StartsWithoutLiveState) {
   host_.PutText("guest", kFirst, R"({"name":"one","host_id":"a"})");
   Report("guest_shutdown", 5);
   ImportRequest request = RequestOf(Domain(kFirst, "one"));
   request.host_id = kHost;
-  ASSERT_FALSE(Import(request, OnExisting::kReplace));
-  EXPECT_EQ(Text(LiveStateKey(kFirst)), "");
-  EXPECT_EQ(Text(LiveRecordKey(kFirst)), "");
-  EXPECT_EQ(*cluster::Observe(host_.store(), kFirst, Observed("guest_running", 6)), cluster::Observed::kNotOurs);
+  ASSERT_TRUE(Import(request, OnExisting::kReplace).ok());
+  EXPECT_EQ(TextOf(records::LiveStateKey(kFirst)), "");
+  EXPECT_EQ(TextOf(records::LiveRecordKey(kFirst)), "");
+  EXPECT_EQ(*records::Observe(host_.store(), kFirst, Observed("guest_running", 6)), records::ObserveResult::kNotOurs);
 }
 
-TEST_F(GuestImports, StateThatAGoneGuestLeftBehind_IsNotTheNewOnes) {
-  Put(LiveStateKey(kFirst), "\"guest_running\"");
-  Put(LiveRecordKey(kFirst), R"({"host_id":"gone"})");
+TEST_F(GuestImports, Import_LiveStateOfDeletedGuest_IsRemoved) {
+  Put(records::LiveStateKey(kFirst), "\"guest_running\"");
+  Put(records::LiveRecordKey(kFirst), R"({"host_id":"gone"})");
   ExpectImported(Domain(kFirst, "one"));
-  EXPECT_EQ(Text(LiveStateKey(kFirst)), "");
-  EXPECT_EQ(Text(LiveRecordKey(kFirst)), "");
+  EXPECT_EQ(TextOf(records::LiveStateKey(kFirst)), "");
+  EXPECT_EQ(TextOf(records::LiveRecordKey(kFirst)), "");
 }
 
-TEST_F(GuestImports, NameOfAnotherGuest_IsRefused) {
+TEST_F(GuestImports, Import_NameOfOtherGuest_IsRefused) {
   const std::string taken = "The name 'one' belongs to the guest '" + std::string(kSecond) + "': rename one of the two";
   const auto import = [&] { return Import(RequestOf(Domain(kFirst, "one"))); };
   for (const char* record : {R"({"name":"one"})", R"({"name":"\u006fne"})"}) {
@@ -275,10 +247,10 @@ TEST_F(GuestImports, NameOfAnotherGuest_IsRefused) {
   // A name beside the record goes before the record's.
   Put(store::MakeKey({"dash", "guest", kSecond, "name"}), "\"other\"");
   host_.PutText("guest", "damaged", R"({"name":"one")");
-  EXPECT_FALSE(import());
+  EXPECT_TRUE(import().ok());
 }
 
-TEST_F(GuestImports, GuestThatSomebodyHas_IsNotReplaced) {
+TEST_F(GuestImports, Replace_GuestHeldByHostOrJob_IsRefused) {
   host_.PutText("guest", kFirst, R"({"name":"one"})");
   struct Row {
     std::string key;
@@ -286,9 +258,9 @@ TEST_F(GuestImports, GuestThatSomebodyHas_IsNotReplaced) {
     const char* words;
   };
   for (const auto& [key, code, words] :
-       {Row{RunKey(kFirst), kRunsAlready, "runs on a host: power it off"},
-        Row{DeletionKey(kFirst), kImportBusy, "is being deleted: wait until it is gone"},
-        Row{EditKey(kFirst), kImportBusy, "is being edited: wait until that is done"}}) {
+       {Row{records::RunKey(kFirst), host_error::kAlreadyRunning, "runs on a host: power it off"},
+        Row{records::DeletionKey(kFirst), kImportBusy, "is being deleted: wait until it is gone"},
+        Row{records::EditKey(kFirst), kImportBusy, "is being edited: wait until that is done"}}) {
     Put(key, "{}");
     ExpectRefused([&] { return Replace(Domain(kFirst, "two")); }, code,
                   "The guest '" + std::string(kFirst) + "' " + words);
@@ -297,16 +269,16 @@ TEST_F(GuestImports, GuestThatSomebodyHas_IsNotReplaced) {
   ExpectReplaced(Domain(kFirst, "two"));
 }
 
-TEST_F(GuestImports, StoreThatFails_IsReported) {
+TEST_F(GuestImports, Import_StoreFails_IsReported) {
   for (const ImportMode mode : {ImportMode::kWrite, ImportMode::kCheck}) {
     host_.store().FailSnapshots();
-    const Refused refused = ImportInto(host_.store(), RequestOf(Domain(kFirst, "one")), {.mode = mode});
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->code, kRecordFailed);
+    const auto refused = ImportInto(host_.store(), RequestOf(Domain(kFirst, "one")), {.mode = mode});
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.error().code, kRecordFailed);
     host_.store().Heal();
   }
   host_.store().FailCommits();
-  EXPECT_EQ(Import(RequestOf(Domain(kFirst, "one")))->code, kRecordFailed);
+  EXPECT_EQ(Import(RequestOf(Domain(kFirst, "one"))).error().code, kRecordFailed);
   host_.store().Heal();
   host_.store().ConflictCommits(3);
   ExpectImported(Domain(kFirst, "one"));
@@ -317,117 +289,123 @@ class ImportChecks : public GuestImports {
   GuestImport Checking(OnExisting on_existing = OnExisting::kRefuse, std::map<std::string, std::string> planned = {}) {
     return GuestImport(host_.store(), {on_existing, ImportMode::kCheck, std::move(planned)});
   }
-  Refused Check(GuestImport& importer, const std::string& xml) { return importer.Import(RequestOf(xml), imported_); }
+  Result<void, Refusal> Check(GuestImport& importer, const std::string& xml) {
+    return importer.Import(RequestOf(xml), imported_);
+  }
 };
 
-TEST_F(ImportChecks, Check_HasTheRecordsAndWritesNothing) {
+TEST_F(ImportChecks, Check_Guest_ReturnsRecordsAndWritesNothing) {
   const store::Revision before = Revision();
   GuestImport checking = Checking();
-  EXPECT_FALSE(Check(checking, Domain(kFirst, "one", Disk("vda"))));
+  EXPECT_TRUE(Check(checking, Domain(kFirst, "one", Disk("vda"))).ok());
   EXPECT_EQ(Revision(), before);
   EXPECT_EQ(imported_.records["guest"]["name"], "one");
   EXPECT_EQ(imported_.records["disks"][0]["object"]["size"], 1024);
   EXPECT_THAT(Ids("guest"), IsEmpty());
 }
 
-TEST_F(ImportChecks, GuestsThatWereAccepted_CountAsWritten) {
+TEST_F(ImportChecks, Check_EarlierAcceptedGuests_CountAsWritten) {
   GuestImport checking = Checking();
-  EXPECT_FALSE(Check(checking, Domain(kFirst, "one")));
-  EXPECT_EQ(Check(checking, Domain(kFirst, "one"))->code, kRecordExists);
-  EXPECT_EQ(Check(checking, Domain(kSecond, "one"))->reason,
+  EXPECT_TRUE(Check(checking, Domain(kFirst, "one")).ok());
+  EXPECT_EQ(Check(checking, Domain(kFirst, "one")).error().code, kRecordExists);
+  EXPECT_EQ(Check(checking, Domain(kSecond, "one")).error().reason,
             "The name 'one' belongs to the guest '" + std::string(kFirst) + "': rename one of the two");
   // As a later call sends them.
   GuestImport later = Checking(OnExisting::kRefuse, {{kFirst, "one"}});
-  EXPECT_EQ(Check(later, Domain(kFirst, "two"))->code, kRecordExists);
-  EXPECT_EQ(Check(later, Domain(kSecond, "one"))->code, kRecordExists);
+  EXPECT_EQ(Check(later, Domain(kFirst, "two")).error().code, kRecordExists);
+  EXPECT_EQ(Check(later, Domain(kSecond, "one")).error().code, kRecordExists);
 }
 
-TEST_F(ImportChecks, NameThatWasGivenUp_IsFreeAgain) {
+TEST_F(ImportChecks, Check_NameFreedByReplacement_IsAvailable) {
   ExpectImported(Domain(kFirst, "one"));
   GuestImport checking = Checking(OnExisting::kReplace);
-  EXPECT_FALSE(Check(checking, Domain(kFirst, "two")));
-  const Refused refused = Check(checking, Domain(kSecond, "one"));
-  EXPECT_FALSE(refused) << refused->reason;
+  EXPECT_TRUE(Check(checking, Domain(kFirst, "two")).ok());
+  const auto refused = Check(checking, Domain(kSecond, "one"));
+  EXPECT_TRUE(refused.ok()) << refused.error().reason;
 }
 
 class ImportsMeanwhile : public GuestImports {
  protected:
   ImportsMeanwhile() { host_.PutText("guest", kFirst, R"({"name":"one"})"); }
 
-  // Somebody else does `meanwhile` between the look at the store and the commit.
-  Refused ReplaceWhile(std::function<void()> meanwhile) {
-    InterruptedStore store(host_.store(), std::move(meanwhile));
+  // Calls `meanwhile` between the reads and the commit, as a concurrent writer.
+  Result<void, Refusal> ReplaceWhile(std::function<void()> meanwhile) {
+    test::RacingStore store(host_.store(), std::move(meanwhile));
     return ImportInto(store, RequestOf(Domain(kFirst, "two")), {.on_existing = OnExisting::kReplace});
   }
   void ExpectNotReplaced(std::function<void()> meanwhile, int code, const std::string& reason) {
-    const Refused refused = ReplaceWhile(std::move(meanwhile));
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, "The guest '" + std::string(kFirst) + "' " + reason);
+    const auto refused = ReplaceWhile(std::move(meanwhile));
+    ASSERT_FALSE(refused.ok()) << reason;
+    EXPECT_EQ(refused.error().code, code);
+    EXPECT_EQ(refused.error().reason, "The guest '" + std::string(kFirst) + "' " + reason);
     EXPECT_NE(Record("guest", kFirst)["name"], "two");
   }
 };
 
-TEST_F(ImportsMeanwhile, GuestThatIsEdited_IsNotReplaced) {
+TEST_F(ImportsMeanwhile, Replace_GuestEditedMeanwhile_IsRefused) {
   ExpectNotReplaced([&] { host_.PutText("guest", kFirst, R"({"name":"theirs"})"); }, kImportBusy,
                     "was changed meanwhile: import it again");
   EXPECT_EQ(Record("guest", kFirst)["name"], "theirs");
 }
 
-TEST_F(ImportsMeanwhile, GuestThatStarts_IsNotReplaced) {
-  ExpectNotReplaced([&] { Put(LiveStateKey(kFirst), "\"guest_running\""); }, kRunsAlready,
+TEST_F(ImportsMeanwhile, Replace_GuestStartsMeanwhile_IsRefused) {
+  ExpectNotReplaced([&] { Put(records::LiveStateKey(kFirst), "\"guest_running\""); }, host_error::kAlreadyRunning,
                     "is in the state 'guest_running': shut it down before it is replaced");
 }
 
-TEST_F(ImportsMeanwhile, GuestThatSomebodyTakes_IsNotReplaced) {
-  ExpectNotReplaced([&] { Put(RunKey(kFirst), "{}"); }, kRunsAlready, "runs on a host: power it off");
-  Delete(RunKey(kFirst));
-  ExpectNotReplaced([&] { Put(DeletionKey(kFirst), "{}"); }, kImportBusy, "is being deleted: wait until it is gone");
-  Delete(DeletionKey(kFirst));
-  ExpectNotReplaced([&] { Put(EditKey(kFirst), "{}"); }, kImportBusy, "is being edited: wait until that is done");
+TEST_F(ImportsMeanwhile, Replace_GuestTakenMeanwhile_IsRefused) {
+  ExpectNotReplaced([&] { Put(records::RunKey(kFirst), "{}"); }, host_error::kAlreadyRunning,
+                    "runs on a host: power it off");
+  Delete(records::RunKey(kFirst));
+  ExpectNotReplaced([&] { Put(records::DeletionKey(kFirst), "{}"); }, kImportBusy,
+                    "is being deleted: wait until it is gone");
+  Delete(records::DeletionKey(kFirst));
+  ExpectNotReplaced([&] { Put(records::EditKey(kFirst), "{}"); }, kImportBusy,
+                    "is being edited: wait until that is done");
 }
 
-TEST_F(ImportsMeanwhile, DiskThatGoesToAnotherGuest_IsNotDeleted) {
+TEST_F(ImportsMeanwhile, Replace_DiskReassignedMeanwhile_IsKept) {
   host_.PutText("guest", kFirst, R"({"name":"one","vdisks":["d"]})");
   host_.PutText("vdisk", "d", R"({"guest_id":")" + std::string(kFirst) + R"("})");
-  EXPECT_FALSE(ReplaceWhile([&] { host_.PutText("vdisk", "d", R"({"guest_id":"somebody"})"); }));
+  EXPECT_TRUE(ReplaceWhile([&] { host_.PutText("vdisk", "d", R"({"guest_id":"somebody"})"); }).ok());
   EXPECT_THAT(Ids("vdisk"), ElementsAre("d"));
 }
 
-TEST_F(ImportsMeanwhile, SomebodyElseImportsTheSameGuest_OneOfThemIsRefused) {
-  InterruptedStore store(host_.store(), [&] { host_.PutText("guest", kSecond, R"({"name":"theirs"})"); });
-  const Refused refused = ImportInto(store, RequestOf(Domain(kSecond, "two", Disk("vda"))));
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kRecordExists);
+TEST_F(ImportsMeanwhile, Import_SameGuestConcurrently_OneIsRefused) {
+  test::RacingStore store(host_.store(), [&] { host_.PutText("guest", kSecond, R"({"name":"theirs"})"); });
+  const auto refused = ImportInto(store, RequestOf(Domain(kSecond, "two", Disk("vda"))));
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, kRecordExists);
   EXPECT_EQ(Record("guest", kSecond)["name"], "theirs");
   EXPECT_THAT(Ids("vdisk"), IsEmpty());
 }
 
 // An edit that renames a guest commits the same key.
-TEST_F(ImportsMeanwhile, NameThatIsGiven_RefusesTheImport) {
-  InterruptedStore store(host_.store(), [&] {
-    (void)Require(host_.store().Commit(
-        {{}, {{GuestObjectKey(kFirst), R"({"name":"two"})"}, {RenamesKey(), "\"" + std::string(kFirst) + "\""}}}));
+TEST_F(ImportsMeanwhile, Import_NameTakenMeanwhile_IsRefused) {
+  test::RacingStore store(host_.store(), [&] {
+    (void)Require(host_.store().Commit({{},
+                                        {{records::GuestObjectKey(kFirst), R"({"name":"two"})"},
+                                         {records::GuestNamesGuardKey(), "\"" + std::string(kFirst) + "\""}}}));
   });
-  const Refused refused = ImportInto(store, RequestOf(Domain(kSecond, "two")));
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->reason,
+  const auto refused = ImportInto(store, RequestOf(Domain(kSecond, "two")));
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().reason,
             "The name 'two' belongs to the guest '" + std::string(kFirst) + "': rename one of the two");
 }
 
-TEST_F(ImportsMeanwhile, OtherNamesThatAreGiven_DoNotMatter) {
-  InterruptedStore store(host_.store(), [&] { Put(RenamesKey(), "\"x\""); });
-  const Refused refused = ImportInto(store, RequestOf(Domain(kSecond, "two")));
-  EXPECT_FALSE(refused) << refused->reason;
+TEST_F(ImportsMeanwhile, Import_OtherNamesTakenMeanwhile_Succeeds) {
+  test::RacingStore store(host_.store(), [&] { Put(records::GuestNamesGuardKey(), "\"x\""); });
+  const auto refused = ImportInto(store, RequestOf(Domain(kSecond, "two")));
+  EXPECT_TRUE(refused.ok()) << refused.error().reason;
   EXPECT_EQ(store.commits(), 2);
-  EXPECT_EQ(Text(RenamesKey()), "\"" + std::string(kSecond) + "\"");
+  EXPECT_EQ(TextOf(records::GuestNamesGuardKey()), "\"" + std::string(kSecond) + "\"");
 }
 
-TEST_F(ImportsMeanwhile, EightImports_OfOneNameAndOfEightNames) {
+TEST_F(ImportsMeanwhile, Import_EightConcurrent_OneNameOrEightNames) {
   constexpr int kThreads = 8;
   for (const bool is_one_name : {true, false}) {
     std::latch start(kThreads);
-    std::vector<Refused> results(kThreads);
+    std::vector<Result<void, Refusal>> results(kThreads);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
       threads.emplace_back([&, i] {
@@ -442,12 +420,7 @@ TEST_F(ImportsMeanwhile, EightImports_OfOneNameAndOfEightNames) {
       });
     }
     for (std::thread& thread : threads) thread.join();
-    int accepted = 0;
-    for (const Refused& refused : results) {
-      accepted += refused ? 0 : 1;
-      EXPECT_EQ(refused ? refused->code : kRecordExists, kRecordExists) << refused->reason;
-    }
-    EXPECT_EQ(accepted, is_one_name ? 1 : kThreads);
+    EXPECT_EQ(CountAccepted(results), is_one_name ? 1 : kThreads);
   }
   EXPECT_THAT(Ids("guest"), SizeIs(1 + 1 + kThreads));
 }

@@ -1,7 +1,7 @@
 // What a host with guests on libvirt's test driver writes of their interfaces.
 #include "host/records/object_edit.h"
 #include "json/readers.h"
-#include "tests/unit/guests/guest_control_ground.h"
+#include "tests/unit/guests/guest_control_fixture.h"
 
 namespace vexa::guests {
 namespace {
@@ -25,7 +25,7 @@ class RunningNics : public GuestControlTest {
   }
   std::string Running(const std::string& vnic) {
     const auto snapshot = test::Require(host_.store().Read());
-    const auto stored = test::Require(cluster::LoadObject(*snapshot, test::TestHost::ObjectKey("vnic", vnic)));
+    const auto stored = test::Require(records::LoadObject(*snapshot, test::TestHost::ObjectKey("vnic", vnic)));
     return json::ToText(json::Member(stored.record, "running"));
   }
   // What an event or the next look brings.
@@ -39,7 +39,7 @@ class RunningNics : public GuestControlTest {
   }
 };
 
-TEST_F(RunningNics, PowerOnAndOff_AreNotedInRecordsOfPluggedNics) {
+TEST_F(RunningNics, PowerOnAndOff_PluggedNics_AreNotedInRecords) {
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_EQ(Running("nic-1"), "null");
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
@@ -68,7 +68,7 @@ TEST_F(RunningNics, NicNote_RemovedElsewhere_IsRestoredByNextReconcile) {
   ExpectRunning("nic-1", Here("lan"));
 }
 
-TEST_F(RunningNics, KilledHost_Restarts_FindsRunAndNotesItsEnd) {
+TEST_F(RunningNics, HostKilled_Restarted_FindsRunAndNotesItsEnd) {
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   ExpectRunning("nic-1", Here("lan"));

@@ -1,4 +1,4 @@
-// Where the interfaces of guests are plugged in, and what their records say of it.
+// Where the interfaces of guests are attached, and how their records note it.
 #include "host/guests/guest_nics.h"
 
 #include <gmock/gmock.h>
@@ -8,16 +8,15 @@
 #include "json/readers.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
-#include "tests/unit/machine/network_links_ground.h"
+#include "tests/unit/machine/fake_interfaces.h"
 
 namespace vexa::guests {
 namespace {
 
-using hypervisor::GuestInterface;
-using hypervisor::PluggedInto;
+using domain_xml::GuestInterface;
+using domain_xml::NicAttachment;
 using test::FakeInterfaces;
 using test::FakeSwitch;
-using test::Parsed;
 using test::SwitchAnswer;
 using Cable = FakeInterfaces::Cable;
 
@@ -25,10 +24,10 @@ constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr char kMac[] = "52:54:00:00:00:01";
 
-GuestInterface On(PluggedInto plugged_into, const std::string& device, const std::string& target = "vnet0") {
+GuestInterface On(NicAttachment attachment_kind, const std::string& device, const std::string& target = "vnet0") {
   GuestInterface interface;
   interface.mac = kMac;
-  interface.plugged_into = plugged_into;
+  interface.attachment_kind = attachment_kind;
   interface.device = device;
   interface.target = target;
   return interface;
@@ -44,31 +43,31 @@ class Places : public testing::Test {
   }
   // "bridge_name port", "none" when it is not plugged in.
   std::string Place(const GuestInterface& interface) const {
-    NetworkLinks links(net_.root());
-    const auto place = FindPlace(interface, links);
+    machine::NetworkLinks links(net_.root());
+    const auto place = FindNicAttachment(interface, links);
     return place ? place->bridge_name + " " + place->port : "none";
   }
   FakeInterfaces net_;
 };
 
-TEST_F(Places, BridgeWithAnUplink_IsThePort) {
+TEST_F(Places, Place_BridgeWithUplink_IsItsPort) {
   net_.MakePort("vnet0", "br0");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0")), "br0 br0");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br0")), "br0 br0");
   net_.Plug("eth0", Cable::kOut);
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0")), "br0 br0") << "the list of interfaces has the cable's state";
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br0")), "br0 br0") << "the list of interfaces has the cable's state";
 }
 
-TEST_F(Places, BridgeWithoutUplinks_IsPrivateWhileItIsSwitchedOn) {
+TEST_F(Places, Place_BridgeWithoutUplinks_IsPrivateWhileUp) {
   net_.Add("br1", "bridge");
   net_.MakePort("vnet0", "br1");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br1")), "PN-br1 ");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br1")), "PN-br1 ");
   net_.SwitchOff("br1");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br1")), "br1 ");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br1")), "br1 ");
 }
 
-TEST_F(Places, NetworkOfLibvirt_IsPrivateWhateverItsPorts) {
+TEST_F(Places, Place_LibvirtNetwork_IsPrivateWhateverItsPorts) {
   net_.MakePort("vnet0", "br0");
-  EXPECT_EQ(Place(On(PluggedInto::kNetwork, "br0")), "PN-br0 ");
+  EXPECT_EQ(Place(On(NicAttachment::kNetwork, "br0")), "PN-br0 ");
 }
 
 TEST_F(Places, FindPlace_NameWithPrivatePrefix_IsEscaped) {
@@ -76,44 +75,44 @@ TEST_F(Places, FindPlace_NameWithPrivatePrefix_IsEscaped) {
   net_.Add("eth1", "device");
   net_.MakePort("eth1", "PNlan");
   net_.MakePort("vnet0", "PNlan");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "PNlan")), "ovs_PNlan PNlan");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "PNlan")), "ovs_PNlan PNlan");
 }
 
 TEST_F(Places, FindPlace_HostEndMoved_UsesKernel) {
   net_.Add("br1", "bridge");
   net_.MakePort("vnet0", "br1");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0")), "PN-br1 ");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br0")), "PN-br1 ");
   net_.Unplug("vnet0", "br1");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0")), "none") << "its end is on no bridge";
-  EXPECT_EQ(Place(On(PluggedInto::kOther, "", "vnet0")), "none");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br0")), "none") << "its end is on no bridge";
+  EXPECT_EQ(Place(On(NicAttachment::kOther, "", "vnet0")), "none");
   net_.MakePort("vnet0", "br0");
-  EXPECT_EQ(Place(On(PluggedInto::kOther, "", "vnet0")), "br0 br0") << "a tap that somebody else put on a bridge";
+  EXPECT_EQ(Place(On(NicAttachment::kOther, "", "vnet0")), "br0 br0") << "a tap that another program put on a bridge";
 }
 
 TEST_F(Places, FindPlace_HostEndInvisible_UsesLibvirt) {
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "br0", "vnet7")), "br0 br0");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "gone", "vnet7")), "none");
-  EXPECT_EQ(Place(On(PluggedInto::kNetwork, "", "")), "none");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "br0", "vnet7")), "br0 br0");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "gone", "vnet7")), "none");
+  EXPECT_EQ(Place(On(NicAttachment::kNetwork, "", "")), "none");
 }
 
-TEST_F(Places, LinkThatIsDown_IsNotPluggedIn) {
+TEST_F(Places, Place_LinkDown_IsAbsent) {
   net_.MakePort("vnet0", "br0");
-  GuestInterface interface = On(PluggedInto::kBridge, "br0");
+  GuestInterface interface = On(NicAttachment::kBridge, "br0");
   interface.is_link_up = false;
   EXPECT_EQ(Place(interface), "none");
-  EXPECT_FALSE(InventPlace(interface));
+  EXPECT_FALSE(FakeNicAttachment(interface));
 }
 
-TEST_F(Places, Macvtap_IsOnTheDeviceBelowIt) {
-  EXPECT_EQ(Place(On(PluggedInto::kDevice, "eth0", "macvtap0")), "eth0 eth0");
-  EXPECT_EQ(Place(On(PluggedInto::kDevice, "eth9", "macvtap0")), "none");
+TEST_F(Places, Place_Macvtap_IsItsLowerDevice) {
+  EXPECT_EQ(Place(On(NicAttachment::kDevice, "eth0", "macvtap0")), "eth0 eth0");
+  EXPECT_EQ(Place(On(NicAttachment::kDevice, "eth9", "macvtap0")), "none");
   net_.Add("br1", "bridge");
-  EXPECT_EQ(Place(On(PluggedInto::kDevice, "br1", "macvtap0")), "PN-br1 ");
+  EXPECT_EQ(Place(On(NicAttachment::kDevice, "br1", "macvtap0")), "PN-br1 ");
 }
 
-TEST_F(Places, NatOfTheEmulator_IsPrivate) { EXPECT_EQ(Place(On(PluggedInto::kUser, "", "")), "PN-user "); }
+TEST_F(Places, Place_EmulatorNat_IsPrivate) { EXPECT_EQ(Place(On(NicAttachment::kUser, "", "")), "PN-user "); }
 
-TEST_F(Places, SwitchWithItsDatabase_IsAskedForTheEnd) {
+TEST_F(Places, Attachment_OpenVSwitch_FindsBridgeInDatabase) {
   net_.AddTap("lan");
   net_.SwitchOff("lan");
   net_.AddTap("alone");
@@ -121,18 +120,18 @@ TEST_F(Places, SwitchWithItsDatabase_IsAskedForTheEnd) {
   const FakeSwitch fake(net_.root(),
                         SwitchAnswer({{"lan", {{"eth0", ""}, {"vnet0", ""}}}, {"alone", {{"vnet1", ""}}}}));
   net_.AddTap("vnet1");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "lan")), "lan lan");
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "alone")), "none") << "its end is on another bridge";
-  EXPECT_EQ(Place(On(PluggedInto::kBridge, "alone", "vnet1")), "PN-alone ")
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "lan")), "lan lan");
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "alone")), "none") << "its end is on another bridge";
+  EXPECT_EQ(Place(On(NicAttachment::kBridge, "alone", "vnet1")), "PN-alone ")
       << "it forwards while its own device is switched off";
 }
 
-TEST_F(Places, InTestMode_AreTheNamesOfNetworks) {
-  GuestInterface interface = On(PluggedInto::kNetwork, "virbr0");
+TEST_F(Places, Place_TestMode_IsNetworkName) {
+  GuestInterface interface = On(NicAttachment::kNetwork, "virbr0");
   interface.network = "default";
-  EXPECT_EQ(InventPlace(interface)->bridge_name, "PN-default");
-  EXPECT_EQ(InventPlace(On(PluggedInto::kBridge, "anything"))->bridge_name, "PN-anything");
-  EXPECT_FALSE(InventPlace(On(PluggedInto::kUser, "")));
+  EXPECT_EQ(FakeNicAttachment(interface)->bridge_name, "PN-default");
+  EXPECT_EQ(FakeNicAttachment(On(NicAttachment::kBridge, "anything"))->bridge_name, "PN-anything");
+  EXPECT_FALSE(FakeNicAttachment(On(NicAttachment::kUser, "")));
 }
 
 class NoteInRecords : public Places {
@@ -143,9 +142,9 @@ class NoteInRecords : public Places {
     host_.Put("vnic", "nic-2", Parsed(R"({"mac_address":"52:54:00:00:00:02"})"));
   }
 
-  Status Note(RunsHere runs_here, const std::vector<NicPlace>& places) {
-    NetworkLinks links(net_.root());
-    return NotePlaces(host_.store(), kHost, kGuest, runs_here, places, links);
+  Status Note(RunsHere runs_here, const std::vector<NicAttachmentRecord>& places) {
+    machine::NetworkLinks links(net_.root());
+    return WriteNicAttachments(host_.store(), kHost, kGuest, runs_here, places, links);
   }
   void Expect(const std::string& vnic, const std::string& running) {
     const Json::Value record = Stored(test::TestHost::ObjectKey("vnic", vnic));
@@ -165,7 +164,7 @@ class NoteInRecords : public Places {
   test::TestHost host_;
 };
 
-TEST_F(NoteInRecords, Places_AreWrittenOnceAndTakenOut) {
+TEST_F(NoteInRecords, NicNote_Place_IsWrittenOnceAndRemoved) {
   PutNic("card", "eth0");
   PutNic("bridge", "br0");
   ASSERT_TRUE(Note(RunsHere::kYes, {{kMac, "br0", "br0"}, {"52:54:00:00:00:02", "PN-virbr0", ""}}));
@@ -187,7 +186,7 @@ TEST_F(NoteInRecords, Places_AreWrittenOnceAndTakenOut) {
   EXPECT_EQ(Revision(), after);
 }
 
-TEST_F(NoteInRecords, EntriesOfOtherHosts_GoWithARunHereOnly) {
+TEST_F(NoteInRecords, NicNote_EntriesOfOtherHosts_AreRemovedOnlyByRunHere) {
   const std::string other = R"({"mac_address":"52:54:00:00:00:01","running":{"other":{"bridge_name":"PN-x"},")" +
                             std::string(kHost) + R"(":{"bridge_name":"br0"}}})";
   host_.Put("vnic", "nic-1", Parsed(other));
@@ -210,7 +209,7 @@ TEST_F(NoteInRecords, NicNote_AddressEdited_IsMatchedByRunningAddress) {
   Expect("nic-1", R"({")" + std::string(kHost) + R"(":{"bridge_name":"PN-b","mac_address":"52:54:00:00:00:99"}})");
 }
 
-TEST_F(NoteInRecords, InterfaceOfTheHostWithoutARecord_GetsOneUnlessItIsHardware) {
+TEST_F(NoteInRecords, NicNote_HostInterfaceWithoutRecord_GetsOneUnlessHardware) {
   ASSERT_TRUE(Note(RunsHere::kYes, {{kMac, "br0", "br0"}, {"52:54:00:00:00:02", "br0", "br0"}}));
   const std::string id = cluster::NicId(kHost, "br0");
   EXPECT_EQ(Stored(store::MakeKey({"dash", "host", kHost, "nics", id}))["name"], "br0");
@@ -225,7 +224,7 @@ TEST_F(NoteInRecords, InterfaceOfTheHostWithoutARecord_GetsOneUnlessItIsHardware
   EXPECT_EQ(Stored(test::TestHost::ObjectKey("vnic", "nic-1"))["running"][kHost]["nic_id"], "card");
 }
 
-TEST_F(NoteInRecords, DamagedRecords_AreLeftAndTheOthersWritten) {
+TEST_F(NoteInRecords, NicNote_DamagedRecords_AreKeptAndOthersWritten) {
   host_.PutText("vnic", "nic-1", "[]");
   ASSERT_TRUE(Note(RunsHere::kYes, {{kMac, "PN-a", ""}, {"52:54:00:00:00:02", "PN-a", ""}}));
   EXPECT_EQ(json::ToText(Stored(test::TestHost::ObjectKey("vnic", "nic-1"))), "[]");

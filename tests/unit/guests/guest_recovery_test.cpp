@@ -1,4 +1,4 @@
-// Taking guests from a host that is gone, and removing it from the cluster.
+// Recovering guests from a host that is gone, and removing it from the cluster.
 #include "host/guests/recovery.h"
 
 #include <gmock/gmock.h>
@@ -7,13 +7,12 @@
 #include "host/records/domain_record.h"
 #include "host/records/environment.h"
 #include "host/records/host_claim_record.h"
-#include "host/records/host_life.h"
+#include "host/records/host_liveness.h"
 #include "host/records/live_state.h"
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "json/readers.h"
-#include "tests/support/require.h"
-#include "tests/support/test_host.h"
+#include "tests/support/record_test.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
@@ -23,19 +22,18 @@ namespace {
 namespace states = VexaCCC::State::Guest;
 using std::chrono::seconds;
 using std::chrono::system_clock;
-using test::Require;
 
 constexpr char kGone[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 constexpr char kAlive[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e9";
 constexpr char kGuest[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 constexpr char kOff[] = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c212";
 
-class GuestRecovery : public testing::Test {
+class GuestRecovery : public test::RecordTest {
  protected:
   GuestRecovery() {
-    PutHost(kGone, "beta", cluster::kPresenceWindow + seconds(60));
+    PutHost(kGone, "beta", records::kHeartbeatTimeout + seconds(60));
     PutHost(kAlive, "gamma", seconds(0));
-    Put(cluster::HostClaimKey(kGone), R"({"incarnation":7,"booted":5,"token":"t"})");
+    Put(records::HostClaimKey(kGone), R"({"incarnation":7,"booted":5,"token":"t"})");
     PutGuest(kGuest, "web-1");
     PutRun(6);
   }
@@ -49,17 +47,14 @@ class GuestRecovery : public testing::Test {
     host_.PutText("guest", id, R"({"name":")" + std::string(name) + R"(","host_id":")" + kGone + "\"}");
   }
   void PutRun(std::uint64_t incarnation, bool saved = false) {
-    guests::Run run;
+    records::Run run;
     run.host_id = kGone;
     run.incarnation = incarnation;
     run.saved = saved;
-    Put(RunKey(kGuest), RunText(run));
-    Put(cluster::LiveStateKey(kGuest), saved ? "\"guest_saved\"" : "\"guest_running\"");
-    Put(cluster::LiveRecordKey(kGuest),
+    Put(records::RunKey(kGuest), records::SerializeRun(run));
+    Put(records::LiveStateKey(kGuest), saved ? "\"guest_saved\"" : "\"guest_running\"");
+    Put(records::LiveRecordKey(kGuest),
         R"({"host_id":")" + std::string(kGone) + R"(","sequences":{"x":{"epoch":1,"counter":2}}})");
-  }
-  void Put(const std::string& key, const std::string& text) {
-    (void)Require(host_.store().Commit({{}, {{key, text}}}));
   }
   // Null: absent.
   Json::Value Get(const std::string& key) {
@@ -68,9 +63,8 @@ class GuestRecovery : public testing::Test {
     return value ? Require(ParseJson(value->text)) : Json::Value();
   }
   Json::Value Guest(const char* id) { return Get(store::MakeKey({"dash", "guest", id, "object"})); }
-  store::Revision Revision() { return Require(host_.store().Read())->revision(); }
 
-  static RecoverRequest Request(MachineIs machine = MachineIs::kConfirmedOff) {
+  static RecoverRequest Request(MachineState machine = MachineState::kConfirmedOff) {
     RecoverRequest request;
     request.guest_id = kGuest;
     request.machine = machine;
@@ -79,88 +73,82 @@ class GuestRecovery : public testing::Test {
   }
   // Refused with the code and the sentence, and nothing has changed.
   void ExpectRefused(const RecoverRequest& request, int code, const std::string& reason) {
-    const store::Revision before = Revision();
-    const Refused refused = RecoverGuest(host_.store(), request);
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, reason);
-    EXPECT_EQ(Revision(), before);
+    RecordTest::ExpectRefused([&] { return RecoverGuest(host_.store(), request); }, code, reason);
   }
-
-  test::TestHost host_;
 };
 
-TEST_F(GuestRecovery, ConfirmedGuest_IsOffAndFenced) {
-  const Refused refused = RecoverGuest(host_.store(), Request());
-  ASSERT_FALSE(refused) << refused->reason;
-  EXPECT_TRUE(Get(RunKey(kGuest)).isNull());
-  EXPECT_EQ(Get(cluster::LiveStateKey(kGuest)), Json::Value(states::shutdown));
+TEST_F(GuestRecovery, Recover_Confirmed_GuestIsOffAndFenced) {
+  const auto refused = RecoverGuest(host_.store(), Request());
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
+  EXPECT_TRUE(Get(records::RunKey(kGuest)).isNull());
+  EXPECT_EQ(Get(records::LiveStateKey(kGuest)), Json::Value(states::shutdown));
   EXPECT_FALSE(Guest(kGuest).isMember("host_id"));
   EXPECT_EQ(Guest(kGuest)["name"], Json::Value("web-1"));
-  EXPECT_EQ(Get(cluster::HostClaimKey(kGone))["incarnation"], Json::Value(8));
-  EXPECT_EQ(Get(cluster::HostClaimKey(kGone))["token"], Json::Value("t")) << "the host can renew it";
-  const Json::Value note = Get(cluster::FenceKey(kGone, kGuest));
+  EXPECT_EQ(Get(records::HostClaimKey(kGone))["incarnation"], Json::Value(8));
+  EXPECT_EQ(Get(records::HostClaimKey(kGone))["token"], Json::Value("t")) << "the host can renew it";
+  const Json::Value note = Get(records::FenceKey(kGone, kGuest));
   EXPECT_EQ(note["by"], Json::Value("alice"));
   EXPECT_EQ(note["incarnation"], Json::Value(8));
-  EXPECT_EQ(Get(UndefineKey(kGone, kGuest)), Json::Value(true)) << "its definition would start with the machine";
-  EXPECT_TRUE(Get(cluster::LiveRecordKey(kGuest)).isMember("sequences"));
+  EXPECT_EQ(Get(records::UndefineKey(kGone, kGuest)), Json::Value(true))
+      << "its definition would start with the machine";
+  EXPECT_TRUE(Get(records::LiveRecordKey(kGuest)).isMember("sequences"));
   Json::Value conf;
   ASSERT_EQ(vgConfGet(kGuest, conf), 0);
   EXPECT_EQ(conf["shutdownreasonvalue"], Json::Value(10));
   EXPECT_EQ(conf["is_forced_shutdown"], Json::Value(true));
 }
 
-TEST_F(GuestRecovery, Destination_BecomesTheGuestsHost) {
+TEST_F(GuestRecovery, Recover_DestinationGiven_BecomesGuestsHost) {
   RecoverRequest request = Request();
   request.to_host_id = kAlive;
-  EXPECT_FALSE(RecoverGuest(host_.store(), request));
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
   EXPECT_EQ(Guest(kGuest)["host_id"], Json::Value(kAlive));
 }
 
-TEST_F(GuestRecovery, WithoutConfirmation_IsRefused) {
-  ExpectRefused(Request(MachineIs::kUnknown), 972,
-                "The guest's machine may still run on the host 'beta', and two machines on the same disks destroy "
-                "them: make sure that the host's machine is off, and confirm it");
+TEST_F(GuestRecovery, Recover_NotConfirmed_IsRefused) {
+  ExpectRefused(Request(MachineState::kUnknown), 972,
+                "The guest may still be running on the host 'beta', and a guest that runs twice destroys its disks. "
+                "Make sure that the host's machine is off, and confirm it");
 }
 
 TEST_F(GuestRecovery, Recover_HostMachineRestarted_NeedsNoConfirmation) {
   PutRun(4);  // before the claim's "booted", 5
-  EXPECT_FALSE(RecoverGuest(host_.store(), Request(MachineIs::kUnknown)));
+  EXPECT_TRUE(RecoverGuest(host_.store(), Request(MachineState::kUnknown)).ok());
 }
 
-TEST_F(GuestRecovery, ImportedGuestMayHaveStartedWithItsHost_SoNothingIsProved) {
+TEST_F(GuestRecovery, Recover_ImportedGuestHostRestarted_NeedsConfirmation) {
   PutRun(4);
-  Put(DomainKey(kGuest), "{}");
-  EXPECT_EQ(RecoverGuest(host_.store(), Request(MachineIs::kUnknown))->code, 972);
+  Put(records::DomainKey(kGuest), "{}");
+  EXPECT_EQ(RecoverGuest(host_.store(), Request(MachineState::kUnknown)).error().code, 972);
 }
 
-TEST_F(GuestRecovery, RunOfAnOlderVersion_ProvesNothing) {
+TEST_F(GuestRecovery, Recover_RunWithoutIncarnation_NeedsConfirmation) {
   PutRun(0);
-  EXPECT_EQ(RecoverGuest(host_.store(), Request(MachineIs::kUnknown))->code, 972);
+  EXPECT_EQ(RecoverGuest(host_.store(), Request(MachineState::kUnknown)).error().code, 972);
 }
 
 TEST_F(GuestRecovery, Recover_HostAlive_KeepsItsGuest) {
   PutHost(kGone, "beta", seconds(1));
-  ExpectRefused(Request(), 971, "The host 'beta' gives signs of life: use it to shut down or power off the guest");
+  ExpectRefused(Request(), 971, "The host 'beta' is alive. Use it to shut down or power off the guest");
 }
 
-TEST_F(GuestRecovery, ThisHostItself_IsAlive) {
-  guests::Run run;
-  run.host_id = cluster::CurrentEnvironment()->host_id;
-  Put(RunKey(kGuest), RunText(run));
-  EXPECT_EQ(RecoverGuest(host_.store(), Request())->code, 971);
+TEST_F(GuestRecovery, Recover_GuestOfThisHost_IsRefused) {
+  records::Run run;
+  run.host_id = records::CurrentEnvironment()->host_id;
+  Put(records::RunKey(kGuest), records::SerializeRun(run));
+  EXPECT_EQ(RecoverGuest(host_.store(), Request()).error().code, 971);
 }
 
-TEST_F(GuestRecovery, SavedMemory_IsLostWithConsentOnly) {
+TEST_F(GuestRecovery, Recover_SavedMemory_NeedsConsent) {
   PutRun(6, true);
   ExpectRefused(Request(), 974,
-                "The guest's saved memory is on the host 'beta' and would be lost: confirm that it is to be discarded");
-  RecoverRequest request = Request(MachineIs::kUnknown);
+                "The guest's saved memory is on the host 'beta' and would be lost. Confirm that it may be discarded");
+  RecoverRequest request = Request(MachineState::kUnknown);
   request.saved = SavedMemory::kDiscard;
-  EXPECT_FALSE(RecoverGuest(host_.store(), request)) << "a guest that is saved runs nowhere";
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok()) << "a guest that is saved runs nowhere";
 }
 
-TEST_F(GuestRecovery, ImpossibleRequests_AreRefused) {
+TEST_F(GuestRecovery, Recover_InvalidRequest_IsRefused) {
   RecoverRequest request = Request();
   request.guest_id = kOff;
   ExpectRefused(request, 403, "There is no guest '" + std::string(kOff) + "'");
@@ -172,33 +160,33 @@ TEST_F(GuestRecovery, ImpossibleRequests_AreRefused) {
   host_.PutText("guest", kOff, R"({"name":"off"})");
   request = Request();
   request.guest_id = kOff;
-  ExpectRefused(request, 911, "The guest has no host that it could be taken from");
+  ExpectRefused(request, 911, "The guest has no host from which it could be taken");
   host_.PutText("guest", kOff, "[");
-  EXPECT_EQ(RecoverGuest(host_.store(), request)->code, 403);
+  EXPECT_EQ(RecoverGuest(host_.store(), request).error().code, 403);
 }
 
-TEST_F(GuestRecovery, GuestThatWasOff_LosesItsHostWithoutConfirmation) {
+TEST_F(GuestRecovery, Recover_GuestOff_NeedsNoConfirmation) {
   PutGuest(kOff, "off");
-  RecoverRequest request = Request(MachineIs::kUnknown);
+  RecoverRequest request = Request(MachineState::kUnknown);
   request.guest_id = kOff;
-  EXPECT_FALSE(RecoverGuest(host_.store(), request));
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
   EXPECT_FALSE(Guest(kOff).isMember("host_id"));
-  EXPECT_FALSE(Get(cluster::FenceKey(kGone, kOff)).isNull()) << "the host may have started it, unheard";
+  EXPECT_FALSE(Get(records::FenceKey(kGone, kOff)).isNull()) << "the host may have started it, unheard";
 }
 
 TEST_F(GuestRecovery, Recover_HostWithoutRecords_CountsAsNeverPresent) {
-  guests::Run run;
+  records::Run run;
   run.host_id = "a-host-of-an-import";
-  Put(RunKey(kGuest), RunText(run));
-  EXPECT_FALSE(RecoverGuest(host_.store(), Request()));
+  Put(records::RunKey(kGuest), records::SerializeRun(run));
+  EXPECT_TRUE(RecoverGuest(host_.store(), Request()).ok());
 }
 
-TEST_F(GuestRecovery, FullDisk_ChangesNothing) {
+TEST_F(GuestRecovery, Recover_DiskFull_ChangesNothing) {
   host_.store().FailCommits();
-  const Refused refused = RecoverGuest(host_.store(), Request());
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, 901);
-  EXPECT_FALSE(Get(RunKey(kGuest)).isNull());
+  const auto refused = RecoverGuest(host_.store(), Request());
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 901);
+  EXPECT_FALSE(Get(records::RunKey(kGuest)).isNull());
 }
 
 class HostRemoval : public GuestRecovery {
@@ -206,52 +194,48 @@ class HostRemoval : public GuestRecovery {
   static ForgetRequest Forgetting(GuestsOfHost guests = GuestsOfHost::kKeep) {
     ForgetRequest request;
     request.host_id = kGone;
-    request.machine = MachineIs::kConfirmedOff;
+    request.machine = MachineState::kConfirmedOff;
     request.guests = guests;
     request.user = "alice";
     return request;
   }
   void ExpectNotForgotten(const ForgetRequest& request, int code, const std::string& reason) {
-    const store::Revision before = Revision();
-    const Refused refused = ForgetHost(host_.store(), request);
-    ASSERT_TRUE(refused) << reason;
-    EXPECT_EQ(refused->code, code);
-    EXPECT_EQ(refused->reason, reason);
-    EXPECT_EQ(Revision(), before);
+    RecordTest::ExpectRefused([&] { return ForgetHost(host_.store(), request); }, code, reason);
   }
 };
 
-TEST_F(HostRemoval, HostWithGuests_IsKept) {
+TEST_F(HostRemoval, Remove_HostWithGuests_IsRefused) {
   ExpectNotForgotten(Forgetting(), 973,
                      "The host has guests that ran on it, or their saved memory: 'web-1'. Recover them first");
 }
 
-TEST_F(HostRemoval, Host_GoesWithItsGuests) {
+TEST_F(HostRemoval, Remove_HostWithGuestsToRecover_RemovesHostAndRecoversGuests) {
   PutGuest(kOff, "off");
   Put(store::MakeKey({"dash", "host", kGone, "nics", "nic-1"}), R"({"name":"eth0"})");
-  const Refused refused = ForgetHost(host_.store(), Forgetting(GuestsOfHost::kRecover));
-  ASSERT_FALSE(refused) << refused->reason;
+  const auto refused = ForgetHost(host_.store(), Forgetting(GuestsOfHost::kRecover));
+  ASSERT_TRUE(refused.ok()) << refused.error().reason;
   const auto snapshot = Require(host_.store().Read());
   EXPECT_EQ(Require(snapshot->Children(store::MakeKey({"dash", "host"}))), std::vector<std::string>{kAlive});
-  EXPECT_TRUE(Get(RunKey(kGuest)).isNull());
+  EXPECT_TRUE(Get(records::RunKey(kGuest)).isNull());
   EXPECT_FALSE(Guest(kGuest).isMember("host_id"));
   EXPECT_FALSE(Guest(kOff).isMember("host_id"));
-  const Json::Value claim = Get(cluster::HostClaimKey(kGone));
-  EXPECT_TRUE(cluster::IsForgotten(claim));
+  const Json::Value claim = Get(records::HostClaimKey(kGone));
+  EXPECT_TRUE(records::IsForgotten(claim));
   EXPECT_EQ(claim["forgotten"]["by"], Json::Value("alice"));
-  EXPECT_TRUE(Require(cluster::LifeOf(kGone)).is_gone);
+  EXPECT_TRUE(Require(records::LivenessOf(Require(records::Reader::Open(host_.store())), kGone)).is_gone);
 }
 
-TEST_F(HostRemoval, WrongRequests_AreRefused) {
+TEST_F(HostRemoval, Remove_InvalidRequest_IsRefused) {
   ForgetRequest request = Forgetting();
-  request.machine = MachineIs::kUnknown;
-  ExpectNotForgotten(request, 972,
-                     "The machine of the host 'beta' may still run guests: make sure that it is off, and confirm it");
+  request.machine = MachineState::kUnknown;
+  ExpectNotForgotten(
+      request, 972,
+      "Guests may still be running on the host 'beta'. Make sure that its machine is off, and confirm it");
   request = Forgetting();
   request.host_id = kAlive;
-  EXPECT_EQ(ForgetHost(host_.store(), request)->code, 971);
-  request.host_id = cluster::CurrentEnvironment()->host_id;
-  ExpectNotForgotten(request, 971, "This is the host that you are asking");
+  EXPECT_EQ(ForgetHost(host_.store(), request).error().code, 971);
+  request.host_id = records::CurrentEnvironment()->host_id;
+  ExpectNotForgotten(request, 971, "This is the host that received the request");
   request.host_id = "no-such-host";
   ExpectNotForgotten(request, 403, "There is no host 'no-such-host'");
 }

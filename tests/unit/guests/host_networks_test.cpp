@@ -18,7 +18,7 @@ class Networks : public testing::Test {
   test::TempDir folder_;
 };
 
-TEST_F(Networks, BridgesOfTheKernel_AreThere) {
+TEST_F(Networks, HostNetworks_KernelBridges_Exist) {
   MakeFolder("/sys/class/net/br0/bridge");
   MakeFolder("/sys/class/net/eth0/device");
   EXPECT_TRUE(Has("br0"));
@@ -38,7 +38,7 @@ TEST_F(Networks, HostNetworks_BridgeThroughSymlink_Exists) {
   EXPECT_FALSE(Has("ovs_gone"));
 }
 
-TEST_F(Networks, BridgesOfTheVirtualSwitch_AreThoseWithItsName) {
+TEST_F(Networks, HostNetworks_SwitchBridges_AreFoundByName) {
   MakeFolder("/sys/class/net/ovs_lan");
   MakeFolder("/sys/class/net/ovs_card/device");
   MakeFolder("/sys/class/net/tap0");

@@ -1,21 +1,16 @@
 // What one commit of an import writes.
 #include "host/guests/import/import_records.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "host/base/json_parse.h"
+#include "tests/support/matchers.h"
 
 namespace vexa::guests {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::Pair;
-using ::testing::SizeIs;
-using ::testing::UnorderedElementsAre;
-
-hypervisor::ImportedGuest TwoDisksOneNic() {
-  hypervisor::ImportedGuest guest;
+domain_xml::ImportedGuest TwoDisksOneNic() {
+  domain_xml::ImportedGuest guest;
   guest.id = "g";
   guest.guest["name"] = "web ü";
   guest.guest["autorun"] = 0;
@@ -39,7 +34,7 @@ std::vector<std::pair<std::string, std::string>> Operations(const store::Transac
   return result;
 }
 
-TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
+TEST(ImportTransaction, Transaction_NewGuest_RequiresThatNoneExists) {
   const store::Transaction transaction = MakeImportTransaction(TwoDisksOneNic(), {"<domain/>", true}, {});
   ASSERT_THAT(transaction.compares, SizeIs(6));
   EXPECT_EQ(transaction.compares[0].key, "/dash/guest/g/object");
@@ -59,7 +54,7 @@ TEST(ImportTransaction, NewGuest_IsWrittenOnlyWhereNoneIs) {
                   Pair("/dash/vnic/n1/object", "{}")));
 }
 
-TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoesNotSay) {
+TEST(ImportTransaction, Transaction_ReplacedGuest_RemovesUnusedPartsAndKeepsSettingsNotInXml) {
   StoredGuest stored;
   stored.revision = 7;
   stored.live_revision = 9;
@@ -91,7 +86,7 @@ TEST(ImportTransaction, ReplacedGuest_LosesWhatItNoLongerUsesAndKeepsWhatXmlDoes
           Pair("/dash/vdisk/d3/object", "-"), Pair("/dash/vnic/n1/object", "{}"), Pair("/dash/vnic/n2/object", "-")));
 }
 
-TEST(ImportTransaction, StoredRecordOfOddTypes_DeletesNothing) {
+TEST(ImportTransaction, Transaction_StoredRecordOfWrongTypes_DeletesNothing) {
   for (const char* text : {"null", "[]", "5", R"({"vdisks":{"a":1},"vnics":"n"})"}) {
     StoredGuest stored;
     stored.revision = 3;

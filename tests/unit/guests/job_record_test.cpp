@@ -1,14 +1,14 @@
-// The records of unfinished jobs: their texts stay as they are, since a host finishes what an older version has begun.
+// The records of unfinished jobs: their format is stable, since a host finishes jobs that an older version began.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/guests/jobs/begun_jobs.h"
 #include "host/guests/jobs/deletion_record.h"
 #include "host/guests/jobs/edit_record.h"
 #include "host/guests/jobs/guest_locks.h"
+#include "host/guests/jobs/unfinished_jobs.h"
 #include "host/records/run_record.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/unit/guests/guest_deletion_ground.h"
+#include "tests/unit/guests/guest_deletion_environment.h"
 
 namespace vexa::test {
 namespace {
@@ -19,7 +19,6 @@ using guests::JobStage;
 using guests::kDeletionKind;
 using guests::kEditKind;
 using guests::StoredJob;
-using testing::ElementsAre;
 
 constexpr char kUuid[] = "d0000000-0000-4000-8000-000000000000";
 
@@ -42,7 +41,7 @@ std::string DeletionWith(const std::string& files, const std::string& stage = "h
 
 class JobRecords : public testing::Test {
  protected:
-  JobRecords() : store_(ground_.OpenStore()) { ClearCapturedSyslog(); }
+  JobRecords() : store_(environment_.OpenStore()) { ClearCapturedSyslog(); }
 
   // As the store has it.
   std::optional<StoredJob> Stored(const JobKind& kind, const std::string& text) {
@@ -51,11 +50,17 @@ class JobRecords : public testing::Test {
   }
   std::optional<JobRecord> Parse(const JobKind& kind, const std::string& text) { return Stored(kind, text)->record; }
 
-  const DeletionGround ground_;
+  // Of other jobs; "" when they may begin.
+  std::string ReasonOfRefusal() const {
+    const auto free = guests::CheckNoUnfinishedJob(*store_, kGuest);
+    return free.ok() ? "" : free.error().reason;
+  }
+
+  const DeletionEnvironment environment_;
   const std::shared_ptr<FaultyStore> store_;
 };
 
-TEST_F(JobRecords, Edit_IsReadAndWrittenWithTheSameText) {
+TEST_F(JobRecords, EditRecord_ReadAndWritten_IsSameText) {
   const std::string text = EditWith("\"/i/" + std::string(kUuid) + ".qcow2\",\"/i/" + kUuid + ".raw\"",
                                     HiddenText("/i/c.img", 0) + "," + HiddenText("/i/d.img", 11),
                                     R"({"from":1048576,"path":"/i/a.raw","to":2097152},)"
@@ -64,29 +69,29 @@ TEST_F(JobRecords, Edit_IsReadAndWrittenWithTheSameText) {
   const std::optional<JobRecord> record = Parse(kEditKind, text);
   ASSERT_TRUE(record);
   EXPECT_EQ(record->host_id, kThisHost);
-  EXPECT_EQ(record->stage, JobStage::kDoing);
+  EXPECT_EQ(record->stage, JobStage::kChanging);
   EXPECT_EQ(record->files.made.size(), 2u);
   ASSERT_EQ(record->files.hidden.size(), 2u);
   EXPECT_EQ(record->files.hidden[1].path, "/i/d.img");
   ASSERT_EQ(record->files.grown.size(), 2u);
   EXPECT_EQ(record->files.grown[0].to_length, 2097152u);
-  EXPECT_EQ(record->files.grown[1].to_head.size(), 16u);
+  EXPECT_EQ(record->files.grown[1].to_header.size(), 16u);
   EXPECT_EQ(record->files.storage.size(), 1u);
-  EXPECT_EQ(guests::JobText(kEditKind, *record), text);
+  EXPECT_EQ(guests::SerializeJob(kEditKind, *record), text);
 }
 
-TEST_F(JobRecords, Deletion_IsReadAndWrittenWithTheSameText) {
+TEST_F(JobRecords, DeletionRecord_ReadAndWritten_IsSameText) {
   const std::string text = DeletionWith(HiddenText("/i/c.img", 0) + "," + HiddenText("/i/d.img", 16384));
   const std::optional<JobRecord> record = Parse(kDeletionKind, text);
   ASSERT_TRUE(record);
-  EXPECT_EQ(record->stage, JobStage::kDoing);
+  EXPECT_EQ(record->stage, JobStage::kChanging);
   EXPECT_EQ(record->files.hidden.size(), 2u);
   EXPECT_EQ(record->files.repository_id, "r");
-  EXPECT_EQ(guests::JobText(kDeletionKind, *record), text);
+  EXPECT_EQ(guests::SerializeJob(kDeletionKind, *record), text);
 }
 
 // Older versions wrote neither "repository_id" nor "storage".
-TEST_F(JobRecords, RecordWithoutStorage_IsReadAndWrittenWithTheSameText) {
+TEST_F(JobRecords, RecordWithoutStorage_ReadAndWritten_IsSameText) {
   const std::string rest = R"("request_id":"","since":1,"stage":"purging","user":"bob"})";
   const std::string edit = R"({"grown":[],"hidden":[],"host_id":"far","made":[],)" + rest;
   const std::string deletion = R"({"files":[],"host_id":"far",)" + rest;
@@ -94,11 +99,11 @@ TEST_F(JobRecords, RecordWithoutStorage_IsReadAndWrittenWithTheSameText) {
     const std::optional<JobRecord> record = Parse(*kind, text);
     ASSERT_TRUE(record) << text;
     EXPECT_EQ(record->stage, JobStage::kPurging);
-    EXPECT_EQ(guests::JobText(*kind, *record), text);
+    EXPECT_EQ(guests::SerializeJob(*kind, *record), text);
   }
 }
 
-TEST_F(JobRecords, FileThatMustNotBeTouched_MakesTheRecordDamaged) {
+TEST_F(JobRecords, Record_FileOutsideItsLimits_IsDamaged) {
   const std::string other = "bbbbbbbb-bbbb-4bbb-8bbb-bbbbbbbbbbbb";
   const struct {
     const JobKind& kind;
@@ -125,48 +130,46 @@ TEST_F(JobRecords, FileThatMustNotBeTouched_MakesTheRecordDamaged) {
   for (const auto& [kind, text] : rows) EXPECT_FALSE(Parse(kind, text)) << text;
 }
 
-TEST_F(JobRecords, RefusalOfOthers_NamesTheUserOrTheHost) {
+TEST_F(JobRecords, Refusal_GuestBusy_NamesUserOrHost) {
   (void)Stored(kEditKind, EditWith("", "", ""));
-  EXPECT_EQ(guests::JobUnderWay(*store_, kGuest)->reason,
-            "The guest is being edited by 'alice' since 2023-11-14T22:13:20Z");
+  EXPECT_EQ(ReasonOfRefusal(), "The guest is being edited (started by 'alice' at 2023-11-14T22:13:20Z)");
   (void)Stored(kDeletionKind, R"({"files":[],"host_id":"far","since":1700000000,"stage":"hiding"})");
-  EXPECT_EQ(guests::JobUnderWay(*store_, kGuest)->reason,
-            "The guest is being deleted by the host 'far' since 2023-11-14T22:13:20Z");
+  EXPECT_EQ(ReasonOfRefusal(), "The guest is being deleted (started by the host 'far' at 2023-11-14T22:13:20Z)");
   (void)Stored(kDeletionKind, "[");
-  EXPECT_EQ(guests::JobUnderWay(*store_, kGuest)->reason,
-            "The guest is being deleted, and the record of it is damaged");
+  EXPECT_EQ(ReasonOfRefusal(), "The guest is being deleted, but the record of the deletion is damaged");
 }
 
-TEST_F(JobRecords, FinishJobs_ResumesThoseOfThisHost_AndLogsWhatItCannot) {
+TEST_F(JobRecords, FinishJobs_OwnJobs_AreResumedAndFailuresLogged) {
   const std::string far = R"({"files":[],"host_id":"far","stage":"hiding"})";
-  PutText(*store_, guests::DeletionKey("a"), DeletionWith(""));
-  PutText(*store_, guests::DeletionKey("b"), far);
-  PutText(*store_, guests::DeletionKey("c"), "[");
-  PutText(*store_, guests::DeletionKey("d"), DeletionWith("", "purging"));
-  EXPECT_THAT(guests::BegunJobs(*store_, kDeletionKind, kThisHost), ElementsAre("a", "d"));
-  EXPECT_THAT(guests::BegunJobs(*store_, kEditKind, kThisHost), ElementsAre());
+  PutText(*store_, records::DeletionKey("a"), DeletionWith(""));
+  PutText(*store_, records::DeletionKey("b"), far);
+  PutText(*store_, records::DeletionKey("c"), "[");
+  PutText(*store_, records::DeletionKey("d"), DeletionWith("", "purging"));
+  EXPECT_THAT(guests::UnfinishedJobs(*store_, kDeletionKind, kThisHost), ElementsAre("a", "d"));
+  EXPECT_THAT(guests::UnfinishedJobs(*store_, kEditKind, kThisHost), ElementsAre());
   std::vector<std::string> resumed;
   guests::FinishJobs(*store_, kDeletionKind, kThisHost, [&](const std::string& guest_id, const StoredJob& begun) {
     resumed.push_back(guest_id);
-    if (begun.record->stage == JobStage::kPurging) return guests::Refused();
-    return guests::Refused({guests::kBusy, "not now"});
+    if (begun.record->stage == JobStage::kPurging) return Result<void, Refusal>();
+    return Result<void, Refusal>({host_error::kBusy, "not now"});
   });
   EXPECT_THAT(resumed, ElementsAre("a", "d"));
   ASSERT_EQ(CapturedSyslog().size(), 2u);
-  EXPECT_TRUE(SyslogContains("The deletion of guest[a] that was begun is not finished: not now"));
-  EXPECT_TRUE(SyslogContains(
-      "The deletion of guest[c] that was begun is not finished: the record of it is damaged and is left as it is"));
+  EXPECT_TRUE(SyslogContains("The deletion of guest[a] that was started earlier is not finished: not now"));
+  EXPECT_TRUE(
+      SyslogContains("The deletion of guest[c] that was started earlier is not finished: the record of it is damaged "
+                     "and was left unchanged"));
 }
 
 TEST_F(JobRecords, FinishJobs_StoreCannotBeRead_IsLogged) {
   store_->FailSnapshots();
   guests::FinishJobs(*store_, kEditKind, kThisHost,
-                     [](const std::string& guest_id, const StoredJob&) -> guests::Refused {
+                     [](const std::string& guest_id, const StoredJob&) -> Result<void, Refusal> {
                        ADD_FAILURE() << guest_id;
-                       return std::nullopt;
+                       return {};
                      });
-  EXPECT_TRUE(SyslogContains("Edits that were begun cannot be finished: "));
-  EXPECT_THAT(guests::BegunJobs(*store_, kEditKind, kThisHost), ElementsAre());
+  EXPECT_TRUE(SyslogContains("Unfinished edits cannot be completed: "));
+  EXPECT_THAT(guests::UnfinishedJobs(*store_, kEditKind, kThisHost), ElementsAre());
 }
 
 }  // namespace

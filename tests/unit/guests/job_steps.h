@@ -20,16 +20,16 @@ inline std::function<void(std::string_view)> OnceAt(std::string step, std::funct
   };
 }
 
-enum class End { kKilled, kThrough, kFailed };
+enum class End { kKilled, kCompleted, kFailed };
 
-// Runs `act` with the options of `ground` in a process of its own, which opens the store itself and is killed right
-// before its step number `last_step`, counted from 0. `act` returns whether it went well. This process must not have
-// the store open.
-template <class Ground, class Act>
-End RunUntil(const Ground& ground, int last_step, const Act& act) {
+// Runs `act` with the options of `environment` in a process of its own, which opens the store itself and is killed
+// right before its step number `last_step`, counted from 0. `act` returns whether it went well. This process must not
+// have the store open.
+template <class Environment, class Act>
+End RunUntil(const Environment& environment, int last_step, const Act& act) {
   const pid_t child = ::fork();
   if (child == 0) {
-    auto options = ground.Options(ground.OpenStore());
+    auto options = environment.Options(environment.OpenStore());
     int step = 0;
     options.before_step = [&step, last_step](std::string_view) {
       if (step++ == last_step) ::kill(::getpid(), SIGKILL);
@@ -40,7 +40,7 @@ End RunUntil(const Ground& ground, int last_step, const Act& act) {
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return End::kKilled;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? End::kThrough : End::kFailed;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? End::kCompleted : End::kFailed;
 }
 
 }  // namespace vexa::test

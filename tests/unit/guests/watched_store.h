@@ -20,21 +20,21 @@ class WatchedStore : public store::Store {
   explicit WatchedStore(std::shared_ptr<store::Store> real) : real_(std::move(real)) {}
 
   // For the hooks of what is slow: fails the test while a snapshot is open, or while commits that try again wait. Then
-  // a guest of somebody else changes, as it may at any time.
+  // an unrelated guest changes, as it may at any time.
   void ExpectQuiet(std::string_view where) {
     ++asked_;
     EXPECT_EQ(open_, 0) << where << ": a snapshot is open";
     bool is_free = false;
     std::thread([&] {
-      is_free = cluster::RetryMutex().try_lock();
-      if (is_free) cluster::RetryMutex().unlock();
+      is_free = records::RetryMutex().TryLock();
+      if (is_free) records::RetryMutex().Unlock();
     }).join();
     EXPECT_TRUE(is_free) << where << ": others' commits wait";
     EXPECT_TRUE(real_->Commit({{}, {{"/somebody", "1"}}}));
   }
   int asked() const { return asked_; }
 
-  // Of the next `times` commits each is a conflict, before which somebody else does `meanwhile`.
+  // Each of the next `times` commits is a conflict, and calls `meanwhile` first, as a concurrent writer.
   void Conflict(int times, std::function<void()> meanwhile = nullptr) {
     conflicts_ = times;
     meanwhile_ = std::move(meanwhile);

@@ -4,11 +4,11 @@
 
 #include <string>
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
 constexpr std::size_t kBodyLimit = 1000;
-const std::string kChunkedHead = "POST / HTTP/1.1\r\nHost: nas\r\nCookie: id=1\r\nTransfer-Encoding: chunked\r\n\r\n";
+const std::string kChunkedHeader = "POST / HTTP/1.1\r\nHost: nas\r\nCookie: id=1\r\nTransfer-Encoding: chunked\r\n\r\n";
 
 struct Outcome {
   int status = 0;
@@ -34,9 +34,9 @@ Outcome Feed(RequestParser& parser, const std::string& bytes, std::size_t piece)
 
 class Chunks : public testing::TestWithParam<std::size_t> {};
 
-TEST_P(Chunks, WithExtensionsAndTrailers_GiveTheBodyOnly) {
+TEST_P(Chunks, Chunks_ExtensionsAndTrailers_AreNotPartOfBody) {
   RequestParser parser(kBodyLimit);
-  ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+  ASSERT_EQ(parser.ParseHeader(kChunkedHeader), 0);
   ASSERT_TRUE(parser.expects_body());
   const Outcome outcome = Feed(parser,
                                "5;a=b\r\nhello\r\n6\r\n world\r\n0\r\nAuthorization: stolen\r\nCookie: id=2\r\n"
@@ -53,23 +53,23 @@ TEST_P(Chunks, WithExtensionsAndTrailers_GiveTheBodyOnly) {
 
 TEST(RequestParser, Fields_OfRequestsBetweenHosts_AreUnchanged) {
   RequestParser parser(kBodyLimit);
-  ASSERT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nx-vexa-ACTS-for:  a%20b \r\n"
-                             "X-Vexa-Request-Id: 0123\r\nContent-Length: 0\r\n\r\n"),
+  ASSERT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nx-vexa-ACTS-for:  a%20b \r\n"
+                               "X-Vexa-Request-Id: 0123\r\nContent-Length: 0\r\n\r\n"),
             0);
   EXPECT_EQ(parser.request().acts_for, "a%20b");
   EXPECT_EQ(parser.request().caller_request_id, "0123");
 }
 
-TEST_P(Chunks, TrailerThatAsksToClose_ChangesNothing) {
+TEST_P(Chunks, Chunks_ConnectionCloseInTrailer_IsIgnored) {
   RequestParser parser(kBodyLimit);
-  ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+  ASSERT_EQ(parser.ParseHeader(kChunkedHeader), 0);
   EXPECT_TRUE(Feed(parser, "0\r\nConnection: close\r\n\r\n", GetParam()).done);
   EXPECT_TRUE(parser.keep_alive());
 }
 
-TEST_P(Chunks, AboveTheLimitInSum_AreRefused) {
+TEST_P(Chunks, Chunks_SumAboveLimit_IsRefused) {
   RequestParser parser(kBodyLimit);
-  ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+  ASSERT_EQ(parser.ParseHeader(kChunkedHeader), 0);
   std::string bytes;
   for (int i = 0; i < 101; ++i) bytes += "a\r\n0123456789\r\n";
   EXPECT_EQ(Feed(parser, bytes, GetParam()).status, 413);
@@ -81,7 +81,7 @@ TEST_P(Chunks, BadSyntax_IsRefused) {
                           "5\nhello\r\n0\r\n\r\n", "5 5\r\nhello\r\n", ";a\r\n", "fffffffffffffffff\r\n",
                           "5;\x01=a\r\nhello\r\n", "0\r\nContent-Length: 3\r\n\r\n", "0\r\nno colon\r\n\r\n"}) {
     RequestParser parser(kBodyLimit);
-    ASSERT_EQ(parser.ParseHead(kChunkedHead), 0);
+    ASSERT_EQ(parser.ParseHeader(kChunkedHeader), 0);
     const Outcome outcome = Feed(parser, std::string(bad) + "\r\n\r\n", GetParam());
     EXPECT_TRUE(outcome.status == 400 || outcome.status == 413) << bad << " gave " << outcome.status;
     EXPECT_FALSE(outcome.done) << bad;
@@ -90,7 +90,7 @@ TEST_P(Chunks, BadSyntax_IsRefused) {
 
 TEST_P(Chunks, BodyWithLength_EndsAtItsLength) {
   RequestParser parser(kBodyLimit);
-  ASSERT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 5\r\n\r\n"), 0);
+  ASSERT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 5\r\n\r\n"), 0);
   const Outcome outcome = Feed(parser, "helloGET /", GetParam());
   EXPECT_TRUE(outcome.done);
   EXPECT_EQ(outcome.rest, "GET /");
@@ -99,9 +99,9 @@ TEST_P(Chunks, BodyWithLength_EndsAtItsLength) {
 
 INSTANTIATE_TEST_SUITE_P(PieceSizes, Chunks, testing::Values(1, 2, 3, 7, 100'000));
 
-TEST(RequestParser, Head_FillsTheRequest) {
+TEST(RequestParser, Header_FillsTheRequest) {
   RequestParser parser(kBodyLimit);
-  ASSERT_EQ(parser.ParseHead(
+  ASSERT_EQ(parser.ParseHeader(
                 "PUT /a?b HTTP/1.1\r\nHost: nas\r\ncontent-type:  application/json \r\nAuthorization: Bearer t\r\n"
                 "Cookie: id=1\r\nX-VEXA-csrf: c\r\nOrigin: https://nas\r\nContent-Length: 0\r\n\r\n"),
             0);
@@ -117,25 +117,25 @@ TEST(RequestParser, Head_FillsTheRequest) {
   EXPECT_TRUE(parser.keep_alive());
 }
 
-TEST(RequestParser, LengthAboveTheLimit_IsRefusedBeforeTheBody) {
+TEST(RequestParser, Parse_ContentLengthAboveLimit_IsRefusedBeforeBody) {
   RequestParser parser(kBodyLimit);
-  EXPECT_EQ(parser.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 1001\r\n\r\n"), 413);
+  EXPECT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 1001\r\n\r\n"), 413);
 }
 
 TEST(RequestParser, Expectations_OnlyContinueIsKnown) {
   RequestParser known(kBodyLimit);
-  EXPECT_EQ(known.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nExpect: 100-Continue\r\nContent-Length: 1\r\n\r\n"), 0);
+  EXPECT_EQ(known.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nExpect: 100-Continue\r\nContent-Length: 1\r\n\r\n"), 0);
   EXPECT_TRUE(known.expects_continue());
   RequestParser old(kBodyLimit);
-  EXPECT_EQ(old.ParseHead("POST / HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 1\r\n\r\n"), 0);
+  EXPECT_EQ(old.ParseHeader("POST / HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 1\r\n\r\n"), 0);
   EXPECT_FALSE(old.expects_continue());
   RequestParser unknown(kBodyLimit);
-  EXPECT_EQ(unknown.ParseHead("POST / HTTP/1.1\r\nHost: nas\r\nExpect: tea\r\nContent-Length: 1\r\n\r\n"), 417);
+  EXPECT_EQ(unknown.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nExpect: tea\r\nContent-Length: 1\r\n\r\n"), 417);
 }
 
 TEST(RequestParser, KeepAlive_FollowsVersionAndConnection) {
   const struct {
-    const char* head;
+    const char* header;
     bool keep;
   } rows[] = {
       {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", true},
@@ -146,10 +146,10 @@ TEST(RequestParser, KeepAlive_FollowsVersionAndConnection) {
   };
   for (const auto& row : rows) {
     RequestParser parser(kBodyLimit);
-    ASSERT_EQ(parser.ParseHead(row.head), 0);
-    EXPECT_EQ(parser.keep_alive(), row.keep) << row.head;
+    ASSERT_EQ(parser.ParseHeader(row.header), 0);
+    EXPECT_EQ(parser.keep_alive(), row.keep) << row.header;
   }
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::http

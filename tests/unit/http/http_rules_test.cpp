@@ -4,10 +4,10 @@
 
 #include <string>
 
-namespace vexa::daemon {
+namespace vexa::http {
 namespace {
 
-struct Head {
+struct HeaderRow {
   const char* name;
   std::string text;
   int status;
@@ -18,7 +18,7 @@ std::string Line(const std::string& request_line) { return request_line + "\r\nH
 
 const std::string kNul(1, '\0');
 
-const Head kHeads[] = {
+const HeaderRow kHeaders[] = {
     {"Plain", Line("GET / HTTP/1.1"), 0},
     {"Query", Line("GET /a?b=c%20d&e HTTP/1.1"), 0},
     {"Http10WithoutHost", "GET / HTTP/1.0\r\n\r\n", 0},
@@ -115,12 +115,12 @@ const Head kHeads[] = {
     {"BytesBehindTheEnd", Line("GET / HTTP/1.1") + "x", 400},
 };
 
-class RequestHead : public testing::TestWithParam<Head> {};
+class RequestHeader : public testing::TestWithParam<HeaderRow> {};
 
-TEST_P(RequestHead, Checked_GivesTheStatus) { EXPECT_EQ(CheckRequestHead(GetParam().text), GetParam().status); }
+TEST_P(RequestHeader, Checked_ReturnsTheStatus) { EXPECT_EQ(CheckRequestHeader(GetParam().text), GetParam().status); }
 
-INSTANTIATE_TEST_SUITE_P(All, RequestHead, testing::ValuesIn(kHeads),
-                         [](const testing::TestParamInfo<Head>& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(All, RequestHeader, testing::ValuesIn(kHeaders),
+                         [](const testing::TestParamInfo<HeaderRow>& row) { return std::string(row.param.name); });
 
 TEST(FieldValue, LineEnds_AreNotAccepted) {
   EXPECT_TRUE(IsFieldValue("a\tb \xff"));
@@ -129,4 +129,4 @@ TEST(FieldValue, LineEnds_AreNotAccepted) {
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::http

@@ -1,7 +1,6 @@
 // The hypervisor on libvirt's test driver: what only this mode can show, and what libvirt's faults become.
 #include "host/hypervisor/hypervisor.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include "host/hypervisor/libvirt_errors.h"
 #include "tests/support/guest_events.h"
 #include "tests/support/libvirt_faults.h"
+#include "tests/support/matchers.h"
 #include "tests/unit/storage/temporary_folder.h"
 
 namespace vexa::hypervisor {
@@ -23,9 +23,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr const char* kGuest = "11111111-2222-4333-8444-555555555555";
 
@@ -39,16 +36,16 @@ std::string Xml(const std::string& network = "default", int memory_mib = 64, con
 }
 
 std::unique_ptr<Hypervisor> MustOpen(HypervisorOptions options = {}) {
-  Outcome<std::unique_ptr<Hypervisor>> opened = Hypervisor::Open(std::move(options));
-  EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.failure().ToString());
+  Result<std::unique_ptr<Hypervisor>, Failure> opened = Hypervisor::Open(std::move(options));
+  EXPECT_TRUE(opened.ok()) << (opened.ok() ? "" : opened.error().ToString());
   return opened.ok() ? std::move(*opened) : nullptr;
 }
 
-std::string OpenWord(const std::string& mode, const std::string& root = "") {
+std::string OpenProblem(const std::string& mode, const std::string& root = "") {
   HypervisorOptions options;
   options.mode = mode;
   options.root = root;
-  return Word(Hypervisor::Open(std::move(options)));
+  return OutcomeName(Hypervisor::Open(std::move(options)));
 }
 
 // A hypervisor with one guest, off, and its events.
@@ -56,8 +53,8 @@ class TestMode : public ::testing::Test {
  protected:
   void SetUp() override { Open({}); }
   void TearDown() override {
-    test::LosePresses(0);
-    test::PretendXml("");
+    test::IgnoreButtonPresses(0);
+    test::FakeXml("");
   }
 
   void Open(HypervisorOptions options, const std::string& xml = Xml()) {
@@ -65,11 +62,11 @@ class TestMode : public ::testing::Test {
     events_.Listen(options);
     hypervisor_ = MustOpen(std::move(options));
     ASSERT_TRUE(hypervisor_);
-    ASSERT_EQ(Word(hypervisor_->Define(xml)), "ok");
+    ASSERT_EQ(OutcomeName(hypervisor_->Define(xml)), "ok");
   }
-  void Start() { ASSERT_EQ(Word(hypervisor_->Start(kGuest)), "ok"); }
+  void Start() { ASSERT_EQ(OutcomeName(hypervisor_->Start(kGuest)), "ok"); }
   GuestState State() {
-    const Outcome<GuestState> state = hypervisor_->StateOf(kGuest);
+    const Result<GuestState, Failure> state = hypervisor_->StateOf(kGuest);
     EXPECT_TRUE(state.ok());
     return state.ok() ? *state : GuestState::kGone;
   }
@@ -79,60 +76,60 @@ class TestMode : public ::testing::Test {
 
 // --- opening
 
-TEST(HypervisorOpen, BadOptions_AreRefused) {
-  EXPECT_EQ(OpenWord(""), "invalid");
-  EXPECT_EQ(OpenWord("kvm"), "invalid");
-  EXPECT_EQ(OpenWord("qemu:///system\n"), "invalid");
-  EXPECT_EQ(OpenWord("embed"), "invalid");
-  EXPECT_EQ(OpenWord("embed", "relative/folder"), "invalid");
+TEST(HypervisorOpen, Open_InvalidOptions_AreRefused) {
+  EXPECT_EQ(OpenProblem(""), "invalid");
+  EXPECT_EQ(OpenProblem("kvm"), "invalid");
+  EXPECT_EQ(OpenProblem("qemu:///system\n"), "invalid");
+  EXPECT_EQ(OpenProblem("embed"), "invalid");
+  EXPECT_EQ(OpenProblem("embed", "relative/folder"), "invalid");
   HypervisorOptions options;
-  options.first_retry = milliseconds(0);
-  EXPECT_EQ(Word(Hypervisor::Open(options)), "invalid");
-  options.first_retry = seconds(60);
-  EXPECT_EQ(Word(Hypervisor::Open(options)), "invalid");
+  options.initial_retry_wait = milliseconds(0);
+  EXPECT_EQ(OutcomeName(Hypervisor::Open(options)), "invalid");
+  options.initial_retry_wait = seconds(60);
+  EXPECT_EQ(OutcomeName(Hypervisor::Open(options)), "invalid");
 }
 
-TEST(HypervisorOpen, EmbedAsRootWithoutItsUser_IsDenied) {
+TEST(HypervisorOpen, Open_EmbeddedAsRootWithoutUser_IsDenied) {
   if (geteuid() != 0 || getpwnam("libvirt-qemu") != nullptr) GTEST_SKIP() << "not root, or there is such a user";
   const TemporaryFolder folder;
-  EXPECT_EQ(OpenWord("embed", folder.path()), "denied");
+  EXPECT_EQ(OpenProblem("embed", folder.path()), "denied");
 }
 
 TEST(HypervisorOpen, Open_DaemonMissing_Fails) {
   const TemporaryFolder folder;
-  EXPECT_EQ(OpenWord("test+unix:///default?socket=" + folder.Path("no.sock")), "disconnected");
-  EXPECT_EQ(OpenWord("test://" + folder.Path("no.xml")), "invalid");
+  EXPECT_EQ(OpenProblem("test+unix:///default?socket=" + folder.Path("no.sock")), "disconnected");
+  EXPECT_EQ(OpenProblem("test://" + folder.Path("no.xml")), "invalid");
 }
 
 HypervisorOptions Later(const std::string& mode) {
   HypervisorOptions options;
   options.mode = mode;
-  options.open_later = OpenLater::kWhenUnreachable;
-  options.first_retry = milliseconds(5);
-  options.last_retry = milliseconds(20);
+  options.if_unreachable = IfUnreachable::kConnectInBackground;
+  options.initial_retry_wait = milliseconds(5);
+  options.max_retry_wait = milliseconds(20);
   return options;
 }
 
-TEST(HypervisorOpen, LaterWhenTheDaemonIsNotThere_IsDisconnected) {
+TEST(HypervisorOpen, Open_LaterAndDaemonMissing_IsDisconnected) {
   const TemporaryFolder folder;
   for (const char* driver : {"test+unix:///default", "qemu+unix:///system"}) {
     const auto hypervisor = MustOpen(Later(driver + ("?socket=" + folder.Path("no.sock"))));
     ASSERT_TRUE(hypervisor);
     EXPECT_FALSE(hypervisor->IsConnected());
-    EXPECT_EQ(Word(hypervisor->List()), "disconnected");
+    EXPECT_EQ(OutcomeName(hypervisor->List()), "disconnected");
     EXPECT_EQ(hypervisor->DomainType(), "qemu");
   }
 }
 
 TEST(HypervisorOpen, Open_LaterWithInvalidOptions_Fails) {
   const TemporaryFolder folder;
-  EXPECT_EQ(Word(Hypervisor::Open(Later("test://" + folder.Path("no.xml")))), "invalid");
+  EXPECT_EQ(OutcomeName(Hypervisor::Open(Later("test://" + folder.Path("no.xml")))), "invalid");
   {
-    const test::FailingOpenings unknown({VIR_ERR_NO_CONNECT, "no connection driver available"});
-    EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "unsupported");
+    const test::FailingConnects unknown({VIR_ERR_NO_CONNECT, "no connection driver available"});
+    EXPECT_EQ(OutcomeName(Hypervisor::Open(Later("test"))), "unsupported");
   }
-  const test::FailingOpenings denied({VIR_ERR_AUTH_FAILED, "authentication failed"});
-  EXPECT_EQ(Word(Hypervisor::Open(Later("test"))), "denied");
+  const test::FailingConnects denied({VIR_ERR_AUTH_FAILED, "authentication failed"});
+  EXPECT_EQ(OutcomeName(Hypervisor::Open(Later("test"))), "denied");
 }
 
 TEST(HypervisorOpen, Open_Later_ConnectsInBackgroundAndNotifies) {
@@ -141,10 +138,10 @@ TEST(HypervisorOpen, Open_Later_ConnectsInBackgroundAndNotifies) {
   events.Listen(options);
   std::unique_ptr<Hypervisor> hypervisor;
   {
-    const test::FailingOpenings unreachable({VIR_ERR_SYSTEM_ERROR, "Failed to connect socket", ENOENT, VIR_FROM_RPC});
+    const test::FailingConnects unreachable({VIR_ERR_SYSTEM_ERROR, "Failed to connect socket", ENOENT, VIR_FROM_RPC});
     hypervisor = MustOpen(options);
     ASSERT_TRUE(hypervisor);
-    while (test::Openings() < 3) std::this_thread::sleep_for(milliseconds(5));
+    while (test::ConnectAttempts() < 3) std::this_thread::sleep_for(milliseconds(5));
     EXPECT_FALSE(hypervisor->IsConnected());
     EXPECT_EQ(events.reopenings(), 0);
     EXPECT_EQ(hypervisor->DomainType(), "qemu");
@@ -155,12 +152,12 @@ TEST(HypervisorOpen, Open_Later_ConnectsInBackgroundAndNotifies) {
   EXPECT_EQ(hypervisor->List()->size(), 1u);
 }
 
-TEST(HypervisorOpen, TestMode_IsAMachineOfItsOwnWithoutGuests) {
+TEST(HypervisorOpen, Open_TestModeTwice_AreIndependent) {
   const auto first = MustOpen();
   const auto second = MustOpen();
   ASSERT_TRUE(first && second);
   EXPECT_THAT(*first->List(), IsEmpty());
-  ASSERT_EQ(Word(first->Define(Xml())), "ok");
+  ASSERT_EQ(OutcomeName(first->Define(Xml())), "ok");
   EXPECT_EQ(first->List()->size(), 1u);
   EXPECT_THAT(*second->List(), IsEmpty());
   EXPECT_EQ(first->DomainType(), "test");
@@ -175,10 +172,10 @@ TEST(HypervisorOpen, Open_Uri_IsUsedUnchanged) {
   EXPECT_EQ((*hypervisor->List())[0].name, "test");  // the sample domain of this URI
 }
 
-TEST(HypervisorTestMode, Machine_IsThisOne) {
+TEST(HypervisorTestMode, GetNodeInfo_TestMode_IsThisMachine) {
   const auto hypervisor = MustOpen();
   ASSERT_TRUE(hypervisor);
-  const Outcome<Node> node = hypervisor->NodeFigures();
+  const Result<NodeInfo, Failure> node = hypervisor->GetNodeInfo();
   ASSERT_TRUE(node.ok());
   EXPECT_EQ(node->cpus, std::thread::hardware_concurrency());
   EXPECT_EQ(node->cores * node->threads_per_core, node->cpus);
@@ -192,52 +189,52 @@ TEST(KvmProbe, KvmWorks_NotADevice_IsFalse) {
 }
 
 TEST_F(TestMode, Networks_OfTheTestDriver_AreNamed) {
-  const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
+  const Result<std::vector<std::string>, Failure> networks = hypervisor_->Networks();
   ASSERT_TRUE(networks.ok());
   EXPECT_THAT(*networks, ElementsAre("default"));
 }
 
 TEST_F(TestMode, Networks_DriverWithoutNetworks_IsEmpty) {
   const test::FailingNetworks none({VIR_ERR_NO_SUPPORT, "this function is not supported"});
-  const Outcome<std::vector<std::string>> networks = hypervisor_->Networks();
+  const Result<std::vector<std::string>, Failure> networks = hypervisor_->Networks();
   ASSERT_TRUE(networks.ok());
   EXPECT_THAT(*networks, IsEmpty());
 }
 
 TEST_F(TestMode, Networks_CannotBeListed_Fails) {
   const test::FailingNetworks fault({VIR_ERR_INTERNAL_ERROR, "something"});
-  EXPECT_EQ(Word(hypervisor_->Networks()), "failed");
+  EXPECT_THAT(OutcomeName(hypervisor_->Networks()), testing::StartsWith("failed: "));
 }
 
 // --- power
 
 TEST_F(TestMode, ShutDown_RunningGuest_GoesOffAndIsReported) {
   Start();
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
+  EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "ok");
   EXPECT_EQ(State(), GuestState::kOff);
   EXPECT_THAT(events_.Await(kGuest, 3), ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff));
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "not_running");
+  EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "not_running");
 }
 
 TEST_F(TestMode, ShutDown_GuestOffBeforeAnswer_Succeeds) {
   Start();
-  const test::QuickPresses quick;
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
+  const test::ShutDownsBeforeReply quick;
+  EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "ok");
   EXPECT_EQ(State(), GuestState::kOff);
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "not_running");
+  EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "not_running");
 }
 
-TEST_F(TestMode, ShutDown_PressThatIsLost_IsNotRepeated) {
+TEST_F(TestMode, ShutDown_ButtonPressLost_IsNotRepeated) {
   Start();
-  test::LosePresses(1000);
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "ok");
-  EXPECT_EQ(test::Presses(), 1);
+  test::IgnoreButtonPresses(1000);
+  EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "ok");
+  EXPECT_EQ(test::ButtonPresses(), 1);
   EXPECT_EQ(State(), GuestState::kRunning);
 }
 
 TEST_F(TestMode, AddressesOf_GuestInAKnownNetwork_AreInvented) {
   Start();
-  const Outcome<std::vector<std::string>> addresses = hypervisor_->AddressesOf(kGuest);
+  const Result<std::vector<std::string>, Failure> addresses = hypervisor_->AddressesOf(kGuest);
   ASSERT_TRUE(addresses.ok());
   EXPECT_THAT(*addresses, ElementsAre(testing::StartsWith("192.168.122.")));
 }
@@ -245,19 +242,19 @@ TEST_F(TestMode, AddressesOf_GuestInAKnownNetwork_AreInvented) {
 TEST_F(TestMode, AddressesOf_GuestInUnknownNetwork_IsEmpty) {
   Open({}, Xml("nowhere"));
   Start();
-  const Outcome<std::vector<std::string>> addresses = hypervisor_->AddressesOf(kGuest);
+  const Result<std::vector<std::string>, Failure> addresses = hypervisor_->AddressesOf(kGuest);
   ASSERT_TRUE(addresses.ok());
   EXPECT_THAT(*addresses, IsEmpty());
 }
 
-TEST_F(TestMode, InterfacesOf_GuestInANetworkOfLibvirts_AreOnItsBridge) {
+TEST_F(TestMode, InterfacesOf_GuestInLibvirtNetwork_AreOnItsBridge) {
   Start();
   const auto interfaces = hypervisor_->InterfacesOf(kGuest);
-  ASSERT_TRUE(interfaces.ok()) << interfaces.failure().ToString();
+  ASSERT_TRUE(interfaces.ok()) << interfaces.error().ToString();
   ASSERT_EQ(interfaces->size(), 1U);
-  const GuestInterface& interface = interfaces->front();
+  const domain_xml::GuestInterface& interface = interfaces->front();
   EXPECT_EQ(interface.mac, "52:54:00:00:00:01");
-  EXPECT_EQ(interface.plugged_into, PluggedInto::kNetwork);
+  EXPECT_EQ(interface.attachment_kind, domain_xml::NicAttachment::kNetwork);
   EXPECT_EQ(interface.network, "default");
   EXPECT_EQ(interface.device, "virbr0");
   EXPECT_TRUE(interface.is_link_up);
@@ -273,8 +270,8 @@ TEST_F(TestMode, InterfacesOf_UnknownNetwork_HasNoDevice) {
 }
 
 TEST_F(TestMode, InterfacesOf_GuestOffOrUnknown_IsRefused) {
-  EXPECT_EQ(Word(hypervisor_->InterfacesOf(kGuest)), "not_running");
-  EXPECT_EQ(Word(hypervisor_->InterfacesOf("99999999-2222-4333-8444-555555555555")), "no_such_guest");
+  EXPECT_EQ(OutcomeName(hypervisor_->InterfacesOf(kGuest)), "not_running");
+  EXPECT_EQ(OutcomeName(hypervisor_->InterfacesOf("99999999-2222-4333-8444-555555555555")), "no_such_guest");
 }
 
 TEST_F(TestMode, HasAgent_ChannelConnected_IsTrue) {
@@ -283,11 +280,11 @@ TEST_F(TestMode, HasAgent_ChannelConnected_IsTrue) {
     return "<domain><devices><channel type='unix'><target type='virtio' name='" + name + "' state='" + state +
            "'/></channel></devices></domain>";
   };
-  test::PretendXml(channel("org.qemu.guest_agent.0", "connected"));
+  test::FakeXml(channel("org.qemu.guest_agent.0", "connected"));
   EXPECT_TRUE(*hypervisor_->HasAgent(kGuest));
-  test::PretendXml(channel("org.qemu.guest_agent.0", "disconnected"));
+  test::FakeXml(channel("org.qemu.guest_agent.0", "disconnected"));
   EXPECT_FALSE(*hypervisor_->HasAgent(kGuest));
-  test::PretendXml(channel("com.redhat.spice.0", "connected"));
+  test::FakeXml(channel("com.redhat.spice.0", "connected"));
   EXPECT_FALSE(*hypervisor_->HasAgent(kGuest));
 }
 
@@ -304,18 +301,18 @@ TEST(HypervisorMemory, Start_MoreThanTheHostHas_IsRefusedFirst) {
   ASSERT_TRUE(hypervisor);
   const std::uint64_t free_mib = *hypervisor->FreeMemory() >> 20;
   constexpr const char* kOther = "11111111-2222-4333-8444-666666666666";
-  ASSERT_EQ(Word(hypervisor->Define(Xml("default", static_cast<int>(free_mib) + 1))), "ok");
-  ASSERT_EQ(Word(hypervisor->Define(Xml("default", static_cast<int>(free_mib), kOther, "other"))), "ok");
-  EXPECT_EQ(Word(hypervisor->Start(kGuest)), "no_memory");
+  ASSERT_EQ(OutcomeName(hypervisor->Define(Xml("default", static_cast<int>(free_mib) + 1))), "ok");
+  ASSERT_EQ(OutcomeName(hypervisor->Define(Xml("default", static_cast<int>(free_mib), kOther, "other"))), "ok");
+  EXPECT_EQ(OutcomeName(hypervisor->Start(kGuest)), "no_memory");
   EXPECT_EQ(*hypervisor->StateOf(kGuest), GuestState::kOff);
-  EXPECT_EQ(Word(hypervisor->Start(kOther)), "ok");
-  EXPECT_EQ(Word(hypervisor->Start(kOther)), "already_running");
+  EXPECT_EQ(OutcomeName(hypervisor->Start(kOther)), "ok");
+  EXPECT_EQ(OutcomeName(hypervisor->Start(kOther)), "already_running");
 }
 
 TEST_F(TestMode, Errors_AreNotPrinted) {
   testing::internal::CaptureStderr();
-  EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "not_running");
-  EXPECT_EQ(Word(hypervisor_->Define("<domain")), "invalid");
+  EXPECT_EQ(OutcomeName(hypervisor_->PowerOff(kGuest)), "not_running");
+  EXPECT_EQ(OutcomeName(hypervisor_->Define("<domain")), "invalid");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
@@ -324,20 +321,20 @@ TEST_F(TestMode, Errors_AreNotPrinted) {
 struct StartRow {
   const char* name;
   test::LibvirtError error;
-  Problem problem;
+  FailureKind kind;
 };
 void PrintTo(const StartRow& row, std::ostream* out) { *out << row.name; }
 class StartErrors : public TestMode, public ::testing::WithParamInterface<StartRow> {};
 
-TEST_P(StartErrors, OfLibvirt_BecomeTheirMeaning) {
+TEST_P(StartErrors, Start_LibvirtError_IsMappedToProblem) {
   {
     const test::FailingStarts fault(GetParam().error);
-    const Outcome<void> started = hypervisor_->Start(kGuest);
+    const Result<void, Failure> started = hypervisor_->Start(kGuest);
     ASSERT_FALSE(started.ok());
-    EXPECT_EQ(started.failure().problem(), GetParam().problem);
-    EXPECT_THAT(started.failure().ToString(), HasSubstr(kGuest));
-    EXPECT_THAT(started.failure().ToString(), HasSubstr(GetParam().error.message));
-    EXPECT_EQ(Status(started).error().code(), CodeOf(GetParam().problem));
+    EXPECT_EQ(started.error().kind(), GetParam().kind);
+    EXPECT_THAT(started.error().ToString(), HasSubstr(kGuest));
+    EXPECT_THAT(started.error().ToString(), HasSubstr(GetParam().error.message));
+    EXPECT_EQ(Status(started).error().code(), CodeOf(GetParam().kind));
   }
   EXPECT_EQ(State(), GuestState::kOff);
   Start();
@@ -346,34 +343,36 @@ TEST_P(StartErrors, OfLibvirt_BecomeTheirMeaning) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, StartErrors,
     testing::Values(
-        StartRow{"AlreadyRunning", {VIR_ERR_OPERATION_INVALID, "domain is already running"}, Problem::kAlreadyRunning},
-        StartRow{"AlreadyRunningInTestMode", {1, "Domain 'g' is already running"}, Problem::kAlreadyRunning},
-        StartRow{"NetworkMissing", {VIR_ERR_NO_NETWORK, "no network with matching name"}, Problem::kNetworkMissing},
         StartRow{
-            "NetworkInactive", {VIR_ERR_OPERATION_INVALID, "network 'lab' is not active"}, Problem::kNetworkMissing},
+            "AlreadyRunning", {VIR_ERR_OPERATION_INVALID, "domain is already running"}, FailureKind::kAlreadyRunning},
+        StartRow{"AlreadyRunningInTestMode", {1, "Domain 'g' is already running"}, FailureKind::kAlreadyRunning},
+        StartRow{"NetworkMissing", {VIR_ERR_NO_NETWORK, "no network with matching name"}, FailureKind::kNetworkMissing},
+        StartRow{"NetworkInactive",
+                 {VIR_ERR_OPERATION_INVALID, "network 'lab' is not active"},
+                 FailureKind::kNetworkMissing},
         StartRow{"NetworkDaemonMissing",
                  {38, "Failed to connect socket to '/run/libvirt/virtnetworkd-sock'", ENOENT, VIR_FROM_RPC},
-                 Problem::kNetworkMissing},
-        StartRow{"BridgeMissing", {38, "Cannot get interface MTU on 'br7'", ENODEV}, Problem::kBridgeMissing},
-        StartRow{"DiskMissing", {38, "Cannot access storage file '/x.qcow2'", ENOENT}, Problem::kDiskMissing},
-        StartRow{"DiskDenied", {38, "Cannot access storage file '/x.qcow2'", EACCES}, Problem::kDenied},
-        StartRow{"SystemError", {38, "Cannot do it", EIO}, Problem::kFailed},
-        StartRow{"NoMemory", {1, "qemu: cannot set up guest memory: Cannot allocate memory"}, Problem::kNoMemory},
-        StartRow{"CpuIncompatible", {91, "the CPU is incompatible with host CPU"}, Problem::kCpuIncompatible},
+                 FailureKind::kNetworkMissing},
+        StartRow{"BridgeMissing", {38, "Cannot get interface MTU on 'br7'", ENODEV}, FailureKind::kBridgeMissing},
+        StartRow{"DiskMissing", {38, "Cannot access storage file '/x.qcow2'", ENOENT}, FailureKind::kDiskMissing},
+        StartRow{"DiskDenied", {38, "Cannot access storage file '/x.qcow2'", EACCES}, FailureKind::kDenied},
+        StartRow{"SystemError", {38, "Cannot do it", EIO}, FailureKind::kFailed},
+        StartRow{"NoMemory", {1, "qemu: cannot set up guest memory: Cannot allocate memory"}, FailureKind::kNoMemory},
+        StartRow{"CpuIncompatible", {91, "the CPU is incompatible with host CPU"}, FailureKind::kCpuIncompatible},
         StartRow{"CpuFeaturesMissing",
                  {VIR_ERR_OPERATION_FAILED, "guest CPU doesn't match its definition: missing features: vmx"},
-                 Problem::kCpuIncompatible},
+                 FailureKind::kCpuIncompatible},
         StartRow{"CpuNotProvided",
                  {1, "unsupported: Host CPU does not provide required features: avx2"},
-                 Problem::kCpuIncompatible},
-        StartRow{"Busy", {VIR_ERR_OPERATION_TIMEOUT, "cannot acquire state change lock"}, Problem::kBusy},
-        StartRow{"AgentAbsent", {VIR_ERR_AGENT_UNRESPONSIVE, "agent is not connected"}, Problem::kAgentAbsent},
-        StartRow{"Denied", {VIR_ERR_OPERATION_DENIED, "read only"}, Problem::kDenied},
-        StartRow{"Unsupported", {VIR_ERR_CONFIG_UNSUPPORTED, "no such machine"}, Problem::kInvalid},
-        StartRow{"NoSupport", {VIR_ERR_NO_SUPPORT, "not implemented"}, Problem::kUnsupported},
-        StartRow{"NoDomain", {VIR_ERR_NO_DOMAIN, "gone"}, Problem::kNoSuchGuest},
-        StartRow{"Rpc", {38, "Cannot write data", EPIPE, VIR_FROM_RPC}, Problem::kDisconnected},
-        StartRow{"Other", {1, "something else"}, Problem::kFailed}),
+                 FailureKind::kCpuIncompatible},
+        StartRow{"Busy", {VIR_ERR_OPERATION_TIMEOUT, "cannot acquire state change lock"}, FailureKind::kBusy},
+        StartRow{"AgentAbsent", {VIR_ERR_AGENT_UNRESPONSIVE, "agent is not connected"}, FailureKind::kAgentAbsent},
+        StartRow{"Denied", {VIR_ERR_OPERATION_DENIED, "read only"}, FailureKind::kDenied},
+        StartRow{"Unsupported", {VIR_ERR_CONFIG_UNSUPPORTED, "no such machine"}, FailureKind::kInvalid},
+        StartRow{"NoSupport", {VIR_ERR_NO_SUPPORT, "not implemented"}, FailureKind::kUnsupported},
+        StartRow{"NoDomain", {VIR_ERR_NO_DOMAIN, "gone"}, FailureKind::kNoSuchGuest},
+        StartRow{"Rpc", {38, "Cannot write data", EPIPE, VIR_FROM_RPC}, FailureKind::kDisconnected},
+        StartRow{"Other", {1, "something else"}, FailureKind::kFailed}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(TestMode, Start_MissingBridge_IsReportedWhateverLibvirtReturns) {
@@ -386,42 +385,42 @@ TEST_F(TestMode, Start_MissingBridge_IsReportedWhateverLibvirtReturns) {
     return text.replace(text.find(source), source.size(), "<source bridge='" + bridge + "'/>");
   };
   const test::FailingStarts fault({1, "failed to parse default acl file `/etc/qemu/bridge.conf'"});
-  ASSERT_EQ(Word(hypervisor_->Define(on("vexa-none0"))), "ok");
-  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "bridge_missing");
-  ASSERT_EQ(Word(hypervisor_->Define(on("lo"))), "ok");
-  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "denied");
+  ASSERT_EQ(OutcomeName(hypervisor_->Define(on("vexa-none0"))), "ok");
+  EXPECT_EQ(OutcomeName(hypervisor_->Start(kGuest)), "bridge_missing");
+  ASSERT_EQ(OutcomeName(hypervisor_->Define(on("lo"))), "ok");
+  EXPECT_EQ(OutcomeName(hypervisor_->Start(kGuest)), "denied");
 }
 
-TEST(Translate, SameCode_MeansOneThingHereAndAnotherThere) {
+TEST(ClassifyError, ClassifyError_SameCode_DependsOnOperation) {
   virError error{};
   error.code = VIR_ERR_OPERATION_INVALID;
-  EXPECT_EQ(Translate(Operation::kStart, error), Problem::kAlreadyRunning);
-  EXPECT_EQ(Translate(Operation::kUndefine, error), Problem::kAlreadyRunning);
-  EXPECT_EQ(Translate(Operation::kStop, error), Problem::kNotRunning);
-  EXPECT_EQ(Translate(Operation::kRead, error), Problem::kNotRunning);
-  EXPECT_EQ(Translate(Operation::kDefine, error), Problem::kFailed);
+  EXPECT_EQ(ClassifyError(Operation::kStart, error), FailureKind::kAlreadyRunning);
+  EXPECT_EQ(ClassifyError(Operation::kUndefine, error), FailureKind::kAlreadyRunning);
+  EXPECT_EQ(ClassifyError(Operation::kStop, error), FailureKind::kNotRunning);
+  EXPECT_EQ(ClassifyError(Operation::kRead, error), FailureKind::kNotRunning);
+  EXPECT_EQ(ClassifyError(Operation::kDefine, error), FailureKind::kFailed);
   error.code = VIR_ERR_OPERATION_FAILED;
-  EXPECT_EQ(Translate(Operation::kDefine, error), Problem::kExists);
-  EXPECT_EQ(Translate(Operation::kStop, error), Problem::kFailed);
+  EXPECT_EQ(ClassifyError(Operation::kDefine, error), FailureKind::kExists);
+  EXPECT_EQ(ClassifyError(Operation::kStop, error), FailureKind::kFailed);
   error.code = VIR_ERR_SYSTEM_ERROR;
   error.int1 = ENOENT;
-  EXPECT_EQ(Translate(Operation::kStart, error), Problem::kDiskMissing);
-  EXPECT_EQ(Translate(Operation::kStop, error), Problem::kFailed);
-  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDisconnected);
+  EXPECT_EQ(ClassifyError(Operation::kStart, error), FailureKind::kDiskMissing);
+  EXPECT_EQ(ClassifyError(Operation::kStop, error), FailureKind::kFailed);
+  EXPECT_EQ(ClassifyError(Operation::kOpen, error), FailureKind::kDisconnected);
   error.code = VIR_ERR_INTERNAL_ERROR;
-  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kFailed);
+  EXPECT_EQ(ClassifyError(Operation::kOpen, error), FailureKind::kFailed);
   error.domain = VIR_FROM_RPC;
-  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDisconnected);
+  EXPECT_EQ(ClassifyError(Operation::kOpen, error), FailureKind::kDisconnected);
   error.code = VIR_ERR_SYSTEM_ERROR;
   error.int1 = EACCES;
-  EXPECT_EQ(Translate(Operation::kOpen, error), Problem::kDenied);
+  EXPECT_EQ(ClassifyError(Operation::kOpen, error), FailureKind::kDenied);
 }
 
-TEST(Problems, EachHasAWordAndACode) {
-  EXPECT_EQ(ProblemName(Problem::kNotRunning), "not_running");
-  EXPECT_EQ(CodeOf(Problem::kNoSuchGuest), ErrorCode::kNotFound);
-  EXPECT_EQ(CodeOf(Problem::kNoMemory), ErrorCode::kNoSpace);
-  EXPECT_EQ(CodeOf(Problem::kDisconnected), ErrorCode::kUnavailable);
+TEST(Problems, Problem_Each_HasAWordAndACode) {
+  EXPECT_EQ(FailureKindName(FailureKind::kNotRunning), "not_running");
+  EXPECT_EQ(CodeOf(FailureKind::kNoSuchGuest), ErrorCode::kNotFound);
+  EXPECT_EQ(CodeOf(FailureKind::kNoMemory), ErrorCode::kNoSpace);
+  EXPECT_EQ(CodeOf(FailureKind::kDisconnected), ErrorCode::kUnavailable);
 }
 
 // --- the connection
@@ -434,61 +433,61 @@ TEST_F(TestMode, Reconnect_ReopensAndNotifies) {
   EXPECT_TRUE(hypervisor_->IsConnected());
   // The test driver has forgotten all guests; what is restored works and reports as before.
   EXPECT_THAT(*hypervisor_->List(), IsEmpty());
-  ASSERT_EQ(Word(hypervisor_->Define(Xml())), "ok");
+  ASSERT_EQ(OutcomeName(hypervisor_->Define(Xml())), "ok");
   Start();
   EXPECT_THAT(events_.Await(kGuest, 4),
               ElementsAre(GuestState::kOff, GuestState::kRunning, GuestState::kOff, GuestState::kRunning));
 }
 
-TEST_F(TestMode, CloseOfLibvirt_OpensAgain) {
+TEST_F(TestMode, Connection_ClosedByLibvirt_IsReopened) {
   test::CloseLastConnection();
   ASSERT_TRUE(events_.AwaitReopenings(1));
-  EXPECT_EQ(Word(hypervisor_->Define(Xml())), "ok");
+  EXPECT_EQ(OutcomeName(hypervisor_->Define(Xml())), "ok");
   test::CloseLastConnection();
   ASSERT_TRUE(events_.AwaitReopenings(2));
 }
 
-TEST_F(TestMode, Calls_OnADeadConnection_OpenAnother) {
+TEST_F(TestMode, Calls_ConnectionDead_OpenAnother) {
   {
     const test::DeadConnections dead;
-    EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "disconnected");
+    EXPECT_EQ(OutcomeName(hypervisor_->PowerOff(kGuest)), "disconnected");
   }
   ASSERT_TRUE(events_.AwaitReopenings(1));
-  EXPECT_EQ(Word(hypervisor_->StateOf(kGuest)), "no_such_guest");
+  EXPECT_EQ(OutcomeName(hypervisor_->StateOf(kGuest)), "no_such_guest");
 }
 
 TEST_F(TestMode, Calls_Disconnected_FailImmediately) {
   HypervisorOptions options;
-  options.first_retry = std::chrono::hours(1);
-  options.last_retry = std::chrono::hours(1);
+  options.initial_retry_wait = std::chrono::hours(1);
+  options.max_retry_wait = std::chrono::hours(1);
   Open(options);
   hypervisor_->Reconnect();
   EXPECT_FALSE(hypervisor_->IsConnected());
-  EXPECT_EQ(Word(hypervisor_->Define(Xml())), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->Start(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->ShutDown(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->PowerOff(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->Reboot(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->StateOf(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->List()), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->AddressesOf(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->HasAgent(kGuest)), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->Networks()), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->FreeMemory()), "disconnected");
-  EXPECT_EQ(Word(hypervisor_->NodeFigures()), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Define(Xml())), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Undefine(kGuest, UndefineScope::kDefinition)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Start(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->ShutDown(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->PowerOff(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Reboot(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->StateOf(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->List()), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->AddressesOf(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->HasAgent(kGuest)), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->Networks()), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->FreeMemory()), "disconnected");
+  EXPECT_EQ(OutcomeName(hypervisor_->GetNodeInfo()), "disconnected");
   // Its end does not wait for the hour.
   hypervisor_.reset();
 }
 
-TEST_F(TestMode, Reopening_ThatFails_IsTriedAgain) {
+TEST_F(TestMode, Reopen_Fails_IsRetried) {
   const TemporaryFolder folder;
   const std::string file = folder.Path("node.xml");
   ASSERT_TRUE(WriteFileAtomically(file, TestNodeXml(), 0600).ok());
   HypervisorOptions options;
   options.mode = "test://" + file;
-  options.first_retry = milliseconds(5);
-  options.last_retry = milliseconds(20);
+  options.initial_retry_wait = milliseconds(5);
+  options.max_retry_wait = milliseconds(20);
   Open(options);
   ASSERT_EQ(unlink(file.c_str()), 0);
   hypervisor_->Reconnect();
@@ -501,9 +500,9 @@ TEST_F(TestMode, Reopening_ThatFails_IsTriedAgain) {
   EXPECT_THAT(*hypervisor_->List(), IsEmpty());
 }
 
-TEST_F(TestMode, Reconnect_WhileOthersCall_BreaksNothing) {
+TEST_F(TestMode, Reconnect_DuringCalls_BreaksNothing) {
   HypervisorOptions options;
-  options.first_retry = milliseconds(1);
+  options.initial_retry_wait = milliseconds(1);
   Open(options);
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
@@ -511,9 +510,9 @@ TEST_F(TestMode, Reconnect_WhileOthersCall_BreaksNothing) {
     threads.emplace_back([&] {
       while (!stop) {
         hypervisor_->Define(Xml()).ok();
-        EXPECT_THAT(Word(hypervisor_->Start(kGuest)),
+        EXPECT_THAT(OutcomeName(hypervisor_->Start(kGuest)),
                     testing::AnyOf("ok", "already_running", "no_such_guest", "disconnected"));
-        EXPECT_THAT(Word(hypervisor_->PowerOff(kGuest)),
+        EXPECT_THAT(OutcomeName(hypervisor_->PowerOff(kGuest)),
                     testing::AnyOf("ok", "not_running", "no_such_guest", "disconnected"));
       }
     });

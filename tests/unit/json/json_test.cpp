@@ -92,7 +92,7 @@ TEST_P(TotalReaders, AnyValue_IsNotChangedByReading) {
   EXPECT_EQ(value, before);
 }
 
-TEST_P(TotalReaders, AnyValue_HasMembersOnlyAsAnObjectAndElementsOnlyAsAnArray) {
+TEST_P(TotalReaders, AnyValue_MembersAndElements_OnlyInObjectsAndArrays) {
   const Value& value = GetParam().value;
   EXPECT_EQ(json::MemberNames(value), value.isObject() ? std::vector<std::string>{"a"} : std::vector<std::string>{});
   EXPECT_EQ(json::Elements(value).size(), value.isArray() ? 1u : 0u);
@@ -103,7 +103,7 @@ TEST_P(TotalReaders, AnyValue_HasMembersOnlyAsAnObjectAndElementsOnlyAsAnArray) 
 INSTANTIATE_TEST_SUITE_P(Values, TotalReaders, testing::ValuesIn(kRows),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(TotalReaders, NotANumber_IsFalseAndZero) {
+TEST(TotalReaders, Readers_NotANumber_GiveFalseAndZero) {
   const Value nan(std::nan(""));
   EXPECT_EQ(json::Int(nan), 0);
   EXPECT_EQ(json::UInt64(nan), 0u);
@@ -118,19 +118,19 @@ TEST(FindMember, FindMember_NullMember_DiffersFromAbsent) {
   EXPECT_EQ(json::FindMember(value, std::string("absent")), nullptr);
 }
 
-TEST(TextMember, OnlyATextOfAnObject_IsReturned) {
+TEST(StringMember, NotAStringMemberOfAnObject_IsEmpty) {
   Json::Value object(Json::objectValue);
   object["text"] = std::string("a\0b", 3);
   object["number"] = 7;
   object["null"] = Json::Value();
-  EXPECT_EQ(json::TextMember(object, "text"), std::string("a\0b", 3));
-  for (const char* name : {"number", "null", "missing"}) EXPECT_EQ(json::TextMember(object, name), "") << name;
+  EXPECT_EQ(json::StringMember(object, "text"), std::string("a\0b", 3));
+  for (const char* name : {"number", "null", "missing"}) EXPECT_EQ(json::StringMember(object, name), "") << name;
   for (const Json::Value& other : {Json::Value(), Json::Value("text"), Json::Value(Json::arrayValue)}) {
-    EXPECT_EQ(json::TextMember(other, "text"), "");
+    EXPECT_EQ(json::StringMember(other, "text"), "");
   }
 }
 
-TEST(ToText, AnyTree_IsCompactOnOneLine) {
+TEST(ToText, ToText_AnyTree_IsCompactOnOneLine) {
   Value value(Json::objectValue);
   value["b"].append(1);
   value["b"].append("two\nlines");
@@ -151,7 +151,7 @@ std::string WrittenByJsoncpp(const Value& value) {
   return Json::writeString(builder, value);
 }
 
-TEST(ToText, EveryKindOfValue_IsWrittenAsJsoncppDoes) {
+TEST(ToText, ToText_EveryKindOfValue_MatchesJsoncpp) {
   Value all(Json::arrayValue);
   for (const Row& row : kRows) all.append(row.value);
   for (int byte = 0; byte < 256; ++byte) {

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/machine/network_links_ground.h"
+#include "tests/unit/machine/fake_interfaces.h"
 
-namespace vexa::services {
+namespace vexa::machine {
 namespace {
 
 using test::FakeInterfaces;
@@ -20,7 +20,7 @@ class BrokenLink : public testing::Test {
   std::vector<InterfaceAddress> addresses_;
 };
 
-TEST_F(BrokenLink, SpareCard_DoesNotCount) {
+TEST_F(BrokenLink, BrokenLink_SpareCard_DoesNotCount) {
   net_.Add("eth0", "device");
   net_.Add("eth1", "device", Cable::kOut);
   addresses_ = {{"eth0", "192.0.2.1", "255.255.255.0", false}};
@@ -30,7 +30,7 @@ TEST_F(BrokenLink, SpareCard_DoesNotCount) {
   addresses_.push_back({"eth1", "2001:db8::1", "ffff:ffff::", true});
   EXPECT_TRUE(IsBroken());
   net_.SwitchOff("eth1");
-  EXPECT_FALSE(IsBroken()) << "somebody has switched it off";
+  EXPECT_FALSE(IsBroken()) << "an administrator has switched it off";
 }
 
 TEST_F(BrokenLink, PortOfABridge_Counts) {
@@ -60,7 +60,7 @@ TEST_F(BrokenLink, Bond_CountsLikeACard) {
   EXPECT_TRUE(IsBroken());
 }
 
-TEST_F(BrokenLink, AddressOnAVlan_MakesTheCardCount) {
+TEST_F(BrokenLink, BrokenLink_VlanHasAddress_CardCounts) {
   net_.Add("eth0", "device", Cable::kOut);
   net_.Add("eth0.7");
   net_.Put("eth0.7", "uevent", "DEVTYPE=vlan");
@@ -84,7 +84,7 @@ TEST_F(BrokenLink, PortOfAnotherMaster_DoesNotCount) {
   EXPECT_FALSE(IsBroken());
 }
 
-TEST(BrokenLinkOfThisMachine, CanBeAskedFor) { (void)HasBrokenLink(Machine()); }
+TEST(BrokenLinkOfThisMachine, BrokenLink_ThisMachine_CanBeQueried) { (void)HasBrokenLink(Machine()); }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::machine

@@ -1,20 +1,17 @@
-// How network interfaces hang together, on a folder in the place of the machine's.
+// How network interfaces are connected, on a folder in place of /sys.
 #include "host/machine/network_links.h"
-
-#include <gmock/gmock.h>
 
 #include "host/base/json_parse.h"
 #include "host/guests/host_networks.h"
-#include "tests/unit/machine/network_links_ground.h"
+#include "tests/support/matchers.h"
+#include "tests/unit/machine/fake_interfaces.h"
 
-namespace vexa::guests {
+namespace vexa::machine {
 namespace {
 
 using test::FakeInterfaces;
 using test::FakeSwitch;
 using test::SwitchAnswer;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Cable = FakeInterfaces::Cable;
 
 class Links : public testing::Test {
@@ -38,7 +35,7 @@ class Links : public testing::Test {
   std::string switched_;  // what has the driver of the switch
 };
 
-TEST_F(Links, Bridge_WithACard_HasTheLinkOfTheCardAndNotOfItsGuests) {
+TEST_F(Links, Bridge_WithCard_HasLinkOfCardNotOfGuests) {
   net_.Add("br0", "bridge");
   net_.Add("eth0", "device");
   net_.AddTap("vnet0");
@@ -53,7 +50,7 @@ TEST_F(Links, Bridge_WithACard_HasTheLinkOfTheCardAndNotOfItsGuests) {
   EXPECT_FALSE(HasLink("br0"));
 }
 
-TEST_F(Links, Bridge_WithVirtualPortsOnly_HasTheseAsUplinks) {
+TEST_F(Links, Bridge_VirtualPortsOnly_UsesThemAsUplinks) {
   net_.Add("br0", "bridge");
   net_.Add("veth0");
   net_.AddTap("vnet0");
@@ -66,7 +63,7 @@ TEST_F(Links, Bridge_WithVirtualPortsOnly_HasTheseAsUplinks) {
   EXPECT_THAT(Uplinks("br0"), IsEmpty());
 }
 
-TEST_F(Links, Bridge_WithACardAndAContainer_IgnoresTheContainer) {
+TEST_F(Links, Bridge_CardAndContainer_IgnoresContainer) {
   net_.Add("br0", "bridge");
   net_.Add("eth0", "device", Cable::kOut);
   net_.Add("veth0");
@@ -89,7 +86,7 @@ TEST_F(Links, Bridge_OnBondsAndVlans_HasTheirLink) {
   EXPECT_FALSE(HasLink("br7"));
 }
 
-TEST_F(Links, Vlan_OfABridge_HasTheLinkOfTheBridgesUplinks) {
+TEST_F(Links, Vlan_OnBridge_HasLinkOfBridgeUplinks) {
   net_.Add("br0", "bridge");
   net_.Add("eth0", "device", Cable::kOut);
   net_.MakePort("eth0", "br0");
@@ -102,7 +99,7 @@ TEST_F(Links, Vlan_OfABridge_HasTheLinkOfTheBridgesUplinks) {
   EXPECT_TRUE(HasLink("br9"));
 }
 
-TEST_F(Links, BridgesInACircle_EndSomewhere) {
+TEST_F(Links, Bridges_InACycle_Terminate) {
   net_.Add("br0", "bridge");
   net_.Add("br1", "bridge");
   net_.MakePort("br0", "br1");
@@ -111,7 +108,7 @@ TEST_F(Links, BridgesInACircle_EndSomewhere) {
   EXPECT_FALSE(HasLink("br0"));
 }
 
-TEST_F(Links, SwitchOfTheKernel_IsKnownByItsDriver) {
+TEST_F(Links, KindOf_KernelSwitch_IsKnownByDriver) {
   net_.Add("lan");
   net_.Add("ovs-system");
   net_.Add("eth0", "device");
@@ -128,7 +125,7 @@ TEST_F(Links, SwitchOfTheKernel_IsKnownByItsDriver) {
   EXPECT_EQ(links().KindOf("ovs-system"), BridgeKind::kNone) << "it stands for all bridges of the switch";
 }
 
-TEST_F(Links, SwitchWithItsDatabase_KnowsThePortsOfEachBridge) {
+TEST_F(Links, Uplinks_SwitchDatabase_HasPortsOfEachBridge) {
   for (const char* const name : {"lan", "dmz", "host0"}) net_.AddTap(name);
   net_.Add("eth0", "device");
   net_.Add("eth1", "device", Cable::kOut);
@@ -145,10 +142,10 @@ TEST_F(Links, SwitchWithItsDatabase_KnowsThePortsOfEachBridge) {
   EXPECT_THAT(Uplinks("dmz"), ElementsAre("eth1 down"));
   EXPECT_EQ(links().IsSwitchPort("lan", "vnet0"), true);
   EXPECT_EQ(links().IsSwitchPort("dmz", "vnet0"), false);
-  EXPECT_THAT(links().GuestPorts(), ElementsAre("dmz", "lan"));
+  EXPECT_THAT(links().GuestUplinks(), ElementsAre("dmz", "lan"));
   NetworkLinks once = links();
   const int before = fake.asked();
-  once.GuestPorts();
+  once.GuestUplinks();
   EXPECT_TRUE(once.HasLink("lan"));
   EXPECT_EQ(fake.asked(), before + 1) << "one object asks once";
 }
@@ -163,7 +160,7 @@ TEST_F(Links, Uplinks_SwitchWithPatches_IncludesPeerBridgeUplinks) {
   EXPECT_TRUE(links().IsPhysical("inner"));
 }
 
-TEST_F(Links, SwitchInUserSpace_HasTheLinkThatItSeesItself) {
+TEST_F(Links, Link_UserSpaceSwitch_UsesItsOwnLinkState) {
   net_.AddTap("fast");
   const FakeSwitch fake(net_.root(), SwitchAnswer({{"fast",
                                                     {{"dpdk0", "dpdk", "", "up"},
@@ -186,7 +183,7 @@ TEST_F(Links, KindOf_SwitchDatabaseUnavailable_UsesName) {
   }
 }
 
-TEST_F(Links, SwitchThatHangs_IsAskedOnceAndThenLeftAlone) {
+TEST_F(Links, Switch_Hangs_IsQueriedOnlyOnce) {
   net_.AddTap("ovs_lan");
   const FakeSwitch fake(net_.root(), "");
   const auto begin = std::chrono::steady_clock::now();
@@ -195,7 +192,7 @@ TEST_F(Links, SwitchThatHangs_IsAskedOnceAndThenLeftAlone) {
   EXPECT_EQ(fake.asked(), 1);
 }
 
-TEST_F(Links, GuestPorts_AreBridgesWithUplinksAndWhatIsBelowMacvtaps) {
+TEST_F(Links, GuestPorts_BridgesWithUplinksAndMacvtapDevices_AreListed) {
   net_.Add("br0", "bridge");
   net_.Add("eth0", "device");
   net_.MakePort("eth0", "br0");
@@ -206,7 +203,7 @@ TEST_F(Links, GuestPorts_AreBridgesWithUplinksAndWhatIsBelowMacvtaps) {
   net_.Add("eth2", "device");
   net_.Add("macvtap0", "macvtap");
   net_.Stack("macvtap0", "eth1");
-  EXPECT_THAT(links().GuestPorts(), ElementsAre("br0", "eth1"));
+  EXPECT_THAT(links().GuestUplinks(), ElementsAre("br0", "eth1"));
 }
 
 TEST_F(Links, NetworkLinks_HostileNames_AreNotInterfaces) {
@@ -214,8 +211,8 @@ TEST_F(Links, NetworkLinks_HostileNames_AreNotInterfaces) {
   NetworkLinks found = links();
   for (const std::string& name :
        std::vector<std::string>{"", ".", "..", "../net/br0", "br0/", std::string("br0\0", 4), std::string(100, 'x')}) {
-    EXPECT_FALSE(found.IsThere(name)) << name;
-    EXPECT_FALSE(found.IsSwitchedOn(name)) << name;
+    EXPECT_FALSE(found.Exists(name)) << name;
+    EXPECT_FALSE(found.IsAdminUp(name)) << name;
     EXPECT_EQ(found.KindOf(name), BridgeKind::kNone) << name;
     EXPECT_FALSE(found.HasLink(name)) << name;
     EXPECT_EQ(found.MasterOf(name), "") << name;
@@ -226,7 +223,7 @@ TEST_F(Links, HostNetworks_HaveBridgesOfTheSwitchWithAnyName) {
   net_.AddTap("lan");
   net_.Add("eth0", "device");
   const FakeSwitch fake(net_.root(), SwitchAnswer({{"lan", {{"eth0", ""}}}}));
-  const HostNetworks networks(nullptr, net_.root());
+  const guests::HostNetworks networks(nullptr, net_.root());
   EXPECT_TRUE(networks("lan"));
   EXPECT_FALSE(networks("eth0"));
   EXPECT_EQ(networks.KindOf("lan"), BridgeKind::kSwitch);
@@ -234,14 +231,14 @@ TEST_F(Links, HostNetworks_HaveBridgesOfTheSwitchWithAnyName) {
 
 TEST(NetworkLinksOfThisMachine, Loopback_IsNotABridge) {
   NetworkLinks links;
-  EXPECT_TRUE(links.IsThere("lo"));
+  EXPECT_TRUE(links.Exists("lo"));
   EXPECT_EQ(links.KindOf("lo"), BridgeKind::kNone);
   EXPECT_FALSE(links.IsPhysical("lo"));
   EXPECT_EQ(SystemDriver("no-such"), "");
 }
 
 TEST(SwitchProtocol, SwitchQuestion_RequestsTheColumnsThatAreRead) {
-  const auto question = ParseJson(SwitchQuestion());
+  const auto question = ParseJson(SwitchQuery());
   ASSERT_TRUE(question);
   EXPECT_EQ((*question)["method"].asString(), "transact");
   EXPECT_EQ((*question)["params"][0].asString(), "Open_vSwitch");
@@ -249,4 +246,4 @@ TEST(SwitchProtocol, SwitchQuestion_RequestsTheColumnsThatAreRead) {
 }
 
 }  // namespace
-}  // namespace vexa::guests
+}  // namespace vexa::machine

@@ -1,15 +1,15 @@
 // What is read from /proc and /sys: right, damaged, missing and huge.
-#include <gmock/gmock.h>
 
 #include <atomic>
 #include <thread>
 
 #include "host/machine/cpu_load.h"
-#include "host/machine/figures.h"
 #include "host/machine/interfaces.h"
+#include "host/machine/machine_stats.h"
+#include "tests/support/matchers.h"
 #include "tests/unit/api/services_fixture.h"
 
-namespace vexa::services {
+namespace vexa::machine {
 namespace {
 
 // As it is sent: jsoncpp distinguishes a signed from an unsigned 7 before, not after.
@@ -17,8 +17,6 @@ Json::Value Sent(const Json::Value& value) { return test::Parsed(VexaVirtualizat
 
 using std::chrono::milliseconds;
 using test::ScriptedMachine;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 TEST(Text, Fields_AreSplitAtBlanksAndLimited) {
   EXPECT_THAT(Fields("  a\tb  c "), ElementsAre("a", "b", "c"));
@@ -35,14 +33,14 @@ TEST(Text, Unsigned_IsDigitsOnly) {
   }
 }
 
-TEST(Text, Clean_IsUtf8WithoutControlCharactersAndShort) {
+TEST(Text, Clean_AnyBytes_IsShortPrintableUtf8) {
   EXPECT_EQ(CleanText(" a\tb\x1b[31m\x7f "), "a?b?[31m?");
   EXPECT_EQ(CleanText("größe"), "größe");
   EXPECT_EQ(CleanText("a\xff\xc3"), "a??");
   EXPECT_EQ(CleanText(std::string(100'000, 'x')).size(), 256u);
 }
 
-TEST(CpuTimes, DamagedText_IsNotSet) {
+TEST(CpuTimes, CpuTimes_DamagedText_AreNotSet) {
   for (const char* text : {"", "cpu", "cpu 1 2 3", "cpu0 1 2 3 4 5 6 7 8", "cpu a b c d e", "cpu -1 2 3 4 5 6 7 8",
                            "cpu 1 2 3 99999999999999999999 5", "cpu 1 2 3 18446744073709551615 5", "\n\n"}) {
     EXPECT_FALSE(ParseCpuTimes(text)) << text;
@@ -51,7 +49,7 @@ TEST(CpuTimes, DamagedText_IsNotSet) {
   EXPECT_TRUE(ParseCpuTimes("cpu  492232 0 80298 643856 1334 0 3320 632 0 0\ncpu0 244512 0"));
 }
 
-TEST(CpuLoad, Between_IsPercentOfTheTimeAndAtMostHundredTogether) {
+TEST(CpuLoad, CpuLoad_BetweenSamples_IsPercentUpToHundredInTotal) {
   const auto load = LoadBetween({100, 100, 100, 100}, {150, 120, 110, 120});
   EXPECT_EQ(load.user, 50);
   EXPECT_EQ(load.system, 20);
@@ -64,7 +62,7 @@ TEST(CpuLoad, Between_IsPercentOfTheTimeAndAtMostHundredTogether) {
   EXPECT_EQ(backwards.user + backwards.system + backwards.other, 0);
 }
 
-// Time that only passes when somebody sleeps or the test says so; while somebody sleeps the processors work.
+// Time that only passes when the code sleeps or the test advances it; while the code sleeps, the processors are busy.
 struct ScriptedTime {
   ScriptedMachine files;
   CpuSampler::TimePoint now{};
@@ -87,7 +85,7 @@ struct ScriptedTime {
   }
 };
 
-TEST(CpuSampler, Window_IsTheTimeSinceTheLastCallWhenThatIsRecent) {
+TEST(CpuSampler, CpuSampler_RecentCall_UsesTimeSinceIt) {
   ScriptedTime time;
   time.Pass(milliseconds(0), 10, 10);
   CpuSampler sampler(time.files.machine(), time.clock());
@@ -134,7 +132,7 @@ TEST(CpuSampler, RealMachine_ManyThreadsShareOneWindow) {
   EXPECT_EQ(answered, 16);
 }
 
-TEST(Memory, ScriptedFigures_AreRead) {
+TEST(Memory, Memory_ScriptedFigures_AreRead) {
   ScriptedMachine files;
   EXPECT_FALSE(ReadMemory(files.machine()));
   files.Put(
@@ -150,7 +148,7 @@ TEST(Memory, ScriptedFigures_AreRead) {
   EXPECT_EQ(memory->swap_free, 0u);
 }
 
-TEST(Memory, DamagedOrHugeFile_IsNotSet) {
+TEST(Memory, Memory_DamagedOrHugeFile_IsNotSet) {
   ScriptedMachine files;
   for (const std::string& text : {std::string(), std::string("MemTotal: many kB\n"), std::string("MemTotal\n:::\n"),
                                   std::string(5 << 20, '\n'), "MemFree: 1 kB\n" + std::string("\0\xff", 2)}) {
@@ -162,7 +160,7 @@ TEST(Memory, DamagedOrHugeFile_IsNotSet) {
   EXPECT_FALSE(ReadMemory(files.machine())) << "a folder";
 }
 
-TEST(Processor, ScriptedFigures_AreRead) {
+TEST(Processor, Processor_ScriptedFigures_AreRead) {
   ScriptedMachine files;
   EXPECT_EQ(ReadProcessor(files.machine()).cores, 0);
   files.Put(
@@ -179,7 +177,7 @@ TEST(Processor, ScriptedFigures_AreRead) {
   EXPECT_EQ(ReadProcessor(files.machine()).clock_mhz, 0);
 }
 
-TEST(Disks, WholeDisks_AreCountedAndPartitionsAreNot) {
+TEST(Disks, Disks_WholeDisks_AreCountedWithoutPartitions) {
   ScriptedMachine files;
   EXPECT_TRUE(DiskCounters(files.machine()).isNull());
   files.Put("/sys/class/block/sda1/partition", "1\n");
@@ -206,7 +204,7 @@ TEST(Network, Counters_AreReadPerDevice) {
                               "tx_errors":11}])"));
 }
 
-TEST(Network, EndlessList_IsCut) {
+TEST(Network, Network_EndlessList_IsTruncated) {
   ScriptedMachine files;
   std::string text;
   for (int i = 0; i < 6000; ++i) text += "e" + std::to_string(i) + ": 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n";
@@ -290,4 +288,4 @@ TEST(Interfaces, RealMachine_HasAtLeastOne) {
 }
 
 }  // namespace
-}  // namespace vexa::services
+}  // namespace vexa::machine

@@ -42,7 +42,7 @@ char StateOf(const VEXA::APIParameter<T>& parameter) {
   return parameter.IsInvalid() ? 'i' : 'a';
 }
 
-TEST_P(StrictGetters, AnyValue_IsSetOnlyWhenTheTypeFits) {
+TEST_P(StrictGetters, Getter_AnyValue_IsSetOnlyIfTypeMatches) {
   const TypeRow& row = GetParam();
   const auto request = vexa::test::AdministratorRequest(Parsed(std::string("{\"p\":") + row.value + "}"));
   for (const int necessity : {0, 1}) {
@@ -75,7 +75,7 @@ TEST(APIRequest, ApiRequest_Values_AreNotConverted) {
   EXPECT_EQ(request.GetAndCheckArray("a", 0).Get(), Parsed(R"([1,"2"])"));
 }
 
-TEST(APIRequest, Validator_RefusesAndSeesOnlyTheRightType) {
+TEST(APIRequest, Validator_ValueOfRightType_MayRefuseIt) {
   const auto request = vexa::test::AdministratorRequest(Parsed(R"({"s":"x","i":5})"));
   const auto is_y = [](const std::string& text) { return text == "y"; };
   const auto never = [](const std::string&) {
@@ -87,7 +87,7 @@ TEST(APIRequest, Validator_RefusesAndSeesOnlyTheRightType) {
   EXPECT_TRUE(request.GetAndCheckInt("i", 0, [](const int& number) { return number == 5; }).IsSet());
 }
 
-TEST(APIRequest, GetParam_YieldsValueFallbackOrTheWholeObject) {
+TEST(APIRequest, GetParam_EachForm_ReturnsValueFallbackOrObject) {
   const Json::Value parameters = Parsed(R"({"a":null,"b":[1]})");
   const auto request = vexa::test::AdministratorRequest(parameters);
   EXPECT_EQ(request.GetParam("", Json::Value()), parameters);

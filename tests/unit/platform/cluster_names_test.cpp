@@ -1,7 +1,7 @@
 // Names and states of the cluster's objects, looked up by other code.
 #include <gtest/gtest.h>
 
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
@@ -35,7 +35,7 @@ TEST_F(ClusterNames, Conflict_IsTheExactNameInTheCategory) {
   EXPECT_EQ(utils::CheckNameConflict("web", DashCate::vNic), 0);
 }
 
-TEST_F(ClusterNames, Conflict_SeesEveryWayToWriteAName) {
+TEST_F(ClusterNames, Conflict_NameWithEscapes_IsFound) {
   const std::string names[] = {
       "a\"b", "a\\b", "a/b", "../x", "line\nbreak", {"nul\0l", 5}, "100%", "%s%n", "ü€😀", std::string(1 << 20, 'n'),
       "",     "\t"};
@@ -55,7 +55,7 @@ TEST_F(ClusterNames, Conflict_SeesEveryWayToWriteAName) {
   EXPECT_GT(Conflict("a/bA"), 0);
 }
 
-TEST_F(ClusterNames, Conflict_NeedsANameThatIsAText) {
+TEST_F(ClusterNames, Conflict_NameNotString_IsIgnored) {
   int number = 0;
   for (const char* record :
        {R"({"name":7,"x":"7"})", R"({"name":["web"]})", R"({"name":{"name":"web"}})", R"(["web"])", R"("web")",
@@ -68,7 +68,7 @@ TEST_F(ClusterNames, Conflict_NeedsANameThatIsAText) {
   EXPECT_GT(Conflict("web"), 0) << "damaged records do not hide the others";
 }
 
-TEST_F(ClusterNames, Conflict_FollowsANameOfItsOwn) {
+TEST_F(ClusterNames, Conflict_SeparateNameKey_IsUsed) {
   host_.PutText("guest", "g", R"({"name":"old"})");
   PutKey({"dash", "guest", "g", "name"}, R"("new")");
   PutKey({"dash", "guest", "g", "notes", "name"}, R"("note")");
@@ -84,12 +84,12 @@ TEST_F(ClusterNames, Conflict_FollowsANameOfItsOwn) {
   EXPECT_GT(Conflict("old"), 0) << "of another guest";
 }
 
-TEST_F(ClusterNames, Conflict_OfOneRequestSeesItsSnapshot) {
-  const vexa::cluster::RequestScope scope;
+TEST_F(ClusterNames, Conflict_InRequest_UsesItsSnapshot) {
+  const vexa::records::RequestScope scope;
   EXPECT_EQ(Conflict("web"), 0);
   host_.PutText("guest", "g", R"({"name":"web"})");
   EXPECT_EQ(Conflict("web"), 0);
-  vexa::cluster::RequestScope::ReleaseSnapshot();
+  { const vexa::records::RequestPause pause; }
   EXPECT_GT(Conflict("web"), 0);
 }
 
@@ -102,7 +102,7 @@ TEST_F(ClusterNames, NameConflict_Unknown_IsNegative) {
   EXPECT_LT(Conflict("free"), 0);
 }
 
-TEST_F(ClusterNames, HostName_IsFoundOrLeftAlone) {
+TEST_F(ClusterNames, HostName_KnownOrUnknown_IsReadOrKept) {
   host_.PutText("host", "h", R"({"name":"alpha"})");
   std::string name = "before";
   EXPECT_FALSE(utils::GetHostNameById("none", name));
@@ -115,7 +115,7 @@ TEST_F(ClusterNames, HostName_IsFoundOrLeftAlone) {
   EXPECT_EQ(name, "alpha");
 }
 
-TEST_F(ClusterNames, NameList_OrderOfIds_OrFailsCompletely) {
+TEST_F(ClusterNames, NameList_Ids_AreInOrderOrAllFail) {
   host_.PutText("guest", "a", R"({"name":"one"})");
   host_.PutText("guest", "b", R"({"name":"two"})");
   host_.PutText("guest", "bad", R"({"name":["x"]})");
@@ -152,7 +152,7 @@ TEST(ClusterStates, IsGuestStateOnline_StatesOnAHost_AreOnline) {
   }
 }
 
-TEST(ClusterStates, FindInContainer_IsForArraysOfTexts) {
+TEST(ClusterStates, FindInContainer_NotArrayOfStrings_IsFalse) {
   using vexa::test::Parsed;
   EXPECT_TRUE(utils::IsFindInSTLContainer(Parsed(R"(["a",1,null,"b"])"), "b"));
   EXPECT_FALSE(utils::IsFindInSTLContainer(Parsed(R"(["a",1,null,["c"]])"), "1"));

@@ -1,4 +1,5 @@
 // The dashboard on a real store, and the cache of parsed records.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -62,24 +63,22 @@ TEST_F(DashboardTest, Dashboard_GuestRecord_ContainsLiveState) {
   EXPECT_EQ(other, Parsed("[]")) << "untouched";
 }
 
-TEST_F(DashboardTest, MissingObject_IsTwoAndLeavesTheOutputAlone) {
+// Reads a guest's object and its state: both give this result and leave the output alone.
+void ExpectNothingRead(const testing::Matcher<int>& result) {
   Json::Value object("before");
-  EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(object, VexaCCC::DB::_k::object), 2);
+  EXPECT_THAT(Dashboard(DashCate::Guest, "g").Get(object, VexaCCC::DB::_k::object), result);
   EXPECT_EQ(object, "before");
   std::string text = "before";
-  EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(text, VexaCCC::DB::_k::state), 2);
+  EXPECT_THAT(Dashboard(DashCate::Guest, "g").Get(text, VexaCCC::DB::_k::state), result);
   EXPECT_EQ(text, "before");
 }
 
-TEST_F(DashboardTest, FailedRead_IsNegativeAndLeavesTheOutputAlone) {
+TEST_F(DashboardTest, Get_MissingObject_Returns2AndKeepsOutput) { ExpectNothingRead(testing::Eq(2)); }
+
+TEST_F(DashboardTest, Get_ReadFails_IsNegativeAndKeepsOutput) {
   host_.PutText("guest", "g", R"({"state":"x"})");
   host_.store().FailReadsOf(host_.ObjectKey("guest", "g"));
-  Json::Value object("before");
-  EXPECT_LT(Dashboard(DashCate::Guest, "g").Get(object, VexaCCC::DB::_k::object), 0);
-  EXPECT_EQ(object, "before");
-  std::string text = "before";
-  EXPECT_LT(Dashboard(DashCate::Guest, "g").Get(text, VexaCCC::DB::_k::state), 0);
-  EXPECT_EQ(text, "before");
+  ExpectNothingRead(testing::Lt(0));
 }
 
 TEST_F(DashboardTest, Member_IsFoundByItsKey) {
@@ -95,7 +94,7 @@ TEST_F(DashboardTest, Member_IsFoundByItsKey) {
   EXPECT_EQ(Dashboard(DashCate::Guest, "g").Get(value, "absent"), 2);
 }
 
-TEST_F(DashboardTest, KeyOfItsOwn_GoesBeforeTheMember) {
+TEST_F(DashboardTest, Get_SeparateKey_OverridesMember) {
   host_.PutText("guest", "g", R"({"state":"old"})");
   ASSERT_TRUE(host_.store().Commit({{}, {{vexa::store::MakeKey({"dash", "guest", "g", "state"}), "\"new\""}}}));
   std::string text;
@@ -116,7 +115,7 @@ TEST_F(DashboardTest, Dashboard_List_ReturnsOnlyIdsOfCategory) {
   EXPECT_EQ(ids.size(), 6u);
 }
 
-TEST_F(DashboardTest, HostileIds_DoNotLeaveTheirPlace) {
+TEST_F(DashboardTest, Get_HostileId_IsNotFound) {
   host_.PutText("guest", "g", R"({"name":"secret"})");
   for (const std::string& id : std::vector<std::string>{"../guest/g", "g/object", "g/", "/g", "%67", {"g\0", 2}}) {
     Json::Value object;
@@ -163,23 +162,23 @@ TEST(Constants, StateTexts_AreDistinctAcrossAllKinds) {
 
 // The cache.
 
-using vexa::cluster::RecordCache;
+using vexa::records::RecordCache;
 
-TEST(SharedNames, SharedName_AnyRecord_EqualsOneParsedWithout) {
+TEST(InternedNames, InternedNames_AnyRecord_EqualsParsedWithoutInterning) {
   for (const char* text : {R"({"name":"web","vdisks":["d"],"usual":{"name":1},"unusual \u0000":null,"":2,"nam":3})",
                            "{}", "[1]", "null", R"("name")"}) {
-    auto shared = vexa::ParseJson(text, vexa::cluster::SharedName);
+    auto shared = vexa::ParseJson(text, vexa::records::InternedName);
     ASSERT_TRUE(shared.ok());
     EXPECT_EQ(*shared, Parsed(text));
     const Json::Value copy = *shared;
     *shared = Json::Value();
     EXPECT_EQ(copy, Parsed(text)) << "copies stand alone";
   }
-  EXPECT_EQ(vexa::cluster::SharedName("name"), vexa::cluster::SharedName(std::string("name")));
-  EXPECT_EQ(vexa::cluster::SharedName("no usual name"), nullptr);
+  EXPECT_EQ(vexa::records::InternedName("name"), vexa::records::InternedName(std::string("name")));
+  EXPECT_EQ(vexa::records::InternedName("no usual name"), nullptr);
 }
 
-TEST(RecordCache, SameRevision_IsParsedOnce) {
+TEST(RecordCache, RecordCache_SameRevision_IsParsedOnce) {
   RecordCache cache(1 << 20);
   const auto first = cache.Parse("k", {1, "{\"a\":1}"});
   const auto second = cache.Parse("k", {1, "{\"a\":1}"});
@@ -196,7 +195,7 @@ TEST(RecordCache, RecordCache_NewRevision_IsParsedAndNotEvictedByOldReader) {
   EXPECT_EQ(cache.Parse("k", {2, "2"})->get(), newer->get());
 }
 
-TEST(RecordCache, ManyRecords_StayWithinTheBound) {
+TEST(RecordCache, RecordCache_ManyRecords_StaysWithinLimit) {
   constexpr std::size_t kBound = 256 << 10;
   RecordCache cache(kBound);
   const std::string text = "\"" + std::string(500, 'x') + "\"";
@@ -207,14 +206,14 @@ TEST(RecordCache, ManyRecords_StayWithinTheBound) {
   EXPECT_GT(cache.bytes(), kBound / 2);
 }
 
-TEST(RecordCache, RecordLargerThanTheBound_IsServedUncached) {
+TEST(RecordCache, RecordCache_RecordAboveLimit_IsServedUncached) {
   RecordCache cache(1024);
   const std::string text = "\"" + std::string(5000, 'x') + "\"";
   EXPECT_TRUE(cache.Parse("k", {1, text}));
   EXPECT_EQ(cache.bytes(), 0u);
 }
 
-TEST(RecordCache, DamagedText_IsAnErrorThatNamesTheKey) {
+TEST(RecordCache, RecordCache_DamagedText_ErrorNamesKey) {
   RecordCache cache(1 << 20);
   const auto damaged = cache.Parse("/dash/guest/g/object", {1, "{"});
   ASSERT_FALSE(damaged.ok());

@@ -13,11 +13,9 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-using test::Parsed;
-using test::Require;
 using VexaCCC::gaGuestDelete;
 
 class GuestAdminDelete : public testing::Test {
@@ -25,7 +23,7 @@ class GuestAdminDelete : public testing::Test {
   void Put(const std::string& identifier, const std::string& text) { host_.PutText("guest_admin", identifier, text); }
   std::string Text(const std::string& identifier) {
     const auto snapshot = Require(host_.store().Read());
-    const auto value = Require(snapshot->Get(GuestAdminKey(identifier)));
+    const auto value = Require(snapshot->Get(records::GuestAdminKey(identifier)));
     return value ? std::string(value->text) : "absent";
   }
   store::Revision Revision() { return Require(host_.store().Read())->revision(); }
@@ -33,7 +31,7 @@ class GuestAdminDelete : public testing::Test {
   test::TestHost host_;
 };
 
-TEST_F(GuestAdminDelete, Guest_IsTakenOutOfEveryRecordAndTheRestStays) {
+TEST_F(GuestAdminDelete, Delete_Guest_IsRemovedFromEveryRecordAndRestKept) {
   Put("users-1", R"({"authlevel":"advanced","note":[1],"guests":{"a":true,"g":true,"gg":true}})");
   Put("users-2", R"({"authlevel":"user","guests":{"g":{"why":1}}})");
   Put("groups-2", R"({"guests":{"g":false,"b":true}})");
@@ -67,7 +65,7 @@ TEST_F(GuestAdminDelete, Delete_GuestWithoutGrants_ChangesNothing) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(GuestAdminDelete, OddIds_AreTakenOutExactly) {
+TEST_F(GuestAdminDelete, Delete_UnusualIds_AreRemovedExactly) {
   Put("users-1", R"({"guests":{"a\u0000b":true,"a":true,"x/../y":true}})");
   EXPECT_EQ(gaGuestDelete({"a\0b", 3}), 0);
   EXPECT_EQ(Parsed(Text("users-1")), Parsed(R"({"guests":{"a":true,"x/../y":true}})"));
@@ -88,7 +86,7 @@ TEST_F(GuestAdminDelete, Delete_DamagedRecords_AreReportedAndOthersChanged) {
 }
 
 // A deletion commits the removal with the guest's records.
-TEST_F(GuestAdminDelete, Removals_ArePartOfAnotherTransaction_AndCompareWhatTheyChange) {
+TEST_F(GuestAdminDelete, Removals_InOtherTransaction_CompareWhatTheyChange) {
   Put("users-1", R"({"guests":{"a":true,"g":true}})");
   Put("users-2", "damaged");
   Put("users-3", R"({"guests":["g"]})");
@@ -96,11 +94,11 @@ TEST_F(GuestAdminDelete, Removals_ArePartOfAnotherTransaction_AndCompareWhatThey
   store::Transaction transaction;
   transaction.operations.push_back({"/mine", "1"});
   std::vector<Error> damage;
-  const auto add = [&] { return AddGrantRemovals(*Require(host_.store().Read()), "g", transaction, damage); };
+  const auto add = [&] { return records::AddGrantRemovals(*Require(host_.store().Read()), "g", transaction, damage); };
   ASSERT_TRUE(add());
   EXPECT_EQ(transaction.operations.size(), 2u);
   ASSERT_EQ(transaction.compares.size(), 1u);
-  EXPECT_EQ(transaction.compares[0].key, GuestAdminKey("users-1"));
+  EXPECT_EQ(transaction.compares[0].key, records::GuestAdminKey("users-1"));
   EXPECT_EQ(damage.size(), 2u);
   Put("users-1", R"({"guests":{"b":true,"g":true}})");
   EXPECT_EQ(host_.store().Commit(transaction).error().code(), ErrorCode::kConflict);
@@ -108,18 +106,18 @@ TEST_F(GuestAdminDelete, Removals_ArePartOfAnotherTransaction_AndCompareWhatThey
   ASSERT_TRUE(add());
   EXPECT_TRUE(host_.store().Commit(transaction));
   EXPECT_EQ(Parsed(Text("users-1")), Parsed(R"({"guests":{"b":true}})"));
-  host_.store().FailReadsOf(GuestAdminKey("users-4"));
+  host_.store().FailReadsOf(records::GuestAdminKey("users-4"));
   EXPECT_FALSE(add());
 }
 
-TEST_F(GuestAdminDelete, OthersWereFirst_IsTriedAgain) {
+TEST_F(GuestAdminDelete, Delete_CommitConflicts_IsRetried) {
   Put("users-1", R"({"guests":{"g":true}})");
   host_.store().ConflictCommits(3);
   EXPECT_EQ(gaGuestDelete("g"), 0);
   EXPECT_EQ(Parsed(Text("users-1")), Parsed(R"({"guests":{}})"));
 }
 
-TEST_F(GuestAdminDelete, GrantsOfOthersMeanwhile_AreKept) {
+TEST_F(GuestAdminDelete, Delete_GrantsChangedMeanwhile_AreKept) {
   Put("users-1", R"({"guests":{"g":true}})");
   Put("users-2", R"({"guests":{"g":true}})");
   std::thread granting([] {
@@ -136,21 +134,21 @@ TEST_F(GuestAdminDelete, GrantsOfOthersMeanwhile_AreKept) {
   }
 }
 
-TEST_F(GuestAdminDelete, StoreFails_IsAFailureAndNothingChanges) {
+TEST_F(GuestAdminDelete, Delete_StoreFails_ChangesNothing) {
   Put("users-1", R"({"guests":{"g":true}})");
   host_.store().FailCommits();
   EXPECT_LT(gaGuestDelete("g"), 0);
   host_.store().Heal();
-  host_.store().FailReadsOf(GuestAdminKey("users-1"));
+  host_.store().FailReadsOf(records::GuestAdminKey("users-1"));
   EXPECT_LT(gaGuestDelete("g"), 0);
   host_.store().Heal();
   host_.store().FailSnapshots();
   EXPECT_LT(gaGuestDelete("g"), 0);
   host_.store().Heal();
   EXPECT_EQ(Text("users-1"), R"({"guests":{"g":true}})");
-  RemoveEnvironment();
+  records::RemoveEnvironment();
   EXPECT_LT(gaGuestDelete("g"), 0);
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform

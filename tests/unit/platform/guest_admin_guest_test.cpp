@@ -6,15 +6,14 @@
 #include <vector>
 
 #include "host/records/guest_admin.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-using test::Parsed;
 using test::TestHost;
 using VexaCCC::gaGuestSet;
 using VexaCCC::tagGuestAdminRule;
@@ -39,7 +38,7 @@ class GuestAdminGuest : public testing::Test {
   }
   std::string Text(const std::string& identifier) {
     const auto snapshot = host_.store().Read();
-    const auto value = (*snapshot)->Get(GuestAdminKey(identifier));
+    const auto value = (*snapshot)->Get(records::GuestAdminKey(identifier));
     return value->has_value() ? std::string((*value)->text) : "absent";
   }
   store::Revision Revision() { return (*host_.store().Read())->revision(); }
@@ -61,7 +60,7 @@ class GuestAdminGuest : public testing::Test {
 
 const Texts kFine{"fine"};
 
-TEST_F(GuestAdminGuest, Rules_AreChangesOfUsersAndGroups) {
+TEST_F(GuestAdminGuest, Set_Rules_ChangeUsersAndGroups) {
   host_.PutGuestAdmin("users", bob_, "advanced", {"other", kGuest});
   EXPECT_EQ(Set({User(alice_, true), User(bob_, false)}), kFine);
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
@@ -75,18 +74,18 @@ TEST_F(GuestAdminGuest, Rules_AreChangesOfUsersAndGroups) {
   EXPECT_EQ(Granted("bob"), Texts{"other"});
 }
 
-TEST_F(GuestAdminGuest, NewRecord_HasTheFormOfTheOthers) {
+TEST_F(GuestAdminGuest, Set_NewRecord_HasUsualForm) {
   ASSERT_EQ(Set({User(alice_, true)}), kFine);
-  EXPECT_EQ(Parsed(Text(GuestAdminIdentifier(kUsersKind, alice_))),
+  EXPECT_EQ(Parsed(Text(records::GuestAdminIdentifier(records::kUsersKind, alice_))),
             Parsed(R"({"authlevel":"user","name":"alice","guests":{")" + kGuest + "\":true}}"));
 }
 
-TEST_F(GuestAdminGuest, UserAndGroupOfOneNumber_AreTwo) {
+TEST_F(GuestAdminGuest, Set_UserAndGroupOfSameNumber_AreDistinct) {
   ASSERT_EQ(Set({User(alice_, true)}), kFine);
-  EXPECT_EQ(Text(GuestAdminIdentifier(kGroupsKind, alice_)), "absent");
+  EXPECT_EQ(Text(records::GuestAdminIdentifier(records::kGroupsKind, alice_)), "absent");
 }
 
-TEST_F(GuestAdminGuest, NothingToChange_WritesNothing) {
+TEST_F(GuestAdminGuest, Set_NothingToChange_WritesNothing) {
   ASSERT_EQ(Set({User(alice_, true)}), kFine);
   const auto before = Revision();
   EXPECT_EQ(Set({}), kFine);
@@ -95,13 +94,13 @@ TEST_F(GuestAdminGuest, NothingToChange_WritesNothing) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(GuestAdminGuest, ManyChanges_AreOneCommit) {
+TEST_F(GuestAdminGuest, Set_ManyChanges_AreOneCommit) {
   const auto before = Revision();
   EXPECT_EQ(Set({User(alice_, true), User(bob_, true), Group(team_, true)}), kFine);
   EXPECT_EQ(Revision(), before + 1);
 }
 
-TEST_F(GuestAdminGuest, SeveralRulesForOne_TheLastCounts) {
+TEST_F(GuestAdminGuest, Set_SeveralRulesForOnePrincipal_LastCounts) {
   EXPECT_EQ(Set({User(alice_, true), User(bob_, true), User(alice_, false), User(bob_, false), User(bob_, true)}),
             kFine);
   EXPECT_EQ(Granted("alice"), Texts{});
@@ -135,7 +134,7 @@ TEST_F(GuestAdminGuest, Set_DeletedAccount_IsUnknownPrincipal) {
 }
 
 TEST_F(GuestAdminGuest, Set_DamagedRecord_IsReportedUnchangedAndOthersApplied) {
-  const std::string identifier = GuestAdminIdentifier(kUsersKind, bob_);
+  const std::string identifier = records::GuestAdminIdentifier(records::kUsersKind, bob_);
   for (const char* text : {"{", "", "[]", "null", R"({"guests":[1]})", R"({"guests":"a"})"}) {
     host_.PutText("guest_admin", identifier, text);
     ASSERT_EQ(Set({User(alice_, false)}), kFine);
@@ -162,7 +161,7 @@ TEST_F(GuestAdminGuest, Set_StoreFails_ChangesNothing) {
   host_.store().FailSnapshots();
   EXPECT_EQ(Set(rules), all);
   host_.store().Heal();
-  host_.store().FailReadsOf(GuestAdminKey(GuestAdminIdentifier(kUsersKind, bob_)));
+  host_.store().FailReadsOf(records::GuestAdminKey(records::GuestAdminIdentifier(records::kUsersKind, bob_)));
   EXPECT_EQ(Set(rules), all);
   host_.store().Heal();
   EXPECT_EQ(Granted("alice"), Texts{});
@@ -171,8 +170,8 @@ TEST_F(GuestAdminGuest, Set_StoreFails_ChangesNothing) {
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
 }
 
-TEST_F(GuestAdminGuest, GrantWithinARequest_IsSeenByIt) {
-  const RequestScope scope;
+TEST_F(GuestAdminGuest, Set_InRequest_IsVisibleToIt) {
+  const records::RequestScope scope;
   EXPECT_EQ(Granted("alice"), Texts{});
   ASSERT_EQ(Set({User(alice_, true)}), kFine);
   EXPECT_EQ(Granted("alice"), Texts{kGuest});
@@ -198,10 +197,10 @@ TEST_F(GuestAdminGuest, Set_FourThreads_LoseNoGrant) {
   EXPECT_EQ(Granted("bob").size(), 4u * kEach);
 }
 
-TEST(GuestAdminGuestWithoutHost, Everything_Fails) {
+TEST(GuestAdminGuestWithoutHost, Set_NoHost_Fails) {
   Texts failed;
   EXPECT_LT(gaGuestSet(kGuest, {}, failed), 0);
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform

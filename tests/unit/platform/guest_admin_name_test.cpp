@@ -1,4 +1,4 @@
-// Grants that were given to somebody of another name: hosts may differ in whose an id is.
+// Grants that were given to a principal of another name: an id may belong to different users on different hosts.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,40 +15,36 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
-
-using test::Parsed;
-using VexaCCC::gaGuestSet;
-using VexaCCC::gaUserSet;
 
 constexpr std::uint32_t kUid = 1001;
 constexpr std::uint32_t kGid = 2001;
 const std::string kGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
 
 // As PAM and NSS of one machine know one user and one group.
-class ScriptedAccounts : public base::AccountProvider {
+class ScriptedAccounts : public accounts::AccountProvider {
  public:
   std::string user = "alice";
   std::string group = "team";
   bool fails = false;
 
-  Result<base::User> FindUser(const std::string& name) const override { return Answer(name == user); }
-  Result<base::User> FindUserByUid(std::uint32_t uid) const override { return Answer(uid == kUid); }
-  Result<base::Group> FindGroupByGid(std::uint32_t gid) const override {
+  Result<accounts::User> FindUser(const std::string& name) const override { return Answer(name == user); }
+  Result<accounts::User> FindUserByUid(std::uint32_t uid) const override { return Answer(uid == kUid); }
+  Result<accounts::Group> FindGroupByGid(std::uint32_t gid) const override {
     if (fails) return Error(ErrorCode::kUnavailable, "scripted");
     if (gid != kGid) return Error(ErrorCode::kNotFound, "scripted");
-    return base::Group{group, kGid};
+    return accounts::Group{group, kGid};
   }
-  Result<base::User> VerifyPassword(const std::string& name, const std::string&) const override {
+  Result<accounts::User> VerifyPassword(const std::string& name, const std::string&) const override {
     return FindUser(name);
   }
 
  private:
-  Result<base::User> Answer(bool is_known) const {
+  Result<accounts::User> Answer(bool is_known) const {
     if (fails) return Error(ErrorCode::kUnavailable, "scripted");
     if (!is_known) return Error(ErrorCode::kNotFound, "scripted");
-    return base::User{user, kUid, kGid, {{group, kGid}}, false};
+    return accounts::User{user, kUid, kGid, {{group, kGid}}, false};
   }
 };
 
@@ -56,16 +52,20 @@ class GuestAdminName : public testing::Test {
  protected:
   GuestAdminName() {
     test::ClearCapturedSyslog();
-    Environment environment;
+    records::Environment environment;
     environment.store = store_;
     environment.accounts = accounts_;
     environment.host_id = "11111111-2222-4333-8444-555555555555";
-    InstallEnvironment(std::move(environment));
+    records::InstallEnvironment(std::move(environment));
   }
-  ~GuestAdminName() override { RemoveEnvironment(); }
+  ~GuestAdminName() override { records::RemoveEnvironment(); }
 
-  static std::string UserKey() { return GuestAdminKey(GuestAdminIdentifier(kUsersKind, kUid)); }
-  static std::string GroupKey() { return GuestAdminKey(GuestAdminIdentifier(kGroupsKind, kGid)); }
+  static std::string UserKey() {
+    return records::GuestAdminKey(records::GuestAdminIdentifier(records::kUsersKind, kUid));
+  }
+  static std::string GroupKey() {
+    return records::GuestAdminKey(records::GuestAdminIdentifier(records::kGroupsKind, kGid));
+  }
   void Put(const std::string& key, const std::string& text) {
     (void)test::Require(store_->Commit({{}, {{key, text}}}));
   }
@@ -109,7 +109,7 @@ constexpr RecordRow kRows[] = {
 
 class GuestAdminNameOf : public GuestAdminName, public testing::WithParamInterface<RecordRow> {};
 
-TEST_P(GuestAdminNameOf, Record_CountsOnlyForItsName) {
+TEST_P(GuestAdminNameOf, Record_OfOtherName_DoesNotCount) {
   const std::string text =
       R"({"authlevel":"advanced","guests":{"a":true,"b":true})" + std::string(GetParam().member) + "}";
   Put(UserKey(), text);
@@ -117,8 +117,8 @@ TEST_P(GuestAdminNameOf, Record_CountsOnlyForItsName) {
   EXPECT_EQ(Granted(), counts ? 2u : 0u);
   EXPECT_EQ(VexaCCC::gaIsAdvancedUser("alice"), counts ? 1 : 0);
   std::vector<std::string> failed;
-  EXPECT_EQ(gaGuestSet(kGuest, {{"users", "", "alice", "", kUid, true}}, failed) == 0, counts);
-  EXPECT_EQ(gaUserSet("users-1001", "", {{"guest", "c", true}}) == 0, counts);
+  EXPECT_EQ(VexaCCC::gaGuestSet(kGuest, {{"users", "", "alice", "", kUid, true}}, failed) == 0, counts);
+  EXPECT_EQ(VexaCCC::gaUserSet("users-1001", "", {{"guest", "c", true}}) == 0, counts);
   if (counts) {
     EXPECT_EQ(Parsed(Text(UserKey()))["name"], "alice") << "also when it had none";
     EXPECT_EQ(Granted(), 4u);
@@ -131,20 +131,21 @@ TEST_P(GuestAdminNameOf, Record_CountsOnlyForItsName) {
 INSTANTIATE_TEST_SUITE_P(All, GuestAdminNameOf, testing::ValuesIn(kRows),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
-TEST_F(GuestAdminName, GroupsRecord_CountsOnlyForItsName) {
-  ASSERT_EQ(gaUserSet("groups-2001", "", {{"guest", "a", true}}), 0);
+TEST_F(GuestAdminName, GroupRecord_OfOtherName_DoesNotCount) {
+  ASSERT_EQ(VexaCCC::gaUserSet("groups-2001", "", {{"guest", "a", true}}), 0);
   EXPECT_EQ(Parsed(Text(GroupKey()))["name"], "team");
   EXPECT_EQ(Granted(), 1u);
   accounts_->group = "wheel";
   EXPECT_EQ(Granted(), 0u);
   std::vector<std::string> failed;
-  EXPECT_NE(
-      gaGuestSet(kGuest, {{"groups", "", "wheel", "", kGid, true}, {"users", "", "alice", "", kUid, true}}, failed), 0);
+  EXPECT_NE(VexaCCC::gaGuestSet(
+                kGuest, {{"groups", "", "wheel", "", kGid, true}, {"users", "", "alice", "", kUid, true}}, failed),
+            0);
   EXPECT_EQ(failed, std::vector<std::string>{"wheel"});
   EXPECT_EQ(Granted(), 1u) << "alice's own is set";
 }
 
-TEST_F(GuestAdminName, ForeignRecord_IsLoggedOnceForEachName) {
+TEST_F(GuestAdminName, RecordOfOtherName_Read_IsLoggedOncePerName) {
   Put(UserKey(), R"({"guests":{"a":true},"name":"carol"})");
   accounts_->user = "dora";
   for (int i = 0; i < 5; ++i) EXPECT_EQ(Granted(), 0u);
@@ -155,20 +156,20 @@ TEST_F(GuestAdminName, ForeignRecord_IsLoggedOnceForEachName) {
   EXPECT_EQ(LinesWith("'carol'"), 2u);
 }
 
-class GuestAdminRace : public AccountStoreTest {
+class GuestAdminRace : public cluster::AccountStoreTest {
  protected:
   GuestAdminRace() {
-    Environment environment;
+    records::Environment environment;
     environment.store = watched_;
-    environment.accounts = std::make_shared<AccountStore>(real_);
-    InstallEnvironment(std::move(environment));
+    environment.accounts = std::make_shared<cluster::AccountStore>(real_);
+    records::InstallEnvironment(std::move(environment));
   }
-  ~GuestAdminRace() override { RemoveEnvironment(); }
+  ~GuestAdminRace() override { records::RemoveEnvironment(); }
 
   std::shared_ptr<test::WatchedStore> watched_ = std::make_shared<test::WatchedStore>(real_);
 };
 
-TEST_F(GuestAdminRace, AccountIsDeletedBetweenLookUpAndCommit_LeavesNoGrant) {
+TEST_F(GuestAdminRace, Set_AccountDeletedBeforeCommit_LeavesNoGrant) {
   for (const bool together : {true, false}) {
     const std::string name = together ? "alice" : "bob";
     Add(name);
@@ -176,28 +177,30 @@ TEST_F(GuestAdminRace, AccountIsDeletedBetweenLookUpAndCommit_LeavesNoGrant) {
     watched_->Conflict(1, [&] { EXPECT_TRUE(accounts_.DeleteUser(name).ok()); });
     if (together) {
       std::vector<std::string> failed;
-      EXPECT_NE(gaGuestSet(kGuest, {{"users", "", name, "", uid, true}}, failed), 0);
+      EXPECT_NE(VexaCCC::gaGuestSet(kGuest, {{"users", "", name, "", uid, true}}, failed), 0);
       EXPECT_EQ(failed, std::vector<std::string>{name});
     } else {
-      EXPECT_NE(gaUserSet(GuestAdminIdentifier(kUsersKind, uid), "", {{"guest", kGuest, true}}), 0);
+      EXPECT_NE(
+          VexaCCC::gaUserSet(records::GuestAdminIdentifier(records::kUsersKind, uid), "", {{"guest", kGuest, true}}),
+          0);
     }
     EXPECT_EQ(Text(GrantsKey(uid)), "absent");
   }
 }
 
-TEST_F(GuestAdminName, IdWasOfADeletedUserOfTheStore_TheMachinesUserGetsGrants) {
-  Put(DeletedUserKey(kUid), R"({"name":"old"})");
-  EXPECT_EQ(gaUserSet("users-1001", "", {{"guest", "a", true}}), 0);
+TEST_F(GuestAdminName, Set_IdOfDeletedStoreUser_GrantsToSystemUser) {
+  Put(records::DeletedUserKey(kUid), R"({"name":"old"})");
+  EXPECT_EQ(VexaCCC::gaUserSet("users-1001", "", {{"guest", "a", true}}), 0);
   EXPECT_EQ(Granted(), 1u);
 }
 
 TEST_F(GuestAdminName, Set_NamesUnavailable_GrantsNothing) {
   accounts_->fails = true;
-  EXPECT_NE(gaUserSet("users-1001", "", {{"guest", "a", true}}), 0);
+  EXPECT_NE(VexaCCC::gaUserSet("users-1001", "", {{"guest", "a", true}}), 0);
   std::vector<std::string> failed;
-  EXPECT_NE(gaGuestSet(kGuest, {{"users", "", "alice", "", kUid, true}}, failed), 0);
+  EXPECT_NE(VexaCCC::gaGuestSet(kGuest, {{"users", "", "alice", "", kUid, true}}, failed), 0);
   EXPECT_EQ(Text(UserKey()), "absent");
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform

@@ -6,15 +6,14 @@
 #include <vector>
 
 #include "host/records/guest_admin.h"
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-using test::Parsed;
 using test::TestHost;
 using VexaCCC::gaUserSet;
 using VexaCCC::gaUUIDGet;
@@ -27,7 +26,7 @@ class GuestAdminSet : public testing::Test {
  protected:
   std::string Text(const std::string& identifier) {
     const auto snapshot = host_.store().Read();
-    const auto value = (*snapshot)->Get(GuestAdminKey(identifier));
+    const auto value = (*snapshot)->Get(records::GuestAdminKey(identifier));
     return value->has_value() ? std::string((*value)->text) : "absent";
   }
   void PutRecord(const std::string& text) { host_.PutText("guest_admin", "users-7", text); }
@@ -36,12 +35,12 @@ class GuestAdminSet : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(GuestAdminSet, Identifier_IsWhatTheAccessChecksRead) {
+TEST_F(GuestAdminSet, Identifier_Principal_IsWhatAccessChecksRead) {
   const std::uint32_t uid = host_.AddUser("alice", {"team"});
   const std::uint32_t gid = host_.GroupId("alice", "team");
   for (const int type : {1, 2, 8}) {
-    EXPECT_EQ(gaUUIDGet(type, "users", uid), GuestAdminIdentifier(kUsersKind, uid));
-    EXPECT_EQ(gaUUIDGet(type, "groups", gid), GuestAdminIdentifier(kGroupsKind, gid));
+    EXPECT_EQ(gaUUIDGet(type, "users", uid), records::GuestAdminIdentifier(records::kUsersKind, uid));
+    EXPECT_EQ(gaUUIDGet(type, "groups", gid), records::GuestAdminIdentifier(records::kGroupsKind, gid));
   }
   std::set<std::string> granted;
   ASSERT_EQ(gaUserSet(gaUUIDGet(1, "users", uid), "", {Allow("g1")}), 0);
@@ -51,7 +50,7 @@ TEST_F(GuestAdminSet, Identifier_IsWhatTheAccessChecksRead) {
   EXPECT_EQ(VexaCCC::gaIsAdvancedUser("alice"), 0) << "a grant makes nobody advanced";
 }
 
-TEST_F(GuestAdminSet, Strangers_HaveNoIdentifier) {
+TEST_F(GuestAdminSet, Identifier_UnknownTypeKindOrId_IsEmpty) {
   const std::uint32_t uid = host_.AddUser("alice", {"team"});
   const std::uint32_t gid = host_.GroupId("alice", "team");
   for (const int type : {0, 3, 4, 7, -1, 9, 1 << 30}) EXPECT_EQ(gaUUIDGet(type, "users", uid), "") << type;
@@ -65,14 +64,14 @@ TEST_F(GuestAdminSet, Strangers_HaveNoIdentifier) {
   EXPECT_EQ(gaUUIDGet(1, "users", uid), "");
 }
 
-TEST_F(GuestAdminSet, MissingRecord_IsMade) {
+TEST_F(GuestAdminSet, SetRules_RecordMissing_CreatesIt) {
   ASSERT_EQ(gaUserSet("users-7", "", {Allow("g1")}), 0);
   EXPECT_EQ(Parsed(Text("users-7")), Parsed(R"({"authlevel":"user","guests":{"g1":true}})"));
   ASSERT_EQ(gaUserSet("groups-4294967295", "", {Allow("g1")}), 0);
   EXPECT_NE(Text("groups-4294967295"), "absent");
 }
 
-TEST_F(GuestAdminSet, Rules_AreAppliedInOrderAndOtherMembersStay) {
+TEST_F(GuestAdminSet, SetRules_Several_AreAppliedInOrderAndOtherMembersKept) {
   PutRecord(R"({"authlevel":"advanced","note":[1],"guests":{"a":true,"b":{"why":1}}})");
   ASSERT_EQ(gaUserSet("users-7", "", {Allow("c"), Deny("a"), Allow("d"), Deny("d"), Deny("never")}), 0);
   EXPECT_EQ(Parsed(Text("users-7")),
@@ -82,7 +81,7 @@ TEST_F(GuestAdminSet, Rules_AreAppliedInOrderAndOtherMembersStay) {
   EXPECT_EQ(Parsed(Text("users-7")), Parsed(R"({"note":1,"guests":{"c":true}})"));
 }
 
-TEST_F(GuestAdminSet, NothingToChange_WritesNothing) {
+TEST_F(GuestAdminSet, SetRules_NothingToChange_WritesNothing) {
   PutRecord(R"({"guests":{"a":true}})");
   const auto before = Revision();
   EXPECT_EQ(gaUserSet("users-7", "", {}), 0);
@@ -137,7 +136,7 @@ TEST_F(GuestAdminSet, SetRules_UnusualGuestIds_AreStoredUnchanged) {
   EXPECT_EQ(Parsed(Text(gaUUIDGet(1, "users", uid)))["guests"], Json::Value(Json::objectValue));
 }
 
-TEST_F(GuestAdminSet, DamagedRecord_IsNotOverwritten) {
+TEST_F(GuestAdminSet, SetRules_DamagedRecord_IsNotOverwritten) {
   for (const char* text : {"{", "", "[]", "null", R"({"guests":[1]})", R"({"guests":"a"})"}) {
     PutRecord(text);
     EXPECT_NE(gaUserSet("users-7", "", {Allow("g")}), 0) << text;
@@ -147,7 +146,7 @@ TEST_F(GuestAdminSet, DamagedRecord_IsNotOverwritten) {
   EXPECT_EQ(gaUserSet("users-7", "", {Allow("g")}), 0);
 }
 
-TEST_F(GuestAdminSet, StoreThatFails_ChangesNothing) {
+TEST_F(GuestAdminSet, SetRules_StoreFails_ChangesNothing) {
   host_.store().ConflictCommits(5);
   EXPECT_EQ(gaUserSet("users-7", "", {Allow("a")}), 0) << "tried again";
   const std::string before = Text("users-7");
@@ -157,7 +156,7 @@ TEST_F(GuestAdminSet, StoreThatFails_ChangesNothing) {
   host_.store().FailCommits();
   EXPECT_NE(gaUserSet("users-7", "", {Allow("g")}), 0);
   host_.store().Heal();
-  host_.store().FailReadsOf(GuestAdminKey("users-7"));
+  host_.store().FailReadsOf(records::GuestAdminKey("users-7"));
   EXPECT_NE(gaUserSet("users-7", "", {Allow("g")}), 0);
   host_.store().Heal();
   host_.store().FailSnapshots();
@@ -166,9 +165,9 @@ TEST_F(GuestAdminSet, StoreThatFails_ChangesNothing) {
   EXPECT_EQ(Text("users-7"), before);
 }
 
-TEST_F(GuestAdminSet, GrantWithinARequest_IsSeenByIt) {
+TEST_F(GuestAdminSet, SetRules_InRequest_IsVisibleToIt) {
   const std::uint32_t uid = host_.AddUser("alice");
-  const RequestScope scope;
+  const records::RequestScope scope;
   std::set<std::string> granted;
   ASSERT_EQ(VexaCCC::gaUserListAvail("alice", "guest", granted), 0);
   ASSERT_EQ(gaUserSet(gaUUIDGet(1, "users", uid), "", {Allow("g")}), 0);
@@ -195,10 +194,10 @@ TEST_F(GuestAdminSet, SetRules_EightThreads_LoseNoGrant) {
   EXPECT_EQ(Parsed(Text("users-7"))["guests"].size(), 8u * kEach / 4 * 3);
 }
 
-TEST(GuestAdminSetWithoutHost, Everything_Fails) {
+TEST(GuestAdminSetWithoutHost, SetRules_NoHost_Fails) {
   EXPECT_EQ(gaUUIDGet(1, "users", 7), "");
   EXPECT_NE(gaUserSet("users-7", "", {Allow("g")}), 0);
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform

@@ -12,11 +12,10 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
 namespace fs = std::filesystem;
-using test::Parsed;
 using test::TestHost;
 using VexaCCC::GuestImageIsDsPath;
 using VexaCCC::GuestImageIsValidDsPath;
@@ -36,9 +35,9 @@ class GuestImage : public testing::Test {
 
   void Make(const std::string& name) { std::ofstream(root_ + "/" + name) << "x"; }
   static void Allow(const std::vector<std::string>& roots) {
-    Environment environment = *CurrentEnvironment();
+    records::Environment environment = *records::CurrentEnvironment();
     environment.image_roots = roots;
-    InstallEnvironment(std::move(environment));
+    records::InstallEnvironment(std::move(environment));
   }
 
   TestHost host_;
@@ -46,7 +45,7 @@ class GuestImage : public testing::Test {
   const std::string outside_ = host_.folder().File("outside");
 };
 
-TEST_F(GuestImage, Id_IsThatOfARecordWithAPath) {
+TEST_F(GuestImage, ImageId_RecordWithPath_IsValid) {
   EXPECT_FALSE(GuestImageIsValidID(kImage));
   host_.Put("image", kImage, Parsed(R"({"name":"Debian","path":"/srv/debian.iso"})"));
   EXPECT_TRUE(GuestImageIsValidID(kImage));
@@ -58,9 +57,9 @@ TEST_F(GuestImage, Id_IsThatOfARecordWithAPath) {
   }
 }
 
-TEST_F(GuestImage, EmptyDrive_IsAnId) { EXPECT_TRUE(GuestImageIsValidID("unmounted")); }
+TEST_F(GuestImage, ImageId_EmptyDrive_IsValid) { EXPECT_TRUE(GuestImageIsValidID("unmounted")); }
 
-TEST_F(GuestImage, ImageId_OtherTexts_AreInvalid) {
+TEST_F(GuestImage, ImageId_OtherStrings_AreInvalid) {
   host_.Put("image", "short", Parsed(R"({"path":"/srv/debian.iso"})"));
   for (const std::string& text : std::vector<std::string>{"",
                                                           "short",
@@ -74,19 +73,19 @@ TEST_F(GuestImage, ImageId_OtherTexts_AreInvalid) {
   }
 }
 
-TEST_F(GuestImage, IdWhileTheStoreFails_IsNotValid) {
+TEST_F(GuestImage, ImageId_StoreFails_IsInvalid) {
   host_.Put("image", kImage, Parsed(R"({"path":"/srv/debian.iso"})"));
   host_.store().FailSnapshots();
   EXPECT_FALSE(GuestImageIsValidID(kImage));
 }
 
-TEST_F(GuestImage, Form_IsASlashAndMore) {
+TEST_F(GuestImage, ImagePath_Form_IsSlashAndMore) {
   for (const char* path : {"/a", "//", "/a/b.iso", "/../x", "/ ", "/\xff"})
     EXPECT_TRUE(GuestImageIsDsPath(path)) << path;
   for (const char* path : {"", "/", "a", "a/b.iso", " /a", "unmounted"}) EXPECT_FALSE(GuestImageIsDsPath(path)) << path;
 }
 
-TEST_F(GuestImage, FileBelowARoot_IsValid) {
+TEST_F(GuestImage, ImagePath_FileBelowRoot_IsValid) {
   Allow({"/nowhere", root_});
   for (const char* name : {"/a.iso", "/B.IsO", "/deep/er/c.iso"}) {
     EXPECT_TRUE(GuestImageIsValidDsPath(root_ + name)) << name;
@@ -97,7 +96,7 @@ TEST_F(GuestImage, FileBelowARoot_IsValid) {
   }
 }
 
-TEST_F(GuestImage, WithoutRoots_NoPathIsValid) {
+TEST_F(GuestImage, ImagePath_NoRoots_IsInvalid) {
   EXPECT_FALSE(GuestImageIsValidDsPath(root_ + "/a.iso"));
   for (const std::string& root :
        {std::string(), std::string("images"), std::string("."), root_ + "/a.iso", root_ + "x"}) {
@@ -119,7 +118,7 @@ TEST_F(GuestImage, ImagePath_OutsideRoots_IsInvalid) {
   }
 }
 
-TEST_F(GuestImage, OtherNames_AreNotValid) {
+TEST_F(GuestImage, ImagePath_NameNotIsoFile_IsInvalid) {
   Allow({root_});
   for (const std::string& name : std::vector<std::string>{
            "text.txt", "iso", ".iso", "a.iso.txt", "a\n.iso", "a\x01.iso", "a\x7f.iso", "a\xc2\x85.iso", "a\xff.iso",
@@ -134,7 +133,7 @@ TEST_F(GuestImage, OtherNames_AreNotValid) {
   }
 }
 
-TEST_F(GuestImage, LongPath_IsValidUpToItsLimit) {
+TEST_F(GuestImage, ImagePath_Long_IsValidUpToLimit) {
   Allow({root_});
   std::string path = root_;
   while (path.size() + 206 <= 4096 - 10) {
@@ -178,7 +177,7 @@ TEST_F(GuestImage, ImagePath_RootIsLink_IsValid) {
   EXPECT_FALSE(GuestImageIsValidDsPath(root_ + "/a.iso"));
 }
 
-TEST_F(GuestImage, Walking_FindsTheSame) {
+TEST_F(GuestImage, ImagePath_WithoutOpenat2_HasSameResult) {
   for (const ResolvePath how : {ResolvePath::kBySystem, ResolvePath::kByWalking}) {
     EXPECT_TRUE(IsRegularFileBelow({root_}, root_ + "/a.iso", how));
     EXPECT_TRUE(IsRegularFileBelow({root_}, root_ + "/deep/er/c.iso", how));
@@ -205,12 +204,12 @@ TEST_F(GuestImage, ImagePath_ManyChecks_LeakNoDescriptor) {
   EXPECT_EQ(open_files(), before);
 }
 
-TEST(GuestImageWithoutHost, NoPathAndNoIdIsValid) {
+TEST(GuestImageWithoutHost, Checks_WithoutAHost_RefuseEveryPathAndId) {
   EXPECT_FALSE(GuestImageIsValidID(kImage));
   EXPECT_FALSE(GuestImageIsValidDsPath("/etc/a.iso"));
 }
 
-TEST(TextHelpers, Join_PutsTheSeparatorBetweenTexts) {
+TEST(TextHelpers, Join_Strings_AreSeparated) {
   using VexaCCC::Utils::join;
   EXPECT_EQ(join(Parsed(R"(["a","","b"])"), ", "), "a, , b");
   EXPECT_EQ(join(Parsed(R"(["a"])"), ", "), "a");
@@ -226,4 +225,4 @@ TEST(TextHelpers, MakeJsonObject_HasTheMembers) {
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform

@@ -34,28 +34,28 @@ std::vector<std::string> StringsOf(PSZLIST list) {
   return strings;
 }
 
-unsigned int Code(base::HlibError error) { return static_cast<unsigned int>(error); }
+unsigned int Code(platform::HlibError error) { return static_cast<unsigned int>(error); }
 
 // Answers every question about users with one error, or with one user.
-class ScriptedAccounts : public base::AccountProvider {
+class ScriptedAccounts : public accounts::AccountProvider {
  public:
-  explicit ScriptedAccounts(Result<base::User> answer) : answer_(std::move(answer)) {}
-  Result<base::User> FindUser(const std::string&) const override { return answer_; }
-  Result<base::User> FindUserByUid(std::uint32_t) const override { return answer_; }
-  Result<base::Group> FindGroupByGid(std::uint32_t) const override { return answer_.error(); }
-  Result<base::User> VerifyPassword(const std::string&, const std::string&) const override { return answer_; }
+  explicit ScriptedAccounts(Result<accounts::User> answer) : answer_(std::move(answer)) {}
+  Result<accounts::User> FindUser(const std::string&) const override { return answer_; }
+  Result<accounts::User> FindUserByUid(std::uint32_t) const override { return answer_; }
+  Result<accounts::Group> FindGroupByGid(std::uint32_t) const override { return answer_.error(); }
+  Result<accounts::User> VerifyPassword(const std::string&, const std::string&) const override { return answer_; }
 
  private:
-  const Result<base::User> answer_;
+  const Result<accounts::User> answer_;
 };
 
 // Installed while it lives.
 class Accounts {
  public:
-  explicit Accounts(Result<base::User> answer) {
-    base::InstallAccounts(std::make_shared<ScriptedAccounts>(std::move(answer)));
+  explicit Accounts(Result<accounts::User> answer) {
+    accounts::InstallAccounts(std::make_shared<ScriptedAccounts>(std::move(answer)));
   }
-  ~Accounts() { base::InstallAccounts(nullptr); }
+  ~Accounts() { accounts::InstallAccounts(nullptr); }
   Accounts(const Accounts&) = delete;
   Accounts& operator=(const Accounts&) = delete;
 };
@@ -70,7 +70,7 @@ TEST(StringList, New_IsEmpty) {
 
 TEST(StringList, NegativeCapacity_IsRefused) {
   EXPECT_EQ(HLIBCSzListAlloc(-1), nullptr);
-  EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kBadArgument));
+  EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kBadArgument));
 }
 
 TEST(StringList, IndexOutside_IsNull) {
@@ -90,9 +90,9 @@ TEST(BaseLibrary, NullArguments_AreFailures) {
       {"VEXAUserGetUGID", [&] { return VEXAUserGetUGID(nullptr, &uid, &gid) < 0; }},
   };
   for (const auto& [name, fails] : calls) {
-    base::SetHlibError(base::HlibError::kNone);
+    platform::SetHlibError(platform::HlibError::kNone);
     EXPECT_TRUE(fails()) << name;
-    EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kBadArgument)) << name;
+    EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kBadArgument)) << name;
   }
   EXPECT_EQ(HLIBCSzListCount(nullptr), 0);
   EXPECT_EQ(uid, 7u);
@@ -101,9 +101,9 @@ TEST(BaseLibrary, NullArguments_AreFailures) {
   HLIBCSzHashFree(nullptr);
 }
 
-TEST(GroupHash, Keys_AreTheUsersGroupsInRisingOrder) {
+TEST(GroupHash, Keys_OfUser_AreGroupIdsInRisingOrder) {
   // 9 before 1000: by number and not by text.
-  const Accounts accounts(base::User{"u", 1, 1000, {{"users", 1000}, {"nine", 9}, {"top", 4294967294U}}, false});
+  const Accounts accounts(accounts::User{"u", 1, 1000, {{"users", 1000}, {"nine", 9}, {"top", 4294967294U}}, false});
   const Hash hash(HLIBGroupInfoHashGet("u", 0, 0));
   ASSERT_TRUE(hash);
   const List list(HLIBCSzListAlloc(1));
@@ -114,14 +114,14 @@ TEST(GroupHash, Keys_AreTheUsersGroupsInRisingOrder) {
 }
 
 TEST(GroupHash, NullList_IsAFailure) {
-  const Accounts accounts(base::User{"u", 1, 2, {{"users", 2}}, false});
+  const Accounts accounts(accounts::User{"u", 1, 2, {{"users", 2}}, false});
   const Hash hash(HLIBGroupInfoHashGet("u", 0, 0));
   EXPECT_LT(HLIBCSzHashEnumKey(hash.get(), nullptr), 0);
-  EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kBadArgument));
+  EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kBadArgument));
 }
 
 TEST(GroupHash, UserWithoutGroups_IsEmpty) {
-  const Accounts accounts(base::User{"u", 1, 2, {}, false});
+  const Accounts accounts(accounts::User{"u", 1, 2, {}, false});
   const Hash hash(HLIBGroupInfoHashGet("u", 0, 0));
   ASSERT_TRUE(hash);
   const List list(HLIBCSzListAlloc(1));
@@ -130,11 +130,11 @@ TEST(GroupHash, UserWithoutGroups_IsEmpty) {
 }
 
 TEST(BaseLibrary, Hlib_ProviderFails_SetsLastError) {
-  const std::vector<std::pair<ErrorCode, base::HlibError>> rows = {
-      {ErrorCode::kNotFound, base::HlibError::kNoSuchUser},
-      {ErrorCode::kUnavailable, base::HlibError::kUnavailable},
-      {ErrorCode::kBusy, base::HlibError::kUnavailable},
-      {ErrorCode::kCorrupt, base::HlibError::kInternal},
+  const std::vector<std::pair<ErrorCode, platform::HlibError>> rows = {
+      {ErrorCode::kNotFound, platform::HlibError::kNoSuchUser},
+      {ErrorCode::kUnavailable, platform::HlibError::kUnavailable},
+      {ErrorCode::kBusy, platform::HlibError::kUnavailable},
+      {ErrorCode::kCorrupt, platform::HlibError::kInternal},
   };
   for (const auto& [answer, expected] : rows) {
     const Accounts accounts(Error(answer, "scripted"));
@@ -142,7 +142,7 @@ TEST(BaseLibrary, Hlib_ProviderFails_SetsLastError) {
     gid_t gid = 8;
     EXPECT_LT(VEXAUserGetUGID("u", &uid, &gid), 0);
     EXPECT_EQ(HLIBCErrGet(), Code(expected));
-    base::SetHlibError(base::HlibError::kNone);
+    platform::SetHlibError(platform::HlibError::kNone);
     EXPECT_EQ(HLIBGroupInfoHashGet("u", 0, 0), nullptr);
     EXPECT_EQ(HLIBCErrGet(), Code(expected));
     EXPECT_EQ(uid, 7u);
@@ -153,12 +153,12 @@ TEST(BaseLibrary, Hlib_ProviderFails_SetsLastError) {
 TEST(BaseLibrary, NoProvider_IsUnavailable) {
   uid_t uid = 7;
   EXPECT_LT(VEXAUserGetUGID("root", &uid, nullptr), 0);
-  EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kUnavailable));
+  EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kUnavailable));
   EXPECT_EQ(uid, 7u);
 }
 
 TEST(BaseLibrary, Hlib_NullOutputs_AreSkipped) {
-  const Accounts accounts(base::User{"u", 11, 12, {}, false});
+  const Accounts accounts(accounts::User{"u", 11, 12, {}, false});
   EXPECT_EQ(VEXAUserGetUGID("u", nullptr, nullptr), 0);
   gid_t gid = 0;
   EXPECT_EQ(VEXAUserGetUGID("u", nullptr, &gid), 0);
@@ -177,7 +177,7 @@ TEST(BaseLibrary, LastError_NamesFileAndLine) {
   EXPECT_STREQ(HLIBCErrorGetFile(), "hlib_lists.cpp");
 }
 
-TEST(BaseLibrary, LastError_IsTheThreadsOwn) {
+TEST(BaseLibrary, LastError_EachThread_HasItsOwn) {
   EXPECT_EQ(HLIBCSzListAlloc(-1), nullptr);
   std::thread([] {
     EXPECT_EQ(HLIBCErrGet(), 0u);
@@ -186,10 +186,10 @@ TEST(BaseLibrary, LastError_IsTheThreadsOwn) {
     uid_t uid = 0;
     EXPECT_LT(VEXAUserGetUGID("u", &uid, nullptr), 0);
   }).join();
-  EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kBadArgument));
+  EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kBadArgument));
 }
 
-TEST(BaseLibrary, RealAccounts_AnswerWhileTheHostIsInstalled) {
+TEST(BaseLibrary, Accounts_HostInstalled_AreAnswered) {
   {
     TestHost host;
     const std::uint32_t alice = host.AddUser("alice", {"staff", "night"});
@@ -199,7 +199,7 @@ TEST(BaseLibrary, RealAccounts_AnswerWhileTheHostIsInstalled) {
     EXPECT_EQ(uid, alice);
     EXPECT_EQ(gid, host.GroupId("alice", "users"));
     EXPECT_LT(VEXAUserGetUGID("bob", &uid, &gid), 0);
-    EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kNoSuchUser));
+    EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kNoSuchUser));
     const Hash hash(HLIBGroupInfoHashGet("alice", 0, 0));
     const List list(HLIBCSzListAlloc(1024));
     ASSERT_GE(HLIBCSzHashEnumKey(hash.get(), list.get()), 0);
@@ -216,7 +216,7 @@ TEST(BaseLibrary, Hlib_HostileNames_AreUnknown) {
   for (const char* name : {"", "a\nb", "../x", "%n%n", "a b"}) {
     EXPECT_LT(VEXAUserGetUGID(name, nullptr, nullptr), 0) << name;
     EXPECT_EQ(HLIBGroupInfoHashGet(name, 0, 0), nullptr) << name;
-    EXPECT_EQ(HLIBCErrGet(), Code(base::HlibError::kNoSuchUser)) << name;
+    EXPECT_EQ(HLIBCErrGet(), Code(platform::HlibError::kNoSuchUser)) << name;
   }
 }
 

@@ -5,23 +5,22 @@
 
 #include "host/records/environment_internal.h"
 #include "host/records/live_state.h"
-#include "host/records/reading.h"
 #include "host/records/record_cache.h"
+#include "host/records/request_scope.h"
 #include "host/records/unstored_states.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
-namespace vexa::cluster {
+namespace vexa::platform {
 namespace {
 
-using test::Parsed;
 using test::TestHost;
 
 class LocalConfig : public testing::Test {
  protected:
   void PutState(const std::string& guest, const std::string& text) {
-    ASSERT_TRUE(host_.store().Commit({{}, {{LiveStateKey(guest), text}}}).ok());
+    ASSERT_TRUE(host_.store().Commit({{}, {{records::LiveStateKey(guest), text}}}).ok());
   }
   // All four fail and leave their outputs alone.
   void ExpectNothing(const std::string& guest) {
@@ -38,7 +37,7 @@ class LocalConfig : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(LocalConfig, Guest_IsItsRecordWithTheLiveState) {
+TEST_F(LocalConfig, Guest_Read_IsRecordWithLiveState) {
   host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown","n":[1]})");
   Json::Value conf("before");
   ASSERT_EQ(vgConfGet("g", conf), 0);
@@ -60,7 +59,7 @@ TEST_F(LocalConfig, Guest_IsItsRecordWithTheLiveState) {
   EXPECT_EQ(conf["state"], "guest_saved");
 }
 
-TEST_F(LocalConfig, WrittenConfiguration_DoesNotReachTheCache) {
+TEST_F(LocalConfig, Guest_OutputModified_LeavesCacheUnchanged) {
   host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown"})");
   PutState("g", R"("guest_running")");
   Json::Value conf;
@@ -122,7 +121,7 @@ TEST_F(LocalConfig, LocalConfig_HostAndNoHost_AreDistinguished) {
   EXPECT_EQ(host, "../h");
 }
 
-TEST_F(LocalConfig, RepositorysHost_IsInItsRecord) {
+TEST_F(LocalConfig, RepositoryHost_Read_ComesFromItsRecord) {
   std::string host = "before";
   host_.PutText("repository", "r", R"({"host_id":"h"})");
   host_.PutText("repository", "hostless", "{}");
@@ -145,7 +144,7 @@ TEST_F(LocalConfig, RepositorysHost_IsInItsRecord) {
   EXPECT_EQ(vgConfRepoHostIdGet("g", host), -1);
 }
 
-TEST_F(LocalConfig, DatabaseReportedInaccessible_CanStillBeRead) {
+TEST_F(LocalConfig, Guest_DatabaseReportedInaccessible_CanBeRead) {
   host_.PutText("guest", "g", R"({"host_id":"h","repository_id":"r","state":"guest_running"})");
   host_.PutText("repository", "r", R"({"host_id":"h"})");
   host_.store().ReportHealth(store::Health::kInaccessible);
@@ -158,30 +157,30 @@ TEST_F(LocalConfig, DatabaseReportedInaccessible_CanStillBeRead) {
 }
 
 // A guest that ends while the database is lost is not shown as running.
-TEST_F(LocalConfig, StateThatCouldNotBeStored_IsKnownWhileTheDatabaseIsLost) {
+TEST_F(LocalConfig, State_NotStored_IsKnownWhileDatabaseIsLost) {
   host_.PutText("guest", "g", R"({"host_id":"h","state":"guest_running"})");
   host_.store().ReportHealth(store::Health::kInaccessible);
   host_.store().FailCommits();
   const std::string crashed = VexaCCC::State::Guest::crashed;
-  const Observation seen{crashed, {1, 1}, "h", std::chrono::system_clock::now()};
-  EXPECT_FALSE(Observe(host_.store(), "g", seen).ok());
+  const records::Observation seen{crashed, {1, 1}, "h", std::chrono::system_clock::now()};
+  EXPECT_FALSE(records::Observe(host_.store(), "g", seen).ok());
   std::string state;
   EXPECT_EQ(vgConfStateGet("g", state), 0);
   EXPECT_EQ(state, crashed);
   host_.store().Heal();
   EXPECT_EQ(vgConfStateGet("g", state), 0);
   EXPECT_EQ(state, "guest_running") << "what is stored counts again";
-  ASSERT_TRUE(Observe(host_.store(), "g", seen).ok());
+  ASSERT_TRUE(records::Observe(host_.store(), "g", seen).ok());
   host_.store().ReportHealth(store::Health::kInaccessible);
-  EXPECT_FALSE(UnstoredState("g").has_value());
+  EXPECT_FALSE(records::UnstoredState("g").has_value());
   EXPECT_EQ(vgConfStateGet("g", state), 0);
   EXPECT_EQ(state, crashed);
 }
 
-TEST_F(LocalConfig, FailedRead_Fails) {
+TEST_F(LocalConfig, Read_StoreFails_ReturnsErrorAndKeepsOutput) {
   host_.PutText("guest", "g", R"({"host_id":"h","repository_id":"r","state":"guest_running"})");
   host_.PutText("repository", "r", R"({"host_id":"h"})");
-  host_.store().FailReadsOf(LiveStateKey("g"));
+  host_.store().FailReadsOf(records::LiveStateKey("g"));
   Json::Value conf("before");
   std::string text = "before";
   EXPECT_EQ(vgConfGet("g", conf), -1);
@@ -196,9 +195,9 @@ TEST_F(LocalConfig, FailedRead_Fails) {
   ExpectNothing("g");
 }
 
-TEST_F(LocalConfig, OneRequest_SeesOneStateOfAllGuests) {
+TEST_F(LocalConfig, Guests_InOneRequest_AreFromOneSnapshot) {
   host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
-  const RequestScope scope;
+  const records::RequestScope scope;
   Json::Value conf;
   ASSERT_EQ(vgConfGet("g", conf), 0);
   PutState("g", R"("guest_running")");
@@ -207,32 +206,32 @@ TEST_F(LocalConfig, OneRequest_SeesOneStateOfAllGuests) {
   EXPECT_EQ(conf["state"], "guest_shutdown");
 }
 
-TEST_F(LocalConfig, PassOverAllGuests_PutsNothingIntoTheCache) {
+TEST_F(LocalConfig, Scan_AllGuests_CachesNothing) {
   host_.PutText("guest", "g", R"({"name":"web","state":"guest_shutdown"})");
-  const std::size_t before = CurrentRecordCache().bytes();
-  const RequestScope scope;
+  const std::size_t before = records::CurrentRecordCache().bytes();
+  const records::RequestScope scope;
   Json::Value conf;
   ASSERT_EQ(vgConfGet("g", conf), 0);
   std::vector<std::string> names;
   ASSERT_EQ(VexaCCC::Utils::GetNameList(VexaCCC::DB::DashCate::Guest, {"g"}, names), 0);
-  EXPECT_EQ(CurrentRecordCache().bytes(), before);
-  ASSERT_TRUE(ReadObject("guest", "g").ok());
-  EXPECT_GT(CurrentRecordCache().bytes(), before);
+  EXPECT_EQ(records::CurrentRecordCache().bytes(), before);
+  ASSERT_TRUE((*records::ReaderOfRequest())->ReadObject("guest", "g").ok());
+  EXPECT_GT(records::CurrentRecordCache().bytes(), before);
   ASSERT_EQ(vgConfGet("g", conf), 0);
   EXPECT_EQ(conf, Parsed(R"({"name":"web","state":"guest_shutdown"})")) << "from the cache";
 }
 
-TEST_F(LocalConfig, CallOutsideOfARequest_HasASnapshotOfItsOwnEachTime) {
+TEST_F(LocalConfig, Call_OutsideRequest_UsesNewSnapshotEachTime) {
   host_.PutText("guest", "g", R"({"state":"guest_shutdown"})");
   std::string state;
   ASSERT_EQ(vgConfStateGet("g", state), 0);
-  EXPECT_EQ(RequestScope::Serial(), 0u);
+  EXPECT_EQ(records::RequestScope::Number(), 0u);
   PutState("g", R"("guest_running")");
   ASSERT_EQ(vgConfStateGet("g", state), 0);
   EXPECT_EQ(state, "guest_running");
 }
 
-TEST(LocalConfigWithoutHost, Everything_Fails) {
+TEST(LocalConfigWithoutHost, LocalConfig_NoHost_Fails) {
   Json::Value conf("before");
   std::string text = "before";
   EXPECT_EQ(vgConfGet("g", conf), -1);
@@ -251,15 +250,15 @@ const std::string& RecordText() {
   return text;
 }
 
-bool IsCached(RecordCache& cache, const std::string& key) {
+bool IsCached(records::RecordCache& cache, const std::string& key) {
   const auto first = cache.Parse(key, {1, RecordText()});
   const auto second = cache.Parse(key, {1, RecordText()});
   return first->get() == second->get();
 }
 
-TEST(RecordCacheScan, PassOverManyRecords_LeavesWhatOthersRead) {
-  RecordCache cache(kBound);
-  std::vector<Record> useful;
+TEST(RecordCacheScan, RecordCache_Scan_KeepsRecordsOfOtherReaders) {
+  records::RecordCache cache(kBound);
+  std::vector<records::Record> useful;
   for (const std::uint64_t reader : {1, 2}) {
     for (int i = 0; i < 10; ++i) {
       auto record = cache.Parse("useful" + std::to_string(i), {1, RecordText()}, reader);
@@ -282,7 +281,7 @@ TEST(RecordCacheScan, PassOverManyRecords_LeavesWhatOthersRead) {
 }
 
 TEST(RecordCacheScan, RecordCache_FrequentRecordChanges_StaysCached) {
-  RecordCache cache(kBound);
+  records::RecordCache cache(kBound);
   ASSERT_TRUE(cache.Parse("repository", {1, RecordText()}, 1));
   ASSERT_TRUE(cache.Parse("repository", {1, RecordText()}, 2));
   const auto changed = cache.Parse("repository", {2, RecordText()}, 3);
@@ -290,8 +289,8 @@ TEST(RecordCacheScan, RecordCache_FrequentRecordChanges_StaysCached) {
   EXPECT_EQ(cache.Parse("repository", {2, RecordText()}, 5)->get(), changed->get());
 }
 
-TEST(RecordCacheScan, OnlyOftenReadRecords_MakeRoomForNewOnes) {
-  RecordCache cache(kBound);
+TEST(RecordCacheScan, RecordCache_OnlyFrequentRecords_MakeRoomForNewOnes) {
+  records::RecordCache cache(kBound);
   for (int round = 0; round < 3; ++round) {
     for (int i = 0; i < 500; ++i) {
       const std::string key = "often" + std::to_string(i);
@@ -303,8 +302,8 @@ TEST(RecordCacheScan, OnlyOftenReadRecords_MakeRoomForNewOnes) {
   EXPECT_GT(cache.bytes(), kBound / 2);
 }
 
-TEST(RecordCacheScan, LargeRecord_FindsItsPlaceAmongKeptOnes) {
-  RecordCache cache(kBound);
+TEST(RecordCacheScan, RecordCache_LargeRecord_IsCachedAmongFrequentOnes) {
+  records::RecordCache cache(kBound);
   for (int i = 0; i < 500; ++i) IsCached(cache, "often" + std::to_string(i));
   // Nearly all that one shard may hold.
   const std::string large = "\"" + std::string(5000, 'x') + "\"";
@@ -314,4 +313,4 @@ TEST(RecordCacheScan, LargeRecord_FindsItsPlaceAmongKeptOnes) {
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::platform

@@ -13,36 +13,42 @@
 namespace vexa::test {
 namespace {
 
-using guests::Guest;
-using guests::ReadGuest;
-using guests::RunKey;
+using records::Guest;
+using records::RunKey;
 using std::chrono::seconds;
 using std::chrono::system_clock;
+
+// In the newest state.
+Result<Guest> ReadGuest(const std::string& id) {
+  const auto reader = records::Reader::OpenCurrent();
+  if (!reader) return reader.error();
+  return records::ReadGuest(*reader, id);
+}
 
 class GuestRecordsTest : public testing::Test {
  protected:
   void PutAt(const std::string& key, const std::string& text) {
     (void)Require(host_.store().Commit({{}, {{key, text}}}));
   }
-  guests::StoredRun ReadRunOf(const std::string& text) {
+  records::StoredRun ReadRunOf(const std::string& text) {
     PutAt(RunKey("g"), text);
-    const auto run = Require(guests::ReadRun(host_.store(), "g"));
+    const auto run = Require(records::ReadRun(host_.store(), "g"));
     EXPECT_TRUE(run.has_value());
-    return run.value_or(guests::StoredRun{});
+    return run.value_or(records::StoredRun{});
   }
 
   TestHost host_;
 };
 
 TEST_F(GuestRecordsTest, Run_RoundTrip_IsEqual) {
-  guests::Run run;
+  records::Run run;
   run.host_id = "host";
   run.since = system_clock::time_point(seconds(1'700'000'000));
   run.starting = true;
   run.vcpus = 4;
   run.memory_mib = 8192;
   run.pinned_cpus = {0, 5, 2};
-  const guests::StoredRun stored = ReadRunOf(guests::RunText(run));
+  const records::StoredRun stored = ReadRunOf(records::SerializeRun(run));
   EXPECT_EQ(stored.run.host_id, "host");
   EXPECT_EQ(stored.run.since, run.since);
   EXPECT_TRUE(stored.run.starting);
@@ -53,23 +59,23 @@ TEST_F(GuestRecordsTest, Run_RoundTrip_IsEqual) {
 }
 
 TEST_F(GuestRecordsTest, ReadRun_Missing_IsNotError) {
-  EXPECT_FALSE(Require(guests::ReadRun(host_.store(), "g")).has_value());
-  EXPECT_FALSE(Require(guests::ReadRun(host_.store(), "")).has_value());
-  EXPECT_FALSE(Require(guests::ReadRun(host_.store(), std::string(1000, 'x'))).has_value());
-  EXPECT_THAT(Require(guests::RunsOf(host_.store(), "host")), testing::IsEmpty());
+  EXPECT_FALSE(Require(records::ReadRun(host_.store(), "g")).has_value());
+  EXPECT_FALSE(Require(records::ReadRun(host_.store(), "")).has_value());
+  EXPECT_FALSE(Require(records::ReadRun(host_.store(), std::string(1000, 'x'))).has_value());
+  EXPECT_THAT(Require(records::RunsOf(host_.store(), "host")), testing::IsEmpty());
 }
 
-TEST_F(GuestRecordsTest, DamagedRun_IsOfNoHost_ButThere) {
+TEST_F(GuestRecordsTest, ReadRun_Damaged_ExistsWithoutHost) {
   for (const char* text : {"", "{", "[]", "7", "null", "\"host\"", "{}", R"({"host_id":7})", R"({"host_id":["h"]})",
                            R"({"host_id":null,"vcpus":2})"}) {
-    const guests::StoredRun stored = ReadRunOf(text);
+    const records::StoredRun stored = ReadRunOf(text);
     EXPECT_EQ(stored.run.host_id, "") << text;
     EXPECT_GT(stored.revision, 0u);
   }
 }
 
 TEST_F(GuestRecordsTest, ReadRun_WrongTypes_KeepsValidMembers) {
-  const guests::StoredRun stored = ReadRunOf(
+  const records::StoredRun stored = ReadRunOf(
       R"({"host_id":"host","since":"x","starting":[],"vcpus":-1,"memory_mib":1e300,"pinned_cpus":[1,"2",-3,{},1e99,7]})");
   EXPECT_EQ(stored.run.host_id, "host");
   EXPECT_EQ(stored.run.since, system_clock::time_point());
@@ -81,41 +87,41 @@ TEST_F(GuestRecordsTest, ReadRun_WrongTypes_KeepsValidMembers) {
   EXPECT_THAT(ReadRunOf(R"({"host_id":"host","pinned_cpus":{"0":1}})").run.pinned_cpus, testing::IsEmpty());
 }
 
-TEST_F(GuestRecordsTest, RunSinceImpossibleTimes_StaysInRange) {
+TEST_F(GuestRecordsTest, ReadRun_ImpossibleTimes_AreClamped) {
   for (const char* since : {"9223372036854775807", "-9223372036854775808", "18446744073709551615", "1e18", "-1"}) {
-    const guests::Run run = ReadRunOf(R"({"host_id":"host","since":)" + std::string(since) + "}").run;
+    const records::Run run = ReadRunOf(R"({"host_id":"host","since":)" + std::string(since) + "}").run;
     EXPECT_GE(run.since, system_clock::time_point()) << since;
     EXPECT_LE(run.since, system_clock::time_point::max()) << since;
   }
 }
 
-TEST_F(GuestRecordsTest, RunsOf_AreThoseOfOneHost) {
+TEST_F(GuestRecordsTest, RunsOf_Host_ReturnsOnlyItsRuns) {
   PutAt(RunKey("a"), R"({"host_id":"host","vcpus":1})");
   PutAt(RunKey("b/../c"), R"({"host_id":"host","vcpus":2})");
   PutAt(RunKey("d"), R"({"host_id":"other"})");
   PutAt(RunKey("e"), "damaged");
   PutAt(store::MakeKey({"run", "f", "below"}), R"({"host_id":"host"})");
-  const auto runs = Require(guests::RunsOf(host_.store(), "host"));
+  const auto runs = Require(records::RunsOf(host_.store(), "host"));
   ASSERT_EQ(runs.size(), 2u);
   EXPECT_EQ(runs[0].first, "a");
   EXPECT_EQ(runs[0].second.run.vcpus, 1u);
   EXPECT_EQ(runs[1].first, "b/../c");
-  const auto nobodys = Require(guests::RunsOf(host_.store(), ""));
+  const auto nobodys = Require(records::RunsOf(host_.store(), ""));
   ASSERT_EQ(nobodys.size(), 1u) << "a damaged record is found under no host";
   EXPECT_EQ(nobodys[0].first, "e");
 }
 
 TEST_F(GuestRecordsTest, GuestRecords_StoreUnreadable_IsAnError) {
   host_.store().FailReadsOf(RunKey("g"));
-  EXPECT_FALSE(guests::ReadRun(host_.store(), "g").ok());
+  EXPECT_FALSE(records::ReadRun(host_.store(), "g").ok());
   host_.store().FailReadsOf(store::MakeKey({"run"}));
-  EXPECT_FALSE(guests::RunsOf(host_.store(), "host").ok());
+  EXPECT_FALSE(records::RunsOf(host_.store(), "host").ok());
   host_.store().FailSnapshots();
-  EXPECT_FALSE(guests::ReadRun(host_.store(), "other").ok());
+  EXPECT_FALSE(records::ReadRun(host_.store(), "other").ok());
   EXPECT_FALSE(ReadGuest("g").ok());
 }
 
-TEST_F(GuestRecordsTest, Guest_HasItsRecordsInItsOrder) {
+TEST_F(GuestRecordsTest, ReadGuest_Parts_AreInListedOrder) {
   host_.Put("guest", "g",
             Parsed(R"({"name":"web","host_id":"h","repository_id":"r","vdisks":["d2","d1"],"vnics":["n"]})"));
   host_.Put("vdisk", "d1", Parsed(R"({"size":1})"));
@@ -137,7 +143,7 @@ TEST_F(GuestRecordsTest, Guest_HasItsRecordsInItsOrder) {
   EXPECT_EQ(guest.repository_state, "repo_online");
 }
 
-TEST_F(GuestRecordsTest, RepositoryWithoutRecord_LeavesItsMembersEmpty) {
+TEST_F(GuestRecordsTest, ReadGuest_RepositoryWithoutRecord_HasEmptyMembers) {
   host_.Put("guest", "g", Parsed(R"({"repository_id":"r"})"));
   for (const char* text : {"", "{}", "[]", "{", R"({"host_id":7,"state":[]})"}) {
     if (*text != '\0') host_.PutText("repository", "r", text);
@@ -148,7 +154,7 @@ TEST_F(GuestRecordsTest, RepositoryWithoutRecord_LeavesItsMembersEmpty) {
   }
 }
 
-TEST_F(GuestRecordsTest, WrongTypes_AreEmpty) {
+TEST_F(GuestRecordsTest, ReadGuest_WrongTypes_AreEmpty) {
   host_.Put("guest", "g", Parsed(R"({"name":7,"host_id":[],"repository_id":{},"vdisks":{"a":1},"vnics":"n"})"));
   const Guest guest = Require(ReadGuest("g"));
   EXPECT_EQ(guest.name, "");
@@ -158,7 +164,7 @@ TEST_F(GuestRecordsTest, WrongTypes_AreEmpty) {
   EXPECT_THAT(guest.records.nics, testing::IsEmpty());
 }
 
-TEST_F(GuestRecordsTest, MissingRecords_AreNotFound) {
+TEST_F(GuestRecordsTest, ReadGuest_MissingRecords_AreNotFound) {
   EXPECT_EQ(ReadGuest("g").error().code(), ErrorCode::kNotFound);
   EXPECT_EQ(ReadGuest("").error().code(), ErrorCode::kNotFound);
   const std::map<std::string, std::string> missing = {{R"({"vdisks":["d"]})", "the guest's disk 'd'"},
@@ -171,7 +177,7 @@ TEST_F(GuestRecordsTest, MissingRecords_AreNotFound) {
   }
 }
 
-TEST_F(GuestRecordsTest, DamagedRecords_AreCorrupt) {
+TEST_F(GuestRecordsTest, ReadGuest_DamagedRecords_AreCorrupt) {
   for (const char* text : {"", "{", "[]", "7", "\"x\""}) {
     host_.PutText("guest", "g", text);
     EXPECT_EQ(ReadGuest("g").error().code(), ErrorCode::kCorrupt) << text;
@@ -188,7 +194,7 @@ TEST_F(GuestRecordsTest, ReadGuest_InvalidListedIds_IsCorrupt) {
   }
 }
 
-TEST_F(GuestRecordsTest, TooManyListed_AreCorrupt) {
+TEST_F(GuestRecordsTest, ReadGuest_TooManyListed_IsCorrupt) {
   Json::Value guest(Json::objectValue);
   for (int i = 0; i < 10'000; ++i) guest["vdisks"].append("d");
   host_.Put("guest", "g", guest);

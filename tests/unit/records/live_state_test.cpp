@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "json/readers.h"
@@ -23,7 +23,7 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 using std::chrono::milliseconds;
@@ -66,7 +66,9 @@ class LiveState : public testing::Test {
  protected:
   LiveState() { host_.PutText("guest", "g", R"({"name":"web","host_id":"a","state":"guest_saved"})"); }
 
-  Observed Tell(const Observation& observation) { return test::Require(Observe(host_.store(), "g", observation)); }
+  ObserveResult Report(const Observation& observation) {
+    return test::Require(Observe(host_.store(), "g", observation));
+  }
 
   ErrorCode Refusal(const std::string& guest, const Observation& observation) {
     const auto result = Observe(host_.store(), guest, observation);
@@ -89,11 +91,11 @@ class LiveState : public testing::Test {
   TestHost host_;
 };
 
-TEST_F(LiveState, NothingObserved_TheRecordsStateHolds) { EXPECT_EQ(State(), states::saved); }
+TEST_F(LiveState, State_NothingObserved_ComesFromRecord) { EXPECT_EQ(State(), states::saved); }
 
 TEST_F(LiveState, Observe_StoresStateBesideUnchangedRecord) {
   const std::string record = Text(TestHost::ObjectKey("guest", "g"));
-  EXPECT_EQ(Tell(Seen(states::running, {1, 1})), Observed::kStored);
+  EXPECT_EQ(Report(Seen(states::running, {1, 1})), ObserveResult::kStored);
   EXPECT_EQ(State(), states::running);
   std::string local;
   EXPECT_EQ(vgConfStateGet("g", local), 0);
@@ -106,53 +108,58 @@ TEST_F(LiveState, Observe_StoresStateBesideUnchangedRecord) {
             test::Parsed(R"({"host_id":"a","time":1700000000,"sequences":{"a":{"epoch":1,"counter":1}}})"));
 }
 
-TEST_F(LiveState, SequencesOfOneHost_OnlyRise) {
+TEST_F(LiveState, Observe_OlderSequence_IsIgnored) {
   struct Row {
     const char* state;
     Sequence sequence;
-    Observed outcome;
+    ObserveResult outcome;
   };
-  const Row rows[] = {
-      {states::booting, {5, 10}, Observed::kStored},   {states::running, {5, 11}, Observed::kStored},
-      {states::crashed, {5, 11}, Observed::kOlder},    {states::crashed, {5, 10}, Observed::kOlder},
-      {states::crashed, {4, 99}, Observed::kOlder},    {states::shutdown, {6, 1}, Observed::kStored},
-      {states::crashed, {5, 1000}, Observed::kOlder},  {states::crashed, {6, 0}, Observed::kOlder},
-      {states::running, {6, 1000}, Observed::kStored}, {states::saved, {~std::uint64_t{0}, 1}, Observed::kStored}};
+  const Row rows[] = {{states::booting, {5, 10}, ObserveResult::kStored},
+                      {states::running, {5, 11}, ObserveResult::kStored},
+                      {states::crashed, {5, 11}, ObserveResult::kOutdated},
+                      {states::crashed, {5, 10}, ObserveResult::kOutdated},
+                      {states::crashed, {4, 99}, ObserveResult::kOutdated},
+                      {states::shutdown, {6, 1}, ObserveResult::kStored},
+                      {states::crashed, {5, 1000}, ObserveResult::kOutdated},
+                      {states::crashed, {6, 0}, ObserveResult::kOutdated},
+                      {states::running, {6, 1000}, ObserveResult::kStored},
+                      {states::saved, {~std::uint64_t{0}, 1}, ObserveResult::kStored}};
   std::string last;
   for (const Row& row : rows) {
-    EXPECT_EQ(Tell(Seen(row.state, row.sequence)), row.outcome) << row.sequence.epoch << "." << row.sequence.counter;
-    if (row.outcome == Observed::kStored) last = row.state;
+    EXPECT_EQ(Report(Seen(row.state, row.sequence)), row.outcome) << row.sequence.epoch << "." << row.sequence.counter;
+    if (row.outcome == ObserveResult::kStored) last = row.state;
     EXPECT_EQ(State(), last);
   }
 }
 
-TEST_F(LiveState, SameStateAgain_MovesTheSequenceButNotTheState) {
-  Tell(Seen(states::running, {1, 1}));
+TEST_F(LiveState, Observe_SameState_AdvancesSequenceOnly) {
+  Report(Seen(states::running, {1, 1}));
   const auto before = test::Require(host_.store().Read())->revision();
-  EXPECT_EQ(Tell(Seen(states::running, {1, 5})), Observed::kStored);
-  EXPECT_EQ(Tell(Seen(states::shutdown, {1, 4})), Observed::kOlder);
+  EXPECT_EQ(Report(Seen(states::running, {1, 5})), ObserveResult::kStored);
+  EXPECT_EQ(Report(Seen(states::shutdown, {1, 4})), ObserveResult::kOutdated);
   const auto changes = test::Require(host_.store().Watch(LiveStateKey("g"), before, milliseconds(0)));
   EXPECT_TRUE(changes.changes.empty());
 }
 
-TEST_F(LiveState, HostThatLostTheGuest_ChangesNothing) {
-  EXPECT_EQ(Tell(Seen(states::running, {1, 1}, "b")), Observed::kNotOurs) << "never had it";
-  EXPECT_EQ(Tell(Seen(states::moving, {1, 1}, "a")), Observed::kStored);
-  EXPECT_EQ(Tell(Seen(states::running, {9, 9}, "b")), Observed::kNotOurs);
+TEST_F(LiveState, Observe_ByFormerHost_ChangesNothing) {
+  EXPECT_EQ(Report(Seen(states::running, {1, 1}, "b")), ObserveResult::kNotOurs) << "never had it";
+  EXPECT_EQ(Report(Seen(states::moving, {1, 1}, "a")), ObserveResult::kStored);
+  EXPECT_EQ(Report(Seen(states::running, {9, 9}, "b")), ObserveResult::kNotOurs);
   host_.PutText("guest", "g", R"({"host_id":"b"})");
-  EXPECT_EQ(Tell(Seen(states::shutdown, {1, 2}, "a")), Observed::kNotOurs) << "although it spoke last";
+  EXPECT_EQ(Report(Seen(states::shutdown, {1, 2}, "a")), ObserveResult::kNotOurs) << "although it spoke last";
   EXPECT_EQ(State(), states::moving);
-  EXPECT_EQ(Tell(Seen(states::running, {1, 1}, "b")), Observed::kStored) << "its own sequence begins";
+  EXPECT_EQ(Report(Seen(states::running, {1, 1}, "b")), ObserveResult::kStored) << "its own sequence begins";
   EXPECT_EQ(State(), states::running);
   host_.PutText("guest", "g", R"({"host_id":"a"})");
-  EXPECT_EQ(Tell(Seen(states::shutdown, {1, 1}, "a")), Observed::kOlder) << "late, from its first time with the guest";
+  EXPECT_EQ(Report(Seen(states::shutdown, {1, 1}, "a")), ObserveResult::kOutdated)
+      << "late, from its first time with the guest";
   EXPECT_EQ(State(), states::running);
-  EXPECT_EQ(Tell(Seen(states::shutdown, {1, 2}, "a")), Observed::kStored);
+  EXPECT_EQ(Report(Seen(states::shutdown, {1, 2}, "a")), ObserveResult::kStored);
 }
 
 TEST_F(LiveState, Observe_GuestLostBeforeCommit_ChangesNothing) {
   RacedStore moved(host_.store(), [&] { host_.PutText("guest", "g", R"({"host_id":"b","state":"guest_moving"})"); });
-  EXPECT_EQ(test::Require(Observe(moved, "g", Seen(states::shutdown, {1, 1}))), Observed::kNotOurs);
+  EXPECT_EQ(test::Require(Observe(moved, "g", Seen(states::shutdown, {1, 1}))), ObserveResult::kNotOurs);
   EXPECT_EQ(State(), states::moving);
   RacedStore deleted(host_.store(), [&] { host_.Remove("guest", "g"); });
   EXPECT_FALSE(Observe(deleted, "g", Seen(states::shutdown, {1, 1}, "b")).ok());
@@ -162,15 +169,15 @@ TEST_F(LiveState, Observe_GuestLostBeforeCommit_ChangesNothing) {
 TEST_F(LiveState, Observe_GuestWithoutHost_StaysWithLastReporter) {
   for (const char* record : {"{}", R"({"host_id":""})", R"({"host_id":null})", R"({"host_id":["b"]})"}) {
     host_.PutText("guest", "free", record);
-    EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::shutdown, {1, 1}, "a")), Observed::kStored) << record;
-    EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::running, {2, 1}, "b")), Observed::kNotOurs) << record;
-    EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::running, {1, 2}, "a")), Observed::kStored) << record;
+    EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::shutdown, {1, 1}, "a")), ObserveResult::kStored) << record;
+    EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::running, {2, 1}, "b")), ObserveResult::kNotOurs) << record;
+    EXPECT_EQ(*Observe(host_.store(), "free", Seen(states::running, {1, 2}, "a")), ObserveResult::kStored) << record;
     EXPECT_EQ(State("free"), states::running);
     ASSERT_TRUE(host_.store().Commit({{}, {{LiveRecordKey("free"), std::nullopt}}}).ok());
   }
 }
 
-TEST_F(LiveState, WhatCannotBeObserved_IsRefusedAndStoresNothing) {
+TEST_F(LiveState, Observe_ImpossibleState_IsRefusedAndStoresNothing) {
   const std::string texts[] = {"",
                                "running",
                                "host_running",
@@ -201,34 +208,34 @@ TEST_F(LiveState, WhatCannotBeObserved_IsRefusedAndStoresNothing) {
 TEST_F(LiveState, LiveState_UnusualGuestIds_HaveSeparateStates) {
   for (const std::string& id : std::vector<std::string>{"a/b", "..", ".", "%", "x\ny", {"x\0y", 3}, "ü"}) {
     host_.PutText("guest", id, R"({"host_id":"a"})");
-    EXPECT_EQ(*Observe(host_.store(), id, Seen(states::running, {1, 1})), Observed::kStored);
+    EXPECT_EQ(*Observe(host_.store(), id, Seen(states::running, {1, 1})), ObserveResult::kStored);
     EXPECT_EQ(State(id), states::running);
   }
   EXPECT_EQ(State(), states::saved);
 }
 
-TEST_F(LiveState, HostIdWithOddCharacters_CountsOnItsOwn) {
+TEST_F(LiveState, Observe_UnusualHostId_HasItsOwnSequence) {
   const std::string odd("a\"\\/..%\n\0b", 10);
   Json::Value guest(Json::objectValue);
   guest["host_id"] = odd;
   host_.Put("guest", "g", guest);
-  EXPECT_EQ(Tell(Seen(states::running, {1, 2}, odd)), Observed::kStored);
-  EXPECT_EQ(Tell(Seen(states::crashed, {1, 2}, odd)), Observed::kOlder);
+  EXPECT_EQ(Report(Seen(states::running, {1, 2}, odd)), ObserveResult::kStored);
+  EXPECT_EQ(Report(Seen(states::crashed, {1, 2}, odd)), ObserveResult::kOutdated);
 }
 
-TEST_F(LiveState, DamagedLiveRecord_IsReplaced) {
+TEST_F(LiveState, Observe_DamagedRecord_IsReplaced) {
   for (const char* damaged :
        {"{", "[]", "null", R"({"sequences":[1],"host_id":7})", R"({"sequences":{"a":"x"},"host_id":{}})",
         R"({"sequences":{"a":{"epoch":"9","counter":-1}}})"}) {
     ASSERT_TRUE(host_.store().Commit({{}, {{LiveRecordKey("g"), damaged}}}).ok());
-    EXPECT_EQ(Tell(Seen(states::running, {1, 1})), Observed::kStored) << damaged;
-    EXPECT_EQ(Tell(Seen(states::crashed, {1, 1})), Observed::kOlder) << damaged;
+    EXPECT_EQ(Report(Seen(states::running, {1, 1})), ObserveResult::kStored) << damaged;
+    EXPECT_EQ(Report(Seen(states::crashed, {1, 1})), ObserveResult::kOutdated) << damaged;
   }
 }
 
-TEST_F(LiveState, StoreThatFails_IsReported) {
+TEST_F(LiveState, Observe_StoreFails_IsReported) {
   host_.store().ConflictCommits(5);
-  EXPECT_EQ(Tell(Seen(states::running, {1, 1})), Observed::kStored) << "tried again";
+  EXPECT_EQ(Report(Seen(states::running, {1, 1})), ObserveResult::kStored) << "tried again";
   host_.store().ConflictCommits(1'000'000);
   EXPECT_EQ(Refusal("g", Seen(states::shutdown, {1, 2})), ErrorCode::kConflict);
   host_.store().Heal();
@@ -246,18 +253,18 @@ TEST_F(LiveState, StoreThatFails_IsReported) {
   EXPECT_EQ(State(), states::running);
 }
 
-TEST_F(LiveState, ObservedWithinARequest_TheRequestSeesIt) {
+TEST_F(LiveState, Observe_InRequest_IsVisibleToIt) {
   const RequestScope scope;
   EXPECT_EQ(State(), states::saved);
-  EXPECT_EQ(Tell(Seen(states::running, {1, 1})), Observed::kStored);
+  EXPECT_EQ(Report(Seen(states::running, {1, 1})), ObserveResult::kStored);
   EXPECT_EQ(State(), states::running);
 }
 
-TEST_F(LiveState, DeletedGuest_LeavesNothing) {
-  Tell(Seen(states::running, {1, 1}));
+TEST_F(LiveState, Remove_DeletedGuest_LeavesNothing) {
+  Report(Seen(states::running, {1, 1}));
   store::Transaction transaction;
   transaction.operations.push_back({TestHost::ObjectKey("guest", "g"), std::nullopt});
-  ForgetLiveState(transaction, "g");
+  AddLiveStateRemoval(transaction, "g");
   ASSERT_TRUE(host_.store().Commit(transaction).ok());
   std::vector<std::string> ids;
   ASSERT_EQ(DashCate::Guest.List(ids), 0);
@@ -266,7 +273,7 @@ TEST_F(LiveState, DeletedGuest_LeavesNothing) {
   EXPECT_EQ(Refusal("g", Seen(states::running, {1, 2})), ErrorCode::kNotFound);
 }
 
-TEST_F(LiveState, Epochs_OnlyRise) {
+TEST_F(LiveState, StartEpoch_EachStart_IsHigher) {
   const system_clock::time_point now{milliseconds(5000)};
   EXPECT_EQ(*StartEpoch(host_.store(), "a", now), 5000u);
   EXPECT_EQ(*StartEpoch(host_.store(), "a", now), 5001u);
@@ -362,4 +369,4 @@ TEST(LiveStateProcesses, Observe_TwoProcesses_NewestWinsAndStateNeverRegresses) 
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::records

@@ -11,11 +11,10 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
 
-namespace vexa::cluster {
+namespace vexa::records {
 namespace {
 
 namespace states = VexaCCC::State::Guest;
-using test::Parsed;
 using VexaCCC::DB::Dashboard;
 using VexaCCC::DB::DashCate;
 
@@ -23,11 +22,13 @@ class ShutdownReasons : public testing::Test {
  protected:
   ShutdownReasons() { host_.PutText("guest", "g", R"({"name":"web","host_id":"a","state":"guest_running"})"); }
 
-  void Tell(const char* state, const std::optional<ShutdownReason>& reason = std::nullopt) {
+  void ReportState(const char* state, const std::optional<ShutdownReason>& reason = std::nullopt) {
     const Observation observation{state, {1, ++counter_}, "a", std::chrono::system_clock::now(), reason};
-    EXPECT_EQ(test::Require(Observe(host_.store(), "g", observation)), Observed::kStored);
+    EXPECT_EQ(test::Require(Observe(host_.store(), "g", observation)), ObserveResult::kStored);
   }
-  static std::optional<ShutdownReason> Stored() { return test::Require(ReadShutdown("g")); }
+  static std::optional<ShutdownReason> Stored() {
+    return test::Require(ReadShutdown(test::Require(Reader::OpenCurrent()), "g"));
+  }
   // As both kinds of readers get it; "none" when the record has none.
   static std::string Shown() {
     Json::Value conf;
@@ -43,34 +44,34 @@ class ShutdownReasons : public testing::Test {
   std::uint64_t counter_ = 0;
 };
 
-TEST_F(ShutdownReasons, Reason_StaysUntilTheGuestRunsAgain) {
+TEST_F(ShutdownReasons, Reason_Stored_IsKeptUntilGuestRuns) {
   EXPECT_EQ(Shown(), "none");
-  Tell(states::shutdown, ShutdownReason{ShutdownCause::kFenced, true});
+  ReportState(states::shutdown, ShutdownReason{ShutdownCause::kFenced, true});
   EXPECT_EQ(Shown(), "9!");
-  Tell(states::shutdown);
+  ReportState(states::shutdown);
   EXPECT_EQ(Shown(), "9!") << "who knows no reason leaves the one that is there";
-  Tell(states::shutdown, ShutdownReason{ShutdownCause::kNoResources, false});
+  ReportState(states::shutdown, ShutdownReason{ShutdownCause::kNoResources, false});
   EXPECT_EQ(Shown(), "12");
-  Tell(states::booting);
+  ReportState(states::booting);
   EXPECT_EQ(Shown(), "none") << "it is not off";
-  Tell(states::crashed);
+  ReportState(states::crashed);
   EXPECT_EQ(Shown(), "12") << "the start came to nothing";
-  Tell(states::running);
+  ReportState(states::running);
   EXPECT_EQ(Stored(), std::nullopt);
-  Tell(states::shutdown);
+  ReportState(states::shutdown);
   EXPECT_EQ(Shown(), "none");
 }
 
-TEST_F(ShutdownReasons, RecordsMembers_AreReplaced) {
+TEST_F(ShutdownReasons, Reason_Read_ReplacesRecordMembers) {
   host_.PutText("guest", "g",
                 R"({"host_id":"a","state":"guest_shutdown","shutdownreasonvalue":5,"is_forced_shutdown":true})");
   EXPECT_EQ(Shown(), "5!") << "without a live state the record's hold";
-  Tell(states::shutdown, ShutdownReason{ShutdownCause::kShutDown, false});
+  ReportState(states::shutdown, ShutdownReason{ShutdownCause::kShutDown, false});
   EXPECT_EQ(Shown(), "2");
 }
 
 TEST_F(ShutdownReasons, ShutdownReason_Damaged_CountsAsMissing) {
-  Tell(states::shutdown);
+  ReportState(states::shutdown);
   for (const char* live : {"{", "[]", "7", R"({"shutdown":[]})", R"({"shutdown":{"value":17}})",
                            R"({"shutdown":{"value":-1}})", R"({"shutdown":{"value":"9"}})", R"({"shutdown":{}})"}) {
     ASSERT_TRUE(host_.store().Commit({{}, {{LiveRecordKey("g"), live}}}));
@@ -80,24 +81,24 @@ TEST_F(ShutdownReasons, ShutdownReason_Damaged_CountsAsMissing) {
   EXPECT_EQ(Shown(), "11!");
 }
 
-TEST_F(ShutdownReasons, ForgottenLiveState_TakesTheReasonAlong) {
-  Tell(states::shutdown, ShutdownReason{ShutdownCause::kPoweredOff, true});
+TEST_F(ShutdownReasons, RemoveLiveState_AlsoRemovesReason) {
+  ReportState(states::shutdown, ShutdownReason{ShutdownCause::kPoweredOff, true});
   store::Transaction transaction;
-  ForgetLiveState(transaction, "g");
+  AddLiveStateRemoval(transaction, "g");
   ASSERT_TRUE(host_.store().Commit(transaction));
   EXPECT_EQ(Stored(), std::nullopt);
   EXPECT_EQ(Shown(), "none");
 }
 
-TEST(ShutdownWords, EachValueHasOneOfItsOwn) {
+TEST(ShutdownWords, Value_Each_HasAWordOfItsOwn) {
   std::set<std::string_view> words;
   for (int value = 0; value <= 16; ++value) {
-    words.insert(ShutdownWord(static_cast<ShutdownCause>(value)));
+    words.insert(ShutdownCauseName(static_cast<ShutdownCause>(value)));
     const ShutdownReason reason{static_cast<ShutdownCause>(value), value % 2 == 1};
-    EXPECT_EQ(ShutdownFromJson(ShutdownJson(reason)), reason);
+    EXPECT_EQ(ShutdownFromJson(ShutdownToJson(reason)), reason);
   }
   EXPECT_EQ(words.size(), 17u);
 }
 
 }  // namespace
-}  // namespace vexa::cluster
+}  // namespace vexa::records

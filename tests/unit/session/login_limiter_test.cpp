@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-namespace vexa::daemon {
+namespace vexa::session {
 namespace {
 
 using std::chrono::milliseconds;
@@ -20,7 +20,7 @@ class LoginLimiterTest : public testing::Test {
   // Failed logins until the limiter makes the next one wait.
   static int FailuresAllowed(LoginLimiter& limiter, const std::string& peer, const std::string& user) {
     int count = 0;
-    while (count < 1000 && limiter.Begin(peer, user) == milliseconds(0)) ++count;
+    while (count < 1000 && limiter.TakeToken(peer, user) == milliseconds(0)) ++count;
     return count;
   }
 
@@ -28,12 +28,12 @@ class LoginLimiterTest : public testing::Test {
   std::atomic<std::int64_t> now_{1'000'000};
 };
 
-TEST_F(LoginLimiterTest, Failures_UpToTheBurst_GoOnThenWait) {
+TEST_F(LoginLimiterTest, Failures_UpToTheBurst_ProceedThenWait) {
   LoginLimiter limiter(options_);
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 10);
-  EXPECT_EQ(limiter.Begin("192.0.2.1", "alice"), milliseconds(3000));
+  EXPECT_EQ(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(3000));
   now_ += 2999;
-  EXPECT_EQ(limiter.Begin("192.0.2.1", "alice"), milliseconds(1));
+  EXPECT_EQ(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(1));
   now_ += 1;
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 1);
   now_ += 9000;
@@ -42,98 +42,100 @@ TEST_F(LoginLimiterTest, Failures_UpToTheBurst_GoOnThenWait) {
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 10) << "never more than the burst";
 }
 
-TEST_F(LoginLimiterTest, Waiting_AskedOften_TakesNothing) {
+TEST_F(LoginLimiterTest, TakeToken_WhileWaiting_ConsumesNoTokens) {
   LoginLimiter limiter(options_);
   FailuresAllowed(limiter, "192.0.2.1", "alice");
-  for (int i = 0; i < 1000; ++i) EXPECT_EQ(limiter.Begin("192.0.2.1", "alice"), milliseconds(3000));
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(3000));
   // Not from another peer's bucket either, while the name waits.
-  for (int i = 0; i < 1000; ++i) EXPECT_GT(limiter.Begin("192.0.2.2", "alice"), milliseconds(0));
+  for (int i = 0; i < 1000; ++i) EXPECT_GT(limiter.TakeToken("192.0.2.2", "alice"), milliseconds(0));
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.2", "bob"), 10);
 }
 
-TEST_F(LoginLimiterTest, OnePeerManyNames_Waits) {
+TEST_F(LoginLimiterTest, Begin_OnePeerManyNames_MustWait) {
   LoginLimiter limiter(options_);
   int allowed = 0;
-  for (int i = 0; i < 100; ++i) allowed += limiter.Begin("192.0.2.1", "user" + std::to_string(i)) == milliseconds(0);
+  for (int i = 0; i < 100; ++i)
+    allowed += limiter.TakeToken("192.0.2.1", "user" + std::to_string(i)) == milliseconds(0);
   EXPECT_EQ(allowed, 10);
-  EXPECT_EQ(limiter.Begin("192.0.2.2", "user50"), milliseconds(0));
+  EXPECT_EQ(limiter.TakeToken("192.0.2.2", "user50"), milliseconds(0));
 }
 
-TEST_F(LoginLimiterTest, OneNameManyPeers_Waits) {
+TEST_F(LoginLimiterTest, Begin_OneNameManyPeers_MustWait) {
   LoginLimiter limiter(options_);
   int allowed = 0;
-  for (int i = 0; i < 100; ++i) allowed += limiter.Begin("192.0.2." + std::to_string(i), "alice") == milliseconds(0);
+  for (int i = 0; i < 100; ++i)
+    allowed += limiter.TakeToken("192.0.2." + std::to_string(i), "alice") == milliseconds(0);
   EXPECT_EQ(allowed, 10);
-  EXPECT_EQ(limiter.Begin("192.0.2.200", "bob"), milliseconds(0));
+  EXPECT_EQ(limiter.TakeToken("192.0.2.200", "bob"), milliseconds(0));
 }
 
 TEST_F(LoginLimiterTest, Successes_AnyNumber_NeverWait) {
   LoginLimiter limiter(options_);
   for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(limiter.Begin("192.0.2.1", "alice"), milliseconds(0));
-    limiter.Succeeded("192.0.2.1", "alice");
+    ASSERT_EQ(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(0));
+    limiter.ReturnToken("192.0.2.1", "alice");
   }
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 10);
 }
 
-TEST_F(LoginLimiterTest, Success_AfterFailures_GivesBackItsOwnTokenOnly) {
+TEST_F(LoginLimiterTest, Success_AfterFailures_ReturnsItsOwnTokenOnly) {
   LoginLimiter limiter(options_);
-  for (int i = 0; i < 9; ++i) ASSERT_EQ(limiter.Begin("192.0.2.1", "alice"), milliseconds(0));
-  ASSERT_EQ(limiter.Begin("192.0.2.1", "alice"), milliseconds(0));
-  limiter.Succeeded("192.0.2.1", "alice");
+  for (int i = 0; i < 9; ++i) ASSERT_EQ(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(0));
+  ASSERT_EQ(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(0));
+  limiter.ReturnToken("192.0.2.1", "alice");
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 1);
 }
 
-TEST_F(LoginLimiterTest, Succeeded_WithoutABegin_GivesNoMoreThanTheBurst) {
+TEST_F(LoginLimiterTest, ReturnToken_WithoutTakeToken_StaysWithinTheBurst) {
   LoginLimiter limiter(options_);
-  limiter.Succeeded("192.0.2.1", "alice");
+  limiter.ReturnToken("192.0.2.1", "alice");
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 10);
 }
 
-TEST_F(LoginLimiterTest, Entries_BeyondTheMost_ForgetTheLeastRecentlyUsed) {
+TEST_F(LoginLimiterTest, Entries_BeyondTheMaximum_EvictTheLeastRecentlyUsed) {
   options_.max_entries = 4;
   LoginLimiter limiter(options_);
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 10);
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.2", "bob"), 10);
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.3", "carol"), 10);
   // Asking is a use.
-  EXPECT_GT(limiter.Begin("192.0.2.1", "alice"), milliseconds(0));
+  EXPECT_GT(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(0));
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.4", "dave"), 10);
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.5", "eve"), 10);
-  EXPECT_GT(limiter.Begin("192.0.2.1", "alice"), milliseconds(0)) << "still known";
+  EXPECT_GT(limiter.TakeToken("192.0.2.1", "alice"), milliseconds(0)) << "still known";
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.2", "bob"), 10) << "forgotten";
 }
 
-TEST_F(LoginLimiterTest, Ipv6AddressesOfOneNetwork_AreOnePeer) {
+TEST_F(LoginLimiterTest, Ipv6AddressesOfOneNetwork_CountAsOnePeer) {
   LoginLimiter limiter(options_);
   int allowed = 0;
   for (int i = 0; i < 100; ++i) {
-    allowed += limiter.Begin("2001:db8::" + std::to_string(i), "user" + std::to_string(i)) == milliseconds(0);
+    allowed += limiter.TakeToken("2001:db8::" + std::to_string(i), "user" + std::to_string(i)) == milliseconds(0);
   }
   EXPECT_EQ(allowed, 10);
-  EXPECT_EQ(limiter.Begin("2001:db8:0:1::1", "zoe"), milliseconds(0));
+  EXPECT_EQ(limiter.TakeToken("2001:db8:0:1::1", "zoe"), milliseconds(0));
 }
 
-TEST_F(LoginLimiterTest, Ipv4AddressInIpv6_IsThatIpv4Peer) {
+TEST_F(LoginLimiterTest, Peer_Ipv4InIpv6_IsThatIpv4Peer) {
   LoginLimiter limiter(options_);
   for (int i = 0; i < 10; ++i) {
-    ASSERT_EQ(limiter.Begin("::ffff:192.0.2.1", "user" + std::to_string(i)), milliseconds(0));
+    ASSERT_EQ(limiter.TakeToken("::ffff:192.0.2.1", "user" + std::to_string(i)), milliseconds(0));
   }
-  EXPECT_GT(limiter.Begin("192.0.2.1", "zoe"), milliseconds(0));
-  EXPECT_EQ(limiter.Begin("::ffff:192.0.2.2", "zoe"), milliseconds(0));
+  EXPECT_GT(limiter.TakeToken("192.0.2.1", "zoe"), milliseconds(0));
+  EXPECT_EQ(limiter.TakeToken("::ffff:192.0.2.2", "zoe"), milliseconds(0));
 }
 
-TEST_F(LoginLimiterTest, ImpossibleNames_AreOneName) {
+TEST_F(LoginLimiterTest, InvalidNames_CountAsOneName) {
   LoginLimiter limiter(options_);
   int allowed = 0;
   for (int i = 0; i < 100; ++i) {
     const std::string name = "a b" + std::string(100'000, 'x') + std::to_string(i);
-    allowed += limiter.Begin("192.0.2." + std::to_string(i), name) == milliseconds(0);
+    allowed += limiter.TakeToken("192.0.2." + std::to_string(i), name) == milliseconds(0);
   }
   EXPECT_EQ(allowed, 10);
 }
 
-TEST_F(LoginLimiterTest, OptionsBelowOne_CountAsOne) {
+TEST_F(LoginLimiterTest, Options_BelowOne_CountAsOne) {
   options_.burst = 0;
   options_.max_entries = 0;
   LoginLimiter limiter(options_);
@@ -146,7 +148,7 @@ TEST_F(LoginLimiterTest, Limiter_DefaultClock_Limits) {
   options_.refill = std::chrono::hours(1);
   LoginLimiter limiter(options_);
   EXPECT_EQ(FailuresAllowed(limiter, "192.0.2.1", "alice"), 10);
-  EXPECT_GT(limiter.Begin("192.0.2.1", "alice"), std::chrono::minutes(50));
+  EXPECT_GT(limiter.TakeToken("192.0.2.1", "alice"), std::chrono::minutes(50));
 }
 
 TEST_F(LoginLimiterTest, Limiter_EightThreads_ShareTheBurst) {
@@ -156,7 +158,7 @@ TEST_F(LoginLimiterTest, Limiter_EightThreads_ShareTheBurst) {
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&] {
       for (int round = 0; round < 100; ++round) {
-        if (limiter.Begin("192.0.2.1", "alice") == milliseconds(0)) ++allowed;
+        if (limiter.TakeToken("192.0.2.1", "alice") == milliseconds(0)) ++allowed;
       }
     });
   }
@@ -165,4 +167,4 @@ TEST_F(LoginLimiterTest, Limiter_EightThreads_ShareTheBurst) {
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::session

@@ -17,7 +17,7 @@
 #include "host/session/session_token.h"
 #include "tests/unit/storage/temporary_folder.h"
 
-namespace vexa::daemon {
+namespace vexa::session {
 namespace {
 
 namespace fs = std::filesystem;
@@ -52,7 +52,7 @@ class SessionsTest : public testing::Test {
     return text.ok() ? *text : "";
   }
   std::size_t InFile() const { return (*ParseJson(Text()))["sessions"].size(); }
-  // Root ignores permission bits, so the folder goes away under the table.
+  // Root ignores permission bits, so the folder is removed instead while the table is open.
   void BreakWriting() const { fs::rename(folder_.path(), folder_.path() + ".away"); }
   void RepairWriting() const { fs::rename(folder_.path() + ".away", folder_.path()); }
 
@@ -66,7 +66,7 @@ ErrorCode CodeOf(const Result<std::unique_ptr<SessionTable>>& result) {
   return result.ok() ? ErrorCode::kInternal : result.error().code();
 }
 
-TEST(SessionToken, Encoding_KnownBytes_IsBase64Url) {
+TEST(SessionToken, Encode_KnownBytes_IsBase64Url) {
   Hash bytes{};
   EXPECT_EQ(EncodeHash(bytes), std::string(43, 'A'));
   bytes.fill(0xFF);
@@ -76,7 +76,7 @@ TEST(SessionToken, Encoding_KnownBytes_IsBase64Url) {
   EXPECT_EQ(DecodeHash(EncodeHash(bytes)), bytes);
 }
 
-TEST(SessionToken, Decoding_AnythingElse_IsRefused) {
+TEST(SessionToken, Decode_AnythingElse_IsRefused) {
   EXPECT_FALSE(DecodeHash(std::string(42, 'A')));
   EXPECT_FALSE(DecodeHash(std::string(44, 'A')));
   EXPECT_FALSE(DecodeHash(std::string(42, 'A') + "B")) << "bits left over";
@@ -87,15 +87,15 @@ TEST(SessionToken, Decoding_AnythingElse_IsRefused) {
 
 TEST(SessionToken, Hash_KnownText_IsItsSha256) {
   // FIPS 180-2, "abc".
-  EXPECT_EQ(EncodeHash(*HashOf("abc")), "ungWv48Bz-pBQUDeXa4iI7ADYaOWF3qctBD_YfIAFa0");
+  EXPECT_EQ(EncodeHash(*HashToken("abc")), "ungWv48Bz-pBQUDeXa4iI7ADYaOWF3qctBD_YfIAFa0");
 }
 
-TEST_F(SessionsTest, Create_ThenFind_GivesTheUser) {
+TEST_F(SessionsTest, Create_ThenFind_ReturnsUser) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   const NewSession bob = Create(*table, "DOM\\bob");
-  EXPECT_TRUE(IsTokenShaped(alice.token));
-  EXPECT_TRUE(IsTokenShaped(alice.csrf_token));
+  EXPECT_TRUE(HasTokenForm(alice.token));
+  EXPECT_TRUE(HasTokenForm(alice.csrf_token));
   EXPECT_EQ((std::set<std::string>{alice.token, alice.csrf_token, bob.token, bob.csrf_token}).size(), 4u);
   EXPECT_EQ(UserOf(*table, alice.token), "alice");
   EXPECT_EQ(UserOf(*table, bob.token), "DOM\\bob");
@@ -163,8 +163,8 @@ TEST_F(SessionsTest, EndAllOf_User_LeavesOthers) {
   std::vector<NewSession> own;
   for (int i = 0; i < 5; ++i) own.push_back(Create(*table, "alice"));
   const NewSession bob = Create(*table, "bob");
-  EXPECT_EQ(table->EndAllOf("alice"), 5u);
-  EXPECT_EQ(table->EndAllOf("alice"), 0u);
+  EXPECT_EQ(table->EndAllOfUser("alice"), 5u);
+  EXPECT_EQ(table->EndAllOfUser("alice"), 0u);
   for (const NewSession& session : own) EXPECT_FALSE(table->Find(session.token));
   EXPECT_EQ(Open()->size(), 1u);
   EXPECT_EQ(UserOf(*table, bob.token), "bob");
@@ -186,7 +186,7 @@ TEST_F(SessionsTest, Reopen_WithoutASweep_KeepsSessions) {
   EXPECT_FALSE(table->CheckCsrf(alice.token, bob.csrf_token));
 }
 
-TEST_F(SessionsTest, File_AfterLogins_IsPrivateAndHoldsNoToken) {
+TEST_F(SessionsTest, File_AfterLogins_IsPrivateAndContainsNoToken) {
   const auto table = Open();
   std::vector<NewSession> sessions;
   for (int i = 0; i < 10; ++i) sessions.push_back(Create(*table, "alice"));
@@ -196,7 +196,7 @@ TEST_F(SessionsTest, File_AfterLogins_IsPrivateAndHoldsNoToken) {
   for (const NewSession& session : sessions) {
     EXPECT_EQ(Text().find(session.token), std::string::npos);
     EXPECT_EQ(Text().find(session.csrf_token), std::string::npos);
-    EXPECT_NE(Text().find(EncodeHash(*HashOf(session.token))), std::string::npos);
+    EXPECT_NE(Text().find(EncodeHash(*HashToken(session.token))), std::string::npos);
   }
 }
 
@@ -259,7 +259,7 @@ TEST_F(SessionsTest, Sweep_NothingHappened_WritesNothing) {
   EXPECT_TRUE(table->Sweep().ok());
 }
 
-TEST_F(SessionsTest, Create_BeyondTheUsersQuota_EndsTheOldest) {
+TEST_F(SessionsTest, Create_QuotaReached_EndsOldest) {
   options_.max_sessions_per_user = 3;
   const auto table = Open();
   const NewSession bob = Create(*table, "bob");
@@ -278,7 +278,7 @@ TEST_F(SessionsTest, Create_BeyondTheUsersQuota_EndsTheOldest) {
   EXPECT_TRUE(reopened->Find(own[3].token));
 }
 
-TEST_F(SessionsTest, Create_QuotaLoweredMeanwhile_EndsAllBeyondIt) {
+TEST_F(SessionsTest, Create_QuotaLowered_EndsAllAboveIt) {
   {
     const auto table = Open();
     for (int i = 0; i < 6; ++i) Create(*table, "alice");
@@ -303,7 +303,7 @@ TEST_F(SessionsTest, Create_TableFull_IsBusyUntilOneEndsOrExpires) {
   Create(*table, "alice");  // in the place of an older one
   EXPECT_EQ(table->size(), 3u);
   EXPECT_FALSE(table->Find(alice.token));
-  EXPECT_EQ(table->EndAllOf("bob"), 1u);
+  EXPECT_EQ(table->EndAllOfUser("bob"), 1u);
   Create(*table, "carol");
   EXPECT_EQ(table->Create({"dave", kUid}).error().code(), ErrorCode::kBusy);
   now_ += options_.idle.count();
@@ -324,7 +324,7 @@ TEST_F(SessionsTest, Clock_JumpsBack_NeitherEndsNorRevives) {
   EXPECT_EQ(UserOf(*table, live.token), "bob");
 }
 
-TEST_F(SessionsTest, Clock_WasFarAhead_GivesNoEndlessSession) {
+TEST_F(SessionsTest, Clock_WasFarAhead_SessionsStillExpire) {
   const auto table = Open();
   now_ = kStart + 1'000'000'000;
   const NewSession alice = Create(*table, "alice");
@@ -369,13 +369,13 @@ TEST_F(SessionsTest, Create_FileCannotBeWritten_IsAnErrorAndNoSession) {
   EXPECT_EQ(InFile(), 2u);
 }
 
-TEST_F(SessionsTest, End_FileCannotBeWritten_EndsItAndTheNextSweepWrites) {
+TEST_F(SessionsTest, End_FileCannotBeWritten_EndsItAndNextSweepWrites) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   const NewSession bob = Create(*table, "bob");
   BreakWriting();
   EXPECT_TRUE(table->End(alice.token));
-  EXPECT_EQ(table->EndAllOf("bob"), 1u);
+  EXPECT_EQ(table->EndAllOfUser("bob"), 1u);
   EXPECT_FALSE(table->Find(alice.token));
   EXPECT_FALSE(table->Find(bob.token));
   EXPECT_FALSE(table->Sweep().ok());
@@ -455,7 +455,7 @@ TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
 }
 
 // Whose they are cannot be known: the name may be another account's by now.
-TEST_F(SessionsTest, Open_SessionsOfAnOlderVersion_HaveEnded) {
+TEST_F(SessionsTest, Open_SessionsOfOlderVersion_AreEnded) {
   const NewSession alice = Create(*Open(), "alice");
   std::string text = Text();
   const std::string uid = "\"uid\":" + std::to_string(kUid) + ",";
@@ -480,7 +480,7 @@ TEST_F(SessionsTest, Open_ExpiredInTheFile_AreDropped) {
   EXPECT_EQ(InFile(), 0u);
 }
 
-TEST_F(SessionsTest, DefaultClock_IsTheSystems) {
+TEST_F(SessionsTest, Options_DefaultClock_IsSystemClock) {
   options_.now = nullptr;
   const auto table = Open();
   // time(2) may still return the last second when other clocks have begun the next.
@@ -493,7 +493,7 @@ TEST_F(SessionsTest, DefaultClock_IsTheSystems) {
   EXPECT_LE(created, now());
 }
 
-TEST_F(SessionsTest, EightThreads_FindWhileOthersCreateEndAndSweep_StayRight) {
+TEST_F(SessionsTest, Find_DuringConcurrentCreateEndAndSweep_StaysCorrect) {
   const auto table = Open();
   std::vector<NewSession> kept;
   for (int i = 0; i < 8; ++i) kept.push_back(Create(*table, "kept-" + std::to_string(i)));
@@ -527,7 +527,7 @@ TEST_F(SessionsTest, EightThreads_FindWhileOthersCreateEndAndSweep_StayRight) {
     for (int round = 0; round < 30; ++round) {
       ++now_;
       EXPECT_TRUE(table->Sweep().ok());
-      EXPECT_EQ(table->EndAllOf("nobody"), 0u);
+      EXPECT_EQ(table->EndAllOfUser("nobody"), 0u);
     }
   });
   for (std::thread& changer : changers) changer.join();
@@ -558,4 +558,4 @@ TEST_F(SessionsTest, Create_ConcurrentLogins_RespectQuota) {
 }
 
 }  // namespace
-}  // namespace vexa::daemon
+}  // namespace vexa::session

@@ -10,21 +10,21 @@
 
 #include "tests/unit/storage/temporary_folder.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-ListedImage ImageAt(const std::string& path) { return {"id", "name", path, std::nullopt}; }
+disks::ListedImage ImageAt(const std::string& path) { return {"id", "name", path, std::nullopt}; }
 
-TEST(ImageSizesTest, Measure_HasSizesOfRegularFilesBelowTheRoots) {
+TEST(ImageSizesTest, Measure_RegularFilesBelowRoots_HaveSizes) {
   const TemporaryFolder folder;
   std::filesystem::create_directory(folder.Path("images"));
   std::filesystem::create_directory(folder.Path("other"));
   for (const char* name : {"images/a.iso", "other/a.iso"}) std::ofstream(folder.Path(name)) << "twelve bytes";
   std::filesystem::create_symlink(folder.Path("other/a.iso"), folder.Path("images/link.iso"));
-  std::vector<ListedImage> images;
+  std::vector<disks::ListedImage> images;
   for (const char* name : {"images/a.iso", "images/gone.iso", "images/link.iso", "other/a.iso", "images"}) {
     images.push_back(ImageAt(folder.Path(name)));
   }
@@ -34,7 +34,7 @@ TEST(ImageSizesTest, Measure_HasSizesOfRegularFilesBelowTheRoots) {
   for (std::size_t i = 1; i < images.size(); ++i) EXPECT_FALSE(images[i].size) << images[i].path;
 }
 
-TEST(ImageSizesTest, FolderThatHangs_DelaysNobodyForLongAndHoldsOneThread) {
+TEST(ImageSizesTest, Measure_FolderHangs_ReturnsSoonAndBlocksOneThread) {
   const auto release = std::make_shared<std::promise<void>>();
   const std::shared_future<void> released(release->get_future());
   const auto begun = std::make_shared<std::atomic<int>>(0);
@@ -48,7 +48,7 @@ TEST(ImageSizesTest, FolderThatHangs_DelaysNobodyForLongAndHoldsOneThread) {
                        return 12;
                      });
     for (int i = 0; i < 3; ++i) {
-      std::vector<ListedImage> images{ImageAt("/r/hung/a.iso")};
+      std::vector<disks::ListedImage> images{ImageAt("/r/hung/a.iso")};
       sizes.Measure(images);
       EXPECT_FALSE(images[0].size);
     }
@@ -58,4 +58,4 @@ TEST(ImageSizesTest, FolderThatHangs_DelaysNobodyForLongAndHoldsOneThread) {
 }
 
 }  // namespace
-}  // namespace vexa::guests
+}  // namespace vexa::storage

@@ -1,4 +1,4 @@
-// What is found about file systems, and what becomes of it.
+// Findings about file systems, and the repository states they lead to.
 #include "host/storage/storage_condition.h"
 
 #include <gmock/gmock.h>
@@ -7,9 +7,9 @@
 
 #include <cerrno>
 
-#include "tests/unit/storage/storage_ground.h"
+#include "tests/unit/storage/mount_point.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
 namespace states = VexaCCC::State::Repo;
@@ -22,11 +22,11 @@ FolderCondition Used(std::uint64_t percent, std::uint64_t scale = 1) {
 
 std::string StateOf(const std::vector<FolderCondition>& conditions, const std::string& before = "",
                     const SpaceLimits& limits = kLimits) {
-  const auto trouble = WorstTrouble(conditions, limits, before);
-  return trouble ? trouble->state : "";
+  const auto problem = WorstProblem(conditions, limits, before);
+  return problem ? problem->state : "";
 }
 
-TEST(StorageCondition, Use_HasTheStateOfTheLimitThatItHasPassed) {
+TEST(StorageCondition, Usage_AboveLimit_HasStateOfThatLimit) {
   EXPECT_EQ(StateOf({Used(84)}), "");
   EXPECT_EQ(StateOf({Used(85)}), states::provision_warning);
   EXPECT_EQ(StateOf({Used(94)}), states::provision_warning);
@@ -50,7 +50,7 @@ TEST(StorageCondition, WorstTrouble_ExceededLimit_HasTwoPointHysteresis) {
   EXPECT_EQ(StateOf({Used(0)}, states::full, {1, 1, 0}), "");
 }
 
-TEST(StorageCondition, MuchFreeSpace_IsNeverShort) {
+TEST(StorageCondition, Usage_MuchFreeSpace_IsNeverShort) {
   const SpaceLimits limits{85, 95, 100};
   EXPECT_EQ(StateOf({Used(95, 21 * kGib)}, "", limits), "") << "105 GiB are free";
   EXPECT_EQ(StateOf({Used(95, 20 * kGib)}, "", limits), states::full) << "100 GiB";
@@ -58,7 +58,7 @@ TEST(StorageCondition, MuchFreeSpace_IsNeverShort) {
   EXPECT_EQ(StateOf({Used(95, 22 * kGib)}, states::full, limits), "");
 }
 
-TEST(StorageCondition, WorstOfAll_IsTaken) {
+TEST(StorageCondition, WorstTrouble_Several_IsTheWorst) {
   FolderCondition failing{"/srv/a/", EIO, false, 0, 0};
   FolderCondition read_only = Used(90);
   read_only.is_read_only = true;
@@ -72,19 +72,20 @@ TEST(StorageCondition, WorstOfAll_IsTaken) {
   EXPECT_EQ(RepositoryRank("anything"), 0);
 }
 
-TEST(StorageCondition, Sentences_NameTheFolderAndTheReason) {
+TEST(StorageCondition, Sentences_EachTrouble_NamesFolderAndReason) {
   const auto reason = [](const FolderCondition& condition) {
-    return WorstTrouble({condition}, kLimits, "").value_or(StorageTrouble()).reason;
+    return WorstProblem({condition}, kLimits, "").value_or(StorageProblem()).reason;
   };
-  EXPECT_EQ(reason(Used(96)), "the file system of the folder '/srv/images/' is used to 95 %");
-  EXPECT_EQ(reason(Used(86)), "the file system of the folder '/srv/images/' is used to 85 %");
+  EXPECT_EQ(reason(Used(96)), "the file system of the folder '/srv/images/' is at least 95 % full");
+  EXPECT_EQ(reason(Used(86)), "the file system of the folder '/srv/images/' is at least 85 % full");
   EXPECT_EQ(reason({"/srv/a", 0, true, 0, 1}), "the file system of the folder '/srv/a' is mounted read-only");
   EXPECT_THAT(reason({"/srv/a", ESTALE, false, 0, 0}), ::testing::HasSubstr("the folder '/srv/a' cannot be used"));
 }
 
 TEST(StorageCondition, IsFailure_DeviceErrors_AreFailures) {
-  for (const int error : {EIO, ESTALE, EUCLEAN, ENOTCONN, ESHUTDOWN, ENXIO}) EXPECT_TRUE(IsFailure(error)) << error;
-  for (const int error : {0, ENOENT, EACCES, ENOTDIR, ELOOP, ENFILE}) EXPECT_FALSE(IsFailure(error)) << error;
+  for (const int error : {EIO, ESTALE, EUCLEAN, ENOTCONN, ESHUTDOWN, ENXIO})
+    EXPECT_TRUE(IsFileSystemFailure(error)) << error;
+  for (const int error : {0, ENOENT, EACCES, ENOTDIR, ELOOP, ENFILE}) EXPECT_FALSE(IsFileSystemFailure(error)) << error;
 }
 
 TEST(StorageCondition, UsableRepositories_AreTheDocumentedOnes) {
@@ -96,32 +97,32 @@ TEST(StorageCondition, UsableRepositories_AreTheDocumentedOnes) {
   }
 }
 
-TEST(StorageProbe, Folders_AreAskedOncePerFileSystem) {
-  const test::MountGround ground("images");
-  std::filesystem::create_directories(ground.File("a"));
-  const auto found = ProbeFolders({ground.path() + "/", ground.File("a"), ground.File("missing")});
+TEST(StorageProbe, Probe_Folders_AreQueriedOncePerFileSystem) {
+  const test::MountPoint mount("images");
+  std::filesystem::create_directories(mount.File("a"));
+  const auto found = ProbeFolders({mount.path() + "/", mount.File("a"), mount.File("missing")});
   ASSERT_EQ(found.size(), 1u);
-  EXPECT_EQ(found[0].folder, ground.path() + "/");
+  EXPECT_EQ(found[0].folder, mount.path() + "/");
   EXPECT_EQ(found[0].error_number, 0);
   EXPECT_FALSE(found[0].is_read_only);
   EXPECT_GT(found[0].used + found[0].available, 0u);
-  EXPECT_TRUE(ProbeFolders({ground.File("missing"), "/proc/self/exe/none"}).empty());
+  EXPECT_TRUE(ProbeFolders({mount.File("missing"), "/proc/self/exe/none"}).empty());
 }
 
-TEST(StorageProbe, FullAndReadOnlyFileSystem_AreFound) {
+TEST(StorageProbe, Probe_FullOrReadOnlyFileSystem_IsDetected) {
   if (!test::CanMount()) GTEST_SKIP() << test::kCannotMount;
-  const test::MountGround ground("images");
-  ASSERT_TRUE(ground.MountTmpfs());
-  test::WriteText(ground.File("big").c_str(), std::string((1 << 20) - 8192, 'x'));
-  auto found = ProbeFolders({ground.path() + "/"});
+  const test::MountPoint mount("images");
+  ASSERT_TRUE(mount.MountTmpfs());
+  test::WriteText(mount.File("big").c_str(), std::string((1 << 20) - 8192, 'x'));
+  auto found = ProbeFolders({mount.path() + "/"});
   ASSERT_EQ(found.size(), 1u);
   EXPECT_EQ(StateOf(found), states::full);
-  ASSERT_EQ(::mount("none", ground.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-  found = ProbeFolders({ground.path() + "/"});
+  ASSERT_EQ(::mount("none", mount.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  found = ProbeFolders({mount.path() + "/"});
   ASSERT_EQ(found.size(), 1u);
   EXPECT_TRUE(found[0].is_read_only);
   EXPECT_EQ(StateOf(found, "", {}), states::degraded);
 }
 
 }  // namespace
-}  // namespace vexa::guests
+}  // namespace vexa::storage

@@ -1,7 +1,6 @@
-// The states of disks: what a file says, what becomes of it, and in which order files are looked at.
+// The states of disks: which state a file gives its disk, and in which order files are checked.
 #include "host/storage/storage_disks.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -11,59 +10,57 @@
 #include "host/disks/image_file.h"
 #include "host/records/run_record.h"
 #include "host/storage/storage_watch.h"
+#include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/support/test_host.h"
-#include "tests/unit/storage/storage_ground.h"
+#include "tests/unit/storage/mount_point.h"
+#include "tests/unit/storage/storage_watch_fixture.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
-using ::testing::ElementsAre;
 namespace fs = std::filesystem;
 namespace disks_are = VexaCCC::State::vDisk;
 namespace repositories_are = VexaCCC::State::Repo;
-
-constexpr char kHost[] = "11111111-2222-4333-8444-555555555555";
-constexpr char kPool[] = "aaaaaaaa-0000-4000-8000-000000000001";
 
 DiskFile Disk(const std::string& id, const std::string& path = "", bool is_qcow2 = false, std::uint64_t size_mib = 0) {
   return {id, "", path, is_qcow2, size_mib};
 }
 
 void WriteQcow2(const std::string& path, std::uint64_t size) {
-  const EmptyImage image = MakeEmptyImage(hypervisor::ImageFormat::kQcow2, size);
+  const disks::EmptyImage image = disks::MakeEmptyImage(domain_xml::ImageFormat::kQcow2, size);
   std::ofstream(path) << "";
   fs::resize_file(path, image.length);
   std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-  for (const FilePiece& piece : image.pieces) {
+  for (const disks::FilePiece& piece : image.pieces) {
     file.seekp(static_cast<std::streamoff>(piece.offset));
     file << piece.bytes;
   }
 }
 
-TEST(DiskFileLook, File_IsFineMissingOrShort) {
+TEST(DiskFileLook, CheckFile_Each_IsFineMissingOrShort) {
   const test::TempDir folder;
   const std::string raw = folder.File("raw");
   std::ofstream(raw) << "";
   fs::resize_file(raw, 2 << 20);
   const std::string qcow2 = folder.File("qcow2");
   WriteQcow2(qcow2, 4 << 20);
-  EXPECT_EQ(LookAtFile(Disk("d", raw, false, 2)), FileState::kFine);
-  EXPECT_EQ(LookAtFile(Disk("d", raw, false, 0)), FileState::kFine) << "a record without a size";
-  EXPECT_EQ(LookAtFile(Disk("d", raw, false, 3)), FileState::kShort);
-  EXPECT_EQ(LookAtFile(Disk("d", raw, false, ~std::uint64_t{0})), FileState::kShort);
-  EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 4)), FileState::kFine) << "its header counts, not its length";
-  EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 5)), FileState::kShort);
+  EXPECT_EQ(CheckFile(Disk("d", raw, false, 2)), FileState::kFine);
+  EXPECT_EQ(CheckFile(Disk("d", raw, false, 0)), FileState::kFine) << "a record without a size";
+  EXPECT_EQ(CheckFile(Disk("d", raw, false, 3)), FileState::kShort);
+  EXPECT_EQ(CheckFile(Disk("d", raw, false, ~std::uint64_t{0})), FileState::kShort);
+  EXPECT_EQ(CheckFile(Disk("d", qcow2, true, 4)), FileState::kFine) << "its header counts, not its length";
+  EXPECT_EQ(CheckFile(Disk("d", qcow2, true, 5)), FileState::kShort);
   fs::resize_file(qcow2, 20);
-  EXPECT_EQ(LookAtFile(Disk("d", qcow2, true, 0)), FileState::kShort) << "without its header";
-  EXPECT_EQ(LookAtFile(Disk("d", raw, true, 1)), FileState::kShort) << "it is not a qcow2 image";
-  EXPECT_EQ(LookAtFile(Disk("d", folder.File("none"))), FileState::kMissing);
-  EXPECT_EQ(LookAtFile(Disk("d", raw + "/below")), FileState::kMissing);
-  EXPECT_EQ(LookAtFile(Disk("d", folder.path())), FileState::kMissing) << "a folder";
-  EXPECT_EQ(LookAtFile(Disk("d", "")), FileState::kMissing);
+  EXPECT_EQ(CheckFile(Disk("d", qcow2, true, 0)), FileState::kShort) << "without its header";
+  EXPECT_EQ(CheckFile(Disk("d", raw, true, 1)), FileState::kShort) << "it is not a qcow2 image";
+  EXPECT_EQ(CheckFile(Disk("d", folder.File("none"))), FileState::kMissing);
+  EXPECT_EQ(CheckFile(Disk("d", raw + "/below")), FileState::kMissing);
+  EXPECT_EQ(CheckFile(Disk("d", folder.path())), FileState::kMissing) << "a folder";
+  EXPECT_EQ(CheckFile(Disk("d", "")), FileState::kMissing);
   ASSERT_EQ(::mkfifo(folder.File("fifo").c_str(), 0600), 0);
-  EXPECT_EQ(LookAtFile(Disk("d", folder.File("fifo"), true, 1)), FileState::kMissing) << "and nobody waits for it";
+  EXPECT_EQ(CheckFile(Disk("d", folder.File("fifo"), true, 1)), FileState::kMissing) << "and nobody waits for it";
 }
 
 TEST(DiskState, Rows_AreTheDocumentedOnes) {
@@ -96,13 +93,13 @@ TEST(DiskState, Rows_AreTheDocumentedOnes) {
     EXPECT_EQ(DiskStateOf(row.repository, row.file, row.stored), row.state)
         << row.repository << " " << (row.file ? static_cast<int>(*row.file) : -1) << " " << row.stored;
   }
-  EXPECT_EQ(ShownDiskState(repositories_are::inaccessible, disks_are::online), disks_are::inaccessible);
-  EXPECT_EQ(ShownDiskState(repositories_are::online, disks_are::crashed), disks_are::crashed);
-  EXPECT_EQ(ShownDiskState(repositories_are::degraded, ""), disks_are::degraded);
-  EXPECT_EQ(ShownDiskState("", ""), disks_are::online);
+  EXPECT_EQ(VisibleDiskState(repositories_are::inaccessible, disks_are::online), disks_are::inaccessible);
+  EXPECT_EQ(VisibleDiskState(repositories_are::online, disks_are::crashed), disks_are::crashed);
+  EXPECT_EQ(VisibleDiskState(repositories_are::degraded, ""), disks_are::degraded);
+  EXPECT_EQ(VisibleDiskState("", ""), disks_are::online);
 }
 
-TEST(DiskChoice, Disks_GoRoundAndThoseOfRunningGuestsComeMoreOften) {
+TEST(DiskChoice, Choose_Disks_RotateAndPreferRunningGuests) {
   std::vector<DiskFile> disks;
   for (const char* id : {"a", "b", "c", "d", "e"}) disks.push_back(Disk(id));
   for (const char* id : {"x", "y", "z", "zz"}) {
@@ -126,26 +123,11 @@ TEST(DiskChoice, Disks_GoRoundAndThoseOfRunningGuestsComeMoreOften) {
   EXPECT_THAT(choose(), ElementsAre());
 }
 
-class DiskWatch : public ::testing::Test {
+class DiskWatch : public WatchedStorage {
  protected:
-  DiskWatch() {
-    Json::Value record(Json::objectValue);
-    record["name"] = "pool";
-    record["host_id"] = kHost;
-    record["state"] = repositories_are::online;
-    host_.Put("repository", kPool, record);
-  }
-  StorageOptions Options() {
-    StorageOptions options;
-    options.store = std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {});
-    options.host_id = kHost;
-    options.roots = {ground_.path()};
-    options.deadline = std::chrono::seconds(60);
-    return options;
-  }
   void PutDisk(const std::string& id, std::uint64_t size_mib = 0, const std::string& members = "{}") {
     Json::Value record = test::Parsed(members);
-    record["path"] = ground_.File("p/" + id);
+    record["path"] = mount_.File("p/" + id);
     record["repository_id"] = kPool;
     record["size"] = static_cast<Json::UInt64>(size_mib);
     host_.Put("vdisk", id, record);
@@ -155,15 +137,11 @@ class DiskWatch : public ::testing::Test {
     VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::vDisk, id).Get(state, VexaCCC::DB::_k::state);
     return state;
   }
-  store::Revision Revision() { return test::Require(host_.store().Read())->revision(); }
-
-  test::MountGround ground_{"images"};
-  test::TestHost host_;
 };
 
-TEST_F(DiskWatch, FilesOfDisks_AreTheirStatesAndOnlyChangesAreWritten) {
-  test::WriteImage(ground_.File("p/d1"));
-  test::WriteImage(ground_.File("p/d3"));
+TEST_F(DiskWatch, DiskStates_Files_AreCheckedAndOnlyChangesWritten) {
+  test::WriteImage(mount_.File("p/d1"));
+  test::WriteImage(mount_.File("p/d3"));
   PutDisk("d1");
   PutDisk("d2");
   PutDisk("d3", 2);
@@ -176,9 +154,9 @@ TEST_F(DiskWatch, FilesOfDisks_AreTheirStatesAndOnlyChangesAreWritten) {
   watch.Refresh();
   StorageWatch(Options()).Refresh();
   EXPECT_EQ(Revision(), before);
-  test::WriteImage(ground_.File("p/d2"));
-  fs::resize_file(ground_.File("p/d3"), 2 << 20);
-  fs::remove(ground_.File("p/d1"));
+  test::WriteImage(mount_.File("p/d2"));
+  fs::resize_file(mount_.File("p/d3"), 2 << 20);
+  fs::remove(mount_.File("p/d1"));
   watch.Refresh();
   EXPECT_EQ(StateOf("d1"), disks_are::inaccessible);
   EXPECT_EQ(StateOf("d2"), disks_are::online);
@@ -186,9 +164,9 @@ TEST_F(DiskWatch, FilesOfDisks_AreTheirStatesAndOnlyChangesAreWritten) {
 }
 
 // Records have the format in "driver" or "type"; "format" is the same for all disks.
-TEST_F(DiskWatch, Qcow2Disks_AreMeasuredByTheirHeader) {
-  fs::create_directories(ground_.File("p"));
-  for (const char* id : {"d1", "d2", "d3"}) WriteQcow2(ground_.File("p/" + std::string(id)), 64 << 20);
+TEST_F(DiskWatch, CheckFile_Qcow2_IsMeasuredByHeader) {
+  fs::create_directories(mount_.File("p"));
+  for (const char* id : {"d1", "d2", "d3"}) WriteQcow2(mount_.File("p/" + std::string(id)), 64 << 20);
   PutDisk("d1", 64, R"({"format":2,"type":2,"driver":"qcow2"})");
   PutDisk("d2", 64, R"({"format":2,"type":2})");
   PutDisk("d3", 128, R"({"format":2,"type":2,"driver":"qcow2"})");
@@ -200,8 +178,8 @@ TEST_F(DiskWatch, Qcow2Disks_AreMeasuredByTheirHeader) {
 }
 
 TEST_F(DiskWatch, CheckFile_SizeNotWholeMib_MatchesImportRounding) {
-  test::WriteImage(ground_.File("p/d1"));
-  fs::resize_file(ground_.File("p/d1"), (2 << 20) + 512);
+  test::WriteImage(mount_.File("p/d1"));
+  fs::resize_file(mount_.File("p/d1"), (2 << 20) + 512);
   PutDisk("d1", 3);
   StorageWatch watch(Options());
   watch.Refresh();
@@ -209,25 +187,25 @@ TEST_F(DiskWatch, CheckFile_SizeNotWholeMib_MatchesImportRounding) {
 }
 
 TEST_F(DiskWatch, DiskStates_StorageMissing_AllDisksShowItUntilItReturns) {
-  test::WriteImage(ground_.File("p/d1"));
+  test::WriteImage(mount_.File("p/d1"));
   PutDisk("d1");
   PutDisk("d2");
   StorageWatch watch(Options());
   watch.Refresh();
-  fs::rename(ground_.path(), ground_.folder().File("away"));
-  fs::create_directory(ground_.path());
+  fs::rename(mount_.path(), mount_.folder().File("away"));
+  fs::create_directory(mount_.path());
   watch.Refresh();
   EXPECT_EQ(StateOf("d1"), disks_are::unavailable);
   EXPECT_EQ(StateOf("d2"), disks_are::unavailable);
-  fs::remove_all(ground_.path());
-  fs::rename(ground_.folder().File("away"), ground_.path());
+  fs::remove_all(mount_.path());
+  fs::rename(mount_.folder().File("away"), mount_.path());
   watch.Refresh();
   EXPECT_EQ(StateOf("d1"), disks_are::online);
   EXPECT_EQ(StateOf("d2"), disks_are::inaccessible);
 }
 
-TEST_F(DiskWatch, AdministratorsState_IsTheStateOfTheDisks) {
-  test::WriteImage(ground_.File("p/d1"));
+TEST_F(DiskWatch, DiskStates_RepositoryDegraded_DisksAreDegraded) {
+  test::WriteImage(mount_.File("p/d1"));
   PutDisk("d1");
   (void)test::Require(
       host_.store().Commit({{}, {{RepositoryStateKey(kPool), '"' + std::string(repositories_are::degraded) + '"'}}}));
@@ -235,7 +213,7 @@ TEST_F(DiskWatch, AdministratorsState_IsTheStateOfTheDisks) {
   EXPECT_EQ(StateOf("d1"), disks_are::degraded);
 }
 
-TEST_F(DiskWatch, GuestsThatNeedNoFiles_HaveDisksWithoutThem) {
+TEST_F(DiskWatch, DiskStates_FilesNotNeeded_AreOnline) {
   PutDisk("d1", 5);
   StorageOptions options = Options();
   options.files = StorageOptions::Files::kNotNeeded;
@@ -248,7 +226,7 @@ TEST_F(DiskWatch, DiskStates_ManyDisks_AreCheckedInBatches) {
   for (std::size_t i = 0; i < kDisks; ++i) PutDisk("d" + std::to_string(10000 + i));
   auto looks = std::make_shared<std::set<std::string>>();
   StorageOptions options = Options();
-  options.look = [looks](const DiskFile& disk) {
+  options.check_file = [looks](const DiskFile& disk) {
     looks->insert(disk.id);
     return FileState::kFine;
   };
@@ -262,10 +240,10 @@ TEST_F(DiskWatch, DiskStates_ManyDisks_AreCheckedInBatches) {
 }
 
 TEST_F(DiskWatch, DiskStates_DiskDeletedDuringCheck_GetsNoState) {
-  test::WriteImage(ground_.File("p/d1"));
+  test::WriteImage(mount_.File("p/d1"));
   PutDisk("d1");
   StorageOptions options = Options();
-  options.look = [&](const DiskFile& disk) {
+  options.check_file = [&](const DiskFile& disk) {
     host_.Remove("vdisk", disk.id);
     return FileState::kFine;
   };
@@ -274,13 +252,13 @@ TEST_F(DiskWatch, DiskStates_DiskDeletedDuringCheck_GetsNoState) {
 }
 
 TEST_F(DiskWatch, DiskStates_FilesNotResponding_KeepStates) {
-  test::WriteImage(ground_.File("p/d1"));
+  test::WriteImage(mount_.File("p/d1"));
   PutDisk("d1");
   StorageWatch(Options()).Refresh();
   StorageOptions options = Options();
-  options.deadline = std::chrono::milliseconds(300);
+  options.timeout = std::chrono::milliseconds(300);
   auto hangs = std::make_shared<std::atomic<bool>>(true);
-  options.look = [hangs](const DiskFile&) {
+  options.check_file = [hangs](const DiskFile&) {
     while (*hangs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return FileState::kMissing;
   };
@@ -294,4 +272,4 @@ TEST_F(DiskWatch, DiskStates_FilesNotResponding_KeepStates) {
 }
 
 }  // namespace
-}  // namespace vexa::guests
+}  // namespace vexa::storage

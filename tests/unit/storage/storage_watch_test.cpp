@@ -1,7 +1,6 @@
 #include "host/storage/storage_watch.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -13,54 +12,37 @@
 #include "host/base/json_parse.h"
 #include "host/store/key.h"
 #include "json/readers.h"
+#include "tests/support/matchers.h"
 #include "tests/support/require.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
-#include "tests/unit/storage/storage_ground.h"
+#include "tests/unit/storage/mount_point.h"
+#include "tests/unit/storage/storage_watch_fixture.h"
 #include "webapi/platform/ccc.h"
 
-namespace vexa::guests {
+namespace vexa::storage {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Key;
-using ::testing::UnorderedElementsAre;
 
 namespace fs = std::filesystem;
 
-constexpr char kHost[] = "11111111-2222-4333-8444-555555555555";
-constexpr char kPool[] = "aaaaaaaa-0000-4000-8000-000000000001";
 constexpr char kOther[] = "aaaaaaaa-0000-4000-8000-000000000002";
 
-class StorageWatchTest : public ::testing::Test {
+class StorageWatchTest : public WatchedStorage {
  protected:
-  StorageWatchTest() {
-    PutRepository(kPool, "pool", kHost);
-    test::ClearCapturedSyslog();
-  }
+  StorageWatchTest() { test::ClearCapturedSyslog(); }
 
-  StorageOptions Options() {
-    StorageOptions options;
-    options.store = std::shared_ptr<store::Store>(&host_.store(), [](store::Store*) {});
-    options.host_id = kHost;
-    options.roots = {ground_.path()};
-    options.deadline = std::chrono::seconds(60);
-    return options;
-  }
-  void PutRepository(const std::string& id, const std::string& name, const std::string& host_id) {
-    Json::Value record(Json::objectValue);
-    record["name"] = name;
-    record["host_id"] = host_id;
-    record["state"] = VexaCCC::State::Repo::online;
-    host_.Put("repository", id, record);
-  }
   void PutDisk(const std::string& id, const std::string& path, const std::string& repository_id = kPool) {
     Json::Value record(Json::objectValue);
     record["path"] = path;
     record["repository_id"] = repository_id;
     host_.Put("vdisk", id, record);
+  }
+  // Makes the file, below the root, of a disk as well.
+  void MakeDisk(const std::string& id, const std::string& file, const std::string& repository_id = kPool) {
+    test::WriteImage(mount_.File(file));
+    PutDisk(id, mount_.File(file), repository_id);
   }
   void Write(const std::string& key, const std::optional<std::string>& text) {
     (void)test::Require(host_.store().Commit({{}, {{key, text}}}));
@@ -79,56 +61,50 @@ class StorageWatchTest : public ::testing::Test {
     VexaCCC::DB::Dashboard(VexaCCC::DB::DashCate::Repository, id).Get(state, VexaCCC::DB::_k::state);
     return state;
   }
-  store::Revision Revision() { return test::Require(host_.store().Read())->revision(); }
-  std::string Root() const { return ground_.path() + "/"; }
+  std::string Root() const { return mount_.path() + "/"; }
   static std::vector<std::string> Logged() {
     std::vector<std::string> lines;
     for (const test::SyslogLine& line : test::CapturedSyslog()) lines.push_back(line.text);
     return lines;
   }
 
-  // What stands for another file system in the place of the root.
+  // Simulates another file system mounted at the root.
   void Replace() {
-    fs::rename(ground_.path(), ground_.folder().File("away"));
-    fs::create_directory(ground_.path());
+    fs::rename(mount_.path(), mount_.folder().File("away"));
+    fs::create_directory(mount_.path());
   }
   void PutBack() {
-    fs::remove_all(ground_.path());
-    fs::rename(ground_.folder().File("away"), ground_.path());
+    fs::remove_all(mount_.path());
+    fs::rename(mount_.folder().File("away"), mount_.path());
   }
   std::string NotMounted() const {
     return "The storage of the repository 'pool' is not mounted: the folder '" + Root() +
            "' is not the folder that holds its disks.";
   }
-
-  test::MountGround ground_{"images"};
-  test::TestHost host_;
 };
 
-TEST_F(StorageWatchTest, Refresh_LearnsFoldersOfFilesThatAreThere) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
-  fs::create_directory(ground_.File("b"));
-  PutDisk("d2", ground_.File("b/missing"));
+TEST_F(StorageWatchTest, Refresh_FilesExist_LearnsTheirFolders) {
+  MakeDisk("d1", "a/disk");
+  fs::create_directory(mount_.File("b"));
+  PutDisk("d2", mount_.File("b/missing"));
   PutDisk("d3", "/elsewhere/disk");
-  PutDisk("d4", ground_.File("c/disk"), kOther);
-  test::WriteImage(ground_.File("n/vars"));
+  PutDisk("d4", mount_.File("c/disk"), kOther);
+  test::WriteImage(mount_.File("n/vars"));
   host_.PutText("guest", "g",
-                R"({"repository_id":")" + std::string(kPool) + R"(","nvram":")" + ground_.File("n/vars") + R"("})");
+                R"({"repository_id":")" + std::string(kPool) + R"(","nvram":")" + mount_.File("n/vars") + R"("})");
   StorageWatch watch(Options());
   watch.Refresh();
-  EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(ground_.File("a")), Key(ground_.File("n"))));
+  EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(mount_.File("a")), Key(mount_.File("n"))));
   EXPECT_EQ(StorageOf().host_id, kHost);
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
   EXPECT_THAT(Logged(), IsEmpty());
-  test::WriteImage(ground_.File("b/missing"));
+  test::WriteImage(mount_.File("b/missing"));
   watch.Refresh();
-  EXPECT_TRUE(StorageOf().folders.contains(ground_.File("b")));
+  EXPECT_TRUE(StorageOf().folders.contains(mount_.File("b")));
 }
 
-TEST_F(StorageWatchTest, Refresh_WritesOnlyWhatHasChanged) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+TEST_F(StorageWatchTest, Refresh_NothingChanged_WritesNothing) {
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   watch.Refresh();
   const store::Revision learned = Revision();
@@ -152,47 +128,43 @@ TEST_F(StorageWatchTest, Refresh_EmptyRepository_WritesNothing) {
   EXPECT_EQ(Revision(), before);
 }
 
-TEST_F(StorageWatchTest, Refresh_OtherFolder_IsUnavailableUntilItIsTheSameAgain) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+TEST_F(StorageWatchTest, Refresh_OtherFolder_IsUnavailableUntilRestored) {
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   watch.Refresh();
-  const Trail known = StorageOf().folders;
+  const FolderChain known = StorageOf().folders;
   Replace();
-  test::WriteImage(ground_.File("new/disk"));
-  PutDisk("d2", ground_.File("new/disk"));
+  MakeDisk("d2", "new/disk");
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
   EXPECT_EQ(StorageOf().folders, known) << "nothing is learned meanwhile";
-  ASSERT_TRUE(StorageOf().trouble);
-  EXPECT_THAT(StorageOf().trouble->folders, ElementsAre(Root()));
+  ASSERT_TRUE(StorageOf().problem);
+  EXPECT_THAT(StorageOf().problem->folders, ElementsAre(Root()));
   PutBack();
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
   EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), std::nullopt);
-  EXPECT_FALSE(StorageOf().trouble);
+  EXPECT_FALSE(StorageOf().problem);
   EXPECT_THAT(Logged(), ElementsAre(NotMounted(), "The storage of the repository 'pool' can be used again."));
 }
 
-TEST_F(StorageWatchTest, Refresh_Unmounted_IsUnavailableUntilItIsMounted) {
+TEST_F(StorageWatchTest, Refresh_Unmounted_IsUnavailableUntilMounted) {
   if (!test::CanMount()) GTEST_SKIP() << test::kCannotMount;
-  const test::MountGround kept("kept");
-  ASSERT_TRUE(kept.MountTmpfs() && ground_.Bind(kept.path()));
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+  const test::MountPoint kept("kept");
+  ASSERT_TRUE(kept.MountTmpfs() && mount_.Bind(kept.path()));
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   watch.Refresh();
-  ASSERT_TRUE(ground_.Unmount());
+  ASSERT_TRUE(mount_.Unmount());
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
-  ASSERT_TRUE(ground_.Bind(kept.path()));
+  ASSERT_TRUE(mount_.Bind(kept.path()));
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
 }
 
 TEST_F(StorageWatchTest, Refresh_AdministratorsState_IsKept) {
-  test::WriteImage(ground_.File("disk"));
-  PutDisk("d1", ground_.File("disk"));
+  MakeDisk("d1", "disk");
   const std::string degraded = "\"" + std::string(VexaCCC::State::Repo::degraded) + "\"";
   Write(RepositoryStateKey(kPool), degraded);
   const auto record = TextOf(test::TestHost::ObjectKey("repository", kPool));
@@ -208,9 +180,8 @@ TEST_F(StorageWatchTest, Refresh_AdministratorsState_IsKept) {
   EXPECT_EQ(TextOf(test::TestHost::ObjectKey("repository", kPool)), record);
 }
 
-TEST_F(StorageWatchTest, Refresh_StateWrittenByOthersMeanwhile_IsTheOneThatComesBack) {
-  test::WriteImage(ground_.File("disk"));
-  PutDisk("d1", ground_.File("disk"));
+TEST_F(StorageWatchTest, Refresh_StateChangedElsewhereDuringProblem_IsRestored) {
+  MakeDisk("d1", "disk");
   StorageWatch watch(Options());
   watch.Refresh();
   Replace();
@@ -224,37 +195,36 @@ TEST_F(StorageWatchTest, Refresh_StateWrittenByOthersMeanwhile_IsTheOneThatComes
   EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), crashed);
 }
 
-TEST_F(StorageWatchTest, Refresh_FolderGoneWithItsParentThere_IsNotUnavailable) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+TEST_F(StorageWatchTest, Refresh_FolderMissingButParentSame_IsAvailable) {
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   watch.Refresh();
-  fs::rename(ground_.File("a"), ground_.folder().File("a"));
+  fs::rename(mount_.File("a"), mount_.folder().File("a"));
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
-  EXPECT_TRUE(StorageOf().folders.contains(ground_.File("a"))) << "a disk still names a file in it";
-  test::WriteImage(ground_.File("a/disk"));
+  EXPECT_TRUE(StorageOf().folders.contains(mount_.File("a"))) << "a disk still names a file in it";
+  test::WriteImage(mount_.File("a/disk"));
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable) << "made again";
 }
 
-TEST_F(StorageWatchTest, Refresh_FolderThatNoDiskUsesAnyMore_IsForgotten) {
-  test::WriteImage(ground_.File("a/disk"));
-  test::WriteImage(ground_.File("b/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
-  PutDisk("d2", ground_.File("b/disk"));
+TEST_F(StorageWatchTest, Refresh_FolderNoLongerUsed_IsForgotten) {
+  test::WriteImage(mount_.File("a/disk"));
+  test::WriteImage(mount_.File("b/disk"));
+  PutDisk("d1", mount_.File("a/disk"));
+  PutDisk("d2", mount_.File("b/disk"));
   StorageWatch watch(Options());
   watch.Refresh();
   host_.Remove("vdisk", "d1");
   watch.Refresh();
-  EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(ground_.File("b"))));
+  EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(mount_.File("b"))));
   host_.Remove("vdisk", "d2");
   watch.Refresh();
   EXPECT_THAT(StorageOf().folders, IsEmpty());
 }
 
-TEST_F(StorageWatchTest, Refresh_OwnFolder_IsKnownWhileItIsThereAndNoMissingFileIsNamedInIt) {
-  const std::string own = ground_.File(kPool);
+TEST_F(StorageWatchTest, Refresh_RepositoryFolder_IsLearnedUnlessRecordedFilesAreMissing) {
+  const std::string own = mount_.File(kPool);
   fs::create_directory(own);
   PutDisk("d1", own + "/missing");
   StorageWatch watch(Options());
@@ -273,35 +243,32 @@ TEST_F(StorageWatchTest, Refresh_OwnFolder_IsKnownWhileItIsThereAndNoMissingFile
   EXPECT_THAT(StorageOf().folders, IsEmpty());
 }
 
-TEST_F(StorageWatchTest, Refresh_RepositoryOfAnotherHost_IsLeftAlone) {
+TEST_F(StorageWatchTest, Refresh_RepositoryOfOtherHost_IsUnchanged) {
   PutRepository(kOther, "other", "99999999-2222-4333-8444-555555555555");
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"), kOther);
+  MakeDisk("d1", "a/disk", kOther);
   StorageWatch watch(Options());
   watch.Refresh();
   EXPECT_EQ(TextOf(StorageKey(kOther)), std::nullopt);
 }
 
-TEST_F(StorageWatchTest, Refresh_RepositoryTakenFromAnotherHost_IsLearnedFromScratch) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+TEST_F(StorageWatchTest, Refresh_RepositoryTakenOver_IsLearnedFromScratch) {
+  MakeDisk("d1", "a/disk");
   Write(StorageKey(kPool),
         R"({"host_id":"h","folders":{"/srv/":"ino=1 fsid=1"},"not_mounted":["/srv/"],"reason":"why","since":1})");
   Write(RepositoryStateKey(kPool), "\"" + std::string(VexaCCC::State::Repo::unavailable) + "\"");
   StorageWatch watch(Options());
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
-  EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(ground_.File("a"))));
+  EXPECT_THAT(StorageOf().folders, UnorderedElementsAre(Key(Root()), Key(mount_.File("a"))));
 }
 
 TEST_F(StorageWatchTest, Refresh_AfterAccept_LearnsCurrentFolders) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   watch.Refresh();
-  const Trail before = StorageOf().folders;
+  const FolderChain before = StorageOf().folders;
   Replace();
-  test::WriteImage(ground_.File("a/disk"));
+  test::WriteImage(mount_.File("a/disk"));
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
   test::Require(ForgetStorage(host_.store(), kPool));
@@ -312,9 +279,8 @@ TEST_F(StorageWatchTest, Refresh_AfterAccept_LearnsCurrentFolders) {
   EXPECT_NE(StorageOf().folders, before);
 }
 
-TEST_F(StorageWatchTest, Refresh_DamagedRecord_IsLeftAndLoggedOnce) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+TEST_F(StorageWatchTest, Refresh_DamagedRecord_IsKeptAndLoggedOnce) {
+  MakeDisk("d1", "a/disk");
   Write(StorageKey(kPool), "[]");
   StorageWatch watch(Options());
   watch.Refresh();
@@ -322,14 +288,13 @@ TEST_F(StorageWatchTest, Refresh_DamagedRecord_IsLeftAndLoggedOnce) {
   EXPECT_EQ(TextOf(StorageKey(kPool)), "[]");
   ASSERT_EQ(Logged().size(), 1u);
   EXPECT_THAT(Logged()[0], HasSubstr("cannot be checked"));
-  const Refused refused = watch.Refuse(kPool, {ground_.File("a/disk")}, StorageUse::kExisting);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kUnavailable);
+  const auto refused = watch.CheckFolders(kPool, {mount_.File("a/disk")}, StorageUse::kExisting);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kUnavailable);
 }
 
-TEST_F(StorageWatchTest, Refresh_StoreThatFails_IsLoggedOnceAndTriedAgain) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+TEST_F(StorageWatchTest, Refresh_StoreFails_IsLoggedOnceAndRetried) {
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   host_.store().FailSnapshots();
   watch.Refresh();
@@ -344,15 +309,14 @@ TEST_F(StorageWatchTest, Refresh_StoreThatFails_IsLoggedOnceAndTriedAgain) {
 }
 
 TEST_F(StorageWatchTest, Refresh_AcceptedDuringCheck_IsNotOverwritten) {
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+  MakeDisk("d1", "a/disk");
   StorageWatch(Options()).Refresh();
   Replace();
   StorageOptions options = Options();
-  options.ask = [&](const StorageQuestion& question) {
-    StorageAnswer answer = AskStorage(question);
+  options.probe = [&](const ProbeRequest& request) {
+    ProbeResult result = ProbeStorage(request);
     test::Require(ForgetStorage(host_.store(), kPool));
-    return answer;
+    return result;
   };
   StorageWatch watch(options);
   watch.Refresh();
@@ -364,26 +328,24 @@ TEST_F(StorageWatchTest, Refresh_AcceptedDuringCheck_IsNotOverwritten) {
 // A file system that does not answer: each check opens a FIFO that nobody writes to.
 class HangingStorageTest : public StorageWatchTest {
  protected:
-  HangingStorageTest() : fifo_(ground_.folder().File("fifo")) {
+  HangingStorageTest() : fifo_(mount_.folder().File("fifo")) {
     EXPECT_EQ(::mkfifo(fifo_.c_str(), 0600), 0);
     PutRepository(kOther, "other", kHost);
-    test::WriteImage(ground_.File("a/disk"));
-    PutDisk("d1", ground_.File("a/disk"));
-    test::WriteImage(ground_.File("b/disk"));
-    PutDisk("d2", ground_.File("b/disk"), kOther);
+    MakeDisk("d1", "a/disk");
+    MakeDisk("d2", "b/disk", kOther);
   }
   ~HangingStorageTest() override { Answer(); }
 
   StorageOptions HangingOptions() {
     StorageOptions options = Options();
-    options.deadline = std::chrono::seconds(1);
-    options.ask = [fifo = fifo_, hanging = hanging_](const StorageQuestion& question) {
-      if (question.repository_id == kPool && *hanging) Hang(fifo, *hanging);
-      return AskStorage(question);
+    options.timeout = std::chrono::seconds(1);
+    options.probe = [fifo = fifo_, hanging = hanging_](const ProbeRequest& request) {
+      if (request.repository_id == kPool && *hanging) Hang(fifo, *hanging);
+      return ProbeStorage(request);
     };
-    options.check = [fifo = fifo_, hanging = hanging_](const Trail& trail) {
+    options.check_chain = [fifo = fifo_, hanging = hanging_](const FolderChain& trail) {
       if (*hanging) Hang(fifo, *hanging);
-      return CheckTrail(trail);
+      return CheckFolderChain(trail);
     };
     return options;
   }
@@ -425,23 +387,23 @@ TEST_F(HangingStorageTest, Refresh_DeadlinePasses_IsUnavailableAndOthersAreCheck
   EXPECT_EQ(StorageOf().folders.size(), 2u);
 }
 
-TEST_F(HangingStorageTest, Refuse_RefusesAfterTheDeadline) {
+TEST_F(HangingStorageTest, Check_DeadlinePasses_IsRefused) {
   *hanging_ = 0;
   StorageWatch watch(HangingOptions());
   watch.Refresh();
   *hanging_ = 1;
-  const Refused refused = watch.Refuse(kPool, {ground_.File("a/disk")}, StorageUse::kExisting);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kUnavailable);
-  EXPECT_THAT(refused->reason, HasSubstr("does not answer"));
-  const Trail remembered = StorageOf().folders;
-  EXPECT_TRUE(watch.RefuseTrail(kPool, remembered, StorageUse::kExisting));
+  const auto refused = watch.CheckFolders(kPool, {mount_.File("a/disk")}, StorageUse::kExisting);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kUnavailable);
+  EXPECT_THAT(refused.error().reason, HasSubstr("does not answer"));
+  const FolderChain remembered = StorageOf().folders;
+  EXPECT_FALSE(watch.CheckStoredFolders(kPool, remembered, StorageUse::kExisting).ok());
   EXPECT_EQ(*hanging_, 2);
 }
 
-TEST_F(HangingStorageTest, Stop_EndsARefreshThatWaits) {
+TEST_F(HangingStorageTest, Stop_RefreshWaiting_EndsIt) {
   StorageOptions options = HangingOptions();
-  options.deadline = std::chrono::seconds(600);
+  options.timeout = std::chrono::seconds(600);
   std::optional<StorageWatch> watch(std::in_place, options);
   std::thread refresher([&] { watch->Refresh(); });
   while (*hanging_ < 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -452,53 +414,50 @@ TEST_F(HangingStorageTest, Stop_EndsARefreshThatWaits) {
   EXPECT_EQ(*hanging_, 2) << "the thread is left behind";
 }
 
-TEST_F(StorageWatchTest, Refuse_OnlyChangedFolders_AreRefused) {
-  test::WriteImage(ground_.File("a/disk"));
-  test::WriteImage(ground_.File("b/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
-  PutDisk("d2", ground_.File("b/disk"));
+TEST_F(StorageWatchTest, Check_ChangedFolders_AreRefused) {
+  test::WriteImage(mount_.File("a/disk"));
+  test::WriteImage(mount_.File("b/disk"));
+  PutDisk("d1", mount_.File("a/disk"));
+  PutDisk("d2", mount_.File("b/disk"));
   StorageWatch watch(Options());
-  const std::vector<std::string> both{ground_.File("a/disk"), ground_.File("b/disk")};
-  EXPECT_FALSE(watch.Refuse(kPool, both, StorageUse::kNew)) << "nothing is known yet";
+  const std::vector<std::string> both{mount_.File("a/disk"), mount_.File("b/disk")};
+  EXPECT_TRUE(watch.CheckFolders(kPool, both, StorageUse::kNew).ok()) << "nothing is known yet";
   watch.Refresh();
-  const Trail remembered = test::Require(TrailOf({ground_.path()}, both[0]));
-  EXPECT_FALSE(watch.Refuse(kPool, both, StorageUse::kNew));
-  EXPECT_FALSE(watch.Refuse("", both, StorageUse::kNew));
-  EXPECT_FALSE(watch.RefuseTrail(kPool, remembered, StorageUse::kNew));
-  fs::rename(ground_.File("a"), ground_.folder().File("a"));
-  EXPECT_FALSE(watch.Refuse(kPool, both, StorageUse::kExisting)) << "the files are gone with their folder";
-  EXPECT_TRUE(watch.Refuse(kPool, both, StorageUse::kNew));
-  EXPECT_FALSE(watch.Refuse(kPool, {both[1]}, StorageUse::kNew));
-  test::WriteImage(ground_.File("a/disk"));
-  const Refused refused = watch.Refuse(kPool, both, StorageUse::kExisting);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kUnavailable);
-  EXPECT_EQ(refused->reason,
+  const FolderChain remembered = test::Require(ReadFolderChain({mount_.path()}, both[0]));
+  EXPECT_TRUE(watch.CheckFolders(kPool, both, StorageUse::kNew).ok());
+  EXPECT_TRUE(watch.CheckFolders("", both, StorageUse::kNew).ok());
+  EXPECT_TRUE(watch.CheckStoredFolders(kPool, remembered, StorageUse::kNew).ok());
+  fs::rename(mount_.File("a"), mount_.folder().File("a"));
+  EXPECT_TRUE(watch.CheckFolders(kPool, both, StorageUse::kExisting).ok()) << "the files are gone with their folder";
+  EXPECT_FALSE(watch.CheckFolders(kPool, both, StorageUse::kNew).ok());
+  EXPECT_TRUE(watch.CheckFolders(kPool, {both[1]}, StorageUse::kNew).ok());
+  test::WriteImage(mount_.File("a/disk"));
+  const auto refused = watch.CheckFolders(kPool, both, StorageUse::kExisting);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kUnavailable);
+  EXPECT_EQ(refused.error().reason,
             "The storage of the repository '" + std::string(kPool) + "' is not mounted: the folder '" +
-                ground_.File("a") +
+                mount_.File("a") +
                 "' is not the folder that holds its disks. Mount it or, when it was replaced for good, "
                 "run 'vexa repository accept " +
                 kPool + "'");
-  EXPECT_TRUE(watch.RefuseTrail(kPool, remembered, StorageUse::kExisting));
-  EXPECT_FALSE(watch.Refuse(kPool, {both[1]}, StorageUse::kExisting));
-  EXPECT_FALSE(watch.Refuse(kOther, both, StorageUse::kExisting));
+  EXPECT_FALSE(watch.CheckStoredFolders(kPool, remembered, StorageUse::kExisting).ok());
+  EXPECT_TRUE(watch.CheckFolders(kPool, {both[1]}, StorageUse::kExisting).ok());
+  EXPECT_TRUE(watch.CheckFolders(kOther, both, StorageUse::kExisting).ok());
 }
 
 // What the file systems say, in the place of the machine's own.
 class StorageStateTest : public StorageWatchTest {
  protected:
-  StorageStateTest() {
-    test::WriteImage(ground_.File("disk"));
-    PutDisk("d1", ground_.File("disk"));
-  }
+  StorageStateTest() { MakeDisk("d1", "disk"); }
   StorageOptions ScriptedOptions() {
     StorageOptions options = Options();
     options.limits = {85, 95, 0};
     options.now = [this] { return std::chrono::system_clock::time_point(std::chrono::seconds(now_)); };
-    options.ask = [this](const StorageQuestion& question) {
-      StorageAnswer answer = AskStorage(question);
-      answer.conditions = {condition_};
-      return answer;
+    options.probe = [this](const ProbeRequest& request) {
+      ProbeResult result = ProbeStorage(request);
+      result.conditions = {condition_};
+      return result;
     };
     return options;
   }
@@ -514,20 +473,20 @@ TEST_F(StorageStateTest, EachTrouble_HasItsStateReasonTimeAndLine) {
   const auto expect = [&](const char* state, const std::string& reason, int since) {
     watch.Refresh();
     EXPECT_EQ(StateOf(), state);
-    ASSERT_TRUE(StorageOf().trouble) << state;
-    EXPECT_EQ(StorageOf().trouble->state, state);
-    EXPECT_EQ(StorageOf().trouble->reason, reason);
-    EXPECT_EQ(StorageOf().trouble->since.time_since_epoch(), std::chrono::seconds(since));
+    ASSERT_TRUE(StorageOf().problem) << state;
+    EXPECT_EQ(StorageOf().problem->state, state);
+    EXPECT_EQ(StorageOf().problem->reason, reason);
+    EXPECT_EQ(StorageOf().problem->since.time_since_epoch(), std::chrono::seconds(since));
     now_ += 10;
   };
   const std::string system = "the file system of the folder '" + Root() + "' is ";
   Use(90);
-  expect(repository::provision_warning, system + "used to 85 %", 1000);
-  expect(repository::provision_warning, system + "used to 85 %", 1000);
+  expect(repository::provision_warning, system + "at least 85 % full", 1000);
+  expect(repository::provision_warning, system + "at least 85 % full", 1000);
   Use(96);
-  expect(repository::full, system + "used to 95 %", 1020);
+  expect(repository::full, system + "at least 95 % full", 1020);
   condition_.is_read_only = true;
-  expect(repository::full, system + "used to 95 %", 1020);
+  expect(repository::full, system + "at least 95 % full", 1020);
   Use(50);
   condition_.is_read_only = true;
   expect(repository::degraded, system + "mounted read-only", 1040);
@@ -537,16 +496,16 @@ TEST_F(StorageStateTest, EachTrouble_HasItsStateReasonTimeAndLine) {
   watch.Refresh();
   EXPECT_EQ(StateOf(), repository::online);
   EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), std::nullopt);
-  EXPECT_FALSE(StorageOf().trouble);
+  EXPECT_FALSE(StorageOf().problem);
   const std::string storage = "The storage of the repository 'pool' ";
-  EXPECT_THAT(Logged(), ElementsAre(storage + "runs out of space: " + system + "used to 85 %.",
-                                    storage + "is full: " + system + "used to 95 %.",
+  EXPECT_THAT(Logged(), ElementsAre(storage + "runs out of space: " + system + "at least 85 % full.",
+                                    storage + "is full: " + system + "at least 95 % full.",
                                     storage + "cannot be written: " + system + "mounted read-only.",
                                     storage + "fails: the folder '" + Root() + "' cannot be used: Input/output error.",
                                     storage + "can be used again."));
 }
 
-TEST_F(StorageStateTest, Warnings_DoNotReplaceAWorseStateOfAnAdministrator) {
+TEST_F(StorageStateTest, Warning_WorseStateOfAdministrator_IsKept) {
   namespace repository = VexaCCC::State::Repo;
   const auto text = [](const char* state) { return '"' + std::string(state) + '"'; };
   Write(RepositoryStateKey(kPool), text(repository::degraded));
@@ -554,7 +513,7 @@ TEST_F(StorageStateTest, Warnings_DoNotReplaceAWorseStateOfAnAdministrator) {
   Use(90);
   watch.Refresh();
   EXPECT_EQ(StateOf(), repository::degraded);
-  EXPECT_EQ(StorageOf().trouble->state, repository::provision_warning) << "it is known all the same";
+  EXPECT_EQ(StorageOf().problem->state, repository::provision_warning) << "it is known all the same";
   Use(96);
   watch.Refresh();
   EXPECT_EQ(StateOf(), repository::full);
@@ -566,41 +525,41 @@ TEST_F(StorageStateTest, Warnings_DoNotReplaceAWorseStateOfAnAdministrator) {
   EXPECT_EQ(TextOf(RepositoryStateKey(kPool)), text(repository::degraded));
 }
 
-TEST_F(StorageStateTest, FullRefusesStartsWithTheReason_ReadOnlyDoesNot) {
+TEST_F(StorageStateTest, PowerOn_RepositoryFull_IsRefusedButReadOnlyIsNot) {
   StorageWatch watch(ScriptedOptions());
   watch.Refresh();
-  EXPECT_FALSE(watch.RefuseStart(kPool));
+  EXPECT_TRUE(watch.CheckStorageForStart(kPool).ok());
   Use(90);
   watch.Refresh();
-  EXPECT_FALSE(watch.RefuseStart(kPool));
+  EXPECT_TRUE(watch.CheckStorageForStart(kPool).ok());
   Use(96);
   watch.Refresh();
-  Refused refused = watch.RefuseStart(kPool);
-  ASSERT_TRUE(refused);
-  EXPECT_EQ(refused->code, kUnavailable);
-  EXPECT_EQ(refused->reason, "The storage of the repository '" + std::string(kPool) +
-                                 "' is full: the file system of the folder '" + Root() +
-                                 "' is used to 95 %. Make room in it, or move disks to another repository, and try "
-                                 "again");
+  Result<void, Refusal> refused = watch.CheckStorageForStart(kPool);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, host_error::kUnavailable);
+  EXPECT_EQ(refused.error().reason,
+            "The storage of the repository '" + std::string(kPool) + "' is full: the file system of the folder '" +
+                Root() +
+                "' is at least 95 % full. Make room in it, or move disks to another repository, and try "
+                "again");
   Use(50);
   condition_.is_read_only = true;
   watch.Refresh();
-  EXPECT_FALSE(watch.RefuseStart(kPool)) << "a libvirt elsewhere may see a mount that can be written";
-  EXPECT_FALSE(watch.RefuseStart(""));
-  EXPECT_FALSE(watch.RefuseStart(kOther));
+  EXPECT_TRUE(watch.CheckStorageForStart(kPool).ok()) << "a libvirt elsewhere may see a mount that can be written";
+  EXPECT_TRUE(watch.CheckStorageForStart("").ok());
+  EXPECT_TRUE(watch.CheckStorageForStart(kOther).ok());
 }
 
 TEST_F(StorageStateTest, ReadOnlyFileSystem_IsDegradedUntilItCanBeWritten) {
   if (!test::CanMount()) GTEST_SKIP() << test::kCannotMount;
-  const test::MountGround kept("kept");
-  ASSERT_TRUE(kept.MountTmpfs() && ground_.Bind(kept.path()));
-  test::WriteImage(ground_.File("a/disk"));
-  PutDisk("d1", ground_.File("a/disk"));
+  const test::MountPoint kept("kept");
+  ASSERT_TRUE(kept.MountTmpfs() && mount_.Bind(kept.path()));
+  MakeDisk("d1", "a/disk");
   StorageWatch watch(Options());
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
   const auto remount = [&](unsigned long flags) {
-    return ::mount("none", ground_.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr);
+    return ::mount("none", mount_.path().c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr);
   };
   ASSERT_EQ(remount(MS_RDONLY), 0);
   watch.Refresh();
@@ -610,24 +569,24 @@ TEST_F(StorageStateTest, ReadOnlyFileSystem_IsDegradedUntilItCanBeWritten) {
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
 }
 
-TEST_F(StorageWatchTest, Refresh_RootThatWasNeverSeen_IsUnavailableWhereDisksAreRecorded) {
+TEST_F(StorageWatchTest, Refresh_RootNeverSeenButDisksRecorded_IsUnavailable) {
   StorageOptions options = Options();
-  options.roots = {ground_.File("away")};
+  options.roots = {mount_.File("away")};
   StorageWatch watch(options);
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online) << "an empty repository makes its folder with its first disk";
-  PutDisk("d1", ground_.File("away/p/disk"));
+  PutDisk("d1", mount_.File("away/p/disk"));
   options.files = StorageOptions::Files::kNotNeeded;
   StorageWatch(options).Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online) << "without files";
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::unavailable);
   EXPECT_THAT(Logged(), ElementsAre("The storage of the repository 'pool' is not mounted: there is no folder '" +
-                                    ground_.File("away") + "/'."));
-  fs::create_directories(ground_.File("away"));
+                                    mount_.File("away") + "/'."));
+  fs::create_directories(mount_.File("away"));
   watch.Refresh();
   EXPECT_EQ(StateOf(), VexaCCC::State::Repo::online);
 }
 
 }  // namespace
-}  // namespace vexa::guests
+}  // namespace vexa::storage

@@ -29,14 +29,14 @@ const SegmentRow kSegments[] = {
     {"[*?]", "%5B%2A%3F%5D"},
 };
 
-TEST(Key, Segment_EncodedAndBack_IsTheSame) {
+TEST(Key, Segment_EncodedAndDecoded_IsSame) {
   for (const SegmentRow& row : kSegments) {
     EXPECT_EQ(EncodeSegment(row.text), row.encoded);
     EXPECT_EQ(DecodeSegment(row.encoded), row.text);
   }
 }
 
-TEST(Key, Segment_OfEveryByte_ComesBack) {
+TEST(Key, Segment_EveryByte_IsDecodedUnchanged) {
   for (int first = 0; first < 256; ++first) {
     for (int second = 0; second < 256; ++second) {
       const std::string text = {static_cast<char>(first), static_cast<char>(second)};
@@ -47,7 +47,7 @@ TEST(Key, Segment_OfEveryByte_ComesBack) {
   }
 }
 
-TEST(Key, Segment_ThatNoTextEncodesTo_IsRefused) {
+TEST(Key, DecodeSegment_NonCanonicalEncoding_IsRefused) {
   for (const std::string& encoded :
        {std::string(), std::string("."), std::string(".."), std::string("a b"), std::string("a/b"), std::string("%2f"),
         std::string("%41"), std::string("%2"), std::string("a%"), std::string("%%"), std::string("%2G"),
@@ -57,20 +57,20 @@ TEST(Key, Segment_ThatNoTextEncodesTo_IsRefused) {
   }
 }
 
-TEST(Key, MakeKey_OfHostileSegments_KeepsThemInPlace) {
+TEST(Key, MakeKey_HostileSegments_StayInPlace) {
   EXPECT_EQ(MakeKey({"dash", "guest", "../x", ""}), "/dash/guest/..%2Fx/%");
   EXPECT_EQ(MakeKey({}), "");
 }
 
 TEST(Key, IsKey_ResultOfMakeKey_IsTrue) {
-  EXPECT_TRUE(IsKey("/a"));
-  EXPECT_TRUE(IsKey(MakeKey({"", "..", "a/b", "ä"})));
-  EXPECT_TRUE(IsKey("/" + std::string(kMaxKeyBytes - 1, 'k')));
-  EXPECT_FALSE(IsKey("/" + std::string(kMaxKeyBytes, 'k')));
-  for (const char* key : {"", "/", "a", "/a/", "//a", "/a//b", "/a/..", "/a b"}) EXPECT_FALSE(IsKey(key)) << key;
+  EXPECT_TRUE(IsValidKey("/a"));
+  EXPECT_TRUE(IsValidKey(MakeKey({"", "..", "a/b", "ä"})));
+  EXPECT_TRUE(IsValidKey("/" + std::string(kMaxKeyBytes - 1, 'k')));
+  EXPECT_FALSE(IsValidKey("/" + std::string(kMaxKeyBytes, 'k')));
+  for (const char* key : {"", "/", "a", "/a/", "//a", "/a//b", "/a/..", "/a b"}) EXPECT_FALSE(IsValidKey(key)) << key;
 }
 
-TEST(Key, IsAtOrBelow_EndsAtSegmentBoundaries) {
+TEST(Key, IsAtOrBelow_PartOfSegment_IsFalse) {
   EXPECT_TRUE(IsAtOrBelow("/a/b", "/a/b"));
   EXPECT_TRUE(IsAtOrBelow("/a/b/c", "/a/b"));
   EXPECT_TRUE(IsAtOrBelow("/a", ""));

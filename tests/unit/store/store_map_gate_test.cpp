@@ -15,7 +15,7 @@ TEST(MapGate, Close_GateEmpty_GetsExclusiveAccess) {
   MapGate gate;
   ASSERT_TRUE(gate.Close(milliseconds(0)));
   EXPECT_FALSE(gate.Close(milliseconds(1)));
-  gate.OpenAgain();
+  gate.Reopen();
   EXPECT_TRUE(gate.Close(milliseconds(0)));
 }
 
@@ -37,11 +37,11 @@ TEST(MapGate, Close_UsersLeaveInTime_Succeeds) {
   pass.Leave();
   closer.join();
   EXPECT_TRUE(closed);
-  gate.OpenAgain();
+  gate.Reopen();
   gate.Enter().Leave();
 }
 
-TEST(MapGate, Close_PatienceEnds_LetsNewcomersIn) {
+TEST(MapGate, Close_TimesOut_LetsNewcomersIn) {
   MapGate gate;
   MapGate::Pass pass = gate.Enter();
   std::thread closer([&] { EXPECT_FALSE(gate.Close(milliseconds(100))); });
@@ -51,7 +51,7 @@ TEST(MapGate, Close_PatienceEnds_LetsNewcomersIn) {
   closer.join();
 }
 
-TEST(MapGate, Close_AgainstAStreamOfUsers_IsNotStarved) {
+TEST(MapGate, Close_ConstantUsers_IsNotStarved) {
   MapGate gate;
   std::atomic<bool> stop{false};
   std::vector<std::thread> users;
@@ -65,7 +65,7 @@ TEST(MapGate, Close_AgainstAStreamOfUsers_IsNotStarved) {
   }
   for (int i = 0; i < 20; ++i) {
     EXPECT_TRUE(gate.Close(kLong));
-    gate.OpenAgain();
+    gate.Reopen();
   }
   stop = true;
   for (std::thread& user : users) user.join();

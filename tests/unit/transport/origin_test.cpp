@@ -1,7 +1,6 @@
-// What requests between hosts say about whom they are for.
+// The origin headers of requests between hosts: user, host and request id.
 #include "host/transport/origin.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/matchers.h"
 
 #include <string>
 #include <thread>
@@ -9,12 +8,9 @@
 namespace vexa::transport {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 constexpr std::string_view kId = "0123456789abcdef";
 
-std::vector<std::string> FieldsOf(std::string_view user) { return OriginFields({.request_id = {}, .user = user}); }
+std::vector<std::string> FieldsOf(std::string_view user) { return OriginHeaders({.request_id = {}, .user = user}); }
 
 TEST(Origin, Origin_Names_ArriveUnchanged) {
   for (const std::string& name : {std::string("eve"), std::string("a b"), std::string(" eve "), std::string("100%41"),
@@ -50,16 +46,16 @@ TEST(Origin, Origin_InvalidValues_NameNoUser) {
 }
 
 TEST(Origin, Origin_InvalidIds_AreNotSent) {
-  EXPECT_THAT(OriginFields({.request_id = kId, .user = "eve"}),
+  EXPECT_THAT(OriginHeaders({.request_id = kId, .user = "eve"}),
               ElementsAre("X-Vexa-Acts-For: eve", "X-Vexa-Request-Id: 0123456789abcdef"));
   for (const std::string& id : {std::string(), std::string("the-id"), std::string("0123456789ABCDEF"),
                                 std::string(kId) + "0", std::string(kId.substr(1)), std::string("0123456789abcde\n")}) {
     EXPECT_FALSE(IsRequestId(id)) << id;
-    EXPECT_THAT(OriginFields({.request_id = id, .user = {}}), IsEmpty()) << id;
+    EXPECT_THAT(OriginHeaders({.request_id = id, .user = {}}), IsEmpty()) << id;
   }
 }
 
-TEST(Origin, OfAThread_IsItsOwn) {
+TEST(Origin, Origin_EachThread_HasItsOwn) {
   SetOrigin({.request_id = kId, .user = "eve"});
   std::thread([] {
     EXPECT_EQ(CurrentOrigin().user, "");

@@ -1,26 +1,20 @@
 // Which network interfaces of guests have a link.
 #include <string>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Failure;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::SentRequest;
-using vexa::test::Success;
-using vexa::test::Text;
 using Connected = std::map<std::string, int>;
 using Strings = std::vector<std::string>;
 
 constexpr const char* kPort = R"({"bridge_name":"ovs_eth0","nic_id":"n0"})";
 constexpr const char* kPrivate = R"({"bridge_name":"PN-7"})";
 
-class Connectivity : public vexa::test::StateLibrary {
+class Connectivity : public StateLibrary {
  protected:
   void TearDown() override { ExpectNoLine(); }
 
@@ -57,14 +51,14 @@ class Connectivity : public vexa::test::StateLibrary {
   }
 };
 
-TEST_F(Connectivity, GuestsWithoutALink_AreThereWithZero) {
+TEST_F(Connectivity, ConnectedMap_GuestsWithoutLink_AreZero) {
   AddGuest("g2", R"(["v"])");
   AddGuest("g1", "[]");
   EXPECT_EQ(Map(), (Connected{{"g1", 0}, {"g2", 0}}));
   EXPECT_EQ(Platform().reads, (Strings{"host", "guest", "vnic"}));
 }
 
-TEST_F(Connectivity, AnyListingFails_MapIsEmpty) {
+TEST_F(Connectivity, ConnectedMap_AnyListingFails_IsEmpty) {
   AddLinkedHost("h");
   AddGuest("g", R"(["v"])");
   AddVnicOn("v", "g", "h", kPort);
@@ -79,7 +73,7 @@ TEST_F(Connectivity, AnyListingFails_MapIsEmpty) {
   EXPECT_TRUE(Platform().sent.empty());
 }
 
-TEST_F(Connectivity, LinkedPort_ConnectsTheInterfacesPosition) {
+TEST_F(Connectivity, Port_WithLink_SetsBitOfNicPosition) {
   AddLinkedHost("h2");
   AddLinkedHost("h1");
   AddGuest("g", R"(["a","v","b","v"])");
@@ -94,7 +88,7 @@ TEST_F(Connectivity, LinkedPort_ConnectsTheInterfacesPosition) {
   }
 }
 
-TEST_F(Connectivity, PrivateBridge_ConnectsWithoutAnyHost) {
+TEST_F(Connectivity, PrivateBridge_NoHost_Connects) {
   Platform().ids["host"] = {"h"};  // does not answer
   AddGuest("g", R"(["v","w","x"])");
   AddVnicOn("v", "g", "h", kPrivate);
@@ -105,7 +99,7 @@ TEST_F(Connectivity, PrivateBridge_ConnectsWithoutAnyHost) {
   for (const std::string& read : Platform().reads) EXPECT_FALSE(read.starts_with("host/")) << read;
 }
 
-TEST_F(Connectivity, PortUnderItsPlainName_DoesNotConnect) {
+TEST_F(Connectivity, Port_NameWithoutPrefix_DoesNotMatch) {
   AddHost("h", R"([{"ifname":"eth0","status":"connected"}])");
   AddPort("h", "n0", "eth0");
   AddGuest("g", R"(["v"])");
@@ -113,7 +107,7 @@ TEST_F(Connectivity, PortUnderItsPlainName_DoesNotConnect) {
   EXPECT_EQ(Map(), (Connected{{"g", 0}}));
 }
 
-TEST_F(Connectivity, LastInterfaceOfAName_Counts) {
+TEST_F(Connectivity, HostInterfaces_DuplicateName_LastCounts) {
   AddHost("h1", R"([{"ifname":"ovs_eth0","status":"connected"},{"ifname":"ovs_eth0","status":"disconnected"}])");
   AddHost("h2", R"([{"ifname":"ovs_eth0"},{"ifname":"ovs_eth0","status":"connected"}])");
   AddHost("h3", R"([{"ifname":"ovs_eth0","status":"connected"},{"ifname":"ovs_eth0"}])");
@@ -125,7 +119,7 @@ TEST_F(Connectivity, LastInterfaceOfAName_Counts) {
   EXPECT_EQ(Map(), (Connected{{"g", 2}}));
 }
 
-TEST_F(Connectivity, HostsThatFailOrHaveNoData_GiveNoLinks) {
+TEST_F(Connectivity, Host_FailsOrHasNoData_HasNoLinks) {
   for (const char* id : {"failed", "part", "empty", "object"}) AddLinkedHost(id);
   Platform().replies["failed"] = Failure(102);
   Platform().replies["part"]["has_fail"] = true;
@@ -137,7 +131,7 @@ TEST_F(Connectivity, HostsThatFailOrHaveNoData_GiveNoLinks) {
   EXPECT_EQ(Map(), (Connected{{"g", 2}}));
 }
 
-TEST_F(Connectivity, Interface_LiveOnTwoHosts_IsMarkedTwice) {
+TEST_F(Connectivity, Nic_LiveOnTwoHosts_ReadsGuestTwice) {
   AddLinkedHost("h1");
   AddLinkedHost("h2");
   AddGuest("g", R"(["v"])");
@@ -146,7 +140,7 @@ TEST_F(Connectivity, Interface_LiveOnTwoHosts_IsMarkedTwice) {
   EXPECT_EQ(std::count(Platform().reads.begin(), Platform().reads.end(), "guest/g/object"), 2);
 }
 
-TEST_F(Connectivity, UnusablePlaces_AreSkippedForTheNextHost) {
+TEST_F(Connectivity, Nic_EntryUnusable_NextHostIsUsed) {
   AddLinkedHost("h9");
   AddLinkedHost("h1");
   Platform().list_results["host/h1/nics"] = -1;
@@ -184,24 +178,24 @@ TEST_F(Connectivity, ConnectedMap_UnlistedGuestWithLink_IsAdded) {
   EXPECT_EQ(Map(), (Connected{{"new", 1}}));
 }
 
-TEST_F(Connectivity, Positions_AreBitsModulo32) {
+TEST_F(Connectivity, Nic_Position_IsBitModulo32) {
   Json::Value vnics(Json::arrayValue);
   for (int i = 0; i < 65; ++i) vnics.append("v" + std::to_string(i));
   const std::pair<int, unsigned int> kBits[] = {{0, 1u},  {30, 1u << 30}, {31, 1u << 31},
                                                 {32, 1u}, {63, 1u << 31}, {64, 1u}};
   for (const auto& [position, bit] : kBits) {
-    vexa::test::ResetPlatform();
+    ResetPlatform();
     AddGuest("g", Text(vnics));
     AddVnicOn("v" + std::to_string(position), "g", "h", kPrivate);
     EXPECT_EQ(static_cast<unsigned int>(Map().at("g")), bit) << position;
   }
-  vexa::test::ResetPlatform();
+  ResetPlatform();
   AddGuest("g", Text(vnics));
   for (int i = 0; i < 65; ++i) AddVnicOn("v" + std::to_string(i), "g", "h", kPrivate);
   EXPECT_EQ(Map().at("g"), -1);
 }
 
-TEST_F(Connectivity, PortOfManyGuests_IsLookedUpOnce) {
+TEST_F(Connectivity, Port_OfManyGuests_IsLookedUpOnce) {
   constexpr int kGuests = 50;
   AddLinkedHost("h");
   AddPort("h", "n1", "eth1");
@@ -227,9 +221,10 @@ TEST_F(Connectivity, RepliesAndRecordsOfAnyType_NeverThrow) {
   for (Json::Value* value : {&Platform().replies["h"], &Platform().records["host/h/nics/n0"],
                              &Platform().records["vnic/v/object"], &Platform().records["guest/g/object"]}) {
     const Json::Value good = *value;
-    ForEachSpoiled(*value, [&] { EXPECT_TRUE(Map().contains("g")); });
+    ForEachMutation(*value, [&] { EXPECT_TRUE(Map().contains("g")); });
     *value = good;
   }
 }
 
 }  // namespace
+}  // namespace vexa::test

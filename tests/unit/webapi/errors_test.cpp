@@ -1,15 +1,13 @@
 // Texts of checks, and errors that are gathered by code.
 #include <string>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Text;
 using VexaVirtualization::AppendError;
 using VexaVirtualization::GetVMCheckText;
 using VexaVirtualization::VMCHECK;
@@ -55,13 +53,22 @@ const CheckRow kCheckRows[] = {
 
 INSTANTIATE_TEST_SUITE_P(All, CheckTexts, testing::ValuesIn(kCheckRows));
 
-class Errors : public vexa::test::StateLibrary {
+class Errors : public StateLibrary {
  protected:
   void ExpectErrors(std::string_view expected) const { EXPECT_EQ(Text(errors_), Text(Parsed(expected))); }
+  // Both forms refuse what they are given, with nothing to add as well.
+  void ExpectUsageReported() {
+    AppendError("a", 5, errors_);
+    ExpectLines({"utils: AppendError used in the wrong way"});
+    AppendError("a", "x", 5, errors_);
+    ExpectLines({"utils: AppendError2 used in the wrong way"});
+    AppendError("", "", 5, errors_);
+    ExpectLines({"utils: AppendError2 used in the wrong way"});
+  }
   Json::Value errors_;
 };
 
-TEST_F(Errors, Messages_AreJoinedByCode) {
+TEST_F(Errors, Messages_SameCode_AreJoined) {
   AppendError("vm1", 404, errors_);
   AppendError("vm2", 404, errors_);
   AppendError("vm3", 117, errors_);
@@ -72,7 +79,7 @@ TEST_F(Errors, Messages_AreJoinedByCode) {
   ExpectNoLine();
 }
 
-TEST_F(Errors, EmptyMessage_IsAppendedToo) {
+TEST_F(Errors, Message_Empty_IsAppended) {
   AppendError("a", 5, errors_);
   ExpectErrors(R"({"5":["a"]})");
   AppendError("b", 5, errors_);
@@ -83,7 +90,7 @@ TEST_F(Errors, EmptyMessage_IsAppendedToo) {
   ExpectErrors(R"({"5":["a, b, "],"6":[""]})");
 }
 
-TEST_F(Errors, Pairs_AreJoinedByHalf) {
+TEST_F(Errors, Pairs_SameCode_AreJoinedHalfByHalf) {
   AppendError("a", "x", 5, errors_);
   AppendError("b", "", 5, errors_);
   ExpectErrors(R"({"5":["a, b","x"]})");
@@ -93,7 +100,7 @@ TEST_F(Errors, Pairs_AreJoinedByHalf) {
   ExpectErrors(R"({"5":["a, b","x, y"]})");
 }
 
-TEST_F(Errors, HalfThatWasEmptyAtFirst_BeginsWithTheSeparator) {
+TEST_F(Errors, Pair_FirstHalfEmpty_StartsWithSeparator) {
   AppendError("", "x", 7, errors_);
   AppendError("b", "y", 7, errors_);
   ExpectErrors(R"({"7":[", b","x, y"]})");
@@ -102,7 +109,7 @@ TEST_F(Errors, HalfThatWasEmptyAtFirst_BeginsWithTheSeparator) {
   ExpectErrors(R"({"7":[", b","x, y"],"8":[", a",", b"]})");
 }
 
-TEST_F(Errors, EmptyArray_IsReadAsEmptyTexts) {
+TEST_F(Errors, Array_Empty_IsReadAsEmptyStrings) {
   errors_ = Parsed(R"({"5":[],"6":[],"7":[]})");
   AppendError("a", 5, errors_);
   AppendError("a", "b", 6, errors_);
@@ -124,18 +131,12 @@ TEST_F(Errors, Errors_MemberNotArray_IsUnchanged) {
     errors_ = Json::Value(Json::objectValue);
     errors_["5"] = Parsed(member);
     const std::string before = Text(errors_);
-    AppendError("a", 5, errors_);
-    ExpectLines({"utils: AppendError used in the wrong way"});
-    AppendError("a", "x", 5, errors_);
-    ExpectLines({"utils: AppendError2 used in the wrong way"});
-    // With nothing to add it is wrong all the same.
-    AppendError("", "", 5, errors_);
-    ExpectLines({"utils: AppendError2 used in the wrong way"});
+    ExpectUsageReported();
     EXPECT_EQ(Text(errors_), before);
   }
 }
 
-TEST_F(Errors, NullAccumulator_BecomesAnObject) {
+TEST_F(Errors, Accumulator_Null_BecomesObject) {
   for (const char* before : {"null", "{}"}) {
     errors_ = Parsed(before);
     AppendError("a", 5, errors_);
@@ -150,19 +151,14 @@ TEST_F(Errors, NullAccumulator_BecomesAnObject) {
 TEST_F(Errors, Accumulator_NotObject_IsUnchanged) {
   for (const char* before : {"5", "2.5", R"("text")", "[1]", R"(["5"])", "[]", "true"}) {
     errors_ = Parsed(before);
-    AppendError("a", 5, errors_);
-    ExpectLines({"utils: AppendError used in the wrong way"});
-    AppendError("a", "x", 5, errors_);
-    ExpectLines({"utils: AppendError2 used in the wrong way"});
-    AppendError("", "", 5, errors_);
-    ExpectLines({"utils: AppendError2 used in the wrong way"});
+    ExpectUsageReported();
     ExpectErrors(before);
   }
 }
 
 TEST_F(Errors, ElementsOfAnyType_NeverThrow) {
   Json::Value good = Parsed(R"({"5":["a",["b"],{"c":1}]})");
-  ForEachSpoiled(good, [&] {
+  ForEachMutation(good, [&] {
     errors_ = good;
     AppendError("a", 5, errors_);
     AppendError("a", "x", 5, errors_);
@@ -171,3 +167,4 @@ TEST_F(Errors, ElementsOfAnyType_NeverThrow) {
 }
 
 }  // namespace
+}  // namespace vexa::test

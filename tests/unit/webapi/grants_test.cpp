@@ -1,22 +1,20 @@
 // Grants to advanced users and groups.
 #include <string>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
 using VexaVirtualization::AdvancedUserAddGuest;
 using VexaVirtualization::GetGuestAdvUserCount;
-using Base = vexa::test::ScriptedPlatform::Base;
+using Base = ScriptedPlatform::Base;
 using Strings = std::vector<std::string>;
 
-class Grants : public vexa::test::StateLibrary {
+class Grants : public StateLibrary {
  protected:
   void SetUp() override {
     StateLibrary::SetUp();
@@ -55,27 +53,27 @@ class Grants : public vexa::test::StateLibrary {
   }
 };
 
-TEST_F(Grants, AdvancedUser_IsGrantedAlthoughAGroupIsAdvancedToo) {
+TEST_F(Grants, Grants_UserAndGroupAdvanced_UserIsGranted) {
   SetLevel("user", "advanced");
   SetLevel("group7", "advanced");
   EXPECT_EQ(AdvancedUserAddGuest("eve", "g"), 0);
   ExpectGranted("user");
-  EXPECT_EQ(Platform().asked_identifiers, Strings{"1/users/1000"});
+  EXPECT_EQ(Platform().requested_identifiers, Strings{"1/users/1000"});
   EXPECT_EQ(Platform().list_capacity, 1024);
   EXPECT_EQ(Platform().lists_made, 1);
   EXPECT_EQ(Platform().hashes_made, 0);
 }
 
-TEST_F(Grants, TwoAdvancedGroups_OnlyTheFirstIsGranted) {
+TEST_F(Grants, Grants_TwoAdvancedGroups_OnlyFirstIsGranted) {
   SetLevel("group5", "advanced");
   SetLevel("group7", "advanced");
   EXPECT_EQ(AdvancedUserAddGuest("eve", "g"), 0);
   ExpectGranted("group7");
-  EXPECT_EQ(Platform().asked_identifiers, (Strings{"1/users/1000", "1/groups/7"}));
+  EXPECT_EQ(Platform().requested_identifiers, (Strings{"1/users/1000", "1/groups/7"}));
   EXPECT_EQ(Platform().hashes_made, 1);
 }
 
-TEST_F(Grants, UserOrGroupOfAnotherLevel_FallsThrough) {
+TEST_F(Grants, Grants_OtherLevel_NextPrincipalIsTried) {
   for (const char* level : {"user", "", "Advanced", "advanced "}) {
     Platform().grants.clear();
     SetLevel("user", level);
@@ -86,7 +84,7 @@ TEST_F(Grants, UserOrGroupOfAnotherLevel_FallsThrough) {
   }
 }
 
-TEST_F(Grants, GroupWithoutARecord_IsSkipped) {
+TEST_F(Grants, Grants_GroupWithoutRecord_IsSkipped) {
   SetLevel("group5", "advanced");
   EXPECT_EQ(AdvancedUserAddGuest("eve", "g"), 0);
   ExpectGranted("group5");
@@ -99,7 +97,7 @@ TEST_F(Grants, Grants_NoAdvancedPrincipal_IsRefused) {
   EXPECT_EQ(Platform().hashes_made, 2);
 }
 
-TEST_F(Grants, AuthenticationType_IsTheNamesAndTheGroupsToo) {
+TEST_F(Grants, Grants_AuthenticationType_ComesFromNameAndAppliesToGroups) {
   const std::pair<const char*, const char*> kTypes[] = {
       {"eve", "1"}, {"LAB\\eve", "2"}, {"eve@lab", "8"}, {"LAB\\eve@lab", "2"}, {"eve@lab\\x", "2"}};
   for (const auto& [user, type] : kTypes) {
@@ -107,21 +105,21 @@ TEST_F(Grants, AuthenticationType_IsTheNamesAndTheGroupsToo) {
     Platform().groups[user] = {"7"};
     Platform().identifiers[std::string(type) + "/users/1000"] = "user";
     Platform().identifiers[std::string(type) + "/groups/7"] = "group7";
-    Platform().asked_identifiers.clear();
+    Platform().requested_identifiers.clear();
     ExpectRefused("utils: Cannot find valid user/group for guest [g]", user);
-    EXPECT_EQ(Platform().asked_identifiers,
+    EXPECT_EQ(Platform().requested_identifiers,
               (Strings{std::string(type) + "/users/1000", std::string(type) + "/groups/7"}));
   }
 }
 
-TEST_F(Grants, NoList_IsRefused) {
+TEST_F(Grants, Grants_NoList_IsRefused) {
   SetLevel("user", "advanced");
   Platform().base = Base::kNoList;
   ExpectRefused("utils: Failed to alloc list");
-  EXPECT_TRUE(Platform().asked_identifiers.empty());
+  EXPECT_TRUE(Platform().requested_identifiers.empty());
 }
 
-TEST_F(Grants, UnknownUser_IsRefused) {
+TEST_F(Grants, Grants_UnknownUser_IsRefused) {
   ExpectRefused("utils: Failed to get System ugid of user[no%nbody]", "no%nbody");
   EXPECT_EQ(Platform().lists_freed, 1);
   Platform().identifiers.erase("1/users/1000");
@@ -129,7 +127,7 @@ TEST_F(Grants, UnknownUser_IsRefused) {
   EXPECT_EQ(Platform().lists_freed, 2);
 }
 
-TEST_F(Grants, UserWithAHighNumber_IsNamedUnsigned) {
+TEST_F(Grants, Grants_UserIdAbove31Bits_IsFormattedUnsigned) {
   Platform().users["eve"] = {4294967294u, 1};
   ExpectRefused("utils: Failed to get user id [eve], [4294967294]");
 }
@@ -152,14 +150,14 @@ TEST_F(Grants, Grants_GroupsUnavailable_AreRefusedWithBaseLibraryError) {
   EXPECT_EQ(Platform().hashes_freed, 1);
 }
 
-TEST_F(Grants, UnknownGroup_EndsTheSearch) {
+TEST_F(Grants, Grants_UnknownGroup_EndsSearch) {
   SetLevel("group5", "advanced");
   Platform().identifiers.erase("1/groups/7");
   ExpectRefused("utils: Failed to get user id [eve], [7]");
   EXPECT_EQ(Platform().hashes_freed, 1);
 }
 
-TEST_F(Grants, UnreadableGroupRecord_EndsTheSearch) {
+TEST_F(Grants, Grants_GroupRecordUnreadable_EndsSearch) {
   SetLevel("group5", "advanced");
   Platform().read_results["guest_admin/group7/object"] = -1;
   ExpectRefused("utils: Failed to get guest admin object of [group7]");
@@ -178,7 +176,7 @@ TEST_F(Grants, Grants_NonNumericGroupKey_IsNotGroupZero) {
   ExpectGranted("root");
 }
 
-TEST_F(Grants, GrantFails_ResultIsInTheLine) {
+TEST_F(Grants, Grants_GrantFails_LogsResult) {
   SetLevel("user", "advanced");
   for (const int result : {-3, 1}) {
     Platform().grant_result = result;
@@ -191,10 +189,10 @@ TEST_F(Grants, GrantFails_ResultIsInTheLine) {
   ExpectLines({"utils: gaUserSet failed [1]"});
 }
 
-TEST_F(Grants, RecordOfAnyType_NeverThrowsAndGrantsNothing) {
+TEST_F(Grants, Grants_RecordOfAnyType_NeverThrowsAndGrantsNothing) {
   Json::Value& record = Platform().records["guest_admin/user/object"];
   record = Parsed(R"({"authlevel":"advanced"})");
-  ForEachSpoiled(record, [&] { AdvancedUserAddGuest("eve", "g"); });
+  ForEachMutation(record, [&] { AdvancedUserAddGuest("eve", "g"); });
   EXPECT_TRUE(Platform().grants.empty());
 }
 
@@ -222,7 +220,7 @@ TEST_F(GrantCount, GuestAdmin_AdvancedRecordsWithGuest_AreCounted) {
   ExpectNoLine();
 }
 
-TEST_F(GrantCount, ListingFails_ResultIsInTheLine) {
+TEST_F(GrantCount, Count_ListingFails_LogsResult) {
   AddRecord("a", R"({"authlevel":"advanced","guests":{"g":{}}})");
   for (const int result : {-1, 1, 3}) {
     Platform().category_results["guest_admin"] = {result};
@@ -231,7 +229,7 @@ TEST_F(GrantCount, ListingFails_ResultIsInTheLine) {
   }
 }
 
-TEST_F(GrantCount, UnreadableRecord_DropsTheCount) {
+TEST_F(GrantCount, Count_OneRecordUnreadable_IsDiscarded) {
   AddRecord("a", R"({"authlevel":"advanced","guests":{"g":{}}})");
   AddRecord("b", "{}");
   AddRecord("c", "{}");
@@ -244,10 +242,11 @@ TEST_F(GrantCount, UnreadableRecord_DropsTheCount) {
   }
 }
 
-TEST_F(GrantCount, RecordOfAnyType_NeverThrows) {
+TEST_F(GrantCount, Count_RecordOfAnyType_NeverThrows) {
   AddRecord("a", R"({"authlevel":"advanced","guests":{"g":{}}})");
-  ForEachSpoiled(Platform().records["guest_admin/a/object"], [&] { EXPECT_LE(GetGuestAdvUserCount("g"), 1); });
+  ForEachMutation(Platform().records["guest_admin/a/object"], [&] { EXPECT_LE(GetGuestAdvUserCount("g"), 1); });
   ExpectNoLine();
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,16 +1,10 @@
-// Guest::Delete: who may, which host is called, and what the reply says.
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/guest_action_ground.h"
+// Guest::Delete: access, which host is called, and the reply.
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/guest_action_fixture.h"
 #include "webapi/guest/guest.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::Failure;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Success;
-using vexa::test::Text;
 
 const std::string kGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
 const std::string kGuestPlace = "guest/" + kGuest + "/object";
@@ -20,7 +14,7 @@ constexpr char kTooOld[] =
 constexpr char kFallback[] =
     "guest: Failed to send guest delete to host[north], try to delete it on local host[south].";
 
-class GuestDelete : public vexa::test::GuestActions {
+class GuestDelete : public GuestActions {
  protected:
   void SetUp() override {
     GuestActions::SetUp();
@@ -60,7 +54,7 @@ TEST_F(GuestDelete, Delete_RepositoryHostSucceeds_RevokesGrantsAndLogs) {
   ExpectNoLine();
 }
 
-TEST_F(GuestDelete, AdvancedUserWithAGrant_DeletesInTheirName) {
+TEST_F(GuestDelete, Delete_AdvancedUserWithGrant_IsLoggedUnderTheirName) {
   Platform().advanced_result = 1;
   Platform().available = {kGuest};
   ExpectNullSuccess(Delete(AsUser(Parameters())));
@@ -68,7 +62,7 @@ TEST_F(GuestDelete, AdvancedUserWithAGrant_DeletesInTheirName) {
   ExpectClusterLog({{"eve", 3, "The virtual machine [web] has been successfully deleted."}});
 }
 
-TEST_F(GuestDelete, GrantsCannotBeTakenBack_IsASuccessWithALine) {
+TEST_F(GuestDelete, Delete_GrantsCannotBeRevoked_SucceedsAndLogs) {
   Platform().guest_delete_result = -1;
   ExpectNullSuccess(Delete());
   ExpectClusterLog({{"root", 3, "The virtual machine [web] has been successfully deleted."}});
@@ -121,7 +115,7 @@ TEST_F(GuestDelete, Delete_AdvancedUserWithBadId_GetsIdErrorFirst) {
   ExpectCalls({"rights"});
 }
 
-TEST_F(GuestDelete, AdvancedUserWithoutTheGrant_IsRefused) {
+TEST_F(GuestDelete, Delete_AdvancedUserWithoutGrant_IsRefused) {
   Platform().advanced_result = 1;
   Platform().available = {"another"};
   ExpectError(Delete(AsUser(Parameters())), 409);
@@ -174,13 +168,13 @@ INSTANTIATE_TEST_SUITE_P(Rows, GuestDeleteUnreadable,
                                          Unreadable{"NoRepository", R"({"repository_id":"repo"})", nullptr}),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(GuestDelete, GuestWithoutARepositoryId_ReadsNothingMore) {
+TEST_F(GuestDelete, Delete_GuestWithoutRepositoryId_ReadsNothingMore) {
   Platform().records[kGuestPlace].removeMember("repository_id");
   ExpectError(Delete(), 403);
   EXPECT_EQ(Platform().reads, std::vector<std::string>{kGuestPlace});
 }
 
-TEST_F(GuestDelete, RecordsThatFailToBeRead_AreRefusedWith403AndNoLine) {
+TEST_F(GuestDelete, Delete_RecordsUnreadable_Is403WithoutLogLine) {
   for (const std::string& place : {kGuestPlace, kRepositoryPlace}) {
     for (const int result : {-1, 1, 2}) {
       Platform().read_results = {{place, result}};
@@ -193,7 +187,7 @@ TEST_F(GuestDelete, RecordsThatFailToBeRead_AreRefusedWith403AndNoLine) {
 
 // Hosts that fail.
 
-TEST_F(GuestDelete, RepositorysHostIsTooOld_IsRefusedWithoutAFallback) {
+TEST_F(GuestDelete, Delete_RepositoryHostTooOld_IsRefusedWithoutFallback) {
   Platform().replies["north"] = Failure(507);
   ExpectError(Delete(), 407);
   ExpectCalls({"send north/delete", "log 1"});
@@ -201,7 +195,7 @@ TEST_F(GuestDelete, RepositorysHostIsTooOld_IsRefusedWithoutAFallback) {
   ExpectLines({BadResponse("guest", 0, Failure(507))});
 }
 
-TEST_F(GuestDelete, RepositorysHostFailsAndTheLocalOneSucceeds_IsDeleted) {
+TEST_F(GuestDelete, Delete_RepositoryHostFails_LocalHostDeletes) {
   Platform().replies["north"] = Failure(900);
   ExpectNullSuccess(Delete());
   ExpectCalls({"send north/delete", "send south/delete", "guest_delete " + kGuest, "log 3"});
@@ -212,7 +206,7 @@ TEST_F(GuestDelete, RepositorysHostFailsAndTheLocalOneSucceeds_IsDeleted) {
   ExpectLines({BadResponse("guest", 0, Failure(900)), kFallback});
 }
 
-TEST_F(GuestDelete, BothHostsFail_IsRefusedWith901AndTheGrantsStay) {
+TEST_F(GuestDelete, Delete_BothHostsFail_Is901AndKeepsGrants) {
   Platform().replies["north"] = Failure(900);
   Platform().replies["south"] = Failure(902);
   ExpectError(Delete(), 901);
@@ -221,7 +215,7 @@ TEST_F(GuestDelete, BothHostsFail_IsRefusedWith901AndTheGrantsStay) {
   ExpectLines({BadResponse("guest", 0, Failure(900)), kFallback, BadResponse("guest", 1, Failure(902))});
 }
 
-TEST_F(GuestDelete, LocalHostIsTooOldForTheFallback_IsRefusedWith407) {
+TEST_F(GuestDelete, Delete_FallbackHostTooOld_Is407) {
   Platform().replies["north"] = Failure(102);
   Platform().replies["south"] = Failure(507);
   ExpectError(Delete(), 407);
@@ -230,7 +224,7 @@ TEST_F(GuestDelete, LocalHostIsTooOldForTheFallback_IsRefusedWith407) {
   ExpectLines({BadResponse("guest", 0, Failure(102)), kFallback, BadResponse("guest", 1, Failure(507))});
 }
 
-TEST_F(GuestDelete, RepositoryIsLocalAndDeletingFails_IsNotTriedTwice) {
+TEST_F(GuestDelete, Delete_LocalRepositoryHostFails_IsNotRetried) {
   Platform().records[kRepositoryPlace]["host_id"] = "south";
   Platform().replies["south"] = Failure(900);
   ExpectError(Delete(), 901);
@@ -239,14 +233,14 @@ TEST_F(GuestDelete, RepositoryIsLocalAndDeletingFails_IsNotTriedTwice) {
   ExpectLines({BadResponse("guest", 0, Failure(900))});
 }
 
-TEST_F(GuestDelete, RepositoryIsLocalAndTheHostIsTooOld_IsRefusedWith407) {
+TEST_F(GuestDelete, Delete_LocalRepositoryHostTooOld_Is407) {
   Platform().records[kRepositoryPlace]["host_id"] = "south";
   Platform().replies["south"] = Failure(507);
   ExpectError(Delete(), 407);
   ExpectCalls({"send south/delete", "log 1"});
 }
 
-TEST_F(GuestDelete, RepositoryWithoutAHost_IsDeletedByTheLocalHost) {
+TEST_F(GuestDelete, Delete_RepositoryWithoutHost_IsDoneByLocalHost) {
   Platform().records[kRepositoryPlace] = Parsed("{}");
   ExpectNullSuccess(Delete());
   ExpectCalls({"send /delete", "send south/delete", "guest_delete " + kGuest, "log 3"});
@@ -254,14 +248,14 @@ TEST_F(GuestDelete, RepositoryWithoutAHost_IsDeletedByTheLocalHost) {
 
 // Hostile values.
 
-TEST_F(GuestDelete, SpoiledRecordsAndReplies_NeverThrowAndSetOneResult) {
+TEST_F(GuestDelete, Delete_MutatedRecordsAndReplies_NeverThrowAndSetOneResult) {
   Json::Value tree(Json::objectValue);
   tree["parameters"] = Parameters();
   tree["guest"] = Platform().records[kGuestPlace];
   tree["repository"] = Platform().records[kRepositoryPlace];
   tree["north"] = Failure(507);
   tree["south"] = Success("null");
-  ForEachSpoiled(tree, [&] {
+  ForEachMutation(tree, [&] {
     if (!tree.isObject()) return;
     Platform().calls.clear();
     Platform().sent.clear();
@@ -275,3 +269,4 @@ TEST_F(GuestDelete, SpoiledRecordsAndReplies_NeverThrowAndSetOneResult) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -2,15 +2,15 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include "host/records/reading.h"
+#include "host/records/request_scope.h"
 #include "json/readers.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "webapi/guest/guest.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Parsed;
 using VexaVirtualization::Guest;
 
 constexpr const char* kGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
@@ -21,7 +21,7 @@ constexpr const char* kNic2 = "6512bd43-d9ca-46e0-8b71-8b0c1b3e0f4e";
 
 class GuestGet : public testing::Test {
  protected:
-  void SetUp() override { vexa::test::ClearCapturedSyslog(); }
+  void SetUp() override { ClearCapturedSyslog(); }
 
   // Stores the guest with the members that every record has, and `extra` ones.
   void PutGuest(const std::string& extra = "{}") {
@@ -38,7 +38,7 @@ class GuestGet : public testing::Test {
     return response;
   }
 
-  VEXA::APIResponse Get() { return Get(vexa::test::AdministratorRequest(Parameters(kGuest))); }
+  VEXA::APIResponse Get() { return Get(AdministratorRequest(Parameters(kGuest))); }
 
   static Json::Value Parameters(const std::string& id) {
     Json::Value parameters(Json::objectValue);
@@ -50,7 +50,7 @@ class GuestGet : public testing::Test {
   Json::Value Reply() {
     const VEXA::APIResponse response = Get();
     EXPECT_TRUE(response.IsSuccess()) << response.ErrorCode();
-    EXPECT_TRUE(vexa::test::CapturedSyslog().empty());
+    EXPECT_TRUE(CapturedSyslog().empty());
     return response.Data();
   }
 
@@ -60,7 +60,7 @@ class GuestGet : public testing::Test {
     EXPECT_FALSE(response.IsSuccess());
     EXPECT_EQ(response.ErrorCode(), code);
     EXPECT_TRUE(response.Data().isNull());
-    const auto lines = vexa::test::CapturedSyslog();
+    const auto lines = CapturedSyslog();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].priority, LOG_ERR);
     const std::string& line = lines[0].text;
@@ -72,10 +72,10 @@ class GuestGet : public testing::Test {
     EXPECT_EQ(line.substr(blank + 1), text);
   }
 
-  vexa::test::TestHost host_;
+  TestHost host_;
 };
 
-TEST_F(GuestGet, RecordWithoutOptionalKeys_RepliesTheDefaults) {
+TEST_F(GuestGet, Get_NoOptionalKeys_ReturnsDefaults) {
   host_.PutText("guest", kGuest, "{}");
   EXPECT_EQ(Reply(), Parsed(R"({"name":null,"repo_id":null,"vcpu_num":0,"vram_size":0,"video_card":"cirrus",
       "cpu_passthru":false,"vdisks":[],"vnics":[],"autorun":0,"is_ha_enabled":false,"desc":"","boot_from":"disk",
@@ -83,7 +83,7 @@ TEST_F(GuestGet, RecordWithoutOptionalKeys_RepliesTheDefaults) {
       "cpu_pin_num":0,"cpu_weight":256})"));
 }
 
-TEST_F(GuestGet, RecordWithEveryKey_RepliesEachUnderItsName) {
+TEST_F(GuestGet, Get_EveryKey_IsReturnedUnderItsName) {
   PutGuest(R"({"name":"db","repository_id":"repo-2","vcpu_num":4,"vram_size":16,"video_card":"vga","cpu_passthru":true,
       "autorun":2,"ha_group_id":"group-1","desc":"a database","boot_from":"iso","use_ovmf":true,"usb_version":3,
       "usbs":["1","2","3","4"],"kb_layout":"de","cpu_pin_num":2,"cpu_weight":512,"hyperv_enlighten":true,
@@ -162,7 +162,7 @@ const Conversion kConversions[] = {
 
 class GuestGetConversion : public GuestGet, public testing::WithParamInterface<Conversion> {};
 
-TEST_P(GuestGetConversion, StoredValue_RepliesConverted) {
+TEST_P(GuestGetConversion, Get_StoredValue_IsConverted) {
   const Conversion& row = GetParam();
   PutGuest(row.record);
   const Json::Value reply = Reply();
@@ -193,7 +193,7 @@ struct DiskType {
 
 class GuestGetDiskType : public GuestGet, public testing::WithParamInterface<DiskType> {};
 
-TEST_P(GuestGetDiskType, KnownType_RepliesItsWord) {
+TEST_P(GuestGetDiskType, Get_KnownDiskType_ReturnsItsName) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   Json::Value disk = Parsed(R"({"format":2,"size":20480,"unmap":true,"is_meta_disk":false})");
   disk["type"] = GetParam().type;
@@ -219,13 +219,13 @@ TEST_P(GuestGetUnknownDiskType, Get_OneUnreadableDisk_RefusesRequestWith413) {
 
 INSTANTIATE_TEST_SUITE_P(Values, GuestGetUnknownDiskType, testing::Values(-1, 0, 3, 5, 6, 7, 9, 15, 17, 32));
 
-TEST_F(GuestGet, DiskTypeOfAnotherJsonType_ReadsAsZeroAndRefuses) {
+TEST_F(GuestGet, Get_DiskTypeOfOtherJsonType_ReadsAsZeroAndIsRefused) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"format":2,"type":"1"})");
   ExpectRefusal(Get(), 413, "Unknown vdisk type[0].");
 }
 
-TEST_F(GuestGet, DiskWithoutOptionalKeys_RepliesTheDefaults) {
+TEST_F(GuestGet, Get_DiskWithoutOptionalKeys_ReturnsDefaults) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"format":2,"type":2})");
   EXPECT_EQ(Reply()["vdisks"], Parsed(std::string(R"([{"vdisk_id":")") + kDisk1 +
@@ -233,7 +233,7 @@ TEST_F(GuestGet, DiskWithoutOptionalKeys_RepliesTheDefaults) {
                                          "is_meta_disk":false}])"));
 }
 
-TEST_F(GuestGet, DiskWithEveryKey_RepliesEach) {
+TEST_F(GuestGet, Get_DiskWithEveryKey_ReturnsEach) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText(
       "vdisk", kDisk1,
@@ -243,7 +243,7 @@ TEST_F(GuestGet, DiskWithEveryKey_RepliesEach) {
                                          "unmap":true,"is_meta_disk":true}])"));
 }
 
-TEST_F(GuestGet, DiskModeNull_ConvertsInsteadOfTheDefault) {
+TEST_F(GuestGet, Get_DiskModeNull_IsConvertedNotDefaulted) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"format":2,"type":1,"vdisk_mode":null,"is_dummy":null,"size":"5"})");
   const Json::Value disk = Reply()["vdisks"][0];
@@ -254,7 +254,7 @@ TEST_F(GuestGet, DiskModeNull_ConvertsInsteadOfTheDefault) {
 
 class GuestGetOtherFormat : public GuestGet, public testing::WithParamInterface<const char*> {};
 
-TEST_P(GuestGetOtherFormat, Disk_IsLeftOutWhateverItsType) {
+TEST_P(GuestGetOtherFormat, Get_DiskOfOtherFormat_IsOmittedWhateverItsType) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk2 + R"("]})");
   host_.PutText("vdisk", kDisk1, std::string(R"({"type":3,"format":)") + GetParam() + "}");
   host_.PutText("vdisk", kDisk2, R"({"type":1,"format":2})");
@@ -265,13 +265,13 @@ TEST_P(GuestGetOtherFormat, Disk_IsLeftOutWhateverItsType) {
 
 INSTANTIATE_TEST_SUITE_P(Values, GuestGetOtherFormat, testing::Values("1", "3", "0", "-2", "null", R"("2")", "[2]"));
 
-TEST_F(GuestGet, DiskWithoutAFormat_IsLeftOut) {
+TEST_F(GuestGet, Get_DiskWithoutFormat_IsOmitted) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":1})");
   EXPECT_EQ(Reply()["vdisks"].size(), 0u);
 }
 
-TEST_F(GuestGet, Disks_KeepTheRecordsOrder) {
+TEST_F(GuestGet, Get_Disks_AreInRecordOrder) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk2 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":1,"format":2})");
   host_.PutText("vdisk", kDisk2, R"({"type":2,"format":2})");
@@ -281,7 +281,7 @@ TEST_F(GuestGet, Disks_KeepTheRecordsOrder) {
   EXPECT_EQ(disks[1]["vdisk_id"], kDisk2);
 }
 
-TEST_F(GuestGet, DiskListedTwice_IsRepliedTwice) {
+TEST_F(GuestGet, Get_DiskListedTwice_IsReturnedTwice) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":1,"format":2})");
   EXPECT_EQ(Reply()["vdisks"].size(), 2u);
@@ -289,7 +289,7 @@ TEST_F(GuestGet, DiskListedTwice_IsRepliedTwice) {
 
 // NICs.
 
-TEST_F(GuestGet, Nics_RepliesTheirValuesAsStored) {
+TEST_F(GuestGet, Get_Nics_ReturnsValuesAsStored) {
   PutGuest(std::string(R"({"vnics":[")") + kNic1 + "\",\"" + kNic2 + R"("]})");
   host_.PutText("vnic", kNic1,
                 R"({"network_group_id":"net-1","prefer_sriov":true,"mac_address":"02:11:32:00:00:01","vnic_type":1})");
@@ -312,9 +312,9 @@ std::ostream& operator<<(std::ostream& out, const BadId& row) { return out << ro
 
 class GuestGetBadId : public GuestGet, public testing::WithParamInterface<BadId> {};
 
-TEST_P(GuestGetBadId, Request_IsRefusedWith401BeforeAnythingIsRead) {
+TEST_P(GuestGetBadId, Get_BadId_Is401BeforeAnyRead) {
   const Json::Value parameters = Parsed(GetParam().parameters);
-  ExpectRefusal(Get(vexa::test::UserRequest(parameters, "nobody")), 401,
+  ExpectRefusal(Get(UserRequest(parameters, "nobody")), 401,
                 "Bad parameters, request: " + VexaVirtualization::json::ToText(parameters));
   EXPECT_EQ(host_.store().reads(), 0);
 }
@@ -335,117 +335,118 @@ INSTANTIATE_TEST_SUITE_P(
                     BadId{"MisplacedDash", R"({"guest_id":"8f14e45fc-eea-467f-a9d1-0f2b6c1e4a01"})"}),
     [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(GuestGet, StrangerAsks_IsRefusedWith409AndNamed) {
+TEST_F(GuestGet, Get_UserWithoutGrant_Is409AndNamesUser) {
   PutGuest();
   host_.AddUser("mallory");
-  ExpectRefusal(Get(vexa::test::UserRequest(Parameters(kGuest), "mallory")), 409,
+  ExpectRefusal(Get(UserRequest(Parameters(kGuest), "mallory")), 409,
                 std::string("Action on guest[") + kGuest + "] is not allowed from user[mallory]");
 }
 
-TEST_F(GuestGet, StrangerAsksForAMissingGuest_IsRefusedWith409Not403) {
+TEST_F(GuestGet, Get_UserWithoutGrantAndMissingGuest_Is409Not403) {
   host_.AddUser("mallory");
-  ExpectRefusal(Get(vexa::test::UserRequest(Parameters(kGuest), "mallory")), 409,
+  ExpectRefusal(Get(UserRequest(Parameters(kGuest), "mallory")), 409,
                 std::string("Action on guest[") + kGuest + "] is not allowed from user[mallory]");
 }
 
-TEST_F(GuestGet, AdvancedUserWithoutTheGrant_IsRefused) {
+TEST_F(GuestGet, Get_AdvancedUserWithoutGrant_IsRefused) {
   PutGuest();
   host_.PutGuestAdmin("users", host_.AddUser("adam"), "advanced", {});
-  ExpectRefusal(Get(vexa::test::UserRequest(Parameters(kGuest), "adam")), 409,
+  ExpectRefusal(Get(UserRequest(Parameters(kGuest), "adam")), 409,
                 std::string("Action on guest[") + kGuest + "] is not allowed from user[adam]");
 }
 
-TEST_F(GuestGet, GrantedUser_GetsTheGuest) {
+TEST_F(GuestGet, Get_GrantedUser_Succeeds) {
   PutGuest();
   host_.PutGuestAdmin("users", host_.AddUser("grace"), "user", {kGuest});
-  EXPECT_TRUE(Get(vexa::test::UserRequest(Parameters(kGuest), "grace")).IsSuccess());
+  EXPECT_TRUE(Get(UserRequest(Parameters(kGuest), "grace")).IsSuccess());
 }
 
-TEST_F(GuestGet, MissingGuest_IsRefusedWith403) {
+TEST_F(GuestGet, Get_GuestMissing_Is403) {
   ExpectRefusal(Get(), 403, std::string("Failed to get info of guest[") + kGuest + "] from dashboard.");
 }
 
-TEST_F(GuestGet, UnreadableGuest_IsRefusedWith403) {
+TEST_F(GuestGet, Get_GuestUnreadable_Is403) {
   PutGuest();
   host_.store().FailReadsOf(host_.ObjectKey("guest", kGuest));
   ExpectRefusal(Get(), 403, std::string("Failed to get info of guest[") + kGuest + "] from dashboard.");
 }
 
-TEST_F(GuestGet, DamagedGuest_IsRefusedWith403) {
+TEST_F(GuestGet, Get_GuestDamaged_Is403) {
   host_.PutText("guest", kGuest, "{\"name\":");
   ExpectRefusal(Get(), 403, std::string("Failed to get info of guest[") + kGuest + "] from dashboard.");
 }
 
-TEST_F(GuestGet, MissingDisk_IsRefusedWith403) {
+TEST_F(GuestGet, Get_DiskMissing_Is403) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   ExpectRefusal(Get(), 403, std::string("Failed to get info of vdisk[") + kDisk1 + "] from dashboard.");
 }
 
-TEST_F(GuestGet, UnreadableDiskOfAnotherFormat_IsStillRefusedWith403) {
+TEST_F(GuestGet, Get_DiskOfOtherFormatUnreadable_Is403) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":1,"format":1})");
   host_.store().FailReadsOf(host_.ObjectKey("vdisk", kDisk1));
   ExpectRefusal(Get(), 403, std::string("Failed to get info of vdisk[") + kDisk1 + "] from dashboard.");
 }
 
-TEST_F(GuestGet, UnknownTypeBeforeAMissingDisk_IsRefusedWith413) {
+TEST_F(GuestGet, Get_UnknownDiskTypeBeforeMissingDisk_Is413) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk2 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":3,"format":2})");
   ExpectRefusal(Get(), 413, "Unknown vdisk type[3].");
 }
 
-TEST_F(GuestGet, MissingDiskBeforeAnUnknownType_IsRefusedWith403) {
+TEST_F(GuestGet, Get_MissingDiskBeforeUnknownType_Is403) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + "\",\"" + kDisk2 + R"("]})");
   host_.PutText("vdisk", kDisk2, R"({"type":3,"format":2})");
   ExpectRefusal(Get(), 403, std::string("Failed to get info of vdisk[") + kDisk1 + "] from dashboard.");
 }
 
-TEST_F(GuestGet, DiskAndNicFail_TheDiskDecides) {
+TEST_F(GuestGet, Get_DiskAndNicFail_DiskDecides) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("],"vnics":[")" + kNic1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":3,"format":2})");
   ExpectRefusal(Get(), 413, "Unknown vdisk type[3].");
 }
 
-TEST_F(GuestGet, MissingNic_IsRefusedWith403) {
+TEST_F(GuestGet, Get_NicMissing_Is403) {
   PutGuest(std::string(R"({"vnics":[")") + kNic1 + R"("]})");
   ExpectRefusal(Get(), 403, std::string("Failed to get info of vnic[") + kNic1 + "] from dashboard.");
 }
 
-TEST_F(GuestGet, SecondNicMissing_IsRefusedWithItsId) {
+TEST_F(GuestGet, Get_SecondNicMissing_IsRefusedWithItsId) {
   PutGuest(std::string(R"({"vnics":[")") + kNic1 + "\",\"" + kNic2 + R"("]})");
   host_.PutText("vnic", kNic1, "{}");
   ExpectRefusal(Get(), 403, std::string("Failed to get info of vnic[") + kNic2 + "] from dashboard.");
 }
 
-TEST_F(GuestGet, DiskIdWithSlashesAndPercents_StaysInItsPlace) {
+TEST_F(GuestGet, Get_SlashesAndPercentsInDiskId_AreEscaped) {
   // What a damaged guest record may list must not lead to another record.
   PutGuest(R"({"vdisks":["../guest/)" + std::string(kGuest) + R"(","%s"]})");
   ExpectRefusal(Get(), 403, std::string("Failed to get info of vdisk[../guest/") + kGuest + "] from dashboard.");
 }
 
-TEST_F(GuestGet, DiskIdsOfOtherTypes_ReadAsTheirText) {
+TEST_F(GuestGet, Get_DiskIdsOfOtherTypes_AreReadAsText) {
   PutGuest(R"({"vdisks":[5]})");
   host_.PutText("vdisk", "5", R"({"type":1,"format":2})");
   EXPECT_EQ(Reply()["vdisks"][0]["vdisk_id"], "5");
 }
 
-TEST_F(GuestGet, UpperCaseId_IsAUuidButAnotherGuest) {
+TEST_F(GuestGet, Get_UpperCaseId_IsAnotherGuest) {
   PutGuest();
   std::string upper = kGuest;
   for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  ExpectRefusal(Get(vexa::test::AdministratorRequest(Parameters(upper))), 403,
+  ExpectRefusal(Get(AdministratorRequest(Parameters(upper))), 403,
                 "Failed to get info of guest[" + upper + "] from dashboard.");
 }
 
 TEST_F(GuestGet, RecordChangesDuringTheRequest_OneStateIsSeen) {
   PutGuest(std::string(R"({"vdisks":[")") + kDisk1 + R"("]})");
   host_.PutText("vdisk", kDisk1, R"({"type":1,"format":2,"size":1})");
-  const vexa::cluster::RequestScope scope;
+  const vexa::records::RequestScope scope;
   EXPECT_EQ(Reply()["vdisks"][0]["size"], "1");
   host_.PutText("vdisk", kDisk1, R"({"type":1,"format":2,"size":2})");
   EXPECT_EQ(Reply()["vdisks"][0]["size"], "1");
-  vexa::cluster::RequestScope::ReleaseSnapshot();
+  { const vexa::records::RequestPause pause; }
   EXPECT_EQ(Reply()["vdisks"][0]["size"], "2");
 }
 
 }  // namespace
+}  // namespace vexa::test

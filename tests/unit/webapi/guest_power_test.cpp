@@ -2,18 +2,11 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/guest_power_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/guest_power_fixture.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::Failure;
-using vexa::test::ForEachSpoiled;
-using vexa::test::GuestPower;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Success;
-using vexa::test::Text;
 
 const std::vector<std::string> kActions{"poweron", "shutdown", "poweroff", "reboot"};
 
@@ -42,7 +35,7 @@ TEST_P(GuestPowerDone, Power_CallsHostAndLogs) {
   EXPECT_EQ(Text(Platform().sent[0].json),
             Text(Parsed(R"({"api":"VEXA.CCC.Guest","version":1,"guest_id":"g","method":")" + action + "\"}")));
   EXPECT_EQ(Platform().sent[0].timeout_s, 3600);
-  EXPECT_EQ(Platform().sent[0].by, vexa::test::SentRequest::By::kSender);
+  EXPECT_EQ(Platform().sent[0].by, SentRequest::By::kSender);
   ExpectNoLine();
 }
 
@@ -143,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, GuestPowerFailure, testing::ValuesIn(HostFailures
   return test.param.action + (code < 0 ? "Minus" : "") + std::to_string(code < 0 ? -code : code);
 });
 
-TEST_F(GuestPower, UnreachableHost_IsAnsweredByTheAction) {
+TEST_F(GuestPower, Power_HostUnreachable_HasCodeOfAction) {
   Platform().replies.clear();
   ExpectError(Control("poweron"), 902);
 }
@@ -178,7 +171,7 @@ TEST_P(GuestPowerBadRequest, Power_UserWithoutRights_GetsParameterErrorFirst) {
   const Json::Value parameters = Parsed(GetParam().parameters);
   ExpectError(Control(AsUser(parameters)), 401);
   ExpectLines({"guest_action: Bad parameters, request: " + Text(parameters)});
-  ExpectNothingAsked();
+  ExpectNoCalls();
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, GuestPowerBadRequest,
@@ -192,7 +185,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, GuestPowerBadRequest,
                                          BadRequest{"BothBad", R"({"guest_id":{},"action":true,"x":"%s"})"}),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(GuestPower, UserWithoutTheGrant_IsRefusedAlthoughAdvanced) {
+TEST_F(GuestPower, Power_AdvancedUserWithoutGrant_IsRefused) {
   Platform().advanced_result = 1;
   Platform().available = {"another"};
   for (const char* action : {"poweron", "poweroff_by_ha", "no action"}) {
@@ -211,14 +204,14 @@ TEST_F(GuestPower, Power_GrantedUser_IsLoggedUnderTheirName) {
   ExpectClusterLog({{"eve", 3, "Rebooting the virtual machine [web]."}});
 }
 
-TEST_F(GuestPower, UnknownActions_AreInvalid) {
+TEST_F(GuestPower, Power_UnknownAction_IsInvalid) {
   for (const std::string& action : std::vector<std::string>{"Poweron", "POWEROFF", "poweron ", " poweron", "power",
                                                             "poweronn", "poweroff_by_hA", "suspend", "%s%n"}) {
     ExpectError(Control(action), 401);
     ExpectLines({"guest_action: Invalid action [" + action + "]"});
   }
   ExpectError(Control(std::string("poweron\0", 8)), 401);
-  ExpectNothingAsked();
+  ExpectNoCalls();
 }
 
 TEST_F(GuestPower, Power_HostIds_AreIgnoredByOtherActions) {
@@ -249,7 +242,7 @@ class GuestPowerHost : public GuestPower, public testing::WithParamInterface<std
   }
 };
 
-TEST_P(GuestPowerHost, GuestWithoutAHost_IsGivenOne) {
+TEST_P(GuestPowerHost, PowerOn_GuestWithoutHost_IsAssignedOne) {
   Platform().guest_hosts = {{-2, ""}, {0, "h"}};
   Platform().auto_select = true;
   ExpectNullSuccess(Control(GetParam()));
@@ -258,7 +251,7 @@ TEST_P(GuestPowerHost, GuestWithoutAHost_IsGivenOne) {
   ExpectLines({"guest_action: Succeccfully auto select host[h] to poweron guest[g]"});
 }
 
-TEST_P(GuestPowerHost, SelectionFails_IsRefusedWith932AndTheSelectionsLine) {
+TEST_P(GuestPowerHost, PowerOn_SelectionFails_Is932AndLogsSelection) {
   Platform().guest_hosts = {{-2, ""}, {0, "h"}};
   Platform().auto_select = true;
   Platform().method_replies["local/check_host_resource"] = Success(R"({"hosts":[]})");
@@ -268,7 +261,7 @@ TEST_P(GuestPowerHost, SelectionFails_IsRefusedWith932AndTheSelectionsLine) {
   ExpectLines({"guest_action: Failed to find a available host to poweron guest[g]"});
 }
 
-TEST_P(GuestPowerHost, SelectionIsOff_IsRefusedWith403AndNoLine) {
+TEST_P(GuestPowerHost, PowerOn_SelectionDisabled_Is403WithoutLogLine) {
   Platform().guest_hosts = {{-2, ""}};
   ExpectError(Control(GetParam()), 403);
   ExpectCalls({"guest_host g", "auto_select", "guest_host g"});
@@ -279,7 +272,7 @@ TEST_P(GuestPowerHost, SelectionIsOff_IsRefusedWith403AndNoLine) {
 INSTANTIATE_TEST_SUITE_P(Actions, GuestPowerHost, testing::ValuesIn(kActions),
                          [](const auto& test) { return test.param; });
 
-TEST_F(GuestPower, SecondAnswer_AloneDecides) {
+TEST_F(GuestPower, PowerOn_HostReadTwice_SecondResultCounts) {
   Platform().guest_hosts = {{-1, "wrong"}, {0, "h"}};
   ExpectNullSuccess(Control("poweron"));
   EXPECT_EQ(Platform().sent[0].host_id, "h");
@@ -299,7 +292,7 @@ TEST_F(GuestPower, PowerOn_HostUnreadable_SelectsNoHost) {
   ExpectCalls({"guest_host g", "guest_host g"});
 }
 
-TEST_F(GuestPower, StillNoHostAfterTheSelection_IsRefusedWith403) {
+TEST_F(GuestPower, PowerOn_NoHostAfterSelection_Is403) {
   Platform().guest_hosts = {{-2, ""}};
   Platform().auto_select = true;
   Platform().method_replies["local/check_host_resource"] = Success(R"({"hosts":[{"host_id":"h","available":true}]})");
@@ -312,7 +305,7 @@ TEST_F(GuestPower, StillNoHostAfterTheSelection_IsRefusedWith403) {
 
 class GuestPowerUpgrade : public GuestPower, public testing::WithParamInterface<std::string> {};
 
-TEST_P(GuestPowerUpgrade, GuestOfAnotherHost_IsStartedButNotStopped) {
+TEST_P(GuestPowerUpgrade, Power_GuestOfOtherHostDuringUpgrade_MayOnlyStart) {
   const std::string& action = GetParam();
   const bool is_refused = action == "shutdown" || action == "poweroff";
   for (const int flag : {1, -1, 7}) {
@@ -342,12 +335,12 @@ INSTANTIATE_TEST_SUITE_P(Actions, GuestPowerUpgrade, testing::ValuesIn(kActions)
 
 // Hostile values.
 
-TEST_F(GuestPower, SpoiledParametersAndReplies_NeverThrowAndSetOneResult) {
+TEST_F(GuestPower, Power_MutatedParametersAndReplies_NeverThrowAndSetOneResult) {
   Json::Value tree(Json::objectValue);
   tree["parameters"] = Parameters("shutdown");
   tree["parameters"]["host_ids"].append("h");
   tree["reply"] = Failure(915);
-  ForEachSpoiled(tree, [&] {
+  ForEachMutation(tree, [&] {
     if (!tree.isObject()) return;
     Platform().calls.clear();
     Platform().replies["h"] = tree.get("reply", Json::Value());
@@ -356,3 +349,4 @@ TEST_F(GuestPower, SpoiledParametersAndReplies_NeverThrowAndSetOneResult) {
 }
 
 }  // namespace
+}  // namespace vexa::test

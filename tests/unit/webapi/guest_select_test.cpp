@@ -1,23 +1,18 @@
 // GuestAction::AutoSelectHost: which host wins, and what is sent and logged.
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/guest_action_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/guest_action_fixture.h"
 #include "webapi/guest/guest_action.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Failure;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Success;
-using vexa::test::Text;
 using VexaVirtualization::GuestAction;
 
 constexpr char kRate[] = "local/check_host_resource";
 constexpr char kAssign[] = "local/hostset";
-constexpr char kNobody[] = "guest_action: Failed to find a available host to poweron guest[g]";
+constexpr char kNoHostFound[] = "guest_action: Failed to find a available host to poweron guest[g]";
 
-class GuestSelect : public vexa::test::GuestActions {
+class GuestSelect : public GuestActions {
  protected:
   void SetUp() override {
     GuestActions::SetUp();
@@ -27,10 +22,10 @@ class GuestSelect : public vexa::test::GuestActions {
   static void Rate(const std::string& hosts) {
     Platform().method_replies[kRate] = Success("{\"hosts\":" + hosts + "}");
   }
-  static void ExpectNobody() {
+  static void ExpectNoHost() {
     EXPECT_EQ(GuestAction::AutoSelectHost("g"), -1);
     ExpectCalls({std::string("send ") + kRate});
-    ExpectLines({kNobody});
+    ExpectLines({kNoHostFound});
   }
 };
 
@@ -93,10 +88,10 @@ const Choice kChoices[] = {
 
 class GuestSelectChoice : public GuestSelect, public testing::WithParamInterface<Choice> {};
 
-TEST_P(GuestSelectChoice, Rating_ChoosesTheHost) {
+TEST_P(GuestSelectChoice, SelectHost_EachRating_ChoosesDocumentedHost) {
   Rate(GetParam().hosts);
   const std::string chosen = GetParam().chosen;
-  if (chosen.empty()) return ExpectNobody();
+  if (chosen.empty()) return ExpectNoHost();
   EXPECT_EQ(GuestAction::AutoSelectHost("g"), 0);
   ExpectCalls({std::string("send ") + kRate, std::string("send ") + kAssign});
   EXPECT_EQ(Text(Platform().sent.back().json),
@@ -108,7 +103,7 @@ TEST_P(GuestSelectChoice, Rating_ChoosesTheHost) {
 INSTANTIATE_TEST_SUITE_P(Rows, GuestSelectChoice, testing::ValuesIn(kChoices),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(GuestSelect, Requests_GoToTheLocalHostWithoutATimeout) {
+TEST_F(GuestSelect, SelectHost_Requests_GoToLocalHostWithoutTimeout) {
   Rate(R"([{"host_id":"a","available":true}])");
   EXPECT_EQ(GuestAction::AutoSelectHost("g"), 0);
   ASSERT_EQ(Platform().sent.size(), 2u);
@@ -118,7 +113,7 @@ TEST_F(GuestSelect, Requests_GoToTheLocalHostWithoutATimeout) {
   for (const auto& sent : Platform().sent) {
     EXPECT_EQ(sent.host_id, "local");
     EXPECT_EQ(sent.timeout_s, 0);
-    EXPECT_EQ(sent.by, vexa::test::SentRequest::By::kSender);
+    EXPECT_EQ(sent.by, SentRequest::By::kSender);
   }
   ExpectClusterLog({});
 }
@@ -134,7 +129,7 @@ TEST_F(GuestSelect, SelectHost_NoHosts_FindsNone) {
   for (const char* data : {"null", "{}", "[]", "5", R"("hosts")"}) {
     Platform().calls.clear();
     Platform().method_replies[kRate] = Success(data);
-    ExpectNobody();
+    ExpectNoHost();
   }
 }
 
@@ -145,10 +140,10 @@ TEST_F(GuestSelect, SelectHost_AssignmentFails_LogsNoSuccess) {
   ExpectLines({BadResponse("guest_action", 1, Failure(900))});
 }
 
-TEST_F(GuestSelect, SpoiledReplies_NeverThrow) {
+TEST_F(GuestSelect, SelectHost_MutatedReplies_NeverThrow) {
   Json::Value reply = Success(
       R"({"hosts":[{"host_id":"a","available":true,"status":["x"]},{"host_id":"b","available":true,"status":["best_io"]}]})");
-  ForEachSpoiled(reply, [&] {
+  ForEachMutation(reply, [&] {
     Platform().sent.clear();
     Platform().method_replies[kRate] = reply;
     const int result = GuestAction::AutoSelectHost("g");
@@ -158,3 +153,4 @@ TEST_F(GuestSelect, SpoiledReplies_NeverThrow) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,24 +1,19 @@
-// Guest::Set: the elements of lists, images and USB, what is said of each that is wrong, and what is sent of the rest.
+// Guest::Set: the elements of lists, images and USB, the report for each invalid one, and what is forwarded of the
+// rest.
 #include <functional>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/guest_set_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/guest_set_fixture.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::ClearCapturedSyslog;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Success;
-using vexa::test::Text;
 
 constexpr const char* kId = "c9a646d3-9c61-4cc7-9d21-8c3e5b7f2a10";
 
-using GuestSetDevices = vexa::test::GuestSet;
+using GuestSetDevices = GuestSet;
 
-// What is wrong with an element, without its index: the list's name in messages and the complaint. Both are empty when
-// nothing is; "mac" stands for an address that must be asked for.
+// What is wrong with an element, without its index: the list's name in messages and the error. Both are empty when it
+// is valid; "mac" means that the address must be looked up.
 using Finding = std::pair<std::string, std::string>;
 
 // The description a second time, by hand: what jsoncpp's own accessors say of each kind of value.
@@ -65,14 +60,14 @@ Json::Value GoodElement() {
   return element;
 }
 
-class GuestSetElements : public vexa::test::GuestSet, public testing::WithParamInterface<const char*> {};
+class GuestSetElements : public GuestSet, public testing::WithParamInterface<const char*> {};
 
 // Every member of an element is each kind of bad value, or missing, behind any number of good elements.
-TEST_P(GuestSetElements, SpoiledElement_IsRefusedWithItsIndexOrSentAsItCame) {
+TEST_P(GuestSetElements, Set_MutatedElement_IsRefusedWithIndexOrForwardedUnchanged) {
   const std::string list = GetParam();
   for (Json::ArrayIndex good_ones : {0u, 2u}) {
     Json::Value element = GoodElement();
-    ForEachSpoiled(element, [&] {
+    ForEachMutation(element, [&] {
       SetUp();
       Json::Value elements(Json::arrayValue);
       for (Json::ArrayIndex i = 0; i < good_ones; ++i) elements.append(GoodElement());
@@ -128,7 +123,7 @@ constexpr Message kMessages[] = {
     {R"({"iso_images":["image-1",5]})", "iso_images is invalid"},
 };
 
-class GuestSetMessages : public vexa::test::GuestSet, public testing::WithParamInterface<Message> {};
+class GuestSetMessages : public GuestSet, public testing::WithParamInterface<Message> {};
 
 TEST_P(GuestSetMessages, Set_InvalidElement_IsReportedVerbatim) {
   const Json::Value parameters = With(GetParam().members);
@@ -156,7 +151,7 @@ void ExpectAddressInUse(const VEXA::APIResponse& response, const std::string& de
   EXPECT_EQ(Text(response.Data()), details);
 }
 
-TEST_F(GuestSetDevices, AddressInUse_IsAnsweredWithDetailsAndWithoutALine) {
+TEST_F(GuestSetDevices, Set_AddressInUse_HasDetailsWithoutLogLine) {
   Platform().address_check_result = 1;
   Platform().address_user = "other";
   Platform().names["guest/other"] = "mail";
@@ -197,7 +192,7 @@ TEST_F(GuestSetDevices, Set_FirstNicInvalid_IsRefusedBeforeAddressCheck) {
 }
 
 // Of an added interface the address comes last; of an edited one, before the type.
-TEST_F(GuestSetDevices, TypeAndAddressBothWrong_AreFoundInTheOrderOfTheList) {
+TEST_F(GuestSetDevices, Set_TypeAndAddressInvalid_AreReportedInListOrder) {
   Platform().address_check_result = 1;
   Json::Value nics(Json::arrayValue);
   nics.append(Nic("m"));
@@ -209,7 +204,7 @@ TEST_F(GuestSetDevices, TypeAndAddressBothWrong_AreFoundInTheOrderOfTheList) {
   ExpectNoLine();
 }
 
-TEST_F(GuestSetDevices, AddressOfAnyType_IsAskedForAsText) {
+TEST_F(GuestSetDevices, Set_AddressOfAnyType_IsLookedUpAsText) {
   const std::pair<const char*, const char*> rows[] = {{"null", ""},     {"\"\"", ""}, {"5", "5"},
                                                       {"true", "true"}, {"[1]", ""},  {"{}", ""}};
   for (const auto& [mac, asked] : rows) {
@@ -230,7 +225,7 @@ TEST_F(GuestSetDevices, Set_MissingMembers_AreNotAdded) {
   EXPECT_TRUE(Platform().checked_addresses.empty());
 }
 
-TEST_F(GuestSetDevices, TypeAsAWholeRealNumber_CountsAsAnInteger) {
+TEST_F(GuestSetDevices, VnicType_WholeRealNumber_CountsAsInteger) {
   ExpectEdited(Set(With(R"({"vnics_add":[{"prefer_sriov":true,"vnic_type":2.0}]})")));
 }
 
@@ -241,7 +236,7 @@ TEST_F(GuestSetDevices, VnicType_Beyond32Bits_IsNotInteger) {
 
 // Disks.
 
-TEST_F(GuestSetDevices, Sizes_AreMultipliedIn64Bits) {
+TEST_F(GuestSetDevices, DiskSizes_Large_AreMultipliedIn64Bits) {
   const std::pair<const char*, const char*> rows[] = {{"20", "20480"},           {"1", "1024"},
                                                       {"2.5", "2048"},           {"true", "1024"},
                                                       {"2097152", "2147483648"}, {"2147483647", "2199023254528"}};
@@ -264,7 +259,7 @@ TEST_F(GuestSetDevices, Set_InvalidSizes_AreRefused) {
   }
 }
 
-TEST_F(GuestSetDevices, SizesInTheOrder_AreNotMultiplied) {
+TEST_F(GuestSetDevices, DiskSizes_OrderedList_AreNotMultiplied) {
   const std::string members = std::string(R"({"vdisks_order":[{"vdisk_id":")") + kId +
                               R"(","vdisk_size":20}],"vdisks_del":[{"vdisk_id":")" + kId + R"(","vdisk_size":20}]})";
   ExpectEdited(Set(With(members)));
@@ -287,18 +282,18 @@ TEST_F(GuestSetDevices, Set_SeveralInvalidLists_FirstIsReported) {
 
 // Images.
 
-TEST_F(GuestSetDevices, Images_AreAskedForAsIdsThenAsPaths) {
+TEST_F(GuestSetDevices, Images_Each_AreLookedUpAsIdThenAsPath) {
   ExpectEdited(Set(With(R"({"iso_images":["image-1","/isos/good.iso","unmounted"]})")));
-  EXPECT_EQ(Platform().asked_images,
+  EXPECT_EQ(Platform().requested_images,
             (std::vector<std::string>{"id image-1", "id /isos/good.iso", "path /isos/good.iso", "id unmounted"}));
 }
 
-TEST_F(GuestSetDevices, NoImages_AreSent) {
+TEST_F(GuestSetDevices, Images_EmptyList_IsForwarded) {
   ExpectEdited(Set(With(R"({"iso_images":[]})")));
   ExpectOrder("south", R"({"iso_images":[]})");
 }
 
-TEST_F(GuestSetDevices, FirstBadImage_DecidesBetweenItsForms) {
+TEST_F(GuestSetDevices, Set_InvalidImages_FirstOneDeterminesCode) {
   const std::pair<const char*, int> rows[] = {
       {R"(["/isos/bad.iso"])", 934},
       {R"(["unmounted","/isos/bad.iso"])", 934},
@@ -325,7 +320,7 @@ TEST_F(GuestSetDevices, Set_ImageNotText_IsNotLookedUp) {
     const Json::Value parameters = With("iso_images", Parsed(images));
     ExpectRefused(parameters, 401, {BadParameters("iso_images is invalid", parameters)});
   }
-  EXPECT_TRUE(Platform().asked_images.empty());
+  EXPECT_TRUE(Platform().requested_images.empty());
 }
 
 // USB.
@@ -349,3 +344,4 @@ TEST_F(GuestSetDevices, Set_UsbDevices_AreForwardedUnchanged) {
 }
 
 }  // namespace
+}  // namespace vexa::test

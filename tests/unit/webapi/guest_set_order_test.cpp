@@ -1,18 +1,13 @@
-// Guest::Set: which host is asked, what contradicts itself, and renaming; and what is done in which order.
-#include "tests/unit/webapi/guest_set_ground.h"
+// Guest::Set: which host is called, contradictory parameters, renaming, and the order of the checks.
+#include "tests/unit/webapi/guest_set_fixture.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::Failure;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Role;
-using vexa::test::Success;
 
 constexpr const char* kDiskLists[] = {"vdisks_add", "vdisks_del", "vdisks_edit", "vdisks_order"};
 constexpr const char* kDisk = R"([{"vdisk_id":"c9a646d3-9c61-4cc7-9d21-8c3e5b7f2a10","vdisk_size":1}])";
 
-class GuestSetOrder : public vexa::test::GuestSet {
+class GuestSetOrder : public GuestSet {
  protected:
   static std::string NoRepositoryHost() { return "guest: Failed to get host of guest[" + kGuest + "]'s repo"; }
   // The host that was asked.
@@ -22,7 +17,7 @@ class GuestSetOrder : public vexa::test::GuestSet {
 
 // The host.
 
-TEST_F(GuestSetOrder, EachListOfDisks_IsForTheRepositorysHost) {
+TEST_F(GuestSetOrder, Set_EachDiskList_IsSentToRepositoryHost) {
   for (const char* list : kDiskLists) {
     SetUp();
     ExpectEdited(Set(With(list, Parsed(kDisk))));
@@ -31,7 +26,7 @@ TEST_F(GuestSetOrder, EachListOfDisks_IsForTheRepositorysHost) {
   }
 }
 
-TEST_F(GuestSetOrder, EmptyListsOfDisks_AreForTheLocalHostAndSent) {
+TEST_F(GuestSetOrder, Set_EmptyDiskLists_AreSentToLocalHost) {
   Json::Value members(Json::objectValue);
   for (const char* list : kDiskLists) members[list] = Json::Value(Json::arrayValue);
   Json::Value parameters = members;
@@ -41,7 +36,7 @@ TEST_F(GuestSetOrder, EmptyListsOfDisks_AreForTheLocalHostAndSent) {
   EXPECT_TRUE(Platform().conf_reads.empty());
 }
 
-TEST_F(GuestSetOrder, OneListAmongEmptyOnes_IsForTheRepositorysHost) {
+TEST_F(GuestSetOrder, Set_OneDiskListAmongEmptyOnes_IsSentToRepositoryHost) {
   for (const char* full : kDiskLists) {
     SetUp();
     Json::Value parameters = With("{}");
@@ -52,7 +47,7 @@ TEST_F(GuestSetOrder, OneListAmongEmptyOnes_IsForTheRepositorysHost) {
 }
 
 TEST_F(GuestSetOrder, Set_UnknownRepositoryHost_IsLoggedAndEmptyHostCalled) {
-  Platform().conf_results["repo_host/" + kGuest] = -1;  // and hands out a host all the same
+  Platform().conf_results["repo_host/" + kGuest] = -1;  // and returns a host anyway
   ExpectError(Set(WithDisks()), 909);
   EXPECT_EQ(Asked(), "");
   Json::Value unreachable = Failure(102);
@@ -79,7 +74,7 @@ TEST_F(GuestSetOrder, Set_UnknownRepositoryHost_LaterErrorTakesPrecedence) {
   ExpectRefused(parameters, 401, {NoRepositoryHost(), BadParameters("boot_from is invalid", parameters)});
 }
 
-TEST_F(GuestSetOrder, UnknownRepositoryHostAndNothingLater_IsTheAnswer) {
+TEST_F(GuestSetOrder, Set_UnknownRepositoryHostOnly_IsReported) {
   Platform().conf_results["repo_host/" + kGuest] = -1;
   Platform().replies[""] = Failure(2101);
   Platform().replies[""]["error"]["message"] = Parsed(R"({"pin_reserved":true})");
@@ -88,7 +83,7 @@ TEST_F(GuestSetOrder, UnknownRepositoryHostAndNothingLater_IsTheAnswer) {
 
 // Contradictions.
 
-TEST_F(GuestSetOrder, BootDevice_IsOneOfTwoWords) {
+TEST_F(GuestSetOrder, BootDevice_OtherThanTwoNames_IsRefused) {
   for (const char* device : {"iso", "disk"}) {
     SetUp();
     ExpectEdited(Set(With("boot_from", device)));
@@ -103,7 +98,7 @@ TEST_F(GuestSetOrder, BootDevice_IsOneOfTwoWords) {
   ExpectRefused(parameters, 401, {BadParameters("boot_from is invalid", parameters)});
 }
 
-TEST_F(GuestSetOrder, HyperV_NeedsTheHostsProcessor) {
+TEST_F(GuestSetOrder, HyperV_WithoutCpuPassthru_IsRefused) {
   constexpr const char* kLine = "guest: Cpu compatible mode and hyper-V are mutual exclusive.";
   ExpectRefused(With(R"({"hyperv_enlighten":true,"cpu_passthru":false})"), 401, {kLine});
   for (const char* members :
@@ -122,29 +117,29 @@ TEST_F(GuestSetOrder, HyperV_NeedsTheHostsProcessor) {
 TEST_F(GuestSetOrder, Set_NewName_IsCheckedSentAndLogged) {
   ExpectNullSuccess(Set(With(R"({"name":"shop"})")));
   ExpectOrder("south", R"({"name":"shop"})");
-  EXPECT_EQ(Platform().asked_names, std::vector<std::string>{"guest/shop"});
+  EXPECT_EQ(Platform().requested_names, std::vector<std::string>{"guest/shop"});
   ExpectClusterLog({{"root", 3, "The virtual machine [web] has been successfully edited and renamed to [shop]."}});
   ExpectNoLine();
 }
 
-TEST_F(GuestSetOrder, NameItHas_IsNeitherCheckedNorSent) {
+TEST_F(GuestSetOrder, Set_UnchangedName_IsNeitherCheckedNorSent) {
   Platform().conflict_result = 1;
   ExpectEdited(Set(With(R"({"name":"web"})")));
   ExpectOrder("south", "{}");
-  EXPECT_TRUE(Platform().asked_names.empty());
+  EXPECT_TRUE(Platform().requested_names.empty());
 }
 
-TEST_F(GuestSetOrder, NamesThatDifferInAByte_AreOther) {
+TEST_F(GuestSetOrder, Set_NameDiffersInOneByte_IsNewName) {
   for (const std::string& name : std::vector<std::string>{"Web", "web ", " web", "we", std::string("web\0", 4)}) {
     SetUp();
     ExpectNullSuccess(Set(With("name", name)));
-    EXPECT_EQ(Platform().asked_names, std::vector<std::string>{"guest/" + name});
+    EXPECT_EQ(Platform().requested_names, std::vector<std::string>{"guest/" + name});
     ASSERT_EQ(Platform().sent.size(), 1u);
     EXPECT_EQ(Platform().sent[0].json["name"], name);
   }
 }
 
-TEST_F(GuestSetOrder, TakenName_IsAnsweredWithTheConflictAndTwoLines) {
+TEST_F(GuestSetOrder, Set_NameTaken_ReturnsConflictAndLogsTwoLines) {
   Platform().conflict_result = 1;
   ExpectRefused(With(R"({"name":"shop"})"), 406, {"utils: [shop] name conflict.", "guest: Guest name[shop] conflict."});
 }
@@ -171,7 +166,7 @@ TEST_F(GuestSetOrder, Set_UnknownPreviousName_IsLoggedAsDash) {
   ExpectClusterLog({{"root", 3, "The virtual machine [-] has been successfully edited."}});
 }
 
-TEST_F(GuestSetOrder, EmptyPreviousName_IsAName) {
+TEST_F(GuestSetOrder, Set_PreviousNameEmpty_IsLoggedAsName) {
   Platform().names["guest/" + kGuest] = "";
   ExpectNullSuccess(Set(With("{}")));
   ExpectNoLine();
@@ -186,7 +181,7 @@ TEST_F(GuestSetOrder, Log_NamesWithPlaceholders_AreNotExpanded) {
 
 // The order of it all.
 
-TEST_F(GuestSetOrder, Success_IsReachedStepByStep) {
+TEST_F(GuestSetOrder, Set_EachErrorCorrected_ReachesNextStepUntilSuccess) {
   Json::Value parameters = WithDisks();
   parameters["name"] = "shop";
   ExpectNullSuccess(Set(parameters, Role::kAdvanced));
@@ -233,3 +228,4 @@ TEST_F(GuestSetOrder, Set_MalformedRequest_MakesNoCalls) {
 }
 
 }  // namespace
+}  // namespace vexa::test

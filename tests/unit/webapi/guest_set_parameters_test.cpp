@@ -1,17 +1,13 @@
 // Guest::Set: every parameter with every kind of value by every kind of caller.
 #include <map>
 #include <optional>
+#include <ranges>
 
-#include "tests/unit/webapi/guest_set_ground.h"
+#include "tests/support/setting_lists.h"
+#include "tests/unit/webapi/guest_set_fixture.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::ClearCapturedSyslog;
-using vexa::test::kRoles;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Role;
-using vexa::test::Text;
 
 // What is known of a parameter, written down a second time.
 struct Known {
@@ -30,7 +26,7 @@ constexpr const char* kNic =
 constexpr const char* kNicEdit =
     R"([{"vnic_id":"c9a646d3-9c61-4cc7-9d21-8c3e5b7f2a10","network_id":"","mac":"02:00:00:00:00:01","vnic_type":2}])";
 
-const Known kKnown[] = {
+constexpr Known kKnown[] = {
     {"guest_id", "string", "uuid", "all", "\"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01\"", ""},
     {"name", "string", "text", "none", "\"shop\"", ""},
     {"vcpu_num", "int", "", "none", "2", ""},
@@ -64,7 +60,8 @@ const Known kKnown[] = {
     {"cpu_pin_num", "int", "", "none", "4", ""},
     {"cpu_weight", "int", "", "none", "256", ""},
 };
-static_assert(std::size(kKnown) == 26);
+static_assert(vexa::test::ListsExactlySettings(kKnown | std::views::transform(&Known::name),
+                                               [](const vexa::GuestSetting&) { return true; }, {"guest_id"}));
 
 // Of each JSON type some, and the edges of what parameters take.
 constexpr const char* kValues[] = {"null",
@@ -118,7 +115,7 @@ struct Expected {
   bool is_renamed = false;
 };
 
-class GuestSetParameters : public vexa::test::GuestSet, public testing::WithParamInterface<Known> {
+class GuestSetParameters : public GuestSet, public testing::WithParamInterface<Known> {
  protected:
   static Expected Refusal(int code, const std::string& line) {
     Expected refusal;
@@ -224,7 +221,7 @@ TEST_P(GuestSetParameters, Set_EachValueAndCaller_GivesExpectedReplyRequestAndLo
 INSTANTIATE_TEST_SUITE_P(Rows, GuestSetParameters, testing::ValuesIn(kKnown),
                          [](const auto& test) { return std::string(test.param.name); });
 
-using GuestSetWhole = vexa::test::GuestSet;
+using GuestSetWhole = GuestSet;
 
 Json::Value Everything() {
   Json::Value parameters(Json::objectValue);
@@ -257,7 +254,7 @@ TEST_F(GuestSetWhole, Set_AllParametersWithoutRights_IsRefused) {
 }
 
 // One after the other is taken away or spoiled; the rest is whole.
-TEST_F(GuestSetWhole, EverythingButOne_IsSentWithoutIt) {
+TEST_F(GuestSetWhole, Set_AllParametersButOne_AreForwardedWithoutIt) {
   for (const Known& known : kKnown) {
     if (known.name == std::string("guest_id")) continue;
     SCOPED_TRACE(known.name);
@@ -278,14 +275,14 @@ TEST_F(GuestSetWhole, Set_UnknownMembers_AreIgnored) {
   ExpectOrder("south", "{}");
 }
 
-TEST_F(GuestSetWhole, IdOnly_IsSentAlone) {
+TEST_F(GuestSetWhole, Set_OnlyId_IsForwardedAlone) {
   ExpectEdited(Set(With("{}")));
   ExpectOrder("south", "{}");
   ExpectNoLine();
   EXPECT_TRUE(Platform().conf_reads.empty()) << "nobody needs the repository's host";
 }
 
-TEST_F(GuestSetWhole, AFittingGrantWithAllItAllows_IsSent) {
+TEST_F(GuestSetWhole, Set_GrantedUserWithAllPermittedParameters_IsForwarded) {
   const char* members = R"({"iso_images":["unmounted"],"use_ovmf":true,"vdisks_add":[],"vdisks_del":[],
                             "vdisks_edit":[],"vdisks_order":[]})";
   ExpectEdited(Set(With(members), Role::kGranted), "eve");
@@ -321,10 +318,11 @@ TEST_F(GuestSetWhole, AdvancedUser_WithoutGrant_IsPermitted) {
   EXPECT_EQ(Platform().rights_calls, 1);
 }
 
-TEST_F(GuestSetWhole, UserOfAnotherGuest_IsRefused) {
+TEST_F(GuestSetWhole, Set_UserGrantedOtherGuest_IsRefused) {
   Platform().available = {kUuid};
   ExpectError(Set(With("{}"), Role::kStranger), 409);
   ExpectNothingDone();
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,15 +1,9 @@
-// Guest::Set: what is answered and logged for each answer of the host.
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/guest_set_ground.h"
+// Guest::Set: what is returned and logged for each reply of the host.
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/guest_set_fixture.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::Failure;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Role;
-using vexa::test::Text;
 
 struct HostCode {
   int code;
@@ -46,7 +40,7 @@ constexpr HostCode kCodes[] = {
     {2147483647, 909, "Failed to edit the virtual machine [web] due to internal read/write error."},
 };
 
-class GuestSetReport : public vexa::test::GuestSet {
+class GuestSetReport : public GuestSet {
  protected:
   static Json::Value HostFails(int code, const std::string& message = "null") {
     Json::Value reply = Failure(code);
@@ -113,13 +107,13 @@ TEST_F(GuestSetReport, Set_HostsReserveNothing_AreNamedAndRightsUnchanged) {
   ExpectOnlySent();
 }
 
-TEST_F(GuestSetReport, OneHostThatReservesNothing_IsNamedAlone) {
+TEST_F(GuestSetReport, Set_OneHostReservesNothing_IsNamedAlone) {
   Platform().names["host/h1"] = "one";
   HostFails(1503, R"({"h1":false})");
   EXPECT_EQ(Text(Set(With("{}")).Data()), R"({"host_names":"one"})");
 }
 
-TEST_F(GuestSetReport, ReservationWithoutHosts_NamesNone) {
+TEST_F(GuestSetReport, Set_ReservationFailsWithoutHosts_NamesNone) {
   for (const char* message : {"null", "{}", "\"h1\"", "[\"h1\"]", "5"}) {
     SetUp();
     HostFails(1503, message);
@@ -166,7 +160,7 @@ constexpr Parts kParts[] = {
 
 class GuestSetParts : public GuestSetReport, public testing::WithParamInterface<Parts> {};
 
-TEST_P(GuestSetParts, PartsThatWereNotReserved_AreAnsweredByTheLastOne) {
+TEST_P(GuestSetParts, Set_PartsNotReserved_LastOneDeterminesCode) {
   const Json::Value reply = HostFails(2101, GetParam().message);
   const VEXA::APIResponse response = Set(With("{}"));
   EXPECT_EQ(response.IsSet(), GetParam().answer != 0);
@@ -192,7 +186,7 @@ TEST_F(GuestSetReport, Set_AnyReply_LogsAtMostOnceAndSetsRightsOnlyOnSuccess) {
     Json::Value reply = Failure(code);
     reply["error"]["message"] = Parsed(R"({"pin_reserved":false,"h1":true})");
     reply["data"] = Json::Value();
-    ForEachSpoiled(reply, [&] {
+    ForEachMutation(reply, [&] {
       SetUp();
       Platform().replies["south"] = reply;
       const VEXA::APIResponse response = Set(With("{}"));
@@ -202,9 +196,10 @@ TEST_F(GuestSetReport, Set_AnyReply_LogsAtMostOnceAndSetsRightsOnlyOnSuccess) {
   }
 }
 
-TEST_F(GuestSetReport, DataOfASuccess_IsNotPassedOn) {
-  Platform().replies["south"] = vexa::test::Success(R"({"a":1})");
+TEST_F(GuestSetReport, Set_DataOfSuccessfulReply_IsNotReturned) {
+  Platform().replies["south"] = Success(R"({"a":1})");
   ExpectEdited(Set(With("{}")));
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,14 +1,11 @@
 // Guest::jsObject2vcGaRuleList: rules from JSON, whatever it is.
 #include <tuple>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/guest_set_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/guest_set_fixture.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Text;
 
 constexpr std::uint32_t kNoId = 0xFFFFFFFF;
 
@@ -32,11 +29,11 @@ TEST(GuestAdminRules, Rules_CompleteElement_IsUsed) {
             (std::vector<Rule>{{"groups", "use", "team", "", 100, false}}));
 }
 
-TEST(GuestAdminRules, UidAndGid_IsAUser) {
+TEST(GuestAdminRules, Rules_UidAndGid_IsUser) {
   EXPECT_EQ(Rules(R"([{"gid":100,"uid":7}])"), (std::vector<Rule>{{"users", "", "", "", 7, false}}));
 }
 
-TEST(GuestAdminRules, EmptyElement_IsAboutGroup0) {
+TEST(GuestAdminRules, Rules_EmptyElement_IsForGroup0) {
   EXPECT_EQ(Rules("[{}]"), (std::vector<Rule>{{"groups", "", "", "", 0, false}}));
 }
 
@@ -52,7 +49,7 @@ TEST(GuestAdminRules, Rules_NotArray_AreEmpty) {
   }
 }
 
-TEST(GuestAdminRules, Order_IsThatOfTheArray) {
+TEST(GuestAdminRules, Rules_Array_KeepOrder) {
   EXPECT_EQ(Rules(R"([{"uid":3},{"gid":1},{"uid":2},{"uid":3}])"),
             (std::vector<Rule>{{"users", "", "", "", 3, false},
                                {"groups", "", "", "", 1, false},
@@ -91,7 +88,7 @@ constexpr IdRow kIds[] = {
     {"null", 0},  // as jsoncpp converts it, and as a missing one reads
 };
 
-TEST(GuestAdminRules, Ids_AreUnsigned32BitsOrNone) {
+TEST(GuestAdminRules, Rules_IdOutside32Bits_IsIgnored) {
   for (const IdRow& row : kIds) {
     for (const std::string kind : {"users", "groups"}) {
       const std::string member = kind == "users" ? "uid" : "gid";
@@ -101,11 +98,11 @@ TEST(GuestAdminRules, Ids_AreUnsigned32BitsOrNone) {
   }
 }
 
-TEST(GuestAdminRules, BadUid_DoesNotFallBackToTheGid) {
+TEST(GuestAdminRules, Rules_InvalidUid_DoesNotFallBackToGid) {
   EXPECT_EQ(Rules(R"([{"uid":"x","gid":7}])"), (std::vector<Rule>{{"users", "", "", "", kNoId, false}}));
 }
 
-TEST(GuestAdminRules, Allow_IsReadAsABoolean) {
+TEST(GuestAdminRules, Rules_Allow_IsReadAsBoolean) {
   const std::pair<const char*, bool> rows[] = {{"true", true}, {"false", false},     {"null", false},    {"0", false},
                                                {"1", true},    {"-3", true},         {"2.5", true},      {"0.0", false},
                                                {"[]", false},  {"{\"a\":1}", false}, {"\"true\"", false}};
@@ -116,7 +113,7 @@ TEST(GuestAdminRules, Allow_IsReadAsABoolean) {
   }
 }
 
-TEST(GuestAdminRules, TypeAndName_AreReadAsTexts) {
+TEST(GuestAdminRules, Rules_TypeAndName_AreReadAsStrings) {
   const std::pair<const char*, const char*> rows[] = {{"\"x\"", "x"},  {"5", "5"}, {"true", "true"},     {"null", ""},
                                                       {"[\"x\"]", ""}, {"{}", ""}, {"\"%s\\n\"", "%s\n"}};
   for (const auto& [value, text] : rows) {
@@ -128,14 +125,14 @@ TEST(GuestAdminRules, TypeAndName_AreReadAsTexts) {
 
 TEST(GuestAdminRules, Rules_AnyJson_IsConvertedWithoutChange) {
   Json::Value privileges = Parsed(R"([{"uid":1026,"gid":1,"allow":true,"type":"use","name":"eve"},{"gid":2}])");
-  vexa::test::ForEachSpoiled(privileges, [&] {
+  ForEachMutation(privileges, [&] {
     const std::string before = Text(privileges);
     EXPECT_EQ(Rules(privileges).size(), privileges.isArray() ? privileges.size() : 0u);
     EXPECT_EQ(Text(privileges), before);
   });
 }
 
-class GuestSetRights : public vexa::test::GuestSet {
+class GuestSetRights : public GuestSet {
  protected:
   static std::vector<Rule> Applied() {
     std::vector<Rule> rules;
@@ -146,14 +143,14 @@ class GuestSetRights : public vexa::test::GuestSet {
   }
 };
 
-TEST_F(GuestSetRights, Rules_AreAppliedAfterTheHostAndNotSent) {
+TEST_F(GuestSetRights, Set_Rules_AreAppliedAfterHostAndNotForwarded) {
   ExpectEdited(Set(With(R"({"guest_privilege":[{"uid":7,"allow":true,"name":"eve"},{"gid":"x"}]})")));
   ExpectOrder("south", "{}");
   EXPECT_EQ(Applied(), (std::vector<Rule>{{"users", "", "eve", "", 7, true}, {"groups", "", "", "", kNoId, false}}));
   ExpectCalls({"name guest/" + kGuest, "send south/set", "guest_set " + kGuest, "log 3"});
 }
 
-TEST_F(GuestSetRights, WithoutRules_TheyAreAppliedAllTheSame) {
+TEST_F(GuestSetRights, Rights_NoRules_AreAppliedAnyway) {
   for (const char* members : {"{}", R"({"guest_privilege":[]})", R"({"desc":"x"})"}) {
     SetUp();
     ExpectEdited(Set(With(members)));
@@ -174,7 +171,7 @@ TEST_F(GuestSetRights, Rules_Failure_NamesTheUsers) {
 
 TEST_F(GuestSetRights, Rules_FailureWithoutNames_HasEmptyList) {
   Platform().guest_set_result = -5;
-  ExpectError(Set(With("{}"), vexa::test::Role::kGranted), 1001);
+  ExpectError(Set(With("{}"), Role::kGranted), 1001);
   ExpectClusterLog(
       {{"eve", 1, "Failed to configure permission settings for the user [] on the virtual machine [web]."}});
 }
@@ -186,3 +183,4 @@ TEST_F(GuestSetRights, Rules_PositiveResult_IsNotFailure) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,29 +1,27 @@
-// Guest::Set and the host's table of settings: what the library takes and sends is what the host knows.
+// Guest::Set and the host's table of settings: the library accepts and forwards exactly the
+// parameters that the host knows.
 #include "tests/support/setting_values.h"
-#include "tests/unit/webapi/guest_set_ground.h"
+#include "tests/unit/webapi/guest_set_fixture.h"
 #include "webapi/guest/guest_set_parameters.h"
 
+namespace vexa::test {
 namespace {
 
 using vexa::GuestSetting;
 using vexa::kGuestSettings;
 using vexa::SettingType;
-using vexa::test::InvalidValues;
-using vexa::test::ScalarSettings;
-using vexa::test::Text;
-using vexa::test::ValidValues;
 namespace edit = VexaVirtualization::edit;
 
-using GuestSetSettings = vexa::test::GuestSet;
+using GuestSetSettings = GuestSet;
 
 Json::ValueType JsonTypeOf(SettingType type) {
   switch (type) {
-    case SettingType::kText:
+    case SettingType::kString:
     case SettingType::kId:
       break;
     case SettingType::kNumber:
       return Json::intValue;
-    case SettingType::kYesNo:
+    case SettingType::kBoolean:
       return Json::booleanValue;
     case SettingType::kList:
       return Json::arrayValue;
@@ -31,15 +29,16 @@ Json::ValueType JsonTypeOf(SettingType type) {
   return Json::stringValue;
 }
 
-TEST_F(GuestSetSettings, Parameters_AreTheRowsOfTheTableInTheirOrder) {
+TEST_F(GuestSetSettings, Parameters_Listed_MatchTableRowsInOrder) {
   std::vector<std::string> parameters;
-  for (std::size_t i = 0; i < edit::kNameCount; ++i) parameters.emplace_back(TextOf(static_cast<edit::Name>(i)));
+  for (std::size_t i = 0; i < edit::kNameCount; ++i)
+    parameters.emplace_back(edit::ParameterName(static_cast<edit::Name>(i)));
   std::vector<std::string> expected = {"guest_id"};
   for (const GuestSetting& setting : kGuestSettings) expected.emplace_back(setting.name);
   EXPECT_EQ(parameters, expected);
 }
 
-TEST_F(GuestSetSettings, EachParameter_HasTheTypeOfItsRow) {
+TEST_F(GuestSetSettings, EachParameter_Type_MatchesItsRow) {
   for (const GuestSetting& setting : kGuestSettings) {
     for (const Json::Value& value :
          {Json::Value(kUuid), Json::Value(1), Json::Value(true), Json::Value(Json::arrayValue)}) {
@@ -50,7 +49,7 @@ TEST_F(GuestSetSettings, EachParameter_HasTheTypeOfItsRow) {
   }
 }
 
-TEST_F(GuestSetSettings, EachSetting_AloneInARequest_IsSentToTheHost) {
+TEST_F(GuestSetSettings, EachSetting_AloneInRequest_IsForwarded) {
   for (const GuestSetting* setting : ScalarSettings()) {
     for (const Json::Value& value : ValidValues(*setting)) {
       SCOPED_TRACE(std::string(setting->name) + " " + Text(value));
@@ -64,7 +63,7 @@ TEST_F(GuestSetSettings, EachSetting_AloneInARequest_IsSentToTheHost) {
 }
 
 // The library checks the values of these two itself, and leaves the others to the host.
-TEST_F(GuestSetSettings, ValuesThatTheLibraryChecks_AreThoseOfTheTable) {
+TEST_F(GuestSetSettings, CheckedValues_OfLibrary_MatchTable) {
   for (const char* name : {"usb_version", "boot_from"}) {
     for (const Json::Value& value : InvalidValues(*vexa::FindGuestSetting(name))) {
       SCOPED_TRACE(std::string(name) + " " + Text(value));
@@ -76,3 +75,4 @@ TEST_F(GuestSetSettings, ValuesThatTheLibraryChecks_AreThoseOfTheTable) {
 }
 
 }  // namespace
+}  // namespace vexa::test

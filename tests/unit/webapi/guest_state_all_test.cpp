@@ -1,17 +1,17 @@
-// A guest's state in every combination of what it depends on, against a second account of the rules.
+// A guest's state in every combination of its inputs, against an independent model of the rules.
 #include <optional>
 #include <string>
 
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 namespace Guest = VexaCCC::State::Guest;
 namespace Host = VexaCCC::State::Host;
 namespace Repo = VexaCCC::State::Repo;
-using vexa::test::Platform;
 
 constexpr const char* kUnreadable = "unreadable";
 constexpr const char* kNoHost = "no host";
@@ -32,7 +32,7 @@ struct Shown {
   bool operator==(const Shown&) const = default;
 };
 
-const std::map<std::string, std::pair<std::string, std::string>>& GuestWords() {
+const std::map<std::string, std::pair<std::string, std::string>>& DisplayStates() {
   static const std::map<std::string, std::pair<std::string, std::string>> words = {
       {Guest::creating, {"creating", "healthy"}},   {Guest::importing, {"importing", "healthy"}},
       {Guest::running, {"running", "healthy"}},     {Guest::shutdown, {"shutdown", "healthy"}},
@@ -47,8 +47,8 @@ const std::map<std::string, std::pair<std::string, std::string>>& GuestWords() {
 }
 
 Shown ShownAs(const std::string& state) {
-  const auto word = GuestWords().find(state);
-  if (word == GuestWords().end()) return {state, state, "error", "given"};
+  const auto word = DisplayStates().find(state);
+  if (word == DisplayStates().end()) return {state, state, "error", "given"};
   return {state, word->second.first, word->second.second, "given"};
 }
 
@@ -126,6 +126,14 @@ Shown Oracle(const Situation& at) {
   return shown;
 }
 
+// All states of a kind, and `more`.
+std::vector<std::string> StatesOf(VexaVirtualization::STATE_CATE kind, std::vector<std::string> more) {
+  for (const VexaVirtualization::VirtualizationState& row : VexaVirtualization::StateTable) {
+    if (row.cate == kind) more.push_back(row.state);
+  }
+  return more;
+}
+
 class GuestStateInAll : public vexa::test::StateLibrary {
  protected:
   static void SetUpSituation(const Situation& at) {
@@ -163,12 +171,13 @@ class GuestStateInAll : public vexa::test::StateLibrary {
 
   // Everything but the cluster's own condition.
   void CheckAll(Shown (*oracle)(const Situation&), std::size_t reads) {
-    std::vector<std::string> states = {"", "odd"};
-    for (const auto& word : GuestWords()) states.push_back(word.first);
-    for (const char* repository : {Repo::online, Repo::inaccessible, Repo::unavailable, Repo::degraded, Repo::crashed,
-                                   Repo::full, Repo::provision_warning, "", "odd", kUnreadable}) {
-      for (const char* host : {Host::running, Host::inaccessible, Host::network_warn, Host::control_unavail, "odd",
-                               kUnreadable, kNoHost}) {
+    const std::vector<std::string> states = StatesOf(VexaVirtualization::STATE_CATE_GUEST, {"", "odd"});
+    EXPECT_GE(states.size(), 17u);
+    const std::vector<std::string> repositories =
+        StatesOf(VexaVirtualization::STATE_CATE_REPOSITORY, {"", "odd", kUnreadable});
+    const std::vector<std::string> hosts = StatesOf(VexaVirtualization::STATE_CATE_HOST, {"odd", kUnreadable, kNoHost});
+    for (const std::string& repository : repositories) {
+      for (const std::string& host : hosts) {
         SetUpSituation({"", repository, host, 0, {}, {}});
         for (int value = 0; value <= kNoValue; ++value) {
           for (const std::optional<bool> forced : {std::optional<bool>(), {false}, {true}}) {
@@ -188,25 +197,26 @@ class GuestStateInAll : public vexa::test::StateLibrary {
         }
       }
     }
-    EXPECT_EQ(checked_, 10 * 7 * 19 * 3 * 3 * 17);
+    EXPECT_EQ(checked_, repositories.size() * hosts.size() * (kNoValue + 1) * 3 * 3 * states.size());
   }
 
   std::map<std::string, int> connected_;
-  int checked_ = 0;
+  std::size_t checked_ = 0;
 };
 
 TEST_F(GuestStateInAll, GuestState_EachSituation_MatchesRules) { CheckAll(Oracle, 1); }
 
-TEST_F(GuestStateInAll, SituationsWhileUpgrading_AreFrozen) {
+TEST_F(GuestStateInAll, GuestState_Upgrading_IsFrozen) {
   Platform().upgrading = 1;
   Platform().repo_hosts["g"] = "local";
   CheckAll(FrozenOracle, 0);
 }
 
-TEST_F(GuestStateInAll, SituationsWithoutTheDatabase_AreFrozen) {
+TEST_F(GuestStateInAll, GuestState_DatabaseLost_IsFrozen) {
   Platform().cluster_status["state"] = VexaCCC::State::Etcd::inaccessible;
   Platform().repo_hosts["g"] = "local";
   CheckAll(FrozenOracle, 0);
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,22 +1,20 @@
-// A guest's state, case by case. That all cases together are right is for guest_state_all_test.cpp.
+// A guest's state, case by case. guest_state_all_test.cpp covers all combinations.
 #include <string>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
 namespace Guest = VexaCCC::State::Guest;
 namespace Repo = VexaCCC::State::Repo;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
 using Strings = std::vector<std::string>;
 
-class GuestState : public vexa::test::StateLibrary {
+class GuestState : public StateLibrary {
  protected:
   void SetUp() override {
     StateLibrary::SetUp();
@@ -61,7 +59,7 @@ class GuestState : public vexa::test::StateLibrary {
   std::string state_, ui_state_, type_, reason_;
 };
 
-TEST_F(GuestState, Dashboard_IsReadyUnlessStatusIsInaccessible) {
+TEST_F(GuestState, Dashboard_StatusInaccessible_IsNotReady) {
   EXPECT_TRUE(IsDashboardReady());
   SetDashboard("etcd_healthy");
   EXPECT_TRUE(IsDashboardReady());
@@ -76,15 +74,15 @@ TEST_F(GuestState, Dashboard_IsReadyUnlessStatusIsInaccessible) {
   EXPECT_EQ(Platform().loads, loads);
 }
 
-TEST_F(GuestState, StatusOfAnyType_NeverThrows) {
+TEST_F(GuestState, Dashboard_StatusOfAnyType_NeverThrows) {
   Json::Value status = Parsed(R"({"state":"etcd_inaccessible"})");
-  ForEachSpoiled(status, [&] {
+  ForEachMutation(status, [&] {
     Platform().cluster_status = status;
     EXPECT_TRUE(IsDashboardReady());
   });
 }
 
-TEST_F(GuestState, DashboardNotReady_IsFrozenWithoutAskingForAnUpgrade) {
+TEST_F(GuestState, State_DashboardNotReady_IsFrozenWithoutUpgradeCheck) {
   SetDashboard(VexaCCC::State::Etcd::inaccessible);
   Derive(Record(Guest::running));
   ExpectShown("freeze", "error", "");
@@ -93,7 +91,7 @@ TEST_F(GuestState, DashboardNotReady_IsFrozenWithoutAskingForAnUpgrade) {
   EXPECT_TRUE(Platform().reads.empty());
 }
 
-TEST_F(GuestState, UpgradeAnswersExactlyOne_IsFrozen) {
+TEST_F(GuestState, State_UpgradeFlagExactlyOne_IsFrozen) {
   for (const int answer : {-1, 0, 2, 256}) {
     Platform().upgrading = answer;
     Derive(Record(Guest::running));
@@ -105,7 +103,7 @@ TEST_F(GuestState, UpgradeAnswersExactlyOne_IsFrozen) {
   EXPECT_EQ(Platform().upgrade_calls, 5);
 }
 
-TEST_F(GuestState, FrozenGuest_KeepsTheReasonItIsGiven) {
+TEST_F(GuestState, FrozenGuest_ReasonGiven_KeepsIt) {
   Platform().upgrading = 1;
   reason_ = "given";
   state_ = Guest::running;
@@ -113,7 +111,7 @@ TEST_F(GuestState, FrozenGuest_KeepsTheReasonItIsGiven) {
   ExpectShown("freeze", "error", "given");
 }
 
-TEST_F(GuestState, RepositoryHostUnknown_OnlyWhenNegative) {
+TEST_F(GuestState, State_RepositoryHostResultNegative_IsUnknown) {
   Platform().conf_states["g"] = Guest::running;
   for (const int result : {-1, -2}) {
     Platform().conf_results["repo_host/g"] = result;
@@ -134,7 +132,7 @@ TEST_F(GuestState, State_RepositoryOnOtherHost_IsFrozenWithoutSecondCheck) {
   EXPECT_EQ(Platform().conf_reads, Strings(3, "repo_host/g"));
 }
 
-TEST_F(GuestState, GuestOnAnotherHost_IsFrozenAndOneWithoutAHostIsNot) {
+TEST_F(GuestState, State_GuestOnOtherHost_IsFrozenButWithoutHostIsNot) {
   Platform().conf_states["g"] = Guest::running;
   EXPECT_EQ(Frozen(Record(Guest::running, "other")), Guest::freeze);
   EXPECT_EQ(Frozen(Record(Guest::running, "local")), Guest::running);
@@ -142,7 +140,7 @@ TEST_F(GuestState, GuestOnAnotherHost_IsFrozenAndOneWithoutAHostIsNot) {
   EXPECT_EQ(Frozen(Parsed("{}")), Guest::running);
 }
 
-TEST_F(GuestState, FrozenLocalGuest_HasTheLocalStateOrTheRecords) {
+TEST_F(GuestState, FrozenLocalGuest_State_IsLocalOrFromRecord) {
   Platform().conf_states["g"] = Guest::booting;
   EXPECT_EQ(Frozen(Record(Guest::running, "local")), Guest::booting);
   // What a failed call hands out does not count.
@@ -157,7 +155,7 @@ TEST_F(GuestState, FrozenLocalGuest_HasTheLocalStateOrTheRecords) {
   EXPECT_EQ(Frozen(Record(Guest::running, "local")), Guest::freeze);
 }
 
-TEST_F(GuestState, LocalHostsId_IsAskedForOnce) {
+TEST_F(GuestState, State_LocalHostId_IsReadOnce) {
   Platform().conf_states["g"] = Guest::running;
   EXPECT_EQ(Frozen(Record(Guest::running, "local")), Guest::running);
   Platform().local_host_id = "renamed";
@@ -165,14 +163,14 @@ TEST_F(GuestState, LocalHostsId_IsAskedForOnce) {
   EXPECT_EQ(Frozen(Record(Guest::running, "renamed")), Guest::freeze);
 }
 
-TEST_F(GuestState, FrozenRecordOfAnyType_NeverThrows) {
+TEST_F(GuestState, FrozenGuest_RecordOfAnyType_NeverThrows) {
   Json::Value record = Record(Guest::running, "local");
   Platform().conf_results["state/g"] = -1;
-  ForEachSpoiled(record, [&] { Frozen(record); });
+  ForEachMutation(record, [&] { Frozen(record); });
 }
 
-TEST_F(GuestState, FrozenHost_RunsWhenItCanBeReached) {
-  Platform().versions_of_all = {{"h1", "v"}, {"h2", "v"}};
+TEST_F(GuestState, FrozenHost_Reachable_IsRunning) {
+  Platform().versions_of_all_hosts = {{"h1", "v"}, {"h2", "v"}};
   Platform().versions_of_reachable = {{"h2", ""}};
   for (const int result : {0, -1}) {
     Platform().versions_result = result;
@@ -182,7 +180,7 @@ TEST_F(GuestState, FrozenHost_RunsWhenItCanBeReached) {
   }
 }
 
-TEST_F(GuestState, RunningGuestOfALostRepository_IsLost) {
+TEST_F(GuestState, RunningGuest_RepositoryLost_IsLost) {
   SetRepository(Repo::crashed);
   connected_["g"] = 0;
   Derive(Record(Guest::running));
@@ -194,7 +192,7 @@ TEST_F(GuestState, RunningGuestOfALostRepository_IsLost) {
   EXPECT_EQ(state_, Guest::inaccessible);
 }
 
-TEST_F(GuestState, UnreadableRepository_CountsAsOneInNoState) {
+TEST_F(GuestState, State_RepositoryUnreadable_CountsAsStateless) {
   for (const int result : {-1, 1, 2}) {
     SetRepository(Repo::crashed);
     Platform().read_results["repository/r/state"] = result;
@@ -205,10 +203,10 @@ TEST_F(GuestState, UnreadableRepository_CountsAsOneInNoState) {
   }
 }
 
-TEST_F(GuestState, LostGuest_IsDoneWithOnlyWhereTheRepositoryCanBeRead) {
+TEST_F(GuestState, LostGuest_RepositoryUnreadable_LinksAreStillChecked) {
   connected_["g"] = 0;
   // A platform that considers lost guests live shows whether anything else is checked.
-  Platform().more_online_states = {Guest::crashed, Guest::inaccessible};
+  Platform().extra_online_states = {Guest::crashed, Guest::inaccessible};
   for (const char* lost : {Guest::crashed, Guest::inaccessible}) {
     SetRepository(Repo::online);
     Derive(Record(lost));
@@ -219,7 +217,7 @@ TEST_F(GuestState, LostGuest_IsDoneWithOnlyWhereTheRepositoryCanBeRead) {
   }
 }
 
-TEST_F(GuestState, RepositoryFull_TypeIsTheRepositorysButNeverHealthy) {
+TEST_F(GuestState, State_RepositoryFull_HasRepositoryTypeButNeverHealthy) {
   const std::pair<const char*, const char*> kTypes[] = {
       {Repo::online, "warning"},
       {Repo::degraded, "warning"},
@@ -238,7 +236,7 @@ TEST_F(GuestState, RepositoryFull_TypeIsTheRepositorysButNeverHealthy) {
   }
 }
 
-TEST_F(GuestState, FrozenClusterUnforced_ReadsTheHostAndChangesNothing) {
+TEST_F(GuestState, State_FrozenButNotForced_ReadsHostAndChangesNothing) {
   SetHost(VexaCCC::State::Host::inaccessible);
   for (const int value : {9, 10}) {
     Platform().reads.clear();
@@ -248,7 +246,7 @@ TEST_F(GuestState, FrozenClusterUnforced_ReadsTheHostAndChangesNothing) {
   }
 }
 
-TEST_F(GuestState, ForcedByHost_UnreadableHostLeavesTheTypeAndNoHostIsAnError) {
+TEST_F(GuestState, State_ForcedByUnreadableOrMissingHost_KeepsTypeOrIsError) {
   Derive(ShutDown(10, true));
   ExpectShown("shutdown", "healthy", "shutdown_host_offline");
   Json::Value without_host = ShutDown(9, true);
@@ -262,7 +260,7 @@ TEST_F(GuestState, ForcedByHost_UnreadableHostLeavesTheTypeAndNoHostIsAnError) {
   ExpectShown("shutdown", "warning", "shutdown_cluster_is_frozen");
 }
 
-TEST_F(GuestState, NoResource_IsAnErrorWhateverTheRepository) {
+TEST_F(GuestState, State_NoResource_IsErrorWhateverTheRepository) {
   for (const char* repository : {Repo::online, Repo::full, Repo::degraded}) {
     SetRepository(repository);
     Derive(ShutDown(12, false));
@@ -270,7 +268,7 @@ TEST_F(GuestState, NoResource_IsAnErrorWhateverTheRepository) {
   }
 }
 
-TEST_F(GuestState, GuestNotInTheMap_IsNeverUnconnectable) {
+TEST_F(GuestState, State_GuestNotInConnectedMap_IsNeverUnconnectable) {
   connected_["other"] = 0;
   Derive(Record(Guest::running));
   ExpectShown("running", "healthy", "");
@@ -283,7 +281,7 @@ TEST_F(GuestState, GuestNotInTheMap_IsNeverUnconnectable) {
   ExpectShown("running", "healthy", "");
 }
 
-TEST_F(GuestState, ShorterForms_ShowTheSame) {
+TEST_F(GuestState, Overloads_ReturnSameState) {
   connected_["g"] = 0;
   std::string state = Guest::running;
   GetGuestStateType(Record(Guest::shutdown), connected_, "g", state, ui_state_, type_);
@@ -299,11 +297,11 @@ TEST_F(GuestState, ShorterForms_ShowTheSame) {
   EXPECT_EQ(ui_state_ + " " + type_, " error");
 }
 
-TEST_F(GuestState, RecordOfAnyType_NeverThrows) {
+TEST_F(GuestState, State_RecordOfAnyType_NeverThrows) {
   SetHost(VexaCCC::State::Host::running);
   for (const int value : {5, 9, 12}) {
     Json::Value record = ShutDown(value, true);
-    ForEachSpoiled(record, [&] {
+    ForEachMutation(record, [&] {
       GetGuestStateType(record, connected_, "g", ui_state_, type_);
       state_ = Guest::shutdown;
       GetGuestStateType(record, connected_, "g", state_, ui_state_, type_, reason_);
@@ -315,7 +313,7 @@ TEST_F(GuestState, RecordOfAnyType_NeverThrows) {
   ExpectShown("shutdown", "error", "shutdown_repo_full");
 }
 
-TEST_F(GuestState, ReasonAndForceAsOtherTypes_AreReadAsNumberAndTruth) {
+TEST_F(GuestState, State_ReasonAndForceOfOtherTypes_AreConverted) {
   Json::Value record = ShutDown(0, false);
   record["shutdownreasonvalue"] = 6.9;
   record["is_forced_shutdown"] = 1;
@@ -330,3 +328,4 @@ TEST_F(GuestState, ReasonAndForceAsOtherTypes_AreReadAsNumberAndTruth) {
 }
 
 }  // namespace
+}  // namespace vexa::test

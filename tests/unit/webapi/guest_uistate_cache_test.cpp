@@ -4,24 +4,21 @@
 #include <string>
 #include <thread>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/guest/guest_uistate_cache.h"
 #include "webapi/platform/ccc_constants.h"
 
+namespace vexa::test {
 namespace {
 
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
 namespace State = VexaCCC::State;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Text;
 using Strings = std::vector<std::string>;
 
 constexpr const char* kInvalid = "guest_uistate_cache: Invalid cached guest ui status";
 
-class GuestStatusCache : public vexa::test::StateLibrary {
+class GuestStatusCache : public StateLibrary {
  protected:
   static void AddGuest(const std::string& id, const char* state, const char* repository = "r") {
     Platform().ids["guest"].push_back(id);
@@ -42,7 +39,7 @@ class GuestStatusCache : public vexa::test::StateLibrary {
   }
 };
 
-TEST_F(GuestStatusCache, Status_IsARunningGuestsAtFirst) {
+TEST_F(GuestStatusCache, Status_Default_IsRunningAndHealthy) {
   const GuestUIStatus status("g");
   EXPECT_EQ(status.guest_id, "g");
   EXPECT_EQ(status.status, "running");
@@ -56,7 +53,7 @@ TEST_F(GuestStatusCache, StatusFromJson_NeedsAllThreeTexts) {
   EXPECT_EQ(status.guest_id + status.status + status.status_type, "gst");
   EXPECT_FALSE(status.FromJson(Json::Value()));
   Json::Value good = Parsed(R"({"guest_id":"g","status":"s","status_type":"t"})");
-  ForEachSpoiled(good, [&] {
+  ForEachMutation(good, [&] {
     GuestUIStatus fresh;
     const bool is_whole =
         good.isObject() && good["guest_id"].isString() && good["status"].isString() && good["status_type"].isString();
@@ -76,7 +73,7 @@ TEST_F(GuestStatusCache, Cache_IsNamedAndCurrentForFiveSeconds) {
   EXPECT_EQ(Text(Platform().caches[0]), R"(["virtualization","guest_ui_status",5,0])");
 }
 
-TEST_F(GuestStatusCache, DefaultValue_IsTheConfiguredStates) {
+TEST_F(GuestStatusCache, DefaultValue_Guests_HaveConfiguredStates) {
   EXPECT_EQ(Default(), R"({"guests":[]})");
   AddGuest("g2", State::Guest::shutdown);
   AddGuest("gone", State::Guest::running);
@@ -99,7 +96,7 @@ TEST_F(GuestStatusCache, DefaultValue_IsTheConfiguredStates) {
   EXPECT_EQ(Default(), R"({"guests":[]})");
 }
 
-TEST_F(GuestStatusCache, UpdatedData_IsTheDerivedStates) {
+TEST_F(GuestStatusCache, UpdatedData_Guests_HaveDerivedStates) {
   AddGuest("g2", State::Guest::running);
   AddGuest("gone", State::Guest::running);
   Platform().confs.erase("gone");
@@ -115,13 +112,13 @@ TEST_F(GuestStatusCache, UpdatedData_IsTheDerivedStates) {
                            "," + Status("g3", "shutdown", "error") + "," + Status("g4", "running", "healthy") + "]}");
 }
 
-TEST_F(GuestStatusCache, ConnectedMapFails_GuestsCountAsConnected) {
+TEST_F(GuestStatusCache, Update_ConnectedMapFails_GuestsCountAsConnected) {
   AddGuest("g", State::Guest::running);
   Platform().category_results["vnic"] = {-1};
   EXPECT_EQ(Updated(), R"({"guests":[)" + Status("g", "running", "healthy") + "]}");
 }
 
-TEST_F(GuestStatusCache, SecondListingFails_DefaultStays) {
+TEST_F(GuestStatusCache, Update_SecondListingFails_KeepsDefault) {
   AddGuest("g", State::Guest::running, "lost");
   const std::string quick = R"({"guests":[)" + Status("g", "running", "healthy") + "]}";
   for (const int result : {-1, 1}) {
@@ -129,7 +126,7 @@ TEST_F(GuestStatusCache, SecondListingFails_DefaultStays) {
     Platform().category_results["guest"] = {0, result};
     EXPECT_EQ(Updated(), quick);
     EXPECT_EQ(Platform().reads, (Strings{"guest", "guest"}));
-    // Without the first listing there is no default, but the refresh goes on.
+    // Without the first listing there is no default, but the refresh continues.
     Platform().reads.clear();
     Platform().category_results["guest"] = {result, 0};
     EXPECT_EQ(Updated(), R"({"guests":[)" + Status("g", "crashed", "error") + "]}");
@@ -159,11 +156,11 @@ TEST_F(GuestStatusCache, Update_StartsFromADerivedDefault) {
   EXPECT_EQ(Text(data), R"({"guests":[]})");
 }
 
-TEST_F(GuestStatusCache, ConfigurationOfAnyType_NeverThrows) {
+TEST_F(GuestStatusCache, Update_ConfigurationOfAnyType_NeverThrows) {
   AddGuest("g", State::Guest::shutdown);
   Platform().confs["g"]["shutdownreasonvalue"] = 9;
   Platform().confs["g"]["is_forced_shutdown"] = true;
-  ForEachSpoiled(Platform().confs["g"], [&] {
+  ForEachMutation(Platform().confs["g"], [&] {
     Default();
     Updated();
   });
@@ -186,7 +183,7 @@ TEST_F(GuestStatusCache, ValidValue_IsAnObjectWithAnArrayOfGuests) {
   }
 }
 
-TEST_F(GuestStatusCache, BadElements_AreSkippedQuietly) {
+TEST_F(GuestStatusCache, Dictionary_InvalidElements_AreSkippedSilently) {
   const std::string value = R"({"guests":[5,)" + Status("a", "s", "t") +
                             R"(,null,{"guest_id":"b","status":"s"},[],{"guest_id":1,"status":"s","status_type":"t"},)" +
                             Status("c", "s2", "t2") + "]}";
@@ -211,7 +208,7 @@ TEST_F(GuestStatusCache, Dictionary_ReturnsCachedValueWithoutWaiting) {
   ExpectNoLine();
 }
 
-TEST_F(GuestStatusCache, NothingCached_DictionaryIsTheDefaults) {
+TEST_F(GuestStatusCache, Dictionary_NothingCached_HasDefaults) {
   AddGuest("g", State::Guest::booting);
   std::map<std::string, UIState> dict;
   EXPECT_TRUE(GetCachedGuestUIStateDict(dict));
@@ -222,9 +219,9 @@ TEST_F(GuestStatusCache, NothingCached_DictionaryIsTheDefaults) {
   EXPECT_TRUE(dict.empty());
 }
 
-TEST_F(GuestStatusCache, CachedValueOfAnyType_IsUsedOrRefusedWithOneLine) {
+TEST_F(GuestStatusCache, Dictionary_CachedValueOfAnyType_IsUsedOrRefusedWithOneLine) {
   Json::Value good = Parsed(R"({"guests":[)" + Status("a", "s", "t") + "]}");
-  ForEachSpoiled(good, [&] {
+  ForEachMutation(good, [&] {
     Platform().cached = good;
     std::map<std::string, UIState> dict = {{"kept", {}}};
     const bool is_valid = json::Member(good, "guests").isArray();
@@ -242,7 +239,7 @@ std::size_t SlotOf(Operation operation) {
   return (encoded - 1) / sizeof(void*);
 }
 
-TEST_F(GuestStatusCache, VirtualOperations_AreInTheirSlots) {
+TEST_F(GuestStatusCache, VirtualTable_Operations_AreInTheirSlots) {
   using VexaDR::Cache::DRCache;
   EXPECT_EQ(SlotOf(&DRCache::GetErr), 0u);
   EXPECT_EQ(SlotOf(&DRCache::GetErrCodeStr), 1u);
@@ -257,7 +254,7 @@ TEST_F(GuestStatusCache, VirtualOperations_AreInTheirSlots) {
   EXPECT_EQ(SlotOf(&DRCache::IsDataTimeout), 11u);
 }
 
-TEST_F(GuestStatusCache, Tables_AreReadFromManyThreads) {
+TEST_F(GuestStatusCache, Tables_ManyThreads_AreReadSafely) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([] {
@@ -272,3 +269,4 @@ TEST_F(GuestStatusCache, Tables_AreReadFromManyThreads) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,21 +1,18 @@
 // What is shown for a guest's high-availability group.
 #include <string>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 namespace HAGroup = VexaCCC::State::HAGroup;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Text;
 using VexaVirtualization::GetGuestHAStateType;
 
-class HaGroup : public vexa::test::StateLibrary {
+class HaGroup : public StateLibrary {
  protected:
   void SetUp() override {
     StateLibrary::SetUp();
@@ -47,7 +44,7 @@ class HaGroup : public vexa::test::StateLibrary {
 
 constexpr const char* kUntouched = "old state, old type, old reason";
 
-TEST_F(HaGroup, GuestWithoutAGroup_LosesTheMemberOnly) {
+TEST_F(HaGroup, Guest_WithoutGroup_LosesOnlyMember) {
   for (const char* guest :
        {"{}", R"({"ha_group_id":""})", R"({"ha_group_id":null})", R"({"ha_group_id":["g"]})", "null", "[]", R"("g")"}) {
     guest_ = Parsed(guest);
@@ -55,7 +52,7 @@ TEST_F(HaGroup, GuestWithoutAGroup_LosesTheMemberOnly) {
   }
 }
 
-TEST_F(HaGroup, UnreadableGroup_LosesTheMemberOnly) {
+TEST_F(HaGroup, Guest_GroupUnreadable_LosesOnlyMember) {
   for (const int result : {-1, 1, 2}) {
     Platform().ha_results["state"] = result;
     EXPECT_EQ(Shown(), kUntouched);
@@ -133,7 +130,7 @@ const GroupRow kGroupRows[] = {
 
 INSTANTIATE_TEST_SUITE_P(All, HaGroupRows, testing::ValuesIn(kGroupRows));
 
-TEST_F(HaGroup, UnreadableWarningsOrFailure_CountAsNone) {
+TEST_F(HaGroup, Group_WarningsOrFailureUnreadable_CountAsNone) {
   Warn();
   Platform().ha_errors["g"] = 100;
   for (const int result : {-1, 1}) {
@@ -146,24 +143,25 @@ TEST_F(HaGroup, UnreadableWarningsOrFailure_CountAsNone) {
   }
 }
 
-TEST_F(HaGroup, HostsOfTheInformation_AreJudged) {
+TEST_F(HaGroup, Group_HostsOfInformation_AreRated) {
   info_ = Parsed(R"({"ha":{"hosts":[{"host_id":"h","ha_warn_host_rocky":-1}]}})");
   GetGuestHAStateType(guest_, info_, ui_state_, type_, reason_);
   EXPECT_EQ(reason_, "ha_warn_host_inaccessible");
   EXPECT_EQ(Text(info_), "{}");
 }
 
-TEST_F(HaGroup, InformationOfAnyType_NeverThrows) {
+TEST_F(HaGroup, Group_InformationOfAnyType_NeverThrows) {
   Json::Value good = Parsed(R"({"ha":{"hosts":[{"host_id":"h"}]},"kept":1})");
-  ForEachSpoiled(good, [&] {
+  ForEachMutation(good, [&] {
     info_ = good;
     GetGuestHAStateType(guest_, info_, ui_state_, type_, reason_);
     EXPECT_FALSE(info_.isObject() && info_.isMember("ha"));
     EXPECT_TRUE(good.isObject() || Text(info_) == Text(good));
   });
-  ForEachSpoiled(guest_, [&] { Show(); });
+  ForEachMutation(guest_, [&] { Show(); });
   Warn();
-  ForEachSpoiled(Platform().ha_warnings["g"], [&] { Show(); });
+  ForEachMutation(Platform().ha_warnings["g"], [&] { Show(); });
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,26 +1,23 @@
 // The warnings of a high-availability group's hosts.
 #include <string>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 namespace Host = VexaCCC::State::Host;
 namespace json = VexaVirtualization::json;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Text;
 using VexaVirtualization::GetHAWarnReason;
 using Strings = std::vector<std::string>;
 
 constexpr const char* kStorageOnly = R"(["repo_host"])";
 constexpr const char* kRunning = R"(["repo_host","running_host"])";
 
-class HaWarnings : public vexa::test::StateLibrary {
+class HaWarnings : public StateLibrary {
  protected:
   void SetUp() override {
     StateLibrary::SetUp();
@@ -59,7 +56,7 @@ class HaWarnings : public vexa::test::StateLibrary {
   Json::Value hosts_;
 };
 
-TEST_F(HaWarnings, HealthyHosts_HaveARecordEachAndNoReason) {
+TEST_F(HaWarnings, Warnings_HealthyHosts_HaveRecordsWithoutReason) {
   Item(0)["more"] = 1;
   Judge();
   EXPECT_EQ(reason_, "");
@@ -79,12 +76,12 @@ TEST_F(HaWarnings, Ha_OutputNotArray_LogsOnlyLine869) {
     EXPECT_EQ(reason_, "untouched");
     EXPECT_EQ(Text(hosts_), Text(Parsed(output)));
     ExpectOnlyLine(LOG_ERR, "utils:869 Bad parameters");
-    vexa::test::ClearCapturedSyslog();
+    ClearCapturedSyslog();
   }
   EXPECT_TRUE(Platform().reads.empty());
 }
 
-TEST_F(HaWarnings, InputWithoutHosts_EmptiesTheReasonQuietly) {
+TEST_F(HaWarnings, Warnings_NoHosts_ClearReasonSilently) {
   for (const char* ha : {"null", "{}", R"({"hosts":{"a":{"ha_warn_host_rocky":-1}}})", R"({"hosts":[]})", "[]"}) {
     ha_ = Parsed(ha);
     Judge();
@@ -94,7 +91,7 @@ TEST_F(HaWarnings, InputWithoutHosts_EmptiesTheReasonQuietly) {
   ExpectNoLine();
 }
 
-TEST_F(HaWarnings, UnreadableHost_IsInaccessibleAndNameless) {
+TEST_F(HaWarnings, Warnings_HostUnreadable_IsInaccessibleAndNameless) {
   Platform().read_results["host/h1/state"] = -1;
   Platform().records["host/h2/state"] = Parsed("[]");
   Platform().names.erase("host/h2");
@@ -108,7 +105,7 @@ TEST_F(HaWarnings, UnreadableHost_IsInaccessibleAndNameless) {
   EXPECT_EQ(reason_, "");
 }
 
-TEST_F(HaWarnings, RecordsThatWereThere_StayInFrontAndAreJudgedToo) {
+TEST_F(HaWarnings, Warnings_ExistingRecords_AreKeptFirstAndRated) {
   Item(1)["ha_warn_host_rocky"] = 1;
   hosts_ = Parsed(R"([{"ha_host_status":"host_running","ha_host_status_detail":["x"]},)"
                   R"({"ha_host_status":"host_running","ha_host_status_type":"old"},{}])");
@@ -123,7 +120,7 @@ TEST_F(HaWarnings, RecordsThatWereThere_StayInFrontAndAreJudgedToo) {
   EXPECT_EQ(Details(4), Strings{"ha_warn_host_rocky_problem0"});
 }
 
-TEST_F(HaWarnings, InaccessibleHost_ShowsNoOtherDetail) {
+TEST_F(HaWarnings, Warnings_HostInaccessible_HasNoOtherDetail) {
   Item(0)["ha_warn_host_rocky"] = -1;
   Item(0)["ha_warn_host_not_compatible"] = Parsed("[401,402]");
   warn_ = Parsed(R"({"ha_warn_host_short_ram":{"h1":{}},"ha_warn_host_short_cpu":{"h2":1}})");
@@ -133,13 +130,13 @@ TEST_F(HaWarnings, InaccessibleHost_ShowsNoOtherDetail) {
   EXPECT_EQ(Details(1), Strings{"ha_warn_host_short_cpu"});
 }
 
-TEST_F(HaWarnings, InaccessibleStorageHost_HasOneDetailAlthoughItsMaskIsPositive) {
+TEST_F(HaWarnings, Warnings_InaccessibleStorageHostWithPositiveMask_HasOneDetail) {
   EXPECT_EQ(DetailsFor(kStorageOnly, -1), Strings{"ha_warn_host_inaccessible"});
   EXPECT_EQ(reason_, "ha_warn_host_inaccessible");
   EXPECT_EQ(DetailsFor(kRunning, -1), Strings{"ha_warn_host_inaccessible"});
 }
 
-TEST_F(HaWarnings, Shortages_AreDetailsInTheirOrder) {
+TEST_F(HaWarnings, Warnings_Shortages_AreDetailsInOrder) {
   warn_ = Parsed(R"({"ha_warn_host_short_cpu_pin":{"h1":1,"h2":1},"ha_warn_host_short_cpu":{"h1":null},)"
                  R"("ha_warn_host_short_ram":{"h1":{}}})");
   Judge();
@@ -148,7 +145,7 @@ TEST_F(HaWarnings, Shortages_AreDetailsInTheirOrder) {
   EXPECT_EQ(Details(1), Strings{"ha_warn_host_short_cpu_pin"});
 }
 
-TEST_F(HaWarnings, ShortageOfAnotherHost_IsTheReasonAllTheSame) {
+TEST_F(HaWarnings, Warnings_ShortageOfOtherHost_IsStillReason) {
   for (const char* shortage : {"ha_warn_host_short_ram", "ha_warn_host_short_cpu", "ha_warn_host_short_cpu_pin"}) {
     warn_ = Json::Value(Json::objectValue);
     warn_[shortage]["elsewhere"] = 1;
@@ -165,7 +162,7 @@ TEST_F(HaWarnings, ShortageOfAnotherHost_IsTheReasonAllTheSame) {
   }
 }
 
-TEST_F(HaWarnings, IncompatibleHost_ShowsTwoOfTheChecks) {
+TEST_F(HaWarnings, Warnings_HostIncompatible_HasTwoChecks) {
   Item(0)["ha_warn_host_not_compatible"] = Parsed("[402,100,401,403,301,402,null,\"401\"]");
   Judge();
   EXPECT_EQ(reason_, "ha_warn_host_not_compatible");
@@ -177,7 +174,7 @@ TEST_F(HaWarnings, IncompatibleHost_ShowsTwoOfTheChecks) {
   EXPECT_EQ(reason_, "");
 }
 
-TEST_F(HaWarnings, DoubtfulHost_ShowsItsProblemsButTheFourth) {
+TEST_F(HaWarnings, Warnings_DoubtfulHost_HasProblemsExceptFourth) {
   EXPECT_EQ(DetailsFor(kRunning, 31), (Strings{"ha_warn_host_rocky_problem0", "ha_warn_host_rocky_problem1",
                                                "ha_warn_host_rocky_problem2", "ha_warn_host_rocky_problem4"}));
   EXPECT_EQ(reason_, "ha_warn_host_rocky");
@@ -188,7 +185,7 @@ TEST_F(HaWarnings, DoubtfulHost_ShowsItsProblemsButTheFourth) {
   EXPECT_EQ(reason_, "");
 }
 
-TEST_F(HaWarnings, StorageHost_IsJudgedOnThreeProblems) {
+TEST_F(HaWarnings, Warnings_StorageHost_IsRatedByThreeProblems) {
   for (const int problems : {8, 16, 24, 32}) {
     EXPECT_EQ(DetailsFor(kStorageOnly, problems), Strings{});
     EXPECT_EQ(reason_, "");
@@ -201,7 +198,7 @@ TEST_F(HaWarnings, StorageHost_IsJudgedOnThreeProblems) {
   }
 }
 
-TEST_F(HaWarnings, ProblemsWithoutAName_GiveTheReasonWithoutADetail) {
+TEST_F(HaWarnings, Warnings_UnnamedProblems_SetReasonWithoutDetail) {
   for (const int problems : {32, 40, 1 << 30}) {
     EXPECT_EQ(DetailsFor(kRunning, problems), Strings{});
     EXPECT_EQ(reason_, "ha_warn_host_rocky");
@@ -209,7 +206,7 @@ TEST_F(HaWarnings, ProblemsWithoutAName_GiveTheReasonWithoutADetail) {
   }
 }
 
-TEST_F(HaWarnings, Reason_IsTheFirstInItsOrder) {
+TEST_F(HaWarnings, Warnings_SeveralReasons_FirstInOrderCounts) {
   // From the last to the first, each added to those behind it.
   Item(1)["ha_warn_host_rocky"] = 1;
   Judge();
@@ -230,7 +227,7 @@ TEST_F(HaWarnings, Reason_IsTheFirstInItsOrder) {
   EXPECT_EQ(Details(1).size(), 5u);
 }
 
-TEST_F(HaWarnings, Severity_IsTheStatesUnlessItIsHealthyWithDetails) {
+TEST_F(HaWarnings, Warnings_HealthyWithDetails_SeverityIsNotThatOfState) {
   const std::pair<const char*, const char*> kTypes[] = {{Host::running, "warning"},
                                                         {Host::network_warn, "warning"},
                                                         {Host::control_unavail, "error"},
@@ -245,18 +242,18 @@ TEST_F(HaWarnings, Severity_IsTheStatesUnlessItIsHealthyWithDetails) {
   }
 }
 
-TEST_F(HaWarnings, InputOfAnyType_NeverThrowsAndKeepsOneRecordPerHost) {
+TEST_F(HaWarnings, Warnings_InputOfAnyType_NeverThrowsAndHasOneRecordPerHost) {
   Item(0)["ha_warn_host_rocky"] = 5;
   Item(0)["ha_warn_host_not_compatible"] = Parsed("[401]");
   warn_ = Parsed(R"({"ha_warn_host_short_ram":{"h1":{}}})");
-  ForEachSpoiled(ha_, [&] {
+  ForEachMutation(ha_, [&] {
     Judge();
     const Json::Value& items = json::Member(ha_, "hosts");
     EXPECT_EQ(hosts_.size(), items.isArray() ? items.size() : 0u);
   });
-  ForEachSpoiled(warn_, [&] { Judge(); });
+  ForEachMutation(warn_, [&] { Judge(); });
   Json::Value output = Parsed(R"([{"ha_host_status":"host_running","ha_host_status_detail":["x"]}])");
-  ForEachSpoiled(output, [&] {
+  ForEachMutation(output, [&] {
     hosts_ = output;
     GetHAWarnReason(ha_, warn_, reason_, hosts_);
     if (!output.isArray()) return;
@@ -278,7 +275,7 @@ TEST_F(HaWarnings, Ha_OutputAliasesInput_ReturnsRecordsOfInput) {
 }
 
 // Any other part of the input may be the output as well.
-TEST_F(HaWarnings, OutputInsideTheInput_GetsTheRecords) {
+TEST_F(HaWarnings, Warnings_OutputInsideInput_GetsRecords) {
   Item(0)["ha_warn_host_not_compatible"] = Parsed("[401,7]");
   Judge();
   const Json::Value expected = hosts_;
@@ -297,3 +294,4 @@ TEST_F(HaWarnings, OutputInsideTheInput_GetsTheRecords) {
 }
 
 }  // namespace
+}  // namespace vexa::test

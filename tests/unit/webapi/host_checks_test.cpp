@@ -1,19 +1,14 @@
 // What a host reports about a guest, its repository and its tasks.
 #include <fstream>
 
-#include "tests/unit/webapi/host_ground.h"
+#include "tests/unit/webapi/host_fixture.h"
 #include "webapi/guest/guest.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::CapturedSyslog;
-using vexa::test::Failure;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Success;
-using vexa::test::Text;
 using VexaVirtualization::CheckGuestRepoCap;
 using VexaVirtualization::ClearPollTaskOnHost;
 using VexaVirtualization::Guest;
@@ -36,7 +31,7 @@ std::string SourceLine(int number) {
   return line;
 }
 
-class HostChecks : public vexa::test::HostLibrary {
+class HostChecks : public HostLibrary {
  protected:
   // One line at the place in the source that writes it.
   static int ExpectRealLine(const std::string& text) {
@@ -66,7 +61,7 @@ TEST_F(HostChecks, RepositoryCheck_ReturnsUsableOrFailedCheck) {
       {R"({"repo_usable":[true],"failed_check":[5]})", 0},
   };
   for (const auto& [data, expected] : rows) {
-    vexa::test::ResetPlatform();
+    ResetPlatform();
     Platform().replies["local"] = Success(data);
     check_ = kUntouched;
     EXPECT_EQ(CheckGuestRepoCap("g", check_), 0) << data;
@@ -85,7 +80,7 @@ TEST_F(HostChecks, RepositoryCheck_Fails_KeepsCheckAndReturnsCode) {
       {Parsed("[507]"), 404}, {Parsed(R"({"error":{"code":507}})"), 407},
   };
   for (const auto& [reply, expected] : rows) {
-    vexa::test::ClearCapturedSyslog();
+    ClearCapturedSyslog();
     Platform().replies["local"] = reply;
     EXPECT_EQ(CheckGuestRepoCap("g", check_), expected) << Text(reply);
     EXPECT_EQ(check_, kUntouched);
@@ -94,27 +89,27 @@ TEST_F(HostChecks, RepositoryCheck_Fails_KeepsCheckAndReturnsCode) {
   }
 }
 
-TEST_F(HostChecks, ClearPollTask_AsksTheHostAndNeedsNoData) {
+TEST_F(HostChecks, ClearPollTask_Host_IsCalledWithoutData) {
   Platform().replies["h"] = Parsed(R"({"success":true})");
   EXPECT_EQ(ClearPollTaskOnHost("h", "task"), 0);
   ExpectSent("h", R"({"api":"VEXA.Virtualization.Cluster","version":1,"method":"clear_poll_task","task_id":"task"})");
   ExpectNoLine();
 }
 
-TEST_F(HostChecks, ClearPollTaskFails_IsMinusOneAndALineOfItsOwn) {
+TEST_F(HostChecks, ClearPollTask_Fails_IsMinusOneAndLogged) {
   Platform().replies["h"] = Failure(507);
   EXPECT_EQ(ClearPollTaskOnHost("h", "task"), -1);
   const int position = ExpectRealLine(
       R"(Bad response [{"error":{"code":507},"success":false}]/ request [)"
       R"({"api":"VEXA.Virtualization.Cluster","method":"clear_poll_task","task_id":"task","version":1}])");
-  vexa::test::ClearCapturedSyslog();
+  ClearCapturedSyslog();
   Platform().replies["local"] = Failure(507);
   (void)CheckGuestRepoCap("g", check_);
   ASSERT_EQ(CapturedSyslog().size(), 1u);
   EXPECT_FALSE(CapturedSyslog()[0].text.starts_with("utils:" + std::to_string(position) + " "));
 }
 
-class GuestInformation : public vexa::test::HostLibrary {
+class GuestInformation : public HostLibrary {
  protected:
   static Json::Value Record(const char* state) {
     Json::Value record(Json::objectValue);
@@ -154,7 +149,7 @@ TEST_F(GuestInformation, Uptime_IsJsonText) {
   }
 }
 
-TEST_F(GuestInformation, SuccessWithoutFields_IsTrueWithDefaults) {
+TEST_F(GuestInformation, GuestInfo_ReplyWithoutFields_HasDefaults) {
   for (const char* reply : {R"({"success":true})", R"({"success":true,"data":{}})", R"({"success":true,"data":[1]})"}) {
     Platform().replies["h"] = Parsed(reply);
     info_ = Json::Value();
@@ -163,7 +158,7 @@ TEST_F(GuestInformation, SuccessWithoutFields_IsTrueWithDefaults) {
   }
 }
 
-TEST_F(GuestInformation, PresentFields_AreCopiedAsTheyStand) {
+TEST_F(GuestInformation, GuestInfo_ReplyFields_AreCopiedUnchanged) {
   Platform().replies["h"] = Success(R"({"ip":null,"has_agent":"yes"})");
   EXPECT_TRUE(Guest::GetInformation("g", running_, info_));
   EXPECT_EQ(Text(info_), R"({"has_agent":"yes","ip":null,"uptime":"0"})");
@@ -185,7 +180,7 @@ TEST_F(GuestInformation, GuestInfo_GuestOff_CallsNoHost) {
   ExpectNoLine();
 }
 
-TEST_F(GuestInformation, HostFails_LeavesTheDefaultsAndNoLine) {
+TEST_F(GuestInformation, GuestInfo_HostFails_KeepsDefaultsWithoutLogLine) {
   Platform().replies["h"] = Failure(102);
   Platform().replies["h"]["data"] = Parsed(R"({"ip":["10.0.0.1"],"uptime":3600,"has_agent":true})");
   EXPECT_FALSE(Guest::GetInformation("g", running_, info_));
@@ -201,7 +196,7 @@ TEST_F(GuestInformation, GuestInfo_OutputAliasesRecord_IsReadFirst) {
   EXPECT_EQ(info_["host_id"], "h");
 }
 
-TEST_F(GuestInformation, OutputOfAnyType_BecomesAnObject) {
+TEST_F(GuestInformation, GuestInfo_OutputOfAnyType_BecomesObject) {
   for (const char* before : {"null", "true", "5", R"("x")", "[1]"}) {
     info_ = Parsed(before);
     EXPECT_FALSE(Guest::GetInformation("g", Json::Value(), info_));
@@ -210,3 +205,4 @@ TEST_F(GuestInformation, OutputOfAnyType_BecomesAnObject) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,22 +1,18 @@
-// Every node of every good reply and record, replaced by every kind of value: nothing throws, and what is reported is
-// reported in its form.
+// Every node of every valid reply and record, replaced by every kind of value: nothing throws, and results keep their
+// documented form.
 #include <functional>
 #include <vector>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/host_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/host_fixture.h"
 #include "webapi/guest/guest.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 namespace json = VexaVirtualization::json;
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
-using vexa::test::CapturedSyslog;
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Text;
 
 // As they stand in the reply, without the reader under test.
 bool Succeeds(const Json::Value& reply) {
@@ -27,7 +23,7 @@ bool HasDataMember(const Json::Value& reply, const char* name) {
   return HasData(reply) && reply["data"].isObject() && reply["data"].isMember(name);
 }
 
-class HostileReplies : public vexa::test::HostLibrary {
+class HostileReplies : public HostLibrary {
  protected:
   void SetUp() override {
     HostLibrary::SetUp();
@@ -37,9 +33,9 @@ class HostileReplies : public vexa::test::HostLibrary {
   static void WithReplies(std::string_view good_reply, const std::function<void(const Json::Value& reply)>& visit) {
     Platform().replies["good"] = Parsed(good_reply);
     Json::Value reply = Parsed(good_reply);
-    ForEachSpoiled(reply, [&] {
+    ForEachMutation(reply, [&] {
       Platform().replies["h"] = Platform().replies["local"] = reply;
-      vexa::test::ClearCapturedSyslog();
+      ClearCapturedSyslog();
       visit(reply);
     });
   }
@@ -49,21 +45,21 @@ class HostileReplies : public vexa::test::HostLibrary {
 constexpr const char* kUtilization = R"({"success":true,"has_fail":false,"data":{"result":[
   {"data":{"cpu":{"system_load":1},"memory":{"a":1}}},{"data":{"memory":{"b":2}}}]}})";
 
-TEST_F(HostileReplies, Utilization_IsAnObjectWithMemoryOrUntouched) {
+TEST_F(HostileReplies, Utilization_AnyReply_IsObjectWithMemoryOrUntouched) {
   WithReplies(kUtilization, [](const Json::Value& reply) {
     Json::Value out = "untouched";
-    const bool told = GetSysUtilization("h", Json::Value(), out);
-    EXPECT_EQ(told, HasData(reply));
-    if (told) {
+    const bool reported = GetSysUtilization("h", Json::Value(), out);
+    EXPECT_EQ(reported, HasData(reply));
+    if (reported) {
       EXPECT_TRUE(out.isObject() && out.isMember("memory")) << Text(out);
     } else {
       EXPECT_EQ(out, "untouched");
     }
-    ExpectLines(told ? 0 : 1);
+    ExpectLines(reported ? 0 : 1);
   });
 }
 
-TEST_F(HostileReplies, SystemAndVolume_AreTheDataOrUntouched) {
+TEST_F(HostileReplies, SystemAndVolume_AnyReply_AreDataOrUntouched) {
   WithReplies(R"({"success":true,"data":{"a":{"b":[1]}}})", [](const Json::Value& reply) {
     Json::Value system = "untouched";
     Json::Value volume = "untouched";
@@ -75,7 +71,7 @@ TEST_F(HostileReplies, SystemAndVolume_AreTheDataOrUntouched) {
   });
 }
 
-TEST_F(HostileReplies, DiskUsage_HasUnsignedTotalsOfItsDisks) {
+TEST_F(HostileReplies, DiskUsage_AnyReply_HasUnsignedTotalsOfItsDisks) {
   WithReplies(R"({"success":true,"data":{"vdisks":[{"vdisk_id":"a","total_size":10,"used_size":1},
     {"vdisk_id":"b","total_size":20,"used_size":2}]}})",
               [](const Json::Value& reply) {
@@ -100,7 +96,7 @@ TEST_F(HostileReplies, DiskUsage_HasUnsignedTotalsOfItsDisks) {
               });
 }
 
-TEST_F(HostileReplies, NetStat_NeedsBothMembers) {
+TEST_F(HostileReplies, NetStat_AnyReply_NeedsBothMembers) {
   WithReplies(R"({"success":true,"data":{"speed":1000,"status":"up"}})", [](const Json::Value& reply) {
     Json::Value out = "untouched";
     const bool both = HasDataMember(reply, "speed") && HasDataMember(reply, "status");
@@ -110,7 +106,7 @@ TEST_F(HostileReplies, NetStat_NeedsBothMembers) {
   });
 }
 
-TEST_F(HostileReplies, Information_HasItsThreeMembers) {
+TEST_F(HostileReplies, GuestInfo_AnyReply_HasItsThreeMembers) {
   const Json::Value record = Parsed(R"({"host_id":"h","state":"guest_running"})");
   WithReplies(R"({"success":true,"data":{"ip":["1"],"uptime":{"a":[5]},"has_agent":true}})",
               [&record](const Json::Value& reply) {
@@ -122,7 +118,7 @@ TEST_F(HostileReplies, Information_HasItsThreeMembers) {
               });
 }
 
-TEST_F(HostileReplies, Checks_AnswerTheirCodes) {
+TEST_F(HostileReplies, Checks_AnyReply_ReturnTheirCodes) {
   WithReplies(R"({"success":true,"error":{"code":507},"data":{"repo_usable":false,"failed_check":311}})",
               [](const Json::Value& reply) {
                 auto check = static_cast<VMCHECK>(-77);
@@ -155,7 +151,7 @@ void ExpectFigures(const Json::Value& host) {
   }
 }
 
-TEST_F(HostileReplies, Resources_OneBadHostSpoilsNoOther) {
+TEST_F(HostileReplies, Resources_OneBadHost_OthersAreUnaffected) {
   const Json::Value record = Parsed(R"({"cpu_cores":4,"cpu_clock_speed":2400,"prefer_connect_ip":"1"})");
   Platform().records["host/h/object"] = Platform().records["host/good/object"] = record;
   WithReplies(kResources, [](const Json::Value& reply) {
@@ -170,11 +166,11 @@ TEST_F(HostileReplies, Resources_OneBadHostSpoilsNoOther) {
   });
 }
 
-TEST_F(HostileReplies, ResourcesWithASpoiledRecord_HaveTheirForm) {
+TEST_F(HostileReplies, Resources_MutatedRecord_HaveTheirForm) {
   Platform().all_hosts = {"h"};
   Platform().replies["h"] = Parsed(kResources);
   Json::Value record = Parsed(R"({"cpu_cores":4,"cpu_clock_speed":2400,"prefer_connect_ip":"1","ram_size":5})");
-  ForEachSpoiled(record, [&record] {
+  ForEachMutation(record, [&record] {
     Platform().records["host/h/object"] = record;
     Json::Value out;
     EXPECT_EQ(GetHostResourceInfo(true, out), 0);
@@ -184,7 +180,7 @@ TEST_F(HostileReplies, ResourcesWithASpoiledRecord_HaveTheirForm) {
   });
 }
 
-TEST_F(HostileReplies, Interfaces_EachHasItsIds) {
+TEST_F(HostileReplies, Interfaces_AnyReply_EachHasItsIds) {
   for (const char* id : {"h", "good"}) {
     Platform().children["host/" + std::string(id) + "/nics"] = {"n0"};
     Platform().records["host/" + std::string(id) + "/nics/n0"] = Parsed(R"({"name":"eth0"})");
@@ -204,12 +200,12 @@ TEST_F(HostileReplies, Interfaces_EachHasItsIds) {
               });
 }
 
-TEST_F(HostileReplies, SpoiledNicRecords_AreSkippedOrNamed) {
+TEST_F(HostileReplies, Interfaces_MutatedNicRecords_AreSkippedOrNamed) {
   Platform().all_hosts = {"h"};
-  Platform().replies["h"] = vexa::test::Success(R"([{"ifname":"eth0"},{"ifname":""},{},null,5,[]])");
+  Platform().replies["h"] = Success(R"([{"ifname":"eth0"},{"ifname":""},{},null,5,[]])");
   Platform().children["host/h/nics"] = {"n0"};
   Json::Value record = Parsed(R"({"name":"eth0","more":{"a":1}})");
-  ForEachSpoiled(record, [&record] {
+  ForEachMutation(record, [&record] {
     Platform().records["host/h/nics/n0"] = record;
     Json::Value out(Json::arrayValue);
     GetAllInterfaceInfo(out);
@@ -223,22 +219,22 @@ TEST_F(HostileReplies, SpoiledNicRecords_AreSkippedOrNamed) {
   });
 }
 
-TEST_F(HostileReplies, SpoiledGuestRecord_AsksAHostOnlyWhenItRuns) {
-  Platform().replies["h"] = vexa::test::Success(R"({"uptime":5})");
+TEST_F(HostileReplies, GuestInfo_MutatedRecord_CallsHostOnlyWhenRunning) {
+  Platform().replies["h"] = Success(R"({"uptime":5})");
   Json::Value record = Parsed(R"({"host_id":"h","state":"guest_running"})");
-  ForEachSpoiled(record, [&record] {
+  ForEachMutation(record, [&record] {
     Platform().sent.clear();
     Json::Value info;
-    const bool told = Guest::GetInformation("g", record, info);
-    EXPECT_EQ(info["uptime"], told ? "5" : "0");
+    const bool reported = Guest::GetInformation("g", record, info);
+    EXPECT_EQ(info["uptime"], reported ? "5" : "0");
     EXPECT_EQ(Platform().sent.size(), json::String(json::Member(record, "state")) == "guest_running" ? 1u : 0u);
   });
 }
 
-TEST_F(HostileReplies, Figures_OfAnyValueAreNumbers) {
+TEST_F(HostileReplies, Figures_AnyValue_AreNumbers) {
   Json::Value utilization = Parsed(R"({"cpu":{"system_load":1,"user_load":2},"memory":{"avail_real":1,"buffer":2,
     "cached":3}})");
-  ForEachSpoiled(utilization, [&utilization] {
+  ForEachMutation(utilization, [&utilization] {
     if (!json::Member(utilization, "cpu").isObject()) {
       EXPECT_EQ(GetCpuUsage(utilization), -1);
     }
@@ -251,3 +247,4 @@ TEST_F(HostileReplies, Figures_OfAnyValueAreNumbers) {
 }
 
 }  // namespace
+}  // namespace vexa::test

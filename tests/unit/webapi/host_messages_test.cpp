@@ -1,12 +1,11 @@
 // Requests, replies, and what the library reads from a whole reply.
-#include "tests/unit/webapi/host_ground.h"
+#include "tests/unit/webapi/host_fixture.h"
 #include "webapi/platform/dr.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Parsed;
-using vexa::test::Text;
 using VexaDRCore::Request;
 using VexaDRCore::Response;
 
@@ -31,13 +30,13 @@ TEST(Request, Parameters_AreMergedAndLaterOnesWin) {
   EXPECT_EQ(request.timeout_s(), 7);
 }
 
-TEST(Request, AnythingButAnObject_AddsNothing) {
+TEST(Request, Request_ParametersNotObject_AddNothing) {
   Request request;
   for (const char* value : {"null", "true", "5", "2.5", R"("x")", "[]", "[1,2]"}) request.addParam(Parsed(value));
   EXPECT_EQ(Text(request.parameters()), "{}");
 }
 
-TEST(Request, ParameterNamedLikeItsOwn_DoesNotReplaceThem) {
+TEST(Request, Request_ParameterNamedLikeField_DoesNotReplaceIt) {
   Request request;
   request.setAPI("A");
   request.setMethod("m");
@@ -68,7 +67,7 @@ TEST(Response, Response_New_IsNotSuccess) {
   EXPECT_TRUE(response.toJson().isNull());
 }
 
-TEST(Response, Success_IsTheJsonTrueAndNothingElse) {
+TEST(Response, Success_NotJsonTrue_IsFalse) {
   EXPECT_TRUE(Response(Parsed(R"({"success":true})")).isSuccess());
   for (const char* reply : {"null", "true", "[]", "[true]", "{}", R"({"success":1})", R"({"success":"true"})",
                             R"({"success":null})", R"({"success":false})", R"({"success":{"success":true}})"}) {
@@ -88,15 +87,15 @@ TEST(Response, Response_NullAndAbsentFields_AreDistinguished) {
   EXPECT_EQ(response.getDataField("b"), 2);
   EXPECT_TRUE(response.getDataField("c").isNull());
   for (const char* data : {"true", "5", R"("b")", "[]", R"(["b"])"}) {
-    const Response other(vexa::test::Success(data));
+    const Response other(Success(data));
     EXPECT_TRUE(other.hasData()) << data;
     EXPECT_FALSE(other.hasDataField("b")) << data;
     EXPECT_TRUE(other.getDataField("b").isNull()) << data;
   }
 }
 
-TEST(Response, ErrorCode_IsReadWhenItIsANumberOfItsOwn) {
-  EXPECT_EQ(Response(vexa::test::Success("1")).getErrCode(), 0);
+TEST(Response, ErrorCode_NotNumber_IsNotRead) {
+  EXPECT_EQ(Response(Success("1")).getErrCode(), 0);
   const std::pair<const char*, int> rows[] = {
       {"507", 507},  {"507.0", 507}, {"-3", -3},  {"0", 100},  {"507.5", 100},       {R"("507")", 100},
       {"true", 100}, {"null", 100},  {"[]", 100}, {"{}", 100}, {"99999999999", 100},
@@ -120,13 +119,13 @@ TEST(Response, ErrorMessage_IsTheDetailsOrTheMessage) {
 }
 
 TEST(Response, Clear_LeavesNoReply) {
-  Response response(vexa::test::Success("1"));
+  Response response(Success("1"));
   response.clear();
   EXPECT_FALSE(response.isSuccess());
   EXPECT_TRUE(response.toJson().isNull());
 }
 
-TEST(HasFail, Field_IsReadAtTheTopAsABoolean) {
+TEST(HasFail, HasFail_TopLevelField_IsReadAsBoolean) {
   const std::pair<const char*, bool> rows[] = {
       {R"({"has_fail":true})", true},
       {R"({"has_fail":false})", false},
@@ -144,16 +143,17 @@ TEST(HasFail, Field_IsReadAtTheTopAsABoolean) {
   }
 }
 
-TEST(WritableValue, AnyValue_IsConvertedWithoutChangingTheInput) {
+TEST(WritableValue, AnyValue_Converted_LeavesInputUnchanged) {
   namespace json = VexaVirtualization::json;
   for (const char* text : {"null", "true", "5", "2.5", R"("x")", "[1]", R"({"a":1})"}) {
     Json::Value object = Parsed(text);
     Json::Value array = Parsed(text);
-    EXPECT_EQ(&json::MakeObject(object), &object);
-    EXPECT_EQ(&json::MakeArray(array), &array);
+    EXPECT_EQ(&json::EnsureObject(object), &object);
+    EXPECT_EQ(&json::EnsureArray(array), &array);
     EXPECT_EQ(Text(object), Parsed(text).isObject() ? text : "{}");
     EXPECT_EQ(Text(array), Parsed(text).isArray() ? text : "[]");
   }
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,21 +1,16 @@
 // Interfaces of hosts, and addresses of guests' interfaces.
-#include "tests/unit/webapi/host_ground.h"
+#include "tests/unit/webapi/host_fixture.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Failure;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::SentRequest;
-using vexa::test::Success;
-using vexa::test::Text;
 using VexaVirtualization::GetAllInterfaceInfo;
 using VexaVirtualization::GetDefaultVnic;
 using VexaVirtualization::GetInterfaceNameById;
 using VexaVirtualization::MacAddrCheck;
 
-class HostNetwork : public vexa::test::HostLibrary {
+class HostNetwork : public HostLibrary {
  protected:
   static void AddNic(const std::string& host, const std::string& id, std::string_view record) {
     Platform().children["host/" + host + "/nics"].push_back(id);
@@ -28,7 +23,7 @@ class HostNetwork : public vexa::test::HostLibrary {
   Json::Value out_;
 };
 
-TEST_F(HostNetwork, AllInterfaces_AreThoseWithARecordInTheRecordsOrder) {
+TEST_F(HostNetwork, AllInterfaces_WithRecord_AreInRecordOrder) {
   AddHost("h2", R"([{"ifname":"eth0","ip":"1"},{"ifname":"eth1","ip":"2"},{"ifname":"lo"}])");
   AddNic("h2", "n1", R"({"name":"eth1"})");
   AddNic("h2", "n0", R"({"name":"eth0"})");
@@ -47,7 +42,7 @@ TEST_F(HostNetwork, AllInterfaces_AreThoseWithARecordInTheRecordsOrder) {
   ExpectNoLine();
 }
 
-TEST_F(HostNetwork, NameOfSeveralInterfaces_YieldsThemAll) {
+TEST_F(HostNetwork, InterfacesByName_SeveralMatch_ReturnsAll) {
   AddHost("h", R"([{"ifname":"eth0","ip":"1"},{"ifname":"eth0","ip":"2"}])");
   AddNic("h", "n0", R"({"name":"eth0"})");
   AddNic("h", "n1", R"({"name":"eth0"})");
@@ -55,7 +50,7 @@ TEST_F(HostNetwork, NameOfSeveralInterfaces_YieldsThemAll) {
   EXPECT_EQ(out_.size(), 4u);
 }
 
-TEST_F(HostNetwork, NameWithASwitchsPrefix_IsNotTrimmed) {
+TEST_F(HostNetwork, InterfacesByName_SwitchPrefix_IsNotTrimmed) {
   AddHost("h", R"([{"ifname":"eth0"},{"ifname":"ovs_eth1"},{"ifname":"eth2 "}])");
   AddNic("h", "n0", R"({"name":"ovs_eth0"})");
   AddNic("h", "n1", R"({"name":"eth1"})");
@@ -64,7 +59,7 @@ TEST_F(HostNetwork, NameWithASwitchsPrefix_IsNotTrimmed) {
   EXPECT_TRUE(out_.isNull());
 }
 
-TEST_F(HostNetwork, HostsAndNicsThatFail_AreSkipped) {
+TEST_F(HostNetwork, AllInterfaces_HostOrNicFails_IsSkipped) {
   for (const char* id : {"failed", "part", "empty", "unlisted", "bare", "good"}) {
     AddHost(id, R"([{"ifname":"eth0"}])");
     if (std::string(id) != "bare") AddNic(id, "n0", R"({"name":"eth0"})");
@@ -99,7 +94,7 @@ TEST_F(HostNetwork, Network_InterfacesNotObjects_MatchNoName) {
             R"([{"host_id":"h","ifname":["eth0"],"interface_id":"n0"},{"host_id":"h","interface_id":"n0"}])");
 }
 
-TEST_F(HostNetwork, OutputOfAnyType_IsAppendedToOrReplaced) {
+TEST_F(HostNetwork, AllInterfaces_OutputOfAnyType_IsAppendedToOrReplaced) {
   AddHost("h", R"([{"ifname":"eth0"}])");
   AddNic("h", "n0", R"({"name":"eth0"})");
   for (const char* before : {"null", "5", R"("x")", R"({"a":1})", "[]"}) {
@@ -111,7 +106,7 @@ TEST_F(HostNetwork, OutputOfAnyType_IsAppendedToOrReplaced) {
   EXPECT_EQ(out_.size(), 2u);
 }
 
-TEST_F(HostNetwork, NameById_IsTheRecordsWithoutThePrefix) {
+TEST_F(HostNetwork, NameById_RecordName_IsReturnedWithoutPrefix) {
   AddNic("h", "n0", R"({"name":"ovs_eth0"})");
   AddNic("h", "n1", R"({"name":"bond1"})");
   AddNic("h", "n2", R"({})");
@@ -125,7 +120,7 @@ TEST_F(HostNetwork, NameById_IsTheRecordsWithoutThePrefix) {
   EXPECT_TRUE(Platform().sent.empty());
 }
 
-TEST_F(HostNetwork, NameByIdFails_NameStays) {
+TEST_F(HostNetwork, NameById_Fails_KeepsName) {
   AddNic("h", "n0", R"({"name":"eth0"})");
   AddNic("h", "gone", R"({})");
   Platform().records.erase("host/h/nics/gone");
@@ -142,7 +137,7 @@ TEST_F(HostNetwork, NameByIdFails_NameStays) {
   ExpectNoLine();
 }
 
-TEST_F(HostNetwork, FreeAddress_LeavesTheErrorUntouched) {
+TEST_F(HostNetwork, MacCheck_FreeAddress_LeavesErrorUntouched) {
   for (const char* before : {"null", "5", R"({"a":1})"}) {
     out_ = Parsed(before);
     EXPECT_EQ(MacAddrCheck("02:00:00:00:00:01", out_), 0);
@@ -173,7 +168,7 @@ TEST_F(HostNetwork, MacCheck_UsedByNamelessGuest_ReportsAddressOnly) {
   }
 }
 
-TEST_F(HostNetwork, DefaultVnic_IsAppendedWithANewAddress) {
+TEST_F(HostNetwork, DefaultVnic_Added_HasNewAddress) {
   Platform().new_address = "02:00:00:00:00:07";
   const std::string vnic =
       R"({"mac":"02:00:00:00:00:07","network_id":"","prefer_sriov":false,"type":"add","vnic_type":1})";
@@ -188,9 +183,9 @@ TEST_F(HostNetwork, DefaultVnic_IsAppendedWithANewAddress) {
   ExpectNoLine();
 }
 
-TEST_F(HostNetwork, NoNewAddress_LeavesTheListAndWritesLine1737) {
+TEST_F(HostNetwork, DefaultVnic_NoNewAddress_KeepsListAndLogsLine1737) {
   for (const int result : {-1, 1}) {
-    vexa::test::ClearCapturedSyslog();
+    ClearCapturedSyslog();
     Platform().address_result = result;
     out_ = "untouched";
     EXPECT_EQ(GetDefaultVnic(out_), -1);
@@ -200,3 +195,4 @@ TEST_F(HostNetwork, NoNewAddress_LeavesTheListAndWritesLine1737) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,21 +1,17 @@
 // Questions to one host about its load, system, volumes, disks and interfaces.
-#include "tests/unit/webapi/host_ground.h"
+#include "tests/unit/webapi/host_fixture.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Failure;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Success;
-using vexa::test::Text;
 using VexaVirtualization::GetNetStat;
 using VexaVirtualization::GetSysInfo;
 using VexaVirtualization::GetSysUtilization;
 using VexaVirtualization::GetVdiskUsage;
 using VexaVirtualization::GetVolumeInfo;
 
-class HostQueries : public vexa::test::HostLibrary {
+class HostQueries : public HostLibrary {
  protected:
   Json::Value out_ = "untouched";
 };
@@ -25,7 +21,7 @@ constexpr const char* kUtilizationRequest = R"({"api":"VEXA.Entry.Request","vers
   {"api":"VEXA.Core.System.Utilization","version":1,"method":"get","resource":["cpu","disk"]},
   {"api":"VEXA.CCC.Cluster.Member","version":1,"method":"utilization_get","resource":["memory"]}]})";
 
-TEST_F(HostQueries, Utilization_MemoryIsTheMembersView) {
+TEST_F(HostQueries, Utilization_Memory_ComesFromMember) {
   Platform().replies["h"] = Success(
       R"({"result":[{"data":{"cpu":{"user_load":3},"memory":{"old":1}}},{"data":{"memory":{"new":2},"cpu":0}}]})");
   EXPECT_TRUE(GetSysUtilization("h", Parsed(R"({"resource":["cpu","disk"],"other":1})"), out_));
@@ -34,7 +30,7 @@ TEST_F(HostQueries, Utilization_MemoryIsTheMembersView) {
   ExpectNoLine();
 }
 
-TEST_F(HostQueries, UtilizationWithoutResource_SendsNull) {
+TEST_F(HostQueries, Utilization_NoResource_SendsNull) {
   for (const char* params : {"{}", "null", "5", R"("x")", "[]"}) {
     Platform().sent.clear();
     (void)GetSysUtilization("h", Parsed(params), out_);
@@ -58,7 +54,7 @@ TEST_F(HostQueries, Query_OutputAliasesParameters_AreReadFirst) {
   EXPECT_EQ(Text(Platform().sent.at(0).json["volume_path"]), R"("/v")");
 }
 
-TEST_F(HostQueries, UtilizationWithoutEntries_IsASuccessWithNullMembers) {
+TEST_F(HostQueries, Utilization_NoEntries_SucceedsWithNullMembers) {
   const std::pair<const char*, const char*> rows[] = {
       {"{}", R"({"memory":null})"},
       {"5", R"({"memory":null})"},
@@ -78,7 +74,7 @@ TEST_F(HostQueries, UtilizationWithoutEntries_IsASuccessWithNullMembers) {
   ExpectNoLine();
 }
 
-TEST_F(HostQueries, UtilizationFails_OutputStaysAndLine256IsWritten) {
+TEST_F(HostQueries, Utilization_Fails_KeepsOutputAndLogsLine256) {
   Platform().replies["h"] = Failure(102);
   EXPECT_FALSE(GetSysUtilization("h", Parsed(R"({"resource":["cpu","disk"]})"), out_));
   EXPECT_EQ(out_, "untouched");
@@ -101,7 +97,7 @@ TEST_F(HostQueries, SystemInfo_ReturnsDataUnchanged) {
   ExpectNoLine();
 }
 
-TEST_F(HostQueries, SystemInfoWithoutData_OutputStaysAndLine297IsWritten) {
+TEST_F(HostQueries, SystemInfo_NoData_KeepsOutputAndLogsLine297) {
   Platform().replies["h"] = Parsed(R"({"success":true})");
   EXPECT_FALSE(GetSysInfo("h", out_));
   EXPECT_EQ(out_, "untouched");
@@ -109,7 +105,7 @@ TEST_F(HostQueries, SystemInfoWithoutData_OutputStaysAndLine297IsWritten) {
                           R"({"api":"VEXA.Core.System","method":"info","version":1}])");
 }
 
-TEST_F(HostQueries, VolumeInfo_SendsEveryMemberAsAParameter) {
+TEST_F(HostQueries, VolumeInfo_EveryMember_IsSentAsParameter) {
   Platform().replies["h"] = Success(R"({"volume":1})");
   EXPECT_TRUE(GetVolumeInfo("h", Parsed(R"({"volume_path":"/v","additional":[1]})"), out_));
   EXPECT_EQ(Text(out_), R"({"volume":1})");
@@ -118,7 +114,7 @@ TEST_F(HostQueries, VolumeInfo_SendsEveryMemberAsAParameter) {
   ExpectNoLine();
 }
 
-TEST_F(HostQueries, VolumeInfoFails_OutputStaysAndLine323IsWritten) {
+TEST_F(HostQueries, VolumeInfo_Fails_KeepsOutputAndLogsLine323) {
   Platform().replies["h"] = Parsed(R"({"success":true,"data":null})");
   EXPECT_FALSE(GetVolumeInfo("h", Parsed("[5]"), out_));
   EXPECT_EQ(out_, "untouched");
@@ -126,14 +122,14 @@ TEST_F(HostQueries, VolumeInfoFails_OutputStaysAndLine323IsWritten) {
                           R"({"api":"VEXA.Core.Storage.Volume","method":"get","version":1}])");
 }
 
-TEST_F(HostQueries, PercentSignsInAReply_StayInTheLine) {
+TEST_F(HostQueries, Log_PercentSignsInReply_AreKept) {
   Platform().replies["h"] = Parsed(R"({"success":false,"error":"%s%n%d\n"})");
   EXPECT_FALSE(GetSysInfo("h", out_));
   ExpectOnlyLine(LOG_ERR, R"(utils:297 Bad response [{"error":"%s%n%d\n","success":false}]/ request [)"
                           R"({"api":"VEXA.Core.System","method":"info","version":1}])");
 }
 
-TEST_F(HostQueries, DiskUsage_IsPerDiskAndInTotal) {
+TEST_F(HostQueries, DiskUsage_SeveralDisks_IsPerDiskAndInTotal) {
   Platform().replies["h"] = Success(R"({"vdisks":[{"vdisk_id":"a","total_size":10,"used_size":4},
     {"vdisk_id":"b","total_size":18446744073709551600,"used_size":5000000000}]})");
   out_ = Parsed(R"({"kept":true})");
@@ -146,14 +142,14 @@ TEST_F(HostQueries, DiskUsage_IsPerDiskAndInTotal) {
   ExpectNoLine();
 }
 
-TEST_F(HostQueries, DiskUsageSum_WrapsAround) {
+TEST_F(HostQueries, DiskUsage_SumOverflows_WrapsAround) {
   Platform().replies["h"] = Success(R"({"vdisks":[{"vdisk_id":"a","total_size":18446744073709551615},
     {"vdisk_id":"b","total_size":2}]})");
   GetVdiskUsage("guest", "h", out_);
   EXPECT_EQ(out_["total_size"].asUInt64(), 1u);
 }
 
-TEST_F(HostQueries, DiskUsageOfNoDisks_IsUnsignedZeroAndNothingElse) {
+TEST_F(HostQueries, DiskUsage_NoDisks_IsUnsignedZero) {
   for (const char* disks : {"[]", "{}", "null", "5", R"({"a":{"total_size":1}})"}) {
     Platform().replies["h"] = Success(std::string(R"({"vdisks":)") + disks + "}");
     out_ = Json::Value();
@@ -165,7 +161,7 @@ TEST_F(HostQueries, DiskUsageOfNoDisks_IsUnsignedZeroAndNothingElse) {
   ExpectNoLine();
 }
 
-TEST_F(HostQueries, DiskUsageFails_TotalsAreZeroAndDebugLine352IsWritten) {
+TEST_F(HostQueries, DiskUsage_Fails_TotalsAreZeroAndLogsDebugLine352) {
   Platform().replies["h"] = Success("{}");
   out_ = Parsed(R"({"kept":1,"total_size":99})");
   GetVdiskUsage("guest", "h", out_);
@@ -175,7 +171,7 @@ TEST_F(HostQueries, DiskUsageFails_TotalsAreZeroAndDebugLine352IsWritten) {
                             R"({"api":"VEXA.CCC.VDisk","guest_id":"guest","method":"list","version":1}])");
 }
 
-TEST_F(HostQueries, NetStat_NamesThatContainBondAreAskedForAsBonds) {
+TEST_F(HostQueries, NetStat_NameContainsBond_IsRequestedAsBond) {
   struct Row {
     const char* name;
     const char* api;
@@ -207,7 +203,7 @@ TEST_F(HostQueries, NetStat_SpeedAndStatus_AreCopiedUnchanged) {
   EXPECT_EQ(Text(out_), R"({"kept":1,"speed":null,"status":["up"]})");
 }
 
-TEST_F(HostQueries, NetStatWithoutOneOfTheTwo_FailsSilently) {
+TEST_F(HostQueries, NetStat_OneMemberMissing_FailsSilently) {
   for (const char* data : {R"({"speed":1})", R"({"status":"up"})", "{}", "[]", "null", R"("speed")"}) {
     Platform().replies["h"] = Success(data);
     EXPECT_FALSE(GetNetStat("h", "eth0", out_)) << data;
@@ -220,3 +216,4 @@ TEST_F(HostQueries, NetStatWithoutOneOfTheTwo_FailsSilently) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,17 +1,12 @@
 // What every host of the cluster has free, and how it is reached.
 #include <limits>
 
-#include "tests/unit/webapi/host_ground.h"
+#include "tests/unit/webapi/host_fixture.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
-using vexa::test::Failure;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::SentRequest;
-using vexa::test::Success;
-using vexa::test::Text;
 using VexaVirtualization::GetCpuUsage;
 using VexaVirtualization::GetFreeRamSize;
 using VexaVirtualization::GetHostResourceInfo;
@@ -30,7 +25,7 @@ constexpr const char* kAnswer = R"({"result":[
 constexpr const char* kReached = R"("https_enable":true,"https_port":443,"https_redirect":false,)"
                                  R"("ipList":["10.0.0.1","10.0.0.2"])";
 
-class HostResources : public vexa::test::HostLibrary {
+class HostResources : public HostLibrary {
  protected:
   // A host that answers and has a record.
   static void AddHost(const std::string& id, std::string_view answer = kAnswer,
@@ -42,7 +37,7 @@ class HostResources : public vexa::test::HostLibrary {
   Json::Value out_;
 };
 
-TEST_F(HostResources, WithUsage_EveryHostIsAskedForFourThings) {
+TEST_F(HostResources, Resources_WithUsage_SendsFourItemsToEveryHost) {
   AddHost("h1");
   AddHost("h2");
   EXPECT_EQ(GetHostResourceInfo(true, out_), 0);
@@ -67,7 +62,7 @@ TEST_F(HostResources, WithUsage_EveryHostIsAskedForFourThings) {
   ExpectNoLine();
 }
 
-TEST_F(HostResources, WithoutUsage_TwoItemsAreSentAndNoFiguresWritten) {
+TEST_F(HostResources, Resources_WithoutUsage_SendsTwoItemsAndWritesNoFigures) {
   AddHost("h1");
   EXPECT_EQ(GetHostResourceInfo(false, out_), 0);
   EXPECT_EQ(Text(out_), std::string(R"({"h1":{"http_port":80,)") + kReached + "}}");
@@ -77,7 +72,7 @@ TEST_F(HostResources, WithoutUsage_TwoItemsAreSentAndNoFiguresWritten) {
                             {"api":"VEXA.Core.Network.Interface","version":1,"method":"list"}])")));
 }
 
-TEST_F(HostResources, FiguresHaveTheirTypes) {
+TEST_F(HostResources, Resources_Figures_HaveTheirTypes) {
   AddHost("h1");
   EXPECT_EQ(GetHostResourceInfo(true, out_), 0);
   EXPECT_EQ(out_["h1"]["cpu_usage"].type(), Json::intValue);
@@ -85,7 +80,7 @@ TEST_F(HostResources, FiguresHaveTheirTypes) {
   EXPECT_EQ(out_["h1"]["free_ram_size"].type(), Json::intValue);
 }
 
-TEST_F(HostResources, NoHosts_NoOutputAndNoError) {
+TEST_F(HostResources, Resources_NoHosts_HasNoOutputAndNoError) {
   EXPECT_EQ(GetHostResourceInfo(true, out_), 0);
   EXPECT_TRUE(out_.isNull());
   out_ = "kept";
@@ -93,7 +88,7 @@ TEST_F(HostResources, NoHosts_NoOutputAndNoError) {
   EXPECT_EQ(out_, "kept");
 }
 
-TEST_F(HostResources, HostsThatFail_AreLeftOutAndTheirRecordsNotRead) {
+TEST_F(HostResources, Resources_HostFails_IsOmittedAndItsRecordNotRead) {
   for (const char* id : {"failed", "part", "empty", "silent", "good"}) AddHost(id);
   Platform().replies["failed"] = Failure(102);
   Platform().replies["part"]["has_fail"] = true;
@@ -111,7 +106,7 @@ TEST_F(HostResources, HostsThatFail_AreLeftOutAndTheirRecordsNotRead) {
 
 TEST_F(HostResources, Resources_UnreadableRecord_StopsWith403AndKeepsEarlierHosts) {
   for (const int result : {-1, 2, 1}) {
-    vexa::test::ResetPlatform();
+    ResetPlatform();
     for (const char* id : {"b", "a", "c"}) AddHost(id);  // not in the order of their names
     Platform().read_results["host/a/object"] = result;
     out_ = Parsed(R"({"before":1})");
@@ -122,7 +117,7 @@ TEST_F(HostResources, Resources_UnreadableRecord_StopsWith403AndKeepsEarlierHost
   ExpectNoLine();
 }
 
-TEST_F(HostResources, PreferredAddress_IsCopiedWhenTheRecordHasIt) {
+TEST_F(HostResources, Resources_PreferredAddressInRecord_IsCopied) {
   AddHost("h1", kAnswer, R"({"prefer_connect_ip":null})");
   AddHost("h2", kAnswer, R"({"prefer_connect_ip":"10.9.9.9"})");
   AddHost("h3");
@@ -133,7 +128,7 @@ TEST_F(HostResources, PreferredAddress_IsCopiedWhenTheRecordHasIt) {
   EXPECT_FALSE(out_["h3"].isMember("prefer_connect_ip"));
 }
 
-TEST_F(HostResources, OnlyUnusableInterfaces_LeaveNoList) {
+TEST_F(HostResources, Resources_OnlyUnusableInterfaces_HasNoList) {
   AddHost("h1", R"({"result":[{},{"data":[{"ip":"1","status":"disconnected"},{"ip":"2","type":"wificlient"},
     {"ip":""},{"status":"connected"},{"ip":null},5,null,["ip"]]}]})");
   AddHost("h2", R"({"result":[{},{"data":{"0":{"ip":"10.0.0.1"}}}]})");
@@ -143,7 +138,7 @@ TEST_F(HostResources, OnlyUnusableInterfaces_LeaveNoList) {
   }
 }
 
-TEST_F(HostResources, NoLoadFigures_AreMinusOneAnd101Percent) {
+TEST_F(HostResources, Resources_NoLoadFigures_AreMinusOneAnd101Percent) {
   AddHost("h1", R"({"result":[]})", R"({"cpu_cores":2,"cpu_clock_speed":1000.0})");
   EXPECT_EQ(GetHostResourceInfo(true, out_), 0);
   EXPECT_EQ(out_["h1"]["cpu_usage"], -1);
@@ -152,9 +147,9 @@ TEST_F(HostResources, NoLoadFigures_AreMinusOneAnd101Percent) {
   EXPECT_TRUE(out_["h1"]["total_ram_size"].isNull());
 }
 
-TEST_F(HostResources, FreeClock_IsComputedInTheOrderGiven) {
+TEST_F(HostResources, FreeClock_Computed_InDocumentedOrder) {
   for (const int usage : {0, 1, 33, 99, 100, 250, -7}) {
-    vexa::test::ResetPlatform();
+    ResetPlatform();
     Json::Value answer = Parsed(kAnswer);
     answer["result"][2]["data"]["cpu"]["system_load"] = 0;
     answer["result"][2]["data"]["cpu"]["user_load"] = usage;
@@ -167,7 +162,7 @@ TEST_F(HostResources, FreeClock_IsComputedInTheOrderGiven) {
   }
 }
 
-TEST_F(HostResources, UsageAtTheEndOfTheRange_WrapsInThePercentage) {
+TEST_F(HostResources, CpuUsage_AtEndOfRange_PercentageWraps) {
   Json::Value answer = Parsed(kAnswer);
   answer["result"][2]["data"]["cpu"] = Parsed(R"({"system_load":-2147483648,"user_load":0})");
   AddHost("h1", Text(answer), R"({"cpu_cores":1,"cpu_clock_speed":1000})");
@@ -176,7 +171,7 @@ TEST_F(HostResources, UsageAtTheEndOfTheRange_WrapsInThePercentage) {
   EXPECT_DOUBLE_EQ(out_["h1"]["free_cpu_ghz"].asDouble(), -21474835.48);
 }
 
-TEST_F(HostResources, OutputOfAnyType_IsAddedToOrReplaced) {
+TEST_F(HostResources, Resources_OutputOfAnyType_IsAddedToOrReplaced) {
   AddHost("h1");
   for (const char* before : {"null", "true", "5", "2.5", R"("x")", "[]", "[[1]]"}) {
     out_ = Parsed(before);
@@ -194,7 +189,7 @@ TEST_F(HostResources, OutputOfAnyType_IsAddedToOrReplaced) {
   EXPECT_EQ(out_["h1"]["kept"], 1);
 }
 
-TEST_F(HostResources, CpuUsage_IsTheSumOfBothLoadsOrMinusOne) {
+TEST_F(HostResources, CpuUsage_BothLoads_AreSummedOrMinusOne) {
   const std::pair<const char*, int> rows[] = {
       {R"({"cpu":{"system_load":10,"user_load":15}})", 25},
       {R"({"cpu":{"system_load":null,"user_load":"x"}})", 0},
@@ -212,7 +207,7 @@ TEST_F(HostResources, CpuUsage_IsTheSumOfBothLoadsOrMinusOne) {
   for (const auto& [utilization, expected] : rows) EXPECT_EQ(GetCpuUsage(Parsed(utilization)), expected) << utilization;
 }
 
-TEST_F(HostResources, FreeMemory_IsASumThatWrapsIn32Bits) {
+TEST_F(HostResources, FreeMemory_Sum_WrapsIn32Bits) {
   const std::pair<const char*, int> rows[] = {
       {R"({"memory":{"avail_real":1,"buffer":20,"cached":300,"total":4000}})", 321},
       {R"({"memory":{"cached":300}})", 300},
@@ -228,7 +223,7 @@ TEST_F(HostResources, FreeMemory_IsASumThatWrapsIn32Bits) {
   for (const auto& [memory, expected] : rows) EXPECT_EQ(GetFreeRamSize(Parsed(memory)), expected) << memory;
 }
 
-TEST_F(HostResources, TotalMemory_FailsOnANegativeResultOnly) {
+TEST_F(HostResources, TotalMemory_OnlyNegativeResult_Fails) {
   Platform().records["host/h1/object"] = Parsed(R"({"ram_size":4096})");
   EXPECT_EQ(GetHostTotalMemory("h1"), 4096);
   EXPECT_EQ(GetHostTotalMemory("absent"), 0);
@@ -246,3 +241,4 @@ TEST_F(HostResources, TotalMemory_FailsOnANegativeResultOnly) {
 }
 
 }  // namespace
+}  // namespace vexa::test

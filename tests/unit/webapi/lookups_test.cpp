@@ -2,23 +2,20 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/json/spoiled_json.h"
-#include "tests/unit/webapi/state_ground.h"
+#include "tests/unit/json/mutated_json.h"
+#include "tests/unit/webapi/state_fixture.h"
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
-using vexa::test::ForEachSpoiled;
-using vexa::test::Parsed;
-using vexa::test::Platform;
-using vexa::test::Text;
 using VexaCCC::DB::DashCate;
 using Strings = std::vector<std::string>;
 using Names = std::map<std::string, std::string>;
 
-class Lookups : public vexa::test::StateLibrary {
+class Lookups : public StateLibrary {
  protected:
   static void AddGuest(const std::string& id, const std::string& name) {
     Platform().ids["guest"].push_back(id);
@@ -26,7 +23,7 @@ class Lookups : public vexa::test::StateLibrary {
   }
 };
 
-TEST_F(Lookups, NameConflict_IsTheWebApisCode) {
+TEST_F(Lookups, NameConflict_Found_ReturnsWebApiCode) {
   EXPECT_EQ(CheckNameConflict("web", DashCate::Guest), 0);
   ExpectNoLine();
   for (const int result : {-1, -2}) {
@@ -39,10 +36,10 @@ TEST_F(Lookups, NameConflict_IsTheWebApisCode) {
     EXPECT_EQ(CheckNameConflict("a%sb", DashCate::Guest), 406);
     ExpectLines({"utils: [a%sb] name conflict."});
   }
-  EXPECT_EQ(Platform().asked_names, (Strings{"guest/web", "host/web", "host/web", "guest/a%sb", "guest/a%sb"}));
+  EXPECT_EQ(Platform().requested_names, (Strings{"guest/web", "host/web", "host/web", "guest/a%sb", "guest/a%sb"}));
 }
 
-TEST_F(Lookups, HostNames_AreOnePerIdInOrder) {
+TEST_F(Lookups, HostNames_Ids_AreOneEachInOrder) {
   Platform().names = {{"host/h1", "one"}, {"host/h2", ""}};
   for (const char* before : {"null", "5", R"(["old"])", R"({"a":1})"}) {
     Json::Value names = Parsed(before);
@@ -55,7 +52,7 @@ TEST_F(Lookups, HostNames_AreOnePerIdInOrder) {
   EXPECT_TRUE(names.empty());
 }
 
-TEST_F(Lookups, RepositoryAndGuestNames_AreOfTheirOwnCategory) {
+TEST_F(Lookups, RepositoryAndGuestNames_Each_UseTheirOwnCategory) {
   Platform().names = {{"repository/x", "disks"}, {"guest/x", "web"}, {"guest/g", "mail"}};
   std::string name = "untouched";
   EXPECT_FALSE(GetRepoNameById("g", name));
@@ -76,7 +73,7 @@ TEST_F(Lookups, JsonArray_ContainsStringsOnly) {
   EXPECT_TRUE(IsContain(Parsed(R"([""])"), ""));
 }
 
-TEST_F(Lookups, AnythingButAJsonArray_ContainsNothing) {
+TEST_F(Lookups, NotJsonArray_Contains_IsFalse) {
   for (const char* value : {"null", R"({"k":"x"})", R"("x")", "5", "true", "[]"}) {
     EXPECT_FALSE(IsContain(Parsed(value), "x")) << value;
     EXPECT_FALSE(IsContain(Parsed(value), "")) << value;
@@ -104,7 +101,7 @@ TEST_F(Lookups, Join_EmptyElements_GetSeparatorOnlyAfterText) {
   EXPECT_EQ(JoinVecString({}, ","), "");
 }
 
-TEST_F(Lookups, Concatenation_IsTheFirstWithTheSecondsElements) {
+TEST_F(Lookups, Concatenate_TwoArrays_AppendsSecondToFirst) {
   const Json::Value a = Parsed(R"([1,"x"])");
   EXPECT_EQ(Text(ConcatJsonArray(a, Parsed(R"([[2],{"k":3},null])"))), R"([1,"x",[2],{"k":3},null])");
   EXPECT_EQ(Text(ConcatJsonArray(a, a)), R"([1,"x",1,"x"])");
@@ -112,13 +109,13 @@ TEST_F(Lookups, Concatenation_IsTheFirstWithTheSecondsElements) {
   EXPECT_EQ(Text(ConcatJsonArray(Parsed("[]"), a)), R"([1,"x"])");
   EXPECT_EQ(Text(ConcatJsonArray(Json::Value(), a)), R"([1,"x"])");
   Json::Value spoiled = Parsed(R"([["x"]])");
-  ForEachSpoiled(spoiled, [&] {
+  ForEachMutation(spoiled, [&] {
     ConcatJsonArray(spoiled, a);
     ConcatJsonArray(a, spoiled);
   });
 }
 
-TEST_F(Lookups, AllHosts_AreAppendedInOrder) {
+TEST_F(Lookups, AllHosts_Listed_AreAppendedInOrder) {
   Platform().ids["host"] = {"h2", "h1"};
   Json::Value hosts;
   EXPECT_EQ(GetAllHosts(hosts), 0);
@@ -130,7 +127,7 @@ TEST_F(Lookups, AllHosts_AreAppendedInOrder) {
   EXPECT_EQ(hosts.size(), 2u);
 }
 
-TEST_F(Lookups, AllHostsNotListed_NothingIsAppended) {
+TEST_F(Lookups, AllHosts_ListingFails_AppendsNothing) {
   Platform().ids["host"] = {"h1"};
   for (const int result : {2, -1, 1}) {
     Platform().category_results["host"] = {result};
@@ -141,7 +138,7 @@ TEST_F(Lookups, AllHostsNotListed_NothingIsAppended) {
   ExpectNoLine();
 }
 
-TEST_F(Lookups, NamesToIds_LaterOfTwoWithOneNameWins) {
+TEST_F(Lookups, NamesToIds_DuplicateName_LaterCounts) {
   AddGuest("g2", "web");
   AddGuest("g1", "mail");
   AddGuest("g0", "web");
@@ -157,7 +154,7 @@ TEST_F(Lookups, NamesToIds_LaterOfTwoWithOneNameWins) {
   ExpectNoLine();
 }
 
-TEST_F(Lookups, IdsNotListed_ResultIsTheListings) {
+TEST_F(Lookups, NamesToIds_ListingFails_ReturnsItsResult) {
   AddGuest("g", "web");
   for (const int result : {-1, -7, 1, 3}) {
     Platform().category_results["guest"] = {result};
@@ -168,7 +165,7 @@ TEST_F(Lookups, IdsNotListed_ResultIsTheListings) {
   }
 }
 
-TEST_F(Lookups, NamesNotRead_ResultIsTheListingsAndTheMapIsEmpty) {
+TEST_F(Lookups, NamesToIds_NamesUnreadable_ReturnsListingResultAndEmptyMap) {
   AddGuest("g", "web");
   AddGuest("g2", "mail");
   for (const int result : {0, 2}) {
@@ -190,7 +187,7 @@ TEST_F(Lookups, NamesNotRead_ResultIsTheListingsAndTheMapIsEmpty) {
   EXPECT_EQ(names.size(), 2u);
 }
 
-TEST_F(Lookups, IdByName_IsTheLastOfThatName) {
+TEST_F(Lookups, IdByName_DuplicateName_LastCounts) {
   AddGuest("g2", "web");
   AddGuest("g1", "web");
   std::string id = "untouched";
@@ -199,7 +196,7 @@ TEST_F(Lookups, IdByName_IsTheLastOfThatName) {
   ExpectNoLine();
 }
 
-TEST_F(Lookups, IdByNameFails_IdStays) {
+TEST_F(Lookups, IdByName_Fails_KeepsId) {
   AddGuest("g", "web");
   std::string id = "untouched";
   EXPECT_EQ(GetIdByName(DashCate::Guest, "We%nb", id), -2);
@@ -219,7 +216,7 @@ TEST_F(Lookups, IdByNameFails_IdStays) {
 }
 
 // A caller may keep one variable for what goes in and what comes out.
-TEST_F(Lookups, OneVariableForInputAndOutput_IsReadFirst) {
+TEST_F(Lookups, Lookups_OutputAliasesInput_IsReadFirst) {
   AddGuest("g1", "web");
   Platform().names["repository/r1"] = "disks";
   std::string text = "g1";
@@ -249,3 +246,4 @@ TEST_F(Lookups, OneVariableForInputAndOutput_IsReadFirst) {
 }
 
 }  // namespace
+}  // namespace vexa::test

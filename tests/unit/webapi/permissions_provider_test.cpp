@@ -7,27 +7,26 @@
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
-
-using vexa::test::Platform;
 
 class PermissionsOverAnotherProvider : public testing::Test {
  protected:
-  void SetUp() override { vexa::test::ResetPlatform(); }
+  void SetUp() override { ResetPlatform(); }
   VEXA::APIRequest request_{Json::Value(), "eve", VEXA::APIRequest::Privilege::kOrdinary};
 };
 
-TEST_F(PermissionsOverAnotherProvider, AdvancedResultOtherThanOne_IsNo) {
+TEST_F(PermissionsOverAnotherProvider, IsAdvanced_ResultNotOne_IsFalse) {
   for (const int result : {-1, 0, 2, 3, 256}) {
     Platform().advanced_result = result;
     EXPECT_FALSE(VexaVirtualization::IsAdminOrAdvancedUser(&request_)) << result;
   }
   Platform().advanced_result = 1;
   EXPECT_TRUE(VexaVirtualization::IsAdminOrAdvancedUser(&request_));
-  EXPECT_EQ(Platform().asked_user, "eve");
+  EXPECT_EQ(Platform().requested_user, "eve");
 }
 
-TEST_F(PermissionsOverAnotherProvider, ListFails_AListedGuestIsStillRefused) {
+TEST_F(PermissionsOverAnotherProvider, IsPermitted_ListFails_ListedGuestIsRefused) {
   Platform().available = {"g"};
   for (const int result : {-1, 1, 2}) {
     Platform().available_result = result;
@@ -38,10 +37,10 @@ TEST_F(PermissionsOverAnotherProvider, ListFails_AListedGuestIsStillRefused) {
   EXPECT_FALSE(VexaVirtualization::IsGuestPermitted(&request_, "G"));
 }
 
-TEST_F(PermissionsOverAnotherProvider, Category_IsTheGuestKey) {
+TEST_F(PermissionsOverAnotherProvider, IsPermitted_Category_IsGuestKey) {
   (void)VexaVirtualization::IsGuestPermitted(&request_, "g");
-  EXPECT_EQ(Platform().asked_category, VexaCCC::DB::_k::guest);
-  EXPECT_EQ(Platform().asked_user, "eve");
+  EXPECT_EQ(Platform().requested_category, VexaCCC::DB::_k::guest);
+  EXPECT_EQ(Platform().requested_user, "eve");
 }
 
 TEST_F(PermissionsOverAnotherProvider, Administrator_CausesNoPlatformCall) {
@@ -51,12 +50,13 @@ TEST_F(PermissionsOverAnotherProvider, Administrator_CausesNoPlatformCall) {
   EXPECT_EQ(Platform().rights_calls, 0);
 }
 
-TEST_F(PermissionsOverAnotherProvider, EmptyUserName_IsPassedOn) {
+TEST_F(PermissionsOverAnotherProvider, IsPermitted_EmptyUserName_IsForwarded) {
   VEXA::APIRequest nameless{Json::Value(), "", VEXA::APIRequest::Privilege::kOrdinary};
   Platform().advanced_result = 1;
-  Platform().asked_user = "unset";
+  Platform().requested_user = "unset";
   EXPECT_TRUE(VexaVirtualization::IsAdminOrAdvancedUser(&nameless));
-  EXPECT_EQ(Platform().asked_user, "");
+  EXPECT_EQ(Platform().requested_user, "");
 }
 
 }  // namespace
+}  // namespace vexa::test

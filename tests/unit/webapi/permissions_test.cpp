@@ -5,6 +5,7 @@
 #include "tests/support/test_host.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 using VexaVirtualization::IsAdminOrAdvancedUser;
@@ -14,23 +15,23 @@ constexpr const char* kGuest = "8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01";
 
 class Permissions : public testing::Test {
  protected:
-  void SetUp() override { vexa::test::ClearCapturedSyslog(); }
-  void TearDown() override { EXPECT_TRUE(vexa::test::CapturedSyslog().empty()) << "the checks log nothing"; }
+  void SetUp() override { ClearCapturedSyslog(); }
+  void TearDown() override { EXPECT_TRUE(CapturedSyslog().empty()) << "the checks log nothing"; }
 
   static bool Advanced(const std::string& user) {
-    VEXA::APIRequest request = vexa::test::UserRequest(Json::Value(), user);
+    VEXA::APIRequest request = UserRequest(Json::Value(), user);
     return IsAdminOrAdvancedUser(&request);
   }
   static bool Permitted(const std::string& user, const std::string& guest) {
-    VEXA::APIRequest request = vexa::test::UserRequest(Json::Value(), user);
+    VEXA::APIRequest request = UserRequest(Json::Value(), user);
     return IsGuestPermitted(&request, guest);
   }
 
-  vexa::test::TestHost host_;
+  TestHost host_;
 };
 
-TEST_F(Permissions, Administrator_PassesForAnyIdentifierWithoutAnyRead) {
-  VEXA::APIRequest request = vexa::test::AdministratorRequest(Json::Value());
+TEST_F(Permissions, Administrator_AnyIdentifier_IsPermittedWithoutRead) {
+  VEXA::APIRequest request = AdministratorRequest(Json::Value());
   EXPECT_TRUE(IsAdminOrAdvancedUser(&request));
   EXPECT_TRUE(IsGuestPermitted(&request, kGuest));
   EXPECT_TRUE(IsGuestPermitted(&request, ""));
@@ -38,26 +39,26 @@ TEST_F(Permissions, Administrator_PassesForAnyIdentifierWithoutAnyRead) {
   EXPECT_EQ(host_.store().reads(), 0);
 }
 
-TEST_F(Permissions, UserWithoutARecord_IsRefused) {
+TEST_F(Permissions, User_WithoutRecord_IsRefused) {
   host_.AddUser("bob");
   EXPECT_FALSE(Advanced("bob"));
   EXPECT_FALSE(Permitted("bob", kGuest));
 }
 
-TEST_F(Permissions, UnknownOrEmptyUser_IsRefused) {
+TEST_F(Permissions, User_UnknownOrEmpty_IsRefused) {
   EXPECT_FALSE(Advanced("ghost"));
   EXPECT_FALSE(Permitted("ghost", kGuest));
   EXPECT_FALSE(Advanced(""));
   EXPECT_FALSE(Permitted("", ""));
 }
 
-TEST_F(Permissions, AdvancedUserWithoutGrant_IsAdvancedButNotPermitted) {
+TEST_F(Permissions, AdvancedUser_WithoutGrant_IsAdvancedButNotPermitted) {
   host_.PutGuestAdmin("users", host_.AddUser("adam"), "advanced", {});
   EXPECT_TRUE(Advanced("adam"));
   EXPECT_FALSE(Permitted("adam", kGuest));
 }
 
-TEST_F(Permissions, LevelsOtherThanAdvanced_AreNotAdvanced) {
+TEST_F(Permissions, Level_NotAdvanced_IsNotAdvanced) {
   const auto uid = host_.AddUser("adam");
   for (const char* level : {"user", "", "Advanced", "advanced "}) {
     host_.PutGuestAdmin("users", uid, level, {});
@@ -65,7 +66,7 @@ TEST_F(Permissions, LevelsOtherThanAdvanced_AreNotAdvanced) {
   }
 }
 
-TEST_F(Permissions, MemberOfAnAdvancedGroup_IsAdvanced) {
+TEST_F(Permissions, User_InAdvancedGroup_IsAdvanced) {
   host_.AddUser("carol", {"operators"});
   host_.PutGuestAdmin("groups", host_.GroupId("carol", "operators"), "advanced", {});
   EXPECT_TRUE(Advanced("carol"));
@@ -89,14 +90,14 @@ TEST_F(Permissions, GroupGrant_PermitsMembersOnly) {
   EXPECT_FALSE(Permitted("dave", kGuest));
 }
 
-TEST_F(Permissions, UserAndGroupWithTheSameNumber_AreNotConfused) {
+TEST_F(Permissions, UserAndGroup_SameNumber_AreDistinct) {
   host_.AddUser("carol", {"operators"});
   host_.PutGuestAdmin("users", host_.GroupId("carol", "operators"), "advanced", {kGuest});
   EXPECT_FALSE(Permitted("carol", kGuest));
   EXPECT_FALSE(Advanced("carol"));
 }
 
-TEST_F(Permissions, GrantLookupFails_GrantedUserIsRefused) {
+TEST_F(Permissions, GrantedUser_LookupFails_IsRefused) {
   const auto uid = host_.AddUser("grace");
   host_.PutGuestAdmin("users", uid, "advanced", {kGuest});
   host_.store().FailReadsOf(host_.ObjectKey("guest_admin", "users-" + std::to_string(uid)));
@@ -106,7 +107,7 @@ TEST_F(Permissions, GrantLookupFails_GrantedUserIsRefused) {
   EXPECT_TRUE(Permitted("grace", kGuest));
 }
 
-TEST_F(Permissions, DatabaseGone_EverybodyButAdministratorsIsRefused) {
+TEST_F(Permissions, NonAdministrators_DatabaseLost_AreRefused) {
   host_.PutGuestAdmin("users", host_.AddUser("grace"), "advanced", {kGuest});
   host_.store().FailSnapshots();
   EXPECT_FALSE(Permitted("grace", kGuest));
@@ -122,7 +123,7 @@ TEST_F(Permissions, DamagedRecords_GrantNothing) {
   }
 }
 
-TEST_F(Permissions, GrantIsTakenAway_TheNextCallRefuses) {
+TEST_F(Permissions, Grant_Revoked_NextCallIsRefused) {
   const auto uid = host_.AddUser("grace");
   host_.PutGuestAdmin("users", uid, "user", {kGuest});
   EXPECT_TRUE(Permitted("grace", kGuest));
@@ -131,3 +132,4 @@ TEST_F(Permissions, GrantIsTakenAway_TheNextCallRefuses) {
 }
 
 }  // namespace
+}  // namespace vexa::test

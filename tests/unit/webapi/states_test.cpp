@@ -7,6 +7,7 @@
 #include "webapi/platform/ccc_constants.h"
 #include "webapi/utils/utils.h"
 
+namespace vexa::test {
 namespace {
 
 using namespace VexaVirtualization;  // NOLINT: nearly all of it is under test
@@ -72,7 +73,7 @@ void PrintTo(const StateRow& row, std::ostream* out) { *out << row.cate << " " <
 
 class StateRows : public testing::TestWithParam<StateRow> {};
 
-TEST_P(StateRows, Row_IsInItsPlaceAndIsShown) {
+TEST_P(StateRows, StateTable_EachRow_IsAtItsIndexAndDisplayed) {
   const StateRow& expected = GetParam();
   const VirtualizationState& row = StateTable[expected.number - 1];
   EXPECT_EQ(row.cate, expected.cate);
@@ -111,9 +112,9 @@ TEST_P(StateRows, State_OfAnotherKind_IsShownUnchangedWithError) {
 
 INSTANTIATE_TEST_SUITE_P(All, StateRows, testing::ValuesIn(kStateRows));
 
-TEST(States, StateTable_Has45RowsAndAnEnd) {
-  EXPECT_EQ(std::size(StateTable), std::size(kStateRows) + 1);
-  const VirtualizationState& end = StateTable[45];
+TEST(States, StateTable_Rows_AreTheseWithEndMarker) {
+  ASSERT_EQ(std::size(StateTable), std::size(kStateRows) + 1);
+  const VirtualizationState& end = StateTable[std::size(kStateRows)];
   EXPECT_EQ(end.cate, 0);
   EXPECT_EQ(end.state + end.ui_state + end.type + end.detail, "");
 }
@@ -133,7 +134,7 @@ TEST(States, State_UnknownOrEmpty_IsShownUnchangedWithError) {
   }
 }
 
-TEST(States, StateShownInItsOwnPlace_IsFound) {
+TEST(States, StateTable_DisplayedStateAliasesInput_IsFound) {
   std::string state = State::Repo::inaccessible;
   std::string type;
   GetStateType(STATE_CATE_REPOSITORY, state, state, type);
@@ -178,7 +179,7 @@ void PrintTo(const HostRow& row, std::ostream* out) { *out << row.host << " " <<
 
 class HostRows : public testing::TestWithParam<HostRow> {};
 
-TEST_P(HostRows, Row_IsInItsPlaceAndIsFound) {
+TEST_P(HostRows, HostStateTable_EachRow_IsAtItsIndexAndFound) {
   const HostState& row = HostStateTable[GetParam().number - 1];
   EXPECT_EQ(row.host_state, GetParam().host);
   EXPECT_EQ(row.version_state, GetParam().version);
@@ -188,13 +189,13 @@ TEST_P(HostRows, Row_IsInItsPlaceAndIsFound) {
 
 INSTANTIATE_TEST_SUITE_P(All, HostRows, testing::ValuesIn(kHostRows));
 
-TEST(States, HostStateTable_Has22RowsAndAnEnd) {
+TEST(States, HostStateTable_Rows_Are22WithEndMarker) {
   EXPECT_EQ(std::size(HostStateTable), std::size(kHostRows) + 1);
   EXPECT_EQ(HostStateTable[22].host_state + HostStateTable[22].version_state, "");
   EXPECT_EQ(HostStateTable[22].cate, 0);
 }
 
-TEST(States, HostCombinationWithoutARow_IsDecidedByNeither) {
+TEST(States, HostState_CombinationWithoutRow_HasNoCategory) {
   EXPECT_EQ(GetHostStateCate(State::Host::inaccessible, State::Version::package_upgrade_suggested), 0);
   EXPECT_EQ(GetHostStateCate(State::Host::inaccessible, State::Version::package_upgrade_required), 0);
   EXPECT_EQ(GetHostStateCate("", ""), 0);
@@ -204,7 +205,7 @@ TEST(States, HostCombinationWithoutARow_IsDecidedByNeither) {
   EXPECT_EQ(GetHostStateCate(std::string(State::Host::running) + " ", State::Version::version_matched), 0);
 }
 
-TEST(States, VersionPriority_RisesAlongItsTable) {
+TEST(States, VersionPriority_Table_IsAscending) {
   // The unknown one first.
   const std::string rising[] = {
       "odd",
@@ -226,3 +227,4 @@ TEST(States, VersionPriority_RisesAlongItsTable) {
 }
 
 }  // namespace
+}  // namespace vexa::test

@@ -1,0 +1,125 @@
+#include "cli/objects.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <iostream>
+#include <vector>
+
+#include "cli/listing.h"
+#include "cli/printable.h"
+#include "cli/reply.h"
+#include "host/base/json_parse.h"
+#include "host/base/uuid.h"
+
+namespace vexa::cli {
+namespace {
+
+// Limit for ids in a message.
+constexpr std::size_t kMaxListedIds = 20;
+
+Result<std::string> FindByName(const Json::Value& list, const ObjectKind& kind, const std::string& name) {
+  std::vector<std::string> ids;
+  for (const Json::Value& element : list) {
+    if (Text(Member(element, kind.name)) == name) ids.push_back(Text(Member(element, kind.id)));
+  }
+  if (ids.empty()) {
+    return Error(ErrorCode::kNotFound,
+                 fmt::format("There is no {0} called '{1}'; see 'vexa {0} list'", kind.singular, name));
+  }
+  if (ids.size() == 1) return ids.front();
+  const bool is_cut = ids.size() > kMaxListedIds;
+  if (is_cut) ids.resize(kMaxListedIds);
+  return Error(ErrorCode::kConflict, fmt::format("Several {} are called '{}'. Use one of the ids {}{}", kind.plural,
+                                                 name, fmt::join(ids, ", "), is_cut ? ", …" : ""));
+}
+
+// Whether `id_or_name` can be an id or a name; otherwise the error is printed.
+bool IsIdOrName(const ObjectKind& kind, const std::string& id_or_name) {
+  if (!id_or_name.empty() && IsValidUtf8(id_or_name)) return true;
+  Report(EmptyOrNotUtf8(fmt::format("{}'s id or name", kind.singular)));
+  return false;
+}
+
+}  // namespace
+
+CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind) {
+  CallOutcome outcome = CallApi(client, kind.list_path, "{}");
+  if (outcome.exit_code == ExitCode::kOk && !Member(outcome.data, kind.plural).isArray()) {
+    outcome.exit_code = Report(MissingInReply(kind.plural));
+  }
+  return outcome;
+}
+
+CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind) {
+  return CallWithClient(global, [&](HttpClient& client) { return ListObjects(client, kind); });
+}
+
+Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name) {
+  const auto has_id = [&](const Json::Value& element) { return Text(Member(element, kind.id)) == id_or_name; };
+  if (std::any_of(list.begin(), list.end(), has_id)) return id_or_name;
+  Result<std::string> found = FindByName(list, kind, id_or_name);
+  if (!found && found.error().code() == ErrorCode::kNotFound && HasUuidForm(id_or_name)) return id_or_name;
+  return found;
+}
+
+ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id) {
+  if (!IsIdOrName(kind, id_or_name)) return ExitCode::kUsage;
+  id = id_or_name;
+  if (HasUuidForm(id_or_name)) return ExitCode::kOk;
+  const CallOutcome listed = ListObjects(client, kind);
+  if (listed.exit_code != ExitCode::kOk) return listed.exit_code;
+  const Result<std::string> found = FindByIdOrName(Member(listed.data, kind.plural), kind, id_or_name);
+  if (!found) return Report(found.error());
+  id = *found;
+  return ExitCode::kOk;
+}
+
+ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data)) {
+  const CallOutcome outcome = CallWithClient(global, [&](HttpClient& client) {
+    if (!id_or_name) return CallApi(client, path, "{}");
+    CallOutcome failed;
+    std::string id;
+    failed.exit_code = FindId(client, kind, *id_or_name, id);
+    return failed.exit_code == ExitCode::kOk ? CallApi(client, path, ParameterJson(kind.id, id)) : failed;
+  });
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  if (!outcome.data.isObject()) return Report(MissingInReply(kind.singular));
+  print(outcome.data);
+  return ExitCode::kOk;
+}
+
+ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                   const Json::Value& parameters) {
+  const CallOutcome outcome = CallServer(global, path, RenderJson(parameters, JsonLayout::kOneLine));
+  if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
+  if (global.json) return PrintJson(outcome.data);
+  const std::string id = Text(Member(outcome.data, kind.id));
+  if (id.empty()) return Report(MissingInReply(fmt::format("id of the {}", kind.singular)));
+  std::cout << Printable(id) << '\n';
+  return ExitCode::kOk;
+}
+
+ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                       const std::string& id_or_name, std::string& id) {
+  if (!IsIdOrName(kind, id_or_name)) return ExitCode::kUsage;
+  return CallWithClient(global,
+                        [&](HttpClient& client) {
+                          CallOutcome outcome = ListObjects(client, kind);
+                          if (outcome.exit_code != ExitCode::kOk) return outcome;
+                          const Result<std::string> found =
+                              FindByIdOrName(Member(outcome.data, kind.plural), kind, id_or_name);
+                          if (!found) {
+                            outcome.exit_code = Report(found.error());
+                            return outcome;
+                          }
+                          id = *found;
+                          return CallApi(client, path, ParameterJson(kind.id, id));
+                        })
+      .exit_code;
+}
+
+}  // namespace vexa::cli

@@ -1,0 +1,53 @@
+// Finds, shows and adds objects on the server, to which users refer by id or name. The functions that take
+// GlobalOptions or a client print failures.
+#pragma once
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+
+#include "cli/api_paths.h"
+#include "cli/client_options.h"
+#include "host/base/result.h"
+
+namespace vexa::cli {
+
+struct ObjectKind {
+  const char* singular;   // "host"
+  const char* plural;     // "hosts": also the member with the array in the reply to `list_path`
+  const char* list_path;  // the method that lists them
+  const char* id;         // the member of an object that contains its id
+  const char* name;       // the member that contains its name
+};
+
+inline constexpr ObjectKind kGuests{"guest", "guests", kGuestList, "guest_id", "guest_name"};
+inline constexpr ObjectKind kHosts{"host", "hosts", kHostList, "host_id", "name"};
+inline constexpr ObjectKind kImages{"image", "images", kImageList, "image_id", "name"};
+inline constexpr ObjectKind kRepositories{"repository", "repositories", kRepositoryList, "repository_id", "name"};
+
+// Calls the method at `list_path`. When the exit code is kOk, the member `plural` of the data is an array.
+CallOutcome ListObjects(HttpClient& client, const ObjectKind& kind);
+CallOutcome ListObjects(const GlobalOptions& global, const ObjectKind& kind);
+
+// The id of the one object in `list` with this id, otherwise with this name. A UUID that is not in the list is returned
+// unchanged, because the server reports the reason. kNotFound; kConflict, with the ids, when several have the name.
+Result<std::string> FindByIdOrName(const Json::Value& list, const ObjectKind& kind, const std::string& id_or_name);
+
+// Writes the id of the object with this id or name to `id`. A UUID is an id; the server is asked only for a name.
+ExitCode FindId(HttpClient& client, const ObjectKind& kind, const std::string& id_or_name, std::string& id);
+
+// Calls the method at `path` for the object with this id or name, or without parameters when it is not set, and passes
+// the data, an object, to `print`. With --json the data is printed instead.
+ExitCode ShowObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                    const std::optional<std::string>& id_or_name, void (*print)(const Json::Value& data));
+
+// Calls the method at `path`, which adds an object, and prints the id that the server has assigned.
+ExitCode AddObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                   const Json::Value& parameters);
+
+// Calls the method at `path` for the object with this id or name. Its id is written to `id`.
+ExitCode CallForObject(const GlobalOptions& global, const ObjectKind& kind, const char* path,
+                       const std::string& id_or_name, std::string& id);
+
+}  // namespace vexa::cli

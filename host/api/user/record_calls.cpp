@@ -1,0 +1,49 @@
+#include "host/api/user/record_calls.h"
+
+#include <fmt/format.h>
+#include <syslog.h>
+
+#include "host/api/rows.h"
+#include "host/base/sanitize_for_log.h"
+#include "host/records/named_record.h"
+
+namespace vexa::api {
+namespace {
+
+constexpr std::size_t kMaxReason = 1024;
+
+// Ids of records may have been given by other programs.
+bool IsId(const std::string& text) { return records::IsRecordName(text); }
+
+}  // namespace
+
+void RespondListError(const Call& call, std::string_view what, const Error& error) {
+  const std::string reason =
+      SanitizeForLog(fmt::format("The {} cannot be listed: {}.", what, error.ToString()), kMaxReason);
+  ::syslog(LOG_WARNING, "%s Asked by user[%s].", reason.c_str(), call.request->GetLoginUserName().c_str());
+  Fail(call, user_error::kRecordFailed);
+  // Causes name files and records.
+  if (call.request->IsAdmin()) SetReason(call, reason);
+}
+
+void RespondToAddition(const Call& call, const Result<void, Refusal>& done, const char* id_member,
+                       const std::string& id) {
+  if (!done.ok()) return Fail(call, done.error().code, done.error().reason);
+  Json::Value data(Json::objectValue);
+  data[id_member] = id;
+  call.response->SetSuccess(data);
+}
+
+void ChangeRecord(store::Store& store, const Call& call, const char* id_parameter,
+                  Result<void, Refusal> change(store::Store& store, const std::string& id, std::string& name),
+                  void log(const Call& call, Outcome outcome, const std::string& name)) {
+  const auto id = call.request->GetAndCheckString(id_parameter, kRequired, IsId);
+  if (id.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  std::string name;
+  const auto done = change(store, id.Get(), name);
+  log(call, OutcomeOf(done), name.empty() ? id.Get() : name);
+  if (!done.ok()) return Fail(call, done.error().code, done.error().reason);
+  call.response->SetSuccess(Json::Value());
+}
+
+}  // namespace vexa::api
