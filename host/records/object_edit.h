@@ -4,8 +4,10 @@
 
 #include <json/value.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "host/base/mutex.h"
 #include "host/base/result.h"
@@ -26,7 +28,8 @@ Result<StoredObject> LoadObject(const store::Snapshot& snapshot, const std::stri
 // Adds to `transaction` a write of the record, and a compare that fails when it has changed since it was loaded.
 void PutObject(store::Transaction& transaction, const std::string& key, const StoredObject& stored);
 
-// A writer that never pauses wins most races against the others, so many attempts are needed.
+// A writer that never pauses wins most races against the others, so many attempts are needed. The pauses between them
+// grow by a millisecond every 16 attempts: 2 s in all.
 inline constexpr int kMaxCommitAttempts = 256;
 
 // Held by a thread of this process while it retries. Without it, one of many threads that change the same record could
@@ -65,6 +68,7 @@ Status CommitWithRetry(store::Store& store, const Plan& plan) {
   if (std::optional<Status> done = TryCommit(store, plan, conflict)) return *std::move(done);
   const MutexLock turn(RetryMutex());
   for (int i = 1; i < kMaxCommitAttempts; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(i / 16));
     if (std::optional<Status> done = TryCommit(store, plan, conflict)) return *std::move(done);
   }
   return *conflict;

@@ -37,7 +37,7 @@ class LostStoreFolder : public testing::Test {
   }
 
   void ExpectLost(const char* reason) {
-    EXPECT_LT(TimeUntil([&] { return store_->health() == Health::kInaccessible; }), 3s);
+    EXPECT_LT(TimeUntil([&] { return store_->health() == Health::kInaccessible; }), 20s);
     const auto read = store_->Read();
     ASSERT_FALSE(read.ok());
     EXPECT_EQ(read.error().code(), ErrorCode::kUnavailable);
@@ -49,7 +49,7 @@ class LostStoreFolder : public testing::Test {
   }
 
   void ExpectRecovered() {
-    EXPECT_LT(TimeUntil([&] { return store_->health() == Health::kReady; }), 3s);
+    EXPECT_LT(TimeUntil([&] { return store_->health() == Health::kReady; }), 20s);
     EXPECT_EQ(TextOf(*store_, "/a"), "1");
     EXPECT_EQ(TextOf(*store_, "/b"), "(absent)");
     Put(*store_, "/c", "1");
@@ -95,7 +95,7 @@ TEST_F(LostStoreFolder, FileCutShort_IsLost) {
   ASSERT_TRUE(opened.ok());
   // Nothing is read from this map afterwards, because access to the removed pages would end the process.
   ASSERT_EQ(::truncate((other + "/data.mdb").c_str(), 100), 0);
-  EXPECT_LT(TimeUntil([&] { return (*opened)->health() == Health::kInaccessible; }), 3s);
+  EXPECT_LT(TimeUntil([&] { return (*opened)->health() == Health::kInaccessible; }), 20s);
   EXPECT_FALSE((*opened)->Read().ok());
 }
 
@@ -120,10 +120,10 @@ TEST(StoreFileCheck, PlaceCheck_Fails_IsRetriedAndRecovers) {
   for (int i = 0; i < 1000; ++i) EXPECT_TRUE(file_check.Check().ok());
   EXPECT_EQ(checks, 1) << "once a second, however many callers";
   fails = true;
-  EXPECT_LT(TimeUntil([&] { return !file_check.Check().ok(); }), 1500ms);
+  EXPECT_LT(TimeUntil([&] { return !file_check.Check().ok(); }), 20s);
   EXPECT_EQ(file_check.Check().error().code(), ErrorCode::kUnavailable);
   fails = false;
-  EXPECT_LT(TimeUntil([&] { return file_check.Check().ok(); }), 1000ms);
+  EXPECT_LT(TimeUntil([&] { return file_check.Check().ok(); }), 20s);
 }
 
 // A disk that does not respond blocks one thread; the others get an error.
@@ -142,7 +142,7 @@ TEST(StoreFileCheck, PlaceCheck_Hangs_CountsAsFailed) {
   std::thread checking([&] { EXPECT_TRUE(file_check.Check().ok()); });
   began.get_future().wait();
   EXPECT_TRUE(file_check.Check().ok()) << "other threads are not blocked";
-  EXPECT_LT(TimeUntil([&] { return !file_check.Check().ok(); }), 2s);
+  EXPECT_LT(TimeUntil([&] { return !file_check.Check().ok(); }), 20s);
   EXPECT_THAT(file_check.Check().error().ToString(), HasSubstr("does not respond"));
   release.set_value();
   checking.join();
