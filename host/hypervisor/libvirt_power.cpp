@@ -19,6 +19,8 @@ constexpr std::uint64_t kKib = 1024;
 // A QEMU start takes about two seconds.
 constexpr std::chrono::seconds kMaxWaitForStart{5};
 constexpr std::chrono::seconds kMaxWaitForKilledStart{10};
+// Meanwhile, other callers may start the guest again.
+constexpr int kMaxKilledStarts = 3;
 
 // The name of a bridge that the guest needs and this machine does not have; empty when none is missing.
 std::string MissingBridge(virDomainPtr domain) {
@@ -121,7 +123,7 @@ Result<void, Failure> LibvirtHypervisor::PowerOff(const std::string& id) {
   // A start that hangs would keep its lock forever; it ends when its QEMU process does.
   const std::string normal = NormalizeUuid(id);
   std::unique_ptr<GuestOperationLocks::Lock> lock = guest_locks_.TryLockGuest(normal, kMaxWaitForStart);
-  if (!lock && target_.kind == DriverKind::kEmbed) {
+  for (int kills = 0; !lock && target_.kind == DriverKind::kEmbed && kills < kMaxKilledStarts; ++kills) {
     guest_locks_.EndHolder(normal);
     KillQemuProcesses(normal, target_.root);
     lock = guest_locks_.TryLockGuest(normal, kMaxWaitForKilledStart);
