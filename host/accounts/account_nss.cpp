@@ -73,7 +73,7 @@ Result<Group> NssFindGroupByGid(std::uint32_t gid) {
   return Lookup(fmt::format("group with the gid {}", gid), &::getgrgid_r, gid, CopyGroup);
 }
 
-// Failures are not told apart: which of them a process without the right to read the entries gets depends on the
+// All failures count as unreadable: which one a process without the right to read the entries gets depends on the
 // services in nsswitch.conf(5).
 std::string NssPasswordStamp(const std::string& name) {
   const auto last_change = [](const spwd& entry) { return entry.sp_lstchg; };
