@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/guest_command.h"
 #include "cli/session_command.h"
+#include "cli/session_list_command.h"
 
 namespace vexa::cli {
 namespace {
@@ -23,6 +24,25 @@ void AddSession(const Command& app) {
 
   app.AddCommand("logout", "End the session and remove the saved login").OnRun(RunLogout);
   app.AddCommand("whoami", "Show who you are to the server").OnRun(RunWhoami);
+}
+
+void AddSessions(const Command& app) {
+  const Command session = app.AddGroup("session", "The logins at a server");
+  session.Footer(
+      "\nA user's sessions also end with the user's password and account. Each server has its own sessions.\n\n"
+      "Examples:\n  vexa session list\n  vexa session end 4f1c2a0e5b7d9c31\n  vexa session end --user alice");
+
+  const Command list = session.AddCommand("list", "List your sessions, or those of others (administrators)");
+  const auto list_options = std::make_shared<SessionListOptions>();
+  const Option user = list.AddOption("USER", list_options->user, "The user whose sessions to list (default: you)");
+  list.AddFlag("--all", list_options->all, "List the sessions of all users").Excludes(user);
+  list.OnRun(list_options, RunSessionList);
+
+  const Command end = session.AddCommand("end", "End a session, or all sessions of a user");
+  const auto end_options = std::make_shared<SessionEndOptions>();
+  const Option id = end.AddOption("SESSION", end_options->id, "The session's id from 'vexa session list'");
+  end.AddOption("--user", end_options->user, "End all sessions of this user").Placeholder("NAME").Excludes(id);
+  end.OnRun(end_options, RunSessionEnd);
 }
 
 void AddGuest(const Command& app) {
@@ -53,6 +73,7 @@ void AddRequests(const Command& app) {
 
 void AddClientCommands(const Command& app) {
   AddSession(app);
+  AddSessions(app);
   AddGuest(app);
   AddRequests(app);
 }

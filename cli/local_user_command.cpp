@@ -79,7 +79,8 @@ ExitCode RunLocalUserPasswd(const GlobalOptions& global, const AccountPaths& pat
   if (asked != ExitCode::kOk) return asked;
   const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kRefuse);
   if (!local) return Report(local.error());
-  return ReportChange(global, paths, *local, local->accounts->SetPassword(user->uid, password),
+  const auto stamp = local->accounts->SetPassword(user->uid, password);
+  return ReportChange(global, paths, *local, stamp ? Status() : stamp.error(),
                       fmt::format("The password of the user [{}] has been changed.", user->name),
                       PasswordChanged(name));
 }

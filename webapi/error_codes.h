@@ -90,6 +90,7 @@ inline constexpr int kAccountDamaged = 985;
 inline constexpr int kGroupCannotBeDeleted = 986;
 inline constexpr int kLastAdministrator = 987;
 inline constexpr int kAccountsUnavailable = 988;
+inline constexpr int kNoSession = 989;
 
 // Images and repositories.
 inline constexpr int kRecordExists = 990;  // another record has the id, the name or the file

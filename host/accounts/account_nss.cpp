@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <grp.h>
 #include <pwd.h>
+#include <shadow.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -70,6 +71,14 @@ Result<Group> NssFindGroup(const std::string& name) {
 
 Result<Group> NssFindGroupByGid(std::uint32_t gid) {
   return Lookup(fmt::format("group with the gid {}", gid), &::getgrgid_r, gid, CopyGroup);
+}
+
+// All failures count as unreadable: which one a process without the right to read the entries gets depends on the
+// services in nsswitch.conf(5).
+std::string NssPasswordStamp(const std::string& name) {
+  const auto last_change = [](const spwd& entry) { return entry.sp_lstchg; };
+  const auto day = Lookup(fmt::format("password of the user '{}'", name), &::getspnam_r, name.c_str(), last_change);
+  return day.ok() ? fmt::format("day-{}", *day) : std::string();
 }
 
 Result<std::vector<Group>> NssGroupsOf(const NssUser& user) {

@@ -29,6 +29,10 @@ Result<NssUser> NssFindUserByUid(std::uint32_t uid);
 Result<Group> NssFindGroup(const std::string& name);
 Result<Group> NssFindGroupByGid(std::uint32_t gid);
 
+// When the password was last changed: "day-" and the number of days since 1970 (shadow(5)), the only thing about a
+// password that the name service shows without revealing it. "" where there is no such entry, or it cannot be read.
+std::string NssPasswordStamp(const std::string& name);
+
 // All groups of the user, the primary group first, without duplicates. Groups without a name are left out, because
 // rights are granted to names, and a number used as a name could be the name of another group.
 Result<std::vector<Group>> NssGroupsOf(const NssUser& user);

@@ -151,7 +151,8 @@ class PamAccounts : public AccountProvider {
     if (!entry.ok()) return entry.error();
     auto groups = NssGroupsOf(*entry);
     if (!groups.ok()) return groups.error();
-    User user{entry->name, entry->uid, entry->gid, std::move(groups).value(), entry->uid == 0};
+    User user{
+        entry->name, entry->uid, entry->gid, std::move(groups).value(), entry->uid == 0, NssPasswordStamp(entry->name)};
     user.is_administrator |= std::any_of(user.groups.begin(), user.groups.end(), [this](const Group& group) {
       return group.name == options_.administrators_group;
     });

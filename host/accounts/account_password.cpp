@@ -13,6 +13,7 @@
 
 #include "host/base/json_parse.h"
 #include "host/base/mutex.h"
+#include "host/base/uuid.h"
 
 namespace vexa::accounts {
 namespace {
@@ -130,6 +131,8 @@ bool IsStoredHashValid(const std::string& stored) {
   if (IsLoginDisabled(stored)) return true;
   return stored.rfind(kYescryptPrefix, 0) == 0 && ::crypt_checksalt(stored.c_str()) == CRYPT_SALT_OK;
 }
+
+std::string StampOfHash(const std::string& stored) { return NameBasedUuid("password stamp", stored); }
 
 PasswordCheck CheckPassword(const std::string* stored, const std::string& password) {
   // Needed in every case, so that the longer time of the first call reveals nothing about the user either.

@@ -23,6 +23,10 @@ Result<std::string> HashPassword(const std::string& password);
 bool IsStoredHashValid(const std::string& stored);
 bool IsLoginDisabled(const std::string& stored);
 
+// Identifies a stored hash, without revealing it: a UUID. Each hash has a salt of its own, so the stamp is new whenever
+// a password is set, even if it is the same password.
+std::string StampOfHash(const std::string& stored);
+
 enum class PasswordCheck { kMatches, kMismatch, kUnavailable };
 
 // Compares `password` with the hash `stored` in constant time. If `stored` disables login or is null (no such user),

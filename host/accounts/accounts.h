@@ -23,6 +23,9 @@ struct User {
   std::uint32_t gid = 0;      // the primary group
   std::vector<Group> groups;  // all groups, the primary one first, without duplicates
   bool is_administrator = false;
+  // Differs from before once the password has been changed or the account created again, as far as the accounts show
+  // it; never reveals the password or its hash.
+  std::string stamp = {};
 };
 
 // Changes by others, such as an administrator's command or the system's user database, are visible to the next call.

@@ -197,7 +197,9 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
   if (row->body_bytes > kDefaultBodyBytes && !(plan->long_body_slot = TakeLongBodySlot(long_body_requests_))) {
     return refuse(user_error::kHostBusy);
   }
-  request.body_limit = plan->caller.kind == Caller::Kind::kAnonymous ? kUnauthenticatedBodyBytes : row->body_bytes;
+  // Also for callers with a session, or on the Unix socket: whether they have an account is found out later.
+  const bool is_open = row->access.value == Access::kAnyone;
+  request.body_limit = is_open ? std::min(kUnauthenticatedBodyBytes, row->body_bytes) : row->body_bytes;
   request.context = std::move(plan);
   return std::nullopt;
 }
@@ -297,6 +299,11 @@ void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
   Caller& caller = work.plan->caller;
   const ApiRow& row = *work.plan->row;
   int refusal = parts_.identity->LookUpUser(caller);
+  if (refusal != 0 && row.access.value == Access::kAnyone) {
+    // An account that has no login here, or a session that has ended, must not prevent one.
+    caller = AnonymousCaller(work.request.peer);
+    refusal = 0;
+  }
   if (refusal == 0) refusal = CheckUser(row.access.value, caller);
   if (refusal != 0) return response.SetError(refusal, Json::Value());
   SetActingUser(caller.kind == Caller::Kind::kHost ? caller.acts_for : caller.user.name);

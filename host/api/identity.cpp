@@ -58,6 +58,7 @@ IdentifyResult Identity::Identify(const http::HttpRequest& request) const {
     caller.kind = Caller::Kind::kUser;
     caller.user.name = std::move(user->name);
     caller.user.uid = user->uid;
+    caller.user.stamp = std::move(user->stamp);
     caller.session_token = token;
   } else if (!request.peer.certificate_name.empty()) {
     caller.kind = Caller::Kind::kHost;
@@ -76,8 +77,9 @@ int Identity::LookUpUser(Caller& caller) const {
   Result<accounts::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);
   if (user) {
     // By name, because a name service may have several names for one id. But the session's account no longer exists
-    // when its name now belongs to another id.
+    // when its name now belongs to another id, and the session ends with the password that it was begun with.
     if (user->uid != uid) return user_error::kNotLoggedIn;
+    if (!by_uid && user->stamp != caller.user.stamp) return user_error::kNotLoggedIn;
     caller.user = std::move(*user);
     return 0;
   }

@@ -18,8 +18,8 @@ using IdentifyResult = std::variant<Caller, int>;
 // Identifies the caller in this order: a bearer token or a session cookie (which also needs the session's CSRF token),
 // the certificate of a cluster host, the user id of a Unix socket's peer. A token that is presented but invalid is an
 // error: the other ways are then not tried. So is the token of a user whose account has been deleted, even when a new
-// account has the name. On a Unix socket, root and the daemon's own user are administrators unless an account has their
-// id, and also while the accounts cannot be read.
+// account has the name, or whose password has changed since the login. On a Unix socket, root and the daemon's own user
+// are administrators unless an account has their id, and also while the accounts cannot be read.
 // Threads: any.
 class Identity {
  public:

@@ -114,6 +114,7 @@ constexpr ErrorRow kErrors[] = {
     {user_error::kLastAdministrator, 409,
      "The user is the last one in the group \"administrators\". Put another user into it first."},
     {user_error::kAccountsUnavailable, 503, "The accounts or grants cannot be read or changed now. Try again later."},
+    {user_error::kNoSession, 404, "There is no such session."},
     {user_error::kRecordExists, 409, "The name, the id or the file is already in use."},
     {user_error::kRecordInUse, 409, "Guests or disks still use it."},
     {user_error::kRecordFailed, 500, "The cluster database could not be read or written."},

@@ -245,12 +245,12 @@ Status AccountStore::CheckMachineUid(std::uint32_t uid) {
                                                 uid));
 }
 
-Status AccountStore::SetPassword(const PrincipalNameOrId& user, const std::string& password,
-                                 const std::optional<std::string>& verified_hash) {
-  if (Status valid = accounts::CheckNewPassword(password); !valid) return valid;
+Result<std::string> AccountStore::SetPassword(const PrincipalNameOrId& user, const std::string& password,
+                                              const std::optional<std::string>& verified_hash) {
+  if (Status valid = accounts::CheckNewPassword(password); !valid) return valid.error();
   const auto hash = accounts::HashPassword(password);
   if (!hash) return hash.error();
-  return Edit([&](AccountEdit& edit) -> Status {
+  const Status changed = Edit([&](AccountEdit& edit) -> Status {
     const Result<records::Account> found = AccountOf(edit, user);
     if (!found) return found.error();
     if (verified_hash && found->password != *verified_hash) {
@@ -259,6 +259,7 @@ Status AccountStore::SetPassword(const PrincipalNameOrId& user, const std::strin
     edit.PutUser({found->user, *hash});
     return {};
   });
+  return changed ? Result<std::string>(accounts::StampOfHash(*hash)) : changed.error();
 }
 
 Status AccountStore::SetGroups(const PrincipalNameOrId& user, const std::vector<std::string>& groups) {

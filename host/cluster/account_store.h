@@ -67,8 +67,9 @@ class AccountStore : public accounts::AccountProvider {
   static Status CheckMachineUid(std::uint32_t uid);
   // kDenied when `verified_hash` is given and is no longer the user's: the password has been changed since it was
   // verified.
-  Status SetPassword(const PrincipalNameOrId& user, const std::string& password,
-                     const std::optional<std::string>& verified_hash = std::nullopt);
+  // Returns the user's new stamp.
+  Result<std::string> SetPassword(const PrincipalNameOrId& user, const std::string& password,
+                                  const std::optional<std::string>& verified_hash = std::nullopt);
   // Replaces the user's groups, except for the primary one. Missing groups are created, and groups without members
   // stay. kDenied when no user would be left in "administrators".
   Status SetGroups(const PrincipalNameOrId& user, const std::vector<std::string>& groups);

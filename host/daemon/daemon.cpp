@@ -31,6 +31,7 @@
 #include "host/api/user/recovery_api.h"
 #include "host/api/user/repository_api.h"
 #include "host/api/user/session_api.h"
+#include "host/api/user/session_list_api.h"
 #include "host/api/user/unreachable_host.h"
 #include "host/base/data_lock.h"
 #include "host/base/error_table.h"
@@ -352,21 +353,21 @@ class Daemon::Impl {
   }
 
   api::AccountServices MakeAccountServices() {
-    return {store_, std::dynamic_pointer_cast<cluster::AccountStore>(accounts_), &limiter_};
+    return {store_, std::dynamic_pointer_cast<cluster::AccountStore>(accounts_), &limiter_, sessions_.get()};
   }
 
   void MakeTable(const Config& config, std::vector<api::ApiRow> extra_rows) {
     std::vector<api::ApiRow> rows = std::move(extra_rows);
+    const api::SessionServices sessions{sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute};
     const auto call_item = [this](const VexaDRCore::Request& request, std::chrono::milliseconds timeout) {
       return item_caller_->Call(request, timeout);
     };
-    for (auto&& part :
-         {api::GuestRows(), api::SessionRows({sessions_.get(), accounts_.get(), &limiter_, config.sessions.absolute}),
-          api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
-          api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
-          api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots), api::RepositoryRows(store_),
-          api::LogRows(), api::AccountRows(MakeAccountServices()), api::GrantRows(MakeAccountServices()),
-          api::CompoundRows(call_item, MakeCompoundOptions())}) {
+    for (auto&& part : {api::GuestRows(), api::SessionRows(sessions), api::SessionListRows(sessions),
+                        api::ServiceRows(MakeServiceParts(config)), api::HostListRows(), api::HostQueryRows(),
+                        api::GuestStateRows(guest_states_), api::GuestSavedStateRows(), api::ImportRows(store_),
+                        api::RecoveryRows(store_), api::ImageRows(store_, config.image_roots),
+                        api::RepositoryRows(store_), api::LogRows(), api::AccountRows(MakeAccountServices()),
+                        api::GrantRows(MakeAccountServices()), api::CompoundRows(call_item, MakeCompoundOptions())}) {
       rows.insert(rows.end(), part.begin(), part.end());
     }
     table_ = std::make_unique<api::ApiTable>(std::move(rows));

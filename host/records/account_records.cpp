@@ -129,6 +129,7 @@ const accounts::Group* AccountIndex::FindGroup(std::string_view name) const {
 
 void AccountIndex::Put(Account account) {
   const std::uint32_t uid = account.user.uid;
+  account.user.stamp = accounts::StampOfHash(account.password);
   user_ids.insert_or_assign(accounts::LowerCaseName(account.user.name), uid);
   users.insert_or_assign(uid, std::move(account));
 }

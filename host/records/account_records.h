@@ -42,7 +42,7 @@ std::string DeletedGroupKey(std::uint32_t gid);
 std::string MigratedFileKey(std::string_view fingerprint);
 
 struct Account {
-  accounts::User user;
+  accounts::User user;   // AccountIndex::Put makes its stamp
   std::string password;  // a hash, or "" or "!…"
 };
 

@@ -1,5 +1,6 @@
 #include "host/session/session_token.h"
 
+#include <fmt/format.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <sys/random.h>
@@ -63,6 +64,17 @@ std::optional<Hash> HashToken(std::string_view text) {
     return std::nullopt;
   }
   return hash;
+}
+
+std::string SessionId(const Hash& hash) { return fmt::format("{:02x}", fmt::join(hash.begin(), hash.begin() + 8, "")); }
+
+std::string SessionIdOfToken(std::string_view token) {
+  const auto hash = HasTokenForm(token) ? HashToken(token) : std::nullopt;
+  return hash ? SessionId(*hash) : std::string();
+}
+
+bool IsSessionId(std::string_view text) {
+  return text.size() == 16 && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
 bool EqualInConstantTime(const Hash& a, const Hash& b) { return CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0; }

@@ -24,6 +24,13 @@ bool HasTokenForm(std::string_view text);
 // The SHA-256 of `text`. Not set if libcrypto fails, which happens only when memory is exhausted.
 std::optional<Hash> HashToken(std::string_view text);
 
+// The public name of the session whose token has this hash: its first 8 bytes as 16 hexadecimal digits.
+std::string SessionId(const Hash& hash);
+
+// The same for a token; "" for text that is not a token.
+std::string SessionIdOfToken(std::string_view token);
+bool IsSessionId(std::string_view text);
+
 bool EqualInConstantTime(const Hash& a, const Hash& b);
 
 // base64url without padding (RFC 4648, section 5). DecodeHash accepts exactly the strings that EncodeHash returns; not

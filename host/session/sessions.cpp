@@ -3,215 +3,66 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
-#include <cstring>
 #include <ctime>
-#include <map>
-#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "host/accounts/accounts.h"
 #include "host/base/files.h"
 #include "host/base/mutex.h"
 #include "host/base/private_file.h"
+#include "host/session/known_addresses.h"
 #include "host/session/session_file.h"
+#include "host/session/session_index.h"
 #include "host/session/session_token.h"
 
 namespace vexa::session {
 namespace {
 
-// A session takes at most 350 bytes in the file.
+// A session takes at most 500 bytes in the file.
 constexpr std::size_t kMaxFileBytes = std::size_t{256} << 20;
 constexpr mode_t kFileMode = 0600;
 
-struct Session {
-  Hash csrf_hash;
-  std::string user;
-  std::uint32_t uid = 0;
-  std::int64_t created = 0;
-  std::int64_t last_used = 0;
-  std::uint64_t order = 0;   // of creation, ascending
-  bool is_expired = false;   // never reset, so that a change of the clock cannot revive the session
-  bool is_replaced = false;  // ends as soon as the newer session that replaces it is in the file
-};
-
-// Hashes by 8 bytes of the SHA-256, which are uniformly distributed. Not by the first byte, which selects the shard.
-struct Sha256Hasher {
-  std::size_t operator()(const Hash& hash) const {
-    std::size_t part = 0;
-    std::memcpy(&part, hash.data() + 8, sizeof(part));
-    return part;
+SessionOptions WithClock(SessionOptions options) {
+  if (!options.now) {
+    options.now = [] { return static_cast<std::int64_t>(std::time(nullptr)); };
   }
-};
+  return options;
+}
 
-// Sessions are spread over shards, so that lookups of different sessions rarely wait for each other. A plain mutex
-// rather than a read-write lock, under which lookups could starve a change.
-struct alignas(64) Shard {
-  Mutex mutex;
-  std::unordered_map<Hash, Session, Sha256Hasher> sessions VEXA_GUARDED_BY(mutex);
-};
+// Not set for what cannot be a token.
+std::optional<Hash> HashOf(std::string_view token) { return HasTokenForm(token) ? HashToken(token) : std::nullopt; }
 
 }  // namespace
 
-// Lock order: write_mutex_, change_mutex_, the mutex of one shard. Sessions are added and removed only under
-// change_mutex_ and the mutex of their shard together.
+// The file is written without a lock that any request needs: write_mutex_ only orders the writes.
 class SessionTable::Impl {
  public:
-  Impl(std::string path, SessionOptions options) : path_(std::move(path)), options_(std::move(options)) {
-    if (!options_.now) {
-      options_.now = [] { return static_cast<std::int64_t>(std::time(nullptr)); };
-    }
-  }
+  Impl(std::string path, const SessionOptions& options) : path_(std::move(path)), index_(WithClock(options)) {}
 
   Status Load();
-  Result<NewSession> Create(const SessionUser& user);
-  std::optional<SessionUser> Find(std::string_view token);
-  bool CheckCsrf(std::string_view token, std::string_view csrf_token);
-  bool End(std::string_view token);
-  std::size_t EndAllOfUser(const std::string& user);
+  Result<NewSession> Create(const SessionUser& user, const std::string& from);
+  EndResult Finish(const SessionIndex::Change& change);
   Status Sweep();
-  std::size_t size() const { return count_; }
+
+  SessionIndex& index() { return index_; }
+  KnownAddresses& addresses() { return addresses_; }
 
  private:
-  enum class Liveness { kLive, kExpired };
-  using OrderedHashes = std::map<std::uint64_t, Hash>;
-
-  Shard& ShardOf(const Hash& hash) { return shards_[hash[0] % shards_.size()]; }
-  // Requires the mutex of the session's shard, unless the session is in no shard.
-  bool IsLive(Session& session, std::int64_t now) const;
-
-  void Insert(const Hash& hash, Session session) VEXA_REQUIRES(change_mutex_);
-  std::optional<Liveness> Remove(const Hash& hash) VEXA_REQUIRES(change_mutex_);
-  std::size_t RemoveExpired(const std::vector<Hash>& candidates) VEXA_REQUIRES(change_mutex_);
-  std::size_t RemoveAllExpired() VEXA_REQUIRES(change_mutex_);
-  Status MakeRoom(const std::string& user, std::vector<Hash>& replaced) VEXA_REQUIRES(change_mutex_);
-  void SetReplaced(const Hash& hash, bool is_replaced) VEXA_REQUIRES(change_mutex_);
-
-  std::vector<SessionRecord> Snapshot(std::uint64_t& generation);
   Status WriteUpTo(std::uint64_t generation);
   Status Write() VEXA_REQUIRES(write_mutex_);
 
   const std::string path_;
-  SessionOptions options_;
-
-  std::array<Shard, 16> shards_;
-  std::atomic<std::size_t> count_{0};
-  // Whether there is a last use that is not in the file yet. Set by Find, which does not take change_mutex_, so it is
-  // not counted in generation_.
-  std::atomic<bool> has_new_uses_{false};
-
-  Mutex change_mutex_;
-  std::unordered_map<std::string, OrderedHashes> by_user_ VEXA_GUARDED_BY(change_mutex_);
-  std::size_t replaced_ VEXA_GUARDED_BY(change_mutex_) = 0;  // sessions marked is_replaced
-  std::uint64_t next_order_ VEXA_GUARDED_BY(change_mutex_) = 0;
-  std::uint64_t generation_ VEXA_GUARDED_BY(change_mutex_) = 0;  // counts changes that the file must have
+  SessionIndex index_;
+  KnownAddresses addresses_;
 
   Mutex write_mutex_;
   std::uint64_t written_generation_ VEXA_GUARDED_BY(write_mutex_) = 0;
 };
 
-bool SessionTable::Impl::IsLive(Session& session, std::int64_t now) const {
-  // Clamped to now, because a session created while the clock was ahead would otherwise live longer.
-  session.created = std::min(session.created, now);
-  session.is_expired = session.is_expired || now - session.created >= options_.absolute.count() ||
-                       now - session.last_used >= options_.idle.count();
-  return !session.is_expired;
-}
-
-void SessionTable::Impl::Insert(const Hash& hash, Session session) {
-  by_user_[session.user].emplace(session.order, hash);
-  ++count_;
-  Shard& shard = ShardOf(hash);
-  const MutexLock lock(shard.mutex);
-  shard.sessions.emplace(hash, std::move(session));
-}
-
-std::optional<SessionTable::Impl::Liveness> SessionTable::Impl::Remove(const Hash& hash) {
-  Shard& shard = ShardOf(hash);
-  auto node = [&] {
-    const MutexLock lock(shard.mutex);
-    return shard.sessions.extract(hash);
-  }();
-  if (node.empty()) return std::nullopt;
-  Session& session = node.mapped();
-  --count_;
-  if (session.is_replaced) --replaced_;
-  const auto user = by_user_.find(session.user);
-  user->second.erase(session.order);
-  if (user->second.empty()) by_user_.erase(user);
-  return IsLive(session, options_.now()) ? Liveness::kLive : Liveness::kExpired;
-}
-
-std::size_t SessionTable::Impl::RemoveExpired(const std::vector<Hash>& candidates) {
-  const std::int64_t now = options_.now();
-  std::size_t removed = 0;
-  for (const Hash& hash : candidates) {
-    {
-      Shard& shard = ShardOf(hash);
-      const MutexLock lock(shard.mutex);
-      const auto found = shard.sessions.find(hash);
-      if (found == shard.sessions.end() || IsLive(found->second, now)) continue;
-    }
-    if (Remove(hash)) ++removed;
+Result<NewSession> SessionTable::Impl::Create(const SessionUser& user, const std::string& from) {
+  if (!accounts::IsValidAccountName(user.name) || !IsPlainText(user.stamp)) {
+    return Error(ErrorCode::kInvalid, "The user name or the stamp of the session is invalid");
   }
-  if (removed > 0) ++generation_;
-  return removed;
-}
-
-std::size_t SessionTable::Impl::RemoveAllExpired() {
-  const std::int64_t now = options_.now();
-  std::vector<Hash> expired;
-  for (Shard& shard : shards_) {
-    const MutexLock lock(shard.mutex);
-    for (auto& [hash, session] : shard.sessions) {
-      if (!IsLive(session, now)) expired.push_back(hash);
-    }
-  }
-  return RemoveExpired(expired);
-}
-
-void SessionTable::Impl::SetReplaced(const Hash& hash, bool is_replaced) {
-  Shard& shard = ShardOf(hash);
-  const MutexLock lock(shard.mutex);
-  const auto found = shard.sessions.find(hash);
-  if (found == shard.sessions.end() || found->second.is_replaced == is_replaced) return;
-  found->second.is_replaced = is_replaced;
-  replaced_ += is_replaced ? 1 : std::size_t{0} - 1;
-}
-
-// Makes room for one more session of the user: marks the oldest ones that then exceed the quota as replaced, and
-// returns them in `replaced`. kBusy when the table is full.
-Status SessionTable::Impl::MakeRoom(const std::string& user, std::vector<Hash>& replaced) {
-  std::vector<Hash> own;  // the oldest first
-  if (const auto found = by_user_.find(user); found != by_user_.end()) {
-    for (const auto& [order, hash] : found->second) own.push_back(hash);
-  }
-  RemoveExpired(own);
-  std::vector<Hash> active_hashes;
-  for (const Hash& hash : own) {
-    Shard& shard = ShardOf(hash);
-    const MutexLock lock(shard.mutex);
-    const auto found = shard.sessions.find(hash);
-    if (found != shard.sessions.end() && !found->second.is_replaced) active_hashes.push_back(hash);
-  }
-  const std::size_t quota = std::max<std::size_t>(1, options_.max_sessions_per_user);
-  if (active_hashes.size() >= quota) {
-    replaced.assign(active_hashes.begin(), active_hashes.end() - static_cast<std::ptrdiff_t>(quota - 1));
-  }
-  const auto is_full = [&]() VEXA_REQUIRES(change_mutex_) {
-    return count_ - replaced_ - replaced.size() >= options_.max_sessions;
-  };
-  if (is_full()) RemoveAllExpired();
-  if (is_full()) return Error(ErrorCode::kBusy, "Too many users are logged in; try again later");
-  for (const Hash& hash : replaced) SetReplaced(hash, true);
-  return {};
-}
-
-Result<NewSession> SessionTable::Impl::Create(const SessionUser& user) {
-  if (!accounts::IsValidAccountName(user.name))
-    return Error(ErrorCode::kInvalid, "The user name of the session is invalid");
   auto token = NewToken();
   if (!token.ok()) return token.error();
   auto csrf_token = NewToken();
@@ -220,122 +71,28 @@ Result<NewSession> SessionTable::Impl::Create(const SessionUser& user) {
   const auto csrf_hash = HashToken(*csrf_token);
   if (!hash || !csrf_hash) return Error(ErrorCode::kInternal, "Cannot hash a token");
 
+  const std::string address = IsPlainText(from) ? from : std::string();
+  if (!address.empty()) addresses_.Remember(user.name, address);
   std::vector<Hash> replaced;
-  ReleasableMutexLock lock(change_mutex_);
-  if (Status status = MakeRoom(user.name, replaced); !status.ok()) return status.error();
-  const std::int64_t now = options_.now();
-  Insert(*hash, Session{*csrf_hash, user.name, user.uid, now, now, next_order_++, false, false});
-  const std::uint64_t generation = ++generation_;
-  lock.Unlock();
-
+  const auto generation = index_.Add(*hash, *csrf_hash, user, address, replaced);
+  if (!generation) return generation.error();
   // The token has not been returned to the caller yet, and the replaced sessions stay valid until it is in the file.
-  const Status written = WriteUpTo(generation);
-
-  lock.Lock();
-  if (!written.ok()) {
-    for (const Hash& old : replaced) SetReplaced(old, false);
-    Remove(*hash);
-    ++generation_;  // the write of another thread may have included the session
-    return written.error();
-  }
-  for (const Hash& old : replaced) Remove(old);
+  const Status written = WriteUpTo(*generation);
+  index_.Settle(*hash, replaced, written ? SessionIndex::Outcome::kStored : SessionIndex::Outcome::kNotStored);
+  if (!written) return written.error();
   return NewSession{*token, *csrf_token};
 }
 
-std::optional<SessionUser> SessionTable::Impl::Find(std::string_view token) {
-  if (!HasTokenForm(token)) return std::nullopt;
-  const auto hash = HashToken(token);
-  if (!hash) return std::nullopt;
-  const std::int64_t now = options_.now();
-  Shard& shard = ShardOf(*hash);
-  const MutexLock lock(shard.mutex);
-  const auto found = shard.sessions.find(*hash);
-  if (found == shard.sessions.end() || !IsLive(found->second, now)) return std::nullopt;
-  Session& session = found->second;
-  if (now > session.last_used) {
-    session.last_used = now;
-    if (!has_new_uses_.load(std::memory_order_relaxed)) has_new_uses_ = true;
-  }
-  return SessionUser{session.user, session.uid};
-}
-
-bool SessionTable::Impl::CheckCsrf(std::string_view token, std::string_view csrf_token) {
-  if (!HasTokenForm(token) || !HasTokenForm(csrf_token)) return false;
-  const auto hash = HashToken(token);
-  const auto csrf_hash = HashToken(csrf_token);
-  if (!hash || !csrf_hash) return false;
-  const std::int64_t now = options_.now();
-  Shard& shard = ShardOf(*hash);
-  const MutexLock lock(shard.mutex);
-  const auto found = shard.sessions.find(*hash);
-  return found != shard.sessions.end() && IsLive(found->second, now) &&
-         EqualInConstantTime(found->second.csrf_hash, *csrf_hash);
-}
-
-bool SessionTable::Impl::End(std::string_view token) {
-  if (!HasTokenForm(token)) return false;
-  const auto hash = HashToken(token);
-  if (!hash) return false;
-  ReleasableMutexLock lock(change_mutex_);
-  const auto removed = Remove(*hash);
-  if (!removed) return false;
-  const std::uint64_t generation = ++generation_;
-  lock.Unlock();
-  // After a failure the generation stays unwritten, and the next writer writes it.
-  static_cast<void>(WriteUpTo(generation));
-  return *removed == Liveness::kLive;
-}
-
-std::size_t SessionTable::Impl::EndAllOfUser(const std::string& user) {
-  ReleasableMutexLock lock(change_mutex_);
-  const auto found = by_user_.find(user);
-  if (found == by_user_.end()) return 0;
-  const OrderedHashes own = found->second;  // a copy: removing the last one removes the entry
-  std::size_t ended = 0;
-  for (const auto& [order, hash] : own) {
-    if (Remove(hash) == Liveness::kLive) ++ended;
-  }
-  const std::uint64_t generation = ++generation_;
-  lock.Unlock();
-  static_cast<void>(WriteUpTo(generation));  // as in End
-  return ended;
+// Writes a change to the file. After a failure the generation stays unwritten, and the next writer writes it.
+EndResult SessionTable::Impl::Finish(const SessionIndex::Change& change) {
+  return {change.live, change.generation == 0 ? Status() : WriteUpTo(change.generation)};
 }
 
 Status SessionTable::Impl::Sweep() {
-  {
-    const MutexLock lock(change_mutex_);
-    RemoveAllExpired();
-  }
-  const MutexLock write_lock(write_mutex_);
-  {
-    const MutexLock lock(change_mutex_);
-    if (generation_ == written_generation_ && !has_new_uses_) return {};
-  }
+  index_.RemoveAllExpired();
+  const MutexLock lock(write_mutex_);
+  if (index_.generation() == written_generation_ && !index_.HasNewUses()) return {};
   return Write();
-}
-
-// Returns the current sessions, the oldest first, and their generation.
-std::vector<SessionRecord> SessionTable::Impl::Snapshot(std::uint64_t& generation) {
-  std::vector<std::pair<std::uint64_t, SessionRecord>> ordered;
-  {
-    const MutexLock lock(change_mutex_);
-    generation = generation_;
-    has_new_uses_ = false;  // reset before the uses are read, because a concurrent use sets it again
-    ordered.reserve(count_);
-    for (Shard& shard : shards_) {
-      const MutexLock shard_lock(shard.mutex);
-      for (const auto& [hash, session] : shard.sessions) {
-        if (session.is_replaced || session.is_expired) continue;
-        ordered.emplace_back(session.order, SessionRecord{hash, session.csrf_hash, session.user, session.uid,
-                                                          session.created, session.last_used});
-      }
-    }
-  }
-  std::sort(ordered.begin(), ordered.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-  std::vector<SessionRecord> records;
-  records.reserve(ordered.size());
-  for (auto& [order, record] : ordered) records.push_back(std::move(record));
-  return records;
 }
 
 // Returns when the file has all changes up to `generation`. While one thread writes, others wait, and the next write
@@ -349,14 +106,15 @@ Status SessionTable::Impl::WriteUpTo(std::uint64_t generation) {
 // The snapshot and the write are under the same lock, so an older snapshot never overwrites a newer one.
 Status SessionTable::Impl::Write() {
   std::uint64_t generation = 0;
-  const std::string text = SerializeSessions(Snapshot(generation));
+  std::vector<SessionRecord> sessions = index_.Snapshot(generation);
+  const std::string text = SerializeSessions({std::move(sessions), addresses_.Snapshot()});
   // A larger file could not be loaded, and the daemon would not start.
   Status status = text.size() > kMaxFileBytes ? Error(ErrorCode::kNoSpace, "The session file would become too large")
                                               : WriteFileAtomically(path_, text, kFileMode);
   if (status.ok()) {
     written_generation_ = generation;
   } else {
-    has_new_uses_ = true;
+    index_.KeepNewUses();
   }
   return status;
 }
@@ -368,17 +126,10 @@ Status SessionTable::Impl::Load() {
     if (error.code() == ErrorCode::kNotFound) return {};
     return error.code() == ErrorCode::kInvalid ? Error(ErrorCode::kCorrupt, error.message(), error.cause()) : error;
   }
-  auto records = ParseSessions(file->content);
-  if (!records.ok()) return Error(records.error().code(), fmt::format("'{}': {}", path_, records.error().ToString()));
-  const std::int64_t now = options_.now();
-  const MutexLock lock(change_mutex_);
-  for (const SessionRecord& record : *records) {
-    const std::int64_t created = std::min(record.created, now);
-    const std::int64_t last_used = std::clamp(record.last_used, created, now);
-    Insert(record.hash,
-           Session{record.csrf_hash, record.user, record.uid, created, last_used, next_order_++, false, false});
-  }
-  RemoveAllExpired();
+  const auto parsed = ParseSessions(file->content);
+  if (!parsed.ok()) return Error(parsed.error().code(), fmt::format("'{}': {}", path_, parsed.error().ToString()));
+  index_.Load(parsed->sessions);
+  for (const KnownAddress& address : parsed->addresses) addresses_.Remember(address.user, address.network);
   return {};
 }
 
@@ -391,14 +142,51 @@ Result<std::unique_ptr<SessionTable>> SessionTable::Open(const std::string& path
   return std::unique_ptr<SessionTable>(new SessionTable(std::move(impl)));
 }
 
-Result<NewSession> SessionTable::Create(const SessionUser& user) { return impl_->Create(user); }
-std::optional<SessionUser> SessionTable::Find(std::string_view token) { return impl_->Find(token); }
-bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token) const {
-  return impl_->CheckCsrf(token, csrf_token);
+Result<NewSession> SessionTable::Create(const SessionUser& user, const std::string& from) {
+  return impl_->Create(user, from);
 }
-bool SessionTable::End(std::string_view token) { return impl_->End(token); }
-std::size_t SessionTable::EndAllOfUser(const std::string& user) { return impl_->EndAllOfUser(user); }
+
+bool SessionTable::IsKnownAddress(const std::string& user, const std::string& address) const {
+  return impl_->addresses().IsKnown(user, address);
+}
+
+std::optional<SessionUser> SessionTable::Find(std::string_view token) {
+  const auto hash = HashOf(token);
+  return hash ? impl_->index().Use(*hash) : std::nullopt;
+}
+
+bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token) const {
+  const auto hash = HashOf(token);
+  const auto csrf_hash = HashOf(csrf_token);
+  return hash && csrf_hash && impl_->index().CheckCsrf(*hash, *csrf_hash);
+}
+
+std::vector<SessionInfo> SessionTable::List(const std::optional<std::string>& user) const {
+  return impl_->index().List(user);
+}
+
+EndResult SessionTable::End(std::string_view token) {
+  const auto hash = HashOf(token);
+  return hash ? impl_->Finish(impl_->index().Remove(*hash)) : EndResult{};
+}
+
+EndResult SessionTable::EndById(std::string_view id, const std::optional<SessionUser>& owner) {
+  return impl_->Finish(impl_->index().RemoveById(id, owner));
+}
+
+EndResult SessionTable::EndAllOfUser(const std::string& user, std::string_view except, const std::string& new_stamp) {
+  const auto kept = HashOf(except);
+  SessionIndex::Change change = impl_->index().RemoveAllOf(user, kept);
+  if (kept) change.generation = std::max(change.generation, impl_->index().SetStamp(*kept, new_stamp).generation);
+  return impl_->Finish(change);
+}
+
+EndResult SessionTable::ForgetUser(const std::string& user) {
+  impl_->addresses().Forget(user);
+  return EndAllOfUser(user);
+}
+
 Status SessionTable::Sweep() { return impl_->Sweep(); }
-std::size_t SessionTable::size() const { return impl_->size(); }
+std::size_t SessionTable::size() const { return impl_->index().size(); }
 
 }  // namespace vexa::session

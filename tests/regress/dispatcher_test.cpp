@@ -60,7 +60,8 @@ class DispatcherWithoutServer : public testing::Test {
     user.password = kPassword;
     user.groups = std::move(groups);
     EXPECT_TRUE(accounts_->AddUser(user).ok());
-    return sessions_->Create({name, accounts_->FindUser(name)->uid})->token;
+    const vexa::accounts::User account = *accounts_->FindUser(name);
+    return sessions_->Create({account.name, account.uid, account.stamp})->token;
   }
 
   vexa::http::HttpRequest Request(const std::string& method, const std::string& target,
@@ -96,7 +97,7 @@ class DispatcherWithoutServer : public testing::Test {
   std::unique_ptr<vexa::cluster::AccountStore> accounts_;
   std::unique_ptr<vexa::session::SessionTable> sessions_;
   std::unique_ptr<vexa::api::Identity> identity_;
-  vexa::api::ApiTable table_{{Row("user", Access::kUser), Row("host", Access::kHost)}};
+  vexa::api::ApiTable table_{{Row("anyone", Access::kAnyone), Row("user", Access::kUser), Row("host", Access::kHost)}};
   vexa::api::Metrics metrics_{table_};
   vexa::Lane lane_{vexa::LaneOptions{.name = "t"}};
   std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
@@ -161,6 +162,30 @@ TEST_F(DispatcherWithoutServer, DeletedAccount_Token_IsRefusedEvenIfNameIsReused
   const std::string new_token = TokenOf("grace", {});
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 401);
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", new_token)), 200);
+}
+
+// After a password change, the old token was valid for up to 12 hours.
+TEST_F(DispatcherWithoutServer, ChangedPassword_Token_IsRefused) {
+  const std::string token = TokenOf("admin", {"administrators"});
+  EXPECT_EQ(Send(Request("GET", "/metrics", token)), 200);
+  ASSERT_TRUE(accounts_->SetPassword("admin", kPassword).ok());
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 401);
+  EXPECT_EQ(Send(Request("GET", "/metrics", token)), 401);
+}
+
+// A login on the Unix socket was refused to those who need one: users of the machine without an account.
+TEST_F(DispatcherWithoutServer, MethodForAnyone_CallerHasNoAccount_IsCalled) {
+  vexa::http::HttpRequest request = Request("POST", "/webapi/T/anyone", "");
+  request.peer.kind = vexa::http::Peer::Kind::kUnix;
+  request.peer.uid = 65533;
+  EXPECT_EQ(Send(request), 200);
+  request.target = "/webapi/T/user";
+  EXPECT_EQ(Send(std::move(request)), 401);
+
+  const std::string token = TokenOf("grace", {});
+  ASSERT_TRUE(accounts_->DeleteUser("grace").ok());
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/anyone", token)), 200);
+  EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 401);
 }
 
 }  // namespace

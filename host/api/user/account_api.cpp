@@ -9,6 +9,7 @@
 
 #include "host/api/rows.h"
 #include "host/api/user/password_api.h"
+#include "host/api/user/session_api.h"
 #include "host/cluster/account_commit.h"
 
 namespace vexa::api {
@@ -137,8 +138,10 @@ void FinishUnlessLastAdministrator(const Call& call, const Status& status, const
 void DeleteUser(const AccountServices& services, const Call& call) {
   const auto user = FindUser(services, call);
   if (!user) return;
-  FinishUnlessLastAdministrator(call, services.accounts->DeleteUser(user->uid),
-                                fmt::format("The user [{}] has been deleted.", user->name));
+  const Status deleted = services.accounts->DeleteUser(user->uid);
+  // Their tokens are refused in any case, here and on other hosts.
+  if (deleted) LogIfNotStored(services.sessions->ForgetUser(user->name));
+  FinishUnlessLastAdministrator(call, deleted, fmt::format("The user [{}] has been deleted.", user->name));
 }
 
 void SetGroups(const AccountServices& services, const Call& call) {

@@ -13,6 +13,7 @@
 #include "host/cluster/account_store.h"
 #include "host/cluster/grants.h"
 #include "host/session/login_limiter.h"
+#include "host/session/sessions.h"
 #include "host/store/store.h"
 
 namespace vexa::api {
@@ -23,6 +24,7 @@ struct AccountServices {
   std::shared_ptr<store::Store> store;
   std::shared_ptr<cluster::AccountStore> accounts;  // null: the daemon takes its users from PAM
   session::LoginLimiter* limiter = nullptr;         // outlives the rows' handlers
+  session::SessionTable* sessions = nullptr;        // likewise
 };
 
 // The user or group that the parameters "kind", "name" or "id", and "system" identify.

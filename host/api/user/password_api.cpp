@@ -3,13 +3,14 @@
 #include <fmt/format.h>
 #include <syslog.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
 #include <variant>
 
 #include "host/api/rows.h"
+#include "host/api/user/login_throttle.h"
+#include "host/api/user/session_api.h"
 
 namespace vexa::api {
 namespace {
@@ -18,13 +19,7 @@ namespace {
 // wrong or cannot be checked; the call has then been answered.
 std::optional<std::string> VerifyOldPassword(const AccountServices& services, const Call& call,
                                              const accounts::User& user, const std::string& old_password) {
-  const std::string limiter_key = accounts::LowerCaseName(user.name);
-  const std::chrono::milliseconds wait = services.limiter->TakeToken(call.caller.peer, limiter_key);
-  if (wait.count() > 0) {
-    call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
-    Fail(call, user_error::kTooManyLogins);
-    return std::nullopt;
-  }
+  if (!BeginAttempt(*services.limiter, *services.sessions, call, user.name)) return std::nullopt;
   const Result<records::Account> verified = services.accounts->VerifyAccount(user.name, old_password);
   // Intentional: unlike a login, a success does not return the attempt to the limiter, because each change writes to
   // the store and the cluster log.
@@ -72,11 +67,15 @@ void SetPassword(const AccountServices& services, const Call& call) {
     if (!old_hash) return;
   }
   // The account may have been deleted, or its password changed, since it was found.
-  const Status changed = services.accounts->SetPassword(user->uid, password.Get(), old_hash);
-  if (!changed && changed.error().code() == ErrorCode::kDenied) {
-    return Refuse(call, changed.error(), user_error::kWrongOldPassword);
+  const Result<std::string> stamp = services.accounts->SetPassword(user->uid, password.Get(), old_hash);
+  if (!stamp) {
+    const bool is_denied = stamp.error().code() == ErrorCode::kDenied;
+    return is_denied ? Refuse(call, stamp.error(), user_error::kWrongOldPassword) : Refuse(call, stamp.error());
   }
-  Finish(call, changed, fmt::format("The password of the user [{}] has been changed.", user->name));
+  // The tokens of the others are refused in any case, here and on other hosts.
+  const std::string kept = is_self ? call.caller.session_token : std::string();
+  LogIfNotStored(services.sessions->EndAllOfUser(user->name, kept, *stamp));
+  Finish(call, Status(), fmt::format("The password of the user [{}] has been changed.", user->name));
 }
 
 }  // namespace
@@ -89,7 +88,9 @@ ApiRow PasswordRow(const AccountServices& services) {
           .access = Access::kUser,
           .lane = LaneKind::kLong,
           .handler = [services](const Call& call) { SetPassword(services, call); },
-          .summary = "Set a password: the caller's own, with the old one, or, as an administrator, that of any user.",
+          .summary =
+              "Set a password: the caller's own, with the old one, or, as an administrator, that of any user. "
+              "The user's sessions end on every host, except the one that makes the call.",
           .parameters = {Text("password", "The new password, 8 to 512 bytes of UTF-8."),
                          Optional("old_password", ParameterType::kString,
                                   "The current password. Only administrators who name a user may leave it out."),

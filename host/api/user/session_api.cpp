@@ -6,6 +6,7 @@
 #include "host/accounts/account_password.h"
 #include "host/api/identity.h"
 #include "host/api/rows.h"
+#include "host/api/user/login_throttle.h"
 #include "webapi/platform/ccc.h"
 
 namespace vexa::api {
@@ -25,13 +26,8 @@ void Login(const SessionServices& services, const Call& call) {
   });
   const auto as_cookie = call.request->GetAndCheckBool("cookie", kOptional);
   if (user.IsInvalid() || password.IsInvalid() || as_cookie.IsInvalid()) return Fail(call, user_error::kBadParameter);
-  // The accounts treat different spellings of a name as one, and so must the limiter.
-  const std::string limiter_key = accounts::LowerCaseName(user.Get());
-  const std::chrono::milliseconds wait = services.limiter->TakeToken(call.caller.peer, limiter_key);
-  if (wait.count() > 0) {
-    call.headers->emplace_back("Retry-After", std::to_string((wait.count() + 999) / 1000));
-    return Fail(call, user_error::kTooManyLogins);
-  }
+  const auto attempt = BeginAttempt(*services.limiter, *services.sessions, call, user.Get());
+  if (!attempt) return;
   const Result<accounts::User> verified = services.accounts->VerifyPassword(user.Get(), password.Get());
   if (!verified) {
     const bool denied = verified.error().code() == ErrorCode::kDenied;
@@ -39,8 +35,9 @@ void Login(const SessionServices& services, const Call& call) {
              call.caller.peer.c_str(), verified.error().ToString().c_str());
     return Fail(call, denied ? user_error::kWrongPassword : user_error::kInternal);
   }
-  services.limiter->ReturnToken(call.caller.peer, limiter_key);
-  const Result<session::NewSession> session = services.sessions->Create({verified->name, verified->uid});
+  services.limiter->ReturnToken(*attempt);
+  const Result<session::NewSession> session =
+      services.sessions->Create({verified->name, verified->uid, verified->stamp}, call.caller.peer);
   if (!session) {
     ::syslog(LOG_ERR, "No session could be created for user[%s]: %s", verified->name.c_str(),
              session.error().ToString().c_str());
@@ -61,7 +58,7 @@ void Login(const SessionServices& services, const Call& call) {
 
 void Logout(const SessionServices& services, const Call& call) {
   if (!call.caller.session_token.empty()) {
-    services.sessions->End(call.caller.session_token);
+    LogIfNotStored(services.sessions->End(call.caller.session_token));
     call.headers->emplace_back("Set-Cookie", SessionCookie("", call.caller, std::chrono::seconds(0)));
   }
   call.response->SetSuccess(Json::Value(Json::objectValue));
@@ -78,6 +75,11 @@ void Info(const Call& call) {
 }
 
 }  // namespace
+
+void LogIfNotStored(const session::EndResult& result) {
+  if (result.stored) return;
+  ::syslog(LOG_ERR, "The sessions cannot be written: %s", result.stored.error().ToString().c_str());
+}
 
 std::vector<ApiRow> SessionRows(const SessionServices& services) {
   constexpr std::string_view kApi = "VEXA.Core.Session";

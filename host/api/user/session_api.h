@@ -1,4 +1,4 @@
-// VEXA.Core.Session: log in, log out, and identify the caller.
+// VEXA.Core.Session: log in, log out, and identify the caller. session_list_api.h has the rest.
 #pragma once
 
 #include <memory>
@@ -18,6 +18,9 @@ struct SessionServices {
   session::LoginLimiter* limiter;
   std::chrono::seconds lifetime;
 };
+
+// Logs if the sessions have ended in memory, but not in the file.
+void LogIfNotStored(const session::EndResult& result);
 
 std::vector<ApiRow> SessionRows(const SessionServices& services);
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
+#include <shadow.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "host/accounts/account_nss.h"
 #include "host/base/files.h"
 #include "tests/unit/storage/temporary_folder.h"
 
@@ -91,6 +93,15 @@ TEST_F(PamAccountsTest, FindUser_MembersOfTheConfiguredGroup_AreAdministrators) 
   EXPECT_FALSE(plain->is_administrator);
   EXPECT_EQ(plain->groups.front().name, "daemon");
   EXPECT_TRUE(Accounts("daemon")->FindUser("daemon")->is_administrator);
+}
+
+// The day of the last change is all that the name service shows of a password, if this process may read it.
+TEST_F(PamAccountsTest, FindUser_Stamp_IsTheDayOfTheLastPasswordChange) {
+  const spwd* const entry = ::getspnam("root");
+  const std::string expected = entry == nullptr ? "" : "day-" + std::to_string(entry->sp_lstchg);
+  EXPECT_EQ(Accounts()->FindUser("root")->stamp, expected);
+  EXPECT_EQ(Accounts()->FindUserByUid(0)->stamp, expected);
+  EXPECT_EQ(NssPasswordStamp("nobody-has-this-name"), "");
 }
 
 TEST_F(PamAccountsTest, FindUser_UnknownOrImpossible_IsNotFound) {

@@ -36,8 +36,8 @@ class AccountApi : public ::testing::Test {
     // The store is the test's: it outlives the rows.
     const std::shared_ptr<store::Store> store(&host_.store(), [](store::Store*) {});
     const std::shared_ptr<cluster::AccountStore> accounts(&host_.accounts(), [](cluster::AccountStore*) {});
-    table_ = std::make_unique<ApiTable>(AllRows({store, accounts, &limiter_}));
-    pam_ = std::make_unique<ApiTable>(AllRows({store, nullptr, &limiter_}));
+    table_ = std::make_unique<ApiTable>(AllRows({store, accounts, &limiter_, sessions_.get()}));
+    pam_ = std::make_unique<ApiTable>(AllRows({store, nullptr, &limiter_, sessions_.get()}));
     test::ClearCapturedSyslog();
   }
 
@@ -53,7 +53,7 @@ class AccountApi : public ::testing::Test {
   }
   // The rows on another view of the store.
   ApiTable TableOn(const std::shared_ptr<store::Store>& store) {
-    return ApiTable(AllRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_}));
+    return ApiTable(AllRows({store, std::make_shared<cluster::AccountStore>(store), &limiter_, sessions_.get()}));
   }
   bool HasPassword(const std::string& user, const std::string& password) {
     return host_.accounts().VerifyPassword(user, password).ok();
@@ -77,6 +77,8 @@ class AccountApi : public ::testing::Test {
   }
 
   session::LoginLimiter limiter_{Limits()};
+  std::unique_ptr<session::SessionTable> sessions_ =
+      Require(session::SessionTable::Open(host_.folder().File("sessions.json"), {}));
   std::unique_ptr<ApiTable> table_;
   std::unique_ptr<ApiTable> pam_;
 };

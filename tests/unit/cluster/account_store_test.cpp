@@ -47,6 +47,21 @@ TEST_F(AccountStoreTest, Find_Unknown_IsNotFound) {
   }
 }
 
+TEST_F(AccountStoreTest, Stamp_OfUser_ChangesWithPasswordOnly) {
+  Add("alice");
+  const accounts::User before = *accounts_.FindUser("alice");
+  EXPECT_FALSE(before.stamp.empty());
+  EXPECT_EQ(accounts_.FindUserByUid(before.uid)->stamp, before.stamp);
+  EXPECT_EQ(accounts_.VerifyPassword("alice", kPassword)->stamp, before.stamp);
+  ASSERT_TRUE(accounts_.SetGroups("alice", {"operators"}).ok());
+  EXPECT_EQ(accounts_.FindUser("alice")->stamp, before.stamp);
+  const auto stamp = accounts_.SetPassword("alice", kPassword);
+  ASSERT_TRUE(stamp.ok());
+  EXPECT_NE(*stamp, before.stamp) << "the same password has another salt";
+  EXPECT_EQ(accounts_.FindUser("alice")->stamp, *stamp);
+  EXPECT_EQ(accounts_.ListUsers()->front().stamp, *stamp);
+}
+
 struct NameRow {
   const char* name;
   const char* first;   // created
@@ -90,7 +105,9 @@ TEST_P(AccountNames, Find_OtherLetterCase_ReturnsCreatedSpelling) {
   const auto user = accounts_.FindUser(row.first);
   EXPECT_EQ(GroupNames(*user), (Names{"users", "Team", "administrators"}));
   EXPECT_TRUE(user->is_administrator);
-  ASSERT_TRUE(accounts_.SetPassword(accounts_.FindUser(row.second)->uid, "another password").ok());
+  const auto stamp = accounts_.SetPassword(accounts_.FindUser(row.second)->uid, "another password");
+  ASSERT_TRUE(stamp.ok());
+  EXPECT_EQ(accounts_.FindUser(row.first)->stamp, *stamp);
   EXPECT_TRUE(accounts_.VerifyPassword(row.first, "another password").ok());
   ASSERT_TRUE(accounts_.DeleteUser(row.second).ok());
   EXPECT_EQ(CodeOf(accounts_.FindUser(row.first)), ErrorCode::kNotFound);

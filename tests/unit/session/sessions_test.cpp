@@ -12,54 +12,12 @@
 #include <thread>
 #include <vector>
 
-#include "host/base/files.h"
-#include "host/base/json_parse.h"
-#include "host/session/session_token.h"
-#include "tests/unit/storage/temporary_folder.h"
+#include "tests/unit/session/sessions_fixture.h"
 
 namespace vexa::session {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::int64_t kStart = 1'800'000'000;
-constexpr std::uint32_t kUid = 1'900'000'002;
-
-class SessionsTest : public testing::Test {
- protected:
-  SessionsTest() {
-    options_.now = [this] { return now_.load(); };
-  }
-  std::string path() const { return folder_.Path("sessions.json"); }
-  std::unique_ptr<SessionTable> Open() const {
-    auto opened = SessionTable::Open(path(), options_);
-    EXPECT_TRUE(opened.ok()) << opened.error().ToString();
-    return opened.ok() ? std::move(opened).value() : nullptr;
-  }
-  static NewSession Create(SessionTable& table, const std::string& user) {
-    auto created = table.Create({user, kUid});
-    EXPECT_TRUE(created.ok()) << created.error().ToString();
-    return created.ok() ? *created : NewSession{};
-  }
-  static std::string UserOf(SessionTable& table, const std::string& token) {
-    const auto found = table.Find(token);
-    if (!found) return "none";
-    EXPECT_EQ(found->uid, kUid);
-    return found->name;
-  }
-  std::string Text() const {
-    auto text = ReadFile(path(), 1 << 24);
-    return text.ok() ? *text : "";
-  }
-  std::size_t InFile() const { return (*ParseJson(Text()))["sessions"].size(); }
-  // Root ignores permission bits, so the folder is removed instead while the table is open.
-  void BreakWriting() const { fs::rename(folder_.path(), folder_.path() + ".away"); }
-  void RepairWriting() const { fs::rename(folder_.path() + ".away", folder_.path()); }
-
-  TemporaryFolder folder_;
-  SessionOptions options_;
-  std::atomic<std::int64_t> now_{kStart};
-};
 
 ErrorCode CodeOf(const Result<std::unique_ptr<SessionTable>>& result) {
   EXPECT_FALSE(result.ok());
@@ -110,7 +68,7 @@ TEST_F(SessionsTest, Find_UnknownOrMalformed_IsEmpty) {
         alice.token + "=", alice.token.substr(0, 42) + std::string("\0", 1), std::string(1 << 20, 'A'),
         std::string(43, '\xFF'), std::string(43, '/')}) {
     EXPECT_FALSE(table->Find(token));
-    EXPECT_FALSE(table->End(token));
+    EXPECT_EQ(table->End(token).ended, 0u);
     EXPECT_FALSE(table->CheckCsrf(token, alice.csrf_token));
     EXPECT_FALSE(token != alice.csrf_token && table->CheckCsrf(alice.token, token));
   }
@@ -150,8 +108,8 @@ TEST_F(SessionsTest, End_LiveSession_IsRemovedPermanently) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");
   const NewSession other = Create(*table, "alice");
-  EXPECT_TRUE(table->End(alice.token));
-  EXPECT_FALSE(table->End(alice.token));
+  EXPECT_EQ(table->End(alice.token).ended, 1u);
+  EXPECT_EQ(table->End(alice.token).ended, 0u);
   EXPECT_FALSE(table->Find(alice.token));
   const auto reopened = Open();
   EXPECT_FALSE(reopened->Find(alice.token));
@@ -163,8 +121,8 @@ TEST_F(SessionsTest, EndAllOf_User_LeavesOthers) {
   std::vector<NewSession> own;
   for (int i = 0; i < 5; ++i) own.push_back(Create(*table, "alice"));
   const NewSession bob = Create(*table, "bob");
-  EXPECT_EQ(table->EndAllOfUser("alice"), 5u);
-  EXPECT_EQ(table->EndAllOfUser("alice"), 0u);
+  EXPECT_EQ(table->EndAllOfUser("alice").ended, 5u);
+  EXPECT_EQ(table->EndAllOfUser("alice").ended, 0u);
   for (const NewSession& session : own) EXPECT_FALSE(table->Find(session.token));
   EXPECT_EQ(Open()->size(), 1u);
   EXPECT_EQ(UserOf(*table, bob.token), "bob");
@@ -209,7 +167,7 @@ TEST_F(SessionsTest, Idle_UsedInTime_LivesOn) {
   }
   now_ += options_.idle.count();
   EXPECT_FALSE(table->Find(alice.token));
-  EXPECT_FALSE(table->End(alice.token)) << "an expired session does not count";
+  EXPECT_EQ(table->End(alice.token).ended, 0u) << "an expired session does not count";
 }
 
 TEST_F(SessionsTest, AbsoluteTimeout_ContinuousUse_StillExpires) {
@@ -303,7 +261,7 @@ TEST_F(SessionsTest, Create_TableFull_IsBusyUntilOneEndsOrExpires) {
   Create(*table, "alice");  // in the place of an older one
   EXPECT_EQ(table->size(), 3u);
   EXPECT_FALSE(table->Find(alice.token));
-  EXPECT_EQ(table->EndAllOfUser("bob"), 1u);
+  EXPECT_EQ(table->EndAllOfUser("bob").ended, 1u);
   Create(*table, "carol");
   EXPECT_EQ(table->Create({"dave", kUid}).error().code(), ErrorCode::kBusy);
   now_ += options_.idle.count();
@@ -374,8 +332,8 @@ TEST_F(SessionsTest, End_FileCannotBeWritten_EndsItAndNextSweepWrites) {
   const NewSession alice = Create(*table, "alice");
   const NewSession bob = Create(*table, "bob");
   BreakWriting();
-  EXPECT_TRUE(table->End(alice.token));
-  EXPECT_EQ(table->EndAllOfUser("bob"), 1u);
+  EXPECT_EQ(table->End(alice.token).ended, 1u);
+  EXPECT_EQ(table->EndAllOfUser("bob").ended, 1u);
   EXPECT_FALSE(table->Find(alice.token));
   EXPECT_FALSE(table->Find(bob.token));
   EXPECT_FALSE(table->Sweep().ok());
@@ -401,9 +359,12 @@ TEST_F(SessionsTest, Open_FileNotPrivate_IsDenied) {
 TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
   const std::string hash(43, 'A');
   const std::string other = std::string(42, 'B') + "A";
-  const std::string good = R"({"hash":")" + hash + R"(","csrf_hash":")" + other +
-                           R"(","user":"alice","uid":1026,"created":1800000000,"last_used":1800000000})";
-  const auto file = [](const std::string& sessions) { return R"({"version":1,"sessions":[)" + sessions + "]}"; };
+  const std::string good =
+      R"({"hash":")" + hash + R"(","csrf_hash":")" + other +
+      R"(","user":"alice","uid":1026,"stamp":"s-1","from":"192.0.2.1","created":1800000000,"last_used":1800000000})";
+  const auto file = [](const std::string& sessions, const std::string& addresses = "") {
+    return R"({"version":2,"sessions":[)" + sessions + R"(],"addresses":[)" + addresses + "]}";
+  };
   const auto with = [&](const std::string& from, const std::string& to) {
     std::string text = good;
     const std::size_t at = text.find(from);
@@ -416,21 +377,33 @@ TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
                                   std::string("{}"),
                                   std::string("[]"),
                                   std::string("null"),
-                                  std::string("{\"version\":1}"),
-                                  std::string(R"({"version":2,"sessions":[]})"),
+                                  std::string("{\"version\":2}"),
+                                  std::string(R"({"version":3,"sessions":[],"addresses":[]})"),
                                   std::string(R"({"version":"1","sessions":[]})"),
-                                  std::string(R"({"version":1.0,"sessions":[]})"),
-                                  std::string(R"({"version":1,"sessions":{}})"),
-                                  std::string(R"({"version":1,"sessions":[],"x":1})"),
-                                  std::string(R"({"version":1,"sessions":[1]})"),
-                                  std::string(R"({"version":1,"sessions":[null]})"),
-                                  std::string(R"({"version":1,"sessions":[{}]})"),
+                                  std::string(R"({"version":2.0,"sessions":[]})"),
+                                  std::string(R"({"version":2,"sessions":{}})"),
+                                  std::string(R"({"version":2,"sessions":[],"x":1})"),
+                                  std::string(R"({"version":2,"sessions":[1]})"),
+                                  std::string(R"({"version":2,"sessions":[null]})"),
+                                  std::string(R"({"version":2,"sessions":[{}]})"),
                                   file(good + "," + good),
                                   file(good).substr(0, 60),
                                   with("\"user\"", "\"usr\""),
                                   with("\"alice\"", "\"a b\""),
                                   with("\"alice\"", "7"),
                                   with("\"alice\"", "\"\""),
+                                  with("\"s-1\"", "7"),
+                                  with("\"s-1\"", "\"a b\""),
+                                  with("\"s-1\"", "\"" + std::string(81, 's') + "\""),
+                                  with("\"stamp\":\"s-1\",", ""),
+                                  with("\"192.0.2.1\"", "\"a\\\"b\""),
+                                  with("\"from\":\"192.0.2.1\",", ""),
+                                  with("\"uid\":1026,", ""),
+                                  file(good, "1"),
+                                  file(good, R"({"user":"alice"})"),
+                                  file(good, R"({"user":"a b","network":"192.0.2.1"})"),
+                                  file(good, R"({"user":"alice","network":"a b"})"),
+                                  file(good, R"({"user":"alice","network":"192.0.2.1","x":1})"),
                                   with("1026", "-1"),
                                   with("1026", "4294967295"),
                                   with("1026", "1.5"),
@@ -454,17 +427,24 @@ TEST_F(SessionsTest, Open_TamperedFile_IsCorrupt) {
   }
 }
 
-// Whose they are cannot be known: the name may be another account's by now.
+// Whether their passwords have changed since cannot be known.
 TEST_F(SessionsTest, Open_SessionsOfOlderVersion_AreEnded) {
   const NewSession alice = Create(*Open(), "alice");
-  std::string text = Text();
-  const std::string uid = "\"uid\":" + std::to_string(kUid) + ",";
-  ASSERT_NE(text.find(uid), std::string::npos);
-  text.erase(text.find(uid), uid.size());
-  ASSERT_TRUE(WriteFileAtomically(path(), text, 0600).ok());
-  const auto table = Open();
-  EXPECT_FALSE(table->Find(alice.token));
-  EXPECT_EQ(table->size(), 0u);
+  const std::string hash = EncodeHash(*HashToken(alice.token));
+  for (const std::string& session :
+       {R"({"hash":")" + hash + R"(","csrf_hash":")" + hash +
+            R"(","user":"alice","uid":1900000002,"created":1800000000,"last_used":1800000000})",
+        R"({"hash":")" + hash + R"(","csrf_hash":")" + hash +
+            R"(","user":"alice","created":1800000000,"last_used":1800000000})",
+        std::string("{}"), std::string("7")}) {
+    ASSERT_TRUE(WriteFileAtomically(path(), R"({"version":1,"sessions":[)" + session + "]}", 0600).ok());
+    const auto table = Open();
+    ASSERT_NE(table, nullptr) << session;
+    EXPECT_FALSE(table->Find(alice.token)) << session;
+    EXPECT_EQ(table->size(), 0u) << session;
+    Create(*table, "bob");
+    EXPECT_EQ(Open()->size(), 1u) << "the file has the new version now";
+  }
 }
 
 TEST_F(SessionsTest, Open_ExpiredInTheFile_AreDropped) {
@@ -517,7 +497,7 @@ TEST_F(SessionsTest, Find_DuringConcurrentCreateEndAndSweep_StaysCorrect) {
         if (round % 3 == 0) {
           standing[i].push_back(session);
         } else {
-          ASSERT_TRUE(table->End(session.token));
+          ASSERT_EQ(table->End(session.token).ended, 1u);
           ASSERT_FALSE(table->Find(session.token));
         }
       }
@@ -527,7 +507,7 @@ TEST_F(SessionsTest, Find_DuringConcurrentCreateEndAndSweep_StaysCorrect) {
     for (int round = 0; round < 30; ++round) {
       ++now_;
       EXPECT_TRUE(table->Sweep().ok());
-      EXPECT_EQ(table->EndAllOfUser("nobody"), 0u);
+      EXPECT_EQ(table->EndAllOfUser("nobody").ended, 0u);
     }
   });
   for (std::thread& changer : changers) changer.join();
