@@ -490,7 +490,7 @@ TEST_F(Accounts, ClusterLog_AccountChanges_AreLoggedWithoutPasswords) {
                            return true;
                          })
                   .ok());
-  EXPECT_THAT(log, AllOf(HasSubstr("The user [alice] has been added."),
+  EXPECT_THAT(log, AllOf(HasSubstr("The user [alice] has been added, with the groups [staff]."),
                          HasSubstr("The user [alice] may use the virtual machines"), HasSubstr(kFirst)));
   EXPECT_THAT(log, AllOf(HasSubstr("The password of the user [alice] has been changed."),
                          HasSubstr("The groups of the user [alice] are now [crew]."),
