@@ -5,6 +5,7 @@
 #include "cli/account_output.h"
 #include "cli/owner.h"
 #include "cli/printable.h"
+#include "host/cluster/account_sentences.h"
 
 namespace vexa::cli {
 namespace {
@@ -64,9 +65,9 @@ ExitCode RunLocalUserAdd(const GlobalOptions& global, const AccountPaths& paths,
   const Result<LocalAccounts> local = OpenAccounts(paths, MissingStore::kCreate);
   if (!local) return Report(local.error());
   using Level = cluster::AccountStore::Level;
-  const Status added = local->accounts->AddUser(
-      {options.name, password, options.groups, options.uid, options.advanced ? Level::kAdvanced : Level::kUser});
-  return ReportChange(global, paths, *local, added, fmt::format("The user [{}] has been added.", options.name),
+  const cluster::AccountStore::NewUser user{options.name, password, options.groups, options.uid,
+                                            options.advanced ? Level::kAdvanced : Level::kUser};
+  return ReportChange(global, paths, *local, local->accounts->AddUser(user), cluster::UserAddedSentence(user),
                       UserAdded(options.name));
 }
 

@@ -1,5 +1,6 @@
 #include "cli/log_command.h"
 
+#include <fmt/format.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -101,6 +102,12 @@ std::string PriorityText(const Json::Value& priority) {
 
 std::string OrDash(const std::string& text) { return text.empty() ? "-" : text; }
 
+// " (3 times since 2026-03-01 12:00:00)" for refusals that were repeated.
+std::string RepetitionText(const Json::Value& entry) {
+  const std::int64_t count = Integer(Member(entry, "count")).value_or(1);
+  return count > 1 ? fmt::format(" ({} times since {})", count, LocalTime(Member(entry, "first_time_us"))) : "";
+}
+
 void PrintEntry(const GlobalOptions& global, const Json::Value& entry) {
   if (global.json) {
     std::cout << RenderJson(entry, JsonLayout::kOneLine) << '\n';
@@ -109,12 +116,15 @@ void PrintEntry(const GlobalOptions& global, const Json::Value& entry) {
   const std::string host = Text(Member(entry, "host"));
   std::cout << LocalTime(Member(entry, "time_us")) << ' ' << Printable(PriorityText(Member(entry, "priority"))) << ' '
             << Printable(OrDash(host.empty() ? Text(Member(entry, "host_id")) : host)) << ' '
-            << Printable(OrDash(Text(Member(entry, "user")))) << ": " << Printable(Text(Member(entry, "text"))) << '\n';
+            << Printable(OrDash(Text(Member(entry, "user")))) << ": " << Printable(Text(Member(entry, "text")))
+            << RepetitionText(entry) << '\n';
 }
 
-std::int64_t NewestTime(const std::vector<Json::Value>& entries, std::int64_t newest) {
+// The position after which following continues. Servers of older versions only have times.
+std::int64_t NewestPosition(const std::vector<Json::Value>& entries, std::int64_t newest) {
   for (const Json::Value& entry : entries) {
-    newest = std::max(newest, Integer(Member(entry, "time_us")).value_or(newest));
+    const bool has_position = entry.isObject() && entry.isMember("position");
+    newest = std::max(newest, Integer(Member(entry, has_position ? "position" : "time_us")).value_or(newest));
   }
   return newest;
 }
@@ -162,7 +172,7 @@ ExitCode Follow(HttpClient& client, const GlobalOptions& global, std::int64_t af
     if (!is_temporary && is_unreachable) std::cerr << "vexa: The server answers again\n";
     is_unreachable = is_temporary;
     end.Print(global, page.entries);
-    const std::int64_t newest = NewestTime(page.entries, after);
+    const std::int64_t newest = NewestPosition(page.entries, after);
     // A full page: there may be more entries.
     const bool has_more = page.entries.size() >= kPageEntries && newest > after;
     after = newest;
@@ -186,7 +196,7 @@ ExitCode RunLog(const GlobalOptions& global, const LogOptions& options) {
   // At least one, because following starts after the newest entry.
   const CallOutcome outcome = ReadNewest(client, is_following ? std::max<std::size_t>(count, 1) : count, entries);
   if (outcome.exit_code != ExitCode::kOk) return PrintFailure(outcome);
-  const std::int64_t newest = NewestTime(entries, 0);
+  const std::int64_t newest = NewestPosition(entries, 0);
   if (entries.size() > count) {
     entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(count));
   }

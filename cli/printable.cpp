@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "host/base/json_parse.h"
+#include "host/base/utf8.h"
 
 namespace vexa::cli {
 namespace {
@@ -35,20 +35,6 @@ constexpr std::array kHidden = {
     Range{0xFFF9, 0xFFFB},    // interlinear annotations
     Range{0xE0000, 0x10FFFF}  // tags, private use
 };
-
-struct Decoded {
-  std::uint32_t code_point = 0;
-  std::size_t bytes = 0;  // 0: not UTF-8
-};
-
-Decoded DecodeFirst(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text[0]);
-  const std::size_t bytes = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  if (!IsValidUtf8(text.substr(0, bytes))) return {};
-  std::uint32_t code_point = bytes == 1 ? lead : lead & (0xFFU >> (bytes + 1));
-  for (std::size_t i = 1; i < bytes; ++i) code_point = code_point << 6 | (static_cast<unsigned char>(text[i]) & 0x3FU);
-  return {code_point, bytes};
-}
 
 bool IsHidden(std::uint32_t code_point) {
   return std::any_of(kHidden.begin(), kHidden.end(),
@@ -78,7 +64,7 @@ std::string Printable(std::string_view text) {
   std::string result;
   result.reserve(text.size());
   while (!text.empty()) {
-    const Decoded decoded = DecodeFirst(text);
+    const Character decoded = FirstCharacter(text);
     if (decoded.bytes == 0) {
       AppendEscaped(result, "\\x", static_cast<unsigned char>(text[0]), "");
       text.remove_prefix(1);
@@ -105,7 +91,7 @@ std::string Printable(std::string_view text) {
 std::size_t DisplayWidth(std::string_view printable) {
   std::size_t width = 0;
   while (!printable.empty()) {
-    const Decoded decoded = DecodeFirst(printable);
+    const Character decoded = FirstCharacter(printable);
     width += decoded.bytes == 0 ? 1 : WidthOf(decoded.code_point);
     printable.remove_prefix(std::max<std::size_t>(decoded.bytes, 1));
   }
@@ -117,7 +103,7 @@ std::string Shorten(std::string_view printable, std::size_t columns) {
   std::size_t at = 0;
   std::size_t cut = 0;  // the longest prefix that leaves a column for the ellipsis
   while (at < printable.size()) {
-    const Decoded decoded = DecodeFirst(printable.substr(at));
+    const Character decoded = FirstCharacter(printable.substr(at));
     width += decoded.bytes == 0 ? 1 : WidthOf(decoded.code_point);
     // Zero-width marks pile up on one column, so the bytes are limited as well.
     if (width > columns || at > columns * 8) return std::string(printable.substr(0, cut)) + "…";

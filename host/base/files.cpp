@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/base/descriptor.h"
+#include "host/base/uuid.h"
 #include "host/base/write_all.h"
 
 namespace vexa {
@@ -39,6 +40,52 @@ Error Failed(fmt::format_string<const std::string&> sentence, const std::string&
 
 // The system ends a path at the first NUL, so such a path would name another file.
 bool HasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
+
+// The new content of the file `path`. It has no name until it is complete, so that a process that is killed meanwhile
+// leaves no copy, which may be of secrets. On file systems without unnamed files it has a name from the start.
+class TemporaryFile {
+ public:
+  TemporaryFile(const std::string& folder, const std::string& path)
+      : path_(path), fd_(::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+    if (fd_.get() >= 0) return;
+    name_ = path + ".XXXXXX";
+    fd_ = Descriptor(::mkostemp(name_.data(), O_CLOEXEC));
+    if (fd_.get() < 0) name_.clear();
+  }
+  ~TemporaryFile() {
+    const int error_number = errno;
+    if (!name_.empty()) ::unlink(name_.c_str());
+    errno = error_number;
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  int fd() const { return fd_.get(); }  // negative: it could not be created, see errno
+
+  // Whether the file is now `path`; if not, see errno.
+  bool Rename() {
+    if (name_.empty() && !GiveName()) return false;
+    if (::rename(name_.c_str(), path_.c_str()) != 0) return false;
+    name_.clear();
+    return true;
+  }
+
+ private:
+  // A link cannot replace an existing file, so the file needs another name first.
+  bool GiveName() {
+    const Result<std::string> uuid = RandomUuid();
+    if (!uuid) return false;
+    const std::string name = path_ + "." + *uuid;
+    const std::string unnamed = fmt::format("/proc/self/fd/{}", fd_.get());
+    if (::linkat(AT_FDCWD, unnamed.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) return false;
+    name_ = name;
+    return true;
+  }
+
+  const std::string& path_;
+  std::string name_;  // empty: none
+  Descriptor fd_;
+};
 
 Error NulInPathError() { return Error(ErrorCode::kInvalid, "The path of a file contains a NUL"); }
 
@@ -77,16 +124,11 @@ Status WriteFileAtomically(const std::string& path, std::string_view content, mo
   // Opened first: after the rename, only the sync itself can still fail.
   const Descriptor directory(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.get() < 0) return Failed("Cannot open the folder of '{}'", path, errno);
-  std::string temporary = path + ".XXXXXX";
-  const Descriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
-  if (fd.get() < 0) return Failed("Cannot create a file beside '{}'", path, errno);
-  const bool written = WriteAll(fd.get(), content) && ::fchmod(fd.get(), mode) == 0 && ::fsync(fd.get()) == 0 &&
-                       ::rename(temporary.c_str(), path.c_str()) == 0;
-  if (!written) {
-    const int error_number = errno;
-    ::unlink(temporary.c_str());
-    return Failed("Cannot write '{}'", path, error_number);
-  }
+  TemporaryFile file(folder.empty() ? "." : folder, path);
+  if (file.fd() < 0) return Failed("Cannot create a file beside '{}'", path, errno);
+  const bool written =
+      WriteAll(file.fd(), content) && ::fchmod(file.fd(), mode) == 0 && ::fsync(file.fd()) == 0 && file.Rename();
+  if (!written) return Failed("Cannot write '{}'", path, errno);
   if (::fsync(directory.get()) != 0) return Failed("Cannot sync the folder of '{}'", path, errno);
   return {};
 }

@@ -292,6 +292,7 @@ class Daemon::Impl {
     environment.host_id = std::move(*host_id);
     environment.cache_directory = config.data_directory + "/cache";
     environment.request_id = api::CurrentRequestId;
+    environment.acting_user = api::CurrentActingUser;
     environment.image_roots = config.image_roots;
     records::InstallEnvironment(std::move(environment));
     return {};

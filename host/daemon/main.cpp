@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -11,6 +12,7 @@
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/notify.h"
+#include "host/daemon/syslog_hook.h"
 
 namespace {
 
@@ -19,6 +21,7 @@ using namespace vexa::daemon;
 constexpr int kExitUsage = 2;
 constexpr int kExitFailed = 1;
 constexpr int kSweepIntervalS = 60;
+constexpr std::chrono::seconds kFlushTimeout{2};
 
 sigset_t StopSignals() {
   sigset_t signals;
@@ -51,6 +54,29 @@ void EndAtNextSignal(const sigset_t& signals) {
   }).detach();
 }
 
+// Starts the daemon, runs it until it is stopped, and returns the exit status.
+int Run(const Config& config, const sigset_t& signals) {
+  auto daemon = Daemon::Start(config);
+  if (!daemon) {
+    ::syslog(LOG_ERR, "The start failed: %s", daemon.error().ToString().c_str());
+    return config.log == LogTarget::kSyslog ? PrintError(daemon.error(), kExitFailed) : kExitFailed;
+  }
+  ::syslog(LOG_INFO, "Ready.");
+  NotifyServiceManager("READY=1");
+  RunUntilStopped(**daemon, signals);
+
+  ::syslog(LOG_INFO, "Stopping.");
+  NotifyServiceManager("STOPPING=1");
+  EndAtNextSignal(signals);
+  if (!(*daemon)->Stop(config.stop_timeout)) {
+    ::syslog(LOG_WARNING, "Some requests did not finish in time.");
+    // Their threads still use the daemon's parts, so nothing is destroyed while they run.
+    FlushLog(kFlushTimeout);
+    ::_exit(has_lost_host_id ? kExitFailed : 0);
+  }
+  return has_lost_host_id ? kExitFailed : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -74,22 +100,8 @@ int main(int argc, char** argv) {
     has_lost_host_id = true;
     ::kill(::getpid(), SIGTERM);
   };
-  auto daemon = Daemon::Start(config);
-  if (!daemon) {
-    ::syslog(LOG_ERR, "The start failed: %s", daemon.error().ToString().c_str());
-    return command.config.log == LogTarget::kSyslog ? PrintError(daemon.error(), kExitFailed) : kExitFailed;
-  }
-  ::syslog(LOG_INFO, "Ready.");
-  NotifyServiceManager("READY=1");
-  RunUntilStopped(**daemon, signals);
-
-  ::syslog(LOG_INFO, "Stopping.");
-  NotifyServiceManager("STOPPING=1");
-  EndAtNextSignal(signals);
-  if (!(*daemon)->Stop(command.config.stop_timeout)) {
-    ::syslog(LOG_WARNING, "Some requests did not finish in time.");
-    // Their threads still use the daemon's parts, so nothing is destroyed while they run.
-    ::_exit(has_lost_host_id ? kExitFailed : 0);
-  }
-  return has_lost_host_id ? kExitFailed : 0;
+  const int status = Run(config, signals);
+  // A log whose reader has stopped must not hold up the end.
+  FlushLog(kFlushTimeout);
+  return status;
 }

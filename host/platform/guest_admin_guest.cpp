@@ -1,4 +1,8 @@
 // Sets which users and groups may use one guest, by changing their records in one commit.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <syslog.h>
+
 #include <cstdint>
 #include <map>
 #include <set>
@@ -66,12 +70,14 @@ class GuestRights {
     change.names.insert(NameOf(rule));
   }
 
-  // Returns the users and groups that could not be set.
+  // Returns the users and groups that could not be set. What was changed is in the system log.
   std::vector<std::string> Commit() {
     std::set<std::string> failed;
     if (!records::CommitWithRetry(*environment_.store,
                                   [&](const records::Reader& reader) { return Plan(reader, failed); })) {
       for (const auto& [principal, change] : changes_) failed.insert(change.names.begin(), change.names.end());
+    } else {
+      LogChanges();
     }
     failed.insert(invalid_names_.begin(), invalid_names_.end());
     return {failed.begin(), failed.end()};
@@ -80,8 +86,9 @@ class GuestRights {
  private:
   // Returns what to commit. `failed` receives the principals that have been deleted meanwhile, and those whose record
   // is damaged or belongs to another principal; such a record is left unchanged.
-  Result<store::Transaction> Plan(const records::Reader& reader, std::set<std::string>& failed) const {
+  Result<store::Transaction> Plan(const records::Reader& reader, std::set<std::string>& failed) {
     failed.clear();
+    changed_.clear();
     store::Transaction transaction;
     if (changes_.empty()) return transaction;
     for (const auto& [principal, change] : changes_) {
@@ -97,7 +104,7 @@ class GuestRights {
   }
 
   Status PutChangedRecord(const store::Snapshot& snapshot, const PrincipalKey& principal, const RecordChange& change,
-                          store::Transaction& transaction) const {
+                          store::Transaction& transaction) {
     const std::string key = records::GuestAdminKey(records::GuestAdminIdentifier(principal.first, principal.second));
     Result<records::StoredObject> stored = records::LoadObject(snapshot, key);
     if (!stored) return stored.error();
@@ -107,14 +114,25 @@ class GuestRights {
     // Checked first, so that a refusal adds nothing to the shared transaction.
     const Status checked =
         records::AddAccountCompare(snapshot, principal.first, principal.second, lookup_revision_, transaction);
-    if (checked) records::PutObject(transaction, key, *stored);
-    return checked;
+    if (!checked) return checked;
+    records::PutObject(transaction, key, *stored);
+    changed_.push_back(fmt::format("the {} [{}] {} use it", principal.first == records::kUsersKind ? "user" : "group",
+                                   change.local_name, change.rules.back().allow ? "may" : "may no longer"));
+    return {};
+  }
+
+  void LogChanges() const {
+    if (changed_.empty()) return;
+    const std::string user(environment_.acting_user ? environment_.acting_user() : std::string_view());
+    ::syslog(LOG_NOTICE, "User[%s] has changed the rights on the virtual machine [%s]: %s.", user.c_str(),
+             guest_id_.c_str(), fmt::format("{}", fmt::join(changed_, ", ")).c_str());
   }
 
   const records::Environment& environment_;
   const std::string& guest_id_;
   const store::Revision lookup_revision_;
   std::map<PrincipalKey, RecordChange> changes_;
+  std::vector<std::string> changed_;  // what differs from before, as parts of a sentence
   std::set<std::string> invalid_names_;
 };
 

@@ -1,7 +1,12 @@
 // Changes guest-admin records.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <syslog.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/records/environment.h"
 #include "host/records/guest_admin.h"
@@ -56,6 +61,16 @@ Result<store::Transaction> PlanRules(const records::Reader& reader, const record
   return transaction;
 }
 
+void LogChange(const records::Environment& environment, const std::string& identifier, const std::string& name,
+               const std::vector<Rule>& rules) {
+  std::vector<std::string> changes;
+  for (const Rule& rule : rules)
+    changes.push_back(fmt::format("{} [{}]", rule.allow ? "use" : "no longer use", rule.id));
+  const std::string user(environment.acting_user ? environment.acting_user() : std::string_view());
+  ::syslog(LOG_NOTICE, "User[%s] has changed the rights of [%s] (%s): may %s.", user.c_str(), name.c_str(),
+           identifier.c_str(), fmt::format("{}", fmt::join(changes, ", ")).c_str());
+}
+
 Status SetRules(const records::Environment& environment, const std::string& identifier,
                 const std::vector<Rule>& rules) {
   const auto principal = records::ParseGuestAdminIdentifier(identifier);
@@ -68,9 +83,14 @@ Status SetRules(const records::Environment& environment, const std::string& iden
   const store::Revision lookup_revision = records::RevisionBeforeLookup(store);
   const Result<std::string> name = LocalPrincipalName(environment.accounts.get(), *principal);
   if (!name) return name.error();
-  return records::CommitWithRetry(store, [&](const records::Reader& reader) {
-    return PlanRules(reader, *principal, *name, lookup_revision, rules);
+  bool is_changed = false;
+  const Status done = records::CommitWithRetry(store, [&](const records::Reader& reader) {
+    Result<store::Transaction> planned = PlanRules(reader, *principal, *name, lookup_revision, rules);
+    is_changed = planned && !planned->operations.empty();
+    return planned;
   });
+  if (done && is_changed) LogChange(environment, identifier, *name, rules);
+  return done;
 }
 
 }  // namespace

@@ -473,6 +473,12 @@ TEST_F(Accounts, Store_PathEndsWithSlash_IsCreated) {
 TEST_F(Accounts, ClusterLog_AccountChanges_AreLoggedWithoutPasswords) {
   AddAlice();
   EXPECT_EQ(RunHere({"user", "grant", "alice", kFirst}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "passwd", "alice", "--password-stdin"}, "second password\n").exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "group", "alice", "crew"}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "advanced", "alice"}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "revoke", "alice", kFirst}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "drop-grants", "alice"}).exit_code, 0);
+  EXPECT_EQ(RunHere({"user", "del", "alice"}).exit_code, 0);
   std::string log;
   const auto store = OpenStore();
   const auto snapshot = store->Read();
@@ -484,9 +490,15 @@ TEST_F(Accounts, ClusterLog_AccountChanges_AreLoggedWithoutPasswords) {
                            return true;
                          })
                   .ok());
-  EXPECT_THAT(log, AllOf(HasSubstr("The user [alice] has been added."),
-                         HasSubstr("The user [alice] may use the virtual machines"), HasSubstr(kFirst),
-                         Not(HasSubstr("first password"))));
+  EXPECT_THAT(log, AllOf(HasSubstr("The user [alice] has been added, with the groups [staff]."),
+                         HasSubstr("The user [alice] may use the virtual machines"), HasSubstr(kFirst)));
+  EXPECT_THAT(log, AllOf(HasSubstr("The password of the user [alice] has been changed."),
+                         HasSubstr("The groups of the user [alice] are now [crew]."),
+                         HasSubstr("The level of the user [alice] is now [advanced]."),
+                         HasSubstr("The user [alice] may no longer use the virtual machines"),
+                         HasSubstr("What was granted to the user [alice] has been dropped."),
+                         HasSubstr("The user [alice] has been deleted."), Not(HasSubstr("first password")),
+                         Not(HasSubstr("second password"))));
 }
 
 TEST_F(Accounts, DropGrants_UnknownId_RemovesItsGrants) {

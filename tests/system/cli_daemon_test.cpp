@@ -208,10 +208,10 @@ TEST_F(CliOnDaemon, Accounts_AreManagedAndLogged) {
   EXPECT_EQ(RunOn({"user", "del", "eve"}).exit_code, 0);
   EXPECT_FALSE(daemon_.Accounts()->FindUser("eve").ok());
   const std::string log = RunOn({"log"}).output;
-  for (const char* sentence :
-       {"root: The user [eve] has been added.", "root: The password of the user [eve] has been changed.",
-        "root: The groups of the user [eve] are now [administrators].", "root: The group [crew] has been deleted.",
-        "root: The user [eve] has been deleted."}) {
+  for (const char* sentence : {"root: The user [eve] has been added, with the groups [crew].",
+                               "root: The password of the user [eve] has been changed.",
+                               "root: The groups of the user [eve] are now [administrators].",
+                               "root: The group [crew] has been deleted.", "root: The user [eve] has been deleted."}) {
     EXPECT_THAT(log, HasSubstr(sentence));
   }
 }

@@ -170,6 +170,27 @@ TEST_F(Log, Log_FollowWithoutOldEntries_StartsAfterNewest) {
   EXPECT_EQ(host.calls()[0], R"(list {"limit":1})");
 }
 
+// The position, not the time, which may be that of a clock that is behind.
+TEST_F(Log, Log_Follow_ContinuesAfterThePosition) {
+  ApiHost host([](const std::string&, const Json::Value& parameters) {
+    if (!parameters.isMember("after")) return ApiHost::Success(Page(R"({"position":7,"time_us":100,"text":"a"})"));
+    return ApiHost::Success(Page(parameters["after"] == 7 ? R"({"position":8,"time_us":50,"text":"b"})" : ""));
+  });
+  Process program(ProgramOn(host.url(), {"-f"}));
+  ASSERT_TRUE(Eventually([&] { return host.calls().size() >= 3; }));
+  EXPECT_EQ(host.calls()[1], R"(list {"after":7,"limit":1000})");
+  EXPECT_EQ(host.calls()[2], R"(list {"after":8,"limit":1000})");
+  ASSERT_TRUE(program.WaitForText(": b\n", seconds(30))) << program.errors();
+}
+
+TEST_F(Log, Log_RepeatedRefusal_HasItsCount) {
+  const ApiHost host([](const auto&, const auto&) {
+    return ApiHost::Success(Page(R"({"time_us":1772366402000000,"first_time_us":1772366400000000,"count":3,"host":"h",
+                                     "user":"eve","priority":1,"text":"No."})"));
+  });
+  EXPECT_EQ(RunOn(host, {}).output, "2026-03-01 13:00:02 failure h eve: No. (3 times since 2026-03-01 13:00:00)\n");
+}
+
 TEST_F(Log, Log_CtrlCDuringRequest_EndsImmediately) {
   ApiHost host([](const std::string&, const Json::Value& parameters) -> std::optional<ApiHost::Reply> {
     if (parameters.isMember("after")) return std::nullopt;

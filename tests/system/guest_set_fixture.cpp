@@ -121,7 +121,7 @@ GuestSetFixture::Contents GuestSetFixture::Stored() {
   Contents contents;
   const auto snapshot = Require(state_->store->Read());
   Require(snapshot->Scan("", [&](std::string_view key, const store::ValueView& value) {
-    const bool is_others = key.starts_with("/log/") || key.starts_with("/dash/host/") || key.starts_with("/mac/") ||
+    const bool is_others = key.starts_with("/log") || key.starts_with("/dash/host/") || key.starts_with("/mac/") ||
                            key.starts_with("/renames") || key.ends_with("/state") || key.ends_with("/storage");
     if (!is_others) contents.emplace(key, value.text);
     return true;

@@ -1,6 +1,8 @@
 // The daemon as a program: flags, start, log lines, signals, restarts.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,6 +18,7 @@
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/vexad_client.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -76,6 +79,56 @@ TEST_F(Vexad, LogLines_OfRequest_HaveIdOfItsReply) {
   EXPECT_TRUE(process->WaitForText(line, kTimeout)) << process->errors();
   EXPECT_TRUE(std::regex_search(process->errors(), std::regex("vexad: guest:[0-9]+ Bad parameters")))
       << process->errors();
+}
+
+// Longer writes to a pipe can be mixed with those of others.
+TEST_F(Vexad, LogLines_LongText_AreCutWithAMark) {
+  const auto process = Start();
+  HttpClient client = Unix();
+  const HttpReply reply = client.PostJson(kGetPath, "{\"guest_id\":\"" + std::string(12'000, 'x') + "\"}");
+  const std::string end = "xxx… [request " + reply.headers.at("x-request-id") + "]\n";
+  EXPECT_TRUE(process->WaitForText(end, kTimeout)) << process->errors();
+  const std::string log = process->errors();
+  const std::size_t last = log.find(end) + end.size();
+  const std::size_t first = log.rfind('\n', last - 2) + 1;
+  EXPECT_EQ(log.substr(first, 13), "vexad: guest:");
+  EXPECT_LE(last - first, std::size_t{4096});
+  EXPECT_GT(last - first, std::size_t{4090});
+}
+
+TEST_F(Vexad, LogReader_Stopped_RequestsAndStopDoNotHang) {
+  const std::string pipe = folder_.File("log");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  // Open at both ends, and never read.
+  const int reader = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(::fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
+  std::vector<std::string> arguments{"/bin/sh", "-c", "exec \"$@\" 2>'" + pipe + "'", "sh"};
+  for (const std::string& argument : Arguments()) arguments.push_back(argument);
+  Process process(vexa::test::ProcessOptions{.argv = arguments});
+  ASSERT_TRUE(vexa::test::Eventually([&] { return std::ifstream(folder_.File("data/store/data.mdb")).good(); }));
+  const auto answers = [&] {
+    try {
+      return Unix().Get("/healthz").status == 200;
+    } catch (const std::exception&) {
+      return false;
+    }
+  };
+  ASSERT_TRUE(vexa::test::Eventually(answers));
+  for (int i = 0; i < 50; ++i) {
+    HttpClient client = Unix();
+    const HttpReply reply = client.PostJson(kGetPath, "{\"guest_id\":\"" + std::string(1000, 'x') + "\"}");
+    EXPECT_EQ(reply.status, 400) << "each leaves a line";
+  }
+  int unread = 0;
+  EXPECT_EQ(::ioctl(reader, FIONREAD, &unread), 0);
+  EXPECT_GT(unread, 2000) << "the pipe is full";
+  HttpClient client = Unix();
+  const HttpReply login =
+      client.PostJson("/webapi/VEXA.Core.Session/login", R"({"user":"admin","password":"correct horse"})");
+  EXPECT_EQ(login.status, 200) << login.body;
+  process.Signal(SIGTERM);
+  ExpectCode(process.Wait(kTimeout), 0);
+  ::close(reader);
 }
 
 TEST_F(Vexad, Vexad_Terminated_ExitsWithZeroAndRemovesSocket) {

@@ -11,6 +11,7 @@
 #include "host/api/user/password_api.h"
 #include "host/api/user/session_api.h"
 #include "host/cluster/account_commit.h"
+#include "host/cluster/account_sentences.h"
 
 namespace vexa::api {
 namespace {
@@ -108,12 +109,13 @@ void AddUser(const AccountServices& services, const Call& call) {
     return Refuse(call, checked.error());
   }
   using Level = cluster::AccountStore::Level;
-  const Status added = services.accounts->AddUser(
-      {name.Get(), password.Get(), std::move(*groups), uid, *is_advanced ? Level::kAdvanced : Level::kUser});
+  const cluster::AccountStore::NewUser user{name.Get(), password.Get(), std::move(*groups), uid,
+                                            *is_advanced ? Level::kAdvanced : Level::kUser};
+  const Status added = services.accounts->AddUser(user);
   if (!added && added.error().code() == ErrorCode::kConflict) {
     return Refuse(call, added.error(), user_error::kAccountTaken);
   }
-  Finish(call, added, fmt::format("The user [{}] has been added.", name.Get()));
+  Finish(call, added, cluster::UserAddedSentence(user));
 }
 
 // Finds the user by "name" or "id". Not set: the call has been answered. Callers change the account by its id,

@@ -54,8 +54,11 @@ class HostNames {
 
 Json::Value Describe(const LogEntry& entry, HostNames& names) {
   Json::Value data(Json::objectValue);
+  data["position"] = Json::Int64{entry.position};
   data["time"] = FormatTime(entry.time_us);
   data["time_us"] = Json::Int64{entry.time_us};
+  data["count"] = entry.count;
+  data["first_time_us"] = Json::Int64{entry.first_time_us};
   data["host_id"] = entry.host_id;
   data["host"] = names.Of(entry.host_id);
   data["user"] = entry.user;
@@ -65,9 +68,9 @@ Json::Value Describe(const LogEntry& entry, HostNames& names) {
   return data;
 }
 
-// Reads a time, which does not fit into the 32-bit integers of GetAndCheckInt. Not set when it is absent or not valid;
-// `is_invalid` reports which.
-std::optional<std::int64_t> ReadTime(const Call& call, const char* name, bool& is_invalid) {
+// Reads a position, which does not fit into the 32-bit integers of GetAndCheckInt. Not set when it is absent or not
+// valid; `is_invalid` reports which.
+std::optional<std::int64_t> ReadPosition(const Call& call, const char* name, bool& is_invalid) {
   is_invalid = false;
   if (!call.request->HasParam(name)) return std::nullopt;
   const Json::Value value = call.request->GetParam(name, Json::Value());
@@ -97,7 +100,7 @@ void ListEntries(const Call& call) {
   const auto limit = call.request->GetAndCheckInt(
       "limit", kOptional, [](const int& n) { return n >= 1 && n <= static_cast<int>(cluster::kMaxLogPage); });
   bool is_after_invalid = false;
-  const std::optional<std::int64_t> after = ReadTime(call, "after", is_after_invalid);
+  const std::optional<std::int64_t> after = ReadPosition(call, "after", is_after_invalid);
   if (cursor.IsInvalid() || limit.IsInvalid() || is_after_invalid || (after && cursor.IsSet())) {
     return Fail(call, user_error::kBadParameter);
   }
@@ -118,12 +121,13 @@ std::vector<ApiRow> LogRows() {
   return {
       UserRow("VEXA.Virtualization.Log", "list", LaneKind::kQuick, ListEntries,
               "The cluster log, newest entries first; \"next\" is the cursor of older ones, empty when there are "
-              "none. With \"after\": the entries after that time, oldest first. For administrators and advanced users.",
+              "none. With \"after\": the entries added after that one, oldest first; following with the \"position\" "
+              "of the last entry misses none and repeats none. For administrators and advanced users.",
               {{"cursor", ParameterType::kString, Necessity::kOptional, "The \"next\" of the previous page."},
                {"limit", ParameterType::kInteger, Necessity::kOptional,
                 "The maximum number of entries, 1 to 1000 (default: 100)."},
                {"after", ParameterType::kInteger, Necessity::kOptional,
-                "A \"time_us\", in microseconds since 1970: only later entries. Not together with a cursor."}},
+                "The \"position\" of an entry, or 0: only entries that were added later. Not together with a cursor."}},
               {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kNotPermitted})};
 }
 

@@ -108,8 +108,7 @@ TEST_F(AccountApi, UserAdded_IsListedAndLoggedWithoutThePassword) {
   EXPECT_EQ(alice["advanced"], true);
   EXPECT_EQ(alice["groups"][1]["name"], "staff");
   EXPECT_FALSE(alice.isMember("password"));
-  EXPECT_EQ(NewestLogEntry(), "root: The user [alice] has been added.");
-  EXPECT_TRUE(test::SyslogContains("The user [alice] has been added. By user[root] from [192.0.2.1]."));
+  EXPECT_EQ(NewestLogEntry(), "root: The user [alice] has been added, with the groups [staff], as an advanced user.");
   EXPECT_FALSE(test::SyslogContains("first password"));
 }
 

@@ -15,7 +15,6 @@
 #include "host/base/files.h"
 #include "host/daemon/config.h"
 #include "host/daemon/host_id.h"
-#include "host/daemon/log_line.h"
 #include "host/daemon/notify.h"
 #include "tests/support/temp_dir.h"
 #include "webapi/platform/ccc.h"
@@ -186,20 +185,6 @@ TEST(Config, NoListener_Configured_IsRefused) {
   EXPECT_FALSE(vexa::daemon::CheckConfig(command.config).ok());
   command = Parse({"--listen", "none"});
   EXPECT_TRUE(vexa::daemon::CheckConfig(command.config).ok());
-}
-
-TEST(LogLine, LogLine_ControlCharacters_AreEscapedAndIdIsAppended) {
-  EXPECT_EQ(vexa::daemon::MakeLogLine("guest:5 a\nb\tc\x1b[31m\x7f", "00ff"),
-            "guest:5 a\\nb\\tc\\x1B[31m\\x7F [request 00ff]");
-  EXPECT_EQ(vexa::daemon::MakeLogLine("plain ü", ""), "plain ü");
-}
-
-TEST(LogLine, LogLine_LongText_IsCutBetweenCharacters) {
-  std::string text;
-  while (text.size() < 3 * vexa::daemon::kMaxLogLine) text += "ü";
-  const std::string line = vexa::daemon::MakeLogLine(text, "1");
-  EXPECT_LT(line.size(), vexa::daemon::kMaxLogLine + 64);
-  EXPECT_TRUE(line.ends_with("ü… [request 1]")) << line.substr(line.size() - 24);
 }
 
 TEST(FindCookie, Headers_AreSearchedByWholeName) {

@@ -82,12 +82,13 @@ inline Answer CallTable(const api::ApiTable& table, const std::string& api, cons
   return row ? CallRow(*row, Parsed(parameters), caller) : Answer();
 }
 
-// The lines of the cluster log, newest last: "<user> <priority> <text>".
+// The lines of the cluster log, newest last: "<user> <priority> <text>", and " (2)" when it happened twice.
 inline std::vector<std::string> ClusterLogLines() {
   std::vector<std::string> lines;
   for (const cluster::LogEntry& entry :
        Require(cluster::ReadLogAfter(Require(records::Reader::OpenCurrent()), 0, 100))) {
     lines.push_back(entry.user + " " + std::to_string(entry.priority) + " " + entry.text);
+    if (entry.count > 1) lines.back() += " (" + std::to_string(entry.count) + ")";
   }
   return lines;
 }

@@ -104,9 +104,8 @@ TEST_F(ImageApi, ImageAdd_Refused_HasCodeSentenceAndLogLine) {
   EXPECT_EQ(ReasonOf(used), "The image 'a' is in a drive of these guests: 'web'. Take it out of the drives first");
   EXPECT_EQ(Image("remove", R"({"image_id":"x"})").code, 403);
   EXPECT_THAT(ClusterLogLines(),
-              ElementsAre("root 3 The image [a] has been added.", "root 1 Failed to add the image [b].",
-                          "root 1 Failed to add the image [b].", "root 1 Failed to remove the image [a].",
-                          "root 1 Failed to remove the image [x]."));
+              ElementsAre("root 3 The image [a] has been added.", "root 1 Failed to add the image [b]. (2)",
+                          "root 1 Failed to remove the image [a].", "root 1 Failed to remove the image [x]."));
 }
 
 TEST_F(ImageApi, Parameters_Invalid_AreRefusedAndNotLogged) {

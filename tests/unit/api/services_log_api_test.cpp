@@ -38,10 +38,26 @@ TEST_F(LogApi, Log_Entry_HasTimeAndHostName) {
   const Answer answer = List("{}");
   ASSERT_EQ(answer.code, 0);
   EXPECT_EQ(answer.data, Parsed(R"({"next":"","entries":[
-      {"time":"2026-03-01T12:00:00.000008Z","time_us":1772366400000008,"host_id":"gone","host":"","user":"eve",
+      {"position":1772366400000008,"time":"2026-03-01T12:00:00.000008Z","time_us":1772366400000008,"count":1,
+       "first_time_us":1772366400000008,"host_id":"gone","host":"","user":"eve",
        "priority":3,"text":"A \"text\".","request_id":"id"},
-      {"time":"2026-03-01T12:00:00.000007Z","time_us":1772366400000007,"host_id":"h1","host":"nas-1","user":"eve",
+      {"position":1772366400000007,"time":"2026-03-01T12:00:00.000007Z","time_us":1772366400000007,"count":1,
+       "first_time_us":1772366400000007,"host_id":"h1","host":"nas-1","user":"eve",
        "priority":3,"text":"A \"text\".","request_id":"id"}]})"));
+}
+
+TEST_F(LogApi, Log_ClockBehindAndRepeatedRefusal_HavePositionAndCount) {
+  Add(500);
+  for (const int time : {400, 410}) {
+    ASSERT_TRUE(cluster::AddLogEntry(host_.store(), {time, "h1", "eve", 1, "No.", "id"}).ok());
+  }
+  const Answer answer = List(R"({"after":500})");
+  ASSERT_EQ(answer.data["entries"].size(), 1u);
+  const Json::Value& refusal = answer.data["entries"][0];
+  EXPECT_EQ(refusal["position"], 502);
+  EXPECT_EQ(refusal["time_us"], 410);
+  EXPECT_EQ(refusal["first_time_us"], 400);
+  EXPECT_EQ(refusal["count"], 2);
 }
 
 TEST_F(LogApi, Pages_AreReadByCursor) {

@@ -27,6 +27,10 @@ class Files : public testing::Test {
   std::size_t Entries() const {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder_.path()), fs::directory_iterator()));
   }
+  bool HasUnnamedFiles() const {
+    const int fd = ::open(folder_.path().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    return fd >= 0 && ::close(fd) == 0;
+  }
   static mode_t ModeOf(const std::string& path) {
     struct stat info {};
     EXPECT_EQ(::stat(path.c_str(), &info), 0);
@@ -130,6 +134,26 @@ TEST_F(Files, Write_FailsHalfway_KeepsOldFileAndLeavesNoTemporary) {
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(*ReadFile(Path("f"), 100), "old");
+  EXPECT_EQ(Entries(), 1u);
+}
+
+// The limit ends the child in the middle of the write.
+TEST_F(Files, Write_KilledHalfway_LeavesNoCopy) {
+  if (!HasUnnamedFiles()) GTEST_SKIP() << "The file system has no unnamed files";
+  ASSERT_TRUE(WriteFileAtomically(Path("f"), "old", 0600).ok());
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::signal(SIGXFSZ, SIG_DFL);
+    const rlimit no_core{0, 0};
+    const rlimit limit{4096, 4096};
+    if (::setrlimit(RLIMIT_CORE, &no_core) != 0 || ::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(2);
+    ::_exit(WriteFileAtomically(Path("f"), std::string(100'000, 'x'), 0600).ok() ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "it was not killed: " << status;
   EXPECT_EQ(*ReadFile(Path("f"), 100), "old");
   EXPECT_EQ(Entries(), 1u);
 }

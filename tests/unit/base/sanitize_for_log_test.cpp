@@ -26,20 +26,20 @@ TEST_P(SanitizedLogText, UnprintableCharacters_AreReplaced) {
   EXPECT_EQ(SanitizeForLog(GetParam().text, 1000), GetParam().expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, SanitizedLogText,
-                         testing::Values(Row{"Empty", "", ""},
-                                         Row{"Plain", "The guest [web] 100%s", "The guest [web] 100%s"},
-                                         Row{"OtherScripts", "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x96\xA5",
-                                             "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x96\xA5"},
-                                         Row{"Lines", "a\nb\r\nc\td", "a b  c d"}, Row{"Nul", {"a\0b", 3}, "a b"},
-                                         Row{"EscapeAndDelete", "\x1B[31m\x7F", " [31m "},
-                                         Row{"C1", "a\xC2\x85\xC2\x9B\xC2\xA0", "a  \xC2\xA0"},
-                                         Row{"Separators", "a\xE2\x80\xA8\xE2\x80\xA9\xE2\x80\xAA", "a  \xE2\x80\xAA"},
-                                         Row{"LoneBytes", "a\xFF\x80z", "a" + kBad + kBad + "z"},
-                                         Row{"Overlong", "\xC0\xAF", kBad + kBad},
-                                         Row{"Surrogate", "\xED\xA0\x80", kBad + kBad + kBad},
-                                         Row{"CutShort", "a\xE2\x82", "a" + kBad + kBad}),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Rows, SanitizedLogText,
+    testing::Values(
+        Row{"Empty", "", ""}, Row{"Plain", "The guest [web] 100%s", "The guest [web] 100%s"},
+        Row{"OtherScripts", "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x96\xA5",
+            "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x96\xA5"},
+        Row{"Lines", "a\nb\r\nc\td", "a b  c d"}, Row{"Nul", {"a\0b", 3}, "a b"},
+        Row{"EscapeAndDelete", "\x1B[31m\x7F", " [31m "}, Row{"C1", "a\xC2\x85\xC2\x9B\xC2\xA0", "a  \xC2\xA0"},
+        Row{"Separators", "a\xE2\x80\xA8\xE2\x80\xA9z", "a  z"},
+        Row{"Directions", "\u200E\u200F\u202A\u202B\u202C\u202D\u202E\u2066\u2067\u2068\u2069\u061C", "            "},
+        Row{"ByteOrderMark", "a\uFEFFz", "a z"}, Row{"Joiners", "a\u200C\u200Dz", "a\u200C\u200Dz"},
+        Row{"LoneBytes", "a\xFF\x80z", "a" + kBad + kBad + "z"}, Row{"Overlong", "\xC0\xAF", kBad + kBad},
+        Row{"Surrogate", "\xED\xA0\x80", kBad + kBad + kBad}, Row{"CutShort", "a\xE2\x82", "a" + kBad + kBad}),
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST(SanitizedLogTextBounds, ShortText_IsUnchanged) {
   EXPECT_EQ(SanitizeForLog("abcde", 5), "abcde");

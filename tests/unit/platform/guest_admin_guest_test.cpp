@@ -5,8 +5,10 @@
 #include <thread>
 #include <vector>
 
+#include "host/records/environment.h"
 #include "host/records/guest_admin.h"
 #include "host/records/request_scope.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
@@ -92,6 +94,25 @@ TEST_F(GuestAdminGuest, Set_NothingToChange_WritesNothing) {
   EXPECT_EQ(Set({User(alice_, true), User(bob_, false), Group(team_, false)}), kFine);
   EXPECT_EQ(Set({User(bob_, true), User(bob_, false)}), kFine);
   EXPECT_EQ(Revision(), before);
+}
+
+TEST_F(GuestAdminGuest, Set_Changes_AreInTheSystemLogWithActor) {
+  records::Environment environment = *records::CurrentEnvironment();
+  environment.acting_user = []() -> std::string_view { return "eve"; };
+  records::InstallEnvironment(std::move(environment));
+  ASSERT_EQ(Set({User(bob_, true)}), kFine);
+  test::ClearCapturedSyslog();
+  ASSERT_EQ(Set({User(alice_, true), User(bob_, false), Group(team_, true), User(UINT32_MAX, true, "x")}), Texts{"x"});
+  const auto lines = test::CapturedSyslog();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "User[eve] has changed the rights on the virtual machine [" + kGuest +
+                               "]: the group [team] may use it, the user [alice] may use it, the user [bob] may no "
+                               "longer use it.");
+  ASSERT_EQ(Set({User(alice_, true)}), kFine);
+  EXPECT_EQ(test::CapturedSyslog().size(), 1u) << "nothing has changed";
+  host_.store().FailCommits();
+  EXPECT_NE(Set({User(alice_, false)}), kFine);
+  EXPECT_EQ(test::CapturedSyslog().size(), 1u);
 }
 
 TEST_F(GuestAdminGuest, Set_ManyChanges_AreOneCommit) {

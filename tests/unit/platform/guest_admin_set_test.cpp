@@ -5,8 +5,10 @@
 #include <thread>
 #include <vector>
 
+#include "host/records/environment.h"
 #include "host/records/guest_admin.h"
 #include "host/records/request_scope.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_guest_admin.h"
@@ -48,6 +50,20 @@ TEST_F(GuestAdminSet, Identifier_Principal_IsWhatAccessChecksRead) {
   ASSERT_EQ(VexaCCC::gaUserListAvail("alice", "guest", granted), 0);
   EXPECT_EQ(granted, (std::set<std::string>{"g1", "g2"}));
   EXPECT_EQ(VexaCCC::gaIsAdvancedUser("alice"), 0) << "a grant makes nobody advanced";
+}
+
+TEST_F(GuestAdminSet, Set_Change_IsInTheSystemLogWithActor) {
+  records::Environment environment = *records::CurrentEnvironment();
+  environment.acting_user = []() -> std::string_view { return "eve"; };
+  records::InstallEnvironment(std::move(environment));
+  const std::string alice = gaUUIDGet(1, "users", host_.AddUser("alice"));
+  test::ClearCapturedSyslog();
+  ASSERT_EQ(gaUserSet(alice, "", {Allow("g1"), Deny("g2")}), 0);
+  ASSERT_EQ(gaUserSet(alice, "", {Allow("g1")}), 0);
+  const auto lines = test::CapturedSyslog();
+  ASSERT_EQ(lines.size(), 1u) << "the second one changes nothing";
+  EXPECT_EQ(lines[0].text,
+            "User[eve] has changed the rights of [alice] (" + alice + "): may use [g1], no longer use [g2].");
 }
 
 TEST_F(GuestAdminSet, Identifier_UnknownTypeKindOrId_IsEmpty) {

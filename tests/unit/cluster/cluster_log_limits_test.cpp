@@ -1,0 +1,198 @@
+// What the cluster log keeps: limits of number, age and user, repeated refusals, and damaged bookkeeping.
+#include <fmt/format.h>
+
+#include <atomic>
+#include <thread>
+
+#include "host/base/json_parse.h"
+#include "json/readers.h"
+#include "tests/unit/cluster/cluster_log_fixture.h"
+
+namespace vexa::cluster {
+namespace {
+
+class ClusterLogLimits : public ClusterLogTest {
+ protected:
+  static constexpr int kFull = static_cast<int>(kMaxLogEntries);
+  static constexpr int kShare = static_cast<int>(kLogShare);
+
+  // A full log of an older version.
+  void FillUp() { Fill(kNow, kFull); }
+
+  // From many threads, so that entries share commits.
+  void Flood(const std::string& user, int count, int priority = CLOG_PRIORITY_SUCCESS) {
+    constexpr int kThreads = 32;
+    std::atomic<int> next = 0;
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+      threads.emplace_back([&] {
+        for (int i = next++; i < count; i = next++) {
+          const LogEntry entry{kNow + 20'000 + i, "h1", user, priority, fmt::format("Entry {}.", i), ""};
+          EXPECT_TRUE(AddLogEntry(host_.store(), entry).ok());
+        }
+      });
+    }
+  }
+};
+
+TEST_F(ClusterLogLimits, Add_LogFull_RemovesOldestEntry) {
+  Fill(kNow, kFull - 1);
+  Add(kNow + 20'000);
+  EXPECT_EQ(Stored().size(), kMaxLogEntries);
+  EXPECT_EQ(Stored().front().first, LogEntryKey(kNow));
+  Add(kNow + 30'000);
+  const auto stored = Stored();
+  EXPECT_EQ(stored.size(), kMaxLogEntries);
+  EXPECT_EQ(stored.front().first, LogEntryKey(kNow + 1));
+  EXPECT_EQ(stored.back().first, LogEntryKey(kNow + 30'000));
+}
+
+TEST_F(ClusterLogLimits, Add_LogOverfull_ShrinksStepByStep) {
+  Fill(kNow, kFull + 8);
+  Add(kNow + 20'000);
+  EXPECT_EQ(Stored().size(), kMaxLogEntries + 8 + 1 - 4) << "a commit does not grow with the backlog";
+  Add(kNow + 20'001);
+  Add(kNow + 20'002);
+  EXPECT_EQ(Stored().size(), kMaxLogEntries);
+}
+
+TEST_F(ClusterLogLimits, ClusterLog_InvalidEntries_AreNeitherReturnedNorTrimmed) {
+  const std::vector<std::string> strange{"/log/0", "/log/zzz", "/log/0000000000000000000x", LogEntryKey(1) + "/more"};
+  for (const std::string& key : strange) PutRaw(key, R"({"text":"strange"})");
+  FillUp();
+  Add(kNow + 20'000);
+  const auto stored = Stored();
+  EXPECT_EQ(stored.size(), kMaxLogEntries + strange.size());
+  for (const std::string& key : strange) {
+    EXPECT_TRUE(std::ranges::any_of(stored, [&](const auto& one) { return one.first == key; })) << key;
+  }
+  for (const LogEntry& entry : Require(ReadLog("", 1000)).entries) EXPECT_NE(entry.text, "strange");
+}
+
+TEST_F(ClusterLogLimits, Add_UserWithAShareOfAFullLog_ReplacesOnlyOwnEntries) {
+  FillUp();
+  Flood("mallory", kShare);
+  EXPECT_EQ(CountOf("mallory"), kShare);
+  Add(kNow, "of the other", "alice");
+  Flood("mallory", 200);
+  EXPECT_EQ(CountOf("mallory"), kShare);
+  EXPECT_EQ(CountOf("alice"), 1);
+  EXPECT_EQ(CountOf("admin"), kFull - kShare - 1);
+  EXPECT_EQ(Stored().size(), kMaxLogEntries);
+}
+
+TEST_F(ClusterLogLimits, Add_OnlyUser_HasTheWholeLog) {
+  FillUp();
+  Flood("admin", kShare + 50);
+  EXPECT_EQ(CountOf("admin"), kFull);
+}
+
+// Age.
+
+TEST_F(ClusterLogLimits, Add_EntriesOlderThanAYear_AreRemoved) {
+  Fill(kNow - kYearUs - 5 * kSecondUs, 1);
+  Fill(kNow - kYearUs - 1, 2);
+  for (int i = 0; i < 15; ++i) Add(kNow + i, std::to_string(i));
+  EXPECT_EQ(Stored().size(), 18u) << "not yet enough times that agree";
+  Add(kNow, "x");
+  EXPECT_EQ(Stored().size(), 17u);
+  EXPECT_EQ(Stored()[0].first, LogEntryKey(kNow - kYearUs)) << "exactly a year";
+}
+
+TEST_F(ClusterLogLimits, Add_OneEntryDatedYearsAhead_NeitherRemovesNorHidesOthers) {
+  Fill(kNow, 20);
+  for (int i = 0; i < 20; ++i) Add(kNow + 100 + i, "before");
+  Add(kNow + 10 * kYearUs, "ahead");
+  const std::int64_t seen = All().back().position;
+  for (int i = 0; i < 20; ++i) Add(kNow + 200 + i, fmt::format("after {}", i));
+  EXPECT_EQ(Stored().size(), 61u);
+  EXPECT_EQ(Require(ReadLogAfter(seen, 100)).size(), 20u);
+  EXPECT_EQ(All().back().text, "after 19");
+  EXPECT_EQ(All().back().time_us, kNow + 219);
+}
+
+// An entry of an older version, whose key is its time.
+TEST_F(ClusterLogLimits, Add_OldEntryDatedYearsAhead_DoesNotHideNewOnes) {
+  Fill(kNow, 3);
+  Fill(kNow + 10 * kYearUs, 1);
+  const std::int64_t seen = All().back().position;
+  Add(kNow + 5, "new");
+  EXPECT_EQ(TextsOf(Require(ReadLogAfter(seen, 10))), Texts{"new"});
+  EXPECT_EQ(TextsOf(All()), (Texts{"old", "old", "old", "old", "new"}));
+}
+
+// Repeated refusals.
+
+TEST_F(ClusterLogLimits, Refusals_EqualOnes_BecomeOneEntryWithACount) {
+  Refuse(kNow, "Failed to reboot [web].");
+  Add(kNow + 1, "in between");
+  const std::int64_t seen = All().back().position;
+  for (int i = 1; i < 100; ++i) Refuse(kNow + i * kSecondUs, "Failed to reboot [web].");
+  const std::vector<LogEntry> all = All();
+  ASSERT_EQ(TextsOf(all), (Texts{"in between", "Failed to reboot [web]."}));
+  EXPECT_EQ(all[1].count, 100);
+  EXPECT_EQ(all[1].first_time_us, kNow);
+  EXPECT_EQ(all[1].time_us, kNow + 99 * kSecondUs);
+  EXPECT_EQ(all[0].count, 1);
+  EXPECT_EQ(TextsOf(Require(ReadLogAfter(seen, 10))), Texts{"Failed to reboot [web]."})
+      << "followers get the new count";
+}
+
+TEST_F(ClusterLogLimits, Refusals_OtherUserHostTextTimeOrSuccess_AreKeptApart) {
+  const std::int64_t window = std::chrono::microseconds(kMergeWindow).count();
+  Refuse(kNow, "a");
+  Refuse(kNow, "a", "bob");
+  Refuse(kNow, "a", "eve", "h2");
+  Refuse(kNow, "b");
+  Add(kNow, "a");
+  Add(kNow, "a");
+  EXPECT_EQ(All().size(), 6u);
+  Refuse(kNow + window, "a");
+  EXPECT_EQ(All().size(), 6u) << "five minutes after the first";
+  Refuse(kNow + window + 1, "a");
+  EXPECT_EQ(All().size(), 7u);
+}
+
+TEST_F(ClusterLogLimits, Refusals_MoreKindsThanAreRemembered_AreBoundedByTheShare) {
+  FillUp();
+  Flood("eve", kShare + 100, CLOG_PRIORITY_FAILURE);
+  EXPECT_EQ(CountOf("eve"), kShare);
+}
+
+TEST_F(ClusterLogLimits, Refusals_FirstOneWasTrimmed_StartAgain) {
+  Refuse(kNow, "a");
+  (void)Require(host_.store().Commit({{}, {{Stored()[0].first, std::nullopt}}}));
+  Refuse(kNow + 1, "a");
+  ASSERT_EQ(All().size(), 1u);
+  EXPECT_EQ(All()[0].count, 1);
+}
+
+// Bookkeeping.
+
+TEST_F(ClusterLogLimits, Bookkeeping_AllEntriesOfAUserTrimmed_IsRemoved) {
+  Add(kNow, "x", "alice");
+  Fill(kNow + 1, kFull - 1);
+  (void)Require(host_.store().Commit({{}, {{"/log_state", std::nullopt}}}));
+  EXPECT_EQ(StoredBelow("/log_user").size(), 2u) << "the user's record and the entry's";
+  Add(kNow + 20'000, "y", "bob");
+  EXPECT_EQ(CountOf("alice"), 0);
+  EXPECT_EQ(StoredBelow("/log_user").size(), 2u) << "only bob's";
+}
+
+TEST_F(ClusterLogLimits, Bookkeeping_Damaged_IsDerivedFromTheEntries) {
+  for (const char* damaged : {"", "nonsense", "[]", "{}", R"({"last":-1})", R"({"last":1,"count":99999999999})",
+                              R"({"last":9223372036854775807,"count":0,"times":{}})",
+                              R"({"last":1772366400000000,"count":1,"times":[-9223372036854775808,"x",null]})"}) {
+    PutRaw("/log_state", damaged);
+    for (const auto& [key, value] : StoredBelow("/log_user")) PutRaw(key, damaged);
+    Refuse(kNow, "a");
+    EXPECT_EQ(All().back().text, "a") << damaged;
+    const auto state = Require(ParseJson(StoredBelow("/log_state")[0].second));
+    EXPECT_EQ(json::Int64(json::Member(state, "last")), All().back().position) << damaged;
+  }
+  EXPECT_EQ(json::UInt64(json::Member(Require(ParseJson(StoredBelow("/log_state")[0].second)), "count")), 2u)
+      << "as the state before said one";
+}
+
+}  // namespace
+}  // namespace vexa::cluster
