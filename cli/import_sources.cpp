@@ -50,7 +50,7 @@ Result<std::vector<ImportSource>> DomainsOf(const ImportArguments& arguments,
     source.xml = std::move(domain.xml);
     source.autostart = domain.autostart;
     source.options = OptionsOf(arguments);
-    // libvirt reads the images on its own machine, which may be another machine, and those that this user may not read.
+    // libvirt may be on another machine, and may read images that this user may not.
     source.options.size_of = [&connection, id = domain.id, local = IsLocal(arguments.uri)](
                                  const std::string& path, domain_xml::ImageFormat format) {
       if (!local) return connection.DiskSize(id, path);

@@ -41,7 +41,7 @@ class CheckedFiles {
   // The images that could not be opened, or whose headers could not be read.
   const std::vector<std::string>& unreadable() const { return unreadable_; }
 
-  // Compares the files with those that the guest's process has open. Returns the paths that could not be compared,
+  // Compares the files with the ones that the guest's process has open. Returns the paths that could not be compared,
   // because their file system gives a file another number each time it is opened. Errors: kInvalid when a file is not
   // the one that was checked, or the process has a file open that the definition does not name, such as a backing file.
   Result<std::vector<std::string>> Compare(const std::vector<hypervisor::HeldFile>& held) const;

@@ -40,7 +40,7 @@ Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest
   const auto held = hypervisor_->FilesHeldBy(guest_id);
   if (!held && !IsEmbedded()) {
     LogOnce(has_logged_uncompared_,
-            fmt::format("The files that guests have open cannot be compared with those that were checked. More such "
+            fmt::format("The files that guests have open cannot be compared with the checked ones. More such "
                         "guests are not logged. {}",
                         held.error().ToString()));
     return {};

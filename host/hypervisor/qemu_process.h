@@ -10,7 +10,7 @@
 
 namespace vexa::hypervisor {
 
-// Kills the QEMU processes that run the guest `id` (a UUID in lower case), even those that libvirt cannot reach.
+// Kills the QEMU processes that run the guest `id` (a UUID in lower case), even ones that libvirt cannot reach.
 // Processes of other users stay when this process may not kill them. Returns how many were killed, without waiting for
 // them to end.
 int KillQemuProcesses(const std::string& id, const std::string& root);
