@@ -2,8 +2,7 @@
 //
 // QEMU opens every file that an image names, with its own rights: a backing file, or the file with the image's data. So
 // anyone who provides an image could have a guest read any file that QEMU can read. The format is in QEMU's
-// documentation
-// ("The QCOW2 image format"). Everything read here may be hostile.
+// documentation ("The QCOW2 image format"). Everything read here may be hostile.
 #pragma once
 
 #include <cstddef>

@@ -52,10 +52,10 @@ class GuestImport {
   struct Options {
     OnExisting on_existing = OnExisting::kRefuse;
     ImportMode mode = ImportMode::kWrite;
-    // This host: images of its guests are checked as far as they can be read. "": no images are read.
-    std::string own_host_id{};
     // With kCheck: the guests that this object has accepted, names by id. They count as if they had been written.
     std::map<std::string, std::string> planned{};
+    // This host: images of its guests are checked as far as they can be read. "": no images are read.
+    std::string own_host_id{};
   };
   GuestImport(store::Store& store, Options options) : store_(store), options_(std::move(options)) {}
 

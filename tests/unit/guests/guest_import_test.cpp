@@ -139,7 +139,7 @@ TEST_F(GuestImports, Import_ImageThatNamesOtherFiles_IsRefusedOnItsHost) {
   image.backing_file = "/etc/shadow";
   const std::string path = host_.folder().File("image");
   std::ofstream(path, std::ios::binary) << image.Text();
-  const auto request = [&](const std::string& format) {
+  const auto request_for = [&](const std::string& format) {
     ImportRequest request = RequestOf(Domain(
         kFirst, "one",
         "<disk><driver type='" + format + "'/><source file='" + path + "'/><target dev='vda' bus='virtio'/></disk>"));
@@ -148,18 +148,18 @@ TEST_F(GuestImports, Import_ImageThatNamesOtherFiles_IsRefusedOnItsHost) {
   };
   GuestImport::Options options;
   options.own_host_id = kHost;
-  ExpectRefused([&] { return ImportInto(host_.store(), request("qcow2"), options); }, kBadDefinition,
+  ExpectRefused([&] { return ImportInto(host_.store(), request_for("qcow2"), options); }, kBadDefinition,
                 "The image '" + path +
                     "' has the backing file '/etc/shadow', which QEMU would open as well. Merge both "
                     "into one image with 'qemu-img convert -O qcow2 OLD NEW'");
   EXPECT_THAT(Ids("guest"), SizeIs(0));
   // Another host's file of this path is another one.
   options.own_host_id = kSecond;
-  EXPECT_TRUE(ImportInto(host_.store(), request("qcow2"), options).ok());
+  EXPECT_TRUE(ImportInto(host_.store(), request_for("qcow2"), options).ok());
   // A raw image stays raw, whatever is in it.
   options.own_host_id = kHost;
   options.on_existing = OnExisting::kReplace;
-  EXPECT_TRUE(ImportInto(host_.store(), request("raw"), options).ok());
+  EXPECT_TRUE(ImportInto(host_.store(), request_for("raw"), options).ok());
   EXPECT_EQ(Record("vdisk", Ids("vdisk")[0])["driver"], "raw");
 }
 
