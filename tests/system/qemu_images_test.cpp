@@ -1,7 +1,11 @@
 // Guests on QEMU start with the files that were checked, and with no others. The host is in this process, so that files
 // can be replaced between the check and the moment at which QEMU opens them.
+#include <dirent.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -11,6 +15,19 @@
 #include "tests/support/qemu_guest.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
+
+namespace {
+std::atomic<bool> is_proc_closed{false};
+}  // namespace
+
+// Replaces that of the C library, so that the open files of processes can be hidden from the host.
+extern "C" DIR* opendir(const char* path) {
+  static auto* const real = reinterpret_cast<DIR* (*)(const char*)>(::dlsym(RTLD_NEXT, "opendir"));
+  const std::string_view folder = path;
+  if (!is_proc_closed || !folder.starts_with("/proc/") || !folder.ends_with("/fd/")) return real(path);
+  errno = EACCES;
+  return nullptr;
+}
 
 namespace vexa::guests {
 namespace {
@@ -147,6 +164,14 @@ TEST_F(QemuImages, PowerOn_DiskReplacedByLinkBeforeOpen_EndsGuest) {
   PutGuestWith(disk, "raw");
   before_open_ = [&] { ReplaceByLink(disk, victim); };
   ExpectNotStarted("QEMU does not have the file '" + disk + "' open that was checked for the disk 'vda'");
+}
+
+TEST_F(QemuImages, PowerOn_OpenFilesUnknown_EndsGuest) {
+  PutGuestWith(File("a.raw"), "raw");
+  is_proc_closed = true;
+  ExpectNotStarted("Cannot read which files the guest");
+  is_proc_closed = false;
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
 }
 
 TEST_F(QemuImages, PowerOn_HeaderChangedBeforeOpen_EndsGuest) {

@@ -137,6 +137,19 @@ TEST_F(GuestFiles, PowerOn_ProcessNotFound_StartsAndLogsOnce) {
   EXPECT_EQ(CountLines("The files that guests have open cannot be compared"), 1);
 }
 
+// libvirt may open images that this service may not even look up.
+TEST_F(GuestFiles, PowerOn_ImageUnreadable_StartsAndLogsOnce) {
+  PutGuest(id_, "web-3", Parsed(R"({"iso_images":["/proc/1/root/a.iso"]})"));
+  for (int i = 0; i < 2; ++i) {
+    if (::getuid() == 0) ASSERT_EQ(::seteuid(65534), 0);
+    const auto started = control_->PowerOn(id_, kAlice);
+    ASSERT_EQ(::seteuid(::getuid()), 0);
+    EXPECT_DONE(started);
+    EXPECT_DONE(control_->PowerOff(id_, kAlice));
+  }
+  EXPECT_EQ(CountLines("This service may not read the image '/proc/1/root/a.iso'"), 1);
+}
+
 TEST_F(GuestFiles, PowerOn_QemuHasCheckedFiles_Starts) {
   const std::string path = File("a.qcow2", test::Qcow2Image().Text());
   PutGuestWithDisk(path, "qcow2");
