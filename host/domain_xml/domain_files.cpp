@@ -109,4 +109,11 @@ Result<DomainFiles> ParseDomainFiles(std::string_view xml) {
   return files;
 }
 
+FirmwareFiles ParseFirmwareFiles(std::string_view xml) {
+  pugi::xml_document document;
+  if (const Status loaded = parse::Load(xml, document); !loaded) return {};
+  const pugi::xml_node os = document.document_element().child("os");
+  return {std::string(parse::Trim(parse::TextOf(os.child("loader")))), parse::NvramPath(os.child("nvram"))};
+}
+
 }  // namespace vexa::domain_xml

@@ -33,4 +33,11 @@ struct DomainFiles {
 // that is in a storage pool. Pure. Threads: any, at the same time.
 Result<DomainFiles> ParseDomainFiles(std::string_view xml);
 
+// The files of the firmware; "" for what there is none of, or is not in a file.
+struct FirmwareFiles {
+  std::string loader;
+  std::string variables;
+};
+FirmwareFiles ParseFirmwareFiles(std::string_view xml);
+
 }  // namespace vexa::domain_xml

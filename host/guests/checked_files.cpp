@@ -68,7 +68,8 @@ bool IsSystemFile(const HeldFile& held) {
   constexpr std::string_view kSystemFolders[] = {"/usr/", "/lib/", "/lib64/", "/dev/", "/proc/", "/sys/", "/memfd:"};
   const auto is_below = [&](std::string_view folder) { return held.path.starts_with(folder); };
   const bool is_pid_file = held.path.ends_with(".pid") && held.size <= kMaxPidFileBytes;
-  const bool is_memory = held.path.find("/qemu/ram/") != std::string::npos;
+  const bool is_memory =
+      held.path.find("/qemu/ram/") != std::string::npos || held.path.find("/qemu_back_mem.") != std::string::npos;
   return is_pid_file || is_memory || std::ranges::any_of(kSystemFolders, is_below);
 }
 
@@ -105,6 +106,14 @@ Status CheckedFiles::Add(const DomainImage& image) {
   }
   files_.push_back(std::move(*file));
   return {};
+}
+
+void CheckedFiles::AddFirmware(const domain_xml::FirmwareFiles& firmware) {
+  if (!firmware.loader.empty()) named_.other_files.push_back(firmware.loader);
+  const std::string& path = firmware.variables;
+  const bool is_named = std::ranges::find(named_.images, path, &DomainImage::path) != named_.images.end();
+  if (path.empty() || is_named) return;
+  missing_.push_back({"file with the UEFI variables", path, domain_xml::ImageFormat::kRaw, true});
 }
 
 Result<CheckedFiles::File> CheckedFiles::OpenFile(const DomainImage& image) const {

@@ -41,6 +41,9 @@ class CheckedFiles {
   // The images that could not be opened, or whose headers could not be read.
   const std::vector<std::string>& unreadable() const { return unreadable_; }
 
+  // Adds the firmware that libvirt has chosen for the start, as far as the definition does not name it.
+  void AddFirmware(const domain_xml::FirmwareFiles& firmware);
+
   // Compares the files with the ones that the guest's process has open. Returns the paths that could not be compared,
   // because their file system gives a file another number each time it is opened. Errors: kInvalid when a file is not
   // the one that was checked, or the process has a file open that the definition does not name, such as a backing file.
@@ -73,7 +76,8 @@ class CheckedFiles {
   FileCheckOptions options_;
   domain_xml::DomainFiles named_;
   std::vector<File> files_;
-  std::vector<domain_xml::DomainImage> missing_;  // optional images that did not exist when they were checked
+  // Optional images that did not exist, or were not named, when the others were checked.
+  std::vector<domain_xml::DomainImage> missing_;
   std::vector<std::string> unreadable_;
 };
 

@@ -118,7 +118,7 @@ class LibvirtGuestControl final : public GuestControl {
   // guest_files.cpp
   Result<std::optional<CheckedFiles>, Refusal> CheckFiles(const std::string& guest_id);
   // Ends the guest, which has just been started, when it has other files open.
-  Result<void, Refusal> CompareFiles(const std::string& guest_id, const CheckedFiles& files);
+  Result<void, Refusal> CompareFiles(const std::string& guest_id, CheckedFiles& files);
   Refusal EndForFiles(const std::string& guest_id, const std::string& reason);
 
   // guest_definition.cpp

@@ -36,7 +36,7 @@ Result<std::optional<CheckedFiles>, Refusal> LibvirtGuestControl::CheckFiles(con
   return std::optional(std::move(*files));
 }
 
-Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest_id, const CheckedFiles& files) {
+Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest_id, CheckedFiles& files) {
   const auto held = hypervisor_->FilesHeldBy(guest_id);
   if (!held && !IsEmbedded()) {
     LogOnce(has_logged_uncompared_,
@@ -51,6 +51,7 @@ Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest
     if (state && !IsActive(*state)) return {};
     return EndForFiles(guest_id, held.error().ToString());
   }
+  if (const auto xml = hypervisor_->RunningXmlOf(guest_id)) files.AddFirmware(domain_xml::ParseFirmwareFiles(*xml));
   const auto not_compared = files.Compare(*held);
   if (!not_compared) return EndForFiles(guest_id, not_compared.error().ToString());
   for (const std::string& path : *not_compared) {

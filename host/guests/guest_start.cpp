@@ -221,7 +221,7 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
     }
   }
   BeforeStep("poweron: defined");
-  const auto files = CheckFiles(attempt.guest.records.id);
+  auto files = CheckFiles(attempt.guest.records.id);
   if (!files.ok()) return files.error();
   BeforeStep("poweron: files checked");
   if (!start.TryEnterHypervisor())

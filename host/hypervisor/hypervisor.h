@@ -139,6 +139,8 @@ class Hypervisor {
   virtual Result<Definition, Failure> DefinitionOf(const std::string& id) = 0;
   // The XML of the guest's configuration for its next start.
   virtual Result<std::string, Failure> XmlOf(const std::string& id) = 0;
+  // The XML of the guest as it runs, with what libvirt has chosen for this run. Failures: kNotRunning.
+  virtual Result<std::string, Failure> RunningXmlOf(const std::string& id) = 0;
   // Whether libvirt starts the guest when libvirt starts.
   virtual Result<bool, Failure> IsAutostarted(const std::string& id) = 0;
   virtual Result<void, Failure> SetAutostart(const std::string& id, bool autostart) = 0;

@@ -87,5 +87,14 @@ TEST(DomainFilesOf, Parse_OtherPaths_ComeFromDevicesOnly) {
   EXPECT_THAT(FilesOf(DomainWith("")).other_files, IsEmpty());
 }
 
+TEST(DomainFilesOf, ParseFirmwareFiles_AreFiles) {
+  const auto firmware = ParseFirmwareFiles(DomainWith("<os><loader> /code.fd</loader><nvram>/vars.fd</nvram></os>"));
+  EXPECT_EQ(firmware.loader, "/code.fd");
+  EXPECT_EQ(firmware.variables, "/vars.fd");
+  EXPECT_EQ(ParseFirmwareFiles(DomainWith("<os><nvram><source file='/v'/></nvram></os>")).variables, "/v");
+  EXPECT_EQ(ParseFirmwareFiles(DomainWith("<os><nvram type='network'/></os>")).variables, "");
+  EXPECT_EQ(ParseFirmwareFiles("<network/>").loader, "");
+}
+
 }  // namespace
 }  // namespace vexa::domain_xml

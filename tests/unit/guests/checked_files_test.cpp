@@ -152,6 +152,29 @@ TEST_F(CheckedFilesOf, Open_NoRights_DependsOnOptions) {
   EXPECT_TRUE(accepted->Compare({HeldFile{"/proc/1/root/image", S_IFREG | 0600, 1, 2, 0, 0}}));
 }
 
+TEST_F(CheckedFilesOf, Compare_FirmwareChosenByLibvirt_Agrees) {
+  const std::string variables = File("VARS.fd");
+  Hold(variables);
+  auto files = Open(Domain("", "<os firmware='efi'/>"));
+  ASSERT_TRUE(files);
+  EXPECT_THAT(Mismatch(*files), HasSubstr("QEMU has opened '" + variables + "'"));
+  files->AddFirmware({"", ""});
+  files->AddFirmware({"", variables});
+  EXPECT_EQ(Mismatch(*files), "");
+  Hold(File("CODE.fd"));
+  EXPECT_THAT(Mismatch(*files), HasSubstr("QEMU has opened '" + Path("CODE.fd") + "'"));
+  files->AddFirmware({Path("CODE.fd"), ""});
+  EXPECT_EQ(Mismatch(*files), "");
+  // The ones that the definition names were checked before the start, and stay the same.
+  files = Open(Domain("", "<os><nvram>" + variables + "</nvram></os>"));
+  ASSERT_TRUE(files);
+  fs::rename(File("other"), variables);
+  files->AddFirmware({"", variables});
+  held_.clear();
+  Hold(variables);
+  EXPECT_THAT(Mismatch(*files), HasSubstr("QEMU does not have the file '" + variables + "' open"));
+}
+
 TEST_F(CheckedFilesOf, Compare_SameFiles_Agree) {
   const std::string path = File("a");
   const auto files = Open(Domain(Disk(path)));
@@ -215,6 +238,7 @@ TEST_F(CheckedFilesOf, Compare_ExpectedOtherFiles_Agree) {
   Hold(path);
   for (const char* name : {"serial.log", "shared/file", "extra", "a.TRANSIENT-host"}) Hold(File(name));
   Hold(File("qemu.pid", "12345\n"));
+  Hold(File("qemu_back_mem.pc.ram.a1b2c3"));
   for (const char* other : {"/usr/bin/env", "/dev/null", "/proc/self/status"}) Hold(other);
   Hold(root_);  // a folder
   held_.emplace_back(::memfd_create("memory", MFD_CLOEXEC));
