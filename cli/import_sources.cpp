@@ -50,11 +50,14 @@ Result<std::vector<ImportSource>> DomainsOf(const ImportArguments& arguments,
     source.xml = std::move(domain.xml);
     source.autostart = domain.autostart;
     source.options = OptionsOf(arguments);
-    // libvirt reads the images on its own machine, which may be another machine.
+    // libvirt may be on another machine, and may read images that this user may not.
     source.options.size_of = [&connection, id = domain.id, local = IsLocal(arguments.uri)](
                                  const std::string& path, domain_xml::ImageFormat format) {
+      if (!local) return connection.DiskSize(id, path);
+      Result<std::uint64_t> own = domain_xml::ReadImageSize(path, format);
+      if (own || own.error().code() == ErrorCode::kInvalid) return own;
       Result<std::uint64_t> size = connection.DiskSize(id, path);
-      return size || !local ? size : domain_xml::ReadImageSize(path, format);
+      return size ? size : own;
     };
     sources.push_back(std::move(source));
   }

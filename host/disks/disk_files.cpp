@@ -107,27 +107,37 @@ std::optional<std::string> NormalPath(std::string_view path) {
   return normal;
 }
 
+std::vector<std::string> NormalRoots(const std::vector<std::string>& roots) {
+  constexpr std::string_view kBelow = "/x";
+  std::vector<std::string> normal;
+  for (const std::string& root : roots) {
+    // A folder's path may have forms that a file's path may not.
+    std::optional<std::string> below = root.starts_with('/') ? NormalPath(root + std::string(kBelow)) : std::nullopt;
+    if (below) normal.push_back(below->substr(0, below->size() - kBelow.size()));
+  }
+  std::ranges::sort(normal, std::ranges::greater(), &std::string::size);
+  return normal;
+}
+
+const std::string* FindRoot(const std::vector<std::string>& roots, std::string_view path) {
+  const auto root = std::ranges::find_if(roots, [&](const std::string& candidate) {
+    return path.size() > candidate.size() + 1 && path.starts_with(candidate) && path[candidate.size()] == '/';
+  });
+  return root == roots.end() ? nullptr : &*root;
+}
+
 struct DiskFiles::OpenedFolder {
   Descriptor folder;
   std::string name;
 };
 
-DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileSystemCalls calls) : calls_(std::move(calls)) {
-  constexpr std::string_view kBelow = "/x";
-  for (const std::string& root : roots) {
-    // A folder's path may have forms that a file's path may not.
-    std::optional<std::string> below = root.starts_with('/') ? NormalPath(root + std::string(kBelow)) : std::nullopt;
-    if (below) roots_.push_back(below->substr(0, below->size() - kBelow.size()));
-  }
-  std::ranges::sort(roots_, std::ranges::greater(), &std::string::size);
-}
+DiskFiles::DiskFiles(const std::vector<std::string>& roots, FileSystemCalls calls)
+    : roots_(NormalRoots(roots)), calls_(std::move(calls)) {}
 
 Result<DiskFiles::OpenedFolder> DiskFiles::Open(const std::string& path) const {
   if (calls_.before_lookup) calls_.before_lookup();
-  const auto root = std::ranges::find_if(roots_, [&](const std::string& candidate) {
-    return path.size() > candidate.size() + 1 && path.starts_with(candidate) && path[candidate.size()] == '/';
-  });
-  if (root == roots_.end()) return Error(ErrorCode::kInvalid, "it is outside the image folders");
+  const std::string* const root = FindRoot(roots_, path);
+  if (root == nullptr) return Error(ErrorCode::kInvalid, "it is outside the image folders");
   const Descriptor top(::open(root->empty() ? "/" : root->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (top.get() < 0) return LookupError(path, errno);
   const std::size_t slash = path.rfind('/');

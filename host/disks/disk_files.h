@@ -63,6 +63,11 @@ struct FileIdentity {
 // longer than the system allows.
 std::optional<std::string> NormalPath(std::string_view path);
 
+// The absolute ones of `roots`, normal and without a slash at the end ("" for "/"), longest first.
+std::vector<std::string> NormalRoots(const std::vector<std::string>& roots);
+// The root that a normal path is strictly below; null when there is none. `roots` comes from NormalRoots().
+const std::string* FindRoot(const std::vector<std::string>& roots, std::string_view path);
+
 // Threads: any, at the same time.
 class DiskFiles {
  public:
@@ -111,7 +116,7 @@ class DiskFiles {
   Status WithFile(const std::string& path, int access, LockCheck lock_check,
                   const std::function<Status(int file)>& act) const;
 
-  std::vector<std::string> roots_;  // normalised, "" for the root of the file system, longest first
+  const std::vector<std::string> roots_;  // see NormalRoots
   const FileSystemCalls calls_;
 };
 

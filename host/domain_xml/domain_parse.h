@@ -37,7 +37,7 @@ struct ImportOptions {
   // Ids (UUIDs) of networks by the name of the network or bridge; all others get the id from NetworkGroupId.
   std::map<std::string, std::string> networks;
 
-  // The virtual size in bytes of the image at `path`. Not set: images are not read.
+  // The virtual size in bytes of the image at `path`. Not set: images are not read. With kInvalid it refuses the image.
   std::function<Result<std::uint64_t>(const std::string& path, ImageFormat format)> size_of;
 };
 
@@ -60,7 +60,8 @@ Result<ImportedGuest> ParseDomainXml(std::string_view xml, const ImportOptions& 
 Json::Value ToJson(const ImportedGuest& guest);
 
 // Reads the virtual size in bytes: from the header of a qcow2 image, or the length of a raw file or block device.
-// Errors: kNotFound, kDenied, kInvalid (not a regular file or block device, or not a qcow2 image), kInternal.
+// Errors: kNotFound, kDenied, kInternal, and kInvalid for what cannot be an image of a guest: a symbolic link, neither
+// a regular file nor a block device, or what ReadStandaloneQcow2 refuses.
 Result<std::uint64_t> ReadImageSize(const std::string& path, ImageFormat format);
 
 // The name-based UUID (RFC 4122, version 5) of `name` in this system's own namespace.

@@ -54,6 +54,7 @@ Result<std::uint64_t> SizeMib(const std::string& name, const std::string& path, 
   const auto option = sizes.find(name);
   Result<std::uint64_t> bytes = Error(ErrorCode::kNotFound, "Images are not read");
   if (context.options.size_of) bytes = context.options.size_of(path, format);
+  if (!bytes && bytes.error().code() == ErrorCode::kInvalid) return bytes.error();
   if (!bytes && option == sizes.end()) {
     return Error(ErrorCode::kInvalid,
                  fmt::format("The size of the disk {} is unknown. Set it with --disk-size {}=GiB", Quote(name), name),
@@ -130,10 +131,6 @@ Status ReadDisk(pugi::xml_node disk, const std::string& name, Context& context) 
   record["is_meta_disk"] = false;
   context.result.disks.emplace_back(NameBasedUuid(context.result.id + "/disk/" + name), std::move(record));
   context.guest()["vdisks"].append(context.result.disks.back().first);
-
-  if (disk.child("backingStore").attribute("type")) {
-    context.Note("The disk {} has a backing image: only the image on top was recorded.", Quote(name));
-  }
   return {};
 }
 

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "host/base/mutex.h"
+#include "host/guests/checked_files.h"
 #include "host/guests/deletion/deletion.h"
 #include "host/guests/edit/edit.h"
 #include "host/guests/end_reasons.h"
@@ -114,6 +115,12 @@ class LibvirtGuestControl final : public GuestControl {
   Status ClearPending(const std::string& guest_id);
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
 
+  // guest_files.cpp
+  Result<std::optional<CheckedFiles>, Refusal> CheckFiles(const std::string& guest_id);
+  // Ends the guest, which has just been started, when it has other files open.
+  Result<void, Refusal> CompareFiles(const std::string& guest_id, CheckedFiles& files);
+  Refusal EndForFiles(const std::string& guest_id, const std::string& reason);
+
   // guest_definition.cpp
   // The XML with which this host defines the guest; without an ownership tag when it is handed back to its owner.
   enum class OwnershipTag { kOurs, kNone };
@@ -173,6 +180,7 @@ class LibvirtGuestControl final : public GuestControl {
   DeletionOptions MakeDeletionOptions();
   EditOptions MakeEditOptions();
   bool IsTestMode() const { return options_.hypervisor.mode == "test"; }
+  bool IsEmbedded() const { return options_.hypervisor.mode == "embed"; }
   void BeforeStep(std::string_view step) const {
     if (options_.before_step) options_.before_step(step);
   }
@@ -213,6 +221,10 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
   std::atomic<bool> stopping_ = false;
+  // What is logged only once, by guest_files.cpp.
+  std::atomic<bool> has_logged_unreadable_ = false;
+  std::atomic<bool> has_logged_uncompared_ = false;
+  std::atomic<bool> has_logged_unstable_ = false;
 
   std::unique_ptr<ShutDowns> shut_downs_;
   Mutex maintenance_mutex_;

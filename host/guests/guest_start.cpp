@@ -221,6 +221,9 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
     }
   }
   BeforeStep("poweron: defined");
+  auto files = CheckFiles(attempt.guest.records.id);
+  if (!files.ok()) return files.error();
+  BeforeStep("poweron: files checked");
   if (!start.TryEnterHypervisor())
     return Refusal{host_error::kBusy, "The guest was powered off while it was being started"};
   BeforeStep("poweron: asked");
@@ -229,6 +232,9 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   const auto started = hypervisor_->Start(attempt.guest.records.id);
   BeforeStep("poweron: started");
   if (!started) return RefusalOf(started.error());
+  if (*files) {
+    if (const auto allowed = CompareFiles(attempt.guest.records.id, **files); !allowed.ok()) return allowed;
+  }
   end_reasons_.Cancel(attempt.guest.records.id);
   end_reasons_.RecordSeenRunning(attempt.guest.records.id);
   return {};

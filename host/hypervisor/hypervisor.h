@@ -11,6 +11,7 @@
 #include "host/domain_xml/domain_build.h"
 #include "host/domain_xml/domain_interfaces.h"
 #include "host/hypervisor/failure.h"
+#include "host/hypervisor/held_file.h"
 
 namespace vexa::hypervisor {
 
@@ -138,6 +139,8 @@ class Hypervisor {
   virtual Result<Definition, Failure> DefinitionOf(const std::string& id) = 0;
   // The XML of the guest's configuration for its next start.
   virtual Result<std::string, Failure> XmlOf(const std::string& id) = 0;
+  // The XML of the guest as it runs, with what libvirt has chosen for this run. Failures: kNotRunning.
+  virtual Result<std::string, Failure> RunningXmlOf(const std::string& id) = 0;
   // Whether libvirt starts the guest when libvirt starts.
   virtual Result<bool, Failure> IsAutostarted(const std::string& id) = 0;
   virtual Result<void, Failure> SetAutostart(const std::string& id, bool autostart) = 0;
@@ -160,6 +163,10 @@ class Hypervisor {
   virtual Result<bool, Failure> IsPausedOnIoError(const std::string& id) = 0;
   // All guests, by id.
   virtual Result<std::vector<KnownGuest>, Failure> List() = 0;
+
+  // The files, devices and sockets that the guest's process has open, except its standard streams. Failures:
+  // kUnsupported (test mode; the process is not on this machine, or not QEMU), kDenied (another user's process).
+  virtual Result<std::vector<HeldFile>, Failure> FilesHeldBy(const std::string& id) = 0;
 
   // The addresses of a running guest, as its agent reports them or else as libvirt's networks assigned them, without
   // loopback and link-local addresses. Empty when they are unknown. Failures: kNotRunning.

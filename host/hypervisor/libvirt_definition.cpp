@@ -107,6 +107,15 @@ Result<std::string, Failure> LibvirtHypervisor::XmlOf(const std::string& id) {
   return std::string(xml.get());
 }
 
+Result<std::string, Failure> LibvirtHypervisor::RunningXmlOf(const std::string& id) {
+  const std::string failed = fmt::format("Cannot read the XML of the guest {}, which runs", id);
+  const Result<DomainOnConnection, Failure> guest = FindRunning(id, failed);
+  if (!guest) return guest.error();
+  const Result<StringHandle, Failure> xml = RunningXml(*guest, failed);
+  if (!xml) return xml.error();
+  return std::string(xml->get());
+}
+
 Result<bool, Failure> LibvirtHypervisor::IsAutostarted(const std::string& id) {
   const Result<DomainOnConnection, Failure> guest = Find(id);
   if (!guest) return guest.error();

@@ -69,6 +69,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<void, Failure> DiscardSaved(const std::string& id) override;
   Result<Definition, Failure> DefinitionOf(const std::string& id) override;
   Result<std::string, Failure> XmlOf(const std::string& id) override;
+  Result<std::string, Failure> RunningXmlOf(const std::string& id) override;
   Result<bool, Failure> IsAutostarted(const std::string& id) override;
   Result<void, Failure> SetAutostart(const std::string& id, bool autostart) override;
   Result<void, Failure> Start(const std::string& id) override;
@@ -78,6 +79,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<GuestState, Failure> StateOf(const std::string& id) override;
   Result<bool, Failure> IsPausedOnIoError(const std::string& id) override;
   Result<std::vector<KnownGuest>, Failure> List() override;
+  Result<std::vector<HeldFile>, Failure> FilesHeldBy(const std::string& id) override;
   Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) override;
   Result<bool, Failure> HasAgent(const std::string& id) override;
   Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) override;

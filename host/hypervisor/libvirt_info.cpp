@@ -1,4 +1,4 @@
-// Addresses and agents of running guests, and the properties of the machine that libvirt runs on.
+// Addresses, agents and files of running guests, and the properties of the machine that libvirt runs on.
 #include <fmt/format.h>
 #include <sys/sysinfo.h>
 
@@ -6,7 +6,9 @@
 #include <pugixml.hpp>
 #include <string_view>
 
+#include "host/base/uuid.h"
 #include "host/hypervisor/libvirt_hypervisor.h"
+#include "host/hypervisor/qemu_process.h"
 
 namespace vexa::hypervisor {
 namespace {
@@ -78,6 +80,20 @@ bool IsAgentConnected(const char* xml) {
 }
 
 }  // namespace
+
+Result<std::vector<HeldFile>, Failure> LibvirtHypervisor::FilesHeldBy(const std::string& id) {
+  const std::string failed = fmt::format("Cannot read which files the guest {} has open", id);
+  // "qemu:///system" is on this machine, "qemu+ssh://other/system" is not.
+  const bool is_here = target_.kind == DriverKind::kEmbed ||
+                       (target_.kind == DriverKind::kUri && target_.uri.find(":///") != std::string::npos);
+  if (!is_here) return Failure(FailureKind::kUnsupported, failed, "Its process is not on this machine");
+  const std::string normal = NormalizeUuid(id);
+  if (normal.empty()) return Failure(FailureKind::kInvalid, failed, "The id of the guest is not a UUID");
+  auto files = FilesOfQemuProcesses(normal, target_.root);
+  if (files) return *std::move(files);
+  const bool is_denied = files.error().code() == ErrorCode::kDenied;
+  return Failure(is_denied ? FailureKind::kDenied : FailureKind::kUnsupported, failed, files.error().ToString());
+}
 
 Result<std::vector<std::string>, Failure> LibvirtHypervisor::AddressesOf(const std::string& id) {
   const std::string failed = fmt::format("Cannot read the addresses of the guest {}", id);

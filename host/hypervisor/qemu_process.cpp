@@ -1,13 +1,24 @@
 #include "host/hypervisor/qemu_process.h"
 
 #include <dirent.h>
+#include <fmt/format.h>
+#include <limits.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <charconv>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace vexa::hypervisor {
 namespace {
@@ -28,21 +39,85 @@ bool IsQemuOf(const std::string& line, const std::string& id, const std::string&
   return line.find(uuid) != std::string::npos && (root.empty() || line.find(root + "/") != std::string::npos);
 }
 
+// Calls `use` with the name of each entry of a folder. Returns 0 or an errno(3) value.
+int ForEachEntry(const std::string& folder, const std::function<void(std::string_view name)>& use) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), ::closedir);
+  if (!entries) return errno;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): threads may read different directories, see readdir(3).
+  while (const dirent* const entry = ::readdir(entries.get())) use(entry->d_name);
+  return 0;
+}
+
+std::vector<pid_t> QemuProcessesOf(const std::string& id, const std::string& root) {
+  std::vector<pid_t> found;
+  (void)ForEachEntry("/proc", [&](std::string_view name) {
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+    if (error != std::errc() || end != name.data() + name.size()) return;
+    if (IsQemuOf(CommandLine(name), id, root)) found.push_back(pid);
+  });
+  return found;
+}
+
+// Not set: the descriptor was closed meanwhile.
+std::optional<HeldFile> FileBehind(const std::string& link) {
+  struct stat info {};
+  if (::stat(link.c_str(), &info) != 0) return std::nullopt;
+  std::array<char, PATH_MAX> path{};
+  const ssize_t length = ::readlink(link.c_str(), path.data(), path.size());
+  if (length < 0) return std::nullopt;
+  return HeldFile{std::string(path.data(), static_cast<std::size_t>(length)),
+                  info.st_mode,
+                  info.st_dev,
+                  info.st_ino,
+                  info.st_rdev,
+                  static_cast<std::uint64_t>(info.st_size)};
+}
+
+// Standard input, output and error: not files of the guest, but its log.
+bool IsStandardStream(std::string_view name) { return name == "0" || name == "1" || name == "2"; }
+
 }  // namespace
 
 int KillQemuProcesses(const std::string& id, const std::string& root) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> processes(::opendir("/proc"), ::closedir);
-  if (!processes) return 0;
-  int count = 0;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): threads may read different directories, see readdir(3).
-  while (const dirent* const entry = ::readdir(processes.get())) {
-    const std::string_view name = entry->d_name;
-    pid_t pid = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-    if (error != std::errc() || end != name.data() + name.size()) continue;
-    if (IsQemuOf(CommandLine(name), id, root) && ::kill(pid, SIGKILL) == 0) ++count;
+  const std::vector<pid_t> processes = QemuProcessesOf(id, root);
+  return static_cast<int>(std::ranges::count_if(processes, [](pid_t pid) { return ::kill(pid, SIGKILL) == 0; }));
+}
+
+Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid) {
+  const std::string folder = fmt::format("/proc/{}/fd/", pid);
+  std::vector<HeldFile> files;
+  std::vector<HeldFile> streams;
+  const int error_number = ForEachEntry(folder, [&](std::string_view name) {
+    if (name.starts_with('.')) return;
+    if (auto file = FileBehind(folder + std::string(name))) {
+      (IsStandardStream(name) ? streams : files).push_back(std::move(*file));
+    }
+  });
+  const std::string failed = fmt::format("Cannot read which files the process {} has open", pid);
+  if (error_number == ENOENT || error_number == ESRCH) return SystemError(ErrorCode::kNotFound, failed, error_number);
+  if (error_number != 0) return SystemError(ErrorCode::kDenied, failed, error_number);
+  std::erase_if(files, [&](const HeldFile& file) {
+    return std::ranges::any_of(
+        streams, [&](const HeldFile& stream) { return stream.device == file.device && stream.inode == file.inode; });
+  });
+  return files;
+}
+
+Result<std::vector<HeldFile>> FilesOfQemuProcesses(const std::string& id, const std::string& root) {
+  std::vector<HeldFile> all;
+  std::optional<Error> denied;
+  bool has_files = false;
+  for (const pid_t pid : QemuProcessesOf(id, root)) {
+    auto files = FilesOfProcess(std::to_string(pid));
+    if (!files && files.error().code() == ErrorCode::kDenied) denied = files.error();
+    if (!files) continue;
+    has_files = true;
+    std::ranges::move(*files, std::back_inserter(all));
   }
-  return count;
+  if (has_files) return all;
+  if (denied) return *denied;
+  return Error(ErrorCode::kNotFound, fmt::format("No QEMU process of the guest {} was found", id));
 }
 
 }  // namespace vexa::hypervisor

@@ -18,6 +18,7 @@ Function* Real(const char* name) {
 }
 
 thread_local std::optional<vexa::test::LibvirtError> start_error;
+thread_local std::optional<vexa::test::LibvirtError> stop_error;
 thread_local std::optional<vexa::test::LibvirtError> networks_error;
 // The last fault of this thread; it remains the last error until the fault ends.
 thread_local std::optional<vexa::test::LibvirtError> met;
@@ -50,6 +51,12 @@ namespace vexa::test {
 FailingStarts::FailingStarts(const LibvirtError& error) { start_error = error; }
 FailingStarts::~FailingStarts() {
   start_error.reset();
+  met.reset();
+}
+
+FailingStops::FailingStops(const LibvirtError& error) { stop_error = error; }
+FailingStops::~FailingStops() {
+  stop_error.reset();
   met.reset();
 }
 
@@ -167,6 +174,13 @@ int virDomainCreate(virDomainPtr domain) {
   static auto* const real = Real<int(virDomainPtr)>("virDomainCreate");
   if (!start_error) return real(domain);
   met = start_error;
+  return -1;
+}
+
+int virDomainDestroy(virDomainPtr domain) {
+  static auto* const real = Real<int(virDomainPtr)>("virDomainDestroy");
+  if (!stop_error) return real(domain);
+  met = stop_error;
   return -1;
 }
 

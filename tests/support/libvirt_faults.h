@@ -25,6 +25,13 @@ class FailingStarts : private NotCopyable {
   ~FailingStarts();
 };
 
+// The same for ending a guest.
+class FailingStops : private NotCopyable {
+ public:
+  explicit FailingStops(const LibvirtError& error);
+  ~FailingStops();
+};
+
 // While it lives, no connection can be opened, in any thread: attempts fail with the error.
 class FailingConnects : private NotCopyable {
  public:

@@ -9,6 +9,7 @@
 #include "host/base/error_table.h"
 #include "host/base/refusal.h"
 #include "host/guests/import/guest_import.h"
+#include "host/records/environment.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc_log.h"
 
@@ -67,6 +68,7 @@ std::optional<GuestImport::Options> ReadOptions(const Call& call) {
   GuestImport::Options options;
   options.on_existing = *replace ? guests::OnExisting::kReplace : guests::OnExisting::kRefuse;
   options.mode = *dry_run ? guests::ImportMode::kCheck : guests::ImportMode::kWrite;
+  if (const auto* environment = records::CurrentEnvironment()) options.own_host_id = environment->host_id;
   if (!call.request->HasParam("planned")) return options;
   auto planned = ReadPlannedGuests(*dry_run ? call.request->GetParam("planned", Json::Value()) : Json::Value());
   if (!planned) {

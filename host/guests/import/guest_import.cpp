@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/base/sanitize_for_log.h"
+#include "host/domain_xml/domain_files.h"
 #include "host/guests/import/import_records.h"
 #include "host/guests/jobs/guest_locks.h"
 #include "host/records/keys.h"
@@ -22,14 +23,19 @@ namespace json = VexaVirtualization::json;
 constexpr std::string_view kShutdownState = "guest_shutdown";
 constexpr std::size_t kMaxLoggedNameBytes = 128;
 
-domain_xml::ImportOptions OptionsOf(const ImportRequest& request) {
+domain_xml::ImportOptions OptionsOf(const ImportRequest& request, const std::string& own_host_id) {
   domain_xml::ImportOptions options;
   if (!request.repository_id.empty()) options.repository_id = request.repository_id;
   if (!request.host_id.empty()) options.host_id = request.host_id;
   options.disk_sizes_mib = request.disk_sizes_mib;
   options.networks = request.networks;
-  options.size_of = [&sizes = request.image_sizes](const std::string& path,
-                                                   domain_xml::ImageFormat) -> Result<std::uint64_t> {
+  const bool is_here = !own_host_id.empty() && options.host_id == own_host_id;
+  options.size_of = [&sizes = request.image_sizes, is_here](const std::string& path,
+                                                            domain_xml::ImageFormat format) -> Result<std::uint64_t> {
+    if (is_here) {
+      Result<std::uint64_t> own = domain_xml::ReadImageSize(path, format);
+      if (!own && own.error().code() == ErrorCode::kInvalid) return own;
+    }
     const auto found = sizes.find(path);
     if (found == sizes.end())
       return Error(ErrorCode::kNotFound, fmt::format("There is no size of the image '{}'", path));
@@ -39,9 +45,10 @@ domain_xml::ImportOptions OptionsOf(const ImportRequest& request) {
   return options;
 }
 
-Result<domain_xml::ImportedGuest> Parse(const ImportRequest& request) {
-  auto guest = domain_xml::ParseDomainXml(request.xml, OptionsOf(request));
+Result<domain_xml::ImportedGuest> Parse(const ImportRequest& request, const std::string& own_host_id) {
+  auto guest = domain_xml::ParseDomainXml(request.xml, OptionsOf(request, own_host_id));
   if (!guest) return guest;
+  if (const auto files = domain_xml::ParseDomainFiles(request.xml); !files) return files.error();
   if (!request.has_variables) guest->guest.removeMember(records::kNvramMember);
   return guest;
 }
@@ -77,7 +84,7 @@ struct GuestImport::Attempt {
 
 Result<void, Refusal> GuestImport::Import(const ImportRequest& request, ImportedGuest& imported) {
   imported = {};
-  Result<domain_xml::ImportedGuest> parsed = Parse(request);
+  Result<domain_xml::ImportedGuest> parsed = Parse(request, options_.own_host_id);
   if (!parsed) return Refusal{kBadDefinition, parsed.error().ToString()};
   Attempt attempt{request, std::move(*parsed), ""};
   const domain_xml::ImportedGuest& guest = attempt.guest;

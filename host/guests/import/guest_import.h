@@ -29,8 +29,8 @@ struct ImportRequest {
   std::string repository_id;                            // "": that of an embedded cluster
   std::string host_id;                                  // "": that of an embedded cluster
   std::map<std::string, std::uint64_t> disk_sizes_mib;  // of disks whose image cannot be read, by target name
-  // The virtual sizes of images by path, in bytes; not set for one that exists and cannot be read. The import does
-  // not read images, because they may be on another machine.
+  // The virtual sizes of images by path, in bytes; not set for one that exists and cannot be read. For guests of other
+  // hosts the import does not read images, because they may be on another machine.
   std::map<std::string, std::optional<std::uint64_t>> image_sizes;
   std::map<std::string, std::string> networks;  // ids by the name of the network or bridge
 };
@@ -54,11 +54,14 @@ class GuestImport {
     ImportMode mode = ImportMode::kWrite;
     // With kCheck: the guests that this object has accepted, names by id. They count as if they had been written.
     std::map<std::string, std::string> planned{};
+    // This host: images of its guests are checked as far as they can be read. "": no images are read.
+    std::string own_host_id{};
   };
   GuestImport(store::Store& store, Options options) : store_(store), options_(std::move(options)) {}
 
   // Imports one guest; with kCheck, only checks whether that is possible, and adds it to `planned`. `imported` is
-  // filled as far as possible even when the guest is refused. Refusals: kBadDefinition; records::kRecordExists (the
+  // filled as far as possible even when the guest is refused. Refusals: kBadDefinition (also for an image that does not
+  // stand alone); records::kRecordExists (the
   // guest exists and is not to be replaced, or another one has the name); kAlreadyRunning (the guest is not shut down,
   // or a host holds it); kImportBusy (the guest is being deleted or edited, or it was changed elsewhere meanwhile);
   // records::kRecordFailed. After a refusal, nothing has changed.

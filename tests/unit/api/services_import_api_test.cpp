@@ -1,6 +1,7 @@
 // VEXA.Virtualization.Guest import on a real store: hostile parameters, results for each guest, dry runs, the log.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "host/records/environment.h"
 #include "json/readers.h"
 #include "tests/support/matchers.h"
+#include "tests/support/qcow2_image.h"
 #include "tests/support/require.h"
 #include "tests/unit/api/services_fixture.h"
 
@@ -102,6 +104,24 @@ TEST_F(ImportApi, Import_Guests_AreWrittenLoggedAndDescribed) {
   EXPECT_THAT(ClusterLogLines(), ElementsAre("root 3 The virtual machine [one] has been imported.",
                                              "root 3 The virtual machine [two] has been imported.",
                                              "root 3 The virtual machine [uno] has been replaced by an import."));
+}
+
+TEST_F(ImportApi, Import_ImageOfThisHostNamesOtherFile_IsRefused) {
+  test::Qcow2Image image;
+  image.backing_file = "/etc/shadow";
+  const std::string path = host_.folder().File("image");
+  std::ofstream(path, std::ios::binary) << image.Text();
+  Json::Value guest = GuestOf(
+      Domain(kFirst, "one",
+             "<disk><driver type='qcow2'/><source file='" + path + "'/><target dev='vda' bus='virtio'/></disk>"));
+  guest["image_sizes"][path] = 1 << 20;
+  guest["host_id"] = records::CurrentEnvironment()->host_id;
+  const Json::Value refused = Import(CallOf({guest})).data["results"][0]["error"];
+  EXPECT_EQ(refused["code"], 401);
+  EXPECT_THAT(refused["reason"].asString(), HasSubstr("has the backing file '/etc/shadow'"));
+  EXPECT_THAT(Guests(), IsEmpty());
+  guest["host_id"] = kFirst;
+  EXPECT_FALSE(Import(CallOf({guest})).data["results"][0].isMember("error")) << "it is another host's file";
 }
 
 TEST_F(ImportApi, Import_SomeGuestsFail_OthersAreImported) {

@@ -6,6 +6,7 @@
 #include "host/hypervisor/handles.h"
 #include "json/readers.h"
 #include "tests/support/matchers.h"
+#include "tests/support/qcow2_image.h"
 #include "tests/support/require.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/cli/import_arguments.h"
@@ -75,9 +76,24 @@ TEST_F(Sources, Prepare_UnreadableImage_NeedsASize) {
   EXPECT_THAT(missing.error().ToString(), HasSubstr("The size of the disk 'vda' is unknown. Set it with --disk-size "
                                                     "vda=GiB: Cannot read the image '/no/such/image'"));
   EXPECT_FALSE(Require(PrepareXml(Domain(DiskAt("/no/such/image")), {"--disk-size", "vda=1"})).isMember("image_sizes"));
-  // A file that exists and is not an image.
-  const Json::Value odd = Require(PrepareXml(Domain(DiskAt("/dev/null")), {"--disk-size", "vda=1"}));
-  EXPECT_EQ(VexaVirtualization::json::ToText(odd["image_sizes"]), R"({"/dev/null":null})");
+  // A file that cannot be looked up.
+  const std::string long_path = "/" + std::string(300, 'x');
+  const Json::Value odd = Require(PrepareXml(Domain(DiskAt(long_path)), {"--disk-size", "vda=1"}));
+  EXPECT_EQ(VexaVirtualization::json::ToText(odd["image_sizes"]), R"({")" + long_path + R"(":null})");
+}
+
+TEST_F(Sources, Prepare_UnusableImage_IsRefusedWhateverItsSize) {
+  test::Qcow2Image image;
+  image.backing_file = "/etc/shadow";
+  const std::string path = File("image", image.Text());
+  const std::string disk = "<devices><disk><driver type='qcow2'/><source file='" + path +
+                           "'/><target dev='vda' bus='virtio'/></disk></devices>";
+  for (const std::string& devices : {disk, DiskAt("/dev/null")}) {
+    const auto refused = PrepareXml(Domain(devices), {"--disk-size", "vda=1"});
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.error().code(), ErrorCode::kInvalid);
+  }
+  EXPECT_THAT(PrepareXml(Domain(disk)).error().message(), HasSubstr("has the backing file '/etc/shadow'"));
 }
 
 TEST_F(Sources, Prepare_NvramNotCreatedYet_ReportsItMissing) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <latch>
 #include <thread>
@@ -16,6 +17,7 @@
 #include "host/store/key.h"
 #include "json/readers.h"
 #include "tests/support/matchers.h"
+#include "tests/support/qcow2_image.h"
 #include "tests/support/racing_store.h"
 #include "tests/support/record_test.h"
 
@@ -130,6 +132,65 @@ TEST_F(GuestImports, Import_ImageSizes_OverrideGivenSizes) {
   const std::string notes = VexaVirtualization::json::ToText(imported_.records["notes"]);
   EXPECT_THAT(notes, HasSubstr("The image of the disk 'vda' has 5 MiB: the size given for it was not used."));
   EXPECT_THAT(notes, HasSubstr("The image of the disk 'vdb' could not be read: the size given for it was used."));
+}
+
+TEST_F(GuestImports, Import_ImageThatNamesOtherFiles_IsRefusedOnItsHost) {
+  test::Qcow2Image image;
+  image.backing_file = "/etc/shadow";
+  const std::string path = host_.folder().File("image");
+  std::ofstream(path, std::ios::binary) << image.Text();
+  const auto request_for = [&](const std::string& format) {
+    ImportRequest request = RequestOf(Domain(
+        kFirst, "one",
+        "<disk><driver type='" + format + "'/><source file='" + path + "'/><target dev='vda' bus='virtio'/></disk>"));
+    request.host_id = kHost;
+    return request;
+  };
+  GuestImport::Options options;
+  options.own_host_id = kHost;
+  ExpectRefused([&] { return ImportInto(host_.store(), request_for("qcow2"), options); }, kBadDefinition,
+                "The image '" + path +
+                    "' has the backing file '/etc/shadow', which QEMU would open as well. Merge both "
+                    "into one image with 'qemu-img convert -O qcow2 OLD NEW'");
+  EXPECT_THAT(Ids("guest"), SizeIs(0));
+  // Another host's file of this path is another one.
+  options.own_host_id = kSecond;
+  EXPECT_TRUE(ImportInto(host_.store(), request_for("qcow2"), options).ok());
+  // A raw image stays raw, whatever is in it.
+  options.own_host_id = kHost;
+  options.on_existing = OnExisting::kReplace;
+  EXPECT_TRUE(ImportInto(host_.store(), request_for("raw"), options).ok());
+  EXPECT_EQ(Record("vdisk", Ids("vdisk")[0])["driver"], "raw");
+}
+
+TEST_F(GuestImports, Import_StandaloneImage_Succeeds) {
+  for (const std::uint32_t version : {2U, 3U}) {
+    test::Qcow2Image image;
+    image.version = version;
+    const std::string path = host_.folder().File("image");
+    std::ofstream(path, std::ios::binary) << image.Text();
+    ImportRequest request = RequestOf(
+        Domain(kFirst, "one",
+               "<disk><driver type='qcow2'/><source file='" + path + "'/><target dev='vda' bus='virtio'/></disk>"));
+    request.host_id = kHost;
+    GuestImport::Options options;
+    options.own_host_id = kHost;
+    options.on_existing = OnExisting::kReplace;
+    const auto refused = ImportInto(host_.store(), request, options);
+    EXPECT_TRUE(refused.ok()) << version << ": " << refused.error().reason;
+  }
+}
+
+TEST_F(GuestImports, Import_DefinitionWithBackingImage_IsRefused) {
+  ExpectRefused(
+      [&] {
+        return Import(RequestOf(Domain(kFirst, "one",
+                                       "<disk><source file='/no/such/vda'/><backingStore type='file'><source "
+                                       "file='/b'/></backingStore><target dev='vda'/></disk>")));
+      },
+      kBadDefinition,
+      "The disk 'vda' has a backing image. Merge both into one image with 'qemu-img convert', and remove "
+      "<backingStore>");
 }
 
 TEST_F(GuestImports, Import_NvramNotCreatedYet_IsOmitted) {

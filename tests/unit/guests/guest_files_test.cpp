@@ -1,0 +1,198 @@
+// The files of guests at their start. Guests run on libvirt's test driver, but unlike in test mode the host expects
+// them to have files; a program with QEMU's name takes QEMU's part.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "host/base/uuid.h"
+#include "host/hypervisor/driver_uri.h"
+#include "tests/support/libvirt_faults.h"
+#include "tests/support/matchers.h"
+#include "tests/support/qcow2_image.h"
+#include "tests/support/syslog_capture.h"
+#include "tests/unit/guests/guest_control_fixture.h"
+
+namespace vexa::guests {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kDisk[] = "d1b2c3d4-0000-4000-8000-000000000001";
+
+// A process with a file open, whose command line is like that of the guest's QEMU.
+class FakeQemu {
+ public:
+  FakeQemu(const std::string& guest_id, const std::string& path) {
+    int ready[2];
+    EXPECT_EQ(::pipe(ready), 0);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(ready[1], STDOUT_FILENO);
+      ::close_range(STDERR_FILENO + 1, ~0U, 0);
+      ::execl("/bin/sh", "qemu-fake", "-c", "exec 7<\"$2\"; echo ready; exec 1>&-; kill -STOP $$", "-uuid",
+              guest_id.c_str(), path.c_str(), nullptr);
+      ::_exit(127);
+    }
+    ::close(ready[1]);
+    char answer[8];
+    EXPECT_EQ(::read(ready[0], answer, sizeof answer), 6);
+    ::close(ready[0]);
+  }
+  ~FakeQemu() {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  FakeQemu(const FakeQemu&) = delete;
+  FakeQemu& operator=(const FakeQemu&) = delete;
+
+ private:
+  pid_t pid_ = 0;
+};
+
+class GuestFiles : public GuestControlTest {
+ protected:
+  void SetUp() override {
+    test::ClearCapturedSyslog();
+    const std::string node = host_.folder().File("node.xml");
+    std::ofstream(node) << hypervisor::TestNodeXml();
+    GuestControlOptions options = Options();
+    options.hypervisor.mode = "test://" + node;
+    options.before_step = [this](std::string_view step) {
+      if (step == "poweron: files checked" && before_open_) before_open_();
+    };
+    Start(std::move(options));
+  }
+
+  std::string File(const std::string& name, const std::string& content = "x") const {
+    const std::string path = host_.folder().File(name);
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+  }
+  void PutGuestWithDisk(const std::string& path, const std::string& format = "raw") {
+    Json::Value disk = Parsed(R"({"vdisk_mode":1,"size":1,"name":"vda"})");
+    disk["guest_id"] = id_;
+    disk["path"] = path;
+    disk["driver"] = format;
+    host_.Put("vdisk", kDisk, disk);
+    PutGuest(id_, "web-3", Parsed(R"({"vdisks":[")" + std::string(kDisk) + R"("]})"));
+  }
+  // The fault happens between the check and the moment at which QEMU opens the files.
+  void OpenInstead(const std::string& path, const std::function<void()>& fault = nullptr) {
+    before_open_ = [this, path, fault] {
+      if (fault) fault();
+      qemu_ = std::make_unique<FakeQemu>(id_, path);
+    };
+  }
+  void ExpectOff() {
+    EXPECT_EQ(State(id_), states::shutdown);
+    EXPECT_EQ(RunOf(id_), std::nullopt);
+  }
+  static int CountLines(std::string_view text) {
+    int count = 0;
+    for (const test::SyslogLine& line : test::CapturedSyslog()) count += line.text.find(text) != std::string::npos;
+    return count;
+  }
+
+  // No other test that runs now has a guest with this id.
+  const std::string id_ = test::Require(RandomUuid());
+  std::function<void()> before_open_;
+  std::unique_ptr<FakeQemu> qemu_;
+};
+
+TEST_F(GuestFiles, PowerOn_ImageNamesOtherFile_IsRefused) {
+  test::Qcow2Image image;
+  image.backing_file = "/etc/shadow";
+  PutGuestWithDisk(File("a.qcow2", image.Text()), "qcow2");
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "has the backing file '/etc/shadow'");
+  ExpectOff();
+  // It is not read as qcow2 when the record says that it is raw.
+  PutGuestWithDisk(File("a.qcow2", image.Text()), "raw");
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+}
+
+TEST_F(GuestFiles, PowerOn_DiskOrDriveIsLink_IsRefused) {
+  const std::string target = File("target");
+  const std::string link = host_.folder().File("link");
+  fs::create_symlink(target, link);
+  PutGuestWithDisk(link);
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The disk 'vda' cannot be used: '" + link + "' is");
+  ExpectOff();
+  PutGuest(id_, "web-3", Parsed(R"({"iso_images":[")" + link + R"("]})"));
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The drive 'sda' cannot be used: '" + link + "' is");
+  ExpectOff();
+}
+
+TEST_F(GuestFiles, PowerOn_ProcessNotFound_StartsAndLogsOnce) {
+  PutGuestWithDisk(File("a"));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_DONE(control_->PowerOn(id_, kAlice));
+    EXPECT_DONE(control_->PowerOff(id_, kAlice));
+  }
+  EXPECT_EQ(CountLines("The files that guests have open cannot be compared"), 1);
+}
+
+// libvirt may open images that this service may not even look up.
+TEST_F(GuestFiles, PowerOn_ImageUnreadable_StartsAndLogsOnce) {
+  PutGuest(id_, "web-3", Parsed(R"({"iso_images":["/proc/1/root/a.iso"]})"));
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(::seteuid(::getuid() == 0 ? 65534 : ::getuid()), 0);
+    const auto started = control_->PowerOn(id_, kAlice);
+    ASSERT_EQ(::seteuid(::getuid()), 0);
+    EXPECT_TRUE(started.ok()) << started.error().reason;
+    EXPECT_DONE(control_->PowerOff(id_, kAlice));
+  }
+  EXPECT_EQ(CountLines("This service may not read the image '/proc/1/root/a.iso'"), 1);
+}
+
+TEST_F(GuestFiles, PowerOn_QemuHasCheckedFiles_Starts) {
+  const std::string path = File("a.qcow2", test::Qcow2Image().Text());
+  PutGuestWithDisk(path, "qcow2");
+  OpenInstead(path);
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_EQ(State(id_), states::running);
+  EXPECT_EQ(CountLines("cannot be compared"), 0);
+}
+
+TEST_F(GuestFiles, PowerOn_DiskReplacedBeforeOpen_EndsGuest) {
+  const std::string victim = File("victim", "secret");
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path, [&] {
+    fs::remove(path);
+    fs::create_symlink(victim, path);
+  });
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest was ended");
+  ExpectOff();
+  EXPECT_EQ(CountLines("The guest " + id_ + " was ended right after its start: QEMU does not have the file '" + path),
+            1);
+}
+
+TEST_F(GuestFiles, PowerOn_QemuHasAnotherFile_EndsGuest) {
+  PutGuest(id_, "web-3");
+  const std::string other = File("backing");
+  OpenInstead(other);
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "QEMU has opened '" + other + "'");
+  ExpectOff();
+}
+
+TEST_F(GuestFiles, PowerOn_GuestCannotBeEnded_IsReported) {
+  PutGuest(id_, "web-3");
+  OpenInstead(File("backing"));
+  const test::FailingStops failing({VIR_ERR_INTERNAL_ERROR, "it hangs"});
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest could not be ended: Cannot power off the guest");
+  EXPECT_EQ(State(id_), states::running) << "the truth is shown";
+  bool is_logged = false;
+  for (const test::SyslogLine& line : test::CapturedSyslog()) {
+    is_logged |= line.level() == LOG_CRIT && line.text.starts_with("The guest " + id_ + " could not be ended (Cannot");
+  }
+  EXPECT_TRUE(is_logged);
+}
+
+}  // namespace
+}  // namespace vexa::guests
