@@ -91,7 +91,7 @@ class BareServer {
     options.listeners.emplace_back();
     options.io_threads = daemon::Config().io_threads;
     options.on_request = [this](http::HttpRequest&&, http::Responder responder) {
-      lane_.Submit("", [this, responder = std::move(responder)] { bench::Answer(responder, body_); });
+      lane_.Submit({""}, [this, responder = std::move(responder)] { bench::Answer(responder, body_); });
     };
     server_ = bench::Require(http::HttpServer::Start(std::move(options)));
   }

@@ -7,6 +7,7 @@
 #include "fuzz/check.h"
 #include "host/base/json_parse.h"
 #include "host/base/json_readers.h"
+#include "host/base/json_values.h"
 #include "json/readers.h"
 
 namespace {
@@ -44,6 +45,14 @@ int ReadEverything(const Json::Value& value, int level) {
   return depth;
 }
 
+std::size_t ValuesOf(const Json::Value& value) {
+  std::size_t values = 1;
+  if (value.isArray() || value.isObject()) {
+    for (const Json::Value& member : value) values += ValuesOf(member);
+  }
+  return values;
+}
+
 void CheckRefusal(const vexa::Error& error) {
   Check(error.code() == vexa::ErrorCode::kInvalid, "a refusal is kInvalid");
   Check(!error.cause().empty() && error.cause().size() <= vexa::kMaxJsonReason, "a refusal has a short reason");
@@ -69,6 +78,8 @@ void CheckAccepted(const Json::Value& value) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text = vexa::fuzz::Text(data, size);
   const auto value = vexa::ParseJson(text);
+  const std::size_t counted = vexa::CountJsonValues(text, size);
+  Check(!value.ok() || counted == ValuesOf(*value), "a text has as many values as were counted in it");
   if (const auto quick = vexa::ReadWithSimdjson(text, nullptr)) {
     const auto thorough = vexa::ReadWithJsoncpp(text);
     Check(thorough.ok() && *thorough == *quick, "both parsers agree on what the quick one accepts");

@@ -16,6 +16,14 @@ bool HasErrorSentence(int code, Audience audience) {
   return std::ranges::count(audience == Audience::kHosts ? HostErrorTable() : ErrorTable(), code, &ErrorRow::code) > 0;
 }
 
+bool AllowsTooMuch(const ApiRow& row) {
+  const bool is_long = row.body_bytes > kDefaultBodyBytes;
+  const bool has_many_values = row.body_values > kDefaultBodyValues;
+  if (row.body_bytes > kMaxBodyBytes || row.body_values > kMaxBodyValues) return true;
+  if (row.access.value == Access::kAdministrator) return false;
+  return is_long || (has_many_values && row.access.value != Access::kHost);
+}
+
 }  // namespace
 
 ApiTable::ApiTable(std::vector<ApiRow> rows) : rows_(std::move(rows)) {
@@ -24,13 +32,9 @@ ApiTable::ApiTable(std::vector<ApiRow> rows) : rows_(std::move(rows)) {
   if (duplicate != rows_.end()) {
     throw std::logic_error(fmt::format("The API table has two rows for {} {}", duplicate->api, duplicate->method));
   }
-  const auto allows_too_much = [](const ApiRow& row) {
-    return row.body_bytes > kMaxBodyBytes ||
-           (row.body_bytes > kDefaultBodyBytes && row.access.value != Access::kAdministrator);
-  };
-  const auto wrong = std::ranges::find_if(rows_, allows_too_much);
+  const auto wrong = std::ranges::find_if(rows_, AllowsTooMuch);
   if (wrong != rows_.end()) {
-    throw std::logic_error(fmt::format("The API table allows too long bodies for {} {}", wrong->api, wrong->method));
+    throw std::logic_error(fmt::format("The API table allows too large bodies for {} {}", wrong->api, wrong->method));
   }
   for (const ApiRow& row : rows_) {
     for (const int code : row.errors) {

@@ -28,8 +28,8 @@ enum class Access {
 constexpr Audience AudienceOf(Access access) { return access == Access::kHost ? Audience::kHosts : Audience::kUsers; }
 
 enum class LaneKind {
-  kQuick,  // answers from memory and the store
-  kLong,   // may wait: for other hosts, the hypervisor, a password check
+  kQuick,  // only reads, from memory and the store
+  kLong,   // may wait: for a commit, other hosts, the hypervisor, a password check
 };
 
 // A value without a default: a row that leaves it out does not compile.
@@ -48,6 +48,7 @@ struct Parameter {
   ParameterType type;
   Necessity necessity;
   std::string_view description;
+  std::size_t max_items = 0;  // of an array: one with more is a bad parameter; 0: what the body's limits allow
 };
 
 // The caller, as determined by the dispatcher.
@@ -78,6 +79,10 @@ using Handler = std::function<void(const Call&)>;
 inline constexpr std::size_t kDefaultBodyBytes = std::size_t{1} << 20;
 inline constexpr std::size_t kMaxBodyBytes = std::size_t{9} << 20;
 
+// The same for the JSON values in a body (json_values.h).
+inline constexpr std::size_t kDefaultBodyValues = 2048;
+inline constexpr std::size_t kMaxBodyValues = 200'000;
+
 struct ApiRow {
   std::string_view api;
   std::string_view method;
@@ -91,11 +96,14 @@ struct ApiRow {
   // Longer bodies are refused. More than kDefaultBodyBytes only for administrators: bodies are parsed after the caller
   // is known to be one.
   std::size_t body_bytes = kDefaultBodyBytes;
+  // Bodies with more values are refused before they are parsed. More than kDefaultBodyValues only for administrators
+  // and hosts.
+  std::size_t body_values = kDefaultBodyValues;
 };
 
 class ApiTable {
  public:
-  // Two rows with the same API, method and version, a row whose bodies may be longer than allowed, and a row with an
+  // Two rows with the same API, method and version, a row whose bodies may be larger than allowed, and a row with an
   // error code that has no sentence for its callers in error_table.cpp, are programming errors: std::logic_error.
   explicit ApiTable(std::vector<ApiRow> rows);
 

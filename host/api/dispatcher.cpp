@@ -1,5 +1,6 @@
 #include "host/api/dispatcher.h"
 
+#include <fmt/format.h>
 #include <strings.h>
 #include <syslog.h>
 
@@ -10,10 +11,11 @@
 #include <utility>
 
 #include "host/api/handler_call.h"
+#include "host/api/http_reply.h"
 #include "host/api/openapi.h"
+#include "host/api/read_parameters.h"
 #include "host/api/request_id.h"
 #include "host/base/error_table.h"
-#include "host/base/json_parse.h"
 #include "host/transport/origin.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
@@ -23,41 +25,13 @@ namespace {
 
 constexpr std::string_view kApiPrefix = "/webapi/";
 constexpr std::string_view kVersionQuery = "version=";
-// Reserved for a reply before its size is known.
-constexpr std::size_t kTypicalReplyBytes = 2048;
-// The limit for unauthenticated callers: a parsed body takes up to forty times its length in memory.
+// The limit for unauthenticated callers: they share an address, and need no more than a name and a password.
 constexpr std::size_t kUnauthenticatedBodyBytes = std::size_t{16} * 1024;
 // How many requests of methods with longer bodies may be in progress: the bodies are in memory before it is known
 // whether their callers are administrators.
 constexpr int kMaxLongBodies = 16;
 
 using Clock = std::chrono::steady_clock;
-
-http::HttpResponse MakeErrorReply(int code, const std::string& request_id) {
-  return api::MakeErrorReply(code, Json::Value(), request_id);
-}
-
-http::HttpResponse MakeReply(const VEXA::APIResponse& response, const Json::Value& extra_members,
-                             const std::string& request_id, Audience audience = Audience::kUsers) {
-  http::HttpResponse reply;
-  if (response.IsSuccess() && extra_members.empty()) {  // without copying the data
-    reply.body.reserve(kTypicalReplyBytes);
-    reply.body += "{\"success\":true,\"data\":";
-    json::AppendText(reply.body, response.Data());
-    reply.body.append(",\"request_id\":\"").append(request_id).append("\"}");
-    return reply;
-  }
-  Json::Value body = MakeEnvelope(response, extra_members, audience);
-  body["request_id"] = request_id;
-  reply.body = json::ToText(body);
-  if (response.IsSuccess()) return reply;
-  const ErrorRow* row = FindError(response.ErrorCode(), audience);
-  if (!row) row = FindError(user_error::kInternal);
-  reply.status = row->http_status;
-  if (response.ErrorCode() == user_error::kHostBusy) reply.headers.emplace_back("Retry-After", "1");
-  if (row->http_status == 401) reply.headers.emplace_back("WWW-Authenticate", "Bearer");
-  return reply;
-}
 
 // "application/json", with or without parameters (RFC 9110, section 8.3.1).
 bool IsJsonContentType(std::string_view value) {
@@ -83,26 +57,26 @@ void ReadOrigin(http::HttpRequest& request, Caller& caller) {
   if (transport::IsRequestId(request.caller_request_id)) request.id = request.caller_request_id;
 }
 
-// The name under which a lane's quota counts the call.
-std::string QuotaName(const Caller& caller) {
+// Who is counted for the call. Users by id: the caller on a Unix socket has no name yet. A host may name any user for
+// whom it asks, so its calls count together as well.
+JobOwner OwnerOf(const Caller& caller) {
   switch (caller.kind) {
     case Caller::Kind::kUser:
-      return caller.user.name.empty() ? caller.peer : "user:" + caller.user.name;
+      return {fmt::format("uid:{}", caller.user.uid)};
     case Caller::Kind::kHost:
-      return "host:" + caller.host_id;
+      return {fmt::format("host:{}/{}", caller.host_id, caller.acts_for), caller.host_id};
     case Caller::Kind::kAnonymous:
-      return "peer:" + caller.peer;
+      return {"peer:" + caller.peer};
   }
   return {};
 }
 
-}  // namespace
-
-http::HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id) {
-  VEXA::APIResponse response;
-  response.SetError(code, details);
-  return MakeReply(response, Json::Value(), request_id);
+// The most that the request's body will have.
+std::size_t ExpectedBytes(const http::HttpRequest& request) {
+  return std::min(request.announced_body_bytes, request.body_limit);
 }
+
+}  // namespace
 
 // What OnHeader determined about a request.
 struct Dispatcher::Plan {
@@ -111,6 +85,7 @@ struct Dispatcher::Plan {
   const ApiRow* row = nullptr;
   Caller caller;
   std::shared_ptr<void> long_body_slot;  // for a method that allows long bodies
+  std::unique_ptr<BodyQuota::Share> body_share;
   Clock::time_point started = Clock::now();
 };
 
@@ -142,8 +117,8 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
   const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
   const auto refuse = [&](int code) { return MakeErrorReply(code, request.id); };
 
-  request.body_limit = kDefaultBodyBytes;
   if (path.starts_with(kApiPrefix)) return PlanMethodCall(path, query, request);
+  request.body_limit = kUnauthenticatedBodyBytes;
   auto plan = std::make_shared<Plan>();
   if (path == "/healthz") {
     plan->page = Plan::Page::kHealth;
@@ -200,6 +175,8 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
   // Also for callers with a session, or on the Unix socket: whether they have an account is found out later.
   const bool is_open = row->access.value == Access::kAnyone;
   request.body_limit = is_open ? std::min(kUnauthenticatedBodyBytes, row->body_bytes) : row->body_bytes;
+  plan->body_share = bodies_.Take(OwnerOf(plan->caller), ExpectedBytes(request));
+  if (!plan->body_share) return refuse(user_error::kHostBusy);
   request.context = std::move(plan);
   return std::nullopt;
 }
@@ -209,8 +186,8 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   const ApiRow* row = plan->row;
   auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder)});
   if (!row && !NeedsUser(*work)) return work->responder.Send(MakePage(*work));
-  Lane& lane = row && row->lane.value == LaneKind::kLong ? *parts_.long_running : *parts_.quick;
-  const Lane::SubmitResult submitted = lane.Submit(QuotaName(work->plan->caller), [this, work] {
+  if (work->plan->body_share) (void)work->plan->body_share->Resize(work->request.body.size());
+  const Lane::SubmitResult submitted = LaneFor(*work->plan).Submit(OwnerOf(work->plan->caller), [this, work] {
     const RequestIdScope id_scope(work->request.id);
     try {
       Run(*work);
@@ -222,6 +199,11 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
   if (submitted == Lane::SubmitResult::kAccepted) return;
   if (row) parts_.metrics->Count(*row, user_error::kHostBusy, Clock::now() - work->plan->started);
   work->responder.Send(MakeErrorReply(user_error::kHostBusy, work->request.id));
+}
+
+Lane& Dispatcher::LaneFor(const Plan& plan) const {
+  if (plan.caller.kind == Caller::Kind::kHost) return *parts_.hosts;
+  return plan.row && plan.row->lane.value == LaneKind::kLong ? *parts_.long_running : *parts_.quick;
 }
 
 void Dispatcher::Run(Work& work) const {
@@ -307,10 +289,9 @@ void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
   if (refusal == 0) refusal = CheckUser(row.access.value, caller);
   if (refusal != 0) return response.SetError(refusal, Json::Value());
   SetActingUser(caller.kind == Caller::Kind::kHost ? caller.acts_for : caller.user.name);
-  Result<Json::Value> parameters =
-      work.request.body.empty() ? Result<Json::Value>(Json::Value(Json::objectValue)) : ParseJson(work.request.body);
-  if (!parameters) return response.SetError(user_error::kMalformed, parameters.error().ToString());
-  if (!parameters->isObject()) return response.SetError(user_error::kMalformed, "The body is not a JSON object");
+  std::optional<Json::Value> parameters =
+      ReadParameters(std::exchange(work.request.body, {}), row, *work.plan->body_share, response);
+  if (!parameters) return;
   CallHandler({row, caller, std::move(*parameters)}, response, headers, extra_members);
 }
 

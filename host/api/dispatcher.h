@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/api/api_table.h"
+#include "host/api/body_quota.h"
 #include "host/api/identity.h"
 #include "host/api/metrics.h"
 #include "host/base/lane.h"
@@ -27,6 +28,7 @@ class Dispatcher {
     Metrics* metrics = nullptr;
     Lane* quick = nullptr;
     Lane* long_running = nullptr;
+    Lane* hosts = nullptr;                      // for all calls of other hosts: users cannot take their room
     std::function<std::string()> metrics_text;  // GET /metrics
     std::function<std::string()> health;        // GET /healthz: the problem, or ""
     std::function<bool()> is_database_lost{};   // whether the cluster database cannot be read now; optional
@@ -44,6 +46,7 @@ class Dispatcher {
 
   std::optional<http::HttpResponse> PlanMethodCall(std::string_view path, std::string_view query,
                                                    http::HttpRequest& request);
+  Lane& LaneFor(const Plan& plan) const;
   static bool NeedsUser(const Work& work);
   int CheckAdministrator(const http::HttpRequest& request) const;
   http::HttpResponse MakePage(const Work& work) const;
@@ -55,12 +58,9 @@ class Dispatcher {
 
   Parts parts_;
   std::string description_;  // GET /openapi.json
+  BodyQuota bodies_;
   // How many requests that may have long bodies are in progress.
   const std::shared_ptr<std::atomic<int>> long_body_requests_ = std::make_shared<std::atomic<int>>(0);
 };
-
-// The reply for an error code: its HTTP status, and {"success": false, "error": {"code", "message", "details"?},
-// "request_id"}. A null `details` is left out.
-http::HttpResponse MakeErrorReply(int code, const Json::Value& details, const std::string& request_id);
 
 }  // namespace vexa::api

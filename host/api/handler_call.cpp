@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "host/api/reason.h"
@@ -15,6 +16,13 @@ namespace {
 
 bool IsReservedMember(const std::string& name) {
   return name == "success" || name == "data" || name == "error" || name == "request_id" || name == kReason;
+}
+
+bool HasTooLongList(const ApiRow& row, const Json::Value& parameters) {
+  return std::ranges::any_of(row.parameters, [&](const Parameter& parameter) {
+    return parameter.max_items > 0 &&
+           json::Elements(json::Member(parameters, std::string(parameter.name))).size() > parameter.max_items;
+  });
 }
 
 }  // namespace
@@ -31,6 +39,7 @@ int CheckUser(Access access, const Caller& caller) {
 
 void CallHandler(HandlerCall call, VEXA::APIResponse& response,
                  std::vector<std::pair<std::string, std::string>>& headers, Json::Value& extra_members) {
+  if (HasTooLongList(call.row, call.parameters)) return response.SetError(user_error::kBadParameter, Json::Value());
   using Privilege = VEXA::APIRequest::Privilege;
   VEXA::APIRequest request(std::move(call.parameters), call.caller.user.name,
                            call.caller.user.is_administrator ? Privilege::kAdministrator : Privilege::kOrdinary);

@@ -52,7 +52,7 @@ Json::Value LocalCaller::Call(const VexaDRCore::Request& request, std::chrono::m
     if (const int refusal = CheckCaller(row->access.value, job->caller)) return ErrorReply(refusal);
     job->request_id = CurrentRequestId();
     job->parameters = request.parameters();
-    const Lane::SubmitResult submitted = parts_.lane->Submit("", [this, job] { Run(*job); });
+    const Lane::SubmitResult submitted = parts_.lane->Submit({job->caller.acts_for}, [this, job] { Run(*job); });
     if (submitted == Lane::SubmitResult::kStopped)
       return transport::FailedReply(parts_.host_id, "this host is stopping");
     if (submitted != Lane::SubmitResult::kAccepted) return ErrorReply(user_error::kHostBusy);

@@ -18,7 +18,7 @@ class LocalCaller {
   struct Parts {
     const ApiTable* table = nullptr;
     Metrics* metrics = nullptr;
-    Lane* lane = nullptr;  // without a quota: the callers were counted where their requests arrived
+    Lane* lane = nullptr;  // the users take turns; without quotas, as they were counted where their requests arrived
     std::string host_id;   // of this host
   };
   // What `parts` points to must outlive it, and the lane's threads.

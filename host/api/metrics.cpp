@@ -40,6 +40,8 @@ void AppendLanes(std::string& text, const std::vector<std::pair<std::string, Lan
   family("vexa_lane_queued", "gauge", "Requests that wait in a lane.", [](const LaneStats& s) { return s.queued; });
   family("vexa_lane_refused_total", "counter", "Requests that a lane refused.",
          [](const LaneStats& s) { return s.refused; });
+  family("vexa_lane_over_quota_total", "counter", "Those of them whose caller had too many requests in progress.",
+         [](const LaneStats& s) { return s.over_quota; });
 }
 
 }  // namespace

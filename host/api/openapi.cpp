@@ -26,6 +26,7 @@ Json::Value ParametersSchema(const ApiRow& row) {
     property["type"] = SchemaType(parameter.type);
     property["description"] = std::string(parameter.description);
     if (parameter.type == ParameterType::kArray) property["items"] = Json::Value(Json::objectValue);
+    if (parameter.max_items > 0) property["maxItems"] = Json::UInt64{parameter.max_items};
     if (parameter.necessity == Necessity::kRequired) schema["required"].append(std::string(parameter.name));
   }
   return schema;

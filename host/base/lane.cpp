@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -18,6 +17,8 @@ using Clock = std::chrono::steady_clock;
 
 // After the system refused to start a thread, the monitor retries at this interval.
 constexpr std::chrono::milliseconds kThreadRetryInterval{100};
+// A user's jobs that have not ended for this long, or for grow_after, count as stuck.
+constexpr std::chrono::milliseconds kMinPatience{1};
 // How long Stop() waits for threads without a job. They only have to return.
 constexpr std::chrono::seconds kIdleThreadExitTimeout{5};
 // Longer timeouts would overflow the clock.
@@ -65,24 +66,18 @@ bool StartThread(std::size_t stack_bytes, std::string name, std::function<void()
 // Threads: jobs run, and are destroyed, without `mutex_`.
 class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
  public:
-  explicit Impl(const LaneOptions& options) : options_(options) {
+  explicit Impl(const LaneOptions& options) : options_(options), queue_(options.limits) {
     options_.min_threads = std::max(options_.min_threads, 0);
     options_.max_threads = std::max({options_.max_threads, options_.min_threads, 1});
     options_.name.resize(std::min<std::size_t>(options_.name.size(), 8));
   }
 
   void StartMinimum();
-  SubmitResult Submit(const std::string& user, std::function<void()> job);
+  SubmitResult Submit(const JobOwner& owner, std::function<void()> job);
   bool Stop(std::chrono::milliseconds timeout);
   LaneStats Stats() const;
 
  private:
-  using Users = std::unordered_map<std::string, std::size_t>;
-  struct Job {
-    std::function<void()> run;
-    Users::value_type* user;  // null without a quota; map nodes do not move
-    Clock::time_point submitted;
-  };
   struct IdleWorker {
     ConditionVariable wake;
     bool woken = false;  // guarded by mutex_
@@ -94,17 +89,15 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   void RunMonitor();
   void RunWorker();
   bool WaitForJob() VEXA_REQUIRES(mutex_);
-  void RunFirstJob() VEXA_REQUIRES(mutex_);
-  void ReleaseUser(Users::value_type* user) VEXA_REQUIRES(mutex_);
-  // Whether enough workers are on their way to take every waiting job.
-  bool IsCovered() const VEXA_REQUIRES(mutex_) { return queue_.size() <= approaching_workers_; }
+  void RunNextJob() VEXA_REQUIRES(mutex_);
+  // Whether enough workers are on their way to take every job that may start.
+  bool IsCovered() const VEXA_REQUIRES(mutex_) { return queue_.ready() <= approaching_workers_; }
 
   LaneOptions options_;
   mutable Mutex mutex_;
   ConditionVariable monitor_wake_;
   ConditionVariable progress_;  // for Stop(): a job ended or a thread left
-  std::deque<Job> queue_ VEXA_GUARDED_BY(mutex_);
-  Users users_ VEXA_GUARDED_BY(mutex_);
+  FairQueue queue_ VEXA_GUARDED_BY(mutex_);
   // The worker that became idle last is woken first, so that the others reach idle_exit.
   std::vector<IdleWorker*> idle_workers_ VEXA_GUARDED_BY(mutex_);
   int threads_ VEXA_GUARDED_BY(mutex_) = 0;
@@ -114,6 +107,7 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   std::uint64_t thread_number_ VEXA_GUARDED_BY(mutex_) = 0;
   std::uint64_t done_ VEXA_GUARDED_BY(mutex_) = 0;
   std::uint64_t refused_ VEXA_GUARDED_BY(mutex_) = 0;
+  std::uint64_t over_quota_ VEXA_GUARDED_BY(mutex_) = 0;
   bool monitor_exists_ VEXA_GUARDED_BY(mutex_) = false;
   // It waits without a timeout: only StartOrWakeMonitor() and the end of Stop() wake it.
   bool monitor_is_idle_ VEXA_GUARDED_BY(mutex_) = false;
@@ -136,23 +130,19 @@ bool Lane::Impl::AddWorker() {
   return true;
 }
 
-Lane::SubmitResult Lane::Impl::Submit(const std::string& user, std::function<void()> job) {
-  const Clock::time_point now = Clock::now();
+Lane::SubmitResult Lane::Impl::Submit(const JobOwner& owner, std::function<void()> job) {
   const MutexLock lock(mutex_);
   const auto refuse = [this](SubmitResult why) VEXA_REQUIRES(mutex_) {
     ++refused_;
+    if (why == SubmitResult::kOverQuota) ++over_quota_;
     return why;
   };
   if (stopping_) return refuse(SubmitResult::kStopped);
-  if (queue_.size() >= options_.max_queued) return refuse(SubmitResult::kQueueFull);
   if (threads_ == 0 && !AddWorker()) return refuse(SubmitResult::kQueueFull);
-  Users::value_type* quota = nullptr;
-  if (options_.max_per_user > 0) {
-    quota = &*users_.try_emplace(user, 0).first;
-    if (quota->second >= options_.max_per_user) return refuse(SubmitResult::kOverQuota);
-    ++quota->second;
-  }
-  queue_.push_back(Job{std::move(job), quota, now});
+  const FairQueue::PushResult pushed = queue_.Push(owner, std::move(job));
+  if (pushed == FairQueue::PushResult::kFull) return refuse(SubmitResult::kQueueFull);
+  if (pushed == FairQueue::PushResult::kOverQuota) return refuse(SubmitResult::kOverQuota);
+  if (queue_.waiting() > queue_.ready()) StartOrWakeMonitor();  // it decides when the owner may start more
   if (IsCovered()) return SubmitResult::kAccepted;
   if (!idle_workers_.empty()) {
     WakeIdleWorker();
@@ -180,17 +170,24 @@ void Lane::Impl::StartOrWakeMonitor() {
   }
 }
 
-// Adds a worker when the first job that no worker is about to take has waited for grow_after. Runs on a thread of its
-// own because every worker may be stuck. Waits without a timeout while every job has a worker, or the pool is full.
+// Adds a worker when the next job that no worker is about to take has waited for grow_after, and lets owners whose jobs
+// are stuck start more. Runs on a thread of its own because every worker may be stuck. Waits without a timeout while
+// every job has a worker, or the pool is full, and no owner's jobs wait for others of theirs.
 void Lane::Impl::RunMonitor() {
   const MutexLock lock(mutex_);
   while (!stopped_) {
+    const auto next_check = queue_.AdmitStuck(std::max(options_.grow_after, kMinPatience));
+    while (!IsCovered() && !idle_workers_.empty()) WakeIdleWorker();
     if (IsCovered() || threads_ >= options_.max_threads) {
+      if (next_check) {
+        monitor_wake_.WaitUntil(mutex_, *next_check);
+        continue;
+      }
       monitor_is_idle_ = true;
       while (!stopped_ && monitor_is_idle_) monitor_wake_.Wait(mutex_);
       continue;
     }
-    const Clock::time_point due = queue_[approaching_workers_].submitted + options_.grow_after;
+    const Clock::time_point due = queue_.SubmittedAt(approaching_workers_) + options_.grow_after;
     if (Clock::now() < due) {
       monitor_wake_.WaitUntil(mutex_, due);
     } else if (!AddWorker()) {
@@ -205,8 +202,8 @@ void Lane::Impl::RunWorker() {
   const MutexLock lock(mutex_);
   --approaching_workers_;
   for (;;) {
-    if (!queue_.empty()) {
-      RunFirstJob();
+    if (queue_.ready() > 0) {
+      RunNextJob();
     } else if (stopping_ || !WaitForJob()) {
       break;
     }
@@ -236,9 +233,8 @@ bool Lane::Impl::WaitForJob() {
   return !surplus;
 }
 
-void Lane::Impl::RunFirstJob() {
-  Job job = std::move(queue_.front());
-  queue_.pop_front();
+void Lane::Impl::RunNextJob() {
+  FairQueue::Job job = queue_.Take();
   ++busy_;
   {
     const MutexUnlock unlocked(mutex_);
@@ -247,25 +243,20 @@ void Lane::Impl::RunFirstJob() {
   }
   --busy_;
   ++done_;
-  ReleaseUser(job.user);
+  queue_.Finish(job);
   if (stopping_) progress_.NotifyAll();
-}
-
-void Lane::Impl::ReleaseUser(Users::value_type* user) {
-  if (user != nullptr && --user->second == 0) users_.erase(users_.find(user->first));
 }
 
 bool Lane::Impl::Stop(std::chrono::milliseconds timeout) {
   const Clock::time_point until = Clock::now() + std::min<std::chrono::milliseconds>(timeout, kMaxStopTimeout);
-  std::deque<Job> dropped;  // destroyed without the lock, because what the jobs captured may call back
+  std::deque<FairQueue::Job> dropped;  // destroyed without the lock, because what the jobs captured may call back
   const MutexLock lock(mutex_);
   stopping_ = true;
   for (IdleWorker* worker : idle_workers_) worker->wake.NotifyOne();
-  while ((!queue_.empty() || busy_ > 0) && progress_.WaitUntil(mutex_, until)) {
+  while ((queue_.waiting() > 0 || busy_ > 0) && progress_.WaitUntil(mutex_, until)) {
   }
-  const bool all_done = queue_.empty() && busy_ == 0;
-  for (Job& job : queue_) ReleaseUser(job.user);
-  dropped.swap(queue_);
+  const bool all_done = queue_.waiting() == 0 && busy_ == 0;
+  dropped = queue_.Clear();
   stopped_ = true;
   monitor_wake_.NotifyAll();
   const Clock::time_point idle_until = Clock::now() + kIdleThreadExitTimeout;
@@ -276,15 +267,15 @@ bool Lane::Impl::Stop(std::chrono::milliseconds timeout) {
 
 LaneStats Lane::Impl::Stats() const {
   const MutexLock lock(mutex_);
-  return LaneStats{threads_, busy_, queue_.size(), done_, refused_};
+  return LaneStats{threads_, busy_, queue_.waiting(), done_, refused_, over_quota_};
 }
 
 Lane::Lane(const LaneOptions& options) : impl_(std::make_shared<Impl>(options)) { impl_->StartMinimum(); }
 
 Lane::~Lane() { impl_->Stop(std::chrono::milliseconds(0)); }
 
-Lane::SubmitResult Lane::Submit(const std::string& user, std::function<void()> job) {
-  return impl_->Submit(user, std::move(job));
+Lane::SubmitResult Lane::Submit(const JobOwner& owner, std::function<void()> job) {
+  return impl_->Submit(owner, std::move(job));
 }
 
 bool Lane::Stop(std::chrono::milliseconds timeout) { return impl_->Stop(timeout); }

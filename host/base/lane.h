@@ -11,14 +11,15 @@
 #include <memory>
 #include <string>
 
+#include "host/base/fair_queue.h"
+
 namespace vexa {
 
 struct LaneOptions {
   std::string name;     // for thread names and metrics; at most 8 characters
   int min_threads = 1;  // kept alive from the start; 0 is allowed
   int max_threads = 64;
-  std::size_t max_queued = 4096;             // jobs that wait for a thread
-  std::size_t max_per_user = 0;              // jobs of one user, waiting and running; 0: no quota
+  QueueLimits limits{.queued = 4096};
   std::chrono::milliseconds grow_after{20};  // the first job waits this long before a thread is added
   std::chrono::seconds idle_exit{10};        // a thread above min_threads ends after this long without a job
   std::size_t stack_bytes = std::size_t{1} << 20;
@@ -26,14 +27,16 @@ struct LaneOptions {
 
 struct LaneStats {
   int threads = 0;
-  int busy = 0;               // threads that run a job
-  std::size_t queued = 0;     // jobs that wait
-  std::uint64_t done = 0;     // jobs since the start
-  std::uint64_t refused = 0;  // likewise
+  int busy = 0;                  // threads that run a job
+  std::size_t queued = 0;        // jobs that wait
+  std::uint64_t done = 0;        // jobs since the start
+  std::uint64_t refused = 0;     // likewise
+  std::uint64_t over_quota = 0;  // those of them that were refused because their owner had too many
 };
 
-// Jobs start in the order in which they were submitted. A job must not throw.
-// Threads: any, at the same time.
+// A thread is added when a job has waited for grow_after, and an owner whose jobs have not ended for that long may have
+// more of them running (QueueLimits::active_per_user). Owners take turns (fair_queue.h): one who submits a thousand
+// jobs delays another's by one. A job must not throw. Threads: any, at the same time.
 class Lane {
  public:
   enum class SubmitResult { kAccepted, kQueueFull, kOverQuota, kStopped };
@@ -42,7 +45,7 @@ class Lane {
   // As Stop() with a timeout of 0.
   ~Lane();
 
-  SubmitResult Submit(const std::string& user, std::function<void()> job);
+  SubmitResult Submit(const JobOwner& owner, std::function<void()> job);
 
   // Stops accepting jobs and waits at most `timeout` for the accepted ones. True when all are done. Otherwise running
   // jobs continue on their threads, which end with the jobs or the process, and waiting jobs are dropped.

@@ -166,7 +166,11 @@ void AddWorkOptions(CLI::App& app, Config& config) {
   app.add_option("--io-threads", config.io_threads, "Threads for network I/O")->check(CLI::Range(1, 64));
   app.add_option("--long-threads", config.long_threads, "Maximum number of threads for long calls")
       ->check(CLI::Range(1, 16'384));
-  app.add_option("--calls-per-user", config.calls_per_user, "Maximum number of concurrent long calls per user")
+  app.add_option("--calls-per-user", config.calls_per_user,
+                 "Maximum number of concurrent long calls per user, and of calls per user of another host")
+      ->check(CLI::Range(1, 16'384));
+  app.add_option("--calls-per-host", config.calls_per_host,
+                 "Maximum number of concurrent calls per other host, for all its users together")
       ->check(CLI::Range(1, 16'384));
   static const std::map<std::string, LogTarget> targets{
       {"syslog", LogTarget::kSyslog}, {"stderr", LogTarget::kStderr}, {"both", LogTarget::kBoth}};

@@ -39,7 +39,8 @@ struct Config {
   std::size_t max_connections = 10'000;
   std::size_t max_connections_per_peer = 6'000;
   int long_threads = 1024;
-  int calls_per_user = 64;  // long calls of one user, waiting and running
+  int calls_per_user = 64;   // long calls of one user, waiting and running; calls of one host on behalf of one user
+  int calls_per_host = 512;  // calls of one host on behalf of all its users, waiting and running
   session::SessionOptions sessions;
   std::chrono::seconds stop_timeout{30};
   LogTarget log = LogTarget::kSyslog;

@@ -11,6 +11,7 @@
 
 #include "host/accounts/account_pam.h"
 #include "host/api/dispatcher.h"
+#include "host/api/http_reply.h"
 #include "host/api/identity.h"
 #include "host/api/local_caller.h"
 #include "host/api/metrics.h"
@@ -48,6 +49,7 @@
 #include "host/daemon/file_limit.h"
 #include "host/daemon/host_id.h"
 #include "host/daemon/host_state.h"
+#include "host/daemon/lanes.h"
 #include "host/guests/fenced_domains.h"
 #include "host/guests/guest_control.h"
 #include "host/http/http_server.h"
@@ -68,42 +70,6 @@
 
 namespace vexa::daemon {
 namespace {
-
-LaneOptions QuickLane() {
-  LaneOptions options;
-  options.name = "quick";
-  options.min_threads = 2 * static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
-  options.max_threads = std::max(64, options.min_threads);
-  return options;
-}
-
-LaneOptions LongLane(const Config& config) {
-  LaneOptions options;
-  options.name = "long";
-  options.min_threads = 0;
-  options.max_threads = config.long_threads;
-  options.max_per_user = static_cast<std::size_t>(config.calls_per_user);
-  options.grow_after = std::chrono::milliseconds(0);
-  options.stack_bytes = std::size_t{256} << 10;
-  return options;
-}
-
-// Calls of this host to itself. Each caller waits on a thread of another lane, so those lanes limit their number.
-LaneOptions LocalLane(const Config& config) {
-  LaneOptions options = LongLane(config);
-  options.name = "local";
-  options.max_per_user = 0;
-  options.stack_bytes = LaneOptions().stack_bytes;  // also runs quick methods
-  return options;
-}
-
-// The items of compound requests. The requests wait for their items on threads of the lanes "long" and "local": if the
-// items ran in those lanes too, compound requests that take all threads would deadlock.
-LaneOptions ItemLane(const Config& config) {
-  LaneOptions options = LocalLane(config);
-  options.name = "items";
-  return options;
-}
 
 // The threads that help with a compound request have its id in their log lines, and make requests for its user.
 api::CompoundOptions MakeCompoundOptions() {
@@ -191,6 +157,7 @@ class Daemon::Impl {
         limiter_(session::LoginLimiterOptions{}),
         quick_(QuickLane()),
         long_running_(LongLane(config)),
+        hosts_(HostLane(config)),
         local_(LocalLane(config)),
         items_(ItemLane(config)) {}
 
@@ -247,6 +214,7 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
+    const bool hosts_done = hosts_.Stop(left());
     guest_states_.links().BeginStop();
     const bool caches_done = cache::RemoveCacheRefresher(left());
     const bool links_done = guest_states_.links().Stop(left());
@@ -256,7 +224,8 @@ class Daemon::Impl {
     const bool guests_done = !guests_ || guests_->Stop(left());
     ReleaseClaim();
     Sweep();
-    return guests_done && served && quick_done && long_done && caches_done && links_done && local_done && items_done;
+    return guests_done && served && quick_done && long_done && hosts_done && caches_done && links_done && local_done &&
+           items_done;
   }
 
  private:
@@ -379,10 +348,12 @@ class Daemon::Impl {
     parts.metrics = metrics_.get();
     parts.quick = &quick_;
     parts.long_running = &long_running_;
+    parts.hosts = &hosts_;
     parts.metrics_text = [this] {
       return metrics_->ToText({server_->stats(),
                                {{"quick", quick_.stats()},
                                 {"long", long_running_.stats()},
+                                {"hosts", hosts_.stats()},
                                 {"local", local_.stats()},
                                 {"items", items_.stats()}},
                                sessions_->size()});
@@ -435,7 +406,7 @@ class Daemon::Impl {
       dispatcher_->OnRequest(std::move(request), std::move(responder));
     };
     options.make_error = [](int status, const std::string& request_id) {
-      http::HttpResponse response = api::MakeErrorReply(ErrorForHttpStatus(status).code, Json::Value(), request_id);
+      http::HttpResponse response = api::MakeErrorReply(ErrorForHttpStatus(status).code, request_id);
       response.status = status;
       return response;
     };
@@ -510,6 +481,7 @@ class Daemon::Impl {
   std::unique_ptr<api::LocalCaller> item_caller_;
   Lane quick_;
   Lane long_running_;
+  Lane hosts_;
   Lane local_;
   Lane items_;
   std::unique_ptr<http::HttpServer> server_;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "host/base/memory_trim.h"
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/notify.h"
@@ -20,7 +21,8 @@ using namespace vexa::daemon;
 
 constexpr int kExitUsage = 2;
 constexpr int kExitFailed = 1;
-constexpr int kSweepIntervalS = 60;
+constexpr int kTrimIntervalS = 5;
+constexpr int kTrimsPerSweep = 12;  // a sweep each minute
 constexpr std::chrono::seconds kFlushTimeout{2};
 
 sigset_t StopSignals() {
@@ -36,10 +38,14 @@ int PrintError(const vexa::Error& error, int status) {
   return status;
 }
 
-// Waits for the signal to stop, and does the work that is due every minute.
+// Waits for the signal to stop. Meanwhile gives freed memory back, and does the work that is due every minute.
 void RunUntilStopped(Daemon& daemon, const sigset_t& signals) {
-  const timespec interval{.tv_sec = kSweepIntervalS, .tv_nsec = 0};
-  while (::sigtimedwait(&signals, nullptr, &interval) < 0) daemon.Sweep();
+  const timespec interval{.tv_sec = kTrimIntervalS, .tv_nsec = 0};
+  vexa::MemoryTrimmer trimmer;
+  for (int trims = 1; ::sigtimedwait(&signals, nullptr, &interval) < 0; ++trims) {
+    trimmer.TrimAfterGrowth();
+    if (trims % kTrimsPerSweep == 0) daemon.Sweep();
+  }
 }
 
 // Set when this daemon ends because it has lost its host id.

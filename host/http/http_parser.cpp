@@ -140,6 +140,9 @@ int RequestParser::ParseHeader(std::string_view header) {
   impl_->keep_alive_ = impl_->keep_alive();
   impl_->chunked_ = impl_->chunked();
   impl_->eager(true);
+  impl_->request_.announced_body_bytes = impl_->chunked_
+                                             ? std::numeric_limits<std::size_t>::max()
+                                             : static_cast<std::size_t>(impl_->content_length().value_or(0));
   return impl_->unknown_expectation_ ? 417 : 0;
 }
 

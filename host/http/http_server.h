@@ -45,6 +45,8 @@ struct HttpRequest {
   std::string acts_for;           // X-Vexa-Acts-For
   std::string caller_request_id;  // X-Vexa-Request-Id
   std::string body;
+  // What the header says about the body: its length, 0 without one, the largest number when it comes in chunks.
+  std::size_t announced_body_bytes = 0;
   // on_header may lower this: a longer body is refused with 413 before it is in memory.
   std::size_t body_limit = std::numeric_limits<std::size_t>::max();
   Peer peer;

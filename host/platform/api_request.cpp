@@ -66,10 +66,12 @@ std::string APIRequest::GetLoginUserName() const { return login_user_; }
 
 bool APIRequest::IsAdmin() const { return privilege_ == Privilege::kAdministrator; }
 
-void APIResponse::SetSuccess(const Json::Value& data) {
+void APIResponse::SetSuccess(const Json::Value& data) { SetSuccess(Json::Value(data)); }
+
+void APIResponse::SetSuccess(Json::Value&& data) {
   state_ = State::kSuccess;
   code_ = 0;
-  data_ = data;
+  data_ = std::move(data);
 }
 
 void APIResponse::SetError(int code, const Json::Value& details) {

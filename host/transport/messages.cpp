@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/base/json_parse.h"
+#include "host/base/json_values.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
 
@@ -30,25 +31,6 @@ std::string Quotable(std::string_view text) {
   return result;
 }
 
-// Each value follows a comma or an opening bracket, so these are counted, outside of strings. In every valid JSON text,
-// strings end here where they end for the parser.
-bool HasTooManyValues(std::string_view text) {
-  if (text.size() <= kMaxReplyValues) return false;
-  std::size_t values = 1;
-  bool in_string = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '"') {
-      in_string = !in_string;
-    } else if (in_string) {
-      if (c == '\\') ++i;
-    } else if (c == ',' || c == '[' || c == '{') {
-      ++values;
-    }
-  }
-  return values > kMaxReplyValues;
-}
-
 }  // namespace
 
 std::string PathOf(const VexaDRCore::Request& request) {
@@ -69,7 +51,8 @@ Json::Value FailedReply(std::string_view host_id, std::string_view reason) {
 }
 
 Json::Value ParseReply(std::string_view host_id, std::string_view body) {
-  if (HasTooManyValues(body)) {
+  // Each value has at least one byte.
+  if (body.size() > kMaxReplyValues && CountJsonValues(body, kMaxReplyValues) > kMaxReplyValues) {
     return FailedReply(host_id, fmt::format("its reply has more than {} values", kMaxReplyValues));
   }
   Result<Json::Value> parsed = ParseJson(body);

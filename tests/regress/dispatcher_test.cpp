@@ -1,108 +1,25 @@
 // Cases that tests over loopback cannot reach: callers from other machines or with a certificate, and exceptions
 // outside of the handler.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
 #include <new>
 
-#include "host/api/dispatcher.h"
-#include "host/cluster/account_store.h"
-#include "host/http/http_mailbox.h"
-#include "host/store/lmdb_store.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/bare_dispatcher.h"
+#include "tests/support/test_row.h"
 
 namespace {
 
 using vexa::api::Access;
-using vexa::api::LaneKind;
-
-constexpr const char* kPassword = "correct horse";
+using vexa::test::TestRow;
 
 void Succeed(const vexa::api::Call& call) { call.response->SetSuccess(Json::Value()); }
 
-vexa::api::ApiRow Row(std::string_view method, Access access) {
-  return {.api = "T",
-          .method = method,
-          .version = 1,
-          .access = access,
-          .lane = LaneKind::kQuick,
-          .handler = Succeed,
-          .summary = "",
-          .parameters = {},
-          .errors = {}};
-}
-
-class DispatcherWithoutServer : public testing::Test {
+class DispatcherWithoutServer : public vexa::test::BareDispatcher {
  protected:
-  DispatcherWithoutServer() {
-    vexa::store::LmdbOptions options;
-    options.directory = folder_.File("store");
-    store_ = vexa::store::OpenLmdbStore(options).value();
-    accounts_ = std::make_unique<vexa::cluster::AccountStore>(store_);
-    sessions_ = vexa::session::SessionTable::Open(folder_.File("sessions.json"), {}).value();
-    identity_ = std::make_unique<vexa::api::Identity>(*sessions_, *accounts_);
-    vexa::api::Dispatcher::Parts parts;
-    parts.table = &table_;
-    parts.identity = identity_.get();
-    parts.metrics = &metrics_;
-    parts.quick = &lane_;
-    parts.long_running = &lane_;
-    parts.metrics_text = [this] { return metrics_text_(); };
-    parts.health = [] { return std::string(); };
-    dispatcher_ = std::make_unique<vexa::api::Dispatcher>(std::move(parts));
-  }
-
-  std::string TokenOf(const char* name, std::vector<std::string> groups) {
-    vexa::cluster::AccountStore::NewUser user;
-    user.name = name;
-    user.password = kPassword;
-    user.groups = std::move(groups);
-    EXPECT_TRUE(accounts_->AddUser(user).ok());
-    const vexa::accounts::User account = *accounts_->FindUser(name);
-    return sessions_->Create({account.name, account.uid, account.stamp})->token;
-  }
-
-  vexa::http::HttpRequest Request(const std::string& method, const std::string& target,
-                                  const std::string& token) const {
-    vexa::http::HttpRequest request;
-    request.method = method;
-    request.target = target;
-    request.content_type = "application/json";
-    if (!token.empty()) request.authorization = "Bearer " + token;
-    request.peer.address = address_;
-    return request;
-  }
-
-  // The status of the response; 0 when the request was dropped without a response, for which the server sends 500.
-  int Send(vexa::http::HttpRequest request) {
-    if (const auto refusal = dispatcher_->OnHeader(request)) return refusal->status;
-    int status = -1;
-    boost::asio::io_context context;
-    const auto mailbox = std::make_shared<vexa::http::Mailbox>(context, [&](vexa::http::PendingResponse&& pending) {
-      status = pending.response ? pending.response->status : 0;
-    });
-    const auto busy = boost::asio::make_work_guard(context);
-    dispatcher_->OnRequest(std::move(request),
-                           vexa::http::Responder(std::make_shared<vexa::http::Responder::Impl>(mailbox, 0, 0)));
-    while (status == -1 && context.run_one_for(std::chrono::seconds(30)) > 0) {
-    }
-    mailbox->Close();
-    return status;
-  }
-
-  vexa::test::TempDir folder_;
-  std::shared_ptr<vexa::store::Store> store_;
-  std::unique_ptr<vexa::cluster::AccountStore> accounts_;
-  std::unique_ptr<vexa::session::SessionTable> sessions_;
-  std::unique_ptr<vexa::api::Identity> identity_;
-  vexa::api::ApiTable table_{{Row("anyone", Access::kAnyone), Row("user", Access::kUser), Row("host", Access::kHost)}};
-  vexa::api::Metrics metrics_{table_};
-  vexa::Lane lane_{vexa::LaneOptions{.name = "t"}};
-  std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
-  std::string address_ = "192.0.2.1";
-  std::unique_ptr<vexa::api::Dispatcher> dispatcher_;
+  DispatcherWithoutServer()
+      : BareDispatcher({TestRow("T", "anyone", Access::kAnyone, vexa::api::LaneKind::kQuick, Succeed),
+                        TestRow("T", "user", Access::kUser, vexa::api::LaneKind::kQuick, Succeed),
+                        TestRow("T", "host", Access::kHost, vexa::api::LaneKind::kQuick, Succeed)}) {}
 };
 
 TEST_F(DispatcherWithoutServer, MetricsFromAnotherMachine_NeedAnAdministrator) {

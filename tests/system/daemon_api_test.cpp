@@ -448,6 +448,22 @@ TEST_F(DaemonApi, Metrics_CountCalls) {
   EXPECT_TRUE(std::regex_search(reply.body, std::regex(R"(vexa_connections [1-9])")));
 }
 
+// A granted user could make the host do work for 340,000 hosts in one call.
+TEST_F(DaemonApi, PowerOffByHa_MoreHostsThanAllowed_IsBadParameter) {
+  HttpClient client = daemon_->TcpAs("grace");
+  const auto power_off = [&](int hosts) {
+    std::string body = std::string(R"({"action":"poweroff_by_ha","guest_id":")") + kTestGuest + R"(","host_ids":["h")";
+    for (int i = 1; i < hosts; ++i) body += R"(,"h")";
+    return client.PostJson("/webapi/VEXA.Virtualization.Guest.Action/pwr_ctl", body + "]}");
+  };
+  const HttpReply accepted = power_off(1000);
+  EXPECT_EQ(ErrorCode(accepted), 0);
+  EXPECT_EQ(json::Member(JsonBody(accepted), "data").size(), 1000u);
+  const HttpReply refused = power_off(1001);
+  EXPECT_EQ(ErrorCode(refused), 401);
+  EXPECT_EQ(refused.status, 400);
+}
+
 // Lanes.
 
 // Calls that last until they are released, each in a thread. Returns when all of them are in their handlers.
@@ -485,7 +501,7 @@ TEST_F(DaemonApi, Quota_UserExceedsIt_IsBusyAndOthersAreServed) {
   EXPECT_EQ(refused.status, 503);
   EXPECT_EQ(ErrorCode(refused), 108);
   EXPECT_EQ(refused.headers.at("retry-after"), "1");
-  EXPECT_EQ(ErrorCode(client.PostJson("/webapi/VEXA.Test/user", "{}")), 0) << "quick calls have no quota";
+  EXPECT_EQ(ErrorCode(client.PostJson("/webapi/VEXA.Test/user", "{}")), 0) << "quick calls count separately";
   (void)daemon_->Login("grace");
   daemon_->ReleaseStalled();
   for (std::thread& thread : stuck) thread.join();

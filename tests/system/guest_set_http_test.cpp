@@ -233,16 +233,18 @@ TEST_F(GuestSetHttp, Set_LongLists_AreRefusedQuickly) {
     for (int i = 1; i < count; ++i) text += "," + element;
     return text + "]";
   };
-  ExpectRefused(list("iso_images", "\"\"", 100'000), 401);
-  ExpectRefused(list("iso_images", "\"unmounted\"", 80'000), 909);
-  ExpectRefused(list("usbs", "\"1.1\"", 100'000), 909);
-  ExpectRefused(list("vdisks_add", R"({"vdisk_size":1})", 50'000), 909);
-  ExpectRefused(list("vnics_add", R"({"network_id":"","prefer_sriov":false,"vnic_type":1})", 15'000), 909);
-  ExpectRefused(list("vdisks_del", kGoodDiskId, 15'000), 909);
-  ExpectRefused(list("vnics_del", "{}", 100'000), 401);
+  ExpectRefused(list("iso_images", "\"\"", 2'000), 401);
+  ExpectRefused(list("iso_images", "\"unmounted\"", 2'000), 909);
+  ExpectRefused(list("usbs", "\"1.1\"", 2'000), 909);
+  ExpectRefused(list("vdisks_add", R"({"vdisk_size":1})", 1'000), 411);
+  ExpectRefused(list("vnics_add", R"({"network_id":"","prefer_sriov":false,"vnic_type":1})", 500), 919);
+  ExpectRefused(list("vdisks_del", kGoodDiskId, 1'000), 920);
+  ExpectRefused(list("vnics_del", "{}", 2'000), 401);
+  // More values than a body may have.
+  for (const char* name : {"iso_images", "usbs", "vdisks_del"}) ExpectRefused(list(name, "\"\"", 100'000), 112);
   ExpectRefused(list("vdisks_add", R"({"vdisk_size":1})", 65), 411);
   // Rules for unknown principals: the guest is edited, and one bounded log entry reports them all.
-  EXPECT_EQ(Code(list("guest_privilege", R"({"uid":4294967295,"name":"nobody"})", 20'000)), 1001);
+  EXPECT_EQ(Code(list("guest_privilege", R"({"uid":4294967295,"name":"nobody"})", 600)), 1001);
   EXPECT_EQ(NewestText(),
             "Failed to configure permission settings for the user [nobody] on the virtual machine [web].");
   EXPECT_EQ(Stored(), Initial());
@@ -254,7 +256,8 @@ TEST_F(GuestSetHttp, Bodies_TooLargeOrTooDeep_AreRefusedBeforeHandler) {
     return client.PostJson("/webapi/VEXA.Virtualization.Guest/set", body).status;
   };
   EXPECT_EQ(status(Body("\"name\":\"" + std::string(1 << 20, 'n') + '"')), 413);
-  EXPECT_EQ(status(Body("\"usbs\":" + std::string(100'000, '[') + std::string(100'000, ']'))), 400);
+  EXPECT_EQ(status(Body("\"usbs\":" + std::string(100'000, '[') + std::string(100'000, ']'))), 413);
+  EXPECT_EQ(status(Body("\"usbs\":" + std::string(1'000, '[') + std::string(1'000, ']'))), 400);
   EXPECT_EQ(status(Body("\"usbs\":[" + std::string(63, '[') + std::string(63, ']') + "]")), 400) << "65 levels";
   EXPECT_EQ(status(Body("\"name\":\"a\",\"name\":\"b\"")), 400) << "which of both?";
   EXPECT_EQ(status(Body("\"name\":\"\xff\"")), 400);
@@ -286,7 +289,7 @@ TEST_F(GuestSetHttp, Set_DuplicateIds_AreRefusedWhereTheyMatter) {
 
 TEST_F(GuestSetHttp, Set_ManyUnknownPrincipals_AreOneBoundedLogEntry) {
   std::string rules;
-  for (int i = 0; i < 15'000; ++i) {
+  for (int i = 0; i < 600; ++i) {
     rules += (i == 0 ? "" : ",") + std::string(R"({"uid":4294967295,"name":"no%n\nbody)") + std::to_string(i) + "\"}";
   }
   EXPECT_EQ(Code("\"guest_privilege\":[" + rules + "]"), 1001);

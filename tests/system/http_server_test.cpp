@@ -422,7 +422,7 @@ TEST(HttpServer, Lane_ManyClients_GetTheirOwnReplies) {
   Lane lane(lane_options);
   TestServer server([&](ServerOptions& options) {
     options.on_request = [&](HttpRequest&& request, Responder responder) {
-      const auto taken = lane.Submit("", [target = request.target, responder = std::move(responder)] {
+      const auto taken = lane.Submit({""}, [target = request.target, responder = std::move(responder)] {
         HttpResponse response;
         response.body = target;
         responder.Send(std::move(response));

@@ -72,6 +72,7 @@ class APIRequest {
 class APIResponse {
  public:
   void SetSuccess(const Json::Value& data);
+  void SetSuccess(Json::Value&& data);
   void SetError(int code, const Json::Value& details);
 
   bool IsSet() const { return state_ != State::kUnset; }

@@ -125,14 +125,14 @@ void Request(const transport::LocalCall& local_call, const CompoundOptions& opti
     data["result"].append(std::move(result));
   }
   if (has_failure && call.extra_members) (*call.extra_members)["has_fail"] = true;
-  call.response->SetSuccess(data);
+  call.response->SetSuccess(std::move(data));
 }
 
 }  // namespace
 
 std::vector<ApiRow> CompoundRows(transport::LocalCall local_call, CompoundOptions options) {
   const auto shared = std::make_shared<const transport::LocalCall>(std::move(local_call));
-  return {HostRow(
+  ApiRow row = HostRow(
       kApi, "request", LaneKind::kLong,
       [shared, options = std::move(options)](const Call& call) { Request(*shared, options, call); },
       "Call several methods in one request. \"result\" has one entry for each, in order; \"has_fail\" beside \"data\" "
@@ -140,7 +140,9 @@ std::vector<ApiRow> CompoundRows(transport::LocalCall local_call, CompoundOption
       {{"compound", ParameterType::kArray, Necessity::kRequired,
         "At most 64 objects with \"api\", \"method\", \"version\" (default 1) and the method's parameters."},
        {"mode", ParameterType::kString, Necessity::kOptional, "Only \"parallel\" is supported."}},
-      {host_error::kBadParameter})};
+      {host_error::kBadParameter});
+  row.body_values = kMaxCompoundItems * kDefaultBodyValues;
+  return {std::move(row)};
 }
 
 }  // namespace vexa::api

@@ -41,7 +41,7 @@ void ClearPollTask(store::Store& store, const Call& call) {
 }  // namespace
 
 std::vector<ApiRow> PollTaskRows(const ServiceParts& parts) {
-  return {HostRow("VEXA.Virtualization.Cluster", "clear_poll_task", LaneKind::kQuick,
+  return {HostRow("VEXA.Virtualization.Cluster", "clear_poll_task", LaneKind::kLong,
                   [store = parts.store](const Call& call) { ClearPollTask(*store, call); },
                   "Forgets a polling task. A task that does not exist is not an error.",
                   {Text("task_id", "The task's id.")}, {host_error::kBadParameter})};

@@ -191,14 +191,14 @@ std::vector<ApiRow> AccountRows(const AccountServices& services) {
            Optional("advanced", ParameterType::kBoolean, "Whether the user is advanced.")},
           AccountErrors({user_error::kAccountTaken})),
       AdministratorRow(
-          kApi, "user_delete", LaneKind::kQuick, [services](const Call& call) { DeleteUser(services, call); },
+          kApi, "user_delete", LaneKind::kLong, [services](const Call& call) { DeleteUser(services, call); },
           "Delete a user and their grants. Their sessions end on every host. The last administrator cannot be "
           "deleted.",
           {NameParameter("The user's name, unless the id is given."),
            IdParameter("The user's id, unless the name is given.")},
           AccountErrors({user_error::kLastAdministrator})),
       AdministratorRow(
-          kApi, "groups_set", LaneKind::kQuick, [services](const Call& call) { SetGroups(services, call); },
+          kApi, "groups_set", LaneKind::kLong, [services](const Call& call) { SetGroups(services, call); },
           "Replace the groups of a user, except for the primary one. The last administrator cannot be removed from the "
           "administrators' group.",
           {NameParameter("The user's name, unless the id is given."),
@@ -210,7 +210,7 @@ std::vector<ApiRow> AccountRows(const AccountServices& services) {
                        "The groups of the cluster with their ids and members, by name.", {},
                        {user_error::kAccountsFromPam, user_error::kAccountDamaged, user_error::kAccountsUnavailable}),
       AdministratorRow(
-          kApi, "group_delete", LaneKind::kQuick, [services](const Call& call) { DeleteGroup(services, call); },
+          kApi, "group_delete", LaneKind::kLong, [services](const Call& call) { DeleteGroup(services, call); },
           "Delete a group without members, and its grants.",
           {NameParameter("The group's name, unless the id is given."),
            IdParameter("The group's id, unless the name is given.")},

@@ -8,6 +8,12 @@
 #include "webapi/guest/guest_action.h"
 
 namespace vexa::api {
+namespace {
+
+// Far more than a cluster has.
+constexpr std::size_t kMaxHostIds = 1000;
+
+}  // namespace
 
 std::vector<ApiRow> GuestRows() {
   using namespace user_error;
@@ -56,7 +62,7 @@ std::vector<ApiRow> GuestRows() {
               {Text("guest_id", "The guest's id."),
                Text("action", "\"poweron\", \"shutdown\", \"poweroff\", \"reboot\" or \"poweroff_by_ha\"."),
                {"host_ids", ParameterType::kArray, Necessity::kOptional,
-                "The ids of the hosts to ask; required for \"poweroff_by_ha\"."}},
+                "The ids of the hosts to ask; required for \"poweroff_by_ha\".", kMaxHostIds}},
               {kBadParameter,
                kNotFoundOrUnreadable,
                kIncompatibleHost,

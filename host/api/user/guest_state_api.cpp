@@ -52,7 +52,7 @@ void List(GuestStates& states, const Call& call) {
     Fill(*guest, view);
     AddAge(*guest, *listing, view);
   }
-  call.response->SetSuccess(data);
+  call.response->SetSuccess(std::move(data));
 }
 
 // The state of the guest's high-availability group; null without one, or when it cannot be read.

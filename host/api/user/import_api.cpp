@@ -124,7 +124,8 @@ std::vector<ApiRow> ImportRows(std::shared_ptr<store::Store> store) {
                                "In a dry run: the names, by id, of guests that earlier calls have accepted.")},
        .errors = {user_error::kBadParameter, user_error::kAddressInUseOrGuestRuns, user_error::kGuestBusy,
                   user_error::kRecordExists, user_error::kRecordFailed},
-       .body_bytes = kMaxBodyBytes}};
+       .body_bytes = kMaxBodyBytes,
+       .body_values = kMaxBodyValues}};
 }
 
 }  // namespace vexa::api

@@ -51,6 +51,24 @@ TEST(ApiTable, Table_DuplicateRow_IsProgrammingError) {
   EXPECT_THROW(ApiTable({Row("A", "get", 1), Row("A", "get", 1)}), std::logic_error);
 }
 
+TEST(ApiTable, BodiesWithManyValues_Rows_AreForAdministratorsAndHosts) {
+  ApiRow row = Row("A", "get", 1);
+  EXPECT_EQ(row.body_values, kDefaultBodyValues);
+  row.body_values = kDefaultBodyValues + 1;
+  for (const Access access : {Access::kUser, Access::kAnyone}) {
+    row.access = access;
+    EXPECT_THROW(ApiTable({row}), std::logic_error);
+  }
+  for (const Access access : {Access::kAdministrator, Access::kHost}) {
+    row.access = access;
+    row.body_values = kMaxBodyValues;
+    row.errors.clear();
+    EXPECT_NO_THROW(ApiTable({row}));
+    row.body_values = kMaxBodyValues + 1;
+    EXPECT_THROW(ApiTable({row}), std::logic_error);
+  }
+}
+
 TEST(ApiTable, LongBodies_Rows_AreForAdministratorsOnly) {
   ApiRow row = Row("A", "get", 1);
   EXPECT_EQ(row.body_bytes, 1024u * 1024u);
@@ -195,6 +213,16 @@ TEST(ErrorTable, Rows_RefusalsOfServer_HaveSameStatus) {
     EXPECT_EQ(vexa::ErrorForHttpStatus(status).http_status, status);
   }
   EXPECT_EQ(vexa::ErrorForHttpStatus(418).code, vexa::user_error::kInternal);
+}
+
+TEST(OpenApi, Lists_WithALimit_HaveIt) {
+  ApiRow row = Row("A", "get", 1);
+  row.parameters[1].max_items = 3;
+  const Json::Value document = vexa::test::Parsed(MakeOpenApi(ApiTable({row})));
+  const Json::Value& schema =
+      document["paths"]["/webapi/A/get"]["post"]["requestBody"]["content"]["application/json"]["schema"];
+  EXPECT_EQ(schema["properties"]["list"]["maxItems"], 3);
+  EXPECT_FALSE(schema["properties"]["guest_id"].isMember("maxItems"));
 }
 
 TEST(OpenApi, Description_EachRow_HasAccessParametersAndErrors) {

@@ -214,21 +214,22 @@ TEST(Metrics, Counts_AppearByMethodCodeAndBucket) {
   metrics.Count(table.rows()[0], 0, std::chrono::milliseconds(3));
   metrics.Count(table.rows()[0], 403, std::chrono::hours(1));
   Metrics::Gauges gauges;
-  gauges.lanes = {{"quick", {.threads = 4, .busy = 1, .queued = 2, .done = 3, .refused = 5}}};
+  gauges.lanes = {{"quick", {.threads = 4, .busy = 1, .queued = 2, .done = 3, .refused = 5, .over_quota = 4}}};
   gauges.server.connections = 7;
   gauges.sessions = 9;
   const std::string text = metrics.ToText(gauges);
-  for (const char* line : {"vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"0\"} 2\n",
-                           "vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"403\"} 1\n",
-                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.000100\"} 1\n",
-                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.002500\"} 1\n",
-                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.005000\"} 2\n",
-                           "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"+Inf\"} 3\n",
-                           "vexa_request_duration_seconds_count{api=\"VEXA.A\",method=\"get\"} 3\n",
-                           "vexa_request_duration_seconds_sum{api=\"VEXA.A\",method=\"get\"} 3600.003090\n",
-                           "vexa_lane_threads{lane=\"quick\"} 4\n", "vexa_lane_busy{lane=\"quick\"} 1\n",
-                           "vexa_lane_queued{lane=\"quick\"} 2\n", "vexa_lane_refused_total{lane=\"quick\"} 5\n",
-                           "vexa_connections 7\n", "vexa_sessions 9\n"}) {
+  for (const char* line :
+       {"vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"0\"} 2\n",
+        "vexa_requests_total{api=\"VEXA.A\",method=\"get\",code=\"403\"} 1\n",
+        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.000100\"} 1\n",
+        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.002500\"} 1\n",
+        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"0.005000\"} 2\n",
+        "vexa_request_duration_seconds_bucket{api=\"VEXA.A\",method=\"get\",le=\"+Inf\"} 3\n",
+        "vexa_request_duration_seconds_count{api=\"VEXA.A\",method=\"get\"} 3\n",
+        "vexa_request_duration_seconds_sum{api=\"VEXA.A\",method=\"get\"} 3600.003090\n",
+        "vexa_lane_threads{lane=\"quick\"} 4\n", "vexa_lane_busy{lane=\"quick\"} 1\n",
+        "vexa_lane_queued{lane=\"quick\"} 2\n", "vexa_lane_refused_total{lane=\"quick\"} 5\n",
+        "vexa_lane_over_quota_total{lane=\"quick\"} 4\n", "vexa_connections 7\n", "vexa_sessions 9\n"}) {
     EXPECT_NE(text.find(line), std::string::npos) << line << text;
   }
 }

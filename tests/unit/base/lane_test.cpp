@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/waiting.h"
+#include "tests/unit/base/lane_gate.h"
 
 namespace vexa {
 namespace {
@@ -20,45 +21,13 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using test::Eventually;
+using test::Gate;
+using test::GateOpener;
 using test::ProcessThreads;
 using SubmitResult = Lane::SubmitResult;
 
 // Generous: a loaded machine must not fail a test.
 constexpr seconds kTimeout{20};
-
-// Jobs wait here until the test opens it. Shared with the jobs, as they may outlive the test's scope.
-class Gate {
- public:
-  void Open() {
-    const std::lock_guard lock(mutex_);
-    open_ = true;
-    opened_.notify_all();
-  }
-  void Pass() {
-    std::unique_lock lock(mutex_);
-    ++waiting_;
-    opened_.wait(lock, [this] { return open_; });
-    --waiting_;
-  }
-  int waiting() {
-    const std::lock_guard lock(mutex_);
-    return waiting_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable opened_;
-  bool open_ = false;
-  int waiting_ = 0;
-};
-
-struct GateOpener {
-  std::shared_ptr<Gate> gate = std::make_shared<Gate>();
-  ~GateOpener() { gate->Open(); }
-  std::function<void()> job() const {
-    return [held = gate] { held->Pass(); };
-  }
-};
 
 LaneOptions Options() {
   LaneOptions options;
@@ -71,7 +40,8 @@ TEST(Lane, OneThread_RunsJobsInTheOrderOfSubmission) {
   options.max_threads = 1;
   Lane lane(options);
   std::vector<int> seen;
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(lane.Submit("", [&seen, i] { seen.push_back(i); }), SubmitResult::kAccepted);
+  for (int i = 0; i < 1000; ++i)
+    ASSERT_EQ(lane.Submit({""}, [&seen, i] { seen.push_back(i); }), SubmitResult::kAccepted);
   ASSERT_TRUE(lane.Stop(kTimeout));
   ASSERT_EQ(seen.size(), 1000U);
   for (int i = 0; i < 1000; ++i) EXPECT_EQ(seen[static_cast<std::size_t>(i)], i);
@@ -91,14 +61,14 @@ TEST(Lane, NoMinimum_StartsAThreadWithTheFirstJob) {
   Lane lane(options);
   EXPECT_EQ(lane.stats().threads, 0);
   std::promise<void> ran;
-  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({""}, [&] { ran.set_value(); }), SubmitResult::kAccepted);
   EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
 }
 
 TEST(Lane, ThreadNames_CarryTheLaneAndANumber) {
   Lane lane(Options());
   std::promise<std::string> name;
-  ASSERT_EQ(lane.Submit("",
+  ASSERT_EQ(lane.Submit({""},
                         [&] {
                           char text[32] = {};
                           pthread_getname_np(pthread_self(), text, sizeof text);
@@ -114,10 +84,10 @@ TEST(Lane, AllThreadsStuck_GrowsForTheNextJobs) {
   options.min_threads = 2;
   options.max_threads = 8;
   Lane lane(options);
-  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
+  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit({""}, stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 6; }));
   std::promise<void> ran;
-  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({""}, [&] { ran.set_value(); }), SubmitResult::kAccepted);
   EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
   EXPECT_TRUE(Eventually([&] { return lane.stats().busy == 6; }));
   EXPECT_EQ(lane.stats().threads, 7);
@@ -129,7 +99,7 @@ TEST(Lane, Threads_MoreStuckJobsThanThreads_NeverExceedMaximum) {
   options.max_threads = 3;
   options.grow_after = milliseconds(1);
   Lane lane(options);
-  for (int i = 0; i < 10; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(lane.Submit({""}, stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return lane.stats().busy == 3; }));
   std::this_thread::sleep_for(milliseconds(50));
   EXPECT_EQ(lane.stats().threads, 3);
@@ -146,7 +116,7 @@ TEST(Lane, Submit_GrowAfterZeroAndNoneIdle_AddsThread) {
   options.max_threads = 4;
   Lane lane(options);
   for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
+    ASSERT_EQ(lane.Submit({""}, stuck.job()), SubmitResult::kAccepted);
     EXPECT_LE(lane.stats().threads, i + 1);
   }
   EXPECT_EQ(lane.stats().threads, 4);
@@ -159,7 +129,7 @@ TEST(Lane, Lane_QuickJobs_AddNoThread) {
   Lane lane(options);
   for (int i = 0; i < 500; ++i) {
     std::promise<void> ran;
-    ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+    ASSERT_EQ(lane.Submit({""}, [&] { ran.set_value(); }), SubmitResult::kAccepted);
     ran.get_future().wait();
   }
   EXPECT_EQ(lane.stats().threads, 1);
@@ -172,52 +142,33 @@ TEST(Lane, ThreadsAboveTheMinimum_EndWhenIdle) {
   options.grow_after = milliseconds(1);
   options.idle_exit = seconds(1);
   Lane lane(options);
-  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
+  for (int i = 0; i < 6; ++i) ASSERT_EQ(lane.Submit({""}, stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return lane.stats().threads == 6; }));
   stuck.gate->Open();
   // A trickle of jobs, which the thread that slept last takes, keeps no other thread alive.
   EXPECT_TRUE(Eventually([&] {
-    lane.Submit("", [] {});
+    lane.Submit({""}, [] {});
     return lane.stats().threads == 1;
   }));
   std::promise<void> ran;
-  ASSERT_EQ(lane.Submit("", [&] { ran.set_value(); }), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({""}, [&] { ran.set_value(); }), SubmitResult::kAccepted);
   EXPECT_EQ(ran.get_future().wait_for(kTimeout), std::future_status::ready);
-}
-
-TEST(Lane, Quota_CountsWaitingAndRunningJobsOfOneUser) {
-  GateOpener stuck;
-  LaneOptions options = Options();
-  options.max_threads = 1;
-  options.max_per_user = 2;
-  Lane lane(options);
-  ASSERT_EQ(lane.Submit("ann", stuck.job()), SubmitResult::kAccepted);
-  ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 1; }));
-  ASSERT_EQ(lane.Submit("ann", [] {}), SubmitResult::kAccepted);
-  EXPECT_EQ(lane.Submit("ann", [] {}), SubmitResult::kOverQuota);
-  EXPECT_EQ(lane.Submit("bob", [] {}), SubmitResult::kAccepted);
-  EXPECT_EQ(lane.stats().refused, 1U);
-  stuck.gate->Open();
-  ASSERT_TRUE(Eventually([&] { return lane.stats().done == 3; }));
-  for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(Eventually([&] { return lane.Submit("ann", [] {}) == SubmitResult::kAccepted; })) << i;
-  }
 }
 
 TEST(Lane, Submit_QueueFull_IsRefusedUntilThereIsRoom) {
   GateOpener stuck;
   LaneOptions options = Options();
   options.max_threads = 1;
-  options.max_queued = 2;
+  options.limits.queued = 2;
   Lane lane(options);
-  ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({""}, stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 1; }));
-  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kAccepted);
-  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kAccepted);
-  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kQueueFull);
+  EXPECT_EQ(lane.Submit({""}, [] {}), SubmitResult::kAccepted);
+  EXPECT_EQ(lane.Submit({""}, [] {}), SubmitResult::kAccepted);
+  EXPECT_EQ(lane.Submit({""}, [] {}), SubmitResult::kQueueFull);
   stuck.gate->Open();
   ASSERT_TRUE(Eventually([&] { return lane.stats().done == 3; }));
-  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kAccepted);
+  EXPECT_EQ(lane.Submit({""}, [] {}), SubmitResult::kAccepted);
 }
 
 TEST(Lane, Stop_AcceptedJobs_AreFinishedAndNewOnesRefused) {
@@ -226,7 +177,7 @@ TEST(Lane, Stop_AcceptedJobs_AreFinishedAndNewOnesRefused) {
   Lane lane(options);
   std::atomic<int> ran = 0;
   for (int i = 0; i < 50; ++i) {
-    ASSERT_EQ(lane.Submit("",
+    ASSERT_EQ(lane.Submit({""},
                           [&] {
                             std::this_thread::sleep_for(milliseconds(1));
                             ++ran;
@@ -236,7 +187,7 @@ TEST(Lane, Stop_AcceptedJobs_AreFinishedAndNewOnesRefused) {
   EXPECT_TRUE(lane.Stop(kTimeout));
   EXPECT_EQ(ran, 50);
   EXPECT_EQ(lane.stats().threads, 0);
-  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kStopped);
+  EXPECT_EQ(lane.Submit({""}, [] {}), SubmitResult::kStopped);
 }
 
 TEST(Lane, Stop_StuckJobs_ReturnsAtDeadlineAndDropsQueue) {
@@ -247,9 +198,9 @@ TEST(Lane, Stop_StuckJobs_ReturnsAtDeadlineAndDropsQueue) {
   {
     LaneOptions options = Options();
     options.max_threads = 1;
-    options.max_per_user = 10;
+    options.limits.per_user = 10;
     Lane lane(options);
-    ASSERT_EQ(lane.Submit("ann",
+    ASSERT_EQ(lane.Submit({"ann"},
                           [gate, ended] {
                             gate->Pass();
                             ended->set_value();
@@ -258,7 +209,7 @@ TEST(Lane, Stop_StuckJobs_ReturnsAtDeadlineAndDropsQueue) {
     ASSERT_TRUE(Eventually([&] { return gate->waiting() == 1; }));
     for (int i = 0; i < 3; ++i) {
       std::shared_ptr<void> token(nullptr, [dropped](void*) { ++*dropped; });
-      ASSERT_EQ(lane.Submit("ann", [token, ran] { ++*ran; }), SubmitResult::kAccepted);
+      ASSERT_EQ(lane.Submit({"ann"}, [token, ran] { ++*ran; }), SubmitResult::kAccepted);
     }
     EXPECT_FALSE(lane.Stop(milliseconds(50)));
     EXPECT_EQ(*dropped, 3);
@@ -274,11 +225,11 @@ TEST(Lane, Submit_FromDroppedJob_IsRefusedWithoutDeadlock) {
   LaneOptions options = Options();
   options.max_threads = 1;
   Lane lane(options);
-  ASSERT_EQ(lane.Submit("", stuck.job()), SubmitResult::kAccepted);
+  ASSERT_EQ(lane.Submit({""}, stuck.job()), SubmitResult::kAccepted);
   ASSERT_TRUE(Eventually([&] { return stuck.gate->waiting() == 1; }));
   std::atomic<bool> refused = false;
-  std::shared_ptr<void> token(nullptr, [&](void*) { refused = lane.Submit("", [] {}) == SubmitResult::kStopped; });
-  ASSERT_EQ(lane.Submit("", [held = std::move(token)] {}), SubmitResult::kAccepted);
+  std::shared_ptr<void> token(nullptr, [&](void*) { refused = lane.Submit({""}, [] {}) == SubmitResult::kStopped; });
+  ASSERT_EQ(lane.Submit({""}, [held = std::move(token)] {}), SubmitResult::kAccepted);
   EXPECT_FALSE(lane.Stop(milliseconds(10)));
   EXPECT_TRUE(refused);
 }
@@ -287,8 +238,8 @@ TEST(Lane, EightSubmittersTenThousandJobsEach_AllRunExactlyOnce) {
   LaneOptions options = Options();
   options.min_threads = 2;
   options.max_threads = 4;
-  options.max_queued = 100'000;
-  options.max_per_user = 100'000;
+  options.limits.queued = 100'000;
+  options.limits.per_user = 100'000;
   Lane lane(options);
   std::vector<std::atomic<int>> ran(80'000);
   std::vector<std::thread> submitters;
@@ -297,7 +248,7 @@ TEST(Lane, EightSubmittersTenThousandJobsEach_AllRunExactlyOnce) {
       const std::string user = "user" + std::to_string(s % 3);
       for (int i = 0; i < 10'000; ++i) {
         std::atomic<int>& cell = ran[static_cast<std::size_t>(s * 10'000 + i)];
-        if (lane.Submit(user, [&cell] { ++cell; }) != SubmitResult::kAccepted) std::abort();
+        if (lane.Submit({user}, [&cell] { ++cell; }) != SubmitResult::kAccepted) std::abort();
       }
     });
   }
@@ -315,7 +266,7 @@ TEST(Lane, Lanes_ManyCreatedAndDestroyed_LeaveNoThread) {
     options.min_threads = 3;
     options.grow_after = milliseconds(0);
     Lane lane(options);
-    for (int j = 0; j < 10; ++j) lane.Submit("", [] {});
+    for (int j = 0; j < 10; ++j) lane.Submit({""}, [] {});
   }
   EXPECT_TRUE(Eventually([&] { return ProcessThreads() <= before; }));
 }
@@ -325,7 +276,7 @@ TEST(Lane, Submit_FirstThreadCannotStart_IsRefused) {
   options.min_threads = 0;
   options.stack_bytes = std::size_t{1} << 46;  // no address space has room for it
   Lane lane(options);
-  EXPECT_EQ(lane.Submit("", [] {}), SubmitResult::kQueueFull);
+  EXPECT_EQ(lane.Submit({""}, [] {}), SubmitResult::kQueueFull);
   EXPECT_EQ(lane.stats().refused, 1U);
   EXPECT_EQ(lane.stats().threads, 0);
 }

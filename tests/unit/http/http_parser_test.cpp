@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 
 namespace vexa::http {
@@ -115,6 +116,18 @@ TEST(RequestParser, Header_FillsTheRequest) {
   EXPECT_EQ(request.origin, "https://nas");
   EXPECT_FALSE(parser.expects_body());
   EXPECT_TRUE(parser.keep_alive());
+}
+
+TEST(RequestParser, AnnouncedBody_IsWhatTheHeaderSays) {
+  const auto announced = [](const std::string& fields) {
+    RequestParser parser(1000);
+    EXPECT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\n" + fields + "\r\n"), 0) << fields;
+    return parser.request().announced_body_bytes;
+  };
+  EXPECT_EQ(announced(""), 0u);
+  EXPECT_EQ(announced("Content-Length: 0\r\n"), 0u);
+  EXPECT_EQ(announced("Content-Length: 1000\r\n"), 1000u);
+  EXPECT_EQ(announced("Transfer-Encoding: chunked\r\n"), std::numeric_limits<std::size_t>::max());
 }
 
 TEST(RequestParser, Parse_ContentLengthAboveLimit_IsRefusedBeforeBody) {

@@ -1,0 +1,69 @@
+#include "host/daemon/lanes.h"
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace vexa::daemon {
+namespace {
+
+// Calls of one user in the quick lane, waiting and running.
+constexpr std::size_t kQuickCallsPerUser = 1024;
+
+// How many of a lane's threads one caller may block: others always find some.
+std::size_t MostOf(int threads) {
+  const int reserve = std::max(1, threads / 8);
+  return static_cast<std::size_t>(std::max(1, threads - reserve));
+}
+
+// Threads for calls that may wait; without limits for a caller.
+LaneOptions WaitingLane(const Config& config, std::string name) {
+  LaneOptions options;
+  options.name = std::move(name);
+  options.min_threads = 0;
+  options.max_threads = config.long_threads;
+  options.grow_after = std::chrono::milliseconds(0);
+  return options;
+}
+
+}  // namespace
+
+LaneOptions QuickLane() {
+  const int processors = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  LaneOptions options;
+  options.name = "quick";
+  options.min_threads = 2 * processors;
+  options.max_threads = std::max(64, options.min_threads);
+  options.limits.per_user = kQuickCallsPerUser;
+  options.limits.running_per_user = MostOf(options.max_threads);
+  options.limits.active_per_user = static_cast<std::size_t>(processors);
+  return options;
+}
+
+LaneOptions LongLane(const Config& config) {
+  LaneOptions options = WaitingLane(config, "long");
+  options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
+  options.limits.running_per_user = MostOf(config.long_threads);
+  options.stack_bytes = std::size_t{256} << 10;
+  return options;
+}
+
+LaneOptions HostLane(const Config& config) {
+  LaneOptions options = WaitingLane(config, "hosts");
+  options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
+  options.limits.per_host = static_cast<std::size_t>(config.calls_per_host);
+  options.limits.running_per_user = MostOf(config.long_threads);
+  return options;
+}
+
+// Without a limit for running calls: a call may wait for another one in this lane.
+LaneOptions LocalLane(const Config& config) { return WaitingLane(config, "local"); }
+
+LaneOptions ItemLane(const Config& config) {
+  LaneOptions options = WaitingLane(config, "items");
+  options.limits.running_per_user = MostOf(config.long_threads);
+  return options;
+}
+
+}  // namespace vexa::daemon
