@@ -3,14 +3,20 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/notify.h"
+#include "host/daemon/periodic_call.h"
+#include "host/daemon/watchdog.h"
 
 namespace {
 
@@ -18,7 +24,7 @@ using namespace vexa::daemon;
 
 constexpr int kExitUsage = 2;
 constexpr int kExitFailed = 1;
-constexpr int kSweepIntervalS = 60;
+constexpr std::chrono::seconds kSweepInterval{60};
 
 sigset_t StopSignals() {
   sigset_t signals;
@@ -33,15 +39,6 @@ int PrintError(const vexa::Error& error, int status) {
   return status;
 }
 
-// Waits for the signal to stop, and does the work that is due every minute.
-void RunUntilStopped(Daemon& daemon, const sigset_t& signals) {
-  const timespec interval{.tv_sec = kSweepIntervalS, .tv_nsec = 0};
-  while (::sigtimedwait(&signals, nullptr, &interval) < 0) daemon.Sweep();
-}
-
-// Set when this daemon ends because it has lost its host id.
-std::atomic<bool> has_lost_host_id = false;
-
 // A second signal ends the process immediately, even if requests are still running.
 void EndAtNextSignal(const sigset_t& signals) {
   std::thread([signals] {
@@ -50,6 +47,33 @@ void EndAtNextSignal(const sigset_t& signals) {
     ::_exit(128 + number);
   }).detach();
 }
+
+std::optional<Watchdog> StartWatchdog(Daemon& daemon) {
+  const auto timeout = WatchdogTimeout();
+  if (!timeout) return std::nullopt;
+  return std::optional<Watchdog>(std::in_place, *timeout,
+                                 [&daemon](std::chrono::milliseconds time) { return daemon.IsServing(time); });
+}
+
+// Runs the daemon until the signal to stop, and then ends it. False: something still runs, and uses its parts.
+bool RunUntilStopped(Daemon& daemon, const sigset_t& signals, std::chrono::milliseconds stop_timeout) {
+  // Sweeping writes and syncs a file, so it has a thread of its own: this one obeys the signal however long that takes.
+  PeriodicCall sweeps(kSweepInterval, [&daemon] { daemon.Sweep(); });
+  std::optional<Watchdog> watchdog = StartWatchdog(daemon);
+  int number = 0;
+  ::sigwait(&signals, &number);
+  const auto end = std::chrono::steady_clock::now() + stop_timeout;
+  ::syslog(LOG_INFO, "Stopping.");
+  NotifyServiceManager("STOPPING=1");
+  EndAtNextSignal(signals);
+  watchdog.reset();
+  const bool has_swept = sweeps.Stop(stop_timeout / 4);
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  return daemon.Stop(std::max(left, std::chrono::milliseconds(0))) && has_swept;
+}
+
+// Set when this daemon ends because it has lost its host id.
+std::atomic<bool> has_lost_host_id = false;
 
 }  // namespace
 
@@ -81,12 +105,7 @@ int main(int argc, char** argv) {
   }
   ::syslog(LOG_INFO, "Ready.");
   NotifyServiceManager("READY=1");
-  RunUntilStopped(**daemon, signals);
-
-  ::syslog(LOG_INFO, "Stopping.");
-  NotifyServiceManager("STOPPING=1");
-  EndAtNextSignal(signals);
-  if (!(*daemon)->Stop(command.config.stop_timeout)) {
+  if (!RunUntilStopped(**daemon, signals, command.config.stop_timeout)) {
     ::syslog(LOG_WARNING, "Some requests did not finish in time.");
     // Their threads still use the daemon's parts, so nothing is destroyed while they run.
     ::_exit(has_lost_host_id ? kExitFailed : 0);

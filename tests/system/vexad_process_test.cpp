@@ -185,6 +185,26 @@ TEST_F(Vexad, Vexad_NotifiesReadyAndStopping) {
   ::close(fd);
 }
 
+TEST_F(Vexad, Vexad_Watched_ReportsThatItServes) {
+  const std::string path = folder_.File("notify");
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const timeval timeout{.tv_sec = 60, .tv_usec = 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  const auto process = Start({}, {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", "2000000"}});
+  for (const char* const expected : {"READY=1", "WATCHDOG=1", "WATCHDOG=1"}) {
+    char report[32] = {};
+    ASSERT_GT(::recv(fd, report, sizeof report - 1, 0), 0);
+    EXPECT_STREQ(report, expected);
+  }
+  process->Signal(SIGTERM);
+  ExpectCode(process->Wait(kTimeout), 0);
+  ::close(fd);
+}
+
 TEST_F(Vexad, Vexad_CheckConfig_ReportsWithoutStarting) {
   const auto good = RunProcess({.argv = Arguments({"--check-config"})});
   EXPECT_EQ(good.exit_code, 0);
