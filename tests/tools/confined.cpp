@@ -19,7 +19,7 @@ namespace {
 using vexa::test::FailToConfine;
 using vexa::test::UnitFile;
 
-// Whoever may not raise a limit keeps the one that there is.
+// A caller that may not raise a limit keeps the one that it has.
 void SetLimit(const UnitFile& unit, const std::string& setting, __rlimit_resource resource) {
   const std::string value = unit.Last(setting);
   if (value.empty()) return;

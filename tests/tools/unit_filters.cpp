@@ -138,7 +138,7 @@ void AllowOnly(const UnitFile& unit, const std::set<std::string>& allowed_calls)
 }  // namespace
 
 void LoadFilters(const UnitFile& unit, const std::set<std::string>& allowed_calls) {
-  // By default a filter of libseccomp ends whoever uses another architecture's calls.
+  // By default a filter of libseccomp ends a process that uses another architecture's calls.
   if (unit.Last("SystemCallArchitectures") != "native") FailToConfine("SystemCallArchitectures= is not native.");
   if (unit.Has("RestrictAddressFamilies")) RestrictFamilies(unit);
   if (unit.IsOn("MemoryDenyWriteExecute")) DenyWriteExecute();
