@@ -18,7 +18,7 @@ const std::string kName = "uistatus";
 
 void CheckRecord(const vexa::cache::CacheRecord& record) {
   Check(!record.info.isMember("data"), "the value is kept apart from what is known about it");
-  for (const int valid_s : {-1, 0}) Check(vexa::cache::IsOutdated(record.info, valid_s), "it is outdated at once");
+  for (const int valid_s : {-1, 0}) Check(vexa::cache::IsOutdated(record.info, valid_s), "it is outdated immediately");
   (void)vexa::cache::IsOutdated(record.info, 3600);
   const std::string text = vexa::cache::SerializeCacheRecord(kGroup, kName, 60, record.data);
   const auto again = vexa::cache::ParseCacheRecord(text, kGroup, kName);

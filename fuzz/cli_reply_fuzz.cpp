@@ -92,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const vexa::test::ScriptedServer server({vexa::test::HttpReplyOf(status, body)}, socket);
   const PrintedText printed;
   const int exit_code = vexa::cli::RunCommandLine(static_cast<int>(argv.size()) - 1, argv.data());
-  Check(exit_code == 0 || exit_code == 1 || exit_code == 3, "a reply is no reason for another exit code");
+  Check(exit_code == 0 || exit_code == 1 || exit_code == 3, "a reply never leads to another exit code");
   Check(exit_code != 0 || status == 200, "only a success is shown as one");
   CheckPrinted(printed.text());
   return 0;

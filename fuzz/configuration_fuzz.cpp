@@ -32,7 +32,7 @@ void CheckUsable(const vexa::daemon::Config& config) {
   Check(config.cluster_listen.empty() || !config.client_authority.empty(), "hosts are known by their certificates");
   Check(config.io_threads >= 1 && config.long_threads >= 1 && config.calls_per_user >= 1, "there are threads");
   Check(config.max_connections >= 1 && config.max_connections_per_peer >= 1, "connections are accepted");
-  Check(config.sessions.idle.count() > 0 && config.sessions.absolute.count() > 0, "sessions end, but not at once");
+  Check(config.sessions.idle.count() > 0 && config.sessions.absolute.count() > 0, "sessions end, but not immediately");
   for (const std::string& root : config.image_roots) Check(root.starts_with('/'), "image folders are absolute");
 }
 
