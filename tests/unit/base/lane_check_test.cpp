@@ -49,7 +49,7 @@ TEST_F(LaneCheck, FullQueue_RunsIfAnyJobEnds) {
   EXPECT_FALSE(IsRunningJobs(*lane_, milliseconds(50)));
   std::thread release([this] {
     std::this_thread::sleep_for(milliseconds(100));
-    may_end_->release();
+    may_end_->release(3);
   });
   EXPECT_TRUE(IsRunningJobs(*lane_, seconds(30)));
   release.join();
