@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/base/sanitize_for_log.h"
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/notify.h"
@@ -22,6 +23,7 @@ namespace {
 
 using namespace vexa::daemon;
 
+constexpr std::size_t kMaxErrorLine = 4096;
 constexpr int kExitUsage = 2;
 constexpr int kExitFailed = 1;
 constexpr std::chrono::seconds kSweepInterval{60};
@@ -35,7 +37,7 @@ sigset_t StopSignals() {
 }
 
 int PrintError(const vexa::Error& error, int status) {
-  std::fprintf(stderr, "vexad: %s\n", error.ToString().c_str());
+  std::fprintf(stderr, "vexad: %s\n", vexa::SanitizeForLog(error.ToString(), kMaxErrorLine).c_str());
   return status;
 }
 

@@ -216,6 +216,16 @@ TEST_F(Vexad, Vexad_CheckConfig_ReportsWithoutStarting) {
   EXPECT_NE(bad.errors.find("can be reached by other machines"), std::string::npos) << bad.errors;
 }
 
+TEST_F(Vexad, Vexad_ConfigWithControlCharacters_IsRefusedInVisibleText) {
+  for (const char* const line : {"\x1b[2J = 1\n", "image-roots = \"\x1b[2J\"\n", "\xff\xfe\xff = 1\n"}) {
+    std::ofstream(folder_.File("conf"), std::ios::trunc) << line;
+    const auto result = RunProcess({.argv = {VEXAD_PROGRAM, "--config", folder_.File("conf"), "--check-config"}});
+    EXPECT_EQ(result.exit_code, 2) << line;
+    EXPECT_FALSE(result.errors.empty());
+    EXPECT_EQ(result.errors.find_first_of("\x1b\xff\xfe"), std::string::npos) << result.errors;
+  }
+}
+
 TEST_F(Vexad, HelpAndVersion_ArePrinted) {
   const auto help = RunProcess({.argv = {VEXAD_PROGRAM, "--help"}});
   EXPECT_EQ(help.exit_code, 0);
