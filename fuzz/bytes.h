@@ -7,6 +7,9 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "host/base/json_parse.h"
 
 namespace vexa::fuzz {
 
@@ -40,7 +43,6 @@ class Bytes {
                                            "quote'\"",
                                            "a\nb\x1b[2J",
                                            "\xe2\x80\xae\xc2\x9b",
-                                           "\xff\xfe",
                                            "unmounted",
                                            "02:00:5e:10:00:01",
                                            "1234:00ab",
@@ -51,10 +53,10 @@ class Bytes {
     if (choice < std::size(kTexts)) return std::string(kTexts[choice]);
     const std::string text(rest_.substr(0, Take(12)));
     rest_.remove_prefix(text.size() < rest_.size() ? text.size() : rest_.size());
-    return text;
+    return IsValidUtf8(text) ? text : "";  // as in any JSON that was parsed
   }
 
-  // Any value that JSON has, at most three levels deep. Texts are not always UTF-8.
+  // Any value that JSON has, at most three levels deep.
   Json::Value Value(int level = 0) {
     constexpr double kNumbers[] = {0, 1, -1, 2, 4, 0.5, 64, 512, 4096, 65536, 2147483647, 2147483648, 9e15, 1e300};
     switch (Take(level < 3 ? 8 : 6)) {
@@ -86,5 +88,11 @@ class Bytes {
  private:
   std::string_view rest_;
 };
+
+// Appends to a list; anything else becomes one.
+inline void Append(Json::Value& list, Json::Value value) {
+  if (!list.isArray()) list = Json::Value(Json::arrayValue);
+  list.append(std::move(value));
+}
 
 }  // namespace vexa::fuzz

@@ -16,8 +16,11 @@ namespace {
 using vexa::fuzz::Check;
 using vexa::http::ListenerOptions;
 
-void CheckSentence(const std::string& sentence) {
-  Check(!sentence.empty() && vexa::IsValidUtf8(sentence), "a refusal is a sentence");
+void CheckPrinted(const std::string& text) {
+  Check(vexa::IsValidUtf8(text), "the output is UTF-8");
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);)
+    Check(vexa::fuzz::IsOneLine(line), "nothing in the output controls a terminal");
 }
 
 void CheckUsable(const vexa::daemon::Config& config) {
@@ -64,14 +67,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (command.action == vexa::daemon::CommandLine::Action::kExit) {
     Check(command.exit_status == 2, "a file cannot ask for the help or the version");
     Check(!printed.text().empty(), "a refusal is printed");
+    CheckPrinted(printed.text());
   } else {
     Check(command.action == vexa::daemon::CommandLine::Action::kRun, "a file cannot ask for a check");
     Check(!command.config.take_host_id, "a file cannot take the host id over");
     const vexa::Status checked = vexa::daemon::CheckConfig(command.config);
-    checked.ok() ? CheckUsable(command.config) : CheckSentence(checked.error().ToString());
+    if (checked.ok()) CheckUsable(command.config);
   }
   const auto paths = vexa::daemon::ReadConfiguredPaths(path);
-  if (!paths.ok()) CheckSentence(paths.error().ToString());
   Check(!paths.ok() || !paths->data_directory.empty(), "there is a data folder");
+  const bool is_refused = command.action == vexa::daemon::CommandLine::Action::kExit;
+  Check(!is_refused || !paths.ok(), "what the daemon refuses, the commands refuse");
   return 0;
 }

@@ -108,7 +108,8 @@ Json::Value BuildParameters(Bytes bytes) {
     if (form == 0) {
       value = bytes.Value();
     } else if (setting.type == vexa::SettingType::kList) {
-      value.append(std::string_view(setting.name).starts_with("vdisks_") ? DiskChange(bytes) : bytes.Value(1));
+      vexa::fuzz::Append(value,
+                         std::string_view(setting.name).starts_with("vdisks_") ? DiskChange(bytes) : bytes.Value(1));
     } else if (setting.type == vexa::SettingType::kBoolean) {
       value = form % 2 == 1;
     } else if (setting.type == vexa::SettingType::kNumber) {
