@@ -30,4 +30,12 @@ inline std::string_view TakeUntil(std::string_view& rest, std::string_view separ
   return part;
 }
 
+// Whether `text` is one line without control characters.
+inline bool IsOneLine(std::string_view text) {
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
+  }
+  return true;
+}
+
 }  // namespace vexa::fuzz

@@ -9,16 +9,20 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <system_error>
 
+#include "host/base/sanitize_for_log.h"
 #include "host/daemon/configured_paths.h"
 
 namespace vexa::daemon {
 namespace {
 
 constexpr const char* kDefaultFile = "/etc/vexa/vexad.conf";
+constexpr std::size_t kMaxErrorLine = 4096;
 
 constexpr const char* kFooter = R"(
 The configuration file has the same settings without the dashes, one "name = value" a line, for example:
@@ -199,6 +203,15 @@ Error CannotRead(ErrorCode code, const std::string& file, const std::string& why
   return Error(code, fmt::format("Cannot read the configuration file '{}'", file), why);
 }
 
+// The parser quotes what it cannot read. Returns the exit status.
+int PrintParseResult(const CLI::App& app, const CLI::ParseError& error) {
+  std::ostringstream errors;
+  const int status = app.exit(error, std::cout, errors);
+  std::istringstream lines(errors.str());
+  for (std::string line; std::getline(lines, line);) std::cerr << SanitizeForLog(line, kMaxErrorLine) << '\n';
+  return status == 0 ? 0 : 2;
+}
+
 }  // namespace
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -213,8 +226,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     result.action = CommandLine::Action::kExit;
-    const int status = app.exit(error);
-    result.exit_status = status == 0 ? 0 : 2;
+    result.exit_status = PrintParseResult(app, error);
     return result;
   }
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();

@@ -34,10 +34,12 @@
 #include "host/api/user/session_api.h"
 #include "host/api/user/session_list_api.h"
 #include "host/api/user/unreachable_host.h"
+#include "host/base/background_thread.h"
 #include "host/base/data_lock.h"
 #include "host/base/error_table.h"
 #include "host/base/files.h"
 #include "host/base/lane.h"
+#include "host/base/lane_check.h"
 #include "host/cache/cache_refresher.h"
 #include "host/cluster/account_migration.h"
 #include "host/cluster/account_source.h"
@@ -49,6 +51,7 @@
 #include "host/daemon/file_limit.h"
 #include "host/daemon/host_id.h"
 #include "host/daemon/host_state.h"
+#include "host/daemon/image_folders.h"
 #include "host/daemon/lanes.h"
 #include "host/guests/fenced_domains.h"
 #include "host/guests/guest_control.h"
@@ -198,6 +201,13 @@ class Daemon::Impl {
     if (!swept) ::syslog(LOG_ERR, "The sessions cannot be written: %s", swept.error().ToString().c_str());
   }
 
+  bool IsServing(std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    if (!server_->AreThreadsResponding(timeout)) return false;
+    const auto left = end - std::chrono::steady_clock::now();
+    return IsRunningJobs(quick_, std::chrono::duration_cast<std::chrono::milliseconds>(left));
+  }
+
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
     heartbeat_.reset();  // first, so that other hosts stop calling
@@ -306,6 +316,8 @@ class Daemon::Impl {
   // Called before requests are accepted, so that the first answer already agrees with what runs.
   Status StartGuests(const Config& config) {
     if (config.hypervisor == "none") return {};
+    // Storage that does not answer must not delay the start.
+    StartThreadBlockingSignals([folders = config.image_roots] { WarnOfHiddenFolders(folders); }).detach();
     guests::GuestControlOptions options;
     options.store = store_;
     options.host_id = host_id_;
@@ -505,6 +517,7 @@ Result<std::unique_ptr<Daemon>> Daemon::Start(const Config& config, std::vector<
 std::uint16_t Daemon::port(std::size_t index) const { return impl_->port(index); }
 std::string Daemon::cluster_address() const { return impl_->cluster_address(); }
 void Daemon::Sweep() { impl_->Sweep(); }
+bool Daemon::IsServing(std::chrono::milliseconds timeout) { return impl_->IsServing(timeout); }
 bool Daemon::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(deadline); }
 
 }  // namespace vexa::daemon

@@ -3,26 +3,33 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "host/base/memory_trim.h"
+#include "host/base/sanitize_for_log.h"
 #include "host/daemon/config.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/notify.h"
+#include "host/daemon/periodic_call.h"
 #include "host/daemon/syslog_hook.h"
+#include "host/daemon/watchdog.h"
 
 namespace {
 
 using namespace vexa::daemon;
 
+constexpr std::size_t kMaxErrorLine = 4096;
 constexpr int kExitUsage = 2;
 constexpr int kExitFailed = 1;
-constexpr int kTrimIntervalS = 5;
-constexpr int kTrimsPerSweep = 12;  // a sweep each minute
+constexpr std::chrono::seconds kSweepInterval{60};
+constexpr std::chrono::seconds kTrimInterval{5};
 constexpr std::chrono::seconds kFlushTimeout{2};
 
 sigset_t StopSignals() {
@@ -34,22 +41,9 @@ sigset_t StopSignals() {
 }
 
 int PrintError(const vexa::Error& error, int status) {
-  std::fprintf(stderr, "vexad: %s\n", error.ToString().c_str());
+  std::fprintf(stderr, "vexad: %s\n", vexa::SanitizeForLog(error.ToString(), kMaxErrorLine).c_str());
   return status;
 }
-
-// Waits for the signal to stop. Meanwhile gives freed memory back, and does the work that is due every minute.
-void RunUntilStopped(Daemon& daemon, const sigset_t& signals) {
-  const timespec interval{.tv_sec = kTrimIntervalS, .tv_nsec = 0};
-  vexa::MemoryTrimmer trimmer;
-  for (int trims = 1; ::sigtimedwait(&signals, nullptr, &interval) < 0; ++trims) {
-    trimmer.TrimAfterGrowth();
-    if (trims % kTrimsPerSweep == 0) daemon.Sweep();
-  }
-}
-
-// Set when this daemon ends because it has lost its host id.
-std::atomic<bool> has_lost_host_id = false;
 
 // A second signal ends the process immediately, even if requests are still running.
 void EndAtNextSignal(const sigset_t& signals) {
@@ -60,6 +54,35 @@ void EndAtNextSignal(const sigset_t& signals) {
   }).detach();
 }
 
+std::optional<Watchdog> StartWatchdog(Daemon& daemon) {
+  const auto timeout = WatchdogTimeout();
+  if (!timeout) return std::nullopt;
+  return std::optional<Watchdog>(std::in_place, *timeout,
+                                 [&daemon](std::chrono::milliseconds time) { return daemon.IsServing(time); });
+}
+
+// Runs the daemon until the signal to stop, and then ends it. False: something still runs, and uses its parts.
+bool RunUntilStopped(Daemon& daemon, const sigset_t& signals, std::chrono::milliseconds stop_timeout) {
+  // Sweeping writes and syncs a file, so it has a thread of its own: this one obeys the signal however long that takes.
+  PeriodicCall sweeps(kSweepInterval, [&daemon] { daemon.Sweep(); });
+  vexa::MemoryTrimmer trimmer;
+  PeriodicCall trims(kTrimInterval, [&trimmer] { trimmer.TrimAfterGrowth(); });
+  std::optional<Watchdog> watchdog = StartWatchdog(daemon);
+  int number = 0;
+  ::sigwait(&signals, &number);
+  const auto end = std::chrono::steady_clock::now() + stop_timeout;
+  ::syslog(LOG_INFO, "Stopping.");
+  NotifyServiceManager("STOPPING=1");
+  EndAtNextSignal(signals);
+  watchdog.reset();
+  const bool has_swept = sweeps.Stop(stop_timeout / 4);
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  return daemon.Stop(std::max(left, std::chrono::milliseconds(0))) && has_swept;
+}
+
+// Set when this daemon ends because it has lost its host id.
+std::atomic<bool> has_lost_host_id = false;
+
 // Starts the daemon, runs it until it is stopped, and returns the exit status.
 int Run(const Config& config, const sigset_t& signals) {
   auto daemon = Daemon::Start(config);
@@ -69,12 +92,7 @@ int Run(const Config& config, const sigset_t& signals) {
   }
   ::syslog(LOG_INFO, "Ready.");
   NotifyServiceManager("READY=1");
-  RunUntilStopped(**daemon, signals);
-
-  ::syslog(LOG_INFO, "Stopping.");
-  NotifyServiceManager("STOPPING=1");
-  EndAtNextSignal(signals);
-  if (!(*daemon)->Stop(config.stop_timeout)) {
+  if (!RunUntilStopped(**daemon, signals, config.stop_timeout)) {
     ::syslog(LOG_WARNING, "Some requests did not finish in time.");
     // Their threads still use the daemon's parts, so nothing is destroyed while they run.
     FlushLog(kFlushTimeout);

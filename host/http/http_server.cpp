@@ -5,6 +5,7 @@
 #include <boost/asio/post.hpp>
 #include <exception>
 #include <future>
+#include <semaphore>
 #include <utility>
 #include <vector>
 
@@ -34,6 +35,7 @@ class HttpServer::Impl {
   bool Stop(std::chrono::milliseconds deadline);
   std::uint16_t port(std::size_t index) const { return ports_.at(index); }
   ServerStats Stats() const;
+  bool AreThreadsResponding(std::chrono::milliseconds timeout);
 
  private:
   void HandOver(AcceptedConnection&& accepted);
@@ -140,6 +142,16 @@ ServerStats HttpServer::Impl::Stats() const {
                      shared_.refused_by_server};
 }
 
+bool HttpServer::Impl::AreThreadsResponding(std::chrono::milliseconds timeout) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  const auto responses = std::make_shared<std::counting_semaphore<>>(0);
+  for (const auto& thread : threads_) thread->Post([responses] { responses->release(); });
+  for (std::size_t i = 0; i < threads_.size(); ++i) {
+    if (!responses->try_acquire_until(end)) return false;
+  }
+  return true;
+}
+
 Result<std::unique_ptr<HttpServer>> HttpServer::Start(ServerOptions options) {
   try {
     auto impl = std::make_unique<Impl>(std::move(options));
@@ -160,5 +172,9 @@ std::uint16_t HttpServer::port(std::size_t index) const { return impl_->port(ind
 bool HttpServer::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(deadline); }
 
 ServerStats HttpServer::stats() const { return impl_->Stats(); }
+
+bool HttpServer::AreThreadsResponding(std::chrono::milliseconds timeout) {
+  return impl_->AreThreadsResponding(timeout);
+}
 
 }  // namespace vexa::http

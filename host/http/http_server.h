@@ -141,6 +141,9 @@ class HttpServer {
 
   ServerStats stats() const;
 
+  // Whether every I/O thread handles an event within `timeout`. Call it neither after Stop() nor from the callbacks.
+  bool AreThreadsResponding(std::chrono::milliseconds timeout);
+
  private:
   class Impl;
   explicit HttpServer(std::unique_ptr<Impl> impl);

@@ -85,7 +85,7 @@ TEST_F(DispatcherWithoutServer, DeletedAccount_Token_IsRefusedEvenIfNameIsReused
 TEST_F(DispatcherWithoutServer, ChangedPassword_Token_IsRefused) {
   const std::string token = TokenOf("admin", {"administrators"});
   EXPECT_EQ(Send(Request("GET", "/metrics", token)), 200);
-  ASSERT_TRUE(accounts_->SetPassword("admin", kPassword).ok());
+  ASSERT_TRUE(accounts_->SetPassword("admin", "correct horse").ok());
   EXPECT_EQ(Send(Request("POST", "/webapi/T/user", token)), 401);
   EXPECT_EQ(Send(Request("GET", "/metrics", token)), 401);
 }

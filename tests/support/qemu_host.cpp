@@ -109,7 +109,13 @@ std::vector<std::string> QemuHost::Arguments() const {
 
 void QemuHost::Launch() {
   ::setenv("LD_LIBRARY_PATH", environment_.LibraryFolder().c_str(), 1);
-  pid_ = StartLogged(environment_.Program("vexad"), Arguments(), LogFile(), options_.runtime);
+  std::vector<std::string> arguments = Arguments();
+  std::string program = options_.command.empty() ? environment_.Program("vexad") : options_.command[0];
+  if (!options_.command.empty()) {
+    arguments.erase(arguments.begin());
+    arguments.insert(arguments.begin(), options_.command.begin(), options_.command.end());
+  }
+  pid_ = StartLogged(program, std::move(arguments), LogFile(), options_.runtime);
 }
 
 void QemuHost::Start() {

@@ -35,7 +35,9 @@ struct QemuHostOptions {
   std::chrono::seconds stop_timeout{30};
   // For another host in the same environment: "-b" is appended to the names of its data folder, socket and log.
   std::string suffix;
-  std::string store;    // the folder of the database; empty: "store" in the data folder
+  std::string store;  // the folder of the database; empty: "store" in the data folder
+  // What to run instead of the environment's vexad: a program and its first arguments.
+  std::vector<std::string> command;
   std::string runtime;  // XDG_RUNTIME_DIR: each host with embedded guests needs its own; empty: unchanged
 };
 

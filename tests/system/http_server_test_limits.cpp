@@ -49,6 +49,28 @@ Result<std::unique_ptr<HttpServer>> StartOn(const std::string& path) {
   return HttpServer::Start(std::move(options));
 }
 
+// ---- Threads
+
+TEST(HttpThreads, CallbackHangs_IsNoticedUntilItReturns) {
+  std::atomic<bool> hangs = false;
+  std::atomic<bool> may_return = false;
+  TestServer server([&](ServerOptions& options) {
+    options.on_header = [&](HttpRequest&) -> std::optional<HttpResponse> {
+      hangs = true;
+      while (!may_return) std::this_thread::sleep_for(milliseconds(1));
+      return std::nullopt;
+    };
+  });
+  EXPECT_TRUE(server->AreThreadsResponding(kTimeout));
+  Client client = server.Connect();
+  ASSERT_TRUE(client.Send(Get("/")));
+  ASSERT_TRUE(Eventually([&] { return hangs.load(); }));
+  EXPECT_FALSE(server->AreThreadsResponding(milliseconds(100)));
+  may_return = true;
+  EXPECT_EQ(client.Receive().status, 200);
+  EXPECT_TRUE(server->AreThreadsResponding(kTimeout));
+}
+
 // ---- Deadlines
 
 TEST(HttpDeadlines, Timeout_SlowHeader_Gets408) {

@@ -238,6 +238,26 @@ TEST_F(Vexad, Vexad_NotifiesReadyAndStopping) {
   ::close(fd);
 }
 
+TEST_F(Vexad, Vexad_Watched_ReportsThatItServes) {
+  const std::string path = folder_.File("notify");
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const timeval timeout{.tv_sec = 60, .tv_usec = 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  const auto process = Start({}, {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", "2000000"}});
+  for (const char* const expected : {"READY=1", "WATCHDOG=1", "WATCHDOG=1"}) {
+    char report[32] = {};
+    ASSERT_GT(::recv(fd, report, sizeof report - 1, 0), 0);
+    EXPECT_STREQ(report, expected);
+  }
+  process->Signal(SIGTERM);
+  ExpectCode(process->Wait(kTimeout), 0);
+  ::close(fd);
+}
+
 TEST_F(Vexad, Vexad_CheckConfig_ReportsWithoutStarting) {
   const auto good = RunProcess({.argv = Arguments({"--check-config"})});
   EXPECT_EQ(good.exit_code, 0);
@@ -247,6 +267,16 @@ TEST_F(Vexad, Vexad_CheckConfig_ReportsWithoutStarting) {
   const auto bad = RunProcess({.argv = {VEXAD_PROGRAM, "--listen", "0.0.0.0:1", "--check-config"}});
   EXPECT_EQ(bad.exit_code, 2);
   EXPECT_NE(bad.errors.find("can be reached by other machines"), std::string::npos) << bad.errors;
+}
+
+TEST_F(Vexad, Vexad_ConfigWithControlCharacters_IsRefusedInVisibleText) {
+  for (const char* const line : {"\x1b[2J = 1\n", "image-roots = \"\x1b[2J\"\n", "\xff\xfe\xff = 1\n"}) {
+    std::ofstream(folder_.File("conf"), std::ios::trunc) << line;
+    const auto result = RunProcess({.argv = {VEXAD_PROGRAM, "--config", folder_.File("conf"), "--check-config"}});
+    EXPECT_EQ(result.exit_code, 2) << line;
+    EXPECT_FALSE(result.errors.empty());
+    EXPECT_EQ(result.errors.find_first_of("\x1b\xff\xfe"), std::string::npos) << result.errors;
+  }
 }
 
 TEST_F(Vexad, HelpAndVersion_ArePrinted) {
