@@ -2,6 +2,7 @@
 // the permission matrix of the tests are all generated from it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <span>
@@ -54,11 +55,15 @@ struct Parameter {
 struct Caller {
   enum class Kind { kAnonymous, kUser, kHost };
   Kind kind = Kind::kAnonymous;
-  accounts::User user;        // kUser only
-  std::string session_token;  // kUser with a session only
-  std::string host_id;        // kHost only
-  std::string acts_for;       // kHost only: the user on whose behalf the host asks; empty when it did not name one
-  std::string peer;           // the address of the caller: an IP address, or "unix:<uid>"
+  accounts::User user;                                       // kUser only
+  std::string session_token;                                 // kUser with a session only
+  std::string host_id;                                       // kHost only
+  std::chrono::system_clock::time_point certificate_issued;  // kHost only
+  // kHost only: a member of the cluster as far as is known without asking the store; otherwise the limits of strangers
+  // apply to the call, until LookUpCaller accepts it.
+  bool is_known_host = false;
+  std::string acts_for;  // kHost only: the user on whose behalf the host asks; empty when it did not name one
+  std::string peer;      // the address of the caller: an IP address, or "unix:<uid>"
   bool tls = false;
 };
 
