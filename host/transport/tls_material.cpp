@@ -14,6 +14,7 @@
 
 #include "host/base/files.h"
 #include "host/base/private_file.h"
+#include "host/base/time_text.h"
 
 namespace vexa::transport {
 namespace {
@@ -117,14 +118,24 @@ bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id) {
   return certificate && HasCommonName(certificate.get(), host_id);
 }
 
-bool IsSignedByAuthority(const TlsMaterial& material) {
+Status CheckTlsMaterial(const TlsMaterial& material, const std::string& host_id,
+                        std::chrono::system_clock::time_point now) {
   const Certificate certificate = ParseCertificate(material.certificate);
   const Certificate authority = ParseCertificate(material.authority);
+  const Key key(PEM_read_bio_PrivateKey(BioOf(material.key).get(), nullptr, &NoPassword, nullptr));
   const bool is_signed = certificate && authority && X509_check_ca(authority.get()) == 1 &&
                          X509_check_issued(authority.get(), certificate.get()) == X509_V_OK &&
                          X509_verify(certificate.get(), X509_get0_pubkey(authority.get())) == 1;
+  const bool has_key = certificate && key && X509_check_private_key(certificate.get(), key.get()) == 1;
   ERR_clear_error();
-  return is_signed;
+  const auto refuse = [](std::string why) { return Error(ErrorCode::kInvalid, std::move(why)); };
+  if (!is_signed) return refuse("it is not signed by the cluster's authority");
+  if (!has_key) return refuse("it does not belong to the key");
+  if (!HasCommonName(certificate.get(), host_id)) return refuse("it is not the certificate of this host");
+  const CertificateTimes times = vexa::TimesOf(certificate.get());
+  if (times.HasExpired(now)) return refuse(fmt::format("it expired on {}", FormatUtcTime(times.not_after)));
+  if (!times.IsFromFuture(now)) return {};
+  return refuse(fmt::format("it is valid only from {}: a clock is wrong", FormatUtcTime(times.not_before)));
 }
 
 CertificateTimes TimesOf(const TlsMaterial& material) {

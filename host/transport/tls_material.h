@@ -1,6 +1,7 @@
 // This host's identity towards the others, and the authority that it trusts.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "host/base/certificate_times.h"
@@ -34,8 +35,10 @@ Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files);
 // Whether the certificate's only common name is `host_id`.
 bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id);
 
-// Whether the authority has signed the certificate.
-bool IsSignedByAuthority(const TlsMaterial& material);
+// Whether other hosts accept the certificate at this time. kInvalid, with the reason, when it cannot be parsed, is not
+// that of `host_id`, is not signed by the authority, does not belong to the key, has expired or is from the future.
+Status CheckTlsMaterial(const TlsMaterial& material, const std::string& host_id,
+                        std::chrono::system_clock::time_point now);
 
 CertificateTimes TimesOf(const TlsMaterial& material);
 
