@@ -42,7 +42,9 @@ class DispatcherWithoutServer : public testing::Test {
     store_ = vexa::store::OpenLmdbStore(options).value();
     accounts_ = std::make_unique<vexa::cluster::AccountStore>(store_);
     sessions_ = vexa::session::SessionTable::Open(folder_.File("sessions.json"), {}).value();
-    identity_ = std::make_unique<vexa::api::Identity>(*sessions_, *accounts_);
+    EXPECT_TRUE(store_->Commit({{}, {{"/host_claim/host-2", "{}"}}}).ok());
+    members_ = std::make_unique<vexa::records::MemberList>(store_);
+    identity_ = std::make_unique<vexa::api::Identity>(*sessions_, *accounts_, members_.get());
     vexa::api::Dispatcher::Parts parts;
     parts.table = &table_;
     parts.identity = identity_.get();
@@ -76,11 +78,15 @@ class DispatcherWithoutServer : public testing::Test {
 
   // The status of the response; 0 when the request was dropped without a response, for which the server sends 500.
   int Send(vexa::http::HttpRequest request) {
-    if (const auto refusal = dispatcher_->OnHeader(request)) return refusal->status;
+    if (const auto refusal = dispatcher_->OnHeader(request)) {
+      closed_connection_ = refusal->closes_connection;
+      return refusal->status;
+    }
     int status = -1;
     boost::asio::io_context context;
     const auto mailbox = std::make_shared<vexa::http::Mailbox>(context, [&](vexa::http::PendingResponse&& pending) {
       status = pending.response ? pending.response->status : 0;
+      closed_connection_ = pending.response && pending.response->closes_connection;
     });
     const auto busy = boost::asio::make_work_guard(context);
     dispatcher_->OnRequest(std::move(request),
@@ -95,12 +101,14 @@ class DispatcherWithoutServer : public testing::Test {
   std::shared_ptr<vexa::store::Store> store_;
   std::unique_ptr<vexa::cluster::AccountStore> accounts_;
   std::unique_ptr<vexa::session::SessionTable> sessions_;
+  std::unique_ptr<vexa::records::MemberList> members_;
   std::unique_ptr<vexa::api::Identity> identity_;
-  vexa::api::ApiTable table_{{Row("user", Access::kUser), Row("host", Access::kHost)}};
+  vexa::api::ApiTable table_{{Row("anyone", Access::kAnyone), Row("user", Access::kUser), Row("host", Access::kHost)}};
   vexa::api::Metrics metrics_{table_};
   vexa::Lane lane_{vexa::LaneOptions{.name = "t"}};
   std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
   std::string address_ = "192.0.2.1";
+  bool closed_connection_ = false;  // by the last response
   std::unique_ptr<vexa::api::Dispatcher> dispatcher_;
 };
 
@@ -114,19 +122,64 @@ TEST_F(DispatcherWithoutServer, MetricsFromAnotherMachine_NeedAnAdministrator) {
   }
 }
 
-TEST_F(DispatcherWithoutServer, OtherHost_MayCallTheMethodsOfHostsOnly) {
-  vexa::http::HttpRequest request = Request("POST", "/webapi/T/user", "");
-  request.peer.certificate_name = "host-2";
-  EXPECT_EQ(Send(std::move(request)), 403);
-  request = Request("POST", "/webapi/T/host", "");
-  request.peer.certificate_name = "host-2";
-  EXPECT_EQ(Send(std::move(request)), 200);
+// On a listener for hosts, with a certificate that was issued a minute ago.
+vexa::http::HttpRequest FromHost(vexa::http::HttpRequest request, const std::string& host_id) {
+  const auto now = std::chrono::system_clock::now();
+  request.peer.is_certified = true;
+  request.peer.certificate_name = host_id;
+  request.peer.certificate_times = {now - std::chrono::minutes(1), now + std::chrono::hours(1)};
+  return request;
 }
 
-TEST_F(DispatcherWithoutServer, InvalidToken_WithCertificate_IsRefused) {
-  vexa::http::HttpRequest request = Request("POST", "/webapi/T/host", "x");
-  request.peer.certificate_name = "host-2";
+TEST_F(DispatcherWithoutServer, OtherHost_MayCallTheMethodsOfHostsOnly) {
+  for (const char* target : {"/webapi/T/user", "/webapi/T/anyone"}) {
+    EXPECT_EQ(Send(FromHost(Request("POST", target, ""), "host-2")), 403) << target;
+  }
+  EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", ""), "host-2")), 200);
+  for (const char* page : {"/healthz", "/metrics", "/openapi.json"}) {
+    EXPECT_EQ(Send(FromHost(Request("GET", page, ""), "host-2")), 404) << page;
+  }
+}
+
+TEST_F(DispatcherWithoutServer, CertificateOnListenerForUsers_GrantsNothing) {
+  vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), "host-2");
+  request.peer.is_certified = false;
   EXPECT_EQ(Send(std::move(request)), 401);
+}
+
+TEST_F(DispatcherWithoutServer, CertificateThatCannotCall_IsRefusedAndTheConnectionCloses) {
+  const auto now = std::chrono::system_clock::now();
+  const struct {
+    const char* host_id;
+    vexa::CertificateTimes times;
+  } rows[] = {{"host-3", {now - std::chrono::hours(1), now + std::chrono::hours(1)}},
+              {"", {now - std::chrono::hours(1), now + std::chrono::hours(1)}},
+              {"host-2", {now - std::chrono::hours(2), now - std::chrono::hours(1)}},
+              {"host-2", {now + std::chrono::hours(2), now + std::chrono::hours(3)}}};
+  for (const auto& row : rows) {
+    vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), row.host_id);
+    request.peer.certificate_times = row.times;
+    EXPECT_EQ(Send(std::move(request)), 403) << row.host_id;
+    EXPECT_TRUE(closed_connection_) << row.host_id;
+  }
+  EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", ""), "host-2")), 200);
+  EXPECT_FALSE(closed_connection_);
+}
+
+TEST_F(DispatcherWithoutServer, CertificateOfNoMember_HasTheLimitsOfStrangers) {
+  const auto body_limit = [this](const char* host_id) {
+    vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), host_id);
+    EXPECT_FALSE(dispatcher_->OnHeader(request)) << host_id;
+    return request.body_limit;
+  };
+  EXPECT_EQ(body_limit("host-2"), vexa::api::kDefaultBodyBytes);
+  EXPECT_EQ(body_limit("host-3"), std::size_t{16} * 1024);
+}
+
+TEST_F(DispatcherWithoutServer, Token_WithCertificate_IsRefused) {
+  for (const std::string& token : {std::string("x"), TokenOf("admin", {"administrators"})}) {
+    EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", token), "host-2")), 401);
+  }
 }
 
 // An exception outside of the handler, such as std::bad_alloc, ended the process.

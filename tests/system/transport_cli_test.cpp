@@ -45,8 +45,8 @@ class ClusterCommand : public testing::Test {
 TEST_F(ClusterCommand, Help_NamesCommandsAndSettingsAsTheyAreTyped) {
   const ProcessResult help = Run({"--help"});
   ASSERT_EQ(help.exit_code, 0);
-  for (const char* text : {"vexa cluster init --dir /root/cluster\n", " --out host1\n", "tls-certificate", "tls-key",
-                           "client-authority", "cluster-listen", "\"address:port\". The files"}) {
+  for (const char* text : {"vexa cluster init --dir /root/cluster\n", " --out host1\n", "cluster-certificate",
+                           "cluster-key", "cluster-authority", "cluster-listen", "\"address:port\". The files"}) {
     EXPECT_NE(help.output.find(text), std::string::npos) << text << " in " << help.output;
   }
 }
@@ -118,7 +118,7 @@ const ClusterSetting kClusterSettings[] = {
     {"WildcardAddress", "0.0.0.0:8643", "[::]:8643", "a.pem", "cluster-address"},
     {"AddressWithoutPort", "0.0.0.0:8643", "10.0.0.1:0", "a.pem", "cluster-address"},
     {"NameAsAddress", "10.0.0.1:8643", "nas:8643", "a.pem", "not an address"},
-    {"NoAuthority", "10.0.0.1:8643", "", "", "client-authority"},
+    {"NoAuthority", "10.0.0.1:8643", "", "", "cluster-authority"},
     {"AddressWithoutListen", "", "10.0.0.1:8643", "a.pem", "cluster-listen"},
 };
 
