@@ -3,8 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <regex>
 #include <string>
@@ -42,12 +44,10 @@ class HostDoors : public TransportCluster {
   // A listener for users as well, with a certificate of another authority.
   std::vector<std::string> NetworkFlags(int host) override {
     std::vector<std::string> flags = TransportCluster::NetworkFlags(host);
-    flags[1] = "127.0.0.1:0";
+    *std::next(std::ranges::find(flags, "--listen")) = "127.0.0.1:0";
     const transport::TlsFiles users = web_->FilesOf("localhost");
-    for (const std::string& flag :
-         {std::string("--tls-certificate"), users.certificate, std::string("--tls-key"), users.key}) {
-      flags.push_back(flag);
-    }
+    *std::next(std::ranges::find(flags, "--tls-certificate")) = users.certificate;
+    *std::next(std::ranges::find(flags, "--tls-key")) = users.key;
     return flags;
   }
 

@@ -37,7 +37,7 @@ TEST_F(HostDoors, CallersTimesListeners_EachMethodIsServedOnlyAtItsDoor) {
       {"nobody", nullptr, "", kNoReply, {103, 103}},
       {"user", nullptr, token, kNoReply, {104, 0}},
       {"member", &member, "", {0, 104}, {103, 103}},
-      {"member with a user's token", &member, token, {103, 104}, {104, 0}},
+      {"member with a user's token", &member, token, {103, 103}, {104, 0}},
       {"not a member", &stranger, "", {104, 104}, {103, 103}},
       {"revoked", &revoked, "", {104, 104}, {103, 103}},
       {"expired", &expired, "", kNoReply, {103, 103}},
@@ -89,7 +89,7 @@ TEST_F(HostDoors, Revoke_OpenConnections_AreRefusedAtEveryHostUntilANewCertifica
   EXPECT_EQ(CodeOf(Relay(1, 0, "whoami")), 0);
   EXPECT_EQ(CertificateState(0, 2), "revoked");
   EXPECT_EQ(CertificateState(0, 1), "ok");
-  EXPECT_THAT(json::StringMember(NewestEntry(0), "message"), HasSubstr("revoked"));
+  EXPECT_THAT(json::StringMember(NewestEntry(0), "text"), HasSubstr("revoked"));
   // An administrator replaces the files, and the daemon notices.
   (void)authority().FilesOf(IdOf(2));
   EXPECT_TRUE(WithinAMinute([&] { return CodeOf(Relay(2, 0, "whoami")) == 0; })) << LogOf(2);
@@ -110,11 +110,11 @@ TEST_F(HostDoors, NewSettings_LogNoAdvice) { EXPECT_THAT(LogOf(0), Not(HasSubstr
 class OlderSettings : public HostDoors {
  protected:
   std::vector<std::string> NetworkFlags(int host) override {
-    std::vector<std::string> flags = TransportCluster::NetworkFlags(host);
-    flags[4] = "--tls-certificate";
-    flags[6] = "--tls-key";
-    flags[8] = "--client-authority";
-    return flags;
+    return {"--listen",           "none",
+            "--cluster-listen",   "127.0.0.1:0",
+            "--tls-certificate",  tls(host).certificate,
+            "--tls-key",          tls(host).key,
+            "--client-authority", tls(host).authority};
   }
 };
 

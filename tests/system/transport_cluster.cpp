@@ -106,7 +106,11 @@ std::vector<std::string> TransportCluster::NetworkFlags(int host) {
           "--cluster-key",
           tls(host).key,
           "--cluster-authority",
-          tls(host).authority};
+          tls(host).authority,
+          "--tls-certificate",
+          tls(host).certificate,
+          "--tls-key",
+          tls(host).key};
 }
 
 std::string TransportCluster::AddressOfHost(int host) const {

@@ -34,9 +34,7 @@ class Revocation : public testing::Test {
     Put(store::MakeKey({"dash", "host", host, "seen"}),
         R"({"time":)" + std::to_string(system_clock::to_time_t(time)) + "}");
   }
-  Status Revoke(std::chrono::milliseconds wait) {
-    return RevokeHost(host_.store(), {kOther, kOwn, "root", wait});
-  }
+  Status Revoke(std::chrono::milliseconds wait) { return RevokeHost(host_.store(), {kOther, kOwn, "root", wait}); }
   static bool Accepts(system_clock::time_point issued) {
     return Require(records::MembershipOf(Require(records::Reader::OpenCurrent()), kOther)).Accepts(issued);
   }
