@@ -55,10 +55,11 @@ struct Parameter {
 struct Caller {
   enum class Kind { kAnonymous, kUser, kHost };
   Kind kind = Kind::kAnonymous;
-  accounts::User user;                                       // kUser only
-  std::string session_token;                                 // kUser with a session only
-  std::string host_id;                                       // kHost only
-  std::chrono::system_clock::time_point certificate_issued;  // kHost only
+  accounts::User user;        // kUser only
+  std::string session_token;  // kUser with a session only
+  std::string host_id;        // kHost only
+  // kHost only. The epoch in calls of this host to itself, also when they are items of another host's request.
+  std::chrono::system_clock::time_point certificate_issued;
   // kHost only: a member of the cluster as far as is known without asking the store; otherwise the limits of strangers
   // apply to the call, until LookUpCaller accepts it.
   bool is_known_host = false;

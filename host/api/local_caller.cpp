@@ -47,7 +47,6 @@ Json::Value LocalCaller::Call(const VexaDRCore::Request& request, std::chrono::m
     job->row = row;
     job->caller.kind = Caller::Kind::kHost;
     job->caller.host_id = parts_.host_id;
-    job->caller.certificate_issued = std::chrono::system_clock::now();  // it needs none
     job->caller.acts_for = CurrentActingUser();
     job->caller.peer = "local";
     if (const int refusal = CheckCaller(row->access.value, job->caller)) return ErrorReply(refusal);

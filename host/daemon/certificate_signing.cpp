@@ -7,7 +7,6 @@
 #include <optional>
 #include <set>
 #include <utility>
-#include <vector>
 
 #include "host/base/certificate_times.h"
 #include "host/base/files.h"
@@ -47,16 +46,12 @@ Result<Authority> ReadAuthority(const AuthorityFiles& files) {
   return authority;
 }
 
-// This host first.
-Result<std::vector<std::string>> HostsToAsk(const std::string& own_host_id) {
+Result<std::set<std::string>> HostsToAsk(const std::string& own_host_id) {
   const auto reader = records::Reader::OpenCurrent();
   if (!reader) return reader.error();
   auto reachable = records::ReachableHosts(*reader);
-  if (!reachable) return reachable.error();
-  reachable->erase(own_host_id);
-  std::vector<std::string> hosts{own_host_id};
-  hosts.insert(hosts.end(), reachable->begin(), reachable->end());
-  return hosts;
+  if (reachable) reachable->erase(own_host_id);
+  return reachable;
 }
 
 // Whether the reply means that the host cannot sign at all: it has no key, or its version is older.

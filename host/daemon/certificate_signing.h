@@ -1,4 +1,4 @@
-// Renewing certificates of hosts: asking other hosts to sign, and signing for them.
+// Signing certificates of hosts: asking other hosts for it, and doing it for them.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 
 namespace vexa::daemon {
 
-// Asks this host, then the reachable others, to sign the request for this host's certificate. Returns the certificate.
-// Errors: kNotFound when every host that could be asked does not have the authority's key; kUnavailable with the last
-// reason when one has it but did not sign, or could not be reached.
+// Asks the other hosts that are alive, one after the other, to sign the request for this host's certificate. Returns
+// the certificate. Errors: kNotFound when none of them has the authority's key; kUnavailable with the last reason when
+// one has it but did not sign, or did not reply.
 Result<std::string> AskHostsToSign(const std::string& own_host_id, const std::string& request);
 
 // The authority's files on this host.

@@ -410,7 +410,10 @@ class Daemon::Impl {
     options.host_id = host_id_;
     options.configured = {files.certificate, files.key, files.authority};
     options.renewed_file = config.data_directory + "/host-certificate.pem";
-    options.sign = [host_id = host_id_](const std::string& request) { return AskHostsToSign(host_id, request); };
+    options.sign = [this, own = AuthorityFiles{files.authority, config.authority_key}](const std::string& request) {
+      if (own.key.empty()) return AskHostsToSign(host_id_, request);
+      return SignForMember(*store_, own, {host_id_, std::chrono::system_clock::now(), request});
+    };
     options.use = [this, listener = config.listen.size()](const transport::TlsFiles& chosen) {
       const Status used =
           server_->ReplaceCertificate(first_network_listener_ + listener, chosen.certificate, chosen.key);

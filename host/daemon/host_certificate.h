@@ -2,7 +2,7 @@
 //
 // There are two: the one that the configuration names, which an administrator may replace at any time, and the one that
 // this host has renewed, in its data folder. The one that was issued last is used, unless it is not valid now; one from
-// the future is never used, whoever's clock is wrong.
+// the future is never used, because the clock of its signer or of this host is wrong.
 #pragma once
 
 #include <chrono>

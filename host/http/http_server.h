@@ -138,7 +138,7 @@ class HttpServer {
   // The port that listener `index` was bound to.
   std::uint16_t port(std::size_t index) const;
 
-  // Makes listener `index` use the certificate and the key in these files for new connections; those that exist
+  // Makes listener `index` use the certificate and the key in these files for new connections; existing ones
   // continue. Errors: those of the start, and nothing has changed then; kUnavailable once the server is stopping.
   Status ReplaceCertificate(std::size_t index, const std::string& certificate_file, const std::string& key_file);
 

@@ -88,6 +88,14 @@ TEST_F(Renewal, Signing_IsForMembersAndTheirOwnId) {
   made.authority = authority().credentials().certificate;
   const Status checked = transport::CheckTlsMaterial(made, IdOf(2), system_clock::now());
   EXPECT_TRUE(checked.ok()) << checked.error().ToString();
+  // The items of a compound request are calls in the name of the host that is asked.
+  Json::Value compound(Json::objectValue);
+  compound["compound"][0]["api"] = "VEXA.CCC.Cluster.Member";
+  compound["compound"][0]["method"] = "certificate_sign";
+  for (const std::string& name : parameters.getMemberNames()) compound["compound"][0][name] = parameters[name];
+  const Json::Value items =
+      Parse(as_member.PostJson("/webapi/VEXA.Entry.Request/request", json::ToText(compound)).body);
+  EXPECT_EQ(CodeOf(json::Element(json::Member(json::Member(items, "data"), "result"), 0)), 403) << json::ToText(items);
   HttpClient elsewhere(HostListener(0, &tls(2)));
   EXPECT_EQ(Post(elsewhere, kSign, body), 403) << "a host without the key";
 }

@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
     return 1;
   };
   if (const vexa::Status checked = vexa::daemon::CheckConfig(command.config); !checked) return fail(checked.error());
-  // The program is not vexad, which sends the lines where it is told to.
+  // Only vexad itself sends the lines where the setting says.
   if (command.config.log != vexa::daemon::LogTarget::kSyslog) ::openlog("transport_host", LOG_PERROR, LOG_DAEMON);
   sigset_t signals;
   sigemptyset(&signals);

@@ -16,7 +16,11 @@ void SignCertificate(const ServiceParts& parts, const Call& call) {
   const auto request = call.request->GetAndCheckString("request", kRequired, IsRequestSize);
   if (request.IsInvalid()) return Fail(call, host_error::kBadParameter);
   if (!parts.sign_certificate) return Fail(call, host_error::kNotFoundOrUnreadable, "This host has no authority key");
-  // Intentional: the id is that of the caller's certificate. A host cannot ask for the certificate of another one.
+  // Intentional: the id is that of the caller's certificate, so a host cannot ask for the certificate of another one.
+  // The items of a host's compound request are calls in the name of this host, which signs for itself without a call.
+  if (call.caller.certificate_issued == std::chrono::system_clock::time_point()) {
+    return Fail(call, host_error::kNotFoundOrUnreadable, "Certificates are signed for hosts that call directly");
+  }
   const Result<std::string> certificate =
       parts.sign_certificate({call.caller.host_id, call.caller.certificate_issued, request.Get()});
   if (!certificate) {
