@@ -252,7 +252,7 @@ class Daemon::Impl {
     // Requests whose clients have left may still run.
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
-    if (certificate_) certificate_->Stop();  // a request that it waits for has ended
+    StopCertificate();
     guest_states_.links().BeginStop();
     const bool caches_done = cache::RemoveCacheRefresher(left());
     const bool links_done = guest_states_.links().Stop(left());
@@ -266,6 +266,13 @@ class Daemon::Impl {
   }
 
  private:
+  // Called when no request needs other hosts any more: a renewal must not wait for one that hangs.
+  void StopCertificate() {
+    if (!certificate_) return;
+    if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
+    certificate_->Stop();
+  }
+
   void ReleaseClaim() {
     if (!claim_) return;
     const Status released = claim_->Release();
