@@ -48,13 +48,8 @@ void AddDisplayedState(const std::string& state, const std::string& version_stat
   host["status_type"] = displayed.type;
 }
 
-// How the certificate stands that the host presents to others; "" when it has none, or its version does not publish it.
-std::string_view CertificateState(const records::Reader& reader, const std::string& id,
-                                  const Json::Value& certificate) {
+std::string_view CertificateState(const records::Reader& reader, const std::string& id, const CertificateTimes& times) {
   using std::chrono::system_clock;
-  if (!json::Member(certificate, "expires").isInt64()) return "";
-  const CertificateTimes times{records::TimeFromJson(json::Member(certificate, "issued")),
-                               records::TimeFromJson(json::Member(certificate, "expires"))};
   const auto membership = records::MembershipOf(reader, id);
   if (membership && !membership->Accepts(times.not_before)) return "revoked";
   const auto now = system_clock::now();
@@ -67,8 +62,12 @@ std::string_view CertificateState(const records::Reader& reader, const std::stri
 void AddCertificate(const records::Reader& reader, const std::string& id, const Json::Value& record,
                     Json::Value& host) {
   const Json::Value& certificate = json::Member(record, "certificate");
-  host["certificate"] = std::string(CertificateState(reader, id, certificate));
-  host["certificate_expires"] = json::Member(certificate, "expires");
+  const Json::Value& expires = json::Member(certificate, "expires");
+  if (!expires.isInt64()) return;  // it has none, or its version does not publish it
+  const CertificateTimes times{records::TimeFromJson(json::Member(certificate, "issued")),
+                               records::TimeFromJson(expires)};
+  host["certificate"] = std::string(CertificateState(reader, id, times));
+  host["certificate_expires"] = expires;
 }
 
 // A host whose record cannot be read is still listed, without a name: its existence is worth knowing.
