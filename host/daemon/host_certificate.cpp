@@ -98,7 +98,7 @@ HostCertificate::Choice HostCertificate::Choose() {
 
 void HostCertificate::LogIgnored(const std::string& file, const Error& why) {
   const std::string sentence = fmt::format("The certificate '{}' cannot be used: {}.", file, why.ToString());
-  if (std::exchange(last_ignored_, sentence) == sentence) return;
+  if (std::exchange(logged_[file], sentence) == sentence) return;
   ::syslog(LOG_WARNING, "%s", sentence.c_str());
 }
 

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <thread>
@@ -65,7 +66,7 @@ class HostCertificate {
   };
   Result<Choice> Load(const transport::TlsFiles& files) const;
   Choice Choose();
-  void LogIgnored(const std::string& file, const Error& why);
+  void LogIgnored(const std::string& file, const Error& why);  // once for each reason
 
   bool WaitForInterval();
   void Check();
@@ -77,7 +78,7 @@ class HostCertificate {
   const HostCertificateOptions options_;
   // Used by the constructor, then by the thread:
   Choice chosen_;
-  std::string last_ignored_;
+  std::map<std::string, std::string> logged_;  // by file: why it was last ignored
   std::optional<std::chrono::steady_clock::time_point> next_attempt_;
   std::chrono::seconds pause_{0};  // after the last failed attempt
   std::optional<std::chrono::system_clock::time_point> last_logged_;

@@ -187,6 +187,22 @@ TEST_F(Certificate, RenewalFails_IsLoggedOnceADay_AndRepeated) {
   EXPECT_EQ(lines, 1);
 }
 
+TEST_F(Certificate, NeitherCanBeUsed_EachIsLoggedOnce) {
+  refusal_ = Error(ErrorCode::kUnavailable, "no reply");
+  Configure(Make({kNow - 3 * kDay, kDay}));
+  PutRenewed(Make({kNow + 3 * kDay}));
+  HostCertificate certificate(Options());
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] { return requests_ >= 2; })) << "many checks later";
+  for (const char* file : {"host.pem'", "renewed.pem'"}) {
+    int lines = 0;
+    for (const test::SyslogLine& line : test::CapturedSyslog()) {
+      lines += line.text.find(std::string(file) + " cannot be used") == std::string::npos ? 0 : 1;
+    }
+    EXPECT_EQ(lines, 1) << file;
+  }
+}
+
 TEST_F(Certificate, NoHostCanSign_IsLoggedOnlyInTheLastTwoWeeks) {
   refusal_ = Error(ErrorCode::kNotFound, "no key anywhere");
   const auto logs = [this](system_clock::duration age) {
