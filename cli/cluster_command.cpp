@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <iostream>
 #include <memory>
 
@@ -66,12 +67,10 @@ ExitCode RunClusterInit(const GlobalOptions& global, const std::string& director
   if (!authority) return Report(authority.error());
   const Secret secret = MakeSecret(std::move(*authority));
   if (Status written = Write(*secret, key_path, certificate_path); !written) return Report(written.error());
-  return PrintConfirmation(
-      global,
-      fmt::format(
-          "Created the authority '{}'. Anyone who has '{}' can add hosts to the cluster. Keep it safe, and off the "
-          "hosts.",
-          Printable(certificate_path), Printable(key_path)));
+  return PrintConfirmation(global, fmt::format("Created the authority '{}'. Anyone who has '{}' can act as any host of "
+                                               "the cluster. Keep it safe, on at most "
+                                               "one of the hosts.",
+                                               Printable(certificate_path), Printable(key_path)));
 }
 
 ExitCode RunClusterCertificate(const GlobalOptions& global, const CertificateOptions& options) {
@@ -79,7 +78,8 @@ ExitCode RunClusterCertificate(const GlobalOptions& global, const CertificateOpt
   const std::string certificate_path = options.out + "/host.pem";
   const Result<Secret> authority = ReadAuthority(options.directory);
   if (!authority) return Report(authority.error());
-  Result<Credentials> host = transport::MakeHostCredentials(**authority, options.host_id);
+  Result<Credentials> host = transport::MakeHostCredentials(
+      **authority, options.host_id, {std::chrono::system_clock::now(), std::chrono::hours(24) * options.days});
   if (!host) return Report(host.error());
   const Secret secret = MakeSecret(std::move(*host));
   if (Status made = CreateDirectories(options.out, 0700); !made) return Report(made.error());
@@ -91,8 +91,8 @@ ExitCode RunClusterCertificate(const GlobalOptions& global, const CertificateOpt
   if (Status written = Write(*secret, key_path, certificate_path); !written) return Report(written.error());
   const Status copied = WriteFileAtomically(options.out + "/authority.pem", (*authority)->certificate, kPublic);
   if (!copied) return Report(copied.error());
-  return PrintConfirmation(global, fmt::format("Created the certificate '{}' for the host '{}'.",
-                                               Printable(certificate_path), Printable(options.host_id)));
+  return PrintConfirmation(global, fmt::format("Created the certificate '{}' for the host '{}'. It expires in {} days.",
+                                               Printable(certificate_path), Printable(options.host_id), options.days));
 }
 
 }  // namespace vexa::cli

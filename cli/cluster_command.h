@@ -16,11 +16,12 @@ struct CertificateOptions {
   std::string directory;  // of the authority
   std::string host_id;
   std::string out;
+  int days = 30;  // until the certificate expires
   IfPresent if_present = IfPresent::kRefuse;
 };
 
 // Creates a key and a certificate for the host in the folder `out`: host.key (0600), host.pem, and a copy of
-// authority.pem. These are that host's settings tls-key, tls-certificate and client-authority.
+// authority.pem. These are that host's settings cluster-key, cluster-certificate and cluster-authority.
 ExitCode RunClusterCertificate(const GlobalOptions& global, const CertificateOptions& options);
 
 }  // namespace vexa::cli

@@ -12,9 +12,13 @@ Examples:
   vexa cluster init --dir /root/cluster
   vexa cluster certificate --dir /root/cluster --host-id 6f1c2a0e-4a57-4f0c-8b2e-0d9b1f6f3c55 --out host1
 
-A host's id is in the file host-id of its data folder. Its daemon needs the settings tls-certificate = host.pem,
-tls-key = host.key and client-authority = authority.pem, with the files of the --out folder, and cluster-listen =
-"address:port". The files belong to the account that runs the command; the daemon's account must be able to read them.)";
+A host's id is in the file host-id of its data folder. Its daemon needs the settings cluster-certificate = host.pem,
+cluster-key = host.key and cluster-authority = authority.pem, with the files of the --out folder, and cluster-listen =
+"address:port". The files belong to the account that runs the command; the daemon's account must be able to read them.
+
+A running daemon uses files that replace these within seconds. While a host has the setting authority-key =
+authority.key, all hosts renew their certificates by themselves; otherwise make new ones in time, or give them more
+--days.)";
 
 }  // namespace
 
@@ -34,6 +38,7 @@ void AddClusterCommands(const Command& app) {
       .Placeholder("ID")
       .Required();
   certificate.AddOption("--out", options->out, "The folder for the host's files").Placeholder("DIR").Required();
+  certificate.AddOption("--days", options->days, "The number of days until it expires (default: 30)").InRange(1, 3650);
   certificate.AddFlag(
       "--replace", [options] { options->if_present = IfPresent::kReplace; }, "Replace the host's key and certificate");
   certificate.OnRun(options, RunClusterCertificate);

@@ -1,4 +1,4 @@
-// The commands about hosts that are gone.
+// The commands about hosts that are gone or no longer trusted.
 #include <memory>
 
 #include "cli/commands.h"
@@ -45,11 +45,25 @@ Its repositories stay and are shown as inaccessible. Its vexad does not start ag
   forget.OnRun(options, RunHostForget);
 }
 
+void AddRevoke(const Command& host) {
+  const Command revoke = host.AddCommand(
+      "revoke",
+      "Make all hosts refuse the certificates that a host has now, for instance after theft (administrators)");
+  const auto revoked_host = std::make_shared<std::string>();
+  revoke.AddOption("HOST", *revoked_host, "The host's id or name").Required();
+  revoke.Footer(R"(
+It takes effect within seconds, also on open connections. Certificates that are made later are accepted: make one with
+'vexa cluster certificate --replace'. A host that has the authority's key makes one by itself; after the theft of such a
+host, create a new authority. To remove a host from the cluster, use 'vexa host forget'.)");
+  revoke.OnRun(revoked_host, RunHostRevoke);
+}
+
 }  // namespace
 
 void AddRecoveryCommands(const Command& app) {
   AddRecover(app.Group("guest"));
   AddForget(app.Group("host"));
+  AddRevoke(app.Group("host"));
 }
 
 }  // namespace vexa::cli

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kInfo = "/webapi/VEXA.Virtualization.Guest/info";
 
 constexpr std::array kHostColumns = {Column{"HOST", "host_id"}, Column{"NAME", "name"}, Column{"STATE", "state"},
-                                     Column{"VERSION", "version_state"}};
+                                     Column{"VERSION", "version_state"}, Column{"CERTIFICATE", "certificate"}};
 constexpr std::array kInterfaceColumns = {Column{"INTERFACE", "ifname"}, Column{"TYPE", "type"},
                                           Column{"ADDRESS", "ip"},       Column{"MAC", "mac"},
                                           Column{"SPEED", "speed"},      Column{"STATUS", "status"}};

@@ -13,6 +13,7 @@ namespace vexa::cli {
 namespace {
 
 constexpr const char* kRecover = "/webapi/VEXA.Virtualization.Guest/recover";
+constexpr const char* kRevoke = "/webapi/VEXA.Virtualization.Host/revoke";
 constexpr const char* kForget = "/webapi/VEXA.Virtualization.Host/forget";
 
 }  // namespace
@@ -61,6 +62,15 @@ ExitCode RunHostForget(const GlobalOptions& global, const ForgetOptions& options
   const CallOutcome outcome = CallApi(client, kForget, RenderJson(parameters, JsonLayout::kOneLine));
   if (outcome.exit_code != ExitCode::kOk) return outcome.exit_code;
   return PrintConfirmation(global, fmt::format("Removed the host '{}' from the cluster.", Printable(options.host)));
+}
+
+ExitCode RunHostRevoke(const GlobalOptions& global, const std::string& host) {
+  std::string id;
+  if (const ExitCode revoked = CallForObject(global, kHosts, kRevoke, host, id); revoked != ExitCode::kOk)
+    return revoked;
+  return PrintConfirmation(global, fmt::format("All hosts now refuse the certificates of the host '{}'. With a new one "
+                                               "('vexa cluster certificate --replace') it is accepted again.",
+                                               Printable(host)));
 }
 
 }  // namespace vexa::cli

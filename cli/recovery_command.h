@@ -1,4 +1,4 @@
-// vexa guest recover, vexa host forget.
+// vexa guest recover, vexa host forget, vexa host revoke.
 #pragma once
 
 #include <string>
@@ -27,5 +27,8 @@ struct ForgetOptions {
 };
 
 ExitCode RunHostForget(const GlobalOptions& global, const ForgetOptions& options);
+
+// `host` is an id or a name.
+ExitCode RunHostRevoke(const GlobalOptions& global, const std::string& host);
 
 }  // namespace vexa::cli

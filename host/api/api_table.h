@@ -2,6 +2,7 @@
 // the permission matrix of the tests are all generated from it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <span>
@@ -58,8 +59,13 @@ struct Caller {
   accounts::User user;        // kUser only
   std::string session_token;  // kUser with a session only
   std::string host_id;        // kHost only
-  std::string acts_for;       // kHost only: the user on whose behalf the host asks; empty when it did not name one
-  std::string peer;           // the address of the caller: an IP address, or "unix:<uid>"
+  // kHost only. The epoch in calls of this host to itself, also when they are items of another host's request.
+  std::chrono::system_clock::time_point certificate_issued;
+  // kHost only: a member of the cluster as far as is known without asking the store; otherwise the limits of strangers
+  // apply to the call, until LookUpCaller accepts it.
+  bool is_known_host = false;
+  std::string acts_for;  // kHost only: the user on whose behalf the host asks; empty when it did not name one
+  std::string peer;      // the address of the caller: an IP address, or "unix:<uid>"
   bool tls = false;
 };
 

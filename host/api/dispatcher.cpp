@@ -57,14 +57,20 @@ void ReadOrigin(http::HttpRequest& request, Caller& caller) {
   if (transport::IsRequestId(request.caller_request_id)) request.id = request.caller_request_id;
 }
 
+// Whether nothing that the caller has presented gives it any rights, as far as is known before its body is read.
+bool IsStranger(const Caller& caller) {
+  return caller.kind == Caller::Kind::kAnonymous || (caller.kind == Caller::Kind::kHost && !caller.is_known_host);
+}
+
 // Who is counted for the call. Users by id: the caller on a Unix socket has no name yet. A host may name any user for
-// whom it asks, so its calls count together as well.
+// whom it asks, so its calls count together as well. A certificate of no member counts as its address.
 JobOwner OwnerOf(const Caller& caller) {
   switch (caller.kind) {
     case Caller::Kind::kUser:
       return {fmt::format("uid:{}", caller.user.uid)};
     case Caller::Kind::kHost:
-      return {fmt::format("host:{}/{}", caller.host_id, caller.acts_for), caller.host_id};
+      if (caller.is_known_host) return {fmt::format("host:{}/{}", caller.host_id, caller.acts_for), caller.host_id};
+      [[fallthrough]];
     case Caller::Kind::kAnonymous:
       return {"peer:" + caller.peer};
   }
@@ -106,6 +112,7 @@ struct Dispatcher::Work {
   http::HttpRequest request;
   std::shared_ptr<Plan> plan;
   http::Responder responder;
+  bool closes_connection = false;  // after the response
 };
 
 Dispatcher::Dispatcher(Parts parts) : parts_(std::move(parts)), description_(MakeOpenApi(*parts_.table)) {}
@@ -119,6 +126,7 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
 
   if (path.starts_with(kApiPrefix)) return PlanMethodCall(path, query, request);
   request.body_limit = kUnauthenticatedBodyBytes;
+  if (request.peer.is_certified) return refuse(user_error::kNoSuchAddress);  // hosts call methods only
   auto plan = std::make_shared<Plan>();
   if (path == "/healthz") {
     plan->page = Plan::Page::kHealth;
@@ -148,7 +156,10 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
                           : parts_.table->Find(rest.substr(0, slash), rest.substr(slash + 1), version);
   const auto refuse = [&](int code) {
     if (row) parts_.metrics->Count(*row, code, {});
-    return MakeErrorReply(code, request.id);
+    http::HttpResponse reply = MakeErrorReply(code, request.id);
+    reply.closes_connection =
+        request.peer.is_certified && (code == user_error::kDenied || code == user_error::kNotLoggedIn);
+    return reply;
   };
   if (!row) return refuse(user_error::kUnknownApi);
   if (request.method != "POST") {
@@ -168,12 +179,13 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
     plan->caller = std::move(std::get<Caller>(identified));
   }
   if (plan->caller.kind == Caller::Kind::kHost) ReadOrigin(request, plan->caller);
+  if (request.peer.is_certified && row->access.value != Access::kHost) return refuse(user_error::kDenied);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
   if (row->body_bytes > kDefaultBodyBytes && !(plan->long_body_slot = TakeLongBodySlot(long_body_requests_))) {
     return refuse(user_error::kHostBusy);
   }
   // Also for callers with a session, or on the Unix socket: whether they have an account is found out later.
-  const bool is_open = row->access.value == Access::kAnyone;
+  const bool is_open = row->access.value == Access::kAnyone || IsStranger(plan->caller);
   request.body_limit = is_open ? std::min(kUnauthenticatedBodyBytes, row->body_bytes) : row->body_bytes;
   plan->body_share = bodies_.Take(OwnerOf(plan->caller), ExpectedBytes(request));
   if (!plan->body_share) return refuse(user_error::kHostBusy);
@@ -224,7 +236,7 @@ int Dispatcher::CheckAdministrator(const http::HttpRequest& request) const {
   if (const int* code = std::get_if<int>(&identified)) return *code;
   Caller& caller = std::get<Caller>(identified);
   if (const int code = CheckCaller(Access::kAdministrator, caller)) return code;
-  if (const int code = parts_.identity->LookUpUser(caller)) return code;
+  if (const int code = parts_.identity->LookUpCaller(caller)) return code;
   return CheckUser(Access::kAdministrator, caller);
 }
 
@@ -261,6 +273,7 @@ void Dispatcher::RunMethod(Work& work) const {
   http::HttpResponse reply =
       MakeReply(response, extra_members, work.request.id, AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
+  reply.closes_connection = work.closes_connection;
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->started);
   work.responder.Send(std::move(reply));
 }
@@ -280,7 +293,8 @@ void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
                             Json::Value& extra_members) const {
   Caller& caller = work.plan->caller;
   const ApiRow& row = *work.plan->row;
-  int refusal = parts_.identity->LookUpUser(caller);
+  int refusal = parts_.identity->LookUpCaller(caller);
+  work.closes_connection = refusal != 0 && caller.kind == Caller::Kind::kHost;
   if (refusal != 0 && row.access.value == Access::kAnyone) {
     // An account that has no login here, or a session that has ended, must not prevent one.
     caller = AnonymousCaller(work.request.peer);

@@ -7,12 +7,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/log_interval.h"
+#include "host/base/sanitize_for_log.h"
 #include "webapi/error_codes.h"
 
 namespace vexa::api {
 namespace {
 
 constexpr std::string_view kBearer = "Bearer ";
+constexpr std::size_t kMaxLoggedIdBytes = 64;
 
 // Empty when the header does not contain a bearer token (RFC 6750).
 std::string_view BearerToken(std::string_view authorization) {
@@ -45,7 +48,25 @@ Caller AnonymousCaller(const http::Peer& peer) {
   return caller;
 }
 
+IdentifyResult Identity::IdentifyHost(const http::HttpRequest& request) const {
+  if (!request.authorization.empty() || !FindCookie(request.cookie, kSessionCookie).empty()) {
+    return user_error::kNotLoggedIn;
+  }
+  const auto now = std::chrono::system_clock::now();
+  const CertificateTimes& times = request.peer.certificate_times;
+  if (request.peer.certificate_name.empty() || times.HasExpired(now) || times.IsFromFuture(now)) {
+    return user_error::kDenied;
+  }
+  Caller caller = AnonymousCaller(request.peer);
+  caller.kind = Caller::Kind::kHost;
+  caller.host_id = request.peer.certificate_name;
+  caller.certificate_issued = times.not_before;
+  caller.is_known_host = members_ != nullptr && members_->Knows(caller.host_id, caller.certificate_issued);
+  return caller;
+}
+
 IdentifyResult Identity::Identify(const http::HttpRequest& request) const {
+  if (request.peer.is_certified) return IdentifyHost(request);
   Caller caller = AnonymousCaller(request.peer);
   const bool uses_cookie = request.authorization.empty();
   const std::string_view token =
@@ -60,9 +81,6 @@ IdentifyResult Identity::Identify(const http::HttpRequest& request) const {
     caller.user.uid = user->uid;
     caller.user.stamp = std::move(user->stamp);
     caller.session_token = token;
-  } else if (!request.peer.certificate_name.empty()) {
-    caller.kind = Caller::Kind::kHost;
-    caller.host_id = request.peer.certificate_name;
   } else if (request.peer.kind == http::Peer::Kind::kUnix) {
     caller.kind = Caller::Kind::kUser;
     caller.user.uid = request.peer.uid;
@@ -70,8 +88,30 @@ IdentifyResult Identity::Identify(const http::HttpRequest& request) const {
   return caller;
 }
 
+int Identity::LookUpCaller(Caller& caller) const {
+  switch (caller.kind) {
+    case Caller::Kind::kAnonymous:
+      return 0;
+    case Caller::Kind::kUser:
+      return LookUpUser(caller);
+    case Caller::Kind::kHost:
+      return CheckHost(caller);
+  }
+  return user_error::kDenied;
+}
+
+int Identity::CheckHost(const Caller& caller) const {
+  if (members_ != nullptr && members_->Accepts(caller.host_id, caller.certificate_issued)) return 0;
+  static LogInterval interval{std::chrono::minutes(1)};
+  if (interval.IsDue()) {
+    ::syslog(LOG_WARNING,
+             "A call was refused: '%s' at %s is not a host of this cluster, or its certificate has been revoked.",
+             SanitizeForLog(caller.host_id, kMaxLoggedIdBytes).c_str(), caller.peer.c_str());
+  }
+  return user_error::kDenied;
+}
+
 int Identity::LookUpUser(Caller& caller) const {
-  if (caller.kind != Caller::Kind::kUser) return 0;
   const bool by_uid = caller.user.name.empty();
   const uid_t uid = caller.user.uid;
   Result<accounts::User> user = by_uid ? accounts_.FindUserByUid(uid) : accounts_.FindUser(caller.user.name);

@@ -6,6 +6,7 @@
 #include "host/accounts/accounts.h"
 #include "host/api/api_table.h"
 #include "host/http/http_server.h"
+#include "host/records/member_list.h"
 #include "host/session/sessions.h"
 
 namespace vexa::api {
@@ -15,28 +16,37 @@ inline constexpr std::string_view kSessionCookie = "vexa_session";
 // The caller, or the error code to return.
 using IdentifyResult = std::variant<Caller, int>;
 
-// Identifies the caller in this order: a bearer token or a session cookie (which also needs the session's CSRF token),
-// the certificate of a cluster host, the user id of a Unix socket's peer. A token that is presented but invalid is an
-// error: the other ways are then not tried. So is the token of a user whose account has been deleted, even when a new
-// account has the name, or whose password has changed since the login. On a Unix socket, root and the daemon's own user
-// are administrators unless an account has their id, and also while the accounts cannot be read.
+// Identifies the caller. On a listener for hosts, it is the host that the certificate names: one that has not expired,
+// of a member of the cluster, and not revoked. Tokens are not accepted there. Elsewhere, certificates are not used, and
+// the caller is identified in this order: a bearer token or a session cookie (which also needs the session's CSRF
+// token), the user id of a Unix socket's peer. A token that is presented but invalid is an error: the other way is then
+// not tried. So is the token of a user whose account has been deleted, even when a new account has the name, or whose
+// password has changed since the login. On a Unix socket, root and the daemon's own user are administrators unless an
+// account has their id, and also while the accounts cannot be read.
 // Threads: any.
 class Identity {
  public:
-  // Both must outlive it.
-  Identity(session::SessionTable& sessions, const accounts::AccountProvider& accounts)
-      : sessions_(sessions), accounts_(accounts) {}
+  // All must outlive it. Without `members`, no host is accepted.
+  Identity(session::SessionTable& sessions, const accounts::AccountProvider& accounts,
+           const records::MemberList* members = nullptr)
+      : sessions_(sessions), accounts_(accounts), members_(members) {}
 
   // Identifies the caller from the request alone; never waits. Users have a name and uid or, on a Unix socket, only a
-  // uid.
+  // uid. Whether a host may call is not known yet.
   IdentifyResult Identify(const http::HttpRequest& request) const;
 
-  // Looks the user up, which may wait for the system's user database. 0, or the error code to return.
-  int LookUpUser(Caller& caller) const;
+  // Looks a user up, which may wait for the system's user database; reads whether a host may call. 0, or the error code
+  // to return.
+  int LookUpCaller(Caller& caller) const;
 
  private:
+  IdentifyResult IdentifyHost(const http::HttpRequest& request) const;
+  int LookUpUser(Caller& caller) const;
+  int CheckHost(const Caller& caller) const;
+
   session::SessionTable& sessions_;
   const accounts::AccountProvider& accounts_;
+  const records::MemberList* members_;
 };
 
 // A caller of whom only the address is known.

@@ -49,6 +49,11 @@ void FillHostRecord(Json::Value& record, const HostFacts& facts, system_clock::t
   } else {
     record["package_version"] = facts.package_version;
   }
+  record.removeMember("certificate");
+  if (facts.certificate_expires != 0) {
+    record["certificate"]["issued"] = static_cast<Json::Int64>(facts.certificate_issued);
+    record["certificate"]["expires"] = static_cast<Json::Int64>(facts.certificate_expires);
+  }
 }
 
 void PutHeartbeat(store::Transaction& transaction, const std::string& host_id, system_clock::time_point now) {

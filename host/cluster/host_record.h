@@ -2,7 +2,7 @@
 //
 //   /dash/host/<host id>/object          {"name", "addresses", "cluster_address", "cpu_cores", "cpu_clock_speed" (MHz),
 //                                         "ram_size" (KiB), "state", "started" (Unix seconds), "version",
-//                                         "package_version"}
+//                                         "package_version", "certificate": {"issued", "expires"} (Unix seconds)}
 //   /dash/host/<host id>/nics/<nic id>   {"name", "mac_address"}
 //   /dash/host/<host id>/seen            {"time" (Unix seconds)}
 //
@@ -48,6 +48,9 @@ struct HostFacts {
   // The host's own assessment, a value of VexaCCC::State::Host. Empty: unchanged, or "running" when it was
   // inaccessible.
   std::string state;
+  // Of the certificate that the host presents to others, in Unix seconds. 0: none, and the member is removed.
+  std::int64_t certificate_issued = 0;
+  std::int64_t certificate_expires = 0;
   std::vector<HostNic> nics;
   bool operator==(const HostFacts&) const = default;
 };

@@ -122,21 +122,34 @@ void AddAccountOptions(CLI::App& app, Config& config) {
 void AddNetworkOptions(CLI::App& app, Config& config) {
   app.option_defaults()->group("Network");
   app.add_option("--listen", config.listen,
-                 "Addresses to listen on, \"address:port\"; \"none\" for no network listener");
+                 "Addresses to listen on for users, \"address:port\"; \"none\" for no network listener");
   app.add_option("--socket", config.socket, "The Unix socket; an empty value for none");
-  app.add_option("--tls-certificate", config.tls_certificate, "The certificate chain (PEM) of the network listeners");
+  app.add_option("--tls-certificate", config.tls_certificate, "The certificate chain (PEM) for those listeners");
   app.add_option("--tls-key", config.tls_key, "Its private key (PEM), readable by the daemon's user only");
-  app.add_option("--client-authority", config.client_authority,
-                 "The authority (PEM) that signs other hosts' certificates");
-  app.add_option("--cluster-listen", config.cluster_listen,
-                 "Where other hosts of the cluster call this one, \"address:port\"; needs the three settings above");
-  app.add_option("--cluster-address", config.cluster_address,
-                 "The address under which they reach it, \"address:port\", if it differs from cluster-listen");
   app.add_option("--max-connections", config.max_connections, "Open connections in total")
       ->check(CLI::Range(1, 1'000'000));
   app.add_option("--max-connections-per-peer", config.max_connections_per_peer,
                  "Open connections of one address or user")
       ->check(CLI::Range(1, 1'000'000));
+}
+
+void AddClusterOptions(CLI::App& app, Config& config) {
+  app.option_defaults()->group("Cluster");
+  app.add_option("--cluster-listen", config.cluster_listen,
+                 "Where other hosts of the cluster call this one, \"address:port\"; users are not served there. Needs "
+                 "the three settings below");
+  app.add_option("--cluster-certificate", config.cluster_certificate,
+                 "This host's certificate among the hosts (PEM), from 'vexa cluster certificate'");
+  app.add_option("--cluster-key", config.cluster_key, "Its private key (PEM), readable by the daemon's user only");
+  app.add_option("--cluster-authority", config.cluster_authority,
+                 "The authority (PEM) that signs the certificates of all hosts");
+  app.add_option("--cluster-address", config.cluster_address,
+                 "The address under which other hosts reach this one, \"address:port\", if it differs from "
+                 "cluster-listen");
+  app.add_option("--authority-key", config.authority_key,
+                 "The authority's private key (PEM), readable by the daemon's user only: hosts can then renew their "
+                 "certificates through this one");
+  app.add_option("--client-authority", config.client_authority, "The name of cluster-authority in older versions");
 }
 
 void AddGuestOptions(CLI::App& app, Config& config) {
@@ -195,6 +208,7 @@ void AddSettings(CLI::App& app, Config& config, bool& check_config) {
   AddDataOptions(app, config);
   AddAccountOptions(app, config);
   AddNetworkOptions(app, config);
+  AddClusterOptions(app, config);
   AddGuestOptions(app, config);
   AddWorkOptions(app, config);
 }
@@ -274,33 +288,79 @@ Result<std::vector<http::ListenerOptions>> ListenersOf(const Config& config) {
     listener.path = config.socket;
     listeners.push_back(std::move(listener));
   }
-  std::vector<std::string> addresses = config.listen;
-  if (!config.cluster_listen.empty()) addresses.push_back(config.cluster_listen);
-  for (const std::string& text : addresses) {
+  const auto add = [&listeners](const std::string& text, const ClusterFiles& tls) -> Status {
     const Result<Address> address = ParseAddress(text);
     if (!address) return address.error();
     http::ListenerOptions listener;
     listener.address = address->host;
     listener.port = address->port;
-    listener.certificate_file = config.tls_certificate;
-    listener.key_file = config.tls_key;
-    listener.client_authority_file = config.client_authority;
+    listener.certificate_file = tls.certificate;
+    listener.key_file = tls.key;
+    listener.client_authority_file = tls.authority;
     listeners.push_back(std::move(listener));
+    return {};
+  };
+  for (const std::string& text : config.listen) {
+    if (Status added = add(text, {config.tls_certificate, config.tls_key, ""}); !added) return added.error();
   }
+  if (config.cluster_listen.empty()) return listeners;
+  if (Status added = add(config.cluster_listen, ClusterFilesOf(config)); !added) return added.error();
   return listeners;
+}
+
+ClusterFiles ClusterFilesOf(const Config& config) {
+  const bool has_own = !config.cluster_certificate.empty();
+  return {has_own ? config.cluster_certificate : config.tls_certificate, has_own ? config.cluster_key : config.tls_key,
+          config.cluster_authority.empty() ? config.client_authority : config.cluster_authority};
+}
+
+std::vector<std::string> OutdatedSettings(const Config& config) {
+  std::vector<std::string> sentences;
+  if (config.cluster_listen.empty()) {
+    if (!config.client_authority.empty()) {
+      sentences.emplace_back(
+          "The setting client-authority has no effect without cluster-listen: listeners for users do not accept "
+          "certificates. Remove it");
+    }
+    return sentences;
+  }
+  if (!config.client_authority.empty()) {
+    sentences.emplace_back("The setting client-authority is named cluster-authority now. Rename it");
+  }
+  if (config.cluster_certificate.empty()) {
+    sentences.emplace_back(
+        "The certificate of tls-certificate and tls-key is used for users and for other hosts. Set "
+        "cluster-certificate and cluster-key for the hosts; the other two are then for users only");
+    if (config.listen.empty()) {
+      sentences.push_back(fmt::format(
+          "Users can no longer log in at '{}', which is for other hosts only. Set listen to an address for users",
+          config.cluster_listen));
+    }
+  }
+  return sentences;
 }
 
 namespace {
 
 Status CheckCluster(const Config& config) {
-  if (config.cluster_listen.empty()) {
-    if (config.cluster_address.empty()) return {};
-    return Error(ErrorCode::kInvalid, "'cluster-address' needs 'cluster-listen'");
+  if (config.cluster_certificate.empty() != config.cluster_key.empty()) {
+    return Error(ErrorCode::kInvalid, "'cluster-certificate' and 'cluster-key' go together: set both or none");
   }
-  if (config.client_authority.empty()) {
+  if (config.cluster_listen.empty()) {
+    const std::pair<const char*, const std::string&> rows[] = {{"cluster-address", config.cluster_address},
+                                                               {"cluster-certificate", config.cluster_certificate},
+                                                               {"cluster-authority", config.cluster_authority},
+                                                               {"authority-key", config.authority_key}};
+    for (const auto& [name, value] : rows) {
+      if (!value.empty()) return Error(ErrorCode::kInvalid, fmt::format("'{}' needs 'cluster-listen'", name));
+    }
+    return {};
+  }
+  const ClusterFiles files = ClusterFilesOf(config);
+  if (files.certificate.empty() || files.authority.empty()) {
     return Error(ErrorCode::kInvalid,
-                 "'cluster-listen' needs 'tls-certificate', 'tls-key' and 'client-authority': hosts know each other by "
-                 "their certificates; see 'vexa cluster --help'");
+                 "'cluster-listen' needs 'cluster-certificate', 'cluster-key' and 'cluster-authority': hosts know each "
+                 "other by their certificates; see 'vexa cluster --help'");
   }
   const bool has_own_address = !config.cluster_address.empty();
   const Result<Address> address = ParseAddress(has_own_address ? config.cluster_address : config.cluster_listen);
@@ -354,7 +414,7 @@ Status CheckConfig(const Config& config) {
   if (listeners->empty()) return Error(ErrorCode::kInvalid, "There is nothing to listen on: set 'socket' or 'listen'");
   for (const http::ListenerOptions& listener : *listeners) {
     if (listener.kind == http::ListenerOptions::Kind::kTcp && !IsLoopback(listener.address) &&
-        config.tls_certificate.empty()) {
+        listener.certificate_file.empty()) {
       return Error(ErrorCode::kInvalid, fmt::format("'{}' can be reached by other machines. Set 'tls-certificate' and "
                                                     "'tls-key', so that passwords are not sent in the clear",
                                                     listener.address));

@@ -19,11 +19,15 @@ struct Config {
   std::string store_directory;  // empty: "store" in the data folder; hosts on one machine share one
   std::vector<std::string> listen{"127.0.0.1:8642"};  // "address:port"; IPv6 as "[address]:port"
   std::string socket = "/run/vexad/vexad.sock";       // empty: none
-  std::string tls_certificate;                        // for every network listener
+  std::string tls_certificate;                        // for the listeners of users
   std::string tls_key;
-  std::string client_authority;
-  std::string cluster_listen;      // "address:port" for other hosts; empty: no cluster
-  std::string cluster_address;     // where other hosts reach this one, numeric; empty: cluster_listen
+  std::string cluster_listen;       // "address:port" for other hosts only; empty: no cluster
+  std::string cluster_address;      // where other hosts reach this one, numeric; empty: cluster_listen
+  std::string cluster_certificate;  // this host's own among hosts; empty: tls_certificate and tls_key, as before
+  std::string cluster_key;
+  std::string cluster_authority;   // signs the certificates of all hosts; empty: client_authority
+  std::string client_authority;    // its name in older versions
+  std::string authority_key;       // the authority's key, to renew the certificates of hosts; empty: not here
   std::string accounts = "store";  // "store" or "pam"; "file" means "store"
   std::string account_file;        // migrated into the store; empty: accounts.json in the data folder
   std::string pam_service = "vexad";
@@ -62,6 +66,17 @@ CommandLine ParseCommandLine(int argc, const char* const* argv);
 // Checks what a single flag cannot show: unparsable addresses, contradictory TLS settings, a network listener beyond
 // loopback without TLS.
 Status CheckConfig(const Config& config);
+
+// The files by which this host and the others recognize each other.
+struct ClusterFiles {
+  std::string certificate;
+  std::string key;
+  std::string authority;
+};
+ClusterFiles ClusterFilesOf(const Config& config);
+
+// What to change in a checked configuration that was written for an older version: sentences for the log.
+std::vector<std::string> OutdatedSettings(const Config& config);
 
 // The listeners of a checked configuration: the Unix socket, those of `listen`, that of `cluster_listen`.
 Result<std::vector<http::ListenerOptions>> ListenersOf(const Config& config);

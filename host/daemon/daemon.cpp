@@ -40,15 +40,18 @@
 #include "host/base/files.h"
 #include "host/base/lane.h"
 #include "host/base/lane_check.h"
+#include "host/base/time_text.h"
 #include "host/cache/cache_refresher.h"
 #include "host/cluster/account_migration.h"
 #include "host/cluster/account_source.h"
 #include "host/cluster/account_store.h"
 #include "host/cluster/host_record.h"
 #include "host/daemon/cache_refresh.h"
+#include "host/daemon/certificate_signing.h"
 #include "host/daemon/cluster_store.h"
 #include "host/daemon/delayed_call.h"
 #include "host/daemon/file_limit.h"
+#include "host/daemon/host_certificate.h"
 #include "host/daemon/host_id.h"
 #include "host/daemon/host_state.h"
 #include "host/daemon/image_folders.h"
@@ -61,6 +64,7 @@
 #include "host/records/environment.h"
 #include "host/records/host_claim_record.h"
 #include "host/records/host_liveness.h"
+#include "host/records/member_list.h"
 #include "host/records/object_edit.h"
 #include "host/records/object_members.h"
 #include "host/records/request_scope.h"
@@ -181,7 +185,8 @@ class Daemon::Impl {
     if (Status opened = OpenData(config); !opened) return opened;
     if (Status started = StartGuests(config); !started) return started;
     MakeTable(config, std::move(extra_rows));
-    if (Status made = MakeTransport(config); !made) return made;
+    if (Status chosen = ChooseCertificate(config); !chosen) return chosen;
+    if (Status made = MakeTransport(); !made) return made;
     InstallCacheRefresh(guest_states_);
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
@@ -211,6 +216,7 @@ class Daemon::Impl {
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
     heartbeat_.reset();  // first, so that other hosts stop calling
+    if (certificate_) certificate_->BeginStop();
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
       const auto remaining =
@@ -225,6 +231,7 @@ class Daemon::Impl {
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
     const bool hosts_done = hosts_.Stop(left());
+    StopCertificate();
     guest_states_.links().BeginStop();
     const bool caches_done = cache::RemoveCacheRefresher(left());
     const bool links_done = guest_states_.links().Stop(left());
@@ -239,6 +246,13 @@ class Daemon::Impl {
   }
 
  private:
+  // Called when no request needs other hosts any more: a renewal must not wait for one that hangs.
+  void StopCertificate() {
+    if (!certificate_) return;
+    if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
+    certificate_->Stop();
+  }
+
   void ReleaseClaim() {
     if (!claim_) return;
     const Status released = claim_->Release();
@@ -264,7 +278,8 @@ class Daemon::Impl {
     auto sessions = session::SessionTable::Open(config.data_directory + "/sessions.json", config.sessions);
     if (!sessions) return sessions.error();
     sessions_ = std::move(*sessions);
-    identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_);
+    members_ = std::make_unique<records::MemberList>(store_);
+    identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_, members_.get());
     records::Environment environment;
     environment.store = store_;
     environment.accounts = accounts_;
@@ -375,8 +390,33 @@ class Daemon::Impl {
     dispatcher_ = std::make_unique<api::Dispatcher>(std::move(parts));
   }
 
+  Status ChooseCertificate(const Config& config) {
+    for (const std::string& sentence : OutdatedSettings(config)) ::syslog(LOG_WARNING, "%s.", sentence.c_str());
+    if (config.cluster_listen.empty()) return {};
+    const ClusterFiles files = ClusterFilesOf(config);
+    if (!config.authority_key.empty()) {
+      const Status usable = CheckAuthorityFiles({files.authority, config.authority_key});
+      if (!usable) return Error(usable.error().code(), "'authority-key' cannot be used", usable.error().ToString());
+    }
+    HostCertificateOptions options;
+    options.host_id = host_id_;
+    options.configured = {files.certificate, files.key, files.authority};
+    options.renewed_file = config.data_directory + "/host-certificate.pem";
+    options.sign = [this, own = AuthorityFiles{files.authority, config.authority_key}](const std::string& request) {
+      if (own.key.empty()) return AskHostsToSign(host_id_, request);
+      return SignForMember(*store_, own, {host_id_, std::chrono::system_clock::now(), request});
+    };
+    options.use = [this, listener = config.listen.size()](const transport::TlsFiles& chosen) {
+      const Status used =
+          server_->ReplaceCertificate(first_network_listener_ + listener, chosen.certificate, chosen.key);
+      return used ? transport::CurrentTransport()->ReplaceTls(chosen) : used;
+    };
+    certificate_ = std::make_unique<HostCertificate>(std::move(options));
+    return {};
+  }
+
   // Called before the server starts, so that no handler runs without the transport.
-  Status MakeTransport(const Config& config) {
+  Status MakeTransport() {
     const std::string host_id = VexaCCC::DB::DBLocalhostID();
     local_caller_ =
         std::make_unique<api::LocalCaller>(api::LocalCaller::Parts{table_.get(), metrics_.get(), &local_, host_id});
@@ -389,9 +429,9 @@ class Daemon::Impl {
     };
     options.find_address = FindClusterAddress;
     options.liveness = LivenessForRequest;
-    if (!config.cluster_listen.empty()) {
+    if (certificate_) {
       options.remote = transport::TransportOptions::Remote::kTls;
-      options.tls = {config.tls_certificate, config.tls_key, config.client_authority};
+      options.tls = certificate_->files();
     }
     auto made = transport::Transport::Make(std::move(options));
     if (!made) return made.error();
@@ -403,6 +443,10 @@ class Daemon::Impl {
     auto listeners = ListenersOf(config);
     if (!listeners) return listeners.error();
     first_network_listener_ = config.socket.empty() ? 0 : 1;
+    if (certificate_) {
+      listeners->back().certificate_file = certificate_->files().certificate;
+      listeners->back().key_file = certificate_->files().key;
+    }
     http::ServerOptions options;
     options.listeners = std::move(*listeners);
     options.limits.connections = RaiseFileLimit(config.max_connections);
@@ -434,6 +478,12 @@ class Daemon::Impl {
     parts.store = store_;
     parts.guests = guests_.get();
     if (guests_) parts.rate_guest = [this](const std::string& guest_id) { return guests_->RateGuest(guest_id); };
+    if (!config.authority_key.empty()) {
+      const AuthorityFiles authority{ClusterFilesOf(config).authority, config.authority_key};
+      parts.sign_certificate = [store = store_, authority](const api::SigningCall& call) {
+        return SignForMember(*store, authority, call);
+      };
+    }
     parts.web_ports = [this, is_https = !config.tls_certificate.empty()] {
       api::WebPorts ports;
       (is_https ? ports.https_port : ports.http_port) = web_port_;
@@ -455,14 +505,19 @@ class Daemon::Impl {
       ::syslog(LOG_CRIT, "This host must stop: %s", reason.c_str());
       if (on_claim_lost) on_claim_lost();
     };
-    const auto gather = [host_id = host_id_, address, guests = guests_.get()] {
+    const auto gather = [host_id = host_id_, address, guests = guests_.get(), certificate = certificate_.get()] {
       cluster::HostFacts facts = machine::GatherHostFacts(host_id, VEXA_VERSION, machine::Machine());
       facts.cluster_address = address;
+      if (certificate) {
+        facts.certificate_issued = ToUnixSeconds(certificate->times().not_before);
+        facts.certificate_expires = ToUnixSeconds(certificate->times().not_after);
+      }
       facts.state = HostStateFor({guests, [] { return machine::HasBrokenLink(machine::Machine()); }});
       facts.package_version = guests ? guests->HypervisorVersion() : "";
       return facts;
     };
     heartbeat_ = std::make_unique<cluster::HostHeartbeat>(store_, gather, std::move(options));
+    if (certificate_) certificate_->Start();
   }
 
   void LogListeners(const Config& config) const {
@@ -482,6 +537,7 @@ class Daemon::Impl {
   std::shared_ptr<store::Store> store_;
   std::shared_ptr<accounts::AccountProvider> accounts_;
   std::unique_ptr<session::SessionTable> sessions_;
+  std::unique_ptr<records::MemberList> members_;
   std::unique_ptr<api::Identity> identity_;
   session::LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
@@ -501,6 +557,7 @@ class Daemon::Impl {
   std::atomic<int> web_port_ = 0;  // of the first network listener, once it is open
   std::string host_id_;
   std::shared_ptr<cluster::HostClaim> claim_;
+  std::unique_ptr<HostCertificate> certificate_;  // only with a listener for hosts
   std::unique_ptr<cluster::HostHeartbeat> heartbeat_;
   bool stopped_ = false;
 };

@@ -15,6 +15,8 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
            std::function<void(AcceptedConnection&&)> hand_over);
 
   void Start();
+  // For the connections that are accepted from now on.
+  void ReplaceTls(TlsContext tls) { tls_ = std::move(tls); }
   // Frees the address and removes a Unix socket's file.
   void Close();
 

@@ -161,7 +161,7 @@ void Connection::Handshake() {
       return ArmWrite();
     case IoState::kDone:
       peer_.tls = true;
-      peer_.certificate_name = VerifiedCommonName(transport_.ssl());
+      ReadClientCertificate(transport_.ssl(), peer_);
       EnterHeader(io_.server().options.limits.header);
       return ReadInput();  // the request may have arrived together with the end of the handshake
     default:

@@ -27,7 +27,7 @@ void Connection::Refuse(int status) {
 
 void Connection::Respond(HttpResponse&& response) {
   if (response.status < 200 || response.status > 599) response = io_.server().MakeError(500, request_id());
-  if (io_.stopping() || (peer_ended_ && buffer_.empty())) close_after_response_ = true;
+  if (response.closes_connection || io_.stopping() || (peer_ended_ && buffer_.empty())) close_after_response_ = true;
   const ConnectionAfterResponse keep =
       http_1_0_ ? ConnectionAfterResponse::kKeepAliveForHttp10 : ConnectionAfterResponse::kKeepAlive;
   std::string& header = io_.header_scratch();

@@ -34,6 +34,7 @@ class HttpServer::Impl {
   void Run();
   bool Stop(std::chrono::milliseconds deadline);
   std::uint16_t port(std::size_t index) const { return ports_.at(index); }
+  Status ReplaceCertificate(std::size_t index, const std::string& certificate_file, const std::string& key_file);
   ServerStats Stats() const;
   bool AreThreadsResponding(std::chrono::milliseconds timeout);
 
@@ -111,6 +112,19 @@ void HttpServer::Impl::CloseListeners() {
   closed.get_future().wait();
 }
 
+Status HttpServer::Impl::ReplaceCertificate(std::size_t index, const std::string& certificate_file,
+                                            const std::string& key_file) {
+  ListenerOptions options = shared_.options.listeners.at(index);
+  options.certificate_file = certificate_file;
+  options.key_file = key_file;
+  Result<TlsContext> tls = MakeTlsContext(options);
+  if (!tls) return tls.error();
+  const MutexLock lock(stop_mutex_);  // a stop destroys the acceptors
+  if (stopped_) return Error(ErrorCode::kUnavailable, "The server is stopping");
+  threads_.front()->Post([acceptor = acceptors_.at(index), tls = *std::move(tls)] { acceptor->ReplaceTls(tls); });
+  return {};
+}
+
 std::size_t HttpServer::Impl::Abort() {
   std::atomic<std::size_t> interrupted = 0;
   for (const auto& thread : threads_) thread->Post([&interrupted, io = thread.get()] { interrupted += io->Abort(); });
@@ -168,6 +182,11 @@ HttpServer::HttpServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 HttpServer::~HttpServer() = default;
 
 std::uint16_t HttpServer::port(std::size_t index) const { return impl_->port(index); }
+
+Status HttpServer::ReplaceCertificate(std::size_t index, const std::string& certificate_file,
+                                      const std::string& key_file) {
+  return impl_->ReplaceCertificate(index, certificate_file, key_file);
+}
 
 bool HttpServer::Stop(std::chrono::milliseconds deadline) { return impl_->Stop(deadline); }
 

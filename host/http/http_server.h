@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/base/certificate_times.h"
 #include "host/base/result.h"
 
 namespace vexa::http {
@@ -27,8 +28,11 @@ struct Peer {
   std::string address;  // numeric IP address; empty for a Unix socket
   uid_t uid = 0;        // Unix socket only: the peer's user id, from the kernel (SO_PEERCRED, unix(7))
   bool tls = false;
-  // TLS only: the common name of a client certificate that the listener's authority signed.
+  // Whether the listener serves only clients with a certificate that its authority signed. The client's: its common
+  // name, empty unless there is exactly one, and its validity, which may have ended since the handshake.
+  bool is_certified = false;
   std::string certificate_name;
+  CertificateTimes certificate_times;
 };
 
 struct HttpRequest {
@@ -58,6 +62,7 @@ struct HttpResponse {
   std::string content_type = "application/json";
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;  // additional fields; no CR or LF in either part
+  bool closes_connection = false;                            // this response is the last one
 };
 
 // Sends the one response of a request. Copyable; every copy belongs to the same request.
@@ -83,8 +88,9 @@ struct ListenerOptions {
   // TLS is used when the first two are set. Private keys that others may read are refused.
   std::string certificate_file;
   std::string key_file;
-  std::string client_authority_file;  // when set, a client may present a certificate signed by it; any other
-                                      // certificate fails the handshake
+  // When set, the listener speaks TLS 1.3 only, and the handshake fails unless the client presents a certificate that
+  // this authority signed. Otherwise no client is asked for a certificate.
+  std::string client_authority_file;
 };
 
 // Times are the longest that a client may take. A request that exceeds a limit gets the response of make_error: 408,
@@ -133,6 +139,10 @@ class HttpServer {
 
   // The port that listener `index` was bound to.
   std::uint16_t port(std::size_t index) const;
+
+  // Makes listener `index` use the certificate and the key in these files for new connections; existing ones
+  // continue. Errors: those of the start, and nothing has changed then; kUnavailable once the server is stopping.
+  Status ReplaceCertificate(std::size_t index, const std::string& certificate_file, const std::string& key_file);
 
   // Closes the listeners and idle connections, and lets requests in progress finish (with "Connection: close" in
   // their responses) for at most `deadline`; then closes the rest. True when nothing had to be cut off. Removes

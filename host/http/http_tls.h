@@ -18,7 +18,7 @@ using TlsContext = std::shared_ptr<SSL_CTX>;
 // match, a file cannot be parsed), kDenied (users other than the owner may read the key), kNotFound.
 Result<TlsContext> MakeTlsContext(const ListenerOptions& options);
 
-// The common name of the verified client certificate; "" when there is no certificate or not exactly one name.
-std::string VerifiedCommonName(SSL* ssl);
+// Fills in what is known of the client after the handshake: whether it had to present a certificate, and which.
+void ReadClientCertificate(SSL* ssl, Peer& peer);
 
 }  // namespace vexa::http

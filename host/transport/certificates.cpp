@@ -8,6 +8,7 @@
 #include <openssl/x509v3.h>
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "host/transport/host_id_form.h"
@@ -15,14 +16,15 @@
 namespace vexa::transport {
 namespace {
 
-constexpr long kClockSkewS = 3600;  // a host whose clock is slightly behind accepts a new certificate
-constexpr int kSerialBits = 159;    // positive, and at most 20 bytes (RFC 5280, 4.1.2.2)
+constexpr std::chrono::hours kAuthorityMargin{1};  // a host whose clock is slightly behind accepts a new authority
+constexpr int kSerialBits = 159;                   // positive, and at most 20 bytes (RFC 5280, 4.1.2.2)
 
 struct Free {
   void operator()(BIGNUM* number) const { BN_free(number); }
   void operator()(BIO* bio) const { BIO_free(bio); }
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
   void operator()(X509* certificate) const { X509_free(certificate); }
+  void operator()(X509_REQ* request) const { X509_REQ_free(request); }
   void operator()(X509_EXTENSION* extension) const { X509_EXTENSION_free(extension); }
 };
 template <class T>
@@ -63,11 +65,14 @@ bool SetSerial(X509* certificate) {
          BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)) != nullptr;
 }
 
+bool SetTime(ASN1_TIME* field, std::chrono::system_clock::time_point time) {
+  return ASN1_TIME_set(field, std::chrono::system_clock::to_time_t(time)) != nullptr;
+}
+
 // The validity ends no later than that of `issuer`; null: none.
-bool SetValidity(X509* certificate, const X509* issuer) {
-  const long lifetime = static_cast<long>(std::chrono::seconds(kCertificateLifetime).count());
-  if (!X509_gmtime_adj(X509_getm_notBefore(certificate), -kClockSkewS)) return false;
-  if (!X509_gmtime_adj(X509_getm_notAfter(certificate), lifetime)) return false;
+bool SetValidity(X509* certificate, const X509* issuer, const Validity& validity) {
+  if (!SetTime(X509_getm_notBefore(certificate), validity.begin)) return false;
+  if (!SetTime(X509_getm_notAfter(certificate), validity.begin + validity.lifetime)) return false;
   if (issuer == nullptr) return true;
   const ASN1_TIME* const end = X509_get0_notAfter(issuer);
   if (ASN1_TIME_compare(X509_get0_notAfter(certificate), end) <= 0) return true;
@@ -90,28 +95,58 @@ bool AddExtensions(X509* certificate, X509* issuer, const std::vector<Extension>
   return true;
 }
 
-// `issuer` null: self-signed.
-Result<Credentials> Make(const std::string& common_name, const Parsed* issuer,
-                         const std::vector<Extension>& extensions) {
+// Calls `write` with a BIO, and returns what it wrote. Empty when it fails.
+template <class Write>
+std::string PemOf(const BIO_METHOD* method, const Write& write) {
+  const Owned<BIO> bio(BIO_new(method));
+  return bio && write(bio.get()) == 1 ? TextOf(bio.get()) : std::string();
+}
+
+std::string PemOfKey(EVP_PKEY* key) {
+  return PemOf(BIO_s_secmem(), [key](BIO* bio) {
+    return PEM_write_bio_PKCS8PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+  });
+}
+
+// What a certificate says, and who signs it.
+struct Draft {
+  std::string common_name;
+  EVP_PKEY* key = nullptr;
+  const Parsed* issuer = nullptr;  // null: self-signed
+  Validity validity;
+  std::vector<Extension> extensions;
+};
+
+Result<std::string> Sign(const Draft& draft) {
+  const Owned<X509> certificate(X509_new());
+  if (!certificate) return OpenSslError("Cannot make a certificate");
+  X509* const signer = draft.issuer ? draft.issuer->certificate.get() : certificate.get();
+  EVP_PKEY* const signing_key = draft.issuer ? draft.issuer->key.get() : draft.key;
+  const bool made = X509_set_version(certificate.get(), X509_VERSION_3) == 1 && SetSerial(certificate.get()) &&
+                    SetValidity(certificate.get(), draft.issuer ? signer : nullptr, draft.validity) &&
+                    SetName(certificate.get(), draft.common_name) &&
+                    X509_set_issuer_name(certificate.get(), X509_get_subject_name(signer)) == 1 &&
+                    X509_set_pubkey(certificate.get(), draft.key) == 1 &&
+                    AddExtensions(certificate.get(), signer, draft.extensions) &&
+                    X509_sign(certificate.get(), signing_key, EVP_sha256()) > 0;
+  if (!made) return OpenSslError("Cannot make a certificate");
+  std::string text =
+      PemOf(BIO_s_mem(), [&certificate](BIO* bio) { return PEM_write_bio_X509(bio, certificate.get()); });
+  if (text.empty()) return OpenSslError("Cannot write a certificate");
+  return text;
+}
+
+// Makes the key as well.
+Result<Credentials> Make(Draft draft) {
   ERR_clear_error();
   const Owned<EVP_PKEY> key(EVP_EC_gen("P-256"));
-  const Owned<X509> certificate(X509_new());
-  if (!key || !certificate) return OpenSslError("Cannot make a key");
-  X509* const signer = issuer ? issuer->certificate.get() : certificate.get();
-  const bool made =
-      X509_set_version(certificate.get(), X509_VERSION_3) == 1 && SetSerial(certificate.get()) &&
-      SetValidity(certificate.get(), issuer ? signer : nullptr) && SetName(certificate.get(), common_name) &&
-      X509_set_issuer_name(certificate.get(), X509_get_subject_name(signer)) == 1 &&
-      X509_set_pubkey(certificate.get(), key.get()) == 1 && AddExtensions(certificate.get(), signer, extensions) &&
-      X509_sign(certificate.get(), issuer ? issuer->key.get() : key.get(), EVP_sha256()) > 0;
-  if (!made) return OpenSslError("Cannot make a certificate");
-  const Owned<BIO> certificate_text(BIO_new(BIO_s_mem()));
-  const Owned<BIO> key_text(BIO_new(BIO_s_secmem()));
-  if (!certificate_text || !key_text || PEM_write_bio_X509(certificate_text.get(), certificate.get()) != 1 ||
-      PEM_write_bio_PKCS8PrivateKey(key_text.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-    return OpenSslError("Cannot write a certificate");
-  }
-  return Credentials{TextOf(certificate_text.get()), TextOf(key_text.get())};
+  if (!key) return OpenSslError("Cannot make a key");
+  draft.key = key.get();
+  Result<std::string> certificate = Sign(draft);
+  if (!certificate) return certificate.error();
+  std::string key_text = PemOfKey(key.get());
+  if (key_text.empty()) return OpenSslError("Cannot write a key");
+  return Credentials{*std::move(certificate), std::move(key_text)};
 }
 
 Result<Parsed> ParseAuthority(const Credentials& authority) {
@@ -131,29 +166,86 @@ Result<Parsed> ParseAuthority(const Credentials& authority) {
   return parsed;
 }
 
-}  // namespace
-
-Result<Credentials> MakeAuthority() {
-  return Make("VEXA cluster authority", nullptr,
-              {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
-               {NID_key_usage, "critical,keyCertSign,cRLSign"},
-               {NID_subject_key_identifier, "hash"}});
-}
-
-Result<Credentials> MakeHostCredentials(const Credentials& authority, const std::string& host_id) {
+// Errors: those of MakeHostCredentials that do not come from making a key.
+Result<Draft> DraftOfHost(const Result<Parsed>& issuer, const std::string& host_id, const Validity& validity) {
   if (!IsHostId(host_id)) {
     return Error(ErrorCode::kInvalid,
                  "A host id consists of at most 63 letters, digits and inner hyphens, such as a UUID");
   }
-  const Result<Parsed> issuer = ParseAuthority(authority);
   if (!issuer) return issuer.error();
-  return Make(host_id, &*issuer,
-              {{NID_basic_constraints, "critical,CA:FALSE"},
-               {NID_key_usage, "critical,digitalSignature"},
-               {NID_ext_key_usage, "serverAuth,clientAuth"},
-               {NID_subject_alt_name, "DNS:" + host_id},
-               {NID_subject_key_identifier, "hash"},
-               {NID_authority_key_identifier, "keyid:always"}});
+  return Draft{.common_name = host_id,
+               .issuer = &*issuer,
+               .validity = validity,
+               .extensions = {{NID_basic_constraints, "critical,CA:FALSE"},
+                              {NID_key_usage, "critical,digitalSignature"},
+                              {NID_ext_key_usage, "serverAuth,clientAuth"},
+                              {NID_subject_alt_name, "DNS:" + host_id},
+                              {NID_subject_key_identifier, "hash"},
+                              {NID_authority_key_identifier, "keyid:always"}}};
+}
+
+// The public key in the request, whose sender has the private one; null otherwise. Keys of other kinds than our own are
+// refused before they are used: some take a long time to verify.
+Owned<EVP_PKEY> KeyOfRequest(const std::string& request) {
+  if (request.size() > kMaxRequestBytes) return nullptr;
+  const Owned<X509_REQ> parsed(PEM_read_bio_X509_REQ(BioOf(request).get(), nullptr, &NoPassword, nullptr));
+  if (!parsed) return nullptr;
+  Owned<EVP_PKEY> key(X509_REQ_get_pubkey(parsed.get()));
+  char group[32] = {};
+  const bool is_ours = key && EVP_PKEY_is_a(key.get(), "EC") == 1 &&
+                       EVP_PKEY_get_group_name(key.get(), group, sizeof group, nullptr) == 1 &&
+                       std::string_view(group) == SN_X9_62_prime256v1;
+  if (!is_ours || X509_REQ_verify(parsed.get(), key.get()) != 1) return nullptr;
+  return key;
+}
+
+}  // namespace
+
+Result<Credentials> MakeAuthority() {
+  return Make({.common_name = "VEXA cluster authority",
+               .validity = {std::chrono::system_clock::now() - kAuthorityMargin, kAuthorityLifetime + kAuthorityMargin},
+               .extensions = {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
+                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                              {NID_subject_key_identifier, "hash"}}});
+}
+
+Status CheckAuthority(const Credentials& authority) {
+  const Result<Parsed> parsed = ParseAuthority(authority);
+  return parsed ? Status() : parsed.error();
+}
+
+Result<Credentials> MakeHostCredentials(const Credentials& authority, const std::string& host_id,
+                                        const Validity& validity) {
+  const Result<Parsed> issuer = ParseAuthority(authority);
+  Result<Draft> draft = DraftOfHost(issuer, host_id, validity);
+  if (!draft) return draft.error();
+  return Make(*std::move(draft));
+}
+
+Result<SigningRequest> MakeSigningRequest() {
+  ERR_clear_error();
+  const Owned<EVP_PKEY> key(EVP_EC_gen("P-256"));
+  const Owned<X509_REQ> request(X509_REQ_new());
+  const bool made = key && request && X509_REQ_set_version(request.get(), X509_REQ_VERSION_1) == 1 &&
+                    X509_REQ_set_pubkey(request.get(), key.get()) == 1 &&
+                    X509_REQ_sign(request.get(), key.get(), EVP_sha256()) > 0;
+  if (!made) return OpenSslError("Cannot make a request for a certificate");
+  SigningRequest result{PemOf(BIO_s_mem(), [&request](BIO* bio) { return PEM_write_bio_X509_REQ(bio, request.get()); }),
+                        PemOfKey(key.get())};
+  if (result.request.empty() || result.key.empty()) return OpenSslError("Cannot write a request for a certificate");
+  return result;
+}
+
+Result<std::string> SignHostCertificate(const Credentials& authority, const std::string& request,
+                                        const std::string& host_id, const Validity& validity) {
+  const Result<Parsed> issuer = ParseAuthority(authority);
+  Result<Draft> draft = DraftOfHost(issuer, host_id, validity);
+  if (!draft) return draft.error();
+  const Owned<EVP_PKEY> key = KeyOfRequest(request);
+  ERR_clear_error();
+  if (!key) return Error(ErrorCode::kInvalid, "The request for a certificate is not valid");
+  draft->key = key.get();
+  return Sign(*draft);
 }
 
 }  // namespace vexa::transport

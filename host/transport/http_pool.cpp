@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <new>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -37,7 +38,7 @@ std::thread TryStart(const std::function<void()>& body) {
 
 class HttpPool::Impl {
  public:
-  explicit Impl(std::optional<TlsMaterial> tls) : tls_(std::move(tls)) {
+  explicit Impl(std::shared_ptr<const TlsMaterial> tls) : tls_(std::move(tls)) {
     static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (initialised != CURLE_OK) return;
     loop_.emplace();
@@ -57,6 +58,11 @@ class HttpPool::Impl {
     const MutexLock lock(mutex_);
     stopping_ = true;
     if (thread_.joinable()) loop_->Wake();
+  }
+
+  void ReplaceTls(std::shared_ptr<const TlsMaterial> tls) {
+    const MutexLock lock(mutex_);
+    tls_.swap(tls);
   }
 
   void Start(HttpCall call, Done done) {
@@ -94,26 +100,28 @@ class HttpPool::Impl {
   // Starts the calls that callers have queued. False: stop.
   bool TakeQueued() {
     Transfers taken;
+    std::shared_ptr<const TlsMaterial> tls;
     bool stopping = false;
     {
       const MutexLock lock(mutex_);
       taken.swap(queue_);
+      tls = tls_;
       stopping = stopping_;
     }
     for (auto& transfer : taken) {
       if (stopping) {
         transfer->Fail("this host is stopping");
       } else {
-        Begin(std::move(transfer));
+        Begin(std::move(transfer), tls);
       }
     }
     return !stopping;
   }
 
-  void Begin(std::unique_ptr<HttpTransfer> transfer) {
+  void Begin(std::unique_ptr<HttpTransfer> transfer, const std::shared_ptr<const TlsMaterial>& tls) {
     HttpTransfer& started = *transfer;
     try {
-      if (!started.Prepare(tls_ ? &*tls_ : nullptr)) return started.Fail("it cannot be called");
+      if (!started.Prepare(tls)) return started.Fail("it cannot be called");
       active_.try_emplace(started.handle());
     } catch (const std::bad_alloc&) {
       return started.Fail("no memory for a connection");
@@ -136,18 +144,20 @@ class HttpPool::Impl {
     }
   }
 
-  const std::optional<TlsMaterial> tls_;
   std::optional<CurlLoop> loop_;  // not set: it could not be created
   Mutex mutex_;
+  std::shared_ptr<const TlsMaterial> tls_ VEXA_GUARDED_BY(mutex_);
   std::thread thread_ VEXA_GUARDED_BY(mutex_);
   Transfers queue_ VEXA_GUARDED_BY(mutex_);
   bool stopping_ VEXA_GUARDED_BY(mutex_) = false;
   std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // used by the thread only
 };
 
-HttpPool::HttpPool(std::optional<TlsMaterial> tls) : impl_(std::make_unique<Impl>(std::move(tls))) {}
+HttpPool::HttpPool(std::shared_ptr<const TlsMaterial> tls) : impl_(std::make_unique<Impl>(std::move(tls))) {}
 
 HttpPool::~HttpPool() = default;
+
+void HttpPool::ReplaceTls(std::shared_ptr<const TlsMaterial> tls) { impl_->ReplaceTls(std::move(tls)); }
 
 void HttpPool::Stop() { impl_->Stop(); }
 

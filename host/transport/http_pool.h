@@ -4,7 +4,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,13 +46,16 @@ class HttpPool {
   using Done = std::function<void(HttpOutcome)>;
 
   // Without `tls` it uses plain HTTP: for tests.
-  explicit HttpPool(std::optional<TlsMaterial> tls);
+  explicit HttpPool(std::shared_ptr<const TlsMaterial> tls);
   // Fails the calls under way first.
   ~HttpPool();
   HttpPool(const HttpPool&) = delete;
   HttpPool& operator=(const HttpPool&) = delete;
 
   void Start(HttpCall call, Done done);
+
+  // For the connections of later calls. Connections with the previous certificate are not used for them.
+  void ReplaceTls(std::shared_ptr<const TlsMaterial> tls);
 
   // Fails the calls under way; later ones fail immediately. Does not wait.
   void Stop();

@@ -55,7 +55,8 @@ HttpTransfer::~HttpTransfer() {
   curl_slist_free_all(connect_to_);
 }
 
-bool HttpTransfer::Prepare(const TlsMaterial* tls) {
+bool HttpTransfer::Prepare(std::shared_ptr<const TlsMaterial> tls) {
+  tls_ = std::move(tls);
   const auto left = std::chrono::duration_cast<milliseconds>(call_.deadline - std::chrono::steady_clock::now());
   const auto refuse = [this](const char* why) {
     refusal_ = why;
@@ -71,9 +72,9 @@ bool HttpTransfer::Prepare(const TlsMaterial* tls) {
       Append(connect_to_, ("::" + call_.address).c_str());
   if (!made) return refuse("no memory for a connection");
   const std::string port = call_.address.substr(call_.address.rfind(':'));
-  Set(CURLOPT_URL, ((tls ? "https://" : "http://") + call_.host_id + port + call_.path).c_str());
+  Set(CURLOPT_URL, ((tls_ ? "https://" : "http://") + call_.host_id + port + call_.path).c_str());
   Set(CURLOPT_CONNECT_TO, connect_to_);
-  Set(CURLOPT_PROTOCOLS_STR, tls ? "https" : "http");
+  Set(CURLOPT_PROTOCOLS_STR, tls_ ? "https" : "http");
   Set(CURLOPT_PATH_AS_IS, 1L);
   Set(CURLOPT_FOLLOWLOCATION, 0L);
   Set(CURLOPT_PROXY, "");
@@ -84,7 +85,7 @@ bool HttpTransfer::Prepare(const TlsMaterial* tls) {
   Set(CURLOPT_ERRORBUFFER, reason_.data());
   SetTimeouts(left);
   SetBody();
-  if (tls) SetTls(*tls);
+  if (tls_) SetTls(*tls_);
   return true;
 }
 

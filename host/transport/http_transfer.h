@@ -20,8 +20,8 @@ class HttpTransfer {
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
   // Sets everything up for curl_multi_add_handle. False: no memory, no time left, or an invalid address; call Fail()
-  // then. `tls` is null for plain HTTP; otherwise it must outlive the transfer.
-  bool Prepare(const TlsMaterial* tls);
+  // then. `tls` is null for plain HTTP.
+  bool Prepare(std::shared_ptr<const TlsMaterial> tls);
   CURL* handle() const { return handle_; }
 
   // Each ends the transfer and calls `done`, even when memory runs out. Exactly one of them may be called, once. A
@@ -46,6 +46,7 @@ class HttpTransfer {
 
   HttpCall call_;
   HttpPool::Done done_;
+  std::shared_ptr<const TlsMaterial> tls_;  // libcurl does not copy it
   CURL* handle_ = nullptr;
   curl_slist* fields_ = nullptr;
   curl_slist* connect_to_ = nullptr;

@@ -6,6 +6,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include <memory>
 #include <string_view>
@@ -13,6 +14,7 @@
 
 #include "host/base/files.h"
 #include "host/base/private_file.h"
+#include "host/base/time_text.h"
 
 namespace vexa::transport {
 namespace {
@@ -78,7 +80,8 @@ int ExpectedNameIndex() {
 
 // Called for each certificate of the chain; the host's own is at depth 0.
 int VerifyCallback(int verified, X509_STORE_CTX* context) {
-  if (verified != 1 || X509_STORE_CTX_get_error_depth(context) != 0) return verified;
+  if (verified != 1) return AcceptWithinClockTolerance(context);
+  if (X509_STORE_CTX_get_error_depth(context) != 0) return 1;
   const auto* const ssl =
       static_cast<const SSL*>(X509_STORE_CTX_get_ex_data(context, SSL_get_ex_data_X509_STORE_CTX_idx()));
   const auto* const expected =
@@ -90,7 +93,10 @@ int VerifyCallback(int verified, X509_STORE_CTX* context) {
 
 }  // namespace
 
-TlsMaterial::~TlsMaterial() { OPENSSL_cleanse(key.data(), key.size()); }
+TlsMaterial::~TlsMaterial() {
+  OPENSSL_cleanse(key.data(), key.size());
+  OPENSSL_cleanse(certificate.data(), certificate.size());
+}
 
 Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files) {
   Result<std::string> certificate = ReadFile(files.certificate, kMaxFileBytes);
@@ -110,6 +116,31 @@ Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files) {
 bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id) {
   const Certificate certificate = ParseCertificate(material.certificate);
   return certificate && HasCommonName(certificate.get(), host_id);
+}
+
+Status CheckTlsMaterial(const TlsMaterial& material, const std::string& host_id,
+                        std::chrono::system_clock::time_point now) {
+  const Certificate certificate = ParseCertificate(material.certificate);
+  const Certificate authority = ParseCertificate(material.authority);
+  const Key key(PEM_read_bio_PrivateKey(BioOf(material.key).get(), nullptr, &NoPassword, nullptr));
+  const bool is_signed = certificate && authority && X509_check_ca(authority.get()) == 1 &&
+                         X509_check_issued(authority.get(), certificate.get()) == X509_V_OK &&
+                         X509_verify(certificate.get(), X509_get0_pubkey(authority.get())) == 1;
+  const bool has_key = certificate && key && X509_check_private_key(certificate.get(), key.get()) == 1;
+  ERR_clear_error();
+  const auto refuse = [](std::string why) { return Error(ErrorCode::kInvalid, std::move(why)); };
+  if (!is_signed) return refuse("it is not signed by the cluster's authority");
+  if (!has_key) return refuse("it does not belong to the key");
+  if (!HasCommonName(certificate.get(), host_id)) return refuse("it is not the certificate of this host");
+  const CertificateTimes times = vexa::TimesOf(certificate.get());
+  if (times.HasExpired(now)) return refuse(fmt::format("it expired on {}", FormatUtcTime(times.not_after)));
+  if (!times.IsFromFuture(now)) return {};
+  return refuse(fmt::format("it is valid only from {}: a clock is wrong", FormatUtcTime(times.not_before)));
+}
+
+CertificateTimes TimesOf(const TlsMaterial& material) {
+  const Certificate certificate = ParseCertificate(material.certificate);
+  return certificate ? vexa::TimesOf(certificate.get()) : CertificateTimes();
 }
 
 bool RequireCommonName(void* ssl_context, const std::string& host_id) {

@@ -1,8 +1,10 @@
 // This host's identity towards the others, and the authority that it trusts.
 #pragma once
 
+#include <chrono>
 #include <string>
 
+#include "host/base/certificate_times.h"
 #include "host/base/result.h"
 
 namespace vexa::transport {
@@ -13,7 +15,8 @@ struct TlsFiles {
   std::string authority;    // PEM; signs the certificates of all hosts
 };
 
-// The contents of TlsFiles, read once, so that a new connection does not read files. The destructor wipes the key.
+// The contents of TlsFiles, read once, so that a new connection does not read files. The destructor wipes the key, and
+// the certificate as well, because one file may contain both.
 struct TlsMaterial {
   TlsMaterial() = default;
   ~TlsMaterial();
@@ -32,8 +35,16 @@ Result<TlsMaterial> LoadTlsMaterial(const TlsFiles& files);
 // Whether the certificate's only common name is `host_id`.
 bool IsCertificateOf(const TlsMaterial& material, const std::string& host_id);
 
+// Whether other hosts accept the certificate at this time. kInvalid, with the reason, when it cannot be parsed, is not
+// that of `host_id`, is not signed by the authority, does not belong to the key, has expired or is from the future.
+Status CheckTlsMaterial(const TlsMaterial& material, const std::string& host_id,
+                        std::chrono::system_clock::time_point now);
+
+CertificateTimes TimesOf(const TlsMaterial& material);
+
 // Makes every handshake of `ssl_context` (an SSL_CTX*) accept only a verified certificate whose only common name is
-// `host_id`, in addition to the existing checks. False: out of memory.
+// `host_id`, in addition to the existing checks. The certificate may begin a little later than this host's time; see
+// AcceptWithinClockTolerance. False: out of memory.
 bool RequireCommonName(void* ssl_context, const std::string& host_id);
 
 }  // namespace vexa::transport

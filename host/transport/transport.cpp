@@ -93,11 +93,23 @@ class OutcomeQueue {
   std::vector<Entry> taken_;  // used by the caller
 };
 
+// Also checks that the certificate is that of the host.
+Result<std::shared_ptr<const TlsMaterial>> LoadTlsOf(const std::string& host_id, const TlsFiles& files) {
+  Result<TlsMaterial> loaded = LoadTlsMaterial(files);
+  if (!loaded) return loaded.error();
+  if (!IsCertificateOf(*loaded, host_id)) {
+    return Error(ErrorCode::kInvalid,
+                 fmt::format("'{}' is not the certificate of this host, '{}'. 'vexa cluster certificate' makes one",
+                             files.certificate, host_id));
+  }
+  return std::shared_ptr<const TlsMaterial>(std::make_shared<TlsMaterial>(std::move(*loaded)));
+}
+
 }  // namespace
 
 class Transport::Impl {
  public:
-  Impl(TransportOptions options, std::optional<TlsMaterial> tls)
+  Impl(TransportOptions options, std::shared_ptr<const TlsMaterial> tls)
       : options_(std::move(options)), breaker_(std::make_shared<Breaker>()), pool_(std::move(tls)) {}
 
   void Call(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request,
@@ -139,6 +151,16 @@ class Transport::Impl {
     // Called on this thread, which would otherwise only wait.
     if (local) replies[*local] = CallLocal(request, deadline);
     Collect(host_ids, *outcomes, waiting, replies);
+  }
+
+  Status ReplaceTls(const TlsFiles& files) {
+    if (options_.remote != TransportOptions::Remote::kTls) {
+      return Error(ErrorCode::kInvalid, "This host is not set up to call others");
+    }
+    auto tls = LoadTlsOf(options_.host_id, files);
+    if (!tls) return tls.error();
+    pool_.ReplaceTls(*std::move(tls));
+    return {};
   }
 
   void StopRemote() { pool_.Stop(); }
@@ -220,16 +242,11 @@ Transport::Transport(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Transport::~Transport() = default;
 
 Result<std::shared_ptr<Transport>> Transport::Make(TransportOptions options) {
-  std::optional<TlsMaterial> tls;
+  std::shared_ptr<const TlsMaterial> tls;
   if (options.remote == TransportOptions::Remote::kTls) {
-    Result<TlsMaterial> loaded = LoadTlsMaterial(options.tls);
+    auto loaded = LoadTlsOf(options.host_id, options.tls);
     if (!loaded) return loaded.error();
-    if (!IsCertificateOf(*loaded, options.host_id)) {
-      return Error(ErrorCode::kInvalid,
-                   fmt::format("'{}' is not the certificate of this host, '{}'. 'vexa cluster certificate' makes one",
-                               options.tls.certificate, options.host_id));
-    }
-    tls.emplace(std::move(*loaded));
+    tls = *std::move(loaded);
   }
   return std::shared_ptr<Transport>(new Transport(std::make_unique<Impl>(std::move(options), std::move(tls))));
 }
@@ -246,6 +263,8 @@ std::vector<Json::Value> Transport::Call(const std::vector<std::string>& host_id
   RecordUnanswered(host_ids, replies);
   return replies;
 }
+
+Status Transport::ReplaceTls(const TlsFiles& files) { return impl_->ReplaceTls(files); }
 
 void Transport::StopRemote() { impl_->StopRemote(); }
 

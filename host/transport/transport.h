@@ -55,6 +55,10 @@ class Transport {
   // snapshot of the store is held while waiting.
   std::vector<Json::Value> Call(const std::vector<std::string>& host_ids, const VexaDRCore::Request& request);
 
+  // Uses the certificate in these files from now on; calls under way continue with the previous one. Errors: those of
+  // Make, and kInvalid when other hosts cannot be called. After an error nothing has changed.
+  Status ReplaceTls(const TlsFiles& files);
+
   // Fails the requests to other hosts that are under way; later ones fail immediately. Does not wait.
   void StopRemote();
 

@@ -33,18 +33,54 @@ TEST_F(DispatcherWithoutServer, MetricsFromAnotherMachine_NeedAnAdministrator) {
 }
 
 TEST_F(DispatcherWithoutServer, OtherHost_MayCallTheMethodsOfHostsOnly) {
-  vexa::http::HttpRequest request = Request("POST", "/webapi/T/user", "");
-  request.peer.certificate_name = "host-2";
-  EXPECT_EQ(Send(std::move(request)), 403);
-  request = Request("POST", "/webapi/T/host", "");
-  request.peer.certificate_name = "host-2";
-  EXPECT_EQ(Send(std::move(request)), 200);
+  for (const char* target : {"/webapi/T/user", "/webapi/T/anyone"}) {
+    EXPECT_EQ(Send(FromHost(Request("POST", target, ""), "host-2")), 403) << target;
+  }
+  EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", ""), "host-2")), 200);
+  for (const char* page : {"/healthz", "/metrics", "/openapi.json"}) {
+    EXPECT_EQ(Send(FromHost(Request("GET", page, ""), "host-2")), 404) << page;
+  }
 }
 
-TEST_F(DispatcherWithoutServer, InvalidToken_WithCertificate_IsRefused) {
-  vexa::http::HttpRequest request = Request("POST", "/webapi/T/host", "x");
-  request.peer.certificate_name = "host-2";
+TEST_F(DispatcherWithoutServer, CertificateOnListenerForUsers_GrantsNothing) {
+  vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), "host-2");
+  request.peer.is_certified = false;
   EXPECT_EQ(Send(std::move(request)), 401);
+}
+
+TEST_F(DispatcherWithoutServer, CertificateThatCannotCall_IsRefusedAndTheConnectionCloses) {
+  const auto now = std::chrono::system_clock::now();
+  const struct {
+    const char* host_id;
+    vexa::CertificateTimes times;
+  } rows[] = {{"host-3", {now - std::chrono::hours(1), now + std::chrono::hours(1)}},
+              {"", {now - std::chrono::hours(1), now + std::chrono::hours(1)}},
+              {"host-2", {now - std::chrono::hours(2), now - std::chrono::hours(1)}},
+              {"host-2", {now + std::chrono::hours(2), now + std::chrono::hours(3)}}};
+  for (const auto& row : rows) {
+    vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), row.host_id);
+    request.peer.certificate_times = row.times;
+    EXPECT_EQ(Send(std::move(request)), 403) << row.host_id;
+    EXPECT_TRUE(closed_connection_) << row.host_id;
+  }
+  EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", ""), "host-2")), 200);
+  EXPECT_FALSE(closed_connection_);
+}
+
+TEST_F(DispatcherWithoutServer, CertificateOfNoMember_HasTheLimitsOfStrangers) {
+  const auto body_limit = [this](const char* host_id) {
+    vexa::http::HttpRequest request = FromHost(Request("POST", "/webapi/T/host", ""), host_id);
+    EXPECT_FALSE(dispatcher_->OnHeader(request)) << host_id;
+    return request.body_limit;
+  };
+  EXPECT_EQ(body_limit("host-2"), vexa::api::kDefaultBodyBytes);
+  EXPECT_EQ(body_limit("host-3"), std::size_t{16} * 1024);
+}
+
+TEST_F(DispatcherWithoutServer, Token_WithCertificate_IsRefused) {
+  for (const std::string& token : {std::string("x"), TokenOf("admin", {"administrators"})}) {
+    EXPECT_EQ(Send(FromHost(Request("POST", "/webapi/T/host", token), "host-2")), 401);
+  }
 }
 
 // An exception outside of the handler, such as std::bad_alloc, ended the process.

@@ -17,6 +17,7 @@
 #include "host/api/dispatcher.h"
 #include "host/cluster/account_store.h"
 #include "host/http/http_mailbox.h"
+#include "host/records/member_list.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/temp_dir.h"
 
@@ -30,7 +31,9 @@ class BareDispatcher : public testing::Test {
     store_ = store::OpenLmdbStore(options).value();
     accounts_ = std::make_unique<cluster::AccountStore>(store_);
     sessions_ = session::SessionTable::Open(folder_.File("sessions.json"), {}).value();
-    identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_);
+    EXPECT_TRUE(store_->Commit({{}, {{"/host_claim/host-2", "{}"}}}).ok());
+    members_ = std::make_unique<records::MemberList>(store_);
+    identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_, members_.get());
     api::Dispatcher::Parts parts;
     parts.table = &table_;
     parts.identity = identity_.get();
@@ -65,19 +68,32 @@ class BareDispatcher : public testing::Test {
 
   // A call of another host.
   http::HttpRequest HostRequest(const std::string& target, const std::string& host, const std::string& acts_for) const {
-    http::HttpRequest request = Request("POST", target, "");
-    request.peer.certificate_name = host;
+    http::HttpRequest request = FromHost(Request("POST", target, ""), host);
     request.acts_for = acts_for;
+    return request;
+  }
+
+  // On a listener for hosts, with a certificate that was issued a minute ago.
+  static http::HttpRequest FromHost(http::HttpRequest request, const std::string& host_id) {
+    const auto now = std::chrono::system_clock::now();
+    request.peer.is_certified = true;
+    request.peer.certificate_name = host_id;
+    request.peer.certificate_times = {now - std::chrono::minutes(1), now + std::chrono::hours(1)};
     return request;
   }
 
   // The status of the response; 0 when the request was dropped without a response, for which the server sends 500.
   int Send(http::HttpRequest request) {
-    if (const auto refusal = dispatcher_->OnHeader(request)) return refusal->status;
+    if (const auto refusal = dispatcher_->OnHeader(request)) {
+      closed_connection_ = refusal->closes_connection;
+      return refusal->status;
+    }
     int status = -1;
     boost::asio::io_context context;
-    const auto mailbox = std::make_shared<http::Mailbox>(
-        context, [&](http::PendingResponse&& pending) { status = pending.response ? pending.response->status : 0; });
+    const auto mailbox = std::make_shared<http::Mailbox>(context, [&](http::PendingResponse&& pending) {
+      status = pending.response ? pending.response->status : 0;
+      closed_connection_ = pending.response && pending.response->closes_connection;
+    });
     const auto busy = boost::asio::make_work_guard(context);
     dispatcher_->OnRequest(std::move(request), http::Responder(std::make_shared<http::Responder::Impl>(mailbox, 0, 0)));
     while (status == -1 && context.run_one_for(std::chrono::seconds(30)) > 0) {
@@ -99,6 +115,7 @@ class BareDispatcher : public testing::Test {
   std::shared_ptr<store::Store> store_;
   std::unique_ptr<cluster::AccountStore> accounts_;
   std::unique_ptr<session::SessionTable> sessions_;
+  std::unique_ptr<records::MemberList> members_;
   std::unique_ptr<api::Identity> identity_;
   api::ApiTable table_;
   api::Metrics metrics_{table_};
@@ -106,6 +123,7 @@ class BareDispatcher : public testing::Test {
   Lane hosts_{HostLimits()};
   std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
   std::string address_ = "192.0.2.1";
+  bool closed_connection_ = false;  // by the last response
   std::unique_ptr<api::Dispatcher> dispatcher_;
 };
 

@@ -58,6 +58,9 @@ class HttpClient::Impl {
     if (!target_.ca_file.empty()) Set(CURLOPT_CAINFO, target_.ca_file.c_str());
     if (!target_.certificate_file.empty()) Set(CURLOPT_SSLCERT, target_.certificate_file.c_str());
     if (!target_.key_file.empty()) Set(CURLOPT_SSLKEY, target_.key_file.c_str());
+    curl_slist* addresses = nullptr;
+    if (!target_.connect_to.empty()) addresses = curl_slist_append(addresses, ("::" + target_.connect_to).c_str());
+    Set(CURLOPT_CONNECT_TO, addresses);
     if (method == "GET") {
       Set(CURLOPT_HTTPGET, 1L);
     } else if (method == "HEAD") {
@@ -76,6 +79,7 @@ class HttpClient::Impl {
 
     const CURLcode code = curl_easy_perform(handle_);
     curl_slist_free_all(lines);
+    curl_slist_free_all(addresses);
     long status = 0;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
     reply.status = static_cast<int>(status);

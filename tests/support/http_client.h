@@ -15,6 +15,7 @@ struct HttpTarget {
   std::string ca_file;           // https: trusted authorities
   std::string certificate_file;  // https: the client's own
   std::string key_file;
+  std::string connect_to;  // "address:port" to connect to instead of that of the URL, whose host's name still counts
 };
 
 struct HttpReply {

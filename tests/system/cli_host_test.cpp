@@ -7,8 +7,10 @@ namespace {
 constexpr const char* kHost = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
 
 const std::string kHosts = R"({"success":true,"data":{"hosts":[
-  {"host_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","name":"one","state":"running","version_state":"version_matched"},
-  {"host_id":"h2","name":"tw\u001b[31mo","state":"inaccessible","version_state":"upgrade_required"},
+  {"host_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","name":"one","state":"running","version_state":"version_matched",
+   "certificate":"ok"},
+  {"host_id":"h2","name":"tw\u001b[31mo","state":"inaccessible","version_state":"upgrade_required",
+   "certificate":"expiring"},
   {"host_id":"h3","name":"twin","state":"running"},{"host_id":"h4","name":"twin","state":"running"}, 7, null]}})";
 
 const std::string kOne = R"({"success":true,"data":{"host_id":"8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8","name":"one",
@@ -25,8 +27,8 @@ TEST_F(Host, List_HostileTexts_AreSafeForTerminal) {
   const auto result = RunOn(server, {"host", "list"});
   EXPECT_EQ(result.exit_code, 0) << result.errors;
   EXPECT_THAT(result.output,
-              AllOf(StartsWith("HOST "), HasSubstr("  one          running       version_matched\n"),
-                    HasSubstr("  tw\\x1b[31mo  inaccessible  upgrade_required\n"), Not(HasSubstr("\x1b"))));
+              AllOf(StartsWith("HOST "), HasSubstr("  one          running       version_matched   ok\n"),
+                    HasSubstr("  tw\\x1b[31mo  inaccessible  upgrade_required  expiring\n"), Not(HasSubstr("\x1b"))));
 }
 
 TEST_F(Host, Show_Name_RequestsIdOfThatHost) {

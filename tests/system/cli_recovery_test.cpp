@@ -1,4 +1,5 @@
-// vexa guest recover and vexa host forget: names are resolved to ids, and only explicit confirmations are sent.
+// vexa guest recover, vexa host forget and vexa host revoke: names are resolved to ids, and only explicit confirmations
+// are sent.
 #include "tests/system/cli_api_host.h"
 #include "tests/system/cli_program.h"
 
@@ -55,6 +56,16 @@ TEST_F(Recovery, Recover_UnknownGuest_SendsNothing) {
   EXPECT_NE(result.exit_code, 0);
   EXPECT_THAT(result.errors, HasSubstr("mail"));
   EXPECT_EQ(host.Count("recover"), 0);
+}
+
+TEST_F(Recovery, Revoke_HostName_SendsItsId) {
+  const ApiHost host(Answers());
+  const auto result = RunProcess(ProgramOn(host, {"host", "revoke", "nas-1"}));
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("refuse the certificates of the host 'nas-1'"));
+  EXPECT_THAT(host.calls(), Contains(std::string(R"(revoke {"host_id":")") + kDown + "\"}"));
+  EXPECT_NE(RunProcess(ProgramOn(host, {"host", "revoke", "nas-9"})).exit_code, 0);
+  EXPECT_EQ(host.Count("revoke"), 1);
 }
 
 TEST_F(Recovery, Forget_HostName_SendsItsId) {

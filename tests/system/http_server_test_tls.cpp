@@ -33,15 +33,21 @@ struct Identity {
   std::unique_ptr<X509, Free> certificate;
 };
 
+// From now, in seconds.
+struct Validity {
+  long begin = -3600;
+  long end = 3600;
+};
+
 // Signed by `issuer`, or by itself and then an authority.
-Identity MakeIdentity(const std::string& name, const Identity* issuer) {
+Identity MakeIdentity(const std::string& name, const Identity* issuer, Validity validity = {}) {
   static long serial = 1;
   Identity made{std::unique_ptr<EVP_PKEY, Free>(EVP_EC_gen("P-256")), std::unique_ptr<X509, Free>(X509_new())};
   X509* const certificate = made.certificate.get();
   X509_set_version(certificate, 2);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate), serial++);
-  X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
+  X509_gmtime_adj(X509_getm_notBefore(certificate), validity.begin);
+  X509_gmtime_adj(X509_getm_notAfter(certificate), validity.end);
   X509_set_pubkey(certificate, made.key.get());
   const auto* const text = reinterpret_cast<const unsigned char*>(name.data());
   X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8, text,
@@ -87,11 +93,17 @@ class Tls : public testing::Test {
     ListenerOptions listener;
     listener.certificate_file = folder_ + "/server.pem";
     listener.key_file = folder_ + "/server.key";
-    listener.client_authority_file = folder_ + "/authority.pem";
     return listener;
   }
   std::function<void(ServerOptions&)> WithTls() const {
     return [this](ServerOptions& options) { options.listeners[0] = Listener(); };
+  }
+  // Serves only clients with a certificate.
+  std::function<void(ServerOptions&)> WithCertificates() const {
+    return [this](ServerOptions& options) {
+      options.listeners[0] = Listener();
+      options.listeners[0].client_authority_file = folder_ + "/authority.pem";
+    };
   }
 
   std::string folder_;
@@ -169,38 +181,83 @@ TEST_F(Tls, Request_NoClientCertificate_IsServedWithoutName) {
   }
 }
 
-TEST_F(Tls, Request_ClientCertificate_HandlerGetsItsName) {
-  TestServer server(WithTls());
-  const Identity host = MakeIdentity("host-b", &authority_);
-  for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-    TlsClient client(server.port(), &host, version);
-    EXPECT_NE(client.Ask("/a").find("GET /a "), std::string::npos);
-    EXPECT_EQ(server.last_request()->peer.certificate_name, "host-b");
-  }
-}
-
-TEST_F(Tls, Listener_NoAuthority_IgnoresClientCertificates) {
-  TestServer server([&](ServerOptions& options) {
-    options.listeners[0] = Listener();
-    options.listeners[0].client_authority_file.clear();
-  });
+TEST_F(Tls, Request_ClientCertificate_HandlerGetsNameAndValidity) {
+  TestServer server(WithCertificates());
   const Identity host = MakeIdentity("host-b", &authority_);
   TlsClient client(server.port(), &host);
   EXPECT_NE(client.Ask("/a").find("GET /a "), std::string::npos);
+  const Peer& peer = server.last_request()->peer;
+  EXPECT_TRUE(peer.is_certified);
+  EXPECT_EQ(peer.certificate_name, "host-b");
+  EXPECT_EQ(peer.certificate_times.not_after - peer.certificate_times.not_before, std::chrono::hours(2));
+}
+
+TEST_F(Tls, Listener_NoAuthority_IgnoresClientCertificates) {
+  TestServer server(WithTls());
+  const Identity host = MakeIdentity("host-b", &authority_);
+  TlsClient client(server.port(), &host);
+  EXPECT_NE(client.Ask("/a").find("GET /a "), std::string::npos);
+  EXPECT_FALSE(server.last_request()->peer.is_certified);
   EXPECT_EQ(server.last_request()->peer.certificate_name, "");
 }
 
-TEST_F(Tls, Handshake_ForeignAuthority_Fails) {
-  TestServer server(WithTls());
-  const Identity stranger = MakeIdentity("host-b", &foreign_authority_);
-  const Identity self_signed = MakeIdentity("host-b", nullptr);
-  for (const Identity* identity : {&stranger, &self_signed}) {
-    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-      TlsClient client(server.port(), identity, version);
-      EXPECT_EQ(client.Ask("/a"), "");
-    }
-  }
+TEST_F(Tls, CertifiedListener_WithoutAcceptableCertificate_EndsTheHandshake) {
+  TestServer server(WithCertificates());
+  const Identity rows[] = {MakeIdentity("host-b", &foreign_authority_), MakeIdentity("host-b", nullptr),
+                           MakeIdentity("host-b", &authority_, {-7200, -3600}),  // has expired
+                           MakeIdentity("host-b", &authority_, {3700, 7200})};   // from the future
+  for (const Identity& identity : rows) EXPECT_EQ(TlsClient(server.port(), &identity).Ask("/a"), "");
+  EXPECT_EQ(TlsClient(server.port(), nullptr).Ask("/a"), "");
   EXPECT_FALSE(server.last_request());
+}
+
+// The clock of the machine that made it is a little ahead.
+TEST_F(Tls, CertifiedListener_CertificateBeginsWithinTheHour_IsAccepted) {
+  TestServer server(WithCertificates());
+  const Identity host = MakeIdentity("host-b", &authority_, {3000, 7200});
+  EXPECT_NE(TlsClient(server.port(), &host).Ask("/a").find("GET /a "), std::string::npos);
+  EXPECT_EQ(server.last_request()->peer.certificate_name, "host-b");
+}
+
+TEST_F(Tls, CertifiedListener_Tls12_IsRefused) {
+  TestServer server(WithCertificates());
+  const Identity host = MakeIdentity("host-b", &authority_);
+  EXPECT_FALSE(TlsClient(server.port(), &host, TLS1_2_VERSION).connected());
+}
+
+TEST_F(Tls, Listener_Tls12_UsesAuthenticatedEncryptionOnly) {
+  TestServer server(WithTls());
+  TlsClient client(server.port(), nullptr, TLS1_2_VERSION);
+  ASSERT_TRUE(client.connected());
+  const SSL_CIPHER* const cipher = SSL_get_current_cipher(client.ssl());
+  EXPECT_EQ(SSL_CIPHER_is_aead(cipher), 1);
+  EXPECT_EQ(SSL_CIPHER_get_kx_nid(cipher), NID_kx_ecdhe);
+}
+
+TEST_F(Tls, Certificate_Replaced_IsUsedForNewConnections) {
+  TestServer server(WithCertificates());
+  const Identity host = MakeIdentity("host-b", &authority_);
+  const auto server_name = [](TlsClient& client) {
+    const std::unique_ptr<X509, Free> certificate(SSL_get1_peer_certificate(client.ssl()));
+    char name[64] = {};
+    X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), NID_commonName, name, sizeof name);
+    return std::string(name);
+  };
+  TlsClient before(server.port(), &host);
+  ASSERT_TRUE(before.connected());
+  const Identity renewed = MakeIdentity("renewed", &authority_);
+  WriteCertificate(folder_ + "/renewed.pem", renewed);
+  WriteKey(folder_ + "/renewed.key", renewed);
+  EXPECT_EQ(server->ReplaceCertificate(0, folder_ + "/renewed.pem", folder_ + "/server.key").error().code(),
+            ErrorCode::kInvalid);
+  ASSERT_TRUE(server->ReplaceCertificate(0, folder_ + "/renewed.pem", folder_ + "/renewed.key").ok());
+  EXPECT_TRUE(Eventually([&] {
+    TlsClient client(server.port(), &host);
+    return client.connected() && server_name(client) == "renewed";
+  }));
+  EXPECT_EQ(server_name(before), "nas");
+  EXPECT_NE(before.Ask("/a").find("GET /a "), std::string::npos) << "the connection goes on";
+  EXPECT_EQ(TlsClient(server.port(), nullptr).Ask("/a"), "") << "clients need a certificate as before";
 }
 
 TEST_F(Tls, Handshake_OldVersion_Fails) {
@@ -208,18 +265,28 @@ TEST_F(Tls, Handshake_OldVersion_Fails) {
   EXPECT_FALSE(TlsClient(server.port(), nullptr, TLS1_1_VERSION).connected());
 }
 
-TEST_F(Tls, Session_Resumed_KeepsClientName) {
+TEST_F(Tls, Session_OfUser_IsResumed) {
   TestServer server(WithTls());
-  const Identity host = MakeIdentity("host-b", &authority_);
   for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-    TlsClient first(server.port(), &host, version);
+    TlsClient first(server.port(), nullptr, version);
     EXPECT_NE(first.Ask("/a").find("GET /a "), std::string::npos);
     const std::unique_ptr<SSL_SESSION, Free> session(SSL_get1_session(first.ssl()));
-    TlsClient second(server.port(), &host, version, session.get());
+    TlsClient second(server.port(), nullptr, version, session.get());
     EXPECT_TRUE(SSL_session_reused(second.ssl()));
     EXPECT_NE(second.Ask("/b").find("GET /b "), std::string::npos);
-    EXPECT_EQ(server.last_request()->peer.certificate_name, "host-b");
   }
+}
+
+// Otherwise a certificate could outlive its expiry.
+TEST_F(Tls, Session_WithCertificate_IsNotResumed) {
+  TestServer server(WithCertificates());
+  const Identity host = MakeIdentity("host-b", &authority_);
+  TlsClient first(server.port(), &host);
+  EXPECT_NE(first.Ask("/a").find("GET /a "), std::string::npos);
+  const std::unique_ptr<SSL_SESSION, Free> session(SSL_get1_session(first.ssl()));
+  TlsClient second(server.port(), &host, TLS1_3_VERSION, session.get());
+  EXPECT_FALSE(SSL_session_reused(second.ssl()));
+  EXPECT_NE(second.Ask("/b").find("GET /b "), std::string::npos);
 }
 
 TEST_F(Tls, Bodies_LargeBothWays_ArriveComplete) {

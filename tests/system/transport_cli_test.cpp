@@ -45,8 +45,8 @@ class ClusterCommand : public testing::Test {
 TEST_F(ClusterCommand, Help_NamesCommandsAndSettingsAsTheyAreTyped) {
   const ProcessResult help = Run({"--help"});
   ASSERT_EQ(help.exit_code, 0);
-  for (const char* text : {"vexa cluster init --dir /root/cluster\n", " --out host1\n", "tls-certificate", "tls-key",
-                           "client-authority", "cluster-listen", "\"address:port\". The files"}) {
+  for (const char* text : {"vexa cluster init --dir /root/cluster\n", " --out host1\n", "cluster-certificate",
+                           "cluster-key", "cluster-authority", "cluster-listen", "\"address:port\". The files"}) {
     EXPECT_NE(help.output.find(text), std::string::npos) << text << " in " << help.output;
   }
 }
@@ -61,6 +61,7 @@ TEST_F(ClusterCommand, InitAndCertificate_FilesAreAcceptedByHost) {
   EXPECT_EQ(ModeOf(out_ + "/host.key"), 0600u);
   EXPECT_EQ(ModeOf(out_ + "/host.pem"), 0644u);
   EXPECT_EQ(made.output.find("PRIVATE"), std::string::npos);
+  EXPECT_NE(made.output.find("expires in 30 days"), std::string::npos) << made.output;
   transport::TransportOptions options;
   options.host_id = kHost;
   options.remote = transport::TransportOptions::Remote::kTls;
@@ -85,6 +86,9 @@ TEST_F(ClusterCommand, Certificate_Exists_NeedsReplaceOption) {
   EXPECT_EQ(Certificate(kHost).exit_code, 1);
   EXPECT_EQ(Content(out_ + "/host.key"), key);
   EXPECT_EQ(Certificate(kHost, {"--replace"}).exit_code, 0);
+  const ProcessResult longer = Certificate(kHost, {"--replace", "--days", "365"});
+  EXPECT_NE(longer.output.find("expires in 365 days"), std::string::npos) << longer.output;
+  EXPECT_EQ(Certificate(kHost, {"--replace", "--days", "0"}).exit_code, 2);
   EXPECT_NE(Content(out_ + "/host.key"), key);
 }
 
@@ -105,7 +109,10 @@ struct ClusterSetting {
   const char* listen;
   const char* address;
   const char* authority;
-  const char* reason;  // part of the refusal; empty: accepted
+  const char* reason;            // part of the refusal; empty: accepted
+  const char* certificate = "";  // cluster-certificate
+  const char* key = "";          // cluster-key
+  const char* authority_key = "";
 };
 
 const ClusterSetting kClusterSettings[] = {
@@ -118,8 +125,13 @@ const ClusterSetting kClusterSettings[] = {
     {"WildcardAddress", "0.0.0.0:8643", "[::]:8643", "a.pem", "cluster-address"},
     {"AddressWithoutPort", "0.0.0.0:8643", "10.0.0.1:0", "a.pem", "cluster-address"},
     {"NameAsAddress", "10.0.0.1:8643", "nas:8643", "a.pem", "not an address"},
-    {"NoAuthority", "10.0.0.1:8643", "", "", "client-authority"},
+    {"NoAuthority", "10.0.0.1:8643", "", "", "cluster-authority"},
     {"AddressWithoutListen", "", "10.0.0.1:8643", "a.pem", "cluster-listen"},
+    {"OwnCertificate", "10.0.0.1:8643", "", "a.pem", "", "h.pem", "h.key", "a.key"},
+    {"CertificateWithoutKey", "10.0.0.1:8643", "", "a.pem", "go together", "h.pem", ""},
+    {"KeyWithoutCertificate", "10.0.0.1:8643", "", "a.pem", "go together", "", "h.key"},
+    {"CertificateWithoutListen", "", "", "", "'cluster-certificate' needs 'cluster-listen'", "h.pem", "h.key"},
+    {"AuthorityKeyWithoutListen", "", "", "", "'authority-key' needs 'cluster-listen'", "", "", "a.key"},
 };
 
 class ClusterConfig : public testing::TestWithParam<ClusterSetting> {};
@@ -132,6 +144,9 @@ TEST_P(ClusterConfig, Setting_EachRow_IsAcceptedOrRefusedWithReason) {
   config.client_authority = row.authority;
   config.cluster_listen = row.listen;
   config.cluster_address = row.address;
+  config.cluster_certificate = row.certificate;
+  config.cluster_key = row.key;
+  config.authority_key = row.authority_key;
   const Status checked = daemon::CheckConfig(config);
   EXPECT_EQ(checked.ok(), *row.reason == '\0');
   if (checked) return;
@@ -140,6 +155,48 @@ TEST_P(ClusterConfig, Setting_EachRow_IsAcceptedOrRefusedWithReason) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, ClusterConfig, testing::ValuesIn(kClusterSettings),
                          [](const auto& test) { return std::string(test.param.name); });
+
+daemon::Config ConfigWithListeners() {
+  daemon::Config config;
+  config.socket = "/s";
+  config.listen = {"127.0.0.1:1"};
+  config.cluster_listen = "127.0.0.1:2";
+  config.tls_certificate = "users.pem";
+  config.tls_key = "users.key";
+  return config;
+}
+
+TEST(ClusterListeners, OnlyTheOneForHosts_AsksForCertificates) {
+  daemon::Config config = ConfigWithListeners();
+  config.cluster_certificate = "host.pem";
+  config.cluster_key = "host.key";
+  config.cluster_authority = "authority.pem";
+  const auto listeners = daemon::ListenersOf(config);
+  ASSERT_TRUE(listeners.ok());
+  ASSERT_EQ(listeners->size(), 3u);
+  EXPECT_EQ((*listeners)[1].certificate_file, "users.pem");
+  EXPECT_EQ((*listeners)[1].client_authority_file, "");
+  EXPECT_EQ((*listeners)[2].certificate_file, "host.pem");
+  EXPECT_EQ((*listeners)[2].key_file, "host.key");
+  EXPECT_EQ((*listeners)[2].client_authority_file, "authority.pem");
+  EXPECT_TRUE(daemon::OutdatedSettings(config).empty());
+}
+
+TEST(ClusterListeners, OlderSettings_KeepWorkingAndAreReported) {
+  daemon::Config config = ConfigWithListeners();
+  config.client_authority = "authority.pem";
+  ASSERT_TRUE(daemon::CheckConfig(config).ok());
+  const auto listeners = daemon::ListenersOf(config);
+  ASSERT_TRUE(listeners.ok());
+  EXPECT_EQ((*listeners)[1].client_authority_file, "") << "users need no certificate";
+  EXPECT_EQ((*listeners)[2].certificate_file, "users.pem");
+  EXPECT_EQ((*listeners)[2].client_authority_file, "authority.pem");
+  EXPECT_EQ(daemon::OutdatedSettings(config).size(), 2u);
+  config.listen.clear();
+  EXPECT_EQ(daemon::OutdatedSettings(config).size(), 3u) << "users cannot log in";
+  config.cluster_listen.clear();
+  EXPECT_EQ(daemon::OutdatedSettings(config).size(), 1u) << "the authority has no effect";
+}
 
 }  // namespace
 }  // namespace vexa::test

@@ -22,8 +22,8 @@ std::string TransportCluster::IdOf(int host) { return "8f14e45f-ceea-467f-a9d1-0
 std::string TransportCluster::Folder(int host) const { return folder_.File("host" + std::to_string(host)); }
 
 void TransportCluster::SetUp() {
-  const TestAuthority authority(folder_.File("authority"));
-  for (int i = 0; i < kHosts; ++i) ASSERT_NO_FATAL_FAILURE(StartHost(authority.FilesOf(IdOf(i)), i));
+  authority_ = std::make_unique<TestAuthority>(folder_.File("authority"));
+  for (int i = 0; i < kHosts; ++i) ASSERT_NO_FATAL_FAILURE(StartHost(MakeFiles(*authority_, i), i));
   store::LmdbOptions options;
   options.directory = folder_.File("store");
   auto store = store::OpenLmdbStore(options);
@@ -88,31 +88,29 @@ void TransportCluster::Restart(int host) {
 
 std::unique_ptr<Process> TransportCluster::Launch(int host) {
   const std::string data = Folder(host);
-  const transport::TlsFiles& tls = tls_[static_cast<std::size_t>(host)];
   Prepare(host);
   ProcessOptions options;
-  options.argv = {TRANSPORT_HOST_PROGRAM,
-                  "--data",
-                  data,
-                  "--store",
-                  folder_.File("store"),
-                  "--socket",
-                  data + "/s",
-                  "--listen",
-                  "none",
-                  "--cluster-listen",
-                  "127.0.0.1:0",
-                  "--tls-certificate",
-                  tls.certificate,
-                  "--tls-key",
-                  tls.key,
-                  "--client-authority",
-                  tls.authority,
-                  "--stop-timeout",
-                  "6",
-                  "--log",
-                  "stderr"};
+  options.argv = {TRANSPORT_HOST_PROGRAM, "--data", data,    "--store", folder_.File("store"), "--socket", data + "/s",
+                  "--stop-timeout",       "6",      "--log", "stderr"};
+  for (std::string& flag : NetworkFlags(host)) options.argv.push_back(std::move(flag));
   return std::make_unique<Process>(options);
+}
+
+std::vector<std::string> TransportCluster::NetworkFlags(int host) {
+  return {"--listen",
+          "none",
+          "--cluster-listen",
+          "127.0.0.1:0",
+          "--cluster-certificate",
+          tls(host).certificate,
+          "--cluster-key",
+          tls(host).key,
+          "--cluster-authority",
+          tls(host).authority,
+          "--tls-certificate",
+          tls(host).certificate,
+          "--tls-key",
+          tls(host).key};
 }
 
 std::string TransportCluster::AddressOfHost(int host) const {

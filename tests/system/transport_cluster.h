@@ -15,6 +15,7 @@
 #include "tests/support/matchers.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
+#include "tests/system/transport_test_support.h"
 
 namespace vexa::test {
 
@@ -25,6 +26,12 @@ class TransportCluster : public testing::Test {
 
   // Returns when every host serves, and the database has its address and the test's records.
   void SetUp() override;
+  // A host's certificate, its key and the authority.
+  virtual transport::TlsFiles MakeFiles(const TestAuthority& authority, int host) {
+    return authority.FilesOf(IdOf(host));
+  }
+  // The flags about its listeners other than the Unix socket.
+  virtual std::vector<std::string> NetworkFlags(int host);
   // Called with each host's data folder made and the host not started.
   virtual void Prepare(int /*host*/) {}
   // Called once when all hosts serve.
@@ -64,6 +71,10 @@ class TransportCluster : public testing::Test {
   // The newest line of the cluster log, with who caused it.
   Json::Value NewestEntry(int host);
 
+  const transport::TlsFiles& tls(int host) const { return tls_[static_cast<std::size_t>(host)]; }
+
+  const TestAuthority& authority() const { return *authority_; }
+
   TempDir folder_;
   std::vector<std::unique_ptr<Process>> hosts_;
 
@@ -71,6 +82,7 @@ class TransportCluster : public testing::Test {
   void StartHost(const transport::TlsFiles& tls, int host);
   std::unique_ptr<Process> Launch(int host);
 
+  std::unique_ptr<TestAuthority> authority_;
   std::vector<transport::TlsFiles> tls_;
   std::shared_ptr<store::Store> database_;
 };

@@ -1,6 +1,7 @@
 // A daemon as a program of its own, with methods for tests of a cluster. Takes vexad's flags; prints "READY <address>"
 // when it serves, and stops on SIGTERM.
 #include <signal.h>
+#include <syslog.h>
 
 #include <cstdio>
 #include <functional>
@@ -141,6 +142,8 @@ int main(int argc, char** argv) {
     return 1;
   };
   if (const vexa::Status checked = vexa::daemon::CheckConfig(command.config); !checked) return fail(checked.error());
+  // Only vexad itself sends the lines where the setting says.
+  if (command.config.log != vexa::daemon::LogTarget::kSyslog) ::openlog("transport_host", LOG_PERROR, LOG_DAEMON);
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);

@@ -220,7 +220,7 @@ TEST(HttpPool, HttpPool_DestroyedDuringCalls_EndsThem) {
   std::atomic<int> failed{0};
   const SlowHost slow(milliseconds(20'000));
   {
-    transport::HttpPool pool(std::nullopt);
+    transport::HttpPool pool(nullptr);
     for (int i = 0; i < kCalls; ++i) {
       transport::HttpCall call;
       call.host_id = "host-a";
@@ -241,7 +241,7 @@ TEST(HttpPool, HttpPool_DestroyedDuringCalls_EndsThem) {
 TEST(HttpPool, Call_DeadlinePassed_FailsWithoutConnecting) {
   const JsonHost host{std::string(R"({"success":true})")};
   std::promise<transport::HttpOutcome> ended;
-  transport::HttpPool pool(std::nullopt);
+  transport::HttpPool pool(nullptr);
   transport::HttpCall call;
   call.host_id = "host-a";
   call.address = host.address();

@@ -182,10 +182,12 @@ TestAuthority::TestAuthority(std::string directory) : directory_(std::move(direc
   Check(made.ok(), "MakeAuthority");
   credentials_ = std::move(*made);
   Check(WriteFileAtomically(directory_ + "/authority.pem", credentials_.certificate, 0644).ok(), "write");
+  Check(WriteFileAtomically(directory_ + "/authority.key", credentials_.key, 0600).ok(), "write");
 }
 
-transport::TlsFiles TestAuthority::FilesOf(const std::string& host_id, const std::string& common_name) const {
-  auto made = transport::MakeHostCredentials(credentials_, common_name.empty() ? host_id : common_name);
+transport::TlsFiles TestAuthority::FilesOf(const std::string& host_id, const std::string& common_name,
+                                           const transport::Validity& validity) const {
+  auto made = transport::MakeHostCredentials(credentials_, common_name.empty() ? host_id : common_name, validity);
   Check(made.ok(), "MakeHostCredentials");
   const std::string stem = directory_ + "/" + host_id;
   Check(WriteFileAtomically(stem + ".pem", made->certificate, 0644).ok(), "write");

@@ -82,12 +82,14 @@ class RawHost {
 std::string ReceiveRequest(int fd);
 void SendAll(int fd, const std::string& bytes);
 
-// The authority of a test's cluster, and hosts' files below a folder.
+// The authority of a test's cluster, with authority.pem and authority.key, and hosts' files below a folder.
 class TestAuthority {
  public:
   explicit TestAuthority(std::string directory);
   // Makes a key and a certificate; the files stay in the folder.
-  transport::TlsFiles FilesOf(const std::string& host_id, const std::string& common_name = "") const;
+  transport::TlsFiles FilesOf(const std::string& host_id, const std::string& common_name = "",
+                              const transport::Validity& validity = {}) const;
+  const transport::Credentials& credentials() const { return credentials_; }
 
  private:
   std::string directory_;

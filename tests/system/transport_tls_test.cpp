@@ -123,6 +123,35 @@ TEST_F(TransportTls, Caller_ForeignAuthority_IsRefused) {
   EXPECT_EQ(host.requests(), 0);
 }
 
+TEST_F(TransportTls, Host_CertificateNotValidNow_IsRefusedExceptForSmallDifferencesOfClocks) {
+  using std::chrono::hours;
+  using std::chrono::minutes;
+  const auto now = std::chrono::system_clock::now();
+  const auto ask = [&](const transport::Validity& validity) {
+    const JsonHost host = MakeHost(authority_.FilesOf(kHost, "", validity));
+    return Ask(host.address());
+  };
+  EXPECT_EQ(ask({now + minutes(50), hours(24)}).getData(), Json::Value(kLocalHost));
+  EXPECT_NE(FailureOf(ask({now + minutes(70), hours(24)})), "");
+  EXPECT_NE(FailureOf(ask({now - hours(3), hours(2)})), "");
+}
+
+TEST_F(TransportTls, Certificate_Replaced_IsUsedForNextCall) {
+  const JsonHost host = MakeHost(authority_.FilesOf(kHost));
+  const InstalledTransport transport({{kHost, host.address()}}, own_, kLocalHost);
+  EXPECT_TRUE(Sender(kHost).process(MakeRequest(10)).isSuccess());
+  const auto installed = transport::CurrentTransport();
+  EXPECT_EQ(installed->ReplaceTls(authority_.FilesOf(kOther)).error().code(), ErrorCode::kInvalid) << "of another host";
+  EXPECT_TRUE(Sender(kHost).process(MakeRequest(10)).isSuccess());
+  // With one that the host does not accept, because a replacement without effect would not show otherwise.
+  transport::TlsFiles foreign = foreign_.FilesOf(kLocalHost);
+  foreign.authority = own_.authority;
+  ASSERT_TRUE(installed->ReplaceTls(foreign).ok());
+  EXPECT_NE(FailureOf(Sender(kHost).process(MakeRequest(10))), "");
+  ASSERT_TRUE(installed->ReplaceTls(authority_.FilesOf(kLocalHost)).ok());
+  EXPECT_TRUE(Sender(kHost).process(MakeRequest(10)).isSuccess());
+}
+
 TEST_F(TransportTls, Host_Tls12Only_IsRefused) {
   const transport::TlsFiles files = authority_.FilesOf(kHost);
   std::atomic<bool> finished{false};

@@ -24,5 +24,6 @@ std::vector<ApiRow> GuestReportRows(const ServiceParts& parts);  // guest_report
 std::vector<ApiRow> GuestPowerRows(const ServiceParts& parts);   // guest_power_api.cpp
 std::vector<ApiRow> GuestSetRows(const ServiceParts& parts);     // guest_set_api.cpp
 std::vector<ApiRow> PollTaskRows(const ServiceParts& parts);     // poll_task_api.cpp
+std::vector<ApiRow> CertificateRows(const ServiceParts& parts);  // certificate_api.cpp
 
 }  // namespace vexa::api

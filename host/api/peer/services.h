@@ -2,6 +2,7 @@
 // reply.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,6 +27,13 @@ struct WebPorts {
   bool enable_https_redirect = false;
 };
 
+// A host's request for a new certificate.
+struct SigningCall {
+  std::string host_id;                                       // of the caller
+  std::chrono::system_clock::time_point certificate_issued;  // when the one was issued that it has presented
+  std::string request;
+};
+
 struct ServiceParts {
   std::shared_ptr<store::Store> store;
   machine::Machine machine{};
@@ -36,6 +44,8 @@ struct ServiceParts {
   guests::GuestControl* guests = nullptr;
   // Whether this host can run a guest now: its GuestControl::RateGuest. Not set: it cannot run any.
   std::function<Result<guests::Rating>(const std::string& guest_id)> rate_guest;
+  // Signs with the authority's key, and returns the certificate. Not set: this host does not have the key.
+  std::function<Result<std::string>(const SigningCall& call)> sign_certificate{};
 };
 
 // The rows, all for hosts only. Their handlers may be called concurrently.

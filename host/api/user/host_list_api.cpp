@@ -1,5 +1,6 @@
 #include "host/api/user/host_list_api.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <string>
@@ -7,9 +8,12 @@
 
 #include "host/api/rows.h"
 #include "host/api/user/unreachable_host.h"
+#include "host/base/certificate_times.h"
+#include "host/records/host_membership.h"
 #include "host/records/keys.h"
 #include "host/records/object_members.h"
 #include "host/records/request_scope.h"
+#include "host/records/run_record.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -20,6 +24,9 @@ namespace {
 
 namespace states = VexaCCC::State::Host;
 using VexaCCC::DB::DashCate;
+
+// A certificate is renewed after two thirds of its lifetime, so one that is close to its end has not been.
+constexpr std::chrono::hours kExpiryWarning{24 * 14};
 
 std::string VersionStateName(const std::string& state) {
   if (state.empty() || state == VexaCCC::State::Version::unknown) return "unknown";
@@ -41,6 +48,28 @@ void AddDisplayedState(const std::string& state, const std::string& version_stat
   host["status_type"] = displayed.type;
 }
 
+std::string_view CertificateState(const records::Reader& reader, const std::string& id, const CertificateTimes& times) {
+  using std::chrono::system_clock;
+  const auto membership = records::MembershipOf(reader, id);
+  if (membership && !membership->Accepts(times.not_before)) return "revoked";
+  const auto now = system_clock::now();
+  if (times.HasExpired(now)) return "expired";
+  const system_clock::duration lifetime = times.not_after - times.not_before;
+  const auto margin = std::min<system_clock::duration>(kExpiryWarning, lifetime / 10 * 3);
+  return times.not_after - now < margin ? "expiring" : "ok";
+}
+
+void AddCertificate(const records::Reader& reader, const std::string& id, const Json::Value& record,
+                    Json::Value& host) {
+  const Json::Value& certificate = json::Member(record, "certificate");
+  const Json::Value& expires = json::Member(certificate, "expires");
+  if (!expires.isInt64()) return;  // it has none, or its version does not publish it
+  const CertificateTimes times{records::TimeFromJson(json::Member(certificate, "issued")),
+                               records::TimeFromJson(expires)};
+  host["certificate"] = std::string(CertificateState(reader, id, times));
+  host["certificate_expires"] = expires;
+}
+
 // A host whose record cannot be read is still listed, without a name: its existence is worth knowing.
 Json::Value Describe(const records::Reader& reader, const std::string& id, const std::string& version_state) {
   const auto found = records::ReadMember(reader, DashCate::Host, id, keys::object);
@@ -53,6 +82,7 @@ Json::Value Describe(const records::Reader& reader, const std::string& id, const
   AddLiveness(LivenessOrAlive(reader, id), std::chrono::system_clock::now(), std::chrono::seconds(0), host);
   host["version_state"] = VersionStateName(version_state);
   AddDisplayedState(state, version_state, host);
+  AddCertificate(reader, id, record, host);
   return host;
 }
 
@@ -86,7 +116,7 @@ std::string_view HostStateName(std::string_view state) {
 
 std::vector<ApiRow> HostListRows() {
   return {UserRow("VEXA.Virtualization.Host", "list", LaneKind::kQuick, ListHosts,
-                  "The hosts of the cluster: id, name, state, version state, and displayed state.", {},
+                  "The hosts of the cluster: id, name, state, version state, displayed state, and certificate.", {},
                   {user_error::kNotFoundOrUnreadable})};
 }
 

@@ -7,7 +7,9 @@
 
 #include "host/api/rows.h"
 #include "host/api/user/outcome_log.h"
+#include "host/cluster/revocation.h"
 #include "host/guests/recovery.h"
+#include "host/records/request_scope.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/utils/utils.h"
 
@@ -66,6 +68,25 @@ void Forget(store::Store& store, const Call& call) {
   Respond(call, done);
 }
 
+int CodeOf(const Error& error) {
+  return error.code() == ErrorCode::kNotFound ? user_error::kNotFoundOrUnreadable : user_error::kActionFailed;
+}
+
+void Revoke(store::Store& store, const Call& call) {
+  const auto host_id = call.request->GetAndCheckString("host_id", kRequired, VexaCCC::Utils::isUUID);
+  if (host_id.IsInvalid()) return Fail(call, user_error::kBadParameter);
+  std::string name;
+  if (!VexaCCC::Utils::GetHostNameById(host_id.Get(), name)) name = host_id.Get();
+  const records::RequestPause waiting_without_reader;
+  const Status done =
+      cluster::RevokeHost(store, {host_id.Get(), VexaCCC::DB::DBLocalhostID(), call.request->GetLoginUserName()});
+  LogOutcome(call, done ? Outcome::kDone : Outcome::kFailed,
+             fmt::format("The certificates of the host [{}] have been revoked.", name),
+             fmt::format("Failed to revoke the certificates of the host [{}].", name));
+  if (done) return call.response->SetSuccess(Json::Value());
+  call.response->SetError(CodeOf(done.error()), done.error().ToString());
+}
+
 }  // namespace
 
 std::vector<ApiRow> RecoveryRows(const std::shared_ptr<store::Store>& store) {
@@ -90,7 +111,12 @@ std::vector<ApiRow> RecoveryRows(const std::shared_ptr<store::Store>& store) {
           {Text("host_id", "The host's id, a UUID."), machine_is_off,
            OptionalFlag("recover_guests", "true: also recover the guests that it has; their saved memory is lost.")},
           {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kActionFailed,
-           user_error::kHostIsAlive, user_error::kNotConfirmed, user_error::kHostHasGuests})};
+           user_error::kHostIsAlive, user_error::kNotConfirmed, user_error::kHostHasGuests}),
+      AdministratorRow("VEXA.Virtualization.Host", "revoke", LaneKind::kLong,
+                       [store](const Call& call) { Revoke(*store, call); },
+                       "Make all hosts refuse the certificates of a host that have been issued until now.",
+                       {Text("host_id", "The host's id, a UUID.")},
+                       {user_error::kBadParameter, user_error::kNotFoundOrUnreadable, user_error::kActionFailed})};
 }
 
 }  // namespace vexa::api

@@ -95,6 +95,17 @@ TEST(HostRecord, Registration_NoClusterAddress_RemovesOldOne) {
   EXPECT_FALSE(Read("object").isMember("cluster_address"));
 }
 
+TEST(HostRecord, Registration_Certificate_IsPublishedWhileThereIsOne) {
+  TestHost host;
+  HostFacts facts = Facts();
+  facts.certificate_issued = 1'800'000'000;
+  facts.certificate_expires = 1'802'592'000;
+  ASSERT_TRUE(RegisterHost(host.store(), facts, kNow).ok());
+  EXPECT_EQ(Read("object")["certificate"], Parsed(R"({"issued":1800000000,"expires":1802592000})"));
+  ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());
+  EXPECT_FALSE(Read("object").isMember("certificate"));
+}
+
 TEST(HostRecord, Update_KeepsTheStartAndStatesOfOthers) {
   TestHost host;
   ASSERT_TRUE(RegisterHost(host.store(), Facts(), kNow).ok());

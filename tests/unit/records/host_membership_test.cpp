@@ -1,0 +1,105 @@
+// Who belongs to the cluster, and whose certificates have been revoked.
+#include "host/records/host_membership.h"
+
+#include <gtest/gtest.h>
+
+#include "host/records/environment.h"
+#include "host/records/member_list.h"
+#include "host/store/key.h"
+#include "tests/support/require.h"
+#include "tests/support/test_host.h"
+#include "tests/support/waiting.h"
+
+namespace vexa::records {
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::system_clock;
+
+constexpr char kHost[] = "8d24e9b0-17f5-4c6a-b3de-0f9a6c5271e8";
+constexpr char kClaim[] = R"({"incarnation":1})";
+constexpr char kForgotten[] = R"({"incarnation":2,"forgotten":{"by":"root","time":1}})";
+
+system_clock::time_point At(int time) { return system_clock::time_point(seconds(time)); }
+
+class Membership : public testing::Test {
+ protected:
+  void Put(const std::string& key, const std::string& text) {
+    (void)Require(host_.store().Commit({{}, {{key, text}}}));
+  }
+  void PutClaim(const std::string& text) { Put(HostClaimKey(kHost), text); }
+  void PutRevocation(const std::string& text) { Put(store::MakeKey({kRevocations, kHost}), text); }
+  static bool Accepts(int issued) {
+    return Require(MembershipOf(Require(Reader::OpenCurrent()), kHost)).Accepts(At(issued));
+  }
+
+  test::TestHost host_;
+};
+
+TEST_F(Membership, Host_UnknownOrForgotten_IsNotAccepted) {
+  EXPECT_FALSE(Accepts(5));
+  PutClaim(kClaim);
+  EXPECT_TRUE(Accepts(5));
+  PutClaim(kForgotten);
+  EXPECT_FALSE(Accepts(5));
+}
+
+TEST_F(Membership, HostWithoutIntactClaim_IsAMemberByItsRecord) {
+  host_.PutText("host", kHost, "{}");
+  EXPECT_TRUE(Accepts(5)) << "of a version that does not claim ids";
+  PutClaim("damaged");
+  EXPECT_TRUE(Accepts(5));
+  PutClaim(kForgotten);
+  EXPECT_FALSE(Accepts(5));
+}
+
+TEST_F(Membership, Revocation_RefusesWhatWasIssuedBefore) {
+  PutClaim(kClaim);
+  PutRevocation(R"({"before":1000})");
+  EXPECT_FALSE(Accepts(999));
+  EXPECT_TRUE(Accepts(1000));
+}
+
+TEST_F(Membership, DamagedRevocation_RefusesEverything) {
+  PutClaim(kClaim);
+  for (const char* text : {"damaged", "[]", "5", R"({"before":"x"})", "{}"}) {
+    PutRevocation(text);
+    EXPECT_FALSE(Accepts(2'000'000'000)) << text;
+  }
+}
+
+TEST_F(Membership, Revoke_Again_ReplacesTheTime) {
+  EXPECT_EQ(RevokeCertificates(host_.store(), kHost, At(1000), {"root", At(900)}).error().code(), ErrorCode::kNotFound);
+  PutClaim(kClaim);
+  for (const int time : {4'000'000, 2000}) {
+    ASSERT_TRUE(RevokeCertificates(host_.store(), kHost, At(time), {"root", At(900)}).ok());
+    EXPECT_FALSE(Accepts(time - 1));
+    EXPECT_TRUE(Accepts(time));
+  }
+}
+
+TEST_F(Membership, MemberList_Changes_AreKnownSoon) {
+  PutClaim(kClaim);
+  const MemberList members(CurrentEnvironment()->store);
+  EXPECT_TRUE(members.Knows(kHost, At(5))) << "from the start";
+  PutRevocation(R"({"before":1000})");
+  EXPECT_FALSE(members.Accepts(kHost, At(5))) << "immediately";
+  EXPECT_TRUE(test::Eventually([&] { return !members.Knows(kHost, At(5)); }));
+  EXPECT_TRUE(members.Knows(kHost, At(1000)));
+  Put(HostClaimKey("later"), kClaim);
+  EXPECT_TRUE(test::Eventually([&] { return members.Knows("later", At(5)); }));
+  PutClaim(kForgotten);
+  EXPECT_TRUE(test::Eventually([&] { return !members.Knows(kHost, At(1000)); }));
+}
+
+TEST_F(Membership, MemberList_StoreUnreadable_DecidesByWhatItKnows) {
+  PutClaim(kClaim);
+  const MemberList members(CurrentEnvironment()->store);
+  host_.store().FailSnapshots();
+  EXPECT_TRUE(members.Accepts(kHost, At(5)));
+  EXPECT_FALSE(members.Accepts("stranger", At(5)));
+  host_.store().Heal();
+}
+
+}  // namespace
+}  // namespace vexa::records
