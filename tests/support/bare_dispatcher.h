@@ -18,6 +18,7 @@
 #include "host/cluster/account_store.h"
 #include "host/http/http_mailbox.h"
 #include "host/records/member_list.h"
+#include "host/store/key.h"
 #include "host/store/lmdb_store.h"
 #include "tests/support/temp_dir.h"
 
@@ -31,7 +32,9 @@ class BareDispatcher : public testing::Test {
     store_ = store::OpenLmdbStore(options).value();
     accounts_ = std::make_unique<cluster::AccountStore>(store_);
     sessions_ = session::SessionTable::Open(folder_.File("sessions.json"), {}).value();
-    EXPECT_TRUE(store_->Commit({{}, {{"/host_claim/host-2", "{}"}}}).ok());
+    for (const char* host : {"h1", "h2", "host-2"}) {
+      EXPECT_TRUE(store_->Commit({{}, {{store::MakeKey({"host_claim", host}), "{}"}}}).ok());
+    }
     members_ = std::make_unique<records::MemberList>(store_);
     identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_, members_.get());
     api::Dispatcher::Parts parts;
