@@ -291,9 +291,25 @@ TEST_F(Tls, Connection_AboveLimit_IsClosed) {
     options.limits.connections = 1;
   });
   TlsClient first(server.port(), nullptr);
-  ASSERT_TRUE(first.connected());
+  ASSERT_TRUE(first.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
   EXPECT_FALSE(TlsClient(server.port(), nullptr).connected());
   EXPECT_EQ(server->stats().connections_refused, 1U);
+}
+
+TEST_F(Tls, ConnectionsThatDoNotShakeHands_GiveWayToOthers) {
+  TestServer server([&](ServerOptions& options) {
+    options.listeners[0] = Listener();
+    options.limits.connections = 5;
+  });
+  std::vector<Client> silent;
+  for (int i = 0; i < 5; ++i) silent.push_back(server.Connect());
+  ASSERT_TRUE(Eventually([&] { return server->stats().connections == 5; }));
+  TlsClient client(server.port(), nullptr);
+  ASSERT_TRUE(client.connected());
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_EQ(client.Receive(12).substr(0, 12), "HTTP/1.1 200");
+  EXPECT_EQ(server->stats().connections_evicted, 1U);
 }
 
 TEST_F(Tls, Stop_FinishesCurrentRequests) {
