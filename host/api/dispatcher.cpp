@@ -131,9 +131,11 @@ struct Dispatcher::Work {
   http::HttpRequest request;
   std::shared_ptr<Plan> plan;
   http::Responder responder;
+  bool is_accepted = false;  // the caller may call the method
 };
 
-Dispatcher::Dispatcher(Parts parts) : parts_(std::move(parts)), description_(MakeOpenApi(*parts_.table)) {}
+Dispatcher::Dispatcher(Parts parts)
+    : parts_(std::move(parts)), description_(std::make_shared<const std::string>(MakeOpenApi(*parts_.table))) {}
 
 std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& request) {
   const std::string_view target = request.target;
@@ -187,7 +189,11 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
   IdentifyResult identified = parts_.identity->Identify(request);
   if (const int* code = std::get_if<int>(&identified)) {
     // A stale cookie must not prevent a login.
-    if (row->access.value != Access::kAnyone) return refuse(*code);
+    if (row->access.value != Access::kAnyone) {
+      http::HttpResponse response = refuse(*code);
+      if (*code == user_error::kNotLoggedIn) response.owner = http::Owner();
+      return response;
+    }
     plan->caller = AnonymousCaller(request.peer);
   } else {
     plan->caller = std::move(std::get<Caller>(identified));
@@ -205,7 +211,7 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
 void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responder) {
   auto plan = std::static_pointer_cast<Plan>(std::move(request.context));
   const ApiRow* row = plan->row;
-  auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder)});
+  auto work = std::make_shared<Work>(Work{std::move(request), std::move(plan), std::move(responder), false});
   if (!row && !NeedsUser(*work)) return work->responder.Send(MakePage(*work));
   Lane& lane = row && row->lane.value == LaneKind::kLong ? *parts_.long_running : *parts_.quick;
   const Lane::SubmitResult submitted = lane.Submit(QuotaName(work->plan->caller), [this, work] {
@@ -260,7 +266,7 @@ http::HttpResponse Dispatcher::MakePage(const Work& work) const {
       response.body = parts_.metrics_text();
       break;
     case Plan::Page::kDescription:
-      response.body = description_;
+      response.shared_body = description_;
       break;
     case Plan::Page::kApi:
       break;
@@ -277,8 +283,21 @@ void Dispatcher::RunMethod(Work& work) const {
   http::HttpResponse reply =
       MakeReply(response, extra_members, work.request.id, AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
+  reply.owner = OwnerAfter(work, response.ErrorCode());
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->started);
   work.responder.Send(std::move(reply));
+}
+
+// Whom the connection counts for after the call. A certificate or a token alone is not enough: only a call that was
+// accepted makes the connection a host's or a user's. Calls that anybody may make change nothing.
+std::optional<http::Owner> Dispatcher::OwnerAfter(const Work& work, int code) const {
+  const Caller& caller = work.plan->caller;
+  if (code == user_error::kNotLoggedIn || !parts_.identity->IsLoggedIn(caller.session_token)) return http::Owner();
+  if (!work.is_accepted || work.plan->row->access.value == Access::kAnyone) return std::nullopt;
+  if (caller.kind == Caller::Kind::kHost) return http::Owner{http::Owner::Kind::kHost, caller.host_id, {}};
+  return http::Owner{
+      http::Owner::Kind::kUser, caller.user.name,
+      [identity = parts_.identity, token = caller.session_token] { return identity->IsLoggedIn(token); }};
 }
 
 // While the cluster database is lost, adds that to an error without details: its code reports what could not be done,
@@ -299,6 +318,7 @@ void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
   int refusal = parts_.identity->LookUpUser(caller);
   if (refusal == 0) refusal = CheckUser(row.access.value, caller);
   if (refusal != 0) return response.SetError(refusal, Json::Value());
+  work.is_accepted = true;
   SetActingUser(caller.kind == Caller::Kind::kHost ? caller.acts_for : caller.user.name);
   Result<Json::Value> parameters =
       work.request.body.empty() ? Result<Json::Value>(Json::Value(Json::objectValue)) : ParseJson(work.request.body);

@@ -31,6 +31,11 @@ class Identity {
   // uid.
   IdentifyResult Identify(const http::HttpRequest& request) const;
 
+  // Whether the session has not ended. Callers without a session token need none.
+  bool IsLoggedIn(std::string_view session_token) const {
+    return session_token.empty() || sessions_.IsLive(session_token);
+  }
+
   // Looks the user up, which may wait for the system's user database. 0, or the error code to return.
   int LookUpUser(Caller& caller) const;
 

@@ -68,6 +68,7 @@ class SessionTable::Impl {
   Status Load();
   Result<NewSession> Create(const SessionUser& user);
   std::optional<SessionUser> Find(std::string_view token);
+  bool IsLiveToken(std::string_view token);
   bool CheckCsrf(std::string_view token, std::string_view csrf_token);
   bool End(std::string_view token);
   std::size_t EndAllOfUser(const std::string& user);
@@ -272,6 +273,16 @@ bool SessionTable::Impl::CheckCsrf(std::string_view token, std::string_view csrf
          EqualInConstantTime(found->second.csrf_hash, *csrf_hash);
 }
 
+bool SessionTable::Impl::IsLiveToken(std::string_view token) {
+  const auto hash = HasTokenForm(token) ? HashToken(token) : std::nullopt;
+  if (!hash) return false;
+  const std::int64_t now = options_.now();
+  Shard& shard = ShardOf(*hash);
+  const MutexLock lock(shard.mutex);
+  const auto found = shard.sessions.find(*hash);
+  return found != shard.sessions.end() && IsLive(found->second, now);
+}
+
 bool SessionTable::Impl::End(std::string_view token) {
   if (!HasTokenForm(token)) return false;
   const auto hash = HashToken(token);
@@ -393,6 +404,8 @@ Result<std::unique_ptr<SessionTable>> SessionTable::Open(const std::string& path
 
 Result<NewSession> SessionTable::Create(const SessionUser& user) { return impl_->Create(user); }
 std::optional<SessionUser> SessionTable::Find(std::string_view token) { return impl_->Find(token); }
+bool SessionTable::IsLive(std::string_view token) const { return impl_->IsLiveToken(token); }
+
 bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token) const {
   return impl_->CheckCsrf(token, csrf_token);
 }

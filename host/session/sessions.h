@@ -61,6 +61,9 @@ class SessionTable {
   // Returns the user of a live session and records a use of it. Not set for an unknown, expired or malformed token.
   std::optional<SessionUser> Find(std::string_view token);
 
+  // Whether the token belongs to a live session. Does not count as a use of it.
+  bool IsLive(std::string_view token) const;
+
   // Whether `csrf_token` belongs to the session of `token`, compared in constant time.
   bool CheckCsrf(std::string_view token, std::string_view csrf_token) const;
 
