@@ -41,10 +41,12 @@
 #include "host/cluster/account_source.h"
 #include "host/cluster/account_store.h"
 #include "host/cluster/host_record.h"
+#include "host/daemon/bounded_task.h"
 #include "host/daemon/cache_refresh.h"
 #include "host/daemon/cluster_store.h"
 #include "host/daemon/delayed_call.h"
 #include "host/daemon/file_limit.h"
+#include "host/daemon/health_probe.h"
 #include "host/daemon/host_id.h"
 #include "host/daemon/host_state.h"
 #include "host/guests/fenced_domains.h"
@@ -121,6 +123,9 @@ api::CompoundOptions MakeCompoundOptions() {
 // callers get the result.
 constexpr std::chrono::milliseconds kAnswerMargin{2000};
 
+// What is written last has at least this much time, even when requests have used up the deadline.
+constexpr std::chrono::milliseconds kFarewellTime{1000};
+
 Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& config,
                                                                 const std::shared_ptr<store::Store>& store) {
   const auto source = config.accounts == "pam" ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
@@ -168,18 +173,6 @@ records::HostLiveness LivenessForRequest(const std::string& host_id) {
   return reader ? api::LivenessOrAlive(**reader, host_id) : records::HostLiveness();
 }
 
-std::string DescribeHealth(store::Health health) {
-  switch (health) {
-    case store::Health::kReady:
-      return "";
-    case store::Health::kReadOnly:
-      return "the database cannot be written";
-    case store::Health::kInaccessible:
-      return "the database cannot be read";
-  }
-  return "";
-}
-
 }  // namespace
 
 // Members are destroyed in reverse order of declaration: the server first, then the lanes, then what the handlers use.
@@ -199,7 +192,11 @@ class Daemon::Impl {
     guest_states_.links().BeginStop();
     cache::RemoveCacheRefresher();
     guest_states_.links().Stop();
-    Stop(std::chrono::milliseconds(0));
+    if (!Stop(std::chrono::milliseconds(0))) {
+      sign_off_.reset();
+      if (!farewell_) SayFarewell();
+    }
+    farewell_.reset();
     server_.reset();
     transport::RemoveTransport();
     guests_.reset();
@@ -212,6 +209,7 @@ class Daemon::Impl {
     MakeTable(config, std::move(extra_rows));
     if (Status made = MakeTransport(config); !made) return made;
     InstallCacheRefresh(guest_states_);
+    StartHealthProbe();
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -232,7 +230,8 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
-    heartbeat_.reset();  // first, so that other hosts stop calling
+    // First, so that other hosts stop calling. On a thread of its own: the database may hang.
+    if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
       const auto remaining =
@@ -253,12 +252,19 @@ class Daemon::Impl {
     const bool items_done = items_.Stop(left());
     // Guests keep running, and the next start reconciles them.
     const bool guests_done = !guests_ || guests_->Stop(left());
-    ReleaseClaim();
-    Sweep();
-    return guests_done && served && quick_done && long_done && caches_done && links_done && local_done && items_done;
+    const bool signed_off = !sign_off_ || sign_off_->Wait(left());
+    if (!farewell_ && signed_off) farewell_ = std::make_unique<BoundedTask>([this] { SayFarewell(); });
+    const bool released = farewell_ && farewell_->Wait(std::max(left(), kFarewellTime));
+    return signed_off && released && guests_done && served && quick_done && long_done && caches_done && links_done &&
+           local_done && items_done;
   }
 
  private:
+  void SayFarewell() {
+    ReleaseClaim();
+    Sweep();
+  }
+
   void ReleaseClaim() {
     if (!claim_) return;
     const Status released = claim_->Release();
@@ -385,9 +391,16 @@ class Daemon::Impl {
                                 {"items", items_.stats()}},
                                sessions_->size()});
     };
-    parts.health = [this] { return DescribeHealth(store_->health()); };
+    parts.health = [this] { return health_->Problem(); };
     parts.is_database_lost = [this] { return store_->health() == store::Health::kInaccessible; };
     dispatcher_ = std::make_unique<api::Dispatcher>(std::move(parts));
+  }
+
+  // Called before the server starts, which reports it.
+  void StartHealthProbe() {
+    HealthProbeOptions options;
+    options.check = MakeStoreCheck(store_, host_id_);
+    health_ = std::make_unique<HealthProbe>(std::move(options));
   }
 
   // Called before the server starts, so that no handler runs without the transport.
@@ -501,6 +514,7 @@ class Daemon::Impl {
   session::LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
   api::GuestStates guest_states_;
+  std::unique_ptr<HealthProbe> health_;
   std::unique_ptr<api::ApiTable> table_;
   std::unique_ptr<api::Metrics> metrics_;
   std::unique_ptr<api::Dispatcher> dispatcher_;
@@ -516,6 +530,8 @@ class Daemon::Impl {
   std::string host_id_;
   std::shared_ptr<cluster::HostClaim> claim_;
   std::unique_ptr<cluster::HostHeartbeat> heartbeat_;
+  std::unique_ptr<BoundedTask> sign_off_;
+  std::unique_ptr<BoundedTask> farewell_;
   bool stopped_ = false;
 };
 
