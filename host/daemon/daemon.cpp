@@ -9,6 +9,8 @@
 #include <thread>
 #include <utility>
 
+#include "host/accounts/account_cache.h"
+#include "host/accounts/account_local.h"
 #include "host/accounts/account_pam.h"
 #include "host/api/dispatcher.h"
 #include "host/api/identity.h"
@@ -139,7 +141,10 @@ Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& co
     accounts::PamOptions options;
     options.service = config.pam_service;
     options.administrators_group = config.administrators_group;
-    return std::shared_ptr<accounts::AccountProvider>(accounts::MakePamAccounts(options));
+    accounts::LocalAccountOptions local;
+    local.administrators_group = config.administrators_group;
+    return std::shared_ptr<accounts::AccountProvider>(
+        accounts::MakeCachedAccounts(accounts::MakePamAccounts(options), accounts::MakeLocalAccounts(local)));
   }
   if (config.accounts == "file") {
     ::syslog(LOG_NOTICE,
