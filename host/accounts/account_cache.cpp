@@ -44,7 +44,7 @@ class CachedAccounts : public AccountProvider {
   }
 
  private:
-  // Whoever is not local may be in the directory, so there is no answer for them.
+  // An account that is not local may be in the directory, so it is not reported as missing.
   template <class Value>
   static Result<Value> Local(Result<Value> local, Result<Value> unavailable) {
     return local.ok() ? std::move(local) : std::move(unavailable);

@@ -22,7 +22,7 @@ struct LookupOptions {
   std::chrono::minutes stale{5};              // and how old one may be that is used while none comes
   std::size_t max_entries = 10'000;
   int max_threads = 32;          // look-ups at a time
-  int max_unknown_threads = 24;  // of them, for keys without an earlier answer: the others stay for those that have one
+  int max_unknown_threads = 24;  // of them, for keys without an earlier answer: the other threads are for known keys
 };
 
 // How many look-ups run. Threads: any.

@@ -444,6 +444,8 @@ class Daemon::Impl {
                options.limits.connections, config.max_connections);
     }
     options.limits.connections_per_peer = config.max_connections_per_peer;
+    options.limits.connections_per_owner =
+        std::min(options.limits.connections_per_owner, config.max_connections_per_peer);
     options.limits.body_bytes = api::kMaxBodyBytes;  // the dispatcher lowers it to that of the method
     options.io_threads = config.io_threads;
     options.on_header = [this](http::HttpRequest& request) { return dispatcher_->OnHeader(request); };

@@ -1,5 +1,4 @@
-// What is wrong with this host's database, found out by a thread of its own, so that whoever asks never waits for a
-// disk.
+// What is wrong with this host's database, found out by a thread of its own, so that callers never wait for a disk.
 #pragma once
 
 #include <chrono>

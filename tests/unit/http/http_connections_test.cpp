@@ -192,7 +192,7 @@ TEST_F(Connections, Demotion_MakesItStrangerAgain) {
   EXPECT_TRUE(connection.is_evicted());
 }
 
-TEST_F(Connections, Evicted_BeforeItBegan_LearnsItAtOnce) {
+TEST_F(Connections, SetOnEvict_AfterEviction_ReturnsFalse) {
   limits_.connections = 1;
   table_ = std::make_shared<ConnectionTable>(limits_);
   const auto first = table_->Enter(Tcp("192.0.2.1"));
