@@ -44,7 +44,13 @@ void CheckAccepted(std::string_view header) {
 
   const std::size_t target = header.find(' ') + 1;
   const std::size_t target_end = header.find(' ', target);
-  Check(header[target] == '/' && target_end - target <= vexa::http::kMaxTargetBytes, "a target is a path");
+  const std::string_view text = header.substr(target, target_end - target);
+  Check(text.size() <= vexa::http::kMaxTargetBytes, "a target is not too long");
+  const std::string origin_form = vexa::http::OriginForm(text);
+  Check(origin_form.starts_with('/'), "a target leads to a path");
+  const std::size_t prefix = text.size() - std::min(text.size(), origin_form.size());
+  Check(text.starts_with('/') || lower.compare(target, 4, "http") == 0, "a target is a path or an http URI");
+  Check(text.substr(0, prefix).find('@') == std::string_view::npos, "a target has no user");
 }
 
 }  // namespace

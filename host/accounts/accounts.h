@@ -28,7 +28,8 @@ struct User {
   std::string stamp = {};
 };
 
-// Changes by others, such as an administrator's command or the system's user database, are visible to the next call.
+// Changes by others, such as an administrator's command, are visible to the next call. Those of the machine's user
+// database are visible within a few seconds, and later while it does not answer (account_cache.h).
 // Threads: any, at the same time.
 class AccountProvider {
  public:

@@ -113,9 +113,11 @@ struct Dispatcher::Work {
   std::shared_ptr<Plan> plan;
   http::Responder responder;
   bool closes_connection = false;  // after the response
+  bool is_accepted = false;        // the caller may call the method
 };
 
-Dispatcher::Dispatcher(Parts parts) : parts_(std::move(parts)), description_(MakeOpenApi(*parts_.table)) {}
+Dispatcher::Dispatcher(Parts parts)
+    : parts_(std::move(parts)), description_(std::make_shared<const std::string>(MakeOpenApi(*parts_.table))) {}
 
 std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& request) {
   const std::string_view target = request.target;
@@ -173,7 +175,11 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
   IdentifyResult identified = parts_.identity->Identify(request);
   if (const int* code = std::get_if<int>(&identified)) {
     // A stale cookie must not prevent a login.
-    if (row->access.value != Access::kAnyone) return refuse(*code);
+    if (row->access.value != Access::kAnyone) {
+      http::HttpResponse response = refuse(*code);
+      if (*code == user_error::kNotLoggedIn) response.owner = http::Owner();
+      return response;
+    }
     plan->caller = AnonymousCaller(request.peer);
   } else {
     plan->caller = std::move(std::get<Caller>(identified));
@@ -187,7 +193,9 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
   // Also for callers with a session, or on the Unix socket: whether they have an account is found out later.
   const bool is_open = row->access.value == Access::kAnyone || IsStranger(plan->caller);
   request.body_limit = is_open ? std::min(kUnauthenticatedBodyBytes, row->body_bytes) : row->body_bytes;
-  plan->body_share = bodies_.Take(OwnerOf(plan->caller), ExpectedBytes(request));
+  // Strangers are not charged for what they announce, or one of them could refuse the others of an address by headers
+  // alone. The server bounds the bytes that have arrived from them.
+  plan->body_share = bodies_.Take(OwnerOf(plan->caller), is_open ? 0 : ExpectedBytes(request));
   if (!plan->body_share) return refuse(user_error::kHostBusy);
   request.context = std::move(plan);
   return std::nullopt;
@@ -256,7 +264,7 @@ http::HttpResponse Dispatcher::MakePage(const Work& work) const {
       response.body = parts_.metrics_text();
       break;
     case Plan::Page::kDescription:
-      response.body = description_;
+      response.shared_body = description_;
       break;
     case Plan::Page::kApi:
       break;
@@ -274,8 +282,21 @@ void Dispatcher::RunMethod(Work& work) const {
       MakeReply(response, extra_members, work.request.id, AudienceOf(work.plan->row->access.value));
   for (auto& header : headers) reply.headers.push_back(std::move(header));
   reply.closes_connection = work.closes_connection;
+  reply.owner = OwnerAfter(work, response.ErrorCode());
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->started);
   work.responder.Send(std::move(reply));
+}
+
+// Whom the connection counts for after the call. A certificate or a token alone is not enough: only a call that was
+// accepted makes the connection a host's or a user's. Calls that anybody may make change nothing.
+std::optional<http::Owner> Dispatcher::OwnerAfter(const Work& work, int code) const {
+  const Caller& caller = work.plan->caller;
+  if (code == user_error::kNotLoggedIn || !parts_.identity->IsLoggedIn(caller.session_token)) return http::Owner();
+  if (!work.is_accepted || work.plan->row->access.value == Access::kAnyone) return std::nullopt;
+  if (caller.kind == Caller::Kind::kHost) return http::Owner{http::Owner::Kind::kHost, caller.host_id, {}};
+  return http::Owner{
+      http::Owner::Kind::kUser, caller.user.name,
+      [identity = parts_.identity, token = caller.session_token] { return identity->IsLoggedIn(token); }};
 }
 
 // While the cluster database is lost, adds that to an error without details: its code reports what could not be done,
@@ -302,6 +323,7 @@ void Dispatcher::CallMethod(Work& work, VEXA::APIResponse& response,
   }
   if (refusal == 0) refusal = CheckUser(row.access.value, caller);
   if (refusal != 0) return response.SetError(refusal, Json::Value());
+  work.is_accepted = true;
   SetActingUser(caller.kind == Caller::Kind::kHost ? caller.acts_for : caller.user.name);
   std::optional<Json::Value> parameters =
       ReadParameters(std::exchange(work.request.body, {}), row, *work.plan->body_share, response);

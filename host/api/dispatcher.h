@@ -30,7 +30,7 @@ class Dispatcher {
     Lane* long_running = nullptr;
     Lane* hosts = nullptr;                      // for all calls of other hosts: users cannot take their room
     std::function<std::string()> metrics_text;  // GET /metrics
-    std::function<std::string()> health;        // GET /healthz: the problem, or ""
+    std::function<std::string()> health;        // GET /healthz: the problem, or ""; on I/O threads, must not block
     std::function<bool()> is_database_lost{};   // whether the cluster database cannot be read now; optional
   };
   explicit Dispatcher(Parts parts);
@@ -52,12 +52,13 @@ class Dispatcher {
   http::HttpResponse MakePage(const Work& work) const;
   void Run(Work& work) const;
   void RunMethod(Work& work) const;
+  std::optional<http::Owner> OwnerAfter(const Work& work, int code) const;
   void ExplainDatabaseLoss(const ApiRow& row, VEXA::APIResponse& response) const;
   void CallMethod(Work& work, VEXA::APIResponse& response, std::vector<std::pair<std::string, std::string>>& headers,
                   Json::Value& extra_members) const;
 
   Parts parts_;
-  std::string description_;  // GET /openapi.json
+  std::shared_ptr<const std::string> description_;  // GET /openapi.json
   BodyQuota bodies_;
   // How many requests that may have long bodies are in progress.
   const std::shared_ptr<std::atomic<int>> long_body_requests_ = std::make_shared<std::atomic<int>>(0);

@@ -35,6 +35,11 @@ class Identity {
   // uid. Whether a host may call is not known yet.
   IdentifyResult Identify(const http::HttpRequest& request) const;
 
+  // Whether the session has not ended. Callers without a session token need none.
+  bool IsLoggedIn(std::string_view session_token) const {
+    return session_token.empty() || sessions_.IsLive(session_token);
+  }
+
   // Looks a user up, which may wait for the system's user database; reads whether a host may call. 0, or the error code
   // to return.
   int LookUpCaller(Caller& caller) const;

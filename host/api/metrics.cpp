@@ -97,6 +97,9 @@ std::string Metrics::ToText(const Gauges& gauges) const {
   Append(text, "vexa_connections_accepted_total", "", gauges.server.connections_accepted);
   AppendHelp(text, "vexa_connections_refused_total", "counter", "Connections refused over a limit.");
   Append(text, "vexa_connections_refused_total", "", gauges.server.connections_refused);
+  AppendHelp(text, "vexa_connections_evicted_total", "counter",
+             "Connections closed, or requests ended, because room or memory was short.");
+  Append(text, "vexa_connections_evicted_total", "", gauges.server.connections_evicted);
   AppendHelp(text, "vexa_http_refused_total", "counter", "Requests that the HTTP server itself refused.");
   Append(text, "vexa_http_refused_total", "", gauges.server.refused_by_server);
   AppendHelp(text, "vexa_sessions", "gauge", "Login sessions.");

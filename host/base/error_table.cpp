@@ -45,12 +45,12 @@ constexpr ErrorRow kErrors[] = {
     // Codes of power, deletion and editing. Some of them have a different meaning between hosts: see kHostErrors. The
     // codes of host_error are not replied to users, who may still see them in the reply to "poweroff_by_ha" and in the
     // system log.
-    {user_error::kActionFailed, 500, "The guest could not be deleted, or its host could not do what was asked."},
-    {user_error::kPowerOnFailed, 500, "The guest could not be powered on."},
+    {user_error::kActionFailed, 409, "The guest could not be deleted, or its host could not do what was asked."},
+    {user_error::kPowerOnFailed, 409, "The guest could not be powered on."},
     {user_error::kShutdownFailed, 409, "The guest could not be shut down."},
     {user_error::kPowerOffFailed, 409, "The guest could not be powered off."},
     {user_error::kRebootFailed, 409, "The guest could not be rebooted."},
-    {user_error::kEditFailed, 500,
+    {user_error::kEditFailed, 409,
      "The guest could not be edited: its host refused, or could not read or write what it needed. The system log has "
      "the reason."},
     {user_error::kAddressInUseOrGuestRuns, 409, "The MAC address is in use, or the guest runs."},

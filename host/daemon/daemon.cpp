@@ -9,6 +9,8 @@
 #include <thread>
 #include <utility>
 
+#include "host/accounts/account_cache.h"
+#include "host/accounts/account_local.h"
 #include "host/accounts/account_pam.h"
 #include "host/api/dispatcher.h"
 #include "host/api/http_reply.h"
@@ -46,11 +48,13 @@
 #include "host/cluster/account_source.h"
 #include "host/cluster/account_store.h"
 #include "host/cluster/host_record.h"
+#include "host/daemon/bounded_task.h"
 #include "host/daemon/cache_refresh.h"
 #include "host/daemon/certificate_signing.h"
 #include "host/daemon/cluster_store.h"
 #include "host/daemon/delayed_call.h"
 #include "host/daemon/file_limit.h"
+#include "host/daemon/health_probe.h"
 #include "host/daemon/host_certificate.h"
 #include "host/daemon/host_id.h"
 #include "host/daemon/host_state.h"
@@ -95,6 +99,9 @@ api::CompoundOptions MakeCompoundOptions() {
 // callers get the result.
 constexpr std::chrono::milliseconds kAnswerMargin{2000};
 
+// What is written last has at least this much time, even when requests have used up the deadline.
+constexpr std::chrono::milliseconds kFarewellTime{1000};
+
 Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& config,
                                                                 const std::shared_ptr<store::Store>& store) {
   const auto source = config.accounts == "pam" ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
@@ -108,7 +115,10 @@ Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& co
     accounts::PamOptions options;
     options.service = config.pam_service;
     options.administrators_group = config.administrators_group;
-    return std::shared_ptr<accounts::AccountProvider>(accounts::MakePamAccounts(options));
+    accounts::LocalAccountOptions local;
+    local.administrators_group = config.administrators_group;
+    return std::shared_ptr<accounts::AccountProvider>(
+        accounts::MakeCachedAccounts(accounts::MakePamAccounts(options), accounts::MakeLocalAccounts(local)));
   }
   if (config.accounts == "file") {
     ::syslog(LOG_NOTICE,
@@ -142,18 +152,6 @@ records::HostLiveness LivenessForRequest(const std::string& host_id) {
   return reader ? api::LivenessOrAlive(**reader, host_id) : records::HostLiveness();
 }
 
-std::string DescribeHealth(store::Health health) {
-  switch (health) {
-    case store::Health::kReady:
-      return "";
-    case store::Health::kReadOnly:
-      return "the database cannot be written";
-    case store::Health::kInaccessible:
-      return "the database cannot be read";
-  }
-  return "";
-}
-
 }  // namespace
 
 // Members are destroyed in reverse order of declaration: the server first, then the lanes, then what the handlers use.
@@ -174,7 +172,11 @@ class Daemon::Impl {
     guest_states_.links().BeginStop();
     cache::RemoveCacheRefresher();
     guest_states_.links().Stop();
-    Stop(std::chrono::milliseconds(0));
+    if (!Stop(std::chrono::milliseconds(0))) {
+      sign_off_.reset();
+      if (!farewell_) SayFarewell();
+    }
+    farewell_.reset();
     server_.reset();
     transport::RemoveTransport();
     guests_.reset();
@@ -188,6 +190,7 @@ class Daemon::Impl {
     if (Status chosen = ChooseCertificate(config); !chosen) return chosen;
     if (Status made = MakeTransport(); !made) return made;
     InstallCacheRefresh(guest_states_);
+    StartHealthProbe();
     if (Status started = StartServer(config); !started) return started;
     JoinCluster(config);
     return {};
@@ -215,7 +218,8 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
-    heartbeat_.reset();  // first, so that other hosts stop calling
+    // First, so that other hosts stop calling. On a thread of its own: the database may hang.
+    if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     if (certificate_) certificate_->BeginStop();
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
@@ -239,10 +243,11 @@ class Daemon::Impl {
     const bool items_done = items_.Stop(left());
     // Guests keep running, and the next start reconciles them.
     const bool guests_done = !guests_ || guests_->Stop(left());
-    ReleaseClaim();
-    Sweep();
-    return guests_done && served && quick_done && long_done && hosts_done && caches_done && links_done && local_done &&
-           items_done;
+    const bool signed_off = !sign_off_ || sign_off_->Wait(left());
+    if (!farewell_ && signed_off) farewell_ = std::make_unique<BoundedTask>([this] { SayFarewell(); });
+    const bool released = farewell_ && farewell_->Wait(std::max(left(), kFarewellTime));
+    return signed_off && released && guests_done && served && quick_done && long_done && hosts_done && caches_done &&
+           links_done && local_done && items_done;
   }
 
  private:
@@ -251,6 +256,11 @@ class Daemon::Impl {
     if (!certificate_) return;
     if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
     certificate_->Stop();
+  }
+
+  void SayFarewell() {
+    ReleaseClaim();
+    Sweep();
   }
 
   void ReleaseClaim() {
@@ -385,7 +395,7 @@ class Daemon::Impl {
                                 {"items", items_.stats()}},
                                sessions_->size()});
     };
-    parts.health = [this] { return DescribeHealth(store_->health()); };
+    parts.health = [this] { return health_->Problem(); };
     parts.is_database_lost = [this] { return store_->health() == store::Health::kInaccessible; };
     dispatcher_ = std::make_unique<api::Dispatcher>(std::move(parts));
   }
@@ -413,6 +423,13 @@ class Daemon::Impl {
     };
     certificate_ = std::make_unique<HostCertificate>(std::move(options));
     return {};
+  }
+
+  // Called before the server starts, which reports it.
+  void StartHealthProbe() {
+    HealthProbeOptions options;
+    options.check = MakeStoreCheck(store_, host_id_);
+    health_ = std::make_unique<HealthProbe>(std::move(options));
   }
 
   // Called before the server starts, so that no handler runs without the transport.
@@ -455,6 +472,8 @@ class Daemon::Impl {
                options.limits.connections, config.max_connections);
     }
     options.limits.connections_per_peer = config.max_connections_per_peer;
+    options.limits.connections_per_owner =
+        std::min(options.limits.connections_per_owner, config.max_connections_per_peer);
     options.limits.body_bytes = api::kMaxBodyBytes;  // the dispatcher lowers it to that of the method
     options.io_threads = config.io_threads;
     options.on_header = [this](http::HttpRequest& request) { return dispatcher_->OnHeader(request); };
@@ -542,6 +561,7 @@ class Daemon::Impl {
   session::LoginLimiter limiter_;
   std::unique_ptr<guests::GuestControl> guests_;
   api::GuestStates guest_states_;
+  std::unique_ptr<HealthProbe> health_;
   std::unique_ptr<api::ApiTable> table_;
   std::unique_ptr<api::Metrics> metrics_;
   std::unique_ptr<api::Dispatcher> dispatcher_;
@@ -559,6 +579,8 @@ class Daemon::Impl {
   std::shared_ptr<cluster::HostClaim> claim_;
   std::unique_ptr<HostCertificate> certificate_;  // only with a listener for hosts
   std::unique_ptr<cluster::HostHeartbeat> heartbeat_;
+  std::unique_ptr<BoundedTask> sign_off_;
+  std::unique_ptr<BoundedTask> farewell_;
   bool stopped_ = false;
 };
 

@@ -7,8 +7,9 @@
 namespace vexa::daemon {
 namespace {
 
-// Listeners, the store, and the files that the lanes' threads open briefly: accounts, sessions.
-constexpr std::size_t kOwnFiles = 256;
+// Listeners, the store, the files that the lanes' threads open briefly (accounts, sessions), and connections that are
+// being refused or closed.
+constexpr std::size_t kOwnFiles = 512;
 
 }  // namespace
 

@@ -111,8 +111,8 @@ void Acceptor::AcceptSome() {
     if (!ReadPeer(accepted.fd, address, accepted.peer)) continue;
     if (accepted.peer.kind == Peer::Kind::kTcp) SetTcpOptions(accepted.fd, server_.options.limits.write);
     accepted.tls = tls_;
-    accepted.permit = server_.peers->Enter(accepted.peer);
-    (accepted.permit ? server_.accepted : server_.refused_connections).fetch_add(1, std::memory_order_relaxed);
+    accepted.place = server_.connections->Enter(accepted.peer);
+    (accepted.place ? server_.accepted : server_.refused_connections).fetch_add(1, std::memory_order_relaxed);
     hand_over_(std::move(accepted));
   }
   Arm();

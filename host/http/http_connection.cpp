@@ -12,9 +12,6 @@ namespace {
 
 using boost::system::error_code;
 
-// How much is still read and discarded after the last response, and for how long.
-constexpr std::size_t kLingerBytes = std::size_t{8} * 1024 * 1024;
-constexpr std::chrono::milliseconds kDrainTime{2'000};
 // How many times one connection is read per event, while the other connections of the thread wait.
 constexpr int kReadsPerEvent = 16;
 
@@ -23,7 +20,8 @@ constexpr int kReadsPerEvent = 16;
 Connection::Connection(IoThread& io, std::size_t slot, AcceptedConnection&& accepted)
     : io_(io),
       slot_(slot),
-      permit_(std::move(accepted.permit)),
+      place_(std::move(accepted.place)),
+      is_refusal_(place_ == nullptr),
       peer_(std::move(accepted.peer)),
       socket_(io.context().get_executor()),
       transport_(accepted.fd, accepted.tls.get()) {
@@ -35,12 +33,10 @@ Connection::~Connection() = default;
 
 void Connection::Start() {
   const ServerLimits& limits = io_.server().options.limits;
-  if (permit_ == nullptr) {
+  if (!is_refusal_ && !ClaimPlace()) return Close();
+  if (is_refusal_) {
     NewRequest();
-    close_after_response_ = true;
-    HttpResponse response = io_.server().MakeError(503, request_id());
-    response.headers.emplace_back("Retry-After", "1");
-    Respond(std::move(response));
+    RefuseAsBusy();
   } else if (transport_.tls()) {
     phase_ = Phase::kHandshake;
     SetDeadline(limits.handshake);
@@ -59,75 +55,14 @@ void Connection::EnterHeader(std::chrono::milliseconds timeout) {
   SetDeadline(timeout);
 }
 
-void Connection::OnDeadline() {
-  switch (phase_) {
-    case Phase::kHeader:
-      if (header_started_) {
-        NewRequest();
-        return Refuse(408);
-      }
-      transport_.ShutdownWrite();
-      return Close();
-    case Phase::kBody:
-      return Refuse(408);
-    default:
-      return Close();
-  }
-}
-
-void Connection::BeginStop() {
-  // Bytes that the client has already sent count as the start of a request.
-  if (phase_ == Phase::kHeader && !header_started_) ReadInput();
-  if (phase_ == Phase::kHandshake) Close();
-  if (phase_ == Phase::kHeader && !header_started_) {
-    transport_.ShutdownWrite();
-    Close();
-  }
-}
-
-void Connection::ReportDrained() {
-  if (!std::exchange(drained_reported_, true)) io_.ConnectionDrained();
-}
-
-void Connection::Close() {
-  if (phase_ == Phase::kClosed) return;
-  const std::shared_ptr<Connection> self = shared_from_this();
-  ReportDrained();
-  io_.ReleaseSlot(slot_);
-  phase_ = Phase::kClosed;
-  deadline_ = Clock::time_point::max();
-  error_code ignored;
-  socket_.close(ignored);
-  permit_.reset();
-  parser_.reset();
-}
-
-void Connection::StartLinger() {
-  phase_ = Phase::kLinger;
-  ReportDrained();
-  transport_.ShutdownWrite();
-  if (peer_ended_) return Close();
-  SetDeadline(kDrainTime);
-  ArmRead();
-}
-
-void Connection::Linger() {
-  auto& scratch = io_.read_scratch();
-  for (int i = 0; i < kReadsPerEvent; ++i) {
-    const IoResult result = transport_.Discard(scratch.data(), scratch.size());
-    lingered_bytes_ += result.bytes;
-    if (result.state == IoState::kWantRead) break;
-    if (result.state != IoState::kDone || lingered_bytes_ > kLingerBytes) return Close();
-  }
-  ArmRead();
-}
-
 void Connection::ArmRead() {
   if (read_armed_) return;
   read_armed_ = true;
   socket_.async_wait(StreamSocket::wait_read, [self = shared_from_this()](const error_code& error) {
     self->read_armed_ = false;
-    if (!error) self->OnReadable();
+    if (error) return;
+    self->OnReadable();
+    self->ReportState();
   });
 }
 
@@ -136,7 +71,9 @@ void Connection::ArmWrite() {
   write_armed_ = true;
   socket_.async_wait(StreamSocket::wait_write, [self = shared_from_this()](const error_code& error) {
     self->write_armed_ = false;
-    if (!error) self->OnWritable();
+    if (error) return;
+    self->OnWritable();
+    self->ReportState();
   });
 }
 
@@ -274,6 +211,7 @@ void Connection::BeginRequest(std::string_view header) {
   NewRequest();
   is_head_request_ = header.substr(0, 5) == "HEAD ";
   parser_ = std::make_unique<RequestParser>(options.limits.body_bytes);
+  header_bytes_ = header.size();
   if (const int status = parser_->ParseHeader(header); status != 0) return Refuse(status);
   close_after_response_ = !parser_->keep_alive();
   http_1_0_ = parser_->is_http_1_0();
@@ -293,14 +231,16 @@ void Connection::BeginRequest(std::string_view header) {
   }
   if (!parser_->expects_body()) return Dispatch();
   phase_ = Phase::kBody;
+  RecordProgress();
   SetDeadline(options.limits.body);
   must_send_continue_ = parser_->expects_continue();
 }
 
 std::size_t Connection::ProcessBody(std::string_view bytes) {
-  if (std::exchange(must_send_continue_, false) && bytes.empty()) Send("HTTP/1.1 100 Continue\r\n\r\n", std::string());
+  if (std::exchange(must_send_continue_, false) && bytes.empty()) Send("HTTP/1.1 100 Continue\r\n\r\n", {});
   if (bytes.empty()) return 0;
   const RequestParser::Progress progress = parser_->ParseBody(bytes);
+  RecordProgress();
   const std::size_t left = bytes.size() - progress.consumed;
   if (progress.status != 0) {
     Refuse(progress.status);
@@ -318,6 +258,7 @@ void Connection::Dispatch() {
   request_number_ = io_.NextRequestNumber();
   HttpRequest request = std::move(parser_->request());
   parser_.reset();
+  ReportState();  // before the handler can know of it, so that nobody finds an idle connection with a request
   const Responder responder(std::make_shared<Responder::Impl>(io_.mailbox(), slot_, request_number_));
   try {
     io_.server().options.on_request(std::move(request), responder);

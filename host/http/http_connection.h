@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,14 +29,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   void Start();
   void Deliver(PendingResponse&& pending);
-  Clock::time_point deadline() const { return deadline_; }
-  void OnDeadline();
+  // Called about twice a second.
+  void OnSweep(Clock::time_point now);
   // Closes when idle; otherwise the current request is the last one.
   void BeginStop();
   void Close();
 
   // Over the connection limit: exists only to be refused with 503.
-  bool is_refusal() const { return permit_ == nullptr && phase_ != Phase::kClosed; }
+  bool is_refusal() const { return is_refusal_; }
 
  private:
   enum class Phase {
@@ -66,15 +67,32 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Output
   void Refuse(int status);
+  void RefuseAsBusy();
   void Respond(HttpResponse&& response);
-  void Send(std::string_view header, std::string&& body);
+  struct Body {
+    std::string own;
+    std::shared_ptr<const std::string> shared;  // instead of `own`
+    std::string_view text() const { return shared ? std::string_view(*shared) : own; }
+  };
+  void Send(std::string_view header, Body&& body);
   IoState WriteAll(std::string_view& header, std::string_view& body);
   bool Flush();
-  bool HasOutput() const { return !out_header_.empty() || !out_body_.empty(); }
+  bool HasOutput() const { return !out_header_.empty() || !out_body_.text().empty(); }
   void FinishResponse();
   void ResumeInput();
 
+  // The place among the server's connections
+  bool ClaimPlace();
+  void OnEvicted(EvictionReason reason);
+  void ReportState();
+  void SetOwner(const Owner& owner);
+  void CheckOwner(Clock::time_point now);
+  void RecordProgress() { progress_at_ = Clock::now(); }
+  bool IsBusy() const;
+  std::size_t HeldBytes() const;
+
   // Phases
+  void OnDeadline();
   void EnterHeader(std::chrono::milliseconds timeout);
   void StartLinger();
   void Linger();
@@ -85,7 +103,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   IoThread& io_;
   const std::size_t slot_;
-  std::unique_ptr<PeerCounter::Permit> permit_;
+  std::unique_ptr<ConnectionPlace> place_;
+  const bool is_refusal_;
   Peer peer_;
   StreamSocket socket_;
   Transport transport_;
@@ -104,6 +123,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::size_t header_scan_ = 0;  // where the search for the end of the header continues
   bool header_started_ = false;
   std::unique_ptr<RequestParser> parser_;
+  std::size_t header_bytes_ = 0;  // of the request in `parser_`
   bool must_send_continue_ = false;
 
   std::uint64_t request_number_ = 0;
@@ -113,9 +133,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool close_after_response_ = false;
 
   std::string out_header_;
-  std::string out_body_;
+  Body out_body_;
   std::size_t out_body_sent_ = 0;
   std::size_t lingered_bytes_ = 0;
+
+  // As last reported to `place_`.
+  bool is_busy_ = false;
+  std::size_t held_bytes_ = 0;
+  std::function<bool()> is_owner_current_;
+  Clock::time_point check_owner_at_ = Clock::time_point::max();
+  Clock::time_point progress_at_;  // when a request or its response last moved on
 };
 
 }  // namespace vexa::http

@@ -18,6 +18,7 @@ void Connection::Deliver(PendingResponse&& pending) {
   if (phase_ != Phase::kHandler || pending.request_number != request_number_) return;
   Respond(pending.response ? std::move(*pending.response) : io_.server().MakeError(500, request_id()));
   ResumeInput();
+  ReportState();
 }
 
 void Connection::Refuse(int status) {
@@ -25,7 +26,16 @@ void Connection::Refuse(int status) {
   Respond(io_.server().MakeError(status, request_id()));
 }
 
+void Connection::RefuseAsBusy() {
+  close_after_response_ = true;
+  HttpResponse response = io_.server().MakeError(503, request_id());
+  response.headers.emplace_back("Retry-After", "1");
+  Respond(std::move(response));
+}
+
 void Connection::Respond(HttpResponse&& response) {
+  if (response.owner) SetOwner(*response.owner);
+  parser_.reset();  // a refused request must not occupy memory while its response is sent
   if (response.status < 200 || response.status > 599) response = io_.server().MakeError(500, request_id());
   if (response.closes_connection || io_.stopping() || (peer_ended_ && buffer_.empty())) close_after_response_ = true;
   const ConnectionAfterResponse keep =
@@ -34,20 +44,26 @@ void Connection::Respond(HttpResponse&& response) {
   header.clear();
   AppendResponseHeader(header, response, std::string_view(request_id_.data(), request_id_.size()), io_.Date(),
                        close_after_response_ ? ConnectionAfterResponse::kClose : keep);
-  if (is_head_request_ || !StatusHasBody(response.status)) response.body.clear();
-  if (transport_.tls() && response.body.size() < kOneRecordBytes) {
-    header.append(response.body);
+  if (is_head_request_ || !StatusHasBody(response.status)) {
     response.body.clear();
+    response.shared_body.reset();
+  }
+  Body body{std::move(response.body), std::move(response.shared_body)};
+  if (transport_.tls() && body.text().size() < kOneRecordBytes) {
+    header.append(body.text());
+    body = {};
   }
   phase_ = Phase::kWrite;
+  RecordProgress();
   SetDeadline(io_.server().options.limits.write);
-  Send(header, std::move(response.body));
+  Send(header, std::move(body));
 }
 
 IoState Connection::WriteAll(std::string_view& header, std::string_view& body) {
   while (!header.empty() || !body.empty()) {
     const IoResult result = transport_.Write(header, body);
     if (result.state != IoState::kDone) return result.state;
+    RecordProgress();
     const std::size_t of_header = std::min(result.bytes, header.size());
     header.remove_prefix(of_header);
     body.remove_prefix(result.bytes - of_header);
@@ -55,20 +71,20 @@ IoState Connection::WriteAll(std::string_view& header, std::string_view& body) {
   return IoState::kDone;
 }
 
-void Connection::Send(std::string_view header, std::string&& body) {
+void Connection::Send(std::string_view header, Body&& body) {
   if (HasOutput()) {  // only a "100 Continue" that is stuck; the pending write sends this too
     out_header_.append(header);
     out_body_ = std::move(body);
     return;
   }
-  std::string_view body_rest = body;
+  std::string_view body_rest = body.text();
   const IoState state = WriteAll(header, body_rest);
   if (state == IoState::kDone) {
     if (phase_ == Phase::kWrite) FinishResponse();
     return;
   }
   out_header_ = header;
-  out_body_sent_ = body.size() - body_rest.size();
+  out_body_sent_ = body.text().size() - body_rest.size();
   out_body_ = std::move(body);
   write_wants_read_ = state == IoState::kWantRead;
   if (state == IoState::kWantWrite) return ArmWrite();
@@ -79,9 +95,9 @@ void Connection::Send(std::string_view header, std::string&& body) {
 // True when a response is complete and the connection stays open.
 bool Connection::Flush() {
   std::string_view header = out_header_;
-  std::string_view body = std::string_view(out_body_).substr(out_body_sent_);
+  std::string_view body = out_body_.text().substr(out_body_sent_);
   const IoState state = WriteAll(header, body);
-  out_body_sent_ = out_body_.size() - body.size();
+  out_body_sent_ = out_body_.text().size() - body.size();
   out_header_.erase(0, out_header_.size() - header.size());
   write_wants_read_ = state == IoState::kWantRead;
   if (state == IoState::kWantWrite) {
@@ -92,7 +108,7 @@ bool Connection::Flush() {
     Close();
   } else {
     std::string().swap(out_header_);
-    std::string().swap(out_body_);
+    out_body_ = Body();
     out_body_sent_ = 0;
     if (phase_ == Phase::kWrite) FinishResponse();
     return phase_ == Phase::kHeader;

@@ -61,7 +61,7 @@ void IoThread::Run() {
 }
 
 void IoThread::AddConnection(AcceptedConnection&& accepted) {
-  const bool refusal = accepted.permit == nullptr;
+  const bool refusal = accepted.place == nullptr;
   if (stopping_ || (refusal && (accepted.tls || refusals_ >= kMaxRefusedConnections))) return;
   std::size_t slot = slots_.size();
   if (free_slots_.empty()) {
@@ -155,10 +155,10 @@ void IoThread::ArmSweep() {
 void IoThread::Sweep() {
   const auto now = std::chrono::steady_clock::now();
   for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
-    if (!slots_[slot] || now < slots_[slot]->deadline()) continue;
     const std::shared_ptr<Connection> connection = slots_[slot];
+    if (!connection) continue;
     try {
-      connection->OnDeadline();
+      connection->OnSweep(now);
     } catch (const std::exception&) {
       connection->Close();  // the sweep must continue
     }

@@ -13,8 +13,6 @@ namespace {
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
 
-// The initial allocation for a body. A client that only announces a large body cannot make it larger.
-constexpr std::uint64_t kInitialBodyBytes = 16 * 1024;
 // "0" and two line ends: between chunks, at least this many bytes must follow. The parser assumes that it sees this
 // much of a last chunk in one piece; without this check, a client that sends single bytes would end the process.
 constexpr std::size_t kMinChunkEndBytes = 5;
@@ -54,7 +52,7 @@ class RequestParser::Impl : public http::basic_parser<true> {
   void on_request_impl(http::verb /*method*/, beast::string_view method, beast::string_view target, int version,
                        beast::error_code& /*error*/) override {
     request_.method = View(method);
-    request_.target = View(target);
+    request_.target = OriginForm(View(target));
     http_1_0_ = version == 10;
   }
 
@@ -95,11 +93,8 @@ class RequestParser::Impl : public http::basic_parser<true> {
   void on_header_impl(beast::error_code& /*error*/) override { header_done_ = true; }
 
   void on_body_init_impl(const boost::optional<std::uint64_t>& length, beast::error_code& error) override {
-    if (length && *length > request_.body_limit) {
-      error = http::error::body_limit;
-      return;
-    }
-    if (length) request_.body.reserve(static_cast<std::size_t>(std::min(*length, kInitialBodyBytes)));
+    // Intentional: nothing is allocated yet, because a client may announce a body and never send it.
+    if (length && *length > request_.body_limit) error = http::error::body_limit;
   }
 
   std::size_t on_body_impl(beast::string_view body, beast::error_code& error) override {
@@ -111,8 +106,10 @@ class RequestParser::Impl : public http::basic_parser<true> {
     return body.size();
   }
 
-  void on_chunk_header_impl(std::uint64_t size, beast::string_view /*extensions*/, beast::error_code&) override {
+  // The parser accepts any byte within a quoted string. A bare line feed or NUL could end the line for another reader.
+  void on_chunk_header_impl(std::uint64_t size, beast::string_view extensions, beast::error_code& error) override {
     chunk_left_ = size;
+    if (!IsFieldValue(View(extensions))) error = http::error::bad_chunk_extension;
   }
 
   std::size_t on_chunk_body_impl(std::uint64_t /*remain*/, beast::string_view body, beast::error_code& error) override {

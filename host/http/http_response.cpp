@@ -114,7 +114,7 @@ void AppendResponseHeader(std::string& out, const HttpResponse& response, std::s
     const bool valid = IsFieldValue(response.content_type) && !response.content_type.empty();
     AppendField(out, "Content-Type", valid ? std::string_view(response.content_type) : "application/octet-stream");
     out.append("Content-Length: ");
-    AppendNumber(out, response.body.size());
+    AppendNumber(out, response.BodyText().size());
     out.append("\r\n");
   }
   bool cache_control = false;

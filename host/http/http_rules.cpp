@@ -55,14 +55,45 @@ bool TakeLine(std::string_view& rest, std::string_view& line) {
   return true;
 }
 
+bool IsHostValue(std::string_view value) {
+  const auto allowed = [](char c) {
+    return IsTokenCharacter(c) || c == ':' || c == '[' || c == ']' || c == '(' || c == ')' || c == ';' || c == '=';
+  };
+  return std::all_of(value.begin(), value.end(), allowed);
+}
+
+// The length of "http://" or "https://" at the start of a target; 0 for any other start.
+std::size_t SchemeLength(std::string_view target) {
+  for (const std::string_view scheme : {std::string_view("http://"), std::string_view("https://")}) {
+    if (EqualsIgnoringCase(target.substr(0, scheme.size()), scheme)) return scheme.size();
+  }
+  return 0;
+}
+
+// "host:port" in a target in absolute form (RFC 9112, section 3.2.2).
+std::string_view AuthorityOf(std::string_view target) {
+  target.remove_prefix(SchemeLength(target));
+  return target.substr(0, target.find_first_of("/?"));
+}
+
 int CheckTarget(std::string_view target) {
   if (target.size() > kMaxTargetBytes) return 414;
-  if (target.empty() || target.front() != '/') return 400;
+  if (SchemeLength(target) != 0) {
+    if (const std::string_view authority = AuthorityOf(target); authority.empty() || !IsHostValue(authority))
+      return 400;
+  } else if (!target.starts_with('/')) {
+    return 400;
+  }
   const auto visible = [](char c) { return c > 0x20 && c < 0x7f && c != '#'; };
   return std::all_of(target.begin(), target.end(), visible) ? kAccepted : 400;
 }
 
-int CheckRequestLine(std::string_view line, int& minor_version) {
+struct RequestLine {
+  int minor_version = 1;
+  std::string_view authority;  // of a target in absolute form
+};
+
+int CheckRequestLine(std::string_view line, RequestLine& parts) {
   const std::size_t first = line.find(' ');
   const std::size_t second = first == std::string_view::npos ? first : line.find(' ', first + 1);
   if (second == std::string_view::npos) return 400;
@@ -74,16 +105,11 @@ int CheckRequestLine(std::string_view line, int& minor_version) {
     return 400;
   }
   if (version != "HTTP/1.1" && version != "HTTP/1.0") return 505;
-  minor_version = version[7] - '0';
-  if (const int status = CheckTarget(line.substr(first + 1, second - first - 1)); status != kAccepted) return status;
+  parts.minor_version = version[7] - '0';
+  const std::string_view target = line.substr(first + 1, second - first - 1);
+  if (const int status = CheckTarget(target); status != kAccepted) return status;
+  if (SchemeLength(target) != 0) parts.authority = AuthorityOf(target);
   return std::find(kMethods.begin(), kMethods.end(), method) == kMethods.end() ? 501 : kAccepted;
-}
-
-bool IsHostValue(std::string_view value) {
-  const auto allowed = [](char c) {
-    return IsTokenCharacter(c) || c == ':' || c == '[' || c == ']' || c == '(' || c == ')' || c == ';' || c == '=';
-  };
-  return std::all_of(value.begin(), value.end(), allowed);
 }
 
 bool IsContentLengthValue(std::string_view value) {
@@ -92,6 +118,9 @@ bool IsContentLengthValue(std::string_view value) {
 
 class FieldChecker {
  public:
+  // A target in absolute form names the host as well. Two names for it could be read in two ways.
+  explicit FieldChecker(std::string_view authority) : authority_(authority) {}
+
   bool Accept(std::string_view line) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) return false;
@@ -103,7 +132,7 @@ class FieldChecker {
       if (!EqualsIgnoringCase(name, kUniqueFields[i])) continue;
       if (seen_[i]) return false;
       seen_[i] = true;
-      if (i == kHost) return IsHostValue(value);
+      if (i == kHost) return IsHostValue(value) && (authority_.empty() || EqualsIgnoringCase(value, authority_));
       if (i == kContentLength) return IsContentLengthValue(value);
       if (i == kTransferEncoding) return EqualsIgnoringCase(value, "chunked");
       break;
@@ -117,6 +146,7 @@ class FieldChecker {
   }
 
  private:
+  const std::string_view authority_;
   std::array<bool, kUniqueFields.size()> seen_{};
 };
 
@@ -136,14 +166,21 @@ bool EqualsIgnoringCase(std::string_view left, std::string_view right) {
          std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) { return Lower(a) == Lower(b); });
 }
 
+std::string OriginForm(std::string_view target) {
+  const std::size_t scheme = SchemeLength(target);
+  if (scheme == 0) return std::string(target);
+  target.remove_prefix(scheme + AuthorityOf(target).size());
+  return target.starts_with('/') ? std::string(target) : "/" + std::string(target);
+}
+
 int CheckRequestHeader(std::string_view header) {
   std::string_view line;
   if (!TakeLine(header, line)) return 400;
-  int minor_version = 1;
-  if (const int status = CheckRequestLine(line, minor_version); status != kAccepted) return status;
-  FieldChecker fields;
+  RequestLine parts;
+  if (const int status = CheckRequestLine(line, parts); status != kAccepted) return status;
+  FieldChecker fields(parts.authority);
   for (std::size_t count = 0; TakeLine(header, line); ++count) {
-    if (line.empty()) return header.empty() && fields.IsComplete(minor_version) ? kAccepted : 400;
+    if (line.empty()) return header.empty() && fields.IsComplete(parts.minor_version) ? kAccepted : 400;
     if (count == kMaxFields) return 431;
     if (!fields.Accept(line)) return 400;
   }

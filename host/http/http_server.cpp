@@ -152,8 +152,8 @@ bool HttpServer::Impl::Stop(std::chrono::milliseconds deadline) {
 }
 
 ServerStats HttpServer::Impl::Stats() const {
-  return ServerStats{shared_.peers->total(), shared_.accepted, shared_.refused_connections, shared_.requests,
-                     shared_.refused_by_server};
+  return ServerStats{shared_.connections->total(),   shared_.accepted, shared_.refused_connections,
+                     shared_.connections->evicted(), shared_.requests, shared_.refused_by_server};
 }
 
 bool HttpServer::Impl::AreThreadsResponding(std::chrono::milliseconds timeout) {

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,10 +36,20 @@ struct Peer {
   CertificateTimes certificate_times;
 };
 
+// On whose behalf a connection is used. When room is short, strangers' connections are closed first.
+struct Owner {
+  enum class Kind { kStranger, kUser, kHost };
+  Kind kind = Kind::kStranger;
+  std::string name;  // of the user or host
+  // Whether the connection still counts for this owner, for example because the login has not ended. Called on I/O
+  // threads every few seconds; must not block. Optional.
+  std::function<bool()> is_current{};
+};
+
 struct HttpRequest {
   std::string id;      // 16 hex digits, new for every request; on_header may replace it with another of this form
   std::string method;  // "GET", "POST", …
-  std::string target;  // as received: starts with "/", no control characters, no fragment
+  std::string target;  // a path and its query: starts with "/", no control characters, no fragment
   // Header fields, "" when absent. Taken before the body is read, so that trailers cannot change them.
   std::string content_type;
   std::string authorization;
@@ -61,8 +72,14 @@ struct HttpResponse {
   int status = 200;
   std::string content_type = "application/json";
   std::string body;
+  // Instead of `body`: a text that many responses share, so that connections that do not read it take no memory.
+  std::shared_ptr<const std::string> shared_body;
   std::vector<std::pair<std::string, std::string>> headers;  // additional fields; no CR or LF in either part
   bool closes_connection = false;                            // this response is the last one
+  // When set: whom the connection counts for from now on. A connection is a stranger's until then.
+  std::optional<Owner> owner;
+
+  std::string_view BodyText() const { return shared_body ? std::string_view(*shared_body) : body; }
 };
 
 // Sends the one response of a request. Copyable; every copy belongs to the same request.
@@ -94,12 +111,18 @@ struct ListenerOptions {
 };
 
 // Times are the longest that a client may take. A request that exceeds a limit gets the response of make_error: 408,
-// 413, 414 or 431; a connection above the limits gets 503. Other connections that take too long are closed.
+// 413, 414 or 431; a connection above the limits gets 503 when no stranger's idle one can be closed for it. Other
+// connections that take too long are closed.
 struct ServerLimits {
   std::size_t header_bytes = 16 * 1024;
   std::size_t body_bytes = 1024 * 1024;
   std::size_t connections = 10'000;
-  std::size_t connections_per_peer = 6'000;
+  std::size_t connections_per_peer = 6'000;   // of one network (PeerNetwork) or user id
+  std::size_t connections_per_owner = 2'000;  // of one user or host
+  // Bytes of unfinished requests and unread responses. Above them, the oldest connection that holds some of the peer's
+  // goes: an unfinished body gets 503, any other connection is closed. The only one that holds any always stays.
+  std::size_t held_bytes_per_owner = std::size_t{32} << 20;     // of one network, user or host
+  std::size_t held_bytes_of_strangers = std::size_t{64} << 20;  // of all strangers; takes from the largest peer
   std::chrono::milliseconds handshake{5'000};
   std::chrono::milliseconds header{10'000};
   std::chrono::milliseconds body{30'000};
@@ -125,6 +148,7 @@ struct ServerStats {
   std::size_t connections = 0;  // open now
   std::uint64_t connections_accepted = 0;
   std::uint64_t connections_refused = 0;  // over a limit
+  std::uint64_t connections_evicted = 0;  // closed, or their request ended, because room or memory was short
   std::uint64_t requests = 0;
   std::uint64_t refused_by_server = 0;  // answered with make_error
 };

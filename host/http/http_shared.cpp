@@ -7,8 +7,7 @@
 namespace vexa::http {
 
 ServerShared::ServerShared(ServerOptions server_options)
-    : options(std::move(server_options)),
-      peers(std::make_shared<PeerCounter>(options.limits.connections, options.limits.connections_per_peer)) {}
+    : options(std::move(server_options)), connections(std::make_shared<ConnectionTable>(options.limits)) {}
 
 HttpResponse ServerShared::MakeError(int status, const std::string& request_id) {
   refused_by_server.fetch_add(1, std::memory_order_relaxed);
@@ -32,7 +31,7 @@ AcceptedConnection::AcceptedConnection(AcceptedConnection&& other) noexcept
       family(other.family),
       peer(std::move(other.peer)),
       tls(std::move(other.tls)),
-      permit(std::move(other.permit)) {}
+      place(std::move(other.place)) {}
 
 AcceptedConnection::~AcceptedConnection() {
   if (fd >= 0) ::close(fd);

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/http/http_peers.h"
+#include "host/http/http_connections.h"
 #include "host/http/http_server.h"
 #include "host/http/http_tls.h"
 
@@ -28,7 +28,7 @@ struct ServerShared {
   explicit ServerShared(ServerOptions server_options);
 
   ServerOptions options;
-  std::shared_ptr<PeerCounter> peers;
+  std::shared_ptr<ConnectionTable> connections;
   std::atomic<std::uint64_t> accepted = 0;
   std::atomic<std::uint64_t> refused_connections = 0;
   std::atomic<std::uint64_t> requests = 0;
@@ -50,7 +50,7 @@ struct AcceptedConnection {
   int family = 0;
   Peer peer;
   TlsContext tls;
-  std::unique_ptr<PeerCounter::Permit> permit;  // null: over a limit, to be refused
+  std::unique_ptr<ConnectionPlace> place;  // null: over a limit, to be refused
 };
 
 }  // namespace vexa::http

@@ -32,6 +32,8 @@ class Transport {
   SSL* ssl() const { return ssl_.get(); }
 
   IoResult Handshake();
+  // Also true without TLS.
+  bool is_established() const { return ssl_ == nullptr || handshake_done_; }
   IoResult Read(char* buffer, std::size_t size);
   // Sends from `header`, then from `body`. After kWant… the caller must pass the same bytes again.
   IoResult Write(std::string_view header, std::string_view body);

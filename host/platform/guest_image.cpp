@@ -60,8 +60,9 @@ bool GuestImageIsDsPath(const std::string& text) { return text.size() > 1 && tex
 
 bool GuestImageIsValidDsPath(const std::string& text) {
   const vexa::records::Environment* environment = vexa::records::CurrentEnvironment();
-  return environment && vexa::platform::HasImagePathForm(text) &&
-         vexa::IsRegularFileBelow(environment->image_roots, text);
+  if (!environment || !vexa::platform::HasImagePathForm(text)) return false;
+  const vexa::records::RequestPause pause;  // the folder may be on a share whose server is gone
+  return vexa::IsRegularFileBelow(environment->image_roots, text);
 }
 
 }  // namespace VexaCCC

@@ -167,6 +167,14 @@ std::optional<SessionUser> SessionIndex::Use(const Hash& hash) {
   return session.user;
 }
 
+bool SessionIndex::IsLive(const Hash& hash) {
+  const std::int64_t now = options_.now();
+  Shard& shard = ShardOf(hash);
+  const MutexLock lock(shard.mutex);
+  const auto found = shard.sessions.find(hash);
+  return found != shard.sessions.end() && IsLive(found->second, now);
+}
+
 bool SessionIndex::CheckCsrf(const Hash& hash, const Hash& csrf_hash) {
   const std::int64_t now = options_.now();
   Shard& shard = ShardOf(hash);

@@ -40,6 +40,7 @@ class SessionIndex {
   void Settle(const Hash& hash, const std::vector<Hash>& replaced, Outcome outcome);
 
   std::optional<SessionUser> Use(const Hash& hash);
+  bool IsLive(const Hash& hash);  // without a use
   bool CheckCsrf(const Hash& hash, const Hash& csrf_hash);
 
   struct Change {

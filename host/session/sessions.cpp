@@ -155,6 +155,11 @@ std::optional<SessionUser> SessionTable::Find(std::string_view token) {
   return hash ? impl_->index().Use(*hash) : std::nullopt;
 }
 
+bool SessionTable::IsLive(std::string_view token) const {
+  const auto hash = HashOf(token);
+  return hash && impl_->index().IsLive(*hash);
+}
+
 bool SessionTable::CheckCsrf(std::string_view token, std::string_view csrf_token) const {
   const auto hash = HashOf(token);
   const auto csrf_hash = HashOf(csrf_token);

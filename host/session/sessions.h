@@ -85,6 +85,9 @@ class SessionTable {
   // The caller has to compare it with the account as it is now.
   std::optional<SessionUser> Find(std::string_view token);
 
+  // Whether the token belongs to a live session. Does not count as a use of it.
+  bool IsLive(std::string_view token) const;
+
   // Whether `csrf_token` belongs to the session of `token`, compared in constant time.
   bool CheckCsrf(std::string_view token, std::string_view csrf_token) const;
 

@@ -13,6 +13,7 @@
 #include "json/readers.h"
 #include "tests/support/http_client.h"
 #include "tests/support/require.h"
+#include "tests/support/waiting.h"
 #include "tests/system/transport_cluster.h"
 #include "tests/system/transport_test_support.h"
 #include "webapi/platform/ccc_constants.h"
@@ -149,7 +150,7 @@ TEST_F(FrozenCluster, StoreFolder_Unmounted_ShowsGuestsFrozenUntilMounted) {
   // A host's own guests live while it runs them; the others keep their last known state, which cannot be verified.
   ExpectShown({"freeze, freeze; freeze, freeze", "running, freeze; running, freeze", "freeze, freeze; freeze, freeze"},
               since);
-  for (int host = 0; host < kHosts; ++host) EXPECT_EQ(Health(host), 503) << host;
+  for (int host = 0; host < kHosts; ++host) EXPECT_TRUE(Eventually([&] { return Health(host) == 503; })) << host;
 
   const Json::Value own = AskAsGrace("list", "{}");
   EXPECT_EQ(Listed(own, kOff), "freeze") << json::ToText(own);
@@ -168,7 +169,7 @@ TEST_F(FrozenCluster, StoreFolder_Unmounted_ShowsGuestsFrozenUntilMounted) {
   MoveBack();
   const std::string normal = "running, shutdown; running, shutdown";
   ExpectShown({normal, normal, normal}, since);
-  for (int host = 0; host < kHosts; ++host) EXPECT_EQ(Health(host), 200) << host;
+  for (int host = 0; host < kHosts; ++host) EXPECT_TRUE(Eventually([&] { return Health(host) == 200; })) << host;
   EXPECT_EQ(CodeOf(Rename(2, kOff, "renamed")), 0);
   EXPECT_EQ(Power(2, kRunning, "poweroff"), 0);
   EXPECT_EQ(Power(1, kOff, "poweron"), 0);

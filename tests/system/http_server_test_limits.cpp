@@ -155,14 +155,14 @@ TEST(HttpDeadlines, Timeout_SlowReader_IsDisconnected) {
 
 // ---- Limits
 
-TEST(HttpLimits, Connections_AboveTotalLimit_Get503UntilOneCloses) {
+TEST(HttpLimits, Connections_AboveTotalLimitOfBusyOnes_Get503UntilOneCloses) {
   TestServer server([](ServerOptions& options) { options.limits.connections = 3; });
   std::vector<Client> clients;
   for (int i = 0; i < 3; ++i) {
     clients.push_back(server.Connect());
-    ASSERT_TRUE(clients.back().Send(Get("/")));
-    ASSERT_EQ(clients.back().Receive().status, 200);
+    ASSERT_TRUE(clients.back().Send(Get("/wait")));
   }
+  ASSERT_TRUE(Eventually([&] { return server.held() == 3; }));
   for (int i = 0; i < 3; ++i) {
     Client refused = server.Connect();
     refused.Send(Get("/"));
@@ -174,6 +174,7 @@ TEST(HttpLimits, Connections_AboveTotalLimit_Get503UntilOneCloses) {
   }
   EXPECT_EQ(server->stats().connections_refused, 3U);
   EXPECT_EQ(server->stats().connections, 3U);
+  server.Release();
   clients.pop_back();
   ASSERT_TRUE(Eventually([&] { return server->stats().connections == 2; }));
   Client next = server.Connect();
@@ -181,11 +182,11 @@ TEST(HttpLimits, Connections_AboveTotalLimit_Get503UntilOneCloses) {
   EXPECT_EQ(next.Receive().status, 200);
 }
 
-TEST(HttpLimits, ConnectionsPerPeer_LimitReached_OtherAddressesAreServed) {
+TEST(HttpLimits, ConnectionsPerPeer_LimitOfBusyOnesReached_OtherAddressesAreServed) {
   TestServer server([](ServerOptions& options) { options.limits.connections_per_peer = 1; });
   Client first = server.Connect();
-  ASSERT_TRUE(first.Send(Get("/")));
-  ASSERT_EQ(first.Receive().status, 200);
+  ASSERT_TRUE(first.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
   EXPECT_EQ(server.Connect().Receive().status, 503);
   Client other = Client::Tcp(server.port(), "127.0.0.2");
   ASSERT_TRUE(other.Send(Get("/")));
@@ -295,8 +296,8 @@ TEST(HttpUnixSocket, ConnectionsPerUser_AreLimited) {
     options.limits.connections_per_peer = 1;
   });
   Client first = Client::Unix(folder / "s");
-  ASSERT_TRUE(first.Send(Get("/")));
-  ASSERT_EQ(first.Receive().status, 200);
+  ASSERT_TRUE(first.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
   EXPECT_EQ(Client::Unix(folder / "s").Receive().status, 503);
 }
 

@@ -358,9 +358,54 @@ TEST_F(Tls, Connection_AboveLimit_IsClosed) {
     options.limits.connections = 1;
   });
   TlsClient first(server.port(), nullptr);
-  ASSERT_TRUE(first.connected());
+  ASSERT_TRUE(first.Send(Get("/wait")));
+  ASSERT_TRUE(Eventually([&] { return server.held() == 1; }));
   EXPECT_FALSE(TlsClient(server.port(), nullptr).connected());
   EXPECT_EQ(server->stats().connections_refused, 1U);
+}
+
+TEST_F(Tls, ConnectionsThatDoNotShakeHands_GiveWayToOthers) {
+  TestServer server([&](ServerOptions& options) {
+    options.listeners[0] = Listener();
+    options.limits.connections = 5;
+  });
+  std::vector<Client> silent;
+  for (int i = 0; i < 5; ++i) silent.push_back(server.Connect());
+  ASSERT_TRUE(Eventually([&] { return server->stats().connections == 5; }));
+  TlsClient client(server.port(), nullptr);
+  ASSERT_TRUE(client.connected());
+  ASSERT_TRUE(client.Send(Get("/")));
+  EXPECT_EQ(client.Receive(12).substr(0, 12), "HTTP/1.1 200");
+  EXPECT_EQ(server->stats().connections_evicted, 1U);
+}
+
+TEST_F(Tls, HostWithCertificate_AfterAcceptedRequest_StaysWhenStrangersFillEverything) {
+  TestServer server([&](ServerOptions& options) {
+    options.listeners[0] = Listener();
+    options.limits.connections = 5;
+    options.on_request = [](HttpRequest&& request, const Responder& responder) {
+      HttpResponse response;
+      if (request.target == "/accepted") response.owner = {Owner::Kind::kHost, request.peer.certificate_name, {}};
+      responder.Send(std::move(response));
+    };
+  });
+  const Identity h1 = MakeIdentity("h1", &authority_);
+  const Identity h2 = MakeIdentity("h2", &authority_);
+  TlsClient accepted(server.port(), &h1);
+  TlsClient refused(server.port(), &h2);
+  ASSERT_TRUE(accepted.Send(Get("/accepted")));
+  ASSERT_EQ(accepted.Receive(12).substr(0, 12), "HTTP/1.1 200");
+  ASSERT_TRUE(refused.Send(Get("/refused")));
+  ASSERT_EQ(refused.Receive(12).substr(0, 12), "HTTP/1.1 200");
+  std::vector<Client> strangers;
+  for (int i = 0; i < 50; ++i) strangers.push_back(server.Connect());
+  ASSERT_TRUE(Eventually([&] {
+    const ServerStats stats = server->stats();
+    return stats.connections_evicted + stats.connections_refused == 47;
+  }));
+  ASSERT_TRUE(accepted.Send(Get("/accepted")));
+  EXPECT_EQ(accepted.Receive(12).substr(0, 12), "HTTP/1.1 200");
+  EXPECT_EQ(refused.Receive(12), "") << "a certificate alone makes no host";
 }
 
 TEST_F(Tls, Stop_FinishesCurrentRequests) {

@@ -163,6 +163,26 @@ TEST_F(Vexad, Vexad_SecondSignal_EndsImmediately) {
   ::close(fd);
 }
 
+// A commit that hangs must neither hold up other requests nor the stop.
+TEST_F(Vexad, CommitHangs_HealthReportsItAndTheStopEndsInTime) {
+  const auto process = Start({"--stop-timeout", "3"});
+  Process holder({.argv = {STORE_LOCK_HOLDER_PROGRAM, folder_.File("data/store")}});
+  ASSERT_TRUE(holder.WaitForText("held", kTimeout)) << holder.errors();
+  HttpReply health;
+  for (const auto end = std::chrono::steady_clock::now() + kTimeout; std::chrono::steady_clock::now() < end;) {
+    health = Unix().Get("/healthz");
+    if (health.status != 200) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(health.status, 503) << health.transport_error;
+  EXPECT_EQ(Unix().Get("/openapi.json").status, 200);
+  process->Signal(SIGTERM);
+  EXPECT_TRUE(process->WaitForText("Some requests did not finish in time.", kTimeout)) << process->errors();
+  ExpectCode(process->Wait(kTimeout), 0);
+  EXPECT_TRUE(holder.IsRunning());
+  holder.Signal(SIGKILL);
+}
+
 TEST_F(Vexad, Restart_KeepsSessionsAndTheHostId) {
   std::string token;
   {

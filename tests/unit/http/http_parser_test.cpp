@@ -89,6 +89,22 @@ TEST_P(Chunks, BadSyntax_IsRefused) {
   }
 }
 
+// Another reader could take such a byte for the end of the line, and see a different chunk.
+TEST_P(Chunks, Chunks_ControlCharacterInQuotedExtension_IsRefused) {
+  for (const std::string size : {"5", "0"}) {
+    const std::string data = size == "5" ? "hello\r\n0\r\n\r\n" : "\r\n";
+    for (const char bad : {'\n', '\0', '\x01', '\x7f'}) {
+      RequestParser parser(kBodyLimit);
+      ASSERT_EQ(parser.ParseHeader(kChunkedHeader), 0);
+      const Outcome outcome = Feed(parser, size + ";a=\"x" + bad + "y\"\r\n" + data, GetParam());
+      EXPECT_EQ(outcome.status, 400) << "character " << int{bad} << " in a chunk of size " << size;
+    }
+    RequestParser parser(kBodyLimit);
+    ASSERT_EQ(parser.ParseHeader(kChunkedHeader), 0);
+    EXPECT_TRUE(Feed(parser, size + ";a=\"x\ty\\\" \xc3\xa9\";b=c\r\n" + data, GetParam()).done) << size;
+  }
+}
+
 TEST_P(Chunks, BodyWithLength_EndsAtItsLength) {
   RequestParser parser(kBodyLimit);
   ASSERT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 5\r\n\r\n"), 0);
@@ -128,6 +144,18 @@ TEST(RequestParser, AnnouncedBody_IsWhatTheHeaderSays) {
   EXPECT_EQ(announced("Content-Length: 0\r\n"), 0u);
   EXPECT_EQ(announced("Content-Length: 1000\r\n"), 1000u);
   EXPECT_EQ(announced("Transfer-Encoding: chunked\r\n"), std::numeric_limits<std::size_t>::max());
+}
+
+TEST(RequestParser, Target_InAbsoluteForm_IsPath) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHeader("GET http://nas:80/a?b HTTP/1.1\r\nHost: nas:80\r\n\r\n"), 0);
+  EXPECT_EQ(parser.request().target, "/a?b");
+}
+
+TEST(RequestParser, BodyThatIsAnnounced_TakesNoMemory) {
+  RequestParser parser(kBodyLimit);
+  ASSERT_EQ(parser.ParseHeader("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 900\r\n\r\n"), 0);
+  EXPECT_LT(parser.request().body.capacity(), 100U);
 }
 
 TEST(RequestParser, Parse_ContentLengthAboveLimit_IsRefusedBeforeBody) {

@@ -45,7 +45,22 @@ const HeaderRow kHeaders[] = {
     {"MethodUnknown", Line("BREW / HTTP/1.1"), 501},
     {"MethodInSmallLetters", Line("get / HTTP/1.1"), 501},
 
-    {"AbsoluteForm", Line("GET http://nas/ HTTP/1.1"), 400},
+    {"AbsoluteForm", Line("GET http://nas/ HTTP/1.1"), 0},
+    {"AbsoluteFormWithPort", "GET HTTPS://[::A]:8642/a?b HTTP/1.1\r\nHost: [::a]:8642\r\n\r\n", 0},
+    {"AbsoluteFormOfHttp10", "GET http://nas/ HTTP/1.0\r\n\r\n", 0},
+    {"AbsoluteFormWithoutPath", Line("GET http://nas HTTP/1.1"), 0},
+    {"AbsoluteFormOfOtherHost", Line("GET http://other/ HTTP/1.1"), 400},
+    {"AbsoluteFormOfOtherPort", Line("GET http://nas:81/ HTTP/1.1"), 400},
+    {"AbsoluteFormWithEmptyHost", "GET http://nas/ HTTP/1.1\r\nHost:\r\n\r\n", 400},
+    {"AbsoluteFormWithoutHostField", "GET http://nas/ HTTP/1.1\r\n\r\n", 400},
+    {"AbsoluteFormWithoutAuthority", Line("GET http:///a HTTP/1.1"), 400},
+    {"AbsoluteFormWithUser", Line("GET http://root@nas/ HTTP/1.1"), 400},
+    {"AbsoluteFormWithBackslash", Line("GET http://nas\\a/ HTTP/1.1"), 400},
+    {"AbsoluteFormWithFragment", Line("GET http://nas/#a HTTP/1.1"), 400},
+    {"AbsoluteFormOfOtherScheme", Line("GET ftp://nas/ HTTP/1.1"), 400},
+    {"AbsoluteFormWithOneSlash", Line("GET http:/nas/ HTTP/1.1"), 400},
+    {"AbsoluteFormTooLong", Line("GET http://nas/" + std::string(kMaxTargetBytes, 'a') + " HTTP/1.1"), 414},
+    {"SchemeOnly", Line("GET https:// HTTP/1.1"), 400},
     {"AuthorityForm", Line("CONNECT nas:80 HTTP/1.1"), 400},
     {"AsteriskForm", Line("OPTIONS * HTTP/1.1"), 400},
     {"Fragment", Line("GET /a#b HTTP/1.1"), 400},
@@ -116,6 +131,20 @@ const HeaderRow kHeaders[] = {
 };
 
 class RequestHeader : public testing::TestWithParam<HeaderRow> {};
+
+TEST(OriginForm, Target_InEitherForm_IsPathAndQuery) {
+  const struct {
+    const char* target;
+    const char* path;
+  } rows[] = {{"/a?b", "/a?b"},
+              {"http://nas/a?b", "/a?b"},
+              {"HTTPS://nas:1/", "/"},
+              {"http://nas", "/"},
+              {"http://nas?b=/c", "/?b=/c"},
+              {"http://nas//x", "//x"},
+              {"/http://nas/", "/http://nas/"}};
+  for (const auto& row : rows) EXPECT_EQ(OriginForm(row.target), row.path);
+}
 
 TEST_P(RequestHeader, Checked_ReturnsTheStatus) { EXPECT_EQ(CheckRequestHeader(GetParam().text), GetParam().status); }
 

@@ -8,6 +8,7 @@
 
 #include "host/base/rooted_file.h"
 #include "host/records/environment.h"
+#include "host/records/request_scope.h"
 #include "tests/support/test_host.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_image.h"
@@ -55,6 +56,18 @@ TEST_F(GuestImage, ImageId_RecordWithPath_IsValid) {
     host_.PutText("image", kImage, record);
     EXPECT_FALSE(GuestImageIsValidID(kImage)) << record;
   }
+}
+
+// A share whose server is gone would otherwise keep the store from reusing space.
+TEST_F(GuestImage, ImagePath_IsExaminedWithoutTheRequestsReader) {
+  Allow({root_});
+  const records::RequestScope scope;
+  std::weak_ptr<const records::Reader> reader = *records::ReaderOfRequest();
+  ASSERT_FALSE(reader.expired());
+  EXPECT_FALSE(GuestImageIsValidDsPath("relative.iso"));
+  EXPECT_FALSE(reader.expired()) << "no file is touched for a text that is not a path";
+  EXPECT_TRUE(GuestImageIsValidDsPath(root_ + "/a.iso"));
+  EXPECT_TRUE(reader.expired());
 }
 
 TEST_F(GuestImage, ImageId_EmptyDrive_IsValid) { EXPECT_TRUE(GuestImageIsValidID("unmounted")); }

@@ -48,6 +48,21 @@ TEST(SessionToken, Hash_KnownText_IsItsSha256) {
   EXPECT_EQ(EncodeHash(*HashToken("abc")), "ungWv48Bz-pBQUDeXa4iI7ADYaOWF3qctBD_YfIAFa0");
 }
 
+TEST_F(SessionsTest, IsLive_FollowsTheSession_AndIsNotAUseOfIt) {
+  options_.idle = std::chrono::seconds(100);
+  const auto table = Open();
+  const std::string token = Create(*table, "alice").token;
+  now_ = kStart + 60;
+  EXPECT_TRUE(table->IsLive(token));
+  EXPECT_FALSE(table->IsLive("x"));
+  EXPECT_FALSE(table->IsLive(std::string(token.size(), 'A')));
+  now_ = kStart + 101;
+  EXPECT_FALSE(table->IsLive(token)) << "asking has not prolonged it";
+  const std::string other = Create(*table, "alice").token;
+  EXPECT_TRUE(table->End(other));
+  EXPECT_FALSE(table->IsLive(other));
+}
+
 TEST_F(SessionsTest, Create_ThenFind_ReturnsUser) {
   const auto table = Open();
   const NewSession alice = Create(*table, "alice");

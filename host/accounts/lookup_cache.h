@@ -1,0 +1,160 @@
+// Remembers what a slow directory has answered, and asks it on threads that nobody has to wait for.
+#pragma once
+
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "host/base/background_thread.h"
+#include "host/base/mutex.h"
+#include "host/base/result.h"
+
+namespace vexa::accounts {
+
+struct LookupOptions {
+  std::chrono::milliseconds fresh{5'000};     // an answer is used for this long without asking again
+  std::chrono::milliseconds patience{2'000};  // how long callers wait for an answer
+  std::chrono::minutes stale{5};              // and how old one may be that is used while none comes
+  std::size_t max_entries = 10'000;
+  int max_threads = 32;          // look-ups at a time
+  int max_unknown_threads = 24;  // of them, for keys without an earlier answer: the other threads are for known keys
+};
+
+// How many look-ups run. Threads: any.
+class LookupThreads {
+ public:
+  explicit LookupThreads(const LookupOptions& options) : options_(options) {}
+
+  enum class Kind { kKnown, kUnknown };
+  bool Take(Kind kind) {
+    const MutexLock lock(mutex_);
+    if (running_ >= options_.max_threads) return false;
+    if (kind == Kind::kUnknown && unknown_ >= options_.max_unknown_threads) return false;
+    ++running_;
+    if (kind == Kind::kUnknown) ++unknown_;
+    return true;
+  }
+  void GiveBack(Kind kind) {
+    const MutexLock lock(mutex_);
+    --running_;
+    if (kind == Kind::kUnknown) --unknown_;
+  }
+
+ private:
+  const LookupOptions options_;
+  Mutex mutex_;
+  int running_ VEXA_GUARDED_BY(mutex_) = 0;
+  int unknown_ VEXA_GUARDED_BY(mutex_) = 0;
+};
+
+// Threads: any. Look-ups may outlive it.
+template <class Value>
+class LookupCache {
+ public:
+  using LookUp = std::function<Result<Value>()>;
+
+  LookupCache(const LookupOptions& options, std::shared_ptr<LookupThreads> threads)
+      : state_(std::make_shared<State>(options, std::move(threads))) {}
+
+  // The answer for `key`: a fresh one, or that of `look_up`, of which only one runs at a time for a key. When none
+  // comes in time or `look_up` is kUnavailable: the last answer unless it is stale, otherwise kUnavailable. `look_up`
+  // may hang, and must own what it uses.
+  Result<Value> Get(const std::string& key, LookUp look_up) const {
+    State& state = *state_;
+    const MutexLock lock(state.mutex);
+    Entry& entry = state.Find(key);
+    if (entry.answer && Clock::now() - entry.answered < state.options.fresh) return *entry.answer;
+    if (!entry.asked_since && !Start(entry, key, std::move(look_up))) return entry.LastOr(state.options);
+    ++entry.waiting;
+    const auto until = *entry.asked_since + state.options.patience;
+    while (entry.asked_since && state.answered.WaitUntil(state.mutex, until)) {
+    }
+    --entry.waiting;
+    return entry.LastOr(state.options);
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Kind = LookupThreads::Kind;
+
+  struct Entry {
+    std::optional<Result<Value>> answer;  // other than kUnavailable
+    Clock::time_point answered;
+    Clock::time_point used;
+    std::optional<Clock::time_point> asked_since;  // set while a look-up runs
+    int waiting = 0;
+
+    Result<Value> LastOr(const LookupOptions& options) const {
+      if (answer && Clock::now() - answered < options.stale) return *answer;
+      return Error(ErrorCode::kUnavailable, "The name service does not answer");
+    }
+  };
+
+  struct State {
+    State(const LookupOptions& given, std::shared_ptr<LookupThreads> shared)
+        : options(given), threads(std::move(shared)) {}
+
+    Entry& Find(const std::string& key) VEXA_REQUIRES(mutex) {
+      if (!entries.contains(key) && entries.size() >= options.max_entries) RemoveLeastUsed();
+      Entry& entry = entries[key];
+      entry.used = Clock::now();
+      return entry;
+    }
+    // Entries that are in use stay, so there may be more than max_entries by as many as there are threads.
+    void RemoveLeastUsed() VEXA_REQUIRES(mutex) {
+      auto least = entries.end();
+      for (auto at = entries.begin(); at != entries.end(); ++at) {
+        if (at->second.asked_since || at->second.waiting > 0) continue;
+        if (least == entries.end() || at->second.used < least->second.used) least = at;
+      }
+      if (least != entries.end()) entries.erase(least);
+    }
+
+    const LookupOptions options;
+    const std::shared_ptr<LookupThreads> threads;
+    Mutex mutex;
+    ConditionVariable answered;
+    std::unordered_map<std::string, Entry> entries VEXA_GUARDED_BY(mutex);
+  };
+
+  // False when no thread is left.
+  bool Start(Entry& entry, const std::string& key, LookUp look_up) const VEXA_REQUIRES(state_->mutex) {
+    const Kind kind = entry.answer && entry.answer->ok() ? Kind::kKnown : Kind::kUnknown;
+    if (!state_->threads->Take(kind)) return false;
+    try {
+      StartThreadBlockingSignals([state = state_, kind, key, look_up = std::move(look_up)] {
+        Run(*state, kind, key, look_up);
+      }).detach();
+    } catch (const std::exception&) {  // no thread or memory left
+      state_->threads->GiveBack(kind);
+      return false;
+    }
+    entry.asked_since = Clock::now();
+    return true;
+  }
+
+  static void Run(State& state, Kind kind, const std::string& key, const LookUp& look_up) {
+    std::optional<Result<Value>> answer;
+    try {
+      answer = look_up();
+    } catch (const std::exception&) {  // out of memory: as if there were no answer
+    }
+    state.threads->GiveBack(kind);
+    const MutexLock lock(state.mutex);
+    Entry& entry = state.entries[key];
+    entry.asked_since.reset();
+    state.answered.NotifyAll();
+    if (!answer || (!answer->ok() && answer->error().code() == ErrorCode::kUnavailable)) return;
+    entry.answer = std::move(answer);
+    entry.answered = Clock::now();
+  }
+
+  const std::shared_ptr<State> state_;
+};
+
+}  // namespace vexa::accounts
