@@ -107,6 +107,11 @@ Health MirroredStore::health() const {
   return health;
 }
 
+void MirroredStore::LimitCommitWaits(milliseconds longest) {
+  primary_->LimitCommitWaits(longest);
+  copy_->LimitCommitWaits(longest);
+}
+
 std::optional<Error> MirroredStore::PrimaryFailure() const {
   if (!serving_from_copy_.load(std::memory_order_acquire)) return std::nullopt;
   const MutexLock lock(mutex_);
