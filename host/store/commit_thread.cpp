@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/base/background_thread.h"
 #include "host/store/commit_thread_state.h"
 
 namespace vexa::store {
@@ -102,7 +103,8 @@ void CommitThread::State::RecordFailure(const Error& error, Health consequence) 
 }
 
 CommitThread::CommitThread(std::shared_ptr<LmdbEnvironment> environment, const CommitThreadOptions& options)
-    : state_(std::make_shared<State>(std::move(environment), options)), thread_([state = state_] { state->Run(); }) {}
+    : state_(std::make_shared<State>(std::move(environment), options)),
+      thread_(StartThreadBlockingSignals([state = state_] { state->Run(); })) {}
 
 CommitThread::~CommitThread() {
   bool ended = false;
