@@ -37,6 +37,7 @@
 #include "host/api/user/session_list_api.h"
 #include "host/api/user/unreachable_host.h"
 #include "host/base/background_thread.h"
+#include "host/base/data_folder.h"
 #include "host/base/data_lock.h"
 #include "host/base/error_table.h"
 #include "host/base/files.h"
@@ -74,6 +75,7 @@
 #include "host/records/request_scope.h"
 #include "host/session/login_limiter.h"
 #include "host/session/sessions.h"
+#include "host/store/lost_store.h"
 #include "host/transport/transport.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -101,6 +103,9 @@ constexpr std::chrono::milliseconds kAnswerMargin{2000};
 
 // What is written last has at least this much time, even when requests have used up the deadline.
 constexpr std::chrono::milliseconds kFarewellTime{1000};
+
+// A process that holds the database must not hold a stop.
+constexpr std::chrono::milliseconds kCommitWaitWhenStopping{1000};
 
 Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& config,
                                                                 const std::shared_ptr<store::Store>& store) {
@@ -218,6 +223,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
+    store_->LimitCommitWaits(kCommitWaitWhenStopping);
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     if (certificate_) certificate_->BeginStop();
@@ -272,6 +278,7 @@ class Daemon::Impl {
 
   Status OpenData(const Config& config) {
     if (Status made = CreateDirectories(config.data_directory, 0700); !made) return made;
+    if (Status safe = CheckDataFolder(config.data_directory); !safe) return safe;
     Result<DataLock> lock = DataLock::Take(config.data_directory);
     if (!lock) return lock.error();
     data_lock_ = std::move(*lock);
@@ -282,6 +289,11 @@ class Daemon::Impl {
     if (!store) return store.error();
     store_ = std::move(*store);
     if (Status claimed = ClaimHost(config); !claimed) return claimed;
+    const Status marked = store::MarkStoreUsed(config.data_directory);
+    if (!marked) {
+      ::syslog(LOG_ERR, "A missing database will not be noticed at the next start: %s",
+               marked.error().ToString().c_str());
+    }
     auto accounts = OpenAccounts(config, store_);
     if (!accounts) return accounts.error();
     accounts_ = std::move(*accounts);
@@ -302,14 +314,19 @@ class Daemon::Impl {
     return {};
   }
 
+  // Whether the host was removed from the cluster while it ran on this data folder.
+  bool HasBeenRemovedHere(const std::string& data_folder_id) const {
+    const auto snapshot = store_->Read();
+    if (!snapshot) return false;
+    const auto claim = records::LoadObject(**snapshot, records::HostClaimKey(host_id_));
+    return claim && records::IsForgotten(claim->record) &&
+           VexaVirtualization::json::Member(claim->record, "place") == Json::Value(data_folder_id);
+  }
+
   // A host that was removed from the cluster does not start, but guests may still be running here.
   void StopDomainsOfRemovedHost(const Config& config, const std::string& data_folder_id) {
     if (config.hypervisor == "none") return;
-    const auto snapshot = store_->Read();
-    if (!snapshot) return;
-    const auto claim = records::LoadObject(**snapshot, records::HostClaimKey(host_id_));
-    if (!claim || !records::IsForgotten(claim->record)) return;
-    if (VexaVirtualization::json::Member(claim->record, "place") != Json::Value(data_folder_id)) return;
+    if (!HasBeenRemovedHere(data_folder_id)) return;
     hypervisor::HypervisorOptions options;
     options.mode = config.hypervisor;
     options.root = config.hypervisor_root;

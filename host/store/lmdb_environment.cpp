@@ -7,9 +7,9 @@
 #include <thread>
 #include <utility>
 
+#include "host/store/data_check.h"
 #include "host/store/lmdb_error.h"
 #include "host/store/lmdb_files.h"
-#include "host/store/lmdb_format.h"
 #include "host/store/open_once.h"
 
 namespace vexa::store {
@@ -76,8 +76,27 @@ Result<std::shared_ptr<LmdbEnvironment>> LmdbEnvironment::Open(const LmdbOptions
 
 Status LmdbEnvironment::OpenFiles() {
   const FolderLock lock(directory_);
+  if (lock.code() == EWOULDBLOCK) {
+    return Error(
+        ErrorCode::kUnavailable,
+        fmt::format("Another process is opening the store in '{}' and does not finish. Let it continue, or end "
+                    "it",
+                    directory_));
+  }
   if (lock.code() != 0) return LmdbError(fmt::format("Cannot lock the folder '{}'", directory_), lock.code());
   if (Status sound = CheckStoreFiles(directory_); !sound.ok()) return sound;
+  Status opened = OpenEnvironment();
+  // LMDB syncs what it writes, but not the name of a new file.
+  const int synced = opened.ok() ? lock.SyncDirectories() : 0;
+  if (synced != 0) opened = LmdbError(fmt::format("Cannot sync the folder '{}'", directory_), synced);
+  if (!opened.ok()) CloseFiles();
+  return opened;
+}
+
+Status LmdbEnvironment::OpenEnvironment() {
+  Result<LockFile> lock_file = LockFile::Open(directory_);
+  if (!lock_file.ok()) return lock_file.error();
+  lock_file_ = std::move(*lock_file);
   int code = mdb_env_create(&environment_);
   if (code != 0) return LmdbError(fmt::format("Cannot prepare the store in '{}'", directory_), code);
   code = mdb_env_set_maxdbs(environment_, 3);
@@ -86,27 +105,19 @@ Status LmdbEnvironment::OpenFiles() {
   // Without MDB_WRITEMAP, pages are written by system calls: a full disk is then an error instead of a signal.
   if (code == 0) code = mdb_env_open(environment_, directory_.c_str(), MDB_NOTLS, S_IRUSR | S_IWUSR);
   if (code == ENOMEM) {
-    CloseFiles();
     return Error(
         ErrorCode::kNoSpace, fmt::format("Cannot map the store in '{}'", directory_),
         fmt::format("It takes {} bytes of address space. Raise their limit (ulimit -v, LimitAS=)", map_bytes_));
   }
-  if (code != 0) {
-    CloseFiles();
-    return LmdbError(fmt::format("Cannot open the store in '{}'", directory_), code);
-  }
+  if (code != 0) return LmdbError(fmt::format("Cannot open the store in '{}'", directory_), code);
+  if (Status reserved = lock_file_.Reserve(); !reserved.ok()) return reserved;
   RestrictStoreFileModes(directory_);
   int dead_readers = 0;
   mdb_reader_check(environment_, &dead_readers);
-  if (Status opened = OpenDatabases(); !opened.ok()) {
-    CloseFiles();
-    return opened;
-  }
-  // LMDB syncs what it writes, but not the name of a new file.
-  if (const int synced = lock.SyncDirectories(); synced != 0) {
-    CloseFiles();
-    return LmdbError(fmt::format("Cannot sync the folder '{}'", directory_), synced);
-  }
+  if (Status intact = CheckDataPages(environment_, directory_ + "/data.mdb"); !intact.ok()) return intact;
+  const Result<LmdbDatabases> databases = OpenDatabases(environment_, directory_);
+  if (!databases.ok()) return databases.error();
+  databases_ = *databases;
   return {};
 }
 
@@ -125,37 +136,7 @@ Status LmdbEnvironment::StartFileCheck() {
 void LmdbEnvironment::CloseFiles() {
   DropIdleReaders();
   if (environment_ != nullptr) mdb_env_close(std::exchange(environment_, nullptr));
-}
-
-Status LmdbEnvironment::OpenDatabases() {
-  int code = OpenDatabasesIn(MDB_RDONLY);
-  if (code == MDB_NOTFOUND) code = OpenDatabasesIn(0);
-  if (code == MDB_SUCCESS) return {};
-  if (code == MDB_NOTFOUND) code = MDB_INVALID;
-  return LmdbError(fmt::format("'{}' does not contain a store that this version can use", directory_), code);
-}
-
-// In a transaction with these flags; only a write transaction creates the databases. MDB_NOTFOUND when one is missing.
-int LmdbEnvironment::OpenDatabasesIn(unsigned transaction_flags) {
-  MDB_txn* transaction = nullptr;
-  int code = mdb_txn_begin(environment_, nullptr, transaction_flags, &transaction);
-  if (code != 0) return code;
-  MDB_dbi main = 0;
-  MDB_stat content{};
-  code = mdb_dbi_open(transaction, nullptr, 0, &main);
-  if (code == 0) code = mdb_stat(transaction, main, &content);
-  // Databases are added to an empty file only: a file that contains other databases is not ours.
-  const unsigned create = transaction_flags == 0 && content.ms_entries == 0 ? static_cast<unsigned>(MDB_CREATE) : 0U;
-  if (code == 0) code = mdb_dbi_open(transaction, kDataName, create, &data_);
-  if (code == 0) code = mdb_dbi_open(transaction, kChangesName, create, &changes_);
-  if (code == 0) code = mdb_dbi_open(transaction, kMetaName, create, &meta_);
-  if (code == 0 && create != 0) code = PutNumber(transaction, meta_, kFormatName, kFormatVersion);
-  std::uint64_t format = 0;
-  if (code == 0) code = GetNumber(transaction, meta_, kFormatName, format);
-  if (code == 0 && format != kFormatVersion) code = MDB_VERSION_MISMATCH;
-  if (code == 0) return mdb_txn_commit(transaction);
-  mdb_txn_abort(transaction);
-  return code;
+  lock_file_ = LockFile();
 }
 
 // Begins a transaction with `begin`, which returns 0 or LMDB's code, and recovers from the failures that can be
@@ -235,6 +216,17 @@ Status LmdbEnvironment::Reopen() {
   gate_.Reopen();
   if (opened.ok()) return {};
   return Error(ErrorCode::kUnavailable, "Cannot reopen the store", opened.error().ToString());
+}
+
+void LmdbEnvironment::CheckReaders() {
+  const MapGate::Pass pass = gate_.Enter();
+  int dead_readers = 0;
+  if (environment_ != nullptr) mdb_reader_check(environment_, &dead_readers);
+}
+
+std::optional<pid_t> LmdbEnvironment::FindWriter() {
+  const MapGate::Pass pass = gate_.Enter();
+  return lock_file_.FindWriter();
 }
 
 std::uint64_t LmdbEnvironment::LastTransactionNumber() {

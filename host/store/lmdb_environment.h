@@ -2,17 +2,21 @@
 #pragma once
 
 #include <lmdb.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/base/mutex.h"
 #include "host/base/result.h"
+#include "host/store/lmdb_databases.h"
+#include "host/store/lock_file.h"
 #include "host/store/map_gate.h"
 #include "host/store/store_file_check.h"
 
@@ -67,9 +71,9 @@ class LmdbEnvironment {
   LmdbEnvironment(const LmdbEnvironment&) = delete;
   LmdbEnvironment& operator=(const LmdbEnvironment&) = delete;
 
-  MDB_dbi data() const { return data_; }
-  MDB_dbi changes() const { return changes_; }
-  MDB_dbi meta() const { return meta_; }
+  MDB_dbi data() const { return databases_.data; }
+  MDB_dbi changes() const { return databases_.changes; }
+  MDB_dbi meta() const { return databases_.meta; }
   const std::string& directory() const { return directory_; }
 
   // kUnavailable when the data file is no longer the one that was opened, or cannot be read; see StoreFileCheck.
@@ -81,8 +85,11 @@ class LmdbEnvironment {
   // Waits for the writers of all processes. Errors: those of BeginRead.
   Result<WriteTransaction> BeginWrite();
 
-  // Whether a transaction that this thread began is still open.
-  bool IsHeldByThisThread() { return gate_.IsHeldByThisThread(); }
+  // Frees the slots of readers whose process has died; until then they keep pages from being used again.
+  void CheckReaders();
+
+  // The process in which a write transaction is open, if it can be found out.
+  std::optional<pid_t> FindWriter();
 
   // A number that changes with every commit of any process; 0 when it is unknown.
   std::uint64_t LastTransactionNumber();
@@ -92,9 +99,8 @@ class LmdbEnvironment {
 
   explicit LmdbEnvironment(const LmdbOptions& options);
   Status OpenFiles();
+  Status OpenEnvironment();
   Status StartFileCheck();
-  Status OpenDatabases();
-  int OpenDatabasesIn(unsigned transaction_flags);
   void CloseFiles();
   Result<MDB_txn*> Begin(MapGate::Pass& pass, const std::function<int(MDB_txn*&)>& begin);
   int BeginReader(MDB_txn*& transaction);
@@ -109,9 +115,9 @@ class LmdbEnvironment {
   std::unique_ptr<const StoreFileCheck> file_check_;  // does not change once the environment has been returned
   MapGate gate_;
   MDB_env* environment_ = nullptr;  // changed only while the gate is closed; null when reopening failed
-  MDB_dbi data_ = 0;
-  MDB_dbi changes_ = 0;
-  MDB_dbi meta_ = 0;
+  // These change with it.
+  LockFile lock_file_;
+  LmdbDatabases databases_;
   Mutex idle_mutex_;
   std::vector<MDB_txn*> idle_readers_ VEXA_GUARDED_BY(idle_mutex_);  // reset: they keep a reader slot, but no pages
 };

@@ -9,9 +9,8 @@
 namespace vexa::store {
 
 // Whether LMDB may open `directory`: it is empty, or contains a data file of ours whose header (its meta pages) is
-// intact. LMDB trusts the header, so a damaged one would end this process; deeper damage is found, if at all, when it
-// is read. A folder with other files and no data file is not ours.
-// Errors: kCorrupt, and kDenied or kInternal when a file cannot be read.
+// intact. LMDB trusts the header, so a damaged one would end this process. A folder with other files and no data file
+// is not ours. Errors: kCorrupt, and kDenied or kInternal when a file cannot be read.
 Status CheckStoreFiles(const std::string& directory);
 
 // While it exists, no other process can open the store in `directory`: two that create it at the same time would each
@@ -19,7 +18,7 @@ Status CheckStoreFiles(const std::string& directory);
 class FolderLock {
  public:
   explicit FolderLock(const std::string& directory);
-  // 0 when locked, otherwise errno(3).
+  // 0 when locked, otherwise errno(3): EWOULDBLOCK when another process has had it for 10 s.
   int code() const { return code_; }
   // Syncs the folder and its parent, so that new names in both survive a power failure. Returns 0 or errno(3).
   int SyncDirectories() const;
@@ -32,7 +31,8 @@ class FolderLock {
 // Sets the mode of the store's files to 0600. Files of another owner keep theirs.
 void RestrictStoreFileModes(const std::string& directory);
 
-// Whether the disk of `directory` has less than 1 MiB left.
-bool DiskIsFull(const std::string& directory);
+// Why the system wrote only a part of what the store in `directory` wanted to write: ENOSPC, EDQUOT or EFBIG (the disk,
+// a quota or the process's limit leaves less than 1 MiB), or EIO, which may be anything.
+int ReasonForShortWrite(const std::string& directory);
 
 }  // namespace vexa::store

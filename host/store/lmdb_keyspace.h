@@ -2,13 +2,12 @@
 // database copies those of the database.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
 
-#include "host/base/mutex.h"
+#include "host/store/commit_thread.h"
 #include "host/store/lmdb_environment.h"
 #include "host/store/lmdb_store.h"
 #include "host/store/store.h"
@@ -47,7 +46,7 @@ class KeyspaceWriter {
   Status SetRevision(Revision revision);
 
  private:
-  friend class LmdbKeyspace;
+  friend class CommitThread;
   KeyspaceWriter(const LmdbEnvironment& environment, MDB_txn* transaction, std::size_t change_log_length)
       : environment_(environment), transaction_(transaction), change_log_length_(change_log_length) {}
   int Load();
@@ -73,43 +72,32 @@ class LmdbKeyspace {
 
   Result<std::unique_ptr<Snapshot>> Read() const;
 
-  bool ThisThreadHoldsSnapshot() const { return environment_->IsHeldByThisThread(); }
-
   // Applies whole commits in order, all of them or none, durably. Their revisions must increase strictly, starting
   // above the last one. Errors: kInvalid, and those of Update.
   Status Apply(std::span<const RevisionedOperations> commits);
 
-  // Runs `body` in a write transaction and, if it returns success, commits what it wrote, durably. Errors:
-  // that of `body`; kNoSpace (the disk or the map is full), kUnavailable, kDenied, kCorrupt, kInternal. After an error
-  // nothing has changed.
-  Status Update(const std::function<Status(KeyspaceWriter&)>& body);
+  // Runs `body` in a write transaction on the store's own thread and, if it returns success, commits what it wrote,
+  // durably. Several share a transaction (commit_thread.h); `bytes` is about how much `body` writes. Errors: that of
+  // `body`; kNoSpace (the disk or the map is full), kUnavailable, kDenied, kCorrupt, kInternal. After an error nothing
+  // has changed.
+  Status Update(const std::function<Status(KeyspaceWriter&)>& body, std::size_t bytes = 0);
 
   // Same as Store::Watch.
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) const;
 
   // kInaccessible while the data file is missing or replaced (StoreFileCheck). This is detected within 3 s and ends as
-  // soon as the file is back. Otherwise the result of the last accesses: after a failure, the disk is probed with a
-  // small commit, at most once a second.
+  // soon as the file is back. Otherwise that of CommitThread.
   Health health() const;
 
+  void LimitCommitWaits(std::chrono::milliseconds longest) { commits_.LimitWaits(longest); }
+
  private:
-  LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, std::size_t change_log_length)
-      : environment_(std::move(environment)), change_log_length_(change_log_length) {}
-  Status TryUpdate(const std::function<Status(KeyspaceWriter&)>& body);
-  Error CommitError(int code) const;
-  void RecordCommit();
-  void RecordFailure(const Error& error, Health consequence) const;
+  LmdbKeyspace(std::shared_ptr<LmdbEnvironment> environment, const LmdbOptions& options);
   void WaitForCommit(std::uint64_t seen, std::uint64_t seen_transaction,
                      std::chrono::steady_clock::time_point deadline) const;
 
   const std::shared_ptr<LmdbEnvironment> environment_;
-  const std::size_t change_log_length_;
-
-  mutable Mutex mutex_;
-  mutable ConditionVariable committed_;
-  std::uint64_t commits_ VEXA_GUARDED_BY(mutex_) = 0;  // of this process
-  mutable std::chrono::steady_clock::time_point next_probe_ VEXA_GUARDED_BY(mutex_);
-  mutable std::atomic<Health> health_{Health::kReady};
+  CommitThread commits_;
 };
 
 }  // namespace vexa::store

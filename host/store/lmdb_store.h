@@ -1,6 +1,7 @@
 // The embedded store: one LMDB environment in a folder.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -29,14 +30,16 @@ struct LmdbOptions {
   std::size_t map_bytes = kStoreMapBytes;   // a multiple of the page size; a file that is larger is mapped as a whole
   std::size_t change_log_length = 100'000;  // commits that a watch can look back on
   FileCheckMode file_check_mode = FileCheckMode::kFile;
+  std::chrono::milliseconds commit_timeout{10'000};         // until a commit that cannot be started is taken back
+  std::chrono::milliseconds reader_check_interval{60'000};  // for slots of readers that were killed
 };
 
 // Opens the store, creating it when the folder is empty. Clears reader slots that dead processes left behind. One
 // environment per folder and process: opening a folder that this process already has open returns the same store, with
 // its original options. A process forks only while it has no store open, or to exec another program.
-// Errors: kCorrupt (not a store of ours, or a damaged header; deeper damage is found when it is read), kDenied,
+// Every page in use is checked once. Errors: kCorrupt (not a store of ours, another format, or damaged), kDenied,
 // kNoSpace (the disk is full, or the map does not fit into the address space), kInvalid (no folder given), kConflict (a
-// file has the folder's name), kInternal.
+// file has the folder's name), kUnavailable (another process has been opening it for 10 s), kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 
 }  // namespace vexa::store

@@ -27,11 +27,6 @@ MapGate::Pass MapGate::Enter() {
   return Pass(this, self);
 }
 
-bool MapGate::IsHeldByThisThread() {
-  const MutexLock lock(mutex_);
-  return passes_by_thread_.contains(std::this_thread::get_id());
-}
-
 void MapGate::Leave(std::thread::id holder) {
   const MutexLock lock(mutex_);
   const auto found = passes_by_thread_.find(holder);

@@ -34,9 +34,6 @@ class MapGate {
 
   Pass Enter();
 
-  // Whether a pass that this thread entered with still exists, even if another thread has it now.
-  bool IsHeldByThisThread();
-
   // Waits up to `timeout` until no thread is inside. True: the caller has the map to itself until Reopen(). Does
   // not wait when the calling thread itself is inside.
   bool Close(std::chrono::milliseconds timeout);

@@ -26,8 +26,8 @@ struct ValueView {
 };
 
 // One consistent state of the whole store. Keep it only briefly: while it exists, the store cannot reuse space, or be
-// reopened after a failed write. Release it before a commit: a commit by a thread that holds a snapshot cannot share
-// the disk's sync with others. Threads: one at a time.
+// reopened after a failed write. Release it before a commit, which may have to reopen the store. Threads: one at a
+// time.
 class Snapshot {
  public:
   virtual ~Snapshot() = default;
@@ -78,7 +78,12 @@ struct ChangeBatch {
   bool lost = false;            // the change log no longer reaches back: reload everything, then watch from `revision`
 };
 
-enum class Health { kReady, kReadOnly, kInaccessible };
+enum class Health {
+  kReady,
+  kReadOnly,
+  kHeld,  // another process has held the lock for writers for too long; reads work
+  kInaccessible,
+};
 
 // Threads: any, at the same time. Processes: any number on one machine may open the same embedded store.
 class Store {
@@ -91,6 +96,8 @@ class Store {
   // Commits all operations or none, durably, and returns the revision that wrote them.
   // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsValidKey(), or a text above
   // 256 MiB), kNoSpace (the disk or the store is full; nothing changed), kDenied, kUnavailable, kCorrupt, kInternal. A
+  // commit that cannot be started within some seconds, because another process holds the lock for writers, is taken
+  // back with kUnavailable; it is not made later. While the lock is still held, other commits fail immediately. A
   // transaction without operations checks its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 
@@ -99,9 +106,12 @@ class Store {
   virtual Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) = 0;
 
   // The result of the last accesses: kReadOnly after a failed commit, kInaccessible after a failed read or while the
-  // store's file is missing or replaced; kReady again once a commit works. While it is not kReady, this call may write
-  // a little as a probe, at most once a second.
+  // store's file is missing or replaced; kReady again once a commit works. While it is not kReady, the store itself
+  // probes with a small commit once a second. This call does not write.
   virtual Health health() const = 0;
+
+  // From now on commits are taken back after at most this time: for a daemon that stops.
+  virtual void LimitCommitWaits(std::chrono::milliseconds longest) { static_cast<void>(longest); }
 };
 
 }  // namespace vexa::store
