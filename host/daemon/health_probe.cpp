@@ -19,6 +19,8 @@ std::string DescribeHealth(store::Health health) {
       return "";
     case store::Health::kReadOnly:
       return "the database cannot be written";
+    case store::Health::kHeld:
+      return "the database is held by another process";
     case store::Health::kInaccessible:
       return "the database cannot be read";
   }
