@@ -105,7 +105,7 @@ Status CommitThread::State::RunInTransaction(WriteTransaction& transaction, cons
   return {};
 }
 
-void CommitThread::State::Finish(const Group& group, const Status& together, std::vector<Status>& outcomes) {
+void CommitThread::State::Finish(const Group& group, const Status& together, const std::vector<Status>& outcomes) {
   if (!together.ok()) RecordFailure(together.error(), Health::kReadOnly);
   const MutexLock lock(mutex);
   if (!together.ok() && together.error().code() == ErrorCode::kNoSpace && group.size() > 1) {
@@ -119,7 +119,7 @@ void CommitThread::State::Finish(const Group& group, const Status& together, std
     return;
   }
   for (std::size_t i = 0; i < group.size(); ++i) {
-    group[i]->outcome = together.ok() ? std::move(outcomes[i]) : together;
+    group[i]->outcome = together.ok() ? outcomes[i] : together;
     group[i]->changed.NotifyOne();
   }
 }

@@ -1,8 +1,8 @@
 // The thread that writes to a store.
 //
-// LMDB has one writer among all processes, and whoever wants to be next waits without a limit: a stopped process that
-// holds the lock would stop every caller. So only this thread waits for the lock. Callers wait for this thread, and not
-// forever.
+// LMDB has one writer among all processes, and the next one waits for the lock without a limit: a stopped process that
+// holds it would stop every caller. So only this thread waits for the lock, and callers wait for this thread, with a
+// limit.
 #pragma once
 
 #include <chrono>

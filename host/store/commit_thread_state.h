@@ -44,15 +44,16 @@ struct CommitThread::State {
   void RunGroup();
   Group TakeGroup() VEXA_REQUIRES(mutex);
   Status RunInTransaction(WriteTransaction& transaction, const Group& group, std::vector<Status>& outcomes);
-  void Finish(const Group& group, const Status& together, std::vector<Status>& outcomes);
-  bool IsHeld(Clock::time_point now) const VEXA_REQUIRES(mutex);
-  Clock::time_point DeadlineFor(Clock::time_point start) const VEXA_REQUIRES(mutex);
+  void Finish(const Group& group, const Status& together, const std::vector<Status>& outcomes);
+  Error CommitError(int code) const;
 
   // commit_thread.cpp: queue and health
   void Run();
   std::optional<Refusal> Await(PendingCommit& pending, Clock::time_point start);
   Error ErrorOf(const Refusal& refusal) const;
-  Error CommitError(int code) const;
+  bool IsHeld(Clock::time_point now) const VEXA_REQUIRES(mutex);
+  // For the start of a commit that began to wait at `start`.
+  Clock::time_point DeadlineFor(Clock::time_point start) const VEXA_REQUIRES(mutex);
   void RecordFailure(const Error& error, Health consequence);
 
   const std::shared_ptr<LmdbEnvironment> environment;

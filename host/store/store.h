@@ -97,7 +97,7 @@ class Store {
   // Errors: kConflict (a compare failed; nothing changed), kInvalid (a key that is not IsValidKey(), or a text above
   // 256 MiB), kNoSpace (the disk or the store is full; nothing changed), kDenied, kUnavailable, kCorrupt, kInternal. A
   // commit that cannot be started within some seconds, because another process holds the lock for writers, is taken
-  // back with kUnavailable; it is not made later. While the lock is still held, further commits fail immediately. A
+  // back with kUnavailable; it is not made later. While the lock is still held, other commits fail immediately. A
   // transaction without operations checks its compares and returns the current revision.
   virtual Result<Revision> Commit(const Transaction& transaction) = 0;
 

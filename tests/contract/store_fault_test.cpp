@@ -16,6 +16,7 @@ namespace {
 std::atomic<int> page_write_error{0};
 std::atomic<int> header_write_error{0};
 std::atomic<int> sync_error{0};
+std::atomic<int> reserve_error{0};
 
 // The header of the file is written alone and is smaller than a page.
 bool IsHeader(std::size_t bytes) { return bytes < 512; }
@@ -32,6 +33,12 @@ extern "C" ssize_t pwrite(int fd, const void* bytes, size_t count, off_t offset)
 extern "C" ssize_t writev(int fd, const struct iovec* parts, int count) {
   if (page_write_error == 0) return ::syscall(SYS_writev, fd, parts, count);
   errno = page_write_error;
+  return -1;
+}
+
+extern "C" int fallocate(int fd, int mode, off_t offset, off_t length) {
+  if (reserve_error == 0) return static_cast<int>(::syscall(SYS_fallocate, fd, mode, offset, length));
+  errno = reserve_error;
   return -1;
 }
 
@@ -61,6 +68,7 @@ class StoreOnAFailingDisk : public testing::Test {
     page_write_error = 0;
     header_write_error = 0;
     sync_error = 0;
+    reserve_error = 0;
   }
   // Expects that a commit fails with `code`.
   void ExpectRefused(ErrorCode code) {
@@ -100,6 +108,12 @@ TEST_F(StoreOnAFailingDisk, Pages_NoSpace_RefusesAndRecovers) {
 
 TEST_F(StoreOnAFailingDisk, Pages_InputOutputError_RefusesAndRecovers) {
   ExpectRefusesAndRecovers(page_write_error, EIO, ErrorCode::kInternal);
+}
+
+// LMDB reports a write that the system cut short as an input/output error.
+TEST_F(StoreOnAFailingDisk, Pages_CutShortByQuota_RefusesAndRecovers) {
+  reserve_error = EDQUOT;
+  ExpectRefusesAndRecovers(page_write_error, EIO, ErrorCode::kNoSpace);
 }
 
 TEST_F(StoreOnAFailingDisk, Sync_Fails_RefusesAndRecovers) {
@@ -159,6 +173,58 @@ TEST_F(StoreOnAFailingDisk, Commits_FailingDiskManyThreads_AllReturn) {
   RepairDisk();
   ExpectWorksAgain();
 }
+
+// What a quota and a file system that became read-only answer, while 64 threads read and 8 write.
+class StoreUnderLoad : public StoreOnAFailingDisk, public testing::WithParamInterface<int> {};
+
+TEST_P(StoreUnderLoad, Writes_Refused_ReadsGoOnUntilTheyWork) {
+  const ErrorCode expected = GetParam() == EDQUOT ? ErrorCode::kNoSpace : ErrorCode::kDenied;
+  page_write_error = header_write_error = GetParam();
+  std::atomic<bool> ends{false};
+  std::atomic<int> refused{0};
+  std::atomic<int> committed{0};
+  std::atomic<int> reads{0};
+  std::vector<std::thread> threads;
+  threads.reserve(64 + 8);
+  for (int i = 0; i < 64; ++i) {
+    threads.emplace_back([&] {
+      while (!ends) {
+        const auto snapshot = store_->Read();
+        ASSERT_TRUE(snapshot.ok()) << snapshot.error().ToString();
+        EXPECT_TRUE((*snapshot)->Get("/a").value().has_value());
+        ++reads;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    });
+  }
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] {
+      while (!ends) {
+        const auto done = store_->Commit({{}, {{"/w" + std::to_string(i), std::string(20'000, 'w')}}});
+        ++(done.ok() ? committed : refused);
+        if (!done.ok()) {
+          EXPECT_EQ(done.error().code(), expected) << done.error().ToString();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    });
+  }
+  const auto is_reached = [](const std::atomic<int>& count, int goal) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (count < goal && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    return count >= goal;
+  };
+  EXPECT_TRUE(is_reached(refused, 80) && is_reached(reads, 500));
+  EXPECT_EQ(committed, 0);
+  RepairDisk();
+  EXPECT_TRUE(is_reached(committed, 80));
+  ends = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(store_->health(), Health::kReady);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, StoreUnderLoad, testing::Values(EDQUOT, EROFS),
+                         [](const auto& row) { return row.param == EDQUOT ? "Quota" : "ReadOnly"; });
 
 }  // namespace
 }  // namespace vexa::store

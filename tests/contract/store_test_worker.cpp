@@ -1,24 +1,18 @@
 // A process that uses a store, for tests: store_test_worker COMMAND FOLDER [ARGUMENT]. Exit code 0: all checks passed.
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <iostream>
 #include <string>
 
 #include "host/store/key.h"
+#include "host/store/lmdb_keyspace.h"
 #include "host/store/lmdb_store.h"
+#include "tests/contract/store_worker_commands.h"
 
 namespace vexa::store {
-namespace {
-
-constexpr int kNotPermitted = 77;
 
 void Require(bool condition, const std::string& what) {
   if (condition) return;
@@ -39,6 +33,8 @@ std::string TextOf(const Store& store, const std::string& key) {
   Require(value.ok(), "cannot get");
   return *value ? std::string((*value)->text) : "";
 }
+
+namespace {
 
 // Adds one to "/shared", `times` times.
 int IncrementMany(const std::string& directory, const std::string& times) {
@@ -93,63 +89,6 @@ int ReadPairs(const std::string& directory, const std::string&) {
   }
 }
 
-// Fills the store until a commit is refused, and checks that all values are unchanged and that commits work again after
-// `lift_limit`.
-int FillUp(const std::string& directory, const std::function<void()>& lift_limit) {
-  const auto store = Open(directory);
-  Require(store->Commit({{}, {{"/keep", "kept"}}}).ok(), "the first commit was refused");
-  ErrorCode refusal = ErrorCode::kInvalid;
-  Revision last = 0;
-  int written = 0;
-  for (; written < 10'000; ++written) {
-    const auto done = store->Commit({{}, {{MakeKey({"fill", std::to_string(written)}), std::string(30'000, 'f')}}});
-    if (!done.ok()) {
-      refusal = done.error().code();
-      break;
-    }
-    last = *done;
-  }
-  Require(refusal == ErrorCode::kNoSpace || refusal == ErrorCode::kInternal, "refused for a wrong reason, or never");
-  Require(written > 3, "refused immediately");
-  Require(store->health() == Health::kReadOnly, "the store reports that it is ready");
-  Require(store->Read().value()->revision() == last, "the refused commit left a revision");
-  Require(TextOf(*store, MakeKey({"fill", std::to_string(written)})).empty(), "the refused commit left a value");
-  Require(TextOf(*store, "/keep") == "kept", "a value was lost");
-  lift_limit();
-  const auto again = store->Commit({{}, {{"/after", std::string(30'000, 'a')}}});
-  Require(again.ok(), "refused although there is room again");
-  Require(store->health() == Health::kReady, "the store does not report that it is ready again");
-  for (int i = 0; i < written; ++i) {
-    Require(TextOf(*store, MakeKey({"fill", std::to_string(i)})) == std::string(30'000, 'f'), "a value was damaged");
-  }
-  std::printf("%s\n", std::string(ErrorCodeName(refusal)).c_str());
-  return 0;
-}
-
-int FillUpToFileLimit(const std::string& directory, const std::string& bytes) {
-  ::signal(SIGXFSZ, SIG_IGN);
-  rlimit limit{};
-  Require(::getrlimit(RLIMIT_FSIZE, &limit) == 0, "no limit to be read");
-  const rlim_t before = limit.rlim_cur;
-  limit.rlim_cur = static_cast<rlim_t>(std::stoul(bytes));
-  Require(::setrlimit(RLIMIT_FSIZE, &limit) == 0, "no limit to be set");
-  return FillUp(directory, [&] {
-    limit.rlim_cur = before;
-    Require(::setrlimit(RLIMIT_FSIZE, &limit) == 0, "no limit to be lifted");
-  });
-}
-
-// The disk is a small file system in the mount namespace of this process, and disappears with it.
-int FillUpDisk(const std::string& directory, const std::string& bytes) {
-  if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      ::mount("tmpfs", directory.c_str(), "tmpfs", 0, ("size=" + bytes).c_str()) != 0) {
-    return kNotPermitted;
-  }
-  return FillUp(directory, [&] {
-    Require(::mount("tmpfs", directory.c_str(), "tmpfs", MS_REMOUNT, "size=64m") == 0, "no larger disk");
-  });
-}
-
 // Grows the store beyond the memory maps of other processes.
 int Grow(const std::string& directory, const std::string& values) {
   const auto store = Open(directory);
@@ -160,13 +99,41 @@ int Grow(const std::string& directory, const std::string& values) {
   return 0;
 }
 
+// Stops itself in the middle of a commit, while it holds the lock for writers.
+int StopInCommit(const std::string& directory, const std::string&) {
+  LmdbOptions options;
+  options.directory = directory;
+  const auto keyspace = LmdbKeyspace::Open(options);
+  Require(keyspace.ok(), "cannot open");
+  const Status done = (*keyspace)->Update([](KeyspaceWriter& writer) -> Status {
+    std::printf("holds\n");
+    std::fflush(stdout);
+    ::raise(SIGSTOP);  // for this thread, so that it does not go on before the process stops
+    return writer.Apply(writer.revision() + 1, std::vector<Operation>{{"/holder", "1"}});
+  });
+  Require(done.ok(), "cannot commit");
+  return 0;
+}
+
+// Holds a snapshot until it is killed.
+int HoldSnapshot(const std::string& directory, const std::string&) {
+  const auto store = Open(directory);
+  const auto snapshot = store->Read();
+  Require(snapshot.ok(), "cannot read");
+  std::printf("holds\n");
+  std::fflush(stdout);
+  while (true) ::pause();
+}
+
 struct Command {
   std::string_view name;
   int (*run)(const std::string& directory, const std::string& argument);
 };
 constexpr Command kCommands[] = {
-    {"increment", IncrementMany},         {"acknowledge", Acknowledge}, {"read_pairs", ReadPairs},
-    {"fill_to_limit", FillUpToFileLimit}, {"fill_disk", FillUpDisk},    {"grow", Grow},
+    {"increment", IncrementMany},         {"acknowledge", Acknowledge},       {"read_pairs", ReadPairs},
+    {"fill_to_limit", FillUpToFileLimit}, {"fill_disk", FillUpDisk},          {"load_tmpfs", LoadFullTmpfs},
+    {"load_ext4", LoadFullExt4},          {"load_at_limit", LoadAtFileLimit}, {"grow", Grow},
+    {"stop_in_commit", StopInCommit},     {"hold_snapshot", HoldSnapshot},    {"use_damaged", UseDamagedCopies},
 };
 
 }  // namespace

@@ -58,8 +58,8 @@ std::string Worker::ReadLine() {
   }
 }
 
-void Worker::Kill() {
-  if (pid_ > 0) ::kill(pid_, SIGKILL);
+void Worker::Signal(int number) {
+  if (pid_ > 0) ::kill(pid_, number);
 }
 
 int Worker::Wait() {

@@ -1,6 +1,7 @@
 // Starts store_test_worker, a process that uses the same store.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <string>
@@ -19,7 +20,9 @@ class Worker {
   // The next line of its output without the newline; empty at the end.
   std::string ReadLine();
   // Sends SIGKILL. Output from before can still be read.
-  void Kill();
+  void Kill() { Signal(SIGKILL); }
+  void Signal(int number);
+  pid_t pid() const { return pid_; }
   // Waits for its end. Returns its exit code, or 128 plus the signal.
   int Wait();
 
