@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <pwd.h>
+#include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,12 +13,13 @@
 
 #include "cli/owner.h"
 #include "cli/printable.h"
+#include "host/base/data_folder.h"
 #include "host/base/data_lock.h"
 #include "host/base/files.h"
 #include "host/cluster/account_migration.h"
 #include "host/cluster/cluster_log.h"
 #include "host/store/lmdb_store.h"
-#include "host/store/mirrored_store.h"
+#include "host/store/lost_store.h"
 #include "webapi/platform/ccc_log.h"
 
 namespace vexa::cli {
@@ -61,12 +63,16 @@ cluster::AccountSource AccountSourceOf(const AccountPaths& paths) {
 Result<LocalStore> OpenStore(const AccountPaths& paths, MissingStore missing) {
   const Status exists = CheckOwner(paths.store_path() + "/data.mdb");
   if (!exists && exists.error().code() != ErrorCode::kNotFound) return exists.error();
+  if (const Status safe = CheckDataFolder(paths.data_directory); !safe) return safe.error();
+  ::signal(SIGXFSZ, SIG_IGN);  // a limit on the size of files is an error of the write
   const bool has_own_folder = !paths.store_folder.empty();
   if (has_own_folder) {
     // A folder that is not mounted must not get an empty store.
     const Status is_mounted = store::CheckPrimaryExists(paths.store_path(), paths.mirror_path());
     if (!is_mounted) return is_mounted.error();
   }
+  const Status not_lost = store::CheckStoreNotLost(paths.data_directory, paths.store_path());
+  if (!not_lost) return not_lost.error();
   if (!exists && missing == MissingStore::kRefuse) {
     return Error(
         ErrorCode::kNotFound,

@@ -1,5 +1,6 @@
 #include "host/daemon/cluster_store.h"
 
+#include <fmt/format.h>
 #include <syslog.h>
 
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include "host/daemon/cache_refresh.h"
 #include "host/records/cluster_status.h"
 #include "host/store/lmdb_store.h"
+#include "host/store/lost_store.h"
 #include "host/store/mirrored_store.h"
 
 namespace vexa::daemon {
@@ -31,22 +33,37 @@ Result<std::shared_ptr<store::Store>> OpenFolder(const std::string& folder, stor
   return store::OpenLmdbStore(options);
 }
 
+// The store in `folder` is there, or may be created.
+Status CheckStoreFolder(const Config& config, const std::string& folder) {
+  if (!config.new_store) return store::CheckStoreNotLost(config.data_directory, folder);
+  if (!store::HasStore(folder)) return {};
+  return Error(
+      ErrorCode::kConflict,
+      fmt::format("The folder '{}' contains a database. Leave out --new-store to use it, or move it away", folder));
+}
+
 }  // namespace
 
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config) {
   const std::string own = config.data_directory + "/store";
+  const std::string& folder = config.store_directory.empty() ? own : config.store_directory;
+  if (Status usable = CheckStoreFolder(config, folder); !usable) return usable.error();
   if (config.store_directory.empty() || IsSameFolder(config.store_directory, own)) {
     // Without a copy there is nothing to gain from giving up on a slow disk.
     return OpenFolder(own, store::FileCheckMode::kPath);
   }
   store::MirrorOptions mirror;
   mirror.directory = config.data_directory + "/mirror";
-  if (Status exists = store::CheckPrimaryExists(config.store_directory, mirror.directory); !exists)
-    return exists.error();
+  if (!config.new_store) {
+    const Status exists = store::CheckPrimaryExists(config.store_directory, mirror.directory);
+    if (!exists) return exists.error();
+  }
   auto primary = OpenFolder(config.store_directory, store::FileCheckMode::kFile);
   if (!primary) return primary.error();
-  if (Status is_current = store::CheckPrimaryIsNotOlder(**primary, mirror.directory); !is_current)
-    return is_current.error();
+  if (!config.new_store) {
+    const Status is_current = store::CheckPrimaryIsNotOlder(**primary, mirror.directory);
+    if (!is_current) return is_current.error();
+  }
   mirror.on_change = [caches = config.data_directory + "/cache"] {
     records::InvalidateClusterStatus();
     InvalidateCaches(caches);

@@ -12,8 +12,8 @@ namespace vexa::daemon {
 // The store in the folder that `config` names. If that is not the data folder's own "store", a copy of the store is
 // kept in "mirror" in the data folder, for times when the store cannot be read (store::MirroredStore); a copy of the
 // folder's own store would be lost together with it. If the copy cannot be opened, that is logged, and the store is
-// used without it. Errors: those of store::OpenLmdbStore, and kUnavailable: the folder contains no database although it
-// used to.
+// used without it. Errors: those of store::OpenLmdbStore; kUnavailable: the folder contains no database although it
+// used to, and `config` does not ask for a new one; kConflict: it does, but there is one.
 Result<std::shared_ptr<store::Store>> OpenClusterStore(const Config& config);
 
 }  // namespace vexa::daemon

@@ -94,6 +94,9 @@ void AddDataOptions(CLI::App& app, Config& config) {
                "Take over the data folder's host id at this start: its previous machine is off for good, or the host "
                "returns after its removal from the cluster")
       ->configurable(false);
+  app.add_flag("--new-store", config.new_store,
+               "Make an empty database at this start in place of one that is gone for good; refused where there is one")
+      ->configurable(false);
   app.add_option("--data", config.data_directory, "The folder of the database, accounts and sessions");
   app.add_option("--store", config.store_directory,
                  "The folder of the database, unless it is in the data folder; hosts on one machine may share one");

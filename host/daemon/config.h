@@ -44,6 +44,7 @@ struct Config {
   std::chrono::seconds stop_timeout{30};
   LogTarget log = LogTarget::kSyslog;
   std::function<void()> on_claim_lost{};  // called once, when this daemon must stop acting as its host
+  bool new_store = false;                 // this start makes an empty store, although the host has used one
   bool take_host_id = false;              // this start takes the host id over: its previous machine is off for good
 };
 

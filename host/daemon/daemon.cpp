@@ -32,6 +32,7 @@
 #include "host/api/user/repository_api.h"
 #include "host/api/user/session_api.h"
 #include "host/api/user/unreachable_host.h"
+#include "host/base/data_folder.h"
 #include "host/base/data_lock.h"
 #include "host/base/error_table.h"
 #include "host/base/files.h"
@@ -60,6 +61,7 @@
 #include "host/records/request_scope.h"
 #include "host/session/login_limiter.h"
 #include "host/session/sessions.h"
+#include "host/store/lost_store.h"
 #include "host/transport/transport.h"
 #include "json/readers.h"
 #include "webapi/platform/ccc.h"
@@ -121,6 +123,9 @@ api::CompoundOptions MakeCompoundOptions() {
 // callers get the result.
 constexpr std::chrono::milliseconds kAnswerMargin{2000};
 
+// A process that holds the database must not hold a stop.
+constexpr std::chrono::milliseconds kCommitWaitWhenStopping{1000};
+
 Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& config,
                                                                 const std::shared_ptr<store::Store>& store) {
   const auto source = config.accounts == "pam" ? cluster::AccountSource::kPam : cluster::AccountSource::kStore;
@@ -174,6 +179,8 @@ std::string DescribeHealth(store::Health health) {
       return "";
     case store::Health::kReadOnly:
       return "the database cannot be written";
+    case store::Health::kHeld:
+      return "the database is held by another process";
     case store::Health::kInaccessible:
       return "the database cannot be read";
   }
@@ -232,6 +239,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
+    store_->LimitCommitWaits(kCommitWaitWhenStopping);
     heartbeat_.reset();  // first, so that other hosts stop calling
     const auto end = std::chrono::steady_clock::now() + deadline;
     const auto left = [end] {
@@ -268,6 +276,7 @@ class Daemon::Impl {
 
   Status OpenData(const Config& config) {
     if (Status made = CreateDirectories(config.data_directory, 0700); !made) return made;
+    if (Status safe = CheckDataFolder(config.data_directory); !safe) return safe;
     Result<DataLock> lock = DataLock::Take(config.data_directory);
     if (!lock) return lock.error();
     data_lock_ = std::move(*lock);
@@ -278,6 +287,11 @@ class Daemon::Impl {
     if (!store) return store.error();
     store_ = std::move(*store);
     if (Status claimed = ClaimHost(config); !claimed) return claimed;
+    const Status marked = store::MarkStoreUsed(config.data_directory);
+    if (!marked) {
+      ::syslog(LOG_ERR, "A missing database will not be noticed at the next start: %s",
+               marked.error().ToString().c_str());
+    }
     auto accounts = OpenAccounts(config, store_);
     if (!accounts) return accounts.error();
     accounts_ = std::move(*accounts);
@@ -296,14 +310,19 @@ class Daemon::Impl {
     return {};
   }
 
+  // Whether the host was removed from the cluster while it ran on this data folder.
+  bool HasBeenRemovedHere(const std::string& data_folder_id) const {
+    const auto snapshot = store_->Read();
+    if (!snapshot) return false;
+    const auto claim = records::LoadObject(**snapshot, records::HostClaimKey(host_id_));
+    return claim && records::IsForgotten(claim->record) &&
+           VexaVirtualization::json::Member(claim->record, "place") == Json::Value(data_folder_id);
+  }
+
   // A host that was removed from the cluster does not start, but guests may still be running here.
   void StopDomainsOfRemovedHost(const Config& config, const std::string& data_folder_id) {
     if (config.hypervisor == "none") return;
-    const auto snapshot = store_->Read();
-    if (!snapshot) return;
-    const auto claim = records::LoadObject(**snapshot, records::HostClaimKey(host_id_));
-    if (!claim || !records::IsForgotten(claim->record)) return;
-    if (VexaVirtualization::json::Member(claim->record, "place") != Json::Value(data_folder_id)) return;
+    if (!HasBeenRemovedHere(data_folder_id)) return;
     hypervisor::HypervisorOptions options;
     options.mode = config.hypervisor;
     options.root = config.hypervisor_root;

@@ -65,6 +65,7 @@ int main(int argc, char** argv) {
   ::openlog("vexad", LOG_PID, LOG_DAEMON);
   SetLogTarget(command.config.log);
   ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);  // a limit on the size of files is an error of the write
   // Blocked before the first thread starts, so that every thread inherits the mask and only this one gets the signals.
   const sigset_t signals = StopSignals();
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);

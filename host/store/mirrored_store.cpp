@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/base/files.h"
+#include "host/store/lost_store.h"
 
 namespace vexa::store {
 namespace {
@@ -24,18 +25,13 @@ constexpr milliseconds kCopyRetryInterval{5000};  // after the copy could not be
 constexpr std::size_t kMaxChangedKeys = 100'000;
 constexpr std::size_t kMaxChangedBytes = std::size_t{64} << 20;
 
-bool Exists(const std::string& path) {
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0;
-}
-
 Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   if (directory.empty()) return Error(ErrorCode::kInvalid, "The copy of the cluster database needs a folder");
   if (Status created = CreateDirectories(directory, S_IRWXU); !created.ok()) return created.error();
   LmdbOptions options;
   options.directory = directory;
   auto opened = LmdbKeyspace::Open(options);
-  if (opened.ok() || opened.error().code() != ErrorCode::kCorrupt || !Exists(directory + kDataFile)) return opened;
+  if (opened.ok() || opened.error().code() != ErrorCode::kCorrupt || !HasStore(directory)) return opened;
   ::syslog(LOG_WARNING, "The copy of the cluster database is damaged and is being rebuilt: %s",
            opened.error().ToString().c_str());
   ::unlink((directory + kDataFile).c_str());
@@ -289,27 +285,6 @@ Status MirroredStore::CopyChanged(const ChangeBatch& batch) {
   });
   if (written.ok()) mirrored_revision_ = revision;
   return written;
-}
-
-Status CheckPrimaryExists(const std::string& primary_directory, const std::string& mirror_directory) {
-  if (Exists(primary_directory + kDataFile) || !Exists(mirror_directory + kDataFile)) return {};
-  return Error(ErrorCode::kUnavailable,
-               fmt::format("The folder '{}' does not contain a database, although this host used one there before. "
-                           "Mount it, or move it back. To start with an empty database, remove the folder '{}'",
-                           primary_directory, mirror_directory));
-}
-
-Status CheckPrimaryIsNotOlder(const Store& primary, const std::string& mirror_directory) {
-  if (!Exists(mirror_directory + kDataFile)) return {};
-  const auto copy = OpenCopy(mirror_directory);
-  if (!copy.ok()) return {};
-  const auto copied = (*copy)->Read();
-  const auto now = primary.Read();
-  if (!copied.ok() || !now.ok() || (*now)->revision() >= (*copied)->revision()) return {};
-  return Error(ErrorCode::kConflict,
-               fmt::format("The cluster database is older than this host's copy of it. Mount the right folder. If the "
-                           "database was put back from a backup, or is meant to be empty, remove the folder '{}'",
-                           mirror_directory));
 }
 
 }  // namespace vexa::store

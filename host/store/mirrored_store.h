@@ -96,12 +96,4 @@ class MirroredStore final : public Store {
   std::thread thread_;
 };
 
-// Whether a store may be opened in `primary_directory`. kUnavailable when it has no store although this host has a copy
-// of one in `mirror_directory`: a folder that is not mounted looks empty, and an empty store would be created in it.
-Status CheckPrimaryExists(const std::string& primary_directory, const std::string& mirror_directory);
-
-// Refuses an empty database that was created where the right one is not mounted, or an old one: it would be copied over
-// the last copy of the right one. Errors: kConflict with what to do. A copy that cannot be read is not an error.
-Status CheckPrimaryIsNotOlder(const Store& primary, const std::string& mirror_directory);
-
 }  // namespace vexa::store

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "host/store/lmdb_store.h"
+#include "host/store/lost_store.h"
 #include "tests/contract/store_contract.h"
 #include "tests/support/faulty_store.h"
 #include "tests/support/matchers.h"

@@ -1,0 +1,152 @@
+// The daemon and its commands with a database that is missing, held by another process or not writable.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/matchers.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/vexad_client.h"
+
+namespace vexa::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kTimeout{60};
+
+class VexadStore : public testing::Test {
+ protected:
+  std::vector<std::string> Arguments(const std::vector<std::string>& more = {}) const {
+    std::vector<std::string> arguments{VEXAD_PROGRAM, "--data",          folder_.File("data"),
+                                       "--socket",    folder_.File("s"), "--listen",
+                                       "127.0.0.1:0", "--log",           "stderr"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+  std::unique_ptr<Process> Start(const std::vector<std::string>& more = {}) const {
+    auto process = std::make_unique<Process>(ProcessOptions{.argv = Arguments(more)});
+    EXPECT_TRUE(process->WaitForText("Ready.", kTimeout)) << process->errors();
+    return process;
+  }
+  void StartAndStop(const std::vector<std::string>& more = {}) const { Stop(*Start(more)); }
+  static void Stop(Process& process) {
+    process.Signal(SIGTERM);
+    const auto status = process.Wait(kTimeout);
+    ASSERT_TRUE(status.has_value()) << "it still runs";
+    EXPECT_EQ(status->code, 0) << process.errors();
+  }
+  void ExpectRefused(const std::vector<std::string>& more, const std::string& reason) const {
+    const auto result = RunProcess({.argv = Arguments(more)});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.errors, HasSubstr(reason));
+  }
+  HttpReply Health() const { return HttpClient(UnixSocket(folder_.File("s"))).Get("/healthz"); }
+
+  TempDir folder_;
+};
+
+TEST_F(VexadStore, Start_StoreIsGone_IsRefusedUntilANewOneIsRequested) {
+  StartAndStop();
+  for (const std::vector<std::string>& store :
+       {std::vector<std::string>{}, std::vector<std::string>{"--store", folder_.File("shared")}}) {
+    const std::string path = store.empty() ? folder_.File("data/store") : store.back();
+    fs::remove_all(path);
+    ExpectRefused(store, "'" + path + "' does not contain a database");
+    EXPECT_FALSE(fs::exists(path + "/data.mdb"));
+    const auto add = RunProcess({.argv = {VEXA_PROGRAM, "user", "add", "alice", "--data", folder_.File("data"),
+                                          "--store", path, "--password-stdin"},
+                                 .input = "good password\n"});
+    EXPECT_EQ(add.exit_code, 1);
+    EXPECT_THAT(add.errors, HasSubstr("vexad --new-store"));
+    EXPECT_FALSE(fs::exists(path + "/data.mdb"));
+
+    std::vector<std::string> anew = store;
+    anew.push_back("--new-store");
+    StartAndStop(anew);
+    ExpectRefused(anew, "Leave out --new-store");
+    StartAndStop(store);
+  }
+}
+
+// The copy of a shared database does not stand in the way of a new one.
+TEST_F(VexadStore, NewStore_BesideACopyOfTheOldOne_Starts) {
+  const std::vector<std::string> store{"--store", folder_.File("shared")};
+  StartAndStop(store);
+  ASSERT_TRUE(fs::exists(folder_.File("data/mirror/data.mdb")));
+  fs::remove_all(folder_.File("shared"));
+  ExpectRefused(store, "vexad --new-store");
+  StartAndStop({"--store", folder_.File("shared"), "--new-store"});
+}
+
+// A data folder of an older version has no mark until it has been started once.
+TEST_F(VexadStore, Start_DataFolderWithoutMark_GetsOne) {
+  StartAndStop();
+  ASSERT_TRUE(fs::remove(folder_.File("data/store-used")));
+  StartAndStop();
+  EXPECT_TRUE(fs::exists(folder_.File("data/store-used")));
+}
+
+TEST_F(VexadStore, Start_DataFolderWritableByOthers_IsRefused) {
+  StartAndStop();
+  const std::string data = folder_.File("data");
+  for (const mode_t mode : {0777U, 0770U, 0702U}) {
+    ASSERT_EQ(::chmod(data.c_str(), mode), 0);
+    ExpectRefused({}, "run: chmod go-w '" + data + "'");
+    const auto list = RunProcess({.argv = {VEXA_PROGRAM, "user", "list", "--data", data}});
+    EXPECT_EQ(list.exit_code, 1);
+    EXPECT_THAT(list.errors, HasSubstr("chmod go-w"));
+  }
+  for (const mode_t mode : {0755U, 0700U}) {
+    ASSERT_EQ(::chmod(data.c_str(), mode), 0);
+    StartAndStop();
+  }
+}
+
+TEST_F(VexadStore, Store_HeldByStoppedProcess_IsReportedAndDoesNotDelayTheStop) {
+  const auto process = Start();
+  Process holder({.argv = {STORE_TEST_WORKER_PROGRAM, "stop_in_commit", folder_.File("data/store")}});
+  ASSERT_TRUE(holder.WaitForText("holds", kTimeout));
+  HttpReply health = Health();
+  const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+  while (health.status == 200 && std::chrono::steady_clock::now() < deadline) health = Health();
+  EXPECT_EQ(health.status, 503);
+  EXPECT_THAT(health.body, HasSubstr("held by another process"));
+  EXPECT_TRUE(process->WaitForText("(pid " + std::to_string(holder.pid()) + ")", kTimeout)) << process->errors();
+  Stop(*process);
+}
+
+// It has the lock when the daemon begins to stop, and no call has noticed yet.
+TEST_F(VexadStore, Stop_StoreHasJustBeenTaken_EndsInItsTime) {
+  const auto process = Start();
+  Process holder({.argv = {STORE_TEST_WORKER_PROGRAM, "stop_in_commit", folder_.File("data/store")}});
+  ASSERT_TRUE(holder.WaitForText("holds", kTimeout));
+  Stop(*process);
+}
+
+TEST_F(VexadStore, FileSizeLimit_IsIgnoredAsASignal) {
+  const auto process = Start();
+  std::ifstream status("/proc/" + std::to_string(process->pid()) + "/status");
+  std::string line;
+  while (std::getline(status, line) && !line.starts_with("SigIgn:")) {
+  }
+  ASSERT_TRUE(line.starts_with("SigIgn:"));
+  const auto ignored = std::stoull(line.substr(line.find('\t') + 1), nullptr, 16);
+  EXPECT_NE(ignored >> (SIGXFSZ - 1) & 1U, 0U);
+  Stop(*process);
+}
+
+TEST_F(VexadStore, LocalCommand_AtFileSizeLimit_ReportsIt) {
+  fs::create_directory(folder_.File("data"));
+  const auto add = RunProcess({.argv = {"sh", "-c", R"(ulimit -f 16; exec "$0" "$@")", VEXA_PROGRAM, "user", "add",
+                                        "alice", "--data", folder_.File("data"), "--password-stdin"},
+                               .input = "good password\n"});
+  EXPECT_EQ(add.exit_code, 1) << "a signal ended it";
+  EXPECT_THAT(add.errors, HasSubstr("File too large"));
+}
+
+}  // namespace
+}  // namespace vexa::test
