@@ -44,7 +44,7 @@ bool CommitThread::State::IsHeld(Clock::time_point now) const {
 }
 
 CommitThread::Clock::time_point CommitThread::State::DeadlineFor(Clock::time_point start) const {
-  return std::min(start, waits_for_lock_since.value_or(start)) + timeout;
+  return waits_for_lock_since.value_or(start) + timeout;
 }
 
 // Waits for the outcome, or takes the commit back when its time is over before it has been started.
@@ -62,9 +62,9 @@ std::optional<CommitThread::State::Refusal> CommitThread::State::Await(PendingCo
     }
     const Clock::time_point now = Clock::now();
     const Clock::time_point deadline = DeadlineFor(start);
-    if (now >= deadline || IsHeld(now)) {
+    if (now >= deadline) {
       std::erase(queue, &pending);
-      const bool is_held = waits_for_lock_since.has_value();
+      const bool is_held = IsHeld(now);
       return Refusal{is_held, is_held && !std::exchange(has_reported_lock, true), timeout};
     }
     pending.changed.WaitUntil(mutex, deadline);

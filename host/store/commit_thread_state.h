@@ -52,6 +52,7 @@ struct CommitThread::State {
   std::optional<Refusal> Await(PendingCommit& pending, Clock::time_point start);
   Error ErrorOf(const Refusal& refusal) const;
   bool IsHeld(Clock::time_point now) const VEXA_REQUIRES(mutex);
+  // For the start of a commit that began to wait at `start`.
   Clock::time_point DeadlineFor(Clock::time_point start) const VEXA_REQUIRES(mutex);
   void RecordFailure(const Error& error, Health consequence);
 

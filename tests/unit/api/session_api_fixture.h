@@ -71,7 +71,7 @@ class SessionApi : public ::testing::Test {
     IdentifyResult result = identity_->Identify(request);
     if (const int* code = std::get_if<int>(&result)) return *code;
     Caller& caller = std::get<Caller>(result);
-    const int code = identity_->LookUpUser(caller);
+    const int code = identity_->LookUpCaller(caller);
     if (code == 0 && identified) *identified = caller;
     return code;
   }

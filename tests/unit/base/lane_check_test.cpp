@@ -21,12 +21,12 @@ class LaneCheck : public testing::Test {
     LaneOptions options;
     options.name = "checked";
     options.max_threads = 1;
-    options.max_queued = 2;
+    options.limits.queued = 2;
     lane_ = std::make_unique<Lane>(options);
   }
   ~LaneCheck() override { may_end_->release(8); }
   Lane::SubmitResult Hang() {
-    return lane_->Submit("", [may_end = may_end_] { may_end->acquire(); });
+    return lane_->Submit(JobOwner{}, [may_end = may_end_] { may_end->acquire(); });
   }
 
   std::shared_ptr<std::counting_semaphore<>> may_end_ = std::make_shared<std::counting_semaphore<>>(0);
