@@ -135,7 +135,7 @@ void CheckCall(const vexa::api::ApiRow& row, const Json::Value& parameters) {
   Check(extra_members.isObject(), "a reply has members");
   for (const auto& [name, value] : headers) Check(vexa::fuzz::IsOneLine(name + value), "a header is one line");
   const std::string text = json::ToText(response.Data()) + json::ToText(extra_members);
-  Check(vexa::fuzz::IsOneLine(text) && vexa::IsValidUtf8(text), "a reply is JSON on one line");
+  Check(text.find('\n') == std::string::npos && vexa::IsValidUtf8(text), "a reply is JSON on one line");
   if (response.IsSuccess()) return;
   const vexa::ErrorRow* const error = vexa::FindError(response.ErrorCode(), vexa::Audience::kHosts);
   Check(error != nullptr && !error->sentence.empty(), "a code has a sentence");

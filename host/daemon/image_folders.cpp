@@ -29,7 +29,8 @@ void WarnOfHiddenFolders(const std::vector<std::string>& folders) {
     ::syslog(
         LOG_WARNING,
         "The image folder '%s' cannot be used here: %s. If it is fine for other programs, the unit of this service "
-        "hides it: name it in ReadWritePaths= or, below /home, /root or /tmp, in BindPaths= of a drop-in.",
+        "hides it: name it in ReadWritePaths= of a drop-in or, if it is below /home, /root or /run/user, in BindPaths= "
+        "beside ProtectHome=tmpfs.",
         folder.c_str(), std::generic_category().message(problem).c_str());
   }
 }
