@@ -82,7 +82,8 @@ class LocalAccounts : public AccountProvider {
       if (is_member && !is_known) user.groups.push_back({entry.gr_name, entry.gr_gid});
       return true;
     });
-    std::ranges::stable_partition(user.groups, [&](const Group& known) { return known.gid == user.gid; });
+    std::stable_partition(user.groups.begin(), user.groups.end(),
+                          [&](const Group& known) { return known.gid == user.gid; });
     user.is_administrator |= std::ranges::any_of(
         user.groups, [&](const Group& known) { return known.name == options_.administrators_group; });
     return read;

@@ -69,7 +69,7 @@ class LookupCache {
     const MutexLock lock(state.mutex);
     Entry& entry = state.Find(key);
     if (entry.answer && Clock::now() - entry.answered < state.options.fresh) return *entry.answer;
-    if (!entry.asked_since && !Start(entry, key, std::move(look_up))) return entry.LastOr(state.options);
+    if (!entry.asked_since && !Start(state_, entry, key, std::move(look_up))) return entry.LastOr(state.options);
     ++entry.waiting;
     const auto until = *entry.asked_since + state.options.patience;
     while (entry.asked_since && state.answered.WaitUntil(state.mutex, until)) {
@@ -122,16 +122,16 @@ class LookupCache {
     std::unordered_map<std::string, Entry> entries VEXA_GUARDED_BY(mutex);
   };
 
-  // False when no thread is left.
-  bool Start(Entry& entry, const std::string& key, LookUp look_up) const VEXA_REQUIRES(state_->mutex) {
+  // Called with the state's mutex locked. False when no thread is left.
+  static bool Start(const std::shared_ptr<State>& state, Entry& entry, const std::string& key, LookUp look_up) {
     const Kind kind = entry.answer && entry.answer->ok() ? Kind::kKnown : Kind::kUnknown;
-    if (!state_->threads->Take(kind)) return false;
+    if (!state->threads->Take(kind)) return false;
     try {
-      StartThreadBlockingSignals([state = state_, kind, key, look_up = std::move(look_up)] {
+      StartThreadBlockingSignals([state, kind, key, look_up = std::move(look_up)] {
         Run(*state, kind, key, look_up);
       }).detach();
     } catch (const std::exception&) {  // no thread or memory left
-      state_->threads->GiveBack(kind);
+      state->threads->GiveBack(kind);
       return false;
     }
     entry.asked_since = Clock::now();

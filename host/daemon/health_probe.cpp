@@ -135,10 +135,10 @@ HealthProbe::~HealthProbe() {
 }
 
 std::string HealthProbe::Problem() const {
-  const MutexLock lock(state_->mutex);
-  const auto& since = state_->checking_since;
-  if (since && Clock::now() - *since > state_->options.deadline) return "the database does not answer";
-  return state_->problem;
+  State& state = *state_;
+  const MutexLock lock(state.mutex);
+  const bool hangs = state.checking_since && Clock::now() - *state.checking_since > state.options.deadline;
+  return hangs ? "the database does not answer" : state.problem;
 }
 
 }  // namespace vexa::daemon
