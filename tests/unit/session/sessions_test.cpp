@@ -59,7 +59,7 @@ TEST_F(SessionsTest, IsLive_FollowsTheSession_AndIsNotAUseOfIt) {
   now_ = kStart + 101;
   EXPECT_FALSE(table->IsLive(token)) << "asking has not prolonged it";
   const std::string other = Create(*table, "alice").token;
-  EXPECT_EQ(table->End(other).live, 1u);
+  EXPECT_EQ(table->End(other).ended, 1u);
   EXPECT_FALSE(table->IsLive(other));
 }
 
