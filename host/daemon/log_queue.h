@@ -1,5 +1,5 @@
-// Lines of the log on their way out of the process. Whoever reads them may be slow or have stopped, and nobody who logs
-// may wait for that.
+// Lines of the log on their way out of the process. Their reader may be slow or have stopped, and no thread that logs
+// may wait for it.
 #pragma once
 
 #include <chrono>
