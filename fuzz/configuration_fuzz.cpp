@@ -32,7 +32,9 @@ void CheckUsable(const vexa::daemon::Config& config) {
     Check(is_loopback || (!listener.certificate_file.empty() && !listener.key_file.empty()),
           "other machines are served over TLS only");
   }
-  Check(config.cluster_listen.empty() || !config.client_authority.empty(), "hosts are known by their certificates");
+  Check(config.cluster_listen.empty() || !ClusterFilesOf(config).authority.empty(),
+        "hosts are known by their certificates");
+  Check(!config.new_store && !config.take_host_id, "flags of one start are not in a file");
   Check(config.io_threads >= 1 && config.long_threads >= 1 && config.calls_per_user >= 1, "there are threads");
   Check(config.max_connections >= 1 && config.max_connections_per_peer >= 1, "connections are accepted");
   Check(config.sessions.idle.count() > 0 && config.sessions.absolute.count() > 0, "sessions end, but not immediately");

@@ -16,6 +16,7 @@
 #include "host/api/read_parameters.h"
 #include "host/api/request_id.h"
 #include "host/base/error_table.h"
+#include "host/base/peer_network.h"
 #include "host/transport/origin.h"
 #include "json/readers.h"
 #include "webapi/error_codes.h"
@@ -72,7 +73,7 @@ JobOwner OwnerOf(const Caller& caller) {
       if (caller.is_known_host) return {fmt::format("host:{}/{}", caller.host_id, caller.acts_for), caller.host_id};
       [[fallthrough]];
     case Caller::Kind::kAnonymous:
-      return {"peer:" + caller.peer};
+      return {"peer:" + PeerNetwork(caller.peer)};
   }
   return {};
 }
@@ -130,6 +131,7 @@ std::optional<http::HttpResponse> Dispatcher::OnHeader(http::HttpRequest& reques
   request.body_limit = kUnauthenticatedBodyBytes;
   if (request.peer.is_certified) return refuse(user_error::kNoSuchAddress);  // hosts call methods only
   auto plan = std::make_shared<Plan>();
+  plan->caller = AnonymousCaller(request.peer);
   if (path == "/healthz") {
     plan->page = Plan::Page::kHealth;
   } else if (path == "/metrics") {

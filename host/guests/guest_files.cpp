@@ -37,7 +37,7 @@ Result<std::optional<CheckedFiles>, Refusal> LibvirtGuestControl::CheckFiles(con
 }
 
 Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest_id, CheckedFiles& files) {
-  const auto held = hypervisor_->FilesHeldBy(guest_id);
+  const auto held = hypervisor_->FilesHeldBy(guest_id);  // by one or more processes
   if (!held && !IsEmbedded()) {
     LogOnce(has_logged_uncompared_,
             fmt::format("The files that guests have open cannot be compared with the checked ones. More such "
@@ -52,7 +52,8 @@ Result<void, Refusal> LibvirtGuestControl::CompareFiles(const std::string& guest
     return EndForFiles(guest_id, held.error().ToString());
   }
   if (const auto xml = hypervisor_->RunningXmlOf(guest_id)) files.AddFirmware(domain_xml::ParseFirmwareFiles(*xml));
-  const auto not_compared = files.Compare(*held);
+  auto not_compared = files.Compare(held->front());
+  for (std::size_t i = 1; !not_compared && i < held->size(); ++i) not_compared = files.Compare((*held)[i]);
   if (!not_compared) return EndForFiles(guest_id, not_compared.error().ToString());
   for (const std::string& path : *not_compared) {
     LogOnce(has_logged_unstable_, fmt::format("The file system of '{}' gives files another number each time they are "

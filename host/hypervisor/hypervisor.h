@@ -164,9 +164,10 @@ class Hypervisor {
   // All guests, by id.
   virtual Result<std::vector<KnownGuest>, Failure> List() = 0;
 
-  // The files, devices and sockets that the guest's process has open, except its standard streams. Failures:
-  // kUnsupported (test mode; the process is not on this machine, or not QEMU), kDenied (another user's process).
-  virtual Result<std::vector<HeldFile>, Failure> FilesHeldBy(const std::string& id) = 0;
+  // The files, devices and sockets that the guest's process has open, except its standard streams. There can be more
+  // than one process that looks like the guest's, for example that of another libvirt. Failures: kUnsupported (test
+  // mode; the process is not on this machine, or not QEMU), kDenied (another user's process).
+  virtual Result<std::vector<std::vector<HeldFile>>, Failure> FilesHeldBy(const std::string& id) = 0;
 
   // The addresses of a running guest, as its agent reports them or else as libvirt's networks assigned them, without
   // loopback and link-local addresses. Empty when they are unknown. Failures: kNotRunning.

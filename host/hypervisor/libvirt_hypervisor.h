@@ -79,7 +79,7 @@ class LibvirtHypervisor final : public Hypervisor {
   Result<GuestState, Failure> StateOf(const std::string& id) override;
   Result<bool, Failure> IsPausedOnIoError(const std::string& id) override;
   Result<std::vector<KnownGuest>, Failure> List() override;
-  Result<std::vector<HeldFile>, Failure> FilesHeldBy(const std::string& id) override;
+  Result<std::vector<std::vector<HeldFile>>, Failure> FilesHeldBy(const std::string& id) override;
   Result<std::vector<std::string>, Failure> AddressesOf(const std::string& id) override;
   Result<bool, Failure> HasAgent(const std::string& id) override;
   Result<std::vector<domain_xml::GuestInterface>, Failure> InterfacesOf(const std::string& id) override;

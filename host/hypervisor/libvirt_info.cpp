@@ -81,7 +81,7 @@ bool IsAgentConnected(const char* xml) {
 
 }  // namespace
 
-Result<std::vector<HeldFile>, Failure> LibvirtHypervisor::FilesHeldBy(const std::string& id) {
+Result<std::vector<std::vector<HeldFile>>, Failure> LibvirtHypervisor::FilesHeldBy(const std::string& id) {
   const std::string failed = fmt::format("Cannot read which files the guest {} has open", id);
   // "qemu:///system" is on this machine, "qemu+ssh://other/system" is not.
   const bool is_here = target_.kind == DriverKind::kEmbed ||

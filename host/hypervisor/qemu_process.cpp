@@ -104,19 +104,14 @@ Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid) {
   return files;
 }
 
-Result<std::vector<HeldFile>> FilesOfQemuProcesses(const std::string& id, const std::string& root) {
-  std::vector<HeldFile> all;
-  std::optional<Error> denied;
-  bool has_files = false;
+Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root) {
+  std::vector<std::vector<HeldFile>> processes;
   for (const pid_t pid : QemuProcessesOf(id, root)) {
     auto files = FilesOfProcess(std::to_string(pid));
-    if (!files && files.error().code() == ErrorCode::kDenied) denied = files.error();
-    if (!files) continue;
-    has_files = true;
-    std::ranges::move(*files, std::back_inserter(all));
+    if (!files && files.error().code() == ErrorCode::kDenied) return files.error();
+    if (files) processes.push_back(std::move(*files));
   }
-  if (has_files) return all;
-  if (denied) return *denied;
+  if (!processes.empty()) return processes;
   return Error(ErrorCode::kNotFound, fmt::format("No QEMU process of the guest {} was found", id));
 }
 

@@ -15,8 +15,9 @@ namespace vexa::hypervisor {
 // them to end.
 int KillQemuProcesses(const std::string& id, const std::string& root);
 
-// The files that these processes have open; see Hypervisor::FilesHeldBy. Errors: kNotFound (no such process), kDenied.
-Result<std::vector<HeldFile>> FilesOfQemuProcesses(const std::string& id, const std::string& root);
+// The files that each of these processes has open; see Hypervisor::FilesHeldBy. Errors: kNotFound (no such process),
+// kDenied (one of them belongs to another user).
+Result<std::vector<std::vector<HeldFile>>> FilesOfQemuProcesses(const std::string& id, const std::string& root);
 
 // The same for one process. Errors: kNotFound (it has ended), kDenied.
 Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid);

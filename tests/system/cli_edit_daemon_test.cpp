@@ -255,7 +255,7 @@ TEST_F(EditOnDaemon, Set_Refused_ShowsSentenceAndChangesNothing) {
                 "A USB device could not be passed through to the guest. (error 937, HTTP 409, ");
   ExpectRefused({"cpu_pin_num=3"},
                 "The guest could not be edited: its host refused, or could not read or write what it "
-                "needed. The system log has the reason. (error 909, HTTP 500, ");
+                "needed. The system log has the reason. (error 909, HTTP 409, ");
   const auto address = Set({"--add-nic", "net=none,mac=02:00:00:00:00:03"});
   EXPECT_EQ(address.exit_code, 1);
   EXPECT_THAT(address.errors,

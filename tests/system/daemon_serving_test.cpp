@@ -28,7 +28,7 @@ class DaemonServing : public testing::Test {
     daemon::Config config;
     config.data_directory = folder_.File("data");
     config.socket = folder_.File("s");
-    config.listen = {};
+    config.listen = {"127.0.0.1:0"};
     config.hypervisor = "none";
     std::vector<api::ApiRow> rows{
         TestRow("VEXA.Test", "hang", api::Access::kAnyone, api::LaneKind::kQuick, [this](const api::Call& call) {
@@ -43,16 +43,23 @@ class DaemonServing : public testing::Test {
     for (std::thread& call : calls_) call.join();
     EXPECT_TRUE(daemon_->Stop(seconds(30)));
   }
-  // Starts this many calls that do not end, and waits until each has a thread or waits for one.
+  // Starts this many calls that do not end, of two callers in turn, because one caller cannot take all threads. Waits
+  // until each has a thread or waits for one.
   void Hang(int calls, int running) {
     for (int i = 0; i < calls; ++i) {
-      calls_.emplace_back([this] {
-        HttpClient client(UnixSocket(folder_.File("s")));
+      calls_.emplace_back([this, is_local = i % 2 == 0] {
+        HttpClient client(is_local ? UnixSocket(folder_.File("s")) : Network());
         client.SetTimeout(seconds(120));
         EXPECT_EQ(client.PostJson("/webapi/VEXA.Test/hang", "{}").status, 200);
       });
     }
     EXPECT_TRUE(Eventually([&] { return hanging_ == running; })) << hanging_;
+  }
+
+  HttpTarget Network() const {
+    HttpTarget target;
+    target.url = "http://127.0.0.1:" + std::to_string(daemon_->port(0));
+    return target;
   }
 
   TempDir folder_;

@@ -59,6 +59,9 @@ ServerLimits WithConnections(std::size_t count) {
   ServerLimits limits;
   limits.connections = count;
   limits.connections_per_peer = count;
+  // Strangers who say nothing stay until a test needs their place, however slow the machine is.
+  limits.header = std::chrono::minutes(10);
+  limits.idle = std::chrono::minutes(10);
   return limits;
 }
 

@@ -53,8 +53,8 @@ class AccountLog : public ::testing::TestWithParam<Row> {
   AccountLog() {
     const std::shared_ptr<store::Store> store(&host_.store(), [](store::Store*) {});
     const std::shared_ptr<cluster::AccountStore> accounts(&host_.accounts(), [](cluster::AccountStore*) {});
-    std::vector<ApiRow> rows = AccountRows({store, accounts, &limiter_});
-    for (ApiRow& row : GrantRows({store, accounts, &limiter_})) rows.push_back(std::move(row));
+    std::vector<ApiRow> rows = AccountRows({store, accounts, &limiter_, sessions_.get()});
+    for (ApiRow& row : GrantRows({store, accounts, &limiter_, sessions_.get()})) rows.push_back(std::move(row));
     table_ = std::make_unique<ApiTable>(std::move(rows));
     host_.AddUser("bob", {"staff", "crew"});
     host_.AddUser("dave", {"empty"});
@@ -65,6 +65,8 @@ class AccountLog : public ::testing::TestWithParam<Row> {
 
   test::TestHost host_;
   session::LoginLimiter limiter_{{}};
+  std::unique_ptr<session::SessionTable> sessions_ =
+      Require(session::SessionTable::Open(host_.folder().File("sessions.json"), {}));
   std::unique_ptr<ApiTable> table_;
 };
 
