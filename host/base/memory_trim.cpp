@@ -18,10 +18,15 @@ std::size_t ResidentBytes() {
 
 bool MemoryTrimmer::TrimAfterGrowth() {
   const std::size_t resident = ResidentBytes();
-  const bool has_grown = resident > settled_ + kMinGrowth;
-  if (has_grown) ::malloc_trim(0);
-  settled_ = has_grown ? ResidentBytes() : std::min(settled_, resident);
-  return has_grown;
+  smallest_ = std::min(smallest_, resident);
+  if (resident <= smallest_ + kMinGrowth) return false;
+  if (calls_to_skip_ > 0) {
+    --calls_to_skip_;
+    return false;
+  }
+  ::malloc_trim(0);
+  if (ResidentBytes() > smallest_ + kMinGrowth) calls_to_skip_ = kCallsBetweenAttempts;
+  return true;
 }
 
 }  // namespace vexa

@@ -227,7 +227,7 @@ Status HostClaim::Check(const store::Snapshot& snapshot) const {
 Status HostClaim::Renew() {
   const std::string key = records::HostClaimKey(options_.host_id);
   for (int attempt = 0; attempt < records::kMaxCommitAttempts; ++attempt) {
-    const auto snapshot = options_.store->Read();
+    auto snapshot = options_.store->Read();
     if (!snapshot) return snapshot.error();
     Result<records::StoredObject> claim = records::LoadObject(**snapshot, key);
     if (!claim) return claim.error();
@@ -240,6 +240,7 @@ Status HostClaim::Renew() {
     const std::uint64_t incarnation = records::AdvanceIncarnation(claim->record);
     store::Transaction transaction;
     records::PutObject(transaction, key, *claim);
+    snapshot->reset();  // the commit may have to reopen the store
     const Result<store::Revision> committed = options_.store->Commit(transaction);
     if (committed) {
       incarnation_ = incarnation;
@@ -252,7 +253,7 @@ Status HostClaim::Renew() {
 }
 
 Status HostClaim::Release() {
-  const auto snapshot = options_.store->Read();
+  auto snapshot = options_.store->Read();
   if (!snapshot) return snapshot.error();
   const std::string key = records::HostClaimKey(options_.host_id);
   Result<records::StoredObject> claim = records::LoadObject(**snapshot, key);
@@ -262,6 +263,7 @@ Status HostClaim::Release() {
   claim->record["released"] = true;
   store::Transaction transaction;
   records::PutObject(transaction, key, *claim);
+  snapshot->reset();  // as in Renew
   const Result<store::Revision> committed = options_.store->Commit(transaction);
   if (!committed) return committed.error();
   if (is_held) revision_ = *committed;

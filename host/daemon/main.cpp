@@ -74,10 +74,10 @@ bool RunUntilStopped(Daemon& daemon, const sigset_t& signals, std::chrono::milli
   ::syslog(LOG_INFO, "Stopping.");
   NotifyServiceManager("STOPPING=1");
   EndAtNextSignal(signals);
-  watchdog.reset();
+  const bool has_watched = !watchdog || watchdog->Stop(stop_timeout / 4);
   const bool has_swept = sweeps.Stop(stop_timeout / 4);
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-  return daemon.Stop(std::max(left, std::chrono::milliseconds(0))) && has_swept;
+  return daemon.Stop(std::max(left, std::chrono::milliseconds(0))) && has_swept && has_watched;
 }
 
 // Set when this daemon ends because it has lost its host id.

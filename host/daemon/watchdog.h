@@ -22,6 +22,8 @@ class Watchdog {
   // logged instead of reported.
   using IsServing = std::function<bool(std::chrono::milliseconds)>;
   Watchdog(std::chrono::milliseconds timeout, IsServing is_serving);
+  // See PeriodicCall::Stop.
+  bool Stop(std::chrono::milliseconds timeout) { return calls_.Stop(timeout); }
 
  private:
   PeriodicCall calls_;

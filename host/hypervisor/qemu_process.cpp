@@ -19,6 +19,7 @@
 #include <sstream>
 #include <string_view>
 #include <utility>
+#include <variant>
 
 namespace vexa::hypervisor {
 namespace {
@@ -59,13 +60,13 @@ std::vector<pid_t> QemuProcessesOf(const std::string& id, const std::string& roo
   return found;
 }
 
-// Not set: the descriptor was closed meanwhile.
-std::optional<HeldFile> FileBehind(const std::string& link) {
+// The file behind a descriptor, from its link below /proc/PID/fd; or an errno(3) value.
+std::variant<HeldFile, int> FileBehind(const std::string& link) {
   struct stat info {};
-  if (::stat(link.c_str(), &info) != 0) return std::nullopt;
+  if (::stat(link.c_str(), &info) != 0) return errno;
   std::array<char, PATH_MAX> path{};
   const ssize_t length = ::readlink(link.c_str(), path.data(), path.size());
-  if (length < 0) return std::nullopt;
+  if (length < 0) return errno;
   return HeldFile{std::string(path.data(), static_cast<std::size_t>(length)),
                   info.st_mode,
                   info.st_dev,
@@ -88,12 +89,17 @@ Result<std::vector<HeldFile>> FilesOfProcess(const std::string& pid) {
   const std::string folder = fmt::format("/proc/{}/fd/", pid);
   std::vector<HeldFile> files;
   std::vector<HeldFile> streams;
-  const int error_number = ForEachEntry(folder, [&](std::string_view name) {
+  int denied = 0;
+  int error_number = ForEachEntry(folder, [&](std::string_view name) {
     if (name.starts_with('.')) return;
-    if (auto file = FileBehind(folder + std::string(name))) {
-      (IsStandardStream(name) ? streams : files).push_back(std::move(*file));
+    auto file = FileBehind(folder + std::string(name));
+    if (auto* found = std::get_if<HeldFile>(&file)) {
+      (IsStandardStream(name) ? streams : files).push_back(std::move(*found));
+    } else if (std::get<int>(file) == EACCES || std::get<int>(file) == EPERM) {
+      denied = std::get<int>(file);  // other errors: the descriptor was closed meanwhile
     }
   });
+  if (error_number == 0) error_number = denied;
   const std::string failed = fmt::format("Cannot read which files the process {} has open", pid);
   if (error_number == ENOENT || error_number == ESRCH) return SystemError(ErrorCode::kNotFound, failed, error_number);
   if (error_number != 0) return SystemError(ErrorCode::kDenied, failed, error_number);

@@ -44,7 +44,7 @@ void CommitThread::State::RunGroup() {
   {
     const MutexLock lock(mutex);
     waits_for_lock_since.reset();
-    was_held = std::exchange(has_reported_lock, false);
+    was_held = transaction.ok() && std::exchange(has_reported_lock, false);
     group = TakeGroup();
   }
   if (was_held) ::syslog(LOG_NOTICE, "The database '%s' can be written again.", environment->directory().c_str());

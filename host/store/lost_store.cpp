@@ -26,7 +26,11 @@ Error LostStore(const std::string& directory) {
 
 }  // namespace
 
-bool HasStore(const std::string& store_directory) { return Exists(store_directory + "/data.mdb"); }
+// An empty file is one whose first write never came, or whose contents were lost: it holds no database.
+bool HasStore(const std::string& store_directory) {
+  struct stat info {};
+  return ::lstat((store_directory + "/data.mdb").c_str(), &info) == 0 && info.st_size > 0;
+}
 
 Status CheckStoreNotLost(const std::string& data_directory, const std::string& store_directory) {
   if (HasStore(store_directory) || !Exists(MarkIn(data_directory))) return {};

@@ -72,6 +72,14 @@ TEST_F(VexadStore, Start_StoreIsGone_IsRefusedUntilANewOneIsRequested) {
   }
 }
 
+// A file that was cut to nothing would otherwise become a new, empty database.
+TEST_F(VexadStore, Start_StoreIsAnEmptyFile_IsRefused) {
+  StartAndStop();
+  fs::resize_file(folder_.File("data/store/data.mdb"), 0);
+  ExpectRefused({}, "does not contain a database");
+  EXPECT_EQ(fs::file_size(folder_.File("data/store/data.mdb")), 0u);
+}
+
 // The copy of a shared database does not stand in the way of a new one.
 TEST_F(VexadStore, NewStore_BesideACopyOfTheOldOne_Starts) {
   const std::vector<std::string> store{"--store", folder_.File("shared")};

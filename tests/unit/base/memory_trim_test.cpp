@@ -42,11 +42,20 @@ TEST(MemoryTrimmer, Process_HasNotGrown_IsLeftAlone) {
   EXPECT_FALSE(trimmer.TrimAfterGrowth());
 }
 
-TEST(MemoryTrimmer, Memory_InUse_IsTriedOnce) {
+// An attempt during the burst must not be the last one.
+TEST(MemoryTrimmer, Memory_InUseAtFirst_IsGivenBackAfterItIsFreed) {
+  constexpr std::size_t kBytes = std::size_t{200} << 20;
   MemoryTrimmer trimmer;
-  const auto blocks = Blocks(3 * MemoryTrimmer::kMinGrowth);
-  EXPECT_TRUE(trimmer.TrimAfterGrowth());
-  EXPECT_FALSE(trimmer.TrimAfterGrowth());
+  const std::size_t before = ResidentBytes();
+  std::unique_ptr<char[]> last;
+  {
+    const auto blocks = Blocks(kBytes);
+    last = std::make_unique<char[]>(kBlock);
+    EXPECT_TRUE(trimmer.TrimAfterGrowth());
+    EXPECT_FALSE(trimmer.TrimAfterGrowth()) << "it does not try at each call";
+  }
+  for (int calls = 0; calls < MemoryTrimmer::kCallsBetweenAttempts; ++calls) (void)trimmer.TrimAfterGrowth();
+  EXPECT_LT(ResidentBytes(), before + kBytes / 10);
 }
 
 }  // namespace
