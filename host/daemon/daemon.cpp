@@ -185,6 +185,7 @@ class Daemon::Impl {
     server_.reset();
     transport::RemoveTransport();
     guests_.reset();
+    if (members_) members_->Stop();
     records::RemoveEnvironment();
   }
 

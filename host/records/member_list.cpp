@@ -24,13 +24,15 @@ MemberList::MemberList(std::shared_ptr<store::Store> store) : store_(std::move(s
   });
 }
 
-MemberList::~MemberList() {
+MemberList::~MemberList() { Stop(); }
+
+void MemberList::Stop() {
   {
     const MutexLock lock(mutex_);
     stop_ = true;
   }
   wake_.NotifyAll();
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
 }
 
 bool MemberList::Knows(const std::string& host_id, std::chrono::system_clock::time_point issued) const {

@@ -20,6 +20,8 @@ class MemberList {
   // Reads the list first. When that fails, the list stays empty until the store can be read.
   explicit MemberList(std::shared_ptr<store::Store> store);
   ~MemberList();
+  // No longer follows changes, and no longer uses the environment (environment.h). Threads: one.
+  void Stop();
   MemberList(const MemberList&) = delete;
   MemberList& operator=(const MemberList&) = delete;
 

@@ -186,7 +186,7 @@ TEST_F(Tls, Request_ClientCertificate_HandlerGetsNameAndValidity) {
   const Identity host = MakeIdentity("host-b", &authority_);
   TlsClient client(server.port(), &host);
   EXPECT_NE(client.Ask("/a").find("GET /a "), std::string::npos);
-  const Peer& peer = server.last_request()->peer;
+  const Peer peer = server.last_request()->peer;
   EXPECT_TRUE(peer.is_certified);
   EXPECT_EQ(peer.certificate_name, "host-b");
   EXPECT_EQ(peer.certificate_times.not_after - peer.certificate_times.not_before, std::chrono::hours(2));
