@@ -43,7 +43,7 @@ bool BodyQuota::Share::Resize(std::size_t bytes) {
   if (bytes == bytes_) return true;
   const bool has_host = !owner_.host.empty();
   const MutexLock lock(counts_->mutex);
-  if (bytes > bytes_) {
+  if (bytes > bytes_ && bytes > kSmallBodyBytes) {
     if (!Fit(counts_->owners, owner_.user, bytes_, bytes, kBodyBytesPerCaller)) return false;
     if (has_host && !Fit(counts_->hosts, owner_.host, bytes_, bytes, kBodyBytesPerHost)) return false;
   }

@@ -14,6 +14,9 @@ namespace vexa::api {
 
 inline constexpr std::size_t kBodyBytesPerCaller = std::size_t{8} << 20;
 inline constexpr std::size_t kBodyBytesPerHost = std::size_t{32} << 20;
+// A body up to this size is always admitted, or one large call would refuse all others of its caller. The lanes bound
+// how many there are.
+inline constexpr std::size_t kSmallBodyBytes = std::size_t{16} << 10;
 
 // Threads: any, at the same time. Shares may outlive it.
 class BodyQuota {
@@ -41,7 +44,7 @@ class BodyQuota {
   BodyQuota();
 
   // Null when the owner, or all owners of the same host together, would have too many bytes. There is room for one body
-  // of any size when they have no other.
+  // of any size when they have no other, and always for a small one.
   std::unique_ptr<Share> Take(const JobOwner& owner, std::size_t bytes);
 
  private:

@@ -189,16 +189,19 @@ std::optional<http::HttpResponse> Dispatcher::PlanMethodCall(std::string_view pa
   if (plan->caller.kind == Caller::Kind::kHost) ReadOrigin(request, plan->caller);
   if (request.peer.is_certified && row->access.value != Access::kHost) return refuse(user_error::kDenied);
   if (const int code = CheckCaller(row->access.value, plan->caller)) return refuse(code);
-  if (row->body_bytes > kDefaultBodyBytes && !(plan->long_body_slot = TakeLongBodySlot(long_body_requests_))) {
-    return refuse(user_error::kHostBusy);
-  }
   // Also for callers with a session, or on the Unix socket: whether they have an account is found out later.
   const bool is_open = row->access.value == Access::kAnyone || IsStranger(plan->caller);
   request.body_limit = is_open ? std::min(kUnauthenticatedBodyBytes, row->body_bytes) : row->body_bytes;
   // Strangers are not charged for what they announce, or one of them could refuse the others of an address by headers
   // alone. The server bounds the bytes that have arrived from them.
-  plan->body_share = bodies_.Take(OwnerOf(plan->caller), is_open ? 0 : ExpectedBytes(request));
+  // Where long bodies are allowed, their places are few, so each caller has one, whatever the header announces.
+  const bool is_long = row->body_bytes > kDefaultBodyBytes;
+  const std::size_t charged = is_long ? row->body_bytes : ExpectedBytes(request);
+  plan->body_share = bodies_.Take(OwnerOf(plan->caller), is_open ? 0 : charged);
   if (!plan->body_share) return refuse(user_error::kHostBusy);
+  if (is_long && !(plan->long_body_slot = TakeLongBodySlot(long_body_requests_))) {
+    return refuse(user_error::kHostBusy);
+  }
   request.context = std::move(plan);
   return std::nullopt;
 }

@@ -26,6 +26,7 @@ constexpr std::size_t kMaxRefusals = 16;
 constexpr char kCount[] = "count";
 constexpr char kLast[] = "last";
 constexpr char kTimes[] = "times";
+constexpr char kLargest[] = "largest";
 constexpr char kRefusals[] = "refusals";
 constexpr char kFingerprint[] = "fingerprint";
 constexpr char kPosition[] = "position";
@@ -76,6 +77,7 @@ Status LogEdit::LoadState() {
   count_ = json::UInt64(json::Member(state, kCount));
   if (last_ <= 0 || last_ > kMaxLogPosition || count_ > 2 * kMaxLogEntries) return CountEntries();
   for (const Json::Value& time : json::Elements(json::Member(state, kTimes))) times_.push_back(ReadTime(time));
+  largest_ = json::String(json::Member(state, kLargest));
   return {};
 }
 
@@ -126,6 +128,11 @@ Status LogEdit::Add(LogEntry entry) {
   if (times_.size() > kTimesForAge) times_.erase(times_.begin());
   ++count_;
   ++(*share)->count;
+  if ((*share)->count > kLogShare) {
+    const Result<Share*> largest = ShareOf(largest_);
+    if (!largest) return largest.error();
+    if (largest_.empty() || (*share)->count > (*largest)->count) largest_ = entry.user;
+  }
   last_ = *position;
   added_.emplace(*position, std::move(entry));
   return {};
@@ -159,15 +166,27 @@ Result<std::optional<LogEntry>> LogEdit::Find(std::int64_t position) const {
   return stored->has_value() ? ParseLogEntry(position, (*stored)->text) : std::nullopt;
 }
 
-// In a full log, a user who has a whole share gives up the oldest entries of it; entries of other users go for those
-// who have less.
+// In a full log, a user who has a whole share gives up their own oldest entry for a new one. For the others, the
+// largest user gives up one, who has filled room that nobody else needed. Empty: no user has more than a share, so the
+// oldest entry of all goes.
+Result<std::string> LogEdit::UserWhoGivesWay(const std::string& user, const Share& share) {
+  if (share.count >= kLogShare) return user;
+  if (largest_.empty()) return std::string();
+  const Result<Share*> largest = ShareOf(largest_);
+  if (!largest) return largest.error();
+  if ((*largest)->count <= kLogShare) largest_.clear();
+  return largest_;
+}
+
 Status LogEdit::MakeRoom(const std::string& user, const Share& share) {
   for (std::size_t i = 0; i < kMaxRemovedPerEntry && count_ >= kMaxLogEntries; ++i) {
-    const bool has_share = share.count >= kLogShare;
-    const auto oldest = OldestBelow(has_share ? ShareKey(user) : std::string(kLogPrefix), 1);
+    const Result<std::string> owner = UserWhoGivesWay(user, share);
+    if (!owner) return owner.error();
+    const bool is_known = !owner->empty();
+    const auto oldest = OldestBelow(is_known ? ShareKey(*owner) : std::string(kLogPrefix), 1);
     if (!oldest) return oldest.error();
     if (oldest->empty()) return {};
-    if (Status removed = Remove(oldest->front(), has_share ? std::optional(user) : std::nullopt); !removed) {
+    if (Status removed = Remove(oldest->front(), is_known ? std::optional(*owner) : std::nullopt); !removed) {
       return removed;
     }
   }
@@ -219,6 +238,7 @@ Status LogEdit::Remove(std::int64_t position, const std::optional<std::string>& 
   const Result<Share*> share = ShareOf(owner);
   if (!share) return share.error();
   (*share)->count -= std::min<std::size_t>((*share)->count, 1);
+  if (largest_.empty() && (*share)->count > kLogShare) largest_ = owner;
   return {};
 }
 
@@ -243,6 +263,7 @@ Result<store::Transaction> LogEdit::Finish() && {
   state[kLast] = Json::Int64{last_};
   state[kTimes] = Json::Value(Json::arrayValue);
   for (const std::int64_t time : times_) state[kTimes].append(Json::Int64{time});
+  if (!largest_.empty()) state[kLargest] = largest_;
   transaction_.compares.push_back({StateKey(), state_revision_});
   transaction_.operations.push_back({StateKey(), json::ToText(state)});
   for (const auto& [position, entry] : added_) {

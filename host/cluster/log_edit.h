@@ -1,7 +1,8 @@
 // One commit of the cluster log: entries are added, equal refusals merged, and old entries removed.
 //
-//   /log_state                      {"count", "last", "times"}: the number of entries, the last position, and the times
-//                                   of the newest entries
+//   /log_state                      {"count", "last", "times", "largest"}: the number of entries, the last position,
+//   the
+//                                   times of the newest entries, and a user who has more than a share
 //   /log_user/<user>                {"count", "refusals"}: the number of a user's entries and the refusals that equal
 //                                   ones are merged with. <user> is a UUID made of the name.
 //   /log_user/<user>/<position>     ""; one for each of the user's entries, to find the oldest
@@ -54,6 +55,7 @@ class LogEdit {
   Result<Share*> ShareOf(const std::string& user);
   Status MergeWithEqual(LogEntry& entry, Share& share);
   Result<std::optional<LogEntry>> Find(std::int64_t position) const;
+  Result<std::string> UserWhoGivesWay(const std::string& user, const Share& share);
   Status MakeRoom(const std::string& user, const Share& share);
   Result<std::int64_t> NextPosition(std::int64_t time_us) const;
   Status RemoveExpired();
@@ -66,6 +68,7 @@ class LogEdit {
   std::size_t count_ = 0;
   std::int64_t last_ = 0;
   std::vector<std::int64_t> times_;
+  std::string largest_;  // empty: no user is known to have more than a share
   std::map<std::string, Share> shares_;
   std::map<std::int64_t, LogEntry> added_;
   std::set<std::int64_t> removed_;

@@ -11,31 +11,32 @@ namespace vexa::api {
 namespace {
 
 const JobOwner kAnn{"ann"};
+constexpr std::size_t kBytes = kSmallBodyBytes + 1;  // the fewest that are counted
 
 TEST(BodyQuota, Owner_WithoutBodies_MayHaveOneOfAnySize) {
   BodyQuota quota;
   const auto large = quota.Take(kAnn, kBodyBytesPerCaller + 1);
   ASSERT_NE(large, nullptr);
-  EXPECT_EQ(quota.Take(kAnn, 1), nullptr);
-  EXPECT_NE(quota.Take(kAnn, 0), nullptr);
-  EXPECT_NE(quota.Take({"bob"}, 1), nullptr);
+  EXPECT_EQ(quota.Take(kAnn, kBytes), nullptr);
+  EXPECT_NE(quota.Take(kAnn, kSmallBodyBytes), nullptr) << "small ones are always admitted";
+  EXPECT_NE(quota.Take({"bob"}, kBytes), nullptr);
 }
 
 TEST(BodyQuota, Share_DestroyedOrSmaller_MakesRoom) {
   BodyQuota quota;
-  auto first = quota.Take(kAnn, kBodyBytesPerCaller - 1);
-  auto second = quota.Take(kAnn, 1);
+  auto first = quota.Take(kAnn, kBodyBytesPerCaller - kBytes);
+  auto second = quota.Take(kAnn, kBytes);
   ASSERT_NE(second, nullptr);
-  EXPECT_EQ(quota.Take(kAnn, 1), nullptr);
+  EXPECT_EQ(quota.Take(kAnn, kBytes), nullptr);
   second.reset();
-  EXPECT_NE(quota.Take(kAnn, 1), nullptr);
-  EXPECT_TRUE(first->Resize(100));
-  const auto third = quota.Take(kAnn, kBodyBytesPerCaller - 100);
+  EXPECT_NE(quota.Take(kAnn, kBytes), nullptr);
+  EXPECT_TRUE(first->Resize(kBytes));
+  const auto third = quota.Take(kAnn, kBodyBytesPerCaller - kBytes);
   EXPECT_NE(third, nullptr);
-  EXPECT_FALSE(first->Resize(101));
-  EXPECT_TRUE(first->Resize(100)) << "a refusal changes nothing";
+  EXPECT_FALSE(first->Resize(kBytes + 1));
+  EXPECT_TRUE(first->Resize(kBytes)) << "a refusal changes nothing";
   first.reset();
-  EXPECT_FALSE(quota.Take(kAnn, 100)->Resize(101));
+  EXPECT_FALSE(quota.Take(kAnn, kBytes)->Resize(kBytes + 1));
 }
 
 TEST(BodyQuota, Host_BodiesOfItsUsers_CountTogether) {
@@ -45,11 +46,11 @@ TEST(BodyQuota, Host_BodiesOfItsUsers_CountTogether) {
     shares.push_back(quota.Take({"h/" + std::to_string(i), "h"}, kBodyBytesPerCaller));
     ASSERT_NE(shares.back(), nullptr);
   }
-  EXPECT_EQ(quota.Take({"h/invented", "h"}, 1), nullptr);
+  EXPECT_EQ(quota.Take({"h/invented", "h"}, kBytes), nullptr);
   EXPECT_NE(quota.Take({"other/ann", "other"}, 1), nullptr);
   EXPECT_NE(quota.Take(kAnn, 1), nullptr);
   shares.pop_back();
-  EXPECT_NE(quota.Take({"h/invented", "h"}, 1), nullptr);
+  EXPECT_NE(quota.Take({"h/invented", "h"}, kBytes), nullptr);
 }
 
 TEST(BodyQuota, Share_OutlivesTheQuota_IsHarmless) {
@@ -61,7 +62,7 @@ TEST(BodyQuota, Share_OutlivesTheQuota_IsHarmless) {
 
 TEST(BodyQuota, ManyThreads_NeverHaveMoreThanTheLimit) {
   BodyQuota quota;
-  constexpr std::size_t kBytes = kBodyBytesPerCaller / 4;
+  constexpr std::size_t kQuarter = kBodyBytesPerCaller / 4;
   std::atomic<int> held = 0;
   std::atomic<bool> too_many = false;
   {
@@ -69,7 +70,7 @@ TEST(BodyQuota, ManyThreads_NeverHaveMoreThanTheLimit) {
     for (int i = 0; i < 8; ++i) {
       threads.emplace_back([&] {
         for (int round = 0; round < 2000; ++round) {
-          const auto share = quota.Take(kAnn, kBytes);
+          const auto share = quota.Take(kAnn, kQuarter);
           if (!share) continue;
           if (++held > 4) too_many = true;
           --held;

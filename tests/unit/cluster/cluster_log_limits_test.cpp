@@ -81,6 +81,17 @@ TEST_F(ClusterLogLimits, Add_UserWithAShareOfAFullLog_ReplacesOnlyOwnEntries) {
   EXPECT_EQ(Stored().size(), kMaxLogEntries);
 }
 
+// While there was room, the share did not bound the user, and then everybody's new entries pushed out everybody's old
+// ones.
+TEST_F(ClusterLogLimits, Add_LogFilledByOneUser_OthersKeepTheirEntries) {
+  Flood("bob", 100);
+  Flood("mallory", kFull - 100);
+  Flood("alice", 200);
+  EXPECT_EQ(CountOf("bob"), 100);
+  EXPECT_EQ(CountOf("alice"), 200);
+  EXPECT_EQ(CountOf("mallory"), kFull - 300);
+}
+
 TEST_F(ClusterLogLimits, Add_OnlyUser_HasTheWholeLog) {
   FillUp();
   Flood("admin", kShare + 50);
