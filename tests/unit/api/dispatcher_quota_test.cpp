@@ -122,7 +122,7 @@ TEST_F(DispatcherQuota, User_OnTheSocketAndOnTheNetwork_IsOneCaller) {
   http::HttpRequest local = Request("POST", "/webapi/T/user", "");
   local.peer.kind = http::Peer::Kind::kUnix;
   local.peer.uid = accounts_->FindUser("mallory")->uid;
-  EXPECT_EQ(SendHeader(local, kSmallBodyBytes + 1), kBusy);
+  EXPECT_EQ(SendHeader(local, api::kSmallBodyBytes + 1), kBusy);
   ++local.peer.uid;
   EXPECT_EQ(SendHeader(local, 1), 0);
 }
@@ -132,7 +132,7 @@ TEST_F(DispatcherQuota, BodyInChunks_CountsAsLongAsItMayBe_UntilItHasCome) {
   for (int i = 0; i < 8; ++i) {
     ASSERT_EQ(SendHeader(Request("POST", "/webapi/T/user", token), std::numeric_limits<std::size_t>::max()), 0);
   }
-  EXPECT_EQ(SendHeader(Request("POST", "/webapi/T/user", token), kSmallBodyBytes + 1), kBusy);
+  EXPECT_EQ(SendHeader(Request("POST", "/webapi/T/user", token), api::kSmallBodyBytes + 1), kBusy);
 }
 
 TEST_F(DispatcherQuota, HostCalls_CountByUserAndTogether) {
