@@ -301,8 +301,6 @@ class Daemon::Impl {
     auto sessions = session::SessionTable::Open(config.data_directory + "/sessions.json", config.sessions);
     if (!sessions) return sessions.error();
     sessions_ = std::move(*sessions);
-    members_ = std::make_unique<records::MemberList>(store_);
-    identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_, members_.get());
     records::Environment environment;
     environment.store = store_;
     environment.accounts = accounts_;
@@ -312,6 +310,9 @@ class Daemon::Impl {
     environment.acting_user = api::CurrentActingUser;
     environment.image_roots = config.image_roots;
     records::InstallEnvironment(std::move(environment));
+    // Its thread reads through the environment.
+    members_ = std::make_unique<records::MemberList>(store_);
+    identity_ = std::make_unique<api::Identity>(*sessions_, *accounts_, members_.get());
     return {};
   }
 

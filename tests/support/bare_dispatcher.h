@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
@@ -126,7 +127,7 @@ class BareDispatcher : public testing::Test {
   Lane hosts_{HostLimits()};
   std::function<std::string()> metrics_text_ = [] { return std::string("figures"); };
   std::string address_ = "192.0.2.1";
-  bool closed_connection_ = false;  // by the last response
+  std::atomic<bool> closed_connection_ = false;  // by the last response
   std::unique_ptr<api::Dispatcher> dispatcher_;
 };
 
