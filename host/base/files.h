@@ -22,7 +22,8 @@ Status ReadRest(int fd, const std::string& path, std::size_t max_bytes, std::str
 // renamed over it, then the folder is synced. On failure the old file is unchanged and no temporary file is left
 // behind, with one exception: when syncing the folder fails, the new file is in place but may be lost in a power
 // failure. The temporary file has no name until it is complete, so a process that is killed leaves none either, except
-// on file systems without unnamed files and at the very moment of renaming. `mode` is the new file's mode, regardless of the umask. A symbolic link at `path` is replaced, not followed.
+// on file systems without unnamed files and at the very moment of renaming. `mode` is the new file's mode, regardless
+// of the umask. A symbolic link at `path` is replaced, not followed.
 Status WriteFileAtomically(const std::string& path, std::string_view content, mode_t mode);
 
 // Creates `path` and its missing parents with `mode` less the umask. An existing folder is not an error. kConflict when

@@ -64,8 +64,8 @@ struct LogPage {
 Result<LogPage> ReadLog(const records::Reader& reader, const std::string& cursor, std::size_t limit);
 
 // For following the log, returns the entries after `position`, oldest first, at most `limit` (1 to kMaxLogPage) of
-// them. Invalid entries are left out. A caller that continues after the last entry of a page misses none and gets none twice.
-// The time of an entry can also be passed, as older versions did: the entry itself may then be returned again.
+// them. Invalid entries are left out. A caller that continues after the last entry of a page misses none and gets none
+// twice. The time of an entry can also be passed, as older versions did: the entry itself may then be returned again.
 // Errors: kInvalid for a negative position; those of the store.
 Result<std::vector<LogEntry>> ReadLogAfter(const records::Reader& reader, std::int64_t position, std::size_t limit);
 
