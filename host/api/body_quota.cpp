@@ -40,10 +40,11 @@ std::unique_ptr<BodyQuota::Share> BodyQuota::Take(const JobOwner& owner, std::si
 }
 
 bool BodyQuota::Share::Resize(std::size_t bytes) {
+  if (bytes <= kSmallBodyBytes) bytes = 0;
   if (bytes == bytes_) return true;
   const bool has_host = !owner_.host.empty();
   const MutexLock lock(counts_->mutex);
-  if (bytes > bytes_ && bytes > kSmallBodyBytes) {
+  if (bytes > bytes_) {
     if (!Fit(counts_->owners, owner_.user, bytes_, bytes, kBodyBytesPerCaller)) return false;
     if (has_host && !Fit(counts_->hosts, owner_.host, bytes_, bytes, kBodyBytesPerHost)) return false;
   }

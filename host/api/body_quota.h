@@ -14,8 +14,8 @@ namespace vexa::api {
 
 inline constexpr std::size_t kBodyBytesPerCaller = std::size_t{8} << 20;
 inline constexpr std::size_t kBodyBytesPerHost = std::size_t{32} << 20;
-// A body up to this size is always admitted, or one large call would refuse all others of its caller. The lanes bound
-// how many there are.
+// Bodies up to this size are not counted: one large call would refuse all others of its caller, and any other call a
+// large one. The lanes bound how many there are.
 inline constexpr std::size_t kSmallBodyBytes = std::size_t{16} << 10;
 
 // Threads: any, at the same time. Shares may outlive it.

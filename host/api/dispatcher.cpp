@@ -288,6 +288,9 @@ void Dispatcher::RunMethod(Work& work) const {
   for (auto& header : headers) reply.headers.push_back(std::move(header));
   reply.closes_connection = work.closes_connection;
   reply.owner = OwnerAfter(work, response.ErrorCode());
+  // Before the caller can send the next request, which may need the room.
+  work.plan->body_share.reset();
+  work.plan->long_body_slot.reset();
   parts_.metrics->Count(*work.plan->row, response.ErrorCode(), Clock::now() - work.plan->started);
   work.responder.Send(std::move(reply));
 }

@@ -44,6 +44,13 @@ TEST(LongBody, LongBody_Import_IsAcceptedFromAdministratorsOnly) {
   EXPECT_EQ(ErrorCode(daemon.TcpAs("admin").PostJson(kGetPath, BodyOf(2 * kMib))), 112);
 }
 
+// The room of one call is free before the caller has its reply.
+TEST(LongBody, LongBodies_OneAfterTheOther_AreAllAccepted) {
+  const TestDaemon daemon;
+  HttpClient admin = daemon.TcpAs("admin");
+  for (int i = 0; i < 30; ++i) ASSERT_EQ(ErrorCode(admin.PostJson(kImportPath, BodyOf(5 * kMib))), 0) << i;
+}
+
 // They are in memory before it is known who sends them.
 TEST(LongBody, LongBodies_OfOneUser_HaveOnePlace) {
   const TestDaemon daemon;
