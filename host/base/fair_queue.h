@@ -19,7 +19,7 @@ struct JobOwner {
   std::string host{};  // the jobs of all owners with this host also count together; empty: they do not
 };
 
-// Each limit of 0 means that there is none.
+// 0: unlimited.
 struct QueueLimits {
   std::size_t queued = 0;            // jobs that wait
   std::size_t per_user = 0;          // jobs of one owner, waiting and running

@@ -74,7 +74,7 @@ Status ReadExtensions(std::string_view begin, std::size_t offset, std::uint64_t 
   return {};
 }
 
-// The name of the backing file; not set when there is none.
+// The name of the backing file; not set when the image has no backing file.
 Result<std::optional<std::string>> BackingFile(std::string_view begin, std::uint64_t cluster) {
   const std::uint64_t offset = NumberAt(begin, kBackingOffset, 8);
   const std::uint64_t length = NumberAt(begin, kBackingLength, 4);

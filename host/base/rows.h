@@ -6,7 +6,7 @@
 
 namespace vexa {
 
-// The first row whose member `key` equals `value`; null when there is none.
+// The first row whose member `key` equals `value`; null when no row matches.
 template <class Row, std::size_t size, class Key>
 constexpr const Row* FindRow(const Row (&rows)[size], Key Row::*key, const std::type_identity_t<Key>& value) {
   for (const Row& row : rows) {

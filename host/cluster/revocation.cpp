@@ -25,14 +25,15 @@ std::string HeartbeatKey(const std::string& host_id) {
   return records::MemberKey(VexaCCC::DB::DashCate::Host.name(), host_id, "seen");
 }
 
-// The time of the host's last heartbeat; the epoch when there is none.
+// The time of the host's last heartbeat; the epoch when it is missing or unreadable.
 system_clock::time_point HeartbeatOf(const records::Reader& reader, const std::string& host_id) {
   const auto heartbeat = reader.ReadRecord(HeartbeatKey(host_id));
   if (!heartbeat || !*heartbeat) return {};
   return records::TimeFromJson(json::Member(**heartbeat, "time"));
 }
 
-// The other hosts' newest heartbeat; not set when there is none. `changed`, unless null, has the keys that count.
+// The newest heartbeat of the other hosts; not set when they have never sent one. If `changed` is not null, only the
+// keys in it count.
 Result<std::optional<system_clock::time_point>> NewestHeartbeat(const store::Store& store,
                                                                 const std::string& own_host_id,
                                                                 const std::vector<store::Change>* changed) {

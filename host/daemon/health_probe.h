@@ -28,7 +28,7 @@ class HealthProbe {
   HealthProbe(const HealthProbe&) = delete;
   HealthProbe& operator=(const HealthProbe&) = delete;
 
-  // The problem that the last check has found, or that the current one hangs; "" when there is none. Never waits.
+  // The problem that the last check found, or a sentence that the current check hangs; "" if all is well. Never waits.
   std::string Problem() const;
 
  private:

@@ -65,7 +65,8 @@ std::optional<std::string> NormalPath(std::string_view path);
 
 // The absolute ones of `roots`, normal and without a slash at the end ("" for "/"), longest first.
 std::vector<std::string> NormalRoots(const std::vector<std::string>& roots);
-// The root that a normal path is strictly below; null when there is none. `roots` comes from NormalRoots().
+// The root that a normal path is strictly below; null if the path is outside all roots. `roots` comes from
+// NormalRoots().
 const std::string* FindRoot(const std::vector<std::string>& roots, std::string_view path);
 
 // Threads: any, at the same time.

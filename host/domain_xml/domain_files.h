@@ -33,7 +33,7 @@ struct DomainFiles {
 // that is in a storage pool. Pure. Threads: any, at the same time.
 Result<DomainFiles> ParseDomainFiles(std::string_view xml);
 
-// The files of the firmware; "" for what there is none of, or is not in a file.
+// The files of the firmware. A member is "" if the guest does not have that part, or it is not in a file.
 struct FirmwareFiles {
   std::string loader;
   std::string variables;

@@ -21,9 +21,9 @@ class Ranking {
   void Remove(const std::string& group, std::uint64_t number);
 
   // The oldest connection of the largest group, so that a peer with many connections loses one before a peer with few
-  // does. Of groups of equal size, the one with the oldest connection. Null when there is none.
+  // does. Of groups of equal size, the one with the oldest connection. Null when all groups are empty.
   ConnectionPlace* OldestOfLargest() const;
-  // The oldest connection of the group; null when there is none.
+  // The oldest connection of the group; null when the group is empty.
   ConnectionPlace* OldestOf(const std::string& group) const;
   std::size_t SizeOf(const std::string& group) const;
 

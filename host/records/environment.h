@@ -27,8 +27,8 @@ struct Environment {
   // Returns the id of the request that the calling thread works for, empty without one; for entries of the cluster log.
   // Null: entries have no request id.
   std::string_view (*request_id)() = nullptr;
-  // Returns the user in whose name the calling thread acts, empty when there is none; for log lines about rights. Null:
-  // the lines name no user.
+  // Returns the user in whose name the calling thread acts, for log lines about rights; empty when it acts for no user.
+  // Null: the lines name no user.
   std::string_view (*acting_user)() = nullptr;
   // Folders of images: a user may name an image for a guest's drive by its path when the file is below one of them.
   // Empty: no path is valid.

@@ -87,7 +87,7 @@ class PinnedState {
 
   const DataMetaPage& meta() const { return meta_; }
 
-  // The state before; not set when there is none.
+  // The state before the last change; not set when its page is unreadable or has an even older one.
   std::optional<DataMetaPage> Previous(const DataFile& file) const {
     DataMetaPage previous{};
     if (meta_.transaction < 2 || !ReadMeta(file, (meta_.transaction + 1) % 2, previous)) return std::nullopt;

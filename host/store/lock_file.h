@@ -26,7 +26,7 @@ class LockFile {
   // it. Errors: kNoSpace, and others of LmdbError. A file system that cannot reserve is not an error.
   Status Reserve() const;
 
-  // The process that holds the lock for writers; not set when there is none, or it cannot be found out.
+  // The process that holds the lock for writers; not set when the lock is free, or its holder is unknown.
   std::optional<pid_t> FindWriter() const;
 
  private:

@@ -20,10 +20,10 @@ class UnitFile {
  public:
   explicit UnitFile(const std::vector<std::string>& paths);
 
-  // All values of a setting, since the last empty one; empty when there is none.
+  // All values of a setting, since the last empty one; empty for a setting that is not in the file.
   std::vector<std::string> Values(const std::string& setting) const;
   bool Has(const std::string& setting) const { return values_.contains(setting); }
-  // The last value; "" when there is none.
+  // The last value; "" for a setting that is not in the file.
   std::string Last(const std::string& setting) const;
   bool IsOn(const std::string& setting) const { return Last(setting) == "yes"; }
 

@@ -9,7 +9,7 @@
 
 namespace VexaDRCore {
 
-// Base of classes that record their last error; 0 when there is none.
+// Base of classes that record their last error; 0: no error.
 class ErrRecorder {
  public:
   virtual int GetErr() const;

@@ -35,8 +35,8 @@ class DRCache : public DRErrRecorder {
   DRCache(const DRCache&) = delete;
   DRCache& operator=(const DRCache&) = delete;
 
-  // Returns the current value; waits for a refresh when there is none. If the refresh fails, the result is that of
-  // NonBlockedRead.
+  // Returns the current value; waits for a refresh when there is no value yet. If the refresh fails, the result is that
+  // of NonBlockedRead.
   virtual Json::Value BlockedRead() const;
   // Returns the cached value, however old, or GetDefaultValue() when no valid value is cached. Never waits: when the
   // value is not current, one refresh is started in the background.

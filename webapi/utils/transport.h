@@ -21,8 +21,8 @@ Json::Value NewItem(const char* api, const char* method, std::initializer_list<c
 // Returns one request for all `items`, an array. The data of the reply has one entry per item, in the same order.
 VexaDRCore::Request NewCompoundRequest(const Json::Value& items);
 
-// The data of the item at `index` in the data of a reply to a compound request; null when there is none. Whether the
-// item succeeded is not checked. The reference is valid as long as `data`.
+// The data of the item at `index` in the data of a reply to a compound request; null when the reply does not have the
+// item. Whether the item succeeded is not checked. The reference is valid as long as `data`.
 const Json::Value& ItemData(const Json::Value& data, Json::ArrayIndex index);
 
 // Whether a reply is complete: it succeeded, no item of a compound request failed, and it has data.

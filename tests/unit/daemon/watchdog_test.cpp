@@ -65,7 +65,7 @@ class WatchdogReports : public testing::Test {
     ::unsetenv("NOTIFY_SOCKET");
     ::close(fd_);
   }
-  // The next report; "" when there is none now.
+  // The next report; "" when no report is waiting.
   std::string Report() const {
     char buffer[32];
     const ssize_t size = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
