@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <iostream>
 #include <sstream>
 #include <string>
 
@@ -21,6 +20,7 @@
 #include "cli/session_command.h"
 #include "cli/user_command.h"
 #include "fuzz/check.h"
+#include "fuzz/printed_text.h"
 #include "host/base/json_parse.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/temp_dir.h"
@@ -29,6 +29,7 @@ namespace {
 
 namespace cli = vexa::cli;
 using vexa::fuzz::Check;
+using vexa::fuzz::PrintedText;
 
 constexpr const char* kId = "0b6c1f5e-2a7d-4c39-8e14-93d5a7f0c211";
 
@@ -69,22 +70,6 @@ constexpr cli::ExitCode (*kCommands[])(const GlobalOptions&) = {
     [](const GlobalOptions& global) { return cli::RunShowLevel(global, Alice()); },
 };
 constexpr int kStatuses[] = {200, 200, 200, 400, 401, 403, 500, 503};
-
-// What the command prints goes to `text`.
-class PrintedText {
- public:
-  PrintedText() : out_(std::cout.rdbuf(text_.rdbuf())), err_(std::cerr.rdbuf(text_.rdbuf())) {}
-  ~PrintedText() {
-    std::cout.rdbuf(out_);
-    std::cerr.rdbuf(err_);
-  }
-  std::string text() const { return text_.str(); }
-
- private:
-  std::ostringstream text_;
-  std::streambuf* out_;
-  std::streambuf* err_;
-};
 
 void CheckPrinted(const std::string& text) {
   Check(vexa::IsValidUtf8(text), "the output is UTF-8");

@@ -1,10 +1,10 @@
 // The configuration file: whatever it contains, it is refused with a sentence, or the daemon would listen on nothing
 // that it should not.
-#include <iostream>
 #include <sstream>
 #include <string>
 
 #include "fuzz/check.h"
+#include "fuzz/printed_text.h"
 #include "host/base/files.h"
 #include "host/base/json_parse.h"
 #include "host/daemon/config.h"
@@ -14,6 +14,7 @@
 namespace {
 
 using vexa::fuzz::Check;
+using vexa::fuzz::PrintedText;
 using vexa::http::ListenerOptions;
 
 void CheckPrinted(const std::string& text) {
@@ -40,22 +41,6 @@ void CheckUsable(const vexa::daemon::Config& config) {
   Check(config.sessions.idle.count() > 0 && config.sessions.absolute.count() > 0, "sessions end, but not immediately");
   for (const std::string& root : config.image_roots) Check(root.starts_with('/'), "image folders are absolute");
 }
-
-// What the program would print goes to `text`.
-class PrintedText {
- public:
-  PrintedText() : out_(std::cout.rdbuf(text_.rdbuf())), err_(std::cerr.rdbuf(text_.rdbuf())) {}
-  ~PrintedText() {
-    std::cout.rdbuf(out_);
-    std::cerr.rdbuf(err_);
-  }
-  std::string text() const { return text_.str(); }
-
- private:
-  std::ostringstream text_;
-  std::streambuf* out_;
-  std::streambuf* err_;
-};
 
 }  // namespace
 
