@@ -111,8 +111,8 @@ struct ListenerOptions {
 };
 
 // Times are the longest that a client may take. A request that exceeds a limit gets the response of make_error: 408,
-// 413, 414 or 431; a connection above the limits gets 503 when no stranger's idle one can be closed for it. Other
-// connections that take too long are closed.
+// 413, 414 or 431; a connection above the limits gets 503 when no stranger's can be closed for it. Other connections
+// that take too long are closed.
 struct ServerLimits {
   std::size_t header_bytes = 16 * 1024;
   std::size_t body_bytes = 1024 * 1024;

@@ -260,6 +260,31 @@ TEST_F(Tls, Certificate_Replaced_IsUsedForNewConnections) {
   EXPECT_EQ(TlsClient(server.port(), nullptr).Ask("/a"), "") << "clients need a certificate as before";
 }
 
+// Whether they have finished the handshake or not.
+TEST_F(Tls, StrangersThatTrickle_LoseTheirPlacesToNewcomers) {
+  TestServer server([this](ServerOptions& options) {
+    WithTls()(options);
+    options.limits.connections = 4;
+    options.limits.handshake = options.limits.body = std::chrono::minutes(10);
+  });
+  std::vector<std::unique_ptr<TlsClient>> in_body;
+  for (int i = 0; i < 4; ++i) {
+    in_body.push_back(std::make_unique<TlsClient>(server.port(), nullptr));
+    ASSERT_TRUE(in_body.back()->Send("POST / HTTP/1.1\r\nHost: nas\r\nContent-Length: 9\r\n\r\n1"));
+  }
+  ASSERT_TRUE(Eventually([&] { return server->stats().requests == 4; }));
+  TlsClient first(server.port(), nullptr);
+  EXPECT_NE(first.Ask("/a").find("GET /a "), std::string::npos);
+
+  std::vector<Client> in_handshake;
+  for (int i = 0; i < 4; ++i) {
+    in_handshake.push_back(server.Connect());
+    ASSERT_TRUE(in_handshake.back().Send("\x16"));
+  }
+  TlsClient second(server.port(), nullptr);
+  EXPECT_NE(second.Ask("/a").find("GET /a "), std::string::npos);
+}
+
 TEST_F(Tls, Handshake_OldVersion_Fails) {
   TestServer server(WithTls());
   EXPECT_FALSE(TlsClient(server.port(), nullptr, TLS1_1_VERSION).connected());
