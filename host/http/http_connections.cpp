@@ -146,19 +146,20 @@ void ConnectionTable::Hold(ConnectionPlace& place, std::size_t bytes) {
 // After `place` has begun to hold more.
 void ConnectionTable::FreeMemory(ConnectionPlace& place) {
   HeldBytes& held = HeldBy(place.class_);
-  if (held.BytesOf(place.group_) > limits_.held_bytes_per_owner) EndLargest(held, place.group_);
-  if (place.class_ == ConnectionClass::kStranger && held.total() > limits_.held_bytes_of_strangers) {
-    EndLargest(held, held.LargestGroup());
+  while (held.BytesOf(place.group_) > limits_.held_bytes_per_owner && EndHolding(held.OldestOfSeveral(place.group_))) {
+  }
+  if (place.class_ != ConnectionClass::kStranger) return;
+  while (held.total() > limits_.held_bytes_of_strangers && EndHolding(held.OldestOfLargest())) {
   }
 }
 
 // The connection keeps its place until it is closed.
-void ConnectionTable::EndLargest(HeldBytes& held, const std::string& group) {
-  ConnectionPlace* const place = held.OldestOfSeveral(group);
-  if (place == nullptr) return;
+bool ConnectionTable::EndHolding(ConnectionPlace* place) {
+  if (place == nullptr) return false;
   if (place->on_evict_) place->on_evict_(EvictionReason::kMemory);
   Hold(*place, 0);
   ++evicted_;
+  return true;
 }
 
 std::size_t ConnectionTable::total() const {

@@ -106,7 +106,7 @@ class ConnectionTable : public std::enable_shared_from_this<ConnectionTable> {
   void Remove(ConnectionPlace& place) VEXA_REQUIRES(mutex_);
   void Hold(ConnectionPlace& place, std::size_t bytes) VEXA_REQUIRES(mutex_);
   void FreeMemory(ConnectionPlace& place) VEXA_REQUIRES(mutex_);
-  void EndLargest(HeldBytes& held, const std::string& group) VEXA_REQUIRES(mutex_);
+  bool EndHolding(ConnectionPlace* place) VEXA_REQUIRES(mutex_);
   void Leave(ConnectionPlace& place);
 
   const ServerLimits limits_;

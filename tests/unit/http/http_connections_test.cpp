@@ -324,6 +324,32 @@ TEST_F(Connections, BytesOfAllStrangers_AboveLimit_EndHoldingOfLargestPeer) {
   for (const Connected& connection : small) EXPECT_FALSE(connection.is_evicted());
 }
 
+TEST_F(Connections, OneGrowthFarAboveLimit_EndsAsManyHoldingsAsNeeded) {
+  const auto own = EnterMany(4, Tcp("192.0.2.1"));
+  for (std::size_t i = 0; i < 3; ++i) own[i].place->SetHeldBytes(30);
+  own[3].place->SetHeldBytes(60);
+  EXPECT_TRUE(own[0].is_evicted() && own[1].is_evicted());
+  EXPECT_FALSE(own[2].is_evicted() || own[3].is_evicted());
+  own[3].place->SetHeldBytes(0);
+
+  std::vector<Connected> others;
+  for (int i = 0; i < 4; ++i) others.push_back(Enter(Tcp("198.51.100." + std::to_string(i / 2))));
+  for (const Connected& connection : others) connection.place->SetHeldBytes(50);
+  const Connected last = Enter(Tcp("203.0.113.1"));
+  last.place->SetHeldBytes(85);
+  EXPECT_EQ(table_->evicted(), 2U + 2U) << "315 bytes; 265 would still be too many";
+  EXPECT_FALSE(last.is_evicted());
+}
+
+TEST_F(Connections, BytesOfManyNetworksWithOneHolderEach_AreBounded) {
+  std::vector<Connected> strangers;
+  for (int i = 0; i < 10; ++i) strangers.push_back(Enter(Tcp("198.51.100." + std::to_string(i))));
+  for (const Connected& connection : strangers) connection.place->SetHeldBytes(50);
+  std::size_t ended = 0;
+  for (const Connected& connection : strangers) ended += connection.is_evicted() ? 1 : 0;
+  EXPECT_EQ(ended, 5U);
+}
+
 TEST_F(Connections, BytesOfUser_DoNotCountAsStrangers) {
   std::vector<Connected> users;
   for (int i = 0; i < 5; ++i) {
