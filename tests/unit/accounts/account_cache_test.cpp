@@ -39,7 +39,7 @@ class Directory : public AccountProvider {
     ++running_;
     most_running_ = std::max(most_running_, running_);
     changed_.notify_all();
-    changed_.wait(lock, [this] { return !hangs_; });
+    if (hangs_) changed_.wait(lock, [this] { return !holds_; });
     --running_;
     if (fails_) return Error(ErrorCode::kUnavailable, "it fails");
     if (!uids_.contains(name)) return Error(ErrorCode::kNotFound, "There is no such user");
@@ -56,7 +56,13 @@ class Directory : public AccountProvider {
   void SetHangs(bool hangs) {
     const std::lock_guard lock(mutex_);
     hangs_ = hangs;
+    holds_ = hangs;
     changed_.notify_all();
+  }
+  // It answers again, but those who have asked before get no answer until SetHangs(false).
+  void AnswerNewLookUps() {
+    const std::lock_guard lock(mutex_);
+    hangs_ = false;
   }
   void SetFails(bool fails) {
     const std::lock_guard lock(mutex_);
@@ -85,7 +91,8 @@ class Directory : public AccountProvider {
   mutable int asked_ = 0;
   mutable int running_ = 0;
   mutable int most_running_ = 0;
-  bool hangs_ = false;
+  bool hangs_ = false;  // look-ups that begin now
+  bool holds_ = false;  // those that have begun to hang
   bool fails_ = false;
   std::map<std::string, std::uint32_t> uids_ = {{"alice", 5}, {"uid5", 5}, {"gid7", 7}};
 };
@@ -200,6 +207,49 @@ TEST_F(AccountCache, ManyCallersOfOneName_ShareOneLookUp) {
   directory_->SetHangs(false);
   for (std::thread& caller : callers) caller.join();
   EXPECT_EQ(directory_->asked(), 1);
+}
+
+TEST_F(AccountCache, LookUpNeverReturns_NameIsAskedForAgain) {
+  options_.give_up = milliseconds(0);
+  const auto accounts = Make();
+  directory_->SetHangs(true);
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable);
+  ASSERT_TRUE(Eventually([&] { return directory_->running() == 1; }));
+  directory_->AnswerNewLookUps();
+  EXPECT_TRUE(Eventually([&] { return accounts->FindUser("alice").ok(); }));
+  EXPECT_TRUE(Eventually([&] { return directory_->running() == 1; })) << "the one that was given up still hangs";
+
+  directory_->Set("alice", 6);
+  directory_->SetHangs(false);
+  EXPECT_TRUE(Eventually([&] { return directory_->running() == 0; }));
+  EXPECT_EQ(accounts->FindUser("alice")->uid, 5U) << "a late answer replaces no newer one";
+}
+
+TEST_F(AccountCache, LookUpThatHangs_IsNotRepeatedBeforeItIsGivenUp) {
+  options_.give_up = kLong;
+  const auto accounts = Make();
+  directory_->SetHangs(true);
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable);
+  ASSERT_TRUE(Eventually([&] { return directory_->running() == 1; }));
+  directory_->AnswerNewLookUps();
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable);
+  EXPECT_EQ(directory_->asked(), 1);
+}
+
+TEST_F(AccountCache, LookUpsThatWereGivenUp_LeaveTheirThreadsUpToABound) {
+  options_.give_up = milliseconds(0);
+  options_.max_threads = 2;
+  options_.max_unknown_threads = 1;
+  options_.max_given_up_threads = 3;
+  const auto accounts = Make();
+  directory_->SetHangs(true);
+  for (int i = 0; i < 8; ++i) (void)accounts->FindUser("unknown" + std::to_string(i));
+  EXPECT_TRUE(Eventually([&] { return directory_->running() == 5; }));
+  EXPECT_EQ(directory_->asked(), 5);
+  directory_->AnswerNewLookUps();
+  EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable) << "no thread is left";
+  directory_->SetHangs(false);
+  EXPECT_TRUE(Eventually([&] { return accounts->FindUser("alice").ok(); }));
 }
 
 TEST_F(AccountCache, DirectoryHangs_LocalAccountsAreFound) {
