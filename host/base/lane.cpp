@@ -109,7 +109,8 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   std::uint64_t refused_ VEXA_GUARDED_BY(mutex_) = 0;
   std::uint64_t over_quota_ VEXA_GUARDED_BY(mutex_) = 0;
   bool monitor_exists_ VEXA_GUARDED_BY(mutex_) = false;
-  // It waits without a timeout: only StartOrWakeMonitor() and the end of Stop() wake it.
+  // It waits without a timeout: only StartOrWakeMonitor() and the end of Stop() wake it. Whatever leaves a job waiting
+  // for other jobs of its owner must wake it.
   bool monitor_is_idle_ VEXA_GUARDED_BY(mutex_) = false;
   bool stopping_ VEXA_GUARDED_BY(mutex_) = false;  // accepts no more jobs
   bool stopped_ VEXA_GUARDED_BY(mutex_) = false;   // likewise, and the queue is empty
@@ -244,6 +245,9 @@ void Lane::Impl::RunNextJob() {
   --busy_;
   ++done_;
   queue_.Finish(job);
+  // Jobs that still wait for others of their owner are the monitor's again: while the owner ran as many as it may, the
+  // monitor had nothing to decide.
+  if (queue_.waiting() > queue_.ready()) StartOrWakeMonitor();
   if (stopping_) progress_.NotifyAll();
 }
 
