@@ -227,8 +227,9 @@ void Dispatcher::OnRequest(http::HttpRequest&& request, http::Responder responde
 }
 
 Lane& Dispatcher::LaneFor(const Plan& plan) const {
-  if (plan.caller.kind == Caller::Kind::kHost) return *parts_.hosts;
-  return plan.row && plan.row->lane.value == LaneKind::kLong ? *parts_.long_running : *parts_.quick;
+  const bool is_long = plan.row && plan.row->lane.value == LaneKind::kLong;
+  if (plan.caller.kind == Caller::Kind::kHost) return is_long ? *parts_.hosts : *parts_.quick_hosts;
+  return is_long ? *parts_.long_running : *parts_.quick;
 }
 
 void Dispatcher::Run(Work& work) const {

@@ -187,10 +187,13 @@ void AddWorkOptions(CLI::App& app, Config& config) {
   app.add_option("--long-threads", config.long_threads, "Maximum number of threads for long calls")
       ->check(CLI::Range(1, 16'384));
   app.add_option("--calls-per-user", config.calls_per_user,
-                 "Maximum number of concurrent long calls per user, and of calls per user of another host")
+                 "Maximum number of concurrent long calls per user, and of long and of quick calls per user of another "
+                 "host")
       ->check(CLI::Range(1, 16'384));
-  app.add_option("--calls-per-host", config.calls_per_host,
-                 "Maximum number of concurrent calls per other host, for all its users together")
+  app.add_option(
+         "--calls-per-host", config.calls_per_host,
+         "Maximum number of concurrent long calls per other host, and of quick ones, for all its users together; "
+         "less than long-threads, and half of it at most unless set")
       ->check(CLI::Range(1, 16'384));
   static const std::map<std::string, LogTarget> targets{
       {"syslog", LogTarget::kSyslog}, {"stderr", LogTarget::kStderr}, {"both", LogTarget::kBoth}};
@@ -247,6 +250,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
     return result;
   }
   if (config.listen == std::vector<std::string>{"none"}) config.listen.clear();
+  if (app.count("--calls-per-host") == 0) {
+    config.calls_per_host = std::clamp(config.long_threads / 2, 1, config.calls_per_host);
+  }
   if (config.account_file.empty()) config.account_file = config.data_directory + "/accounts.json";
   if (config.store_directory.empty()) config.store_directory = config.data_directory + "/store";
   std::error_code ignored;  // an empty path is refused later
@@ -405,6 +411,12 @@ Status CheckGuests(const Config& config) {
 Status CheckConfig(const Config& config) {
   if (config.data_directory.empty()) return Error(ErrorCode::kInvalid, "'data' is empty. Set it to a folder");
   if (Status guests = CheckGuests(config); !guests) return guests;
+  if (config.calls_per_host >= config.long_threads && config.long_threads > 1) {
+    return Error(ErrorCode::kInvalid,
+                 fmt::format("'calls-per-host' ({}) must be less than 'long-threads' ({}), or one host could take all "
+                             "threads from the others",
+                             config.calls_per_host, config.long_threads));
+  }
   if (config.tls_certificate.empty() != config.tls_key.empty()) {
     return Error(ErrorCode::kInvalid, "'tls-certificate' and 'tls-key' go together: set both or none");
   }

@@ -168,6 +168,7 @@ class Daemon::Impl {
         quick_(QuickLane()),
         long_running_(LongLane(config)),
         hosts_(HostLane(config)),
+        quick_hosts_(QuickHostLane(config)),
         local_(LocalLane(config)),
         items_(ItemLane(config)) {}
 
@@ -242,6 +243,7 @@ class Daemon::Impl {
     const bool quick_done = quick_.Stop(left());
     const bool long_done = long_running_.Stop(left());
     const bool hosts_done = hosts_.Stop(left());
+    const bool quick_hosts_done = quick_hosts_.Stop(left());
     StopCertificate();
     guest_states_.links().BeginStop();
     const bool caches_done = cache::RemoveCacheRefresher(left());
@@ -253,8 +255,8 @@ class Daemon::Impl {
     const bool signed_off = !sign_off_ || sign_off_->Wait(left());
     if (!farewell_ && signed_off) farewell_ = std::make_unique<BoundedTask>([this] { SayFarewell(); });
     const bool released = farewell_ && farewell_->Wait(std::max(left(), kFarewellTime));
-    return signed_off && released && guests_done && served && quick_done && long_done && hosts_done && caches_done &&
-           links_done && local_done && items_done;
+    return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
+           quick_hosts_done && caches_done && links_done && local_done && items_done;
   }
 
  private:
@@ -405,11 +407,13 @@ class Daemon::Impl {
     parts.quick = &quick_;
     parts.long_running = &long_running_;
     parts.hosts = &hosts_;
+    parts.quick_hosts = &quick_hosts_;
     parts.metrics_text = [this] {
       return metrics_->ToText({server_->stats(),
                                {{"quick", quick_.stats()},
                                 {"long", long_running_.stats()},
                                 {"hosts", hosts_.stats()},
+                                {"hquick", quick_hosts_.stats()},
                                 {"local", local_.stats()},
                                 {"items", items_.stats()}},
                                sessions_->size()});
@@ -589,6 +593,7 @@ class Daemon::Impl {
   Lane quick_;
   Lane long_running_;
   Lane hosts_;
+  Lane quick_hosts_;
   Lane local_;
   Lane items_;
   std::unique_ptr<http::HttpServer> server_;

@@ -27,6 +27,15 @@ LaneOptions WaitingLane(const Config& config, std::string name) {
   return options;
 }
 
+// A host has fewer calls than there are threads (CheckConfig), so those that hang leave some to other hosts.
+LaneOptions LaneOfHosts(const Config& config, std::string name) {
+  LaneOptions options = WaitingLane(config, std::move(name));
+  options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
+  options.limits.per_host = static_cast<std::size_t>(config.calls_per_host);
+  options.limits.running_per_user = MostOf(config.long_threads);
+  return options;
+}
+
 }  // namespace
 
 LaneOptions QuickLane() {
@@ -49,13 +58,8 @@ LaneOptions LongLane(const Config& config) {
   return options;
 }
 
-LaneOptions HostLane(const Config& config) {
-  LaneOptions options = WaitingLane(config, "hosts");
-  options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);
-  options.limits.per_host = static_cast<std::size_t>(config.calls_per_host);
-  options.limits.running_per_user = MostOf(config.long_threads);
-  return options;
-}
+LaneOptions HostLane(const Config& config) { return LaneOfHosts(config, "hosts"); }
+LaneOptions QuickHostLane(const Config& config) { return LaneOfHosts(config, "hquick"); }
 
 // Without a limit for running calls: a call may wait for another one in this lane.
 LaneOptions LocalLane(const Config& config) { return WaitingLane(config, "local"); }
