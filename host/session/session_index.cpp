@@ -203,9 +203,10 @@ SessionIndex::Change SessionIndex::RemoveById(std::string_view id, const std::op
   const MutexLock lock(change_mutex_);
   std::vector<Hash> hashes;
   ForEachOf(owner ? std::optional(owner->name) : std::nullopt, [&](const Hash& hash, const Session& session) {
-    if (owner && session.user.uid != owner->uid) return;
-    if (SessionId(hash) == id) hashes.push_back(hash);
+    if (!owner || session.user.uid == owner->uid) hashes.push_back(hash);
   });
+  // Not while a shard's mutex is held, which every request needs.
+  std::erase_if(hashes, [&](const Hash& hash) { return SessionId(hash) != id; });
   return TakeAll(hashes);
 }
 
