@@ -8,11 +8,15 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "host/base/certificate_times.h"
+#include "host/base/time_text.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/system/http_server_test_support.h"
 
 namespace vexa::http {
@@ -209,6 +213,20 @@ TEST_F(Tls, CertifiedListener_WithoutAcceptableCertificate_EndsTheHandshake) {
   for (const Identity& identity : rows) EXPECT_EQ(TlsClient(server.port(), &identity).Ask("/a"), "");
   EXPECT_EQ(TlsClient(server.port(), nullptr).Ask("/a"), "");
   EXPECT_FALSE(server.last_request());
+}
+
+TEST_F(Tls, CertificatesFromTheFuture_AreLoggedByHost) {
+  TestServer server(WithCertificates());
+  test::ClearCapturedSyslog();
+  for (const char* name : {"early-host-1", "early-host-2"}) {
+    const Identity identity = MakeIdentity(name, &authority_, {3700, 7200});
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(TlsClient(server.port(), &identity).Ask("/a"), "");
+    const std::string line = "A certificate of '" + std::string(name) + "' was refused because it is valid only from " +
+                             FormatUtcTime(TimesOf(identity.certificate.get()).not_before) +
+                             ". Check the clocks of this host and of the machine that made it.";
+    const auto lines = test::CapturedSyslog();
+    EXPECT_EQ(std::ranges::count(lines, line, &test::SyslogLine::text), 1) << line;
+  }
 }
 
 // The clock of the machine that made it is a little ahead.
