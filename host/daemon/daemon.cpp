@@ -183,6 +183,7 @@ class Daemon::Impl {
       if (!farewell_) SayFarewell();
     }
     farewell_.reset();
+    certificate_stop_.reset();  // a certificate that is being replaced needs the server
     server_.reset();
     transport::RemoveTransport();
     guests_.reset();
@@ -244,7 +245,7 @@ class Daemon::Impl {
     const bool long_done = long_running_.Stop(left());
     const bool hosts_done = hosts_.Stop(left());
     const bool quick_hosts_done = quick_hosts_.Stop(left());
-    StopCertificate();
+    const bool certificate_done = StopCertificate(left());
     guest_states_.links().BeginStop();
     const bool caches_done = cache::RemoveCacheRefresher(left());
     const bool links_done = guest_states_.links().Stop(left());
@@ -256,15 +257,17 @@ class Daemon::Impl {
     if (!farewell_ && signed_off) farewell_ = std::make_unique<BoundedTask>([this] { SayFarewell(); });
     const bool released = farewell_ && farewell_->Wait(std::max(left(), kFarewellTime));
     return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
-           quick_hosts_done && caches_done && links_done && local_done && items_done;
+           quick_hosts_done && certificate_done && caches_done && links_done && local_done && items_done;
   }
 
  private:
-  // Called when no request needs other hosts any more: a renewal must not wait for one that hangs.
-  void StopCertificate() {
-    if (!certificate_) return;
+  // Called when no request needs other hosts any more: a renewal must not wait for one that hangs. The storage of the
+  // certificates may hang as well. False: a check of them still runs.
+  bool StopCertificate(std::chrono::milliseconds timeout) {
+    if (!certificate_) return true;
     if (const auto transport = transport::CurrentTransport()) transport->StopRemote();
-    certificate_->Stop();
+    if (!certificate_stop_) certificate_stop_ = std::make_unique<BoundedTask>([this] { certificate_->Stop(); });
+    return certificate_stop_->Wait(timeout);
   }
 
   void SayFarewell() {
@@ -603,6 +606,7 @@ class Daemon::Impl {
   std::shared_ptr<cluster::HostClaim> claim_;
   std::unique_ptr<HostCertificate> certificate_;  // only with a listener for hosts
   std::unique_ptr<cluster::HostHeartbeat> heartbeat_;
+  std::unique_ptr<BoundedTask> certificate_stop_;
   std::unique_ptr<BoundedTask> sign_off_;
   std::unique_ptr<BoundedTask> farewell_;
   bool stopped_ = false;
