@@ -133,16 +133,19 @@ void HostCertificate::Renew() {
   UseNewer();
 }
 
+// Works without the configured certificate and its key, which may be missing or damaged.
 Status HostCertificate::RequestAndStore() const {
+  Result<std::string> authority = transport::LoadAuthority(options_.configured.authority);
+  if (!authority) {
+    return Error(ErrorCode::kInvalid, "The authority's certificate cannot be read", authority.error().ToString());
+  }
   Result<transport::SigningRequest> request = transport::MakeSigningRequest();
   if (!request) return request.error();
   transport::TlsMaterial made;
   made.key = std::move(request->key);
   Result<std::string> certificate = options_.sign(request->request);
   if (!certificate) return certificate.error();
-  Result<transport::TlsMaterial> current = transport::LoadTlsMaterial(options_.configured);
-  if (!current) return current.error();
-  made.authority = current->authority;
+  made.authority = *std::move(authority);
   made.certificate = *std::move(certificate);
   if (Status valid = transport::CheckTlsMaterial(made, options_.host_id, system_clock::now()); !valid) {
     return Error(ErrorCode::kInvalid, "The new certificate cannot be used", valid.error().ToString());

@@ -5,6 +5,8 @@
 #include <syslog.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
 #include <mutex>
 
 #include "host/base/files.h"
@@ -137,6 +139,34 @@ TEST_F(Certificate, Due_IsRenewedAndUsed) {
   EXPECT_TRUE(test::Eventually([&] { return certificate.times().not_before > before.not_before; }));
   EXPECT_EQ(used(), std::vector<std::string>{folder_.File("renewed.pem")});
   EXPECT_EQ(Chosen(), folder_.File("renewed.pem")) << "also after a restart";
+}
+
+TEST_F(Certificate, Due_ConfiguredOneIsBroken_IsRenewed) {
+  const std::function<void()> damages[] = {[this] { Write("host.pem", "junk", 0644); },
+                                           [this] { Write("host.key", "junk", 0600); },
+                                           [this] { std::filesystem::remove(folder_.File("host.pem")); }};
+  for (const auto& damage : damages) {
+    Configure(Make({kNow - 25 * kDay}));
+    damage();
+    PutRenewed(Make({kNow - 21 * kDay}));
+    HostCertificate certificate(Options());
+    const auto before = certificate.times();
+    ASSERT_EQ(certificate.files().certificate, folder_.File("renewed.pem"));
+    certificate.Start();
+    EXPECT_TRUE(test::Eventually([&] { return certificate.times().not_before > before.not_before; }));
+  }
+}
+
+TEST_F(Certificate, Due_AuthorityIsBroken_NothingIsSigned) {
+  Configure(Make({kNow - 21 * kDay}));
+  HostCertificate certificate(Options());
+  Write("authority.pem", "junk", 0644);
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] {
+    return test::SyslogContains("could not be renewed: The authority's certificate cannot be read: Cannot use '" +
+                                folder_.File("authority.pem") + "': it does not contain a certificate. 'vexa cluster");
+  }));
+  EXPECT_EQ(requests_, 0);
 }
 
 TEST_F(Certificate, NotDue_IsNotRenewed_AndAReplacedOneIsUsed) {
