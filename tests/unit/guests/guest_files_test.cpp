@@ -1,8 +1,6 @@
 // The files of guests at their start. Guests run on libvirt's test driver, but unlike in test mode the host expects
 // them to have files; a program with QEMU's name takes QEMU's part.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,6 +10,7 @@
 
 #include "host/base/uuid.h"
 #include "host/hypervisor/driver_uri.h"
+#include "tests/support/fake_qemu.h"
 #include "tests/support/libvirt_faults.h"
 #include "tests/support/matchers.h"
 #include "tests/support/qcow2_image.h"
@@ -24,36 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kDisk[] = "d1b2c3d4-0000-4000-8000-000000000001";
-
-// A process with a file open, whose command line is like that of the guest's QEMU.
-class FakeQemu {
- public:
-  FakeQemu(const std::string& guest_id, const std::string& path) {
-    int ready[2];
-    EXPECT_EQ(::pipe(ready), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(ready[1], STDOUT_FILENO);
-      ::close_range(STDERR_FILENO + 1, ~0U, 0);
-      ::execl("/bin/sh", "qemu-fake", "-c", "exec 7<\"$2\"; echo ready; exec 1>&-; kill -STOP $$", "-uuid",
-              guest_id.c_str(), path.c_str(), nullptr);
-      ::_exit(127);
-    }
-    ::close(ready[1]);
-    char answer[8];
-    EXPECT_EQ(::read(ready[0], answer, sizeof answer), 6);
-    ::close(ready[0]);
-  }
-  ~FakeQemu() {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  FakeQemu(const FakeQemu&) = delete;
-  FakeQemu& operator=(const FakeQemu&) = delete;
-
- private:
-  pid_t pid_ = 0;
-};
 
 class GuestFiles : public GuestControlTest {
  protected:
@@ -86,7 +55,7 @@ class GuestFiles : public GuestControlTest {
   void OpenInstead(const std::string& path, const std::function<void()>& fault = nullptr) {
     before_open_ = [this, path, fault] {
       if (fault) fault();
-      qemu_ = std::make_unique<FakeQemu>(id_, path);
+      qemu_ = std::make_unique<test::FakeQemu>(id_, path, host_.folder().path());
     };
   }
   void ExpectOff() {
@@ -102,7 +71,7 @@ class GuestFiles : public GuestControlTest {
   // No other test that runs now has a guest with this id.
   const std::string id_ = test::Require(RandomUuid());
   std::function<void()> before_open_;
-  std::unique_ptr<FakeQemu> qemu_;
+  std::unique_ptr<test::FakeQemu> qemu_;
 };
 
 TEST_F(GuestFiles, PowerOn_ImageNamesOtherFile_IsRefused) {
@@ -178,6 +147,28 @@ TEST_F(GuestFiles, PowerOn_QemuHasAnotherFile_EndsGuest) {
   const std::string other = File("backing");
   OpenInstead(other);
   EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "QEMU has opened '" + other + "'");
+  ExpectOff();
+}
+
+// Anybody can start a program with a guest's id among its arguments, and open files with it.
+TEST_F(GuestFiles, PowerOn_OtherUserHasProcessWithGuestsId_OnlyQemuCounts) {
+  if (::getuid() != 0) GTEST_SKIP() << "only root can start a process of another user";
+  constexpr uid_t kNobody = 65534;
+  const std::string path = File("a");
+  const std::string other = File("other");
+  PutGuestWithDisk(path);
+  std::unique_ptr<test::FakeQemu> fake;
+  OpenInstead(path, [&] {
+    fake = std::make_unique<test::FakeQemu>(id_, other, host_.folder().path(), test::FakeQemu::Program::kQemu, kNobody);
+  });
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_DONE(control_->PowerOff(id_, kAlice));
+  qemu_.reset();
+  // It does not stand in for QEMU either.
+  OpenInstead(other, [&] {
+    fake = std::make_unique<test::FakeQemu>(id_, path, host_.folder().path(), test::FakeQemu::Program::kQemu, kNobody);
+  });
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "QEMU does not have the file '" + path);
   ExpectOff();
 }
 
