@@ -34,6 +34,7 @@ class GuestFiles : public GuestControlTest {
     options.hypervisor.mode = "test://" + node;
     options.before_step = [this](std::string_view step) {
       if (step == "poweron: files checked" && before_open_) before_open_();
+      if (step == "poweron: started" && after_start_) after_start_();
     };
     Start(std::move(options));
   }
@@ -58,6 +59,27 @@ class GuestFiles : public GuestControlTest {
       qemu_ = std::make_unique<test::FakeQemu>(id_, path, host_.folder().path());
     };
   }
+  void ReplaceByLinkBeforeOpen(const std::string& path) {
+    const std::string victim = File("victim", "secret");
+    OpenInstead(path, [path, victim] {
+      fs::remove(path);
+      fs::create_symlink(victim, path);
+    });
+  }
+  // The guest's memory is saved, and something replaces its disk before a QEMU that restores it opens the disk.
+  void SaveAndReplaceDisk() {
+    const std::string path = File("a");
+    PutGuestWithDisk(path);
+    OpenInstead(path);
+    ASSERT_NO_FATAL_FAILURE(StartAndSave());
+    ReplaceByLinkBeforeOpen(path);
+  }
+  void StartAndSave() {
+    EXPECT_DONE(control_->PowerOn(id_, kAlice));
+    qemu_.reset();
+    ASSERT_TRUE(test::SaveAsUser(id_));
+    ExpectState(states::saved, id_);
+  }
   void ExpectOff() {
     EXPECT_EQ(State(id_), states::shutdown);
     EXPECT_EQ(RunOf(id_), std::nullopt);
@@ -71,6 +93,7 @@ class GuestFiles : public GuestControlTest {
   // No other test that runs now has a guest with this id.
   const std::string id_ = test::Require(RandomUuid());
   std::function<void()> before_open_;
+  std::function<void()> after_start_;
   std::unique_ptr<test::FakeQemu> qemu_;
 };
 
@@ -97,26 +120,30 @@ TEST_F(GuestFiles, PowerOn_DiskOrDriveIsLink_IsRefused) {
   ExpectOff();
 }
 
-TEST_F(GuestFiles, PowerOn_ProcessNotFound_StartsAndLogsOnce) {
+TEST_F(GuestFiles, PowerOn_ProcessNotFound_StartsAndLogsEachTime) {
   PutGuestWithDisk(File("a"));
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 1; i <= 2; ++i) {
     EXPECT_DONE(control_->PowerOn(id_, kAlice));
     EXPECT_DONE(control_->PowerOff(id_, kAlice));
+    EXPECT_EQ(CountLines("The files that the guest " + id_ + " has open cannot be compared with the checked ones: "),
+              i);
   }
-  EXPECT_EQ(CountLines("The files that guests have open cannot be compared"), 1);
 }
 
 // libvirt may open images that this service may not even look up.
-TEST_F(GuestFiles, PowerOn_ImageUnreadable_StartsAndLogsOnce) {
-  PutGuest(id_, "web-3", Parsed(R"({"iso_images":["/proc/1/root/a.iso"]})"));
-  for (int i = 0; i < 2; ++i) {
+TEST_F(GuestFiles, PowerOn_ImagesUnreadable_StartsAndLogsOneLineEachTime) {
+  PutGuest(id_, "web-3", Parsed(R"({"iso_images":["/proc/1/root/a.iso","/proc/1/root/b.iso"]})"));
+  for (int i = 1; i <= 2; ++i) {
     ASSERT_EQ(::seteuid(::getuid() == 0 ? 65534 : ::getuid()), 0);
     const auto started = control_->PowerOn(id_, kAlice);
     ASSERT_EQ(::seteuid(::getuid()), 0);
     EXPECT_TRUE(started.ok()) << started.error().reason;
     EXPECT_DONE(control_->PowerOff(id_, kAlice));
+    EXPECT_EQ(CountLines("The guest " + id_ +
+                         " is started with images that this service may not read, so it cannot "
+                         "check whether they name other files: '/proc/1/root/a.iso' and 1 more"),
+              i);
   }
-  EXPECT_EQ(CountLines("This service may not read the image '/proc/1/root/a.iso'"), 1);
 }
 
 TEST_F(GuestFiles, PowerOn_QemuHasCheckedFiles_Starts) {
@@ -129,13 +156,9 @@ TEST_F(GuestFiles, PowerOn_QemuHasCheckedFiles_Starts) {
 }
 
 TEST_F(GuestFiles, PowerOn_DiskReplacedBeforeOpen_EndsGuest) {
-  const std::string victim = File("victim", "secret");
   const std::string path = File("a");
   PutGuestWithDisk(path);
-  OpenInstead(path, [&] {
-    fs::remove(path);
-    fs::create_symlink(victim, path);
-  });
+  ReplaceByLinkBeforeOpen(path);
   EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest was ended");
   ExpectOff();
   EXPECT_EQ(CountLines("The guest " + id_ + " was ended right after its start: QEMU does not have the file '" + path),
@@ -170,6 +193,59 @@ TEST_F(GuestFiles, PowerOn_OtherUserHasProcessWithGuestsId_OnlyQemuCounts) {
   });
   EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "QEMU does not have the file '" + path);
   ExpectOff();
+}
+
+TEST_F(GuestFiles, PowerOn_SavedGuestsDiskIsLink_IsRefusedAndMemoryKept) {
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path);
+  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  fs::rename(path, path + ".away");
+  fs::create_symlink(path + ".away", path);
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
+                 "is a symbolic link. Name the file itself. The guest's saved "
+                 "memory was kept");
+  EXPECT_EQ(State(id_), states::saved);
+  fs::rename(path + ".away", path);
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_EQ(State(id_), states::running);
+}
+
+TEST_F(GuestFiles, PowerOn_SavedGuestsDiskReplacedBeforeOpen_IsSavedAgain) {
+  ASSERT_NO_FATAL_FAILURE(SaveAndReplaceDisk());
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949, "The guest's memory was saved again");
+  EXPECT_EQ(State(id_), states::saved);
+  EXPECT_TRUE(RunOf(id_)->saved);
+  EXPECT_EQ(CountLines("The guest " + id_ +
+                       " was saved again right after it was restored, before it ran: QEMU does "
+                       "not have the file"),
+            1);
+}
+
+TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeSavedAgain_StaysAndIsReported) {
+  ASSERT_NO_FATAL_FAILURE(SaveAndReplaceDisk());
+  const test::FailingSaves failing({VIR_ERR_OPERATION_FAILED, "the disk is full"});
+  after_start_ = [&] { test::PauseAsUser(id_); };  // the test driver cannot start a guest paused
+  EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
+                 "The guest stays paused, because its memory could not be saved again: Cannot save the memory");
+  EXPECT_EQ(State(id_), states::freeze);
+  EXPECT_EQ(CountLines("The guest " + id_ + " stays paused, because its memory could not be saved again (Cannot"), 1);
+}
+
+TEST_F(GuestFiles, PowerOn_RestoredGuestCannotBeResumed_IsSavedAgain) {
+  const std::string path = File("a");
+  PutGuestWithDisk(path);
+  OpenInstead(path);
+  ASSERT_NO_FATAL_FAILURE(StartAndSave());
+  after_start_ = [&] { test::PauseAsUser(id_); };
+  {
+    const test::FailingResumes failing({VIR_ERR_OPERATION_FAILED, "no lease"});
+    EXPECT_REFUSED(control_->PowerOn(id_, kAlice), 949,
+                   "Cannot resume the guest " + id_ + ": no lease. The guest's memory was saved again");
+  }
+  EXPECT_EQ(State(id_), states::saved);
+  EXPECT_DONE(control_->PowerOn(id_, kAlice));
+  EXPECT_EQ(State(id_), states::running);
 }
 
 TEST_F(GuestFiles, PowerOn_GuestCannotBeEnded_IsReported) {
