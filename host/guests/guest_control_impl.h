@@ -116,10 +116,18 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
 
   // guest_files.cpp
-  Result<std::optional<CheckedFiles>, Refusal> CheckFiles(const std::string& guest_id);
-  // Ends the guest, which has just been started, when it has other files open.
-  Result<void, Refusal> CompareFiles(const std::string& guest_id, CheckedFiles& files);
+  // The XML of the machine that a start makes.
+  Result<std::string, hypervisor::Failure> XmlOfStart(const std::string& guest_id, bool is_saved);
+  Result<std::optional<CheckedFiles>, Refusal> CheckFiles(const std::string& guest_id,
+                                                          const Result<std::string, hypervisor::Failure>& xml);
+  // Why the guest, which has just been started, must not run: it has other files open. Not set: it may run.
+  std::optional<std::string> CompareFiles(const std::string& guest_id, CheckedFiles& files);
   Refusal EndForFiles(const std::string& guest_id, const std::string& reason);
+  // Lets a guest run that was restored from saved memory and is paused; saves it again if it has other files open.
+  Result<void, Refusal> ResumeRestored(const std::string& guest_id, CheckedFiles& files);
+  Refusal SaveAgain(const std::string& guest_id, const std::string& reason);
+  // The same for a guest whose host was killed, or lost libvirt, before the guest was resumed.
+  void FinishRestore(const std::string& guest_id);
 
   // guest_definition.cpp
   // The XML with which this host defines the guest; without an ownership tag when it is handed back to its owner.
@@ -221,10 +229,6 @@ class LibvirtGuestControl final : public GuestControl {
   std::optional<hypervisor::NodeInfo> node_info_ VEXA_GUARDED_BY(node_info_mutex_);
   std::string version_ VEXA_GUARDED_BY(node_info_mutex_);  // of the hypervisor, as last read
   std::atomic<bool> stopping_ = false;
-  // What is logged only once, by guest_files.cpp.
-  std::atomic<bool> has_logged_unreadable_ = false;
-  std::atomic<bool> has_logged_uncompared_ = false;
-  std::atomic<bool> has_logged_unstable_ = false;
 
   std::unique_ptr<ShutDowns> shut_downs_;
   Mutex maintenance_mutex_;

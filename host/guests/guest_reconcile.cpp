@@ -311,7 +311,12 @@ void LibvirtGuestControl::ReconcileAll() {
   }
   const auto fenced = records::FencedGuests(*options_.store, options_.host_id);
   if (fenced) ids.insert(fenced->begin(), fenced->end());
-  for (const std::string& id : ids) ReconcileWhenFree(id);
+  for (const std::string& id : ids) {
+    auto guard = activities_.TryTakeForReconcile(id);
+    if (!guard) continue;
+    FinishRestore(id);
+    ReconcileAndRelease(*std::move(guard), id);
+  }
 }
 
 }  // namespace vexa::guests

@@ -163,6 +163,7 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
   if (options_.claim) run.incarnation = options_.claim->incarnation();
   run.since = std::chrono::system_clock::now();
   run.starting = true;
+  run.restoring = attempt.IsSaved();
   (void)vgConfStateGet(guest_id, run.state_before);
   run.vcpus = json::UInt64(json::Member(guest.records.guest, keys::vcpu_num));
   run.memory_mib = json::UInt64(json::Member(guest.records.guest, keys::vram_size));
@@ -221,7 +222,11 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
     }
   }
   BeforeStep("poweron: defined");
-  auto files = CheckFiles(attempt.guest.records.id);
+  const std::string& guest_id = attempt.guest.records.id;
+  auto files = CheckFiles(guest_id, XmlOfStart(guest_id, attempt.IsSaved()));
+  if (!files.ok() && attempt.IsSaved()) {
+    return Refusal{files.error().code, fmt::format("{}. The guest's saved memory was kept", files.error().reason)};
+  }
   if (!files.ok()) return files.error();
   BeforeStep("poweron: files checked");
   if (!start.TryEnterHypervisor())
@@ -229,14 +234,18 @@ Result<void, Refusal> LibvirtGuestControl::StartReserved(StartAttempt& attempt, 
   BeforeStep("poweron: asked");
   // The last check before two domains could write to the same disks.
   if (const auto allowed = CheckClaimHeld(); !allowed.ok()) return allowed;
-  const auto started = hypervisor_->Start(attempt.guest.records.id);
+  // Ending a restored guest would lose its memory, so its files are compared before it runs.
+  const bool is_restored = attempt.IsSaved() && *files;
+  const auto started = is_restored ? hypervisor_->Restore(guest_id) : hypervisor_->Start(guest_id);
   BeforeStep("poweron: started");
   if (!started) return RefusalOf(started.error());
-  if (*files) {
-    if (const auto allowed = CompareFiles(attempt.guest.records.id, **files); !allowed.ok()) return allowed;
+  if (is_restored) {
+    if (const auto resumed = ResumeRestored(guest_id, **files); !resumed.ok()) return resumed;
+  } else if (*files) {
+    if (const auto difference = CompareFiles(guest_id, **files)) return EndForFiles(guest_id, *difference);
   }
-  end_reasons_.Cancel(attempt.guest.records.id);
-  end_reasons_.RecordSeenRunning(attempt.guest.records.id);
+  end_reasons_.Cancel(guest_id);
+  end_reasons_.RecordSeenRunning(guest_id);
   return {};
 }
 
