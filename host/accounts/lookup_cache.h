@@ -78,6 +78,16 @@ class LookupCache {
     return entry.LastOr(state.options);
   }
 
+  // Makes `value` the answer for `key` from now on. A look-up that runs does not replace it: it may have begun before.
+  void Put(const std::string& key, const Value& value) const {
+    State& state = *state_;
+    const MutexLock lock(state.mutex);
+    Entry& entry = state.Find(key);
+    entry.answer = value;
+    entry.answered = Clock::now();
+    entry.is_overtaken = entry.asked_since.has_value();
+  }
+
  private:
   using Clock = std::chrono::steady_clock;
   using Kind = LookupThreads::Kind;
@@ -87,6 +97,7 @@ class LookupCache {
     Clock::time_point answered;
     Clock::time_point used;
     std::optional<Clock::time_point> asked_since;  // set while a look-up runs
+    bool is_overtaken = false;                     // the answer was put here after that look-up had begun
     int waiting = 0;
 
     Result<Value> LastOr(const LookupOptions& options) const {
@@ -149,6 +160,7 @@ class LookupCache {
     Entry& entry = state.entries[key];
     entry.asked_since.reset();
     state.answered.NotifyAll();
+    if (std::exchange(entry.is_overtaken, false)) return;
     if (!answer || (!answer->ok() && answer->error().code() == ErrorCode::kUnavailable)) return;
     entry.answer = std::move(answer);
     entry.answered = Clock::now();
