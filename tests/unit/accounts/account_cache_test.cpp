@@ -113,6 +113,9 @@ class AccountCache : public testing::Test {
     EXPECT_TRUE(WriteFileAtomically(folder_.Path("group"),
                                     "root:x:0:\nadministrators:x:91:other,local\nmain:x:90:\nnone:x:92:other\n", 0644)
                     .ok());
+    EXPECT_TRUE(
+        WriteFileAtomically(folder_.Path("shadow"), "root:*:19000:0:99999:7:::\nlocal:$y$x:19700:0:99999:7:::\n", 0600)
+            .ok());
     options_.fresh = kLong;
     options_.patience = milliseconds(50);
   }
@@ -123,7 +126,7 @@ class AccountCache : public testing::Test {
   }
 
   std::unique_ptr<AccountProvider> Local() const {
-    return MakeLocalAccounts({folder_.Path("passwd"), folder_.Path("group"), "administrators"});
+    return MakeLocalAccounts({folder_.Path("passwd"), folder_.Path("group"), folder_.Path("shadow"), "administrators"});
   }
   std::unique_ptr<AccountProvider> Make() const { return MakeCachedAccounts(directory_, Local(), options_); }
 
@@ -251,6 +254,7 @@ TEST_F(AccountCache, DirectoryHangs_LocalAccountsAreFound) {
   const auto accounts = Make();
   directory_->SetHangs(true);
   EXPECT_EQ(accounts->FindUser("local")->uid, 900U);
+  EXPECT_EQ(accounts->FindUser("local")->stamp, "day-19700") << "so its sessions go on";
   EXPECT_EQ(accounts->FindUserByUid(0)->name, "root");
   EXPECT_EQ(accounts->FindGroupByGid(90)->name, "main");
   EXPECT_EQ(CodeOf(accounts->FindUser("alice")), ErrorCode::kUnavailable) << "she may be in the directory";
@@ -288,7 +292,8 @@ TEST_F(AccountCache, LocalAccounts_HaveGroupsOfFiles) {
   EXPECT_EQ(CodeOf(local->FindUserByUid(5)), ErrorCode::kNotFound);
   EXPECT_EQ(CodeOf(local->FindGroupByGid(5)), ErrorCode::kNotFound);
   EXPECT_EQ(CodeOf(local->VerifyPassword("local", "x")), ErrorCode::kUnavailable);
-  const auto missing = MakeLocalAccounts({folder_.Path("no"), folder_.Path("no"), "administrators"});
+  const auto missing =
+      MakeLocalAccounts({folder_.Path("no"), folder_.Path("no"), folder_.Path("no"), "administrators"});
   EXPECT_EQ(CodeOf(missing->FindUser("root")), ErrorCode::kUnavailable);
   EXPECT_EQ(CodeOf(missing->FindGroupByGid(0)), ErrorCode::kUnavailable);
 }
