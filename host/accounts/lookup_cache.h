@@ -97,6 +97,16 @@ class LookupCache {
     return entry.LastOr(state.options);
   }
 
+  // Makes `value` the answer for `key` from now on. A look-up that runs does not replace it: it may have begun before.
+  void Put(const std::string& key, const Value& value) const {
+    State& state = *state_;
+    const MutexLock lock(state.mutex);
+    Entry& entry = state.Find(key);
+    entry.answer = value;
+    entry.answered = Clock::now();
+    entry.is_overtaken = entry.asked_since.has_value();
+  }
+
  private:
   using Clock = std::chrono::steady_clock;
   using Kind = LookupThreads::Kind;
@@ -106,6 +116,7 @@ class LookupCache {
     Clock::time_point answered;
     Clock::time_point used;
     std::optional<Clock::time_point> asked_since;  // set while a look-up runs: of the last one
+    bool is_overtaken = false;                     // the answer was put here after that look-up had begun
     int waiting = 0;
 
     bool IsAsked(const LookupOptions& options) const {
@@ -159,6 +170,7 @@ class LookupCache {
       return false;
     }
     entry.asked_since = asked;
+    entry.is_overtaken = false;
     return true;
   }
 
@@ -175,6 +187,7 @@ class LookupCache {
     if (entry.asked_since != asked) return;  // was given up, and a later look-up has asked for the same
     entry.asked_since.reset();
     state.answered.NotifyAll();
+    if (std::exchange(entry.is_overtaken, false)) return;
     if (!answer || (!answer->ok() && answer->error().code() == ErrorCode::kUnavailable)) return;
     entry.answer = std::move(answer);
     entry.answered = Clock::now();

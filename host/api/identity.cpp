@@ -138,7 +138,9 @@ int Identity::LookUpUser(Caller& caller) const {
     // By name, because a name service may have several names for one id. But the session's account no longer exists
     // when its name now belongs to another id, and the session ends with the password that it was begun with.
     if (user->uid != uid) return user_error::kNotLoggedIn;
-    if (!by_uid && user->stamp != caller.user.stamp) return user_error::kNotLoggedIn;
+    // The session may have changed the password itself since it was identified.
+    const bool is_same = user->stamp == caller.user.stamp || sessions_.HasStamp(caller.session_token, user->stamp);
+    if (!by_uid && !is_same) return user_error::kNotLoggedIn;
     caller.user = std::move(*user);
     return 0;
   }

@@ -167,6 +167,11 @@ class LibvirtGuestControl final : public GuestControl {
   Status CleanUpRun(const std::string& guest_id);
   // False: the saved memory belongs to a domain that is not one of this host's guests.
   Result<bool> RecordSaved(const std::string& guest_id, const std::optional<records::StoredRun>& stored);
+  // The run record of a domain that is here: the stored one or, without one, that of RunToAdopt. `what_is_here` begins
+  // the sentence of the error when it is another host's: "It runs".
+  Result<std::optional<records::Run>> OwnRun(const std::string& guest_id,
+                                             const std::optional<records::StoredRun>& stored,
+                                             std::string_view what_is_here);
   // A run record for a guest whose record names this host and that no host holds. Not set: it is not this host's guest.
   Result<std::optional<records::Run>> RunToAdopt(const std::string& guest_id);
   Status PutRun(const std::string& guest_id, const std::optional<records::StoredRun>& stored, const records::Run& run);

@@ -85,6 +85,13 @@ class Certificate : public testing::Test {
     options.check_interval = std::chrono::milliseconds(10);
     return options;
   }
+  static int LinesWith(const std::string& text) {
+    int lines = 0;
+    for (const test::SyslogLine& line : test::CapturedSyslog()) {
+      lines += line.text.find(text) == std::string::npos ? 0 : 1;
+    }
+    return lines;
+  }
   std::string Chosen() { return HostCertificate(Options()).files().certificate; }
   std::vector<std::string> used() {
     const std::lock_guard lock(mutex_);
@@ -210,11 +217,36 @@ TEST_F(Certificate, RenewalFails_IsLoggedOnceADay_AndRepeated) {
   HostCertificate certificate(Options());
   certificate.Start();
   EXPECT_TRUE(test::Eventually([&] { return requests_ >= 2; })) << "after a pause";
-  int lines = 0;
-  for (const test::SyslogLine& line : test::CapturedSyslog()) {
-    lines += line.text.find("could not be renewed: no reply") == std::string::npos ? 0 : 1;
-  }
-  EXPECT_EQ(lines, 1);
+  EXPECT_EQ(LinesWith("could not be renewed: no reply"), 1);
+}
+
+TEST_F(Certificate, RenewalFails_ForAnotherReason_IsLoggedImmediately) {
+  Configure(Make({kNow - 21 * kDay}));
+  HostCertificateOptions options = Options();
+  options.first_pause = std::chrono::milliseconds(1);
+  options.sign = [this](const std::string&) -> Result<std::string> {
+    return Error(ErrorCode::kUnavailable, ++requests_ % 2 == 1 ? "no reply" : "the file cannot be read");
+  };
+  HostCertificate certificate(std::move(options));
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] { return requests_ >= 5; }));
+  certificate.Stop();
+  EXPECT_EQ(LinesWith(" and could not be renewed: no reply. 'vexa cluster certificate --replace' makes a new one."), 1);
+  EXPECT_EQ(LinesWith("could not be renewed: the file cannot be read."), 1);
+}
+
+TEST_F(Certificate, RenewalFails_ForManyReasons_TenAreLogged) {
+  Configure(Make({kNow - 21 * kDay}));
+  HostCertificateOptions options = Options();
+  options.first_pause = std::chrono::milliseconds(1);
+  options.sign = [this](const std::string&) -> Result<std::string> {
+    return Error(ErrorCode::kUnavailable, "reason " + std::to_string(++requests_));
+  };
+  HostCertificate certificate(std::move(options));
+  certificate.Start();
+  EXPECT_TRUE(test::Eventually([&] { return requests_ >= 12; }));
+  certificate.Stop();
+  EXPECT_EQ(LinesWith("could not be renewed: reason "), 10);
 }
 
 TEST_F(Certificate, NeitherCanBeUsed_EachIsLoggedOnce) {
@@ -225,11 +257,7 @@ TEST_F(Certificate, NeitherCanBeUsed_EachIsLoggedOnce) {
   certificate.Start();
   EXPECT_TRUE(test::Eventually([&] { return requests_ >= 2; })) << "many checks later";
   for (const char* file : {"host.pem'", "renewed.pem'"}) {
-    int lines = 0;
-    for (const test::SyslogLine& line : test::CapturedSyslog()) {
-      lines += line.text.find(std::string(file) + " cannot be used") == std::string::npos ? 0 : 1;
-    }
-    EXPECT_EQ(lines, 1) << file;
+    EXPECT_EQ(LinesWith(std::string(file) + " cannot be used"), 1) << file;
   }
 }
 

@@ -19,6 +19,7 @@
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
 #include "webapi/platform/ccc.h"
 #include "webapi/platform/ccc_state.h"
@@ -286,6 +287,21 @@ TEST_F(GuestControlTest, Maintenance_EndWithoutEvent_IsDetected) {
   Start(std::move(options));
   PutRun(RunHere());
   ExpectNoRun();
+}
+
+TEST_F(GuestControlTest, Reconcile_GuestRunsHereUnderAnotherHostsRun_IsLoggedAndLeavesTheRun) {
+  test::ClearCapturedSyslog();
+  Start();
+  EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
+  RunRecord run = *RunOf();
+  run.host_id = "host-2";
+  PutRun(run);
+  const test::FailingStops stops({VIR_ERR_OPERATION_FAILED, "it does not stop"});
+  EXPECT_FALSE(control_->Fence(kGuest));  // reconciles the guest, which still runs
+  EXPECT_TRUE(test::SyslogContains(std::string("The guest ") + kGuest +
+                                   " could not be reconciled. This is retried: It runs here, but its run record names "
+                                   "the host 'host-2'"));
+  EXPECT_EQ(RunOf()->host_id, "host-2");
 }
 
 TEST_F(GuestControlTest, SetHost_GuestOff_ChangesRecordOnly) {
