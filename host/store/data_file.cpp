@@ -12,13 +12,16 @@ DataFile::DataFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY 
 
 std::uint64_t DataFile::size() const {
   struct stat info {};
-  return ::fstat(fd_.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+  if (::fstat(fd_.get(), &info) == 0) return static_cast<std::uint64_t>(info.st_size);
+  error_ = errno;
+  return 0;
 }
 
 bool DataFile::ReadBytes(std::uint64_t offset, char* out, std::size_t bytes) const {
   while (bytes > 0) {
     const ssize_t got = ::pread(fd_.get(), out, bytes, static_cast<off_t>(offset));
     if (got < 0 && errno == EINTR) continue;
+    if (got < 0) error_ = errno;
     if (got <= 0) return false;
     out += got;
     bytes -= static_cast<std::size_t>(got);

@@ -1,6 +1,7 @@
 // The layout of LMDB's data file (format version 1), and reading it without LMDB.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -59,7 +60,12 @@ class DataFile {
   explicit DataFile(const std::string& path);
 
   bool open() const { return fd_.get() >= 0; }
+  // errno of the last call that failed, so that a disk that cannot be read is not taken for a damaged file; 0: none
+  // has. Reading beyond the end of the file is not such a failure.
+  int error() const { return error_; }
+  // 0 when it cannot be found out.
   std::uint64_t size() const;
+  // False: the file cannot be read, or ends before.
   bool ReadBytes(std::uint64_t offset, char* out, std::size_t bytes) const;
   template <class T>
   bool Read(std::uint64_t offset, T& out) const {
@@ -68,6 +74,7 @@ class DataFile {
 
  private:
   Descriptor fd_;
+  mutable std::atomic<int> error_{0};
 };
 
 }  // namespace vexa::store

@@ -10,7 +10,7 @@ namespace vexa::store {
 
 // Whether LMDB may open `directory`: it is empty, or contains a data file of ours whose header (its meta pages) is
 // intact. LMDB trusts the header, so a damaged one would end this process. A folder with other files and no data file
-// is not ours. Errors: kCorrupt, and kDenied or kInternal when a file cannot be read.
+// is not ours. Errors: kCorrupt; kUnavailable, kDenied or kInternal when a file cannot be read.
 Status CheckStoreFiles(const std::string& directory);
 
 // While it exists, no other process can open the store in `directory`: two that create it at the same time would each

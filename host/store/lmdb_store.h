@@ -39,7 +39,8 @@ struct LmdbOptions {
 // its original options. A process forks only while it has no store open, or to exec another program.
 // Every page in use is checked once. Errors: kCorrupt (not a store of ours, another format, or damaged), kDenied,
 // kNoSpace (the disk is full, or the map does not fit into the address space), kInvalid (no folder given), kConflict (a
-// file has the folder's name), kUnavailable (another process has been opening it for 10 s), kInternal.
+// file has the folder's name), kUnavailable (another process has been opening it for 10 s, or the disk cannot be read),
+// kInternal.
 Result<std::shared_ptr<Store>> OpenLmdbStore(const LmdbOptions& options);
 
 }  // namespace vexa::store

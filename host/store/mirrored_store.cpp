@@ -5,6 +5,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -25,6 +27,26 @@ constexpr milliseconds kCopyRetryInterval{5000};  // after the copy could not be
 constexpr std::size_t kMaxChangedKeys = 100'000;
 constexpr std::size_t kMaxChangedBytes = std::size_t{64} << 20;
 
+// For inspection. Older ones are replaced.
+constexpr int kKeptDamagedCopies = 2;
+
+std::string DamagedCopy(const std::string& directory, int number) {
+  return fmt::format("{}.damaged-{}.mdb", directory, number);  // 1: the newest
+}
+
+Status SetAside(const std::string& directory) {
+  for (int number = kKeptDamagedCopies; number > 1; --number) {
+    ::rename(DamagedCopy(directory, number - 1).c_str(), DamagedCopy(directory, number).c_str());
+  }
+  const std::string kept = DamagedCopy(directory, 1);
+  if (::rename((directory + kDataFile).c_str(), kept.c_str()) != 0) {
+    return SystemError(ErrorCode::kInternal,
+                       fmt::format("The damaged copy of the cluster database cannot be renamed to '{}'", kept), errno);
+  }
+  ::unlink((directory + kLockFile).c_str());
+  return {};
+}
+
 Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   if (directory.empty()) return Error(ErrorCode::kInvalid, "The copy of the cluster database needs a folder");
   if (Status created = CreateDirectories(directory, S_IRWXU); !created.ok()) return created.error();
@@ -32,10 +54,10 @@ Result<std::unique_ptr<LmdbKeyspace>> OpenCopy(const std::string& directory) {
   options.directory = directory;
   auto opened = LmdbKeyspace::Open(options);
   if (opened.ok() || opened.error().code() != ErrorCode::kCorrupt || !HasStore(directory)) return opened;
-  ::syslog(LOG_WARNING, "The copy of the cluster database is damaged and is being rebuilt: %s",
-           opened.error().ToString().c_str());
-  ::unlink((directory + kDataFile).c_str());
-  ::unlink((directory + kLockFile).c_str());
+  if (Status kept = SetAside(directory); !kept.ok()) return kept.error();
+  ::syslog(LOG_WARNING,
+           "The copy of the cluster database is damaged and is being rebuilt. The damaged one is kept as '%s': %s",
+           DamagedCopy(directory, 1).c_str(), opened.error().ToString().c_str());
   return LmdbKeyspace::Open(options);
 }
 

@@ -1,13 +1,15 @@
-// The LMDB store on a disk that fails. This program replaces the system calls by which LMDB writes.
+// The LMDB store on a disk that fails. This program replaces the system calls that write and read its files.
 #include <errno.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "host/store/lmdb_store.h"
+#include "host/store/mirrored_store.h"
 #include "tests/contract/store_contract.h"
 
 namespace {
@@ -17,6 +19,8 @@ std::atomic<int> page_write_error{0};
 std::atomic<int> header_write_error{0};
 std::atomic<int> sync_error{0};
 std::atomic<int> reserve_error{0};
+std::atomic<int> page_read_error{0};
+std::atomic<int> header_read_error{0};
 
 // The header of the file is written alone and is smaller than a page.
 bool IsHeader(std::size_t bytes) { return bytes < 512; }
@@ -26,6 +30,14 @@ bool IsHeader(std::size_t bytes) { return bytes < 512; }
 extern "C" ssize_t pwrite(int fd, const void* bytes, size_t count, off_t offset) {
   const int error_number = IsHeader(count) ? header_write_error : page_write_error;
   if (error_number == 0) return ::syscall(SYS_pwrite64, fd, bytes, count, offset);
+  errno = error_number;
+  return -1;
+}
+
+extern "C" ssize_t pread(int fd, void* bytes, size_t count, off_t offset) {
+  constexpr off_t kHeaderPages = 2 * 4096;
+  const int error_number = offset < kHeaderPages ? header_read_error : page_read_error;
+  if (error_number == 0) return ::syscall(SYS_pread64, fd, bytes, count, offset);
   errno = error_number;
   return -1;
 }
@@ -69,6 +81,8 @@ class StoreOnAFailingDisk : public testing::Test {
     header_write_error = 0;
     sync_error = 0;
     reserve_error = 0;
+    page_read_error = 0;
+    header_read_error = 0;
   }
   // Expects that a commit fails with `code`.
   void ExpectRefused(ErrorCode code) {
@@ -172,6 +186,40 @@ TEST_F(StoreOnAFailingDisk, Commits_FailingDiskManyThreads_AllReturn) {
   ExpectUnchanged();
   RepairDisk();
   ExpectWorksAgain();
+}
+
+// A disk that cannot be read is not a damaged database.
+TEST_F(StoreOnAFailingDisk, Open_FileCannotBeRead_IsUnavailableUntilItCan) {
+  store_.reset();
+  for (std::atomic<int>* const fault : {&page_read_error, &header_read_error}) {
+    *fault = EIO;
+    const auto refused = OpenLmdbStore({folder_.path(), kStoreMapBytes, 1000});
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable);
+    EXPECT_EQ(refused.error().ToString(),
+              "The database file '" + folder_.path() + "/data.mdb' cannot be read. Check its disk: Input/output error");
+    RepairDisk();
+    Reopen();
+    ExpectUnchanged();
+    store_.reset();
+  }
+  Reopen();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Copy_CannotBeRead_IsKept) {
+  const std::string copy = folder_.path() + "/mirror";
+  const auto make = [&] { return MirroredStore::Make(store_, {.directory = copy}); };
+  ASSERT_TRUE(make().ok());
+  for (std::atomic<int>* const fault : {&page_read_error, &header_read_error}) {
+    *fault = EIO;
+    const auto refused = make();
+    RepairDisk();
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable) << refused.error().ToString();
+  }
+  EXPECT_FALSE(std::filesystem::exists(copy + ".damaged-1.mdb"));
+  EXPECT_TRUE(make().ok());
 }
 
 // What a quota and a file system that became read-only answer, while 64 threads read and 8 write.
