@@ -172,13 +172,14 @@ HttpClient AttackedHost::Root(std::chrono::milliseconds timeout) const {
 }
 
 HttpClient AttackedHost::Host(const std::string& host_id, std::chrono::milliseconds timeout) const {
-  const transport::TlsFiles& files = certificates_.at(host_id);
   HttpTarget target;
   target.url = fmt::format("https://{}:{}", host_id_, host_port());
   target.connect_to = fmt::format("127.0.0.1:{}", host_port());
-  target.ca_file = files.authority;
-  target.certificate_file = files.certificate;
-  target.key_file = files.key;
+  target.ca_file = certificates_.at(host_id_).authority;
+  if (!host_id.empty()) {
+    target.certificate_file = certificates_.at(host_id).certificate;
+    target.key_file = certificates_.at(host_id).key;
+  }
   HttpClient client(target);
   client.SetTimeout(timeout);
   return client;

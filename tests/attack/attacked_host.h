@@ -72,7 +72,7 @@ class AttackedHost {
   HttpClient Root(std::chrono::milliseconds timeout) const;
   // Without a login, or with that of `token`.
   HttpClient Network(std::chrono::milliseconds timeout, const std::string& token = "") const;
-  // On the listener for hosts, with the certificate of a host.
+  // On the listener for hosts, with the certificate of a host; "" for none.
   HttpClient Host(const std::string& host_id, std::chrono::milliseconds timeout) const;
 
   std::uint16_t user_port() const;
