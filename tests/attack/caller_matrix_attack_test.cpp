@@ -8,14 +8,14 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 
-#include "host/base/json_parse.h"
 #include "json/readers.h"
 #include "tests/attack/attack.h"
 #include "tests/attack/attacked_host.h"
-#include "tests/support/require.h"
+#include "tests/attack/hostile_calls.h"
 #include "webapi/error_codes.h"
 
 namespace vexa::test {
@@ -25,31 +25,6 @@ namespace json = VexaVirtualization::json;
 
 constexpr std::chrono::milliseconds kShortForm{0};  // one pass
 constexpr std::size_t kValuesOfShortForm = 3;       // for each parameter
-
-struct Method {
-  std::string path;
-  std::string access;
-  Json::Value parameters;  // schemas, by name
-  std::set<int> statuses;  // of replies
-};
-
-std::vector<Method> MethodsOf(const AttackedHost& host) {
-  HttpClient client = host.Network(kPatience);
-  const Json::Value document = Require(ParseJson(client.Get("/openapi.json").body));
-  std::vector<Method> methods;
-  const Json::Value& paths = json::Member(document, "paths");
-  for (const std::string& path : json::MemberNames(paths)) {
-    const Json::Value& post = json::Member(json::Member(paths, path.c_str()), "post");
-    Method method{path, json::StringMember(post, "x-vexa-access"), {}, {}};
-    const Json::Value& content = json::Member(json::Member(post, "requestBody"), "content");
-    method.parameters = json::Member(json::Member(json::Member(content, "application/json"), "schema"), "properties");
-    for (const std::string& status : json::MemberNames(json::Member(post, "responses"))) {
-      method.statuses.insert(std::stoi(status));
-    }
-    methods.push_back(std::move(method));
-  }
-  return methods;
-}
 
 enum class Door { kNetwork, kUnixSocket, kHosts };
 
@@ -91,107 +66,25 @@ const std::vector<CallerRow>& Callers() {
   return kRows;
 }
 
-// Values that no parameter should have, or that lead elsewhere.
-std::vector<std::string> HostileValues() {
-  const std::string dots = "../../../../../../etc/passwd";
-  std::vector<std::string> values{"null",
-                                  "true",
-                                  "0",
-                                  "1",
-                                  "-1",
-                                  "4294967296",
-                                  "9223372036854775807",
-                                  "-9223372036854775808",
-                                  "18446744073709551615",
-                                  "18446744073709551616",
-                                  "1e308",
-                                  "-0.5",
-                                  "\"\"",
-                                  "\"x\"",
-                                  "\"\\u0000\"",
-                                  "\"a\\u0000b\"",
-                                  "\"\\u202e\\u2028\\u009b2J\"",
-                                  "\"'\\\"<>&;|`$(x)%s%n\\\\\"",
-                                  "\"" + dots + "\"",
-                                  "\"/etc/passwd\"",
-                                  "\"/dev/zero\"",
-                                  "\"/proc/self/mem\"",
-                                  "\".\"",
-                                  "\"%2e%2e%2f\"",
-                                  "[]",
-                                  "[null]",
-                                  "[[[]]]",
-                                  "[\"" + dots + "\"]",
-                                  "[1,\"1\",{},[],null,true]",
-                                  "{}",
-                                  "{\"\":{}}",
-                                  "{\"id\":\"" + dots + "\"}",
-                                  "[{\"vdisk_id\":\"" + dots + "\",\"size\":-1,\"vnic_id\":5,\"mac\":\"zz\"}]",
-                                  "[{\"api\":\"VEXA.Entry.Request\",\"method\":\"request\",\"version\":1}]",
-                                  "\"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01\"",
-                                  "\"8F14E45F-CEEA-467F-A9D1-0F2B6C1E4A01\"",
-                                  "\"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01/../x\"",
-                                  "[\"8f14e45f-ceea-467f-a9d1-0f2b6c1e4a01\"]"};
-  values.push_back("\"" + std::string(100'000, 'x') + "\"");
-  values.push_back("\"" + std::string(4'000, '/') + "\"");
-  values.push_back(std::string(60, '[') + std::string(60, ']'));
-  std::string many = "[0";
-  for (int i = 0; i < 1'500; ++i) many += ",\"x\"";
-  values.push_back(many + "]");
-  return values;
-}
-
-// Bodies that are not an object of parameters.
-std::vector<std::string> HostileBodies() {
-  std::string nested;
-  for (int i = 0; i < 5'000; ++i) nested += "{\"a\":";
-  std::string many = "{\"a\":[0";
-  for (int i = 0; i < 3'000; ++i) many += ",0";
-  return {"[]",
-          "null",
-          "\"x\"",
-          "{",
-          "{} {}",
-          "{\"a\":1,\"a\":2}",
-          "{\"guest_id\":\"\xff\"}",
-          "\xef\xbb\xbf{}",
-          std::string("{\"a\":\"\0\"}", 9),
-          "{\"a\":\"\\ud800\"}",
-          nested,
-          std::string(15'000, '['),
-          many + "]}"};
-}
-
-// A value of the right kind that names nobody and nothing but the first guest.
-std::string OrdinaryValue(const std::string& name, const Json::Value& schema) {
-  const std::string type = json::StringMember(schema, "type");
-  if (name == "guest_id") return "\"" + AttackedHost::GuestId(0) + "\"";
-  if (name.ends_with("_id")) return fmt::format("\"{}\"", kStranger);
-  if (name == "action") return "\"shutdown\"";
-  if (name == "kind") return "\"user\"";
-  if (type == "integer") return "1";
-  if (type == "boolean") return "false";
-  if (type == "array") return "[]";
-  if (type == "object") return "{}";
-  return "\"nobody-here\"";
-}
-
 class CallerMatrix : public testing::Test {
  protected:
-  CallerMatrix() : host_(Options()), methods_(MethodsOf(host_)), random_(MakeRandom()) {}
+  CallerMatrix() : random_(MakeRandom()) { Begin(); }
 
-  static AttackedHostOptions Options() {
+  // A new host: administrators may have deleted what there was.
+  void Begin() {
+    client_.reset();
     AttackedHostOptions options;
     options.doors = Doors::kUsersAndHosts;
     options.hypervisor = "test";
-    return options;
+    host_ = std::make_unique<AttackedHost>(std::move(options));
+    methods_ = MethodsOf(*host_);
   }
 
   HttpClient Login(const CallerRow& caller) const {
-    HttpClient client = caller.door == Door::kNetwork      ? host_.Network(kPatience)
-                        : caller.door == Door::kUnixSocket ? host_.Root(kPatience)
-                                                           : host_.Host(caller.certificate, kPatience);
-    if (*caller.user != '\0') client.SetHeader("Authorization", "Bearer " + host_.Login(caller.user));
+    HttpClient client = caller.door == Door::kNetwork      ? host_->Network(kPatience)
+                        : caller.door == Door::kUnixSocket ? host_->Root(kPatience)
+                                                           : host_->Host(caller.certificate, kPatience);
+    if (*caller.user != '\0') client.SetHeader("Authorization", "Bearer " + host_->Login(caller.user));
     return client;
   }
 
@@ -200,8 +93,8 @@ class CallerMatrix : public testing::Test {
   // What those without rights must not have changed.
   std::string Everything() const;
 
-  const AttackedHost host_;
-  const std::vector<Method> methods_;
+  std::unique_ptr<AttackedHost> host_;
+  std::vector<Method> methods_;
   std::mt19937 random_;
   std::optional<HttpClient> client_;  // of the caller whose turn it is
   int calls_ = 0;
@@ -209,7 +102,7 @@ class CallerMatrix : public testing::Test {
 };
 
 std::string CallerMatrix::Everything() const {
-  HttpClient root = host_.Root(kPatience);
+  HttpClient root = host_->Root(kPatience);
   std::string all;
   for (const auto& [path, body] : std::map<std::string, std::string>{
            {kGetPath, "{\"guest_id\":\"" + AttackedHost::GuestId(0) + "\"}"},
@@ -246,22 +139,11 @@ void CallerMatrix::Call(const CallerRow& caller, const Method& method, const std
 }
 
 void CallerMatrix::Attack(const CallerRow& caller, const Method& method, std::size_t values_for_each) {
-  static const std::vector<std::string> kValues = HostileValues();
-  static const std::vector<std::string> kBodies = HostileBodies();
-  std::vector<std::string> bodies{"", "{}", kBodies[random_() % kBodies.size()]};
-  const std::vector<std::string> names = json::MemberNames(method.parameters);
-  for (const std::string& hostile : names) {
+  std::vector<std::string> bodies{"", "{}", HostileText(random_)};
+  for (const std::string& name : json::MemberNames(method.parameters)) {
     // Those who are refused for their access need not try everything.
     if (!caller.may_call.contains(method.access) && random_() % 10 != 0) continue;
-    for (std::size_t i = 0; i < values_for_each; ++i) {
-      std::string body = fmt::format("{{\"{}\":{}", hostile, kValues[random_() % kValues.size()]);
-      for (const std::string& name : names) {
-        // Optional parameters make others meaningless, so they are not always there.
-        if (name == hostile || random_() % 3 == 0) continue;
-        body += fmt::format(",\"{}\":{}", name, OrdinaryValue(name, json::Member(method.parameters, name.c_str())));
-      }
-      bodies.push_back(body + "}");
-    }
+    for (std::size_t i = 0; i < values_for_each; ++i) bodies.push_back(HostileBody(method, name, random_));
   }
   for (const std::string& body : bodies) {
     Call(caller, method, body);
@@ -274,12 +156,13 @@ TEST_F(CallerMatrix, AnyCaller_AnyMethod_HostileParameters_AreAnsweredAsDocument
   std::size_t values_for_each = kValuesOfShortForm;
   int passes = 0;
   for (const AttackTime time(kShortForm); !time.IsOver() || passes == 0; ++passes) {
+    if (passes > 0) Begin();
     for (const CallerRow& caller : Callers()) {
       const std::string before = Everything();
       client_.reset();
       for (const Method& method : methods_) {
         Attack(caller, method, values_for_each);
-        ASSERT_TRUE(host_.IsRunning()) << caller.name << " " << method.path << "\n" << host_.LastLog();
+        ASSERT_TRUE(host_->IsRunning()) << caller.name << " " << method.path << "\n" << host_->LastLog();
         if (HasFatalFailure() || (passes > 0 && time.IsOver())) break;
       }
       if (!caller.may_change) {
@@ -289,7 +172,7 @@ TEST_F(CallerMatrix, AnyCaller_AnyMethod_HostileParameters_AreAnsweredAsDocument
     }
     values_for_each = 10;
   }
-  HttpClient root = host_.Root(kPatience);
+  HttpClient root = host_->Root(kPatience);
   EXPECT_EQ(root.Get("/healthz").status, 200);
   Report(
       fmt::format("{} callers x {} methods, {} calls, {} of them successful: every answer was documented and allowed",
@@ -300,10 +183,10 @@ TEST_F(CallerMatrix, HostsListener_WithoutACertificate_AnswersNothing) {
   std::set<std::string> tried;  // one method of each kind of access: the handshake fails for all of them
   for (const Method& method : methods_) {
     if (!tried.insert(method.access).second) continue;
-    HttpClient client = host_.Host("", kPatience);
+    HttpClient client = host_->Host("", kPatience);
     EXPECT_FALSE(client.PostJson(method.path, "{}").arrived()) << method.path;
   }
-  ASSERT_TRUE(host_.IsRunning());
+  ASSERT_TRUE(host_->IsRunning());
   Report(fmt::format("methods of {} kinds of access are not to be had", tried.size()));
 }
 
