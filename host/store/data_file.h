@@ -1,4 +1,4 @@
-// The layout of LMDB's data file (format version 1), and reading it without LMDB.
+// The layout of LMDB's data file (format version 1), and making and reading it without LMDB.
 #pragma once
 
 #include <atomic>
@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/base/descriptor.h"
+#include "host/base/result.h"
 
 namespace vexa::store {
 
@@ -53,6 +54,11 @@ inline constexpr std::uint16_t kOverflowPage = 0x04;
 inline constexpr std::uint16_t kMetaPage = 0x08;
 inline constexpr std::uint16_t kMaxTreeDepth = 32;
 inline constexpr std::uint16_t kIntegerKeys = 0x08;  // of the tree of free pages
+
+// Makes the data file of an empty store, exactly as LMDB does for a map of this size. LMDB writes it in place and syncs
+// it with the first commit, so that a power failure could leave half of it; this file is there whole or not at all.
+// Replaces an existing file. Errors: those of WriteFileAtomically.
+Status CreateDataFile(const std::string& path, std::uint64_t map_bytes);
 
 // Threads: any, at the same time.
 class DataFile {

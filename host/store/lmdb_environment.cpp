@@ -8,8 +8,10 @@
 #include <utility>
 
 #include "host/store/data_check.h"
+#include "host/store/data_file.h"
 #include "host/store/lmdb_error.h"
 #include "host/store/lmdb_files.h"
+#include "host/store/lost_store.h"
 #include "host/store/open_once.h"
 
 namespace vexa::store {
@@ -85,6 +87,9 @@ Status LmdbEnvironment::OpenFiles() {
   }
   if (lock.code() != 0) return LmdbError(fmt::format("Cannot lock the folder '{}'", directory_), lock.code());
   if (Status sound = CheckStoreFiles(directory_); !sound.ok()) return sound;
+  if (!HasStore(directory_)) {
+    if (Status created = CreateDataFile(directory_ + "/data.mdb", map_bytes_); !created.ok()) return created;
+  }
   Status opened = OpenEnvironment();
   // LMDB syncs what it writes, but not the name of a new file.
   const int synced = opened.ok() ? lock.SyncDirectories() : 0;

@@ -25,6 +25,7 @@ namespace {
 
 constexpr std::string_view kDataFile = "data.mdb";
 constexpr std::string_view kLockFile = "lock.mdb";
+constexpr std::string_view kUnfinishedPrefix = "data.mdb.";   // of a data file whose creation was interrupted
 constexpr std::string_view kMountPointFolder = "lost+found";  // in the root of a new file system
 
 constexpr std::chrono::seconds kMaxLockWait{10};
@@ -43,7 +44,7 @@ Status CheckStoreFiles(const std::string& directory) {
       return Error(ErrorCode::kCorrupt, fmt::format("'{}' is not a regular file", at->path().string()));
     }
     has_data = has_data || name == kDataFile;
-    has_others = has_others || (!ours && name != kMountPointFolder);
+    has_others = has_others || (!ours && name != kMountPointFolder && !name.starts_with(kUnfinishedPrefix));
   }
   if (failure) return LmdbError(fmt::format("Cannot list the folder '{}'", directory), failure.value());
   if (has_data) return CheckDataHeader(directory + "/" + std::string(kDataFile));

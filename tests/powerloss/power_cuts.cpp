@@ -1,0 +1,67 @@
+#include "tests/powerloss/power_cuts.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+
+namespace vexa::powerloss {
+namespace {
+
+unsigned FromEnvironment(const char* name, unsigned otherwise) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? otherwise : static_cast<unsigned>(std::stoul(value));
+}
+
+std::string ToText(const Call& call) {
+  constexpr const char* kKinds[] = {"mkdir", "create", "unnamed", "link", "rename", "remove", "write",      "length",
+                                    "grow",  "mode",   "sync",    "map",  "start",  "reply",  "unsupported"};
+  std::string text = fmt::format("{} {}", kKinds[static_cast<std::size_t>(call.kind)], call.object);
+  if (!call.old_name.empty()) text += fmt::format(" '{}' to", call.old_name);
+  if (!call.name.empty()) text += fmt::format(" '{}' in {}", call.name, call.folder);
+  if (call.kind == CallKind::kWrite) text += fmt::format(" {} bytes at {}", call.bytes.size(), call.offset);
+  if (call.is_data_sync) text += call.kind == CallKind::kSync ? " (data)" : " (synced)";
+  return text;
+}
+
+}  // namespace
+
+std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count) {
+  const unsigned seed = FromEnvironment("VEXA_TEST_SEED", std::random_device{}());
+  const unsigned rounds = FromEnvironment("VEXA_POWERLOSS_ROUNDS", 0);
+  const std::size_t end = model.calls().size();
+  std::mt19937 random(seed);
+  std::vector<PowerCut> cuts;
+  for (unsigned round = 0; round < rounds; ++round) {
+    for (std::size_t at = model.start(); at <= end; ++at) {
+      for (const Loss loss : kAllLosses) cuts.push_back({at, loss, static_cast<unsigned>(random())});
+    }
+  }
+  std::vector<std::size_t> near;
+  for (std::size_t at = model.start(); at < end; ++at) {
+    const CallKind kind = model.calls()[at].kind;
+    if (kind == CallKind::kSync || kind == CallKind::kReply) near.insert(near.end(), {at, at + 1});
+  }
+  while (rounds == 0 && cuts.size() < count) {
+    const bool is_near = !near.empty() && random() % 2 == 0;
+    const std::size_t at =
+        is_near ? near[random() % near.size()] : model.start() + random() % (end - model.start() + 1);
+    cuts.push_back({at, kAllLosses[random() % std::size(kAllLosses)], static_cast<unsigned>(random())});
+  }
+  fmt::print("VEXA_TEST_SEED={}: {} cuts in {} calls\n", seed, cuts.size(), end - model.start());
+  return cuts;
+}
+
+std::string Describe(const PowerCut& cut, const DiskModel& model) {
+  std::string text = fmt::format("cut after {} of {} calls, lost: {}, seed {}", cut.at, model.calls().size(),
+                                 ToString(cut.loss), cut.seed);
+  constexpr std::size_t kAround = 12;
+  const std::size_t first = std::max(model.start(), cut.at - std::min(cut.at, kAround));
+  for (std::size_t i = first; i < std::min(cut.at + 3, model.calls().size()); ++i) {
+    text += fmt::format("\n  {}{} {}", i == cut.at ? "--> " : "", i, ToText(model.calls()[i]));
+  }
+  return text;
+}
+
+}  // namespace vexa::powerloss
