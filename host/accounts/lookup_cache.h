@@ -46,7 +46,7 @@ class LookupThreads {
   std::optional<Ticket> Take(Kind kind) {
     const auto now = std::chrono::steady_clock::now();
     const MutexLock lock(mutex_);
-    int running = 0;  // without those that have been given up
+    int running = 0;  // except for look-ups that were given up
     int unknown = 0;
     for (const Thread& thread : threads_) {
       if (now - thread.started >= options_.give_up) continue;
@@ -79,7 +79,7 @@ class LookupCache {
       : state_(std::make_shared<State>(options, std::move(threads))) {}
 
   // The answer for `key`: a fresh one, or that of `look_up`, of which only one runs at a time for a key, apart from
-  // those that have been given up. When none comes in time or `look_up` is kUnavailable: the last answer unless it is
+  // look-ups that were given up. When none comes in time or `look_up` is kUnavailable: the last answer unless it is
   // stale, otherwise kUnavailable. `look_up` may hang, and must own what it uses.
   Result<Value> Get(const std::string& key, LookUp look_up) const {
     State& state = *state_;

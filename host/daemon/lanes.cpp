@@ -27,7 +27,7 @@ LaneOptions WaitingLane(const Config& config, std::string name) {
   return options;
 }
 
-// A host has fewer calls than there are threads (CheckConfig), so those that hang leave some to other hosts.
+// A host has fewer calls than there are threads (CheckConfig), so calls that hang leave some to other hosts.
 LaneOptions LaneOfHosts(const Config& config, std::string name) {
   LaneOptions options = WaitingLane(config, std::move(name));
   options.limits.per_user = static_cast<std::size_t>(config.calls_per_user);

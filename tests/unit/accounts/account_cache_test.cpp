@@ -105,7 +105,7 @@ class Directory : public AccountProvider {
   mutable int running_ = 0;
   mutable int most_running_ = 0;
   bool hangs_ = false;  // look-ups that begin now
-  bool holds_ = false;  // those that have begun to hang
+  bool holds_ = false;  // look-ups that have begun to hang
   bool fails_ = false;
   std::string stamp_ = "day-1";
   std::map<std::string, std::uint32_t> uids_ = {{"alice", 5}, {"uid5", 5}, {"gid7", 7}};
