@@ -113,7 +113,9 @@ class LibvirtGuestControl final : public GuestControl {
   Result<void, Refusal> StartReserved(StartAttempt& attempt, const Starts::Start& start);
   // Removes "pending" from the guest's record: the guest is about to start with these changes.
   Status ClearPending(const std::string& guest_id);
+  // Refuses when a host holds the guest, or a job with its files is not finished.
   Result<void, Refusal> CheckNotHeld(const std::string& guest_id) const;
+  Result<void, Refusal> CheckNotHeld(const store::Snapshot& snapshot, const std::string& guest_id) const;
 
   // guest_files.cpp
   // The XML of the machine that a start makes.

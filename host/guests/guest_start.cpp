@@ -184,9 +184,16 @@ Result<void, Refusal> LibvirtGuestControl::Reserve(StartAttempt& attempt) {
   return Refusal{host_error::kBusy, "Another host has just released the guest. Try again"};
 }
 
-// Refuses when a host holds the guest or a job with its files is not finished, according to the current store.
+// According to the current store.
 Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const std::string& guest_id) const {
-  const auto run = records::ReadRun(*options_.store, guest_id);
+  const auto snapshot = options_.store->Read();
+  if (!snapshot) return RefusalOf(snapshot.error());
+  return CheckNotHeld(**snapshot, guest_id);
+}
+
+Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const store::Snapshot& snapshot,
+                                                        const std::string& guest_id) const {
+  const auto run = records::ReadRun(snapshot, guest_id);
   if (!run) return RefusalOf(run.error());
   if (*run) {
     const std::string& host_id = (*run)->run.host_id;
@@ -194,7 +201,9 @@ Result<void, Refusal> LibvirtGuestControl::CheckNotHeld(const std::string& guest
                    (*run)->run.saved ? fmt::format("The guest's saved memory is held by the host '{}'", host_id)
                                      : fmt::format("The guest may be running on the host '{}'", host_id)};
   }
-  return CheckNoUnfinishedJob(*options_.store, guest_id);
+  auto job = FindJob(snapshot, guest_id);
+  if (!job) return RefusalFor(job.error());
+  return OkUnless(*std::move(job));
 }
 
 // A change that is added after this may already take effect in this start, although it remains listed as pending.

@@ -11,12 +11,15 @@
 
 namespace vexa::test {
 
-// Calls `before_commit` just before the first commit, as a concurrent writer, and `after_commit`, if any, just after
-// it. Threads: one at a time.
+// Calls `before_commit` just before the next commit, as a concurrent writer, and `after_commit`, if any, just after it.
+// Threads: one at a time.
 class RacingStore : public store::Store {
  public:
-  RacingStore(store::Store& real, std::function<void()> before_commit, std::function<void()> after_commit = nullptr)
+  explicit RacingStore(store::Store& real, std::function<void()> before_commit = nullptr,
+                       std::function<void()> after_commit = nullptr)
       : real_(real), before_commit_(std::move(before_commit)), after_commit_(std::move(after_commit)) {}
+
+  void SetBeforeCommit(std::function<void()> before_commit) { before_commit_ = std::move(before_commit); }
 
   Result<std::unique_ptr<store::Snapshot>> Read() const override { return real_.Read(); }
   Result<store::Revision> Commit(const store::Transaction& transaction) override {

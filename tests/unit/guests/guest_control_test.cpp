@@ -19,6 +19,7 @@
 #include "host/records/run_record.h"
 #include "host/store/key.h"
 #include "tests/support/libvirt_faults.h"
+#include "tests/support/racing_store.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/unit/guests/guest_control_fixture.h"
 #include "webapi/platform/ccc.h"
@@ -321,6 +322,21 @@ TEST_F(GuestControlTest, SetHost_NotPossible_IsRefused) {
   EXPECT_REFUSED(control_->SetHost(kOther, "host-2"), 403, "");
   EXPECT_DONE(control_->PowerOn(kGuest, kAlice));
   EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, HostId());
+}
+
+TEST_F(GuestControlTest, SetHost_GuestStartedMeanwhile_IsRefusedByWhatThePlanHasRead) {
+  const auto store = std::make_shared<test::RacingStore>(host_.store());
+  GuestControlOptions options = Options();
+  options.store = store;
+  Start(std::move(options));
+  store->SetBeforeCommit([this] {
+    RunRecord run = RunHere();
+    run.host_id = "host-2";
+    PutRun(run);
+  });
+  (void)host_.store().TakeSnapshotUse();
+  EXPECT_REFUSED(control_->SetHost(kGuest, "host-2"), 910, "The guest may be running on the host 'host-2'");
+  EXPECT_EQ(host_.store().TakeSnapshotUse(), (test::SnapshotUse{3, 0, 0})) << "a check, and two plans";
 }
 
 TEST_F(GuestControlTest, SecondAction_DuringFirst_IsBusyWithUserAndTime) {
