@@ -50,7 +50,7 @@ struct MirrorOptions {
 class MirroredStore final : public Store {
  public:
   // Errors: kInvalid (no folder given), and what keeps the copy from being opened: kDenied, kNoSpace, kUnavailable (its
-  // disk cannot be read), kInternal (also: a damaged copy cannot be renamed).
+  // disk cannot be read, or a thread cannot be started), kInternal (also: a damaged copy cannot be renamed).
   static Result<std::shared_ptr<MirroredStore>> Make(std::shared_ptr<Store> primary, MirrorOptions options);
   ~MirroredStore() override;
   MirroredStore(const MirroredStore&) = delete;

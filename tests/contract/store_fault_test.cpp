@@ -1,15 +1,21 @@
-// The LMDB store on a disk that fails. This program replaces the system calls that write and read its files.
+// The LMDB store on a disk that fails, or on a system without threads left. This program replaces the functions that
+// write and read its files and start threads.
+#include <dlfcn.h>
 #include <errno.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
+#include <future>
+#include <new>
 #include <thread>
 
 #include "host/store/lmdb_store.h"
 #include "host/store/mirrored_store.h"
+#include "host/store/open_once.h"
 #include "tests/contract/store_contract.h"
 
 namespace {
@@ -21,6 +27,9 @@ std::atomic<int> sync_error{0};
 std::atomic<int> reserve_error{0};
 std::atomic<int> page_read_error{0};
 std::atomic<int> header_read_error{0};
+
+// How many threads can be started; negative: any number.
+std::atomic<int> threads_left{-1};
 
 // The header of the file is written alone and is smaller than a page.
 bool IsHeader(std::size_t bytes) { return bytes < 512; }
@@ -60,8 +69,18 @@ extern "C" int fdatasync(int fd) {
   return -1;
 }
 
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                              void* argument) noexcept {
+  static const auto create = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+  if (threads_left == 0) return EAGAIN;
+  if (threads_left > 0) --threads_left;
+  return create(thread, attributes, run, argument);
+}
+
 namespace vexa::store {
 namespace {
+
+using namespace std::chrono_literals;
 
 class StoreOnAFailingDisk : public testing::Test {
  protected:
@@ -83,6 +102,7 @@ class StoreOnAFailingDisk : public testing::Test {
     reserve_error = 0;
     page_read_error = 0;
     header_read_error = 0;
+    threads_left = -1;
   }
   // Expects that a commit fails with `code`.
   void ExpectRefused(ErrorCode code) {
@@ -220,6 +240,45 @@ TEST_F(StoreOnAFailingDisk, Copy_CannotBeRead_IsKept) {
   }
   EXPECT_FALSE(std::filesystem::exists(copy + ".damaged-1.mdb"));
   EXPECT_TRUE(make().ok());
+}
+
+TEST_F(StoreOnAFailingDisk, Open_NoThreadCanBeStarted_IsRefusedUntilOneCan) {
+  store_.reset();
+  threads_left = 0;
+  const auto refused = OpenLmdbStore({folder_.path(), kStoreMapBytes, 1000});
+  threads_left = -1;
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code(), ErrorCode::kUnavailable);
+  EXPECT_EQ(refused.error().ToString(),
+            "The thread that writes to the store in '" + folder_.path() +
+                "' cannot be started. Raise the limit on processes (ulimit -u, TasksMax=): Resource temporarily "
+                "unavailable");
+  Reopen();
+  ExpectWorksAgain();
+}
+
+TEST_F(StoreOnAFailingDisk, Mirror_NoThreadCanBeStarted_IsRefusedUntilOneCan) {
+  const auto make = [this] { return MirroredStore::Make(store_, {.directory = folder_.path() + "/mirror"}); };
+  threads_left = 1;  // for the writer of the copy
+  const auto refused = make();
+  threads_left = -1;
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().ToString(),
+            "The thread that copies the cluster database cannot be started. Raise the limit on processes (ulimit -u, "
+            "TasksMax=): Resource temporarily unavailable");
+  EXPECT_TRUE(make().ok());
+}
+
+// An exception, which no error of the store is, must not keep the folder.
+TEST(OpenOnce, Open_Throws_NextOneOpens) {
+  const FolderId folder(1, 1);
+  EXPECT_THROW((void)OpenOnce<int>(folder, []() -> Result<std::unique_ptr<int>> { throw std::bad_alloc(); }),
+               std::bad_alloc);
+  auto next = std::async(std::launch::async, [&] {
+    return OpenOnce<int>(folder, []() -> Result<std::unique_ptr<int>> { return std::make_unique<int>(7); });
+  });
+  ASSERT_EQ(next.wait_for(30s), std::future_status::ready);
+  EXPECT_EQ(**next.get(), 7);
 }
 
 // What a quota and a file system that became read-only answer, while 64 threads read and 8 write.
