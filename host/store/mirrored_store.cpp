@@ -131,9 +131,9 @@ Health MirroredStore::health() const {
   return health;
 }
 
-void MirroredStore::LimitCommitWaits(milliseconds longest) {
-  primary_->LimitCommitWaits(longest);
-  copy_->LimitCommitWaits(longest);
+void MirroredStore::LimitLockWaits(milliseconds longest) {
+  primary_->LimitLockWaits(longest);
+  copy_->LimitLockWaits(longest);
 }
 
 std::optional<Error> MirroredStore::PrimaryFailure() const {

@@ -60,7 +60,7 @@ class MirroredStore final : public Store {
   Result<Revision> Commit(const Transaction& transaction) override;
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) override;
   Health health() const override;
-  void LimitCommitWaits(std::chrono::milliseconds longest) override;
+  void LimitLockWaits(std::chrono::milliseconds longest) override;
 
   // The revision of the copy; 0 while the copy is not used, because it has not been compared yet.
   Revision mirrored_revision() const { return mirrored_revision_; }

@@ -127,12 +127,37 @@ TEST_F(VexadStore, Store_HeldByStoppedProcess_IsReportedAndDoesNotDelayTheStop) 
   Stop(*process);
 }
 
-// It has the lock when the daemon begins to stop, and no call has noticed yet.
+// It has the lock when the daemon begins to stop, and no call has noticed yet. The stop does not take the 10 s that
+// commits wait for a lock otherwise.
 TEST_F(VexadStore, Stop_StoreHasJustBeenTaken_EndsInItsTime) {
-  const auto process = Start();
+  const auto process = Start({"--stop-timeout", "5"});
   Process holder({.argv = {STORE_TEST_WORKER_PROGRAM, "stop_in_commit", folder_.File("data/store")}});
   ASSERT_TRUE(holder.WaitForText("holds", kTimeout));
   Stop(*process);
+  EXPECT_THAT(process->errors(),
+              HasSubstr("The claim of this host's id could not be released: The database is held by another process "
+                        "(pid " +
+                        std::to_string(holder.pid()) +
+                        ") for more than 1000 ms. Let it continue, or end it. Nothing was changed\n"));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("could not sign off")));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("did not finish in time")));
+}
+
+TEST_F(VexadStore, Stop_DiskHangs_EndsInItsTimeAndSaysSo) {
+  const std::string hangs = folder_.File("hangs");
+  auto arguments = Arguments({"--stop-timeout", "3"});
+  arguments[0] = VEXAD_ON_HANGING_DISK_PROGRAM;
+  Process process({.argv = arguments, .environment = {{"VEXA_TEST_HANGING_DISK", hangs}}});
+  ASSERT_TRUE(process.WaitForText("Ready.", kTimeout)) << process.errors();
+  std::ofstream(hangs) << "yes";
+  ASSERT_TRUE(process.WaitForText("A sync hangs.", kTimeout)) << "a heartbeat is due every three seconds";
+  Stop(process);
+  EXPECT_THAT(
+      process.errors(),
+      HasSubstr("This host could not sign off: the database or its disk did not respond in the time of the stop."));
+  EXPECT_THAT(process.errors(), HasSubstr("Some work did not finish in time, and is left behind."));
+  ASSERT_TRUE(fs::remove(hangs));
+  StartAndStop();
 }
 
 TEST_F(VexadStore, FileSizeLimit_IsIgnoredAsASignal) {
