@@ -294,7 +294,7 @@ class Daemon::Impl {
     if (!store) return store.error();
     store_ = std::move(*store);
     if (Status claimed = ClaimHost(config); !claimed) return claimed;
-    const Status marked = store::MarkStoreUsed(config.data_directory);
+    const Status marked = store::MarkStoreUsed(config.data_directory, StoreFolder(config));
     if (!marked) {
       ::syslog(LOG_ERR, "A missing database will not be noticed at the next start: %s",
                marked.error().ToString().c_str());
