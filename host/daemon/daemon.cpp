@@ -105,7 +105,7 @@ constexpr std::chrono::milliseconds kAnswerMargin{2000};
 constexpr std::chrono::milliseconds kFarewellTime{1000};
 
 // A process that holds the database must not hold a stop.
-constexpr std::chrono::milliseconds kCommitWaitWhenStopping{1000};
+constexpr std::chrono::milliseconds kLockWaitWhenStopping{1000};
 
 Result<std::shared_ptr<accounts::AccountProvider>> OpenAccounts(const Config& config,
                                                                 const std::shared_ptr<store::Store>& store) {
@@ -226,7 +226,7 @@ class Daemon::Impl {
 
   bool Stop(std::chrono::milliseconds deadline) {
     if (!server_) return true;
-    store_->LimitCommitWaits(kCommitWaitWhenStopping);
+    store_->LimitLockWaits(kLockWaitWhenStopping);
     // First, so that other hosts stop calling. On a thread of its own: the database may hang.
     if (heartbeat_) sign_off_ = std::make_unique<BoundedTask>([this] { heartbeat_.reset(); });
     if (certificate_) certificate_->BeginStop();
@@ -256,6 +256,10 @@ class Daemon::Impl {
     const bool signed_off = !sign_off_ || sign_off_->Wait(left());
     if (!farewell_ && signed_off) farewell_ = std::make_unique<BoundedTask>([this] { SayFarewell(); });
     const bool released = farewell_ && farewell_->Wait(std::max(left(), kFarewellTime));
+    if (!signed_off || !released) {
+      ::syslog(LOG_ERR,
+               "This host could not sign off: the database or its disk did not respond in the time of the stop.");
+    }
     return signed_off && released && guests_done && served && quick_done && long_done && hosts_done &&
            quick_hosts_done && certificate_done && caches_done && links_done && local_done && items_done;
   }
@@ -295,7 +299,7 @@ class Daemon::Impl {
     if (!store) return store.error();
     store_ = std::move(*store);
     if (Status claimed = ClaimHost(config); !claimed) return claimed;
-    const Status marked = store::MarkStoreUsed(config.data_directory);
+    const Status marked = store::MarkStoreUsed(config.data_directory, StoreFolder(config));
     if (!marked) {
       ::syslog(LOG_ERR, "A missing database will not be noticed at the next start: %s",
                marked.error().ToString().c_str());

@@ -54,7 +54,7 @@ Status CheckStoreFiles(const std::string& directory) {
 }
 
 FolderLock::FolderLock(const std::string& directory)
-    : fd_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    : directory_(directory), fd_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (fd_.get() < 0) {
     code_ = errno;
     return;
@@ -68,6 +68,15 @@ FolderLock::FolderLock(const std::string& directory)
     std::this_thread::sleep_for(kLockRetryInterval);
     code_ = 0;
   }
+}
+
+Status FolderLock::Outcome() const {
+  if (code_ == 0) return {};
+  if (code_ != EWOULDBLOCK) return LmdbError(fmt::format("Cannot lock the folder '{}'", directory_), code_);
+  return Error(ErrorCode::kUnavailable,
+               fmt::format("Another process is opening the store in '{}' and does not finish. Let it continue, or end "
+                           "it",
+                           directory_));
 }
 
 int FolderLock::SyncDirectories() const {

@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "host/base/files.h"
+#include "host/store/lmdb_error.h"
 #include "host/store/lost_store.h"
 
 namespace vexa::store {
@@ -75,7 +77,11 @@ Result<std::shared_ptr<MirroredStore>> MirroredStore::Make(std::shared_ptr<Store
   if (!copy.ok()) return copy.error();
   std::shared_ptr<MirroredStore> store(
       new MirroredStore(std::move(primary), std::move(copy).value(), std::move(options)));
-  store->thread_ = std::thread([raw = store.get()] { raw->Run(); });
+  try {
+    store->thread_ = std::thread([raw = store.get()] { raw->Run(); });
+  } catch (const std::system_error& failure) {
+    return ThreadError("The thread that copies the cluster database cannot be started", failure);
+  }
   return store;
 }
 
@@ -125,9 +131,9 @@ Health MirroredStore::health() const {
   return health;
 }
 
-void MirroredStore::LimitCommitWaits(milliseconds longest) {
-  primary_->LimitCommitWaits(longest);
-  copy_->LimitCommitWaits(longest);
+void MirroredStore::LimitLockWaits(milliseconds longest) {
+  primary_->LimitLockWaits(longest);
+  copy_->LimitLockWaits(longest);
 }
 
 std::optional<Error> MirroredStore::PrimaryFailure() const {

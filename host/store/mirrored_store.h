@@ -50,7 +50,7 @@ struct MirrorOptions {
 class MirroredStore final : public Store {
  public:
   // Errors: kInvalid (no folder given), and what keeps the copy from being opened: kDenied, kNoSpace, kUnavailable (its
-  // disk cannot be read), kInternal (also: a damaged copy cannot be renamed).
+  // disk cannot be read, or a thread cannot be started), kInternal (also: a damaged copy cannot be renamed).
   static Result<std::shared_ptr<MirroredStore>> Make(std::shared_ptr<Store> primary, MirrorOptions options);
   ~MirroredStore() override;
   MirroredStore(const MirroredStore&) = delete;
@@ -60,7 +60,7 @@ class MirroredStore final : public Store {
   Result<Revision> Commit(const Transaction& transaction) override;
   Result<ChangeBatch> Watch(std::string_view prefix, Revision from, std::chrono::milliseconds timeout) override;
   Health health() const override;
-  void LimitCommitWaits(std::chrono::milliseconds longest) override;
+  void LimitLockWaits(std::chrono::milliseconds longest) override;
 
   // The revision of the copy; 0 while the copy is not used, because it has not been compared yet.
   Revision mirrored_revision() const { return mirrored_revision_; }

@@ -1,6 +1,6 @@
 // The attacker has the login of a user without any rights, and as many connections as an address may have.
 #include <gtest/gtest.h>
-#include <lmdb.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
@@ -118,38 +118,14 @@ TEST(CallerQuota, UserWithoutRights_UsesAllTheyMay_TakesLittleMemoryAndKeepsNobo
   RecordProperty("grown_by_kib", static_cast<int>((most - before) / 1024));
 }
 
-// Nobody can commit while it exists.
-class HeldWriterLock {
- public:
-  explicit HeldWriterLock(const std::string& store) {
-    if (::mdb_env_create(&environment_) != 0 || ::mdb_env_open(environment_, store.c_str(), 0, 0600) != 0 ||
-        ::mdb_txn_begin(environment_, nullptr, 0, &transaction_) != 0) {
-      Fail("the store cannot be locked");
-    }
-  }
-  ~HeldWriterLock() { Release(); }
-  HeldWriterLock(const HeldWriterLock&) = delete;
-  HeldWriterLock& operator=(const HeldWriterLock&) = delete;
-
-  void Release() {
-    if (transaction_) ::mdb_txn_abort(transaction_);
-    transaction_ = nullptr;
-    if (environment_) ::mdb_env_close(environment_);
-    environment_ = nullptr;
-  }
-
- private:
-  MDB_env* environment_ = nullptr;
-  MDB_txn* transaction_ = nullptr;
-};
-
 // They took all threads of the methods that only read.
 TEST(CallerQuota, UserWhoseCommitsHang_CanStillRead) {
   const AttackedHost host;
   HttpClient reader = host.ClientOf("admin", kMaxWait);
   std::vector<HttpClient> writers;
   for (int i = 0; i < 80; ++i) writers.push_back(host.ClientOf("admin", seconds(120)));
-  HeldWriterLock lock(host.StoreDirectory());
+  Process holder({.argv = {STORE_TEST_WORKER_PROGRAM, "stop_in_commit", host.StoreDirectory()}});
+  ASSERT_TRUE(holder.WaitForText("holds", kTimeout)) << holder.errors();
   std::atomic<int> refused = 0;
   {
     std::vector<std::jthread> threads;
@@ -167,7 +143,7 @@ TEST(CallerQuota, UserWhoseCommitsHang_CanStillRead) {
     }
     EXPECT_GE(refused, 16);
     for (int i = 0; i < 20; ++i) EXPECT_TRUE(AttackedHost::Gets(reader)) << i;
-    lock.Release();
+    holder.Signal(SIGCONT);
   }
 }
 
