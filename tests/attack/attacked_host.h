@@ -37,7 +37,7 @@ enum class Doors {
 
 struct AttackedHostOptions {
   Doors doors = Doors::kUsers;
-  std::string hypervisor = "none";
+  std::string hypervisor = "test";  // libvirt's test driver: guests "run", and take nothing
   int guests = 1;
   std::string folder{};                 // of the data folder; one of the host's own when empty
   std::vector<std::string> flags{};     // of vexad, in addition
