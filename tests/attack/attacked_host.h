@@ -92,6 +92,8 @@ class AttackedHost {
   std::size_t Descriptors() const;
 
   std::string DataFolder() const { return data_; }
+  // Of an older version: read at a start, and renamed to "….taken-over".
+  std::string AccountFile() const { return folder_.File("accounts.json"); }
   std::string StoreDirectory() const { return data_ + "/store"; }
 
  private:
