@@ -185,6 +185,10 @@ HttpClient AttackedHost::Host(const std::string& host_id, std::chrono::milliseco
   return client;
 }
 
+void AttackedHost::ReplaceCertificate(const std::string& host_id, const transport::Validity& validity) {
+  certificates_[host_id] = authority_->FilesOf(host_id, host_id, validity);
+}
+
 std::uint16_t AttackedHost::PortAfter(const std::string& words) const {
   std::smatch match;
   const std::string log = LastLog();

@@ -75,6 +75,9 @@ class AttackedHost {
   // On the listener for hosts, with the certificate of a host; "" for none.
   HttpClient Host(const std::string& host_id, std::chrono::milliseconds timeout) const;
 
+  // The next clients of that host have a certificate with this validity.
+  void ReplaceCertificate(const std::string& host_id, const transport::Validity& validity);
+
   std::uint16_t user_port() const;
   std::uint16_t host_port() const;
   std::string socket() const { return folder_.File("s"); }
