@@ -43,7 +43,8 @@ std::mt19937 MakeRandom() {
 }
 
 void Report(const std::string& what) {
-  std::printf("ATTACK %s: %s\n", NameOfTest().c_str(), what.c_str());
+  const char* const outcome = testing::Test::HasFailure() ? "NOT HELD" : "held";
+  std::printf("ATTACK %s %s: %s\n", outcome, NameOfTest().c_str(), what.c_str());
   std::fflush(stdout);
 }
 

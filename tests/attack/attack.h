@@ -30,7 +30,8 @@ bool HoldsInTime(const std::function<bool()>& condition);
 // The seed is VEXA_ATTACK_SEED of the environment, or new; it is printed.
 std::mt19937 MakeRandom();
 
-// Prints one line with the running test's name and what was seen, which `./dev attack` shows.
+// Prints one line, which `./dev attack` shows: whether the running test has had no failure so far, its name, and what
+// was seen.
 void Report(const std::string& what);
 
 }  // namespace vexa::test

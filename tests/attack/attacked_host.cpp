@@ -91,7 +91,7 @@ void AttackedHost::MakeCertificates() {
 }
 
 void AttackedHost::Seed() const {
-  Require(WriteFileAtomically(folder_.File("accounts.json"), AccountsText(), 0600));
+  Require(WriteFileAtomically(AccountFile(), AccountsText(), 0600));
   store::Transaction seed;
   seed.operations.push_back(PutObject("repository", kRepository, RepositoryRecord(host_id_)));
   for (int i = 0; i < options_.guests; ++i) {
@@ -114,8 +114,8 @@ void AttackedHost::Seed() const {
 std::vector<std::string> AttackedHost::Arguments() const {
   std::vector<std::string> arguments = options_.launcher;
   arguments.insert(arguments.end(),
-                   {VEXAD_PROGRAM, "--data", data_, "--account-file", folder_.File("accounts.json"), "--socket",
-                    socket(), "--listen", "127.0.0.1:0", "--hypervisor", options_.hypervisor, "--log", "stderr"});
+                   {VEXAD_PROGRAM, "--data", data_, "--account-file", AccountFile(), "--socket", socket(), "--listen",
+                    "127.0.0.1:0", "--hypervisor", options_.hypervisor, "--log", "stderr"});
   if (options_.doors == Doors::kUsersAndHosts) {
     const transport::TlsFiles& files = certificates_.at(host_id_);
     arguments.insert(arguments.end(), {"--cluster-listen", "127.0.0.1:0", "--cluster-certificate", files.certificate,
@@ -183,6 +183,10 @@ HttpClient AttackedHost::Host(const std::string& host_id, std::chrono::milliseco
   HttpClient client(target);
   client.SetTimeout(timeout);
   return client;
+}
+
+void AttackedHost::ReplaceCertificate(const std::string& host_id, const transport::Validity& validity) {
+  certificates_[host_id] = authority_->FilesOf(host_id, host_id, validity);
 }
 
 std::uint16_t AttackedHost::PortAfter(const std::string& words) const {

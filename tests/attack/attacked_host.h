@@ -37,7 +37,7 @@ enum class Doors {
 
 struct AttackedHostOptions {
   Doors doors = Doors::kUsers;
-  std::string hypervisor = "none";
+  std::string hypervisor = "test";  // libvirt's test driver: guests "run", and take nothing
   int guests = 1;
   std::string folder{};                 // of the data folder; one of the host's own when empty
   std::vector<std::string> flags{};     // of vexad, in addition
@@ -75,6 +75,9 @@ class AttackedHost {
   // On the listener for hosts, with the certificate of a host; "" for none.
   HttpClient Host(const std::string& host_id, std::chrono::milliseconds timeout) const;
 
+  // The next clients of that host have a certificate with this validity.
+  void ReplaceCertificate(const std::string& host_id, const transport::Validity& validity);
+
   std::uint16_t user_port() const;
   std::uint16_t host_port() const;
   std::string socket() const { return folder_.File("s"); }
@@ -92,6 +95,8 @@ class AttackedHost {
   std::size_t Descriptors() const;
 
   std::string DataFolder() const { return data_; }
+  // Of an older version: read at a start, and renamed to "….taken-over".
+  std::string AccountFile() const { return folder_.File("accounts.json"); }
   std::string StoreDirectory() const { return data_ + "/store"; }
 
  private:

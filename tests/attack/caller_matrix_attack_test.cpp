@@ -75,7 +75,6 @@ class CallerMatrix : public testing::Test {
     client_.reset();
     AttackedHostOptions options;
     options.doors = Doors::kUsersAndHosts;
-    options.hypervisor = "test";
     host_ = std::make_unique<AttackedHost>(std::move(options));
     methods_ = MethodsOf(*host_);
   }

@@ -73,7 +73,6 @@ std::string UnexpectedLines(const std::string& log) {
 TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
   AttackedHostOptions options;
   options.doors = Doors::kUsersAndHosts;
-  options.hypervisor = "test";
   options.guests = Workers::kGuests;
   options.flags = {"--max-connections", std::to_string(kPlaces)};
   // In an hour the attackers cause millions of lines; what is expected does not even reach this process.
