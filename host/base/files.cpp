@@ -87,6 +87,14 @@ class TemporaryFile {
   Descriptor fd_;
 };
 
+// Makes the name of a new folder durable.
+Status SyncParent(const std::filesystem::path& folder) {
+  const std::string parent = folder.has_parent_path() ? folder.parent_path().string() : ".";
+  const Descriptor directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() < 0 || ::fsync(directory.get()) != 0) return Failed("Cannot sync the folder '{}'", parent, errno);
+  return {};
+}
+
 Error NulInPathError() { return Error(ErrorCode::kInvalid, "The path of a file contains a NUL"); }
 
 }  // namespace
@@ -138,7 +146,13 @@ Status CreateDirectories(const std::string& path, mode_t mode) {
   std::filesystem::path so_far;
   for (const auto& part : std::filesystem::path(path)) {
     so_far /= part;
-    if (::mkdir(so_far.c_str(), mode) == 0 || errno == EEXIST) continue;
+    if (::mkdir(so_far.c_str(), mode) == 0) {
+      Status synced = SyncParent(so_far);
+      if (synced) continue;
+      ::rmdir(so_far.c_str());  // the next caller would take it for durable
+      return synced;
+    }
+    if (errno == EEXIST) continue;
     if (errno == ENOTDIR) {
       return Error(ErrorCode::kConflict, fmt::format("'{}' exists and is not a folder", so_far.parent_path().string()));
     }

@@ -9,11 +9,6 @@
 namespace vexa::powerloss {
 namespace {
 
-unsigned FromEnvironment(const char* name, unsigned otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : static_cast<unsigned>(std::stoul(value));
-}
-
 std::string ToText(const Call& call) {
   constexpr const char* kKinds[] = {"mkdir", "create", "unnamed", "link", "rename", "remove", "write",      "length",
                                     "grow",  "mode",   "sync",    "map",  "start",  "reply",  "unsupported"};
@@ -28,22 +23,25 @@ std::string ToText(const Call& call) {
 }  // namespace
 
 std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count) {
-  const unsigned seed = FromEnvironment("VEXA_TEST_SEED", std::random_device{}());
-  const unsigned rounds = FromEnvironment("VEXA_POWERLOSS_ROUNDS", 0);
+  const char* const own_seed = std::getenv("VEXA_TEST_SEED");
+  const unsigned seed = own_seed == nullptr ? std::random_device{}() : static_cast<unsigned>(std::stoul(own_seed));
+  const char* const own_count = std::getenv("VEXA_POWERLOSS_CUTS");
+  const bool is_all = own_count != nullptr && std::string(own_count) == "all";
+  if (own_count != nullptr && !is_all) count = std::stoul(own_count);
   const std::size_t end = model.calls().size();
   std::mt19937 random(seed);
   std::vector<PowerCut> cuts;
-  for (unsigned round = 0; round < rounds; ++round) {
-    for (std::size_t at = model.start(); at <= end; ++at) {
-      for (const Loss loss : kAllLosses) cuts.push_back({at, loss, static_cast<unsigned>(random())});
-    }
+  for (std::size_t at = model.start(); is_all && at <= end; ++at) {
+    for (const Loss loss : kAllLosses) cuts.push_back({at, loss, static_cast<unsigned>(random())});
   }
   std::vector<std::size_t> near;
   for (std::size_t at = model.start(); at < end; ++at) {
     const CallKind kind = model.calls()[at].kind;
-    if (kind == CallKind::kSync || kind == CallKind::kReply) near.insert(near.end(), {at, at + 1});
+    // The first of several replies is the one that something has been done for.
+    const bool is_reply = kind == CallKind::kReply && model.calls()[at - 1].kind != CallKind::kReply;
+    if (kind == CallKind::kSync || is_reply) near.insert(near.end(), {at, at + 1});
   }
-  while (rounds == 0 && cuts.size() < count) {
+  while (!is_all && cuts.size() < count) {
     const bool is_near = !near.empty() && random() % 2 == 0;
     const std::size_t at =
         is_near ? near[random() % near.size()] : model.start() + random() % (end - model.start() + 1);

@@ -16,9 +16,8 @@ struct PowerCut {
   unsigned seed = 0;  // of what is random in it
 };
 
-// With VEXA_POWERLOSS_ROUNDS=n in the environment: n cuts after each call with each loss. Otherwise `count` of them,
-// half of them just before or after a sync or a reply. VEXA_TEST_SEED in the environment repeats a choice; the seed is
-// printed.
+// `count` cuts at random, half of them just before or after a sync or a reply. In the environment, VEXA_POWERLOSS_CUTS
+// is another number, or "all": after each call, with each loss. VEXA_TEST_SEED repeats a choice; it is printed.
 std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count);
 
 // For messages: what is needed to repeat it, and the calls around it.

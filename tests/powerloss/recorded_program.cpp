@@ -35,29 +35,6 @@ struct stat InfoOf(const std::string& path) {
   return info;
 }
 
-// The sectors of the file that are not zeros.
-std::map<std::uint64_t, std::string> SectorsOf(const std::string& path) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  Check(file.get() >= 0, path.c_str());
-  std::map<std::uint64_t, std::string> sectors;
-  const off_t length = ::lseek(file.get(), 0, SEEK_END);
-  std::string buffer(std::size_t{1} << 20, '\0');
-  for (off_t at = ::lseek(file.get(), 0, SEEK_DATA); at >= 0 && at < length;) {
-    at -= at % static_cast<off_t>(kSectorBytes);
-    const ssize_t count = ::pread(file.get(), buffer.data(), buffer.size(), at);
-    Check(count > 0, path.c_str());
-    for (std::size_t done = 0; done < static_cast<std::size_t>(count); done += kSectorBytes) {
-      std::string sector =
-          buffer.substr(done, std::min<std::size_t>(kSectorBytes, static_cast<std::size_t>(count) - done));
-      if (sector.find_first_not_of('\0') == std::string::npos) continue;
-      sector.resize(kSectorBytes);
-      sectors[(static_cast<std::uint64_t>(at) + done) / kSectorBytes] = std::move(sector);
-    }
-    at = ::lseek(file.get(), at + count, SEEK_DATA);
-  }
-  return sectors;
-}
-
 std::map<std::uint64_t, std::string> WithoutZeros(std::map<std::uint64_t, std::string> sectors) {
   std::erase_if(sectors, [](const auto& sector) { return sector.second.find_first_not_of('\0') == std::string::npos; });
   return sectors;
@@ -92,6 +69,28 @@ void WriteContent(const DiskFile& file, const std::string& path, std::mt19937& r
 }
 
 }  // namespace
+
+std::map<std::uint64_t, std::string> SectorsOf(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  Check(file.get() >= 0, path.c_str());
+  std::map<std::uint64_t, std::string> sectors;
+  const off_t length = ::lseek(file.get(), 0, SEEK_END);
+  std::string buffer(std::size_t{1} << 20, '\0');
+  for (off_t at = ::lseek(file.get(), 0, SEEK_DATA); at >= 0 && at < length;) {
+    at -= at % static_cast<off_t>(kSectorBytes);
+    const ssize_t count = ::pread(file.get(), buffer.data(), buffer.size(), at);
+    Check(count > 0, path.c_str());
+    for (std::size_t done = 0; done < static_cast<std::size_t>(count); done += kSectorBytes) {
+      std::string sector =
+          buffer.substr(done, std::min<std::size_t>(kSectorBytes, static_cast<std::size_t>(count) - done));
+      if (sector.find_first_not_of('\0') == std::string::npos) continue;
+      sector.resize(kSectorBytes);
+      sectors[(static_cast<std::uint64_t>(at) + done) / kSectorBytes] = std::move(sector);
+    }
+    at = ::lseek(file.get(), at + count, SEEK_DATA);
+  }
+  return sectors;
+}
 
 RecordedProgram::RecordedProgram(const std::string& folder, std::string recording, test::ProcessOptions program)
     : recording_(std::move(recording)), process_(Recorded(folder, recording_, std::move(program))) {}

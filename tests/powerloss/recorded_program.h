@@ -15,6 +15,9 @@
 
 namespace vexa::powerloss {
 
+// The sectors of the file that are not zeros, by their position. A last one that is not complete ends with zeros.
+std::map<std::uint64_t, std::string> SectorsOf(const std::string& path);
+
 class RecordedProgram {
  public:
   // What happens below `folder` is recorded in the file `recording`, which must not exist yet.

@@ -219,6 +219,28 @@ TEST_F(Files, CreateDirectories_FileInPath_IsConflict) {
   EXPECT_EQ(CreateDirectories(Path("f/a/b"), 0700).error().code(), ErrorCode::kConflict);
 }
 
+// Its name might be lost in a power failure, so there is no folder rather than one that is not durable.
+TEST_F(Files, CreateDirectories_ParentCannotBeSynced_LeavesNoFolder) {
+  fs::create_directory(Path("unreadable"));
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
+  ASSERT_EQ(::chmod(Path("unreadable").c_str(), 0333), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    constexpr uid_t kOther = 65534;
+    if (::geteuid() == 0 && ::setuid(kOther) != 0) ::_exit(2);
+    const Status made = CreateDirectories(Path("unreadable/new"), 0700);
+    const bool is_refused =
+        !made && made.error().ToString() == "Cannot sync the folder '" + Path("unreadable") + "': Permission denied";
+    ::_exit(is_refused ? 0 : 3);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_FALSE(fs::exists(Path("unreadable/new")));
+  ::chmod(Path("unreadable").c_str(), 0700);
+}
+
 TEST_F(Files, CreateDirectories_EmptyPath_Fails) { EXPECT_FALSE(CreateDirectories("", 0700).ok()); }
 
 TEST_F(Files, ReadPrivate_OwnFile_ReturnsContentAndStamp) {
