@@ -192,14 +192,16 @@ class Recovery {
   Result<void, Refusal> CheckNothingLost(const store::Snapshot& snapshot, const records::Run& run,
                                          const StoredObject& claim) const {
     const std::string host = HostName(snapshot, run.host_id);
-    if (run.saved && request_.saved == SavedMemory::kKeep) {
+    // A host that ended while it restored the guest may not have used up the saved memory.
+    const bool may_be_saved = run.saved || (run.starting && run.restoring);
+    if (may_be_saved && request_.saved == SavedMemory::kKeep) {
       return Refusal{
           kSavedMemoryLost,
           fmt::format(
               "The guest's saved memory is on the host '{}' and would be lost. Confirm that it may be discarded",
               host)};
     }
-    // libvirt starts an imported guest at boot of its host if its owner configured that.
+    // libvirt starts an imported guest at boot of its host if its owner configured that and the host never started it.
     const auto imported = snapshot.Get(records::DomainKey(request_.guest_id));
     const bool may_have_started = !imported || *imported;
     const bool is_proved =

@@ -129,6 +129,20 @@ TEST_F(GuestRecovery, Recover_DestinationGiven_BecomesGuestsHost) {
   EXPECT_EQ(Guest(kGuest)["host_id"], Json::Value(kAlive));
 }
 
+TEST_F(GuestRecovery, Recover_HostEndedWhileRestoring_SavedMemoryMustBeGivenUp) {
+  records::Run run;
+  run.host_id = kGone;
+  run.incarnation = 6;
+  run.starting = true;
+  run.restoring = true;
+  Put(records::RunKey(kGuest), records::SerializeRun(run));
+  RecoverRequest request = Request();
+  ExpectRefused(request, 974,
+                "The guest's saved memory is on the host 'beta' and would be lost. Confirm that it may be discarded");
+  request.saved = SavedMemory::kDiscard;
+  EXPECT_TRUE(RecoverGuest(host_.store(), request).ok());
+}
+
 TEST_F(GuestRecovery, Recover_NotConfirmed_IsRefused) {
   ExpectRefused(Request(MachineState::kUnknown), 972,
                 "The guest may still be running on the host 'beta', and a guest that runs twice destroys its disks. "
