@@ -34,7 +34,7 @@ class Flood {
   Flood(const Flood&) = delete;
   Flood& operator=(const Flood&) = delete;
 
-  // Connections so far, with those that have ended.
+  // Connections so far, with the ended ones.
   int opened() const { return opened_; }
 
   static constexpr int kPerAddress = 10;

@@ -1,8 +1,8 @@
-// All attackers at once: strangers with as many connections as they can open, a user without rights, a host without
-// membership, and somebody who guesses passwords, each doing something else every few seconds. Users, root and a host
-// go on working meanwhile. Each of their calls must be answered correctly, every edit that was acknowledged must be
-// there at the end and after a restart, memory and descriptors must be bounded, and the log must have nothing that is
-// not about the attackers.
+// All attackers at the same time: strangers with as many connections as they can open, a user without rights, a host
+// without membership, and somebody who guesses passwords, each doing something else every few seconds. Users, root and
+// a host go on working meanwhile. Each of their calls must be answered correctly, every edit that was acknowledged must
+// be there at the end and after a restart, memory and descriptors must be bounded, and the log must have nothing that
+// is not about the attackers.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -55,11 +55,11 @@ std::size_t StatusOf(const AttackedHost& host, const std::string& name) {
   Fail("the daemon has ended: " + host.LastLog());
 }
 
-Sample Look(const AttackedHost& host) {
+Sample Measure(const AttackedHost& host) {
   return {host.ResidentBytes(), StatusOf(host, "RssAnon") * kKib, host.Descriptors(), StatusOf(host, "Threads")};
 }
 
-// The lines of the log that kExpectedLines let through, except those that the start waits for.
+// The lines of the log that kExpectedLines let through, without the lines that the start waits for.
 std::string UnexpectedLines(const std::string& log) {
   std::istringstream lines(log);
   std::string unexpected;
@@ -70,7 +70,7 @@ std::string UnexpectedLines(const std::string& log) {
   return unexpected;
 }
 
-TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
+TEST(MixedLoadAttack, EverybodyAttacks_WorkIsDoneCorrectlyAndNothingGrows) {
   AttackedHostOptions options;
   options.doors = Doors::kUsersAndHosts;
   options.guests = Workers::kGuests;
@@ -79,7 +79,7 @@ TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
   options.launcher = {"/bin/bash", "-c", R"(exec "$@" 2> >(grep -vE --line-buffered "$0" >&2))", kExpectedLines};
   AttackedHost host(std::move(options));
   std::mt19937 random = MakeRandom();
-  const Sample first = Look(host);
+  const Sample first = Measure(host);
   Workers workers(host);
   Attackers attackers(host, kPlaces, random);
   const AttackTime time(kShortForm);
@@ -90,9 +90,9 @@ TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
     EXPECT_TRUE(HoldsInTime([&] { return host.Descriptors() <= first.descriptors + kMaxMoreDescriptors; }))
         << host.Descriptors() << " descriptors, " << first.descriptors << " at the start";
     if (!samples.empty()) {
-      (void)HoldsInTime([&] { return Look(host).anonymous <= samples[0].anonymous + kMaxGrowth; });
+      (void)HoldsInTime([&] { return Measure(host).anonymous <= samples[0].anonymous + kMaxGrowth; });
     }
-    samples.push_back(Look(host));
+    samples.push_back(Measure(host));
     Report(
         fmt::format("after {:.1f} minutes: {} MiB resident, {} MiB of them anonymous, {} descriptors, {} threads; {} "
                     "calls of work",
