@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -24,6 +25,8 @@ struct FloodKind {
   std::string trickle{};
   Replies replies = Replies::kAreRead;
 };
+
+inline std::ostream& operator<<(std::ostream& out, const FloodKind& kind) { return out << kind.name; }
 
 class Flood {
  public:
