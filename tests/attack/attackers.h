@@ -1,4 +1,4 @@
-// All attackers at once, each doing something else every few seconds.
+// All attackers at the same time, each doing something else every few seconds.
 #pragma once
 
 #include <chrono>

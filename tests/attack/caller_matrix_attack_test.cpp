@@ -157,7 +157,8 @@ TEST_F(CallerMatrix, AnyCaller_AnyMethod_HostileParameters_AreAnsweredAsDocument
   for (const AttackTime time(kShortForm); !time.IsOver() || passes == 0; ++passes) {
     if (passes > 0) Begin();
     for (const CallerRow& caller : Callers()) {
-      const std::string before = Everything();
+      // Those who may, come last: an administrator may have deleted the guest.
+      const std::string before = caller.may_change ? "" : Everything();
       client_.reset();
       for (const Method& method : methods_) {
         Attack(caller, method, values_for_each);

@@ -209,7 +209,7 @@ TEST(ClockAttack, Sessions_OfAnotherTime_EndNoLaterThanTheyShould) {
     ASSERT_NO_FATAL_FAILURE(try_times(now - offset, now - offset));
     ASSERT_NO_FATAL_FAILURE(try_times(now - offset, now + offset));
   }
-  Report(fmt::format("sessions from 40 years ago to in 40 years ended after {} s or at once", kLifetime));
+  Report(fmt::format("sessions from 40 years ago to in 40 years ended after at most {} s of use", kLifetime));
 }
 
 TEST(ClockAttack, Certificate_OnAnOpenConnection_EndsWithItsTime) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -190,6 +191,8 @@ TEST(DiskAttack, FullDisk_UnderLoad_RefusesWritesAndRecovers) {
 }
 
 TEST(DiskAttack, LimitOnFiles_UnderLoad_RefusesWritesAndRecovers) {
+  // Some programs that run tests ignore the signal, and their children inherit that.
+  ::signal(SIGXFSZ, SIG_DFL);
   const TempDir folder;
   AttackedHost host(OptionsIn(folder.path()));
   const auto limit = [&](rlim_t bytes) {

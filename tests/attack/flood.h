@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -25,6 +26,8 @@ struct FloodKind {
   Replies replies = Replies::kAreRead;
 };
 
+inline std::ostream& operator<<(std::ostream& out, const FloodKind& kind) { return out << kind.name; }
+
 class Flood {
  public:
   // `connections` at a time to this port of 127.0.0.1, from 127.1.1.1 and the addresses after it, `kPerAddress` each.
@@ -34,7 +37,7 @@ class Flood {
   Flood(const Flood&) = delete;
   Flood& operator=(const Flood&) = delete;
 
-  // Connections so far, with those that have ended.
+  // Connections so far, with the ended ones.
   int opened() const { return opened_; }
 
   static constexpr int kPerAddress = 10;

@@ -21,6 +21,9 @@ class Guesses {
   explicit Guesses(std::uint16_t port) {
     for (int i = 0; i < 4; ++i) threads_.emplace_back([this, i, port] { Run(i, port); });
   }
+  ~Guesses() { Finish(); }
+  Guesses(const Guesses&) = delete;
+  Guesses& operator=(const Guesses&) = delete;
   void Finish() {
     is_over_ = true;
     threads_.clear();

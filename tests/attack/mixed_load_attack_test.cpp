@@ -1,14 +1,15 @@
-// All attackers at once: strangers with as many connections as they can open, a user without rights, a host without
-// membership, and somebody who guesses passwords, each doing something else every few seconds. Users, root and a host
-// go on working meanwhile. Each of their calls must be answered correctly, every edit that was acknowledged must be
-// there at the end and after a restart, memory and descriptors must be bounded, and the log must have nothing that is
-// not about the attackers.
+// All attackers at the same time: strangers with as many connections as they can open, a user without rights, a host
+// without membership, and somebody who guesses passwords, each doing something else every few seconds. Users, root and
+// a host go on working meanwhile. Each of their calls must be answered correctly, every edit that was acknowledged must
+// be there at the end and after a restart, memory and descriptors must be bounded, and the log must have nothing that
+// is not about the attackers.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "tests/attack/attack.h"
 #include "tests/attack/attacked_host.h"
@@ -32,6 +33,7 @@ constexpr std::size_t kMib = 1024 * kKib;
 // Of memory that is not a file's, from the end of the first phase to that of any later one.
 constexpr std::size_t kMaxGrowth = 64 * kMib;
 constexpr std::size_t kMaxMoreDescriptors = 40;
+constexpr milliseconds kSettling{10'000};
 
 // What work, and refusals of the attackers, leave in the log.
 constexpr const char* kExpectedLines =
@@ -55,11 +57,22 @@ std::size_t StatusOf(const AttackedHost& host, const std::string& name) {
   Fail("the daemon has ended: " + host.LastLog());
 }
 
-Sample Look(const AttackedHost& host) {
+Sample Measure(const AttackedHost& host) {
   return {host.ResidentBytes(), StatusOf(host, "RssAnon") * kKib, host.Descriptors(), StatusOf(host, "Threads")};
 }
 
-// The lines of the log that kExpectedLines let through, except those that the start waits for.
+// Freed memory is given back within seconds, and the workers take some all the while: the least that was seen counts.
+Sample MeasureFor(milliseconds time, const AttackedHost& host) {
+  Sample least = Measure(host);
+  for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
+    std::this_thread::sleep_for(milliseconds(100));
+    const Sample now = Measure(host);
+    if (now.anonymous < least.anonymous) least = now;
+  }
+  return least;
+}
+
+// The lines of the log that kExpectedLines let through, without the lines that the start waits for.
 std::string UnexpectedLines(const std::string& log) {
   std::istringstream lines(log);
   std::string unexpected;
@@ -70,7 +83,7 @@ std::string UnexpectedLines(const std::string& log) {
   return unexpected;
 }
 
-TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
+TEST(MixedLoadAttack, EverybodyAttacks_WorkIsDoneCorrectlyAndNothingGrows) {
   AttackedHostOptions options;
   options.doors = Doors::kUsersAndHosts;
   options.guests = Workers::kGuests;
@@ -79,7 +92,7 @@ TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
   options.launcher = {"/bin/bash", "-c", R"(exec "$@" 2> >(grep -vE --line-buffered "$0" >&2))", kExpectedLines};
   AttackedHost host(std::move(options));
   std::mt19937 random = MakeRandom();
-  const Sample first = Look(host);
+  const Sample first = Measure(host);
   Workers workers(host);
   Attackers attackers(host, kPlaces, random);
   const AttackTime time(kShortForm);
@@ -89,10 +102,7 @@ TEST(MixedLoadAttack, EverybodyAtOnce_WorkIsDoneCorrectlyAndNothingGrows) {
     attackers.Attack(std::chrono::steady_clock::now() + phase);
     EXPECT_TRUE(HoldsInTime([&] { return host.Descriptors() <= first.descriptors + kMaxMoreDescriptors; }))
         << host.Descriptors() << " descriptors, " << first.descriptors << " at the start";
-    if (!samples.empty()) {
-      (void)HoldsInTime([&] { return Look(host).anonymous <= samples[0].anonymous + kMaxGrowth; });
-    }
-    samples.push_back(Look(host));
+    samples.push_back(MeasureFor(std::min(kSettling, phase / 4), host));
     Report(
         fmt::format("after {:.1f} minutes: {} MiB resident, {} MiB of them anonymous, {} descriptors, {} threads; {} "
                     "calls of work",
