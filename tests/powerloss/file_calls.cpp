@@ -10,13 +10,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
+#include "tests/powerloss/traced_thread.h"
 #include "tests/support/check.h"
 
 namespace vexa::powerloss {
@@ -27,37 +27,6 @@ namespace fs = std::filesystem;
 constexpr mode_t kModeBits = 07777;
 constexpr std::size_t kMaxReplyBytes = 4096;
 constexpr std::uint64_t kCurrentFolder = static_cast<std::uint32_t>(AT_FDCWD);
-
-std::string PathOfDescriptor(pid_t thread, std::uint64_t descriptor) {
-  return fmt::format("/proc/{}/fd/{}", thread, static_cast<int>(descriptor));
-}
-
-// The value of a line "name:\t<value>" of the descriptor.
-std::uint64_t FieldOf(pid_t thread, std::uint64_t descriptor, std::string_view name, int base) {
-  std::ifstream file(fmt::format("/proc/{}/fdinfo/{}", thread, static_cast<int>(descriptor)));
-  for (std::string line; std::getline(file, line);) {
-    if (!line.starts_with(name)) continue;
-    const std::size_t at = line.find_first_not_of(": \t", name.size());
-    std::uint64_t value = 0;
-    if (at == std::string::npos) break;
-    std::from_chars(line.data() + at, line.data() + line.size(), value, base);
-    return value;
-  }
-  test::Fail(fmt::format("The descriptor {} of {} has no '{}'", descriptor, thread, name));
-}
-
-// The first `bytes` bytes of the buffers.
-std::string ReadBuffers(pid_t thread, std::uint64_t buffers, std::uint64_t count, std::size_t bytes) {
-  const std::string text = ReadMemory(thread, buffers, count * sizeof(iovec));
-  std::vector<iovec> list(text.size() / sizeof(iovec));
-  std::memcpy(list.data(), text.data(), list.size() * sizeof(iovec));
-  std::string read;
-  for (const iovec& part : list) {
-    const std::size_t wanted = std::min(part.iov_len, bytes - read.size());
-    read += ReadMemory(thread, reinterpret_cast<std::uint64_t>(part.iov_base), wanted);
-  }
-  return read;
-}
 
 std::string BytesOf(pid_t thread, const SystemCall& call, std::size_t limit) {
   const auto& arguments = call.arguments;
@@ -173,7 +142,7 @@ void FileCalls::Begin(pid_t thread, SystemCall& call) {
   }
 }
 
-// Recorded before the call, since whoever waits for it may go on before the call has ended.
+// Recorded before the call, since its receiver may go on before the call has ended.
 void FileCalls::BeginReply(pid_t thread, const SystemCall& call) {
   struct stat info {};
   if (::stat(PathOfDescriptor(thread, call.arguments[0]).c_str(), &info) != 0) return;
