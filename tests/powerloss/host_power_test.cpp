@@ -255,6 +255,14 @@ TEST_F(HostPower, PowerFails_AnsweredChangesAreThereAndOthersWholeOrAbsent) {
   CheckAll(ChooseCuts(*model_, model_->start(), 60));
 }
 
+// The data folder may have been made by a daemon that was killed before its sync, or by an administrator.
+TEST_F(HostPower, PowerFails_FolderThatOthersMadeIsThere) {
+  test::ProcessOptions program = host_.Program();
+  program.argv.insert(program.argv.begin(), {"sh", "-c", "mkdir -m 700 " + Root() + "/data && exec \"$@\"", "sh"});
+  ASSERT_NO_FATAL_FAILURE(Record(program, [&] { Vexa({"repository", "add", "pool", "--id", kRepository}); }));
+  CheckAll(ChooseCuts(*model_, steps_.back().reply + 1, 8));
+}
+
 // What a daemon left to the kernel when it was killed, and the next one found, is as durable as what that one did
 // itself.
 class HostPowerAfterKill : public HostPower, public testing::WithParamInterface<int> {
