@@ -35,7 +35,7 @@ class FileCalls final : public CallWatcher {
   };
 
   void AddTree(const std::string& path, std::uint32_t number);
-  void Record(Call call);
+  void Record(const Call& call);
   void BeginReply(pid_t thread, const SystemCall& call);
 
   void EndOpen(pid_t thread, std::int64_t descriptor, std::uint64_t folder, std::uint64_t path, std::uint64_t flags,

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <vector>
 
 #include "tests/support/check.h"
 
@@ -40,7 +41,7 @@ void Handle(int signal, void (*handler)(int)) {
 
 // In the child: system calls that can change a file stop at the tracer, all others run at full speed.
 void LoadFilter() {
-  const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
+  scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
   Check(filter != nullptr, "seccomp_init");
   constexpr const char* kCalls[] = {
       "write",     "writev",    "pwrite64",  "pwritev",         "pwritev2",  "sendto",         "sendmsg",  "sendmmsg",
@@ -53,18 +54,19 @@ void LoadFilter() {
     if (number == __NR_SCMP_ERROR || number < 0) continue;  // this architecture does not have it
     Check(::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), number, 0) == 0, name);
   }
+  const auto has_flag = [](unsigned argument, std::uint64_t flag) {
+    return scmp_arg_cmp{argument, SCMP_CMP_MASKED_EQ, flag, flag};
+  };
+  const auto trace = [&](int number, const std::vector<scmp_arg_cmp>& arguments) {
+    const int failure = ::seccomp_rule_add_array(filter, SCMP_ACT_TRACE(0), number,
+                                                 static_cast<unsigned>(arguments.size()), arguments.data());
+    Check(failure == 0, "seccomp_rule_add_array");
+  };
   for (const std::uint64_t flag : {O_CREAT, O_TRUNC, O_TMPFILE & ~O_DIRECTORY}) {
-    Check(::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), SCMP_SYS(openat), 1, SCMP_A2(SCMP_CMP_MASKED_EQ, flag, flag)) ==
-              0,
-          "openat");
-    Check(
-        ::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), SCMP_SYS(open), 1, SCMP_A1(SCMP_CMP_MASKED_EQ, flag, flag)) == 0,
-        "open");
+    trace(SCMP_SYS(openat), {has_flag(2, flag)});
+    trace(SCMP_SYS(open), {has_flag(1, flag)});
   }
-  Check(::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), SCMP_SYS(mmap), 2,
-                           SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_WRITE, PROT_WRITE),
-                           SCMP_A3(SCMP_CMP_MASKED_EQ, MAP_SHARED, MAP_SHARED)) == 0,
-        "mmap");
+  trace(SCMP_SYS(mmap), {has_flag(2, PROT_WRITE), has_flag(3, MAP_SHARED)});
   Check(::seccomp_load(filter) == 0, "seccomp_load");
   ::seccomp_release(filter);
 }
