@@ -30,4 +30,8 @@ Status WriteFileAtomically(const std::string& path, std::string_view content, mo
 // kConflict when a component exists and is not a folder.
 Status CreateDirectories(const std::string& path, mode_t mode);
 
+// Makes the names in the folder durable, and its own name, whether this process made them or another one. A parent that
+// cannot be read is left out.
+Status SyncFolderAndParent(const std::string& path);
+
 }  // namespace vexa

@@ -295,6 +295,8 @@ class Daemon::Impl {
     Result<std::string> host_id = LoadHostId(config.data_directory);
     if (!host_id) return host_id.error();
     host_id_ = *host_id;
+    // Needed for existing ones as well: the daemon that made them may have been killed before its sync.
+    if (Status synced = SyncFolderAndParent(config.data_directory); !synced) return synced;
     auto store = OpenClusterStore(config);
     if (!store) return store.error();
     store_ = std::move(*store);

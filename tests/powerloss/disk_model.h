@@ -53,7 +53,7 @@ struct DiskFile {
   bool operator==(const DiskFile&) const = default;
 };
 
-// All files that have ever existed, by their numbers. Those that cannot be reached from the folder 0 are gone.
+// All files that have ever existed, by their numbers. A file that cannot be reached from the folder 0 is gone.
 struct Disk {
   std::map<std::uint32_t, DiskFile> files;
   // The content of a file; for tests. Empty when there is no file at the path, which is relative to the folder 0.

@@ -10,13 +10,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
+#include "tests/powerloss/traced_thread.h"
 #include "tests/support/check.h"
 
 namespace vexa::powerloss {
@@ -27,37 +27,6 @@ namespace fs = std::filesystem;
 constexpr mode_t kModeBits = 07777;
 constexpr std::size_t kMaxReplyBytes = 4096;
 constexpr std::uint64_t kCurrentFolder = static_cast<std::uint32_t>(AT_FDCWD);
-
-std::string PathOfDescriptor(pid_t thread, std::uint64_t descriptor) {
-  return fmt::format("/proc/{}/fd/{}", thread, static_cast<int>(descriptor));
-}
-
-// The value of a line "name:\t<value>" of the descriptor.
-std::uint64_t FieldOf(pid_t thread, std::uint64_t descriptor, std::string_view name, int base) {
-  std::ifstream file(fmt::format("/proc/{}/fdinfo/{}", thread, static_cast<int>(descriptor)));
-  for (std::string line; std::getline(file, line);) {
-    if (!line.starts_with(name)) continue;
-    const std::size_t at = line.find_first_not_of(": \t", name.size());
-    std::uint64_t value = 0;
-    if (at == std::string::npos) break;
-    std::from_chars(line.data() + at, line.data() + line.size(), value, base);
-    return value;
-  }
-  test::Fail(fmt::format("The descriptor {} of {} has no '{}'", descriptor, thread, name));
-}
-
-// The first `bytes` bytes of the buffers.
-std::string ReadBuffers(pid_t thread, std::uint64_t buffers, std::uint64_t count, std::size_t bytes) {
-  const std::string text = ReadMemory(thread, buffers, count * sizeof(iovec));
-  std::vector<iovec> list(text.size() / sizeof(iovec));
-  std::memcpy(list.data(), text.data(), list.size() * sizeof(iovec));
-  std::string read;
-  for (const iovec& part : list) {
-    const std::size_t wanted = std::min(part.iov_len, bytes - read.size());
-    read += ReadMemory(thread, reinterpret_cast<std::uint64_t>(part.iov_base), wanted);
-  }
-  return read;
-}
 
 std::string BytesOf(pid_t thread, const SystemCall& call, std::size_t limit) {
   const auto& arguments = call.arguments;
@@ -117,11 +86,11 @@ void FileCalls::AddTree(const std::string& path, std::uint32_t number) {
     }
     Call content = CallOn(CallKind::kWrite, call.object, count_);
     content.bytes = ContentOf(entry.path());
-    Record(std::move(content));
+    Record(content);
   }
 }
 
-void FileCalls::Record(Call call) {
+void FileCalls::Record(const Call& call) {
   WriteCall(output_, call);
   ++count_;
 }
@@ -173,7 +142,7 @@ void FileCalls::Begin(pid_t thread, SystemCall& call) {
   }
 }
 
-// Recorded before the call, since whoever waits for it may go on before the call has ended.
+// Recorded before the call, since its receiver may go on before the call has ended.
 void FileCalls::BeginReply(pid_t thread, const SystemCall& call) {
   struct stat info {};
   if (::stat(PathOfDescriptor(thread, call.arguments[0]).c_str(), &info) != 0) return;
@@ -186,7 +155,7 @@ void FileCalls::BeginReply(pid_t thread, const SystemCall& call) {
     if (!reply.bytes.starts_with("HTTP/")) return;
     reply.bytes.clear();
   }
-  Record(std::move(reply));
+  Record(reply);
 }
 
 void FileCalls::End(pid_t thread, const SystemCall& call, std::int64_t result) {
@@ -295,7 +264,7 @@ void FileCalls::EndOpen(pid_t thread, std::int64_t descriptor, std::uint64_t fol
     if (!NumberOf(PathOf(thread, folder, path))) return;
     call.kind = CallKind::kUnnamed;
     call.object = AddNumber(info);
-    return Record(std::move(call));
+    return Record(call);
   }
   const auto place = PlaceOf(thread, folder, path);
   if (!place) return;
@@ -305,7 +274,7 @@ void FileCalls::EndOpen(pid_t thread, std::int64_t descriptor, std::uint64_t fol
     call.folder = place->folder;
     call.name = place->name;
     names_[{place->folder, place->name}] = call.object;
-    return Record(std::move(call));
+    return Record(call);
   }
   const auto number = NumberAt(*place);
   if (!number || (flags & O_TRUNC) == 0) return;
@@ -321,7 +290,7 @@ void FileCalls::EndWrite(pid_t thread, const SystemCall& call, std::int64_t coun
   // The descriptor's own position is behind what it has written.
   write.offset = has_offset ? call.arguments[3] : FieldOf(thread, call.arguments[0], "pos", 10) - write.bytes.size();
   write.is_data_sync = (FieldOf(thread, call.arguments[0], "flags", 8) & O_DSYNC) != 0;  // O_SYNC contains it
-  Record(std::move(write));
+  Record(write);
 }
 
 void FileCalls::EndRename(const SystemCall& call, const std::optional<Place>& from, const std::optional<Place>& to) {
@@ -338,7 +307,7 @@ void FileCalls::EndRename(const SystemCall& call, const std::optional<Place>& fr
   rename.old_name = from->name;
   names_.erase({from->folder, from->name});
   names_[{to->folder, to->name}] = *number;
-  Record(std::move(rename));
+  Record(rename);
 }
 
 void FileCalls::EndLink(const SystemCall& call, const std::optional<Place>& to) {
@@ -349,7 +318,7 @@ void FileCalls::EndLink(const SystemCall& call, const std::optional<Place>& to) 
   link.folder = to->folder;
   link.name = to->name;
   names_[{to->folder, to->name}] = *number;
-  Record(std::move(link));
+  Record(link);
 }
 
 void FileCalls::EndRemove(const SystemCall& call, const std::optional<Place>& place) {
@@ -359,7 +328,7 @@ void FileCalls::EndRemove(const SystemCall& call, const std::optional<Place>& pl
   remove.folder = place->folder;
   remove.name = place->name;
   names_.erase({place->folder, place->name});
-  Record(std::move(remove));
+  Record(remove);
 }
 
 void FileCalls::EndMakeFolder(const SystemCall& call, const std::optional<Place>& place) {
@@ -370,7 +339,7 @@ void FileCalls::EndMakeFolder(const SystemCall& call, const std::optional<Place>
   make.name = place->name;
   make.mode = info.st_mode & kModeBits;
   names_[{place->folder, place->name}] = make.object;
-  Record(std::move(make));
+  Record(make);
 }
 
 void FileCalls::EndChange(const SystemCall& call, const std::string& path, CallKind kind, std::uint64_t value) {
@@ -382,7 +351,7 @@ void FileCalls::EndChange(const SystemCall& call, const std::string& path, CallK
   } else {
     change.offset = value;
   }
-  Record(std::move(change));
+  Record(change);
 }
 
 void FileCalls::EndSync(pid_t thread, const SystemCall& call) {
@@ -390,7 +359,7 @@ void FileCalls::EndSync(pid_t thread, const SystemCall& call) {
   if (!number) return;
   Call sync = CallOn(CallKind::kSync, *number, call.begun);
   sync.is_data_sync = call.number == SYS_fdatasync;
-  Record(std::move(sync));
+  Record(sync);
 }
 
 // `path`: of the file that the call changes; empty when that is unknown.
@@ -398,7 +367,7 @@ void FileCalls::Refuse(const SystemCall& call, const std::string& path) {
   if (!path.empty() && !NumberOf(path)) return;
   Call refused = CallOn(CallKind::kUnsupported, 0, call.begun);
   refused.name = fmt::format("system call {}", call.number);
-  Record(std::move(refused));
+  Record(refused);
 }
 
 }  // namespace vexa::powerloss

@@ -35,7 +35,7 @@ class FileCalls final : public CallWatcher {
   };
 
   void AddTree(const std::string& path, std::uint32_t number);
-  void Record(Call call);
+  void Record(const Call& call);
   void BeginReply(pid_t thread, const SystemCall& call);
 
   void EndOpen(pid_t thread, std::int64_t descriptor, std::uint64_t folder, std::uint64_t path, std::uint64_t flags,
@@ -49,7 +49,7 @@ class FileCalls final : public CallWatcher {
   void EndSync(pid_t thread, const SystemCall& call);
   void Refuse(const SystemCall& call, const std::string& path);
 
-  // The number of the file; not set for those that are not recorded.
+  // The number of the file; not set for a file that is not recorded.
   std::optional<std::uint32_t> NumberOf(const std::string& path) const;
   std::optional<std::uint32_t> NumberAt(const Place& place) const;
   static std::string PathOf(pid_t thread, std::uint64_t folder, std::uint64_t path);

@@ -122,8 +122,8 @@ class HostPower : public testing::Test {
     steps_.push_back(std::move(step));
   }
 
-  void Record(const std::function<void()>& work) {
-    program_ = std::make_unique<RecordedProgram>(Root(), File("recording"), host_.Program());
+  void Record(const test::ProcessOptions& program, const std::function<void()>& work) {
+    program_ = std::make_unique<RecordedProgram>(Root(), File("recording"), program);
     ASSERT_TRUE(ObservedHost::WaitUntilReady(program_->process())) << program_->process().errors();
     Answered();
     work();
@@ -133,6 +133,14 @@ class HostPower : public testing::Test {
     for (Step& step : steps_) step.reply = program_->ReplyBefore(step.position);
     model_ = std::make_unique<DiskModel>(program_->Calls());
     ASSERT_EQ(disk_.FindDifference(*model_), "");
+  }
+
+  void CheckAll(const std::vector<PowerCut>& cuts) {
+    for (const PowerCut& cut : cuts) {
+      SCOPED_TRACE(Describe(cut, *model_));
+      Check(cut);
+      if (HasFailure()) return;
+    }
   }
 
   struct Step {
@@ -208,7 +216,7 @@ class HostPower : public testing::Test {
 };
 
 TEST_F(HostPower, PowerFails_AnsweredChangesAreThereAndOthersWholeOrAbsent) {
-  ASSERT_NO_FATAL_FAILURE(Record([&] {
+  ASSERT_NO_FATAL_FAILURE(Record(host_.Program(), [&] {
     const std::vector<std::string> set_web{"guest", "set", kWeb};
     const auto set = [&](std::vector<std::string> words) {
       words.insert(words.begin(), set_web.begin(), set_web.end());
@@ -227,6 +235,8 @@ TEST_F(HostPower, PowerFails_AnsweredChangesAreThereAndOthersWholeOrAbsent) {
     Vexa({"user", "grant", "bob", kWeb});
     Login(kPassword);
     Login(kPassword);
+    host_.Call("VEXA.Core.Session/logout", "{}", tokens_.front());
+    Answered();
     Vexa({"image", "add", "setup", host_.Images() + "/setup.iso", "--id", kImage});
     set({"--iso", kImage});
     Vexa({"guest", "start", kWeb});
@@ -242,12 +252,62 @@ TEST_F(HostPower, PowerFails_AnsweredChangesAreThereAndOthersWholeOrAbsent) {
     Vexa({"user", "del", "bob"});
     Vexa({"image", "remove", "setup"});
   }));
-  for (const PowerCut& cut : ChooseCuts(*model_, 60)) {
-    SCOPED_TRACE(Describe(cut, *model_));
-    Check(cut);
-    if (HasFailure()) return;
-  }
+  CheckAll(ChooseCuts(*model_, model_->start(), 60));
 }
+
+// The data folder may have been made by a daemon that was killed before its sync, or by an administrator.
+TEST_F(HostPower, PowerFails_FolderThatOthersMadeIsThere) {
+  test::ProcessOptions program = host_.Program();
+  program.argv.insert(program.argv.begin(), {"sh", "-c", "mkdir -m 700 " + Root() + "/data && exec \"$@\"", "sh"});
+  ASSERT_NO_FATAL_FAILURE(Record(program, [&] { Vexa({"repository", "add", "pool", "--id", kRepository}); }));
+  CheckAll(ChooseCuts(*model_, steps_.back().reply + 1, 8));
+}
+
+// What a daemon left to the kernel when it was killed, and the next one found, is as durable as what that one did
+// itself.
+class HostPowerAfterKill : public HostPower, public testing::WithParamInterface<int> {
+ protected:
+  // Starts the daemon again when it was killed.
+  test::ProcessOptions ProgramThatRestarts() const {
+    test::ProcessOptions program = host_.Program();
+    program.argv.insert(program.argv.begin(), {"sh", "-c", "\"$@\"; exec \"$@\"", "sh"});
+    return program;
+  }
+
+  // Kills the daemon when it has written some more.
+  void KillDuring(std::vector<std::string> arguments, std::uint64_t more_bytes) {
+    const std::uint64_t end = program_->position() + more_bytes;
+    arguments.insert(arguments.begin(), {VEXA_PROGRAM, "--socket", host_.socket()});
+    test::Process vexa({.argv = arguments, .environment = {{"HOME", folder_.path()}}});
+    while (program_->position() < end && vexa.IsRunning()) std::this_thread::sleep_for(100us);
+    program_->process().Signal(SIGUSR1);
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    const auto is_ready_again = [&] {
+      const std::string log = program_->process().errors();
+      return log.find("Ready.") != log.rfind("Ready.");
+    };
+    while (!is_ready_again() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(is_ready_again()) << program_->process().errors();
+    Answered();
+  }
+};
+
+TEST_P(HostPowerAfterKill, PowerFails_WhatTheNextDaemonShowedIsThere) {
+  std::mt19937 random(std::random_device{}());
+  const std::uint64_t more_bytes = 1 + random() % 150'000;
+  SCOPED_TRACE(fmt::format("killed after {} more bytes", more_bytes));
+  ASSERT_NO_FATAL_FAILURE(Record(ProgramThatRestarts(), [&] {
+    Vexa({"repository", "add", "pool", "--id", kRepository});
+    Vexa({"import", File("web.xml"), "--repository-id", kRepository, "--host-id", HostId()});
+    const std::string disk = LastDiskOf(kWeb);
+    if (GetParam() == 0) KillDuring({"guest", "set", kWeb, "--add-disk", "1", "--del-disk", disk}, more_bytes);
+    if (GetParam() == 1) KillDuring({"guest", "delete", "--yes", kWeb}, more_bytes);
+    Vexa({"repository", "list"});
+  }));
+  CheckAll(ChooseCuts(*model_, steps_[steps_.size() - 2].reply + 1, 8));
+}
+
+INSTANTIATE_TEST_SUITE_P(DuringEditAndDeletion, HostPowerAfterKill, testing::Range(0, 2));
 
 }  // namespace
 }  // namespace vexa::powerloss

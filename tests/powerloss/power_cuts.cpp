@@ -22,7 +22,7 @@ std::string ToText(const Call& call) {
 
 }  // namespace
 
-std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count) {
+std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t first, std::size_t count) {
   const char* const own_seed = std::getenv("VEXA_TEST_SEED");
   const unsigned seed = own_seed == nullptr ? std::random_device{}() : static_cast<unsigned>(std::stoul(own_seed));
   const char* const own_count = std::getenv("VEXA_POWERLOSS_CUTS");
@@ -31,11 +31,11 @@ std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count) {
   const std::size_t end = model.calls().size();
   std::mt19937 random(seed);
   std::vector<PowerCut> cuts;
-  for (std::size_t at = model.start(); is_all && at <= end; ++at) {
+  for (std::size_t at = first; is_all && at <= end; ++at) {
     for (const Loss loss : kAllLosses) cuts.push_back({at, loss, static_cast<unsigned>(random())});
   }
   std::vector<std::size_t> near;
-  for (std::size_t at = model.start(); at < end; ++at) {
+  for (std::size_t at = first; at < end; ++at) {
     const CallKind kind = model.calls()[at].kind;
     // The first of several replies is the one that something has been done for.
     const bool is_reply = kind == CallKind::kReply && model.calls()[at - 1].kind != CallKind::kReply;
@@ -43,11 +43,10 @@ std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count) {
   }
   while (!is_all && cuts.size() < count) {
     const bool is_near = !near.empty() && random() % 2 == 0;
-    const std::size_t at =
-        is_near ? near[random() % near.size()] : model.start() + random() % (end - model.start() + 1);
+    const std::size_t at = is_near ? near[random() % near.size()] : first + random() % (end - first + 1);
     cuts.push_back({at, kAllLosses[random() % std::size(kAllLosses)], static_cast<unsigned>(random())});
   }
-  fmt::print("VEXA_TEST_SEED={}: {} cuts in {} calls\n", seed, cuts.size(), end - model.start());
+  fmt::print("VEXA_TEST_SEED={}: {} cuts in {} calls\n", seed, cuts.size(), end - first);
   return cuts;
 }
 

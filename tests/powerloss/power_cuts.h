@@ -16,9 +16,10 @@ struct PowerCut {
   unsigned seed = 0;  // of what is random in it
 };
 
-// `count` cuts at random, half of them just before or after a sync or a reply. In the environment, VEXA_POWERLOSS_CUTS
-// is another number, or "all": after each call, with each loss. VEXA_TEST_SEED repeats a choice; it is printed.
-std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t count);
+// `count` cuts at random from the call `first` on, half of them just before or after a sync or a reply. In the
+// environment, VEXA_POWERLOSS_CUTS is another number, or "all": after each call, with each loss. VEXA_TEST_SEED repeats
+// a choice; it is printed.
+std::vector<PowerCut> ChooseCuts(const DiskModel& model, std::size_t first, std::size_t count);
 
 // For messages: what is needed to repeat it, and the calls around it.
 std::string Describe(const PowerCut& cut, const DiskModel& model);

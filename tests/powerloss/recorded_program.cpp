@@ -142,7 +142,8 @@ std::string DiskFolder::Compare(const Disk& disk, std::uint32_t number, const st
   }
   for (const auto& [name, child] : file.names) {
     if (found.erase(name) == 0) return fmt::format("'{}/{}' is missing", path, name);
-    if (std::string difference = Compare(disk, child, path + "/" + name); !difference.empty()) return difference;
+    if (std::string difference = Compare(disk, child, fmt::format("{}/{}", path, name)); !difference.empty())
+      return difference;
   }
   return found.empty() ? "" : fmt::format("'{}/{}' was not recorded", path, *found.begin());
 }
@@ -170,7 +171,8 @@ void DiskFolder::Clear(const std::string& path) {
 }
 
 void DiskFolder::Fill(const Disk& disk, std::uint32_t number, const std::string& path, std::mt19937& random) {
-  for (const auto& [name, child] : disk.files.at(number).names) Place(disk, child, path + "/" + name, random);
+  for (const auto& [name, child] : disk.files.at(number).names)
+    Place(disk, child, fmt::format("{}/{}", path, name), random);
 }
 
 void DiskFolder::Place(const Disk& disk, std::uint32_t number, const std::string& path, std::mt19937& random) {

@@ -1,6 +1,6 @@
 // Records what a program does to the files below a folder: power_recorder FOLDER RECORDING PROGRAM [ARGUMENT…]
 //
-// The program runs under ptrace(2), so that calls are seen whoever makes them: the program, its libraries or the C
+// The program runs under ptrace(2), so that every call is seen: of the program, of its libraries, and of the C
 // library for its own purposes. Only writes through a memory map are not seen; the recording says which files were
 // mapped. The exit code is the program's.
 #include <cstdio>

@@ -134,7 +134,7 @@ class CommittedStore : public testing::Test {
 TEST_F(CommittedStore, PowerFails_AcknowledgedCommitsAreThereAndOthersWholeOrAbsent) {
   const std::string store_folder = Root() + "/store";
   ASSERT_NO_FATAL_FAILURE(Record({"12", store_folder}));
-  for (const PowerCut& cut : ChooseCuts(*model_, 800)) {
+  for (const PowerCut& cut : ChooseCuts(*model_, model_->start(), 800)) {
     SCOPED_TRACE(Describe(cut, *model_));
     std::mt19937 random(cut.seed);
     disk_.Put(model_->After(cut.at, cut.loss, random), random);
@@ -153,7 +153,7 @@ TEST_F(CommittedStore, PowerFailsOfMirroredStore_CopyIsAStateThatThePrimaryHad) 
   const std::string primary_folder = Root() + "/primary";
   const std::string copy_folder = Root() + "/mirror";
   ASSERT_NO_FATAL_FAILURE(Record({"8", primary_folder, copy_folder}));
-  for (const PowerCut& cut : ChooseCuts(*model_, 400)) {
+  for (const PowerCut& cut : ChooseCuts(*model_, model_->start(), 400)) {
     SCOPED_TRACE(Describe(cut, *model_));
     std::mt19937 random(cut.seed);
     disk_.Put(model_->After(cut.at, cut.loss, random), random);

@@ -1,19 +1,20 @@
 #include "tests/powerloss/traced_program.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <seccomp.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <climits>
+#include <filesystem>
 #include <map>
 #include <set>
+#include <vector>
 
 #include "tests/support/check.h"
 
@@ -24,13 +25,23 @@ using test::Check;
 
 std::atomic<pid_t> program = -1;  // for the signal handler
 
+std::atomic<bool> is_kill_requested = false;
+
 extern "C" void PassOn(int signal) {
   if (program > 0) ::kill(program, signal);
 }
 
+extern "C" void RequestKill(int) { is_kill_requested = true; }
+
+void Handle(int signal, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  Check(::sigaction(signal, &action, nullptr) == 0, "sigaction");
+}
+
 // In the child: system calls that can change a file stop at the tracer, all others run at full speed.
 void LoadFilter() {
-  const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
+  scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
   Check(filter != nullptr, "seccomp_init");
   constexpr const char* kCalls[] = {
       "write",     "writev",    "pwrite64",  "pwritev",         "pwritev2",  "sendto",         "sendmsg",  "sendmmsg",
@@ -43,18 +54,19 @@ void LoadFilter() {
     if (number == __NR_SCMP_ERROR || number < 0) continue;  // this architecture does not have it
     Check(::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), number, 0) == 0, name);
   }
+  const auto has_flag = [](unsigned argument, std::uint64_t flag) {
+    return scmp_arg_cmp{argument, SCMP_CMP_MASKED_EQ, flag, flag};
+  };
+  const auto trace = [&](int number, const std::vector<scmp_arg_cmp>& arguments) {
+    const int failure = ::seccomp_rule_add_array(filter, SCMP_ACT_TRACE(0), number,
+                                                 static_cast<unsigned>(arguments.size()), arguments.data());
+    Check(failure == 0, "seccomp_rule_add_array");
+  };
   for (const std::uint64_t flag : {O_CREAT, O_TRUNC, O_TMPFILE & ~O_DIRECTORY}) {
-    Check(::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), SCMP_SYS(openat), 1, SCMP_A2(SCMP_CMP_MASKED_EQ, flag, flag)) ==
-              0,
-          "openat");
-    Check(
-        ::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), SCMP_SYS(open), 1, SCMP_A1(SCMP_CMP_MASKED_EQ, flag, flag)) == 0,
-        "open");
+    trace(SCMP_SYS(openat), {has_flag(2, flag)});
+    trace(SCMP_SYS(open), {has_flag(1, flag)});
   }
-  Check(::seccomp_rule_add(filter, SCMP_ACT_TRACE(0), SCMP_SYS(mmap), 2,
-                           SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_WRITE, PROT_WRITE),
-                           SCMP_A3(SCMP_CMP_MASKED_EQ, MAP_SHARED, MAP_SHARED)) == 0,
-        "mmap");
+  trace(SCMP_SYS(mmap), {has_flag(2, PROT_WRITE), has_flag(3, MAP_SHARED)});
   Check(::seccomp_load(filter) == 0, "seccomp_load");
   ::seccomp_release(filter);
 }
@@ -84,6 +96,7 @@ class Tracer {
   int Run() {
     Continue(child_, PTRACE_CONT, 0);
     while (true) {
+      if (is_kill_requested && calls_.empty()) KillStarted();
       int status = 0;
       const pid_t thread = ::waitpid(-1, &status, __WALL);
       if (thread < 0 && errno == EINTR) continue;
@@ -100,6 +113,14 @@ class Tracer {
   }
 
  private:
+  void KillStarted() {
+    is_kill_requested = false;
+    for (const pid_t thread : known_) {
+      const bool is_program = std::filesystem::exists(fmt::format("/proc/{}/task/{}", child_, thread));
+      if (!is_program) ::kill(thread, SIGKILL);
+    }
+  }
+
   void HandleStop(pid_t thread, int status) {
     const int signal = WSTOPSIG(status);
     const int event = status >> 16;
@@ -158,34 +179,9 @@ class Tracer {
 int RunTraced(char** argv, CallWatcher& watcher) {
   const pid_t child = Start(argv);
   program = child;
-  for (const int signal : {SIGTERM, SIGINT}) {
-    struct sigaction action {};
-    action.sa_handler = PassOn;
-    Check(::sigaction(signal, &action, nullptr) == 0, "sigaction");
-  }
+  for (const int signal : {SIGTERM, SIGINT}) Handle(signal, PassOn);
+  Handle(SIGUSR1, RequestKill);
   return Tracer(child, watcher).Run();
-}
-
-std::string ReadMemory(pid_t thread, std::uint64_t address, std::size_t bytes) {
-  std::string text(bytes, '\0');
-  const iovec local{text.data(), bytes};
-  const iovec remote{reinterpret_cast<void*>(address), bytes};
-  const ssize_t count = ::process_vm_readv(thread, &local, 1, &remote, 1, 0);
-  text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
-  return text;
-}
-
-std::string ReadText(pid_t thread, std::uint64_t address) {
-  constexpr std::uint64_t kPage = 4096;
-  std::string text;
-  while (text.size() < PATH_MAX) {
-    // Up to the end of the page: the next one may not exist.
-    const std::string more = ReadMemory(thread, address + text.size(), kPage - (address + text.size()) % kPage);
-    const std::size_t end = more.find('\0');
-    text += more.substr(0, end);
-    if (end != std::string::npos || more.empty()) break;
-  }
-  return text;
 }
 
 }  // namespace vexa::powerloss

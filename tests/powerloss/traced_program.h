@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdint>
-#include <string>
 
 namespace vexa::powerloss {
 
@@ -25,11 +24,8 @@ class CallWatcher {
 };
 
 // Returns the exit code of the program, or 128 and the number of the signal that ended it. SIGTERM and SIGINT are
-// passed on to it. No traced process outlives the caller.
+// passed on to it. SIGUSR1 kills (-9) the processes that it has started, at a moment when the effects of all calls are
+// known: of a call that a kill interrupts they are not. No traced process outlives the caller.
 int RunTraced(char** argv, CallWatcher& watcher);
-
-// What a stopped thread has at `address`; fewer bytes where it cannot be read.
-std::string ReadMemory(pid_t thread, std::uint64_t address, std::size_t bytes);
-std::string ReadText(pid_t thread, std::uint64_t address);  // up to the first NUL
 
 }  // namespace vexa::powerloss
