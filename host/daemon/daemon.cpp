@@ -165,9 +165,9 @@ class Daemon::Impl {
   explicit Impl(const Config& config)
       : config_(config),
         limiter_(session::LoginLimiterOptions{}),
-        quick_(QuickLane()),
-        long_running_(LongLane(config)),
-        hosts_(HostLane(config)),
+        quick_(ForCallers(QuickLane())),
+        long_running_(ForCallers(LongLane(config))),
+        hosts_(ForCallers(HostLane(config))),
         local_(LocalLane(config)),
         items_(ItemLane(config)) {}
 
@@ -258,6 +258,12 @@ class Daemon::Impl {
   }
 
  private:
+  // A lane for callers from outside.
+  LaneOptions ForCallers(LaneOptions lane) const {
+    lane.recent_owners = callers_;
+    return lane;
+  }
+
   // Called when no request needs other hosts any more: a renewal must not wait for one that hangs.
   void StopCertificate() {
     if (!certificate_) return;
@@ -586,6 +592,7 @@ class Daemon::Impl {
   std::unique_ptr<api::Dispatcher> dispatcher_;
   std::unique_ptr<api::LocalCaller> local_caller_;
   std::unique_ptr<api::LocalCaller> item_caller_;
+  const std::shared_ptr<RecentOwners> callers_ = std::make_shared<RecentOwners>();
   Lane quick_;
   Lane long_running_;
   Lane hosts_;
