@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <deque>
@@ -69,6 +70,7 @@ class Lane::Impl : public std::enable_shared_from_this<Lane::Impl> {
   explicit Impl(const LaneOptions& options) : options_(options), queue_(options.limits) {
     options_.min_threads = std::max(options_.min_threads, 0);
     options_.max_threads = std::max({options_.max_threads, options_.min_threads, 1});
+    if (!options_.recent_owners) options_.recent_owners = std::make_shared<RecentOwners>();
     options_.name.resize(std::min<std::size_t>(options_.name.size(), 8));
   }
 
@@ -143,6 +145,7 @@ Lane::SubmitResult Lane::Impl::Submit(const JobOwner& owner, std::function<void(
   const FairQueue::PushResult pushed = queue_.Push(owner, std::move(job));
   if (pushed == FairQueue::PushResult::kFull) return refuse(SubmitResult::kQueueFull);
   if (pushed == FairQueue::PushResult::kOverQuota) return refuse(SubmitResult::kOverQuota);
+  options_.recent_owners->Note(owner.user, Clock::now());
   if (queue_.waiting() > queue_.ready()) StartOrWakeMonitor();  // it decides when the owner may start more
   if (IsCovered()) return SubmitResult::kAccepted;
   if (!idle_workers_.empty()) {
@@ -241,6 +244,7 @@ void Lane::Impl::RunNextJob() {
     const MutexUnlock unlocked(mutex_);
     job.run();
     job.run = nullptr;  // destroys what the job captured before the job counts as done
+    if (job.has_successors && options_.recent_owners->AreSeveral(Clock::now())) ::sched_yield();
   }
   --busy_;
   ++done_;

@@ -165,10 +165,10 @@ class Daemon::Impl {
   explicit Impl(const Config& config)
       : config_(config),
         limiter_(session::LoginLimiterOptions{}),
-        quick_(QuickLane()),
-        long_running_(LongLane(config)),
-        hosts_(HostLane(config)),
-        quick_hosts_(QuickHostLane(config)),
+        quick_(ForCallers(QuickLane())),
+        long_running_(ForCallers(LongLane(config))),
+        hosts_(ForCallers(HostLane(config))),
+        quick_hosts_(ForCallers(QuickHostLane(config))),
         local_(LocalLane(config)),
         items_(ItemLane(config)) {}
 
@@ -265,6 +265,12 @@ class Daemon::Impl {
   }
 
  private:
+  // A lane for callers from outside.
+  LaneOptions ForCallers(LaneOptions lane) const {
+    lane.recent_owners = callers_;
+    return lane;
+  }
+
   // Called when no request needs other hosts any more: a renewal must not wait for one that hangs. The storage of the
   // certificates may hang as well. False: a check of them still runs.
   bool StopCertificate(std::chrono::milliseconds timeout) {
@@ -599,6 +605,7 @@ class Daemon::Impl {
   std::unique_ptr<api::Dispatcher> dispatcher_;
   std::unique_ptr<api::LocalCaller> local_caller_;
   std::unique_ptr<api::LocalCaller> item_caller_;
+  const std::shared_ptr<RecentOwners> callers_ = std::make_shared<RecentOwners>();
   Lane quick_;
   Lane long_running_;
   Lane hosts_;

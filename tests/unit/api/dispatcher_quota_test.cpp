@@ -97,6 +97,20 @@ TEST_F(DispatcherQuota, List_WithTooManyElements_IsBadParameter) {
   EXPECT_EQ(calls_, 4);
 }
 
+// Their text takes as long as several calls, and anybody on this machine may read it.
+TEST_F(DispatcherQuota, Metrics_AreWrittenOnAThreadOfALane) {
+  std::thread::id writer;
+  metrics_text_ = [&] {
+    writer = std::this_thread::get_id();
+    return std::string("figures");
+  };
+  address_ = "127.0.0.1";
+  EXPECT_EQ(Send(Request("GET", "/metrics", "")), kOk);
+  EXPECT_NE(writer, std::thread::id());
+  EXPECT_NE(writer, std::this_thread::get_id()) << "the others of the I/O thread wait meanwhile";
+  EXPECT_TRUE(Eventually([&] { return lane_.stats().done == 1; }));
+}
+
 TEST_F(DispatcherQuota, Body_OfCallerWithoutRights_IsNotRead) {
   const std::string body = BodyOfValues(api::kDefaultBodyValues + 1);
   EXPECT_EQ(SendBody(Request("POST", "/webapi/T/admin", TokenOf("mallory", {})), body), 403);

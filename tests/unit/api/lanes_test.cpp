@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <thread>
+
 namespace vexa::daemon {
 namespace {
 
@@ -16,6 +19,10 @@ TEST(Lanes, Lane_CallersOfOthers_CannotTakeAllThreads) {
   for (const LaneOptions& lane : {QuickLane(), LongLane(config), HostLane(config), QuickHostLane(config)}) {
     EXPECT_GT(lane.limits.per_user, 0u) << lane.name;
     EXPECT_LT(lane.limits.per_user, lane.limits.queued) << lane.name;
+  }
+  for (const LaneOptions& lane : {QuickLane(), LongLane(config)}) {
+    EXPECT_EQ(lane.limits.active_per_user, std::max(1u, std::thread::hardware_concurrency()))
+        << lane.name << ": more threads would only wait for each other's processors";
   }
   const LaneOptions quick = QuickLane();
   EXPECT_LE(quick.limits.active_per_user, static_cast<std::size_t>(quick.max_threads) / 2)
